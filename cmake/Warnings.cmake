@@ -1,0 +1,25 @@
+# The flags all code of the project is compiled with. Warnings are errors.
+add_library(znc_flags INTERFACE)
+target_compile_options(znc_flags INTERFACE
+    -Wall -Wextra -Wshadow -Wconversion -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+
+# Hardening; a test checks the built files for it.
+target_compile_options(znc_flags INTERFACE
+    -fstack-protector-strong -fstack-clash-protection
+    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>
+    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${ZNC_SANITIZE},>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
+target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+
+if(ZNC_SANITIZE)
+    target_compile_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE} -fno-omit-frame-pointer -g
+        $<$<NOT:$<STREQUAL:${ZNC_SANITIZE},thread>>:-fno-sanitize-recover=all>)
+    target_link_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE})
+endif()
+
+# Library and platform code: C at the boundary, nothing throws, nothing needs run-time types.
+add_library(znc_library_flags INTERFACE)
+target_link_libraries(znc_library_flags INTERFACE znc_flags)
+target_compile_options(znc_library_flags INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)

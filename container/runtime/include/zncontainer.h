@@ -1,0 +1,478 @@
+/*
+ * zncontainer.h - the container runtime library: containers, bundles, images.
+ *
+ * Conventions
+ *
+ *  1. Errors. A function of type STATUS returns OK or ERROR; one that returns a pointer returns
+ *     NULL on failure. Unless said otherwise a failure leaves its reason in the task error
+ *     number (`errno`): an S_zncLib_ code of this header or a number of <errno.h>. The
+ *     number means nothing after success. zncUtilShowErr prints the message for either.
+ *  2. Ownership. Text returned as `char*` is malloc'd and freed by the caller with free().
+ *     `const char*` results are constant and never freed. Arguments are borrowed for the call.
+ *  3. Threads. Functions may be called from any task of any process, unless their group says
+ *     that they belong to the daemon task. No function changes process-wide state: no signal
+ *     handlers, working directory, locale or umask.
+ *  4. Blocking. Functions that talk to the daemon wait up to 5 seconds for each piece of its
+ *     reply. zncStart without option 4 waits for the container's process. zncUnpack and
+ *     zncImageInfoGet take as long as the image is large. Everything else is quick.
+ *  5. Text is bytes ended by NUL; JSON is UTF-8. Paths have at most 1023 bytes, container
+ *     ids at most 255.
+ *  6. Nothing is printed but by zncUtilShowErr, zncUtilCredGetFromStdin, and the daemon-backed
+ *     functions, which print the progress texts that the daemon sent, each as "text.\n" on
+ *     standard output. The environment variable ZNC_VERBOSE set to "0" silences those.
+ *  7. Signal numbers are the system's own (see zncUtilSignalNo), not the host's.
+ *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1.
+ *
+ * The wire format and the JSON document builders are in zncprotocol.h.
+ */
+#ifndef ZNCONTAINER_H
+#define ZNCONTAINER_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------ basic types */
+
+typedef int STATUS;    /* OK or ERROR */
+typedef int32_t BOOL;  /* TRUE or FALSE */
+typedef uint8_t UINT8;
+typedef uint32_t UINT32;
+typedef int32_t OBJ_HANDLE; /* a process, by its id */
+typedef int32_t nsid_t;     /* a namespace; -1: none */
+
+#define OK 0
+#define ERROR (-1)
+#define TRUE 1
+#define FALSE 0
+
+struct cJSON; /* a JSON tree of the cJSON library */
+
+/* ------------------------------------------------------------------ error codes */
+
+#define M_zncLib (0xdf << 16)
+
+#define S_zncLib_LAYOUT_NOT_FOUND (M_zncLib | 0x01)
+#define S_zncLib_LAYOUT_INVALID (M_zncLib | 0x02)
+#define S_zncLib_INDEX_NOT_FOUND (M_zncLib | 0x03)
+#define S_zncLib_INDEX_INVALID (M_zncLib | 0x04)
+#define S_zncLib_PLATFORM_NOT_FOUND (M_zncLib | 0x05)
+#define S_zncLib_CONFIG_NOT_FOUND (M_zncLib | 0x06)
+#define S_zncLib_CONFIG_INVALID (M_zncLib | 0x07)
+#define S_zncLib_MANIFEST_NOT_FOUND (M_zncLib | 0x08)
+#define S_zncLib_MANIFEST_INVALID (M_zncLib | 0x09)
+#define S_zncLib_BUNDLE_PATH_TOO_LONG (M_zncLib | 0x0a)
+#define S_zncLib_BUNDLE_CONFIG_PARAM_INVALID (M_zncLib | 0x0b)
+#define S_zncLib_BUNDLE_ROOTFS_EXISTS (M_zncLib | 0x0c)
+#define S_zncLib_BUNDLE_CONFIG_EXISTS (M_zncLib | 0x0d)
+#define S_zncLib_BUNDLE_CONFIG_NOT_EXIST (M_zncLib | 0x0e)
+#define S_zncLib_OCI_VERSION_INVALID (M_zncLib | 0x0f)
+#define S_zncLib_OCI_ROOT_INVALID (M_zncLib | 0x10)
+#define S_zncLib_OCI_CWD_INVALID (M_zncLib | 0x11)
+#define S_zncLib_OCI_ARG_INVALID (M_zncLib | 0x12)
+#define S_zncLib_RTP_SPAWN_FAILED (M_zncLib | 0x13)
+#define S_zncLib_RUNTIME_CONFIG_LOAD_FAILED (M_zncLib | 0x14)
+#define S_zncLib_MOUNT_FAILED (M_zncLib | 0x15)
+#define S_zncLib_UNMOUNT_FAILED (M_zncLib | 0x16)
+#define S_zncLib_CONTAINER_EXISTS (M_zncLib | 0x17)
+#define S_zncLib_BUNDLE_IN_USE (M_zncLib | 0x18)
+#define S_zncLib_NAMESPACE_CREATE_FAILED (M_zncLib | 0x19)
+#define S_zncLib_ROOTFS_CREATE_FAILED (M_zncLib | 0x1a)
+#define S_zncLib_ADDITIONAL_MOUNT_FAILED (M_zncLib | 0x1b)
+/* 0x1c and 0x1d are not assigned. */
+#define S_zncLib_INVALID_FORMAT_OPTION (M_zncLib | 0x1e)
+#define S_zncLib_DAEMON_NOT_RUNNING (M_zncLib | 0x1f)
+#define S_zncLib_SIGNATURE_MISSING (M_zncLib | 0x20)
+#define S_zncLib_SIGNATURE_VERIFY_FAILED (M_zncLib | 0x21)
+
+/* The process layer's own code for an id that names no running process. */
+#define S_znProcess_NOT_RUNNING 0xb20004
+
+/* ------------------------------------------------------------------ containers: types */
+
+/* A container's life state. State documents carry the number. */
+typedef enum containerStatus {
+    STATE_CREATING = 0, /* being made; never seen from outside */
+    STATE_CREATED = 1,  /* ready to be started */
+    STATE_RUNNING = 2,  /* started; processes live in its namespace */
+    STATE_STOPPED = 3,  /* has run; cannot be started again */
+    STATE_UNKNOWN = 4   /* not known, or no such container */
+} CONTAINER_STATUS;
+
+/* Attributes of a container to create. Accepted and not used. */
+typedef struct zncAttr {
+    const char* reserve;
+} ZNC_ATTR;
+
+/* Which image of a layout to unpack. */
+typedef struct zncBundleAttr {
+    const char* platform; /* operating system; NULL: "zarnel" */
+    const char* arch;     /* architecture; NULL: "amd64" */
+} ZNC_BUNDLE_ATTR;
+
+/* Option bits of the client functions. */
+#define ZNC_OPT_WHOLE_NAMESPACE 0x2u /* zncKill: every process; zncDelete: also a running one */
+#define ZNC_OPT_NO_WAIT 0x4u         /* zncStart: return once the process runs */
+#define ZNC_OPT_FLATTEN 0x1u         /* zncUnpack: one flattened tree instead of layers */
+
+/* ------------------------------------------------------------------ containers: client functions
+ *
+ * Each is one request to the daemon and its answer. Besides the numbers named, each can fail
+ * with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also: arguments too long for one request of
+ * 1843 bytes of JSON), and with 0 when the request or its reply got lost (no reply within 5 s).
+ */
+
+/*
+ * Create container `containerId` (1 to 255 bytes, no "/" or "\", not "." or "..") from the bundle
+ * directory `bundlePath`; a relative path is resolved here. `option` is passed on and
+ * `pAttr` (may be NULL) is ignored. On OK the container is in STATE_CREATED.
+ * EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay filesystem a
+ * bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
+ * S_zncLib_RUNTIME_CONFIG_LOAD_FAILED, S_zncLib_OCI_VERSION_INVALID, S_zncLib_OCI_ROOT_INVALID,
+ * S_zncLib_OCI_CWD_INVALID, S_zncLib_OCI_ARG_INVALID, S_zncLib_ROOTFS_CREATE_FAILED,
+ * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or realpath's number.
+ */
+STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int option,
+                 const ZNC_ATTR* pAttr);
+
+/*
+ * Start a created container. Its process is a child of the caller and has the caller's standard
+ * streams. With ZNC_OPT_NO_WAIT returns OK at once and the caller reaps the child; without
+ * it, waits and returns the child's process id (not OK), or ERROR. Test for ERROR.
+ * EINVAL, ENODEV (no such container), EBUSY (not in STATE_CREATED), S_zncLib_RTP_SPAWN_FAILED,
+ * EBADMSG. After S_zncLib_RTP_SPAWN_FAILED the container counts as run: delete it.
+ */
+STATUS zncStart(const char* containerId, unsigned int option);
+
+/*
+ * Send a signal (the system's number) to the container's process, or with
+ * ZNC_OPT_WHOLE_NAMESPACE to all of its processes. A container that does not run is left alone: OK.
+ * EINVAL, ENODEV, ESRCH (the process is gone or not yet known).
+ */
+STATUS zncKill(const char* containerId, int signo, unsigned int option);
+
+/*
+ * Delete a container and all that create made. A running one needs ZNC_OPT_WHOLE_NAMESPACE: its
+ * processes are then killed. EINVAL, ENODEV, EBUSY (running), S_zncLib_UNMOUNT_FAILED.
+ */
+STATUS zncDelete(const char* containerId, unsigned int option);
+
+/*
+ * The state of a container as JSON: "ociVersion", "id", "status" (a CONTAINER_STATUS number),
+ * "bundle". NULL with EINVAL, ENODEV or EBADMSG.
+ */
+char* zncState(const char* containerId);
+
+/* The same, only the status. STATE_UNKNOWN on every failure, with the task error number set. */
+CONTAINER_STATUS zncStatusGet(const char* containerId);
+
+/* All containers, as a JSON array of states in ascending order of ids ("[]" when there are none). */
+char* zncList(void);
+
+/*
+ * All about one container: a JSON array with one inspection document. NULL with EINVAL, ENODEV
+ * or EBADMSG.
+ */
+char* zncContainerInfoGet(const char* containerId);
+
+/* Whether a daemon answers. */
+BOOL zncDaemonIsAlive(void);
+
+/* ------------------------------------------------------------------ images: client functions */
+
+/*
+ * Unpack an image of the OCI layout directory `ociPath` into the bundle directory `bundlePath`: a
+ * root filesystem and a "config.json". The image is the first whose platform is that of
+ * `pAttr` (may be NULL) and whose name is `tag` (NULL: "latest", which unnamed images match
+ * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not; one
+ * made here is removed again on failure. Layers are kept under the storage base (zncBasePathGet) and
+ * shared between bundles where the overlay filesystem is available.
+ * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
+ * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes,
+ * EEXIST (the image's overlay device exists already), ENAMETOOLONG, archive and system numbers.
+ */
+STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, unsigned int option,
+                 const ZNC_BUNDLE_ATTR* pAttr);
+
+/*
+ * Describe every image of a layout, verified, as a JSON array with one object per manifest. Needs no
+ * daemon. NULL with EINVAL, ENOMEM, or an image code.
+ */
+char* zncImageInfoGet(const char* ociPath);
+
+/* What zncUnpack does once its arguments are checked; the same arguments and results. */
+STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
+                      unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
+
+/*
+ * Remove a bundle directory with all its content. Symbolic links in it are removed, never
+ * followed. ERROR (number not set) for a NULL or missing path.
+ */
+STATUS zncImageBundleDelete(const char* pBundlePath);
+
+/* ------------------------------------------------------------------ errors and utilities */
+
+/* Print "Error: <message>.\n" on standard output; nothing for 0. errno is not changed. */
+void zncUtilShowErr(int errCode);
+
+/*
+ * Delete a file or a whole directory tree. HAZARD: a symbolic link to a directory is taken
+ * for that directory: its files are deleted and the call does not end, since such a link is never
+ * removed. Remove links from trees you did not make yourself before you call this. The call
+ * does not end either on a directory that cannot be emptied or removed.
+ * ERROR with EINVAL for NULL, else with the number of the failing system call. That the last
+ * directory could not be removed is not reported.
+ */
+STATUS zncUtilXdelete(const char* source);
+
+/*
+ * Print `prompt_info` and read one line from the terminal on standard input, not shown, into
+ * `credential` (at most `credential_size` - 1 bytes; the rest stays unread). Echo stays off
+ * afterwards. Blocks. ERROR with ENOTTY without a terminal, number unset at end of input.
+ */
+STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size, const char* prompt_info);
+
+/* The system's number of a signal, by its bare name ("KILL" is 9); -1 for an unknown name or NULL. */
+int zncUtilSignalNo(const char* sigstr);
+
+/* "creating", "created", "running", "stopped" or "unknown", which every other number is. */
+const char* zncUtilStateIdToString(int state);
+
+/*
+ * Write `len` bytes as 2 x `len` lower-case hexadecimal digits and a NUL. ERROR with EINVAL for
+ * NULL pointers, zero sizes, or a buffer of less than 2 x `len` + 1 bytes.
+ */
+STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t len);
+
+/* Extract a layer archive, plain or gzip, into an existing directory: zncTarExtract, 200 blocks. */
+STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
+
+/* ------------------------------------------------------------------ archives */
+
+/*
+ * Extract the ustar archive `pTape`, plain or gzip-compressed, into the existing directory
+ * `targetDir`, reading `bfactor` blocks of 512 bytes at a time (0: 20). Nothing outside the
+ * directory is ever written: ".." is refused (EPERM), absolute names land inside, no member is
+ * written through a link or a file (ENOTDIR). Regular files, directories (named with a final "/") and
+ * symbolic links are made; other members are skipped. On ERROR what was extracted stays.
+ * EINVAL, ENAMETOOLONG, EFBIG (a member of 4 GiB or more), system numbers; unset for a
+ * damaged archive. `verbose` is accepted and prints nothing.
+ */
+STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose);
+
+/* A source of archive bytes. `read` is called with the record itself. */
+typedef struct tarCompress {
+    /* Up to `maxbytes` bytes into `buffer`: their number, 0 at the end, -1 on error. */
+    ssize_t (*read)(void* handle, void* buffer, size_t maxbytes);
+} TAR_COMPRESS;
+
+typedef struct gzFile_s* gzFile;
+typedef struct gzArchive GZ_ARCHIVE; /* begins with a TAR_COMPRESS */
+
+/*
+ * Read a gzip file of one member. ugzopen returns NULL (number unset) for a file that is none;
+ * `mode` must not be NULL and is not looked at. ugzread delivers up to `len` bytes: their number,
+ * 0 at the end, -1 for NULL arguments or a `len` of 0; it trusts the length in the trailer and does
+ * not report damaged data. ugzclose returns 0, or -1 for NULL. One task at a time per file.
+ */
+gzFile ugzopen(const char* fileName, const char* mode);
+int ugzread(gzFile file, void* buf, unsigned int len);
+int ugzclose(gzFile file);
+
+/* The same as a source for archive readers. NULL if the file is not gzip. Delete accepts NULL. */
+GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName);
+void zncGzArchiveDelete(void* handle);
+
+/* ------------------------------------------------------------------ storage and overlay devices */
+
+typedef enum zncBasePathType {
+    ZNC_LAYER_PATH = 0,      /* <base>/layers */
+    ZNC_FLATTENED_PATH = 1,  /* <base>/flattened/ */
+    ZNC_CONTAINERS_PATH = 2, /* <base>/containers/ */
+    ZNC_VFSDEV_PATH = 3      /* not served */
+} zncBasePathType;
+
+/*
+ * Write the directory of a storage area into `path` and create it. The base is the environment
+ * variable ZNC_BASE if it is an absolute path, else "/ram0/znc". Returns the length of the text, or
+ * 0 with ENOTSUP (no such area), ENAMETOOLONG or mkdir's number.
+ */
+size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
+
+/* Whether overlay devices can be made: "/overlay" can be opened. Asked afresh at each call. */
+BOOL zncOvlFsAvailable(void);
+
+/*
+ * Create the overlay device `pDevName` over directories, the first on top and, with `hasUpper`,
+ * writable. ERROR with EEXIST if the device exists, or the system's number. Needs the right to mount.
+ */
+STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath, uint32_t dirNum,
+                             BOOL hasUpper);
+
+/* Detach an overlay device. ERROR with the system's number. */
+STATUS zncRemoveOvlRootfsDev(const char* pDevName);
+
+/* ------------------------------------------------------------------ bundle configuration */
+
+/*
+ * A bundle's "config.json" in memory. All text points into `tree` and lives as long as the record.
+ * Counts of absent arrays are 0. Lists of text end with NULL beyond their count; an element that
+ * is not text is NULL.
+ */
+typedef struct runtimeSpecConfigAnnotations {
+    char** k;
+    char** v;
+    int32_t count;
+    struct cJSON* tree;
+} runtimeSpecConfigAnnotations;
+
+typedef struct runtimeSpecConfigProcess {
+    char** args;
+    int32_t argCount;
+    char** env; /* NULL: absent */
+    int32_t envCount;
+    char* cwd;
+    bool terminal;
+    struct cJSON* tree;
+} runtimeSpecConfigProcess;
+
+typedef struct runtimeHookNodeFunc {
+    char* rtpPath;
+    char** args;
+    int32_t argsCnt;
+    char** env;
+    int32_t envCnt;
+} runtimeHookNode;
+
+typedef struct runtimeSpecConfigHook {
+    int32_t nodeCnt;
+    runtimeHookNode** hookNode;
+    struct cJSON* tree;
+} runtimeSpecConfigHook;
+
+typedef struct runtimeSpecConfigRoot {
+    char* path;
+    bool ro;
+    struct cJSON* tree;
+} runtimeSpecConfigRoot;
+
+typedef struct runtimeSpecConfigZarnel {
+    int32_t option;
+    int32_t priority;
+    int32_t stackSize;
+    int32_t taskOption;
+    struct cJSON* tree;
+} runtimeSpecConfigZarnel;
+
+typedef struct runtimeSpecConfigMount {
+    char* src;
+    char* dst;
+    char** opt;
+    size_t optLen; /* not filled; walk `opt` to its NULL */
+    char* type;
+} runtimeSpecConfigMount;
+
+typedef struct runtimeSpecConfigMounts {
+    int32_t count;
+    runtimeSpecConfigMount** mount;
+    struct cJSON* tree;
+} runtimeSpecConfigMounts;
+
+/* Hook kinds: prestart, createRuntime, createContainer, startContainer, poststart, poststop. */
+#define RUNTIME_HOOK_KINDS 6
+
+typedef struct runtimeSpecConfig {
+    char* version;
+    char* hostName;
+    runtimeSpecConfigAnnotations* annotations;
+    runtimeSpecConfigProcess* process; /* never NULL */
+    runtimeSpecConfigHook* hooks[RUNTIME_HOOK_KINDS];
+    runtimeSpecConfigRoot* root;
+    runtimeSpecConfigZarnel* zarnel; /* never NULL */
+    runtimeSpecConfigMounts* mounts;
+    struct cJSON* tree; /* the document */
+} runtimeSpecConfig;
+
+/*
+ * Read the file `path`. NULL if it is missing (ENOENT), unreadable, not JSON, or without
+ * "process" and its "args". The caller destroys the record; destroying NULL does nothing.
+ */
+runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
+void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
+
+/* ------------------------------------------------------------------ the daemon's side
+ *
+ * For the process that embeds the daemon. The registry belongs to the daemon task; other
+ * tasks of the same process may call it too, but a container whose process handle was stored
+ * stays locked by the daemon task and looks absent to them (ENODEV).
+ */
+
+/*
+ * Serve requests on "/znc" until receiving fails; the caller runs it on a task of its own and, to
+ * end it, uses the platform's stop request. Always returns ERROR: EEXIST when a daemon's queue
+ * exists already.
+ */
+STATUS zncDaemonTask(void);
+
+typedef struct containerState {
+    char* owner;               /* always NULL */
+    int32_t status;            /* a CONTAINER_STATUS */
+    struct containerCtx* pCtx; /* the container; only inside the daemon */
+    time_t createdTime;
+    char ver[64];
+    char containerId[255];
+    char bundlePath[1024];
+} CONTAINER_STATE;
+
+/* How to spawn a container's process; the text belongs to the container. */
+typedef struct containerStartParm {
+    const char* appPath;
+    int32_t option;
+    int32_t priority;
+    int32_t stackSize;
+    int32_t taskOption;
+    nsid_t nsId;
+    const char* cwd;
+    int16_t posixFlags;
+    char** arg;
+    int32_t argNum;
+    char** env; /* may be NULL */
+    int32_t envNum;
+} CONTAINER_START_PARM;
+
+STATUS zncContainerInit(void); /* once, before all others; again is OK */
+
+/* What zncCreate, zncKill, zncDelete ask for, with the same numbers. */
+STATUS zncContainerCreate(const char* containerId, const char* bundlePath, unsigned int option,
+                          ZNC_ATTR* pAttr);
+STATUS zncContainerKill(const char* containerId, int signo, unsigned int option);
+STATUS zncContainerDelete(const char* containerId, unsigned int option);
+
+/* Mark a created container as running and say how to spawn its process. EINVAL, ENODEV, EBUSY. */
+STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
+
+/*
+ * Remember the spawned process. The container stays locked by the calling task on OK (on purpose;
+ * the lock is recursive). EINVAL, ENODEV.
+ */
+STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle);
+
+/* Copy the state out. EINVAL, ENODEV. */
+STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
+
+/*
+ * Replace the id in a buffer of 256 bytes by the next one in ascending order; start with "". FALSE
+ * at the end, or with EINVAL for NULL or an overlong id.
+ */
+BOOL zncContainerNext(char* containerId);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

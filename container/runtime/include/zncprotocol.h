@@ -1,0 +1,163 @@
+/*
+ * zncprotocol.h - what travels between clients and the daemon, and the builders of JSON documents.
+ *
+ * For programs that talk to the daemon by themselves or build the same documents; ordinary
+ * clients need only zncontainer.h, whose conventions hold here too. JSON trees are cJSON's.
+ */
+#ifndef ZNCPROTOCOL_H
+#define ZNCPROTOCOL_H
+
+#include "zncontainer.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------ messages */
+
+/* Command ids of requests; a reply repeats its request's. */
+typedef enum zncCmdType {
+    ZNC_CREATE = 0,      /* "containerId", "bundle", "option" */
+    ZNC_START = 1,       /* "containerId", "option"; reply: one start-parameter object */
+    ZNC_KILL = 2,        /* "containerId", "signo", "option" */
+    ZNC_DELETE = 3,      /* "containerId", "option" */
+    ZNC_STATE = 4,       /* "containerId"; reply: one state object */
+    ZNC_LIST = 5,        /* nothing; reply: a state object per container */
+    ZNC_UNPACK = 6,      /* never sent */
+    ZNC_INSPECT = 7,     /* "Id"; reply: one inspection document */
+    ZNC_STORE_STATE = 8, /* "containerId", "handle" */
+    ZNC_ALIVE = 9        /* nothing */
+} zncCmdType;
+
+#define ZNC_MSG_Q_NAME "/znc"
+#define ZNC_MSG_NAME_LEN 192
+#define ZNC_MSG_HEADER_LEN 204
+#define ZNC_MSG_MAX_LEN 2048 /* one queue message; a request is always this long */
+#define ZNC_MSG_DATA_LIMIT (ZNC_MSG_MAX_LEN - ZNC_MSG_HEADER_LEN) /* a request's data is below */
+
+/*
+ * A message, host byte order. `data` is unformatted JSON, not terminated on the wire. This is
+ * one queue message; a longer reply goes on in further ones, which are data only.
+ */
+typedef struct zncMessage {
+    char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue */
+    uint8_t msgLvl;   /* wanted verbosity; requests only */
+    uint8_t rsvd1;
+    uint8_t rsvd2;
+    uint8_t rsvd3;
+    int32_t cmdId;    /* zncCmdType */
+    uint32_t dataLen; /* bytes of `data` */
+    char data[ZNC_MSG_DATA_LIMIT];
+} zncMessage;
+
+/* ------------------------------------------------------------------ parameters */
+
+typedef enum paramType {
+    INTEGER = 0,
+    STRING = 1,
+    STRING_ARRAY = 2,
+    OBJECT = 3
+} paramType;
+
+typedef int64_t zncData; /* the integer itself, or a pointer */
+
+typedef struct zncParam {
+    paramType type;
+    char* name;     /* JSON key */
+    zncData value;  /* by type: the number, char*, char**, cJSON* */
+    int32_t number; /* elements of a STRING_ARRAY, else 0 */
+} zncParam;
+
+typedef struct cJSON ZNC_PARAM_DATA; /* an object with the parameters as members */
+
+/*
+ * A new object from a table; the caller deletes it (cJSON_Delete). STRING_ARRAYs that are empty and
+ * NULL STRINGs are left out; OBJECTs are referenced, not owned. NULL with ENOMEM or EINVAL.
+ */
+ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
+
+/*
+ * Fill a table from an object: entries whose key (any case) is missing keep their value. Text points into
+ * the tree; vectors of STRING_ARRAYs are malloc'd and freed by zncParamObjDestroy. ERROR with EINVAL
+ * (NULL, no entries) or ENOMEM, or with no number for a value that is not text; the table's vectors are then
+ * already freed and must not be used.
+ */
+STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count);
+
+/* Free the vectors that zncParamObjGet made. EINVAL for NULL or no entries. */
+STATUS zncParamObjDestroy(zncParam* param, unsigned int count);
+
+/* The value of the first entry whose name begins with `name`; 0 if there is none. */
+zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
+
+/* A new array of the strings of a NULL-terminated vector; NULL when memory is short. */
+struct cJSON* zncConfigToArray(char** argument);
+
+/* Add a deep copy of a member to another object, or "" when it is missing. */
+void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char* dstName);
+
+/* ------------------------------------------------------------------ calls (client) */
+
+/*
+ * Send one request to the daemon queue `msgQHandle` (a name; zncCall: "/znc"), wait for its reply and print
+ * the progress texts. The reply's text goes to `ppResp` (may be NULL), freed by the caller.
+ * S_zncLib_DAEMON_NOT_RUNNING, ENOMEM, or 0 when a queue cannot be made or no reply comes.
+ */
+STATUS zncCallQ(const char* msgQHandle, int cmdId, zncParam* param, int count, char** ppResp);
+STATUS zncCall(int cmdId, zncParam* param, int count, char** ppResp);
+
+/*
+ * Take a parsed reply apart: its "errno" and its "body" (borrowed; either target may be NULL). ERROR when
+ * "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
+ */
+STATUS zncResponseCheck(struct cJSON* root, int* errCode, struct cJSON** body);
+
+/* ------------------------------------------------------------------ replies (daemon task only) */
+
+/* Send a reply to the queue `name`. ERROR if it is gone, the text has 64 KiB, or a piece is not taken in 1 s. */
+STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
+
+/* Post a progress text (a printf format) to the client being served, if its level is wanted. Never waits. */
+void zncSendMsg(uint32_t lvl, char* info, ...) __attribute__((format(printf, 2, 3)));
+
+/* The client being served: its reply queue, and its verbosity (values above 2 are ignored). */
+void zncMsgQnameSet(const char* msgQname);
+void zncMsgLvlSet(UINT8 lvl);
+
+/* ------------------------------------------------------------------ documents */
+
+/* Append a container's inspection document to `array` for the request `root`; 0 or an error number. */
+int zncInspectContainer(struct cJSON* root, struct cJSON* array);
+
+/* Its parts: new objects, or NULL when memory is short. */
+struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
+struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
+struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);
+
+/* Append one object per manifest of an image layout to `array`; 0 or an error number (`array` then empty). */
+int zncImageInspect(const char* ociPath, struct cJSON* array);
+STATUS zncInspectImageConfig(struct cJSON* body, struct cJSON* config);
+struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
+
+/*
+ * The generator of a bundle's "config.json" and its sections, from a parsed image with a manifest
+ * chosen. Each section adds its member to `rootJson`.
+ */
+typedef struct zncImageIndex OCI_IMAGE;
+STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* roofsPath);
+STATUS zncCreateOciBundleConfigVersion(OCI_IMAGE* image, struct cJSON* rootJson);
+STATUS zncCreateOciBundleConfigProcess(OCI_IMAGE* image, struct cJSON* rootJson);
+STATUS zncCreateOciBundleConfigRoot(OCI_IMAGE* image, struct cJSON* rootJson, const char* rootfsPath);
+STATUS zncCreateOciBundleConfigHostname(OCI_IMAGE* image, struct cJSON* rootJson);
+STATUS zncCreateOciBundleConfigMounts(OCI_IMAGE* image, struct cJSON* rootJson);
+STATUS zncCreateOciBundleConfigAnnotations(OCI_IMAGE* image, struct cJSON* rootJson);
+STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
+
+/* "uid" and "gid" from a user text; one mount object from a volume text ("source:destination:options:type"). */
+STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
+STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

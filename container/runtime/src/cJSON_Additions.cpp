@@ -1,0 +1,1 @@
+// cJSON_Additions.cpp

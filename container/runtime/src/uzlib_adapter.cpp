@@ -1,0 +1,1 @@
+// uzlib_adapter.cpp

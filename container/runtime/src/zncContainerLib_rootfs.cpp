@@ -1,0 +1,1 @@
+// zncContainerLib_rootfs.cpp

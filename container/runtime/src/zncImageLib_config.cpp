@@ -1,0 +1,1 @@
+// zncImageLib_config.cpp

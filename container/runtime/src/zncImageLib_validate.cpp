@@ -1,0 +1,1 @@
+// zncImageLib_validate.cpp

@@ -1,0 +1,1 @@
+// zncRuntimeApi_start.cpp

@@ -1,0 +1,1 @@
+// zncRuntimeService_inspect.cpp

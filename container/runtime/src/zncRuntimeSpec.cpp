@@ -1,0 +1,1 @@
+// zncRuntimeSpec.cpp

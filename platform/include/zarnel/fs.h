@@ -1,0 +1,53 @@
+/*
+ * fs.h - paths, directories, the environment: what the kernel's user-mode library adds
+ * to the POSIX file functions. No call keeps state; all may run in any task.
+ */
+#ifndef ZARNEL_FS_H
+#define ZARNEL_FS_H
+
+#include "zarnel/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The device that swallows what is written to it. */
+#define ZN_NULL_DEVICE "/dev/null"
+
+/*
+ * Copy the environment variable `name` into `buf`. Returns the value's length, or -1 (task
+ * error number unchanged) when the variable is unset or its value and terminator do not
+ * fit in `bufLen` bytes; `buf` is then untouched.
+ */
+ssize_t znEnvGet(const char* name, char* buf, size_t bufLen);
+
+/*
+ * Append one path component to the text in `buf` (NUL-terminated, in `bufLen` bytes), with
+ * exactly one "/" between them; an empty buffer takes the component as it is. Returns the
+ * end of the text (its NUL), or `buf + bufLen` when the result and its terminator do not
+ * fit; the buffer then holds as much as fitted, terminated.
+ */
+char* znPathAppend(char* buf, size_t bufLen, const char* component);
+
+/*
+ * Make a directory and its missing parents with `mode`, whatever the umask says about the
+ * directories made here. OK if the directory is there afterwards, also when it was before;
+ * ERROR with the task error number set (ENOTDIR when a file is in the way).
+ */
+STATUS znMkdirParents(const char* path, mode_t mode);
+
+/*
+ * Open `path` for reading and writing as a new, empty regular file with exactly the
+ * permission bits `mode`, whatever the umask. An existing regular file is truncated; a
+ * symbolic link at the final name is replaced by the new file, never followed. Returns a
+ * descriptor closed on exec, or -1 with the task error number set.
+ */
+int znFileCreate(const char* path, mode_t mode);
+
+/* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
+void znErrorText(int errorNumber, char* buf, size_t bufLen);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

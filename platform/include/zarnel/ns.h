@@ -1,0 +1,92 @@
+/*
+ * ns.h - the namespace service.
+ *
+ * A namespace is a world of its own for processes: they see its root as "/", its mounts,
+ * only each other, and no queue of the host. The process that creates namespaces owns
+ * them: when it ends, however it ends, every process in them is killed and every mount in
+ * them is gone. Other processes may spawn into a namespace by its id (spawn.h), which
+ * never leads into a namespace that took the place of a dead one.
+ *
+ * On Linux each namespace is a keeper process (PID 1 of a new PID namespace with mount,
+ * IPC, UTS and cgroup namespaces of its own; network and users are the host's). Root
+ * and mounts are made by descriptor, inside the keeper, so that no link in a root
+ * filesystem leads a privileged call outside.
+ *
+ * All calls are for the owning process, may run in any task of it, and wait for the keeper's
+ * answer (a few seconds at most). Signal numbers are the platform's (signal.h).
+ */
+#ifndef ZARNEL_NS_H
+#define ZARNEL_NS_H
+
+#include "zarnel/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum znNamespaceType {
+    ZNNS_TYPE_IOS = 0,
+    ZNNS_NUM_TYPES = 1
+} znNamespaceType;
+
+/* A new namespace, or -1 with the task error number set. `flags` has no meaning on Linux. */
+nsid_t znnsCreate(int flags);
+
+/*
+ * Make `rootPath` the root of the namespace. The tree is seen without devices and set-id
+ * programs. Where the directories exist in it, /proc, /dev and /sys are provided inside the
+ * namespace; nothing is written to the tree. On ERROR (task error number set) the namespace
+ * is gone, and if `rootPath` is the writable overlay device of `name`, that device too.
+ */
+STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
+
+/*
+ * Mount `source` at `destination` inside the root. `type`, `source` and `options` (a
+ * NULL-terminated list) may be NULL. Type "bind", or an option "bind" or "rbind", binds the
+ * host's `source`; so does a type that is "unknown", "" or NULL when `source` exists on the
+ * host. "tmpfs", "proc", "sysfs", "devpts", "mqueue" and other kernel types mount as such. Flag options
+ * become flags, the rest is passed to the filesystem. Binds are made nodev and nosuid unless
+ * the options say "dev" or "suid". A missing mount point is made
+ * inside the root. An empty or NULL `destination` names a volume inside the root itself:
+ * nothing is mounted, OK. ERROR with the task error number set; nothing is then mounted.
+ */
+STATUS znnsMount(nsid_t ns, const char* rootPath, const char* source, const char* destination,
+                 const char* type, const char* const* options);
+
+/* Undo that mount; the same six values. */
+STATUS znnsUmount(nsid_t ns, const char* rootPath, const char* source, const char* destination,
+                  const char* type, const char* const* options);
+
+/*
+ * Undo znnsRootfsCreate: no process can be spawned into the namespace any more, and a
+ * writable overlay device that was its root is removed (its directories stay).
+ */
+STATUS znnsRootfsDestroy(nsid_t ns, const char* rootPath, const char* name);
+
+/* Kill whatever lives in the namespace and delete it. ERROR with EINVAL for an unknown id. */
+STATUS znnsDelete(nsid_t ns);
+
+/* Send a signal to every process in the namespace, all at once. OK also when none is there. */
+STATUS znnsKill(nsid_t ns, int signo);
+
+/*
+ * Send a signal to the process `handle`, which must live in the namespace. ERROR with ESRCH
+ * for handle 0 and for a process that has ended (an unreaped one too) or is not of this
+ * namespace, EINVAL for a signal the platform does not know.
+ */
+STATUS znnsProcessKill(nsid_t ns, OBJ_HANDLE handle, int signo);
+
+/* Report whether any process lives in the namespace; processes that ended do not count. */
+STATUS znnsInUse(nsid_t ns, BOOL* inUse);
+
+/*
+ * For a daemon that starts: end the namespaces that a dead owner left behind. For one that
+ * stops: end its own. Returns how many could not be ended.
+ */
+int znnsRecover(void);
+int znnsShutdown(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,55 @@
+/*
+ * overlay.h - overlay devices: a directory "/overlay/<name>" that shows a stack of
+ * directories as one tree.
+ *
+ * A device exists while something is mounted there; a bare directory of its name, left over
+ * by a reboot, does not count. A writable device belongs to the container of its name and
+ * goes when that container's namespace root is undone (ns.h); one that no namespace is
+ * rooted on any more is abandoned and does not block a new one. A read-only device is
+ * recorded beside itself, so that znOvlDevRestore can attach it after a reboot.
+ *
+ * All calls need the right to mount. They may run in any process, but a writable device must
+ * be made by the process that makes the namespaces.
+ */
+#ifndef ZARNEL_OVERLAY_H
+#define ZARNEL_OVERLAY_H
+
+#include "zarnel/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZN_OVERLAY_DIR "/overlay"
+
+/*
+ * Create the device `devName` (a path directly under ZN_OVERLAY_DIR) over `dirNum`
+ * directories, the first on top. With `hasUpper` the first directory is writable and its
+ * parent directory takes the work directory the kernel needs; the rest are only read.
+ * OK, or ERROR with EEXIST (the device exists), EINVAL (a bad name, no directories, an
+ * upper without a lower), ENOENT (a directory is missing), ENODEV (no overlay filesystem)
+ * or the kernel's number; nothing is then left behind.
+ */
+STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper);
+
+/*
+ * Detach a device and remove its node and its record. Processes that use it keep their view
+ * until they end. ERROR with ENOENT (no such node) or EINVAL (nothing mounted there, or a
+ * bad name).
+ */
+STATUS znOvlDevRemove(const char* devName);
+
+/* Make ZN_OVERLAY_DIR if the kernel has the overlay filesystem. TRUE if it is there afterwards. */
+BOOL znOvlInit(void);
+
+/*
+ * For a daemon that starts: detach every writable device that a dead daemon left behind and
+ * delete its upper and work directories, and attach again every recorded read-only device
+ * whose directories are still there. Returns how many of either could not be dealt with.
+ */
+int znOvlRestore(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

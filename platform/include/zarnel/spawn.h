@@ -1,0 +1,62 @@
+/*
+ * spawn.h - starting a user-mode process, POSIX posix_spawn with the kernel's attributes.
+ *
+ * Usage: znSpawnAttrInit, any setters, znSpawn, znSpawnAttrDestroy. A record belongs to one
+ * task at a time. The child is an ordinary child of the caller (waitpid works).
+ */
+#ifndef ZARNEL_SPAWN_H
+#define ZARNEL_SPAWN_H
+
+#include "zarnel/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct znSpawnAttr {
+    int priority;     /* 0 most urgent .. 255 least */
+    int stackSize;    /* bytes of user stack */
+    int options;      /* process options */
+    int taskOptions;
+    nsid_t ns;        /* -1: the caller's own */
+    const char* cwd;  /* borrowed; NULL: "/" */
+    short flags;
+} znSpawnAttr;
+
+#define ZN_SPAWN_OPT_LOADED 0x40  /* process option: return only once the program is loaded */
+
+/* Every field at its default (priority 100, stack 0, namespace -1). */
+STATUS znSpawnAttrInit(znSpawnAttr* attr);
+STATUS znSpawnAttrDestroy(znSpawnAttr* attr);
+
+/*
+ * Setters: OK, or ERROR with EINVAL for a value that cannot be carried (a priority outside
+ * 0..255, a negative stack size, a working directory that is not absolute). Process options,
+ * task options and flags are carried and mean nothing on Linux.
+ */
+STATUS znSpawnAttrSetPriority(znSpawnAttr* attr, int priority);
+STATUS znSpawnAttrSetStackSize(znSpawnAttr* attr, int stackSize);
+STATUS znSpawnAttrSetOptions(znSpawnAttr* attr, int options);
+STATUS znSpawnAttrSetTaskOptions(znSpawnAttr* attr, int taskOptions);
+STATUS znSpawnAttrSetNamespace(znSpawnAttr* attr, nsid_t ns);
+STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd);
+STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
+
+/*
+ * Start `path` (a host path at or under the namespace's root) inside the namespace, with `argv`
+ * and `envp` (NULL-terminated; envp may be NULL for an empty environment). Returns once the
+ * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 and
+ * no other, default signal actions, an empty signal mask, umask 022, the container
+ * capabilities with no-new-privileges, and the attribute's working directory.
+ *
+ * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
+ * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR
+ * or ENOENT from the working directory, EPERM without the rights. No child is then left.
+ */
+STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
+               char* const* envp);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

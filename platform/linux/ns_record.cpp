@@ -1,0 +1,1 @@
+// ns_record.cpp

@@ -1,0 +1,121 @@
+/*
+ * sandbox.c - runs a program in a world of its own, for tests that change the machine.
+ *
+ * usage: sandbox [--no-overlay] -- PROGRAM [ARGS...]
+ *
+ * The program gets new mount and IPC namespaces whose root is a tmpfs holding the host's top-level
+ * directories as recursive binds, but for /overlay (an empty directory, or none with --no-overlay),
+ * /ram0 (none), /run and /tmp (empty, tmpfs). So it has no queues, devices or storage of the host's to find or to
+ * leave behind. Needs root: without the right to make namespaces it fails, it does not skip.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdarg.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+static void die(const char* what, const char* name)
+{
+    fprintf(stderr, "sandbox: %s %s: %s\n", what, name, strerror(errno));
+    exit(120);
+}
+
+static const char* in_root(const char* root, const char* name)
+{
+    static char path[4096];
+    snprintf(path, sizeof path, "%s/%s", root, name);
+    return path;
+}
+
+/* One top-level entry of the host: directories are bound, links are copied, files left out. */
+static void show_entry(const char* root, const char* name)
+{
+    static const char* const own[] = {".", "..", "overlay", "ram0", "run", "tmp", NULL};
+    for (int i = 0; own[i] != NULL; i++)
+        if (strcmp(name, own[i]) == 0)
+            return;
+    char host[300];
+    snprintf(host, sizeof host, "/%s", name);
+    struct stat st;
+    if (lstat(host, &st) != 0)
+        die("stat", host);
+    const char* inside = in_root(root, name);
+    if (S_ISLNK(st.st_mode)) {
+        char target[4096];
+        ssize_t n = readlink(host, target, sizeof target - 1);
+        if (n < 0)
+            die("readlink", host);
+        target[n] = '\0';
+        if (symlink(target, inside) != 0)
+            die("symlink", inside);
+    } else if (S_ISDIR(st.st_mode)) {
+        if (mkdir(inside, 0755) != 0)
+            die("mkdir", inside);
+        if (mount(host, inside, NULL, MS_BIND | MS_REC, NULL) != 0)
+            die("bind", host);
+    }
+}
+
+static void own_tmpfs(const char* root, const char* name)
+{
+    const char* path = in_root(root, name);
+    if (mkdir(path, 0755) != 0 && errno != EEXIST)
+        die("mkdir", path);
+    if (mount("tmpfs", path, "tmpfs", MS_NOSUID, "mode=1777") != 0)
+        die("mount", path);
+}
+
+int main(int argc, char** argv)
+{
+    bool overlay = true;
+    int i = 1;
+    for (; i < argc && strcmp(argv[i], "--") != 0; i++) {
+        if (strcmp(argv[i], "--no-overlay") == 0)
+            overlay = false;
+        else
+            break;
+    }
+    if (i + 1 >= argc || strcmp(argv[i], "--") != 0) {
+        fprintf(stderr, "usage: sandbox [--no-overlay] -- PROGRAM [ARGS...]\n");
+        return 120;
+    }
+    char cwd[4096];
+    if (getcwd(cwd, sizeof cwd) == NULL)
+        die("getcwd", ".");
+    if (unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0)
+        die("unshare", "(are you root?)");
+    if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0)
+        die("make private", "/");
+    /* Any directory serves as the place to build the new root; /mnt is always there. */
+    const char* root = "/mnt";
+    if (mount("tmpfs", root, "tmpfs", 0, "mode=0755") != 0)
+        die("mount", root);
+    DIR* top = opendir("/");
+    if (top == NULL)
+        die("opendir", "/");
+    for (struct dirent* e; (e = readdir(top)) != NULL;)
+        if (strcmp(e->d_name, "mnt") != 0)
+            show_entry(root, e->d_name);
+    closedir(top);
+    if (mkdir(in_root(root, "mnt"), 0755) != 0)
+        die("mkdir", "mnt");
+    own_tmpfs(root, "run");
+    own_tmpfs(root, "tmp");
+    if (overlay && mkdir(in_root(root, "overlay"), 0755) != 0)
+        die("mkdir", "overlay");
+    if (chdir(root) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 || umount2(".", MNT_DETACH) != 0)
+        die("pivot_root", root);
+    if (chdir(cwd) != 0 && chdir("/") != 0)
+        die("chdir", cwd);
+    execvp(argv[i + 1], argv + i + 1);
+    die("exec", argv[i + 1]);
+    return 120;
+}
