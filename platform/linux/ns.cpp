@@ -1,1 +1,488 @@
-// ns.cpp
+#include "zarnel/ns.h"
+
+#include "keeper_link.hpp"
+#include "mount_plan.hpp"
+#include "ns_record.hpp"
+#include "pidfd.hpp"
+#include "zarnel/overlay.h"
+#include "zarnel/signal.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/mount.h>
+#include <new>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+namespace zn {
+namespace {
+
+using znc::MallocPtr;
+using znc::UniqueFd;
+
+constexpr int kReapMilliseconds = 100;
+constexpr int kRecoverMilliseconds = 2000;
+
+// One mount that znnsMount made, newest first.
+struct MountEntry {
+    MountEntry* next;
+    std::uint64_t id;
+    char destination[kRootPathMax];
+};
+
+struct Namespace {
+    Namespace* next = nullptr;
+    nsid_t id = -1;
+    Keeper keeper;
+    bool ownsDevice = false; // the root is the container's own overlay device
+    char root[kRootPathMax] = {};
+    MountEntry* mounts = nullptr;
+};
+
+struct DestroyNamespace {
+    void operator()(Namespace* ns) const noexcept
+    {
+        const znc::ErrnoSaver keep;
+        while (ns->mounts != nullptr) {
+            const MallocPtr<MountEntry> entry(ns->mounts);
+            ns->mounts = entry->next;
+        }
+        ns->~Namespace();
+        ::free(ns);
+    }
+};
+using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
+
+// The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
+// for both; a call holds it while it talks to a keeper, which is bounded.
+pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+Namespace* g_namespaces = nullptr;
+Namespace* g_dying = nullptr;
+
+void reap_dying()
+{
+    for (Namespace** at = &g_dying; *at != nullptr;) {
+        if ((*at)->keeper.reap()) {
+            const NamespacePtr done(*at);
+            *at = done->next;
+        } else {
+            at = &(*at)->next;
+        }
+    }
+}
+
+class Locked {
+  public:
+    Locked()
+    {
+        ::pthread_mutex_lock(&g_lock);
+        reap_dying();
+    }
+    ~Locked() { ::pthread_mutex_unlock(&g_lock); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+};
+
+Namespace** find_link(nsid_t id)
+{
+    Namespace** at = &g_namespaces;
+    while (*at != nullptr && (*at)->id != id)
+        at = &(*at)->next;
+    return at;
+}
+
+Namespace* find(nsid_t id)
+{
+    Namespace* ns = *find_link(id);
+    if (ns == nullptr)
+        errno = EINVAL;
+    return ns;
+}
+
+STATUS result(int error)
+{
+    if (error == 0)
+        return OK;
+    errno = error;
+    return ERROR;
+}
+
+// Undoing something in a namespace whose keeper is dead: it is undone already.
+STATUS undo_result(int error)
+{
+    return result(error == ESRCH ? 0 : error);
+}
+
+void release_device(Namespace& ns)
+{
+    const znc::ErrnoSaver keep;
+    if (ns.ownsDevice)
+        znOvlDevRemove(ns.root);
+    ns.ownsDevice = false;
+}
+
+// Takes the namespace at `link` off the list and ends it.
+void end_namespace(Namespace** link)
+{
+    const znc::ErrnoSaver keep;
+    NamespacePtr ns(*link);
+    *link = ns->next;
+    ns_record_remove(ns->id);
+    ns->keeper.kill();
+    release_device(*ns);
+    if (!ns->keeper.ended(kReapMilliseconds) || !ns->keeper.reap()) {
+        ns->next = g_dying;
+        g_dying = ns.release();
+    }
+}
+
+nsid_t unused_id()
+{
+    std::uint32_t id = 0;
+    do {
+        if (::getrandom(&id, sizeof id, 0) != sizeof id)
+            return -1;
+        id &= 0x7fffffff;
+    } while (*find_link(static_cast<nsid_t>(id)) != nullptr);
+    return static_cast<nsid_t>(id);
+}
+
+NamespacePtr namespace_new()
+{
+    void* memory = ::malloc(sizeof(Namespace));
+    return NamespacePtr(memory != nullptr ? new (memory) Namespace : nullptr);
+}
+
+// A copy of the tree at `path`, attached nowhere, with the given attributes. `path` is resolved
+// here, once.
+UniqueFd detached_tree(const char* path, const MountPlan& plan)
+{
+    const unsigned recursive = plan.recursive ? AT_RECURSIVE : 0;
+    UniqueFd tree(static_cast<int>(
+        ::syscall(SYS_open_tree, AT_FDCWD, path, OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | recursive)));
+    if (!tree)
+        return tree;
+    mount_attr attr = {};
+    attr.attr_set = plan.attrSet;
+    attr.attr_clr = plan.attrClear;
+    attr.propagation = plan.propagation;
+    if (::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH | recursive, &attr,
+                  sizeof attr) != 0)
+        return UniqueFd();
+    return tree;
+}
+
+bool is_directory(int fd)
+{
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool is_own_device(const char* rootPath, const char* name)
+{
+    constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
+    return std::strncmp(rootPath, ZN_OVERLAY_DIR "/", prefix + 1) == 0 &&
+           std::strcmp(rootPath + prefix + 1, name) == 0;
+}
+
+int make_root(Namespace& ns, const char* rootPath, const char* name)
+{
+    MountPlan plan;
+    plan.attrSet = MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID;
+    plan.propagation = MS_PRIVATE;
+    const UniqueFd tree = detached_tree(rootPath, plan);
+    if (!tree)
+        return errno;
+    if (!is_directory(tree.get()))
+        return ENOTDIR;
+    wire::Request request = {};
+    request.op = wire::Op::kRoot;
+    request.textLen = static_cast<std::uint32_t>(std::strlen(name) + 1);
+    request.textCount = 1;
+    const int error = ns.keeper.ask(request, {name, request.textLen}, tree.get());
+    if (error != 0)
+        return error;
+    NsRecord record = {};
+    record.keeper = ns.keeper.pid();
+    record.startTime = process_start_time(record.keeper);
+    std::memcpy(record.root, ns.root, sizeof record.root);
+    if (record.startTime == 0 || ns_record_write(ns.id, record) != 0)
+        return errno;
+    return 0;
+}
+
+// The texts of a request, one after the other.
+class TextBuffer {
+  public:
+    bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
+    bool add(std::span<const char> text, unsigned count)
+    {
+        if (text.size() > sizeof text_ - len_)
+            return false;
+        std::memcpy(text_ + len_, text.data(), text.size());
+        len_ += text.size();
+        count_ += count;
+        return true;
+    }
+    int send(Keeper& keeper, wire::Request& request, int descriptor, std::uint64_t* value)
+    {
+        request.textLen = static_cast<std::uint32_t>(len_);
+        request.textCount = count_;
+        return keeper.ask(request, {text_, len_}, descriptor, value);
+    }
+
+  private:
+    char text_[4096];
+    std::size_t len_ = 0;
+    unsigned count_ = 0;
+};
+
+int mount_tree(Namespace& ns, const char* source, const char* destination, const MountPlan& plan,
+               std::uint64_t* id)
+{
+    if (source == nullptr || *source == '\0')
+        return EINVAL;
+    const UniqueFd tree = detached_tree(source, plan);
+    if (!tree)
+        return errno;
+    wire::Request request = {};
+    request.op = wire::Op::kMountTree;
+    request.isDirectory = is_directory(tree.get());
+    TextBuffer text;
+    if (!text.add(destination))
+        return ENAMETOOLONG;
+    return text.send(ns.keeper, request, tree.get(), id);
+}
+
+int mount_fs(Namespace& ns, const char* destination, const MountPlan& plan, std::uint64_t* id)
+{
+    wire::Request request = {};
+    request.op = wire::Op::kMountFs;
+    request.attributes = plan.attrSet;
+    TextBuffer text;
+    if (!text.add(destination) || !text.add(plan.type) ||
+        !text.add({plan.options, plan.optionsLen}, plan.optionCount))
+        return ENAMETOOLONG;
+    return text.send(ns.keeper, request, -1, id);
+}
+
+bool names_nothing(const char* destination)
+{
+    return destination == nullptr || *destination == '\0';
+}
+
+int mount_one(Namespace& ns, const char* source, const char* destination, const char* type,
+              const char* const* options)
+{
+    if (std::strlen(destination) >= kRootPathMax)
+        return ENAMETOOLONG;
+    MallocPtr<MountEntry> entry = znc::malloc_zeroed<MountEntry>();
+    if (!entry)
+        return ENOMEM;
+    std::strcpy(entry->destination, destination);
+    MountPlan plan;
+    struct stat st;
+    const bool exists = source != nullptr && *source != '\0' && ::stat(source, &st) == 0;
+    int error = mount_plan_make(type, options, exists, plan);
+    if (error == 0)
+        error = plan.bind ? mount_tree(ns, source, destination, plan, &entry->id)
+                          : mount_fs(ns, destination, plan, &entry->id);
+    if (error != 0)
+        return error;
+    entry->next = ns.mounts;
+    ns.mounts = entry.release();
+    return 0;
+}
+
+int unmount_one(Namespace& ns, const char* destination)
+{
+    MountEntry** at = &ns.mounts;
+    while (*at != nullptr && std::strcmp((*at)->destination, destination) != 0)
+        at = &(*at)->next;
+    if (*at == nullptr)
+        return EINVAL;
+    wire::Request request = {};
+    request.op = wire::Op::kUnmount;
+    request.value = (*at)->id;
+    TextBuffer text;
+    const int error =
+        text.add(destination) ? text.send(ns.keeper, request, -1, nullptr) : ENAMETOOLONG;
+    if (error != 0 && error != ESRCH)
+        return error;
+    const MallocPtr<MountEntry> done(*at);
+    *at = done->next;
+    return error;
+}
+
+// Whether two processes are of one process namespace.
+bool same_pid_namespace(pid_t one, pid_t other)
+{
+    char path[64];
+    struct stat a;
+    struct stat b;
+    std::snprintf(path, sizeof path, "/proc/%d/ns/pid", one);
+    if (::stat(path, &a) != 0)
+        return false;
+    std::snprintf(path, sizeof path, "/proc/%d/ns/pid", other);
+    return ::stat(path, &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev;
+}
+
+void end_recorded(nsid_t id, void* context)
+{
+    int& failed = *static_cast<int*>(context);
+    NsRecord record;
+    const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
+    if (keeper) {
+        process_signal(keeper.get(), SIGKILL);
+        if (!process_ended(keeper.get(), kRecoverMilliseconds))
+            failed++;
+    }
+    ns_record_remove(id);
+}
+
+} // namespace
+} // namespace zn
+
+using namespace zn;
+
+nsid_t znnsCreate(int /*flags*/)
+{
+    const Locked lock;
+    NamespacePtr ns = namespace_new();
+    if (!ns)
+        return -1;
+    ns->id = unused_id();
+    if (ns->id < 0 || !ns->keeper.start())
+        return -1;
+    const nsid_t id = ns->id;
+    ns->next = g_namespaces;
+    g_namespaces = ns.release();
+    return id;
+}
+
+STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
+{
+    const Locked lock;
+    Namespace* ns = find(id);
+    if (ns == nullptr)
+        return ERROR;
+    ns->ownsDevice = is_own_device(rootPath, name);
+    int error = ns->root[0] != '\0' ? EBUSY : 0;
+    if (error == 0 && std::strlen(rootPath) >= sizeof ns->root)
+        error = ENAMETOOLONG;
+    if (error == 0) {
+        std::strcpy(ns->root, rootPath);
+        error = make_root(*ns, rootPath, name);
+    }
+    // Without its root the namespace is of no use, and the caller would not come back for it.
+    if (error != 0 && error != EBUSY)
+        end_namespace(find_link(id));
+    return result(error);
+}
+
+STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
+                 const char* type, const char* const* options)
+{
+    if (names_nothing(destination))
+        return OK;
+    const Locked lock;
+    Namespace* ns = find(id);
+    return ns == nullptr ? ERROR : result(mount_one(*ns, source, destination, type, options));
+}
+
+STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
+                  const char* destination, const char* /*type*/, const char* const* /*options*/)
+{
+    if (names_nothing(destination))
+        return OK;
+    const Locked lock;
+    Namespace* ns = find(id);
+    return ns == nullptr ? ERROR : undo_result(unmount_one(*ns, destination));
+}
+
+STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name*/)
+{
+    const Locked lock;
+    Namespace* ns = find(id);
+    if (ns == nullptr)
+        return ERROR;
+    ns_record_remove(id);
+    release_device(*ns);
+    return OK;
+}
+
+STATUS znnsDelete(nsid_t id)
+{
+    const Locked lock;
+    if (find(id) == nullptr)
+        return ERROR;
+    end_namespace(find_link(id));
+    return OK;
+}
+
+STATUS znnsKill(nsid_t id, int signo)
+{
+    const int host = znSignalToHost(signo);
+    if (host < 0)
+        return ERROR;
+    const Locked lock;
+    Namespace* ns = find(id);
+    if (ns == nullptr)
+        return ERROR;
+    return undo_result(ns->keeper.ask(wire::Op::kKill, static_cast<std::uint64_t>(host)));
+}
+
+STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
+{
+    const int host = znSignalToHost(signo);
+    if (host < 0)
+        return ERROR;
+    const Locked lock;
+    const Namespace* ns = find(id);
+    if (ns == nullptr)
+        return ERROR;
+    // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
+    const UniqueFd process = handle > 0 ? process_open(handle) : UniqueFd();
+    if (!process || !same_pid_namespace(handle, ns->keeper.pid()) ||
+        process_ended(process.get(), 0))
+        return result(ESRCH);
+    return process_signal(process.get(), host) == 0 ? OK : ERROR;
+}
+
+STATUS znnsInUse(nsid_t id, BOOL* inUse)
+{
+    const Locked lock;
+    Namespace* ns = find(id);
+    if (ns == nullptr)
+        return ERROR;
+    std::uint64_t used = 0;
+    const int error = ns->keeper.ask(wire::Op::kInUse, 0, &used);
+    if (error != 0 && error != ESRCH)
+        return result(error);
+    *inUse = error == 0 && used != 0 ? TRUE : FALSE;
+    return OK;
+}
+
+int znnsRecover(void)
+{
+    int failed = 0;
+    ns_record_each(end_recorded, &failed);
+    return failed;
+}
+
+int znnsShutdown(void)
+{
+    const Locked lock;
+    while (g_namespaces != nullptr)
+        end_namespace(&g_namespaces);
+    int left = 0;
+    for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
+        left += ns->keeper.ended(kReapMilliseconds) ? 0 : 1;
+    reap_dying();
+    return left;
+}

@@ -1,1 +1,247 @@
-// overlay.cpp
+// Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
+// written down in a file in the bare directory, below the mount: it is out of sight while the
+// device exists and there when a reboot has taken the mount away.
+
+#include "zarnel/overlay.h"
+
+#include "ns_record.hpp"
+#include "overlay_mount.hpp"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/stat.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+
+namespace zn {
+namespace {
+
+using znc::MallocPtr;
+using znc::UniqueFd;
+
+constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL
+constexpr std::size_t kStackMax = 1024 * 1024;
+
+// The name below /overlay, or null for a path that is none of a device.
+const char* device_name(const char* devName)
+{
+    constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
+    if (devName == nullptr || std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) != 0)
+        return nullptr;
+    const char* name = devName + prefix + 1;
+    const bool bad = *name == '\0' || std::strchr(name, '/') != nullptr ||
+                     std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+    return bad ? nullptr : name;
+}
+
+// The directory of all devices, locked, so that one at a time makes or removes devices.
+UniqueFd open_devices()
+{
+    UniqueFd dir(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir && ::flock(dir.get(), LOCK_EX) != 0)
+        dir.reset();
+    return dir;
+}
+
+enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
+
+// What stands at `name`: a device is a directory that is the root of a mount.
+Node look(int devices, const char* name)
+{
+    struct statx st = {};
+    if (::syscall(SYS_statx, devices, name, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) != 0)
+        return Node::kAbsent;
+    if ((st.stx_mode & S_IFMT) != S_IFDIR)
+        return Node::kForeign;
+    if ((st.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
+        return Node::kBare;
+    const UniqueFd device(::openat(devices, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct statvfs fs;
+    if (!device || ::fstatvfs(device.get(), &fs) != 0)
+        return Node::kForeign;
+    return (fs.f_flag & ST_RDONLY) != 0 ? Node::kReadOnly : Node::kWritable;
+}
+
+// Removes the bare directory of a device with its record.
+void remove_node(int devices, const char* name)
+{
+    const znc::ErrnoSaver keep;
+    const UniqueFd node(::openat(devices, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (node)
+        ::unlinkat(node.get(), kStackFile, 0);
+    ::unlinkat(devices, name, AT_REMOVEDIR);
+}
+
+int detach(int devices, const char* name)
+{
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "%s/%s", ZN_OVERLAY_DIR, name);
+    if (::umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW) != 0)
+        return -1;
+    remove_node(devices, name);
+    return 0;
+}
+
+int write_stack(int node, const char* const* dirs, uint32_t count)
+{
+    const UniqueFd file(
+        ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        return -1;
+    for (uint32_t i = 0; i < count; i++) {
+        const std::size_t len = std::strlen(dirs[i]) + 1;
+        const ssize_t n = ::write(file.get(), dirs[i], len);
+        if (n != static_cast<ssize_t>(len)) {
+            if (n >= 0)
+                errno = ENOSPC;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// The record's text, its directories counted; null when there is none.
+MallocPtr<char[]> read_stack(int devices, const char* name, std::size_t& len)
+{
+    const UniqueFd node(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd file(node ? ::openat(node.get(), kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)
+                             : -1);
+    struct stat st;
+    if (!file || ::fstat(file.get(), &st) != 0 || st.st_size <= 0 ||
+        st.st_size > static_cast<off_t>(kStackMax))
+        return nullptr;
+    len = static_cast<std::size_t>(st.st_size);
+    auto text = znc::malloc_array<char>(len);
+    if (!text || ::read(file.get(), text.get(), len) != st.st_size || text[len - 1] != '\0')
+        return nullptr;
+    return text;
+}
+
+int attach_on(int devices, const char* name, const char* const* dirs, uint32_t count, bool hasUpper)
+{
+    if (::mkdirat(devices, name, 0755) != 0 && errno != EEXIST)
+        return -1;
+    const UniqueFd node(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const bool attached = node && (hasUpper || write_stack(node.get(), dirs, count) == 0) &&
+                          overlay_mount(node.get(), dirs, count, hasUpper) == 0;
+    if (!attached)
+        remove_node(devices, name);
+    return attached ? 0 : -1;
+}
+
+int restore_stack(int devices, const char* name)
+{
+    std::size_t len = 0;
+    const auto text = read_stack(devices, name, len);
+    uint32_t count = 0;
+    for (std::size_t i = 0; text && i < len; i++)
+        count += text[i] == '\0' ? 1 : 0;
+    const auto dirs = znc::malloc_array<const char*>(count);
+    if (!dirs)
+        return -1;
+    const char* at = text.get();
+    bool complete = count > 0;
+    for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1) {
+        struct stat st;
+        dirs[i] = at;
+        complete = complete && ::stat(at, &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    if (complete)
+        return attach_on(devices, name, dirs.get(), count, false);
+    remove_node(devices, name); // a container's, from before a reboot, or one whose layers are gone
+    return 0;
+}
+
+int restore_one(int devices, const char* name)
+{
+    switch (look(devices, name)) {
+    case Node::kWritable:
+        return detach(devices, name);
+    case Node::kBare:
+        return restore_stack(devices, name);
+    case Node::kAbsent:
+    case Node::kReadOnly:
+    case Node::kForeign:
+        break;
+    }
+    return 0;
+}
+
+// Whether a device may be made at `name`; an abandoned writable one is taken out of the way.
+int make_room(int devices, const char* devName, const char* name)
+{
+    const Node node = look(devices, name);
+    if (node == Node::kAbsent || node == Node::kBare)
+        return 0;
+    if (node == Node::kWritable && !ns_record_rooted_on(devName))
+        return detach(devices, name);
+    errno = EEXIST;
+    return -1;
+}
+
+} // namespace
+} // namespace zn
+
+using namespace zn;
+
+STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr || dirs == nullptr || dirNum < (hasUpper ? 2U : 1U)) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const UniqueFd devices = open_devices();
+    if (!devices || make_room(devices.get(), devName, name) != 0)
+        return ERROR;
+    return attach_on(devices.get(), name, dirs, dirNum, hasUpper != FALSE) == 0 ? OK : ERROR;
+}
+
+STATUS znOvlDevRemove(const char* devName)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const UniqueFd devices = open_devices();
+    if (!devices)
+        return ERROR;
+    const Node node = look(devices.get(), name);
+    if (node != Node::kReadOnly && node != Node::kWritable) {
+        errno = node == Node::kAbsent ? ENOENT : EINVAL;
+        return ERROR;
+    }
+    return detach(devices.get(), name) == 0 ? OK : ERROR;
+}
+
+BOOL znOvlInit(void)
+{
+    const znc::ErrnoSaver keep;
+    struct stat st;
+    if (overlay_supported() && ::stat(ZN_OVERLAY_DIR, &st) != 0)
+        ::mkdir(ZN_OVERLAY_DIR, 0755);
+    return ::stat(ZN_OVERLAY_DIR, &st) == 0 && S_ISDIR(st.st_mode) ? TRUE : FALSE;
+}
+
+int znOvlRestore(void)
+{
+    const UniqueFd devices = open_devices();
+    if (!devices)
+        return 0;
+    const UniqueFd again(::openat(devices.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const znc::UniqueDir dir(again ? ::fdopendir(::dup(again.get())) : nullptr);
+    int failed = 0;
+    while (const dirent* entry = dir ? ::readdir(dir.get()) : nullptr) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
+            restore_one(devices.get(), name) != 0)
+            failed++;
+    }
+    return failed;
+}

@@ -44,6 +44,17 @@ STATUS znMkdirParents(const char* path, mode_t mode);
  */
 int znFileCreate(const char* path, mode_t mode);
 
+/* The same with `path` taken from the directory `dirFd`. */
+int znFileCreateAt(int dirFd, const char* path, mode_t mode);
+
+/*
+ * Open the directory `name` in the directory `dirFd` as a starting point for the ...at calls and
+ * nothing else (no reading, no fchmod); a directory that may only be searched will do. A symbolic
+ * link is no directory: -1 with ENOTDIR. Otherwise a descriptor closed on exec, or -1 with the task
+ * error number set. `name` is one component: those before a "/" would be followed.
+ */
+int znDirOpenAt(int dirFd, const char* name);
+
 /* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);
 

@@ -43,9 +43,9 @@ STATUS znOvlDevRemove(const char* devName);
 BOOL znOvlInit(void);
 
 /*
- * For a daemon that starts: detach every writable device that a dead daemon left behind and
- * delete its upper and work directories, and attach again every recorded read-only device
- * whose directories are still there. Returns how many of either could not be dealt with.
+ * For a daemon that starts: detach every writable device that a dead daemon left behind (its
+ * directories stay the caller's), attach again every recorded read-only device whose directories are
+ * still there, and remove the nodes of all others. Returns how many could not be dealt with.
  */
 int znOvlRestore(void);
 

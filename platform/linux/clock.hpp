@@ -1,0 +1,37 @@
+// clock.hpp - points in time on the clock that never jumps, for the facilities that wait.
+#ifndef ZN_LINUX_CLOCK_HPP
+#define ZN_LINUX_CLOCK_HPP
+
+#include "zarnel/task.h"
+
+#include <cstdint>
+#include <ctime>
+
+namespace zn {
+
+inline constexpr std::int64_t kNsPerSec = 1000000000;
+
+inline std::int64_t now_ns() noexcept
+{
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<std::int64_t>(ts.tv_sec) * kNsPerSec + ts.tv_nsec;
+}
+
+// When a wait of `ticks` (not negative) that begins now ends.
+inline std::int64_t deadline_ns(int ticks) noexcept
+{
+    return now_ns() + static_cast<std::int64_t>(ticks) * kNsPerSec / znSysClkRateGet();
+}
+
+inline struct timespec to_timespec(std::int64_t ns) noexcept
+{
+    struct timespec ts;
+    ts.tv_sec = static_cast<time_t>(ns / kNsPerSec);
+    ts.tv_nsec = static_cast<long>(ns % kNsPerSec);
+    return ts;
+}
+
+} // namespace zn
+
+#endif

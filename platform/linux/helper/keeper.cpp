@@ -1,0 +1,207 @@
+// keeper.cpp - PID 1 of a namespace: serves its owner's requests one at a time, reaps what is
+// orphaned, and takes the namespace with it when the owner is gone.
+
+#include "helper.hpp"
+#include "sys.hpp"
+#include "wire.hpp"
+
+#include <asm/signal.h>
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/prctl.h>
+#include <linux/socket.h>
+#include <linux/uio.h>
+
+namespace zn {
+namespace {
+
+// The kernel's records of sendmsg/recvmsg, which its headers leave to the C library.
+struct MessageHeader {
+    void* name;
+    int nameLen;
+    iovec* iov;
+    std::size_t iovLen;
+    void* control;
+    std::size_t controlLen;
+    unsigned flags;
+};
+struct ControlHeader {
+    std::size_t len;
+    int level;
+    int type;
+};
+struct ControlWithFd {
+    ControlHeader header;
+    int fd;
+};
+constexpr int kSolSocket = 1;
+constexpr int kScmRights = 1;
+constexpr unsigned kMsgCmsgCloexec = 0x40000000;
+
+struct Incoming {
+    wire::Request request;
+    char text[wire::kTextMax];
+};
+
+// One request and the descriptor that came with it. False when the owner is gone.
+bool receive(Incoming& in, sys::Fd& descriptor)
+{
+    ControlWithFd control = {};
+    iovec iov = {&in, sizeof in};
+    MessageHeader header = {nullptr, 0, &iov, 1, &control, sizeof control, 0};
+    long n;
+    do {
+        n = sys::call(__NR_recvmsg, wire::kKeeperSocket, sys::arg(&header), kMsgCmsgCloexec);
+    } while (n == -EINTR);
+    if (n <= 0)
+        return false;
+    if (header.controlLen >= sizeof(ControlHeader) + sizeof(int) &&
+        control.header.level == kSolSocket && control.header.type == kScmRights)
+        descriptor = sys::Fd(control.fd);
+    const auto got = static_cast<std::size_t>(n);
+    return got >= sizeof in.request && in.request.textLen <= got - sizeof in.request &&
+           in.request.textLen < sizeof in.text;
+}
+
+const char* next_text(const char* text)
+{
+    return text + strlen(text) + 1;
+}
+
+// Whether the process `pid` in the proc `proc` still lives. A leader that ended while other
+// threads of it run is a zombie with more than one thread: it lives.
+bool lives(int proc, const char* pid)
+{
+    char path[32];
+    std::size_t at = 0;
+    for (; pid[at] != '\0' && at < 16; at++)
+        path[at] = pid[at];
+    memcpy(path + at, "/stat", 6);
+    const sys::Fd file(sys::call(__NR_openat, proc, sys::arg(path), O_RDONLY | O_CLOEXEC));
+    if (!file.valid())
+        return false;
+    char stat[512];
+    const long n = sys::call(__NR_read, file.get(), sys::arg(stat), sizeof stat - 1);
+    if (n <= 0)
+        return false;
+    stat[n] = '\0';
+    // The name in the second field may hold anything, so fields are counted from its last ")".
+    long end = n;
+    while (end > 0 && stat[end] != ')')
+        end--;
+    const char* field = stat + end + 2; // field 3: the state
+    const char state = end + 2 < n ? field[0] : 'X';
+    if (state != 'Z' && state != 'X')
+        return true;
+    for (int number = 3; number < 20 && *field != '\0'; field++)
+        if (*field == ' ')
+            number++;
+    return field[0] > '1' || (field[0] == '1' && field[1] >= '0' && field[1] <= '9');
+}
+
+struct DirectoryEntry { // linux_dirent64
+    std::uint64_t inode;
+    std::int64_t offset;
+    unsigned short length;
+    unsigned char type;
+    char name[1];
+};
+
+int in_use(std::uint64_t* used)
+{
+    *used = 0;
+    if (sys::call(__NR_kill, -1, 0) == -ESRCH)
+        return 0;
+    // Somebody is there, perhaps only processes that ended and wait for a parent outside. A proc of
+    // our own, attached nowhere, tells.
+    const sys::Fd proc(filesystem_create("proc", MOUNT_ATTR_NOSUID, nullptr, 0));
+    if (!proc.valid())
+        return proc.error();
+    const sys::Fd list(
+        sys::call(__NR_openat, proc.get(), sys::arg("."), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!list.valid())
+        return list.error();
+    alignas(DirectoryEntry) char entries[2048];
+    for (;;) {
+        const long n = sys::call(__NR_getdents64, list.get(), sys::arg(entries), sizeof entries);
+        if (n <= 0)
+            return static_cast<int>(-n);
+        for (long at = 0; at < n;) {
+            const auto* entry = reinterpret_cast<const DirectoryEntry*>(entries + at);
+            at += entry->length;
+            const char first = entry->name[0];
+            if (first < '1' || first > '9' || text_equal(entry->name, "1"))
+                continue;
+            if (lives(proc.get(), entry->name)) {
+                *used = 1;
+                return 0;
+            }
+        }
+    }
+}
+
+int serve(const Incoming& in, int descriptor, std::uint64_t* value)
+{
+    const wire::Request& request = in.request;
+    const char* first = in.text;
+    switch (request.op) {
+    case wire::Op::kRoot:
+        return root_enter(descriptor, first);
+    case wire::Op::kMountTree:
+        return mount_attach(descriptor, first, request.isDirectory != 0, value);
+    case wire::Op::kMountFs: {
+        const char* type = next_text(first);
+        return mount_filesystem(first, type, request.attributes, next_text(type),
+                                request.textCount - 2, value);
+    }
+    case wire::Op::kUnmount:
+        return mount_detach(first, request.value);
+    case wire::Op::kKill: {
+        // One call reaches every process but this one, forks in flight included.
+        const long result = sys::call(__NR_kill, -1, static_cast<long>(request.value));
+        return result == -ESRCH ? 0 : static_cast<int>(-result);
+    }
+    case wire::Op::kInUse:
+        return in_use(value);
+    }
+    return EINVAL;
+}
+
+void settle()
+{
+    sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
+    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
+    sys::call(__NR_setsid);
+    sys::call(__NR_umask, 0);
+    // Ignoring SIGCHLD makes the kernel reap whatever is orphaned onto this process. All other
+    // signals came blocked from the owner; only the host can kill PID 1.
+    struct {
+        void* handler;
+        unsigned long flags;
+        void* restorer;
+        unsigned long mask;
+    } ignore = {};
+    ignore.handler = reinterpret_cast<void*>(1); // SIG_IGN
+    sys::call(__NR_rt_sigaction, SIGCHLD, sys::arg(&ignore), 0, sizeof ignore.mask);
+}
+
+} // namespace
+
+void keeper_run()
+{
+    settle();
+    Incoming in;
+    for (;;) {
+        sys::Fd descriptor;
+        if (!receive(in, descriptor))
+            sys::exit_group(0);
+        in.text[in.request.textLen] = '\0';
+        wire::Answer answer = {};
+        answer.error = serve(in, descriptor.get(), &answer.value);
+        // MSG_NOSIGNAL: an owner that went away meanwhile is noticed by the next receive.
+        sys::call(__NR_sendto, wire::kKeeperSocket, sys::arg(&answer), sizeof answer, 0x4000);
+    }
+}
+
+} // namespace zn

@@ -1,0 +1,154 @@
+// keeper_mask.cpp - what a container must not reach in proc and sysfs, which know nothing of
+// containers: some paths are covered, some made read-only. A path the kernel does not have is no
+// error.
+
+#include "helper.hpp"
+#include "sys.hpp"
+
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/openat2.h>
+#include <linux/stat.h>
+
+namespace zn {
+namespace {
+
+constexpr std::uint64_t kSealed =
+    MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
+
+constexpr char kProcHidden[][16] = {"acpi",       "asound",        "interrupts",  "kcore",
+                                    "keys",       "latency_stats", "sched_debug", "scsi",
+                                    "timer_list", "timer_stats"};
+constexpr char kProcReadOnly[][16] = {"bus", "fs", "irq", "sys", "sysrq-trigger"};
+constexpr char kSysHidden[][32] = {"devices/virtual/powercap", "firmware", "fs/selinux"};
+
+// A path of the filesystem on `directory` itself: no link, no other mount on the way.
+sys::Fd open_own(int directory, const char* path)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC | O_NOFOLLOW;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
+    return sys::Fd(sys::call(__NR_openat2, directory, sys::arg(path), sys::arg(&how), sizeof how));
+}
+
+int attach(int mount, int target)
+{
+    return static_cast<int>(-sys::call(__NR_move_mount, mount, sys::arg(""), target, sys::arg(""),
+                                       MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH));
+}
+
+// A copy of what is mounted at `source`, not attached, that nobody can write to.
+sys::Fd sealed_copy(int source)
+{
+    sys::Fd copy(sys::call(__NR_open_tree, source, sys::arg(""),
+                           OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
+    if (!copy.valid())
+        return copy;
+    mount_attr attr = {};
+    attr.attr_set = kSealed;
+    attr.propagation = MS_PRIVATE;
+    const long set = sys::call(__NR_mount_setattr, copy.get(), sys::arg(""), AT_EMPTY_PATH,
+                               sys::arg(&attr), sizeof attr);
+    return set < 0 ? sys::Fd(set) : static_cast<sys::Fd&&>(copy);
+}
+
+int make_read_only(int directory, const char* path)
+{
+    const sys::Fd target = open_own(directory, path);
+    if (!target.valid())
+        return target.error() == ENOENT ? 0 : target.error();
+    const sys::Fd copy = sealed_copy(target.get());
+    return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
+}
+
+// What hidden paths are covered with: an empty directory and an empty file of one read-only
+// filesystem. It is attached over the whole of `directory` while copies are taken, since the kernel
+// copies attached mounts only; the paths below are reached by descriptor meanwhile.
+class Covers {
+  public:
+    int hide(int directory, const char* path)
+    {
+        const sys::Fd target = open_own(directory, path);
+        if (!target.valid())
+            return target.error() == ENOENT ? 0 : target.error();
+        struct statx st = {};
+        const long looked = sys::call(__NR_statx, target.get(), sys::arg(""), AT_EMPTY_PATH,
+                                      STATX_TYPE, sys::arg(&st));
+        if (looked < 0)
+            return static_cast<int>(-looked);
+        int error = make(directory);
+        if (error != 0)
+            return error;
+        const bool isDirectory = (st.stx_mode & kTypeMask) == kDirectory;
+        const sys::Fd copy = sealed_copy(isDirectory ? empty_.get() : file_.get());
+        return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
+    }
+
+    // Takes the place where the covers were made away again.
+    int finish()
+    {
+        if (!empty_.valid())
+            return 0;
+        sys::call(__NR_fchdir, root_.get());
+        const long undone = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
+        sys::call(__NR_chdir, sys::arg("/"));
+        return static_cast<int>(-undone);
+    }
+
+  private:
+    int make(int directory)
+    {
+        if (empty_.valid())
+            return 0;
+        // "size" rounds up to a page and is never used: the file stays empty.
+        root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~MOUNT_ATTR_RDONLY,
+                                          "mode=755\0size=4k\0nr_inodes=3", 3));
+        if (!root_.valid())
+            return root_.error();
+        const long made = sys::call(__NR_mkdirat, root_.get(), sys::arg("empty"), 0555);
+        const sys::Fd created(sys::call(__NR_openat, root_.get(), sys::arg("file"),
+                                        O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
+        if (made < 0 || !created.valid())
+            return made < 0 ? static_cast<int>(-made) : created.error();
+        int error = attach(root_.get(), directory);
+        if (error != 0)
+            return error;
+        empty_ = open_own(root_.get(), "empty");
+        file_ = open_own(root_.get(), "file");
+        return !empty_.valid() ? empty_.error() : file_.error();
+    }
+
+    sys::Fd root_;
+    sys::Fd empty_;
+    sys::Fd file_;
+};
+
+} // namespace
+
+int mask_proc(int directory)
+{
+    int error = 0;
+    for (const auto& path : kProcReadOnly)
+        if (error == 0)
+            error = make_read_only(directory, path);
+    Covers covers;
+    for (const auto& path : kProcHidden)
+        if (error == 0)
+            error = covers.hide(directory, path);
+    const int finished = covers.finish();
+    return error != 0 ? error : finished;
+}
+
+int mask_sys(int directory)
+{
+    int error = 0;
+    Covers covers;
+    for (const auto& path : kSysHidden)
+        if (error == 0)
+            error = covers.hide(directory, path);
+    const int finished = covers.finish();
+    return error != 0 ? error : finished;
+}
+
+} // namespace zn

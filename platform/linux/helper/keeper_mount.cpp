@@ -1,0 +1,206 @@
+// keeper_mount.cpp - mounts inside the root, by descriptor: a name of the container's tree is
+// resolved once, by the kernel, with the root as its end and no magic links, and what was found is
+// mounted on. Links in the tree can lead anywhere inside and nowhere else.
+
+#include "helper.hpp"
+#include "sys.hpp"
+
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/openat2.h>
+#include <linux/stat.h>
+
+namespace zn {
+namespace {
+
+constexpr std::size_t kPathMax = 1024;
+constexpr long kUmountDetach = 2;
+constexpr long kUmountNoFollow = 8;
+
+// O_PATH descriptor of `path` as the container sees it.
+long open_inside(const char* path, std::uint64_t flags)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC | flags;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    return sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
+}
+
+// The end of the last component and its start, trailing separators left out.
+struct Tail {
+    std::size_t start;
+    std::size_t end;
+};
+Tail last_component(const char* path)
+{
+    std::size_t end = strlen(path);
+    while (end > 0 && path[end - 1] == '/')
+        end--;
+    std::size_t start = end;
+    while (start > 0 && path[start - 1] != '/')
+        start--;
+    return {start, end};
+}
+
+// Makes the missing directories of `path`, each in the directory found before it.
+int make_directories(const char* path)
+{
+    char prefix[kPathMax];
+    sys::Fd parent(open_inside("/", O_DIRECTORY));
+    for (std::size_t at = 0; path[at] != '\0';) {
+        const std::size_t start = at + (path[at] == '/' ? 1 : 0);
+        at = start;
+        while (path[at] != '\0' && path[at] != '/')
+            at++;
+        if (at == start)
+            continue;
+        memcpy(prefix, path, at);
+        prefix[at] = '\0';
+        sys::Fd next(open_inside(prefix, O_DIRECTORY));
+        if (next.error() == ENOENT) {
+            const long made = sys::call(__NR_mkdirat, parent.get(), sys::arg(prefix + start), 0755);
+            if (made < 0)
+                return static_cast<int>(-made);
+            next = sys::Fd(open_inside(prefix, O_DIRECTORY));
+        }
+        if (!next.valid())
+            return next.error();
+        parent = static_cast<sys::Fd&&>(next);
+    }
+    return 0;
+}
+
+int make_file(const char* path)
+{
+    char copy[kPathMax];
+    const Tail tail = last_component(path);
+    memcpy(copy, path, tail.end);
+    copy[tail.end] = '\0';
+    copy[tail.start > 0 ? tail.start - 1 : 0] = '\0';
+    const int error = make_directories(copy);
+    if (error != 0)
+        return error;
+    const sys::Fd parent(open_inside(copy[0] != '\0' ? copy : "/", O_DIRECTORY));
+    if (!parent.valid())
+        return parent.error();
+    const sys::Fd file(sys::call(__NR_openat, parent.get(),
+                                 sys::arg(tail.start > 0 ? copy + tail.start : copy),
+                                 O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    return file.error();
+}
+
+// The mount point, made if it is missing.
+sys::Fd mount_point(const char* destination, bool isDirectory)
+{
+    sys::Fd found(open_inside(destination, 0));
+    if (found.error() != ENOENT)
+        return found;
+    const int error = isDirectory ? make_directories(destination) : make_file(destination);
+    if (error != 0)
+        return sys::Fd(-error);
+    return sys::Fd(open_inside(destination, 0));
+}
+
+// The id of the mount that `name` (of directory `at`) is on, and whether it is that mount's root.
+int mount_of(int at, const char* name, std::uint64_t* id)
+{
+    struct statx st = {};
+    const long result = sys::call(__NR_statx, at, sys::arg(name),
+                                  AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0),
+                                  STATX_MNT_ID, sys::arg(&st));
+    *id = st.stx_mnt_id;
+    return static_cast<int>(-result);
+}
+
+bool usable(const char* destination)
+{
+    const std::size_t len = strlen(destination);
+    const Tail tail = last_component(destination);
+    return len < kPathMax && tail.end > tail.start; // not empty, not the root itself
+}
+
+} // namespace
+
+int mount_attach(int mount, const char* destination, bool isDirectory, std::uint64_t* mountId)
+{
+    if (mount < 0 || !usable(destination))
+        return EINVAL;
+    const sys::Fd point = mount_point(destination, isDirectory);
+    if (!point.valid())
+        return point.error();
+    const long moved = sys::call(__NR_move_mount, mount, sys::arg(""), point.get(), sys::arg(""),
+                                 MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH);
+    if (moved < 0)
+        return static_cast<int>(-moved);
+    return mount_of(mount, "", mountId);
+}
+
+long filesystem_create(const char* type, std::uint64_t attributes, const char* options,
+                       unsigned optionCount)
+{
+    const sys::Fd context(sys::call(__NR_fsopen, sys::arg(type), FSOPEN_CLOEXEC));
+    if (!context.valid())
+        return -context.error();
+    for (; optionCount > 0; optionCount--) {
+        char key[kPathMax];
+        std::size_t len = 0;
+        while (options[len] != '\0' && options[len] != '=' && len < sizeof key - 1) {
+            key[len] = options[len];
+            len++;
+        }
+        key[len] = '\0';
+        const bool hasValue = options[len] == '=';
+        const long set = sys::call(__NR_fsconfig, context.get(),
+                                   hasValue ? FSCONFIG_SET_STRING : FSCONFIG_SET_FLAG,
+                                   sys::arg(key), hasValue ? sys::arg(options + len + 1) : 0);
+        if (set < 0)
+            return set;
+        options += strlen(options) + 1;
+    }
+    const long created = sys::call(__NR_fsconfig, context.get(), FSCONFIG_CMD_CREATE, 0, 0, 0);
+    if (created < 0)
+        return created;
+    return sys::call(__NR_fsmount, context.get(), FSMOUNT_CLOEXEC, static_cast<long>(attributes));
+}
+
+int mount_filesystem(const char* destination, const char* type, std::uint64_t attributes,
+                     const char* options, unsigned optionCount, std::uint64_t* mountId)
+{
+    const bool isProc = text_equal(type, "proc");
+    const bool isSys = text_equal(type, "sysfs");
+    if (isSys)
+        attributes |= MOUNT_ATTR_RDONLY;
+    const sys::Fd mount(filesystem_create(type, attributes, options, optionCount));
+    if (!mount.valid())
+        return mount.error();
+    const int error = mount_attach(mount.get(), destination, true, mountId);
+    if (error != 0)
+        return error;
+    return isProc ? mask_proc(mount.get()) : isSys ? mask_sys(mount.get()) : 0;
+}
+
+int mount_detach(const char* destination, std::uint64_t mountId)
+{
+    if (!usable(destination))
+        return EINVAL;
+    char path[kPathMax];
+    const Tail tail = last_component(destination);
+    memcpy(path, destination, tail.end);
+    path[tail.end] = '\0';
+    char name[kPathMax];
+    memcpy(name, path + tail.start, tail.end - tail.start + 1);
+    path[tail.start] = '\0';
+    const sys::Fd parent(open_inside(path[0] != '\0' ? path : "/", O_DIRECTORY));
+    std::uint64_t found = 0;
+    // The container may have moved the mount out of reach of its name, or the name may have been a
+    // link. Nothing is lost: what stays goes with the namespace.
+    if (!parent.valid() || mount_of(parent.get(), name, &found) != 0 || found != mountId)
+        return 0;
+    sys::call(__NR_fchdir, parent.get());
+    const long undone = sys::call(__NR_umount2, sys::arg(name), kUmountDetach | kUmountNoFollow);
+    sys::call(__NR_chdir, sys::arg("/"));
+    return static_cast<int>(-undone);
+}
+
+} // namespace zn

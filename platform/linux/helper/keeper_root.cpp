@@ -1,0 +1,159 @@
+// keeper_root.cpp - a namespace's root: the tree as "/", and what every container finds in it: its
+// own /proc, a small /dev, a read-only /sys, where the tree has those directories.
+
+#include "helper.hpp"
+#include "sys.hpp"
+
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/openat2.h>
+#include <linux/stat.h>
+
+namespace zn {
+namespace {
+
+constexpr std::uint64_t kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
+
+// pivot_root(".", ".") puts the new root below the old one at the same place; detaching "." then
+// leaves the new one alone. The tree is first mounted over "/", which needs no directory of the
+// host's.
+int pivot(int tree)
+{
+    long result = sys::call(__NR_mount, 0, sys::arg("/"), 0, MS_REC | MS_PRIVATE, 0);
+    if (result == 0)
+        result = sys::call(__NR_move_mount, tree, sys::arg(""), AT_FDCWD, sys::arg("/"),
+                           MOVE_MOUNT_F_EMPTY_PATH);
+    if (result == 0)
+        result = sys::call(__NR_fchdir, tree);
+    if (result == 0)
+        result = sys::call(__NR_pivot_root, sys::arg("."), sys::arg("."));
+    if (result == 0)
+        result = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
+    if (result == 0)
+        result = sys::call(__NR_chdir, sys::arg("/"));
+    return static_cast<int>(-result);
+}
+
+// A real directory directly below the root; a link of that name does not count.
+sys::Fd real_directory(const char* name)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+    return sys::Fd(sys::call(__NR_openat2, AT_FDCWD, sys::arg(name), sys::arg(&how), sizeof how));
+}
+
+int attach(int mount, int directory, const char* name)
+{
+    return static_cast<int>(
+        -sys::call(__NR_move_mount, mount, sys::arg(""), directory, sys::arg(name),
+                   MOVE_MOUNT_F_EMPTY_PATH | (name[0] == '\0' ? MOVE_MOUNT_T_EMPTY_PATH : 0)));
+}
+
+int provide(const char* type, std::uint64_t attributes, const char* options, unsigned optionCount,
+            int directory, const char* name)
+{
+    const sys::Fd mount(filesystem_create(type, attributes, options, optionCount));
+    return mount.valid() ? attach(mount.get(), directory, name) : mount.error();
+}
+
+int provide_proc()
+{
+    const sys::Fd directory = real_directory("proc");
+    if (!directory.valid())
+        return 0;
+    const sys::Fd mount(filesystem_create("proc", kQuiet, nullptr, 0));
+    if (!mount.valid())
+        return mount.error();
+    const int error = attach(mount.get(), directory.get(), "");
+    return error != 0 ? error : mask_proc(mount.get());
+}
+
+int provide_sys()
+{
+    const sys::Fd directory = real_directory("sys");
+    if (!directory.valid())
+        return 0;
+    const sys::Fd mount(filesystem_create("sysfs", kQuiet | MOUNT_ATTR_RDONLY, nullptr, 0));
+    if (!mount.valid())
+        return mount.error();
+    const int error = attach(mount.get(), directory.get(), "");
+    return error != 0 ? error : mask_sys(mount.get());
+}
+
+int fill_dev(int dev)
+{
+    static constexpr struct {
+        char name[8];
+        unsigned short major;
+        unsigned short minor;
+    } kNodes[] = {{"null", 1, 3},   {"zero", 1, 5},    {"full", 1, 7},
+                  {"random", 1, 8}, {"urandom", 1, 9}, {"tty", 5, 0}};
+    static constexpr struct {
+        char name[8];
+        char target[16];
+    } kLinks[] = {{"fd", "/proc/self/fd"},
+                  {"stdin", "/proc/self/fd/0"},
+                  {"stdout", "/proc/self/fd/1"},
+                  {"stderr", "/proc/self/fd/2"},
+                  {"ptmx", "pts/ptmx"}};
+    static constexpr char kDirectories[][8] = {"pts", "shm", "mqueue"};
+    long result = 0;
+    for (const auto& node : kNodes)
+        if (result == 0)
+            result = sys::call(__NR_mknodat, dev, sys::arg(node.name), kCharDevice | 0666,
+                               (node.major << 8) | node.minor);
+    for (const auto& link : kLinks)
+        if (result == 0)
+            result = sys::call(__NR_symlinkat, sys::arg(link.target), dev, sys::arg(link.name));
+    for (const auto& directory : kDirectories)
+        if (result == 0)
+            result = sys::call(__NR_mkdirat, dev, sys::arg(directory), 0755);
+    return static_cast<int>(-result);
+}
+
+int provide_dev()
+{
+    const sys::Fd directory = real_directory("dev");
+    if (!directory.valid())
+        return 0;
+    const sys::Fd dev(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
+                                        "mode=755\0size=65536k", 2));
+    if (!dev.valid())
+        return dev.error();
+    int error = fill_dev(dev.get());
+    if (error == 0)
+        error = attach(dev.get(), directory.get(), "");
+    if (error == 0)
+        error = provide("devpts", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
+                        "ptmxmode=0666\0mode=0620\0gid=5", 3, dev.get(), "pts");
+    if (error == 0)
+        error = provide("tmpfs", kQuiet, "mode=1777\0size=65536k", 2, dev.get(), "shm");
+    if (error == 0)
+        error = provide("mqueue", kQuiet, nullptr, 0, dev.get(), "mqueue");
+    return error;
+}
+
+} // namespace
+
+int root_enter(int tree, const char* hostName)
+{
+    if (tree < 0)
+        return EBADF;
+    int error = pivot(tree);
+    if (error != 0)
+        return error;
+    std::size_t len = strlen(hostName);
+    if (len > 64)
+        len = 64;
+    sys::call(__NR_sethostname, sys::arg(hostName), static_cast<long>(len));
+    error = provide_proc();
+    if (error == 0)
+        error = provide_dev();
+    if (error == 0)
+        error = provide_sys();
+    return error;
+}
+
+} // namespace zn

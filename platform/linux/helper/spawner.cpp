@@ -1,0 +1,179 @@
+// spawner.cpp - carries one program into a namespace: joins it, makes the program's process there
+// as a child of the caller, confines it and runs the program.
+//
+// From before the join until the program runs nobody in the container can look into these
+// processes: they are not dumpable and hold more capabilities than any container process.
+
+#include "helper.hpp"
+#include "sys.hpp"
+#include "wire.hpp"
+
+#include <asm/signal.h>
+#include <linux/capability.h>
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/keyctl.h>
+#include <linux/openat2.h>
+#include <linux/prctl.h>
+#include <linux/resource.h>
+#include <linux/sched.h>
+
+namespace zn {
+namespace {
+
+constexpr long kNamespaces =
+    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+
+// A container's capabilities: what ordinary server programs need of root. Without a user namespace
+// every other one would be a capability over the host.
+constexpr std::uint64_t bit(int capability)
+{
+    return std::uint64_t{1} << capability;
+}
+constexpr std::uint64_t kCapabilities =
+    bit(CAP_CHOWN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_FOWNER) | bit(CAP_FSETID) | bit(CAP_KILL) |
+    bit(CAP_NET_BIND_SERVICE) | bit(CAP_SETFCAP) | bit(CAP_SETGID) | bit(CAP_SETPCAP) |
+    bit(CAP_SETUID) | bit(CAP_SYS_CHROOT);
+
+void report(wire::SpawnReport::Kind kind, long value)
+{
+    const wire::SpawnReport message = {kind, static_cast<std::int32_t>(value)};
+    sys::call(__NR_write, wire::kSpawnerReport, sys::arg(&message), sizeof message);
+}
+
+[[noreturn]] void fail(long result)
+{
+    report(wire::SpawnReport::Kind::kError, -result);
+    sys::exit_group(127);
+}
+
+void must(long result)
+{
+    if (result < 0)
+        fail(result);
+}
+
+long number(const char* text)
+{
+    const bool negative = *text == '-';
+    long value = 0;
+    for (text += negative ? 1 : 0; *text >= '0' && *text <= '9'; text++)
+        value = value * 10 + (*text - '0');
+    return negative ? -value : value;
+}
+
+// Exec resets handlers but not ignored signals, and keeps the mask.
+void default_signals()
+{
+    struct {
+        void* handler;
+        unsigned long flags;
+        void* restorer;
+        unsigned long mask;
+    } action = {};
+    for (int signal = 1; signal <= 64; signal++)
+        sys::call(__NR_rt_sigaction, signal, sys::arg(&action), 0, sizeof action.mask);
+    const unsigned long none = 0;
+    sys::call(__NR_rt_sigprocmask, 2 /* SIG_SETMASK */, sys::arg(&none), 0, sizeof none);
+}
+
+// The stack is raised when it is smaller than asked for, as far as the hard limit lets; never
+// lowered.
+void raise_stack(long wanted)
+{
+    struct {
+        std::uint64_t soft;
+        std::uint64_t hard;
+    } limit = {};
+    if (sys::call(__NR_prlimit64, 0, RLIMIT_STACK, 0, sys::arg(&limit)) < 0)
+        return;
+    auto size = static_cast<std::uint64_t>(wanted);
+    if (size <= limit.soft)
+        return;
+    if (size > limit.hard)
+        size = limit.hard;
+    limit.soft = size;
+    sys::call(__NR_prlimit64, 0, RLIMIT_STACK, sys::arg(&limit), 0);
+}
+
+// Magic links are refused and the result looked at: a working directory outside the root would be a
+// way out.
+void enter_directory(const char* path)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    const sys::Fd directory(
+        sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how));
+    if (!directory.valid())
+        fail(-directory.error());
+    must(sys::call(__NR_fchdir, directory.get()));
+    char where[4096];
+    must(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
+    if (where[0] != '/')
+        fail(-ENOENT);
+}
+
+void drop_rights()
+{
+    must(sys::call(__NR_setgroups, 0, 0));
+    must(sys::call(__NR_setresgid, 0, 0, 0));
+    must(sys::call(__NR_setresuid, 0, 0, 0));
+    for (int capability = 0;; capability++) {
+        if (capability < 64 && (kCapabilities & bit(capability)) != 0)
+            continue;
+        const long dropped = sys::call(__NR_prctl, PR_CAPBSET_DROP, capability);
+        if (dropped == -EINVAL) // beyond the last one the kernel has
+            break;
+        must(dropped);
+    }
+    sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL);
+    const auto low = static_cast<std::uint32_t>(kCapabilities);
+    const auto high = static_cast<std::uint32_t>(kCapabilities >> 32);
+    const __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct sets[2] = {{low, low, 0}, {high, high, 0}};
+    must(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
+    must(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
+}
+
+[[noreturn]] void become_program(char** argv, char** envp)
+{
+    const long nice = number(argv[1]);
+    const long stack = number(argv[2]);
+    const char* directory = argv[3];
+    const char* program = argv[4];
+
+    must(sys::call(__NR_setsid)); // no way back to the caller's terminal
+    sys::call(__NR_umask, 022);
+    sys::call(__NR_keyctl, KEYCTL_JOIN_SESSION_KEYRING,
+              0); // kernels without keyrings have none to share
+    must(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
+    raise_stack(stack);
+    drop_rights();
+    // With the rights the program will have, so that it could have gone there itself.
+    enter_directory(directory);
+    sys::call(__NR_close, wire::kSpawnerNamespace);
+    default_signals();
+    fail(sys::call(__NR_execve, sys::arg(program), sys::arg(argv + wire::kSpawnerFixedArgs),
+                   sys::arg(envp)));
+}
+
+} // namespace
+
+void spawner_run(char** argv, char** envp)
+{
+    sys::call(__NR_fcntl, wire::kSpawnerReport, F_SETFD, FD_CLOEXEC);
+    sys::call(__NR_fcntl, wire::kSpawnerNamespace, F_SETFD, FD_CLOEXEC);
+    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    must(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
+    // A process namespace holds only for children. CLONE_PARENT makes the child the caller's, which
+    // can wait for it; its end is signalled as this process's would be.
+    const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);
+    if (pid == 0)
+        become_program(argv, envp);
+    must(pid);
+    report(wire::SpawnReport::Kind::kPid, pid);
+    sys::exit_group(0);
+}
+
+} // namespace zn

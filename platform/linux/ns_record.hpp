@@ -1,0 +1,43 @@
+// ns_record.hpp - what is written down about each rooted namespace, so that other processes can
+// join it by its id and a new owner can clear what a dead one left: one file per namespace in the
+// runtime directory.
+//
+// Used by the namespace service, the spawner and the overlay devices. A record names its keeper by
+// process id and start time, so that it never leads to another process of the same id.
+#ifndef ZN_NS_RECORD_HPP
+#define ZN_NS_RECORD_HPP
+
+#include "zarnel/owned.hpp"
+#include "zarnel/types.h"
+
+namespace zn {
+
+inline constexpr char kRuntimeDir[] = "/run/zarnel";
+inline constexpr std::size_t kRootPathMax = 1024;
+
+struct NsRecord {
+    pid_t keeper;
+    unsigned long long startTime; // of the keeper, in clock ticks since boot
+    char root[kRootPathMax];
+};
+
+// The start time of a process, 0 with errno set when it is gone.
+unsigned long long process_start_time(pid_t pid);
+
+// 0, or -1 with errno set (EEXIST: the id is taken).
+int ns_record_write(nsid_t ns, const NsRecord& record);
+int ns_record_read(nsid_t ns, NsRecord& record);
+void ns_record_remove(nsid_t ns);
+
+// A descriptor for the keeper of a record; invalid with ESRCH when it is gone.
+znc::UniqueFd ns_record_keeper(const NsRecord& record);
+
+// Calls `visit(ns, context)` for every record.
+void ns_record_each(void (*visit)(nsid_t ns, void* context), void* context);
+
+// Whether a living namespace of any process has this root.
+bool ns_record_rooted_on(const char* root);
+
+} // namespace zn
+
+#endif

@@ -1,0 +1,743 @@
+// The namespace service, the spawner and overlay devices together, in real namespaces: nothing is
+// faked here.
+
+#include "zarnel/ns.h"
+
+#include "little_root.hpp"
+#include "zarnel/overlay.h"
+#include "zarnel/owned.hpp"
+#include "zarnel/spawn.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kFlags = 0x1001;
+constexpr int kKill = 9;
+constexpr int kTerm = 15;
+constexpr int kUsr1 = 30; // the platform's number, 10 on the host
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::size_t open_descriptors()
+{
+    std::size_t n = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd"))
+        n++;
+    return n;
+}
+
+// Living or unreaped children of this process.
+std::size_t children()
+{
+    std::size_t n = 0;
+    std::istringstream list(read_file("/proc/self/task/" + std::to_string(getpid()) + "/children"));
+    for (std::string pid; list >> pid;)
+        n++;
+    return n;
+}
+
+bool catches(pid_t pid, int hostSignal)
+{
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    const std::size_t at = status.find("SigCgt:\t");
+    return at != std::string::npos &&
+           ((std::stoull(status.substr(at + 8, 16), nullptr, 16) >> (hostSignal - 1)) & 1) != 0;
+}
+
+class Namespaces : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        root_ = "/tmp/root";
+        make_little_root(root_);
+        znnsRecover();
+        mounts_ = read_file("/proc/self/mountinfo");
+        // The first keeper makes this process keep the helper's file open.
+        const nsid_t first = znnsCreate(kFlags);
+        ASSERT_GE(first, 0) << std::strerror(errno);
+        ASSERT_EQ(znnsDelete(first), OK);
+        descriptors_ = open_descriptors();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(znnsShutdown(), 0);
+        EXPECT_EQ(read_file("/proc/self/mountinfo"), mounts_);
+        EXPECT_EQ(open_descriptors(), descriptors_);
+        EXPECT_EQ(children(), 0U);
+        EXPECT_TRUE(!fs::exists("/run/zarnel/ns") || fs::is_empty("/run/zarnel/ns"));
+        fs::remove_all("/tmp/root");
+        fs::remove_all("/tmp/out");
+    }
+
+    nsid_t rooted(const char* name = "web")
+    {
+        const nsid_t ns = znnsCreate(kFlags);
+        EXPECT_GE(ns, 0) << std::strerror(errno);
+        EXPECT_EQ(znnsRootfsCreate(ns, root_.c_str(), name), OK) << std::strerror(errno);
+        return ns;
+    }
+
+    // Starts a shell command inside, its output in /tmp/out; -1 with errno set.
+    pid_t start(nsid_t ns, const std::string& command, const char* cwd = "/", int priority = 100)
+    {
+        const znc::UniqueFd out(::open("/tmp/out", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        const znc::UniqueFd keep(::fcntl(1, F_DUPFD_CLOEXEC, 10));
+        const znc::UniqueFd keepError(::fcntl(2, F_DUPFD_CLOEXEC, 10));
+        ::dup2(out.get(), 1);
+        ::dup2(out.get(), 2);
+        znSpawnAttr attr;
+        znSpawnAttrInit(&attr);
+        znSpawnAttrSetNamespace(&attr, ns);
+        znSpawnAttrSetCwd(&attr, cwd);
+        znSpawnAttrSetPriority(&attr, priority);
+        std::string text = command;
+        std::array<char*, 4> argv = {const_cast<char*>("sh"), const_cast<char*>("-c"), text.data(),
+                                     nullptr};
+        std::array<char*, 2> envp = {const_cast<char*>("PATH=/bin"), nullptr};
+        pid_t pid = -1;
+        const znc::UniqueFd keepInput(closeInput_ ? ::fcntl(0, F_DUPFD_CLOEXEC, 10) : -1);
+        if (closeInput_)
+            ::close(0);
+        const STATUS status =
+            znSpawn(&pid, (root_ + "/bin/sh").c_str(), &attr, argv.data(), envp.data());
+        const int error = errno;
+        if (closeInput_) {
+            EXPECT_EQ(::fcntl(0, F_GETFD), -1);
+            ::dup2(keepInput.get(), 0);
+        }
+        ::dup2(keep.get(), 1);
+        ::dup2(keepError.get(), 2);
+        errno = error;
+        return status == OK ? pid : -1;
+    }
+
+    int wait(pid_t pid)
+    {
+        int status = -1;
+        EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+        return status;
+    }
+
+    // Runs a shell command inside and gives what it wrote.
+    std::string run(nsid_t ns, const std::string& command, const char* cwd = "/")
+    {
+        const pid_t pid = start(ns, command, cwd);
+        EXPECT_GT(pid, 0) << std::strerror(errno);
+        if (pid > 0)
+            exit_ = wait(pid);
+        return read_file("/tmp/out");
+    }
+
+    BOOL in_use(nsid_t ns)
+    {
+        BOOL used = -1;
+        EXPECT_EQ(znnsInUse(ns, &used), OK) << std::strerror(errno);
+        return used;
+    }
+
+    std::string root_;
+    std::string mounts_;
+    std::size_t descriptors_ = 0;
+    int exit_ = -1;
+    bool closeInput_ = false; // start() without a standard input
+};
+
+TEST_F(Namespaces, ProgramSeesTheTreeAsItsRootAndItselfAlone)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "echo $$; ls /"), "2\nbin\ndev\netc\nproc\nsys\ntmp\n");
+    EXPECT_EQ(run(ns, "ls -d /proc/[0-9]* | grep -c ."), "4\n"); // keeper, sh, ls, grep
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProgramHasItsWorkingDirectoryAndEnvironmentOnly)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "exec readlink /proc/self/cwd", "/etc"), "/etc\n");
+    znSpawnAttr attr;
+    znSpawnAttrInit(&attr);
+    znSpawnAttrSetNamespace(&attr, ns);
+    std::array<char*, 5> argv = {
+        const_cast<char*>("dd"), const_cast<char*>("if=/proc/self/environ"),
+        const_cast<char*>("of=/tmp/environ"), const_cast<char*>("status=none"), nullptr};
+    std::array<char*, 3> envp = {const_cast<char*>("A=1"), const_cast<char*>("B=2"), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(znSpawn(&pid, (root_ + "/bin/dd").c_str(), &attr, argv.data(), envp.data()), OK);
+    wait(pid);
+    EXPECT_EQ(read_file(root_ + "/tmp/environ"), std::string("A=1\0B=2\0", 8));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, HostNameIsTheContainersName)
+{
+    const nsid_t ns = rooted("db");
+    EXPECT_EQ(run(ns, "hostname"), "db\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProgramHasOnlyTheContainerCapabilitiesAndNoWayToMore)
+{
+    const nsid_t ns = rooted();
+    const std::string status = run(ns, "grep -E '^(Cap|NoNewPrivs|Groups)' /proc/self/status");
+    // CHOWN DAC_OVERRIDE FOWNER FSETID KILL SETGID SETUID SETPCAP NET_BIND_SERVICE SYS_CHROOT
+    // SETFCAP
+    EXPECT_EQ(status, "Groups:\t \n"
+                      "CapInh:\t0000000000000000\n"
+                      "CapPrm:\t00000000800405fb\n"
+                      "CapEff:\t00000000800405fb\n"
+                      "CapBnd:\t00000000800405fb\n"
+                      "CapAmb:\t0000000000000000\n"
+                      "NoNewPrivs:\t1\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProgramHasNoDescriptorOfTheCaller)
+{
+    std::vector<znc::UniqueFd> leaky;
+    for (int i = 0; i < 40; i++)
+        leaky.emplace_back(::open("/", O_RDONLY | O_DIRECTORY)); // not closed on exec
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "exec ls /proc/self/fd"), "0\n1\n2\n3\n"); // 3: the directory being listed
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProgramHasDefaultSignalsAndMask)
+{
+    sigset_t mask;
+    sigfillset(&mask);
+    sigset_t before;
+    ::pthread_sigmask(SIG_SETMASK, &mask, &before);
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction old;
+    ::sigaction(SIGUSR1, &ignore, &old);
+    const nsid_t ns = rooted();
+    const std::string status = run(ns, "exec cat /proc/self/status");
+    ::sigaction(SIGUSR1, &old, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_NE(status.find("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"),
+              std::string::npos)
+        << status;
+    EXPECT_NE(status.find("Umask:\t0022\n"), std::string::npos) << status;
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, DevHoldsTheStandardNodesAndNothingIsWrittenToTheTree)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "ls /dev"),
+              "fd\nfull\nmqueue\nnull\nptmx\npts\nrandom\nshm\nstderr\nstdin\nstdout\ntty\n"
+              "urandom\nzero\n");
+    EXPECT_EQ(run(ns, "echo lost > /dev/null; dd if=/dev/zero bs=4 count=1 2>/dev/null | cat -v"),
+              "^@^@^@^@");
+    EXPECT_TRUE(fs::is_empty(root_ + "/dev"));
+    EXPECT_TRUE(fs::is_empty(root_ + "/proc"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProcAndSysAreWriteProtectedAndMasked)
+{
+    const nsid_t ns = rooted();
+    EXPECT_NE(run(ns, "echo 1 > /proc/sys/kernel/panic"), "");
+    EXPECT_NE(exit_, 0);
+    EXPECT_NE(run(ns, "echo h > /proc/sysrq-trigger"), "");
+    EXPECT_NE(exit_, 0);
+    EXPECT_EQ(run(ns, "test -e /proc/kcore && dd if=/proc/kcore bs=1 count=1 2>/dev/null"), "");
+    EXPECT_EQ(run(ns, "ls /sys/firmware"), "");
+    EXPECT_NE(run(ns, "mkdir /sys/fs/x"), "");
+    EXPECT_NE(exit_, 0);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, DirectoriesThatAreMissingOrLinksAreNotProvided)
+{
+    fs::remove(root_ + "/proc");
+    fs::remove(root_ + "/dev");
+    fs::create_directory_symlink("/etc", root_ + "/dev");
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "ls /etc; ls -d /proc || true"), "ls: /proc: No such file or directory\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, DeviceNodesAndSetIdProgramsOfTheTreeHaveNoPower)
+{
+    ASSERT_EQ(::mknod((root_ + "/etc/zero").c_str(), S_IFCHR | 0666, makedev(1, 5)), 0);
+    const nsid_t ns = rooted();
+    run(ns, "head -c 1 /etc/zero");
+    EXPECT_NE(exit_, 0);
+    EXPECT_NE(run(ns, "grep -E '^[0-9]+ [0-9]+ [0-9:]+ [^ ]+ / ' /proc/self/mountinfo")
+                  .find("nosuid,nodev"),
+              std::string::npos);
+    run(ns, "mknod /tmp/null c 1 3");
+    EXPECT_NE(exit_, 0);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, NothingOfTheHostIsMountedInside)
+{
+    const nsid_t ns = rooted();
+    const std::string list = run(ns, "cat /proc/self/mountinfo");
+    std::set<std::string> points;
+    std::istringstream lines(list);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::string field;
+        for (int i = 0; i < 5; i++)
+            fields >> field;
+        points.insert(field);
+    }
+    for (const std::string& point : points)
+        EXPECT_TRUE(point == "/" || point.rfind("/proc", 0) == 0 || point.rfind("/dev", 0) == 0 ||
+                    point.rfind("/sys", 0) == 0)
+            << point;
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, KillReachesEveryProcessByThePlatformsNumber)
+{
+    const nsid_t ns = rooted();
+    const pid_t pid = start(ns, "trap 'echo got; exit 7' USR1; while :; do sleep 0.01; done");
+    ASSERT_GT(pid, 0);
+    while (!catches(pid, SIGUSR1))
+        std::this_thread::yield();
+    EXPECT_EQ(znnsProcessKill(ns, pid, kUsr1), OK) << std::strerror(errno);
+    const int status = wait(pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7);
+    const pid_t a = start(ns, "sleep 100");
+    const pid_t b = start(ns, "sleep 100 & wait");
+    EXPECT_EQ(znnsKill(ns, kKill), OK);
+    EXPECT_EQ(wait(a), SIGKILL);
+    EXPECT_EQ(wait(b), SIGKILL);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, KillWithNobodyThereSucceeds)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(znnsKill(ns, kTerm), OK);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, KillOfHandleZeroAStrangerOrAnEndedProcessGivesESRCH)
+{
+    const nsid_t ns = rooted();
+    errno = 0;
+    EXPECT_EQ(znnsProcessKill(ns, 0, kTerm), ERROR);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_EQ(znnsProcessKill(ns, getpid(), kTerm), ERROR); // this test would end here
+    EXPECT_EQ(errno, ESRCH);
+    const pid_t pid = start(ns, "exit 0");
+    siginfo_t info;
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    errno = 0;
+    EXPECT_EQ(znnsProcessKill(ns, pid, kTerm), ERROR);
+    EXPECT_EQ(errno, ESRCH);
+    wait(pid);
+    EXPECT_EQ(znnsProcessKill(ns, pid, kTerm), ERROR);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, KillWithAnUnknownSignalGivesEINVAL)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(znnsKill(ns, 47), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, InUseOnlyWhileSomebodyLives)
+{
+    const nsid_t ns = rooted();
+    EXPECT_FALSE(in_use(ns));
+    const pid_t pid = start(ns, "read line < /dev/ptmx; exit 0");
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(in_use(ns));
+    ::kill(pid, SIGKILL);
+    siginfo_t info;
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(in_use(ns)); // ended, not reaped
+    wait(pid);
+    EXPECT_FALSE(in_use(ns));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, OrphansCountAsLivingAndAreReaped)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "sleep 100 & exit 3"), "");
+    EXPECT_EQ(WEXITSTATUS(exit_), 3);
+    EXPECT_TRUE(in_use(ns));
+    EXPECT_EQ(znnsKill(ns, kKill), OK);
+    while (in_use(ns))
+        std::this_thread::yield();
+    EXPECT_EQ(run(ns, "ls -d /proc/[0-9]* | grep -c ."), "4\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, DeleteKillsWhateverLivesAndDoesNotWaitForItsParent)
+{
+    const nsid_t ns = rooted();
+    const pid_t pid = start(ns, "trap '' TERM INT HUP; while :; do sleep 100; done");
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(znnsDelete(ns), OK);
+    siginfo_t info = {};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT), 0);
+    EXPECT_EQ(info.si_pid, pid); // dead when delete returns
+    EXPECT_EQ(wait(pid), SIGKILL);
+    BOOL used;
+    EXPECT_EQ(znnsInUse(ns, &used), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(Namespaces, SpawnIntoADeletedNamespaceGivesESRCH)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(start(ns, "true"), -1);
+    EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(Namespaces, SpawnAfterTheKeeperDiedGivesESRCHAndUndoingStillWorks)
+{
+    const nsid_t ns = rooted();
+    std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
+    pid_t keeper = 0;
+    record >> keeper;
+    ASSERT_GT(keeper, 1);
+    ASSERT_EQ(::kill(keeper, SIGKILL), 0);
+    while (start(ns, "true") > 0)
+        std::this_thread::yield();
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_FALSE(in_use(ns));
+    EXPECT_EQ(znnsRootfsDestroy(ns, root_.c_str(), "web"), OK);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ARecordOfAnotherProcessLeadsNowhere)
+{
+    const nsid_t ns = rooted();
+    const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
+    std::ofstream(path) << getpid() << " 1\n" << root_; // our id, but not our start time
+    EXPECT_EQ(start(ns, "true"), -1);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, SpawnErrorsComeBackAndLeaveNoChild)
+{
+    const nsid_t ns = rooted();
+    znSpawnAttr attr;
+    znSpawnAttrInit(&attr);
+    znSpawnAttrSetNamespace(&attr, ns);
+    std::array<char*, 2> argv = {const_cast<char*>("x"), nullptr};
+    pid_t pid = -1;
+    EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/none").c_str(), &attr, argv.data(), nullptr), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    std::ofstream(root_ + "/bin/text") << "no program";
+    EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/text").c_str(), &attr, argv.data(), nullptr), ERROR);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(znSpawn(&pid, "/bin/true", &attr, argv.data(), nullptr), ERROR); // not below the root
+    EXPECT_EQ(errno, EINVAL);
+    znSpawnAttrSetCwd(&attr, "/none");
+    EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(children(), 1U); // the keeper
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, WorkingDirectoryThroughAMagicLinkIsRefused)
+{
+    const nsid_t ns = rooted();
+    for (const char* cwd : {"/proc/self/fd/3", "/proc/1/root", "/proc/1/cwd", "/proc/self/root"})
+        EXPECT_EQ(start(ns, "pwd", cwd), -1) << cwd;
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, LinksOfTheTreeResolveInside)
+{
+    fs::create_directories(root_ + "/alt");
+    fs::create_symlink("/bin/busybox", root_ + "/alt/echo");
+    fs::create_directory_symlink("/etc", root_ + "/conf");
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "/alt/echo hello; pwd", "/conf"), "hello\n/etc\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, PriorityBecomesTheNiceValue)
+{
+    const nsid_t ns = rooted();
+    const auto nice_of = [&](int priority) {
+        const pid_t pid = start(ns, "exec cat /proc/self/stat", "/", priority);
+        wait(pid);
+        std::istringstream stat(read_file("/tmp/out"));
+        std::string field;
+        for (int i = 0; i < 19; i++)
+            stat >> field;
+        return field;
+    };
+    EXPECT_EQ(nice_of(100), "0");
+    EXPECT_EQ(nice_of(255), "19");
+    EXPECT_EQ(nice_of(0), "-20");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, SettersRefuseWhatCannotBeCarried)
+{
+    znSpawnAttr attr;
+    EXPECT_EQ(znSpawnAttrInit(&attr), OK);
+    errno = 0;
+    EXPECT_EQ(znSpawnAttrSetPriority(&attr, 256), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znSpawnAttrSetPriority(&attr, -1), ERROR);
+    EXPECT_EQ(znSpawnAttrSetStackSize(&attr, -1), ERROR);
+    EXPECT_EQ(znSpawnAttrSetCwd(&attr, "relative"), ERROR);
+    EXPECT_EQ(znSpawnAttrSetCwd(&attr, nullptr), ERROR);
+    EXPECT_EQ(znSpawnAttrSetNamespace(&attr, -1), ERROR);
+    EXPECT_EQ(znSpawnAttrSetFlags(&attr, 0x180), OK);
+    EXPECT_EQ(znSpawnAttrSetOptions(&attr, 0x40), OK);
+    EXPECT_EQ(znSpawnAttrDestroy(&attr), OK);
+}
+
+TEST_F(Namespaces, CallersClosedStreamsAreTheNullDeviceInside)
+{
+    const nsid_t ns = rooted();
+    closeInput_ = true;
+    EXPECT_EQ(run(ns, "stat -L -c %t:%T /proc/self/fd/0"), "1:3\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ARootThatIsNoDirectoryDropsTheNamespace)
+{
+    std::ofstream("/tmp/file") << "x";
+    const nsid_t ns = znnsCreate(kFlags);
+    EXPECT_EQ(znnsRootfsCreate(ns, "/tmp/file", "web"), ERROR);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(znnsDelete(ns), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    const nsid_t other = znnsCreate(kFlags);
+    EXPECT_EQ(znnsRootfsCreate(other, "/tmp/none", "web"), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+// ---------------------------------------------------------------- mounts
+
+using Options = std::vector<const char*>;
+
+STATUS mount(nsid_t ns, const char* source, const char* destination, const char* type,
+             Options options)
+{
+    options.push_back(nullptr);
+    return znnsMount(ns, "", source, destination, type, options.data());
+}
+
+TEST_F(Namespaces, BindShowsAHostDirectoryAndIsUndone)
+{
+    fs::create_directories("/tmp/data");
+    std::ofstream("/tmp/data/file") << "content";
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "/tmp/data", "/mnt/data", "bind", {"ro"}), OK) << std::strerror(errno);
+    EXPECT_EQ(run(ns, "cat /mnt/data/file"), "content");
+    run(ns, "touch /mnt/data/new");
+    EXPECT_NE(exit_, 0);
+    EXPECT_NE(run(ns, "grep /mnt/data /proc/self/mountinfo").find("ro,nosuid,nodev"),
+              std::string::npos);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/mnt/data", "bind", nullptr), OK);
+    EXPECT_EQ(run(ns, "ls /mnt/data"), "");
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_TRUE(fs::exists("/tmp/data/file"));
+    fs::remove_all("/tmp/data");
+}
+
+TEST_F(Namespaces, BindOfAFileMakesItsMountPoint)
+{
+    std::ofstream("/tmp/one") << "1";
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "/tmp/one", "/etc/deep/one", nullptr, {}), OK) << std::strerror(errno);
+    EXPECT_EQ(run(ns, "cat /etc/deep/one"), "1");
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/one", "/etc/deep/one", nullptr, nullptr), OK);
+    EXPECT_EQ(run(ns, "cat /etc/deep/one"), "");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, UnknownTypesBindWhenTheSourceExistsAndFailWhenNot)
+{
+    fs::create_directories("/tmp/data");
+    const nsid_t ns = rooted();
+    EXPECT_EQ(mount(ns, "/tmp/data", "/a", "unknown", {}), OK);
+    EXPECT_EQ(mount(ns, "/tmp/data", "/b", "", {}), OK);
+    EXPECT_EQ(mount(ns, "/tmp/none", "/c", "unknown", {}), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(mount(ns, "/tmp/none", "/c", "bind", {}), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(mount(ns, "/tmp/data", "/c", "nosuchfs", {}), ERROR);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, AnEmptyDestinationMountsNothingAndSucceeds)
+{
+    const nsid_t ns = rooted();
+    EXPECT_EQ(mount(ns, "/data", "", "unknown", {}), OK);
+    EXPECT_EQ(mount(ns, "/data", nullptr, nullptr, {}), OK);
+    EXPECT_EQ(znnsUmount(ns, "", "/data", "", "unknown", nullptr), OK);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, FilesystemsMountWithFlagsAndOptions)
+{
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "tmpfs", "/scratch", "tmpfs", {"nosuid", "noexec", "size=64k", "mode=700"}),
+              OK)
+        << std::strerror(errno);
+    const std::string line = run(ns, "grep ' /scratch ' /proc/self/mountinfo");
+    EXPECT_NE(line.find("nosuid,noexec"), std::string::npos) << line;
+    EXPECT_NE(line.find("size=64k,mode=700"), std::string::npos) << line;
+    EXPECT_EQ(mount(ns, "tmpfs", "/scratch2", "tmpfs", {"nosuchoption=1"}), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znnsUmount(ns, "", "tmpfs", "/scratch", "tmpfs", nullptr), OK);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ConfiguredProcAndSysfsAreMaskedToo)
+{
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "proc", "/proc", "proc", {}), OK) << std::strerror(errno);
+    ASSERT_EQ(mount(ns, "sysfs", "/sys", "sysfs", {"rw"}), OK) << std::strerror(errno);
+    run(ns, "echo 1 > /proc/sys/kernel/panic");
+    EXPECT_NE(exit_, 0);
+    run(ns, "mkdir /sys/fs/x");
+    EXPECT_NE(exit_, 0);
+    EXPECT_EQ(run(ns, "ls /sys/firmware"), "");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, LinksOnTheWayToAMountPointStayInside)
+{
+    fs::create_directories("/tmp/data");
+    fs::create_directories("/tmp/outside");
+    fs::create_directories(root_ + "/tmp/outside");
+    fs::create_directory_symlink("/tmp/outside", root_ + "/link");
+    fs::create_directory_symlink("../../../../../../tmp/outside", root_ + "/up");
+    const nsid_t ns = rooted();
+    EXPECT_EQ(mount(ns, "/tmp/data", "/link/point", "bind", {}), OK);
+    EXPECT_EQ(mount(ns, "/tmp/data", "/up/../up/other", "bind", {}), OK);
+    EXPECT_TRUE(fs::is_empty("/tmp/outside"));
+    EXPECT_TRUE(fs::exists(root_ + "/tmp/outside/point"));
+    EXPECT_EQ(mount(ns, "/tmp/data", "/proc/1/root/x", "bind", {}), ERROR);
+    EXPECT_EQ(mount(ns, "/tmp/data", "/", "bind", {}), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, AMountTheContainerMovedAwayIsUndoneWithTheNamespace)
+{
+    fs::create_directories("/tmp/data");
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "/tmp/data", "/a/b", "bind", {}), OK);
+    run(ns, "mv /a /moved && ln -s /etc /a");
+    EXPECT_EQ(exit_, 0);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), OK);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), ERROR); // only once
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+// ---------------------------------------------------------------- owners
+
+TEST_F(Namespaces, EverythingEndsWithTheOwnerHoweverItEnds)
+{
+    int pipes[2];
+    ASSERT_EQ(::pipe2(pipes, O_CLOEXEC), 0);
+    const znc::UniqueFd reader(pipes[0]);
+    znc::UniqueFd writer(pipes[1]);
+    const pid_t owner = ::fork();
+    if (owner == 0) {
+        const nsid_t ns = rooted();
+        const pid_t pid = start(ns, "sleep 1000");
+        if (::write(writer.get(), &pid, sizeof pid) != sizeof pid)
+            ::_exit(1);
+        ::pause();
+        ::_exit(1);
+    }
+    writer.reset();
+    pid_t pid = -1;
+    ASSERT_EQ(::read(reader.get(), &pid, sizeof pid), static_cast<ssize_t>(sizeof pid));
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(::kill(pid, 0), 0);
+    ::kill(owner, SIGKILL);
+    wait(owner);
+    const auto gone = [&] {
+        const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+        return stat.empty() || stat.find(") Z") != std::string::npos;
+    };
+    while (!gone())
+        std::this_thread::yield();
+    EXPECT_FALSE(fs::is_empty("/run/zarnel/ns"));
+    EXPECT_EQ(znnsRecover(), 0);
+    EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
+}
+
+TEST_F(Namespaces, AHundredRoundsLeaveNothing)
+{
+    for (int i = 0; i < 100; i++) {
+        const nsid_t ns = rooted();
+        const pid_t pid = start(ns, "exit 5");
+        ASSERT_GT(pid, 0) << std::strerror(errno);
+        EXPECT_EQ(WEXITSTATUS(wait(pid)), 5);
+        ASSERT_EQ(znnsRootfsDestroy(ns, root_.c_str(), "web"), OK);
+        ASSERT_EQ(znnsDelete(ns), OK);
+    }
+}
+
+TEST_F(Namespaces, ThreadsMaySpawnAtTheSameTime)
+{
+    const nsid_t ns = rooted();
+    std::vector<std::thread> threads;
+    std::array<int, 8> good = {};
+    for (std::size_t t = 0; t < good.size(); t++)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; i++) {
+                znSpawnAttr attr;
+                znSpawnAttrInit(&attr);
+                znSpawnAttrSetNamespace(&attr, ns);
+                std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
+                pid_t pid = -1;
+                int status = -1;
+                if (znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr) ==
+                        OK &&
+                    ::waitpid(pid, &status, 0) == pid && status == 0)
+                    good[t]++;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const int n : good)
+        EXPECT_EQ(n, 20);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+} // namespace
