@@ -1,0 +1,110 @@
+#include "ledger.hpp"
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string link_of(const fs::path& path)
+{
+    std::error_code error;
+    return fs::read_symlink(path, error).string();
+}
+
+bool is_number(const std::string& name)
+{
+    return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The state letter of a process, 0 when it is gone.
+char state_of(const std::string& pid)
+{
+    const std::string stat = read_file("/proc/" + pid + "/stat");
+    const std::size_t end = stat.rfind(')');
+    return end == std::string::npos || end + 2 >= stat.size() ? '\0' : stat[end + 2];
+}
+
+// The queues of this IPC namespace, which only a mount shows.
+std::set<std::string> queues()
+{
+    const char* point = "/tmp/ledger-mqueue";
+    fs::create_directories(point);
+    if (::mount("mqueue", point, "mqueue", 0, nullptr) != 0)
+        throw std::runtime_error("cannot mount mqueue");
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(point))
+        names.insert(entry.path().filename());
+    ::umount2(point, MNT_DETACH);
+    fs::remove(point);
+    return names;
+}
+
+} // namespace
+
+Ledger Ledger::take(const std::string& storage, pid_t daemon)
+{
+    Ledger ledger;
+    auto& entries = ledger.entries_;
+    for (const std::string& name : queues())
+        entries["queue " + name] = "";
+    std::istringstream mounts(read_file("/proc/self/mountinfo"));
+    for (std::string line; std::getline(mounts, line);)
+        entries["mount " + line] = "";
+    // Processes that belong here: descendants of the daemon and of this test, and whoever lives in a
+    // namespace that is not ours.
+    const std::string own = link_of("/proc/self/ns/pid");
+    std::set<std::string> family = {std::to_string(::getpid()), std::to_string(daemon)};
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string pid = entry.path().filename();
+        if (!is_number(pid))
+            continue;
+        const std::string ns = link_of(entry.path() / "ns/pid");
+        std::istringstream status(read_file(entry.path() / "status"));
+        std::string parent;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("PPid:", 0) == 0)
+                parent = line.substr(line.find_first_of("0123456789"));
+        const bool ours = family.count(parent) != 0;
+        if (ours && family.count(pid) == 0)
+            entries["process " + pid] = read_file(entry.path() / "comm") + state_of(pid);
+        if (ours && !ns.empty() && ns != own)
+            entries["namespace " + ns] = "";
+    }
+    for (const std::string& dir : {storage, std::string("/overlay"), std::string("/run/zarnel/ns")}) {
+        std::error_code error;
+        for (auto it = fs::recursive_directory_iterator(dir, error);
+             !error && it != fs::recursive_directory_iterator(); it.increment(error))
+            entries["file " + it->path().string()] = "";
+    }
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd"))
+        entries["daemon descriptor " + entry.path().filename().string()] = "";
+    return ledger;
+}
+
+std::string Ledger::compared_with(const Ledger& before) const
+{
+    std::string text;
+    for (const auto& [key, value] : entries_)
+        if (before.entries_.count(key) == 0)
+            text += "new: " + key + " " + value + "\n";
+    for (const auto& [key, value] : before.entries_)
+        if (entries_.count(key) == 0)
+            text += "gone: " + key + " " + value + "\n";
+    return text;
+}
