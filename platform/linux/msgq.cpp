@@ -1,1 +1,310 @@
-// msgq.cpp
+// msgq.cpp - named message queues over POSIX message queues.
+//
+// Every descriptor is non-blocking; waiting is done by polling it against a deadline on the
+// monotonic clock, since the timed queue calls follow the wall clock, which jumps.
+#include "zarnel/msgq.h"
+
+#include "clock.hpp"
+#include "zarnel/owned.hpp"
+#include "zarnel/task.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr mode_t kQueueMode = 0600;
+constexpr int kTurnSeconds = 5;
+constexpr int kCreateTries = 3;
+constexpr std::int64_t kPauseNs = 1000000;       // shortest pause between two tries
+constexpr std::int64_t kPauseJitterNs = 8000000; // what is added to it at most
+constexpr const char* kMsgMax = "/proc/sys/fs/mqueue/msg_max";
+constexpr const char* kMsgSizeMax = "/proc/sys/fs/mqueue/msgsize_max";
+constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC;
+
+// ---------------------------------------------------------------- opening
+
+MSG_Q_ID open_existing(const char* name)
+{
+    znc::UniqueFd q(mq_open(name, kOpenFlags));
+    if (!q)
+        return ZN_MSG_Q_INVALID;
+    struct stat st;
+    if (fstat(q.get(), &st) != 0)
+        return ZN_MSG_Q_INVALID;
+    // Root can open everybody's queues: without this anybody could pose as the daemon.
+    if (st.st_uid != geteuid()) {
+        errno = EACCES;
+        return ZN_MSG_Q_INVALID;
+    }
+    return q.release();
+}
+
+// Sets one of the system's queue limits to at least `wanted`.
+bool raise_setting(const char* file, long wanted)
+{
+    znc::UniqueFd fd(open(file, O_RDWR | O_CLOEXEC));
+    if (!fd)
+        return false;
+    char text[32];
+    const ssize_t got = read(fd.get(), text, sizeof text - 1);
+    if (got <= 0)
+        return false;
+    text[got] = '\0';
+    if (strtol(text, nullptr, 10) >= wanted)
+        return true;
+    const int len = snprintf(text, sizeof text, "%ld", wanted);
+    return pwrite(fd.get(), text, static_cast<size_t>(len), 0) == len;
+}
+
+MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
+{
+    znc::UniqueFd q(mq_open(name, kOpenFlags | O_CREAT | O_EXCL, kQueueMode, attr));
+    if (!q)
+        return ZN_MSG_Q_INVALID;
+    if (fchmod(q.get(), kQueueMode) != 0) { // a umask may have taken bits away
+        const znc::ErrnoSaver keep;
+        mq_unlink(name);
+        return ZN_MSG_Q_INVALID;
+    }
+    return q.release();
+}
+
+// The kernel says EINVAL for a capacity above the settings of this IPC namespace, unless the caller
+// may exceed them. The settings may be lowered by others meanwhile, hence more than one try.
+MSG_Q_ID create_raising_limits(const char* name, struct mq_attr* attr)
+{
+    MSG_Q_ID q = create_once(name, attr);
+    for (int n = 1; n < kCreateTries && q < 0 && errno == EINVAL; ++n) {
+        if (attr->mq_maxmsg <= 0 || attr->mq_msgsize <= 0)
+            break;
+        if (!raise_setting(kMsgMax, attr->mq_maxmsg) ||
+            !raise_setting(kMsgSizeMax, attr->mq_msgsize)) {
+            errno = EINVAL;
+            break;
+        }
+        q = create_once(name, attr);
+    }
+    return q;
+}
+
+// Many clients at once wait for the same memory; different pauses keep them out of step.
+void pause_a_little(std::int64_t now)
+{
+    const std::int64_t jitter = (now / 64 + getpid()) % kPauseJitterNs;
+    const struct timespec pause = zn::to_timespec(kPauseNs + jitter);
+    nanosleep(&pause, nullptr);
+}
+
+// The number for used-up queue memory is also that for a process without free descriptors.
+bool out_of_descriptors()
+{
+    const znc::ErrnoSaver keep;
+    return !znc::UniqueFd(open("/", O_PATH | O_CLOEXEC));
+}
+
+MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
+{
+    constexpr size_t kLongMax = static_cast<size_t>(INT32_MAX);
+    if (maxMsgs > kLongMax || maxMsgLen > kLongMax) {
+        errno = EINVAL;
+        return ZN_MSG_Q_INVALID;
+    }
+    struct mq_attr attr = {};
+    attr.mq_maxmsg = static_cast<long>(maxMsgs);
+    attr.mq_msgsize = static_cast<long>(maxMsgLen);
+    const std::int64_t deadline = zn::now_ns() + kTurnSeconds * zn::kNsPerSec;
+    for (;;) {
+        const MSG_Q_ID q = create_raising_limits(name, &attr);
+        if (q >= 0 || (errno != EMFILE && errno != ENOSPC) || out_of_descriptors())
+            return q;
+        const znc::ErrnoSaver keep;
+        const std::int64_t now = zn::now_ns();
+        if (now >= deadline)
+            return ZN_MSG_Q_INVALID;
+        pause_a_little(now);
+    }
+}
+
+// ---------------------------------------------------------------- waiting
+
+// Timeout of one call: never, at once, or at a point in time that is fixed when first needed.
+class Wait {
+  public:
+    explicit Wait(int ticks) noexcept : ticks_(ticks) {}
+
+    [[nodiscard]] bool forever() const noexcept { return ticks_ < 0; }
+
+    // Waits until one of `fds` is ready. False with EAGAIN or ETIMEDOUT when time is over, or with
+    // poll's own number.
+    bool poll_until_ready(struct pollfd* fds, nfds_t count) noexcept
+    {
+        if (ticks_ == ZN_NO_WAIT) {
+            errno = EAGAIN;
+            return false;
+        }
+        if (ticks_ > 0 && deadline_ < 0)
+            deadline_ = zn::deadline_ns(ticks_);
+        for (;;) {
+            struct timespec left = {};
+            if (!forever()) {
+                const std::int64_t ns = deadline_ - zn::now_ns();
+                left = zn::to_timespec(ns > 0 ? ns : 0);
+            }
+            const int ready = ppoll(fds, count, forever() ? nullptr : &left, nullptr);
+            if (ready > 0)
+                return true;
+            if (ready == 0)
+                errno = ETIMEDOUT;
+            if (errno != EINTR)
+                return false;
+        }
+    }
+
+  private:
+    int ticks_;
+    std::int64_t deadline_ = -1;
+};
+
+// For a receive that waits for ever: false with ECANCELED once the task's stop descriptor is ready,
+// which goes before any message. An unusable stop descriptor counts as ready.
+bool wait_unless_stopped(MSG_Q_ID q, int stop, Wait* wait)
+{
+    struct pollfd fds[2] = {{q, POLLIN, 0}, {stop, POLLIN, 0}};
+    if (!wait->poll_until_ready(fds, 2))
+        return false;
+    if (fds[1].revents == 0)
+        return true;
+    errno = ECANCELED;
+    return false;
+}
+
+// The kernel takes no buffer shorter than the queue's messages: then one comes by way of a copy.
+ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
+{
+    struct mq_attr attr;
+    if (mq_getattr(q, &attr) != 0)
+        return -1;
+    const size_t size = static_cast<size_t>(attr.mq_msgsize);
+    const znc::MallocPtr<char[]> whole = znc::malloc_array<char>(size);
+    if (whole == nullptr)
+        return -1;
+    const ssize_t got = mq_receive(q, whole.get(), size, nullptr);
+    if (got <= 0)
+        return got;
+    const size_t len = static_cast<size_t>(got) < maxLen ? static_cast<size_t>(got) : maxLen;
+    if (len != 0)
+        memcpy(buf, whole.get(), len);
+    return static_cast<ssize_t>(len);
+}
+
+ssize_t receive_once(MSG_Q_ID q, void* buf, size_t maxLen)
+{
+    if (buf == nullptr)
+        return receive_cut(q, nullptr, 0);
+    const ssize_t got = mq_receive(q, static_cast<char*>(buf), maxLen, nullptr);
+    return got < 0 && errno == EMSGSIZE ? receive_cut(q, buf, maxLen) : got;
+}
+
+} // namespace
+
+MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode)
+{
+    static_cast<void>(options); // receivers are served as the kernel serves them
+    if (name == nullptr || (mode != ZN_MSG_Q_OPEN_EXISTING && mode != ZN_MSG_Q_CREATE_EXCLUSIVE)) {
+        errno = EINVAL;
+        return ZN_MSG_Q_INVALID;
+    }
+    return mode == ZN_MSG_Q_OPEN_EXISTING ? open_existing(name)
+                                          : create_exclusive(name, maxMsgs, maxMsgLen);
+}
+
+STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int priority)
+{
+    if (msg == nullptr && len != 0) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const char* const bytes = msg != nullptr ? static_cast<const char*>(msg) : "";
+    Wait wait(timeout);
+    for (;;) {
+        if (mq_send(q, bytes, len, static_cast<unsigned>(priority)) == 0)
+            return OK;
+        if (errno == EINTR)
+            continue;
+        struct pollfd fd = {q, POLLOUT, 0};
+        if (errno != EAGAIN || !wait.poll_until_ready(&fd, 1))
+            return ERROR;
+    }
+}
+
+ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
+{
+    Wait wait(timeout);
+    const int stop = wait.forever() ? znTaskStopFdGet() : -1;
+    for (;;) {
+        if (stop >= 0 && !wait_unless_stopped(q, stop, &wait))
+            return -1;
+        const ssize_t got = receive_once(q, buf, maxLen);
+        if (got >= 0)
+            return got;
+        if (errno == EINTR || (errno == EAGAIN && stop >= 0))
+            continue;
+        struct pollfd fd = {q, POLLIN, 0};
+        if (errno != EAGAIN || !wait.poll_until_ready(&fd, 1))
+            return -1;
+    }
+}
+
+STATUS znMsgQClose(MSG_Q_ID q)
+{
+    return mq_close(q) == 0 ? OK : ERROR;
+}
+
+STATUS znMsgQUnlink(const char* name)
+{
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    return mq_unlink(name) == 0 ? OK : ERROR;
+}
+
+STATUS znMsgQLimitsRaise(size_t maxMsgs)
+{
+    if (maxMsgs == 0 || maxMsgs > INT32_MAX) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    struct rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_MSGQUEUE, &limit) != 0 && getrlimit(RLIMIT_MSGQUEUE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_MSGQUEUE, &limit);
+    }
+    raise_setting(kMsgMax, static_cast<long>(maxMsgs));
+
+    // Only making one shows whether the limits let it pass: a privileged caller may exceed them.
+    char name[64];
+    snprintf(name, sizeof name, "/zn-probe-%ld-%lx", static_cast<long>(getpid()),
+             static_cast<unsigned long>(zn::now_ns()));
+    struct mq_attr attr = {};
+    attr.mq_maxmsg = static_cast<long>(maxMsgs);
+    attr.mq_msgsize = 1;
+    const znc::UniqueFd probe(create_raising_limits(name, &attr));
+    if (!probe)
+        return ERROR;
+    mq_unlink(name);
+    return OK;
+}
+
+const char* znMsgQLimitHint(void)
+{
+    return "raise the kernel setting fs.mqueue.msg_max (sysctl -w fs.mqueue.msg_max=32) and, if "
+           "that is not "
+           "enough, the limit on queue memory (ulimit -q)";
+}

@@ -102,7 +102,7 @@ class Covers {
         if (empty_.valid())
             return 0;
         // "size" rounds up to a page and is never used: the file stays empty.
-        root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~MOUNT_ATTR_RDONLY,
+        root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
                                           "mode=755\0size=4k\0nr_inodes=3", 3));
         if (!root_.valid())
             return root_.error();

@@ -1,1 +1,0 @@
-// ns_mount.cpp
