@@ -38,6 +38,9 @@
 extern "C" {
 #endif
 
+/* What is declared here is what the shared library shows. */
+#pragma GCC visibility push(default)
+
 /* ------------------------------------------------------------------ basic types */
 
 typedef int STATUS;    /* OK or ERROR */
@@ -471,6 +474,8 @@ STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
  * at the end, or with EINVAL for NULL or an overlong id.
  */
 BOOL zncContainerNext(char* containerId);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -13,6 +13,9 @@
 extern "C" {
 #endif
 
+/* What is declared here is what the shared library shows. */
+#pragma GCC visibility push(default)
+
 /* ------------------------------------------------------------------ messages */
 
 /* Command ids of requests; a reply repeats its request's. */
@@ -156,6 +159,8 @@ STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
 /* "uid" and "gid" from a user text; one mount object from a volume text ("source:destination:options:type"). */
 STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
 STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

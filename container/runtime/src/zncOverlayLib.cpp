@@ -1,1 +1,69 @@
-// zncOverlayLib.cpp
+// zncOverlayLib.cpp - where the system keeps what it writes, and overlay devices.
+#include "zncOverlayLib.hpp"
+
+#include "zarnel/fs.h"
+#include "zarnel/overlay.h"
+#include "zncOwned.hpp"
+#include "zncontainer.h"
+
+#include <array>
+#include <fcntl.h>
+
+namespace {
+
+constexpr const char* kBaseVariable = "ZNC_BASE";
+constexpr const char* kDefaultBase = "/ram0/znc";
+constexpr mode_t kAreaMode = 0700;
+
+// By zncBasePathType. Callers append to these as they are: the layer area has no final "/".
+constexpr std::array<const char*, 3> kAreas = {"/layers", "/flattened/", "/containers/"};
+
+// The base named by the environment, without its final separators. 0: none that can be used.
+std::size_t base_from_environment(char* path, std::size_t bufLen)
+{
+    ssize_t len = znEnvGet(kBaseVariable, path, bufLen);
+    if (len <= 0 || !znc::overlay::pathIsSep(path[0]))
+        return 0;
+    while (len > 0 && znc::overlay::pathIsSep(path[len - 1]))
+        --len;
+    return static_cast<std::size_t>(len);
+}
+
+} // namespace
+
+size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type)
+{
+    char* const end = path + bufLen;
+    char* out = path + base_from_environment(path, bufLen);
+    if (out == path)
+        out = znc::copy_end(path, end, kDefaultBase);
+    if (type >= kAreas.size()) {
+        errno = ENOTSUP;
+        return 0;
+    }
+    out = znc::copy_end(out, end, kAreas[type]);
+    if (out == end) {
+        errno = ENAMETOOLONG;
+        return 0;
+    }
+    if (znMkdirParents(path, kAreaMode) != OK)
+        return 0;
+    return static_cast<size_t>(out - path);
+}
+
+BOOL zncOvlFsAvailable(void)
+{
+    const znc::UniqueFd fd(open(ZN_OVERLAY_DIR, O_RDONLY | O_CLOEXEC));
+    return fd ? TRUE : FALSE;
+}
+
+STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath, uint32_t dirNum,
+                             BOOL hasUpper)
+{
+    return znOvlDevCreate(pDevName, pDirsPath, dirNum, hasUpper);
+}
+
+STATUS zncRemoveOvlRootfsDev(const char* pDevName)
+{
+    return znOvlDevRemove(pDevName);
+}

@@ -1,1 +1,188 @@
-// zncUtil.cpp
+// zncUtil.cpp - error messages, tree delete, names, secret input, hexadecimal text, layer
+// extraction.
+#include "zncUtil.hpp"
+
+#include "zarnel/fs.h"
+#include "zarnel/terminal.h"
+#include "zncOwned.hpp"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t kErrorTextSize = 256;
+constexpr std::size_t kSignalNameMax = 10;
+constexpr std::size_t kLayerBlocks = 200;
+
+const char* known_message(int errCode)
+{
+    for (const ZNC_UTIL_ERROR& row : zncUtilErrorMap)
+        if (row.errCode == errCode)
+            return row.errMsg;
+    return nullptr;
+}
+
+bool is_dot_or_dotdot(const char* name)
+{
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// Writes the name of a directory and its final "/" at `path`; the position behind it, or `end`.
+char* place_directory(char* path, char* end, const char* name)
+{
+    char* out = znc::copy_end(path, end, name);
+    if (out == end || (out > path && out[-1] == '/'))
+        return out;
+    return znc::copy_end(out, end, "/");
+}
+
+// One pass of the tree delete: takes away one leaf directory, on the path that always goes down the
+// first subdirectory. False when that ends the operation, with its result in `result`.
+bool delete_one_leaf(const char* source, char* current, char* next, STATUS* result)
+{
+    const znc::UniqueDir still_there(opendir(source));
+    if (still_there == nullptr ||
+        znc::copy_end(current, current + znc::kPathMax, source) == current + znc::kPathMax) {
+        *result = ERROR;
+        return false;
+    }
+    while (zncUtilFindSubDirAndClean(current, next, znc::kPathMax, TRUE) == OK)
+        std::swap(current, next);
+    // A scan ends early where something is in the way; what is behind that goes now.
+    static_cast<void>(zncUtilFindSubDirAndClean(current, nullptr, 0, TRUE));
+    static_cast<void>(rmdir(current));
+    *result = OK;
+    return strncmp(current, source, znc::kPathMax) != 0;
+}
+
+} // namespace
+
+void zncUtilShowErr(int errCode)
+{
+    if (errCode == 0)
+        return;
+    const znc::ErrnoSaver keep;
+    char text[kErrorTextSize];
+    const char* message = known_message(errCode);
+    if (message == nullptr) {
+        znErrorText(errCode, text, sizeof text);
+        message = text;
+    }
+    printf("Error: %s.\n", message);
+}
+
+BOOL zncUtilNameIsDir(const char* pName, BOOL link)
+{
+    if (pName == nullptr || *pName == '\0')
+        return FALSE;
+    struct stat st;
+    const int found = link ? lstat(pName, &st) : stat(pName, &st);
+    return found == 0 && S_ISDIR(st.st_mode) ? TRUE : FALSE;
+}
+
+STATUS zncUtilFindSubDirAndClean(const char* pName, char* pSubDir, int pSubDirLen, BOOL clean)
+{
+    if (pName == nullptr)
+        return ERROR;
+    const znc::UniqueDir dir(opendir(pName));
+    if (dir == nullptr)
+        return ERROR;
+    const znc::MallocPtr<char[]> path = znc::malloc_array<char>(znc::kPathMax);
+    if (path == nullptr)
+        return ERROR;
+    char* const end = path.get() + znc::kPathMax;
+    char* const behind = place_directory(path.get(), end, pName);
+    if (behind == end)
+        return ERROR;
+    while (const struct dirent* entry = readdir(dir.get())) {
+        if (is_dot_or_dotdot(entry->d_name))
+            continue;
+        if (znc::copy_end(behind, end, entry->d_name) == end)
+            return ERROR;
+        if (zncUtilNameIsDir(path.get(), FALSE)) {
+            if (pSubDir == nullptr)
+                return OK;
+            char* const sub_end = pSubDir + pSubDirLen;
+            return znc::copy_end(pSubDir, sub_end, path.get()) != sub_end ? OK : ERROR;
+        }
+        if (clean && unlink(path.get()) != 0)
+            return ERROR;
+    }
+    return ERROR;
+}
+
+STATUS zncUtilXdelete(const char* source)
+{
+    if (source == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    if (!zncUtilNameIsDir(source, FALSE))
+        return unlink(source) == 0 ? OK : ERROR;
+    const znc::MallocPtr<char[]> paths = znc::malloc_array<char>(2 * znc::kPathMax);
+    if (paths == nullptr)
+        return ERROR;
+    STATUS result = OK;
+    while (delete_one_leaf(source, paths.get(), paths.get() + znc::kPathMax, &result))
+        ; // no limit: a directory that cannot be removed is found again and again
+    return result;
+}
+
+STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size, const char* prompt_info)
+{
+    printf("%s", prompt_info);
+    fflush(stdout);
+    int options = 0;
+    if (znTermOptionsGet(STDIN_FILENO, &options) != OK)
+        return ERROR;
+    options &= ~ZN_TERM_OPT_ECHO;
+    if (znTermOptionsSet(STDIN_FILENO, options) != OK)
+        return ERROR;
+    const bool got = fgets(credential, static_cast<int>(credential_size), stdin) != nullptr;
+    const std::size_t len = got ? strlen(credential) : 0;
+    if (len > 0 && (credential[len - 1] == '\n' || credential[len - 1] == '\r'))
+        credential[len - 1] = '\0';
+    printf("\n"); // the typed one was not shown
+    // Echo stays off: the caller may have more secrets to ask for.
+    static_cast<void>(znTermOptionsSet(STDIN_FILENO, options));
+    return got ? OK : ERROR;
+}
+
+int zncUtilSignalNo(const char* sigstr)
+{
+    if (sigstr == nullptr)
+        return -1;
+    for (const SIGNALMAP& row : signalList)
+        if (strncmp(sigstr, row.sigstr, kSignalNameMax) == 0)
+            return row.signo;
+    return -1;
+}
+
+const char* zncUtilStateIdToString(int state)
+{
+    return zncStateString[state >= 0 && state < kStates ? state : STATE_UNKNOWN];
+}
+
+STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t len)
+{
+    // Compared by division: 2 * len + 1 may not fit a size_t.
+    if (output == nullptr || input == nullptr || outBufSize == 0 || len == 0 ||
+        len > (outBufSize - 1) / 2) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    for (size_t i = 0; i < len; ++i) {
+        *output++ = kDigits[input[i] >> 4];
+        *output++ = kDigits[input[i] & 0x0f];
+    }
+    *output = '\0';
+    return OK;
+}
+
+STATUS zncUtilUntar(const char* srcTarFile, const char* desPath)
+{
+    return zncTarExtract(srcTarFile, desPath, kLayerBlocks, FALSE);
+}

@@ -1,0 +1,38 @@
+#!/bin/sh
+# The shared library exports exactly the names of the list checked in, which are those of its version
+# script, and carries the soname that programs were linked to.
+# usage: exports_test.sh LIBRARY VERSION-SCRIPT LIST
+set -eu
+export LC_ALL=C
+
+if [ $# -ne 3 ]; then
+    echo "usage: exports_test.sh LIBRARY VERSION-SCRIPT LIST" >&2
+    exit 2
+fi
+library=$1 script=$2 list=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# Type A is the version's own name.
+nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort >"$work/exported"
+sed -n '/global:/,/local:/s/^ *\([A-Za-z0-9_]*\);$/\1/p' "$script" | sort >"$work/script"
+sort "$list" >"$work/list"
+
+status=0
+for side in exported script; do
+    if [ ! -s "$work/$side" ]; then
+        echo "FAIL: no names found: $side"
+        status=1
+    elif ! diff -u "$work/list" "$work/$side"; then
+        echo "FAIL: the list and the names $side differ"
+        status=1
+    fi
+done
+
+soname=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\].*/\1/p')
+if [ "$soname" != libzncontainer.so.1 ]; then
+    echo "FAIL: soname is '$soname'"
+    status=1
+fi
+[ "$status" -eq 0 ] && echo "$(wc -l <"$work/list") exports, $soname"
+exit "$status"
