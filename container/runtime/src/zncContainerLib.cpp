@@ -1,1 +1,341 @@
-// zncContainerLib.cpp
+#include "zncContainerLib.hpp"
+
+#include "zarnel/fs.h"
+#include "zarnel/ns.h"
+#include "zarnel/task.h"
+
+#include <cstddef>
+
+namespace {
+
+using znc::fail_with;
+using znc::LockedContext;
+
+constexpr std::size_t kIdCompared = 255; // as many as a context keeps, terminator included
+constexpr std::size_t kIdBuffer = 256;
+constexpr int kListWaitSeconds = 5;
+constexpr int kSignalKill = 9;
+constexpr int16_t kSpawnFlags = 0x180;
+
+static_assert(offsetof(CONTAINER_CTX, containerNode) == 0, "a node is its context");
+
+CONTAINER_CTX* context_of(SL_NODE* node)
+{
+    return reinterpret_cast<CONTAINER_CTX*>(node);
+}
+
+class ListLock {
+  public:
+    ListLock() noexcept : held_(zncContainerListLock() == OK) {}
+    ListLock(const ListLock&) = delete;
+    ListLock& operator=(const ListLock&) = delete;
+    ~ListLock()
+    {
+        if (held_)
+            zncContainerListUnlock();
+    }
+    explicit operator bool() const noexcept { return held_; }
+
+  private:
+    bool held_;
+};
+
+bool same_id(const CONTAINER_CTX* ctx, const char* id)
+{
+    return std::strncmp(ctx->state.containerId, id, kIdCompared) == 0;
+}
+
+// The caller holds the list.
+CONTAINER_CTX* find_by_id(const char* id)
+{
+    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next)
+        if (same_id(context_of(node), id))
+            return context_of(node);
+    return nullptr;
+}
+
+CONTAINER_CTX* find_by_bundle(const char* bundle)
+{
+    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next)
+        if (std::strncmp(context_of(node)->state.bundlePath, bundle, znc::kPathMax) == 0)
+            return context_of(node);
+    return nullptr;
+}
+
+CONTAINER_CTX* lock_if_free(CONTAINER_CTX* ctx)
+{
+    return ctx != nullptr && znMutexTake(ctx->sem, ZN_NO_WAIT) == OK ? ctx : nullptr;
+}
+
+// The container, locked, or null with EINVAL or ENODEV.
+LockedContext lock_existing(const char* containerId)
+{
+    LockedContext ctx;
+    if (!zncContainerIdValid(containerId)) {
+        errno = EINVAL;
+        return ctx;
+    }
+    ctx.reset(zncContainerFindAndLockById(containerId));
+    if (!ctx)
+        errno = ENODEV;
+    return ctx;
+}
+
+void unlink_node(SL_NODE* node)
+{
+    SL_NODE* before = nullptr;
+    if (zncContainersList.head == node) {
+        zncContainersList.head = node->next;
+    } else {
+        before = zncContainersList.head;
+        while (before->next != node)
+            before = before->next;
+        before->next = node->next;
+    }
+    if (zncContainersList.tail == node)
+        zncContainersList.tail = before;
+}
+
+} // namespace
+
+namespace znc {
+
+void free_context(CONTAINER_CTX* ctx)
+{
+    const ErrnoSaver keep;
+    const MallocPtr<CONTAINER_CTX> record(ctx);
+    zncDestroyRuntimeSpec(ctx->pConfig);
+    if (ctx->sem != nullptr)
+        znMutexDelete(ctx->sem);
+}
+
+} // namespace znc
+
+BOOL isInitialized = FALSE;
+SL_LIST zncContainersList;
+SEM_ID zncContainerSem;
+
+BOOL pathCompIsValid(const char* str)
+{
+    if (str == nullptr || str[0] == '\0')
+        return FALSE;
+    for (std::size_t i = 0; i < kIdBuffer; i++) {
+        if (str[i] == '\0')
+            return TRUE;
+        if (pathIsSep(str[i]))
+            return FALSE;
+    }
+    return FALSE;
+}
+
+BOOL zncContainerIdValid(const char* id)
+{
+    return pathCompIsValid(id) && std::strcmp(id, ".") != 0 && std::strcmp(id, "..") != 0;
+}
+
+BOOL zncBundlePathValid(const char* bundle)
+{
+    return bundle != nullptr && pathIsSep(bundle[0]);
+}
+
+STATUS zncContainerListLock()
+{
+    return znMutexTake(zncContainerSem, kListWaitSeconds * znSysClkRateGet());
+}
+
+STATUS zncContainerListUnlock()
+{
+    const znc::ErrnoSaver keep;
+    return znMutexGive(zncContainerSem);
+}
+
+CONTAINER_CTX* zncContainerFindAndLock(const char* matchName, BOOL isBundle)
+{
+    const ListLock list;
+    if (!list)
+        return nullptr;
+    return lock_if_free(isBundle ? find_by_bundle(matchName) : find_by_id(matchName));
+}
+
+CONTAINER_CTX* zncContainerFindAndLockById(const char* containerId)
+{
+    return zncContainerFindAndLock(containerId, FALSE);
+}
+
+CONTAINER_CTX* zncContainerFindAndLockByBundle(const char* bundlePath)
+{
+    char path[znc::kPathMax] = "";
+    if (znPathAppend(path, sizeof path, bundlePath) == path + sizeof path)
+        return nullptr;
+    return zncContainerFindAndLock(path, TRUE);
+}
+
+void zncContainerUnlock(CONTAINER_CTX* pCtx)
+{
+    const znc::ErrnoSaver keep;
+    znMutexGive(pCtx->sem);
+}
+
+STATUS zncContainerAdd(CONTAINER_CTX* pCtx)
+{
+    const ListLock list;
+    if (!list)
+        return ERROR;
+    if (find_by_id(pCtx->state.containerId) != nullptr)
+        return fail_with(S_zncLib_CONTAINER_EXISTS);
+    SL_NODE* const node = &pCtx->containerNode;
+    node->next = nullptr;
+    if (zncContainersList.tail != nullptr)
+        zncContainersList.tail->next = node;
+    else
+        zncContainersList.head = node;
+    zncContainersList.tail = node;
+    return OK;
+}
+
+STATUS zncContainerRemove(CONTAINER_CTX* pCtx)
+{
+    {
+        const ListLock list;
+        if (!list)
+            return ERROR;
+        unlink_node(&pCtx->containerNode);
+    }
+    znc::free_context(pCtx);
+    return OK;
+}
+
+BOOL zncContainerCheckRunning(CONTAINER_CTX* pCtx)
+{
+    if (pCtx->state.status != STATE_RUNNING)
+        return FALSE;
+    BOOL in_use = FALSE;
+    if (znnsInUse(pCtx->nsId, &in_use) == OK && in_use)
+        return TRUE;
+    pCtx->state.status = STATE_STOPPED;
+    return FALSE;
+}
+
+STATUS zncContainerInit()
+{
+    if (isInitialized)
+        return OK;
+    zncContainersList = {nullptr, nullptr};
+    zncContainerSem = znMutexCreate(znc::kMutexOptions);
+    if (zncContainerSem == nullptr)
+        return ERROR;
+    isInitialized = TRUE;
+    return OK;
+}
+
+STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param)
+{
+    if (param == nullptr)
+        return fail_with(EINVAL);
+    const LockedContext ctx = lock_existing(containerId);
+    if (!ctx)
+        return ERROR;
+    if (ctx->state.status != STATE_CREATED)
+        return fail_with(EBUSY);
+    const runtimeSpecConfigZarnel& zarnel = *ctx->pConfig->zarnel;
+    const runtimeSpecConfigProcess& process = *ctx->pConfig->process;
+    param->appPath = ctx->appPath;
+    param->option = zarnel.option;
+    param->priority = zarnel.priority;
+    param->stackSize = zarnel.stackSize;
+    param->taskOption = zarnel.taskOption;
+    param->nsId = ctx->nsId;
+    param->cwd = process.cwd;
+    param->posixFlags = kSpawnFlags;
+    param->arg = process.args;
+    param->argNum = process.argCount;
+    param->env = process.env;
+    param->envNum = process.envCount;
+    // Before the client has spawned anything: a second start must find it taken.
+    ctx->state.status = STATE_RUNNING;
+    return OK;
+}
+
+STATUS zncContainerKill(const char* containerId, int signo, unsigned int option)
+{
+    const LockedContext ctx = lock_existing(containerId);
+    if (!ctx)
+        return ERROR;
+    if (!zncContainerCheckRunning(ctx.get()))
+        return OK;
+    if ((option & ZNC_OPT_WHOLE_NAMESPACE) != 0)
+        return znnsKill(ctx->nsId, signo);
+    return znnsProcessKill(ctx->nsId, ctx->pidHandle, signo);
+}
+
+STATUS zncContainerDelete(const char* containerId, unsigned int option)
+{
+    LockedContext ctx = lock_existing(containerId);
+    if (!ctx)
+        return ERROR;
+    if (ctx->state.status == STATE_CREATING)
+        return fail_with(EBUSY);
+    if (zncContainerCheckRunning(ctx.get())) {
+        if ((option & ZNC_OPT_WHOLE_NAMESPACE) == 0)
+            return fail_with(EBUSY);
+        // Not awaited: taking the namespace apart ends whatever is still dying in it.
+        if (znnsKill(ctx->nsId, kSignalKill) != OK)
+            return ERROR;
+    }
+    if (zncContainerUmount(ctx.get()) != OK) {
+        znc::send_progress("Unmount failed containerId: %s", containerId);
+        return fail_with(S_zncLib_UNMOUNT_FAILED);
+    }
+    if (zncContainerRemove(ctx.get()) != OK)
+        return ERROR;
+    static_cast<void>(ctx.release());
+    return OK;
+}
+
+STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle)
+{
+    LockedContext ctx = lock_existing(containerId);
+    if (!ctx)
+        return ERROR;
+    // The mutex stays taken: from now on the container is the daemon task's, whose own operations
+    // get through because the mutex is recursive.
+    ctx.release()->pidHandle = pidHandle;
+    return OK;
+}
+
+STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState)
+{
+    if (containerId == nullptr || pState == nullptr)
+        return fail_with(EINVAL);
+    const ListLock list;
+    if (!list)
+        return ERROR;
+    const LockedContext ctx(lock_if_free(find_by_id(containerId)));
+    if (!ctx)
+        return fail_with(ENODEV);
+    zncContainerCheckRunning(ctx.get());
+    *pState = ctx->state;
+    return OK;
+}
+
+BOOL zncContainerNext(char* containerId)
+{
+    if (containerId == nullptr || ::strnlen(containerId, kIdBuffer) == kIdBuffer) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    const ListLock list;
+    if (!list)
+        return FALSE;
+    const char* least = nullptr;
+    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next) {
+        const char* const id = context_of(node)->state.containerId;
+        if (std::strncmp(id, containerId, kIdCompared) > 0 &&
+            (least == nullptr || std::strncmp(id, least, kIdCompared) < 0))
+            least = id;
+    }
+    if (least == nullptr)
+        return FALSE;
+    znc::copy_end(containerId, containerId + kIdBuffer, least);
+    return TRUE;
+}

@@ -1,1 +1,226 @@
-// zncContainerLib_rootfs.cpp
+// A container's root filesystem, namespace and mounts. Whether the root is the bundle's own
+// directory or an overlay device above it is asked afresh in every call.
+#include "zncContainerLib.hpp"
+#include "zncTreeLinks.hpp"
+
+#include "zarnel/fs.h"
+#include "zarnel/ns.h"
+#include "zarnel/overlay.h"
+
+#include <unistd.h>
+
+namespace {
+
+using znc::fail_with;
+using znc::kPathMax;
+using PathBuffer = znc::MallocPtr<char[]>;
+
+constexpr int kNamespaceFlags = 0x1001;
+constexpr char kUpperDir[] = "/upper";
+
+const char* printable(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+// The answer alone: that there is none is no error.
+bool overlay_available()
+{
+    const znc::ErrnoSaver keep;
+    return zncOvlFsAvailable() != FALSE;
+}
+
+bool append(char* path, const char* component)
+{
+    return znPathAppend(path, kPathMax, component) != path + kPathMax;
+}
+
+// The bundle's root directory; false when it does not fit.
+bool bundle_root_path(const CONTAINER_CTX* ctx, char* path)
+{
+    const char* const root = ctx->pConfig->root->path;
+    path[0] = '\0';
+    return (pathIsSep(root[0]) || append(path, ctx->state.bundlePath)) && append(path, root);
+}
+
+bool device_path(const CONTAINER_CTX* ctx, char* path)
+{
+    path[0] = '\0';
+    return append(path, ZN_OVERLAY_DIR) && append(path, ctx->state.containerId);
+}
+
+STATUS upper_path(const char* containerId, char* path)
+{
+    if (zncBasePathGet(path, kPathMax, ZNC_CONTAINERS_PATH) == 0)
+        return ERROR;
+    char* const end = path + kPathMax;
+    char* const out = znPathAppend(path, kPathMax, containerId);
+    if (static_cast<std::size_t>(end - out) < sizeof kUpperDir)
+        return fail_with(ENAMETOOLONG);
+    znc::copy_end(out, end, kUpperDir);
+    return OK;
+}
+
+STATUS create_device(CONTAINER_CTX* ctx, const char* device, const char* upper)
+{
+    const bool upper_was_there = ::access(upper, F_OK) == 0;
+    if (znMkdirParents(upper, 0777) != OK)
+        return ERROR;
+    PathBuffer bundle_root;
+    const char* lower = ctx->pConfig->root->path;
+    if (!pathIsSep(lower[0])) {
+        bundle_root = znc::malloc_array<char>(kPathMax);
+        if (!bundle_root)
+            return ERROR;
+        if (!bundle_root_path(ctx, bundle_root.get()))
+            return fail_with(S_zncLib_BUNDLE_PATH_TOO_LONG);
+        lower = bundle_root.get();
+    }
+    const char* layers[] = {upper, lower};
+    if (zncCreateOvlRootfsDev(device, layers, 2, TRUE) == OK)
+        return OK;
+    // A device that exists belongs to a live container of this id, and so does its upper directory.
+    if (errno == EEXIST && upper_was_there)
+        return ERROR;
+    const znc::ErrnoSaver keep;
+    znc::delete_foreign_tree(upper);
+    return ERROR;
+}
+
+STATUS make_root(CONTAINER_CTX* ctx, char* root)
+{
+    if (zncContainerRootfsCreate(ctx, root) != OK) {
+        znc::send_progress("Container rootfs create failed : %s", root);
+        return fail_with(S_zncLib_ROOTFS_CREATE_FAILED);
+    }
+    if (zncContainerAppPathSet(ctx, root) != OK)
+        return fail_with(S_zncLib_OCI_ARG_INVALID);
+    const nsid_t ns = znnsCreate(kNamespaceFlags);
+    if (ns == -1)
+        return fail_with(S_zncLib_NAMESPACE_CREATE_FAILED);
+    ctx->nsId = ns;
+    if (znnsRootfsCreate(ns, root, ctx->state.containerId) != OK)
+        return fail_with(S_zncLib_ROOTFS_CREATE_FAILED);
+    return OK;
+}
+
+STATUS mount_all(CONTAINER_CTX* ctx, const char* root, const runtimeSpecConfigMounts& mounts)
+{
+    UINT32 done = 0;
+    STATUS result = OK;
+    for (; done < static_cast<UINT32>(mounts.count); done++) {
+        const runtimeSpecConfigMount& mount = *mounts.mount[done];
+        result = znnsMount(ctx->nsId, root, mount.src, mount.dst, mount.type, mount.opt);
+        if (result != OK) {
+            znc::send_progress(
+                "Container additional mount failed for rootfs path: %s src: %s dest: %s", root,
+                printable(mount.src), printable(mount.dst));
+            break;
+        }
+    }
+    ctx->mountCount = done;
+    return result;
+}
+
+// In reverse order; a mount that cannot be undone stays counted.
+STATUS umount_all(CONTAINER_CTX* ctx, const char* root)
+{
+    while (ctx->mountCount > 0) {
+        const runtimeSpecConfigMount& mount = *ctx->pConfig->mounts->mount[ctx->mountCount - 1];
+        const STATUS result =
+            znnsUmount(ctx->nsId, root, mount.src, mount.dst, mount.type, mount.opt);
+        if (result != OK)
+            return result;
+        ctx->mountCount--;
+    }
+    return OK;
+}
+
+STATUS undo_root(CONTAINER_CTX* ctx)
+{
+    const PathBuffer buffer = znc::malloc_array<char>(kPathMax);
+    if (!buffer)
+        return ERROR;
+    char* const root = buffer.get();
+    const bool overlay = overlay_available();
+    if (!(overlay ? device_path(ctx, root) : bundle_root_path(ctx, root)))
+        return fail_with(ENAMETOOLONG);
+    if (ctx->nsId == -1)
+        return ERROR;
+    STATUS result = umount_all(ctx, root);
+    if (result != OK)
+        return result;
+    result = znnsRootfsDestroy(ctx->nsId, root, ctx->state.containerId);
+    if (result != OK)
+        return result;
+    result = znnsDelete(ctx->nsId);
+    if (result == OK)
+        ctx->nsId = -1;
+    return overlay ? zncContainerRemoveUpLayer(root, kPathMax, ctx->state.containerId) : result;
+}
+
+} // namespace
+
+STATUS zncContainerMount(CONTAINER_CTX* pCtx)
+{
+    if (pCtx->mounted)
+        return OK;
+    const PathBuffer root = znc::malloc_array<char>(kPathMax);
+    // What a failure before the namespace has its root made so far stays: the next create under the
+    // same id takes it over.
+    if (!root || make_root(pCtx, root.get()) != OK)
+        return ERROR;
+    pCtx->mounted = TRUE;
+    const runtimeSpecConfigMounts* const mounts = pCtx->pConfig->mounts;
+    if (mounts == nullptr || mount_all(pCtx, root.get(), *mounts) == OK)
+        return OK;
+    zncContainerUmount(pCtx);
+    return fail_with(S_zncLib_ADDITIONAL_MOUNT_FAILED);
+}
+
+STATUS zncContainerRootfsCreate(CONTAINER_CTX* pCtx, char* pRootfsPath)
+{
+    if (overlay_available())
+        return zncContainerOvlfsRootfsCreate(pCtx, pRootfsPath);
+    return bundle_root_path(pCtx, pRootfsPath) ? OK : fail_with(S_zncLib_BUNDLE_PATH_TOO_LONG);
+}
+
+STATUS zncContainerOvlfsRootfsCreate(CONTAINER_CTX* pCtx, char* rootfsPath)
+{
+    const PathBuffer upper = znc::malloc_array<char>(kPathMax);
+    if (!upper || upper_path(pCtx->state.containerId, upper.get()) != OK)
+        return ERROR;
+    if (!device_path(pCtx, rootfsPath))
+        return fail_with(ENAMETOOLONG);
+    return create_device(pCtx, rootfsPath, upper.get());
+}
+
+STATUS zncContainerAppPathSet(CONTAINER_CTX* pCtx, const char* pRootfsPath)
+{
+    const runtimeSpecConfigProcess& process = *pCtx->pConfig->process;
+    char* const path = pCtx->appPath;
+    path[0] = '\0';
+    const bool fits = append(path, pRootfsPath) &&
+                      (pathIsSep(process.args[0][0]) || append(path, process.cwd)) &&
+                      append(path, process.args[0]);
+    return fits ? OK : ERROR;
+}
+
+STATUS zncContainerUmount(CONTAINER_CTX* pCtx)
+{
+    if (!pCtx->mounted)
+        return OK;
+    const STATUS result = undo_root(pCtx);
+    // Also after a failure, so that deleting a container again always ends in its removal.
+    pCtx->mounted = FALSE;
+    return result;
+}
+
+STATUS zncContainerRemoveUpLayer(char* buffer, size_t bufferLen, const char* containerId)
+{
+    if (zncBasePathGet(buffer, kPathMax, ZNC_CONTAINERS_PATH) == 0)
+        return ERROR;
+    if (znPathAppend(buffer, bufferLen, containerId) == buffer + bufferLen)
+        return fail_with(ENAMETOOLONG);
+    return znc::delete_foreign_tree(buffer);
+}

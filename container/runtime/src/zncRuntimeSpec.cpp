@@ -1,1 +1,283 @@
-// zncRuntimeSpec.cpp
+#include "zncRuntimeSpec.hpp"
+
+#include "cJSON_Additions.h"
+
+#include <unistd.h>
+
+namespace {
+
+using znc::MallocPtr;
+using znc::TextList;
+
+constexpr int32_t kDefaultPriority = 100;
+constexpr int32_t kDefaultStackSize = 0x2000;
+
+struct ProcessDeleter {
+    void operator()(runtimeSpecConfigProcess* p) const noexcept { destroyRuntimeSpecProcess(p); }
+};
+struct MountsDeleter {
+    void operator()(runtimeSpecConfigMounts* p) const noexcept { destroyRuntimeSpecMounts(p); }
+};
+
+// A number written as text replaces the default; out-of-range values are for the spawn to judge.
+void replace_by_number(const cJSON* rtp, const char* name, int32_t& field)
+{
+    const char* const text = runtimeSpecGetString(rtp, name);
+    if (text == nullptr)
+        return;
+    const znc::ErrnoSaver keep;
+    field = static_cast<int32_t>(::strtoul(text, nullptr, 0));
+}
+
+// Fills one mount. A mount must not lose its options: without "ro" it would be writable.
+bool read_mount(const cJSON* item, runtimeSpecConfigMount* mount)
+{
+    mount->src = runtimeSpecGetString(item, "source");
+    mount->dst = runtimeSpecGetString(item, "destination");
+    mount->type = runtimeSpecGetString(item, "type");
+    mount->opt = getMountsOption(item);
+    return mount->opt != nullptr || cJSON_GetArraySize(runtimeSpecGetObject(item, "options")) == 0;
+}
+
+void destroy_mount(runtimeSpecConfigMount* mount)
+{
+    if (mount == nullptr)
+        return;
+    const MallocPtr<runtimeSpecConfigMount> record(mount);
+    const TextList opt(mount->opt);
+}
+
+} // namespace
+
+namespace znc {
+
+TextList text_list(const cJSON* array) noexcept
+{
+    const int count = cJSON_GetArraySize(array);
+    TextList list = malloc_array<char*>(static_cast<std::size_t>(count) + 1);
+    if (!list)
+        return list;
+    std::size_t i = 0;
+    const cJSON* element = nullptr;
+    cJSON_ArrayForEach(element, array) list[i++] = cJSON_GetStringValue(element);
+    return list;
+}
+
+} // namespace znc
+
+cJSON* loadRuntimeSpec(const char* path)
+{
+    return cJSON_load_from_file(path);
+}
+
+char* runtimeSpecGetString(const cJSON* item, const char* name)
+{
+    return cJSON_GetStringValue(cJSON_GetObjectItem(item, name));
+}
+
+cJSON* runtimeSpecGetObject(const cJSON* item, const char* name)
+{
+    return cJSON_GetObjectItem(item, name);
+}
+
+bool runtimeSpecGetBoolean(const cJSON* item, const char* name)
+{
+    return cJSON_IsTrue(cJSON_GetObjectItem(item, name)) != 0;
+}
+
+runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
+{
+    const cJSON* const args = runtimeSpecGetObject(item, "args");
+    if (args == nullptr) {
+        // A stale ENOENT would read as a missing file.
+        errno = EINVAL;
+        return nullptr;
+    }
+    auto process = znc::malloc_zeroed<runtimeSpecConfigProcess>();
+    if (!process)
+        return nullptr;
+    process->tree = item;
+    process->argCount = cJSON_GetArraySize(args);
+    TextList arg_list = znc::text_list(args);
+    if (!arg_list)
+        return nullptr;
+    TextList env_list;
+    if (const cJSON* const env = runtimeSpecGetObject(item, "env"); env != nullptr) {
+        process->envCount = cJSON_GetArraySize(env);
+        env_list = znc::text_list(env);
+        if (!env_list)
+            return nullptr;
+    }
+    process->args = arg_list.release();
+    process->env = env_list.release();
+    process->cwd = runtimeSpecGetString(item, "cwd");
+    process->terminal = runtimeSpecGetBoolean(item, "terminal");
+    return process.release();
+}
+
+void destroyRuntimeSpecProcess(runtimeSpecConfigProcess* process)
+{
+    if (process == nullptr)
+        return;
+    const MallocPtr<runtimeSpecConfigProcess> record(process);
+    const TextList args(process->args);
+    const TextList env(process->env);
+}
+
+runtimeSpecConfigZarnel* initializeRuntimeSpecZarnel(cJSON* item)
+{
+    auto zarnel = znc::malloc_zeroed<runtimeSpecConfigZarnel>();
+    if (!zarnel)
+        return nullptr;
+    zarnel->tree = item;
+    zarnel->priority = kDefaultPriority;
+    zarnel->stackSize = kDefaultStackSize;
+    if (const cJSON* const rtp = runtimeSpecGetObject(item, "rtp"); rtp != nullptr) {
+        replace_by_number(rtp, "rtpOptions", zarnel->option);
+        replace_by_number(rtp, "rtpPriority", zarnel->priority);
+        replace_by_number(rtp, "rtpStackSize", zarnel->stackSize);
+        replace_by_number(rtp, "rtpTaskOptions", zarnel->taskOption);
+    }
+    return zarnel.release();
+}
+
+void destroyRuntimeSpecZarnel(runtimeSpecConfigZarnel* zarnel)
+{
+    const MallocPtr<runtimeSpecConfigZarnel> record(zarnel);
+}
+
+runtimeSpecConfigAnnotations* initializeRuntimeSpecAnnotations(cJSON* item)
+{
+    const int count = cJSON_GetArraySize(item);
+    if (count == 0)
+        return nullptr;
+    auto annotations = znc::malloc_zeroed<runtimeSpecConfigAnnotations>();
+    TextList keys = znc::malloc_array<char*>(static_cast<std::size_t>(count));
+    TextList values = znc::text_list(item);
+    if (!annotations || !keys || !values)
+        return nullptr;
+    annotations->tree = item;
+    annotations->k = keys.release();
+    const cJSON* member = nullptr;
+    cJSON_ArrayForEach(member, item) annotations->k[annotations->count++] = member->string;
+    annotations->v = values.release();
+    return annotations.release();
+}
+
+void destroyRuntimeSpecAnnotations(runtimeSpecConfigAnnotations* annotations)
+{
+    if (annotations == nullptr)
+        return;
+    const MallocPtr<runtimeSpecConfigAnnotations> record(annotations);
+    const TextList keys(annotations->k);
+    const TextList values(annotations->v);
+}
+
+runtimeSpecConfigMounts* initializeRuntimeSpecMounts(cJSON* item)
+{
+    if (item == nullptr)
+        return nullptr;
+    std::unique_ptr<runtimeSpecConfigMounts, MountsDeleter> mounts(
+        znc::malloc_zeroed<runtimeSpecConfigMounts>().release());
+    if (!mounts)
+        return nullptr;
+    const int count = cJSON_GetArraySize(item);
+    mounts->tree = item;
+    mounts->mount =
+        znc::malloc_array<runtimeSpecConfigMount*>(static_cast<std::size_t>(count)).release();
+    if (mounts->mount == nullptr)
+        return nullptr;
+    const cJSON* element = nullptr;
+    cJSON_ArrayForEach(element, item)
+    {
+        runtimeSpecConfigMount* const mount =
+            znc::malloc_zeroed<runtimeSpecConfigMount>().release();
+        if (mount == nullptr)
+            return nullptr;
+        mounts->mount[mounts->count++] = mount;
+        if (!read_mount(element, mount))
+            return nullptr;
+    }
+    return mounts.release();
+}
+
+void destroyRuntimeSpecMounts(runtimeSpecConfigMounts* mounts)
+{
+    if (mounts == nullptr)
+        return;
+    const MallocPtr<runtimeSpecConfigMounts> record(mounts);
+    const MallocPtr<runtimeSpecConfigMount*[]> list(mounts->mount);
+    for (int32_t i = 0; i < mounts->count; i++)
+        destroy_mount(mounts->mount[i]);
+}
+
+char** getMountsOption(const cJSON* mountItem)
+{
+    const cJSON* const options = runtimeSpecGetObject(mountItem, "options");
+    if (cJSON_GetArraySize(options) == 0)
+        return nullptr;
+    return znc::text_list(options).release();
+}
+
+runtimeSpecConfigRoot* initializeRuntimeSpecRoot(cJSON* item)
+{
+    char* const path = runtimeSpecGetString(item, "path");
+    if (path == nullptr)
+        return nullptr;
+    auto root = znc::malloc_zeroed<runtimeSpecConfigRoot>();
+    if (!root)
+        return nullptr;
+    root->path = path;
+    root->ro = runtimeSpecGetBoolean(item, "readonly");
+    root->tree = item;
+    return root.release();
+}
+
+void destroyRuntimeSpecRoot(runtimeSpecConfigRoot* root)
+{
+    const MallocPtr<runtimeSpecConfigRoot> record(root);
+}
+
+runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path)
+{
+    if (::access(path, F_OK) != 0)
+        return nullptr;
+    auto config = znc::malloc_zeroed<runtimeSpecConfig>();
+    if (!config)
+        return nullptr;
+    znc::CJsonPtr tree(loadRuntimeSpec(path));
+    if (!tree)
+        return nullptr;
+    config->tree = tree.get();
+    config->version = runtimeSpecGetString(config->tree, "ociVersion");
+    config->hostName = runtimeSpecGetString(config->tree, "hostname");
+    std::unique_ptr<runtimeSpecConfigProcess, ProcessDeleter> process(
+        initializeRuntimeSpecProcess(runtimeSpecGetObject(config->tree, "process")));
+    if (!process)
+        return nullptr;
+    config->zarnel = initializeRuntimeSpecZarnel(runtimeSpecGetObject(config->tree, "zarnel"));
+    if (config->zarnel == nullptr)
+        return nullptr;
+    config->annotations =
+        initializeRuntimeSpecAnnotations(runtimeSpecGetObject(config->tree, "annotations"));
+    config->mounts = initializeRuntimeSpecMounts(runtimeSpecGetObject(config->tree, "mounts"));
+    initializeRuntimeSpecHooks(runtimeSpecGetObject(config->tree, "hooks"), config->hooks);
+    config->root = initializeRuntimeSpecRoot(runtimeSpecGetObject(config->tree, "root"));
+    config->process = process.release();
+    static_cast<void>(tree.release());
+    return config.release();
+}
+
+void zncDestroyRuntimeSpec(runtimeSpecConfig* config)
+{
+    if (config == nullptr)
+        return;
+    const MallocPtr<runtimeSpecConfig> record(config);
+    const znc::CJsonPtr tree(config->tree);
+    destroyRuntimeSpecZarnel(config->zarnel);
+    destroyRuntimeSpecProcess(config->process);
+    destroyRuntimeSpecMounts(config->mounts);
+    destroyRuntimeSpecAnnotations(config->annotations);
+    destroyRuntimeSpecRoot(config->root);
+    destroyRuntimeSpecHooks(config->hooks);
+}

@@ -1,0 +1,123 @@
+// Making a container: from a bundle directory to an entry of the registry.
+#include "zncContainerLib.hpp"
+
+#include "zarnel/fs.h"
+
+namespace {
+
+using znc::fail_with;
+using znc::LockedContext;
+
+// Undoes an unfinished create; the reason of the failure stays in errno.
+struct ContextRollback {
+    void operator()(CONTAINER_CTX* ctx) const noexcept
+    {
+        const znc::ErrnoSaver keep;
+        zncContainerUmount(ctx);
+        znc::free_context(ctx);
+    }
+};
+using NewContext = std::unique_ptr<CONTAINER_CTX, ContextRollback>;
+
+bool is_missing(const char* text)
+{
+    return text == nullptr || text[0] == '\0';
+}
+
+STATUS check_conflicts(const char* containerId, const char* bundlePath)
+{
+    if (const LockedContext same(zncContainerFindAndLockById(containerId)); same)
+        return fail_with(S_zncLib_CONTAINER_EXISTS);
+    // With the overlay filesystem each container writes into its own layer above the bundle.
+    if (zncOvlFsAvailable())
+        return OK;
+    if (const LockedContext user(zncContainerFindAndLockByBundle(bundlePath)); user) {
+        znc::send_progress("The bundle '%s' is already in use.", bundlePath);
+        return fail_with(S_zncLib_BUNDLE_IN_USE);
+    }
+    return OK;
+}
+
+STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
+{
+    char* const path = ctx->state.bundlePath;
+    char* const end = path + sizeof ctx->state.bundlePath;
+    if (znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath) == end ||
+        znPathAppend(path, sizeof ctx->state.bundlePath, "config.json") == end)
+        return fail_with(ENAMETOOLONG);
+    errno = 0;
+    ctx->pConfig = zncInitializeRuntimeSpec(path);
+    if (ctx->pConfig == nullptr) {
+        if (errno != ENOENT)
+            return fail_with(S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
+        znc::send_progress("OCI bundle config.json not exists in %s", bundlePath);
+        return fail_with(S_zncLib_BUNDLE_CONFIG_NOT_EXIST);
+    }
+    path[0] = '\0';
+    znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath);
+    return OK;
+}
+
+STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
+{
+    CONTAINER_STATE& state = ctx->state;
+    if (is_missing(ctx->pConfig->version))
+        return fail_with(S_zncLib_OCI_VERSION_INVALID);
+    char* const ver_end = state.ver + sizeof state.ver;
+    if (znc::copy_end(state.ver, ver_end, ctx->pConfig->version) == ver_end)
+        return fail_with(EINVAL);
+    // One character less than a valid id may have is kept.
+    znc::copy_end(state.containerId, state.containerId + sizeof state.containerId, containerId);
+    return OK;
+}
+
+STATUS check_config(const runtimeSpecConfig& config)
+{
+    if (config.root == nullptr || is_missing(config.root->path))
+        return fail_with(S_zncLib_OCI_ROOT_INVALID);
+    const runtimeSpecConfigProcess* const process = config.process;
+    if (process == nullptr || is_missing(process->cwd) || !pathIsSep(process->cwd[0]))
+        return fail_with(S_zncLib_OCI_CWD_INVALID);
+    if (is_missing(process->args[0]))
+        return fail_with(S_zncLib_OCI_ARG_INVALID);
+    return OK;
+}
+
+// Mounts the container and puts it on the list. Its mutex is held until its state is complete, so
+// that no other task can see, or delete, a half-made one.
+STATUS mount_and_register(CONTAINER_CTX* ctx)
+{
+    ctx->sem = znMutexCreate(znc::kMutexOptions);
+    if (ctx->sem == nullptr)
+        return ERROR;
+    ctx->state.status = STATE_CREATED;
+    ctx->mounted = FALSE;
+    if (zncContainerMount(ctx) != OK || znMutexTake(ctx->sem, ZN_NO_WAIT) != OK ||
+        zncContainerAdd(ctx) != OK)
+        return ERROR;
+    ctx->state.pCtx = ctx;
+    ctx->state.createdTime = ::time(nullptr);
+    zncContainerUnlock(ctx);
+    return OK;
+}
+
+} // namespace
+
+STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
+                          [[maybe_unused]] unsigned int option, [[maybe_unused]] ZNC_ATTR* pAttr)
+{
+    if (!isInitialized || !zncContainerIdValid(containerId) || !zncBundlePathValid(bundlePath))
+        return fail_with(EINVAL);
+    if (check_conflicts(containerId, bundlePath) != OK)
+        return ERROR;
+    NewContext ctx(znc::malloc_zeroed<CONTAINER_CTX>().release());
+    if (!ctx)
+        return ERROR;
+    ctx->state.status = STATE_CREATING;
+    ctx->nsId = -1;
+    if (load_config(ctx.get(), bundlePath) != OK || set_identity(ctx.get(), containerId) != OK ||
+        check_config(*ctx->pConfig) != OK || mount_and_register(ctx.get()) != OK)
+        return ERROR;
+    static_cast<void>(ctx.release()); // the list has it
+    return OK;
+}

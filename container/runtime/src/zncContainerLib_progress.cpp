@@ -1,0 +1,79 @@
+// Progress texts for the client being served. Losing one is never an error.
+#include "zncContainerLib.hpp"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace {
+
+constexpr std::size_t kInfoMessages = 20;
+constexpr std::size_t kInfoMessageLen = 255;
+
+class InfoQueue {
+  public:
+    explicit InfoQueue(const char* name) noexcept
+        : id_(znMsgQOpen(name, kInfoMessages, kInfoMessageLen, ZN_MSG_Q_FIFO,
+                         ZN_MSG_Q_OPEN_EXISTING))
+    {
+    }
+    InfoQueue(const InfoQueue&) = delete;
+    InfoQueue& operator=(const InfoQueue&) = delete;
+    ~InfoQueue()
+    {
+        if (id_ >= 0)
+            znMsgQClose(id_);
+    }
+    [[nodiscard]] MSG_Q_ID get() const noexcept { return id_; }
+
+  private:
+    MSG_Q_ID id_;
+};
+
+void post(uint32_t lvl, const char* format, va_list arguments)
+{
+    if (format == nullptr || lvl == 0 || lvl > zncMsgVerbosity)
+        return;
+    const znc::ErrnoSaver keep;
+    const InfoQueue queue(infoMsgQ);
+    if (queue.get() < 0)
+        return;
+    char text[kInfoMessageLen + 1] = "";
+    ::vsnprintf(text, kInfoMessageLen, format, arguments);
+    znMsgQSend(queue.get(), text, std::strlen(text) + 1, ZN_NO_WAIT, ZN_MSG_PRI_NORMAL);
+}
+
+} // namespace
+
+char infoMsgQ[ZNC_MSG_NAME_LEN];
+uint32_t zncMsgVerbosity = 2;
+
+void zncMsgQnameSet(const char* msgQname)
+{
+    char* const end = infoMsgQ + sizeof infoMsgQ;
+    char* out = znc::copy_end(infoMsgQ, end, msgQname != nullptr ? msgQname : "");
+    out = znc::copy_end(out, end, "_");
+    znc::copy_end(out, end, "info");
+}
+
+void zncMsgLvlSet(UINT8 lvl)
+{
+    // Anything above leaves the previous client's level in force, which clients rely on.
+    if (lvl <= 2)
+        zncMsgVerbosity = lvl;
+}
+
+void zncSendMsg(uint32_t lvl, char* info, ...)
+{
+    va_list arguments;
+    va_start(arguments, info);
+    post(lvl, info, arguments);
+    va_end(arguments);
+}
+
+void znc::send_progress(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    post(1, format, arguments);
+    va_end(arguments);
+}

@@ -1,0 +1,52 @@
+// zncRuntimeSpec.hpp - the reader of a bundle's "config.json", section by section.
+//
+// Called by zncContainerLib through zncInitializeRuntimeSpec and zncDestroyRuntimeSpec; the rest is
+// declared here for unit tests. Every reader takes the section's JSON item (null: absent) and
+// returns a record that its destroyer frees, or null. All text points into the JSON tree. Left
+// out: whether the values make sense, which the container registry judges.
+#ifndef ZNCRUNTIMESPEC_HPP
+#define ZNCRUNTIMESPEC_HPP
+
+#include "zncOwned.hpp"
+#include "zncontainer.h"
+
+// The member names of "hooks", by hook kind.
+extern const char* const runtimeHookName[RUNTIME_HOOK_KINDS];
+
+cJSON* loadRuntimeSpec(const char* path);
+char* runtimeSpecGetString(const cJSON* item, const char* name);
+cJSON* runtimeSpecGetObject(const cJSON* item, const char* name);
+bool runtimeSpecGetBoolean(const cJSON* item, const char* name);
+
+runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item);
+void destroyRuntimeSpecProcess(runtimeSpecConfigProcess* process);
+runtimeSpecConfigZarnel* initializeRuntimeSpecZarnel(cJSON* item);
+void destroyRuntimeSpecZarnel(runtimeSpecConfigZarnel* zarnel);
+runtimeSpecConfigAnnotations* initializeRuntimeSpecAnnotations(cJSON* item);
+void destroyRuntimeSpecAnnotations(runtimeSpecConfigAnnotations* annotations);
+runtimeSpecConfigMounts* initializeRuntimeSpecMounts(cJSON* item);
+void destroyRuntimeSpecMounts(runtimeSpecConfigMounts* mounts);
+runtimeSpecConfigRoot* initializeRuntimeSpecRoot(cJSON* item);
+void destroyRuntimeSpecRoot(runtimeSpecConfigRoot* root);
+
+// A mount's options as a list ended by NULL; null when there are none or memory is short.
+char** getMountsOption(const cJSON* mountItem);
+
+void initializeRuntimeSpecHooks(cJSON* hooksObject, runtimeSpecConfigHook* hooks[]);
+void destroyRuntimeSpecHooks(runtimeSpecConfigHook* hooks[]);
+runtimeSpecConfigHook* initializeRuntimeSpecHook(cJSON* hooksObject, int kind);
+void destroyRuntimeSpecHook(runtimeSpecConfigHook* hook);
+runtimeHookNode* initializeRuntimeHookNode(const cJSON* item);
+void destroyRuntimeHookNode(runtimeHookNode* node);
+
+namespace znc {
+
+using TextList = MallocPtr<char*[]>;
+
+// The text of every element of `array` (null for an element that is not text), then NULL. Null when
+// memory is short.
+TextList text_list(const cJSON* array) noexcept;
+
+} // namespace znc
+
+#endif

@@ -1,0 +1,10 @@
+# The bundle configuration and the container registry.
+set(CONTAINERS_SUPPORT ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
+                       ${PROJECT_SOURCE_DIR}/tests/support/fake_platform.cpp
+                       ${PROJECT_SOURCE_DIR}/tests/support/tsan_clocklock.cpp)
+
+znc_unit_test(zncRuntimeSpec_test SOURCES ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
+              WRAP malloc calloc realloc strdup)
+znc_unit_test(zncContainerLib_test SOURCES ${CONTAINERS_SUPPORT} WRAP malloc calloc realloc strdup)
+znc_unit_test(zncContainerLib_rootfs_test SOURCES ${CONTAINERS_SUPPORT} WRAP malloc calloc realloc strdup)
+znc_unit_test(zncContainerLib_progress_test)
