@@ -1,1 +1,178 @@
-// zncRuntimeApi_start.cpp
+// zncRuntimeApi_start.cpp - starting a container: the daemon says how, the caller spawns the
+// process and tells the daemon which one it is.
+#include "zncRuntimeApi.hpp"
+
+#include "zarnel/spawn.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/wait.h>
+
+namespace {
+
+using znc::template_param;
+
+enum StartParam : std::size_t {
+    kAppPath,
+    kArg,
+    kEnv,
+    kOption,
+    kPriority,
+    kStackSize,
+    kTaskOption,
+    kNsId,
+    kCwd,
+    kPosixFlags
+};
+
+constexpr std::array kStartTemplate = {
+    template_param(STRING, "appPath"),     template_param(STRING_ARRAY, "arg"),
+    template_param(STRING_ARRAY, "env"),   template_param(INTEGER, "option"),
+    template_param(INTEGER, "priority"),   template_param(INTEGER, "stackSize"),
+    template_param(INTEGER, "taskOption"), template_param(INTEGER, "nsId"),
+    template_param(STRING, "cwd"),         template_param(INTEGER, "posixFlags"),
+};
+
+constexpr int kSignalTerm = 15;
+
+// A container's spawn parameters; text points into the reply they were read from.
+class StartParams {
+  public:
+    explicit StartParams(cJSON* object) noexcept : params_(kStartTemplate)
+    {
+        if (zncParamObjGet(object, params_.data(), count()) == OK)
+            return;
+        // What could be read counts, but a failed read has freed its vectors already.
+        params_[kArg].value = 0;
+        params_[kEnv].value = 0;
+    }
+    ~StartParams()
+    {
+        const znc::ErrnoSaver keep;
+        static_cast<void>(zncParamObjDestroy(params_.data(), count()));
+    }
+    StartParams(const StartParams&) = delete;
+    StartParams& operator=(const StartParams&) = delete;
+
+    [[nodiscard]] bool empty() const noexcept
+    {
+        return std::all_of(params_.begin(), params_.end(),
+                           [](const zncParam& param) { return param.value == 0; });
+    }
+    [[nodiscard]] int number(StartParam which) const noexcept
+    {
+        return static_cast<int>(params_[which].value);
+    }
+    [[nodiscard]] const char* text(StartParam which) const noexcept
+    {
+        return znc::param_pointer<const char>(params_[which]);
+    }
+    [[nodiscard]] char** vector(StartParam which) const noexcept
+    {
+        return znc::param_pointer<char*>(params_[which]);
+    }
+
+  private:
+    [[nodiscard]] unsigned count() const noexcept { return static_cast<unsigned>(params_.size()); }
+
+    std::array<zncParam, kStartTemplate.size()> params_;
+};
+
+class SpawnAttributes {
+  public:
+    SpawnAttributes() noexcept : isSet_(znSpawnAttrInit(&attr_) == OK) {}
+    ~SpawnAttributes()
+    {
+        const znc::ErrnoSaver keep;
+        if (isSet_)
+            znSpawnAttrDestroy(&attr_);
+    }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+
+    // Stops at the first value that the platform refuses.
+    bool set(const StartParams& start) noexcept
+    {
+        return isSet_ && znSpawnAttrSetPriority(&attr_, start.number(kPriority)) == OK &&
+               znSpawnAttrSetStackSize(&attr_, start.number(kStackSize)) == OK &&
+               znSpawnAttrSetOptions(&attr_, start.number(kOption) | ZN_SPAWN_OPT_LOADED) == OK &&
+               znSpawnAttrSetTaskOptions(&attr_, start.number(kTaskOption)) == OK &&
+               znSpawnAttrSetNamespace(&attr_, start.number(kNsId)) == OK &&
+               znSpawnAttrSetCwd(&attr_, start.text(kCwd)) == OK &&
+               znSpawnAttrSetFlags(&attr_, static_cast<short>(start.number(kPosixFlags))) == OK;
+    }
+    [[nodiscard]] const znSpawnAttr* get() const noexcept { return &attr_; }
+
+  private:
+    znSpawnAttr attr_ = {};
+    bool isSet_;
+};
+
+bool spawn(const StartParams& start, const SpawnAttributes& attributes, pid_t* pid)
+{
+    char* none[] = {nullptr};
+    char** arg = start.vector(kArg);
+    if (start.text(kAppPath) != nullptr &&
+        znSpawn(pid, start.text(kAppPath), attributes.get(), arg != nullptr ? arg : none,
+                start.vector(kEnv)) == OK)
+        return true;
+    errno = S_zncLib_RTP_SPAWN_FAILED;
+    return false;
+}
+
+// The container counts as running but its process is not known to the daemon: end it.
+STATUS give_up(const char* containerId)
+{
+    const znc::ErrnoSaver keep;
+    static_cast<void>(zncKill(containerId, kSignalTerm, ZNC_OPT_WHOLE_NAMESPACE));
+    return ERROR;
+}
+
+} // namespace
+
+STATUS zncStart(const char* containerId, unsigned int option)
+{
+    if (containerId == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    std::array params = {znc::string_param("containerId", containerId),
+                         znc::integer_param("option", option)};
+    znc::Reply reply;
+    if (znc::request_reply(ZNC_START, params, &reply) != OK)
+        return ERROR;
+    return zncContextStart(containerId, reply.body, option);
+}
+
+STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int option)
+{
+    if (containerId == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    cJSON* object = cJSON_GetArrayItem(array, 0);
+    if (object == nullptr) {
+        errno = EBADMSG;
+        return ERROR;
+    }
+    const StartParams start(object);
+    if (start.empty())
+        return OK;
+    SpawnAttributes attributes;
+    pid_t pid = 0;
+    if (!attributes.set(start) || !spawn(start, attributes, &pid))
+        return ERROR;
+    if (pid == 0 || zncContextObjHandleStore(containerId, pid) != OK)
+        return give_up(containerId);
+    if ((option & ZNC_OPT_NO_WAIT) != 0)
+        return OK;
+    int status = 0;
+    return ::waitpid(pid, &status, 0); // the process id, not OK
+}
+
+STATUS zncContextObjHandleStore(const char* containerId, OBJ_HANDLE objHandle)
+{
+    std::array params = {znc::string_param("containerId", containerId),
+                         znc::integer_param("handle", objHandle)};
+    return znc::request_done(ZNC_STORE_STATE, params);
+}

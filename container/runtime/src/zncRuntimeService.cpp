@@ -1,1 +1,304 @@
-// zncRuntimeService.cpp
+// zncRuntimeService.cpp - the daemon: its loop, the handlers of the commands, and its replies.
+//
+// One task does all of this, one request at a time, so nothing here is locked.
+#include "zncRuntimeService.hpp"
+
+#include "zarnel/task.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using znc::param_pointer;
+using znc::read_params;
+using znc::template_param;
+
+constexpr std::array kCreateRequest = {template_param(STRING, "containerId"),
+                                       template_param(STRING, "bundle"),
+                                       template_param(INTEGER, "option")};
+constexpr std::array kStartRequest = {template_param(STRING, "containerId"),
+                                      template_param(INTEGER, "option")};
+constexpr std::array kKillRequest = {template_param(STRING, "containerId"),
+                                     template_param(INTEGER, "signo", 15),
+                                     template_param(INTEGER, "option")};
+constexpr std::array kDeleteRequest = {template_param(STRING, "containerId"),
+                                       template_param(INTEGER, "option")};
+constexpr std::array kStateRequest = {template_param(STRING, "containerId")};
+constexpr std::array kStoreRequest = {template_param(STRING, "containerId"),
+                                      template_param(INTEGER, "handle")};
+
+constexpr std::size_t kIdBufferLen = 256;
+constexpr int kSendTimeoutSeconds = 1;
+
+// Keeps the calling task from being deleted.
+class DeletionSafety {
+  public:
+    DeletionSafety() noexcept { znTaskSafe(); }
+    ~DeletionSafety()
+    {
+        const znc::ErrnoSaver keep;
+        znTaskUnsafe();
+    }
+    DeletionSafety(const DeletionSafety&) = delete;
+    DeletionSafety& operator=(const DeletionSafety&) = delete;
+};
+
+// What a handler returns for a registry call: the number is read before anything can change it.
+int result_of(STATUS status)
+{
+    return status == OK ? 0 : errno;
+}
+
+// The pointers lead into the container's configuration: build the object while the container
+// exists.
+cJSON* start_object(const CONTAINER_START_PARM& parm)
+{
+    std::array params = {
+        znc::string_param("appPath", parm.appPath),
+        znc::strings_param("arg", parm.arg, parm.argNum),
+        znc::strings_param("env", parm.env, parm.envNum),
+        znc::integer_param("option", parm.option),
+        znc::integer_param("priority", parm.priority),
+        znc::integer_param("stackSize", parm.stackSize),
+        znc::integer_param("taskOption", parm.taskOption),
+        znc::integer_param("nsId", parm.nsId),
+        znc::string_param("cwd", parm.cwd),
+        znc::integer_param("posixFlags", parm.posixFlags),
+    };
+    return zncParamObjInit(params.data(), static_cast<int>(params.size()));
+}
+
+// Unknown commands, and those that need no work, are answered with success.
+int dispatch(std::int32_t cmdId, cJSON* root, cJSON* body)
+{
+    switch (static_cast<std::uint32_t>(cmdId)) {
+    case ZNC_CREATE:
+        return zncCreateContainer(root);
+    case ZNC_START:
+        return zncStartContainer(root, body);
+    case ZNC_KILL:
+        return zncKillContainer(root);
+    case ZNC_DELETE:
+        return zncDeleteContainer(root);
+    case ZNC_STATE:
+        return zncQueryContainerState(root, body);
+    case ZNC_LIST:
+        return zncQueryContainerList(body);
+    case ZNC_INSPECT:
+        return zncInspectContainer(root, body);
+    case ZNC_STORE_STATE:
+        return zncStorePidHandleContainer(root);
+    default:
+        return 0;
+    }
+}
+
+// Until receiving fails.
+void serve(MSG_Q_ID queue)
+{
+    zncMessage message = {};
+    for (;;) {
+        const ssize_t len = znMsgQReceive(queue, &message, sizeof message, ZN_WAIT_FOREVER);
+        if (len < 0)
+            return;
+        errno = 0; // waiting may have left a number
+        if (!znc::decode_request(&message, static_cast<std::size_t>(len)))
+            continue;
+        static_cast<void>(zncMessageProcess(&message));
+        errno = 0; // nothing carries over to the next request
+    }
+}
+
+bool all_digits(std::string_view text)
+{
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+} // namespace
+
+bool znc::is_client_queue_name(std::string_view name)
+{
+    constexpr std::string_view kPrefix = ZNC_MSG_Q_NAME "-u-";
+    if (!name.starts_with(kPrefix))
+        return false;
+    name.remove_prefix(kPrefix.size());
+    const std::size_t dash = name.find('-');
+    return dash != std::string_view::npos && all_digits(name.substr(0, dash)) &&
+           all_digits(name.substr(dash + 1));
+}
+
+bool znc::decode_request(zncMessage* message, std::size_t received)
+{
+    if (received < ZNC_MSG_HEADER_LEN || message->dataLen >= ZNC_MSG_DATA_LIMIT ||
+        message->dataLen > received - ZNC_MSG_HEADER_LEN)
+        return false;
+    const std::size_t nameLen = ::strnlen(message->name, sizeof message->name);
+    if (nameLen == sizeof message->name || !is_client_queue_name({message->name, nameLen}))
+        return false;
+    message->data[message->dataLen] = '\0';
+    return true;
+}
+
+STATUS zncDaemonTask(void)
+{
+    const DeletionSafety safe;
+    static_cast<void>(zncContainerInit());
+    const znc::UniqueQueue queue(znMsgQOpen(ZNC_MSG_Q_NAME, znc::kDaemonQueue.maxMsgs,
+                                            znc::kDaemonQueue.maxMsgLen, ZN_MSG_Q_PRIORITY,
+                                            ZN_MSG_Q_CREATE_EXCLUSIVE));
+    if (!queue)
+        return ERROR;
+    serve(queue.get());
+    const znc::ErrnoSaver keep;
+    znMsgQUnlink(ZNC_MSG_Q_NAME);
+    return ERROR;
+}
+
+STATUS zncMessageProcess(zncMessage* msgHead)
+{
+    zncMsgQnameSet(msgHead->name);
+    zncMsgLvlSet(msgHead->msgLvl);
+    const znc::CJsonPtr body(cJSON_CreateArray());
+    if (body == nullptr)
+        return ERROR;
+    int result = 0;
+    if (const znc::CJsonPtr root(cJSON_Parse(msgHead->data)); root != nullptr)
+        result = dispatch(msgHead->cmdId, root.get(), body.get());
+    static_cast<void>(zncReplyMessage(msgHead->name, msgHead->cmdId, body.get(), result));
+    return OK;
+}
+
+int zncCreateContainer(cJSON* root)
+{
+    const auto [id, bundle, option] = read_params(root, kCreateRequest);
+    return result_of(zncContainerCreate(param_pointer<const char>(id),
+                                        param_pointer<const char>(bundle),
+                                        static_cast<unsigned>(option.value), nullptr));
+}
+
+int zncStartContainer(cJSON* root, cJSON* array)
+{
+    const auto [id, option] = read_params(root, kStartRequest);
+    static_cast<void>(option); // the client acts on it
+    CONTAINER_START_PARM parm = {};
+    const int result = result_of(zncContainerStart(param_pointer<const char>(id), &parm));
+    if (result == 0)
+        cJSON_AddItemToArray(array, start_object(parm));
+    return result;
+}
+
+int zncKillContainer(cJSON* root)
+{
+    const auto [id, signo, option] = read_params(root, kKillRequest);
+    return result_of(zncContainerKill(param_pointer<const char>(id), static_cast<int>(signo.value),
+                                      static_cast<unsigned>(option.value)));
+}
+
+int zncDeleteContainer(cJSON* root)
+{
+    const auto [id, option] = read_params(root, kDeleteRequest);
+    return result_of(
+        zncContainerDelete(param_pointer<const char>(id), static_cast<unsigned>(option.value)));
+}
+
+int zncStorePidHandleContainer(cJSON* root)
+{
+    const auto [id, handle] = read_params(root, kStoreRequest);
+    return result_of(zncContainerStorePidHandle(param_pointer<const char>(id),
+                                                static_cast<OBJ_HANDLE>(handle.value)));
+}
+
+int zncQueryContainerState(cJSON* root, cJSON* array)
+{
+    const auto [id] = read_params(root, kStateRequest);
+    CONTAINER_STATE state = {};
+    const int result = result_of(zncContainerStateGet(param_pointer<char>(id), &state));
+    if (result == 0)
+        cJSON_AddItemToArray(array, zncMsgBodyInitByState(&state));
+    return result;
+}
+
+int zncQueryContainerList(cJSON* array)
+{
+    const auto id = znc::malloc_array<char>(kIdBufferLen);
+    if (id == nullptr)
+        return ENOMEM;
+    while (zncContainerNext(id.get()) == TRUE) {
+        CONTAINER_STATE state = {};
+        if (zncContainerStateGet(id.get(), &state) != OK)
+            return errno;
+        cJSON_AddItemToArray(array, zncMsgBodyInitByState(&state));
+    }
+    return 0;
+}
+
+cJSON* zncMsgBodyInitByState(CONTAINER_STATE* state)
+{
+    std::array params = {
+        znc::string_param("ociVersion", state->ver),
+        znc::string_param("id", state->containerId),
+        znc::integer_param("status", state->status),
+        znc::string_param("bundle", state->bundlePath),
+    };
+    return zncParamObjInit(params.data(), static_cast<int>(params.size()));
+}
+
+STATUS zncMessageSend(MSG_Q_ID handle, const char* buffer, std::size_t length)
+{
+    const int timeout = kSendTimeoutSeconds * znSysClkRateGet();
+    while (length > 0) {
+        const std::size_t piece = std::min<std::size_t>(length, ZNC_MSG_MAX_LEN);
+        if (znMsgQSend(handle, buffer, piece, timeout, ZN_MSG_PRI_NORMAL) != OK)
+            return ERROR;
+        buffer += piece;
+        length -= piece;
+    }
+    return OK;
+}
+
+STATUS zncReplyMessage(char* name, int cmdId, cJSON* body, int errCode)
+{
+    // The name may fill its field in a message without a terminator.
+    char target[ZNC_MSG_NAME_LEN] = {};
+    std::memcpy(target, name, ::strnlen(name, sizeof target - 1));
+    const znc::UniqueQueue queue = znc::open_queue(target, znc::kReplyQueue, ZN_MSG_Q_FIFO);
+    if (!queue)
+        return ERROR;
+
+    std::array params = {znc::integer_param("errno", errCode), znc::object_param("body", body)};
+    const znc::CJsonPtr object(zncParamObjInit(params.data(), static_cast<int>(params.size())));
+    const znc::CJsonText text(object != nullptr ? cJSON_PrintUnformatted(object.get()) : nullptr);
+    if (text == nullptr)
+        return ERROR;
+    const std::size_t len = ::strnlen(text.get(), znc::kReplyTextLimit);
+    if (len == znc::kReplyTextLimit)
+        return ERROR;
+
+    const std::size_t total = ZNC_MSG_HEADER_LEN + len;
+    const auto message = znc::malloc_array<char>(std::max<std::size_t>(total, sizeof(zncMessage)));
+    if (message == nullptr)
+        return ERROR;
+    auto* reply = reinterpret_cast<zncMessage*>(message.get());
+    std::memcpy(reply->name, target, sizeof reply->name);
+    reply->cmdId = cmdId;
+    reply->dataLen = static_cast<std::uint32_t>(len);
+    std::memcpy(znc::message_data(reply), text.get(), len);
+    return zncMessageSend(queue.get(), message.get(), total);
+}
+
+BOOL zncDaemonIsAlive(void)
+{
+    const znc::UniqueQueue queue =
+        znc::open_queue(ZNC_MSG_Q_NAME, znc::kDaemonQueue, ZN_MSG_Q_PRIORITY);
+    if (!queue)
+        return FALSE;
+    char* text = nullptr;
+    if (zncCall(ZNC_ALIVE, nullptr, 0, &text) != OK)
+        return FALSE;
+    const znc::MallocPtr<char> owned(text);
+    const znc::CJsonPtr root(cJSON_Parse(text));
+    return root != nullptr && zncResponseCheck(root.get(), nullptr, nullptr) == OK ? TRUE : FALSE;
+}

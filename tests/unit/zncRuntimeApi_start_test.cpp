@@ -1,0 +1,365 @@
+#include "zncRuntimeApi.hpp"
+
+#include "fake_daemon.hpp"
+#include "zarnel/spawn.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+// The platform's spawning, in place of the real one: it notes what it is given, and the child it
+// makes is a real one that ends with a given exit code once its standard pipe is closed.
+namespace {
+
+struct SpawnLog {
+    std::vector<std::string> setters; // "priority=100" in the order of the calls
+    std::string failing;              // the setter that fails with EINVAL
+    std::string path;
+    std::vector<std::string> arg;
+    std::vector<std::string> env;
+    bool envIsNull = false;
+    int spawned = 0;
+    int destroyed = 0;
+    int spawnFails = 0; // with this number
+    bool pidIs0 = false;
+    pid_t child = 0;
+    int holdChild = -1; // a descriptor whose other end keeps the child alive until it is closed
+};
+SpawnLog spawnLog;
+
+STATUS set(const std::string& name, const std::string& value)
+{
+    spawnLog.setters.push_back(name + "=" + value);
+    if (spawnLog.failing != name)
+        return OK;
+    errno = EINVAL;
+    return ERROR;
+}
+
+std::vector<std::string> strings(char* const* vector)
+{
+    std::vector<std::string> all;
+    for (; vector != nullptr && *vector != nullptr; vector++)
+        all.emplace_back(*vector);
+    return all;
+}
+
+} // namespace
+
+STATUS znSpawnAttrInit(znSpawnAttr* attr)
+{
+    *attr = {100, 0, 0, 0, -1, nullptr, 0};
+    return set("init", "");
+}
+STATUS znSpawnAttrDestroy(znSpawnAttr*)
+{
+    spawnLog.destroyed++;
+    errno = EIO; // clean-up may do that
+    return OK;
+}
+STATUS znSpawnAttrSetPriority(znSpawnAttr*, int v)
+{
+    return set("priority", std::to_string(v));
+}
+STATUS znSpawnAttrSetStackSize(znSpawnAttr*, int v)
+{
+    return set("stackSize", std::to_string(v));
+}
+STATUS znSpawnAttrSetOptions(znSpawnAttr*, int v)
+{
+    return set("options", std::to_string(v));
+}
+STATUS znSpawnAttrSetTaskOptions(znSpawnAttr*, int v)
+{
+    return set("taskOptions", std::to_string(v));
+}
+STATUS znSpawnAttrSetNamespace(znSpawnAttr*, nsid_t v)
+{
+    return set("namespace", std::to_string(v));
+}
+STATUS znSpawnAttrSetCwd(znSpawnAttr*, const char* v)
+{
+    return set("cwd", v != nullptr ? v : "(null)");
+}
+STATUS znSpawnAttrSetFlags(znSpawnAttr*, short v)
+{
+    return set("flags", std::to_string(v));
+}
+
+STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr*, char* const* argv,
+               char* const* envp)
+{
+    spawnLog.path = path;
+    spawnLog.arg = strings(argv);
+    spawnLog.env = strings(envp);
+    spawnLog.envIsNull = envp == nullptr;
+    EXPECT_NE(argv, nullptr) << "the platform wants a vector";
+    spawnLog.spawned++;
+    if (spawnLog.spawnFails != 0) {
+        errno = spawnLog.spawnFails;
+        return ERROR;
+    }
+    if (spawnLog.pidIs0) {
+        *pid = 0;
+        return OK;
+    }
+    spawnLog.child = fork();
+    if (spawnLog.child == 0) {
+        char byte;
+        if (spawnLog.holdChild >= 0)
+            static_cast<void>(!read(spawnLog.holdChild, &byte, 1));
+        _exit(7);
+    }
+    *pid = spawnLog.child;
+    return spawnLog.child > 0 ? OK : ERROR;
+}
+
+namespace {
+
+using fake_daemon::answering_in_turn;
+using fake_daemon::FakeDaemon;
+using fake_daemon::text_of;
+
+const std::string kSuccess = R"({"errno":0,"body":[]})";
+const std::string kStarted =
+    R"({"errno":0,"body":[{"appPath":"/r/bin/app","arg":["app","-v"],"env":["A=1","B=2"],)"
+    R"("option":1,"priority":101,"stackSize":8192,"taskOption":2,"nsId":77,"cwd":"/srv",)"
+    R"("posixFlags":384}]})";
+const std::vector<std::string> kSetters = {"init=",      "priority=101",  "stackSize=8192",
+                                           "options=65", "taskOptions=2", "namespace=77",
+                                           "cwd=/srv",   "flags=384"};
+
+std::string started_with(const std::string& object)
+{
+    return R"({"errno":0,"body":[)" + object + "]}";
+}
+
+class Start : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        spawnLog = {};
+        errno = 4242;
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(fake_daemon::queue_names(), std::vector<std::string>())
+            << "a queue was left behind";
+        if (spawnLog.child > 0)
+            waitpid(spawnLog.child, nullptr, 0);
+    }
+    // The requests so far, each as "<command id> <text>".
+    static std::vector<std::string> requests(FakeDaemon& daemon)
+    {
+        std::vector<std::string> all;
+        for (const auto& request : daemon.requests())
+            all.push_back(std::to_string(request.message.cmdId) + " " + text_of(request.message));
+        return all;
+    }
+    static std::string handle_stored()
+    {
+        return R"(8 {"containerId":"web","handle":)" + std::to_string(spawnLog.child) + "}";
+    }
+    static constexpr const char* kGivenUp = R"(2 {"containerId":"web","signo":15,"option":2})";
+};
+
+TEST_F(Start, SpawnsAsTheReplySaysStoresTheHandleAndReturnsTheChildsIdAfterItEnds)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    const STATUS result = zncStart("web", 0);
+    EXPECT_EQ(result, spawnLog.child);
+    EXPECT_EQ(waitpid(spawnLog.child, nullptr, 0), -1) << "it is reaped already";
+    EXPECT_EQ(spawnLog.setters, kSetters);
+    EXPECT_EQ(spawnLog.path, "/r/bin/app");
+    EXPECT_EQ(spawnLog.arg, (std::vector<std::string>{"app", "-v"}));
+    EXPECT_EQ(spawnLog.env, (std::vector<std::string>{"A=1", "B=2"}));
+    EXPECT_EQ(spawnLog.destroyed, 1);
+    EXPECT_EQ(requests(daemon),
+              (std::vector<std::string>{R"(1 {"containerId":"web","option":0})", handle_stored()}));
+}
+
+TEST_F(Start, Option4ReturnsOkRightAfterTheSpawn)
+{
+    int hold[2];
+    ASSERT_EQ(pipe2(hold, O_CLOEXEC), 0);
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.holdChild = hold[0];
+    EXPECT_EQ(zncStart("web", 4), OK);
+    EXPECT_EQ(waitpid(spawnLog.child, nullptr, WNOHANG), 0) << "it still runs, and is ours to reap";
+    EXPECT_EQ(requests(daemon).front(), R"(1 {"containerId":"web","option":4})");
+    kill(spawnLog.child, SIGKILL);
+    close(hold[0]);
+    close(hold[1]);
+}
+
+TEST_F(Start, OtherOptionBitsDoNotKeepItFromWaiting)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    EXPECT_EQ(zncStart("web", 0xfffffffbU), spawnLog.child);
+}
+
+TEST_F(Start, NullIdFailsWithEINVAL)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted}));
+    EXPECT_EQ(zncStart(nullptr, 0), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    const znc::CJsonPtr body(cJSON_Parse("[{}]"));
+    errno = 0;
+    EXPECT_EQ(zncContextStart(nullptr, body.get(), 0), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(daemon.requests().empty());
+}
+
+TEST_F(Start, DaemonsRefusalSpawnsNothing)
+{
+    FakeDaemon daemon(answering_in_turn({R"({"errno":16,"body":[]})"}));
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(spawnLog.spawned, 0);
+    EXPECT_EQ(requests(daemon).size(), 1U);
+}
+
+TEST_F(Start, ReplyWithoutItsObjectFailsWithEBADMSG)
+{
+    for (const std::string& text : {kSuccess, std::string(R"({"errno":0})")}) {
+        FakeDaemon daemon(answering_in_turn({text}));
+        errno = 0;
+        EXPECT_EQ(zncStart("web", 0), ERROR);
+        EXPECT_EQ(errno, EBADMSG);
+    }
+    EXPECT_EQ(spawnLog.spawned, 0);
+}
+
+TEST_F(Start, ObjectWithAllTenValuesEmptySucceedsWithoutSpawning)
+{
+    for (const char* object :
+         {"{}", R"({"arg":[],"env":[],"option":0,"priority":0,"stackSize":0,"taskOption":0,)"
+                R"("nsId":0,"posixFlags":0})"}) {
+        FakeDaemon daemon(answering_in_turn({started_with(object)}));
+        EXPECT_EQ(zncStart("web", 0), OK);
+        EXPECT_EQ(requests(daemon).size(), 1U);
+    }
+    EXPECT_EQ(spawnLog.spawned, 0);
+    EXPECT_TRUE(spawnLog.setters.empty());
+}
+
+TEST_F(Start, FirstSetterThatFailsEndsItWithItsNumber)
+{
+    for (std::size_t i = 1; i < kSetters.size(); i++) {
+        FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+        spawnLog = {};
+        spawnLog.failing = kSetters[i].substr(0, kSetters[i].find('='));
+        EXPECT_EQ(zncStart("web", 0), ERROR);
+        EXPECT_EQ(errno, EINVAL) << spawnLog.failing;
+        EXPECT_EQ(
+            spawnLog.setters,
+            std::vector<std::string>(kSetters.begin(), kSetters.begin() + static_cast<int>(i) + 1));
+        EXPECT_EQ(spawnLog.destroyed, 1);
+        EXPECT_EQ(requests(daemon).size(), 1U);
+    }
+    EXPECT_EQ(spawnLog.spawned, 0);
+}
+
+TEST_F(Start, AttributesThatCannotBeMadeFail)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.failing = "init";
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(spawnLog.setters, std::vector<std::string>{"init="});
+    EXPECT_EQ(spawnLog.destroyed, 0);
+}
+
+TEST_F(Start, LoadedBitIsForcedOnInTheProcessOptions)
+{
+    FakeDaemon daemon(
+        answering_in_turn({started_with(R"({"appPath":"/a","option":64})"), kSuccess}));
+    EXPECT_EQ(zncStart("web", 0), spawnLog.child);
+    EXPECT_EQ(spawnLog.setters[3], "options=64");
+}
+
+TEST_F(Start, SpawnFlagsAre16BitsWithASign)
+{
+    FakeDaemon daemon(
+        answering_in_turn({started_with(R"({"appPath":"/a","posixFlags":65535})"), kSuccess}));
+    EXPECT_EQ(zncStart("web", 0), spawnLog.child);
+    EXPECT_EQ(spawnLog.setters.back(), "flags=-1");
+}
+
+TEST_F(Start, MissingVectorsAreAnEmptyAndANullOne)
+{
+    FakeDaemon daemon(answering_in_turn({started_with(R"({"appPath":"/a"})"), kSuccess}));
+    EXPECT_EQ(zncStart("web", 0), spawnLog.child);
+    EXPECT_TRUE(spawnLog.arg.empty());
+    EXPECT_TRUE(spawnLog.envIsNull);
+}
+
+TEST_F(Start, SpawnFailureHasItsOwnCodeAndStoresNothing)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.spawnFails = ENOENT;
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, S_zncLib_RTP_SPAWN_FAILED);
+    EXPECT_EQ(spawnLog.destroyed, 1);
+    EXPECT_EQ(requests(daemon).size(), 1U);
+}
+
+TEST_F(Start, MissingProgramPathIsASpawnFailure)
+{
+    FakeDaemon daemon(answering_in_turn({started_with(R"({"priority":100})"), kSuccess}));
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, S_zncLib_RTP_SPAWN_FAILED);
+    EXPECT_EQ(spawnLog.spawned, 0);
+}
+
+// What was freed by the failed read must be neither used nor freed again.
+TEST_F(Start, VectorThatCannotBeReadCountsAsMissing)
+{
+    FakeDaemon daemon(answering_in_turn(
+        {started_with(R"({"appPath":"/a","arg":["x"],"env":["A=1",5],"priority":9})"), kSuccess}));
+    EXPECT_EQ(zncStart("web", 0), spawnLog.child);
+    EXPECT_TRUE(spawnLog.arg.empty());
+    EXPECT_TRUE(spawnLog.envIsNull);
+    EXPECT_EQ(spawnLog.setters[1], "priority=0") << "what stands behind it is not read";
+}
+
+TEST_F(Start, ProcessId0SignalsTheWholeNamespaceAndFails)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.pidIs0 = true;
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(requests(daemon),
+              (std::vector<std::string>{R"(1 {"containerId":"web","option":0})", kGivenUp}));
+}
+
+TEST_F(Start, HandleThatCannotBeStoredSignalsTheWholeNamespaceAndKeepsTheStoresNumber)
+{
+    FakeDaemon daemon(
+        answering_in_turn({kStarted, R"({"errno":19,"body":[]})", R"({"errno":22,"body":[]})"}));
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(requests(daemon), (std::vector<std::string>{R"(1 {"containerId":"web","option":0})",
+                                                          handle_stored(), kGivenUp}));
+    EXPECT_EQ(spawnLog.destroyed, 1);
+}
+
+TEST_F(Start, WaitThatFailsIsTheResult)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    struct sigaction old = {};
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN; // children reap themselves: nothing is left to wait for
+    sigaction(SIGCHLD, &ignore, &old);
+    EXPECT_EQ(zncStart("web", 0), -1);
+    EXPECT_EQ(errno, ECHILD);
+    sigaction(SIGCHLD, &old, nullptr);
+    spawnLog.child = 0;
+}
+
+} // namespace
