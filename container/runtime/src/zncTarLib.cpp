@@ -1,1 +1,142 @@
-// zncTarLib.cpp
+// zncTarLib.cpp - the run over an archive: its blocks and its end.
+#include "zncTarLib.hpp"
+
+#include "zncGzLib.hpp"
+
+#include <climits>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t kDefaultBlocks = 20;
+constexpr std::size_t kBlockSize = sizeof(MT_HBLOCK);
+
+ssize_t read_source(MT_TAR_SOFT& ctrl)
+{
+    const std::size_t wanted = static_cast<std::size_t>(ctrl.bFactor) * kBlockSize;
+    if (ctrl.tc != nullptr)
+        return ctrl.tc->read(ctrl.tc, ctrl.pBuf, wanted);
+    ssize_t n;
+    do {
+        n = read(ctrl.fd, ctrl.pBuf, wanted);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// Fill the empty block buffer: 1, 0 at the end, -1 on error.
+int refill(MT_TAR_SOFT& ctrl)
+{
+    const ssize_t n = read_source(ctrl);
+    if (n <= 0)
+        return n < 0 ? -1 : 0;
+    const auto got = static_cast<std::size_t>(n);
+    if (got % kBlockSize != 0)
+        return -1;
+    ctrl.bValid = static_cast<int>(got / kBlockSize);
+    ctrl.pBnext = ctrl.pBuf;
+    return 1;
+}
+
+STATUS extract_members(MT_TAR_SOFT& ctrl)
+{
+    MT_HBLOCK* block = nullptr;
+    while (tarRdBlks(&ctrl, &block, 1) == 1) {
+        if (zncTarBlockIsZero(block) != FALSE) {
+            // Drain the rest, so that a source that counts on it is read to its end.
+            while (tarRdBlks(&ctrl, &block, 1) > 0) {
+            }
+            return OK;
+        }
+        if (tarExtractFile(&ctrl, block) != OK)
+            return ERROR;
+    }
+    return ERROR; // no end mark
+}
+
+STATUS open_target(MT_TAR_SOFT& ctrl, const char* targetDir)
+{
+    ctrl.targetDir = znc::malloc_array<char>(znc::kPathMax);
+    ctrl.goodPathCache = znc::malloc_array<char>(kTarCacheSize);
+    if (ctrl.targetDir == nullptr || ctrl.goodPathCache == nullptr)
+        return ERROR;
+    char* const end = ctrl.targetDir.get() + znc::kPathMax;
+    const char* const text = znc::copy_end(ctrl.targetDir.get(), end, targetDir);
+    if (text == end) {
+        errno = ENAMETOOLONG;
+        return ERROR;
+    }
+    ctrl.targetDirLen = static_cast<std::size_t>(text - ctrl.targetDir.get());
+    ctrl.targetFd.reset(open(targetDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return ctrl.targetFd ? OK : ERROR;
+}
+
+STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
+{
+    if (open_target(ctrl, targetDir) != OK || refill(ctrl) != 1)
+        return ERROR;
+    // The first read sets the size of all that follow.
+    ctrl.bFactor = ctrl.bValid;
+    return extract_members(ctrl);
+}
+
+bool is_directory(const char* path)
+{
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+} // namespace
+
+STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
+{
+    if (pTape == nullptr || targetDir == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    if (!is_directory(targetDir))
+        return ERROR;
+    const std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> gz(zncGzArchiveCreate(pTape));
+    const std::size_t blocks = bfactor != 0 ? bfactor : kDefaultBlocks;
+    MT_TAR_SOFT ctrl{};
+    ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
+    const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
+    if (gz == nullptr && file.get() <= 0) // 0 would mean that there is none
+        return ERROR;
+    ctrl.fd = gz != nullptr ? 0 : file.get();
+    znc::MallocPtr<MT_HBLOCK[]> buffer;
+    if (blocks <= INT_MAX)
+        buffer = znc::malloc_array<MT_HBLOCK>(blocks);
+    else
+        errno = ENOMEM;
+    if (buffer == nullptr)
+        return ERROR;
+    ctrl.bFactor = static_cast<int>(blocks);
+    ctrl.pBuf = buffer.get();
+    ctrl.verbose = verbose;
+    const STATUS status = run(ctrl, targetDir);
+    const znc::ErrnoSaver keep;
+    tarProcDirs(&ctrl);
+    return status;
+}
+
+int tarRdBlks(MT_TAR_SOFT* pCtrl, MT_HBLOCK** ppBlk, unsigned int nBlocks)
+{
+    if (pCtrl->bValid <= 0) {
+        const int rc = refill(*pCtrl);
+        if (rc <= 0)
+            return rc;
+    }
+    const auto valid = static_cast<unsigned int>(pCtrl->bValid);
+    const unsigned int n = nBlocks < valid ? nBlocks : valid;
+    *ppBlk = pCtrl->pBnext;
+    pCtrl->bValid -= static_cast<int>(n);
+    pCtrl->pBnext += n;
+    return static_cast<int>(n);
+}
+
+BOOL zncTarBlockIsZero(void* pBuf)
+{
+    const char* const bytes = static_cast<const char*>(pBuf);
+    return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, kBlockSize - 1) == 0 ? TRUE : FALSE;
+}
