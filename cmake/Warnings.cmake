@@ -7,14 +7,20 @@ target_compile_options(znc_flags INTERFACE
 # Hardening; a test checks the built files for it.
 target_compile_options(znc_flags INTERFACE
     -fstack-protector-strong -fstack-clash-protection
-    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>
-    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${ZNC_SANITIZE},>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>)
+if(NOT ZNC_SANITIZE)
+    target_compile_options(znc_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
 target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
 target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 
 if(ZNC_SANITIZE)
-    target_compile_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE} -fno-omit-frame-pointer -g
-        $<$<NOT:$<STREQUAL:${ZNC_SANITIZE},thread>>:-fno-sanitize-recover=all>)
+    target_compile_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE} -fno-omit-frame-pointer -g)
+    if(NOT ZNC_SANITIZE STREQUAL "thread")
+        target_compile_options(znc_flags INTERFACE -fno-sanitize-recover=all)
+    endif()
     target_link_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE})
 endif()
 

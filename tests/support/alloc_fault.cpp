@@ -33,13 +33,22 @@ bool fails()
 
 } // namespace
 
-void* __wrap_malloc(std::size_t n) { return fails() ? nullptr : __real_malloc(n); }
+void* __wrap_malloc(std::size_t n)
+{
+    return fails() ? nullptr : __real_malloc(n);
+}
 void* __wrap_calloc(std::size_t n, std::size_t size)
 {
     return fails() ? nullptr : __real_calloc(n, size);
 }
-void* __wrap_realloc(void* p, std::size_t n) { return fails() ? nullptr : __real_realloc(p, n); }
-char* __wrap_strdup(const char* s) { return fails() ? nullptr : __real_strdup(s); }
+void* __wrap_realloc(void* p, std::size_t n)
+{
+    return fails() ? nullptr : __real_realloc(p, n);
+}
+char* __wrap_strdup(const char* s)
+{
+    return fails() ? nullptr : __real_strdup(s);
+}
 
 namespace alloc_fault {
 

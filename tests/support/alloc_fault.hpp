@@ -1,4 +1,5 @@
-// alloc_fault.hpp - makes the nth allocation of a piece of code fail, for tests of what then happens.
+// alloc_fault.hpp - makes the nth allocation of a piece of code fail, for tests of what then
+// happens.
 //
 // A test program that uses it lists tests/support/alloc_fault.cpp in SOURCES and
 // "malloc calloc realloc strdup" in WRAP; the library's own calls and those of cJSON are then

@@ -7,7 +7,8 @@
 
 class DaemonProcess {
   public:
-    // Starts zncd (the program that the environment variable ZNCD names) and waits until it answers.
+    // Starts zncd (the program that the environment variable ZNCD names) and waits until it
+    // answers.
     explicit DaemonProcess(const std::string& storage);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;

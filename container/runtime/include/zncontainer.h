@@ -12,9 +12,10 @@
  *  3. Threads. Functions may be called from any task of any process, unless their group says
  *     that they belong to the daemon task. No function changes process-wide state: no signal
  *     handlers, working directory, locale or umask.
- *  4. Blocking. Functions that talk to the daemon wait up to 5 seconds for each piece of its
- *     reply. zncStart without option 4 waits for the container's process. zncUnpack and
- *     zncImageInfoGet take as long as the image is large. Everything else is quick.
+ *  4. Blocking. Functions that talk to the daemon wait for room in its queue of 32 requests, for
+ *     ever if need be, and then up to 5 seconds for each piece of the reply. zncStart without
+ *     option 4 waits for the container's process. zncUnpack and zncImageInfoGet take as long as
+ *     the image is large. Everything else is quick.
  *  5. Text is bytes ended by NUL; JSON is UTF-8. Paths have at most 1023 bytes, container
  *     ids at most 255.
  *  6. Nothing is printed but by zncUtilShowErr, zncUtilCredGetFromStdin, and the daemon-backed
@@ -128,7 +129,9 @@ typedef struct zncBundleAttr {
  *
  * Each is one request to the daemon and its answer. Besides the numbers named, each can fail
  * with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also: arguments too long for one request of
- * 1843 bytes of JSON), and with 0 when the request or its reply got lost (no reply within 5 s).
+ * 1843 bytes of JSON), and with 0 when the request or its reply got lost (no reply within 5 s) or
+ * the queues for them could not be made. A reply that is not JSON is a failure too; it leaves the
+ * task error number as it was, but for zncContainerInfoGet, which sets EBADMSG.
  */
 
 /*

@@ -41,9 +41,12 @@ typedef enum zncCmdType {
 /*
  * A message, host byte order. `data` is unformatted JSON, not terminated on the wire. This is
  * one queue message; a longer reply goes on in further ones, which are data only.
+ *
+ * The daemon drops, without a reply, a request that says it has more data than came with it or than a
+ * request can have, or whose `name` is not of the form zncCall makes: "/znc-u-<digits>-<digits>".
  */
 typedef struct zncMessage {
-    char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue */
+    char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue, ended by NUL */
     uint8_t msgLvl;   /* wanted verbosity; requests only */
     uint8_t rsvd1;
     uint8_t rsvd2;
@@ -93,10 +96,13 @@ STATUS zncParamObjDestroy(zncParam* param, unsigned int count);
 /* The value of the first entry whose name begins with `name`; 0 if there is none. */
 zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
 
-/* A new array of the strings of a NULL-terminated vector; NULL when memory is short. */
+/*
+ * A new array of the strings of a NULL-terminated vector; NULL when memory is short. A string that
+ * cannot be copied is missing.
+ */
 struct cJSON* zncConfigToArray(char** argument);
 
-/* Add a deep copy of a member to another object, or "" when it is missing. */
+/* Add a deep copy of a member to another object, or "" when it is missing. No memory: nothing. */
 void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char* dstName);
 
 /* ------------------------------------------------------------------ calls (client) */
@@ -117,7 +123,10 @@ STATUS zncResponseCheck(struct cJSON* root, int* errCode, struct cJSON** body);
 
 /* ------------------------------------------------------------------ replies (daemon task only) */
 
-/* Send a reply to the queue `name`. ERROR if it is gone, the text has 64 KiB, or a piece is not taken in 1 s. */
+/*
+ * Send a reply to the queue `name`; `body` stays the caller's. ERROR (number not always set) if the queue
+ * is gone, there is no body or no memory, the text has 64 KiB, or a piece is not taken in 1 s.
+ */
 STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
 
 /* Post a progress text (a printf format) to the client being served, if its level is wanted. Never waits. */
@@ -132,7 +141,7 @@ void zncMsgLvlSet(UINT8 lvl);
 /* Append a container's inspection document to `array` for the request `root`; 0 or an error number. */
 int zncInspectContainer(struct cJSON* root, struct cJSON* array);
 
-/* Its parts: new objects, or NULL when memory is short. */
+/* Its parts: new objects, or NULL when memory is short. A member that cannot be made is missing. */
 struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
 struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
 struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);

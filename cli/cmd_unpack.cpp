@@ -1,0 +1,15 @@
+#include "command.hpp"
+#include "output.hpp"
+
+#include "zncontainer.h"
+
+int zncctl::cmd_unpack(const Arguments& args)
+{
+    const ZNC_BUNDLE_ATTR attr = {args.value("os"), args.value("arch")};
+    const unsigned option = args.has("flatten") ? ZNC_OPT_FLATTEN : 0;
+    const char* layout = args.operand(0);
+    const char* bundle = args.operand(1);
+    const STATUS status =
+        call_library([&] { return zncUnpack(bundle, layout, args.value("tag"), option, &attr); });
+    return status == OK ? static_cast<int>(kExitOk) : local_failure(errno);
+}

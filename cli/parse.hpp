@@ -1,0 +1,39 @@
+// parse.hpp - from argv to a command of the table and its arguments, and from the table to usage
+// and help texts. Pure: prints nothing, ends nothing. Used by main.cpp.
+//
+// Options may stand anywhere behind the command's name; "--" ends them. Short flags may be joined
+// ("-af"), values may be joined ("-sKILL", "--signal=KILL") or be the next word.
+#ifndef ZNCCTL_PARSE_HPP
+#define ZNCCTL_PARSE_HPP
+
+#include "command.hpp"
+
+#include <string>
+
+namespace zncctl {
+
+struct Found {
+    const Command* command = nullptr; // null: no such command
+    std::size_t words = 0;            // words of its name
+};
+
+// The command that the first words name.
+Found find_command(std::span<char* const> words);
+
+struct Parsed {
+    Arguments args;
+    bool help = false;   // --help or -h was given: nothing else was checked
+    std::string problem; // not empty: what is wrong with the arguments
+};
+
+// The words behind the command's name.
+Parsed parse(const Command& command, std::span<char* const> words);
+
+std::string usage_line(const Command& command); // "usage: zncctl kill ...\n"
+std::string usage_line();                       // "usage: zncctl COMMAND ...\n"
+std::string help_text(const Command& command);
+std::string help_text();
+
+} // namespace zncctl
+
+#endif

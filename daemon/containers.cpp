@@ -1,0 +1,94 @@
+#include "containers.hpp"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "zarnel/msgq.h"
+#include "zarnel/ns.h"
+#include "zarnel/overlay.h"
+
+#include "zncprotocol.h"
+
+namespace zncd {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kShutdownTime(3);
+
+bool is_real_directory(const fs::path& path)
+{
+    std::error_code error;
+    return fs::symlink_status(path, error).type() == fs::file_type::directory;
+}
+
+// The directories of one container that a dead daemon or a reboot left. What a container wrote is
+// deleted the library's way, which follows no link and minds no depth. Anything that is not the
+// daemon's own stays, and then so does the container's directory.
+void remove_stale_container(const fs::path& dir)
+{
+    for (const char* own : {"upper", "work"}) {
+        const fs::path path = dir / own;
+        if (is_real_directory(path) && zncImageBundleDelete(path.c_str()) != OK)
+            std::fprintf(stderr, "zncd: stale directory %s cannot be removed: error %d\n",
+                         path.c_str(), errno);
+    }
+    std::error_code error;
+    fs::remove(dir, error);
+}
+
+void remove_stale_containers()
+{
+    std::array<char, 1024> area{};
+    if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0) {
+        std::fprintf(stderr, "zncd: the storage base cannot be made: error %d\n", errno);
+        return;
+    }
+    std::error_code error;
+    for (fs::directory_iterator it(area.data(), error), end; !error && it != end;
+         it.increment(error))
+        if (is_real_directory(it->path()))
+            remove_stale_container(it->path());
+}
+
+} // namespace
+
+void recover()
+{
+    if (znMsgQUnlink(ZNC_MSG_Q_NAME) == OK)
+        std::fprintf(stderr, "zncd: the daemon before this one died; clearing what it left\n");
+    if (const int left = znnsRecover(); left != 0)
+        std::fprintf(stderr, "zncd: %d namespaces of a dead daemon cannot be ended\n", left);
+    if (znOvlInit() == FALSE)
+        std::fprintf(stderr, "zncd: no overlay filesystem; a bundle serves one container\n");
+    if (const int left = znOvlRestore(); left != 0)
+        std::fprintf(stderr, "zncd: %d overlay devices cannot be restored\n", left);
+    remove_stale_containers();
+}
+
+bool end_all()
+{
+    bool all = true;
+    std::array<char, 256> id{};
+    while (zncContainerNext(id.data()) != FALSE)
+        if (zncContainerDelete(id.data(), ZNC_OPT_WHOLE_NAMESPACE) != OK) {
+            std::fprintf(stderr, "zncd: container %s cannot be deleted: error 0x%x\n", id.data(),
+                         static_cast<unsigned>(errno));
+            all = false;
+        }
+    // Everything in them is killed by now, but a namespace goes only when the parents of its
+    // processes, the clients that started them, have waited for them. Each call waits a little.
+    const auto deadline = std::chrono::steady_clock::now() + kShutdownTime;
+    int left = znnsShutdown();
+    while (left != 0 && std::chrono::steady_clock::now() < deadline)
+        left = znnsShutdown();
+    if (left != 0)
+        std::fprintf(stderr, "zncd: %d namespaces hold processes nobody has waited for\n", left);
+    return all;
+}
+
+} // namespace zncd

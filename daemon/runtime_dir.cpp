@@ -1,0 +1,91 @@
+#include "runtime_dir.hpp"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "zarnel/fs.h"
+
+namespace zncd {
+namespace {
+
+constexpr const char* kLockName = "zncd.lock";
+
+void complain(const char* what)
+{
+    std::array<char, 256> reason{};
+    znErrorText(errno, reason.data(), reason.size());
+    std::fprintf(stderr, "zncd: %s: %s\n", what, reason.data());
+}
+
+// Nobody else's directory, and no link to one, may stand in for it.
+znc::UniqueFd open_runtime_dir()
+{
+    if (::mkdir(kRuntimeDir, 0700) != 0 && errno != EEXIST)
+        return {};
+    znc::UniqueFd dir(::open(kRuntimeDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st = {};
+    if (!dir || ::fstat(dir.get(), &st) != 0)
+        return {};
+    if (st.st_uid != ::geteuid()) {
+        errno = EPERM;
+        return {};
+    }
+    if (::fchmod(dir.get(), 0700) != 0)
+        return {};
+    return dir;
+}
+
+void name_holder(int lock)
+{
+    std::array<char, 32> text{};
+    const ssize_t len = ::pread(lock, text.data(), text.size() - 1, 0);
+    const long pid = len > 0 ? std::strtol(text.data(), nullptr, 10) : 0;
+    if (pid > 0)
+        std::fprintf(stderr, "zncd: a daemon is running already, process %ld\n", pid);
+    else
+        std::fprintf(stderr, "zncd: a daemon is running already\n");
+}
+
+bool write_own_pid(int lock)
+{
+    const std::string text = std::to_string(::getpid()) + "\n";
+    return ::ftruncate(lock, 0) == 0 &&
+           ::pwrite(lock, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+}
+
+} // namespace
+
+znc::UniqueFd take_lock()
+{
+    const znc::UniqueFd dir = open_runtime_dir();
+    if (!dir) {
+        complain(kRuntimeDir);
+        return {};
+    }
+    // The file stays when the daemon ends: removing it would let two daemons lock two files.
+    znc::UniqueFd lock(
+        ::openat(dir.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock) {
+        complain(kLockName);
+        return {};
+    }
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK)
+            name_holder(lock.get());
+        else
+            complain(kLockName);
+        return {};
+    }
+    if (!write_own_pid(lock.get())) {
+        complain(kLockName);
+        return {};
+    }
+    return lock;
+}
+
+} // namespace zncd

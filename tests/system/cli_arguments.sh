@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# zncctl without a daemon: arguments, help, errors, streams.
+# shellcheck source=cli_lib.sh
+. "$(dirname "$0")/cli_lib.sh"
+
+# usage_error NAME USAGE-WORDS: exit 64, nothing on standard output, the usage line last.
+usage_error() {
+    local name=$1
+    check "$name" test "$status/$out/${err##*$'\n'}" = "64//usage: zncctl $2"
+}
+
+run zncctl
+usage_error 'no command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
+run zncctl frobnicate
+usage_error 'an unknown command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
+run zncctl image frobnicate
+usage_error 'an unknown image command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
+run zncctl create
+usage_error 'create without an id shows its usage line' 'create [-b|--bundle BUNDLE] ID [BUNDLE]'
+run zncctl create -b /x web /y
+usage_error 'create with two bundles is a usage error' 'create [-b|--bundle BUNDLE] ID [BUNDLE]'
+run zncctl start -x web
+usage_error 'an unknown option is a usage error' 'start [-d|--detach] ID'
+run zncctl kill web NOSUCH
+usage_error 'an unknown signal is a usage error' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
+run zncctl kill -s TERM web KILL
+usage_error 'two signals are a usage error' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
+run zncctl delete -f
+usage_error 'delete without an id is a usage error' 'delete [-f|--force] ID'
+run zncctl state a b
+usage_error 'state takes one id' 'state ID'
+run zncctl list web
+usage_error 'list takes no operand' 'list [-q|--quiet] [-f|--format FORMAT]'
+run zncctl unpack layout
+usage_error 'unpack needs a layout and a bundle' \
+    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] LAYOUT BUNDLE'
+run zncctl image inspect
+usage_error 'image inspect needs a layout' 'image inspect LAYOUT'
+
+run zncctl --help
+check 'help goes to standard output' test "$status/$err" = 0/
+for command in create start kill delete state list inspect unpack 'image inspect' ping; do
+    check "help names $command" grep -q "^  $command " "$work/out"
+    # shellcheck disable=SC2086
+    run zncctl $command --help
+    check "$command --help prints its usage line" \
+        test "$status/${out%%$'\n'*}" = "0/$(printf '%s' "${out%%$'\n'*}" | grep "^usage: zncctl $command")"
+    run zncctl --help
+done
+run zncctl help kill
+check 'help COMMAND is COMMAND --help' test "$out" = "$(zncctl kill --help)"
+run zncctl --version
+check 'the version is one line' grep -qx 'zncctl [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
+
+run zncctl ping
+fails_with 'ping without a daemon exits 4' 4 'The daemon is not running'
+for command in 'create web /tmp' 'kill web' 'delete web' 'state web' list 'inspect web'; do
+    # shellcheck disable=SC2086
+    run zncctl $command
+    fails_with "$command without a daemon exits 4" 4 'The daemon is not running'
+done
+run zncctl start web
+fails_with 'start without a daemon exits 125' 125 'The daemon is not running'
+run zncctl start -d web
+fails_with 'start --detach without a daemon exits 4' 4 'The daemon is not running'
+run zncctl create web no/such/bundle
+fails_with 'a relative bundle that is missing fails before the daemon is asked' 1 \
+    'No such file or directory'
+run zncctl list -f xml
+fails_with 'an unknown list format has its own message' 1 'invalid format option'
+run zncctl unpack "$work/none" "$work/bundle"
+fails_with 'unpack of a missing layout' 1 'File oci-layout not found'
+check 'a failed unpack leaves no bundle' test ! -e "$work/bundle"
+run zncctl image inspect "$work/none"
+fails_with 'image inspect of a missing layout' 1 'File oci-layout not found'
+
+zncctl --help >/dev/full 2>"$work/err"
+status=$?
+check 'output that cannot be written is a failure' \
+    test "$status/$(<"$work/err")" = '1/Error: No space left on device.'
+zncctl --help >&- 2>"$work/err"
+status=$?
+check 'a closed standard output is a failure' test "$status/$(<"$work/err")" = '1/Error: Bad file descriptor.'
+
+finish

@@ -1,0 +1,116 @@
+# cli_lib.sh - sourced by the cli_*.sh tests. Each check prints one line, "ok - NAME" or "not ok - NAME";
+# finish prints the sum and ends with 1 if any failed.
+#
+# Needs ZNCCTL and ZNCD, the programs to test, and a sandbox: it starts daemons and makes mounts.
+# shellcheck shell=bash disable=SC2120,SC2119
+set -u
+
+: "${ZNCCTL:?the zncctl to test}" "${ZNCD:?the zncd to test}"
+work=$(mktemp -d /tmp/cli-test.XXXXXX)
+export ZNC_BASE=$work/storage
+daemon=
+passed=0
+failed=0
+out='' err='' status=0
+# Programs in containers are recognised from outside by how long they sleep.
+mark=$((900000 + $$ % 90000))
+
+zncctl() { "$ZNCCTL" "$@"; }
+
+# run COMMAND...: sets out, err and status.
+run() {
+    "$@" >"$work/out" 2>"$work/err" </dev/null
+    status=$?
+    out=$(<"$work/out")
+    err=$(<"$work/err")
+}
+
+# check NAME COMMAND...: passes if the command succeeds.
+check() {
+    local name=$1
+    shift
+    if "$@"; then
+        passed=$((passed + 1))
+        printf 'ok - %s\n' "$name"
+    else
+        failed=$((failed + 1))
+        printf 'not ok - %s\n  failed: %s\n  last run: status %s\n  out: %s\n  err: %s\n' \
+            "$name" "$*" "$status" "$out" "$err"
+    fi
+}
+
+# expect NAME STATUS OUT ERR: the last run gave exactly these.
+expect() {
+    check "$1" test "$status/$out/$err" = "$2/$3/$4"
+}
+
+# fails_with NAME STATUS MESSAGE: nothing on standard output, the message last on standard error.
+fails_with() {
+    check "$1" test "$status/$out/${err##*$'\n'}" = "$2//Error: $3."
+}
+
+# eventually COMMAND...: waits up to 20 seconds for it to succeed.
+eventually() {
+    local i
+    for ((i = 0; i < 400; i++)); do
+        "$@" 2>/dev/null && return 0
+        sleep 0.05
+    done
+    return 1
+}
+
+not() { ! "$@"; }
+alive() { zncctl ping >/dev/null 2>&1; }
+
+start_daemon() {
+    "$ZNCD" >"$work/zncd.log" 2>&1 </dev/null &
+    daemon=$!
+    eventually alive || { printf 'the daemon does not answer:\n' && cat "$work/zncd.log"; }
+}
+
+# stop_daemon [SIGNAL]: sets status to its exit status.
+stop_daemon() {
+    kill -s "${1:-TERM}" "$daemon"
+    wait "$daemon" 2>/dev/null
+    status=$?
+    daemon=
+}
+
+# make_bundle DIR ARGUMENT...: a bundle with Debian's static busybox that runs the arguments.
+make_bundle() {
+    local dir=$1 args='' arg
+    shift
+    mkdir -p "$dir"/rootfs/{bin,proc,dev,sys,tmp}
+    cp "$(command -v busybox)" "$dir/rootfs/bin/busybox"
+    for arg in sh sleep cat echo; do ln -sf busybox "$dir/rootfs/bin/$arg"; done
+    for arg in "$@"; do args+=${args:+,}"\"$arg\""; done
+    cat >"$dir/config.json" <<JSON
+{"ociVersion": "1.0.0", "root": {"path": "rootfs"},
+ "process": {"cwd": "/", "args": [$args], "env": ["PATH=/bin"]}}
+JSON
+}
+
+need() {
+    command -v "$1" >/dev/null && return
+    printf 'skipped: %s is not installed\n' "$1"
+    exit 77
+}
+
+# Whether a process of this run's containers still lives (zombies do not count).
+program_lives() {
+    local proc
+    for proc in /proc/[0-9]*; do
+        [[ $(tr '\0' ' ' 2>/dev/null <"$proc/cmdline") == *"sleep $mark"* ]] && return 0
+    done
+    return 1
+}
+
+overlay_mounts() { grep -c ' /overlay/' /proc/self/mountinfo; }
+
+finish() {
+    [[ -n $daemon ]] && stop_daemon
+    rm -rf "$work"
+    printf '%d passed, %d failed\n' "$passed" "$failed"
+    [[ $failed -eq 0 ]]
+    exit
+}

@@ -1,0 +1,165 @@
+#!/usr/bin/env bash
+# Containers through zncctl and a real daemon.
+# shellcheck source=cli_lib.sh disable=SC2317
+. "$(dirname "$0")/cli_lib.sh"
+need busybox
+start_daemon
+
+run zncctl ping
+expect 'ping says alive' 0 alive ''
+run zncctl list
+expect 'an empty list is its heading' 0 'ID  STATUS  BUNDLE' ''
+run zncctl list -q
+expect 'an empty list of ids is empty' 0 '' ''
+run zncctl list -f json
+expect 'an empty JSON list is []' 0 '[]' ''
+
+# status_is ID TEXT
+status_is() { [[ $(zncctl list | awk -v id="$1" '$1 == id { print $2 }') == "$2" ]]; }
+# runs_out ID: state is asked, because only that notices that a container ended.
+runs_out() { zncctl state "$1" | grep -q '"status":3'; }
+
+make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
+run zncctl create hello "$work/hello"
+expect 'create prints nothing' 0 '' ''
+run zncctl create hello "$work/hello"
+fails_with 'an id that is taken exits 3' 3 'Container already exists'
+run zncctl list
+check 'the list shows id, status and bundle' \
+    test "${out##*$'\n'}" = "hello  created  $work/hello"
+run zncctl list -q
+expect 'the list of ids' 0 hello ''
+run zncctl list --format json
+expect 'the JSON list' 0 \
+    "[{\"ociVersion\":\"1.0.0\",\"id\":\"hello\",\"status\":1,\"bundle\":\"$work/hello\"}]" ''
+run zncctl state hello
+expect 'the state of a created container' 0 \
+    "{\"ociVersion\":\"1.0.0\",\"id\":\"hello\",\"status\":1,\"bundle\":\"$work/hello\"}" ''
+run zncctl inspect hello
+check 'inspect prints a JSON array' test "$status/${out:0:1}/$err" = '0/[/'
+check 'inspect names the container' grep -q '"hello"' "$work/out"
+run zncctl start hello
+expect 'start passes on output and exit status' 7 hello wrong
+run zncctl state hello
+check 'afterwards it is stopped' grep -q '"status":3' "$work/out"
+run zncctl start hello
+fails_with 'a stopped container cannot be started again' 125 'Container in use'
+run zncctl delete hello
+expect 'delete prints nothing' 0 '' ''
+
+for command in start 'start -d' kill delete state inspect; do
+    # shellcheck disable=SC2086
+    run zncctl $command hello
+    wanted=2
+    [[ $command == start ]] && wanted=125
+    fails_with "$command of an unknown container exits $wanted" $wanted 'Container does not exist'
+done
+
+make_bundle "$work/loop" /bin/sleep "$mark"
+cd "$work" || exit 1
+run zncctl create rel loop
+check 'a relative bundle is taken from the working directory' \
+    grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
+zncctl delete rel
+run zncctl create -b "$work/loop" rel
+check 'the bundle may be an option' grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
+zncctl delete rel
+cd "$work/loop" || exit 1
+run zncctl create rel
+check 'the bundle is the working directory by default' \
+    grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
+zncctl delete rel
+cd / || exit 1
+
+run zncctl create none /no/such/bundle
+fails_with 'a bundle without config.json' 1 'OCI bundle config.json not exists'
+check 'what the daemon said about it stands on standard error' \
+    grep -q '^OCI bundle config.json not exists in /no/such/bundle\.$' "$work/err"
+
+zncctl create web "$work/loop"
+run zncctl start -d web
+expect 'start --detach returns while the program runs' 0 '' ''
+check 'it runs' status_is web running
+run zncctl delete web
+fails_with 'a running container is not deleted' 3 'Container in use'
+run zncctl kill web
+expect 'kill prints nothing' 0 '' ''
+check 'TERM is the default signal' eventually runs_out web
+run zncctl kill web
+expect 'kill of a stopped container does nothing' 0 '' ''
+zncctl delete web
+
+zncctl create web "$work/loop"
+zncctl start -d web
+run zncctl delete -f web
+expect 'delete --force of a running container' 0 '' ''
+check 'its program is gone' eventually not program_lives
+
+for how in 'KILL' '9' '-s SIGKILL'; do
+    zncctl create web "$work/loop"
+    zncctl start web 2>/dev/null &
+    starter=$!
+    eventually program_lives
+    # shellcheck disable=SC2086
+    eventually zncctl kill web $how 2>/dev/null
+    wait $starter
+    check "a program killed by kill $how gives 128 plus the signal" test $? = 137
+    zncctl delete web
+done
+
+make_bundle "$work/traps" /bin/sh -c \
+    "trap 'echo usr1; exit 3' USR1; trap 'echo term; exit 5' TERM; echo ready; sleep $mark & wait; wait"
+# trapping SENDER: runs the program, sends, and leaves its output and status.
+trapping() {
+    rm -f "$work/trapped"
+    zncctl create trap "$work/traps"
+    "$ZNCCTL" start trap >"$work/trapped" 2>&1 &
+    starter=$!
+    eventually grep -qs ready "$work/trapped"
+    "$1"
+    wait $starter
+    status=$?
+    out=$(<"$work/trapped")
+    zncctl delete -f trap
+}
+send_by_name() { eventually zncctl kill trap USR1; }
+trapping send_by_name
+check 'USR1 by name reaches the program as USR1' test "$status/$out" = $'3/ready\nusr1'
+send_by_number() { eventually zncctl kill trap 30; }
+trapping send_by_number
+check "30 is the system's number of USR1" test "$status/$out" = $'3/ready\nusr1'
+send_to_zncctl() { kill -s TERM "$starter"; }
+trapping send_to_zncctl
+check 'a waiting start hands its signals on' test "$status/$out" = $'5/ready\nterm'
+
+make_bundle "$work/many" /bin/sh -c "sleep $mark & sleep $mark & trap '' TERM; sleep $mark"
+zncctl create many "$work/many"
+zncctl start -d many
+eventually program_lives
+run zncctl kill --all many KILL
+expect 'kill --all prints nothing' 0 '' ''
+check 'kill --all reaches every process' eventually not program_lives
+check 'the container is stopped then' eventually runs_out many
+zncctl delete many
+
+make_bundle "$work/noprog" /bin/no-such-program
+zncctl create noprog "$work/noprog"
+run zncctl start noprog
+fails_with 'a program that cannot be loaded exits 126' 126 'RTP spawn failed'
+zncctl delete noprog
+
+zncctl create hello "$work/hello"
+bash -c 'sleep 0.05 & sleep 1 & exec "$0" start hello' "$ZNCCTL" >/dev/null 2>&1
+check 'children from before the exec do not count as the program' test $? = 7
+zncctl delete hello
+
+id=$'an id\twith blanks'
+zncctl create "$id" "$work/hello"
+run zncctl list
+check 'control characters in an id do not reach the terminal' \
+    grep -q '^an id?with blanks' "$work/out"
+zncctl delete "$id"
+
+check 'no overlay device is left' test "$(overlay_mounts)" = 0
+check 'no container directory is left' test -z "$(ls "$ZNC_BASE/containers")"
+finish
