@@ -28,6 +28,7 @@ class OtherQueue {
     OtherQueue(const OtherQueue&) = delete;
     OtherQueue& operator=(const OtherQueue&) = delete;
     [[nodiscard]] MSG_Q_ID get() const { return queue_; }
+    [[nodiscard]] const std::string& name() const { return name_; }
 
     void put(const std::string& bytes) const
     {

@@ -1,5 +1,6 @@
 #include "zncRuntimeApi.hpp"
 
+#include "alloc_fault.hpp"
 #include "fake_daemon.hpp"
 #include "zarnel/spawn.h"
 
@@ -347,6 +348,34 @@ TEST_F(Start, HandleThatCannotBeStoredSignalsTheWholeNamespaceAndKeepsTheStoresN
     EXPECT_EQ(requests(daemon), (std::vector<std::string>{R"(1 {"containerId":"web","option":0})",
                                                           handle_stored(), kGivenUp}));
     EXPECT_EQ(spawnLog.destroyed, 1);
+}
+
+// Every allocation in turn fails; the memory checkers see what is left.
+TEST_F(Start, ShortMemoryEndsWhatWasSpawnedUnlessAllWentWell)
+{
+    FakeDaemon daemon([](const zncMessage& request) {
+        fake_daemon::reply(request, request.cmdId == ZNC_START ? kStarted : kSuccess);
+    });
+    bool ended = false;
+    int givenUp = 0;
+    for (unsigned n = 1; !ended && n < 500; n++) {
+        spawnLog = {};
+        alloc_fault::arm(n);
+        const STATUS result = zncStart("web", 4);
+        ended = alloc_fault::disarm() < n;
+        EXPECT_EQ(spawnLog.destroyed, spawnLog.setters.empty() ? 0 : 1) << n;
+        if (spawnLog.spawned != 0 && result == ERROR) {
+            EXPECT_EQ(requests(daemon).back(), kGivenUp) << n;
+            givenUp++;
+        }
+        if (spawnLog.child > 0) {
+            EXPECT_EQ(waitpid(spawnLog.child, nullptr, 0), spawnLog.child);
+        }
+        EXPECT_EQ(fake_daemon::queue_names(), std::vector<std::string>{"znc"}) << n;
+    }
+    EXPECT_TRUE(ended);
+    EXPECT_GT(givenUp, 0) << "the handle could not be stored";
+    spawnLog.child = 0;
 }
 
 TEST_F(Start, WaitThatFailsIsTheResult)

@@ -1,11 +1,13 @@
 #include "zncRuntimeApi.hpp"
 
+#include "alloc_fault.hpp"
 #include "fake_daemon.hpp"
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -93,16 +95,14 @@ TEST_F(Api, ReplyWithoutErrnoIsErrorNumberMinus1)
     }
 }
 
-TEST_F(Api, ReplyThatIsNotJsonFailsAndOnlyContainerInfoGetSetsEBADMSG)
+TEST_F(Api, ReplyThatIsNotJsonLeavesTheNumberAsItWasAndOnlyContainerInfoGetSetsEBADMSG)
 {
     FakeDaemon daemon(answering("no json"));
     for (const Function& function : kFunctions) {
+        const bool isInfo = std::string(function.name) == "zncContainerInfoGet";
         errno = 4242;
         EXPECT_TRUE(function.fails()) << function.name;
-        if (std::string(function.name) == "zncContainerInfoGet")
-            EXPECT_EQ(errno, EBADMSG);
-        else
-            EXPECT_NE(errno, EBADMSG) << function.name;
+        EXPECT_EQ(errno, isInfo ? EBADMSG : 4242) << function.name;
     }
 }
 
@@ -256,6 +256,29 @@ TEST_F(Api, ContainerInfoOfAnUnknownContainerIsNullAndSets19)
     FakeDaemon daemon(answering(R"({"errno":19,"body":[]})"));
     EXPECT_EQ(taken(zncContainerInfoGet("none")), "(none)");
     EXPECT_EQ(errno, 19);
+}
+
+// Every allocation in turn fails; the memory checkers see what is left.
+TEST_F(Api, ShortMemoryGivesTheWholeTextOrNone)
+{
+    FakeDaemon daemon(answering(with_body(kState)));
+    std::set<int> numbers;
+    bool ended = false;
+    for (unsigned n = 1; !ended && n < 200; n++) {
+        alloc_fault::arm(n);
+        errno = 4242;
+        char* text = zncState("web");
+        const int number = errno;
+        ended = alloc_fault::disarm() < n;
+        if (text == nullptr)
+            numbers.insert(number);
+        else
+            EXPECT_EQ(taken(text), kState) << n;
+        EXPECT_EQ(fake_daemon::queue_names(), std::vector<std::string>{"znc"}) << n;
+    }
+    EXPECT_TRUE(ended);
+    // No receive buffer; no request or copy of the reply; no room to print; not parsed.
+    EXPECT_EQ(numbers, (std::set<int>{0, ENOMEM, EBADMSG, 4242}));
 }
 
 TEST(StatusIntConvert, OnlyTheFourStatesMapToThemselves)

@@ -186,12 +186,6 @@ TEST_F(ClientCall, RepliesOfEveryLengthAroundAPieceArriveWhole)
     }
 }
 
-TEST_F(ClientCall, ReplyWithoutATakerIsDropped)
-{
-    FakeDaemon daemon(answering(kSuccess));
-    EXPECT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
-}
-
 TEST_F(ClientCall, ProgressTextsArePrintedAfterTheReplyWithAPeriodEach)
 {
     FakeDaemon daemon([](const zncMessage& request) {
@@ -254,6 +248,18 @@ TEST_F(ClientCall, InfoQueueThatExistsAlreadyFailsWithNumber0)
     EXPECT_EQ(failing_call(), 0);
     EXPECT_EQ(daemon.requests().size(), 1U);
     EXPECT_EQ(queue_names(), (std::vector<std::string>{"znc", name.substr(1)}));
+}
+
+// Both names are cut to the same 191 bytes, so that the second queue exists already.
+TEST_F(ClientCall, OverlongDaemonQueueNameFailsWithNumber0AndSendsNothing)
+{
+    const OtherQueue daemon("/" + std::string(199, 'd'));
+    errno = 4242;
+    EXPECT_EQ(zncCallQ(daemon.name().c_str(), ZNC_ALIVE, nullptr, 0, nullptr), ERROR);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(queue_names(), std::vector<std::string>{daemon.name().substr(1)});
+    zncMessage request;
+    EXPECT_LT(znMsgQReceive(daemon.get(), &request, sizeof request, ZN_NO_WAIT), 0);
 }
 
 TEST_F(ClientCall, RequestThatCannotBeSentFailsWithNumber0)

@@ -40,17 +40,14 @@ cJSON* request_state(const char* containerId, znc::Reply* reply)
 
 STATUS znc::request_reply(int cmdId, std::span<zncParam> params, Reply* reply, int notJson)
 {
+    const int before = errno; // a call that succeeds may change it
     char* text = nullptr;
     if (zncCall(cmdId, params.data(), static_cast<int>(params.size()), &text) != OK)
         return ERROR;
     const MallocPtr<char> owned(text);
-    {
-        const ErrnoSaver keep;
-        reply->root.reset(cJSON_Parse(text));
-    }
+    reply->root.reset(cJSON_Parse(text));
     if (reply->root == nullptr) {
-        if (notJson != kKeepNumber)
-            errno = notJson;
+        errno = notJson != kKeepNumber ? notJson : before;
         return ERROR;
     }
     int number = 0;

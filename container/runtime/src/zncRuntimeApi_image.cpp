@@ -1,0 +1,33 @@
+// zncRuntimeApi_image.cpp - the client functions on images. They run in the caller's process and
+// need no daemon.
+#include "zncOwned.hpp"
+#include "zncprotocol.h"
+
+char* zncImageInfoGet(const char* ociPath)
+{
+    if (ociPath == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const znc::CJsonPtr array(cJSON_CreateArray());
+    if (!array) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    const int error = zncImageInspect(ociPath, array.get());
+    if (error != 0) {
+        errno = error;
+        return nullptr;
+    }
+    return cJSON_Print(array.get());
+}
+
+STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, unsigned int option,
+                 const ZNC_BUNDLE_ATTR* pAttr)
+{
+    if (bundlePath == nullptr || ociPath == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    return zncImageUnpack(bundlePath, ociPath, tag, option, pAttr);
+}
