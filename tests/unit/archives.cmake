@@ -11,7 +11,7 @@ znc_unit_test(zncTarLib_test
     LIBS ZLIB::ZLIB WRAP malloc calloc realloc strdup)
 target_link_options(zncTarLib_test PRIVATE
     -Wl,--wrap=write -Wl,--wrap=read -Wl,--wrap=clock_gettime -Wl,--wrap=close
-    -Wl,--wrap=utimensat)
+    -Wl,--wrap=fchmod -Wl,--wrap=utimensat)
 
 # The adapter has two inflaters to stand on; the same tests run over both, whichever the library got.
 if(NOT ZNC_WITH_UZLIB)

@@ -3,8 +3,11 @@
 #include "test_tree.hpp"
 #include "zarnel/owned.hpp"
 
+#include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -196,6 +199,195 @@ TEST(FileCreate, AMissingParentFailsWithENOENT)
     errno = 0;
     EXPECT_EQ(znFileCreate((dir / "no/f").c_str(), 0644), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+// A directory held open, and one beside it that nothing may reach.
+class At : public testing::Test {
+  protected:
+    At()
+    {
+        for (const char* name : {"in", "out"})
+            EXPECT_EQ(mkdir((dir_ / name).c_str(), 0755), 0);
+        test_tree::write_file(dir_ / "out/secret", "precious");
+        in_.reset(znDirOpenAt(AT_FDCWD, (dir_ / "in").c_str()));
+        EXPECT_TRUE(in_);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(test_tree::read_file(dir_ / "out/secret"), "precious");
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_ / "out"), {}), 1);
+    }
+    [[nodiscard]] int create(const char* name, mode_t mode = 0644) const
+    {
+        errno = 0;
+        return znFileCreateAt(in_.get(), name, mode);
+    }
+    [[nodiscard]] int open_dir(const char* name) const
+    {
+        errno = 0;
+        return znDirOpenAt(in_.get(), name);
+    }
+
+    TempDir dir_;
+    znc::UniqueFd in_;
+};
+
+using FileCreateAt = At;
+using DirOpenAt = At;
+
+TEST_F(FileCreateAt, MakesAFileInTheDirectoryWithExactlyTheMode)
+{
+    const Umask mask(0777);
+    const znc::UniqueFd fd(create("f", 0664));
+    ASSERT_TRUE(fd);
+    EXPECT_EQ(write(fd.get(), "new", 3), 3);
+    EXPECT_EQ(lseek(fd.get(), 0, SEEK_SET), 0);
+    char text[4] = {};
+    EXPECT_EQ(read(fd.get(), text, sizeof text), 3);
+    EXPECT_STREQ(text, "new");
+    EXPECT_EQ(test_tree::mode_of(dir_ / "in/f"), 0664u);
+    EXPECT_NE(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(FileCreateAt, StaysInTheDirectoryWhenThatIsMovedAndALinkTakesItsPlace)
+{
+    ASSERT_EQ(rename((dir_ / "in").c_str(), (dir_ / "moved").c_str()), 0);
+    ASSERT_EQ(symlink("out", (dir_ / "in").c_str()), 0);
+    EXPECT_TRUE(znc::UniqueFd(create("secret")));
+    EXPECT_EQ(test_tree::read_file(dir_ / "moved/secret"), "");
+}
+
+TEST_F(FileCreateAt, ExistingFileIsEmptiedAndGetsTheMode)
+{
+    test_tree::write_file(dir_ / "in/f", "old content");
+    EXPECT_TRUE(znc::UniqueFd(create("f", 0400)));
+    EXPECT_EQ(test_tree::read_file(dir_ / "in/f"), "");
+    EXPECT_EQ(test_tree::mode_of(dir_ / "in/f"), 0400u);
+}
+
+TEST_F(FileCreateAt, ALinkIsReplacedWhereverItLeads)
+{
+    for (const char* where : {"../out/secret", "../out", "../out/new", "f", "."}) {
+        unlink((dir_ / "in/f").c_str());
+        ASSERT_EQ(symlink(where, (dir_ / "in/f").c_str()), 0);
+        const znc::UniqueFd fd(create("f"));
+        ASSERT_TRUE(fd) << where;
+        EXPECT_EQ(write(fd.get(), "mine", 4), 4);
+        EXPECT_TRUE(
+            std::filesystem::is_regular_file(std::filesystem::symlink_status(dir_ / "in/f")));
+        EXPECT_EQ(test_tree::read_file(dir_ / "in/f"), "mine");
+    }
+}
+
+TEST_F(FileCreateAt, WhatIsNoFileIsLeftAloneAndNotOpened)
+{
+    ASSERT_EQ(mkdirat(in_.get(), "d", 0700), 0);
+    ASSERT_EQ(mkfifoat(in_.get(), "p", 0600), 0);
+    for (const char* name : {"d", ".", "..", "d/"}) {
+        EXPECT_EQ(create(name), -1) << name;
+        EXPECT_EQ(errno, EISDIR) << name;
+    }
+    EXPECT_EQ(create("p"), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(test_tree::exists(dir_ / "in/p"));
+}
+
+TEST_F(FileCreateAt, FailsWithTheReasonAndLeavesNothing)
+{
+    EXPECT_EQ(create("no/f"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(create(""), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(create(std::string(256, 'n').c_str()), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(znFileCreateAt(-1, "f", 0644), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(std::filesystem::is_empty(dir_ / "in"));
+}
+
+// A file and a link to the secret change places all the time: whichever is found, only what stands
+// in the directory is written to.
+TEST_F(FileCreateAt, NameThatChangesMeanwhileLeadsNowhere)
+{
+    test_tree::write_file(dir_ / "in/f", "");
+    ASSERT_EQ(symlink("../out/secret", (dir_ / "in/l").c_str()), 0);
+    std::atomic<bool> stop = false;
+    std::thread flipper([&] {
+        while (!stop) {
+            renameat2(in_.get(), "f", in_.get(), "l", RENAME_EXCHANGE);
+            unlinkat(in_.get(), "new", 0);
+            if (symlinkat("../out/secret", in_.get(), "new") == 0)
+                renameat(in_.get(), "new", in_.get(), "l");
+        }
+    });
+    for (int n = 0; n < 20000; ++n) {
+        const znc::UniqueFd fd(create("f"));
+        if (fd) {
+            EXPECT_EQ(write(fd.get(), "x", 1), 1);
+        } else {
+            EXPECT_TRUE(errno == EEXIST || errno == ELOOP || errno == ENOENT) << errno;
+        }
+    }
+    stop = true;
+    flipper.join();
+}
+
+TEST_F(DirOpenAt, GivesAStartForTheAtCallsThatIsClosedOnExec)
+{
+    ASSERT_EQ(mkdirat(in_.get(), "d", 0700), 0);
+    const znc::UniqueFd dir(open_dir("d"));
+    ASSERT_TRUE(dir);
+    EXPECT_NE(fcntl(dir.get(), F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(mkdirat(dir.get(), "below", 0700), 0);
+    EXPECT_TRUE(test_tree::exists(dir_ / "in/d/below"));
+    EXPECT_TRUE(znc::UniqueFd(open_dir(".")));
+}
+
+TEST_F(DirOpenAt, ALinkIsNoDirectoryWhereverItLeads)
+{
+    ASSERT_EQ(mkdirat(in_.get(), "d", 0700), 0);
+    for (const char* where : {"d", ".", "../out", "/", "nowhere", "l"}) {
+        unlinkat(in_.get(), "l", 0);
+        ASSERT_EQ(symlinkat(where, in_.get(), "l"), 0);
+        EXPECT_EQ(open_dir("l"), -1) << where;
+        EXPECT_EQ(errno, ENOTDIR) << where;
+    }
+}
+
+TEST_F(DirOpenAt, WhatIsNoDirectoryFailsWithENOTDIRWithoutBlocking)
+{
+    test_tree::write_file(dir_ / "in/f", "");
+    ASSERT_EQ(mkfifoat(in_.get(), "p", 0600), 0);
+    for (const char* name : {"f", "p"}) {
+        EXPECT_EQ(open_dir(name), -1) << name;
+        EXPECT_EQ(errno, ENOTDIR) << name;
+    }
+}
+
+TEST_F(DirOpenAt, FailsWithTheReason)
+{
+    EXPECT_EQ(open_dir("missing"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(open_dir(""), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(open_dir(std::string(256, 'n').c_str()), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(znDirOpenAt(-1, "d"), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(DirOpenAt, ADirectoryThatMayOnlyBeSearchedWillDo)
+{
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(mkdirat(in_.get(), "d", 0711), 0);
+    ASSERT_EQ(fchmodat(in_.get(), "d", 0711, 0), 0);
+    ASSERT_EQ(mkdir((dir_ / "in/d/below").c_str(), 0711), 0);
+    ASSERT_EQ(seteuid(kNobody), 0);
+    const znc::UniqueFd dir(open_dir("d"));
+    const znc::UniqueFd below(znDirOpenAt(dir.get(), "below"));
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_TRUE(dir);
+    EXPECT_TRUE(below);
 }
 
 TEST(ErrorText, IsTheSystemsCutToTheBufferAndKeepsErrno)

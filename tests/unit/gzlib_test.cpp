@@ -2,6 +2,7 @@
 #include "gzlib.hpp"
 
 #include "alloc_fault.hpp"
+#include "descriptors.hpp"
 #include "guarded.hpp"
 #include "tarforge.hpp"
 #include "test_tree.hpp"
@@ -93,11 +94,6 @@ std::string read_whole(const char* path, unsigned int chunk = 4096)
     const std::string all = read_all(file, chunk);
     ugzclose(file);
     return all;
-}
-
-std::ptrdiff_t open_descriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 } // namespace

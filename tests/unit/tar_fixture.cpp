@@ -13,11 +13,13 @@ ssize_t __real_read(int fd, void* buf, size_t n);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_utimensat(int dir, const char* path, const timespec times[2], int flags);
 int __real_close(int fd);
+int __real_fchmod(int fd, mode_t mode);
 ssize_t __wrap_write(int fd, const void* buf, size_t n);
 ssize_t __wrap_read(int fd, void* buf, size_t n);
 int __wrap_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_utimensat(int dir, const char* path, const timespec times[2], int flags);
 int __wrap_close(int fd);
+int __wrap_fchmod(int fd, mode_t mode);
 }
 
 ssize_t __wrap_write(int fd, const void* buf, size_t n)
@@ -72,6 +74,15 @@ int __wrap_close(int fd)
     return -1;
 }
 
+int __wrap_fchmod(int fd, mode_t mode)
+{
+    struct stat st;
+    if (!tarFaults.failChmodOfDirectory || fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode))
+        return __real_fchmod(fd, mode);
+    errno = EIO;
+    return -1;
+}
+
 Tree snapshot(const std::string& root)
 {
     Tree tree;
@@ -86,11 +97,6 @@ Tree snapshot(const std::string& root)
         tree[entry.path().lexically_relative(root)] = e;
     }
     return tree;
-}
-
-std::ptrdiff_t open_descriptors()
-{
-    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
 }
 
 std::vector<std::string> record_files(const std::string& root)

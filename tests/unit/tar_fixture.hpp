@@ -5,6 +5,7 @@
 
 #include "zncTarLib.hpp"
 
+#include "descriptors.hpp"
 #include "tarforge.hpp"
 #include "test_tree.hpp"
 
@@ -26,7 +27,8 @@ struct TarFaults {
     std::optional<long> nanoseconds; // the clock's
     bool failUtimensat = false;      // with EPERM
     std::vector<std::size_t>* readSizes = nullptr; // what each read asked for
-    int failCloseOfDirectory = 0; // the nth close of a directory that can be read: EIO
+    int failCloseOfDirectory = 0;      // the nth close of a directory that can be read: EIO
+    bool failChmodOfDirectory = false; // fchmod of a directory: EIO
 };
 extern TarFaults tarFaults;
 
@@ -77,8 +79,6 @@ class TarTest : public testing::Test {
   private:
     Tree precious_;
 };
-
-std::ptrdiff_t open_descriptors();
 
 // Names below `root` that look like the file of directory times.
 std::vector<std::string> record_files(const std::string& root);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 using tarforge::Archive;
 using tarforge::Field;
@@ -17,6 +18,8 @@ using TarExtract = TarTest;
 using namespace std::literals;
 
 namespace {
+
+constexpr uid_t kNobody = 65534;
 
 std::string bytes_of(std::size_t size)
 {
@@ -150,6 +153,28 @@ TEST(TarPath, CondenseReadsNoFurtherThanItsInput)
     char* out = buf;
     EXPECT_EQ(tarCopyCondense(&out, sizeof buf, "abc/..", 3), OK);
     EXPECT_STREQ(buf, "/abc");
+}
+
+TEST_F(TarExtract, SetMtimeChangesNothingButTheModificationTime)
+{
+    test_tree::write_file(at("f"), "x");
+    const timespec old[2] = {{1000, 5}, {2000, 5}};
+    ASSERT_EQ(utimensat(AT_FDCWD, at("f").c_str(), old, 0), 0);
+    EXPECT_EQ(tarSetMtime(at("f").data(), 3333), OK);
+    struct stat st;
+    ASSERT_EQ(lstat(at("f").c_str(), &st), 0);
+    EXPECT_EQ(st.st_atim.tv_sec, 1000);
+    EXPECT_EQ(st.st_atim.tv_nsec, 5);
+    EXPECT_EQ(mtime("f"), 3333);
+}
+
+TEST_F(TarExtract, SetMtimeOfAMissingPathFailsAndALinkIsNotFollowed)
+{
+    EXPECT_EQ(tarSetMtime(at("missing").data(), 1), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    std::filesystem::create_symlink("../outside/secret", at("l"));
+    EXPECT_EQ(tarSetMtime(at("l").data(), 3333), OK);
+    EXPECT_EQ(mtime("l"), 3333);
 }
 
 namespace {
@@ -773,6 +798,16 @@ TEST_F(TarExtract, RegularFileThatCannotBeMadeHasItsDataPassedOver)
     EXPECT_EQ(content("next"), "next");
 }
 
+TEST_F(TarExtract, ExistingDeviceIsNotWrittenTo)
+{
+    constexpr unsigned kMemory = 1;
+    constexpr unsigned kFull = 7;
+    if (mknod(at("full").c_str(), S_IFCHR | 0666, makedev(kMemory, kFull)) != 0)
+        GTEST_SKIP() << "no device nodes can be made here";
+    EXPECT_EQ(extract(Archive().file("full", "x").file("next", "next").end()), OK);
+    EXPECT_EQ(content("next"), "next");
+}
+
 TEST_F(TarExtract, DirectoryThatCannotBeMadeIsSkipped)
 {
     test_tree::write_file(at("f"), "x");
@@ -809,6 +844,24 @@ TEST_F(TarExtract, ArchiveThatCannotBeOpenedFails)
 {
     EXPECT_EQ(zncTarExtract(at("missing").c_str(), target_.c_str(), 200, FALSE), ERROR);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(TarExtract, DescriptorZeroMeansNoFileButServesTheGzipReader)
+{
+    const std::string bytes = Archive().file("f", "x").end().bytes();
+    const auto run_without_stdin = [&](const std::string& archive) {
+        test_tree::write_file(archive_, archive);
+        const znc::UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+        close(STDIN_FILENO);
+        const STATUS status = zncTarExtract(archive_.c_str(), target_.c_str(), 200, FALSE);
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "left open";
+        dup2(kept.get(), STDIN_FILENO);
+        return status;
+    };
+    EXPECT_EQ(run_without_stdin(bytes), ERROR);
+    EXPECT_FALSE(exists("f"));
+    EXPECT_EQ(run_without_stdin(tarforge::gzip(bytes)), OK);
+    EXPECT_EQ(content("f"), "x");
 }
 
 TEST_F(TarExtract, TargetOf1024BytesIsTooLong)
@@ -899,6 +952,36 @@ TEST_F(TarExtract, RecordFileThatCannotBeMadeFailsAndLeavesNone)
     EXPECT_TRUE(std::filesystem::is_empty(at("d")));
 }
 
+TEST_F(TarExtract, RecordFileThatCannotBeOpenedFailsWithItsNumber)
+{
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+    ASSERT_EQ(chown(target_.c_str(), kNobody, kNobody), 0);
+    test_tree::write_file(archive_, Archive().dir("d/", 0500).end().bytes());
+    ASSERT_EQ(seteuid(kNobody), 0); // root may write to any directory
+    errno = 0;
+    const STATUS status = zncTarExtract(archive_.c_str(), target_.c_str(), 200, FALSE);
+    const int error = errno;
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(status, ERROR);
+    EXPECT_EQ(error, EACCES);
+    EXPECT_TRUE(std::filesystem::is_empty(at("d")));
+}
+
+TEST_F(TarExtract, DirectoryPathThatFitsNoRecordKeepsItsTimeAndOpensNoRecordFile)
+{
+    MT_TAR_SOFT ctrl{};
+    ctrl.targetDir = znc::malloc_array<char>(znc::kPathMax);
+    ctrl.targetDirLen = target_.size();
+    ctrl.targetFd.reset(open(target_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string path = "/" + std::string(100, 'a') + "/" + std::string(155, 'b'); // 256
+    std::filesystem::create_directories(target_ + path);
+    strcpy(ctrl.targetDir.get(), (target_ + path).c_str());
+    EXPECT_EQ(znc::tar_record_dir(ctrl, ctrl.targetDir.get() + ctrl.targetDirLen, 1111), OK);
+    EXPECT_EQ(ctrl.dir_cnt, 0);
+    EXPECT_FALSE(ctrl.dir_fd);
+    EXPECT_EQ(tarProcDirs(&ctrl), OK);
+}
+
 TEST_F(TarExtract, FirstRecordThatCannotBeWrittenFailsAndLeavesTheFile)
 {
     mayLeaveRecordFile_ = true;
@@ -923,8 +1006,19 @@ TEST_F(TarExtract, LaterRecordWrittenInPartFailsAndTheOthersAreApplied)
 TEST_F(TarExtract, ClosingADirectoryThatFailsIsAnError)
 {
     tarFaults.failCloseOfDirectory = 1;
-    EXPECT_EQ(extract(Archive().dir("d/").end()), ERROR);
+    EXPECT_EQ(extract(Archive().dir("d/", 0755, 1111).end()), ERROR);
     EXPECT_EQ(errno, EIO);
+    struct stat st; // its time was not recorded yet
+    ASSERT_EQ(lstat(at("d").c_str(), &st), 0);
+    EXPECT_NE(st.st_mtim.tv_sec, 1111);
+}
+
+TEST_F(TarExtract, DirectoryThatCannotGetItsModeIsSkippedAndDoesNotStay)
+{
+    tarFaults.failChmodOfDirectory = true;
+    EXPECT_EQ(extract(Archive().dir("d/", 0700, 1111).file("next", "next").end()), OK);
+    EXPECT_FALSE(exists("d"));
+    EXPECT_EQ(content("next"), "next");
 }
 
 TEST_F(TarExtract, MembersBeforeTheErrorStayAndDirectoryTimesAreRestored)

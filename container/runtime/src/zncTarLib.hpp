@@ -127,9 +127,9 @@ int tar_parent(const MT_TAR_SOFT& ctrl) noexcept;
 // What a member is called in its parent; `last` is what mtAccess returned. Never empty.
 const char* tar_member_name(const char* last) noexcept;
 
-// Remember the time of the directory just made at the composed path `arPath` ("/a/b"), open as
-// `dir`.
-STATUS tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, int dir, time_t mtime) noexcept;
+// Remember the time of the directory just made in the proved parent, at the composed path `arPath`
+// ("/a/b").
+STATUS tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) noexcept;
 
 // Whether a name in the proved parent is the file of directory times.
 bool tar_is_record_file(const MT_TAR_SOFT& ctrl, const char* name) noexcept;

@@ -2,7 +2,8 @@
 // are kept in a file, not in memory, and set last.
 #include "zncTarLib.hpp"
 
-#include <algorithm>
+#include "zarnel/fs.h"
+
 #include <cstdio>
 #include <fcntl.h>
 #include <string_view>
@@ -27,7 +28,7 @@ const char* record_name(const MT_TAR_SOFT& ctrl)
 
 // Make the file of directory times in the first directory made. That is new and empty, so whatever
 // has the file's name is someone else's and is not opened.
-STATUS open_record_file(MT_TAR_SOFT& ctrl, int dir)
+STATUS open_record_file(MT_TAR_SOFT& ctrl)
 {
     const char* const path = ctrl.targetDir.get();
     const std::size_t len = std::strlen(path);
@@ -40,7 +41,10 @@ STATUS open_record_file(MT_TAR_SOFT& ctrl, int dir)
     const auto tag = static_cast<unsigned>(now.tv_nsec & 0xffff);
     std::memcpy(ctrl.dir_fname.get(), path, len);
     snprintf(ctrl.dir_fname.get() + len, znc::kPathMax - len, "/.tard@#%4.4x.sto", tag);
-    ctrl.dir_fd.reset(openat(dir, record_name(ctrl),
+    const znc::UniqueFd dir(znDirOpenAt(znc::tar_parent(ctrl), std::strrchr(path, '/') + 1));
+    if (!dir)
+        return ERROR;
+    ctrl.dir_fd.reset(openat(dir.get(), record_name(ctrl),
                              O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kRecordMode));
     return ctrl.dir_fd ? OK : ERROR;
 }
@@ -108,14 +112,14 @@ void remove_record_file(MT_TAR_SOFT& ctrl)
 
 } // namespace
 
-STATUS znc::tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, int dir, time_t mtime) noexcept
+STATUS znc::tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) noexcept
 {
-    if (ctrl.dir_cnt == 0 && open_record_file(ctrl, dir) != OK)
-        return ERROR;
     DIR_TAR record{};
     const std::size_t len = std::strlen(relative_name(arPath));
     if (len >= sizeof record.name)
         return OK; // it keeps its current time
+    if (ctrl.dir_cnt == 0 && open_record_file(ctrl) != OK)
+        return ERROR;
     std::memcpy(record.name, relative_name(arPath), len);
     record.mtime = mtime;
     return append_record(ctrl, record);

@@ -82,15 +82,17 @@ STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
     return OK;
 }
 
-// A new directory with exactly the member's permission bits, or none. Private until they are set.
+// A new directory with exactly the member's permission bits, or none. Private until they are set;
+// where they cannot be, none stays.
 znc::UniqueFd make_dir(int parent, const char* name, int mode)
 {
     if (mkdirat(parent, name, S_IRWXU) != 0)
         return {};
     znc::UniqueFd dir(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (dir && fchmod(dir.get(), static_cast<mode_t>(mode) & kPermBits) != 0)
-        dir.reset();
-    return dir;
+    if (dir && fchmod(dir.get(), static_cast<mode_t>(mode) & kPermBits) == 0)
+        return dir;
+    unlinkat(parent, name, AT_REMOVEDIR);
+    return {};
 }
 
 // A directory just made is a good parent for what follows.
@@ -107,9 +109,10 @@ STATUS extract_directory(MT_TAR_SOFT& ctrl, const Member& member, const char* la
     znc::UniqueFd dir = make_dir(znc::tar_parent(ctrl), znc::tar_member_name(last), member.mode);
     if (!dir)
         return OK; // also when it exists: it is left as it is
+    if (dir.close_checked() != 0)
+        return ERROR;
     cache_new_dir(ctrl, member.path, last);
-    const STATUS status = znc::tar_record_dir(ctrl, member.path, dir.get(), member.mtime);
-    return dir.close_checked() == 0 ? status : ERROR;
+    return znc::tar_record_dir(ctrl, member.path, member.mtime);
 }
 
 STATUS extract_symlink(const MT_TAR_SOFT& ctrl, const MT_HBLOCK& block, const char* last)
