@@ -1,1 +1,281 @@
-// zncImageLib.cpp
+// zncImageLib.cpp - makes a bundle of an image: the bundle directory, one of the three kinds of
+// root filesystem, and "config.json". Runs in the caller's process; nothing is kept between calls.
+#include "zncImageLib.hpp"
+
+#include "zarnel/fs.h"
+#include "zncTreeLinks.hpp"
+
+#include <cstring>
+
+#include <ftw.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char kOverlayDir[] = "/overlay/";
+constexpr int kWalkDescriptors = 16;
+
+bool exists(const char* path)
+{
+    return ::access(path, F_OK) == 0;
+}
+
+STATUS fail(int code)
+{
+    errno = code;
+    return ERROR;
+}
+
+// `first` and `second` into a path buffer; false when they do not fit.
+bool compose(char* path, const char* first, const char* second)
+{
+    char* const end = path + znc::kPathMax;
+    return znc::copy_end(znc::copy_end(path, end, first), end, second) != end;
+}
+
+// The directories of the layers, the top one first.
+class LayerPaths {
+  public:
+    bool allocate(std::size_t count)
+    {
+        list_ = znc::malloc_array<char*>(count);
+        text_ = znc::malloc_array<char>(count * znc::kPathMax);
+        if (!list_ || !text_)
+            return false;
+        for (std::size_t k = 0; k < count; ++k)
+            list_[k] = text_.get() + k * znc::kPathMax;
+        return true;
+    }
+    [[nodiscard]] char** get() const { return list_.get(); }
+
+  private:
+    znc::MallocPtr<char*[]> list_;
+    znc::MallocPtr<char[]> text_;
+};
+
+STATUS layered_root(OCI_IMAGE* image, char* root, const LayerPaths& layers, std::size_t count)
+{
+    const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_LAYER_PATH);
+    if (len == 0 || zncImageExtractLayersEx(image, root, len, layers.get()) != OK)
+        return ERROR;
+    if (count < 2)
+        return compose(root, layers.get()[0], "") ? OK : fail(ENAMETOOLONG);
+    return zncCreateOciStRootfs(image, root, const_cast<const char**>(layers.get()),
+                                static_cast<std::uint32_t>(count));
+}
+
+// Removes the links of an earlier extraction of the same layers: extracting them again would fail
+// on them, since a link, other than a file, is never overwritten.
+STATUS remove_links(const char* tree)
+{
+    const auto unlink_link = [](const char* path, const struct stat*, int type, struct FTW*) {
+        return type == FTW_SL ? ::unlink(path) : 0;
+    };
+    return ::nftw(tree, unlink_link, kWalkDescriptors, FTW_PHYS) == 0 ? OK : ERROR;
+}
+
+STATUS flattened_root(OCI_IMAGE* image, char* root)
+{
+    const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_FLATTENED_PATH);
+    char chain[znc::kChainIdTextLen];
+    if (len == 0 || zncImageGetStringChainID(image, chain) != OK)
+        return ERROR;
+    char* const end = root + znc::kPathMax;
+    if (znc::copy_end(root + len, end, chain) == end)
+        return fail(ENAMETOOLONG);
+    const STATUS ready = exists(root) ? remove_links(root) : znMkdirParents(root, 0700);
+    return ready == OK ? zncImageExtractLayers(image, root) : ERROR;
+}
+
+STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
+{
+    if (!compose(root, bundle, "/rootfs"))
+        return fail(ENAMETOOLONG);
+    if (zncImageExtractLayers(image, root) != OK)
+        return ERROR;
+    return compose(root, "rootfs", "") ? OK : ERROR;
+}
+
+// What is in a bundle directory. `path` is a buffer to work in.
+STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
+{
+    if (!compose(path, bundle, "/rootfs"))
+        return fail(S_zncLib_BUNDLE_PATH_TOO_LONG);
+    if (zncCreateOciBundleRootfs(path) != OK)
+        return ERROR;
+    const znc::MallocPtr<char> root(zncCreateOciRootfs(image, bundle, type));
+    if (!root || !compose(path, bundle, "/config.json"))
+        return ERROR;
+    return zncCreateOciBundleConfig(image, path, root.get());
+}
+
+} // namespace
+
+int zncImageRootfsTypeVerify(unsigned int rootfsArg)
+{
+    const bool overlay = zncOvlFsAvailable() == TRUE;
+    if ((rootfsArg & ZNC_OPT_FLATTEN) != 0)
+        return overlay ? FLATTENDED_ROOTFS : -1;
+    return overlay ? LAYERED_ROOTFS : RAW_ROOTFS;
+}
+
+const char* zncDefaultOs()
+{
+    return "zarnel";
+}
+const char* zncDefaultArchitecture()
+{
+    return "amd64";
+}
+const char* zncDefaultTag()
+{
+    return "latest";
+}
+
+STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
+                      unsigned int option, const ZNC_BUNDLE_ATTR* pAttr)
+{
+    if (bundlePath == nullptr || ociPath == nullptr)
+        return fail(EINVAL);
+    const int type = zncImageRootfsTypeVerify(option);
+    if (type < 0)
+        return fail(EINVAL);
+    const bool has_os = pAttr != nullptr && pAttr->platform != nullptr;
+    const bool has_arch = pAttr != nullptr && pAttr->arch != nullptr;
+    const znc::OciImagePtr image(zncImageInfoCreate());
+    if (!image)
+        return ERROR;
+    image->ociPath = ociPath;
+    if (zncImageParse(image.get()) != OK)
+        return ERROR;
+    image->manifestsIndex = zncImageFindManifest(
+        image.get(), has_os ? pAttr->platform : zncDefaultOs(),
+        has_arch ? pAttr->arch : zncDefaultArchitecture(), tag != nullptr ? tag : zncDefaultTag());
+    if (image->manifestsIndex < 0)
+        return ERROR;
+    return zncImageGenerateBundle(image.get(), bundlePath, type);
+}
+
+STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int rootfsType)
+{
+    const auto path = znc::malloc_array<char>(znc::kPathMax);
+    bool newCreate = false;
+    if (!path || zncCreateOciBundlePath(bundlePath, &newCreate) != OK)
+        return ERROR;
+    if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
+        return OK;
+    const znc::ErrnoSaver keep;
+    // A path too long for the tree delete is too long to have been filled as well.
+    if (newCreate && zncImageBundleDelete(bundlePath) != OK)
+        ::rmdir(bundlePath);
+    return ERROR;
+}
+
+STATUS zncCreateOciBundlePath(const char* bundlePath, bool* newCreate)
+{
+    *newCreate = zncCreateDir(bundlePath, 0777) == OK;
+    return *newCreate || errno == EEXIST ? OK : ERROR;
+}
+
+STATUS zncCreateOciBundleRootfs(const char* rootfsPath)
+{
+    return exists(rootfsPath) ? fail(S_zncLib_BUNDLE_ROOTFS_EXISTS)
+                              : zncCreateDir(rootfsPath, 0777);
+}
+
+char* zncCreateOciRootfs(OCI_IMAGE* image, const char* bundleRootfs, int rootfsType)
+{
+    auto root = znc::malloc_array<char>(znc::kPathMax);
+    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (!root || manifest == nullptr)
+        return nullptr;
+    const int layer_count = rootfsType == RAW_ROOTFS ? 1 : manifest->manifestLayersCount;
+    const auto count = static_cast<std::size_t>(layer_count);
+    LayerPaths layers;
+    if (!layers.allocate(count))
+        return nullptr;
+    STATUS status = ERROR;
+    if (rootfsType == LAYERED_ROOTFS || (rootfsType == FLATTENDED_ROOTFS && count == 1))
+        status = layered_root(image, root.get(), layers, count);
+    else if (rootfsType == FLATTENDED_ROOTFS)
+        status = flattened_root(image, root.get());
+    else if (rootfsType == RAW_ROOTFS)
+        status = raw_root(image, bundleRootfs, root.get());
+    return status == OK ? root.release() : nullptr;
+}
+
+STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size_t pathLen,
+                               char** ppLayerPath)
+{
+    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (manifest == nullptr)
+        return fail(EINVAL);
+    for (int i = manifest->manifestLayersCount - 1, k = 0; i >= 0; --i, ++k) {
+        const char* file = manifest->manifestLayers[i].layerFileName;
+        const char* const end = file + ::strnlen(file, znc::kPathMax);
+        const char* const name = pathCompBackup(file, end);
+        if (name == nullptr)
+            return fail(EINVAL);
+        const auto len = static_cast<std::size_t>(end - name);
+        if (len + pathLen >= znc::kPathMax)
+            return fail(ENAMETOOLONG);
+        std::memcpy(repositoryPath + pathLen, name, len);
+        repositoryPath[pathLen + len] = '\0';
+        std::memcpy(ppLayerPath[k], repositoryPath, pathLen + len + 1);
+        if (znc::store_layer(file, repositoryPath, pathLen) != OK)
+            return ERROR;
+    }
+    return OK;
+}
+
+STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
+{
+    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (manifest == nullptr)
+        return fail(EINVAL);
+    for (int i = 0; i < manifest->manifestLayersCount; ++i)
+        if (zncUtilUntar(manifest->manifestLayers[i].layerFileName, rootfsPath) != OK)
+            return ERROR;
+    return OK;
+}
+
+STATUS zncCreateOciStRootfs(OCI_IMAGE* image, char* rootfsPath, const char** ppLayerPath,
+                            std::uint32_t layerNum)
+{
+    char chain[znc::kChainIdTextLen];
+    if (zncImageGetStringChainID(image, chain) != OK)
+        return ERROR;
+    if (!compose(rootfsPath, kOverlayDir, chain))
+        return fail(ENAMETOOLONG);
+    return zncCreateOvlRootfsDev(rootfsPath, ppLayerPath, layerNum, FALSE);
+}
+
+STATUS zncImageGetStringChainID(OCI_IMAGE* image, char* pChanIdBuf)
+{
+    ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (manifest == nullptr)
+        return fail(EINVAL);
+    return zncUtilBinToHex(pChanIdBuf, znc::kChainIdTextLen,
+                           manifest->manifestConfig.imageConfig.imageCfgRootfs.chainId,
+                           znc::kSha256Len);
+}
+
+const char* pathCompBackup(const char* buf, const char* pos)
+{
+    while (pos > buf)
+        if (*--pos == '/')
+            return pos;
+    return nullptr;
+}
+
+STATUS zncCreateDir(const char* dirName, mode_t mode)
+{
+    return ::mkdir(dirName, mode);
+}
+
+STATUS zncImageBundleDelete(const char* pBundlePath)
+{
+    if (pBundlePath == nullptr || !exists(pBundlePath))
+        return ERROR;
+    return znc::delete_foreign_tree(pBundlePath);
+}

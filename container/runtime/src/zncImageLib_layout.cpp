@@ -1,1 +1,362 @@
-// zncImageLib_layout.cpp
+// zncImageLib_layout.cpp - reads an image layout: "oci-layout", "index.json", and every manifest,
+// configuration and layer descriptor that the index leads to; chooses a manifest.
+#include "zncImageLib.hpp"
+
+#include "cJSON_Additions.h"
+
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::size_t kTextBound = 256;
+constexpr std::size_t kDiffIdMax = 200; // characters, exclusive
+constexpr char kRefName[] = "org.opencontainers.image.ref.name";
+constexpr char kLatest[] = "latest";
+
+bool exists(const char* path)
+{
+    return ::access(path, F_OK) == 0;
+}
+
+STATUS fail(int code)
+{
+    errno = code;
+    return ERROR;
+}
+
+// A check failed: that is `code`, unless it could not be made for want of memory.
+STATUS reject(int code)
+{
+    return errno == ENOMEM ? ERROR : fail(code);
+}
+
+// Runs a check with a task error number that only the check itself can have set.
+template <class Check> bool passes(Check check)
+{
+    errno = 0;
+    return check();
+}
+
+cJSON* load(const char* path)
+{
+    errno = 0;
+    return cJSON_load_from_file(path);
+}
+
+template <class T> T* allocate(int count)
+{
+    return znc::malloc_array<T>(static_cast<std::size_t>(count)).release();
+}
+
+void release_rootfs(ZNC_IMAGE_CFG_ROOTFS& rootfs)
+{
+    const znc::MallocPtr<char*> ids(rootfs.diffId);
+    rootfs.diffId = nullptr;
+    rootfs.diffIdCount = 0;
+}
+
+void release_layers(ZNC_IMAGE_MANIFEST& manifest)
+{
+    const znc::MallocPtr<ZNC_IMAGE_MANIFEST_LAYERS> layers(manifest.manifestLayers);
+    manifest.manifestLayers = nullptr;
+    manifest.manifestLayersCount = 0;
+}
+
+void release_manifests(OCI_IMAGE& image)
+{
+    const znc::MallocPtr<ZNC_IMAGE_MANIFEST> manifests(image.manifests);
+    for (int i = 0; i < image.manifestsCount; ++i) {
+        ZNC_IMAGE_MANIFEST& manifest = image.manifests[i];
+        const znc::CJsonPtr document(manifest.manifestJson);
+        const znc::CJsonPtr config(manifest.manifestConfig.imageConfig.imageConfigJson);
+        release_layers(manifest);
+        release_rootfs(manifest.manifestConfig.imageConfig.imageCfgRootfs);
+    }
+    image.manifests = nullptr;
+    image.manifestsCount = 0;
+}
+
+// One entry of the index, the manifest behind it included.
+STATUS parse_entry(OCI_IMAGE& image, int index, cJSON* entry)
+{
+    ZNC_IMAGE_MANIFEST& manifest = image.manifests[index];
+    cJSON* media_type = cJSON_GetObjectItem(entry, "mediaType");
+    cJSON* size = cJSON_GetObjectItem(entry, "size");
+    cJSON* digest = cJSON_GetObjectItem(entry, "digest");
+    cJSON* platform = cJSON_GetObjectItem(entry, "platform");
+    if (media_type == nullptr || size == nullptr || digest == nullptr ||
+        validateJsonMediatype(INDEXJSON, media_type) != OK)
+        return fail(S_zncLib_INDEX_INVALID);
+    char* const file = manifest.manifestFileName;
+    if (composeFileName(image.ociPath, MANIFESTJSON, digest, file, znc::kPathMax) != OK)
+        return ERROR;
+    if (!exists(file))
+        return fail(S_zncLib_MANIFEST_NOT_FOUND);
+    if (!passes([&] {
+            return validateJsonFileSize(file, size) == OK && validateJsonDigest(file, digest) == OK;
+        }))
+        return reject(S_zncLib_INDEX_INVALID);
+    manifest.mediaType = media_type;
+    manifest.digest = digest;
+    manifest.size = size;
+    manifest.annotations = cJSON_GetObjectItem(entry, "annotations");
+    manifest.architecture = cJSON_GetObjectItem(platform, "architecture");
+    manifest.os = cJSON_GetObjectItem(platform, "os");
+    return zncImageParseManifest(&image, index);
+}
+
+STATUS parse_manifest_config(const char* image_path, ZNC_IMAGE_MANIFEST_CONFIG& config, cJSON* item)
+{
+    config.mediaType = cJSON_GetObjectItem(item, "mediaType");
+    config.digest = cJSON_GetObjectItem(item, "digest");
+    config.size = cJSON_GetObjectItem(item, "size");
+    if (config.mediaType == nullptr || validateJsonMediatype(CONFIGJSON, config.mediaType) != OK ||
+        config.digest == nullptr)
+        return fail(S_zncLib_MANIFEST_INVALID);
+    char* const file = config.configFileName;
+    if (composeFileName(image_path, CONFIGJSON, config.digest, file, znc::kPathMax) != OK)
+        return ERROR;
+    if (!exists(file))
+        return fail(S_zncLib_CONFIG_NOT_FOUND);
+    if (!passes([&] {
+            return validateJsonDigest(file, config.digest) == OK && config.size != nullptr &&
+                   validateJsonFileSize(file, config.size) == OK;
+        }))
+        return reject(S_zncLib_MANIFEST_INVALID);
+    return zncImageParseImageConfig(&config);
+}
+
+STATUS parse_layer(const char* image_path, ZNC_IMAGE_MANIFEST_LAYERS& layer, cJSON* item)
+{
+    layer.mediaType = cJSON_GetObjectItem(item, "mediaType");
+    layer.digest = cJSON_GetObjectItem(item, "digest");
+    layer.size = cJSON_GetObjectItem(item, "size");
+    if (layer.mediaType == nullptr || validateJsonMediatype(LAYERJSON, layer.mediaType) != OK ||
+        layer.digest == nullptr || layer.size == nullptr)
+        return fail(S_zncLib_MANIFEST_INVALID);
+    char* const file = layer.layerFileName;
+    if (composeFileName(image_path, LAYERJSON, layer.digest, file, znc::kPathMax) != OK)
+        return ERROR;
+    if (!passes([&] {
+            return validateJsonDigest(file, layer.digest) == OK &&
+                   validateJsonFileSize(file, layer.size) == OK;
+        }))
+        return reject(S_zncLib_MANIFEST_INVALID);
+    return OK;
+}
+
+STATUS parse_layers(const char* image_path, ZNC_IMAGE_MANIFEST& manifest, cJSON* layers)
+{
+    const int count = cJSON_GetArraySize(layers);
+    if (count < 1)
+        return fail(S_zncLib_MANIFEST_INVALID);
+    manifest.manifestLayers = allocate<ZNC_IMAGE_MANIFEST_LAYERS>(count);
+    if (manifest.manifestLayers == nullptr)
+        return ERROR;
+    manifest.manifestLayersCount = count;
+    ZNC_IMAGE_MANIFEST_LAYERS* layer = manifest.manifestLayers;
+    for (cJSON* item = layers->child; item != nullptr; item = item->next)
+        if (parse_layer(image_path, *layer++, item) != OK) {
+            release_layers(manifest);
+            return ERROR;
+        }
+    return OK;
+}
+
+// The hexadecimal part of a diff identifier, or null if it is none.
+char* diff_id_hex(cJSON* item)
+{
+    char* text = cJSON_GetStringValue(item);
+    if (text == nullptr)
+        return nullptr;
+    const std::size_t len = ::strnlen(text, kTextBound);
+    if (len < 1 || len >= kDiffIdMax)
+        return nullptr;
+    char* const colon = std::strchr(text, ':');
+    if (colon == nullptr)
+        return nullptr;
+    const std::string_view algorithm(text, static_cast<std::size_t>(colon - text));
+    const std::size_t digits = std::strlen(colon + 1);
+    // 192 is the figure in use, whatever the digest's length would suggest.
+    const bool good =
+        (algorithm == "sha256" && digits == 64) || (algorithm == "sha512" && digits == 192);
+    return good ? colon + 1 : nullptr;
+}
+
+bool parse_diff_ids(ZNC_IMAGE_CFG_ROOTFS& rootfs, cJSON* ids)
+{
+    std::string_view before;
+    std::uint32_t k = 0;
+    for (cJSON* item = ids->child; item != nullptr; item = item->next) {
+        char* const hex = diff_id_hex(item);
+        if (hex == nullptr || !znc::chain_digest(rootfs.chainId, before, hex))
+            return false;
+        rootfs.diffId[k++] = hex;
+        before = {reinterpret_cast<const char*>(rootfs.chainId), sizeof rootfs.chainId};
+    }
+    return true;
+}
+
+bool tag_matches(const ZNC_IMAGE_MANIFEST& manifest, const char* tag, bool is_latest)
+{
+    const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(manifest.annotations, kRefName));
+    if (name == nullptr)
+        return is_latest; // an image without a name is the latest
+    return strEqual(name, tag) == TRUE;
+}
+
+bool platform_matches(const ZNC_IMAGE_MANIFEST& manifest, const char* os, const char* arch)
+{
+    const ZNC_IMAGE_CONFIG& config = manifest.manifestConfig.imageConfig;
+    return (manifest.os == nullptr || validateJsonString(os, manifest.os) == OK) &&
+           (manifest.architecture == nullptr ||
+            validateJsonString(arch, manifest.architecture) == OK) &&
+           validateJsonString(os, config.os) == OK &&
+           validateJsonString(arch, config.architecture) == OK;
+}
+
+} // namespace
+
+OCI_IMAGE* zncImageInfoCreate()
+{
+    auto image = znc::malloc_zeroed<OCI_IMAGE>();
+    if (image)
+        image->manifestsIndex = -1;
+    return image.release();
+}
+
+void zncImageInfoDelete(OCI_IMAGE* image)
+{
+    if (image == nullptr)
+        return;
+    const znc::MallocPtr<OCI_IMAGE> record(image);
+    release_manifests(*image);
+    const znc::CJsonPtr index(image->rootIndexJson);
+}
+
+STATUS zncImageParse(OCI_IMAGE* image)
+{
+    return zncImageParseLayout(image->ociPath) == OK ? zncImageParseIndex(image) : ERROR;
+}
+
+STATUS zncImageParseLayout(const char* imagePath)
+{
+    const auto path = znc::malloc_array<char>(znc::kPathMax);
+    // This step alone leaves the number at 0, whatever the reason.
+    if (!path ||
+        composeFileName(imagePath, OCILAYOUTJSON, nullptr, path.get(), znc::kPathMax) != OK)
+        return fail(0);
+    if (!exists(path.get()))
+        return fail(S_zncLib_LAYOUT_NOT_FOUND);
+    const znc::CJsonPtr layout(load(path.get()));
+    if (!layout)
+        return reject(S_zncLib_LAYOUT_INVALID);
+    if (validateJsonString("1.0.0", cJSON_GetObjectItem(layout.get(), "imageLayoutVersion")) != OK)
+        return fail(S_zncLib_LAYOUT_INVALID);
+    return OK;
+}
+
+STATUS zncImageParseIndex(OCI_IMAGE* image)
+{
+    if (composeFileName(image->ociPath, INDEXJSON, nullptr, image->indexFileName, znc::kPathMax) !=
+        OK)
+        return ERROR;
+    if (!exists(image->indexFileName))
+        return fail(S_zncLib_INDEX_NOT_FOUND);
+    return zncImageParseManifests(image);
+}
+
+STATUS zncImageParseManifests(OCI_IMAGE* image)
+{
+    image->rootIndexJson = load(image->indexFileName);
+    if (image->rootIndexJson == nullptr)
+        return reject(S_zncLib_INDEX_INVALID);
+    image->schemaVersion = cJSON_GetObjectItem(image->rootIndexJson, "schemaVersion");
+    cJSON* const entries = cJSON_GetObjectItem(image->rootIndexJson, "manifests");
+    const int count = entries != nullptr ? cJSON_GetArraySize(entries) : 0;
+    if (image->schemaVersion == nullptr || validateJsonSchemaVersion(image->schemaVersion) != OK ||
+        count < 1)
+        return fail(S_zncLib_INDEX_INVALID);
+    image->manifests = allocate<ZNC_IMAGE_MANIFEST>(count);
+    if (image->manifests == nullptr)
+        return ERROR;
+    image->manifestsCount = count;
+    int index = 0;
+    for (cJSON* entry = entries->child; entry != nullptr; entry = entry->next)
+        if (parse_entry(*image, index++, entry) != OK) {
+            release_manifests(*image);
+            return ERROR;
+        }
+    return OK;
+}
+
+STATUS zncImageParseManifest(OCI_IMAGE* image, int index)
+{
+    ZNC_IMAGE_MANIFEST& manifest = image->manifests[index];
+    if (!exists(manifest.manifestFileName))
+        return fail(S_zncLib_MANIFEST_NOT_FOUND);
+    manifest.manifestJson = load(manifest.manifestFileName);
+    if (manifest.manifestJson == nullptr)
+        return reject(S_zncLib_MANIFEST_INVALID);
+    manifest.schemaVersion = cJSON_GetObjectItem(manifest.manifestJson, "schemaVersion");
+    cJSON* const config = cJSON_GetObjectItem(manifest.manifestJson, "config");
+    if (manifest.schemaVersion == nullptr ||
+        validateJsonSchemaVersion(manifest.schemaVersion) != OK || config == nullptr)
+        return fail(S_zncLib_MANIFEST_INVALID);
+    if (parse_manifest_config(image->ociPath, manifest.manifestConfig, config) != OK)
+        return ERROR;
+    cJSON* const layers = cJSON_GetObjectItem(manifest.manifestJson, "layers");
+    if (layers == nullptr)
+        return fail(S_zncLib_MANIFEST_INVALID);
+    return parse_layers(image->ociPath, manifest, layers);
+}
+
+STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config)
+{
+    if (config == nullptr)
+        return ERROR;
+    if (!exists(config->configFileName))
+        return fail(S_zncLib_CONFIG_NOT_FOUND);
+    ZNC_IMAGE_CONFIG& image = config->imageConfig;
+    image.imageConfigJson = load(config->configFileName);
+    if (image.imageConfigJson == nullptr)
+        return reject(S_zncLib_CONFIG_INVALID);
+    image.architecture = cJSON_GetObjectItem(image.imageConfigJson, "architecture");
+    image.os = cJSON_GetObjectItem(image.imageConfigJson, "os");
+    cJSON* const rootfs = cJSON_GetObjectItem(image.imageConfigJson, "rootfs");
+    if (image.architecture == nullptr || image.os == nullptr || rootfs == nullptr)
+        return fail(S_zncLib_CONFIG_INVALID);
+    if (!passes(
+            [&] { return zncImageParseImageConfigRootfs(&image.imageCfgRootfs, rootfs) == OK; }))
+        return reject(S_zncLib_CONFIG_INVALID);
+    return OK;
+}
+
+STATUS zncImageParseImageConfigRootfs(ZNC_IMAGE_CFG_ROOTFS* rootfs, cJSON* rootfsJson)
+{
+    cJSON* const ids = cJSON_GetObjectItem(rootfsJson, "diff_ids");
+    const int count = ids != nullptr ? cJSON_GetArraySize(ids) : 0;
+    if (count < 1)
+        return ERROR;
+    rootfs->diffId = allocate<char*>(count);
+    if (rootfs->diffId == nullptr)
+        return ERROR;
+    rootfs->diffIdCount = static_cast<std::uint32_t>(count);
+    if (!parse_diff_ids(*rootfs, ids)) {
+        release_rootfs(*rootfs);
+        return ERROR;
+    }
+    return OK;
+}
+
+int zncImageFindManifest(OCI_IMAGE* image, const char* os, const char* arch, const char* tag)
+{
+    const bool is_latest = strEqual(tag, kLatest) == TRUE;
+    for (int i = 0; i < image->manifestsCount; ++i)
+        if (tag_matches(image->manifests[i], tag, is_latest) &&
+            platform_matches(image->manifests[i], os, arch))
+            return i;
+    errno = S_zncLib_INDEX_INVALID;
+    return -1;
+}

@@ -1,1 +1,142 @@
-// zncImageLib_validate.cpp
+// zncImageLib_validate.cpp - paths inside an image layout, and the checks of the items that
+// describe its files.
+#include "zncImageLib.hpp"
+
+#include "cJSON_Additions.h"
+
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t kTextBound = 256;
+constexpr std::int32_t kSchemaVersion = 2;
+
+bool one_of(const char* text, std::initializer_list<const char*> accepted)
+{
+    for (const char* candidate : accepted)
+        if (strEqual(text, candidate) == TRUE)
+            return true;
+    return false;
+}
+
+// Appends "blobs/" and the digest's text, with its first colon turned into a separator.
+STATUS append_blob(char* cursor, char* end, const cJSON* digest)
+{
+    const char* text = cJSON_GetStringValue(digest);
+    char* const name = znc::copy_end(cursor, end, "blobs/");
+    if (text == nullptr || znc::copy_end(name, end, text) == end) {
+        errno = ENAMETOOLONG;
+        return ERROR;
+    }
+    char* const colon = text[0] != '\0' ? std::strchr(name + 1, ':') : nullptr;
+    if (text[0] == ':' || colon == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    *colon = '/';
+    return OK;
+}
+
+} // namespace
+
+BOOL strEqual(const char* s, const char* p)
+{
+    const std::size_t len = ::strnlen(s, kTextBound);
+    return len == ::strnlen(p, kTextBound) && std::memcmp(s, p, len) == 0 ? TRUE : FALSE;
+}
+
+STATUS composeFileName(const char* imagePath, JSON_FILE_TYPE fileType, cJSON* digest,
+                       char* fileName, UINT32 fileNameLen)
+{
+    if (imagePath == nullptr || fileName == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    char* const end = fileName + fileNameLen;
+    char* const cursor = znc::copy_end(znc::copy_end(fileName, end, imagePath), end, "/");
+    const char* leaf = nullptr;
+    switch (fileType) {
+    case OCILAYOUTJSON:
+        leaf = "oci-layout";
+        break;
+    case INDEXJSON:
+        leaf = "index.json";
+        break;
+    case LAYERJSON:
+    case MANIFESTJSON:
+    case CONFIGJSON:
+        return append_blob(cursor, end, digest);
+    default:
+        errno = EINVAL;
+        return ERROR;
+    }
+    if (znc::copy_end(cursor, end, leaf) == end) {
+        errno = ENAMETOOLONG;
+        return ERROR;
+    }
+    return OK;
+}
+
+STATUS validateJsonSchemaVersion(cJSON* schemaVersion)
+{
+    return cJSON_integer_value(schemaVersion) == kSchemaVersion ? OK : ERROR;
+}
+
+STATUS validateJsonMediatype(JSON_FILE_TYPE type, cJSON* value)
+{
+    const char* text = cJSON_GetStringValue(value);
+    if (text == nullptr)
+        return ERROR;
+    bool accepted = false;
+    if (type == INDEXJSON)
+        accepted = one_of(text, {"application/vnd.oci.image.index.v1+json",
+                                 "application/vnd.oci.image.manifest.v1+json"});
+    else if (type == LAYERJSON)
+        accepted = one_of(text, {"application/vnd.oci.image.layer.v1.tar",
+                                 "application/vnd.oci.image.layer.v1.tar+gzip",
+                                 "application/vnd.oci.image.layer.nondistributable.v1.tar",
+                                 "application/vnd.oci.image.layer.nondistributable.v1.tar+gzip"});
+    else if (type == CONFIGJSON)
+        accepted = one_of(text, {"application/vnd.oci.image.config.v1+json"});
+    return accepted ? OK : ERROR;
+}
+
+STATUS validateJsonFileSize(const char* fileName, cJSON* size)
+{
+    // Not blocking: a FIFO in the place of a blob must not hold the caller up.
+    const znc::UniqueFd fd(::open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st = {};
+    if (!fd || ::fstat(fd.get(), &st) != 0)
+        return ERROR;
+    return st.st_size == cJSON_integer64_value(size) ? OK : ERROR;
+}
+
+STATUS validateJsonDigest(const char* fileName, cJSON* value)
+{
+    const char* text = cJSON_GetStringValue(value);
+    // A digest is one name in a directory. With a separator in it, a file that was checked under
+    // one digest would be kept under another.
+    if (text == nullptr || std::strchr(text, '/') != nullptr)
+        return ERROR;
+    char buffer[kTextBound];
+    (void)znc::copy_end(buffer, buffer + sizeof buffer, text);
+    char* rest = nullptr;
+    const char* algorithm = ::strtok_r(buffer, ":", &rest);
+    const char* digits = algorithm != nullptr ? ::strtok_r(nullptr, ":", &rest) : nullptr;
+    if (digits == nullptr)
+        return ERROR;
+    if (std::strcmp(algorithm, "sha256") == 0)
+        return validateSha256(fileName, digits);
+    if (std::strcmp(algorithm, "sha512") == 0)
+        return validateSha512(fileName, digits);
+    return ERROR;
+}
+
+STATUS validateJsonString(const char* str, cJSON* jsonStr)
+{
+    const char* text = cJSON_GetStringValue(jsonStr);
+    return str != nullptr && text != nullptr && strEqual(str, text) == TRUE ? OK : ERROR;
+}

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Without an overlay filesystem: every image becomes a private copy in the bundle, equal to what umoci
+# unpacks. Run it where there is no /overlay.
+# shellcheck source=images_lib.sh
+. "$(dirname "$0")/images_lib.sh"
+cd "$ZNC_TEST_CACHE"
+
+check 'there is no overlay filesystem' test ! -e /overlay
+for layout in debian copied plain; do
+    bundle=$work/bundle
+    check "a Debian system of one layer is unpacked ($layout)" unpack "$layout" base "$bundle"
+    check 'its root is in the bundle' test "$(root_of "$bundle")" = rootfs
+    check 'the tree equals that of umoci' same_tree "$layout" base "$bundle/rootfs"
+    check 'the bundle is deleted' driver delete "$bundle"
+    check 'and nothing of it stays' test ! -e "$bundle"
+
+    check "one of three layers is unpacked ($layout)" unpack "$layout" layers "$bundle"
+    check 'the tree equals that of umoci' same_tree --in-place "$layout" layers "$bundle/rootfs"
+    check 'a bundle is not unpacked over' not unpack "$layout" layers "$bundle"
+    check 'it stays as it was' same_tree --in-place "$layout" layers "$bundle/rootfs"
+
+    # That the comparison sees a difference.
+    printf x >>"$bundle/rootfs/etc/passwd"
+    check 'a changed file is noticed' not same_tree --in-place "$layout" layers "$bundle/rootfs"
+    check 'the bundle is deleted' driver delete "$bundle"
+done
+check 'flattening is refused' not unpack debian base "$work/bundle" --flatten
+check 'and leaves no bundle' test ! -e "$work/bundle"
+check 'nothing was stored' test ! -e "$ZNC_BASE"
+finish

@@ -1,0 +1,12 @@
+# Images: digests, the layout reader, unpacking, the generated configuration, inspection.
+set(IMAGE_SUPPORT ../support/layout_builder.cpp)
+set(IMAGE_FAULTS ../support/alloc_fault.cpp)
+set(IMAGE_WRAP malloc calloc realloc strdup)
+
+znc_unit_test(zncDigest_test SOURCES ${IMAGE_SUPPORT})
+znc_unit_test(zncImageLib_validate_test SOURCES ${IMAGE_SUPPORT})
+znc_unit_test(zncImageLib_layout_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
+znc_unit_test(zncImageLib_config_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
+znc_unit_test(zncImageLib_inspect_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
+znc_unit_test(zncRuntimeApi_image_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
+znc_unit_test(zncImageLib_test SOURCES ${IMAGE_SUPPORT} ../support/fake_platform.cpp)

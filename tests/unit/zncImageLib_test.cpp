@@ -1,0 +1,733 @@
+// Bundles made of images: the three kinds of root filesystem, the layer store, failures.
+#include "zncImageLib.hpp"
+
+#include "fake_platform.hpp"
+#include "layout_builder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using layout::Image;
+using layout::Member;
+using layout::tar;
+using znc::CJsonPtr;
+
+std::set<std::string> names_in(const fs::path& dir)
+{
+    std::set<std::string> names;
+    if (fs::exists(dir))
+        for (const fs::directory_entry& entry : fs::directory_iterator(dir))
+            names.insert(entry.path().filename());
+    return names;
+}
+
+std::string hex_of(const std::string& layer)
+{
+    return layout::sha256_hex(layer);
+}
+
+std::string raw_bytes(const std::string& hex)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+std::string chain_of(const std::vector<std::string>& layers)
+{
+    std::string chain;
+    for (const std::string& layer : layers)
+        chain = hex_of(raw_bytes(chain) + hex_of(layer));
+    return chain;
+}
+
+class Unpack : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        fake::reset();
+        fs::create_directory("/overlay");
+        ASSERT_EQ(::setenv("ZNC_BASE", base_.c_str(), 1), 0);
+    }
+    void TearDown() override { ::unsetenv("ZNC_BASE"); }
+
+    static void without_overlay() { fs::remove("/overlay"); }
+
+    STATUS unpack(const std::string& bundle, unsigned option = 0,
+                  const ZNC_BUNDLE_ATTR* attr = nullptr, const char* tag = nullptr)
+    {
+        errno = 0;
+        return zncImageUnpack(bundle.c_str(), layout_.c_str(), tag, option, attr);
+    }
+    void add(const std::vector<std::string>& layers, const std::string& name = "latest")
+    {
+        Image image;
+        image.layers = layers;
+        image.name = name;
+        layout_.add(image);
+    }
+    static std::string root_of(const std::string& bundle)
+    {
+        const CJsonPtr config(cJSON_Parse(layout::read_file(bundle + "/config.json").c_str()));
+        const cJSON* root = cJSON_GetObjectItem(config.get(), "root");
+        const char* path = cJSON_GetStringValue(cJSON_GetObjectItem(root, "path"));
+        return path != nullptr ? path : "(none)";
+    }
+
+    layout::TempDir dir_;
+    layout::Layout layout_{dir_.path() / "img"};
+    std::string base_ = dir_ / "base";
+    std::string store_ = base_ + "/layers";
+    std::string flattened_ = base_ + "/flattened";
+    std::string bundle_ = dir_ / "bundle";
+    const std::string bottom_ = tar({layout::directory("d/"), {"d/low", "low"}, {"both", "low"}});
+    const std::string top_ = tar({{"both", "top"}, {"high", "high"}});
+};
+
+// ------------------------------------------------------------------ the kind
+
+TEST_F(Unpack, TheKindFollowsBitZeroAndTheOverlay)
+{
+    for (const unsigned option : {0U, 2U, 0xfffffffeU})
+        EXPECT_EQ(zncImageRootfsTypeVerify(option), LAYERED_ROOTFS);
+    for (const unsigned option : {1U, 3U})
+        EXPECT_EQ(zncImageRootfsTypeVerify(option), FLATTENDED_ROOTFS);
+    without_overlay();
+    EXPECT_EQ(zncImageRootfsTypeVerify(0), RAW_ROOTFS);
+    EXPECT_EQ(zncImageRootfsTypeVerify(2), RAW_ROOTFS);
+    EXPECT_EQ(zncImageRootfsTypeVerify(1), -1);
+}
+
+TEST_F(Unpack, DefaultsAreZarnelAmd64AndLatest)
+{
+    EXPECT_STREQ(zncDefaultOs(), "zarnel");
+    EXPECT_STREQ(zncDefaultArchitecture(), "amd64");
+    EXPECT_STREQ(zncDefaultTag(), "latest");
+    add({top_});
+    EXPECT_EQ(unpack(bundle_), OK);
+}
+
+TEST_F(Unpack, AttributesAndTagChooseTheImage)
+{
+    Image image;
+    image.os = "linux";
+    image.arch = "arm64";
+    image.name = "v1";
+    layout_.add(image);
+    const ZNC_BUNDLE_ATTR both = {"linux", "arm64"};
+    const ZNC_BUNDLE_ATTR only_os = {"linux", nullptr};
+    EXPECT_EQ(unpack(bundle_, 0, &only_os, "v1"), ERROR);
+    EXPECT_EQ(errno, S_zncLib_INDEX_INVALID);
+    EXPECT_EQ(unpack(bundle_, 0, &both), ERROR);
+    EXPECT_FALSE(fs::exists(bundle_));
+    EXPECT_EQ(unpack(bundle_, 0, &both, "v1"), OK);
+}
+
+// ------------------------------------------------------------------ raw
+
+TEST_F(Unpack, WithoutOverlayOptionZeroMakesARawRoot)
+{
+    without_overlay();
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_), OK) << errno;
+    EXPECT_EQ(root_of(bundle_), "rootfs");
+    EXPECT_EQ(names_in(bundle_ + "/rootfs"), (std::set<std::string>{"d", "both", "high"}));
+    EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/both"), "top"); // the upper layer overwrites
+    EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/d/low"), "low");
+    EXPECT_FALSE(fs::exists(base_));
+    EXPECT_TRUE(fake::calls().empty());
+}
+
+TEST_F(Unpack, WithoutOverlayFlatteningIsEINVALAndMakesNothing)
+{
+    without_overlay();
+    add({bottom_});
+    EXPECT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
+TEST_F(Unpack, GzipLayersAreRecognisedWhateverTheirMediaTypeSays)
+{
+    without_overlay();
+    Image image;
+    image.layers = {layout::gzip(bottom_)};
+    layout_.add(image);
+    ASSERT_EQ(unpack(bundle_), OK);
+    EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/d/low"), "low");
+}
+
+// ------------------------------------------------------------------ layered
+
+TEST_F(Unpack, AOneLayerImageUsesTheStoreDirectoryWithBothOptions)
+{
+    add({bottom_});
+    for (const unsigned option : {0U, 1U}) {
+        const std::string bundle = bundle_ + std::to_string(option);
+        ASSERT_EQ(unpack(bundle, option), OK) << errno;
+        EXPECT_EQ(root_of(bundle), store_ + "/" + hex_of(bottom_));
+        EXPECT_TRUE(names_in(bundle + "/rootfs").empty());
+    }
+    EXPECT_EQ(layout::read_file(store_ + "/" + hex_of(bottom_) + "/d/low"), "low");
+    EXPECT_TRUE(fake::calls().empty());
+    EXPECT_FALSE(fs::exists(flattened_));
+}
+
+TEST_F(Unpack, MoreLayersAreAnOverlayDeviceWithTheTopLayerFirst)
+{
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_), OK) << errno;
+    const std::string device = "/overlay/" + chain_of({bottom_, top_});
+    EXPECT_EQ(root_of(bundle_), device);
+    const std::vector<fake::Call> calls = fake::calls_of("znOvlDevCreate");
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].name, device);
+    EXPECT_EQ(calls[0].number, FALSE);
+    EXPECT_EQ(calls[0].list, (std::vector<std::string>{store_ + "/" + hex_of(top_),
+                                                       store_ + "/" + hex_of(bottom_)}));
+    EXPECT_EQ(names_in(store_), (std::set<std::string>{hex_of(top_), hex_of(bottom_)}));
+    EXPECT_TRUE(names_in(bundle_ + "/rootfs").empty());
+}
+
+TEST_F(Unpack, OnlyBitZeroOfTheOptionCounts)
+{
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_, 2), OK);
+    EXPECT_EQ(root_of(bundle_), "/overlay/" + chain_of({bottom_, top_}));
+}
+
+TEST_F(Unpack, ALayerDirectoryHasMode0700)
+{
+    add({bottom_});
+    ASSERT_EQ(unpack(bundle_), OK);
+    struct stat st = {};
+    ASSERT_EQ(::stat((store_ + "/" + hex_of(bottom_)).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777U, 0700U);
+}
+
+TEST_F(Unpack, TwoImagesWithACommonLayerExtractItOnce)
+{
+    add({bottom_, top_}, "one");
+    add({bottom_, tar({{"other", "x"}})}, "two");
+    ASSERT_EQ(unpack(bundle_ + "1", 0, nullptr, "one"), OK);
+    const std::string common = store_ + "/" + hex_of(bottom_);
+    layout::write_file(common + "/mark", "first extraction");
+    ASSERT_EQ(unpack(bundle_ + "2", 0, nullptr, "two"), OK);
+    EXPECT_EQ(layout::read_file(common + "/mark"), "first extraction");
+    EXPECT_EQ(names_in(store_).size(), 3U);
+}
+
+TEST_F(Unpack, AnExistingStoreDirectoryIsTakenUnread)
+{
+    add({bottom_});
+    fs::create_directories(store_ + "/" + hex_of(bottom_));
+    ASSERT_EQ(unpack(bundle_), OK);
+    EXPECT_TRUE(names_in(store_ + "/" + hex_of(bottom_)).empty());
+}
+
+TEST_F(Unpack, AnOverlayFailureRemovesTheBundleAndKeepsTheLayers)
+{
+    add({bottom_, top_});
+    fake::fail("znOvlDevCreate", 1, EEXIST);
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(fs::exists(bundle_));
+    EXPECT_EQ(names_in(store_), (std::set<std::string>{hex_of(top_), hex_of(bottom_)}));
+}
+
+TEST_F(Unpack, ALayerThatCannotBeExtractedLeavesNothingInTheStore)
+{
+    std::string damaged = tar(
+        {layout::directory("d/"), layout::symlink("d/out", "/tmp"), {"fine", "x"}, {"bad", "y"}});
+    damaged[512 * 4] ^= 1; // in the header of "bad"
+    add({bottom_, damaged});
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_FALSE(fs::exists(bundle_));
+    EXPECT_TRUE(names_in(store_).empty());
+}
+
+TEST_F(Unpack, LayersExtractedBeforeAFailureStayInTheStore)
+{
+    std::string damaged = bottom_;
+    damaged[0] ^= 1;
+    add({damaged, top_}); // the top layer is extracted first
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(names_in(store_), (std::set<std::string>{hex_of(top_)}));
+}
+
+// ------------------------------------------------------------------ flattened
+
+TEST_F(Unpack, MoreLayersFlattenIntoOneDirectory)
+{
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK) << errno;
+    const std::string root = flattened_ + "/" + chain_of({bottom_, top_});
+    EXPECT_EQ(root_of(bundle_), root);
+    EXPECT_EQ(layout::read_file(root + "/both"), "top");
+    EXPECT_EQ(layout::read_file(root + "/d/low"), "low");
+    struct stat st = {};
+    ASSERT_EQ(::stat(root.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777U, 0700U);
+    EXPECT_FALSE(fs::exists(store_));
+    EXPECT_TRUE(fake::calls().empty());
+}
+
+TEST_F(Unpack, AFlattenedTreeIsExtractedAgainAlsoWhenItHoldsLinks)
+{
+    const layout::TempDir outside;
+    layout::write_file(outside / "precious", "kept");
+    add({tar({layout::directory("d/"), layout::symlink("d/out", outside.path()),
+              layout::symlink("link", "d")}),
+         top_});
+    ASSERT_EQ(unpack(bundle_ + "1", ZNC_OPT_FLATTEN), OK);
+    const std::string root =
+        flattened_ + "/" +
+        chain_of({tar({layout::directory("d/"), layout::symlink("d/out", outside.path()),
+                       layout::symlink("link", "d")}),
+                  top_});
+    layout::write_file(root + "/high", "changed");
+    fs::remove(root + "/both");
+    ASSERT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), OK) << errno;
+    EXPECT_EQ(layout::read_file(root + "/high"), "high");
+    EXPECT_EQ(layout::read_file(root + "/both"), "top");
+    EXPECT_EQ(fs::read_symlink(root + "/link"), "d");
+    EXPECT_EQ(layout::read_file(outside / "precious"), "kept");
+}
+
+TEST_F(Unpack, AFlattenedPathThatDoesNotFitIsENAMETOOLONG)
+{
+    std::string base = dir_.path();
+    while (base.size() < 960)
+        base += "/" + std::string(std::min<std::size_t>(200, 960 - base.size()), 'x');
+    ASSERT_EQ(::setenv("ZNC_BASE", base.c_str(), 1), 0);
+    add({bottom_, top_});
+    EXPECT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), ERROR);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
+// ------------------------------------------------------------------ the bundle directory
+
+TEST_F(Unpack, NullPathsAreEINVAL)
+{
+    add({bottom_});
+    errno = 0;
+    EXPECT_EQ(zncImageUnpack(nullptr, layout_.c_str(), nullptr, 0, nullptr), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(zncImageUnpack(bundle_.c_str(), nullptr, nullptr, 0, nullptr), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(Unpack, AnImageThatDoesNotParseKeepsItsNumberAndMakesNothing)
+{
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, S_zncLib_INDEX_NOT_FOUND);
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
+TEST_F(Unpack, ABundleDirectoryThatCannotBeMadeKeepsTheNumberOfMkdir)
+{
+    add({bottom_});
+    EXPECT_EQ(unpack(dir_ / "absent/bundle"), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Unpack, AnExistingEmptyBundleDirectoryIsUsed)
+{
+    add({bottom_});
+    fs::create_directory(bundle_);
+    EXPECT_EQ(unpack(bundle_), OK);
+    EXPECT_EQ(names_in(bundle_), (std::set<std::string>{"rootfs", "config.json"}));
+}
+
+TEST_F(Unpack, AFailureLeavesAnExistingBundleDirectoryAndRemovesANewOne)
+{
+    Image image;
+    image.section = ""; // no configuration can be made of it
+    layout_.add(image);
+    fs::create_directory(bundle_);
+    layout::write_file(bundle_ + "/mine", "x");
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_CONFIG_PARAM_INVALID);
+    EXPECT_EQ(layout::read_file(bundle_ + "/mine"), "x");
+    EXPECT_EQ(unpack(bundle_ + "new"), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_CONFIG_PARAM_INVALID);
+    EXPECT_FALSE(fs::exists(bundle_ + "new"));
+}
+
+TEST_F(Unpack, AFailedRawUnpackRemovesItsBundleWithoutFollowingLinks)
+{
+    without_overlay();
+    const layout::TempDir outside;
+    layout::write_file(outside / "precious", "kept");
+    std::string damaged = tar({layout::symlink("out", outside.path()), {"bad", "y"}});
+    damaged[512] ^= 1;
+    add({bottom_, damaged});
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_FALSE(fs::exists(bundle_));
+    EXPECT_EQ(layout::read_file(outside / "precious"), "kept");
+}
+
+TEST_F(Unpack, TheSecondUnpackIntoABundleIsBundleRootfsExists)
+{
+    add({bottom_});
+    ASSERT_EQ(unpack(bundle_), OK);
+    const std::string config = layout::read_file(bundle_ + "/config.json");
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_ROOTFS_EXISTS);
+    EXPECT_EQ(layout::read_file(bundle_ + "/config.json"), config);
+}
+
+TEST_F(Unpack, AnExistingConfigIsBundleConfigExists)
+{
+    add({bottom_});
+    fs::create_directory(bundle_);
+    layout::write_file(bundle_ + "/config.json", "mine");
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_CONFIG_EXISTS);
+    EXPECT_EQ(layout::read_file(bundle_ + "/config.json"), "mine");
+}
+
+TEST_F(Unpack, ABundlePathTooLongIsBundlePathTooLongAndLeavesNothing)
+{
+    add({bottom_});
+    std::string bundle = dir_.path();
+    for (const std::size_t len : {1017U, 1100U}) { // 1017 and "/rootfs" make 1024
+        bundle = dir_.path();
+        while (bundle.size() < len - 210)
+            bundle += "/" + std::string(200, 'x');
+        fs::create_directories(bundle);
+        bundle += "/" + std::string(len - bundle.size() - 1, 'y');
+        EXPECT_EQ(unpack(bundle), ERROR);
+        EXPECT_EQ(errno, S_zncLib_BUNDLE_PATH_TOO_LONG);
+        EXPECT_FALSE(fs::exists(bundle));
+    }
+}
+
+TEST_F(Unpack, ABundlePathThatOnlyFitsTheRootfsFailsAndLeavesNothing)
+{
+    add({bottom_});
+    std::string bundle = dir_.path();
+    while (bundle.size() < 800)
+        bundle += "/" + std::string(200, 'x');
+    fs::create_directories(bundle);
+    bundle += "/" + std::string(1015 - bundle.size(), 'y'); // 1016 and "/rootfs" make 1023
+    EXPECT_EQ(unpack(bundle), ERROR);
+    EXPECT_NE(errno, S_zncLib_BUNDLE_PATH_TOO_LONG);
+    EXPECT_FALSE(fs::exists(bundle));
+}
+
+TEST_F(Unpack, AStorageBaseThatCannotBeMadeKeepsItsNumber)
+{
+    add({bottom_, top_});
+    layout::write_file(dir_ / "file", "");
+    ASSERT_EQ(::setenv("ZNC_BASE", (dir_ / "file/base").c_str(), 1), 0);
+    for (const unsigned option : {0U, 1U}) {
+        EXPECT_EQ(unpack(bundle_, option), ERROR);
+        EXPECT_EQ(errno, ENOTDIR);
+        EXPECT_FALSE(fs::exists(bundle_));
+    }
+}
+
+TEST_F(Unpack, BundleDeleteRemovesTheTreeButWhatItsLinksPointAt)
+{
+    const layout::TempDir outside;
+    layout::write_file(outside / "precious", "kept");
+    fs::create_directories(bundle_ + "/rootfs/d");
+    fs::create_directory_symlink(outside.path(), bundle_ + "/rootfs/d/out");
+    EXPECT_EQ(zncImageBundleDelete(bundle_.c_str()), OK);
+    EXPECT_FALSE(fs::exists(bundle_));
+    EXPECT_EQ(layout::read_file(outside / "precious"), "kept");
+}
+
+TEST_F(Unpack, BundleDeleteOfNothingFails)
+{
+    EXPECT_EQ(zncImageBundleDelete(nullptr), ERROR);
+    EXPECT_EQ(zncImageBundleDelete((dir_ / "absent").c_str()), ERROR);
+}
+
+// ------------------------------------------------------------------ parts
+
+TEST(PathCompBackup, FindsTheLastSeparatorBeforeAPosition)
+{
+    const char* path = "/a/bc";
+    EXPECT_EQ(pathCompBackup(path, path + 5), path + 2);
+    EXPECT_EQ(pathCompBackup(path, path + 2), path);
+    EXPECT_EQ(pathCompBackup(path, path), nullptr);
+    EXPECT_EQ(pathCompBackup("abc", "abc"), nullptr);
+    const char* plain = "abc";
+    EXPECT_EQ(pathCompBackup(plain, plain + 3), nullptr);
+}
+
+// A record with one layer file, for the steps below the parser.
+class Steps : public Unpack {
+  protected:
+    void SetUp() override
+    {
+        Unpack::SetUp();
+        image_.reset(zncImageInfoCreate());
+        image_->manifests = znc::malloc_array<ZNC_IMAGE_MANIFEST>(1).release();
+        image_->manifestsCount = 1;
+        image_->manifestsIndex = 0;
+        image_->manifests[0].manifestLayers =
+            znc::malloc_array<ZNC_IMAGE_MANIFEST_LAYERS>(1).release();
+        image_->manifests[0].manifestLayersCount = 1;
+    }
+    void set_layer(const std::string& path)
+    {
+        char* name = image_->manifests[0].manifestLayers[0].layerFileName;
+        ASSERT_LT(path.size(), znc::kPathMax);
+        path.copy(name, path.size());
+    }
+    STATUS extract(const std::string& store)
+    {
+        std::vector<char> repository(znc::kPathMax);
+        store.copy(repository.data(), store.size());
+        errno = 0;
+        const STATUS status =
+            zncImageExtractLayersEx(image_.get(), repository.data(), store.size(), list_);
+        repository_ = repository.data();
+        return status;
+    }
+    znc::OciImagePtr image_;
+    char text_[znc::kPathMax] = {};
+    char* list_[1] = {text_};
+    std::string repository_;
+};
+
+TEST_F(Steps, ALayerFileWithoutSeparatorIsEINVAL)
+{
+    set_layer("layer");
+    EXPECT_EQ(extract(dir_ / "store"), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(Steps, AStorePathThatDoesNotFitIsENAMETOOLONG)
+{
+    set_layer("/img/" + std::string(23, 'f')); // 24 with its separator
+    std::string store = dir_.path();
+    while (store.size() < 999)
+        store += "/" + std::string(std::min<std::size_t>(200, 998 - store.size()), 'x');
+    EXPECT_EQ(extract(store + "x"), ERROR);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(extract(store), ERROR);
+    EXPECT_EQ(errno, ENOENT); // it fits; only the layer is missing
+}
+
+TEST_F(Steps, TheStoreDirectoryIsMadeWithItsParentsAndReported)
+{
+    layout::write_file(dir_ / "layer", top_);
+    set_layer(dir_ / "layer");
+    ASSERT_EQ(extract(dir_ / "deep/store"), OK);
+    EXPECT_EQ(std::string(text_), dir_ / "deep/store/layer");
+    EXPECT_EQ(repository_, text_);
+    EXPECT_EQ(layout::read_file(dir_ / "deep/store/layer/high"), "high");
+    EXPECT_EQ(names_in(dir_ / "deep/store"), (std::set<std::string>{"layer"}));
+}
+
+TEST_F(Steps, TheFirstLayerThatCannotBeExtractedEndsTheExtraction)
+{
+    set_layer(dir_ / "absent");
+    fs::create_directory(dir_ / "root");
+    EXPECT_EQ(zncImageExtractLayers(image_.get(), (dir_ / "root").c_str()), ERROR);
+}
+
+TEST_F(Steps, TheChainIdIsWrittenAs64Digits)
+{
+    std::uint8_t* chain = image_->manifests[0].manifestConfig.imageConfig.imageCfgRootfs.chainId;
+    for (unsigned i = 0; i < 32; ++i)
+        chain[i] = static_cast<std::uint8_t>(0xf0 + i);
+    char text[65];
+    ASSERT_EQ(zncImageGetStringChainID(image_.get(), text), OK);
+    EXPECT_STREQ(text, "f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff000102030405060708090a0b0c0d0e0f");
+}
+
+TEST_F(Steps, WithoutAManifestChosenNothingIsDone)
+{
+    image_->manifestsIndex = -1;
+    char text[65];
+    EXPECT_EQ(zncImageGetStringChainID(image_.get(), text), ERROR);
+    EXPECT_EQ(extract(dir_ / "store"), ERROR);
+    EXPECT_EQ(zncImageExtractLayers(image_.get(), dir_.path().c_str()), ERROR);
+    EXPECT_EQ(zncCreateOciRootfs(image_.get(), bundle_.c_str(), RAW_ROOTFS), nullptr);
+}
+
+TEST_F(Steps, AnUnknownKindOfRootIsRefused)
+{
+    EXPECT_EQ(zncCreateOciRootfs(image_.get(), bundle_.c_str(), 3), nullptr);
+}
+
+// ------------------------------------------------------------------ the store under fire
+
+class Child {
+  public:
+    explicit Child(const std::function<bool()>& body) : pid_(::fork())
+    {
+        if (pid_ == 0)
+            ::_exit(body() ? 0 : 1);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child()
+    {
+        if (pid_ > 0) {
+            signal(SIGKILL);
+            (void)succeeded();
+        }
+    }
+    void signal(int number) const { ::kill(pid_, number); }
+    // Stops it and waits until it stands still.
+    bool stop() const
+    {
+        int status = 0;
+        signal(SIGSTOP);
+        return ::waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+    }
+    bool succeeded()
+    {
+        int status = 0;
+        const bool waited = ::waitpid(pid_, &status, 0) == pid_;
+        pid_ = -1;
+        return waited && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+class Store : public Unpack {
+  protected:
+    static constexpr int kFiles = 10000;
+
+    void SetUp() override
+    {
+        Unpack::SetUp();
+        std::vector<Member> members;
+        for (int i = 0; i < kFiles; ++i)
+            members.push_back({"f" + std::to_string(i), "x"});
+        big_ = tar(members);
+        add({big_}, "big");
+        add({top_}, "small");
+    }
+    bool unpack_as(const std::string& name, const std::string& tag)
+    {
+        return unpack(dir_ / name, 0, nullptr, tag.c_str()) == OK;
+    }
+    // The directory that somebody extracts the big layer into, once it holds something.
+    std::optional<fs::path> wait_for_stage()
+    {
+        for (int round = 0; round < 100000; ++round) {
+            for (const std::string& name : names_in(store_))
+                if (name.starts_with(".unpack-") && fs::exists(fs::path(store_) / name / "f100"))
+                    return fs::path(store_) / name;
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        return std::nullopt;
+    }
+    void expect_store(const std::set<std::string>& layers)
+    {
+        EXPECT_EQ(names_in(store_), layers);
+        if (layers.contains(hex_of(big_))) {
+            EXPECT_EQ(names_in(store_ + "/" + hex_of(big_)).size(),
+                      static_cast<std::size_t>(kFiles));
+        }
+    }
+    std::string big_;
+};
+
+TEST_F(Store, AnExtractionKilledLeavesNoLayerAndTheNextUnpackCleansUp)
+{
+    Child victim([&] { return unpack_as("b1", "big"); });
+    const std::optional<fs::path> stage = wait_for_stage();
+    ASSERT_TRUE(stage);
+    victim.signal(SIGKILL);
+    ASSERT_FALSE(victim.succeeded());
+    ASSERT_TRUE(fs::exists(*stage));
+    EXPECT_FALSE(fs::exists(store_ + "/" + hex_of(big_)));
+
+    ASSERT_TRUE(unpack_as("b2", "small"));
+    EXPECT_FALSE(fs::exists(*stage));
+    expect_store({hex_of(top_)});
+    ASSERT_TRUE(unpack_as("b3", "big"));
+    expect_store({hex_of(top_), hex_of(big_)});
+}
+
+TEST_F(Store, ALiveExtractionIsNotTakenForALeftover)
+{
+    Child slow([&] { return unpack_as("b1", "big"); });
+    const std::optional<fs::path> stage = wait_for_stage();
+    ASSERT_TRUE(stage);
+    ASSERT_TRUE(slow.stop());
+    ASSERT_TRUE(fs::exists(*stage));
+    ASSERT_TRUE(unpack_as("b2", "small"));
+    EXPECT_TRUE(fs::exists(*stage / "f100"));
+    slow.signal(SIGCONT);
+    EXPECT_TRUE(slow.succeeded());
+    expect_store({hex_of(top_), hex_of(big_)});
+}
+
+TEST_F(Store, OfTwoExtractionsOfOneLayerBothSucceedAndOneCopyStays)
+{
+    Child slow([&] { return unpack_as("b1", "big"); });
+    ASSERT_TRUE(wait_for_stage());
+    ASSERT_TRUE(slow.stop());
+    ASSERT_TRUE(unpack_as("b2", "big"));
+    const fs::path layer = store_ + "/" + hex_of(big_);
+    layout::write_file(layer / "f0", "the first copy");
+    slow.signal(SIGCONT);
+    EXPECT_TRUE(slow.succeeded());
+    EXPECT_EQ(layout::read_file(layer / "f0"), "the first copy");
+    expect_store({hex_of(big_)});
+    EXPECT_EQ(root_of(dir_ / "b1"), root_of(dir_ / "b2"));
+}
+
+TEST_F(Store, TasksOfOneProcessMayUnpackOneImageTogether)
+{
+    constexpr int kTasks = 8;
+    std::vector<std::thread> tasks;
+    std::vector<int> good(kTasks);
+    for (int i = 0; i < kTasks; ++i)
+        tasks.emplace_back([&, i] {
+            good[static_cast<std::size_t>(i)] =
+                unpack_as("b" + std::to_string(i), i % 2 == 0 ? "big" : "small") ? 1 : 0;
+        });
+    for (std::thread& task : tasks)
+        task.join();
+    EXPECT_EQ(good, std::vector<int>(kTasks, 1));
+    expect_store({hex_of(top_), hex_of(big_)});
+}
+
+TEST_F(Store, ALockFileLeftByADeadProcessDoesNotHoldAnybodyUp)
+{
+    fs::create_directories(store_);
+    layout::write_file(store_ + "/.lock", "");
+    fs::create_directories(store_ + "/.unpack-000000/d");
+    ASSERT_TRUE(unpack_as("b1", "small"));
+    expect_store({hex_of(top_)});
+}
+
+TEST_F(Store, ALinkInTheLocksPlaceIsRefused)
+{
+    fs::create_directories(store_);
+    fs::create_symlink(dir_ / "elsewhere", store_ + "/.lock");
+    EXPECT_FALSE(unpack_as("b1", "small"));
+    EXPECT_FALSE(fs::exists(dir_ / "elsewhere"));
+}
+
+} // namespace
