@@ -8,8 +8,8 @@ case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 *) build+=(zlib1g-dev) ;;
 esac
-test=(busybox-static clang clang-format clang-tidy file jq libgtest-dev procps python3 shellcheck
-    skopeo strace umoci util-linux)
+test=(binutils busybox-static clang clang-format clang-tidy debootstrap file jq libarchive-tools
+    libgtest-dev mount procps python3 shellcheck skopeo strace tar umoci util-linux zlib1g-dev)
 demo=(busybox-static umoci util-linux)
 
 packages=()

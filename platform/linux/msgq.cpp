@@ -18,6 +18,7 @@
 
 namespace {
 
+constexpr size_t kUsualMessage = 4096;
 constexpr mode_t kQueueMode = 0600;
 constexpr int kTurnSeconds = 5;
 constexpr int kCreateTries = 3;
@@ -191,15 +192,17 @@ ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
     if (mq_getattr(q, &attr) != 0)
         return -1;
     const size_t size = static_cast<size_t>(attr.mq_msgsize);
-    const znc::MallocPtr<char[]> whole = znc::malloc_array<char>(size);
-    if (whole == nullptr)
+    char usual[kUsualMessage]; // messages of ordinary queues cost no memory
+    znc::MallocPtr<char[]> large;
+    if (size > sizeof usual && !(large = znc::malloc_array<char>(size)))
         return -1;
-    const ssize_t got = mq_receive(q, whole.get(), size, nullptr);
+    char* const whole = large ? large.get() : usual;
+    const ssize_t got = mq_receive(q, whole, size, nullptr);
     if (got <= 0)
         return got;
     const size_t len = static_cast<size_t>(got) < maxLen ? static_cast<size_t>(got) : maxLen;
     if (len != 0)
-        memcpy(buf, whole.get(), len);
+        memcpy(buf, whole, len);
     return static_cast<ssize_t>(len);
 }
 

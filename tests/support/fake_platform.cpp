@@ -236,10 +236,8 @@ STATUS znnsInUse(nsid_t ns, BOOL* inUse)
     call.op = "znnsInUse";
     call.ns = ns;
     const std::lock_guard lock(guard);
-    if (record_fails(call) || unknown(ns))
-        return ERROR;
-    *inUse = reported_in_use ? TRUE : FALSE;
-    return OK;
+    *inUse = reported_in_use ? TRUE : FALSE; // after a failure too: nobody may look at it then
+    return record_fails(call) || unknown(ns) ? ERROR : OK;
 }
 
 int znnsRecover(void)

@@ -1,7 +1,6 @@
 # The bundle configuration and the container registry.
 set(CONTAINERS_SUPPORT ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
-                       ${PROJECT_SOURCE_DIR}/tests/support/fake_platform.cpp
-                       ${PROJECT_SOURCE_DIR}/tests/support/tsan_clocklock.cpp)
+                       ${PROJECT_SOURCE_DIR}/tests/support/fake_platform.cpp)
 
 znc_unit_test(zncRuntimeSpec_test SOURCES ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
               WRAP malloc calloc realloc strdup)

@@ -1,5 +1,7 @@
 #include "zncContainerLib.hpp"
 
+#include "descriptors.hpp"
+
 #include "zarnel/msgq.h"
 
 #include <gtest/gtest.h>
@@ -107,6 +109,15 @@ TEST_F(Progress, OnlyLevelsUpToTheVerbosityAreSent)
     }
 }
 
+TEST_F(Progress, TextsOfTheRegistryAreOfLevelOne)
+{
+    zncMsgLvlSet(1);
+    znc::send_progress("%s", "seen");
+    zncMsgLvlSet(0);
+    znc::send_progress("%s", "silenced");
+    EXPECT_EQ(received(), std::vector<std::string>{with_nul("seen")});
+}
+
 TEST_F(Progress, VerbosityAboveTwoKeepsThePreviousOne)
 {
     for (UINT8 before = 0; before <= 2; before++) {
@@ -144,6 +155,23 @@ TEST_F(Progress, FullQueueDropsTheTextWithoutWaiting)
     ASSERT_EQ(all.size(), 20u);
     EXPECT_EQ(all.front(), with_nul("0"));
     EXPECT_EQ(all.back(), with_nul("19"));
+}
+
+TEST_F(Progress, EveryTextClosesTheQueueAgain)
+{
+    const auto before = open_descriptors();
+    for (int i = 0; i < 30; i++) // the last ten do not fit
+        send(1, "text");
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(Progress, TextsGoToTheClientNamedLast)
+{
+    zncMsgQnameSet("/znc-u-8-0"); // it has no info queue any more
+    send(1, "lost");
+    zncMsgQnameSet("/znc-u-7-0");
+    send(1, "kept");
+    EXPECT_EQ(received(), std::vector<std::string>{with_nul("kept")});
 }
 
 } // namespace

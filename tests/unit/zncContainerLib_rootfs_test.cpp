@@ -74,6 +74,8 @@ TEST_F(Rootfs, PlainRelativeRootIsBelowTheBundle)
     char path[1024];
     EXPECT_EQ(zncContainerRootfsCreate(&ctx, path), OK);
     EXPECT_EQ(path, top + "/b/rootfs");
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_FALSE(fs::exists(base));
 }
 
 TEST_F(Rootfs, PlainAbsoluteRootIsUsedAsItIs)
@@ -241,6 +243,18 @@ TEST_F(Rootfs, SecondOfThreeMountsFailingUndoesTheFirstAndTheNamespace)
     EXPECT_FALSE(ctx.mounted);
     EXPECT_EQ(ctx.mountCount, 0u);
     EXPECT_EQ(ctx.nsId, -1);
+}
+
+TEST_F(Rootfs, FailingUndoOfAFailedMountIsStillADDITIONAL_MOUNT_FAILED)
+{
+    prepare(kThreeMounts);
+    fake::fail("znnsMount", 3, ENOENT);
+    fake::fail("znnsUmount", 1, EBUSY);
+    EXPECT_EQ(zncContainerMount(&ctx), ERROR);
+    EXPECT_EQ(errno, S_zncLib_ADDITIONAL_MOUNT_FAILED);
+    EXPECT_FALSE(ctx.mounted);
+    EXPECT_EQ(ctx.mountCount, 2u);
+    EXPECT_TRUE(fake::calls_of("znnsRootfsDestroy").empty());
 }
 
 TEST_F(Rootfs, MessageOfAFailedMountSurvivesMissingTexts)

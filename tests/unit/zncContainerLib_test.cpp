@@ -1,13 +1,54 @@
 #include "container_world.hpp"
 
 #include "alloc_fault.hpp"
+#include "descriptors.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <future>
+#include <type_traits>
 
 namespace {
 
 using Strings = std::vector<std::string>;
+
+// Every field of every record in its order: the compiler accepts no other, and none missing.
+[[maybe_unused]] constexpr CONTAINER_STATE kState = {.owner = nullptr,
+                                                     .status = 0,
+                                                     .pCtx = nullptr,
+                                                     .createdTime = 0,
+                                                     .ver = {},
+                                                     .containerId = {},
+                                                     .bundlePath = {}};
+static_assert(sizeof kState.ver == 64 && sizeof kState.containerId == 255 &&
+              sizeof kState.bundlePath == 1024);
+[[maybe_unused]] constexpr CONTAINER_CTX kContext = {.containerNode = {nullptr},
+                                                     .appPath = {},
+                                                     .sem = nullptr,
+                                                     .pidHandle = 0,
+                                                     .mounted = FALSE,
+                                                     .mountCount = 0,
+                                                     .nsId = -1,
+                                                     .state = kState,
+                                                     .pConfig = nullptr};
+static_assert(sizeof kContext.appPath == 1024);
+[[maybe_unused]] constexpr CONTAINER_START_PARM kStart = {.appPath = nullptr,
+                                                          .option = 0,
+                                                          .priority = 0,
+                                                          .stackSize = 0,
+                                                          .taskOption = 0,
+                                                          .nsId = -1,
+                                                          .cwd = nullptr,
+                                                          .posixFlags = 0,
+                                                          .arg = nullptr,
+                                                          .argNum = 0,
+                                                          .env = nullptr,
+                                                          .envNum = 0};
+static_assert(std::is_same_v<decltype(kStart.posixFlags), std::int16_t>);
+static_assert(STATE_CREATING == 0 && STATE_CREATED == 1 && STATE_RUNNING == 2 &&
+              STATE_STOPPED == 3 && STATE_UNKNOWN == 4 && sizeof(CONTAINER_STATUS) == 4);
+static_assert(znc::kMutexOptions == 0x0d);
 
 class Registry : public ContainerWorld {
   protected:
@@ -232,6 +273,24 @@ TEST_F(Registry, SecondContainerOnABundleIsAcceptedWithOverlay)
     EXPECT_EQ(fake::devices(), (std::set<std::string>{"/overlay/one", "/overlay/two"}));
 }
 
+TEST_F(Registry, RegisteredIdIsReportedBeforeABundleInUseAndThatBeforeAMissingConfig)
+{
+    const std::string path = bundle("b");
+    ASSERT_EQ(create("one", path), OK);
+    std::filesystem::remove(path + "/config.json");
+    expect_refused("one", path, S_zncLib_CONTAINER_EXISTS);
+    expect_refused("two", path, S_zncLib_BUNDLE_IN_USE,
+                   {"The bundle '" + path + "' is already in use."});
+}
+
+TEST_F(Registry, BundleOfABusyContainerLooksUnused)
+{
+    const std::string path = bundle("b");
+    ASSERT_EQ(create("one", path), OK);
+    while_held_elsewhere("one", [&] { EXPECT_EQ(create("two", path), OK); });
+    EXPECT_EQ(ids(), (Strings{"one", "two"}));
+}
+
 TEST_F(Registry, MissingConfigIsBUNDLE_CONFIG_NOT_EXIST)
 {
     const std::string path = top + "/none";
@@ -372,7 +431,7 @@ TEST_F(Registry, BusyIdIsRefusedOnlyAfterMountingAndUnmounting)
     EXPECT_EQ(ids(), Strings{"web"});
 }
 
-TEST_F(Registry, CreateWithTheListLockedElsewhereFailsAndUndoesItsMounts)
+TEST_F(Registry, CreateThatCannotLockTheListFailsAndUndoesItsMounts)
 {
     const std::string path = bundle("b");
     const SEM_ID sem = zncContainerSem;
@@ -392,6 +451,7 @@ TEST_F(Registry, EveryFailingAllocationOfCreateLeavesTheRegistryUnchanged)
     for (const bool overlay : {false, true}) {
         set_overlay(overlay);
         unsigned refused = 0;
+        const auto descriptors = open_descriptors();
         for (unsigned n = 1;; n++) {
             alloc_fault::arm(n);
             const STATUS result = create("web", path);
@@ -416,6 +476,7 @@ TEST_F(Registry, EveryFailingAllocationOfCreateLeavesTheRegistryUnchanged)
             }
         }
         EXPECT_GE(refused, 8u);
+        EXPECT_EQ(open_descriptors(), descriptors);
         messages();
     }
 }
@@ -663,6 +724,19 @@ TEST_F(Registry, FailingUnmountIsUNMOUNT_FAILEDAndTheNextDeleteRemovesTheContain
     EXPECT_TRUE(ids().empty());
 }
 
+TEST_F(Registry, UpperLayerThatCannotBeRemovedIsUNMOUNT_FAILED)
+{
+    set_overlay(true);
+    make("web", STATE_CREATED);
+    std::filesystem::remove_all(base);
+    std::ofstream(base) << "a file in the way";
+    EXPECT_EQ(zncContainerDelete("web", 0), ERROR);
+    EXPECT_EQ(errno, S_zncLib_UNMOUNT_FAILED);
+    EXPECT_EQ(messages(), Strings{"Unmount failed containerId: web"});
+    EXPECT_TRUE(fake::namespaces().empty());
+    EXPECT_EQ(zncContainerDelete("web", 0), OK);
+}
+
 TEST_F(Registry, DeleteWithoutMemoryIsUNMOUNT_FAILED)
 {
     make("web", STATE_CREATED);
@@ -784,7 +858,26 @@ TEST_F(Registry, StateWithoutTheListLockFails)
     zncContainerSem = sem;
 }
 
-TEST_F(Registry, BundleIsFoundHoweverItsPathIsGiven)
+// Five seconds long.
+TEST_F(Registry, ListHeldByAnotherTaskIsWaitedForAndThenGivenUp)
+{
+    make("web", STATE_CREATED);
+    std::promise<void> held, done;
+    std::thread holder([&] {
+        EXPECT_EQ(zncContainerListLock(), OK);
+        held.set_value();
+        done.get_future().wait();
+        EXPECT_EQ(zncContainerListUnlock(), OK);
+    });
+    held.get_future().wait();
+    EXPECT_EQ(status_of("web"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    done.set_value();
+    holder.join();
+    EXPECT_EQ(status_of("web"), STATE_CREATED);
+}
+
+TEST_F(Registry, BundleIsFoundByThePathItWasCreatedWith)
 {
     const std::string path = bundle("b");
     ASSERT_EQ(create("web", path), OK);
@@ -863,8 +956,15 @@ TEST_F(Registry, TasksCreatingStartingAndDeletingAtOnceLeaveAnEmptyRegistry)
             const Strings seen = ids();
             EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
             EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end());
-            for (const std::string& id : seen)
-                status_of(id); // may be busy or gone
+            for (std::string id : seen) {
+                CONTAINER_STATE state;
+                if (zncContainerStateGet(id.data(), &state) != OK)
+                    continue; // busy or gone
+
+                // Never a half-made one.
+                EXPECT_NE(state.pCtx, nullptr) << id;
+                EXPECT_NE(state.createdTime, 0) << id;
+            }
         }
     });
     std::vector<std::thread> tasks;

@@ -1,14 +1,55 @@
 #include "zncRuntimeSpec.hpp"
 
 #include "alloc_fault.hpp"
+#include "descriptors.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 namespace {
+
+// Every field of every record in its order: the compiler accepts no other, and none missing.
+[[maybe_unused]] constexpr runtimeSpecConfigAnnotations kAnnotations = {
+    .k = nullptr, .v = nullptr, .count = 0, .tree = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfigProcess kProcess = {.args = nullptr,
+                                                                .argCount = 0,
+                                                                .env = nullptr,
+                                                                .envCount = 0,
+                                                                .cwd = nullptr,
+                                                                .terminal = false,
+                                                                .tree = nullptr};
+[[maybe_unused]] constexpr runtimeHookNode kNode = {
+    .rtpPath = nullptr, .args = nullptr, .argsCnt = 0, .env = nullptr, .envCnt = 0};
+[[maybe_unused]] constexpr runtimeSpecConfigHook kHook = {
+    .nodeCnt = 0, .hookNode = nullptr, .tree = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfigRoot kRoot = {
+    .path = nullptr, .ro = false, .tree = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfigZarnel kZarnel = {
+    .option = 0, .priority = 0, .stackSize = 0, .taskOption = 0, .tree = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfigMount kMount = {
+    .src = nullptr, .dst = nullptr, .opt = nullptr, .optLen = 0, .type = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfigMounts kMounts = {
+    .count = 0, .mount = nullptr, .tree = nullptr};
+[[maybe_unused]] constexpr runtimeSpecConfig kConfig = {.version = nullptr,
+                                                        .hostName = nullptr,
+                                                        .annotations = nullptr,
+                                                        .process = nullptr,
+                                                        .hooks = {},
+                                                        .root = nullptr,
+                                                        .zarnel = nullptr,
+                                                        .mounts = nullptr,
+                                                        .tree = nullptr};
+static_assert(sizeof kConfig.hooks / sizeof kConfig.hooks[0] == 6);
+static_assert(std::is_same_v<decltype(runtimeSpecConfigZarnel::priority), std::int32_t>);
+static_assert(std::is_same_v<decltype(runtimeSpecConfigProcess::argCount), std::int32_t>);
+static_assert(std::is_same_v<decltype(runtimeSpecConfigMount::optLen), std::size_t>);
+static_assert(std::is_same_v<runtimeHookNode, struct runtimeHookNodeFunc>);
 
 struct SpecDeleter {
     void operator()(runtimeSpecConfig* config) const { zncDestroyRuntimeSpec(config); }
@@ -108,6 +149,7 @@ TEST_F(RuntimeSpec, FullDocumentIsReadIntoEveryField)
     EXPECT_EQ(spec->zarnel->tree, cJSON_GetObjectItem(spec->tree, "zarnel"));
     ASSERT_NE(spec->annotations, nullptr);
     EXPECT_EQ(spec->annotations->count, 2);
+    EXPECT_EQ(spec->annotations->tree, cJSON_GetObjectItem(spec->tree, "annotations"));
     EXPECT_STREQ(spec->annotations->k[0], "k1");
     EXPECT_STREQ(spec->annotations->v[0], "v1");
     EXPECT_STREQ(spec->annotations->k[1], "k2");
@@ -157,9 +199,49 @@ TEST_F(RuntimeSpec, WrongTypesReadAsAbsent)
 
 TEST_F(RuntimeSpec, DestroyingNullDoesNothing)
 {
-    errno = 0;
+    errno = 5;
     zncDestroyRuntimeSpec(nullptr);
-    EXPECT_EQ(errno, 0);
+    destroyRuntimeSpecProcess(nullptr);
+    destroyRuntimeSpecZarnel(nullptr);
+    destroyRuntimeSpecAnnotations(nullptr);
+    destroyRuntimeSpecMounts(nullptr);
+    destroyRuntimeSpecRoot(nullptr);
+    destroyRuntimeSpecHook(nullptr);
+    destroyRuntimeHookNode(nullptr);
+    EXPECT_EQ(errno, 5);
+}
+
+TEST_F(RuntimeSpec, ProcessThatIsRefusedDoesNotLeaveAnOldENOENT)
+{
+    const znc::CJsonPtr tree(cJSON_Parse(R"({"cwd":"/"})"));
+    errno = ENOENT;
+    EXPECT_EQ(initializeRuntimeSpecProcess(tree.get()), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(RuntimeSpec, ReadersOfAnAbsentSectionGiveNullExceptZarnel)
+{
+    EXPECT_EQ(initializeRuntimeSpecProcess(nullptr), nullptr);
+    EXPECT_EQ(initializeRuntimeSpecAnnotations(nullptr), nullptr);
+    EXPECT_EQ(initializeRuntimeSpecMounts(nullptr), nullptr);
+    EXPECT_EQ(initializeRuntimeSpecRoot(nullptr), nullptr);
+    EXPECT_EQ(initializeRuntimeSpecHook(nullptr, 0), nullptr);
+    EXPECT_EQ(initializeRuntimeHookNode(nullptr), nullptr);
+    EXPECT_EQ(getMountsOption(nullptr), nullptr);
+    runtimeSpecConfigHook unset = {};
+    runtimeSpecConfigHook* hooks[RUNTIME_HOOK_KINDS];
+    std::fill(std::begin(hooks), std::end(hooks), &unset);
+    initializeRuntimeSpecHooks(nullptr, hooks);
+    for (const runtimeSpecConfigHook* hook : hooks)
+        EXPECT_EQ(hook, nullptr);
+}
+
+TEST_F(RuntimeSpec, OnlyTheBooleanTrueIsTrue)
+{
+    const znc::CJsonPtr tree(cJSON_Parse(R"({"yes":true,"no":false,"one":1,"text":"true"})"));
+    EXPECT_TRUE(runtimeSpecGetBoolean(tree.get(), "yes"));
+    for (const char* name : {"no", "one", "text", "absent"})
+        EXPECT_FALSE(runtimeSpecGetBoolean(tree.get(), name)) << name;
 }
 
 // ------------------------------------------------------------------ refused documents
@@ -212,6 +294,7 @@ TEST_F(RuntimeSpec, EveryFailingAllocationGivesNullOrWholeSections)
         "mounts":[{"source":"/s","options":["ro"]},{"destination":"/d","options":["rw","x"]}],
         "hooks":{"prestart":{"path":"/x","args":["1"],"env":["2"]},"poststop":[{"path":"/y"}]}})");
     unsigned refused = 0;
+    const auto descriptors = open_descriptors();
     for (unsigned n = 1;; n++) {
         alloc_fault::arm(n);
         Spec spec(zncInitializeRuntimeSpec(path.c_str()));
@@ -234,20 +317,24 @@ TEST_F(RuntimeSpec, EveryFailingAllocationGivesNullOrWholeSections)
         }
     }
     EXPECT_GE(refused, 6u); // record, file, document, process, its lists, zarnel
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(RuntimeSpec, MemoryShortForProcessOrZarnelRecordIsNullWithENOMEM)
 {
     const znc::CJsonPtr tree(cJSON_Parse(R"({"args":["/a"],"env":["A=1"]})"));
     for (unsigned n = 1; n <= 3; n++) { // record, args, env
+        errno = 0;
         alloc_fault::arm(n);
         EXPECT_EQ(initializeRuntimeSpecProcess(tree.get()), nullptr) << n;
-        alloc_fault::disarm();
+        EXPECT_EQ(alloc_fault::disarm(), n);
         EXPECT_EQ(errno, ENOMEM);
     }
+    errno = 0;
     alloc_fault::arm(1);
     EXPECT_EQ(initializeRuntimeSpecZarnel(nullptr), nullptr);
-    alloc_fault::disarm();
+    EXPECT_EQ(alloc_fault::disarm(), 1u);
+    EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(RuntimeSpec, MountThatCannotBeAllocatedFailsTheSection)
@@ -442,10 +529,10 @@ TEST_F(RuntimeSpec, EmptyHookKindAndKindOutOfRangeAreNull)
 TEST_F(RuntimeSpec, HookNodeThatCannotBeAllocatedIsNull)
 {
     const znc::CJsonPtr tree(cJSON_Parse(R"({"path":"/x","args":["1"],"env":["2"]})"));
-    for (unsigned n = 1; n <= 3; n++) {
+    for (unsigned n = 1; n <= 3; n++) { // record, args, env
         alloc_fault::arm(n);
         EXPECT_EQ(initializeRuntimeHookNode(tree.get()), nullptr) << n;
-        alloc_fault::disarm();
+        EXPECT_EQ(alloc_fault::disarm(), n);
     }
 }
 

@@ -45,7 +45,6 @@ STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
     if (znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath) == end ||
         znPathAppend(path, sizeof ctx->state.bundlePath, "config.json") == end)
         return fail_with(ENAMETOOLONG);
-    errno = 0;
     ctx->pConfig = zncInitializeRuntimeSpec(path);
     if (ctx->pConfig == nullptr) {
         if (errno != ENOENT)

@@ -1,44 +1,23 @@
 // Progress texts for the client being served. Losing one is never an error.
 #include "zncContainerLib.hpp"
 
+#include "zncRuntimeCSLib.hpp"
+
 #include <cstdarg>
 #include <cstdio>
 
 namespace {
-
-constexpr std::size_t kInfoMessages = 20;
-constexpr std::size_t kInfoMessageLen = 255;
-
-class InfoQueue {
-  public:
-    explicit InfoQueue(const char* name) noexcept
-        : id_(znMsgQOpen(name, kInfoMessages, kInfoMessageLen, ZN_MSG_Q_FIFO,
-                         ZN_MSG_Q_OPEN_EXISTING))
-    {
-    }
-    InfoQueue(const InfoQueue&) = delete;
-    InfoQueue& operator=(const InfoQueue&) = delete;
-    ~InfoQueue()
-    {
-        if (id_ >= 0)
-            znMsgQClose(id_);
-    }
-    [[nodiscard]] MSG_Q_ID get() const noexcept { return id_; }
-
-  private:
-    MSG_Q_ID id_;
-};
 
 void post(uint32_t lvl, const char* format, va_list arguments)
 {
     if (format == nullptr || lvl == 0 || lvl > zncMsgVerbosity)
         return;
     const znc::ErrnoSaver keep;
-    const InfoQueue queue(infoMsgQ);
-    if (queue.get() < 0)
+    const znc::UniqueQueue queue = znc::open_queue(infoMsgQ, znc::kInfoQueue, ZN_MSG_Q_FIFO);
+    if (!queue)
         return;
-    char text[kInfoMessageLen + 1] = "";
-    ::vsnprintf(text, kInfoMessageLen, format, arguments);
+    char text[znc::kInfoQueue.maxMsgLen + 1] = "";
+    ::vsnprintf(text, znc::kInfoQueue.maxMsgLen, format, arguments);
     znMsgQSend(queue.get(), text, std::strlen(text) + 1, ZN_NO_WAIT, ZN_MSG_PRI_NORMAL);
 }
 

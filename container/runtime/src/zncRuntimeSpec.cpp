@@ -89,7 +89,7 @@ runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
 {
     const cJSON* const args = runtimeSpecGetObject(item, "args");
     if (args == nullptr) {
-        // A stale ENOENT would read as a missing file.
+        // Nothing has failed as yet, and a stale ENOENT would read as a missing file.
         errno = EINVAL;
         return nullptr;
     }
