@@ -5,12 +5,10 @@
 
 #include <cstring>
 #include <ctime>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 
 namespace zn {
 namespace {
@@ -20,18 +18,7 @@ using znc::UniqueFd;
 constexpr unsigned long kNamespaces =
     CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
 constexpr int kAnswerMilliseconds = 4000; // below the time after which a client gives up
-constexpr int kKillMilliseconds = 2000;
-
-// Waits for input; an interruption begins the wait anew.
-bool readable(int fd, int milliseconds)
-{
-    pollfd one = {fd, POLLIN, 0};
-    int n;
-    do {
-        n = ::poll(&one, 1, milliseconds);
-    } while (n < 0 && errno == EINTR);
-    return n > 0;
-}
+constexpr std::int64_t kKillNs = 2 * kNsPerSec;
 
 // One helper file serves all keepers of this process, so that its pages are in memory once.
 int keeper_file()
@@ -80,14 +67,17 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
         header->cmsg_len = CMSG_LEN(sizeof(int));
         std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
     }
+    if (!socket_)
+        return ESRCH;
     ssize_t n;
     do {
         n = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
     } while (n < 0 && errno == EINTR);
     if (n < 0)
         return errno == EPIPE || errno == ECONNRESET ? ESRCH : errno;
-    if (!readable(socket_.get(), kAnswerMilliseconds)) {
+    if (!readable_within(socket_.get(), kAnswerMilliseconds)) {
         process_signal(pidfd_.get(), SIGKILL);
+        socket_.reset(); // a late answer must not be taken for that to a later request
         return ETIMEDOUT;
     }
     wire::Answer answer = {};
@@ -111,9 +101,11 @@ int Keeper::ask(wire::Op op, std::uint64_t value, std::uint64_t* answer)
 
 void Keeper::kill_others()
 {
-    std::uint64_t used = 0;
-    for (int waited = 0; waited < kKillMilliseconds; waited++) {
-        if (ask(wire::Op::kInUse, 0, &used) != 0 || used == 0)
+    const std::int64_t deadline = now_ns() + kKillNs;
+    while (now_ns() < deadline) {
+        std::uint64_t used = 0;
+        const int error = ask(wire::Op::kInUse, 0, &used);
+        if (error == ESRCH || (error == 0 && used == 0))
             return;
         ask(wire::Op::kKill, SIGKILL);
         const timespec pause = {0, 1000000};
@@ -137,12 +129,9 @@ bool Keeper::ended(int waitMilliseconds) const
 
 bool Keeper::reap()
 {
-    const znc::ErrnoSaver keep;
     if (!ended(0))
         return false;
-    siginfo_t info;
-    ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd_.get()), &info,
-             WEXITED | WNOHANG | __WALL);
+    process_reap(pidfd_.get());
     return true;
 }
 

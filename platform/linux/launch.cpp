@@ -1,5 +1,7 @@
 #include "launch.hpp"
 
+#include "pidfd.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
@@ -7,7 +9,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #ifndef MFD_EXEC
@@ -16,6 +17,10 @@
 
 extern "C" const char zn_helper_image[];
 extern "C" const char zn_helper_image_end[];
+
+// The C library's own name for clone. A thread sanitizer watches the other one and takes the call
+// for a fork, after which it allows no threads.
+extern "C" int __clone(int (*)(void*), void*, int, void*, ...);
 
 namespace zn {
 namespace {
@@ -31,32 +36,42 @@ struct Child {
     int error;
 };
 
-// Runs on the caller's memory while the caller waits, so it makes nothing but plain system calls
-// and must not be instrumented.
-#if defined(__clang__) || defined(__GNUC__)
-__attribute__((no_sanitize("address", "thread", "undefined")))
-#endif
-int child_main(void* argument)
+// What runs in the child runs on the caller's memory while the caller waits, so it makes nothing
+// but plain system calls and must not be instrumented.
+#define ZN_PLAIN __attribute__((no_sanitize("address", "thread", "undefined")))
+
+// A copy of `fd` out of the way of the numbers wanted; -1 with errno set.
+ZN_PLAIN long copy_high(int fd)
+{
+    const long high = ::syscall(SYS_fcntl, fd, F_DUPFD, kFdAbove);
+    if (high < 0 && errno == EINVAL) // what it says when the limit is below kFdAbove
+        errno = EMFILE;
+    return high;
+}
+
+// Everything to its number, the helper's file behind the last of them, and nothing else open.
+ZN_PLAIN bool place_descriptors(const Launch& launch)
+{
+    const LaunchFd* fds = launch.fds.data();
+    const std::size_t count = launch.fds.size();
+    long high[kFdsMax];
+    const long file = copy_high(launch.file);
+    bool good = file >= 0;
+    for (std::size_t i = 0; good && i < count; i++)
+        good = (high[i] = copy_high(fds[i].source)) >= 0;
+    for (std::size_t i = 0; good && i < count; i++)
+        good = ::syscall(SYS_dup3, high[i], fds[i].target, 0) >= 0;
+    return good && ::syscall(SYS_dup3, file, launch.closeFrom, O_CLOEXEC) >= 0 &&
+           ::syscall(SYS_close_range, launch.closeFrom + 1, ~0U, 0) == 0;
+}
+
+ZN_PLAIN int child_main(void* argument)
 {
     auto* child = static_cast<Child*>(argument);
     const Launch& launch = *child->launch;
-    // Move everything out of the way of the numbers wanted, then into place.
-    long high[kFdsMax];
-    const std::size_t count = launch.fds.size();
-    for (std::size_t i = 0; i < count; i++)
-        high[i] = ::syscall(SYS_fcntl, launch.fds.data()[i].source, F_DUPFD, kFdAbove);
-    const long file = ::syscall(SYS_fcntl, launch.file, F_DUPFD_CLOEXEC, kFdAbove);
-    for (std::size_t i = 0; i < count; i++)
-        if (::syscall(SYS_dup3, high[i], launch.fds.data()[i].target, 0) < 0)
-            child->error = errno;
-    if (child->error == 0 && ::syscall(SYS_dup3, file, launch.closeFrom, O_CLOEXEC) < 0)
-        child->error = errno;
-    if (child->error == 0 && ::syscall(SYS_close_range, launch.closeFrom + 1, ~0U, 0) < 0)
-        child->error = errno;
-    if (child->error == 0) {
+    if (place_descriptors(launch))
         ::syscall(SYS_execveat, launch.closeFrom, "", launch.argv, launch.envp, AT_EMPTY_PATH);
-        child->error = errno;
-    }
+    child->error = errno;
     ::syscall(SYS_exit, 127);
     return 127;
 }
@@ -100,7 +115,7 @@ pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     Child child = {&launch, 0};
     int fd = -1;
-    const int pid = ::clone(
+    const int pid = ::__clone(
         child_main, reinterpret_cast<void*>(top),
         static_cast<int>(launch.cloneFlags | CLONE_VM | CLONE_VFORK | CLONE_PIDFD), &child, &fd);
     const int cloneError = errno;
@@ -111,8 +126,7 @@ pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
     }
     pidfd.reset(fd);
     if (child.error != 0) {
-        siginfo_t info;
-        ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(fd), &info, WEXITED | __WALL);
+        process_reap(fd);
         pidfd.reset();
         errno = child.error;
         return -1;

@@ -26,6 +26,8 @@ constexpr Flag kFlags[] = {
     {"dev", 0, MOUNT_ATTR_NODEV},
     {"noexec", MOUNT_ATTR_NOEXEC, 0},
     {"exec", 0, MOUNT_ATTR_NOEXEC},
+    {"nosymfollow", MOUNT_ATTR_NOSYMFOLLOW, 0},
+    {"symfollow", 0, MOUNT_ATTR_NOSYMFOLLOW},
     {"nodiratime", MOUNT_ATTR_NODIRATIME, 0},
     {"diratime", 0, MOUNT_ATTR_NODIRATIME},
     {"relatime", MOUNT_ATTR_RELATIME, kAtime},

@@ -279,6 +279,8 @@ bool names_nothing(const char* destination)
 int mount_one(Namespace& ns, const char* source, const char* destination, const char* type,
               const char* const* options)
 {
+    if (ns.root[0] == '\0') // the keeper still sees the host's tree
+        return EINVAL;
     if (std::strlen(destination) >= kRootPathMax)
         return ENAMETOOLONG;
     MallocPtr<MountEntry> entry = znc::malloc_zeroed<MountEntry>();
@@ -341,6 +343,9 @@ void end_recorded(nsid_t id, void* context)
         process_signal(keeper.get(), SIGKILL);
         if (!process_ended(keeper.get(), kRecoverMilliseconds))
             failed++;
+    } else if (!ns_record_is_void(errno)) {
+        failed++;
+        return; // for the next one to try
     }
     ns_record_remove(id);
 }
@@ -371,16 +376,16 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    ns->ownsDevice = is_own_device(rootPath, name);
-    int error = ns->root[0] != '\0' ? EBUSY : 0;
-    if (error == 0 && std::strlen(rootPath) >= sizeof ns->root)
-        error = ENAMETOOLONG;
+    if (ns->root[0] != '\0')
+        return result(EBUSY);
+    int error = std::strlen(rootPath) >= sizeof ns->root ? ENAMETOOLONG : 0;
     if (error == 0) {
+        ns->ownsDevice = is_own_device(rootPath, name);
         std::strcpy(ns->root, rootPath);
         error = make_root(*ns, rootPath, name);
     }
     // Without its root the namespace is of no use, and the caller would not come back for it.
-    if (error != 0 && error != EBUSY)
+    if (error != 0)
         end_namespace(find_link(id));
     return result(error);
 }
@@ -447,9 +452,9 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     if (ns == nullptr)
         return ERROR;
     // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
-    const UniqueFd process = handle > 0 ? process_open(handle) : UniqueFd();
-    if (!process || !same_pid_namespace(handle, ns->keeper.pid()) ||
-        process_ended(process.get(), 0))
+    const pid_t keeper = ns->keeper.pid();
+    const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
+    if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))
         return result(ESRCH);
     return process_signal(process.get(), host) == 0 ? OK : ERROR;
 }
@@ -471,8 +476,7 @@ STATUS znnsInUse(nsid_t id, BOOL* inUse)
 int znnsRecover(void)
 {
     int failed = 0;
-    ns_record_each(end_recorded, &failed);
-    return failed;
+    return ns_record_each(end_recorded, &failed) ? failed : failed + 1;
 }
 
 int znnsShutdown(void)

@@ -15,7 +15,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr char kRecordDir[] = "/run/zarnel/ns";
+constexpr char kRecordDir[] = "/run/zarnel/ns"; // in kRuntimeDir
 
 void record_path(nsid_t ns, char (&path)[64])
 {
@@ -114,25 +114,36 @@ UniqueFd ns_record_keeper(const NsRecord& record)
     // Once the descriptor is open it stands for one process for ever; the start time then tells
     // whether that one is the keeper.
     UniqueFd pidfd = process_open(record.keeper);
-    if (!pidfd || process_start_time(record.keeper) != record.startTime ||
-        process_ended(pidfd.get(), 0)) {
+    const unsigned long long startTime = pidfd ? process_start_time(record.keeper) : 0;
+    if (startTime == 0) {
+        if (errno == ENOENT) // no such file for a process that is gone
+            errno = ESRCH;
+        return UniqueFd();
+    }
+    if (startTime != record.startTime || process_ended(pidfd.get(), 0)) {
         errno = ESRCH;
         return UniqueFd();
     }
     return pidfd;
 }
 
-void ns_record_each(void (*visit)(nsid_t ns, void* context), void* context)
+bool ns_record_is_void(int error)
+{
+    return error == ENOENT || error == EINVAL || error == ESRCH;
+}
+
+bool ns_record_each(void (*visit)(nsid_t ns, void* context), void* context)
 {
     const znc::UniqueDir dir(::opendir(kRecordDir));
     if (!dir)
-        return;
+        return errno == ENOENT;
     while (const dirent* entry = ::readdir(dir.get())) {
         nsid_t ns = -1;
         char rest = 0;
         if (std::sscanf(entry->d_name, "%d%c", &ns, &rest) == 1 && ns >= 0)
             visit(ns, context);
     }
+    return true;
 }
 
 bool ns_record_rooted_on(const char* root)
@@ -141,16 +152,18 @@ bool ns_record_rooted_on(const char* root)
         const char* root;
         bool found;
     } search = {root, false};
-    ns_record_each(
+    const bool listed = ns_record_each(
         [](nsid_t ns, void* context) {
             auto* wanted = static_cast<Search*>(context);
             NsRecord record;
-            if (ns_record_read(ns, record) == 0 && std::strcmp(record.root, wanted->root) == 0 &&
-                ns_record_keeper(record))
-                wanted->found = true;
+            if (ns_record_read(ns, record) != 0)
+                wanted->found = wanted->found || !ns_record_is_void(errno);
+            else if (std::strcmp(record.root, wanted->root) == 0)
+                wanted->found =
+                    wanted->found || ns_record_keeper(record) || !ns_record_is_void(errno);
         },
         &search);
-    return search.found;
+    return search.found || !listed;
 }
 
 } // namespace zn

@@ -29,13 +29,17 @@ int ns_record_write(nsid_t ns, const NsRecord& record);
 int ns_record_read(nsid_t ns, NsRecord& record);
 void ns_record_remove(nsid_t ns);
 
-// A descriptor for the keeper of a record; invalid with ESRCH when it is gone.
+// A descriptor for the keeper of a record; invalid with errno set, ESRCH when it is gone.
 znc::UniqueFd ns_record_keeper(const NsRecord& record);
 
-// Calls `visit(ns, context)` for every record.
-void ns_record_each(void (*visit)(nsid_t ns, void* context), void* context);
+// Whether reading a record or finding its keeper failed because there is none or it was never
+// complete, rather than for want of something.
+bool ns_record_is_void(int error);
 
-// Whether a living namespace of any process has this root.
+// Calls `visit(ns, context)` for every record. False with errno set when they cannot be listed.
+bool ns_record_each(void (*visit)(nsid_t ns, void* context), void* context);
+
+// Whether a living namespace of any process has this root; yes if that cannot be told.
 bool ns_record_rooted_on(const char* root);
 
 } // namespace zn

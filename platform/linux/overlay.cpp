@@ -4,6 +4,7 @@
 
 #include "zarnel/overlay.h"
 
+#include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_mount.hpp"
 
@@ -24,8 +25,9 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL
+constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
 constexpr std::size_t kStackMax = 1024 * 1024;
+constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
 
 // The name below /overlay, or null for a path that is none of a device.
 const char* device_name(const char* devName)
@@ -39,12 +41,21 @@ const char* device_name(const char* devName)
     return bad ? nullptr : name;
 }
 
-// The directory of all devices, locked, so that one at a time makes or removes devices.
+// The directory of all devices, locked, so that one at a time makes or removes devices. A process
+// that is stopped while it has the lock must not stop the others: EBUSY in the end.
 UniqueFd open_devices()
 {
     UniqueFd dir(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir && ::flock(dir.get(), LOCK_EX) != 0)
-        dir.reset();
+    const std::int64_t deadline = now_ns() + kTurnNs;
+    while (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || now_ns() >= deadline) {
+            if (errno == EWOULDBLOCK)
+                errno = EBUSY;
+            return UniqueFd();
+        }
+        const timespec pause = {0, 1000000};
+        ::nanosleep(&pause, nullptr);
+    }
     return dir;
 }
 
@@ -87,73 +98,92 @@ int detach(int devices, const char* name)
     return 0;
 }
 
-int write_stack(int node, const char* const* dirs, uint32_t count)
+bool write_all(int file, const char* text, std::size_t len)
+{
+    const ssize_t n = ::write(file, text, len);
+    if (n >= 0 && n != static_cast<ssize_t>(len))
+        errno = ENOSPC;
+    return n == static_cast<ssize_t>(len);
+}
+
+bool write_stack(int node, const char* const* dirs, uint32_t count)
 {
     const UniqueFd file(
         ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
-        return -1;
-    for (uint32_t i = 0; i < count; i++) {
-        const std::size_t len = std::strlen(dirs[i]) + 1;
-        const ssize_t n = ::write(file.get(), dirs[i], len);
-        if (n != static_cast<ssize_t>(len)) {
-            if (n >= 0)
-                errno = ENOSPC;
-            return -1;
-        }
-    }
-    return 0;
+    bool written = static_cast<bool>(file);
+    for (uint32_t i = 0; written && i < count; i++)
+        written = write_all(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
+    // Without its end a record was cut off by a crash and shows too few layers.
+    return written && write_all(file.get(), "", 1);
 }
 
-// The record's text, its directories counted; null when there is none.
-MallocPtr<char[]> read_stack(int devices, const char* name, std::size_t& len)
+UniqueFd open_node(int devices, const char* name)
 {
-    const UniqueFd node(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const UniqueFd file(node ? ::openat(node.get(), kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)
-                             : -1);
+    return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// The record's text; null with errno set, ENOENT when there is none or it has no end.
+MallocPtr<char[]> read_stack(int node, std::size_t& len)
+{
+    const UniqueFd file(::openat(node, kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st;
-    if (!file || ::fstat(file.get(), &st) != 0 || st.st_size <= 0 ||
-        st.st_size > static_cast<off_t>(kStackMax))
+    if (!file || ::fstat(file.get(), &st) != 0)
         return nullptr;
     len = static_cast<std::size_t>(st.st_size);
-    auto text = znc::malloc_array<char>(len);
-    if (!text || ::read(file.get(), text.get(), len) != st.st_size || text[len - 1] != '\0')
+    auto text = znc::malloc_array<char>(len <= kStackMax ? len : 0);
+    if (!text)
         return nullptr;
-    return text;
+    const bool whole = len >= 3 && len <= kStackMax &&
+                       ::read(file.get(), text.get(), len) == st.st_size && text[len - 1] == '\0' &&
+                       text[len - 2] == '\0';
+    if (whole)
+        return text;
+    errno = ENOENT;
+    return nullptr;
 }
 
-int attach_on(int devices, const char* name, const char* const* dirs, uint32_t count, bool hasUpper)
+int create_on(int devices, const char* name, const char* const* dirs, uint32_t count, bool hasUpper)
 {
     if (::mkdirat(devices, name, 0755) != 0 && errno != EEXIST)
         return -1;
-    const UniqueFd node(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const bool attached = node && (hasUpper || write_stack(node.get(), dirs, count) == 0) &&
+    const UniqueFd node = open_node(devices, name);
+    const bool attached = node && (hasUpper || write_stack(node.get(), dirs, count)) &&
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
     return attached ? 0 : -1;
 }
 
+bool all_there(const char* const* dirs, uint32_t count)
+{
+    struct stat st;
+    for (uint32_t i = 0; i < count; i++)
+        if (::stat(dirs[i], &st) != 0 || !S_ISDIR(st.st_mode))
+            return false;
+    return true;
+}
+
+// Attaches a recorded device again. The node stays for the next try when that fails; it goes when
+// it is a container's, from before a reboot, or one whose layers are gone.
 int restore_stack(int devices, const char* name)
 {
+    const UniqueFd node = open_node(devices, name);
     std::size_t len = 0;
-    const auto text = read_stack(devices, name, len);
+    const auto text = node ? read_stack(node.get(), len) : nullptr;
+    if (!text && errno != ENOENT)
+        return -1;
     uint32_t count = 0;
-    for (std::size_t i = 0; text && i < len; i++)
+    for (std::size_t i = 0; text && i + 1 < len; i++)
         count += text[i] == '\0' ? 1 : 0;
     const auto dirs = znc::malloc_array<const char*>(count);
     if (!dirs)
         return -1;
     const char* at = text.get();
-    bool complete = count > 0;
-    for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1) {
-        struct stat st;
+    for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1)
         dirs[i] = at;
-        complete = complete && ::stat(at, &st) == 0 && S_ISDIR(st.st_mode);
-    }
-    if (complete)
-        return attach_on(devices, name, dirs.get(), count, false);
-    remove_node(devices, name); // a container's, from before a reboot, or one whose layers are gone
+    if (count > 0 && all_there(dirs.get(), count))
+        return overlay_mount(node.get(), dirs.get(), count, false);
+    remove_node(devices, name);
     return 0;
 }
 
@@ -199,7 +229,7 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
     const UniqueFd devices = open_devices();
     if (!devices || make_room(devices.get(), devName, name) != 0)
         return ERROR;
-    return attach_on(devices.get(), name, dirs, dirNum, hasUpper != FALSE) == 0 ? OK : ERROR;
+    return create_on(devices.get(), name, dirs, dirNum, hasUpper != FALSE) == 0 ? OK : ERROR;
 }
 
 STATUS znOvlDevRemove(const char* devName)
@@ -224,8 +254,14 @@ BOOL znOvlInit(void)
 {
     const znc::ErrnoSaver keep;
     struct stat st;
-    if (overlay_supported() && ::stat(ZN_OVERLAY_DIR, &st) != 0)
-        ::mkdir(ZN_OVERLAY_DIR, 0755);
+    // The trees of containers are writable for whoever reaches them: only root may. A directory
+    // that was there before may have been open to all.
+    if (overlay_supported() && ::mkdir(ZN_OVERLAY_DIR, 0700) != 0 && errno == EEXIST) {
+        const UniqueFd devices(
+            ::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (devices && ::fstat(devices.get(), &st) == 0 && st.st_uid == ::geteuid())
+            ::fchmod(devices.get(), 0700);
+    }
     return ::stat(ZN_OVERLAY_DIR, &st) == 0 && S_ISDIR(st.st_mode) ? TRUE : FALSE;
 }
 
@@ -233,11 +269,12 @@ int znOvlRestore(void)
 {
     const UniqueFd devices = open_devices();
     if (!devices)
-        return 0;
-    const UniqueFd again(::openat(devices.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const znc::UniqueDir dir(again ? ::fdopendir(::dup(again.get())) : nullptr);
+        return errno == ENOENT ? 0 : 1;
+    const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
+    if (!dir)
+        return 1;
     int failed = 0;
-    while (const dirent* entry = dir ? ::readdir(dir.get()) : nullptr) {
+    while (const dirent* entry = ::readdir(dir.get())) {
         const char* name = entry->d_name;
         if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
             restore_one(devices.get(), name) != 0)

@@ -17,44 +17,83 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
+// Only containers use what a device shows, and they get a view of their own of it: on the host its
+// device nodes and set-id programs must mean nothing.
+constexpr unsigned kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+constexpr unsigned long kQuietClassic = MS_NOSUID | MS_NODEV;
+
 UniqueFd open_directory(const char* path)
 {
     return UniqueFd(::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-// The kernel wants an empty directory of its own on the upper one's filesystem.
-UniqueFd open_work(const char* upper)
-{
-    char path[4096];
-    const int len = std::snprintf(path, sizeof path, "%s/../work", upper);
-    if (len < 0 || static_cast<std::size_t>(len) >= sizeof path) {
-        errno = ENAMETOOLONG;
-        return UniqueFd();
+// The upper directory of a device, and beside it one of its own that the kernel wants.
+class Upper {
+  public:
+    bool open(const char* path)
+    {
+        upper_ = open_directory(path);
+        parent_.reset(upper_ ? ::openat(upper_.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+        if (!parent_)
+            return false;
+        made_ = ::mkdirat(parent_.get(), kWork, 0700) == 0;
+        if (!made_ && errno != EEXIST)
+            return false;
+        work_.reset(::openat(parent_.get(), kWork, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return static_cast<bool>(work_);
     }
-    if (::mkdir(path, 0700) != 0 && errno != EEXIST)
-        return UniqueFd();
-    return open_directory(path);
-}
+    // Takes away what was made for a mount that then failed.
+    void undo() const
+    {
+        const znc::ErrnoSaver keep;
+        if (!made_)
+            return;
+        if (work_)
+            ::unlinkat(work_.get(), kWork, AT_REMOVEDIR);
+        ::unlinkat(parent_.get(), kWork, AT_REMOVEDIR);
+    }
+    [[nodiscard]] int upper() const { return upper_.get(); }
+    [[nodiscard]] int work() const { return work_.get(); }
+
+  private:
+    static constexpr char kWork[] = "work"; // in which the kernel makes another of that name
+    UniqueFd upper_;
+    UniqueFd parent_;
+    UniqueFd work_;
+    bool made_ = false;
+};
 
 bool set_fd(int context, const char* key, int fd)
 {
     return ::syscall(SYS_fsconfig, context, FSCONFIG_SET_FD, key, nullptr, fd) == 0;
 }
 
-// Descriptors of a stack, closed together.
+bool repeats(const char* const* dirs, std::uint32_t at)
+{
+    for (std::uint32_t i = 0; i < at; i++)
+        if (std::strcmp(dirs[i], dirs[at]) == 0)
+            return true;
+    return false;
+}
+
+// Descriptors of a stack, closed together. The kernel refuses a directory that it has already; all
+// that such a one would show is hidden by the first, so it is left out.
 class Stack {
   public:
     bool open(const char* const* dirs, std::uint32_t count)
     {
         fds_ = znc::malloc_array<int>(count);
-        while (fds_ && count_ < count) {
-            UniqueFd fd = open_directory(dirs[count_]);
+        for (std::uint32_t i = 0; fds_ && i < count; i++) {
+            if (repeats(dirs, i))
+                continue;
+            UniqueFd fd = open_directory(dirs[i]);
             if (!fd)
                 return false;
             fds_[count_++] = fd.release();
         }
         return fds_ != nullptr;
     }
+    [[nodiscard]] std::uint32_t count() const { return count_; }
     Stack() = default;
     Stack(const Stack&) = delete;
     Stack& operator=(const Stack&) = delete;
@@ -76,7 +115,7 @@ int mount_single(int target, int dir)
     const UniqueFd tree(static_cast<int>(
         ::syscall(SYS_open_tree, dir, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH)));
     mount_attr attr = {};
-    attr.attr_set = MOUNT_ATTR_RDONLY;
+    attr.attr_set = MOUNT_ATTR_RDONLY | kQuiet;
     attr.propagation = MS_PRIVATE;
     if (!tree ||
         ::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH, &attr, sizeof attr) != 0)
@@ -107,8 +146,9 @@ int overlay_mount_by_fd(int target, const int* dirs, std::uint32_t count, int up
         return -1;
     if (::syscall(SYS_fsconfig, context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0)
         return -1;
-    const UniqueFd mount(static_cast<int>(::syscall(SYS_fsmount, context.get(), FSMOUNT_CLOEXEC,
-                                                    upper >= 0 ? 0 : MOUNT_ATTR_RDONLY)));
+    const UniqueFd mount(
+        static_cast<int>(::syscall(SYS_fsmount, context.get(), FSMOUNT_CLOEXEC,
+                                   kQuiet | (upper >= 0 ? 0 : MOUNT_ATTR_RDONLY))));
     if (!mount)
         return -1;
     return static_cast<int>(::syscall(SYS_move_mount, mount.get(), "", target, "",
@@ -133,33 +173,36 @@ int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int 
     }
     char where[64];
     std::snprintf(where, sizeof where, "/proc/self/fd/%d", target);
-    return ::mount("overlay", where, "overlay", upper >= 0 ? 0 : MS_RDONLY, options);
+    return ::mount("overlay", where, "overlay", kQuietClassic | (upper >= 0 ? 0 : MS_RDONLY),
+                   options);
+}
+
+static int mount_stack(int target, const char* const* dirs, std::uint32_t count, const Upper& upper)
+{
+    Stack stack;
+    if (!stack.open(dirs, count))
+        return -1;
+    const int* fds = stack.fds();
+    count = stack.count();
+    if (count == 1 && upper.upper() < 0)
+        return mount_single(target, fds[0]);
+    if (overlay_mount_by_fd(target, fds, count, upper.upper(), upper.work()) == 0)
+        return 0;
+    // Kernels that take no descriptors say EINVAL; so may a stack that none would take, which the
+    // classic call then refuses again.
+    return errno == EINVAL ? overlay_mount_classic(target, fds, count, upper.upper(), upper.work())
+                           : -1;
 }
 
 int overlay_mount(int target, const char* const* dirs, std::uint32_t count, bool hasUpper)
 {
-    UniqueFd upper;
-    UniqueFd work;
-    if (hasUpper) {
-        upper = open_directory(dirs[0]);
-        work = upper ? open_work(dirs[0]) : UniqueFd();
-        if (!work)
-            return -1;
-        dirs++;
-        count--;
-    }
-    Stack stack;
-    if (!stack.open(dirs, count))
-        return -1;
-    if (count == 1 && !hasUpper)
-        return mount_single(target, stack.fds()[0]);
-    if (overlay_mount_by_fd(target, stack.fds(), count, upper.get(), work.get()) == 0)
+    Upper upper;
+    if (!hasUpper)
+        return mount_stack(target, dirs, count, upper);
+    if (upper.open(dirs[0]) && mount_stack(target, dirs + 1, count - 1, upper) == 0)
         return 0;
-    // Kernels that take no descriptors say EINVAL; so may a stack that none would take, which the
-    // classic call then refuses again.
-    return errno == EINVAL
-               ? overlay_mount_classic(target, stack.fds(), count, upper.get(), work.get())
-               : -1;
+    upper.undo();
+    return -1;
 }
 
 } // namespace zn

@@ -4,11 +4,14 @@
 #ifndef ZN_PIDFD_HPP
 #define ZN_PIDFD_HPP
 
+#include "clock.hpp"
 #include "zarnel/owned.hpp"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace zn {
@@ -23,15 +26,35 @@ inline int process_signal(int pidfd, int hostSignal)
     return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, hostSignal, nullptr, 0));
 }
 
+// Whether there is something to read, waiting that long for it however often signals interrupt.
+inline bool readable_within(int fd, int milliseconds)
+{
+    const std::int64_t deadline = now_ns() + std::int64_t{milliseconds} * 1000000;
+    pollfd one = {fd, POLLIN, 0};
+    for (;;) {
+        const std::int64_t left = deadline - now_ns();
+        const timespec wait = to_timespec(left > 0 ? left : 0);
+        const int n = ::ppoll(&one, 1, &wait, nullptr);
+        if (n >= 0 || errno != EINTR)
+            return n > 0;
+    }
+}
+
 // Whether the process ended, reaped or not, waiting that long for it.
 inline bool process_ended(int pidfd, int milliseconds)
 {
-    pollfd one = {pidfd, POLLIN, 0};
-    int n;
-    do {
-        n = ::poll(&one, 1, milliseconds);
-    } while (n < 0 && errno == EINTR);
-    return n > 0;
+    return readable_within(pidfd, milliseconds);
+}
+
+// Takes an ended child away, waiting for its end.
+inline void process_reap(int pidfd)
+{
+    const znc::ErrnoSaver keep;
+    siginfo_t info;
+    while (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
+                    WEXITED | __WALL) != 0 &&
+           errno == EINTR) {
+    }
 }
 
 } // namespace zn

@@ -3,6 +3,8 @@
 #include "helper/wire.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
+#include "pidfd.hpp"
+#include "zarnel/fs.h"
 
 #include <cstdio>
 #include <cstring>
@@ -73,33 +75,32 @@ struct Arguments {
     }
 };
 
-// The streams of a caller that closed some: the program must not get another file in their place.
+// The program's streams: the caller's, and the null device for those that the caller closed. What a
+// task opened meanwhile gets the free numbers, also the platform's own descriptors; it is known by
+// its flag.
 class StandardStreams {
   public:
-    bool fill()
-    {
-        for (int fd = 0; fd <= 2; fd++) {
-            if (::fcntl(fd, F_GETFD) >= 0)
-                continue;
-            if (::open("/dev/null", O_RDWR | O_CLOEXEC) < 0)
-                return false;
-            filled_[fd] = true;
-        }
-        return true;
-    }
-    ~StandardStreams()
+    StandardStreams()
     {
         for (int fd = 0; fd <= 2; fd++)
-            if (filled_[fd])
-                const UniqueFd closed(fd);
+            source_[fd] = ::fcntl(fd, F_GETFD) == 0 ? fd : -1;
     }
-    StandardStreams() = default;
-    StandardStreams(const StandardStreams&) = delete;
-    StandardStreams& operator=(const StandardStreams&) = delete;
-    [[nodiscard]] bool filled(int fd) const { return filled_[fd]; }
+    bool fill()
+    {
+        for (int& source : source_) {
+            if (source >= 0)
+                continue;
+            if (!null_)
+                null_.reset(::open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
+            source = null_.get();
+        }
+        return source_[0] >= 0 && source_[1] >= 0 && source_[2] >= 0;
+    }
+    [[nodiscard]] int source(int fd) const { return source_[fd]; }
 
   private:
-    bool filled_[3] = {};
+    int source_[3];
+    UniqueFd null_;
 };
 
 // Waits for a process that is about to end.
@@ -110,7 +111,7 @@ void collect(pid_t pid)
     }
 }
 
-// What the spawner and the program's process said until the program ran (end of file).
+// What the spawner and the program's process said.
 struct Outcome {
     pid_t pid = -1;
     int error = 0;
@@ -118,12 +119,7 @@ struct Outcome {
     void read_from(int pipe)
     {
         wire::SpawnReport report;
-        for (;;) {
-            const ssize_t n = ::read(pipe, &report, sizeof report);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n != static_cast<ssize_t>(sizeof report))
-                return;
+        while (::read(pipe, &report, sizeof report) == static_cast<ssize_t>(sizeof report)) {
             if (report.kind == wire::SpawnReport::Kind::kPid)
                 pid = report.value;
             else
@@ -132,12 +128,22 @@ struct Outcome {
     }
 };
 
+// False with errno set, ESRCH when there is no such namespace.
+bool read_record(nsid_t ns, NsRecord& record)
+{
+    if (ns_record_read(ns, record) == 0)
+        return true;
+    if (ns_record_is_void(errno))
+        errno = ESRCH;
+    return false;
+}
+
 // ENOMEM is what clone says in a process namespace whose keeper is dead.
 int error_of(const Outcome& outcome, const NsRecord& record)
 {
     if (outcome.error == ENOMEM || (outcome.error == 0 && outcome.pid < 0)) {
         const UniqueFd keeper = ns_record_keeper(record);
-        if (!keeper)
+        if (!keeper && ns_record_is_void(errno))
             return ESRCH;
     }
     return outcome.error != 0 ? outcome.error : outcome.pid < 0 ? ECHILD : 0;
@@ -148,30 +154,26 @@ int run_spawner(const UniqueFd& keeper, const Arguments& arguments, char* const*
 {
     const UniqueFd file = helper_file();
     int pipes[2];
-    if (!file || ::pipe2(pipes, O_CLOEXEC) != 0)
+    if (!file || ::pipe2(pipes, O_CLOEXEC | O_NONBLOCK) != 0)
         return errno;
     const UniqueFd reader(pipes[0]);
-    UniqueFd writer(pipes[1]);
-    LaunchFd fds[5] = {{keeper.get(), wire::kSpawnerNamespace},
-                       {writer.get(), wire::kSpawnerReport}};
-    std::size_t count = 2;
-    for (int fd = 0; fd <= 2; fd++)
-        if (streams.filled(fd))
-            fds[count++] = {fd, fd};
+    const UniqueFd writer(pipes[1]);
+    const LaunchFd fds[] = {{streams.source(0), 0},
+                            {streams.source(1), 1},
+                            {streams.source(2), 2},
+                            {keeper.get(), wire::kSpawnerNamespace},
+                            {writer.get(), wire::kSpawnerReport}};
     char* const none[] = {nullptr};
     UniqueFd pidfd;
-    const pid_t spawner = launch_helper({file.get(),
-                                         SIGCHLD,
-                                         {fds, count},
-                                         wire::kSpawnerFdEnd,
-                                         arguments.argv.get(),
-                                         envp != nullptr ? envp : none},
+    const pid_t spawner = launch_helper({file.get(), SIGCHLD, fds, wire::kSpawnerFdEnd,
+                                         arguments.argv.get(), envp != nullptr ? envp : none},
                                         pidfd);
     if (spawner < 0)
         return errno;
-    writer.reset();
+    // The spawner ends when the program runs or could not be started. The end of the pipe says
+    // nothing: a process that another task forked meanwhile may hold it open.
+    process_reap(pidfd.get());
     outcome.read_from(reader.get());
-    collect(spawner);
     return 0;
 }
 
@@ -191,23 +193,24 @@ STATUS znSpawnAttrDestroy(znSpawnAttr* attr)
     return znSpawnAttrInit(attr);
 }
 
-static STATUS accept_if(bool good)
+template <class T> static STATUS set_if(bool good, T& field, T value)
 {
-    if (!good)
+    if (!good) {
         errno = EINVAL;
-    return good ? OK : ERROR;
+        return ERROR;
+    }
+    field = value;
+    return OK;
 }
 
 STATUS znSpawnAttrSetPriority(znSpawnAttr* attr, int priority)
 {
-    attr->priority = priority;
-    return accept_if(priority >= 0 && priority <= 255);
+    return set_if(priority >= 0 && priority <= 255, attr->priority, priority);
 }
 
 STATUS znSpawnAttrSetStackSize(znSpawnAttr* attr, int stackSize)
 {
-    attr->stackSize = stackSize;
-    return accept_if(stackSize >= 0);
+    return set_if(stackSize >= 0, attr->stackSize, stackSize);
 }
 
 STATUS znSpawnAttrSetOptions(znSpawnAttr* attr, int options)
@@ -224,14 +227,12 @@ STATUS znSpawnAttrSetTaskOptions(znSpawnAttr* attr, int taskOptions)
 
 STATUS znSpawnAttrSetNamespace(znSpawnAttr* attr, nsid_t ns)
 {
-    attr->ns = ns;
-    return accept_if(ns >= 0);
+    return set_if(ns >= 0, attr->ns, ns);
 }
 
 STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd)
 {
-    attr->cwd = cwd;
-    return accept_if(cwd != nullptr && cwd[0] == '/');
+    return set_if(cwd != nullptr && cwd[0] == '/', attr->cwd, cwd);
 }
 
 STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags)
@@ -243,22 +244,25 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags)
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
                char* const* envp)
 {
-    StandardStreams streams; // before anything else is opened in their place
-    if (!streams.fill())
+    StandardStreams streams;
+    if (path == nullptr) {
+        errno = EINVAL;
         return ERROR;
+    }
     NsRecord record;
-    if (path == nullptr || ns_record_read(attr->ns, record) != 0) {
-        errno = path == nullptr ? EINVAL : ESRCH;
+    if (!streams.fill() || !read_record(attr->ns, record))
         return ERROR;
-    }
-    const char* program = path_inside(path, record.root);
     const UniqueFd keeper = ns_record_keeper(record);
-    Arguments arguments;
-    if (!keeper || program == nullptr || !arguments.make(program, *attr, argv)) {
-        if (keeper && program == nullptr)
-            errno = EINVAL;
+    if (!keeper)
+        return ERROR;
+    const char* program = path_inside(path, record.root);
+    if (program == nullptr) {
+        errno = EINVAL;
         return ERROR;
     }
+    Arguments arguments;
+    if (!arguments.make(program, *attr, argv))
+        return ERROR;
     Outcome outcome;
     int error = run_spawner(keeper, arguments, envp, streams, outcome);
     if (error == 0)

@@ -60,6 +60,8 @@ TEST(MountPlan, FlagsAndPropagationAreRecognisedAndTheLastWordCounts)
     EXPECT_EQ(plan.propagation, std::uint64_t{MS_SLAVE});
     EXPECT_EQ(plan.optionCount, 0U);
     EXPECT_EQ(make("tmpfs", {"ro", "rw"}).plan.attrSet, 0U);
+    EXPECT_NE(make("bind", {"nosymfollow"}).plan.attrSet & MOUNT_ATTR_NOSYMFOLLOW, 0U);
+    EXPECT_EQ(make("bind", {"nosymfollow", "symfollow"}).plan.attrSet & MOUNT_ATTR_NOSYMFOLLOW, 0U);
     EXPECT_EQ(make("tmpfs", {"rw", "ro"}).plan.attrSet, std::uint64_t{MOUNT_ATTR_RDONLY});
     EXPECT_EQ(make("bind", {}).plan.propagation, std::uint64_t{MS_PRIVATE});
 }

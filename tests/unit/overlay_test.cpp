@@ -14,8 +14,11 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <thread>
 #include <vector>
 
@@ -252,6 +255,96 @@ TEST_F(Overlay, AFailedRootTakesTheContainersDeviceAlong)
     EXPECT_EQ(errno, EEXIST);
     EXPECT_FALSE(fs::exists("/overlay/web"));
     EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Overlay, AFailedCreationLeavesNothingNotEvenTheWorkDirectory)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
+    // An upper directory that the kernel refuses: proc takes no writes.
+    EXPECT_EQ(create("web", {"/proc/self", layer("a", "x")}, TRUE), ERROR);
+    // More layers than the kernel stacks.
+    std::vector<std::string> dirs = {"/tmp/o/c/upper"};
+    for (int i = 0; i < 501; i++)
+        dirs.push_back(layer("many" + std::to_string(i), "x"));
+    EXPECT_EQ(create("web", dirs, TRUE), ERROR);
+    EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
+    EXPECT_FALSE(fs::exists("/overlay/web"));
+    fs::create_directories("/tmp/o/c/work/kept"); // somebody else's
+    EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
+    EXPECT_TRUE(fs::exists("/tmp/o/c/work/kept"));
+}
+
+TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceMeanNothingOnTheHost)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("one", {layer("a", "x")}, FALSE), OK);
+    ASSERT_EQ(create("image", {layer("a", "x"), layer("b", "y")}, FALSE), OK);
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("b", "y")}, TRUE), OK);
+    for (const char* name : {"one", "image", "web"}) {
+        struct statvfs st = {};
+        ASSERT_EQ(::statvfs((std::string("/overlay/") + name).c_str(), &st), 0);
+        EXPECT_NE(st.f_flag & ST_NOSUID, 0U) << name;
+        EXPECT_NE(st.f_flag & ST_NODEV, 0U) << name;
+        EXPECT_EQ(remove(name), OK);
+    }
+}
+
+TEST_F(Overlay, ARecordThatACrashCutOffIsNotAttached)
+{
+    const std::string first = layer("a", "x");
+    const std::string second = layer("b", "y");
+    ASSERT_EQ(create("image", {first, second}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0);
+    const std::string record = read_file("/overlay/image/.zn-stack");
+    // As far as its first directory: that looks like a device of one layer.
+    for (std::size_t len : {std::size_t{0}, first.size() + 1, record.size() - 1}) {
+        fs::create_directories("/overlay/image");
+        std::ofstream("/overlay/image/.zn-stack") << record.substr(0, len);
+        EXPECT_EQ(znOvlRestore(), 0);
+        EXPECT_FALSE(fs::exists("/overlay/image")) << len;
+    }
+}
+
+TEST_F(Overlay, ADeviceThatCannotBeAttachedNowKeepsItsRecord)
+{
+    ASSERT_EQ(create("image", {layer("a", "x"), layer("b", "y")}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0);
+    rlimit old = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    int failures = 0;
+    // One more descriptor each time, until there are enough.
+    for (rlim_t most = 3; !fs::exists("/overlay/image/x"); most++) {
+        const rlimit few = {most, old.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        const int failed = znOvlRestore();
+        ::setrlimit(RLIMIT_NOFILE, &old);
+        failures += failed;
+        ASSERT_TRUE(fs::exists("/overlay/image")) << most;
+        ASSERT_EQ(failed == 0, fs::exists("/overlay/image/x")) << most;
+    }
+    EXPECT_GE(failures, 3);
+    EXPECT_EQ(read_file("/overlay/image/y"), "b");
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, AStoppedProcessWithTheLockDoesNotStopTheOthers)
+{
+    const std::string lower = layer("a", "x");
+    const znc::UniqueFd other(::open("/overlay", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+    EXPECT_EQ(create("image", {lower}, FALSE), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_FALSE(fs::exists("/overlay/image"));
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ::flock(other.get(), LOCK_UN);
+    });
+    EXPECT_EQ(create("image", {lower}, FALSE), OK);
+    later.join();
+    EXPECT_EQ(remove("image"), OK);
 }
 
 TEST_F(Overlay, OfTwoCreatorsAtOnceOneWins)

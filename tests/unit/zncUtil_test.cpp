@@ -141,18 +141,14 @@ TEST(ShowErr, NegativeCodesPrintTheSystemsText)
 
 TEST(ShowErr, TheErrorNumberIsNotChanged)
 {
-    errno = 77;
-    for (const int code : {0, EINVAL, 0xdf001c, -1})
-        shown(code);
-    errno = 77;
-    zncUtilShowErr(0);
-    EXPECT_EQ(errno, 77);
-    testing::internal::CaptureStdout();
-    errno = 77;
-    zncUtilShowErr(-1);
-    const int err = errno;
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(err, 77);
+    for (const int code : {0, EINVAL, 0xdf0001, 0xdf001c, EPERM, -1}) {
+        testing::internal::CaptureStdout();
+        errno = 77;
+        zncUtilShowErr(code);
+        const int err = errno;
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(err, 77) << code;
+    }
 }
 
 // ---------------------------------------------------------------- directories

@@ -28,8 +28,8 @@ typedef int MSG_Q_ID; /* negative: no queue */
 #define ZN_MSG_Q_FIFO 0x0     /* option word: waiting tasks first come, first served */
 #define ZN_MSG_Q_PRIORITY 0x1 /* option word: waiting tasks in priority order */
 
-#define ZN_MSG_Q_OPEN_EXISTING 0x0              /* mode: fails with ENOENT if there is none */
-#define ZN_MSG_Q_CREATE_EXCLUSIVE 0x30000000    /* mode: fails with EEXIST if there is one */
+#define ZN_MSG_Q_OPEN_EXISTING 0x0           /* mode: fails with ENOENT if there is none */
+#define ZN_MSG_Q_CREATE_EXCLUSIVE 0x30000000 /* mode: fails with EEXIST if there is one */
 
 #define ZN_WAIT_FOREVER (-1)
 #define ZN_NO_WAIT 0

@@ -15,9 +15,9 @@ extern "C" {
 
 typedef struct znMutex* SEM_ID; /* NULL: no mutex */
 
-#define ZN_SEM_Q_PRIORITY 0x1      /* waiting tasks in priority order */
-#define ZN_SEM_DELETE_SAFE 0x4     /* the owner cannot be deleted */
-#define ZN_SEM_INVERSION_SAFE 0x8  /* priority inheritance */
+#define ZN_SEM_Q_PRIORITY 0x1     /* waiting tasks in priority order */
+#define ZN_SEM_DELETE_SAFE 0x4    /* the owner cannot be deleted */
+#define ZN_SEM_INVERSION_SAFE 0x8 /* priority inheritance */
 
 /* A new mutex that nobody owns, or NULL with the task error number set (ENOMEM, EINVAL). */
 SEM_ID znMutexCreate(int options);

@@ -48,7 +48,8 @@ STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
  * become flags, the rest is passed to the filesystem. Binds are made nodev and nosuid unless
  * the options say "dev" or "suid". A missing mount point is made
  * inside the root. An empty or NULL `destination` names a volume inside the root itself:
- * nothing is mounted, OK. ERROR with the task error number set; nothing is then mounted.
+ * nothing is mounted, OK. ERROR with the task error number set; nothing is then mounted. EINVAL: the
+ * namespace has no root yet, or `destination` is the root itself, by whatever name.
  */
 STATUS znnsMount(nsid_t ns, const char* rootPath, const char* source, const char* destination,
                  const char* type, const char* const* options);

@@ -8,6 +8,8 @@
  * rooted on any more is abandoned and does not block a new one. A read-only device is
  * recorded beside itself, so that znOvlDevRestore can attach it after a reboot.
  *
+ * On the host a device has no device nodes and no set-id programs.
+ *
  * All calls need the right to mount. They may run in any process, but a writable device must
  * be made by the process that makes the namespaces.
  */
@@ -27,8 +29,9 @@ extern "C" {
  * directories, the first on top. With `hasUpper` the first directory is writable and its
  * parent directory takes the work directory the kernel needs; the rest are only read.
  * OK, or ERROR with EEXIST (the device exists), EINVAL (a bad name, no directories, an
- * upper without a lower), ENOENT (a directory is missing), ENODEV (no overlay filesystem)
- * or the kernel's number; nothing is then left behind.
+ * upper without a lower), ENOENT (a directory is missing), ENODEV (no overlay filesystem),
+ * EBUSY (another process keeps devices locked for seconds) or the kernel's number; nothing is then
+ * left behind.
  */
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper);
 
@@ -45,7 +48,8 @@ BOOL znOvlInit(void);
 /*
  * For a daemon that starts: detach every writable device that a dead daemon left behind (its
  * directories stay the caller's), attach again every recorded read-only device whose directories are
- * still there, and remove the nodes of all others. Returns how many could not be dealt with.
+ * still there, and remove the nodes of all others. Returns how many could not be dealt with; those
+ * keep their record for the next time.
  */
 int znOvlRestore(void);
 

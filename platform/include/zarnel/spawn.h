@@ -18,7 +18,7 @@ typedef struct znSpawnAttr {
     int stackSize;    /* bytes of user stack */
     int options;      /* process options */
     int taskOptions;
-    nsid_t ns;        /* -1: the caller's own */
+    nsid_t ns;        /* -1: none yet, which cannot be spawned into */
     const char* cwd;  /* borrowed; NULL: "/" */
     short flags;
 } znSpawnAttr;
@@ -31,8 +31,9 @@ STATUS znSpawnAttrDestroy(znSpawnAttr* attr);
 
 /*
  * Setters: OK, or ERROR with EINVAL for a value that cannot be carried (a priority outside
- * 0..255, a negative stack size, a working directory that is not absolute). Process options,
- * task options and flags are carried and mean nothing on Linux.
+ * 0..255, a negative stack size or namespace, a working directory that is not absolute); the
+ * record is then as before. Process options, task options and flags are carried and mean nothing
+ * on Linux.
  */
 STATUS znSpawnAttrSetPriority(znSpawnAttr* attr, int priority);
 STATUS znSpawnAttrSetStackSize(znSpawnAttr* attr, int stackSize);
@@ -45,9 +46,10 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
 /*
  * Start `path` (a host path at or under the namespace's root) inside the namespace, with `argv`
  * and `envp` (NULL-terminated; envp may be NULL for an empty environment). Returns once the
- * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 and
- * no other, default signal actions, an empty signal mask, umask 022, the container
- * capabilities with no-new-privileges, and the attribute's working directory.
+ * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 (the null
+ * device for one that is closed, or would be on exec) and no other, default signal actions, an empty
+ * signal mask, umask 022, the container capabilities with no-new-privileges, and the attribute's
+ * working directory.
  *
  * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
  * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR

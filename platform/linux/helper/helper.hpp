@@ -34,6 +34,10 @@ inline bool text_equal(const char* a, const char* b)
 
 // All of these return 0 or an error number.
 
+// Keep the calling process, and what it runs, from the system calls that no container process may
+// make; it must have given up gaining privileges (filter.cpp).
+int filter_calls();
+
 // Make the detached tree the root of this mount namespace and provide /proc, /dev and /sys in it
 // (keeper_root.cpp).
 int root_enter(int tree, const char* hostName);
@@ -49,6 +53,9 @@ int mount_filesystem(const char* destination, const char* type, std::uint64_t at
 
 // Undo a mount, if it is still what stands at `destination`.
 int mount_detach(const char* destination, std::uint64_t mountId);
+
+// Undo the attached mount that `mount` is the root of, with everything mounted in it.
+int mount_detach_whole(int mount);
 
 // A new filesystem, not attached anywhere: its mount descriptor, or a negative error number.
 long filesystem_create(const char* type, std::uint64_t attributes, const char* options,

@@ -35,6 +35,7 @@ struct ControlWithFd {
     ControlHeader header;
     int fd;
 };
+constexpr long kNobody = 65534;
 constexpr int kSolSocket = 1;
 constexpr int kScmRights = 1;
 constexpr unsigned kMsgCmsgCloexec = 0x40000000;
@@ -172,6 +173,9 @@ void settle()
 {
     sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
     sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
+    // Whoever has the same real, effective and saved user may set this process's limits; nobody has
+    // three different ones.
+    sys::call(__NR_setresuid, -1, -1, kNobody);
     sys::call(__NR_setsid);
     sys::call(__NR_umask, 0);
     // Ignoring SIGCHLD makes the kernel reap whatever is orphaned onto this process. All other

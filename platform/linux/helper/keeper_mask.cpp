@@ -86,20 +86,12 @@ class Covers {
     }
 
     // Takes the place where the covers were made away again.
-    int finish()
-    {
-        if (!empty_.valid())
-            return 0;
-        sys::call(__NR_fchdir, root_.get());
-        const long undone = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
-        sys::call(__NR_chdir, sys::arg("/"));
-        return static_cast<int>(-undone);
-    }
+    int finish() { return attached_ ? mount_detach_whole(root_.get()) : 0; }
 
   private:
     int make(int directory)
     {
-        if (empty_.valid())
+        if (attached_)
             return 0;
         // "size" rounds up to a page and is never used: the file stays empty.
         root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
@@ -111,18 +103,44 @@ class Covers {
                                         O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
         if (made < 0 || !created.valid())
             return made < 0 ? static_cast<int>(-made) : created.error();
-        int error = attach(root_.get(), directory);
+        const int error = attach(root_.get(), directory);
         if (error != 0)
             return error;
+        attached_ = true;
         empty_ = open_own(root_.get(), "empty");
         file_ = open_own(root_.get(), "file");
         return !empty_.valid() ? empty_.error() : file_.error();
     }
 
+    bool attached_ = false;
     sys::Fd root_;
     sys::Fd empty_;
     sys::Fd file_;
 };
+
+// The heat of every processor, by which its work can be told.
+int hide_heat(Covers& covers, int directory)
+{
+    constexpr char kStart[] = "devices/system/cpu/cpu";
+    constexpr char kEnd[] = "/thermal_throttle";
+    for (unsigned cpu = 0; cpu < 10000; cpu++) {
+        char path[sizeof kStart + sizeof kEnd + 4];
+        memcpy(path, kStart, sizeof kStart);
+        std::size_t at = sizeof kStart - 1;
+        for (unsigned unit = 1000; unit > 0; unit /= 10)
+            if (cpu >= unit || unit == 1)
+                path[at++] = static_cast<char>('0' + cpu / unit % 10);
+        path[at] = '\0';
+        const sys::Fd processor = open_own(directory, path);
+        if (!processor.valid())
+            return processor.error() == ENOENT ? 0 : processor.error();
+        memcpy(path + at, kEnd, sizeof kEnd);
+        const int error = covers.hide(directory, path);
+        if (error != 0)
+            return error;
+    }
+    return 0;
+}
 
 } // namespace
 
@@ -147,6 +165,8 @@ int mask_sys(int directory)
     for (const auto& path : kSysHidden)
         if (error == 0)
             error = covers.hide(directory, path);
+    if (error == 0)
+        error = hide_heat(covers, directory);
     const int finished = covers.finish();
     return error != 0 ? error : finished;
 }

@@ -15,6 +15,7 @@ namespace zn {
 namespace {
 
 constexpr std::size_t kPathMax = 1024;
+constexpr unsigned kWhere = STATX_INO | STATX_MNT_ID;
 constexpr long kUmountDetach = 2;
 constexpr long kUmountNoFollow = 8;
 
@@ -41,6 +42,21 @@ Tail last_component(const char* path)
     while (start > 0 && path[start - 1] != '/')
         start--;
     return {start, end};
+}
+
+// A piece of a path shorter than kPathMax, ended.
+struct Text {
+    Text(const char* from, std::size_t len)
+    {
+        memcpy(name, from, len);
+        name[len] = '\0';
+    }
+    char name[kPathMax];
+};
+
+Text parent_of(const char* path, Tail tail)
+{
+    return tail.start > 0 ? Text(path, tail.start) : Text("/", 1);
 }
 
 // Makes the missing directories of `path`, each in the directory found before it.
@@ -73,19 +89,16 @@ int make_directories(const char* path)
 
 int make_file(const char* path)
 {
-    char copy[kPathMax];
     const Tail tail = last_component(path);
-    memcpy(copy, path, tail.end);
-    copy[tail.end] = '\0';
-    copy[tail.start > 0 ? tail.start - 1 : 0] = '\0';
-    const int error = make_directories(copy);
+    const Text directory = parent_of(path, tail);
+    const Text name(path + tail.start, tail.end - tail.start);
+    const int error = make_directories(directory.name);
     if (error != 0)
         return error;
-    const sys::Fd parent(open_inside(copy[0] != '\0' ? copy : "/", O_DIRECTORY));
+    const sys::Fd parent(open_inside(directory.name, O_DIRECTORY));
     if (!parent.valid())
         return parent.error();
-    const sys::Fd file(sys::call(__NR_openat, parent.get(),
-                                 sys::arg(tail.start > 0 ? copy + tail.start : copy),
+    const sys::Fd file(sys::call(__NR_openat, parent.get(), sys::arg(name.name),
                                  O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     return file.error();
 }
@@ -102,22 +115,40 @@ sys::Fd mount_point(const char* destination, bool isDirectory)
     return sys::Fd(open_inside(destination, 0));
 }
 
-// The id of the mount that `name` (of directory `at`) is on, and whether it is that mount's root.
-int mount_of(int at, const char* name, std::uint64_t* id)
+// Where `name` (of directory `at`) is: on which mount, which file of it, whether the mount's root.
+int look(int at, const char* name, struct statx* st)
 {
-    struct statx st = {};
-    const long result = sys::call(__NR_statx, at, sys::arg(name),
-                                  AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0),
-                                  STATX_MNT_ID, sys::arg(&st));
-    *id = st.stx_mnt_id;
-    return static_cast<int>(-result);
+    return static_cast<int>(-sys::call(__NR_statx, at, sys::arg(name),
+                                       AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0),
+                                       kWhere, sys::arg(st)));
+}
+
+int detach_at(int directory, const char* name)
+{
+    long undone = sys::call(__NR_fchdir, directory);
+    if (undone == 0)
+        undone = sys::call(__NR_umount2, sys::arg(name), kUmountDetach | kUmountNoFollow);
+    sys::call(__NR_chdir, sys::arg("/"));
+    return static_cast<int>(-undone);
 }
 
 bool usable(const char* destination)
 {
     const std::size_t len = strlen(destination);
     const Tail tail = last_component(destination);
-    return len < kPathMax && tail.end > tail.start; // not empty, not the root itself
+    return len < kPathMax && tail.end > tail.start; // not empty, not "/"
+}
+
+// Whether this is the root, whatever links and ".." in its name led here: who mounts there takes
+// the container's tree away from it.
+int refuse_root(int point)
+{
+    struct statx here = {};
+    struct statx root = {};
+    const int error = look(point, "", &here);
+    if (error != 0 || look(AT_FDCWD, "/", &root) != 0)
+        return error;
+    return here.stx_mnt_id == root.stx_mnt_id && here.stx_ino == root.stx_ino ? EINVAL : 0;
 }
 
 } // namespace
@@ -129,11 +160,17 @@ int mount_attach(int mount, const char* destination, bool isDirectory, std::uint
     const sys::Fd point = mount_point(destination, isDirectory);
     if (!point.valid())
         return point.error();
+    const int refused = refuse_root(point.get());
+    if (refused != 0)
+        return refused;
     const long moved = sys::call(__NR_move_mount, mount, sys::arg(""), point.get(), sys::arg(""),
                                  MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH);
     if (moved < 0)
         return static_cast<int>(-moved);
-    return mount_of(mount, "", mountId);
+    struct statx st = {};
+    const int error = look(mount, "", &st);
+    *mountId = st.stx_mnt_id;
+    return error;
 }
 
 long filesystem_create(const char* type, std::uint64_t attributes, const char* options,
@@ -174,33 +211,36 @@ int mount_filesystem(const char* destination, const char* type, std::uint64_t at
     const sys::Fd mount(filesystem_create(type, attributes, options, optionCount));
     if (!mount.valid())
         return mount.error();
-    const int error = mount_attach(mount.get(), destination, true, mountId);
-    if (error != 0)
+    int error = mount_attach(mount.get(), destination, true, mountId);
+    if (error != 0 || !(isProc || isSys))
         return error;
-    return isProc ? mask_proc(mount.get()) : isSys ? mask_sys(mount.get()) : 0;
+    error = isProc ? mask_proc(mount.get()) : mask_sys(mount.get());
+    if (error != 0)
+        mount_detach_whole(mount.get());
+    return error;
 }
 
 int mount_detach(const char* destination, std::uint64_t mountId)
 {
     if (!usable(destination))
         return EINVAL;
-    char path[kPathMax];
     const Tail tail = last_component(destination);
-    memcpy(path, destination, tail.end);
-    path[tail.end] = '\0';
-    char name[kPathMax];
-    memcpy(name, path + tail.start, tail.end - tail.start + 1);
-    path[tail.start] = '\0';
-    const sys::Fd parent(open_inside(path[0] != '\0' ? path : "/", O_DIRECTORY));
-    std::uint64_t found = 0;
-    // The container may have moved the mount out of reach of its name, or the name may have been a
-    // link. Nothing is lost: what stays goes with the namespace.
-    if (!parent.valid() || mount_of(parent.get(), name, &found) != 0 || found != mountId)
+    const Text directory = parent_of(destination, tail);
+    const Text name(destination + tail.start, tail.end - tail.start);
+    const sys::Fd parent(open_inside(directory.name, O_DIRECTORY));
+    struct statx st = {};
+    // The container may have moved the mount out of reach of its name, to another name or into the
+    // mount itself, or the name may have been a link. Nothing is lost: what stays goes with the
+    // namespace.
+    if (!parent.valid() || look(parent.get(), name.name, &st) != 0 || st.stx_mnt_id != mountId ||
+        (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
         return 0;
-    sys::call(__NR_fchdir, parent.get());
-    const long undone = sys::call(__NR_umount2, sys::arg(name), kUmountDetach | kUmountNoFollow);
-    sys::call(__NR_chdir, sys::arg("/"));
-    return static_cast<int>(-undone);
+    return detach_at(parent.get(), name.name);
+}
+
+int mount_detach_whole(int mount)
+{
+    return detach_at(mount, ".");
 }
 
 } // namespace zn

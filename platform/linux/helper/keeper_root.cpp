@@ -35,13 +35,16 @@ int pivot(int tree)
     return static_cast<int>(-result);
 }
 
-// A real directory directly below the root; a link of that name does not count.
-sys::Fd real_directory(const char* name)
+// A real directory directly below the root. 0 and no descriptor when there is none; a link or file
+// of that name does not count.
+int real_directory(const char* name, sys::Fd& found)
 {
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW;
     how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
-    return sys::Fd(sys::call(__NR_openat2, AT_FDCWD, sys::arg(name), sys::arg(&how), sizeof how));
+    found = sys::Fd(sys::call(__NR_openat2, AT_FDCWD, sys::arg(name), sys::arg(&how), sizeof how));
+    const int error = found.error();
+    return error == ENOENT || error == ENOTDIR || error == ELOOP ? 0 : error;
 }
 
 int attach(int mount, int directory, const char* name)
@@ -60,9 +63,10 @@ int provide(const char* type, std::uint64_t attributes, const char* options, uns
 
 int provide_proc()
 {
-    const sys::Fd directory = real_directory("proc");
+    sys::Fd directory;
+    const int looked = real_directory("proc", directory);
     if (!directory.valid())
-        return 0;
+        return looked;
     const sys::Fd mount(filesystem_create("proc", kQuiet, nullptr, 0));
     if (!mount.valid())
         return mount.error();
@@ -72,9 +76,10 @@ int provide_proc()
 
 int provide_sys()
 {
-    const sys::Fd directory = real_directory("sys");
+    sys::Fd directory;
+    const int looked = real_directory("sys", directory);
     if (!directory.valid())
-        return 0;
+        return looked;
     const sys::Fd mount(filesystem_create("sysfs", kQuiet | MOUNT_ATTR_RDONLY, nullptr, 0));
     if (!mount.valid())
         return mount.error();
@@ -115,14 +120,15 @@ int fill_dev(int dev)
 
 int provide_dev()
 {
-    const sys::Fd directory = real_directory("dev");
+    sys::Fd directory;
+    int error = real_directory("dev", directory);
     if (!directory.valid())
-        return 0;
+        return error;
     const sys::Fd dev(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
                                         "mode=755\0size=65536k", 2));
     if (!dev.valid())
         return dev.error();
-    int error = fill_dev(dev.get());
+    error = fill_dev(dev.get());
     if (error == 0)
         error = attach(dev.get(), directory.get(), "");
     if (error == 0)

@@ -13,6 +13,7 @@
 #include <linux/errno.h>
 #include <linux/fcntl.h>
 #include <linux/keyctl.h>
+#include <linux/mqueue.h>
 #include <linux/openat2.h>
 #include <linux/prctl.h>
 #include <linux/resource.h>
@@ -77,14 +78,16 @@ void default_signals()
     sys::call(__NR_rt_sigprocmask, 2 /* SIG_SETMASK */, sys::arg(&none), 0, sizeof none);
 }
 
+struct Limit {
+    std::uint64_t soft;
+    std::uint64_t hard;
+};
+
 // The stack is raised when it is smaller than asked for, as far as the hard limit lets; never
 // lowered.
 void raise_stack(long wanted)
 {
-    struct {
-        std::uint64_t soft;
-        std::uint64_t hard;
-    } limit = {};
+    Limit limit = {};
     if (sys::call(__NR_prlimit64, 0, RLIMIT_STACK, 0, sys::arg(&limit)) < 0)
         return;
     auto size = static_cast<std::uint64_t>(wanted);
@@ -94,6 +97,28 @@ void raise_stack(long wanted)
         size = limit.hard;
     limit.soft = size;
     sys::call(__NR_prlimit64, 0, RLIMIT_STACK, sys::arg(&limit), 0);
+}
+
+// Queue memory is counted for each user, and a container's root is the host's: what containers
+// could use of it is halved, so that the daemon's clients always have the other half.
+void leave_queue_memory()
+{
+    Limit limit = {};
+    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
+    if (limit.soft > MQ_BYTES_MAX)
+        limit.soft = MQ_BYTES_MAX;
+    limit.soft /= 2;
+    limit.hard = limit.soft;
+    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
+}
+
+// The caller's session keyring is not for a container. A kernel without keyrings has none to share;
+// where a filter forbids the call, it forbids it to the program, too.
+void leave_keyring()
+{
+    const long joined = sys::call(__NR_keyctl, KEYCTL_JOIN_SESSION_KEYRING, 0);
+    if (joined < 0 && joined != -ENOSYS && joined != -EPERM)
+        fail(joined);
 }
 
 // Magic links are refused and the result looked at: a working directory outside the root would be a
@@ -119,6 +144,9 @@ void drop_rights()
     must(sys::call(__NR_setgroups, 0, 0));
     must(sys::call(__NR_setresgid, 0, 0, 0));
     must(sys::call(__NR_setresuid, 0, 0, 0));
+    // A change of user may have undone this, and soon there are no more capabilities here than in
+    // the container.
+    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     for (int capability = 0;; capability++) {
         if (capability < 64 && (kCapabilities & bit(capability)) != 0)
             continue;
@@ -134,6 +162,7 @@ void drop_rights()
     const __user_cap_data_struct sets[2] = {{low, low, 0}, {high, high, 0}};
     must(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
     must(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
+    must(-filter_calls());
 }
 
 [[noreturn]] void become_program(char** argv, char** envp)
@@ -145,10 +174,10 @@ void drop_rights()
 
     must(sys::call(__NR_setsid)); // no way back to the caller's terminal
     sys::call(__NR_umask, 022);
-    sys::call(__NR_keyctl, KEYCTL_JOIN_SESSION_KEYRING,
-              0); // kernels without keyrings have none to share
+    leave_keyring();
     must(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
+    leave_queue_memory();
     drop_rights();
     // With the rights the program will have, so that it could have gone there itself.
     enter_directory(directory);
@@ -167,8 +196,9 @@ void spawner_run(char** argv, char** envp)
     must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     must(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
     // A process namespace holds only for children. CLONE_PARENT makes the child the caller's, which
-    // can wait for it; its end is signalled as this process's would be.
-    const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);
+    // can wait for it; its end is signalled as this process's would be. CLONE_VFORK: this process
+    // goes on when the program runs or the child has ended.
+    const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0)
         become_program(argv, envp);
     must(pid);

@@ -52,10 +52,10 @@ template <class T> inline long arg(T* p)
 class Fd {
   public:
     explicit Fd(long fd = -1) : fd_(static_cast<int>(fd)) {}
-    Fd(Fd&& other) : fd_(other.fd_) { other.fd_ = -1; }
+    Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
-    Fd& operator=(Fd&& other)
+    Fd& operator=(Fd&& other) noexcept
     {
         const int taken = other.fd_;
         other.fd_ = -1;

@@ -57,7 +57,8 @@ inline constexpr int kSpawnerFdEnd = 5;
 // argv: name, nice value, stack size, working directory, program, then the program's argv.
 inline constexpr int kSpawnerFixedArgs = 5;
 
-// Written to the pipe: the program's process id, and the error number if it could not be started.
+// Written to the pipe before the spawner ends, which it does when the program runs or could not be
+// started: the program's process id, and the error number.
 struct SpawnReport {
     enum class Kind : std::int32_t { kPid, kError } kind;
     std::int32_t value;

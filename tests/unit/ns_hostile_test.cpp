@@ -1,0 +1,491 @@
+// What a container, its image, a stuck keeper or an awkward caller may do to the namespace service
+// and the spawner.
+
+#include "namespace_world.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <linux/capability.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <thread>
+
+using namespace namespace_world;
+
+namespace {
+
+pid_t keeper_of(nsid_t ns)
+{
+    std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
+    pid_t keeper = -1;
+    record >> keeper;
+    EXPECT_GT(keeper, 1);
+    return keeper;
+}
+
+// The exit status of `call` in a process that has root's user id and nothing more, as a
+// container's.
+template <class Call> int without_capabilities(Call call)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct sets[2] = {};
+        if (::syscall(SYS_capset, &header, sets) != 0)
+            ::_exit(99);
+        ::_exit(call());
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Sends this process a signal every millisecond that interrupts what it waits in.
+class SignalStorm {
+  public:
+    SignalStorm()
+    {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGALRM, &action, &old_);
+        const itimerval often = {{0, 1000}, {0, 1000}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+    }
+    ~SignalStorm()
+    {
+        const itimerval never = {};
+        ::setitimer(ITIMER_REAL, &never, nullptr);
+        ::sigaction(SIGALRM, &old_, nullptr);
+    }
+    SignalStorm(const SignalStorm&) = delete;
+    SignalStorm& operator=(const SignalStorm&) = delete;
+
+  private:
+    struct sigaction old_ = {};
+};
+
+class DescriptorLimit {
+  public:
+    explicit DescriptorLimit(rlim_t most)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &old_);
+        const rlimit less = {most, old_.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &less);
+    }
+    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &old_); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+  private:
+    rlimit old_ = {};
+};
+
+// ---------------------------------------------------------------- the keeper
+
+TEST_F(Namespaces, RootWithoutCapabilitiesCannotLookIntoOrLimitTheKeeper)
+{
+    const nsid_t ns = rooted();
+    const pid_t keeper = keeper_of(ns);
+    const std::string dir = "/proc/" + std::to_string(keeper);
+    EXPECT_EQ(without_capabilities([&] {
+                  rlimit none = {0, 0};
+                  return ::prlimit(keeper, RLIMIT_NOFILE, &none, nullptr) == 0 ? 0 : errno;
+              }),
+              EPERM);
+    EXPECT_EQ(without_capabilities([&] {
+                  return ::open((dir + "/mem").c_str(), O_RDONLY | O_CLOEXEC) >= 0 ? 0 : errno;
+              }),
+              EACCES);
+    for (const char* link : {"/exe", "/root", "/cwd", "/fd/0", "/ns/mnt"})
+        EXPECT_EQ(without_capabilities([&] {
+                      char text[64];
+                      return ::readlink((dir + link).c_str(), text, sizeof text) >= 0 ? 0 : errno;
+                  }),
+                  EACCES)
+            << link;
+    EXPECT_FALSE(in_use(ns));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, TheKeeperIsNoProcessOfTheContainerToKill)
+{
+    const nsid_t ns = rooted();
+    errno = 0;
+    EXPECT_EQ(znnsProcessKill(ns, keeper_of(ns), kTerm), ERROR);
+    EXPECT_EQ(errno, ESRCH);
+    run(ns, "kill -9 1; kill -STOP 1");
+    EXPECT_EQ(run(ns, "echo alive"), "alive\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, AKeeperThatDoesNotAnswerIsGivenUpAlsoWhileSignalsArrive)
+{
+    const nsid_t ns = rooted();
+    ASSERT_EQ(::kill(keeper_of(ns), SIGSTOP), 0);
+    const SignalStorm storm;
+    BOOL used = FALSE;
+    EXPECT_EQ(znnsInUse(ns, &used), ERROR);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(znnsInUse(ns, &used), OK);
+    EXPECT_FALSE(used);
+    EXPECT_EQ(start(ns, "true"), -1);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, RoundsUnderASignalStormLeaveNothing)
+{
+    const SignalStorm storm;
+    for (int i = 0; i < 30; i++) {
+        const nsid_t ns = rooted();
+        const pid_t pid = start(ns, "exit 5");
+        ASSERT_GT(pid, 0) << std::strerror(errno);
+        int status = -1;
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        EXPECT_EQ(WEXITSTATUS(status), 5);
+        ASSERT_EQ(znnsDelete(ns), OK);
+    }
+}
+
+TEST_F(Namespaces, ASecondRootIsRefusedAndChangesNothing)
+{
+    fs::create_directories("/overlay/web");
+    ASSERT_EQ(::mount("none", "/overlay/web", "tmpfs", 0, nullptr), 0);
+    const nsid_t ns = rooted();
+    EXPECT_EQ(znnsRootfsCreate(ns, "/overlay/web", "web"), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(run(ns, "echo alive"), "alive\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(::umount("/overlay/web"), 0);
+    fs::remove("/overlay/web");
+
+    // The other way round: the own device stays the namespace's and goes with it.
+    fs::create_directories("/overlay/db");
+    ASSERT_EQ(::mount("none", "/overlay/db", "tmpfs", 0, nullptr), 0);
+    const nsid_t other = znnsCreate(kFlags);
+    ASSERT_EQ(znnsRootfsCreate(other, "/overlay/db", "db"), OK) << std::strerror(errno);
+    EXPECT_EQ(znnsRootfsCreate(other, root_.c_str(), "db"), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(znnsDelete(other), OK);
+    EXPECT_FALSE(fs::exists("/overlay/db"));
+}
+
+TEST_F(Namespaces, WithoutFreeDescriptorsCallsFailWithTheReasonAndLeaveNothing)
+{
+    for (rlim_t most = 3; most < 40; most++) {
+        nsid_t ns = -1;
+        int error = 0;
+        {
+            const DescriptorLimit limit(most);
+            ns = znnsCreate(kFlags);
+            error = errno;
+            if (ns >= 0 && znnsRootfsCreate(ns, root_.c_str(), "web") != OK) {
+                error = errno;
+                ns = -1;
+            }
+        }
+        if (ns < 0) {
+            EXPECT_EQ(error, EMFILE) << most;
+            continue;
+        }
+        znSpawnAttr attr;
+        znSpawnAttrInit(&attr);
+        znSpawnAttrSetNamespace(&attr, ns);
+        std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
+        pid_t pid = -1;
+        const std::string program = root_ + "/bin/true";
+        STATUS spawned = ERROR;
+        {
+            const DescriptorLimit limit(most);
+            spawned = znSpawn(&pid, program.c_str(), &attr, argv.data(), nullptr);
+            error = errno;
+        }
+        if (spawned == OK)
+            wait(pid);
+        else
+            EXPECT_EQ(error, EMFILE) << most;
+        EXPECT_EQ(znnsDelete(ns), OK);
+    }
+}
+
+// ---------------------------------------------------------------- mounts
+
+TEST_F(Namespaces, AMountWhoseNameNowLeadsIntoItselfIsUndoneWithTheNamespace)
+{
+    fs::create_directories("/tmp/data");
+    const nsid_t ns = rooted();
+    ASSERT_EQ(mount(ns, "/tmp/data", "/a/b", "bind", {}), OK);
+    run(ns, "mkdir -p /a/b/c/b && mv /a /moved && ln -s /moved/b/c /a");
+    EXPECT_EQ(exit_, 0);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), OK) << std::strerror(errno);
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove_all("/tmp/data");
+}
+
+TEST_F(Namespaces, TheRootItselfIsNoMountPointHoweverItIsNamed)
+{
+    fs::create_directories("/tmp/data");
+    fs::create_directory_symlink("/", root_ + "/root");
+    fs::create_directory_symlink("..", root_ + "/up");
+    const nsid_t ns = rooted();
+    for (const char* destination : {"/", "//", "/.", "/..", "/etc/..", "/root", "/up", "up", "."}) {
+        errno = 0;
+        EXPECT_EQ(mount(ns, "/tmp/data", destination, "bind", {}), ERROR) << destination;
+        EXPECT_EQ(errno, EINVAL) << destination;
+    }
+    EXPECT_EQ(run(ns, "ls /bin/sh"), "/bin/sh\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove_all("/tmp/data");
+}
+
+TEST_F(Namespaces, NothingIsMountedBeforeThereIsARoot)
+{
+    fs::create_directories("/tmp/data");
+    const nsid_t ns = znnsCreate(kFlags);
+    errno = 0;
+    EXPECT_EQ(mount(ns, "/tmp/data", "/tmp/made/here", "bind", {}), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists("/tmp/made"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove_all("/tmp/data");
+}
+
+TEST_F(Namespaces, ARelativeDestinationIsTakenFromTheRoot)
+{
+    std::ofstream("/tmp/one") << "1";
+    fs::create_directories("/tmp/data");
+    const nsid_t ns = rooted();
+    EXPECT_EQ(mount(ns, "/tmp/one", "one", "bind", {}), OK) << std::strerror(errno);
+    EXPECT_EQ(mount(ns, "/tmp/one", "x/y/one", "bind", {}), OK) << std::strerror(errno);
+    EXPECT_EQ(mount(ns, "/tmp/data", "data/", "bind", {}), OK) << std::strerror(errno);
+    EXPECT_EQ(run(ns, "cat /one /x/y/one"), "11");
+    EXPECT_NE(run(ns, "grep ' /data ' /proc/self/mountinfo"), "");
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "data/", "bind", nullptr), OK);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/one", "x/y/one", "bind", nullptr), OK);
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/one", "one", "bind", nullptr), OK);
+    EXPECT_EQ(run(ns, "cat /one /x/y/one; grep -E ' /(data|one|x)' /proc/self/mountinfo"), "");
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove_all("/tmp/data");
+}
+
+// ---------------------------------------------------------------- the spawner
+
+TEST_F(Namespaces, ProgramCannotUseUpTheQueueMemoryThatItSharesWithTheDaemonsClients)
+{
+    const nsid_t ns = rooted();
+    rlimit own = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_MSGQUEUE, &own), 0);
+    std::istringstream line(run(ns, "exec grep 'Max msgqueue size' /proc/self/limits"));
+    std::string word;
+    rlim_t soft = 0;
+    rlim_t hard = 0;
+    line >> word >> word >> word >> soft >> hard;
+    EXPECT_GT(soft, 0U);
+    EXPECT_EQ(soft, hard);
+    EXPECT_LE(soft, own.rlim_cur / 2);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, AStreamThatIsClosedOnExecIsTheNullDeviceInside)
+{
+    const nsid_t ns = rooted();
+    const int flags = ::fcntl(0, F_GETFD);
+    const znc::UniqueFd secret(::open("/etc/hostname", O_RDONLY | O_CLOEXEC));
+    const znc::UniqueFd keep(::fcntl(0, F_DUPFD_CLOEXEC, 10));
+    ::dup3(secret.get(), 0, O_CLOEXEC);
+    EXPECT_EQ(run(ns, "stat -L -c %t:%T /proc/self/fd/0"), "1:3\n");
+    ::dup2(keep.get(), 0);
+    ::fcntl(0, F_SETFD, flags);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ACallerWithoutAnyStreamCreatesAndSpawnsAsUsual)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (int fd = 0; fd < 3; fd++)
+            ::close(fd);
+        const nsid_t ns = znnsCreate(kFlags);
+        if (ns < 0 || znnsRootfsCreate(ns, root_.c_str(), "web") != OK)
+            ::_exit(1);
+        znSpawnAttr attr;
+        znSpawnAttrInit(&attr);
+        znSpawnAttrSetNamespace(&attr, ns);
+        char script[] = "test \"$(stat -L -c %t:%T /proc/self/fd/0 /proc/$$/fd/1 /proc/$$/fd/2 "
+                        "| grep -c -x 1:3)\" = 3 && test ! -e /proc/$$/fd/3";
+        std::array<char*, 4> argv = {const_cast<char*>("sh"), const_cast<char*>("-c"), script,
+                                     nullptr};
+        std::array<char*, 2> envp = {const_cast<char*>("PATH=/bin"), nullptr};
+        pid_t pid = -1;
+        if (znSpawn(&pid, (root_ + "/bin/sh").c_str(), &attr, argv.data(), envp.data()) != OK)
+            ::_exit(2);
+        int status = -1;
+        ::waitpid(pid, &status, 0);
+        ::_exit(status == 0 && znnsDelete(ns) == OK ? 0 : 3);
+    }
+    EXPECT_EQ(wait(child), 0);
+}
+
+TEST_F(Namespaces, ThreadsWithoutStandardInputMaySpawnAtTheSameTime)
+{
+    const nsid_t ns = rooted();
+    const znc::UniqueFd keep(::fcntl(0, F_DUPFD_CLOEXEC, 10));
+    ::close(0);
+    std::vector<std::thread> threads;
+    std::array<int, 4> good = {};
+    for (std::size_t t = 0; t < good.size(); t++)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; i++) {
+                znSpawnAttr attr;
+                znSpawnAttrInit(&attr);
+                znSpawnAttrSetNamespace(&attr, ns);
+                std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
+                pid_t pid = -1;
+                int status = -1;
+                if (znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr) ==
+                        OK &&
+                    ::waitpid(pid, &status, 0) == pid && status == 0)
+                    good[t]++;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(::fcntl(0, F_GETFD), -1);
+    ::dup2(keep.get(), 0);
+    for (const int n : good)
+        EXPECT_EQ(n, 20);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, AForkedProcessThatKeepsTheCallersDescriptorsDoesNotHoldUpASpawn)
+{
+    const nsid_t ns = rooted();
+    std::atomic<bool> done{false};
+    std::vector<pid_t> forked;
+    // Some of these processes come to be while a spawn is under way and hold all it has open.
+    std::thread forker([&] {
+        while (!done && forked.size() < 100) {
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+                ::pause();
+                ::_exit(0);
+            }
+            ASSERT_GT(pid, 0);
+            forked.push_back(pid);
+        }
+        while (!done) // they end with this task
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    for (int i = 0; i < 20; i++)
+        EXPECT_EQ(WEXITSTATUS((run(ns, "exit 4"), exit_)), 4);
+    done = true;
+    forker.join();
+    for (const pid_t pid : forked) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, RefusedAttributesAreNotKept)
+{
+    znSpawnAttr attr;
+    znSpawnAttrInit(&attr);
+    EXPECT_EQ(znSpawnAttrSetPriority(&attr, 256), ERROR);
+    EXPECT_EQ(znSpawnAttrSetStackSize(&attr, -1), ERROR);
+    EXPECT_EQ(znSpawnAttrSetNamespace(&attr, -2), ERROR);
+    EXPECT_EQ(znSpawnAttrSetCwd(&attr, "relative"), ERROR);
+    EXPECT_EQ(attr.priority, 100);
+    EXPECT_EQ(attr.stackSize, 0);
+    EXPECT_EQ(attr.ns, -1);
+    EXPECT_EQ(attr.cwd, nullptr);
+}
+
+// ---------------------------------------------------------------- ends at any moment
+
+// The orphans of processes that a test kills become its children, so that none is overlooked.
+class Subreaper {
+  public:
+    Subreaper() { ::prctl(PR_SET_CHILD_SUBREAPER, 1); }
+    ~Subreaper() { ::prctl(PR_SET_CHILD_SUBREAPER, 0); }
+    Subreaper(const Subreaper&) = delete;
+    Subreaper& operator=(const Subreaper&) = delete;
+};
+
+TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
+{
+    const Subreaper orphans;
+    for (int i = 0; i < 60; i++) {
+        const pid_t owner = ::fork();
+        if (owner == 0)
+            for (;;) {
+                const nsid_t ns = rooted();
+                start(ns, "sleep 1000");
+                znnsDelete(ns);
+            }
+        std::this_thread::sleep_for(std::chrono::microseconds(i * 137));
+        ::kill(owner, SIGKILL);
+        ::waitpid(owner, nullptr, 0);
+        while (children() != 0) // keepers see the end of their owner and go
+            if (::waitpid(-1, nullptr, __WALL) < 0)
+                break;
+        EXPECT_EQ(znnsRecover(), 0);
+        EXPECT_EQ(children(), 0U);
+    }
+}
+
+TEST_F(Namespaces, AClientThatIsKilledLeavesAtMostItsProgramWheneverThatIs)
+{
+    const Subreaper orphans;
+    const nsid_t ns = rooted();
+    for (int i = 0; i < 60; i++) {
+        const pid_t client = ::fork();
+        if (client == 0)
+            for (;;)
+                start(ns, "sleep 1000");
+        std::this_thread::sleep_for(std::chrono::microseconds(i * 137));
+        ::kill(client, SIGKILL);
+        ::waitpid(client, nullptr, 0);
+        // A spawn under way ends in a program or in nothing. Who came after the signal was sent
+        // gets another.
+        do {
+            EXPECT_EQ(znnsKill(ns, kKill), OK);
+            while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+            }
+        } while (children() > 1);
+        EXPECT_FALSE(in_use(ns));
+    }
+    EXPECT_EQ(run(ns, "echo alive"), "alive\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ASpawnIntoANamespaceThatIsBeingDeletedSucceedsOrGivesESRCH)
+{
+    for (int i = 0; i < 60; i++) {
+        const nsid_t ns = rooted();
+        int error = 0;
+        std::thread spawner([&] {
+            znSpawnAttr attr;
+            znSpawnAttrInit(&attr);
+            znSpawnAttrSetNamespace(&attr, ns);
+            std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
+            const std::string program = root_ + "/bin/true";
+            pid_t pid = -1;
+            while (znSpawn(&pid, program.c_str(), &attr, argv.data(), nullptr) == OK)
+                ::waitpid(pid, nullptr, 0);
+            error = errno;
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(i * 59));
+        EXPECT_EQ(znnsDelete(ns), OK);
+        spawner.join();
+        EXPECT_EQ(error, ESRCH) << std::strerror(error);
+    }
+}
+
+} // namespace
