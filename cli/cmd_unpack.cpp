@@ -11,5 +11,7 @@ int zncctl::cmd_unpack(const Arguments& args)
     const char* bundle = args.operand(1);
     const STATUS status =
         call_library([&] { return zncUnpack(bundle, layout, args.value("tag"), option, &attr); });
-    return status == OK ? static_cast<int>(kExitOk) : local_failure(errno);
+    if (status == OK)
+        return kExitOk;
+    return local_failure(errno, "A layer of the image is damaged or a path is too long");
 }

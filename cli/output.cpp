@@ -51,9 +51,9 @@ int daemon_failure(int error)
     }
 }
 
-int local_failure(int error)
+int local_failure(int error, const char* unnumbered)
 {
-    show_error(error, "The operation failed");
+    show_error(error, unnumbered);
     return kExitFailure;
 }
 

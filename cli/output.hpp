@@ -51,7 +51,7 @@ void show_error(int error, const char* unnumbered);
 int daemon_failure(int error);
 
 // A failed operation in this process: its message, kExitFailure.
-int local_failure(int error);
+int local_failure(int error, const char* unnumbered = "The operation failed");
 
 // Bad arguments of a command: a line that says what, kExitUsage. main adds the usage line.
 int usage_failure(std::string_view problem);

@@ -44,6 +44,14 @@ expect 'unpack --flatten prints nothing' 0 '' ''
 check 'the flattened tree holds both layers' test -e "$ZNC_BASE"/flattened/*/bin/busybox -a \
     -e "$ZNC_BASE"/flattened/*/etc/greeting
 
+umoci init --layout "$work/damaged" >>"$work/umoci.log" 2>&1
+umoci new --image "$work/damaged:latest" >>"$work/umoci.log" 2>&1
+printf '%01024d' 7 >"$work/damaged.tar"
+umoci raw add-layer --image "$work/damaged:latest" "$work/damaged.tar" >>"$work/umoci.log" 2>&1
+mkdir "$work/beside"
+run zncctl unpack --os linux "$work/damaged" "$work/beside"
+fails_with 'a damaged layer is not unpacked' 1 'A layer of the image is damaged or a path is too long'
+
 for bundle in bundle flat; do
     run zncctl create "of-$bundle" "$work/$bundle"
     expect "create from $bundle" 0 '' ''

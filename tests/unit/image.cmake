@@ -9,4 +9,6 @@ znc_unit_test(zncImageLib_layout_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} W
 znc_unit_test(zncImageLib_config_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
 znc_unit_test(zncImageLib_inspect_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
 znc_unit_test(zncRuntimeApi_image_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
-znc_unit_test(zncImageLib_test SOURCES ${IMAGE_SUPPORT} ../support/fake_platform.cpp)
+znc_unit_test(zncImageLib_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} ../support/fake_platform.cpp
+              WRAP ${IMAGE_WRAP})
+target_link_options(zncImageLib_test PRIVATE -Wl,--wrap=openat)

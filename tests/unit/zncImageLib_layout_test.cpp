@@ -10,6 +10,8 @@
 #include <cctype>
 #include <functional>
 
+#include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 namespace {
@@ -286,7 +288,7 @@ TEST_F(LayoutReader, AManifestWithOneByteChangedFailsItsDigest)
 {
     std::string manifest = right_manifest();
     const std::string digest = layout_.add_blob(manifest);
-    std::replace(manifest.begin(), manifest.end(), ':', ' ');
+    manifest[manifest.size() / 2] ^= 1;
     write_file(layout_.blob(digest), manifest);
     layout_.add_entry(layout::descriptor(kManifestType, digest, manifest.size()));
     expect_failure(S_zncLib_INDEX_INVALID);
@@ -345,6 +347,33 @@ TEST_F(LayoutReader, ABlobThatIsNoFileIsRefusedWithoutBlocking)
     ASSERT_EQ(::mkfifo(layout_.blob(empty_digest).c_str(), 0600), 0);
     layout_.add_entry(layout::descriptor(kManifestType, empty_digest, 0));
     expect_failure(S_zncLib_INDEX_INVALID);
+}
+
+TEST_F(LayoutReader, WhatIsNoFileIsNotEvenOpened)
+{
+    const std::string device = dir_ / "device"; // a FIFO in the place of one that acts on open
+    ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
+    const znc::UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(::inotify_add_watch(watch.get(), device.c_str(), IN_OPEN), 0);
+    const std::string digest = "sha256:" + layout::sha256_hex("");
+    fs::create_symlink(device, layout_.blob(digest));
+    layout_.add_entry(layout::descriptor(kManifestType, digest, 0));
+    expect_failure(S_zncLib_INDEX_INVALID);
+    layout_ = layout::Layout(dir_.path() / "climbing");
+    layout_.add_entry(layout::descriptor(kManifestType, "sha256:../../../device", 0));
+    expect_failure(S_zncLib_INDEX_INVALID);
+    EXPECT_EQ(validateSha256(device.c_str(), layout::sha256_hex("").c_str()), ERROR);
+    for (const auto& [file, code] : {std::pair("index.json", S_zncLib_INDEX_INVALID),
+                                     std::pair("oci-layout", S_zncLib_LAYOUT_INVALID)}) {
+        fs::remove(layout_.dir() / file);
+        fs::create_symlink(device, layout_.dir() / file);
+        expect_failure(code);
+    }
+    char event[512];
+    EXPECT_EQ(::read(watch.get(), event, sizeof event), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    const znc::UniqueFd opened(::open(device.c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_GT(::read(watch.get(), event, sizeof event), 0); // the watch does watch
 }
 
 TEST_F(LayoutReader, ALaterBadEntryReleasesTheManifestsBeforeIt)

@@ -594,6 +594,15 @@ TEST_F(TarExtract, ChecksumMismatchFails)
     EXPECT_FALSE(exists("f"));
 }
 
+TEST_F(TarExtract, WhatEarlierMembersCouldNotHaveIsNoReasonOfALaterFailure)
+{
+    std::filesystem::create_directory(at("d"));
+    errno = 0;
+    EXPECT_EQ(extract(Archive().dir("d/").file("d", "x").member(Header("f").checksum_off_by(1))),
+              ERROR);
+    EXPECT_EQ(errno, 0);
+}
+
 TEST_F(TarExtract, OnlyTheUnsignedChecksumIsAccepted)
 {
     EXPECT_EQ(extract(Archive().member(Header("f\xfc").checksum_signed()).end()), ERROR);

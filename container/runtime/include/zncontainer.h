@@ -44,8 +44,8 @@ extern "C" {
 
 /* ------------------------------------------------------------------ basic types */
 
-typedef int STATUS;    /* OK or ERROR */
-typedef int32_t BOOL;  /* TRUE or FALSE */
+typedef int STATUS;   /* OK or ERROR */
+typedef int32_t BOOL; /* TRUE or FALSE */
 typedef uint8_t UINT8;
 typedef uint32_t UINT32;
 typedef int32_t OBJ_HANDLE; /* a process, by its id */
@@ -178,7 +178,7 @@ char* zncState(const char* containerId);
 /* The same, only the status. STATE_UNKNOWN on every failure, with the task error number set. */
 CONTAINER_STATUS zncStatusGet(const char* containerId);
 
-/* All containers, as a JSON array of states in ascending order of ids ("[]" when there are none). */
+/* All containers, as a JSON array of states in ascending order of ids; "[]" if there are none. */
 char* zncList(void);
 
 /*
@@ -196,19 +196,20 @@ BOOL zncDaemonIsAlive(void);
  * Unpack an image of the OCI layout directory `ociPath` into the bundle directory `bundlePath`: a
  * root filesystem and a "config.json". The image is the first whose platform is that of
  * `pAttr` (may be NULL) and whose name is `tag` (NULL: "latest", which unnamed images match
- * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not; one
- * made here is removed again on failure. Layers are kept under the storage base (zncBasePathGet) and
- * shared between bundles where the overlay filesystem is available.
+ * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not;
+ * one made here is removed again on failure. Layers are kept under the storage base
+ * (zncBasePathGet) and shared between bundles where the overlay filesystem is available.
  * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
- * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes,
- * EEXIST (the image's overlay device exists already), ENAMETOOLONG, archive and system numbers.
+ * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the
+ * image's overlay device exists already), ENAMETOOLONG, archive and system numbers; 0 for a layer
+ * whose archive is damaged.
  */
 STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, unsigned int option,
                  const ZNC_BUNDLE_ATTR* pAttr);
 
 /*
- * Describe every image of a layout, verified, as a JSON array with one object per manifest. Needs no
- * daemon. NULL with EINVAL, ENOMEM, or an image code.
+ * Describe every image of a layout, verified, as a JSON array with one object per manifest. Needs
+ * no daemon. NULL with EINVAL, ENOMEM, or an image code.
  */
 char* zncImageInfoGet(const char* ociPath);
 
@@ -244,7 +245,7 @@ STATUS zncUtilXdelete(const char* source);
  */
 STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size, const char* prompt_info);
 
-/* The system's number of a signal, by its bare name ("KILL" is 9); -1 for an unknown name or NULL. */
+/* The system's number of a signal, by its bare name ("KILL" is 9); -1 for any other or NULL. */
 int zncUtilSignalNo(const char* sigstr);
 
 /* "creating", "created", "running", "stopped" or "unknown", which every other number is. */
@@ -265,8 +266,8 @@ STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
  * Extract the ustar archive `pTape`, plain or gzip-compressed, into the existing directory
  * `targetDir`, reading `bfactor` blocks of 512 bytes at a time (0: 20). Nothing outside the
  * directory is ever written: ".." is refused (EPERM), absolute names land inside, no member is
- * written through a link or a file (ENOTDIR). Regular files, directories (named with a final "/") and
- * symbolic links are made; other members are skipped. On ERROR what was extracted stays.
+ * written through a link or a file (ENOTDIR). Regular files, directories (named with a final "/")
+ * and symbolic links are made; other members are skipped. On ERROR what was extracted stays.
  * EINVAL, ENAMETOOLONG, EFBIG (a member of 4 GiB or more), system numbers; unset for a
  * damaged archive. `verbose` is accepted and prints nothing.
  */
@@ -316,7 +317,8 @@ BOOL zncOvlFsAvailable(void);
 
 /*
  * Create the overlay device `pDevName` over directories, the first on top and, with `hasUpper`,
- * writable. ERROR with EEXIST if the device exists, or the system's number. Needs the right to mount.
+ * writable; needs the right to mount. ERROR with EEXIST if the device exists, or the system's
+ * number.
  */
 STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath, uint32_t dirNum,
                              BOOL hasUpper);

@@ -42,12 +42,12 @@ typedef enum zncCmdType {
  * A message, host byte order. `data` is unformatted JSON, not terminated on the wire. This is
  * one queue message; a longer reply goes on in further ones, which are data only.
  *
- * The daemon drops, without a reply, a request that says it has more data than came with it or than a
- * request can have, or whose `name` is not of the form zncCall makes: "/znc-u-<digits>-<digits>".
+ * The daemon drops, without a reply, a request that says it has more data than came with it or than
+ * a request can have, or whose `name` is not of the form zncCall makes: "/znc-u-<digits>-<digits>".
  */
 typedef struct zncMessage {
     char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue, ended by NUL */
-    uint8_t msgLvl;   /* wanted verbosity; requests only */
+    uint8_t msgLvl;              /* wanted verbosity; requests only */
     uint8_t rsvd1;
     uint8_t rsvd2;
     uint8_t rsvd3;
@@ -58,12 +58,7 @@ typedef struct zncMessage {
 
 /* ------------------------------------------------------------------ parameters */
 
-typedef enum paramType {
-    INTEGER = 0,
-    STRING = 1,
-    STRING_ARRAY = 2,
-    OBJECT = 3
-} paramType;
+typedef enum paramType { INTEGER = 0, STRING = 1, STRING_ARRAY = 2, OBJECT = 3 } paramType;
 
 typedef int64_t zncData; /* the integer itself, or a pointer */
 
@@ -83,10 +78,10 @@ typedef struct cJSON ZNC_PARAM_DATA; /* an object with the parameters as members
 ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
 
 /*
- * Fill a table from an object: entries whose key (any case) is missing keep their value. Text points into
- * the tree; vectors of STRING_ARRAYs are malloc'd and freed by zncParamObjDestroy. ERROR with EINVAL
- * (NULL, no entries) or ENOMEM, or with no number for a value that is not text; the table's vectors are then
- * already freed and must not be used.
+ * Fill a table from an object: entries whose key (any case) is missing keep their value. Text
+ * points into the tree; vectors of STRING_ARRAYs are malloc'd and freed by zncParamObjDestroy.
+ * ERROR with EINVAL (NULL, no entries) or ENOMEM, or with no number for a value that is not text;
+ * the table's vectors are then already freed and must not be used.
  */
 STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count);
 
@@ -108,28 +103,32 @@ void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char
 /* ------------------------------------------------------------------ calls (client) */
 
 /*
- * Send one request to the daemon queue `msgQHandle` (a name; zncCall: "/znc"), wait for its reply and print
- * the progress texts. The reply's text goes to `ppResp` (may be NULL), freed by the caller.
- * S_zncLib_DAEMON_NOT_RUNNING, ENOMEM, or 0 when a queue cannot be made or no reply comes.
+ * Send one request to the daemon queue `msgQHandle` (a name; zncCall: "/znc"), wait for its reply
+ * and print the progress texts. The reply's text goes to `ppResp` (may be NULL), freed by the
+ * caller. S_zncLib_DAEMON_NOT_RUNNING, ENOMEM, or 0 when a queue cannot be made or no reply comes.
  */
 STATUS zncCallQ(const char* msgQHandle, int cmdId, zncParam* param, int count, char** ppResp);
 STATUS zncCall(int cmdId, zncParam* param, int count, char** ppResp);
 
 /*
- * Take a parsed reply apart: its "errno" and its "body" (borrowed; either target may be NULL). ERROR when
- * "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
+ * Take a parsed reply apart: its "errno" and its "body" (borrowed; either target may be NULL).
+ * ERROR when "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
  */
 STATUS zncResponseCheck(struct cJSON* root, int* errCode, struct cJSON** body);
 
 /* ------------------------------------------------------------------ replies (daemon task only) */
 
 /*
- * Send a reply to the queue `name`; `body` stays the caller's. ERROR (number not always set) if the queue
- * is gone, there is no body or no memory, the text has 64 KiB, or a piece is not taken in 1 s.
+ * Send a reply to the queue `name`; `body` stays the caller's. ERROR (number not always set) if
+ * the queue is gone, there is no body or no memory, the text has 64 KiB, or a piece is not taken
+ * within 1 s.
  */
 STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
 
-/* Post a progress text (a printf format) to the client being served, if its level is wanted. Never waits. */
+/*
+ * Post a progress text (a printf format) to the client being served, if its level is wanted.
+ * Never waits.
+ */
 void zncSendMsg(uint32_t lvl, char* info, ...) __attribute__((format(printf, 2, 3)));
 
 /* The client being served: its reply queue, and its verbosity (values above 2 are ignored). */
@@ -138,7 +137,7 @@ void zncMsgLvlSet(UINT8 lvl);
 
 /* ------------------------------------------------------------------ documents */
 
-/* Append a container's inspection document to `array` for the request `root`; 0 or an error number. */
+/* Append a container's inspection document to `array`, for request `root`; 0 or an error number. */
 int zncInspectContainer(struct cJSON* root, struct cJSON* array);
 
 /* Its parts: new objects, or NULL when memory is short. A member that cannot be made is missing. */
@@ -146,7 +145,7 @@ struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
 struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
 struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);
 
-/* Append one object per manifest of an image layout to `array`; 0 or an error number (`array` then empty). */
+/* Append one object per manifest of a layout; 0, or an error number and `array` is empty. */
 int zncImageInspect(const char* ociPath, struct cJSON* array);
 STATUS zncInspectImageConfig(struct cJSON* body, struct cJSON* config);
 struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
@@ -159,13 +158,17 @@ typedef struct zncImageIndex OCI_IMAGE;
 STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* roofsPath);
 STATUS zncCreateOciBundleConfigVersion(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigProcess(OCI_IMAGE* image, struct cJSON* rootJson);
-STATUS zncCreateOciBundleConfigRoot(OCI_IMAGE* image, struct cJSON* rootJson, const char* rootfsPath);
+STATUS zncCreateOciBundleConfigRoot(OCI_IMAGE* image, struct cJSON* rootJson,
+                                    const char* rootfsPath);
 STATUS zncCreateOciBundleConfigHostname(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigMounts(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigAnnotations(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
 
-/* "uid" and "gid" from a user text; one mount object from a volume text ("source:destination:options:type"). */
+/*
+ * "uid" and "gid" from a user text; one mount object from a volume text
+ * ("source:destination:options:type").
+ */
 STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
 STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);
 

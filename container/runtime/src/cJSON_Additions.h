@@ -27,7 +27,7 @@ cJSON* cJSON_load_from_file(const char* path);
  */
 int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode);
 
-/* A number item's value; saturated at the type's range, fractions cut; 0 for any other item or NULL. */
+/* A number item's value, saturated at the type's range, fractions cut; 0 for others and NULL. */
 int32_t cJSON_integer_value(const cJSON* item);
 int64_t cJSON_integer64_value(const cJSON* item);
 

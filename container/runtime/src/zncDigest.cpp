@@ -1,12 +1,9 @@
 // zncDigest.cpp - see zncDigest.hpp.
 #include "zncDigest.hpp"
 
-#include "zncOwned.hpp"
-
 #include <array>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <mbedtls/sha256.h>
 #include <mbedtls/sha512.h>
@@ -106,10 +103,9 @@ template <class Hash> STATUS validate(const char* file_name, const char* digest)
     constexpr std::size_t digits = 2 * Hash::kLen;
     if (file_name == nullptr || digest == nullptr || ::strnlen(digest, digits) != digits)
         return ERROR;
-    // Not blocking: a FIFO in the place of a blob must not hold the caller up.
-    const znc::UniqueFd fd(::open(file_name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat st = {};
-    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+    const znc::UniqueFd fd = znc::open_blob(file_name, &st);
+    if (!fd)
         return ERROR;
     Hash hash;
     std::array<unsigned char, Hash::kLen> have = {};
@@ -121,6 +117,17 @@ template <class Hash> STATUS validate(const char* file_name, const char* digest)
 }
 
 } // namespace
+
+znc::UniqueFd znc::open_blob(const char* path, struct stat* st)
+{
+    if (::stat(path, st) != 0 || !S_ISREG(st->st_mode))
+        return {};
+    // Not blocking: a FIFO that has come into its place must not hold the caller up.
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (fd && (::fstat(fd.get(), st) != 0 || !S_ISREG(st->st_mode)))
+        fd.reset();
+    return fd;
+}
 
 bool znc::chain_digest(std::uint8_t (&chain)[kSha256Len], std::string_view prefix,
                        std::string_view hex)

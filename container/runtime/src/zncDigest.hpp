@@ -4,15 +4,22 @@
 #ifndef ZNCDIGEST_HPP
 #define ZNCDIGEST_HPP
 
+#include "zncOwned.hpp"
 #include "zncontainer.h"
 
 #include <cstdint>
 #include <string_view>
 
+#include <sys/stat.h>
+
 namespace znc {
 
 inline constexpr std::size_t kSha256Len = 32;
 inline constexpr std::size_t kSha512Len = 64;
+
+// Opens the regular file `path` for reading and gives its status. Anything else is not opened: a
+// layout may hold links to devices, and some of those act on being opened.
+[[nodiscard]] UniqueFd open_blob(const char* path, struct stat* st);
 
 // One step of the chain: `chain` becomes the SHA-256 of `prefix` (empty, or the chain so far)
 // followed by the characters of `hex`. False if it cannot be computed.

@@ -6,25 +6,20 @@
 #include "zncTreeLinks.hpp"
 
 #include <cstring>
+#include <string_view>
 
-#include <ftw.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+
+using znc::exists;
+using znc::fail;
 
 namespace {
 
 constexpr char kOverlayDir[] = "/overlay/";
-constexpr int kWalkDescriptors = 16;
-
-bool exists(const char* path)
-{
-    return ::access(path, F_OK) == 0;
-}
-
-STATUS fail(int code)
-{
-    errno = code;
-    return ERROR;
-}
+// A member's path has fewer than kPathMax characters: what lies deeper is in no member's way.
+constexpr std::size_t kMemberLevels = znc::kPathMax / 2;
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // `first` and `second` into a path buffer; false when they do not fit.
 bool compose(char* path, const char* first, const char* second)
@@ -64,14 +59,48 @@ STATUS layered_root(OCI_IMAGE* image, char* root, const LayerPaths& layers, std:
                                 static_cast<std::uint32_t>(count));
 }
 
-// Removes the links of an earlier extraction of the same layers: extracting them again would fail
-// on them, since a link, other than a file, is never overwritten.
-STATUS remove_links(const char* tree)
+bool remove_links(znc::UniqueFd fd, std::size_t level);
+
+// A link goes, a directory is searched, anything else stays.
+bool remove_links_at(int dir, const char* name, std::size_t level)
 {
-    const auto unlink_link = [](const char* path, const struct stat*, int type, struct FTW*) {
-        return type == FTW_SL ? ::unlink(path) : 0;
-    };
-    return ::nftw(tree, unlink_link, kWalkDescriptors, FTW_PHYS) == 0 ? OK : ERROR;
+    struct stat st = {};
+    if (::fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    if (S_ISLNK(st.st_mode))
+        return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT;
+    if (!S_ISDIR(st.st_mode) || level == kMemberLevels)
+        return true;
+    return remove_links(znc::UniqueFd(::openat(dir, name, kDirFlags)), level + 1);
+}
+
+// Removes the links of an earlier extraction of the same layers: extracting them again would fail
+// on them, since a link, other than a file, is never overwritten. By descriptors, and not by paths:
+// a container whose root the tree is may put links to the host's directories into the way.
+bool remove_links(znc::UniqueFd fd, std::size_t level)
+{
+    const znc::UniqueDir stream(fd ? ::fdopendir(fd.get()) : nullptr);
+    if (!stream)
+        return false;
+    (void)fd.release(); // the stream's now
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(stream.get());
+        if (entry == nullptr)
+            return errno == 0;
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != ".." &&
+            !remove_links_at(::dirfd(stream.get()), entry->d_name, level))
+            return false;
+    }
+}
+
+// The directory `root`, without links when it is there already.
+bool prepare_flattened(const char* root)
+{
+    if (!exists(root))
+        return znMkdirParents(root, 0700) == OK;
+    return remove_links(znc::UniqueFd(::open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC)), 0);
 }
 
 STATUS flattened_root(OCI_IMAGE* image, char* root)
@@ -83,8 +112,7 @@ STATUS flattened_root(OCI_IMAGE* image, char* root)
     char* const end = root + znc::kPathMax;
     if (znc::copy_end(root + len, end, chain) == end)
         return fail(ENAMETOOLONG);
-    const STATUS ready = exists(root) ? remove_links(root) : znMkdirParents(root, 0700);
-    return ready == OK ? zncImageExtractLayers(image, root) : ERROR;
+    return prepare_flattened(root) ? zncImageExtractLayers(image, root) : ERROR;
 }
 
 STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
@@ -104,7 +132,10 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     if (zncCreateOciBundleRootfs(path) != OK)
         return ERROR;
     const znc::MallocPtr<char> root(zncCreateOciRootfs(image, bundle, type));
-    if (!root || !compose(path, bundle, "/config.json"))
+    if (!root)
+        return ERROR;
+    errno = 0; // a path too long has no number here
+    if (!compose(path, bundle, "/config.json"))
         return ERROR;
     return zncCreateOciBundleConfig(image, path, root.get());
 }
@@ -234,7 +265,7 @@ STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
     if (manifest == nullptr)
         return fail(EINVAL);
     for (int i = 0; i < manifest->manifestLayersCount; ++i)
-        if (zncUtilUntar(manifest->manifestLayers[i].layerFileName, rootfsPath) != OK)
+        if (znc::extract_layer(manifest->manifestLayers[i].layerFileName, rootfsPath) != OK)
             return ERROR;
     return OK;
 }
@@ -275,7 +306,12 @@ STATUS zncCreateDir(const char* dirName, mode_t mode)
 
 STATUS zncImageBundleDelete(const char* pBundlePath)
 {
-    if (pBundlePath == nullptr || !exists(pBundlePath))
+    if (pBundlePath == nullptr)
         return ERROR;
+    const int before = errno;
+    if (!exists(pBundlePath)) {
+        errno = before; // nothing to delete has no number
+        return ERROR;
+    }
     return znc::delete_foreign_tree(pBundlePath);
 }

@@ -135,6 +135,31 @@ struct OciImageDeleter {
 using OciImagePtr = std::unique_ptr<OCI_IMAGE, OciImageDeleter>;
 
 inline constexpr std::size_t kChainIdTextLen = 2 * kSha256Len + 1;
+inline constexpr std::size_t kTextBound = 256; // how far texts of an image are looked at
+
+inline bool exists(const char* path)
+{
+    return ::access(path, F_OK) == 0;
+}
+
+inline STATUS fail(int code)
+{
+    errno = code;
+    return ERROR;
+}
+
+// `key` must outlive the object. A null item is one that could not be made.
+inline bool add(cJSON* object, const char* key, CJsonPtr item)
+{
+    if (!item || cJSON_AddItemToObjectCS(object, key, item.get()) == 0)
+        return false;
+    (void)item.release();
+    return true;
+}
+
+// Extract the archive of a layer into the directory `dir`. An archive that is damaged has no number
+// of its own: the task error number is 0 then, whatever it was before.
+STATUS extract_layer(const char* layerFile, const char* dir);
 
 // Fill the store directory `layerDir` (`baseLen` characters of which are the store itself) with the
 // layer archive, unless it is there: it appears complete or not at all. See zncImageLib_store.cpp.

@@ -7,9 +7,11 @@
 
 #include <cstring>
 
+using znc::add;
+using znc::kTextBound;
+
 namespace {
 
-constexpr std::size_t kTextBound = 256;
 constexpr mode_t kConfigMode = 0660;
 constexpr char kRtpPrefix[] = "com.quenmark.zarnel.rtp";
 
@@ -29,15 +31,6 @@ cJSON* first_member(cJSON* parent, const char* name)
 {
     const cJSON* object = cJSON_GetObjectItem(parent, name);
     return object != nullptr ? object->child : nullptr;
-}
-
-// `key` must outlive the object. A null item is one that could not be made.
-bool add(cJSON* object, const char* key, znc::CJsonPtr item)
-{
-    if (!item || cJSON_AddItemToObjectCS(object, key, item.get()) == 0)
-        return false;
-    (void)item.release();
-    return true;
 }
 
 bool add_text(cJSON* object, const char* key, const char* text)

@@ -3,6 +3,8 @@
 
 #include "cJSON_Additions.h"
 
+using znc::add;
+
 namespace {
 
 constexpr char kVersion[] = "1.0.1.6";
@@ -11,14 +13,6 @@ struct Member {
     const char* name;
     const char* source;
 };
-
-bool add(cJSON* object, const char* key, znc::CJsonPtr item)
-{
-    if (!item || cJSON_AddItemToObjectCS(object, key, item.get()) == 0)
-        return false;
-    (void)item.release();
-    return true;
-}
 
 void copy(cJSON* from, const Member& member, cJSON* object)
 {

@@ -7,23 +7,15 @@
 #include <cstring>
 #include <string_view>
 
+using znc::exists;
+using znc::fail;
+using znc::kTextBound;
+
 namespace {
 
-constexpr std::size_t kTextBound = 256;
 constexpr std::size_t kDiffIdMax = 200; // characters, exclusive
 constexpr char kRefName[] = "org.opencontainers.image.ref.name";
 constexpr char kLatest[] = "latest";
-
-bool exists(const char* path)
-{
-    return ::access(path, F_OK) == 0;
-}
-
-STATUS fail(int code)
-{
-    errno = code;
-    return ERROR;
-}
 
 // A check failed: that is `code`, unless it could not be made for want of memory.
 STATUS reject(int code)
@@ -40,7 +32,10 @@ template <class Check> bool passes(Check check)
 
 cJSON* load(const char* path)
 {
+    struct stat st = {};
     errno = 0;
+    if (!znc::open_blob(path, &st))
+        return nullptr;
     return cJSON_load_from_file(path);
 }
 

@@ -176,6 +176,12 @@ class Stage {
 
 } // namespace
 
+STATUS znc::extract_layer(const char* layerFile, const char* dir)
+{
+    errno = 0;
+    return zncUtilUntar(layerFile, dir);
+}
+
 STATUS znc::store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen)
 {
     if (is_directory(layerDir))
@@ -185,7 +191,7 @@ STATUS znc::store_layer(const char* layerFile, const char* layerDir, std::size_t
     StoreLock lock;
     Stage stage;
     if (!dir || znMkdirParents(dir.get(), 0700) != OK || lock.take(base) != OK ||
-        stage.make(base) != OK || zncUtilUntar(layerFile, stage.path()) != OK)
+        stage.make(base) != OK || extract_layer(layerFile, stage.path()) != OK)
         return ERROR;
     return stage.publish(layerDir);
 }

@@ -6,12 +6,10 @@
 
 #include <cstring>
 
-#include <fcntl.h>
-#include <sys/stat.h>
+using znc::kTextBound;
 
 namespace {
 
-constexpr std::size_t kTextBound = 256;
 constexpr std::int32_t kSchemaVersion = 2;
 
 bool one_of(const char* text, std::initializer_list<const char*> accepted)
@@ -106,10 +104,9 @@ STATUS validateJsonMediatype(JSON_FILE_TYPE type, cJSON* value)
 
 STATUS validateJsonFileSize(const char* fileName, cJSON* size)
 {
-    // Not blocking: a FIFO in the place of a blob must not hold the caller up.
-    const znc::UniqueFd fd(::open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat st = {};
-    if (!fd || ::fstat(fd.get(), &st) != 0)
+    const znc::UniqueFd fd = znc::open_blob(fileName, &st);
+    if (!fd)
         return ERROR;
     return st.st_size == cJSON_integer64_value(size) ? OK : ERROR;
 }

@@ -48,8 +48,10 @@ STATUS extract_members(MT_TAR_SOFT& ctrl)
             }
             return OK;
         }
+        const int before = errno;
         if (tarExtractFile(&ctrl, block) != OK)
             return ERROR;
+        errno = before; // what the member could not have is no reason of a later failure
     }
     return ERROR; // no end mark
 }

@@ -188,6 +188,7 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
     const char* const name =
         znc::tar_member_name(std::strrchr(pCtrl->targetDir.get() + pCtrl->targetDirLen, '/'));
     const int parent = znc::tar_parent(*pCtrl);
+    const int before = errno;
     // The directory times are the extractor's: a member of that name has no file to go to.
     znc::UniqueFd file(znc::tar_is_record_file(*pCtrl, name)
                            ? -1
@@ -197,6 +198,7 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
         file.reset(open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
     if (!file)
         return ERROR;
+    errno = before; // no file to write is no failure
     const bool copied = copy_data(*pCtrl, file.get(), size);
     if (!copied || file.close_checked() != 0)
         return ERROR;
