@@ -44,7 +44,12 @@ for layout in debian plain; do
     check 'the bundle of the stack is deleted' driver delete "$work/three"
     check 'the device stays' mountpoint -q "$device"
     umount "$device"
-    rm -rf "$work"/{one,three,flat1,flat3,flat3.again,storage}
+    check 'a reboot leaves the directory of the device' test -d "$device"
+    check 'which does not keep the image from being unpacked' unpack "$layout" layers "$work/rebooted"
+    check 'the device is mounted again' mountpoint -q "$device"
+    check 'and equals the tree of umoci' same_tree "$layout" layers "$device"
+    umount "$device"
+    rm -rf "$work"/{one,three,flat1,flat3,flat3.again,rebooted,storage}
 done
 
 # Images made of the same step twice hold the same layer twice; the kernel stacks it only once.
