@@ -33,9 +33,13 @@ int run(std::span<char* const> words)
     if (words.empty())
         return bad_usage("no command given", usage_line());
     const std::string_view first = words[0];
-    if (first == "--version")
+    const bool version = first == "--version";
+    const bool help = first == "--help" || first == "-h";
+    if ((version || help) && words.size() > 1)
+        return bad_usage("too many arguments", usage_line());
+    if (version)
         return print_result("zncctl " ZNC_VERSION);
-    if (first == "--help" || first == "-h" || (first == "help" && words.size() == 1))
+    if (help || (first == "help" && words.size() == 1))
         return print_result(help_text());
     if (first == "help")
         words = words.subspan(1);
@@ -43,7 +47,10 @@ int run(std::span<char* const> words)
     if (found.command == nullptr)
         return bad_usage("unknown command '" + std::string(words[0]) + "'", usage_line());
     const Command& command = *found.command;
-    const Parsed parsed = parse(command, words.subspan(found.words));
+    const std::span<char* const> rest = words.subspan(found.words);
+    if (first == "help" && !rest.empty())
+        return bad_usage("too many arguments", usage_line());
+    const Parsed parsed = parse(command, rest);
     if (first == "help" || parsed.help)
         return print_result(help_text(command));
     if (!parsed.problem.empty())

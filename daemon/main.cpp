@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "zarnel/fs.h"
 #include "zarnel/msgq.h"
@@ -70,6 +71,10 @@ int main(int argc, char** argv)
 {
     if (const int status = answer_options(argc, argv); status >= 0)
         return status;
+    if (::geteuid() != 0) {
+        std::fputs("zncd: namespaces and mounts are root's; run it as root\n", stderr);
+        return 1;
+    }
     ::umask(077);
     std::signal(SIGPIPE, SIG_IGN);
     const znc::UniqueFd lock = zncd::take_lock();

@@ -3,7 +3,8 @@
 
 A test program of many tests counts as many: GoogleTest's cases and the "ok - " lines of shell
 tests. Anything else counts as one. Prints the reason of every skip, then "PASSED FAILED SKIPPED".
-A program that failed counts as at least one failure, whatever it printed, and no tests at all is a failure.
+A program that failed counts as at least one failure, whatever it printed, and no tests at all is
+a failure.
 """
 
 import re

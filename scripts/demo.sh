@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# demo.sh - the main job from end to end, as root: installs what it needs, builds, makes an image of two
-# layers with standard tools, starts the daemon and takes a container through its life. Each command is
-# shown with what it printed. Afterwards nothing of it is left but the build.
+# demo.sh - the main job from end to end, as root: installs what it needs, builds, makes an image
+# of two layers with standard tools, starts the daemon and takes a container through its life. Each
+# command is shown with what it printed. Afterwards nothing of it is left but the build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$PWD/build/demo/bin

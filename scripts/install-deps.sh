@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # install-deps.sh [build] [test] [demo] - installs the Debian packages that building, testing or the
-# demo need; all of them without arguments. Does nothing when they are there. Needs root only when they are not.
+# demo need; all of them without arguments. Does nothing when they are there. Needs root only when
+# they are not.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libcjson-dev libmbedtls-dev ninja-build pkg-config)
@@ -8,9 +9,9 @@ case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 *) build+=(zlib1g-dev) ;;
 esac
-test=(binutils busybox-static clang clang-format clang-tidy debootstrap file jq libarchive-tools
-    libgtest-dev mount procps python3 shellcheck skopeo strace tar umoci util-linux zlib1g-dev)
-demo=(busybox-static umoci util-linux)
+test=(binutils busybox-static clang clang-format clang-tidy debootstrap libarchive-tools
+    libgtest-dev mount python3 shellcheck skopeo tar umoci util-linux zlib1g-dev)
+demo=(busybox-static mount tar umoci)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo

@@ -66,8 +66,8 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
     std::istringstream mounts(read_file("/proc/self/mountinfo"));
     for (std::string line; std::getline(mounts, line);)
         entries["mount " + line] = "";
-    // Processes that belong here: descendants of the daemon and of this test, and whoever lives in a
-    // namespace that is not ours.
+    // Processes that belong here: descendants of the daemon and of this test, and whoever lives in
+    // a namespace that is not ours.
     const std::string own = link_of("/proc/self/ns/pid");
     std::set<std::string> family = {std::to_string(::getpid()), std::to_string(daemon)};
     for (const auto& entry : fs::directory_iterator("/proc")) {
@@ -86,7 +86,8 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
         if (ours && !ns.empty() && ns != own)
             entries["namespace " + ns] = "";
     }
-    for (const std::string& dir : {storage, std::string("/overlay"), std::string("/run/zarnel/ns")}) {
+    for (const std::string& dir :
+         {storage, std::string("/overlay"), std::string("/run/zarnel/ns")}) {
         std::error_code error;
         for (auto it = fs::recursive_directory_iterator(dir, error);
              !error && it != fs::recursive_directory_iterator(); it.increment(error))

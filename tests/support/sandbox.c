@@ -5,7 +5,8 @@
  *
  * The program gets new mount and IPC namespaces whose root is a tmpfs holding the host's top-level
  * directories as recursive binds, but for /overlay (an empty directory, or none with --no-overlay),
- * /ram0 (none), /run and /tmp (empty, tmpfs). So it has no queues, devices or storage of the host's to find or to
+ * /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The sources and the build stay where
+ * they are, wherever that is. So it has no queues, devices or storage of the host's to find or to
  * leave behind. Needs root: without the right to make namespaces it fails, it does not skip.
  */
 #include <dirent.h>
@@ -33,6 +34,45 @@ static const char* in_root(const char* root, const char* name)
     static char path[4096];
     snprintf(path, sizeof path, "%s/%s", root, name);
     return path;
+}
+
+/* Makes a directory of the new root with all above it. */
+static void make_path(const char* path)
+{
+    char text[4096];
+    snprintf(text, sizeof text, "%s", path);
+    for (char* slash = text; (slash = strchr(slash + 1, '/')) != NULL; *slash = '/') {
+        *slash = '\0';
+        if (mkdir(text, 0755) != 0 && errno != EEXIST)
+            die("mkdir", text);
+    }
+    if (mkdir(text, 0755) != 0 && errno != EEXIST)
+        die("mkdir", text);
+}
+
+/* The tests and their build stay where they are, also below a directory that is not shown. */
+static const char* const kept[] = {ZNC_SOURCE_DIR, ZNC_BINARY_DIR};
+static int kept_fds[sizeof kept / sizeof *kept];
+
+/* In the new mount namespace, which binds only what is its own, and before /mnt is covered. */
+static void remember_kept(void)
+{
+    for (size_t i = 0; i < sizeof kept / sizeof *kept; i++)
+        kept_fds[i] = open(kept[i], O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+static void show_kept(const char* root)
+{
+    for (size_t i = 0; i < sizeof kept / sizeof *kept; i++) {
+        const char* inside = in_root(root, kept[i]);
+        if (kept_fds[i] < 0 || access(inside, F_OK) == 0)
+            continue;
+        make_path(inside);
+        char host[64];
+        snprintf(host, sizeof host, "/proc/self/fd/%d", kept_fds[i]);
+        if (mount(host, inside, NULL, MS_BIND | MS_REC, NULL) != 0)
+            die("bind", kept[i]);
+    }
 }
 
 /* One top-level entry of the host: directories are bound, links are copied, files left out. */
@@ -94,6 +134,7 @@ int main(int argc, char** argv)
         die("unshare", "(are you root?)");
     if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0)
         die("make private", "/");
+    remember_kept();
     /* Any directory serves as the place to build the new root; /mnt is always there. */
     const char* root = "/mnt";
     if (mount("tmpfs", root, "tmpfs", 0, "mode=0755") != 0)
@@ -111,6 +152,7 @@ int main(int argc, char** argv)
     own_tmpfs(root, "tmp");
     if (overlay && mkdir(in_root(root, "overlay"), 0755) != 0)
         die("mkdir", "overlay");
+    show_kept(root);
     if (chdir(root) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 || umount2(".", MNT_DETACH) != 0)
         die("pivot_root", root);
     if (chdir(cwd) != 0 && chdir("/") != 0)

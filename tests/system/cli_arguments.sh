@@ -49,6 +49,16 @@ for command in create start kill delete state list inspect unpack 'image inspect
 done
 run zncctl help kill
 check 'help COMMAND is COMMAND --help' test "$out" = "$(zncctl kill --help)"
+for words in '--version more' '--help more' '-h more' 'help kill more'; do
+    # shellcheck disable=SC2086
+    run zncctl $words
+    usage_error "$words is a usage error" 'COMMAND [ARGUMENTS] | --help | --version'
+done
+run zncctl help frobnicate
+usage_error 'help about an unknown command is a usage error' \
+    'COMMAND [ARGUMENTS] | --help | --version'
+run zncctl kill web -9
+usage_error 'a signal is no option' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
 run zncctl --version
 check 'the version is one line' grep -qx 'zncctl [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 

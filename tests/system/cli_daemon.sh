@@ -14,6 +14,22 @@ expect 'an unknown option is a usage error' 64 '' 'usage: zncd [--help] [--versi
 run "$ZNCD" --version more
 expect 'further arguments are a usage error' 64 '' 'usage: zncd [--help] [--version]'
 
+# A copy, since the build may lie where only root can go.
+install -m 755 "$ZNCD" /tmp/zncd.copy
+run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
+rm /tmp/zncd.copy
+expect 'it needs root and says so' 1 '' "zncd: namespaces and mounts are root's; run it as root"
+check 'without root it leaves nothing' test ! -e /run/zarnel
+mount -o remount,ro /run
+run "$ZNCD"
+mount -o remount,rw /run
+expect 'a /run that cannot be written stops it' 1 '' 'zncd: /run/zarnel: Read-only file system'
+
+ZNC_BASE=no/absolute/path start_daemon
+check 'a relative storage base does not count' test -d /ram0/znc/containers
+stop_daemon
+rm -rf /ram0
+
 start_daemon
 check 'its directory is for root alone' test "$(stat -c %a:%u /run/zarnel)" = 700:0
 check 'the lock file names it' test "$(<"/run/zarnel/zncd.lock")" = "$daemon"
@@ -45,6 +61,21 @@ for signal in TERM INT; do
     run zncctl ping
     fails_with "the queue is gone after $signal" 4 'The daemon is not running'
 done
+
+start_daemon
+make_bundle "$work/waits" /bin/sleep "$mark"
+zncctl create waits "$work/waits"
+"$ZNCCTL" start waits 2>/dev/null &
+starter=$!
+eventually program_lives
+kill -s STOP "$daemon"
+run zncctl ping
+fails_with 'a daemon that does not answer is told after a while' 4 'No answer from the daemon'
+kill -s CONT "$daemon"
+eventually alive
+stop_daemon KILL
+wait "$starter"
+check 'a waiting start ends with its program when the daemon is killed' test $? = 137
 
 start_daemon
 two_containers

@@ -131,6 +131,41 @@ check "30 is the system's number of USR1" test "$status/$out" = $'3/ready\nusr1'
 send_to_zncctl() { kill -s TERM "$starter"; }
 trapping send_to_zncctl
 check 'a waiting start hands its signals on' test "$status/$out" = $'5/ready\nterm'
+for signal in HUP INT QUIT; do
+    zncctl create web "$work/loop"
+    "$ZNCCTL" start web 2>/dev/null &
+    starter=$!
+    # The program's number is known to the daemon once the signal can be sent.
+    eventually program_lives && eventually zncctl kill web 0
+    kill -s $signal $starter
+    wait $starter
+    status=$?
+    check "a waiting start ends as its program does by $signal" \
+        test $status = $((128 + $(kill -l $signal)))
+    zncctl delete -f web
+done
+
+zncctl list >/dev/full 2>"$work/err"
+check 'a table that cannot be written is a failure' \
+    test "$?/$(<"$work/err")" = '1/Error: No space left on device.'
+
+long=$(printf 'x%.0s' {1..254})
+for id in "$long" $'two\nlines' ' ' -f; do
+    run zncctl create -- "$id" "$work/loop"
+    expect "an id may be '${id:0:10}'" 0 '' ''
+    run zncctl list
+    check 'and its row is one line' test "$(wc -l <"$work/out")" = 2
+    run zncctl delete -- "$id"
+    expect 'and it is found again' 0 '' ''
+done
+run zncctl create "${long}y" "$work/loop"
+expect 'an id may have 255 bytes' 0 '' ''
+run zncctl delete "$long"
+expect 'of which 254 count from then on' 0 '' ''
+for id in "xx$long" '' . .. a/b 'a\b'; do
+    run zncctl create "$id" "$work/loop"
+    fails_with "an id may not be '${id:0:10}'" 1 'Invalid parameter'
+done
 
 make_bundle "$work/many" /bin/sh -c "sleep $mark & sleep $mark & trap '' TERM; sleep $mark"
 zncctl create many "$work/many"

@@ -1,5 +1,6 @@
-// Containers from end to end: a real daemon, real namespaces, the overlay present and absent, and nothing
-// left behind. Runs in a sandbox; with --no-overlay the daemon finds no /overlay and may not make one.
+// Containers from end to end: a real daemon, real namespaces, the overlay present and absent, and
+// nothing left behind. Runs in a sandbox; with --no-overlay the daemon finds no /overlay and cannot
+// make one.
 
 #include "bundle.hpp"
 #include "daemon_process.hpp"
@@ -53,11 +54,15 @@ struct Free {
     void operator()(char* text) const { std::free(text); }
 };
 using Text = std::unique_ptr<char, Free>;
-Text take(char* text) { return Text(text); }
+Text take(char* text)
+{
+    return Text(text);
+}
 
 pid_t only_child()
 {
-    std::istringstream list(read_file("/proc/self/task/" + std::to_string(::getpid()) + "/children"));
+    std::istringstream list(
+        read_file("/proc/self/task/" + std::to_string(::getpid()) + "/children"));
     pid_t last = -1;
     for (pid_t pid = 0; list >> pid;)
         last = pid;
@@ -157,8 +162,8 @@ TEST_P(Containers, ProgramHasTheConfiguredDirectoryEnvironmentAndArguments)
 
 TEST_P(Containers, KillSignalsTheStoredProcessByTheSystemsNumber)
 {
-    make_bundle(kBundle, {"/bin/sh", "-c",
-                          "trap 'exit 9' USR1; echo ready; while :; do sleep 0.05; done"});
+    make_bundle(kBundle,
+                {"/bin/sh", "-c", "trap 'exit 9' USR1; echo ready; while :; do sleep 0.05; done"});
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     EXPECT_EQ(zncKill("web", kUsr1, 0), OK); // created, not running: nothing is sent
     const std::string out = output_of([] {
@@ -205,7 +210,8 @@ TEST_P(Containers, ARunningContainerIsDeletedOnlyByForce)
     ASSERT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
     zncDaemonIsAlive();
-    ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK); // the id is free; the keeper is reaped on the way
+    // The id is free; the keeper is reaped on the way.
+    ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     EXPECT_EQ(zncDelete("web", 0), OK);
 }
 
@@ -223,8 +229,9 @@ TEST_P(Containers, ConfiguredMountsAreThereAndAFailingOneUndoesTheRest)
 {
     fs::create_directories("/tmp/data");
     std::ofstream("/tmp/data/file") << "shared";
-    make_bundle(kBundle, {"/bin/sh", "-c", "cat /mnt/file; ls /scratch"},
-                R"(,"mounts":[{"source":"/tmp/data","destination":"/mnt","type":"bind","options":["ro"]},
+    make_bundle(
+        kBundle, {"/bin/sh", "-c", "cat /mnt/file; ls /scratch"},
+        R"(,"mounts":[{"source":"/tmp/data","destination":"/mnt","type":"bind","options":["ro"]},
                              {"source":"tmpfs","destination":"/scratch","type":"tmpfs"}])");
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK) << std::hex << errno;
     EXPECT_EQ(output_of([] { EXPECT_GT(zncStart("web", 0), 0); }), "shared");
@@ -234,8 +241,7 @@ TEST_P(Containers, ConfiguredMountsAreThereAndAFailingOneUndoesTheRest)
                 R"(,"mounts":[{"source":"/tmp/data","destination":"/mnt","type":"bind"},
                              {"source":"/tmp/none","destination":"/b","type":"bind"},
                              {"source":"tmpfs","destination":"/c","type":"tmpfs"}])");
-    const std::string root =
-        overlay() ? "/overlay/web" : std::string(kBundle) + "/rootfs";
+    const std::string root = overlay() ? "/overlay/web" : std::string(kBundle) + "/rootfs";
     EXPECT_EQ(output_of([] {
                   EXPECT_EQ(zncCreate("web", kBundle, 0, nullptr), ERROR);
                   EXPECT_EQ(errno, S_zncLib_ADDITIONAL_MOUNT_FAILED);
@@ -258,7 +264,8 @@ TEST_P(Containers, AFailedRootCanBeRepeatedUnderTheSameId)
 
 TEST_P(Containers, OneBundleServesManyContainersOnTheOverlayAndOneWithout)
 {
-    make_bundle(kBundle, {"/bin/sh", "-c", "cat /etc/mine 2>/dev/null; hostname > /etc/mine; cat /etc/mine"});
+    make_bundle(kBundle, {"/bin/sh", "-c",
+                          "cat /etc/mine 2>/dev/null; hostname > /etc/mine; cat /etc/mine"});
     ASSERT_EQ(zncCreate("one", kBundle, 0, nullptr), OK);
     if (!overlay()) {
         EXPECT_EQ(output_of([] {
@@ -284,7 +291,8 @@ TEST_P(Containers, HostileTreesOfContainersAreRemovedWithoutFollowingLinks)
     fs::create_directories("/tmp/outside");
     std::ofstream("/tmp/outside/precious") << "x";
     make_bundle(kBundle, {"/bin/sh", "-c",
-                          "ln -s /tmp/outside /etc/out; ln -s . /etc/loop; ln -s ../../../../../../tmp/outside /etc/up"});
+                          "ln -s /tmp/outside /etc/out; ln -s . /etc/loop; ln -s "
+                          "../../../../../../tmp/outside /etc/up"});
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     EXPECT_GT(zncStart("web", 0), 0);
     EXPECT_EQ(zncDelete("web", 0), OK);
@@ -311,8 +319,8 @@ TEST_P(Containers, ListAndInspectTellOfEachContainer)
     const Text document = take(zncContainerInfoGet("web"));
     ASSERT_TRUE(document);
     const std::string text = document.get();
-    for (const char* part : {"\"Id\":\t\"web\"", "\"Path\":\t\"/bin/sh\"", "\"Platform\":\t\"zarnel\"",
-                             "\"Created\":\ttrue"})
+    for (const char* part : {"\"Id\":\t\"web\"", "\"Path\":\t\"/bin/sh\"",
+                             "\"Platform\":\t\"zarnel\"", "\"Created\":\ttrue"})
         EXPECT_NE(text.find(part), std::string::npos) << part << text;
     EXPECT_EQ(zncDelete("web", 0), OK);
 }

@@ -137,7 +137,8 @@ typedef struct zncBundleAttr {
 /*
  * Create container `containerId` (1 to 255 bytes, no "/" or "\", not "." or "..") from the bundle
  * directory `bundlePath`; a relative path is resolved here. `option` is passed on and
- * `pAttr` (may be NULL) is ignored. On OK the container is in STATE_CREATED.
+ * `pAttr` (may be NULL) is ignored. On OK the container is in STATE_CREATED. Of an id of 255
+ * bytes only 254 are kept: the container is found by those, not by all 255.
  * EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay filesystem a
  * bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
  * S_zncLib_RUNTIME_CONFIG_LOAD_FAILED, S_zncLib_OCI_VERSION_INVALID, S_zncLib_OCI_ROOT_INVALID,

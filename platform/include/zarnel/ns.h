@@ -24,10 +24,7 @@
 extern "C" {
 #endif
 
-typedef enum znNamespaceType {
-    ZNNS_TYPE_IOS = 0,
-    ZNNS_NUM_TYPES = 1
-} znNamespaceType;
+typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /* A new namespace, or -1 with the task error number set. `flags` has no meaning on Linux. */
 nsid_t znnsCreate(int flags);
@@ -44,12 +41,12 @@ STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
  * Mount `source` at `destination` inside the root. `type`, `source` and `options` (a
  * NULL-terminated list) may be NULL. Type "bind", or an option "bind" or "rbind", binds the
  * host's `source`; so does a type that is "unknown", "" or NULL when `source` exists on the
- * host. "tmpfs", "proc", "sysfs", "devpts", "mqueue" and other kernel types mount as such. Flag options
- * become flags, the rest is passed to the filesystem. Binds are made nodev and nosuid unless
- * the options say "dev" or "suid". A missing mount point is made
- * inside the root. An empty or NULL `destination` names a volume inside the root itself:
- * nothing is mounted, OK. ERROR with the task error number set; nothing is then mounted. EINVAL: the
- * namespace has no root yet, or `destination` is the root itself, by whatever name.
+ * host. "tmpfs", "proc", "sysfs", "devpts", "mqueue" and other kernel types mount as such. Flag
+ * options become flags, the rest is passed to the filesystem. Binds are made nodev and nosuid
+ * unless the options say "dev" or "suid". A missing mount point is made inside the root. An empty
+ * or NULL `destination` names a volume inside the root itself: nothing is mounted, OK. ERROR with
+ * the task error number set; nothing is then mounted. EINVAL: the namespace has no root yet, or
+ * `destination` is the root itself, by whatever name.
  */
 STATUS znnsMount(nsid_t ns, const char* rootPath, const char* source, const char* destination,
                  const char* type, const char* const* options);

@@ -47,9 +47,9 @@ BOOL znOvlInit(void);
 
 /*
  * For a daemon that starts: detach every writable device that a dead daemon left behind (its
- * directories stay the caller's), attach again every recorded read-only device whose directories are
- * still there, and remove the nodes of all others. Returns how many could not be dealt with; those
- * keep their record for the next time.
+ * directories stay the caller's), attach again every recorded read-only device whose directories
+ * are still there, and remove the nodes of all others. Returns how many could not be dealt with;
+ * those keep their record for the next time.
  */
 int znOvlRestore(void);
 

@@ -14,16 +14,16 @@ extern "C" {
 #endif
 
 typedef struct znSpawnAttr {
-    int priority;     /* 0 most urgent .. 255 least */
-    int stackSize;    /* bytes of user stack */
-    int options;      /* process options */
+    int priority;  /* 0 most urgent .. 255 least */
+    int stackSize; /* bytes of user stack */
+    int options;   /* process options */
     int taskOptions;
-    nsid_t ns;        /* -1: none yet, which cannot be spawned into */
-    const char* cwd;  /* borrowed; NULL: "/" */
+    nsid_t ns;       /* -1: none yet, which cannot be spawned into */
+    const char* cwd; /* borrowed; NULL: "/" */
     short flags;
 } znSpawnAttr;
 
-#define ZN_SPAWN_OPT_LOADED 0x40  /* process option: return only once the program is loaded */
+#define ZN_SPAWN_OPT_LOADED 0x40 /* process option: return only once the program is loaded */
 
 /* Every field at its default (priority 100, stack 0, namespace -1). */
 STATUS znSpawnAttrInit(znSpawnAttr* attr);
@@ -47,9 +47,9 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
  * Start `path` (a host path at or under the namespace's root) inside the namespace, with `argv`
  * and `envp` (NULL-terminated; envp may be NULL for an empty environment). Returns once the
  * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 (the null
- * device for one that is closed, or would be on exec) and no other, default signal actions, an empty
- * signal mask, umask 022, the container capabilities with no-new-privileges, and the attribute's
- * working directory.
+ * device for one that is closed, or would be on exec) and no other, default signal actions, an
+ * empty signal mask, umask 022, the container capabilities with no-new-privileges, and the
+ * attribute's working directory.
  *
  * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
  * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR
