@@ -89,6 +89,9 @@ analysed() {
 
 scripts/install-deps.sh build test
 
+# The system images of the tests are made once for all builds.
+export ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-$PWD/build/testcache}
+
 step 'sources are formatted' formatted
 step 'shell scripts have no findings' shell_scripts
 build_and_test release
