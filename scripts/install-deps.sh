@@ -10,7 +10,7 @@ amd64 | arm64) build+=(libisal-dev) ;;
 *) build+=(zlib1g-dev) ;;
 esac
 test=(binutils busybox-static clang clang-format clang-tidy debootstrap libarchive-tools
-    libgtest-dev mount python3 shellcheck skopeo tar umoci util-linux zlib1g-dev)
+    libgtest-dev mount python3 shellcheck skopeo strace tar umoci util-linux zlib1g-dev)
 demo=(busybox-static mount tar umoci)
 
 packages=()

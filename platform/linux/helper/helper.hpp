@@ -42,6 +42,10 @@ int filter_calls();
 // (keeper_root.cpp).
 int root_enter(int tree, const char* hostName);
 
+// An O_PATH descriptor of `path` as the container sees it, or a negative error number: no ".." and
+// no link leads above the root, and magic links are refused (keeper_mount.cpp).
+long open_inside(const char* path, std::uint64_t flags);
+
 // Attach a detached mount at `destination` inside the root, making the mount point if it is
 // missing; `mountId` tells it apart later (keeper_mount.cpp).
 int mount_attach(int mount, const char* destination, bool isDirectory, std::uint64_t* mountId);

@@ -15,18 +15,10 @@ namespace zn {
 namespace {
 
 constexpr std::size_t kPathMax = 1024;
+constexpr int kOpenTries = 20000;
 constexpr unsigned kWhere = STATX_INO | STATX_MNT_ID;
 constexpr long kUmountDetach = 2;
 constexpr long kUmountNoFollow = 8;
-
-// O_PATH descriptor of `path` as the container sees it.
-long open_inside(const char* path, std::uint64_t flags)
-{
-    open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC | flags;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    return sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
-}
 
 // The end of the last component and its start, trailing separators left out.
 struct Tail {
@@ -152,6 +144,19 @@ int refuse_root(int point)
 }
 
 } // namespace
+
+long open_inside(const char* path, std::uint64_t flags)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC | flags;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    // The kernel gives up on a ".." when anything on the machine is renamed or mounted meanwhile. A
+    // container may do nothing but rename: only many tries are sure to meet a pause.
+    long fd = -EAGAIN;
+    for (int tries = 0; fd == -EAGAIN && tries < kOpenTries; tries++)
+        fd = sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
+    return fd;
+}
 
 int mount_attach(int mount, const char* destination, bool isDirectory, std::uint64_t* mountId)
 {

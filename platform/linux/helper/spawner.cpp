@@ -14,7 +14,6 @@
 #include <linux/fcntl.h>
 #include <linux/keyctl.h>
 #include <linux/mqueue.h>
-#include <linux/openat2.h>
 #include <linux/prctl.h>
 #include <linux/resource.h>
 #include <linux/sched.h>
@@ -125,11 +124,7 @@ void leave_keyring()
 // way out.
 void enter_directory(const char* path)
 {
-    open_how how = {};
-    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    const sys::Fd directory(
-        sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how));
+    const sys::Fd directory(open_inside(path, O_DIRECTORY));
     if (!directory.valid())
         fail(-directory.error());
     must(sys::call(__NR_fchdir, directory.get()));
