@@ -1,0 +1,219 @@
+// The probe in containers of both kinds, started by clients that have much to lose, and unconfined:
+// there it must find its ways out, or its silence would mean nothing.
+
+#include "probe_world.hpp"
+
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <set>
+#include <signal.h>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/personality.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Probe : public ProbeWorld {};
+
+INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Probe, testing::Values(false, true),
+                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+
+void expect_confined(const Outcome& outcome)
+{
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
+    EXPECT_GE(outcome.lines("ok "), 200) << outcome.text;
+}
+
+TEST_P(Probe, FindsNoWayOut)
+{
+    configure_probe();
+    const Outcome outcome = run();
+    expect_confined(outcome);
+    std::istringstream lines(outcome.text);
+    std::string last;
+    for (std::string line; std::getline(lines, line);)
+        last = line;
+    std::printf("%s: %s\n", overlay() ? "overlay" : "plain root", last.c_str());
+}
+
+TEST_P(Probe, FindsNoWayOutOfAnImageFullOfTraps)
+{
+    const std::string root = kRootfs;
+    ASSERT_EQ(::mknod((root + "/etc/disk").c_str(), S_IFBLK | 0666, makedev(8, 0)), 0);
+    ASSERT_EQ(::mknod((root + "/etc/zero").c_str(), S_IFCHR | 0666, makedev(1, 5)), 0);
+    ASSERT_EQ(::mknod((root + "/etc/log").c_str(), S_IFCHR | 0666, makedev(1, 11)), 0);
+    fs::create_symlink("/proc/sys/kernel/core_pattern", root + "/dev/null");
+    fs::create_symlink("/tmp/outside/secret", root + "/dev/console");
+    fs::create_directory_symlink("/tmp/outside", root + "/dev/pts");
+    fs::create_directory_symlink("../../../../../tmp/outside", root + "/dev/shm");
+    fs::create_symlink("/tmp/outside/secret", root + "/dev/ptmx");
+    write_file(root + "/proc/self/attr/exec", "a fake");
+    write_file(root + "/proc/sys/kernel/core_pattern", "a fake");
+    write_file(root + "/sys/firmware/fake", "a fake");
+    fs::create_directory_symlink("/", root + "/etc/root");
+    configure_probe();
+    expect_confined(run());
+}
+
+TEST_P(Probe, FindsNothingOfAHostileClient)
+{
+    configure_probe();
+    const Outcome outcome = run(carry_everything);
+    expect_confined(outcome);
+    for (const char* check :
+         {"descriptors-above-2", "supplementary-groups", "umask", "environment", "signals-blocked",
+          "signals-ignored", "capabilities-inheritable", "capabilities-ambient"})
+        EXPECT_TRUE(outcome.holds(check)) << check;
+}
+
+TEST_P(Probe, FindsNoWayOutFromAnotherWorkingDirectory)
+{
+    fs::create_directory_symlink("/etc", std::string(kRootfs) + "/conf");
+    Config config;
+    config.args = {"/bin/probe", "root"};
+    config.cwd = "/conf/../conf";
+    config.variables = host().variables();
+    configure(config);
+    const Outcome outcome = run();
+    EXPECT_EQ(outcome.status, 0) << outcome.text;
+    EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
+}
+
+// ---------------------------------------------------------------- the probe itself
+
+// A terminal of the caller's session: its other side stays open, too.
+int own_terminal()
+{
+    const int other = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ::grantpt(other);
+    ::unlockpt(other);
+    return ::ioctl(other, TIOCGPTPEER, O_RDWR);
+}
+
+pid_t sleeper()
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    return pid;
+}
+
+// Much that a container never has.
+void furnish(const std::string& program)
+{
+    ::mount("proc", "/proc", "proc", 0, nullptr);
+    for (const char* point : {"/mnt", "/dev/shm"}) {
+        ::mount("none", point, "tmpfs", 0, nullptr);
+        ::mount(nullptr, point, nullptr, MS_SHARED, nullptr);
+    }
+    fs::copy_file(program, "/mnt/probe");
+    ::chmod("/mnt/probe", 04755);
+    ::mount("/mnt/probe", "/dev/full", nullptr, MS_BIND, nullptr);
+    write_file("/dev/shm/file", "x");
+    sockaddr_un name = {AF_UNIX, "\0znc-probe-test"};
+    ::bind(::socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<sockaddr*>(&name), sizeof name);
+}
+
+// PID 1 of a process namespace, in mount and name namespaces of its own; everything else of it is
+// the host's, and so are all rights. The probe is its child, beside a process to look at.
+[[noreturn]] void keep_unconfined(const std::string& program,
+                                  const std::vector<std::string>& variables)
+{
+    ::setsid();
+    furnish(program);
+    sleeper();
+    const pid_t other = sleeper();
+    const int terminal = own_terminal();
+    for (int signo = 1; signo <= 64; signo++) // a sanitizer has handlers; the probe sends them all
+        ::signal(signo, SIG_DFL);
+    carry_everything();
+    fs::current_path("/");
+    const pid_t probe = ::fork();
+    if (probe == 0) {
+        ::personality(WHOLE_SECONDS);
+        fs::current_path("/tmp/sacrifice");
+        ::dup2(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), 0);
+        ::dup2(terminal, 2);
+        ::setenv("PROBE_NODES", "/dev/zero", 1);
+        ::setenv("PROBE_PIDS", std::to_string(other).c_str(), 1);
+        for (const std::string& variable : variables)
+            ::putenv(const_cast<char*>(variable.c_str()));
+        ::execl("/mnt/probe", "/mnt/probe", "all", static_cast<char*>(nullptr));
+        ::_exit(kNotStarted);
+    }
+    int status = 0;
+    ::waitpid(probe, &status, 0);
+    ::_exit(WEXITSTATUS(status)); // ends the others
+}
+
+int run_unconfined(const std::string& program, const std::vector<std::string>& variables)
+{
+    ::alarm(60);
+    if (::unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWUTS) != 0)
+        return kNotStarted;
+    const pid_t first = ::fork();
+    if (first == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        keep_unconfined(program, variables);
+    }
+    int status = 0;
+    ::waitpid(first, &status, 0);
+    return WEXITSTATUS(status);
+}
+
+// What a root of this machine is refused, too, or has nothing to show of.
+bool is_held_anyway(const std::string& check)
+{
+    static const std::set<std::string> kAlways = {
+        // others of the same check show it
+        "stream-0-is-open", "stream-1-is-open", "stream-2-is-open", "stream-1-leads-nowhere",
+        "stream-2-leads-nowhere", "host-file-by-stream-1", "type-on-stream-0", "type-on-stream-1",
+        "genuine-dev/null", "genuine-dev/zero", "genuine-dev/random", "genuine-dev/urandom",
+        // no signal from inside ends the first process
+        "keeper-outlives-signals",
+        // a machine's root may be without CAP_SYS_RESOURCE, and its kernel without such files
+        "hard-limit-raised", "nice-limit-raised", "oom-score-lowered",
+        "write-proc/sys/user/max_user_namespaces", "write-anything-of-the-network",
+        "hidden-proc/acpi", "take-terminal"};
+    return kAlways.count(check) != 0 || check.rfind("absent-dev-", 0) == 0;
+}
+
+TEST_P(Probe, FindsItsWaysWhereNothingConfinesIt)
+{
+    const HostObjects sacrifice("sacrifice");
+    const std::vector<std::string> variables = sacrifice.variables();
+    const Outcome outcome = run_process([&] { return run_unconfined(probe_program(), variables); });
+    EXPECT_EQ(outcome.status, 1) << outcome.text;
+    std::istringstream lines(outcome.text);
+    for (std::string line; std::getline(lines, line);) {
+        const bool held = line.rfind("ok ", 0) == 0;
+        if (held && line.find("(not in this kernel)") == std::string::npos) {
+            EXPECT_TRUE(is_held_anyway(line.substr(3))) << line;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 3 && std::strcmp(argv[1], "--start") == 0)
+        return start_and_wait(argv[2]);
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
