@@ -212,6 +212,11 @@ void ProbeWorld::configure_probe(const std::string& use)
     ::stat("/bin", &st);
     config.variables.push_back("PROBE_DISK=" + std::to_string(major(st.st_dev)) + "," +
                                std::to_string(minor(st.st_dev)));
+    std::string nodes;
+    for (const char* path : {"/etc/disk", "/etc/zero", "/etc/log"})
+        if (fs::exists(fs::symlink_status(std::string(kRootfs) + path)))
+            nodes += std::string(nodes.empty() ? "" : ",") + path;
+    config.variables.push_back("PROBE_NODES=" + nodes);
     configure(config);
 }
 
@@ -243,4 +248,33 @@ Outcome ProbeWorld::run(const std::function<void()>& before)
         destroy();
     }
     return outcome;
+}
+
+void ProbeWorld::plant_link(const std::string& target, const std::string& path)
+{
+    const std::string place = std::string(kRootfs) + "/" + path;
+    fs::remove_all(place);
+    fs::create_directories(fs::path(place).parent_path());
+    fs::create_symlink(target, place);
+}
+
+void ProbeWorld::plant_file(const std::string& path, const std::string& text)
+{
+    const std::string place = std::string(kRootfs) + "/" + path;
+    fs::remove_all(place);
+    write_file(place, text);
+}
+
+void ProbeWorld::expect_confined(const std::function<void()>& before,
+                                 const std::vector<const char*>& checks)
+{
+    constexpr int kChecks = 200;
+    configure_probe();
+    const Outcome outcome = run(before);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
+    EXPECT_GE(outcome.lines("ok "), kChecks) << outcome.text;
+    std::printf("%s: %d checks held\n", overlay() ? "overlay" : "plain root", outcome.lines("ok "));
+    for (const char* check : checks)
+        EXPECT_TRUE(outcome.holds(check)) << check << '\n' << outcome.text;
 }

@@ -61,6 +61,10 @@ class ProbeWorld : public testing::TestWithParam<bool> {
     [[nodiscard]] pid_t daemon() const { return daemon_->pid(); }
     HostObjects& host() { return *host_; }
 
+    // Something of the image, in place of what is there.
+    static void plant_link(const std::string& target, const std::string& path);
+    static void plant_file(const std::string& path, const std::string& text);
+
     void configure(const Config& config);
     // The probe with everything it can know about the host.
     void configure_probe(const std::string& use = "all");
@@ -70,6 +74,10 @@ class ProbeWorld : public testing::TestWithParam<bool> {
     void create();
     Outcome start(const std::function<void()>& before = {});
     void destroy();
+
+    // Runs the whole probe: nothing may escape, and these checks must be among those that held.
+    void expect_confined(const std::function<void()>& before = {},
+                         const std::vector<const char*>& checks = {});
 
   private:
     Ledger quiet_ledger(Ledger before, bool follow) const;

@@ -8,7 +8,11 @@ target_link_options(znc_probe PRIVATE -static)
 target_link_libraries(znc_probe PRIVATE rt)
 
 # The platform beside the library: a test brings further programs into a container's namespace.
-add_executable(probe_test probe_test.cpp probe_cve_test.cpp probe_race_test.cpp
+add_executable(probe_test
+    probe_cve_image_test.cpp
+    probe_cve_test.cpp
+    probe_race_test.cpp
+    probe_test.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/daemon_process.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/host_objects.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/ledger.cpp

@@ -30,23 +30,9 @@ class Probe : public ProbeWorld {};
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Probe, testing::Values(false, true),
                          [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
 
-void expect_confined(const Outcome& outcome)
-{
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
-    EXPECT_GE(outcome.lines("ok "), 200) << outcome.text;
-}
-
 TEST_P(Probe, FindsNoWayOut)
 {
-    configure_probe();
-    const Outcome outcome = run();
-    expect_confined(outcome);
-    std::istringstream lines(outcome.text);
-    std::string last;
-    for (std::string line; std::getline(lines, line);)
-        last = line;
-    std::printf("%s: %s\n", overlay() ? "overlay" : "plain root", last.c_str());
+    expect_confined();
 }
 
 TEST_P(Probe, FindsNoWayOutOfAnImageFullOfTraps)
@@ -64,19 +50,15 @@ TEST_P(Probe, FindsNoWayOutOfAnImageFullOfTraps)
     write_file(root + "/proc/sys/kernel/core_pattern", "a fake");
     write_file(root + "/sys/firmware/fake", "a fake");
     fs::create_directory_symlink("/", root + "/etc/root");
-    configure_probe();
-    expect_confined(run());
+    expect_confined({}, {"open-image-node-etc/disk", "open-image-node-etc/zero",
+                         "open-image-node-etc/log", "genuine-dev/null", "absent-dev-console"});
 }
 
 TEST_P(Probe, FindsNothingOfAHostileClient)
 {
-    configure_probe();
-    const Outcome outcome = run(carry_everything);
-    expect_confined(outcome);
-    for (const char* check :
-         {"descriptors-above-2", "supplementary-groups", "umask", "environment", "signals-blocked",
-          "signals-ignored", "capabilities-inheritable", "capabilities-ambient"})
-        EXPECT_TRUE(outcome.holds(check)) << check;
+    expect_confined(carry_everything, {"descriptors-above-2", "supplementary-groups", "umask",
+                                       "environment", "signals-blocked", "signals-ignored",
+                                       "capabilities-inheritable", "capabilities-ambient"});
 }
 
 TEST_P(Probe, FindsNoWayOutFromAnotherWorkingDirectory)
@@ -90,6 +72,7 @@ TEST_P(Probe, FindsNoWayOutFromAnotherWorkingDirectory)
     const Outcome outcome = run();
     EXPECT_EQ(outcome.status, 0) << outcome.text;
     EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
+    EXPECT_EQ(outcome.lines("ok "), 7) << outcome.text;
 }
 
 // ---------------------------------------------------------------- the probe itself
@@ -199,6 +182,8 @@ TEST_P(Probe, FindsItsWaysWhereNothingConfinesIt)
     const std::vector<std::string> variables = sacrifice.variables();
     const Outcome outcome = run_process([&] { return run_unconfined(probe_program(), variables); });
     EXPECT_EQ(outcome.status, 1) << outcome.text;
+    std::printf("unconfined: %d ways out, %d checks held\n", outcome.lines("ESCAPED"),
+                outcome.lines("ok "));
     std::istringstream lines(outcome.text);
     for (std::string line; std::getline(lines, line);) {
         const bool held = line.rfind("ok ", 0) == 0;

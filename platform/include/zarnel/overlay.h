@@ -42,7 +42,10 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
  */
 STATUS znOvlDevRemove(const char* devName);
 
-/* Make ZN_OVERLAY_DIR if the kernel has the overlay filesystem. TRUE if it is there afterwards. */
+/*
+ * Make ZN_OVERLAY_DIR if the kernel has the overlay filesystem, and close it to all other users.
+ * TRUE if it is there afterwards.
+ */
 BOOL znOvlInit(void);
 
 /*
