@@ -9,6 +9,7 @@
 #include "zarnel/spawn.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <vector>
 
 namespace namespace_world {
@@ -154,6 +156,32 @@ class Namespaces : public testing::Test {
         if (pid > 0)
             exit_ = wait(pid);
         return read_file("/tmp/out");
+    }
+
+    // How many programs that `threads` threads at once start in the namespace, `rounds` each, run
+    // and end well.
+    int programs_run_by_threads(nsid_t ns, int threads, int rounds)
+    {
+        std::atomic<int> good = 0;
+        std::vector<std::thread> running;
+        for (int t = 0; t < threads; t++)
+            running.emplace_back([&] {
+                for (int i = 0; i < rounds; i++) {
+                    znSpawnAttr attr;
+                    znSpawnAttrInit(&attr);
+                    znSpawnAttrSetNamespace(&attr, ns);
+                    std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
+                    pid_t pid = -1;
+                    int status = -1;
+                    if (znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr) ==
+                            OK &&
+                        ::waitpid(pid, &status, 0) == pid && status == 0)
+                        good++;
+                }
+            });
+        for (std::thread& thread : running)
+            thread.join();
+        return good;
     }
 
     BOOL in_use(nsid_t ns)

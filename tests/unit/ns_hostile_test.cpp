@@ -339,29 +339,10 @@ TEST_F(Namespaces, ThreadsWithoutStandardInputMaySpawnAtTheSameTime)
     const nsid_t ns = rooted();
     const znc::UniqueFd keep(::fcntl(0, F_DUPFD_CLOEXEC, 10));
     ::close(0);
-    std::vector<std::thread> threads;
-    std::array<int, 4> good = {};
-    for (std::size_t t = 0; t < good.size(); t++)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 20; i++) {
-                znSpawnAttr attr;
-                znSpawnAttrInit(&attr);
-                znSpawnAttrSetNamespace(&attr, ns);
-                std::array<char*, 2> argv = {const_cast<char*>("true"), nullptr};
-                pid_t pid = -1;
-                int status = -1;
-                if (znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr) ==
-                        OK &&
-                    ::waitpid(pid, &status, 0) == pid && status == 0)
-                    good[t]++;
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    const int good = programs_run_by_threads(ns, 4, 20);
     EXPECT_EQ(::fcntl(0, F_GETFD), -1);
     ::dup2(keep.get(), 0);
-    for (const int n : good)
-        EXPECT_EQ(n, 20);
+    EXPECT_EQ(good, 4 * 20);
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
