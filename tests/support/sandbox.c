@@ -3,11 +3,12 @@
  *
  * usage: sandbox [--no-overlay] -- PROGRAM [ARGS...]
  *
- * The program gets new mount and IPC namespaces whose root is a tmpfs holding the host's top-level
- * directories as recursive binds, but for /overlay (an empty directory, or none with --no-overlay),
- * /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The sources and the build stay where
- * they are, wherever that is. So it has no queues, devices or storage of the host's to find or to
- * leave behind. Needs root: without the right to make namespaces it fails, it does not skip.
+ * The program gets new mount, IPC and network namespaces whose root is a tmpfs holding the host's
+ * top-level directories as recursive binds, but for /overlay (an empty directory, or none with
+ * --no-overlay), /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The sources and the
+ * build stay where they are, wherever that is. So it has no queues, sockets, devices or storage of
+ * the host's to find or to leave behind. Needs root: without the right to make namespaces it fails,
+ * it does not skip.
  */
 #include <dirent.h>
 #include <errno.h>
@@ -130,7 +131,8 @@ int main(int argc, char** argv)
     char cwd[4096];
     if (getcwd(cwd, sizeof cwd) == NULL)
         die("getcwd", ".");
-    if (unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0)
+    /* The network too: abstract socket names are looked for in it. */
+    if (unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWNET) != 0)
         die("unshare", "(are you root?)");
     if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0)
         die("make private", "/");
