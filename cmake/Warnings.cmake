@@ -8,11 +8,6 @@ target_compile_options(znc_flags INTERFACE
 target_compile_options(znc_flags INTERFACE
     -fstack-protector-strong -fstack-clash-protection
     $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>)
-if(NOT ZNC_SANITIZE)
-    target_compile_options(znc_flags INTERFACE
-        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
-        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
-endif()
 target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
 target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 
@@ -24,8 +19,17 @@ if(ZNC_SANITIZE)
     target_link_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE})
 endif()
 
+# What is installed. Fortified functions need an optimised build, which the tests are not.
+add_library(znc_product_flags INTERFACE)
+target_link_libraries(znc_product_flags INTERFACE znc_flags)
+if(NOT ZNC_SANITIZE)
+    target_compile_options(znc_product_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+
 # Library and platform code: C at the boundary, nothing throws, nothing needs run-time types.
 add_library(znc_library_flags INTERFACE)
-target_link_libraries(znc_library_flags INTERFACE znc_flags)
+target_link_libraries(znc_library_flags INTERFACE znc_product_flags)
 target_compile_options(znc_library_flags INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
