@@ -1,4 +1,4 @@
-#include "zncOverlayLib.hpp"
+#include "zncPath.hpp"
 
 #include "test_tree.hpp"
 #include "zarnel/overlay.h"
@@ -140,9 +140,9 @@ TEST_F(BasePath, BackslashIsASeparator)
     std::filesystem::current_path(old);
     EXPECT_EQ(path, "\\store/containers/");
     EXPECT_TRUE(test_tree::exists(dir / "\\store/containers"));
-    EXPECT_TRUE(znc::overlay::pathIsSep('/'));
-    EXPECT_TRUE(znc::overlay::pathIsSep('\\'));
-    EXPECT_FALSE(znc::overlay::pathIsSep('a'));
+    EXPECT_TRUE(pathIsSep('/'));
+    EXPECT_TRUE(pathIsSep('\\'));
+    EXPECT_FALSE(pathIsSep('a'));
 }
 
 TEST_F(BasePath, PathThatDoesNotFitFailsWithENAMETOOLONG)

@@ -10,6 +10,7 @@
 #define ZNCCONTAINERLIB_HPP
 
 #include "zncOwned.hpp"
+#include "zncPath.hpp"
 #include "zncontainer.h"
 #include "zncprotocol.h"
 
@@ -46,10 +47,6 @@ extern SEM_ID zncContainerSem; // guards the list and its links
 extern char infoMsgQ[ZNC_MSG_NAME_LEN];
 extern uint32_t zncMsgVerbosity;
 
-inline BOOL pathIsSep(char ch)
-{
-    return ch == '/' || ch == '\\';
-}
 BOOL pathCompIsValid(const char* str);
 BOOL zncContainerIdValid(const char* id);
 BOOL zncBundlePathValid(const char* bundle);

@@ -1,5 +1,5 @@
 // zncOverlayLib.cpp - where the system keeps what it writes, and overlay devices.
-#include "zncOverlayLib.hpp"
+#include "zncPath.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/overlay.h"
@@ -22,9 +22,9 @@ constexpr std::array<const char*, 3> kAreas = {"/layers", "/flattened/", "/conta
 std::size_t base_from_environment(char* path, std::size_t bufLen)
 {
     ssize_t len = znEnvGet(kBaseVariable, path, bufLen);
-    if (len <= 0 || !znc::overlay::pathIsSep(path[0]))
+    if (len <= 0 || !pathIsSep(path[0]))
         return 0;
-    while (len > 0 && znc::overlay::pathIsSep(path[len - 1]))
+    while (len > 0 && pathIsSep(path[len - 1]))
         --len;
     return static_cast<std::size_t>(len);
 }

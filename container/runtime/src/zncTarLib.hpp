@@ -11,6 +11,7 @@
 #include "zncontainer.h"
 
 #include "zncOwned.hpp"
+#include "zncPath.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -104,7 +105,6 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
 
 // zncTarLib_path.cpp
 
-bool pathIsSep(char ch);
 STATUS tarCopyCondense(char** ppOut, std::size_t room, const char* in, std::size_t inLen);
 char* mtAccess(MT_TAR_SOFT* pCtrl, char* arPath);
 

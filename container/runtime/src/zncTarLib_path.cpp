@@ -54,11 +54,6 @@ bool prove_component(MT_TAR_SOFT& ctrl, const char* comp, std::size_t next)
 
 } // namespace
 
-bool pathIsSep(char ch)
-{
-    return ch == '/' || ch == '\\';
-}
-
 // Copy a member path behind *ppOut, each component introduced by exactly one "/"; a trailing
 // separator is kept as "/". ".." anywhere is EPERM. A result that fills the room is cut and has no
 // NUL.
