@@ -5,6 +5,8 @@
 #include "zarnel/msgq.h"
 
 #include "clock.hpp"
+#include "msgq_line.hpp"
+#include "msgq_probe.hpp"
 #include "zarnel/owned.hpp"
 #include "zarnel/task.h"
 
@@ -13,8 +15,10 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -22,8 +26,8 @@ constexpr size_t kUsualMessage = 4096;
 constexpr mode_t kQueueMode = 0600;
 constexpr int kTurnSeconds = 5;
 constexpr int kCreateTries = 3;
-constexpr std::int64_t kPauseNs = 1000000;       // shortest pause between two tries
-constexpr std::int64_t kPauseJitterNs = 8000000; // what is added to it at most
+constexpr int kMarkTries = 10;
+constexpr std::int64_t kPauseNs = 200000; // between two tries of who is first in line
 constexpr const char* kMsgMax = "/proc/sys/fs/mqueue/msg_max";
 constexpr const char* kMsgSizeMax = "/proc/sys/fs/mqueue/msgsize_max";
 constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC;
@@ -63,17 +67,38 @@ bool raise_setting(const char* file, long wanted)
     return pwrite(fd.get(), text, static_cast<size_t>(len), 0) == len;
 }
 
+// A queue's maker has it locked for as long as it has it open: so a queue that a dead process left
+// can be told from one in use. False with ENOENT when it was taken for one left before it was
+// locked, and is gone.
+bool mark_in_use(int q)
+{
+    int result = 0;
+    do {
+        result = flock(q, LOCK_SH);
+    } while (result != 0 && errno == EINTR);
+    struct stat st;
+    if (result != 0 || fstat(q, &st) != 0)
+        return false;
+    errno = ENOENT;
+    return st.st_nlink > 0;
+}
+
 MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
 {
-    znc::UniqueFd q(mq_open(name, kOpenFlags | O_CREAT | O_EXCL, kQueueMode, attr));
-    if (!q)
-        return ZN_MSG_Q_INVALID;
-    if (fchmod(q.get(), kQueueMode) != 0) { // a umask may have taken bits away
-        const znc::ErrnoSaver keep;
-        mq_unlink(name);
-        return ZN_MSG_Q_INVALID;
+    for (int n = 0; n < kMarkTries; ++n) {
+        znc::UniqueFd q(mq_open(name, kOpenFlags | O_CREAT | O_EXCL, kQueueMode, attr));
+        if (!q)
+            return ZN_MSG_Q_INVALID;
+        // A umask may have taken bits away.
+        if (fchmod(q.get(), kQueueMode) == 0 && mark_in_use(q.get()))
+            return q.release();
+        if (errno != ENOENT) {
+            const znc::ErrnoSaver keep;
+            mq_unlink(name);
+            return ZN_MSG_Q_INVALID;
+        }
     }
-    return q.release();
+    return ZN_MSG_Q_INVALID;
 }
 
 // The kernel says EINVAL for a capacity above the settings of this IPC namespace, unless the caller
@@ -94,19 +119,41 @@ MSG_Q_ID create_raising_limits(const char* name, struct mq_attr* attr)
     return q;
 }
 
-// Many clients at once wait for the same memory; different pauses keep them out of step.
-void pause_a_little(std::int64_t now)
-{
-    const std::int64_t jitter = (now / 64 + getpid()) % kPauseJitterNs;
-    const struct timespec pause = zn::to_timespec(kPauseNs + jitter);
-    nanosleep(&pause, nullptr);
-}
-
 // The number for used-up queue memory is also that for a process without free descriptors.
 bool out_of_descriptors()
 {
     const znc::ErrnoSaver keep;
     return !znc::UniqueFd(open("/", O_PATH | O_CLOEXEC));
+}
+
+// The queue that the calling task made first of those it has; -1: it has none of its own.
+thread_local MSG_Q_ID firstMade = ZN_MSG_Q_INVALID;
+
+bool is_used_up(MSG_Q_ID q)
+{
+    return q < 0 && (errno == EMFILE || errno == ENOSPC) && !out_of_descriptors();
+}
+
+// With the queues' memory or number used up every caller waits its turn. Nobody who comes later is
+// to take what becomes free, above all not who has just set it free.
+MSG_Q_ID create_in_turn(const char* name, struct mq_attr* attr)
+{
+    const bool hasQueue = firstMade >= 0;
+    if (hasQueue || !zn::queue_line_is_taken()) {
+        const MSG_Q_ID q = create_raising_limits(name, attr);
+        if (!is_used_up(q))
+            return q;
+    }
+    const std::int64_t deadline = zn::now_ns() + kTurnSeconds * zn::kNsPerSec;
+    zn::QueueLinePlace place(hasQueue);
+    for (;;) {
+        place.wait_turn(deadline);
+        const MSG_Q_ID q = create_raising_limits(name, attr);
+        if (!is_used_up(q) || zn::now_ns() >= deadline)
+            return q;
+        const struct timespec pause = zn::to_timespec(kPauseNs);
+        nanosleep(&pause, nullptr);
+    }
 }
 
 MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
@@ -119,17 +166,10 @@ MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
     struct mq_attr attr = {};
     attr.mq_maxmsg = static_cast<long>(maxMsgs);
     attr.mq_msgsize = static_cast<long>(maxMsgLen);
-    const std::int64_t deadline = zn::now_ns() + kTurnSeconds * zn::kNsPerSec;
-    for (;;) {
-        const MSG_Q_ID q = create_raising_limits(name, &attr);
-        if (q >= 0 || (errno != EMFILE && errno != ENOSPC) || out_of_descriptors())
-            return q;
-        const znc::ErrnoSaver keep;
-        const std::int64_t now = zn::now_ns();
-        if (now >= deadline)
-            return ZN_MSG_Q_INVALID;
-        pause_a_little(now);
-    }
+    const MSG_Q_ID q = create_in_turn(name, &attr);
+    if (q >= 0 && firstMade < 0)
+        firstMade = q;
+    return q;
 }
 
 // ---------------------------------------------------------------- waiting
@@ -172,7 +212,7 @@ class Wait {
     std::int64_t deadline_ = -1;
 };
 
-// For a receive that waits for ever: false with ECANCELED once the task's stop descriptor is ready,
+// For a receive that waits: false with ECANCELED once the task's stop descriptor is ready,
 // which goes before any message. An unusable stop descriptor counts as ready.
 bool wait_unless_stopped(MSG_Q_ID q, int stop, Wait* wait)
 {
@@ -249,7 +289,7 @@ STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int prio
 ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
 {
     Wait wait(timeout);
-    const int stop = wait.forever() ? znTaskStopFdGet() : -1;
+    const int stop = timeout != ZN_NO_WAIT ? znTaskStopFdGet() : -1;
     for (;;) {
         if (stop >= 0 && !wait_unless_stopped(q, stop, &wait))
             return -1;
@@ -266,7 +306,9 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
 
 STATUS znMsgQClose(MSG_Q_ID q)
 {
-    return mq_close(q) == 0 ? OK : ERROR;
+    if (q == firstMade)
+        firstMade = ZN_MSG_Q_INVALID;
+    return close(q) == 0 ? OK : ERROR; // what mq_close does; a race detector follows only this
 }
 
 STATUS znMsgQUnlink(const char* name)
@@ -293,7 +335,7 @@ STATUS znMsgQLimitsRaise(size_t maxMsgs)
 
     // Only making one shows whether the limits let it pass: a privileged caller may exceed them.
     char name[64];
-    snprintf(name, sizeof name, "/zn-probe-%ld-%lx", static_cast<long>(getpid()),
+    snprintf(name, sizeof name, ZN_MSG_Q_PROBE_FORMAT, static_cast<long>(getpid()),
              static_cast<unsigned long>(zn::now_ns()));
     struct mq_attr attr = {};
     attr.mq_maxmsg = static_cast<long>(maxMsgs);

@@ -414,12 +414,19 @@ TEST_F(StopRequest, WithoutOneMessagesAreReceived)
     peer.join();
 }
 
-TEST_F(StopRequest, DoesNotTouchReceivesWithATimeout)
+TEST_F(StopRequest, EndsAWaitWithATimeout)
+{
+    EXPECT_EQ(receive(2), error(ETIMEDOUT));
+    stop();
+    EXPECT_EQ(receive(1000000), error(ECANCELED));
+}
+
+TEST_F(StopRequest, DoesNotTouchReceivesThatDoNotWait)
 {
     stop();
     ASSERT_EQ(send("taken"), OK);
-    EXPECT_EQ(receive(100), "taken");
-    EXPECT_EQ(receive(2), error(ETIMEDOUT));
+    EXPECT_EQ(receive(ZN_NO_WAIT), "taken");
+    EXPECT_EQ(receive(ZN_NO_WAIT), error(EAGAIN));
 }
 
 // ---------------------------------------------------------------- limits

@@ -1,6 +1,9 @@
 # The platform's simple facilities.
 znc_unit_test(fs_test)
 znc_unit_test(msgq_test)
+znc_unit_test(msgq_line_test)
+target_include_directories(msgq_line_test PRIVATE ${PROJECT_SOURCE_DIR}/platform/linux)
+znc_unit_test(msgq_reclaim_test)
 znc_unit_test(mutex_test)
 znc_unit_test(signal_test)
 znc_unit_test(task_test)

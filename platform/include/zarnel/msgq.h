@@ -41,7 +41,8 @@ typedef int MSG_Q_ID; /* negative: no queue */
  * capacity given; with ZN_MSG_Q_OPEN_EXISTING the capacity arguments are ignored.
  *
  * Creating waits up to `5 x tick rate` for its turn while the system's queue memory or
- * queue count is used up, then fails with EMFILE or ENOSPC. A capacity above the
+ * queue count is used up, then fails with EMFILE or ENOSPC. First come, first served;
+ * but a task that has made a queue goes before tasks that have none. A capacity above the
  * system's limit raises that limit where the caller may, and fails with EINVAL where
  * it may not (znMsgQLimitHint names the setting).
  *
@@ -68,6 +69,16 @@ STATUS znMsgQClose(MSG_Q_ID q);
 
 /* Remove a queue's name. Open handles go on working; nobody new finds the queue. */
 STATUS znMsgQUnlink(const char* name);
+
+/*
+ * Remove queues that dead processes left. `makerOf` names the process that made a queue
+ * of this name, or 0 for one that is not to be touched. A queue goes when that process
+ * has ended, nobody who made it (or was forked by who did) has it open, and it is this
+ * user's. Returns how many went, or -1 with the task error number set (EPERM without the
+ * right to see the queues). Where a live process has got the number of the dead one, the
+ * queue stays until that one has ended, too.
+ */
+int znMsgQReclaim(long (*makerOf)(const char* name));
 
 /*
  * Raise this process's limits on queue memory as far as it may, and the system's limit on

@@ -26,8 +26,8 @@ void znTaskUnsafe(void);
 
 /*
  * Name the descriptor that asks the calling task to stop (-1: none, the default).
- * Once it is readable, a queue receive of this task that waits for ever fails with
- * ECANCELED instead of taking a message; receives with a timeout are unaffected.
+ * Once it is readable, a queue receive of this task that may wait fails with
+ * ECANCELED instead of taking a message; one with ZN_NO_WAIT is unaffected.
  * The descriptor stays the caller's, is never read and must outlive its use here.
  */
 void znTaskStopFdSet(int fd);

@@ -1,0 +1,88 @@
+// msgq_reclaim.cpp - queues that dead processes left. Only a mount of the queue file system shows
+// their names; it is made for the moment and attached nowhere, so that nobody else sees it.
+#include "zarnel/msgq.h"
+
+#include "msgq_probe.hpp"
+#include "pidfd.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/mount.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+// The queues of this IPC namespace as a directory; null with errno set.
+znc::UniqueDir queue_directory()
+{
+    const UniqueFd context(static_cast<int>(::syscall(SYS_fsopen, "mqueue", FSOPEN_CLOEXEC)));
+    if (!context ||
+        ::syscall(SYS_fsconfig, context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0)
+        return {};
+    const UniqueFd mount(
+        static_cast<int>(::syscall(SYS_fsmount, context.get(), FSMOUNT_CLOEXEC,
+                                   MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC)));
+    if (!mount)
+        return {};
+    UniqueFd list(::openat(mount.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    znc::UniqueDir dir(list ? ::fdopendir(list.get()) : nullptr);
+    if (dir)
+        static_cast<void>(list.release()); // the directory's now
+    return dir;
+}
+
+// A zombie has ended, too: its parent may take its time.
+bool process_gone(long pid)
+{
+    if (pid <= 0 || pid > INT32_MAX)
+        return false;
+    const UniqueFd process = process_open(static_cast<pid_t>(pid));
+    return process ? process_ended(process.get(), 0) : errno == ESRCH;
+}
+
+// The process alone is not enough: a client in a process namespace of its own is known by another
+// number there. The lock alone would do for queues that were made here.
+bool reclaim(const char* name, long maker)
+{
+    if (!process_gone(maker))
+        return false;
+    const UniqueFd queue(znMsgQOpen(name, 0, 0, ZN_MSG_Q_FIFO, ZN_MSG_Q_OPEN_EXISTING));
+    return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) == 0 && znMsgQUnlink(name) == OK;
+}
+
+long maker_of_probe(const char* name)
+{
+    long pid = 0;
+    unsigned long number = 0;
+    char rest = 0;
+    return std::sscanf(name, ZN_MSG_Q_PROBE_FORMAT "%c", &pid, &number, &rest) == 2 ? pid : 0;
+}
+
+} // namespace
+} // namespace zn
+
+using namespace zn;
+
+int znMsgQReclaim(long (*makerOf)(const char* name))
+{
+    const znc::UniqueDir dir = queue_directory();
+    if (!dir)
+        return -1;
+    int removed = 0;
+    while (const dirent* entry = ::readdir(dir.get())) {
+        char name[sizeof entry->d_name + 1];
+        std::snprintf(name, sizeof name, "/%s", entry->d_name);
+        long maker = maker_of_probe(name);
+        if (maker == 0)
+            maker = makerOf(name);
+        removed += maker > 0 && reclaim(name, maker) ? 1 : 0;
+    }
+    return removed;
+}
