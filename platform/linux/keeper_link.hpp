@@ -37,7 +37,8 @@ class Keeper {
     bool reap();
 
   private:
-    void kill_others();
+    static int bare_mounts();
+    bool launch(int mounts);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;

@@ -65,11 +65,17 @@ ZN_PLAIN bool place_descriptors(const Launch& launch)
            ::syscall(SYS_close_range, launch.closeFrom + 1, ~0U, 0) == 0;
 }
 
+ZN_PLAIN bool copy_mounts(int mounts)
+{
+    return mounts < 0 || (::syscall(SYS_setns, mounts, CLONE_NEWNS) == 0 &&
+                          ::syscall(SYS_unshare, CLONE_NEWNS) == 0);
+}
+
 ZN_PLAIN int child_main(void* argument)
 {
     auto* child = static_cast<Child*>(argument);
     const Launch& launch = *child->launch;
-    if (place_descriptors(launch))
+    if (copy_mounts(launch.mounts) && place_descriptors(launch))
         ::syscall(SYS_execveat, launch.closeFrom, "", launch.argv, launch.envp, AT_EMPTY_PATH);
     child->error = errno;
     ::syscall(SYS_exit, 127);

@@ -26,6 +26,7 @@ struct Launch {
     int closeFrom;
     char* const* argv;
     char* const* envp;
+    int mounts = -1; // a mount namespace: the helper gets a copy of it as its own
 };
 
 // Start it. All signals are blocked in it, so that none arrives half-way. Returns its process id, a

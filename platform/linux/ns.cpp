@@ -490,3 +490,8 @@ int znnsShutdown(void)
     reap_dying();
     return left;
 }
+
+void znnsReap(void)
+{
+    const Locked lock;
+}

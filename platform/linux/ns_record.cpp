@@ -25,7 +25,8 @@ void record_path(nsid_t ns, char (&path)[64])
 // Reads a small file whole; returns its length or -1.
 ssize_t read_small(const char* path, char* buf, std::size_t size)
 {
-    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    // What is no file must not keep the caller waiting, nor lead elsewhere.
+    const UniqueFd file(::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!file)
         return -1;
     std::size_t len = 0;
@@ -129,7 +130,8 @@ UniqueFd ns_record_keeper(const NsRecord& record)
 
 bool ns_record_is_void(int error)
 {
-    return error == ENOENT || error == EINVAL || error == ESRCH;
+    return error == ENOENT || error == EINVAL || error == ESRCH || error == EISDIR ||
+           error == ELOOP;
 }
 
 bool ns_record_each(void (*visit)(nsid_t ns, void* context), void* context)

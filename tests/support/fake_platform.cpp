@@ -249,6 +249,8 @@ int znnsShutdown(void)
     return 0;
 }
 
+void znnsReap(void) {}
+
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
 {
     fake::Call call;

@@ -4,7 +4,9 @@
 #include "namespace_world.hpp"
 
 #include <csignal>
+#include <sched.h>
 #include <set>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <thread>
@@ -19,6 +21,21 @@ TEST_F(Namespaces, ProgramSeesTheTreeAsItsRootAndItselfAlone)
     EXPECT_EQ(run(ns, "echo $$; ls /"), "2\nbin\ndev\netc\nproc\nsys\ntmp\n");
     EXPECT_EQ(run(ns, "ls -d /proc/[0-9]* | grep -c ."), "4\n"); // keeper, sh, ls, grep
     EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ProgramOfAnOwnerInAChrootSeesNothingAroundIt)
+{
+    const pid_t owner = ::fork();
+    ASSERT_GE(owner, 0);
+    if (owner == 0) {
+        const bool jailed = ::unshare(CLONE_NEWNS) == 0 &&
+                            ::mount("/", "/mnt", nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+                            ::chroot("/mnt") == 0 && ::chdir("/") == 0;
+        const nsid_t ns = jailed ? rooted() : -1;
+        const bool good = jailed && run(ns, "ls /") == "bin\ndev\netc\nproc\nsys\ntmp\n";
+        ::_exit(znnsDelete(ns) == OK && good ? 0 : 1);
+    }
+    EXPECT_EQ(wait(owner), 0);
 }
 
 TEST_F(Namespaces, ProgramHasItsWorkingDirectoryAndEnvironmentOnly)

@@ -84,6 +84,12 @@ STATUS znnsInUse(nsid_t ns, BOOL* inUse);
 int znnsRecover(void);
 int znnsShutdown(void);
 
+/*
+ * Give back what namespaces that ended since were still waiting for. Every other call does this
+ * too; for an owner that has nothing else to ask.
+ */
+void znnsReap(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -38,6 +38,10 @@ inline bool text_equal(const char* a, const char* b)
 // make; it must have given up gaining privileges (filter.cpp).
 int filter_calls();
 
+// Leave the tree of the host for one of an empty "/proc", to be copied for other keepers
+// (keeper_root.cpp).
+int root_leave();
+
 // Make the detached tree the root of this mount namespace and provide /proc, /dev and /sys in it
 // (keeper_root.cpp).
 int root_enter(int tree, const char* hostName);
@@ -64,11 +68,6 @@ int mount_detach_whole(int mount);
 // A new filesystem, not attached anywhere: its mount descriptor, or a negative error number.
 long filesystem_create(const char* type, std::uint64_t attributes, const char* options,
                        unsigned optionCount);
-
-// Hide and write-protect what a container must not reach in a fresh proc or sysfs that is
-// attached at `directory` (keeper_mask.cpp).
-int mask_proc(int directory);
-int mask_sys(int directory);
 
 } // namespace zn
 

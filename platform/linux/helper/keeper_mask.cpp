@@ -2,8 +2,9 @@
 // containers: some paths are covered, some made read-only. A path the kernel does not have is no
 // error.
 
+#include "keeper_mask.hpp"
+
 #include "helper.hpp"
-#include "sys.hpp"
 
 #include <linux/errno.h>
 #include <linux/fcntl.h>
@@ -62,62 +63,6 @@ int make_read_only(int directory, const char* path)
     return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
 }
 
-// What hidden paths are covered with: an empty directory and an empty file of one read-only
-// filesystem. It is attached over the whole of `directory` while copies are taken, since the kernel
-// copies attached mounts only; the paths below are reached by descriptor meanwhile.
-class Covers {
-  public:
-    int hide(int directory, const char* path)
-    {
-        const sys::Fd target = open_own(directory, path);
-        if (!target.valid())
-            return target.error() == ENOENT ? 0 : target.error();
-        struct statx st = {};
-        const long looked = sys::call(__NR_statx, target.get(), sys::arg(""), AT_EMPTY_PATH,
-                                      STATX_TYPE, sys::arg(&st));
-        if (looked < 0)
-            return static_cast<int>(-looked);
-        int error = make(directory);
-        if (error != 0)
-            return error;
-        const bool isDirectory = (st.stx_mode & kTypeMask) == kDirectory;
-        const sys::Fd copy = sealed_copy(isDirectory ? empty_.get() : file_.get());
-        return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
-    }
-
-    // Takes the place where the covers were made away again.
-    int finish() { return attached_ ? mount_detach_whole(root_.get()) : 0; }
-
-  private:
-    int make(int directory)
-    {
-        if (attached_)
-            return 0;
-        // "size" rounds up to a page and is never used: the file stays empty.
-        root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
-                                          "mode=755\0size=4k\0nr_inodes=3", 3));
-        if (!root_.valid())
-            return root_.error();
-        const long made = sys::call(__NR_mkdirat, root_.get(), sys::arg("empty"), 0555);
-        const sys::Fd created(sys::call(__NR_openat, root_.get(), sys::arg("file"),
-                                        O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
-        if (made < 0 || !created.valid())
-            return made < 0 ? static_cast<int>(-made) : created.error();
-        const int error = attach(root_.get(), directory);
-        if (error != 0)
-            return error;
-        attached_ = true;
-        empty_ = open_own(root_.get(), "empty");
-        file_ = open_own(root_.get(), "file");
-        return !empty_.valid() ? empty_.error() : file_.error();
-    }
-
-    bool attached_ = false;
-    sys::Fd root_;
-    sys::Fd empty_;
-    sys::Fd file_;
-};
-
 // The heat of every processor, by which its work can be told.
 int hide_heat(Covers& covers, int directory)
 {
@@ -144,31 +89,71 @@ int hide_heat(Covers& covers, int directory)
 
 } // namespace
 
-int mask_proc(int directory)
+int Covers::hide(int directory, const char* path)
+{
+    const sys::Fd target = open_own(directory, path);
+    if (!target.valid())
+        return target.error() == ENOENT ? 0 : target.error();
+    struct statx st = {};
+    const long looked =
+        sys::call(__NR_statx, target.get(), sys::arg(""), AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st));
+    if (looked < 0)
+        return static_cast<int>(-looked);
+    const int error = make();
+    if (error != 0)
+        return error;
+    const bool isDirectory = (st.stx_mode & kTypeMask) == kDirectory;
+    const sys::Fd copy = sealed_copy(isDirectory ? empty_.get() : file_.get());
+    return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
+}
+
+int Covers::take_away()
+{
+    return attached_ ? mount_detach_whole(root_.get()) : 0;
+}
+
+int Covers::make()
+{
+    if (attached_)
+        return 0;
+    // "size" rounds up to a page and is never used: the file stays empty.
+    root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
+                                      "mode=755\0size=4k\0nr_inodes=3", 3));
+    if (!root_.valid())
+        return root_.error();
+    const long made = sys::call(__NR_mkdirat, root_.get(), sys::arg("empty"), 0555);
+    const sys::Fd created(sys::call(__NR_openat, root_.get(), sys::arg("file"),
+                                    O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
+    if (made < 0 || !created.valid())
+        return made < 0 ? static_cast<int>(-made) : created.error();
+    const int error = attach(root_.get(), place_);
+    if (error != 0)
+        return error;
+    attached_ = true;
+    empty_ = open_own(root_.get(), "empty");
+    file_ = open_own(root_.get(), "file");
+    return !empty_.valid() ? empty_.error() : file_.error();
+}
+
+int mask_proc(int directory, Covers& covers)
 {
     int error = 0;
     for (const auto& path : kProcReadOnly)
         if (error == 0)
             error = make_read_only(directory, path);
-    Covers covers;
     for (const auto& path : kProcHidden)
         if (error == 0)
             error = covers.hide(directory, path);
-    const int finished = covers.finish();
-    return error != 0 ? error : finished;
+    return error;
 }
 
-int mask_sys(int directory)
+int mask_sys(int directory, Covers& covers)
 {
     int error = 0;
-    Covers covers;
     for (const auto& path : kSysHidden)
         if (error == 0)
             error = covers.hide(directory, path);
-    if (error == 0)
-        error = hide_heat(covers, directory);
-    const int finished = covers.finish();
-    return error != 0 ? error : finished;
+    return error != 0 ? error : hide_heat(covers, directory);
 }
 
 } // namespace zn

@@ -3,6 +3,7 @@
 // mounted on. Links in the tree can lead anywhere inside and nowhere else.
 
 #include "helper.hpp"
+#include "keeper_mask.hpp"
 #include "sys.hpp"
 
 #include <linux/errno.h>
@@ -219,7 +220,11 @@ int mount_filesystem(const char* destination, const char* type, std::uint64_t at
     int error = mount_attach(mount.get(), destination, true, mountId);
     if (error != 0 || !(isProc || isSys))
         return error;
-    error = isProc ? mask_proc(mount.get()) : mask_sys(mount.get());
+    Covers covers(mount.get());
+    error = isProc ? mask_proc(mount.get(), covers) : mask_sys(mount.get(), covers);
+    const int uncovered = covers.take_away();
+    if (error == 0)
+        error = uncovered;
     if (error != 0)
         mount_detach_whole(mount.get());
     return error;

@@ -2,12 +2,14 @@
 // own /proc, a small /dev, a read-only /sys, where the tree has those directories.
 
 #include "helper.hpp"
+#include "keeper_mask.hpp"
 #include "sys.hpp"
 
 #include <linux/errno.h>
 #include <linux/fcntl.h>
 #include <linux/mount.h>
 #include <linux/openat2.h>
+#include <linux/sched.h>
 #include <linux/stat.h>
 
 namespace zn {
@@ -15,9 +17,18 @@ namespace {
 
 constexpr std::uint64_t kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
-// pivot_root(".", ".") puts the new root below the old one at the same place; detaching "." then
-// leaves the new one alone. The tree is first mounted over "/", which needs no directory of the
-// host's.
+// Whoever joins the namespace gets the root that its mounts begin with. That is not "/" here when
+// the owner is in a chroot: what is entered must take the place of what is around that, too.
+int leave_chroot()
+{
+    const sys::Fd self(sys::call(__NR_pidfd_open, sys::call(__NR_getpid), 0));
+    if (!self.valid())
+        return self.error();
+    return static_cast<int>(-sys::call(__NR_setns, self.get(), CLONE_NEWNS));
+}
+
+// pivot_root(".", ".") puts the old root over the new one at the same place, where it stays until
+// it is detached. The tree is first mounted over "/", which needs no directory of the host's.
 int pivot(int tree)
 {
     long result = sys::call(__NR_mount, 0, sys::arg("/"), 0, MS_REC | MS_PRIVATE, 0);
@@ -28,11 +39,14 @@ int pivot(int tree)
         result = sys::call(__NR_fchdir, tree);
     if (result == 0)
         result = sys::call(__NR_pivot_root, sys::arg("."), sys::arg("."));
-    if (result == 0)
-        result = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
-    if (result == 0)
-        result = sys::call(__NR_chdir, sys::arg("/"));
     return static_cast<int>(-result);
+}
+
+// Everything of the tree before, and the covers with it.
+int detach_host()
+{
+    const long detached = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
+    return static_cast<int>(-(detached == 0 ? sys::call(__NR_chdir, sys::arg("/")) : detached));
 }
 
 // A real directory directly below the root. 0 and no descriptor when there is none; a link or file
@@ -61,7 +75,7 @@ int provide(const char* type, std::uint64_t attributes, const char* options, uns
     return mount.valid() ? attach(mount.get(), directory, name) : mount.error();
 }
 
-int provide_proc()
+int provide_proc(Covers& covers)
 {
     sys::Fd directory;
     const int looked = real_directory("proc", directory);
@@ -71,10 +85,10 @@ int provide_proc()
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
-    return error != 0 ? error : mask_proc(mount.get());
+    return error != 0 ? error : mask_proc(mount.get(), covers);
 }
 
-int provide_sys()
+int provide_sys(Covers& covers)
 {
     sys::Fd directory;
     const int looked = real_directory("sys", directory);
@@ -84,7 +98,7 @@ int provide_sys()
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
-    return error != 0 ? error : mask_sys(mount.get());
+    return error != 0 ? error : mask_sys(mount.get(), covers);
 }
 
 int fill_dev(int dev)
@@ -143,23 +157,42 @@ int provide_dev()
 
 } // namespace
 
+int root_leave()
+{
+    const sys::Fd bare(filesystem_create("tmpfs", kQuiet, "mode=755\0size=4k\0nr_inodes=3", 3));
+    if (!bare.valid())
+        return bare.error();
+    const long made = sys::call(__NR_mkdirat, bare.get(), sys::arg("proc"), 0555);
+    const int error = made < 0 ? static_cast<int>(-made) : pivot(bare.get());
+    return error != 0 ? error : detach_host();
+}
+
 int root_enter(int tree, const char* hostName)
 {
     if (tree < 0)
         return EBADF;
-    int error = pivot(tree);
+    // A directory of the tree that is left, for what is needed only until then.
+    const sys::Fd place(
+        sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!place.valid())
+        return place.error();
+    int error = leave_chroot();
+    if (error == 0)
+        error = pivot(tree);
     if (error != 0)
         return error;
     std::size_t len = strlen(hostName);
     if (len > 64)
         len = 64;
     sys::call(__NR_sethostname, sys::arg(hostName), static_cast<long>(len));
-    error = provide_proc();
+    Covers covers(place.get());
+    error = provide_proc(covers);
     if (error == 0)
         error = provide_dev();
     if (error == 0)
-        error = provide_sys();
-    return error;
+        error = provide_sys(covers);
+    const int detached = detach_host();
+    return error != 0 ? error : detached;
 }
 
 } // namespace zn

@@ -22,12 +22,14 @@ inline constexpr char kSpawnerName[] = "zn-spawn";
 inline constexpr int kKeeperSocket = 0;
 
 enum class Op : std::uint32_t {
-    kRoot,      // descriptor: detached tree; text: host name
-    kMountTree, // descriptor: detached tree; text: destination
-    kMountFs,   // text: destination, type, then options "key" or "key=value"
-    kUnmount,   // text: destination; value: the mount id that kMount... answered
-    kKill,      // value: host signal
-    kInUse,     // answers 1 if a living process is there besides the keeper, else 0
+    kBareMounts, // leave the host's tree for one that holds nothing
+    kRoot,       // descriptor: detached tree; text: host name
+    kMountTree,  // descriptor: detached tree; text: destination
+    kMountFs,    // text: destination, type, then options "key" or "key=value"
+    kUnmount,    // text: destination; value: the mount id that kMount... answered
+    kKill,       // value: host signal
+    kInUse,      // answers 1 if a living process is there besides the keeper, else 0
+    kEnd,        // like kInUse, but 1 comes after killing them, and instead of 0 the keeper ends
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
