@@ -61,6 +61,14 @@ std::string sha512_hex(std::string_view bytes)
     return hash_hex(MBEDTLS_MD_SHA512, bytes);
 }
 
+std::string raw_bytes(std::string_view hex)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16));
+    return bytes;
+}
+
 TempDir::TempDir()
 {
     char name[] = "/tmp/image_test_XXXXXX";

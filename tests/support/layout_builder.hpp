@@ -19,6 +19,7 @@ inline constexpr char kLayerType[] = "application/vnd.oci.image.layer.v1.tar";
 
 std::string sha256_hex(std::string_view bytes);
 std::string sha512_hex(std::string_view bytes);
+std::string raw_bytes(std::string_view hex); // what the digits stand for
 
 // A directory of its own below /tmp that goes with the object.
 class TempDir {

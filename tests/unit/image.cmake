@@ -3,6 +3,7 @@ set(IMAGE_SUPPORT ../support/layout_builder.cpp)
 set(IMAGE_FAULTS ../support/alloc_fault.cpp)
 set(IMAGE_WRAP malloc calloc realloc strdup)
 
+znc_unit_test(zncWorkAhead_test NO_SANDBOX)
 znc_unit_test(zncDigest_test SOURCES ${IMAGE_SUPPORT})
 znc_unit_test(zncImageLib_validate_test SOURCES ${IMAGE_SUPPORT})
 znc_unit_test(zncImageLib_layout_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})

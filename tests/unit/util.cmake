@@ -3,6 +3,7 @@ set(ALLOC_FAULT SOURCES ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
                 WRAP malloc calloc realloc strdup)
 
 znc_unit_test(cJSON_Additions_test ${ALLOC_FAULT})
+znc_unit_test(read_fault_test SOURCES ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp WRAP read)
 znc_unit_test(zncOverlayLib_device_test)
 znc_unit_test(zncOverlayLib_test)
 znc_unit_test(zncTreeLinks_test ${ALLOC_FAULT})

@@ -722,6 +722,20 @@ TEST_F(Registry, FailingUnmountIsUNMOUNT_FAILEDAndTheNextDeleteRemovesTheContain
     while_held_elsewhere("web", [] {});
     EXPECT_EQ(zncContainerDelete("web", 0), OK);
     EXPECT_TRUE(ids().empty());
+    EXPECT_TRUE(fake::namespaces().empty()) << "nobody knows the namespace any more";
+}
+
+TEST_F(Registry, AMountThatFailedAndCannotBeUndoneLeavesNoNamespace)
+{
+    const std::string config = std::string(kConfig, std::strlen(kConfig) - 1) +
+                               R"(,"mounts":[{"source":"/a","destination":"/a"},
+                                  {"source":"/b","destination":"/b"}]})";
+    fake::fail("znnsMount", 2, ENOENT);
+    fake::fail("znnsUmount", 1, EBUSY);
+    EXPECT_EQ(create("web", bundle("b", config)), ERROR);
+    EXPECT_EQ(errno, S_zncLib_ADDITIONAL_MOUNT_FAILED);
+    EXPECT_TRUE(fake::namespaces().empty());
+    EXPECT_TRUE(ids().empty());
 }
 
 TEST_F(Registry, UpperLayerThatCannotBeRemovedIsUNMOUNT_FAILED)
@@ -791,6 +805,15 @@ TEST_F(Registry, AfterTheHandleIsStoredTheOwnTaskStillDeletes)
     EXPECT_EQ(fake::calls_of("znnsProcessKill").at(0).handle, 8);
     EXPECT_EQ(zncContainerDelete("web", 2), OK);
     EXPECT_TRUE(ids().empty());
+}
+
+TEST_F(Registry, StoringTheHandleLeavesTheStateOfAContainerThatWasLookedAtTooEarly)
+{
+    make("early", STATE_STOPPED); // somebody asked before there was a process
+    fake::set_in_use(true);
+    ASSERT_EQ(zncContainerStorePidHandle("early", 7), OK);
+    EXPECT_EQ(status_of("early"), STATE_STOPPED);
+    fake::set_in_use(false);
 }
 
 TEST_F(Registry, AfterTheHandleIsStoredOtherTasksSeeNoContainer)

@@ -34,14 +34,6 @@ std::string hex_text(const std::uint8_t (&bytes)[32])
     return text;
 }
 
-std::string raw_bytes(const std::string& hex)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return bytes;
-}
-
 std::string replaced(std::string text, const std::string& what, const std::string& with)
 {
     const std::size_t at = text.find(what);
@@ -495,6 +487,56 @@ TEST_F(LayoutReader, ADigestInAManifestWithoutColonIsEINVAL)
     expect_failure(EINVAL);
 }
 
+// Layers of this size are looked at by several tasks at once.
+TEST_F(LayoutReader, OfLargeLayersTheFirstThatIsWrongIsReported)
+{
+    const std::string bytes(700 * 1024, 'x');
+    const std::string good = layout_.add_blob(bytes + "1");
+    const std::string changed = layout_.add_blob(bytes + "2");
+    write_file(layout_.blob(changed), bytes + "3");
+    const auto described = [&](const std::string& digest) {
+        return layout::descriptor(kLayerType, digest, bytes.size() + 1);
+    };
+    const auto read = [&](const std::vector<std::string>& layers) {
+        const std::string config = layout_.add_described(layout_.config_json(Image{}), kConfigType);
+        layout_.add_manifest(layout_.manifest_json(config, layers));
+        return parse();
+    };
+    EXPECT_EQ(read({described(good), described(good), described(good)}), OK);
+    EXPECT_EQ(read({described(good), described("sha256"), described(changed)}), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(LayoutReader, ALargeLayerThatIsWrongIsReportedBeforeWhatComesAfterIt)
+{
+    const std::string bytes(700 * 1024, 'x');
+    const std::string changed = layout_.add_blob(bytes + "2");
+    write_file(layout_.blob(changed), bytes + "3");
+    const auto described = [&](const std::string& digest) {
+        return layout::descriptor(kLayerType, digest, bytes.size() + 1);
+    };
+    const std::string config = layout_.add_described(layout_.config_json(Image{}), kConfigType);
+    layout_.add_manifest(layout_.manifest_json(config, {described(changed), described("sha256")}));
+    expect_failure(S_zncLib_MANIFEST_INVALID);
+}
+
+TEST_F(LayoutReader, ALayerThatTwoManifestsNameMustHaveTheSizeThatEachSays)
+{
+    const std::string bytes(2048, 'x');
+    const std::string digest = layout_.add_blob(bytes);
+    const std::string config = layout_.add_described(layout_.config_json(Image{}), kConfigType);
+    const auto manifest = [&](std::size_t size) {
+        const std::string layer = layout::descriptor(kLayerType, digest, size);
+        return layout_.manifest_json(config, {layer});
+    };
+    layout_.add_manifest(manifest(bytes.size()));
+    EXPECT_EQ(parse(), OK);
+    layout_.add_manifest(manifest(bytes.size()), ",\"annotations\":{}");
+    EXPECT_EQ(parse(), OK);
+    layout_.add_manifest(manifest(bytes.size() + 1));
+    expect_failure(S_zncLib_MANIFEST_INVALID);
+}
+
 TEST_F(LayoutReader, EveryManifestIsReadNotOnlyTheOneWanted)
 {
     Image other;
@@ -597,7 +639,7 @@ TEST_F(LayoutReader, TheChainOfMoreLayersHashesTheValueBeforeAndTheDigits)
     ASSERT_EQ(parse(), OK);
     std::string chain = layout::sha256_hex(first);
     for (const std::string& digits : {second, third})
-        chain = layout::sha256_hex(raw_bytes(chain) + digits);
+        chain = layout::sha256_hex(layout::raw_bytes(chain) + digits);
     EXPECT_EQ(hex_text(image_->manifests[0].manifestConfig.imageConfig.imageCfgRootfs.chainId),
               chain);
 }

@@ -50,19 +50,11 @@ std::string hex_of(const std::string& layer)
     return layout::sha256_hex(layer);
 }
 
-std::string raw_bytes(const std::string& hex)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return bytes;
-}
-
 std::string chain_of(const std::vector<std::string>& layers)
 {
     std::string chain;
     for (const std::string& layer : layers)
-        chain = hex_of(raw_bytes(chain) + hex_of(layer));
+        chain = hex_of(layout::raw_bytes(chain) + hex_of(layer));
     return chain;
 }
 

@@ -7,6 +7,8 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -949,8 +951,49 @@ TEST_F(TarExtract, WriteThatFailsOrFallsShortFails)
     EXPECT_EQ(errno, ENOSPC);
     tarFaults.failWrite = 1;
     tarFaults.partialWrite = 100;
+    errno = 0;
     EXPECT_EQ(extract(Archive().file("g", bytes_of(5000)).end()), ERROR);
+    EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(content("g").size(), 100U);
+}
+
+TEST_F(TarExtract, FileAndDirectoryThatFindNoRoomAreLeftOutAndAWholeLayerIsNot)
+{
+    // A file system of one more file than its own directory: the first member gets it.
+    ASSERT_EQ(mount("little", target_.c_str(), "tmpfs", 0, "nr_inodes=2,mode=0700"), 0);
+    const Archive archive = Archive().file("f", "x").file("g", "y").dir("d/").end();
+    EXPECT_EQ(extract(archive), OK);
+    EXPECT_TRUE(exists("f"));
+    EXPECT_FALSE(exists("g"));
+    EXPECT_FALSE(exists("d"));
+    EXPECT_EQ(znc::tar_extract_whole(archive_.c_str(), target_.c_str(), 200), ERROR);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(umount(target_.c_str()), 0);
+}
+
+TEST_F(TarExtract, WholeLayerWithoutDescriptorsFailsAndNothingIsSkippedForThat)
+{
+    struct rlimit usual;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const Archive archive = Archive().dir("d/").file("d/f", "x").file("g", "y").end();
+    test_tree::write_file(archive_, archive.bytes());
+    rlim_t limit = 3;
+    for (STATUS status = ERROR; status != OK; limit++) {
+        ASSERT_LT(limit, usual.rlim_cur);
+        const struct rlimit few = {limit, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        status = znc::tar_extract_whole(archive_.c_str(), target_.c_str(), 200);
+        const int error = errno;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+        if (status == OK)
+            break;
+        EXPECT_EQ(error, EMFILE) << limit;
+        std::filesystem::remove_all(target_);
+        std::filesystem::create_directory(target_);
+    }
+    EXPECT_GT(limit, 6U);
+    EXPECT_EQ(content("d/f"), "x");
+    EXPECT_EQ(content("g"), "y");
 }
 
 TEST_F(TarExtract, RecordFileThatCannotBeMadeFailsAndLeavesNone)

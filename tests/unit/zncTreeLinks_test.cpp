@@ -193,6 +193,24 @@ TEST(ForeignTree, WithoutADescriptorItFails)
     EXPECT_TRUE(exists(dir / "tree/a"));
 }
 
+TEST(ForeignTree, ADeepTreeNeedsOnlyAFewDescriptors)
+{
+    const TempDir dir;
+    std::string path = dir / "tree";
+    for (int level = 0; level < 110; ++level)
+        path += "/d";
+    std::filesystem::create_directories(path);
+    struct rlimit usual;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const int first_free = open("/", O_PATH | O_CLOEXEC);
+    close(first_free);
+    const struct rlimit few = {static_cast<rlim_t>(first_free + 5), usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    EXPECT_EQ(remove_tree(dir / "tree"), OK) << errno;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_FALSE(exists(dir / "tree"));
+}
+
 TEST(ForeignTree, EveryFailedAllocationFailsOrIsNotNeeded)
 {
     const TempDir dir;

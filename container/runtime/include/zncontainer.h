@@ -214,6 +214,25 @@ STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, u
  */
 char* zncImageInfoGet(const char* ociPath);
 
+/* How far an unpack is. `layer` is borrowed for the call. */
+typedef struct zncProgress {
+    const char* layer; /* the name of the layer's file, which is its digest in hexadecimal */
+    uint32_t index;    /* layers that came before it */
+    uint32_t count;    /* layers of the image */
+    uint64_t done;     /* bytes of the layer's file that were read */
+    uint64_t total;    /* bytes of the layer's file */
+} ZNC_PROGRESS;
+
+typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
+
+/*
+ * Have `func` called while the calling task unpacks: when a layer begins (`done` is 0), as its file
+ * is read, and when it is complete (`done` is `total`; at once for a layer that is kept already).
+ * NULL: no longer. Belongs to the calling task and changes nothing but that; `func` must not unpack
+ * and need not keep the task error number.
+ */
+void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
+
 /* What zncUnpack does once its arguments are checked; the same arguments and results. */
 STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                       unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);

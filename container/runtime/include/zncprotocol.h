@@ -32,6 +32,7 @@ typedef enum zncCmdType {
     ZNC_ALIVE = 9        /* nothing */
 } zncCmdType;
 
+#define ZNC_PROTOCOL_VERSION 1 /* of requests and replies */
 #define ZNC_MSG_Q_NAME "/znc"
 #define ZNC_MSG_NAME_LEN 192
 #define ZNC_MSG_HEADER_LEN 204

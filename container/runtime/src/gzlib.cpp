@@ -2,6 +2,7 @@
 #include "gzlib.hpp"
 
 #include "zncOwned.hpp"
+#include "zncProgress.hpp"
 
 #include <algorithm>
 #include <climits>
@@ -23,6 +24,7 @@ ssize_t fill_source(gzFile_s& file)
     const ssize_t n = read(file.fd, file.source, znc::kGzSourceSize);
     if (n < 0)
         return n;
+    znc::progress_read(file.fd);
     const auto got = static_cast<std::size_t>(n);
     file.slen -= std::min(got, file.slen);
     const std::size_t kept = file.slen <= znc::kGzTrailerLen ? znc::kGzTrailerLen : 0;

@@ -201,6 +201,8 @@ STATUS zncContainerRemove(CONTAINER_CTX* pCtx)
             return ERROR;
         unlink_node(&pCtx->containerNode);
     }
+    // Left where taking it apart failed: nobody would come back for it.
+    znc::drop_namespace(pCtx);
     znc::free_context(pCtx);
     return OK;
 }

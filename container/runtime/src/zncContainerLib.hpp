@@ -88,6 +88,9 @@ using LockedContext = std::unique_ptr<CONTAINER_CTX, ContextUnlock>;
 // Frees a context that is on no list, with its configuration and its mutex. Keeps errno.
 void free_context(CONTAINER_CTX* ctx);
 
+// Ends the namespace that a failed unmount left the container with, if it did.
+void drop_namespace(CONTAINER_CTX* ctx);
+
 // zncSendMsg at level 1, for constant formats. Keeps errno.
 void send_progress(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

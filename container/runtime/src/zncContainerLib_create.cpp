@@ -14,6 +14,7 @@ struct ContextRollback {
     {
         const znc::ErrnoSaver keep;
         zncContainerUmount(ctx);
+        znc::drop_namespace(ctx);
         znc::free_context(ctx);
     }
 };

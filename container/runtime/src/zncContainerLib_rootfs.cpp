@@ -216,6 +216,19 @@ STATUS zncContainerUmount(CONTAINER_CTX* pCtx)
     return result;
 }
 
+void znc::drop_namespace(CONTAINER_CTX* ctx)
+{
+    const ErrnoSaver keep;
+    if (ctx->nsId == -1)
+        return;
+    const PathBuffer path = malloc_array<char>(kPathMax);
+    znnsRootfsDestroy(ctx->nsId, "", ctx->state.containerId);
+    znnsDelete(ctx->nsId);
+    ctx->nsId = -1;
+    if (path && overlay_available())
+        zncContainerRemoveUpLayer(path.get(), kPathMax, ctx->state.containerId);
+}
+
 STATUS zncContainerRemoveUpLayer(char* buffer, size_t bufferLen, const char* containerId)
 {
     if (zncBasePathGet(buffer, kPathMax, ZNC_CONTAINERS_PATH) == 0)

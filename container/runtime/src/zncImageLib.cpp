@@ -2,8 +2,11 @@
 // root filesystem, and "config.json". Runs in the caller's process; nothing is kept between calls.
 #include "zncImageLib.hpp"
 
+#include "cJSON_Additions.h"
 #include "zarnel/fs.h"
+#include "zncProgress.hpp"
 #include "zncTreeLinks.hpp"
+#include "zncWorkAhead.hpp"
 
 #include <cstring>
 #include <string_view>
@@ -17,6 +20,7 @@ using znc::fail;
 namespace {
 
 constexpr char kOverlayDir[] = "/overlay/";
+constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of layers that are worth a helper task
 // A member's path has fewer than kPathMax characters: what lies deeper is in no member's way.
 constexpr std::size_t kMemberLevels = znc::kPathMax / 2;
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -140,6 +144,60 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     return zncCreateOciBundleConfig(image, path, root.get());
 }
 
+std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
+{
+    return static_cast<std::uint32_t>(manifest.manifestLayersCount);
+}
+
+std::int64_t stored_size(const ZNC_IMAGE_MANIFEST& manifest)
+{
+    std::int64_t bytes = 0; // the sizes are those of files
+    for (int i = 0; i < manifest.manifestLayersCount; ++i)
+        bytes += cJSON_integer64_value(manifest.manifestLayers[i].size);
+    return bytes;
+}
+
+// The store's directory of a layer archive, behind the `baseLen` characters of the store itself.
+STATUS layer_directory(const char* file, char* path, std::size_t baseLen)
+{
+    const char* const end = file + ::strnlen(file, znc::kPathMax);
+    const char* const name = pathCompBackup(file, end);
+    if (name == nullptr)
+        return fail(EINVAL);
+    const auto len = static_cast<std::size_t>(end - name);
+    if (len + baseLen >= znc::kPathMax)
+        return fail(ENAMETOOLONG);
+    std::memcpy(path + baseLen, name, len);
+    path[baseLen + len] = '\0';
+    return OK;
+}
+
+// Filling the store with the layers of an image, the top one first. Each is extracted beside its
+// place and appears complete, so they can be extracted at the same time; those that were when
+// another one fails stay, as those before it do.
+struct StoreJobs {
+    const ZNC_IMAGE_MANIFEST* manifest;
+    const char* base;
+    std::size_t baseLen;
+
+    [[nodiscard]] const char* file(std::size_t k) const
+    {
+        const auto last = static_cast<std::size_t>(manifest->manifestLayersCount) - 1;
+        return manifest->manifestLayers[last - k].layerFileName;
+    }
+    static STATUS store(void* self, std::size_t k)
+    {
+        const auto& jobs = *static_cast<StoreJobs*>(self);
+        const auto path = znc::malloc_array<char>(znc::kPathMax);
+        if (!path)
+            return ERROR;
+        std::memcpy(path.get(), jobs.base, jobs.baseLen);
+        return layer_directory(jobs.file(k), path.get(), jobs.baseLen) == OK
+                   ? znc::store_layer(jobs.file(k), path.get(), jobs.baseLen)
+                   : ERROR;
+    }
+};
+
 } // namespace
 
 int zncImageRootfsTypeVerify(unsigned int rootfsArg)
@@ -241,20 +299,20 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
     if (manifest == nullptr)
         return fail(EINVAL);
-    for (int i = manifest->manifestLayersCount - 1, k = 0; i >= 0; --i, ++k) {
-        const char* file = manifest->manifestLayers[i].layerFileName;
-        const char* const end = file + ::strnlen(file, znc::kPathMax);
-        const char* const name = pathCompBackup(file, end);
-        if (name == nullptr)
-            return fail(EINVAL);
-        const auto len = static_cast<std::size_t>(end - name);
-        if (len + pathLen >= znc::kPathMax)
-            return fail(ENAMETOOLONG);
-        std::memcpy(repositoryPath + pathLen, name, len);
-        repositoryPath[pathLen + len] = '\0';
-        std::memcpy(ppLayerPath[k], repositoryPath, pathLen + len + 1);
-        if (znc::store_layer(file, repositoryPath, pathLen) != OK)
+    const std::uint32_t count = layer_total(*manifest);
+    StoreJobs jobs{manifest, repositoryPath, pathLen};
+    znc::WorkAhead work(StoreJobs::store, &jobs, count);
+    if (stored_size(*manifest) >= kWorthwhile)
+        work.start();
+    for (std::uint32_t k = 0; k < count; ++k) {
+        const char* file = jobs.file(k);
+        if (layer_directory(file, repositoryPath, pathLen) != OK)
             return ERROR;
+        std::memcpy(ppLayerPath[k], repositoryPath, std::strlen(repositoryPath) + 1);
+        znc::LayerProgress progress(file, k, count);
+        if (work.result(k) != OK)
+            return ERROR;
+        progress.complete();
     }
     return OK;
 }
@@ -264,9 +322,13 @@ STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
     const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
     if (manifest == nullptr)
         return fail(EINVAL);
-    for (int i = 0; i < manifest->manifestLayersCount; ++i)
-        if (znc::extract_layer(manifest->manifestLayers[i].layerFileName, rootfsPath) != OK)
+    for (int i = 0; i < manifest->manifestLayersCount; ++i) {
+        const char* file = manifest->manifestLayers[i].layerFileName;
+        znc::LayerProgress progress(file, static_cast<std::uint32_t>(i), layer_total(*manifest));
+        if (znc::extract_layer(file, rootfsPath) != OK)
             return ERROR;
+        progress.complete();
+    }
     return OK;
 }
 

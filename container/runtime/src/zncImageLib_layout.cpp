@@ -3,7 +3,9 @@
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
+#include "zncWorkAhead.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -122,26 +124,108 @@ STATUS parse_manifest_config(const char* image_path, ZNC_IMAGE_MANIFEST_CONFIG& 
     return zncImageParseImageConfig(&config);
 }
 
-STATUS parse_layer(const char* image_path, ZNC_IMAGE_MANIFEST_LAYERS& layer, cJSON* item)
+// Whether the digest was found right in a manifest before this one: images that share layers name
+// the same files again and again. In a layout of two that share seven of eight, this is worth 45%.
+bool is_verified(const OCI_IMAGE& image, const ZNC_IMAGE_MANIFEST& manifest, const cJSON* digest)
+{
+    const char* const text = cJSON_GetStringValue(digest);
+    int left = 1000; // looks: an index may name any number of layers
+    for (const ZNC_IMAGE_MANIFEST* m = image.manifests; text != nullptr && m != &manifest; ++m)
+        for (int i = 0; i < m->manifestLayersCount && left > 0; ++i, --left)
+            if (std::strcmp(text, cJSON_GetStringValue(m->manifestLayers[i].digest)) == 0)
+                return true;
+    return false;
+}
+
+// The digests of a manifest's layers. Large ones are computed on all processors; what is reported
+// is the first that is wrong, as ever.
+class LayerDigests {
+  public:
+    LayerDigests(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest)
+        : image_(image), manifest_(manifest),
+          work_(check, &manifest, static_cast<std::size_t>(manifest.manifestLayersCount))
+    {
+    }
+
+    // Computes ahead what the descriptors in `layers` name, where they name anything.
+    void start(const cJSON* layers)
+    {
+        constexpr std::int64_t kWorthwhile = 1024 * 1024;
+        std::int64_t bytes = 0;
+        std::size_t index = 0;
+        for (const cJSON* item = layers->child; item != nullptr; item = item->next)
+            bytes += std::clamp<std::int64_t>(
+                cJSON_integer64_value(cJSON_GetObjectItem(item, "size")), 0, kWorthwhile);
+        if (bytes < kWorthwhile)
+            return;
+        for (const cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
+            if (!prepare(manifest_.manifestLayers[index], cJSON_GetObjectItem(item, "digest")))
+                work_.exclude(index);
+        work_.start();
+    }
+
+    STATUS result(std::size_t index)
+    {
+        const bool known = is_verified(image_, manifest_, manifest_.manifestLayers[index].digest);
+        return known ? OK : work_.result(index);
+    }
+
+  private:
+    static STATUS check(void* manifest, std::size_t index)
+    {
+        const auto* const layers = static_cast<ZNC_IMAGE_MANIFEST*>(manifest)->manifestLayers;
+        return validateJsonDigest(layers[index].layerFileName, layers[index].digest);
+    }
+    bool prepare(ZNC_IMAGE_MANIFEST_LAYERS& layer, cJSON* digest)
+    {
+        if (digest == nullptr || is_verified(image_, manifest_, digest))
+            return false;
+        layer.digest = digest;
+        const bool named = composeFileName(image_.ociPath, LAYERJSON, digest, layer.layerFileName,
+                                           znc::kPathMax) == OK;
+        if (!named)
+            layer.layerFileName[0] = '\0';
+        return named;
+    }
+
+    const OCI_IMAGE& image_;
+    ZNC_IMAGE_MANIFEST& manifest_;
+    znc::WorkAhead work_;
+};
+
+STATUS parse_layer(const char* image_path, ZNC_IMAGE_MANIFEST_LAYERS& layer, cJSON* item,
+                   LayerDigests& digests, std::size_t index)
 {
     layer.mediaType = cJSON_GetObjectItem(item, "mediaType");
-    layer.digest = cJSON_GetObjectItem(item, "digest");
+    if (layer.digest == nullptr) // what is being worked on is not written to
+        layer.digest = cJSON_GetObjectItem(item, "digest");
     layer.size = cJSON_GetObjectItem(item, "size");
     if (layer.mediaType == nullptr || validateJsonMediatype(LAYERJSON, layer.mediaType) != OK ||
         layer.digest == nullptr || layer.size == nullptr)
         return fail(S_zncLib_MANIFEST_INVALID);
     char* const file = layer.layerFileName;
-    if (composeFileName(image_path, LAYERJSON, layer.digest, file, znc::kPathMax) != OK)
+    if (file[0] == '\0' &&
+        composeFileName(image_path, LAYERJSON, layer.digest, file, znc::kPathMax) != OK)
         return ERROR;
     if (!passes([&] {
-            return validateJsonDigest(file, layer.digest) == OK &&
-                   validateJsonFileSize(file, layer.size) == OK;
+            return digests.result(index) == OK && validateJsonFileSize(file, layer.size) == OK;
         }))
         return reject(S_zncLib_MANIFEST_INVALID);
     return OK;
 }
 
-STATUS parse_layers(const char* image_path, ZNC_IMAGE_MANIFEST& manifest, cJSON* layers)
+STATUS parse_each_layer(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, const cJSON* layers)
+{
+    LayerDigests digests(image, manifest);
+    digests.start(layers);
+    std::size_t index = 0;
+    for (cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
+        if (parse_layer(image.ociPath, manifest.manifestLayers[index], item, digests, index) != OK)
+            return ERROR;
+    return OK;
+}
+
+STATUS parse_layers(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, cJSON* layers)
 {
     const int count = cJSON_GetArraySize(layers);
     if (count < 1)
@@ -150,13 +234,10 @@ STATUS parse_layers(const char* image_path, ZNC_IMAGE_MANIFEST& manifest, cJSON*
     if (manifest.manifestLayers == nullptr)
         return ERROR;
     manifest.manifestLayersCount = count;
-    ZNC_IMAGE_MANIFEST_LAYERS* layer = manifest.manifestLayers;
-    for (cJSON* item = layers->child; item != nullptr; item = item->next)
-        if (parse_layer(image_path, *layer++, item) != OK) {
-            release_layers(manifest);
-            return ERROR;
-        }
-    return OK;
+    if (parse_each_layer(image, manifest, layers) == OK)
+        return OK;
+    release_layers(manifest);
+    return ERROR;
 }
 
 // The hexadecimal part of a diff identifier, or null if it is none.
@@ -304,7 +385,7 @@ STATUS zncImageParseManifest(OCI_IMAGE* image, int index)
     cJSON* const layers = cJSON_GetObjectItem(manifest.manifestJson, "layers");
     if (layers == nullptr)
         return fail(S_zncLib_MANIFEST_INVALID);
-    return parse_layers(image->ociPath, manifest, layers);
+    return parse_layers(*image, manifest, layers);
 }
 
 STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config)

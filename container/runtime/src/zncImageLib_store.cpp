@@ -9,6 +9,7 @@
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
+#include "zncTarLib.hpp"
 #include "zncTreeLinks.hpp"
 
 #include <cstdio>
@@ -179,7 +180,7 @@ class Stage {
 STATUS znc::extract_layer(const char* layerFile, const char* dir)
 {
     errno = 0;
-    return zncUtilUntar(layerFile, dir);
+    return tar_extract_whole(layerFile, dir, kTarLayerBlocks);
 }
 
 STATUS znc::store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen)

@@ -45,9 +45,11 @@ STATUS znc::request_reply(int cmdId, std::span<zncParam> params, Reply* reply, i
     if (zncCall(cmdId, params.data(), static_cast<int>(params.size()), &text) != OK)
         return ERROR;
     const MallocPtr<char> owned(text);
+    errno = 0;
     reply->root.reset(cJSON_Parse(text));
     if (reply->root == nullptr) {
-        errno = notJson != kKeepNumber ? notJson : before;
+        if (errno != ENOMEM)
+            errno = notJson != kKeepNumber ? notJson : before;
         return ERROR;
     }
     int number = 0;

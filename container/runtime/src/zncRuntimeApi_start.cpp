@@ -128,6 +128,17 @@ STATUS give_up(const char* containerId)
     return ERROR;
 }
 
+// A signal to the caller does not end the wait: the process would run on and nobody know its id.
+pid_t wait_for(pid_t pid)
+{
+    int status = 0;
+    pid_t ended = 0;
+    do
+        ended = ::waitpid(pid, &status, 0);
+    while (ended < 0 && errno == EINTR);
+    return ended;
+}
+
 } // namespace
 
 STATUS zncStart(const char* containerId, unsigned int option)
@@ -166,8 +177,7 @@ STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int optio
         return give_up(containerId);
     if ((option & ZNC_OPT_NO_WAIT) != 0)
         return OK;
-    int status = 0;
-    return ::waitpid(pid, &status, 0); // the process id, not OK
+    return wait_for(pid); // the process id, not OK
 }
 
 STATUS zncContextObjHandleStore(const char* containerId, OBJ_HANDLE objHandle)

@@ -3,10 +3,13 @@
 // One task does all of this, one request at a time, so nothing here is locked.
 #include "zncRuntimeService.hpp"
 
+#include "zarnel/ns.h"
 #include "zarnel/task.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <cstring>
 
 namespace {
@@ -31,6 +34,9 @@ constexpr std::array kStoreRequest = {template_param(STRING, "containerId"),
 
 constexpr std::size_t kIdBufferLen = 256;
 constexpr int kSendTimeoutSeconds = 1;
+constexpr int kReclaimSeconds = 2;
+constexpr std::string_view kClientPrefix = ZNC_MSG_Q_NAME "-u-";
+constexpr std::string_view kInfoSuffix = "_info";
 
 // Keeps the calling task from being deleted.
 class DeletionSafety {
@@ -95,12 +101,50 @@ int dispatch(std::int32_t cmdId, cJSON* root, cJSON* body)
     }
 }
 
+// Killed clients cannot remove their queues, and queue memory is scarce: without this some dozens
+// of them would keep everybody from calling. Nor do they wait at once for the programs they
+// started, without which an ended namespace is not gone.
+class HouseKeeping {
+  public:
+    void do_if_due()
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < due_)
+            return;
+        due_ = now + std::chrono::seconds(kReclaimSeconds);
+        // Where the queues cannot be listed, they stay.
+        static_cast<void>(znMsgQReclaim(znc::client_of_queue));
+        znnsReap();
+    }
+
+  private:
+    std::chrono::steady_clock::time_point due_;
+};
+
+znc::ServiceListener service_listener;
+
+void tell_served(const zncMessage& message, const cJSON* root, int result)
+{
+    if (service_listener.served == nullptr)
+        return;
+    const cJSON* const key = message.cmdId == ZNC_INSPECT
+                                 ? cJSON_GetObjectItem(root, "Id")
+                                 : cJSON_GetObjectItem(root, "containerId");
+    const char* const id = cJSON_GetStringValue(key);
+    service_listener.served(message.cmdId, id != nullptr ? id : "", result);
+}
+
 // Until receiving fails.
 void serve(MSG_Q_ID queue)
 {
     zncMessage message = {};
+    HouseKeeping house_keeping;
     for (;;) {
-        const ssize_t len = znMsgQReceive(queue, &message, sizeof message, ZN_WAIT_FOREVER);
+        house_keeping.do_if_due();
+        const ssize_t len =
+            znMsgQReceive(queue, &message, sizeof message, kReclaimSeconds * znSysClkRateGet());
+        if (len < 0 && errno == ETIMEDOUT)
+            continue;
         if (len < 0)
             return;
         errno = 0; // waiting may have left a number
@@ -121,13 +165,25 @@ bool all_digits(std::string_view text)
 
 bool znc::is_client_queue_name(std::string_view name)
 {
-    constexpr std::string_view kPrefix = ZNC_MSG_Q_NAME "-u-";
-    if (!name.starts_with(kPrefix))
+    if (!name.starts_with(kClientPrefix))
         return false;
-    name.remove_prefix(kPrefix.size());
+    name.remove_prefix(kClientPrefix.size());
     const std::size_t dash = name.find('-');
     return dash != std::string_view::npos && all_digits(name.substr(0, dash)) &&
            all_digits(name.substr(dash + 1));
+}
+
+long znc::client_of_queue(const char* name)
+{
+    std::string_view text = name;
+    if (text.ends_with(kInfoSuffix))
+        text.remove_suffix(kInfoSuffix.size());
+    if (!is_client_queue_name(text))
+        return 0;
+    text.remove_prefix(kClientPrefix.size());
+    long pid = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), pid);
+    return read.ec == std::errc() ? pid : 0;
 }
 
 bool znc::decode_request(zncMessage* message, std::size_t received)
@@ -142,6 +198,11 @@ bool znc::decode_request(zncMessage* message, std::size_t received)
     return true;
 }
 
+void znc::set_service_listener(const ServiceListener& listener)
+{
+    service_listener = listener;
+}
+
 STATUS zncDaemonTask(void)
 {
     const DeletionSafety safe;
@@ -151,6 +212,8 @@ STATUS zncDaemonTask(void)
                                             ZN_MSG_Q_CREATE_EXCLUSIVE));
     if (!queue)
         return ERROR;
+    if (service_listener.ready != nullptr)
+        service_listener.ready();
     serve(queue.get());
     const znc::ErrnoSaver keep;
     znMsgQUnlink(ZNC_MSG_Q_NAME);
@@ -165,8 +228,13 @@ STATUS zncMessageProcess(zncMessage* msgHead)
     if (body == nullptr)
         return ERROR;
     int result = 0;
-    if (const znc::CJsonPtr root(cJSON_Parse(msgHead->data)); root != nullptr)
+    errno = 0;
+    const znc::CJsonPtr root(cJSON_Parse(msgHead->data));
+    if (root != nullptr)
         result = dispatch(msgHead->cmdId, root.get(), body.get());
+    else if (errno == ENOMEM) // it may well be a request, which was not done
+        result = ENOMEM;
+    tell_served(*msgHead, root.get(), result);
     static_cast<void>(zncReplyMessage(msgHead->name, msgHead->cmdId, body.get(), result));
     return OK;
 }

@@ -14,6 +14,9 @@ namespace znc {
 // Whether a queue name is one that zncCall makes: "/znc-u-<digits>-<digits>".
 bool is_client_queue_name(std::string_view name);
 
+// The process whose call has a queue of this name, reply or info; 0 for any other queue.
+long client_of_queue(const char* name);
+
 /*
  * Judge a message of which `received` bytes came in, and terminate its data in place. False: drop
  * it, without a reply or a progress text.
@@ -24,6 +27,14 @@ bool is_client_queue_name(std::string_view name);
  * must not be made to write to its own or to another program's.
  */
 bool decode_request(zncMessage* message, std::size_t received);
+
+// What the process that embeds the daemon may want to hear of, on the daemon task. Null: nothing.
+struct ServiceListener {
+    void (*ready)() = nullptr; // requests are taken from now on
+    // One was served: its command, the container it names ("": none) and the error number.
+    void (*served)(std::int32_t cmdId, const char* containerId, int error) = nullptr;
+};
+void set_service_listener(const ServiceListener& listener); // before the daemon task begins
 
 } // namespace znc
 

@@ -2,6 +2,7 @@
 #include "zncTarLib.hpp"
 
 #include "zncGzLib.hpp"
+#include "zncProgress.hpp"
 
 #include <climits>
 #include <fcntl.h>
@@ -21,6 +22,7 @@ ssize_t read_source(MT_TAR_SOFT& ctrl)
     do {
         n = read(ctrl.fd, ctrl.pBuf, wanted);
     } while (n < 0 && errno == EINTR);
+    znc::progress_read(ctrl.fd);
     return n;
 }
 
@@ -88,9 +90,8 @@ bool is_directory(const char* path)
     return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-} // namespace
-
-STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
+STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, BOOL verbose,
+               int& lacking)
 {
     if (pTape == nullptr || targetDir == nullptr) {
         errno = EINVAL;
@@ -119,7 +120,26 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
     const STATUS status = run(ctrl, targetDir);
     const znc::ErrnoSaver keep;
     tarProcDirs(&ctrl);
+    lacking = ctrl.lacking;
     return status;
+}
+
+} // namespace
+
+STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
+{
+    int lacking = 0;
+    return extract(pTape, targetDir, bfactor, verbose, lacking);
+}
+
+STATUS znc::tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor)
+{
+    int lacking = 0;
+    const STATUS status = extract(pTape, targetDir, bfactor, FALSE, lacking);
+    if (lacking == 0)
+        return status;
+    errno = lacking; // a later failure, such as a missing parent, comes of it
+    return ERROR;
 }
 
 int tarRdBlks(MT_TAR_SOFT* pCtrl, MT_HBLOCK** ppBlk, unsigned int nBlocks)

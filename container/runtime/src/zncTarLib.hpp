@@ -87,6 +87,8 @@ typedef struct mtTarSoft {
     znc::UniqueFd targetFd;
     znc::UniqueFd parentFd;
     std::size_t parentLen;
+
+    int lacking; // why members were left out for which something ran out; 0: none was
 } MT_TAR_SOFT;
 
 // zncTarLib.cpp
@@ -116,6 +118,13 @@ STATUS tarSetMtime(char* fn, time_t mtime);
 STATUS tarProcDirs(MT_TAR_SOFT* ctrl);
 
 namespace znc {
+
+// Blocks per read for an image's layers.
+inline constexpr std::size_t kTarLayerBlocks = 200;
+
+// zncTarExtract for callers who must not take a part for the whole. A member that cannot be made is
+// left out; here that is a failure when space, descriptors or memory ran out.
+STATUS tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor);
 
 // An octal number as scanf reads it ("%o"): leading blanks, a sign, digits up to the first other
 // character or the end of the field. False when there is none; `value` is then untouched.

@@ -57,8 +57,8 @@ STATUS append_record(MT_TAR_SOFT& ctrl, const DIR_TAR& record)
         return OK;
     }
     if (n > 0) { // only whole records stay
-        const znc::ErrnoSaver keep;
         lseek(ctrl.dir_fd.get(), -n, SEEK_CUR);
+        errno = ENOSPC;
     }
     return ERROR;
 }

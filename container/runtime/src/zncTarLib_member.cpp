@@ -82,6 +82,25 @@ STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
     return OK;
 }
 
+// A member could not be made. Most numbers say something about the member; these, that the next try
+// may well make it.
+void left_out(MT_TAR_SOFT& ctrl, int number)
+{
+    switch (number) {
+    case ENOSPC:
+    case EDQUOT:
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case EIO:
+        if (ctrl.lacking == 0)
+            ctrl.lacking = number;
+        break;
+    default:
+        break;
+    }
+}
+
 // A new directory with exactly the member's permission bits, or none. Private until they are set;
 // where they cannot be, none stays.
 znc::UniqueFd make_dir(int parent, const char* name, int mode)
@@ -107,8 +126,10 @@ void cache_new_dir(MT_TAR_SOFT& ctrl, const char* arPath, const char* last)
 STATUS extract_directory(MT_TAR_SOFT& ctrl, const Member& member, const char* last)
 {
     znc::UniqueFd dir = make_dir(znc::tar_parent(ctrl), znc::tar_member_name(last), member.mode);
-    if (!dir)
-        return OK; // also when it exists: it is left as it is
+    if (!dir) { // also when it exists: it is left as it is
+        left_out(ctrl, errno);
+        return OK;
+    }
     if (dir.close_checked() != 0)
         return ERROR;
     cache_new_dir(ctrl, member.path, last);
@@ -133,6 +154,8 @@ bool write_all(int fd, const void* bytes, std::size_t count)
     do {
         n = write(fd, bytes, count);
     } while (n < 0 && errno == EINTR);
+    if (n >= 0 && static_cast<std::size_t>(n) != count)
+        errno = ENOSPC; // a file takes less than it is given only when there is no more room
     return n >= 0 && static_cast<std::size_t>(n) == count;
 }
 
@@ -190,10 +213,12 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
     const int parent = znc::tar_parent(*pCtrl);
     const int before = errno;
     // The directory times are the extractor's: a member of that name has no file to go to.
-    znc::UniqueFd file(znc::tar_is_record_file(*pCtrl, name)
-                           ? -1
-                           : znFileCreateAt(parent, name, static_cast<mode_t>(mode) & kPermBits));
+    const bool records = znc::tar_is_record_file(*pCtrl, name);
+    znc::UniqueFd file(
+        records ? -1 : znFileCreateAt(parent, name, static_cast<mode_t>(mode) & kPermBits));
     const bool created = static_cast<bool>(file);
+    if (!created && !records)
+        left_out(*pCtrl, errno);
     if (!created)
         file.reset(open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
     if (!file)

@@ -188,12 +188,23 @@ bool empty_directory(znc::UniqueFd fd, unsigned level)
     }
 }
 
+// With a descriptor for each level, or, where there are not so many, with the two that always do.
+bool empty_top(const char* dir, znc::UniqueFd top)
+{
+    if (empty_directory(std::move(top), 0))
+        return true;
+    if (errno != EMFILE && errno != ENFILE)
+        return false;
+    top.reset(open(dir, kTopFlags));
+    return top && empty_deep(std::move(top));
+}
+
 } // namespace
 
 STATUS znc::delete_foreign_tree(const char* dir)
 {
     znc::UniqueFd top(dir != nullptr ? open(dir, kTopFlags) : -1);
-    if (top ? !empty_directory(std::move(top), 0)
+    if (top ? !empty_top(dir, std::move(top))
             : dir != nullptr && errno != ENOENT && errno != ENOTDIR)
         return ERROR;
     return zncUtilXdelete(dir); // an empty directory, a file or nothing: this ends

@@ -5,6 +5,7 @@
 #include "zarnel/fs.h"
 #include "zarnel/terminal.h"
 #include "zncOwned.hpp"
+#include "zncTarLib.hpp"
 
 #include <cstdio>
 #include <fcntl.h>
@@ -14,7 +15,6 @@ namespace {
 
 constexpr std::size_t kErrorTextSize = 256;
 constexpr std::size_t kSignalNameMax = 10;
-constexpr std::size_t kLayerBlocks = 200;
 
 const char* known_message(int errCode)
 {
@@ -184,5 +184,5 @@ STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t l
 
 STATUS zncUtilUntar(const char* srcTarFile, const char* desPath)
 {
-    return zncTarExtract(srcTarFile, desPath, kLayerBlocks, FALSE);
+    return zncTarExtract(srcTarFile, desPath, znc::kTarLayerBlocks, FALSE);
 }

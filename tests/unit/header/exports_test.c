@@ -87,6 +87,7 @@ static const Export exports[] = {
     EXPORT(zncStatusGet),
     EXPORT(zncTarExtract),
     EXPORT(zncUnpack),
+    EXPORT(zncUnpackProgressSet),
     EXPORT(zncUtilBinToHex),
     EXPORT(zncUtilCredGetFromStdin),
     EXPORT(zncUtilShowErr),

@@ -1,0 +1,76 @@
+// zncProgress.cpp
+#include "zncProgress.hpp"
+
+#include "zncOwned.hpp"
+#include "zncontainer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+// Who listens belongs to the task, as the unpack does.
+thread_local ZNC_PROGRESS_FUNC listener = nullptr;
+thread_local void* listener_context = nullptr;
+thread_local ZNC_PROGRESS current = {};
+
+void tell(std::uint64_t done)
+{
+    const znc::ErrnoSaver keep;
+    current.done = std::min(done, current.total);
+    const ZNC_PROGRESS copy = current; // the listener may not change what is told next
+    listener(&copy, listener_context);
+}
+
+bool listening()
+{
+    return listener != nullptr && current.layer != nullptr;
+}
+
+} // namespace
+
+void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context)
+{
+    listener = func;
+    listener_context = context;
+}
+
+namespace znc {
+
+LayerProgress::LayerProgress(const char* file, std::uint32_t index, std::uint32_t count) noexcept
+{
+    if (listener == nullptr)
+        return;
+    const ErrnoSaver keep;
+    struct stat st = {};
+    const bool known = ::stat(file, &st) == 0 && st.st_size > 0;
+    const char* const slash = std::strrchr(file, '/');
+    current = ZNC_PROGRESS{slash != nullptr ? slash + 1 : file, index, count, 0,
+                           known ? static_cast<std::uint64_t>(st.st_size) : 0};
+    tell(0);
+}
+
+LayerProgress::~LayerProgress()
+{
+    current = ZNC_PROGRESS{};
+}
+
+void LayerProgress::complete() noexcept
+{
+    if (listening())
+        tell(current.total);
+}
+
+void progress_read(int fd) noexcept
+{
+    if (!listening())
+        return;
+    const ErrnoSaver keep;
+    // At the end comes the report of the whole layer, once it is extracted.
+    const off_t at = ::lseek(fd, 0, SEEK_CUR);
+    if (at > 0 && static_cast<std::uint64_t>(at) < current.total)
+        tell(static_cast<std::uint64_t>(at));
+}
+
+} // namespace znc

@@ -1,0 +1,28 @@
+// zncProgress.hpp - tells a caller who asked for it how far an unpack is. Used by the image module,
+// which knows the layer, and by the archive readers, which know the position in its file. Nothing
+// is called, and nothing costs more than a look at a pointer, unless zncUnpackProgressSet was.
+#ifndef ZNCPROGRESS_HPP
+#define ZNCPROGRESS_HPP
+
+#include <cstdint>
+
+namespace znc {
+
+// While it lives, the calling task reads the archive `file` as layer `index` of `count`.
+class LayerProgress {
+  public:
+    LayerProgress(const char* file, std::uint32_t index, std::uint32_t count) noexcept;
+    ~LayerProgress();
+    LayerProgress(const LayerProgress&) = delete;
+    LayerProgress& operator=(const LayerProgress&) = delete;
+
+    // The layer is complete, also when it was there before.
+    void complete() noexcept;
+};
+
+// The descriptor of the archive has been read on; keeps the task error number.
+void progress_read(int fd) noexcept;
+
+} // namespace znc
+
+#endif

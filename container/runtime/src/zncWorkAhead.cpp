@@ -1,0 +1,142 @@
+// zncWorkAhead.cpp - see zncWorkAhead.hpp.
+#include "zncWorkAhead.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t kStackSize = 256 * 1024; // a helper's; the jobs need a few KiB
+
+class MutexHold {
+  public:
+    explicit MutexHold(pthread_mutex_t& mutex) noexcept : mutex_(mutex)
+    {
+        ::pthread_mutex_lock(&mutex_);
+    }
+    ~MutexHold() { ::pthread_mutex_unlock(&mutex_); }
+    MutexHold(const MutexHold&) = delete;
+    MutexHold& operator=(const MutexHold&) = delete;
+
+  private:
+    pthread_mutex_t& mutex_;
+};
+
+// The application's signals are not for a helper: it starts, and stays, with all of them blocked.
+bool start_task(pthread_t* task, void* (*main)(void*), void* argument)
+{
+    pthread_attr_t attributes;
+    if (::pthread_attr_init(&attributes) != 0)
+        return false;
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    const bool started = ::pthread_attr_setstacksize(&attributes, kStackSize) == 0 &&
+                         ::pthread_create(task, &attributes, main, argument) == 0;
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ::pthread_attr_destroy(&attributes);
+    return started;
+}
+
+} // namespace
+
+namespace znc {
+
+WorkAhead::WorkAhead(Job job, void* context, std::size_t count) noexcept
+    : job_(job), context_(context), count_(count)
+{
+}
+
+WorkAhead::~WorkAhead()
+{
+    const ErrnoSaver keep;
+    {
+        const MutexHold hold(mutex_);
+        stop_ = true;
+    }
+    for (std::size_t i = 0; i < helperCount_; i++)
+        ::pthread_join(helpers_[i], nullptr);
+}
+
+// Only now: without helpers a row needs no memory, and cannot fail for want of it.
+bool WorkAhead::have_slots() noexcept
+{
+    const ErrnoSaver keep;
+    if (!slots_)
+        slots_ = malloc_array<Slot>(count_);
+    return slots_ != nullptr;
+}
+
+void WorkAhead::exclude(std::size_t index) noexcept
+{
+    if (have_slots())
+        slots_[index].state = State::kExcluded;
+}
+
+void WorkAhead::start() noexcept
+{
+    const ErrnoSaver keep;
+    const long processors = ::sysconf(_SC_NPROCESSORS_ONLN);
+    if (processors < 2 || count_ < 2 || !have_slots())
+        return;
+    const std::size_t wanted =
+        std::min({static_cast<std::size_t>(processors) - 1, count_ - 1, kHelpersMax});
+    while (helperCount_ < wanted && start_task(&helpers_[helperCount_], help, this))
+        helperCount_++;
+}
+
+// The last job that nobody has begun becomes the helper's: it and the caller, who comes from the
+// other end, seldom wait for each other.
+bool WorkAhead::begin(std::size_t* index) noexcept
+{
+    const MutexHold hold(mutex_);
+    for (*index = count_; !stop_ && (*index)-- > 0;)
+        if (slots_[*index].state == State::kOpen) {
+            slots_[*index].state = State::kBegun;
+            return true;
+        }
+    return false;
+}
+
+void WorkAhead::finish(Slot& slot, STATUS status) noexcept
+{
+    const int error = errno;
+    const MutexHold hold(mutex_);
+    slot = {State::kDone, status, error};
+    ::pthread_cond_broadcast(&done_);
+}
+
+void* WorkAhead::help(void* self)
+{
+    auto& work = *static_cast<WorkAhead*>(self);
+    std::size_t index = 0;
+    while (work.begin(&index)) {
+        errno = 0;
+        work.finish(work.slots_[index], work.job_(work.context_, index));
+    }
+    return nullptr;
+}
+
+STATUS WorkAhead::result(std::size_t index) noexcept
+{
+    if (helperCount_ == 0)
+        return job_(context_, index);
+    {
+        const MutexHold hold(mutex_);
+        Slot& slot = slots_[index];
+        while (slot.state == State::kBegun)
+            ::pthread_cond_wait(&done_, &mutex_);
+        if (slot.state == State::kDone) {
+            if (slot.status != OK)
+                errno = slot.error;
+            return slot.status;
+        }
+        slot.state = State::kExcluded; // mine now
+    }
+    return job_(context_, index);
+}
+
+} // namespace znc

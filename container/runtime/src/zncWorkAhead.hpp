@@ -1,0 +1,62 @@
+// zncWorkAhead.hpp - independent jobs on all processors, with the results of doing them one after
+// the other: digests of a manifest's layers, layers of the store. On two processors an image of
+// eight layers is unpacked in a little over half the time.
+#ifndef ZNCWORKAHEAD_HPP
+#define ZNCWORKAHEAD_HPP
+
+#include "zncOwned.hpp"
+#include "zncontainer.h"
+
+#include <cstddef>
+#include <pthread.h>
+
+namespace znc {
+
+// A row of jobs. Whoever made it asks for the results in order and does himself what nobody has
+// begun; helper tasks do what comes next meanwhile. A later job may thus have been done although an
+// earlier one failed: only jobs that do no harm then belong here. Without memory or processors for
+// helpers everything happens in result().
+class WorkAhead {
+  public:
+    // `job` runs on several tasks at once, for different indices.
+    using Job = STATUS (*)(void* context, std::size_t index);
+    WorkAhead(Job job, void* context, std::size_t count) noexcept;
+    ~WorkAhead(); // waits for the jobs that were begun; keeps the task error number
+    WorkAhead(const WorkAhead&) = delete;
+    WorkAhead& operator=(const WorkAhead&) = delete;
+
+    // Leave a job alone; before start().
+    void exclude(std::size_t index) noexcept;
+    void start() noexcept;
+
+    // The result of a job, with its task error number when it failed.
+    STATUS result(std::size_t index) noexcept;
+
+  private:
+    enum class State : unsigned char { kOpen, kExcluded, kBegun, kDone };
+    struct Slot {
+        State state;
+        STATUS status;
+        int error;
+    };
+    static constexpr std::size_t kHelpersMax = 3;
+
+    bool have_slots() noexcept;
+    static void* help(void* self);
+    void finish(Slot& slot, STATUS status) noexcept;
+    bool begin(std::size_t* index) noexcept;
+
+    Job job_;
+    void* context_;
+    std::size_t count_;
+    MallocPtr<Slot[]> slots_; // null: nobody helps
+    bool stop_ = false;
+    pthread_t helpers_[kHelpersMax] = {};
+    std::size_t helperCount_ = 0;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t done_ = PTHREAD_COND_INITIALIZER;
+};
+
+} // namespace znc
+
+#endif

@@ -1,0 +1,129 @@
+// The report of an unpack's progress: what is told, and that it changes nothing else.
+#include "layout_builder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "zncontainer.h"
+
+namespace {
+
+struct Heard {
+    std::string layer;
+    std::uint32_t index;
+    std::uint32_t count;
+    std::uint64_t done;
+    std::uint64_t total;
+};
+
+void hear(const ZNC_PROGRESS* progress, void* context)
+{
+    static_cast<std::vector<Heard>*>(context)->push_back(
+        {progress->layer, progress->index, progress->count, progress->done, progress->total});
+    errno = EILSEQ; // which must not show in what the unpack says
+}
+
+class Progress : public testing::Test {
+  protected:
+    Progress()
+    {
+        layout::Image image;
+        image.layers = {layout::tar({{"small", "content"}}),
+                        layout::tar({{"large", std::string(3'000'000, 'x')}})};
+        layout_.add(image);
+        // The sandbox's own. Without it layers go into the bundle, in the order of the image.
+        ::rmdir("/overlay");
+        setenv("ZNC_BASE", (dir_ / "base").c_str(), 1);
+    }
+    ~Progress() override
+    {
+        zncUnpackProgressSet(nullptr, nullptr);
+        unsetenv("ZNC_BASE");
+    }
+
+    STATUS unpack(const std::string& bundle)
+    {
+        return zncUnpack((dir_ / bundle).c_str(), layout_.c_str(), nullptr, 0, nullptr);
+    }
+
+    layout::TempDir dir_;
+    layout::Layout layout_{dir_ / "layout"};
+    std::vector<Heard> heard_;
+};
+
+} // namespace
+
+TEST_F(Progress, EachLayerBeginsGrowsAndIsComplete)
+{
+    zncUnpackProgressSet(&hear, &heard_);
+    ASSERT_EQ(unpack("bundle"), OK);
+    ASSERT_GE(heard_.size(), 5U);
+    std::vector<std::uint64_t> ends(2);
+    for (std::size_t i = 0; i < heard_.size(); i++) {
+        const Heard& now = heard_[i];
+        EXPECT_EQ(now.count, 2U);
+        EXPECT_EQ(now.layer.size(), 64U);
+        EXPECT_LE(now.done, now.total);
+        const bool first = i == 0 || heard_[i - 1].index != now.index;
+        EXPECT_EQ(now.done == 0, first);
+        if (!first) {
+            EXPECT_GT(now.done, heard_[i - 1].done);
+        }
+        ends.at(now.index) = now.total - now.done;
+    }
+    EXPECT_EQ(ends, (std::vector<std::uint64_t>{0, 0}));
+}
+
+TEST_F(Progress, NobodyIsToldUnlessAskedFor)
+{
+    ASSERT_EQ(unpack("one"), OK);
+    zncUnpackProgressSet(&hear, &heard_);
+    zncUnpackProgressSet(nullptr, nullptr);
+    ASSERT_EQ(unpack("two"), OK);
+    EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(Progress, BelongsToTheTaskThatAsked)
+{
+    zncUnpackProgressSet(&hear, &heard_);
+    STATUS status = ERROR;
+    std::thread([&] { status = unpack("other"); }).join();
+    EXPECT_EQ(status, OK);
+    EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(Progress, AnArchiveByItselfIsNoUnpack)
+{
+    zncUnpackProgressSet(&hear, &heard_);
+    const std::string archive = dir_ / "archive";
+    layout::write_file(archive, layout::tar({{"file", std::string(100'000, 'x')}}));
+    layout::fs::create_directory(dir_ / "target");
+    ASSERT_EQ(zncUtilUntar(archive.c_str(), (dir_ / "target").c_str()), OK);
+    EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(Progress, AFailureKeepsItsReason)
+{
+    zncUnpackProgressSet(&hear, &heard_);
+    layout::Layout bad(dir_ / "bad");
+    layout::Image image;
+    image.layers = {layout::tar({{"../out", "content"}})};
+    bad.add(image);
+    EXPECT_EQ(zncUnpack((dir_ / "bundle").c_str(), bad.c_str(), nullptr, 0, nullptr), ERROR);
+    EXPECT_EQ(errno, EPERM);
+    ASSERT_FALSE(heard_.empty());
+    EXPECT_LT(heard_.back().done, heard_.back().total);
+}
+
+TEST_F(Progress, TheResultIsTheSameWithAndWithout)
+{
+    ASSERT_EQ(unpack("without"), OK);
+    zncUnpackProgressSet(&hear, &heard_);
+    ASSERT_EQ(unpack("with"), OK);
+    for (const char* name : {"small", "large"})
+        EXPECT_EQ(layout::read_file(dir_ / "with/rootfs/" + std::string(name)),
+                  layout::read_file(dir_ / "without/rootfs/" + std::string(name)));
+}
