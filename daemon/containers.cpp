@@ -1,15 +1,18 @@
 #include "containers.hpp"
 
+#include "log.hpp"
+
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <string>
+#include <sys/file.h>
 
 #include "zarnel/msgq.h"
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"
+#include "zarnel/owned.hpp"
 
 #include "zncprotocol.h"
 
@@ -34,8 +37,8 @@ void remove_stale_container(const fs::path& dir)
     for (const char* own : {"upper", "work"}) {
         const fs::path path = dir / own;
         if (is_real_directory(path) && zncImageBundleDelete(path.c_str()) != OK)
-            std::fprintf(stderr, "zncd: stale directory %s cannot be removed: error %d\n",
-                         path.c_str(), errno);
+            log(Level::kError, "stale directory %s cannot be removed: error %d", path.c_str(),
+                errno);
     }
     std::error_code error;
     fs::remove(dir, error);
@@ -45,7 +48,7 @@ void remove_stale_containers()
 {
     std::array<char, 1024> area{};
     if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0) {
-        std::fprintf(stderr, "zncd: the storage base cannot be made: error %d\n", errno);
+        log(Level::kError, "the storage base cannot be made: error %d", errno);
         return;
     }
     std::error_code error;
@@ -57,16 +60,24 @@ void remove_stale_containers()
 
 } // namespace
 
+bool served_elsewhere()
+{
+    // A queue's maker keeps it locked. The lock file does not tell: it may have been wiped away
+    // from under a daemon that lives.
+    const znc::UniqueFd queue(znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING));
+    return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 void recover()
 {
     if (znMsgQUnlink(ZNC_MSG_Q_NAME) == OK)
-        std::fprintf(stderr, "zncd: the daemon before this one died; clearing what it left\n");
+        log(Level::kWarning, "the daemon before this one died; clearing what it left");
     if (const int left = znnsRecover(); left != 0)
-        std::fprintf(stderr, "zncd: %d namespaces of a dead daemon cannot be ended\n", left);
+        log(Level::kError, "%d namespaces of a dead daemon cannot be ended", left);
     if (znOvlInit() == FALSE)
-        std::fprintf(stderr, "zncd: no overlay filesystem; a bundle serves one container\n");
+        log(Level::kWarning, "no overlay filesystem; a bundle serves one container");
     if (const int left = znOvlRestore(); left != 0)
-        std::fprintf(stderr, "zncd: %d overlay devices cannot be restored\n", left);
+        log(Level::kWarning, "%d overlay devices cannot be restored", left);
     remove_stale_containers();
 }
 
@@ -76,8 +87,8 @@ bool end_all()
     std::array<char, 256> id{};
     while (zncContainerNext(id.data()) != FALSE)
         if (zncContainerDelete(id.data(), ZNC_OPT_WHOLE_NAMESPACE) != OK) {
-            std::fprintf(stderr, "zncd: container %s cannot be deleted: error 0x%x\n", id.data(),
-                         static_cast<unsigned>(errno));
+            log(Level::kError, "container %s cannot be deleted: error 0x%x", id.data(),
+                static_cast<unsigned>(errno));
             all = false;
         }
     // Everything in them is killed by now, but a namespace goes only when the parents of its
@@ -87,7 +98,7 @@ bool end_all()
     while (left != 0 && std::chrono::steady_clock::now() < deadline)
         left = znnsShutdown();
     if (left != 0)
-        std::fprintf(stderr, "zncd: %d namespaces hold processes nobody has waited for\n", left);
+        log(Level::kWarning, "%d namespaces hold processes nobody has waited for", left);
     return all;
 }
 

@@ -5,6 +5,9 @@
 
 namespace zncd {
 
+// Whether a live daemon has the queue.
+bool served_elsewhere();
+
 // Removes what a daemon that died left: its queue, the namespaces with everything in them, the
 // containers' overlay devices and writable layers. Attaches the images' overlay devices again.
 // What cannot be done is printed and does not keep the daemon from serving.

@@ -1,12 +1,17 @@
 // zncd - the container daemon, in the foreground. It serves the queue until SIGTERM or SIGINT, then
 // finishes the request in hand and ends every container.
 #include "containers.hpp"
+#include "log.hpp"
+#include "notify.hpp"
+#include "requirements.hpp"
 #include "runtime_dir.hpp"
 #include "stop_signals.hpp"
 
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <span>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,37 +20,81 @@
 #include "zarnel/msgq.h"
 #include "zarnel/task.h"
 
-#include "zncontainer.h"
+#include "zncRuntimeService.hpp"
 
 namespace {
 
 constexpr std::size_t kQueueMessages = 32;
 constexpr int kExitUsage = 64;
-constexpr const char* kUsage = "usage: zncd [--help] [--version]\n";
+constexpr const char* kUsage =
+    "usage: zncd [--foreground] [--log-level LEVEL] | check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends every\n"
     "container. Runs in the foreground and must be root; only root can send requests.\n"
     "\n"
+    "  --foreground       said for clearness: there is no other way\n"
+    "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\": each request\n"
+    "  check              tell whether the machine has what it needs\n"
+    "\n"
     "environment:\n"
-    "  ZNC_BASE  the storage base, an absolute path (default: /ram0/znc)\n";
+    "  ZNC_BASE       the storage base, an absolute path (default: /ram0/znc)\n"
+    "  NOTIFY_SOCKET  where to tell that it serves (set by systemd)\n";
 
-// -1: go on and serve.
-int answer_options(int argc, char** argv)
+// By zncCmdType.
+constexpr std::array kCommands = {"create", "start",  "kill",    "delete", "state",
+                                  "list",   "unpack", "inspect", "store",  "ping"};
+
+int bad_usage()
 {
-    if (argc < 2)
-        return -1;
-    const std::string_view option = argv[1];
-    if (argc == 2 && option == "--version") {
+    std::fputs(kUsage, stderr);
+    return kExitUsage;
+}
+
+// What is asked for alone, and answered without serving. -1: nothing of it.
+int answer(std::string_view word)
+{
+    if (word == "--version") {
         std::puts("zncd " ZNC_VERSION);
         return 0;
     }
-    if (argc == 2 && (option == "--help" || option == "-h")) {
+    if (word == "--help" || word == "-h") {
         std::printf("%s%s", kUsage, kHelp);
         return 0;
     }
-    std::fputs(kUsage, stderr);
-    return kExitUsage;
+    if (word == "check")
+        return zncd::print_requirements() ? 0 : 1;
+    return -1;
+}
+
+// -1: go on and serve.
+int take_options(std::span<char* const> words)
+{
+    if (words.size() == 1)
+        if (const int status = answer(words[0]); status >= 0)
+            return status;
+    for (std::size_t i = 0; i < words.size(); i++) {
+        const std::string_view word = words[i];
+        if (word == "--foreground")
+            continue;
+        if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
+            return bad_usage();
+        i++;
+    }
+    return -1;
+}
+
+void tell_ready()
+{
+    zncd::notify("READY=1");
+}
+
+void log_request(std::int32_t command, const char* id, int error)
+{
+    const auto at = static_cast<std::size_t>(command);
+    zncd::log(zncd::Level::kDebug, "request %s %s: %s 0x%x",
+              at < kCommands.size() ? kCommands[at] : "unknown", id[0] != '\0' ? id : "-",
+              error == 0 ? "done" : "failed", static_cast<unsigned>(error));
 }
 
 int serve(int stop_fd)
@@ -55,11 +104,12 @@ int serve(int stop_fd)
     zncDaemonTask(); // returns when it was asked to stop or could not go on
     const int error = errno;
     znTaskStopFdSet(-1);
+    zncd::notify("STOPPING=1");
     const bool stopped = zncd::stop_requested(stop_fd);
     if (!stopped) {
         std::array<char, 256> reason{};
         znErrorText(error, reason.data(), reason.size());
-        std::fprintf(stderr, "zncd: the queue cannot be served: %s\n", reason.data());
+        zncd::log(zncd::Level::kError, "the queue cannot be served: %s", reason.data());
     }
     const bool ended = zncd::end_all();
     return stopped && ended ? 0 : 1;
@@ -69,28 +119,34 @@ int serve(int stop_fd)
 
 int main(int argc, char** argv)
 {
-    if (const int status = answer_options(argc, argv); status >= 0)
+    const std::span<char* const> words(argv, static_cast<std::size_t>(argc));
+    if (const int status = take_options(words.subspan(argc > 0 ? 1 : 0)); status >= 0)
         return status;
     if (::geteuid() != 0) {
-        std::fputs("zncd: namespaces and mounts are root's; run it as root\n", stderr);
+        zncd::log(zncd::Level::kError, "namespaces and mounts are root's; run it as root");
         return 1;
     }
     ::umask(077);
     std::signal(SIGPIPE, SIG_IGN);
     const znc::UniqueFd lock = zncd::take_lock();
-    if (!lock)
+    if (!lock || !zncd::meets_requirements())
         return 1;
     // Before the first namespace: what is started from here on starts with both signals blocked and
     // a stop that comes early is not lost.
     const znc::UniqueFd stop = zncd::block_stop_signals();
     if (!stop) {
-        std::perror("zncd: signalfd");
+        zncd::log(zncd::Level::kError, "signalfd: %s", std::strerror(errno));
         return 1;
     }
     if (znMsgQLimitsRaise(kQueueMessages) != OK) {
-        std::fprintf(stderr, "zncd: message queues are too small: %s\n", znMsgQLimitHint());
+        zncd::log(zncd::Level::kError, "message queues are too small: %s", znMsgQLimitHint());
+        return 1;
+    }
+    if (zncd::served_elsewhere()) {
+        zncd::log(zncd::Level::kError, "a daemon is running already");
         return 1;
     }
     zncd::recover();
+    znc::set_service_listener({tell_ready, log_request});
     return serve(stop.get());
 }

@@ -1,7 +1,8 @@
 #include "runtime_dir.hpp"
 
+#include "log.hpp"
+
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -19,7 +20,7 @@ void complain(const char* what)
 {
     std::array<char, 256> reason{};
     znErrorText(errno, reason.data(), reason.size());
-    std::fprintf(stderr, "zncd: %s: %s\n", what, reason.data());
+    log(Level::kError, "%s: %s", what, reason.data());
 }
 
 // Nobody else's directory, and no link to one, may stand in for it.
@@ -46,9 +47,9 @@ void name_holder(int lock)
     const ssize_t len = ::pread(lock, text.data(), text.size() - 1, 0);
     const long pid = len > 0 ? std::strtol(text.data(), nullptr, 10) : 0;
     if (pid > 0)
-        std::fprintf(stderr, "zncd: a daemon is running already, process %ld\n", pid);
+        log(Level::kError, "a daemon is running already, process %ld", pid);
     else
-        std::fprintf(stderr, "zncd: a daemon is running already\n");
+        log(Level::kError, "a daemon is running already");
 }
 
 bool write_own_pid(int lock)
