@@ -1,12 +1,18 @@
-#include "command.hpp"
-#include "output.hpp"
-
-#include "zncontainer.h"
+#include "container.hpp"
 
 int zncctl::cmd_delete(const Arguments& args)
 {
-    const unsigned option = args.has("force") ? ZNC_OPT_WHOLE_NAMESPACE : 0;
-    if (call_library([&] { return zncDelete(args.operand(0), option); }) != OK)
-        return daemon_failure(errno);
-    return kExitOk;
+    std::vector<std::string> ids = args.all_operands();
+    if (args.has("all-stopped") != ids.empty())
+        return usage_failure("ids or --all-stopped are needed, and not both");
+    if (args.has("all-stopped")) {
+        const auto stopped = ids_in_state(STATE_STOPPED);
+        if (!stopped)
+            return daemon_failure(errno, "");
+        ids = *stopped;
+    }
+    return for_each_id(ids, args.has("quiet"), [&](const std::string& id) {
+        return delete_container(id, args.has("force")) == OK ? static_cast<int>(kExitOk)
+                                                             : daemon_failure(errno, id);
+    });
 }

@@ -1,13 +1,17 @@
 #include "command.hpp"
+#include "json.hpp"
 #include "output.hpp"
 
 #include "zncontainer.h"
 
 int zncctl::cmd_image_inspect(const Arguments& args)
 {
-    const znc::MallocPtr<char> document(
-        call_library([&] { return zncImageInfoGet(args.operand(0)); }));
+    const char* layout = args.operand(0);
+    const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout); }));
+    if (text == nullptr)
+        return local_failure(errno, layout);
+    const Json document = parse_json(text.get());
     if (document == nullptr)
-        return local_failure(errno);
-    return print_result(document.get());
+        return local_failure(EBADMSG, layout);
+    return print_result(pretty(document.get()));
 }

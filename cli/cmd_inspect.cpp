@@ -1,13 +1,13 @@
-#include "command.hpp"
-#include "output.hpp"
-
-#include "zncontainer.h"
+#include "container.hpp"
 
 int zncctl::cmd_inspect(const Arguments& args)
 {
-    const znc::MallocPtr<char> document(
-        call_library([&] { return zncContainerInfoGet(args.operand(0)); }));
+    const char* id = args.operand(0);
+    const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id); }));
+    if (text == nullptr)
+        return daemon_failure(errno, id);
+    const Json document = parse_json(text.get());
     if (document == nullptr)
-        return daemon_failure(errno);
-    return print_result(document.get());
+        return daemon_failure(EBADMSG, id);
+    return print_result(pretty(document.get()));
 }

@@ -1,20 +1,14 @@
-#include "command.hpp"
-#include "output.hpp"
+#include "container.hpp"
 #include "signal_number.hpp"
+#include "words.hpp"
 
-#include <charconv>
-#include <string>
-
-#include "zncontainer.h"
+#include <fmt/format.h>
 
 int zncctl::signal_number(const char* text)
 {
-    const std::string_view given = text;
-    int number = -1;
-    const auto [end, error] = std::from_chars(text, text + given.size(), number);
-    if (error == std::errc() && end == text + given.size())
-        return number >= 0 ? number : -1;
-    std::string name(given);
+    if (const auto number = to_number<int>(text))
+        return *number >= 0 ? *number : -1;
+    std::string name(text);
     for (char& c : name)
         if (c >= 'a' && c <= 'z')
             c = static_cast<char>(c - 'a' + 'A');
@@ -24,14 +18,14 @@ int zncctl::signal_number(const char* text)
 
 int zncctl::cmd_kill(const Arguments& args)
 {
-    if (args.has("signal") && args.operands() > 1)
-        return usage_failure("the signal is given twice");
-    const char* wanted = args.operand(1, args.value("signal", "TERM"));
+    const char* wanted = args.value("signal", "TERM");
     const int signo = signal_number(wanted);
     if (signo < 0)
-        return usage_failure(std::string("unknown signal '") + wanted + "'");
+        return usage_failure(fmt::format("unknown signal '{}'", wanted));
     const unsigned option = args.has("all") ? ZNC_OPT_WHOLE_NAMESPACE : 0;
-    if (call_library([&] { return zncKill(args.operand(0), signo, option); }) != OK)
-        return daemon_failure(errno);
-    return kExitOk;
+    return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
+        if (call_library([&] { return zncKill(id.c_str(), signo, option); }) != OK)
+            return daemon_failure(errno, id);
+        return static_cast<int>(kExitOk);
+    });
 }

@@ -1,102 +1,123 @@
-#include "command.hpp"
-#include "output.hpp"
+#include "container.hpp"
+#include "record.hpp"
 
-#include <algorithm>
-#include <memory>
-#include <string>
-
-#include <cjson/cJSON.h>
-
-#include "zncontainer.h"
+#include <filesystem>
 
 namespace zncctl {
 namespace {
 
-struct TreeDeleter {
-    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
-};
-using Tree = std::unique_ptr<cJSON, TreeDeleter>;
-
 struct Row {
+    Json state;
     std::string id;
-    std::string status;
-    std::string bundle;
+    int status;
+    std::optional<Record> record;
+
+    [[nodiscard]] std::string exit_code() const
+    {
+        return record && record->exit_code ? std::to_string(*record->exit_code) : "-";
+    }
 };
 
-std::string text_of(const cJSON* state, const char* key)
+// Asking about a container that was running is what makes the daemon notice that it has ended.
+int status_now(const std::string& id, const cJSON* state)
 {
-    const char* text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(state, key));
-    return text != nullptr ? text : "";
+    const cJSON* item = member(state, "status");
+    const int listed = cJSON_IsNumber(item) ? item->valueint : STATE_UNKNOWN;
+    if (listed != STATE_RUNNING)
+        return listed;
+    const CONTAINER_STATUS now = status_of(id);
+    return now != STATE_UNKNOWN ? now : listed;
 }
 
-std::vector<Row> rows_of(const cJSON* states)
+bool wanted(const Arguments& args, const Row& row)
+{
+    const char* status = args.value("status");
+    if (status != nullptr && std::string_view(status) != zncUtilStateIdToString(row.status))
+        return false;
+    const char* bundle = args.value("bundle");
+    std::error_code error;
+    return bundle == nullptr ||
+           std::filesystem::weakly_canonical(bundle, error) == text_of(row.state.get(), "bundle");
+}
+
+std::vector<Row> rows_of(const Arguments& args, const cJSON* states)
 {
     std::vector<Row> rows;
     const cJSON* state = nullptr;
     cJSON_ArrayForEach(state, states)
     {
-        const cJSON* status = cJSON_GetObjectItemCaseSensitive(state, "status");
-        const int number = cJSON_IsNumber(status) ? status->valueint : STATE_UNKNOWN;
-        rows.push_back(
-            {text_of(state, "id"), zncUtilStateIdToString(number), text_of(state, "bundle")});
+        Row row = {Json(cJSON_Duplicate(state, 1)), text_of(state, "id"), 0, std::nullopt};
+        row.status = status_now(row.id, state);
+        if (cJSON* status = cJSON_GetObjectItem(row.state.get(), "status"); status != nullptr)
+            cJSON_SetNumberValue(status, row.status);
+        if (row.status == STATE_RUNNING || row.status == STATE_STOPPED)
+            row.record = read_record(row.id);
+        if (wanted(args, row))
+            rows.push_back(std::move(row));
     }
     return rows;
 }
 
-// An id may hold any byte; a terminal must not obey it, and a row is one line.
-std::string printable(std::string text)
-{
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            c = '?';
-    return text;
-}
-
-std::string table(std::vector<Row> rows)
-{
-    rows.insert(rows.begin(), {"ID", "STATUS", "BUNDLE"});
-    std::size_t id_width = 0;
-    std::size_t status_width = 0;
-    for (Row& row : rows) {
-        row.id = printable(std::move(row.id));
-        row.bundle = printable(std::move(row.bundle));
-        id_width = std::max(id_width, row.id.size());
-        status_width = std::max(status_width, row.status.size());
-    }
-    std::string text;
-    for (const Row& row : rows)
-        text += row.id + std::string(id_width - row.id.size() + 2, ' ') + row.status +
-                std::string(status_width - row.status.size() + 2, ' ') + row.bundle + "\n";
-    return text;
-}
-
-std::string ids(const std::vector<Row>& rows)
+int print_ids(const std::vector<Row>& rows)
 {
     std::string text;
     for (const Row& row : rows)
         text += row.id + "\n";
-    return text;
+    return text.empty() ? static_cast<int>(kExitOk) : print_result(text);
+}
+
+// The library's documents, with what the records know.
+int print_json(std::vector<Row>& rows)
+{
+    const Json list(cJSON_CreateArray());
+    for (Row& row : rows) {
+        if (row.record && !row.record->started.empty())
+            add_text(row.state.get(), "started", row.record->started);
+        if (row.record && row.record->exit_code) {
+            add_number(row.state.get(), "exitCode", *row.record->exit_code);
+            add_text(row.state.get(), "exited", row.record->exited);
+        }
+        cJSON_AddItemToArray(list.get(), row.state.release());
+    }
+    return print_result(compact(list.get()));
+}
+
+int print_table(const std::vector<Row>& rows, bool whole)
+{
+    std::vector<std::vector<std::string>> lines = {{"ID", "STATUS", "EXIT", "BUNDLE"}};
+    for (const Row& row : rows)
+        lines.push_back({row.id, zncUtilStateIdToString(row.status), row.exit_code(),
+                         text_of(row.state.get(), "bundle")});
+    return print_result(table(lines, whole));
+}
+
+bool known_status(const char* status)
+{
+    for (const int number : {STATE_CREATED, STATE_RUNNING, STATE_STOPPED})
+        if (std::string_view(status) == zncUtilStateIdToString(number))
+            return true;
+    return false;
 }
 
 } // namespace
 
 int cmd_list(const Arguments& args)
 {
-    const std::string_view format = args.value("format", "table");
-    if (format != "table" && format != "json")
-        return local_failure(S_zncLib_INVALID_FORMAT_OPTION);
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitFailure;
+    if (args.has("status") && !known_status(args.value("status")))
+        return usage_failure("--status is \"created\", \"running\" or \"stopped\"");
     const znc::MallocPtr<char> list(call_library(zncList));
     if (list == nullptr)
-        return daemon_failure(errno);
-    if (format == "json" && !args.has("quiet"))
-        return print_result(list.get());
-    const Tree states(cJSON_Parse(list.get()));
+        return daemon_failure(errno, "");
+    const Json states = parse_json(list.get());
     if (!cJSON_IsArray(states.get()))
-        return daemon_failure(EBADMSG);
-    std::vector<Row> rows = rows_of(states.get());
-    if (!args.has("quiet"))
-        return print_result(table(std::move(rows)));
-    return rows.empty() ? static_cast<int>(kExitOk) : print_result(ids(rows));
+        return daemon_failure(EBADMSG, "");
+    std::vector<Row> rows = rows_of(args, states.get());
+    if (args.has("quiet"))
+        return print_ids(rows);
+    return as_json ? print_json(rows) : print_table(rows, args.has("no-trunc"));
 }
 
 } // namespace zncctl

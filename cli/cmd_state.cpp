@@ -1,12 +1,9 @@
-#include "command.hpp"
-#include "output.hpp"
-
-#include "zncontainer.h"
+#include "container.hpp"
 
 int zncctl::cmd_state(const Arguments& args)
 {
-    const znc::MallocPtr<char> state(call_library([&] { return zncState(args.operand(0)); }));
+    const Json state = state_of(args.operand(0));
     if (state == nullptr)
-        return daemon_failure(errno);
-    return print_result(state.get());
+        return daemon_failure(errno, args.operand(0));
+    return print_result(pretty(state.get()));
 }

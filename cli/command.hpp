@@ -1,85 +1,103 @@
 // command.hpp - what a command of zncctl is. The table in commands.cpp is the only list of
-// commands; the parser, the usage lines and the help texts read it. Handlers are in cmd_<name>.cpp.
+// commands; the parser, usage lines, help texts, completions and the synopsis of the manual page
+// are made from it. Handlers are in cmd_<name>.cpp.
 #ifndef ZNCCTL_COMMAND_HPP
 #define ZNCCTL_COMMAND_HPP
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <span>
+#include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace zncctl {
+
+// What stands where a word is expected, for completion.
+enum class Word { kAny, kDirectory, kFile, kContainer, kSignal, kChoice };
 
 struct Option {
     char letter;       // 0: none
     const char* name;  // without the dashes; the key in Arguments
     const char* value; // what its value is called in the usage line; null: a flag
     const char* help;
+    Word word = Word::kAny;
+    const char* choices = ""; // of Word::kChoice, separated by blanks
 };
 
-// What the user gave, checked against the command's row. The texts are those of argv.
+// What the user gave, checked against the command's row.
 class Arguments {
   public:
-    void add_option(const Option& option, const char* value)
+    void add_option(const std::string& name, std::string value)
     {
-        options_.emplace_back(&option, value);
+        options_.insert_or_assign(name, std::move(value));
     }
-    void add_operand(const char* operand) { operands_.push_back(operand); }
+    void add_operand(std::string operand) { operands_.push_back(std::move(operand)); }
 
-    [[nodiscard]] bool has(std::string_view name) const { return find(name) != nullptr; }
+    [[nodiscard]] bool has(const std::string& name) const { return options_.contains(name); }
 
     // The value of an option, or `absent`. The last of several counts.
-    [[nodiscard]] const char* value(std::string_view name, const char* absent = nullptr) const
+    [[nodiscard]] const char* value(const std::string& name, const char* absent = nullptr) const
     {
-        const auto* found = find(name);
-        return found != nullptr ? found->second : absent;
+        const auto found = options_.find(name);
+        return found != options_.end() ? found->second.c_str() : absent;
     }
 
     [[nodiscard]] std::size_t operands() const { return operands_.size(); }
     [[nodiscard]] const char* operand(std::size_t i, const char* absent = nullptr) const
     {
-        return i < operands_.size() ? operands_[i] : absent;
+        return i < operands_.size() ? operands_[i].c_str() : absent;
     }
+    [[nodiscard]] const std::vector<std::string>& all_operands() const { return operands_; }
 
   private:
-    using Given = std::pair<const Option*, const char*>;
-
-    [[nodiscard]] const Given* find(std::string_view name) const
-    {
-        const Given* found = nullptr;
-        for (const Given& given : options_)
-            if (name == given.first->name)
-                found = &given;
-        return found;
-    }
-
-    std::vector<Given> options_;
-    std::vector<const char*> operands_;
+    std::map<std::string, std::string> options_;
+    std::vector<std::string> operands_;
 };
+
+inline constexpr std::size_t kMany = SIZE_MAX; // as many operands as there are
 
 struct Command {
     const char* name;      // "image inspect": words as they are typed
+    const char* aliases;   // other names, separated by blanks
     const char* arguments; // operands as the usage line shows them
     const char* help;
     std::span<const Option> options;
     std::size_t min_operands;
     std::size_t max_operands;
+    Word word; // what the operands are
+    const char* choices;
     int (*run)(const Arguments& args); // returns the exit status
 };
 
 std::span<const Command> commands();
 
+int cmd_attach(const Arguments& args);
+int cmd_completion(const Arguments& args);
+int cmd_config_check(const Arguments& args);
 int cmd_create(const Arguments& args);
 int cmd_delete(const Arguments& args);
+int cmd_image_check(const Arguments& args);
 int cmd_image_inspect(const Arguments& args);
+int cmd_image_ls(const Arguments& args);
+int cmd_info(const Arguments& args);
 int cmd_inspect(const Arguments& args);
 int cmd_kill(const Arguments& args);
 int cmd_list(const Arguments& args);
+int cmd_logs(const Arguments& args);
 int cmd_ping(const Arguments& args);
+int cmd_run(const Arguments& args);
+int cmd_spec(const Arguments& args);
 int cmd_start(const Arguments& args);
 int cmd_state(const Arguments& args);
+int cmd_stop(const Arguments& args);
+int cmd_storage_df(const Arguments& args);
+int cmd_storage_gc(const Arguments& args);
+int cmd_top(const Arguments& args);
 int cmd_unpack(const Arguments& args);
+int cmd_version(const Arguments& args);
+int cmd_wait(const Arguments& args);
 
 } // namespace zncctl
 

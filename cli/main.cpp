@@ -1,6 +1,7 @@
 // zncctl - containers and images from the command line.
 #include "output.hpp"
 #include "parse.hpp"
+#include "usage.hpp"
 
 #include <cstdio>
 #include <exception>
@@ -70,7 +71,6 @@ int main(int argc, char** argv)
         return run(
             std::span<char* const>(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "Error: %s.\n", e.what());
-        return kExitFailure;
+        return failure("", e.what());
     }
 }

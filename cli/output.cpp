@@ -1,12 +1,66 @@
 #include "output.hpp"
 
+#include "words.hpp"
+
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 
 #include "zncontainer.h"
 
 namespace zncctl {
+namespace {
+
+// What the library prints during the call.
+template <class Call> std::string printed_by(Call call)
+{
+    const znc::UniqueFd file(::memfd_create("zncctl", MFD_CLOEXEC));
+    const znc::UniqueFd saved(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+    std::fflush(stdout);
+    if (!file || ::dup2(file.get(), STDOUT_FILENO) < 0)
+        return "";
+    call();
+    std::fflush(stdout);
+    if (!saved || ::dup2(saved.get(), STDOUT_FILENO) < 0)
+        ::close(STDOUT_FILENO);
+    std::array<char, 512> text{};
+    const ssize_t len = ::pread(file.get(), text.data(), text.size(), 0);
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(len, 0))};
+}
+
+bool coloured()
+{
+    const char* off = std::getenv("NO_COLOR");
+    const char* terminal = std::getenv("TERM");
+    return (off == nullptr || *off == '\0') && terminal != nullptr &&
+           std::string_view(terminal) != "dumb" && ::isatty(STDERR_FILENO) != 0;
+}
+
+void print_line(const char* colour, const char* kind, std::string_view text)
+{
+    std::fflush(stdout);
+    if (coloured())
+        fmt::print(stderr, "zncctl: \x1b[{}m{}:\x1b[0m {}\n", colour, kind, printable(text));
+    else
+        fmt::print(stderr, "zncctl: {}: {}\n", kind, printable(text));
+}
+
+// 0: not a terminal.
+std::size_t line_width()
+{
+    winsize size = {};
+    if (::isatty(STDOUT_FILENO) == 0 || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0)
+        return 0;
+    return size.ws_col;
+}
+
+} // namespace
 
 StdoutToStderr::StdoutToStderr()
 {
@@ -24,18 +78,32 @@ StdoutToStderr::~StdoutToStderr()
         ::close(STDOUT_FILENO);
 }
 
-void show_error(int error, const char* unnumbered)
+std::string message_of(int error, const char* unnumbered)
 {
-    const StdoutToStderr guard;
     if (error == 0)
-        std::printf("Error: %s.\n", unnumbered);
-    else
-        zncUtilShowErr(error);
+        return unnumbered;
+    std::string text = printed_by([error] { zncUtilShowErr(error); });
+    if (text.ends_with('\n'))
+        text.pop_back();
+    if (text.ends_with('.'))
+        text.pop_back();
+    constexpr std::string_view kStart = "Error: ";
+    return text.starts_with(kStart) ? text.substr(kStart.size()) : text;
 }
 
-int daemon_failure(int error)
+void print_error(std::string_view object, std::string_view message)
 {
-    show_error(error, "No answer from the daemon");
+    print_line("1;31", "error",
+               object.empty() ? std::string(message) : fmt::format("{}: {}", object, message));
+}
+
+void print_hint(std::string_view text)
+{
+    print_line("1", "hint", text);
+}
+
+ExitStatus daemon_status(int error)
+{
     switch (error) {
     case ENODEV:
         return kExitNotFound;
@@ -51,16 +119,38 @@ int daemon_failure(int error)
     }
 }
 
-int local_failure(int error, const char* unnumbered)
+int daemon_failure(int error, std::string_view object)
 {
-    show_error(error, unnumbered);
-    return kExitFailure;
+    print_error(object, message_of(error, "No answer from the daemon"));
+    if (error == S_zncLib_DAEMON_NOT_RUNNING)
+        print_hint("start it as root, with 'zncd &' or 'systemctl start zncd'");
+    return daemon_status(error);
+}
+
+int local_failure(int error, std::string_view object, const char* unnumbered)
+{
+    return failure(object, message_of(error, unnumbered));
+}
+
+int failure(std::string_view object, std::string_view message, ExitStatus status)
+{
+    print_error(object, message);
+    return status;
 }
 
 int usage_failure(std::string_view problem)
 {
-    std::fprintf(stderr, "zncctl: %.*s\n", static_cast<int>(problem.size()), problem.data());
-    return kExitUsage;
+    return failure("", problem, kExitUsage);
+}
+
+bool read_format(const Arguments& args, bool& json)
+{
+    const std::string_view format = args.value("format", "table");
+    json = format == "json";
+    if (json || format == "table")
+        return true;
+    static_cast<void>(local_failure(S_zncLib_INVALID_FORMAT_OPTION, format));
+    return false;
 }
 
 int print_result(std::string_view text)
@@ -68,7 +158,27 @@ int print_result(std::string_view text)
     const bool line_end = text.ends_with('\n');
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
                          (line_end || std::fputc('\n', stdout) != EOF) && std::fflush(stdout) == 0;
-    return written ? kExitOk : local_failure(errno);
+    return written ? static_cast<int>(kExitOk) : local_failure(errno, "standard output");
+}
+
+std::string table(const std::vector<std::vector<std::string>>& rows, bool whole)
+{
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows)
+        for (std::size_t i = 0; i < row.size(); i++) {
+            widths.resize(std::max(widths.size(), i + 1));
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    const std::size_t limit = whole ? 0 : line_width();
+    std::string text;
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i + 1 < row.size(); i++)
+            line += fmt::format("{:<{}}  ", printable(row[i]), widths[i]);
+        line += printable(row.back());
+        text += (limit != 0 && line.size() > limit ? line.substr(0, limit) : line) + "\n";
+    }
+    return text;
 }
 
 } // namespace zncctl

@@ -3,24 +3,25 @@
 #ifndef ZNCCTL_OUTPUT_HPP
 #define ZNCCTL_OUTPUT_HPP
 
-#include <string_view>
+#include "command.hpp"
 
 #include "zarnel/owned.hpp"
 
 namespace zncctl {
 
-// Exit statuses. `start` without --detach gives its program's own, so that its failures are told by
-// numbers that programs rarely use.
+// Exit statuses. Commands that end as a program does (run, start --attach, attach) give its own, so
+// that their failures are told by numbers that programs rarely use.
 enum ExitStatus {
     kExitOk = 0,
     kExitFailure = 1,
     kExitNotFound = 2,       // no such container
     kExitWrongState = 3,     // it runs, has run, or exists already
-    kExitNoDaemon = 4,       // no daemon, or no answer from it
+    kExitNoDaemon = 4,       // no daemon, no answer from it, or a time that ran out
     kExitUsage = 64,         // bad arguments
-    kExitStartFailed = 125,  // start: the container could not be started
-    kExitCannotInvoke = 126, // start: its program could not be loaded
-    kExitSignalBase = 128    // start: plus the host's number of the signal that ended it
+    kExitStartFailed = 125,  // the container could not be started
+    kExitCannotInvoke = 126, // its program could not be executed
+    kExitNoProgram = 127,    // there is no such program
+    kExitSignalBase = 128    // plus the host's number of the signal that ended it
 };
 
 // While it lives, what the library prints (progress texts, error messages) goes to standard
@@ -44,21 +45,37 @@ template <class Call> auto call_library(Call call)
     return call();
 }
 
-// "Error: <message>." from the library's table; `unnumbered` is the message for 0.
-void show_error(int error, const char* unnumbered);
+// The message of the library's table; `unnumbered` is the one for 0.
+std::string message_of(int error, const char* unnumbered);
 
-// A failed request to the daemon: its message and its exit status.
-int daemon_failure(int error);
+// "zncctl: error: <object>: <message>" and "zncctl: hint: <text>", a line each. No object: "".
+void print_error(std::string_view object, std::string_view message);
+void print_hint(std::string_view text);
+
+// A failed request to the daemon: its message, a hint where one is known, and its exit status.
+int daemon_failure(int error, std::string_view object);
+ExitStatus daemon_status(int error);
 
 // A failed operation in this process: its message, kExitFailure.
-int local_failure(int error, const char* unnumbered = "The operation failed");
+int local_failure(int error, std::string_view object,
+                  const char* unnumbered = "The operation failed");
+
+// A failure with a text of its own.
+int failure(std::string_view object, std::string_view message, ExitStatus status = kExitFailure);
 
 // Bad arguments of a command: a line that says what, kExitUsage. main adds the usage line.
 int usage_failure(std::string_view problem);
 
+// The option --format of a command that has it. False, after a message, for an unknown one.
+bool read_format(const Arguments& args, bool& json);
+
 // Prints a result, adding a last line end where there is none; kExitOk, or a failure when it could
 // not be written.
 int print_result(std::string_view text);
+
+// Columns as wide as their widest text, the first row being the heading. On a terminal, unless
+// `whole`, the last column is cut to what is left of a line.
+std::string table(const std::vector<std::vector<std::string>>& rows, bool whole = false);
 
 } // namespace zncctl
 

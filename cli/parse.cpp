@@ -1,194 +1,158 @@
 #include "parse.hpp"
 
+#include "words.hpp"
+
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace zncctl {
 namespace {
 
-// Splits "image inspect" at its spaces and compares with the words typed.
+// How many of the words typed are the command's name; 0 if they are not.
 std::size_t words_matched(std::string_view name, std::span<char* const> words)
 {
-    std::size_t count = 0;
-    while (!name.empty()) {
-        const std::size_t end = std::min(name.find(' '), name.size());
-        if (count >= words.size() || name.substr(0, end) != words[count])
-            return 0;
-        count++;
-        name.remove_prefix(std::min(end + 1, name.size()));
-    }
-    return count;
+    const std::vector<std::string> parts = split_words(name);
+    if (parts.size() > words.size() || !std::equal(parts.begin(), parts.end(), words.begin()))
+        return 0;
+    return parts.size();
 }
 
-class Parser {
+// One command's row as the parser wants it.
+class CommandLine {
   public:
-    Parser(const Command& command, std::span<char* const> words) : command_(command), words_(words)
+    CommandLine(const Command& command, std::size_t words, std::size_t after_mark)
+        : command_(command), operands_(words), after_mark_(after_mark)
     {
+        app_.set_help_flag("-h,--help");
+        values_.resize(command.options.size());
+        for (std::size_t i = 0; i < command.options.size(); i++)
+            add(command.options[i], values_[i]);
+        // One for each word: the parser would take an operand of its lists, "[a,b]", apart. How
+        // many there may be is counted afterwards.
+        for (std::size_t i = 0; i < words; i++)
+            app_.add_option(fmt::format("operand{}", i), operands_[i]);
     }
 
-    Parsed run()
+    Parsed parse(std::vector<std::string> words)
     {
-        bool options_end = false;
-        while (next_ < words_.size() && result_.problem.empty() && !result_.help) {
-            const char* word = words_[next_++];
-            const std::string_view text = word;
-            if (options_end || text.size() < 2 || text[0] != '-')
-                result_.args.add_operand(word);
-            else if (text == "--")
-                options_end = true;
-            else if (text[1] == '-')
-                long_option(word + 2);
-            else
-                short_options(word + 1);
+        std::reverse(words.begin(), words.end()); // the parser takes them from the end
+        Parsed result;
+        try {
+            app_.parse(words);
+        } catch (const CLI::CallForHelp&) {
+            result.help = true;
+            return result;
+        } catch (const CLI::ExtrasError&) {
+            result.problem = fmt::format("unknown option '{}'", app_.remaining().front());
+            return result;
+        } catch (const CLI::ParseError& e) {
+            result.problem = problem(e);
+            return result;
         }
-        if (result_.problem.empty() && !result_.help)
-            count_operands();
-        return std::move(result_);
+        fill(result);
+        return result;
     }
 
   private:
-    void long_option(const char* word)
+    void add(const Option& option, std::string& value)
     {
-        const std::string_view text = word;
-        const std::size_t equals = text.find('=');
-        const std::string_view name = text.substr(0, equals);
-        const char* joined = equals != text.npos ? word + equals + 1 : nullptr;
-        if (name == "help" && joined == nullptr) {
-            result_.help = true;
-            return;
-        }
-        for (const Option& option : command_.options)
-            if (name == option.name) {
-                take(option, joined);
-                return;
-            }
-        result_.problem = "unknown option '--" + std::string(name) + "'";
-    }
-
-    void short_options(const char* letters)
-    {
-        while (*letters != '\0' && result_.problem.empty() && !result_.help) {
-            const char letter = *letters++;
-            const Option* option = by_letter(letter);
-            if (option == nullptr) {
-                if (letter == 'h')
-                    result_.help = true;
-                else
-                    result_.problem = std::string("unknown option '-") + letter + "'";
-            } else if (option->value != nullptr) {
-                take(*option, *letters != '\0' ? letters : nullptr);
-                return;
-            } else {
-                take(*option, nullptr);
-            }
-        }
-    }
-
-    const Option* by_letter(char letter) const
-    {
-        for (const Option& option : command_.options)
-            if (option.letter == letter)
-                return &option;
-        return nullptr;
-    }
-
-    void take(const Option& option, const char* joined)
-    {
-        if (option.value == nullptr && joined != nullptr)
-            result_.problem = std::string("option '--") + option.name + "' takes no value";
-        else if (option.value == nullptr)
-            result_.args.add_option(option, nullptr);
-        else if (joined != nullptr)
-            result_.args.add_option(option, joined);
-        else if (next_ < words_.size())
-            result_.args.add_option(option, words_[next_++]);
+        std::string names = fmt::format("--{}", option.name);
+        if (option.letter != 0)
+            names = fmt::format("-{},{}", option.letter, names);
+        if (option.value == nullptr)
+            app_.add_flag(names)->disable_flag_override();
         else
-            result_.problem = std::string("option '--") + option.name + "' needs a value";
+            app_.add_option(names, value)
+                ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+                ->allow_extra_args(false);
     }
 
-    void count_operands()
+    // The parser's text begins with the option: "--signal: ..." or "all was given a ...".
+    std::string problem(const CLI::ParseError& error) const
     {
-        const std::size_t given = result_.args.operands();
+        const std::string_view text = error.what();
+        for (const Option& option : command_.options) {
+            const std::string name = fmt::format("--{}", option.name);
+            if (text.find(name) == text.npos && !text.starts_with(std::string(option.name) + " "))
+                continue;
+            if (option.value == nullptr)
+                return fmt::format("option '{}' takes no value", name);
+            return fmt::format("option '{}' needs a value", name);
+        }
+        return std::string(text);
+    }
+
+    void fill(Parsed& result)
+    {
+        for (std::size_t i = 0; i < command_.options.size(); i++) {
+            const Option& option = command_.options[i];
+            if (app_.count(fmt::format("--{}", option.name)) != 0)
+                result.args.add_option(option.name, values_[i]);
+        }
+        for (std::size_t i = 0; i < operands_.size(); i++)
+            if (app_.count(fmt::format("operand{}", i)) != 0)
+                result.args.add_operand(std::move(operands_[i]));
+        const std::size_t given = result.args.operands();
+        // The parser takes what looks like a negative number for an operand.
+        for (std::size_t i = 0; i + after_mark_ < given; i++)
+            if (const std::string_view word = result.args.operand(i);
+                word.size() > 1 && word[0] == '-')
+                result.problem = fmt::format("unknown option '{}'", word);
+        if (!result.problem.empty())
+            return;
         if (given < command_.min_operands)
-            result_.problem = "too few arguments";
+            result.problem = "too few arguments";
         else if (given > command_.max_operands)
-            result_.problem = "too many arguments";
+            result.problem = "too many arguments";
     }
 
     const Command& command_;
-    std::span<char* const> words_;
-    std::size_t next_ = 0;
-    Parsed result_;
+    CLI::App app_;
+    std::vector<std::string> values_;
+    std::vector<std::string> operands_;
+    std::size_t after_mark_; // operands behind "--"
 };
 
-// "-s, --signal SIG"
-std::string option_text(const Option& option, const char* between)
+// The parser takes "--name=" for a name without its value.
+std::vector<std::string> texts(std::span<char* const> words)
 {
-    std::string text;
-    if (option.letter != 0)
-        text = std::string("-") + option.letter + between;
-    text += std::string("--") + option.name;
-    if (option.value != nullptr)
-        text += std::string(" ") + option.value;
-    return text;
-}
-
-std::string table_row(const std::string& left, const char* right, std::size_t width)
-{
-    return "  " + left + std::string(width - left.size() + 2, ' ') + right + "\n";
+    std::vector<std::string> result;
+    bool options_end = false;
+    for (const char* word : words) {
+        std::string text = word;
+        options_end = options_end || text == "--";
+        const bool empty_value =
+            !options_end && text.starts_with("--") && text.find('=') + 1 == text.size();
+        if (empty_value)
+            text.pop_back();
+        result.push_back(std::move(text));
+        if (empty_value)
+            result.emplace_back();
+    }
+    return result;
 }
 
 } // namespace
 
 Found find_command(std::span<char* const> words)
 {
-    for (const Command& command : commands())
+    for (const Command& command : commands()) {
         if (const std::size_t count = words_matched(command.name, words); count != 0)
             return {&command, count};
+        for (const std::string& alias : split_words(command.aliases))
+            if (!words.empty() && alias == words[0])
+                return {&command, 1};
+    }
     return {};
 }
 
 Parsed parse(const Command& command, std::span<char* const> words)
 {
-    return Parser(command, words).run();
-}
-
-std::string usage_line(const Command& command)
-{
-    std::string line = std::string("usage: zncctl ") + command.name;
-    for (const Option& option : command.options)
-        line += " [" + option_text(option, "|") + "]";
-    if (command.arguments[0] != '\0')
-        line += std::string(" ") + command.arguments;
-    return line + "\n";
-}
-
-std::string usage_line()
-{
-    return "usage: zncctl COMMAND [ARGUMENTS] | --help | --version\n";
-}
-
-std::string help_text(const Command& command)
-{
-    std::string text = usage_line(command) + "\n" + command.help + "\n";
-    std::size_t width = 0;
-    for (const Option& option : command.options)
-        width = std::max(width, option_text(option, ", ").size());
-    if (width != 0)
-        text += "\noptions:\n";
-    for (const Option& option : command.options)
-        text += table_row(option_text(option, ", "), option.help, width);
-    return text;
-}
-
-std::string help_text()
-{
-    std::string text = usage_line() + "\ncommands:\n";
-    std::size_t width = 0;
-    for (const Command& command : commands())
-        width = std::max(width, std::string_view(command.name).size());
-    for (const Command& command : commands())
-        text += table_row(command.name, command.help, width);
-    return text + "\n'zncctl COMMAND --help' tells more about one command.\n";
+    std::vector<std::string> all = texts(words);
+    const auto mark = std::find(all.begin(), all.end(), "--");
+    const auto behind = mark == all.end() ? 0 : all.end() - mark - 1;
+    return CommandLine(command, all.size(), static_cast<std::size_t>(behind)).parse(std::move(all));
 }
 
 } // namespace zncctl

@@ -1,5 +1,5 @@
-// parse.hpp - from argv to a command of the table and its arguments, and from the table to usage
-// and help texts. Pure: prints nothing, ends nothing. Used by main.cpp.
+// parse.hpp - from argv to a command of the table and its arguments. Pure: prints nothing, ends
+// nothing. Used by main.cpp.
 //
 // Options may stand anywhere behind the command's name; "--" ends them. Short flags may be joined
 // ("-af"), values may be joined ("-sKILL", "--signal=KILL") or be the next word.
@@ -8,8 +8,6 @@
 
 #include "command.hpp"
 
-#include <string>
-
 namespace zncctl {
 
 struct Found {
@@ -17,7 +15,7 @@ struct Found {
     std::size_t words = 0;            // words of its name
 };
 
-// The command that the first words name.
+// The command that the first words name, by its name or an alias.
 Found find_command(std::span<char* const> words);
 
 struct Parsed {
@@ -28,11 +26,6 @@ struct Parsed {
 
 // The words behind the command's name.
 Parsed parse(const Command& command, std::span<char* const> words);
-
-std::string usage_line(const Command& command); // "usage: zncctl kill ...\n"
-std::string usage_line();                       // "usage: zncctl COMMAND ...\n"
-std::string help_text(const Command& command);
-std::string help_text();
 
 } // namespace zncctl
 

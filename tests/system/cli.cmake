@@ -9,6 +9,10 @@ znc_cli_test(cli_arguments)
 znc_cli_test(cli_lifecycle)
 znc_cli_test(cli_daemon)
 znc_cli_test(cli_image)
+znc_cli_test(cli_run)
+znc_cli_test(cli_completion)
+znc_cli_test(cli_terminal)
+znc_cli_test(cli_raw)
 
 add_test(NAME source_rules
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/source_rules.sh ${PROJECT_SOURCE_DIR})

@@ -20,26 +20,32 @@ usage_error 'create without an id shows its usage line' 'create [-b|--bundle BUN
 run zncctl create -b /x web /y
 usage_error 'create with two bundles is a usage error' 'create [-b|--bundle BUNDLE] ID [BUNDLE]'
 run zncctl start -x web
-usage_error 'an unknown option is a usage error' 'start [-d|--detach] ID'
-run zncctl kill web NOSUCH
-usage_error 'an unknown signal is a usage error' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
-run zncctl kill -s TERM web KILL
-usage_error 'two signals are a usage error' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
+usage_error 'an unknown option is a usage error' \
+    'start [-a|--attach] [-d|--detach] [--log-max BYTES] ID...'
+kill_usage='kill [-s|--signal SIG] [-a|--all] [-q|--quiet] ID...'
+run zncctl kill -s NOSUCH web
+usage_error 'an unknown signal is a usage error' "$kill_usage"
+run zncctl kill -s
+usage_error 'a signal that is not there is a usage error' "$kill_usage"
 run zncctl delete -f
-usage_error 'delete without an id is a usage error' 'delete [-f|--force] ID'
+usage_error 'delete without an id is a usage error' \
+    'delete [-f|--force] [--all-stopped] [-q|--quiet] [ID...]'
 run zncctl state a b
 usage_error 'state takes one id' 'state ID'
 run zncctl list web
-usage_error 'list takes no operand' 'list [-q|--quiet] [-f|--format FORMAT]'
+usage_error 'list takes no operand' \
+    'list [-q|--quiet] [-f|--format FORMAT] [--status STATUS] [--bundle BUNDLE] [--no-trunc]'
 run zncctl unpack layout
 usage_error 'unpack needs a layout and a bundle' \
-    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] LAYOUT BUNDLE'
+    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--progress HOW] LAYOUT BUNDLE'
 run zncctl image inspect
 usage_error 'image inspect needs a layout' 'image inspect LAYOUT'
 
 run zncctl --help
 check 'help goes to standard output' test "$status/$err" = 0/
-for command in create start kill delete state list inspect unpack 'image inspect' ping; do
+for command in create start run attach logs wait kill stop delete state list inspect top unpack \
+    'image inspect' 'image ls' 'image check' spec 'config check' 'storage df' 'storage gc' ping \
+    version info completion; do
     check "help names $command" grep -q "^  $command " "$work/out"
     # shellcheck disable=SC2086
     run zncctl $command --help
@@ -58,7 +64,7 @@ run zncctl help frobnicate
 usage_error 'help about an unknown command is a usage error' \
     'COMMAND [ARGUMENTS] | --help | --version'
 run zncctl kill web -9
-usage_error 'a signal is no option' 'kill [-s|--signal SIG] [-a|--all] ID [SIG]'
+usage_error 'a signal is no option' "$kill_usage"
 run zncctl --version
 check 'the version is one line' grep -qx 'zncctl [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 
@@ -69,10 +75,10 @@ for command in 'create web /tmp' 'kill web' 'delete web' 'state web' list 'inspe
     run zncctl $command
     fails_with "$command without a daemon exits 4" 4 'The daemon is not running'
 done
+run zncctl start -a web
+fails_with 'start --attach without a daemon exits 125' 125 'The daemon is not running'
 run zncctl start web
-fails_with 'start without a daemon exits 125' 125 'The daemon is not running'
-run zncctl start -d web
-fails_with 'start --detach without a daemon exits 4' 4 'The daemon is not running'
+fails_with 'start without a daemon exits 4' 4 'The daemon is not running'
 run zncctl create web no/such/bundle
 fails_with 'a relative bundle that is missing fails before the daemon is asked' 1 \
     'No such file or directory'
@@ -87,9 +93,11 @@ fails_with 'image inspect of a missing layout' 1 'File oci-layout not found'
 zncctl --help >/dev/full 2>"$work/err"
 status=$?
 check 'output that cannot be written is a failure' \
-    test "$status/$(<"$work/err")" = '1/Error: No space left on device.'
+    test "$status/$(<"$work/err")" = \
+    '1/zncctl: error: standard output: No space left on device'
 zncctl --help >&- 2>"$work/err"
 status=$?
-check 'a closed standard output is a failure' test "$status/$(<"$work/err")" = '1/Error: Bad file descriptor.'
+check 'a closed standard output is a failure' test "$status/$(<"$work/err")" = \
+    '1/zncctl: error: standard output: Bad file descriptor'
 
 finish

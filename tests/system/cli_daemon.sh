@@ -4,26 +4,27 @@
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 
+usage='usage: zncd [--foreground] [--log-level LEVEL] | check | --help | --version'
 run "$ZNCD" --version
 check 'the version is one line' grep -qx 'zncd [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 run "$ZNCD" --help
 check 'help goes to standard output' test "$status/${out%%$'\n'*}/$err" = \
-    '0/usage: zncd [--help] [--version]/'
+    "0/$usage/"
 run "$ZNCD" --frobnicate
-expect 'an unknown option is a usage error' 64 '' 'usage: zncd [--help] [--version]'
+expect 'an unknown option is a usage error' 64 '' "$usage"
 run "$ZNCD" --version more
-expect 'further arguments are a usage error' 64 '' 'usage: zncd [--help] [--version]'
+expect 'further arguments are a usage error' 64 '' "$usage"
 
 # A copy, since the build may lie where only root can go.
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
 rm /tmp/zncd.copy
-expect 'it needs root and says so' 1 '' "zncd: namespaces and mounts are root's; run it as root"
+expect 'it needs root and says so' 1 '' "zncd: error: namespaces and mounts are root's; run it as root"
 check 'without root it leaves nothing' test ! -e /run/zarnel
 mount -o remount,ro /run
 run "$ZNCD"
 mount -o remount,rw /run
-expect 'a /run that cannot be written stops it' 1 '' 'zncd: /run/zarnel: Read-only file system'
+expect 'a /run that cannot be written stops it' 1 '' 'zncd: error: /run/zarnel: Read-only file system'
 
 ZNC_BASE=no/absolute/path start_daemon
 check 'a relative storage base does not count' test -d /ram0/znc/containers
@@ -35,14 +36,14 @@ check 'its directory is for root alone' test "$(stat -c %a:%u /run/zarnel)" = 70
 check 'the lock file names it' test "$(<"/run/zarnel/zncd.lock")" = "$daemon"
 run "$ZNCD"
 expect 'a second daemon says who is there' 1 '' \
-    "zncd: a daemon is running already, process $daemon"
+    "zncd: error: a daemon is running already, process $daemon"
 check 'and the first goes on' alive
 
 make_bundle "$work/loop" /bin/sleep "$mark"
 two_containers() {
     zncctl create made "$work/loop"
     zncctl create runs "$work/loop"
-    zncctl start -d runs
+    zncctl start runs
     eventually program_lives
 }
 nothing_left() {
@@ -65,7 +66,7 @@ done
 start_daemon
 make_bundle "$work/waits" /bin/sleep "$mark"
 zncctl create waits "$work/waits"
-"$ZNCCTL" start waits 2>/dev/null &
+"$ZNCCTL" start -a waits 2>/dev/null &
 starter=$!
 eventually program_lives
 kill -s STOP "$daemon"
@@ -114,5 +115,69 @@ run "$ZNCD"
 check 'a link in place of its directory is refused' test "$status/$out" = 1/
 check 'and nothing is written through it' test "$(ls "$work/outside")" = file
 rm /run/zarnel
+
+for words in '--log-level' '--log-level loud' '--foreground check' 'check --foreground'; do
+    # shellcheck disable=SC2086
+    run "$ZNCD" $words
+    check "zncd $words is a usage error" test "$status/$out" = 64/
+done
+run "$ZNCD" check
+check 'check finds all that is needed here' test "$status/$err" = 0/
+check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 11
+check 'and leaves nothing' test ! -e /run/zarnel
+install -m 755 "$ZNCD" /tmp/zncd.copy
+run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
+check 'a requirement that is not met is told' test "$status" = 1
+check 'with what comes of it' grep -qx "no   root: namespaces and mounts are root's" "$work/out"
+
+if command -v strace >/dev/null; then
+    # The leak sanitizer does not work below strace.
+    lacking=(env ASAN_OPTIONS=detect_leaks=0 strace -q -o "$work/trace" -e trace=pidfd_open
+        -e inject=pidfd_open:error=ENOSYS)
+    run "${lacking[@]}" "$ZNCD" check
+    check 'a call that the kernel lacks is named' grep -qx \
+        'no   process descriptors (pidfd_open): a number used again would be another process' \
+        "$work/out"
+    check 'and is a failure' test "$status" = 1
+    run "${lacking[@]}" "$ZNCD"
+    expect 'without it the daemon does not begin to serve' 1 '' \
+        'zncd: error: needed and not there: process descriptors (pidfd_open): a number used again would be another process'
+else
+    printf 'skipped: strace is not installed, no missing call is tried\n'
+fi
+
+# A socket as systemd has one: what comes is written down.
+python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.bind("\0znc-notify-test" if sys.argv[1] == "abstract" else sys.argv[1])
+open(sys.argv[2], "w").close()
+for _ in range(2):
+    text = s.recv(64).decode()
+    print(text, file=open(sys.argv[2], "a"), flush=True)
+' "$work/notify" "$work/notified" &
+listener=$!
+eventually test -S "$work/notify"
+NOTIFY_SOCKET=$work/notify "$ZNCD" --foreground --log-level debug >"$work/zncd.log" 2>&1 </dev/null &
+daemon=$!
+check 'it tells that it is ready' eventually grep -qx READY=1 "$work/notified"
+check 'and then answers at once' alive
+make_bundle "$work/loop" /bin/sleep "$mark"
+zncctl create web "$work/loop"
+zncctl state nosuch 2>/dev/null
+stop_daemon
+wait "$listener"
+check 'it tells that it stops' test "$(<"$work/notified")" = $'READY=1\nSTOPPING=1'
+check 'each request has its line' grep -qx 'zncd: debug: request create web: done 0x0' "$work/zncd.log"
+check 'also one that failed' grep -qx 'zncd: debug: request state nosuch: failed 0x13' \
+    "$work/zncd.log"
+JOURNAL_STREAM=1:2 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
+rm /tmp/zncd.copy
+check 'the journal gets the level in front' grep -q '^<3>zncd: error: ' "$work/err"
+NOTIFY_SOCKET=$work/nobody start_daemon
+check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: .*/nobody cannot be told' \
+    "$work/zncd.log"
+stop_daemon
+check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"
 
 finish

@@ -6,41 +6,34 @@ need busybox
 need umoci
 
 layout=$work/layout
-# add_layer DIR
-add_layer() {
-    tar --create --format=ustar --owner=0 --group=0 --directory="$1" --file="$1.tar" .
-    umoci raw add-layer --image "$layout:latest" "$1.tar"
-}
-{
-    umoci init --layout "$layout"
-    umoci new --image "$layout:latest"
-    mkdir -p "$work"/lower/{bin,proc,dev,sys} "$work/upper/etc"
-    cp "$(command -v busybox)" "$work/lower/bin/busybox"
-    ln -s busybox "$work/lower/bin/cat"
-    echo 'from the second layer' >"$work/upper/etc/greeting"
-    add_layer "$work/lower"
-    add_layer "$work/upper"
-    umoci config --image "$layout:latest" --os linux --architecture amd64 --config.workingdir / \
-        --config.entrypoint /bin/cat --config.cmd /etc/greeting
-} >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
+make_image "$layout"
 
 run zncctl image inspect "$layout"
 check 'image inspect prints a JSON array without a daemon' test "$status/${out:0:1}/$err" = '0/[/'
 check 'it names the operating system' grep -q '"linux"' "$work/out"
 run zncctl unpack "$layout" "$work/bundle"
 check 'an image for another system is not unpacked' test "$status/$out" = 1/
+check 'and the hint says what the layout holds' grep -qx \
+    'zncctl: hint: no image latest for zarnel/amd64 is there; the layout holds: latest for linux/amd64' \
+    "$work/err"
 check 'and leaves no bundle' test ! -e "$work/bundle"
 run zncctl unpack --os linux --tag other "$layout" "$work/bundle"
 check 'a tag that is not there is not unpacked' test "$status/$out" = 1/
+check 'and the hint names the tags' grep -q 'no image other .* latest for linux/amd64$' "$work/err"
 
 start_daemon
 run zncctl unpack --os linux "$layout" "$work/bundle"
-expect 'unpack prints nothing' 0 '' ''
+check 'unpack says on standard error which layer it is at' test "$status/$out/$(
+    sed -E 's/ [0-9a-f]{12}: / X: /; s/[0-9.]+ [KM]iB/N/' "$work/err"
+)" = '0//layer 1/2 X: unpacking N
+layer 1/2 X: done, N
+layer 2/2 X: unpacking N
+layer 2/2 X: done, N'
 check 'the bundle has a configuration' test -s "$work/bundle/config.json"
 run zncctl unpack --os linux "$layout" "$work/bundle"
 fails_with 'a bundle is not unpacked over' 1 'OCI bundle rootfs already exists'
-run zncctl unpack --os linux --flatten "$layout" "$work/flat"
-expect 'unpack --flatten prints nothing' 0 '' ''
+run zncctl unpack --os linux --flatten --progress none "$layout" "$work/flat"
+expect 'unpack --progress none prints nothing' 0 '' ''
 check 'the flattened tree holds both layers' test -e "$ZNC_BASE"/flattened/*/bin/busybox -a \
     -e "$ZNC_BASE"/flattened/*/etc/greeting
 
@@ -55,10 +48,88 @@ fails_with 'a damaged layer is not unpacked' 1 'A layer of the image is damaged 
 for bundle in bundle flat; do
     run zncctl create "of-$bundle" "$work/$bundle"
     expect "create from $bundle" 0 '' ''
-    run zncctl start "of-$bundle"
+    run zncctl start -a "of-$bundle"
     expect "the program of $bundle sees the second layer" 0 'from the second layer' ''
     run zncctl delete "of-$bundle"
-    expect "delete of $bundle" 0 '' ''
+    expect "delete of $bundle" 0 "of-$bundle" ''
 done
+
+run zncctl unpack --os linux --progress json "$layout" "$work/again"
+fails_with 'an image whose device exists is not unpacked again' 1 \
+    'Target file or directory already exists'
+check 'and the hint says what to do' grep -q '^zncctl: hint: the overlay device of this image' \
+    "$work/err"
+check 'progress as JSON is one object for each line' test "$(grep -c '^{"layer":"[0-9a-f]*","index":[01],"count":2,"done":[0-9]*,"total":[0-9]*}$' "$work/err")" = 4
+run zncctl unpack --progress loud "$layout" "$work/again"
+check 'another progress is a usage error' test "$status/$out" = 64/
+
+run zncctl image ls "$layout"
+check 'image ls lists tag, system and layers' grep -Eq '^latest  linux  amd64  2       [0-9]+ +sha256:' \
+    "$work/out"
+run zncctl image ls -q "$layout"
+expect 'image ls -q lists tags' 0 latest ''
+run zncctl image ls -f json "$layout"
+check 'image ls -f json is an array' python3 -c \
+    'import json, sys; [image] = json.load(open(sys.argv[1])); assert image["layers"] == 2' "$work/out"
+run zncctl image ls "$work/none"
+fails_with 'image ls of a missing layout' 1 'index.json: No such file or directory'
+run zncctl image check "$layout"
+check 'image check takes a plain image' test "$status/${out##*: }" = 0/taken
+run zncctl image check "$work/damaged"
+check 'image check says what is damaged' test "$status" = 1
+check 'and in which layer' grep -qx '  layer 1: refused: the header is damaged (1, first: 0*7*.*)' \
+    "$work/out"
+
+run zncctl spec --image "$layout" --os linux
+check 'spec takes over the command of an image' python3 -c \
+    'import json, sys; c = json.load(open(sys.argv[1])); assert c["process"]["args"] == ["/bin/cat", "/etc/greeting"]' \
+    "$work/out"
+run zncctl spec --image "$layout:none" --os linux
+fails_with 'spec of an image that is not there' 1 \
+    'Specified platform or architecture or tag not found'
+
+run zncctl run --os linux "$layout"
+check 'run of an image passes on what its program prints' test "$status/$out" = \
+    '0/from the second layer'
+run zncctl run --os linux "$layout:latest" named
+expect 'a second run needs no unpacking' 0 'from the second layer' ''
+run zncctl list -q
+expect 'nothing of it is left' 0 '' ''
+run zncctl run "$layout"
+check 'run of an image for another system exits 125' test "$status/$out" = 125/
+check 'with the hint' grep -q 'the layout holds: latest for linux/amd64$' "$work/err"
+run zncctl run "$work/none"
+check 'run of no layout exits 125' test "$status/$out/$(error_line)" = \
+    "125//$work/none: File oci-layout not found"
+
+run zncctl storage df -f json
+check 'storage df is JSON' python3 -c \
+    'import json, sys; assert {e["kind"] for e in json.load(open(sys.argv[1]))} == {"layer", "tree", "device", "bundle"}' \
+    "$work/out"
+run zncctl storage df
+check 'storage df counts the layers' grep -Eq '^layer   2      0     [1-9][0-9]* +[1-9][0-9]*$' "$work/out"
+zncctl create keeps "$work/bundle"
+run zncctl storage gc --dry-run
+check 'what a container uses is no garbage' not grep -Eq '^(layer|device) ' "$work/out"
+check 'a dry run removes nothing' test -d "$ZNC_BASE"/bundles/image-*
+zncctl delete -q keeps
+run zncctl storage gc -q "$work/bundle" "$work/flat"
+expect 'storage gc -q prints nothing' 0 '' ''
+check 'the bundle that was named keeps its layers' test "$(find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 |
+    wc -l)" = 2
+check 'and its tree' test -e "$ZNC_BASE"/flattened/*/bin/busybox
+check 'the one that run made is gone' test -z "$(ls "$ZNC_BASE/bundles")"
+run zncctl storage gc "$work/none"
+fails_with 'storage gc of what is no bundle removes nothing' 1 \
+    'it is no bundle: it has no config.json that can be read'
+run zncctl storage gc
+check 'storage gc says what it removes' test "$status/$(cut -d ' ' -f 1 "$work/out" | sort | uniq -c |
+    tr -s ' \n' '  ')" = '0/ 1 device 2 layer 1 tree '
+check 'nothing is left' test -z "$(find "$ZNC_BASE"/{layers,flattened,bundles} -mindepth 1 \
+    -not -name .lock)"
+check 'nor a device' test "$(overlay_mounts)" = 0
+stop_daemon
+run zncctl storage gc
+fails_with 'storage gc without a daemon exits 4' 4 'The daemon is not running'
 
 finish

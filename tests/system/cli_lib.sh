@@ -44,9 +44,16 @@ expect() {
     check "$1" test "$status/$out/$err" = "$2/$3/$4"
 }
 
-# fails_with NAME STATUS MESSAGE: nothing on standard output, the message last on standard error.
+# error_line: what the one error line of the last run says.
+error_line() { sed -n 's/^zncctl: error: //p' "$work/err"; }
+
+# fails_with NAME STATUS MESSAGE: nothing on standard output, and one error line on standard error
+# that ends with the message; before it stands at most the name of what failed.
 fails_with() {
-    check "$1" test "$status/$out/${err##*$'\n'}" = "$2//Error: $3."
+    local said
+    said=$(error_line)
+    [[ $said == *": $3" ]] && said=$3
+    check "$1" test "$status/$out/$said" = "$2//$3"
 }
 
 # eventually COMMAND...: waits up to 20 seconds for it to succeed.
@@ -88,6 +95,28 @@ make_bundle() {
 {"ociVersion": "1.0.0", "root": {"path": "rootfs"},
  "process": {"cwd": "/", "args": [$args], "env": ["PATH=/bin"]}}
 JSON
+}
+
+# add_layer LAYOUT DIR
+add_layer() {
+    tar --create --format=ustar --owner=0 --group=0 --directory="$2" --file="$2.tar" .
+    umoci raw add-layer --image "$1:latest" "$2.tar"
+}
+
+# make_image LAYOUT: an image of two layers for Linux, whose program prints a line of the second.
+make_image() {
+    {
+        umoci init --layout "$1"
+        umoci new --image "$1:latest"
+        mkdir -p "$work"/lower/{bin,proc,dev,sys} "$work/upper/etc"
+        cp "$(command -v busybox)" "$work/lower/bin/busybox"
+        ln -sf busybox "$work/lower/bin/cat"
+        echo 'from the second layer' >"$work/upper/etc/greeting"
+        add_layer "$1" "$work/lower"
+        add_layer "$1" "$work/upper"
+        umoci config --image "$1:latest" --os linux --architecture amd64 \
+            --config.workingdir / --config.entrypoint /bin/cat --config.cmd /etc/greeting
+    } >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
 }
 
 need() {

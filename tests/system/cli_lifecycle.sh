@@ -8,7 +8,7 @@ start_daemon
 run zncctl ping
 expect 'ping says alive' 0 alive ''
 run zncctl list
-expect 'an empty list is its heading' 0 'ID  STATUS  BUNDLE' ''
+expect 'an empty list is its heading' 0 'ID  STATUS  EXIT  BUNDLE' ''
 run zncctl list -q
 expect 'an empty list of ids is empty' 0 '' ''
 run zncctl list -f json
@@ -17,7 +17,7 @@ expect 'an empty JSON list is []' 0 '[]' ''
 # status_is ID TEXT
 status_is() { [[ $(zncctl list | awk -v id="$1" '$1 == id { print $2 }') == "$2" ]]; }
 # runs_out ID: state is asked, because only that notices that a container ended.
-runs_out() { zncctl state "$1" | grep -q '"status":3'; }
+runs_out() { zncctl state "$1" | grep -q '"status": 3'; }
 
 make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
 run zncctl create hello "$work/hello"
@@ -26,7 +26,7 @@ run zncctl create hello "$work/hello"
 fails_with 'an id that is taken exits 3' 3 'Container already exists'
 run zncctl list
 check 'the list shows id, status and bundle' \
-    test "${out##*$'\n'}" = "hello  created  $work/hello"
+    test "${out##*$'\n'}" = "hello  created  -     $work/hello"
 run zncctl list -q
 expect 'the list of ids' 0 hello ''
 run zncctl list --format json
@@ -34,24 +34,34 @@ expect 'the JSON list' 0 \
     "[{\"ociVersion\":\"1.0.0\",\"id\":\"hello\",\"status\":1,\"bundle\":\"$work/hello\"}]" ''
 run zncctl state hello
 expect 'the state of a created container' 0 \
-    "{\"ociVersion\":\"1.0.0\",\"id\":\"hello\",\"status\":1,\"bundle\":\"$work/hello\"}" ''
+    "{
+  \"ociVersion\": \"1.0.0\",
+  \"id\": \"hello\",
+  \"status\": 1,
+  \"bundle\": \"$work/hello\"
+}" ''
 run zncctl inspect hello
 check 'inspect prints a JSON array' test "$status/${out:0:1}/$err" = '0/[/'
 check 'inspect names the container' grep -q '"hello"' "$work/out"
-run zncctl start hello
-expect 'start passes on output and exit status' 7 hello wrong
+run zncctl start -a hello
+expect 'start --attach passes on output and exit status' 7 hello wrong
 run zncctl state hello
-check 'afterwards it is stopped' grep -q '"status":3' "$work/out"
-run zncctl start hello
+check 'afterwards it is stopped' grep -q '"status": 3' "$work/out"
+run zncctl start -a hello
 fails_with 'a stopped container cannot be started again' 125 'Container in use'
+run zncctl start hello
+fails_with 'nor detached' 3 'Container in use'
+run zncctl list
+check 'and its exit code is not forgotten' \
+    test "${out##*$'\n'}" = "hello  stopped  7     $work/hello"
 run zncctl delete hello
-expect 'delete prints nothing' 0 '' ''
+expect 'delete prints the id' 0 hello ''
 
-for command in start 'start -d' kill delete state inspect; do
+for command in 'start -a' start kill delete state inspect; do
     # shellcheck disable=SC2086
     run zncctl $command hello
     wanted=2
-    [[ $command == start ]] && wanted=125
+    [[ $command == 'start -a' ]] && wanted=125
     fails_with "$command of an unknown container exits $wanted" $wanted 'Container does not exist'
 done
 
@@ -59,16 +69,16 @@ make_bundle "$work/loop" /bin/sleep "$mark"
 cd "$work" || exit 1
 run zncctl create rel loop
 check 'a relative bundle is taken from the working directory' \
-    grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
-zncctl delete rel
+    grep -q "\"bundle\": \"$work/loop\"" <(zncctl state rel)
+zncctl delete -q rel
 run zncctl create -b "$work/loop" rel
-check 'the bundle may be an option' grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
-zncctl delete rel
+check 'the bundle may be an option' grep -q "\"bundle\": \"$work/loop\"" <(zncctl state rel)
+zncctl delete -q rel
 cd "$work/loop" || exit 1
 run zncctl create rel
 check 'the bundle is the working directory by default' \
-    grep -q "\"bundle\":\"$work/loop\"" <(zncctl state rel)
-zncctl delete rel
+    grep -q "\"bundle\": \"$work/loop\"" <(zncctl state rel)
+zncctl delete -q rel
 cd / || exit 1
 
 run zncctl create none /no/such/bundle
@@ -77,34 +87,34 @@ check 'what the daemon said about it stands on standard error' \
     grep -q '^OCI bundle config.json not exists in /no/such/bundle\.$' "$work/err"
 
 zncctl create web "$work/loop"
-run zncctl start -d web
-expect 'start --detach returns while the program runs' 0 '' ''
+run zncctl start web
+expect 'start returns while the program runs' 0 '' ''
 check 'it runs' status_is web running
-run zncctl delete web
+run zncctl delete -q web
 fails_with 'a running container is not deleted' 3 'Container in use'
 run zncctl kill web
-expect 'kill prints nothing' 0 '' ''
+expect 'kill prints the id' 0 web ''
 check 'TERM is the default signal' eventually runs_out web
 run zncctl kill web
-expect 'kill of a stopped container does nothing' 0 '' ''
-zncctl delete web
+expect 'kill of a stopped container does nothing' 0 web ''
+zncctl delete -q web
 
 zncctl create web "$work/loop"
-zncctl start -d web
+zncctl start web
 run zncctl delete -f web
-expect 'delete --force of a running container' 0 '' ''
+expect 'delete --force of a running container' 0 web ''
 check 'its program is gone' eventually not program_lives
 
-for how in 'KILL' '9' '-s SIGKILL'; do
+for how in '-s KILL' '-s 9' '-s sigkill'; do
     zncctl create web "$work/loop"
-    zncctl start web 2>/dev/null &
+    zncctl start -a web 2>/dev/null &
     starter=$!
     eventually program_lives
     # shellcheck disable=SC2086
-    eventually zncctl kill web $how 2>/dev/null
+    eventually zncctl kill -q $how web 2>/dev/null
     wait $starter
     check "a program killed by kill $how gives 128 plus the signal" test $? = 137
-    zncctl delete web
+    zncctl delete -q web
 done
 
 make_bundle "$work/traps" /bin/sh -c \
@@ -113,19 +123,19 @@ make_bundle "$work/traps" /bin/sh -c \
 trapping() {
     rm -f "$work/trapped"
     zncctl create trap "$work/traps"
-    "$ZNCCTL" start trap >"$work/trapped" 2>&1 &
+    "$ZNCCTL" start -a trap >"$work/trapped" 2>&1 &
     starter=$!
     eventually grep -qs ready "$work/trapped"
     "$1"
     wait $starter
     status=$?
     out=$(<"$work/trapped")
-    zncctl delete -f trap
+    zncctl delete -qf trap
 }
-send_by_name() { eventually zncctl kill trap USR1; }
+send_by_name() { eventually zncctl kill -q -s USR1 trap; }
 trapping send_by_name
 check 'USR1 by name reaches the program as USR1' test "$status/$out" = $'3/ready\nusr1'
-send_by_number() { eventually zncctl kill trap 30; }
+send_by_number() { eventually zncctl kill -q -s 30 trap; }
 trapping send_by_number
 check "30 is the system's number of USR1" test "$status/$out" = $'3/ready\nusr1'
 send_to_zncctl() { kill -s TERM "$starter"; }
@@ -133,35 +143,36 @@ trapping send_to_zncctl
 check 'a waiting start hands its signals on' test "$status/$out" = $'5/ready\nterm'
 for signal in HUP INT QUIT; do
     zncctl create web "$work/loop"
-    "$ZNCCTL" start web 2>/dev/null &
+    "$ZNCCTL" start -a web 2>/dev/null &
     starter=$!
     # The program's number is known to the daemon once the signal can be sent.
-    eventually program_lives && eventually zncctl kill web 0
+    eventually program_lives && eventually zncctl kill -q -s 0 web
     kill -s $signal $starter
     wait $starter
     status=$?
     check "a waiting start ends as its program does by $signal" \
         test $status = $((128 + $(kill -l $signal)))
-    zncctl delete -f web
+    zncctl delete -qf web
 done
 
 zncctl list >/dev/full 2>"$work/err"
 check 'a table that cannot be written is a failure' \
-    test "$?/$(<"$work/err")" = '1/Error: No space left on device.'
+    test "$?/$(<"$work/err")" = \
+    '1/zncctl: error: standard output: No space left on device'
 
 long=$(printf 'x%.0s' {1..254})
-for id in "$long" $'two\nlines' ' ' -f; do
+for id in "$long" $'two\nlines' ' ' -f '[a,b]'; do
     run zncctl create -- "$id" "$work/loop"
     expect "an id may be '${id:0:10}'" 0 '' ''
     run zncctl list
     check 'and its row is one line' test "$(wc -l <"$work/out")" = 2
     run zncctl delete -- "$id"
-    expect 'and it is found again' 0 '' ''
+    expect 'and it is found again' 0 "$id" ''
 done
 run zncctl create "${long}y" "$work/loop"
 expect 'an id may have 255 bytes' 0 '' ''
 run zncctl delete "$long"
-expect 'of which 254 count from then on' 0 '' ''
+expect 'of which 254 count from then on' 0 "$long" ''
 for id in "xx$long" '' . .. a/b 'a\b'; do
     run zncctl create "$id" "$work/loop"
     fails_with "an id may not be '${id:0:10}'" 1 'Invalid parameter'
@@ -169,31 +180,32 @@ done
 
 make_bundle "$work/many" /bin/sh -c "sleep $mark & sleep $mark & trap '' TERM; sleep $mark"
 zncctl create many "$work/many"
-zncctl start -d many
+zncctl start many
 eventually program_lives
-run zncctl kill --all many KILL
-expect 'kill --all prints nothing' 0 '' ''
+run zncctl kill --all -s KILL many
+expect 'kill --all prints the id' 0 many ''
 check 'kill --all reaches every process' eventually not program_lives
 check 'the container is stopped then' eventually runs_out many
-zncctl delete many
+zncctl delete -q many
 
 make_bundle "$work/noprog" /bin/no-such-program
 zncctl create noprog "$work/noprog"
-run zncctl start noprog
-fails_with 'a program that cannot be loaded exits 126' 126 'RTP spawn failed'
-zncctl delete noprog
+run zncctl start -a noprog
+fails_with 'a program that is not there exits 127' 127 \
+    "RTP spawn failed: /bin/no-such-program: there is no such program in the container's root"
+zncctl delete -q noprog
 
 zncctl create hello "$work/hello"
-bash -c 'sleep 0.05 & sleep 1 & exec "$0" start hello' "$ZNCCTL" >/dev/null 2>&1
+bash -c 'sleep 0.05 & sleep 1 & exec "$0" start -a hello' "$ZNCCTL" >/dev/null 2>&1
 check 'children from before the exec do not count as the program' test $? = 7
-zncctl delete hello
+zncctl delete -q hello
 
 id=$'an id\twith blanks'
 zncctl create "$id" "$work/hello"
 run zncctl list
 check 'control characters in an id do not reach the terminal' \
     grep -q '^an id?with blanks' "$work/out"
-zncctl delete "$id"
+zncctl delete -q "$id"
 
 check 'no overlay device is left' test "$(overlay_mounts)" = 0
 check 'no container directory is left' test -z "$(ls "$ZNC_BASE/containers")"

@@ -2,6 +2,7 @@
 #include "output.hpp"
 #include "parse.hpp"
 #include "signal_number.hpp"
+#include "usage.hpp"
 
 #include <gtest/gtest.h>
 
@@ -84,6 +85,7 @@ TEST(CommandTable, OptionsOfACommandDoNotCollideAndLeaveHelpAlone)
     for (const Command& command : commands()) {
         std::set<std::string_view> names = {"help"};
         std::set<char> letters = {'h'};
+        EXPECT_FALSE(std::string_view(command.help).empty()) << command.name;
         for (const Option& option : command.options) {
             EXPECT_TRUE(names.insert(option.name).second) << command.name << " --" << option.name;
             if (option.letter != 0) {
@@ -102,7 +104,7 @@ TEST(CommandTable, OperandsInTheUsageLineMatchTheLimits)
         std::string_view rest = command.arguments;
         while (!rest.empty()) {
             const std::size_t end = std::min(rest.find(' '), rest.size());
-            all++;
+            all = rest.substr(0, end).find("...") != rest.npos ? kMany : all + 1;
             required += rest[0] != '[' ? 1 : 0;
             rest.remove_prefix(std::min(end + 1, rest.size()));
         }
@@ -122,9 +124,16 @@ TEST(FindCommand, UnknownWordsFindNothing)
 TEST(FindCommand, ATwoWordNameNeedsBothWords)
 {
     EXPECT_EQ(find_command(Words{"image"}).command, nullptr);
-    EXPECT_EQ(find_command(Words{"image", "ls"}).command, nullptr);
+    EXPECT_EQ(find_command(Words{"image", "rm"}).command, nullptr);
     EXPECT_EQ(find_command(Words{"image inspect"}).command, nullptr);
     EXPECT_EQ(find_command(Words{"image", "inspect", "dir"}).words, 2U);
+}
+
+TEST(FindCommand, AnAliasIsTheCommand)
+{
+    EXPECT_EQ(find_command(Words{"ps"}).command, &row({"list"}));
+    EXPECT_EQ(find_command(Words{"ls"}).command, &row({"list"}));
+    EXPECT_EQ(find_command(Words{"rm"}).command, &row({"delete"}));
 }
 
 TEST(Parse, OptionsMayStandBeforeAndBehindOperands)
@@ -190,8 +199,28 @@ TEST(Parse, BadArgumentsAreNamed)
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "--all=1"}).problem, "option '--all' takes no value");
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "-s"}).problem, "option '--signal' needs a value");
     EXPECT_EQ(parse(row({"kill"}), Words{}).problem, "too few arguments");
-    EXPECT_EQ(parse(row({"kill"}), Words{"a", "b", "c"}).problem, "too many arguments");
+    EXPECT_EQ(parse(row({"state"}), Words{"a", "b"}).problem, "too many arguments");
     EXPECT_EQ(parse(row({"list"}), Words{"a"}).problem, "too many arguments");
+}
+
+TEST(Parse, OperandsAreTakenAsTheyAre)
+{
+    for (const char* word : {"[a,b]", "a,b", "{}", "a b", "\"", "--x=y z", "-1"}) {
+        const Parsed parsed = parse(row({"state"}), Words{"--", word});
+        EXPECT_EQ(parsed.problem, "") << word;
+        EXPECT_STREQ(parsed.args.operand(0), word);
+    }
+    const Parsed value = parse(row({"create"}), Words{"id", "-b", "[a,b]"});
+    EXPECT_STREQ(value.args.value("bundle"), "[a,b]");
+}
+
+TEST(Parse, TakesAsManyOperandsAsTheRowSays)
+{
+    const std::vector<std::string> ids(300, "id");
+    std::vector<char*> words;
+    for (const std::string& id : ids)
+        words.push_back(const_cast<char*>(id.c_str()));
+    EXPECT_EQ(parse(row({"delete"}), words).args.operands(), ids.size());
 }
 
 TEST(Parse, HelpWinsOverMissingArguments)
@@ -206,7 +235,7 @@ TEST(Parse, HelpWinsOverMissingArguments)
 TEST(Usage, ComesFromTheTable)
 {
     EXPECT_EQ(usage_line(row({"kill"})),
-              "usage: zncctl kill [-s|--signal SIG] [-a|--all] ID [SIG]\n");
+              "usage: zncctl kill [-s|--signal SIG] [-a|--all] [-q|--quiet] ID...\n");
     EXPECT_EQ(usage_line(row({"ping"})), "usage: zncctl ping\n");
     EXPECT_EQ(usage_line(row({"image", "inspect"})), "usage: zncctl image inspect LAYOUT\n");
 }
@@ -251,30 +280,32 @@ TEST(SignalNumber, RefusesWhatIsNoSignal)
 
 TEST(Output, ErrorsStandOnStandardErrorWithTheLibrarysText)
 {
-    const Streams streams = streams_of([] { show_error(S_zncLib_DAEMON_NOT_RUNNING, "x"); });
+    const Streams streams = streams_of([] { daemon_failure(S_zncLib_DAEMON_NOT_RUNNING, "web"); });
     EXPECT_EQ(streams.out, "");
-    EXPECT_EQ(streams.err, "Error: The daemon is not running.\n");
+    EXPECT_EQ(streams.err, "zncctl: error: web: The daemon is not running\n"
+                           "zncctl: hint: start it as root, with 'zncd &' or 'systemctl start "
+                           "zncd'\n");
 }
 
 TEST(Output, AFailureWithoutANumberHasATextToo)
 {
-    const Streams streams = streams_of([] { EXPECT_EQ(daemon_failure(0), kExitNoDaemon); });
+    const Streams streams = streams_of([] { EXPECT_EQ(daemon_failure(0, ""), kExitNoDaemon); });
     EXPECT_EQ(streams.out, "");
-    EXPECT_EQ(streams.err, "Error: No answer from the daemon.\n");
-    const Streams local = streams_of([] { EXPECT_EQ(local_failure(0), kExitFailure); });
-    EXPECT_EQ(local.err, "Error: The operation failed.\n");
+    EXPECT_EQ(streams.err, "zncctl: error: No answer from the daemon\n");
+    const Streams local = streams_of([] { EXPECT_EQ(local_failure(0, ""), kExitFailure); });
+    EXPECT_EQ(local.err, "zncctl: error: The operation failed\n");
 }
 
 TEST(Output, ExitStatusesTellTheKindOfFailure)
 {
     streams_of([] {
-        EXPECT_EQ(daemon_failure(ENODEV), 2);
-        EXPECT_EQ(daemon_failure(EBUSY), 3);
-        EXPECT_EQ(daemon_failure(S_zncLib_CONTAINER_EXISTS), 3);
-        EXPECT_EQ(daemon_failure(S_zncLib_BUNDLE_IN_USE), 3);
-        EXPECT_EQ(daemon_failure(S_zncLib_DAEMON_NOT_RUNNING), 4);
-        EXPECT_EQ(daemon_failure(EINVAL), 1);
-        EXPECT_EQ(local_failure(ENODEV), 1);
+        EXPECT_EQ(daemon_failure(ENODEV, ""), 2);
+        EXPECT_EQ(daemon_failure(EBUSY, ""), 3);
+        EXPECT_EQ(daemon_failure(S_zncLib_CONTAINER_EXISTS, ""), 3);
+        EXPECT_EQ(daemon_failure(S_zncLib_BUNDLE_IN_USE, ""), 3);
+        EXPECT_EQ(daemon_failure(S_zncLib_DAEMON_NOT_RUNNING, ""), 4);
+        EXPECT_EQ(daemon_failure(EINVAL, ""), 1);
+        EXPECT_EQ(local_failure(ENODEV, ""), 1);
     });
 }
 
@@ -303,6 +334,24 @@ TEST(Output, TheErrorNumberOfACallSurvivesAndStartsAtZero)
     EXPECT_EQ(errno, ENODEV);
 }
 
+TEST(Output, AnErrorIsOneLineWhateverTheNameHolds)
+{
+    const Streams streams = streams_of([] { print_error("a\nb\x1b[2J", "message"); });
+    EXPECT_EQ(streams.err, "zncctl: error: a?b?[2J: message\n");
+}
+
+TEST(Output, TheMessageOfANumberIsTheLibrarysWithoutItsFrame)
+{
+    EXPECT_EQ(message_of(ENODEV, ""), "Container does not exist");
+    EXPECT_EQ(message_of(ENOTDIR, ""), "Not a directory");
+    EXPECT_EQ(message_of(0, "text"), "text");
+}
+
+TEST(Output, ATableIsAsWideAsItsWidestTexts)
+{
+    EXPECT_EQ(table({{"A", "BB"}, {"long", "x\ty"}}), "A     BB\nlong  x?y\n");
+}
+
 TEST(Output, AResultEndsWithExactlyOneLineEnd)
 {
     EXPECT_EQ(streams_of([] { EXPECT_EQ(print_result("[]"), kExitOk); }).out, "[]\n");
@@ -321,5 +370,5 @@ TEST(Output, AResultThatCannotBeWrittenIsAFailure)
     const std::string error = testing::internal::GetCapturedStderr();
     ::dup2(saved.get(), STDOUT_FILENO);
     EXPECT_EQ(status, kExitFailure);
-    EXPECT_EQ(error, "Error: No space left on device.\n");
+    EXPECT_EQ(error, "zncctl: error: standard output: No space left on device\n");
 }

@@ -1,0 +1,135 @@
+#include "command.hpp"
+#include "digest.hpp"
+#include "layer_check.hpp"
+#include "layout.hpp"
+#include "output.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+struct Report {
+    std::size_t layer; // from 1; 0: the manifest or the configuration
+    Finding finding;
+};
+
+struct Verdict {
+    const Image* image;
+    std::vector<Report> reports;
+
+    [[nodiscard]] bool refused() const
+    {
+        return std::any_of(reports.begin(), reports.end(),
+                           [](const Report& report) { return report.finding.refused; });
+    }
+    [[nodiscard]] const char* text() const
+    {
+        return refused() ? "refused" : reports.empty() ? "taken" : "taken with losses";
+    }
+};
+
+void check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
+                Verdict& verdict)
+{
+    std::string problem = blob_problem(blob_path(layout, blob.digest), blob.digest, blob.size);
+    if (!problem.empty())
+        verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
+}
+
+Verdict check(const std::string& layout, const Image& image)
+{
+    Verdict verdict = {&image, {}};
+    check_blob(layout, image.manifest, 0, verdict);
+    check_blob(layout, image.config, 0, verdict);
+    const cJSON* ids = member(member(image.config_document.get(), "rootfs"), "diff_ids");
+    if (cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
+        verdict.reports.push_back(
+            {0, {true, "the configuration names another number of layers", 1, ""}});
+    for (std::size_t i = 0; i < image.layers.size(); i++) {
+        const Descriptor& layer = image.layers[i];
+        check_blob(layout, layer, i + 1, verdict);
+        const char* id = cJSON_GetStringValue(cJSON_GetArrayItem(ids, static_cast<int>(i)));
+        for (Finding& finding :
+             check_layer(blob_path(layout, layer.digest), id != nullptr ? id : ""))
+            verdict.reports.push_back({i + 1, std::move(finding)});
+    }
+    return verdict;
+}
+
+std::string plain(const std::vector<Verdict>& verdicts)
+{
+    std::string text;
+    for (const Verdict& verdict : verdicts) {
+        const Image& image = *verdict.image;
+        text += fmt::format("{} {}/{} {}: {}\n", image.tag.empty() ? "-" : image.tag, image.os,
+                            image.arch, image.manifest.digest, verdict.text());
+        for (const auto& [layer, finding] : verdict.reports) {
+            text += layer != 0 ? fmt::format("  layer {}: ", layer) : "  ";
+            text += fmt::format("{}{}", finding.refused ? "refused: " : "", finding.what);
+            if (!finding.first.empty())
+                text += fmt::format(" ({}, first: {})", finding.count, finding.first);
+            text += "\n";
+        }
+    }
+    return text;
+}
+
+std::string json(const std::vector<Verdict>& verdicts)
+{
+    const Json list(cJSON_CreateArray());
+    for (const Verdict& verdict : verdicts) {
+        cJSON* entry = cJSON_CreateObject();
+        cJSON_AddItemToArray(list.get(), entry);
+        add_text(entry, "tag", verdict.image->tag);
+        add_text(entry, "os", verdict.image->os);
+        add_text(entry, "architecture", verdict.image->arch);
+        add_text(entry, "digest", verdict.image->manifest.digest);
+        add_text(entry, "verdict", verdict.text());
+        cJSON* findings = cJSON_AddArrayToObject(entry, "findings");
+        for (const auto& [layer, finding] : verdict.reports) {
+            cJSON* object = cJSON_CreateObject();
+            cJSON_AddItemToArray(findings, object);
+            add_number(object, "layer", static_cast<double>(layer));
+            cJSON_AddBoolToObject(object, "refused", finding.refused ? 1 : 0);
+            add_text(object, "what", finding.what);
+            add_number(object, "count", static_cast<double>(finding.count));
+            add_text(object, "first", finding.first);
+        }
+    }
+    return compact(list.get());
+}
+
+} // namespace
+
+int cmd_image_check(const Arguments& args)
+{
+    const std::string layout = args.operand(0);
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitFailure;
+    std::string problem;
+    const auto images = read_layout(layout, problem);
+    if (!images)
+        return failure(layout, problem);
+    std::vector<Verdict> verdicts;
+    for (const Image& image : *images)
+        verdicts.push_back(check(layout, image));
+    if (!args.has("quiet") && !(images->empty() && !as_json))
+        if (const int status = print_result(as_json ? json(verdicts) : plain(verdicts));
+            status != kExitOk)
+            return status;
+    // One bad manifest keeps the library from all of them.
+    const znc::MallocPtr<char> document(
+        call_library([&] { return zncImageInfoGet(layout.c_str()); }));
+    if (document == nullptr)
+        return local_failure(errno, layout);
+    const bool refused = std::any_of(verdicts.begin(), verdicts.end(),
+                                     [](const Verdict& verdict) { return verdict.refused(); });
+    return refused ? kExitFailure : kExitOk;
+}
+
+} // namespace zncctl

@@ -1,0 +1,153 @@
+#include "container.hpp"
+#include "json.hpp"
+#include "output.hpp"
+#include "record.hpp"
+#include "store.hpp"
+#include "stored.hpp"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+constexpr std::array kKinds = {StoredKind::kLayer, StoredKind::kTree, StoredKind::kDevice,
+                               StoredKind::kBundle};
+
+struct Sum {
+    std::size_t count = 0;
+    std::size_t used = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t unused_bytes = 0;
+};
+
+Sum sum_of(const std::vector<Stored>& all, StoredKind kind)
+{
+    Sum sum;
+    for (const Stored& item : all) {
+        if (item.kind != kind)
+            continue;
+        sum.count++;
+        sum.used += item.used ? 1 : 0;
+        sum.bytes += item.bytes;
+        sum.unused_bytes += item.used ? 0 : item.bytes;
+    }
+    return sum;
+}
+
+// Unpacking holds this lock while it extracts into the store.
+class StoreLock {
+  public:
+    StoreLock()
+        : file_(::open((storage_base() + "/layers/.lock").c_str(),
+                       O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600))
+    {
+        struct flock lock = {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        taken_ = file_ && ::fcntl(file_.get(), F_OFD_SETLK, &lock) == 0;
+    }
+    ~StoreLock()
+    {
+        if (taken_)
+            ::unlink((storage_base() + "/layers/.lock").c_str());
+    }
+    StoreLock(const StoreLock&) = delete;
+    StoreLock& operator=(const StoreLock&) = delete;
+
+    explicit operator bool() const { return taken_; }
+
+  private:
+    znc::UniqueFd file_;
+    bool taken_ = false;
+};
+
+int remove(const Stored& item)
+{
+    const STATUS status = call_library([&] {
+        return item.kind == StoredKind::kDevice ? zncRemoveOvlRootfsDev(item.path.c_str())
+                                                : zncImageBundleDelete(item.path.c_str());
+    });
+    return status == OK ? static_cast<int>(kExitOk) : local_failure(errno, item.path);
+}
+
+int remove_unused(const Arguments& args, const std::vector<Stored>& all)
+{
+    int result = kExitOk;
+    for (const Stored& item : all) {
+        if (item.used)
+            continue;
+        int status = args.has("dry-run") ? static_cast<int>(kExitOk) : remove(item);
+        if (status == kExitOk && !args.has("quiet"))
+            status = print_result(fmt::format("{} {}", name_of(item.kind), item.path));
+        if (status != kExitOk)
+            result = status;
+    }
+    return result;
+}
+
+// What is known of containers that other clients deleted, or that a daemon took along.
+int remove_records(const Arguments& args)
+{
+    int result = kExitOk;
+    for (const std::string& id : recorded_ids()) {
+        const znc::UniqueFd dir = open_record(id);
+        if (!dir || record_is_kept(dir.get()) || status_of(id) != STATE_UNKNOWN || errno != ENODEV)
+            continue;
+        if (!args.has("dry-run"))
+            remove_record(id);
+        if (!args.has("quiet"))
+            result = print_result(fmt::format("record {}", id));
+    }
+    return result;
+}
+
+} // namespace
+
+int cmd_storage_df(const Arguments& args)
+{
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitFailure;
+    const auto all = stored({});
+    if (!all)
+        return daemon_failure(errno, "");
+    std::vector<std::vector<std::string>> rows = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
+    const Json list(cJSON_CreateArray());
+    for (const StoredKind kind : kKinds) {
+        const Sum sum = sum_of(*all, kind);
+        rows.push_back({name_of(kind), std::to_string(sum.count), std::to_string(sum.used),
+                        std::to_string(sum.bytes), std::to_string(sum.unused_bytes)});
+        cJSON* entry = cJSON_CreateObject();
+        cJSON_AddItemToArray(list.get(), entry);
+        add_text(entry, "kind", name_of(kind));
+        add_number(entry, "count", static_cast<double>(sum.count));
+        add_number(entry, "used", static_cast<double>(sum.used));
+        add_number(entry, "bytes", static_cast<double>(sum.bytes));
+        add_number(entry, "unusedBytes", static_cast<double>(sum.unused_bytes));
+    }
+    return print_result(as_json ? compact(list.get()) : table(rows));
+}
+
+int cmd_storage_gc(const Arguments& args)
+{
+    for (const std::string& bundle : args.all_operands())
+        if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
+            return failure(bundle, "it is no bundle: it has no config.json that can be read");
+    const StoreLock lock;
+    if (!lock)
+        return failure("", "an image is being unpacked; try again when it is done");
+    const auto all = stored(args.all_operands());
+    if (!all)
+        return daemon_failure(errno, "");
+    const int status = remove_unused(args, *all);
+    const int of_records = remove_records(args);
+    return status != kExitOk ? status : of_records;
+}
+
+} // namespace zncctl

@@ -1,0 +1,24 @@
+// config_check.hpp - what create makes of a bundle's config.json: members it refuses, members it
+// takes for absent because they are of another type, and members it does not know. Used by config
+// check.
+#ifndef ZNCCTL_CONFIG_CHECK_HPP
+#define ZNCCTL_CONFIG_CHECK_HPP
+
+#include "json.hpp"
+
+#include <vector>
+
+namespace zncctl {
+
+struct ConfigFinding {
+    bool refused;         // else ignored
+    std::string path;     // "process.args[0]"
+    std::string expected; // what belongs there; "" for what is not known at all
+    std::string found;
+};
+
+std::vector<ConfigFinding> check_config(const cJSON* document);
+
+} // namespace zncctl
+
+#endif

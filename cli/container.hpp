@@ -1,0 +1,51 @@
+// container.hpp - what several commands ask the daemon about a container, and what they do for each
+// of many.
+#ifndef ZNCCTL_CONTAINER_HPP
+#define ZNCCTL_CONTAINER_HPP
+
+#include "command.hpp"
+#include "json.hpp"
+#include "output.hpp"
+
+#include <optional>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+
+// The state document; null with errno set as zncState leaves it.
+Json state_of(const std::string& id);
+
+// Its status. STATE_UNKNOWN with errno set when there is no such container or no daemon. Asking is
+// what lets the daemon notice that a container has ended.
+CONTAINER_STATUS status_of(const std::string& id);
+
+// The bundle of a state document, and what it says the container's root is: a host path.
+std::string root_of_bundle(const std::string& bundle);
+
+// The ids of all containers in this state; nothing with errno set when the daemon gives no list.
+std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
+
+// Deletes a container, what zncctl knows of it, and its bundle if that was made for it alone. OK or
+// ERROR with errno set.
+STATUS delete_container(const std::string& id, bool force);
+
+// Does it for each id and prints the id of each that went well, unless "quiet" is given. The exit
+// status is that of the failures if they are of one kind.
+template <class Action> int for_each_id(const std::vector<std::string>& ids, bool quiet, Action act)
+{
+    int result = kExitOk;
+    for (const std::string& id : ids) {
+        int status = act(id);
+        if (status == kExitOk && !quiet)
+            status = print_result(id);
+        if (status != kExitOk)
+            result =
+                result == kExitOk || result == status ? status : static_cast<int>(kExitFailure);
+    }
+    return result;
+}
+
+} // namespace zncctl
+
+#endif

@@ -1,0 +1,18 @@
+// daemon_info.hpp - the daemon that holds the lock. Used by version and info.
+#ifndef ZNCCTL_DAEMON_INFO_HPP
+#define ZNCCTL_DAEMON_INFO_HPP
+
+#include <string>
+#include <sys/types.h>
+
+namespace zncctl {
+
+// Its process id; 0 when no daemon answers, or it does not say.
+pid_t daemon_pid();
+
+// What its program says of its version; "" when it does not answer.
+std::string daemon_version();
+
+} // namespace zncctl
+
+#endif

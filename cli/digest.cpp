@@ -1,0 +1,66 @@
+#include "digest.hpp"
+
+#include "zarnel/owned.hpp"
+
+#include <array>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+
+namespace zncctl {
+
+Digest::Digest(std::string_view algorithm) : algorithm_(algorithm)
+{
+    mbedtls_md_init(&context_);
+    const mbedtls_md_type_t type = algorithm == "sha256"   ? MBEDTLS_MD_SHA256
+                                   : algorithm == "sha512" ? MBEDTLS_MD_SHA512
+                                                           : MBEDTLS_MD_NONE;
+    const mbedtls_md_info_t* info = mbedtls_md_info_from_type(type);
+    valid_ = info != nullptr && mbedtls_md_setup(&context_, info, 0) == 0 &&
+             mbedtls_md_starts(&context_) == 0;
+}
+
+Digest::~Digest()
+{
+    mbedtls_md_free(&context_);
+}
+
+void Digest::add(const void* bytes, std::size_t count)
+{
+    if (valid_)
+        mbedtls_md_update(&context_, static_cast<const unsigned char*>(bytes), count);
+}
+
+std::string Digest::text()
+{
+    std::array<unsigned char, MBEDTLS_MD_MAX_SIZE> sum{};
+    if (!valid_ || mbedtls_md_finish(&context_, sum.data()) != 0)
+        return "";
+    const std::size_t size = algorithm_ == "sha256" ? 32 : 64;
+    std::string result = algorithm_ + ":";
+    for (std::size_t i = 0; i < size; i++)
+        result += fmt::format("{:02x}", sum[i]);
+    return result;
+}
+
+std::string blob_problem(const std::string& path, const std::string& digest, double size)
+{
+    const znc::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return fmt::format("blob {}: {}", digest, std::strerror(errno));
+    Digest sum(digest.substr(0, digest.find(':')));
+    if (!sum)
+        return fmt::format("digest {} is of an unknown kind", digest);
+    std::array<char, 65536> buffer{};
+    double read = 0;
+    ssize_t n = 0;
+    while ((n = ::read(file.get(), buffer.data(), buffer.size())) > 0) {
+        sum.add(buffer.data(), static_cast<std::size_t>(n));
+        read += static_cast<double>(n);
+    }
+    if (size >= 0 && read != size)
+        return fmt::format("blob {} has {:.0f} bytes, not {:.0f}", digest, read, size);
+    return sum.text() == digest ? "" : fmt::format("blob {} has another content", digest);
+}
+
+} // namespace zncctl

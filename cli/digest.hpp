@@ -1,0 +1,37 @@
+// digest.hpp - digests of blobs and streams. Used by image check.
+#ifndef ZNCCTL_DIGEST_HPP
+#define ZNCCTL_DIGEST_HPP
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <mbedtls/md.h>
+
+namespace zncctl {
+
+class Digest {
+  public:
+    // The algorithm as digests name it. One that is not known is not valid.
+    explicit Digest(std::string_view algorithm);
+    ~Digest();
+    Digest(const Digest&) = delete;
+    Digest& operator=(const Digest&) = delete;
+
+    explicit operator bool() const { return valid_; }
+    void add(const void* bytes, std::size_t count);
+    // "sha256:..."; once.
+    std::string text();
+
+  private:
+    std::string algorithm_;
+    mbedtls_md_context_t context_;
+    bool valid_ = false;
+};
+
+// What is wrong with a blob: it is missing, of another size or another content. "" if nothing is.
+std::string blob_problem(const std::string& path, const std::string& digest, double size);
+
+} // namespace zncctl
+
+#endif

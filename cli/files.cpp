@@ -1,0 +1,55 @@
+#include "files.hpp"
+
+#include "zarnel/owned.hpp"
+
+#include <array>
+#include <cstdio>
+#include <sys/stat.h>
+
+namespace zncctl {
+
+std::optional<std::string> read_file(const std::string& path, int dir)
+{
+    constexpr std::size_t kMost = 64 * 1024 * 1024;
+    const znc::UniqueFd file(::openat(dir, path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return std::nullopt;
+    std::string content;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+        const ssize_t n = ::read(file.get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return std::nullopt;
+        if (n == 0)
+            return content;
+        content.append(buffer.data(), static_cast<std::size_t>(n));
+        if (content.size() > kMost) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
+    }
+}
+
+bool write_all(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno != EINTR)
+            return false;
+        bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
+    }
+    return true;
+}
+
+bool replace_file(int dir, const char* name, std::string_view content)
+{
+    const std::string fresh = std::string(name) + ".new";
+    znc::UniqueFd file(
+        ::openat(dir, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return file && write_all(file.get(), content) && file.close_checked() == 0 &&
+           ::renameat(dir, fresh.c_str(), dir, name) == 0;
+}
+
+} // namespace zncctl

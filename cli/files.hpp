@@ -1,0 +1,24 @@
+// files.hpp - small files as a whole.
+#ifndef ZNCCTL_FILES_HPP
+#define ZNCCTL_FILES_HPP
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+
+namespace zncctl {
+
+// Nothing with errno set when it cannot be read, EFBIG when it is larger than 64 MiB.
+std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
+
+// Writes everything to a descriptor; false with errno set.
+bool write_all(int fd, std::string_view bytes);
+
+// Gives the file this content in one step; false with errno set.
+bool replace_file(int dir, const char* name, std::string_view content);
+
+} // namespace zncctl
+
+#endif

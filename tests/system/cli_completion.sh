@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Usage, completions and the manual's synopsis name the same commands and options, and the
+# completions do what they should.
+# shellcheck source=cli_lib.sh
+. "$(dirname "$0")/cli_lib.sh"
+
+for shell in bash zsh fish; do
+    run zncctl completion $shell
+    check "the completion for $shell is printed" test "$status/$err" = 0/
+    cp "$work/out" "$work/$shell"
+done
+run zncctl completion tcsh
+check 'for another shell it is a usage error' test "$status/$out" = 64/
+
+check 'the one for bash is well formed' bash -n "$work/bash"
+for shell in zsh fish; do
+    if command -v $shell >/dev/null; then
+        check "the one for $shell is well formed" $shell -n "$work/$shell"
+    else
+        printf 'skipped: %s is not installed, its script is not parsed\n' $shell
+    fi
+done
+
+# shellcheck source=/dev/null
+PATH=$(dirname "$ZNCCTL"):$PATH . "$work/bash"
+# complete WORD...: the proposals for the last word, sorted, in one line.
+complete_words() {
+    COMP_WORDS=(zncctl "$@")
+    COMP_CWORD=$#
+    COMPREPLY=()
+    _zncctl
+    printf '%s\n' "${COMPREPLY[@]}" | sort | tr '\n' ' '
+}
+check 'bash completes commands' test "$(complete_words 'st')" = 'start state stop storage '
+check 'second words' test "$(complete_words image '')" = 'check inspect ls '
+check 'options' test "$(complete_words delete '--')" = '--all-stopped --force --help --quiet '
+check 'options of an alias' test "$(complete_words ps '--s')" = '--status '
+check 'values' test "$(complete_words list --format '')" = 'json table '
+check 'signals' test "$(complete_words kill -s TE)" = 'TERM '
+check 'operands' test "$(complete_words completion '')" = 'bash fish zsh '
+mkdir "$work/somewhere"
+check 'directories' test "$(complete_words create -b "$work/some")" = "$work/somewhere "
+
+finish

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Images where there is no overlay filesystem: each container has a bundle of its own.
+# shellcheck source=cli_lib.sh disable=SC2317
+. "$(dirname "$0")/cli_lib.sh"
+need busybox
+need umoci
+
+bundles() { find "$ZNC_BASE/bundles" -mindepth 1 -maxdepth 1 -not -name .lock | wc -l; }
+
+make_image "$work/layout"
+start_daemon
+rmdir /overlay # which the daemon has made
+run zncctl info
+check 'there is no overlay filesystem' grep -qx 'overlay     no' "$work/out"
+run zncctl run --os linux --progress none "$work/layout"
+expect 'run of an image' 0 'from the second layer' ''
+check 'takes its bundle away' test "$(bundles)" = 0
+run zncctl run --keep --os linux --progress none "$work/layout" one
+expect 'run --keep' 0 'from the second layer' ''
+run zncctl run -d --os linux --progress none "$work/layout" two
+expect 'and a second container of the image' 0 two ''
+run zncctl wait two
+expect 'which ends' 0 0 ''
+check 'each has a bundle of its own' test "$(bundles)" = 2
+run zncctl storage gc
+expect 'both are in use' 0 '' ''
+run zncctl delete one two
+expect 'they can be deleted' 0 $'one\ntwo' ''
+check 'and their bundles are gone' test "$(bundles)" = 0
+mkdir -p /run/zarnel/containers/stale
+run zncctl storage gc
+expect 'storage gc removes records of what is no more' 0 'record stale' ''
+check 'it is gone' test ! -e /run/zarnel/containers/stale
+run zncctl run --os linux --progress none "$work/layout:other"
+fails_with 'an image that is not there leaves nothing' 125 'File index.json invalid'
+check 'no bundle either' test "$(bundles)" = 0
+
+finish

@@ -1,0 +1,255 @@
+#!/usr/bin/env bash
+# zncctl run, and containers that a monitor stays with.
+# shellcheck source=cli_lib.sh disable=SC2317
+. "$(dirname "$0")/cli_lib.sh"
+need busybox
+start_daemon
+
+no_containers() { [[ -z $(zncctl list -q) ]]; }
+no_records() { [[ -z $(ls -A /run/zarnel/containers) ]]; }
+field() { zncctl list | awk -v id="$1" -v column="$2" '$1 == id { print $column }'; }
+status_is() { [[ $(field "$1" 2) == "$2" ]]; }
+# Processes of zncctl that this test has started and that go on.
+no_monitor() {
+    local proc
+    for proc in /proc/[0-9]*; do
+        [[ $(cat "$proc/comm" 2>/dev/null) == zncctl ]] || continue
+        grep -qz "^ZNC_BASE=$ZNC_BASE\$" "$proc/environ" 2>/dev/null && return 1
+    done
+    return 0
+}
+
+make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
+run zncctl run -b "$work/hello"
+expect 'run passes on output and exit status' 7 hello wrong
+check 'and deletes the container' no_containers
+check 'and what it knew of it' no_records
+run zncctl run --keep -b "$work/hello" kept
+expect 'run --keep' 7 hello wrong
+run zncctl list -f json --status stopped
+check 'keeps the container with its exit code' python3 -c '
+import json, re, sys
+[state] = json.load(open(sys.argv[1]))
+assert state["id"] == "kept" and state["exitCode"] == 7, state
+assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", state["exited"]), state' "$work/out"
+run zncctl logs kept
+fails_with 'it has no log' 3 'it has no log: its output goes to who started it'
+run zncctl run -b "$work/hello" kept
+check 'an id that is taken exits 125' test "$status/$out/$(error_line)" = \
+    '125//kept: Container already exists'
+check 'and the other container is left alone' status_is kept stopped
+zncctl delete -q kept
+
+make_bundle "$work/signalled" /bin/sh -c 'kill -9 $$'
+run zncctl run -b "$work/signalled"
+expect 'a program that a signal ended exits 128 plus its number' 137 '' ''
+make_bundle "$work/none" /bin/no-such-program
+run zncctl run -b "$work/none" none
+fails_with 'a program that is not there exits 127' 127 \
+    "/bin/no-such-program: there is no such program in the container's root"
+make_bundle "$work/text" /tmp/text
+echo text >"$work/text/rootfs/tmp/text"
+run zncctl run -b "$work/text"
+fails_with 'a program without the right to be executed exits 126' 126 '/tmp/text: it is not executable'
+make_bundle "$work/dir" /tmp
+run zncctl run -b "$work/dir"
+fails_with 'a directory as a program exits 126' 126 '/tmp: it is no file'
+printf '#!/no/such/interpreter\n' >"$work/text/rootfs/tmp/text"
+chmod +x "$work/text/rootfs/tmp/text"
+run zncctl run -b "$work/text"
+fails_with 'a program without its interpreter exits 126' 126 \
+    '/tmp/text: it cannot be executed; its interpreter or its format may be the reason'
+run zncctl run -b /no/such/bundle
+check 'a bundle that is not there exits 125' test "$status/$out" = 125/
+run zncctl run -d -b "$work/none" none
+check 'a detached run fails in the same way' test "$status/$out" = 127/
+check 'failures leave no container' no_containers
+check 'and no record' no_records
+for words in '' '-b /x one two' '-d -t -b /x' '--log-max 3 -b /x' '--log-max x -b /x'; do
+    # shellcheck disable=SC2086
+    run zncctl run $words
+    check "run $words is a usage error" test "$status/$out" = 64/
+done
+run zncctl run -t -b "$work/hello"
+fails_with '--tty without a terminal exits 125' 125 '--tty needs a terminal on standard input'
+
+# A detached program keeps nothing of the caller's: this ends although the program goes on.
+make_bundle "$work/loop" /bin/sh -c "echo begin; exec sleep $mark"
+out=$(zncctl run -d -b "$work/loop" web 2>&1)
+check 'run --detach prints the id and lets go of the output' test "$out" = web
+check 'its program runs' eventually program_lives
+run zncctl logs web
+expect 'its output is in the log' 0 begin ''
+run zncctl list
+check 'it has no exit code yet' test "$(field web 2)/$(field web 3)" = running/-
+run zncctl top web
+check 'top lists its process' grep -q " sleep $mark\$" "$work/out"
+check 'and no other' test "$(wc -l <"$work/out")" = 2
+run zncctl top -f json web
+check 'also as JSON' python3 -c \
+    'import json, sys; [p] = json.load(open(sys.argv[1])); assert p["containerPid"] == 2, p' "$work/out"
+run zncctl wait --timeout 0 web
+fails_with 'wait gives up after its time' 4 'it has not ended in time'
+run zncctl start web
+fails_with 'it cannot be started again' 3 'Container in use'
+run zncctl logs web
+expect 'which changes nothing about its log' 0 begin ''
+"$ZNCCTL" wait web >"$work/waited" &
+waiter=$!
+run zncctl stop web
+expect 'stop prints the id' 0 web ''
+wait $waiter
+check 'wait prints the exit code' test "$?/$(<"$work/waited")" = 0/143
+run zncctl list
+check 'the list shows it' test "$(field web 2)/$(field web 3)" = stopped/143
+run zncctl wait web
+expect 'it can be asked for afterwards' 0 143 ''
+run zncctl stop web
+expect 'stopping it again does nothing' 0 web ''
+run zncctl attach web
+check 'attach to what has ended exits 125' test "$status/$out" = 125/
+run zncctl top web
+fails_with 'top of what does not run exits 3' 3 'it does not run'
+check 'no monitor stays' eventually no_monitor
+zncctl delete -q web
+for command in logs wait attach top stop; do
+    run zncctl $command web
+    wanted=2
+    [[ $command == attach ]] && wanted=125
+    fails_with "$command of a container that is not there exits $wanted" $wanted \
+        'Container does not exist'
+done
+
+make_bundle "$work/stubborn" /bin/sh -c "trap '' TERM; sleep $mark & wait; sleep $mark"
+zncctl create stubborn "$work/stubborn"
+zncctl start stubborn
+eventually program_lives
+run zncctl stop -t 0 stubborn
+expect 'stop kills what TERM does not end' 0 stubborn ''
+check 'with all its processes' not program_lives
+run zncctl wait stubborn
+expect 'that is its exit code' 0 137 ''
+run zncctl stop -t soon stubborn
+check 'a time that is none is a usage error' test "$status/$out" = 64/
+run zncctl wait --timeout soon stubborn
+check 'also for wait' test "$status/$out" = 64/
+
+zncctl create one "$work/loop"
+zncctl create two "$work/loop"
+run zncctl start one two
+expect 'several can be started' 0 '' ''
+run zncctl kill -s STOP one two
+expect 'kill prints a line for each' 0 $'one\ntwo' ''
+run zncctl kill -q -s CONT one nosuch two
+check 'one failure among several is told' test "$status/$out/$(error_line)" = \
+    '2//nosuch: Container does not exist'
+run zncctl delete stubborn one
+check 'failures of one kind give their exit status' test "$status/$out/$(error_line)" = \
+    '3/stubborn/one: Container in use'
+run zncctl delete nosuch one
+check 'and of several kinds 1' test "$status/$out" = 1/
+run zncctl list -q --status running
+expect 'the list can be filtered by status' 0 $'one\ntwo' ''
+run zncctl list -q --bundle "$work/hello"
+expect 'and by bundle' 0 '' ''
+run zncctl list --status odd
+check 'an unknown status is a usage error' test "$status/$out" = 64/
+run zncctl stop -q one
+run zncctl delete --all-stopped
+expect 'delete --all-stopped deletes those' 0 one ''
+run zncctl delete --all-stopped two
+check 'with ids it is a usage error' test "$status/$out" = 64/
+run zncctl delete -f two
+expect 'delete --force a detached one' 0 two ''
+check 'its monitor goes, too' eventually no_monitor
+check 'records go with containers' no_records
+
+# attach: output from now on, signals, the exit status.
+make_bundle "$work/traps" /bin/sh -c \
+    "trap 'echo term; exit 5' TERM; echo ready; while :; do sleep 0.05; done"
+zncctl run -d -b "$work/traps" trap >/dev/null
+logged_ready() { zncctl logs trap | grep -q ready; }
+eventually logged_ready
+"$ZNCCTL" attach trap >"$work/attached" 2>&1 &
+attacher=$!
+"$ZNCCTL" logs -f trap >"$work/followed" 2>&1 &
+follower=$!
+signals_blocked() { grep -q '^SigBlk:.*[1-9a-f]' "/proc/$attacher/status"; }
+eventually signals_blocked
+kill -s TERM $attacher
+wait $attacher
+check 'attach hands on signals and ends as the program does' test "$?/$(<"$work/attached")" = 5/term
+wait $follower
+check 'logs --follow ends with it' test "$?/$(<"$work/followed")" = $'0/ready\nterm'
+run zncctl logs --tail 1 trap
+expect 'logs --tail gives the last lines' 0 term ''
+run zncctl logs --tail 0 trap
+expect 'none at all' 0 '' ''
+run zncctl logs --tail 9 trap
+expect 'or all there are' 0 $'ready\nterm' ''
+run zncctl logs --tail x trap
+check 'what is no number is a usage error' test "$status/$out" = 64/
+zncctl delete -q trap
+
+# 6,000 lines of 10 bytes in a log of 8 KiB: the end is there, the beginning is not.
+# shellcheck disable=SC2016
+make_bundle "$work/talks" /bin/sh -c 'i=100000; while [ $i -lt 106000 ]; do echo l $i.; i=$((i+1)); done'
+zncctl run -d --log-max 8192 -b "$work/talks" talks >/dev/null
+run zncctl wait talks
+expect 'a program that prints a lot ends' 0 0 ''
+run zncctl logs talks
+check 'the log ends with the last line' test "${out##*$'\n'}" = 'l 105999.'
+check 'its size is limited' test "${#out}" -le 16384
+check 'and one rotation is kept' test "${#out}" -gt 8192
+check 'nothing is missing in between' python3 -c '
+import sys
+lines = open(sys.argv[1]).read().split("\n")[1:-1]
+numbers = [int(line[2:-1]) for line in lines]
+assert numbers == list(range(numbers[0], 106000))' "$work/out"
+zncctl delete -q talks
+
+# A process that the program leaves behind holds the output, not the exit code.
+make_bundle "$work/leaves" /bin/sh -c "(sleep $mark; echo late) & exit 3"
+zncctl run -d -b "$work/leaves" leaves >/dev/null
+run zncctl wait leaves
+expect 'the exit code does not wait for what the program leaves behind' 0 3 ''
+zncctl delete -qf leaves
+check 'which delete --force ends' eventually not program_lives
+
+# A monitor that is killed takes nothing along but the exit code.
+zncctl run -d -b "$work/loop" web >/dev/null
+eventually program_lives
+kill -s KILL "$(sed -n 's/.*"keeper": \([0-9]*\).*/\1/p' /run/zarnel/containers/web/status.json)"
+check 'a program outlives its monitor' status_is web running
+run zncctl stop -q web
+run zncctl wait web
+fails_with 'its exit code is then not known' 1 \
+    'its exit code is not known: who started it did not wait for it'
+run zncctl delete web
+expect 'it can be deleted' 0 web ''
+
+# Two interrupts in a row.
+make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; sleep $mark & wait; wait; wait"
+"$ZNCCTL" run -b "$work/deaf" deaf 2>"$work/hints" &
+runner=$!
+eventually program_lives && eventually zncctl kill -q -s 0 deaf
+eventually status_is deaf running
+sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
+check 'a second interrupt tells how to force' eventually sent
+check 'with the command' grep -qx \
+    "zncctl: hint: deaf goes on; 'zncctl kill -s KILL deaf' ends it by force" "$work/hints"
+zncctl kill -q --all -s KILL deaf
+wait $runner
+check 'which works' test $? = 137
+
+check 'nothing is written elsewhere' test -z "$(find / /run /tmp -xdev -newer "$work/hello/config.json" \
+    -type f -not -path "$work/*" -not -path '/run/zarnel/*')"
+check 'no container is left' no_containers
+check 'no record is left' no_records
+check 'no monitor is left' eventually no_monitor
+stop_daemon
+run zncctl run -b "$work/hello"
+fails_with 'without a daemon run exits 125' 125 'The daemon is not running'
+check 'and the hint says how to start it' grep -q "^zncctl: hint: start it as root, with 'zncd &'" \
+    "$work/err"
+finish

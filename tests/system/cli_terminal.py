@@ -1,0 +1,270 @@
+#!/usr/bin/env python3
+"""Runs zncctl on a pseudo-terminal and looks at both ends of it. Started by cli_terminal.sh, which
+has a daemon, a bundle that runs tmp/script of its root, and an image."""
+import fcntl
+import os
+import pty
+import re
+import select
+import signal
+import struct
+import subprocess
+import sys
+import termios
+import time
+
+ZNCCTL = os.environ["ZNCCTL"]
+WORK = os.environ["WORK"]
+BUNDLE = WORK + "/shell"
+TIME = 20
+failed = 0
+
+
+def check(name, good, detail=""):
+    global failed
+    failed += not good
+    print("ok - " + name if good else f"not ok - {name}\n  {detail!r}")
+
+
+class Terminal:
+    """zncctl as the leader of a session on a terminal of its own."""
+
+    def __init__(self, *words, rows=24, columns=80, **environment):
+        self.text = b""
+        self.status = None
+        parent, child = pty.openpty()
+        self.master = parent
+        self.resize(rows, columns, tell=False)
+        self.before = termios.tcgetattr(child)
+        self.child = child
+        self.pid = os.fork()
+        if self.pid == 0:
+            os.setsid()
+            fcntl.ioctl(child, termios.TIOCSCTTY, 0)
+            for fd in range(3):
+                os.dup2(child, fd)
+            os.closerange(3, 100)
+            signal.pthread_sigmask(signal.SIG_SETMASK, [])
+            os.execve(ZNCCTL, [ZNCCTL, *words], {**os.environ, "TERM": "xterm", **environment})
+
+    def resize(self, rows, columns, tell=True):
+        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        if tell:
+            os.kill(self.pid, signal.SIGWINCH)
+
+    def type(self, text):
+        os.write(self.master, text.encode())
+
+    def read(self):
+        if select.select([self.master], [], [], 0.05)[0]:
+            self.text += os.read(self.master, 65536)
+
+    def until(self, wanted):
+        """Reads until the text has come; whether it has."""
+        end = time.monotonic() + TIME
+        while not re.search(wanted.encode(), self.text) and time.monotonic() < end:
+            self.read()
+        return re.search(wanted.encode(), self.text) is not None
+
+    def settings_become(self, settings):
+        end = time.monotonic() + TIME
+        while termios.tcgetattr(self.child) != settings and time.monotonic() < end:
+            self.read()
+        return termios.tcgetattr(self.child) == settings
+
+    def wait(self, options=0):
+        """The wait status; the terminal stays open for a look at it."""
+        end = time.monotonic() + TIME
+        while time.monotonic() < end:
+            pid, status = os.waitpid(self.pid, options | os.WNOHANG)
+            if pid != 0:
+                for _ in range(3):
+                    self.read()
+                return status
+            self.read()
+        os.kill(self.pid, signal.SIGKILL)
+        os.waitpid(self.pid, 0)
+        return None
+
+    def restored(self):
+        return termios.tcgetattr(self.child) == self.before
+
+    def close(self):
+        os.close(self.child)
+        os.close(self.master)
+
+
+def script(text):
+    with open(BUNDLE + "/rootfs/tmp/script", "w") as file:
+        file.write(text)
+
+
+def run(*words, **options):
+    terminal = Terminal(*words, **options)
+    terminal.ended = terminal.wait()
+    return terminal
+
+
+def code(status):
+    return os.waitstatus_to_exitcode(status) if status is not None else None
+
+
+def listed():
+    return subprocess.run([ZNCCTL, "list"], capture_output=True, text=True).stdout
+
+
+def a_terminal_of_its_own():
+    script("test -t 0 && test -t 1 && test -t 2 && echo terminal; /bin/busybox stty size; exit 4")
+    t = run("run", "-t", "-b", BUNDLE, rows=33, columns=111)
+    check("--tty: all three streams are a terminal", b"terminal" in t.text, t.text)
+    check("of the size of the caller's", b"33 111" in t.text, t.text)
+    check("the exit status is passed on", code(t.ended) == 4, t.ended)
+    check("the terminal is as it was", t.restored())
+    t.close()
+
+
+def typing_and_sizes():
+    script("echo ready; read a; echo got:$a; read b; /bin/busybox stty size")
+    t = Terminal("run", "-t", "-b", BUNDLE)
+    check("it begins", t.until("ready"), t.text)
+    check("the caller's terminal is raw meanwhile", not t.restored())
+    t.type("word\r")
+    check("what is typed arrives, echoed once", t.until("got:word"), t.text)
+    check("only once", t.text.count(b"word") == 2, t.text)
+    t.resize(40, 100)
+    t.type("\r")
+    check("a new size arrives", t.until("40 100"), t.text)
+    check("it ends", code(t.wait()) == 0)
+    check("and the terminal is as it was", t.restored())
+    t.close()
+
+
+def keys_that_are_signals():
+    script("trap 'echo interrupted; exit 9' INT; echo ready; while :; do sleep 0.05; done")
+    t = Terminal("run", "-t", "-b", BUNDLE)
+    t.until("ready")
+    t.type("\x03")
+    check("--tty: the interrupt key interrupts the program", t.until("interrupted"), t.text)
+    check("which ends as it likes", code(t.wait()) == 9)
+    t.close()
+    script("/bin/busybox stty -isig; echo ready; read a; echo got:$a | /bin/busybox cat -v")
+    t = Terminal("run", "-t", "-b", BUNDLE)
+    t.until("ready")
+    t.type("\x03\r")
+    check("not when the program wants the byte itself", t.until(r"got:\^C"), t.text)
+    check("it goes on then", code(t.wait()) == 0)
+    t.close()
+    script("trap 'echo interrupted; exit 9' INT; echo ready; while :; do sleep 0.05; done")
+    t = Terminal("run", "-b", BUNDLE)
+    t.until("ready")
+    check("without --tty the terminal is left alone", t.restored())
+    t.type("\x03")
+    check("and the interrupt key reaches the program, too", t.until("interrupted"), t.text)
+    check("with its exit status", code(t.wait()) == 9)
+    t.close()
+
+
+def runs_alone():
+    end = time.monotonic() + TIME
+    while " running " not in listed() and time.monotonic() < end:
+        time.sleep(0.02)
+
+
+def every_way_out():
+    script("echo ready; kill -KILL $$")
+    t = run("run", "-t", "-b", BUNDLE)
+    check("a program that is killed", code(t.ended) == 137, t.ended)
+    check("leaves the terminal as it was", t.restored())
+    t.close()
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
+        t = Terminal("run", "-t", "-b", WORK + "/sleeps")
+        runs_alone()
+        os.kill(t.pid, number)
+        check(f"zncctl getting {number.name} ends as its program does", code(t.wait()) == 128 + number)
+        check("and leaves the terminal as it was", t.restored())
+        t.close()
+    os.rename(BUNDLE + "/rootfs/bin/sh", BUNDLE + "/rootfs/bin/nosh")
+    t = run("run", "-t", "-b", BUNDLE)
+    os.rename(BUNDLE + "/rootfs/bin/nosh", BUNDLE + "/rootfs/bin/sh")
+    check("a program that cannot be started", code(t.ended) == 127, t.ended)
+    check("leaves the terminal as it was, and a line", t.restored() and b"no such program" in t.text, t.text)
+    t.close()
+
+
+def stopping():
+    script("echo ready; read a; echo got:$a")
+    for words in (["-t"], []):
+        t = Terminal("run", *words, "-b", BUNDLE)
+        t.until("ready")
+        during = termios.tcgetattr(t.child)
+        os.kill(t.pid, signal.SIGTSTP)
+        status = t.wait(os.WUNTRACED)
+        check(f"zncctl {words} stops when it is told to", status is not None and os.WIFSTOPPED(status))
+        check("with the terminal as it was", t.restored())
+        os.kill(t.pid, signal.SIGCONT)
+        check("and is on it again afterwards", t.settings_become(during))
+        t.type("word\r")
+        check("the program goes on", t.until("got:word"), t.text)
+        check("to its end", code(t.wait()) == 0)
+        t.close()
+
+
+def detached():
+    script("echo ready; exec sleep " + os.environ["MARK"])
+    t = run("run", "-d", "-b", BUNDLE, "away")
+    check("--detach prints the id", t.text == b"away\r\n", t.text)
+    t.close()  # hangs the terminal up
+    check("the program outlives the terminal", " running " in listed(), listed())
+    top = subprocess.run([ZNCCTL, "top", "away"], capture_output=True, text=True).stdout
+    pid = top.splitlines()[1].split()[0]
+    streams = [os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)]
+    check("its input is the null device", streams[0] == "/dev/null", streams)
+    check("its output is no terminal", all(s.startswith("pipe:") for s in streams[1:]), streams)
+    subprocess.run([ZNCCTL, "delete", "-qf", "away"], check=True)
+
+
+def colours():
+    red = b"\x1b[1;31merror:"
+    for name, good, environment in (
+        ("an error is red on a terminal", True, {}),
+        ("not with NO_COLOR", False, {"NO_COLOR": "1"}),
+        ("an empty NO_COLOR means nothing", True, {"NO_COLOR": ""}),
+        ("not on a terminal without colours", False, {"TERM": "dumb"}),
+    ):
+        t = run("state", "nosuch", **environment)
+        check(name, (red in t.text) == good and b"Container does not exist" in t.text, t.text)
+        t.close()
+
+
+def widths():
+    deep = WORK + "/" + "deep/" * 20
+    os.makedirs(deep)
+    os.symlink(BUNDLE + "/rootfs", deep + "rootfs")
+    with open(BUNDLE + "/config.json") as source, open(deep + "config.json", "w") as copy:
+        copy.write(source.read())
+    subprocess.run([ZNCCTL, "create", "wide", deep], check=True)
+    t = run("list", columns=50)
+    lines = t.text.decode().splitlines()
+    check("a table is as wide as the terminal", len(lines) == 2 and len(lines[1]) == 50, lines)
+    t.close()
+    t = run("list", "--no-trunc", columns=50)
+    check("--no-trunc: as wide as need be", deep.rstrip("/").encode() in t.text, t.text)
+    t.close()
+    check("without a terminal, too", deep.rstrip("/") in listed(), listed())
+    subprocess.run([ZNCCTL, "delete", "-q", "wide"], check=True)
+
+
+def progress():
+    t = run("unpack", os.environ["LAYOUT"], WORK + "/unpacked")
+    check("unpacking redraws a line", code(t.ended) == 0 and t.text.startswith(b"\r\x1b[Klayer 1/1 "), t.text)
+    check("to its end", b"100% of " in t.text and re.search(rb"\[=+\]\r\n$", t.text) is not None, t.text[-200:])
+    t.close()
+    t = run("unpack", "--progress", "plain", os.environ["LAYOUT"], WORK + "/unpacked2")
+    check("--progress plain does not", b"\x1b" not in t.text and b"done" in t.text, t.text)
+    t.close()
+
+
+for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
+              detached, colours, widths, progress):
+    trial()
+sys.exit(failed != 0)

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# zncctl on a terminal: what programs find there, how it is given back, colours, widths, progress.
+# shellcheck source=cli_lib.sh
+. "$(dirname "$0")/cli_lib.sh"
+need busybox
+need python3
+need umoci
+
+layout=$work/layout
+{
+    umoci init --layout "$layout"
+    umoci new --image "$layout:latest"
+    mkdir "$work/tree"
+    head -c 3000000 /dev/urandom >"$work/tree/file"
+    tar --create --format=ustar --owner=0 --group=0 --directory="$work/tree" --file="$work/tar" .
+    umoci raw add-layer --image "$layout:latest" "$work/tar"
+    umoci config --image "$layout:latest" --os zarnel --architecture amd64 --config.cmd /file
+} >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
+
+start_daemon
+# shellcheck disable=SC2016
+make_bundle "$work/shell" /bin/sh -c 'cd /; . /tmp/script'
+make_bundle "$work/sleeps" /bin/sleep "$mark"
+WORK=$work LAYOUT=$layout MARK=$mark run python3 "$(dirname "$0")/cli_terminal.py"
+printf '%s\n' "$out" "$err"
+out='' err=''
+check 'all of it holds' test "$status" = 0
+check 'it tried something' grep -q '^ok - ' "$work/out"
+check 'no container is left' test -z "$(zncctl list -q)"
+finish

@@ -1,0 +1,246 @@
+// The checks of documents and archives, and the small files, of zncctl.
+#include "config_check.hpp"
+#include "json.hpp"
+#include "layer_check.hpp"
+#include "layout.hpp"
+#include "layout_builder.hpp"
+#include "log_file.hpp"
+#include "words.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+
+using namespace zncctl;
+
+namespace {
+
+constexpr const char* kGood =
+    R"({"ociVersion": "1.0.0", "process": {"args": ["/a"], "cwd": "/"}, "root": {"path": "r"}})";
+
+// "refused process.cwd" or "ignored linux", in order.
+std::vector<std::string> findings(std::string_view text)
+{
+    const Json document = parse_json(text);
+    std::vector<std::string> result;
+    for (const ConfigFinding& finding : check_config(document.get()))
+        result.push_back((finding.refused ? "refused " : "ignored ") + finding.path);
+    return result;
+}
+
+using Texts = std::vector<std::string>;
+
+// What is found in an archive: "refused: ..." or the loss.
+Texts of_archive(const std::string& bytes, const std::string& diff_id = "")
+{
+    const layout::TempDir dir;
+    const std::string path = dir / "layer";
+    layout::write_file(path, bytes);
+    Texts texts;
+    for (const Finding& finding : check_layer(path, diff_id))
+        texts.push_back((finding.refused ? "refused: " : "") + finding.what);
+    return texts;
+}
+
+Texts of_members(const std::vector<layout::Member>& members)
+{
+    return of_archive(layout::tar(members));
+}
+
+} // namespace
+
+TEST(ParseJson, SaysWhereATextIsNone)
+{
+    std::string where;
+    EXPECT_EQ(parse_json("{\n \"a\": }", &where), nullptr);
+    EXPECT_EQ(where, "line 2, column 7");
+    EXPECT_EQ(parse_json("{} x", &where), nullptr);
+    EXPECT_EQ(where, "line 1, column 4");
+}
+
+TEST(Pretty, IndentsByTwoBlanksAndKeepsTheOrder)
+{
+    const Json document = parse_json(R"({"b":[1,{"a":"\n"}],"a":{},"c":[]})");
+    EXPECT_EQ(pretty(document.get()),
+              "{\n  \"b\": [\n    1,\n    {\n      \"a\": \"\\n\"\n    }\n  ],\n"
+              "  \"a\": {},\n  \"c\": []\n}\n");
+}
+
+TEST(ConfigCheck, FindsNothingInWhatIsTakenAsItIs)
+{
+    EXPECT_EQ(findings(kGood), Texts{});
+    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", "b"], "cwd": "/",
+                           "env": ["A=b"]}, "root": {"path": "/r"}, "annotations": {"a": "b"},
+                           "mounts": [{"source": "a", "destination": "/b", "type": "bind",
+                           "options": ["ro"]}], "zarnel": {"rtp": {"rtpPriority": "0x10"}}})"),
+              Texts{});
+}
+
+TEST(ConfigCheck, NamesWhatCreateRefuses)
+{
+    EXPECT_EQ(findings("[]"), Texts{"refused ."});
+    EXPECT_EQ(findings("{}"), (Texts{"refused ociVersion", "refused process", "refused root"}));
+    EXPECT_EQ(findings(R"({"ociVersion": "", "process": {"args": [], "cwd": "here"},
+                           "root": {"path": ""}})"),
+              (Texts{"refused ociVersion", "refused process.args", "refused process.cwd",
+                     "refused root.path"}));
+    EXPECT_EQ(findings(R"({"ociVersion": 1, "process": {"args": "/a"}, "root": []})"),
+              (Texts{"refused ociVersion", "refused process.args", "refused process.cwd",
+                     "refused root"}));
+    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": [7], "cwd": "/"},
+                           "root": {"path": "r"}})"),
+              (Texts{"refused process.args", "ignored process.args[0]"}));
+}
+
+TEST(ConfigCheck, NamesWhatCreateIgnores)
+{
+    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
+                           "user": {"uid": 1}, "terminal": true, "env": {}},
+                           "root": {"path": "r", "readonly": true}, "linux": {}, "mounts": [1,
+                           {"source": 1, "options": [null]}], "zarnel": {"rtp":
+                           {"rtpPriority": 50, "rtpStackSize": "64k"}, "resources": {}}})"),
+              (Texts{"ignored process.args[1]", "ignored process.env", "ignored process.terminal",
+                     "ignored process.user", "ignored root.readonly", "ignored mounts[0]",
+                     "ignored mounts[1].source", "ignored mounts[1].options[0]",
+                     "ignored zarnel.rtp.rtpPriority", "ignored zarnel.rtp.rtpStackSize",
+                     "ignored zarnel.resources", "ignored linux"}));
+}
+
+TEST(ConfigCheck, MembersAreFoundWhateverTheirCase)
+{
+    EXPECT_EQ(findings(R"({"OCIVERSION": "1", "Process": {"Args": ["/a"], "CWD": "/"},
+                           "root": {"path": "r"}})"),
+              Texts{});
+}
+
+TEST(ConfigCheck, SaysWhatIsExpectedAndWhatIsThere)
+{
+    const Json document = parse_json(R"({"ociVersion": 5})");
+    const ConfigFinding finding = check_config(document.get()).front();
+    EXPECT_EQ(finding.expected, "a string");
+    EXPECT_EQ(finding.found, "a number");
+}
+
+TEST(LayerCheck, TakesWhatTheExtractorTakes)
+{
+    EXPECT_EQ(
+        of_members({layout::directory("a/"), {"a/file", "content"}, layout::symlink("l", "a")}),
+        Texts{});
+    EXPECT_EQ(of_archive(layout::gzip(layout::tar({{"file", std::string(5000, 'x')}}))), Texts{});
+}
+
+TEST(LayerCheck, NamesMembersThatBreakTheArchive)
+{
+    const auto of_type = [](char type) {
+        layout::Member member = {"m", "data"};
+        member.type = type;
+        return of_members({member});
+    };
+    EXPECT_EQ(of_type('x'), Texts{"refused: pax header"});
+    EXPECT_EQ(of_type('g'), Texts{"refused: pax header"});
+    EXPECT_EQ(of_type('L'), Texts{"refused: long name (GNU)"});
+    EXPECT_EQ(of_type('K'), Texts{"refused: long link (GNU)"});
+    EXPECT_EQ(of_type('S'), Texts{"refused: sparse file (GNU)"});
+    EXPECT_EQ(of_type('1'), Texts{"refused: a link, device or directory with data"});
+}
+
+TEST(LayerCheck, NamesWhatIsLeftOut)
+{
+    const auto of_type = [](char type) {
+        layout::Member member = {"m"};
+        member.type = type;
+        return of_members({member});
+    };
+    EXPECT_EQ(of_type('1'), Texts{"hard link: left out"});
+    EXPECT_EQ(of_type('3'), Texts{"device: left out"});
+    EXPECT_EQ(of_type('4'), Texts{"device: left out"});
+    EXPECT_EQ(of_type('6'), Texts{"FIFO: left out"});
+    EXPECT_EQ(of_type('5'), Texts{"directory whose name does not end in \"/\": left out"});
+    EXPECT_EQ(of_members({{".wh.gone"}}), Texts{"whiteout: stays a file and hides nothing"});
+    layout::Member program = {"su"};
+    program.mode = 04755;
+    EXPECT_EQ(of_members({program}), Texts{"set-id or sticky bit: dropped"});
+}
+
+TEST(LayerCheck, NamesMembersWithoutAPlace)
+{
+    EXPECT_EQ(of_members({{"a/b"}}), Texts{"refused: no directory for the member"});
+    EXPECT_EQ(of_members({{"../b"}}), Texts{"refused: \"..\" in the name"});
+    EXPECT_EQ(of_members({layout::symlink("a", "b"), {"a/c"}}),
+              Texts{"refused: the member's directory is a link or a file"});
+    EXPECT_EQ(of_members({{"a"}, layout::symlink("a", "b")}),
+              Texts{"refused: a symbolic link where something is already"});
+    EXPECT_EQ(of_members({layout::directory("a/"), {"a"}}),
+              Texts{"a file where a directory is: left out"});
+}
+
+TEST(LayerCheck, NamesArchivesThatAreDamagedOrOfAnotherKind)
+{
+    const std::string good = layout::tar({{"file", "content"}});
+    EXPECT_EQ(of_archive(std::string("\x28\xb5\x2f\xfd", 4) + std::string(600, 'x')),
+              Texts{"refused: it is compressed with zstd"});
+    EXPECT_EQ(of_archive(std::string("\xfd") + "7zXZ" + std::string(600, '\0')),
+              Texts{"refused: it is compressed with xz"});
+    EXPECT_EQ(of_archive(std::string(1024, '7')), Texts{"refused: the header is damaged"});
+    EXPECT_EQ(of_archive(good.substr(0, 512)), Texts{"refused: the archive ends within a member"});
+    EXPECT_EQ(of_archive(good.substr(0, 1024)), Texts{"refused: there is no end mark"});
+    EXPECT_EQ(of_archive(good, "sha256:" + std::string(64, '0')),
+              Texts{"refused: its content is not what the image's configuration says"});
+    EXPECT_EQ(of_archive(good, "sha256:" + layout::sha256_hex(good)), Texts{});
+}
+
+TEST(LayerCheck, CountsAndNamesTheFirstMember)
+{
+    const layout::TempDir dir;
+    layout::write_file(dir / "layer", layout::tar({{".wh.a"}, {".wh.b"}}));
+    const std::vector<Finding> found = check_layer(dir / "layer", "");
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].count, 2U);
+    EXPECT_EQ(found[0].first, ".wh.a");
+}
+
+TEST(ImageName, IsALayoutAndPerhapsATag)
+{
+    EXPECT_EQ(split_image_name("dir").layout, "dir");
+    EXPECT_EQ(split_image_name("dir").tag, "latest");
+    EXPECT_EQ(split_image_name("a/dir:v1").layout, "a/dir");
+    EXPECT_EQ(split_image_name("a/dir:v1").tag, "v1");
+    EXPECT_EQ(split_image_name("a:b/dir").layout, "a:b/dir");
+    const layout::TempDir dir;
+    layout::fs::create_directory(dir / "with:colon");
+    EXPECT_EQ(split_image_name(dir / "with:colon").layout, dir / "with:colon");
+}
+
+TEST(BlobPath, IsNoPathForWhatIsNoDigest)
+{
+    EXPECT_EQ(blob_path("l", "sha256:0af"), "l/blobs/sha256/0af");
+    for (const char* digest : {"", "sha256", "sha256:", "sha256:../x", "a/b:00", "sha256:0F"})
+        EXPECT_EQ(blob_path("l", digest), "") << digest;
+}
+
+TEST(LogFile, RotatesOnceAndIsReadInOrder)
+{
+    const layout::TempDir dir;
+    const znc::UniqueFd fd(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    LogFile log(fd.get(), 10);
+    LogReader early(fd.get(), true);
+    log.append("0123");
+    EXPECT_EQ(early.read(), "0123");
+    log.append("456789abc");
+    EXPECT_EQ(early.read(), "456789abc");
+    EXPECT_EQ(early.read(), "");
+    EXPECT_EQ(LogReader(fd.get(), false).read(), "0123456789abc");
+    log.append("defghijklmno");
+    EXPECT_EQ(LogReader(fd.get(), false).read(), "abcdefghijklmno");
+    EXPECT_EQ(early.read(), "defghijklmno");
+}
+
+TEST(ToNumber, TakesDigitsAndNothingElse)
+{
+    EXPECT_EQ(to_number<unsigned>("17"), 17U);
+    for (const char* text : {"", "-1", "+1", " 1", "1 ", "1x", "99999999999"})
+        EXPECT_EQ(to_number<unsigned>(text), std::nullopt) << text;
+}
