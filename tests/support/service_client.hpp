@@ -5,6 +5,7 @@
 
 #include "fake_daemon.hpp"
 #include "fake_registry.hpp"
+#include "raw_client.hpp"
 #include "zncRuntimeService.hpp"
 
 #include <algorithm>
@@ -22,13 +23,7 @@ inline const std::string kSuccess = R"({"errno":0,"body":[]})";
 inline zncMessage request_of(int cmdId, const std::string& json,
                              const std::string& name = kReplyName)
 {
-    zncMessage message = {};
-    std::memcpy(message.name, name.data(), std::min(name.size(), sizeof message.name));
-    message.msgLvl = 2;
-    message.cmdId = cmdId;
-    message.dataLen = static_cast<std::uint32_t>(json.size());
-    std::memcpy(message.data, json.data(), std::min(json.size(), sizeof message.data));
-    return message;
+    return raw_client::request_of(cmdId, json, name);
 }
 
 // A client's reply queue with room for several pieces, and its info queue.

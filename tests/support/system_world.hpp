@@ -1,0 +1,181 @@
+// system_world.hpp - a real daemon and a bundle of one busybox for each test, inside the ledger.
+// The parameter says whether there is an overlay. A test program lists daemon_process.cpp and
+// ledger.cpp of this directory in its sources.
+#ifndef SYSTEM_WORLD_HPP
+#define SYSTEM_WORLD_HPP
+
+#include "bundle.hpp"
+#include "daemon_process.hpp"
+#include "ledger.hpp"
+#include "test_size.hpp"
+#include "zncontainer.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace system_world {
+
+namespace fs = std::filesystem;
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }
+};
+
+// Text that the library handed out, or "(none)".
+inline std::string text_of(char* text)
+{
+    const std::unique_ptr<char, Free> owned(text);
+    return text != nullptr ? text : "(none)";
+}
+
+inline int exit_code(pid_t pid)
+{
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR)
+            return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Begins `body` in a process of its own, which ends with its result, or by SIGALRM if it hangs.
+inline pid_t begin_child(const std::function<int()>& body)
+{
+    constexpr unsigned kHangSeconds = 60;
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::alarm(kHangSeconds);
+        ::_exit(body());
+    }
+    return pid;
+}
+inline int run_child(const std::function<int()>& body)
+{
+    return exit_code(begin_child(body));
+}
+
+class SystemWorld : public testing::TestWithParam<bool> {
+  protected:
+    static constexpr const char* kStorage = "/tmp/storage";
+    static constexpr const char* kBundle = "/tmp/bundle";
+    static constexpr int kKill = 9;
+
+    [[nodiscard]] virtual bool overlay() const { return GetParam(); }
+    [[nodiscard]] pid_t daemon() const { return daemon_->pid(); }
+    // The container's root as the host sees it.
+    [[nodiscard]] std::string root() const
+    {
+        return overlay() ? "/overlay/web" : std::string(kBundle) + "/rootfs";
+    }
+
+    // What a test wants to be there before the daemon starts, and what is to go after it ended.
+    virtual void before_daemon() {}
+    virtual void after_daemon() {}
+
+    void SetUp() override
+    {
+        if (!overlay()) { // a link to nowhere where the daemon would make the directory
+            fs::remove("/overlay");
+            fs::create_symlink("/none", "/overlay");
+        }
+        before_daemon();
+        daemon_ = std::make_unique<DaemonProcess>(kStorage);
+        make_bundle(kBundle, {"/bin/true"});
+        // The first container makes the daemon keep its helper open and the storage area.
+        ASSERT_EQ(zncCreate("warm", kBundle, 0, nullptr), OK) << std::hex << errno;
+        ASSERT_EQ(zncDelete("warm", 0), OK);
+        settle();
+    }
+
+    void TearDown() override
+    {
+        if (daemon_ && !HasFatalFailure()) {
+            EXPECT_EQ(left_over(), "");
+            EXPECT_EQ(daemon_->stop(SIGTERM), 0);
+        }
+        daemon_.reset();
+        after_daemon();
+        fs::remove_all(kStorage);
+        fs::remove_all(kBundle);
+        if (!overlay()) {
+            fs::remove("/overlay");
+            fs::create_directory("/overlay");
+        }
+    }
+
+    // The daemon closes a client's queue when the client has its answer already, and looks for
+    // keepers to reap with the next request or after some seconds. The ledger to compare with is
+    // one that stays as it is.
+    void settle()
+    {
+        ledger_ = Ledger::take(kStorage, daemon());
+        for (int tries = 0; tries < kTries; tries++) {
+            pause();
+            const Ledger now = Ledger::take(kStorage, daemon());
+            if (now.compared_with(ledger_).empty())
+                return;
+            ledger_ = now;
+        }
+    }
+
+    // What is there that was not, and the other way round, but for lines that name `expected`. What
+    // is left after some seconds is left for good.
+    [[nodiscard]] std::string left_over(const std::string& expected = "") const
+    {
+        std::string left;
+        for (int tries = 0; tries < kTries; tries++) {
+            std::istringstream lines(Ledger::take(kStorage, daemon()).compared_with(ledger_));
+            left.clear();
+            for (std::string line; std::getline(lines, line);)
+                if (expected.empty() || line.find(expected) == std::string::npos)
+                    left += line + "\n";
+            if (left.empty())
+                break;
+            pause();
+        }
+        return left;
+    }
+
+    // A whole life of container "web".
+    static void expect_usable()
+    {
+        make_bundle(kBundle, {"/bin/true"});
+        ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK) << std::hex << errno;
+        EXPECT_GT(zncStart("web", 0), 0) << std::hex << errno;
+        EXPECT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
+        EXPECT_EQ(text_of(zncList()), "[]");
+    }
+
+    std::unique_ptr<DaemonProcess> daemon_;
+
+  private:
+    static constexpr int kTries = 500;
+
+    static void pause()
+    {
+        zncDaemonIsAlive();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+
+    Ledger ledger_;
+};
+
+inline std::string flavour_name(const testing::TestParamInfo<bool>& flavour)
+{
+    return flavour.param ? "Overlay" : "Plain";
+}
+
+} // namespace system_world
+
+#endif

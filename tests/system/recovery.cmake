@@ -1,0 +1,11 @@
+# What becomes of the system when a part of it dies or its records are damaged.
+if(NOT ZNC_SANITIZE)
+    add_executable(recovery_test recovery_test.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/daemon_process.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/ledger.cpp)
+    target_include_directories(recovery_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+    target_link_libraries(recovery_test PRIVATE znc_flags zncontainer zn_platform GTest::gtest_main)
+    add_test(NAME recovery_test COMMAND znc_sandbox -- $<TARGET_FILE:recovery_test>)
+    set_tests_properties(recovery_test PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE
+        ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
+endif()
