@@ -1,0 +1,67 @@
+// corpus_images.hpp - image layouts that are wrong in one place, as a table.
+#ifndef CORPUS_IMAGES_HPP
+#define CORPUS_IMAGES_HPP
+
+#include "layout_builder.hpp"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace corpus {
+
+// An image of one layer with one file. Every value can be replaced by another JSON text, by its
+// place:
+//
+//     oci-layout index manifest config             whole documents; $DOC is the right one
+//     entry.digest config.size layer.mediaType     values of the three descriptors; $D are the
+//     right
+//                                                  digits, $N the right size, $N+1 and $N-1 beside
+//                                                  it
+//     manifest.first manifest.extra                members put before and behind the others; the
+//     same
+//                                                  for index, document (the configuration) and
+//                                                  entry
+//     section diff_ids layers                      the configuration's "config" and "diff_ids", the
+//                                                  manifest's "layers" ($DOC is the right one)
+//
+// The empty text leaves a value out. Digests and sizes are those of what was written.
+class Draft {
+  public:
+    std::map<std::string, std::string> set;
+
+    void write(const layout::Layout& layout);
+
+    // Of what was written, for damage done afterwards.
+    layout::fs::path layer_file, config_file, manifest_file, index_file, version_file;
+    [[nodiscard]] const std::string& layer() const { return layer_; }
+
+  private:
+    [[nodiscard]] std::string text(const std::string& place, const std::string& otherwise) const;
+    [[nodiscard]] std::string descriptor(const std::string& place, const std::string& type,
+                                         const std::string& bytes) const;
+    [[nodiscard]] std::string object(const std::string& place, const std::string& members) const;
+
+    std::string layer_ = layout::tar({{"file", "content"}});
+};
+
+struct ImageCase {
+    std::string name;
+    int code; // the error number; -1: it is right
+    std::map<std::string, std::string> set = {};
+    std::function<void(const Draft&)> then = nullptr; // after it was written
+    // Where a right image leads to: JSON text by its path in "config.json" ("process.cwd").
+    std::map<std::string, std::string> configuration = {};
+};
+
+std::vector<ImageCase> digest_cases();
+std::vector<ImageCase> size_cases();
+std::vector<ImageCase> file_cases();
+std::vector<ImageCase> json_cases();
+std::vector<ImageCase> structure_cases();
+std::vector<ImageCase> configuration_cases();
+
+} // namespace corpus
+
+#endif
