@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# fuzz.sh SECONDS [TARGET...] - builds the fuzz targets and runs each (all without names) for so many
+# seconds, two at a time (FUZZ_JOBS), in a sandbox. For each it prints how many inputs were run, how many
+# edges of the code they reached, and what was found; it fails when something was. What the runs
+# learn stays in build/fuzz/corpus, and the next ones start from it.
+#
+# A finding's input is kept beside the corpus. Once the fault is mended, it goes with a telling name
+# to tests/fuzz/regressions/TARGET, where every build's tests run it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1-}
+if ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
+    printf 'usage: fuzz.sh SECONDS [TARGET...]\n' >&2
+    exit 64
+fi
+shift
+if [[ $(id -u) -ne 0 ]]; then
+    printf 'fuzz.sh: the sandbox makes namespaces; run it as root\n' >&2
+    exit 1
+fi
+
+# The dictionary and the longest input of each target.
+declare -A dictionary=([tar_stream]=tar [extract]=tar [gzip]=gzip [image_layout]=image
+    [image_config]=config [bundle_config]=config [request]=message [reply]=message [paths]=paths)
+declare -A longest=([tar_stream]=6144 [extract]=6144 [extract_names]=200 [gzip]=16384
+    [image_layout]=8192 [image_config]=4096 [bundle_config]=4096 [request]=2100 [reply]=16384
+    [paths]=1024)
+all=(tar_stream extract gzip image_layout request extract_names reply bundle_config image_config paths)
+[[ $# -gt 0 ]] || set -- "${all[@]}"
+for target in "$@"; do
+    if [[ -z ${longest[$target]-} ]]; then
+        printf 'fuzz.sh: no such target: %s\n' "$target" >&2
+        exit 64
+    fi
+done
+
+build=$PWD/build/fuzz
+work=$build/fuzzing
+mkdir -p "$work"
+log=$work/build.log
+if ! { cmake --preset fuzz && cmake --build --preset fuzz; } >"$log" 2>&1; then
+    cat "$log" >&2
+    exit 1
+fi
+
+# run TARGET: its output goes to a log, its exit code is libFuzzer's.
+run() {
+    local target=$1 corpus=$build/corpus/$1 options=()
+    mkdir -p "$corpus"
+    rm -f "$work/$target-"*
+    [[ -z ${dictionary[$target]-} ]] || options+=("-dict=$PWD/tests/fuzz/${dictionary[$target]}.dict")
+    [[ ! -d tests/fuzz/regressions/$target ]] || set -- "$target" "tests/fuzz/regressions/$target"
+    shift
+    ASAN_OPTIONS=quarantine_size_mb=8:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        nice -n 19 "$build/bin/znc_sandbox" -- "$build/bin/fuzz_$target" \
+        -max_total_time="$seconds" -max_len="${longest[$target]}" -timeout=30 -rss_limit_mb=1024 \
+        -print_final_stats=1 -artifact_prefix="$work/$target-" "${options[@]}" \
+        "$corpus" "$build/tests/fuzz/seeds/$target" "$@" >"$work/$target.log" 2>&1
+}
+
+# report TARGET CODE: one line, and what was found.
+report() {
+    local target=$1 code=$2 executions coverage
+    executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log")
+    coverage=$(sed -n 's/.* cov: \([0-9]*\) .*/\1/p' "$work/$target.log" | tail -n 1)
+    if [[ $code -eq 0 && ${executions:-0} -gt 0 ]]; then
+        printf 'ok - %-13s %12d inputs %6d edges\n' "$target" "$executions" "${coverage:-0}"
+        return
+    fi
+    printf 'not ok - %s: %s\n' "$target" "$work/$target.log"
+    sed -nE '/^(broken|SUMMARY|artifact_prefix)|ERROR|runtime error/p' "$work/$target.log"
+    return 1
+}
+
+failed=0
+declare -A target_of=()
+# one_ended: waits for a target and reports it.
+one_ended() {
+    local pid code=0
+    wait -n -p pid || code=$?
+    report "${target_of[$pid]}" "$code" || failed=1
+    unset "target_of[$pid]"
+}
+
+for target in "$@"; do
+    while [[ ${#target_of[@]} -ge ${FUZZ_JOBS:-2} ]]; do one_ended; done
+    run "$target" &
+    target_of[$!]=$target
+done
+while [[ ${#target_of[@]} -gt 0 ]]; do one_ended; done
+exit "$failed"
