@@ -1,0 +1,37 @@
+#!/usr/bin/env python3
+"""Runs one scene in the world it finds itself in, which bench.py makes, and writes what it measured.
+
+usage: scene.py NAME PAIRS BIN DEBIAN_ROOT DISK RESULT
+"""
+import json
+import sys
+from dataclasses import dataclass
+
+from scenes import containers, images
+
+SCENES = {
+    function.__name__.upper(): function
+    for function in (images.u1, images.u2, images.u3, images.u4, images.u5, images.i1,
+                     containers.l1, containers.l2, containers.l3, containers.q1, containers.s1,
+                     containers.m1, images.x1)
+}
+
+
+@dataclass
+class World:
+    pairs: int
+    bin: str
+    debian_root: str
+    disk: str
+
+
+def main():
+    name, pairs, binaries, root, disk, result = sys.argv[1:]
+    scene = SCENES[name]
+    measured = scene(World(int(pairs), binaries, root, disk))
+    with open(result, "w", encoding="utf-8") as file:
+        json.dump({"title": scene.__doc__, **measured}, file)
+
+
+if __name__ == "__main__":
+    main()
