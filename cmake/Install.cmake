@@ -1,0 +1,76 @@
+# What is installed where, by component: "library" (the shared library), "dev" (what building against it
+# needs), "tools" (zncctl and zncd). The directories are those of GNUInstallDirs.
+include(CMakePackageConfigHelpers)
+
+set(ZNC_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zncontainer)
+set(ZNC_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
+
+install(TARGETS zncontainer EXPORT zncontainerTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS zncctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS zncd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
+
+install(FILES
+    ${PROJECT_SOURCE_DIR}/container/runtime/include/zncontainer.h
+    ${PROJECT_SOURCE_DIR}/container/runtime/include/zncprotocol.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(FILES
+    ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
+    ${PROJECT_SOURCE_DIR}/examples/embed.c
+    ${PROJECT_SOURCE_DIR}/examples/embed.cpp
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzncontainer-dev/examples COMPONENT dev)
+
+# For find_package(zncontainer) and the target zncontainer::zncontainer.
+install(EXPORT zncontainerTargets NAMESPACE zncontainer:: DESTINATION ${ZNC_CMAKEDIR} COMPONENT dev)
+configure_package_config_file(${ZNC_PACKAGING}/zncontainerConfig.cmake.in zncontainerConfig.cmake
+    INSTALL_DESTINATION ${ZNC_CMAKEDIR})
+write_basic_package_version_file(zncontainerConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/zncontainerConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/zncontainerConfigVersion.cmake
+    DESTINATION ${ZNC_CMAKEDIR} COMPONENT dev)
+
+# For pkg-config. The paths are relative to where the file is found, so that a tree that was
+# installed can be moved; Debian's triplet makes the way up one longer.
+file(RELATIVE_PATH ZNC_PC_TO_PREFIX
+    /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" ZNC_PC_TO_PREFIX ${ZNC_PC_TO_PREFIX})
+configure_file(${ZNC_PACKAGING}/zncontainer.pc.in zncontainer.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zncontainer.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+# The daemon's surroundings. The unit names the program by its path, which is known when it is
+# installed (cmake --install --prefix).
+install(CODE "
+    set(ZNC_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+    configure_file(\"${ZNC_PACKAGING}/zncd.service.in\" \"${CMAKE_CURRENT_BINARY_DIR}/zncd.service\" @ONLY)"
+    COMPONENT tools)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zncd.service DESTINATION lib/systemd/system COMPONENT tools)
+install(FILES ${ZNC_PACKAGING}/sysctl.conf DESTINATION lib/sysctl.d RENAME 30-zncontainer.conf
+    COMPONENT tools)
+install(FILES ${ZNC_PACKAGING}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zncontainer.conf
+    COMPONENT tools)
+
+# The manual pages; without scdoc they are left out, and where programs are for tests only.
+if(ZNC_BUILD_MAN AND NOT ZNC_SANITIZE)
+    add_subdirectory(man)
+endif()
+
+# Completions, where Debian's shells look for them. The program itself prints them.
+if(NOT CMAKE_CROSSCOMPILING AND NOT ZNC_SANITIZE)
+    set(COMPLETIONS)
+    function(znc_completion SHELL DIRECTORY FILE)
+        set(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/completions/${FILE})
+        add_custom_command(OUTPUT ${OUTPUT}
+            COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/completions
+            COMMAND sh -c "'$<TARGET_FILE:zncctl>' completion ${SHELL} >'${OUTPUT}'"
+            DEPENDS zncctl VERBATIM)
+        install(FILES ${OUTPUT} DESTINATION ${CMAKE_INSTALL_DATADIR}/${DIRECTORY} COMPONENT tools)
+        set(COMPLETIONS ${COMPLETIONS} ${OUTPUT} PARENT_SCOPE)
+    endfunction()
+    znc_completion(bash bash-completion/completions zncctl)
+    znc_completion(zsh zsh/vendor-completions _zncctl)
+    znc_completion(fish fish/vendor_completions.d zncctl.fish)
+    add_custom_target(completions ALL DEPENDS ${COMPLETIONS})
+endif()

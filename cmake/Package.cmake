@@ -1,0 +1,83 @@
+# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools ("znc" is another
+# program's name). scripts/package.sh builds them.
+set(ZNC_PACKAGE_MAINTAINER "zncontainer maintainers <zncontainer@${CMAKE_PROJECT_NAME}.example.org>"
+    CACHE STRING "Name and address that the packages show as their maintainer's")
+set(ZNC_PACKAGE_RELEASE 1)
+set(ZNC_DEBIAN ${ZNC_PACKAGING}/debian)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_PACKAGE_NAME zncontainer)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+# Each package brings its own; the project's would become the first line of all of them.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGE_CONTACT ${ZNC_PACKAGE_MAINTAINER})
+set(CPACK_COMPONENTS_ALL library dev tools)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+# The packages' prefix, whatever that of the build is.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${ZNC_PACKAGING}/finish_staging.cmake)
+set(CPACK_OUTPUT_FILE_PREFIX ${CMAKE_BINARY_DIR}/debs)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${ZNC_PACKAGE_RELEASE})
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SOURCE zncontainer)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(ZNC_SAME_VERSION "(= ${PROJECT_VERSION}-${ZNC_PACKAGE_RELEASE})")
+
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "container runtime library on the OCI formats
+Unpacks OCI images into runtime bundles; creates, starts, signals, lists,
+inspects and deletes containers made from them, through a daemon.
+.
+This package contains the shared library.")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libzncontainer1)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SUGGESTS zncontainer-tools)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${ZNC_DEBIAN}/triggers)
+
+set(CPACK_COMPONENT_DEV_DESCRIPTION "container runtime library on the OCI formats (development)
+Unpacks OCI images into runtime bundles; creates, starts, signals, lists,
+inspects and deletes containers made from them, through a daemon.
+.
+This package contains the headers, the files for CMake and pkg-config, the
+manual pages of the functions, and examples.")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzncontainer-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzncontainer1 ${ZNC_SAME_VERSION}")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libcjson-dev)
+
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "container daemon and its command line
+Runs containers from OCI images: zncd is the daemon that makes their
+namespaces, root filesystems and mounts; zncctl unpacks images and creates,
+starts, signals, inspects and deletes containers.
+.
+The daemon is started when the package is installed.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zncontainer-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzncontainer1 ${ZNC_SAME_VERSION}")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS systemd)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+    ${ZNC_DEBIAN}/postinst ${ZNC_DEBIAN}/prerm ${ZNC_DEBIAN}/postrm)
+
+# What every package says of itself.
+foreach(COMPONENT LIBRARY DEV TOOLS)
+    string(TOLOWER ${COMPONENT} component)
+    install(FILES ${ZNC_DEBIAN}/copyright
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME}
+        COMPONENT ${component} EXCLUDE_FROM_ALL)
+    install(FILES ${ZNC_DEBIAN}/changelog RENAME changelog.Debian
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME}
+        COMPONENT ${component} EXCLUDE_FROM_ALL)
+endforeach()
+
+include(CPack)

@@ -1,0 +1,14 @@
+# Run by cpack on what is going to be packed: manual pages and changelogs are compressed there, as Debian
+# wants them, and pages that stand for another one point to the compressed one.
+file(GLOB FILES
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man*/*
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog.Debian)
+foreach(FILE IN LISTS FILES)
+    if(IS_SYMLINK ${FILE})
+        file(READ_SYMLINK ${FILE} TARGET)
+        file(REMOVE ${FILE})
+        file(CREATE_LINK ${TARGET}.gz ${FILE}.gz SYMBOLIC)
+    else()
+        execute_process(COMMAND gzip -9n ${FILE} COMMAND_ERROR_IS_FATAL ANY)
+    endif()
+endforeach()
