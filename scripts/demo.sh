@@ -93,7 +93,7 @@ SH
         --config.workingdir / --config.env PATH=/bin --config.cmd /srv/hello
 }
 
-stopped() { zncctl state web | grep -q '"status":3'; }
+speaks() { zncctl logs web | grep -q layer; }
 # until_true WHAT COMMAND...: waits up to 10 seconds.
 until_true() {
     local what=$1 i
@@ -119,15 +119,14 @@ show zncctl unpack --os linux image bundle
 show ls bundle
 show zncctl create web bundle
 show zncctl state web
-printf '\n$ zncctl start --detach web >web.log\n'
-zncctl start --detach web >web.log
-until_true 'the program speaks' grep -q layer web.log
-show cat web.log
+show zncctl start web
+until_true 'the program speaks' speaks
+show zncctl logs web
 show zncctl state web
 show zncctl list
 show zncctl inspect web
-show zncctl kill web TERM
-until_true 'the program ends' stopped
+show zncctl kill -s TERM web
+show zncctl wait web
 show zncctl list
 show zncctl delete web
 show zncctl list

@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [test] [demo] - installs the Debian packages that building, testing or the
-# demo need; all of them without arguments. Does nothing when they are there. Needs root only when
-# they are not.
+# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages that building,
+# packaging, testing, the bench or the demo need; those of build, test and demo without arguments.
+# Does nothing when they are there. Needs root only when they are not.
 set -euo pipefail
 
-build=(ca-certificates cmake g++ libcjson-dev libmbedtls-dev ninja-build pkg-config)
+build=(ca-certificates cmake g++ libcjson-dev libcli11-dev libfmt-dev libmbedtls-dev ninja-build pkg-config)
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 *) build+=(zlib1g-dev) ;;
 esac
-test=(binutils busybox-static clang clang-format clang-tidy debootstrap libarchive-tools
-    libgtest-dev mount python3 shellcheck skopeo strace tar umoci util-linux zlib1g-dev)
+package=(dpkg-dev file scdoc)
+test=(binutils busybox-static clang clang-format clang-tidy cppcheck debootstrap dpkg-dev file fish libarchive-tools
+    jq libgtest-dev lintian mandoc mount python3 scdoc shellcheck skopeo strace systemd tar umoci util-linux
+    zlib1g-dev)
+bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
+    runc skopeo umoci util-linux)
 demo=(busybox-static mount tar umoci)
 
 packages=()
@@ -18,10 +22,12 @@ packages=()
 for group in "$@"; do
     case $group in
     build) packages+=("${build[@]}") ;;
+    package) packages+=("${package[@]}") ;;
     test) packages+=("${test[@]}") ;;
+    bench) packages+=("${bench[@]}") ;;
     demo) packages+=("${demo[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [test] [demo]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [demo]\n' >&2
         exit 64
         ;;
     esac

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # test.sh [--quick] - everything that must hold, from a bare Debian 12, as root: installs what it
 # needs, checks the sources, builds with both compilers, runs all tests, also under the sanitizers.
-# --quick leaves out the second compiler, the analyser and the sanitizers. The last line is
+# --quick leaves out the second compiler, the analysers, fuzzing and the sanitizers. The last line is
 # "N passed, N failed, N skipped", summed over all runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -82,11 +82,6 @@ suite() {
     printf '%s: %d passed, %d failed, %d skipped (%d s)\n' "$1" "$p" "$f" "$s" $((SECONDS - start))
 }
 
-analysed() {
-    run-clang-tidy -quiet -j "$jobs" -p build/clang \
-        "^$PWD/(cli|container|daemon|platform)/.*\\.cpp\$" 2>/dev/null
-}
-
 scripts/install-deps.sh build test
 
 # The system images of the tests are made once for all builds.
@@ -97,7 +92,8 @@ step 'shell scripts have no findings' shell_scripts
 build_and_test release
 if [[ -z $quick ]]; then
     step 'builds with preset clang' configured_and_built clang
-    if [[ -n $ok ]]; then step 'clang-tidy has no findings' analysed; fi
+    step 'the analysers have no findings' scripts/analyse.sh
+    step 'the fuzz targets find nothing in a short run' scripts/fuzz.sh 5
     export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
     export UBSAN_OPTIONS=print_stacktrace=1
     build_and_test asan-ubsan
