@@ -51,7 +51,7 @@ int cmd_config_check(const Arguments& args)
     const std::string file = std::string(args.operand(0)) + "/config.json";
     const auto text = read_file(file);
     if (!text)
-        return failure(file, std::strerror(errno));
+        return failure(file, error_text());
     std::string where;
     const Json document = parse_json(*text, &where);
     if (document == nullptr)

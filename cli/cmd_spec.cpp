@@ -82,7 +82,7 @@ int write_new(const std::string& path, const std::string& text)
 {
     znc::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (!file || !write_all(file.get(), text) || file.close_checked() != 0)
-        return failure(path, std::strerror(errno));
+        return failure(path, error_text());
     return kExitOk;
 }
 

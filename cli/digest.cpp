@@ -1,5 +1,7 @@
 #include "digest.hpp"
 
+#include "files.hpp"
+
 #include "zarnel/owned.hpp"
 
 #include <array>
@@ -47,7 +49,7 @@ std::string blob_problem(const std::string& path, const std::string& digest, dou
 {
     const znc::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file)
-        return fmt::format("blob {}: {}", digest, std::strerror(errno));
+        return fmt::format("blob {}: {}", digest, error_text());
     Digest sum(digest.substr(0, digest.find(':')));
     if (!sum)
         return fmt::format("digest {} is of an unknown kind", digest);

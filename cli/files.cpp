@@ -5,8 +5,14 @@
 #include <array>
 #include <cstdio>
 #include <sys/stat.h>
+#include <system_error>
 
 namespace zncctl {
+
+std::string error_text()
+{
+    return std::generic_category().message(errno);
+}
 
 std::optional<std::string> read_file(const std::string& path, int dir)
 {

@@ -13,6 +13,9 @@ namespace zncctl {
 // Nothing with errno set when it cannot be read, EFBIG when it is larger than 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
 
+// What the task error number says, as the C library puts it.
+std::string error_text();
+
 // Writes everything to a descriptor; false with errno set.
 bool write_all(int fd, std::string_view bytes);
 

@@ -84,7 +84,7 @@ std::optional<std::vector<Image>> read_layout(const std::string& path, std::stri
 {
     const auto text = read_file(path + "/index.json");
     if (!text) {
-        problem = fmt::format("index.json: {}", std::strerror(errno));
+        problem = fmt::format("index.json: {}", error_text());
         return std::nullopt;
     }
     std::string where;

@@ -54,7 +54,8 @@ void leave_caller(znc::UniqueFd& report)
     if (::chdir("/") != 0)
         errno = 0; // a directory in use is all that comes of it
     ::umask(077);
-    ::setenv("ZNC_VERBOSE", "0", 1); // progress texts are no output of the program
+    // Progress texts are no output of the program.
+    ::setenv("ZNC_VERBOSE", "0", 1); // NOLINT(concurrency-mt-unsafe): there is one thread
 }
 
 class Monitor {

@@ -152,7 +152,8 @@ Parsed parse(const Command& command, std::span<char* const> words)
     std::vector<std::string> all = texts(words);
     const auto mark = std::find(all.begin(), all.end(), "--");
     const auto behind = mark == all.end() ? 0 : all.end() - mark - 1;
-    return CommandLine(command, all.size(), static_cast<std::size_t>(behind)).parse(std::move(all));
+    CommandLine line(command, all.size(), static_cast<std::size_t>(behind));
+    return line.parse(std::move(all));
 }
 
 } // namespace zncctl

@@ -1,10 +1,13 @@
 #include "log.hpp"
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#include "zarnel/fs.h"
 
 namespace zncd {
 namespace {
@@ -51,6 +54,13 @@ void log(Level level, const char* format, ...)
     if (std::getenv("JOURNAL_STREAM") != nullptr)
         std::fprintf(stderr, "<%d>", static_cast<int>(level));
     std::fprintf(stderr, "zncd: %s: %s\n", name_of(level), text.data());
+}
+
+void log_errno(const char* what)
+{
+    std::array<char, 256> reason{};
+    znErrorText(errno, reason.data(), reason.size());
+    log(Level::kError, "%s: %s", what, reason.data());
 }
 
 } // namespace zncd

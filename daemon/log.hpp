@@ -15,6 +15,9 @@ bool set_log_level(std::string_view name);
 
 void log(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// An error: what it is about, and what the task error number says.
+void log_errno(const char* what);
+
 } // namespace zncd
 
 #endif

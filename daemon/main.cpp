@@ -107,9 +107,8 @@ int serve(int stop_fd)
     zncd::notify("STOPPING=1");
     const bool stopped = zncd::stop_requested(stop_fd);
     if (!stopped) {
-        std::array<char, 256> reason{};
-        znErrorText(error, reason.data(), reason.size());
-        zncd::log(zncd::Level::kError, "the queue cannot be served: %s", reason.data());
+        errno = error;
+        zncd::log_errno("the queue cannot be served");
     }
     const bool ended = zncd::end_all();
     return stopped && ended ? 0 : 1;
@@ -135,7 +134,7 @@ int main(int argc, char** argv)
     // a stop that comes early is not lost.
     const znc::UniqueFd stop = zncd::block_stop_signals();
     if (!stop) {
-        zncd::log(zncd::Level::kError, "signalfd: %s", std::strerror(errno));
+        zncd::log_errno("signalfd");
         return 1;
     }
     if (znMsgQLimitsRaise(kQueueMessages) != OK) {

@@ -30,7 +30,7 @@ void notify(const char* state)
     const znc::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket || ::sendto(socket.get(), state, std::strlen(state), MSG_NOSIGNAL,
                             reinterpret_cast<const sockaddr*>(&address), size) < 0)
-        log(Level::kWarning, "%s cannot be told %s: %s", name, state, std::strerror(errno));
+        log_errno(name);
 }
 
 } // namespace zncd

@@ -16,13 +16,6 @@ namespace {
 
 constexpr const char* kLockName = "zncd.lock";
 
-void complain(const char* what)
-{
-    std::array<char, 256> reason{};
-    znErrorText(errno, reason.data(), reason.size());
-    log(Level::kError, "%s: %s", what, reason.data());
-}
-
 // Nobody else's directory, and no link to one, may stand in for it.
 znc::UniqueFd open_runtime_dir()
 {
@@ -65,25 +58,25 @@ znc::UniqueFd take_lock()
 {
     const znc::UniqueFd dir = open_runtime_dir();
     if (!dir) {
-        complain(kRuntimeDir);
+        log_errno(kRuntimeDir);
         return {};
     }
     // The file stays when the daemon ends: removing it would let two daemons lock two files.
     znc::UniqueFd lock(
         ::openat(dir.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock) {
-        complain(kLockName);
+        log_errno(kLockName);
         return {};
     }
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK)
             name_holder(lock.get());
         else
-            complain(kLockName);
+            log_errno(kLockName);
         return {};
     }
     if (!write_own_pid(lock.get())) {
-        complain(kLockName);
+        log_errno(kLockName);
         return {};
     }
     return lock;

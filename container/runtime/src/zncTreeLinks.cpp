@@ -195,8 +195,8 @@ bool empty_top(const char* dir, znc::UniqueFd top)
         return true;
     if (errno != EMFILE && errno != ENFILE)
         return false;
-    top.reset(open(dir, kTopFlags));
-    return top && empty_deep(std::move(top));
+    znc::UniqueFd again(open(dir, kTopFlags));
+    return again && empty_deep(std::move(again));
 }
 
 } // namespace
