@@ -43,6 +43,12 @@ int status_of(pid_t pid)
 
 } // namespace
 
+void await_file(const std::string& path)
+{
+    while (::access(path.c_str(), F_OK) != 0)
+        ::usleep(1000);
+}
+
 void carry_everything()
 {
     std::vector<gid_t> groups;

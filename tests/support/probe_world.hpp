@@ -38,6 +38,10 @@ int start_and_wait(const char* id);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
 
+// Waits for a file to appear. Without a look into the heap: another thread may just fork, and the
+// child of a program under a sanitizer stands still for ever when the heap was locked then.
+void await_file(const std::string& path);
+
 class ProbeWorld : public testing::TestWithParam<bool> {
   protected:
     static constexpr const char* kStorage = "/tmp/storage";

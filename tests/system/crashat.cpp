@@ -127,9 +127,10 @@ class Run {
 
 Fate Run::judge(pid_t pid, long call)
 {
-    // A daemon's first calls are still those of the driver's own process.
+    // A daemon's first calls are still the driver's, then those of the loader, which ends by a
+    // signal when it gets no memory. Its own begin with the mask of its files.
     if (operation_.act == nullptr && !runs_) {
-        runs_ = call == SYS_execve;
+        runs_ = call == SYS_umask;
         return {};
     }
     calls_++;

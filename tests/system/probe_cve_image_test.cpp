@@ -195,8 +195,7 @@ TEST_P(ProbeCveImage, AContainerThatUsesUpItsQueueMemoryStopsNoClient)
     create();
     Outcome outcome;
     std::thread filler([&] { outcome = start(); });
-    while (!fs::exists(root() + "/tmp/full"))
-        std::this_thread::yield();
+    await_file(root() + "/tmp/full");
     for (int i = 0; i < 20; i++) {
         const std::unique_ptr<char, decltype(&std::free)> list(zncList(), &std::free);
         ASSERT_NE(list.get(), nullptr) << std::hex << errno;

@@ -115,8 +115,7 @@ TEST_P(ProbeCve, CVE_2016_9962_CVE_2019_5736_AJoiningProgramCannotBeLookedInto)
     create();
     Outcome outcome;
     std::thread watcher([&] { outcome = start(); });
-    while (!fs::exists(root() + "/tmp/watching"))
-        std::this_thread::yield();
+    await_file(root() + "/tmp/watching");
     const nsid_t ns = only_namespace();
     for (int i = 0; i < joins; i++)
         EXPECT_TRUE(join_and_leave(ns, root() + "/bin/probe")) << i << " " << errno;
