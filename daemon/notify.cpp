@@ -1,8 +1,10 @@
 #include "notify.hpp"
 
 #include "log.hpp"
+#include "zarnel/fs.h"
 #include "zarnel/owned.hpp"
 
+#include <array>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -29,8 +31,11 @@ void notify(const char* state)
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
     const znc::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket || ::sendto(socket.get(), state, std::strlen(state), MSG_NOSIGNAL,
-                            reinterpret_cast<const sockaddr*>(&address), size) < 0)
-        log_errno(name);
+                            reinterpret_cast<const sockaddr*>(&address), size) < 0) {
+        std::array<char, 256> reason{};
+        znErrorText(errno, reason.data(), reason.size());
+        log(Level::kWarning, "%s cannot be told %s: %s", name, state, reason.data());
+    }
 }
 
 } // namespace zncd
