@@ -1,5 +1,7 @@
 #include "store.hpp"
 
+#include "files.hpp"
+#include "json.hpp"
 #include "output.hpp"
 #include "progress.hpp"
 
@@ -80,6 +82,25 @@ bool complete(const std::string& bundle)
     return fs::exists(bundle + "/config.json");
 }
 
+// An image that names no working directory means the root, and many name none. The library takes
+// over what is named and creates no container without one. False, after a message, when it cannot
+// be written.
+bool give_working_directory(const std::string& bundle)
+{
+    const std::string file = bundle + "/config.json";
+    const auto text = read_file(file);
+    const Json config = text ? parse_json(*text) : nullptr;
+    cJSON* const process = cJSON_GetObjectItemCaseSensitive(config.get(), "process");
+    if (!cJSON_IsObject(process) || !text_of(process, "cwd").empty())
+        return true;
+    cJSON_DeleteItemFromObjectCaseSensitive(process, "cwd");
+    add_text(process, "cwd", "/");
+    if (replace_file(AT_FDCWD, file.c_str(), pretty(config.get())))
+        return true;
+    static_cast<void>(failure(file, error_text()));
+    return false;
+}
+
 } // namespace
 
 std::string storage_base()
@@ -112,13 +133,12 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
     return status;
 }
 
-std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id)
+namespace {
+
+// In `area`, by whose turn it is.
+std::optional<std::string> unpacked_bundle(const Arguments& args, const Wanted& wanted,
+                                           const std::string& id, const std::string& area)
 {
-    const std::string area = storage_base() + "/bundles";
-    fs::create_directories(area);
-    fs::permissions(area, fs::perms::owner_all);
-    const Turn turn(area);
     std::string problem;
     const auto images = read_layout(wanted.image.layout, problem);
     const Image* image =
@@ -141,6 +161,21 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
     if (unpack_image(args, wanted, bundle, option) == kExitOk)
         return bundle;
     return std::nullopt;
+}
+
+} // namespace
+
+std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
+                                           const std::string& id)
+{
+    const std::string area = storage_base() + "/bundles";
+    fs::create_directories(area);
+    fs::permissions(area, fs::perms::owner_all);
+    const Turn turn(area);
+    auto bundle = unpacked_bundle(args, wanted, id, area);
+    if (bundle && !give_working_directory(*bundle))
+        bundle.reset();
+    return bundle;
 }
 
 std::string own_bundle(const std::string& id)

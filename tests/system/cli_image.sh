@@ -128,6 +128,20 @@ check 'storage gc says what it removes' test "$status/$(cut -d ' ' -f 1 "$work/o
 check 'nothing is left' test -z "$(find "$ZNC_BASE"/{layers,flattened,bundles} -mindepth 1 \
     -not -name .lock)"
 check 'nor a device' test "$(overlay_mounts)" = 0
+
+umoci init --layout "$work/nowhere" >/dev/null
+{
+    umoci new --image "$work/nowhere:latest"
+    add_layer "$work/nowhere" "$work/lower"
+    umoci config --image "$work/nowhere:latest" --os linux --config.cmd /bin/busybox --config.cmd pwd
+} >"$work/umoci.log" 2>&1
+run zncctl run --os linux --progress none "$work/nowhere"
+expect 'an image that names no working directory works in the root' 0 / ''
+run zncctl unpack --os linux --flatten --progress none "$work/nowhere" "$work/as-it-is"
+run zncctl create where "$work/as-it-is"
+check 'its bundle as the library makes it is refused with a hint' test "$status/$(error_line)" = \
+    '1/where: OCI cwd parameter invalid'
+check 'that names what to set' grep -q '^zncctl: hint: process\.cwd ' "$work/err"
 stop_daemon
 run zncctl storage gc
 fails_with 'storage gc without a daemon exits 4' 4 'The daemon is not running'
