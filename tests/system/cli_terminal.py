@@ -2,6 +2,7 @@
 """Runs zncctl on a pseudo-terminal and looks at both ends of it. Started by cli_terminal.sh, which
 has a daemon, a bundle that runs tmp/script of its root, and an image."""
 import fcntl
+import glob
 import os
 import pty
 import re
@@ -164,9 +165,19 @@ def keys_that_are_signals():
     t.close()
 
 
-def runs_alone():
+def program_runs():
+    """Waits for the program itself. A container that is listed before it has a process counts as
+    stopped from then on, and gets no signals."""
+    wanted = b"sleep\0" + os.environ["MARK"].encode() + b"\0"
     end = time.monotonic() + TIME
-    while " running " not in listed() and time.monotonic() < end:
+    while time.monotonic() < end:
+        for line in glob.glob("/proc/[0-9]*/cmdline"):
+            try:
+                with open(line, "rb") as file:
+                    if file.read().endswith(wanted):
+                        return
+            except OSError:
+                pass
         time.sleep(0.02)
 
 
@@ -178,7 +189,7 @@ def every_way_out():
     t.close()
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
         t = Terminal("run", "-t", "-b", WORK + "/sleeps")
-        runs_alone()
+        program_runs()
         os.kill(t.pid, number)
         check(f"zncctl getting {number.name} ends as its program does", code(t.wait()) == 128 + number)
         check("and leaves the terminal as it was", t.restored())
