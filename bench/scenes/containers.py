@@ -39,7 +39,7 @@ class Daemon:
         self.process.send_signal(signal.SIGTERM)
         self.process.wait(timeout=60)
 
-    def library(self, *argv):
+    def through_library(self, *argv):
         return rounds(f"{self.bin}/bench_library", *argv)
 
 
@@ -91,7 +91,7 @@ def in_one_process(world, overlay, limit):
         root = f"{WORK}/ours/rootfs"
         floor = [f"{world.bin}/floor_lifecycle", str(ROUNDS), root, "/bin/true"]
         samples = interleave({
-            "ours": lambda: daemon.library("lifecycle", str(ROUNDS), f"{WORK}/ours"),
+            "ours": lambda: daemon.through_library("lifecycle", str(ROUNDS), f"{WORK}/ours"),
             "floor": lambda: rounds(*floor, *([WORK] if overlay else [])),
         }, world.pairs)
     return compare(samples, {"floor": limit})
@@ -123,7 +123,7 @@ def q1(world):
 
         def eight():
             spent, start = processor_seconds(daemon_pid), time.monotonic()
-            sample = daemon.library("state", "8", "1000", "asked")
+            sample = daemon.through_library("state", "8", "1000", "asked")
             busy.append((processor_seconds(daemon_pid) - spent) / (time.monotonic() - start))
             return sample
 
@@ -131,7 +131,7 @@ def q1(world):
             return rounds(f"{world.bin}/floor_queue", clients, count)
 
         samples = interleave({
-            "ours": lambda: daemon.library("state", "1", "2000", "asked"),
+            "ours": lambda: daemon.through_library("state", "1", "2000", "asked"),
             "floor": lambda: floor("1", "2000"),
             "ours, 8 clients": eight,
             "floor, 8 clients": lambda: floor("8", "1000"),
