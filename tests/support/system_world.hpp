@@ -147,6 +147,17 @@ class SystemWorld : public testing::TestWithParam<bool> {
         return left;
     }
 
+    // Whether it comes true within some seconds.
+    static bool eventually(const std::function<bool()>& condition)
+    {
+        for (int tries = 0; tries < kTries; tries++) {
+            if (condition())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
     // A whole life of container "web".
     static void expect_usable()
     {
@@ -160,7 +171,7 @@ class SystemWorld : public testing::TestWithParam<bool> {
     std::unique_ptr<DaemonProcess> daemon_;
 
   private:
-    static constexpr int kTries = 500;
+    static constexpr int kTries = 500; // of 10 ms
 
     static void pause()
     {
