@@ -1,0 +1,93 @@
+#include "source_kinds.hpp"
+
+#include <fmt/format.h>
+
+namespace zncimport {
+namespace {
+
+// The digest that a configuration's file name says, or "": "HEX.json" or "blobs/sha256/HEX".
+std::string digest_of_name(const std::string& path)
+{
+    std::string name = path.substr(path.rfind('/') + 1); // npos wraps to 0
+    if (name.ends_with(".json"))
+        name.resize(name.size() - 5);
+    const std::string digest = "sha256:" + name;
+    return is_digest(digest) ? digest : "";
+}
+
+class DockerSource : public Source {
+  public:
+    DockerSource(ImageFilesPtr files, const Limits& limits)
+        : files_(std::move(files)), limits_(limits)
+    {
+    }
+
+    std::vector<SourceImage> images() override
+    {
+        const zncctl::Json manifest =
+            parse_document(text_at("manifest.json", ""), "manifest.json", true);
+        std::vector<SourceImage> images;
+        const cJSON* entry = nullptr;
+        cJSON_ArrayForEach(entry, manifest.get()) images.push_back(read_image(entry));
+        return images;
+    }
+
+    ReaderPtr open(const Layer& layer) override { return file(layer.name).read(); }
+
+  private:
+    [[nodiscard]] FilePart file(const std::string& path) const
+    {
+        std::optional<FilePart> found = files_->find(path);
+        if (!found)
+            throw Failure(path, "is missing in the archive");
+        return *std::move(found);
+    }
+
+    [[nodiscard]] std::string text_at(const std::string& path, const std::string& digest) const
+    {
+        return read_document(file(path), limits_.json, digest, -1);
+    }
+
+    [[nodiscard]] SourceImage read_image(const cJSON* entry) const
+    {
+        SourceImage image;
+        const cJSON* item = nullptr;
+        cJSON_ArrayForEach(item, zncctl::member(entry, "RepoTags"))
+        {
+            if (cJSON_IsString(item))
+                image.names.emplace_back(item->valuestring);
+        }
+        cJSON_ArrayForEach(item, zncctl::member(entry, "Layers"))
+        {
+            if (!cJSON_IsString(item))
+                throw Failure("manifest.json", "a layer's name is no text");
+            image.layers.push_back({item->valuestring, "", "", size_of(item->valuestring)});
+            if (image.layers.back().size < 0)
+                image.problem = fmt::format("the layer {} is missing", item->valuestring);
+        }
+        const std::string config = zncctl::text_of(entry, "Config");
+        if (config.empty())
+            throw Failure("manifest.json", "an image has no configuration");
+        read_config(image, parse_document(text_at(config, digest_of_name(config)), config));
+        return image;
+    }
+
+    // -1 if it is not there.
+    [[nodiscard]] std::int64_t size_of(const std::string& path) const
+    {
+        const std::optional<FilePart> found = files_->find(path);
+        return found ? static_cast<std::int64_t>(found->extent.size) : -1;
+    }
+
+    ImageFilesPtr files_;
+    Limits limits_;
+};
+
+} // namespace
+
+SourcePtr docker_source(ImageFilesPtr files, const Limits& limits)
+{
+    return std::make_unique<DockerSource>(std::move(files), limits);
+}
+
+} // namespace zncimport

@@ -1,0 +1,296 @@
+#include "source_kinds.hpp"
+
+#include <cmath>
+#include <fmt/format.h>
+#include <mbedtls/base64.h>
+#include <string_view>
+
+namespace zncimport {
+namespace {
+
+constexpr int kIndexDepth = 4;
+constexpr std::size_t kDescriptorsMax = 10'000;
+constexpr double kSizeMax = 9007199254740992.0; // beyond it not every number is one
+constexpr const char* kRefName = "org.opencontainers.image.ref.name";
+constexpr const char* kFullName = "io.containerd.image.name";
+
+constexpr std::string_view kManifest = "application/vnd.oci.image.manifest.v1+json";
+constexpr std::string_view kDockerManifest = "application/vnd.docker.distribution.manifest.v2+json";
+constexpr std::string_view kIndex = "application/vnd.oci.image.index.v1+json";
+constexpr std::string_view kDockerIndex =
+    "application/vnd.docker.distribution.manifest.list.v2+json";
+constexpr std::string_view kConfig = "application/vnd.oci.image.config.v1+json";
+constexpr std::string_view kDockerConfig = "application/vnd.docker.container.image.v1+json";
+constexpr std::string_view kLayers[] = {
+    "application/vnd.oci.image.layer.v1.tar",
+    "application/vnd.oci.image.layer.v1.tar+gzip",
+    "application/vnd.oci.image.layer.v1.tar+zstd",
+    "application/vnd.docker.image.rootfs.diff.tar",
+    "application/vnd.docker.image.rootfs.diff.tar.gzip",
+    "application/vnd.docker.image.rootfs.diff.tar.zstd",
+};
+
+bool is_manifest(std::string_view type)
+{
+    return type == kManifest || type == kDockerManifest;
+}
+
+bool is_index(std::string_view type)
+{
+    return type == kIndex || type == kDockerIndex;
+}
+
+bool is_layer(std::string_view type)
+{
+    for (const std::string_view known : kLayers)
+        if (type == known)
+            return true;
+    return false;
+}
+
+struct Descriptor {
+    std::string type;
+    std::string digest;
+    std::int64_t size = 0;
+    std::string data; // the blob itself, as Base64; "" if it is not embedded
+    const cJSON* json = nullptr;
+};
+
+Descriptor read_descriptor(const cJSON* json, const std::string& where)
+{
+    Descriptor result = {zncctl::text_of(json, "mediaType"), zncctl::text_of(json, "digest"), 0,
+                         zncctl::text_of(json, "data"), json};
+    if (!is_digest(result.digest))
+        throw Failure(where, "has a digest that is none");
+    const cJSON* size = zncctl::member(json, "size");
+    const double number = cJSON_IsNumber(size) != 0 ? size->valuedouble : -1;
+    if (!(number >= 0) || number > kSizeMax || number != std::floor(number))
+        throw Failure(where, fmt::format("the size of {} is no number of bytes", result.digest));
+    result.size = static_cast<std::int64_t>(number);
+    return result;
+}
+
+std::string blob_name(const std::string& digest)
+{
+    return "blobs/" + digest.substr(0, 6) + "/" + digest.substr(7);
+}
+
+std::string decode(const Descriptor& descriptor)
+{
+    const auto* text = reinterpret_cast<const unsigned char*>(descriptor.data.data());
+    std::string bytes(descriptor.data.size(), '\0');
+    std::size_t size = 0;
+    if (mbedtls_base64_decode(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), &size,
+                              text, descriptor.data.size()) != 0)
+        throw Failure(descriptor.digest, "the embedded data is no Base64");
+    bytes.resize(size);
+    return bytes;
+}
+
+// What an index says about an image in it, and about those of an index in it.
+struct Context {
+    std::vector<std::string> names;
+    const cJSON* annotations = nullptr;
+    const cJSON* platform = nullptr;
+};
+
+class LayoutSource : public Source {
+  public:
+    LayoutSource(ImageFilesPtr files, const Limits& limits)
+        : files_(std::move(files)), limits_(limits)
+    {
+    }
+
+    std::vector<SourceImage> images() override
+    {
+        const std::optional<FilePart> index = files_->find("index.json");
+        if (!index)
+            throw Failure("index.json", "is missing in the layout");
+        const zncctl::Json json =
+            parse_document(read_document(*index, limits_.json, "", -1), "index.json");
+        images_.clear();
+        descriptors_ = 0;
+        walk(json.get(), "index.json", {}, 1);
+        return std::move(images_);
+    }
+
+    ReaderPtr open(const Layer& layer) override;
+
+  private:
+    std::optional<std::string> document(const Descriptor& descriptor) const;
+    void walk(const cJSON* index, const std::string& where, const Context& above, int depth);
+    void visit(const Descriptor& descriptor, const Context& context, int depth);
+    SourceImage image_of(const Descriptor& descriptor, const Context& context) const;
+    void read_manifest(SourceImage& image, const cJSON* manifest) const;
+    void read_layers(SourceImage& image, const cJSON* manifest) const;
+
+    ImageFilesPtr files_;
+    Limits limits_;
+    std::vector<SourceImage> images_;
+    std::size_t descriptors_ = 0;
+};
+
+// Nothing if the blob is not there.
+std::optional<std::string> LayoutSource::document(const Descriptor& descriptor) const
+{
+    if (!descriptor.data.empty()) {
+        std::string text = decode(descriptor);
+        if (text.size() > limits_.json)
+            throw Failure(descriptor.digest, "the embedded data is too long (see --max-json)");
+        check_document(text, descriptor.digest, descriptor.digest, descriptor.size);
+        return text;
+    }
+    const std::optional<FilePart> file = files_->find(blob_name(descriptor.digest));
+    if (!file)
+        return std::nullopt;
+    return read_document(*file, limits_.json, descriptor.digest, descriptor.size);
+}
+
+Context context_of(const cJSON* entry, const Context& above)
+{
+    Context context = above;
+    if (const cJSON* own = zncctl::member(entry, "annotations"); cJSON_IsObject(own) != 0) {
+        context.annotations = own;
+        std::vector<std::string> names;
+        for (const char* key : {kRefName, kFullName})
+            if (const std::string name = zncctl::text_of(own, key); !name.empty())
+                names.push_back(name);
+        if (!names.empty())
+            context.names = names;
+    }
+    if (const cJSON* platform = zncctl::member(entry, "platform"); cJSON_IsObject(platform) != 0)
+        context.platform = platform;
+    return context;
+}
+
+void LayoutSource::walk(const cJSON* index, const std::string& where, const Context& above,
+                        int depth)
+{
+    if (zncctl::member(index, "layers") != nullptr || zncctl::member(index, "config") != nullptr)
+        throw Failure(where, "is an index and a manifest at once");
+    const cJSON* entries = zncctl::member(index, "manifests");
+    if (cJSON_IsArray(entries) == 0)
+        throw Failure(where, "has no list of manifests");
+    const cJSON* entry = nullptr;
+    cJSON_ArrayForEach(entry, entries)
+    {
+        if (++descriptors_ > kDescriptorsMax)
+            throw Failure(where, fmt::format("there are more than {} images", kDescriptorsMax));
+        visit(read_descriptor(entry, where), context_of(entry, above), depth);
+    }
+}
+
+void LayoutSource::visit(const Descriptor& descriptor, const Context& context, int depth)
+{
+    if (!is_index(descriptor.type)) {
+        images_.push_back(image_of(descriptor, context));
+        return;
+    }
+    if (depth == kIndexDepth)
+        throw Failure(descriptor.digest,
+                      fmt::format("there are more than {} indexes in each other", kIndexDepth));
+    const std::optional<std::string> text = document(descriptor);
+    if (!text) {
+        images_.push_back(image_of(descriptor, context));
+        return;
+    }
+    const zncctl::Json json = parse_document(*text, descriptor.digest);
+    walk(json.get(), descriptor.digest, context, depth + 1);
+}
+
+void copy_annotations(zncctl::Json& to, const cJSON* from, bool of_entry)
+{
+    const cJSON* item = nullptr;
+    cJSON_ArrayForEach(item, from)
+    {
+        const std::string_view key = item->string;
+        if (cJSON_IsString(item) == 0 || (of_entry && (key == kRefName || key == kFullName)) ||
+            zncctl::member(to.get(), item->string) != nullptr)
+            continue;
+        zncctl::add_text(to.get(), item->string, item->valuestring);
+    }
+}
+
+SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& context) const
+{
+    SourceImage image;
+    image.names = context.names;
+    image.os = zncctl::text_of(context.platform, "os");
+    image.arch = zncctl::text_of(context.platform, "architecture");
+    image.variant = zncctl::text_of(context.platform, "variant");
+    image.manifest_digest = descriptor.digest;
+    if (!is_manifest(descriptor.type) && !is_index(descriptor.type)) {
+        image.problem = fmt::format("is of the type \"{}\", which is no image", descriptor.type);
+        return image;
+    }
+    const std::optional<std::string> text = document(descriptor);
+    if (!text) {
+        image.problem = fmt::format("the blob {} is missing", descriptor.digest);
+        return image;
+    }
+    const zncctl::Json manifest = parse_document(*text, descriptor.digest);
+    const std::string own_type = zncctl::text_of(manifest.get(), "mediaType");
+    if (zncctl::member(manifest.get(), "manifests") != nullptr ||
+        (!own_type.empty() && own_type != descriptor.type))
+        throw Failure(descriptor.digest, "says that it is of another type than the index says");
+    image.annotations.reset(cJSON_CreateObject());
+    copy_annotations(image.annotations, zncctl::member(manifest.get(), "annotations"), false);
+    copy_annotations(image.annotations, context.annotations, true);
+    read_manifest(image, manifest.get());
+    return image;
+}
+
+void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest) const
+{
+    const std::string& where = image.manifest_digest;
+    const Descriptor config = read_descriptor(zncctl::member(manifest, "config"), where);
+    if (config.type != kConfig && config.type != kDockerConfig) {
+        image.problem = fmt::format("its configuration is of the type \"{}\", which is no image's",
+                                    config.type);
+        return;
+    }
+    read_layers(image, manifest);
+    const std::optional<std::string> text = document(config);
+    if (text)
+        read_config(image, parse_document(*text, config.digest));
+    else
+        image.problem = fmt::format("the blob {} is missing", config.digest);
+}
+
+void LayoutSource::read_layers(SourceImage& image, const cJSON* manifest) const
+{
+    const cJSON* layers = zncctl::member(manifest, "layers");
+    if (cJSON_IsArray(layers) == 0)
+        throw Failure(image.manifest_digest, "has no list of layers");
+    const cJSON* json = nullptr;
+    cJSON_ArrayForEach(json, layers)
+    {
+        const Descriptor layer = read_descriptor(json, image.manifest_digest);
+        if (!is_layer(layer.type))
+            image.problem = fmt::format("layers of the type \"{}\" cannot be imported", layer.type);
+        else if (!layer.digest.starts_with("sha256:"))
+            image.problem =
+                fmt::format("the digest {} is of another kind than sha256", layer.digest);
+        image.layers.push_back({layer.digest, layer.digest, "", layer.size});
+    }
+}
+
+ReaderPtr LayoutSource::open(const Layer& layer)
+{
+    const std::optional<FilePart> file = files_->find(blob_name(layer.digest));
+    if (!file)
+        throw Failure(layer.name, "the blob is missing");
+    if (file->extent.size != static_cast<std::uint64_t>(layer.size))
+        throw Failure(layer.name,
+                      fmt::format("the blob has {} bytes, not {}", file->extent.size, layer.size));
+    return file->read();
+}
+
+} // namespace
+
+SourcePtr layout_source(ImageFilesPtr files, const Limits& limits)
+{
+    return std::make_unique<LayoutSource>(std::move(files), limits);
+}
+
+} // namespace zncimport
