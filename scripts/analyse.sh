@@ -29,7 +29,7 @@ clang_tidy() {
     cmake --preset clang &&
         cmake --build --preset clang -j "$jobs" --target zncontainer zncd zncctl &&
         run-clang-tidy -quiet -j "$jobs" -p build/clang \
-            "^$PWD/(cli|container|daemon|platform)/.*\\.cpp\$"
+            "^$PWD/(cli|container|daemon|import|platform)/.*\\.cpp\$"
 }
 
 # Switched off: what only says that something could be written in another way, what a file alone
@@ -40,8 +40,8 @@ run_cppcheck() {
         --suppressions-list=cmake/cppcheck-suppressions.txt \
         --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL -DZNC_VERSION='"1.0.0"' \
         -I container/runtime/include -I container/runtime/src -I platform/include -I platform/linux \
-        -I daemon -I cli \
-        cli container/runtime/src daemon platform
+        -I daemon -I cli -I import \
+        cli container/runtime/src daemon import platform
 }
 
 # Code in C: the exported version and the programs of the tests.

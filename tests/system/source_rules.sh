@@ -18,13 +18,18 @@ forbid() {
     fi
 }
 
-forbid 'no timed queue calls: their clock jumps' 'mq_timed' container platform daemon cli
+forbid 'no timed queue calls: their clock jumps' 'mq_timed' container platform daemon cli import
 forbid 'no wait follows a clock that jumps' \
     'gettimeofday|system_clock::|pthread_(cond|mutex|rwlock)_timed|sem_timedwait|timerfd_create\(CLOCK_REALTIME|TIMER_ABSTIME.*REALTIME|nanosleep\(CLOCK_REALTIME' \
-    container platform daemon cli
+    container platform daemon cli import
 linux_headers='^[[:space:]]*#[[:space:]]*include[[:space:]]*<(linux/|asm/|sched\.h|mqueue\.h|sys/(mount|pidfd|prctl|capability|signalfd|epoll|syscall|vfs|xattr|inotify|eventfd|timerfd|sysmacros)\.h)'
 forbid 'Linux headers stay in platform/linux: library' "$linux_headers" container platform/include
 forbid 'Linux headers stay in platform/linux: command line' "$linux_headers" cli
+import_sources=$(find import -name '*.[ch]pp' ! -name confine.cpp)
+import_headers=${linux_headers/|xattr/} # attributes and device numbers are what images hold
+# shellcheck disable=SC2086
+forbid 'Linux headers stay in platform/linux: import, but for what confines it' \
+    "${import_headers/|sysmacros/}" $import_sources
 forbid 'the daemon uses signalfd and nothing else of Linux' \
     "${linux_headers/|signalfd/}" daemon
 forbid 'the library has no code for one kernel' '__linux__|__gnu_linux__' container platform/include
@@ -38,7 +43,7 @@ forbid 'scripts do not throw failures away' '\|\| (true|:)' \
 # A call or a constant may run over several lines: join each up to its semicolon before looking.
 # A call may name a constant (kDirFlags); then the constant must say O_CLOEXEC.
 statements() {
-    find container platform -name '*.[ch]pp' -o -name '*.[ch]' | while IFS= read -r file; do
+    find container platform import -name '*.[ch]pp' -o -name '*.[ch]' | while IFS= read -r file; do
         tr '\n' ' ' <"$file" | grep -oE "$1" | sed "s|^|$file: |"
     done
 }

@@ -1,0 +1,166 @@
+#include "import.hpp"
+
+#include "confine.hpp"
+#include "convert.hpp"
+#include "documents.hpp"
+#include "files.hpp"
+#include "layout.hpp"
+#include "layout_writer.hpp"
+
+#include <array>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <optional>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "zncontainer.h"
+
+namespace zncimport {
+namespace {
+
+struct Pipe {
+    znc::UniqueFd read;
+    znc::UniqueFd write;
+
+    static Pipe make()
+    {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+            throw Failure("", zncctl::error_text());
+        return {znc::UniqueFd(ends[0]), znc::UniqueFd(ends[1])};
+    }
+};
+
+// What the reading process writes to, and reads from.
+struct Work {
+    const Options& options;
+    OpenedSource source;
+    Spool spool;
+    std::vector<NewBlob> blobs;
+
+    [[nodiscard]] std::vector<int> files() const
+    {
+        std::vector<int> files;
+        for (const NewBlob& blob : blobs)
+            files.push_back(blob.fd());
+        return files;
+    }
+};
+
+std::string worked(Work& work, int answer)
+{
+    try {
+        const std::vector<int> files = work.files();
+        std::vector<int> kept = files;
+        kept.insert(kept.end(), {answer, work.source.fd.get(), work.spool.fd()});
+        confine(kept, work.source.directory ? work.source.fd.get() : -1);
+        return write_outcome(convert(work.options, work.source, work.spool, files));
+    } catch (const Failure& failure) {
+        return write_failure(failure);
+    } catch (const std::exception& e) {
+        return write_failure({"", e.what()});
+    }
+}
+
+std::string read_answer(int fd)
+{
+    constexpr std::size_t kMost = std::size_t{256} << 20U;
+    std::string answer;
+    std::array<char, 65536> part{};
+    while (answer.size() < kMost) {
+        const ssize_t got = ::read(fd, part.data(), part.size());
+        if (got > 0)
+            answer.append(part.data(), static_cast<std::size_t>(got));
+        else if (got == 0 || errno != EINTR)
+            break;
+    }
+    return answer;
+}
+
+// The work in a process of its own, waited for.
+Outcome work_apart(Work& work)
+{
+    Pipe answer = Pipe::make();
+    std::fflush(nullptr);
+    const pid_t worker = ::fork();
+    if (worker < 0)
+        throw Failure("", zncctl::error_text());
+    if (worker == 0) {
+        const std::string text = worked(work, answer.write.get());
+        ::_exit(zncctl::write_all(answer.write.get(), text) ? 0 : 1);
+    }
+    answer.write.reset();
+    const std::string text = read_answer(answer.read.get());
+    int status = 0;
+    while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFSIGNALED(status))
+        throw Failure("", fmt::format("the process that read the image was ended by signal {}",
+                                      WTERMSIG(status)));
+    return read_outcome(text);
+}
+
+void put(const LayoutWriter& layout, const Options& options, const Work& work,
+         const Outcome& outcome, const std::string& tag)
+{
+    layout.check_tag(tag, outcome.os, outcome.arch, options.replace);
+    if (outcome.layers.size() > work.blobs.size())
+        throw Failure("", "the process that read the image gave no usable answer");
+    for (std::size_t i = 0; i < outcome.layers.size(); i++)
+        layout.keep(work.blobs[i], outcome.layers[i].digest);
+    static_cast<void>(layout.add_blob(outcome.config));
+    layout.add_to_index({layout.add_blob(outcome.manifest), outcome.manifest.size(), tag,
+                         outcome.os, outcome.arch, outcome.variant});
+}
+
+// One image that the library refuses keeps it from reading any other of its layout.
+void warn_of_neighbours(const std::string& layout)
+{
+    std::string problem;
+    const auto images = zncctl::read_layout(layout, problem);
+    if (images && images->size() < 2)
+        return;
+    const znc::MallocPtr<char> document(
+        zncctl::call_library([&] { return zncImageInfoGet(layout.c_str()); }));
+    if (document == nullptr)
+        zncctl::print_hint(fmt::format(
+            "the layout also holds an image that cannot be unpacked, and while it does no image of "
+            "it can; 'zncctl image check {}' tells which; a layout of its own avoids that",
+            layout));
+}
+
+// Standard error gets what was lost even when that ends the import.
+void tell(const Options& options, const Outcome& outcome)
+{
+    if (!outcome.summary.empty())
+        std::fputs(fmt::format("zncctl: {}\n", outcome.summary).c_str(), stderr);
+    if (!options.report.empty() &&
+        !zncctl::replace_file(AT_FDCWD, options.report.c_str(), outcome.report))
+        throw Failure(options.report, zncctl::error_text());
+}
+
+} // namespace
+
+int import_image(const Options& options)
+{
+    Work work = {options, open_source(options.source), Spool(), {}};
+    std::optional<LayoutWriter> layout;
+    if (!options.dry_run) {
+        layout.emplace(options.layout);
+        while (work.blobs.size() < (options.split ? kSplitMax + 1 : 1))
+            work.blobs.push_back(layout->begin_blob());
+    }
+    const Outcome outcome = work_apart(work);
+    tell(options, outcome);
+    if (options.strict && outcome.losses != 0)
+        throw Failure("", "something would be lost, and --strict forbids it");
+    if (layout) {
+        const std::string own = outcome.tag.empty() ? zncctl::kDefaultTag : outcome.tag;
+        put(*layout, options, work, outcome, options.tag.empty() ? own : options.tag);
+        warn_of_neighbours(options.layout);
+    }
+    return options.quiet ? zncctl::kExitOk : zncctl::print_result(digest_of(outcome.manifest));
+}
+
+} // namespace zncimport

@@ -1,0 +1,51 @@
+// zncctl-import - executed by `zncctl import`, with the words behind that command's name.
+#include "import.hpp"
+#include "parse.hpp"
+#include "usage.hpp"
+
+#include <clocale>
+#include <cstdio>
+
+namespace {
+
+// `problem` empty: it was told already.
+int bad_usage(const zncctl::Command& command, std::string_view problem)
+{
+    if (!problem.empty())
+        static_cast<void>(zncctl::usage_failure(problem));
+    std::fputs(zncctl::usage_line(command).c_str(), stderr);
+    return zncctl::kExitUsage;
+}
+
+int run(std::span<char* const> words)
+{
+    char name[] = "import";
+    char* const command_name[] = {name};
+    const zncctl::Command& command = *zncctl::find_command(command_name).command;
+    const zncctl::Parsed parsed = zncctl::parse(command, words);
+    if (parsed.help)
+        return zncctl::print_result(zncctl::help_text(command));
+    if (!parsed.problem.empty())
+        return bad_usage(command, parsed.problem);
+    try {
+        return zncimport::import_image(zncimport::read_options(parsed.args));
+    } catch (const zncimport::Failure& failure) {
+        if (failure.status() == zncctl::kExitUsage)
+            return bad_usage(command, failure.what());
+        return zncctl::failure(failure.object(), failure.what(), failure.status());
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Names in archives are UTF-8, or bytes that are passed on as they are.
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    try {
+        return run(
+            std::span<char* const>(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
+    } catch (const std::exception& e) {
+        return zncctl::failure("", e.what());
+    }
+}

@@ -1,0 +1,35 @@
+// options.hpp - what the user asked of an import, from the checked words of the command. Used by
+// main.cpp and import.cpp.
+#ifndef ZNCIMPORT_OPTIONS_HPP
+#define ZNCIMPORT_OPTIONS_HPP
+
+#include "command.hpp"
+#include "gzip_writer.hpp"
+#include "image_config.hpp"
+#include "source.hpp"
+
+namespace zncimport {
+
+struct Options {
+    SourceName source;
+    Wanted wanted;
+    std::string layout;
+    std::string tag; // "": the source image's own, or the default
+    bool replace = false;
+    bool split = false;
+    bool strict = false;
+    bool dry_run = false;
+    bool quiet = false;
+    std::string report; // a file, "" for none
+    Compressor compressor = Compressor::kIsal;
+    EmitOptions emit;
+    ConfigOptions config;
+    Limits limits;
+};
+
+// Throws Failure (usage) for values that are none.
+Options read_options(const zncctl::Arguments& args);
+
+} // namespace zncimport
+
+#endif

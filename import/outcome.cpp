@@ -1,0 +1,98 @@
+#include "outcome.hpp"
+
+#include <algorithm>
+
+namespace zncimport {
+namespace {
+
+using zncctl::add_number;
+using zncctl::add_text;
+using zncctl::Json;
+using zncctl::member;
+using zncctl::text_of;
+
+bool is_digest(const std::string& text)
+{
+    constexpr std::string_view kStart = "sha256:";
+    constexpr std::size_t kDigits = 64;
+    return text.size() == kStart.size() + kDigits && text.starts_with(kStart) &&
+           text.find_first_not_of("0123456789abcdef", kStart.size()) == std::string::npos;
+}
+
+std::uint64_t number_of(const cJSON* object, const char* key)
+{
+    constexpr double kMost = 9007199254740992.0; // whole numbers up to here are exact
+    const cJSON* item = member(object, key);
+    if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0 && item->valuedouble <= kMost))
+        throw Failure("", "the process that read the image gave no usable answer");
+    return static_cast<std::uint64_t>(item->valuedouble);
+}
+
+NewLayer layer_of(const cJSON* object)
+{
+    NewLayer layer = {text_of(object, "digest"), text_of(object, "diff_id"),
+                      number_of(object, "size")};
+    if (!is_digest(layer.digest) || !is_digest(layer.diff_id))
+        throw Failure("", "the process that read the image gave no usable answer");
+    return layer;
+}
+
+} // namespace
+
+std::string write_outcome(const Outcome& outcome)
+{
+    const Json document(cJSON_CreateObject());
+    cJSON* layers = cJSON_AddArrayToObject(document.get(), "layers");
+    for (const NewLayer& layer : outcome.layers) {
+        cJSON* object = cJSON_CreateObject();
+        cJSON_AddItemToArray(layers, object);
+        add_text(object, "digest", layer.digest);
+        add_text(object, "diff_id", layer.diff_id);
+        add_number(object, "size", static_cast<double>(layer.size));
+    }
+    add_text(document.get(), "config", outcome.config);
+    add_text(document.get(), "manifest", outcome.manifest);
+    add_text(document.get(), "tag", outcome.tag);
+    add_text(document.get(), "os", outcome.os);
+    add_text(document.get(), "architecture", outcome.arch);
+    add_text(document.get(), "variant", outcome.variant);
+    add_number(document.get(), "losses", static_cast<double>(outcome.losses));
+    add_text(document.get(), "summary", outcome.summary);
+    add_text(document.get(), "report", outcome.report);
+    return zncctl::compact(document.get());
+}
+
+std::string write_failure(const Failure& failure)
+{
+    const Json document(cJSON_CreateObject());
+    add_text(document.get(), "error", failure.what());
+    add_text(document.get(), "object", failure.object());
+    add_number(document.get(), "status", failure.status());
+    return zncctl::compact(document.get());
+}
+
+Outcome read_outcome(const std::string& text)
+{
+    const Json document = zncctl::parse_json(text);
+    if (cJSON_HasObjectItem(document.get(), "error") != 0)
+        throw Failure(text_of(document.get(), "object"), text_of(document.get(), "error"),
+                      static_cast<zncctl::ExitStatus>(number_of(document.get(), "status") & 0xffU));
+    Outcome outcome;
+    const cJSON* object = nullptr;
+    cJSON_ArrayForEach(object, member(document.get(), "layers"))
+        outcome.layers.push_back(layer_of(object));
+    outcome.config = text_of(document.get(), "config");
+    outcome.manifest = text_of(document.get(), "manifest");
+    outcome.tag = text_of(document.get(), "tag");
+    outcome.os = text_of(document.get(), "os");
+    outcome.arch = text_of(document.get(), "architecture");
+    outcome.variant = text_of(document.get(), "variant");
+    outcome.losses = number_of(document.get(), "losses");
+    outcome.summary = text_of(document.get(), "summary");
+    outcome.report = text_of(document.get(), "report");
+    if (outcome.layers.empty() || outcome.config.empty() || outcome.manifest.empty())
+        throw Failure("", "the process that read the image gave no usable answer");
+    return outcome;
+}
+
+} // namespace zncimport
