@@ -81,6 +81,7 @@ int cmd_delete(const Arguments& args);
 int cmd_image_check(const Arguments& args);
 int cmd_image_inspect(const Arguments& args);
 int cmd_image_ls(const Arguments& args);
+int cmd_import(const Arguments& args);
 int cmd_info(const Arguments& args);
 int cmd_inspect(const Arguments& args);
 int cmd_kill(const Arguments& args);

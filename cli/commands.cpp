@@ -75,6 +75,32 @@ constexpr Option kUnpackOptions[] = {
     kArch,
     {0, "flatten", nullptr, "one merged tree instead of shared layers"},
     kProgress};
+constexpr Option kImportOptions[] = {
+    {'t', "tag", "TAG", "the new image's name (default: that of the source, or latest)"},
+    {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},
+    {0, "set-os", "OS", "give the new image this operating system"},
+    {0, "set-arch", "ARCH", "give the new image this architecture"},
+    {'f', "force", nullptr, "replace an image of that name and platform"},
+    {'n', "dry-run", nullptr, "only tell what would become of it"},
+    {0, "split", nullptr, "keep lower layers apart that no later one changes"},
+    {0, "hardlinks", "HOW", "\"auto\" (default: copies, links beyond --max-hardlink-bytes)",
+     Word::kChoice, "auto copy symlink"},
+    {0, "devices", "HOW", "devices and FIFOs outside dev: \"fail\" (default), \"drop\" or \"keep\"",
+     Word::kChoice, "fail drop keep"},
+    {0, "long-links", "HOW", "targets too long in every form: \"fail\" (default) or \"hop\"",
+     Word::kChoice, "fail hop"},
+    {0, "skip-unrepresentable", nullptr, "leave out names and sizes that cannot be carried"},
+    {0, "strict", nullptr, "fail when anything is lost"},
+    {0, "report", "FILE", "list there what was lost or changed, as JSON", Word::kFile},
+    {0, "compress", "HOW", "\"isal\" (default) or \"zlib\"", Word::kChoice, "isal zlib"},
+    {0, "max-entries", "N", "members of all layers (default: 1000000)"},
+    {0, "max-bytes", "N", "plain bytes of all layers (default: 34359738368)"},
+    {0, "max-ratio", "N", "plain bytes for each compressed one (default: 1100)"},
+    {0, "max-depth", "N", "names in a path (default: 128)"},
+    {0, "max-json", "N", "bytes of a document (default: 4194304)"},
+    {0, "max-hardlink-bytes", "N", "added by copies of hard links (default: 16777216)"},
+    {'q', "quiet", nullptr, "do not print the new image's digest"},
+};
 constexpr Option kImageLsOptions[] = {{'q', "quiet", nullptr, "tags only"}, kFormat};
 constexpr Option kImageCheckOptions[] = {{'q', "quiet", nullptr, "exit status only"}, kFormat};
 constexpr Option kSpecOptions[] = {
@@ -119,6 +145,8 @@ constexpr Command kCommands[] = {
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"unpack", "", "LAYOUT BUNDLE", "make a bundle from an image", kUnpackOptions, 2, 2, kDir, "",
      cmd_unpack},
+    {"import", "", "SOURCE LAYOUT[:TAG]", "make an image of any kind one that can be unpacked",
+     kImportOptions, 2, 2, Word::kFile, "", cmd_import},
     {"image inspect",
      "",
      "LAYOUT",

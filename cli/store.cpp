@@ -41,9 +41,9 @@ void explain(int error, const Wanted& wanted)
     case EFBIG:
     case ENAMETOOLONG:
         print_hint(
-            fmt::format("a layer may need to be imported first; 'zncctl image check {}' says "
-                        "which one and why",
-                        wanted.image.layout));
+            fmt::format("the image may have to be imported: 'zncctl import {}:{} NEW-LAYOUT' makes "
+                        "one that can be unpacked; 'zncctl image check {}' says why",
+                        wanted.image.layout, wanted.image.tag, wanted.image.layout));
         break;
     default:
         break;

@@ -1,5 +1,5 @@
 # What is installed where, by component: "library" (the shared library), "dev" (what building against it
-# needs), "tools" (zncctl and zncd). The directories are those of GNUInstallDirs.
+# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command). The directories are those of GNUInstallDirs.
 include(CMakePackageConfigHelpers)
 
 set(ZNC_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zncontainer)
@@ -9,6 +9,7 @@ install(TARGETS zncontainer EXPORT zncontainerTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS zncctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS zncctl-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/zncontainer COMPONENT import)
 install(TARGETS zncd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
 
 install(FILES

@@ -1,5 +1,5 @@
-# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools ("znc" is another
-# program's name). scripts/package.sh builds them.
+# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools, zncontainer-import
+# ("znc" is another program's name). scripts/package.sh builds them.
 set(ZNC_PACKAGE_MAINTAINER "zncontainer maintainers <zncontainer@${CMAKE_PROJECT_NAME}.example.org>"
     CACHE STRING "Name and address that the packages show as their maintainer's")
 set(ZNC_PACKAGE_RELEASE 1)
@@ -12,7 +12,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # Each package brings its own; the project's would become the first line of all of them.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT ${ZNC_PACKAGE_MAINTAINER})
-set(CPACK_COMPONENTS_ALL library dev tools)
+set(CPACK_COMPONENTS_ALL library dev tools import)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # The packages' prefix, whatever that of the build is.
@@ -65,12 +65,22 @@ The daemon is started when the package is installed.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zncontainer-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzncontainer1 ${ZNC_SAME_VERSION}")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS systemd)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "systemd, zncontainer-import")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
     ${ZNC_DEBIAN}/postinst ${ZNC_DEBIAN}/prerm ${ZNC_DEBIAN}/postrm)
 
+# A package of its own for the libraries it alone needs, which are many times as large as the rest.
+set(CPACK_COMPONENT_IMPORT_DESCRIPTION "import of container images of any kind
+Lets \"zncctl import\" turn images with whiteouts, hard links, extended
+headers or other compressions, in archives or layouts, and root filesystems
+into image layouts that the container runtime library unpacks.")
+set(CPACK_DEBIAN_IMPORT_PACKAGE_NAME zncontainer-import)
+set(CPACK_DEBIAN_IMPORT_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_IMPORT_PACKAGE_DEPENDS
+    "libzncontainer1 ${ZNC_SAME_VERSION}, zncontainer-tools ${ZNC_SAME_VERSION}")
+
 # What every package says of itself.
-foreach(COMPONENT LIBRARY DEV TOOLS)
+foreach(COMPONENT LIBRARY DEV TOOLS IMPORT)
     string(TOLOWER ${COMPONENT} component)
     install(FILES ${ZNC_DEBIAN}/copyright
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME}

@@ -2,7 +2,7 @@
 if(NOT ZNC_SANITIZE AND NOT ZNC_COVERAGE)
     add_test(NAME hardening_test
         COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/hardening_test.sh
-            $<TARGET_FILE:zncontainer> $<TARGET_FILE:zncd> $<TARGET_FILE:zncctl> $<TARGET_FILE:zn_helper>
+            $<TARGET_FILE:zncontainer> $<TARGET_FILE:zncd> $<TARGET_FILE:zncctl> $<TARGET_FILE:zncctl-import> $<TARGET_FILE:zn_helper>
             $<TARGET_FILE:znc_runtime>:$<TARGET_FILE:zn_platform>
             $<IF:$<CONFIG:Debug>,0,1>)
 endif()

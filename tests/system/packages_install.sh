@@ -48,8 +48,11 @@ check 'the development files are installed' install_package libzncontainer-dev
 check 'the headers are there' test -e "$root/usr/include/zncprotocol.h"
 check 'the functions have manual pages' inside sh -c 'gunzip -c /usr/share/man/man3/zncStart.3.gz'
 check 'the tools are installed' install_package zncontainer-tools
+without_import() { inside zncctl import /srv/tree /srv/new 2>&1 | grep 'zncontainer-import'; }
+check 'without its package import says what to install' without_import
+check 'the import is installed' install_package zncontainer-import
 check 'what was packed is what is there' \
-    inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools
+    inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools zncontainer-import
 check 'zncctl runs' inside zncctl --help
 check 'zncd runs' inside zncd --version
 check 'the daemon is enabled' \
@@ -118,12 +121,19 @@ step 'it is stopped' web zncctl stop web
 step 'its exit code is known' 143 zncctl wait web
 step 'it is deleted' web zncctl delete web
 step 'what is stored is told' 'layer +1 .*' zncctl storage df
+tar --format=gnu -C "$work/image" -czf "$root/srv/tree.tar.gz" .
+imported() { shown 'sha256:[0-9a-f]{64}' zncctl import /srv/tree.tar.gz /srv/imported:tree; }
+check 'a root filesystem is imported' imported
+check 'what was imported is unpacked' \
+    inside zncctl unpack --tag tree --progress none /srv/imported /srv/bundle
+tree=$(jq -r .root.path "$root/srv/bundle/config.json")
+check 'it is what was in the archive' cmp "$work/image/bin/hello" "$root$tree/bin/hello"
 step 'what is stored is removed' 'layer /ram0/.*' zncctl storage gc
 kill -TERM "$daemon"
 check 'the daemon ends when told to' wait "$daemon"
 daemon=
 cat "$work/zncd.log"
-rm -rf "$root/srv/image" "$root/overlay"
+rm -rf "$root/srv" "$root/overlay"
 
 debs=("$root"/debs/*.deb)
 reinstall() { apt install --reinstall "${debs[@]#"$root"}"; }
@@ -133,7 +143,8 @@ check 'the tools do not stay without the library' would_go libzncontainer1 zncon
 check 'the development files do not stay without the library' would_go libzncontainer1 libzncontainer-dev
 check 'the tools are removed' apt remove zncontainer-tools
 check 'their programs are gone' not test -e "$root/usr/bin/zncctl"
-check 'everything is purged' apt purge --auto-remove zncontainer-tools libzncontainer-dev libzncontainer1
+check 'everything is purged' apt purge --auto-remove zncontainer-import zncontainer-tools \
+    libzncontainer-dev libzncontainer1
 check 'dpkg knows none of them any more' not inside dpkg --status zncontainer-tools libzncontainer1
 same_contents() { contents | diff "$work/before" -; }
 check 'nothing of them is left' same_contents
