@@ -25,8 +25,9 @@ declare -A dictionary=([tar_stream]=tar [extract]=tar [gzip]=gzip [image_layout]
     [image_config]=config [bundle_config]=config [request]=message [reply]=message [paths]=paths)
 declare -A longest=([tar_stream]=6144 [extract]=6144 [extract_names]=200 [gzip]=16384
     [image_layout]=8192 [image_config]=4096 [bundle_config]=4096 [request]=2100 [reply]=16384
-    [paths]=1024)
-all=(tar_stream extract gzip image_layout request extract_names reply bundle_config image_config paths)
+    [paths]=1024 [import_merge]=260)
+all=(tar_stream extract gzip image_layout request extract_names reply bundle_config image_config paths
+    import_merge)
 [[ $# -gt 0 ]] || set -- "${all[@]}"
 for target in "$@"; do
     if [[ -z ${longest[$target]-} ]]; then

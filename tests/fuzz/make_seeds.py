@@ -217,10 +217,25 @@ def names():
     yield "retyped", bytes([2, 2, 2, 0, 0, 0, 4, 0, 2, 0, 0, 2, 0, 9, 0, 0, 2, 0, 9])
 
 
+def merges():
+    """The numbers are those of import_merge_fuzz.cpp: parent and name in one byte."""
+    FILE, DIRECTORY, LINK, HARD_LINK, END = 0, 1, 2, 3, 15
+    yield "whiteout", bytes([0, FILE, 0x10, 0, 8, FILE, 0x11, 0, 8, END, FILE, 0x17, 0, 8])
+    yield "opaque", bytes([0, FILE, 0x10, 0, 8, END, FILE, 0x12, 0, 8, FILE, 0x19, 0, 8])
+    yield "linked", bytes([0, LINK, 0x03, 0x01, 8, FILE, 0x40, 0, 8, END, FILE, 0x47, 0, 8])
+    yield "hardlinks", bytes([1, HARD_LINK, 0x00, 0x01, 8, FILE, 0x01, 0, 136, HARD_LINK, 0x12, 0, 8])
+    yield "copies", bytes([0, FILE, 0x00, 0, 136, HARD_LINK, 0x01, 0, 8, HARD_LINK, 0x02, 0, 8])
+    yield "retyped", bytes([0, DIRECTORY, 0x00, 0, 8, FILE, 0x10, 0, 8, LINK, 0x00, 1, 8, FILE, 0x10, 0, 8])
+    yield "store", bytes([0, HARD_LINK, 0x00, 0xf0, 8, FILE, 0xf0, 0, 8])
+    yield "hops", bytes([64, DIRECTORY, 0xc3, 0, 8, LINK, 0x10, 0xd1, 9, LINK, 0x11, 0xcd, 10])
+    yield "dropped", bytes([131, FILE, 0x0b, 0, 16, 4, 0x80, 0, 36, 5, 0x10, 0, 0, FILE, 0x0e, 0, 96])
+
+
 TARGETS = {
     "tar_stream": archives, "extract": archives, "extract_names": names, "gzip": gzips,
     "image_layout": layouts, "image_config": image_configs, "bundle_config": bundles,
     "request": requests, "reply": replies, "paths": paths,
+    "import_merge": merges,
 }
 
 
