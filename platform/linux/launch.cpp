@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -71,11 +72,18 @@ ZN_PLAIN bool copy_mounts(int mounts)
                           ::syscall(SYS_unshare, CLONE_NEWNS) == 0);
 }
 
+// Until here the child shares the caller's descriptors: nothing may be opened or closed before.
+ZN_PLAIN bool own_descriptors(int copyBelow)
+{
+    return copyBelow == 0 || ::syscall(SYS_close_range, copyBelow, ~0U, CLOSE_RANGE_UNSHARE) == 0;
+}
+
 ZN_PLAIN int child_main(void* argument)
 {
     auto* child = static_cast<Child*>(argument);
     const Launch& launch = *child->launch;
-    if (copy_mounts(launch.mounts) && place_descriptors(launch))
+    if (own_descriptors(launch.copyBelow) && copy_mounts(launch.mounts) &&
+        place_descriptors(launch))
         ::syscall(SYS_execveat, launch.closeFrom, "", launch.argv, launch.envp, AT_EMPTY_PATH);
     child->error = errno;
     ::syscall(SYS_exit, 127);
@@ -120,10 +128,12 @@ pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
     sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     Child child = {&launch, 0};
+    const unsigned long sharing = launch.copyBelow != 0 ? CLONE_FILES : 0;
     int fd = -1;
     const int pid = ::__clone(
         child_main, reinterpret_cast<void*>(top),
-        static_cast<int>(launch.cloneFlags | CLONE_VM | CLONE_VFORK | CLONE_PIDFD), &child, &fd);
+        static_cast<int>(launch.cloneFlags | sharing | CLONE_VM | CLONE_VFORK | CLONE_PIDFD),
+        &child, &fd);
     const int cloneError = errno;
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (pid < 0) {

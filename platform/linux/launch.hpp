@@ -27,6 +27,9 @@ struct Launch {
     char* const* argv;
     char* const* envp;
     int mounts = -1; // a mount namespace: the helper gets a copy of it as its own
+    // Not 0: all of the above are below it, and the caller's descriptors from there up, which may
+    // be many, are not even copied.
+    int copyBelow = 0;
 };
 
 // Start it. All signals are blocked in it, so that none arrives half-way. Returns its process id, a

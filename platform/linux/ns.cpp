@@ -27,6 +27,7 @@ using znc::UniqueFd;
 
 constexpr int kReapMilliseconds = 100;
 constexpr int kRecoverMilliseconds = 2000;
+constexpr std::size_t kBuckets = 256;
 
 // One mount that znnsMount made, newest first.
 struct MountEntry {
@@ -61,7 +62,7 @@ using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 // The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
 // for both; a call holds it while it talks to a keeper, which is bounded.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-Namespace* g_namespaces = nullptr;
+Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
 Namespace* g_dying = nullptr;
 
 void reap_dying()
@@ -90,7 +91,7 @@ class Locked {
 
 Namespace** find_link(nsid_t id)
 {
-    Namespace** at = &g_namespaces;
+    Namespace** at = &g_namespaces[static_cast<std::size_t>(id) % kBuckets];
     while (*at != nullptr && (*at)->id != id)
         at = &(*at)->next;
     return at;
@@ -365,8 +366,7 @@ nsid_t znnsCreate(int /*flags*/)
     if (ns->id < 0 || !ns->keeper.start())
         return -1;
     const nsid_t id = ns->id;
-    ns->next = g_namespaces;
-    g_namespaces = ns.release();
+    *find_link(id) = ns.release(); // behind the last one of its bucket
     return id;
 }
 
@@ -482,8 +482,9 @@ int znnsRecover(void)
 int znnsShutdown(void)
 {
     const Locked lock;
-    while (g_namespaces != nullptr)
-        end_namespace(&g_namespaces);
+    for (Namespace*& bucket : g_namespaces)
+        while (bucket != nullptr)
+            end_namespace(&bucket);
     int left = 0;
     for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
         left += ns->keeper.ended(kReapMilliseconds) ? 0 : 1;

@@ -1,4 +1,5 @@
 #include "zncContainerLib.hpp"
+#include "zncContextIndex.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/ns.h"
@@ -11,7 +12,7 @@ namespace {
 using znc::fail_with;
 using znc::LockedContext;
 
-constexpr std::size_t kIdCompared = 255; // as many as a context keeps, terminator included
+constexpr std::size_t kIdCompared = znc::ContextIndex::kIdCompared;
 constexpr std::size_t kIdBuffer = 256;
 constexpr int kListWaitSeconds = 5;
 constexpr int kSignalKill = 9;
@@ -40,19 +41,8 @@ class ListLock {
     bool held_;
 };
 
-bool same_id(const CONTAINER_CTX* ctx, const char* id)
-{
-    return std::strncmp(ctx->state.containerId, id, kIdCompared) == 0;
-}
-
-// The caller holds the list.
-CONTAINER_CTX* find_by_id(const char* id)
-{
-    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next)
-        if (same_id(context_of(node), id))
-            return context_of(node);
-    return nullptr;
-}
+// What is on the list, for look-ups by identity. The caller of what uses it holds the list.
+znc::ContextIndex list_index;
 
 CONTAINER_CTX* find_by_bundle(const char* bundle)
 {
@@ -83,15 +73,12 @@ LockedContext lock_existing(const char* containerId)
 
 void unlink_node(SL_NODE* node)
 {
-    SL_NODE* before = nullptr;
-    if (zncContainersList.head == node) {
+    CONTAINER_CTX* const neighbour = list_index.remove(context_of(node));
+    SL_NODE* const before = neighbour != nullptr ? &neighbour->containerNode : nullptr;
+    if (before == nullptr)
         zncContainersList.head = node->next;
-    } else {
-        before = zncContainersList.head;
-        while (before->next != node)
-            before = before->next;
+    else
         before->next = node->next;
-    }
     if (zncContainersList.tail == node)
         zncContainersList.tail = before;
 }
@@ -154,7 +141,7 @@ CONTAINER_CTX* zncContainerFindAndLock(const char* matchName, BOOL isBundle)
     const ListLock list;
     if (!list)
         return nullptr;
-    return lock_if_free(isBundle ? find_by_bundle(matchName) : find_by_id(matchName));
+    return lock_if_free(isBundle ? find_by_bundle(matchName) : list_index.find(matchName));
 }
 
 CONTAINER_CTX* zncContainerFindAndLockById(const char* containerId)
@@ -181,8 +168,10 @@ STATUS zncContainerAdd(CONTAINER_CTX* pCtx)
     const ListLock list;
     if (!list)
         return ERROR;
-    if (find_by_id(pCtx->state.containerId) != nullptr)
+    if (list_index.find(pCtx->state.containerId) != nullptr)
         return fail_with(S_zncLib_CONTAINER_EXISTS);
+    if (list_index.append(pCtx) != OK)
+        return ERROR;
     SL_NODE* const node = &pCtx->containerNode;
     node->next = nullptr;
     if (zncContainersList.tail != nullptr)
@@ -223,6 +212,7 @@ STATUS zncContainerInit()
     if (isInitialized)
         return OK;
     zncContainersList = {nullptr, nullptr};
+    list_index.clear();
     zncContainerSem = znMutexCreate(znc::kMutexOptions);
     if (zncContainerSem == nullptr)
         return ERROR;
@@ -312,7 +302,7 @@ STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState)
     const ListLock list;
     if (!list)
         return ERROR;
-    const LockedContext ctx(lock_if_free(find_by_id(containerId)));
+    const LockedContext ctx(lock_if_free(list_index.find(containerId)));
     if (!ctx)
         return fail_with(ENODEV);
     zncContainerCheckRunning(ctx.get());

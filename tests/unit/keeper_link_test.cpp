@@ -1,0 +1,114 @@
+// Keepers of an owner that has many descriptors: what they get of them, and what is left to him.
+#include "keeper_link.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using zn::Keeper;
+using znc::UniqueFd;
+
+constexpr int kMany = 300;
+
+std::set<std::string> descriptors_of(pid_t pid)
+{
+    std::set<std::string> numbers;
+    std::error_code error;
+    fs::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", error);
+    for (; !error && it != fs::directory_iterator(); it.increment(error))
+        numbers.insert(it->path().filename());
+    EXPECT_FALSE(error) << error.message();
+    return numbers;
+}
+
+std::size_t own_count()
+{
+    return descriptors_of(::getpid()).size();
+}
+
+class Keepers : public ::testing::Test {
+  protected:
+    // Some that a program would get over exec, some that it would not.
+    void SetUp() override
+    {
+        const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        for (int i = 0; i < kMany; i++)
+            many_.emplace_back(
+                ::fcntl(null.get(), i % 2 == 0 ? F_DUPFD : F_DUPFD_CLOEXEC, 20 + i % 3));
+        ASSERT_TRUE(std::all_of(many_.begin(), many_.end(),
+                                [](const UniqueFd& fd) { return static_cast<bool>(fd); }));
+    }
+    static void end(Keeper& keeper)
+    {
+        keeper.kill();
+        EXPECT_TRUE(keeper.ended(10000));
+        EXPECT_TRUE(keeper.reap());
+    }
+
+    std::vector<UniqueFd> many_;
+};
+
+} // namespace
+
+TEST_F(Keepers, HaveTheirSocketAndNothingOfTheirOwners)
+{
+    for (int round = 0; round < 3; round++) {
+        Keeper keeper;
+        ASSERT_TRUE(keeper.start()) << errno;
+        std::uint64_t used = 1;
+        EXPECT_EQ(keeper.ask(zn::wire::Op::kInUse, 0, &used), 0); // it runs its own program by now
+        EXPECT_EQ(used, 0U);
+        EXPECT_EQ(descriptors_of(keeper.pid()), std::set<std::string>{"0"});
+        end(keeper);
+    }
+}
+
+TEST_F(Keepers, LeaveTheirOwnerWhatHeHas)
+{
+    Keeper first; // which makes what all of them share
+    ASSERT_TRUE(first.start()) << errno;
+    const std::size_t before = own_count();
+    {
+        Keeper second;
+        ASSERT_TRUE(second.start()) << errno;
+        EXPECT_EQ(own_count(), before + 2);
+        end(second);
+    }
+    EXPECT_EQ(own_count(), before);
+    struct stat null = {};
+    ASSERT_EQ(::stat("/dev/null", &null), 0);
+    for (int i = 0; i < kMany; i++) {
+        const int fd = many_[static_cast<std::size_t>(i)].get();
+        struct stat st = {};
+        ASSERT_EQ(::fstat(fd, &st), 0) << fd;
+        EXPECT_EQ(st.st_rdev, null.st_rdev) << fd;
+        EXPECT_EQ(::fcntl(fd, F_GETFD), i % 2 == 0 ? 0 : FD_CLOEXEC) << fd;
+    }
+    end(first);
+}
+
+TEST_F(Keepers, AreMissedAsSoonAsTheyAreDead)
+{
+    Keeper one;
+    Keeper other;
+    ASSERT_TRUE(one.start()) << errno;
+    ASSERT_TRUE(other.start()) << errno;
+    // Had anybody else its end of the socket, the answer would be waited for.
+    ASSERT_EQ(::kill(one.pid(), SIGKILL), 0);
+    ASSERT_TRUE(one.ended(10000));
+    EXPECT_EQ(one.ask(zn::wire::Op::kInUse), ESRCH);
+    EXPECT_EQ(other.ask(zn::wire::Op::kInUse), 0);
+    EXPECT_TRUE(one.reap());
+    end(other);
+}
