@@ -13,3 +13,7 @@ znc_unit_test(zncRuntimeApi_image_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} 
 znc_unit_test(zncImageLib_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} ../support/fake_platform.cpp
               WRAP ${IMAGE_WRAP})
 target_link_options(zncImageLib_test PRIVATE -Wl,--wrap=openat)
+znc_unit_test(zncImageLib_ahead_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} ../support/fake_platform.cpp
+              WRAP ${IMAGE_WRAP})
+target_link_options(zncImageLib_ahead_test PRIVATE
+    -Wl,--wrap=mbedtls_sha256_finish_ret -Wl,--wrap=mbedtls_sha256_finish -Wl,--wrap=pthread_create)

@@ -2,13 +2,13 @@
 #include "zncImageLib.hpp"
 
 #include "alloc_fault.hpp"
+#include "eventually.hpp"
 #include "fake_platform.hpp"
 #include "layout_builder.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
@@ -707,12 +707,12 @@ class Child {
         }
     }
     void signal(int number) const { ::kill(pid_, number); }
-    // Stops it and waits until it stands still.
-    bool stop() const
+    // Waits until it has stopped; false if it ends instead.
+    [[nodiscard]] bool stands_still() const
     {
         int status = 0;
-        signal(SIGSTOP);
-        return ::waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+        return eventually([&] { return ::waitpid(pid_, &status, WUNTRACED | WNOHANG) != 0; }) &&
+               WIFSTOPPED(status);
     }
     bool succeeded()
     {
@@ -744,15 +744,22 @@ class Store : public Unpack {
     {
         return unpack(dir_ / name, 0, nullptr, tag.c_str()) == OK;
     }
-    // The directory that somebody extracts the big layer into, once it holds something.
-    std::optional<fs::path> wait_for_stage()
+    // Unpacks it in the middle of which the process stands still, with its hundredth file to be
+    // made.
+    bool stop_in_the_middle(const std::string& name)
     {
-        for (int round = 0; round < 100000; ++round) {
-            for (const std::string& name : names_in(store_))
-                if (name.starts_with(".unpack-") && fs::exists(fs::path(store_) / name / "f100"))
-                    return fs::path(store_) / name;
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        }
+        before_openat = [](const std::string& file) {
+            if (file == "f100")
+                ::kill(::getpid(), SIGSTOP);
+        };
+        return unpack_as(name, "big");
+    }
+    // The directory that somebody extracts the big layer into.
+    [[nodiscard]] std::optional<fs::path> stage() const
+    {
+        for (const std::string& name : names_in(store_))
+            if (name.starts_with(".unpack-") && fs::exists(fs::path(store_) / name / "f99"))
+                return fs::path(store_) / name;
         return std::nullopt;
     }
     void expect_store(const std::set<std::string>& layers)
@@ -768,16 +775,17 @@ class Store : public Unpack {
 
 TEST_F(Store, AnExtractionKilledLeavesNoLayerAndTheNextUnpackCleansUp)
 {
-    Child victim([&] { return unpack_as("b1", "big"); });
-    const std::optional<fs::path> stage = wait_for_stage();
-    ASSERT_TRUE(stage);
+    Child victim([&] { return stop_in_the_middle("b1"); });
+    ASSERT_TRUE(victim.stands_still());
+    const std::optional<fs::path> half = stage();
+    ASSERT_TRUE(half);
     victim.signal(SIGKILL);
     ASSERT_FALSE(victim.succeeded());
-    ASSERT_TRUE(fs::exists(*stage));
+    ASSERT_TRUE(fs::exists(*half));
     EXPECT_FALSE(fs::exists(store_ + "/" + hex_of(big_)));
 
     ASSERT_TRUE(unpack_as("b2", "small"));
-    EXPECT_FALSE(fs::exists(*stage));
+    EXPECT_FALSE(fs::exists(*half));
     expect_store({hex_of(top_)});
     ASSERT_TRUE(unpack_as("b3", "big"));
     expect_store({hex_of(top_), hex_of(big_)});
@@ -785,13 +793,12 @@ TEST_F(Store, AnExtractionKilledLeavesNoLayerAndTheNextUnpackCleansUp)
 
 TEST_F(Store, ALiveExtractionIsNotTakenForALeftover)
 {
-    Child slow([&] { return unpack_as("b1", "big"); });
-    const std::optional<fs::path> stage = wait_for_stage();
-    ASSERT_TRUE(stage);
-    ASSERT_TRUE(slow.stop());
-    ASSERT_TRUE(fs::exists(*stage));
+    Child slow([&] { return stop_in_the_middle("b1"); });
+    ASSERT_TRUE(slow.stands_still());
+    const std::optional<fs::path> half = stage();
+    ASSERT_TRUE(half);
     ASSERT_TRUE(unpack_as("b2", "small"));
-    EXPECT_TRUE(fs::exists(*stage / "f100"));
+    EXPECT_TRUE(fs::exists(*half / "f99"));
     slow.signal(SIGCONT);
     EXPECT_TRUE(slow.succeeded());
     expect_store({hex_of(top_), hex_of(big_)});
@@ -799,9 +806,9 @@ TEST_F(Store, ALiveExtractionIsNotTakenForALeftover)
 
 TEST_F(Store, OfTwoExtractionsOfOneLayerBothSucceedAndOneCopyStays)
 {
-    Child slow([&] { return unpack_as("b1", "big"); });
-    ASSERT_TRUE(wait_for_stage());
-    ASSERT_TRUE(slow.stop());
+    Child slow([&] { return stop_in_the_middle("b1"); });
+    ASSERT_TRUE(slow.stands_still());
+    ASSERT_TRUE(stage());
     ASSERT_TRUE(unpack_as("b2", "big"));
     const fs::path layer = store_ + "/" + hex_of(big_);
     layout::write_file(layer / "f0", "the first copy");

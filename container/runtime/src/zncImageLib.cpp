@@ -5,6 +5,7 @@
 #include "cJSON_Additions.h"
 #include "zarnel/fs.h"
 #include "zncProgress.hpp"
+#include "zncStoreAhead.hpp"
 #include "zncTreeLinks.hpp"
 #include "zncWorkAhead.hpp"
 
@@ -179,6 +180,7 @@ struct StoreJobs {
     const ZNC_IMAGE_MANIFEST* manifest;
     const char* base;
     std::size_t baseLen;
+    znc::StoreAhead* ahead;
 
     [[nodiscard]] const char* file(std::size_t k) const
     {
@@ -193,10 +195,23 @@ struct StoreJobs {
             return ERROR;
         std::memcpy(path.get(), jobs.base, jobs.baseLen);
         return layer_directory(jobs.file(k), path.get(), jobs.baseLen) == OK
-                   ? znc::store_layer(jobs.file(k), path.get(), jobs.baseLen)
+                   ? znc::store_layer(jobs.file(k), path.get(), jobs.baseLen, jobs.ahead)
                    : ERROR;
     }
 };
+
+// How many layers an image can have whose layers go into the store.
+std::size_t stored_layers_max(int type)
+{
+    switch (type) {
+    case LAYERED_ROOTFS:
+        return SIZE_MAX;
+    case FLATTENDED_ROOTFS:
+        return 1;
+    default:
+        return 0;
+    }
+}
 
 } // namespace
 
@@ -231,15 +246,18 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
         return fail(EINVAL);
     const bool has_os = pAttr != nullptr && pAttr->platform != nullptr;
     const bool has_arch = pAttr != nullptr && pAttr->arch != nullptr;
+    const char* const os = has_os ? pAttr->platform : zncDefaultOs();
+    const char* const arch = has_arch ? pAttr->arch : zncDefaultArchitecture();
+    const char* const name = tag != nullptr ? tag : zncDefaultTag();
     const znc::OciImagePtr image(zncImageInfoCreate());
     if (!image)
         return ERROR;
+    znc::StoreAhead ahead(os, arch, name, stored_layers_max(type));
+    image->ahead = &ahead;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
         return ERROR;
-    image->manifestsIndex = zncImageFindManifest(
-        image.get(), has_os ? pAttr->platform : zncDefaultOs(),
-        has_arch ? pAttr->arch : zncDefaultArchitecture(), tag != nullptr ? tag : zncDefaultTag());
+    image->manifestsIndex = zncImageFindManifest(image.get(), os, arch, name);
     if (image->manifestsIndex < 0)
         return ERROR;
     return zncImageGenerateBundle(image.get(), bundlePath, type);
@@ -300,7 +318,7 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (manifest == nullptr)
         return fail(EINVAL);
     const std::uint32_t count = layer_total(*manifest);
-    StoreJobs jobs{manifest, repositoryPath, pathLen};
+    StoreJobs jobs{manifest, repositoryPath, pathLen, image->ahead};
     znc::WorkAhead work(StoreJobs::store, &jobs, count);
     if (stored_size(*manifest) >= kWorthwhile)
         work.start();

@@ -10,6 +10,12 @@
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
 
+#include <atomic>
+
+namespace znc {
+class StoreAhead;
+}
+
 // ------------------------------------------------------------------ records
 //
 // The cJSON pointers are borrowed from the document of the record that says "owned".
@@ -67,6 +73,7 @@ struct zncImageIndex {
     int manifestsCount;
     int manifestsIndex;            // the chosen manifest, or -1
     ZNC_IMAGE_MANIFEST* manifests; // owned
+    znc::StoreAhead* ahead;        // the unpack's; null: nothing is extracted ahead
 };
 using ZNC_IMAGE_INDEX = zncImageIndex;
 
@@ -91,7 +98,7 @@ STATUS zncImageParseManifests(OCI_IMAGE* image);
 STATUS zncImageParseManifest(OCI_IMAGE* image, int index);
 STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config);
 STATUS zncImageParseImageConfigRootfs(ZNC_IMAGE_CFG_ROOTFS* rootfs, cJSON* rootfsJson);
-int zncImageFindManifest(OCI_IMAGE* image, const char* os, const char* arch, const char* tag);
+int zncImageFindManifest(const OCI_IMAGE* image, const char* os, const char* arch, const char* tag);
 
 // Checks of single items. Those that fail without a code of their own leave the task error number
 // alone or at that of the failing call.
@@ -159,11 +166,14 @@ inline bool add(cJSON* object, const char* key, CJsonPtr item)
 
 // Extract the archive of a layer into the directory `dir`. An archive that is damaged has no number
 // of its own: the task error number is 0 then, whatever it was before.
-STATUS extract_layer(const char* layerFile, const char* dir);
+STATUS extract_layer(const char* layerFile, const char* dir,
+                     const std::atomic<bool>* cancel = nullptr);
 
 // Fill the store directory `layerDir` (`baseLen` characters of which are the store itself) with the
-// layer archive, unless it is there: it appears complete or not at all. See zncImageLib_store.cpp.
-STATUS store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen);
+// layer archive, unless it is there: it appears complete or not at all. `ahead`, where there is
+// one, may have it already. See zncImageLib_store.cpp.
+STATUS store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen,
+                   StoreAhead* ahead);
 
 // The manifest chosen, or null when none is.
 inline ZNC_IMAGE_MANIFEST* chosen_manifest(OCI_IMAGE* image)

@@ -3,6 +3,7 @@
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
+#include "zncStoreAhead.hpp"
 #include "zncWorkAhead.hpp"
 
 #include <algorithm>
@@ -218,6 +219,8 @@ STATUS parse_each_layer(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, co
 {
     LayerDigests digests(image, manifest);
     digests.start(layers);
+    if (image.ahead != nullptr)
+        image.ahead->start(image, manifest);
     std::size_t index = 0;
     for (cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
         if (parse_layer(image.ociPath, manifest.manifestLayers[index], item, digests, index) != OK)
@@ -426,7 +429,7 @@ STATUS zncImageParseImageConfigRootfs(ZNC_IMAGE_CFG_ROOTFS* rootfs, cJSON* rootf
     return OK;
 }
 
-int zncImageFindManifest(OCI_IMAGE* image, const char* os, const char* arch, const char* tag)
+int zncImageFindManifest(const OCI_IMAGE* image, const char* os, const char* arch, const char* tag)
 {
     const bool is_latest = strEqual(tag, kLatest) == TRUE;
     for (int i = 0; i < image->manifestsCount; ++i)

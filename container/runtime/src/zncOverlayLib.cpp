@@ -31,7 +31,7 @@ std::size_t base_from_environment(char* path, std::size_t bufLen)
 
 } // namespace
 
-size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type)
+std::size_t znc::base_path_text(char* path, std::size_t bufLen, std::uint32_t type)
 {
     char* const end = path + bufLen;
     char* out = path + base_from_environment(path, bufLen);
@@ -46,9 +46,13 @@ size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type)
         errno = ENAMETOOLONG;
         return 0;
     }
-    if (znMkdirParents(path, kAreaMode) != OK)
-        return 0;
-    return static_cast<size_t>(out - path);
+    return static_cast<std::size_t>(out - path);
+}
+
+size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type)
+{
+    const std::size_t len = znc::base_path_text(path, bufLen, type);
+    return len != 0 && znMkdirParents(path, kAreaMode) == OK ? len : 0;
 }
 
 BOOL zncOvlFsAvailable(void)

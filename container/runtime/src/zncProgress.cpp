@@ -14,6 +14,7 @@ namespace {
 thread_local ZNC_PROGRESS_FUNC listener = nullptr;
 thread_local void* listener_context = nullptr;
 thread_local ZNC_PROGRESS current = {};
+thread_local std::atomic<std::uint64_t>* written_down = nullptr; // by a task that helps
 
 void tell(std::uint64_t done)
 {
@@ -62,15 +63,35 @@ void LayerProgress::complete() noexcept
         tell(current.total);
 }
 
+ProgressElsewhere::ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept
+{
+    written_down = &position;
+}
+
+ProgressElsewhere::~ProgressElsewhere()
+{
+    written_down = nullptr;
+}
+
+void progress_follow(const std::atomic<std::uint64_t>& position) noexcept
+{
+    const std::uint64_t at = position;
+    if (listening() && at > current.done && at < current.total)
+        tell(at);
+}
+
 void progress_read(int fd) noexcept
 {
-    if (!listening())
+    if (!listening() && written_down == nullptr)
         return;
     const ErrnoSaver keep;
     // At the end comes the report of the whole layer, once it is extracted.
     const off_t at = ::lseek(fd, 0, SEEK_CUR);
-    if (at > 0 && static_cast<std::uint64_t>(at) < current.total)
-        tell(static_cast<std::uint64_t>(at));
+    const auto position = static_cast<std::uint64_t>(std::max<off_t>(at, 0));
+    if (!listening())
+        *written_down = position;
+    else if (position > 0 && position < current.total)
+        tell(position);
 }
 
 } // namespace znc

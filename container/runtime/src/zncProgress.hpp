@@ -4,6 +4,7 @@
 #ifndef ZNCPROGRESS_HPP
 #define ZNCPROGRESS_HPP
 
+#include <atomic>
 #include <cstdint>
 
 namespace znc {
@@ -19,6 +20,17 @@ class LayerProgress {
     // The layer is complete, also when it was there before.
     void complete() noexcept;
 };
+
+// Who listens is told by his own task only. One that helps writes its position down while this
+// lives, and he looks at it from time to time.
+class ProgressElsewhere {
+  public:
+    explicit ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept;
+    ~ProgressElsewhere();
+    ProgressElsewhere(const ProgressElsewhere&) = delete;
+    ProgressElsewhere& operator=(const ProgressElsewhere&) = delete;
+};
+void progress_follow(const std::atomic<std::uint64_t>& position) noexcept;
 
 // The descriptor of the archive has been read on; keeps the task error number.
 void progress_read(int fd) noexcept;

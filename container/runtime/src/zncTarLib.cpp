@@ -29,6 +29,8 @@ ssize_t read_source(MT_TAR_SOFT& ctrl)
 // Fill the empty block buffer: 1, 0 at the end, -1 on error.
 int refill(MT_TAR_SOFT& ctrl)
 {
+    if (ctrl.cancel != nullptr && *ctrl.cancel)
+        return -1;
     const ssize_t n = read_source(ctrl);
     if (n <= 0)
         return n < 0 ? -1 : 0;
@@ -90,8 +92,8 @@ bool is_directory(const char* path)
     return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, BOOL verbose,
-               int& lacking)
+// `ctrl` says what else there is to know, and then what was lacking.
+STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, MT_TAR_SOFT& ctrl)
 {
     if (pTape == nullptr || targetDir == nullptr) {
         errno = EINVAL;
@@ -101,7 +103,6 @@ STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, BO
         return ERROR;
     const std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> gz(zncGzArchiveCreate(pTape));
     const std::size_t blocks = bfactor != 0 ? bfactor : kDefaultBlocks;
-    MT_TAR_SOFT ctrl{};
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
     if (gz == nullptr && file.get() <= 0) // 0 would mean that there is none
@@ -116,11 +117,9 @@ STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, BO
         return ERROR;
     ctrl.bFactor = static_cast<int>(blocks);
     ctrl.pBuf = buffer.get();
-    ctrl.verbose = verbose;
     const STATUS status = run(ctrl, targetDir);
     const znc::ErrnoSaver keep;
     tarProcDirs(&ctrl);
-    lacking = ctrl.lacking;
     return status;
 }
 
@@ -128,17 +127,20 @@ STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, BO
 
 STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
 {
-    int lacking = 0;
-    return extract(pTape, targetDir, bfactor, verbose, lacking);
+    MT_TAR_SOFT ctrl{};
+    ctrl.verbose = verbose;
+    return extract(pTape, targetDir, bfactor, ctrl);
 }
 
-STATUS znc::tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor)
+STATUS znc::tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor,
+                              const std::atomic<bool>* cancel)
 {
-    int lacking = 0;
-    const STATUS status = extract(pTape, targetDir, bfactor, FALSE, lacking);
-    if (lacking == 0)
+    MT_TAR_SOFT ctrl{};
+    ctrl.cancel = cancel;
+    const STATUS status = extract(pTape, targetDir, bfactor, ctrl);
+    if (ctrl.lacking == 0)
         return status;
-    errno = lacking; // a later failure, such as a missing parent, comes of it
+    errno = ctrl.lacking; // a later failure, such as a missing parent, comes of it
     return ERROR;
 }
 

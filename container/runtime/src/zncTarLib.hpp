@@ -13,6 +13,7 @@
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -89,6 +90,7 @@ typedef struct mtTarSoft {
     std::size_t parentLen;
 
     int lacking; // why members were left out for which something ran out; 0: none was
+    const std::atomic<bool>* cancel; // NULL: nobody ends the run early
 } MT_TAR_SOFT;
 
 // zncTarLib.cpp
@@ -123,8 +125,11 @@ namespace znc {
 inline constexpr std::size_t kTarLayerBlocks = 200;
 
 // zncTarExtract for callers who must not take a part for the whole. A member that cannot be made is
-// left out; here that is a failure when space, descriptors or memory ran out.
-STATUS tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor);
+// left out; here that is a failure when space, descriptors or memory ran out. It is one as well
+// once
+// `*cancel`, where there is one, is set.
+STATUS tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor,
+                         const std::atomic<bool>* cancel = nullptr);
 
 // An octal number as scanf reads it ("%o"): leading blanks, a sign, digits up to the first other
 // character or the end of the field. False when there is none; `value` is then untouched.

@@ -4,11 +4,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::size_t kStackSize = 256 * 1024; // a helper's; the jobs need a few KiB
+constexpr long kSecond = 1'000'000'000;
+constexpr long kWhile = kSecond / 20;
 
 class MutexHold {
   public:
@@ -78,14 +81,27 @@ void WorkAhead::exclude(std::size_t index) noexcept
 
 void WorkAhead::start() noexcept
 {
+    if (count_ > 1)
+        start_helpers(std::min(processors_beside(1), count_ - 1));
+}
+
+void WorkAhead::start_helpers(std::size_t wanted) noexcept
+{
+    const ErrnoSaver keep;
+    if (wanted == 0 || !have_slots())
+        return;
+    const std::size_t most = std::min(wanted, kHelpersMax);
+    while (helperCount_ < most && start_task(&helpers_[helperCount_], help, this))
+        helperCount_++;
+}
+
+std::size_t WorkAhead::processors_beside(std::size_t busy) noexcept
+{
     const ErrnoSaver keep;
     const long processors = ::sysconf(_SC_NPROCESSORS_ONLN);
-    if (processors < 2 || count_ < 2 || !have_slots())
-        return;
-    const std::size_t wanted =
-        std::min({static_cast<std::size_t>(processors) - 1, count_ - 1, kHelpersMax});
-    while (helperCount_ < wanted && start_task(&helpers_[helperCount_], help, this))
-        helperCount_++;
+    return processors > 0 && static_cast<std::size_t>(processors) > busy
+               ? static_cast<std::size_t>(processors) - busy
+               : 0;
 }
 
 // The last job that nobody has begun becomes the helper's: it and the caller, who comes from the
@@ -120,10 +136,28 @@ void* WorkAhead::help(void* self)
     return nullptr;
 }
 
-STATUS WorkAhead::result(std::size_t index) noexcept
+// Still, after a while.
+bool WorkAhead::is_going_on(std::size_t index) noexcept
+{
+    const MutexHold hold(mutex_);
+    timespec until = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_nsec += kWhile;
+    until.tv_sec += until.tv_nsec / kSecond;
+    until.tv_nsec %= kSecond;
+    const Slot& slot = slots_[index];
+    int rc = 0;
+    while (slot.state == State::kBegun && rc == 0)
+        rc = ::pthread_cond_clockwait(&done_, &mutex_, CLOCK_MONOTONIC, &until);
+    return slot.state == State::kBegun;
+}
+
+STATUS WorkAhead::result(std::size_t index, Meanwhile meanwhile) noexcept
 {
     if (helperCount_ == 0)
         return job_(context_, index);
+    while (meanwhile != nullptr && is_going_on(index))
+        meanwhile(context_, index);
     {
         const MutexHold hold(mutex_);
         Slot& slot = slots_[index];

@@ -28,9 +28,17 @@ class WorkAhead {
     // Leave a job alone; before start().
     void exclude(std::size_t index) noexcept;
     void start() noexcept;
+    // The same with as many helpers as are asked for: the caller has something else to do.
+    void start_helpers(std::size_t wanted) noexcept;
 
-    // The result of a job, with its task error number when it failed.
-    STATUS result(std::size_t index) noexcept;
+    static constexpr std::size_t kHelpersMax = 3;
+    // How many processors there are besides those that `busy` tasks are on.
+    static std::size_t processors_beside(std::size_t busy) noexcept;
+
+    // The result of a job, with its task error number when it failed. While another task is at it,
+    // `meanwhile` is called from time to time.
+    using Meanwhile = void (*)(void* context, std::size_t index);
+    STATUS result(std::size_t index, Meanwhile meanwhile = nullptr) noexcept;
 
   private:
     enum class State : unsigned char { kOpen, kExcluded, kBegun, kDone };
@@ -39,12 +47,11 @@ class WorkAhead {
         STATUS status;
         int error;
     };
-    static constexpr std::size_t kHelpersMax = 3;
-
     bool have_slots() noexcept;
     static void* help(void* self);
     void finish(Slot& slot, STATUS status) noexcept;
     bool begin(std::size_t* index) noexcept;
+    bool is_going_on(std::size_t index) noexcept;
 
     Job job_;
     void* context_;

@@ -1,0 +1,439 @@
+// Layers that are extracted while their digests are still computed: what is seen of it, which is
+// nothing, and what is left when it was in vain, which is nothing either.
+#include "zncImageLib.hpp"
+#include "zncLayerStage.hpp"
+#include "zncTarLib.hpp"
+
+#include "alloc_fault.hpp"
+#include "fake_platform.hpp"
+#include "layout_builder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <set>
+#include <thread>
+
+#include <mbedtls/version.h>
+#include <pthread.h>
+#include <sys/wait.h>
+
+// Before 3.0 the call that reports a failure has a name of its own.
+#if MBEDTLS_VERSION_NUMBER < 0x03000000
+#define REAL_FINISH __real_mbedtls_sha256_finish_ret
+#define WRAP_FINISH __wrap_mbedtls_sha256_finish_ret
+#else
+#define REAL_FINISH __real_mbedtls_sha256_finish
+#define WRAP_FINISH __wrap_mbedtls_sha256_finish
+#endif
+
+extern "C" {
+struct mbedtls_sha256_context;
+int REAL_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
+int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
+int __real_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
+                          void* arg);
+int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
+                          void* arg);
+}
+
+namespace {
+
+// Called when all of a blob has been read and its digest is not compared yet.
+std::function<void()> before_verdict;
+bool no_tasks = false;
+
+namespace fs = std::filesystem;
+using layout::Image;
+using layout::tar;
+
+constexpr int kFiles = 100;
+constexpr std::size_t kFileSize = 20'000;
+constexpr char kLastName[] = "last";
+
+std::set<std::string> names_in(const fs::path& dir)
+{
+    std::set<std::string> names;
+    std::error_code gone;
+    for (fs::directory_iterator it(dir, gone), end; !gone && it != end; it.increment(gone))
+        names.insert(it->path().filename());
+    return names;
+}
+
+// Large enough to be worth a task of its own.
+std::string large_layer(const std::vector<layout::Member>& more = {})
+{
+    std::vector<layout::Member> members(kFiles);
+    for (std::size_t i = 0; i < members.size(); ++i)
+        members[i] = {"f" + std::to_string(i), std::string(kFileSize, 'x')};
+    members.insert(members.end(), more.begin(), more.end());
+    members.push_back({kLastName, "content"});
+    return tar(members);
+}
+
+class Ahead : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        fake::reset();
+        fs::create_directory("/overlay");
+        ASSERT_EQ(::setenv("ZNC_BASE", base_.c_str(), 1), 0);
+    }
+    void TearDown() override
+    {
+        before_verdict = nullptr;
+        no_tasks = false;
+        ::unsetenv("ZNC_BASE");
+    }
+
+    void add(const std::string& layer, const std::string& name = "latest")
+    {
+        Image image;
+        image.layers = {layer};
+        image.name = name;
+        layout_.add(image);
+    }
+    STATUS unpack(const char* tag = nullptr)
+    {
+        errno = 0;
+        return zncImageUnpack(bundle_.c_str(), layout_.c_str(), tag, 0, nullptr);
+    }
+    [[nodiscard]] fs::path stored(const std::string& layer) const
+    {
+        return store_ / layout::sha256_hex(layer);
+    }
+    // Another byte in the last file's content: the archive is as good as before.
+    void damage(const std::string& layer) const
+    {
+        std::string bytes = layer;
+        bytes.at(bytes.rfind("content")) = 'C';
+        layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(layer)), bytes);
+    }
+    // The temporary directory of a layer, once it holds the last file.
+    [[nodiscard]] fs::path wait_for_stage() const
+    {
+        for (int round = 0; round < 100'000; ++round) {
+            for (const std::string& name : names_in(store_))
+                if (name.starts_with(".unpack-") && fs::exists(store_ / name / kLastName))
+                    return store_ / name;
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        return {};
+    }
+    // Has the layer extracted before its digest is found right or wrong.
+    void extract_before_verdict()
+    {
+        before_verdict = [this] {
+            if (++verdicts_ == kLayerVerdict)
+                stage_ = wait_for_stage();
+        };
+    }
+    void expect_untouched() const
+    {
+        EXPECT_FALSE(fs::exists(base_)) << *names_in(base_).begin();
+        EXPECT_FALSE(fs::exists(bundle_));
+    }
+
+    // The manifest, the configuration and the chain of identifiers come before the layer.
+    static constexpr int kLayerVerdict = 4;
+
+    layout::TempDir dir_;
+    layout::Layout layout_{dir_.path() / "img"};
+    fs::path base_ = dir_ / "base";
+    fs::path store_ = base_ / "layers";
+    std::string bundle_ = dir_ / "bundle";
+    const std::string layer_ = large_layer();
+    int verdicts_ = 0;
+    fs::path stage_;
+};
+
+// Tests that see the work itself need a processor for it.
+class AheadSeen : public Ahead {
+  protected:
+    void SetUp() override
+    {
+        Ahead::SetUp();
+        if (std::thread::hardware_concurrency() < 2)
+            GTEST_SKIP() << "one processor: nothing is done ahead";
+    }
+};
+
+} // namespace
+
+TEST_F(AheadSeen, ALayerIsExtractedBeforeItIsVerifiedAndStoredAfterwards)
+{
+    add(layer_);
+    extract_before_verdict();
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_FALSE(stage_.empty());
+    EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
+    EXPECT_EQ(names_in(stored(layer_)).size(), kFiles + 1U);
+    EXPECT_EQ(layout::read_file(stored(layer_) / "f7"), std::string(kFileSize, 'x'));
+    EXPECT_EQ(fs::status(stored(layer_)).permissions(), fs::perms::owner_all);
+}
+
+TEST_F(AheadSeen, NothingHasALayersNameBeforeItIsVerified)
+{
+    add(layer_);
+    std::set<std::string> seen;
+    before_verdict = [&] {
+        if (++verdicts_ == kLayerVerdict && !wait_for_stage().empty())
+            seen = names_in(store_);
+    };
+    ASSERT_EQ(unpack(), OK) << errno;
+    ASSERT_EQ(seen.size(), 2U);
+    EXPECT_EQ(*seen.begin(), ".lock");
+    EXPECT_TRUE(seen.rbegin()->starts_with(".unpack-"));
+}
+
+TEST_F(AheadSeen, AWrongDigestLeavesNoStore)
+{
+    add(layer_);
+    damage(layer_);
+    extract_before_verdict();
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_FALSE(stage_.empty());
+    expect_untouched();
+}
+
+TEST_F(AheadSeen, AWrongDigestLeavesAStoreAsItWas)
+{
+    fs::create_directories(store_ / "other");
+    add(layer_);
+    damage(layer_);
+    extract_before_verdict();
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_EQ(names_in(store_), std::set<std::string>{"other"});
+}
+
+TEST_F(AheadSeen, AStoreIsRemovedOnlyAsFarAsItWasMade)
+{
+    fs::create_directories(base_);
+    add(layer_);
+    damage(layer_);
+    extract_before_verdict();
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_TRUE(fs::exists(base_));
+    EXPECT_FALSE(fs::exists(store_));
+}
+
+TEST_F(AheadSeen, AFailureInALaterManifestLeavesNothing)
+{
+    add(layer_);
+    Image other;
+    other.name = "other";
+    other.layers = {tar({{"small", "content"}})};
+    layout_.add(other);
+    damage(other.layers[0]);
+    extract_before_verdict();
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_FALSE(stage_.empty());
+    expect_untouched();
+}
+
+TEST_F(AheadSeen, KilledDuringVerificationItLeavesNoLayerAndTheNextUnpackCleansUp)
+{
+    add(layer_);
+    const pid_t victim = ::fork();
+    if (victim == 0) {
+        before_verdict = [&] {
+            if (++verdicts_ == kLayerVerdict && !wait_for_stage().empty())
+                ::kill(::getpid(), SIGKILL);
+        };
+        (void)unpack();
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(victim, &status, 0), victim);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(names_in(store_).size(), 2U);
+    EXPECT_FALSE(fs::exists(stored(layer_)));
+    EXPECT_FALSE(fs::exists(bundle_));
+
+    ASSERT_EQ(unpack(), OK);
+    EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
+}
+
+TEST_F(AheadSeen, ALayerThatAnotherOneStoredMeanwhileStays)
+{
+    add(layer_);
+    before_verdict = [&] {
+        if (++verdicts_ != kLayerVerdict)
+            return;
+        stage_ = wait_for_stage();
+        fs::create_directory(stored(layer_));
+        layout::write_file(stored(layer_) / "another", "copy");
+    };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_FALSE(stage_.empty());
+    EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
+    EXPECT_EQ(names_in(stored(layer_)), std::set<std::string>{"another"});
+}
+
+TEST_F(AheadSeen, ALayerThatIsStoredIsNotExtracted)
+{
+    fs::create_directories(stored(layer_));
+    add(layer_);
+    std::set<std::string> seen;
+    before_verdict = [&] { seen.merge(names_in(store_)); };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_EQ(seen, std::set<std::string>{layout::sha256_hex(layer_)});
+    EXPECT_TRUE(names_in(stored(layer_)).empty());
+}
+
+TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
+{
+    const std::string wanted = large_layer({{"more", "of it"}});
+    add(layer_, "first");
+    add(wanted, "second");
+    std::set<std::string> seen;
+    before_verdict = [&] {
+        // Until the second image's layer is read nothing may be there.
+        if (++verdicts_ <= 2 * kLayerVerdict - 1)
+            seen.merge(names_in(store_));
+        else if (stage_.empty())
+            stage_ = wait_for_stage();
+    };
+    ASSERT_EQ(unpack("second"), OK) << errno;
+    EXPECT_EQ(seen, std::set<std::string>{});
+    EXPECT_FALSE(stage_.empty());
+    EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(wanted)});
+}
+
+TEST_F(Ahead, ATagThatNothingHasMakesNoStore)
+{
+    add(layer_);
+    before_verdict = [this] { EXPECT_FALSE(fs::exists(base_)); };
+    EXPECT_EQ(unpack("absent"), ERROR);
+    EXPECT_EQ(errno, S_zncLib_INDEX_INVALID);
+    expect_untouched();
+}
+
+TEST_F(Ahead, ABundleThatIsThereLeavesNoStore)
+{
+    add(layer_);
+    fs::create_directories(bundle_ + "/rootfs");
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_ROOTFS_EXISTS);
+    EXPECT_FALSE(fs::exists(base_));
+}
+
+TEST_F(Ahead, ALayerThatCannotBeExtractedFailsAsEver)
+{
+    add(large_layer({{"../out", "x"}}), "outside");
+    std::string damaged = layer_;
+    damaged[0] ^= 1; // in the first header
+    add(damaged, "damaged");
+    EXPECT_EQ(unpack("outside"), ERROR);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(unpack("damaged"), ERROR);
+    EXPECT_EQ(errno, 0);
+    EXPECT_TRUE(fs::exists(store_)); // it had come that far
+    EXPECT_TRUE(names_in(store_).empty());
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
+TEST_F(Ahead, WithoutAnotherTaskTheLayerIsStoredAllTheSame)
+{
+    add(layer_);
+    no_tasks = true;
+    before_verdict = [this] { EXPECT_FALSE(fs::exists(base_)); };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_EQ(names_in(stored(layer_)).size(), kFiles + 1U);
+}
+
+TEST_F(Ahead, WithoutOverlayNothingGoesThroughTheStore)
+{
+    fs::remove("/overlay");
+    add(layer_);
+    before_verdict = [this] { EXPECT_FALSE(fs::exists(base_)); };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_FALSE(fs::exists(base_));
+    EXPECT_TRUE(fs::exists(bundle_ + "/rootfs/" + kLastName));
+}
+
+TEST_F(Ahead, ALayerNamedTwiceIsStoredOnce)
+{
+    Image image;
+    image.layers = {layer_, layer_};
+    layout_.add(image);
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
+}
+
+TEST_F(Ahead, WhoListensHearsOfTheLayerFromItsBeginToItsEnd)
+{
+    add(layer_);
+    std::vector<std::uint64_t> heard;
+    zncUnpackProgressSet(
+        [](const ZNC_PROGRESS* progress, void* context) {
+            static_cast<std::vector<std::uint64_t>*>(context)->push_back(progress->done);
+        },
+        &heard);
+    const STATUS status = unpack();
+    zncUnpackProgressSet(nullptr, nullptr);
+    ASSERT_EQ(status, OK);
+    ASSERT_GE(heard.size(), 2U);
+    EXPECT_EQ(heard.front(), 0U);
+    EXPECT_EQ(heard.back(), layer_.size());
+    for (std::size_t i = 1; i < heard.size(); ++i)
+        EXPECT_GT(heard[i], heard[i - 1]);
+}
+
+TEST_F(Ahead, EveryAllocationThatFailsFailsTheUnpackAtMost)
+{
+    add(layer_);
+    unsigned nth = 1;
+    for (bool whole = false; !whole; ++nth) {
+        std::error_code ignored;
+        fs::remove_all(base_, ignored);
+        alloc_fault::arm(nth);
+        const STATUS status = unpack();
+        const int error = errno;
+        whole = alloc_fault::disarm() < nth;
+        ASSERT_EQ(status == OK, fs::exists(bundle_)) << nth;
+        ASSERT_TRUE(!whole || status == OK) << nth;
+        if (status != OK) {
+            EXPECT_TRUE(error == ENOMEM || error == 0 ||
+                        error == S_zncLib_BUNDLE_CONFIG_PARAM_INVALID)
+                << nth << ": " << error;
+        }
+        for (const std::string& name : names_in(store_))
+            EXPECT_FALSE(name.starts_with(".")) << nth << ": " << name;
+        fs::remove_all(bundle_);
+        ASSERT_LT(nth, 1000U);
+    }
+    EXPECT_GT(nth, 30U);
+}
+
+TEST_F(Ahead, AnExtractionThatIsCalledOffEndsEarly)
+{
+    const std::string archive = dir_ / "archive";
+    layout::write_file(archive, layer_);
+    const std::atomic<bool> cancel = true;
+    znc::LayerStage stage;
+    EXPECT_EQ(stage.fill(archive.c_str(), store_.native(), &cancel), ERROR);
+    for (const std::string& name : names_in(store_))
+        EXPECT_FALSE(fs::exists(store_ / name / "f0"));
+    stage.discard();
+    EXPECT_TRUE(names_in(store_).empty());
+}
+
+int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out)
+{
+    if (before_verdict)
+        before_verdict();
+    return REAL_FINISH(ctx, out);
+}
+
+int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
+                          void* arg)
+{
+    return no_tasks ? EAGAIN : __real_pthread_create(task, attr, main, arg);
+}
