@@ -113,13 +113,13 @@ const Image* find_image(const std::vector<Image>& images, const std::string& tag
     return nullptr;
 }
 
-void hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
+bool hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
                     const std::string& arch)
 {
     std::string problem;
     const auto images = read_layout(layout, problem);
     if (!images || find_image(*images, tag, os, arch) != nullptr)
-        return;
+        return false;
     std::vector<std::string> held;
     for (const Image& image : *images)
         held.push_back(fmt::format("{} for {}/{}", image.tag.empty() ? kDefaultTag : image.tag,
@@ -129,6 +129,7 @@ void hint_at_images(const std::string& layout, const std::string& tag, const std
     else
         print_hint(fmt::format("no image {} for {}/{} is there; the layout holds: {}", tag, os,
                                arch, fmt::join(held, ", ")));
+    return true;
 }
 
 } // namespace zncctl

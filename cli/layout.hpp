@@ -46,8 +46,9 @@ std::string blob_path(const std::string& layout, const std::string& digest);
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,
                         const std::string& os, const std::string& arch);
 
-// When a layout holds no such image: which ones it does hold, as a hint.
-void hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
+// When a layout holds no such image: which ones it does hold, as a hint. False when it does hold
+// it.
+bool hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
                     const std::string& arch);
 
 inline constexpr const char* kDefaultTag = "latest";

@@ -48,11 +48,6 @@ Progress::Progress(std::string_view how) : how_(How::kUnknown)
         how_ = How::kNone;
 }
 
-ZNC_PROGRESS_FUNC Progress::listener() const
-{
-    return how_ == How::kNone ? nullptr : &heard;
-}
-
 void Progress::heard(const ZNC_PROGRESS* progress, void* context)
 {
     static_cast<Progress*>(context)->show(*progress);
@@ -69,12 +64,13 @@ bool Progress::is_time(std::chrono::milliseconds pause)
 
 void Progress::show(const ZNC_PROGRESS& progress)
 {
+    left_out_ = progress.leftOut;
     const bool first = progress.done == 0;
     const bool last = progress.done == progress.total;
     if (how_ == How::kBar) {
         if (is_time(kRedraw) || last)
             draw(progress);
-    } else if (first || last || is_time(kPlainPause)) {
+    } else if (how_ != How::kNone && (first || last || is_time(kPlainPause))) {
         print_plain(progress, first, last);
     }
 }

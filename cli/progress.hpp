@@ -17,8 +17,11 @@ class Progress {
     explicit Progress(std::string_view how);
 
     [[nodiscard]] bool known() const { return how_ != How::kUnknown; }
-    [[nodiscard]] ZNC_PROGRESS_FUNC listener() const;
+    [[nodiscard]] static ZNC_PROGRESS_FUNC listener() { return &heard; }
     [[nodiscard]] void* context() { return this; }
+
+    // Members that the unpack extracted otherwise than their maker meant.
+    [[nodiscard]] std::uint64_t left_out() const { return left_out_; }
 
     void end(); // ends a line that is being redrawn
 
@@ -35,6 +38,7 @@ class Progress {
     How how_;
     Clock::time_point last_shown_;
     bool open_line_ = false;
+    std::uint64_t left_out_ = 0;
 };
 
 } // namespace zncctl

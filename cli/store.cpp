@@ -19,15 +19,26 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* kMayNeedImport = "the image may have to be imported";
 constexpr const char* kDamaged = "A layer of the image is damaged or a path is too long";
+
+void hint_at_import(const Wanted& wanted, const std::string& reason)
+{
+    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' makes an image that can be "
+                           "unpacked whole; 'zncctl image check {}' says why",
+                           reason, wanted.image.layout, wanted.image.tag, wanted.image.layout));
+}
 
 // Hints at what is known to be behind a failed unpack.
 void explain(int error, const Wanted& wanted)
 {
     switch (error) {
     case S_zncLib_INDEX_INVALID:
+    case S_zncLib_MANIFEST_INVALID:
     case S_zncLib_PLATFORM_NOT_FOUND:
-        hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch);
+        if (!hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch) &&
+            error != S_zncLib_PLATFORM_NOT_FOUND)
+            hint_at_import(wanted, kMayNeedImport);
         break;
     case EEXIST:
         print_hint(
@@ -40,10 +51,7 @@ void explain(int error, const Wanted& wanted)
     case ENOTDIR:
     case EFBIG:
     case ENAMETOOLONG:
-        print_hint(
-            fmt::format("the image may have to be imported: 'zncctl import {}:{} NEW-LAYOUT' makes "
-                        "one that can be unpacked; 'zncctl image check {}' says why",
-                        wanted.image.layout, wanted.image.tag, wanted.image.layout));
+        hint_at_import(wanted, kMayNeedImport);
         break;
     default:
         break;
@@ -74,6 +82,10 @@ STATUS unpack(const Wanted& wanted, const std::string& bundle, unsigned option, 
     });
     zncUnpackProgressSet(nullptr, nullptr);
     progress.end();
+    if (status == OK && progress.left_out() != 0)
+        hint_at_import(wanted, fmt::format("{} members of the image were left out or are marks of "
+                                           "what it deletes",
+                                           progress.left_out()));
     return status;
 }
 

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "zncontainer.h"
@@ -75,6 +77,42 @@ TEST_F(Progress, EachLayerBeginsGrowsAndIsComplete)
         ends.at(now.index) = now.total - now.done;
     }
     EXPECT_EQ(ends, (std::vector<std::uint64_t>{0, 0}));
+}
+
+// Also of a layer that another task extracts while its digest is computed.
+TEST_F(Progress, WhatIsExtractedOtherwiseThanMeantIsCounted)
+{
+    const auto count = [this](const std::string& bundle, const std::vector<std::string>& layers) {
+        layout::Layout layout(dir_ / bundle + "-layout");
+        layout::Image image;
+        image.layers = layers;
+        layout.add(image);
+        std::uint64_t last = 99;
+        zncUnpackProgressSet(
+            [](const ZNC_PROGRESS* progress, void* context) {
+                *static_cast<std::uint64_t*>(context) = progress->leftOut;
+            },
+            &last);
+        EXPECT_EQ(zncUnpack((dir_ / bundle).c_str(), layout.c_str(), nullptr, 0, nullptr), OK);
+        return last;
+    };
+    const std::string whole =
+        layout::tar({layout::directory("d/"), {"d/f", "x"}, layout::symlink("l", "d/f")});
+    const std::string lossy = layout::tar({{"f", "content"},
+                                           {"hard", "", '1', "f"},
+                                           {"fifo", "", '6'},
+                                           {".wh.gone", ""},
+                                           layout::directory("dev/"),
+                                           {"dev/null", "", '3'}});
+    EXPECT_EQ(count("whole", {whole}), 0U);
+    EXPECT_EQ(count("lossy", {lossy}), 3U);
+    EXPECT_EQ(count("both", {whole, lossy}), 3U);
+    const std::string large = layout::tar(
+        {{"f", std::string(2'000'000, 'x')}, {"hard", "", '1', "f"}, {"further", "", '1', "f"}});
+    ASSERT_EQ(::mkdir("/overlay", 0755), 0); // from here on layers are kept, and shared
+    EXPECT_EQ(count("ahead", {large}), 2U);
+    EXPECT_EQ(count("again", {large}), 0U); // it was there
+    ASSERT_EQ(::rmdir("/overlay"), 0);
 }
 
 TEST_F(Progress, NobodyIsToldUnlessAskedFor)

@@ -221,6 +221,9 @@ typedef struct zncProgress {
     uint32_t count;    /* layers of the image */
     uint64_t done;     /* bytes of the layer's file that were read */
     uint64_t total;    /* bytes of the layer's file */
+    uint64_t leftOut;  /* members, since `func` was set, that were extracted otherwise than their
+                          maker meant: hard links and other kinds that are not made (but for those
+                          in dev), and marks that take away what lower layers have */
 } ZNC_PROGRESS;
 
 typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);

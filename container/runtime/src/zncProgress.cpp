@@ -14,12 +14,15 @@ namespace {
 thread_local ZNC_PROGRESS_FUNC listener = nullptr;
 thread_local void* listener_context = nullptr;
 thread_local ZNC_PROGRESS current = {};
+thread_local znc::UnpackCounts own_counts;
+thread_local znc::UnpackCounts* counts = nullptr;
 thread_local std::atomic<std::uint64_t>* written_down = nullptr; // by a task that helps
 
 void tell(std::uint64_t done)
 {
     const znc::ErrnoSaver keep;
     current.done = std::min(done, current.total);
+    current.leftOut = own_counts.leftOut;
     const ZNC_PROGRESS copy = current; // the listener may not change what is told next
     listener(&copy, listener_context);
 }
@@ -35,6 +38,8 @@ void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context)
 {
     listener = func;
     listener_context = context;
+    own_counts.leftOut = 0;
+    counts = func != nullptr ? &own_counts : nullptr;
 }
 
 namespace znc {
@@ -47,8 +52,12 @@ LayerProgress::LayerProgress(const char* file, std::uint32_t index, std::uint32_
     struct stat st = {};
     const bool known = ::stat(file, &st) == 0 && st.st_size > 0;
     const char* const slash = std::strrchr(file, '/');
-    current = ZNC_PROGRESS{slash != nullptr ? slash + 1 : file, index, count, 0,
-                           known ? static_cast<std::uint64_t>(st.st_size) : 0};
+    current = ZNC_PROGRESS{slash != nullptr ? slash + 1 : file,
+                           index,
+                           count,
+                           0,
+                           known ? static_cast<std::uint64_t>(st.st_size) : 0,
+                           0};
     tell(0);
 }
 
@@ -61,6 +70,27 @@ void LayerProgress::complete() noexcept
 {
     if (listening())
         tell(current.total);
+}
+
+UnpackCounts* progress_counts() noexcept
+{
+    return counts;
+}
+
+ProgressHelper::ProgressHelper(UnpackCounts* of) noexcept
+{
+    counts = of;
+}
+
+ProgressHelper::~ProgressHelper()
+{
+    counts = nullptr;
+}
+
+void progress_left_out() noexcept
+{
+    if (counts != nullptr)
+        ++counts->leftOut;
 }
 
 ProgressElsewhere::ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept

@@ -32,6 +32,25 @@ class ProgressElsewhere {
 };
 void progress_follow(const std::atomic<std::uint64_t>& position) noexcept;
 
+// What the tasks of one unpack count together.
+struct UnpackCounts {
+    std::atomic<std::uint64_t> leftOut = 0;
+};
+// Of the calling task; null: nobody listens to it.
+UnpackCounts* progress_counts() noexcept;
+
+// While it lives, the calling task helps the one that those are of.
+class ProgressHelper {
+  public:
+    explicit ProgressHelper(UnpackCounts* counts) noexcept;
+    ~ProgressHelper();
+    ProgressHelper(const ProgressHelper&) = delete;
+    ProgressHelper& operator=(const ProgressHelper&) = delete;
+};
+
+// A member was extracted otherwise than its maker meant.
+void progress_left_out() noexcept;
+
 // The descriptor of the archive has been read on; keeps the task error number.
 void progress_read(int fd) noexcept;
 

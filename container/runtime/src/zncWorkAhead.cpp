@@ -49,7 +49,7 @@ bool start_task(pthread_t* task, void* (*main)(void*), void* argument)
 namespace znc {
 
 WorkAhead::WorkAhead(Job job, void* context, std::size_t count) noexcept
-    : job_(job), context_(context), count_(count)
+    : job_(job), context_(context), counts_(progress_counts()), count_(count)
 {
 }
 
@@ -128,6 +128,7 @@ void WorkAhead::finish(Slot& slot, STATUS status) noexcept
 void* WorkAhead::help(void* self)
 {
     auto& work = *static_cast<WorkAhead*>(self);
+    const ProgressHelper helper(work.counts_);
     std::size_t index = 0;
     while (work.begin(&index)) {
         errno = 0;

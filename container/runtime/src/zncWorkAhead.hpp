@@ -5,6 +5,7 @@
 #define ZNCWORKAHEAD_HPP
 
 #include "zncOwned.hpp"
+#include "zncProgress.hpp"
 #include "zncontainer.h"
 
 #include <cstddef>
@@ -55,6 +56,7 @@ class WorkAhead {
 
     Job job_;
     void* context_;
+    UnpackCounts* counts_;
     std::size_t count_;
     MallocPtr<Slot[]> slots_; // null: nobody helps
     bool stop_ = false;
