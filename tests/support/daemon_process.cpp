@@ -1,15 +1,18 @@
 #include "daemon_process.hpp"
 
+#include "eventually.hpp"
 #include "zncprotocol.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <mqueue.h>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -26,6 +29,12 @@ ino_t queue_identity()
     return st.st_ino;
 }
 
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 } // namespace
 
 DaemonProcess::DaemonProcess(const std::string& storage)
@@ -37,6 +46,8 @@ DaemonProcess::DaemonProcess(const std::string& storage)
     const ino_t before = queue_identity();
     pid_ = ::fork();
     if (pid_ == 0) {
+        // With a test that crashes everything goes that its daemon keeps.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::setenv("ZNC_BASE", storage.c_str(), 1);
         ::execl(program, program, static_cast<char*>(nullptr));
         ::_exit(127);
@@ -45,13 +56,17 @@ DaemonProcess::DaemonProcess(const std::string& storage)
         const ino_t now = queue_identity();
         return now != 0 && now != before;
     };
-    while (!is_there() || zncDaemonIsAlive() == FALSE) {
-        if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            throw std::runtime_error("zncd ended instead of serving");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    bool ended = false;
+    const bool serves = eventually([&] {
+        ended = ::waitpid(pid_, nullptr, WNOHANG) == pid_;
+        return ended || (is_there() && zncDaemonIsAlive() != FALSE);
+    });
+    if (!ended && serves)
+        return;
+    if (!ended)
+        stop(SIGKILL);
+    pid_ = -1;
+    throw std::runtime_error(ended ? "zncd ended instead of serving" : "zncd does not answer");
 }
 
 DaemonProcess::~DaemonProcess()
@@ -60,11 +75,21 @@ DaemonProcess::~DaemonProcess()
         stop(SIGTERM);
 }
 
+bool DaemonProcess::is_idle() const
+{
+    const std::string directory = "/proc/" + std::to_string(pid_);
+    const bool sleeps = read_file(directory + "/stat").find(") S ") != std::string::npos;
+    return sleeps && read_file(directory + "/task/" + std::to_string(pid_) + "/children").empty();
+}
+
 int DaemonProcess::stop(int hostSignal)
 {
     int status = 0;
     ::kill(pid_, hostSignal);
-    ::waitpid(pid_, &status, 0);
+    if (!eventually([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; })) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+    }
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

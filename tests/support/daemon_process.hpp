@@ -15,8 +15,12 @@ class DaemonProcess {
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     [[nodiscard]] pid_t pid() const { return pid_; }
+    // Whether nothing of what it was asked is still to be done: it sleeps, and the keepers of
+    // deleted containers are reaped.
+    [[nodiscard]] bool is_idle() const;
 
-    // Sends a host signal and waits for the end: the exit status, or 128 + signal.
+    // Sends a host signal and waits for the end: the exit status, or 128 + signal. One that does
+    // not end in time is killed.
     int stop(int hostSignal);
 
   private:

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -15,6 +16,10 @@
 #include <unistd.h>
 
 namespace fake_daemon {
+
+namespace {
+constexpr std::chrono::minutes kLongest(1);
+}
 
 FakeDaemon::FakeDaemon(Handler handler, std::size_t maxMsgLen)
     : handler_(std::move(handler)),
@@ -38,7 +43,8 @@ FakeDaemon::~FakeDaemon()
 std::vector<Request> FakeDaemon::requests(std::size_t atLeast)
 {
     std::unique_lock lock(mutex_);
-    grown_.wait(lock, [&] { return requests_.size() >= atLeast; });
+    if (!grown_.wait_for(lock, kLongest, [&] { return requests_.size() >= atLeast; }))
+        throw std::runtime_error("a request did not come");
     return requests_;
 }
 

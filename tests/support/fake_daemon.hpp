@@ -34,7 +34,8 @@ class FakeDaemon {
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
-    // What has come in so far, waiting until that is at least `atLeast` requests.
+    // What has come in so far, waiting until that is at least `atLeast` requests; throws if they do
+    // not come.
     std::vector<Request> requests(std::size_t atLeast = 0);
 
   private:

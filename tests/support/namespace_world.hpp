@@ -3,6 +3,7 @@
 #ifndef NAMESPACE_WORLD_HPP
 #define NAMESPACE_WORLD_HPP
 
+#include "eventually.hpp"
 #include "little_root.hpp"
 #include "zarnel/ns.h"
 #include "zarnel/owned.hpp"

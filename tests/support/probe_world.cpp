@@ -1,5 +1,6 @@
 #include "probe_world.hpp"
 
+#include "eventually.hpp"
 #include "little_root.hpp"
 
 #include <cerrno>
@@ -16,7 +17,6 @@
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -45,8 +45,8 @@ int status_of(pid_t pid)
 
 void await_file(const std::string& path)
 {
-    while (::access(path.c_str(), F_OK) != 0)
-        ::usleep(1000);
+    if (!eventually([&] { return ::access(path.c_str(), F_OK) == 0; }))
+        throw std::runtime_error(path + " does not appear");
 }
 
 void carry_everything()
@@ -132,23 +132,12 @@ std::string ProbeWorld::probe_program()
     return program;
 }
 
-// The daemon still closes the queue of the last answer when its client has it already, and reaps a
-// keeper at the next request: the ledger is taken until it is like `before`, or, to have one to
-// begin with, like the one before it.
-Ledger ProbeWorld::quiet_ledger(Ledger before, bool follow) const
+// The daemon still closes the queue of the last answer when its client has it already, and may reap
+// a keeper only after some seconds.
+Ledger ProbeWorld::quiet_ledger() const
 {
-    constexpr int kTries = 200;
-    Ledger now;
-    for (int tries = 0; tries < kTries; tries++) {
-        zncDaemonIsAlive();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        now = Ledger::take(kStorage, daemon_->pid());
-        if (now.compared_with(before).empty())
-            break;
-        if (follow)
-            before = now;
-    }
-    return now;
+    EXPECT_TRUE(eventually([this] { return daemon_->is_idle(); }));
+    return Ledger::take(kStorage, daemon_->pid());
 }
 
 void ProbeWorld::SetUp()
@@ -167,7 +156,7 @@ void ProbeWorld::SetUp()
     // The first container makes the daemon keep its helper open and the storage area.
     ASSERT_EQ(zncCreate("warm", kBundle, 0, nullptr), OK) << std::hex << errno;
     ASSERT_EQ(zncDelete("warm", 0), OK);
-    ledger_ = quiet_ledger(Ledger::take(kStorage, daemon_->pid()), true);
+    ledger_ = quiet_ledger();
     host_ = std::make_unique<HostObjects>("outside");
 }
 
@@ -178,7 +167,7 @@ void ProbeWorld::TearDown()
     }
     host_.reset();
     if (daemon_ && !HasFatalFailure()) {
-        EXPECT_EQ(quiet_ledger(ledger_, false).compared_with(ledger_), "");
+        EXPECT_EQ(quiet_ledger().compared_with(ledger_), "");
         EXPECT_EQ(daemon_->stop(SIGTERM), 0);
     }
     daemon_.reset();

@@ -38,8 +38,9 @@ int start_and_wait(const char* id);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
 
-// Waits for a file to appear. Without a look into the heap: another thread may just fork, and the
-// child of a program under a sanitizer stands still for ever when the heap was locked then.
+// Waits for a file to appear; throws if it does not. Without a look into the heap: another thread
+// may just fork, and the child of a program under a sanitizer stands still for ever when the heap
+// was locked then.
 void await_file(const std::string& path);
 
 class ProbeWorld : public testing::TestWithParam<bool> {
@@ -84,7 +85,7 @@ class ProbeWorld : public testing::TestWithParam<bool> {
                          const std::vector<const char*>& checks = {});
 
   private:
-    Ledger quiet_ledger(Ledger before, bool follow) const;
+    [[nodiscard]] Ledger quiet_ledger() const;
 
     std::unique_ptr<DaemonProcess> daemon_;
     std::unique_ptr<HostObjects> host_;

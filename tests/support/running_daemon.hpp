@@ -2,6 +2,7 @@
 #ifndef RUNNING_DAEMON_HPP
 #define RUNNING_DAEMON_HPP
 
+#include "eventually.hpp"
 #include "zarnel/task.h"
 #include "zncprotocol.h"
 
@@ -25,11 +26,9 @@ class RunningDaemon {
             pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancelState_);
             ended_ = true;
         });
-        while (!ended_ && zncDaemonIsAlive() != TRUE)
-            std::this_thread::yield();
-        if (ended_) {
+        if (!eventually([this] { return ended_ || zncDaemonIsAlive() == TRUE; }) || ended_) {
             stop();
-            throw std::runtime_error("the daemon task ended at once");
+            throw std::runtime_error("the daemon task does not serve");
         }
     }
     ~RunningDaemon() { stop(); }

@@ -7,13 +7,16 @@
  * top-level directories as recursive binds, but for /overlay (an empty directory, or none with
  * --no-overlay), /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The sources and the
  * build stay where they are, wherever that is. So it has no queues, sockets, devices or storage of
- * the host's to find or to leave behind. Needs root: without the right to make namespaces it fails,
- * it does not skip.
+ * the host's to find or to leave behind. Nor has it what whoever runs the tests happens to leave to
+ * his programs: descriptors, signals blocked or ignored, a mask for files, variables that the
+ * system and its tools obey. Needs root: without the right to make namespaces it fails, it does not
+ * skip.
  */
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdbool.h>
 #include <stdio.h>
@@ -114,6 +117,23 @@ static void own_tmpfs(const char* root, const char* name)
         die("mount", path);
 }
 
+static void forget_the_caller(void)
+{
+    static const char* const variables[] = {
+        "ZNC_BASE", "ZNC_VERBOSE", "NOTIFY_SOCKET", "JOURNAL_STREAM", "NO_COLOR",
+        "TMPDIR",   "COLUMNS",     "LINES",         "LC_ALL",         NULL};
+    for (int i = 0; variables[i] != NULL; i++)
+        unsetenv(variables[i]);
+    if (setenv("LANG", "C.UTF-8", 1) != 0 || close_range(3, ~0U, 0) != 0)
+        die("forget", "the caller");
+    umask(022);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, NULL);
+    for (int signo = 1; signo < NSIG; signo++)
+        signal(signo, SIG_DFL); /* not KILL and STOP, and not what the C library keeps */
+}
+
 int main(int argc, char** argv)
 {
     bool overlay = true;
@@ -128,6 +148,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: sandbox [--no-overlay] -- PROGRAM [ARGS...]\n");
         return 120;
     }
+    forget_the_caller();
     char cwd[4096];
     if (getcwd(cwd, sizeof cwd) == NULL)
         die("getcwd", ".");

@@ -6,12 +6,12 @@
 
 #include "bundle.hpp"
 #include "daemon_process.hpp"
+#include "eventually.hpp"
 #include "ledger.hpp"
 #include "test_size.hpp"
 #include "zncontainer.h"
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -21,7 +21,6 @@
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace system_world {
@@ -51,7 +50,7 @@ inline int exit_code(pid_t pid)
 // Begins `body` in a process of its own, which ends with its result, or by SIGALRM if it hangs.
 inline pid_t begin_child(const std::function<int()>& body)
 {
-    constexpr unsigned kHangSeconds = 60;
+    constexpr unsigned kHangSeconds = 180;
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -115,47 +114,27 @@ class SystemWorld : public testing::TestWithParam<bool> {
     }
 
     // The daemon closes a client's queue when the client has its answer already, and looks for
-    // keepers to reap with the next request or after some seconds. The ledger to compare with is
-    // one that stays as it is.
+    // keepers to reap with the next request or after some seconds.
     void settle()
     {
+        EXPECT_TRUE(eventually([this] { return daemon_->is_idle(); }));
         ledger_ = Ledger::take(kStorage, daemon());
-        for (int tries = 0; tries < kTries; tries++) {
-            pause();
-            const Ledger now = Ledger::take(kStorage, daemon());
-            if (now.compared_with(ledger_).empty())
-                return;
-            ledger_ = now;
-        }
     }
 
     // What is there that was not, and the other way round, but for lines that name `expected`. What
-    // is left after some seconds is left for good.
+    // stays although the daemon was asked again and again is left for good.
     [[nodiscard]] std::string left_over(const std::string& expected = "") const
     {
         std::string left;
-        for (int tries = 0; tries < kTries; tries++) {
+        static_cast<void>(eventually([&] {
             std::istringstream lines(Ledger::take(kStorage, daemon()).compared_with(ledger_));
             left.clear();
             for (std::string line; std::getline(lines, line);)
                 if (expected.empty() || line.find(expected) == std::string::npos)
                     left += line + "\n";
-            if (left.empty())
-                break;
-            pause();
-        }
+            return left.empty() || zncDaemonIsAlive() == FALSE;
+        }));
         return left;
-    }
-
-    // Whether it comes true within some seconds.
-    static bool eventually(const std::function<bool()>& condition)
-    {
-        for (int tries = 0; tries < kTries; tries++) {
-            if (condition())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
     }
 
     // A whole life of container "web".
@@ -171,14 +150,6 @@ class SystemWorld : public testing::TestWithParam<bool> {
     std::unique_ptr<DaemonProcess> daemon_;
 
   private:
-    static constexpr int kTries = 500; // of 10 ms
-
-    static void pause()
-    {
-        zncDaemonIsAlive();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-
     Ledger ledger_;
 };
 

@@ -1,7 +1,7 @@
 # The front ends from outside: zncctl and zncd as a user runs them, each script in a sandbox.
 function(znc_cli_test NAME)
     add_test(NAME ${NAME} COMMAND znc_sandbox ${ARGN} -- ${CMAKE_CURRENT_SOURCE_DIR}/${NAME}.sh)
-    set_tests_properties(${NAME} PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77
+    set_tests_properties(${NAME} PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77
         ENVIRONMENT "ZNCCTL=$<TARGET_FILE:zncctl>;ZNCD=$<TARGET_FILE:zncd>")
 endfunction()
 

@@ -150,6 +150,7 @@ fi
 python3 -c '
 import socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.settimeout(60)
 s.bind("\0znc-notify-test" if sys.argv[1] == "abstract" else sys.argv[1])
 open(sys.argv[2], "w").close()
 for _ in range(2):

@@ -56,10 +56,10 @@ fails_with() {
     check "$1" test "$status/$out/$said" = "$2//$3"
 }
 
-# eventually COMMAND...: waits up to 20 seconds for it to succeed.
+# eventually COMMAND...: waits up to a minute for it to succeed.
 eventually() {
-    local i
-    for ((i = 0; i < 400; i++)); do
+    local end=$((SECONDS + 60))
+    while [[ $SECONDS -lt $end ]]; do
         "$@" 2>/dev/null && return 0
         sleep 0.05
     done
@@ -127,9 +127,10 @@ need() {
 
 # Whether a process of this run's containers still lives (zombies do not count).
 program_lives() {
-    local proc
+    local proc words
     for proc in /proc/[0-9]*; do
-        [[ $(tr '\0' ' ' 2>/dev/null <"$proc/cmdline") == *"sleep $mark"* ]] && return 0
+        mapfile -d '' -t words 2>/dev/null <"$proc/cmdline" || continue
+        [[ "${words[*]}" == *"sleep $mark"* ]] && return 0
     done
     return 1
 }

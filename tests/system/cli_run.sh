@@ -78,6 +78,9 @@ make_bundle "$work/loop" /bin/sh -c "echo begin; exec sleep $mark"
 out=$(zncctl run -d -b "$work/loop" web 2>&1)
 check 'run --detach prints the id and lets go of the output' test "$out" = web
 check 'its program runs' eventually program_lives
+# logged ID TEXT: what a program prints comes to its log when the monitor has read it.
+logged() { zncctl logs "$1" 2>/dev/null | grep -q "$2"; }
+eventually logged web begin
 run zncctl logs web
 expect 'its output is in the log' 0 begin ''
 run zncctl list
@@ -120,10 +123,10 @@ for command in logs wait attach top stop; do
         'Container does not exist'
 done
 
-make_bundle "$work/stubborn" /bin/sh -c "trap '' TERM; sleep $mark & wait; sleep $mark"
+make_bundle "$work/stubborn" /bin/sh -c "trap '' TERM; echo ready; sleep $mark & wait; sleep $mark"
 zncctl create stubborn "$work/stubborn"
 zncctl start stubborn
-eventually program_lives
+eventually logged stubborn ready
 run zncctl stop -t 0 stubborn
 expect 'stop kills what TERM does not end' 0 stubborn ''
 check 'with all its processes' not program_lives
@@ -168,8 +171,7 @@ check 'records go with containers' no_records
 make_bundle "$work/traps" /bin/sh -c \
     "trap 'echo term; exit 5' TERM; echo ready; while :; do sleep 0.05; done"
 zncctl run -d -b "$work/traps" trap >/dev/null
-logged_ready() { zncctl logs trap | grep -q ready; }
-eventually logged_ready
+eventually logged trap ready
 "$ZNCCTL" attach trap >"$work/attached" 2>&1 &
 attacher=$!
 "$ZNCCTL" logs -f trap >"$work/followed" 2>&1 &
@@ -229,10 +231,10 @@ run zncctl delete web
 expect 'it can be deleted' 0 web ''
 
 # Two interrupts in a row.
-make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; sleep $mark & wait; wait; wait"
-"$ZNCCTL" run -b "$work/deaf" deaf 2>"$work/hints" &
+make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; echo ready; sleep $mark & wait; wait; wait"
+"$ZNCCTL" run -b "$work/deaf" deaf >"$work/deaf.out" 2>"$work/hints" &
 runner=$!
-eventually program_lives && eventually zncctl kill -q -s 0 deaf
+eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
 sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
 check 'a second interrupt tells how to force' eventually sent

@@ -17,7 +17,7 @@ import time
 ZNCCTL = os.environ["ZNCCTL"]
 WORK = os.environ["WORK"]
 BUNDLE = WORK + "/shell"
-TIME = 20
+TIME = 60
 failed = 0
 
 

@@ -2,10 +2,7 @@
 // nothing left behind. Runs in a sandbox; with --no-overlay the daemon finds no /overlay and cannot
 // make one.
 
-#include "bundle.hpp"
-#include "daemon_process.hpp"
-#include "ledger.hpp"
-#include "zncontainer.h"
+#include "system_world.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -21,9 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kStorage = "/tmp/storage";
 constexpr const char* kBundle = "/tmp/bundle";
-constexpr int kKill = 9;
 constexpr int kTerm = 15;
 constexpr int kUsr1 = 30; // the system's number
 
@@ -50,10 +45,7 @@ template <class Call> std::string output_of(Call call)
     return read_file("/tmp/stdout");
 }
 
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
-using Text = std::unique_ptr<char, Free>;
+using Text = std::unique_ptr<char, system_world::Free>;
 Text take(char* text)
 {
     return Text(text);
@@ -69,66 +61,17 @@ pid_t only_child()
     return last;
 }
 
-class Containers : public testing::TestWithParam<bool> {
+class Containers : public system_world::SystemWorld {
   protected:
-    [[nodiscard]] bool overlay() const { return GetParam(); }
-
     void SetUp() override
     {
-        if (!overlay())
-            hide_overlay();
-        daemon_ = std::make_unique<DaemonProcess>(kStorage);
+        SystemWorld::SetUp();
         make_bundle(kBundle, {"/bin/sh", "-c", "exit 3"});
-        // The first container makes the daemon keep its helper open and the storage area.
-        ASSERT_EQ(zncCreate("warm", kBundle, 0, nullptr), OK) << std::strerror(errno);
-        ASSERT_EQ(zncDelete("warm", 0), OK);
-        before_ = Ledger::take(kStorage, daemon_->pid());
     }
-
-    void TearDown() override
-    {
-        if (daemon_ && !HasFatalFailure()) {
-            EXPECT_EQ(left_over(), "");
-            EXPECT_EQ(daemon_->stop(SIGTERM), 0);
-        }
-        fs::remove_all(kStorage);
-        fs::remove_all(kBundle);
-        if (!overlay())
-            show_overlay();
-    }
-
-    // What is there that was not. The daemon may still be closing a client's queue or reaping a
-    // keeper when the last call returns; what is left after some seconds is left for good.
-    [[nodiscard]] std::string left_over() const
-    {
-        std::string text;
-        for (int tries = 0; tries < 100; tries++) {
-            text = Ledger::take(kStorage, daemon_->pid()).compared_with(before_);
-            if (text.empty())
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return text;
-    }
-
-    // A link to nowhere where the daemon would make the directory: there is no overlay then.
-    static void hide_overlay()
-    {
-        fs::remove("/overlay");
-        fs::create_symlink("/none", "/overlay");
-    }
-    static void show_overlay()
-    {
-        fs::remove("/overlay");
-        fs::create_directory("/overlay");
-    }
-
-    std::unique_ptr<DaemonProcess> daemon_;
-    Ledger before_;
 };
 
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Containers, testing::Values(false, true),
-                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+                         system_world::flavour_name);
 
 TEST_P(Containers, AHundredRoundsOfOneIdLeaveNothing)
 {
@@ -182,8 +125,8 @@ TEST_P(Containers, KillSignalsTheStoredProcessByTheSystemsNumber)
     EXPECT_EQ(zncKill("web", kUsr1, 0), OK); // created, not running: nothing is sent
     const std::string out = output_of([] {
         ASSERT_EQ(zncStart("web", ZNC_OPT_NO_WAIT), OK) << std::hex << errno;
-        while (read_file("/tmp/stdout").find("ready") == std::string::npos)
-            std::this_thread::yield();
+        ASSERT_TRUE(
+            eventually([] { return read_file("/tmp/stdout").find("ready") != std::string::npos; }));
     });
     EXPECT_EQ(out, "ready\n");
     EXPECT_EQ(zncStatusGet("web"), STATE_RUNNING);
@@ -204,8 +147,7 @@ TEST_P(Containers, KillOfTheNamespaceReachesEveryProcess)
     int status = 0;
     ASSERT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
-    while (zncStatusGet("web") == STATE_RUNNING)
-        std::this_thread::yield();
+    ASSERT_TRUE(eventually([] { return zncStatusGet("web") != STATE_RUNNING; }));
     EXPECT_EQ(zncStatusGet("web"), STATE_STOPPED);
     EXPECT_EQ(zncDelete("web", 0), OK);
 }

@@ -11,7 +11,7 @@ if(NOT ZNC_SANITIZE)
     foreach(MODE kill errno)
         add_test(NAME crashat_${MODE} COMMAND znc_sandbox --
             $<TARGET_FILE:crashat> ${MODE} --sample ${CRASHAT_SAMPLE_${MODE}})
-        set_tests_properties(crashat_${MODE} PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE
+        set_tests_properties(crashat_${MODE} PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE
             ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
     endforeach()
 endif()

@@ -26,7 +26,7 @@ using std::chrono::seconds;
 
 namespace {
 
-constexpr seconds kWatchdog(10);
+constexpr seconds kWatchdog(60);
 constexpr milliseconds kPatience(400); // for an answer, before it is asked whether one comes
 
 struct Options {

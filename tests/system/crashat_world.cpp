@@ -4,6 +4,7 @@
 #include "layout_builder.hpp"
 #include "zncontainer.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -23,10 +24,18 @@ using std::chrono::seconds;
 
 namespace {
 
-constexpr seconds kHang(10);
-constexpr seconds kQuiet(5);
-constexpr seconds kSweep(10);
-constexpr milliseconds kPatience(50);
+// Longer than anything takes on a busy machine.
+constexpr seconds kHang(60);
+constexpr seconds kQuiet(60);
+constexpr seconds kSweep(60);
+constexpr milliseconds kPatience(50); // at first
+constexpr milliseconds kMostPatience(1000);
+
+bool is_asleep(pid_t pid)
+{
+    const std::string stat = layout::read_file("/proc/" + std::to_string(pid) + "/stat");
+    return stat.find(") S ") != std::string::npos;
+}
 
 void restore_signals()
 {
@@ -273,6 +282,7 @@ pid_t World::launch_daemon(const std::function<void(pid_t)>& adopted)
 Complaint World::await_daemon()
 {
     const auto deadline = std::chrono::steady_clock::now() + kHang;
+    milliseconds patience = kPatience;
     for (bool answers = false; !answers;) {
         if (std::chrono::steady_clock::now() >= deadline)
             return "zncd does not answer\n";
@@ -280,10 +290,12 @@ Complaint World::await_daemon()
         Client asking = client([] { return zncDaemonIsAlive() != FALSE ? 0 : 1; });
         let_go(asking);
         tracer_.serve_until(
-            [&] { return tracer_.status(asking.pid).has_value() || !daemon_lives(); }, kPatience);
+            [&] { return tracer_.status(asking.pid).has_value() || !daemon_lives(); }, patience);
         answers = tracer_.status(asking.pid) == 0;
-        if (!tracer_.status(asking.pid))
+        if (!tracer_.status(asking.pid)) {
             kill(asking.pid);
+            patience = std::min(2 * patience, kMostPatience);
+        }
         if (!daemon_lives())
             return "zncd ended instead of serving\n";
     }
@@ -351,14 +363,16 @@ void World::take_baseline()
 {
     if (!daemon_lives())
         return;
-    // What is still on its way out when two ledgers in a row agree is there to stay.
+    // What is still on its way out when two ledgers in a row agree, with nothing for the daemon to
+    // do, is there to stay.
     Ledger last = Ledger::take(kStorage, daemon_);
     tracer_.serve_until(
         [&] {
+            const bool sleeps = is_asleep(daemon_);
             const Ledger now = Ledger::take(kStorage, daemon_);
             const bool same = now.compared_with(last).empty();
             last = now;
-            return same;
+            return sleeps && same;
         },
         kQuiet);
     before_ = last;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# hardening_test.sh LIBRARY ZNCD ZNCCTL HELPER STATIC-LIBRARIES FORTIFIED - what the built files are
-# protected with, read from the files themselves. STATIC-LIBRARIES: those that the library is made
+# hardening_test.sh LIBRARY ZNCD ZNCCTL IMPORT HELPER STATIC-LIBRARIES FORTIFIED - what the built files
+# are protected with, read from the files themselves. STATIC-LIBRARIES: those that the library is made
 # of, separated by ":". FORTIFIED: 1 in optimised builds, which alone have the checked C functions.
 #
 # The helper runs alone in a container's namespaces, static and without a C library. A stack
@@ -9,12 +9,12 @@
 # shellcheck disable=SC2317 # what is called by way of expect
 set -euo pipefail
 export LC_ALL=C
-if [[ $# -ne 6 ]]; then
-    printf 'usage: hardening_test.sh LIBRARY ZNCD ZNCCTL HELPER STATIC-LIBRARIES FORTIFIED\n' >&2
+if [[ $# -ne 7 ]]; then
+    printf 'usage: hardening_test.sh LIBRARY ZNCD ZNCCTL IMPORT HELPER STATIC-LIBRARIES FORTIFIED\n' >&2
     exit 2
 fi
-library=$1 daemon=$2 client=$3 helper=$4 fortified=$6
-IFS=: read -ra parts <<<"$5"
+library=$1 daemon=$2 client=$3 import=$4 helper=$5 fortified=$7
+IFS=: read -ra parts <<<"$6"
 failed=0
 
 # expect TEXT COMMAND...: it succeeds.
@@ -90,6 +90,7 @@ probes_stack() {
 check_linked "$library"
 check_program "$daemon"
 check_program "$client"
+check_program "$import"
 check_memory "$helper"
 expect 'helper: nothing is writable' refuse has "$(segments "$helper")" 'LOAD.* RW '
 expect 'helper: no interpreter' refuse has "$(segments "$helper")" 'INTERP'

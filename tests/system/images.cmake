@@ -6,14 +6,14 @@ target_link_libraries(unpack_driver PRIVATE znc_flags zncontainer)
 set(IMAGES_ENVIRONMENT "UNPACK_DRIVER=$<TARGET_FILE:unpack_driver>"
     "ZNC_TEST_CACHE_DEFAULT=${CMAKE_BINARY_DIR}/testcache")
 add_test(NAME images_fixture COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/images_fixture.sh)
-set_tests_properties(images_fixture PROPERTIES TIMEOUT 1200 FIXTURES_SETUP image_layouts
+set_tests_properties(images_fixture PROPERTIES TIMEOUT 1800 FIXTURES_SETUP image_layouts
     ENVIRONMENT "${IMAGES_ENVIRONMENT}")
 
 # znc_images_test(NAME [SANDBOX-OPTION...])
 function(znc_images_test NAME)
     add_test(NAME ${NAME}
         COMMAND znc_sandbox ${ARGN} -- bash ${CMAKE_CURRENT_SOURCE_DIR}/${NAME}.sh)
-    set_tests_properties(${NAME} PROPERTIES TIMEOUT 600 FIXTURES_REQUIRED image_layouts
+    set_tests_properties(${NAME} PROPERTIES TIMEOUT 1800 FIXTURES_REQUIRED image_layouts
         ENVIRONMENT "${IMAGES_ENVIRONMENT}")
 endfunction()
 

@@ -16,6 +16,13 @@ ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory for the
 mkdir -p "$ZNC_TEST_CACHE"
 cd "$ZNC_TEST_CACHE"
 
+# Suites of several builds may share the directory.
+exec {making}>fixture.lock
+flock --timeout 1500 "$making" || {
+    printf 'images_fixture.sh: somebody else has been making the layouts for too long\n' >&2
+    exit 1
+}
+
 for tool in umoci skopeo debootstrap python3 unshare; do
     command -v "$tool" >/dev/null || {
         printf 'images_fixture.sh: %s is not installed\n' "$tool" >&2

@@ -9,7 +9,7 @@ function(znc_load_test NAME)
     target_include_directories(${NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
     target_link_libraries(${NAME} PRIVATE znc_flags zncontainer zn_platform GTest::gtest_main)
     add_test(NAME ${NAME} COMMAND znc_sandbox -- $<TARGET_FILE:${NAME}>)
-    set_tests_properties(${NAME} PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE
+    set_tests_properties(${NAME} PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE
         ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
 endfunction()
 
@@ -26,4 +26,4 @@ add_executable(load_threads_test load_threads_test.cpp)
 target_include_directories(load_threads_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(load_threads_test PRIVATE znc_flags zn_platform GTest::gtest_main)
 add_test(NAME load_threads_test COMMAND znc_sandbox -- $<TARGET_FILE:load_threads_test>)
-set_tests_properties(load_threads_test PROPERTIES TIMEOUT 300)
+set_tests_properties(load_threads_test PROPERTIES TIMEOUT 600)

@@ -197,8 +197,8 @@ class StrictClient : public Client {
         if (!running || (signo != kTerm && signo != kKill))
             return;
         // The signal takes effect when it likes.
-        while (zncStatusGet(id_.c_str()) == STATE_RUNNING)
-            std::this_thread::yield();
+        check(container, "what a signal ended",
+              eventually([this] { return zncStatusGet(id_.c_str()) != STATE_RUNNING; }), 1);
         container.status = STATE_STOPPED;
     }
 

@@ -13,7 +13,7 @@ if(NOT ZNC_SANITIZE)
         else()
             add_test(NAME ${NAME} COMMAND ${COMMAND})
         endif()
-        set_tests_properties(${NAME} PROPERTIES TIMEOUT 600 ENVIRONMENT "${PACKAGES_ENVIRONMENT}"
+        set_tests_properties(${NAME} PROPERTIES TIMEOUT 1200 ENVIRONMENT "${PACKAGES_ENVIRONMENT}"
             FIXTURES_SETUP "${ARG_SETUP}" FIXTURES_REQUIRED "${ARG_NEEDS}")
     endfunction()
 

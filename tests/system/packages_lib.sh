@@ -40,10 +40,10 @@ prints() {
     }
 }
 
-# eventually COMMAND...: waits up to 20 seconds for it to succeed.
+# eventually COMMAND...: waits up to a minute for it to succeed.
 eventually() {
-    local i
-    for ((i = 0; i < 400; i++)); do
+    local end=$((SECONDS + 60))
+    while [[ $SECONDS -lt $end ]]; do
         "$@" >/dev/null 2>&1 && return 0
         sleep 0.05
     done

@@ -6,6 +6,6 @@ if(NOT ZNC_SANITIZE)
     target_include_directories(recovery_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
     target_link_libraries(recovery_test PRIVATE znc_flags zncontainer zn_platform GTest::gtest_main)
     add_test(NAME recovery_test COMMAND znc_sandbox -- $<TARGET_FILE:recovery_test>)
-    set_tests_properties(recovery_test PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE
+    set_tests_properties(recovery_test PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE
         ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
 endif()

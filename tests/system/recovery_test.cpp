@@ -83,7 +83,8 @@ class Recovery : public system_world::SystemWorld {
     // Whether the process has become that program.
     static bool runs_program(pid_t process, const std::string& name)
     {
-        return process > 0 && read_file("/proc/" + std::to_string(process) + "/comm") == name + "\n";
+        return process > 0 &&
+               read_file("/proc/" + std::to_string(process) + "/comm") == name + "\n";
     }
     void kill_keeper()
     {
@@ -92,12 +93,10 @@ class Recovery : public system_world::SystemWorld {
         ASSERT_EQ(::kill(keeper, SIGKILL), 0);
     }
     // A keeper alone in its namespace has ended once it is a zombie or the daemon reaped it.
-    static void await_end(pid_t keeper)
+    static bool has_ended(pid_t keeper)
     {
-        const std::string state = "/proc/" + std::to_string(keeper) + "/stat";
-        for (std::string text = read_file(state);
-             !text.empty() && text.find(") Z ") == std::string::npos; text = read_file(state))
-            std::this_thread::yield();
+        const std::string text = read_file("/proc/" + std::to_string(keeper) + "/stat");
+        return text.empty() || text.find(") Z ") != std::string::npos;
     }
     static fs::path only_record()
     {
@@ -245,14 +244,12 @@ TEST_P(Recovery, ClientsThatWaitWhenTheDaemonIsKilledGetAnError)
     ::kill(daemon(), SIGSTOP);
     std::vector<pid_t> clients;
     for (int i = 0; i < kClients; i++)
-        clients.push_back(begin_child([] {
-            ::alarm(20); // the time for a reply, and more
-            return zncStatusGet("web") == STATE_UNKNOWN ? 0 : 1;
-        }));
+        clients.push_back(begin_child([] { return zncStatusGet("web") == STATE_UNKNOWN ? 0 : 1; }));
     const raw_client::Queue queue("/znc");
     mq_attr attributes = {};
-    while (::mq_getattr(queue.get(), &attributes) == 0 && attributes.mq_curmsgs < kClients)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] {
+        return ::mq_getattr(queue.get(), &attributes) == 0 && attributes.mq_curmsgs == kClients;
+    }));
     restart_killed();
     for (const pid_t client : clients)
         EXPECT_EQ(exit_code(client), 0);
@@ -266,7 +263,7 @@ TEST_P(Recovery, ACreatedContainerWhoseKeeperWasKilledCannotBeStartedAndCanBeDel
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     const pid_t keeper = last_child_of(daemon());
     kill_keeper();
-    await_end(keeper);
+    ASSERT_TRUE(eventually([keeper] { return has_ended(keeper); }));
     EXPECT_EQ(zncStatusGet("web"), STATE_CREATED);
     EXPECT_NE(text_of(zncList()).find("\"web\""), std::string::npos);
     EXPECT_EQ(zncStart("web", 0), ERROR);
@@ -401,7 +398,9 @@ TEST_P(Recovery, ARecordThatIsNoFileKeepsNoDaemonFromStarting)
 // of its own: the number of a session is not given away.
 TEST_P(Recovery, ASignalDoesNotReachAProcessThatGotTheNumberOfTheContainersProgram)
 {
-    make_bundle(kBundle, {"/bin/sh", "-c", "busybox setsid sleep 1000 & sleep 0.3; exit 0"});
+    make_bundle(kBundle, {"/bin/sh", "-c",
+                          "busybox setsid sh -c 'touch /tmp/apart; exec sleep 1000' & "
+                          "until test -e /tmp/apart; do sleep 0.01; done; exit 0"});
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     ASSERT_EQ(zncStart("web", ZNC_OPT_NO_WAIT), OK);
     pid_t number = last_child_of(::getpid());

@@ -66,8 +66,7 @@ INSTANTIATE_TEST_SUITE_P(Host, StopSignals, testing::Values(false, true),
 TEST_P(StopSignals, MeetsClientsAtWork)
 {
     ClientGroup clients(16, work_until_stopped);
-    while (!fs::exists("/overlay/client3")) // they are at it
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([] { return fs::exists("/overlay/client3"); })); // they are at it
     EXPECT_EQ(stop_daemon(stop_signal()), 0);
     EXPECT_EQ(clients.wait(), std::vector<int>(16, 0));
     expect_nothing_left();
@@ -137,8 +136,7 @@ void start_deaf(const char* bundle)
     make_bundle(bundle, kDeaf);
     ASSERT_EQ(zncCreate("deaf", bundle, 0, nullptr), OK) << std::hex << errno;
     ASSERT_EQ(zncStart("deaf", ZNC_OPT_NO_WAIT), OK) << std::hex << errno;
-    while (!fs::exists("/overlay/deaf/ready"))
-        std::this_thread::yield();
+    ASSERT_TRUE(eventually([] { return fs::exists("/overlay/deaf/ready"); }));
     for (const char* name :
          {"HUP", "INT", "QUIT", "ILL", "TRAP", "ABRT", "FPE", "BUS", "SEGV", "PIPE", "ALRM", "TERM",
           "TSTP", "CONT", "CHLD", "TTIN", "TTOU", "USR1", "USR2"})
@@ -186,8 +184,7 @@ TEST_F(Delete, EndsAContainerWhoseProcessesAreStopped)
     make_bundle(kBundle, {"/bin/sh", "-c", "sleep 1000 & touch /ready; wait"});
     ASSERT_EQ(zncCreate("frozen", kBundle, 0, nullptr), OK);
     ASSERT_EQ(zncStart("frozen", ZNC_OPT_NO_WAIT), OK);
-    while (!fs::exists("/overlay/frozen/ready"))
-        std::this_thread::yield();
+    ASSERT_TRUE(eventually([] { return fs::exists("/overlay/frozen/ready"); }));
     ASSERT_EQ(zncKill("frozen", 17, ZNC_OPT_WHOLE_NAMESPACE), OK); // STOP
     int status = 0;
     ASSERT_GT(::waitpid(-1, &status, WUNTRACED), 0);
@@ -205,8 +202,7 @@ TEST_F(Delete, EndsAContainerThatForksAllTheTime)
                           "while :; do true & done"});
     ASSERT_EQ(zncCreate("forks", kBundle, 0, nullptr), OK);
     ASSERT_EQ(zncStart("forks", ZNC_OPT_NO_WAIT), OK);
-    while (!fs::exists("/overlay/forks/ready"))
-        std::this_thread::yield();
+    ASSERT_TRUE(eventually([] { return fs::exists("/overlay/forks/ready"); }));
     EXPECT_EQ(zncDelete("forks", ZNC_OPT_WHOLE_NAMESPACE), OK) << std::hex << errno;
     wait_for_killed_child();
 }

@@ -1,6 +1,7 @@
 #include "msgq_line.hpp"
 
 #include "clock.hpp"
+#include "eventually.hpp"
 #include "test_tree.hpp"
 #include "zarnel/msgq.h"
 #include "zarnel/owned.hpp"
@@ -45,13 +46,6 @@ class Waiter {
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
 
-    void until_asleep() const
-    {
-        while (!asleep())
-            std::this_thread::yield();
-    }
-
-  private:
     [[nodiscard]] bool asleep() const
     {
         if (tid_ == 0)
@@ -61,6 +55,7 @@ class Waiter {
         return call.starts_with(std::to_string(SYS_semtimedop) + " ");
     }
 
+  private:
     std::atomic<pid_t> tid_ = 0;
     std::thread thread_;
 };
@@ -90,7 +85,7 @@ TEST_F(QueueLine, TurnsComeInTheOrderOfArrival)
                 const std::lock_guard lock(mutex);
                 order.push_back(i);
             }));
-            waiters.back()->until_asleep();
+            EXPECT_TRUE(eventually([&] { return waiters.back()->asleep(); }));
         }
         EXPECT_TRUE(zn::queue_line_is_taken());
         const std::lock_guard lock(mutex);
@@ -111,11 +106,10 @@ TEST_F(QueueLine, WhoHasAQueueGoesBeforeWhoHasNone)
         head.wait_turn(in_seconds(60));
         passed = true;
     });
-    trier.until_asleep();
+    EXPECT_TRUE(eventually([&] { return trier.asleep(); }));
     EXPECT_FALSE(passed);
     first.reset();
-    while (!passed)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return passed.load(); }));
 }
 
 TEST_F(QueueLine, WhoDiesLeavesIt)
@@ -199,8 +193,7 @@ int created_by_threads(int tasks)
                 znMsgQClose(q);
                 znMsgQUnlink(name.c_str());
             }));
-        while (!zn::queue_line_is_taken())
-            std::this_thread::yield();
+        EXPECT_TRUE(eventually(zn::queue_line_is_taken));
         ::setrlimit(RLIMIT_MSGQUEUE, &old);
     }
     return made;

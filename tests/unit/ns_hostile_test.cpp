@@ -416,9 +416,12 @@ TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
         std::this_thread::sleep_for(std::chrono::microseconds(i * 137));
         ::kill(owner, SIGKILL);
         ::waitpid(owner, nullptr, 0);
-        while (children() != 0) // keepers see the end of their owner and go
-            if (::waitpid(-1, nullptr, __WALL) < 0)
-                break;
+        // Keepers see the end of their owner and go.
+        ASSERT_TRUE(eventually([] {
+            while (::waitpid(-1, nullptr, __WALL | WNOHANG) > 0) {
+            }
+            return children() == 0;
+        }));
         EXPECT_EQ(znnsRecover(), 0);
         EXPECT_EQ(children(), 0U);
     }
@@ -438,11 +441,12 @@ TEST_F(Namespaces, AClientThatIsKilledLeavesAtMostItsProgramWheneverThatIs)
         ::waitpid(client, nullptr, 0);
         // A spawn under way ends in a program or in nothing. Who came after the signal was sent
         // gets another.
-        do {
+        ASSERT_TRUE(eventually([ns] {
             EXPECT_EQ(znnsKill(ns, kKill), OK);
             while (::waitpid(-1, nullptr, WNOHANG) > 0) {
             }
-        } while (children() > 1);
+            return children() <= 1;
+        }));
         EXPECT_FALSE(in_use(ns));
     }
     EXPECT_EQ(run(ns, "echo alive"), "alive\n");

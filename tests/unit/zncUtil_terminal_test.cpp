@@ -1,10 +1,10 @@
 // The credential prompt, on a terminal of its own for each test.
 #include "zncontainer.h"
 
+#include "eventually.hpp"
 #include "zarnel/owned.hpp"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -13,7 +13,6 @@
 #include <string>
 #include <sys/wait.h>
 #include <termios.h>
-#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -77,8 +76,7 @@ class Prompt : public ::testing::Test {
     // Types once the prompt stands and the echo is off.
     void type(const std::string& text)
     {
-        while ((settings().c_lflag & ECHO) != 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_TRUE(eventually([this] { return (settings().c_lflag & ECHO) == 0; }));
         ASSERT_EQ(write(master_.get(), text.data(), text.size()),
                   static_cast<ssize_t>(text.size()));
     }

@@ -1,6 +1,7 @@
 #include "zncUtil.hpp"
 
 #include "alloc_fault.hpp"
+#include "eventually.hpp"
 #include "test_tree.hpp"
 
 #include <algorithm>
@@ -410,11 +411,8 @@ class Deletion {
     // Waits until `path` is gone; says whether the deletion goes on.
     bool goes_on_after_removing(const std::string& path) const
     {
-        while (exists(path)) {
-            if (ended())
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        if (!eventually([&] { return !exists(path) || ended(); }) || ended())
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50)); // some hundred passes more
         return !ended();
     }
