@@ -48,7 +48,9 @@ check 'the development files are installed' install_package libzncontainer-dev
 check 'the headers are there' test -e "$root/usr/include/zncprotocol.h"
 check 'the functions have manual pages' inside sh -c 'gunzip -c /usr/share/man/man3/zncStart.3.gz'
 check 'the tools are installed' install_package zncontainer-tools
-without_import() { inside zncctl import /srv/tree /srv/new 2>&1 | grep 'zncontainer-import'; }
+without_import() {
+    not inside zncctl import /srv/tree /srv/new 2>"$work/said" && grep 'zncontainer-import' "$work/said"
+}
 check 'without its package import says what to install' without_import
 check 'the import is installed' install_package zncontainer-import
 check 'what was packed is what is there' \
@@ -133,7 +135,7 @@ kill -TERM "$daemon"
 check 'the daemon ends when told to' wait "$daemon"
 daemon=
 cat "$work/zncd.log"
-rm -rf "$root/srv" "$root/overlay"
+rm -rf "$root/srv/"* "$root/overlay"
 
 debs=("$root"/debs/*.deb)
 reinstall() { apt install --reinstall "${debs[@]#"$root"}"; }
