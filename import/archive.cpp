@@ -79,6 +79,14 @@ void read_device(archive_entry* entry, Member& member)
     member.minor = static_cast<std::uint32_t>(archive_entry_rdevminor(entry));
 }
 
+std::uint64_t names_length(const Member& member)
+{
+    std::uint64_t length = member.path.size() + member.target.size();
+    for (const std::string& name : member.xattrs)
+        length += name.size() + sizeof name;
+    return length;
+}
+
 void send_zeros(std::uint64_t count, const std::function<void(std::span<const std::byte>)>& sink)
 {
     while (count != 0) {
@@ -131,6 +139,7 @@ bool ArchiveReader::next(Member& member)
     member.sparse = archive_entry_sparse_count(entry) != 0;
     read_device(entry, member);
     member.xattrs = xattrs_of(entry);
+    budget_.take_names(name_, names_length(member));
     size_ = member.size;
     return true;
 }

@@ -92,19 +92,34 @@ void leave_files_behind(int source_dir)
         fail("the root directory");
 }
 
+// False in a user namespace that has no nobody: who is root in it is an ordinary user outside.
+bool change_user()
+{
+    const bool no_groups = ::setgroups(0, nullptr) == 0;
+    const int groups_error = errno;
+    if (::setresgid(kNobody, kNobody, kNobody) != 0 ||
+        ::setresuid(kNobody, kNobody, kNobody) != 0) {
+        if (errno != EINVAL)
+            fail("the user");
+        return false;
+    }
+    errno = groups_error;
+    if (!no_groups)
+        fail("the groups");
+    return true;
+}
+
 // Not CAP_DAC_READ_SEARCH, which also opens files by handle, whatever the root directory is.
 void become_nobody(bool reads_everything)
 {
     if (reads_everything && ::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0)
         fail("capabilities");
-    if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-        ::setresuid(kNobody, kNobody, kNobody) != 0)
-        fail("the user");
-    if (!reads_everything)
+    if (change_user() && !reads_everything)
         return;
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, 2> sets = {};
-    sets[0].effective = sets[0].permitted = 1U << CAP_DAC_OVERRIDE;
+    if (reads_everything)
+        sets[0].effective = sets[0].permitted = 1U << CAP_DAC_OVERRIDE;
     if (::syscall(SYS_capset, &header, sets.data()) != 0)
         fail("capabilities");
 }

@@ -56,10 +56,10 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
                      int file)
 {
     NewLayer layer;
-    zncctl::Digest blob("sha256");
-    zncctl::Digest diff("sha256");
+    Sha256 blob;
+    Sha256 diff;
     GzipWriter gzip(compressor, [&](std::span<const std::byte> bytes) {
-        blob.add(bytes.data(), bytes.size());
+        blob.add(bytes);
         layer.size += bytes.size();
         const auto* text = reinterpret_cast<const char*>(bytes.data());
         if (file >= 0 && !zncctl::write_all(file, {text, bytes.size()}))
@@ -68,7 +68,7 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
     emit(
         tree, spool,
         [&](std::span<const std::byte> bytes) {
-            diff.add(bytes.data(), bytes.size());
+            diff.add(bytes);
             gzip.write(bytes);
         },
         range);
@@ -96,14 +96,20 @@ std::vector<NewLayer> write_layers(const Merged& merged, const Options& options,
 }
 
 // The part of a name behind its last ":", if that is no port: "registry:5000/app:1" is tagged "1".
+// "" for what is none: a stranger wrote it, and it becomes a word of a command.
 std::string tag_of(const SourceImage& image)
 {
-    if (image.names.empty())
+    constexpr std::size_t kLongest = 128;
+    constexpr const char* kAllowed =
+        "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz._-+";
+    if (image.names.empty() || image.names.front().find('@') != std::string::npos)
         return "";
     const std::string& name = image.names.front();
-    const std::size_t colon = name.rfind(':');
-    const bool tagged = colon != name.npos && name.find('/', colon) == name.npos;
-    return tagged ? name.substr(colon + 1) : name.find('/') == name.npos ? name : "";
+    const std::size_t start = name.rfind(':') + 1; // npos wraps to 0
+    if (start == 0 && name.find('/') != name.npos)
+        return "";
+    const std::string tag = name.substr(start);
+    return tag.size() <= kLongest && tag.find_first_not_of(kAllowed) == tag.npos ? tag : "";
 }
 
 } // namespace
@@ -132,7 +138,8 @@ Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool
     outcome.tag = tag_of(image);
     outcome.losses = report.losses();
     outcome.summary = report.summary();
-    outcome.report = zncctl::pretty(report.document().get());
+    if (!options.report.empty())
+        outcome.report = zncctl::pretty(report.document().get());
     return outcome;
 }
 

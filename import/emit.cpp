@@ -7,33 +7,11 @@
 namespace zncimport {
 namespace {
 
-char type_of(Kind kind)
-{
-    switch (kind) {
-    case Kind::kFile:
-        return '0';
-    case Kind::kSymlink:
-        return '2';
-    case Kind::kCharDevice:
-        return '3';
-    case Kind::kBlockDevice:
-        return '4';
-    case Kind::kDirectory:
-        return '5';
-    case Kind::kFifo:
-        return '6';
-    case Kind::kHardlink:
-    case Kind::kOther:
-        break;
-    }
-    return '?';
-}
-
 UstarMember member_of(const std::string& path, const Node& node)
 {
     UstarMember member;
     member.path = node.kind == Kind::kDirectory ? path + "/" : path;
-    member.type = type_of(node.kind);
+    member.type = ustar_type(node.kind);
     member.mode = node.mode;
     member.uid = static_cast<std::uint64_t>(node.uid);
     member.gid = static_cast<std::uint64_t>(node.gid);

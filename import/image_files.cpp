@@ -1,5 +1,7 @@
 #include "image_files.hpp"
 
+#include "digest.hpp"
+
 #include "files.hpp"
 
 #include <fcntl.h>
@@ -64,8 +66,8 @@ std::optional<std::string> linked_name(const std::string& link, std::string_view
 // The next directory on the way, or the file at its end. A FIFO must not keep anyone waiting.
 znc::UniqueFd open_step(int directory, const std::string& name, bool last)
 {
-    const int how = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
-    return znc::UniqueFd(::openat(directory, name.c_str(), last ? how : how | O_DIRECTORY));
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
+    return znc::UniqueFd(::openat(directory, name.c_str(), last ? kFlags : kFlags | O_DIRECTORY));
 }
 
 } // namespace
@@ -164,6 +166,8 @@ bool is_digest(const std::string& text)
            text.size() == digits + 7 && text.find_first_not_of("0123456789abcdef", 7) == text.npos;
 }
 
+namespace {
+
 void check_document(const std::string& text, const std::string& name, const std::string& digest,
                     std::int64_t size)
 {
@@ -179,13 +183,32 @@ void check_document(const std::string& text, const std::string& name, const std:
         throw Failure(name, "is not what its digest says");
 }
 
-std::string read_document(const FilePart& file, std::uint64_t limit, const std::string& digest,
-                          std::int64_t size)
+} // namespace
+
+std::string Documents::read(const FilePart& file, const std::string& digest, std::int64_t size)
 {
     const ReaderPtr reader = file.read();
-    std::string text = read_all(*reader, file.name, limit);
+    std::string text = read_all(*reader, file.name, limit_);
     check_document(text, file.name, digest, size);
+    count(text, file.name);
     return text;
+}
+
+std::string Documents::take(std::string text, const std::string& digest, std::int64_t size)
+{
+    if (text.size() > limit_)
+        throw Failure(digest, "the embedded data is too long (see --max-json)");
+    check_document(text, digest, digest, size);
+    count(text, digest);
+    return text;
+}
+
+void Documents::count(const std::string& text, const std::string& name)
+{
+    constexpr std::uint64_t kOfFullLength = 16; // so many, or more that are shorter
+    all_ += text.size();
+    if (all_ / kOfFullLength > limit_)
+        throw Failure(name, "the documents of all images together are too long (see --max-json)");
 }
 
 } // namespace zncimport

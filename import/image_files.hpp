@@ -73,11 +73,22 @@ class ArchiveFiles : public ImageFiles {
 // "sha256:" or "sha512:" with as many hexadecimal digits as that takes.
 bool is_digest(const std::string& text);
 
-// A document as a whole, held to its limit, its size (-1: not known) and digest ("": not known).
-std::string read_document(const FilePart& file, std::uint64_t limit, const std::string& digest,
-                          std::int64_t size);
-void check_document(const std::string& text, const std::string& name, const std::string& digest,
-                    std::int64_t size);
+// Reads documents as a whole, each held to its limit, its size (-1: not known) and digest ("": not
+// known). A few bytes of text make many in memory, and any number of images may name the same
+// document, so that all of them together have a limit too.
+class Documents {
+  public:
+    explicit Documents(std::uint64_t limit) : limit_(limit) {}
+    std::string read(const FilePart& file, const std::string& digest, std::int64_t size);
+    // One that did not have to be read from a file.
+    std::string take(std::string text, const std::string& digest, std::int64_t size);
+
+  private:
+    void count(const std::string& text, const std::string& name);
+
+    std::uint64_t limit_;
+    std::uint64_t all_ = 0;
+};
 
 } // namespace zncimport
 

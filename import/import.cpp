@@ -7,14 +7,13 @@
 #include "layout.hpp"
 #include "layout_writer.hpp"
 
+#include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "zncontainer.h"
 
 namespace zncimport {
 namespace {
@@ -65,7 +64,7 @@ std::string worked(Work& work, int answer)
 
 std::string read_answer(int fd)
 {
-    constexpr std::size_t kMost = std::size_t{256} << 20U;
+    constexpr std::size_t kMost = std::size_t{2} << 30U; // a report can be long
     std::string answer;
     std::array<char, 65536> part{};
     while (answer.size() < kMost) {
@@ -92,6 +91,7 @@ Outcome work_apart(Work& work)
     }
     answer.write.reset();
     const std::string text = read_answer(answer.read.get());
+    answer.read.reset(); // one that still has something to say must not wait for a reader
     int status = 0;
     while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {
     }
@@ -114,20 +114,29 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
                          outcome.os, outcome.arch, outcome.variant});
 }
 
+// By what its documents say; its blobs are not read.
+bool may_be_unpacked(const zncctl::Image& image)
+{
+    constexpr std::string_view kConfig = "application/vnd.oci.image.config.v1+json";
+    return image.config.media_type == kConfig && !image.layers.empty() &&
+           std::all_of(image.layers.begin(), image.layers.end(),
+                       [](const zncctl::Descriptor& layer) {
+                           return layer.media_type.ends_with(".v1.tar") ||
+                                  layer.media_type.ends_with(".v1.tar+gzip");
+                       });
+}
+
 // One image that the library refuses keeps it from reading any other of its layout.
 void warn_of_neighbours(const std::string& layout)
 {
     std::string problem;
     const auto images = zncctl::read_layout(layout, problem);
-    if (images && images->size() < 2)
+    if (images && std::all_of(images->begin(), images->end(), may_be_unpacked))
         return;
-    const znc::MallocPtr<char> document(
-        zncctl::call_library([&] { return zncImageInfoGet(layout.c_str()); }));
-    if (document == nullptr)
-        zncctl::print_hint(fmt::format(
-            "the layout also holds an image that cannot be unpacked, and while it does no image of "
-            "it can; 'zncctl image check {}' tells which; a layout of its own avoids that",
-            layout));
+    zncctl::print_hint(fmt::format(
+        "the layout also holds an image that cannot be unpacked, and while it does no image of it "
+        "can; 'zncctl image check {}' tells which; a layout of its own avoids that",
+        layout));
 }
 
 // Standard error gets what was lost even when that ends the import.

@@ -1,13 +1,13 @@
 #include "layout_writer.hpp"
 
 #include "documents.hpp"
+#include "exact_json.hpp"
 #include "files.hpp"
 #include "layout.hpp"
 #include "stream.hpp"
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
@@ -111,44 +111,6 @@ std::string blob_name(const std::string& digest)
     return digest.substr(kKind.size());
 }
 
-// Whether a number comes out of a double as it went in.
-bool is_exact(const std::string& number)
-{
-    constexpr auto kExactDigits = 15;
-    const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
-    return std::count_if(number.begin(), number.end(), is_digit) <= kExactDigits &&
-           std::isfinite(std::strtod(number.c_str(), nullptr));
-}
-
-// The place behind the text that begins at `start`.
-std::size_t end_of_text(std::string_view json, std::size_t start)
-{
-    std::size_t i = start + 1;
-    while (i < json.size() && json[i] != '"')
-        i += json[i] == '\\' ? 2 : 1;
-    return i + 1;
-}
-
-// Whether JSON can be read into a tree and be written again without a change of its meaning:
-// numbers become doubles, and texts end at a NUL.
-bool survives(std::string_view json)
-{
-    constexpr std::string_view kNumber = "0123456789+-.eE";
-    if (json.find("\\u0000") != json.npos)
-        return false;
-    for (std::size_t i = 0; (i = json.find_first_of("\"-0123456789", i)) != json.npos;) {
-        if (json[i] == '"') {
-            i = end_of_text(json, i);
-            continue;
-        }
-        const std::size_t end = std::min(json.find_first_not_of(kNumber, i), json.size());
-        if (!is_exact(std::string(json.substr(i, end - i))))
-            return false;
-        i = end;
-    }
-    return true;
-}
-
 Json read_index(int dir)
 {
     constexpr const char* kName = "index.json";
@@ -240,7 +202,6 @@ struct LayoutWriter::State {
     void open_locked();
     void read_or_begin();
     void undo() const;
-    [[nodiscard]] bool is_there(const std::string& name, int blob) const;
 
     std::string path;
     znc::UniqueFd dir; // carries the lock
@@ -311,16 +272,6 @@ void LayoutWriter::State::undo() const
         ::rmdir(path.c_str());
 }
 
-// A blob of the same size is taken for the same: its name is its content.
-bool LayoutWriter::State::is_there(const std::string& name, int blob) const
-{
-    struct stat old = {};
-    struct stat fresh_blob = {};
-    return ::fstatat(blobs.get(), name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0 &&
-           ::fstat(blob, &fresh_blob) == 0 && S_ISREG(old.st_mode) &&
-           old.st_size == fresh_blob.st_size;
-}
-
 LayoutWriter::LayoutWriter(const std::string& path) : state_(std::make_unique<State>(path))
 {
     state_->open_locked();
@@ -365,14 +316,13 @@ NewBlob LayoutWriter::begin_blob() const
     return {std::move(file), std::move(own), name};
 }
 
+// Takes the place of a blob of that name, which may be damaged: this one is known to be right.
 void LayoutWriter::keep(const NewBlob& blob, const std::string& digest) const
 {
     const std::string name = blob_name(digest);
     const int blobs = state_->blobs.get();
     if (::fsync(blob.fd()) != 0)
         fail(digest);
-    if (state_->is_there(name, blob.fd()))
-        return;
     const bool replaces = ::faccessat(blobs, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     const char* from = blob.name().empty() ? kNewName : blob.name().c_str();
     if (blob.name().empty()) {
@@ -401,14 +351,16 @@ namespace {
 // In place of the first that it replaces, since the first one is taken; the others go.
 void put_entry(cJSON* list, const IndexEntry& entry, int blobs)
 {
-    int place = INT_MAX; // behind all
-    for (int i = 0; i < cJSON_GetArraySize(list);) {
-        if (!is_image(blobs, cJSON_GetArrayItem(list, i), entry.tag, entry.os, entry.arch)) {
-            i++;
-            continue;
+    int place = 0;
+    bool found = false;
+    for (cJSON* item = list->child; item != nullptr;) {
+        cJSON* const next = item->next;
+        if (is_image(blobs, item, entry.tag, entry.os, entry.arch)) {
+            const Json gone(cJSON_DetachItemViaPointer(list, item));
+            found = true;
         }
-        cJSON_DeleteItemFromArray(list, i);
-        place = std::min(place, i);
+        place += found ? 0 : 1;
+        item = next;
     }
     Json fresh = index_entry(entry);
     if (cJSON_InsertItemInArray(list, place, fresh.get()) == 0)

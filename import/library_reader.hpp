@@ -14,7 +14,7 @@ namespace zncimport {
 
 class LibraryReader {
   public:
-    // `source` is borrowed. Formats and filters are set by the user of it, before open().
+    // `source` is borrowed. Formats and filters are set by its user, before it is opened.
     explicit LibraryReader(Reader& source);
     ~LibraryReader();
     LibraryReader(const LibraryReader&) = delete;

@@ -20,4 +20,14 @@ void Budget::take_bytes(const std::string& object, std::uint64_t count)
     bytes_ += count;
 }
 
+void Budget::take_names(const std::string& object, std::uint64_t count)
+{
+    constexpr std::uint64_t kPerEntry = 512;
+    constexpr std::uint64_t kAnyway = std::uint64_t{16} << 20U; // for images of few members
+    names_ += count;
+    if (names_ > kAnyway && names_ / kPerEntry > limits_.entries)
+        throw Failure(object,
+                      "the names in the image are too long for so many (see --max-entries)");
+}
+
 } // namespace zncimport

@@ -27,11 +27,14 @@ class Budget {
     // Throw Failure when there is no room for more.
     void take_entry(const std::string& object);
     void take_bytes(const std::string& object, std::uint64_t count);
+    // Of names, which stay in memory: as many bytes as so many members can reasonably need.
+    void take_names(const std::string& object, std::uint64_t count);
 
   private:
     Limits limits_;
     std::uint64_t entries_ = 0;
     std::uint64_t bytes_ = 0;
+    std::uint64_t names_ = 0;
 };
 
 } // namespace zncimport

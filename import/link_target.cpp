@@ -11,16 +11,24 @@ namespace {
 // The kernel gives up after 40 links; some are left for those on the way.
 constexpr std::size_t kMaxSteps = 32;
 
-const Node* directory_at(const Node& root, std::span<const std::string> path)
+const Node* directory_in(const Node& above, const std::string& name)
 {
-    const Node* at = &root;
+    const auto child = above.children.find(name);
+    const bool found = child != above.children.end() && child->second->kind == Kind::kDirectory;
+    return found ? child->second.get() : nullptr;
+}
+
+// The root and the real directories that the path begins with.
+std::vector<const Node*> directories_to(const Node& root, std::span<const std::string> path)
+{
+    std::vector<const Node*> result = {&root};
     for (const std::string& name : path) {
-        const auto child = at->children.find(name);
-        if (child == at->children.end() || child->second->kind != Kind::kDirectory)
-            return nullptr;
-        at = child->second.get();
+        const Node* const next = directory_in(*result.back(), name);
+        if (next == nullptr)
+            break;
+        result.push_back(next);
     }
-    return at;
+    return result;
 }
 
 } // namespace
@@ -46,26 +54,28 @@ LinkTarget::LinkTarget(const Node& root, std::vector<std::string> directory,
     const bool to_directory = target.ends_with('/') || target.ends_with("/.");
     if (!target.starts_with('/'))
         path_ = directory_;
-    const Node* at = directory_at(root, path_); // null behind the real directories
+    // The real directories on the way, the root first, until it leaves them.
+    std::vector<const Node*> real = directories_to(root, path_);
+    bool left = real.size() <= path_.size();
     while (!target.empty()) {
         const std::string name(target.substr(0, target.find('/')));
         target.remove_prefix(std::min(name.size() + 1, target.size()));
         if (name.empty() || name == ".")
             continue;
-        if (at != nullptr && name == "..") {
-            if (!path_.empty())
+        if (!left && name == "..") {
+            if (!path_.empty()) {
                 path_.pop_back();
-            at = directory_at(root, path_);
+                real.pop_back();
+            }
             continue;
         }
         path_.push_back(name);
-        if (at != nullptr) {
-            real_ = path_.size() - 1;
-            at = directory_at(*at, std::span(&path_.back(), 1));
-        }
+        const Node* const next = left ? nullptr : directory_in(*real.back(), name);
+        left = next == nullptr;
+        if (!left)
+            real.push_back(next);
     }
-    if (at != nullptr)
-        real_ = path_.size();
+    real_ = real.size() - 1;
     if (to_directory && !path_.empty())
         path_.back() += '/';
 }

@@ -159,6 +159,8 @@ void Merge::add_member(const Entry& entry)
             link_store_.insert_or_assign(Tree::join(path), make_node(entry, layer_));
         return;
     }
+    if (member.sparse)
+        report_.add(Change::kSparse, Tree::join(path));
     if (path.empty())
         put_root(member);
     else if (member.kind == Kind::kHardlink)

@@ -36,24 +36,6 @@ template <class Visit> void for_each_child(Node& directory, const std::string& p
     }
 }
 
-char type_of(Kind kind)
-{
-    switch (kind) {
-    case Kind::kDirectory:
-        return '5';
-    case Kind::kSymlink:
-        return '2';
-    case Kind::kCharDevice:
-        return '3';
-    case Kind::kBlockDevice:
-        return '4';
-    case Kind::kFifo:
-        return '6';
-    default:
-        return '0';
-    }
-}
-
 // Why its name, size or numbers do not fit, or "". Owners, times and the length of link targets are
 // settled by other means.
 std::string problem_of(const Node& node, const std::string& path)
@@ -64,7 +46,7 @@ std::string problem_of(const Node& node, const std::string& path)
         return "it is a symbolic link without a target";
     UstarMember member;
     member.path = node.kind == Kind::kDirectory ? path + "/" : path;
-    member.type = type_of(node.kind);
+    member.type = ustar_type(node.kind);
     member.mode = node.mode;
     member.size = node.kind == Kind::kFile ? node.data.size : 0;
     member.target = node.kind == Kind::kSymlink ? "x" : "";

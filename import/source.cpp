@@ -1,11 +1,13 @@
 #include "source_kinds.hpp"
 
+#include "exact_json.hpp"
 #include "files.hpp"
 
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -187,8 +189,13 @@ std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
         if ((wanted.name.empty() || is_named(images[i], wanted.name)) && is_for(images[i], wanted))
             found.push_back(i);
     }
-    if (found.size() == 1)
-        return found[0];
+    std::vector<std::size_t> usable;
+    std::copy_if(found.begin(), found.end(), std::back_inserter(usable),
+                 [&](std::size_t i) { return images[i].problem.empty(); });
+    // Beside an image there are often statements about it in the shape of images, and images for
+    // other platforms of which only the names are there.
+    if (found.size() == 1 || usable.size() == 1)
+        return usable.empty() ? found[0] : usable[0];
     if (images.empty())
         throw Failure("", "the source holds no image", zncctl::kExitNotFound);
     if (found.empty())
@@ -206,14 +213,19 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
         throw Failure(name, "is no JSON document: " + where);
     if ((array ? cJSON_IsArray(json.get()) : cJSON_IsObject(json.get())) == 0)
         throw Failure(name, array ? "is no JSON array" : "is no JSON object");
+    if (has_twins(json.get()))
+        throw Failure(name, "has an object with two members of the same name");
     return json;
 }
 
-void read_config(SourceImage& image, zncctl::Json config)
+void read_config(SourceImage& image, const std::string& text, const std::string& name)
 {
+    zncctl::Json config = parse_document(text, name);
+    if (!survives(text) && image.problem.empty())
+        image.problem = "its configuration holds a number or a text that cannot be kept as it is";
     const auto take = [&](const char* key, std::string& to) {
-        if (const std::string text = zncctl::text_of(config.get(), key); !text.empty())
-            to = text;
+        if (const std::string value = zncctl::text_of(config.get(), key); !value.empty())
+            to = value;
     };
     take("os", image.os);
     take("architecture", image.arch);
@@ -227,8 +239,8 @@ void read_config(SourceImage& image, zncctl::Json config)
     const cJSON* diff = nullptr;
     cJSON_ArrayForEach(diff, diffs)
     {
-        const char* text = cJSON_GetStringValue(diff);
-        const std::string digest = text != nullptr ? text : "";
+        const char* value = cJSON_GetStringValue(diff);
+        const std::string digest = value != nullptr ? value : "";
         if ((!is_digest(digest) || !digest.starts_with("sha256:")) && image.problem.empty())
             image.problem = "its configuration has a layer's digest that is none";
         if (at < image.layers.size())

@@ -18,7 +18,7 @@ std::string digest_of_name(const std::string& path)
 class DockerSource : public Source {
   public:
     DockerSource(ImageFilesPtr files, const Limits& limits)
-        : files_(std::move(files)), limits_(limits)
+        : files_(std::move(files)), documents_(limits.json)
     {
     }
 
@@ -43,12 +43,12 @@ class DockerSource : public Source {
         return *std::move(found);
     }
 
-    [[nodiscard]] std::string text_at(const std::string& path, const std::string& digest) const
+    [[nodiscard]] std::string text_at(const std::string& path, const std::string& digest)
     {
-        return read_document(file(path), limits_.json, digest, -1);
+        return documents_.read(file(path), digest, -1);
     }
 
-    [[nodiscard]] SourceImage read_image(const cJSON* entry) const
+    [[nodiscard]] SourceImage read_image(const cJSON* entry)
     {
         SourceImage image;
         const cJSON* item = nullptr;
@@ -68,7 +68,7 @@ class DockerSource : public Source {
         const std::string config = zncctl::text_of(entry, "Config");
         if (config.empty())
             throw Failure("manifest.json", "an image has no configuration");
-        read_config(image, parse_document(text_at(config, digest_of_name(config)), config));
+        read_config(image, text_at(config, digest_of_name(config)), config);
         return image;
     }
 
@@ -80,7 +80,7 @@ class DockerSource : public Source {
     }
 
     ImageFilesPtr files_;
-    Limits limits_;
+    Documents documents_;
 };
 
 } // namespace

@@ -18,7 +18,7 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
 
 // Takes the platform and the layers' plain digests from the configuration, where they fit; says in
 // `problem` if they do not.
-void read_config(SourceImage& image, zncctl::Json config);
+void read_config(SourceImage& image, const std::string& text, const std::string& name);
 
 } // namespace zncimport
 

@@ -97,7 +97,7 @@ struct Context {
 class LayoutSource : public Source {
   public:
     LayoutSource(ImageFilesPtr files, const Limits& limits)
-        : files_(std::move(files)), limits_(limits)
+        : files_(std::move(files)), documents_(limits.json)
     {
     }
 
@@ -106,8 +106,7 @@ class LayoutSource : public Source {
         const std::optional<FilePart> index = files_->find("index.json");
         if (!index)
             throw Failure("index.json", "is missing in the layout");
-        const zncctl::Json json =
-            parse_document(read_document(*index, limits_.json, "", -1), "index.json");
+        const zncctl::Json json = parse_document(documents_.read(*index, "", -1), "index.json");
         images_.clear();
         descriptors_ = 0;
         walk(json.get(), "index.json", {}, 1);
@@ -117,33 +116,28 @@ class LayoutSource : public Source {
     ReaderPtr open(const Layer& layer) override;
 
   private:
-    std::optional<std::string> document(const Descriptor& descriptor) const;
+    std::optional<std::string> document(const Descriptor& descriptor);
     void walk(const cJSON* index, const std::string& where, const Context& above, int depth);
     void visit(const Descriptor& descriptor, const Context& context, int depth);
-    SourceImage image_of(const Descriptor& descriptor, const Context& context) const;
-    void read_manifest(SourceImage& image, const cJSON* manifest) const;
+    SourceImage image_of(const Descriptor& descriptor, const Context& context);
+    void read_manifest(SourceImage& image, const cJSON* manifest);
     void read_layers(SourceImage& image, const cJSON* manifest) const;
 
     ImageFilesPtr files_;
-    Limits limits_;
+    Documents documents_;
     std::vector<SourceImage> images_;
     std::size_t descriptors_ = 0;
 };
 
 // Nothing if the blob is not there.
-std::optional<std::string> LayoutSource::document(const Descriptor& descriptor) const
+std::optional<std::string> LayoutSource::document(const Descriptor& descriptor)
 {
-    if (!descriptor.data.empty()) {
-        std::string text = decode(descriptor);
-        if (text.size() > limits_.json)
-            throw Failure(descriptor.digest, "the embedded data is too long (see --max-json)");
-        check_document(text, descriptor.digest, descriptor.digest, descriptor.size);
-        return text;
-    }
+    if (!descriptor.data.empty())
+        return documents_.take(decode(descriptor), descriptor.digest, descriptor.size);
     const std::optional<FilePart> file = files_->find(blob_name(descriptor.digest));
     if (!file)
         return std::nullopt;
-    return read_document(*file, limits_.json, descriptor.digest, descriptor.size);
+    return documents_.read(*file, descriptor.digest, descriptor.size);
 }
 
 Context context_of(const cJSON* entry, const Context& above)
@@ -211,7 +205,7 @@ void copy_annotations(zncctl::Json& to, const cJSON* from, bool of_entry)
     }
 }
 
-SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& context) const
+SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& context)
 {
     SourceImage image;
     image.names = context.names;
@@ -240,7 +234,7 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
     return image;
 }
 
-void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest) const
+void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest)
 {
     const std::string& where = image.manifest_digest;
     const Descriptor config = read_descriptor(zncctl::member(manifest, "config"), where);
@@ -252,7 +246,7 @@ void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest) cons
     read_layers(image, manifest);
     const std::optional<std::string> text = document(config);
     if (text)
-        read_config(image, parse_document(*text, config.digest));
+        read_config(image, *text, config.digest);
     else
         image.problem = fmt::format("the blob {} is missing", config.digest);
 }

@@ -9,6 +9,9 @@ class RootfsSource : public Source {
 
     std::vector<SourceImage> images() override
     {
+        // What a pipe gives when its other end has failed.
+        if (archive_ && archive_->extent.size == 0)
+            throw Failure(archive_->name, "is empty");
         std::vector<SourceImage> images(1);
         if (archive_)
             images[0].layers.push_back(

@@ -6,8 +6,8 @@
 #ifndef ZNCIMPORT_STREAM_HPP
 #define ZNCIMPORT_STREAM_HPP
 
-#include "digest.hpp"
 #include "limits.hpp"
+#include "sha256.hpp"
 
 #include "zarnel/owned.hpp"
 
@@ -41,7 +41,7 @@ ReaderPtr read_stream(int fd, std::string name);
 // Counts and hashes what passes. `source` is borrowed.
 class DigestReader : public Reader {
   public:
-    explicit DigestReader(Reader& source) : source_(source), digest_("sha256") {}
+    explicit DigestReader(Reader& source) : source_(source) {}
     std::size_t read(std::span<std::byte> out) override;
     // Reads up to the end, so that trailing bytes count too.
     void drain();
@@ -51,7 +51,7 @@ class DigestReader : public Reader {
 
   private:
     Reader& source_;
-    zncctl::Digest digest_;
+    Sha256 digest_;
     std::uint64_t count_ = 0;
 };
 

@@ -145,6 +145,28 @@ void put_checksum(Header& header)
 
 } // namespace
 
+char ustar_type(Kind kind)
+{
+    switch (kind) {
+    case Kind::kFile:
+        return '0';
+    case Kind::kSymlink:
+        return '2';
+    case Kind::kCharDevice:
+        return '3';
+    case Kind::kBlockDevice:
+        return '4';
+    case Kind::kDirectory:
+        return '5';
+    case Kind::kFifo:
+        return '6';
+    case Kind::kHardlink:
+    case Kind::kOther:
+        break;
+    }
+    return '?'; // which ustar_problem() refuses
+}
+
 std::string ustar_problem(const UstarMember& member)
 {
     if (std::string_view("023456").find(member.type) == std::string_view::npos)

@@ -4,6 +4,8 @@
 #ifndef ZNCIMPORT_USTAR_HPP
 #define ZNCIMPORT_USTAR_HPP
 
+#include "archive.hpp"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -27,6 +29,9 @@ struct UstarMember {
     std::uint32_t major = 0;
     std::uint32_t minor = 0;
 };
+
+// What a header calls a kind.
+char ustar_type(Kind kind);
 
 // Why it cannot be written, or "".
 std::string ustar_problem(const UstarMember& member);

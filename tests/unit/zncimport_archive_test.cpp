@@ -261,3 +261,17 @@ TEST(Archive, WhatTheSourceThrowsComesThrough)
                     }),
                     "--max-bytes"));
 }
+
+// Names stay in memory, data does not.
+TEST(Archive, MoreBytesOfNamesThanSoManyMembersNeedAreAnError)
+{
+    const std::string tar =
+        made("true", "python3 -c 'import tarfile\n"
+                     "t = tarfile.open(\"../out.tar\", \"w\", format=tarfile.PAX_FORMAT)\n"
+                     "for i in range(40):\n"
+                     " t.addfile(tarfile.TarInfo(str(i) + \"/\" + \"n\" * 500000))'");
+    EXPECT_EQ(problem_of(tar), "");
+    Limits few;
+    few.entries = 100;
+    EXPECT_TRUE(has(problem_of(tar, few), "see --max-entries"));
+}

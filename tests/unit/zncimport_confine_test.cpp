@@ -162,6 +162,29 @@ TEST_F(Confine, RootBecomesSomebodyElseAndCannotComeBack)
               0);
 }
 
+// There root has nobody to become.
+TEST_F(Confine, RootOfANamespaceOfOneUserLosesItsRights)
+{
+    constexpr int kNoNamespace = 50;
+    const int found = in_child([this] {
+        const auto write = [](const char* path, const char* text) {
+            return static_cast<bool>(std::ofstream(path) << text << std::flush);
+        };
+        if (::syscall(SYS_unshare, 0x10000000) != 0 || !write("/proc/self/uid_map", "0 0 1") ||
+            !write("/proc/self/setgroups", "deny") || !write("/proc/self/gid_map", "0 0 1"))
+            return kNoNamespace;
+        if (::geteuid() != 0)
+            return 1;
+        zncimport::confine({}, -1);
+        if (opens(AT_FDCWD, outside_.c_str()) || opens(AT_FDCWD, "new", O_WRONLY | O_CREAT))
+            return 2;
+        return ::chroot(".") == 0 || ::sethostname("x", 1) == 0 ? 3 : 0;
+    });
+    if (found == kNoNamespace)
+        GTEST_SKIP() << "no user namespaces here";
+    EXPECT_EQ(found, 0);
+}
+
 TEST_F(Confine, SomebodyElseIsConfinedToo)
 {
     const znc::UniqueFd source = open_source();

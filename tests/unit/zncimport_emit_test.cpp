@@ -88,7 +88,7 @@ Tree large_tree(Spool& spool)
 {
     Tree tree;
     Node* at = &tree.root();
-    for (const std::size_t length : {99, 55, 99}) {
+    for (const std::size_t length : {99U, 55U, 99U}) {
         const auto directory = node(Kind::kDirectory);
         directory->mtime = 1000000000 + static_cast<std::int64_t>(length);
         at->children[std::string(length, 'd')] = directory;
@@ -97,7 +97,7 @@ Tree large_tree(Spool& spool)
     Node& second = *tree.root().children.begin()->second->children.begin()->second;
     second.children["l"] = link(std::string(99, 't'));
     second.children[std::string(100, 'n')] = node(Kind::kFile);
-    for (const std::size_t size : {0, 1, 512, 100000}) {
+    for (const std::size_t size : {0U, 1U, 512U, 100000U}) {
         const auto file = node(Kind::kFile);
         const std::string data(size, 'x');
         file->data = {spool.size(), size};

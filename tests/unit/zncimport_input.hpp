@@ -3,6 +3,7 @@
 #ifndef ZNCIMPORT_INPUT_HPP
 #define ZNCIMPORT_INPUT_HPP
 
+#include "digest.hpp"
 #include "source.hpp"
 #include "test_tree.hpp"
 

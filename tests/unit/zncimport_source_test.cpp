@@ -282,6 +282,73 @@ TEST(LayoutSource, EmbeddedDataIsTaken)
     EXPECT_NE(problem_of(layout), "");
 }
 
+// Builders put statements of where an image comes from beside it, in the shape of a manifest.
+TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
+{
+    const Layout layout;
+    const std::string statement =
+        descriptor(kManifestType, layout.manifest("unknown", "s", "application/vnd.in-toto+json"));
+    const std::string image = descriptor(kManifestType, layout.manifest("amd64", "x"));
+    layout.index(statement + "," + image);
+    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 1U);
+    layout.index(statement);
+    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 0U); // which tells why
+    layout.index(statement + "," + statement);
+    EXPECT_NE(failure_of([&] { choose(Opened(layout.dir / "l").images(), {}); }), "");
+    layout.index(image + "," + image);
+    EXPECT_NE(failure_of([&] { choose(Opened(layout.dir / "l").images(), {}); }), "");
+}
+
+TEST(LayoutSource, AConfigurationThatCannotBeWrittenAgainIsAProblem)
+{
+    const auto problem_with = [](const std::string& member) {
+        const Layout layout;
+        layout.manifest("amd64", "x");
+        std::string config = config_of("amd64", "x");
+        config.insert(1, member + ",");
+        layout.add(config);
+        const std::string manifest =
+            layout.add(R"({"schemaVersion":2,"config":)" +
+                       descriptor("application/vnd.oci.image.config.v1+json", config) +
+                       R"(,"layers":[)" + descriptor(kLayerType, "x") + "]}");
+        layout.index(descriptor(kManifestType, manifest));
+        return Opened(layout.dir / "l").images().at(0).problem;
+    };
+    EXPECT_EQ(problem_with(R"("a":"\\u0000","b":123456789012345,"c":"12345678901234567890")"), "");
+    for (const char* lost : {R"("a":"x\u0000y")", R"("a":12345678901234567890)", R"("a":[-1e999])"})
+        EXPECT_TRUE(has(problem_with(lost), "cannot be kept as it is")) << lost;
+}
+
+TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
+{
+    const Layout layout;
+    layout.one_image();
+    std::string index = test_tree::read_file(layout.dir / "l/index.json");
+    test_tree::write_file(layout.dir / "l/index.json",
+                          R"({"a":[{"b":1,"B":2}],)" + index.substr(1));
+    EXPECT_EQ(Opened(layout.dir / "l").images().size(), 1U);
+    test_tree::write_file(layout.dir / "l/index.json",
+                          R"({"a":[{"b":1,"b":2}],)" + index.substr(1));
+    EXPECT_TRUE(has(problem_of(layout), "two members of the same name"));
+}
+
+TEST(LayoutSource, ManyImagesOfTheSameLongDocumentAreAnError)
+{
+    const Layout layout;
+    const std::string manifest = layout.add(
+        R"({"schemaVersion":2,"config":)" + descriptor("application/vnd.some.artifact", "{}") +
+        R"(,"layers":[],"x":")" + std::string(1U << 20U, 'x') + "\"}");
+    std::string entries = descriptor(kManifestType, manifest);
+    for (int i = 1; i < 60; i++)
+        entries += "," + descriptor(kManifestType, manifest);
+    layout.index(entries);
+    EXPECT_EQ(Opened(layout.dir / "l").images().size(), 60U);
+    for (int i = 0; i < 10; i++)
+        entries += "," + descriptor(kManifestType, manifest);
+    layout.index(entries);
+    EXPECT_TRUE(has(problem_of(layout), "all images together are too long"));
+}
+
 TEST(LayoutSource, WhatCannotBeImportedNamesItsType)
 {
     for (const char* type :
@@ -580,4 +647,12 @@ TEST(Detection, ADeviceIsNoSource)
             EXPECT_STREQ(failure.what(), "is a device");
         }
     }
+}
+
+TEST(Detection, NothingAtAllIsNoArchive)
+{
+    const test_tree::TempDir dir;
+    shell(dir, ": >empty; gzip -k empty");
+    EXPECT_TRUE(has(problem_of(dir / "empty"), "is empty"));
+    EXPECT_TRUE(has(problem_of(dir / "empty.gz"), "is empty"));
 }
