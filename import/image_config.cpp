@@ -18,6 +18,7 @@ using zncctl::member;
 using zncctl::text_of;
 
 constexpr const char* kSourceDigest = "zncontainer.import.source.digest";
+constexpr const char* kNobody = "65534:65534";
 constexpr const char* kConfigType = "application/vnd.oci.image.config.v1+json";
 constexpr const char* kLayerType = "application/vnd.oci.image.layer.v1.tar+gzip";
 
@@ -206,7 +207,8 @@ std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool
     return Ids{*uid, gid.value_or(own_group)};
 }
 
-// The library reads a name as 0 and "010" as 8, and gives a user no group of his own.
+// The library reads a name as 0 and "010" as 8, and gives a user no group of his own. Whoever the
+// image does not know is nobody: root was not meant.
 void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
 {
     const std::string text = optional_text(section, "User");
@@ -214,12 +216,13 @@ void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
         return;
     std::string unknown;
     const std::optional<Ids> ids = resolve_user(text, tree, spool, unknown);
-    if (!unknown.empty())
-        report.add(Change::kUser, "", unknown);
     if (!ids) {
-        cJSON_DeleteItemFromObjectCaseSensitive(section, "User");
+        report.add(Change::kUser, "", fmt::format("{} is nobody, {}", unknown, kNobody));
+        put_text(section, "User", kNobody);
         return;
     }
+    if (!unknown.empty())
+        report.add(Change::kUser, "", unknown);
     const bool alone = text.find(':') == text.npos && ids->gid == 0;
     const std::string numbers =
         alone ? std::to_string(ids->uid) : fmt::format("{}:{}", ids->uid, ids->gid);

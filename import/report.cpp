@@ -17,7 +17,7 @@ struct Words {
 };
 
 // In the order of the summary.
-constexpr std::array<Words, 17> kWords = {{
+constexpr std::array<Words, 16> kWords = {{
     {Change::kDevice, true, "device", "device", "devices"},
     {Change::kFifo, true, "fifo", "FIFO", "FIFOs"},
     {Change::kXattr, true, "xattr", "file's extended attributes", "files' extended attributes"},
@@ -34,7 +34,6 @@ constexpr std::array<Words, 17> kWords = {{
     {Change::kHardlinkLinked, false, "hardlink-linked", "hard link made symbolic",
      "hard links made symbolic"},
     {Change::kSparse, false, "sparse", "sparse file filled", "sparse files filled"},
-    {Change::kRecompressed, false, "recompressed", "layer recompressed", "layers recompressed"},
     {Change::kMetadataFile, false, "metadata-file", "metadata file dropped",
      "metadata files dropped"},
     {Change::kUserNumbers, false, "user-numbers", "user name made a number",

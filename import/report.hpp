@@ -24,12 +24,11 @@ enum class Change {
     kUnrepresentable, // name, size or number that the format cannot carry, dropped on request
     kTime,            // before 1970 or after 2242: now the nearest that fits
     kVolume,          // an entry of "Volumes", which would become a mount of a host's directory
-    kUser,            // a user name that the image does not know
+    kUser,            // a user or group that the image does not know
     // notes
     kHardlinkCopied, // a further name got a copy of the data
     kHardlinkLinked, // a further name became a symbolic link
     kSparse,
-    kRecompressed,
     kMetadataFile, // stargz.index.json, landmarks, .wh..wh. files: no content
     kUserNumbers,  // a user name replaced by its numbers
 };

@@ -169,12 +169,12 @@ TEST_F(Config, GivesUsersByNumbers)
     }
 }
 
-TEST_F(Config, LosesUsersThatTheImageDoesNotKnow)
+TEST_F(Config, MakesUsersThatTheImageDoesNotKnowNobody)
 {
     add_users();
     for (const char* text : {"nobody", "bad", "broken", "0x10", "4294967295",
                              "99999999999999999999", "-1", "nobody:50", "1 0"}) {
-        EXPECT_EQ(user(text), "") << text;
+        EXPECT_EQ(user(text), "65534:65534") << text;
         EXPECT_EQ(count(Change::kUser), 1U) << text;
     }
     for (const char* text : {"app:none", "app:staff:x"}) {
@@ -187,7 +187,7 @@ TEST_F(Config, NeedsNoUserFiles)
 {
     EXPECT_EQ(user("1000"), "1000");
     EXPECT_EQ(user("1000:5"), "1000:5");
-    EXPECT_EQ(user("app"), "");
+    EXPECT_EQ(user("app"), "65534:65534");
     EXPECT_EQ(count(Change::kUser), 1U);
     EXPECT_EQ(user(""), "");
     EXPECT_TRUE(report_.items().empty());
@@ -200,15 +200,15 @@ TEST_F(Config, FollowsLinksToTheUserFilesInsideTheImage)
     add_link("private/etc/passwd", "../../real/users");
     EXPECT_EQ(user("app"), "12:13");
     add_link("private/etc/passwd", "passwd");
-    EXPECT_EQ(user("app"), "");
+    EXPECT_EQ(user("app"), "65534:65534");
     add_link("private/etc/passwd", "../../../../../../etc/passwd");
-    EXPECT_EQ(user("app"), "");
+    EXPECT_EQ(user("app"), "65534:65534");
 }
 
 TEST_F(Config, DoesNotReadUserFilesThatNoOneHas)
 {
     add_file("etc/passwd", "app:x:12:13::/:\n" + std::string(std::size_t{10} << 20U, '\n'));
-    EXPECT_EQ(user("app"), "");
+    EXPECT_EQ(user("app"), "65534:65534");
 }
 
 TEST_F(Config, RemovesVolumesAndMakesTheirDirectories)
