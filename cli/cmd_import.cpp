@@ -46,6 +46,7 @@ int cmd_import(const Arguments& args)
     const std::string program = find_program();
     std::vector<std::string> words = words_of(args);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);

@@ -83,7 +83,7 @@ std::uint64_t names_length(const Member& member)
 {
     std::uint64_t length = member.path.size() + member.target.size();
     for (const std::string& name : member.xattrs)
-        length += name.size() + sizeof name;
+        length += name.size() + sizeof(std::string);
     return length;
 }
 

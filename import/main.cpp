@@ -41,7 +41,7 @@ int run(std::span<char* const> words)
 int main(int argc, char** argv)
 {
     // Names in archives are UTF-8, or bytes that are passed on as they are.
-    std::setlocale(LC_CTYPE, "C.UTF-8");
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // NOLINT: there is one thread yet
     try {
         return run(
             std::span<char* const>(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
