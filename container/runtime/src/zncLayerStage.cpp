@@ -59,11 +59,16 @@ PathText path_in(std::string_view base, const char* name)
     return path;
 }
 
-// The last one out takes the file along.
+// The last one out takes the file along. Everyone lets go before he tries: of two who leave at once
+// and still held it, neither would get it, and it would stay. In between somebody else may have
+// removed it, and a new one may have its name.
 void StoreLock::release() noexcept
 {
     const ErrnoSaver keep;
-    if (fd_ && lock_set(fd_.get(), F_WRLCK, F_OFD_SETLK))
+    struct stat st = {};
+    if (fd_ && lock_set(fd_.get(), F_UNLCK, F_OFD_SETLK) &&
+        lock_set(fd_.get(), F_WRLCK, F_OFD_SETLK) && ::fstat(fd_.get(), &st) == 0 &&
+        st.st_nlink != 0)
         ::unlink(path_.get());
     fd_.reset();
 }
