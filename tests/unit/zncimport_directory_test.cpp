@@ -1,5 +1,6 @@
 // A directory of the file system as a layer.
 #include "directory_tree.hpp"
+#include "eventually.hpp"
 #include "zncimport_input.hpp"
 
 #include <algorithm>
@@ -142,13 +143,15 @@ TEST(Directory, AFileThatGrowsMeanwhileIsAnError)
     if (writer == 0) {
         ::alarm(120);
         const int fd = ::open((read.dir / "growing").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-        for (int i = 0; i < 10'000'000 && ::write(fd, "x", 1) == 1; i++) {
+        while (::write(fd, "x", 1) == 1) {
         }
         ::_exit(0);
     }
     std::string problem;
-    for (int i = 0; i < 1000 && problem.empty(); i++)
+    eventually([&] {
         problem = read.problem();
+        return !problem.empty();
+    });
     ::kill(writer, SIGKILL);
     ::waitpid(writer, nullptr, 0);
     EXPECT_TRUE(has(problem, "changed while it was read")) << problem;
