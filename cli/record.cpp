@@ -4,11 +4,11 @@
 #include "json.hpp"
 #include "runtime_dir.hpp"
 
+#include <array>
 #include <chrono>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <fmt/chrono.h>
-#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
@@ -98,7 +98,10 @@ Record from_json(const cJSON* tree)
 
 std::string time_text(std::time_t time)
 {
-    return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(time));
+    std::tm utc = {};
+    std::array<char, 32> text{};
+    ::gmtime_r(&time, &utc);
+    return {text.data(), std::strftime(text.data(), text.size(), "%FT%TZ", &utc)};
 }
 
 RecordKeeper RecordKeeper::begin(const std::string& id)
