@@ -24,11 +24,12 @@ quietly() {
     rm -f "$log"
 }
 
-# Files that the build writes are analysed too, so they must be there.
+# Files that the build writes are analysed too, so they must be there. The build is that of the
+# sanitizers: with clang, and there when all tests have run.
 clang_tidy() {
-    cmake --preset clang &&
-        cmake --build --preset clang -j "$jobs" --target zncontainer zncd zncctl &&
-        run-clang-tidy -quiet -j "$jobs" -p build/clang \
+    cmake --preset asan-ubsan &&
+        cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import &&
+        run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan \
             "^$PWD/(cli|container|daemon|import|platform)/.*\\.cpp\$"
 }
 

@@ -2,7 +2,8 @@
 # fuzz.sh SECONDS [TARGET...] - builds the fuzz targets and runs each (all without names) for so many
 # seconds, two at a time (FUZZ_JOBS), in a sandbox. For each it prints how many inputs were run, how many
 # edges of the code they reached, and what was found; it fails when something was. What the runs
-# learn stays in build/fuzz/corpus, and the next ones start from it.
+# learn stays in build/fuzz/corpus, and the next ones start from it. FUZZ_PRESET: the build to use,
+# "fuzz" (the default, optimised) or "asan-ubsan", which the tests share.
 #
 # A finding's input is kept beside the corpus. Once the fault is mended, it goes with a telling name
 # to tests/fuzz/regressions/TARGET, where every build's tests run it.
@@ -36,11 +37,12 @@ for target in "$@"; do
     fi
 done
 
-build=$PWD/build/fuzz
+preset=${FUZZ_PRESET:-fuzz}
+build=$PWD/build/$preset
 work=$build/fuzzing
 mkdir -p "$work"
 log=$work/build.log
-if ! { cmake --preset fuzz && cmake --build --preset fuzz; } >"$log" 2>&1; then
+if ! { cmake --preset "$preset" && cmake --build --preset "$preset" --target fuzz_targets; } >"$log" 2>&1; then
     cat "$log" >&2
     exit 1
 fi

@@ -10,9 +10,9 @@ case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac
 package=(dpkg-dev file scdoc)
-test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck debootstrap dpkg-dev file fish
-    jq libarchive-tools libgtest-dev lintian mandoc mount python3 scdoc shellcheck skopeo strace systemd tar umoci
-    util-linux xz-utils zstd)
+test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck debootstrap dpkg-dev e2fsprogs
+    file fish jq libarchive-tools libgtest-dev lintian mandoc mount python3 scdoc shellcheck skopeo strace systemd tar
+    umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
 demo=(busybox-static mount tar umoci)

@@ -380,6 +380,8 @@ bool parse(int argc, char** argv, Options& options)
         else
             return false;
     }
+    if (std::getenv("ZNC_TEST_ALL") != nullptr)
+        options.sample = 0;
     return true;
 }
 
