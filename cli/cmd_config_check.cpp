@@ -1,5 +1,6 @@
 #include "command.hpp"
 #include "config_check.hpp"
+#include "escape.hpp"
 #include "files.hpp"
 #include "output.hpp"
 
@@ -16,12 +17,12 @@ std::string plain(const std::string& file, const std::vector<ConfigFinding>& fin
 {
     std::string text;
     for (const ConfigFinding& finding : findings) {
-        text += fmt::format("{}: {}: {}", file, finding.path,
-                            finding.refused ? "refused: " : "ignored: ");
-        text += finding.expected.empty()
+        std::string line = fmt::format("{}: {}: {}", file, finding.path,
+                                       finding.refused ? "refused: " : "ignored: ");
+        line += finding.expected.empty()
                     ? finding.found
                     : fmt::format("expected {}, found {}", finding.expected, finding.found);
-        text += "\n";
+        text += printable(line) + "\n";
     }
     return text;
 }
@@ -58,7 +59,8 @@ int cmd_config_check(const Arguments& args)
         return failure(file, fmt::format("no JSON at {}", where));
     const std::vector<ConfigFinding> findings = check_config(document.get());
     if (as_json || !findings.empty())
-        if (const int status = print_result(as_json ? json(file, findings) : plain(file, findings));
+        if (const int status =
+                as_json ? print_json(json(file, findings)) : print_result(plain(file, findings));
             status != kExitOk)
             return status;
     const bool refused = std::any_of(findings.begin(), findings.end(),

@@ -1,5 +1,6 @@
 #include "command.hpp"
 #include "digest.hpp"
+#include "escape.hpp"
 #include "layer_check.hpp"
 #include "layout.hpp"
 #include "output.hpp"
@@ -32,6 +33,11 @@ struct Verdict {
     }
 };
 
+void refuse(Verdict& verdict, std::string what)
+{
+    verdict.reports.push_back({0, {true, std::move(what), 1, ""}});
+}
+
 void check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
                 Verdict& verdict)
 {
@@ -43,14 +49,17 @@ void check_blob(const std::string& layout, const Descriptor& blob, std::size_t l
 Verdict check(const std::string& layout, const Image& image)
 {
     Verdict verdict = {&image, {}};
-    check_blob(layout, image.manifest, 0, verdict);
-    check_blob(layout, image.config, 0, verdict);
-    const cJSON* ids = member(member(image.config_document.get(), "rootfs"), "diff_ids");
-    if (cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
-        verdict.reports.push_back(
-            {0, {true, "the configuration names another number of layers", 1, ""}});
+    if (!image.problem.empty())
+        refuse(verdict, image.problem);
+    const cJSON* ids =
+        any_case_member(any_case_member(image.config_document.get(), "rootfs"), "diff_ids");
+    if (image.config_document != nullptr &&
+        cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
+        refuse(verdict, "the configuration names another number of layers");
     for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
+        if (!is_digest(layer.digest))
+            continue; // said above
         check_blob(layout, layer, i + 1, verdict);
         const char* id = cJSON_GetStringValue(cJSON_GetArrayItem(ids, static_cast<int>(i)));
         for (Finding& finding :
@@ -65,13 +74,15 @@ std::string plain(const std::vector<Verdict>& verdicts)
     std::string text;
     for (const Verdict& verdict : verdicts) {
         const Image& image = *verdict.image;
-        text += fmt::format("{} {}/{} {}: {}\n", image.tag.empty() ? "-" : image.tag, image.os,
-                            image.arch, image.manifest.digest, verdict.text());
+        text += printable(fmt::format("{} {}/{} {}: {}", image.tag.empty() ? "-" : image.tag,
+                                      image.os, image.arch, image.manifest.digest, verdict.text()));
+        text += "\n";
         for (const auto& [layer, finding] : verdict.reports) {
             text += layer != 0 ? fmt::format("  layer {}: ", layer) : "  ";
-            text += fmt::format("{}{}", finding.refused ? "refused: " : "", finding.what);
+            text += finding.refused ? "refused: " : "";
+            text += printable(finding.what);
             if (!finding.first.empty())
-                text += fmt::format(" ({}, first: {})", finding.count, finding.first);
+                text += fmt::format(" ({}, first: {})", finding.count, printable(finding.first));
             text += "\n";
         }
     }
@@ -119,7 +130,7 @@ int cmd_image_check(const Arguments& args)
     for (const Image& image : *images)
         verdicts.push_back(check(layout, image));
     if (!args.has("quiet") && !(images->empty() && !as_json))
-        if (const int status = print_result(as_json ? json(verdicts) : plain(verdicts));
+        if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
             status != kExitOk)
             return status;
     // One bad manifest keeps the library from all of them.

@@ -1,5 +1,5 @@
 #include "command.hpp"
-#include "json.hpp"
+#include "layout.hpp"
 #include "output.hpp"
 
 #include "zncontainer.h"
@@ -7,11 +7,16 @@
 int zncctl::cmd_image_inspect(const Arguments& args)
 {
     const char* layout = args.operand(0);
+    std::string problem;
+    bool refused = false;
+    static_cast<void>(read_layout(layout, problem, &refused));
+    if (refused)
+        return failure(layout, problem);
     const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout); }));
     if (text == nullptr)
         return local_failure(errno, layout);
     const Json document = parse_json(text.get());
     if (document == nullptr)
         return local_failure(EBADMSG, layout);
-    return print_result(pretty(document.get()));
+    return print_json(pretty(document.get()));
 }

@@ -1,3 +1,4 @@
+#include "escape.hpp"
 #include "layout.hpp"
 #include "output.hpp"
 
@@ -16,7 +17,7 @@ double layers_size(const Image& image)
     return sum;
 }
 
-int print_json(const std::vector<Image>& images)
+int print_as_json(const std::vector<Image>& images)
 {
     const Json list(cJSON_CreateArray());
     for (const Image& image : images) {
@@ -30,7 +31,7 @@ int print_json(const std::vector<Image>& images)
         add_number(entry, "size", layers_size(image));
         add_text(entry, "created", text_of(image.config_document.get(), "created"));
     }
-    return print_result(compact(list.get()));
+    return print_json(compact(list.get()));
 }
 
 } // namespace
@@ -47,11 +48,11 @@ int cmd_image_ls(const Arguments& args)
     if (args.has("quiet")) {
         std::string tags;
         for (const Image& image : *images)
-            tags += image.tag + "\n";
+            tags += printable(image.tag) + "\n";
         return tags.empty() ? static_cast<int>(kExitOk) : print_result(tags);
     }
     if (as_json)
-        return print_json(*images);
+        return print_as_json(*images);
     std::vector<std::vector<std::string>> rows = {
         {"TAG", "OS", "ARCH", "LAYERS", "SIZE", "DIGEST"}};
     for (const Image& image : *images)

@@ -47,7 +47,7 @@ int cmd_info(const Arguments& args)
         text += fmt::format("{:<11} {}\n", name, value);
         add_text(document.get(), name, value);
     }
-    return print_result(as_json ? compact(document.get()) : text);
+    return as_json ? print_json(compact(document.get())) : print_result(text);
 }
 
 } // namespace zncctl

@@ -9,5 +9,5 @@ int zncctl::cmd_inspect(const Arguments& args)
     const Json document = parse_json(text.get());
     if (document == nullptr)
         return daemon_failure(EBADMSG, id);
-    return print_result(pretty(document.get()));
+    return print_json(pretty(document.get()));
 }

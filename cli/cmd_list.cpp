@@ -1,4 +1,5 @@
 #include "container.hpp"
+#include "escape.hpp"
 #include "record.hpp"
 
 #include <filesystem>
@@ -62,12 +63,12 @@ int print_ids(const std::vector<Row>& rows)
 {
     std::string text;
     for (const Row& row : rows)
-        text += row.id + "\n";
+        text += printable(row.id) + "\n";
     return text.empty() ? static_cast<int>(kExitOk) : print_result(text);
 }
 
 // The library's documents, with what the records know.
-int print_json(std::vector<Row>& rows)
+int print_as_json(std::vector<Row>& rows)
 {
     const Json list(cJSON_CreateArray());
     for (Row& row : rows) {
@@ -79,7 +80,7 @@ int print_json(std::vector<Row>& rows)
         }
         cJSON_AddItemToArray(list.get(), row.state.release());
     }
-    return print_result(compact(list.get()));
+    return print_json(compact(list.get()));
 }
 
 int print_table(const std::vector<Row>& rows, bool whole)
@@ -117,7 +118,7 @@ int cmd_list(const Arguments& args)
     std::vector<Row> rows = rows_of(args, states.get());
     if (args.has("quiet"))
         return print_ids(rows);
-    return as_json ? print_json(rows) : print_table(rows, args.has("no-trunc"));
+    return as_json ? print_as_json(rows) : print_table(rows, args.has("no-trunc"));
 }
 
 } // namespace zncctl

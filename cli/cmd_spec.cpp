@@ -96,7 +96,7 @@ int cmd_spec(const Arguments& args)
     const std::string text = pretty(config.get());
     if (const char* bundle = args.value("bundle"))
         return write_new(std::string(bundle) + "/config.json", text);
-    return print_result(text);
+    return print_json(text);
 }
 
 } // namespace zncctl

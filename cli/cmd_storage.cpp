@@ -131,7 +131,7 @@ int cmd_storage_df(const Arguments& args)
         add_number(entry, "bytes", static_cast<double>(sum.bytes));
         add_number(entry, "unusedBytes", static_cast<double>(sum.unused_bytes));
     }
-    return print_result(as_json ? compact(list.get()) : table(rows));
+    return as_json ? print_json(compact(list.get())) : print_result(table(rows));
 }
 
 int cmd_storage_gc(const Arguments& args)

@@ -103,7 +103,7 @@ int cmd_top(const Arguments& args)
         return failure(id, "it was not started by zncctl", kExitWrongState);
     const std::vector<Process> processes = processes_in(record->pid_namespace);
     if (as_json)
-        return print_result(json(processes));
+        return print_json(json(processes));
     std::vector<std::vector<std::string>> rows = {{"PID", "INNER", "PARENT", "S", "KB", "COMMAND"}};
     for (const Process& process : processes)
         rows.push_back({process.pid, process.inner_pid, process.parent, process.state.substr(0, 1),

@@ -24,5 +24,5 @@ int zncctl::cmd_version(const Arguments& args)
     else
         add_text(document.get(), "daemon", daemon);
     add_number(document.get(), "protocol", ZNC_PROTOCOL_VERSION);
-    return print_result(compact(document.get()));
+    return print_json(compact(document.get()));
 }

@@ -4,6 +4,7 @@
 #define ZNCCTL_CONTAINER_HPP
 
 #include "command.hpp"
+#include "escape.hpp"
 #include "json.hpp"
 #include "output.hpp"
 
@@ -38,7 +39,7 @@ template <class Action> int for_each_id(const std::vector<std::string>& ids, boo
     for (const std::string& id : ids) {
         int status = act(id);
         if (status == kExitOk && !quiet)
-            status = print_result(id);
+            status = print_result(printable(id));
         if (status != kExitOk)
             result =
                 result == kExitOk || result == status ? status : static_cast<int>(kExitFailure);

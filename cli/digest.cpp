@@ -11,6 +11,24 @@
 
 namespace zncctl {
 
+bool is_digest(std::string_view text)
+{
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    constexpr std::size_t kPrefix = 7; // "sha256:"
+    const std::size_t digits = text.starts_with("sha256:")   ? 64
+                               : text.starts_with("sha512:") ? 128
+                                                             : 0;
+    return digits != 0 && text.size() == kPrefix + digits &&
+           text.find_first_not_of(kDigits, kPrefix) == text.npos;
+}
+
+std::string digest_of(std::string_view algorithm, std::string_view bytes)
+{
+    Digest digest(algorithm);
+    digest.add(bytes.data(), bytes.size());
+    return digest.text();
+}
+
 Digest::Digest(std::string_view algorithm) : algorithm_(algorithm)
 {
     mbedtls_md_init(&context_);
@@ -47,12 +65,12 @@ std::string Digest::text()
 
 std::string blob_problem(const std::string& path, const std::string& digest, double size)
 {
-    const znc::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!is_digest(digest))
+        return fmt::format("\"{}\" is not a digest", digest);
+    const znc::UniqueFd file = open_regular(path);
     if (!file)
-        return fmt::format("blob {}: {}", digest, error_text());
+        return fmt::format("blob {}: {}", digest, read_error_text());
     Digest sum(digest.substr(0, digest.find(':')));
-    if (!sum)
-        return fmt::format("digest {} is of an unknown kind", digest);
     std::array<char, 65536> buffer{};
     double read = 0;
     ssize_t n = 0;

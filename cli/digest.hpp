@@ -10,6 +10,10 @@
 
 namespace zncctl {
 
+// "sha256:" and 64 hexadecimal digits in lower case, or "sha512:" and 128: what may become the name
+// of a file.
+bool is_digest(std::string_view text);
+
 class Digest {
   public:
     // The algorithm as digests name it. One that is not known is not valid.
@@ -28,6 +32,9 @@ class Digest {
     mbedtls_md_context_t context_;
     bool valid_ = false;
 };
+
+// The digest of some bytes, "sha256:...".
+std::string digest_of(std::string_view algorithm, std::string_view bytes);
 
 // What is wrong with a blob: it is missing, of another size or another content. "" if nothing is.
 std::string blob_problem(const std::string& path, const std::string& digest, double size);

@@ -1,7 +1,5 @@
 #include "files.hpp"
 
-#include "zarnel/owned.hpp"
-
 #include <array>
 #include <cstdio>
 #include <sys/stat.h>
@@ -14,10 +12,28 @@ std::string error_text()
     return std::generic_category().message(errno);
 }
 
+std::string read_error_text()
+{
+    return errno == EINVAL ? "It is not a regular file" : error_text();
+}
+
+znc::UniqueFd open_regular(const std::string& path, int dir)
+{
+    // Not blocking: what stands there may be a FIFO that nobody writes to, or a terminal.
+    znc::UniqueFd file(::openat(dir, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat st = {};
+    if (!file || ::fstat(file.get(), &st) != 0)
+        return {};
+    if (S_ISREG(st.st_mode))
+        return file;
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    return {};
+}
+
 std::optional<std::string> read_file(const std::string& path, int dir)
 {
     constexpr std::size_t kMost = 64 * 1024 * 1024;
-    const znc::UniqueFd file(::openat(dir, path.c_str(), O_RDONLY | O_CLOEXEC));
+    const znc::UniqueFd file = open_regular(path, dir);
     if (!file)
         return std::nullopt;
     std::string content;

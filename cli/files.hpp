@@ -8,9 +8,19 @@
 
 #include <fcntl.h>
 
+#include "zarnel/owned.hpp"
+
 namespace zncctl {
 
-// Nothing with errno set when it cannot be read, EFBIG when it is larger than 64 MiB.
+// Opens a regular file for reading, never waiting for anything. Invalid with errno set, EINVAL for
+// a FIFO, a socket or a device.
+znc::UniqueFd open_regular(const std::string& path, int dir = AT_FDCWD);
+
+// What is known of a failed open_regular or read_file.
+std::string read_error_text();
+
+// Nothing with errno set when it cannot be read or is no regular file, EFBIG when it is larger than
+// 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
 
 // What the task error number says, as the C library puts it.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <new>
+#include <set>
 
 namespace zncctl {
 namespace {
@@ -41,6 +42,43 @@ void print(const cJSON* item, std::size_t depth, std::string& out)
     out += object ? '}' : ']';
 }
 
+std::string lower_case(std::string_view text)
+{
+    std::string result(text);
+    for (char& c : result)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return result;
+}
+
+// Objects whose keys are data: there "Maintainer" is another key than "maintainer".
+bool has_free_keys(std::string_view name)
+{
+    const std::string lower = lower_case(name);
+    for (const std::string_view free : {"annotations", "labels", "exposedports", "volumes"})
+        if (lower == free)
+            return true;
+    return false;
+}
+
+std::optional<std::string> find_duplicate_key(const cJSON* item, bool free_keys)
+{
+    std::set<std::string> seen;
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, item)
+    {
+        if (cJSON_IsObject(item) != 0) {
+            std::string lower = lower_case(child->string);
+            const bool exact = free_keys && lower != kRefName; // which the library looks for
+            if (!seen.insert(exact ? child->string : std::move(lower)).second)
+                return child->string;
+        }
+        const bool free = cJSON_IsObject(item) != 0 && has_free_keys(child->string);
+        if (auto key = find_duplicate_key(child, free))
+            return key;
+    }
+    return std::nullopt;
+}
+
 void add(cJSON* object, const char* key, cJSON* item)
 {
     if (item == nullptr || cJSON_AddItemToObject(object, key, item) == 0)
@@ -51,12 +89,23 @@ void add(cJSON* object, const char* key, cJSON* item)
 
 Json parse_json(std::string_view text, std::string* where)
 {
-    const std::string copy(text); // ended by NUL
-    const char* end = copy.c_str();
-    Json tree(cJSON_ParseWithOpts(copy.c_str(), &end, 1));
-    if (tree == nullptr && where != nullptr)
-        *where = position(text, static_cast<std::size_t>(end - copy.c_str()));
+    const char* end = text.data();
+    Json tree(cJSON_ParseWithLengthOpts(text.data(), text.size(), &end, 0));
+    auto at = static_cast<std::size_t>(end - text.data());
+    if (tree != nullptr) {
+        at = text.find_first_not_of(" \t\r\n", at);
+        if (at == text.npos)
+            return tree;
+        tree.reset(); // something stands behind the document
+    }
+    if (where != nullptr)
+        *where = position(text, at);
     return tree;
+}
+
+std::optional<std::string> duplicate_key(const cJSON* item)
+{
+    return find_duplicate_key(item, false);
 }
 
 std::string pretty(const cJSON* item)

@@ -4,6 +4,7 @@
 #define ZNCCTL_JSON_HPP
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,8 +17,16 @@ struct JsonDeleter {
 };
 using Json = std::unique_ptr<cJSON, JsonDeleter>;
 
-// Null when the text is no JSON. `where` then gets "line L, column C".
+// Null when the text is no JSON, or has something behind it. `where` then gets "line L, column C".
 Json parse_json(std::string_view text, std::string* where = nullptr);
+
+// A key that some object of a document has twice: readers differ in which one they take. The
+// library's ignores case, so that "Digest" is "digest"; but for keys that are data (labels,
+// annotations, ports, volumes). Nothing when there is none.
+std::optional<std::string> duplicate_key(const cJSON* item);
+
+// The annotation that names an image in an index.
+inline constexpr const char* kRefName = "org.opencontainers.image.ref.name";
 
 // Indented by two blanks, with one blank behind each colon.
 std::string pretty(const cJSON* item);
@@ -28,6 +37,13 @@ std::string compact(const cJSON* item);
 inline const cJSON* member(const cJSON* object, const char* key)
 {
     return cJSON_GetObjectItemCaseSensitive(object, key);
+}
+
+// As the library finds members: whatever their case, the first counts. In a document without
+// duplicate keys there is no other.
+inline const cJSON* any_case_member(const cJSON* object, const char* key)
+{
+    return cJSON_GetObjectItem(object, key);
 }
 
 // "" when it is missing or no text.

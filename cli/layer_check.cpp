@@ -1,6 +1,7 @@
 #include "layer_check.hpp"
 
 #include "digest.hpp"
+#include "files.hpp"
 #include "words.hpp"
 
 #include <algorithm>
@@ -50,7 +51,7 @@ struct GzCloser {
 // The plain bytes of an archive, compressed or not.
 class Source {
   public:
-    explicit Source(const std::string& path) : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC))
+    explicit Source(const std::string& path) : file_(open_regular(path))
     {
         std::array<unsigned char, 6> magic{};
         const bool read = file_ && ::pread(file_.get(), magic.data(), magic.size(), 0) == 6;

@@ -1,50 +1,156 @@
 #include "layout.hpp"
 
+#include "digest.hpp"
 #include "files.hpp"
 #include "output.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <stdexcept>
 #include <sys/stat.h>
 
 namespace zncctl {
 namespace {
 
-constexpr const char* kRefName = "org.opencontainers.image.ref.name";
+// All documents of a layout together: what they say is kept in memory, many times as large.
+constexpr std::size_t kDocumentsMax = 64 * 1024 * 1024;
+constexpr std::size_t kImagesMax = 10'000;
+
+// A document that is refused: this layout is not read any further.
+class Refusal : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+std::string text_of_any_case(const cJSON* object, const char* key)
+{
+    const char* text = cJSON_GetStringValue(any_case_member(object, key));
+    return text != nullptr ? text : "";
+}
 
 Descriptor descriptor_of(const cJSON* object)
 {
-    const cJSON* size = member(object, "size");
-    return {text_of(object, "mediaType"), text_of(object, "digest"),
+    const cJSON* size = any_case_member(object, "size");
+    return {text_of_any_case(object, "mediaType"), text_of_any_case(object, "digest"),
             cJSON_IsNumber(size) ? size->valuedouble : -1};
 }
 
-Json read_blob(const std::string& layout, const std::string& digest)
-{
-    return parse_json(read_file(blob_path(layout, digest)).value_or(""));
-}
+class LayoutReader {
+  public:
+    explicit LayoutReader(const std::string& layout) : layout_(layout) {}
 
-Image image_of(const std::string& layout, const cJSON* entry)
+    // Null, and `problem` says why, when it cannot be read. Throws Refusal.
+    Json document(const std::string& name, std::string& problem)
+    {
+        const auto text = read_file(layout_ + "/" + name);
+        if (!text)
+            problem = fmt::format("{}: {}", name, read_error_text());
+        return text ? parse(*text, name, problem) : nullptr;
+    }
+
+    // The same of a blob, whose size and content must be what the descriptor says.
+    Json blob(const Descriptor& descriptor, std::string& problem)
+    {
+        if (!is_digest(descriptor.digest)) {
+            problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
+            return nullptr;
+        }
+        const auto text = read_file(blob_path(layout_, descriptor.digest));
+        const std::string& digest = descriptor.digest;
+        if (!text)
+            problem = fmt::format("blob {}: {}", digest, read_error_text());
+        else if (static_cast<double>(text->size()) != descriptor.size)
+            problem = fmt::format("blob {} has {} bytes, not {:.0f}", digest, text->size(),
+                                  descriptor.size);
+        else if (digest_of(digest.substr(0, digest.find(':')), *text) != digest)
+            problem = fmt::format("blob {} has another content", digest);
+        else
+            return parse(*text, "blob " + digest, problem);
+        return nullptr;
+    }
+
+  private:
+    Json parse(const std::string& text, const std::string& name, std::string& problem)
+    {
+        read_ += text.size();
+        if (read_ > kDocumentsMax)
+            throw Refusal(fmt::format("{}: the documents of the layout are too large", name));
+        std::string where;
+        Json json = parse_json(text, &where);
+        if (json == nullptr)
+            problem = fmt::format("{}: no JSON at {}", name, where);
+        else if (const auto key = duplicate_key(json.get()))
+            throw Refusal(fmt::format("{}: the key \"{}\" is there twice", name, *key));
+        return json;
+    }
+
+    const std::string& layout_;
+    std::size_t read_ = 0;
+};
+
+// What the index entry says, as far as it is no path to anything.
+Image image_of_entry(const cJSON* entry)
 {
     Image image;
     image.manifest = descriptor_of(entry);
-    image.tag = text_of(member(entry, "annotations"), kRefName);
-    image.platform_os = text_of(member(entry, "platform"), "os");
-    image.platform_arch = text_of(member(entry, "platform"), "architecture");
-    const Json manifest = read_blob(layout, image.manifest.digest);
-    image.config = descriptor_of(member(manifest.get(), "config"));
+    if (!is_digest(image.manifest.digest))
+        throw Refusal(fmt::format("index.json: \"{}\" is not a digest", image.manifest.digest));
+    image.tag = text_of_any_case(any_case_member(entry, "annotations"), kRefName);
+    const cJSON* platform = any_case_member(entry, "platform");
+    image.platform_os = text_of_any_case(platform, "os");
+    image.platform_arch = text_of_any_case(platform, "architecture");
+    return image;
+}
+
+Image image_of(LayoutReader& reader, const cJSON* entry)
+{
+    Image image = image_of_entry(entry);
+    const Json manifest = reader.blob(image.manifest, image.problem);
+    image.config = descriptor_of(any_case_member(manifest.get(), "config"));
     const cJSON* layer = nullptr;
-    cJSON_ArrayForEach(layer, member(manifest.get(), "layers"))
+    cJSON_ArrayForEach(layer, any_case_member(manifest.get(), "layers"))
+    {
         image.layers.push_back(descriptor_of(layer));
-    image.config_document = read_blob(layout, image.config.digest);
-    image.os = text_of(image.config_document.get(), "os");
-    image.arch = text_of(image.config_document.get(), "architecture");
+        if (image.problem.empty() && !is_digest(image.layers.back().digest))
+            image.problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
+    }
+    std::string problem;
+    if (manifest != nullptr)
+        image.config_document = reader.blob(image.config, problem);
+    if (image.problem.empty())
+        image.problem = problem;
+    image.os = text_of_any_case(image.config_document.get(), "os");
+    image.arch = text_of_any_case(image.config_document.get(), "architecture");
     if (image.os.empty())
         image.os = image.platform_os;
     if (image.arch.empty())
         image.arch = image.platform_arch;
     return image;
+}
+
+// Nothing after `problem` was set. Throws Refusal.
+std::optional<std::vector<Image>> read_images(const std::string& path, std::string& problem)
+{
+    LayoutReader reader(path);
+    std::string ignored; // of a layout without this file the index may still be listed
+    static_cast<void>(reader.document("oci-layout", ignored));
+    const Json index = reader.document("index.json", problem);
+    const cJSON* manifests = any_case_member(index.get(), "manifests");
+    if (index == nullptr)
+        return std::nullopt;
+    if (!cJSON_IsArray(manifests)) {
+        problem = "index.json: \"manifests\" is no array";
+        return std::nullopt;
+    }
+    std::vector<Image> images;
+    const cJSON* entry = nullptr;
+    cJSON_ArrayForEach(entry, manifests)
+    {
+        if (images.size() == kImagesMax)
+            throw Refusal(fmt::format("index.json: more than {} images", kImagesMax));
+        images.push_back(image_of(reader, entry));
+    }
+    return images;
 }
 
 bool is_directory(const std::string& path)
@@ -71,34 +177,21 @@ ImageName split_image_name(const std::string& text)
 
 std::string blob_path(const std::string& layout, const std::string& digest)
 {
-    const std::size_t colon = digest.find(':');
-    const std::string_view kGood = "0123456789abcdef";
-    if (colon == digest.npos || colon + 1 == digest.size() ||
-        digest.find_first_not_of(kGood, colon + 1) != digest.npos ||
-        digest.find('/') != digest.npos)
+    if (!is_digest(digest))
         return "";
+    const std::size_t colon = digest.find(':');
     return fmt::format("{}/blobs/{}/{}", layout, digest.substr(0, colon), digest.substr(colon + 1));
 }
 
-std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem)
-{
-    const auto text = read_file(path + "/index.json");
-    if (!text) {
-        problem = fmt::format("index.json: {}", error_text());
-        return std::nullopt;
-    }
-    std::string where;
-    const Json index = parse_json(*text, &where);
-    if (index == nullptr || !cJSON_IsArray(member(index.get(), "manifests"))) {
-        problem = index == nullptr ? fmt::format("index.json: no JSON at {}", where)
-                                   : "index.json: \"manifests\" is no array";
-        return std::nullopt;
-    }
-    std::vector<Image> images;
-    const cJSON* entry = nullptr;
-    cJSON_ArrayForEach(entry, member(index.get(), "manifests"))
-        images.push_back(image_of(path, entry));
-    return images;
+std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
+                                              bool* refused)
+try {
+    return read_images(path, problem);
+} catch (const Refusal& refusal) {
+    problem = refusal.what();
+    if (refused != nullptr)
+        *refused = true;
+    return std::nullopt;
 }
 
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,

@@ -1,5 +1,7 @@
-// layout.hpp - what an OCI image layout says it holds, without the library's checks: for lists,
-// hints and reports on layouts that the library refuses. Used by the image commands, spec and run.
+// layout.hpp - what an OCI image layout says it holds: for lists, reports, and for `run` and
+// `unpack`, which decide on what is read here and hand exactly that on to the library. Nothing is
+// waited for, every document is compared with its digest, and members are found as the library
+// finds them. Used by the image commands, spec, unpack and run.
 #ifndef ZNCCTL_LAYOUT_HPP
 #define ZNCCTL_LAYOUT_HPP
 
@@ -18,7 +20,8 @@ struct Descriptor {
 
 struct Image {
     Descriptor manifest;
-    std::string tag; // "" when the index gives no name
+    std::string problem; // why it cannot be unpacked, as far as its documents tell; "" if it can
+    std::string tag;     // "" when the index gives no name
     std::string os;
     std::string arch;
     Descriptor config;
@@ -36,10 +39,13 @@ struct ImageName {
 // "LAYOUT[:TAG]": a directory with a colon in its name is taken for a layout as it stands.
 ImageName split_image_name(const std::string& text);
 
-// Nothing, and `problem` says why, when there is no index to read.
-std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem);
+// Nothing, and `problem` says why, when there is no index to read or when a document is refused:
+// for a key that is there twice, or a digest that is none in an index entry. `refused` is then
+// true: the library might take such a layout for something else than other readers do.
+std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
+                                              bool* refused = nullptr);
 
-// Where a blob is; "" for a digest that is none.
+// Where a blob is; "" for what is no digest.
 std::string blob_path(const std::string& layout, const std::string& digest);
 
 // The image that unpacking would take; null if there is none.

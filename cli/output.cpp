@@ -1,6 +1,7 @@
 #include "output.hpp"
 
-#include "words.hpp"
+#include "escape.hpp"
+#include "files.hpp"
 
 #include <algorithm>
 #include <array>
@@ -63,10 +64,11 @@ std::size_t line_width()
 } // namespace
 
 StdoutToStderr::StdoutToStderr()
+    : printed_(::memfd_create("zncctl", MFD_CLOEXEC)),
+      saved_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
 {
     std::fflush(stdout);
-    saved_.reset(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    ::dup2(printed_ ? printed_.get() : STDERR_FILENO, STDOUT_FILENO);
 }
 
 StdoutToStderr::~StdoutToStderr()
@@ -76,6 +78,17 @@ StdoutToStderr::~StdoutToStderr()
     // Without a saved descriptor standard output was closed before.
     if (!saved_ || ::dup2(saved_.get(), STDOUT_FILENO) < 0)
         ::close(STDOUT_FILENO);
+    if (printed_ && ::lseek(printed_.get(), 0, SEEK_CUR) > 0)
+        pass_on();
+}
+
+void StdoutToStderr::pass_on() const
+{
+    constexpr std::size_t kMost = 65536; // progress texts are short
+    std::string text(kMost, '\0');
+    const ssize_t len = ::pread(printed_.get(), text.data(), text.size(), 0);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(len, 0)));
+    static_cast<void>(write_all(STDERR_FILENO, printable_lines(text)));
 }
 
 std::string message_of(int error, const char* unnumbered)
@@ -156,7 +169,9 @@ bool read_format(const Arguments& args, bool& json)
     return false;
 }
 
-int print_result(std::string_view text)
+namespace {
+
+int write_result(std::string_view text)
 {
     const bool line_end = text.ends_with('\n');
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
@@ -164,22 +179,36 @@ int print_result(std::string_view text)
     return written ? static_cast<int>(kExitOk) : local_failure(errno, "standard output");
 }
 
-std::string table(const std::vector<std::vector<std::string>>& rows, bool whole)
+} // namespace
+
+int print_result(std::string_view text)
+{
+    return write_result(printable_lines(text));
+}
+
+int print_json(std::string_view json)
+{
+    return write_result(printable_json(json));
+}
+
+std::string table(std::vector<std::vector<std::string>> rows, bool whole)
 {
     std::vector<std::size_t> widths;
-    for (const auto& row : rows)
+    for (auto& row : rows)
         for (std::size_t i = 0; i < row.size(); i++) {
+            row[i] = printable(row[i]);
             widths.resize(std::max(widths.size(), i + 1));
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], character_count(row[i]));
         }
     const std::size_t limit = whole ? 0 : line_width();
     std::string text;
     for (const auto& row : rows) {
         std::string line;
         for (std::size_t i = 0; i + 1 < row.size(); i++)
-            line += fmt::format("{:<{}}  ", printable(row[i]), widths[i]);
-        line += printable(row.back());
-        text += (limit != 0 && line.size() > limit ? line.substr(0, limit) : line) + "\n";
+            line += row[i] + std::string(widths[i] - character_count(row[i]) + 2, ' ');
+        line += row.back();
+        text += limit != 0 ? first_characters(line, limit) : line;
+        text += "\n";
     }
     return text;
 }

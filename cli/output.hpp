@@ -24,8 +24,9 @@ enum ExitStatus {
     kExitSignalBase = 128    // plus the host's number of the signal that ended it
 };
 
-// While it lives, what the library prints (progress texts, error messages) goes to standard
-// error. Not around zncStart without care: the container's process takes over descriptor 1.
+// What the library prints while it lives (progress texts, error messages, which may hold names of
+// foreign origin) goes to standard error at its end, made printable. Not around zncStart without
+// care: the container's process takes over descriptor 1.
 class StdoutToStderr {
   public:
     StdoutToStderr();
@@ -34,6 +35,9 @@ class StdoutToStderr {
     StdoutToStderr& operator=(const StdoutToStderr&) = delete;
 
   private:
+    void pass_on() const;
+
+    znc::UniqueFd printed_;
     znc::UniqueFd saved_;
 };
 
@@ -69,13 +73,16 @@ int usage_failure(std::string_view problem);
 // The option --format of a command that has it. False, after a message, for an unknown one.
 bool read_format(const Arguments& args, bool& json);
 
-// Prints a result, adding a last line end where there is none; kExitOk, or a failure when it could
-// not be written.
+// Prints a result, made printable, adding a last line end where there is none; kExitOk, or a
+// failure when it could not be written.
 int print_result(std::string_view text);
+
+// The same for a JSON document, which stays one.
+int print_json(std::string_view json);
 
 // Columns as wide as their widest text, the first row being the heading. On a terminal, unless
 // `whole`, the last column is cut to what is left of a line.
-std::string table(const std::vector<std::vector<std::string>>& rows, bool whole = false);
+std::string table(std::vector<std::vector<std::string>> rows, bool whole = false);
 
 } // namespace zncctl
 

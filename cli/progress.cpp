@@ -1,5 +1,7 @@
 #include "progress.hpp"
 
+#include "escape.hpp"
+
 #include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
@@ -23,7 +25,7 @@ std::string size_text(std::uint64_t bytes)
 // The first characters of a digest tell layers apart.
 std::string short_name(const ZNC_PROGRESS& progress)
 {
-    return std::string(progress.layer).substr(0, 12);
+    return printable(progress.layer).substr(0, 12);
 }
 
 std::size_t line_width()

@@ -32,16 +32,6 @@ template <class Number> std::optional<Number> to_number(std::string_view text)
     return number;
 }
 
-// Names may hold any byte; a terminal must not obey them, and a message is one line.
-inline std::string printable(std::string_view text)
-{
-    std::string result(text);
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            c = '?';
-    return result;
-}
-
 } // namespace zncctl
 
 #endif

@@ -10,15 +10,13 @@
 
 namespace zncimport {
 
-inline constexpr const char* kRefName = "org.opencontainers.image.ref.name";
+using zncctl::kRefName;
 inline constexpr const char* kManifestType = "application/vnd.oci.image.manifest.v1+json";
 
 // As the library names blobs: "sha256:...".
 inline std::string digest_of(std::string_view bytes)
 {
-    zncctl::Digest digest("sha256");
-    digest.add(bytes.data(), bytes.size());
-    return digest.text();
+    return zncctl::digest_of("sha256", bytes);
 }
 
 // Takes over what cJSON made, if there was memory for it.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <set>
 #include <string>
 
 namespace zncimport {
@@ -55,20 +54,6 @@ bool survives(std::string_view json)
         i = end;
     }
     return true;
-}
-
-bool has_twins(const cJSON* item)
-{
-    std::set<std::string_view> names;
-    const cJSON* child = nullptr;
-    cJSON_ArrayForEach(child, item)
-    {
-        if (cJSON_IsObject(item) != 0 && !names.insert(child->string).second)
-            return true;
-        if (has_twins(child))
-            return true;
-    }
-    return false;
 }
 
 } // namespace zncimport

@@ -159,13 +159,6 @@ std::optional<FilePart> ArchiveFiles::find(const std::string& path) const
     throw Failure(path, "is at the end of too many links");
 }
 
-bool is_digest(const std::string& text)
-{
-    const std::size_t digits = text.starts_with("sha512:") ? 128 : 64;
-    return (text.starts_with("sha256:") || text.starts_with("sha512:")) &&
-           text.size() == digits + 7 && text.find_first_not_of("0123456789abcdef", 7) == text.npos;
-}
-
 namespace {
 
 void check_document(const std::string& text, const std::string& name, const std::string& digest,

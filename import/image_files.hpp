@@ -4,6 +4,7 @@
 #define ZNCIMPORT_IMAGE_FILES_HPP
 
 #include "archive.hpp"
+#include "digest.hpp"
 #include "spool.hpp"
 
 #include <map>
@@ -71,7 +72,7 @@ class ArchiveFiles : public ImageFiles {
 };
 
 // "sha256:" or "sha512:" with as many hexadecimal digits as that takes.
-bool is_digest(const std::string& text);
+using zncctl::is_digest;
 
 // Reads documents as a whole, each held to its limit, its size (-1: not known) and digest ("": not
 // known). A few bytes of text make many in memory, and any number of images may name the same

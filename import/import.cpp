@@ -3,6 +3,7 @@
 #include "confine.hpp"
 #include "convert.hpp"
 #include "documents.hpp"
+#include "escape.hpp"
 #include "files.hpp"
 #include "layout.hpp"
 #include "layout_writer.hpp"
@@ -143,7 +144,7 @@ void warn_of_neighbours(const std::string& layout)
 void tell(const Options& options, const Outcome& outcome)
 {
     if (!outcome.summary.empty())
-        std::fputs(fmt::format("zncctl: {}\n", outcome.summary).c_str(), stderr);
+        std::fputs(fmt::format("zncctl: {}\n", zncctl::printable(outcome.summary)).c_str(), stderr);
     if (!options.report.empty() &&
         !zncctl::replace_file(AT_FDCWD, options.report.c_str(), outcome.report))
         throw Failure(options.report, zncctl::error_text());

@@ -104,9 +104,7 @@ bool same_file(int fd, const std::string& path)
 std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
-    constexpr std::size_t kDigits = 64;
-    if (!digest.starts_with(kKind) || digest.size() != kKind.size() + kDigits ||
-        digest.find_first_not_of("0123456789abcdef", kKind.size()) != digest.npos)
+    if (!zncctl::is_digest(digest) || !digest.starts_with(kKind))
         throw Failure(digest, "is no digest of a blob");
     return digest.substr(kKind.size());
 }
@@ -127,6 +125,8 @@ Json read_index(int dir)
         throw Failure(kName, "is no JSON at " + where);
     if (!cJSON_IsArray(member(index.get(), "manifests")))
         throw Failure(kName, "\"manifests\" is no array");
+    if (const auto key = zncctl::duplicate_key(index.get()))
+        throw Failure(kName, fmt::format("has the key \"{}\" twice", *key));
     if (!survives(*text))
         throw Failure(kName, "holds a number or a text that cannot be kept as it is");
     return index;
@@ -242,6 +242,8 @@ void LayoutWriter::State::read_or_begin()
     sweep(dir.get(), path);
     if (const std::optional<std::string> text = read_document(dir.get(), kName)) {
         const Json document = zncctl::parse_json(*text);
+        if (const auto key = zncctl::duplicate_key(document.get()))
+            throw Failure(path + "/" + kName, fmt::format("has the key \"{}\" twice", *key));
         if (text_of(document.get(), "imageLayoutVersion") != "1.0.0")
             throw Failure(path, "is no image layout of version 1.0.0");
     } else {

@@ -1,5 +1,7 @@
 #include "outcome.hpp"
 
+#include "digest.hpp"
+
 #include <algorithm>
 
 namespace zncimport {
@@ -11,12 +13,10 @@ using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
 
-bool is_digest(const std::string& text)
+// Layers and documents are named by this algorithm alone.
+bool is_sha256(const std::string& text)
 {
-    constexpr std::string_view kStart = "sha256:";
-    constexpr std::size_t kDigits = 64;
-    return text.size() == kStart.size() + kDigits && text.starts_with(kStart) &&
-           text.find_first_not_of("0123456789abcdef", kStart.size()) == std::string::npos;
+    return zncctl::is_digest(text) && text.starts_with("sha256:");
 }
 
 std::uint64_t number_of(const cJSON* object, const char* key)
@@ -32,7 +32,7 @@ NewLayer layer_of(const cJSON* object)
 {
     NewLayer layer = {text_of(object, "digest"), text_of(object, "diff_id"),
                       number_of(object, "size")};
-    if (!is_digest(layer.digest) || !is_digest(layer.diff_id))
+    if (!is_sha256(layer.digest) || !is_sha256(layer.diff_id))
         throw Failure("", "the process that read the image gave no usable answer");
     return layer;
 }

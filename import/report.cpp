@@ -1,6 +1,6 @@
 #include "report.hpp"
 
-#include "words.hpp"
+#include "escape.hpp"
 
 #include <array>
 #include <fmt/format.h>

@@ -213,8 +213,8 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
         throw Failure(name, "is no JSON document: " + where);
     if ((array ? cJSON_IsArray(json.get()) : cJSON_IsObject(json.get())) == 0)
         throw Failure(name, array ? "is no JSON array" : "is no JSON object");
-    if (has_twins(json.get()))
-        throw Failure(name, "has an object with two members of the same name");
+    if (const auto key = zncctl::duplicate_key(json.get()))
+        throw Failure(name, fmt::format("has the key \"{}\" twice", *key));
     return json;
 }
 

@@ -11,7 +11,7 @@ namespace {
 constexpr int kIndexDepth = 4;
 constexpr std::size_t kDescriptorsMax = 10'000;
 constexpr double kSizeMax = 9007199254740992.0; // beyond it not every number is one
-constexpr const char* kRefName = "org.opencontainers.image.ref.name";
+using zncctl::kRefName;
 constexpr const char* kFullName = "io.containerd.image.name";
 
 constexpr std::string_view kManifest = "application/vnd.oci.image.manifest.v1+json";

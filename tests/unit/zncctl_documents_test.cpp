@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <string>
+#include <sys/stat.h>
 
 using namespace zncctl;
 
@@ -216,8 +217,14 @@ TEST(ImageName, IsALayoutAndPerhapsATag)
 
 TEST(BlobPath, IsNoPathForWhatIsNoDigest)
 {
-    EXPECT_EQ(blob_path("l", "sha256:0af"), "l/blobs/sha256/0af");
-    for (const char* digest : {"", "sha256", "sha256:", "sha256:../x", "a/b:00", "sha256:0F"})
+    const std::string digits(64, 'a');
+    EXPECT_EQ(blob_path("l", "sha256:" + digits), "l/blobs/sha256/" + digits);
+    EXPECT_EQ(blob_path("l", "sha512:" + digits + digits), "l/blobs/sha512/" + digits + digits);
+    for (const std::string& digest :
+         {std::string(), std::string("sha256"), std::string("sha256:"), std::string("sha256:0af"),
+          "sha256:" + digits + "/../../x", "sha256:" + digits + "a", "sha512:" + digits,
+          "sha256:" + std::string(64, 'A'), "md5:" + digits, "../:" + digits,
+          "sha256:" + std::string(61, 'a') + "/.."})
         EXPECT_EQ(blob_path("l", digest), "") << digest;
 }
 
@@ -243,4 +250,133 @@ TEST(ToNumber, TakesDigitsAndNothingElse)
     EXPECT_EQ(to_number<unsigned>("17"), 17U);
     for (const char* text : {"", "-1", "+1", " 1", "1 ", "1x", "99999999999"})
         EXPECT_EQ(to_number<unsigned>(text), std::nullopt) << text;
+}
+
+TEST(ParseJson, TakesNothingBehindTheDocument)
+{
+    EXPECT_NE(parse_json("{} \n"), nullptr);
+    for (const std::string_view text : {std::string_view("{}\0x", 4), std::string_view("{}\0", 3)})
+        EXPECT_EQ(parse_json(text), nullptr);
+    EXPECT_EQ(parse_json(""), nullptr);
+}
+
+TEST(DuplicateKey, IsFoundAtEveryDepthWhateverItsCase)
+{
+    const auto of = [](std::string_view text) {
+        return duplicate_key(parse_json(text).get()).value_or("none");
+    };
+    EXPECT_EQ(of(R"({"a":1,"b":{"a":2},"c":[{"a":3},{"a":4}]})"), "none");
+    EXPECT_EQ(of(R"({"digest":1,"digest":2})"), "digest");
+    EXPECT_EQ(of(R"({"digest":1,"Digest":2})"), "Digest");
+    EXPECT_EQ(of(R"({"digest":1,"digest\u0000x":2})"), "digest");
+    EXPECT_EQ(of(R"([{"a":[[{"x":{"b":1,"B":2}}]]}])"), "B");
+}
+
+TEST(DuplicateKey, KeysThatAreDataDifferInCase)
+{
+    const auto of = [](std::string_view text) {
+        return duplicate_key(parse_json(text).get()).value_or("none");
+    };
+    EXPECT_EQ(of(R"({"Labels":{"Maintainer":"a","maintainer":"b"}})"), "none");
+    EXPECT_EQ(of(R"({"Labels":{"a":"a","a":"b"}})"), "a");
+    EXPECT_EQ(of(R"({"annotations":{"org.opencontainers.image.ref.name":"a",
+                     "org.opencontainers.image.REF.name":"b"}})"),
+              "org.opencontainers.image.REF.name");
+}
+
+namespace {
+
+// What read_layout says of a layout; "" when it is read.
+std::string layout_problem(const layout::Layout& made, bool* refused)
+{
+    std::string problem;
+    *refused = false;
+    const auto images = read_layout(made.dir(), problem, refused);
+    return images ? "" : problem;
+}
+
+std::string index_with(const std::string& entry)
+{
+    return R"({"schemaVersion":2,"manifests":[)" + entry + "]}";
+}
+
+} // namespace
+
+TEST(ReadLayout, RefusesKeysThatAreThereTwiceInEveryDocument)
+{
+    const layout::TempDir dir;
+    layout::Layout made(dir.path() / "l");
+    made.add({});
+    bool refused = false;
+    EXPECT_EQ(layout_problem(made, &refused), "");
+    const std::string index = layout::read_file(made.dir() / "index.json");
+
+    layout::write_file(made.dir() / "index.json", R"({"Manifests":[],)" + index.substr(1));
+    EXPECT_EQ(layout_problem(made, &refused), "index.json: the key \"manifests\" is there twice");
+    EXPECT_TRUE(refused);
+    layout::write_file(made.dir() / "index.json", index);
+
+    layout::write_file(made.dir() / "oci-layout",
+                       R"({"imageLayoutVersion":"1.0.0","imageLayoutVersion":"2"})");
+    EXPECT_EQ(layout_problem(made, &refused),
+              "oci-layout: the key \"imageLayoutVersion\" is there twice");
+    layout::write_file(made.dir() / "oci-layout", R"({"imageLayoutVersion":"1.0.0"})");
+
+    made.add_manifest(R"({"schemaVersion":2,"config":{},"layers":[],"Layers":[]})");
+    EXPECT_TRUE(layout_problem(made, &refused).ends_with(": the key \"Layers\" is there twice"));
+    EXPECT_TRUE(refused);
+}
+
+TEST(ReadLayout, RefusesDigestsThatAreNone)
+{
+    const layout::TempDir dir;
+    layout::Layout made(dir.path() / "l");
+    made.add({});
+    bool refused = false;
+    for (const std::string& digest :
+         {"sha256:" + std::string(64, 'a') + "/../../../../../tmp/victim", std::string("sha256:.."),
+          "sha256:" + std::string(64, 'A'), std::string()}) {
+        layout::write_file(made.dir() / "index.json",
+                           index_with(layout::descriptor(layout::kManifestType, digest, 1)));
+        EXPECT_EQ(layout_problem(made, &refused), "index.json: \"" + digest + "\" is not a digest");
+        EXPECT_TRUE(refused);
+    }
+}
+
+TEST(ReadLayout, FindsMembersAsTheLibraryDoes)
+{
+    const layout::TempDir dir;
+    layout::Layout made(dir.path() / "l");
+    made.add({});
+    std::string index = layout::read_file(made.dir() / "index.json");
+    index.replace(index.find("\"digest\""), 8, "\"DIGEST\"");
+    layout::write_file(made.dir() / "index.json", index);
+    std::string problem;
+    const auto images = read_layout(made.dir(), problem);
+    ASSERT_TRUE(images) << problem;
+    EXPECT_EQ((*images)[0].problem, "");
+    EXPECT_EQ((*images)[0].os, "zarnel");
+}
+
+TEST(ReadLayout, WaitsForNoFifoAndTakesNoOtherContent)
+{
+    const layout::TempDir dir;
+    layout::Layout made(dir.path() / "l");
+    made.add({});
+    std::string problem;
+    auto images = read_layout(made.dir(), problem);
+    ASSERT_TRUE(images) << problem;
+    const std::string digest = (*images)[0].manifest.digest;
+    const std::string blob = made.blob(digest);
+    std::string content = layout::read_file(blob);
+    content.back() = ' ';
+    layout::write_file(blob, content);
+    images = read_layout(made.dir(), problem);
+    ASSERT_TRUE(images) << problem;
+    EXPECT_EQ((*images)[0].problem, "blob " + digest + " has another content");
+    layout::fs::remove(blob);
+    ASSERT_EQ(::mkfifo(blob.c_str(), 0600), 0);
+    images = read_layout(made.dir(), problem);
+    ASSERT_TRUE(images) << problem;
+    EXPECT_EQ((*images)[0].problem, "blob " + digest + ": It is not a regular file");
 }

@@ -325,11 +325,13 @@ TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
     layout.one_image();
     std::string index = test_tree::read_file(layout.dir / "l/index.json");
     test_tree::write_file(layout.dir / "l/index.json",
-                          R"({"a":[{"b":1,"B":2}],)" + index.substr(1));
+                          R"({"a":[{"b":1,"c":{"b":2}}],)" + index.substr(1));
     EXPECT_EQ(Opened(layout.dir / "l").images().size(), 1U);
-    test_tree::write_file(layout.dir / "l/index.json",
-                          R"({"a":[{"b":1,"b":2}],)" + index.substr(1));
-    EXPECT_TRUE(has(problem_of(layout), "two members of the same name"));
+    for (const char* key : {"b", "B"}) {
+        test_tree::write_file(layout.dir / "l/index.json", std::string(R"({"a":[{"b":1,")") + key +
+                                                               R"(":2}],)" + index.substr(1));
+        EXPECT_TRUE(has(problem_of(layout), std::string("has the key \"") + key + "\" twice"));
+    }
 }
 
 TEST(LayoutSource, ManyImagesOfTheSameLongDocumentAreAnError)
