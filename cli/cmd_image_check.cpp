@@ -1,6 +1,7 @@
 #include "command.hpp"
 #include "digest.hpp"
 #include "escape.hpp"
+#include "image_settings.hpp"
 #include "layer_check.hpp"
 #include "layout.hpp"
 #include "output.hpp"
@@ -21,6 +22,7 @@ struct Report {
 struct Verdict {
     const Image* image;
     std::vector<Report> reports;
+    std::vector<std::string> asked; // beyond running a program
 
     [[nodiscard]] bool refused() const
     {
@@ -46,11 +48,20 @@ void check_blob(const std::string& layout, const Descriptor& blob, std::size_t l
         verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
 }
 
+void look_at_settings(const Image& image, Verdict& verdict)
+try {
+    verdict.asked = asked_for(image.config_document.get());
+} catch (const BadConfiguration& bad) {
+    refuse(verdict, bad.what());
+}
+
 Verdict check(const std::string& layout, const Image& image)
 {
-    Verdict verdict = {&image, {}};
+    Verdict verdict = {&image, {}, {}};
     if (!image.problem.empty())
         refuse(verdict, image.problem);
+    if (image.config_document != nullptr)
+        look_at_settings(image, verdict);
     const cJSON* ids =
         any_case_member(any_case_member(image.config_document.get(), "rootfs"), "diff_ids");
     if (image.config_document != nullptr &&
@@ -77,6 +88,8 @@ std::string plain(const std::vector<Verdict>& verdicts)
         text += printable(fmt::format("{} {}/{} {}: {}", image.tag.empty() ? "-" : image.tag,
                                       image.os, image.arch, image.manifest.digest, verdict.text()));
         text += "\n";
+        for (const std::string& asked : verdict.asked)
+            text += fmt::format("  asks for {}\n", printable(asked));
         for (const auto& [layer, finding] : verdict.reports) {
             text += layer != 0 ? fmt::format("  layer {}: ", layer) : "  ";
             text += finding.refused ? "refused: " : "";
@@ -100,6 +113,9 @@ std::string json(const std::vector<Verdict>& verdicts)
         add_text(entry, "architecture", verdict.image->arch);
         add_text(entry, "digest", verdict.image->manifest.digest);
         add_text(entry, "verdict", verdict.text());
+        cJSON* asked = cJSON_AddArrayToObject(entry, "asksFor");
+        for (const std::string& text : verdict.asked)
+            cJSON_AddItemToArray(asked, cJSON_CreateString(text.c_str()));
         cJSON* findings = cJSON_AddArrayToObject(entry, "findings");
         for (const auto& [layer, finding] : verdict.reports) {
             cJSON* object = cJSON_CreateObject();

@@ -109,12 +109,9 @@ int cmd_list(const Arguments& args)
         return kExitFailure;
     if (args.has("status") && !known_status(args.value("status")))
         return usage_failure("--status is \"created\", \"running\" or \"stopped\"");
-    const znc::MallocPtr<char> list(call_library(zncList));
-    if (list == nullptr)
+    const Json states = all_states();
+    if (states == nullptr)
         return daemon_failure(errno, "");
-    const Json states = parse_json(list.get());
-    if (!cJSON_IsArray(states.get()))
-        return daemon_failure(EBADMSG, "");
     std::vector<Row> rows = rows_of(args, states.get());
     if (args.has("quiet"))
         return print_ids(rows);

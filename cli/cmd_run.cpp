@@ -33,9 +33,7 @@ class Run {
         if (!bundle)
             return kExitStartFailed;
         const SignalQueue signals; // from here on there is something to take away
-        if (call_library([&] { return zncCreate(id_.c_str(), bundle->c_str(), 0, nullptr); }) !=
-            OK) {
-            static_cast<void>(daemon_failure(errno, id_));
+        if (create_container(id_, *bundle) != kExitOk) {
             if (*bundle == own_bundle(id_))
                 zncImageBundleDelete(bundle->c_str());
             return kExitStartFailed;

@@ -1,6 +1,7 @@
 // A config.json to start from: of a shell, or of what an image says.
 #include "container.hpp"
 #include "files.hpp"
+#include "image_settings.hpp"
 #include "store.hpp"
 
 #include <cstring>
@@ -59,6 +60,18 @@ Json document(const cJSON* image)
     return root;
 }
 
+// What an image must not decide is left out, as `run` leaves it out. Null after a message.
+Json document_of_configuration(const std::string& layout, const cJSON* configuration)
+try {
+    const SettledConfiguration settled = settle_configuration(configuration, false, "");
+    for (const std::string& note : settled.notes)
+        print_warning(fmt::format("{}: {}", layout, note));
+    return document(member(settled.document.get(), "config"));
+} catch (const BadConfiguration& bad) {
+    static_cast<void>(failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
+    return nullptr;
+}
+
 // Null after a message.
 Json document_of_image(const Arguments& args)
 {
@@ -67,8 +80,12 @@ Json document_of_image(const Arguments& args)
     const auto images = read_layout(wanted.image.layout, problem);
     const Image* image =
         images ? find_image(*images, wanted.image.tag, wanted.os, wanted.arch) : nullptr;
-    if (image != nullptr)
-        return document(member(image->config_document.get(), "config"));
+    if (image != nullptr && image->problem.empty())
+        return document_of_configuration(wanted.image.layout, image->config_document.get());
+    if (image != nullptr) {
+        static_cast<void>(failure(wanted.image.layout, image->problem));
+        return nullptr;
+    }
     if (images) {
         static_cast<void>(local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout));
         hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch);

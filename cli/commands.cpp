@@ -18,6 +18,8 @@ constexpr Option kProgress = {0,
                               "how unpacking reports: \"auto\", \"plain\", \"json\" or \"none\"",
                               Word::kChoice,
                               "auto plain json none"};
+constexpr Option kImageMounts = {0, "allow-image-mounts", nullptr,
+                                 "keep mounts of the host's directories that the image asks for"};
 constexpr Option kLogMax = {0, "log-max", "BYTES",
                             "size at which the log is rotated once (default: 1048576)"};
 constexpr Option kSeconds = {0, "timeout", "SECONDS", "how long to wait (default: for ever)"};
@@ -38,6 +40,7 @@ constexpr Option kRunOptions[] = {
     {'b', "bundle", "BUNDLE", "run this bundle, not an image", Word::kDirectory},
     kOs,
     kArch,
+    kImageMounts,
     kProgress,
     kLogMax,
 };
@@ -70,11 +73,9 @@ constexpr Option kListOptions[] = {
 };
 constexpr Option kTopOptions[] = {kFormat};
 constexpr Option kUnpackOptions[] = {
-    kTag,
-    kOs,
-    kArch,
-    {0, "flatten", nullptr, "one merged tree instead of shared layers"},
-    kProgress};
+    kTag,         kOs,
+    kArch,        {0, "flatten", nullptr, "one merged tree instead of shared layers"},
+    kImageMounts, kProgress};
 constexpr Option kImportOptions[] = {
     {'t', "tag", "TAG", "the new image's name (default: that of the source, or latest)"},
     {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},

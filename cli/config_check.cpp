@@ -113,6 +113,8 @@ class ConfigCheck {
             findings_.push_back({true, ".", "an object", kind_of(document)});
             return std::move(findings_);
         }
+        if (const auto key = duplicate_key(document, true))
+            findings_.push_back({true, *key, "one such key", "two"});
         object(document, "", "");
         return std::move(findings_);
     }
@@ -175,11 +177,12 @@ class ConfigCheck {
         for (const cJSON* child = item->child; child != nullptr; child = child->next, i++) {
             const std::string at = rule.type == Type::kTextMap ? join(where, child->string)
                                                                : fmt::format("{}[{}]", where, i);
-            const bool texts = rule.type == Type::kTexts || rule.type == Type::kTextMap;
-            if (texts && !cJSON_IsString(child))
+            if (rule.type == Type::kTextMap && !cJSON_IsString(child))
                 findings_.push_back({false, at, "a string", kind_of(child)});
+            else if (rule.type == Type::kTexts && !cJSON_IsString(child))
+                findings_.push_back({true, at, "a string", kind_of(child), true});
             else if (rule.type == Type::kObjects && !cJSON_IsObject(child))
-                findings_.push_back({false, at, "an object", kind_of(child)});
+                findings_.push_back({true, at, "an object", kind_of(child), true});
             else if (rule.type == Type::kObjects)
                 object(child, at, std::string(rule.path) + "[]");
         }
@@ -215,6 +218,17 @@ class ConfigCheck {
 std::vector<ConfigFinding> check_config(const cJSON* document)
 {
     return ConfigCheck().run(document);
+}
+
+std::string ambiguity(const cJSON* document)
+{
+    if (const auto key = duplicate_key(document, true))
+        return fmt::format("the key \"{}\" is there twice", *key);
+    for (const ConfigFinding& finding : check_config(document))
+        if (finding.in_list)
+            return fmt::format("{}: expected {}, found {}", finding.path, finding.expected,
+                               finding.found);
+    return "";
 }
 
 } // namespace zncctl

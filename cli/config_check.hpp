@@ -15,9 +15,15 @@ struct ConfigFinding {
     std::string path;     // "process.args[0]"
     std::string expected; // what belongs there; "" for what is not known at all
     std::string found;
+    bool in_list = false; // an element of a list: the library would take the list as ending there
 };
 
 std::vector<ConfigFinding> check_config(const cJSON* document);
+
+// What of a document `create` and `run` refuse although the library takes it, because it does not
+// mean what it says: a key that is there twice, a list with an element of a wrong type. "" for
+// nothing.
+std::string ambiguity(const cJSON* document);
 
 } // namespace zncctl
 

@@ -1,10 +1,16 @@
 #include "container.hpp"
 
+#include "config_check.hpp"
+#include "container_id.hpp"
 #include "files.hpp"
 #include "record.hpp"
+#include "sticky.hpp"
 #include "store.hpp"
 
+#include <array>
 #include <cerrno>
+#include <filesystem>
+#include <set>
 
 namespace zncctl {
 
@@ -33,12 +39,61 @@ std::string root_of_bundle(const std::string& bundle)
     return path.starts_with('/') ? path : bundle + "/" + path;
 }
 
-std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
+namespace {
+
+// Of containers there may be: the daemon is asked about each.
+std::set<std::string> known_ids()
+{
+    const std::vector<std::string> recorded = recorded_ids();
+    std::set<std::string> ids(recorded.begin(), recorded.end());
+    std::array<char, 1024> area{};
+    if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0)
+        return ids;
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(area.data(), error), end; it != end && !error;
+         it.increment(error))
+        ids.insert(it->path().filename());
+    return ids;
+}
+
+Json states_one_by_one()
+{
+    print_warning(
+        "the list of containers is too long for one answer of the daemon; it is made of "
+        "what zncctl and the storage base know, and may lack containers that were created "
+        "by other programs");
+    Json states(cJSON_CreateArray());
+    for (const std::string& id : known_ids())
+        if (Json state = is_container_id(id) ? state_of(id) : nullptr)
+            cJSON_AddItemToArray(states.get(), state.release());
+    return states;
+}
+
+} // namespace
+
+Json all_states()
 {
     const znc::MallocPtr<char> text(call_library(zncList));
-    if (text == nullptr)
+    if (text == nullptr) {
+        const int error = errno;
+        if (error == 0 && zncDaemonIsAlive() != FALSE)
+            return states_one_by_one();
+        errno = error;
+        return nullptr;
+    }
+    Json states = parse_json(text.get());
+    if (!cJSON_IsArray(states.get())) {
+        errno = EBADMSG;
+        return nullptr;
+    }
+    return states;
+}
+
+std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
+{
+    const Json states = all_states();
+    if (states == nullptr)
         return std::nullopt;
-    const Json states = parse_json(text.get());
     std::vector<std::string> ids;
     const cJSON* state = nullptr;
     cJSON_ArrayForEach(state, states.get())
@@ -48,6 +103,34 @@ std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
             ids.push_back(std::move(id));
     }
     return ids;
+}
+
+namespace {
+
+// "" when the library may look at the bundle.
+std::string bundle_problem(const std::string& bundle)
+{
+    const auto text = read_file(bundle + "/config.json");
+    const Json config = text ? parse_json(*text) : nullptr;
+    return config != nullptr ? ambiguity(config.get()) : "";
+}
+
+} // namespace
+
+int create_container(const std::string& id, const std::string& bundle)
+{
+    if (printable(id) != id)
+        return failure(id, "the id holds characters that cannot be shown");
+    if (const std::string problem = bundle_problem(bundle); !problem.empty())
+        return failure(bundle + "/config.json", problem);
+    if (call_library([&] { return zncCreate(id.c_str(), bundle.c_str(), 0, nullptr); }) != OK)
+        return daemon_failure(errno, id);
+    remove_record(id); // of an earlier container that had this id
+    if (restore_sticky(id, bundle))
+        return kExitOk;
+    const int status = local_failure(errno, id);
+    static_cast<void>(delete_container(id, true));
+    return status;
 }
 
 STATUS delete_container(const std::string& id, bool force)

@@ -24,8 +24,16 @@ CONTAINER_STATUS status_of(const std::string& id);
 // The bundle of a state document, and what it says the container's root is: a host path.
 std::string root_of_bundle(const std::string& bundle);
 
+// The state documents of all containers, as an array; null with errno set when the daemon gives
+// no list. There are more containers than one answer of the daemon holds: then, after a warning,
+// those that zncctl and the storage base know of.
+Json all_states();
+
 // The ids of all containers in this state; nothing with errno set when the daemon gives no list.
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
+
+// Creates a container from a bundle. kExitOk, or a status after a message.
+int create_container(const std::string& id, const std::string& bundle);
 
 // Deletes a container, what zncctl knows of it, and its bundle if that was made for it alone. OK or
 // ERROR with errno set.

@@ -17,6 +17,11 @@ std::string read_error_text()
     return errno == EINVAL ? "It is not a regular file" : error_text();
 }
 
+std::string descriptor_path(int fd)
+{
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
 znc::UniqueFd open_regular(const std::string& path, int dir)
 {
     // Not blocking: what stands there may be a FIFO that nobody writes to, or a terminal.

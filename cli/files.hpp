@@ -16,6 +16,9 @@ namespace zncctl {
 // a FIFO, a socket or a device.
 znc::UniqueFd open_regular(const std::string& path, int dir = AT_FDCWD);
 
+// A path by which the file behind a descriptor is opened anew, whatever its name has become.
+std::string descriptor_path(int fd);
+
 // What is known of a failed open_regular or read_file.
 std::string read_error_text();
 

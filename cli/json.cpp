@@ -60,20 +60,20 @@ bool has_free_keys(std::string_view name)
     return false;
 }
 
-std::optional<std::string> find_duplicate_key(const cJSON* item, bool free_keys)
+std::optional<std::string> find_duplicate_key(const cJSON* item, bool free_keys, bool repeat)
 {
     std::set<std::string> seen;
     const cJSON* child = nullptr;
     cJSON_ArrayForEach(child, item)
     {
-        if (cJSON_IsObject(item) != 0) {
+        if (cJSON_IsObject(item) != 0 && !(free_keys && repeat)) {
             std::string lower = lower_case(child->string);
             const bool exact = free_keys && lower != kRefName; // which the library looks for
             if (!seen.insert(exact ? child->string : std::move(lower)).second)
                 return child->string;
         }
         const bool free = cJSON_IsObject(item) != 0 && has_free_keys(child->string);
-        if (auto key = find_duplicate_key(child, free))
+        if (auto key = find_duplicate_key(child, free, repeat))
             return key;
     }
     return std::nullopt;
@@ -103,9 +103,9 @@ Json parse_json(std::string_view text, std::string* where)
     return tree;
 }
 
-std::optional<std::string> duplicate_key(const cJSON* item)
+std::optional<std::string> duplicate_key(const cJSON* item, bool annotations_may_repeat)
 {
-    return find_duplicate_key(item, false);
+    return find_duplicate_key(item, false, annotations_may_repeat);
 }
 
 std::string pretty(const cJSON* item)

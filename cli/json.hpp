@@ -22,8 +22,9 @@ Json parse_json(std::string_view text, std::string* where = nullptr);
 
 // A key that some object of a document has twice: readers differ in which one they take. The
 // library's ignores case, so that "Digest" is "digest"; but for keys that are data (labels,
-// annotations, ports, volumes). Nothing when there is none.
-std::optional<std::string> duplicate_key(const cJSON* item);
+// annotations, ports, volumes). In a config.json annotations may repeat: the library writes one for
+// each port of an image, and nothing depends on them. Nothing when there is none.
+std::optional<std::string> duplicate_key(const cJSON* item, bool annotations_may_repeat = false);
 
 // The annotation that names an image in an index.
 inline constexpr const char* kRefName = "org.opencontainers.image.ref.name";

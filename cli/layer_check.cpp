@@ -1,127 +1,15 @@
 #include "layer_check.hpp"
 
 #include "digest.hpp"
-#include "files.hpp"
-#include "words.hpp"
+#include "layer_reader.hpp"
 
-#include <algorithm>
-#include <array>
-#include <cstring>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <map>
-#include <memory>
-#include <numeric>
-#include <optional>
-
-#include "zarnel/owned.hpp"
-#include "zncontainer.h"
 
 namespace zncctl {
 namespace {
 
-constexpr std::size_t kBlock = 512;
 constexpr std::size_t kParentsMax = 256;
-
-struct Header {
-    char name[100];
-    char mode[8];
-    char uid[8];
-    char gid[8];
-    char size[12];
-    char mtime[12];
-    char checksum[8];
-    char type;
-    char link[100];
-    char magic[6];
-    char version[2];
-    char user[32];
-    char group[32];
-    char major[8];
-    char minor[8];
-    char prefix[155];
-    char rest[12];
-};
-static_assert(sizeof(Header) == kBlock);
-
-struct GzCloser {
-    void operator()(gzFile file) const { ugzclose(file); }
-};
-
-// The plain bytes of an archive, compressed or not.
-class Source {
-  public:
-    explicit Source(const std::string& path) : file_(open_regular(path))
-    {
-        std::array<unsigned char, 6> magic{};
-        const bool read = file_ && ::pread(file_.get(), magic.data(), magic.size(), 0) == 6;
-        if (read && magic[0] == 0x1f && magic[1] == 0x8b)
-            gz_.reset(ugzopen(path.c_str(), "r"));
-        static constexpr std::array<std::pair<const char*, std::string_view>, 3> kOthers = {
-            {{"zstd", "\x28\xb5\x2f\xfd"}, {"xz", "\xfd\x37zXZ"}, {"bzip2", "BZh"}}};
-        for (const auto& [name, start] : kOthers)
-            if (read && std::memcmp(magic.data(), start.data(), start.size()) == 0)
-                compression_ = name;
-    }
-
-    explicit operator bool() const { return static_cast<bool>(file_); }
-    [[nodiscard]] const char* unknown_compression() const { return compression_; }
-
-    // False at the end, or when there is no whole block.
-    bool read(Header& block, Digest& digest)
-    {
-        auto* out = reinterpret_cast<char*>(&block);
-        std::size_t have = 0;
-        while (have < kBlock) {
-            const auto want = static_cast<unsigned>(kBlock - have);
-            const ssize_t n =
-                gz_ ? ugzread(gz_.get(), out + have, want) : ::read(file_.get(), out + have, want);
-            if (n <= 0)
-                break;
-            have += static_cast<std::size_t>(n);
-        }
-        digest.add(out, have);
-        torn_ = torn_ || (have != 0 && have != kBlock);
-        return have == kBlock;
-    }
-    [[nodiscard]] bool torn() const { return torn_; }
-
-  private:
-    znc::UniqueFd file_;
-    std::unique_ptr<gzFile_s, GzCloser> gz_;
-    const char* compression_ = nullptr;
-    bool torn_ = false;
-};
-
-template <std::size_t N> std::string_view field(const char (&text)[N])
-{
-    return {text, ::strnlen(text, N)};
-}
-
-// As the extractor reads numbers: octal digits behind blanks, or nothing.
-template <std::size_t N> std::optional<std::uint64_t> octal(const char (&text)[N])
-{
-    std::string_view digits(text, N);
-    digits.remove_prefix(std::min(digits.find_first_not_of(" \t"), digits.size()));
-    std::uint64_t number = 0;
-    const auto [end, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), number, 8);
-    return error == std::errc() ? std::optional(number) : std::nullopt;
-}
-
-bool checksum_good(const Header& header)
-{
-    Header copy = header;
-    std::fill(std::begin(copy.checksum), std::end(copy.checksum), ' ');
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&copy);
-    return octal(header.checksum) == std::accumulate(bytes, bytes + kBlock, std::uint64_t{0});
-}
-
-bool is_zero(const Header& header)
-{
-    const auto* bytes = reinterpret_cast<const char*>(&header);
-    return std::all_of(bytes, bytes + kBlock, [](char c) { return c == 0; });
-}
 
 class LayerCheck {
   public:
@@ -147,10 +35,10 @@ class LayerCheck {
 
     void members()
     {
-        Header header = {};
+        TarHeader header = {};
         bool ended = false;
-        while (!ended && !stopped_ && source_.read(header, digest_)) {
-            ended = is_zero(header);
+        while (!ended && !stopped_ && read(header)) {
+            ended = header.is_zero();
             if (!ended)
                 member(header);
         }
@@ -158,7 +46,7 @@ class LayerCheck {
             return;
         if (!ended)
             refuse("there is no end mark");
-        while (source_.read(header, digest_)) {
+        while (read(header)) {
         }
         if (source_.torn())
             refuse("its length is no multiple of 512 bytes");
@@ -166,21 +54,21 @@ class LayerCheck {
             refuse("its content is not what the image's configuration says");
     }
 
-    void member(const Header& header)
+    void member(const TarHeader& header)
     {
-        const auto size = octal(header.size).value_or(0);
-        name_ = (std::memcmp(header.magic, "ustar", 6) == 0 && header.prefix[0] != 0
-                     ? std::string(field(header.prefix)) + "/"
-                     : "") +
-                std::string(field(header.name));
-        if (!checksum_good(header))
+        const auto size = header.size_value();
+        name_ = header.full_name();
+        if (!header.checksum_good())
             return stop("the header is damaged");
         if ((static_cast<unsigned char>(header.size[0]) & 0x80U) != 0)
             return stop("the size is not written in octal digits");
         if (size > UINT32_MAX)
             return stop("the member has 4 GiB or more");
-        if (!clean_path())
+        const auto path = clean_path(name_);
+        if (!path)
             return stop("\"..\" in the name");
+        path_ = *path;
+        named_as_directory_ = names_directory(name_);
         if (extension(header.type))
             return;
         if (!path_.empty())
@@ -211,13 +99,13 @@ class LayerCheck {
         }
     }
 
-    void made(const Header& header, std::uint64_t size)
+    void made(const TarHeader& header, std::uint64_t size)
     {
         if (!parents_good())
             return;
-        if (octal(header.mode).value_or(0) & 07000U)
+        if ((header.mode_value() & 07000U) != 0)
             lose("set-id or sticky bit: dropped");
-        if (octal(header.uid).value_or(0) != 0 || octal(header.gid).value_or(0) != 0)
+        if (header.has_owner())
             lose("owner other than root: dropped");
         if (size == 0 && named_as_directory_) {
             tree_.emplace(path_, Kind::kDirectory);
@@ -268,26 +156,6 @@ class LayerCheck {
         }
     }
 
-    // The name as the extractor takes it: separators of both kinds, no "." and no empty parts.
-    bool clean_path()
-    {
-        path_.clear();
-        named_as_directory_ = name_.ends_with('/') || name_.ends_with('\\');
-        std::string part;
-        for (const char c : name_ + "/") {
-            if (c != '/' && c != '\\') {
-                part += c;
-                continue;
-            }
-            if (part == "..")
-                return false;
-            if (!part.empty() && part != ".")
-                path_ += "/" + part;
-            part.clear();
-        }
-        return true;
-    }
-
     bool parents_good()
     {
         const std::string parents = path_.substr(0, path_.rfind('/'));
@@ -303,11 +171,18 @@ class LayerCheck {
         return !stopped_;
     }
 
+    bool read(TarHeader& block)
+    {
+        const bool whole = source_.read(block);
+        digest_.add(&block, source_.last_count());
+        return whole;
+    }
+
     void skip(std::uint64_t size)
     {
-        Header data = {};
-        for (std::uint64_t left = size; left > 0; left -= std::min<std::uint64_t>(left, kBlock))
-            if (!source_.read(data, digest_))
+        TarHeader data = {};
+        for (std::uint64_t left = size; left > 0; left -= std::min<std::uint64_t>(left, kTarBlock))
+            if (!read(data))
                 return stop("the archive ends within a member");
     }
 
@@ -333,7 +208,7 @@ class LayerCheck {
         note(true, std::move(what));
     }
 
-    Source source_;
+    LayerReader source_;
     std::string diff_id_;
     Digest digest_;
     std::map<std::string, Kind> tree_;

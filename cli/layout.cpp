@@ -206,6 +206,12 @@ const Image* find_image(const std::vector<Image>& images, const std::string& tag
     return nullptr;
 }
 
+Image* find_image(std::vector<Image>& images, const std::string& tag, const std::string& os,
+                  const std::string& arch)
+{
+    return const_cast<Image*>(find_image(std::as_const(images), tag, os, arch));
+}
+
 bool hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
                     const std::string& arch)
 {

@@ -51,6 +51,8 @@ std::string blob_path(const std::string& layout, const std::string& digest);
 // The image that unpacking would take; null if there is none.
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,
                         const std::string& os, const std::string& arch);
+Image* find_image(std::vector<Image>& images, const std::string& tag, const std::string& os,
+                  const std::string& arch);
 
 // When a layout holds no such image: which ones it does hold, as a hint. False when it does hold
 // it.

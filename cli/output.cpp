@@ -110,6 +110,11 @@ void print_error(std::string_view object, std::string_view message)
                object.empty() ? std::string(message) : fmt::format("{}: {}", object, message));
 }
 
+void print_warning(std::string_view text)
+{
+    print_line("1;33", "warning", text);
+}
+
 void print_hint(std::string_view text)
 {
     print_line("1", "hint", text);

@@ -52,8 +52,10 @@ template <class Call> auto call_library(Call call)
 // The message of the library's table; `unnumbered` is the one for 0.
 std::string message_of(int error, const char* unnumbered);
 
-// "zncctl: error: <object>: <message>" and "zncctl: hint: <text>", a line each. No object: "".
+// "zncctl: error: <object>: <message>", "zncctl: warning: <text>" and "zncctl: hint: <text>", a
+// line each. No object: "".
 void print_error(std::string_view object, std::string_view message);
+void print_warning(std::string_view text);
 void print_hint(std::string_view text);
 
 // A failed request to the daemon: its message, a hint where one is known, and its exit status.

@@ -1,5 +1,6 @@
 #include "record.hpp"
 
+#include "container_id.hpp"
 #include "files.hpp"
 #include "json.hpp"
 #include "runtime_dir.hpp"
@@ -49,12 +50,6 @@ znc::UniqueFd open_runtime(bool make)
         return {};
     }
     return dir;
-}
-
-// Of an id as long as ids may be the daemon keeps all bytes but the last.
-std::string name_of(const std::string& id)
-{
-    return id.substr(0, 254);
 }
 
 znc::UniqueFd lock_of(int dir, bool make)
@@ -107,10 +102,14 @@ std::string time_text(std::time_t time)
 RecordKeeper RecordKeeper::begin(const std::string& id)
 {
     RecordKeeper keeper;
+    if (!is_container_id(id)) {
+        errno = EINVAL;
+        return {};
+    }
     const znc::UniqueFd runtime = open_runtime(true);
     const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kArea) : znc::UniqueFd();
     if (area)
-        keeper.dir_ = make_dir(area.get(), name_of(id));
+        keeper.dir_ = make_dir(area.get(), kept_id(id));
     znc::UniqueFd lock = keeper.dir_ ? lock_of(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
@@ -137,9 +136,13 @@ void RecordKeeper::write(const Record& record) const
 
 znc::UniqueFd open_record(const std::string& id)
 {
+    if (!is_container_id(id)) {
+        errno = EINVAL;
+        return {};
+    }
     const znc::UniqueFd runtime = open_runtime(false);
     const znc::UniqueFd area = runtime ? open_dir(runtime.get(), kArea) : znc::UniqueFd();
-    return area ? open_dir(area.get(), name_of(id)) : znc::UniqueFd();
+    return area ? open_dir(area.get(), kept_id(id)) : znc::UniqueFd();
 }
 
 std::optional<Record> read_record(int dir)
@@ -183,7 +186,7 @@ void remove_record(const std::string& id)
         ::unlinkat(dir.get(), name, 0);
     const znc::UniqueFd area = open_dir(dir.get(), "..");
     if (area)
-        ::unlinkat(area.get(), name_of(id).c_str(), AT_REMOVEDIR);
+        ::unlinkat(area.get(), kept_id(id).c_str(), AT_REMOVEDIR);
 }
 
 } // namespace zncctl

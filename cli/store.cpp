@@ -1,24 +1,25 @@
 #include "store.hpp"
 
+#include "bundle_area.hpp"
+#include "container_id.hpp"
+#include "digest.hpp"
 #include "files.hpp"
-#include "json.hpp"
+#include "image_settings.hpp"
 #include "output.hpp"
+#include "private_layout.hpp"
 #include "progress.hpp"
+#include "sticky.hpp"
 
 #include <array>
-#include <fcntl.h>
-#include <filesystem>
 #include <fmt/format.h>
 #include <stdexcept>
-#include <sys/file.h>
 
 #include "zncontainer.h"
 
 namespace zncctl {
 namespace {
 
-namespace fs = std::filesystem;
-
+constexpr std::size_t kDigestPrefix = 7; // "sha256:"
 constexpr const char* kMayNeedImport = "the image may have to be imported";
 constexpr const char* kDamaged = "A layer of the image is damaged or a path is too long";
 
@@ -58,60 +59,122 @@ void explain(int error, const Wanted& wanted)
     }
 }
 
-// Only one process at a time makes bundles of images.
-class Turn {
-  public:
-    explicit Turn(const std::string& dir)
-        : lock_(::open((dir + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600))
-    {
-        while (lock_ && ::flock(lock_.get(), LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
-
-  private:
-    znc::UniqueFd lock_;
+// An image as far as it is known before anything is unpacked.
+struct Chosen {
+    Image image;
+    SettledConfiguration settled;
 };
 
-STATUS unpack(const Wanted& wanted, const std::string& bundle, unsigned option, Progress& progress)
+// An image for which the library would refuse its layout has the library's error; what is only
+// refused here has a line of its own.
+int refuse_layout(const Wanted& wanted, const std::string& problem, bool refused)
 {
-    const ZNC_BUNDLE_ATTR attr = {wanted.os.c_str(), wanted.arch.c_str()};
-    zncUnpackProgressSet(progress.listener(), progress.context());
-    const STATUS status = call_library([&] {
-        return zncUnpack(bundle.c_str(), wanted.image.layout.c_str(), wanted.image.tag.c_str(),
-                         option, &attr);
-    });
-    zncUnpackProgressSet(nullptr, nullptr);
-    progress.end();
-    if (status == OK && progress.left_out() != 0)
-        hint_at_import(wanted, fmt::format("{} members of the image were left out or are marks of "
-                                           "what it deletes",
-                                           progress.left_out()));
+    const char* layout = wanted.image.layout.c_str();
+    if (refused)
+        return failure(layout, problem);
+    const znc::MallocPtr<char> document(call_library([&] { return zncImageInfoGet(layout); }));
+    if (document != nullptr || errno == 0)
+        return failure(layout, problem);
+    const int error = errno;
+    const int status = local_failure(error, layout);
+    explain(error, wanted);
     return status;
 }
 
-bool complete(const std::string& bundle)
+int no_such_image(const Wanted& wanted)
 {
-    return fs::exists(bundle + "/config.json");
+    const int status = local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout);
+    explain(S_zncLib_PLATFORM_NOT_FOUND, wanted);
+    return status;
 }
 
-// An image that names no working directory means the root, and many name none. The library takes
-// over what is named and creates no container without one. False, after a message, when it cannot
-// be written.
-bool give_working_directory(const std::string& bundle)
+// Nothing after a message.
+std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
-    const std::string file = bundle + "/config.json";
-    const auto text = read_file(file);
-    const Json config = text ? parse_json(*text) : nullptr;
-    cJSON* const process = cJSON_GetObjectItemCaseSensitive(config.get(), "process");
-    if (!cJSON_IsObject(process) || !text_of(process, "cwd").empty())
-        return true;
-    cJSON_DeleteItemFromObjectCaseSensitive(process, "cwd");
-    add_text(process, "cwd", "/");
-    if (replace_file(AT_FDCWD, file.c_str(), pretty(config.get())))
-        return true;
-    static_cast<void>(failure(file, error_text()));
-    return false;
+    const std::string& layout = wanted.image.layout;
+    std::string problem;
+    bool refused = false;
+    auto images = read_layout(layout, problem, &refused);
+    if (!images) {
+        static_cast<void>(refuse_layout(wanted, problem, refused));
+        return std::nullopt;
+    }
+    Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
+    if (image == nullptr || !image->problem.empty()) {
+        static_cast<void>(image == nullptr ? no_such_image(wanted)
+                                           : refuse_layout(wanted, image->problem, false));
+        return std::nullopt;
+    }
+    try {
+        SettledConfiguration settled =
+            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"), "");
+        return Chosen{std::move(*image), std::move(settled)};
+    } catch (const BadConfiguration& bad) {
+        static_cast<void>(
+            failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
+        return std::nullopt;
+    }
 }
+
+void say_notes(const Wanted& wanted, const Chosen& chosen)
+{
+    for (const std::string& note : chosen.settled.notes)
+        print_warning(fmt::format("{}: {}", wanted.image.layout, note));
+}
+
+// An image that is ready to be unpacked: the library sees nothing of the layout that it comes from
+// but the layers, of which it compares the digests.
+class Unpacking {
+  public:
+    Unpacking(const Arguments& args, const Wanted& wanted, const Chosen& chosen)
+        : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
+          sticky_(sticky_directories(layers_.paths())),
+          layout_(bundle_area(), chosen.image, layers_,
+                  settle_configuration(chosen.image.config_document.get(),
+                                       args.has("allow-image-mounts"), sticky_)
+                      .document.get())
+    {
+    }
+
+    // OK, or ERROR with errno set.
+    STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
+    {
+        const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
+        zncUnpackProgressSet(progress.listener(), progress.context());
+        STATUS status = call_library([&] {
+            return zncUnpack(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr);
+        });
+        zncUnpackProgressSet(nullptr, nullptr);
+        progress.end();
+        // A root of the bundle's own is no container's yet.
+        if (status == OK && zncOvlFsAvailable() == FALSE &&
+            !set_sticky(bundle + "/rootfs", sticky_))
+            status = ERROR;
+        if (status == OK && progress.left_out() != 0)
+            hint_at_import(wanted_,
+                           fmt::format("{} members of the image were left out or are marks of "
+                                       "what it deletes",
+                                       progress.left_out()));
+        return status;
+    }
+
+    // The same; kExitOk, or a status after a message and what is known about the reason.
+    int unpack_or_say(const std::string& bundle, unsigned option, Progress& progress) const
+    {
+        if (unpack(bundle, option, progress) == OK)
+            return kExitOk;
+        const int error = errno;
+        const int status = local_failure(error, wanted_.image.layout, kDamaged);
+        explain(error, wanted_);
+        return status;
+    }
+
+  private:
+    const Wanted& wanted_;
+    LayerFiles layers_;
+    std::string sticky_;
+    PrivateLayout layout_;
+};
 
 } // namespace
 
@@ -137,42 +200,55 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
     Progress progress(args.value("progress", "auto"));
     if (!progress.known())
         return usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
-    if (unpack(wanted, bundle, option, progress) == OK)
-        return kExitOk;
-    const int error = errno;
-    const int status = local_failure(error, wanted.image.layout, kDamaged);
-    explain(error, wanted);
-    return status;
+    const auto chosen = choose_image(args, wanted);
+    if (!chosen)
+        return kExitFailure;
+    say_notes(wanted, *chosen);
+    try {
+        return Unpacking(args, wanted, *chosen).unpack_or_say(bundle, option, progress);
+    } catch (const std::runtime_error& error) {
+        return failure(wanted.image.layout, error.what());
+    }
 }
 
 namespace {
 
-// In `area`, by whose turn it is.
-std::optional<std::string> unpacked_bundle(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id, const std::string& area)
+// The name of a container's own bundle. Ids may be as long as names; a long one has its digest
+// here.
+std::string own_name(const std::string& id)
 {
-    std::string problem;
-    const auto images = read_layout(wanted.image.layout, problem);
-    const Image* image =
-        images ? find_image(*images, wanted.image.tag, wanted.os, wanted.arch) : nullptr;
-    const bool shared = image != nullptr && zncOvlFsAvailable() != FALSE;
-    const std::string bundle =
-        shared ? fmt::format("{}/image-{}", area,
-                             image->manifest.digest.substr(image->manifest.digest.find(':') + 1))
-               : fmt::format("{}/of-{}", area, id.substr(0, 250));
-    if (shared && complete(bundle))
-        return bundle;
-    // What an unpack that was killed has left.
-    if (fs::exists(bundle))
-        zncImageBundleDelete(bundle.c_str());
+    constexpr std::size_t kMost = 180;
+    const std::string kept = kept_id(id);
+    return kept.size() <= kMost ? "of-" + kept
+                                : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
+}
+
+// The verified digest of the manifest names the bundle that containers share: what is in it is
+// settled by that and by what images may ask for.
+std::string shared_name(const Arguments& args, const Image& image)
+{
+    return fmt::format("image-{}{}", image.manifest.digest.substr(kDigestPrefix),
+                       args.has("allow-image-mounts") ? "-mounts" : "");
+}
+
+bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking& unpacking,
+                   const std::string& bundle, bool shared)
+{
+    if (!remove_bundle(bundle)) {
+        static_cast<void>(local_failure(errno, bundle));
+        return false;
+    }
     Progress progress(args.value("progress", "auto"));
-    if (shared && unpack(wanted, bundle, 0, progress) == OK)
-        return bundle;
-    // The image's device may exist for a bundle elsewhere; a tree of its own does not need it.
-    const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
-    if (unpack_image(args, wanted, bundle, option) == kExitOk)
-        return bundle;
-    return std::nullopt;
+    bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
+    if (!done) {
+        // The image's device may exist for a bundle elsewhere; a tree of its own does not need it.
+        const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
+        done = unpacking.unpack_or_say(bundle, option, progress) == kExitOk;
+    }
+    if (!done || mark_complete(bundle))
+        return done;
+    static_cast<void>(failure(wanted.image.layout, fmt::format("{}: {}", bundle, error_text())));
+    return false;
 }
 
 } // namespace
@@ -180,20 +256,43 @@ std::optional<std::string> unpacked_bundle(const Arguments& args, const Wanted& 
 std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
                                            const std::string& id)
 {
-    const std::string area = storage_base() + "/bundles";
-    fs::create_directories(area);
-    fs::permissions(area, fs::perms::owner_all);
-    const Turn turn(area);
-    auto bundle = unpacked_bundle(args, wanted, id, area);
-    if (bundle && !give_working_directory(*bundle))
-        bundle.reset();
-    return bundle;
+    if (!Progress(args.value("progress", "auto")).known()) {
+        usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
+        return std::nullopt;
+    }
+    if (!is_container_id(id)) {
+        static_cast<void>(local_failure(EINVAL, id));
+        return std::nullopt;
+    }
+    const auto chosen = choose_image(args, wanted);
+    if (!chosen)
+        return std::nullopt;
+    say_notes(wanted, *chosen);
+    const bool shared = zncOvlFsAvailable() != FALSE;
+    try {
+        const std::string area = bundle_area();
+        const std::string name = shared ? shared_name(args, chosen->image) : own_name(id);
+        std::string bundle = fmt::format("{}/{}", area, name);
+        if (shared && is_complete(bundle))
+            return bundle;
+        // Everything of the image's layout is opened before anybody has to wait for this process.
+        const Unpacking unpacking(args, wanted, *chosen);
+        const BundleLock lock(area, name);
+        if ((shared && is_complete(bundle)) ||
+            unpack_bundle(args, wanted, unpacking, bundle, shared))
+            return bundle;
+    } catch (const std::runtime_error& error) {
+        static_cast<void>(failure(wanted.image.layout, error.what()));
+    }
+    return std::nullopt;
 }
 
 std::string own_bundle(const std::string& id)
 {
-    std::string own = fmt::format("{}/bundles/of-{}", storage_base(), id.substr(0, 250));
-    return fs::exists(own) ? own : "";
+    if (!is_container_id(id))
+        return "";
+    std::string own = fmt::format("{}/bundles/{}", storage_base(), own_name(id));
+    return is_complete(own) ? own : "";
 }
 
 } // namespace zncctl

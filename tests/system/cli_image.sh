@@ -74,7 +74,8 @@ check 'image ls -f json is an array' python3 -c \
 run zncctl image ls "$work/none"
 fails_with 'image ls of a missing layout' 1 'index.json: No such file or directory'
 run zncctl image check "$layout"
-check 'image check takes a plain image' test "$status/${out##*: }" = 0/taken
+check 'image check takes a plain image' test "$status/${out##*: }" = "0/taken
+  asks for root's rights"
 run zncctl image check "$work/damaged"
 check 'image check says what is damaged' test "$status" = 1
 check 'and in which layer' grep -qx '  layer 1: refused: the header is damaged (1, first: 0*7*.*)' \

@@ -3,5 +3,6 @@
 znc_unit_test(zncctl_test LIBS zncctl_commands)
 znc_unit_test(zncctl_escape_test LIBS zncctl_commands NO_SANDBOX)
 znc_unit_test(zncctl_usage_test LIBS zncctl_commands)
+znc_unit_test(zncctl_image_test SOURCES ../support/layout_builder.cpp LIBS zncctl_commands)
 znc_unit_test(zncctl_documents_test SOURCES ../support/layout_builder.cpp LIBS zncctl_commands)
 znc_unit_test(zncProgress_test SOURCES ../support/layout_builder.cpp)

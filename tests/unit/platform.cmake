@@ -1,5 +1,6 @@
 # The platform's simple facilities.
 znc_unit_test(fs_test)
+znc_unit_test(sticky_test)
 znc_unit_test(msgq_test)
 znc_unit_test(msgq_line_test)
 target_include_directories(msgq_line_test PRIVATE ${PROJECT_SOURCE_DIR}/platform/linux)

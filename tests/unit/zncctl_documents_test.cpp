@@ -93,21 +93,41 @@ TEST(ConfigCheck, NamesWhatCreateRefuses)
                      "refused root"}));
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": [7], "cwd": "/"},
                            "root": {"path": "r"}})"),
-              (Texts{"refused process.args", "ignored process.args[0]"}));
+              (Texts{"refused process.args", "refused process.args[0]"}));
 }
 
 TEST(ConfigCheck, NamesWhatCreateIgnores)
 {
-    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
+    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/",
                            "user": {"uid": 1}, "terminal": true, "env": {}},
-                           "root": {"path": "r", "readonly": true}, "linux": {}, "mounts": [1,
-                           {"source": 1, "options": [null]}], "zarnel": {"rtp":
+                           "root": {"path": "r", "readonly": true}, "linux": {}, "mounts": [
+                           {"source": 1, "options": []}], "annotations": {"a": 1}, "zarnel": {"rtp":
                            {"rtpPriority": 50, "rtpStackSize": "64k"}, "resources": {}}})"),
-              (Texts{"ignored process.args[1]", "ignored process.env", "ignored process.terminal",
-                     "ignored process.user", "ignored root.readonly", "ignored mounts[0]",
-                     "ignored mounts[1].source", "ignored mounts[1].options[0]",
+              (Texts{"ignored annotations.a", "ignored process.env", "ignored process.terminal",
+                     "ignored process.user", "ignored root.readonly", "ignored mounts[0].source",
                      "ignored zarnel.rtp.rtpPriority", "ignored zarnel.rtp.rtpStackSize",
                      "ignored zarnel.resources", "ignored linux"}));
+}
+
+TEST(ConfigCheck, RefusesListsThatDoNotMeanWhatTheySay)
+{
+    EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
+                           "env": [2]}, "root": {"path": "r"}, "mounts": [1,
+                           {"options": [5, "ro"]}]})"),
+              (Texts{"refused process.args[1]", "refused process.env[0]", "refused mounts[0]",
+                     "refused mounts[1].options[0]"}));
+    const auto of = [](std::string_view text) { return ambiguity(parse_json(text).get()); };
+    EXPECT_EQ(of(R"({"mounts": [{"options": [5, "ro"]}]})"),
+              "mounts[0].options[0]: expected a string, found a number");
+    EXPECT_EQ(of(R"({"process": {}})"), ""); // the library says what is missing
+    EXPECT_EQ(of(R"({"annotations": {"a": "1", "a": "2"}})"), "");
+}
+
+TEST(ConfigCheck, RefusesKeysThatAreThereTwice)
+{
+    const Json document = parse_json(std::string(R"({"ROOT": {"path": "/"},)") + (kGood + 1));
+    EXPECT_EQ(ambiguity(document.get()), "the key \"root\" is there twice");
+    EXPECT_TRUE(check_config(document.get()).front().refused);
 }
 
 TEST(ConfigCheck, MembersAreFoundWhateverTheirCase)

@@ -1,0 +1,42 @@
+// bundle_area.hpp - the directory of the bundles that `run` makes of images, in the storage base:
+// who may make one when, and which are whole. Used by store.
+#ifndef ZNCCTL_BUNDLE_AREA_HPP
+#define ZNCCTL_BUNDLE_AREA_HPP
+
+#include <string>
+
+#include "zarnel/owned.hpp"
+
+namespace zncctl {
+
+// The directory, made unless it is there. Throws std::runtime_error when it cannot be used, or when
+// anybody but this user can write to it.
+std::string bundle_area();
+
+// While it lives no other process makes the bundle of this name. Waiting is said after a second,
+// and an interrupt ends it. Throws std::runtime_error when the lock cannot be taken.
+class BundleLock {
+  public:
+    BundleLock(const std::string& area, const std::string& name);
+    ~BundleLock();
+    BundleLock(const BundleLock&) = delete;
+    BundleLock& operator=(const BundleLock&) = delete;
+
+  private:
+    std::string path_;
+    znc::UniqueFd file_;
+};
+
+// Whether `run` made this bundle and came to the end of it. Others are made anew: an unpack that
+// was killed left them, or a version that took over everything the image asked for.
+bool is_complete(const std::string& bundle);
+
+// Says so of a bundle; false with errno set.
+bool mark_complete(const std::string& bundle);
+
+// Removes what of a bundle is there. False with errno set when something stays.
+bool remove_bundle(const std::string& bundle);
+
+} // namespace zncctl
+
+#endif
