@@ -119,8 +119,6 @@ std::string bundle_problem(const std::string& bundle)
 
 int create_container(const std::string& id, const std::string& bundle)
 {
-    if (printable(id) != id)
-        return failure(id, "the id holds characters that cannot be shown");
     if (const std::string problem = bundle_problem(bundle); !problem.empty())
         return failure(bundle + "/config.json", problem);
     if (call_library([&] { return zncCreate(id.c_str(), bundle.c_str(), 0, nullptr); }) != OK)

@@ -140,7 +140,11 @@ run zncctl run --os linux --progress none "$work/nowhere"
 expect 'an image that names no working directory works in the root' 0 / ''
 run zncctl unpack --os linux --flatten --progress none "$work/nowhere" "$work/as-it-is"
 run zncctl create where "$work/as-it-is"
-check 'its bundle as the library makes it is refused with a hint' test "$status/$(error_line)" = \
+expect 'so does a bundle that is unpacked from it' 0 '' ''
+zncctl delete -q where
+sed -i -E 's/"cwd":[[:space:]]*"[^"]*",?//' "$work/as-it-is/config.json"
+run zncctl create where "$work/as-it-is"
+check 'a bundle without a working directory is refused with a hint' test "$status/$(error_line)" = \
     '1/where: OCI cwd parameter invalid'
 check 'that names what to set' grep -q '^zncctl: hint: process\.cwd ' "$work/err"
 stop_daemon

@@ -167,7 +167,7 @@ for id in "$long" $'two\nlines' ' ' -f '[a,b]'; do
     run zncctl list
     check 'and its row is one line' test "$(wc -l <"$work/out")" = 2
     run zncctl delete -- "$id"
-    expect 'and it is found again' 0 "$id" ''
+    expect 'and it is found again, and shown on one line' 0 "${id//$'\n'/?}" ''
 done
 run zncctl create "${long}y" "$work/loop"
 expect 'an id may have 255 bytes' 0 '' ''

@@ -32,7 +32,8 @@ run zncctl storage gc
 expect 'storage gc removes records of what is no more' 0 'record stale' ''
 check 'it is gone' test ! -e /run/zarnel/containers/stale
 run zncctl run --os linux --progress none "$work/layout:other"
-fails_with 'an image that is not there leaves nothing' 125 'File index.json invalid'
+fails_with 'an image that is not there leaves nothing' 125 \
+    'Specified platform or architecture or tag not found'
 check 'no bundle either' test "$(bundles)" = 0
 
 finish
