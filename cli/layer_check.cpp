@@ -103,11 +103,13 @@ class LayerCheck {
     {
         if (!parents_good())
             return;
-        if ((header.mode_value() & 07000U) != 0)
+        // A directory gets its sticky bit back when a container is made.
+        const bool directory = size == 0 && named_as_directory_;
+        if ((header.mode_value() & (directory ? 06000U : 07000U)) != 0)
             lose("set-id or sticky bit: dropped");
         if (header.has_owner())
             lose("owner other than root: dropped");
-        if (size == 0 && named_as_directory_) {
+        if (directory) {
             tree_.emplace(path_, Kind::kDirectory);
             return;
         }

@@ -14,7 +14,7 @@ namespace zncctl {
 namespace {
 
 // All documents of a layout together: what they say is kept in memory, many times as large.
-constexpr std::size_t kDocumentsMax = 64 * 1024 * 1024;
+constexpr std::size_t kDocumentsMax = 16 * 1024 * 1024;
 constexpr std::size_t kImagesMax = 10'000;
 
 // A document that is refused: this layout is not read any further.
@@ -99,22 +99,30 @@ Image image_of_entry(const cJSON* entry)
     const cJSON* platform = any_case_member(entry, "platform");
     image.platform_os = text_of_any_case(platform, "os");
     image.platform_arch = text_of_any_case(platform, "architecture");
+    // The library takes such an entry for no platform, and such a name for no name.
+    for (const char* key : {"os", "architecture"})
+        if (const cJSON* item = any_case_member(platform, key);
+            item != nullptr && cJSON_GetStringValue(item) == nullptr)
+            image.problem = fmt::format("index.json: the platform's \"{}\" is not a text", key);
+    const cJSON* name = any_case_member(any_case_member(entry, "annotations"), kRefName);
+    if (cJSON_IsString(name) && image.tag.empty())
+        image.problem = "index.json: the name of an image is empty";
     return image;
 }
 
 Image image_of(LayoutReader& reader, const cJSON* entry)
 {
     Image image = image_of_entry(entry);
-    const Json manifest = reader.blob(image.manifest, image.problem);
+    std::string problem;
+    const Json manifest = reader.blob(image.manifest, problem);
     image.config = descriptor_of(any_case_member(manifest.get(), "config"));
     const cJSON* layer = nullptr;
     cJSON_ArrayForEach(layer, any_case_member(manifest.get(), "layers"))
     {
         image.layers.push_back(descriptor_of(layer));
-        if (image.problem.empty() && !is_digest(image.layers.back().digest))
-            image.problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
+        if (problem.empty() && !is_digest(image.layers.back().digest))
+            problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
     }
-    std::string problem;
     if (manifest != nullptr)
         image.config_document = reader.blob(image.config, problem);
     if (image.problem.empty())
@@ -219,10 +227,15 @@ bool hint_at_images(const std::string& layout, const std::string& tag, const std
     const auto images = read_layout(layout, problem);
     if (!images || find_image(*images, tag, os, arch) != nullptr)
         return false;
+    constexpr std::size_t kShown = 20;
     std::vector<std::string> held;
     for (const Image& image : *images)
-        held.push_back(fmt::format("{} for {}/{}", image.tag.empty() ? kDefaultTag : image.tag,
-                                   image.os, image.arch));
+        if (held.size() <= kShown)
+            held.push_back(held.size() == kShown
+                               ? "..."
+                               : fmt::format("{} for {}/{}",
+                                             image.tag.empty() ? kDefaultTag : image.tag, image.os,
+                                             image.arch));
     if (held.empty())
         print_hint("the layout holds no image");
     else

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <map>
 #include <new>
 #include <stdexcept>
 #include <sys/file.h>
@@ -72,19 +73,18 @@ void put(cJSON* array, Json item)
 
 LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 {
+    std::map<std::string, std::string> opened;
     for (const Descriptor& layer : image.layers) {
-        files_.push_back(open_regular(blob_path(layout, layer.digest)));
-        if (!files_.back())
-            throw std::runtime_error(fmt::format("blob {}: {}", layer.digest, read_error_text()));
+        std::string& path = opened[layer.digest];
+        if (path.empty()) {
+            files_.push_back(open_regular(blob_path(layout, layer.digest)));
+            if (!files_.back())
+                throw std::runtime_error(
+                    fmt::format("blob {}: {}", layer.digest, read_error_text()));
+            path = descriptor_path(files_.back().get());
+        }
+        paths_.push_back(path);
     }
-}
-
-std::vector<std::string> LayerFiles::paths() const
-{
-    std::vector<std::string> paths;
-    for (const znc::UniqueFd& file : files_)
-        paths.push_back(descriptor_path(file.get()));
-    return paths;
 }
 
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
@@ -130,7 +130,7 @@ void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
         throw std::bad_alloc();
     static_cast<void>(config.release());
     cJSON* const list = put_array(manifest.get(), "layers");
-    const std::vector<std::string> files = layers.paths();
+    const std::vector<std::string>& files = layers.paths();
     for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
         put(list, descriptor(layer.media_type, layer.digest, layer.size));

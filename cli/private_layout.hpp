@@ -16,10 +16,11 @@ class LayerFiles {
   public:
     LayerFiles(const std::string& layout, const Image& image);
 
-    // Paths by which they can be opened anew.
-    [[nodiscard]] std::vector<std::string> paths() const;
+    // Paths by which they can be opened anew, the lowest layer first.
+    [[nodiscard]] const std::vector<std::string>& paths() const { return paths_; }
 
   private:
+    std::vector<std::string> paths_; // one for each layer, the same for the same blob
     std::vector<znc::UniqueFd> files_;
 };
 

@@ -17,7 +17,7 @@ namespace zncctl {
 namespace {
 
 constexpr char kSeparator = ':';
-constexpr std::size_t kDirectoriesMax = 256;
+constexpr std::size_t kDirectoriesMax = 64;
 constexpr std::size_t kPathMax = 255; // members with longer paths are not extracted
 constexpr const char* kOverlayDir = "/overlay/";
 constexpr std::uint64_t kStickyBit = 01000;
@@ -66,8 +66,11 @@ std::set<std::string> listed(const std::string& text)
 std::string sticky_directories(const std::vector<std::string>& layer_files)
 {
     std::set<std::string> directories;
+    // An image may name one layer any number of times.
+    std::set<std::string_view> read;
     for (const std::string& file : layer_files)
-        collect(file, directories);
+        if (read.insert(file).second)
+            collect(file, directories);
     std::string text;
     for (const std::string& directory : directories)
         text += (text.empty() ? "" : std::string(1, kSeparator)) + directory;

@@ -12,7 +12,7 @@
 namespace zncctl {
 
 // The directories that the layers, the lowest first, leave with the sticky bit, as the annotation
-// has them. At most 256; those with odd names are left out.
+// has them. At most 64; those with odd names are left out.
 std::string sticky_directories(const std::vector<std::string>& layer_files);
 
 // Sets it in a root that belongs to one container. Directories that are not there are left out.

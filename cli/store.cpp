@@ -118,8 +118,13 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 
 void say_notes(const Wanted& wanted, const Chosen& chosen)
 {
-    for (const std::string& note : chosen.settled.notes)
-        print_warning(fmt::format("{}: {}", wanted.image.layout, note));
+    constexpr std::size_t kShown = 20;
+    const std::vector<std::string>& notes = chosen.settled.notes;
+    for (std::size_t i = 0; i < std::min(notes.size(), kShown); i++)
+        print_warning(fmt::format("{}: {}", wanted.image.layout, notes[i]));
+    if (notes.size() > kShown)
+        print_warning(fmt::format("{}: and {} more; 'zncctl image check' lists all",
+                                  wanted.image.layout, notes.size() - kShown));
 }
 
 // An image that is ready to be unpacked: the library sees nothing of the layout that it comes from
@@ -213,14 +218,14 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
 
 namespace {
 
-// The name of a container's own bundle. Ids may be as long as names; a long one has its digest
-// here.
+// The name of a container's own bundle. Ids may be as long as names: a long one has its digest
+// here, and so has one that looks as such a name does.
 std::string own_name(const std::string& id)
 {
     constexpr std::size_t kMost = 180;
     const std::string kept = kept_id(id);
-    return kept.size() <= kMost ? "of-" + kept
-                                : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
+    const bool plain = kept.size() <= kMost && !kept.starts_with('-');
+    return plain ? "of-" + kept : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
 }
 
 // The verified digest of the manifest names the bundle that containers share: what is in it is

@@ -61,7 +61,7 @@ takes() {
     run zncctl image check "$layout"
     out=$(awk -v tag="$tag" '/^[^ ]/ { mine = $1 == tag } mine' "$work/out")
     check "$1: image check takes it" grep -Eq '^[^ ].*: taken( with losses)?$' <<<"$out"
-    check "$1: all of it" not grep -Eqv '^[^ ]|: (set-id or sticky bit|owner other than root): dropped' \
+    check "$1: all of it" not grep -Eqv '^[^ ]|^  asks for |: (set-id or sticky bit|owner other than root): dropped' \
         <<<"$out"
 }
 

@@ -184,6 +184,9 @@ TEST(LayerCheck, NamesWhatIsLeftOut)
     layout::Member program = {"su"};
     program.mode = 04755;
     EXPECT_EQ(of_members({program}), Texts{"set-id or sticky bit: dropped"});
+    EXPECT_EQ(of_members({layout::directory("tmp/", 01777)}), Texts{}); // put back by run
+    EXPECT_EQ(of_members({layout::directory("mail/", 02775)}),
+              Texts{"set-id or sticky bit: dropped"});
 }
 
 TEST(LayerCheck, NamesMembersWithoutAPlace)
@@ -399,4 +402,24 @@ TEST(ReadLayout, WaitsForNoFifoAndTakesNoOtherContent)
     images = read_layout(made.dir(), problem);
     ASSERT_TRUE(images) << problem;
     EXPECT_EQ((*images)[0].problem, "blob " + digest + ": It is not a regular file");
+}
+
+TEST(ReadLayout, TakesNoEntryThatTheLibraryUnderstandsOtherwise)
+{
+    const auto problem_of = [](const layout::Image& image) {
+        const layout::TempDir dir;
+        layout::Layout made(dir.path() / "l");
+        made.add(image);
+        std::string problem;
+        const auto images = read_layout(made.dir(), problem);
+        return images ? (*images)[0].problem : problem;
+    };
+    layout::Image image;
+    image.platform = R"({"os":5,"architecture":"amd64"})";
+    EXPECT_EQ(problem_of(image), "index.json: the platform's \"os\" is not a text");
+    image.platform = R"({"os":"zarnel","architecture":"amd64"})";
+    EXPECT_EQ(problem_of(image), "");
+    image.name = "";
+    image.annotations_extra = R"("org.opencontainers.image.ref.name":"")";
+    EXPECT_EQ(problem_of(image), "index.json: the name of an image is empty");
 }
