@@ -149,17 +149,21 @@ class Unpacking {
         STATUS status = call_library([&] {
             return zncUnpack(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr);
         });
+        int error = errno;
         zncUnpackProgressSet(nullptr, nullptr);
         progress.end();
         // A root of the bundle's own is no container's yet.
         if (status == OK && zncOvlFsAvailable() == FALSE &&
-            !set_sticky(bundle + "/rootfs", sticky_))
+            !set_sticky(bundle + "/rootfs", sticky_)) {
             status = ERROR;
+            error = errno;
+        }
         if (status == OK && progress.left_out() != 0)
             hint_at_import(wanted_,
                            fmt::format("{} members of the image were left out or are marks of "
                                        "what it deletes",
                                        progress.left_out()));
+        errno = error;
         return status;
     }
 
