@@ -103,6 +103,7 @@ class LayoutSource : public Source {
 
     std::vector<SourceImage> images() override
     {
+        check_version();
         const std::optional<FilePart> index = files_->find("index.json");
         if (!index)
             throw Failure("index.json", "is missing in the layout");
@@ -116,6 +117,17 @@ class LayoutSource : public Source {
     ReaderPtr open(const Layer& layer) override;
 
   private:
+    // An index is read whatever the version says, but not where readers find different ones.
+    void check_version()
+    {
+        const std::optional<FilePart> file = files_->find("oci-layout");
+        if (!file)
+            return;
+        const zncctl::Json json = zncctl::parse_json(documents_.read(*file, "", -1));
+        if (const auto key = zncctl::duplicate_key(json.get()))
+            throw Failure("oci-layout", fmt::format("has the key \"{}\" twice", *key));
+    }
+
     std::optional<std::string> document(const Descriptor& descriptor);
     void walk(const cJSON* index, const std::string& where, const Context& above, int depth);
     void visit(const Descriptor& descriptor, const Context& context, int depth);

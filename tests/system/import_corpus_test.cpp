@@ -248,7 +248,8 @@ std::string layout_name(const testing::TestParamInfo<std::size_t>& info)
 
 // What the library takes and an import does not: links in the place of documents and blobs,
 // documents that others would read otherwise, and such as cannot be passed on as they are.
-const std::set<std::string> kStricter = {"AskingForAWritableRoot",
+const std::set<std::string> kStricter = {"VersionIsALinkToTheRightFile",
+                                         "AskingForAWritableRoot",
                                          "AskingForResources",
                                          "IndexIsALinkToTheRightFile",
                                          "ManifestIsALinkToTheRightFile",
