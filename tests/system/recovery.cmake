@@ -8,4 +8,8 @@ if(NOT ZNC_SANITIZE)
     add_test(NAME recovery_test COMMAND znc_sandbox -- $<TARGET_FILE:recovery_test>)
     set_tests_properties(recovery_test PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE
         ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
+
+    add_test(NAME powerloss_test COMMAND znc_sandbox --
+        ${CMAKE_CURRENT_SOURCE_DIR}/powerloss_test.py $<TARGET_FILE:zncctl> $<TARGET_FILE:zncd>)
+    set_tests_properties(powerloss_test PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77)
 endif()
