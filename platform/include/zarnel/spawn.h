@@ -49,8 +49,10 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
  * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 (the null
  * device for one that is closed, or would be on exec) and no other, default signal actions, an
  * empty signal mask, umask 022, the container capabilities with no-new-privileges, and the
- * attribute's working directory. New user namespaces, key rings and the kernel's log are refused to
- * it, and it can use at most half of the caller's queue memory.
+ * attribute's working directory. System calls are filtered: those that namespaces do not confine, that
+ * are large and seldom needed, or that need rights no container has, fail with EPERM. A call by
+ * another interface than the processor's own (32-bit programs) ends the program. It can use at most
+ * half of the caller's queue memory.
  *
  * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
  * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR

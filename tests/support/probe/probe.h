@@ -72,6 +72,7 @@ void check_processes(void);       /* the namespace's keeper, and processes of th
 void check_ipc(void);             /* queues, System V objects, sockets, key rings */
 void check_namespace_calls(void); /* parts of check_calls */
 void check_mount_calls(void);
+void check_filtered_calls(void);
 void check_calls(void); /* system calls that belong to the host's root */
 
 /* Ways into a process (processes.c): the result of the call that was let through, or -1. */

@@ -199,7 +199,7 @@ static void check_host_processes(void)
         snprintf(name, sizeof name, "host-process-%d-open", pid);
         refused(name, pidfd_open_of(pid), ESRCH, 0);
         snprintf(name, sizeof name, "host-process-%d-memory", pid);
-        refused(name, probe_read_memory(pid), ESRCH, 0);
+        refused(name, probe_read_memory(pid), ESRCH, EPERM, 0);
         snprintf(path, sizeof path, "/proc/%d", pid);
         snprintf(name, sizeof name, "host-process-%d-in-proc", pid);
         refused(name, access(path, F_OK), ENOENT, 0);
