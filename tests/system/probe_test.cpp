@@ -56,9 +56,11 @@ TEST_P(Probe, FindsNoWayOutOfAnImageFullOfTraps)
 
 TEST_P(Probe, FindsNothingOfAHostileClient)
 {
-    expect_confined(carry_everything, {"descriptors-above-2", "supplementary-groups", "umask",
-                                       "environment", "signals-blocked", "signals-ignored",
-                                       "capabilities-inheritable", "capabilities-ambient"});
+    expect_confined(carry_everything,
+                    {"descriptors-above-2", "supplementary-groups", "umask", "environment",
+                     "signals-blocked", "signals-ignored", "scheduling-policy", "disk-priority",
+                     "timer-slack", "huge-pages-off", "secure-bits", "capabilities-inheritable",
+                     "capabilities-ambient"});
 }
 
 TEST_P(Probe, FindsNoWayOutFromAnotherWorkingDirectory)

@@ -7,9 +7,13 @@
 #include <chrono>
 #include <csignal>
 #include <linux/capability.h>
+#include <linux/securebits.h>
+#include <sched.h>
 #include <sys/mount.h>
+#include <sys/personality.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <thread>
@@ -305,6 +309,144 @@ TEST_F(Namespaces, AStreamThatIsClosedOnExecIsTheNullDeviceInside)
     ::dup2(keep.get(), 0);
     ::fcntl(0, F_SETFD, flags);
     EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+// The device and inode of a file, as "stat -c '%d %i'" prints them.
+std::string identity_of(const char* path)
+{
+    struct stat st = {};
+    EXPECT_EQ(::stat(path, &st), 0) << path;
+    return std::to_string(st.st_dev) + " " + std::to_string(st.st_ino) + "\n";
+}
+
+// What a program finds as its standard input when the caller's is the null device.
+constexpr const char* kIdentifyInput = "stat -L -c '%d %i' /proc/self/fd/0";
+
+TEST_F(Namespaces, AStreamThatIsTheNullDeviceIsTheContainersOwnInside)
+{
+    const nsid_t ns = rooted();
+    const znc::UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const znc::UniqueFd keep(::fcntl(0, F_DUPFD_CLOEXEC, 10));
+    ::dup2(null.get(), 0);
+    const std::string stream = run(ns, kIdentifyInput);
+    const std::string device = run(ns, "stat -c '%d %i' /dev/null");
+    ::dup2(keep.get(), 0);
+    EXPECT_EQ(stream, device);
+    EXPECT_NE(stream, identity_of("/dev/null"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, WithoutADevANullStreamIsADeviceOfItsOwnAndTheHostsKeepsItsMode)
+{
+    fs::remove(root_ + "/dev");
+    const nsid_t ns = rooted();
+    struct stat before = {};
+    ASSERT_EQ(::stat("/dev/null", &before), 0);
+    closeInput_ = true;
+    const std::string stream = run(ns, kIdentifyInput);
+    ASSERT_NE(stream, identity_of("/dev/null")); // or the next command would change the host's
+    EXPECT_EQ(run(ns, "chmod 600 /proc/self/fd/0 && chown 7:7 /proc/self/fd/0 && "
+                      "echo x > /proc/self/fd/0 && cat && stat -L -c %t:%T:%a /proc/self/fd/0"),
+              "1:3:600\n");
+    struct stat after = {};
+    ASSERT_EQ(::stat("/dev/null", &after), 0);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ADevNullOfTheImageOnADeviceFreeRootIsNotTaken)
+{
+    // No directory, so that nothing is mounted over it, but a way to a file of the image.
+    fs::remove(root_ + "/dev");
+    fs::create_directories(root_ + "/etc/dev");
+    std::ofstream(root_ + "/etc/dev/null") << "a fake";
+    fs::create_directory_symlink("etc/dev", root_ + "/dev");
+    const nsid_t ns = rooted();
+    closeInput_ = true;
+    EXPECT_EQ(run(ns, "stat -L -c %t:%T /proc/self/fd/0"), "1:3\n");
+    EXPECT_EQ(run(ns, "cat; echo end"), "end\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+// What is inherited over fork and exec and is no described stream, mask or limit.
+void burden_self()
+{
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    const sched_param none = {};
+    ::sched_setaffinity(0, sizeof one, &one);
+    ::sched_setscheduler(0, SCHED_BATCH | SCHED_RESET_ON_FORK, &none);
+    ::personality(ADDR_NO_RANDOMIZE | READ_IMPLIES_EXEC);
+    ::prctl(PR_SET_TIMERSLACK, 1000000);
+    ::prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
+    ::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP);
+    ::syscall(SYS_ioprio_set, 1, 0, 3 << 13); // idle
+}
+
+TEST_F(Namespaces, ProgramIsScheduledAndLaidOutAsIfItsCallerWereNobodySpecial)
+{
+    const nsid_t ns = rooted();
+    const char* look = "set -- $(cat /proc/self/stat); echo policy ${41}; cat /proc/self/"
+                       "personality; grep -E '^(Cpus_allowed|THP_enabled)' /proc/self/status; "
+                       "cat /proc/self/timerslack_ns; ionice -p $$";
+    const std::string usual = run(ns, look);
+    EXPECT_NE(usual.find("policy 0\n00000000\n"), std::string::npos) << usual;
+    EXPECT_NE(usual.find("\n50000\n"), std::string::npos) << usual;
+    const pid_t client = ::fork();
+    if (client == 0) {
+        burden_self();
+        const pid_t pid = start(ns, look);
+        ::_exit(pid > 0 ? WEXITSTATUS(wait(pid)) : 99);
+    }
+    EXPECT_EQ(wait(client), 0);
+    EXPECT_EQ(read_file("/tmp/out"), usual);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+// The directory of a control group hierarchy that this process may make groups in; "" if none.
+std::string group_hierarchy()
+{
+    std::istringstream mounts(read_file("/proc/self/mountinfo"));
+    for (std::string line; std::getline(mounts, line);)
+        if (line.find(" - cgroup2 ") != std::string::npos ||
+            line.find(",name=systemd") != std::string::npos ||
+            line.find(" - cgroup cgroup rw,pids") != std::string::npos) {
+            std::istringstream fields(line);
+            std::string point;
+            for (int i = 0; i < 5; i++)
+                fields >> point;
+            if (::access(point.c_str(), W_OK) == 0)
+                return point;
+        }
+    return "";
+}
+
+TEST_F(Namespaces, ProgramSeesItsControlGroupAsTheRootWhereverItsCallerIs)
+{
+    const std::string hierarchy = group_hierarchy();
+    if (hierarchy.empty())
+        GTEST_SKIP() << "no hierarchy of control groups that groups can be made in";
+    const std::string group = hierarchy + "/znc-test-" + std::to_string(::getpid());
+    if (::mkdir(group.c_str(), 0755) != 0)
+        GTEST_SKIP() << "no control group can be made: " << std::strerror(errno);
+    const nsid_t ns = rooted();
+    const pid_t client = ::fork();
+    if (client == 0) {
+        std::ofstream(group + "/cgroup.procs") << ::getpid() << std::flush;
+        const bool moved = read_file("/proc/self/cgroup").find("znc-test-") != std::string::npos;
+        const pid_t pid = moved ? start(ns, "cat /proc/self/cgroup") : -1;
+        ::_exit(pid > 0 ? WEXITSTATUS(wait(pid)) : 99);
+    }
+    EXPECT_EQ(wait(client), 0);
+    std::istringstream lines(read_file("/tmp/out"));
+    int groups = 0;
+    for (std::string line; std::getline(lines, line); groups++)
+        EXPECT_EQ(line.substr(line.rfind(':')), ":/") << line;
+    EXPECT_GT(groups, 0);
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(::rmdir(group.c_str()), 0) << std::strerror(errno);
 }
 
 TEST_F(Namespaces, ACallerWithoutAnyStreamCreatesAndSpawnsAsUsual)

@@ -46,13 +46,18 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
 /*
  * Start `path` (a host path at or under the namespace's root) inside the namespace, with `argv`
  * and `envp` (NULL-terminated; envp may be NULL for an empty environment). Returns once the
- * program is loaded or has failed to load. The child has the caller's descriptors 0 to 2 (the null
- * device for one that is closed, or would be on exec) and no other, default signal actions, an
- * empty signal mask, umask 022, the container capabilities with no-new-privileges, and the
- * attribute's working directory. System calls are filtered: those that namespaces do not confine, that
- * are large and seldom needed, or that need rights no container has, fail with EPERM. A call by
- * another interface than the processor's own (32-bit programs) ends the program. It can use at most
- * half of the caller's queue memory.
+ * program is loaded or has failed to load.
+ *
+ * The child has the caller's descriptors 0 to 2 and no other; in place of one that is closed, would
+ * be on exec, or is the null device, it has the container's null device. It has default signal
+ * actions, an empty signal mask, umask 022, default scheduling, the processors that the namespace's
+ * owner may use, the container capabilities with no-new-privileges, and the attribute's working
+ * directory. Resource limits, the control group and the out-of-memory score stay the caller's, but
+ * for queue memory, of which it can use at most half.
+ *
+ * Its system calls are filtered: those that namespaces do not confine, that are large and seldom
+ * needed, or that need rights no container has, fail with EPERM. A call by another interface than
+ * the processor's own (32-bit programs) ends the program by SIGSYS.
  *
  * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
  * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR

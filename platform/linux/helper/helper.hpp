@@ -38,6 +38,18 @@ inline bool text_equal(const char* a, const char* b)
 // make; it must have given up gaining privileges (filter.cpp).
 int filter_calls();
 
+// What the calling process has from the client is set to what every program begins with
+// (inherited.cpp): scheduling and memory before the program's process is made, the processors that
+// it may run on when it is in its namespaces.
+int reset_scheduling();
+int reset_memory();
+int reset_processors();
+
+// In the namespaces: the host's null device as a stream would let the program change its mode and
+// owner. Streams that are the null device become that of the container's /dev, or one of their own
+// where there is none (inherited.cpp).
+int replace_null_streams();
+
 // Leave the tree of the host for one of an empty "/proc", to be copied for other keepers
 // (keeper_root.cpp).
 int root_leave();

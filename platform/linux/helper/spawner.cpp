@@ -21,8 +21,7 @@
 namespace zn {
 namespace {
 
-constexpr long kNamespaces =
-    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
 
 // A container's capabilities: what ordinary server programs need of root. Without a user namespace
 // every other one would be a capability over the host.
@@ -139,6 +138,8 @@ void drop_rights()
     must(sys::call(__NR_setgroups, 0, 0));
     must(sys::call(__NR_setresgid, 0, 0, 0));
     must(sys::call(__NR_setresuid, 0, 0, 0));
+    // Set by the caller they could keep capabilities from going with root's user id.
+    must(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
     // A change of user may have undone this, and soon there are no more capabilities here than in
     // the container.
     must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
@@ -168,8 +169,11 @@ void drop_rights()
     const char* program = argv[4];
 
     must(sys::call(__NR_setsid)); // no way back to the caller's terminal
+    sys::call(__NR_umask, 0);
+    must(-replace_null_streams());
     sys::call(__NR_umask, 022);
     leave_keyring();
+    must(-reset_processors());
     must(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
     leave_queue_memory();
@@ -189,6 +193,11 @@ void spawner_run(char** argv, char** envp)
     sys::call(__NR_fcntl, wire::kSpawnerReport, F_SETFD, FD_CLOEXEC);
     sys::call(__NR_fcntl, wire::kSpawnerNamespace, F_SETFD, FD_CLOEXEC);
     must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    must(-reset_scheduling());
+    must(-reset_memory());
+    // Of the program's own control group, which is the caller's and not the keeper's: in the
+    // keeper's namespace its path would lead from there through the host's groups.
+    must(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     must(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
     // A process namespace holds only for children. CLONE_PARENT makes the child the caller's, which
     // can wait for it; its end is signalled as this process's would be. CLONE_VFORK: this process

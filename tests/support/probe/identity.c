@@ -5,13 +5,16 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/personality.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -83,6 +86,21 @@ static void check_environment(void)
     verdict("personality", persona == 0, "it is %x", (unsigned)persona);
 }
 
+/* A setting that every program begins with. */
+static void begins_with(const char* name, long value, long wanted)
+{
+    verdict(name, value == wanted, "it is %ld", value);
+}
+
+static void check_scheduling(void)
+{
+    begins_with("scheduling-policy", sched_getscheduler(0), SCHED_OTHER);
+    begins_with("disk-priority", syscall(SYS_ioprio_get, 1, 0), 0);
+    begins_with("timer-slack", prctl(PR_GET_TIMERSLACK), 50000);
+    begins_with("huge-pages-off", prctl(PR_GET_THP_DISABLE, 0, 0, 0, 0), 0);
+    begins_with("secure-bits", prctl(PR_GET_SECUREBITS), 0);
+}
+
 static void check_limits(void)
 {
     struct rlimit files;
@@ -111,6 +129,7 @@ void check_identity(void)
     check_signals();
     check_descriptors();
     check_environment();
+    check_scheduling();
     check_limits();
 }
 

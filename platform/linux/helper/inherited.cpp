@@ -1,0 +1,130 @@
+// inherited.cpp - what a program would get from its caller by fork and exec and must not: how the
+// caller is scheduled, where it may run, how its memory is laid out, and the host's null device.
+// Left as they are: resource limits, the control group and the out-of-memory score, by which an
+// administrator limits what a caller starts.
+
+#include "helper.hpp"
+#include "sys.hpp"
+
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/openat2.h>
+#include <linux/prctl.h>
+#include <linux/stat.h>
+
+namespace zn {
+namespace {
+
+constexpr long kSchedOther = 0;
+constexpr long kIoPriorityOfProcess = 1;
+constexpr long kTimerSlackNs = 50000; // what the kernel's first process has
+constexpr long kMemoryPolicyDefault = 0;
+constexpr long kKeeper = 1; // its number in the container's process namespace
+constexpr std::size_t kProcessorsMax = 8192;
+
+constexpr unsigned kNullMajor = 1;
+constexpr unsigned kNullMinor = 3;
+
+// An error number, but for a part that this kernel was built without.
+int unless_absent(long result)
+{
+    return result < 0 && result != -ENOSYS ? static_cast<int>(-result) : 0;
+}
+
+bool is_null_device(int fd)
+{
+    struct statx st = {};
+    return sys::call(__NR_statx, fd, sys::arg(""), AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st)) == 0 &&
+           (st.stx_mode & kTypeMask) == kCharDevice && st.stx_rdev_major == kNullMajor &&
+           st.stx_rdev_minor == kNullMinor;
+}
+
+// The one in the container's /dev, which the program could open by itself.
+sys::Fd null_of_root()
+{
+    open_how how = {};
+    how.flags = O_RDWR | O_NOCTTY | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS;
+    sys::Fd null(
+        sys::call(__NR_openat2, AT_FDCWD, sys::arg("/dev/null"), sys::arg(&how), sizeof how));
+    return null.valid() && is_null_device(null.get()) ? static_cast<sys::Fd&&>(null) : sys::Fd();
+}
+
+// A new one, in a filesystem that nothing else is in and that goes with the last descriptor.
+sys::Fd null_of_nobody()
+{
+    const sys::Fd place(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
+                                          "mode=700\0size=4k\0nr_inodes=2", 3));
+    if (!place.valid())
+        return sys::Fd(-place.error());
+    const long made = sys::call(__NR_mknodat, place.get(), sys::arg("null"), kCharDevice | 0666,
+                                kNullMajor << 8 | kNullMinor);
+    if (made < 0)
+        return sys::Fd(made);
+    return sys::Fd(
+        sys::call(__NR_openat, place.get(), sys::arg("null"), O_RDWR | O_NOCTTY | O_CLOEXEC));
+}
+
+} // namespace
+
+int reset_scheduling()
+{
+    const int none = 0; // struct sched_param
+    const long policy = sys::call(__NR_sched_setscheduler, 0, kSchedOther, sys::arg(&none));
+    if (policy < 0)
+        return static_cast<int>(-policy);
+    // A child's default is what its parent has at the fork.
+    const long slack = sys::call(__NR_prctl, PR_SET_TIMERSLACK, kTimerSlackNs);
+    if (slack < 0)
+        return static_cast<int>(-slack);
+    return unless_absent(sys::call(__NR_ioprio_set, kIoPriorityOfProcess, 0, 0));
+}
+
+int reset_memory()
+{
+    const long personality = sys::call(__NR_personality, 0);
+    if (personality < 0)
+        return static_cast<int>(-personality);
+    // Kernels without these settings say EINVAL, and then there is nothing to reset.
+    sys::call(__NR_prctl, PR_SET_THP_DISABLE, 0, 0, 0, 0);
+    sys::call(__NR_prctl, PR_MCE_KILL, PR_MCE_KILL_CLEAR, 0, 0, 0);
+    return unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
+}
+
+int reset_processors()
+{
+    unsigned long processors[kProcessorsMax / (8 * sizeof(unsigned long))];
+    const long size =
+        sys::call(__NR_sched_getaffinity, kKeeper, sizeof processors, sys::arg(processors));
+    if (size < 0)
+        return static_cast<int>(-size);
+    long set = sys::call(__NR_sched_setaffinity, 0, size, sys::arg(processors));
+    if (set == -EINVAL) {
+        // The caller's control group has none of the daemon's processors: then all that it has.
+        memset(processors, 0xff, sizeof processors);
+        set = sys::call(__NR_sched_setaffinity, 0, sizeof processors, sys::arg(processors));
+    }
+    return set < 0 ? static_cast<int>(-set) : 0;
+}
+
+int replace_null_streams()
+{
+    sys::Fd null;
+    for (int stream = 0; stream <= 2; stream++) {
+        if (!is_null_device(stream))
+            continue;
+        if (!null.valid())
+            null = null_of_root();
+        if (!null.valid())
+            null = null_of_nobody();
+        if (!null.valid())
+            return null.error();
+        const long set = sys::call(__NR_dup3, null.get(), stream, 0);
+        if (set < 0)
+            return static_cast<int>(-set);
+    }
+    return 0;
+}
+
+} // namespace zn
