@@ -1,6 +1,7 @@
 #include "zncRuntimeApi.hpp"
 
 #include "alloc_fault.hpp"
+#include "eventually.hpp"
 #include "fake_daemon.hpp"
 #include "zarnel/spawn.h"
 
@@ -8,8 +9,10 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -29,6 +32,7 @@ struct SpawnLog {
     int destroyed = 0;
     int spawnFails = 0; // with this number
     bool pidIs0 = false;
+    bool isTraced = false; // the child makes its parent its tracer, stops, and is killed then
     pid_t child = 0;
     int holdChild = -1; // a descriptor whose other end keeps the child alive until it is closed
 };
@@ -93,6 +97,19 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr*, short v)
     return set("flags", std::to_string(v));
 }
 
+// Ends `pid` by SIGKILL once it is in a stop that its tracer is told of.
+static void kill_when_stopped(pid_t pid)
+{
+    const auto stopped = [pid] {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+        std::string stat;
+        std::getline(file, stat);
+        return stat.find(") t ") != std::string::npos;
+    };
+    static_cast<void>(eventually(stopped));
+    kill(pid, SIGKILL);
+}
+
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr*, char* const* argv,
                char* const* envp)
 {
@@ -111,6 +128,16 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr*, char* const* ar
         return OK;
     }
     spawnLog.child = fork();
+    if (spawnLog.child == 0 && spawnLog.isTraced) {
+        const pid_t self = getpid();
+        if (fork() == 0) {
+            kill_when_stopped(self);
+            _exit(0);
+        }
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGUSR1);
+        _exit(1);
+    }
     if (spawnLog.child == 0) {
         char byte;
         if (spawnLog.holdChild >= 0)
@@ -197,6 +224,14 @@ TEST_F(Start, Option4ReturnsOkRightAfterTheSpawn)
     kill(spawnLog.child, SIGKILL);
     close(hold[0]);
     close(hold[1]);
+}
+
+TEST_F(Start, AProcessThatMakesItsParentItsTracerAndStopsHasNotEnded)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.isTraced = true;
+    EXPECT_EQ(zncStart("web", 0), spawnLog.child);
+    EXPECT_EQ(waitpid(spawnLog.child, nullptr, WNOHANG), -1) << "it is stopped and still there";
 }
 
 TEST_F(Start, OtherOptionBitsDoNotKeepItFromWaiting)

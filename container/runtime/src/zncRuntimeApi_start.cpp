@@ -128,14 +128,15 @@ STATUS give_up(const char* containerId)
     return ERROR;
 }
 
-// A signal to the caller does not end the wait: the process would run on and nobody know its id.
+// Neither a signal to the caller nor a stop of the process ends the wait: the process would run on
+// and nobody know its id. Stops are reported when the process made its parent its tracer.
 pid_t wait_for(pid_t pid)
 {
     int status = 0;
     pid_t ended = 0;
     do
         ended = ::waitpid(pid, &status, 0);
-    while (ended < 0 && errno == EINTR);
+    while ((ended < 0 && errno == EINTR) || (ended > 0 && WIFSTOPPED(status)));
     return ended;
 }
 
