@@ -246,7 +246,8 @@ class TextBuffer {
 int mount_tree(Namespace& ns, const char* source, const char* destination, const MountPlan& plan,
                std::uint64_t* id)
 {
-    if (source == nullptr || *source == '\0')
+    // A relative one would be looked up from wherever the daemon happened to be started.
+    if (source == nullptr || *source != '/')
         return EINVAL;
     const UniqueFd tree = detached_tree(source, plan);
     if (!tree)
@@ -290,7 +291,9 @@ int mount_one(Namespace& ns, const char* source, const char* destination, const 
     std::strcpy(entry->destination, destination);
     MountPlan plan;
     struct stat st;
-    const bool exists = source != nullptr && *source != '\0' && ::stat(source, &st) == 0;
+    // A relative source is nothing to look up, but one to refuse if it should be bound.
+    const bool exists =
+        source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
     int error = mount_plan_make(type, options, exists, plan);
     if (error == 0)
         error = plan.bind ? mount_tree(ns, source, destination, plan, &entry->id)

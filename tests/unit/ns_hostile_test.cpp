@@ -280,6 +280,106 @@ TEST_F(Namespaces, ARelativeDestinationIsTakenFromTheRoot)
     fs::remove_all("/tmp/data");
 }
 
+TEST_F(Namespaces, ALinkWithoutATargetIsMountedOnWhereItLeadsInsideTheRoot)
+{
+    const struct {
+        const char* link;
+        const char* target;
+        const char* made; // inside the root
+    } cases[] = {{"etc/relative", "../run/resolve/relative", "run/resolve/relative"},
+                 {"etc/absolute", "/nowhere/deep/absolute", "nowhere/deep/absolute"},
+                 {"etc/above", "../../../../../../tmp/made/above", "tmp/made/above"},
+                 {"etc/one", "two", "chain/two"},
+                 {"etc/two", "/chain/./x/../two", "chain/two"},
+                 {"var", "private//var/", nullptr}};
+    std::ofstream("/tmp/one") << "1";
+    for (const auto& one : cases)
+        fs::create_symlink(one.target, root_ + "/" + one.link);
+    const nsid_t ns = rooted();
+    for (const auto& one : cases) {
+        if (one.made == nullptr)
+            continue;
+        const std::string point = std::string("/") + one.link;
+        EXPECT_EQ(mount(ns, "/tmp/one", point.c_str(), "bind", {}), OK)
+            << point << ": " << std::strerror(errno);
+        EXPECT_EQ(run(ns, "cat " + point + " /" + one.made), "11") << point;
+        EXPECT_TRUE(fs::is_regular_file(root_ + "/" + one.made)) << point;
+    }
+    EXPECT_EQ(mount(ns, "/tmp", "/var/lib/data", "bind", {}), OK) << std::strerror(errno);
+    EXPECT_TRUE(fs::is_directory(root_ + "/private/var/lib/data"));
+    EXPECT_FALSE(fs::exists("/nowhere"));
+    EXPECT_FALSE(fs::exists("/tmp/made"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove("/tmp/one");
+}
+
+TEST_F(Namespaces, LinksInARingOrIntoProcAreNoMountPoints)
+{
+    std::ofstream("/tmp/one") << "1";
+    fs::create_symlink("ring-b", root_ + "/etc/ring-a");
+    fs::create_symlink("ring-a", root_ + "/etc/ring-b");
+    fs::create_symlink("/proc/1/none", root_ + "/etc/in-proc");
+    fs::create_symlink("/proc/self/root/tmp/none", root_ + "/etc/through-proc");
+    fs::create_symlink("/bin/sh/none", root_ + "/etc/below-file");
+    const nsid_t ns = rooted();
+    for (const char* point :
+         {"/etc/ring-a", "/etc/in-proc", "/etc/through-proc", "/etc/below-file"}) {
+        EXPECT_EQ(mount(ns, "/tmp/one", point, "bind", {}), ERROR) << point;
+        EXPECT_EQ(mount(ns, "/tmp", point, "bind", {}), ERROR) << point;
+    }
+    EXPECT_FALSE(fs::exists("/tmp/none"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove("/tmp/one");
+}
+
+TEST_F(Namespaces, AMountPointIsMadeInsideWhileTheWayToItChanges)
+{
+    fs::create_directories("/tmp/outside");
+    fs::create_directories("/tmp/data");
+    fs::create_directories(root_ + "/a/b");
+    fs::create_directory_symlink("../../../../../tmp/outside", root_ + "/a/c");
+    std::atomic<bool> done{false};
+    std::thread exchanger([&] {
+        const std::string one = root_ + "/a/b";
+        const std::string other = root_ + "/a/c";
+        while (!done)
+            ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+    });
+    const nsid_t ns = rooted();
+    int made = 0;
+    for (int i = 0; i < 300; i++) {
+        const std::string point = "/a/b/x" + std::to_string(i) + "/y";
+        made += mount(ns, "/tmp/data", point.c_str(), "bind", {}) == OK ? 1 : 0;
+    }
+    done = true;
+    exchanger.join();
+    EXPECT_GT(made, 0);
+    EXPECT_TRUE(fs::is_empty("/tmp/outside"));
+    EXPECT_TRUE(fs::is_empty("/tmp/data"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::remove_all("/tmp/outside");
+    fs::remove_all("/tmp/data");
+}
+
+TEST_F(Namespaces, ARelativeSourceIsNotBoundFromWhereverTheOwnerIs)
+{
+    fs::create_directories("/tmp/data");
+    const fs::path before = fs::current_path();
+    fs::current_path("/tmp");
+    const nsid_t ns = rooted();
+    for (const char* type : {"bind", "unknown", ""})
+        for (const char* source : {"data", "./data", "none"}) {
+            errno = 0;
+            EXPECT_EQ(mount(ns, source, "/data", type, {}), ERROR) << type << source;
+            EXPECT_EQ(errno, EINVAL) << type << source;
+        }
+    EXPECT_EQ(mount(ns, "data", "/scratch", "tmpfs", {}), OK); // only a name
+    EXPECT_FALSE(fs::exists(root_ + "/data"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+    fs::current_path(before);
+    fs::remove_all("/tmp/data");
+}
+
 // ---------------------------------------------------------------- the spawner
 
 TEST_F(Namespaces, ProgramCannotUseUpTheQueueMemoryThatItSharesWithTheDaemonsClients)

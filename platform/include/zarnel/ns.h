@@ -43,9 +43,10 @@ STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
  * host's `source`; so does a type that is "unknown", "" or NULL when `source` exists on the
  * host. "tmpfs", "proc", "sysfs", "devpts", "mqueue" and other kernel types mount as such. Flag
  * options become flags, the rest is passed to the filesystem. Binds are made nodev and nosuid
- * unless the options say "dev" or "suid". A missing mount point is made inside the root. An empty
- * or NULL `destination` names a volume inside the root itself: nothing is mounted, OK. ERROR with
- * the task error number set; nothing is then mounted. EINVAL: the namespace has no root yet, or
+ * unless the options say "dev" or "suid". A missing mount point is made inside the root, also where
+ * a link leads that has no target yet. An empty or NULL `destination` names a volume inside the
+ * root itself: nothing is mounted, OK. ERROR with the task error number set; nothing is then
+ * mounted. EINVAL: the namespace has no root yet, the `source` of a bind is no absolute path, or
  * `destination` is the root itself, by whatever name.
  */
 STATUS znnsMount(nsid_t ns, const char* rootPath, const char* source, const char* destination,

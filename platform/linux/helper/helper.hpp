@@ -17,6 +17,7 @@ namespace zn {
 // File types in a mode; the kernel's header leaves them to the C library.
 inline constexpr unsigned kTypeMask = 0170000;
 inline constexpr unsigned kDirectory = 0040000;
+inline constexpr unsigned kLink = 0120000;
 inline constexpr unsigned kCharDevice = 0020000;
 
 inline bool text_equal(const char* a, const char* b)
@@ -61,6 +62,10 @@ int root_enter(int tree, const char* hostName);
 // An O_PATH descriptor of `path` as the container sees it, or a negative error number: no ".." and
 // no link leads above the root, and magic links are refused (keeper_mount.cpp).
 long open_inside(const char* path, std::uint64_t flags);
+
+// An O_PATH descriptor of a mount point inside the root, made if it is missing: a directory or an
+// empty file. Or a negative error number (keeper_point.cpp).
+long mount_point(const char* destination, bool isDirectory);
 
 // Attach a detached mount at `destination` inside the root, making the mount point if it is
 // missing; `mountId` tells it apart later (keeper_mount.cpp).

@@ -52,62 +52,6 @@ Text parent_of(const char* path, Tail tail)
     return tail.start > 0 ? Text(path, tail.start) : Text("/", 1);
 }
 
-// Makes the missing directories of `path`, each in the directory found before it.
-int make_directories(const char* path)
-{
-    char prefix[kPathMax];
-    sys::Fd parent(open_inside("/", O_DIRECTORY));
-    for (std::size_t at = 0; path[at] != '\0';) {
-        const std::size_t start = at + (path[at] == '/' ? 1 : 0);
-        at = start;
-        while (path[at] != '\0' && path[at] != '/')
-            at++;
-        if (at == start)
-            continue;
-        memcpy(prefix, path, at);
-        prefix[at] = '\0';
-        sys::Fd next(open_inside(prefix, O_DIRECTORY));
-        if (next.error() == ENOENT) {
-            const long made = sys::call(__NR_mkdirat, parent.get(), sys::arg(prefix + start), 0755);
-            if (made < 0)
-                return static_cast<int>(-made);
-            next = sys::Fd(open_inside(prefix, O_DIRECTORY));
-        }
-        if (!next.valid())
-            return next.error();
-        parent = static_cast<sys::Fd&&>(next);
-    }
-    return 0;
-}
-
-int make_file(const char* path)
-{
-    const Tail tail = last_component(path);
-    const Text directory = parent_of(path, tail);
-    const Text name(path + tail.start, tail.end - tail.start);
-    const int error = make_directories(directory.name);
-    if (error != 0)
-        return error;
-    const sys::Fd parent(open_inside(directory.name, O_DIRECTORY));
-    if (!parent.valid())
-        return parent.error();
-    const sys::Fd file(sys::call(__NR_openat, parent.get(), sys::arg(name.name),
-                                 O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    return file.error();
-}
-
-// The mount point, made if it is missing.
-sys::Fd mount_point(const char* destination, bool isDirectory)
-{
-    sys::Fd found(open_inside(destination, 0));
-    if (found.error() != ENOENT)
-        return found;
-    const int error = isDirectory ? make_directories(destination) : make_file(destination);
-    if (error != 0)
-        return sys::Fd(-error);
-    return sys::Fd(open_inside(destination, 0));
-}
-
 // Where `name` (of directory `at`) is: on which mount, which file of it, whether the mount's root.
 int look(int at, const char* name, struct statx* st)
 {
@@ -138,8 +82,10 @@ int refuse_root(int point)
 {
     struct statx here = {};
     struct statx root = {};
-    const int error = look(point, "", &here);
-    if (error != 0 || look(AT_FDCWD, "/", &root) != 0)
+    int error = look(point, "", &here);
+    if (error == 0)
+        error = look(AT_FDCWD, "/", &root);
+    if (error != 0)
         return error;
     return here.stx_mnt_id == root.stx_mnt_id && here.stx_ino == root.stx_ino ? EINVAL : 0;
 }
@@ -163,7 +109,7 @@ int mount_attach(int mount, const char* destination, bool isDirectory, std::uint
 {
     if (mount < 0 || !usable(destination))
         return EINVAL;
-    const sys::Fd point = mount_point(destination, isDirectory);
+    const sys::Fd point(mount_point(destination, isDirectory));
     if (!point.valid())
         return point.error();
     const int refused = refuse_root(point.get());

@@ -67,6 +67,13 @@ class Fd {
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
     int error() const { return fd_ < 0 ? -fd_ : 0; } // the number, when opening failed
+    // The descriptor, or the negative error number, to be closed by somebody else.
+    [[nodiscard]] int release()
+    {
+        const int taken = fd_;
+        fd_ = -1;
+        return taken;
+    }
     void reset()
     {
         if (fd_ >= 0)
