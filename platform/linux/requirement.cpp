@@ -1,6 +1,7 @@
 // Calls are made with arguments that cannot be right, and only "no such call" counts.
 #include "zarnel/requirement.h"
 
+#include "launch.hpp"
 #include "zarnel/owned.hpp"
 
 #include <array>
@@ -62,6 +63,12 @@ bool has_filters()
            (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, nullptr) == 0 || errno == EFAULT);
 }
 
+// The helper program is run from one, so that nobody can write to it.
+bool has_programs_in_memory()
+{
+    return static_cast<bool>(helper_file());
+}
+
 bool has_queues()
 {
     // A name that the platform takes away when a dead process left it.
@@ -112,6 +119,8 @@ constexpr std::array kRequirements = {
                 "descriptors of a client could reach its container"},
     Requirement{"system call filters (seccomp)", true, has_filters,
                 "programs could not be kept from dangerous calls"},
+    Requirement{"programs in memory files (vm.memfd_noexec below 2)", true, has_programs_in_memory,
+                "containers could not be made; sysctl vm.memfd_noexec=1 allows them"},
     Requirement{"POSIX message queues", true, has_queues, "clients could not call"},
     Requirement{"queues of 32 messages (fs.mqueue.msg_max)", true, has_long_queues,
                 "the request queue could not be made"},
