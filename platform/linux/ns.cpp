@@ -2,6 +2,7 @@
 
 #include "keeper_link.hpp"
 #include "mount_plan.hpp"
+#include "ns_entry.hpp"
 #include "ns_record.hpp"
 #include "pidfd.hpp"
 #include "zarnel/overlay.h"
@@ -40,6 +41,7 @@ struct Namespace {
     Namespace* next = nullptr;
     nsid_t id = -1;
     Keeper keeper;
+    AwaitedEntry entry;
     bool ownsDevice = false; // the root is the container's own overlay device
     char root[kRootPathMax] = {};
     MountEntry* mounts = nullptr;
@@ -79,11 +81,7 @@ void reap_dying()
 
 class Locked {
   public:
-    Locked()
-    {
-        ::pthread_mutex_lock(&g_lock);
-        reap_dying();
-    }
+    Locked() { ::pthread_mutex_lock(&g_lock); }
     ~Locked() { ::pthread_mutex_unlock(&g_lock); }
     Locked(const Locked&) = delete;
     Locked& operator=(const Locked&) = delete;
@@ -362,6 +360,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
+    reap_dying(); // what they hold may be what the new one needs
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -427,6 +426,7 @@ STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name
 STATUS znnsDelete(nsid_t id)
 {
     const Locked lock;
+    reap_dying();
     if (find(id) == nullptr)
         return ERROR;
     end_namespace(find_link(id));
@@ -468,12 +468,35 @@ STATUS znnsInUse(nsid_t id, BOOL* inUse)
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
+    if (ns->entry.is_open(id) && !ns->keeper.ended(0)) {
+        *inUse = TRUE;
+        return OK;
+    }
     std::uint64_t used = 0;
     const int error = ns->keeper.ask(wire::Op::kInUse, 0, &used);
     if (error != 0 && error != ESRCH)
         return result(error);
     *inUse = error == 0 && used != 0 ? TRUE : FALSE;
     return OK;
+}
+
+STATUS znnsExpect(nsid_t id, pid_t caller)
+{
+    const Locked lock;
+    Namespace* ns = find(id);
+    return ns != nullptr && ns->entry.begin(id, caller) == 0 ? OK : ERROR;
+}
+
+STATUS znnsExpectEnd(nsid_t id)
+{
+    return ns_record_mark(id, Entry::kOver) == 0 ? OK : ERROR;
+}
+
+STATUS znnsUrgentAllow(nsid_t id, BOOL allowed)
+{
+    const Locked lock;
+    const Grant grant = allowed != FALSE ? Grant::kUrgent : Grant::kNone;
+    return find(id) != nullptr && ns_record_mark(id, grant) == 0 ? OK : ERROR;
 }
 
 int znnsRecover(void)
@@ -498,4 +521,5 @@ int znnsShutdown(void)
 void znnsReap(void)
 {
     const Locked lock;
+    reap_dying();
 }

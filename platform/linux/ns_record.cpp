@@ -22,11 +22,15 @@ void record_path(nsid_t ns, char (&path)[64])
     std::snprintf(path, sizeof path, "%s/%d", kRecordDir, ns);
 }
 
-// Reads a small file whole; returns its length or -1.
-ssize_t read_small(const char* path, char* buf, std::size_t size)
+// What is no file must not keep the caller waiting, nor lead elsewhere.
+UniqueFd open_small(const char* path, int access)
 {
-    // What is no file must not keep the caller waiting, nor lead elsewhere.
-    const UniqueFd file(::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    return UniqueFd(::open(path, access | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Reads a small file whole; returns its length or -1.
+ssize_t read_small(const UniqueFd& file, char* buf, std::size_t size)
+{
     if (!file)
         return -1;
     std::size_t len = 0;
@@ -42,6 +46,46 @@ ssize_t read_small(const char* path, char* buf, std::size_t size)
     return static_cast<ssize_t>(len);
 }
 
+constexpr char kFirstLine[] = "%d %llu %c%c";
+constexpr std::size_t kTextMax = kRootPathMax + 64;
+// Where the two values stand that change: at the end of the first line.
+constexpr std::ptrdiff_t kGrantBeforeEnd = 2;
+constexpr std::ptrdiff_t kEntryBeforeEnd = 1;
+
+// The record of a text, and where its first line ends; null with errno set.
+const char* parse(const char* text, NsRecord& record)
+{
+    const char* end = std::strchr(text, '\n');
+    char grant = 0;
+    char entry = 0;
+    if (end != nullptr && end - text > kGrantBeforeEnd &&
+        std::strlen(end + 1) < sizeof record.root &&
+        std::sscanf(text, kFirstLine, &record.keeper, &record.startTime, &grant, &entry) == 4 &&
+        record.keeper > 0 && grant == end[-kGrantBeforeEnd] && entry == end[-kEntryBeforeEnd]) {
+        record.grant = static_cast<Grant>(grant);
+        record.entry = static_cast<Entry>(entry);
+        std::strcpy(record.root, end + 1);
+        return end;
+    }
+    errno = EINVAL;
+    return nullptr;
+}
+
+int change(nsid_t ns, std::ptrdiff_t beforeEnd, char value)
+{
+    char path[64];
+    record_path(ns, path);
+    const UniqueFd file = open_small(path, O_RDWR);
+    char text[kTextMax];
+    NsRecord record;
+    if (read_small(file, text, sizeof text) < 0)
+        return -1;
+    const char* const end = parse(text, record);
+    if (end == nullptr)
+        return -1;
+    return ::pwrite(file.get(), &value, 1, end - text - beforeEnd) == 1 ? 0 : -1;
+}
+
 } // namespace
 
 unsigned long long process_start_time(pid_t pid)
@@ -49,7 +93,7 @@ unsigned long long process_start_time(pid_t pid)
     char path[64];
     char stat[1024];
     std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    if (read_small(path, stat, sizeof stat) < 0)
+    if (read_small(open_small(path, O_RDONLY), stat, sizeof stat) < 0)
         return 0;
     // The name in field 2 may hold spaces and parentheses; field 22 is counted from its end.
     const char* at = std::strrchr(stat, ')');
@@ -72,9 +116,11 @@ int ns_record_write(nsid_t ns, const NsRecord& record)
     const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!file)
         return -1;
-    char text[kRootPathMax + 64];
-    const int len = std::snprintf(text, sizeof text, "%d %llu\n%s", record.keeper, record.startTime,
-                                  record.root);
+    char text[kTextMax];
+    int len = std::snprintf(text, sizeof text, kFirstLine, record.keeper, record.startTime,
+                            static_cast<char>(record.grant), static_cast<char>(record.entry));
+    len +=
+        std::snprintf(text + len, sizeof text - static_cast<std::size_t>(len), "\n%s", record.root);
     const ssize_t n = ::write(file.get(), text, static_cast<std::size_t>(len));
     if (n == len)
         return 0;
@@ -88,18 +134,20 @@ int ns_record_read(nsid_t ns, NsRecord& record)
 {
     char path[64];
     record_path(ns, path);
-    char text[kRootPathMax + 64];
-    if (read_small(path, text, sizeof text) < 0)
+    char text[kTextMax];
+    if (read_small(open_small(path, O_RDONLY), text, sizeof text) < 0)
         return -1;
-    const char* root = std::strchr(text, '\n');
-    if (root == nullptr || std::strlen(root + 1) >= sizeof record.root ||
-        std::sscanf(text, "%d %llu", &record.keeper, &record.startTime) != 2 ||
-        record.keeper <= 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    std::strcpy(record.root, root + 1);
-    return 0;
+    return parse(text, record) != nullptr ? 0 : -1;
+}
+
+int ns_record_mark(nsid_t ns, Entry entry)
+{
+    return change(ns, kEntryBeforeEnd, static_cast<char>(entry));
+}
+
+int ns_record_mark(nsid_t ns, Grant grant)
+{
+    return change(ns, kGrantBeforeEnd, static_cast<char>(grant));
 }
 
 void ns_record_remove(nsid_t ns)

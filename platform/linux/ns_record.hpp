@@ -15,9 +15,21 @@ namespace zn {
 inline constexpr char kRuntimeDir[] = "/run/zarnel";
 inline constexpr std::size_t kRootPathMax = 1024;
 
+// How far somebody is who was told to enter the namespace.
+enum class Entry : char {
+    kAwaited = 'a',
+    kEntering = 'e', // is spawning at this moment
+    kOver = 'o'      // has entered, or failed to
+};
+
+// What spawned programs may do there that others may not.
+enum class Grant : char { kNone = '-', kUrgent = 'u' };
+
 struct NsRecord {
     pid_t keeper;
     unsigned long long startTime; // of the keeper, in clock ticks since boot
+    Grant grant = Grant::kNone;
+    Entry entry = Entry::kOver;
     char root[kRootPathMax];
 };
 
@@ -28,6 +40,10 @@ unsigned long long process_start_time(pid_t pid);
 int ns_record_write(nsid_t ns, const NsRecord& record);
 int ns_record_read(nsid_t ns, NsRecord& record);
 void ns_record_remove(nsid_t ns);
+
+// Change one value of a record in place. 0, or -1 with errno set.
+int ns_record_mark(nsid_t ns, Entry entry);
+int ns_record_mark(nsid_t ns, Grant grant);
 
 // A descriptor for the keeper of a record; invalid with errno set, ESRCH when it is gone.
 znc::UniqueFd ns_record_keeper(const NsRecord& record);

@@ -6,6 +6,7 @@
 #include "pidfd.hpp"
 #include "zarnel/fs.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -53,10 +54,12 @@ struct Arguments {
     char stack[16];
     znc::MallocPtr<char*[]> argv;
 
-    bool make(const char* program, const znSpawnAttr& attr, char* const* args)
+    bool make(const char* program, const znSpawnAttr& attr, char* const* args, Grant grant)
     {
         std::memcpy(name, wire::kSpawnerName, sizeof name);
-        std::snprintf(nice, sizeof nice, "%d", nice_value(attr.priority));
+        const int wanted = nice_value(attr.priority);
+        std::snprintf(nice, sizeof nice, "%d",
+                      grant == Grant::kUrgent ? wanted : std::max(wanted, 0));
         std::snprintf(stack, sizeof stack, "%d", attr.stackSize);
         const std::size_t count = list_length(args);
         argv = znc::malloc_array<char*>(wire::kSpawnerFixedArgs + count + 2);
@@ -126,6 +129,25 @@ struct Outcome {
                 error = report.value;
         }
     }
+};
+
+// While it lives, whoever asks about the namespace is told that somebody is entering it.
+class EntryMark {
+  public:
+    explicit EntryMark(nsid_t ns) : ns_(ns) { mark(Entry::kEntering); }
+    ~EntryMark() { mark(Entry::kOver); }
+    EntryMark(const EntryMark&) = delete;
+    EntryMark& operator=(const EntryMark&) = delete;
+
+  private:
+    // Without a record there is nobody to tell, and nothing to enter.
+    void mark(Entry entry) const
+    {
+        const znc::ErrnoSaver keep;
+        static_cast<void>(ns_record_mark(ns_, entry));
+    }
+
+    nsid_t ns_;
 };
 
 // False with errno set, ESRCH when there is no such namespace.
@@ -249,6 +271,7 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
         errno = EINVAL;
         return ERROR;
     }
+    const EntryMark entering(attr->ns);
     NsRecord record;
     if (!streams.fill() || !read_record(attr->ns, record))
         return ERROR;
@@ -261,7 +284,7 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
         return ERROR;
     }
     Arguments arguments;
-    if (!arguments.make(program, *attr, argv))
+    if (!arguments.make(program, *attr, argv, record.grant))
         return ERROR;
     Outcome outcome;
     int error = run_spawner(keeper, arguments, envp, streams, outcome);

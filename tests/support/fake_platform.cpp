@@ -240,6 +240,35 @@ STATUS znnsInUse(nsid_t ns, BOOL* inUse)
     return record_fails(call) || unknown(ns) ? ERROR : OK;
 }
 
+STATUS znnsExpect(nsid_t ns, pid_t caller)
+{
+    fake::Call call;
+    call.op = "znnsExpect";
+    call.ns = ns;
+    call.number = caller;
+    const std::lock_guard lock(guard);
+    return record_fails(call) || unknown(ns) ? ERROR : OK;
+}
+
+STATUS znnsExpectEnd(nsid_t ns)
+{
+    fake::Call call;
+    call.op = "znnsExpectEnd";
+    call.ns = ns;
+    const std::lock_guard lock(guard);
+    return record_fails(call) || unknown(ns) ? ERROR : OK;
+}
+
+STATUS znnsUrgentAllow(nsid_t ns, BOOL allowed)
+{
+    fake::Call call;
+    call.op = "znnsUrgentAllow";
+    call.ns = ns;
+    call.number = allowed;
+    const std::lock_guard lock(guard);
+    return record_fails(call) || unknown(ns) ? ERROR : OK;
+}
+
 int znnsRecover(void)
 {
     return 0;

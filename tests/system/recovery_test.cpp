@@ -8,6 +8,7 @@
 #include <linux/sched.h>
 #include <mqueue.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -327,13 +328,75 @@ TEST_P(Recovery, AContainerWhoseClientWasKilledGoesOnAndCanBeDeleted)
     const std::string bundle = long_bundle("web");
     ASSERT_EQ(zncCreate("web", bundle.c_str(), 0, nullptr), OK);
     const pid_t client = begin_child([] { return zncStart("web", 0) > 0 ? 0 : 1; });
-    // A container asked about before it has a process counts as stopped from then on.
     ASSERT_TRUE(eventually([client] { return runs_program(last_child_of(client), "sleep"); }));
     EXPECT_EQ(zncStatusGet("web"), STATE_RUNNING);
     ASSERT_EQ(::kill(client, SIGKILL), 0);
     EXPECT_EQ(exit_code(client), 128 + SIGKILL);
     EXPECT_EQ(zncStatusGet("web"), STATE_RUNNING);
     EXPECT_EQ(zncDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK) << std::hex << errno;
+    expect_usable();
+}
+
+// The daemon's answer to a start that nobody makes good.
+std::string ask_for_start(unsigned long number)
+{
+    const raw_client::Call call(number);
+    call.send(ZNC_START, R"({"containerId":"web","option":4})");
+    return call.reply([] {});
+}
+
+TEST_P(Recovery, LooksBetweenStartAndSpawnDoNotMakeARunningContainerStopped)
+{
+    constexpr int kStarts = 60;
+    const pid_t looker = begin_child([] {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) {
+            zncStatusGet("web");
+            std::free(zncList());
+        }
+        return 0;
+    });
+    int stopped = 0;
+    for (int i = 0; i < kStarts; i++) {
+        const pid_t program = start_long("web");
+        stopped += zncStatusGet("web") != STATE_RUNNING ? 1 : 0;
+        ::kill(program, SIGKILL);
+        EXPECT_EQ(exit_code(program), 128 + SIGKILL);
+        EXPECT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
+    }
+    EXPECT_EQ(stopped, 0) << "of " << kStarts;
+    ::kill(looker, SIGKILL);
+    EXPECT_EQ(exit_code(looker), 128 + SIGKILL);
+    expect_usable();
+}
+
+TEST_P(Recovery, AContainerWhoseClientDiedBetweenStartAndSpawnHasStopped)
+{
+    const std::string bundle = long_bundle("web");
+    ASSERT_EQ(zncCreate("web", bundle.c_str(), 0, nullptr), OK);
+    const pid_t client = begin_child([] {
+        if (ask_for_start(0).find("\"errno\":0") == std::string::npos)
+            return 1;
+        ::raise(SIGKILL);
+        return 2;
+    });
+    EXPECT_EQ(exit_code(client), 128 + SIGKILL);
+    EXPECT_EQ(zncStatusGet("web"), STATE_STOPPED);
+    EXPECT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
+    expect_usable();
+    EXPECT_TRUE(eventually([this] { return left_over().empty(); }));
+}
+
+TEST_P(Recovery, AContainerWhoseClientNeverSpawnsIsInUseAtFirstAndThenStops)
+{
+    const std::string bundle = long_bundle("web");
+    ASSERT_EQ(zncCreate("web", bundle.c_str(), 0, nullptr), OK);
+    ASSERT_NE(ask_for_start(0).find("\"errno\":0"), std::string::npos);
+    EXPECT_EQ(zncStatusGet("web"), STATE_RUNNING);
+    EXPECT_EQ(zncDelete("web", 0), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(eventually([] { return zncStatusGet("web") == STATE_STOPPED; }));
+    EXPECT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
     expect_usable();
 }
 

@@ -252,6 +252,68 @@ TEST_F(Namespaces, InUseOnlyWhileSomebodyLives)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
+TEST_F(Namespaces, ExpectedProcessesCountUntilTheSpawnSucceededOrFailed)
+{
+    const nsid_t ns = rooted();
+    ASSERT_EQ(znnsExpect(ns, getpid()), OK) << std::strerror(errno);
+    EXPECT_TRUE(in_use(ns));
+    run(ns, "exit 0");
+    EXPECT_FALSE(in_use(ns)) << "it has been there";
+    ASSERT_EQ(znnsExpect(ns, 0), OK);
+    EXPECT_TRUE(in_use(ns));
+    znSpawnAttr attr;
+    znSpawnAttrInit(&attr);
+    znSpawnAttrSetNamespace(&attr, ns);
+    std::array<char*, 2> argv = {const_cast<char*>("x"), nullptr};
+    pid_t pid = -1;
+    EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/none").c_str(), &attr, argv.data(), nullptr), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(in_use(ns)) << "it failed";
+    ASSERT_EQ(znnsExpect(ns, getpid()), OK);
+    EXPECT_EQ(znSpawn(&pid, "/elsewhere", &attr, argv.data(), nullptr), ERROR);
+    EXPECT_FALSE(in_use(ns)) << "it was not even tried";
+    ASSERT_EQ(znnsExpect(ns, getpid()), OK);
+    EXPECT_EQ(znnsExpectEnd(ns), OK);
+    EXPECT_FALSE(in_use(ns)) << "the caller gave up";
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(znnsExpect(ns, getpid()), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znnsExpectEnd(ns), ERROR);
+}
+
+TEST_F(Namespaces, ExpectedProcessesOfACallerThatEndedOrIsLateDoNotCount)
+{
+    const nsid_t ns = rooted();
+    const pid_t caller = ::fork();
+    if (caller == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    ASSERT_EQ(znnsExpect(ns, caller), OK);
+    EXPECT_TRUE(in_use(ns));
+    ::kill(caller, SIGKILL);
+    siginfo_t info;
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(caller), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(in_use(ns));
+    wait(caller);
+    ASSERT_EQ(znnsExpect(ns, getpid()), OK);
+    EXPECT_TRUE(in_use(ns));
+    EXPECT_TRUE(eventually([&] { return !in_use(ns); }));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, NobodyIsExpectedInANamespaceWhoseKeeperIsDead)
+{
+    const nsid_t ns = rooted();
+    std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
+    pid_t keeper = 0;
+    record >> keeper;
+    ASSERT_EQ(znnsExpect(ns, getpid()), OK);
+    ASSERT_EQ(::kill(keeper, SIGKILL), 0);
+    EXPECT_TRUE(eventually([&] { return !in_use(ns); }));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
 TEST_F(Namespaces, OrphansCountAsLivingAndAreReaped)
 {
     const nsid_t ns = rooted();
@@ -308,9 +370,28 @@ TEST_F(Namespaces, ARecordOfAnotherProcessLeadsNowhere)
 {
     const nsid_t ns = rooted();
     const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
-    std::ofstream(path) << getpid() << " 1\n" << root_; // our id, but not our start time
+    std::ofstream(path) << getpid() << " 1 -o\n" << root_; // our id, but not our start time
     EXPECT_EQ(start(ns, "true"), -1);
     EXPECT_EQ(errno, ESRCH);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ARecordOfAnotherFormLeadsNowhereAndIsNotChanged)
+{
+    const nsid_t ns = rooted();
+    const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
+    const std::string good = read_file(path);
+    for (const char* text : {"", "\n", "\n1 2 -o", "1\n/x", "1 2\n/x", "1 2 -\n/x", "1 2 - o\n/x",
+                             "0 2 -o\n/x", "1 2 -o", "1 2 -oo\n/x"}) {
+        std::ofstream(path) << text;
+        EXPECT_EQ(znnsExpect(ns, getpid()), ERROR) << text;
+        EXPECT_EQ(errno, EINVAL) << text;
+        EXPECT_EQ(start(ns, "true"), -1) << text;
+        EXPECT_EQ(errno, ESRCH) << text;
+        EXPECT_EQ(read_file(path), text);
+    }
+    std::ofstream(path) << good;
+    EXPECT_EQ(run(ns, "echo alive"), "alive\n");
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
@@ -354,7 +435,7 @@ TEST_F(Namespaces, LinksOfTheTreeResolveInside)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, PriorityBecomesTheNiceValue)
+TEST_F(Namespaces, PriorityBecomesTheNiceValueAndUrgentOnesNeedAllowance)
 {
     const nsid_t ns = rooted();
     const auto nice_of = [&](int priority) {
@@ -368,8 +449,17 @@ TEST_F(Namespaces, PriorityBecomesTheNiceValue)
     };
     EXPECT_EQ(nice_of(100), "0");
     EXPECT_EQ(nice_of(255), "19");
+    EXPECT_EQ(nice_of(0), "0");
+    EXPECT_EQ(nice_of(50), "0");
+    ASSERT_EQ(znnsUrgentAllow(ns, TRUE), OK) << std::strerror(errno);
+    EXPECT_EQ(nice_of(100), "0");
+    EXPECT_EQ(nice_of(50), "-10");
     EXPECT_EQ(nice_of(0), "-20");
+    ASSERT_EQ(znnsUrgentAllow(ns, FALSE), OK);
+    EXPECT_EQ(nice_of(0), "0");
     EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(znnsUrgentAllow(ns, TRUE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(Namespaces, SettersRefuseWhatCannotBeCarried)

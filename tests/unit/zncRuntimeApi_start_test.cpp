@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
@@ -300,6 +301,23 @@ TEST_F(Start, FirstSetterThatFailsEndsItWithItsNumber)
         EXPECT_EQ(requests(daemon).size(), 1U);
     }
     EXPECT_EQ(spawnLog.spawned, 0);
+}
+
+TEST_F(Start, AStartThatSpawnsNothingEndsTheExpectationOfItsNamespace)
+{
+    // The record of namespace 77, as its owner left it when it handed the namespace out.
+    const std::string record = "/run/zarnel/ns/77";
+    std::filesystem::create_directories("/run/zarnel/ns");
+    std::ofstream(record) << "1 1 -a\n/r";
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.failing = "cwd";
+    EXPECT_EQ(zncStart("web", 0), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    std::ifstream file(record);
+    std::string line;
+    std::getline(file, line);
+    EXPECT_EQ(line, "1 1 -o");
+    std::filesystem::remove_all("/run/zarnel");
 }
 
 TEST_F(Start, AttributesThatCannotBeMadeFail)

@@ -2,6 +2,7 @@
 // process and tells the daemon which one it is.
 #include "zncRuntimeApi.hpp"
 
+#include "zarnel/ns.h"
 #include "zarnel/spawn.h"
 
 #include <algorithm>
@@ -172,8 +173,11 @@ STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int optio
         return OK;
     SpawnAttributes attributes;
     pid_t pid = 0;
-    if (!attributes.set(start) || !spawn(start, attributes, &pid))
+    if (!attributes.set(start) || !spawn(start, attributes, &pid)) {
+        const znc::ErrnoSaver keep;
+        znnsExpectEnd(start.number(kNsId)); // also where nothing was spawned at all
         return ERROR;
+    }
     if (pid == 0 || zncContextObjHandleStore(containerId, pid) != OK)
         return give_up(containerId);
     if ((option & ZNC_OPT_NO_WAIT) != 0)

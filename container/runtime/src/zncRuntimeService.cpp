@@ -3,6 +3,8 @@
 // One task does all of this, one request at a time, so nothing here is locked.
 #include "zncRuntimeService.hpp"
 
+#include "zncContainerLib.hpp"
+
 #include "zarnel/ns.h"
 #include "zarnel/task.h"
 
@@ -253,8 +255,12 @@ int zncStartContainer(cJSON* root, cJSON* array)
     static_cast<void>(option); // the client acts on it
     CONTAINER_START_PARM parm = {};
     const int result = result_of(zncContainerStart(param_pointer<const char>(id), &parm));
-    if (result == 0)
-        cJSON_AddItemToArray(array, start_object(parm));
+    if (result != 0)
+        return result;
+    // Until the client has spawned the program, somebody who looks would find nobody in there and
+    // take the container for stopped. Where it cannot be noted down, that is so.
+    znnsExpect(parm.nsId, static_cast<pid_t>(znc::client_of_queue(infoMsgQ)));
+    cJSON_AddItemToArray(array, start_object(parm));
     return result;
 }
 

@@ -24,6 +24,7 @@
 extern "C" {
 #endif
 
+/* The kinds of namespaces there are. Every namespace is of the one kind; no call takes it. */
 typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /* A new namespace, or -1 with the task error number set. `flags` has no meaning on Linux. */
@@ -75,8 +76,31 @@ STATUS znnsKill(nsid_t ns, int signo);
  */
 STATUS znnsProcessKill(nsid_t ns, OBJ_HANDLE handle, int signo);
 
-/* Report whether any process lives in the namespace; processes that ended do not count. */
+/*
+ * Report whether any process lives in the namespace, or is expected (below); processes that ended
+ * do not count.
+ */
 STATUS znnsInUse(nsid_t ns, BOOL* inUse);
+
+/*
+ * The process `caller` (0: not known) was told to spawn into the namespace, which counts as in use
+ * until the spawn has succeeded or failed, the caller has ended before it began, or two seconds
+ * have passed. ERROR with EINVAL for an unknown id, or a number saying why the namespace's record
+ * cannot be written; nobody is then expected.
+ */
+STATUS znnsExpect(nsid_t ns, pid_t caller);
+
+/*
+ * For the caller, in any process: it will not spawn. znSpawn says by itself that it is over. ERROR
+ * when there is no such namespace.
+ */
+STATUS znnsExpectEnd(nsid_t ns);
+
+/*
+ * Whether programs in the namespace may get a priority more urgent than normal; at first they may
+ * not, and are spawned at normal priority instead. For a namespace that has a root.
+ */
+STATUS znnsUrgentAllow(nsid_t ns, BOOL allowed);
 
 /*
  * For a daemon that starts: end the namespaces that a dead owner left behind. For one that
@@ -86,8 +110,8 @@ int znnsRecover(void);
 int znnsShutdown(void);
 
 /*
- * Give back what namespaces that ended since were still waiting for. Every other call does this
- * too; for an owner that has nothing else to ask.
+ * Give back what namespaces that ended since were still waiting for. Creating and deleting do this,
+ * too; for an owner that does neither.
  */
 void znnsReap(void);
 

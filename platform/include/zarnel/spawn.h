@@ -14,7 +14,7 @@ extern "C" {
 #endif
 
 typedef struct znSpawnAttr {
-    int priority;  /* 0 most urgent .. 255 least */
+    int priority;  /* 0 most urgent .. 255 least; above normal (100) only where allowed, see ns.h */
     int stackSize; /* bytes of user stack */
     int options;   /* process options */
     int taskOptions;

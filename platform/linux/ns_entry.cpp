@@ -1,0 +1,45 @@
+#include "ns_entry.hpp"
+
+#include "ns_record.hpp"
+#include "pidfd.hpp"
+
+namespace zn {
+namespace {
+
+constexpr std::int64_t kAwaitedNs = 2 * kNsPerSec;
+
+bool has_ended(pid_t pid)
+{
+    const znc::UniqueFd process = process_open(pid);
+    return process ? process_ended(process.get(), 0) : errno == ESRCH;
+}
+
+} // namespace
+
+int AwaitedEntry::begin(nsid_t ns, pid_t caller)
+{
+    if (ns_record_mark(ns, Entry::kAwaited) != 0)
+        return -1;
+    until_ = now_ns() + kAwaitedNs;
+    // A number of another process namespace means nobody here.
+    caller_ = caller > 0 && process_open(caller) ? caller : 0;
+    return 0;
+}
+
+bool AwaitedEntry::is_open(nsid_t ns)
+{
+    if (until_ == 0)
+        return false;
+    // The caller first: what the record says afterwards is all that it will ever say of a caller
+    // that is gone. One that went in the middle of a spawn may leave a program behind.
+    const bool gone = caller_ != 0 && has_ended(caller_);
+    NsRecord record;
+    const bool open =
+        now_ns() < until_ && ns_record_read(ns, record) == 0 &&
+        (record.entry == Entry::kEntering || (record.entry == Entry::kAwaited && !gone));
+    if (!open)
+        until_ = 0;
+    return open;
+}
+
+} // namespace zn
