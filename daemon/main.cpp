@@ -3,6 +3,7 @@
 #include "containers.hpp"
 #include "log.hpp"
 #include "notify.hpp"
+#include "priorities.hpp"
 #include "requirements.hpp"
 #include "runtime_dir.hpp"
 #include "stop_signals.hpp"
@@ -26,8 +27,8 @@ namespace {
 
 constexpr std::size_t kQueueMessages = 32;
 constexpr int kExitUsage = 64;
-constexpr const char* kUsage =
-    "usage: zncd [--foreground] [--log-level LEVEL] | check | --help | --version\n";
+constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | "
+                               "check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends every\n"
@@ -35,6 +36,7 @@ constexpr const char* kHelp =
     "\n"
     "  --foreground       said for clearness: there is no other way\n"
     "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\": each request\n"
+    "  --allow-urgent     let containers have priorities more urgent than normal\n"
     "  check              tell whether the machine has what it needs\n"
     "\n"
     "environment:\n"
@@ -67,8 +69,12 @@ int answer(std::string_view word)
     return -1;
 }
 
+struct Options {
+    bool allowUrgent = false;
+};
+
 // -1: go on and serve.
-int take_options(std::span<char* const> words)
+int take_options(std::span<char* const> words, Options& options)
 {
     if (words.size() == 1)
         if (const int status = answer(words[0]); status >= 0)
@@ -77,6 +83,10 @@ int take_options(std::span<char* const> words)
         const std::string_view word = words[i];
         if (word == "--foreground")
             continue;
+        if (word == "--allow-urgent") {
+            options.allowUrgent = true;
+            continue;
+        }
         if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
             return bad_usage();
         i++;
@@ -95,6 +105,13 @@ void log_request(std::int32_t command, const char* id, int error)
     zncd::log(zncd::Level::kDebug, "request %s %s: %s 0x%x",
               at < kCommands.size() ? kCommands[at] : "unknown", id[0] != '\0' ? id : "-",
               error == 0 ? "done" : "failed", static_cast<unsigned>(error));
+}
+
+template <bool allow_urgent> void note_request(std::int32_t command, const char* id, int error)
+{
+    log_request(command, id, error);
+    if (command == ZNC_CREATE && error == 0)
+        zncd::settle_priority(id, allow_urgent);
 }
 
 int serve(int stop_fd)
@@ -119,7 +136,8 @@ int serve(int stop_fd)
 int main(int argc, char** argv)
 {
     const std::span<char* const> words(argv, static_cast<std::size_t>(argc));
-    if (const int status = take_options(words.subspan(argc > 0 ? 1 : 0)); status >= 0)
+    Options options;
+    if (const int status = take_options(words.subspan(argc > 0 ? 1 : 0), options); status >= 0)
         return status;
     if (::geteuid() != 0) {
         zncd::log(zncd::Level::kError, "namespaces and mounts are root's; run it as root");
@@ -146,6 +164,7 @@ int main(int argc, char** argv)
         return 1;
     }
     zncd::recover();
-    znc::set_service_listener({tell_ready, log_request});
+    znc::set_service_listener(
+        {tell_ready, options.allowUrgent ? note_request<true> : note_request<false>});
     return serve(stop.get());
 }

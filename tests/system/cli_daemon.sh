@@ -4,7 +4,7 @@
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 
-usage='usage: zncd [--foreground] [--log-level LEVEL] | check | --help | --version'
+usage='usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | check | --help | --version'
 run "$ZNCD" --version
 check 'the version is one line' grep -qx 'zncd [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 run "$ZNCD" --help
@@ -123,7 +123,7 @@ for words in '--log-level' '--log-level loud' '--foreground check' 'check --fore
 done
 run "$ZNCD" check
 check 'check finds all that is needed here' test "$status/$err" = 0/
-check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 11
+check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 12
 check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
@@ -180,5 +180,30 @@ check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: .*/nobo
     "$work/zncd.log"
 stop_daemon
 check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"
+
+make_bundle "$work/urgent" /bin/sleep "$mark"
+sed -i '1s/{/{"zarnel": {"rtp": {"rtpPriority": "0"}}, /' "$work/urgent/config.json"
+# nice_values: of a container's program that asks for the most urgent priority, and of one that does not.
+nice_values() {
+    local bundle
+    for bundle in urgent loop; do
+        zncctl create web "$work/$bundle" && zncctl start web >/dev/null && eventually program_lives
+        ps -o ni= -p "$(pgrep -fx "/bin/sleep $mark")" | tr -d ' '
+        zncctl delete --force --quiet web
+    done
+}
+start_daemon
+check 'without the option nothing is urgent' test "$(nice_values | tr '\n' ' ')" = '0 0 '
+zncctl create again "$work/urgent"
+zncctl create once-more "$work/urgent"
+stop_daemon
+check 'which is said once' test "$(grep -c 'asks for the urgent priority 0 and gets the normal one' \
+    "$work/zncd.log")" = 1
+check 'with the container and the option' grep -q '^zncd: warning: container web .* --allow-urgent$' \
+    "$work/zncd.log"
+start_daemon --allow-urgent
+check 'with it only what asks for it is' test "$(nice_values | tr '\n' ' ')" = '-20 0 '
+stop_daemon
+check 'and nothing is said' not grep -q urgent "$work/zncd.log"
 
 finish

@@ -70,7 +70,7 @@ not() { ! "$@"; }
 alive() { zncctl ping >/dev/null 2>&1; }
 
 start_daemon() {
-    "$ZNCD" >"$work/zncd.log" 2>&1 </dev/null &
+    "$ZNCD" "$@" >"$work/zncd.log" 2>&1 </dev/null &
     daemon=$!
     eventually alive || { printf 'the daemon does not answer:\n' && cat "$work/zncd.log"; }
 }
