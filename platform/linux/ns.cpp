@@ -42,6 +42,7 @@ struct Namespace {
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
+    bool recorded = false;   // the record of this id is its own
     bool ownsDevice = false; // the root is the container's own overlay device
     char root[kRootPathMax] = {};
     MountEntry* mounts = nullptr;
@@ -125,13 +126,21 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
+// One of this id may be another owner's.
+void remove_record(Namespace& ns)
+{
+    if (ns.recorded)
+        ns_record_remove(ns.id);
+    ns.recorded = false;
+}
+
 // Takes the namespace at `link` off the list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
     NamespacePtr ns(*link);
     *link = ns->next;
-    ns_record_remove(ns->id);
+    remove_record(*ns);
     ns->keeper.kill();
     release_device(*ns);
     if (!ns->keeper.ended(kReapMilliseconds) || !ns->keeper.reap()) {
@@ -212,6 +221,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     std::memcpy(record.root, ns.root, sizeof record.root);
     if (record.startTime == 0 || ns_record_write(ns.id, record) != 0)
         return errno;
+    ns.recorded = true;
     return 0;
 }
 
@@ -418,7 +428,7 @@ STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    ns_record_remove(id);
+    remove_record(*ns);
     release_device(*ns);
     return OK;
 }

@@ -254,6 +254,7 @@ TEST_F(Overlay, AFailedRootTakesTheContainersDeviceAlong)
     EXPECT_EQ(znnsRootfsCreate(taken, "/overlay/web", "web"), ERROR);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_FALSE(fs::exists("/overlay/web"));
+    EXPECT_TRUE(fs::remove("/run/zarnel/ns/" + std::to_string(taken))) << "it is another owner's";
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
