@@ -20,7 +20,8 @@ constexpr long kSchedOther = 0;
 constexpr long kIoPriorityOfProcess = 1;
 constexpr long kTimerSlackNs = 50000; // what the kernel's first process has
 constexpr long kMemoryPolicyDefault = 0;
-constexpr long kKeeper = 1; // its number in the container's process namespace
+constexpr long kSetMemoryMerge = 67; // PR_SET_MEMORY_MERGE, since Linux 6.4
+constexpr long kKeeper = 1;          // its number in the container's process namespace
 constexpr std::size_t kProcessorsMax = 8192;
 
 constexpr unsigned kNullMajor = 1;
@@ -86,9 +87,12 @@ int reset_memory()
     const long personality = sys::call(__NR_personality, 0);
     if (personality < 0)
         return static_cast<int>(-personality);
-    // Kernels without these settings say EINVAL, and then there is nothing to reset.
+    // Kernels without these settings say EINVAL, and then there is nothing to reset; nor is there
+    // for who may not change the last two, since only who may has set them.
     sys::call(__NR_prctl, PR_SET_THP_DISABLE, 0, 0, 0, 0);
     sys::call(__NR_prctl, PR_MCE_KILL, PR_MCE_KILL_CLEAR, 0, 0, 0);
+    sys::call(__NR_prctl, PR_SET_IO_FLUSHER, 0, 0, 0, 0);
+    sys::call(__NR_prctl, kSetMemoryMerge, 0, 0, 0, 0);
     return unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
 }
 
