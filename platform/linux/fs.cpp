@@ -188,6 +188,38 @@ int znFileCreateAt(int dirFd, const char* path, mode_t mode)
     return fd;
 }
 
+STATUS znDirExchange(const char* a, const char* b)
+{
+    if (renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE) == 0)
+        return OK;
+    if (errno != EINVAL && errno != ENOSYS)
+        return ERROR;
+    char aside[PATH_MAX];
+    if (snprintf(aside, sizeof aside, "%s.aside", b) >= static_cast<int>(sizeof aside)) {
+        errno = ENAMETOOLONG;
+        return ERROR;
+    }
+    if (rename(b, aside) != 0)
+        return ERROR;
+    if (rename(a, b) == 0)
+        return rename(aside, a) == 0 ? OK : ERROR;
+    const znc::ErrnoSaver keep;
+    rename(aside, b);
+    return ERROR;
+}
+
+STATUS znFsSync(const char* path)
+{
+    const znc::UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return dir && syncfs(dir.get()) == 0 ? OK : ERROR;
+}
+
+STATUS znDirSync(const char* path)
+{
+    const znc::UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return dir && fsync(dir.get()) == 0 ? OK : ERROR;
+}
+
 int znDirOpenAt(int dirFd, const char* name)
 {
     const int fd = openat(dirFd, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

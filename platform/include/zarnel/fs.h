@@ -63,6 +63,22 @@ int znDirOpenAt(int dirFd, const char* name);
  */
 STATUS znDirMakeSticky(const char* root, const char* path);
 
+/*
+ * Let two directories of one file system change names in one step: whoever looks finds a whole
+ * tree under either name. Where the file system cannot do that, `b` has no name for a moment
+ * instead. OK, or ERROR with the task error number set and both as they were.
+ */
+STATUS znDirExchange(const char* a, const char* b);
+
+/*
+ * Have everything on the medium that was written to the file system of the directory `path`.
+ * Blocks until it is. OK, or ERROR with the number of a write that failed.
+ */
+STATUS znFsSync(const char* path);
+
+/* Have the names in the directory `path` on the medium: what was made, renamed, removed in it. */
+STATUS znDirSync(const char* path);
+
 /* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);
 
