@@ -189,9 +189,14 @@ static int mount_stack(int target, const char* const* dirs, std::uint32_t count,
     if (overlay_mount_by_fd(target, fds, count, upper.upper(), upper.work()) == 0)
         return 0;
     // Kernels that take no descriptors say EINVAL; so may a stack that none would take, which the
-    // classic call then refuses again.
-    return errno == EINVAL ? overlay_mount_classic(target, fds, count, upper.upper(), upper.work())
-                           : -1;
+    // classic call then refuses again, or cannot even be asked for: its options are one page.
+    if (errno != EINVAL)
+        return -1;
+    if (overlay_mount_classic(target, fds, count, upper.upper(), upper.work()) == 0)
+        return 0;
+    if (errno == ENAMETOOLONG)
+        errno = EINVAL;
+    return -1;
 }
 
 int overlay_mount(int target, const char* const* dirs, std::uint32_t count, bool hasUpper)
