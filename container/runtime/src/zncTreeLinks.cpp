@@ -203,6 +203,11 @@ bool empty_top(const char* dir, znc::UniqueFd top)
 
 STATUS znc::delete_foreign_tree(const char* dir)
 {
+    // The last step has a path buffer: what does not fit must not lose its content before.
+    if (dir != nullptr && strnlen(dir, kPathMax) == kPathMax) {
+        errno = ENAMETOOLONG;
+        return ERROR;
+    }
     znc::UniqueFd top(dir != nullptr ? open(dir, kTopFlags) : -1);
     if (top ? !empty_top(dir, std::move(top))
             : dir != nullptr && errno != ENOENT && errno != ENOTDIR)
