@@ -342,49 +342,122 @@ TEST_F(Unpack, AFlattenedTreeIsExtractedAgainAlsoWhenItHoldsLinks)
     EXPECT_EQ(layout::read_file(outside / "precious"), "kept");
 }
 
-// What a container may do to a tree that is its root while the tree is flattened again.
-TEST_F(Unpack, ALinkThatComesIntoADirectorysPlaceIsNotFollowed)
+// Whoever uses it as his lower directory keeps it.
+TEST_F(Unpack, AFlattenedTreeThatNobodyChangedStaysWhenItsImageIsFlattenedAgain)
 {
-    const layout::TempDir outside;
-    fs::create_symlink("target", outside / "link");
     add({bottom_, top_});
     ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
-    const fs::path dir = fs::path(root_of(bundle_)) / "swapped";
-    fs::create_directory(dir);
-    bool swapped = false;
-    before_openat = [&](const std::string& name) {
-        if (name != "swapped" || swapped)
-            return;
-        swapped = true;
-        fs::remove(dir);
-        fs::create_directory_symlink(outside.path(), dir);
-    };
-    EXPECT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), ERROR);
-    before_openat = nullptr;
-    EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_TRUE(swapped);
-    EXPECT_TRUE(fs::is_symlink(fs::symlink_status(outside / "link")));
+    const std::string root = root_of(bundle_);
+    struct stat before = {};
+    struct stat after = {};
+    ASSERT_EQ(::stat(root.c_str(), &before), 0);
+    ASSERT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), OK) << errno;
+    ASSERT_EQ(::stat(root.c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(names_in(flattened_), (std::set<std::string>{chain_of({bottom_, top_})}));
 }
 
-TEST_F(Unpack, LinksDeeperThanAnyMemberStay)
+TEST_F(Unpack, AFlattenedTreeThatWasChangedIsExchangedAndSetAsideAsItWas)
 {
     add({bottom_, top_});
     ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
-    const fs::path here = fs::current_path();
-    fs::current_path(root_of(bundle_));
-    for (int level = 0; level < 700; ++level) {
-        ASSERT_TRUE(fs::create_directory("x"));
-        ASSERT_EQ(::symlink("target", "link"), 0);
-        fs::current_path("x");
-    }
-    ASSERT_EQ(::symlink("target", "link"), 0);
+    const std::string root = root_of(bundle_);
+    const znc::UniqueFd user(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    layout::write_file(root + "/high", "changed");
+    ASSERT_EQ(::symlink("/", (root + "/link").c_str()), 0);
+    ASSERT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), OK) << errno;
+    EXPECT_EQ(names_in(root), (std::set<std::string>{"d", "both", "high"}));
+    EXPECT_EQ(layout::read_file(root + "/high"), "high");
+    const std::string aside = "/proc/self/fd/" + std::to_string(user.get());
+    EXPECT_EQ(names_in(aside + "/"), (std::set<std::string>{"d", "both", "high", "link"}));
+    EXPECT_EQ(layout::read_file(aside + "/high"), "changed");
+    EXPECT_EQ(names_in(flattened_).size(), 2U);
+}
+
+TEST_F(Unpack, AFlattenThatFailsLeavesTheTreeThereIsAlone)
+{
+    const std::string below = tar({layout::symlink("link", "d"), {"file", "low"}});
+    add({below, top_});
+    ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
+    const std::string root = root_of(bundle_);
+    fs::remove(layout_.blob("sha256:" + hex_of(top_)));
+    before_openat = [&](const std::string& name) {
+        if (name == "file") // in the second run, after everything was verified
+            layout::write_file(layout_.blob("sha256:" + hex_of(top_)), "no archive");
+    };
+    layout::write_file(layout_.blob("sha256:" + hex_of(top_)), top_);
+    EXPECT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), ERROR);
+    before_openat = nullptr;
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_EQ(fs::read_symlink(root + "/link"), "d");
+    EXPECT_EQ(names_in(root), (std::set<std::string>{"link", "file", "both", "high"}));
+    EXPECT_EQ(names_in(flattened_).size(), 1U);
+}
+
+TEST_F(Unpack, AnImageWithTheSameDiffIdsAndOtherLayersIsRefusedAndChangesNothing)
+{
+    add({bottom_, top_}, "one");
+    Image other;
+    other.name = "two";
+    other.layers = {bottom_, layout::gzip(tar({{"high", "another's"}}))};
+    other.diff_ids = {"sha256:" + hex_of(bottom_), "sha256:" + hex_of(top_)};
+    layout_.add(other);
+    ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN, nullptr, "one"), OK) << errno;
+    const std::string root = root_of(bundle_);
+    EXPECT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN, nullptr, "two"), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(fs::exists(bundle_ + "2"));
+    EXPECT_EQ(layout::read_file(root + "/high"), "high");
+    EXPECT_EQ(names_in(flattened_).size(), 1U);
+}
+
+TEST_F(Unpack, ATreeOfUnknownOriginIsTakenOnlyWhenItHoldsTheSame)
+{
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
+    const std::string root = root_of(bundle_);
+    fs::remove_all(base_ + "/records");
     EXPECT_EQ(unpack(bundle_ + "2", ZNC_OPT_FLATTEN), OK) << errno;
-    EXPECT_TRUE(fs::is_symlink(fs::symlink_status("link")));
-    fs::current_path(root_of(bundle_));
-    EXPECT_FALSE(fs::exists(fs::symlink_status("link")));
-    EXPECT_FALSE(fs::exists(fs::symlink_status("x/x/x/link")));
-    fs::current_path(here);
-    EXPECT_EQ(zncImageBundleDelete(root_of(bundle_).c_str()), OK);
+    fs::remove_all(base_ + "/records");
+    layout::write_file(root + "/high", "changed");
+    EXPECT_EQ(unpack(bundle_ + "3", ZNC_OPT_FLATTEN), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(layout::read_file(root + "/high"), "changed");
+}
+
+// The device of the first one may be gone, after a restart of the machine for example.
+TEST_F(Unpack, AStackOfOtherLayersUnderTheNameThatABundleUsesIsRefused)
+{
+    add({bottom_, top_}, "one");
+    Image other;
+    other.name = "two";
+    other.layers = {bottom_, layout::gzip(tar({{"high", "another's"}}))};
+    other.diff_ids = {"sha256:" + hex_of(bottom_), "sha256:" + hex_of(top_)};
+    layout_.add(other);
+    ASSERT_EQ(unpack(bundle_, 0, nullptr, "one"), OK) << errno;
+    const std::string device = root_of(bundle_);
+    ASSERT_EQ(zncRemoveOvlRootfsDev(device.c_str()), OK);
+    EXPECT_EQ(unpack(bundle_ + "2", 0, nullptr, "two"), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(fake::devices().contains(device));
+    ASSERT_EQ(unpack(bundle_ + "3", 0, nullptr, "one"), OK) << errno;
+    ASSERT_EQ(zncRemoveOvlRootfsDev(device.c_str()), OK);
+    fs::remove_all(bundle_);
+    fs::remove_all(bundle_ + "3");
+    EXPECT_EQ(unpack(bundle_ + "4", 0, nullptr, "two"), OK) << errno;
+}
+
+TEST_F(Unpack, AConfigurationThatCannotBeWrittenLeavesNoDevice)
+{
+    Image image;
+    image.section = ""; // no configuration can be made of it
+    image.layers = {bottom_, top_};
+    layout_.add(image);
+    EXPECT_EQ(unpack(bundle_), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_CONFIG_PARAM_INVALID);
+    EXPECT_EQ(fake::calls_of("znOvlDevCreate").size(), 1U);
+    EXPECT_TRUE(fake::devices().empty());
+    EXPECT_TRUE(names_in(base_ + "/records").empty());
 }
 
 TEST_F(Unpack, AFlattenedPathThatDoesNotFitIsENAMETOOLONG)
@@ -542,6 +615,21 @@ TEST_F(Unpack, BundleDeleteOfNothingFailsWithoutANumber)
     EXPECT_EQ(errno, EIO);
 }
 
+TEST_F(Unpack, BundleDeleteOfAPathTooLongChangesNothing)
+{
+    std::string bundle = dir_.path();
+    while (bundle.size() < znc::kPathMax)
+        bundle += "/" + std::string(200, 'x');
+    fs::create_directories(bundle);
+    const fs::path here = fs::current_path();
+    fs::current_path(bundle);
+    layout::write_file("precious", "kept");
+    EXPECT_EQ(zncImageBundleDelete(bundle.c_str()), ERROR);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(layout::read_file("precious"), "kept");
+    fs::current_path(here);
+}
+
 TEST_F(Unpack, EveryAllocationThatFailsFailsTheUnpackAndLeavesNothing)
 {
     Image image;
@@ -609,6 +697,8 @@ class Steps : public Unpack {
         char* name = image_->manifests[0].manifestLayers[0].layerFileName;
         ASSERT_LT(path.size(), znc::kPathMax);
         path.copy(name, path.size());
+        digest_.reset(cJSON_CreateString(("sha256:" + hex_of(top_)).c_str()));
+        image_->manifests[0].manifestLayers[0].digest = digest_.get();
     }
     STATUS extract(const std::string& store)
     {
@@ -620,6 +710,7 @@ class Steps : public Unpack {
         repository_ = repository.data();
         return status;
     }
+    CJsonPtr digest_;
     znc::OciImagePtr image_;
     char text_[znc::kPathMax] = {};
     char* list_[1] = {text_};
@@ -838,7 +929,7 @@ TEST_F(Store, TasksOfOneProcessMayUnpackOneImageTogether)
 TEST_F(Store, ALockFileLeftByADeadProcessDoesNotHoldAnybodyUp)
 {
     fs::create_directories(store_);
-    layout::write_file(store_ + "/.lock", "");
+    layout::write_file(base_ + "/.lock", "");
     fs::create_directories(store_ + "/.unpack-000000/d");
     ASSERT_TRUE(unpack_as("b1", "small"));
     expect_store({hex_of(top_)});
@@ -847,7 +938,7 @@ TEST_F(Store, ALockFileLeftByADeadProcessDoesNotHoldAnybodyUp)
 TEST_F(Store, ALinkInTheLocksPlaceIsRefused)
 {
     fs::create_directories(store_);
-    fs::create_symlink(dir_ / "elsewhere", store_ + "/.lock");
+    fs::create_symlink(dir_ / "elsewhere", base_ + "/.lock");
     EXPECT_FALSE(unpack_as("b1", "small"));
     EXPECT_FALSE(fs::exists(dir_ / "elsewhere"));
 }

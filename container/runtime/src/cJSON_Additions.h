@@ -1,5 +1,5 @@
 /*
- * cJSON_Additions.h - four functions beside cJSON: whole files, and numbers as integers.
+ * cJSON_Additions.h - functions beside cJSON: whole files, and numbers as integers.
  * Used by the bundle configuration, the image reader and the message layer.
  */
 #ifndef CJSON_ADDITIONS_H
@@ -21,9 +21,13 @@ extern "C" {
  */
 cJSON* cJSON_load_from_file(const char* path);
 
+/* The same of a document in memory, `len` bytes at `text`, the byte behind which is a NUL. */
+cJSON* cJSON_parse_whole(const char* text, size_t len);
+
 /*
  * Print a tree, formatted, into the file `path`, created with the permission bits `mode`; a file of
- * that name is replaced. 0, or -1 with the task error number set; no partial file stays.
+ * that name is replaced. It is on the medium when this returns. 0, or -1 with the task error number
+ * set; no partial file stays.
  */
 int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode);
 

@@ -1,6 +1,7 @@
 // gzlib.cpp
 #include "gzlib.hpp"
 
+#include "zncBlob.hpp"
 #include "zncOwned.hpp"
 #include "zncProgress.hpp"
 
@@ -21,10 +22,12 @@ using GzPtr = std::unique_ptr<gzFile_s, GzCloser>;
 // trailer's length field (or, when that is split between two buffers, the checksum before it).
 ssize_t fill_source(gzFile_s& file)
 {
-    const ssize_t n = read(file.fd, file.source, znc::kGzSourceSize);
+    const ssize_t n = file.blob != nullptr ? file.blob->read(file.source, znc::kGzSourceSize)
+                                           : read(file.fd, file.source, znc::kGzSourceSize);
     if (n < 0)
         return n;
-    znc::progress_read(file.fd);
+    if (file.blob == nullptr) // which tells by itself
+        znc::progress_read(file.fd);
     const auto got = static_cast<std::size_t>(n);
     file.slen -= std::min(got, file.slen);
     const std::size_t kept = file.slen <= znc::kGzTrailerLen ? znc::kGzTrailerLen : 0;
@@ -37,7 +40,10 @@ bool read_trailer(gzFile_s& file)
 {
     unsigned char raw[znc::kGzTrailerLen];
     const auto at = static_cast<off_t>(file.slen - sizeof raw);
-    if (lseek(file.fd, at, SEEK_SET) < 0 || read(file.fd, raw, sizeof raw) != sizeof raw)
+    const bool got = file.blob != nullptr ? file.blob->read_tail(raw, sizeof raw)
+                                          : lseek(file.fd, at, SEEK_SET) >= 0 &&
+                                                read(file.fd, raw, sizeof raw) == sizeof raw;
+    if (!got)
         return false;
     file.outlen = std::size_t{raw[0]} | std::size_t{raw[1]} << 8 | std::size_t{raw[2]} << 16 |
                   std::size_t{raw[3]} << 24;
@@ -46,7 +52,8 @@ bool read_trailer(gzFile_s& file)
 
 bool open_file(gzFile_s& file, const char* name)
 {
-    file.fd = open(name, O_RDONLY | O_CLOEXEC);
+    if (file.blob == nullptr)
+        file.fd = open(name, O_RDONLY | O_CLOEXEC);
     struct stat st;
     if (file.fd < 0 || fstat(file.fd, &st) != 0 || st.st_size < off_t{znc::kGzTrailerLen})
         return false;
@@ -63,10 +70,24 @@ bool start_stream(gzFile_s& file)
     if (file.dict == nullptr)
         return false;
     uzlib_uncompress_init(&file.d, file.dict, znc::kGzDictSize);
-    if (lseek(file.fd, 0, SEEK_SET) < 0 || fill_source(file) < 0)
+    if ((file.blob == nullptr && lseek(file.fd, 0, SEEK_SET) < 0) || fill_source(file) < 0)
         return false;
     file.d.source_read_cb = ugzreadCallback;
     return uzlib_gzip_parse_header(&file.d) == TINF_OK;
+}
+
+// The file `name`, or `blob` where there is one.
+gzFile open_stream(const char* name, znc::BlobReader* blob)
+{
+    GzPtr file(znc::malloc_zeroed<gzFile_s>().release());
+    if (file == nullptr)
+        return nullptr;
+    file->blob = blob;
+    file->fd = blob != nullptr ? blob->fd() : -1;
+    if (!open_file(*file, name) || !start_stream(*file))
+        return nullptr;
+    file->outOffset = 0;
+    return file.release();
 }
 
 } // namespace
@@ -74,16 +95,13 @@ bool start_stream(gzFile_s& file)
 gzFile ugzopen(const char* fileName, const char* mode)
 {
     uzlib_init();
-    if (fileName == nullptr || mode == nullptr)
-        return nullptr;
-    GzPtr file(znc::malloc_zeroed<gzFile_s>().release());
-    if (file == nullptr)
-        return nullptr;
-    file->fd = -1;
-    if (!open_file(*file, fileName) || !start_stream(*file))
-        return nullptr;
-    file->outOffset = 0;
-    return file.release();
+    return fileName != nullptr && mode != nullptr ? open_stream(fileName, nullptr) : nullptr;
+}
+
+gzFile znc::gz_open(BlobReader& blob)
+{
+    uzlib_init();
+    return open_stream(nullptr, &blob);
 }
 
 int ugzreadCallback(uzlib_uncomp* uncomp)
@@ -122,6 +140,6 @@ int ugzclose(gzFile file)
     const znc::MallocPtr<gzFile_s> record(file);
     const znc::MallocPtr<unsigned char[]> source(file->source);
     const znc::MallocPtr<unsigned char[]> dict(file->dict);
-    const znc::UniqueFd fd(file->fd);
+    const znc::UniqueFd fd(file->blob != nullptr ? -1 : file->fd);
     return 0;
 }

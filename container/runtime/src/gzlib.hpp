@@ -12,6 +12,10 @@
 
 #include <cstddef>
 
+namespace znc {
+class BlobReader;
+}
+
 struct gzFile_s {
     uzlib_uncomp d; // first: a pointer to the inflater state is a pointer to the file
     int fd;
@@ -21,6 +25,8 @@ struct gzFile_s {
     std::size_t outlen;    // uncompressed bytes not yet delivered
     unsigned char* dict;   // history window
     std::size_t dictLen;   // 0
+
+    znc::BlobReader* blob; // null: read from fd; else from this, and fd is borrowed from it
 };
 
 // The refill: a new buffer of input, its first byte as the result; -1 at the end.
@@ -31,6 +37,10 @@ namespace znc {
 inline constexpr std::size_t kGzSourceSize = 4096;
 inline constexpr unsigned int kGzDictSize = 32768;
 inline constexpr std::size_t kGzTrailerLen = 4; // the length field, withheld from the inflater
+// ugzopen for an archive that is hashed as it is read, from its beginning. It must outlive the
+// file.
+gzFile gz_open(BlobReader& blob);
+
 // Stands where the inflater produced nothing. No block of it is a header or the end of an archive.
 inline constexpr unsigned char kGzNothing = 0xff;
 

@@ -1,9 +1,10 @@
 // zncDigest.cpp - see zncDigest.hpp.
 #include "zncDigest.hpp"
 
-#include <array>
+#include "zncFile.hpp"
 
-#include <fcntl.h>
+#include <array>
+#include <cstring>
 
 #include <mbedtls/sha256.h>
 #include <mbedtls/sha512.h>
@@ -90,9 +91,9 @@ template <class Hash> bool hash_file(Hash& hash, int fd, off_t size)
 }
 
 // Two characters per byte, in whatever case.
-template <std::size_t N> void parse_hex(std::array<unsigned char, N>& out, const char* text)
+void parse_hex(unsigned char* out, std::size_t len, const char* text)
 {
-    for (std::size_t i = 0; i < N; ++i) {
+    for (std::size_t i = 0; i < len; ++i) {
         const char pair[3] = {text[2 * i], text[2 * i + 1], '\0'};
         out[i] = static_cast<unsigned char>(::strtoul(pair, nullptr, 16));
     }
@@ -104,7 +105,7 @@ template <class Hash> STATUS validate(const char* file_name, const char* digest)
     if (file_name == nullptr || digest == nullptr || ::strnlen(digest, digits) != digits)
         return ERROR;
     struct stat st = {};
-    const znc::UniqueFd fd = znc::open_blob(file_name, &st);
+    const znc::UniqueFd fd = znc::open_regular(file_name, &st);
     if (!fd)
         return ERROR;
     Hash hash;
@@ -112,21 +113,92 @@ template <class Hash> STATUS validate(const char* file_name, const char* digest)
     std::array<unsigned char, Hash::kLen> want = {};
     if (!hash_file(hash, fd.get(), st.st_size) || !hash.finish(have.data()))
         return ERROR;
-    parse_hex(want, digest);
+    parse_hex(want.data(), want.size(), digest);
     return have == want ? OK : ERROR;
 }
 
 } // namespace
 
-znc::UniqueFd znc::open_blob(const char* path, struct stat* st)
+// Both algorithms' contexts: one is used.
+struct znc::RunningDigest::State {
+    mbedtls_sha256_context narrow;
+    mbedtls_sha512_context wide;
+    bool isWide;
+    bool good;
+    std::array<unsigned char, kSha512Len> want;
+};
+
+void znc::RunningDigest::StateDeleter::operator()(State* state) const noexcept
 {
-    if (::stat(path, st) != 0 || !S_ISREG(st->st_mode))
-        return {};
-    // Not blocking: a FIFO that has come into its place must not hold the caller up.
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (fd && (::fstat(fd.get(), st) != 0 || !S_ISREG(st->st_mode)))
-        fd.reset();
-    return fd;
+    const MallocPtr<State> memory(state);
+    mbedtls_sha256_free(&state->narrow);
+    mbedtls_sha512_free(&state->wide);
+}
+
+const char* znc::digest_digits(const char* digest, char (&buffer)[kDigestTextMax], bool* wide)
+{
+    // A digest is one name in a directory. With a separator in it, a file that was checked under
+    // one digest would be kept under another.
+    if (digest == nullptr || std::strchr(digest, '/') != nullptr)
+        return nullptr;
+    (void)copy_end(buffer, buffer + sizeof buffer, digest);
+    char* rest = nullptr;
+    const char* const algorithm = ::strtok_r(buffer, ":", &rest);
+    const char* const digits = algorithm != nullptr ? ::strtok_r(nullptr, ":", &rest) : nullptr;
+    if (digits == nullptr)
+        return nullptr;
+    *wide = std::strcmp(algorithm, "sha512") == 0;
+    return *wide || std::strcmp(algorithm, "sha256") == 0 ? digits : nullptr;
+}
+
+bool znc::RunningDigest::start(const char* digest)
+{
+    state_.reset();
+    char buffer[kDigestTextMax];
+    bool wide = false;
+    const char* const digits = digest_digits(digest, buffer, &wide);
+    const std::size_t len = wide ? kSha512Len : kSha256Len;
+    if (digits == nullptr || ::strnlen(digits, 2 * len) != 2 * len)
+        return false;
+    state_.reset(malloc_zeroed<State>().release());
+    if (!state_)
+        return false;
+    mbedtls_sha256_init(&state_->narrow);
+    mbedtls_sha512_init(&state_->wide);
+    parse_hex(state_->want.data(), len, digits);
+    state_->isWide = wide;
+    state_->good = wide ? mbedtls_sha512_starts(&state_->wide, 0) == 0
+                        : mbedtls_sha256_starts(&state_->narrow, 0) == 0;
+    return state_->good;
+}
+
+void znc::RunningDigest::update(const void* data, std::size_t len) noexcept
+{
+    if (!state_ || !state_->good)
+        return;
+    const auto* const bytes = static_cast<const unsigned char*>(data);
+    state_->good = state_->isWide ? mbedtls_sha512_update(&state_->wide, bytes, len) == 0
+                                  : mbedtls_sha256_update(&state_->narrow, bytes, len) == 0;
+}
+
+bool znc::RunningDigest::matches() noexcept
+{
+    if (!state_ || !state_->good)
+        return false;
+    state_->good = false; // it ends here
+    std::array<unsigned char, kSha512Len> have = {};
+    const int failed = state_->isWide ? mbedtls_sha512_finish(&state_->wide, have.data())
+                                      : mbedtls_sha256_finish(&state_->narrow, have.data());
+    return failed == 0 && have == state_->want;
+}
+
+bool znc::has_digest(const void* data, std::size_t len, const char* digest)
+{
+    RunningDigest hash;
+    if (!hash.start(digest))
+        return false;
+    hash.update(data, len);
+    return hash.matches();
 }
 
 bool znc::chain_digest(std::uint8_t (&chain)[kSha256Len], std::string_view prefix,

@@ -1,6 +1,6 @@
-// zncDigest.hpp - SHA-256 and SHA-512: files against the digests that name them, and the chain
-// identifier of a stack of layers. Used by the image reader only. All calls of Mbed TLS are in
-// zncDigest.cpp. Left out: splitting a digest into algorithm and value (zncImageLib_validate.cpp).
+// zncDigest.hpp - SHA-256 and SHA-512: files and documents against the digests that name them, and
+// the chain identifier of a stack of layers. Used by the image reader and the store. All calls of
+// Mbed TLS are in zncDigest.cpp.
 #ifndef ZNCDIGEST_HPP
 #define ZNCDIGEST_HPP
 
@@ -10,16 +10,40 @@
 #include <cstdint>
 #include <string_view>
 
-#include <sys/stat.h>
-
 namespace znc {
 
 inline constexpr std::size_t kSha256Len = 32;
 inline constexpr std::size_t kSha512Len = 64;
 
-// Opens the regular file `path` for reading and gives its status. Anything else is not opened: a
-// layout may hold links to devices, and some of those act on being opened.
-[[nodiscard]] UniqueFd open_blob(const char* path, struct stat* st);
+inline constexpr std::size_t kDigestTextMax = 256; // characters of a digest that are looked at
+
+// Cuts a digest as an image writes it into its algorithm and its digits, which end at the next
+// colon. Null: it is none of SHA-256 or SHA-512, for which `wide` is set.
+const char* digest_digits(const char* digest, char (&buffer)[kDigestTextMax], bool* wide);
+
+// A digest that is being computed and the one that it is to be.
+class RunningDigest {
+  public:
+    RunningDigest() = default;
+
+    // Begins again, for a digest as an image writes it ("sha256:" or "sha512:" and its digits, in
+    // whatever case; characters behind them do not count). False: it is none, or memory is short
+    // (ENOMEM).
+    [[nodiscard]] bool start(const char* digest);
+    void update(const void* data, std::size_t len) noexcept;
+    // Ends the computation: whether everything since start() has the digest.
+    [[nodiscard]] bool matches() noexcept;
+
+  private:
+    struct State;
+    struct StateDeleter {
+        void operator()(State* state) const noexcept;
+    };
+    std::unique_ptr<State, StateDeleter> state_;
+};
+
+// Whether the bytes in memory have the digest.
+[[nodiscard]] bool has_digest(const void* data, std::size_t len, const char* digest);
 
 // One step of the chain: `chain` becomes the SHA-256 of `prefix` (empty, or the chain so far)
 // followed by the characters of `hex`. False if it cannot be computed.

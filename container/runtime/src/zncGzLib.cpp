@@ -1,6 +1,7 @@
 // zncGzLib.cpp
 #include "zncGzLib.hpp"
 
+#include "gzlib.hpp"
 #include "zncOwned.hpp"
 
 ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes)
@@ -12,19 +13,28 @@ ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes)
     return n < 0 ? 0 : n;
 }
 
-GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName)
+// `open` gives the file.
+template <class Open> static GZ_ARCHIVE* create_archive(Open open)
 {
-    if (fileName == nullptr)
-        return nullptr;
     std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> archive(
         znc::malloc_zeroed<GZ_ARCHIVE>().release());
     if (archive == nullptr)
         return nullptr;
-    archive->file = ugzopen(fileName, "rb");
+    archive->file = open();
     if (archive->file == nullptr)
         return nullptr;
     archive->tc.read = zncGzRead;
     return archive.release();
+}
+
+GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName)
+{
+    return fileName != nullptr ? create_archive([&] { return ugzopen(fileName, "rb"); }) : nullptr;
+}
+
+GZ_ARCHIVE* znc::gz_archive_create(BlobReader& blob)
+{
+    return create_archive([&] { return gz_open(blob); });
 }
 
 void zncGzArchiveDelete(void* handle)

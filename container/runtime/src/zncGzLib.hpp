@@ -17,6 +17,11 @@ ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes);
 
 namespace znc {
 
+class BlobReader;
+
+// zncGzArchiveCreate for an archive that is hashed as it is read. It must outlive the archive.
+GZ_ARCHIVE* gz_archive_create(BlobReader& blob);
+
 struct GzArchiveDeleter {
     void operator()(GZ_ARCHIVE* archive) const noexcept { zncGzArchiveDelete(archive); }
 };

@@ -2,12 +2,10 @@
 // root filesystem, and "config.json". Runs in the caller's process; nothing is kept between calls.
 #include "zncImageLib.hpp"
 
-#include "cJSON_Additions.h"
 #include "zarnel/fs.h"
-#include "zncProgress.hpp"
-#include "zncStoreAhead.hpp"
+#include "zncStoreTree.hpp"
 #include "zncTreeLinks.hpp"
-#include "zncWorkAhead.hpp"
+#include "zncUnpackStore.hpp"
 
 #include <cstring>
 #include <string_view>
@@ -21,10 +19,6 @@ using znc::fail;
 namespace {
 
 constexpr char kOverlayDir[] = "/overlay/";
-constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of layers that are worth a helper task
-// A member's path has fewer than kPathMax characters: what lies deeper is in no member's way.
-constexpr std::size_t kMemberLevels = znc::kPathMax / 2;
-constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // `first` and `second` into a path buffer; false when they do not fit.
 bool compose(char* path, const char* first, const char* second)
@@ -53,62 +47,63 @@ class LayerPaths {
     znc::MallocPtr<char[]> text_;
 };
 
-STATUS layered_root(OCI_IMAGE* image, char* root, const LayerPaths& layers, std::size_t count)
+// The layers that the store keeps for an image, by name; those of a tree the bottom one first.
+bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
+{
+    bool added = true;
+    for (int i = 0; added && i < manifest.manifestLayersCount; ++i)
+        added = names->add(znc::last_component(manifest.manifestLayers[i].layerFileName));
+    return added;
+}
+
+// From here on whoever collects the store knows that the bundle needs its root and these layers. A
+// record is of no use before the bundle has its configuration, and is needed from then on.
+STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
+                     const znc::TextList& layers)
+{
+    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers) : OK;
+}
+
+STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const LayerPaths& layers,
+                    std::size_t count)
 {
     const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_LAYER_PATH);
-    if (len == 0 || zncImageExtractLayersEx(image, root, len, layers.get()) != OK)
+    const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
+    znc::TextList names;
+    if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
+        !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;
+    const std::string_view base = znc::store_base({area.get(), len});
     if (count < 2)
-        return compose(root, layers.get()[0], "") ? OK : fail(ENAMETOOLONG);
+        return compose(root, layers.get()[0], "") ? record_bundle(image, bundle, root, base, names)
+                                                  : fail(ENAMETOOLONG);
+    // Before there is a device: one that nobody remembered would stay for ever.
+    char chain[znc::kChainIdTextLen];
+    if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
+        record_bundle(image, bundle, root, base, names) != OK)
+        return ERROR;
     return zncCreateOciStRootfs(image, root, const_cast<const char**>(layers.get()),
                                 static_cast<std::uint32_t>(count));
 }
 
-bool remove_links(znc::UniqueFd fd, std::size_t level);
-
-// A link goes, a directory is searched, anything else stays.
-bool remove_links_at(int dir, const char* name, std::size_t level)
+// Extracts the layers beside the tree `root` of the chain, whose directory is `area`, and gives the
+// result its name.
+STATUS flatten(OCI_IMAGE* image, std::string_view area, const char* root,
+               const znc::TextList& layers)
 {
-    struct stat st = {};
-    if (::fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT;
-    if (S_ISLNK(st.st_mode))
-        return ::unlinkat(dir, name, 0) == 0 || errno == ENOENT;
-    if (!S_ISDIR(st.st_mode) || level == kMemberLevels)
-        return true;
-    return remove_links(znc::UniqueFd(::openat(dir, name, kDirFlags)), level + 1);
+    bool is_new = false;
+    if (znc::claim_tree(znc::store_base(area), znc::last_component(root), layers, &is_new) != OK)
+        return ERROR;
+    const bool unknown = is_new && exists(root);
+    znc::LayerStage stage;
+    if (stage.make(area) != OK || zncImageExtractLayers(image, stage.path()) != OK ||
+        znFsSync(stage.path()) != OK || znc::place_tree(stage, root, unknown) != OK)
+        return ERROR;
+    const znc::PathText dir = znc::path_in(area, "");
+    return dir ? znDirSync(dir.get()) : ERROR;
 }
 
-// Removes the links of an earlier extraction of the same layers: extracting them again would fail
-// on them, since a link, other than a file, is never overwritten. By descriptors, and not by paths:
-// a container whose root the tree is may put links to the host's directories into the way.
-bool remove_links(znc::UniqueFd fd, std::size_t level)
-{
-    const znc::UniqueDir stream(fd ? ::fdopendir(fd.get()) : nullptr);
-    if (!stream)
-        return false;
-    (void)fd.release(); // the stream's now
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(stream.get());
-        if (entry == nullptr)
-            return errno == 0;
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != ".." &&
-            !remove_links_at(::dirfd(stream.get()), entry->d_name, level))
-            return false;
-    }
-}
-
-// The directory `root`, without links when it is there already.
-bool prepare_flattened(const char* root)
-{
-    if (!exists(root))
-        return znMkdirParents(root, 0700) == OK;
-    return remove_links(znc::UniqueFd(::open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC)), 0);
-}
-
-STATUS flattened_root(OCI_IMAGE* image, char* root)
+STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
 {
     const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_FLATTENED_PATH);
     char chain[znc::kChainIdTextLen];
@@ -117,7 +112,14 @@ STATUS flattened_root(OCI_IMAGE* image, char* root)
     char* const end = root + znc::kPathMax;
     if (znc::copy_end(root + len, end, chain) == end)
         return fail(ENAMETOOLONG);
-    return prepare_flattened(root) ? zncImageExtractLayers(image, root) : ERROR;
+    znc::StoreLock own;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    const std::string_view area(root, len - 1);
+    znc::TextList layers;
+    if (!layer_names(*znc::chosen_manifest(image), &layers) ||
+        lock.take(znc::store_base(area)) != OK || flatten(image, area, root, layers) != OK)
+        return ERROR;
+    return record_bundle(image, bundle, root, znc::store_base(area), znc::TextList());
 }
 
 STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
@@ -127,6 +129,20 @@ STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
     if (zncImageExtractLayers(image, root) != OK)
         return ERROR;
     return compose(root, "rootfs", "") ? OK : ERROR;
+}
+
+// The configuration comes last: once it is there, the bundle is whole and on the medium.
+STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* root, char* path)
+{
+    if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
+        return ERROR;
+    errno = 0; // a path too long has no number here
+    if (!compose(path, bundle, "/config.json") ||
+        zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
+        return ERROR;
+    if (image->store != nullptr)
+        image->store->record.keep();
+    return OK;
 }
 
 // What is in a bundle directory. `path` is a buffer to work in.
@@ -139,66 +155,14 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     const znc::MallocPtr<char> root(zncCreateOciRootfs(image, bundle, type));
     if (!root)
         return ERROR;
-    errno = 0; // a path too long has no number here
-    if (!compose(path, bundle, "/config.json"))
-        return ERROR;
-    return zncCreateOciBundleConfig(image, path, root.get());
+    if (configure(image, bundle, type, root.get(), path) == OK)
+        return OK;
+    const znc::ErrnoSaver keep;
+    // A device that is there was made just now: making one that exists fails.
+    if (std::string_view(root.get()).starts_with(kOverlayDir))
+        (void)zncRemoveOvlRootfsDev(root.get());
+    return ERROR;
 }
-
-std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
-{
-    return static_cast<std::uint32_t>(manifest.manifestLayersCount);
-}
-
-std::int64_t stored_size(const ZNC_IMAGE_MANIFEST& manifest)
-{
-    std::int64_t bytes = 0; // the sizes are those of files
-    for (int i = 0; i < manifest.manifestLayersCount; ++i)
-        bytes += cJSON_integer64_value(manifest.manifestLayers[i].size);
-    return bytes;
-}
-
-// The store's directory of a layer archive, behind the `baseLen` characters of the store itself.
-STATUS layer_directory(const char* file, char* path, std::size_t baseLen)
-{
-    const char* const end = file + ::strnlen(file, znc::kPathMax);
-    const char* const name = pathCompBackup(file, end);
-    if (name == nullptr)
-        return fail(EINVAL);
-    const auto len = static_cast<std::size_t>(end - name);
-    if (len + baseLen >= znc::kPathMax)
-        return fail(ENAMETOOLONG);
-    std::memcpy(path + baseLen, name, len);
-    path[baseLen + len] = '\0';
-    return OK;
-}
-
-// Filling the store with the layers of an image, the top one first. Each is extracted beside its
-// place and appears complete, so they can be extracted at the same time; those that were when
-// another one fails stay, as those before it do.
-struct StoreJobs {
-    const ZNC_IMAGE_MANIFEST* manifest;
-    const char* base;
-    std::size_t baseLen;
-    znc::StoreAhead* ahead;
-
-    [[nodiscard]] const char* file(std::size_t k) const
-    {
-        const auto last = static_cast<std::size_t>(manifest->manifestLayersCount) - 1;
-        return manifest->manifestLayers[last - k].layerFileName;
-    }
-    static STATUS store(void* self, std::size_t k)
-    {
-        const auto& jobs = *static_cast<StoreJobs*>(self);
-        const auto path = znc::malloc_array<char>(znc::kPathMax);
-        if (!path)
-            return ERROR;
-        std::memcpy(path.get(), jobs.base, jobs.baseLen);
-        return layer_directory(jobs.file(k), path.get(), jobs.baseLen) == OK
-                   ? znc::store_layer(jobs.file(k), path.get(), jobs.baseLen, jobs.ahead)
-                   : ERROR;
-    }
-};
 
 // How many layers an image can have whose layers go into the store.
 std::size_t stored_layers_max(int type)
@@ -252,8 +216,8 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     const znc::OciImagePtr image(zncImageInfoCreate());
     if (!image)
         return ERROR;
-    znc::StoreAhead ahead(os, arch, name, stored_layers_max(type));
-    image->ahead = &ahead;
+    znc::UnpackStore store(os, arch, name, stored_layers_max(type));
+    image->store = &store;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
         return ERROR;
@@ -303,51 +267,12 @@ char* zncCreateOciRootfs(OCI_IMAGE* image, const char* bundleRootfs, int rootfsT
         return nullptr;
     STATUS status = ERROR;
     if (rootfsType == LAYERED_ROOTFS || (rootfsType == FLATTENDED_ROOTFS && count == 1))
-        status = layered_root(image, root.get(), layers, count);
+        status = layered_root(image, bundleRootfs, root.get(), layers, count);
     else if (rootfsType == FLATTENDED_ROOTFS)
-        status = flattened_root(image, root.get());
+        status = flattened_root(image, bundleRootfs, root.get());
     else if (rootfsType == RAW_ROOTFS)
         status = raw_root(image, bundleRootfs, root.get());
     return status == OK ? root.release() : nullptr;
-}
-
-STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size_t pathLen,
-                               char** ppLayerPath)
-{
-    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
-    if (manifest == nullptr)
-        return fail(EINVAL);
-    const std::uint32_t count = layer_total(*manifest);
-    StoreJobs jobs{manifest, repositoryPath, pathLen, image->ahead};
-    znc::WorkAhead work(StoreJobs::store, &jobs, count);
-    if (stored_size(*manifest) >= kWorthwhile)
-        work.start();
-    for (std::uint32_t k = 0; k < count; ++k) {
-        const char* file = jobs.file(k);
-        if (layer_directory(file, repositoryPath, pathLen) != OK)
-            return ERROR;
-        std::memcpy(ppLayerPath[k], repositoryPath, std::strlen(repositoryPath) + 1);
-        znc::LayerProgress progress(file, k, count);
-        if (work.result(k) != OK)
-            return ERROR;
-        progress.complete();
-    }
-    return OK;
-}
-
-STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
-{
-    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
-    if (manifest == nullptr)
-        return fail(EINVAL);
-    for (int i = 0; i < manifest->manifestLayersCount; ++i) {
-        const char* file = manifest->manifestLayers[i].layerFileName;
-        znc::LayerProgress progress(file, static_cast<std::uint32_t>(i), layer_total(*manifest));
-        if (znc::extract_layer(file, rootfsPath) != OK)
-            return ERROR;
-        progress.complete();
-    }
-    return OK;
 }
 
 STATUS zncCreateOciStRootfs(OCI_IMAGE* image, char* rootfsPath, const char** ppLayerPath,

@@ -11,9 +11,10 @@
 #include "zncprotocol.h"
 
 #include <atomic>
+#include <string_view>
 
 namespace znc {
-class StoreAhead;
+struct UnpackStore;
 }
 
 // ------------------------------------------------------------------ records
@@ -28,7 +29,7 @@ struct ZNC_IMAGE_CFG_ROOTFS {
 };
 
 struct ZNC_IMAGE_CONFIG {
-    cJSON* imageConfigJson; // owned
+    cJSON* imageConfigJson; // owned; parsed from the very bytes whose digest was verified
     cJSON* user;            // reserved
     cJSON* architecture;
     cJSON* os;
@@ -58,7 +59,7 @@ struct ZNC_IMAGE_MANIFEST {
     cJSON* os;           // of the index entry's "platform", or null
     cJSON* annotations;  // of the index entry, or null
     char manifestFileName[znc::kPathMax];
-    cJSON* manifestJson; // owned
+    cJSON* manifestJson; // owned; parsed from the very bytes whose digest was verified
     cJSON* schemaVersion;
     int manifestLayersCount;
     ZNC_IMAGE_MANIFEST_CONFIG manifestConfig;
@@ -73,7 +74,7 @@ struct zncImageIndex {
     int manifestsCount;
     int manifestsIndex;            // the chosen manifest, or -1
     ZNC_IMAGE_MANIFEST* manifests; // owned
-    znc::StoreAhead* ahead;        // the unpack's; null: nothing is extracted ahead
+    znc::UnpackStore* store;       // the unpack's; null: nothing is extracted ahead or recorded
 };
 using ZNC_IMAGE_INDEX = zncImageIndex;
 
@@ -95,6 +96,7 @@ STATUS zncImageParse(OCI_IMAGE* image);
 STATUS zncImageParseLayout(const char* imagePath);
 STATUS zncImageParseIndex(OCI_IMAGE* image);
 STATUS zncImageParseManifests(OCI_IMAGE* image);
+// The document of these two has been read, verified and parsed by the one who found it named.
 STATUS zncImageParseManifest(OCI_IMAGE* image, int index);
 STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config);
 STATUS zncImageParseImageConfigRootfs(ZNC_IMAGE_CFG_ROOTFS* rootfs, cJSON* rootfsJson);
@@ -164,16 +166,15 @@ inline bool add(cJSON* object, const char* key, CJsonPtr item)
     return true;
 }
 
-// Extract the archive of a layer into the directory `dir`. An archive that is damaged has no number
-// of its own: the task error number is 0 then, whatever it was before.
-STATUS extract_layer(const char* layerFile, const char* dir,
-                     const std::atomic<bool>* cancel = nullptr);
+// Extract the archive of a layer into the directory `dir`, reading it once:
+// S_zncLib_MANIFEST_INVALID when what was read is not what `digest` names, whatever else happened.
+// `*verified`, where there is one, tells that too. An archive that is damaged has no number of its
+// own: the task error number is 0 then, whatever it was before.
+STATUS extract_layer(const char* layerFile, const char* digest, const char* dir,
+                     const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
 
-// Fill the store directory `layerDir` (`baseLen` characters of which are the store itself) with the
-// layer archive, unless it is there: it appears complete or not at all. `ahead`, where there is
-// one, may have it already. See zncImageLib_store.cpp.
-STATUS store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen,
-                   StoreAhead* ahead);
+// The storage base of the directory of its layers or its flattened trees.
+std::string_view store_base(std::string_view layers);
 
 // The manifest chosen, or null when none is.
 inline ZNC_IMAGE_MANIFEST* chosen_manifest(OCI_IMAGE* image)

@@ -3,7 +3,9 @@
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
-#include "zncStoreAhead.hpp"
+#include "zncFile.hpp"
+#include "zncProgress.hpp"
+#include "zncUnpackStore.hpp"
 #include "zncWorkAhead.hpp"
 
 #include <algorithm>
@@ -33,12 +35,48 @@ template <class Check> bool passes(Check check)
     return check();
 }
 
+// A document of the layout, read once: what is parsed is what was checked.
+class Document {
+  public:
+    // `path` must outlive the object.
+    explicit Document(const char* path) : path_(path)
+    {
+        struct stat st = {};
+        const znc::UniqueFd fd = znc::open_regular(path, &st);
+        if (fd)
+            text_ = znc::read_text(fd.get(), st);
+        tooLarge_ = fd && !text_.bytes && errno == EFBIG;
+    }
+    // One that is too large to be parsed is checked where it is, for the sake of the reason.
+    [[nodiscard]] bool has_size(cJSON* size) const
+    {
+        if (tooLarge_)
+            return validateJsonFileSize(path_, size) == OK;
+        return text_.bytes && static_cast<std::int64_t>(text_.len) == cJSON_integer64_value(size);
+    }
+    [[nodiscard]] bool has_digest(cJSON* digest) const
+    {
+        if (tooLarge_)
+            return validateJsonDigest(path_, digest) == OK;
+        return text_.bytes &&
+               znc::has_digest(text_.bytes.get(), text_.len, cJSON_GetStringValue(digest));
+    }
+    // Null with the task error number set when it is no document.
+    [[nodiscard]] cJSON* parse() const
+    {
+        errno = EINVAL;
+        return text_.bytes ? cJSON_parse_whole(text_.bytes.get(), text_.len) : nullptr;
+    }
+
+  private:
+    const char* path_;
+    znc::FileText text_;
+    bool tooLarge_ = false;
+};
+
 cJSON* load(const char* path)
 {
-    struct stat st = {};
     errno = 0;
-    if (!znc::open_blob(path, &st))
-        return nullptr;
     return cJSON_load_from_file(path);
 }
 
@@ -91,10 +129,13 @@ STATUS parse_entry(OCI_IMAGE& image, int index, cJSON* entry)
         return ERROR;
     if (!exists(file))
         return fail(S_zncLib_MANIFEST_NOT_FOUND);
-    if (!passes([&] {
-            return validateJsonFileSize(file, size) == OK && validateJsonDigest(file, digest) == OK;
-        }))
+    errno = 0;
+    const Document document(file);
+    if (!document.has_size(size) || !document.has_digest(digest))
         return reject(S_zncLib_INDEX_INVALID);
+    manifest.manifestJson = document.parse();
+    if (manifest.manifestJson == nullptr)
+        return reject(S_zncLib_MANIFEST_INVALID);
     manifest.mediaType = media_type;
     manifest.digest = digest;
     manifest.size = size;
@@ -117,11 +158,14 @@ STATUS parse_manifest_config(const char* image_path, ZNC_IMAGE_MANIFEST_CONFIG& 
         return ERROR;
     if (!exists(file))
         return fail(S_zncLib_CONFIG_NOT_FOUND);
-    if (!passes([&] {
-            return validateJsonDigest(file, config.digest) == OK && config.size != nullptr &&
-                   validateJsonFileSize(file, config.size) == OK;
-        }))
+    errno = 0;
+    const Document document(file);
+    if (!document.has_digest(config.digest) || config.size == nullptr ||
+        !document.has_size(config.size))
         return reject(S_zncLib_MANIFEST_INVALID);
+    config.imageConfig.imageConfigJson = document.parse();
+    if (config.imageConfig.imageConfigJson == nullptr)
+        return reject(S_zncLib_CONFIG_INVALID);
     return zncImageParseImageConfig(&config);
 }
 
@@ -139,13 +183,18 @@ bool is_verified(const OCI_IMAGE& image, const ZNC_IMAGE_MANIFEST& manifest, con
 }
 
 // The digests of a manifest's layers. Large ones are computed on all processors; what is reported
-// is the first that is wrong, as ever.
+// is the first that is wrong, as ever. Layers that will be stored are extracted by the same pass.
 class LayerDigests {
   public:
     LayerDigests(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest)
         : image_(image), manifest_(manifest),
-          work_(check, &manifest, static_cast<std::size_t>(manifest.manifestLayersCount))
+          work_(check, this, static_cast<std::size_t>(manifest.manifestLayersCount))
     {
+        if (image.store == nullptr)
+            return;
+        image.store->ahead.prepare(image, manifest);
+        if (image.store->ahead.is_for(manifest))
+            ahead_ = &image.store->ahead;
     }
 
     // Computes ahead what the descriptors in `layers` name, where they name anything.
@@ -167,15 +216,35 @@ class LayerDigests {
 
     STATUS result(std::size_t index)
     {
-        const bool known = is_verified(image_, manifest_, manifest_.manifestLayers[index].digest);
-        return known ? OK : work_.result(index);
+        if (is_verified(image_, manifest_, manifest_.manifestLayers[index].digest))
+            return OK;
+        return ahead_ != nullptr && ahead_->wants(index) ? extracted(index) : work_.result(index);
     }
 
   private:
-    static STATUS check(void* manifest, std::size_t index)
+    // For who listens this is where the layer is extracted.
+    STATUS extracted(std::size_t index)
     {
-        const auto* const layers = static_cast<ZNC_IMAGE_MANIFEST*>(manifest)->manifestLayers;
-        return validateJsonDigest(layers[index].layerFileName, layers[index].digest);
+        const auto count = static_cast<std::uint32_t>(manifest_.manifestLayersCount);
+        znc::LayerProgress progress(manifest_.manifestLayers[index].layerFileName, ahead_->told(),
+                                    count);
+        const STATUS status = work_.result(index, report);
+        if (status == OK && ahead_->was_extracted(index)) {
+            progress.complete();
+            ahead_->tell_one();
+        }
+        return status;
+    }
+    static void report(void* self, std::size_t index)
+    {
+        znc::progress_follow(static_cast<LayerDigests*>(self)->ahead_->position(index));
+    }
+    static STATUS check(void* self, std::size_t index)
+    {
+        const auto& digests = *static_cast<LayerDigests*>(self);
+        const ZNC_IMAGE_MANIFEST_LAYERS& layer = digests.manifest_.manifestLayers[index];
+        return digests.ahead_ != nullptr ? digests.ahead_->verify(index)
+                                         : validateJsonDigest(layer.layerFileName, layer.digest);
     }
     bool prepare(ZNC_IMAGE_MANIFEST_LAYERS& layer, cJSON* digest)
     {
@@ -191,6 +260,7 @@ class LayerDigests {
 
     const OCI_IMAGE& image_;
     ZNC_IMAGE_MANIFEST& manifest_;
+    znc::StoreAhead* ahead_ = nullptr; // where the layers are extracted as they are verified
     znc::WorkAhead work_;
 };
 
@@ -219,8 +289,6 @@ STATUS parse_each_layer(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, co
 {
     LayerDigests digests(image, manifest);
     digests.start(layers);
-    if (image.ahead != nullptr)
-        image.ahead->start(image, manifest);
     std::size_t index = 0;
     for (cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
         if (parse_layer(image.ociPath, manifest.manifestLayers[index], item, digests, index) != OK)
@@ -373,11 +441,8 @@ STATUS zncImageParseManifests(OCI_IMAGE* image)
 STATUS zncImageParseManifest(OCI_IMAGE* image, int index)
 {
     ZNC_IMAGE_MANIFEST& manifest = image->manifests[index];
-    if (!exists(manifest.manifestFileName))
-        return fail(S_zncLib_MANIFEST_NOT_FOUND);
-    manifest.manifestJson = load(manifest.manifestFileName);
     if (manifest.manifestJson == nullptr)
-        return reject(S_zncLib_MANIFEST_INVALID);
+        return fail(S_zncLib_MANIFEST_NOT_FOUND);
     manifest.schemaVersion = cJSON_GetObjectItem(manifest.manifestJson, "schemaVersion");
     cJSON* const config = cJSON_GetObjectItem(manifest.manifestJson, "config");
     if (manifest.schemaVersion == nullptr ||
@@ -395,12 +460,9 @@ STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config)
 {
     if (config == nullptr)
         return ERROR;
-    if (!exists(config->configFileName))
-        return fail(S_zncLib_CONFIG_NOT_FOUND);
     ZNC_IMAGE_CONFIG& image = config->imageConfig;
-    image.imageConfigJson = load(config->configFileName);
     if (image.imageConfigJson == nullptr)
-        return reject(S_zncLib_CONFIG_INVALID);
+        return fail(S_zncLib_CONFIG_NOT_FOUND);
     image.architecture = cJSON_GetObjectItem(image.imageConfigJson, "architecture");
     image.os = cJSON_GetObjectItem(image.imageConfigJson, "os");
     cJSON* const rootfs = cJSON_GetObjectItem(image.imageConfigJson, "rootfs");

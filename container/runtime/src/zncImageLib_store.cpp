@@ -1,34 +1,232 @@
 // zncImageLib_store.cpp - the layer store: one directory per layer, named by the digest of its
 // archive and shared by all images. A layer is extracted under a name of its own and renamed when
-// it is whole (zncLayerStage), so a directory with a layer's name is a layer, whoever was killed
-// when.
+// it is whole, verified and on the medium (zncLayerStage), so a directory with a layer's name is
+// that layer, whoever was killed when.
 #include "zncImageLib.hpp"
 
+#include "cJSON_Additions.h"
+#include "zarnel/fs.h"
+#include "zncBlob.hpp"
 #include "zncLayerStage.hpp"
+#include "zncProgress.hpp"
 #include "zncStoreAhead.hpp"
 #include "zncTarLib.hpp"
+#include "zncUnpackStore.hpp"
+#include "zncWorkAhead.hpp"
 
+#include <cstring>
+#include <new>
 #include <string_view>
 
 #include <sys/stat.h>
 
-STATUS znc::extract_layer(const char* layerFile, const char* dir, const std::atomic<bool>* cancel)
+using znc::fail;
+
+namespace {
+
+constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of layers that are worth a helper task
+
+std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
 {
-    errno = 0;
-    return tar_extract_whole(layerFile, dir, kTarLayerBlocks, cancel);
+    return static_cast<std::uint32_t>(manifest.manifestLayersCount);
 }
 
-STATUS znc::store_layer(const char* layerFile, const char* layerDir, std::size_t baseLen,
-                        StoreAhead* ahead)
+std::int64_t stored_size(const ZNC_IMAGE_MANIFEST& manifest)
+{
+    std::int64_t bytes = 0; // the sizes are those of files
+    for (int i = 0; i < manifest.manifestLayersCount; ++i)
+        bytes += cJSON_integer64_value(manifest.manifestLayers[i].size);
+    return bytes;
+}
+
+// The store's directory of a layer archive, behind the `baseLen` characters of the store itself.
+STATUS layer_directory(const char* file, char* path, std::size_t baseLen)
+{
+    const char* const end = file + ::strnlen(file, znc::kPathMax);
+    const char* const name = pathCompBackup(file, end);
+    if (name == nullptr)
+        return fail(EINVAL);
+    const auto len = static_cast<std::size_t>(end - name);
+    if (len + baseLen >= znc::kPathMax)
+        return fail(ENAMETOOLONG);
+    std::memcpy(path + baseLen, name, len);
+    path[baseLen + len] = '\0';
+    return OK;
+}
+
+bool is_stored(const char* layerDir)
 {
     struct stat st = {};
-    if (::stat(layerDir, &st) == 0 && S_ISDIR(st.st_mode))
-        return OK;
-    // What went wrong ahead goes wrong here, or does not: the plain way decides.
-    if (ahead != nullptr && ahead->publish(layerFile, layerDir))
-        return OK;
-    LayerStage stage;
-    if (stage.fill(layerFile, {layerDir, baseLen}) != OK)
+    return ::stat(layerDir, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The layers of an image that the store lacks, the top one first. Each is extracted beside its
+// place, so that they can be extracted at the same time, and all get their names when they are on
+// the medium.
+class StoreJobs {
+  public:
+    StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead)
+        : manifest_(manifest), store_(store), ahead_(ahead)
+    {
+    }
+    bool allocate()
+    {
+        stages_.reset(new (std::nothrow) znc::LayerStage[layer_total(manifest_)]);
+        return stages_ != nullptr;
+    }
+
+    [[nodiscard]] const ZNC_IMAGE_MANIFEST_LAYERS& layer(std::size_t k) const
+    {
+        return manifest_.manifestLayers[layer_total(manifest_) - 1 - k];
+    }
+    [[nodiscard]] const char* file(std::size_t k) const { return layer(k).layerFileName; }
+
+    static STATUS extract(void* self, std::size_t k)
+    {
+        return static_cast<StoreJobs*>(self)->extract(k);
+    }
+
+    // Gives the first `count` layers their names, as far as they are new.
+    STATUS publish(char* const* paths, std::size_t count)
+    {
+        bool fresh = false;
+        for (std::size_t k = 0; k < count; ++k)
+            fresh = fresh || stages_[k].path() != nullptr;
+        if (!fresh)
+            return OK;
+        const znc::PathText store = znc::path_in(store_, "");
+        if (!store || znFsSync(store.get()) != OK)
+            return ERROR;
+        for (std::size_t k = 0; k < count; ++k)
+            if (stages_[k].path() != nullptr && stages_[k].publish(paths[k]) != OK)
+                return ERROR;
+        return znDirSync(store.get());
+    }
+
+  private:
+    STATUS extract(std::size_t k)
+    {
+        const auto path = znc::malloc_array<char>(znc::kPathMax);
+        if (!path)
+            return ERROR;
+        std::memcpy(path.get(), store_.data(), store_.size());
+        if (layer_directory(file(k), path.get(), store_.size()) != OK)
+            return ERROR;
+        if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(file(k), &stages_[k])))
+            return OK;
+        if (stages_[k].fill(file(k), cJSON_GetStringValue(layer(k).digest), store_) == OK)
+            return OK;
+        stages_[k].discard();
         return ERROR;
-    return stage.publish(layerDir);
+    }
+
+    const ZNC_IMAGE_MANIFEST& manifest_;
+    std::string_view store_;
+    znc::StoreAhead* ahead_;
+    std::unique_ptr<znc::LayerStage[]> stages_;
+};
+
+// Has everything extracted in order; the number of layers that were.
+std::uint32_t extract_all(StoreJobs& jobs, znc::WorkAhead& work, znc::StoreAhead* ahead,
+                          std::uint32_t count, STATUS* status)
+{
+    std::uint32_t told = ahead != nullptr ? ahead->told() : 0;
+    std::uint32_t k = 0;
+    for (*status = OK; k < count; ++k) {
+        if (ahead != nullptr && ahead->was_told(jobs.file(k))) {
+            *status = work.result(k);
+        } else {
+            znc::LayerProgress progress(jobs.file(k), told++, count);
+            *status = work.result(k);
+            if (*status == OK)
+                progress.complete();
+        }
+        if (*status != OK)
+            break;
+    }
+    return k;
+}
+
+} // namespace
+
+std::string_view znc::store_base(std::string_view layers)
+{
+    const std::size_t slash = layers.rfind('/', layers.size() - 1);
+    return layers.substr(0, slash != std::string_view::npos ? slash : 0);
+}
+
+STATUS znc::extract_layer(const char* layerFile, const char* digest, const char* dir,
+                          const std::atomic<bool>* cancel, bool* verified)
+{
+    BlobReader blob;
+    errno = 0;
+    if (!blob.open(layerFile, digest))
+        return errno != 0 ? ERROR : fail(S_zncLib_MANIFEST_INVALID);
+    const STATUS status = tar_extract_whole(blob, dir, kTarLayerBlocks, cancel);
+    const int why = errno;
+    if (cancel != nullptr && *cancel)
+        return ERROR;
+    const bool matches = blob.verified();
+    if (verified != nullptr)
+        *verified = matches;
+    if (!matches)
+        return fail(why == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
+    errno = why;
+    return status;
+}
+
+STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size_t pathLen,
+                               char** ppLayerPath)
+{
+    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (manifest == nullptr)
+        return fail(EINVAL);
+    const std::uint32_t count = layer_total(*manifest);
+    const auto store = znc::malloc_array<char>(znc::kPathMax); // `repositoryPath` changes
+    if (!store || pathLen >= znc::kPathMax)
+        return ERROR;
+    std::memcpy(store.get(), repositoryPath, pathLen);
+    for (std::uint32_t k = 0; k < count; ++k) {
+        const char* file = manifest->manifestLayers[count - 1 - k].layerFileName;
+        if (layer_directory(file, repositoryPath, pathLen) != OK)
+            return ERROR;
+        std::memcpy(ppLayerPath[k], repositoryPath, std::strlen(repositoryPath) + 1);
+    }
+    znc::StoreLock own;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    znc::StoreAhead* const ahead = image->store != nullptr ? &image->store->ahead : nullptr;
+    const std::string_view area(store.get(), pathLen);
+    if (ahead != nullptr)
+        ahead->reached();
+    if (lock.take(znc::store_base(area)) != OK || znMkdirParents(store.get(), 0700) != OK)
+        return ERROR;
+    StoreJobs jobs(*manifest, area, ahead);
+    if (!jobs.allocate())
+        return ERROR;
+    znc::WorkAhead work(StoreJobs::extract, &jobs, count);
+    if (stored_size(*manifest) >= kWorthwhile)
+        work.start();
+    STATUS status = OK;
+    const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
+    if (status == OK)
+        return jobs.publish(ppLayerPath, done);
+    const znc::ErrnoSaver keep;
+    (void)jobs.publish(ppLayerPath, done); // those that came before the failure stay
+    return ERROR;
+}
+
+STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
+{
+    const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
+    if (manifest == nullptr)
+        return fail(EINVAL);
+    for (int i = 0; i < manifest->manifestLayersCount; ++i) {
+        const ZNC_IMAGE_MANIFEST_LAYERS& layer = manifest->manifestLayers[i];
+        const char* const file = layer.layerFileName;
+        znc::LayerProgress progress(file, static_cast<std::uint32_t>(i), layer_total(*manifest));
+        if (znc::extract_layer(file, cJSON_GetStringValue(layer.digest), rootfsPath) != OK)
+            return ERROR;
+        progress.complete();
+    }
+    return OK;
 }

@@ -3,6 +3,7 @@
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
+#include "zncFile.hpp"
 
 #include <cstring>
 
@@ -105,7 +106,7 @@ STATUS validateJsonMediatype(JSON_FILE_TYPE type, cJSON* value)
 STATUS validateJsonFileSize(const char* fileName, cJSON* size)
 {
     struct stat st = {};
-    const znc::UniqueFd fd = znc::open_blob(fileName, &st);
+    const znc::UniqueFd fd = znc::open_regular(fileName, &st);
     if (!fd)
         return ERROR;
     return st.st_size == cJSON_integer64_value(size) ? OK : ERROR;
@@ -113,23 +114,12 @@ STATUS validateJsonFileSize(const char* fileName, cJSON* size)
 
 STATUS validateJsonDigest(const char* fileName, cJSON* value)
 {
-    const char* text = cJSON_GetStringValue(value);
-    // A digest is one name in a directory. With a separator in it, a file that was checked under
-    // one digest would be kept under another.
-    if (text == nullptr || std::strchr(text, '/') != nullptr)
-        return ERROR;
-    char buffer[kTextBound];
-    (void)znc::copy_end(buffer, buffer + sizeof buffer, text);
-    char* rest = nullptr;
-    const char* algorithm = ::strtok_r(buffer, ":", &rest);
-    const char* digits = algorithm != nullptr ? ::strtok_r(nullptr, ":", &rest) : nullptr;
+    char buffer[znc::kDigestTextMax];
+    bool wide = false;
+    const char* const digits = znc::digest_digits(cJSON_GetStringValue(value), buffer, &wide);
     if (digits == nullptr)
         return ERROR;
-    if (std::strcmp(algorithm, "sha256") == 0)
-        return validateSha256(fileName, digits);
-    if (std::strcmp(algorithm, "sha512") == 0)
-        return validateSha512(fileName, digits);
-    return ERROR;
+    return wide ? validateSha512(fileName, digits) : validateSha256(fileName, digits);
 }
 
 STATUS validateJsonString(const char* str, cJSON* jsonStr)

@@ -1,72 +1,60 @@
-// zncLayerStage.hpp - a layer on its way into the store: extracted under a name of its own, renamed
-// when it is whole and wanted. Used by the store and by who extracts ahead (zncStoreAhead).
-//
-// A lock file in the store tells live extractions from dead ones: who extracts holds it shared, who
-// removes leftovers holds it exclusively. The locks belong to the open file, not to the process
-// (F_OFD_SETLK of POSIX.1-2024), so they also hold between tasks of one process, and they end with
-// their holder, however it ends.
+// zncLayerStage.hpp - a directory of the store on its way: a layer or a flattened tree is extracted
+// under a name of its own and renamed when it is whole, verified and wanted; what is removed is
+// renamed first and then deleted. Whoever uses one holds the lock of the store (zncStoreLock), so
+// that what a dead process left can be told from what a live one is at.
 #ifndef ZNCLAYERSTAGE_HPP
 #define ZNCLAYERSTAGE_HPP
 
-#include "zncOwned.hpp"
-#include "zncontainer.h"
+#include "zncStoreRecord.hpp"
 
 #include <atomic>
 #include <string_view>
+#include <utility>
 
 namespace znc {
-
-using PathText = MallocPtr<char[]>;
-
-// `base` followed by `name`; null with the task error number set when memory is short or it does
-// not fit.
-PathText path_in(std::string_view base, const char* name);
-
-class StoreLock {
-  public:
-    StoreLock() = default;
-    StoreLock(const StoreLock&) = delete;
-    StoreLock& operator=(const StoreLock&) = delete;
-    ~StoreLock() { release(); }
-
-    // Takes the lock shared, in a store that is made if need be; whoever can have it exclusively
-    // before removes what the dead left.
-    STATUS take(std::string_view base);
-    void release() noexcept;
-
-  private:
-    STATUS open_locked();
-    STATUS make_and_open(std::string_view base);
-    void remove_leftovers(std::string_view base) const;
-
-    PathText path_;
-    UniqueFd fd_;
-    bool alone_ = false;
-};
 
 class LayerStage {
   public:
     LayerStage() = default;
+    LayerStage(LayerStage&&) = default;
+    LayerStage& operator=(LayerStage&& other) noexcept
+    {
+        discard();
+        path_ = std::move(other.path_);
+        return *this;
+    }
     LayerStage(const LayerStage&) = delete;
     LayerStage& operator=(const LayerStage&) = delete;
     ~LayerStage() { discard(); }
 
-    // Extracts the archive beside its place in the store `base`. `*cancel`, where there is one,
-    // ends that early.
-    STATUS fill(const char* layerFile, std::string_view base,
-                const std::atomic<bool>* cancel = nullptr);
+    // Makes an empty directory in `area`.
+    STATUS make(std::string_view area);
+    // What there is of it; null: nothing.
+    [[nodiscard]] const char* path() const { return path_.get(); }
+
+    // make(), and the archive extracted into it. `*verified` tells whether the archive is what the
+    // digest names, also when it could not be extracted.
+    STATUS fill(const char* layerFile, const char* digest, std::string_view area,
+                const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
 
     // Gives it its final name, unless another one was faster: that one stays then.
     STATUS publish(const char* name);
+    // Takes the directory `name` in its place, in one step: what has that name no longer is.
+    STATUS take_in(const char* name);
 
-    // Removes what was extracted and not published, and lets the store go.
+    // Deletes what was not published.
     void discard() noexcept;
+    // Leaves it where it is.
+    void abandon() noexcept { path_.reset(); }
 
   private:
-    StoreLock lock_;
     PathText path_;
-    bool made_ = false;
 };
+
+// Finds what extractions and removals that are dead have left in the base, and the records of trees
+// that never came to be, which go at once. Under the exclusive lock.
+STATUS find_leftovers(std::string_view base, TextList* paths);
+void delete_leftovers(const TextList& paths);
 
 } // namespace znc
 

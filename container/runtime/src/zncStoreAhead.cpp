@@ -1,43 +1,27 @@
 // zncStoreAhead.cpp - see zncStoreAhead.hpp.
 #include "zncStoreAhead.hpp"
 
-#include "cJSON_Additions.h"
+#include "zarnel/fs.h"
 #include "zncImageLib.hpp"
 #include "zncPath.hpp"
 #include "zncProgress.hpp"
 
-#include <algorithm>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include <sys/stat.h>
-
-namespace {
-
-constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of a layer that are worth a helper task
-
-// Reading it is neither in vain from the start nor does it hold anybody up.
-bool may_be_read(const ZNC_IMAGE_MANIFEST_LAYERS& layer)
-{
-    const char* const digest = cJSON_GetStringValue(layer.digest);
-    struct stat st = {};
-    return digest != nullptr && std::strchr(digest, '/') == nullptr &&
-           znc::open_blob(layer.layerFileName, &st) && st.st_size >= kWorthwhile;
-}
-
-} // namespace
 
 namespace znc {
 
 StoreAhead::~StoreAhead()
 {
     const ErrnoSaver keep;
-    cancel_ = true;
-    work_.reset();
-    for (Layer& layer : layers_)
-        layer.stage.discard();
-    if (count_ > 0 && !reached_)
+    layers_.reset();
+    if (manifest_ != nullptr && !reached_) {
+        lock_.release();
         remove_store();
+    }
 }
 
 bool StoreAhead::is_chosen(const zncImageIndex& image,
@@ -51,92 +35,93 @@ bool StoreAhead::is_chosen(const zncImageIndex& image,
 // The store's path, and how much of it is there.
 bool StoreAhead::find_store() noexcept
 {
-    base_ = malloc_array<char>(kPathMax);
-    baseLen_ = base_ ? base_path_text(base_.get(), kPathMax, ZNC_LAYER_PATH) : 0;
-    for (baseThere_ = baseLen_; baseThere_ > 1; --baseThere_) {
-        const char next = base_[baseThere_];
-        base_[baseThere_] = '\0';
-        const bool there = (next == '\0' || next == '/') && exists(base_.get());
-        base_[baseThere_] = next;
+    store_ = malloc_array<char>(kPathMax);
+    storeLen_ = store_ ? base_path_text(store_.get(), kPathMax, ZNC_LAYER_PATH) : 0;
+    for (storeThere_ = storeLen_; storeThere_ > 1; --storeThere_) {
+        const char next = store_[storeThere_];
+        store_[storeThere_] = '\0';
+        const bool there = (next == '\0' || next == '/') && exists(store_.get());
+        store_[storeThere_] = next;
         if (there)
             break;
     }
-    return baseLen_ > 0;
+    return storeLen_ > 0;
 }
 
-bool StoreAhead::take_on(Layer& layer, const ZNC_IMAGE_MANIFEST_LAYERS& described) const noexcept
-{
-    const char* const name = std::strrchr(described.layerFileName, '/');
-    if (name == nullptr || !may_be_read(described))
-        return false;
-    const PathText stored = path_in({base_.get(), baseLen_}, name);
-    if (!stored || exists(stored.get()))
-        return false;
-    layer.file = path_in(described.layerFileName, "");
-    return layer.file != nullptr;
-}
-
-void StoreAhead::start(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) noexcept
+void StoreAhead::prepare(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) noexcept
 {
     const ErrnoSaver keep;
     const auto count = static_cast<std::size_t>(manifest.manifestLayersCount);
-    // The digests of the layers take a processor each.
-    const std::size_t idle = WorkAhead::processors_beside(count);
-    if (count_ > 0 || idle == 0 || count > std::min(layersMax_, layers_.size()) ||
-        !is_chosen(image, manifest) || !find_store())
+    if (manifest_ != nullptr || count > layersMax_ || !is_chosen(image, manifest) || !find_store())
         return;
-    work_.emplace(extract, this, count);
-    std::size_t wanted = 0;
-    for (std::size_t i = 0; i < count; ++i)
-        if (take_on(layers_[i], manifest.manifestLayers[i]))
-            ++wanted;
-        else
-            work_->exclude(i);
-    if (wanted == 0)
+    layers_.reset(new (std::nothrow) Layer[count]);
+    if (!layers_)
         return;
     count_ = count;
-    work_->start_helpers(std::min(idle, wanted));
+    manifest_ = &manifest; // from here on what is made is removed
+    if (lock_.take(store_base({store_.get(), storeLen_})) != OK ||
+        znMkdirParents(store_.get(), 0700) != OK)
+        layers_.reset();
 }
 
-STATUS StoreAhead::extract(void* self, std::size_t index)
+bool StoreAhead::wants(std::size_t index) const noexcept
 {
-    auto& ahead = *static_cast<StoreAhead*>(self);
-    Layer& layer = ahead.layers_[index];
-    const ProgressElsewhere elsewhere(layer.position);
-    return layer.stage.fill(layer.file.get(), {ahead.base_.get(), ahead.baseLen_}, &ahead.cancel_);
+    const ErrnoSaver keep;
+    const char* const name = std::strrchr(manifest_->manifestLayers[index].layerFileName, '/');
+    const PathText stored =
+        layers_ && name != nullptr ? path_in({store_.get(), storeLen_}, name) : PathText();
+    return stored && !exists(stored.get());
 }
 
-void StoreAhead::report(void* self, std::size_t index)
+STATUS StoreAhead::verify(std::size_t index) noexcept
 {
-    progress_follow(static_cast<StoreAhead*>(self)->layers_[index].position);
-}
-
-bool StoreAhead::publish(const char* layerFile, const char* layerDir) noexcept
-{
-    reached_ = true;
-    for (std::size_t i = 0; i < count_; ++i) {
-        Layer& layer = layers_[i];
-        // An image may name a layer twice.
-        if (!layer.file || std::strcmp(layer.file.get(), layerFile) != 0 ||
-            layer.taken.exchange(true))
-            continue;
-        const bool published =
-            work_->result(i, report) == OK && layer.stage.publish(layerDir) == OK;
-        layer.stage.discard();
-        return published;
+    const ZNC_IMAGE_MANIFEST_LAYERS& described = manifest_->manifestLayers[index];
+    const char* const digest = cJSON_GetStringValue(described.digest);
+    bool verified = false;
+    if (wants(index) && layers_[index].stage.make({store_.get(), storeLen_}) == OK) {
+        Layer& layer = layers_[index];
+        const ProgressElsewhere elsewhere(layer.position);
+        layer.extracted = extract_layer(described.layerFileName, digest, layer.stage.path(),
+                                        nullptr, &verified) == OK;
+        if (!layer.extracted)
+            layer.stage.discard();
+        if (verified)
+            return OK;
     }
+    return validateJsonDigest(described.layerFileName, described.digest);
+}
+
+bool StoreAhead::take(const char* layerFile, LayerStage* stage) noexcept
+{
+    for (std::size_t i = 0; layers_ && i < count_; ++i) {
+        Layer& layer = layers_[i];
+        if (!layer.extracted || layer.stage.path() == nullptr ||
+            std::strcmp(manifest_->manifestLayers[i].layerFileName, layerFile) != 0)
+            continue;
+        *stage = std::move(layer.stage);
+        return true;
+    }
+    return false;
+}
+
+bool StoreAhead::was_told(const char* layerFile) const noexcept
+{
+    for (std::size_t i = 0; layers_ && i < count_; ++i)
+        if (layers_[i].extracted &&
+            std::strcmp(manifest_->manifestLayers[i].layerFileName, layerFile) == 0)
+            return true;
     return false;
 }
 
 // A store that this made and nothing came into goes again, as if it had not been made.
 void StoreAhead::remove_store() noexcept
 {
-    for (std::size_t len = baseLen_; len > baseThere_; --len) {
-        const char next = base_[len];
-        base_[len] = '\0';
-        if ((next == '\0' || next == '/') && base_[len - 1] != '/' && ::rmdir(base_.get()) != 0)
+    for (std::size_t len = storeLen_; len > storeThere_; --len) {
+        const char next = store_[len];
+        store_[len] = '\0';
+        if ((next == '\0' || next == '/') && store_[len - 1] != '/' && ::rmdir(store_.get()) != 0)
             return;
-        base_[len] = next;
+        store_[len] = next;
     }
 }
 

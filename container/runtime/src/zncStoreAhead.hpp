@@ -1,24 +1,19 @@
-// zncStoreAhead.hpp - layers are extracted while their digests are still being computed, where a
-// processor would be idle meanwhile: an image of one layer, on two processors, is unpacked in
-// little more than half the time (617 ms, then 320; 0.99 and then 0.5 of what bsdtar takes for the
-// archive alone).
+// zncStoreAhead.hpp - layers are extracted by the pass that verifies them: each archive is read
+// once, and what is extracted is what was hashed.
 //
 // Nobody can tell but by the time. Until the unpack, in its own order, has verified everything and
 // comes to store a layer, what was extracted has no name of a layer and is in nobody's way; if it
-// does not come there, all of it is removed. A failure ahead is no failure: the layer is then
-// stored as if nothing had been tried, and that decides. Archives that nobody has vouched for yet
-// are read by the extractor that is confined to its directory anyway, and one that fails its digest
-// ends it.
+// does not come there, all of it is removed. A layer that cannot be extracted is no failure yet:
+// its turn comes when it is stored, and that decides. Archives that nobody has vouched for yet are
+// read by the extractor that is confined to its directory anyway.
 #ifndef ZNCSTOREAHEAD_HPP
 #define ZNCSTOREAHEAD_HPP
 
 #include "zncLayerStage.hpp"
-#include "zncWorkAhead.hpp"
+#include "zncStoreLock.hpp"
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <optional>
 
 struct ZNC_IMAGE_MANIFEST;
 struct ZNC_IMAGE_MANIFEST_LAYERS;
@@ -28,50 +23,74 @@ namespace znc {
 
 class StoreAhead {
   public:
-    // What is asked for, and the most layers with which an image is stored at all. The texts must
-    // outlive the object.
-    StoreAhead(const char* os, const char* arch, const char* tag, std::size_t layersMax) noexcept
-        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax)
+    // What is asked for, and the most layers with which an image is stored at all. The texts and
+    // the lock must outlive the object.
+    StoreAhead(const char* os, const char* arch, const char* tag, std::size_t layersMax,
+               StoreLock& lock) noexcept
+        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock)
     {
     }
     ~StoreAhead();
     StoreAhead(const StoreAhead&) = delete;
     StoreAhead& operator=(const StoreAhead&) = delete;
 
-    // Begins, if `manifest`, the last one of `image` that was read, is the one that will be chosen
-    // and it is worth while. Layers that are have their digests and names by now.
-    void start(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) noexcept;
+    // Takes on the layers of `manifest`, the last one of `image` that was read, if it is the one
+    // that will be chosen.
+    void prepare(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) noexcept;
+    [[nodiscard]] bool is_for(const ZNC_IMAGE_MANIFEST& manifest) const noexcept
+    {
+        return manifest_ == &manifest;
+    }
 
-    // Puts a verified layer into its place. False: it is not there, and nothing is left of it.
-    bool publish(const char* layerFile, const char* layerDir) noexcept;
+    // Whether it will be extracted: its file and digest are known by now, and the store lacks it.
+    [[nodiscard]] bool wants(std::size_t index) const noexcept;
+    // Whether the layer's archive is what its digest names; extracts it while it is at it, unless
+    // the store has it. Of different layers in several tasks at once.
+    STATUS verify(std::size_t index) noexcept;
+    // How much of its archive has been read, for who listens.
+    [[nodiscard]] const std::atomic<std::uint64_t>& position(std::size_t index) const noexcept
+    {
+        return layers_[index].position;
+    }
+    [[nodiscard]] bool was_extracted(std::size_t index) const noexcept
+    {
+        return layers_[index].extracted;
+    }
+
+    // Moves what was extracted of a verified layer into `stage`. False: there is nothing.
+    bool take(const char* layerFile, LayerStage* stage) noexcept;
+    // The unpack has come to its store, which stays now whatever happens.
+    void reached() noexcept { reached_ = true; }
+
+    // How many layers a listener has been told of as complete.
+    [[nodiscard]] std::uint32_t told() const noexcept { return told_; }
+    void tell_one() noexcept { told_++; }
+    [[nodiscard]] bool was_told(const char* layerFile) const noexcept;
 
   private:
     struct Layer {
-        PathText file; // null: not this one
         LayerStage stage;
-        std::atomic<bool> taken = false;
+        std::atomic<bool> extracted = false;
         std::atomic<std::uint64_t> position = 0; // in the file, for who listens
     };
 
     bool is_chosen(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) const noexcept;
     bool find_store() noexcept;
-    bool take_on(Layer& layer, const ZNC_IMAGE_MANIFEST_LAYERS& described) const noexcept;
     void remove_store() noexcept;
-    static STATUS extract(void* self, std::size_t index);
-    static void report(void* self, std::size_t index);
 
     const char* os_;
     const char* arch_;
     const char* tag_;
     std::size_t layersMax_;
-    std::atomic<bool> cancel_ = false;
-    PathText base_;
-    std::size_t baseLen_ = 0;
-    std::size_t baseThere_ = 0;         // how much of the store's path there was before
-    std::atomic<bool> reached_ = false; // the unpack has come to its store
+    StoreLock& lock_;
+    PathText store_; // the directory of the layers
+    std::size_t storeLen_ = 0;
+    std::size_t storeThere_ = 0; // how much of its path there was before
+    bool reached_ = false;
+    std::uint32_t told_ = 0;
+    const ZNC_IMAGE_MANIFEST* manifest_ = nullptr; // null: none was taken on
     std::size_t count_ = 0;
-    std::array<Layer, WorkAhead::kHelpersMax> layers_;
-    std::optional<WorkAhead> work_; // last: ends before what it works on
+    std::unique_ptr<Layer[]> layers_;
 };
 
 } // namespace znc

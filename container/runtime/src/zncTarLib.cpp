@@ -1,6 +1,7 @@
 // zncTarLib.cpp - the run over an archive: its blocks and its end.
 #include "zncTarLib.hpp"
 
+#include "zncBlob.hpp"
 #include "zncGzLib.hpp"
 #include "zncProgress.hpp"
 
@@ -18,6 +19,8 @@ ssize_t read_source(MT_TAR_SOFT& ctrl)
     const std::size_t wanted = static_cast<std::size_t>(ctrl.bFactor) * kBlockSize;
     if (ctrl.tc != nullptr)
         return ctrl.tc->read(ctrl.tc, ctrl.pBuf, wanted);
+    if (ctrl.blob != nullptr)
+        return ctrl.blob->read(ctrl.pBuf, wanted);
     ssize_t n;
     do {
         n = read(ctrl.fd, ctrl.pBuf, wanted);
@@ -92,22 +95,13 @@ bool is_directory(const char* path)
     return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// `ctrl` says what else there is to know, and then what was lacking.
-STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, MT_TAR_SOFT& ctrl)
+using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
+
+// Where the blocks come from is in `ctrl`, and what else there is to know; afterwards, what was
+// lacking.
+STATUS extract(const char* targetDir, std::size_t bfactor, MT_TAR_SOFT& ctrl)
 {
-    if (pTape == nullptr || targetDir == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
-    if (!is_directory(targetDir))
-        return ERROR;
-    const std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> gz(zncGzArchiveCreate(pTape));
     const std::size_t blocks = bfactor != 0 ? bfactor : kDefaultBlocks;
-    ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
-    const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
-    if (gz == nullptr && file.get() <= 0) // 0 would mean that there is none
-        return ERROR;
-    ctrl.fd = gz != nullptr ? 0 : file.get();
     znc::MallocPtr<MT_HBLOCK[]> buffer;
     if (blocks <= INT_MAX)
         buffer = znc::malloc_array<MT_HBLOCK>(blocks);
@@ -127,17 +121,36 @@ STATUS extract(const char* pTape, const char* targetDir, std::size_t bfactor, MT
 
 STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
 {
+    if (pTape == nullptr || targetDir == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    if (!is_directory(targetDir))
+        return ERROR;
+    const GzPtr gz(zncGzArchiveCreate(pTape));
+    const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
+    if (gz == nullptr && file.get() <= 0) // 0 would mean that there is none
+        return ERROR;
     MT_TAR_SOFT ctrl{};
     ctrl.verbose = verbose;
-    return extract(pTape, targetDir, bfactor, ctrl);
+    ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
+    ctrl.fd = gz != nullptr ? 0 : file.get();
+    return extract(targetDir, bfactor, ctrl);
 }
 
-STATUS znc::tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor,
+STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
                               const std::atomic<bool>* cancel)
 {
+    if (!is_directory(targetDir))
+        return ERROR;
+    const GzPtr gz(gz_archive_create(blob));
+    if (gz == nullptr && !blob.restart())
+        return ERROR;
     MT_TAR_SOFT ctrl{};
+    ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
+    ctrl.blob = &blob;
     ctrl.cancel = cancel;
-    const STATUS status = extract(pTape, targetDir, bfactor, ctrl);
+    const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)
         return status;
     errno = ctrl.lacking; // a later failure, such as a missing parent, comes of it

@@ -19,6 +19,10 @@
 #include <ctime>
 #include <string_view>
 
+namespace znc {
+class BlobReader;
+}
+
 using tar_size_t = std::uint32_t;
 
 #define REGTYPE0 '\0'
@@ -91,6 +95,7 @@ typedef struct mtTarSoft {
 
     int lacking; // why members were left out for which something ran out; 0: none was
     const std::atomic<bool>* cancel; // NULL: nobody ends the run early
+    znc::BlobReader* blob;           // NULL: a plain file is read from fd; else from this; borrowed
 } MT_TAR_SOFT;
 
 // zncTarLib.cpp
@@ -124,11 +129,11 @@ namespace znc {
 // Blocks per read for an image's layers.
 inline constexpr std::size_t kTarLayerBlocks = 200;
 
-// zncTarExtract for callers who must not take a part for the whole. A member that cannot be made is
-// left out; here that is a failure when space, descriptors or memory ran out. It is one as well
-// once
-// `*cancel`, where there is one, is set.
-STATUS tar_extract_whole(const char* pTape, const char* targetDir, std::size_t bfactor,
+// zncTarExtract for an archive that is hashed as it is read, and for callers who must not take a
+// part for the whole. A member that cannot be made is left out; here that is a failure when space,
+// descriptors or memory ran out. It is one as well once `*cancel`, where there is one, is set.
+// Whether the archive was the right one only its reader knows, afterwards.
+STATUS tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
                          const std::atomic<bool>* cancel = nullptr);
 
 // An octal number as scanf reads it ("%o"): leading blanks, a sign, digits up to the first other

@@ -95,6 +95,7 @@ void left_out(MT_TAR_SOFT& ctrl, int number)
     case ENFILE:
     case ENOMEM:
     case EIO:
+    case EROFS:
         if (ctrl.lacking == 0)
             ctrl.lacking = number;
         break;

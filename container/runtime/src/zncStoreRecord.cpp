@@ -1,0 +1,297 @@
+// zncStoreRecord.cpp - see zncStoreRecord.hpp.
+#include "zncStoreRecord.hpp"
+
+#include "zarnel/fs.h"
+#include "zncDigest.hpp"
+#include "zncFile.hpp"
+
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr mode_t kRecordsMode = 0700;
+constexpr char kNewName[] = "/.new-XXXXXX";
+constexpr char kConfig[] = "/config.json";
+
+} // namespace
+
+namespace znc {
+
+PathText path_in(std::string_view base, const char* directory, const char* name)
+{
+    PathText path = malloc_array<char>(kPathMax);
+    if (!path)
+        return nullptr;
+    char* const end = path.get() + kPathMax;
+    if (base.size() >= kPathMax) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    std::memcpy(path.get(), base.data(), base.size());
+    if (copy_end(copy_end(path.get() + base.size(), end, directory), end, name) == end) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    return path;
+}
+
+PathText path_in(std::string_view base, const char* name)
+{
+    return path_in(base, "", name);
+}
+
+const char* last_component(const char* path)
+{
+    const char* const slash = std::strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+// ------------------------------------------------------------------ lists
+
+bool TextList::add(const char* text)
+{
+    const std::size_t more = std::strlen(text) + 1;
+    if (len_ + more > room_) {
+        const std::size_t room = 2 * (len_ + more);
+        MallocPtr<char[]> grown = malloc_array<char>(room);
+        if (!grown)
+            return false;
+        if (len_ > 0)
+            std::memcpy(grown.get(), text_.get(), len_);
+        text_ = std::move(grown);
+        room_ = room;
+    }
+    std::memcpy(text_.get() + len_, text, more);
+    len_ += more;
+    return true;
+}
+
+const char* TextList::first() const
+{
+    return len_ > 0 ? text_.get() : nullptr;
+}
+
+const char* TextList::next(const char* text) const
+{
+    const char* const after = text + std::strlen(text) + 1;
+    return after < text_.get() + len_ ? after : nullptr;
+}
+
+bool TextList::contains(const char* text) const
+{
+    for (const char* item = first(); item != nullptr; item = next(item))
+        if (std::strcmp(item, text) == 0)
+            return true;
+    return false;
+}
+
+bool TextList::operator==(const TextList& other) const
+{
+    return len_ == other.len_ &&
+           (len_ == 0 || std::memcmp(text_.get(), other.text_.get(), len_) == 0);
+}
+
+bool TextList::read(const char* path)
+{
+    struct stat st = {};
+    const UniqueFd fd = open_regular(path, &st);
+    if (!fd)
+        return false;
+    FileText text = read_text(fd.get(), st);
+    if (!text.bytes)
+        return false;
+    // Each text has an end, and the list has one.
+    const std::size_t len = text.len;
+    if (len < 3 || text.bytes[len - 1] != '\0' || text.bytes[len - 2] != '\0') {
+        errno = EBADMSG;
+        return false;
+    }
+    text_ = std::move(text.bytes);
+    len_ = len - 1;
+    room_ = len;
+    return true;
+}
+
+bool TextList::write_beside(const char* path, PathText* made) const
+{
+    const auto dirLen = static_cast<std::size_t>(last_component(path) - path);
+    *made = path_in({path, dirLen > 0 ? dirLen - 1 : 0}, kNewName);
+    if (!*made)
+        return false;
+    UniqueFd fd(::mkstemp(made->get()));
+    if (!fd)
+        return false;
+    if (write_whole(fd.get(), text_.get(), len_) && write_whole(fd.get(), "", 1) &&
+        ::fsync(fd.get()) == 0 && fd.close_checked() == 0)
+        return true;
+    const ErrnoSaver keep;
+    ::unlink(made->get());
+    return false;
+}
+
+// ------------------------------------------------------------------ bundles
+
+namespace {
+
+// The directory of the records, which is made if need be.
+PathText records_of(std::string_view base)
+{
+    PathText dir = path_in(base, kRecordsDir);
+    if (dir && znMkdirParents(dir.get(), kRecordsMode) != OK)
+        dir.reset();
+    return dir;
+}
+
+PathText record_path(const PathText& records, const char* name, std::string_view suffix)
+{
+    PathText path = path_in(records.get(), "/", name);
+    char* const end = path ? path.get() + kPathMax : nullptr;
+    if (path && copy_end(path.get() + std::strlen(path.get()), end, suffix.data()) == end) {
+        errno = ENAMETOOLONG;
+        path.reset();
+    }
+    return path;
+}
+
+struct Claim {
+    const char* root;
+    const TextList* record;
+};
+
+// The path of its bundle apart, a record says what another one says.
+bool same_layers(const TextList& a, const TextList& b)
+{
+    const char* x = a.next(a.first());
+    const char* y = b.next(b.first());
+    while (x != nullptr && y != nullptr && std::strcmp(x, y) == 0) {
+        x = a.next(x);
+        y = b.next(y);
+    }
+    return x == nullptr && y == nullptr;
+}
+
+STATUS conflicts(void* context, const char* /*file*/, const TextList& record)
+{
+    const auto& claim = *static_cast<const Claim*>(context);
+    const char* const bundle = record.first();
+    const char* const root = record.next(bundle);
+    if (root == nullptr || std::strcmp(root, claim.root) != 0 ||
+        same_layers(record, *claim.record) || !bundle_lives(bundle))
+        return OK;
+    errno = EEXIST;
+    return ERROR;
+}
+
+bool ends_with(const char* name, std::string_view suffix)
+{
+    return std::string_view(name).ends_with(suffix);
+}
+
+} // namespace
+
+bool bundle_lives(const char* bundlePath)
+{
+    const ErrnoSaver keep;
+    const PathText config = path_in(bundlePath, kConfig);
+    struct stat st = {};
+    if (!config || ::lstat(config.get(), &st) == 0)
+        return true;
+    return errno != ENOENT && errno != ENOTDIR;
+}
+
+STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
+{
+    const PathText dir = path_in(base, kRecordsDir);
+    if (!dir)
+        return ERROR;
+    const UniqueDir stream(::opendir(dir.get()));
+    if (!stream)
+        return errno == ENOENT ? OK : ERROR;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = ::readdir(stream.get());
+        if (entry == nullptr)
+            return errno == 0 ? OK : ERROR;
+        if (entry->d_name[0] == '.' || !ends_with(entry->d_name, kBundleSuffix))
+            continue;
+        const PathText file = path_in(dir.get(), "/", entry->d_name);
+        TextList record;
+        if (!file)
+            return ERROR;
+        if (!record.read(file.get())) {
+            if (errno == ENOENT)
+                continue; // its unpack failed meanwhile
+            return ERROR;
+        }
+        if (func(context, file.get(), record) != OK)
+            return ERROR;
+    }
+}
+
+BundleRecord::~BundleRecord()
+{
+    const ErrnoSaver keep;
+    if (path_)
+        ::unlink(path_.get());
+}
+
+STATUS BundleRecord::write(std::string_view base, const char* bundle, const char* root,
+                           const TextList& layers)
+{
+    const MallocPtr<char> whole(::realpath(bundle, nullptr));
+    const PathText records = whole ? records_of(base) : nullptr;
+    std::uint8_t hash[kSha256Len];
+    char name[2 * kSha256Len + 1];
+    TextList record;
+    if (!records || !record.add(whole.get()) || !record.add(root) ||
+        !chain_digest(hash, "", whole.get()) ||
+        zncUtilBinToHex(name, sizeof name, hash, sizeof hash) != OK)
+        return ERROR;
+    for (const char* layer = layers.first(); layer != nullptr; layer = layers.next(layer))
+        if (!record.add(layer))
+            return ERROR;
+    Claim claim{root, &record};
+    PathText path = record_path(records, name, kBundleSuffix);
+    PathText made;
+    if (!path || each_bundle(base, conflicts, &claim) != OK ||
+        !record.write_beside(path.get(), &made))
+        return ERROR;
+    if (::rename(made.get(), path.get()) == 0) {
+        path_ = std::move(path);
+        return znDirSync(records.get());
+    }
+    const ErrnoSaver keep;
+    ::unlink(made.get());
+    return ERROR;
+}
+
+// ------------------------------------------------------------------ trees
+
+STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew)
+{
+    const PathText records = records_of(base);
+    const PathText path = records ? record_path(records, chain, kTreeSuffix) : nullptr;
+    PathText made;
+    if (!path || !layers.write_beside(path.get(), &made))
+        return ERROR;
+    // Of two who claim it at once, one finds the other's record.
+    *isNew = ::link(made.get(), path.get()) == 0;
+    const int why = *isNew ? 0 : errno;
+    ::unlink(made.get());
+    if (*isNew)
+        return znDirSync(records.get());
+    TextList there;
+    if (why != EEXIST || !there.read(path.get())) {
+        errno = why != EEXIST ? why : errno;
+        return ERROR;
+    }
+    if (there == layers)
+        return OK;
+    errno = EEXIST;
+    return ERROR;
+}
+
+} // namespace znc

@@ -1,0 +1,170 @@
+// zncStoreTree.cpp - see zncStoreTree.hpp.
+#include "zncStoreTree.hpp"
+
+#include "zarnel/fs.h"
+
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kFileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr std::size_t kChunk = 64 * 1024;
+constexpr unsigned kLevelsMax = 200; // a member's path has fewer: 255 characters
+
+// Two directories that are compared, and what that takes.
+struct Pair {
+    int a;
+    int b;
+    char* chunks; // two
+    unsigned level;
+};
+
+bool same_trees(const Pair& pair);
+
+std::size_t read_chunk(int fd, char* chunk)
+{
+    std::size_t len = 0;
+    while (len < kChunk) {
+        const ssize_t n = ::read(fd, chunk + len, kChunk - len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        len += static_cast<std::size_t>(n);
+    }
+    return len;
+}
+
+// They have the same size.
+bool same_content(const Pair& pair, const char* name, off_t size)
+{
+    const znc::UniqueFd a(::openat(pair.a, name, kFileFlags));
+    const znc::UniqueFd b(::openat(pair.b, name, kFileFlags));
+    char* const x = pair.chunks;
+    char* const y = pair.chunks + kChunk;
+    while (a && b && size > 0) {
+        const std::size_t len = read_chunk(a.get(), x);
+        if (len == 0 || len != read_chunk(b.get(), y) || std::memcmp(x, y, len) != 0)
+            return false;
+        size -= static_cast<off_t>(len);
+    }
+    return a && b;
+}
+
+bool same_target(const Pair& pair, const char* name)
+{
+    const ssize_t n = ::readlinkat(pair.a, name, pair.chunks, kChunk);
+    return n >= 0 && n == ::readlinkat(pair.b, name, pair.chunks + kChunk, kChunk) &&
+           std::memcmp(pair.chunks, pair.chunks + kChunk, static_cast<std::size_t>(n)) == 0;
+}
+
+bool same_directory(const Pair& pair, const char* name)
+{
+    const znc::UniqueFd a(::openat(pair.a, name, kDirFlags));
+    const znc::UniqueFd b(::openat(pair.b, name, kDirFlags));
+    return a && b && pair.level < kLevelsMax &&
+           same_trees({a.get(), b.get(), pair.chunks, pair.level + 1});
+}
+
+bool same_entry(const Pair& pair, const char* name)
+{
+    struct stat a = {};
+    struct stat b = {};
+    if (::fstatat(pair.a, name, &a, AT_SYMLINK_NOFOLLOW) != 0 ||
+        ::fstatat(pair.b, name, &b, AT_SYMLINK_NOFOLLOW) != 0 || a.st_mode != b.st_mode ||
+        a.st_uid != b.st_uid || a.st_gid != b.st_gid)
+        return false;
+    if (S_ISDIR(a.st_mode)) // its time may be that of the extraction
+        return same_directory(pair, name);
+    if (S_ISLNK(a.st_mode))
+        return same_target(pair, name);
+    return S_ISREG(a.st_mode) && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && same_content(pair, name, a.st_size);
+}
+
+// The names in a directory, each of which `func` must like: their number, or -1.
+template <class Func> long each_name(int dir, Func func)
+{
+    znc::UniqueFd fd(::openat(dir, ".", kDirFlags));
+    const znc::UniqueDir stream(fd ? ::fdopendir(fd.get()) : nullptr);
+    if (!stream)
+        return -1;
+    (void)fd.release(); // the stream's now
+    long count = 0;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = ::readdir(stream.get());
+        if (entry == nullptr)
+            return errno == 0 ? count : -1;
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        if (!func(entry->d_name))
+            return -1;
+        count++;
+    }
+}
+
+bool same_trees(const Pair& pair)
+{
+    const long count = each_name(pair.a, [&](const char* name) { return same_entry(pair, name); });
+    return count >= 0 && count == each_name(pair.b, [](const char*) { return true; });
+}
+
+// A new name for what is set aside of the tree.
+znc::PathText aside_of(const char* tree)
+{
+    const char* const name = znc::last_component(tree);
+    const std::string_view area(tree, static_cast<std::size_t>(name - tree));
+    const znc::PathText start = znc::path_in(area, ".old-", name);
+    znc::PathText aside = start ? znc::path_in(start.get(), "-XXXXXX") : nullptr;
+    if (aside && ::mkdtemp(aside.get()) == nullptr)
+        aside.reset();
+    return aside;
+}
+
+} // namespace
+
+namespace znc {
+
+bool same_tree(const char* a, const char* b)
+{
+    const ErrnoSaver keep;
+    const UniqueFd x(::open(a, kDirFlags));
+    const UniqueFd y(::open(b, kDirFlags));
+    const auto chunks = malloc_array<char>(2 * kChunk);
+    struct stat of_a = {};
+    struct stat of_b = {};
+    return x && y && chunks && ::fstat(x.get(), &of_a) == 0 && ::fstat(y.get(), &of_b) == 0 &&
+           of_a.st_mode == of_b.st_mode && of_a.st_uid == of_b.st_uid &&
+           of_a.st_gid == of_b.st_gid && same_trees({x.get(), y.get(), chunks.get(), 0});
+}
+
+STATUS place_tree(LayerStage& stage, const char* tree, bool unknown)
+{
+    if (stage.publish(tree) != OK)
+        return ERROR;
+    if (stage.path() == nullptr)
+        return OK;
+    if (same_tree(stage.path(), tree)) {
+        stage.discard();
+        return OK;
+    }
+    if (unknown) {
+        errno = EEXIST;
+        return ERROR;
+    }
+    // Under the name of what is set aside before the exchange and after: whoever clears up what the
+    // dead left does not touch it.
+    const PathText aside = aside_of(tree);
+    if (!aside || stage.publish(aside.get()) != OK)
+        return ERROR;
+    if (znDirExchange(aside.get(), tree) == OK)
+        return OK;
+    return ERROR; // what is aside goes when the store is collected
+}
+
+} // namespace znc
