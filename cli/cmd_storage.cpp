@@ -16,6 +16,7 @@
 namespace zncctl {
 namespace {
 
+constexpr const char* kUnpacking = "an image is being unpacked; try again when it is done";
 constexpr std::array kKinds = {StoredKind::kLayer, StoredKind::kTree, StoredKind::kDevice,
                                StoredKind::kBundle};
 
@@ -40,55 +41,37 @@ Sum sum_of(const std::vector<Stored>& all, StoredKind kind)
     return sum;
 }
 
-// Unpacking holds this lock while it extracts into the store.
-class StoreLock {
+// Whoever makes bundles for containers holds this, so that none is taken away before its container
+// is there.
+class BundlesLock {
   public:
-    StoreLock()
-        : file_(::open((storage_base() + "/layers/.lock").c_str(),
-                       O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600))
+    BundlesLock()
+        : file_(
+              ::open((storage_base() + "/bundles/.lock").c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC))
     {
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        lock.l_whence = SEEK_SET;
-        taken_ = file_ && ::fcntl(file_.get(), F_OFD_SETLK, &lock) == 0;
+        free_ = file_ ? ::flock(file_.get(), LOCK_EX | LOCK_NB) == 0 : errno == ENOENT;
     }
-    ~StoreLock()
-    {
-        if (taken_)
-            ::unlink((storage_base() + "/layers/.lock").c_str());
-    }
-    StoreLock(const StoreLock&) = delete;
-    StoreLock& operator=(const StoreLock&) = delete;
-
-    explicit operator bool() const { return taken_; }
+    explicit operator bool() const { return free_; }
 
   private:
     znc::UniqueFd file_;
-    bool taken_ = false;
+    bool free_ = false;
 };
 
-int remove(const Stored& item)
+int remove_unused(const Arguments& args, std::vector<std::string> used)
 {
-    const STATUS status = call_library([&] {
-        return item.kind == StoredKind::kDevice ? zncRemoveOvlRootfsDev(item.path.c_str())
-                                                : zncImageBundleDelete(item.path.c_str());
-    });
-    return status == OK ? static_cast<int>(kExitOk) : local_failure(errno, item.path);
-}
-
-int remove_unused(const Arguments& args, const std::vector<Stored>& all)
-{
-    int result = kExitOk;
-    for (const Stored& item : all) {
-        if (item.used)
-            continue;
-        int status = args.has("dry-run") ? static_cast<int>(kExitOk) : remove(item);
-        if (status == kExitOk && !args.has("quiet"))
+    for (const std::string& bundle : args.all_operands())
+        used.push_back(bundle);
+    std::vector<Stored> removed;
+    const bool done = collect(std::move(used), args.has("dry-run"), removed);
+    const int error = errno;
+    int status = kExitOk;
+    for (const Stored& item : removed)
+        if (!args.has("quiet") && status == kExitOk)
             status = print_result(fmt::format("{} {}", name_of(item.kind), item.path));
-        if (status != kExitOk)
-            result = status;
-    }
-    return result;
+    if (done)
+        return status;
+    return error == EBUSY ? failure("", kUnpacking) : local_failure(error, storage_base());
 }
 
 // What is known of containers that other clients deleted, or that a daemon took along.
@@ -114,7 +97,7 @@ int cmd_storage_df(const Arguments& args)
     bool as_json = false;
     if (!read_format(args, as_json))
         return kExitFailure;
-    const auto all = stored({});
+    const auto all = stored();
     if (!all)
         return daemon_failure(errno, "");
     std::vector<std::vector<std::string>> rows = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
@@ -139,13 +122,13 @@ int cmd_storage_gc(const Arguments& args)
     for (const std::string& bundle : args.all_operands())
         if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
             return failure(bundle, "it is no bundle: it has no config.json that can be read");
-    const StoreLock lock;
+    const BundlesLock lock;
     if (!lock)
-        return failure("", "an image is being unpacked; try again when it is done");
-    const auto all = stored(args.all_operands());
-    if (!all)
+        return failure("", kUnpacking);
+    const auto used = used_by_containers();
+    if (!used)
         return daemon_failure(errno, "");
-    const int status = remove_unused(args, *all);
+    const int status = remove_unused(args, *used);
     const int of_records = remove_records(args);
     return status != kExitOk ? status : of_records;
 }

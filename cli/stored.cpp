@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <sys/stat.h>
 
 namespace zncctl {
@@ -117,7 +116,7 @@ std::uint64_t size_on_disk(const fs::path& path)
     return sum;
 }
 
-void collect(StoredKind kind, const std::string& area, std::vector<Stored>& all)
+void list(StoredKind kind, const std::string& area, std::vector<Stored>& all)
 {
     std::error_code error;
     for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
@@ -125,12 +124,6 @@ void collect(StoredKind kind, const std::string& area, std::vector<Stored>& all)
         if (!name.starts_with('.') && it->is_directory(error) && !it->is_symlink(error))
             all.push_back({kind, it->path(), size_on_disk(it->path()), false});
     }
-}
-
-std::string canonical(const std::string& path)
-{
-    std::error_code error;
-    return fs::weakly_canonical(path, error);
 }
 
 // The bundles of the containers there are.
@@ -146,15 +139,37 @@ std::optional<std::vector<std::string>> bundles_of_containers()
     return bundles;
 }
 
-// Marks a path and, when it is a device, what the device shows.
-void use(const std::string& path, const std::map<std::string, Device>& devices,
-         std::set<std::string>& used)
+StoredKind kind_of(ZNC_STORE_KIND kind)
 {
-    if (path.empty() || !used.insert(canonical(path)).second)
-        return;
-    if (const auto found = devices.find(path); found != devices.end())
-        for (const std::string& lower : found->second.lower)
-            use(lower, devices, used);
+    switch (kind) {
+    case ZNC_STORE_TREE:
+        return StoredKind::kTree;
+    case ZNC_STORE_DEVICE:
+        return StoredKind::kDevice;
+    case ZNC_STORE_BUNDLE:
+        return StoredKind::kBundle;
+    case ZNC_STORE_LAYER:
+        break;
+    }
+    return StoredKind::kLayer;
+}
+
+bool collect_once(const std::vector<std::string>& used, bool dryRun, std::vector<Stored>& removed)
+{
+    std::vector<const char*> paths;
+    for (const std::string& path : used)
+        paths.push_back(path.c_str());
+    removed.clear();
+    return call_library([&] {
+               return zncStoreCollect(
+                   paths.data(), static_cast<std::uint32_t>(paths.size()),
+                   dryRun ? ZNC_OPT_DRY_RUN : 0,
+                   [](ZNC_STORE_KIND kind, const char* path, void* to) {
+                       static_cast<std::vector<Stored>*>(to)->push_back(
+                           {kind_of(kind), path, 0, false});
+                   },
+                   &removed);
+           }) == OK;
 }
 
 } // namespace
@@ -174,31 +189,52 @@ const char* name_of(StoredKind kind)
     return "";
 }
 
-std::optional<std::vector<Stored>> stored(const std::vector<std::string>& bundles)
+std::optional<std::vector<std::string>> used_by_containers()
 {
-    const auto of_containers = bundles_of_containers();
-    if (!of_containers)
+    auto used = bundles_of_containers();
+    if (!used)
         return std::nullopt;
-    const std::map<std::string, Device> devices = mounted_devices();
-    std::set<std::string> used;
-    for (const auto* list : {&bundles, &*of_containers})
-        for (const std::string& bundle : *list) {
-            use(bundle, devices, used);
-            use(root_of_bundle(bundle), devices, used);
-        }
+    for (std::size_t i = 0, count = used->size(); i < count; i++)
+        if (const std::string root = root_of_bundle((*used)[i]); !root.empty())
+            used->push_back(root);
+    for (const auto& [path, device] : mounted_devices())
+        if (device.writable) // its container's bundle may be gone
+            used->insert(used->end(), device.lower.begin(), device.lower.end());
+    return used;
+}
+
+bool collect(std::vector<std::string> used, bool dryRun, std::vector<Stored>& removed)
+{
+    // A device of which the library knows nothing, and which therefore stays, needs its layers.
+    if (!collect_once(used, true, removed))
+        return false;
+    for (const auto& [path, device] : mounted_devices()) {
+        const bool goes = std::any_of(removed.begin(), removed.end(), [&path](const Stored& item) {
+            return item.kind == StoredKind::kDevice && item.path == path;
+        });
+        if (!goes)
+            used.insert(used.end(), device.lower.begin(), device.lower.end());
+    }
+    return collect_once(used, dryRun, removed);
+}
+
+std::optional<std::vector<Stored>> stored()
+{
+    const auto used = used_by_containers();
+    std::vector<Stored> unused;
+    if (!used || !collect(*used, true, unused))
+        return std::nullopt;
     const std::string base = storage_base();
     std::vector<Stored> all;
-    collect(StoredKind::kBundle, base + "/bundles", all);
-    for (const auto& [path, device] : devices) {
-        if (device.writable) // its container's bundle may be gone
-            use(path, devices, used);
-        else
+    list(StoredKind::kBundle, base + "/bundles", all);
+    for (const auto& [path, device] : mounted_devices())
+        if (!device.writable)
             all.push_back({StoredKind::kDevice, path, 0, false});
-    }
-    collect(StoredKind::kTree, base + "/flattened", all);
-    collect(StoredKind::kLayer, base + "/layers", all);
+    list(StoredKind::kTree, base + "/flattened", all);
+    list(StoredKind::kLayer, base + "/layers", all);
     for (Stored& item : all)
-        item.used = used.contains(canonical(item.path));
+        item.used = std::none_of(unused.begin(), unused.end(),
+                                 [&item](const Stored& other) { return other.path == item.path; });
     return all;
 }
 

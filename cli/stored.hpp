@@ -1,5 +1,5 @@
-// stored.hpp - everything kept under the storage base and what of it is in use. Used by storage df
-// and storage gc.
+// stored.hpp - everything kept under the storage base and what of it is in use: what containers use is
+// known here, what bundles need the library knows. Used by storage df and storage gc.
 #ifndef ZNCCTL_STORED_HPP
 #define ZNCCTL_STORED_HPP
 
@@ -19,9 +19,16 @@ struct Stored {
     bool used;
 };
 
-// What there is; `bundles` and those of all containers are in use, and so is all that they need.
+// What containers use: their bundles and roots, and the directories below their overlay devices.
 // Nothing with errno set when the daemon gives no list of its containers.
-std::optional<std::vector<Stored>> stored(const std::vector<std::string>& bundles);
+std::optional<std::vector<std::string>> used_by_containers();
+
+// Has the library remove what neither the bundles that it knows nor `used` need, or, in a dry run,
+// only tell; false with errno set when not all of it could be done. `removed` is what it was.
+bool collect(std::vector<std::string> used, bool dryRun, std::vector<Stored>& removed);
+
+// What there is, and whether it is in use.
+std::optional<std::vector<Stored>> stored();
 
 const char* name_of(StoredKind kind);
 

@@ -108,24 +108,33 @@ check 'storage df is JSON' python3 -c \
     'import json, sys; assert {e["kind"] for e in json.load(open(sys.argv[1]))} == {"layer", "tree", "device", "bundle"}' \
     "$work/out"
 run zncctl storage df
-check 'storage df counts the layers' grep -Eq '^layer   2      0     [1-9][0-9]* +[1-9][0-9]*$' "$work/out"
+check 'storage df counts the layers, which a bundle needs' grep -Eq '^layer   2      2     [1-9][0-9]* +0$' "$work/out"
 zncctl create keeps "$work/bundle"
 run zncctl storage gc --dry-run
 check 'what a container uses is no garbage' not grep -Eq '^(layer|device) ' "$work/out"
 check 'a dry run removes nothing' test -d "$ZNC_BASE"/bundles/image-*
 zncctl delete -q keeps
-run zncctl storage gc -q "$work/bundle" "$work/flat"
+run zncctl storage gc -q
 expect 'storage gc -q prints nothing' 0 '' ''
-check 'the bundle that was named keeps its layers' test "$(find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 |
-    wc -l)" = 2
+check 'a bundle keeps its layers without being named' test "$(find "$ZNC_BASE/layers" -mindepth 1 \
+    -maxdepth 1 | wc -l)" = 2
 check 'and its tree' test -e "$ZNC_BASE"/flattened/*/bin/busybox
 check 'the one that run made is gone' test -z "$(ls "$ZNC_BASE/bundles")"
 run zncctl storage gc "$work/none"
 fails_with 'storage gc of what is no bundle removes nothing' 1 \
     'it is no bundle: it has no config.json that can be read'
+rm -rf "$work/flat"
+mv "$work/bundle" "$work/moved"
+run zncctl storage gc "$work/moved"
+check 'a bundle that was moved keeps what it needs by being named' test "$status/$(cut -d ' ' -f 1 \
+    "$work/out")/$(find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 | wc -l)" = 0/tree/2
+mv "$work/moved" "$work/bundle"
+rm -rf "$work/bundle"
+mkdir "$ZNC_BASE/layers/mine" "$ZNC_BASE/flattened/mine"
 run zncctl storage gc
 check 'storage gc says what it removes' test "$status/$(cut -d ' ' -f 1 "$work/out" | sort | uniq -c |
-    tr -s ' \n' '  ')" = '0/ 1 device 2 layer 1 tree '
+    tr -s ' \n' '  ')" = '0/ 1 device 2 layer '
+check 'it leaves alone what is not its own' rmdir "$ZNC_BASE/layers/mine" "$ZNC_BASE/flattened/mine"
 check 'nothing is left' test -z "$(find "$ZNC_BASE"/{layers,flattened,bundles} -mindepth 1 \
     -not -name .lock)"
 check 'nor a device' test "$(overlay_mounts)" = 0

@@ -123,6 +123,7 @@ typedef struct zncBundleAttr {
 /* Option bits of the client functions. */
 #define ZNC_OPT_WHOLE_NAMESPACE 0x2u /* zncKill: every process; zncDelete: also a running one */
 #define ZNC_OPT_NO_WAIT 0x4u         /* zncStart: return once the process runs */
+#define ZNC_OPT_DRY_RUN 0x1u         /* zncStoreCollect: tell and remove nothing */
 #define ZNC_OPT_FLATTEN 0x1u         /* zncUnpack: one flattened tree instead of layers */
 
 /* ------------------------------------------------------------------ containers: client functions
@@ -200,10 +201,13 @@ BOOL zncDaemonIsAlive(void);
  * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not;
  * one made here is removed again on failure. Layers are kept under the storage base
  * (zncBasePathGet) and shared between bundles where the overlay filesystem is available.
+ * What is extracted is what was verified, also when the layout changes meanwhile. On OK the bundle
+ * and what it needs are on the medium.
  * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
  * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the
- * image's overlay device exists already), ENAMETOOLONG, archive and system numbers; 0 for a layer
- * whose archive is damaged.
+ * image's overlay device exists already, or another image with the same diff IDs and other layers
+ * has the name of its tree or device), EBUSY (the store is locked for many seconds), ENAMETOOLONG,
+ * archive and system numbers; 0 for a layer whose archive is damaged.
  */
 STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, unsigned int option,
                  const ZNC_BUNDLE_ATTR* pAttr);
@@ -242,9 +246,33 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
 
 /*
  * Remove a bundle directory with all its content. Symbolic links in it are removed, never
- * followed. ERROR (number not set) for a NULL or missing path.
+ * followed. ERROR (number not set) for a NULL or missing path; ENAMETOOLONG for one of 1024 or more
+ * characters, which nothing happens to.
  */
 STATUS zncImageBundleDelete(const char* pBundlePath);
+
+/* What a storage base keeps. */
+typedef enum zncStoreKind {
+    ZNC_STORE_LAYER = 0,
+    ZNC_STORE_TREE = 1,   /* a flattened tree, or one that was set aside */
+    ZNC_STORE_DEVICE = 2, /* the overlay device of an image */
+    ZNC_STORE_BUNDLE = 3  /* a bundle in the base's own directory "bundles" */
+} ZNC_STORE_KIND;
+
+typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* context);
+
+/*
+ * Remove what nothing needs from the storage base (zncBasePathGet): layers, flattened trees, overlay
+ * devices of images, and bundles in the base's directory "bundles". The base knows the bundles that
+ * were unpacked; one whose "config.json" is gone is gone. Whatever else is in use the caller says:
+ * `inUseNum` paths of bundles, roots, layers, trees or devices. That must be what containers use:
+ * their bundles, and the directories below their overlay devices; it keeps bundles in the base, too.
+ * Then `func`, which may be NULL, is called for each thing removed. With ZNC_OPT_DRY_RUN in `option`
+ * nothing is removed. ERROR with the first number after everything else was tried; EBUSY when an
+ * unpack is under way, EBADMSG for a record that cannot be read: nothing is removed then.
+ */
+STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
+                       ZNC_STORE_FUNC func, void* context);
 
 /* ------------------------------------------------------------------ errors and utilities */
 
