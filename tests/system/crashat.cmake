@@ -15,3 +15,14 @@ if(NOT ZNC_SANITIZE)
             ENVIRONMENT "ZNCD=$<TARGET_FILE:zncd>")
     endforeach()
 endif()
+
+# Unpacks and collections killed at random system calls, and what is left of the store: KILL_ROUNDS=200
+# for more of them.
+if(NOT ZNC_SANITIZE)
+    add_executable(store_kill_test store_kill_test.cpp crashat_tracer.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp)
+    target_include_directories(store_kill_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+    target_link_libraries(store_kill_test PRIVATE znc_flags zncontainer mbedcrypto GTest::gtest_main)
+    add_test(NAME store_kill_test COMMAND znc_sandbox -- $<TARGET_FILE:store_kill_test>)
+    set_tests_properties(store_kill_test PROPERTIES TIMEOUT 600)
+endif()

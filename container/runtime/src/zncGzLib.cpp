@@ -13,14 +13,14 @@ ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes)
     return n < 0 ? 0 : n;
 }
 
-// `open` gives the file.
-template <class Open> static GZ_ARCHIVE* create_archive(Open open)
+// `source` opens the file.
+template <class Source> static GZ_ARCHIVE* create_archive(Source source)
 {
     std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> archive(
         znc::malloc_zeroed<GZ_ARCHIVE>().release());
     if (archive == nullptr)
         return nullptr;
-    archive->file = open();
+    archive->file = source();
     if (archive->file == nullptr)
         return nullptr;
     archive->tc.read = zncGzRead;

@@ -50,6 +50,11 @@ std::string_view old_chain(std::string_view name)
     return is_chain(chain) ? chain : std::string_view();
 }
 
+bool is_device(const char* root)
+{
+    return std::string_view(root).starts_with(kDevices) && is_chain(znc::last_component(root));
+}
+
 class Collection {
   public:
     Collection(std::string_view base, bool dry) : base_(base), dry_(dry) {}
@@ -80,7 +85,7 @@ class Collection {
     int error_ = 0;     // the first
     TextList held_;     // names of what the caller says is in use
     TextList bundles_;  // paths of bundles that he says are
-    TextList used_;     // names of layers and roots that recorded bundles need
+    TextList used_;     // names of layers and trees, paths of devices, that recorded bundles need
     TextList aside_;    // renamed, to be deleted
     TextList records_;  // files that say nothing any more
     TextList reported_; // a digit for the kind, and the path
@@ -122,8 +127,9 @@ bool Collection::look_at_records()
             znc::last_component(record.next(bundle) != nullptr ? record.next(bundle) : bundle));
         if (!held && !collection.lives(bundle))
             return OK;
+        // A device with its path: a tree may have the same name.
         for (const char* name = record.next(bundle); name != nullptr; name = record.next(name))
-            if (!collection.used_.add(znc::last_component(name)))
+            if (!collection.used_.add(is_device(name) ? name : znc::last_component(name)))
                 return ERROR;
         return OK;
     };
@@ -144,8 +150,7 @@ void Collection::remove_device(const char* file, const TextList& record)
     const char* const chain = root != nullptr ? znc::last_component(root) : "";
     if (root == nullptr || lives(bundle) || held_.contains(chain))
         return;
-    const bool is_device = std::string_view(root).starts_with(kDevices) && is_chain(chain);
-    if (is_device && !used_.contains(chain)) {
+    if (is_device(root) && !used_.contains(root)) {
         // Of several bundles that are gone the first finds it.
         const bool removed = dry_ ? ::access(root, F_OK) == 0 : zncRemoveOvlRootfsDev(root) == OK;
         const PathText said = znc::path_in(dry_ ? "2" : "", root);

@@ -85,6 +85,7 @@ static const Export exports[] = {
     EXPORT(zncStart),
     EXPORT(zncState),
     EXPORT(zncStatusGet),
+    EXPORT(zncStoreCollect),
     EXPORT(zncTarExtract),
     EXPORT(zncUnpack),
     EXPORT(zncUnpackProgressSet),
