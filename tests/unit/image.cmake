@@ -5,6 +5,8 @@ set(IMAGE_WRAP malloc calloc realloc strdup)
 
 znc_unit_test(zncWorkAhead_test NO_SANDBOX)
 znc_unit_test(zncDigest_test SOURCES ${IMAGE_SUPPORT})
+znc_unit_test(zncBlob_test SOURCES ${IMAGE_SUPPORT})
+znc_unit_test(zncStoreCollect_test SOURCES ${IMAGE_SUPPORT} ../support/fake_platform.cpp)
 znc_unit_test(zncImageLib_validate_test SOURCES ${IMAGE_SUPPORT})
 znc_unit_test(zncImageLib_layout_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})
 znc_unit_test(zncImageLib_config_test SOURCES ${IMAGE_SUPPORT} ${IMAGE_FAULTS} WRAP ${IMAGE_WRAP})

@@ -1,0 +1,130 @@
+// Files that are hashed as they are read.
+#include "zncBlob.hpp"
+
+#include "layout_builder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include <sys/stat.h>
+
+namespace {
+
+class Blob : public ::testing::Test {
+  protected:
+    void SetUp() override { layout::write_file(path_, bytes_); }
+    std::string read_all()
+    {
+        std::string all;
+        char chunk[1000];
+        ssize_t n;
+        while ((n = blob_.read(chunk, sizeof chunk)) > 0)
+            all.append(chunk, static_cast<std::size_t>(n));
+        return n == 0 ? all : "(error)";
+    }
+    layout::TempDir dir_;
+    std::string path_ = dir_ / "blob";
+    std::string bytes_ = std::string(5000, 'x') + "tail";
+    std::string digest_ = "sha256:" + layout::sha256_hex(bytes_);
+    znc::BlobReader blob_;
+};
+
+TEST_F(Blob, WhatIsReadIsWhatIsVerified)
+{
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    EXPECT_EQ(blob_.size(), bytes_.size());
+    EXPECT_EQ(read_all(), bytes_);
+    EXPECT_TRUE(blob_.verified());
+}
+
+TEST_F(Blob, WhatIsNotReadIsVerifiedToo)
+{
+    char one = 0;
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    EXPECT_EQ(blob_.read(&one, 1), 1);
+    EXPECT_TRUE(blob_.verified());
+}
+
+TEST_F(Blob, BytesThatChangeBeforeTheyAreReadAreNoticed)
+{
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    bytes_[4000] = 'y';
+    layout::write_file(path_, bytes_);
+    EXPECT_EQ(read_all(), bytes_);
+    EXPECT_FALSE(blob_.verified());
+}
+
+TEST_F(Blob, BytesThatChangeAfterTheyWereReadDoNotMatter)
+{
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    EXPECT_EQ(read_all(), bytes_);
+    layout::write_file(path_, std::string(bytes_.size(), 'y'));
+    EXPECT_TRUE(blob_.verified());
+}
+
+TEST_F(Blob, AFileThatGetsShorterIsNotWhatItWas)
+{
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_EQ(::truncate(path_.c_str(), 100), 0);
+    EXPECT_FALSE(blob_.verified());
+}
+
+TEST_F(Blob, AfterARestartAllOfItCountsOnce)
+{
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    EXPECT_EQ(read_all(), bytes_);
+    ASSERT_TRUE(blob_.restart());
+    EXPECT_EQ(read_all(), bytes_);
+    EXPECT_TRUE(blob_.verified());
+}
+
+TEST_F(Blob, ATailThatWasReadAheadMustBeTheOneThatStandsThere)
+{
+    unsigned char tail[4];
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(blob_.read_tail(tail, sizeof tail));
+    EXPECT_EQ(std::string(tail, tail + 4), "tail");
+    EXPECT_TRUE(blob_.verified());
+
+    layout::write_file(path_, std::string(bytes_.size(), 'y'));
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(blob_.read_tail(tail, sizeof tail));
+    layout::write_file(path_, bytes_);
+    EXPECT_EQ(read_all(), bytes_); // the digest alone would be right
+    EXPECT_FALSE(blob_.verified());
+}
+
+TEST_F(Blob, DigestsOfBothKindsInAnyCaseAreTaken)
+{
+    std::string upper = digest_;
+    for (std::size_t i = 7; i < upper.size(); ++i)
+        upper[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(upper[i])));
+    EXPECT_TRUE(blob_.open(path_.c_str(), upper.c_str()) && blob_.verified());
+    layout::write_file(path_, "abc");
+    EXPECT_TRUE(blob_.open(path_.c_str(),
+                           "sha512:ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
+                           "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f") &&
+                blob_.verified());
+}
+
+TEST_F(Blob, WhatIsNoDigestIsRefusedWithoutANumber)
+{
+    for (const char* digest : {"", "sha256", "sha256:", "sha256:12", "md5:0123", "sha256:../x"}) {
+        errno = EIO;
+        EXPECT_FALSE(blob_.open(path_.c_str(), digest)) << digest;
+        EXPECT_EQ(errno, 0) << digest;
+    }
+    EXPECT_FALSE(blob_.open(path_.c_str(), nullptr));
+}
+
+TEST_F(Blob, WhatIsNoFileIsNeitherOpenedNorWaitedFor)
+{
+    ASSERT_EQ(::mkfifo((dir_ / "pipe").c_str(), 0600), 0);
+    EXPECT_FALSE(blob_.open((dir_ / "pipe").c_str(), digest_.c_str()));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(blob_.open((dir_ / "absent").c_str(), digest_.c_str()));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+} // namespace
