@@ -305,6 +305,57 @@ TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(wanted)});
 }
 
+// What is parsed is what was verified, whatever stands in the layout by then.
+TEST_F(Ahead, DocumentsThatChangeOnceTheyWereReadDoNotMatter)
+{
+    add(layer_);
+    const std::string index = layout::read_file(layout_.dir() / "index.json");
+    std::set<std::string> blobs = names_in(layout_.dir() / "blobs/sha256");
+    blobs.erase(layout::sha256_hex(layer_));
+    ASSERT_EQ(blobs.size(), 2U); // the manifest and the configuration
+    before_verdict = [&] {
+        if (++verdicts_ == 2) // both have been read
+            for (const std::string& blob : blobs)
+                layout::write_file(layout_.blob("sha256:" + blob), R"({"another":"document"})");
+    };
+    EXPECT_EQ(unpack(), OK) << errno;
+    EXPECT_GE(verdicts_, kLayerVerdict);
+}
+
+// A layer that an earlier manifest named is verified once; what is extracted later is verified
+// again.
+TEST_F(Ahead, ALayerThatChangesAfterItWasVerifiedIsNotStored)
+{
+    Image image;
+    image.layers = {layer_};
+    image.name = "first";
+    layout_.add(image);
+    image.name = "second";
+    image.section = R"({"Cmd":["x"]})";
+    layout_.add(image);
+    before_verdict = [this] {
+        if (++verdicts_ == kLayerVerdict + 1)
+            damage(layer_);
+    };
+    EXPECT_EQ(unpack("second"), ERROR);
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_TRUE(names_in(store_).empty());
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
+TEST_F(Ahead, ARawRootOfALayerThatChangesAfterItWasVerifiedIsRefused)
+{
+    fs::remove("/overlay");
+    add(layer_);
+    before_verdict = [this] {
+        if (++verdicts_ == kLayerVerdict)
+            damage(layer_);
+    };
+    EXPECT_EQ(unpack(), ERROR);
+    EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
 TEST_F(Ahead, ATagThatNothingHasMakesNoStore)
 {
     add(layer_);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kLockName[] = "/.lock";
 constexpr int kBaseTries = 8; // at a base that another one's failure removes meanwhile
-constexpr int kWaits = 2000;  // of kWaitNs: 20 s. It is held exclusively for a few renames only
+constexpr int kWaits = 1000;  // of kWaitNs: 10 s. It is held exclusively for a few renames only
 constexpr long kWaitNs = 10'000'000;
 
 bool lock_set(int fd, short type)
