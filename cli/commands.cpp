@@ -167,7 +167,7 @@ constexpr Command kCommands[] = {
      kCheckOptions, 1, 1, kDir, "", cmd_config_check},
     {"storage df", "", "", "tell what layers, trees and overlay devices use", kDfOptions, 0, 0,
      kNone, "", cmd_storage_df},
-    {"storage gc", "", "[BUNDLE...]", "remove what no bundle named and no container uses",
+    {"storage gc", "", "[BUNDLE...]", "remove what no bundle and no container needs",
      kGcOptions, 0, kMany, kDir, "", cmd_storage_gc},
     {"ping", "", "", "ask whether the daemon answers", {}, 0, 0, kNone, "", cmd_ping},
     {"version", "", "", "print the versions of client, daemon and protocol", kVersionOptions, 0, 0,
