@@ -95,6 +95,39 @@ TEST_F(Blob, ATailThatWasReadAheadMustBeTheOneThatStandsThere)
     EXPECT_FALSE(blob_.verified());
 }
 
+// Most of it is hashed by another task, where there is a processor for one.
+TEST_F(Blob, ALargeFileHasTheSameDigest)
+{
+    bytes_.assign(5'000'003, 'z');
+    for (std::size_t i = 0; i < bytes_.size(); i += 7)
+        bytes_[i] = static_cast<char>(i >> 5);
+    layout::write_file(path_, bytes_);
+    digest_ = "sha256:" + layout::sha256_hex(bytes_);
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    EXPECT_EQ(read_all(), bytes_);
+    EXPECT_TRUE(blob_.verified());
+    ASSERT_TRUE(blob_.restart());
+    char start[3000];
+    EXPECT_EQ(blob_.read(start, sizeof start), 3000);
+    EXPECT_EQ(blob_.read(start, sizeof start), 3000);
+    ASSERT_TRUE(blob_.restart());
+    EXPECT_TRUE(blob_.verified());
+    bytes_[4'000'000] ^= 1;
+    layout::write_file(path_, bytes_);
+    ASSERT_TRUE(blob_.restart());
+    EXPECT_EQ(read_all(), bytes_);
+    EXPECT_FALSE(blob_.verified());
+}
+
+TEST_F(Blob, AReaderThatIsGivenUpEndsItsTask)
+{
+    layout::write_file(path_, std::string(5'000'000, 'z'));
+    char chunk[100'000];
+    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(blob_.read(chunk, sizeof chunk), 100'000);
+}
+
 TEST_F(Blob, DigestsOfBothKindsInAnyCaseAreTaken)
 {
     std::string upper = digest_;

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::size_t kDrainLen = 4096;
+constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task of their own
 
 } // namespace
 
@@ -29,9 +30,21 @@ bool BlobReader::open(const char* path, const char* digest)
 
 bool BlobReader::restart()
 {
+    aside_.finish();
     at_ = 0;
     tailLen_ = 0;
     return ::lseek(fd_.get(), 0, SEEK_SET) == 0 && hash_.start(digest_);
+}
+
+// The beginning is read twice of archives that are not compressed.
+void BlobReader::hash(const void* bytes, std::size_t len)
+{
+    if (!aside_.runs() && !alone_ && at_ > 0 && size_ >= kWorthwhile)
+        alone_ = !aside_.start(hash_);
+    if (aside_.runs())
+        aside_.give(bytes, len);
+    else
+        hash_.update(bytes, len);
 }
 
 void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
@@ -57,7 +70,7 @@ ssize_t BlobReader::read(void* buffer, std::size_t count)
             break; // it has become shorter
         got += static_cast<std::size_t>(n);
     }
-    hash_.update(bytes, got);
+    hash(bytes, got);
     note_tail(bytes, got);
     at_ += got;
     progress_read(fd_.get());
@@ -82,6 +95,7 @@ bool BlobReader::verified()
     ssize_t n = 1;
     while (n > 0)
         n = read(rest.data(), rest.size());
+    aside_.finish();
     return n == 0 && at_ == size_ && hash_.matches() &&
            std::memcmp(tail_.data(), tailAhead_.data(), tailLen_) == 0;
 }

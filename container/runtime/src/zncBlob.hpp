@@ -5,6 +5,7 @@
 #define ZNCBLOB_HPP
 
 #include "zncDigest.hpp"
+#include "zncDigestTask.hpp"
 
 #include <array>
 #include <cstddef>
@@ -38,6 +39,7 @@ class BlobReader {
     [[nodiscard]] bool verified();
 
   private:
+    void hash(const void* bytes, std::size_t len);
     void note_tail(const unsigned char* bytes, std::size_t len);
 
     UniqueFd fd_;
@@ -45,6 +47,8 @@ class BlobReader {
     std::size_t at_ = 0;
     const char* digest_ = nullptr;
     RunningDigest hash_;
+    DigestTask aside_;   // for most of a large file
+    bool alone_ = false; // there was none to be had
     std::size_t tailLen_ = 0;
     std::array<unsigned char, kTailMax> tailAhead_ = {};
     std::array<unsigned char, kTailMax> tail_ = {};

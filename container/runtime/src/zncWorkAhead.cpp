@@ -13,22 +13,11 @@ constexpr std::size_t kStackSize = 256 * 1024; // a helper's; the jobs need a fe
 constexpr long kSecond = 1'000'000'000;
 constexpr long kWhile = kSecond / 20;
 
-class MutexHold {
-  public:
-    explicit MutexHold(pthread_mutex_t& mutex) noexcept : mutex_(mutex)
-    {
-        ::pthread_mutex_lock(&mutex_);
-    }
-    ~MutexHold() { ::pthread_mutex_unlock(&mutex_); }
-    MutexHold(const MutexHold&) = delete;
-    MutexHold& operator=(const MutexHold&) = delete;
+} // namespace
 
-  private:
-    pthread_mutex_t& mutex_;
-};
+namespace znc {
 
-// The application's signals are not for a helper: it starts, and stays, with all of them blocked.
-bool start_task(pthread_t* task, void* (*main)(void*), void* argument)
+bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept
 {
     pthread_attr_t attributes;
     if (::pthread_attr_init(&attributes) != 0)
@@ -43,10 +32,6 @@ bool start_task(pthread_t* task, void* (*main)(void*), void* argument)
     ::pthread_attr_destroy(&attributes);
     return started;
 }
-
-} // namespace
-
-namespace znc {
 
 WorkAhead::WorkAhead(Job job, void* context, std::size_t count) noexcept
     : job_(job), context_(context), counts_(progress_counts()), count_(count)

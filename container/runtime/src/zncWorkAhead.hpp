@@ -13,6 +13,24 @@
 
 namespace znc {
 
+class MutexHold {
+  public:
+    explicit MutexHold(pthread_mutex_t& mutex) noexcept : mutex_(mutex)
+    {
+        ::pthread_mutex_lock(&mutex_);
+    }
+    ~MutexHold() { ::pthread_mutex_unlock(&mutex_); }
+    MutexHold(const MutexHold&) = delete;
+    MutexHold& operator=(const MutexHold&) = delete;
+
+  private:
+    pthread_mutex_t& mutex_;
+};
+
+// Starts a helper task, which the application's signals are not for: it starts, and stays, with all
+// of them blocked. Its stack is small. False: there is none.
+bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept;
+
 // A row of jobs. Whoever made it asks for the results in order and does himself what nobody has
 // begun; helper tasks do what comes next meanwhile. A later job may thus have been done although an
 // earlier one failed: only jobs that do no harm then belong here. Without memory or processors for
