@@ -209,9 +209,10 @@ bool collect(std::vector<std::string> used, bool dryRun, std::vector<Stored>& re
     if (!collect_once(used, true, removed))
         return false;
     for (const auto& [path, device] : mounted_devices()) {
-        const bool goes = std::any_of(removed.begin(), removed.end(), [&path](const Stored& item) {
-            return item.kind == StoredKind::kDevice && item.path == path;
-        });
+        const bool goes =
+            std::any_of(removed.begin(), removed.end(), [&name = path](const Stored& item) {
+                return item.kind == StoredKind::kDevice && item.path == name;
+            });
         if (!goes)
             used.insert(used.end(), device.lower.begin(), device.lower.end());
     }

@@ -118,6 +118,7 @@ void World::expect_products(const std::vector<std::string>& layers)
         return;
     }
     may_appear("bundle");
+    may_appear("base/records");
     if (storage_ == Storage::kFlattened && layers.size() > 1) { // a single one is that of the store
         may_appear("base/flattened/" + chain_of(layers));
         root_ = dir_ / "base/flattened/" + chain_of(layers);
