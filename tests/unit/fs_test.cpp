@@ -405,3 +405,55 @@ TEST(ErrorText, IsTheSystemsCutToTheBufferAndKeepsErrno)
 }
 
 } // namespace
+
+TEST(DirExchange, BothDirectoriesChangeNamesInOneStep)
+{
+    const TempDir dir;
+    std::filesystem::create_directories(dir / "a/of-a");
+    std::filesystem::create_directories(dir / "b/of-b");
+    EXPECT_EQ(znDirExchange((dir / "a").c_str(), (dir / "b").c_str()), OK);
+    EXPECT_TRUE(test_tree::exists(dir / "a/of-b"));
+    EXPECT_TRUE(test_tree::exists(dir / "b/of-a"));
+}
+
+TEST(DirExchange, WhoLooksAlwaysFindsAWholeTree)
+{
+    const TempDir dir;
+    for (const char* tree : {"a", "b"})
+        std::filesystem::create_directories(dir / tree + std::string("/x/y"));
+    std::atomic<bool> end = false;
+    std::thread other([&] {
+        while (!end)
+            znDirExchange((dir / "a").c_str(), (dir / "b").c_str());
+    });
+    for (int i = 0; i < 5000; i++)
+        ASSERT_TRUE(test_tree::exists(dir / "b/x/y")) << i;
+    end = true;
+    other.join();
+}
+
+TEST(DirExchange, WithoutOneOfThemNothingChanges)
+{
+    const TempDir dir;
+    std::filesystem::create_directories(dir / "a/of-a");
+    EXPECT_EQ(znDirExchange((dir / "a").c_str(), (dir / "none").c_str()), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(znDirExchange((dir / "none").c_str(), (dir / "a").c_str()), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(test_tree::exists(dir / "a/of-a"));
+}
+
+TEST(Sync, ADirectoryIsNeeded)
+{
+    const TempDir dir;
+    test_tree::write_file(dir / "file", "x");
+    EXPECT_EQ(znFsSync(dir.path().c_str()), OK);
+    EXPECT_EQ(znDirSync(dir.path().c_str()), OK);
+    for (const auto& [path, error] :
+         {std::pair(dir / "file", ENOTDIR), std::pair(dir / "none", ENOENT)}) {
+        EXPECT_EQ(znFsSync(path.c_str()), ERROR);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(znDirSync(path.c_str()), ERROR);
+        EXPECT_EQ(errno, error);
+    }
+}

@@ -157,6 +157,16 @@ TEST_F(Overlay, StacksOf127LayersAndPathsWithColonsCommasAndSpacesWork)
     EXPECT_EQ(remove("image"), OK);
 }
 
+TEST_F(Overlay, MoreLayersThanTheKernelStacksFailWithItsNumber)
+{
+    std::vector<std::string> dirs;
+    for (int i = 0; i < 501; i++)
+        dirs.push_back(layer("l" + std::to_string(i), "f"));
+    EXPECT_EQ(create("many", dirs, FALSE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists("/overlay/many"));
+}
+
 TEST_F(Overlay, TheClassicCallGivesTheSameDevice)
 {
     fs::create_directories("/tmp/o/point");
