@@ -157,6 +157,7 @@ StoredKind kind_of(ZNC_STORE_KIND kind)
 bool collect_once(const std::vector<std::string>& used, bool dryRun, std::vector<Stored>& removed)
 {
     std::vector<const char*> paths;
+    paths.reserve(used.size());
     for (const std::string& path : used)
         paths.push_back(path.c_str());
     removed.clear();
