@@ -235,6 +235,65 @@ TEST_F(Start, AProcessThatMakesItsParentItsTracerAndStopsHasNotEnded)
     EXPECT_EQ(waitpid(spawnLog.child, nullptr, WNOHANG), -1) << "it is stopped and still there";
 }
 
+TEST_F(Start, StartPidReturnsAtOnceWithTheChildsId)
+{
+    int hold[2];
+    ASSERT_EQ(pipe2(hold, O_CLOEXEC), 0);
+    FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
+    spawnLog.holdChild = hold[0];
+    pid_t pid = -5;
+    EXPECT_EQ(zncStartPid("web", 0, &pid), OK);
+    EXPECT_GT(pid, 0);
+    EXPECT_EQ(pid, spawnLog.child);
+    EXPECT_EQ(waitpid(spawnLog.child, nullptr, WNOHANG), 0) << "it still runs, and is ours to reap";
+    EXPECT_EQ(spawnLog.setters, kSetters);
+    EXPECT_EQ(requests(daemon),
+              (std::vector<std::string>{R"(1 {"containerId":"web","option":4})", handle_stored()}));
+    kill(spawnLog.child, SIGKILL);
+    close(hold[0]);
+    close(hold[1]);
+}
+
+TEST_F(Start, StartPidWithoutAPlaceForTheIdOrWithoutAnIdFailsWithEINVAL)
+{
+    FakeDaemon daemon(answering_in_turn({kStarted}));
+    EXPECT_EQ(zncStartPid("web", 0, nullptr), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    pid_t pid = -5;
+    EXPECT_EQ(zncStartPid(nullptr, 0, &pid), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(pid, 0);
+    EXPECT_TRUE(daemon.requests().empty());
+}
+
+TEST_F(Start, StartPidIsZeroWhenThereIsNothingToRunAndWhenItFails)
+{
+    pid_t pid = -5;
+    {
+        FakeDaemon daemon(answering_in_turn({started_with("{}")}));
+        EXPECT_EQ(zncStartPid("web", 0, &pid), OK);
+        EXPECT_EQ(pid, 0);
+    }
+    FakeDaemon daemon(answering_in_turn({kStarted}));
+    spawnLog.spawnFails = ENOENT;
+    pid = -5;
+    EXPECT_EQ(zncStartPid("web", 0, &pid), ERROR);
+    EXPECT_EQ(errno, S_zncLib_RTP_SPAWN_FAILED);
+    EXPECT_EQ(pid, 0);
+}
+
+TEST_F(Start, StartPidNamesTheChildThatTheDaemonCouldNotBeToldOf)
+{
+    FakeDaemon daemon(
+        answering_in_turn({kStarted, R"({"errno":19,"body":[]})", R"({"errno":22,"body":[]})"}));
+    pid_t pid = -5;
+    EXPECT_EQ(zncStartPid("web", 0, &pid), ERROR);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(pid, spawnLog.child);
+    EXPECT_EQ(requests(daemon).back(), kGivenUp);
+}
+
 TEST_F(Start, OtherOptionBitsDoNotKeepItFromWaiting)
 {
     FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));

@@ -159,6 +159,14 @@ STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int o
 STATUS zncStart(const char* containerId, unsigned int option);
 
 /*
+ * As zncStart with ZNC_OPT_NO_WAIT, and says which child of the caller the program is. `pPid` gets its
+ * process id on OK, or 0 if the daemon had nothing to run. On ERROR it gets 0, unless the program
+ * was spawned and the daemon could not be told: it was then sent TERM, and the caller reaps it.
+ * Numbers as zncStart; EINVAL also for a NULL `pPid`.
+ */
+STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
+
+/*
  * Send a signal (the system's number) to the container's process, or with
  * ZNC_OPT_WHOLE_NAMESPACE to all of its processes. A container that does not run is left alone: OK.
  * EINVAL, ENODEV, ESRCH (the process is gone or not yet known).

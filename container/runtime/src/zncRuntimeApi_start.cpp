@@ -141,9 +141,7 @@ pid_t wait_for(pid_t pid)
     return ended;
 }
 
-} // namespace
-
-STATUS zncStart(const char* containerId, unsigned int option)
+STATUS request_start(const char* containerId, unsigned int option, znc::Reply* reply)
 {
     if (containerId == nullptr) {
         errno = EINVAL;
@@ -151,14 +149,14 @@ STATUS zncStart(const char* containerId, unsigned int option)
     }
     std::array params = {znc::string_param("containerId", containerId),
                          znc::integer_param("option", option)};
-    znc::Reply reply;
-    if (znc::request_reply(ZNC_START, params, &reply) != OK)
-        return ERROR;
-    return zncContextStart(containerId, reply.body, option);
+    return znc::request_reply(ZNC_START, params, reply);
 }
 
-STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int option)
+// Spawns what a start reply's body says and tells the daemon which process it is. `pid` is 0 when
+// nothing was spawned, also when that was all there was to do.
+STATUS start_process(const char* containerId, cJSON* array, pid_t* pid)
 {
+    *pid = 0;
     if (containerId == nullptr) {
         errno = EINVAL;
         return ERROR;
@@ -172,15 +170,45 @@ STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int optio
     if (start.empty())
         return OK;
     SpawnAttributes attributes;
-    pid_t pid = 0;
-    if (!attributes.set(start) || !spawn(start, attributes, &pid)) {
+    if (!attributes.set(start) || !spawn(start, attributes, pid)) {
         const znc::ErrnoSaver keep;
         znnsExpectEnd(start.number(kNsId)); // also where nothing was spawned at all
         return ERROR;
     }
-    if (pid == 0 || zncContextObjHandleStore(containerId, pid) != OK)
+    if (*pid == 0 || zncContextObjHandleStore(containerId, *pid) != OK)
         return give_up(containerId);
-    if ((option & ZNC_OPT_NO_WAIT) != 0)
+    return OK;
+}
+
+} // namespace
+
+STATUS zncStart(const char* containerId, unsigned int option)
+{
+    znc::Reply reply;
+    if (request_start(containerId, option, &reply) != OK)
+        return ERROR;
+    return zncContextStart(containerId, reply.body, option);
+}
+
+STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid)
+{
+    if (pPid == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    *pPid = 0;
+    znc::Reply reply;
+    if (request_start(containerId, option | ZNC_OPT_NO_WAIT, &reply) != OK)
+        return ERROR;
+    return start_process(containerId, reply.body, pPid);
+}
+
+STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int option)
+{
+    pid_t pid = 0;
+    if (start_process(containerId, array, &pid) != OK)
+        return ERROR;
+    if (pid == 0 || (option & ZNC_OPT_NO_WAIT) != 0)
         return OK;
     return wait_for(pid); // the process id, not OK
 }

@@ -83,6 +83,7 @@ static const Export exports[] = {
     EXPORT(zncResponseCheck),
     EXPORT(zncSendMsg),
     EXPORT(zncStart),
+    EXPORT(zncStartPid),
     EXPORT(zncState),
     EXPORT(zncStatusGet),
     EXPORT(zncStoreCollect),
