@@ -1,0 +1,68 @@
+// process.cpp - children by pidfd, and the ends of children that were not asked for.
+#include "zarnel/process.h"
+
+#include "pidfd.hpp"
+
+namespace {
+
+constexpr int kReapedAtOnce = 256;
+
+// A traced child's stop is reported even to who asks for ends only.
+bool is_end(const siginfo_t& info)
+{
+    return info.si_code == CLD_EXITED || info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED;
+}
+
+int wait_status(const siginfo_t& info)
+{
+    if (info.si_code == CLD_EXITED)
+        return (info.si_status & 0xff) << 8;
+    return info.si_status | (info.si_code == CLD_DUMPED ? WCOREFLAG : 0);
+}
+
+// False with errno set, EAGAIN when there is nothing to tell. `__WALL`: also children that were
+// made to end with another signal than SIGCHLD.
+bool look(idtype_t type, id_t id, int what, siginfo_t& info)
+{
+    info = {};
+    int result;
+    do
+        result = ::waitid(type, id, &info, what | WNOHANG | __WALL);
+    while (result != 0 && errno == EINTR);
+    if (result == 0 && info.si_pid == 0)
+        errno = EAGAIN;
+    return result == 0 && info.si_pid != 0;
+}
+
+} // namespace
+
+int znProcessOpen(pid_t pid)
+{
+    return zn::process_open(pid).release();
+}
+
+STATUS znProcessReap(int process, int* status)
+{
+    siginfo_t info;
+    do
+        if (!look(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(process), WEXITED, info))
+            return ERROR;
+    while (!is_end(info));
+    *status = wait_status(info);
+    return OK;
+}
+
+BOOL znProcessReapOthers(pid_t except)
+{
+    for (int n = 0; n < kReapedAtOnce; n++) {
+        siginfo_t info;
+        if (!look(P_ALL, 0, WEXITED | WNOWAIT, info))
+            return FALSE;
+        if (is_end(info) && info.si_pid == except)
+            return FALSE;
+        // Taken by its id: nobody else reaps, so it is still the same process.
+        const int what = is_end(info) ? WEXITED : WSTOPPED;
+        static_cast<void>(look(P_PID, static_cast<id_t>(info.si_pid), what, info));
+    }
+    return TRUE;
+}
