@@ -6,6 +6,7 @@
 #include "program.hpp"
 #include "words.hpp"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -13,7 +14,9 @@
 #include <ctime>
 #include <exception>
 #include <fcntl.h>
+#include <optional>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,11 +83,13 @@ class Monitor {
     int start(const RecordKeeper& record)
     {
         Pipe output;
-        if (!output.reader)
+        // Not to wait for bytes: the container can open its end for reading and take them away.
+        if (!output.reader || ::fcntl(output.reader.get(), F_SETFL, O_NONBLOCK) != 0)
             return errno;
-        program_ = start_program(id_, {STDIN_FILENO, output.writer.get(), output.writer.get()});
-        if (program_.error != 0)
-            return program_.error;
+        log_.emplace(record.dir(), log_max_); // who is told that the program runs finds it
+        const int writer = output.writer.get();
+        if (const int error = program_.start(id_, {kNullDevice, writer, writer}); error != 0)
+            return error;
         output_ = std::move(output.reader);
         known_ = describe(program_, true);
         record.write(known_);
@@ -94,38 +99,45 @@ class Monitor {
     // Ends when the program has ended and nothing in the container holds its output open.
     void serve(const RecordKeeper& record, const SignalQueue& signals)
     {
-        LogFile log(record.dir(), log_max_);
         while (!known_.exit_code || output_) {
-            std::array<pollfd, 1> wanted = {pollfd{output_.get(), POLLIN, 0}};
-            if (!known_.exit_code && (known_.exit_code = program_ended(program_))) {
-                take_rest(log); // who sees the exit code finds the output
+            if (const auto& status = program_.look(); status && !known_.exit_code) {
+                take_rest(); // who sees the exit code finds the output
+                known_.exit_code = status;
                 known_.exited = time_text(std::time(nullptr));
                 record.write(known_);
                 continue;
             }
+            std::array<pollfd, 1> wanted = {pollfd{output_.get(), POLLIN, 0}};
             signals.wait(wanted);
             while (signals.next()) { // none of them is the monitor's
             }
             if (wanted[0].revents != 0)
-                take_output(log);
+                take_output(buffer_.size());
         }
     }
 
-    bool take_output(LogFile& log)
+    // The number of bytes taken, 0 when there are none for now.
+    std::size_t take_output(std::size_t most)
     {
-        std::array<char, 16384> buffer{};
-        const ssize_t n = ::read(output_.get(), buffer.data(), buffer.size());
+        const ssize_t n = ::read(output_.get(), buffer_.data(), std::min(most, buffer_.size()));
         if (n > 0)
-            log.append({buffer.data(), static_cast<std::size_t>(n)});
-        else if (n == 0 || errno != EINTR)
+            log_->append({buffer_.data(), static_cast<std::size_t>(n)});
+        else if (n == 0 || (errno != EINTR && errno != EAGAIN))
             output_.reset();
-        return n > 0;
+        return n > 0 ? static_cast<std::size_t>(n) : 0;
     }
 
-    void take_rest(LogFile& log)
+    // What was there when the program ended: what it left behind may go on writing without end.
+    void take_rest()
     {
-        pollfd wanted = {output_.get(), POLLIN, 0};
-        while (output_ && ::poll(&wanted, 1, 0) == 1 && take_output(log)) {
+        int there = 0;
+        if (!output_ || ::ioctl(output_.get(), FIONREAD, &there) != 0)
+            return;
+        for (auto left = static_cast<std::size_t>(there); left > 0;) {
+            const std::size_t taken = take_output(left);
+            if (taken == 0)
+                return;
+            left -= taken;
         }
     }
 
@@ -134,6 +146,8 @@ class Monitor {
     Program program_;
     Record known_;
     znc::UniqueFd output_;
+    std::optional<LogFile> log_;
+    std::array<char, 65536> buffer_;
 };
 
 } // namespace

@@ -9,25 +9,14 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "zarnel/process.h"
 #include "zncontainer.h"
 
 namespace zncctl {
 namespace {
-
-// Empty where the kernel does not say. A program may have had children before it became zncctl by
-// exec.
-std::vector<pid_t> children()
-{
-    std::vector<pid_t> pids;
-    std::ifstream file("/proc/thread-self/children");
-    for (pid_t pid = 0; file >> pid;)
-        pids.push_back(pid);
-    return pids;
-}
 
 // Signals that came and were not handed out yet.
 volatile std::sig_atomic_t arrived[NSIG];
@@ -37,11 +26,6 @@ void note_signal(int signo)
     arrived[signo] = 1;
 }
 
-bool contains(const std::vector<pid_t>& pids, pid_t pid)
-{
-    return std::find(pids.begin(), pids.end(), pid) != pids.end();
-}
-
 int exit_status(int wait_status)
 {
     if (WIFSIGNALED(wait_status))
@@ -49,21 +33,24 @@ int exit_status(int wait_status)
     return WEXITSTATUS(wait_status);
 }
 
-// While it lives, the standard streams are others.
-class Streams {
+// While it lives, the standard streams are a program's. One that is closed on exec counts as
+// closed, and stands for the null device.
+class StreamsInPlace {
   public:
-    explicit Streams(const std::array<int, 3>& streams)
+    explicit StreamsInPlace(const ProgramStreams& streams)
     {
         std::fflush(nullptr);
         for (int fd = 0; fd < 3; fd++) {
             const auto at = static_cast<std::size_t>(fd);
-            if (streams[at] == fd)
-                continue;
             saved_[at].reset(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
-            ::dup2(streams[at], fd);
+            if (streams[at] == kNullDevice)
+                good_ = ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 && good_;
+            else
+                good_ = ::dup2(streams[at], fd) == fd && good_;
+            good_ = saved_[at] && good_;
         }
     }
-    ~Streams()
+    ~StreamsInPlace()
     {
         const znc::ErrnoSaver keep;
         std::fflush(nullptr);
@@ -71,11 +58,14 @@ class Streams {
             if (const auto& saved = saved_[static_cast<std::size_t>(fd)]; saved)
                 ::dup2(saved.get(), fd);
     }
-    Streams(const Streams&) = delete;
-    Streams& operator=(const Streams&) = delete;
+    StreamsInPlace(const StreamsInPlace&) = delete;
+    StreamsInPlace& operator=(const StreamsInPlace&) = delete;
+
+    explicit operator bool() const { return good_; }
 
   private:
     std::array<znc::UniqueFd, 3> saved_;
+    bool good_ = true;
 };
 
 // Follows a path as a process does whose root is this directory.
@@ -219,12 +209,12 @@ SignalQueue::~SignalQueue()
     ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
-void SignalQueue::wait(std::span<pollfd> wanted) const
+void SignalQueue::wait(std::span<pollfd> wanted, const timespec* time) const
 {
     // Only here are signals let through, so none comes between a look and the wait.
     sigset_t none;
     sigemptyset(&none);
-    if (::ppoll(wanted.data(), wanted.size(), nullptr, &none) < 0)
+    if (::ppoll(wanted.data(), wanted.size(), time, &none) < 0)
         for (pollfd& fd : wanted)
             fd.revents = 0;
 }
@@ -251,35 +241,39 @@ int startable(const std::string& id)
     return status == STATE_CREATED ? 0 : EBUSY;
 }
 
-Program start_program(const std::string& id, const std::array<int, 3>& streams)
+int Program::start(const std::string& id, const ProgramStreams& streams)
 {
-    Program program;
-    program.others = children();
     {
-        const Streams of_the_program(streams);
-        errno = 0;
-        if (zncStart(id.c_str(), ZNC_OPT_NO_WAIT) == OK)
-            program.error = 0;
-        else if (errno != 0)
-            program.error = errno;
+        const StreamsInPlace of_the_program(streams);
+        errno = of_the_program ? 0 : errno;
+        if (!of_the_program || zncStartPid(id.c_str(), 0, &pid_) != OK)
+            return errno != 0 ? errno : -1;
     }
-    for (const pid_t pid : children())
-        if (!contains(program.others, pid))
-            program.pid = pid;
-    return program;
+    if (pid_ == 0) {
+        status_ = kExitOk;
+        return 0;
+    }
+    process_.reset(znProcessOpen(pid_));
+    return process_ ? 0 : errno;
 }
 
-std::optional<int> program_ended(const Program& program)
+const std::optional<int>& Program::look()
 {
-    for (;;) {
-        int status = 0;
-        const pid_t pid = ::waitpid(-1, &status, WNOHANG);
-        if (pid > 0 && !contains(program.others, pid))
-            return exit_status(status);
-        if (pid == 0)
-            return std::nullopt;
-        if (pid < 0) // the daemon had nothing to run
-            return kExitOk;
+    int status = 0;
+    if (!status_ && znProcessReap(process_.get(), &status) == OK)
+        status_ = exit_status(status);
+    // From then on its id may be another's.
+    if (znProcessReapOthers(status_ ? 0 : pid_) != 0)
+        ::raise(SIGCHLD); // look again, after everything else
+    return status_;
+}
+
+void Program::leave_others()
+{
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGCHLD, &ignore, nullptr);
+    while (znProcessReapOthers(0) != 0) {
     }
 }
 
@@ -287,11 +281,11 @@ Record describe(const Program& program, bool logged)
 {
     Record record;
     record.keeper = ::getpid();
-    record.program = program.pid;
+    record.program = program.pid();
     record.logged = logged;
     record.started = time_text(std::time(nullptr));
     std::array<char, 64> space{};
-    const std::string link = fmt::format("/proc/{}/ns/pid", program.pid);
+    const std::string link = fmt::format("/proc/{}/ns/pid", program.pid());
     const ssize_t len = ::readlink(link.c_str(), space.data(), space.size());
     if (len > 0)
         record.pid_namespace.assign(space.data(), static_cast<std::size_t>(len));

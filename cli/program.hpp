@@ -10,7 +10,6 @@
 #include <span>
 #include <string>
 #include <sys/types.h>
-#include <vector>
 
 #include "record.hpp"
 
@@ -24,8 +23,8 @@ class SignalQueue {
     SignalQueue(const SignalQueue&) = delete;
     SignalQueue& operator=(const SignalQueue&) = delete;
 
-    // Waits until a signal comes or one of these is ready.
-    void wait(std::span<pollfd> wanted) const;
+    // Waits until a signal comes, one of these is ready or, if not null, the time is up.
+    void wait(std::span<pollfd> wanted, const timespec* time = nullptr) const;
     // The next one, without waiting.
     std::optional<int> next() const;
 
@@ -34,22 +33,35 @@ class SignalQueue {
     std::array<struct sigaction, NSIG> actions_ = {};
 };
 
-struct Program {
-    int error = -1;            // 0: it was started
-    pid_t pid = 0;             // 0: the daemon had nothing to run
-    std::vector<pid_t> others; // children from before
+// A program's standard streams: descriptors above 2, or kNullDevice for the container's null
+// device.
+using ProgramStreams = std::array<int, 3>;
+inline constexpr int kNullDevice = -1;
+
+// A container's program, which is a child of this process until it is reaped here.
+class Program {
+  public:
+    // Starts a created container. 0, or the error number of the failed start, -1 if it has none.
+    int start(const std::string& id, const ProgramStreams& streams);
+    [[nodiscard]] pid_t pid() const { return pid_; } // 0: the daemon had nothing to run
+
+    // To be called when a child may have ended. The program's exit status once it has, with a
+    // signal that ended it as 128 plus its host number. Other processes that the program has made
+    // children of this one are reaped as they end.
+    const std::optional<int>& look();
+    // After the program's end: what is left of such children vanishes without being asked for. A
+    // container cannot be taken down as long as one of them waits to be reaped.
+    static void leave_others();
+
+  private:
+    pid_t pid_ = 0;
+    znc::UniqueFd process_;
+    std::optional<int> status_;
 };
 
-// Whether it can be started: 0, or an error number, -1 for none. Asked before anything is known
-// anew of a container.
+// Whether a container can be started: 0, or an error number, -1 for none. Asked before anything is
+// known anew of it.
 int startable(const std::string& id);
-
-// Starts a created container with these as the program's standard streams.
-Program start_program(const std::string& id, const std::array<int, 3>& streams);
-
-// Looks, without waiting, whether the program has ended: its exit status, with a signal that ended
-// it as 128 plus its host number.
-std::optional<int> program_ended(const Program& program);
 
 // Writes what is known of a started program into its record.
 Record describe(const Program& program, bool logged);

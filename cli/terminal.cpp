@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 namespace zncctl {
 
@@ -18,20 +19,37 @@ RawTerminal::~RawTerminal()
     restore();
 }
 
-void RawTerminal::set_raw() const
+void RawTerminal::set_raw()
 {
-    if (!valid_)
+    if (!valid_ || raw_ || in_background(STDIN_FILENO))
         return;
     termios raw = saved_;
     ::cfmakeraw(&raw);
-    ::tcsetattr(STDIN_FILENO, TCSADRAIN, &raw);
+    raw_ = ::tcsetattr(STDIN_FILENO, TCSADRAIN, &raw) == 0;
 }
 
-void RawTerminal::restore() const
+void RawTerminal::lend()
+{
+    give_back(TCSADRAIN);
+}
+
+void RawTerminal::restore()
+{
+    give_back(TCSAFLUSH);
+}
+
+void RawTerminal::give_back(int when)
 {
     const znc::ErrnoSaver keep;
-    if (valid_)
-        ::tcsetattr(STDIN_FILENO, TCSADRAIN, &saved_);
+    if (raw_)
+        ::tcsetattr(STDIN_FILENO, when, &saved_);
+    raw_ = false;
+}
+
+bool in_background(int terminal)
+{
+    const pid_t group = ::tcgetpgrp(terminal);
+    return group > 0 && group != ::getpgrp();
 }
 
 Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
@@ -41,6 +59,11 @@ Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
         ::ptsname_r(master_.get(), name.data(), name.size()) != 0)
         return;
     user_.reset(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!user_ || ::fchmod(user_.get(), 0600) != 0 || // not for those who may write to terminals
+        ::fcntl(master_.get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0) {
+        user_.reset();
+        return;
+    }
     copy_size();
 }
 

@@ -20,15 +20,27 @@ class RawTerminal {
     RawTerminal& operator=(const RawTerminal&) = delete;
 
     explicit operator bool() const { return valid_; }
-    void set_raw() const;
-    void restore() const;
+    // Not while zncctl is in the background, when the terminal is somebody else's: call it again.
+    void set_raw();
+    // For a while. At the end what was typed for the program, and what the terminal answered to it,
+    // is thrown away: a shell would take it for commands.
+    void lend();
+    void restore();
 
   private:
+    void give_back(int when);
+
     termios saved_ = {};
     bool valid_;
+    bool raw_ = false;
 };
 
-// A pseudo-terminal of the size of the terminal on standard input.
+// Whether the terminal belongs to another process group of the session: reading it would fail, and
+// changing it disturb those it belongs to.
+bool in_background(int terminal);
+
+// A pseudo-terminal of the size of the terminal on standard input. Of the host's users only root
+// can open it.
 class Pty {
   public:
     Pty();

@@ -14,6 +14,14 @@ znc_cli_test(cli_run)
 znc_cli_test(cli_completion)
 znc_cli_test(cli_terminal)
 znc_cli_test(cli_raw)
+znc_cli_test(cli_streams)
+
+# Runs in containers, where there is nothing but itself: static and of no sanitizer.
+add_executable(znc_forger ${PROJECT_SOURCE_DIR}/tests/support/forger.c)
+target_compile_definitions(znc_forger PRIVATE _GNU_SOURCE)
+target_compile_options(znc_forger PRIVATE -Wall -Wextra -Wshadow -Wconversion -Werror)
+target_link_options(znc_forger PRIVATE -static)
+set_property(TEST cli_streams APPEND PROPERTY ENVIRONMENT "FORGER=$<TARGET_FILE:znc_forger>")
 
 add_test(NAME source_rules
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/source_rules.sh ${PROJECT_SOURCE_DIR})
