@@ -23,9 +23,9 @@ script() {
 script look 'for fd in /proc/self/fd/*; do echo "${fd##*/} $(/bin/busybox readlink $fd)"; done >&2
 echo out'
 : >"$work/file"
-exec 7<"$work/file" 8>>"$work/file"
+exec 7<"$work/file"
 "$ZNCCTL" run -b "$work/look" <"$work/file" >"$work/out" 2>"$work/err"
-exec 7<&- 8>&-
+exec 7<&-
 check 'files as streams become pipes' test "$(grep -c '^[012] pipe:' "$work/err")" = 3
 # The shell itself has its script open, and the command substitution a pipe.
 check 'no descriptor of the caller is there' not grep -qE "$work|socket:|/dev/(pts|tty)" "$work/err"
@@ -203,6 +203,7 @@ out=$("$ZNCCTL" run -b "$work/rest" </dev/null | { sleep 0.2; tail -n 1; })
 check 'all that the program wrote is passed on, however late it is read' test "$out" = 'line 4999'
 
 # A container's end of a pipe can be opened for reading: nobody may wait for bytes that are taken away.
+# shellcheck disable=SC2016
 script steals '/bin/busybox dd if=/proc/self/fd/1 of=/dev/null 2>/dev/null & thief=$!
 i=0; while [ $i -lt 2000 ]; do echo $i; i=$((i+1)); done; kill -9 $thief; exit 3'
 zncctl create steals "$work/steals"
@@ -226,7 +227,7 @@ zncctl run -d -b "$work/parent" parent >/dev/null
 run zncctl wait parent
 expect 'neither is it to the monitor' 0 7 ''
 zncctl delete -q parent
-stopped() { grep -lqs '^State:.*tracing stop' $(grep -lsz forger /proc/[0-9]*/cmdline | sed 's/cmdline/status/'); }
+stopped() { grep -qs '^State:.*tracing stop' /proc/[0-9]*/status; }
 "$ZNCCTL" run -b "$work/trace" trace </dev/null &
 runner=$!
 eventually stopped
@@ -245,7 +246,7 @@ exec 9<>"$work/hold"
 runner=$!
 exec 9>"$work/hold"
 eventually grep -q made "$work/out"
-one_child() { [[ $(cat "/proc/$runner/task/$runner/children" | wc -w) == 1 ]]; }
+one_child() { [[ $(wc -w <"/proc/$runner/task/$runner/children") == 1 ]]; }
 check 'no zombies pile up at the caller' eventually one_child
 exec 9>&-
 wait $runner

@@ -220,6 +220,85 @@ def stopping():
         t.close()
 
 
+def nothing_of_the_callers_terminal():
+    script("""exec 2>&1
+/bin/busybox stat -c 'mode %a' -L /proc/self/fd/0
+/bin/busybox readlink /proc/self/fd/0
+echo terminals: $(ls /dev/pts)
+(/bin/busybox cat /dev/tty) && echo controlling
+echo end; read a""".replace("ls /", "/bin/busybox ls /"))
+    t = Terminal("run", "-t", "-b", BUNDLE)
+    t.until("end\r\n")
+    check("--tty: of the host's users only root can open the terminal", b"mode 600" in t.text, t.text)
+    ours = os.ttyname(t.child).encode()
+    check("it is not the caller's", ours not in t.text and b"/dev/pts/" in t.text, t.text)
+    check("the container sees no other", b"terminals: ptmx\r\n" in t.text, t.text)
+    t.type("\r")
+    check("it ends", code(t.wait()) == 0)
+    t.close()
+    script("(exec /bin/busybox cat >/tmp/keys) & test -t 0 || test -t 1 || test -t 2 || echo none; exit 0")
+    subprocess.run([ZNCCTL, "create", "leaves", BUNDLE], check=True)
+    t = run("start", "-a", "leaves")
+    check("start --attach: no stream is the caller's terminal", code(t.ended) == 0 and b"none" in t.text, t.text)
+    t.type("secret\r")
+    os.set_blocking(t.child, False)
+    end = time.monotonic() + TIME
+    typed = b""
+    while not typed and time.monotonic() < end:
+        try:
+            typed = os.read(t.child, 100)
+        except BlockingIOError:
+            t.read()
+    check("what the program left behind does not get the keys", typed == b"secret\n", typed)
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-qf", "leaves"], check=True)
+
+
+def waiting_input(terminal):
+    return struct.unpack("i", fcntl.ioctl(terminal.child, termios.FIONREAD, b"\0" * 4))[0]
+
+
+def typing_ahead():
+    script("/bin/busybox stty raw -echo; echo ready; while ! test -e /tmp/go; do /bin/busybox sleep 0.02; done; exit 3")
+    t = Terminal("run", "-t", "-b", BUNDLE, "ahead")
+    t.until("ready")
+    end = time.monotonic() + TIME
+    full = 0  # how often in a row nobody had taken any: zncctl takes no more than it can pass on
+    while full < 200 and time.monotonic() < end:
+        if waiting_input(t) < 3000:
+            t.type("x" * 500)
+            full = 0
+        else:
+            full += 1
+            time.sleep(0.001)
+    check("more keys wait than it takes in", full == 200, waiting_input(t))
+    top = subprocess.run([ZNCCTL, "top", "ahead"], capture_output=True, text=True).stdout
+    with open(f"/proc/{top.splitlines()[1].split()[0]}/root/tmp/go", "w"):
+        pass
+    check("a program that reads nothing ends", code(t.wait()) == 3)
+    check("what was typed for it is left to no shell", waiting_input(t) == 0, waiting_input(t))
+    check("and the terminal as it was", t.restored())
+    t.close()
+
+
+def floods():
+    script("/bin/busybox stty raw -echo; echo ready; /bin/busybox yes | /bin/busybox head -c 3000000; echo end; exit 4")
+    t = Terminal("run", "-t", "-b", BUNDLE)
+    t.until("ready")
+    os.set_blocking(t.master, False)
+    for _ in range(1000):
+        try:
+            t.type("y" * 1000)
+        except BlockingIOError:  # the program does not read, so zncctl does no more either
+            break
+        t.read()
+    os.set_blocking(t.master, True)
+    check("floods in both directions come to an end", t.until("end"), t.text[-100:])
+    check("with the program's status", code(t.wait()) == 4)
+    check("and the terminal as it was", t.restored())
+    t.close()
+
+
 def detached():
     script("echo ready; exec sleep " + os.environ["MARK"])
     t = run("run", "-d", "-b", BUNDLE, "away")
@@ -276,6 +355,6 @@ def progress():
 
 
 for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
-              detached, colours, widths, progress):
+              nothing_of_the_callers_terminal, typing_ahead, floods, detached, colours, widths, progress):
     trial()
 sys.exit(failed != 0)
