@@ -254,7 +254,11 @@ int Program::start(const std::string& id, const ProgramStreams& streams)
         return 0;
     }
     process_.reset(znProcessOpen(pid_));
-    return process_ ? 0 : errno;
+    if (process_)
+        return 0;
+    const int error = errno; // its end would never be seen
+    zncKill(id.c_str(), zncUtilSignalNo("KILL"), ZNC_OPT_WHOLE_NAMESPACE);
+    return error;
 }
 
 const std::optional<int>& Program::look()

@@ -50,7 +50,7 @@ PumpEnd PumpEnd::own(znc::UniqueFd fd)
 PumpEnd PumpEnd::borrowed(int fd)
 {
     PumpEnd end;
-    end.fd_ = fd;
+    end.fd_ = end.polled_ = fd;
     return end;
 }
 
@@ -68,7 +68,7 @@ ssize_t PumpEnd::write(std::string_view bytes) const
 void PumpEnd::close()
 {
     owned_.reset();
-    fd_ = -1;
+    fd_ = polled_ = -1;
 }
 
 Pump::Pump(PumpEnd from, PumpEnd to, const char* name)
@@ -89,8 +89,8 @@ std::array<pollfd, 2> Pump::wanted() const
     const bool read = !paused_ && !finishing_ && !source_ended_ && !no_room_ && end_ < kBufferSize;
     const bool write = pending() || no_room_;
     // Also when there is nothing to write: that nobody reads any more shows without it.
-    return {pollfd{read ? from_.fd() : -1, POLLIN, 0},
-            pollfd{to_.fd(), static_cast<short>(write ? POLLOUT : 0), 0}};
+    return {pollfd{read ? from_.polled() : -1, POLLIN, 0},
+            pollfd{to_.polled(), static_cast<short>(write ? POLLOUT : 0), 0}};
 }
 
 void Pump::go(short from_events, short to_events)
@@ -122,7 +122,7 @@ void Pump::finish(std::size_t most)
 void Pump::pass_rest()
 {
     while (!done_ && !no_room_ && !pending()) {
-        if (left_ == 0 || source_ended_ || !is_readable(from_.fd()))
+        if (left_ == 0 || source_ended_ || !is_readable(from_.polled()))
             end(0);
         else
             fill();
@@ -218,8 +218,8 @@ void Pump::source_ended(int error)
 // Closing tells both sides: the reader finds the end, the writer that nobody reads.
 void Pump::end(int error)
 {
-    const bool nobody_reads = error == EPIPE || error == ECONNRESET || error == EINTR ||
-                              (error == EIO && to_.is_terminal());
+    const bool nobody_reads =
+        error == EPIPE || error == ECONNRESET || (error == EIO && to_.is_terminal());
     if (error != 0 && !nobody_reads)
         error_ = error;
     done_ = true;

@@ -28,6 +28,8 @@ class PumpEnd {
     static PumpEnd borrowed(int fd);
 
     [[nodiscard]] int fd() const { return fd_; }
+    // What to poll. Of a FIFO opened anew poll does not say that its writers went before that.
+    [[nodiscard]] int polled() const { return polled_; }
     [[nodiscard]] bool is_terminal() const { return terminal_; }
     ssize_t read(char* buffer, std::size_t size) const;
     [[nodiscard]] ssize_t write(std::string_view bytes) const;
@@ -35,6 +37,7 @@ class PumpEnd {
 
   private:
     int fd_ = -1;
+    int polled_ = -1;
     znc::UniqueFd owned_;
     bool socket_ = false;
     bool terminal_ = false;

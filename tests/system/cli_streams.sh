@@ -172,6 +172,12 @@ check 'the first writing ends the program' test "$(<"$work/out")" = 141
 # Input: its end, and a program that does not want it.
 out=$(printf 'a\nb' | "$ZNCCTL" run -b "$work/cat")
 check 'the end of input is passed on' test "$out" = $'a\nb'
+echo early >"$work/fifo" &
+exec 9<"$work/fifo"
+wait $!
+out=$("$ZNCCTL" run -b "$work/cat" <&9 9<&-)
+check 'also that of a FIFO whose writer has gone before' test "$out" = early
+exec 9<&-
 make_bundle "$work/closes" /bin/sh -c 'exec <&-; echo closed'
 out=$(yes | "$ZNCCTL" run -b "$work/closes")
 check 'input that nobody reads is no reason to wait' test "$?/$out" = 0/closed
