@@ -30,7 +30,7 @@ def check(name, good, detail=""):
 class Terminal:
     """zncctl as the leader of a session on a terminal of its own."""
 
-    def __init__(self, *words, rows=24, columns=80, **environment):
+    def __init__(self, *words, rows=24, columns=80, in_background=False, **environment):
         self.text = b""
         self.status = None
         parent, child = pty.openpty()
@@ -46,7 +46,22 @@ class Terminal:
                 os.dup2(child, fd)
             os.closerange(3, 100)
             signal.pthread_sigmask(signal.SIG_SETMASK, [])
+            if in_background:
+                self.lead()
             os.execve(ZNCCTL, [ZNCCTL, *words], {**os.environ, "TERM": "xterm", **environment})
+
+    @staticmethod
+    def lead():
+        """Does what a shell does: returns in a job in the background, reads a line itself, then gives
+        the terminal to the job and ends as that does."""
+        job = os.fork()
+        if job == 0:
+            os.setpgid(0, 0)
+            return
+        signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+        os.write(1, b"the shell got " + os.read(0, 100))
+        os.tcsetpgrp(0, job)
+        os._exit(os.waitstatus_to_exitcode(os.waitpid(job, 0)[1]))
 
     def resize(self, rows, columns, tell=True):
         fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
@@ -72,6 +87,12 @@ class Terminal:
         while termios.tcgetattr(self.child) != settings and time.monotonic() < end:
             self.read()
         return termios.tcgetattr(self.child) == settings
+
+    def settings_change(self):
+        end = time.monotonic() + TIME
+        while self.restored() and time.monotonic() < end:
+            self.read()
+        return not self.restored()
 
     def wait(self, options=0):
         """The wait status; the terminal stays open for a look at it."""
@@ -299,6 +320,23 @@ def floods():
     t.close()
 
 
+def background():
+    script("echo ready; read a; echo program got $a")
+    for words in ([], ["-t"]):
+        t = Terminal("run", *words, "-b", BUNDLE, in_background=True)
+        check(f"run {words} in the background runs", t.until("ready"), t.text)
+        check("and leaves the terminal alone", t.restored())
+        t.type("first\r")
+        check("and its keys to the shell", t.until("the shell got first"), t.text)
+        if words:
+            check("until it comes to the front", t.settings_change())
+        t.type("second\r")
+        check("where it gets them", t.until("program got second"), t.text)
+        check("to its end", code(t.wait()) == 0)
+        check("with the terminal as it was", t.restored())
+        t.close()
+
+
 def detached():
     script("echo ready; exec sleep " + os.environ["MARK"])
     t = run("run", "-d", "-b", BUNDLE, "away")
@@ -355,6 +393,6 @@ def progress():
 
 
 for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
-              nothing_of_the_callers_terminal, typing_ahead, floods, detached, colours, widths, progress):
+              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, colours, widths, progress):
     trial()
 sys.exit(failed != 0)
