@@ -26,6 +26,7 @@
 namespace {
 
 constexpr std::size_t kQueueMessages = 32;
+constexpr std::size_t kMessageLength = ZNC_MSG_MAX_LEN;
 constexpr int kExitUsage = 64;
 constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | "
                                "check | --help | --version\n";
@@ -114,6 +115,14 @@ template <bool allow_urgent> void note_request(std::int32_t command, const char*
         zncd::settle_priority(id, allow_urgent);
 }
 
+void say_queue_failure(const char* what, int error)
+{
+    errno = error;
+    zncd::log_errno(what);
+    if (error == EMFILE || error == ENOSPC || error == EINVAL)
+        zncd::log(zncd::Level::kError, "%s", znMsgQLimitHint(error));
+}
+
 int serve(int stop_fd)
 {
     znTaskStopFdSet(stop_fd);
@@ -123,10 +132,8 @@ int serve(int stop_fd)
     znTaskStopFdSet(-1);
     zncd::notify("STOPPING=1");
     const bool stopped = zncd::stop_requested(stop_fd);
-    if (!stopped) {
-        errno = error;
-        zncd::log_errno("the queue cannot be served");
-    }
+    if (!stopped)
+        say_queue_failure("the queue cannot be served", error);
     const bool ended = zncd::end_all();
     return stopped && ended ? 0 : 1;
 }
@@ -155,8 +162,8 @@ int main(int argc, char** argv)
         zncd::log_errno("signalfd");
         return 1;
     }
-    if (znMsgQLimitsRaise(kQueueMessages) != OK) {
-        zncd::log(zncd::Level::kError, "message queues are too small: %s", znMsgQLimitHint());
+    if (znMsgQLimitsRaise(kQueueMessages, kMessageLength) != OK) {
+        say_queue_failure("the request queue cannot be made", errno);
         return 1;
     }
     if (zncd::served_elsewhere()) {

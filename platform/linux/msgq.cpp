@@ -6,6 +6,7 @@
 
 #include "clock.hpp"
 #include "msgq_line.hpp"
+#include "msgq_owner.hpp"
 #include "msgq_probe.hpp"
 #include "zarnel/owned.hpp"
 #include "zarnel/task.h"
@@ -15,7 +16,6 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,7 +26,8 @@ constexpr size_t kUsualMessage = 4096;
 constexpr mode_t kQueueMode = 0600;
 constexpr int kTurnSeconds = 5;
 constexpr int kCreateTries = 3;
-constexpr int kMarkTries = 10;
+constexpr int kLooksPerSecond = 5; // for the maker of a queue that is full
+constexpr int kNameTries = 200;
 constexpr std::int64_t kPauseNs = 200000; // between two tries of who is first in line
 constexpr const char* kMsgMax = "/proc/sys/fs/mqueue/msg_max";
 constexpr const char* kMsgSizeMax = "/proc/sys/fs/mqueue/msgsize_max";
@@ -39,15 +40,9 @@ MSG_Q_ID open_existing(const char* name)
     znc::UniqueFd q(mq_open(name, kOpenFlags));
     if (!q)
         return ZN_MSG_Q_INVALID;
-    struct stat st;
-    if (fstat(q.get(), &st) != 0)
-        return ZN_MSG_Q_INVALID;
-    // Root can open everybody's queues: without this anybody could pose as the daemon.
-    if (st.st_uid != geteuid()) {
-        errno = EACCES;
-        return ZN_MSG_Q_INVALID;
-    }
-    return q.release();
+    // Root can open everybody's queues: without this anybody could pose as the daemon, or read what
+    // is meant for a client.
+    return zn::queue_is_private(q.get()) ? q.release() : ZN_MSG_Q_INVALID;
 }
 
 // Sets one of the system's queue limits to at least `wanted`.
@@ -67,30 +62,21 @@ bool raise_setting(const char* file, long wanted)
     return pwrite(fd.get(), text, static_cast<size_t>(len), 0) == len;
 }
 
-// A queue's maker has it locked for as long as it has it open: so a queue that a dead process left
-// can be told from one in use. False with ENOENT when it was taken for one left before it was
-// locked, and is gone.
-bool mark_in_use(int q)
-{
-    int result = 0;
-    do {
-        result = flock(q, LOCK_SH);
-    } while (result != 0 && errno == EINTR);
-    struct stat st;
-    if (result != 0 || fstat(q, &st) != 0)
-        return false;
-    errno = ENOENT;
-    return st.st_nlink > 0;
-}
-
+// A queue of this name that another user owns is no queue of ours: it is removed where that is
+// allowed. Whoever makes it again as fast as it is removed wins some of the tries, not all.
 MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
 {
-    for (int n = 0; n < kMarkTries; ++n) {
+    for (int n = 0; n < kNameTries; ++n) {
         znc::UniqueFd q(mq_open(name, kOpenFlags | O_CREAT | O_EXCL, kQueueMode, attr));
-        if (!q)
+        if (!q && errno == EEXIST && zn::queue_remove_foreign(name))
+            continue;
+        if (!q) {
+            if (errno == EACCES || errno == EPERM)
+                errno = EEXIST; // another user's, which only its owner and root can remove
             return ZN_MSG_Q_INVALID;
+        }
         // A umask may have taken bits away.
-        if (fchmod(q.get(), kQueueMode) == 0 && mark_in_use(q.get()))
+        if (fchmod(q.get(), kQueueMode) == 0 && zn::queue_mark_in_use(q.get()))
             return q.release();
         if (errno != ENOENT) {
             const znc::ErrnoSaver keep;
@@ -98,6 +84,7 @@ MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
             return ZN_MSG_Q_INVALID;
         }
     }
+    errno = EEXIST;
     return ZN_MSG_Q_INVALID;
 }
 
@@ -225,6 +212,29 @@ bool wait_unless_stopped(MSG_Q_ID q, int stop, Wait* wait)
     return false;
 }
 
+bool wait_for_room(MSG_Q_ID q, Wait* wait)
+{
+    struct pollfd fd = {q, POLLOUT, 0};
+    return wait->poll_until_ready(&fd, 1);
+}
+
+// Without end, but not in a queue that nobody will read: no event tells that its maker is gone, so
+// it is looked for now and then. False with EPIPE once it is.
+bool wait_for_room(MSG_Q_ID q)
+{
+    for (;;) {
+        if (zn::queue_is_abandoned(q)) {
+            errno = EPIPE;
+            return false;
+        }
+        Wait a_while(znSysClkRateGet() / kLooksPerSecond + 1);
+        if (wait_for_room(q, &a_while))
+            return true;
+        if (errno != ETIMEDOUT)
+            return false;
+    }
+}
+
 // The kernel takes no buffer shorter than the queue's messages: then one comes by way of a copy.
 ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
 {
@@ -280,8 +290,7 @@ STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int prio
             return OK;
         if (errno == EINTR)
             continue;
-        struct pollfd fd = {q, POLLOUT, 0};
-        if (errno != EAGAIN || !wait.poll_until_ready(&fd, 1))
+        if (errno != EAGAIN || !(wait.forever() ? wait_for_room(q) : wait_for_room(q, &wait)))
             return ERROR;
     }
 }
@@ -320,9 +329,9 @@ STATUS znMsgQUnlink(const char* name)
     return mq_unlink(name) == 0 ? OK : ERROR;
 }
 
-STATUS znMsgQLimitsRaise(size_t maxMsgs)
+STATUS znMsgQLimitsRaise(size_t maxMsgs, size_t maxMsgLen)
 {
-    if (maxMsgs == 0 || maxMsgs > INT32_MAX) {
+    if (maxMsgs == 0 || maxMsgs > INT32_MAX || maxMsgLen == 0 || maxMsgLen > INT32_MAX) {
         errno = EINVAL;
         return ERROR;
     }
@@ -339,17 +348,24 @@ STATUS znMsgQLimitsRaise(size_t maxMsgs)
              static_cast<unsigned long>(zn::now_ns()));
     struct mq_attr attr = {};
     attr.mq_maxmsg = static_cast<long>(maxMsgs);
-    attr.mq_msgsize = 1;
-    const znc::UniqueFd probe(create_raising_limits(name, &attr));
+    attr.mq_msgsize = static_cast<long>(maxMsgLen);
+    const znc::UniqueFd probe(create_in_turn(name, &attr));
     if (!probe)
         return ERROR;
     mq_unlink(name);
     return OK;
 }
 
-const char* znMsgQLimitHint(void)
+const char* znMsgQLimitHint(int errorNumber)
 {
-    return "raise the kernel setting fs.mqueue.msg_max (sysctl -w fs.mqueue.msg_max=32) and, if "
-           "that is not "
-           "enough, the limit on queue memory (ulimit -q)";
+    switch (errorNumber) {
+    case EMFILE:
+        return "the queue memory of this user is used up: remove queues that nobody uses, or raise "
+               "the limit RLIMIT_MSGQUEUE (ulimit -q; LimitMSGQUEUE= in a systemd unit)";
+    case ENOSPC:
+        return "there are as many queues as the system allows: remove those that nobody uses, or "
+               "raise the kernel setting fs.mqueue.queues_max";
+    default:
+        return "raise the kernel setting fs.mqueue.msg_max (sysctl -w fs.mqueue.msg_max=32)";
+    }
 }

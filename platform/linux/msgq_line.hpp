@@ -4,6 +4,11 @@
 // The line is a System V semaphore set of this user in the queues' own IPC namespace: the kernel
 // keeps the order and takes a task that dies out of it. The set is there only while somebody waits.
 // Where it cannot be had, nobody waits in a line, and order is left to chance.
+//
+// Why a line and not tries at random: a call needs two queues, and the kernel says only that memory
+// is used up, not when it becomes free. When hundreds of clients call at once, some that hold one
+// queue hold all memory between them and each waits for its second one until it gives up. With the
+// line, whoever has a queue already is served first, so that calls end and free what they hold.
 #ifndef ZN_LINUX_MSGQ_LINE_HPP
 #define ZN_LINUX_MSGQ_LINE_HPP
 

@@ -65,7 +65,7 @@ class Storm : public testing::TestWithParam<bool> {
         if (!GetParam())
             fs::remove("/overlay");
         ::setenv("ZNC_BASE", "/tmp/storage", 1);
-        ASSERT_EQ(znMsgQLimitsRaise(32), OK);
+        ASSERT_EQ(znMsgQLimitsRaise(32, 2048), OK);
         make_bundle(kBundle, {"/bin/sh", "-c", "sleep 0.02; exit 0"},
                     R"(,"mounts":[{"source":"tmpfs","destination":"/tmp","type":"tmpfs"}])");
         layout::Layout("/tmp/layout").add(layered_image::image_of(1, 20));

@@ -434,7 +434,7 @@ TEST_F(StopRequest, DoesNotTouchReceivesThatDoNotWait)
 TEST(QueueLimits, RaisingLetsAQueueOfThatSizeBeMade)
 {
     test_tree::write_file(kMsgMax, "10");
-    ASSERT_EQ(znMsgQLimitsRaise(32), OK) << strerror(errno);
+    ASSERT_EQ(znMsgQLimitsRaise(32, 2048), OK) << strerror(errno);
     EXPECT_GE(std::stol(test_tree::read_file(kMsgMax)), 32);
     struct rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_MSGQUEUE, &limit), 0);
@@ -444,19 +444,25 @@ TEST(QueueLimits, RaisingLetsAQueueOfThatSizeBeMade)
 TEST(QueueLimits, RaisingNeverLowersTheSetting)
 {
     test_tree::write_file(kMsgMax, "64");
-    ASSERT_EQ(znMsgQLimitsRaise(32), OK);
+    ASSERT_EQ(znMsgQLimitsRaise(32, 2048), OK);
     EXPECT_EQ(std::stol(test_tree::read_file(kMsgMax)), 64);
 }
 
 TEST(QueueLimits, WhatCannotBeMadeFails)
 {
     errno = 0;
-    EXPECT_EQ(znMsgQLimitsRaise(1u << 24), ERROR);
+    EXPECT_EQ(znMsgQLimitsRaise(1u << 24, 1), ERROR);
     EXPECT_EQ(errno, EINVAL);
     errno = 0;
-    EXPECT_EQ(znMsgQLimitsRaise(0), ERROR);
+    EXPECT_EQ(znMsgQLimitsRaise(0, 1), ERROR);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_NE(strstr(znMsgQLimitHint(), "fs.mqueue.msg_max"), nullptr);
+}
+
+TEST(QueueLimits, TheHintNamesTheSettingThatIsShort)
+{
+    EXPECT_NE(strstr(znMsgQLimitHint(EINVAL), "fs.mqueue.msg_max"), nullptr);
+    EXPECT_NE(strstr(znMsgQLimitHint(EMFILE), "RLIMIT_MSGQUEUE"), nullptr);
+    EXPECT_NE(strstr(znMsgQLimitHint(ENOSPC), "fs.mqueue.queues_max"), nullptr);
 }
 
 } // namespace

@@ -9,9 +9,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
+#include <mqueue.h>
 #include <set>
 #include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -237,6 +242,65 @@ TEST_F(ClientCall, ReplyQueueThatExistsAlreadyFailsWithNumber0)
     EXPECT_EQ(daemon.requests().size(), 1U);
     const auto left = queue_names();
     EXPECT_EQ(left, (std::vector<std::string>{"znc", name.substr(1)})) << "not ours to remove";
+}
+
+// Runs `body` in a process that then ends; true if it gave 0.
+bool in_a_dead_process(const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        ::_exit(body());
+    int status = -1;
+    return ::waitpid(pid, &status, 0) == pid && status == 0;
+}
+
+TEST_F(ClientCall, QueuesThatAnotherUserMadeAheadDoNotKeepACallFromBeingMade)
+{
+    FakeDaemon daemon(answering(kSuccess));
+    ASSERT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
+    const std::string name = next_reply_queue(daemon);
+    ASSERT_TRUE(in_a_dead_process([&] {
+        if (::setuid(65534) != 0)
+            return 1;
+        ::umask(0);
+        for (const std::string& squatted : {name, name + "_info"})
+            if (::mq_open(squatted.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666, nullptr) < 0)
+                return 2;
+        return 0;
+    }));
+    EXPECT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
+    EXPECT_EQ(daemon.requests(2)[1].message.name, name) << "the name stays";
+    EXPECT_EQ(queue_names(), (std::vector<std::string>{"znc"}));
+}
+
+TEST_F(ClientCall, QueuesThatADeadProcessOfTheSameNumberLeftAreReplaced)
+{
+    FakeDaemon daemon(answering(kSuccess));
+    ASSERT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
+    const std::string name = next_reply_queue(daemon);
+    ASSERT_TRUE(in_a_dead_process([&] {
+        const auto make = [](const std::string& left) {
+            return znMsgQOpen(left.c_str(), 1, 255, 0, ZN_MSG_Q_CREATE_EXCLUSIVE) >= 0;
+        };
+        return make(name) && make(name + "_info") ? 0 : 1;
+    }));
+    EXPECT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
+    EXPECT_EQ(daemon.requests(2)[1].message.name, name);
+}
+
+TEST_F(ClientCall, ToADeadDaemonWhoseQueueIsFullFailsWithNumber0InsteadOfWaiting)
+{
+    ASSERT_TRUE(in_a_dead_process([] {
+        const MSG_Q_ID left = znMsgQOpen(ZNC_MSG_Q_NAME, 32, ZNC_MSG_MAX_LEN, ZN_MSG_Q_PRIORITY,
+                                         ZN_MSG_Q_CREATE_EXCLUSIVE);
+        for (int i = 0; i < 32; i++)
+            if (znMsgQSend(left, "x", 1, ZN_NO_WAIT, ZN_MSG_PRI_NORMAL) != OK)
+                return 1;
+        return 0;
+    }));
+    EXPECT_EQ(failing_call(), 0);
+    EXPECT_FALSE(zncDaemonIsAlive());
+    znMsgQUnlink(ZNC_MSG_Q_NAME);
 }
 
 TEST_F(ClientCall, InfoQueueThatExistsAlreadyFailsWithNumber0)

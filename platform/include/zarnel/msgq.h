@@ -4,7 +4,9 @@
  * A queue keeps up to maxMsgs messages of up to maxMsgLen bytes and lives until
  * its name is removed and its last handle closed. Names begin with "/" and hold
  * no other "/". Any task of any process may use a queue; calls on one handle may
- * run at the same time. Only the user that created a queue can open it.
+ * run at the same time. Only the user that created a queue can open it: a queue that
+ * another user owns, or could open, is opened by nobody, and one that another user owns
+ * does not stand in the way of a new one of its name.
  *
  * Timeouts are in system clock ticks on a clock that never jumps. An interrupted
  * wait is taken up again with what is left of its time.
@@ -47,13 +49,17 @@ typedef int MSG_Q_ID; /* negative: no queue */
  * it may not (znMsgQLimitHint names the setting).
  *
  * Returns a handle that the caller closes, or ZN_MSG_Q_INVALID with the task error
- * number set. The handle does not survive an exec.
+ * number set: ENOENT (there is none), EEXIST (there is one of this user's, or another's that
+ * the caller may not remove), EACCES (what is there is not this user's alone). The handle
+ * does not survive an exec.
  */
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode);
 
 /*
  * Send `len` bytes. Waits up to `timeout` ticks for room. OK, or ERROR with EAGAIN (full,
- * ZN_NO_WAIT), ETIMEDOUT, EMSGSIZE (longer than the queue's messages) or EBADF.
+ * ZN_NO_WAIT), ETIMEDOUT, EMSGSIZE (longer than the queue's messages) or EBADF. With
+ * ZN_WAIT_FOREVER also EPIPE, within a second: the queue is full and has nobody who made it
+ * any more, because its name is gone or its maker has closed it or has ended.
  */
 STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int priority);
 
@@ -71,6 +77,14 @@ STATUS znMsgQClose(MSG_Q_ID q);
 STATUS znMsgQUnlink(const char* name);
 
 /*
+ * Remove the queue `name` if it is of no use to anybody: another user owns it, or its maker
+ * has closed it or has ended. OK also when there is none. ERROR with EBUSY (it is in use) or
+ * EACCES (another user's, without the right to remove it). For a name that only the caller
+ * gives to queues: a queue that takes the name meanwhile is not told from the old one.
+ */
+STATUS znMsgQDiscard(const char* name);
+
+/*
  * Remove queues that dead processes left. `makerOf` names the process that made a queue
  * of this name, or 0 for one that is not to be touched. A queue goes when that process
  * has ended, nobody who made it (or was forked by who did) has it open, and it is this
@@ -83,12 +97,16 @@ int znMsgQReclaim(long (*makerOf)(const char* name));
 /*
  * Raise this process's limits on queue memory as far as it may, and the system's limit on
  * the messages of one queue to at least `maxMsgs`. OK, or ERROR with the task error number
- * set when a queue of `maxMsgs` messages cannot be made.
+ * set when a queue of `maxMsgs` messages of `maxMsgLen` bytes cannot be made; it waits as
+ * creating one does.
  */
-STATUS znMsgQLimitsRaise(size_t maxMsgs);
+STATUS znMsgQLimitsRaise(size_t maxMsgs, size_t maxMsgLen);
 
-/* The setting to change when znMsgQLimitsRaise fails, as a line for a person. Constant text. */
-const char* znMsgQLimitHint(void);
+/*
+ * What is short, and which setting to change, when a queue cannot be made for `errorNumber`:
+ * a line for a person. Constant text.
+ */
+const char* znMsgQLimitHint(int errorNumber);
 
 #ifdef __cplusplus
 }

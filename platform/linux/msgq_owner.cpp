@@ -1,0 +1,103 @@
+#include "msgq_owner.hpp"
+
+#include "zarnel/msgq.h"
+#include "zarnel/owned.hpp"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <mqueue.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+
+// Another handle of the same queue. A lock that is tried on the handle itself would replace the
+// maker's own lock where the caller is the maker.
+UniqueFd handle_of_its_own(int q) noexcept
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", q);
+    return UniqueFd(::open(path, kLookFlags));
+}
+
+bool lock(int q, int operation) noexcept
+{
+    int result = 0;
+    do {
+        result = ::flock(q, operation);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+} // namespace
+
+bool queue_mark_in_use(int q) noexcept
+{
+    struct stat st;
+    if (!lock(q, LOCK_SH) || ::fstat(q, &st) != 0)
+        return false;
+    errno = ENOENT;
+    return st.st_nlink > 0;
+}
+
+bool queue_is_private(int q) noexcept
+{
+    struct stat st;
+    if (::fstat(q, &st) != 0)
+        return false;
+    errno = EACCES;
+    return st.st_uid == ::geteuid() && (st.st_mode & kOthers) == 0;
+}
+
+bool queue_is_abandoned(int q) noexcept
+{
+    const znc::ErrnoSaver keep;
+    struct stat st;
+    if (::fstat(q, &st) == 0 && st.st_nlink == 0)
+        return true;
+    const UniqueFd mine = handle_of_its_own(q);
+    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // given back with the handle
+}
+
+bool queue_remove_foreign(const char* name) noexcept
+{
+    const UniqueFd queue(mq_open(name, kLookFlags));
+    if (!queue && errno == ENOENT)
+        return true;
+    struct stat st;
+    if (queue && ::fstat(queue.get(), &st) != 0)
+        return false;
+    // One that cannot be opened is another user's: this user's own are open to it.
+    if (queue && st.st_uid == ::geteuid()) {
+        errno = EEXIST;
+        return false;
+    }
+    return mq_unlink(name) == 0 || errno == ENOENT;
+}
+
+} // namespace zn
+
+STATUS znMsgQDiscard(const char* name)
+{
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    if (zn::queue_remove_foreign(name))
+        return OK;
+    if (errno != EEXIST)
+        return ERROR;
+    const znc::UniqueFd queue(mq_open(name, zn::kLookFlags));
+    if (queue && !zn::queue_is_abandoned(queue.get())) {
+        errno = EBUSY;
+        return ERROR;
+    }
+    return mq_unlink(name) == 0 || errno == ENOENT ? OK : ERROR;
+}
