@@ -156,6 +156,61 @@ TEST_F(Load, ClientsWaitTheirTurnWhereQueueMemoryHoldsFewCalls)
     EXPECT_EQ(measured.lost, 0U);
 }
 
+// Calls until it is told to stop. Each call ends, and as described: done, refused by a daemon, or
+// failed because there is none or it did not answer.
+int call_until(const std::uint32_t& stop, std::uint32_t& calls, int client)
+{
+    const std::string id = "client" + std::to_string(client);
+    while (__atomic_load_n(&stop, __ATOMIC_RELAXED) == 0) {
+        errno = 0;
+        const bool done = zncKill(id.c_str(), 9, 0) == OK;
+        if (done || (errno != ENODEV && errno != S_zncLib_DAEMON_NOT_RUNNING && errno != 0)) {
+            std::fprintf(stderr, "client %d: error 0x%x\n", client, static_cast<unsigned>(errno));
+            return 1;
+        }
+        __atomic_fetch_add(&calls, 1, __ATOMIC_RELAXED);
+    }
+    return 0;
+}
+
+// Twice as many clients as the queue holds requests, so that many wait to send when it dies.
+TEST_F(Load, NoClientHangsWhileTheDaemonIsKilledAndStartedAgain)
+{
+    constexpr std::size_t kClients = 60;
+    const int restarts = size_of("LOAD_RESTARTS", 20);
+    SharedArray<std::uint32_t> calls(kClients);
+    SharedArray<std::uint32_t> stop(1);
+    ClientGroup group(kClients, [&](int client) {
+        return call_until(stop[0], calls[static_cast<std::size_t>(client)], client);
+    });
+    for (int i = 0; i < restarts; i++) {
+        EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL);
+        start_daemon();
+    }
+    const std::vector<std::uint32_t> before(calls.all().begin(), calls.all().end());
+    for (std::size_t i = 0; i < kClients; i++)
+        EXPECT_TRUE(eventually([&] {
+            return __atomic_load_n(&calls[i], __ATOMIC_RELAXED) > before[i];
+        })) << "client "
+            << i << " hangs";
+    __atomic_store_n(&stop[0], 1, __ATOMIC_RELAXED);
+    EXPECT_EQ(group.wait(), std::vector<int>(kClients, 0));
+    settle();
+}
+
+TEST_F(Load, AfterAsManyCallsOfADeadDaemonAsItsQueueHoldsTheNextOneFails)
+{
+    EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL);
+    constexpr int kQueueHolds = 32;
+    ClientGroup waiting(kQueueHolds, [](int) { return zncDaemonIsAlive() == FALSE ? 0 : 1; });
+    EXPECT_EQ(waiting.wait(), std::vector<int>(kQueueHolds, 0));
+    EXPECT_EQ(zncKill("web", 9, 0), ERROR);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(zncDaemonIsAlive(), FALSE);
+    start_daemon();
+    settle();
+}
+
 // A client that sends one request and then neither reads nor goes away.
 pid_t silent_client(int cmdId, const std::string& json)
 {

@@ -68,12 +68,26 @@ class UniqueQueue {
         znMsgQOpen(name, shape.maxMsgs, shape.maxMsgLen, options, ZN_MSG_Q_OPEN_EXISTING));
 }
 
+// Makes a queue of a name that only this process gives to queues. One of that name was left by a
+// dead process that had this process's number before; it is removed first.
+[[nodiscard]] inline MSG_Q_ID make_own_queue(const char* name, QueueShape shape) noexcept
+{
+    constexpr int kTries = 3;
+    MSG_Q_ID queue = ZN_MSG_Q_INVALID;
+    for (int n = 0; n < kTries; n++) {
+        queue = znMsgQOpen(name, shape.maxMsgs, shape.maxMsgLen, ZN_MSG_Q_FIFO,
+                           ZN_MSG_Q_CREATE_EXCLUSIVE);
+        if (queue >= 0 || errno != EEXIST || znMsgQDiscard(name) != OK)
+            break;
+    }
+    return queue;
+}
+
 // A queue made for one call: closed, and its name removed, with its owner. `name` is borrowed.
 class PrivateQueue {
   public:
     PrivateQueue(const char* name, QueueShape shape) noexcept
-        : name_(name), queue_(znMsgQOpen(name, shape.maxMsgs, shape.maxMsgLen, ZN_MSG_Q_FIFO,
-                                         ZN_MSG_Q_CREATE_EXCLUSIVE))
+        : name_(name), queue_(make_own_queue(name, shape))
     {
     }
     PrivateQueue(const PrivateQueue&) = delete;
