@@ -20,9 +20,8 @@ using znc::UniqueFd;
 
 constexpr unsigned long kNamespaces = // besides the mounts
     CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
-constexpr int kAnswerMilliseconds = 4000; // below the time after which a client gives up
 constexpr int kSpareDescriptors = 16;
-constexpr std::int64_t kKillNs = 2 * kNsPerSec;
+constexpr std::int64_t kNsPerMillisecond = 1000000;
 
 // One helper file serves all keepers of this process, so that its pages are in memory once.
 int keeper_file()
@@ -95,7 +94,7 @@ int Keeper::bare_mounts()
         std::snprintf(path, sizeof path, "/proc/%d/ns/mnt", maker.pid());
         mounts.reset(::open(path, O_RDONLY | O_CLOEXEC));
     }
-    maker.kill();
+    maker.kill(now_ns() + kNsPerSec);
     process_reap(maker.pidfd());
     return mounts.get();
 }
@@ -133,7 +132,7 @@ bool Keeper::launch(int mounts)
 }
 
 int Keeper::ask(const wire::Request& request, std::span<const char> text, int descriptor,
-                std::uint64_t* value)
+                std::uint64_t* value, int waitMilliseconds)
 {
     iovec iov[2] = {{const_cast<wire::Request*>(&request), sizeof request},
                     {const_cast<char*>(text.data()), text.size()}};
@@ -158,7 +157,7 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
     } while (n < 0 && errno == EINTR);
     if (n < 0)
         return errno == EPIPE || errno == ECONNRESET ? ESRCH : errno;
-    if (!readable_within(socket_.get(), kAnswerMilliseconds)) {
+    if (!readable_within(socket_.get(), waitMilliseconds)) {
         process_signal(pidfd_.get(), SIGKILL);
         socket_.reset(); // a late answer must not be taken for that to a later request
         return ETIMEDOUT;
@@ -174,22 +173,33 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
     return answer.error;
 }
 
-int Keeper::ask(wire::Op op, std::uint64_t value, std::uint64_t* answer)
+int Keeper::ask(wire::Op op, std::uint64_t value, std::uint64_t* answer, int waitMilliseconds)
 {
     wire::Request request = {};
     request.op = op;
     request.value = value;
-    return ask(request, {}, -1, answer);
+    return ask(request, {}, -1, answer, waitMilliseconds);
+}
+
+void Keeper::kill_others(int waitMilliseconds)
+{
+    const znc::ErrnoSaver keep;
+    ask(wire::Op::kKill, SIGKILL, nullptr, waitMilliseconds);
 }
 
 // While the keeper lives it can say when the last of the others is dead; afterwards only when the
 // last of them is reaped, which may take as long as its parent likes. So it is asked to end, and
 // does so when it is alone.
-void Keeper::kill()
+void Keeper::kill(std::int64_t deadline)
 {
     const znc::ErrnoSaver keep;
-    const std::int64_t deadline = now_ns() + kKillNs;
-    while (ask(wire::Op::kEnd, 0) != ESRCH && now_ns() < deadline) {
+    for (;;) {
+        const std::int64_t left = (deadline - now_ns()) / kNsPerMillisecond;
+        if (left <= 0)
+            break;
+        const int wait = static_cast<int>(std::min<std::int64_t>(left, kAnswerMilliseconds));
+        if (ask(wire::Op::kEnd, 0, nullptr, wait) == ESRCH)
+            break;
         const timespec pause = {0, 1000000};
         ::nanosleep(&pause, nullptr);
     }

@@ -6,10 +6,13 @@
 #include "helper/wire.hpp"
 #include "zarnel/owned.hpp"
 
+#include <cstdint>
 #include <span>
 #include <sys/types.h>
 
 namespace zn {
+
+inline constexpr int kAnswerMilliseconds = 4000; // below the time after which a client gives up
 
 class Keeper {
   public:
@@ -22,11 +25,16 @@ class Keeper {
     // Ask and wait for the answer. 0, or an error number: the keeper's own, ESRCH when it is dead,
     // ETIMEDOUT when it does not answer (it is then killed).
     int ask(const wire::Request& request, std::span<const char> text, int descriptor,
-            std::uint64_t* value = nullptr);
-    int ask(wire::Op op, std::uint64_t value = 0, std::uint64_t* answer = nullptr);
+            std::uint64_t* value = nullptr, int waitMilliseconds = kAnswerMilliseconds);
+    int ask(wire::Op op, std::uint64_t value = 0, std::uint64_t* answer = nullptr,
+            int waitMilliseconds = kAnswerMilliseconds);
 
-    // Kill the keeper and with it everything in its namespaces; all of it is dead on return.
-    void kill();
+    // Kill everything in its namespaces, but not the keeper, and do not wait for their ends.
+    void kill_others(int waitMilliseconds);
+
+    // Kill the keeper and with it everything in its namespaces. On return all of it is dead, unless
+    // `deadline` (a point in time of clock.hpp) came first.
+    void kill(std::int64_t deadline);
 
     // Whether the keeper ended, waiting that long for it, which it does not until everybody who
     // lived with it was, too: a process whose parent is outside keeps it until that parent asks for

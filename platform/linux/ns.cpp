@@ -4,6 +4,7 @@
 #include "mount_plan.hpp"
 #include "ns_entry.hpp"
 #include "ns_record.hpp"
+#include "overlay_device.hpp"
 #include "pidfd.hpp"
 #include "zarnel/overlay.h"
 #include "zarnel/signal.h"
@@ -26,8 +27,11 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 100;
-constexpr int kRecoverMilliseconds = 2000;
+constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
+constexpr std::int64_t kRecoverNs = kNsPerSec;      // for those of a dead owner together
 constexpr std::size_t kBuckets = 256;
 
 // One mount that znnsMount made, newest first.
@@ -67,6 +71,8 @@ using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
 Namespace* g_dying = nullptr;
+std::int64_t g_killDeadline =
+    0; // by when everything killed by znnsKillAll is to be dead; 0: not yet
 
 void reap_dying()
 {
@@ -121,8 +127,8 @@ STATUS undo_result(int error)
 void release_device(Namespace& ns)
 {
     const znc::ErrnoSaver keep;
-    if (ns.ownsDevice)
-        znOvlDevRemove(ns.root);
+    if (ns.ownsDevice && overlay_device_detach(ns.root, Detach::kOwn) != 0)
+        overlay_device_detach_later(ns.root);
     ns.ownsDevice = false;
 }
 
@@ -141,9 +147,9 @@ void end_namespace(Namespace** link)
     NamespacePtr ns(*link);
     *link = ns->next;
     remove_record(*ns);
-    ns->keeper.kill();
+    ns->keeper.kill(g_killDeadline != 0 ? g_killDeadline : now_ns() + kEndNs);
     release_device(*ns);
-    if (!ns->keeper.ended(kReapMilliseconds) || !ns->keeper.reap()) {
+    if (!ns->keeper.ended(g_killDeadline != 0 ? 0 : kReapMilliseconds) || !ns->keeper.reap()) {
         ns->next = g_dying;
         g_dying = ns.release();
     }
@@ -346,19 +352,38 @@ bool same_pid_namespace(pid_t one, pid_t other)
     return ::stat(path, &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev;
 }
 
-void end_recorded(nsid_t id, void* context)
+int milliseconds_until(std::int64_t deadline)
 {
-    int& failed = *static_cast<int*>(context);
+    const std::int64_t left = (deadline - now_ns()) / 1000000;
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+void kill_recorded(nsid_t id, void* /*context*/)
+{
     NsRecord record;
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
-    if (keeper) {
+    if (keeper)
         process_signal(keeper.get(), SIGKILL);
-        if (!process_ended(keeper.get(), kRecoverMilliseconds))
-            failed++;
-    } else if (!ns_record_is_void(errno)) {
-        failed++;
+}
+
+struct Recovery {
+    std::int64_t deadline;
+    int left;
+};
+
+// The keeper was killed, and so is everything in its namespace. It may still be waiting for a
+// client to reap its program, and need not be waited for.
+void forget_recorded(nsid_t id, void* context)
+{
+    auto* recovery = static_cast<Recovery*>(context);
+    NsRecord record;
+    const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
+    if (!keeper && !ns_record_is_void(errno)) {
+        recovery->left++;
         return; // for the next one to try
     }
+    if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
+        recovery->left++;
     ns_record_remove(id);
 }
 
@@ -394,6 +419,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
     if (error == 0) {
         ns->ownsDevice = is_own_device(rootPath, name);
         std::strcpy(ns->root, rootPath);
+        overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
     // Without its root the namespace is of no use, and the caller would not come back for it.
@@ -511,8 +537,20 @@ STATUS znnsUrgentAllow(nsid_t id, BOOL allowed)
 
 int znnsRecover(void)
 {
-    int failed = 0;
-    return ns_record_each(end_recorded, &failed) ? failed : failed + 1;
+    // All are killed before any is waited for: together they take as long as the slowest.
+    static_cast<void>(ns_record_each(kill_recorded, nullptr));
+    Recovery recovery = {now_ns() + kRecoverNs, 0};
+    ns_record_clear_unfinished();
+    return ns_record_each(forget_recorded, &recovery) ? recovery.left : recovery.left + 1;
+}
+
+void znnsKillAll(void)
+{
+    const Locked lock;
+    g_killDeadline = now_ns() + kKillAllNs;
+    for (Namespace* bucket : g_namespaces)
+        for (Namespace* ns = bucket; ns != nullptr; ns = ns->next)
+            ns->keeper.kill_others(milliseconds_until(g_killDeadline));
 }
 
 int znnsShutdown(void)
@@ -521,10 +559,13 @@ int znnsShutdown(void)
     for (Namespace*& bucket : g_namespaces)
         while (bucket != nullptr)
             end_namespace(&bucket);
+    const std::int64_t deadline = now_ns() + kShutdownNs;
     int left = 0;
     for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
-        left += ns->keeper.ended(kReapMilliseconds) ? 0 : 1;
+        left += ns->keeper.ended(milliseconds_until(deadline)) ? 0 : 1;
     reap_dying();
+    overlay_devices_retry();
+    g_killDeadline = 0;
     return left;
 }
 
@@ -532,4 +573,5 @@ void znnsReap(void)
 {
     const Locked lock;
     reap_dying();
+    overlay_devices_retry();
 }

@@ -16,6 +16,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr char kRecordDir[] = "/run/zarnel/ns"; // in kRuntimeDir
+constexpr char kUnfinished[] = ".new-"; // and the namespace's id, which no record begins with
 
 void record_path(nsid_t ns, char (&path)[64])
 {
@@ -86,6 +87,17 @@ int change(nsid_t ns, std::ptrdiff_t beforeEnd, char value)
     return ::pwrite(file.get(), &value, 1, end - text - beforeEnd) == 1 ? 0 : -1;
 }
 
+int write_new(const char* path, const char* text, std::size_t len)
+{
+    const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        return -1;
+    const ssize_t n = ::write(file.get(), text, len);
+    if (n >= 0 && n != static_cast<ssize_t>(len))
+        errno = ENOSPC;
+    return n == static_cast<ssize_t>(len) ? 0 : -1;
+}
+
 } // namespace
 
 unsigned long long process_start_time(pid_t pid)
@@ -107,27 +119,38 @@ unsigned long long process_start_time(pid_t pid)
     return value;
 }
 
+// Written beside and then linked to its name, so that a record is there whole or not at all, also
+// when the file system is full or the writer is killed.
 int ns_record_write(nsid_t ns, const NsRecord& record)
 {
     if (znMkdirParents(kRecordDir, 0700) != OK)
-        return -1;
-    char path[64];
-    record_path(ns, path);
-    const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file)
         return -1;
     char text[kTextMax];
     int len = std::snprintf(text, sizeof text, kFirstLine, record.keeper, record.startTime,
                             static_cast<char>(record.grant), static_cast<char>(record.entry));
     len +=
         std::snprintf(text + len, sizeof text - static_cast<std::size_t>(len), "\n%s", record.root);
-    const ssize_t n = ::write(file.get(), text, static_cast<std::size_t>(len));
-    if (n == len)
-        return 0;
-    if (n >= 0)
-        errno = ENOSPC;
-    ns_record_remove(ns);
-    return -1;
+    char unfinished[64];
+    std::snprintf(unfinished, sizeof unfinished, "%s/%s%d", kRecordDir, kUnfinished, ns);
+    ::unlink(unfinished); // left by a process that was killed
+    int result = write_new(unfinished, text, static_cast<std::size_t>(len));
+    if (result == 0) {
+        char path[64];
+        record_path(ns, path);
+        result = ::link(unfinished, path);
+    }
+    const znc::ErrnoSaver keep;
+    ::unlink(unfinished);
+    return result;
+}
+
+void ns_record_clear_unfinished()
+{
+    const znc::ErrnoSaver keep;
+    const znc::UniqueDir dir(::opendir(kRecordDir));
+    while (const dirent* entry = dir ? ::readdir(dir.get()) : nullptr)
+        if (std::strncmp(entry->d_name, kUnfinished, sizeof kUnfinished - 1) == 0)
+            ::unlinkat(::dirfd(dir.get()), entry->d_name, 0);
 }
 
 int ns_record_read(nsid_t ns, NsRecord& record)

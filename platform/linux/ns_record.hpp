@@ -36,8 +36,12 @@ struct NsRecord {
 // The start time of a process, 0 with errno set when it is gone.
 unsigned long long process_start_time(pid_t pid);
 
-// 0, or -1 with errno set (EEXIST: the id is taken).
+// 0, or -1 with errno set (EEXIST: the id is taken); there is no half-written record then.
 int ns_record_write(nsid_t ns, const NsRecord& record);
+
+// Removes what writers that were killed left. Nobody may be writing a record.
+void ns_record_clear_unfinished();
+
 int ns_record_read(nsid_t ns, NsRecord& record);
 void ns_record_remove(nsid_t ns);
 

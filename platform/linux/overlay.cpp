@@ -6,18 +6,21 @@
 
 #include "clock.hpp"
 #include "ns_record.hpp"
+#include "overlay_device.hpp"
 #include "overlay_mount.hpp"
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <linux/stat.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 
 namespace zn {
 namespace {
@@ -28,6 +31,7 @@ using znc::UniqueFd;
 constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
 constexpr std::size_t kStackMax = 1024 * 1024;
 constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
+constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // where it can be done later
 
 // The name below /overlay, or null for a path that is none of a device.
 const char* device_name(const char* devName)
@@ -43,21 +47,40 @@ const char* device_name(const char* devName)
 
 // The directory of all devices, locked, so that one at a time makes or removes devices. A process
 // that is stopped while it has the lock must not stop the others: EBUSY in the end.
-UniqueFd open_devices()
-{
-    UniqueFd dir(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::int64_t deadline = now_ns() + kTurnNs;
-    while (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) != 0) {
-        if ((errno != EWOULDBLOCK && errno != EINTR) || now_ns() >= deadline) {
-            if (errno == EWOULDBLOCK)
-                errno = EBUSY;
-            return UniqueFd();
+class Devices {
+  public:
+    explicit Devices(std::int64_t wait = kTurnNs)
+        : dir_(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        const std::int64_t deadline = now_ns() + wait;
+        while (dir_ && ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || now_ns() >= deadline) {
+                if (errno == EWOULDBLOCK)
+                    errno = EBUSY;
+                dir_.reset();
+                return;
+            }
+            const timespec pause = {0, 1000000};
+            ::nanosleep(&pause, nullptr);
         }
-        const timespec pause = {0, 1000000};
-        ::nanosleep(&pause, nullptr);
     }
-    return dir;
-}
+    // Closing alone would not give the lock back: a child that the calling process forked meanwhile
+    // has the same open file, for as long as it lives.
+    ~Devices()
+    {
+        const znc::ErrnoSaver keep;
+        if (dir_)
+            ::flock(dir_.get(), LOCK_UN);
+    }
+    Devices(const Devices&) = delete;
+    Devices& operator=(const Devices&) = delete;
+
+    explicit operator bool() const { return static_cast<bool>(dir_); }
+    [[nodiscard]] int get() const { return dir_.get(); }
+
+  private:
+    UniqueFd dir_;
+};
 
 enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
 
@@ -72,10 +95,12 @@ Node look(int devices, const char* name)
     if ((st.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
         return Node::kBare;
     const UniqueFd device(::openat(devices, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    struct statvfs fs;
-    if (!device || ::fstatvfs(device.get(), &fs) != 0)
+    struct statfs fs;
+    if (!device || ::fstatfs(device.get(), &fs) != 0)
         return Node::kForeign;
-    return (fs.f_flag & ST_RDONLY) != 0 ? Node::kReadOnly : Node::kWritable;
+    if ((fs.f_flags & ST_RDONLY) != 0)
+        return Node::kReadOnly;
+    return fs.f_type == OVERLAYFS_SUPER_MAGIC ? Node::kWritable : Node::kForeign;
 }
 
 // Removes the bare directory of a device with its record.
@@ -214,7 +239,50 @@ int make_room(int devices, const char* devName, const char* name)
     return -1;
 }
 
+bool is_abandoned(int devices, const char* devName, const char* name)
+{
+    return look(devices, name) == Node::kWritable && !ns_record_rooted_on(devName);
+}
+
+// Calls `visit(devices, name)` for every entry of the directory of all devices and counts those for
+// which it fails. -1 when they cannot be listed.
+int each_device(int devices, int (*visit)(int devices, const char* name))
+{
+    const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
+    if (!dir)
+        return -1;
+    int failed = 0;
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
+            visit(devices, name) != 0)
+            failed++;
+    }
+    return failed;
+}
+
+int sweep_one(int devices, const char* name)
+{
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "%s/%s", ZN_OVERLAY_DIR, name);
+    return is_abandoned(devices, path, name) ? detach(devices, name) : 0;
+}
+
 } // namespace
+
+int overlay_device_detach(const char* devName, Detach which)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr)
+        return 0;
+    const Devices devices(which == Detach::kOwn ? kShortTurnNs : 0);
+    if (!devices)
+        return errno == EBUSY ? -1 : 0;
+    const bool goes = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
+                                            : is_abandoned(devices.get(), devName, name);
+    return goes ? detach(devices.get(), name) : 0;
+}
+
 } // namespace zn
 
 using namespace zn;
@@ -226,7 +294,7 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
         errno = EINVAL;
         return ERROR;
     }
-    const UniqueFd devices = open_devices();
+    const Devices devices;
     if (!devices || make_room(devices.get(), devName, name) != 0)
         return ERROR;
     return create_on(devices.get(), name, dirs, dirNum, hasUpper != FALSE) == 0 ? OK : ERROR;
@@ -239,7 +307,7 @@ STATUS znOvlDevRemove(const char* devName)
         errno = EINVAL;
         return ERROR;
     }
-    const UniqueFd devices = open_devices();
+    const Devices devices;
     if (!devices)
         return ERROR;
     const Node node = look(devices.get(), name);
@@ -267,18 +335,24 @@ BOOL znOvlInit(void)
 
 int znOvlRestore(void)
 {
-    const UniqueFd devices = open_devices();
+    const Devices devices;
     if (!devices)
         return errno == ENOENT ? 0 : 1;
-    const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
-    if (!dir)
-        return 1;
-    int failed = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
-            restore_one(devices.get(), name) != 0)
-            failed++;
-    }
-    return failed;
+    const int failed = each_device(devices.get(), restore_one);
+    return failed >= 0 ? failed : 1;
+}
+
+int znOvlSweep(void)
+{
+    const Devices devices;
+    if (!devices)
+        return errno == ENOENT ? 0 : 1;
+    const int failed = each_device(devices.get(), sweep_one);
+    return failed >= 0 ? failed : 1;
+}
+
+BOOL znOvlDevInUse(const char* devName)
+{
+    const znc::ErrnoSaver keep;
+    return device_name(devName) != nullptr && ns_record_rooted_on(devName) ? TRUE : FALSE;
 }

@@ -42,6 +42,17 @@ class Upper {
         work_.reset(::openat(parent_.get(), kWork, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         return static_cast<bool>(work_);
     }
+    // The root of a device shows the mode and owner of its upper directory. Those of the directory
+    // below it are the image's, so that who may not rename /bin there may not do it here.
+    [[nodiscard]] bool take_attributes(int lower) const
+    {
+        struct stat st;
+        const UniqueFd dir(
+            ::openat(upper_.get(), ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return dir && ::fstat(lower, &st) == 0 &&
+               ::fchown(dir.get(), st.st_uid, st.st_gid) == 0 && // first: it clears bits
+               ::fchmod(dir.get(), st.st_mode & kModeBits) == 0;
+    }
     // Takes away what was made for a mount that then failed.
     void undo() const
     {
@@ -56,6 +67,7 @@ class Upper {
     [[nodiscard]] int work() const { return work_.get(); }
 
   private:
+    static constexpr mode_t kModeBits = 07777;
     static constexpr char kWork[] = "work"; // in which the kernel makes another of that name
     UniqueFd upper_;
     UniqueFd parent_;
@@ -184,6 +196,8 @@ static int mount_stack(int target, const char* const* dirs, std::uint32_t count,
         return -1;
     const int* fds = stack.fds();
     count = stack.count();
+    if (upper.upper() >= 0 && !upper.take_attributes(fds[0]))
+        return -1;
     if (count == 1 && upper.upper() < 0)
         return mount_single(target, fds[0]);
     if (overlay_mount_by_fd(target, fds, count, upper.upper(), upper.work()) == 0)

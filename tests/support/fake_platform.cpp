@@ -278,6 +278,8 @@ int znnsShutdown(void)
     return 0;
 }
 
+void znnsKillAll(void) {}
+
 void znnsReap(void) {}
 
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
@@ -323,4 +325,17 @@ BOOL znOvlInit(void)
 int znOvlRestore(void)
 {
     return 0;
+}
+int znOvlSweep(void)
+{
+    return 0;
+}
+
+BOOL znOvlDevInUse(const char* devName)
+{
+    const std::lock_guard lock(guard);
+    for (const auto& [id, root] : live)
+        if (root == text(devName))
+            return TRUE;
+    return FALSE;
 }

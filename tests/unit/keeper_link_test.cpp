@@ -1,6 +1,8 @@
 // Keepers of an owner that has many descriptors: what they get of them, and what is left to him.
 #include "keeper_link.hpp"
 
+#include "clock.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -51,7 +53,7 @@ class Keepers : public ::testing::Test {
     }
     static void end(Keeper& keeper)
     {
-        keeper.kill();
+        keeper.kill(zn::now_ns() + 10 * zn::kNsPerSec);
         EXPECT_TRUE(keeper.ended(10000));
         EXPECT_TRUE(keeper.reap());
     }

@@ -2,6 +2,7 @@
 // and the spawner.
 
 #include "namespace_world.hpp"
+#include "zarnel/overlay.h"
 
 #include <atomic>
 #include <chrono>
@@ -172,14 +173,16 @@ TEST_F(Namespaces, ASecondRootIsRefusedAndChangesNothing)
     fs::remove("/overlay/web");
 
     // The other way round: the own device stays the namespace's and goes with it.
-    fs::create_directories("/overlay/db");
-    ASSERT_EQ(::mount("none", "/overlay/db", "tmpfs", 0, nullptr), 0);
+    fs::create_directories("/tmp/out.d/upper");
+    const std::array<const char*, 2> dirs = {"/tmp/out.d/upper", root_.c_str()};
+    ASSERT_EQ(znOvlDevCreate("/overlay/db", dirs.data(), 2, TRUE), OK) << std::strerror(errno);
     const nsid_t other = znnsCreate(kFlags);
     ASSERT_EQ(znnsRootfsCreate(other, "/overlay/db", "db"), OK) << std::strerror(errno);
     EXPECT_EQ(znnsRootfsCreate(other, root_.c_str(), "db"), ERROR);
     EXPECT_EQ(errno, EBUSY);
     EXPECT_EQ(znnsDelete(other), OK);
     EXPECT_FALSE(fs::exists("/overlay/db"));
+    fs::remove_all("/tmp/out.d");
 }
 
 TEST_F(Namespaces, WithoutFreeDescriptorsCallsFailWithTheReasonAndLeaveNothing)

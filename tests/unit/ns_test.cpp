@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <set>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <thread>
@@ -621,6 +622,7 @@ TEST_F(Namespaces, EverythingEndsWithTheOwnerHoweverItEnds)
     ASSERT_EQ(::pipe2(pipes, O_CLOEXEC), 0);
     const znc::UniqueFd reader(pipes[0]);
     znc::UniqueFd writer(pipes[1]);
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1); // whoever gets the orphans else may not wait for them soon
     const pid_t owner = ::fork();
     if (owner == 0) {
         const nsid_t ns = rooted();
@@ -643,6 +645,12 @@ TEST_F(Namespaces, EverythingEndsWithTheOwnerHoweverItEnds)
     };
     ASSERT_TRUE(eventually(gone));
     EXPECT_FALSE(fs::is_empty("/run/zarnel/ns"));
+    EXPECT_TRUE(eventually([] {
+        while (::waitpid(-1, nullptr, __WALL | WNOHANG) > 0) {
+        }
+        return children() == 0;
+    }));
+    ::prctl(PR_SET_CHILD_SUBREAPER, 0);
     EXPECT_EQ(znnsRecover(), 0);
     EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
 }

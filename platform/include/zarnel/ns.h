@@ -59,7 +59,8 @@ STATUS znnsUmount(nsid_t ns, const char* rootPath, const char* source, const cha
 
 /*
  * Undo znnsRootfsCreate: no process can be spawned into the namespace any more, and a
- * writable overlay device that was its root is removed (its directories stay).
+ * writable overlay device that was its root is removed (its directories stay). While another
+ * process has the devices locked the device stays, unused; znnsReap then removes it.
  */
 STATUS znnsRootfsDestroy(nsid_t ns, const char* rootPath, const char* name);
 
@@ -103,15 +104,25 @@ STATUS znnsExpectEnd(nsid_t ns);
 STATUS znnsUrgentAllow(nsid_t ns, BOOL allowed);
 
 /*
- * For a daemon that starts: end the namespaces that a dead owner left behind. For one that
- * stops: end its own. Returns how many could not be ended.
+ * For a daemon that starts: end the namespaces that a dead owner left behind. All are killed
+ * first and then waited for together, for a second at most. Returns how many have not ended
+ * by then. Nothing lives in those: they wait for a client to reap its program.
  */
 int znnsRecover(void);
+
+/*
+ * For a daemon that stops: kill what lives in its namespaces, all at once. From now on the
+ * end of each is no longer waited for, only that of all of them by znnsShutdown.
+ */
+void znnsKillAll(void);
+
+/* End all namespaces of this process; how many have not ended within two seconds. */
 int znnsShutdown(void);
 
 /*
- * Give back what namespaces that ended since were still waiting for. Creating and deleting do this,
- * too; for an owner that does neither.
+ * Give back what namespaces that ended since were still waiting for, and remove overlay devices
+ * that were locked when they should have gone. Creating and deleting do the first, too; for an
+ * owner that does neither.
  */
 void znnsReap(void);
 

@@ -27,7 +27,8 @@ extern "C" {
 /*
  * Create the device `devName` (a path directly under ZN_OVERLAY_DIR) over `dirNum`
  * directories, the first on top. With `hasUpper` the first directory is writable and its
- * parent directory takes the work directory the kernel needs; the rest are only read.
+ * parent directory takes the work directory the kernel needs; the rest are only read. The
+ * writable directory is given the mode and owner of the next one before anything is mounted.
  * OK, or ERROR with EEXIST (the device exists), EINVAL (a bad name, no directories, an
  * upper without a lower), ENOENT (a directory is missing), ENODEV (no overlay filesystem),
  * EBUSY (another process keeps devices locked for seconds) or the kernel's number; nothing is then
@@ -41,6 +42,15 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
  * bad name).
  */
 STATUS znOvlDevRemove(const char* devName);
+
+/* Whether a living namespace has this device for its root; TRUE also if that cannot be told. */
+BOOL znOvlDevInUse(const char* devName);
+
+/*
+ * For a daemon that stops: detach every writable device that no living namespace has for its
+ * root, such as those of creates that failed. Returns how many could not be detached.
+ */
+int znOvlSweep(void);
 
 /*
  * Make ZN_OVERLAY_DIR if the kernel has the overlay filesystem, and close it to all other users.

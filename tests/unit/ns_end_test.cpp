@@ -1,0 +1,142 @@
+// The ends of namespaces whose programs nobody has waited for, one by one and many at once; and
+// their records on a file system that is full.
+#include "namespace_world.hpp"
+#include "ns_record.hpp"
+#include "zarnel/overlay.h"
+
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+using namespace namespace_world;
+
+namespace {
+
+constexpr int kMany = 50;
+
+bool is_zombie(pid_t pid)
+{
+    return read_file("/proc/" + std::to_string(pid) + "/stat").find(") Z ") != std::string::npos;
+}
+
+class NamespaceEnds : public Namespaces {
+  protected:
+    // Programs that run, each in a namespace of its own, children of this process.
+    std::vector<pid_t> start_many()
+    {
+        std::vector<pid_t> programs;
+        for (int i = 0; i < kMany; i++)
+            programs.push_back(start(rooted(), "sleep 1000"));
+        return programs;
+    }
+    void reap(const std::vector<pid_t>& programs)
+    {
+        for (const pid_t program : programs) {
+            const int status = wait(program);
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        }
+    }
+};
+
+TEST_F(NamespaceEnds, ProgramsThatNobodyWaitsForDoNotKeepTheOthersFromEnding)
+{
+    const std::vector<pid_t> programs = start_many();
+    znnsKillAll();
+    EXPECT_EQ(znnsShutdown(), kMany) << "their parent has not waited for them";
+    for (const pid_t program : programs)
+        EXPECT_TRUE(is_zombie(program));
+    EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
+    reap(programs);
+    EXPECT_EQ(znnsShutdown(), 0);
+}
+
+TEST_F(NamespaceEnds, OfADeadOwnerAllProgramsAreKilledThoughNobodyWaitsForThem)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t owner = ::fork(); // makes the namespaces; this process starts the programs
+    if (owner == 0) {
+        for (int i = 0; i < kMany; i++) {
+            const nsid_t ns = rooted();
+            if (::write(ends[1], &ns, sizeof ns) != sizeof ns)
+                ::_exit(1);
+        }
+        for (;;)
+            ::pause();
+    }
+    std::vector<pid_t> programs;
+    for (int i = 0; i < kMany; i++) {
+        nsid_t ns = -1;
+        ASSERT_EQ(::read(ends[0], &ns, sizeof ns), static_cast<ssize_t>(sizeof ns));
+        programs.push_back(start(ns, "sleep 1000"));
+    }
+    ::kill(owner, SIGKILL);
+    wait(owner);
+    EXPECT_EQ(znnsRecover(), kMany) << "their keepers end when we have waited for the programs";
+    for (const pid_t program : programs)
+        EXPECT_TRUE(eventually([program] { return is_zombie(program); }));
+    EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
+    reap(programs);
+    EXPECT_EQ(znnsRecover(), 0);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+// ---------------------------------------------------------------- records
+
+class FullRecords : public Namespaces {
+  protected:
+    void SetUp() override
+    {
+        Namespaces::SetUp();
+        ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=4k,nr_inodes=4,mode=700"), 0);
+        fs::create_directories("/run/zarnel/ns");
+        zn::NsRecord record = {1, 1, "/some/root"};
+        while (zn::ns_record_write(next_, record) == 0)
+            next_++;
+        EXPECT_EQ(errno, ENOSPC);
+    }
+    void TearDown() override
+    {
+        ::umount("/run/zarnel");
+        Namespaces::TearDown();
+    }
+    nsid_t next_ = 0;
+};
+
+TEST_F(FullRecords, ANamespaceWhoseRecordCannotBeWrittenFailsAndLeavesNone)
+{
+    const nsid_t ns = znnsCreate(kFlags);
+    ASSERT_GE(ns, 0);
+    EXPECT_EQ(znnsRootfsCreate(ns, root_.c_str(), "web"), ERROR);
+    EXPECT_EQ(errno, ENOSPC);
+    zn::NsRecord record = {};
+    EXPECT_EQ(zn::ns_record_read(ns, record), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(znnsDelete(ns), ERROR) << "it is gone";
+}
+
+TEST_F(FullRecords, RecordsOfTheDeadAreRemovedAndMakeRoom)
+{
+    EXPECT_EQ(znnsRecover(), 0);
+    const nsid_t ns = rooted();
+    EXPECT_EQ(run(ns, "echo alive"), "alive\n");
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Namespaces, ARecordThatAKilledWriterLeftUnfinishedIsClearedAndTakenForNone)
+{
+    fs::create_directories("/run/zarnel/ns");
+    std::ofstream("/run/zarnel/ns/.new-17") << "12";
+    zn::NsRecord record = {1, 1, "/some/root"};
+    EXPECT_EQ(zn::ns_record_read(17, record), -1);
+    EXPECT_EQ(zn::ns_record_write(17, record), 0) << "it is no obstacle";
+    EXPECT_EQ(zn::ns_record_write(17, record), -1);
+    EXPECT_EQ(errno, EEXIST);
+    std::ofstream("/run/zarnel/ns/.new-18") << "12";
+    EXPECT_EQ(znnsRecover(), 0);
+    EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
+}
+
+} // namespace
