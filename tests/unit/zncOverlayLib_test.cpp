@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -95,6 +97,24 @@ TEST_F(BasePath, LayerAreaHasNoFinalSeparatorAndTheOthersHaveOne)
     for (const char* area : {"layers", "flattened", "containers"})
         EXPECT_TRUE(test_tree::exists(std::string("/ram0/znc/") + area)) << area;
     EXPECT_EQ(get(ZNC_LAYER_PATH), "/ram0/znc/layers") << "an existing area is success";
+}
+
+TEST_F(BasePath, ABaseThatAnotherUserOwnsOrCanWriteToIsRefusedAndNothingIsMade)
+{
+    const TempDir dir;
+    const std::string base = dir / "base";
+    setenv("ZNC_BASE", base.c_str(), 1);
+    std::filesystem::create_directory(base);
+    ASSERT_EQ(::chown(base.c_str(), 1000, 1000), 0);
+    EXPECT_EQ(get(ZNC_LAYER_PATH), error(EPERM));
+    ASSERT_EQ(::chown(base.c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod(base.c_str(), 0777), 0);
+    EXPECT_EQ(get(ZNC_LAYER_PATH), error(EPERM));
+    EXPECT_TRUE(std::filesystem::is_empty(base));
+    ASSERT_EQ(::chmod(base.c_str(), 0755), 0);
+    EXPECT_EQ(get(ZNC_LAYER_PATH), base + "/layers");
+    ASSERT_EQ(::chown((base + "/layers").c_str(), 1000, 1000), 0);
+    EXPECT_EQ(get(ZNC_LAYER_PATH), error(EPERM)) << "the area itself";
 }
 
 TEST_F(BasePath, FinalSeparatorsOfTheBaseAreDropped)

@@ -3,6 +3,7 @@
 
 #include "zarnel/fs.h"
 #include "zarnel/overlay.h"
+#include "zarnel/path_trust.h"
 #include "zncOwned.hpp"
 #include "zncontainer.h"
 
@@ -29,6 +30,19 @@ std::size_t base_from_environment(char* path, std::size_t bufLen)
     return static_cast<std::size_t>(len);
 }
 
+// Layers are run as programs and containers' directories are deleted as root: nobody else may have
+// a hand in the directory or in anything above it. What was missing is judged once it is made,
+// since somebody else may have been faster in a directory that all may write.
+bool make_trusted(const char* path)
+{
+    znPathTrust trust;
+    if (znPathTrusted(path, &trust) != OK)
+        return false;
+    if (trust.exists != FALSE)
+        return true;
+    return znMkdirParents(path, kAreaMode) == OK && znPathTrusted(path, nullptr) == OK;
+}
+
 } // namespace
 
 std::size_t znc::base_path_text(char* path, std::size_t bufLen, std::uint32_t type)
@@ -52,7 +66,7 @@ std::size_t znc::base_path_text(char* path, std::size_t bufLen, std::uint32_t ty
 size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type)
 {
     const std::size_t len = znc::base_path_text(path, bufLen, type);
-    return len != 0 && znMkdirParents(path, kAreaMode) == OK ? len : 0;
+    return len != 0 && make_trusted(path) ? len : 0;
 }
 
 BOOL zncOvlFsAvailable(void)

@@ -1,0 +1,202 @@
+#include "zarnel/path_trust.h"
+
+#include "zarnel/owned.hpp"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+constexpr int kLinksMax = 40; // as the kernel's own look-up
+constexpr int kDirFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+bool owner_trusted(const struct stat& st)
+{
+    return st.st_uid == 0 || st.st_uid == ::geteuid();
+}
+
+// The group's bits of a file with an access list stand for everybody named in it.
+bool has_access_list(int dir, const char* name)
+{
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d/%s", dir, name);
+    return ::getxattr(path, "system.posix_acl_access", nullptr, 0) >= 0;
+}
+
+// One walk from "/" to the end of a path, which is looked up here, a component at a time.
+class Walk {
+  public:
+    Walk(const char* path, znPathTrust& trust) : trust_(trust)
+    {
+        trust_ = {FALSE, ""};
+        good_ = path[0] != '\0';
+        if (!good_)
+            errno = EINVAL;
+        else if (path[0] != '/')
+            good_ = ::getcwd(rest_, sizeof rest_) != nullptr && append(path);
+        else
+            good_ = append(path);
+    }
+
+    bool run()
+    {
+        good_ = good_ && restart();
+        while (good_ && next_component())
+            good_ = step();
+        return good_;
+    }
+
+  private:
+    bool append(const char* text)
+    {
+        const std::size_t len = std::strlen(rest_);
+        const int n = std::snprintf(rest_ + len, sizeof rest_ - len, "/%s", text);
+        if (n >= 0 && static_cast<std::size_t>(n) < sizeof rest_ - len)
+            return true;
+        errno = ENAMETOOLONG;
+        return false;
+    }
+
+    bool restart()
+    {
+        struct stat st;
+        at_.reset(::open("/", kDirFlags));
+        return at_ && ::fstat(at_.get(), &st) == 0 && enter(st, ".");
+    }
+
+    // Takes the next component off the rest. False at the end, and where nothing is there any more.
+    bool next_component()
+    {
+        if (missing_)
+            return false;
+        const char* begin = rest_ + std::strspn(rest_, "/");
+        const std::size_t len = std::strcspn(begin, "/");
+        if (len == 0) {
+            trust_.exists = TRUE;
+            good_ = end_is_ours();
+            return false;
+        }
+        if (len >= sizeof name_) {
+            errno = ENAMETOOLONG;
+            good_ = false;
+            return false;
+        }
+        std::memcpy(name_, begin, len);
+        name_[len] = '\0';
+        std::memmove(rest_, begin + len, std::strlen(begin + len) + 1);
+        return true;
+    }
+
+    bool step()
+    {
+        if (std::strcmp(name_, ".") == 0)
+            return true;
+        struct stat st;
+        if (::fstatat(at_.get(), name_, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            missing_ = errno == ENOENT;
+            return missing_;
+        }
+        // Only the owner of an entry, and of the directory, moves it out of a sticky directory.
+        if (open_to_others_ && !owner_trusted(st))
+            return fault(name_, "belongs to another user");
+        if (S_ISLNK(st.st_mode))
+            return follow();
+        if (!S_ISDIR(st.st_mode))
+            return end_at_file(st);
+        UniqueFd next(::openat(at_.get(), name_, kDirFlags));
+        if (!next || ::fstat(next.get(), &st) != 0)
+            return false;
+        at_ = std::move(next);
+        return enter(st, ".");
+    }
+
+    // Into the directory `at_`, whose attributes these are.
+    bool enter(const struct stat& st, const char* name)
+    {
+        if (!owner_trusted(st))
+            return fault(name, "belongs to another user");
+        open_to_others_ = others_may_write(st, name);
+        if (open_to_others_ && (st.st_mode & S_ISVTX) == 0)
+            return fault(name, "can be written by other users");
+        return true;
+    }
+
+    bool end_at_file(const struct stat& st)
+    {
+        if (rest_[std::strspn(rest_, "/")] != '\0') {
+            errno = ENOTDIR;
+            return false;
+        }
+        rest_[0] = '\0';
+        if (!owner_trusted(st))
+            return fault(name_, "belongs to another user");
+        open_to_others_ = false;
+        return !others_may_write(st, name_) || fault(name_, "can be written by other users");
+    }
+
+    bool end_is_ours() { return !open_to_others_ || fault(".", "can be written by other users"); }
+
+    bool follow()
+    {
+        char target[PATH_MAX];
+        const ssize_t len = ::readlinkat(at_.get(), name_, target, sizeof target);
+        if (len <= 0 || static_cast<std::size_t>(len) >= sizeof target || ++links_ > kLinksMax) {
+            if (len > 0)
+                errno = links_ > kLinksMax ? ELOOP : ENAMETOOLONG;
+            return false;
+        }
+        target[len] = '\0';
+        char behind[sizeof rest_];
+        std::strcpy(behind, rest_);
+        rest_[0] = '\0';
+        return append(target) && append(behind) && (target[0] != '/' || restart());
+    }
+
+    bool others_may_write(const struct stat& st, const char* name) const
+    {
+        if ((st.st_mode & S_IWOTH) != 0)
+            return true;
+        if ((st.st_mode & S_IWGRP) == 0)
+            return false;
+        return (st.st_gid != 0 && st.st_gid != ::getegid()) || has_access_list(at_.get(), name);
+    }
+
+    bool fault(const char* name, const char* what)
+    {
+        char link[64];
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", at_.get());
+        char dir[700]; // leaves room for the rest
+        const ssize_t len = ::readlink(link, dir, sizeof dir - 1);
+        dir[len > 0 ? len : 0] = '\0';
+        const bool self = std::strcmp(name, ".") == 0;
+        std::snprintf(trust_.fault, sizeof trust_.fault, "%s%s%s %s", dir,
+                      self || std::strcmp(dir, "/") == 0 ? "" : "/", self ? "" : name, what);
+        errno = EPERM;
+        return false;
+    }
+
+    znPathTrust& trust_;
+    UniqueFd at_;
+    char rest_[2 * PATH_MAX] = ""; // what is still to be looked up
+    char name_[NAME_MAX + 1] = "";
+    int links_ = 0;
+    bool open_to_others_ = false; // the directory `at_` is sticky and all may write into it
+    bool missing_ = false;
+    bool good_ = false;
+};
+
+} // namespace
+} // namespace zn
+
+STATUS znPathTrusted(const char* path, znPathTrust* trust)
+{
+    znPathTrust own;
+    return zn::Walk(path, trust != nullptr ? *trust : own).run() ? OK : ERROR;
+}
