@@ -2,7 +2,12 @@
 // per thread) and the stop descriptor.
 #include "zarnel/task.h"
 
+#include "zarnel/owned.hpp"
+
+#include <linux/ioprio.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -33,6 +38,15 @@ void znTaskUnsafe(void)
         return;
     int ignored;
     pthread_setcancelstate(state_outside, &ignored);
+}
+
+void znTaskBackgroundSet(void)
+{
+    const znc::ErrnoSaver keep;
+    constexpr int kLowest = 19;
+    const pid_t self = gettid(); // on Linux these concern the thread
+    setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
+    syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
 }
 
 void znTaskStopFdSet(int fd)

@@ -1,7 +1,9 @@
 #include "container_world.hpp"
+#include "eventually.hpp"
 
 #include "alloc_fault.hpp"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 namespace {
@@ -607,6 +609,44 @@ TEST_F(Rootfs, RemovingTheUpperLayerFollowsNoLinkTheContainerPlanted)
     EXPECT_FALSE(fs::exists(area() + "web"));
     EXPECT_TRUE(fs::exists(outside + "/precious"));
     EXPECT_TRUE(fs::exists(area() + "other"));
+}
+
+TEST_F(Rootfs, ALargeUpperLayerIsGoneFromItsPlaceAtOnceAndDeletedLater)
+{
+    fs::create_directories(area() + "web/upper");
+    for (int i = 0; i < 3000; i++)
+        std::ofstream(area() + "web/upper/" + std::to_string(i)) << "x";
+    char buffer[1024];
+    EXPECT_EQ(zncContainerRemoveUpLayer(buffer, sizeof buffer, "web"), OK);
+    EXPECT_FALSE(fs::exists(area() + "web"));
+    EXPECT_TRUE(eventually([&] { return !fs::exists(base + "/.trash"); }));
+}
+
+TEST_F(Rootfs, ANewContainerNeverSeesTheFilesOfOneWhoseDeletionFailed)
+{
+    set_overlay(true);
+    fs::create_directories(area() + "web/upper/etc");
+    std::ofstream(area() + "web/upper/etc/secret") << "x";
+    prepare("");
+    ASSERT_EQ(zncContainerMount(&ctx), OK);
+    EXPECT_TRUE(fs::is_empty(area() + "web/upper"));
+    EXPECT_EQ(zncContainerUmount(&ctx), OK);
+}
+
+TEST_F(Rootfs, WhereOldFilesCannotBeRemovedTheContainerIsRefused)
+{
+    set_overlay(true);
+    fs::create_directories(area() + "web/upper/etc");
+    std::ofstream(area() + "web/upper/etc/secret") << "x";
+    prepare("");
+    ASSERT_EQ(::mount(area().c_str(), area().c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount(nullptr, area().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr),
+              0);
+    char path[1024];
+    EXPECT_EQ(zncContainerRootfsCreate(&ctx, path), ERROR);
+    EXPECT_EQ(errno, EROFS);
+    EXPECT_TRUE(fake::calls_of("znOvlDevCreate").empty());
+    EXPECT_EQ(::umount(area().c_str()), 0);
 }
 
 TEST_F(Rootfs, RemovingAnUpperLayerWhosePathDoesNotFitIsENAMETOOLONG)

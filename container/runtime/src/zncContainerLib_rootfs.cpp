@@ -1,12 +1,14 @@
 // A container's root filesystem, namespace and mounts. Whether the root is the bundle's own
 // directory or an overlay device above it is asked afresh in every call.
 #include "zncContainerLib.hpp"
+#include "zncTrash.hpp"
 #include "zncTreeLinks.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -61,10 +63,33 @@ STATUS upper_path(const char* containerId, char* path)
     return OK;
 }
 
-STATUS create_device(CONTAINER_CTX* ctx, const char* device, const char* upper)
+// Deletes a container's directory at once if that takes no time, else later: the daemon has other
+// clients to serve. Where it cannot be moved aside it is deleted here, however long that takes.
+STATUS delete_container_dir(const char* dir)
 {
-    const bool upper_was_there = ::access(upper, F_OK) == 0;
-    if (znMkdirParents(upper, 0777) != OK)
+    if (znc::is_small_tree(dir) || znc::trash_take(dir) != OK)
+        return znc::delete_foreign_tree(dir);
+    znc::trash_empty();
+    return OK;
+}
+
+// Where deleting an earlier container of this id failed, its files are still there. The new one
+// must not see them. `upper` is changed meanwhile and restored.
+STATUS remove_old_files(const char* device, char* upper)
+{
+    char* const slash = upper + std::strlen(upper) - (sizeof kUpperDir - 1);
+    *slash = '\0';
+    STATUS result = OK;
+    struct stat st;
+    if (::lstat(upper, &st) == 0 && S_ISDIR(st.st_mode))
+        result = znOvlDevInUse(device) != FALSE ? fail_with(EEXIST) : delete_container_dir(upper);
+    *slash = '/';
+    return result;
+}
+
+STATUS create_device(CONTAINER_CTX* ctx, const char* device, char* upper)
+{
+    if (remove_old_files(device, upper) != OK || znMkdirParents(upper, 0777) != OK)
         return ERROR;
     PathBuffer bundle_root;
     const char* lower = ctx->pConfig->root->path;
@@ -79,9 +104,6 @@ STATUS create_device(CONTAINER_CTX* ctx, const char* device, const char* upper)
     const char* layers[] = {upper, lower};
     if (zncCreateOvlRootfsDev(device, layers, 2, TRUE) == OK)
         return OK;
-    // A device that exists belongs to a live container of this id, and so does its upper directory.
-    if (errno == EEXIST && upper_was_there)
-        return ERROR;
     const znc::ErrnoSaver keep;
     znc::delete_foreign_tree(upper);
     return ERROR;
@@ -167,7 +189,7 @@ STATUS zncContainerMount(CONTAINER_CTX* pCtx)
         return OK;
     const PathBuffer root = znc::malloc_array<char>(kPathMax);
     // What a failure before the namespace has its root made so far stays: the next create under the
-    // same id takes it over.
+    // same id replaces it.
     if (!root || make_root(pCtx, root.get()) != OK)
         return ERROR;
     pCtx->mounted = TRUE;
@@ -235,5 +257,5 @@ STATUS zncContainerRemoveUpLayer(char* buffer, size_t bufferLen, const char* con
         return ERROR;
     if (znPathAppend(buffer, bufferLen, containerId) == buffer + bufferLen)
         return fail_with(ENAMETOOLONG);
-    return znc::delete_foreign_tree(buffer);
+    return delete_container_dir(buffer);
 }

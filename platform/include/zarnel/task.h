@@ -25,6 +25,12 @@ void znTaskSafe(void);
 void znTaskUnsafe(void);
 
 /*
+ * Let the calling task's work wait for everybody else's: the lowest priority for the processor
+ * and, where the system has such, for the disk. For good; a failure changes nothing.
+ */
+void znTaskBackgroundSet(void);
+
+/*
  * Name the descriptor that asks the calling task to stop (-1: none, the default).
  * Once it is readable, a queue receive of this task that may wait fails with
  * ECANCELED instead of taking a message; one with ZN_NO_WAIT is unaffected.

@@ -1,0 +1,218 @@
+#include "zncTrash.hpp"
+
+#include "zncOwned.hpp"
+#include "zncPath.hpp"
+#include "zncTreeLinks.hpp"
+
+#include "zarnel/path_trust.h"
+#include "zarnel/task.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char kTrash[] = ".trash";
+constexpr mode_t kTrashMode = 0700;
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kBaseFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr int kNameTries = 16;
+constexpr int kSmallEntries = 256;
+constexpr int kSmallDepth = 16;
+constexpr long long kSmallBlocks = 64LL * 1024 * 1024 / 512; // st_blocks counts in 512 bytes
+constexpr long kNsPerMillisecond = 1000000;
+
+// Trash is taken, and emptied, by one task each: the second begins again for what came meanwhile.
+std::atomic<bool> emptying{false};
+std::atomic<bool> more{false};
+std::atomic<unsigned> names{0};
+
+// The base whose trash is emptied, as the environment named it when that was asked for: the task
+// must not look at the environment, which the process may change meanwhile.
+pthread_mutex_t base_lock = PTHREAD_MUTEX_INITIALIZER;
+char base_to_empty[1024];
+
+// What may still be looked at of a tree.
+struct Budget {
+    int entries;
+    long long blocks;
+};
+
+bool is_small(int dir, int depth, Budget* budget)
+{
+    if (depth == 0)
+        return false;
+    znc::UniqueFd fd(::openat(dir, ".", kDirFlags));
+    const znc::UniqueDir list(fd ? ::fdopendir(fd.get()) : nullptr);
+    if (list == nullptr)
+        return false;
+    static_cast<void>(fd.release());
+    while (const struct dirent* entry = ::readdir(list.get())) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        struct stat st;
+        if (::fstatat(::dirfd(list.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return false;
+        budget->blocks -= st.st_blocks;
+        if (--budget->entries < 0 || budget->blocks < 0)
+            return false;
+        if (!S_ISDIR(st.st_mode))
+            continue;
+        const znc::UniqueFd child(::openat(::dirfd(list.get()), entry->d_name, kDirFlags));
+        if (!child || !is_small(child.get(), depth - 1, budget))
+            return false;
+    }
+    return true;
+}
+
+// The storage base's own path; false when it is not fit to delete in.
+bool base_path(char (&path)[1024])
+{
+    const std::size_t len = znc::base_path_text(path, sizeof path, ZNC_LAYER_PATH);
+    if (len == 0)
+        return false;
+    *std::strrchr(path, '/') = '\0'; // the area
+    return znPathTrusted(path, nullptr) == OK;
+}
+
+// Nobody else's directory, and no link to one, may stand for the trash.
+znc::UniqueFd open_trash(const char* base_name, bool make)
+{
+    const znc::UniqueFd base(::open(base_name, kBaseFlags));
+    if (!base || (make && ::mkdirat(base.get(), kTrash, kTrashMode) != 0 && errno != EEXIST))
+        return {};
+    znc::UniqueFd trash(::openat(base.get(), kTrash, kDirFlags));
+    struct stat st;
+    if (!trash || ::fstat(trash.get(), &st) != 0)
+        return {};
+    if (st.st_uid == ::geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)
+        return trash;
+    errno = EPERM;
+    return {};
+}
+
+// Deletes every entry once. What cannot be deleted stays for the next daemon.
+void delete_all(const char* base_name)
+{
+    znc::UniqueFd trash = open_trash(base_name, false);
+    const znc::UniqueDir list(trash ? ::fdopendir(trash.get()) : nullptr);
+    if (list == nullptr)
+        return;
+    static_cast<void>(trash.release());
+    while (const struct dirent* entry = ::readdir(list.get())) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        char path[1024 + sizeof kTrash + 256 + 2];
+        std::snprintf(path, sizeof path, "%s/%s/%s", base_name, kTrash, entry->d_name);
+        static_cast<void>(znc::delete_foreign_tree(path));
+    }
+    const znc::UniqueFd base(::open(base_name, kBaseFlags));
+    if (base)
+        ::unlinkat(base.get(), kTrash, AT_REMOVEDIR); // stays while something is in it
+}
+
+void* empty_main(void* /*unused*/)
+{
+    znTaskBackgroundSet();
+    char base[sizeof base_to_empty];
+    for (;;) {
+        while (more.exchange(false)) {
+            ::pthread_mutex_lock(&base_lock);
+            std::memcpy(base, base_to_empty, sizeof base);
+            ::pthread_mutex_unlock(&base_lock);
+            delete_all(base);
+        }
+        emptying = false;
+        // Between the last look and the line above somebody may have taken this task for one that
+        // goes on.
+        if (!more || emptying.exchange(true))
+            return nullptr;
+    }
+}
+
+// With all signals blocked: the process's signals are for its own tasks.
+bool start_task()
+{
+    pthread_attr_t attributes;
+    if (::pthread_attr_init(&attributes) != 0)
+        return false;
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t task;
+    const bool started = ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+                         ::pthread_create(&task, &attributes, empty_main, nullptr) == 0;
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ::pthread_attr_destroy(&attributes);
+    return started;
+}
+
+} // namespace
+
+bool znc::is_small_tree(const char* dir)
+{
+    const ErrnoSaver keep;
+    const UniqueFd top(::open(dir, kDirFlags));
+    Budget budget = {kSmallEntries, kSmallBlocks};
+    return top && is_small(top.get(), kSmallDepth, &budget);
+}
+
+STATUS znc::trash_take(const char* path)
+{
+    char base[1024];
+    if (!base_path(base))
+        return ERROR;
+    for (int n = 0; n < kNameTries; n++) {
+        const UniqueFd trash = open_trash(base, true);
+        if (!trash)
+            return ERROR;
+        struct timespec now;
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        char name[96];
+        std::snprintf(name, sizeof name, "%lld.%09ld-%ld-%u", static_cast<long long>(now.tv_sec),
+                      now.tv_nsec, static_cast<long>(::getpid()), names++);
+        if (::renameat(AT_FDCWD, path, trash.get(), name) == 0)
+            return OK;
+        // ENOENT also when the trash itself was removed just now, because it was empty.
+        struct stat st;
+        const int why = errno;
+        const bool again =
+            why == EEXIST || why == ENOTEMPTY || (why == ENOENT && ::lstat(path, &st) == 0);
+        errno = why;
+        if (!again)
+            return ERROR;
+    }
+    return ERROR;
+}
+
+void znc::trash_empty()
+{
+    const ErrnoSaver keep;
+    char base[sizeof base_to_empty];
+    if (!base_path(base))
+        return;
+    ::pthread_mutex_lock(&base_lock);
+    std::memcpy(base_to_empty, base, sizeof base);
+    ::pthread_mutex_unlock(&base_lock);
+    more = true;
+    if (!emptying.exchange(true) && !start_task())
+        emptying = false; // it stays for the next time
+}
+
+bool znc::trash_settled(int milliseconds)
+{
+    const ErrnoSaver keep;
+    const struct timespec pause = {0, kNsPerMillisecond};
+    for (int n = 0; emptying && n < milliseconds; n++)
+        ::nanosleep(&pause, nullptr);
+    return !emptying;
+}
