@@ -10,7 +10,8 @@ namespace zncctl {
 // Its process id; 0 when no daemon answers, or it does not say.
 pid_t daemon_pid();
 
-// What its program says of its version; "" when it does not answer.
+// The version of the program that runs, also when a newer one has taken its place on disk; ""
+// when it does not answer, or it does not say.
 std::string daemon_version();
 
 } // namespace zncctl

@@ -152,7 +152,7 @@ int main(int argc, char** argv)
     }
     ::umask(077);
     std::signal(SIGPIPE, SIG_IGN);
-    const znc::UniqueFd lock = zncd::take_lock();
+    const znc::UniqueFd lock = zncd::take_lock(ZNC_VERSION);
     if (!lock || !zncd::meets_requirements())
         return 1;
     // Before the first namespace: what is started from here on starts with both signals blocked and

@@ -2,26 +2,48 @@
 
 #include "log.hpp"
 #include "runtime_dir.hpp"
+#include "zarnel/path_trust.h"
 #include "zarnel/requirement.h"
+#include "zncPath.hpp"
+#include "zncontainer.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <string>
 #include <unistd.h>
 #include <vector>
 
 namespace zncd {
 namespace {
 
-// The daemon's own ones, and the platform's.
-std::vector<znRequirement> requirements()
+// What is wrong with the areas of the storage base; empty if nothing is.
+std::string base_fault()
 {
+    for (const unsigned type : {ZNC_LAYER_PATH, ZNC_FLATTENED_PATH, ZNC_CONTAINERS_PATH}) {
+        std::array<char, 1024> path{};
+        znPathTrust trust = {};
+        if (znc::base_path_text(path.data(), path.size(), type) == 0)
+            return "the path is too long";
+        if (znPathTrusted(path.data(), &trust) != OK)
+            return trust.fault[0] != '\0' ? trust.fault : path.data() + std::string(" is no path");
+    }
+    return "";
+}
+
+// The daemon's own ones, and the platform's. `fault` is kept for as long as the result.
+std::vector<znRequirement> requirements(std::string& fault)
+{
+    fault = base_fault();
     const bool root = ::geteuid() == 0;
     const bool dir =
         ::access(kRuntimeDir, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
     std::vector<znRequirement> all = {
         {"root", "namespaces and mounts are root's", TRUE, root ? TRUE : FALSE},
         {"a runtime directory that can be written (/run/zarnel)", "the lock could not be taken",
-         TRUE, dir ? TRUE : FALSE}};
+         TRUE, dir ? TRUE : FALSE},
+        {"a storage base that no other user can write to (ZNC_BASE)", fault.c_str(), TRUE,
+         fault.empty() ? TRUE : FALSE}};
     znRequirement next = {};
     for (std::size_t i = 0; znRequirementGet(i, &next) != FALSE; i++)
         all.push_back(next);
@@ -33,7 +55,8 @@ std::vector<znRequirement> requirements()
 bool print_requirements()
 {
     bool all = true;
-    for (const znRequirement& requirement : requirements()) {
+    std::string fault;
+    for (const znRequirement& requirement : requirements(fault)) {
         const bool met = requirement.met != FALSE;
         const bool needed = requirement.needed != FALSE;
         all = all && (met || !needed);
@@ -49,7 +72,8 @@ bool print_requirements()
 bool meets_requirements()
 {
     bool all = true;
-    for (const znRequirement& requirement : requirements())
+    std::string fault;
+    for (const znRequirement& requirement : requirements(fault))
         if (requirement.needed != FALSE && requirement.met == FALSE) {
             log(Level::kError, "needed and not there: %s: %s", requirement.text,
                 requirement.without);

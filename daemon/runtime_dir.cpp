@@ -4,17 +4,21 @@
 
 #include <array>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "zarnel/daemon_file.h"
 #include "zarnel/fs.h"
 
 namespace zncd {
 namespace {
 
-constexpr const char* kLockName = "zncd.lock";
+constexpr const char* kLockName = ZN_DAEMON_LOCK;
+constexpr int kLockTries = 50;
+constexpr long kLockPauseNs = 2000000;
 
 // Nobody else's directory, and no link to one, may stand in for it.
 znc::UniqueFd open_runtime_dir()
@@ -45,40 +49,73 @@ void name_holder(int lock)
         log(Level::kError, "a daemon is running already");
 }
 
-bool write_own_pid(int lock)
+// The lock file. Where there is no room for one the directory itself is locked: the daemon is
+// needed most when something is used up.
+znc::UniqueFd open_lock(znc::UniqueFd& dir)
+{
+    // The file stays when the daemon ends: removing it would let two daemons lock two files.
+    znc::UniqueFd lock(
+        ::openat(dir.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (lock || errno != ENOSPC)
+        return lock;
+    log(Level::kWarning,
+        "%s is full: no lock file; containers cannot be created until there is room", kRuntimeDir);
+    return std::move(dir);
+}
+
+// A program that asks whether the lock is held may have it for a moment itself.
+bool lock_within_tries(int fd)
+{
+    for (int n = 0; ::flock(fd, LOCK_EX | LOCK_NB) != 0; n++) {
+        if (errno != EINTR && (errno != EWOULDBLOCK || n == kLockTries))
+            return false;
+        const timespec pause = {0, kLockPauseNs};
+        ::nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+// For people and programs that want to know who serves. The daemon does without.
+void write_own_identity(int dir, int lock, const char* version)
 {
     const std::string text = std::to_string(::getpid()) + "\n";
-    return ::ftruncate(lock, 0) == 0 &&
-           ::pwrite(lock, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+    if (::ftruncate(lock, 0) != 0 ||
+        ::pwrite(lock, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        static_cast<void>(::ftruncate(lock, 0) == 0); // no half a number
+        log(Level::kWarning, "%s/%s cannot be written: the file system is full", kRuntimeDir,
+            kLockName);
+    }
+    if (znDaemonInfoWrite(dir, version) != OK) {
+        std::array<char, 256> reason{};
+        znErrorText(errno, reason.data(), reason.size());
+        log(Level::kWarning, "%s/%s cannot be written: %s", kRuntimeDir, ZN_DAEMON_FILE,
+            reason.data());
+    }
 }
 
 } // namespace
 
-znc::UniqueFd take_lock()
+znc::UniqueFd take_lock(const char* version)
 {
-    const znc::UniqueFd dir = open_runtime_dir();
+    znc::UniqueFd dir = open_runtime_dir();
     if (!dir) {
         log_errno(kRuntimeDir);
         return {};
     }
-    // The file stays when the daemon ends: removing it would let two daemons lock two files.
-    znc::UniqueFd lock(
-        ::openat(dir.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    znc::UniqueFd lock = open_lock(dir);
     if (!lock) {
         log_errno(kLockName);
         return {};
     }
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (!lock_within_tries(lock.get())) {
         if (errno == EWOULDBLOCK)
             name_holder(lock.get());
         else
             log_errno(kLockName);
         return {};
     }
-    if (!write_own_pid(lock.get())) {
-        log_errno(kLockName);
-        return {};
-    }
+    if (dir) // else it is the lock
+        write_own_identity(dir.get(), lock.get(), version);
     return lock;
 }
 

@@ -9,6 +9,7 @@ target_include_directories(msgq_owner_test PRIVATE ${PROJECT_SOURCE_DIR}/platfor
 znc_unit_test(msgq_reclaim_test)
 znc_unit_test(mutex_test)
 znc_unit_test(process_test)
+znc_unit_test(path_trust_test)
 znc_unit_test(signal_test)
 znc_unit_test(stream_test LIBS util)
 znc_unit_test(task_test)
