@@ -21,7 +21,7 @@ constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 UniqueFd own_file(int dir, const char* name, int flags)
 {
-    UniqueFd fd(::openat(dir, name, flags));
+    UniqueFd fd(::openat(dir, name, flags | O_CLOEXEC));
     struct stat st;
     if (!fd || ::fstat(fd.get(), &st) != 0)
         return UniqueFd();

@@ -34,10 +34,18 @@ rm -rf /ram0
 start_daemon
 check 'its directory is for root alone' test "$(stat -c %a:%u /run/zarnel)" = 700:0
 check 'the lock file names it' test "$(<"/run/zarnel/zncd.lock")" = "$daemon"
+printf 'pid %s\nstarted 1\nversion 9.9.9\n' "$daemon" >/run/zarnel/zncd.info
+run zncctl version
+check 'a file that another process wrote is not believed' not grep -q '9\.9\.9' "$work/out"
 run "$ZNCD"
 expect 'a second daemon says who is there' 1 '' \
     "zncd: error: a daemon is running already, process $daemon"
 check 'and the first goes on' alive
+stop_daemon
+start_daemon
+run zncctl version
+check 'the version of the daemon that runs is told' \
+    grep -qx "daemon    $("$ZNCD" --version | cut -d' ' -f2)" "$work/out"
 
 make_bundle "$work/loop" /bin/sleep "$mark"
 two_containers() {
@@ -115,6 +123,17 @@ run "$ZNCD"
 check 'a link in place of its directory is refused' test "$status/$out" = 1/
 check 'and nothing is written through it' test "$(ls "$work/outside")" = file
 rm /run/zarnel
+
+mkdir -p "$work/base"
+chown 1000 "$work/base"
+ZNC_BASE=$work/base run "$ZNCD"
+expect 'a storage base of another user stops it' 1 '' \
+    "zncd: error: needed and not there: a storage base that no other user can write to (ZNC_BASE): $work/base belongs to another user"
+ZNC_BASE=$work/base run "$ZNCD" check
+check 'and check tells' grep -qx "no   a storage base .*: $work/base belongs to another user" "$work/out"
+check 'with a failure' test "$status" = 1
+check 'and makes nothing there' test -z "$(ls "$work/base")"
+rm -rf /run/zarnel
 
 for words in '--log-level' '--log-level loud' '--foreground check' 'check --foreground'; do
     # shellcheck disable=SC2086

@@ -17,6 +17,7 @@ znc_load_test(load_test)
 znc_load_test(hostile_test)
 znc_load_test(stop_test)
 znc_load_test(model_test)
+znc_load_test(daemon_ends_test)
 # A started container keeps its lock; ThreadSanitizer's search for deadlocks ends a process with more than
 # 63, and here are a hundred.
 set_property(TEST stop_test APPEND PROPERTY ENVIRONMENT "TSAN_OPTIONS=detect_deadlocks=0")

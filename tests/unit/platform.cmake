@@ -1,4 +1,5 @@
 # The platform's simple facilities.
+znc_unit_test(daemon_file_test)
 znc_unit_test(fs_test)
 znc_unit_test(sticky_test)
 znc_unit_test(msgq_test)
