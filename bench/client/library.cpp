@@ -5,6 +5,11 @@
 //        bench_library fill COUNT BUNDLE           create COUNT containers and leave them
 //        bench_library empty COUNT                 delete those
 //        bench_library operations ROUNDS BUNDLE    state, create, kill, delete: one line each round
+//        bench_library answers TRASH               state requests while container "filled-0" is
+//        deleted
+//                                                  and until the directory TRASH is gone
+//        bench_library hold COUNT BUNDLE           start COUNT programs and, after a line, wait for
+//                                                  the end of standard input and for none of them
 //        bench_library delete BUNDLE               zncImageBundleDelete
 //        bench_library inspect LAYOUT              zncImageInfoGet
 //
@@ -111,9 +116,40 @@ void operations(int rounds, const char* bundle)
     }
 }
 
+void answers(const char* trash)
+{
+    const pid_t deleting = ::fork();
+    if (deleting == 0)
+        ::_exit(zncDelete(filled_id(0).c_str(), 0) == OK ? 0 : 1);
+    bool deleted = false;
+    Stopwatch watch;
+    do {
+        must(Text(zncList()) != nullptr, "list");
+        std::printf("%lld\n", watch.lap());
+        int status = 0;
+        if (!deleted && ::waitpid(deleting, &status, WNOHANG) == deleting) {
+            must(status == 0, "delete");
+            deleted = true;
+        }
+    } while (!deleted || ::access(trash, F_OK) == 0);
+}
+
+void hold(int count, const char* bundle)
+{
+    for (int i = 0; i < count; i++) {
+        must(zncCreate(filled_id(i).c_str(), bundle, 0, nullptr) == OK, "create");
+        must(zncStart(filled_id(i).c_str(), ZNC_OPT_NO_WAIT) == OK, "start");
+    }
+    std::puts("held");
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+}
+
 int usage()
 {
-    std::fputs("usage: bench_library lifecycle|state|fill|empty|operations|delete|inspect ...\n",
+    std::fputs("usage: bench_library "
+               "lifecycle|state|fill|empty|operations|answers|hold|delete|inspect ...\n",
                stderr);
     return 64;
 }
@@ -136,6 +172,10 @@ int main(int argc, char** argv)
     } else if (what == "empty" && argc == 3) {
         for (int i = 0; i < count; i++)
             must(zncDelete(filled_id(i).c_str(), 0) == OK, "delete");
+    } else if (what == "answers" && argc == 3) {
+        answers(argv[2]);
+    } else if (what == "hold" && argc == 4) {
+        hold(count, argv[3]);
     } else if (what == "delete" && argc == 3) {
         must(zncImageBundleDelete(argv[2]) == OK, "delete");
     } else if (what == "inspect" && argc == 3) {

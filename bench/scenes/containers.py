@@ -17,27 +17,39 @@ ROUNDS = 20  # lives in one sample
 class Daemon:
     """A zncd with a storage base of its own, ended with the block."""
 
-    def __init__(self, world, overlay):
+    def __init__(self, world, overlay, base=f"{WORK}/base"):
         self.bin = world.bin
         shutil.rmtree(WORK, ignore_errors=True)
         os.makedirs(WORK)
-        os.environ["ZNC_BASE"] = f"{WORK}/base"
+        os.environ["ZNC_BASE"] = base
         if not overlay:  # a link to nowhere: the daemon finds no /overlay and can make none
             os.rmdir("/overlay")
             os.symlink("/none", "/overlay")
 
     def __enter__(self):
-        self.process = subprocess.Popen([f"{self.bin}/zncd"])
-        for _ in range(400):
-            if subprocess.run([f"{self.bin}/zncctl", "ping"], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL, check=False).returncode == 0:
-                return self
-            time.sleep(0.05)
-        raise RuntimeError("zncd does not answer")
+        self.start()
+        return self
 
     def __exit__(self, *_):
-        self.process.send_signal(signal.SIGTERM)
+        self.stop(signal.SIGTERM)
+
+    def start(self):
+        """Seconds until it answers."""
+        begin = time.monotonic()
+        self.process = subprocess.Popen([f"{self.bin}/zncd"])
+        while time.monotonic() - begin < 60:
+            if subprocess.run([f"{self.bin}/zncctl", "ping"], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL, check=False).returncode == 0:
+                return time.monotonic() - begin
+            time.sleep(0.005)
+        raise RuntimeError("zncd does not answer")
+
+    def stop(self, number):
+        """Seconds until it has ended."""
+        begin = time.monotonic()
+        self.process.send_signal(number)
         self.process.wait(timeout=60)
+        return time.monotonic() - begin
 
     def through_library(self, *argv):
         return rounds(f"{self.bin}/bench_library", *argv)
