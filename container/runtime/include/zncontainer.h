@@ -367,7 +367,8 @@ typedef enum zncBasePathType {
 /*
  * Write the directory of a storage area into `path` and create it. The base is the environment
  * variable ZNC_BASE if it is an absolute path, else "/ram0/znc". Returns the length of the text, or
- * 0 with ENOTSUP (no such area), ENAMETOOLONG or mkdir's number.
+ * 0 with ENOTSUP (no such area), ENAMETOOLONG, EPERM (another user owns a directory of the path or
+ * can write to it) or mkdir's number.
  */
 size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 
