@@ -3,6 +3,7 @@ import glob
 import os
 import shutil
 import signal
+import socket
 import statistics
 import subprocess
 import time
@@ -34,15 +35,21 @@ class Daemon:
         self.stop(signal.SIGTERM)
 
     def start(self):
-        """Seconds until it answers."""
+        """Seconds until it says that it serves."""
+        name = f"{WORK}/notify"
+        if os.path.exists(name):
+            os.unlink(name)
+        self.told = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)  # until the daemon has ended
+        self.told.bind(name)
+        self.told.settimeout(60)
         begin = time.monotonic()
-        self.process = subprocess.Popen([f"{self.bin}/zncd"])
-        while time.monotonic() - begin < 60:
-            if subprocess.run([f"{self.bin}/zncctl", "ping"], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL, check=False).returncode == 0:
-                return time.monotonic() - begin
-            time.sleep(0.005)
-        raise RuntimeError("zncd does not answer")
+        self.process = subprocess.Popen([f"{self.bin}/zncd"],
+                                        env={**os.environ, "NOTIFY_SOCKET": name})
+        if self.told.recv(64) != b"READY=1":
+            raise RuntimeError("zncd does not begin to serve")
+        seconds = time.monotonic() - begin
+        subprocess.run([f"{self.bin}/zncctl", "ping"], stdout=subprocess.DEVNULL, check=True)
+        return seconds
 
     def stop(self, number):
         """Seconds until it has ended."""

@@ -198,7 +198,9 @@ void Keeper::kill(std::int64_t deadline)
         if (left <= 0)
             break;
         const int wait = static_cast<int>(std::min<std::int64_t>(left, kAnswerMilliseconds));
-        if (ask(wire::Op::kEnd, 0, nullptr, wait) == ESRCH)
+        std::uint64_t used = 1;
+        const int error = ask(wire::Op::kEnd, 0, &used, wait);
+        if (error == ESRCH || (error == 0 && used == 0))
             break;
         const timespec pause = {0, 1000000};
         ::nanosleep(&pause, nullptr);

@@ -190,9 +190,8 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
         return in_use(value);
     case wire::Op::kEnd: {
         const int error = in_use(value);
-        if (error == 0 && *value == 0)
-            sys::exit_group(0);
-        sys::call(__NR_kill, -1, SIGKILL);
+        if (error != 0 || *value != 0)
+            sys::call(__NR_kill, -1, SIGKILL);
         return error;
     }
     }
@@ -235,6 +234,10 @@ void keeper_run()
         answer.error = serve(in, descriptor.get(), &answer.value);
         // MSG_NOSIGNAL: an owner that went away meanwhile is noticed by the next receive.
         sys::call(__NR_sendto, wire::kKeeperSocket, sys::arg(&answer), sizeof answer, 0x4000);
+        // Answered first: the end takes as long as the kernel needs to write back what the last
+        // user of a mount leaves unwritten.
+        if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)
+            sys::exit_group(0);
     }
 }
 

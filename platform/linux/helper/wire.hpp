@@ -29,7 +29,7 @@ enum class Op : std::uint32_t {
     kUnmount,    // text: destination; value: the mount id that kMount... answered
     kKill,       // value: host signal
     kInUse,      // answers 1 if a living process is there besides the keeper, else 0
-    kEnd,        // like kInUse, but 1 comes after killing them, and instead of 0 the keeper ends
+    kEnd,        // like kInUse, but 1 comes after killing them, and after 0 the keeper ends
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
