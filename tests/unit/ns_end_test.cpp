@@ -92,7 +92,7 @@ class FullRecords : public Namespaces {
         Namespaces::SetUp();
         ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=4k,nr_inodes=4,mode=700"), 0);
         fs::create_directories("/run/zarnel/ns");
-        zn::NsRecord record = {1, 1, "/some/root"};
+        zn::NsRecord record = {1, 1, zn::Grant::kNone, zn::Entry::kOver, "/some/root"};
         while (zn::ns_record_write(next_, record) == 0)
             next_++;
         EXPECT_EQ(errno, ENOSPC);
@@ -129,7 +129,7 @@ TEST_F(Namespaces, ARecordThatAKilledWriterLeftUnfinishedIsClearedAndTakenForNon
 {
     fs::create_directories("/run/zarnel/ns");
     std::ofstream("/run/zarnel/ns/.new-17") << "12";
-    zn::NsRecord record = {1, 1, "/some/root"};
+    zn::NsRecord record = {1, 1, zn::Grant::kNone, zn::Entry::kOver, "/some/root"};
     EXPECT_EQ(zn::ns_record_read(17, record), -1);
     EXPECT_EQ(zn::ns_record_write(17, record), 0) << "it is no obstacle";
     EXPECT_EQ(zn::ns_record_write(17, record), -1);
