@@ -142,7 +142,7 @@ for words in '--log-level' '--log-level loud' '--foreground check' 'check --fore
 done
 run "$ZNCD" check
 check 'check finds all that is needed here' test "$status/$err" = 0/
-check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 12
+check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 13
 check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
