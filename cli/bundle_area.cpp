@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 // In the bundle's directory, where nothing of the image itself is.
 constexpr const char* kCompleteMark = "/.complete";
+constexpr const char* kInUse = "/.in-use";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void fail(const std::string& object)
@@ -37,19 +38,28 @@ bool is_named(int fd, const std::string& path)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-void wait_for(int lock, const std::string& path)
+void wait_for(int lock, int kind, const std::string& path, const char* why)
 {
     const auto begin = Clock::now();
     bool said = false;
-    while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+    while (::flock(lock, kind | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR)
             fail(path);
         if (!said && Clock::now() - begin >= std::chrono::seconds(1)) {
-            print_hint("another process is unpacking this image; waiting for it");
+            print_hint(why);
             said = true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+znc::UniqueFd open_lock(const std::string& path)
+{
+    znc::UniqueFd file(
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    if (!file)
+        fail(path);
+    return file;
 }
 
 } // namespace
@@ -70,15 +80,45 @@ std::string bundle_area()
     return area;
 }
 
+BundlesInUse::BundlesInUse(const std::string& area)
+{
+    const std::string path = area + kInUse;
+    do {
+        file_ = open_lock(path);
+        wait_for(file_.get(), LOCK_SH, path, "unused bundles are being removed; waiting for it");
+    } while (!is_named(file_.get(), path));
+}
+
+std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
+{
+    std::unique_ptr<BundlesInUse> none(new BundlesInUse);
+    const std::string path = area + kInUse;
+    do {
+        none->file_ = open_lock(path);
+        if (::flock(none->file_.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK)
+                fail(path);
+            return nullptr;
+        }
+    } while (!is_named(none->file_.get(), path));
+    none->alone_ = path;
+    return none;
+}
+
+BundlesInUse::~BundlesInUse()
+{
+    const znc::ErrnoSaver keep;
+    if (!alone_.empty())
+        ::unlink(alone_.c_str());
+}
+
 BundleLock::BundleLock(const std::string& area, const std::string& name)
     : path_(fmt::format("{}/.lock-{}", area, name.substr(0, 200)))
 {
     for (;;) {
-        file_.reset(
-            ::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-        if (!file_)
-            fail(path_);
-        wait_for(file_.get(), path_);
+        file_ = open_lock(path_);
+        wait_for(file_.get(), LOCK_EX, path_,
+                 "another process is unpacking this image; waiting for it");
         if (is_named(file_.get(), path_))
             return;
     }

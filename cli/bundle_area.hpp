@@ -3,6 +3,7 @@
 #ifndef ZNCCTL_BUNDLE_AREA_HPP
 #define ZNCCTL_BUNDLE_AREA_HPP
 
+#include <memory>
 #include <string>
 
 #include "zarnel/owned.hpp"
@@ -12,6 +13,25 @@ namespace zncctl {
 // The directory, made unless it is there. Throws std::runtime_error when it cannot be used, or when
 // anybody but this user can write to it.
 std::string bundle_area();
+
+// Holds the collection of unused bundles off: from before a bundle is looked for until there is a
+// container of it, shared by all who do. A collection takes it alone, and does not wait.
+class BundlesInUse {
+  public:
+    // Throws std::runtime_error when it cannot be taken; waiting for a collection is said.
+    explicit BundlesInUse(const std::string& area);
+    // For a collection. Nothing while a bundle is in use; throws as the constructor does.
+    static std::unique_ptr<BundlesInUse> by_none(const std::string& area);
+    ~BundlesInUse();
+    BundlesInUse(const BundlesInUse&) = delete;
+    BundlesInUse& operator=(const BundlesInUse&) = delete;
+
+  private:
+    BundlesInUse() = default;
+
+    std::string alone_; // the file's path, for whoever has it alone
+    znc::UniqueFd file_;
+};
 
 // While it lives no other process makes the bundle of this name. Waiting is said after a second,
 // and an interrupt ends it. Throws std::runtime_error when the lock cannot be taken.

@@ -1,4 +1,5 @@
 // create, start, wait and delete in one.
+#include "bundle_area.hpp"
 #include "container.hpp"
 #include "foreground.hpp"
 #include "monitor.hpp"
@@ -7,6 +8,7 @@
 #include <fmt/format.h>
 #include <optional>
 #include <random>
+#include <stdexcept>
 
 namespace zncctl {
 namespace {
@@ -38,6 +40,7 @@ class Run {
                 zncImageBundleDelete(bundle->c_str());
             return kExitStartFailed;
         }
+        in_use_.reset(); // the container says from now on that its bundle is used
         return args_.has("detach") ? detached() : attached(signals);
     }
 
@@ -47,6 +50,12 @@ class Run {
         if (from_bundle_)
             return args_.value("bundle");
         const Wanted wanted = wanted_image(args_, split_image_name(args_.operand(0)));
+        try {
+            in_use_.emplace(bundle_area());
+        } catch (const std::runtime_error& error) {
+            static_cast<void>(failure("", error.what()));
+            return std::nullopt;
+        }
         return bundle_of_image(args_, wanted, id_);
     }
 
@@ -80,6 +89,7 @@ class Run {
     std::size_t log_max_;
     bool from_bundle_;
     std::string id_;
+    std::optional<BundlesInUse> in_use_;
 };
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "bundle_area.hpp"
 #include "container.hpp"
 #include "json.hpp"
 #include "output.hpp"
@@ -7,9 +8,7 @@
 
 #include <array>
 #include <cerrno>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 
 #include "zncontainer.h"
 
@@ -40,23 +39,6 @@ Sum sum_of(const std::vector<Stored>& all, StoredKind kind)
     }
     return sum;
 }
-
-// Whoever makes bundles for containers holds this, so that none is taken away before its container
-// is there.
-class BundlesLock {
-  public:
-    BundlesLock()
-        : file_(
-              ::open((storage_base() + "/bundles/.lock").c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC))
-    {
-        free_ = file_ ? ::flock(file_.get(), LOCK_EX | LOCK_NB) == 0 : errno == ENOENT;
-    }
-    explicit operator bool() const { return free_; }
-
-  private:
-    znc::UniqueFd file_;
-    bool free_ = false;
-};
 
 int remove_unused(const Arguments& args, std::vector<std::string> used)
 {
@@ -122,7 +104,7 @@ int cmd_storage_gc(const Arguments& args)
     for (const std::string& bundle : args.all_operands())
         if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
             return failure(bundle, "it is no bundle: it has no config.json that can be read");
-    const BundlesLock lock;
+    const auto lock = BundlesInUse::by_none(bundle_area());
     if (!lock)
         return failure("", kUnpacking);
     const auto used = used_by_containers();

@@ -44,7 +44,9 @@ void explain(int error, const Wanted& wanted)
     case EEXIST:
         print_hint(
             "the overlay device of this image exists already: it is unpacked, and its bundle "
-            "can be used; 'zncctl storage gc' removes devices that nothing uses");
+            "can be used; 'zncctl storage gc' removes devices that nothing uses. Or another image "
+            "with the same diff IDs and other layers is unpacked: one of the two is not what it "
+            "says");
         break;
     case 0:
     case EPERM:

@@ -120,6 +120,13 @@ check 'a bundle keeps its layers without being named' test "$(find "$ZNC_BASE/la
     -maxdepth 1 | wc -l)" = 2
 check 'and its tree' test -e "$ZNC_BASE"/flattened/*/bin/busybox
 check 'the one that run made is gone' test -z "$(ls "$ZNC_BASE/bundles")"
+mkdir -p "$ZNC_BASE/bundles"
+exec 8>"$ZNC_BASE/bundles/.in-use"
+flock -s 8
+run zncctl storage gc
+fails_with 'storage gc does not begin before a bundle that run looks for has its container' 1 \
+    'an image is being unpacked; try again when it is done'
+exec 8>&-
 run zncctl storage gc "$work/none"
 fails_with 'storage gc of what is no bundle removes nothing' 1 \
     'it is no bundle: it has no config.json that can be read'
