@@ -176,6 +176,13 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
+    // Where the kernel cannot prepare the work directory, for want of space for example, it makes
+    // the overlay read-only. It would be taken for an image's.
+    if (attached && hasUpper && look(devices, name) != Node::kWritable) {
+        detach(devices, name);
+        errno = EROFS;
+        return -1;
+    }
     return attached ? 0 : -1;
 }
 
