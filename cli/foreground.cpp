@@ -124,8 +124,10 @@ class Foreground {
     void keys(std::string_view typed)
     {
         for (const char c : typed)
-            if (const int signo = terminals_->pty.signal_of(c); signo != 0)
+            if (const int signo = terminals_->pty.signal_of(c); signo != 0) {
+                terminals_->pty.settle();
                 forward_signal(id_, signo, true);
+            }
     }
 
     // The program is in a session of its own, which a terminal's stop key does not reach.

@@ -3,6 +3,7 @@
 #include "zarnel/stream.h"
 
 #include <algorithm>
+#include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -166,11 +167,12 @@ void Pump::fill_by_reading()
         return;
     }
     const auto bytes = static_cast<std::size_t>(n);
-    if (watcher_)
-        watcher_({buffer_.data() + end_, bytes});
+    const std::string watched(watcher_ ? buffer_.data() + end_ : "", watcher_ ? bytes : 0);
     end_ += bytes;
     taken(bytes);
     flush();
+    if (watcher_)
+        watcher_(watched);
 }
 
 void Pump::taken(std::size_t bytes)

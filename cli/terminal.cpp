@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
@@ -72,6 +73,15 @@ void Pty::copy_size() const
     winsize size = {};
     if (::ioctl(STDIN_FILENO, TIOCGWINSZ, &size) == 0)
         static_cast<void>(::ioctl(master_.get(), TIOCSWINSZ, &size));
+}
+
+void Pty::settle() const
+{
+    // Looking for input on the program's side has the kernel process what is on its way there.
+    const znc::UniqueFd user(::ioctl(master_.get(), TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    pollfd look = {user.get(), POLLIN, 0};
+    if (user)
+        static_cast<void>(::poll(&look, 1, 0));
 }
 
 int Pty::signal_of(char typed) const
