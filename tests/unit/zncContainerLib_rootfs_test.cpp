@@ -2,6 +2,7 @@
 #include "eventually.hpp"
 
 #include "alloc_fault.hpp"
+#include "zncTrash.hpp"
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -619,6 +620,23 @@ TEST_F(Rootfs, ALargeUpperLayerIsGoneFromItsPlaceAtOnceAndDeletedLater)
     char buffer[1024];
     EXPECT_EQ(zncContainerRemoveUpLayer(buffer, sizeof buffer, "web"), OK);
     EXPECT_FALSE(fs::exists(area() + "web"));
+    EXPECT_TRUE(eventually([&] { return !fs::exists(base + "/.trash"); }));
+}
+
+// Something that comes into the tree while it is deleted, from a process outside the container that
+// was given a descriptor of it, stops the deletion as this mount does.
+TEST_F(Rootfs, ASmallUpperLayerThatCannotBeDeletedIsGoneFromItsPlaceAndDeletedLater)
+{
+    fs::create_directories(area() + "web/upper/busy");
+    ASSERT_EQ(::mount("tmpfs", (area() + "web/upper/busy").c_str(), "tmpfs", 0, nullptr), 0);
+    char buffer[1024];
+    EXPECT_EQ(zncContainerRemoveUpLayer(buffer, sizeof buffer, "web"), OK);
+    EXPECT_FALSE(fs::exists(area() + "web"));
+    ASSERT_TRUE(fs::exists(base + "/.trash"));
+    const fs::path taken = fs::directory_iterator(base + "/.trash")->path();
+    ASSERT_EQ(::umount((taken / "upper/busy").c_str()), 0);
+    ASSERT_TRUE(znc::trash_settled(60000));
+    znc::trash_empty();
     EXPECT_TRUE(eventually([&] { return !fs::exists(base + "/.trash"); }));
 }
 

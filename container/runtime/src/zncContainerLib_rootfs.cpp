@@ -64,10 +64,14 @@ STATUS upper_path(const char* containerId, char* path)
 }
 
 // Deletes a container's directory at once if that takes no time, else later: the daemon has other
-// clients to serve. Where it cannot be moved aside it is deleted here, however long that takes.
+// clients to serve. Also later when it cannot be deleted now: who holds a descriptor of the root
+// may fill a directory while it is emptied. Where it cannot be moved aside it is deleted here,
+// however long that takes.
 STATUS delete_container_dir(const char* dir)
 {
-    if (znc::is_small_tree(dir) || znc::trash_take(dir) != OK)
+    if (znc::is_small_tree(dir) && znc::delete_foreign_tree(dir) == OK)
+        return OK;
+    if (znc::trash_take(dir) != OK)
         return znc::delete_foreign_tree(dir);
     znc::trash_empty();
     return OK;
