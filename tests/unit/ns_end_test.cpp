@@ -4,8 +4,10 @@
 #include "ns_record.hpp"
 #include "zarnel/overlay.h"
 
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -137,6 +139,76 @@ TEST_F(Namespaces, ARecordThatAKilledWriterLeftUnfinishedIsClearedAndTakenForNon
     std::ofstream("/run/zarnel/ns/.new-18") << "12";
     EXPECT_EQ(znnsRecover(), 0);
     EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
+}
+
+// How often the process has read, by the kernel's count; -1 where it keeps none.
+long reads_of(pid_t pid)
+{
+    const std::string text = read_file("/proc/" + std::to_string(pid) + "/io");
+    const std::size_t at = text.find("syscr: ");
+    return at != std::string::npos ? std::stol(text.substr(at + 7)) : -1;
+}
+
+// In a child of the test that made its own children members of a process namespace: `count` of them
+// end, and the one that was made last traces them and does not take them.
+[[noreturn]] void leave_dead_to_a_tracer(int count, int ready)
+{
+    std::vector<pid_t> dead;
+    if (::fork() != 0) // the first one inside makes the others
+        ::_exit(0);
+    for (int i = 0; i < count; i++) {
+        const pid_t pid = ::fork();
+        if (pid == 0)
+            for (;;)
+                ::pause();
+        dead.push_back(pid);
+    }
+    if (::fork() != 0)
+        ::_exit(0);
+    for (const pid_t pid : dead)
+        if (::ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) != 0 || ::kill(pid, SIGKILL) != 0)
+            ::_exit(1);
+    for (const pid_t pid : dead) {
+        siginfo_t info;
+        if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | __WALL) != 0)
+            ::_exit(1);
+    }
+    if (::write(ready, "", 1) != 1)
+        ::_exit(1);
+    for (;;)
+        ::pause();
+}
+
+TEST_F(NamespaceEnds, ALivingProcessIsSeenWithoutLookingAtAllTheDeadBeforeIt)
+{
+    constexpr int kDead = 600;
+    if (reads_of(getpid()) < 0)
+        GTEST_SKIP() << "this kernel does not count reads";
+    const nsid_t ns = rooted();
+    std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
+    pid_t keeper = -1;
+    ASSERT_TRUE(record >> keeper);
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const znc::UniqueFd reader(ends[0]);
+    znc::UniqueFd writer(ends[1]);
+    const pid_t maker = ::fork();
+    if (maker == 0) {
+        const znc::UniqueFd space(
+            ::open(("/proc/" + std::to_string(keeper) + "/ns/pid").c_str(), O_RDONLY | O_CLOEXEC));
+        if (::setns(space.get(), CLONE_NEWPID) != 0)
+            ::_exit(1);
+        leave_dead_to_a_tracer(kDead, writer.get());
+    }
+    ASSERT_GT(maker, 0);
+    EXPECT_EQ(wait(maker), 0);
+    writer.reset();
+    char byte;
+    ASSERT_EQ(::read(reader.get(), &byte, 1), 1);
+    const long before = reads_of(keeper);
+    EXPECT_TRUE(in_use(ns));
+    EXPECT_LT(reads_of(keeper) - before, kDead / 2);
+    EXPECT_EQ(znnsDelete(ns), OK);
 }
 
 } // namespace

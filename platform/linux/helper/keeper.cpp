@@ -41,6 +41,7 @@ constexpr long kNobody = 65534;
 constexpr int kSolSocket = 1;
 constexpr int kScmRights = 1;
 constexpr unsigned kMsgCmsgCloexec = 0x40000000;
+constexpr int kDeadEnough = 64;
 
 struct Incoming {
     wire::Request request;
@@ -72,9 +73,25 @@ const char* next_text(const char* text)
     return text + strlen(text) + 1;
 }
 
-// Whether the process `pid` in the proc `proc` still lives. A leader that ended while other
-// threads of it run is a zombie with more than one thread: it lives.
-bool lives(int proc, const char* pid)
+// What a process of this namespace is, as far as it matters for whether anything lives.
+enum class Being {
+    kLiving,
+    kGone, // or dead, with a parent outside
+    kDead, // with a parent in here
+};
+
+// The beginning of field `number` of what follows field 2 of a stat file.
+const char* stat_field(const char* field, int number)
+{
+    for (int at = 3; at < number && *field != '\0'; field++)
+        if (*field == ' ')
+            at++;
+    return field;
+}
+
+// The process `pid` in the proc `proc`. A leader that ended while other threads of it run is a
+// zombie with more than one thread: it lives.
+Being look_at(int proc, const char* pid)
 {
     char path[32];
     std::size_t at = 0;
@@ -83,24 +100,26 @@ bool lives(int proc, const char* pid)
     memcpy(path + at, "/stat", 6);
     const sys::Fd file(sys::call(__NR_openat, proc, sys::arg(path), O_RDONLY | O_CLOEXEC));
     if (!file.valid())
-        return false;
+        return Being::kGone;
     char stat[512];
     const long n = sys::call(__NR_read, file.get(), sys::arg(stat), sizeof stat - 1);
     if (n <= 0)
-        return false;
+        return Being::kGone;
     stat[n] = '\0';
     // The name in the second field may hold anything, so fields are counted from its last ")".
     long end = n;
     while (end > 0 && stat[end] != ')')
         end--;
-    const char* field = stat + end + 2; // field 3: the state
-    const char state = end + 2 < n ? field[0] : 'X';
-    if (state != 'Z' && state != 'X')
-        return true;
-    for (int number = 3; number < 20 && *field != '\0'; field++)
-        if (*field == ' ')
-            number++;
-    return field[0] > '1' || (field[0] == '1' && field[1] >= '0' && field[1] <= '9');
+    if (end + 2 >= n)
+        return Being::kGone;
+    const char* const state = stat + end + 2;
+    const char* const parent = stat_field(state, 4);
+    const char* const threads = stat_field(state, 20);
+    if (*state != 'Z' && *state != 'X')
+        return Being::kLiving;
+    if (threads[0] > '1' || (threads[0] == '1' && threads[1] >= '0' && threads[1] <= '9'))
+        return Being::kLiving;
+    return parent[0] >= '1' && parent[0] <= '9' ? Being::kDead : Being::kGone;
 }
 
 // Whether one of the first processes of the namespace lives, by their own descriptors, which become
@@ -145,6 +164,10 @@ int in_use(std::uint64_t* used)
     if (!list.valid())
         return list.error();
     alignas(DirectoryEntry) char entries[2048];
+    // The dead whose parent is in here stay only while it, or a tracer, lives: this process takes
+    // those of its own at once. So some of them are as good as one that lives, which may stand
+    // behind any number of them.
+    int dead = 0;
     for (;;) {
         const long n = sys::call(__NR_getdents64, list.get(), sys::arg(entries), sizeof entries);
         if (n <= 0)
@@ -155,7 +178,9 @@ int in_use(std::uint64_t* used)
             const char first = entry->name[0];
             if (first < '1' || first > '9' || text_equal(entry->name, "1"))
                 continue;
-            if (lives(proc.get(), entry->name)) {
+            const Being being = look_at(proc.get(), entry->name);
+            dead += being == Being::kDead ? 1 : 0;
+            if (being == Being::kLiving || dead == kDeadEnough) {
                 *used = 1;
                 return 0;
             }
