@@ -18,8 +18,9 @@ namespace {
 constexpr std::uint64_t kSealed =
     MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
-constexpr char kProcHidden[][16] = {"acpi",       "asound",        "interrupts",  "kcore",
-                                    "keys",       "latency_stats", "sched_debug", "scsi",
+constexpr char kProcHidden[][16] = {"acpi",       "asound",        "dynamic_debug", "interrupts",
+                                    "kcore",      "keys",          "kpagecgroup",   "kpagecount",
+                                    "kpageflags", "latency_stats", "sched_debug",   "scsi",
                                     "timer_list", "timer_stats"};
 constexpr char kProcReadOnly[][16] = {"bus", "fs", "irq", "sys", "sysrq-trigger"};
 constexpr char kSysHidden[][32] = {"devices/virtual/powercap", "firmware", "fs/selinux"};

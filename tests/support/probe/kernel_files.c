@@ -91,10 +91,14 @@ static void is_covered(const char* path)
 static void check_hidden(void)
 {
     static const char* const kPaths[] = {
-        "/proc/acpi",        "/proc/asound",  "/proc/interrupts",
-        "/proc/kcore",       "/proc/keys",    "/proc/latency_stats",
-        "/proc/sched_debug", "/proc/scsi",    "/proc/timer_list",
-        "/proc/timer_stats", "/sys/firmware", "/sys/devices/virtual/powercap",
+        "/proc/acpi",          "/proc/asound",
+        "/proc/dynamic_debug", "/proc/interrupts",
+        "/proc/kcore",         "/proc/keys",
+        "/proc/kpagecgroup",   "/proc/kpagecount",
+        "/proc/kpageflags",    "/proc/latency_stats",
+        "/proc/sched_debug",   "/proc/scsi",
+        "/proc/timer_list",    "/proc/timer_stats",
+        "/sys/firmware",       "/sys/devices/virtual/powercap",
         "/sys/fs/selinux",
     };
     for (size_t i = 0; i < sizeof kPaths / sizeof *kPaths; i++)
