@@ -416,6 +416,21 @@ TEST_F(Ahead, ALayerNamedTwiceIsStoredOnce)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
 }
 
+// Enough of them for two tasks to come to what was extracted of them at the same time.
+TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
+{
+    Image image;
+    image.layers.assign(4000, tar({{"file", "content"}}));
+    layout_.add(image);
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_EQ(unpack(), OK) << errno;
+        EXPECT_EQ(names_in(store_),
+                  std::set<std::string>{layout::sha256_hex(image.layers.front())});
+        fs::remove_all(base_);
+        fs::remove_all(bundle_);
+    }
+}
+
 TEST_F(Ahead, WhoListensHearsOfTheLayerFromItsBeginToItsEnd)
 {
     add(layer_);

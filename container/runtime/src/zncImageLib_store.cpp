@@ -75,9 +75,11 @@ class StoreJobs {
         return stages_ != nullptr;
     }
 
+    // The layer's place in the manifest.
+    [[nodiscard]] std::size_t index(std::size_t k) const { return layer_total(manifest_) - 1 - k; }
     [[nodiscard]] const ZNC_IMAGE_MANIFEST_LAYERS& layer(std::size_t k) const
     {
-        return manifest_.manifestLayers[layer_total(manifest_) - 1 - k];
+        return manifest_.manifestLayers[index(k)];
     }
     [[nodiscard]] const char* file(std::size_t k) const { return layer(k).layerFileName; }
 
@@ -112,7 +114,7 @@ class StoreJobs {
         std::memcpy(path.get(), store_.data(), store_.size());
         if (layer_directory(file(k), path.get(), store_.size()) != OK)
             return ERROR;
-        if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(file(k), &stages_[k])))
+        if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(index(k), &stages_[k])))
             return OK;
         if (stages_[k].fill(file(k), cJSON_GetStringValue(layer(k).digest), store_) == OK)
             return OK;
@@ -133,7 +135,7 @@ std::uint32_t extract_all(StoreJobs& jobs, znc::WorkAhead& work, znc::StoreAhead
     std::uint32_t told = ahead != nullptr ? ahead->told() : 0;
     std::uint32_t k = 0;
     for (*status = OK; k < count; ++k) {
-        if (ahead != nullptr && ahead->was_told(jobs.file(k))) {
+        if (ahead != nullptr && ahead->was_told(jobs.index(k))) {
             *status = work.result(k);
         } else {
             znc::LayerProgress progress(jobs.file(k), told++, count);
@@ -194,10 +196,12 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     }
     znc::StoreLock own;
     znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
-    znc::StoreAhead* const ahead = image->store != nullptr ? &image->store->ahead : nullptr;
+    znc::StoreAhead* ahead = image->store != nullptr ? &image->store->ahead : nullptr;
     const std::string_view area(store.get(), pathLen);
     if (ahead != nullptr)
         ahead->reached();
+    if (ahead != nullptr && !ahead->is_for(*manifest))
+        ahead = nullptr;
     if (lock.take(znc::store_base(area)) != OK || znMkdirParents(store.get(), 0700) != OK)
         return ERROR;
     StoreJobs jobs(*manifest, area, ahead);

@@ -91,26 +91,17 @@ STATUS StoreAhead::verify(std::size_t index) noexcept
     return validateJsonDigest(described.layerFileName, described.digest);
 }
 
-bool StoreAhead::take(const char* layerFile, LayerStage* stage) noexcept
+bool StoreAhead::take(std::size_t index, LayerStage* stage) noexcept
 {
-    for (std::size_t i = 0; layers_ && i < count_; ++i) {
-        Layer& layer = layers_[i];
-        if (!layer.extracted || layer.stage.path() == nullptr ||
-            std::strcmp(manifest_->manifestLayers[i].layerFileName, layerFile) != 0)
-            continue;
-        *stage = std::move(layer.stage);
-        return true;
-    }
-    return false;
+    if (!was_told(index) || layers_[index].stage.path() == nullptr)
+        return false;
+    *stage = std::move(layers_[index].stage);
+    return true;
 }
 
-bool StoreAhead::was_told(const char* layerFile) const noexcept
+bool StoreAhead::was_told(std::size_t index) const noexcept
 {
-    for (std::size_t i = 0; layers_ && i < count_; ++i)
-        if (layers_[i].extracted &&
-            std::strcmp(manifest_->manifestLayers[i].layerFileName, layerFile) == 0)
-            return true;
-    return false;
+    return layers_ && index < count_ && layers_[index].extracted;
 }
 
 // A store that this made and nothing came into goes again, as if it had not been made.

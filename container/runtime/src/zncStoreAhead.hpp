@@ -57,15 +57,17 @@ class StoreAhead {
         return layers_[index].extracted;
     }
 
-    // Moves what was extracted of a verified layer into `stage`. False: there is nothing.
-    bool take(const char* layerFile, LayerStage* stage) noexcept;
+    // Moves what was extracted of a verified layer into `stage`. False: there is nothing. Of
+    // different layers in several tasks at once, which is why it goes by the place in the manifest:
+    // one archive may have several.
+    bool take(std::size_t index, LayerStage* stage) noexcept;
     // The unpack has come to its store, which stays now whatever happens.
     void reached() noexcept { reached_ = true; }
 
-    // How many layers a listener has been told of as complete.
+    // How many layers a listener has been told of as complete, and whether a layer is among them.
     [[nodiscard]] std::uint32_t told() const noexcept { return told_; }
     void tell_one() noexcept { told_++; }
-    [[nodiscard]] bool was_told(const char* layerFile) const noexcept;
+    [[nodiscard]] bool was_told(std::size_t index) const noexcept;
 
   private:
     struct Layer {
