@@ -34,7 +34,7 @@ bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept
 }
 
 WorkAhead::WorkAhead(Job job, void* context, std::size_t count) noexcept
-    : job_(job), context_(context), counts_(progress_counts()), count_(count)
+    : job_(job), context_(context), counts_(progress_counts()), count_(count), open_(count)
 {
 }
 
@@ -94,9 +94,10 @@ std::size_t WorkAhead::processors_beside(std::size_t busy) noexcept
 bool WorkAhead::begin(std::size_t* index) noexcept
 {
     const MutexHold hold(mutex_);
-    for (*index = count_; !stop_ && (*index)-- > 0;)
-        if (slots_[*index].state == State::kOpen) {
-            slots_[*index].state = State::kBegun;
+    while (!stop_ && open_ > 0)
+        if (Slot& slot = slots_[--open_]; slot.state == State::kOpen) {
+            slot.state = State::kBegun;
+            *index = open_;
             return true;
         }
     return false;

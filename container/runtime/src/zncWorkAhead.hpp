@@ -76,6 +76,7 @@ class WorkAhead {
     void* context_;
     UnpackCounts* counts_;
     std::size_t count_;
+    std::size_t open_;        // from here on none is open
     MallocPtr<Slot[]> slots_; // null: nobody helps
     bool stop_ = false;
     pthread_t helpers_[kHelpersMax] = {};
