@@ -16,15 +16,19 @@ template <std::size_t N> std::string_view field(const char (&text)[N])
     return {text, ::strnlen(text, N)};
 }
 
-// As the extractor reads numbers: octal digits behind blanks, or nothing.
+// As the extractor reads numbers: octal digits behind blanks and a sign, or nothing.
 template <std::size_t N> std::optional<std::uint64_t> octal(const char (&text)[N])
 {
     std::string_view digits(text, N);
-    digits.remove_prefix(std::min(digits.find_first_not_of(" \t"), digits.size()));
+    digits.remove_prefix(std::min(digits.find_first_not_of(" \t\n\v\f\r"), digits.size()));
+    const bool negative = digits.starts_with('-');
+    digits.remove_prefix(negative || digits.starts_with('+') ? 1 : 0);
     std::uint64_t number = 0;
     const auto [end, error] =
         std::from_chars(digits.data(), digits.data() + digits.size(), number, 8);
-    return error == std::errc() ? std::optional(number) : std::nullopt;
+    if (error != std::errc())
+        return std::nullopt;
+    return negative ? 0 - number : number;
 }
 
 } // namespace

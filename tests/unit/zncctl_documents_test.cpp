@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -214,6 +216,22 @@ TEST(LayerCheck, NamesArchivesThatAreDamagedOrOfAnotherKind)
     EXPECT_EQ(of_archive(good, "sha256:" + std::string(64, '0')),
               Texts{"refused: its content is not what the image's configuration says"});
     EXPECT_EQ(of_archive(good, "sha256:" + layout::sha256_hex(good)), Texts{});
+}
+
+// With another size it would take the content for members, or members for content.
+TEST(LayerCheck, ReadsNumbersWithASignAsTheExtractorDoes)
+{
+    const std::string inner = layout::tar({{".wh.hidden"}});
+    std::string archive = layout::tar({{"file", inner.substr(0, 512)}});
+    archive.replace(124, 12, std::string("\v+00001000\0\0", 12));
+    archive.replace(148, 8, 8, ' ');
+    unsigned sum = 0;
+    for (std::size_t i = 0; i < 512; ++i)
+        sum += static_cast<unsigned char>(archive[i]);
+    std::array<char, 8> checksum{};
+    ::snprintf(checksum.data(), checksum.size(), "%07o", sum);
+    archive.replace(148, checksum.size(), checksum.data(), checksum.size());
+    EXPECT_EQ(of_archive(archive), Texts{});
 }
 
 TEST(LayerCheck, CountsAndNamesTheFirstMember)
