@@ -1,6 +1,7 @@
 #include "command.hpp"
 #include "digest.hpp"
 #include "escape.hpp"
+#include "files.hpp"
 #include "image_settings.hpp"
 #include "layer_check.hpp"
 #include "layout.hpp"
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <set>
 
 #include "zncontainer.h"
 
@@ -23,6 +25,7 @@ struct Verdict {
     const Image* image;
     std::vector<Report> reports;
     std::vector<std::string> asked; // beyond running a program
+    bool wrong_size = false;        // of a layer
 
     [[nodiscard]] bool refused() const
     {
@@ -40,12 +43,20 @@ void refuse(Verdict& verdict, std::string what)
     verdict.reports.push_back({0, {true, std::move(what), 1, ""}});
 }
 
-void check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
+// False when there is no use in reading it as an archive.
+bool check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
                 Verdict& verdict)
 {
-    std::string problem = blob_problem(blob_path(layout, blob.digest), blob.digest, blob.size);
-    if (!problem.empty())
-        verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
+    const std::string path = blob_path(layout, blob.digest);
+    const znc::UniqueFd file = open_regular(path);
+    std::string problem = file ? size_problem(file.get(), blob.digest, blob.size) : "";
+    verdict.wrong_size = verdict.wrong_size || !problem.empty();
+    if (problem.empty())
+        problem = blob_problem(path, blob.digest);
+    if (problem.empty())
+        return true;
+    verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
+    return false;
 }
 
 void look_at_settings(const Image& image, Verdict& verdict)
@@ -57,7 +68,7 @@ try {
 
 Verdict check(const std::string& layout, const Image& image)
 {
-    Verdict verdict = {&image, {}, {}};
+    Verdict verdict = {&image, {}, {}, false};
     if (!image.problem.empty())
         refuse(verdict, image.problem);
     if (image.config_document != nullptr)
@@ -67,14 +78,18 @@ Verdict check(const std::string& layout, const Image& image)
     if (image.config_document != nullptr &&
         cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
         refuse(verdict, "the configuration names another number of layers");
-    for (std::size_t i = 0; i < image.layers.size(); i++) {
+    // What is wrong with a layer that is named again and again is said once.
+    std::set<std::string> seen;
+    const cJSON* id = ids != nullptr ? ids->child : nullptr;
+    for (std::size_t i = 0; i < image.layers.size(); i++, id = id != nullptr ? id->next : nullptr) {
         const Descriptor& layer = image.layers[i];
-        if (!is_digest(layer.digest))
-            continue; // said above
-        check_blob(layout, layer, i + 1, verdict);
-        const char* id = cJSON_GetStringValue(cJSON_GetArrayItem(ids, static_cast<int>(i)));
-        for (Finding& finding :
-             check_layer(blob_path(layout, layer.digest), id != nullptr ? id : ""))
+        const char* text = cJSON_GetStringValue(id);
+        const std::string diff_id = text != nullptr ? text : "";
+        if (!is_digest(layer.digest) || // said above
+            !seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second ||
+            !check_blob(layout, layer, i + 1, verdict))
+            continue;
+        for (Finding& finding : check_layer(blob_path(layout, layer.digest), diff_id))
             verdict.reports.push_back({i + 1, std::move(finding)});
     }
     return verdict;
@@ -149,7 +164,11 @@ int cmd_image_check(const Arguments& args)
         if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
             status != kExitOk)
             return status;
-    // One bad manifest keeps the library from all of them.
+    // One bad manifest keeps the library from all of them. It reads a layer of another size to its
+    // end before it says so.
+    if (std::any_of(verdicts.begin(), verdicts.end(),
+                    [](const Verdict& verdict) { return verdict.wrong_size; }))
+        return local_failure(S_zncLib_MANIFEST_INVALID, layout);
     const znc::MallocPtr<char> document(
         call_library([&] { return zncImageInfoGet(layout.c_str()); }));
     if (document == nullptr)

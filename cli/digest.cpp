@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 namespace zncctl {
 
@@ -63,7 +64,17 @@ std::string Digest::text()
     return result;
 }
 
-std::string blob_problem(const std::string& path, const std::string& digest, double size)
+std::string size_problem(int blob, const std::string& digest, double size)
+{
+    struct stat st = {};
+    if (::fstat(blob, &st) != 0)
+        return fmt::format("blob {}: {}", digest, error_text());
+    if (size < 0 || static_cast<double>(st.st_size) == size)
+        return "";
+    return fmt::format("blob {} has {} bytes, not {:.0f}", digest, st.st_size, size);
+}
+
+std::string blob_problem(const std::string& path, const std::string& digest)
 {
     if (!is_digest(digest))
         return fmt::format("\"{}\" is not a digest", digest);
@@ -72,14 +83,9 @@ std::string blob_problem(const std::string& path, const std::string& digest, dou
         return fmt::format("blob {}: {}", digest, read_error_text());
     Digest sum(digest.substr(0, digest.find(':')));
     std::array<char, 65536> buffer{};
-    double read = 0;
     ssize_t n = 0;
-    while ((n = ::read(file.get(), buffer.data(), buffer.size())) > 0) {
+    while ((n = ::read(file.get(), buffer.data(), buffer.size())) > 0)
         sum.add(buffer.data(), static_cast<std::size_t>(n));
-        read += static_cast<double>(n);
-    }
-    if (size >= 0 && read != size)
-        return fmt::format("blob {} has {:.0f} bytes, not {:.0f}", digest, read, size);
     return sum.text() == digest ? "" : fmt::format("blob {} has another content", digest);
 }
 

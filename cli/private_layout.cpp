@@ -81,6 +81,9 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
             if (!files_.back())
                 throw std::runtime_error(
                     fmt::format("blob {}: {}", layer.digest, read_error_text()));
+            const std::string problem = size_problem(files_.back().get(), layer.digest, layer.size);
+            if (!problem.empty())
+                throw std::runtime_error(problem);
             path = descriptor_path(files_.back().get());
         }
         paths_.push_back(path);

@@ -179,6 +179,33 @@ for file in index manifest config layer; do
     check "no bundle is made of it" test ! -e "$work/refused"
 done
 
+# ---------------------------------------------------------------- sizes that are not what is said
+make_layout "$work/holes" "$plain"
+manifest=$(blob_of "$work/holes" "$(manifest_of "$work/holes")")
+jq -c '.annotations={"holes":"yes"}' "$manifest" >"$work/manifest"
+write_index "$work/holes" "$(described "$work/holes" "$work/manifest" manifest.v1+json)"
+layer=$(blob_of "$work/holes" "$(jq -r '.layers[0].digest' "$manifest")")
+said="bytes, not $(stat -c %s "$layer")\$"
+truncate -s 1E "$layer"
+for command in "run --os linux $work/holes" "unpack --os linux $work/holes $work/refused" "image check $work/holes"; do
+    # shellcheck disable=SC2086
+    run timeout 20 "$ZNCCTL" $command
+    check "${command%% -*} does not read a layer of another size" test "$status" = 1 -o "$status" = 125
+    check 'and says so' grep -q "$said" "$work/out" "$work/err"
+done
+make_layout "$work/again" "$plain"
+manifest=$(blob_of "$work/again" "$(manifest_of "$work/again")")
+config=$(blob_of "$work/again" "$(config_of "$work/again")")
+layer=$(blob_of "$work/again" "$(jq -r '.layers[0].digest' "$manifest")")
+printf x >>"$layer"
+jq -c '.rootfs.diff_ids += .rootfs.diff_ids' "$config" >"$work/config"
+jq -c --argjson c "$(described "$work/again" "$work/config" config.v1+json)" '.layers += .layers | .config = $c' \
+    "$manifest" >"$work/manifest"
+write_index "$work/again" "$(described "$work/again" "$work/manifest" manifest.v1+json)"
+run zncctl image check "$work/again"
+check 'image check says once what is wrong with a layer that is there twice' \
+    test "$status/$(grep -c 'refused: blob' "$work/out")" = 1/1
+
 # ---------------------------------------------------------------- who waits says so
 jq -c '.annotations={"waits":"yes"}' "$(blob_of "$work/good" "$(manifest_of "$work/good")")" >"$work/manifest"
 cp -r "$work/good" "$work/waits"
