@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::string_view kRtpPrefix = "com.quenmark.zarnel.rtp"; // as the library has it
 constexpr std::int32_t kNormalPriority = 100;
+// The daemon makes them while others wait for its answers.
+constexpr std::size_t kMountsMax = 100;
 
 // A member that must be of a type if it is there and not null; else null.
 const cJSON* typed_member(const cJSON* object, const char* key, int type, const char* what)
@@ -122,6 +124,7 @@ class Settling {
     void volumes(cJSON* to)
     {
         std::set<std::string> keys;
+        std::size_t mounts = 0;
         const cJSON* volume = nullptr;
         cJSON_ArrayForEach(volume, object_member(from_, "Volumes"))
         {
@@ -131,6 +134,8 @@ class Settling {
                 notes_.push_back(left_out(mount));
             else if (keys.insert(*key).second)
                 put(to, key->c_str(), cJSON_CreateObject());
+            if (key && mount.kind != ImageMount::Kind::kVolume && ++mounts > kMountsMax)
+                throw BadConfiguration(fmt::format("it has more than {} mounts", kMountsMax));
         }
     }
 

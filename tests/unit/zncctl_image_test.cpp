@@ -109,6 +109,20 @@ TEST(SettledConfiguration, LeavesOutTheHostsDirectoriesAndSaysSo)
                                  "the image's mount of proc at /p is left out"}));
 }
 
+// Volumes are not mounted; file systems in memory are.
+TEST(SettledConfiguration, RefusesMoreMountsThanTheDaemonMakesAtOnce)
+{
+    const auto volumes = [](int count, const std::string& from, const std::string& options) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += (i > 0 ? ",\"" : "\"") + from + std::to_string(i) + options + "\":{}";
+        return R"({"Volumes":{)" + text + "}}";
+    };
+    EXPECT_EQ(refusal(volumes(100, "t:/m", ":ro:tmpfs")), "");
+    EXPECT_EQ(refusal(volumes(101, "t:/m", ":ro:tmpfs")), "it has more than 100 mounts");
+    EXPECT_EQ(refusal(volumes(1000, "/data", "")), "");
+}
+
 TEST(SettledConfiguration, CutsAnUrgentPriority)
 {
     const auto of = [](const std::string& value, const std::string& name = "rtpPriority") {
