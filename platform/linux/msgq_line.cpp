@@ -23,7 +23,8 @@ union SemArg {
     struct semid_ds* buf;
 };
 
-// Anybody can make a set of this number: another user's is not to be waited in.
+// Anybody can make a set of this number: another user's is not to be waited in. Who made it counts
+// as well as whose it is: its maker may give it to somebody else and change it all the same.
 int find_line(int flags) noexcept
 {
     const auto key = static_cast<key_t>(static_cast<unsigned>(kLineKey) + geteuid());
@@ -31,7 +32,8 @@ int find_line(int flags) noexcept
     struct semid_ds about = {};
     if (line < 0 || semctl(line, 0, IPC_STAT, SemArg{.buf = &about}) != 0)
         return -1;
-    return about.sem_perm.uid == geteuid() && about.sem_nsems == kCounters ? line : -1;
+    const bool own = about.sem_perm.uid == geteuid() && about.sem_perm.cuid == geteuid();
+    return own && about.sem_nsems == kCounters ? line : -1;
 }
 
 bool is_empty(int line) noexcept

@@ -152,24 +152,53 @@ TEST_F(QueueLine, AWaitEndsWithItsTimeAndGivesThePlaceUp)
 }
 
 // A process of another user makes a set of the same number and never moves on in it.
-TEST_F(QueueLine, AnotherUsersIsNotWaitedIn)
+// Another user's line that is taken for good. Given away, it says that it is root's.
+int another_users_line(bool givenToRoot)
 {
-    ASSERT_EQ(::geteuid(), 0U);
     const pid_t child = ::fork();
     if (child == 0) {
         struct sembuf taken = {0, 1, 0};
         int line = -1;
         if (::seteuid(65534) == 0)
             line = ::semget(kRootsLine, 2, IPC_CREAT | IPC_EXCL | 0666);
-        ::_exit(line >= 0 && ::semop(line, &taken, 1) == 0 ? 0 : 1);
+        bool done = line >= 0 && ::semop(line, &taken, 1) == 0;
+        struct semid_ds about = {};
+        about.sem_perm.mode = 0600;
+        if (givenToRoot)
+            done = done && ::semctl(line, 0, IPC_SET, &about) == 0;
+        ::_exit(done ? 0 : 1);
     }
     int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0);
+    if (::waitpid(child, &status, 0) != child || status != 0)
+        return -1;
+    return ::semget(kRootsLine, 0, 0);
+}
+
+TEST_F(QueueLine, AnotherUsersIsNotWaitedIn)
+{
+    ASSERT_EQ(::geteuid(), 0U);
+    const int line = another_users_line(false);
+    ASSERT_GE(line, 0);
     EXPECT_FALSE(zn::queue_line_is_taken());
     zn::QueueLinePlace place(false);
     place.wait_turn(INT64_MAX);
-    ASSERT_EQ(::semctl(::semget(kRootsLine, 0, 0), 0, IPC_RMID), 0);
+    ASSERT_EQ(::semctl(line, 0, IPC_RMID), 0);
+}
+
+TEST_F(QueueLine, OneThatAnotherUserMadeAndGaveAwayIsNotWaitedIn)
+{
+    ASSERT_EQ(::geteuid(), 0U);
+    const int line = another_users_line(true);
+    ASSERT_GE(line, 0);
+    struct semid_ds about = {};
+    ASSERT_EQ(::semctl(line, 0, IPC_STAT, &about), 0);
+    ASSERT_EQ(about.sem_perm.uid, 0U);
+    EXPECT_FALSE(zn::queue_line_is_taken());
+    zn::QueueLinePlace place(false);
+    place.wait_turn(in_seconds(5));
+    EXPECT_EQ(::semctl(line, 0, GETNCNT), 0);
+    EXPECT_EQ(::semctl(line, 0, GETVAL), 1);
+    ASSERT_EQ(::semctl(line, 0, IPC_RMID), 0);
 }
 
 // Queues for `tasks` threads of this process, which may have no more queue memory at first.
