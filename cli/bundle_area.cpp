@@ -1,23 +1,17 @@
 #include "bundle_area.hpp"
 
 #include "files.hpp"
-#include "output.hpp"
 #include "store.hpp"
 
-#include <chrono>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <thread>
 
 #include "zncontainer.h"
 
 namespace zncctl {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // In the bundle's directory, where nothing of the image itself is.
 constexpr const char* kCompleteMark = "/.complete";
@@ -27,39 +21,6 @@ constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 [[noreturn]] void fail(const std::string& object)
 {
     throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
-}
-
-// Whoever removes a lock's file holds the lock, so a file that has its name still is the lock.
-bool is_named(int fd, const std::string& path)
-{
-    struct stat opened = {};
-    struct stat named = {};
-    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-}
-
-void wait_for(int lock, int kind, const std::string& path, const char* why)
-{
-    const auto begin = Clock::now();
-    bool said = false;
-    while (::flock(lock, kind | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR)
-            fail(path);
-        if (!said && Clock::now() - begin >= std::chrono::seconds(1)) {
-            print_hint(why);
-            said = true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-}
-
-znc::UniqueFd open_lock(const std::string& path)
-{
-    znc::UniqueFd file(
-        ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-    if (!file)
-        fail(path);
-    return file;
 }
 
 } // namespace
@@ -82,52 +43,25 @@ std::string bundle_area()
 
 BundlesInUse::BundlesInUse(const std::string& area)
 {
-    const std::string path = area + kInUse;
-    do {
-        file_ = open_lock(path);
-        wait_for(file_.get(), LOCK_SH, path, "unused bundles are being removed; waiting for it");
-    } while (!is_named(file_.get(), path));
+    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it"))
+        fail(area + kInUse);
 }
 
 std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
 {
     std::unique_ptr<BundlesInUse> none(new BundlesInUse);
-    const std::string path = area + kInUse;
-    do {
-        none->file_ = open_lock(path);
-        if (::flock(none->file_.get(), LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK)
-                fail(path);
-            return nullptr;
-        }
-    } while (!is_named(none->file_.get(), path));
-    none->alone_ = path;
-    return none;
-}
-
-BundlesInUse::~BundlesInUse()
-{
-    const znc::ErrnoSaver keep;
-    if (!alone_.empty())
-        ::unlink(alone_.c_str());
+    if (none->lock_.try_take(area + kInUse))
+        return none;
+    if (errno != EWOULDBLOCK)
+        fail(area + kInUse);
+    return nullptr;
 }
 
 BundleLock::BundleLock(const std::string& area, const std::string& name)
-    : path_(fmt::format("{}/.lock-{}", area, name.substr(0, 200)))
 {
-    for (;;) {
-        file_ = open_lock(path_);
-        wait_for(file_.get(), LOCK_EX, path_,
-                 "another process is unpacking this image; waiting for it");
-        if (is_named(file_.get(), path_))
-            return;
-    }
-}
-
-BundleLock::~BundleLock()
-{
-    const znc::ErrnoSaver keep;
-    ::unlink(path_.c_str());
+    const std::string path = fmt::format("{}/.lock-{}", area, name.substr(0, 200));
+    if (!lock_.take(path, "another process is unpacking this image; waiting for it"))
+        fail(path);
 }
 
 bool is_complete(const std::string& bundle)

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "zarnel/owned.hpp"
+#include "named_lock.hpp"
 
 namespace zncctl {
 
@@ -22,15 +22,11 @@ class BundlesInUse {
     explicit BundlesInUse(const std::string& area);
     // For a collection. Nothing while a bundle is in use; throws as the constructor does.
     static std::unique_ptr<BundlesInUse> by_none(const std::string& area);
-    ~BundlesInUse();
-    BundlesInUse(const BundlesInUse&) = delete;
-    BundlesInUse& operator=(const BundlesInUse&) = delete;
 
   private:
     BundlesInUse() = default;
 
-    std::string alone_; // the file's path, for whoever has it alone
-    znc::UniqueFd file_;
+    NamedLock lock_;
 };
 
 // While it lives no other process makes the bundle of this name. Waiting is said after a second,
@@ -38,13 +34,9 @@ class BundlesInUse {
 class BundleLock {
   public:
     BundleLock(const std::string& area, const std::string& name);
-    ~BundleLock();
-    BundleLock(const BundleLock&) = delete;
-    BundleLock& operator=(const BundleLock&) = delete;
 
   private:
-    std::string path_;
-    znc::UniqueFd file_;
+    NamedLock lock_;
 };
 
 // Whether `run` made this bundle and came to the end of it. Others are made anew: an unpack that

@@ -4,6 +4,7 @@
 #include "exact_json.hpp"
 #include "files.hpp"
 #include "layout.hpp"
+#include "named_lock.hpp"
 #include "stream.hpp"
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace zncimport {
@@ -25,6 +25,9 @@ using zncctl::text_of;
 // What an import that died leaves behind has one of these names; the next one removes it.
 constexpr std::string_view kTemporary = ".zncctl-import-";
 constexpr const char* kNewDocument = ".zncctl-import-document";
+constexpr const char* kLockName = ".zncctl-import-lock";
+constexpr const char* kWaiting =
+    "another process is importing into this image layout; waiting for it";
 constexpr const char* kNewName = ".zncctl-import-blob";
 constexpr const char* kLayoutDocument = R"({"imageLayoutVersion": "1.0.0"})";
 
@@ -33,7 +36,7 @@ constexpr const char* kLayoutDocument = R"({"imageLayoutVersion": "1.0.0"})";
     throw Failure(object, error_text());
 }
 
-// The entries of a directory.
+// The entries of a directory but for the lock.
 std::vector<std::string> names_in(int dir, const std::string& object)
 {
     znc::UniqueFd again(::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -43,7 +46,8 @@ std::vector<std::string> names_in(int dir, const std::string& object)
     static_cast<void>(again.release()); // the stream has it now
     std::vector<std::string> names;
     while (const dirent* entry = ::readdir(entries.get()))
-        if (const std::string name = entry->d_name; name != "." && name != "..")
+        if (const std::string name = entry->d_name;
+            name != "." && name != ".." && name != kLockName)
             names.push_back(name);
     return names;
 }
@@ -201,10 +205,11 @@ struct LayoutWriter::State {
 
     void open_locked();
     void read_or_begin();
-    void undo() const;
+    void undo();
 
     std::string path;
-    znc::UniqueFd dir; // carries the lock
+    zncctl::NamedLock lock;
+    znc::UniqueFd dir;
     znc::UniqueFd blobs;
     bool made_dir = false; // the directory did not exist
     bool fresh = false;    // it was empty
@@ -213,8 +218,7 @@ struct LayoutWriter::State {
     unsigned next_name = 0;
 };
 
-// The directory itself is locked, so that no file has to stay in it. Whoever made it and failed
-// removes it with the lock held; who waited meanwhile begins anew.
+// Whoever made the directory and failed removes it; who waited meanwhile begins anew.
 void LayoutWriter::State::open_locked()
 {
     for (;;) {
@@ -222,14 +226,16 @@ void LayoutWriter::State::open_locked()
         if (!made_dir && errno != EEXIST)
             fail(path);
         znc::UniqueFd opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!opened && errno == ENOENT)
-            continue;
-        if (!opened)
+        if (!opened && errno != ENOENT)
             fail(path);
-        while (::flock(opened.get(), LOCK_EX) != 0)
-            if (errno != EINTR)
-                fail(path);
-        if (same_file(opened.get(), path)) {
+        const bool locked = lock.take(path + "/" + kLockName, kWaiting);
+        if (!locked && errno != ENOENT) {
+            const znc::ErrnoSaver keep;
+            if (made_dir)
+                ::rmdir(path.c_str());
+            fail(path);
+        }
+        if (opened && locked && same_file(opened.get(), path)) {
             dir = std::move(opened);
             return;
         }
@@ -257,7 +263,7 @@ void LayoutWriter::State::read_or_begin()
     sweep(blobs.get(), "blobs/sha256");
 }
 
-void LayoutWriter::State::undo() const
+void LayoutWriter::State::undo()
 {
     ::unlinkat(dir.get(), kNewDocument, 0);
     if (blobs) {
@@ -270,6 +276,7 @@ void LayoutWriter::State::undo() const
     ::unlinkat(dir.get(), "blobs/sha256", AT_REMOVEDIR);
     ::unlinkat(dir.get(), "blobs", AT_REMOVEDIR);
     ::unlinkat(dir.get(), "oci-layout", 0);
+    lock.release();
     if (made_dir)
         ::rmdir(path.c_str());
 }

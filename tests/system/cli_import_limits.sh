@@ -152,7 +152,8 @@ gone() { ! kill -0 "$reader"; }
 eventually gone
 check 'and ends with its parent' gone
 exec 7>&-
-as_before 'a killed import'
+check 'a killed import leaves its lock, which holds nobody up' rm "$layout/.zncctl-import-lock"
+as_before 'a killed import, but for that'
 
 # Words that mean nothing.
 for words in '--max-entries 0' '--max-bytes much' '--hardlinks maybe' '--platform linux' '--devices'; do

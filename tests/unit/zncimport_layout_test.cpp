@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <random>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -464,6 +465,43 @@ TEST_F(LayoutWriterTest, HoldsTheOldOrTheNewImageWheneverAWriterIsKilled)
     put(path_, "v1", one_, true);
     put(path_, "v2", two_, true);
     EXPECT_EQ(contents(path_).size(), 10U); // of both images, and nothing else
+}
+
+// Other users may read a layout, and lock what they can open for reading.
+TEST_F(LayoutWriterTest, DoesNotWaitForALockThatEveryReaderOfTheLayoutCanTake)
+{
+    constexpr unsigned kSecondsToHang = 30;
+    put(path_, "v1", one_, false);
+    const std::size_t files = contents(path_).size();
+    std::vector<znc::UniqueFd> held;
+    for (const char* name : {"", "/blobs", "/blobs/sha256", "/oci-layout", "/index.json"}) {
+        held.emplace_back(::open((path_ + name).c_str(), O_RDONLY | O_CLOEXEC));
+        ASSERT_EQ(::flock(held.back().get(), LOCK_EX), 0) << name;
+    }
+    const pid_t writer = in_process([&] {
+        ::alarm(kSecondsToHang);
+        put(path_, "v1", one_, true);
+    });
+    EXPECT_EQ(exit_of(writer), 0);
+    EXPECT_EQ(contents(path_).size(), files);
+}
+
+TEST_F(LayoutWriterTest, HoldsALockThatNoOtherUserCanOpenAndThatGoesWithIt)
+{
+    fs::path lock;
+    {
+        const LayoutWriter writer(path_);
+        for (const auto& entry : fs::directory_iterator(path_))
+            if (entry.path().filename().string().ends_with("-lock"))
+                lock = entry.path();
+        ASSERT_FALSE(lock.empty());
+        struct stat st = {};
+        ASSERT_EQ(::lstat(lock.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode, S_IFREG | 0600U);
+        const znc::UniqueFd again(::open(lock.c_str(), O_RDWR | O_CLOEXEC));
+        EXPECT_NE(::flock(again.get(), LOCK_EX | LOCK_NB), 0);
+    }
+    EXPECT_FALSE(fs::exists(lock));
 }
 
 // A new layout appears as a whole or not at all, and can be gone on with.

@@ -1,0 +1,87 @@
+#include "named_lock.hpp"
+
+#include "output.hpp"
+
+#include <chrono>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+
+namespace zncctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+// Whoever removes a lock's file holds the lock, so a file that has its name still is the lock.
+bool is_named(int fd, const std::string& path)
+{
+    struct stat opened = {};
+    struct stat named = {};
+    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// `waiting`: null not to wait.
+bool lock(int file, int kind, const std::string_view* waiting)
+{
+    const auto begin = Clock::now();
+    bool said = false;
+    while (::flock(file, kind | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK || waiting == nullptr) && errno != EINTR)
+            return false;
+        if (waiting == nullptr)
+            continue;
+        if (!said && Clock::now() - begin >= std::chrono::seconds(1)) {
+            print_hint(*waiting);
+            said = true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+} // namespace
+
+bool NamedLock::take(const std::string& path, std::string_view waiting)
+{
+    return hold(path, LOCK_EX, &waiting);
+}
+
+bool NamedLock::share(const std::string& path, std::string_view waiting)
+{
+    return hold(path, LOCK_SH, &waiting);
+}
+
+bool NamedLock::try_take(const std::string& path)
+{
+    return hold(path, LOCK_EX, nullptr);
+}
+
+bool NamedLock::hold(const std::string& path, int kind, const std::string_view* waiting)
+{
+    release();
+    for (;;) {
+        znc::UniqueFd file(::open(path.c_str(), kFlags, 0600));
+        if (!file || !lock(file.get(), kind, waiting))
+            return false;
+        if (!is_named(file.get(), path))
+            continue;
+        path_ = kind == LOCK_EX ? path : "";
+        file_ = std::move(file);
+        return true;
+    }
+}
+
+void NamedLock::release()
+{
+    const znc::ErrnoSaver keep;
+    if (!path_.empty())
+        ::unlink(path_.c_str());
+    path_.clear();
+    file_.reset();
+}
+
+} // namespace zncctl
