@@ -57,9 +57,9 @@ int znDirOpenAt(int dirFd, const char* name);
 
 /*
  * Set the sticky bit of the directory `path` inside the directory tree `root`: its other permission
- * bits stay. Absolute paths and symbolic links on the way are taken inside `root`, one at the end is
- * not followed, and nothing behind a mount point is reached. OK also when the bit is set already;
- * ERROR with the task error number set (ENOENT, ENOTDIR, ELOOP, EXDEV).
+ * bits stay. Absolute paths and symbolic links on the way are taken inside `root`, one at the end
+ * is not followed, and nothing behind a mount point is reached. OK also when the bit is set
+ * already; ERROR with the task error number set (ENOENT, ENOTDIR, ELOOP, EXDEV).
  */
 STATUS znDirMakeSticky(const char* root, const char* path);
 
