@@ -51,7 +51,8 @@ class Pump {
     // Bytes are moved inside the kernel where it can. Only for a pipe of a program's as `from`: of
     // a file that is moved into a pipe, the program could reach the file's own memory.
     void move_in_kernel() { moving_ = true; }
-    // Called with what was read, after that was passed on as far as there is room. At the end of input these bytes are passed on instead of an end.
+    // Called with what was read, after that was passed on as far as there is room. At the end of
+    // input these bytes are passed on instead of an end.
     void watch(std::function<void(std::string_view)> watcher, std::string_view end_text);
     // Nothing is read for now.
     void pause(bool paused) { paused_ = paused; }

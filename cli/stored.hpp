@@ -1,5 +1,5 @@
-// stored.hpp - everything kept under the storage base and what of it is in use: what containers use is
-// known here, what bundles need the library knows. Used by storage df and storage gc.
+// stored.hpp - everything kept under the storage base and what of it is in use: what containers use
+// is known here, what bundles need the library knows. Used by storage df and storage gc.
 #ifndef ZNCCTL_STORED_HPP
 #define ZNCCTL_STORED_HPP
 

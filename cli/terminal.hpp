@@ -56,8 +56,8 @@ class Pty {
     // The signal that typing this byte means for the program, 0 if none: when the terminal is the
     // program's controlling one the kernel sends it.
     [[nodiscard]] int signal_of(char typed) const;
-    // Has the kernel deal with what was written to it. The keys of signals empty both directions: if
-    // that came after the signal, it could take what the program answered along.
+    // Has the kernel deal with what was written to it. The keys of signals empty both directions:
+    // if that came after the signal, it could take what the program answered along.
     void settle() const;
 
   private:

@@ -43,7 +43,7 @@ begin() {
     begun=$1 begun_at=$SECONDS begun_log=$(mktemp)
     shift
     (
-        renice -n "${niceness:-0}" "$BASHPID" >"$begun_log"
+        renice -n "${niceness:-0}" "$BASHPID" >/dev/null
         "$@"
     ) >>"$begun_log" 2>&1 &
     begun_pid=$!

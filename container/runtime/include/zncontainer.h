@@ -159,10 +159,10 @@ STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int o
 STATUS zncStart(const char* containerId, unsigned int option);
 
 /*
- * As zncStart with ZNC_OPT_NO_WAIT, and says which child of the caller the program is. `pPid` gets its
- * process id on OK, or 0 if the daemon had nothing to run. On ERROR it gets 0, unless the program
- * was spawned and the daemon could not be told: it was then sent TERM, and the caller reaps it.
- * Numbers as zncStart; EINVAL also for a NULL `pPid`.
+ * As zncStart with ZNC_OPT_NO_WAIT, and says which child of the caller the program is. `pPid` gets
+ * its process id on OK, or 0 if the daemon had nothing to run. On ERROR it gets 0, unless the
+ * program was spawned and the daemon could not be told: it was then sent TERM, and the caller reaps
+ * it. Numbers as zncStart; EINVAL also for a NULL `pPid`.
  */
 STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
 
@@ -270,14 +270,15 @@ typedef enum zncStoreKind {
 typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* context);
 
 /*
- * Remove what nothing needs from the storage base (zncBasePathGet): layers, flattened trees, overlay
- * devices of images, and bundles in the base's directory "bundles". The base knows the bundles that
- * were unpacked; one whose "config.json" is gone is gone. Whatever else is in use the caller says:
- * `inUseNum` paths of bundles, roots, layers, trees or devices. That must be what containers use:
- * their bundles, and the directories below their overlay devices; it keeps bundles in the base, too.
- * Then `func`, which may be NULL, is called for each thing removed. With ZNC_OPT_DRY_RUN in `option`
- * nothing is removed. ERROR with the first number after everything else was tried; EBUSY when an
- * unpack is under way, EBADMSG for a record that cannot be read: nothing is removed then.
+ * Remove what nothing needs from the storage base (zncBasePathGet): layers, flattened trees,
+ * overlay devices of images, and bundles in the base's directory "bundles". The base knows the
+ * bundles that were unpacked; one whose "config.json" is gone is gone. Whatever else is in use the
+ * caller says: `inUseNum` paths of bundles, roots, layers, trees or devices. That must be what
+ * containers use: their bundles, and the directories below their overlay devices; it keeps bundles
+ * in the base, too. Then `func`, which may be NULL, is called for each thing removed. With
+ * ZNC_OPT_DRY_RUN in `option` nothing is removed. ERROR with the first number after everything else
+ * was tried; EBUSY when an unpack is under way, EBADMSG for a record that cannot be read: nothing
+ * is removed then.
  */
 STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
                        ZNC_STORE_FUNC func, void* context);
