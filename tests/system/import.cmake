@@ -14,6 +14,7 @@ znc_import_test(cli_import_buildah)
 znc_import_test(cli_import_limits)
 if(NOT ZNC_SANITIZE) # a whole system takes them too long
     znc_import_test(cli_import_debian)
+    znc_import_test(cli_import_kill)
     set_tests_properties(cli_import_debian PROPERTIES FIXTURES_REQUIRED image_layouts)
 endif()
 
