@@ -69,18 +69,18 @@ bool NamedLock::hold(const std::string& path, int kind, const std::string_view* 
             return false;
         if (!is_named(file.get(), path))
             continue;
-        path_ = kind == LOCK_EX ? path : "";
+        path_ = path;
         file_ = std::move(file);
         return true;
     }
 }
 
+// The last one out takes the file along: of those who share it, whoever finds nobody else.
 void NamedLock::release()
 {
     const znc::ErrnoSaver keep;
-    if (!path_.empty())
+    if (file_ && ::flock(file_.get(), LOCK_EX | LOCK_NB) == 0 && is_named(file_.get(), path_))
         ::unlink(path_.c_str());
-    path_.clear();
     file_.reset();
 }
 

@@ -25,13 +25,13 @@ class NamedLock {
     // Takes it without waiting; false with EWOULDBLOCK while somebody has it.
     bool try_take(const std::string& path);
 
-    // Lets go, and removes the file unless it was shared. Does not change errno.
+    // Lets go, and removes the file unless others share it. Does not change errno.
     void release();
 
   private:
     bool hold(const std::string& path, int kind, const std::string_view* waiting);
 
-    std::string path_; // "" when shared: others may have it
+    std::string path_;
     znc::UniqueFd file_;
 };
 

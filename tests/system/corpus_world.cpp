@@ -8,6 +8,7 @@
 
 #include <sys/mount.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace corpus {
 
