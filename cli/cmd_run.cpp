@@ -1,5 +1,4 @@
 // create, start, wait and delete in one.
-#include "bundle_area.hpp"
 #include "container.hpp"
 #include "foreground.hpp"
 #include "monitor.hpp"
@@ -8,7 +7,6 @@
 #include <fmt/format.h>
 #include <optional>
 #include <random>
-#include <stdexcept>
 
 namespace zncctl {
 namespace {
@@ -50,13 +48,7 @@ class Run {
         if (from_bundle_)
             return args_.value("bundle");
         const Wanted wanted = wanted_image(args_, split_image_name(args_.operand(0)));
-        try {
-            in_use_.emplace(bundle_area());
-        } catch (const std::runtime_error& error) {
-            static_cast<void>(failure("", error.what()));
-            return std::nullopt;
-        }
-        return bundle_of_image(args_, wanted, id_);
+        return bundle_of_image(args_, wanted, id_, in_use_);
     }
 
     int attached(const SignalQueue& signals)

@@ -265,7 +265,8 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
 } // namespace
 
 std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id)
+                                           const std::string& id,
+                                           std::optional<BundlesInUse>& in_use)
 {
     if (!Progress(args.value("progress", "auto")).known()) {
         usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
@@ -282,6 +283,7 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
     const bool shared = zncOvlFsAvailable() != FALSE;
     try {
         const std::string area = bundle_area();
+        in_use.emplace(area);
         const std::string name = shared ? shared_name(args, chosen->image) : own_name(id);
         std::string bundle = fmt::format("{}/{}", area, name);
         if (shared && is_complete(bundle))

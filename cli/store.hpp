@@ -3,6 +3,7 @@
 #ifndef ZNCCTL_STORE_HPP
 #define ZNCCTL_STORE_HPP
 
+#include "bundle_area.hpp"
 #include "command.hpp"
 #include "layout.hpp"
 
@@ -23,9 +24,11 @@ struct Wanted {
 Wanted wanted_image(const Arguments& args, ImageName image);
 
 // The bundle of an image for a container, made unless it is there: with the overlay filesystem all
-// containers of an image share one, without it each has its own. Nothing after a message.
+// containers of an image share one, without it each has its own. `in_use` keeps it from being
+// collected; it is needed until there is the container. Nothing after a message.
 std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id);
+                                           const std::string& id,
+                                           std::optional<BundlesInUse>& in_use);
 
 // Unpacks with the progress that --progress asks for. kExitOk, or a status after a message and
 // what is known about the reason.
