@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -93,8 +94,14 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
              !error && it != fs::recursive_directory_iterator(); it.increment(error))
             entries["file " + it->path().string()] = "";
     }
-    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd"))
-        entries["daemon descriptor " + entry.path().filename().string()] = "";
+    // By what they are of, not by their numbers, which are others in another daemon.
+    std::map<std::string, int> kinds;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
+        std::error_code error;
+        const std::string target = fs::read_symlink(entry.path(), error).string();
+        const std::string kind = target.substr(0, target.find('['));
+        entries["daemon descriptor " + kind + " " + std::to_string(++kinds[kind])] = "";
+    }
     return ledger;
 }
 
