@@ -1,5 +1,6 @@
 #include "ledger.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -99,7 +100,8 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
     for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
         std::error_code error;
         const std::string target = fs::read_symlink(entry.path(), error).string();
-        const std::string kind = target.substr(0, target.find('['));
+        const size_t end = std::min(target.find('['), target.find(" (deleted)"));
+        const std::string kind = target.substr(0, end);
         entries["daemon descriptor " + kind + " " + std::to_string(++kinds[kind])] = "";
     }
     return ledger;
