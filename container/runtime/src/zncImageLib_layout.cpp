@@ -201,7 +201,7 @@ class LayerDigests {
     // ERROR: no memory.
     STATUS start(const cJSON* layers)
     {
-        if (!find_twins(layers))
+        if (!find_duplicates(layers))
             return ERROR;
         constexpr std::int64_t kWorthwhile = 1024 * 1024;
         std::int64_t bytes = 0;
@@ -212,7 +212,7 @@ class LayerDigests {
         if (bytes < kWorthwhile)
             return OK;
         for (const cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
-            if (twins_.first(index) != index ||
+            if (duplicates_.first(index) != index ||
                 !prepare(manifest_.manifestLayers[index], cJSON_GetObjectItem(item, "digest")))
                 work_.exclude(index);
         work_.start();
@@ -221,19 +221,19 @@ class LayerDigests {
 
     STATUS result(std::size_t index)
     {
-        // The results are asked for in order, so that of its first twin was OK.
-        if (twins_.first(index) != index ||
+        // The results are asked for in order, so that of the first layer that is the same was OK.
+        if (duplicates_.first(index) != index ||
             is_verified(image_, manifest_, manifest_.manifestLayers[index].digest))
             return OK;
         return ahead_ != nullptr && ahead_->wants(index) ? extracted(index) : work_.result(index);
     }
 
   private:
-    bool find_twins(const cJSON* layers)
+    bool find_duplicates(const cJSON* layers)
     {
         const cJSON* item = layers->child;
-        return twins_.find(next_digest, &item,
-                           static_cast<std::size_t>(manifest_.manifestLayersCount));
+        return duplicates_.find(next_digest, &item,
+                                static_cast<std::size_t>(manifest_.manifestLayersCount));
     }
     // Asked for one index after the other.
     static const char* next_digest(void* context, std::size_t)
@@ -281,7 +281,7 @@ class LayerDigests {
 
     const OCI_IMAGE& image_;
     ZNC_IMAGE_MANIFEST& manifest_;
-    znc::Twins twins_;
+    znc::Duplicates duplicates_;
     znc::StoreAhead* ahead_ = nullptr; // where the layers are extracted as they are verified
     znc::WorkAhead work_;
 };

@@ -74,9 +74,9 @@ class StoreJobs {
     bool allocate()
     {
         stages_.reset(new (std::nothrow) znc::LayerStage[layer_total(manifest_)]);
-        return stages_ != nullptr && twins_.find(file_name, this, layer_total(manifest_));
+        return stages_ != nullptr && duplicates_.find(file_name, this, layer_total(manifest_));
     }
-    [[nodiscard]] const znc::Twins& twins() const { return twins_; }
+    [[nodiscard]] const znc::Duplicates& duplicates() const { return duplicates_; }
 
     // The layer's place in the manifest.
     [[nodiscard]] std::size_t index(std::size_t k) const { return layer_total(manifest_) - 1 - k; }
@@ -117,9 +117,9 @@ class StoreJobs {
         std::memcpy(path.get(), store_.data(), store_.size());
         if (layer_directory(file(k), path.get(), store_.size()) != OK)
             return ERROR;
-        if (twins_.last(index(k)) != index(k))
+        if (duplicates_.last(index(k)) != index(k))
             return OK; // that one is stored
-        const std::size_t place = twins_.first(index(k));
+        const std::size_t place = duplicates_.first(index(k));
         if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(place, &stages_[k])))
             return is_listed(place) ? OK : extract_listed(k, place, nullptr);
         if (stages_[k].make(store_) == OK && extract_listed(k, place, stages_[k].path()) == OK)
@@ -155,7 +155,7 @@ class StoreJobs {
     std::string_view store_;
     znc::StoreAhead* ahead_;
     znc::UnpackDirs* dirs_;
-    znc::Twins twins_;
+    znc::Duplicates duplicates_;
     std::unique_ptr<znc::LayerStage[]> stages_;
 };
 
@@ -250,7 +250,7 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     STATUS status = OK;
     const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
     if (status == OK && dirs != nullptr)
-        dirs->share(jobs.twins());
+        dirs->share(jobs.duplicates());
     if (status == OK)
         return jobs.publish(ppLayerPath, done);
     const znc::ErrnoSaver keep;

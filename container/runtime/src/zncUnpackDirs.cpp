@@ -37,17 +37,17 @@ STATUS znc::UnpackDirs::prepare(std::size_t layers) noexcept
     return OK;
 }
 
-void znc::UnpackDirs::share(const Twins& twins) noexcept
+void znc::UnpackDirs::share(const Duplicates& duplicates) noexcept
 {
     for (std::size_t i = 0; i < count_; ++i)
         if (!has(i))
-            layers_[i].twin = twins.first(i);
+            layers_[i].same_as = duplicates.first(i);
 }
 
 void znc::UnpackDirs::tell() const noexcept
 {
     for (std::size_t i = 0; i < count_; ++i) {
-        const TextList& list = layers_[layers_[i].twin].list;
+        const TextList& list = layers_[layers_[i].same_as].list;
         for (const char* entry = list.first(); entry != nullptr; entry = list.next(entry))
             tell_of(entry, func_, context_);
     }

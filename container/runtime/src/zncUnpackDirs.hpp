@@ -5,8 +5,8 @@
 #ifndef ZNCUNPACKDIRS_HPP
 #define ZNCUNPACKDIRS_HPP
 
+#include "zncDuplicates.hpp"
 #include "zncStoreRecord.hpp"
-#include "zncTwins.hpp"
 
 #include <memory>
 #include <new>
@@ -35,8 +35,8 @@ class UnpackDirs {
             layers_[layer] = {std::move(list), true, layer};
     }
 
-    // Lets a layer that was not listed have the list of its first twin.
-    void share(const Twins& twins) noexcept;
+    // Lets a layer that was not listed have the list of the first layer that is the same.
+    void share(const Duplicates& duplicates) noexcept;
     // Calls the function, for the bottom layer first.
     void tell() const noexcept;
 
@@ -44,7 +44,7 @@ class UnpackDirs {
     struct Layer {
         TextList list;
         bool listed = false;
-        std::size_t twin = 0; // whose list it is, if not listed
+        std::size_t same_as = 0; // the layer whose list this is, if it has none of its own
     };
     ZNC_DIRECTORY_FUNC func_;
     void* context_;

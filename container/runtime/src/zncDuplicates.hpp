@@ -1,7 +1,7 @@
-// zncTwins.hpp - which texts of a list are the same: an image may name one layer any number of
+// zncDuplicates.hpp - which texts of a list are the same: an image may name one layer any number of
 // times. Used by the image module, which reads and stores such a layer once.
-#ifndef ZNCTWINS_HPP
-#define ZNCTWINS_HPP
+#ifndef ZNCDUPLICATES_HPP
+#define ZNCDUPLICATES_HPP
 
 #include "zncOwned.hpp"
 
@@ -9,7 +9,7 @@
 
 namespace znc {
 
-class Twins {
+class Duplicates {
   public:
     // `text` of each index below `count`, asked for in order; a null is like no other. They are not
     // kept. False: memory is short.

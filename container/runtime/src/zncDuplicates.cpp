@@ -1,5 +1,5 @@
-// zncTwins.cpp - see zncTwins.hpp.
-#include "zncTwins.hpp"
+// zncDuplicates.cpp - see zncDuplicates.hpp.
+#include "zncDuplicates.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -27,7 +27,7 @@ bool before(const Entry& a, const Entry& b)
 } // namespace
 
 // Sorted, so that a list of a hundred thousand takes no longer than reading it.
-bool znc::Twins::find(Text text, void* context, std::size_t count) noexcept
+bool znc::Duplicates::find(Text text, void* context, std::size_t count) noexcept
 {
     const auto entries = malloc_array<Entry>(count);
     groups_ = entries != nullptr ? malloc_array<Group>(count) : nullptr;
