@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <linux/mount.h>
 #include <linux/stat.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -145,6 +146,13 @@ bool write_stack(int node, const char* const* dirs, uint32_t count)
 UniqueFd open_node(int devices, const char* name)
 {
     return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// The directory of all devices as it is below what is mounted in it.
+UniqueFd without_mounts(int devices)
+{
+    return UniqueFd(static_cast<int>(::syscall(
+        SYS_open_tree, devices, "", AT_EMPTY_PATH | OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC)));
 }
 
 // The record's text; null with errno set, ENOENT when there is none or it has no end.
@@ -323,6 +331,34 @@ STATUS znOvlDevRemove(const char* devName)
         return ERROR;
     }
     return detach(devices.get(), name) == 0 ? OK : ERROR;
+}
+
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const Devices devices;
+    if (!devices)
+        return ERROR;
+    if (look(devices.get(), name) != Node::kReadOnly) {
+        errno = ENOENT;
+        return ERROR;
+    }
+    const UniqueFd bare = without_mounts(devices.get());
+    const UniqueFd node = bare ? open_node(bare.get(), name) : UniqueFd();
+    std::size_t len = 0;
+    const auto text = node ? read_stack(node.get(), len) : nullptr;
+    if (!text)
+        return ERROR;
+    // The last NUL is the record's end.
+    for (const char* dir = text.get(); dir < text.get() + len - 1; dir += std::strlen(dir) + 1)
+        if (visit(context, dir) == FALSE)
+            break;
+    return OK;
 }
 
 BOOL znOvlInit(void)

@@ -56,12 +56,14 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
-// From here on whoever collects the store knows that the bundle needs its root and these layers. A
-// record is of no use before the bundle has its configuration, and is needed from then on.
+// From here on whoever collects the store knows that the bundle needs its root and `stored` layers,
+// and whoever makes a container of it what its root is made of. The records are of no use before
+// the bundle has its configuration, and are needed from then on.
 STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
-                     const znc::TextList& layers)
+                     const znc::TextList& layers, const znc::TextList& stored)
 {
-    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers) : OK;
+    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers, stored)
+                                   : OK;
 }
 
 STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const LayerPaths& layers,
@@ -75,12 +77,13 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
         return ERROR;
     const std::string_view base = znc::store_base({area.get(), len});
     if (count < 2)
-        return compose(root, layers.get()[0], "") ? record_bundle(image, bundle, root, base, names)
-                                                  : fail(ENAMETOOLONG);
+        return compose(root, layers.get()[0], "")
+                   ? record_bundle(image, bundle, root, base, names, names)
+                   : fail(ENAMETOOLONG);
     // Before there is a device: one that nobody remembered would stay for ever.
     char chain[znc::kChainIdTextLen];
     if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
-        record_bundle(image, bundle, root, base, names) != OK)
+        record_bundle(image, bundle, root, base, names, names) != OK)
         return ERROR;
     return zncCreateOciStRootfs(image, root, const_cast<const char**>(layers.get()),
                                 static_cast<std::uint32_t>(count));
@@ -119,7 +122,7 @@ STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
     if (!layer_names(*znc::chosen_manifest(image), &layers) ||
         lock.take(znc::store_base(area)) != OK || flatten(image, area, root, layers) != OK)
         return ERROR;
-    return record_bundle(image, bundle, root, znc::store_base(area), znc::TextList());
+    return record_bundle(image, bundle, root, znc::store_base(area), layers, znc::TextList());
 }
 
 STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
@@ -137,8 +140,11 @@ STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* roo
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
         return ERROR;
     errno = 0; // a path too long has no number here
-    if (!compose(path, bundle, "/config.json") ||
-        zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
+    if (!compose(path, bundle, "/config.json"))
+        return ERROR;
+    if (image->store != nullptr && image->store->record.bundle_was_there())
+        return fail(S_zncLib_BUNDLE_CONFIG_EXISTS);
+    if (zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
         return ERROR;
     if (image->store != nullptr)
         image->store->record.keep();
@@ -236,6 +242,10 @@ STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int root
     if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
         return OK;
     const znc::ErrnoSaver keep;
+    // While the bundle's directory is this unpack's: once it is gone, the next one may have written
+    // records of the same names.
+    if (image->store != nullptr)
+        image->store->record.drop();
     // A path too long for the tree delete is too long to have been filled as well.
     if (newCreate && zncImageBundleDelete(bundlePath) != OK)
         ::rmdir(bundlePath);

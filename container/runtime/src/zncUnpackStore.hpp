@@ -16,7 +16,7 @@ struct UnpackStore {
     {
     }
     StoreLock lock;
-    BundleRecord record; // removed, unless it is kept, while the lock is held
+    BundleRecord record; // what is not kept goes while the lock is held
     StoreAhead ahead;
 };
 

@@ -43,6 +43,15 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
  */
 STATUS znOvlDevRemove(const char* devName);
 
+/*
+ * Call `visit` with every directory that the read-only device `devName` was made of, the first on
+ * top, until it returns FALSE. Told by the device's record. OK, or ERROR with ENOENT (there is no
+ * such device, or it has no whole record), EINVAL (a bad name), EBUSY or the number of what kept the
+ * record from being read.
+ */
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context);
+
 /* Whether a living namespace has this device for its root; TRUE also if that cannot be told. */
 BOOL znOvlDevInUse(const char* devName);
 
