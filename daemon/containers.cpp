@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string>
 
+#include "base/owned.hpp"
 #include "zarnel/msgq.h"
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"

@@ -1,8 +1,8 @@
 #include "msgq_owner.hpp"
 
+#include "base/owned.hpp"
 #include "clock.hpp"
 #include "zarnel/msgq.h"
-#include "zarnel/owned.hpp"
 
 #include <cstdio>
 #include <fcntl.h>

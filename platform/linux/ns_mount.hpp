@@ -4,9 +4,9 @@
 #ifndef ZN_NS_MOUNT_HPP
 #define ZN_NS_MOUNT_HPP
 
+#include "base/owned.hpp"
 #include "keeper_link.hpp"
 #include "mount_plan.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cstdint>
 

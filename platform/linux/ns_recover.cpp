@@ -1,10 +1,10 @@
 // ns_recover.cpp - the namespaces that a dead daemon left are killed and their records removed.
 #include "zarnel/ns.h"
 
+#include "base/owned.hpp"
 #include "clock.hpp"
 #include "ns_record.hpp"
 #include "pidfd.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cerrno>
 #include <csignal>

@@ -1,10 +1,10 @@
 // zncStoreRecord.cpp - see zncStoreRecord.hpp.
 #include "zncStoreRecord.hpp"
 
+#include "base/file.hpp"
 #include "zarnel/fs.h"
 #include "zncBundleLayers.hpp"
 #include "zncDigest.hpp"
-#include "zncFile.hpp"
 #include "zncImageLib.hpp"
 
 #include <cstring>
