@@ -2,6 +2,8 @@
 #ifndef ZNC_FRONT_DIGEST_HPP
 #define ZNC_FRONT_DIGEST_HPP
 
+#include "format/digest_name.hpp"
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -10,9 +12,7 @@
 
 namespace zncctl {
 
-// "sha256:" and 64 hexadecimal digits in lower case, or "sha512:" and 128: what may become the name
-// of a file.
-bool is_digest(std::string_view text);
+using znc::is_digest;
 
 class Digest {
   public:
