@@ -321,6 +321,11 @@ STATUS znOvlDevRemove(const char* devName)
     return ERROR;
 }
 
+uint32_t znOvlDirsMax(void)
+{
+    return 500;
+}
+
 STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
                     void* context)
 {

@@ -3,6 +3,7 @@
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
+#include "zarnel/overlay.h"
 #include "zncStoreTree.hpp"
 #include "zncTreeLinks.hpp"
 #include "zncUnpackStore.hpp"
@@ -56,6 +57,26 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
+// Whether the kernel takes the layers as one stack, in which one that is there twice counts once.
+// Asked before they are extracted: the answer of the device would come after all the work.
+bool can_be_stacked(const ZNC_IMAGE_MANIFEST& manifest)
+{
+    const int most = static_cast<int>(znOvlDirsMax());
+    if (manifest.manifestLayersCount <= most)
+        return true;
+    znc::TextList names;
+    int distinct = 0;
+    for (int i = 0; i < manifest.manifestLayersCount && distinct <= most; ++i) {
+        const char* const name = znc::last_component(manifest.manifestLayers[i].layerFileName);
+        if (names.contains(name))
+            continue;
+        if (!names.add(name))
+            return false;
+        ++distinct;
+    }
+    return distinct <= most;
+}
+
 // From here on whoever collects the store knows that the bundle needs its root and `stored` layers,
 // and whoever makes a container of it what its root is made of. The records are of no use before
 // the bundle has its configuration, and are needed from then on.
@@ -72,13 +93,15 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_LAYER_PATH);
     const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
     znc::TextList names;
+    if (area && count > 1 && !can_be_stacked(*znc::chosen_manifest(image)))
+        return fail(EINVAL); // as the kernel
     if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
         !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;
     const std::string_view base = znc::store_base({area.get(), len});
-    if (count < 2)
+    if (count < 2) // a root whose own name is the digest of what it holds
         return compose(root, layers.get()[0], "")
-                   ? record_bundle(image, bundle, root, base, names, names)
+                   ? record_bundle(image, bundle, root, base, znc::TextList(), names)
                    : fail(ENAMETOOLONG);
     // Before there is a device: one that nobody remembered would stay for ever.
     char chain[znc::kChainIdTextLen];
@@ -170,12 +193,12 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     return ERROR;
 }
 
-// How many layers an image can have whose layers go into the store.
+// How many layers an image can have whose layers are extracted ahead, into the store.
 std::size_t stored_layers_max(int type)
 {
     switch (type) {
     case LAYERED_ROOTFS:
-        return SIZE_MAX;
+        return znOvlDirsMax();
     case FLATTENDED_ROOTFS:
         return 1;
     default:

@@ -309,6 +309,8 @@ STATUS BundleRecord::write(std::string_view base, const char* bundle, const char
         return OK;
     if (inStore_.place(record_path(records, name, kBundleSuffix), needed) != OK)
         return ERROR;
+    if (layers.empty())
+        return OK;
     PathText layers_path = bundle_layers_path(bundle);
     // The path of the configuration does not fit either: the unpack ends there, with its own error.
     if (!layers_path && errno == ENAMETOOLONG)

@@ -44,6 +44,12 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
 STATUS znOvlDevRemove(const char* devName);
 
 /*
+ * How many directories the kernel stacks at most in a read-only device; older kernels stack fewer. A
+ * directory that is named more than once counts once.
+ */
+uint32_t znOvlDirsMax(void);
+
+/*
  * Call `visit` with every directory that the read-only device `devName` was made of, the first on
  * top, until it returns FALSE. Told by the device's record. OK, or ERROR with ENOENT (there is no
  * such device, or it has no whole record), EINVAL (a bad name), EBUSY or the number of what kept the
