@@ -94,6 +94,10 @@ int no_such_image(const Wanted& wanted)
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
     const std::string& layout = wanted.image.layout;
+    if (const int error = layout_error(layout); error != 0) {
+        static_cast<void>(local_failure(error, layout));
+        return std::nullopt;
+    }
     std::string problem;
     bool refused = false;
     auto images = read_layout(layout, problem, &refused);
