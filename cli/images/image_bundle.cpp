@@ -9,6 +9,7 @@
 #include "image_settings.hpp"
 #include "private_layout.hpp"
 #include "sticky.hpp"
+#include "zarnel/path_trust.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -193,12 +194,27 @@ class Unpacking {
 
 } // namespace
 
+namespace {
+
+// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+std::string base_problem(const char* path)
+{
+    const int error = errno;
+    znPathTrust trust = {};
+    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
+        return fmt::format("the storage base is refused: {}", trust.fault);
+    errno = error;
+    return fmt::format("the storage base cannot be made: {}: {}", path, error_text());
+}
+
+} // namespace
+
 std::string storage_base()
 {
     constexpr std::string_view kLayers = "/layers";
     std::array<char, 1024> path{};
     if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error("the storage base cannot be made");
+        throw std::runtime_error(base_problem(path.data()));
     std::string base = path.data();
     base.resize(base.size() - kLayers.size());
     return base;
