@@ -182,6 +182,10 @@ class Unpacking {
         const int error = errno;
         const int status = local_failure(error, wanted_.image.layout, kDamaged);
         explain(error, wanted_);
+        if (error == EINVAL && option == 0)
+            print_hint(fmt::format("the kernel does not stack so many layers ({}); 'zncctl unpack "
+                                   "--flatten' makes one tree of them",
+                                   layers_.paths().size()));
         return status;
     }
 
@@ -272,8 +276,10 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     Progress progress(args.value("progress", "auto"));
     bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
     if (!done) {
-        // The image's device may exist for a bundle elsewhere; a tree of its own does not need it.
-        const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
+        // The image's device may exist for a bundle elsewhere, or have more layers than the kernel
+        // stacks; a tree of its own needs none.
+        const unsigned option =
+            shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_say(bundle, option, progress) == kExitOk;
     }
     if (!done || mark_complete(bundle))
