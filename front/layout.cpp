@@ -10,6 +10,9 @@
 #include <set>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include "zncontainer.h"
 
 namespace zncctl {
 namespace {
@@ -187,6 +190,16 @@ ImageName split_image_name(const std::string& text)
         is_directory(text))
         return {text, kDefaultTag};
     return {text.substr(0, colon), text.substr(colon + 1)};
+}
+
+int layout_error(const std::string& path)
+{
+    const std::string file = path + "/oci-layout";
+    if (::access(file.c_str(), F_OK) != 0)
+        return S_zncLib_LAYOUT_NOT_FOUND;
+    const Json document = parse_json(read_file(file).value_or(""));
+    const std::string version = text_of_any_case(document.get(), "imageLayoutVersion");
+    return version == "1.0.0" ? 0 : S_zncLib_LAYOUT_INVALID;
 }
 
 std::string blob_path(const std::string& layout, const std::string& digest)

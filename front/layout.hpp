@@ -45,6 +45,10 @@ ImageName split_image_name(const std::string& text);
 std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
                                               bool* refused = nullptr);
 
+// What the library says of the layout's "oci-layout": 0, S_zncLib_LAYOUT_NOT_FOUND or
+// S_zncLib_LAYOUT_INVALID.
+int layout_error(const std::string& path);
+
 // Where a blob is; "" for what is no digest.
 std::string blob_path(const std::string& layout, const std::string& digest);
 

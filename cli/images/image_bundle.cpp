@@ -9,6 +9,7 @@
 #include "image_settings.hpp"
 #include "private_layout.hpp"
 #include "sticky.hpp"
+#include "zarnel/path_trust.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -94,6 +95,10 @@ int no_such_image(const Wanted& wanted)
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
     const std::string& layout = wanted.image.layout;
+    if (const int error = layout_error(layout); error != 0) {
+        static_cast<void>(local_failure(error, layout));
+        return std::nullopt;
+    }
     std::string problem;
     bool refused = false;
     auto images = read_layout(layout, problem, &refused);
@@ -176,6 +181,10 @@ class Unpacking {
         const int error = errno;
         const int status = local_failure(error, wanted_.image.layout, kDamaged);
         explain(error, wanted_);
+        if (error == EINVAL && option == 0)
+            print_hint(fmt::format("the kernel does not stack so many layers ({}); 'zncctl unpack "
+                                   "--flatten' makes one tree of them",
+                                   layers_.paths().size()));
         return status;
     }
 
@@ -194,12 +203,27 @@ class Unpacking {
 
 } // namespace
 
+namespace {
+
+// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+std::string base_problem(const char* path)
+{
+    const int error = errno;
+    znPathTrust trust = {};
+    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
+        return fmt::format("the storage base is refused: {}", trust.fault);
+    errno = error;
+    return fmt::format("the storage base cannot be made: {}: {}", path, error_text());
+}
+
+} // namespace
+
 std::string storage_base()
 {
     constexpr std::string_view kLayers = "/layers";
     std::array<char, 1024> path{};
     if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error("the storage base cannot be made");
+        throw std::runtime_error(base_problem(path.data()));
     std::string base = path.data();
     base.resize(base.size() - kLayers.size());
     return base;
@@ -257,8 +281,10 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     Progress progress(args.value("progress", "auto"));
     bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
     if (!done) {
-        // The image's device may exist for a bundle elsewhere; a tree of its own does not need it.
-        const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
+        // The image's device may exist for a bundle elsewhere, or have more layers than the kernel
+        // stacks; a tree of its own needs none.
+        const unsigned option =
+            shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_say(bundle, option, progress) == kExitOk;
     }
     if (!done || mark_complete(bundle))

@@ -18,7 +18,7 @@ struct UnpackStore {
     }
     StoreLock lock;
     UnpackDirs dirs;
-    BundleRecord record; // removed, unless it is kept, while the lock is held
+    BundleRecord record; // what is not kept is removed while the lock is held
     StoreAhead ahead;
 };
 
