@@ -28,7 +28,7 @@ if(ZNC_INSTALL OR ZNC_BUILD_PROGRAMS)
     include(GNUInstallDirs)
 endif()
 
-# What AUTO means here. What is left out is said, with the reason.
+# znc_decide(OPTION WHAT POSSIBLE REASON): what AUTO means here. What is left out is said, with the reason.
 function(znc_decide OPTION WHAT POSSIBLE REASON)
     if(NOT ${OPTION} STREQUAL "AUTO")
         return()
@@ -39,12 +39,6 @@ function(znc_decide OPTION WHAT POSSIBLE REASON)
     set(${OPTION} ${POSSIBLE} PARENT_SCOPE)
 endfunction()
 
-if(NOT PROJECT_IS_TOP_LEVEL OR NOT ZNC_BUILD_PROGRAMS OR ZNC_LIBRARY_TYPE STREQUAL "STATIC")
-    znc_decide(ZNC_BUILD_TESTS "the tests" OFF "they need this project on top, its programs and the shared library")
-else()
-    find_package(GTest QUIET)
-    znc_decide(ZNC_BUILD_TESTS "the tests" "${GTest_FOUND}" "GoogleTest is not installed (Debian: libgtest-dev)")
-endif()
 if(NOT ZNC_BUILD_PROGRAMS OR NOT ZNC_INSTALL)
     znc_decide(ZNC_BUILD_MAN "the manual pages" OFF "they belong to the installed programs")
 else()
