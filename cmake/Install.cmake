@@ -19,6 +19,7 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
     ${PROJECT_SOURCE_DIR}/examples/embed.c
     ${PROJECT_SOURCE_DIR}/examples/embed.cpp
+    ${PROJECT_SOURCE_DIR}/examples/tutorial.c
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzncontainer-dev/examples COMPONENT dev)
 
 # For find_package(zncontainer) and the target zncontainer::zncontainer.

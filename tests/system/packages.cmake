@@ -18,6 +18,7 @@ if(NOT ZNC_SANITIZE)
     endfunction()
 
     znc_packages_test(packages_consumer SANDBOX)
+    znc_packages_test(packages_tutorial SANDBOX)
     if(ZNC_BUILD_MAN)
         znc_packages_test(packages_manual)
         znc_packages_test(packages_build SETUP packages_debs)
