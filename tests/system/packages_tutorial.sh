@@ -46,7 +46,7 @@ image() {
     umoci init --layout "$name" && umoci new --image "$name:latest" &&
         umoci raw add-layer --image "$name:latest" tree.tar &&
         umoci config --image "$name:latest" --os linux --architecture amd64 \
-            --config.entrypoint /bin/busybox "${arguments[@]}"
+            --config.workingdir / --config.entrypoint /bin/busybox "${arguments[@]}"
 }
 check 'an image is made' image image echo 'hello from inside'
 
