@@ -22,8 +22,8 @@ namespace {
 using znc::UniqueFd;
 
 // The kernel's namespaces that one of ours consists of, by type, besides that of the mounts.
-constexpr std::array<unsigned long, ZNNS_NUM_TYPES> kNamespaces = {
-    CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP};
+constexpr std::array<unsigned long, ZNNS_NUM_TYPES> kNamespaces = {CLONE_NEWPID | CLONE_NEWIPC |
+                                                                   CLONE_NEWUTS | CLONE_NEWCGROUP};
 constexpr int kSpareDescriptors = 16;
 constexpr std::int64_t kNsPerMillisecond = 1000000;
 
