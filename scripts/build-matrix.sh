@@ -6,6 +6,8 @@
 # shellcheck disable=SC2317 # rows are called by their names
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tests/support/checks.sh
+. tests/support/checks.sh
 source_dir=$PWD
 builds=$source_dir/build/matrix
 work=$(mktemp -d)
@@ -35,17 +37,6 @@ built() {
 library_built() {
     configured "$builds/$1" -DZNC_BUILD_PROGRAMS=OFF "${@:2}" && cmake --build "$builds/$1"
 }
-prints() {
-    local text=$1 printed
-    shift
-    printed=$("$@") || return
-    if [[ $printed != "$text" ]]; then
-        printf '%s printed: %s\n' "$*" "$printed"
-        return 1
-    fi
-}
-not() { ! "$@"; }
-
 # A warning of a compiler that we do not have keeps nobody from building.
 release() {
     built release -DCMAKE_BUILD_TYPE=Release && not grep -q -e '-Werror' "$builds/release/build.ninja"
@@ -76,9 +67,9 @@ static() {
         c++ -o "$work/static_cpp" "$consumer/consumer.cpp" "${flags[@]}" &&
         cmake -S "$consumer" -B "$work/static_cmake" -DCMAKE_PREFIX_PATH="$prefix" -DWANTED_VERSION=1 &&
         cmake --build "$work/static_cmake" &&
-        prints 'C: running' "$work/static_c" && prints 'C++: stopped' "$work/static_cpp" &&
-        prints 'C: running' "$work/static_cmake/consumer_c" &&
-        prints 'C++: stopped' "$work/static_cmake/consumer_cpp"
+        "$work/static_c" | grep -qx 'C: running' && "$work/static_cpp" | grep -qx 'C++: stopped' &&
+        "$work/static_cmake/consumer_c" | grep -qx 'C: running' &&
+        "$work/static_cmake/consumer_cpp" | grep -qx 'C++: stopped'
 }
 
 parent() {
@@ -92,7 +83,7 @@ embedded() {
         paste -sd .) || return
     rm -rf "$builds/embedded/CMakeCache.txt"
     parent embedded && cmake --build "$builds/embedded" &&
-        prints "$version" "$builds/embedded/parent/program" || return
+        [[ $("$builds/embedded/parent/program") == "$version" ]] || return
     cmake --install "$builds/embedded" --prefix "$work/embedded" || return
     installed=$(find "$work/embedded" -type f -printf '%P\n') && [[ $installed == bin/program ]] || return
     not grep -rl zncontainer "$builds/embedded/CPackConfig.cmake" || return
@@ -163,19 +154,13 @@ same_packages() {
 }
 
 [[ $# -gt 0 ]] || set -- "${rows[@]}"
-failed=0
+checked() { "$@" >"$work/row.log" 2>&1; }
+explain_failure() { tail -n 60 "$work/row.log"; }
 for row in "$@"; do
     if [[ " ${rows[*]} " != *" $row "* ]]; then
         printf 'usage: build-matrix.sh [--all] [ROW...], rows: %s\n' "${rows[*]}" >&2
         exit 64
     fi
-    start=$SECONDS
-    if "$row" >"$work/row.log" 2>&1; then
-        printf 'ok - builds: %s (%d s)\n' "$row" $((SECONDS - start))
-    else
-        printf 'not ok - builds: %s\n' "$row"
-        tail -n 60 "$work/row.log"
-        failed=1
-    fi
+    check "builds: $row" "$row"
 done
-exit "$failed"
+finish_checks

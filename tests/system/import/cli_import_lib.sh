@@ -3,8 +3,8 @@
 #
 # Temporary files of the import go to $work/spool, so that none of them can stay unnoticed.
 # shellcheck shell=bash disable=SC2034
-# shellcheck source=cli_lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
+# shellcheck source=../cli/cli_lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../cli/cli_lib.sh"
 
 tests=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export TMPDIR=$work/spool LC_ALL=C.UTF-8

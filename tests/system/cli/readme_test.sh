@@ -1,22 +1,12 @@
 #!/usr/bin/env bash
 # readme_test.sh README - the lines under "Try it" do what the README prints. Needs ZNCD and ZNCCTL.
 set -u
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 readme=${1:?the README}
 PATH=$(dirname "$ZNCCTL"):$PATH
 work=$(mktemp -d)
 cd "$work" || exit 1
-failed=0
-
-check() {
-    local name=$1
-    shift
-    if "$@"; then
-        printf 'ok - %s\n' "$name"
-    else
-        printf 'not ok - %s\n' "$name"
-        failed=1
-    fi
-}
 
 "$ZNCD" 2>zncd.log &
 daemon=$!
@@ -44,4 +34,4 @@ check 'it prints what the README shows' diff <(words printed) <(words said)
 kill "$daemon"
 check 'the daemon ends' wait "$daemon"
 cd / && rm -rf "$work"
-exit $failed
+finish_checks

@@ -2,20 +2,10 @@
 # source_arrows_test.sh DIR WORK - the folders of DIR use only what they may, and source_arrows.py notices
 # when they do not: it is given copies of the sources in which one thing is wrong.
 set -u
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 source=${1:?the source directory} work=${2:?a directory of its own}
-arrows=$source/tests/system/source_arrows.py
-failed=0
-
-check() {
-    local name=$1
-    shift
-    if "$@"; then
-        printf 'ok - %s\n' "$name"
-    else
-        printf 'not ok - %s\n' "$name"
-        failed=1
-    fi
-}
+arrows=$source/tests/system/rules/source_arrows.py
 
 copy() {
     rm -rf "$work" && mkdir -p "$work" &&
@@ -57,4 +47,4 @@ copy
 add '#include "cli/containers/container.hpp"' cli/images/sticky.cpp
 check 'folders that use each other' notices 'cli/containers -> cli/images -> cli/containers'
 rm -rf "$work"
-exit $failed
+finish_checks

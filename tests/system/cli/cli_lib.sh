@@ -1,16 +1,15 @@
-# cli_lib.sh - sourced by the cli_*.sh tests. Each check prints one line, "ok - NAME" or "not ok - NAME";
-# finish prints the sum and ends with 1 if any failed.
+# cli_lib.sh - sourced by the cli_*.sh tests.
 #
 # Needs ZNCCTL and ZNCD, the programs to test, and a sandbox: it starts daemons and makes mounts.
 # shellcheck shell=bash disable=SC2120,SC2119
 set -u
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 
 : "${ZNCCTL:?the zncctl to test}" "${ZNCD:?the zncd to test}"
 work=$(mktemp -d /tmp/cli-test.XXXXXX)
 export ZNC_BASE=$work/storage
 daemon=
-passed=0
-failed=0
 out='' err='' status=0
 # Programs in containers are recognised from outside by how long they sleep.
 mark=$((900000 + $$ % 90000))
@@ -25,19 +24,7 @@ run() {
     err=$(<"$work/err")
 }
 
-# check NAME COMMAND...: passes if the command succeeds.
-check() {
-    local name=$1
-    shift
-    if "$@"; then
-        passed=$((passed + 1))
-        printf 'ok - %s\n' "$name"
-    else
-        failed=$((failed + 1))
-        printf 'not ok - %s\n  failed: %s\n  last run: status %s\n  out: %s\n  err: %s\n' \
-            "$name" "$*" "$status" "$out" "$err"
-    fi
-}
+explain_failure() { printf '  last run: status %s\n  out: %s\n  err: %s\n' "$status" "$out" "$err"; }
 
 # expect NAME STATUS OUT ERR: the last run gave exactly these.
 expect() {
@@ -56,17 +43,6 @@ fails_with() {
     check "$1" test "$status/$out/$said" = "$2//$3"
 }
 
-# eventually COMMAND...: waits up to a minute for it to succeed.
-eventually() {
-    local end=$((SECONDS + 60))
-    while [[ $SECONDS -lt $end ]]; do
-        "$@" 2>/dev/null && return 0
-        sleep 0.05
-    done
-    return 1
-}
-
-not() { ! "$@"; }
 alive() { zncctl ping >/dev/null 2>&1; }
 
 start_daemon() {
@@ -140,7 +116,6 @@ overlay_mounts() { grep -c ' /overlay/' /proc/self/mountinfo; }
 finish() {
     [[ -n $daemon ]] && stop_daemon
     rm -rf "$work"
-    printf '%d passed, %d failed\n' "$passed" "$failed"
-    [[ $failed -eq 0 ]]
+    finish_checks
     exit
 }

@@ -1,18 +1,17 @@
-# images_lib.sh - sourced by the images_*.sh tests. Each check prints "ok - NAME" or "not ok - NAME";
-# finish prints the sum and ends with 1 if any failed.
+# images_lib.sh - sourced by the images_*.sh tests.
 #
 # Needs UNPACK_DRIVER, the program to test, and ZNC_TEST_CACHE, the directory where images_fixture.sh made
 # the layouts (or ZNC_TEST_CACHE_DEFAULT). What is unpacked goes to a directory beside them and away again.
 # shellcheck shell=bash
 set -euo pipefail
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 
 : "${UNPACK_DRIVER:?the program to test}"
 ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the layouts}}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 work=$(mktemp -d "$ZNC_TEST_CACHE/work.XXXXXX")
 export ZNC_BASE=$work/storage
-passed=0
-failed=0
 
 # A stack that is still mounted keeps its directories; it goes first.
 clean_up() {
@@ -24,20 +23,6 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# check NAME COMMAND...: passes if the command succeeds; its output is shown either way.
-check() {
-    local name=$1
-    shift
-    if "$@"; then
-        passed=$((passed + 1))
-        printf 'ok - %s\n' "$name"
-    else
-        failed=$((failed + 1))
-        printf 'not ok - %s\n  failed: %s\n' "$name" "$*"
-    fi
-}
-
-not() { ! "$@"; }
 driver() { "$UNPACK_DRIVER" "$@"; }
 
 # reference TAG: the image of that tag as umoci unpacks it; sets `expected`. The layouts hold the same
@@ -71,7 +56,4 @@ root_of() {
     python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["root"]["path"])' "$1/config.json"
 }
 
-finish() {
-    printf '%d passed, %d failed\n' "$passed" "$failed"
-    [[ $failed -eq 0 ]]
-}
+finish() { finish_checks; }

@@ -2,6 +2,8 @@
 # Layouts that umoci and skopeo wrote: what we say about an image is what they say, and where a blob or a size
 # in it was changed we refuse what umoci refuses. Needs UNPACK_DRIVER, umoci, skopeo and jq.
 set -euo pipefail
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 
 : "${UNPACK_DRIVER:?the program to test}"
 for tool in umoci skopeo jq; do
@@ -15,21 +17,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 export ZNC_BASE=$work/storage
-passed=0
-failed=0
 
-check() {
-    local name=$1
-    shift
-    if "$@"; then
-        passed=$((passed + 1))
-        printf 'ok - %s\n' "$name"
-    else
-        failed=$((failed + 1))
-        printf 'not ok - %s\n  failed: %s\n' "$name" "$*"
-    fi
-}
-not() { ! "$@"; }
 quietly() { "$@" >>log 2>&1; }
 
 make_layouts() {
@@ -149,5 +137,4 @@ for layout in made copied plain; do
     done
 done
 check 'nothing was stored' test ! -e "$ZNC_BASE"
-printf '%d passed, %d failed\n' "$passed" "$failed"
-[[ $failed -eq 0 ]]
+finish_checks

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_manual.sh - the manual pages: well-formed, complete, and what they say of prototypes, codes and
 # options is so.
-# shellcheck source=tests/system/packages_lib.sh
+# shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
 cd "$ZNC_BUILD_DIR/man"

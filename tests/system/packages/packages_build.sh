@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_build.sh - packs the build with cpack, as it is, and has lintian look at the packages. They are
 # left in the build's directory "debs" for the other tests.
-# shellcheck source=tests/system/packages_lib.sh
+# shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
 cd "$ZNC_BUILD_DIR"

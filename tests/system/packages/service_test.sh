@@ -4,8 +4,8 @@
 # RestrictNamespaces= refuses because a filter cannot see its flags. UNIT: zncd.service.in. Needs a
 # sandbox. See cli_lib.sh.
 # shellcheck disable=SC2317 # what is called by way of check
-# shellcheck source=tests/system/cli_lib.sh
-. "$(dirname "$0")/cli_lib.sh"
+# shellcheck source=tests/system/cli/cli_lib.sh
+. "$(dirname "$0")/../cli/cli_lib.sh"
 need strace
 need setpriv
 need systemd-analyze

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_consumer.sh - the installed library as others use it: headers by every standard, CMake's
 # find_package, pkg-config, and the examples, which are daemons. Needs a sandbox.
-# shellcheck source=tests/system/packages_lib.sh
+# shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
 prefix=$work/prefix

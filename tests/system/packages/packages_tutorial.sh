@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_tutorial.sh - docs/tutorial.md: its pieces are the example, and the example does what it says when it
 # is compiled against the installed library. Needs a sandbox.
-# shellcheck source=tests/system/packages_lib.sh
+# shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
 prefix=$work/prefix

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_install.sh - the packages in a clean Debian system without network: installed, used, installed
 # again and removed without a trace. Needs a sandbox, packages_build.sh and packages_fixture.sh.
-# shellcheck source=tests/system/packages_lib.sh
+# shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
 ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the images}}
