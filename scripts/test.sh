@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # test.sh [--quick|--all] - everything that must hold, from a bare Debian 12, as root: installs what it
-# needs, checks the sources, builds with both compilers, runs all tests, also under the sanitizers.
-# --quick leaves out the second compiler, the analysers, fuzzing and the sanitizers. --all tries
+# needs, checks the sources, builds with both compilers, runs all tests, also under the sanitizers, and
+# builds in the other ways that users do. --quick leaves out the second compiler, the analysers, the other
+# ways to build, fuzzing and the sanitizers. --all tries
 # every point where the other forms take samples (faults at system calls, kills, models) and fuzzes for
 # ten minutes per target: hours. The last line is "N passed, N failed, N skipped", summed over all runs; a
 # failed step counts as a failed test.
@@ -50,10 +51,12 @@ begin() {
 }
 begin_beside() { niceness=19 begin "$@"; }
 
+# What the step printed is shown when it failed; of its rows, always which passed.
 finish() {
     ok=
     if wait "$begun_pid"; then
         ok=1
+        grep '^ok - ' "$begun_log" || [[ $? -eq 1 ]]
         printf 'ok - %s (%d s)\n' "$begun" $((SECONDS - begun_at))
     else
         printf 'not ok - %s\n' "$begun"
@@ -81,6 +84,13 @@ shell_scripts() {
 
 configured_and_built() {
     cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"
+}
+
+analysed_and_built_otherwise() {
+    local good=1
+    scripts/analyse.sh || good=
+    scripts/build-matrix.sh ${all:+--all} || good=
+    [[ -n $good ]]
 }
 
 # suite PRESET: runs all tests of a build and adds up what they say.
@@ -126,7 +136,7 @@ else
     if [[ -n $built ]]; then suite asan-ubsan; fi
     finish
     built=$ok
-    begin_beside 'the analysers have no findings' scripts/analyse.sh
+    begin_beside 'the analysers find nothing, and every way to build works' analysed_and_built_otherwise
     if [[ -n $built ]]; then suite tsan; fi
     finish
     export FUZZ_PRESET=asan-ubsan

@@ -24,7 +24,7 @@
 extern "C" {
 #endif
 
-/* The kinds of namespaces there are. Every namespace is of the one kind; no call takes it. */
+/* The types of namespaces; the platform says what one of each consists of. There is one so far. */
 typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /* A new namespace, or -1 with the task error number set. `flags` has no meaning on Linux. */
