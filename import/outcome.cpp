@@ -1,6 +1,6 @@
 #include "outcome.hpp"
 
-#include "digest.hpp"
+#include "front/digest.hpp"
 
 #include <algorithm>
 

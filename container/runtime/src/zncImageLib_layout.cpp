@@ -2,8 +2,8 @@
 // configuration and layer descriptor that the index leads to; chooses a manifest.
 #include "zncImageLib.hpp"
 
+#include "base/file.hpp"
 #include "cJSON_Additions.h"
-#include "zncFile.hpp"
 #include "zncProgress.hpp"
 #include "zncUnpackStore.hpp"
 #include "zncWorkAhead.hpp"
