@@ -12,8 +12,9 @@ constexpr std::string_view kDigits = "0123456789abcdef";
 
 namespace znc {
 
-std::optional<DigestAlgorithm> digest_algorithm(std::string_view name) noexcept
+std::optional<DigestAlgorithm> digest_algorithm(std::string_view text) noexcept
 {
+    const std::string_view name = text.substr(0, text.find(':'));
     if (name == "sha256")
         return DigestAlgorithm::kSha256;
     if (name == "sha512")

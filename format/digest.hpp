@@ -15,8 +15,9 @@ namespace znc {
 
 enum class DigestAlgorithm : unsigned char { kSha256, kSha512 };
 
-// The algorithm that digests name "sha256" or "sha512", in lower case.
-std::optional<DigestAlgorithm> digest_algorithm(std::string_view name) noexcept;
+// The algorithm of a digest as text: what stands before its colon, or all of it, is "sha256" or
+// "sha512".
+std::optional<DigestAlgorithm> digest_algorithm(std::string_view text) noexcept;
 
 // "sha256:" and 64 hexadecimal digits in lower case, or "sha512:" and 128: what may become the name
 // of a file.

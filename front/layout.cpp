@@ -1,6 +1,6 @@
 #include "layout.hpp"
 
-#include "digest.hpp"
+#include "blob.hpp"
 #include "files.hpp"
 #include "output.hpp"
 
@@ -51,7 +51,7 @@ class LayoutReader {
     // The same of a blob, whose size and content must be what the descriptor says.
     Json blob(const Descriptor& descriptor, std::string& problem)
     {
-        if (!is_digest(descriptor.digest)) {
+        if (!znc::is_digest(descriptor.digest)) {
             problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
             return nullptr;
         }
@@ -62,7 +62,7 @@ class LayoutReader {
         else if (static_cast<double>(text->size()) != descriptor.size)
             problem = fmt::format("blob {} has {} bytes, not {:.0f}", digest, text->size(),
                                   descriptor.size);
-        else if (digest_of(digest.substr(0, digest.find(':')), *text) != digest)
+        else if (!has_digest(*text, digest))
             problem = fmt::format("blob {} has another content", digest);
         else
             return parse(*text, "blob " + digest, problem);
@@ -93,7 +93,7 @@ Image image_of_entry(const cJSON* entry)
 {
     Image image;
     image.manifest = descriptor_of(entry);
-    if (!is_digest(image.manifest.digest))
+    if (!znc::is_digest(image.manifest.digest))
         throw Refusal(fmt::format("index.json: \"{}\" is not a digest", image.manifest.digest));
     image.tag = text_of_any_case(any_case_member(entry, "annotations"), kRefName);
     const cJSON* platform = any_case_member(entry, "platform");
@@ -120,7 +120,7 @@ Image image_of(LayoutReader& reader, const cJSON* entry)
     cJSON_ArrayForEach(layer, any_case_member(manifest.get(), "layers"))
     {
         image.layers.push_back(descriptor_of(layer));
-        if (problem.empty() && !is_digest(image.layers.back().digest))
+        if (problem.empty() && !znc::is_digest(image.layers.back().digest))
             problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
     }
     if (manifest != nullptr)
@@ -185,7 +185,7 @@ ImageName split_image_name(const std::string& text)
 
 std::string blob_path(const std::string& layout, const std::string& digest)
 {
-    if (!is_digest(digest))
+    if (!znc::is_digest(digest))
         return "";
     const std::size_t colon = digest.find(':');
     return fmt::format("{}/blobs/{}/{}", layout, digest.substr(0, colon), digest.substr(colon + 1));

@@ -1,6 +1,6 @@
 #include "layer_check.hpp"
 
-#include "front/digest.hpp"
+#include "format/digest.hpp"
 #include "layer_reader.hpp"
 
 #include <fmt/format.h>
@@ -15,7 +15,7 @@ class LayerCheck {
   public:
     LayerCheck(const std::string& path, std::string diff_id)
         : source_(path), diff_id_(std::move(diff_id)),
-          digest_(diff_id_.empty() ? "sha256" : diff_id_.substr(0, diff_id_.find(':')))
+          digest_(znc::digest_algorithm(diff_id_).value_or(znc::DigestAlgorithm::kSha256))
     {
     }
 
@@ -50,7 +50,7 @@ class LayerCheck {
         }
         if (source_.torn())
             refuse("its length is no multiple of 512 bytes");
-        else if (!diff_id_.empty() && digest_ && digest_.text() != diff_id_)
+        else if (znc::digest_algorithm(diff_id_) && digest_.text().view() != diff_id_)
             refuse("its content is not what the image's configuration says");
     }
 
@@ -212,7 +212,7 @@ class LayerCheck {
 
     LayerReader source_;
     std::string diff_id_;
-    Digest digest_;
+    znc::Digest digest_;
     std::map<std::string, Kind> tree_;
     std::vector<Finding> findings_;
     std::string name_;

@@ -5,7 +5,7 @@ if(NOT ZNC_SANITIZE)
         ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/ledger.cpp)
     target_include_directories(crashat PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
-    target_link_libraries(crashat PRIVATE znc_flags zncontainer mbedcrypto)
+    target_link_libraries(crashat PRIVATE znc_flags zncontainer ${MBEDCRYPTO})
     set(CRASHAT_SAMPLE_kill 50) # of each operation
     set(CRASHAT_SAMPLE_errno 16)
     foreach(MODE kill errno)
@@ -22,7 +22,7 @@ if(NOT ZNC_SANITIZE)
     add_executable(store_kill_test store_kill_test.cpp crashat_tracer.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp)
     target_include_directories(store_kill_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
-    target_link_libraries(store_kill_test PRIVATE znc_flags zncontainer mbedcrypto GTest::gtest_main)
+    target_link_libraries(store_kill_test PRIVATE znc_flags zncontainer ${MBEDCRYPTO} GTest::gtest_main)
     add_test(NAME store_kill_test COMMAND znc_sandbox -- $<TARGET_FILE:store_kill_test>)
     set_tests_properties(store_kill_test PROPERTIES TIMEOUT 600)
 endif()
