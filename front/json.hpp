@@ -3,6 +3,8 @@
 #ifndef ZNC_FRONT_JSON_HPP
 #define ZNC_FRONT_JSON_HPP
 
+#include "format/names.hpp"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,7 +29,7 @@ Json parse_json(std::string_view text, std::string* where = nullptr);
 std::optional<std::string> duplicate_key(const cJSON* item, bool annotations_may_repeat = false);
 
 // The annotation that names an image in an index.
-inline constexpr const char* kRefName = "org.opencontainers.image.ref.name";
+using znc::kRefName;
 
 // Indented by two blanks, with one blank behind each colon.
 std::string pretty(const cJSON* item);

@@ -131,7 +131,7 @@ STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
     return compose(root, "rootfs", "") ? OK : ERROR;
 }
 
-// The configuration comes last: once it is there, the bundle is whole and on the medium.
+// The configuration comes last: once it is there, the bundle is whole and on disk.
 STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* root, char* path)
 {
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
