@@ -145,7 +145,10 @@ void* empty_main(void* /*unused*/)
 bool start_emptying()
 {
     pthread_t task;
-    return znc::start_task(&task, empty_main, nullptr) && ::pthread_detach(task) == 0;
+    if (!znc::start_task(&task, empty_main, nullptr))
+        return false;
+    ::pthread_detach(task);
+    return true;
 }
 
 } // namespace
