@@ -113,7 +113,7 @@ void progress_follow(const std::atomic<std::uint64_t>& position) noexcept
 void progress_at(std::uint64_t position) noexcept
 {
     // At the end comes the report of the whole layer, once it is extracted.
-    if (listening() && position > 0 && position < current.total)
+    if (listening() && position > current.done && position < current.total)
         tell(position);
     else if (!listening() && written_down != nullptr)
         *written_down = position;
