@@ -4,7 +4,7 @@
 
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 #include "zncWorkAhead.hpp"
 
 #include "zarnel/path_trust.h"

@@ -79,6 +79,12 @@ STATUS znFsSync(const char* path);
 /* Have the names in the directory `path` on disk: what was made, renamed, removed in it. */
 STATUS znDirSync(const char* path);
 
+/*
+ * Write a path under which this process can open the file behind the descriptor `fd` anew, whatever
+ * name the file has by then, to `path`, cut to `size` bytes (64 are enough). Never fails.
+ */
+void znDescriptorPath(int fd, char* path, size_t size);
+
 /* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);
 
