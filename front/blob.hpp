@@ -18,11 +18,8 @@ std::string digest_of(std::string_view bytes);
 bool has_digest(std::string_view bytes, std::string_view digest);
 
 // Whether an open blob has another size than is said of it, which costs nothing to see: one that
-// its owner made of holes takes years to read. "" if it has not, or nothing (-1) is said.
+// its owner made of holes takes years to read. Nothing said (-1) is another size. "" if it has not.
 std::string size_problem(int blob, const std::string& digest, double size);
-
-// What is wrong with a blob: it is missing or of another content. "" if nothing is.
-std::string blob_problem(const std::string& path, const std::string& digest);
 
 } // namespace zncctl
 

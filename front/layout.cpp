@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <set>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -55,13 +56,18 @@ class LayoutReader {
             problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
             return nullptr;
         }
-        const auto text = read_file(blob_path(layout_, descriptor.digest));
         const std::string& digest = descriptor.digest;
+        const znc::UniqueFd file = open_regular(blob_path(layout_, digest));
+        if (file) {
+            const std::string size = size_problem(file.get(), digest, descriptor.size);
+            if (!size.empty()) {
+                problem = size;
+                return nullptr;
+            }
+        }
+        const auto text = file ? read_file(descriptor_path(file.get())) : std::nullopt;
         if (!text)
             problem = fmt::format("blob {}: {}", digest, read_error_text());
-        else if (static_cast<double>(text->size()) != descriptor.size)
-            problem = fmt::format("blob {} has {} bytes, not {:.0f}", digest, text->size(),
-                                  descriptor.size);
         else if (!has_digest(*text, digest))
             problem = fmt::format("blob {} has another content", digest);
         else
@@ -200,6 +206,28 @@ try {
     if (refused != nullptr)
         *refused = true;
     return std::nullopt;
+}
+
+std::string size_problem(const std::string& layout, const std::vector<Image>& images)
+{
+    std::set<std::pair<std::string_view, double>> seen; // images share blobs
+    const auto problem_of = [&](const Descriptor& blob) -> std::string {
+        if (!znc::is_digest(blob.digest) || !seen.emplace(blob.digest, blob.size).second)
+            return "";
+        const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
+        return file ? size_problem(file.get(), blob.digest, blob.size) : "";
+    };
+    for (const Image& image : images) {
+        std::string problem = problem_of(image.manifest);
+        if (problem.empty())
+            problem = problem_of(image.config);
+        for (auto layer = image.layers.begin(); problem.empty() && layer != image.layers.end();
+             ++layer)
+            problem = problem_of(*layer);
+        if (!problem.empty())
+            return problem;
+    }
+    return "";
 }
 
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,

@@ -103,13 +103,16 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
     if (image == nullptr || !image->problem.empty()) {
-        static_cast<void>(image == nullptr ? no_such_image(wanted)
-                                           : refuse_layout(wanted, image->problem, false));
+        // The library would read a file of another size to its end.
+        const std::string size = size_problem(layout, *images);
+        static_cast<void>(!size.empty()      ? failure(layout, size)
+                          : image == nullptr ? no_such_image(wanted)
+                                             : refuse_layout(wanted, image->problem, false));
         return std::nullopt;
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"), "");
+            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -133,13 +136,9 @@ void say_notes(const Wanted& wanted, const Chosen& chosen)
 // but the layers, of which it compares the digests.
 class Unpacking {
   public:
-    Unpacking(const Arguments& args, const Wanted& wanted, const Chosen& chosen)
+    Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
-          sticky_(sticky_directories(layers_.paths())),
-          layout_(bundle_area(), chosen.image, layers_,
-                  settle_configuration(chosen.image.config_document.get(),
-                                       args.has("allow-image-mounts"), sticky_)
-                      .document.get())
+          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document.get())
     {
     }
 
@@ -147,16 +146,16 @@ class Unpacking {
     STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
     {
         const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
+        StickyDirectories sticky;
         zncUnpackProgressSet(progress.listener(), progress.context());
         STATUS status = call_library([&] {
-            return zncUnpack(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr);
+            return zncUnpackDirs(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr,
+                                 &StickyDirectories::heard, &sticky);
         });
         int error = errno;
         zncUnpackProgressSet(nullptr, nullptr);
         progress.end();
-        // A root of the bundle's own is no container's yet.
-        if (status == OK && zncOvlFsAvailable() == FALSE &&
-            !set_sticky(bundle + "/rootfs", sticky_)) {
+        if (status == OK && !keep_sticky(bundle, sticky.text())) {
             status = ERROR;
             error = errno;
         }
@@ -181,9 +180,15 @@ class Unpacking {
     }
 
   private:
+    // A root of the bundle's own is no container's yet.
+    static bool keep_sticky(const std::string& bundle, const std::string& directories)
+    {
+        return annotate_sticky(bundle, directories) &&
+               (zncOvlFsAvailable() != FALSE || set_sticky(bundle + "/rootfs", directories));
+    }
+
     const Wanted& wanted_;
     LayerFiles layers_;
-    std::string sticky_;
     PrivateLayout layout_;
 };
 
@@ -216,7 +221,7 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
         return kExitFailure;
     say_notes(wanted, *chosen);
     try {
-        return Unpacking(args, wanted, *chosen).unpack_or_say(bundle, option, progress);
+        return Unpacking(wanted, *chosen).unpack_or_say(bundle, option, progress);
     } catch (const std::runtime_error& error) {
         return failure(wanted.image.layout, error.what());
     }
@@ -289,7 +294,7 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
         if (shared && is_complete(bundle))
             return bundle;
         // Everything of the image's layout is opened before anybody has to wait for this process.
-        const Unpacking unpacking(args, wanted, *chosen);
+        const Unpacking unpacking(wanted, *chosen);
         const BundleLock lock(area, name);
         if ((shared && is_complete(bundle)) ||
             unpack_bundle(args, wanted, unpacking, bundle, shared))

@@ -203,6 +203,13 @@ const char* zncDefaultTag()
 STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                       unsigned int option, const ZNC_BUNDLE_ATTR* pAttr)
 {
+    return zncUnpackDirs(bundlePath, ociPath, tag, option, pAttr, nullptr, nullptr);
+}
+
+STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
+                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
+                     void* context)
+{
     if (bundlePath == nullptr || ociPath == nullptr)
         return fail(EINVAL);
     const int type = zncImageRootfsTypeVerify(option);
@@ -216,7 +223,7 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     const znc::OciImagePtr image(zncImageInfoCreate());
     if (!image)
         return ERROR;
-    znc::UnpackStore store(os, arch, name, stored_layers_max(type));
+    znc::UnpackStore store(os, arch, name, stored_layers_max(type), func, context);
     image->store = &store;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
@@ -224,7 +231,10 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     image->manifestsIndex = zncImageFindManifest(image.get(), os, arch, name);
     if (image->manifestsIndex < 0)
         return ERROR;
-    return zncImageGenerateBundle(image.get(), bundlePath, type);
+    if (zncImageGenerateBundle(image.get(), bundlePath, type) != OK)
+        return ERROR;
+    store.dirs.tell();
+    return OK;
 }
 
 STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int rootfsType)
