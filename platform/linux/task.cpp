@@ -6,6 +6,7 @@
 
 #include <linux/ioprio.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -47,6 +48,18 @@ void znTaskBackgroundSet(void)
     const pid_t self = gettid(); // on Linux these concern the thread
     setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
     syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
+}
+
+size_t znTaskProcessors(void)
+{
+    const znc::ErrnoSaver keep;
+    // The processors that the machine has are more than a cpuset or an affinity may allow. A set
+    // that is too small for the kernel's fails with EINVAL: there are then more than enough.
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+        return static_cast<size_t>(CPU_COUNT(&allowed));
+    const long online = errno == EINVAL ? sysconf(_SC_NPROCESSORS_ONLN) : 1;
+    return online > 0 ? static_cast<size_t>(online) : 1;
 }
 
 void znTaskStopFdSet(int fd)

@@ -30,6 +30,9 @@ void znTaskUnsafe(void);
  */
 void znTaskBackgroundSet(void);
 
+/* How many processors the calling task may run on; 1 when that cannot be told. Keeps errno. */
+size_t znTaskProcessors(void);
+
 /*
  * Name the descriptor that asks the calling task to stop (-1: none, the default).
  * Once it is readable, a queue receive of this task that may wait fails with
