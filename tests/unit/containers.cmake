@@ -4,6 +4,8 @@ set(CONTAINERS_SUPPORT ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
 
 znc_unit_test(zncRuntimeSpec_test SOURCES ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
               WRAP malloc calloc realloc strdup)
+znc_unit_test(zncRuntimeSpec_check_test SOURCES ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp
+              WRAP malloc calloc realloc strdup)
 znc_unit_test(zncContextIndex_test NO_SANDBOX)
 znc_unit_test(zncContainerLib_test SOURCES ${CONTAINERS_SUPPORT} WRAP malloc calloc realloc strdup)
 znc_unit_test(zncContainerLib_rootfs_test SOURCES ${CONTAINERS_SUPPORT} WRAP malloc calloc realloc strdup)

@@ -1,5 +1,6 @@
 // Making a container: from a bundle directory to an entry of the registry.
 #include "zncContainerLib.hpp"
+#include "zncRuntimeSpec_members.hpp"
 
 #include "zarnel/fs.h"
 
@@ -19,11 +20,6 @@ struct ContextRollback {
     }
 };
 using NewContext = std::unique_ptr<CONTAINER_CTX, ContextRollback>;
-
-bool is_missing(const char* text)
-{
-    return text == nullptr || text[0] == '\0';
-}
 
 STATUS check_conflicts(const char* containerId, const char* bundlePath)
 {
@@ -61,11 +57,12 @@ STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
 STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
 {
     CONTAINER_STATE& state = ctx->state;
-    if (is_missing(ctx->pConfig->version))
+    const char* const version = ctx->pConfig->version;
+    if (!znc::is_spec_path(version))
         return fail_with(S_zncLib_OCI_VERSION_INVALID);
-    char* const ver_end = state.ver + sizeof state.ver;
-    if (znc::copy_end(state.ver, ver_end, ctx->pConfig->version) == ver_end)
+    if (!znc::is_spec_version(version))
         return fail_with(EINVAL);
+    znc::copy_end(state.ver, state.ver + sizeof state.ver, version);
     // One character less than a valid id may have is kept.
     znc::copy_end(state.containerId, state.containerId + sizeof state.containerId, containerId);
     return OK;
@@ -73,12 +70,12 @@ STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
 
 STATUS check_config(const runtimeSpecConfig& config)
 {
-    if (config.root == nullptr || is_missing(config.root->path))
+    if (config.root == nullptr || !znc::is_spec_path(config.root->path))
         return fail_with(S_zncLib_OCI_ROOT_INVALID);
     const runtimeSpecConfigProcess* const process = config.process;
-    if (process == nullptr || is_missing(process->cwd) || !pathIsSep(process->cwd[0]))
+    if (process == nullptr || !znc::is_spec_absolute_path(process->cwd))
         return fail_with(S_zncLib_OCI_CWD_INVALID);
-    if (is_missing(process->args[0]))
+    if (!znc::is_spec_path(process->args[0]))
         return fail_with(S_zncLib_OCI_ARG_INVALID);
     return OK;
 }
