@@ -8,6 +8,7 @@
 #include <array>
 #include <filesystem>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace zncctl {
 namespace {
@@ -71,18 +72,15 @@ std::vector<Process> processes_in(const std::string& pid_namespace)
 
 std::string json(const std::vector<Process>& processes)
 {
-    const Json list(cJSON_CreateArray());
-    for (const Process& process : processes) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_number(entry, "pid", to_number<int>(process.pid).value_or(0));
-        add_number(entry, "containerPid", to_number<int>(process.inner_pid).value_or(0));
-        add_number(entry, "parent", to_number<int>(process.parent).value_or(0));
-        add_text(entry, "state", process.state.substr(0, 1));
-        add_number(entry, "memoryKb", to_number<int>(process.memory).value_or(0));
-        add_text(entry, "command", process.command);
-    }
-    return compact(list.get());
+    Json list = Json::array();
+    for (const Process& process : processes)
+        list.push_back({{"pid", to_number<int>(process.pid).value_or(0)},
+                        {"containerPid", to_number<int>(process.inner_pid).value_or(0)},
+                        {"parent", to_number<int>(process.parent).value_or(0)},
+                        {"state", process.state.substr(0, 1)},
+                        {"memoryKb", to_number<int>(process.memory).value_or(0)},
+                        {"command", process.command}});
+    return compact(list);
 }
 
 } // namespace

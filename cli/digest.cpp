@@ -64,14 +64,14 @@ std::string Digest::text()
     return result;
 }
 
-std::string size_problem(int blob, const std::string& digest, double size)
+std::string size_problem(int blob, const std::string& digest, std::int64_t size)
 {
     struct stat st = {};
     if (::fstat(blob, &st) != 0)
         return fmt::format("blob {}: {}", digest, error_text());
-    if (size < 0 || static_cast<double>(st.st_size) == size)
+    if (size < 0 || st.st_size == size)
         return "";
-    return fmt::format("blob {} has {} bytes, not {:.0f}", digest, st.st_size, size);
+    return fmt::format("blob {} has {} bytes, not {}", digest, st.st_size, size);
 }
 
 std::string blob_problem(const std::string& path, const std::string& digest)

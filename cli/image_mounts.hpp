@@ -2,8 +2,6 @@
 #ifndef ZNCCTL_IMAGE_MOUNTS_HPP
 #define ZNCCTL_IMAGE_MOUNTS_HPP
 
-#include "json.hpp"
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,7 +24,7 @@ struct ImageMount {
 };
 
 // As the library reads a key of "Volumes".
-ImageMount read_mount(const char* key);
+ImageMount read_mount(const std::string& key);
 
 // "the host's /a at /b"
 std::string text_of_mount(const ImageMount& mount);

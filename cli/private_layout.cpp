@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
-#include <new>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -45,28 +44,9 @@ void sweep(const std::string& area)
     }
 }
 
-Json descriptor(const std::string& media_type, const std::string& digest, double size)
+Json descriptor(const std::string& media_type, const std::string& digest, std::int64_t size)
 {
-    Json object(cJSON_CreateObject());
-    add_text(object.get(), "mediaType", media_type);
-    add_text(object.get(), "digest", digest);
-    add_number(object.get(), "size", size);
-    return object;
-}
-
-cJSON* put_array(cJSON* object, const char* key)
-{
-    cJSON* array = cJSON_AddArrayToObject(object, key);
-    if (array == nullptr)
-        throw std::bad_alloc();
-    return array;
-}
-
-void put(cJSON* array, Json item)
-{
-    if (cJSON_AddItemToArray(array, item.get()) == 0)
-        throw std::bad_alloc();
-    static_cast<void>(item.release());
+    return {{"mediaType", media_type}, {"digest", digest}, {"size", size}};
 }
 
 } // namespace
@@ -91,7 +71,7 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 }
 
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
-                             const cJSON* configuration)
+                             const Json& configuration)
 {
     // A process makes one at a time, and holds the lock of this one before anybody may sweep.
     const znc::UniqueFd all(::open(area.c_str(), kDirFlags));
@@ -121,32 +101,28 @@ PrivateLayout::~PrivateLayout()
 }
 
 void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
-                         const cJSON* configuration) const
+                         const Json& configuration) const
 {
     for (const char* name : {"blobs", "blobs/sha256", "blobs/sha512"})
         if (::mkdirat(dir_.get(), name, 0700) != 0)
             fail(path_);
-    Json manifest(cJSON_CreateObject());
-    add_number(manifest.get(), "schemaVersion", 2);
-    Json config = add_blob(image.config.media_type, compact(configuration));
-    if (cJSON_AddItemToObject(manifest.get(), "config", config.get()) == 0)
-        throw std::bad_alloc();
-    static_cast<void>(config.release());
-    cJSON* const list = put_array(manifest.get(), "layers");
+    Json list = Json::array();
     const std::vector<std::string>& files = layers.paths();
     for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
-        put(list, descriptor(layer.media_type, layer.digest, layer.size));
+        list.push_back(descriptor(layer.media_type, layer.digest, layer.size));
         // A layer may be there twice.
         if (::symlinkat(files[i].c_str(), dir_.get(), blob_name(layer.digest).c_str()) != 0 &&
             errno != EEXIST)
             fail(path_);
     }
-    const Json index(cJSON_CreateObject());
-    add_number(index.get(), "schemaVersion", 2);
-    put(put_array(index.get(), "manifests"),
-        add_blob(image.manifest.media_type, compact(manifest.get())));
-    write("index.json", compact(index.get()));
+    const Json manifest = {{"schemaVersion", 2},
+                           {"config", add_blob(image.config.media_type, compact(configuration))},
+                           {"layers", std::move(list)}};
+    const Json index = {
+        {"schemaVersion", 2},
+        {"manifests", Json::array({add_blob(image.manifest.media_type, compact(manifest))})}};
+    write("index.json", compact(index));
     write("oci-layout", R"({"imageLayoutVersion": "1.0.0"})");
 }
 
@@ -154,7 +130,7 @@ Json PrivateLayout::add_blob(const std::string& media_type, const std::string& b
 {
     const std::string digest = digest_of("sha256", bytes);
     write(blob_name(digest), bytes);
-    return descriptor(media_type, digest, static_cast<double>(bytes.size()));
+    return descriptor(media_type, digest, static_cast<std::int64_t>(bytes.size()));
 }
 
 void PrivateLayout::write(const std::string& name, const std::string& text) const

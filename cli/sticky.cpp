@@ -1,5 +1,6 @@
 #include "sticky.hpp"
 
+#include "config_check.hpp"
 #include "container_id.hpp"
 #include "escape.hpp"
 #include "files.hpp"
@@ -8,6 +9,7 @@
 #include "layer_reader.hpp"
 
 #include <cerrno>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "zarnel/fs.h"
@@ -92,8 +94,8 @@ bool restore_sticky(const std::string& id, const std::string& bundle)
     if (zncOvlFsAvailable() == FALSE)
         return true;
     const auto text = read_file(bundle + "/config.json");
-    const Json config = text ? parse_json(*text) : nullptr;
-    const cJSON* annotations = any_case_member(config.get(), "annotations");
+    const auto config = text ? parse_config(*text) : std::nullopt;
+    const Json* annotations = config ? any_case_member(*config, "annotations") : nullptr;
     const std::string directories = text_of(annotations, kStickyAnnotation);
     return directories.empty() || set_sticky(kOverlayDir + kept_id(id), directories);
 }

@@ -109,7 +109,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"), "");
+            settle_configuration(image->config_document, args.has("allow-image-mounts"), "");
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -137,9 +137,9 @@ class Unpacking {
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
           sticky_(sticky_directories(layers_.paths())),
           layout_(bundle_area(), chosen.image, layers_,
-                  settle_configuration(chosen.image.config_document.get(),
-                                       args.has("allow-image-mounts"), sticky_)
-                      .document.get())
+                  settle_configuration(chosen.image.config_document, args.has("allow-image-mounts"),
+                                       sticky_)
+                      .document)
     {
     }
 
