@@ -1,7 +1,8 @@
 // zncctl - containers and images from the command line.
-#include "output.hpp"
-#include "parse.hpp"
-#include "usage.hpp"
+#include "cli/commands/commands.hpp"
+#include "front/output.hpp"
+#include "front/parse.hpp"
+#include "front/usage.hpp"
 
 #include <cstdio>
 #include <exception>

@@ -8,10 +8,10 @@
 #include <string>
 #include <sys/file.h>
 
+#include "base/owned.hpp"
 #include "zarnel/msgq.h"
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"
-#include "zarnel/owned.hpp"
 
 #include "zncTrash.hpp"
 #include "zncprotocol.h"

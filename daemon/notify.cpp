@@ -1,8 +1,8 @@
 #include "notify.hpp"
 
+#include "base/owned.hpp"
 #include "log.hpp"
 #include "zarnel/fs.h"
-#include "zarnel/owned.hpp"
 
 #include <array>
 #include <cstddef>

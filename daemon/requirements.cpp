@@ -37,7 +37,7 @@ std::vector<znRequirement> requirements(std::string& fault)
     fault = base_fault();
     const bool root = ::geteuid() == 0;
     const bool dir =
-        ::access(kRuntimeDir, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
+        ::access(ZN_RUNTIME_DIR, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
     std::vector<znRequirement> all = {
         {"root", "namespaces and mounts are root's", TRUE, root ? TRUE : FALSE},
         {"a runtime directory that can be written (/run/zarnel)", "the lock could not be taken",

@@ -23,9 +23,9 @@ constexpr long kLockPauseNs = 2000000;
 // Nobody else's directory, and no link to one, may stand in for it.
 znc::UniqueFd open_runtime_dir()
 {
-    if (::mkdir(kRuntimeDir, 0700) != 0 && errno != EEXIST)
+    if (::mkdir(ZN_RUNTIME_DIR, 0700) != 0 && errno != EEXIST)
         return {};
-    znc::UniqueFd dir(::open(kRuntimeDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    znc::UniqueFd dir(::open(ZN_RUNTIME_DIR, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st = {};
     if (!dir || ::fstat(dir.get(), &st) != 0)
         return {};
@@ -59,7 +59,8 @@ znc::UniqueFd open_lock(znc::UniqueFd& dir)
     if (lock || errno != ENOSPC)
         return lock;
     log(Level::kWarning,
-        "%s is full: no lock file; containers cannot be created until there is room", kRuntimeDir);
+        "%s is full: no lock file; containers cannot be created until there is room",
+        ZN_RUNTIME_DIR);
     return std::move(dir);
 }
 
@@ -82,13 +83,13 @@ void write_own_identity(int dir, int lock, const char* version)
     if (::ftruncate(lock, 0) != 0 ||
         ::pwrite(lock, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         static_cast<void>(::ftruncate(lock, 0) == 0); // no half a number
-        log(Level::kWarning, "%s/%s cannot be written: the file system is full", kRuntimeDir,
+        log(Level::kWarning, "%s/%s cannot be written: the file system is full", ZN_RUNTIME_DIR,
             kLockName);
     }
     if (znDaemonInfoWrite(dir, version) != OK) {
         std::array<char, 256> reason{};
         znErrorText(errno, reason.data(), reason.size());
-        log(Level::kWarning, "%s/%s cannot be written: %s", kRuntimeDir, ZN_DAEMON_FILE,
+        log(Level::kWarning, "%s/%s cannot be written: %s", ZN_RUNTIME_DIR, ZN_DAEMON_FILE,
             reason.data());
     }
 }
@@ -99,7 +100,7 @@ znc::UniqueFd take_lock(const char* version)
 {
     znc::UniqueFd dir = open_runtime_dir();
     if (!dir) {
-        log_errno(kRuntimeDir);
+        log_errno(ZN_RUNTIME_DIR);
         return {};
     }
     znc::UniqueFd lock = open_lock(dir);

@@ -3,7 +3,7 @@
 #ifndef ZNCD_STOP_SIGNALS_HPP
 #define ZNCD_STOP_SIGNALS_HPP
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 namespace zncd {
 

@@ -1,9 +1,9 @@
 #include "confine.hpp"
 
-#include "failure.hpp"
-#include "files.hpp"
+#include "front/files.hpp"
+#include "import/source/failure.hpp"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #include "convert.hpp"
 
-#include "directory_tree.hpp"
-#include "files.hpp"
+#include "front/files.hpp"
+#include "import/merge/directory_tree.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -2,11 +2,11 @@
 
 #include "confine.hpp"
 #include "convert.hpp"
-#include "documents.hpp"
-#include "escape.hpp"
-#include "files.hpp"
-#include "layout.hpp"
-#include "layout_writer.hpp"
+#include "front/escape.hpp"
+#include "front/files.hpp"
+#include "front/layout.hpp"
+#include "import/output/layout_writer.hpp"
+#include "import/source/documents.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,8 @@
 // zncctl-import - executed by `zncctl import`, with the words behind that command's name.
+#include "front/import_command.hpp"
+#include "front/parse.hpp"
+#include "front/usage.hpp"
 #include "import.hpp"
-#include "parse.hpp"
-#include "usage.hpp"
 
 #include <clocale>
 #include <cstdio>
@@ -19,9 +20,7 @@ int bad_usage(const zncctl::Command& command, std::string_view problem)
 
 int run(std::span<char* const> words)
 {
-    char name[] = "import";
-    char* const command_name[] = {name};
-    const zncctl::Command& command = *zncctl::find_command(command_name).command;
+    const zncctl::Command command = zncctl::import_command(nullptr);
     const zncctl::Parsed parsed = zncctl::parse(command, words);
     if (parsed.help)
         return zncctl::print_result(zncctl::help_text(command));

@@ -1,6 +1,6 @@
 #include "options.hpp"
 
-#include "layout.hpp"
+#include "front/layout.hpp"
 
 #include <charconv>
 #include <cstdlib>

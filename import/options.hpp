@@ -3,10 +3,10 @@
 #ifndef ZNCIMPORT_OPTIONS_HPP
 #define ZNCIMPORT_OPTIONS_HPP
 
-#include "command.hpp"
-#include "gzip_writer.hpp"
-#include "image_config.hpp"
-#include "source.hpp"
+#include "front/command.hpp"
+#include "import/output/gzip_writer.hpp"
+#include "import/output/image_config.hpp"
+#include "import/source/source.hpp"
 
 namespace zncimport {
 

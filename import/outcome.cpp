@@ -1,7 +1,7 @@
 #include "outcome.hpp"
 
-#include "digest.hpp"
-#include "escape.hpp"
+#include "front/digest.hpp"
+#include "front/escape.hpp"
 
 #include <algorithm>
 #include <cstdint>

@@ -3,7 +3,7 @@
 #ifndef ZNCIMPORT_OUTCOME_HPP
 #define ZNCIMPORT_OUTCOME_HPP
 
-#include "image_config.hpp"
+#include "import/output/image_config.hpp"
 
 namespace zncimport {
 

@@ -5,7 +5,8 @@
 //
 // PAGE is "zncctl" or "zncctl-" and a command with dashes between its words. In TEXT the lines
 // "@OPTIONS@" and "@COMMANDS@" stand for the lists of options and of commands.
-#include "usage.hpp"
+#include "cli/commands/commands.hpp"
+#include "front/usage.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -30,7 +30,7 @@ clang_tidy() {
     cmake --preset asan-ubsan &&
         cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import &&
         run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan \
-            "^$PWD/(cli|container|daemon|import|platform)/.*\\.cpp\$"
+            "^$PWD/(base|format|cli|container|daemon|front|import|platform)/.*\\.cpp\$"
 }
 
 # Switched off: what only says that something could be written in another way, what a file alone
@@ -41,8 +41,8 @@ run_cppcheck() {
         --suppressions-list=cmake/cppcheck-suppressions.txt \
         --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL -DZNC_VERSION='"1.0.0"' \
         -I container/runtime/include -I container/runtime/src -I platform/include -I platform/linux \
-        -I daemon -I cli -I import \
-        cli container/runtime/src daemon import platform
+        -I . \
+        base cli format container/runtime/src daemon front import platform
 }
 
 # Code in C: the exported version and the programs of the tests.
@@ -53,7 +53,7 @@ gcc_analyser() {
             -DZNC_SOURCE_DIR='"/"' -DZNC_BINARY_DIR='"/"' \
             -I container/runtime/include -I platform/include -I tests/support -I tests/support/probe \
             -c -o /dev/null "$file" || good=
-    done < <(find cli container daemon platform tests -name '*.c' -print0)
+    done < <(find base cli format container daemon front platform tests -name '*.c' -print0)
     [[ -n $good ]]
 }
 

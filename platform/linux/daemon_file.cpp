@@ -1,7 +1,7 @@
 #include "zarnel/daemon_file.h"
 
+#include "base/owned.hpp"
 #include "ns_record.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cstdio>
 #include <cstring>

@@ -1,7 +1,7 @@
 // fs.cpp - paths, directories, the environment.
 #include "zarnel/fs.h"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <climits>
 #include <cstdio>

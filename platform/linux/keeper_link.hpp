@@ -3,8 +3,8 @@
 #ifndef ZN_KEEPER_LINK_HPP
 #define ZN_KEEPER_LINK_HPP
 
+#include "base/owned.hpp"
 #include "helper/wire.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cstdint>
 #include <span>

@@ -3,7 +3,7 @@
 #ifndef ZN_LAUNCH_HPP
 #define ZN_LAUNCH_HPP
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <span>
 #include <sys/types.h>

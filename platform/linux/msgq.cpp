@@ -4,11 +4,11 @@
 // monotonic clock, since the timed queue calls follow the wall clock, which jumps.
 #include "zarnel/msgq.h"
 
+#include "base/owned.hpp"
 #include "clock.hpp"
 #include "msgq_line.hpp"
 #include "msgq_owner.hpp"
 #include "msgq_probe.hpp"
-#include "zarnel/owned.hpp"
 #include "zarnel/task.h"
 
 #include <cstdio>

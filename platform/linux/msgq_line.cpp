@@ -1,7 +1,7 @@
 #include "msgq_line.hpp"
 
+#include "base/owned.hpp"
 #include "clock.hpp"
-#include "zarnel/owned.hpp"
 #include "zarnel/task.h"
 
 #include <span>

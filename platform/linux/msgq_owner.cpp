@@ -1,7 +1,7 @@
 #include "msgq_owner.hpp"
 
+#include "base/owned.hpp"
 #include "zarnel/msgq.h"
-#include "zarnel/owned.hpp"
 
 #include <cstdio>
 #include <fcntl.h>

@@ -3,9 +3,9 @@
 // touching it.
 #include "zarnel/mutex.h"
 
+#include "base/owned.hpp"
 #include "clock.hpp"
 #include "zarnel/msgq.h"
-#include "zarnel/owned.hpp"
 #include "zarnel/task.h"
 
 #include <atomic>

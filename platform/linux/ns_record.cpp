@@ -1,6 +1,7 @@
 #include "ns_record.hpp"
 
 #include "pidfd.hpp"
+#include "zarnel/daemon_file.h"
 #include "zarnel/fs.h"
 
 #include <cstdio>
@@ -15,7 +16,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr char kRecordDir[] = "/run/zarnel/ns"; // in kRuntimeDir
+constexpr char kRecordDir[] = ZN_RUNTIME_DIR "/ns";
 constexpr char kUnfinished[] = ".new-"; // and the namespace's id, which no record begins with
 
 void record_path(nsid_t ns, char (&path)[64])

@@ -7,12 +7,11 @@
 #ifndef ZN_NS_RECORD_HPP
 #define ZN_NS_RECORD_HPP
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 #include "zarnel/types.h"
 
 namespace zn {
 
-inline constexpr char kRuntimeDir[] = "/run/zarnel";
 inline constexpr std::size_t kRootPathMax = 1024;
 
 // How far somebody is who was told to enter the namespace.

@@ -2,8 +2,8 @@
 // the devices locked.
 #include "overlay_device.hpp"
 
+#include "base/owned.hpp"
 #include "ns_record.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cstdio>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "overlay_mount.hpp"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <cstdio>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "zarnel/path_trust.h"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <climits>
 #include <cstdio>

@@ -4,8 +4,8 @@
 #ifndef ZN_PIDFD_HPP
 #define ZN_PIDFD_HPP
 
+#include "base/owned.hpp"
 #include "clock.hpp"
-#include "zarnel/owned.hpp"
 
 #include <poll.h>
 #include <signal.h>

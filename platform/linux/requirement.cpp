@@ -1,8 +1,8 @@
 // Calls are made with arguments that cannot be right, and only "no such call" counts.
 #include "zarnel/requirement.h"
 
+#include "base/owned.hpp"
 #include "launch.hpp"
-#include "zarnel/owned.hpp"
 
 #include <array>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // sticky.cpp - gives directories of a container's root their sticky bit back.
 #include "zarnel/fs.h"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <cerrno>
 #include <fcntl.h>

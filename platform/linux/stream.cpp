@@ -1,7 +1,7 @@
 // stream.cpp - splice, and descriptors opened anew through /proc.
 #include "zarnel/stream.h"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <cstdio>
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 // per thread) and the stop descriptor.
 #include "zarnel/task.h"
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <linux/ioprio.h>
 #include <pthread.h>

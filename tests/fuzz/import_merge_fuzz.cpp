@@ -5,10 +5,10 @@
 // parent's and its own half.
 #include "fuzz_input.hpp"
 
-#include "emit.hpp"
-#include "failure.hpp"
-#include "merge.hpp"
-#include "ustar.hpp"
+#include "import/merge/merge.hpp"
+#include "import/merge/ustar.hpp"
+#include "import/output/emit.hpp"
+#include "import/source/failure.hpp"
 
 #include <array>
 #include <charconv>

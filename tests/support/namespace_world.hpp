@@ -3,10 +3,10 @@
 #ifndef NAMESPACE_WORLD_HPP
 #define NAMESPACE_WORLD_HPP
 
+#include "base/owned.hpp"
 #include "eventually.hpp"
 #include "little_root.hpp"
 #include "zarnel/ns.h"
-#include "zarnel/owned.hpp"
 #include "zarnel/spawn.h"
 
 #include <array>

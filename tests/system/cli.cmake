@@ -25,3 +25,6 @@ set_property(TEST cli_streams APPEND PROPERTY ENVIRONMENT "FORGER=$<TARGET_FILE:
 
 add_test(NAME source_rules
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/source_rules.sh ${PROJECT_SOURCE_DIR})
+add_test(NAME source_arrows_test
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/source_arrows_test.sh ${PROJECT_SOURCE_DIR}
+            ${CMAKE_CURRENT_BINARY_DIR}/source_arrows)

@@ -1,7 +1,7 @@
 // What a daemon finds when it starts and leaves when it stops: programs that nobody has waited for,
 // creates that failed, containers with many files, a runtime directory that is full.
+#include "base/owned.hpp"
 #include "daemon_world.hpp"
-#include "zarnel/owned.hpp"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -22,7 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 namespace {
 

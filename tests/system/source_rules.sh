@@ -3,6 +3,7 @@
 set -u
 cd "${1:?the source directory}" || exit 1
 failed=0
+product="base format platform container front cli daemon import"
 
 # forbid NAME PATTERN PATH...: no line of these trees matches.
 forbid() {
@@ -18,13 +19,15 @@ forbid() {
     fi
 }
 
-forbid 'no timed queue calls: their clock jumps' 'mq_timed' container platform daemon cli import
+# shellcheck disable=SC2086
+forbid 'no timed queue calls: their clock jumps' 'mq_timed' $product
+# shellcheck disable=SC2086
 forbid 'no wait follows a clock that jumps' \
     'gettimeofday|system_clock::|pthread_(cond|mutex|rwlock)_timed|sem_timedwait|timerfd_create\(CLOCK_REALTIME|TIMER_ABSTIME.*REALTIME|nanosleep\(CLOCK_REALTIME' \
-    container platform daemon cli import
+    $product
 linux_headers='^[[:space:]]*#[[:space:]]*include[[:space:]]*<(linux/|asm/|sched\.h|mqueue\.h|sys/(mount|pidfd|prctl|capability|signalfd|epoll|syscall|vfs|xattr|inotify|eventfd|timerfd|sysmacros)\.h)'
 forbid 'Linux headers stay in platform/linux: library' "$linux_headers" container platform/include
-forbid 'Linux headers stay in platform/linux: command line' "$linux_headers" cli
+forbid 'Linux headers stay in platform/linux: front ends' "$linux_headers" base format front cli
 import_sources=$(find import -name '*.[ch]pp' ! -name confine.cpp)
 import_headers=${linux_headers/|xattr/} # attributes and device numbers are what images hold
 # shellcheck disable=SC2086
@@ -43,7 +46,7 @@ forbid 'scripts do not throw failures away' '\|\| (true|:)' \
 # A call or a constant may run over several lines: join each up to its semicolon before looking.
 # A call may name a constant (kDirFlags); then the constant must say O_CLOEXEC.
 statements() {
-    find container platform import -name '*.[ch]pp' -o -name '*.[ch]' | while IFS= read -r file; do
+    find base format container platform import -name '*.[ch]pp' -o -name '*.[ch]' | while IFS= read -r file; do
         tr '\n' ' ' <"$file" | grep -oE "$1" | sed "s|^|$file: |"
     done
 }

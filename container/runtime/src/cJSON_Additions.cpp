@@ -1,8 +1,9 @@
 // cJSON_Additions.cpp - whole files, and numbers as integers.
 #include "cJSON_Additions.h"
 
+#include "base/file.hpp"
 #include "zarnel/fs.h"
-#include "zncFile.hpp"
+#include "zncOwned.hpp"
 
 #include <limits>
 

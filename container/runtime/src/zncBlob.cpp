@@ -1,7 +1,7 @@
 // zncBlob.cpp - see zncBlob.hpp.
 #include "zncBlob.hpp"
 
-#include "zncFile.hpp"
+#include "base/file.hpp"
 #include "zncProgress.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // zncDigest.cpp - see zncDigest.hpp.
 #include "zncDigest.hpp"
 
-#include "zncFile.hpp"
+#include "base/file.hpp"
 
 #include <array>
 #include <cstring>

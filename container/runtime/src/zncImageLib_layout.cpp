@@ -2,8 +2,9 @@
 // configuration and layer descriptor that the index leads to; chooses a manifest.
 #include "zncImageLib.hpp"
 
+#include "base/file.hpp"
 #include "cJSON_Additions.h"
-#include "zncFile.hpp"
+#include "format/names.hpp"
 #include "zncProgress.hpp"
 #include "zncUnpackStore.hpp"
 #include "zncWorkAhead.hpp"
@@ -19,7 +20,6 @@ using znc::kTextBound;
 namespace {
 
 constexpr std::size_t kDiffIdMax = 200; // characters, exclusive
-constexpr char kRefName[] = "org.opencontainers.image.ref.name";
 constexpr char kLatest[] = "latest";
 
 // A check failed: that is `code`, unless it could not be made for want of memory.
@@ -347,7 +347,8 @@ bool parse_diff_ids(ZNC_IMAGE_CFG_ROOTFS& rootfs, cJSON* ids)
 
 bool tag_matches(const ZNC_IMAGE_MANIFEST& manifest, const char* tag, bool is_latest)
 {
-    const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(manifest.annotations, kRefName));
+    const char* name =
+        cJSON_GetStringValue(cJSON_GetObjectItem(manifest.annotations, znc::kRefName));
     if (name == nullptr)
         return is_latest; // an image without a name is the latest
     return strEqual(name, tag) == TRUE;

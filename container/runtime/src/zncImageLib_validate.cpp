@@ -2,8 +2,8 @@
 // describe its files.
 #include "zncImageLib.hpp"
 
+#include "base/file.hpp"
 #include "cJSON_Additions.h"
-#include "zncFile.hpp"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 #ifndef ZNCOWNED_HPP
 #define ZNCOWNED_HPP
 
-#include "zarnel/owned.hpp"
+#include "base/owned.hpp"
 
 #include <cstring>
 

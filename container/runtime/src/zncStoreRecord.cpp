@@ -1,9 +1,9 @@
 // zncStoreRecord.cpp - see zncStoreRecord.hpp.
 #include "zncStoreRecord.hpp"
 
+#include "base/file.hpp"
 #include "zarnel/fs.h"
 #include "zncDigest.hpp"
-#include "zncFile.hpp"
 
 #include <cstring>
 

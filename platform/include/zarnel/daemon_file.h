@@ -10,7 +10,7 @@
 
 #include <sys/types.h>
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

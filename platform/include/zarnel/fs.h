@@ -5,7 +5,7 @@
 #ifndef ZARNEL_FS_H
 #define ZARNEL_FS_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

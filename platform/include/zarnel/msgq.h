@@ -17,7 +17,7 @@
 #ifndef ZARNEL_MSGQ_H
 #define ZARNEL_MSGQ_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

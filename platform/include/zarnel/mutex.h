@@ -7,7 +7,7 @@
 #ifndef ZARNEL_MUTEX_H
 #define ZARNEL_MUTEX_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -18,7 +18,7 @@
 #ifndef ZARNEL_NS_H
 #define ZARNEL_NS_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

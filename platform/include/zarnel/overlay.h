@@ -16,7 +16,7 @@
 #ifndef ZARNEL_OVERLAY_H
 #define ZARNEL_OVERLAY_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -14,7 +14,7 @@
 #ifndef ZARNEL_PATH_TRUST_H
 #define ZARNEL_PATH_TRUST_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

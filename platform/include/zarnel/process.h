@@ -8,7 +8,7 @@
 #ifndef ZARNEL_PROCESS_H
 #define ZARNEL_PROCESS_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

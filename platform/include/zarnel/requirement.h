@@ -5,7 +5,7 @@
 #ifndef ZARNEL_REQUIREMENT_H
 #define ZARNEL_REQUIREMENT_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -5,7 +5,7 @@
 #ifndef ZARNEL_SIGNAL_H
 #define ZARNEL_SIGNAL_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

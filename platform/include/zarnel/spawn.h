@@ -7,7 +7,7 @@
 #ifndef ZARNEL_SPAWN_H
 #define ZARNEL_SPAWN_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

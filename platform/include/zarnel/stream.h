@@ -5,7 +5,7 @@
 #ifndef ZARNEL_STREAM_H
 #define ZARNEL_STREAM_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -6,7 +6,7 @@
 #ifndef ZARNEL_TASK_H
 #define ZARNEL_TASK_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -4,7 +4,7 @@
 #ifndef ZARNEL_TERMINAL_H
 #define ZARNEL_TERMINAL_H
 
-#include "zarnel/types.h"
+#include "types.h"
 
 #ifdef __cplusplus
 extern "C" {

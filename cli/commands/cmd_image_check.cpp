@@ -1,0 +1,175 @@
+#include "cli/images/image_settings.hpp"
+#include "cli/images/layer_check.hpp"
+#include "commands.hpp"
+#include "front/digest.hpp"
+#include "front/escape.hpp"
+#include "front/files.hpp"
+#include "front/layout.hpp"
+#include "front/output.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <set>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+struct Report {
+    std::size_t layer; // from 1; 0: the manifest or the configuration
+    Finding finding;
+};
+
+struct Verdict {
+    const Image* image;
+    std::vector<Report> reports;
+    std::vector<std::string> asked; // beyond running a program
+    bool wrong_size = false;        // of a layer
+
+    [[nodiscard]] bool refused() const
+    {
+        return std::any_of(reports.begin(), reports.end(),
+                           [](const Report& report) { return report.finding.refused; });
+    }
+    [[nodiscard]] const char* text() const
+    {
+        return refused() ? "refused" : reports.empty() ? "taken" : "taken with losses";
+    }
+};
+
+void refuse(Verdict& verdict, std::string what)
+{
+    verdict.reports.push_back({0, {true, std::move(what), 1, ""}});
+}
+
+// False when there is no use in reading it as an archive.
+bool check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
+                Verdict& verdict)
+{
+    const std::string path = blob_path(layout, blob.digest);
+    const znc::UniqueFd file = open_regular(path);
+    std::string problem = file ? size_problem(file.get(), blob.digest, blob.size) : "";
+    verdict.wrong_size = verdict.wrong_size || !problem.empty();
+    if (problem.empty())
+        problem = blob_problem(path, blob.digest);
+    if (problem.empty())
+        return true;
+    verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
+    return false;
+}
+
+void look_at_settings(const Image& image, Verdict& verdict)
+try {
+    verdict.asked = asked_for(image.config_document);
+} catch (const BadConfiguration& bad) {
+    refuse(verdict, bad.what());
+}
+
+Verdict check(const std::string& layout, const Image& image)
+{
+    Verdict verdict = {&image, {}, {}, false};
+    if (!image.problem.empty())
+        refuse(verdict, image.problem);
+    const bool configured = !image.config_document.is_null();
+    if (configured)
+        look_at_settings(image, verdict);
+    const Json& ids =
+        children(any_case_member(any_case_member(image.config_document, "rootfs"), "diff_ids"));
+    if (configured && ids.size() != image.layers.size())
+        refuse(verdict, "the configuration names another number of layers");
+    // What is wrong with a layer that is named again and again is said once.
+    std::set<std::string> seen;
+    auto id = ids.begin();
+    for (std::size_t i = 0; i < image.layers.size(); i++) {
+        const Descriptor& layer = image.layers[i];
+        const std::string* said = id != ids.end() ? text(&*id++) : nullptr;
+        const std::string diff_id = said != nullptr ? *said : "";
+        if (!is_digest(layer.digest) || // said above
+            !seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second ||
+            !check_blob(layout, layer, i + 1, verdict))
+            continue;
+        for (Finding& finding : check_layer(blob_path(layout, layer.digest), diff_id))
+            verdict.reports.push_back({i + 1, std::move(finding)});
+    }
+    return verdict;
+}
+
+std::string plain(const std::vector<Verdict>& verdicts)
+{
+    std::string text;
+    for (const Verdict& verdict : verdicts) {
+        const Image& image = *verdict.image;
+        text += printable(fmt::format("{} {}/{} {}: {}", image.tag.empty() ? "-" : image.tag,
+                                      image.os, image.arch, image.manifest.digest, verdict.text()));
+        text += "\n";
+        for (const std::string& asked : verdict.asked)
+            text += fmt::format("  asks for {}\n", printable(asked));
+        for (const auto& [layer, finding] : verdict.reports) {
+            text += layer != 0 ? fmt::format("  layer {}: ", layer) : "  ";
+            text += finding.refused ? "refused: " : "";
+            text += printable(finding.what);
+            if (!finding.first.empty())
+                text += fmt::format(" ({}, first: {})", finding.count, printable(finding.first));
+            text += "\n";
+        }
+    }
+    return text;
+}
+
+std::string json(const std::vector<Verdict>& verdicts)
+{
+    Json list = Json::array();
+    for (const Verdict& verdict : verdicts) {
+        Json findings = Json::array();
+        for (const auto& [layer, finding] : verdict.reports)
+            findings.push_back({{"layer", layer},
+                                {"refused", finding.refused},
+                                {"what", finding.what},
+                                {"count", finding.count},
+                                {"first", finding.first}});
+        list.push_back({{"tag", verdict.image->tag},
+                        {"os", verdict.image->os},
+                        {"architecture", verdict.image->arch},
+                        {"digest", verdict.image->manifest.digest},
+                        {"verdict", verdict.text()},
+                        {"asksFor", verdict.asked},
+                        {"findings", std::move(findings)}});
+    }
+    return compact(list);
+}
+
+} // namespace
+
+int cmd_image_check(const Arguments& args)
+{
+    const std::string layout = args.operand(0);
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitFailure;
+    std::string problem;
+    const auto images = read_layout(layout, problem);
+    if (!images)
+        return failure(layout, problem);
+    std::vector<Verdict> verdicts;
+    for (const Image& image : *images)
+        verdicts.push_back(check(layout, image));
+    if (!args.has("quiet") && !(images->empty() && !as_json))
+        if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
+            status != kExitOk)
+            return status;
+    // One bad manifest keeps the library from all of them. It reads a layer of another size to its
+    // end before it says so.
+    if (std::any_of(verdicts.begin(), verdicts.end(),
+                    [](const Verdict& verdict) { return verdict.wrong_size; }))
+        return local_failure(S_zncLib_MANIFEST_INVALID, layout);
+    const znc::MallocPtr<char> document(
+        call_library([&] { return zncImageInfoGet(layout.c_str()); }));
+    if (document == nullptr)
+        return local_failure(errno, layout);
+    const bool refused = std::any_of(verdicts.begin(), verdicts.end(),
+                                     [](const Verdict& verdict) { return verdict.refused(); });
+    return refused ? kExitFailure : kExitOk;
+}
+
+} // namespace zncctl

@@ -1,0 +1,32 @@
+#include "cli/containers/container.hpp"
+#include "cli/containers/signal_number.hpp"
+#include "commands.hpp"
+#include "front/words.hpp"
+
+#include <fmt/format.h>
+
+int zncctl::signal_number(const char* text)
+{
+    if (const auto number = to_number<int>(text))
+        return *number >= 0 ? *number : -1;
+    std::string name(text);
+    for (char& c : name)
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+    const std::size_t prefix = name.starts_with("SIG") ? 3 : 0;
+    return zncUtilSignalNo(name.c_str() + prefix);
+}
+
+int zncctl::cmd_kill(const Arguments& args)
+{
+    const char* wanted = args.value("signal", "TERM");
+    const int signo = signal_number(wanted);
+    if (signo < 0)
+        return usage_failure(fmt::format("unknown signal '{}'", wanted));
+    const unsigned option = args.has("all") ? ZNC_OPT_WHOLE_NAMESPACE : 0;
+    return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
+        if (call_library([&] { return zncKill(id.c_str(), signo, option); }) != OK)
+            return daemon_failure(errno, id);
+        return static_cast<int>(kExitOk);
+    });
+}

@@ -1,0 +1,105 @@
+// create, start, wait and delete in one.
+#include "cli/containers/container.hpp"
+#include "cli/containers/foreground.hpp"
+#include "cli/containers/monitor.hpp"
+#include "cli/images/image_bundle.hpp"
+#include "commands.hpp"
+
+#include <fmt/format.h>
+#include <optional>
+#include <random>
+
+namespace zncctl {
+namespace {
+
+std::string new_id()
+{
+    std::random_device random;
+    return fmt::format("{:08x}{:04x}", random(), random() & 0xffffU);
+}
+
+// A container from its creation to the end of the command.
+class Run {
+  public:
+    Run(const Arguments& args, std::size_t log_max)
+        : args_(args), log_max_(log_max), from_bundle_(args.has("bundle")),
+          id_(args.operand(from_bundle_ ? 0 : 1) != nullptr ? args.operand(from_bundle_ ? 0 : 1)
+                                                            : new_id())
+    {
+    }
+
+    int run()
+    {
+        const auto bundle = find_bundle();
+        if (!bundle)
+            return kExitStartFailed;
+        const SignalQueue signals; // from here on there is something to take away
+        if (create_container(id_, *bundle) != kExitOk) {
+            if (*bundle == own_bundle(id_))
+                zncImageBundleDelete(bundle->c_str());
+            return kExitStartFailed;
+        }
+        in_use_.reset(); // the container says from now on that its bundle is used
+        return args_.has("detach") ? detached() : attached(signals);
+    }
+
+  private:
+    std::optional<std::string> find_bundle()
+    {
+        if (from_bundle_)
+            return args_.value("bundle");
+        const Wanted wanted = wanted_image(args_, split_image_name(args_.operand(0)));
+        return bundle_of_image(args_, wanted, id_, in_use_);
+    }
+
+    int attached(const SignalQueue& signals)
+    {
+        const int status = run_in_foreground(id_, signals, args_.has("tty"));
+        if (!args_.has("keep"))
+            take_away();
+        return status;
+    }
+
+    int detached()
+    {
+        remove_record(id_);
+        if (const int error = start_with_monitor(id_, log_max_); error != 0) {
+            const int status = start_failure(error, id_);
+            take_away();
+            return status;
+        }
+        return print_result(id_);
+    }
+
+    // Whatever the program has left running goes, too.
+    void take_away()
+    {
+        if (delete_container(id_, true) != OK)
+            static_cast<void>(daemon_failure(errno, id_));
+    }
+
+    const Arguments& args_;
+    std::size_t log_max_;
+    bool from_bundle_;
+    std::string id_;
+    std::optional<BundlesInUse> in_use_;
+};
+
+} // namespace
+
+int cmd_run(const Arguments& args)
+{
+    std::size_t log_max = 0;
+    if (args.has("bundle") ? args.operands() > 1 : args.operands() < 1)
+        return usage_failure("either --bundle or an image layout is needed");
+    if (args.has("tty") && args.has("detach"))
+        return usage_failure(
+            "a terminal needs the foreground: --tty and --detach exclude each other");
+    if (!log_limit(args, log_max))
+        return kExitUsage;
+    if (args.has("tty") && ::isatty(STDIN_FILENO) == 0)
+        return failure("", "--tty needs a terminal on standard input", kExitStartFailed);
+    return Run(args, log_max).run();
+}
+
+} // namespace zncctl

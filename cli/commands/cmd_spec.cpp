@@ -1,0 +1,113 @@
+// A config.json to start from: of a shell, or of what an image says.
+#include "cli/containers/container.hpp"
+#include "cli/images/image_bundle.hpp"
+#include "cli/images/image_mounts.hpp"
+#include "cli/images/image_settings.hpp"
+#include "commands.hpp"
+#include "front/files.hpp"
+
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+void append_texts(Json& array, const Json* texts)
+{
+    for (const Json& text : children(texts))
+        if (text.is_string())
+            array.push_back(text);
+}
+
+Json mounts_of(const Json* volumes)
+{
+    Json mounts = Json::array();
+    for (const auto& volume : children(volumes).items()) {
+        const ImageMount mount = read_mount(volume.key());
+        mounts.push_back({{"destination", mount.destination},
+                          {"source", mount.source},
+                          {"type", mount.type},
+                          {"options", mount.options}});
+    }
+    return mounts;
+}
+
+// `image` is the image's "config", null without an image.
+Json document(const Json* image)
+{
+    const std::string cwd = text_of(image, "WorkingDir");
+    Json args = Json::array();
+    append_texts(args, member(image, "Entrypoint"));
+    append_texts(args, member(image, "Cmd"));
+    if (args.empty())
+        args.push_back("/bin/sh");
+    Json env = Json::array();
+    append_texts(env, member(image, "Env"));
+    if (env.empty())
+        env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    return {{"ociVersion", "1.0.0"},
+            {"process", {{"cwd", cwd.empty() ? "/" : cwd}, {"args", args}, {"env", env}}},
+            {"root", {{"path", "rootfs"}}},
+            {"mounts", mounts_of(member(image, "Volumes"))}};
+}
+
+// What an image must not decide is left out, as `run` leaves it out. Nothing after a message.
+std::optional<Json> document_of_configuration(const std::string& layout, const Json& configuration)
+try {
+    const SettledConfiguration settled = settle_configuration(configuration, false, "");
+    for (const std::string& note : settled.notes)
+        print_warning(fmt::format("{}: {}", layout, note));
+    return document(member(settled.document, "config"));
+} catch (const BadConfiguration& bad) {
+    static_cast<void>(failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
+    return std::nullopt;
+}
+
+// Nothing after a message.
+std::optional<Json> document_of_image(const Arguments& args)
+{
+    const Wanted wanted = wanted_image(args, split_image_name(args.value("image")));
+    std::string problem;
+    const auto images = read_layout(wanted.image.layout, problem);
+    const Image* image =
+        images ? find_image(*images, wanted.image.tag, wanted.os, wanted.arch) : nullptr;
+    if (image != nullptr && image->problem.empty())
+        return document_of_configuration(wanted.image.layout, image->config_document);
+    if (image != nullptr) {
+        static_cast<void>(failure(wanted.image.layout, image->problem));
+        return std::nullopt;
+    }
+    if (images) {
+        static_cast<void>(local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout));
+        hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch);
+    } else {
+        static_cast<void>(failure(wanted.image.layout, problem));
+    }
+    return std::nullopt;
+}
+
+int write_new(const std::string& path, const std::string& text)
+{
+    znc::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!file || !write_all(file.get(), text) || file.close_checked() != 0)
+        return failure(path, error_text());
+    return kExitOk;
+}
+
+} // namespace
+
+int cmd_spec(const Arguments& args)
+{
+    const auto config = args.has("image") ? document_of_image(args) : document(nullptr);
+    if (!config)
+        return kExitFailure;
+    const std::string text = pretty(*config);
+    if (const char* bundle = args.value("bundle"))
+        return write_new(std::string(bundle) + "/config.json", text);
+    return print_json(text);
+}
+
+} // namespace zncctl

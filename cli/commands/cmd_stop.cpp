@@ -1,0 +1,67 @@
+// TERM lets a program end by itself; KILL, after a while, ends everything in the container.
+#include "cli/containers/container.hpp"
+#include "commands.hpp"
+#include "front/words.hpp"
+
+#include <chrono>
+#include <fmt/format.h>
+#include <thread>
+
+namespace zncctl {
+namespace {
+
+constexpr int kSignalTerm = 15;
+constexpr int kSignalKill = 9;
+constexpr std::chrono::seconds kKillTime(10);
+
+using Clock = std::chrono::steady_clock;
+
+// The status that it has then, or STATE_RUNNING when the time is up.
+CONTAINER_STATUS wait_while_running(const std::string& id, std::chrono::milliseconds time)
+{
+    const auto deadline = Clock::now() + time;
+    for (;;) {
+        const CONTAINER_STATUS status = status_of(id);
+        if (status != STATE_RUNNING || Clock::now() >= deadline)
+            return status;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+bool send(const std::string& id, int signo, unsigned option)
+{
+    // ESRCH: the program has ended, which other processes of the container may not have.
+    return call_library([&] { return zncKill(id.c_str(), signo, option); }) == OK || errno == ESRCH;
+}
+
+int stop(const std::string& id, std::chrono::milliseconds time)
+{
+    if (!send(id, kSignalTerm, 0))
+        return daemon_failure(errno, id);
+    CONTAINER_STATUS status = wait_while_running(id, time);
+    if (status == STATE_RUNNING) {
+        if (!send(id, kSignalKill, ZNC_OPT_WHOLE_NAMESPACE))
+            return daemon_failure(errno, id);
+        status = wait_while_running(id, kKillTime);
+    }
+    if (status == STATE_UNKNOWN)
+        return daemon_failure(errno, id);
+    if (status == STATE_RUNNING)
+        return failure(id, "it does not end, although it was killed", kExitNoDaemon);
+    return kExitOk;
+}
+
+} // namespace
+
+int cmd_stop(const Arguments& args)
+{
+    const char* text = args.value("time", "10");
+    const auto seconds = to_number<unsigned>(text);
+    if (!seconds || *seconds > 1000000)
+        return usage_failure(fmt::format("'{}' is no number of seconds", text));
+    return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
+        return stop(id, std::chrono::seconds(*seconds));
+    });
+}
+
+} // namespace zncctl

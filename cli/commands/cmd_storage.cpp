@@ -1,0 +1,118 @@
+#include "cli/containers/container.hpp"
+#include "cli/containers/storage_use.hpp"
+#include "cli/images/bundle_area.hpp"
+#include "cli/images/image_bundle.hpp"
+#include "commands.hpp"
+#include "front/json.hpp"
+#include "front/output.hpp"
+#include "front/record.hpp"
+
+#include <array>
+#include <cerrno>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+constexpr const char* kUnpacking = "an image is being unpacked; try again when it is done";
+constexpr std::array kKinds = {StoredKind::kLayer, StoredKind::kTree, StoredKind::kDevice,
+                               StoredKind::kBundle};
+
+struct Sum {
+    std::size_t count = 0;
+    std::size_t used = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t unused_bytes = 0;
+};
+
+Sum sum_of(const std::vector<Stored>& all, StoredKind kind)
+{
+    Sum sum;
+    for (const Stored& item : all) {
+        if (item.kind != kind)
+            continue;
+        sum.count++;
+        sum.used += item.used ? 1 : 0;
+        sum.bytes += item.bytes;
+        sum.unused_bytes += item.used ? 0 : item.bytes;
+    }
+    return sum;
+}
+
+int remove_unused(const Arguments& args, std::vector<std::string> used)
+{
+    for (const std::string& bundle : args.all_operands())
+        used.push_back(bundle);
+    std::vector<Stored> removed;
+    const bool done = collect(std::move(used), args.has("dry-run"), removed);
+    const int error = errno;
+    int status = kExitOk;
+    for (const Stored& item : removed)
+        if (!args.has("quiet") && status == kExitOk)
+            status = print_result(fmt::format("{} {}", name_of(item.kind), item.path));
+    if (done)
+        return status;
+    return error == EBUSY ? failure("", kUnpacking) : local_failure(error, storage_base());
+}
+
+// What is known of containers that other clients deleted, or that a daemon took along.
+int remove_records(const Arguments& args)
+{
+    int result = kExitOk;
+    for (const std::string& id : recorded_ids()) {
+        const znc::UniqueFd dir = open_record(id);
+        if (!dir || record_is_kept(dir.get()) || status_of(id) != STATE_UNKNOWN || errno != ENODEV)
+            continue;
+        if (!args.has("dry-run"))
+            remove_record(id);
+        if (!args.has("quiet"))
+            result = print_result(fmt::format("record {}", id));
+    }
+    return result;
+}
+
+} // namespace
+
+int cmd_storage_df(const Arguments& args)
+{
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitFailure;
+    const auto all = stored();
+    if (!all)
+        return daemon_failure(errno, "");
+    std::vector<std::vector<std::string>> rows = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
+    Json list = Json::array();
+    for (const StoredKind kind : kKinds) {
+        const Sum sum = sum_of(*all, kind);
+        rows.push_back({name_of(kind), std::to_string(sum.count), std::to_string(sum.used),
+                        std::to_string(sum.bytes), std::to_string(sum.unused_bytes)});
+        list.push_back({{"kind", name_of(kind)},
+                        {"count", sum.count},
+                        {"used", sum.used},
+                        {"bytes", sum.bytes},
+                        {"unusedBytes", sum.unused_bytes}});
+    }
+    return as_json ? print_json(compact(list)) : print_result(table(rows));
+}
+
+int cmd_storage_gc(const Arguments& args)
+{
+    for (const std::string& bundle : args.all_operands())
+        if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
+            return failure(bundle, "it is no bundle: it has no config.json that can be read");
+    const auto lock = BundlesInUse::by_none(bundle_area());
+    if (!lock)
+        return failure("", kUnpacking);
+    const auto used = used_by_containers();
+    if (!used)
+        return daemon_failure(errno, "");
+    const int status = remove_unused(args, *used);
+    const int of_records = remove_records(args);
+    return status != kExitOk ? status : of_records;
+}
+
+} // namespace zncctl

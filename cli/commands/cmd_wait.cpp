@@ -1,0 +1,74 @@
+#include "cli/containers/container.hpp"
+#include "commands.hpp"
+#include "front/record.hpp"
+#include "front/words.hpp"
+
+#include <chrono>
+#include <fmt/format.h>
+#include <thread>
+
+namespace zncctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+enum class Outcome { kEnded, kGoesOn, kLost };
+
+// Looks once. A container without a record may yet be started.
+Outcome look(int dir, int& code)
+{
+    const bool kept = record_is_kept(dir);
+    const auto record = read_record(dir);
+    if (record && record->exit_code) {
+        code = *record->exit_code;
+        return Outcome::kEnded;
+    }
+    return kept ? Outcome::kGoesOn : Outcome::kLost;
+}
+
+int lost(const std::string& id)
+{
+    return failure(id, "its exit code is not known: who started it did not wait for it");
+}
+
+// kExitOk with its exit code, or a status after a message.
+int wait_for(const std::string& id, Clock::time_point deadline, int& code)
+{
+    for (;;) {
+        const znc::UniqueFd dir = open_record(id);
+        const Outcome outcome = dir ? look(dir.get(), code) : Outcome::kGoesOn;
+        if (outcome == Outcome::kEnded)
+            return kExitOk;
+        if (outcome == Outcome::kLost || !dir) {
+            const CONTAINER_STATUS status = status_of(id);
+            if (status == STATE_UNKNOWN)
+                return daemon_failure(errno, id);
+            // It may have ended between the two looks.
+            if (status == STATE_STOPPED && (!dir || look(dir.get(), code) == Outcome::kLost))
+                return lost(id);
+        }
+        if (Clock::now() >= deadline)
+            return failure(id, "it has not ended in time", kExitNoDaemon);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+} // namespace
+
+int cmd_wait(const Arguments& args)
+{
+    auto deadline = Clock::time_point::max();
+    if (const char* text = args.value("timeout")) {
+        const auto seconds = to_number<unsigned>(text);
+        if (!seconds || *seconds > 1000000)
+            return usage_failure(fmt::format("'{}' is no number of seconds", text));
+        deadline = Clock::now() + std::chrono::seconds(*seconds);
+    }
+    return for_each_id(args.all_operands(), true, [&](const std::string& id) {
+        int code = 0;
+        const int status = wait_for(id, deadline, code);
+        return status == kExitOk ? print_result(std::to_string(code)) : status;
+    });
+}
+
+} // namespace zncctl

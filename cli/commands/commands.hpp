@@ -1,0 +1,59 @@
+// commands.hpp - the table of zncctl's commands, which is the only list of them, the functions that
+// carry them out (each in cmd_<name>.cpp), and the texts that are made of the whole table. Used by
+// main, the completions, the manual pages and tests that compare them.
+#ifndef ZNC_CLI_COMMANDS_COMMANDS_HPP
+#define ZNC_CLI_COMMANDS_COMMANDS_HPP
+
+#include "front/command.hpp"
+
+namespace zncctl {
+
+std::span<const Command> commands();
+
+struct Found {
+    const Command* command = nullptr; // null: no such command
+    std::size_t words = 0;            // words of its name
+};
+
+// The command that the first words name, by its name or an alias.
+Found find_command(std::span<char* const> words);
+
+std::string usage_line(); // "usage: zncctl COMMAND ...\n"
+std::string help_text();
+// For a manual page in scdoc: the synopsis of each command, followed by its options in a list.
+std::string manual_text();
+
+std::string bash_completion();
+std::string zsh_completion();
+std::string fish_completion();
+
+int cmd_attach(const Arguments& args);
+int cmd_completion(const Arguments& args);
+int cmd_config_check(const Arguments& args);
+int cmd_create(const Arguments& args);
+int cmd_delete(const Arguments& args);
+int cmd_image_check(const Arguments& args);
+int cmd_image_inspect(const Arguments& args);
+int cmd_image_ls(const Arguments& args);
+int cmd_import(const Arguments& args);
+int cmd_info(const Arguments& args);
+int cmd_inspect(const Arguments& args);
+int cmd_kill(const Arguments& args);
+int cmd_list(const Arguments& args);
+int cmd_logs(const Arguments& args);
+int cmd_ping(const Arguments& args);
+int cmd_run(const Arguments& args);
+int cmd_spec(const Arguments& args);
+int cmd_start(const Arguments& args);
+int cmd_state(const Arguments& args);
+int cmd_stop(const Arguments& args);
+int cmd_storage_df(const Arguments& args);
+int cmd_storage_gc(const Arguments& args);
+int cmd_top(const Arguments& args);
+int cmd_unpack(const Arguments& args);
+int cmd_version(const Arguments& args);
+int cmd_wait(const Arguments& args);
+
+} // namespace zncctl
+
+#endif

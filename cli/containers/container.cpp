@@ -1,0 +1,146 @@
+#include "container.hpp"
+
+#include "cli/images/image_bundle.hpp"
+#include "cli/images/sticky.hpp"
+#include "config_check.hpp"
+#include "front/container_id.hpp"
+#include "front/files.hpp"
+#include "front/record.hpp"
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <set>
+
+namespace zncctl {
+
+std::optional<Json> state_of(const std::string& id)
+{
+    const znc::MallocPtr<char> text(call_library([&] { return zncState(id.c_str()); }));
+    if (text == nullptr)
+        return std::nullopt;
+    std::optional<Json> state = parse_json(text.get());
+    if (!state)
+        errno = EBADMSG;
+    return state;
+}
+
+CONTAINER_STATUS status_of(const std::string& id)
+{
+    return call_library([&] { return zncStatusGet(id.c_str()); });
+}
+
+std::string root_of_bundle(const std::string& bundle)
+{
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const std::string path = config ? text_of(member(*config, "root"), "path") : "";
+    if (path.empty())
+        return "";
+    return path.starts_with('/') ? path : bundle + "/" + path;
+}
+
+namespace {
+
+// Of containers there may be: the daemon is asked about each.
+std::set<std::string> known_ids()
+{
+    const std::vector<std::string> recorded = recorded_ids();
+    std::set<std::string> ids(recorded.begin(), recorded.end());
+    std::array<char, 1024> area{};
+    if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0)
+        return ids;
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(area.data(), error), end; it != end && !error;
+         it.increment(error))
+        ids.insert(it->path().filename());
+    return ids;
+}
+
+Json states_one_by_one()
+{
+    print_warning(
+        "the list of containers is too long for one answer of the daemon; it is made of "
+        "what zncctl and the storage base know, and may lack containers that were created "
+        "by other programs");
+    Json states = Json::array();
+    for (const std::string& id : known_ids())
+        if (auto state = is_container_id(id) ? state_of(id) : std::nullopt)
+            states.push_back(*std::move(state));
+    return states;
+}
+
+} // namespace
+
+std::optional<Json> all_states()
+{
+    const znc::MallocPtr<char> text(call_library(zncList));
+    if (text == nullptr) {
+        const int error = errno;
+        if (error == 0 && zncDaemonIsAlive() != FALSE)
+            return states_one_by_one();
+        errno = error;
+        return std::nullopt;
+    }
+    std::optional<Json> states = parse_json(text.get());
+    if (!states || !states->is_array()) {
+        errno = EBADMSG;
+        return std::nullopt;
+    }
+    return states;
+}
+
+std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
+{
+    const std::optional<Json> states = all_states();
+    if (!states)
+        return std::nullopt;
+    std::vector<std::string> ids;
+    for (const Json& state : *states) {
+        std::string id = text_of(state, "id");
+        if (status_of(id) == status)
+            ids.push_back(std::move(id));
+    }
+    return ids;
+}
+
+namespace {
+
+// "" when the library may look at the bundle.
+std::string bundle_problem(const std::string& bundle)
+{
+    const auto text = read_file(bundle + "/config.json");
+    return text ? ambiguity(*text) : "";
+}
+
+} // namespace
+
+int create_container(const std::string& id, const std::string& bundle)
+{
+    if (const std::string problem = bundle_problem(bundle); !problem.empty())
+        return failure(bundle + "/config.json", problem);
+    if (call_library([&] { return zncCreate(id.c_str(), bundle.c_str(), 0, nullptr); }) != OK)
+        return daemon_failure(errno, id);
+    remove_record(id); // of an earlier container that had this id
+    if (restore_sticky(id, bundle))
+        return kExitOk;
+    const int status = local_failure(errno, id);
+    static_cast<void>(delete_container(id, true));
+    return status;
+}
+
+STATUS delete_container(const std::string& id, bool force)
+{
+    // Asked only where it can matter: most containers have no bundle of that kind.
+    const std::string own = own_bundle(id);
+    const Json state = own.empty() ? Json() : state_of(id).value_or(Json());
+    const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
+    if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
+        return ERROR;
+    remove_record(id);
+    if (!own.empty() && text_of(state, "bundle") == own)
+        zncImageBundleDelete(own.c_str());
+    return OK;
+}
+
+} // namespace zncctl

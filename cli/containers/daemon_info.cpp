@@ -1,0 +1,32 @@
+#include "daemon_info.hpp"
+
+#include "front/output.hpp"
+
+#include "zarnel/daemon_file.h"
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+// Of the daemon that answers; what a dead one left counts for nothing.
+znDaemonInfo daemon_info()
+{
+    znDaemonInfo info = {};
+    if (call_library(&zncDaemonIsAlive) == FALSE || znDaemonInfoRead(&info) != OK)
+        return {};
+    return info;
+}
+
+} // namespace
+
+pid_t daemon_pid()
+{
+    return daemon_info().pid;
+}
+
+std::string daemon_version()
+{
+    return daemon_info().version;
+}
+
+} // namespace zncctl

@@ -1,0 +1,42 @@
+#include "follow.hpp"
+
+#include "container.hpp"
+#include "front/files.hpp"
+#include "front/record.hpp"
+
+#include <chrono>
+#include <thread>
+
+namespace zncctl {
+
+int open_log_of(const std::string& id, znc::UniqueFd& dir)
+{
+    dir = open_record(id);
+    const auto record = dir ? read_record(dir.get()) : std::nullopt;
+    if (record && record->logged)
+        return kExitOk;
+    if (status_of(id) == STATE_UNKNOWN)
+        return daemon_failure(errno, id);
+    return failure(id,
+                   record ? "it has no log: its output goes to who started it"
+                          : "it has no log: it was not started by 'zncctl start' or 'run -d'",
+                   kExitWrongState);
+}
+
+bool follow(int dir, LogReader& reader, const std::function<void()>& meanwhile)
+{
+    for (;;) {
+        // In this order: what came before the keeper ended is there to be read afterwards.
+        const bool going_on = record_is_kept(dir);
+        const std::string text = reader.read();
+        if (!write_all(STDOUT_FILENO, text))
+            return false;
+        if (!going_on)
+            return true;
+        if (meanwhile)
+            meanwhile();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+} // namespace zncctl

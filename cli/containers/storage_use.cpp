@@ -1,0 +1,248 @@
+#include "storage_use.hpp"
+
+#include "cli/images/image_bundle.hpp"
+#include "container.hpp"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+namespace zncctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kOverlayDir = "/overlay/";
+
+// What a mounted overlay shows.
+struct Device {
+    std::vector<std::string> lower;
+    bool writable = false; // a container's
+};
+
+// The text of a field of the mount table, in which odd characters are octal.
+std::string unescaped(std::string_view text)
+{
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '3') {
+            result += static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 +
+                                        (text[i + 3] - '0'));
+            i += 3;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+// Cuts at a separator that has no "\" before it.
+std::vector<std::string> cut(const std::string& text, char separator)
+{
+    std::vector<std::string> parts(1);
+    for (std::size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '\\' && i + 1 < text.size())
+            parts.back() += text[++i];
+        else if (text[i] == separator)
+            parts.emplace_back();
+        else
+            parts.back() += text[i];
+    }
+    return parts;
+}
+
+Device device_of(const std::string& options)
+{
+    Device device;
+    std::string_view rest = options;
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find(','), rest.size());
+        const std::string option = unescaped(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+        if (option.starts_with("lowerdir+="))
+            device.lower.push_back(option.substr(10));
+        else if (option.starts_with("lowerdir="))
+            device.lower = cut(option.substr(9), ':');
+        else if (option.starts_with("upperdir="))
+            device.writable = true;
+    }
+    return device;
+}
+
+// By their paths.
+std::map<std::string, Device> mounted_devices()
+{
+    std::map<std::string, Device> devices;
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        const std::vector<std::string> fields = [&line] {
+            std::vector<std::string> words;
+            std::size_t at = 0;
+            while (at < line.size()) {
+                const std::size_t end = std::min(line.find(' ', at), line.size());
+                words.push_back(line.substr(at, end - at));
+                at = end + 1;
+            }
+            return words;
+        }();
+        if (fields.size() < 7)
+            continue;
+        const std::string target = unescaped(fields[4]);
+        if (target.starts_with(kOverlayDir))
+            devices[target] = device_of(fields.back());
+    }
+    return devices;
+}
+
+std::uint64_t size_on_disk(const fs::path& path)
+{
+    constexpr std::uint64_t kStatBlock = 512;
+    std::uint64_t sum = 0;
+    const auto add = [&sum](const fs::path& entry) {
+        struct stat st = {};
+        if (::lstat(entry.c_str(), &st) == 0)
+            sum += static_cast<std::uint64_t>(st.st_blocks) * kStatBlock;
+    };
+    add(path);
+    std::error_code error;
+    for (fs::recursive_directory_iterator
+             it(path, fs::directory_options::skip_permission_denied, error),
+         end;
+         it != end && !error; it.increment(error))
+        add(it->path());
+    return sum;
+}
+
+void list(StoredKind kind, const std::string& area, std::vector<Stored>& all)
+{
+    std::error_code error;
+    for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
+        const std::string name = it->path().filename();
+        if (!name.starts_with('.') && it->is_directory(error) && !it->is_symlink(error))
+            all.push_back({kind, it->path(), size_on_disk(it->path()), false});
+    }
+}
+
+// The bundles of the containers there are.
+std::optional<std::vector<std::string>> bundles_of_containers()
+{
+    const znc::MallocPtr<char> text(call_library(zncList));
+    if (text == nullptr)
+        return std::nullopt;
+    const std::optional<Json> states = parse_json(text.get());
+    if (!states) { // what is in use is not known then
+        errno = EBADMSG;
+        return std::nullopt;
+    }
+    std::vector<std::string> bundles;
+    for (const Json& state : children(&*states))
+        bundles.push_back(text_of(state, "bundle"));
+    return bundles;
+}
+
+StoredKind kind_of(ZNC_STORE_KIND kind)
+{
+    switch (kind) {
+    case ZNC_STORE_TREE:
+        return StoredKind::kTree;
+    case ZNC_STORE_DEVICE:
+        return StoredKind::kDevice;
+    case ZNC_STORE_BUNDLE:
+        return StoredKind::kBundle;
+    case ZNC_STORE_LAYER:
+        break;
+    }
+    return StoredKind::kLayer;
+}
+
+bool collect_once(const std::vector<std::string>& used, bool dryRun, std::vector<Stored>& removed)
+{
+    std::vector<const char*> paths;
+    paths.reserve(used.size());
+    for (const std::string& path : used)
+        paths.push_back(path.c_str());
+    removed.clear();
+    return call_library([&] {
+               return zncStoreCollect(
+                   paths.data(), static_cast<std::uint32_t>(paths.size()),
+                   dryRun ? ZNC_OPT_DRY_RUN : 0,
+                   [](ZNC_STORE_KIND kind, const char* path, void* to) {
+                       static_cast<std::vector<Stored>*>(to)->push_back(
+                           {kind_of(kind), path, 0, false});
+                   },
+                   &removed);
+           }) == OK;
+}
+
+} // namespace
+
+const char* name_of(StoredKind kind)
+{
+    switch (kind) {
+    case StoredKind::kLayer:
+        return "layer";
+    case StoredKind::kTree:
+        return "tree";
+    case StoredKind::kDevice:
+        return "device";
+    case StoredKind::kBundle:
+        return "bundle";
+    }
+    return "";
+}
+
+std::optional<std::vector<std::string>> used_by_containers()
+{
+    auto used = bundles_of_containers();
+    if (!used)
+        return std::nullopt;
+    for (std::size_t i = 0, count = used->size(); i < count; i++)
+        if (const std::string root = root_of_bundle((*used)[i]); !root.empty())
+            used->push_back(root);
+    for (const auto& [path, device] : mounted_devices())
+        if (device.writable) // its container's bundle may be gone
+            used->insert(used->end(), device.lower.begin(), device.lower.end());
+    return used;
+}
+
+bool collect(std::vector<std::string> used, bool dryRun, std::vector<Stored>& removed)
+{
+    // A device of which the library knows nothing, and which therefore stays, needs its layers.
+    if (!collect_once(used, true, removed))
+        return false;
+    for (const auto& [path, device] : mounted_devices()) {
+        const bool goes =
+            std::any_of(removed.begin(), removed.end(), [&name = path](const Stored& item) {
+                return item.kind == StoredKind::kDevice && item.path == name;
+            });
+        if (!goes)
+            used.insert(used.end(), device.lower.begin(), device.lower.end());
+    }
+    return collect_once(used, dryRun, removed);
+}
+
+std::optional<std::vector<Stored>> stored()
+{
+    const auto used = used_by_containers();
+    std::vector<Stored> unused;
+    if (!used || !collect(*used, true, unused))
+        return std::nullopt;
+    const std::string base = storage_base();
+    std::vector<Stored> all;
+    list(StoredKind::kBundle, base + "/bundles", all);
+    for (const auto& [path, device] : mounted_devices())
+        if (!device.writable)
+            all.push_back({StoredKind::kDevice, path, 0, false});
+    list(StoredKind::kTree, base + "/flattened", all);
+    list(StoredKind::kLayer, base + "/layers", all);
+    for (Stored& item : all)
+        item.used = std::none_of(unused.begin(), unused.end(),
+                                 [&item](const Stored& other) { return other.path == item.path; });
+    return all;
+}
+
+} // namespace zncctl

@@ -1,0 +1,176 @@
+#include "streams.hpp"
+
+#include "front/output.hpp"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+namespace zncctl {
+namespace {
+
+// More than a terminal holds, so that all of a program's output is passed on, and little enough for
+// a process that it left behind and that never stops writing.
+constexpr std::size_t kTerminalRest = 256 * 1024;
+constexpr timespec kForegroundLook = {0, 100'000'000};
+
+bool is_null_device(const struct stat& st)
+{
+    struct stat null = {};
+    return S_ISCHR(st.st_mode) && ::stat("/dev/null", &null) == 0 && S_ISCHR(null.st_mode) &&
+           st.st_rdev == null.st_rdev;
+}
+
+bool leads_nowhere(int fd)
+{
+    struct stat st = {};
+    return ::fstat(fd, &st) != 0 || is_null_device(st);
+}
+
+// Whether what is written to either comes to one place in the order of writing.
+bool same_place(int one, int other)
+{
+    struct stat a = {};
+    struct stat b = {};
+    return ::fstat(one, &a) == 0 && ::fstat(other, &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino && ::fcntl(one, F_GETFL) == ::fcntl(other, F_GETFL);
+}
+
+bool make_pipe(znc::UniqueFd& reader, znc::UniqueFd& writer)
+{
+    std::array<int, 2> ends = {-1, -1};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+        return false;
+    reader.reset(ends[0]);
+    writer.reset(ends[1]);
+    return true;
+}
+
+// The two ends of a pipe share no flags.
+bool do_not_wait(int fd)
+{
+    return ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK) == 0;
+}
+
+std::size_t bytes_in(const PumpEnd& end)
+{
+    int bytes = 0;
+    return ::ioctl(end.fd(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
+} // namespace
+
+bool Streams::make_pipes()
+{
+    const bool one_output = same_place(STDOUT_FILENO, STDERR_FILENO);
+    if (!make_input() || !make_output(STDOUT_FILENO, "standard output") ||
+        (!one_output && !make_output(STDERR_FILENO, "standard error")))
+        return false;
+    if (one_output)
+        of_program_[STDERR_FILENO] = of_program_[STDOUT_FILENO];
+    return true;
+}
+
+bool Streams::make_input()
+{
+    if (leads_nowhere(STDIN_FILENO))
+        return true;
+    znc::UniqueFd reader;
+    znc::UniqueFd writer;
+    if (!make_pipe(reader, writer) || !do_not_wait(writer.get()))
+        return false;
+    of_program_[STDIN_FILENO] = reader.get();
+    own_.push_back(std::move(reader));
+    input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::own(std::move(writer)),
+                   "standard input");
+    return true;
+}
+
+bool Streams::make_output(int fd, const char* name)
+{
+    if (leads_nowhere(fd))
+        return true;
+    znc::UniqueFd reader;
+    znc::UniqueFd writer;
+    if (!make_pipe(reader, writer) || !do_not_wait(reader.get()))
+        return false;
+    of_program_[static_cast<std::size_t>(fd)] = writer.get();
+    own_.push_back(std::move(writer));
+    outputs_.emplace_back(PumpEnd::own(std::move(reader)), PumpEnd::of_caller(fd), name);
+    struct stat st = {};
+    if (::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode)))
+        outputs_.back().move_in_kernel();
+    return true;
+}
+
+void Streams::use_terminal(const Pty& pty, std::function<void(std::string_view)> typed)
+{
+    constexpr std::string_view kEndOfFile = "\x04";
+    of_program_ = {pty.user(), pty.user(), pty.user()};
+    terminal_ = true;
+    input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::borrowed(pty.master()),
+                   "standard input");
+    input_->watch(std::move(typed), kEndOfFile);
+    outputs_.emplace_back(PumpEnd::borrowed(pty.master()), PumpEnd::of_caller(STDOUT_FILENO),
+                          "standard output");
+}
+
+void Streams::wait(const SignalQueue& signals)
+{
+    const bool background =
+        input_ && input_->from().is_terminal() && in_background(input_->from().fd());
+    std::vector<pollfd> wanted;
+    const auto add = [&wanted](const Pump& pump) {
+        for (const pollfd& fd : pump.wanted())
+            wanted.push_back(fd);
+    };
+    for (const Pump& output : outputs_)
+        add(output);
+    if (input_) {
+        input_->pause(background);
+        add(*input_);
+    }
+    signals.wait(wanted, background ? &kForegroundLook : nullptr);
+    std::size_t at = 0;
+    for (Pump& output : outputs_) {
+        output.go(wanted[at].revents, wanted[at + 1].revents);
+        at += 2;
+    }
+    if (input_)
+        input_->go(wanted[at].revents, wanted[at + 1].revents);
+}
+
+void Streams::finish()
+{
+    if (input_)
+        input_->abandon();
+    for (Pump& output : outputs_)
+        if (!output.done())
+            output.finish(terminal_ ? kTerminalRest : bytes_in(output.from()));
+}
+
+bool Streams::done() const
+{
+    return std::all_of(outputs_.begin(), outputs_.end(),
+                       [](const Pump& output) { return output.done(); });
+}
+
+bool Streams::report_failures(const std::string& id) const
+{
+    bool any = false;
+    const auto report = [&](const Pump& pump) {
+        if (pump.error() == 0)
+            return;
+        any = true;
+        static_cast<void>(local_failure(pump.error(), fmt::format("{}: {}", id, pump.name())));
+    };
+    if (input_)
+        report(*input_);
+    for (const Pump& output : outputs_)
+        report(output);
+    return any;
+}
+
+} // namespace zncctl

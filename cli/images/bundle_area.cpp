@@ -1,0 +1,95 @@
+#include "bundle_area.hpp"
+
+#include "front/files.hpp"
+#include "image_bundle.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdexcept>
+#include <sys/stat.h>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+// In the bundle's directory, where nothing of the image itself is.
+constexpr const char* kCompleteMark = "/.complete";
+constexpr const char* kInUse = "/.in-use";
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+[[noreturn]] void fail(const std::string& object)
+{
+    throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
+}
+
+} // namespace
+
+std::string bundle_area()
+{
+    std::string area = storage_base() + "/bundles";
+    if (::mkdir(area.c_str(), 0700) != 0 && errno != EEXIST)
+        fail(area);
+    const znc::UniqueFd dir(::open(area.c_str(), kDirFlags));
+    struct stat st = {};
+    if (!dir || ::fstat(dir.get(), &st) != 0)
+        fail(area);
+    if (st.st_uid != ::geteuid())
+        throw std::runtime_error(fmt::format("{}: it belongs to another user", area));
+    if ((st.st_mode & 077U) != 0 && ::fchmod(dir.get(), 0700) != 0)
+        fail(area);
+    return area;
+}
+
+BundlesInUse::BundlesInUse(const std::string& area)
+{
+    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it"))
+        fail(area + kInUse);
+}
+
+std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
+{
+    std::unique_ptr<BundlesInUse> none(new BundlesInUse);
+    if (none->lock_.try_take(area + kInUse))
+        return none;
+    if (errno != EWOULDBLOCK)
+        fail(area + kInUse);
+    return nullptr;
+}
+
+BundleLock::BundleLock(const std::string& area, const std::string& name)
+{
+    const std::string path = fmt::format("{}/.lock-{}", area, name.substr(0, 200));
+    if (!lock_.take(path, "another process is unpacking this image; waiting for it"))
+        fail(path);
+}
+
+bool is_complete(const std::string& bundle)
+{
+    struct stat st = {};
+    return ::lstat((bundle + kCompleteMark).c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+           st.st_uid == ::geteuid();
+}
+
+bool mark_complete(const std::string& bundle)
+{
+    // The mark must not outlive a crash of the machine that the configuration does not.
+    const znc::UniqueFd config = open_regular(bundle + "/config.json");
+    if (!config || ::fsync(config.get()) != 0)
+        return false;
+    return static_cast<bool>(
+        znc::UniqueFd(::open((bundle + kCompleteMark).c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)));
+}
+
+bool remove_bundle(const std::string& bundle)
+{
+    struct stat st = {};
+    if (::lstat(bundle.c_str(), &st) != 0)
+        return errno == ENOENT;
+    if (!S_ISDIR(st.st_mode))
+        return ::unlink(bundle.c_str()) == 0;
+    return zncImageBundleDelete(bundle.c_str()) == OK;
+}
+
+} // namespace zncctl

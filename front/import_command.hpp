@@ -1,0 +1,54 @@
+// import_command.hpp - the command `zncctl import`, which zncctl lists and hands on, and another
+// program carries out.
+#ifndef ZNC_FRONT_IMPORT_COMMAND_HPP
+#define ZNC_FRONT_IMPORT_COMMAND_HPP
+
+#include "command.hpp"
+
+namespace zncctl {
+
+inline constexpr Option kImportOptions[] = {
+    {'t', "tag", "TAG", "the new image's name (default: that of the source, or latest)"},
+    {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},
+    {0, "set-os", "OS", "give the new image this operating system"},
+    {0, "set-arch", "ARCH", "give the new image this architecture"},
+    {'f', "force", nullptr, "replace an image of that name and platform"},
+    {'n', "dry-run", nullptr, "only tell what would become of it"},
+    {0, "split", nullptr, "keep lower layers apart that no later one changes"},
+    {0, "hardlinks", "HOW", "\"auto\" (default: copies, links beyond --max-hardlink-bytes)",
+     Word::kChoice, "auto copy symlink"},
+    {0, "devices", "HOW", "devices and FIFOs outside dev: \"fail\" (default), \"drop\" or \"keep\"",
+     Word::kChoice, "fail drop keep"},
+    {0, "long-links", "HOW", "targets too long in every form: \"fail\" (default) or \"hop\"",
+     Word::kChoice, "fail hop"},
+    {0, "skip-unrepresentable", nullptr, "leave out names and sizes that cannot be carried"},
+    {0, "strict", nullptr, "fail when anything is lost"},
+    {0, "report", "FILE", "list there what was lost or changed, as JSON", Word::kFile},
+    {0, "compress", "HOW", "\"isal\" (default) or \"zlib\"", Word::kChoice, "isal zlib"},
+    {0, "max-entries", "N", "members of all layers (default: 1000000)"},
+    {0, "max-bytes", "N", "plain bytes of all layers (default: 34359738368)"},
+    {0, "max-ratio", "N", "plain bytes for each compressed one (default: 1100)"},
+    {0, "max-depth", "N", "names in a path (default: 128)"},
+    {0, "max-json", "N", "bytes of a document (default: 4194304)"},
+    {0, "max-hardlink-bytes", "N", "added by copies of hard links (default: 16777216)"},
+    {'q', "quiet", nullptr, "do not print the new image's digest"},
+};
+
+// `run` as in Command.
+constexpr Command import_command(int (*run)(const Arguments& args))
+{
+    return {"import",
+            "",
+            "SOURCE LAYOUT[:TAG]",
+            "convert any image so that it can be unpacked",
+            kImportOptions,
+            2,
+            2,
+            Word::kFile,
+            "",
+            run};
+}
+
+} // namespace zncctl
+
+#endif

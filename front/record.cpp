@@ -1,0 +1,197 @@
+#include "record.hpp"
+
+#include "container_id.hpp"
+#include "files.hpp"
+#include "json.hpp"
+#include "zarnel/daemon_file.h"
+
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+#include <utility>
+
+namespace zncctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kArea = "containers"; // below the runtime directory
+constexpr const char* kStatusName = "status.json";
+constexpr const char* kLockName = "lock";
+constexpr std::chrono::seconds kOldKeeperTime(10);
+
+using Clock = std::chrono::steady_clock;
+
+znc::UniqueFd open_dir(int parent, const std::string& name)
+{
+    return znc::UniqueFd(
+        ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+znc::UniqueFd make_dir(int parent, const std::string& name)
+{
+    if (::mkdirat(parent, name.c_str(), 0700) != 0 && errno != EEXIST)
+        return {};
+    return open_dir(parent, name);
+}
+
+// The same directory as the daemon's. Nobody else's, and no link to one, may stand in for it.
+znc::UniqueFd open_runtime(bool make)
+{
+    znc::UniqueFd dir =
+        make ? make_dir(AT_FDCWD, ZN_RUNTIME_DIR) : open_dir(AT_FDCWD, ZN_RUNTIME_DIR);
+    struct stat st = {};
+    if (dir && ::fstat(dir.get(), &st) == 0 && st.st_uid != ::geteuid()) {
+        errno = EPERM;
+        return {};
+    }
+    return dir;
+}
+
+znc::UniqueFd lock_of(int dir, bool make)
+{
+    const int flags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | (make ? O_CREAT : 0);
+    return znc::UniqueFd(::openat(dir, kLockName, flags, 0600));
+}
+
+bool take_lock(int lock)
+{
+    const auto deadline = Clock::now() + kOldKeeperTime;
+    while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || Clock::now() >= deadline) {
+            errno = EBUSY;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// Nothing for what is no number of that size.
+std::optional<int> number_of(const Json& json, const char* key)
+{
+    const auto number = integer(member(json, key));
+    return number && std::in_range<int>(*number) ? std::optional(static_cast<int>(*number))
+                                                 : std::nullopt;
+}
+
+Record from_json(const Json& json)
+{
+    Record record;
+    record.keeper = number_of(json, "keeper").value_or(0);
+    record.program = number_of(json, "program").value_or(0);
+    record.pid_namespace = text_of(json, "pidNamespace");
+    const Json* logged = member(json, "logged");
+    record.logged = logged != nullptr && *logged == true;
+    record.started = text_of(json, "started");
+    record.exited = text_of(json, "exited");
+    record.exit_code = number_of(json, "exitCode");
+    return record;
+}
+
+} // namespace
+
+std::string time_text(std::time_t time)
+{
+    std::tm utc = {};
+    std::array<char, 32> text{};
+    ::gmtime_r(&time, &utc);
+    return {text.data(), std::strftime(text.data(), text.size(), "%FT%TZ", &utc)};
+}
+
+RecordKeeper RecordKeeper::begin(const std::string& id)
+{
+    RecordKeeper keeper;
+    if (!is_container_id(id)) {
+        errno = EINVAL;
+        return {};
+    }
+    const znc::UniqueFd runtime = open_runtime(true);
+    const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kArea) : znc::UniqueFd();
+    if (area)
+        keeper.dir_ = make_dir(area.get(), kept_id(id));
+    znc::UniqueFd lock = keeper.dir_ ? lock_of(keeper.dir_.get(), true) : znc::UniqueFd();
+    if (!lock || !take_lock(lock.get()))
+        return {};
+    for (const char* old : {kStatusName, kLogName, kOldLogName})
+        ::unlinkat(keeper.dir_.get(), old, 0);
+    keeper.lock_ = std::move(lock);
+    return keeper;
+}
+
+void RecordKeeper::write(const Record& record) const
+{
+    Json json = {{"keeper", record.keeper},
+                 {"program", record.program},
+                 {"pidNamespace", record.pid_namespace},
+                 {"logged", record.logged},
+                 {"started", record.started}};
+    if (record.exit_code) {
+        json["exitCode"] = *record.exit_code;
+        json["exited"] = record.exited;
+    }
+    static_cast<void>(replace_file(dir_.get(), kStatusName, pretty(json)));
+}
+
+znc::UniqueFd open_record(const std::string& id)
+{
+    if (!is_container_id(id)) {
+        errno = EINVAL;
+        return {};
+    }
+    const znc::UniqueFd runtime = open_runtime(false);
+    const znc::UniqueFd area = runtime ? open_dir(runtime.get(), kArea) : znc::UniqueFd();
+    return area ? open_dir(area.get(), kept_id(id)) : znc::UniqueFd();
+}
+
+std::optional<Record> read_record(int dir)
+{
+    const auto text = read_file(kStatusName, dir);
+    const auto json = text ? parse_json(*text) : std::nullopt;
+    if (!json || !json->is_object())
+        return std::nullopt;
+    return from_json(*json);
+}
+
+std::optional<Record> read_record(const std::string& id)
+{
+    const znc::UniqueFd dir = open_record(id);
+    return dir ? read_record(dir.get()) : std::nullopt;
+}
+
+bool record_is_kept(int dir)
+{
+    const znc::UniqueFd lock = lock_of(dir, false);
+    return lock && ::flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+std::vector<std::string> recorded_ids()
+{
+    std::vector<std::string> ids;
+    std::error_code error;
+    for (fs::directory_iterator it(std::string(ZN_RUNTIME_DIR) + "/" + kArea, error), end;
+         it != end && !error; it.increment(error))
+        ids.push_back(it->path().filename());
+    return ids;
+}
+
+void remove_record(const std::string& id)
+{
+    const znc::UniqueFd dir = open_record(id);
+    if (!dir)
+        return;
+    // The lock goes with the directory: a keeper that still lives writes into what has no name.
+    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLockName})
+        ::unlinkat(dir.get(), name, 0);
+    const znc::UniqueFd area = open_dir(dir.get(), "..");
+    if (area)
+        ::unlinkat(area.get(), kept_id(id).c_str(), AT_REMOVEDIR);
+}
+
+} // namespace zncctl

@@ -1,0 +1,37 @@
+// words.hpp - small operations on text that several commands need.
+#ifndef ZNC_FRONT_WORDS_HPP
+#define ZNC_FRONT_WORDS_HPP
+
+#include <charconv>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zncctl {
+
+// The words of a text separated by single blanks.
+inline std::vector<std::string> split_words(std::string_view text)
+{
+    std::vector<std::string> words;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find(' '), text.size());
+        words.emplace_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return words;
+}
+
+// A text that is a number and nothing else.
+template <class Number> std::optional<Number> to_number(std::string_view text)
+{
+    Number number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return number;
+}
+
+} // namespace zncctl
+
+#endif

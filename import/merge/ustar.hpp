@@ -1,0 +1,43 @@
+// ustar.hpp - one header of a ustar archive, and whether something fits into one that the extractor
+// reads: 155 + 100 bytes of name, 99 of link target, less than 4 GiB of data, no backslash, which
+// it takes for a separator. Used by emit.
+#ifndef ZNC_IMPORT_MERGE_USTAR_HPP
+#define ZNC_IMPORT_MERGE_USTAR_HPP
+
+#include "import/source/archive.hpp"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace zncimport {
+
+constexpr std::size_t kBlock = 512;
+constexpr std::size_t kTargetMax = 99;
+using Block = std::array<std::byte, kBlock>;
+
+struct UstarMember {
+    std::string path; // without a leading "/"; a directory's ends with "/"
+    char type = '0';  // '0', '2', '3', '4', '5', '6'
+    std::uint32_t mode = 0;
+    std::uint64_t uid = 0;
+    std::uint64_t gid = 0;
+    std::uint64_t mtime = 0;
+    std::uint64_t size = 0;
+    std::string target;
+    std::uint32_t major = 0;
+    std::uint32_t minor = 0;
+};
+
+// What a header calls a kind.
+char ustar_type(Kind kind);
+
+// Why it cannot be written, or "".
+std::string ustar_problem(const UstarMember& member);
+// The header of one that can.
+Block ustar_header(const UstarMember& member);
+
+} // namespace zncimport
+
+#endif

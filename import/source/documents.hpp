@@ -1,0 +1,29 @@
+// documents.hpp - how the documents of an image are made: names that the format gives, and digests.
+// Used by image_config and layout_writer.
+#ifndef ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
+#define ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
+
+#include "front/digest.hpp"
+#include "front/json.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace zncimport {
+
+using zncctl::kRefName;
+inline constexpr const char* kManifestType = "application/vnd.oci.image.manifest.v1+json";
+
+// As the library names blobs: "sha256:...".
+inline std::string digest_of(std::string_view bytes)
+{
+    return zncctl::digest_of("sha256", bytes);
+}
+
+inline zncctl::Json descriptor(const char* type, const std::string& digest, std::uint64_t size)
+{
+    return {{"mediaType", type}, {"digest", digest}, {"size", size}};
+}
+
+} // namespace zncimport
+
+#endif

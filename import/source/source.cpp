@@ -1,0 +1,251 @@
+#include "source_kinds.hpp"
+
+#include "front/files.hpp"
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <iterator>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace zncimport {
+namespace {
+
+// Decompresses, or copies, everything into the spool.
+FilePart spooled(Reader& stream, const std::string& name, Spool& spool, const Limits& limits)
+{
+    // The layers in it count for themselves, later.
+    Budget budget(limits);
+    const ReaderPtr bytes = plain(stream, name, budget);
+    const std::uint64_t start = spool.size();
+    std::vector<std::byte> part(std::size_t{256} << 10U);
+    while (const std::size_t got = bytes->read(part))
+        spool.append(std::span(part).first(got));
+    return {spool.fd(), {start, spool.size() - start}, name, nullptr};
+}
+
+// The archive as a plain file: where it is, if it can be read in any order, or in the spool.
+FilePart plain_archive(const OpenedSource& opened, Spool& spool, const Limits& limits)
+{
+    const int fd = opened.fd.get();
+    const std::string& name = opened.name.path;
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0)
+        throw Failure(name, zncctl::error_text());
+    const off_t at = S_ISREG(status.st_mode) ? ::lseek(fd, 0, SEEK_CUR) : -1;
+    if (at < 0)
+        return spooled(*read_stream(fd, name), name, spool, limits);
+    FilePart whole = {
+        fd,
+        {static_cast<std::uint64_t>(at),
+         static_cast<std::uint64_t>(std::max(status.st_size, at)) - static_cast<std::uint64_t>(at)},
+        name,
+        nullptr};
+    std::array<std::byte, kMagicSize> head{};
+    const std::size_t size = whole.read()->read(head);
+    if (!is_compressed(std::span(head).first(size)))
+        return whole;
+    return spooled(*whole.read(), name, spool, limits);
+}
+
+SourcePtr read_archive(const OpenedSource& opened, Spool& spool, const Limits& limits)
+{
+    const std::string& prefix = opened.name.prefix;
+    const FilePart whole = plain_archive(opened, spool, limits);
+    if (prefix == "tar")
+        return rootfs_source(whole);
+    auto files = std::make_unique<ArchiveFiles>(whole, limits);
+    if (prefix.empty() && !files->has("oci-layout") && !files->has("manifest.json"))
+        return rootfs_source(whole);
+    files->check_names();
+    if (prefix == "docker-archive" || (prefix.empty() && !files->has("oci-layout")))
+        return docker_source(std::move(files), limits);
+    return layout_source(std::move(files), limits);
+}
+
+bool is_there(int directory, const char* name)
+{
+    struct stat status = {};
+    return ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool is_compatible(const std::string& prefix, bool directory)
+{
+    if (prefix == "oci" || prefix == "dir")
+        return directory;
+    return prefix.empty() || !directory;
+}
+
+bool is_named(const SourceImage& image, const std::string& wanted)
+{
+    return std::any_of(image.names.begin(), image.names.end(), [&](const std::string& name) {
+        const std::size_t colon = name.rfind(':');
+        return name == wanted || (colon != name.npos && name.substr(colon + 1) == wanted);
+    });
+}
+
+// A root filesystem says nothing about the platform it is for.
+bool is_for(const SourceImage& image, const Wanted& wanted)
+{
+    const auto fits = [](const std::string& has, const std::string& asked) {
+        return asked.empty() || has.empty() || has == asked;
+    };
+    return fits(image.os, wanted.os) && fits(image.arch, wanted.arch) &&
+           (wanted.variant.empty() || image.arch.empty() || image.variant == wanted.variant);
+}
+
+std::string listed(const std::vector<SourceImage>& images, const std::vector<std::size_t>& places)
+{
+    constexpr std::size_t kMost = 100;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(places.size(), kMost); i++) {
+        const SourceImage& image = images[places[i]];
+        text += text.empty() ? "" : ", ";
+        text += image.names.empty() ? image.manifest_digest : image.names.front();
+        text += text.empty() || text.ends_with(' ') ? "" : " ";
+        text += image.os + "/" + image.arch;
+        text += image.variant.empty() ? "" : "/" + image.variant;
+    }
+    return places.size() > kMost ? text + ", ..." : text;
+}
+
+} // namespace
+
+SourceName split_source_name(const std::string& text)
+{
+    SourceName result = {"", text, ""};
+    for (const char* prefix : {"oci", "oci-archive", "docker-archive", "dir", "tar"})
+        if (text.starts_with(std::string(prefix) + ":"))
+            result = {prefix, text.substr(std::string_view(prefix).size() + 1), ""};
+    const bool named = result.prefix.starts_with("oci") || result.prefix == "docker-archive";
+    if (const std::size_t colon = result.path.find(':'); named && colon != std::string::npos) {
+        result.name = result.path.substr(colon + 1);
+        result.path.resize(colon);
+    }
+    if (result.path.empty())
+        throw Failure("", fmt::format("\"{}\" names no file", text), zncctl::kExitUsage);
+    return result;
+}
+
+void read_platform(const std::string& text, Wanted& wanted)
+{
+    std::vector<std::string> parts(1);
+    for (const char c : text)
+        if (c == '/')
+            parts.emplace_back();
+        else
+            parts.back() += c;
+    const bool empty = std::any_of(parts.begin(), parts.end(),
+                                   [](const std::string& part) { return part.empty(); });
+    if (empty || parts.size() < 2 || parts.size() > 3)
+        throw Failure("", fmt::format("\"{}\" is no OS/ARCH[/VARIANT]", text), zncctl::kExitUsage);
+    wanted.os = parts[0];
+    wanted.arch = parts[1];
+    wanted.variant = parts.size() == 3 ? parts[2] : "";
+}
+
+OpenedSource open_source(const SourceName& name)
+{
+    OpenedSource opened;
+    opened.name = name;
+    const bool standard = name.path == "-";
+    opened.fd.reset(standard ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                             : ::open(name.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    struct stat status = {};
+    if (!opened.fd || ::fstat(opened.fd.get(), &status) != 0)
+        throw Failure(standard ? "standard input" : name.path, zncctl::error_text(),
+                      errno == ENOENT ? zncctl::kExitNotFound : zncctl::kExitFailure);
+    if (standard)
+        opened.name.path = "standard input";
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) // /dev/zero has no end
+        throw Failure(opened.name.path, "is a device");
+    opened.directory = S_ISDIR(status.st_mode);
+    if (!is_compatible(name.prefix, opened.directory))
+        throw Failure(name.path, opened.directory ? "is a directory" : "is no directory");
+    return opened;
+}
+
+SourcePtr read_source(const OpenedSource& opened, Spool& spool, Budget& budget)
+{
+    const Limits& limits = budget.limits();
+    if (!opened.directory)
+        return read_archive(opened, spool, limits);
+    const int directory = opened.fd.get();
+    const bool layout = is_there(directory, "oci-layout") || is_there(directory, "index.json");
+    if (opened.name.prefix == "dir" || (opened.name.prefix.empty() && !layout))
+        return rootfs_source(std::nullopt);
+    return layout_source(std::make_unique<DirectoryFiles>(directory), limits);
+}
+
+std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
+{
+    std::vector<std::size_t> all;
+    std::vector<std::size_t> found;
+    for (std::size_t i = 0; i < images.size(); i++) {
+        all.push_back(i);
+        if ((wanted.name.empty() || is_named(images[i], wanted.name)) && is_for(images[i], wanted))
+            found.push_back(i);
+    }
+    std::vector<std::size_t> usable;
+    std::copy_if(found.begin(), found.end(), std::back_inserter(usable),
+                 [&](std::size_t i) { return images[i].problem.empty(); });
+    // Beside an image there are often statements about it in the shape of images, and images for
+    // other platforms of which only the names are there.
+    if (found.size() == 1 || usable.size() == 1)
+        return usable.empty() ? found[0] : usable[0];
+    if (images.empty())
+        throw Failure("", "the source holds no image", zncctl::kExitNotFound);
+    if (found.empty())
+        throw Failure("", "no such image in the source, it holds: " + listed(images, all),
+                      zncctl::kExitNotFound);
+    throw Failure("", "several images fit, name one: " + listed(images, found),
+                  zncctl::kExitNotFound);
+}
+
+zncctl::Json parse_document(const std::string& text, const std::string& name, bool array,
+                            zncctl::JsonNotes* notes)
+{
+    zncctl::JsonNotes own;
+    zncctl::JsonNotes& said = notes != nullptr ? *notes : own;
+    std::optional<zncctl::Json> json = zncctl::parse_json(text, &said);
+    if (!json)
+        throw Failure(name, "is refused: " + said.problem);
+    if (array ? !json->is_array() : !json->is_object())
+        throw Failure(name, array ? "is no JSON array" : "is no JSON object");
+    return *std::move(json);
+}
+
+void read_config(SourceImage& image, const std::string& text, const std::string& name)
+{
+    zncctl::JsonNotes notes;
+    zncctl::Json config = parse_document(text, name, false, &notes);
+    if (notes.inexact && image.problem.empty())
+        image.problem = "its configuration holds a number that cannot be kept as it is";
+    const auto take = [&](const char* key, std::string& to) {
+        if (const std::string value = zncctl::text_of(config, key); !value.empty())
+            to = value;
+    };
+    take("os", image.os);
+    take("architecture", image.arch);
+    take("variant", image.variant);
+    const zncctl::Json& diffs =
+        zncctl::children(zncctl::member(zncctl::member(config, "rootfs"), "diff_ids"));
+    const std::size_t count = diffs.size();
+    if (count != image.layers.size() && image.problem.empty())
+        image.problem = fmt::format("its configuration names {} layers, its manifest {}", count,
+                                    image.layers.size());
+    std::size_t at = 0;
+    for (const zncctl::Json& diff : diffs) {
+        const std::string* value = zncctl::text(&diff);
+        const std::string digest = value != nullptr ? *value : "";
+        if ((!is_digest(digest) || !digest.starts_with("sha256:")) && image.problem.empty())
+            image.problem = "its configuration has a layer's digest that is none";
+        if (at < image.layers.size())
+            image.layers[at++].diff_id = digest;
+    }
+    image.config = std::move(config);
+}
+
+} // namespace zncimport

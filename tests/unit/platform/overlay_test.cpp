@@ -1,0 +1,376 @@
+// Overlay devices on the kernel's overlay filesystem.
+
+#include "zarnel/overlay.h"
+
+#include "base/owned.hpp"
+#include "little_root.hpp"
+#include "overlay_mount.hpp"
+#include "zarnel/ns.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class Overlay : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(znOvlInit(), TRUE);
+        fs::create_directories("/tmp/o");
+        mounts_ = read_file("/proc/self/mountinfo");
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(read_file("/proc/self/mountinfo"), mounts_);
+        EXPECT_TRUE(fs::is_empty("/overlay"));
+        fs::remove_all("/tmp/o");
+    }
+
+    // A directory with one file that holds the directory's name.
+    std::string layer(const std::string& name, const std::string& file)
+    {
+        const std::string path = "/tmp/o/" + name;
+        fs::create_directories(path);
+        std::ofstream(path + "/" + file) << name;
+        return path;
+    }
+
+    STATUS create(const std::string& name, const std::vector<std::string>& dirs, BOOL hasUpper)
+    {
+        std::vector<const char*> list;
+        for (const std::string& dir : dirs)
+            list.push_back(dir.c_str());
+        return znOvlDevCreate(("/overlay/" + name).c_str(), list.data(),
+                              static_cast<uint32_t>(list.size()), hasUpper);
+    }
+    STATUS remove(const std::string& name) { return znOvlDevRemove(("/overlay/" + name).c_str()); }
+
+    std::string mounts_;
+};
+
+TEST_F(Overlay, FirstDirectoryIsOnTop)
+{
+    const std::string top = layer("top", "same");
+    const std::string bottom = layer("bottom", "same");
+    std::ofstream(bottom + "/below") << "b";
+    ASSERT_EQ(create("image", {top, bottom}, FALSE), OK) << std::strerror(errno);
+    EXPECT_EQ(read_file("/overlay/image/same"), "top");
+    EXPECT_EQ(read_file("/overlay/image/below"), "b");
+    EXPECT_EQ(::open("/overlay/image/new", O_WRONLY | O_CREAT | O_CLOEXEC, 0600), -1);
+    EXPECT_EQ(errno, EROFS);
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, WritesGoToTheUpperDirectoryOnly)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    const std::string lower = layer("lower", "file");
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", lower}, TRUE), OK) << std::strerror(errno);
+    std::ofstream("/overlay/web/file") << "changed";
+    EXPECT_EQ(read_file(lower + "/file"), "lower");
+    EXPECT_EQ(read_file("/tmp/o/c/upper/file"), "changed");
+    EXPECT_EQ(remove("web"), OK);
+}
+
+TEST_F(Overlay, ADeviceThatIsMountedIsNotMadeAgain)
+{
+    const std::string lower = layer("a", "x");
+    ASSERT_EQ(create("image", {lower}, FALSE), OK) << std::strerror(errno);
+    EXPECT_EQ(create("image", {lower}, FALSE), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(remove("image"), OK);
+    EXPECT_EQ(remove("image"), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Overlay, ABareDirectoryOfItsNameIsNoDevice)
+{
+    fs::create_directories("/overlay/image");
+    EXPECT_EQ(remove("image"), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(create("image", {layer("a", "x")}, FALSE), OK) << std::strerror(errno);
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, AFileOrLinkOfItsNameIsNotReplaced)
+{
+    std::ofstream("/overlay/file") << "x";
+    fs::create_directory_symlink("/tmp/o", "/overlay/link");
+    for (const char* name : {"file", "link"}) {
+        EXPECT_EQ(create(name, {layer("a", "x")}, FALSE), ERROR);
+        EXPECT_EQ(errno, EEXIST);
+    }
+    fs::remove("/overlay/file");
+    fs::remove("/overlay/link");
+}
+
+TEST_F(Overlay, BadNamesAndListsAreRefused)
+{
+    const std::string lower = layer("a", "x");
+    for (const char* name : {"", ".", "..", "a/b"}) {
+        EXPECT_EQ(create(name, {lower}, FALSE), ERROR) << name;
+        EXPECT_EQ(errno, EINVAL) << name;
+    }
+    const char* dirs[] = {lower.c_str()};
+    EXPECT_EQ(znOvlDevCreate("/tmp/o/image", dirs, 1, FALSE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(create("image", {}, FALSE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(create("image", {lower}, TRUE), ERROR); // an upper without a lower
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(create("image", {"/tmp/o/none"}, FALSE), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Overlay, StacksOf127LayersAndPathsWithColonsCommasAndSpacesWork)
+{
+    std::vector<std::string> dirs;
+    for (int i = 0; i < 127; i++)
+        dirs.push_back(layer("l:a,y e\\r" + std::string(100, 'x') + std::to_string(i),
+                             "f" + std::to_string(i)));
+    ASSERT_EQ(create("image", dirs, FALSE), OK) << std::strerror(errno);
+    for (int i = 0; i < 127; i++)
+        EXPECT_TRUE(fs::exists("/overlay/image/f" + std::to_string(i))) << i;
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, MoreLayersThanTheKernelStacksFailWithItsNumber)
+{
+    std::vector<std::string> dirs;
+    for (int i = 0; i < 501; i++)
+        dirs.push_back(layer("l" + std::to_string(i), "f"));
+    EXPECT_EQ(create("many", dirs, FALSE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists("/overlay/many"));
+}
+
+TEST_F(Overlay, TheClassicCallGivesTheSameDevice)
+{
+    fs::create_directories("/tmp/o/point");
+    fs::create_directories("/tmp/o/upper");
+    fs::create_directories("/tmp/o/work");
+    const auto path_of = [](const std::string& path) {
+        return znc::UniqueFd(::open(path.c_str(), O_PATH | O_CLOEXEC));
+    };
+    std::vector<znc::UniqueFd> open;
+    std::vector<int> dirs;
+    for (int i = 0; i < 127; i++) {
+        open.push_back(path_of(layer("c:" + std::to_string(i), "f" + std::to_string(i))));
+        dirs.push_back(open.back().get());
+    }
+    const znc::UniqueFd point = path_of("/tmp/o/point");
+    const znc::UniqueFd upper = path_of("/tmp/o/upper");
+    const znc::UniqueFd work = path_of("/tmp/o/work");
+    ASSERT_EQ(zn::overlay_mount_classic(point.get(), dirs.data(), 127, -1, -1), 0)
+        << std::strerror(errno);
+    EXPECT_TRUE(fs::exists("/tmp/o/point/f126"));
+    ASSERT_EQ(::umount2("/tmp/o/point", 0), 0);
+    ASSERT_EQ(zn::overlay_mount_classic(point.get(), dirs.data(), 2, upper.get(), work.get()), 0)
+        << std::strerror(errno);
+    std::ofstream("/tmp/o/point/new") << "x";
+    ASSERT_EQ(::umount2("/tmp/o/point", 0), 0);
+    EXPECT_TRUE(fs::exists("/tmp/o/upper/new"));
+    EXPECT_EQ(
+        zn::overlay_mount_classic(point.get(), std::vector<int>(400, dirs[0]).data(), 400, -1, -1),
+        -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(Overlay, AfterARebootRecordedImagesComeBackAndTheRestGoes)
+{
+    const std::string lower = layer("a", "x");
+    const std::string gone = layer("b", "y");
+    ASSERT_EQ(create("image", {lower}, FALSE), OK);
+    ASSERT_EQ(create("lost", {gone}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0); // what a reboot does
+    ASSERT_EQ(::umount2("/overlay/lost", MNT_DETACH), 0);
+    fs::create_directories("/overlay/container");
+    fs::remove_all(gone);
+    EXPECT_EQ(znOvlRestore(), 0);
+    EXPECT_EQ(read_file("/overlay/image/x"), "a");
+    EXPECT_FALSE(fs::exists("/overlay/lost"));
+    EXPECT_FALSE(fs::exists("/overlay/container"));
+    EXPECT_EQ(znOvlRestore(), 0); // finds nothing to do
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, WritableDevicesOfADeadDaemonAreDetached)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("a", "x")}, TRUE), OK);
+    EXPECT_EQ(znOvlRestore(), 0);
+    EXPECT_FALSE(fs::exists("/overlay/web"));
+    EXPECT_TRUE(fs::exists("/tmp/o/c/upper"));
+}
+
+TEST_F(Overlay, AnAbandonedWritableDeviceDoesNotBlockANewOneButARootedOneDoes)
+{
+    make_little_root("/tmp/o/root");
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/root"}, TRUE), OK);
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/root"}, TRUE), OK) << std::strerror(errno);
+    const nsid_t ns = znnsCreate(0x1001);
+    ASSERT_EQ(znnsRootfsCreate(ns, "/overlay/web", "web"), OK) << std::strerror(errno);
+    EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/root"}, TRUE), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(znnsRootfsDestroy(ns, "/overlay/web", "web"), OK); // takes the device with it
+    EXPECT_FALSE(fs::exists("/overlay/web"));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Overlay, AnotherContainersDeviceAsRootIsNotTakenAlong)
+{
+    make_little_root("/tmp/o/root");
+    ASSERT_EQ(create("image", {"/tmp/o/root"}, FALSE), OK);
+    const nsid_t ns = znnsCreate(0x1001);
+    ASSERT_EQ(znnsRootfsCreate(ns, "/overlay/image", "web"), OK) << std::strerror(errno);
+    EXPECT_EQ(znnsRootfsDestroy(ns, "/overlay/image", "web"), OK);
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, AFailedRootTakesTheContainersDeviceAlong)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("a", "x")}, TRUE), OK);
+    const nsid_t ns = znnsCreate(0x1001);
+    ASSERT_EQ(znnsRootfsCreate(ns, "/overlay/web", "web"), OK);
+    const nsid_t taken = znnsCreate(0x1001);
+    // Its record cannot be written: the id is in use on disk.
+    std::ofstream("/run/zarnel/ns/" + std::to_string(taken)) << "";
+    EXPECT_EQ(znnsRootfsCreate(taken, "/overlay/web", "web"), ERROR);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(fs::exists("/overlay/web"));
+    EXPECT_TRUE(fs::remove("/run/zarnel/ns/" + std::to_string(taken))) << "it is another owner's";
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
+TEST_F(Overlay, AFailedCreationLeavesNothingNotEvenTheWorkDirectory)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
+    // An upper directory that the kernel refuses: proc takes no writes.
+    EXPECT_EQ(create("web", {"/proc/self", layer("a", "x")}, TRUE), ERROR);
+    // More layers than the kernel stacks.
+    std::vector<std::string> dirs = {"/tmp/o/c/upper"};
+    for (int i = 0; i < 501; i++)
+        dirs.push_back(layer("many" + std::to_string(i), "x"));
+    EXPECT_EQ(create("web", dirs, TRUE), ERROR);
+    EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
+    EXPECT_FALSE(fs::exists("/overlay/web"));
+    fs::create_directories("/tmp/o/c/work/kept"); // somebody else's
+    EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
+    EXPECT_TRUE(fs::exists("/tmp/o/c/work/kept"));
+}
+
+TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceMeanNothingOnTheHost)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("one", {layer("a", "x")}, FALSE), OK);
+    ASSERT_EQ(create("image", {layer("a", "x"), layer("b", "y")}, FALSE), OK);
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("b", "y")}, TRUE), OK);
+    for (const char* name : {"one", "image", "web"}) {
+        struct statvfs st = {};
+        ASSERT_EQ(::statvfs((std::string("/overlay/") + name).c_str(), &st), 0);
+        EXPECT_NE(st.f_flag & ST_NOSUID, 0U) << name;
+        EXPECT_NE(st.f_flag & ST_NODEV, 0U) << name;
+        EXPECT_EQ(remove(name), OK);
+    }
+}
+
+TEST_F(Overlay, ARecordThatACrashCutOffIsNotAttached)
+{
+    const std::string first = layer("a", "x");
+    const std::string second = layer("b", "y");
+    ASSERT_EQ(create("image", {first, second}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0);
+    const std::string record = read_file("/overlay/image/.zn-stack");
+    // As far as its first directory: that looks like a device of one layer.
+    for (std::size_t len : {std::size_t{0}, first.size() + 1, record.size() - 1}) {
+        fs::create_directories("/overlay/image");
+        std::ofstream("/overlay/image/.zn-stack") << record.substr(0, len);
+        EXPECT_EQ(znOvlRestore(), 0);
+        EXPECT_FALSE(fs::exists("/overlay/image")) << len;
+    }
+}
+
+TEST_F(Overlay, ADeviceThatCannotBeAttachedNowKeepsItsRecord)
+{
+    ASSERT_EQ(create("image", {layer("a", "x"), layer("b", "y")}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0);
+    rlimit old = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    int failures = 0;
+    // One more descriptor each time, until there are enough.
+    for (rlim_t most = 3; !fs::exists("/overlay/image/x"); most++) {
+        const rlimit few = {most, old.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        const int failed = znOvlRestore();
+        ::setrlimit(RLIMIT_NOFILE, &old);
+        failures += failed;
+        ASSERT_TRUE(fs::exists("/overlay/image")) << most;
+        ASSERT_EQ(failed == 0, fs::exists("/overlay/image/x")) << most;
+    }
+    EXPECT_GE(failures, 3);
+    EXPECT_EQ(read_file("/overlay/image/y"), "b");
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, AStoppedProcessWithTheLockDoesNotStopTheOthers)
+{
+    const std::string lower = layer("a", "x");
+    const znc::UniqueFd other(::open("/overlay", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+    EXPECT_EQ(create("image", {lower}, FALSE), ERROR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_FALSE(fs::exists("/overlay/image"));
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ::flock(other.get(), LOCK_UN);
+    });
+    EXPECT_EQ(create("image", {lower}, FALSE), OK);
+    later.join();
+    EXPECT_EQ(remove("image"), OK);
+}
+
+TEST_F(Overlay, OfTwoCreatorsAtOnceOneWins)
+{
+    const std::string lower = layer("a", "x");
+    for (int round = 0; round < 20; round++) {
+        std::vector<std::thread> threads;
+        std::vector<int> made(4, 0);
+        for (std::size_t i = 0; i < made.size(); i++)
+            threads.emplace_back([&, i] { made[i] = create("image", {lower}, FALSE) == OK; });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(made[0] + made[1] + made[2] + made[3], 1);
+        ASSERT_EQ(remove("image"), OK);
+    }
+}
+
+} // namespace
