@@ -5,7 +5,7 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <set>
+#include <utility>
 #include <vector>
 
 namespace zncctl {
@@ -102,9 +102,9 @@ class Builder {
     bool key(string_t& value)
     {
         key_ = std::move(value);
-        return good_text(key_) && is_new(open_.back());
+        return good_text(key_);
     }
-    bool end_object() { return end(); }
+    bool end_object() { return has_unique_keys(open_.back()) && end(); }
     bool start_array(std::size_t /*count*/) { return begin(Json::array(), false); }
     bool end_array() { return end(); }
 
@@ -120,7 +120,6 @@ class Builder {
     struct Open {
         Json* json;
         bool free_keys;
-        std::set<std::string, std::less<>> seen;
     };
 
     bool refuse(std::string problem)
@@ -133,16 +132,29 @@ class Builder {
     {
         return text.find('\0') == text.npos || refuse("a NUL in a text");
     }
-    bool is_new(Open& object)
+    // As the library compares them.
+    [[nodiscard]] static std::string comparable(const std::string& key, bool free)
+    {
+        std::string lower = lower_case(key);
+        return free && lower != kRefName ? key : lower; // the library looks for that one
+    }
+    bool has_unique_keys(const Open& object)
     {
         if (object.free_keys && annotations_ == Annotations::kMayRepeat)
             return true;
-        std::string lower = lower_case(key_);
-        const bool exact = object.free_keys && lower != kRefName; // which the library looks for
-        if (object.seen.insert(exact ? key_ : std::move(lower)).second)
+        const auto& members = object.json->get_ref<const Json::object_t&>();
+        std::vector<std::pair<std::string, std::size_t>> keys;
+        keys.reserve(members.size());
+        for (const auto& [key, value] : members)
+            keys.emplace_back(comparable(key, object.free_keys), keys.size());
+        std::sort(keys.begin(), keys.end());
+        const auto same = [](const auto& a, const auto& b) { return a.first == b.first; };
+        const auto twin = std::adjacent_find(keys.begin(), keys.end(), same);
+        if (twin == keys.end())
             return true;
         notes_.duplicate_key = true;
-        return refuse(fmt::format("the key \"{}\" is there twice", key_));
+        const auto at = members.begin() + static_cast<std::ptrdiff_t>((twin + 1)->second);
+        return refuse(fmt::format("the key \"{}\" is there twice", at->first));
     }
     Json* place(Json value)
     {
@@ -163,7 +175,7 @@ class Builder {
     {
         if (open_.size() == depth_)
             return refuse(fmt::format("more than {} levels", depth_));
-        open_.push_back({place(std::move(value)), free_keys, {}});
+        open_.push_back({place(std::move(value)), free_keys});
         return true;
     }
     bool end()
@@ -208,11 +220,18 @@ std::optional<Json> parse_json(std::string_view text, JsonNotes* notes, Annotati
         said.problem = fmt::format("it has more than {} bytes", limits.bytes);
         return std::nullopt;
     }
+    // Which the parser takes for the end of the text.
+    if (const std::size_t nul = text.find('\0'); nul != text.npos) {
+        said.problem = "no JSON at " + position(text, nul);
+        return std::nullopt;
+    }
     const char* furthest = text.data();
     Builder builder(said, annotations, limits.depth);
     if (Json::sax_parse(Cursor(text.data(), &furthest),
                         Cursor(text.data() + text.size(), &furthest), &builder))
         return builder.take();
+    if (said.duplicate_key)
+        return std::nullopt; // the key says where
     // What was read last is what is wrong; at the end there is nothing behind it.
     auto at = static_cast<std::size_t>(furthest - text.data());
     at -= at > 0 ? 1 : 0;

@@ -27,7 +27,7 @@ struct JsonLimits {
 
 // What there is to say about a text.
 struct JsonNotes {
-    std::string problem;        // why it is refused, with the place in it; "" if it is not
+    std::string problem;        // why it is refused, with the place or the key; "" if it is not
     bool duplicate_key = false; // that is why
     bool inexact = false;       // a number has more digits than are kept
 };

@@ -216,8 +216,8 @@ std::vector<std::string> asked_for(const Json& configuration)
     const Json& section = object_member(configuration, "config");
     // What is refused in it is said in the same words as by unpack.
     static_cast<void>(settle_configuration(configuration, true, ""));
-    for (const auto& volume : object_member(section, "Volumes").items()) {
-        const ImageMount mount = read_mount(volume.key());
+    for (const auto& asked_mount : object_member(section, "Volumes").items()) {
+        const ImageMount mount = read_mount(asked_mount.key());
         const bool volume = mount.kind == ImageMount::Kind::kVolume;
         asked.push_back((volume ? "a volume at " : "a mount of ") + text_of_mount(mount));
     }

@@ -122,7 +122,7 @@ Json read_index(int dir)
     zncctl::JsonNotes notes;
     std::optional<Json> index = zncctl::parse_json(*text, &notes);
     if (!index)
-        throw Failure(kName, "is refused: " + notes.problem);
+        throw Failure(kName, notes.problem);
     if (!zncctl::is_array(member(*index, "manifests")))
         throw Failure(kName, "\"manifests\" is no array");
     if (notes.inexact)
@@ -241,7 +241,7 @@ void LayoutWriter::State::read_or_begin()
         zncctl::JsonNotes notes;
         const Json document = zncctl::parse_json(*text, &notes).value_or(Json());
         if (notes.duplicate_key)
-            throw Failure(path + "/" + kName, "is refused: " + notes.problem);
+            throw Failure(path + "/" + kName, notes.problem);
         if (text_of(document, "imageLayoutVersion") != "1.0.0")
             throw Failure(path, "is no image layout of version 1.0.0");
     } else {

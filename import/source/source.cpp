@@ -211,7 +211,7 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
     zncctl::JsonNotes& said = notes != nullptr ? *notes : own;
     std::optional<zncctl::Json> json = zncctl::parse_json(text, &said);
     if (!json)
-        throw Failure(name, "is refused: " + said.problem);
+        throw Failure(name, said.problem);
     if (array ? !json->is_array() : !json->is_object())
         throw Failure(name, array ? "is no JSON array" : "is no JSON object");
     return *std::move(json);

@@ -122,7 +122,7 @@ class LayoutSource : public Source {
         zncctl::JsonNotes notes;
         static_cast<void>(zncctl::parse_json(documents_.read(*file, "", -1), &notes));
         if (notes.duplicate_key)
-            throw Failure("oci-layout", "is refused: " + notes.problem);
+            throw Failure("oci-layout", notes.problem);
     }
 
     std::optional<std::string> document(const Descriptor& descriptor);
