@@ -152,8 +152,8 @@ class Builder {
         const auto twin = std::adjacent_find(keys.begin(), keys.end(), same);
         if (twin == keys.end())
             return true;
-        notes_.duplicate_key = true;
         const auto at = members.begin() + static_cast<std::ptrdiff_t>((twin + 1)->second);
+        notes_.duplicate_key = at->first;
         return refuse(fmt::format("the key \"{}\" is there twice", at->first));
     }
     Json* place(Json value)

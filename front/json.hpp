@@ -27,9 +27,9 @@ struct JsonLimits {
 
 // What there is to say about a text.
 struct JsonNotes {
-    std::string problem;        // why it is refused, with the place or the key; "" if it is not
-    bool duplicate_key = false; // that is why
-    bool inexact = false;       // a number has more digits than are kept
+    std::string problem; // why it is refused, with the place or the key; "" if it is not
+    std::optional<std::string> duplicate_key; // which is why
+    bool inexact = false;                     // a number has more digits than are kept
 };
 
 enum class Annotations { kUnique, kMayRepeat };

@@ -94,7 +94,7 @@ std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, st
         problem = notes.problem;
         if (!notes.duplicate_key)
             return std::nullopt;
-        result.push_back({true, ".", "", notes.problem});
+        result.push_back({true, *notes.duplicate_key, "one such key", "two"});
     }
     auto findings = findings_in(text);
     if (!findings) {

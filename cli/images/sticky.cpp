@@ -1,6 +1,5 @@
 #include "sticky.hpp"
 
-#include "cli/containers/config_check.hpp"
 #include "front/container_id.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
@@ -94,7 +93,7 @@ bool restore_sticky(const std::string& id, const std::string& bundle)
     if (zncOvlFsAvailable() == FALSE)
         return true;
     const auto text = read_file(bundle + "/config.json");
-    const auto config = text ? parse_config(*text) : std::nullopt;
+    const auto config = text ? parse_json(*text, nullptr, Annotations::kMayRepeat) : std::nullopt;
     const Json* annotations = config ? any_case_member(*config, "annotations") : nullptr;
     const std::string directories = text_of(annotations, kStickyAnnotation);
     return directories.empty() || set_sticky(kOverlayDir + kept_id(id), directories);

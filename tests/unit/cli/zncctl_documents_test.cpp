@@ -112,7 +112,7 @@ TEST(ConfigCheck, RefusesKeysThatAreThereTwice)
 {
     const std::string text = std::string(R"({"ROOT": {"path": "/"},)") + (kGood + 1);
     EXPECT_EQ(ambiguity(text), "the key \"root\" is there twice");
-    EXPECT_EQ(findings(text), (Texts{"refused .", "ignored root"}));
+    EXPECT_EQ(findings(text), (Texts{"refused root", "ignored root"}));
 }
 
 // What the library reads and other readers do not, or otherwise.

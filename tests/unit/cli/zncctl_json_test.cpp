@@ -15,7 +15,7 @@ std::string problem_of(std::string_view text, Annotations annotations = Annotati
     JsonNotes notes;
     const bool read = parse_json(text, &notes, annotations).has_value();
     EXPECT_EQ(read, notes.problem.empty());
-    EXPECT_EQ(notes.duplicate_key, notes.problem.ends_with("is there twice"));
+    EXPECT_EQ(notes.duplicate_key.has_value(), notes.problem.ends_with("is there twice"));
     return notes.problem;
 }
 
