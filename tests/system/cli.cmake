@@ -28,3 +28,7 @@ add_test(NAME source_rules
 add_test(NAME source_arrows_test
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/source_arrows_test.sh ${PROJECT_SOURCE_DIR}
             ${CMAKE_CURRENT_BINARY_DIR}/source_arrows)
+
+add_test(NAME readme_test COMMAND znc_sandbox -- ${CMAKE_CURRENT_SOURCE_DIR}/readme_test.sh ${PROJECT_SOURCE_DIR}/README.md)
+set_tests_properties(readme_test PROPERTIES TIMEOUT 600
+    ENVIRONMENT "ZNCCTL=$<TARGET_FILE:zncctl>;ZNCD=$<TARGET_FILE:zncd>")

@@ -35,6 +35,7 @@ forbid 'Linux headers stay in platform/linux: import, but for what confines it' 
     "${import_headers/|sysmacros/}" $import_sources
 forbid 'the daemon uses signalfd and nothing else of Linux' \
     "${linux_headers/|signalfd/}" daemon
+forbid 'what /proc and /sys say is read in platform/linux' '"/(proc|sys)/' base format container front daemon cli import
 forbid 'the library has no code for one kernel' '__linux__|__gnu_linux__' container platform/include
 forbid 'the library neither ends the process nor prints on the side' \
     'std::cerr|\<abort\(|\<_?exit\(|\<_Exit\(|fprintf\(stderr' container/runtime/src

@@ -210,7 +210,7 @@ BOOL zncDaemonIsAlive(void);
  * one made here is removed again on failure. Layers are kept under the storage base
  * (zncBasePathGet) and shared between bundles where the overlay filesystem is available.
  * What is extracted is what was verified, also when the layout changes meanwhile. On OK the bundle
- * and what it needs are on the medium.
+ * and what it needs are on disk.
  * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
  * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the
  * image's overlay device exists already, or another image with the same diff IDs and other layers

@@ -26,7 +26,7 @@ cJSON* cJSON_parse_whole(const char* text, size_t len);
 
 /*
  * Print a tree, formatted, into the file `path`, created with the permission bits `mode`; a file of
- * that name is replaced. It is on the medium when this returns. 0, or -1 with the task error number
+ * that name is replaced. It is on disk when this returns. 0, or -1 with the task error number
  * set; no partial file stays.
  */
 int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode);

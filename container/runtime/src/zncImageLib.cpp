@@ -4,7 +4,7 @@
 
 #include "zarnel/fs.h"
 #include "zncStoreTree.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 #include "zncUnpackStore.hpp"
 
 #include <cstring>
@@ -131,7 +131,7 @@ STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
     return compose(root, "rootfs", "") ? OK : ERROR;
 }
 
-// The configuration comes last: once it is there, the bundle is whole and on the medium.
+// The configuration comes last: once it is there, the bundle is whole and on disk.
 STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* root, char* path)
 {
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)

@@ -1,6 +1,6 @@
 // zncImageLib_store.cpp - the layer store: one directory per layer, named by the digest of its
 // archive and shared by all images. A layer is extracted under a name of its own and renamed when
-// it is whole, verified and on the medium (zncLayerStage), so a directory with a layer's name is
+// it is whole, verified and on disk (zncLayerStage), so a directory with a layer's name is
 // that layer, whoever was killed when.
 #include "zncImageLib.hpp"
 
@@ -62,7 +62,7 @@ bool is_stored(const char* layerDir)
 
 // The layers of an image that the store lacks, the top one first. Each is extracted beside its
 // place, so that they can be extracted at the same time, and all get their names when they are on
-// the medium.
+// disk.
 class StoreJobs {
   public:
     StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead)

@@ -1,6 +1,6 @@
 // zncStoreRecord.hpp - what a storage base remembers: of each bundle, what of the store it needs;
 // of each flattened tree, which layers it was made of. A record is a list of texts, each ended by a
-// NUL, and one NUL more. It appears complete, and is on the medium, or not at all. Used by the
+// NUL, and one NUL more. It appears complete, and is on disk, or not at all. Used by the
 // unpack and by the collection of what is not used.
 #ifndef ZNCSTORERECORD_HPP
 #define ZNCSTORERECORD_HPP
@@ -35,7 +35,7 @@ class TextList {
     [[nodiscard]] const char* next(const char* text) const;
 
     [[nodiscard]] bool read(const char* path);
-    // Writes a temporary file beside `path`, on the medium; its name is in `made`.
+    // Writes a temporary file beside `path`, on disk; its name is in `made`.
     [[nodiscard]] bool write_beside(const char* path, PathText* made) const;
 
   private:

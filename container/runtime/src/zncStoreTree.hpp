@@ -12,7 +12,7 @@ namespace znc {
 // links and times of files. Follows no link. Trees that cannot be compared are not the same.
 bool same_tree(const char* a, const char* b);
 
-// Gives the tree in `stage`, whole and on the medium, the name `tree`. One of that name that holds
+// Gives the tree in `stage`, whole and on disk, the name `tree`. One of that name that holds
 // the same stays instead; one that does not, since somebody changed it, is exchanged in one step
 // and set aside as ".old-<name>-XXXXXX" beside it, for whoever uses it, until the store is
 // collected. `unknown`: nobody knows what the tree was made of; if it is not the same, EEXIST.

@@ -71,13 +71,19 @@ STATUS znDirMakeSticky(const char* root, const char* path);
 STATUS znDirExchange(const char* a, const char* b);
 
 /*
- * Have everything on the medium that was written to the file system of the directory `path`.
+ * Have everything on disk that was written to the file system of the directory `path`.
  * Blocks until it is. OK, or ERROR with the number of a write that failed.
  */
 STATUS znFsSync(const char* path);
 
-/* Have the names in the directory `path` on the medium: what was made, renamed, removed in it. */
+/* Have the names in the directory `path` on disk: what was made, renamed, removed in it. */
 STATUS znDirSync(const char* path);
+
+/*
+ * Write a path under which this process can open the file behind the descriptor `fd` anew, whatever
+ * name the file has by then, to `path`, cut to `size` bytes (64 are enough). Never fails.
+ */
+void znDescriptorPath(int fd, char* path, size_t size);
 
 /* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);

@@ -43,6 +43,19 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
  */
 STATUS znOvlDevRemove(const char* devName);
 
+/*
+ * One attached device: its path, the directories below it in the order of the stack (without the
+ * writable one), and whether a container can write to it. The texts are valid during the call only.
+ */
+typedef void (*ZN_OVL_DEV_VISIT)(const char* devName, const char* const* lower, uint32_t lowerNum,
+                                 BOOL writable, void* context);
+
+/*
+ * Call `visit` for each device that is attached now. OK, or ERROR with the task error number set
+ * when the table of mounts cannot be read, or with ENOMEM; some may have been visited then.
+ */
+STATUS znOvlDevEach(ZN_OVL_DEV_VISIT visit, void* context);
+
 /* Whether a living namespace has this device for its root; TRUE also if that cannot be told. */
 BOOL znOvlDevInUse(const char* devName);
 

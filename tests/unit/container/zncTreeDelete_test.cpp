@@ -1,4 +1,4 @@
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include "alloc_fault.hpp"
 #include "base/owned.hpp"

@@ -1,11 +1,11 @@
-// zncTreeLinks.hpp - deleting trees that an image or a container wrote.
+// zncTreeDelete.hpp - deleting trees that an image or a container wrote.
 //
 // zncUtilXdelete takes a link to a directory for that directory, and does not end on a tree it
 // cannot take apart (names beyond its path buffers, mount points, files that cannot be
 // removed). Whoever deletes a tree with foreign content therefore calls this instead: bundle
 // delete, failed layer extraction, a container's upper layer.
-#ifndef ZNCTREELINKS_HPP
-#define ZNCTREELINKS_HPP
+#ifndef ZNCTREEDELETE_HPP
+#define ZNCTREEDELETE_HPP
 
 #include "zncontainer.h"
 

@@ -1,5 +1,5 @@
-// zncTreeLinks.cpp - deleting trees that an image or a container wrote.
-#include "zncTreeLinks.hpp"
+// zncTreeDelete.cpp - deleting trees that an image or a container wrote.
+#include "zncTreeDelete.hpp"
 
 #include "zncOwned.hpp"
 
