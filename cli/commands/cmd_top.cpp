@@ -3,20 +3,10 @@
 #include "commands.hpp"
 #include "front/record.hpp"
 
-<<<<<<< HEAD
-#include <array>
-#include <filesystem>
-#include <fmt/format.h>
 #include <nlohmann/json.hpp>
-||||||| 2eb84ea
-#include <array>
-#include <filesystem>
-#include <fmt/format.h>
-=======
 #include <system_error>
 
 #include "zarnel/process_list.h"
->>>>>>> b8c9aa3c0d58ca558665e9003fbfd985db8010dc
 
 namespace zncctl {
 namespace {
@@ -41,43 +31,15 @@ std::vector<Process> processes_in(const std::string& pid_namespace)
 
 std::string json(const std::vector<Process>& processes)
 {
-<<<<<<< HEAD
     Json list = Json::array();
     for (const Process& process : processes)
-        list.push_back({{"pid", to_number<int>(process.pid).value_or(0)},
-                        {"containerPid", to_number<int>(process.inner_pid).value_or(0)},
-                        {"parent", to_number<int>(process.parent).value_or(0)},
-                        {"state", process.state.substr(0, 1)},
-                        {"memoryKb", to_number<int>(process.memory).value_or(0)},
+        list.push_back({{"pid", process.info.pid},
+                        {"containerPid", process.info.innerPid},
+                        {"parent", process.info.parent},
+                        {"state", std::string(1, process.info.state)},
+                        {"memoryKb", process.info.memoryKb},
                         {"command", process.command}});
     return compact(list);
-||||||| 2eb84ea
-    const Json list(cJSON_CreateArray());
-    for (const Process& process : processes) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_number(entry, "pid", to_number<int>(process.pid).value_or(0));
-        add_number(entry, "containerPid", to_number<int>(process.inner_pid).value_or(0));
-        add_number(entry, "parent", to_number<int>(process.parent).value_or(0));
-        add_text(entry, "state", process.state.substr(0, 1));
-        add_number(entry, "memoryKb", to_number<int>(process.memory).value_or(0));
-        add_text(entry, "command", process.command);
-    }
-    return compact(list.get());
-=======
-    const Json list(cJSON_CreateArray());
-    for (const Process& process : processes) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_number(entry, "pid", process.info.pid);
-        add_number(entry, "containerPid", process.info.innerPid);
-        add_number(entry, "parent", process.info.parent);
-        add_text(entry, "state", std::string(1, process.info.state));
-        add_number(entry, "memoryKb", static_cast<double>(process.info.memoryKb));
-        add_text(entry, "command", process.command);
-    }
-    return compact(list.get());
->>>>>>> b8c9aa3c0d58ca558665e9003fbfd985db8010dc
 }
 
 } // namespace
