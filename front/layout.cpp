@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <utility>
 
 namespace zncctl {
@@ -159,12 +158,6 @@ std::optional<std::vector<Image>> read_images(const std::string& path, std::stri
     return images;
 }
 
-bool is_directory(const std::string& path)
-{
-    struct stat st = {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 bool same_or_none(const std::string& wanted, const std::string& given)
 {
     return given.empty() || given == wanted;
@@ -176,7 +169,7 @@ ImageName split_image_name(const std::string& text)
 {
     const std::size_t colon = text.rfind(':');
     if (colon == text.npos || colon == 0 || text.find('/', colon) != text.npos ||
-        is_directory(text))
+        znc::is_directory(text.c_str()))
         return {text, kDefaultTag};
     return {text.substr(0, colon), text.substr(colon + 1)};
 }

@@ -21,11 +21,6 @@ namespace fs = std::filesystem;
 constexpr const char* kPrefix = ".layout-";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-[[noreturn]] void fail(const std::string& object)
-{
-    throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
-}
-
 std::string blob_name(const std::string& digest)
 {
     return blob_path("", digest).substr(1);
@@ -77,15 +72,15 @@ PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const 
     const znc::UniqueFd all(::open(area.c_str(), kDirFlags));
     while (!all || ::flock(all.get(), LOCK_EX) != 0)
         if (!all || errno != EINTR)
-            fail(area);
+            throw_error(area);
     sweep(area);
     std::string name = fmt::format("{}/{}XXXXXX", area, kPrefix);
     if (::mkdtemp(name.data()) == nullptr)
-        fail(area);
+        throw_error(area);
     path_ = name;
     dir_.reset(::open(path_.c_str(), kDirFlags));
     if (!dir_ || ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0)
-        fail(path_);
+        throw_error(path_);
     try {
         fill(image, layers, configuration);
     } catch (...) {
@@ -105,7 +100,7 @@ void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
 {
     for (const char* name : {"blobs", "blobs/sha256", "blobs/sha512"})
         if (::mkdirat(dir_.get(), name, 0700) != 0)
-            fail(path_);
+            throw_error(path_);
     Json list = Json::array();
     const std::vector<std::string>& files = layers.paths();
     for (std::size_t i = 0; i < image.layers.size(); i++) {
@@ -114,7 +109,7 @@ void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
         // A layer may be there twice.
         if (::symlinkat(files[i].c_str(), dir_.get(), blob_name(layer.digest).c_str()) != 0 &&
             errno != EEXIST)
-            fail(path_);
+            throw_error(path_);
     }
     const Json manifest = {{"schemaVersion", 2},
                            {"config", add_blob(image.config.media_type, compact(configuration))},
@@ -138,7 +133,7 @@ void PrivateLayout::write(const std::string& name, const std::string& text) cons
     znc::UniqueFd file(::openat(dir_.get(), name.c_str(),
                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file || !write_all(file.get(), text) || file.close_checked() != 0)
-        fail(path_);
+        throw_error(path_);
 }
 
 } // namespace zncctl

@@ -1,5 +1,6 @@
 #include "zarnel/ns.h"
 
+#include "base/file.hpp"
 #include "keeper_link.hpp"
 #include "mount_plan.hpp"
 #include "ns_entry.hpp"
@@ -191,12 +192,6 @@ UniqueFd detached_tree(const char* path, const MountPlan& plan)
     return tree;
 }
 
-bool is_directory(int fd)
-{
-    struct stat st;
-    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 bool is_own_device(const char* rootPath, const char* name)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
@@ -212,7 +207,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     const UniqueFd tree = detached_tree(rootPath, plan);
     if (!tree)
         return errno;
-    if (!is_directory(tree.get()))
+    if (!znc::is_directory(tree.get()))
         return ENOTDIR;
     wire::Request request = {};
     request.op = wire::Op::kRoot;
@@ -268,7 +263,7 @@ int mount_tree(Namespace& ns, const char* source, const char* destination, const
         return errno;
     wire::Request request = {};
     request.op = wire::Op::kMountTree;
-    request.isDirectory = is_directory(tree.get());
+    request.isDirectory = znc::is_directory(tree.get());
     TextBuffer text;
     if (!text.add(destination))
         return ENAMETOOLONG;

@@ -4,6 +4,7 @@
 
 #include "zarnel/overlay.h"
 
+#include "base/file.hpp"
 #include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
@@ -123,23 +124,15 @@ int detach(int devices, const char* name)
     return 0;
 }
 
-bool write_all(int file, const char* text, std::size_t len)
-{
-    const ssize_t n = ::write(file, text, len);
-    if (n >= 0 && n != static_cast<ssize_t>(len))
-        errno = ENOSPC;
-    return n == static_cast<ssize_t>(len);
-}
-
 bool write_stack(int node, const char* const* dirs, uint32_t count)
 {
     const UniqueFd file(
         ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     bool written = static_cast<bool>(file);
     for (uint32_t i = 0; written && i < count; i++)
-        written = write_all(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
+        written = znc::write_all(file.get(), {dirs[i], std::strlen(dirs[i]) + 1});
     // Without its end a record was cut off by a crash and shows too few layers.
-    return written && write_all(file.get(), "", 1);
+    return written && znc::write_all(file.get(), {"", 1});
 }
 
 UniqueFd open_node(int devices, const char* name)

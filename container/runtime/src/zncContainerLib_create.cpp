@@ -6,7 +6,7 @@
 
 namespace {
 
-using znc::fail_with;
+using znc::fail;
 using znc::LockedContext;
 
 // Undoes an unfinished create; the reason of the failure stays in errno.
@@ -24,13 +24,13 @@ using NewContext = std::unique_ptr<CONTAINER_CTX, ContextRollback>;
 STATUS check_conflicts(const char* containerId, const char* bundlePath)
 {
     if (const LockedContext same(zncContainerFindAndLockById(containerId)); same)
-        return fail_with(S_zncLib_CONTAINER_EXISTS);
+        return fail(S_zncLib_CONTAINER_EXISTS);
     // With the overlay filesystem each container writes into its own layer above the bundle.
     if (zncOvlFsAvailable())
         return OK;
     if (const LockedContext user(zncContainerFindAndLockByBundle(bundlePath)); user) {
         znc::send_progress("The bundle '%s' is already in use.", bundlePath);
-        return fail_with(S_zncLib_BUNDLE_IN_USE);
+        return fail(S_zncLib_BUNDLE_IN_USE);
     }
     return OK;
 }
@@ -41,13 +41,13 @@ STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
     char* const end = path + sizeof ctx->state.bundlePath;
     if (znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath) == end ||
         znPathAppend(path, sizeof ctx->state.bundlePath, "config.json") == end)
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     ctx->pConfig = zncInitializeRuntimeSpec(path);
     if (ctx->pConfig == nullptr) {
         if (errno != ENOENT)
-            return fail_with(S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
+            return fail(S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
         znc::send_progress("OCI bundle config.json not exists in %s", bundlePath);
-        return fail_with(S_zncLib_BUNDLE_CONFIG_NOT_EXIST);
+        return fail(S_zncLib_BUNDLE_CONFIG_NOT_EXIST);
     }
     path[0] = '\0';
     znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath);
@@ -59,9 +59,9 @@ STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
     CONTAINER_STATE& state = ctx->state;
     const char* const version = ctx->pConfig->version;
     if (!znc::is_spec_path(version))
-        return fail_with(S_zncLib_OCI_VERSION_INVALID);
+        return fail(S_zncLib_OCI_VERSION_INVALID);
     if (!znc::is_spec_version(version))
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     znc::copy_end(state.ver, state.ver + sizeof state.ver, version);
     // One character less than a valid id may have is kept.
     znc::copy_end(state.containerId, state.containerId + sizeof state.containerId, containerId);
@@ -71,12 +71,12 @@ STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
 STATUS check_config(const runtimeSpecConfig& config)
 {
     if (config.root == nullptr || !znc::is_spec_path(config.root->path))
-        return fail_with(S_zncLib_OCI_ROOT_INVALID);
+        return fail(S_zncLib_OCI_ROOT_INVALID);
     const runtimeSpecConfigProcess* const process = config.process;
     if (process == nullptr || !znc::is_spec_absolute_path(process->cwd))
-        return fail_with(S_zncLib_OCI_CWD_INVALID);
+        return fail(S_zncLib_OCI_CWD_INVALID);
     if (!znc::is_spec_path(process->args[0]))
-        return fail_with(S_zncLib_OCI_ARG_INVALID);
+        return fail(S_zncLib_OCI_ARG_INVALID);
     return OK;
 }
 
@@ -104,7 +104,7 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
                           [[maybe_unused]] unsigned int option, [[maybe_unused]] ZNC_ATTR* pAttr)
 {
     if (!isInitialized || !zncContainerIdValid(containerId) || !zncBundlePathValid(bundlePath))
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     if (check_conflicts(containerId, bundlePath) != OK)
         return ERROR;
     NewContext ctx(znc::malloc_zeroed<CONTAINER_CTX>().release());

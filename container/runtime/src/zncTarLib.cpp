@@ -1,6 +1,7 @@
 // zncTarLib.cpp - the run over an archive: its blocks and its end.
 #include "zncTarLib.hpp"
 
+#include "base/file.hpp"
 #include "zncBlob.hpp"
 #include "zncGzLib.hpp"
 #include "zncProgress.hpp"
@@ -89,12 +90,6 @@ STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
     return extract_members(ctrl);
 }
 
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
 
 // Where the blocks come from is in `ctrl`, and what else there is to know; afterwards, what was
@@ -125,7 +120,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
         errno = EINVAL;
         return ERROR;
     }
-    if (!is_directory(targetDir))
+    if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
@@ -141,7 +136,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
 STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
                               const std::atomic<bool>* cancel)
 {
-    if (!is_directory(targetDir))
+    if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(gz_archive_create(blob));
     if (gz == nullptr && !blob.restart())
