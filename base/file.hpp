@@ -7,6 +7,7 @@
 #include "owned.hpp"
 
 #include <cstddef>
+#include <string_view>
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -29,8 +30,13 @@ inline constexpr off_t kFileTextMax = off_t{64} * 1024 * 1024;
 // Reads a file whose status is `st` up to the size that this says. EFBIG: more than kFileTextMax.
 FileText read_text(int fd, const struct stat& st);
 
-// Writes all of it, however often the kernel takes only a part. False with the number of the call.
-bool write_whole(int fd, const char* bytes, std::size_t len);
+// Writes all of it, however often the kernel takes only a part. False with the number of the call,
+// ENOSPC when it takes nothing more.
+bool write_all(int fd, std::string_view bytes);
+
+// Whether there is a directory; links are followed. False also when that cannot be told.
+bool is_directory(const char* path);
+bool is_directory(int fd);
 
 } // namespace znc
 

@@ -25,8 +25,6 @@
 
 namespace {
 
-constexpr std::size_t kQueueMessages = 32;
-constexpr std::size_t kMessageLength = ZNC_MSG_MAX_LEN;
 constexpr int kExitUsage = 64;
 constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | "
                                "check | --help | --version\n";
@@ -162,7 +160,7 @@ int main(int argc, char** argv)
         zncd::log_errno("signalfd");
         return 1;
     }
-    if (znMsgQLimitsRaise(kQueueMessages, kMessageLength) != OK) {
+    if (znMsgQLimitsRaise(ZN_MSG_Q_LONGEST, ZNC_MSG_MAX_LEN) != OK) {
         say_queue_failure("the request queue cannot be made", errno);
         return 1;
     }

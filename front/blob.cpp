@@ -37,16 +37,16 @@ bool has_digest(std::string_view bytes, std::string_view digest)
     return computed.text().view() == digest;
 }
 
-std::string size_problem(int blob, const std::string& digest, double size)
+std::string size_problem(int blob, const std::string& digest, std::int64_t size)
 {
     struct stat st = {};
     if (::fstat(blob, &st) != 0)
         return fmt::format("blob {}: {}", digest, error_text());
     if (size < 0)
         return fmt::format("the size of blob {} is not said", digest);
-    if (static_cast<double>(st.st_size) == size)
+    if (st.st_size == size)
         return "";
-    return fmt::format("blob {} has {} bytes, not {:.0f}", digest, st.st_size, size);
+    return fmt::format("blob {} has {} bytes, not {}", digest, st.st_size, size);
 }
 
 } // namespace zncctl

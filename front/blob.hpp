@@ -5,6 +5,7 @@
 
 #include "format/digest.hpp"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -19,7 +20,7 @@ bool has_digest(std::string_view bytes, std::string_view digest);
 
 // Whether an open blob has another size than is said of it, which costs nothing to see: one that
 // its owner made of holes takes years to read. Nothing said (-1) is another size. "" if it has not.
-std::string size_problem(int blob, const std::string& digest, double size);
+std::string size_problem(int blob, const std::string& digest, std::int64_t size);
 
 } // namespace zncctl
 

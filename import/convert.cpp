@@ -130,16 +130,16 @@ Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool
 
     Outcome outcome;
     outcome.layers = write_layers(merged, options, spool, files);
-    outcome.os = zncctl::text_of(config.get(), "os");
-    outcome.arch = zncctl::text_of(config.get(), "architecture");
-    outcome.variant = zncctl::text_of(config.get(), "variant");
+    outcome.os = zncctl::text_of(config, "os");
+    outcome.arch = zncctl::text_of(config, "architecture");
+    outcome.variant = zncctl::text_of(config, "variant");
     outcome.config = finish_config(std::move(config), outcome.layers);
     outcome.manifest = new_manifest(image, outcome.config, outcome.layers);
     outcome.tag = tag_of(image);
     outcome.losses = report.losses();
     outcome.summary = report.summary();
     if (!options.report.empty())
-        outcome.report = zncctl::pretty(report.document().get());
+        outcome.report = zncctl::pretty(report.document());
     return outcome;
 }
 

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev nettle-dev
-    ninja-build pkg-config zlib1g-dev)
+    ninja-build nlohmann-json3-dev pkg-config zlib1g-dev)
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac

@@ -117,7 +117,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"));
+            settle_configuration(image->config_document, args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -143,7 +143,7 @@ class Unpacking {
   public:
     Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
-          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document.get())
+          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document)
     {
     }
 

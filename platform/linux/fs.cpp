@@ -1,6 +1,7 @@
 // fs.cpp - paths, directories, the environment.
 #include "zarnel/fs.h"
 
+#include "base/file.hpp"
 #include "base/owned.hpp"
 
 #include <climits>
@@ -14,12 +15,6 @@ namespace {
 constexpr mode_t kModeBits = 07777;
 constexpr mode_t kPermBits = 0777;
 constexpr int kReplaceTries = 8;
-
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 // mkdir with exactly the permission bits of `mode`; a set-group-id bit inherited from the parent
 // stays.
@@ -42,7 +37,7 @@ bool make_or_find(const char* path, mode_t mode)
         return true;
     if (errno != EEXIST)
         return false;
-    if (is_directory(path))
+    if (znc::is_directory(path))
         return true;
     errno = ENOTDIR;
     return false;

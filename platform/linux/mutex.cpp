@@ -3,6 +3,7 @@
 // touching it.
 #include "zarnel/mutex.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "clock.hpp"
 #include "zarnel/msgq.h"
@@ -43,12 +44,6 @@ thread_local char identity;
 bool is_owner(SEM_ID mutex)
 {
     return mutex->owner.load(std::memory_order_relaxed) == &identity;
-}
-
-STATUS fail(int err)
-{
-    errno = err;
-    return ERROR;
 }
 
 int init_mutex(pthread_mutex_t* mutex)
@@ -125,12 +120,12 @@ SEM_ID znMutexCreate(int options)
 STATUS znMutexTake(SEM_ID mutex, int timeout)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     znTaskSafe();
     const int err = lock(&mutex->mutex, timeout);
     if (err != 0) {
         znTaskUnsafe();
-        return fail(err);
+        return znc::fail(err);
     }
     mutex->owner.store(&identity, std::memory_order_relaxed);
     ++mutex->depth;
@@ -140,9 +135,9 @@ STATUS znMutexTake(SEM_ID mutex, int timeout)
 STATUS znMutexGive(SEM_ID mutex)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     if (!is_owner(mutex))
-        return fail(EPERM);
+        return znc::fail(EPERM);
     give_owned(mutex);
     return OK;
 }
@@ -150,19 +145,19 @@ STATUS znMutexGive(SEM_ID mutex)
 STATUS znMutexDelete(SEM_ID mutex)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     if (is_owner(mutex)) {
         for (unsigned n = mutex->depth; n > 0; --n)
             give_owned(mutex);
     } else {
         const int err = pthread_mutex_trylock(&mutex->mutex);
         if (err != 0)
-            return fail(err);
+            return znc::fail(err);
         pthread_mutex_unlock(&mutex->mutex);
     }
     const int err = pthread_mutex_destroy(&mutex->mutex);
     if (err != 0)
-        return fail(err);
+        return znc::fail(err);
     const znc::MallocPtr<znMutex> memory(mutex);
     return OK;
 }

@@ -1,5 +1,6 @@
 #include "zarnel/ns.h"
 
+#include "base/file.hpp"
 #include "keeper_link.hpp"
 #include "ns_entry.hpp"
 #include "ns_mount.hpp"
@@ -170,7 +171,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     const UniqueFd tree = detached_tree(rootPath, plan);
     if (!tree)
         return errno;
-    if (!is_directory(tree.get()))
+    if (!znc::is_directory(tree.get()))
         return ENOTDIR;
     wire::Request request = {};
     request.op = wire::Op::kRoot;

@@ -4,6 +4,7 @@
 
 #include "zarnel/overlay.h"
 
+#include "base/file.hpp"
 #include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"

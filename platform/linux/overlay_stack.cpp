@@ -27,9 +27,9 @@ bool stack_write(int node, const char* const* dirs, std::uint32_t count)
         ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     bool written = static_cast<bool>(file);
     for (std::uint32_t i = 0; written && i < count; i++)
-        written = znc::write_whole(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
+        written = znc::write_all(file.get(), {dirs[i], std::strlen(dirs[i]) + 1});
     // Without its end a record was cut off by a crash and shows too few layers.
-    return written && znc::write_whole(file.get(), "", 1);
+    return written && znc::write_all(file.get(), {"", 1});
 }
 
 void stack_remove(int node)

@@ -3,6 +3,7 @@
 
 #include "base/owned.hpp"
 #include "launch.hpp"
+#include "zarnel/msgq.h"
 
 #include <array>
 #include <cstdio>
@@ -16,8 +17,6 @@
 
 namespace zn {
 namespace {
-
-constexpr std::size_t kQueueMessages = 32;
 
 bool has_namespaces()
 {
@@ -91,7 +90,7 @@ bool has_long_queues()
     std::array<char, 32> text{};
     if (!file || ::read(file.get(), text.data(), text.size() - 1) <= 0)
         return false;
-    return std::strtoul(text.data(), nullptr, 10) >= kQueueMessages || ::geteuid() == 0;
+    return std::strtoul(text.data(), nullptr, 10) >= ZN_MSG_Q_LONGEST || ::geteuid() == 0;
 }
 
 bool has_overlay()

@@ -320,6 +320,52 @@ ZNC_NODISCARD STATUS zncImageUnpack(const char* bundlePath, const char* ociPath,
  */
 STATUS zncImageBundleDelete(const char* pBundlePath);
 
+/* What creating a container makes of a member of a bundle's "config.json". */
+typedef enum zncConfigVerdict {
+    ZNC_CONFIG_REFUSED = 0,   /* it is missing, or not what it must be: create fails */
+    ZNC_CONFIG_MISREAD = 1,   /* it is taken, but not for what it says: a list ends at the element
+                                 before this one, an object stands for a list, or the end of a text
+                                 that is no number is not looked at */
+    ZNC_CONFIG_IGNORED = 2,   /* of another type than it must be: as if it were missing */
+    ZNC_CONFIG_NO_EFFECT = 3, /* it is read and shown, and changes nothing */
+    ZNC_CONFIG_UNKNOWN = 4    /* it is not read */
+} ZNC_CONFIG_VERDICT;
+
+/* What a member must be. */
+typedef enum zncConfigType {
+    ZNC_CONFIG_ANY = 0, /* nothing in particular */
+    ZNC_CONFIG_STRING = 1,
+    ZNC_CONFIG_BOOLEAN = 2,
+    ZNC_CONFIG_OBJECT = 3,
+    ZNC_CONFIG_STRINGS = 4,       /* an array of strings */
+    ZNC_CONFIG_STRING_MAP = 5,    /* an object of strings */
+    ZNC_CONFIG_OBJECTS = 6,       /* an array of objects */
+    ZNC_CONFIG_NUMBER_STRING = 7, /* a string that is a number, in any base of C */
+    ZNC_CONFIG_VERSION = 8,       /* a string of 1 to 63 bytes */
+    ZNC_CONFIG_PATH = 9,          /* a string that is not empty */
+    ZNC_CONFIG_ABSOLUTE_PATH = 10,
+    ZNC_CONFIG_PROGRAM = 11 /* an array of strings; the first is there and not empty */
+} ZNC_CONFIG_TYPE;
+
+typedef struct zncConfigFinding {
+    ZNC_CONFIG_VERDICT verdict;
+    const char* path; /* "process.args[0]"; "" for the whole document */
+    ZNC_CONFIG_TYPE expected;
+    const char* found; /* "nothing", "null", "a string", "a number", "a boolean", "an array" or
+                          "an object" */
+    const char* value; /* the text of a string, else NULL */
+} ZNC_CONFIG_FINDING;
+
+typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context);
+
+/*
+ * Read `len` bytes of JSON as zncCreate's daemon reads a bundle's "config.json", and call `func`
+ * for each member that is not taken as it stands; for none, and with OK, if the whole document is.
+ * Of members whose keys differ in case only, the first is read. What is passed to `func` is
+ * borrowed for the call. EINVAL (NULL, or no JSON) or ENOMEM; `func` may have been called then.
+ */
+STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
+
 /* What a storage base keeps. */
 typedef enum zncStoreKind {
     ZNC_STORE_LAYER = 0,

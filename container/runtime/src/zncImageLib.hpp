@@ -6,6 +6,7 @@
 #ifndef ZNCIMAGELIB_HPP
 #define ZNCIMAGELIB_HPP
 
+#include "base/failure.hpp"
 #include "zncDigest.hpp"
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
@@ -151,12 +152,6 @@ inline constexpr std::size_t kTextBound = 256; // how far texts of an image are 
 inline bool exists(const char* path)
 {
     return ::access(path, F_OK) == 0;
-}
-
-inline STATUS fail(int code)
-{
-    errno = code;
-    return ERROR;
 }
 
 // `key` must outlive the object. A null item is one that could not be made.

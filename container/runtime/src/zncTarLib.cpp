@@ -1,6 +1,7 @@
 // zncTarLib.cpp - the run over an archive: its blocks and its end.
 #include "zncTarLib.hpp"
 
+#include "base/file.hpp"
 #include "zncBlob.hpp"
 #include "zncGzLib.hpp"
 #include "zncLayerFindings.hpp"
@@ -107,12 +108,6 @@ STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
     return extract_members(ctrl);
 }
 
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
 
 // Where the blocks come from is in `ctrl`, and what else there is to know; afterwards, what was
@@ -143,7 +138,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
         errno = EINVAL;
         return ERROR;
     }
-    if (!is_directory(targetDir))
+    if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));

@@ -26,6 +26,7 @@ extern "C" {
 typedef int MSG_Q_ID; /* negative: no queue */
 
 #define ZN_MSG_Q_INVALID (-1)
+#define ZN_MSG_Q_LONGEST 32 /* messages of the longest queue that a system must allow */
 
 #define ZN_MSG_Q_FIFO 0x0     /* option word: waiting tasks first come, first served */
 #define ZN_MSG_Q_PRIORITY 0x1 /* option word: waiting tasks in priority order */

@@ -29,6 +29,7 @@ static const Export exports[] = {
     EXPORT(zncBasePathGet),
     EXPORT(zncCall),
     EXPORT(zncCallQ),
+    EXPORT(zncConfigCheck),
     EXPORT(zncConfigToArray),
     EXPORT(zncContainerCreate),
     EXPORT(zncContainerDelete),
