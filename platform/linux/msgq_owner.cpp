@@ -18,8 +18,8 @@ using znc::UniqueFd;
 constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
 constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
-// Another handle of the same queue. A lock that is tried on the handle itself would replace the
-// maker's own lock where the caller is the maker.
+// A second open file description of the same queue. Locking `q` itself would convert the creator's
+// lock if the caller is the creator.
 UniqueFd handle_of_its_own(int q) noexcept
 {
     char path[64];
@@ -63,7 +63,7 @@ bool queue_is_abandoned(int q) noexcept
     if (::fstat(q, &st) == 0 && st.st_nlink == 0)
         return true;
     const UniqueFd mine = handle_of_its_own(q);
-    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // given back with the handle
+    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // released when the handle is closed
 }
 
 bool queue_remove_foreign(const char* name) noexcept
@@ -74,7 +74,7 @@ bool queue_remove_foreign(const char* name) noexcept
     struct stat st;
     if (queue && ::fstat(queue.get(), &st) != 0)
         return false;
-    // One that cannot be opened is another user's: this user's own are open to it.
+    // A queue that cannot be opened is another user's: this user's own can be opened.
     if (queue && st.st_uid == ::geteuid()) {
         errno = EEXIST;
         return false;
