@@ -115,7 +115,7 @@ bool out_of_descriptors()
     return !znc::UniqueFd(open("/", O_PATH | O_CLOEXEC));
 }
 
-// The first of the queues created by the calling task that it has open; -1: none.
+// The queue that the calling task created first, while that is open; -1: none.
 thread_local MSG_Q_ID firstMade = ZN_MSG_Q_INVALID;
 
 bool is_used_up(MSG_Q_ID q)

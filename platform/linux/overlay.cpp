@@ -1,6 +1,6 @@
-// Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
-// written down in a file in the bare directory, below the mount: it is out of sight while the
-// device exists and there when a reboot has taken the mount away.
+// overlay.cpp - overlay devices: overlayfs mounts on the directories in /overlay. The layers of a
+// read-only device are recorded in a file in the directory that the mount covers. The file is
+// hidden as long as the device is mounted, and accessible again after a reboot.
 
 #include "zarnel/overlay.h"
 
@@ -28,12 +28,12 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
+constexpr char kStackFile[] = ".zn-stack"; // NUL-terminated directories, then an empty string
 constexpr std::size_t kStackMax = 1024 * 1024;
 constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
-constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // where it can be done later
+constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // used if the work can be done later
 
-// The name below /overlay, or null for a path that is none of a device.
+// The name below /overlay, or null if the path is not that of a device.
 const char* device_name(const char* devName)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
@@ -45,8 +45,9 @@ const char* device_name(const char* devName)
     return bad ? nullptr : name;
 }
 
-// The directory of all devices, locked, so that one at a time makes or removes devices. A process
-// that is stopped while it has the lock must not stop the others: EBUSY in the end.
+// The directory of all devices, locked so that only one process at a time creates or removes
+// devices. The wait for the lock is limited (EBUSY), because the process that holds it may be
+// stopped.
 class Devices {
   public:
     explicit Devices(std::int64_t wait = kTurnNs)
@@ -64,8 +65,8 @@ class Devices {
             ::nanosleep(&pause, nullptr);
         }
     }
-    // Closing alone would not give the lock back: a child that the calling process forked meanwhile
-    // has the same open file, for as long as it lives.
+    // Unlock explicitly: a child that the process has forked in the meantime shares the open file
+    // description, so closing alone would not release the lock.
     ~Devices()
     {
         const znc::ErrnoSaver keep;
@@ -84,7 +85,7 @@ class Devices {
 
 enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
 
-// What stands at `name`: a device is a directory that is the root of a mount.
+// What exists at `name`. A device is a directory that is a mount point.
 Node look(int devices, const char* name)
 {
     struct statx st = {};
@@ -103,7 +104,7 @@ Node look(int devices, const char* name)
     return fs.f_type == OVERLAYFS_SUPER_MAGIC ? Node::kWritable : Node::kForeign;
 }
 
-// Removes the bare directory of a device with its record.
+// Removes the unmounted directory of a device with its record.
 void remove_node(int devices, const char* name)
 {
     const znc::ErrnoSaver keep;
@@ -138,7 +139,8 @@ bool write_stack(int node, const char* const* dirs, uint32_t count)
     bool written = static_cast<bool>(file);
     for (uint32_t i = 0; written && i < count; i++)
         written = write_all(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
-    // Without its end a record was cut off by a crash and shows too few layers.
+    // The terminating empty string shows that the record is complete; a crash may have truncated
+    // it.
     return written && write_all(file.get(), "", 1);
 }
 
@@ -147,7 +149,7 @@ UniqueFd open_node(int devices, const char* name)
     return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// The record's text; null with errno set, ENOENT when there is none or it has no end.
+// Reads the record. Null with errno set; ENOENT if it does not exist or is incomplete.
 MallocPtr<char[]> read_stack(int node, std::size_t& len)
 {
     const UniqueFd file(::openat(node, kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -176,8 +178,8 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
-    // Where the kernel cannot prepare the work directory, for want of space for example, it makes
-    // the overlay read-only. It would be taken for an image's.
+    // If the kernel cannot prepare the work directory, for lack of space for example, it mounts the
+    // overlay read-only. The device would then be mistaken for a read-only one.
     if (attached && hasUpper && look(devices, name) != Node::kWritable) {
         detach(devices, name);
         errno = EROFS;
@@ -195,8 +197,9 @@ bool all_there(const char* const* dirs, uint32_t count)
     return true;
 }
 
-// Attaches a recorded device again. The node stays for the next try when that fails; it goes when
-// it is a container's, from before a reboot, or one whose layers are gone.
+// Mounts a recorded device again. On failure its directory stays for the next attempt. The
+// directory is removed if it has no record (a container's device from before a reboot) or if layers
+// are missing.
 int restore_stack(int devices, const char* name)
 {
     const UniqueFd node = open_node(devices, name);
@@ -234,7 +237,8 @@ int restore_one(int devices, const char* name)
     return 0;
 }
 
-// Whether a device may be made at `name`; an abandoned writable one is taken out of the way.
+// Makes sure that a device can be created at `name`; detaches an abandoned writable device there.
+// Fails with EEXIST.
 int make_room(int devices, const char* devName, const char* name)
 {
     const Node node = look(devices, name);
@@ -251,8 +255,8 @@ bool is_abandoned(int devices, const char* devName, const char* name)
     return look(devices, name) == Node::kWritable && !ns_record_rooted_on(devName);
 }
 
-// Calls `visit(devices, name)` for every entry of the directory of all devices and counts those for
-// which it fails. -1 when they cannot be listed.
+// Calls `visit(devices, name)` for every entry of the directory of all devices. Returns the number
+// of failures, or -1 if the directory cannot be listed.
 int each_device(int devices, int (*visit)(int devices, const char* name))
 {
     const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
@@ -329,8 +333,8 @@ BOOL znOvlInit(void)
 {
     const znc::ErrnoSaver keep;
     struct stat st;
-    // The trees of containers are writable for whoever reaches them: only root may. A directory
-    // that was there before may have been open to all.
+    // The files of containers must be accessible to root only. An existing directory may have had
+    // another mode.
     if (overlay_supported() && ::mkdir(ZN_OVERLAY_DIR, 0700) != 0 && errno == EEXIST) {
         const UniqueFd devices(
             ::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

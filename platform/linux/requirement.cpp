@@ -1,4 +1,5 @@
-// Calls are made with arguments that cannot be right, and only "no such call" counts.
+// requirement.cpp - checks what the system offers. System calls are made with invalid arguments;
+// only ENOSYS means that one is missing.
 #include "zarnel/requirement.h"
 
 #include "base/owned.hpp"
@@ -63,7 +64,7 @@ bool has_filters()
            (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, nullptr) == 0 || errno == EFAULT);
 }
 
-// The helper program is run from one, so that nobody can write to it.
+// The helper program is executed from a memfd, which no process can write to.
 bool has_programs_in_memory()
 {
     return static_cast<bool>(helper_file());
@@ -71,20 +72,20 @@ bool has_programs_in_memory()
 
 bool has_queues()
 {
-    // A name that the platform takes away when a dead process left it.
+    // znMsgQReclaim removes a queue of this name if this process is killed.
     const std::string name = "/zn-probe-" + std::to_string(::getpid()) + "-0";
     mq_attr attr = {};
     attr.mq_maxmsg = 1;
     attr.mq_msgsize = 1;
     const mqd_t queue = ::mq_open(name.data(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
-    if (queue < 0) // others may use them up at the moment
+    if (queue < 0) // exhausted by other processes at the moment
         return errno == EMFILE || errno == ENFILE || errno == ENOSPC;
     ::mq_close(queue);
     ::mq_unlink(name.data());
     return true;
 }
 
-// As it stands, or because root may go beyond it or change it.
+// The limit is high enough, or the caller is root and may exceed or raise it.
 bool has_long_queues()
 {
     const znc::UniqueFd file(::open("/proc/sys/fs/mqueue/msg_max", O_RDONLY | O_CLOEXEC));

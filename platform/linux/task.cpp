@@ -1,5 +1,5 @@
-// task.cpp - the calling task: clock rate, deletion safety (thread cancellation held off, counted
-// per thread) and the stop descriptor.
+// task.cpp - the calling task: clock rate, deletion safety (thread cancellation disabled, with a
+// per-thread count), background priority, and the stop descriptor.
 #include "zarnel/task.h"
 
 #include "base/owned.hpp"
@@ -15,7 +15,7 @@ namespace {
 constexpr int kDefaultRate = 100;
 
 thread_local unsigned safe_depth = 0;
-thread_local int state_outside = PTHREAD_CANCEL_ENABLE; // what the outermost znTaskSafe found
+thread_local int state_outside = PTHREAD_CANCEL_ENABLE; // the state before the outermost znTaskSafe
 thread_local int stop_fd = -1;
 
 } // namespace
@@ -44,7 +44,7 @@ void znTaskBackgroundSet(void)
 {
     const znc::ErrnoSaver keep;
     constexpr int kLowest = 19;
-    const pid_t self = gettid(); // on Linux these concern the thread
+    const pid_t self = gettid(); // on Linux both calls apply to one thread
     setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
     syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
 }
