@@ -1,7 +1,6 @@
-// inherited.cpp - what a program would get from its caller by fork and exec and must not: how the
-// caller is scheduled, where it may run, how its memory is laid out, and the host's null device.
-// Left as they are: resource limits, the control group and the out-of-memory score, by which an
-// administrator limits what a caller starts.
+// inherited.cpp - resets what a program would inherit from its caller and must not: scheduling, CPU
+// affinity, memory policies, and the host's null device. Resource limits, the control group and the
+// out-of-memory score are kept, since an administrator limits with them what a caller starts.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -18,16 +17,16 @@ namespace {
 
 constexpr long kSchedOther = 0;
 constexpr long kIoPriorityOfProcess = 1;
-constexpr long kTimerSlackNs = 50000; // what the kernel's first process has
+constexpr long kTimerSlackNs = 50000; // the default of the kernel
 constexpr long kMemoryPolicyDefault = 0;
 constexpr long kSetMemoryMerge = 67; // PR_SET_MEMORY_MERGE, since Linux 6.4
-constexpr long kKeeper = 1;          // its number in the container's process namespace
+constexpr long kKeeper = 1;          // its process id in the PID namespace of the container
 constexpr std::size_t kProcessorsMax = 8192;
 
 constexpr unsigned kNullMajor = 1;
 constexpr unsigned kNullMinor = 3;
 
-// An error number, but for a part that this kernel was built without.
+// The error number of `result`; 0 for ENOSYS (this kernel was built without the feature).
 int unless_absent(long result)
 {
     return result < 0 && result != -ENOSYS ? static_cast<int>(-result) : 0;
@@ -41,7 +40,7 @@ bool is_null_device(int fd)
            st.stx_rdev_minor == kNullMinor;
 }
 
-// The one in the container's /dev, which the program could open by itself.
+// The null device in the container's /dev, which the program could open itself.
 sys::Fd null_of_root()
 {
     open_how how = {};
@@ -52,7 +51,7 @@ sys::Fd null_of_root()
     return null.valid() && is_null_device(null.get()) ? static_cast<sys::Fd&&>(null) : sys::Fd();
 }
 
-// A new one, in a filesystem that nothing else is in and that goes with the last descriptor.
+// A new null device in a detached file system, which disappears with the last descriptor of it.
 sys::Fd null_of_nobody()
 {
     const sys::Fd place(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
@@ -75,7 +74,7 @@ int reset_scheduling()
     const long policy = sys::call(__NR_sched_setscheduler, 0, kSchedOther, sys::arg(&none));
     if (policy < 0)
         return static_cast<int>(-policy);
-    // A child's default is what its parent has at the fork.
+    // A child's default timer slack is its parent's current one.
     const long slack = sys::call(__NR_prctl, PR_SET_TIMERSLACK, kTimerSlackNs);
     if (slack < 0)
         return static_cast<int>(-slack);
@@ -87,8 +86,8 @@ int reset_memory()
     const long personality = sys::call(__NR_personality, 0);
     if (personality < 0)
         return static_cast<int>(-personality);
-    // Kernels without these settings say EINVAL, and then there is nothing to reset; nor is there
-    // for who may not change the last two, since only who may has set them.
+    // Errors are ignored: EINVAL means that the kernel does not have the setting. EPERM is possible
+    // for the last two, but a caller that may not change them cannot have set them either.
     sys::call(__NR_prctl, PR_SET_THP_DISABLE, 0, 0, 0, 0);
     sys::call(__NR_prctl, PR_MCE_KILL, PR_MCE_KILL_CLEAR, 0, 0, 0);
     sys::call(__NR_prctl, PR_SET_IO_FLUSHER, 0, 0, 0, 0);
@@ -105,7 +104,8 @@ int reset_processors()
         return static_cast<int>(-size);
     long set = sys::call(__NR_sched_setaffinity, 0, size, sys::arg(processors));
     if (set == -EINVAL) {
-        // The caller's control group has none of the daemon's processors: then all that it has.
+        // The caller's cpuset contains none of the daemon's processors; use all processors of the
+        // cpuset.
         memset(processors, 0xff, sizeof processors);
         set = sys::call(__NR_sched_setaffinity, 0, sizeof processors, sys::arg(processors));
     }

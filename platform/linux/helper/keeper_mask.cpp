@@ -1,6 +1,5 @@
-// keeper_mask.cpp - what a container must not reach in proc and sysfs, which know nothing of
-// containers: some paths are covered, some made read-only. A path the kernel does not have is no
-// error.
+// keeper_mask.cpp - masks parts of procfs and sysfs, which are not namespaced: some paths are
+// covered, some are made read-only. A path that the kernel does not have is not an error.
 
 #include "keeper_mask.hpp"
 
@@ -25,7 +24,8 @@ constexpr char kProcHidden[][16] = {"acpi",       "asound",        "dynamic_debu
 constexpr char kProcReadOnly[][16] = {"bus", "fs", "irq", "sys", "sysrq-trigger"};
 constexpr char kSysHidden[][32] = {"devices/virtual/powercap", "firmware", "fs/selinux"};
 
-// A path of the filesystem on `directory` itself: no link, no other mount on the way.
+// Opens a path of the file system on `directory` without following symbolic links or crossing
+// mounts.
 sys::Fd open_own(int directory, const char* path)
 {
     open_how how = {};
@@ -40,7 +40,7 @@ int attach(int mount, int target)
                                        MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH));
 }
 
-// A copy of what is mounted at `source`, not attached, that nobody can write to.
+// A detached, read-only clone of the mount at `source`.
 sys::Fd sealed_copy(int source)
 {
     sys::Fd copy(sys::call(__NR_open_tree, source, sys::arg(""),
@@ -64,7 +64,8 @@ int make_read_only(int directory, const char* path)
     return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
 }
 
-// The heat of every processor, by which its work can be told.
+// Hides the thermal counters of every processor, which reveal the load that other processes put on
+// it.
 int hide_heat(Covers& covers, int directory)
 {
     constexpr char kStart[] = "devices/system/cpu/cpu";
@@ -117,7 +118,7 @@ int Covers::make()
 {
     if (attached_)
         return 0;
-    // "size" rounds up to a page and is never used: the file stays empty.
+    // The size is rounded up to one page. The page is never used, since the file stays empty.
     root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
                                       "mode=755\0size=4k\0nr_inodes=3", 3));
     if (!root_.valid())
