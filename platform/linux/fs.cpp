@@ -196,17 +196,18 @@ STATUS znDirExchange(const char* a, const char* b)
         return OK;
     if (errno != EINVAL && errno != ENOSYS)
         return ERROR;
-    char aside[PATH_MAX];
-    if (snprintf(aside, sizeof aside, "%s.aside", b) >= static_cast<int>(sizeof aside)) {
+    char temporary[PATH_MAX];
+    if (snprintf(temporary, sizeof temporary, "%s.aside", b) >=
+        static_cast<int>(sizeof temporary)) {
         errno = ENAMETOOLONG;
         return ERROR;
     }
-    if (rename(b, aside) != 0)
+    if (rename(b, temporary) != 0)
         return ERROR;
     if (rename(a, b) == 0)
-        return rename(aside, a) == 0 ? OK : ERROR;
+        return rename(temporary, a) == 0 ? OK : ERROR;
     const znc::ErrnoSaver keep;
-    rename(aside, b);
+    rename(temporary, b);
     return ERROR;
 }
 

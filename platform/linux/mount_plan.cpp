@@ -79,7 +79,7 @@ bool keep_option(const char* option, MountPlan& plan)
     return true;
 }
 
-bool says_nothing(const char* type)
+bool is_unspecified(const char* type)
 {
     return type == nullptr || *type == '\0' || std::strcmp(type, "unknown") == 0;
 }
@@ -107,7 +107,7 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
         dev = dev || std::strcmp(*options, "dev") == 0;
         suid = suid || std::strcmp(*options, "suid") == 0;
     }
-    if (!plan.bind && says_nothing(type)) {
+    if (!plan.bind && is_unspecified(type)) {
         if (!sourceExists)
             return ENOENT;
         plan.bind = true;

@@ -22,13 +22,13 @@
 
 namespace {
 
-constexpr size_t kUsualMessage = 4096;
+constexpr size_t kUsualMessageSize = 4096;
 constexpr mode_t kQueueMode = 0600;
-constexpr int kTurnSeconds = 5;
+constexpr int kCreateTimeoutSeconds = 5;
 constexpr int kCreateTries = 3;
-constexpr int kLooksPerSecond = 5; // checks whether the creator of a full queue still exists
+constexpr int kCreatorChecksPerSecond = 5; // while waiting for room
 constexpr int kNameTries = 200;
-constexpr std::int64_t kPauseNs = 200000; // between two attempts of the first in line
+constexpr std::int64_t kRetryPauseNs = 200000; // between two attempts of the first in line
 constexpr const char* kMsgMax = "/proc/sys/fs/mqueue/msg_max";
 constexpr const char* kMsgSizeMax = "/proc/sys/fs/mqueue/msgsize_max";
 constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC;
@@ -116,9 +116,9 @@ bool out_of_descriptors()
 }
 
 // The queue that the calling task created first, while that is open; -1: none.
-thread_local MSG_Q_ID firstMade = ZN_MSG_Q_INVALID;
+thread_local MSG_Q_ID firstCreated = ZN_MSG_Q_INVALID;
 
-bool is_used_up(MSG_Q_ID q)
+bool is_exhausted(MSG_Q_ID q)
 {
     return q < 0 && (errno == EMFILE || errno == ENOSPC) && !out_of_descriptors();
 }
@@ -128,20 +128,20 @@ bool is_used_up(MSG_Q_ID q)
 // before those that wait.
 MSG_Q_ID create_in_turn(const char* name, struct mq_attr* attr)
 {
-    const bool hasQueue = firstMade >= 0;
+    const bool hasQueue = firstCreated >= 0;
     if (hasQueue || !zn::queue_line_is_taken()) {
         const MSG_Q_ID q = create_raising_limits(name, attr);
-        if (!is_used_up(q))
+        if (!is_exhausted(q))
             return q;
     }
-    const std::int64_t deadline = zn::now_ns() + kTurnSeconds * zn::kNsPerSec;
+    const std::int64_t deadline = zn::now_ns() + kCreateTimeoutSeconds * zn::kNsPerSec;
     zn::QueueLinePlace place(hasQueue);
     for (;;) {
         place.wait_turn(deadline);
         const MSG_Q_ID q = create_raising_limits(name, attr);
-        if (!is_used_up(q) || zn::now_ns() >= deadline)
+        if (!is_exhausted(q) || zn::now_ns() >= deadline)
             return q;
-        const struct timespec pause = zn::to_timespec(kPauseNs);
+        const struct timespec pause = zn::to_timespec(kRetryPauseNs);
         nanosleep(&pause, nullptr);
     }
 }
@@ -157,8 +157,8 @@ MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
     attr.mq_maxmsg = static_cast<long>(maxMsgs);
     attr.mq_msgsize = static_cast<long>(maxMsgLen);
     const MSG_Q_ID q = create_in_turn(name, &attr);
-    if (q >= 0 && firstMade < 0)
-        firstMade = q;
+    if (q >= 0 && firstCreated < 0)
+        firstCreated = q;
     return q;
 }
 
@@ -230,8 +230,8 @@ bool wait_for_room(MSG_Q_ID q)
             errno = EPIPE;
             return false;
         }
-        Wait a_while(znSysClkRateGet() / kLooksPerSecond + 1);
-        if (wait_for_room(q, &a_while))
+        Wait interval(znSysClkRateGet() / kCreatorChecksPerSecond + 1);
+        if (wait_for_room(q, &interval))
             return true;
         if (errno != ETIMEDOUT)
             return false;
@@ -240,17 +240,17 @@ bool wait_for_room(MSG_Q_ID q)
 
 // mq_receive requires a buffer of the queue's message size; a shorter one is filled through a
 // temporary buffer.
-ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
+ssize_t receive_truncated(MSG_Q_ID q, void* buf, size_t maxLen)
 {
     struct mq_attr attr;
     if (mq_getattr(q, &attr) != 0)
         return -1;
     const size_t size = static_cast<size_t>(attr.mq_msgsize);
-    char usual[kUsualMessage]; // no allocation for ordinary message sizes
-    znc::MallocPtr<char[]> large;
-    if (size > sizeof usual && !(large = znc::malloc_array<char>(size)))
+    char stackBuffer[kUsualMessageSize]; // no allocation for ordinary message sizes
+    znc::MallocPtr<char[]> heapBuffer;
+    if (size > sizeof stackBuffer && !(heapBuffer = znc::malloc_array<char>(size)))
         return -1;
-    char* const whole = large ? large.get() : usual;
+    char* const whole = heapBuffer ? heapBuffer.get() : stackBuffer;
     const ssize_t got = mq_receive(q, whole, size, nullptr);
     if (got <= 0)
         return got;
@@ -263,9 +263,9 @@ ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
 ssize_t receive_once(MSG_Q_ID q, void* buf, size_t maxLen)
 {
     if (buf == nullptr)
-        return receive_cut(q, nullptr, 0);
+        return receive_truncated(q, nullptr, 0);
     const ssize_t got = mq_receive(q, static_cast<char*>(buf), maxLen, nullptr);
-    return got < 0 && errno == EMSGSIZE ? receive_cut(q, buf, maxLen) : got;
+    return got < 0 && errno == EMSGSIZE ? receive_truncated(q, buf, maxLen) : got;
 }
 
 } // namespace
@@ -319,8 +319,8 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
 
 STATUS znMsgQClose(MSG_Q_ID q)
 {
-    if (q == firstMade)
-        firstMade = ZN_MSG_Q_INVALID;
+    if (q == firstCreated)
+        firstCreated = ZN_MSG_Q_INVALID;
     return close(q) == 0 ? OK : ERROR; // as mq_close does; ThreadSanitizer intercepts only close()
 }
 

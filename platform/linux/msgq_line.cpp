@@ -29,11 +29,11 @@ int find_line(int flags) noexcept
 {
     const auto key = static_cast<key_t>(static_cast<unsigned>(kLineKey) + geteuid());
     const int line = semget(key, kCounters, flags | 0600);
-    struct semid_ds about = {};
-    if (line < 0 || semctl(line, 0, IPC_STAT, SemArg{.buf = &about}) != 0)
+    struct semid_ds info = {};
+    if (line < 0 || semctl(line, 0, IPC_STAT, SemArg{.buf = &info}) != 0)
         return -1;
-    const bool own = about.sem_perm.uid == geteuid() && about.sem_perm.cuid == geteuid();
-    return own && about.sem_nsems == kCounters ? line : -1;
+    const bool own = info.sem_perm.uid == geteuid() && info.sem_perm.cuid == geteuid();
+    return own && info.sem_nsems == kCounters ? line : -1;
 }
 
 bool is_empty(int line) noexcept
@@ -113,9 +113,9 @@ void QueueLinePlace::wait_turn(std::int64_t deadline) noexcept
     const znc::ErrnoSaver keep;
     if (line_ < 0 && !join(deadline))
         return;
-    struct sembuf none_before[] = {{kFirst, 0, 0}};
+    struct sembuf noneFirst[] = {{kFirst, 0, 0}};
     if (!hasQueue_)
-        operate(line_, none_before, deadline);
+        operate(line_, noneFirst, deadline);
 }
 
 } // namespace zn

@@ -15,16 +15,16 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
-constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+constexpr mode_t kGroupAndOthers = S_IRWXG | S_IRWXO;
+constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
 // A second open file description of the same queue. Locking `q` itself would convert the creator's
 // lock if the caller is the creator.
-UniqueFd handle_of_its_own(int q) noexcept
+UniqueFd reopen_queue(int q) noexcept
 {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/self/fd/%d", q);
-    return UniqueFd(::open(path, kLookFlags));
+    return UniqueFd(::open(path, kOpenFlags));
 }
 
 bool lock(int q, int operation) noexcept
@@ -53,7 +53,7 @@ bool queue_is_private(int q) noexcept
     if (::fstat(q, &st) != 0)
         return false;
     errno = EACCES;
-    return st.st_uid == ::geteuid() && (st.st_mode & kOthers) == 0;
+    return st.st_uid == ::geteuid() && (st.st_mode & kGroupAndOthers) == 0;
 }
 
 bool queue_is_abandoned(int q) noexcept
@@ -62,13 +62,14 @@ bool queue_is_abandoned(int q) noexcept
     struct stat st;
     if (::fstat(q, &st) == 0 && st.st_nlink == 0)
         return true;
-    const UniqueFd mine = handle_of_its_own(q);
-    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // released when the handle is closed
+    const UniqueFd reopened = reopen_queue(q);
+    return reopened &&
+           lock(reopened.get(), LOCK_EX | LOCK_NB); // released when the handle is closed
 }
 
 bool queue_remove_foreign(const char* name) noexcept
 {
-    const UniqueFd queue(mq_open(name, kLookFlags));
+    const UniqueFd queue(mq_open(name, kOpenFlags));
     if (!queue && errno == ENOENT)
         return true;
     struct stat st;
@@ -94,7 +95,7 @@ STATUS znMsgQDiscard(const char* name)
         return OK;
     if (errno != EEXIST)
         return ERROR;
-    const znc::UniqueFd queue(mq_open(name, zn::kLookFlags));
+    const znc::UniqueFd queue(mq_open(name, zn::kOpenFlags));
     if (queue && !zn::queue_is_abandoned(queue.get())) {
         errno = EBUSY;
         return ERROR;

@@ -30,8 +30,8 @@ using znc::UniqueFd;
 
 constexpr char kStackFile[] = ".zn-stack"; // NUL-terminated directories, then an empty string
 constexpr std::size_t kStackMax = 1024 * 1024;
-constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
-constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // used if the work can be done later
+constexpr std::int64_t kLockTimeoutNs = 3 * kNsPerSec;
+constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // used if the work can be done later
 
 // The name below /overlay, or null if the path is not that of a device.
 const char* device_name(const char* devName)
@@ -40,9 +40,9 @@ const char* device_name(const char* devName)
     if (devName == nullptr || std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) != 0)
         return nullptr;
     const char* name = devName + prefix + 1;
-    const bool bad = *name == '\0' || std::strchr(name, '/') != nullptr ||
-                     std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-    return bad ? nullptr : name;
+    const bool invalid = *name == '\0' || std::strchr(name, '/') != nullptr ||
+                         std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+    return invalid ? nullptr : name;
 }
 
 // The directory of all devices, locked so that only one process at a time creates or removes
@@ -50,7 +50,7 @@ const char* device_name(const char* devName)
 // stopped.
 class Devices {
   public:
-    explicit Devices(std::int64_t wait = kTurnNs)
+    explicit Devices(std::int64_t wait = kLockTimeoutNs)
         : dir_(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
         const std::int64_t deadline = now_ns() + wait;
@@ -160,10 +160,10 @@ MallocPtr<char[]> read_stack(int node, std::size_t& len)
     auto text = znc::malloc_array<char>(len <= kStackMax ? len : 0);
     if (!text)
         return nullptr;
-    const bool whole = len >= 3 && len <= kStackMax &&
-                       ::read(file.get(), text.get(), len) == st.st_size && text[len - 1] == '\0' &&
-                       text[len - 2] == '\0';
-    if (whole)
+    const bool isComplete = len >= 3 && len <= kStackMax &&
+                            ::read(file.get(), text.get(), len) == st.st_size &&
+                            text[len - 1] == '\0' && text[len - 2] == '\0';
+    if (isComplete)
         return text;
     errno = ENOENT;
     return nullptr;
@@ -188,7 +188,7 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     return attached ? 0 : -1;
 }
 
-bool all_there(const char* const* dirs, uint32_t count)
+bool all_exist(const char* const* dirs, uint32_t count)
 {
     struct stat st;
     for (uint32_t i = 0; i < count; i++)
@@ -216,7 +216,7 @@ int restore_stack(int devices, const char* name)
     const char* at = text.get();
     for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1)
         dirs[i] = at;
-    if (count > 0 && all_there(dirs.get(), count))
+    if (count > 0 && all_exist(dirs.get(), count))
         return overlay_mount(node.get(), dirs.get(), count, false);
     remove_node(devices, name);
     return 0;
@@ -286,12 +286,12 @@ int overlay_device_detach(const char* devName, Detach which)
     const char* name = device_name(devName);
     if (name == nullptr)
         return 0;
-    const Devices devices(which == Detach::kOwn ? kShortTurnNs : 0);
+    const Devices devices(which == Detach::kOwn ? kShortLockTimeoutNs : 0);
     if (!devices)
         return errno == EBUSY ? -1 : 0;
-    const bool goes = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
-                                            : is_abandoned(devices.get(), devName, name);
-    return goes ? detach(devices.get(), name) : 0;
+    const bool shouldDetach = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
+                                                    : is_abandoned(devices.get(), devName, name);
+    return shouldDetach ? detach(devices.get(), name) : 0;
 }
 
 } // namespace zn

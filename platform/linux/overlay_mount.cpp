@@ -19,8 +19,8 @@ using znc::UniqueFd;
 
 // Only containers use the content of a device, through mounts of their own. On the host, device
 // nodes and set-id programs in it must have no effect.
-constexpr unsigned kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
-constexpr unsigned long kQuietClassic = MS_NOSUID | MS_NODEV;
+constexpr unsigned kMountAttributes = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+constexpr unsigned long kMountFlags = MS_NOSUID | MS_NODEV;
 
 UniqueFd open_directory(const char* path)
 {
@@ -82,7 +82,7 @@ bool set_fd(int context, const char* key, int fd)
     return ::syscall(SYS_fsconfig, context, FSCONFIG_SET_FD, key, nullptr, fd) == 0;
 }
 
-bool repeats(const char* const* dirs, std::uint32_t at)
+bool is_duplicate(const char* const* dirs, std::uint32_t at)
 {
     for (std::uint32_t i = 0; i < at; i++)
         if (std::strcmp(dirs[i], dirs[at]) == 0)
@@ -98,7 +98,7 @@ class Stack {
     {
         fds_ = znc::malloc_array<int>(count);
         for (std::uint32_t i = 0; fds_ && i < count; i++) {
-            if (repeats(dirs, i))
+            if (is_duplicate(dirs, i))
                 continue;
             UniqueFd fd = open_directory(dirs[i]);
             if (!fd)
@@ -130,7 +130,7 @@ int mount_single(int target, int dir)
     const UniqueFd tree(static_cast<int>(
         ::syscall(SYS_open_tree, dir, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH)));
     mount_attr attr = {};
-    attr.attr_set = MOUNT_ATTR_RDONLY | kQuiet;
+    attr.attr_set = MOUNT_ATTR_RDONLY | kMountAttributes;
     attr.propagation = MS_PRIVATE;
     if (!tree ||
         ::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH, &attr, sizeof attr) != 0)
@@ -163,7 +163,7 @@ int overlay_mount_by_fd(int target, const int* dirs, std::uint32_t count, int up
         return -1;
     const UniqueFd mount(
         static_cast<int>(::syscall(SYS_fsmount, context.get(), FSMOUNT_CLOEXEC,
-                                   kQuiet | (upper >= 0 ? 0 : MOUNT_ATTR_RDONLY))));
+                                   kMountAttributes | (upper >= 0 ? 0 : MOUNT_ATTR_RDONLY))));
     if (!mount)
         return -1;
     return static_cast<int>(::syscall(SYS_move_mount, mount.get(), "", target, "",
@@ -188,7 +188,7 @@ int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int 
     }
     char where[64];
     std::snprintf(where, sizeof where, "/proc/self/fd/%d", target);
-    return ::mount("overlay", where, "overlay", kQuietClassic | (upper >= 0 ? 0 : MS_RDONLY),
+    return ::mount("overlay", where, "overlay", kMountFlags | (upper >= 0 ? 0 : MS_RDONLY),
                    options);
 }
 

@@ -82,7 +82,7 @@ class Walk {
         const std::size_t len = std::strcspn(begin, "/");
         if (len == 0) {
             trust_.exists = TRUE;
-            good_ = end_is_ours();
+            good_ = end_is_trusted();
             return false;
         }
         if (len >= sizeof name_) {
@@ -112,7 +112,7 @@ class Walk {
         if (S_ISLNK(st.st_mode))
             return follow();
         if (!S_ISDIR(st.st_mode))
-            return end_at_file(st);
+            return check_file(st);
         UniqueFd next(::openat(at_.get(), name_, kDirFlags));
         if (!next || ::fstat(next.get(), &st) != 0)
             return false;
@@ -131,7 +131,7 @@ class Walk {
         return true;
     }
 
-    bool end_at_file(const struct stat& st)
+    bool check_file(const struct stat& st)
     {
         if (rest_[std::strspn(rest_, "/")] != '\0') {
             errno = ENOTDIR;
@@ -144,7 +144,10 @@ class Walk {
         return !others_may_write(st, name_) || fault(name_, "can be written by other users");
     }
 
-    bool end_is_ours() { return !open_to_others_ || fault(".", "can be written by other users"); }
+    bool end_is_trusted()
+    {
+        return !open_to_others_ || fault(".", "can be written by other users");
+    }
 
     bool follow()
     {
@@ -156,10 +159,10 @@ class Walk {
             return false;
         }
         target[len] = '\0';
-        char behind[sizeof rest_];
-        std::strcpy(behind, rest_);
+        char remainder[sizeof rest_];
+        std::strcpy(remainder, rest_);
         rest_[0] = '\0';
-        return append(target) && append(behind) && (target[0] != '/' || restart());
+        return append(target) && append(remainder) && (target[0] != '/' || restart());
     }
 
     bool others_may_write(const struct stat& st, const char* name) const

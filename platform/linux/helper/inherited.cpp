@@ -20,14 +20,14 @@ constexpr long kIoPriorityOfProcess = 1;
 constexpr long kTimerSlackNs = 50000; // the default of the kernel
 constexpr long kMemoryPolicyDefault = 0;
 constexpr long kSetMemoryMerge = 67; // PR_SET_MEMORY_MERGE, since Linux 6.4
-constexpr long kKeeper = 1;          // its process id in the PID namespace of the container
+constexpr long kKeeperPid = 1;       // its process id in the PID namespace of the container
 constexpr std::size_t kProcessorsMax = 8192;
 
 constexpr unsigned kNullMajor = 1;
 constexpr unsigned kNullMinor = 3;
 
 // The error number of `result`; 0 for ENOSYS (this kernel was built without the feature).
-int unless_absent(long result)
+int error_unless_absent(long result)
 {
     return result < 0 && result != -ENOSYS ? static_cast<int>(-result) : 0;
 }
@@ -41,7 +41,7 @@ bool is_null_device(int fd)
 }
 
 // The null device in the container's /dev, which the program could open itself.
-sys::Fd null_of_root()
+sys::Fd container_null()
 {
     open_how how = {};
     how.flags = O_RDWR | O_NOCTTY | O_CLOEXEC;
@@ -52,7 +52,7 @@ sys::Fd null_of_root()
 }
 
 // A new null device in a detached file system, which disappears with the last descriptor of it.
-sys::Fd null_of_nobody()
+sys::Fd detached_null()
 {
     const sys::Fd place(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
                                           "mode=700\0size=4k\0nr_inodes=2", 3));
@@ -78,7 +78,7 @@ int reset_scheduling()
     const long slack = sys::call(__NR_prctl, PR_SET_TIMERSLACK, kTimerSlackNs);
     if (slack < 0)
         return static_cast<int>(-slack);
-    return unless_absent(sys::call(__NR_ioprio_set, kIoPriorityOfProcess, 0, 0));
+    return error_unless_absent(sys::call(__NR_ioprio_set, kIoPriorityOfProcess, 0, 0));
 }
 
 int reset_memory()
@@ -92,14 +92,14 @@ int reset_memory()
     sys::call(__NR_prctl, PR_MCE_KILL, PR_MCE_KILL_CLEAR, 0, 0, 0);
     sys::call(__NR_prctl, PR_SET_IO_FLUSHER, 0, 0, 0, 0);
     sys::call(__NR_prctl, kSetMemoryMerge, 0, 0, 0, 0);
-    return unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
+    return error_unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
 }
 
 int reset_processors()
 {
     unsigned long processors[kProcessorsMax / (8 * sizeof(unsigned long))];
     const long size =
-        sys::call(__NR_sched_getaffinity, kKeeper, sizeof processors, sys::arg(processors));
+        sys::call(__NR_sched_getaffinity, kKeeperPid, sizeof processors, sys::arg(processors));
     if (size < 0)
         return static_cast<int>(-size);
     long set = sys::call(__NR_sched_setaffinity, 0, size, sys::arg(processors));
@@ -119,9 +119,9 @@ int replace_null_streams()
         if (!is_null_device(stream))
             continue;
         if (!null.valid())
-            null = null_of_root();
+            null = container_null();
         if (!null.valid())
-            null = null_of_nobody();
+            null = detached_null();
         if (!null.valid())
             return null.error();
         const long set = sys::call(__NR_dup3, null.get(), stream, 0);

@@ -37,11 +37,11 @@ struct ControlWithFd {
     ControlHeader header;
     int fd;
 };
-constexpr long kNobody = 65534;
+constexpr long kNobodyUser = 65534;
 constexpr int kSolSocket = 1;
 constexpr int kScmRights = 1;
 constexpr unsigned kMsgCmsgCloexec = 0x40000000;
-constexpr int kDeadEnough = 64;
+constexpr int kZombieLimit = 64;
 
 struct Incoming {
     wire::Request request;
@@ -74,10 +74,10 @@ const char* next_text(const char* text)
 }
 
 // The state of a process in this namespace, as far as needed to decide whether anything is alive.
-enum class Being {
-    kLiving,
-    kGone, // does not exist, or a zombie whose parent is outside
-    kDead, // a zombie whose parent is in the namespace
+enum class ProcessState {
+    kAlive,
+    kIgnored, // does not exist, or a zombie whose parent is outside
+    kZombie,  // a zombie whose parent is in the namespace
 };
 
 // The start of field `number` of a stat file; `field` points to field 3.
@@ -91,7 +91,7 @@ const char* stat_field(const char* field, int number)
 
 // Looks at the process `pid` in the procfs `proc`. A thread group leader that ended while other
 // threads run is a zombie with more than one thread, and counts as living.
-Being look_at(int proc, const char* pid)
+ProcessState process_state(int proc, const char* pid)
 {
     char path[32];
     std::size_t at = 0;
@@ -100,11 +100,11 @@ Being look_at(int proc, const char* pid)
     memcpy(path + at, "/stat", 6);
     const sys::Fd file(sys::call(__NR_openat, proc, sys::arg(path), O_RDONLY | O_CLOEXEC));
     if (!file.valid())
-        return Being::kGone;
+        return ProcessState::kIgnored;
     char stat[512];
     const long n = sys::call(__NR_read, file.get(), sys::arg(stat), sizeof stat - 1);
     if (n <= 0)
-        return Being::kGone;
+        return ProcessState::kIgnored;
     stat[n] = '\0';
     // The second field, the name, may contain any character, so fields are counted after the last
     // ")".
@@ -112,15 +112,15 @@ Being look_at(int proc, const char* pid)
     while (end > 0 && stat[end] != ')')
         end--;
     if (end + 2 >= n)
-        return Being::kGone;
+        return ProcessState::kIgnored;
     const char* const state = stat + end + 2;
     const char* const parent = stat_field(state, 4);
     const char* const threads = stat_field(state, 20);
     if (*state != 'Z' && *state != 'X')
-        return Being::kLiving;
+        return ProcessState::kAlive;
     if (threads[0] > '1' || (threads[0] == '1' && threads[1] >= '0' && threads[1] <= '9'))
-        return Being::kLiving;
-    return parent[0] >= '1' && parent[0] <= '9' ? Being::kDead : Being::kGone;
+        return ProcessState::kAlive;
+    return parent[0] >= '1' && parent[0] <= '9' ? ProcessState::kZombie : ProcessState::kIgnored;
 }
 
 // Whether one of the first processes of the namespace is alive. Their pidfds become readable when
@@ -168,7 +168,7 @@ int in_use(std::uint64_t* used)
     // A zombie whose parent is in the namespace exists only as long as that parent, or a tracer, is
     // alive, because this process reaps its own children at once. So several of them mean that a
     // process is alive, which need not be searched for behind any number of zombies.
-    int dead = 0;
+    int zombies = 0;
     for (;;) {
         const long n = sys::call(__NR_getdents64, list.get(), sys::arg(entries), sizeof entries);
         if (n <= 0)
@@ -179,9 +179,9 @@ int in_use(std::uint64_t* used)
             const char first = entry->name[0];
             if (first < '1' || first > '9' || text_equal(entry->name, "1"))
                 continue;
-            const Being being = look_at(proc.get(), entry->name);
-            dead += being == Being::kDead ? 1 : 0;
-            if (being == Being::kLiving || dead == kDeadEnough) {
+            const ProcessState found = process_state(proc.get(), entry->name);
+            zombies += found == ProcessState::kZombie ? 1 : 0;
+            if (found == ProcessState::kAlive || zombies == kZombieLimit) {
                 *used = 1;
                 return 0;
             }
@@ -208,7 +208,7 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     case wire::Op::kUnmount:
         return mount_detach(first, request.value);
     case wire::Op::kKill: {
-        // One call reaches all processes except this one, including processes being forked.
+        // One call reaches all processes except this one, including processes found forked.
         const long result = sys::call(__NR_kill, -1, static_cast<long>(request.value));
         return result == -ESRCH ? 0 : static_cast<int>(-result);
     }
@@ -224,13 +224,13 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     return EINVAL;
 }
 
-void settle()
+void initialize()
 {
     sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
     sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
     // A process with the same real, effective and saved user ids may change this process's limits;
     // no process has three different ones.
-    sys::call(__NR_setresuid, -1, -1, kNobody);
+    sys::call(__NR_setresuid, -1, -1, kNobodyUser);
     sys::call(__NR_setsid);
     sys::call(__NR_umask, 0);
     // Ignoring SIGCHLD makes the kernel reap orphans that are reparented to this process. All other
@@ -249,7 +249,7 @@ void settle()
 
 void keeper_run()
 {
-    settle();
+    initialize();
     Incoming in;
     for (;;) {
         sys::Fd descriptor;

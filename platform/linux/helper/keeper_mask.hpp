@@ -12,14 +12,14 @@ namespace zn {
 // tmpfs is attached over the directory `place` while covers are cloned from it, since only attached
 // mounts can be cloned; paths below `place` remain accessible by descriptor.
 //
-// take_away() unmounts the tmpfs, which waits for all processors. If `place` is in a tree that is
+// detach() unmounts the tmpfs, which waits for all processors. If `place` is in a tree that is
 // itself unmounted later, it need not be called: one tmpfs then serves both procfs and sysfs
 // without that wait.
 class Covers {
   public:
     explicit Covers(int place) : place_(place) {}
     int hide(int directory, const char* path);
-    int take_away();
+    int detach();
 
   private:
     int make();

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kPathMax = 1024;
 constexpr int kOpenTries = 20000;
-constexpr unsigned kWhere = STATX_INO | STATX_MNT_ID;
+constexpr unsigned kIdentityMask = STATX_INO | STATX_MNT_ID;
 constexpr long kUmountDetach = 2;
 constexpr long kUmountNoFollow = 8;
 
@@ -58,7 +58,7 @@ int look(int at, const char* name, struct statx* st)
 {
     return static_cast<int>(-sys::call(__NR_statx, at, sys::arg(name),
                                        AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0),
-                                       kWhere, sys::arg(st)));
+                                       kIdentityMask, sys::arg(st)));
 }
 
 int detach_at(int directory, const char* name)
@@ -170,7 +170,7 @@ int mount_filesystem(const char* destination, const char* type, std::uint64_t at
         return error;
     Covers covers(mount.get());
     error = isProc ? mask_proc(mount.get(), covers) : mask_sys(mount.get(), covers);
-    const int uncovered = covers.take_away();
+    const int uncovered = covers.detach();
     if (error == 0)
         error = uncovered;
     if (error != 0)

@@ -192,10 +192,10 @@ class Walk {
             return len < 0 ? static_cast<int>(-len) : ENOENT;
         const Text rest = left_;
         left_.clear();
-        const char* const behind = rest.get() + at_;
+        const char* const remainder = rest.get() + at_;
         at_ = 0;
         if (!left_.append(target, static_cast<std::size_t>(len)) ||
-            !left_.append(behind, strlen(behind)))
+            !left_.append(remainder, strlen(remainder)))
             return ENAMETOOLONG;
         if (target[0] != '/')
             return 0;

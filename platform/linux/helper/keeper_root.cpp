@@ -15,7 +15,7 @@
 namespace zn {
 namespace {
 
-constexpr std::uint64_t kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
+constexpr std::uint64_t kRestricted = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
 // A process that joins the mount namespace gets the root of its topmost mount as "/". This process
 // has another root if the owner is in a chroot; pivot_root must replace the whole tree, not only
@@ -83,7 +83,7 @@ int provide_proc(Covers& covers)
     const int looked = real_directory("proc", directory);
     if (!directory.valid())
         return looked;
-    const sys::Fd mount(filesystem_create("proc", kQuiet, nullptr, 0));
+    const sys::Fd mount(filesystem_create("proc", kRestricted, nullptr, 0));
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
@@ -96,7 +96,7 @@ int provide_sys(Covers& covers)
     const int looked = real_directory("sys", directory);
     if (!directory.valid())
         return looked;
-    const sys::Fd mount(filesystem_create("sysfs", kQuiet | MOUNT_ATTR_RDONLY, nullptr, 0));
+    const sys::Fd mount(filesystem_create("sysfs", kRestricted | MOUNT_ATTR_RDONLY, nullptr, 0));
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
@@ -151,9 +151,9 @@ int provide_dev()
         error = provide("devpts", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
                         "ptmxmode=0666\0mode=0620\0gid=5", 3, dev.get(), "pts");
     if (error == 0)
-        error = provide("tmpfs", kQuiet, "mode=1777\0size=65536k", 2, dev.get(), "shm");
+        error = provide("tmpfs", kRestricted, "mode=1777\0size=65536k", 2, dev.get(), "shm");
     if (error == 0)
-        error = provide("mqueue", kQuiet, nullptr, 0, dev.get(), "mqueue");
+        error = provide("mqueue", kRestricted, nullptr, 0, dev.get(), "mqueue");
     return error;
 }
 
@@ -161,7 +161,8 @@ int provide_dev()
 
 int root_leave()
 {
-    const sys::Fd bare(filesystem_create("tmpfs", kQuiet, "mode=755\0size=4k\0nr_inodes=3", 3));
+    const sys::Fd bare(
+        filesystem_create("tmpfs", kRestricted, "mode=755\0size=4k\0nr_inodes=3", 3));
     if (!bare.valid())
         return bare.error();
     const long made = sys::call(__NR_mkdirat, bare.get(), sys::arg("proc"), 0555);

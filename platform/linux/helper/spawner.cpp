@@ -46,7 +46,7 @@ void report(wire::SpawnReport::Kind kind, long value)
     sys::exit_group(127);
 }
 
-void must(long result)
+void check(long result)
 {
     if (result < 0)
         fail(result);
@@ -101,12 +101,12 @@ void raise_stack(long wanted)
 void leave_queue_memory()
 {
     Limit limit = {};
-    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
+    check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
     if (limit.soft > MQ_BYTES_MAX)
         limit.soft = MQ_BYTES_MAX;
     limit.soft /= 2;
     limit.hard = limit.soft;
-    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
+    check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
 }
 
 // Gives the program a session keyring of its own. ENOSYS: the kernel has no keyrings. EPERM: a
@@ -125,39 +125,39 @@ void enter_directory(const char* path)
     const sys::Fd directory(open_inside(path, O_DIRECTORY));
     if (!directory.valid())
         fail(-directory.error());
-    must(sys::call(__NR_fchdir, directory.get()));
+    check(sys::call(__NR_fchdir, directory.get()));
     char where[4096];
-    must(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
+    check(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
     if (where[0] != '/')
         fail(-ENOENT);
 }
 
 void drop_rights()
 {
-    must(sys::call(__NR_setgroups, 0, 0));
-    must(sys::call(__NR_setresgid, 0, 0, 0));
-    must(sys::call(__NR_setresuid, 0, 0, 0));
+    check(sys::call(__NR_setgroups, 0, 0));
+    check(sys::call(__NR_setresgid, 0, 0, 0));
+    check(sys::call(__NR_setresuid, 0, 0, 0));
     // Secure bits set by the caller could keep capabilities from being dropped with root's user id.
-    must(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
+    check(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
     // Changing user ids may have reset this, and from here on this process has no more capabilities
     // than processes in the container.
-    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     for (int capability = 0;; capability++) {
         if (capability < 64 && (kCapabilities & bit(capability)) != 0)
             continue;
         const long dropped = sys::call(__NR_prctl, PR_CAPBSET_DROP, capability);
         if (dropped == -EINVAL) // the kernel has no more capabilities
             break;
-        must(dropped);
+        check(dropped);
     }
     sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL);
     const auto low = static_cast<std::uint32_t>(kCapabilities);
     const auto high = static_cast<std::uint32_t>(kCapabilities >> 32);
     const __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     const __user_cap_data_struct sets[2] = {{low, low, 0}, {high, high, 0}};
-    must(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
-    must(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
-    must(-filter_calls());
+    check(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
+    check(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
+    check(-filter_calls());
 }
 
 [[noreturn]] void become_program(char** argv, char** envp)
@@ -167,13 +167,13 @@ void drop_rights()
     const char* directory = argv[3];
     const char* program = argv[4];
 
-    must(sys::call(__NR_setsid)); // detaches from the caller's terminal
+    check(sys::call(__NR_setsid)); // detaches from the caller's terminal
     sys::call(__NR_umask, 0);
-    must(-replace_null_streams());
+    check(-replace_null_streams());
     sys::call(__NR_umask, 022);
     leave_keyring();
-    must(-reset_processors());
-    must(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
+    check(-reset_processors());
+    check(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
     leave_queue_memory();
     drop_rights();
@@ -191,20 +191,20 @@ void spawner_run(char** argv, char** envp)
 {
     sys::call(__NR_fcntl, wire::kSpawnerReport, F_SETFD, FD_CLOEXEC);
     sys::call(__NR_fcntl, wire::kSpawnerNamespace, F_SETFD, FD_CLOEXEC);
-    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
-    must(-reset_scheduling());
-    must(-reset_memory());
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    check(-reset_scheduling());
+    check(-reset_memory());
     // The cgroup namespace is rooted at the program's control group, which is the caller's. In the
     // keeper's cgroup namespace, the program's cgroup path would lead through the host's groups.
-    must(sys::call(__NR_unshare, CLONE_NEWCGROUP));
-    must(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
+    check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
+    check(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
     // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
     // the caller, which can wait for it; it has this process's exit signal. CLONE_VFORK suspends
     // this process until the new one has executed the program or has ended.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0)
         become_program(argv, envp);
-    must(pid);
+    check(pid);
     report(wire::SpawnReport::Kind::kPid, pid);
     sys::exit_group(0);
 }
