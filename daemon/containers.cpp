@@ -29,10 +29,10 @@ bool is_real_directory(const fs::path& path)
     return fs::symlink_status(path, error).type() == fs::file_type::directory;
 }
 
-// The directories of one container that a dead daemon, a failed create or a reboot left. What a
-// container wrote is deleted the library's way, which follows no link and minds no depth, and later
-// if it takes long. Anything that is not the daemon's own stays, and then so does the container's
-// directory.
+// Removes the directories that a container left when its daemon died, its create failed or the
+// machine was rebooted. Files written by containers are removed by library functions, which do not
+// follow symbolic links and have no limit on depth; large trees are moved to the trash and deleted
+// later. A directory that contains anything other than "upper" and "work" stays.
 void remove_stale_container(const fs::path& dir)
 {
     for (const char* own : {"upper", "work"}) {
@@ -66,8 +66,8 @@ void remove_stale_containers()
 
 bool served_elsewhere()
 {
-    // A queue's maker keeps it locked. The lock file does not tell: it may have been wiped away
-    // from under a daemon that lives.
+    // The creator of a queue holds a lock on it. The lock file is not sufficient: it may have been
+    // removed while the daemon that holds it is running.
     const znc::UniqueFd queue(znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING));
     return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
@@ -100,11 +100,11 @@ bool end_all()
                 static_cast<unsigned>(errno));
             all = false;
         }
-    // Everything in them is killed by now, but a namespace goes only when the parents of its
-    // processes, the clients that started them, have waited for them.
+    // All processes are dead by now, but a namespace ends only when their parents, the clients that
+    // started them, have reaped them.
     if (const int left = znnsShutdown(); left != 0)
         log(Level::kWarning, "%d namespaces hold processes nobody has waited for", left);
-    // What creates that failed left.
+    // Devices left by failed creates.
     if (const int left = znOvlSweep(); left != 0)
         log(Level::kWarning, "%d overlay devices cannot be detached", left);
     remove_stale_containers();

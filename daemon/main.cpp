@@ -1,5 +1,5 @@
-// zncd - the container daemon, in the foreground. It serves the queue until SIGTERM or SIGINT, then
-// finishes the request in hand and ends every container.
+// zncd - the container daemon. Runs in the foreground and serves requests until SIGTERM or SIGINT,
+// then finishes the current request and ends all containers.
 #include "containers.hpp"
 #include "log.hpp"
 #include "notify.hpp"
@@ -44,7 +44,7 @@ constexpr const char* kHelp =
     "  ZNC_BASE       the storage base, an absolute path (default: /ram0/znc)\n"
     "  NOTIFY_SOCKET  where to tell that it serves (set by systemd)\n";
 
-// By zncCmdType.
+// Indexed by zncCmdType.
 constexpr std::array kCommands = {"create", "start",  "kill",    "delete", "state",
                                   "list",   "unpack", "inspect", "store",  "ping"};
 
@@ -54,7 +54,8 @@ int bad_usage()
     return kExitUsage;
 }
 
-// What is asked for alone, and answered without serving. -1: nothing of it.
+// Handles words that must be the only argument and end the program. Returns the exit status, or -1
+// if `word` is none of them.
 int answer(std::string_view word)
 {
     if (word == "--version") {
@@ -74,7 +75,7 @@ struct Options {
     bool allowUrgent = false;
 };
 
-// -1: go on and serve.
+// Returns the exit status, or -1 to continue and serve.
 int take_options(std::span<char* const> words, Options& options)
 {
     if (words.size() == 1)
@@ -127,7 +128,7 @@ int serve(int stop_fd)
 {
     znTaskStopFdSet(stop_fd);
     errno = 0;
-    zncDaemonTask(); // returns when it was asked to stop or could not go on
+    zncDaemonTask(); // returns when asked to stop, or on an error
     const int error = errno;
     znTaskStopFdSet(-1);
     zncd::notify("STOPPING=1");
@@ -155,8 +156,8 @@ int main(int argc, char** argv)
     const znc::UniqueFd lock = zncd::take_lock(ZNC_VERSION);
     if (!lock || !zncd::meets_requirements())
         return 1;
-    // Before the first namespace: what is started from here on starts with both signals blocked and
-    // a stop that comes early is not lost.
+    // Before the first namespace: processes started from here on inherit the blocked signals, and a
+    // stop signal that arrives early is not lost.
     const znc::UniqueFd stop = zncd::block_stop_signals();
     if (!stop) {
         zncd::log_errno("signalfd");

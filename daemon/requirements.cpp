@@ -17,7 +17,7 @@
 namespace zncd {
 namespace {
 
-// What is wrong with the areas of the storage base; empty if nothing is.
+// What is wrong with the directories of the storage base; empty if nothing is.
 std::string base_fault()
 {
     for (const unsigned type : {ZNC_LAYER_PATH, ZNC_FLATTENED_PATH, ZNC_CONTAINERS_PATH}) {
@@ -31,7 +31,7 @@ std::string base_fault()
     return "";
 }
 
-// The daemon's own ones, and the platform's. `fault` is kept for as long as the result.
+// The daemon's requirements and those of the platform. The result refers to the text in `fault`.
 std::vector<znRequirement> requirements(std::string& fault)
 {
     fault = base_fault();

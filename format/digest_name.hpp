@@ -1,4 +1,5 @@
-// digest_name.hpp - digests as images write them. Used wherever one becomes the name of a file.
+// digest_name.hpp - digests in the notation of OCI images. To be checked before a digest is used as
+// a file name.
 #ifndef ZNC_FORMAT_DIGEST_NAME_HPP
 #define ZNC_FORMAT_DIGEST_NAME_HPP
 
@@ -6,8 +7,8 @@
 
 namespace znc {
 
-// "sha256:" and 64 hexadecimal digits in lower case, or "sha512:" and 128: what may become the name
-// of a file.
+// Whether `text` is "sha256:" followed by 64 lower-case hexadecimal digits, or "sha512:" followed
+// by 128.
 bool is_digest(std::string_view text);
 
 } // namespace znc
