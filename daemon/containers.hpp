@@ -6,7 +6,7 @@
 namespace zncd {
 
 // Whether another running daemon has the request queue open.
-bool served_elsewhere();
+bool other_daemon_serves();
 
 // Removes what a daemon that died left behind: its queue, its namespaces and all processes in them,
 // the overlay devices and writable layers of its containers. Mounts the overlay devices of images
@@ -14,7 +14,7 @@ bool served_elsewhere();
 void recover();
 
 // Ends and deletes all containers. False if a container could not be deleted, which is logged.
-bool end_all();
+bool delete_all_containers();
 
 } // namespace zncd
 

@@ -1,6 +1,6 @@
-// log.hpp - the daemon's messages: lines on standard error with their level. If standard error is
-// the journal, each line also has the level prefix that the journal evaluates. Used on the daemon
-// task only.
+// log.hpp - the daemon's messages: lines on standard error with their level. If JOURNAL_STREAM
+// is set, each line also has the level prefix that the journal evaluates. Used on the daemon task
+// only.
 #ifndef ZNCD_LOG_HPP
 #define ZNCD_LOG_HPP
 

@@ -32,17 +32,18 @@ constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [
                                "check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
-    "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends every\n"
-    "container. Runs in the foreground and must be root; only root can send requests.\n"
+    "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
+    "containers. Must be run as root; only root can send requests.\n"
     "\n"
-    "  --foreground       said for clearness: there is no other way\n"
-    "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\": each request\n"
-    "  --allow-urgent     let containers have priorities more urgent than normal\n"
-    "  check              tell whether the machine has what it needs\n"
+    "  --foreground       no effect: zncd always runs in the foreground\n"
+    "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\" (logs each\n"
+    "                     request)\n"
+    "  --allow-urgent     allow containers priorities more urgent than normal\n"
+    "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
     "  ZNC_BASE       the storage base, an absolute path (default: /ram0/znc)\n"
-    "  NOTIFY_SOCKET  where to tell that it serves (set by systemd)\n";
+    "  NOTIFY_SOCKET  socket for service notifications (set by systemd)\n";
 
 // Indexed by zncCmdType.
 constexpr std::array kCommands = {"create", "start",  "kill",    "delete", "state",
@@ -56,7 +57,7 @@ int bad_usage()
 
 // Handles words that must be the only argument and end the program. Returns the exit status, or -1
 // if `word` is none of them.
-int answer(std::string_view word)
+int run_single_argument(std::string_view word)
 {
     if (word == "--version") {
         std::puts("zncd " ZNC_VERSION);
@@ -76,10 +77,10 @@ struct Options {
 };
 
 // Returns the exit status, or -1 to continue and serve.
-int take_options(std::span<char* const> words, Options& options)
+int parse_options(std::span<char* const> words, Options& options)
 {
     if (words.size() == 1)
-        if (const int status = answer(words[0]); status >= 0)
+        if (const int status = run_single_argument(words[0]); status >= 0)
             return status;
     for (std::size_t i = 0; i < words.size(); i++) {
         const std::string_view word = words[i];
@@ -96,7 +97,7 @@ int take_options(std::span<char* const> words, Options& options)
     return -1;
 }
 
-void tell_ready()
+void notify_ready()
 {
     zncd::notify("READY=1");
 }
@@ -109,14 +110,14 @@ void log_request(std::int32_t command, const char* id, int error)
               error == 0 ? "done" : "failed", static_cast<unsigned>(error));
 }
 
-template <bool allow_urgent> void note_request(std::int32_t command, const char* id, int error)
+template <bool allow_urgent> void on_request(std::int32_t command, const char* id, int error)
 {
     log_request(command, id, error);
     if (command == ZNC_CREATE && error == 0)
-        zncd::settle_priority(id, allow_urgent);
+        zncd::apply_priority_setting(id, allow_urgent);
 }
 
-void say_queue_failure(const char* what, int error)
+void log_queue_failure(const char* what, int error)
 {
     errno = error;
     zncd::log_errno(what);
@@ -134,8 +135,8 @@ int serve(int stop_fd)
     zncd::notify("STOPPING=1");
     const bool stopped = zncd::stop_requested(stop_fd);
     if (!stopped)
-        say_queue_failure("the queue cannot be served", error);
-    const bool ended = zncd::end_all();
+        log_queue_failure("cannot serve the request queue", error);
+    const bool ended = zncd::delete_all_containers();
     return stopped && ended ? 0 : 1;
 }
 
@@ -145,10 +146,10 @@ int main(int argc, char** argv)
 {
     const std::span<char* const> words(argv, static_cast<std::size_t>(argc));
     Options options;
-    if (const int status = take_options(words.subspan(argc > 0 ? 1 : 0), options); status >= 0)
+    if (const int status = parse_options(words.subspan(argc > 0 ? 1 : 0), options); status >= 0)
         return status;
     if (::geteuid() != 0) {
-        zncd::log(zncd::Level::kError, "namespaces and mounts are root's; run it as root");
+        zncd::log(zncd::Level::kError, "must be run as root: namespaces and mounts require it");
         return 1;
     }
     ::umask(077);
@@ -164,15 +165,15 @@ int main(int argc, char** argv)
         return 1;
     }
     if (znMsgQLimitsRaise(kQueueMessages, kMessageLength) != OK) {
-        say_queue_failure("the request queue cannot be made", errno);
+        log_queue_failure("cannot create the request queue", errno);
         return 1;
     }
-    if (zncd::served_elsewhere()) {
+    if (zncd::other_daemon_serves()) {
         zncd::log(zncd::Level::kError, "a daemon is running already");
         return 1;
     }
     zncd::recover();
     znc::set_service_listener(
-        {tell_ready, options.allowUrgent ? note_request<true> : note_request<false>});
+        {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});
     return serve(stop.get());
 }

@@ -7,7 +7,7 @@ namespace zncd {
 
 // Applies the setting of --allow-urgent to a container that was just created. Logs a warning the
 // first time that a container asks for an urgent priority and does not get it.
-void settle_priority(const char* containerId, bool allowUrgent);
+void apply_priority_setting(const char* containerId, bool allowUrgent);
 
 } // namespace zncd
 

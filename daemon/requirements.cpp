@@ -26,7 +26,8 @@ std::string base_fault()
         if (znc::base_path_text(path.data(), path.size(), type) == 0)
             return "the path is too long";
         if (znPathTrusted(path.data(), &trust) != OK)
-            return trust.fault[0] != '\0' ? trust.fault : path.data() + std::string(" is no path");
+            return trust.fault[0] != '\0' ? trust.fault
+                                          : path.data() + std::string(" is not a valid path");
     }
     return "";
 }
@@ -39,8 +40,8 @@ std::vector<znRequirement> requirements(std::string& fault)
     const bool dir =
         ::access(ZN_RUNTIME_DIR, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
     std::vector<znRequirement> all = {
-        {"root", "namespaces and mounts are root's", TRUE, root ? TRUE : FALSE},
-        {"a runtime directory that can be written (/run/zarnel)", "the lock could not be taken",
+        {"root", "namespaces and mounts require it", TRUE, root ? TRUE : FALSE},
+        {"a writable runtime directory (/run/zarnel)", "the daemon's lock could not be created",
          TRUE, dir ? TRUE : FALSE},
         {"a storage base that no other user can write to (ZNC_BASE)", fault.c_str(), TRUE,
          fault.empty() ? TRUE : FALSE}};
@@ -75,7 +76,7 @@ bool meets_requirements()
     std::string fault;
     for (const znRequirement& requirement : requirements(fault))
         if (requirement.needed != FALSE && requirement.met == FALSE) {
-            log(Level::kError, "needed and not there: %s: %s", requirement.text,
+            log(Level::kError, "missing requirement: %s: %s", requirement.text,
                 requirement.without);
             all = false;
         }

@@ -38,7 +38,7 @@ znc::UniqueFd open_runtime_dir()
     return dir;
 }
 
-void name_holder(int lock)
+void log_lock_holder(int lock)
 {
     std::array<char, 32> text{};
     const ssize_t len = ::pread(lock, text.data(), text.size() - 1, 0);
@@ -78,19 +78,19 @@ bool lock_within_tries(int fd)
 }
 
 // Records process id and version for users and other programs. Failures are logged only.
-void write_own_identity(int dir, int lock, const char* version)
+void write_identity(int dir, int lock, const char* version)
 {
     const std::string text = std::to_string(::getpid()) + "\n";
     if (::ftruncate(lock, 0) != 0 ||
         ::pwrite(lock, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         static_cast<void>(::ftruncate(lock, 0) == 0); // leave no partial number
-        log(Level::kWarning, "%s/%s cannot be written: the file system is full", ZN_RUNTIME_DIR,
+        log(Level::kWarning, "cannot write %s/%s: the file system is full", ZN_RUNTIME_DIR,
             kLockName);
     }
     if (znDaemonInfoWrite(dir, version) != OK) {
         std::array<char, 256> reason{};
         znErrorText(errno, reason.data(), reason.size());
-        log(Level::kWarning, "%s/%s cannot be written: %s", ZN_RUNTIME_DIR, ZN_DAEMON_FILE,
+        log(Level::kWarning, "cannot write %s/%s: %s", ZN_RUNTIME_DIR, ZN_DAEMON_FILE,
             reason.data());
     }
 }
@@ -111,13 +111,13 @@ znc::UniqueFd take_lock(const char* version)
     }
     if (!lock_within_tries(lock.get())) {
         if (errno == EWOULDBLOCK)
-            name_holder(lock.get());
+            log_lock_holder(lock.get());
         else
             log_errno(kLockName);
         return {};
     }
     if (dir) // else `lock` is the directory
-        write_own_identity(dir.get(), lock.get(), version);
+        write_identity(dir.get(), lock.get(), version);
     return lock;
 }
 

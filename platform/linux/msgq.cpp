@@ -364,10 +364,10 @@ const char* znMsgQLimitHint(int errorNumber)
 {
     switch (errorNumber) {
     case EMFILE:
-        return "the queue memory of this user is used up: remove queues that nobody uses, or raise "
+        return "the queue memory of this user is used up: remove unused queues, or raise "
                "the limit RLIMIT_MSGQUEUE (ulimit -q; LimitMSGQUEUE= in a systemd unit)";
     case ENOSPC:
-        return "there are as many queues as the system allows: remove those that nobody uses, or "
+        return "the number of queues has reached the limit of the system: remove unused queues, or "
                "raise the kernel setting fs.mqueue.queues_max";
     default:
         return "raise the kernel setting fs.mqueue.msg_max (sysctl -w fs.mqueue.msg_max=32)";
