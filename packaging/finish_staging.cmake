@@ -1,5 +1,5 @@
-# Run by cpack on what is going to be packed: manual pages and changelogs are compressed there, as Debian
-# wants them, and pages that stand for another one point to the compressed one.
+# Run by cpack on the staged files: compresses manual pages and changelogs, as required by Debian, and lets
+# links between pages point to the compressed pages.
 file(GLOB FILES
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man*/*
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog.Debian)

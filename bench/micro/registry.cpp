@@ -1,4 +1,4 @@
-// registry.cpp - one of the inner loops: a look-up in the registry.
+// registry.cpp - micro-benchmark of a lookup in the container registry.
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Contexts with an identity and a mutex, and nothing behind them.
+// Contexts that have only an id and a mutex.
 void registry_lookup(benchmark::State& state)
 {
     if (zncContainerInit() != OK)
