@@ -22,6 +22,6 @@ mkdir -p "$build"
     tail -n 20 "$build/build.log" >&2
     exit 1
 }
-[[ -e $ZNC_TEST_CACHE/root.done ]] || tests/system/images_fixture.sh >&2
+[[ -e $ZNC_TEST_CACHE/root.done ]] || tests/system/images/images_fixture.sh >&2
 trap 'rm -rf "$build/scratch"' EXIT
 python3 bench/bench.py --build "$build" --root "$ZNC_TEST_CACHE/root" "$@"

@@ -1,5 +1,7 @@
 #include "files.hpp"
 
+#include "zarnel/fs.h"
+
 #include <array>
 #include <cstdio>
 #include <sys/stat.h>
@@ -19,7 +21,9 @@ std::string read_error_text()
 
 std::string descriptor_path(int fd)
 {
-    return "/proc/self/fd/" + std::to_string(fd);
+    std::array<char, 64> path{};
+    znDescriptorPath(fd, path.data(), path.size());
+    return path.data();
 }
 
 znc::UniqueFd open_regular(const std::string& path, int dir)

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 
 #include "zarnel/process.h"
+#include "zarnel/process_list.h"
 #include "zncontainer.h"
 
 namespace zncctl {
@@ -289,10 +290,8 @@ Record describe(const Program& program, bool logged)
     record.logged = logged;
     record.started = time_text(std::time(nullptr));
     std::array<char, 64> space{};
-    const std::string link = fmt::format("/proc/{}/ns/pid", program.pid());
-    const ssize_t len = ::readlink(link.c_str(), space.data(), space.size());
-    if (len > 0)
-        record.pid_namespace.assign(space.data(), static_cast<std::size_t>(len));
+    if (znProcessNamespace(program.pid(), space.data(), space.size()) == OK)
+        record.pid_namespace = space.data();
     return record;
 }
 

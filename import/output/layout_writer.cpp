@@ -335,7 +335,7 @@ void LayoutWriter::keep(const NewBlob& blob, const std::string& digest) const
     const bool replaces = ::faccessat(blobs, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     const char* from = blob.name().empty() ? kNewName : blob.name().c_str();
     if (blob.name().empty()) {
-        const std::string file = fmt::format("/proc/self/fd/{}", blob.fd());
+        const std::string file = zncctl::descriptor_path(blob.fd());
         if (::linkat(AT_FDCWD, file.c_str(), blobs, kNewName, AT_SYMLINK_FOLLOW) != 0)
             fail(digest);
     }

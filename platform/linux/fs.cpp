@@ -231,6 +231,11 @@ int znDirOpenAt(int dirFd, const char* name)
     return fd;
 }
 
+void znDescriptorPath(int fd, char* path, size_t size)
+{
+    snprintf(path, size, "/proc/self/fd/%d", fd);
+}
+
 void znErrorText(int errorNumber, char* buf, size_t bufLen)
 {
     if (buf == nullptr || bufLen == 0)

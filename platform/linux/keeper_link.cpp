@@ -32,29 +32,32 @@ int keeper_file()
     return file.get();
 }
 
-// The number of the keeper's socket end while the keeper starts: a low number, reserved once.
-// Descriptors above it need not be copied into the new process; the owner has two for each
-// container.
-class StartPlace {
+// Reserves a low descriptor number for the keeper's end of its socket while the keeper starts. The
+// new process copies only the descriptors up to this number, not the two that its owner has for
+// each container.
+class ReservedDescriptor {
   public:
-    explicit StartPlace(int fd) : good_(place() >= 0 && ::dup3(fd, place(), O_CLOEXEC) >= 0) {}
-    // Once the keeper runs, no other process may have the keeper's socket end.
-    ~StartPlace()
+    explicit ReservedDescriptor(int fd)
+        : good_(number() >= 0 && ::dup3(fd, number(), O_CLOEXEC) >= 0)
+    {
+    }
+    // Once the keeper runs, no other process may hold its end of the socket.
+    ~ReservedDescriptor()
     {
         const znc::ErrnoSaver keep;
         if (good_)
-            ::dup3(keeper_file(), place(), O_CLOEXEC);
+            ::dup3(keeper_file(), number(), O_CLOEXEC);
     }
-    StartPlace(const StartPlace&) = delete;
-    StartPlace& operator=(const StartPlace&) = delete;
+    ReservedDescriptor(const ReservedDescriptor&) = delete;
+    ReservedDescriptor& operator=(const ReservedDescriptor&) = delete;
 
     explicit operator bool() const { return good_; }
-    static int place()
+    static int number()
     {
-        static UniqueFd number;
-        if (!number)
-            number.reset(::fcntl(keeper_file(), F_DUPFD_CLOEXEC, 0));
-        return number.get();
+        static UniqueFd reserved;
+        if (!reserved)
+            reserved.reset(::fcntl(keeper_file(), F_DUPFD_CLOEXEC, 0));
+        return reserved.get();
     }
 
   private:
@@ -115,18 +118,18 @@ bool Keeper::launch(int mounts)
         return false;
     socket_.reset(pair[0]);
     UniqueFd theirs(pair[1]);
-    const StartPlace start(theirs.get());
+    const ReservedDescriptor start(theirs.get());
     theirs.reset();
     if (!start)
         return false;
-    const LaunchFd fds[] = {{StartPlace::place(), wire::kKeeperSocket}};
+    const LaunchFd fds[] = {{ReservedDescriptor::number(), wire::kKeeperSocket}};
     char name[sizeof wire::kKeeperName];
     std::memcpy(name, wire::kKeeperName, sizeof name);
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
     // No exit signal: the owner's program need not know about keepers.
     const unsigned long flags = mounts < 0 ? kNamespaces | CLONE_NEWNS : kNamespaces;
-    const int below = std::max({file, StartPlace::place(), mounts}) + 1;
+    const int below = std::max({file, ReservedDescriptor::number(), mounts}) + 1;
     pid_ = launch_helper({file, flags, fds, wire::kKeeperSocket + 1, argv, envp, mounts, below},
                          pidfd_);
     return pid_ > 0;

@@ -2,7 +2,7 @@
 // directory or an overlay device above it is asked afresh in every call.
 #include "zncContainerLib.hpp"
 #include "zncTrash.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/ns.h"

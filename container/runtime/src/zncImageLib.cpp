@@ -4,7 +4,7 @@
 
 #include "zarnel/fs.h"
 #include "zncStoreTree.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 #include "zncUnpackStore.hpp"
 
 #include <cstring>

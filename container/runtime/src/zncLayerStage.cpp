@@ -2,7 +2,7 @@
 #include "zncLayerStage.hpp"
 
 #include "zncImageLib.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include <cstring>
 

@@ -2,7 +2,7 @@
 
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include "zarnel/path_trust.h"
 #include "zarnel/task.h"

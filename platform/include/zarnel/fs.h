@@ -79,6 +79,12 @@ STATUS znFsSync(const char* path);
 /* Write the entries of the directory `path` (creations, renames, removals) to disk. */
 STATUS znDirSync(const char* path);
 
+/*
+ * Write to `path`, truncated to `size` bytes (64 are enough), a path through which this process can
+ * reopen the file behind the descriptor `fd`, even if the file was renamed. Never fails.
+ */
+void znDescriptorPath(int fd, char* path, size_t size);
+
 /* The C library's text for an error number, truncated to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);
 

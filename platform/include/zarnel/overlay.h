@@ -42,6 +42,20 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
  */
 STATUS znOvlDevRemove(const char* devName);
 
+/*
+ * Called for a mounted device: its path, its lower directories in the order of the stack (without
+ * the writable one), and whether it is a writable device. The strings are valid during the call
+ * only.
+ */
+typedef void (*ZN_OVL_DEV_VISIT)(const char* devName, const char* const* lower, uint32_t lowerNum,
+                                 BOOL writable, void* context);
+
+/*
+ * Call `visit` for each mounted device. OK, or ERROR with the task error number set if the mount
+ * table cannot be read, or with ENOMEM; `visit` may have been called for some devices then.
+ */
+STATUS znOvlDevEach(ZN_OVL_DEV_VISIT visit, void* context);
+
 /* Whether a live namespace has this device as its root; TRUE also if that cannot be determined. */
 BOOL znOvlDevInUse(const char* devName);
 
