@@ -27,14 +27,14 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
-constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
-constexpr std::int64_t kRecoverNs = kNsPerSec;      // for those of a dead owner together
+constexpr int kReapMilliseconds = 20;               // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // until the programs of one namespace are dead
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // until those of all namespaces are dead
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // until all keepers have ended
+constexpr std::int64_t kRecoverNs = kNsPerSec; // until the keepers of a previous owner have ended
 constexpr std::size_t kBuckets = 256;
 
-// One mount that znnsMount made, newest first.
+// A mount made by znnsMount; the newest is first in the list.
 struct MountEntry {
     MountEntry* next;
     std::uint64_t id;
@@ -46,8 +46,8 @@ struct Namespace {
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
-    bool recorded = false;   // the record of this id is its own
-    bool ownsDevice = false; // the root is the container's own overlay device
+    bool recorded = false;   // this namespace has written its record
+    bool ownsDevice = false; // the root is the container's writable overlay device
     char root[kRootPathMax] = {};
     MountEntry* mounts = nullptr;
 };
@@ -66,10 +66,10 @@ struct DestroyNamespace {
 };
 using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 
-// The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
-// for both; a call holds it while it talks to a keeper, which is bounded.
+// The namespaces of this process, and those that have been deleted but whose keeper is not reaped
+// yet. One lock protects both. It is held during requests to keepers, which have a timeout.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
+Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
 std::int64_t g_killDeadline =
     0; // by when everything killed by znnsKillAll is to be dead; 0: not yet
@@ -118,7 +118,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// Undoing something in a namespace whose keeper is dead: it is undone already.
+// If the keeper is dead (ESRCH), the operation is already undone.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -132,7 +132,7 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// One of this id may be another owner's.
+// A record of this id may belong to another owner.
 void remove_record(Namespace& ns)
 {
     if (ns.recorded)
@@ -140,7 +140,7 @@ void remove_record(Namespace& ns)
     ns.recorded = false;
 }
 
-// Takes the namespace at `link` off the list and ends it.
+// Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
@@ -172,8 +172,7 @@ NamespacePtr namespace_new()
     return NamespacePtr(memory != nullptr ? new (memory) Namespace : nullptr);
 }
 
-// A copy of the tree at `path`, attached nowhere, with the given attributes. `path` is resolved
-// here, once.
+// A detached clone of the tree at `path` with the given attributes. `path` is resolved only here.
 UniqueFd detached_tree(const char* path, const MountPlan& plan)
 {
     const unsigned recursive = plan.recursive ? AT_RECURSIVE : 0;
@@ -231,7 +230,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     return 0;
 }
 
-// The texts of a request, one after the other.
+// The strings of a request, concatenated.
 class TextBuffer {
   public:
     bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
@@ -260,7 +259,7 @@ class TextBuffer {
 int mount_tree(Namespace& ns, const char* source, const char* destination, const MountPlan& plan,
                std::uint64_t* id)
 {
-    // A relative one would be looked up from wherever the daemon happened to be started.
+    // A relative path would be resolved from the daemon's working directory.
     if (source == nullptr || *source != '/')
         return EINVAL;
     const UniqueFd tree = detached_tree(source, plan);
@@ -287,7 +286,7 @@ int mount_fs(Namespace& ns, const char* destination, const MountPlan& plan, std:
     return text.send(ns.keeper, request, -1, id);
 }
 
-bool names_nothing(const char* destination)
+bool is_empty(const char* destination)
 {
     return destination == nullptr || *destination == '\0';
 }
@@ -295,7 +294,7 @@ bool names_nothing(const char* destination)
 int mount_one(Namespace& ns, const char* source, const char* destination, const char* type,
               const char* const* options)
 {
-    if (ns.root[0] == '\0') // the keeper still sees the host's tree
+    if (ns.root[0] == '\0') // the keeper has not entered a root yet
         return EINVAL;
     if (std::strlen(destination) >= kRootPathMax)
         return ENAMETOOLONG;
@@ -305,7 +304,7 @@ int mount_one(Namespace& ns, const char* source, const char* destination, const 
     std::strcpy(entry->destination, destination);
     MountPlan plan;
     struct stat st;
-    // A relative source is nothing to look up, but one to refuse if it should be bound.
+    // A relative source counts as existing, so that it is treated as a bind and refused.
     const bool exists =
         source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
     int error = mount_plan_make(type, options, exists, plan);
@@ -339,7 +338,7 @@ int unmount_one(Namespace& ns, const char* destination)
     return error;
 }
 
-// Whether two processes are of one process namespace.
+// Whether two processes are in the same PID namespace.
 bool same_pid_namespace(pid_t one, pid_t other)
 {
     char path[64];
@@ -371,8 +370,8 @@ struct Recovery {
     int left;
 };
 
-// The keeper was killed, and so is everything in its namespace. It may still be waiting for a
-// client to reap its program, and need not be waited for.
+// The keeper and all processes in its namespace were killed. If the keeper has not ended at the
+// deadline, it waits for a client to reap its program.
 void forget_recorded(nsid_t id, void* context)
 {
     auto* recovery = static_cast<Recovery*>(context);
@@ -380,7 +379,7 @@ void forget_recorded(nsid_t id, void* context)
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (!keeper && !ns_record_is_void(errno)) {
         recovery->left++;
-        return; // for the next one to try
+        return; // the next recovery tries again
     }
     if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
         recovery->left++;
@@ -395,7 +394,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
-    reap_dying(); // what they hold may be what the new one needs
+    reap_dying(); // releases resources that the new namespace may need
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -403,7 +402,7 @@ nsid_t znnsCreate(int /*flags*/)
     if (ns->id < 0 || !ns->keeper.start())
         return -1;
     const nsid_t id = ns->id;
-    *find_link(id) = ns.release(); // behind the last one of its bucket
+    *find_link(id) = ns.release(); // appended to its bucket
     return id;
 }
 
@@ -422,7 +421,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
         overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
-    // Without its root the namespace is of no use, and the caller would not come back for it.
+    // Without a root the namespace is useless, and the caller will not delete it.
     if (error != 0)
         end_namespace(find_link(id));
     return result(error);
@@ -431,7 +430,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
                  const char* type, const char* const* options)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -441,7 +440,7 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
                   const char* destination, const char* /*type*/, const char* const* /*options*/)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -490,7 +489,8 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
+    // Open the pidfd first, then check the namespace by id. If the id is reused in between, the
+    // signal through the pidfd fails with ESRCH.
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))
@@ -537,7 +537,7 @@ STATUS znnsUrgentAllow(nsid_t id, BOOL allowed)
 
 int znnsRecover(void)
 {
-    // All are killed before any is waited for: together they take as long as the slowest.
+    // Kill all before waiting for any, so that the waits overlap.
     static_cast<void>(ns_record_each(kill_recorded, nullptr));
     Recovery recovery = {now_ns() + kRecoverNs, 0};
     ns_record_clear_unfinished();
