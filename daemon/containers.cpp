@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <sys/file.h>
 
 #include "base/owned.hpp"
 #include "zarnel/msgq.h"
@@ -65,10 +64,9 @@ void remove_stale_containers()
 
 bool other_daemon_serves()
 {
-    // The creator of a queue holds a lock on it. The lock file is not sufficient: it may have been
-    // removed while the daemon that holds it is running.
-    const znc::UniqueFd queue(znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING));
-    return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    // The lock file is not sufficient: it may have been removed while the daemon that holds it is
+    // running.
+    return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
 }
 
 void recover()

@@ -103,7 +103,7 @@ class Settling {
     {
     }
 
-    Json section(const cJSON* configuration, const std::string& sticky)
+    Json section(const cJSON* configuration)
     {
         Json made(cJSON_CreateObject());
         cJSON* const to = made.get();
@@ -115,7 +115,7 @@ class Settling {
         add_text(to, "WorkingDir", cwd.empty() ? "/" : cwd);
         copy_text(to, from_, "User");
         volumes(put_object(to, "Volumes"));
-        labels(put_object(to, "Labels"), configuration, sticky);
+        labels(put_object(to, "Labels"), configuration);
         return made;
     }
     std::vector<std::string> notes() { return std::move(notes_); }
@@ -148,7 +148,7 @@ class Settling {
 
     // Labels become annotations beside those that the library makes of other members. A label of
     // the same name takes the place of such a member.
-    void labels(cJSON* to, const cJSON* configuration, const std::string& sticky)
+    void labels(cJSON* to, const cJSON* configuration)
     {
         std::set<std::string> settings;
         const cJSON* label = nullptr;
@@ -161,8 +161,6 @@ class Settling {
                      !std::string_view(label->string).starts_with(kRtpPrefix))
                 put(to, label->string, cJSON_Duplicate(label, 1));
         }
-        if (!sticky.empty())
-            add_text(to, kStickyAnnotation, sticky);
         add_annotation(to, "author", text_member(configuration, "author"));
         add_annotation(to, "created", text_member(configuration, "created"));
         add_annotation(to, "stopSignal", text_member(from_, "StopSignal"));
@@ -209,8 +207,7 @@ class Settling {
 
 } // namespace
 
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky)
+SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts)
 {
     if (!cJSON_IsObject(configuration))
         throw BadConfiguration("the configuration is not an object");
@@ -222,7 +219,7 @@ SettledConfiguration settle_configuration(const cJSON* configuration, bool allow
     if (section == nullptr)
         return settled; // the library refuses it
     Settling settling(section, allow_mounts);
-    put(to, "config", settling.section(configuration, sticky).release());
+    put(to, "config", settling.section(configuration).release());
     settled.notes = settling.notes();
     return settled;
 }
@@ -232,7 +229,7 @@ std::vector<std::string> asked_for(const cJSON* configuration)
     std::vector<std::string> asked;
     const cJSON* section = object_member(configuration, "config");
     // What is refused in it is said in the same words as by unpack.
-    static_cast<void>(settle_configuration(configuration, true, ""));
+    static_cast<void>(settle_configuration(configuration, true));
     const cJSON* item = nullptr;
     cJSON_ArrayForEach(item, object_member(section, "Volumes"))
     {

@@ -30,12 +30,11 @@ struct SettledConfiguration {
 
 // The configuration that the library is given. Of mounts only volumes and memory file systems stay,
 // with `allow_mounts` also the host's directories, never with "dev", "suid", "rbind" or a
-// propagation. A priority more urgent than normal becomes normal. `sticky` are the directories
-// whose sticky bit extracting loses; see sticky.hpp. Throws BadConfiguration.
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky);
+// propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
+SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts);
 
-// The annotation that carries the list of those directories to config.json.
+// The annotation of config.json that has the directories whose sticky bit extracting loses; see
+// sticky.hpp. No image has one of its own.
 inline constexpr const char* kStickyAnnotation = "zncontainer.sticky-directories";
 
 } // namespace zncctl

@@ -1,6 +1,7 @@
 #include "msgq_owner.hpp"
 
 #include "base/owned.hpp"
+#include "clock.hpp"
 #include "zarnel/msgq.h"
 
 #include <cstdio>
@@ -17,6 +18,8 @@ using znc::UniqueFd;
 
 constexpr mode_t kGroupAndOthers = S_IRWXG | S_IRWXO;
 constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+constexpr int kChecks = 10;
+constexpr std::int64_t kCheckPauseNs = 1000000;
 
 // A second open file description of the same queue. Locking `q` itself would convert the creator's
 // lock if the caller is the creator.
@@ -84,6 +87,24 @@ bool queue_remove_foreign(const char* name) noexcept
 }
 
 } // namespace zn
+
+// A maker's lock is shared and stays. Whoever looks for a maker (queue_is_abandoned) has the lock
+// exclusively for a moment, in which it is no sign of a maker but proves that there is none.
+BOOL znMsgQInUse(const char* name)
+{
+    const znc::ErrnoSaver keep;
+    const znc::UniqueFd queue(znMsgQOpen(name, 0, 0, ZN_MSG_Q_FIFO, ZN_MSG_Q_OPEN_EXISTING));
+    if (!queue)
+        return FALSE;
+    for (int n = 0; n < zn::kChecks; ++n) {
+        if (zn::lock(queue.get(), LOCK_EX | LOCK_NB) || !zn::lock(queue.get(), LOCK_SH | LOCK_NB))
+            return FALSE;
+        zn::lock(queue.get(), LOCK_UN);
+        const timespec pause = zn::to_timespec(zn::kCheckPauseNs);
+        ::nanosleep(&pause, nullptr);
+    }
+    return TRUE;
+}
 
 STATUS znMsgQDiscard(const char* name)
 {

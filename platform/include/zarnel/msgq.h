@@ -85,6 +85,13 @@ STATUS znMsgQUnlink(const char* name);
 STATUS znMsgQDiscard(const char* name);
 
 /*
+ * Whether a queue `name` exists that only this user can open and that its creator has open. A
+ * process that checks for the creator at the same time is not mistaken for it. FALSE also if this
+ * cannot be determined. Preserves the task error number.
+ */
+BOOL znMsgQInUse(const char* name);
+
+/*
  * Remove queues left by processes that ended. `makerOf` returns the id of the process that created
  * the queue `name`, or 0 for a queue that must not be touched. A queue is removed if that process
  * has ended, neither its creator nor a process forked from it still has the queue open, and the

@@ -43,6 +43,20 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
 STATUS znOvlDevRemove(const char* devName);
 
 /*
+ * The maximum number of directories in a read-only device; older kernels support fewer. A directory
+ * that is named more than once counts once.
+ */
+uint32_t znOvlDirsMax(void);
+
+/*
+ * Call `visit` with every directory in the record of the read-only device `devName`, the first on
+ * top, until it returns FALSE. OK, or ERROR with ENOENT (no such device, or no complete record),
+ * EINVAL (invalid name), EBUSY, or the error that prevented reading the record.
+ */
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context);
+
+/*
  * Called for a mounted device: its path, its lower directories in the order of the stack (without
  * the writable one), and whether it is a writable device. The strings are valid during the call
  * only.
