@@ -88,8 +88,9 @@ bool queue_remove_foreign(const char* name) noexcept
 
 } // namespace zn
 
-// A maker's lock is shared and stays. Whoever looks for a maker (queue_is_abandoned) has the lock
-// exclusively for a moment, in which it is no sign of a maker but proves that there is none.
+// The creator of a queue holds a shared lock permanently. A process that checks for the creator
+// (queue_is_abandoned) holds an exclusive lock for a moment, which it gets only if there is no
+// creator. So if a shared lock cannot be taken, the queue is abandoned.
 BOOL znMsgQInUse(const char* name)
 {
     const znc::ErrnoSaver keep;

@@ -23,10 +23,10 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
-constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
+constexpr int kReapMilliseconds = 20;               // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // until the programs of one namespace are dead
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // until those of all namespaces are dead
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // until all keepers have ended
 constexpr std::size_t kBuckets = 256;
 
 struct Namespace {
@@ -55,7 +55,8 @@ using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
-std::int64_t g_killDeadline = 0; // what znnsKillAll killed is dead by then; 0: it was not called
+std::int64_t g_killDeadline =
+    0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
 void reap_dying()
 {
@@ -194,7 +195,7 @@ bool is_empty(const char* destination)
     return destination == nullptr || *destination == '\0';
 }
 
-// Whether two processes are of one process namespace.
+// Whether two processes are in the same PID namespace.
 bool same_pid_namespace(pid_t one, pid_t other)
 {
     char path[64];

@@ -1,6 +1,6 @@
-// Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
-// written down (overlay_stack), so that it can be attached again when a reboot has taken the mount
-// away.
+// overlay.cpp - overlay devices: overlayfs mounts on the directories in /overlay. The layers of a
+// read-only device are recorded (overlay_stack.hpp), so that it can be mounted again after a
+// reboot.
 
 #include "zarnel/overlay.h"
 
@@ -29,7 +29,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr std::int64_t kLockTimeoutNs = 3 * kNsPerSec;
-constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // where it can be done later
+constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // used if the work can be done later
 
 // The name below /overlay, or null if the path is not that of a device.
 const char* device_name(const char* devName)
@@ -288,7 +288,7 @@ STATUS znOvlDevRemove(const char* devName)
 
 uint32_t znOvlDirsMax(void)
 {
-    return 500; // OVL_MAX_STACK of the kernel, which tells it nowhere
+    return 500; // OVL_MAX_STACK in the kernel, which user space cannot query
 }
 
 STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
