@@ -39,7 +39,7 @@ run_cppcheck() {
     cppcheck --quiet --error-exitcode=1 --inline-suppr -j "$jobs" --std=c++20 \
         --enable=warning,performance,portability \
         --suppressions-list=cmake/cppcheck-suppressions.txt \
-        --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL -DZNC_VERSION='"1.0.0"' \
+        --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL \
         -I container/runtime/include -I container/runtime/src -I platform/include -I platform/linux \
         -I . \
         base cli format container/runtime/src daemon front import platform

@@ -9,7 +9,7 @@ log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! {
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-        -DZNC_BUILD_TESTS=OFF -DZNC_BUILD_MAN=ON &&
+        -DZNC_BUILD_TESTS=OFF -DZNC_BUILD_MAN=ON -DZNC_BUILD_PROGRAMS=ON &&
         cmake --build "$dir" && rm -rf "$dir/debs" && (cd "$dir" && cpack)
 } >"$log" 2>&1; then
     cat "$log" >&2

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # test.sh [--quick|--all] - the complete test run, from a bare Debian 12, as root: installs
-# dependencies, checks the sources, builds with both compilers, and runs all tests, also with the
-# sanitizers. --quick leaves out the second compiler, the analysers, fuzzing and the sanitizers.
-# --all tests every point where the other forms test a sample (faults at system calls, kills,
-# models) and fuzzes each target for ten minutes; it takes hours. The last line is "N passed, N
-# failed, N skipped", summed over all runs; a failed step counts as a failed test.
+# dependencies, checks the sources, builds with both compilers, runs all tests, also with the
+# sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler, the
+# analysers, the other ways to build, fuzzing and the sanitizers. --all tests every point where the
+# other forms test a sample (faults at system calls, kills, models) and fuzzes each target for ten
+# minutes; it takes hours. The last line is "N passed, N failed, N skipped", summed over all runs; a
+# failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,10 +51,12 @@ begin() {
 }
 begin_beside() { niceness=19 begin "$@"; }
 
+# What the step printed is shown when it failed; of its rows, always which passed.
 finish() {
     ok=
     if wait "$begun_pid"; then
         ok=1
+        grep '^ok - ' "$begun_log" || [[ $? -eq 1 ]]
         printf 'ok - %s (%d s)\n' "$begun" $((SECONDS - begun_at))
     else
         printf 'not ok - %s\n' "$begun"
@@ -81,6 +84,13 @@ shell_scripts() {
 
 configured_and_built() {
     cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"
+}
+
+analysed_and_built_otherwise() {
+    local good=1
+    scripts/analyse.sh || good=
+    scripts/build-matrix.sh ${all:+--all} || good=
+    [[ -n $good ]]
 }
 
 # suite PRESET: runs all tests of a build and adds up the results.
@@ -127,7 +137,7 @@ else
     if [[ -n $built ]]; then suite asan-ubsan; fi
     finish
     built=$ok
-    begin_beside 'the analysers have no findings' scripts/analyse.sh
+    begin_beside 'the analysers find nothing, and every way to build works' analysed_and_built_otherwise
     if [[ -n $built ]]; then suite tsan; fi
     finish
     export FUZZ_PRESET=asan-ubsan

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 #include <sys/utsname.h>
+#include <zncontainer.h>
 
 namespace zncctl {
 namespace {

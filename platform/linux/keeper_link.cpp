@@ -4,6 +4,7 @@
 #include "pidfd.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -13,13 +14,16 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include "zarnel/ns.h"
+
 namespace zn {
 namespace {
 
 using znc::UniqueFd;
 
-constexpr unsigned long kNamespaces = // plus CLONE_NEWNS, see launch()
-    CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+// The clone() flags of each namespace type, without CLONE_NEWNS.
+constexpr std::array<unsigned long, ZNNS_NUM_TYPES> kNamespaces = {CLONE_NEWPID | CLONE_NEWIPC |
+                                                                   CLONE_NEWUTS | CLONE_NEWCGROUP};
 constexpr int kSpareDescriptors = 16;
 constexpr std::int64_t kNsPerMillisecond = 1000000;
 
@@ -128,7 +132,8 @@ bool Keeper::launch(int mounts)
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
     // No exit signal: the owner's program need not know about keepers.
-    const unsigned long flags = mounts < 0 ? kNamespaces | CLONE_NEWNS : kNamespaces;
+    const unsigned long namespaces = kNamespaces[ZNNS_TYPE_IOS];
+    const unsigned long flags = mounts < 0 ? namespaces | CLONE_NEWNS : namespaces;
     const int below = std::max({file, ReservedDescriptor::number(), mounts}) + 1;
     pid_ = launch_helper({file, flags, fds, wire::kKeeperSocket + 1, argv, envp, mounts, below},
                          pidfd_);

@@ -24,7 +24,7 @@
 extern "C" {
 #endif
 
-/* Namespace types. There is only one; no call takes it as an argument. */
+/* Namespace types. There is only one so far; the platform defines what it consists of. */
 typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /*

@@ -99,6 +99,7 @@ static const Export exports[] = {
     EXPORT(zncUtilStateIdToString),
     EXPORT(zncUtilUntar),
     EXPORT(zncUtilXdelete),
+    EXPORT(zncVersionGet),
 };
 enum { EXPORTS = sizeof exports / sizeof exports[0] };
 
@@ -171,6 +172,8 @@ static void check_calls(void)
         complain("zncUtilSignalNo", "wrong number");
     if (strcmp(zncUtilStateIdToString(STATE_STOPPED), "stopped") != 0)
         complain("zncUtilStateIdToString", "wrong text");
+    if (strcmp(zncVersionGet(), ZNC_VERSION) != 0)
+        complain("zncVersionGet", "not the version of the header");
     if (ugzopen("/nonexistent", "rb") != NULL || ugzclose(NULL) != -1)
         complain("ugzopen, ugzclose", "opened a missing file or closed none");
     if (zncInitializeRuntimeSpec("/nonexistent") != NULL)
