@@ -1,6 +1,6 @@
 #include "layout.hpp"
 
-#include "digest.hpp"
+#include "blob.hpp"
 #include "files.hpp"
 #include "output.hpp"
 
@@ -55,7 +55,7 @@ class LayoutReader {
     // The same of a blob, whose size and content must be what the descriptor says.
     Json blob(const Descriptor& descriptor, std::string& problem)
     {
-        if (!is_digest(descriptor.digest)) {
+        if (!znc::is_digest(descriptor.digest)) {
             problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
             return nullptr;
         }
@@ -71,7 +71,7 @@ class LayoutReader {
         const auto text = file ? read_file(descriptor_path(file.get())) : std::nullopt;
         if (!text)
             problem = fmt::format("blob {}: {}", digest, read_error_text());
-        else if (digest_of(digest.substr(0, digest.find(':')), *text) != digest)
+        else if (!has_digest(*text, digest))
             problem = fmt::format("blob {} has another content", digest);
         else
             return parse(*text, "blob " + digest, problem);
@@ -102,7 +102,7 @@ Image image_of_entry(const cJSON* entry)
 {
     Image image;
     image.manifest = descriptor_of(entry);
-    if (!is_digest(image.manifest.digest))
+    if (!znc::is_digest(image.manifest.digest))
         throw Refusal(fmt::format("index.json: \"{}\" is not a digest", image.manifest.digest));
     image.tag = text_of_any_case(any_case_member(entry, "annotations"), kRefName);
     const cJSON* platform = any_case_member(entry, "platform");
@@ -129,7 +129,7 @@ Image image_of(LayoutReader& reader, const cJSON* entry)
     cJSON_ArrayForEach(layer, any_case_member(manifest.get(), "layers"))
     {
         image.layers.push_back(descriptor_of(layer));
-        if (problem.empty() && !is_digest(image.layers.back().digest))
+        if (problem.empty() && !znc::is_digest(image.layers.back().digest))
             problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
     }
     if (manifest != nullptr)
@@ -204,7 +204,7 @@ int layout_error(const std::string& path)
 
 std::string blob_path(const std::string& layout, const std::string& digest)
 {
-    if (!is_digest(digest))
+    if (!znc::is_digest(digest))
         return "";
     const std::size_t colon = digest.find(':');
     return fmt::format("{}/blobs/{}/{}", layout, digest.substr(0, colon), digest.substr(colon + 1));
@@ -225,7 +225,7 @@ std::string size_problem(const std::string& layout, const std::vector<Image>& im
 {
     std::set<std::pair<std::string_view, double>> seen; // images share blobs
     const auto problem_of = [&](const Descriptor& blob) -> std::string {
-        if (!is_digest(blob.digest) || !seen.emplace(blob.digest, blob.size).second)
+        if (!znc::is_digest(blob.digest) || !seen.emplace(blob.digest, blob.size).second)
             return "";
         const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
         return file ? size_problem(file.get(), blob.digest, blob.size) : "";

@@ -56,10 +56,10 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
                      int file)
 {
     NewLayer layer;
-    Sha256 blob;
-    Sha256 diff;
+    znc::Digest blob;
+    znc::Digest diff;
     GzipWriter gzip(compressor, [&](std::span<const std::byte> bytes) {
-        blob.add(bytes);
+        blob.add(bytes.data(), bytes.size());
         layer.size += bytes.size();
         const auto* text = reinterpret_cast<const char*>(bytes.data());
         if (file >= 0 && !zncctl::write_all(file, {text, bytes.size()}))
@@ -68,13 +68,13 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
     emit(
         tree, spool,
         [&](std::span<const std::byte> bytes) {
-            diff.add(bytes);
+            diff.add(bytes.data(), bytes.size());
             gzip.write(bytes);
         },
         range);
     gzip.finish();
-    layer.digest = blob.text();
-    layer.diff_id = diff.text();
+    layer.digest = zncctl::digest_text(blob);
+    layer.diff_id = zncctl::digest_text(diff);
     return layer;
 }
 

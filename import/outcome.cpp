@@ -1,6 +1,6 @@
 #include "outcome.hpp"
 
-#include "front/digest.hpp"
+#include "format/digest.hpp"
 
 #include <algorithm>
 
@@ -16,7 +16,7 @@ using zncctl::text_of;
 // Layers and documents are named by this algorithm alone.
 bool is_sha256(const std::string& text)
 {
-    return zncctl::is_digest(text) && text.starts_with("sha256:");
+    return znc::is_digest(text) && text.starts_with("sha256:");
 }
 
 std::uint64_t number_of(const cJSON* object, const char* key)

@@ -99,12 +99,18 @@ def one_layer(places, limits):
 
 def u1(world):
     """unpack one layer, tmpfs"""
-    return one_layer(Places(world), {"umoci": 0.40, "bsdtar": 1.0, "floor": 1.10})
+    return one_layer(Places(world), {"umoci": 0.40, "bsdtar": 0.45, "floor": 1.10})
 
 
 def u2(world):
     """unpack one layer, disk"""
     return one_layer(Places(world, on_disk=True), {"umoci": 0.60, "bsdtar": 0.90, "floor": None})
+
+
+def u6(world):
+    """unpack one layer, tmpfs, one processor"""
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    return one_layer(Places(world), {"umoci": None, "bsdtar": 0.70, "floor": 1.10})
 
 
 def u3(world):

@@ -1,7 +1,7 @@
 #include "cli/images/image_settings.hpp"
 #include "cli/images/layer_check.hpp"
 #include "commands.hpp"
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
 #include "front/layout.hpp"
@@ -83,7 +83,7 @@ Verdict check(const std::string& layout, const Image& image)
         const Descriptor& layer = image.layers[i];
         const char* text = cJSON_GetStringValue(id);
         const std::string diff_id = text != nullptr ? text : "";
-        if (is_digest(layer.digest) && // else said above
+        if (znc::is_digest(layer.digest) && // else said above
             seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second)
             check_blob(layout, layer, diff_id, i + 1, verdict);
     }

@@ -1,8 +1,8 @@
 #include "image_bundle.hpp"
 
 #include "bundle_area.hpp"
+#include "front/blob.hpp"
 #include "front/container_id.hpp"
-#include "front/digest.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
 #include "front/progress.hpp"
@@ -260,7 +260,7 @@ std::string own_name(const std::string& id)
     constexpr std::size_t kMost = 180;
     const std::string kept = kept_id(id);
     const bool plain = kept.size() <= kMost && !kept.starts_with('-');
-    return plain ? "of-" + kept : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
+    return plain ? "of-" + kept : "of--" + digest_of(kept).substr(kDigestPrefix);
 }
 
 // The verified digest of the manifest names the bundle that containers share: what is in it is

@@ -1,6 +1,6 @@
 #include "private_layout.hpp"
 
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/files.hpp"
 #include "front/named_lock.hpp"
 
@@ -165,7 +165,7 @@ void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
 
 Json PrivateLayout::add_blob(const std::string& media_type, const std::string& bytes) const
 {
-    const std::string digest = digest_of("sha256", bytes);
+    const std::string digest = digest_of(bytes);
     write(blob_name(digest), bytes);
     return descriptor(media_type, digest, static_cast<double>(bytes.size()));
 }

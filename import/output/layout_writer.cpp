@@ -108,7 +108,7 @@ bool same_file(int fd, const std::string& path)
 std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
-    if (!zncctl::is_digest(digest) || !digest.starts_with(kKind))
+    if (!znc::is_digest(digest) || !digest.starts_with(kKind))
         throw Failure(digest, "is no digest of a blob");
     return digest.substr(kKind.size());
 }

@@ -3,7 +3,7 @@
 #ifndef ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
 #define ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
 
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/json.hpp"
 
 #include <new>
@@ -13,11 +13,7 @@ namespace zncimport {
 using zncctl::kRefName;
 inline constexpr const char* kManifestType = "application/vnd.oci.image.manifest.v1+json";
 
-// As the library names blobs: "sha256:...".
-inline std::string digest_of(std::string_view bytes)
-{
-    return zncctl::digest_of("sha256", bytes);
-}
+using zncctl::digest_of;
 
 // Takes over what cJSON made, if there was memory for it.
 inline zncctl::Json made(cJSON* item)

@@ -1,8 +1,8 @@
+#include "base64.hpp"
 #include "source_kinds.hpp"
 
 #include <cmath>
 #include <fmt/format.h>
-#include <mbedtls/base64.h>
 #include <string_view>
 
 namespace zncimport {
@@ -77,14 +77,10 @@ std::string blob_name(const std::string& digest)
 
 std::string decode(const Descriptor& descriptor)
 {
-    const auto* text = reinterpret_cast<const unsigned char*>(descriptor.data.data());
-    std::string bytes(descriptor.data.size(), '\0');
-    std::size_t size = 0;
-    if (mbedtls_base64_decode(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), &size,
-                              text, descriptor.data.size()) != 0)
+    auto bytes = decode_base64(descriptor.data);
+    if (!bytes)
         throw Failure(descriptor.digest, "the embedded data is no Base64");
-    bytes.resize(size);
-    return bytes;
+    return std::move(*bytes);
 }
 
 // What an index says about an image in it, and about those of an index in it.

@@ -1,7 +1,7 @@
 // msgq.cpp - named message queues over POSIX message queues.
 //
 // All descriptors are non-blocking. Waits use ppoll with a deadline on the monotonic clock, because
-// mq_timedsend and mq_timedreceive use the wall clock, which may be set.
+// the timed POSIX calls use the wall clock, which may be set.
 #include "zarnel/msgq.h"
 
 #include "base/owned.hpp"

@@ -6,6 +6,7 @@
 
 #include <linux/ioprio.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -47,6 +48,19 @@ void znTaskBackgroundSet(void)
     const pid_t self = gettid(); // on Linux both calls apply to one thread
     setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
     syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
+}
+
+size_t znTaskProcessors(void)
+{
+    const znc::ErrnoSaver keep;
+    // A cpuset or the CPU affinity may allow fewer processors than are online. EINVAL: the kernel's
+    // CPU mask is larger than cpu_set_t (more than 1024 possible CPUs); use the number of
+    // processors online.
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+        return static_cast<size_t>(CPU_COUNT(&allowed));
+    const long online = errno == EINVAL ? sysconf(_SC_NPROCESSORS_ONLN) : 1;
+    return online > 0 ? static_cast<size_t>(online) : 1;
 }
 
 void znTaskStopFdSet(int fd)

@@ -5,6 +5,7 @@
 #include "zncGzLib.hpp"
 #include "zncLayerFindings.hpp"
 #include "zncProgress.hpp"
+#include "zncReadAhead.hpp"
 
 #include <climits>
 #include <fcntl.h>
@@ -15,6 +16,7 @@ using znc::kTarBlock;
 namespace {
 
 constexpr std::size_t kDefaultBlocks = 20;
+constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task that reads them
 
 ssize_t read_source(MT_TAR_SOFT& ctrl, std::size_t wanted)
 {
@@ -154,6 +156,11 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
     return extract(targetDir, bfactor, ctrl);
 }
 
+static ssize_t read_blob(void* blob, void* buffer, std::size_t count)
+{
+    return static_cast<znc::BlobReader*>(blob)->read(buffer, count);
+}
+
 STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
                               const TarRun& run)
 {
@@ -167,6 +174,10 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     MT_TAR_SOFT ctrl{};
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.blob = &blob;
+    ReadAhead ahead;
+    if (blob.size() >= kWorthwhile &&
+        (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob)))
+        ctrl.tc = ahead.source();
     ctrl.run = run;
     const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)

@@ -30,6 +30,9 @@ void znTaskUnsafe(void);
  */
 void znTaskBackgroundSet(void);
 
+/* Number of processors on which the calling task may run; 1 if unknown. Preserves errno. */
+size_t znTaskProcessors(void);
+
 /*
  * Set the descriptor that asks the calling task to stop (-1: none, the default). When it is
  * readable, a message receive of this task that may wait fails with ECANCELED instead of taking a

@@ -1,4 +1,5 @@
 // Sources of every kind, which image of one is meant, and what hostile ones try.
+#include "import/source/base64.hpp"
 #include "import/source/source.hpp"
 #include "zncimport_input.hpp"
 
@@ -264,6 +265,28 @@ TEST(LayoutSource, AnnotationsOfManifestAndEntryAreCarried)
     EXPECT_EQ(zncctl::compact(images.at(0).annotations.get()),
               R"({"a":"manifest","b":"1","c":"2"})");
     EXPECT_EQ(images[0].manifest_digest, sha256(manifest));
+}
+
+TEST(Base64, WholeGroupsOfTheAlphabetAreDecoded)
+{
+    const std::pair<const char*, const char*> known[] = {{"", ""},
+                                                         {"Zg==", "f"},
+                                                         {"Zm8=", "fo"},
+                                                         {"Zm9v", "foo"},
+                                                         {"Zm9vYg==", "foob"},
+                                                         {"Zm9vYmE=", "fooba"},
+                                                         {"Zm9vYmFy", "foobar"}};
+    for (const auto& [text, bytes] : known)
+        EXPECT_EQ(zncimport::decode_base64(text), bytes) << text;
+    EXPECT_EQ(zncimport::decode_base64("+/+/"), "\xfb\xff\xbf");
+    EXPECT_EQ(zncimport::decode_base64("AAAA"), std::string(3, '\0'));
+}
+
+TEST(Base64, AnythingElseIsNone)
+{
+    for (const char* text : {"Z", "Zg", "Zg=", "=", "====", "Zg=a", "Z===", "Zm9v\n", " Zm9",
+                             "Zm-_", "Zg==Zg==", "Zm9vYg"})
+        EXPECT_EQ(zncimport::decode_base64(text), std::nullopt) << text;
 }
 
 TEST(LayoutSource, EmbeddedDataIsTaken)
