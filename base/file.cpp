@@ -1,4 +1,4 @@
-// zncFile.cpp - see zncFile.hpp.
+// file.cpp - see file.hpp.
 #include "file.hpp"
 
 #include <fcntl.h>
@@ -9,8 +9,8 @@ znc::UniqueFd znc::open_regular(const char* path, struct stat* st)
         return {};
     UniqueFd fd;
     if (S_ISREG(st->st_mode))
-        // Not blocking: a FIFO or a terminal that has come into its place must not hold the caller
-        // up.
+        // O_NONBLOCK: the path may have been replaced by a FIFO or a terminal since the stat, which
+        // would block.
         fd.reset(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     else
         errno = EINVAL;

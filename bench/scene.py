@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs one scene in the world it finds itself in, which bench.py makes, and writes what it measured.
+"""Runs one scene in the sandbox made by bench.py and writes its measurements.
 
 usage: scene.py NAME PAIRS BIN DEBIAN_ROOT DISK RESULT
 """

@@ -60,7 +60,7 @@ bool Digest::finish(unsigned char* out) noexcept
 {
     if (!good_)
         return false;
-    good_ = false; // it ends here
+    good_ = false; // a second call fails
     std::array<unsigned char, kMax> value = {};
     if (!(algorithm_ == DigestAlgorithm::kSha512 ? znc_sha512_finish(&context_, value.data())
                                                  : znc_sha256_finish(&context_, value.data())))

@@ -1,6 +1,6 @@
-// digest.hpp - digests: SHA-256 and SHA-512 of bytes as they come, and digests as text
-// ("sha256:..."). Used by everything that reads or writes images. Who computes them is chosen when
-// the project is built; see sha2.hpp.
+// digest.hpp - incremental SHA-256 and SHA-512, and digests in the notation of OCI images
+// ("sha256:..."). Used by all code that reads or writes images. The library that computes them is
+// chosen at build time; see sha2.hpp.
 #ifndef ZNC_FORMAT_DIGEST_HPP
 #define ZNC_FORMAT_DIGEST_HPP
 
@@ -15,15 +15,15 @@ namespace znc {
 
 enum class DigestAlgorithm : unsigned char { kSha256, kSha512 };
 
-// The algorithm of a digest as text: what stands before its colon, or all of it, is "sha256" or
-// "sha512".
+// The algorithm that `text` names before its first colon (in the whole text if there is no colon).
+// Empty: neither "sha256" nor "sha512".
 std::optional<DigestAlgorithm> digest_algorithm(std::string_view text) noexcept;
 
-// "sha256:" and 64 hexadecimal digits in lower case, or "sha512:" and 128: what may become the name
-// of a file.
+// Whether `text` is "sha256:" followed by 64 lower-case hexadecimal digits, or "sha512:" followed
+// by 128. To be checked before a digest is used as a file name.
 bool is_digest(std::string_view text) noexcept;
 
-// A digest as text. Empty: it could not be computed.
+// A digest as text. Empty if it could not be computed.
 class DigestText {
   public:
     [[nodiscard]] std::string_view view() const noexcept { return {text_.data(), size_}; }
@@ -36,8 +36,8 @@ class DigestText {
     std::size_t size_ = 0;
 };
 
-// The digest of the bytes that are added. It has failed once any step of its provider has: there is
-// then no value.
+// Computes the digest of the bytes that are added. If any call of the provider fails, the whole
+// computation has failed and there is no value.
 class Digest {
   public:
     static constexpr std::size_t kMax = kSha512Len;
@@ -46,12 +46,12 @@ class Digest {
 
     void add(const void* bytes, std::size_t count) noexcept;
 
-    // How many bytes the value has.
+    // Length of the binary digest in bytes.
     [[nodiscard]] std::size_t size() const noexcept;
-    // Ends the computation and writes size() bytes. False, with `out` untouched, when it has
-    // failed, and the second time.
+    // Ends the computation and writes size() bytes. False, with `out` unchanged, if the computation
+    // has failed or has already ended.
     [[nodiscard]] bool finish(unsigned char* out) noexcept;
-    // The same as text, "sha256:...".
+    // The same, as text ("sha256:...").
     [[nodiscard]] DigestText text() noexcept;
 
   private:

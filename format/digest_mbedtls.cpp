@@ -1,5 +1,5 @@
-// digest_mbedtls.cpp - SHA-256 and SHA-512 by Mbed TLS, 2.28 or 3. A build of it may leave the work
-// to a device, which can fail.
+// digest_mbedtls.cpp - SHA-256 and SHA-512 by Mbed TLS, 2.28 or 3. Mbed TLS can be built to use a
+// hardware accelerator, so its calls can fail.
 #include "format/sha2.hpp"
 
 #include <new>
@@ -8,7 +8,7 @@
 #include <mbedtls/sha512.h>
 #include <mbedtls/version.h>
 
-// Before 3.0 the calls that report a failure have a name of their own.
+// Before 3.0 the functions that return an error have the suffix "_ret".
 #if MBEDTLS_VERSION_NUMBER < 0x03000000
 #define mbedtls_sha256_starts mbedtls_sha256_starts_ret
 #define mbedtls_sha256_update mbedtls_sha256_update_ret
@@ -23,7 +23,7 @@ static_assert(sizeof(mbedtls_sha512_context) <= sizeof(znc::ShaContext));
 
 namespace {
 
-constexpr int kWholeHash = 0; // neither SHA-224 nor SHA-384
+constexpr int kFullLength = 0; // not the truncated variants SHA-224 and SHA-384
 
 template <class Context> Context* of(znc::ShaContext* context)
 {
@@ -39,7 +39,7 @@ void znc_sha256_init(znc::ShaContext* context)
 
 bool znc_sha256_starts(znc::ShaContext* context)
 {
-    return mbedtls_sha256_starts(of<mbedtls_sha256_context>(context), kWholeHash) == 0;
+    return mbedtls_sha256_starts(of<mbedtls_sha256_context>(context), kFullLength) == 0;
 }
 
 bool znc_sha256_update(znc::ShaContext* context, const unsigned char* data, std::size_t len)
@@ -59,7 +59,7 @@ void znc_sha512_init(znc::ShaContext* context)
 
 bool znc_sha512_starts(znc::ShaContext* context)
 {
-    return mbedtls_sha512_starts(of<mbedtls_sha512_context>(context), kWholeHash) == 0;
+    return mbedtls_sha512_starts(of<mbedtls_sha512_context>(context), kFullLength) == 0;
 }
 
 bool znc_sha512_update(znc::ShaContext* context, const unsigned char* data, std::size_t len)

@@ -1,5 +1,5 @@
-// digest_nettle.cpp - SHA-256 and SHA-512 by Nettle, which picks the processor's instructions for
-// them while it is loaded. Its calls cannot fail.
+// digest_nettle.cpp - SHA-256 and SHA-512 by Nettle, which selects the processor's SHA instructions
+// when it is loaded. Its functions cannot fail.
 #include "format/sha2.hpp"
 
 #include <new>

@@ -1,9 +1,10 @@
-// sha2.hpp - SHA-256 and SHA-512 as the digest module asks for them: four calls for each, the same
-// as those of Mbed TLS. Exactly one provider is linked (ZNC_DIGEST): digest_nettle.cpp or
-// digest_mbedtls.cpp. Nobody but digest.cpp calls this.
+// sha2.hpp - the interface between digest.cpp, its only user, and the library that computes SHA-256
+// and SHA-512: four functions each, modelled on those of Mbed TLS. Exactly one provider is linked
+// (ZNC_DIGEST): digest_nettle.cpp or digest_mbedtls.cpp.
 //
-// A context is memory of the caller's and holds no resources: it may be copied and forgotten. All
-// calls are safe in any thread, in a forked child and before main(), on different contexts.
+// A context is memory of the caller and holds no resources: it may be copied, and need not be
+// released. With different contexts, all functions may be called in any thread, in a forked child
+// and before main().
 #ifndef ZNC_FORMAT_SHA2_HPP
 #define ZNC_FORMAT_SHA2_HPP
 
@@ -14,7 +15,7 @@ namespace znc {
 inline constexpr std::size_t kSha256Len = 32;
 inline constexpr std::size_t kSha512Len = 64;
 
-// Room for a provider's own context, which says at compile time if it is too small.
+// Storage for the provider's context. The providers check at compile time that it is large enough.
 struct ShaContext {
     alignas(std::max_align_t) unsigned char bytes[256];
 };
@@ -23,9 +24,9 @@ struct ShaContext {
 
 extern "C" {
 
-// Makes any memory a context; it is of no use before it is started.
+// Initialises a context in uninitialised memory. Call starts() before any other function.
 void znc_sha256_init(znc::ShaContext* context);
-// False: the provider has failed, and nothing that it says of this context means anything.
+// False: the provider has failed. Later results of this context are meaningless.
 [[nodiscard]] bool znc_sha256_starts(znc::ShaContext* context);
 [[nodiscard]] bool znc_sha256_update(znc::ShaContext* context, const unsigned char* data,
                                      std::size_t len);

@@ -1,5 +1,5 @@
-# Run by cpack on what is going to be packed. The same tree gives the same packages: everything in them has
-# the date of the changelog's last entry, unless SOURCE_DATE_EPOCH says another one.
+# Run by cpack on the staged files. For reproducible packages, all files get the date of the changelog's last
+# entry, unless SOURCE_DATE_EPOCH is set.
 if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
     file(STRINGS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog LAST REGEX "^ -- " LIMIT_COUNT 1)
     string(REGEX REPLACE "^.*>  " "" LAST "${LAST}")
@@ -8,8 +8,8 @@ if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
     set(ENV{SOURCE_DATE_EPOCH} ${LAST})
 endif()
 
-# Manual pages and changelogs are compressed, as Debian wants them, and pages that stand for another one
-# point to the compressed one.
+# Compresses manual pages and changelogs, as required by Debian, and lets links between pages point to the
+# compressed pages.
 file(GLOB FILES
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man*/*
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog.Debian)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages that building,
-# packaging, testing, the bench or the demo need; those of build, test and demo without arguments.
-# Does nothing when they are there. Needs root only when they are not.
+# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages needed for
+# building, packaging, tests, benchmarks or the demo; without arguments, those for build, test and
+# demo. Needs root only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev nettle-dev

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# package.sh - builds the Debian packages into build/packages/debs and prints their names. Needs what
-# "install-deps.sh build package" installs.
+# package.sh - builds the Debian packages in build/packages/debs and prints their names. Needs the
+# packages installed by "install-deps.sh build package".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=build/packages

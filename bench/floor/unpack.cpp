@@ -1,10 +1,10 @@
-// unpack.cpp - the floor of unpacking: what no unpacker that verifies can leave out, with the same
-// libraries, one after the other. No JSON, no checks of names, no confinement.
+// unpack.cpp - the floor of unpacking: the work that no verifying unpacker can avoid, done
+// sequentially with the same libraries. No JSON, no checks of names, no confinement.
 //
 // usage: floor_unpack [--hash FILE]... [--extract ARCHIVE DIRECTORY]...
 //
-// --hash reads a file once through SHA-256. --extract inflates a gzip archive and makes its
-// directories, files and links with their modes and times.
+// --hash computes the SHA-256 digest of a file. --extract decompresses a gzip archive and creates
+// its directories, files and links with their modes and timestamps.
 #include "format/digest.hpp"
 
 #include <algorithm>
@@ -44,7 +44,7 @@ void hash(const char* path)
     ::close(fd);
 }
 
-// The inflated archive, a block or a run of blocks at a time.
+// The decompressed archive, read one or more blocks at a time.
 class Archive {
   public:
     explicit Archive(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC))
@@ -58,7 +58,7 @@ class Archive {
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
 
-    // Up to `wanted` bytes, in place.
+    // Returns up to `wanted` bytes without copying.
     std::string_view take(std::size_t wanted)
     {
         if (at_ == end_)

@@ -32,7 +32,8 @@ UniqueFd own_file(int dir, const char* name, int flags)
     return UniqueFd();
 }
 
-// A lock taken here for this moment is no harm: a daemon that starts tries for longer.
+// The shared lock taken here for a moment does not prevent a starting daemon from taking its lock:
+// the daemon retries.
 bool is_locked(int file)
 {
     if (::flock(file, LOCK_SH | LOCK_NB) != 0)
@@ -68,7 +69,7 @@ STATUS znDaemonInfoWrite(int dirFd, const char* version)
         return OK;
     const znc::ErrnoSaver keep;
     ::unlinkat(dirFd, kUnfinished, 0);
-    ::unlinkat(dirFd, ZN_DAEMON_FILE, 0); // a dead daemon's
+    ::unlinkat(dirFd, ZN_DAEMON_FILE, 0); // the file of an earlier daemon
     return ERROR;
 }
 

@@ -1,6 +1,6 @@
 // mutex.cpp - mutual-exclusion semaphores over priority-inheriting recursive pthread mutexes. Owner
-// and depth are kept beside the mutex, so that a give or delete by a stranger is refused without
-// touching it.
+// and depth are stored next to the pthread mutex, so that a give or delete by another task fails
+// without touching it.
 #include "zarnel/mutex.h"
 
 #include "base/failure.hpp"
@@ -15,8 +15,8 @@
 
 struct znMutex {
     pthread_mutex_t mutex;
-    std::atomic<const void*> owner; // a task compares it with its own identity only
-    unsigned depth;                 // the owner's alone
+    std::atomic<const void*> owner; // compared only with the caller's own identity
+    unsigned depth;                 // accessed by the owner only
 };
 
 namespace {
@@ -24,8 +24,7 @@ namespace {
 constexpr int kOptions = ZN_SEM_Q_PRIORITY | ZN_SEM_DELETE_SAFE | ZN_SEM_INVERSION_SAFE;
 constexpr std::int64_t kRetryNs = 1000000;
 
-// ThreadSanitizer does not know pthread_mutex_clocklock and would see neither the lock nor its
-// order.
+// ThreadSanitizer does not know pthread_mutex_clocklock and would not see that the mutex is locked.
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
 #define ZN_THREAD_SANITIZER
@@ -61,8 +60,8 @@ int init_mutex(pthread_mutex_t* mutex)
     return err;
 }
 
-// Kernels before 5.14 wait for a priority-inheriting lock on the wall clock only and refuse the
-// monotonic one with EINVAL; there the lock is asked for again and again.
+// Before Linux 5.14 a priority-inheriting lock can be waited for on the wall clock only, and the
+// monotonic clock is refused with EINVAL. There, pthread_mutex_trylock is polled.
 int lock_by_retrying(pthread_mutex_t* mutex, std::int64_t deadline)
 {
     for (;;) {

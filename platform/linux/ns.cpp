@@ -24,10 +24,10 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
-constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
+constexpr int kReapMilliseconds = 20;               // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // until the programs of one namespace are dead
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // until those of all namespaces are dead
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // until all keepers have ended
 constexpr std::size_t kBuckets = 256;
 
 struct Namespace {
@@ -35,8 +35,8 @@ struct Namespace {
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
-    bool recorded = false;   // the record of this id is its own
-    bool ownsDevice = false; // the root is the container's own overlay device
+    bool recorded = false;   // this namespace has written its record
+    bool ownsDevice = false; // the root is the container's writable overlay device
     char root[kRootPathMax] = {};
     NamespaceMounts mounts;
 };
@@ -51,12 +51,13 @@ struct DestroyNamespace {
 };
 using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 
-// The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
-// for both; a call holds it while it talks to a keeper, which is bounded.
+// The namespaces of this process, and those that have been deleted but whose keeper is not reaped
+// yet. One lock protects both. It is held during requests to keepers, which have a timeout.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
+Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
-std::int64_t g_killDeadline = 0; // what znnsKillAll killed is dead by then; 0: it was not called
+std::int64_t g_killDeadline =
+    0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
 void reap_dying()
 {
@@ -102,7 +103,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// Undoing something in a namespace whose keeper is dead: it is undone already.
+// If the keeper is dead (ESRCH), the operation is already undone.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -116,7 +117,7 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// One of this id may be another owner's.
+// A record of this id may belong to another owner.
 void remove_record(Namespace& ns)
 {
     if (ns.recorded)
@@ -124,7 +125,7 @@ void remove_record(Namespace& ns)
     ns.recorded = false;
 }
 
-// Takes the namespace at `link` off the list and ends it.
+// Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
@@ -190,12 +191,12 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     return 0;
 }
 
-bool names_nothing(const char* destination)
+bool is_empty(const char* destination)
 {
     return destination == nullptr || *destination == '\0';
 }
 
-// Whether two processes are of one process namespace.
+// Whether two processes are in the same PID namespace.
 bool same_pid_namespace(pid_t one, pid_t other)
 {
     char path[64];
@@ -216,7 +217,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
-    reap_dying(); // what they hold may be what the new one needs
+    reap_dying(); // releases resources that the new namespace may need
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -224,7 +225,7 @@ nsid_t znnsCreate(int /*flags*/)
     if (ns->id < 0 || !ns->keeper.start())
         return -1;
     const nsid_t id = ns->id;
-    *find_link(id) = ns.release(); // behind the last one of its bucket
+    *find_link(id) = ns.release(); // appended to its bucket
     return id;
 }
 
@@ -243,7 +244,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
         overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
-    // Without its root the namespace is of no use, and the caller would not come back for it.
+    // Without a root the namespace is useless, and the caller will not delete it.
     if (error != 0)
         end_namespace(find_link(id));
     return result(error);
@@ -252,7 +253,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
                  const char* type, const char* const* options)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -266,7 +267,7 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
                   const char* destination, const char* /*type*/, const char* const* /*options*/)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -315,7 +316,8 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
+    // Open the pidfd first, then check the namespace by id. If the id is reused in between, the
+    // signal through the pidfd fails with ESRCH.
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))

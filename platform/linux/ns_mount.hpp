@@ -1,6 +1,6 @@
-// ns_mount.hpp - the mounts of a namespace besides its root: each is made ready here, on the host,
-// and attached by the keeper. Used by the namespace service. Left out: what a configured mount
-// means (mount_plan), and attaching it inside the root (helper/keeper_mount.cpp).
+// ns_mount.hpp - the mounts of a namespace besides its root. Each is prepared here, on the host,
+// and attached by the keeper (helper/keeper_mount.cpp). Used by the namespace service. Configured
+// mounts are interpreted by mount_plan.
 #ifndef ZN_NS_MOUNT_HPP
 #define ZN_NS_MOUNT_HPP
 
@@ -12,13 +12,13 @@
 
 namespace zn {
 
-// A copy of the tree at `path`, attached nowhere, with the attributes of the plan. `path` is
-// resolved here, once. No descriptor, with errno set, when that fails.
+// A detached clone of the tree at `path` with the attributes of the plan. `path` is resolved only
+// here. Invalid with errno set on failure.
 znc::UniqueFd detached_tree(const char* path, const MountPlan& plan);
 
 bool is_directory(int fd);
 
-// The results are 0 or an error number.
+// The mounts of one namespace. The functions return 0 or an error number.
 class NamespaceMounts {
   public:
     NamespaceMounts() = default;
@@ -28,8 +28,8 @@ class NamespaceMounts {
 
     int mount(Keeper& keeper, const char* source, const char* destination, const char* type,
               const char* const* options);
-    // Undoes the newest mount at `destination`; EINVAL when there is none. After ESRCH, for a
-    // keeper that is dead, it is forgotten, too.
+    // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
+    // (ESRCH), the mount is removed from the list, too.
     int unmount(Keeper& keeper, const char* destination);
 
   private:

@@ -1,6 +1,6 @@
-// overlay_stack.hpp - the record of a read-only overlay device: the directories that it shows, the
-// first on top, in a file of the bare directory that the device is mounted on. It is out of sight
-// while the device exists. Used by the overlay devices alone, which hold their lock.
+// overlay_stack.hpp - the record of a read-only overlay device: its directories, the first on top,
+// in a file in the directory that the device is mounted on. The mount hides the file. Used by the
+// overlay devices only, which hold their lock.
 #ifndef ZN_OVERLAY_STACK_HPP
 #define ZN_OVERLAY_STACK_HPP
 
@@ -10,22 +10,23 @@
 
 namespace zn {
 
-// In the bare directory `node`. False with errno set.
+// Writes the record in the unmounted directory `node`. False with errno set.
 bool stack_write(int node, const char* const* dirs, std::uint32_t count);
 void stack_remove(int node);
 
-// Texts one after the other, each with its NUL, and one NUL more.
+// NUL-terminated strings followed by an empty one.
 struct StackText {
-    znc::MallocPtr<char[]> text; // null: errno says why, ENOENT when there is none or it has no end
+    znc::MallocPtr<char[]> text; // null on failure with errno set; ENOENT if the record does not
+                                 // exist or is incomplete
     std::size_t len = 0;
 
     [[nodiscard]] const char* first() const { return text.get(); }
-    // The one after `dir`, or null.
+    // The string after `dir`, or null.
     [[nodiscard]] const char* next(const char* dir) const;
 };
 StackText stack_read(int node);
 
-// The bare directory `name` of a device that exists, below the mount. None with errno set.
+// The directory `name` below the mount of an existing device. Invalid with errno set.
 znc::UniqueFd stack_node(int devices, const char* name);
 
 } // namespace zn
