@@ -250,13 +250,19 @@ STATUS refuse(const MT_TAR_SOFT& ctrl, ZNC_LAYER_FINDING finding)
 }
 
 // Whether the member will be read on behind its header and its data, if it has any.
-void tell_of_size(const MT_TAR_SOFT& ctrl, const Member& member, const header& h)
+void tell_of_size(const MT_TAR_SOFT& ctrl, const Member& member, bool binary)
 {
-    constexpr unsigned kBinary = 0x80; // how others write numbers that do not fit
-    if ((static_cast<unsigned char>(h.size[0]) & kBinary) != 0)
+    if (binary)
         znc::tell_of_member(ctrl, ZNC_LAYER_SIZE_FORM);
     else if (member.size != 0 && member.made != Made::kFile)
         znc::tell_of_member(ctrl, ZNC_LAYER_DATA_AS_MEMBERS);
+}
+
+// How others write a size that does not fit into its field.
+bool has_binary_size(const header& h)
+{
+    constexpr unsigned kBinary = 0x80;
+    return (static_cast<unsigned char>(h.size[0]) & kBinary) != 0;
 }
 
 STATUS make_member(MT_TAR_SOFT& ctrl, const Member& member, const MT_HBLOCK& block,
@@ -323,6 +329,8 @@ STATUS tarExtractFile(MT_TAR_SOFT* pCtrl, MT_HBLOCK* pBlk)
     if (compose_path(*pCtrl, pBlk->dbuf, member) != OK)
         return refuse(*pCtrl, ZNC_LAYER_NAME);
     member.made = made_of(member, pBlk->dbuf.linkflag);
+    // Copying the data refills the buffer that the header is in.
+    const bool binary_size = has_binary_size(pBlk->dbuf);
     if (member.path != nullptr) {
         const char* const last = mtAccess(pCtrl, member.path);
         if (last == nullptr)
@@ -331,6 +339,6 @@ STATUS tarExtractFile(MT_TAR_SOFT* pCtrl, MT_HBLOCK* pBlk)
         if (make_member(*pCtrl, member, *pBlk, last) != OK)
             return ERROR;
     }
-    tell_of_size(*pCtrl, member, pBlk->dbuf);
+    tell_of_size(*pCtrl, member, binary_size);
     return OK;
 }

@@ -103,6 +103,12 @@ TEST_F(LayerCheck, EndsAsExtractingDoesWhateverTheMembers)
     EXPECT_LT(good, 2900);
 }
 
+TEST_F(LayerCheck, DataLongerThanTheBufferIsNotTakenForTheHeader)
+{
+    const std::string data(300 * 1024, '\xff');
+    EXPECT_TRUE(said(Archive().file("f", data).file("g", "x").end()).empty());
+}
+
 TEST_F(LayerCheck, MakesNothing)
 {
     const Tree before = snapshot(target_);
