@@ -7,7 +7,8 @@
 prefix=$work/prefix
 daemon=
 clean_up() {
-    [[ -z $daemon ]] || kill "$daemon"
+    # The daemon empties its storage when it ends.
+    if [[ -n $daemon ]]; then kill "$daemon" && wait "$daemon"; fi
     rm -rf "$work"
 }
 trap clean_up EXIT
