@@ -98,9 +98,11 @@ fetched() {
 
 # Where only what is needed is installed: what is left out is said, one line each.
 bare() {
-    local libraries=$work/bare said=$work/bare.log line
+    local libraries=$work/bare said=$work/bare.log needed line
     mkdir "$libraries"
-    ln -s "$(pkg-config --variable=pcfiledir libcjson)/libcjson.pc" "$libraries"
+    for needed in libcjson nettle; do
+        ln -s "$(pkg-config --variable=pcfiledir $needed)/$needed.pc" "$libraries"
+    done
     rm -rf "$builds/bare/CMakeCache.txt"
     PKG_CONFIG_LIBDIR=$libraries PKG_CONFIG_PATH='' cmake -S . -B "$builds/bare" -G Ninja \
         -DCMAKE_BUILD_TYPE=Debug -DZNC_SCDOC=OFF -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON >"$said" 2>&1 || {
