@@ -495,8 +495,8 @@ typedef void (*ZNC_LAYER_FUNC)(const ZNC_LAYER_REPORT* report, void* context);
  * not known) as it is decompressed; both are "sha256:" or "sha512:" and digits. The names of the
  * members are kept in memory meanwhile. OK if it would be extracted and is what is said; ERROR with
  * the number that extracting has (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
- * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or `func` is NULL;
- * not a regular file), ENOMEM.
+ * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or
+ * `func` is NULL; not a regular file), ENOMEM.
  */
 STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diffId,
                      ZNC_LAYER_FUNC func, void* context);
