@@ -22,7 +22,7 @@ using Json = nlohmann::ordered_json;
 
 struct JsonLimits {
     std::size_t bytes = std::size_t{64} << 20U; // the library reads no longer files
-    std::size_t depth = 1000;                   // nor objects and arrays deeper in each other
+    std::size_t depth = 200; // of objects and arrays: writing a document takes stack for each
 };
 
 // What there is to say about a text.
