@@ -148,11 +148,12 @@ class Builder {
         for (const auto& [key, value] : members)
             keys.emplace_back(comparable(key, object.free_keys), keys.size());
         std::sort(keys.begin(), keys.end());
-        const auto same = [](const auto& a, const auto& b) { return a.first == b.first; };
-        const auto twin = std::adjacent_find(keys.begin(), keys.end(), same);
-        if (twin == keys.end())
+        std::size_t second = 1; // of two that are the same
+        while (second < keys.size() && keys[second - 1].first != keys[second].first)
+            second++;
+        if (second >= keys.size())
             return true;
-        const auto at = members.begin() + static_cast<std::ptrdiff_t>((twin + 1)->second);
+        const auto at = members.begin() + static_cast<std::ptrdiff_t>(keys[second].second);
         notes_.duplicate_key = at->first;
         return refuse(fmt::format("the key \"{}\" is there twice", at->first));
     }

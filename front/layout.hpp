@@ -20,7 +20,7 @@ struct Descriptor {
     std::int64_t size = -1; // -1: not said
 };
 
-struct Image {
+struct Image { // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
     Descriptor manifest;
     std::string problem; // why it cannot be unpacked, as far as its documents tell; "" if it can
     std::string tag;     // "" when the index gives no name

@@ -26,6 +26,7 @@ inline std::vector<std::string> split_words(std::string_view text)
 template <class Number> std::optional<Number> to_number(std::string_view text)
 {
     Number number = 0;
+    // cppcheck-suppress invalidLifetime // the text lives as long as the call
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size())
         return std::nullopt;

@@ -24,7 +24,7 @@ struct Layer {
     std::int64_t size = -1; // of the stored bytes; -1: not known
 };
 
-struct SourceImage {
+struct SourceImage {                // NOLINT(bugprone-exception-escape): moving JSON does not throw
     std::vector<std::string> names; // tags or references, without a path; none: []
     std::string os;
     std::string arch;

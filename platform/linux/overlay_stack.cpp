@@ -30,7 +30,7 @@ bool stack_write(int node, const char* const* dirs, std::uint32_t count)
         written = znc::write_all(file.get(), {dirs[i], std::strlen(dirs[i]) + 1});
     // The terminating empty string shows that the record is complete; a crash may have truncated
     // it.
-    return written && znc::write_all(file.get(), {"", 1});
+    return written && znc::write_all(file.get(), {"\0", 1});
 }
 
 void stack_remove(int node)

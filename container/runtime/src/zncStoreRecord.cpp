@@ -149,7 +149,7 @@ bool TextList::write_beside(const char* path, PathText* made) const
     UniqueFd fd(::mkstemp(made->get()));
     if (!fd)
         return false;
-    if (write_all(fd.get(), {text_.get(), len_}) && write_all(fd.get(), {"", 1}) &&
+    if (write_all(fd.get(), {text_.get(), len_}) && write_all(fd.get(), {"\0", 1}) &&
         ::fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return true;
     const ErrnoSaver keep;
