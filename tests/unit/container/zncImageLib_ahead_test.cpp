@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -428,8 +429,10 @@ TEST_F(Ahead, ALayerNamedAgainAndAgainIsExtractedOnce)
     image.layers.assign(6, layer_);
     image.layers.insert(image.layers.begin() + 3, tar({{"other", "content"}}));
     layout_.add(image);
+    std::mutex mutex; // several layers are verified at a time
     std::size_t most = 0;
     before_verdict = [&] {
+        const std::scoped_lock lock(mutex);
         std::size_t stages = 0;
         for (const std::string& name : names_in(store_))
             stages += name.starts_with(".unpack-") ? 1 : 0;
