@@ -1,5 +1,6 @@
-// zncImageLib.cpp - makes a bundle of an image: the bundle directory, one of the three kinds of
-// root filesystem, and "config.json". Runs in the caller's process; nothing is kept between calls.
+// zncImageLib.cpp - turns an image into a bundle: creates the bundle directory, one of the three
+// kinds of root filesystem, and "config.json". Runs in the caller's process and keeps no state
+// between calls.
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
@@ -20,14 +21,14 @@ namespace {
 
 constexpr char kOverlayDir[] = "/overlay/";
 
-// `first` and `second` into a path buffer; false when they do not fit.
+// Concatenates `first` and `second` into a buffer of kPathMax bytes; false if they do not fit.
 bool compose(char* path, const char* first, const char* second)
 {
     char* const end = path + znc::kPathMax;
     return znc::copy_end(znc::copy_end(path, end, first), end, second) != end;
 }
 
-// The directories of the layers, the top one first.
+// The paths of the layer directories, top layer first: the order that overlayfs expects.
 class LayerPaths {
   public:
     bool allocate(std::size_t count)
@@ -47,7 +48,8 @@ class LayerPaths {
     znc::MallocPtr<char[]> text_;
 };
 
-// The layers that the store keeps for an image, by name; those of a tree the bottom one first.
+// The directory names, inside the store, of the image's layers, in manifest order (bottom layer
+// first).
 bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
 {
     bool added = true;
@@ -56,8 +58,9 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
-// From here on whoever collects the store knows that the bundle needs its root and these layers. A
-// record is of no use before the bundle has its configuration, and is needed from then on.
+// Records that the bundle needs its root and these layers, so that zncStoreCollect does not remove
+// them. The record must be on disk before the bundle has its "config.json"; without that file the
+// bundle does not count as existing and the record has no effect.
 STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
                      const znc::TextList& layers)
 {
@@ -77,7 +80,8 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     if (count < 2)
         return compose(root, layers.get()[0], "") ? record_bundle(image, bundle, root, base, names)
                                                   : fail(ENAMETOOLONG);
-    // Before there is a device: one that nobody remembered would stay for ever.
+    // Write the record before the overlay device is created. A device without a record would never
+    // be removed by a collection.
     char chain[znc::kChainIdTextLen];
     if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
         record_bundle(image, bundle, root, base, names) != OK)
@@ -86,18 +90,18 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
                                 static_cast<std::uint32_t>(count));
 }
 
-// Extracts the layers beside the tree `root` of the chain, whose directory is `area`, and gives the
-// result its name.
+// Extracts the layers into a temporary directory in `area`, the parent directory of the flattened
+// trees, and then renames the result to `root`. The last component of `root` is the chain ID.
 STATUS flatten(OCI_IMAGE* image, std::string_view area, const char* root,
                const znc::TextList& layers)
 {
     bool is_new = false;
     if (znc::claim_tree(znc::store_base(area), znc::last_component(root), layers, &is_new) != OK)
         return ERROR;
-    const bool unknown = is_new && exists(root);
+    const bool unrecorded = is_new && exists(root);
     znc::LayerStage stage;
     if (stage.make(area) != OK || zncImageExtractLayers(image, stage.path()) != OK ||
-        znFsSync(stage.path()) != OK || znc::place_tree(stage, root, unknown) != OK)
+        znFsSync(stage.path()) != OK || znc::place_tree(stage, root, unrecorded) != OK)
         return ERROR;
     const znc::PathText dir = znc::path_in(area, "");
     return dir ? znDirSync(dir.get()) : ERROR;
@@ -112,8 +116,8 @@ STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
     char* const end = root + znc::kPathMax;
     if (znc::copy_end(root + len, end, chain) == end)
         return fail(ENAMETOOLONG);
-    znc::StoreLock own;
-    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    znc::StoreLock own_lock;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own_lock;
     const std::string_view area(root, len - 1);
     znc::TextList layers;
     if (!layer_names(*znc::chosen_manifest(image), &layers) ||
@@ -131,12 +135,12 @@ STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
     return compose(root, "rootfs", "") ? OK : ERROR;
 }
 
-// The configuration comes last: once it is there, the bundle is whole and on disk.
+// "config.json" is written last: a bundle that has one is complete and on disk.
 STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* root, char* path)
 {
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
         return ERROR;
-    errno = 0; // a path too long has no number here
+    errno = 0; // a path that is too long is reported with errno 0
     if (!compose(path, bundle, "/config.json") ||
         zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
         return ERROR;
@@ -145,7 +149,7 @@ STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* roo
     return OK;
 }
 
-// What is in a bundle directory. `path` is a buffer to work in.
+// Creates the contents of a bundle directory. `path` is a scratch buffer of kPathMax bytes.
 STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
 {
     if (!compose(path, bundle, "/rootfs"))
@@ -158,13 +162,15 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     if (configure(image, bundle, type, root.get(), path) == OK)
         return OK;
     const znc::ErrnoSaver keep;
-    // A device that is there was made just now: making one that exists fails.
+    // The device can only be the one created above: creating a device whose name exists fails.
     if (std::string_view(root.get()).starts_with(kOverlayDir))
         (void)zncRemoveOvlRootfsDev(root.get());
     return ERROR;
 }
 
-// How many layers an image can have whose layers go into the store.
+// The largest number of layers with which an image of this root filesystem type is extracted into
+// the layer store. A flattened image of several layers is extracted into a tree of its own
+// instead.
 std::size_t stored_layers_max(int type)
 {
     switch (type) {
@@ -236,7 +242,8 @@ STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int root
     if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
         return OK;
     const znc::ErrnoSaver keep;
-    // A path too long for the tree delete is too long to have been filled as well.
+    // zncImageBundleDelete() fails for a path too long for its buffers. Nothing can have been
+    // created in such a directory either, so that rmdir() is enough.
     if (newCreate && zncImageBundleDelete(bundlePath) != OK)
         ::rmdir(bundlePath);
     return ERROR;
@@ -315,7 +322,7 @@ STATUS zncImageBundleDelete(const char* pBundlePath)
         return ERROR;
     const int before = errno;
     if (!exists(pBundlePath)) {
-        errno = before; // nothing to delete has no number
+        errno = before; // a bundle that does not exist is ERROR with errno unchanged
         return ERROR;
     }
     return znc::delete_foreign_tree(pBundlePath);

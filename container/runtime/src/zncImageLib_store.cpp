@@ -1,7 +1,7 @@
 // zncImageLib_store.cpp - the layer store: one directory per layer, named by the digest of its
-// archive and shared by all images. A layer is extracted under a name of its own and renamed when
-// it is whole, verified and on disk (zncLayerStage), so a directory with a layer's name is
-// that layer, whoever was killed when.
+// archive and shared by all images. A layer is extracted into a temporary directory, which is
+// renamed once it is complete, verified and on disk (zncLayerStage). A directory with a layer's
+// name is therefore always complete, whenever a process was killed.
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
@@ -24,7 +24,8 @@ using znc::fail;
 
 namespace {
 
-constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of layers that are worth a helper task
+// bytes of layers from which helper threads pay off
+constexpr std::int64_t kParallelMin = 1024 * 1024;
 
 std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
 {
@@ -33,13 +34,14 @@ std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
 
 std::int64_t stored_size(const ZNC_IMAGE_MANIFEST& manifest)
 {
-    std::int64_t bytes = 0; // the sizes are those of files
+    std::int64_t bytes = 0; // cannot overflow: the sizes were checked against the files
     for (int i = 0; i < manifest.manifestLayersCount; ++i)
         bytes += cJSON_integer64_value(manifest.manifestLayers[i].size);
     return bytes;
 }
 
-// The store's directory of a layer archive, behind the `baseLen` characters of the store itself.
+// Appends the directory name of a layer archive to `path`, whose first `baseLen` characters are the
+// path of the store.
 STATUS layer_directory(const char* file, char* path, std::size_t baseLen)
 {
     const char* const end = file + ::strnlen(file, znc::kPathMax);
@@ -60,9 +62,9 @@ bool is_stored(const char* layerDir)
     return ::stat(layerDir, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The layers of an image that the store lacks, the top one first. Each is extracted beside its
-// place, so that they can be extracted at the same time, and all get their names when they are on
-// disk.
+// Extracts the layers of an image that the store does not have, top layer first. Each layer is
+// extracted into its own temporary directory, so that several threads can extract at the same
+// time; publish() renames the directories when all of them are on disk.
 class StoreJobs {
   public:
     StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead)
@@ -75,7 +77,7 @@ class StoreJobs {
         return stages_ != nullptr;
     }
 
-    // The layer's place in the manifest.
+    // The index of layer `k` in the manifest, which lists the bottom layer first.
     [[nodiscard]] std::size_t index(std::size_t k) const { return layer_total(manifest_) - 1 - k; }
     [[nodiscard]] const ZNC_IMAGE_MANIFEST_LAYERS& layer(std::size_t k) const
     {
@@ -88,13 +90,14 @@ class StoreJobs {
         return static_cast<StoreJobs*>(self)->extract(k);
     }
 
-    // Gives the first `count` layers their names, as far as they are new.
+    // Renames the directories of the first `count` layers to their final names. Layers that the
+    // store had already are skipped.
     STATUS publish(char* const* paths, std::size_t count)
     {
-        bool fresh = false;
+        bool any_new = false;
         for (std::size_t k = 0; k < count; ++k)
-            fresh = fresh || stages_[k].path() != nullptr;
-        if (!fresh)
+            any_new = any_new || stages_[k].path() != nullptr;
+        if (!any_new)
             return OK;
         const znc::PathText store = znc::path_in(store_, "");
         if (!store || znFsSync(store.get()) != OK)
@@ -128,14 +131,15 @@ class StoreJobs {
     std::unique_ptr<znc::LayerStage[]> stages_;
 };
 
-// Has everything extracted in order; the number of layers that were.
+// Waits for the extractions in order, up to the first failure. Returns the number of layers
+// extracted.
 std::uint32_t extract_all(StoreJobs& jobs, znc::WorkAhead& work, znc::StoreAhead* ahead,
                           std::uint32_t count, STATUS* status)
 {
     std::uint32_t told = ahead != nullptr ? ahead->told() : 0;
     std::uint32_t k = 0;
     for (*status = OK; k < count; ++k) {
-        if (ahead != nullptr && ahead->was_told(jobs.index(k))) {
+        if (ahead != nullptr && ahead->was_reported(jobs.index(k))) {
             *status = work.result(k);
         } else {
             znc::LayerProgress progress(jobs.file(k), told++, count);
@@ -165,15 +169,15 @@ STATUS znc::extract_layer(const char* layerFile, const char* digest, const char*
     if (!blob.open(layerFile, digest))
         return errno != 0 ? ERROR : fail(S_zncLib_MANIFEST_INVALID);
     const STATUS status = tar_extract_whole(blob, dir, kTarLayerBlocks, cancel);
-    const int why = errno;
+    const int error = errno;
     if (cancel != nullptr && *cancel)
         return ERROR;
     const bool matches = blob.verified();
     if (verified != nullptr)
         *verified = matches;
     if (!matches)
-        return fail(why == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
-    errno = why;
+        return fail(error == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
+    errno = error;
     return status;
 }
 
@@ -184,7 +188,8 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (manifest == nullptr)
         return fail(EINVAL);
     const std::uint32_t count = layer_total(*manifest);
-    const auto store = znc::malloc_array<char>(znc::kPathMax); // `repositoryPath` changes
+    // a copy: `repositoryPath` is overwritten below
+    const auto store = znc::malloc_array<char>(znc::kPathMax);
     if (!store || pathLen >= znc::kPathMax)
         return ERROR;
     std::memcpy(store.get(), repositoryPath, pathLen);
@@ -194,8 +199,8 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
             return ERROR;
         std::memcpy(ppLayerPath[k], repositoryPath, std::strlen(repositoryPath) + 1);
     }
-    znc::StoreLock own;
-    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    znc::StoreLock own_lock;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own_lock;
     znc::StoreAhead* ahead = image->store != nullptr ? &image->store->ahead : nullptr;
     const std::string_view area(store.get(), pathLen);
     if (ahead != nullptr)
@@ -208,14 +213,14 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (!jobs.allocate())
         return ERROR;
     znc::WorkAhead work(StoreJobs::extract, &jobs, count);
-    if (stored_size(*manifest) >= kWorthwhile)
+    if (stored_size(*manifest) >= kParallelMin)
         work.start();
     STATUS status = OK;
     const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
     if (status == OK)
         return jobs.publish(ppLayerPath, done);
     const znc::ErrnoSaver keep;
-    (void)jobs.publish(ppLayerPath, done); // those that came before the failure stay
+    (void)jobs.publish(ppLayerPath, done); // keep the layers extracted before the failure
     return ERROR;
 }
 
