@@ -1,7 +1,8 @@
-// zncStoreRecord.hpp - what a storage base remembers: of each bundle, what of the store it needs;
-// of each flattened tree, which layers it was made of. A record is a list of texts, each ended by a
-// NUL, and one NUL more. It appears complete, and is on disk, or not at all. Used by the
-// unpack and by the collection of what is not used.
+// zncStoreRecord.hpp - the records of a storage base: for each bundle, what it needs from the
+// store; for each flattened tree, the layers that it was made of. A record is a list of
+// NUL-terminated strings, followed by one more NUL. Records are written to a temporary file, synced
+// and then renamed or linked into place, so that a record is complete or does not exist. Used by
+// the unpack and by the collection of unused directories.
 #ifndef ZNCSTORERECORD_HPP
 #define ZNCSTORERECORD_HPP
 
@@ -15,50 +16,54 @@ namespace znc {
 
 using PathText = MallocPtr<char[]>;
 
-// `base` followed by `name`; null with the task error number set when memory is short or it does
-// not fit.
+// Concatenates its arguments. Null with errno set if there is no memory or the result does not fit
+// into kPathMax.
 PathText path_in(std::string_view base, const char* name);
 PathText path_in(std::string_view base, const char* directory, const char* name);
 
-// What follows the last "/".
+// The part after the last "/", or the whole path if it has none.
 const char* last_component(const char* path);
 
-// A list of texts.
+// A list of strings, stored one after the other.
 class TextList {
   public:
     [[nodiscard]] bool add(const char* text);
     [[nodiscard]] bool contains(const char* text) const;
     [[nodiscard]] bool operator==(const TextList& other) const;
     [[nodiscard]] bool empty() const { return len_ == 0; }
-    // The first text, or null; the one that follows another, or null.
+    // Iteration: the first string, and the one after `text`, which must point into the list; null
+    // at the end.
     [[nodiscard]] const char* first() const;
     [[nodiscard]] const char* next(const char* text) const;
 
     [[nodiscard]] bool read(const char* path);
-    // Writes a temporary file beside `path`, on disk; its name is in `made`.
-    [[nodiscard]] bool write_beside(const char* path, PathText* made) const;
+    // Writes the list to a temporary file in the directory of `path` and syncs it; the name of that
+    // file goes to `temporary`.
+    [[nodiscard]] bool write_beside(const char* path, PathText* temporary) const;
 
   private:
     MallocPtr<char[]> text_;
     std::size_t len_ = 0;
-    std::size_t room_ = 0;
+    std::size_t capacity_ = 0;
 };
 
-// Where the records of a base are: "/records". Names in it: those of bundles and of trees end with
-// these, what begins with "." is being written.
+// The directory of the records in the storage base, and the suffixes of the records of bundles and
+// of flattened trees. Names that begin with "." are files being written.
 inline constexpr char kRecordsDir[] = "/records";
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
 
-// The record of a bundle: its path, its root, and the layers of the store that it needs, by name.
+// The record of a bundle: its path, the path of its root, and the names of the layers that it
+// needs.
 class BundleRecord {
   public:
     BundleRecord() = default;
     BundleRecord(const BundleRecord&) = delete;
     BundleRecord& operator=(const BundleRecord&) = delete;
-    ~BundleRecord(); // one that was not kept is removed
+    ~BundleRecord(); // removes the record unless keep() was called
 
-    // Writes it. EEXIST: a bundle that still is there has the same root made of other layers.
+    // Writes the record. EEXIST: another bundle that still exists has the same root, made of
+    // other layers.
     STATUS write(std::string_view base, const char* bundle, const char* root,
                  const TextList& layers);
     void keep() noexcept { path_.reset(); }
@@ -67,17 +72,16 @@ class BundleRecord {
     PathText path_;
 };
 
-// Whether the bundle that a record names is there. Whatever keeps that from being known counts as
-// there.
-bool bundle_lives(const char* bundlePath);
+// Whether the bundle of a record still has its "config.json". If that cannot be determined: true.
+bool bundle_exists(const char* bundlePath);
 
-// Calls `func` with each bundle's record, the path of its file included. A record that cannot be
-// read is an error: nobody then knows what is in use.
+// Calls `func` with the path and contents of each bundle's record. An unreadable record is an
+// error, because it is then unknown what is in use.
 using BundleFunc = STATUS (*)(void* context, const char* file, const TextList& record);
 STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 
-// Says that the tree `chain` is made of `layers`, unless a record says so already. EEXIST: it says
-// otherwise. `*isNew`: there was none.
+// Records that the tree `chain` is made of `layers`, unless a record says so already. EEXIST:
+// the existing record lists other layers. `*isNew` is set to whether there was no record.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
 
 } // namespace znc
