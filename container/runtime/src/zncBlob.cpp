@@ -10,7 +10,8 @@
 namespace {
 
 constexpr std::size_t kDrainLen = 4096;
-constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task of their own
+// smallest archive that is hashed in a separate thread
+constexpr std::size_t kThreadMin = 1024 * 1024;
 
 } // namespace
 
@@ -30,35 +31,37 @@ bool BlobReader::open(const char* path, const char* digest)
 
 bool BlobReader::restart()
 {
-    aside_.finish();
-    at_ = 0;
+    hash_thread_.finish();
+    offset_ = 0;
     tailLen_ = 0;
     return ::lseek(fd_.get(), 0, SEEK_SET) == 0 && hash_.start(digest_);
 }
 
-// The beginning is read twice of archives that are not compressed.
+// The thread is only started after the first read: archives that are not compressed are restarted
+// after their beginning was examined.
 void BlobReader::hash(const void* bytes, std::size_t len)
 {
-    if (!aside_.runs() && !alone_ && at_ > 0 && size_ >= kWorthwhile)
-        alone_ = !aside_.start(hash_);
-    if (aside_.runs())
-        aside_.give(bytes, len);
+    if (!hash_thread_.runs() && !no_thread_ && offset_ > 0 && size_ >= kThreadMin)
+        no_thread_ = !hash_thread_.start(hash_);
+    if (hash_thread_.runs())
+        hash_thread_.give(bytes, len);
     else
         hash_.update(bytes, len);
 }
 
 void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
 {
-    const std::size_t from = size_ - tailLen_; // of the file
-    const std::size_t begin = std::max(at_, from);
-    if (begin < at_ + len)
-        std::memcpy(tail_.data() + (begin - from), bytes + (begin - at_), at_ + len - begin);
+    const std::size_t from = size_ - tailLen_; // offset in the file
+    const std::size_t begin = std::max(offset_, from);
+    if (begin < offset_ + len)
+        std::memcpy(tail_.data() + (begin - from), bytes + (begin - offset_),
+                    offset_ + len - begin);
 }
 
 ssize_t BlobReader::read(void* buffer, std::size_t count)
 {
     auto* const bytes = static_cast<unsigned char*>(buffer);
-    const std::size_t wanted = std::min(count, size_ - at_);
+    const std::size_t wanted = std::min(count, size_ - offset_);
     std::size_t got = 0;
     while (got < wanted) {
         const ssize_t n = ::read(fd_.get(), bytes + got, wanted - got);
@@ -67,12 +70,12 @@ ssize_t BlobReader::read(void* buffer, std::size_t count)
         if (n < 0)
             return -1;
         if (n == 0)
-            break; // it has become shorter
+            break; // the file was truncated after it was opened
         got += static_cast<std::size_t>(n);
     }
     hash(bytes, got);
     note_tail(bytes, got);
-    at_ += got;
+    offset_ += got;
     progress_read(fd_.get());
     return static_cast<ssize_t>(got);
 }
@@ -95,8 +98,8 @@ bool BlobReader::verified()
     ssize_t n = 1;
     while (n > 0)
         n = read(rest.data(), rest.size());
-    aside_.finish();
-    return n == 0 && at_ == size_ && hash_.matches() &&
+    hash_thread_.finish();
+    return n == 0 && offset_ == size_ && hash_.matches() &&
            std::memcmp(tail_.data(), tailAhead_.data(), tailLen_) == 0;
 }
 
