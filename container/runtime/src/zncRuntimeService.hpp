@@ -1,6 +1,5 @@
-// zncRuntimeService.hpp - the daemon's request processing, under its own names for the tests and
-// the fuzz target. The daemon task is the only other caller. Left out: the inspection document,
-// which has a public builder.
+// zncRuntimeService.hpp - the daemon's request processing, declared for the daemon task, the unit
+// tests and the fuzz target. The functions for the inspection document are public.
 #ifndef ZNCRUNTIMESERVICE_HPP
 #define ZNCRUNTIMESERVICE_HPP
 
@@ -11,10 +10,10 @@
 
 namespace znc {
 
-// Whether a queue name is one that zncCall makes: "/znc-u-<digits>-<digits>".
+// Whether a queue name has the form that zncCall uses: "/znc-u-<digits>-<digits>".
 bool is_client_queue_name(std::string_view name);
 
-// The process whose call has a queue of this name, reply or info; 0 for any other queue.
+// The id of the client process that uses a reply or info queue of this name; 0 for any other name.
 long client_of_queue(const char* name);
 
 /*
@@ -28,26 +27,28 @@ long client_of_queue(const char* name);
  */
 bool decode_request(zncMessage* message, std::size_t received);
 
-// What the process that embeds the daemon may want to hear of, on the daemon task. Null: nothing.
+// Callbacks for the process that embeds the daemon, called on the daemon task. May be null.
 struct ServiceListener {
-    void (*ready)() = nullptr; // requests are taken from now on
-    // One was served: its command, the container it names ("": none) and the error number.
+    void (*ready)() = nullptr; // the queue exists: requests are accepted from now on
+    // A request was served: its command, the container id ("" if none) and the error number.
     void (*served)(std::int32_t cmdId, const char* containerId, int error) = nullptr;
 };
-void set_service_listener(const ServiceListener& listener); // before the daemon task begins
+void set_service_listener(const ServiceListener& listener); // call before zncDaemonTask
 
 } // namespace znc
 
-// Serve one decoded request: handler, then reply. ERROR if there was no memory for a reply.
+// Serves one decoded request: calls the handler and sends the reply. ERROR only if there was no
+// memory for a reply.
 STATUS zncMessageProcess(zncMessage* msgHead);
 
-// Send `length` bytes in pieces of at most one message, each taken within a second.
+// Sends `length` bytes as one or more messages; each must be accepted within a second.
 STATUS zncMessageSend(MSG_Q_ID handle, const char* buffer, std::size_t length);
 
-// The state object of replies, or NULL when memory is short.
+// The state object of replies; NULL if there is no memory.
 cJSON* zncMsgBodyInitByState(CONTAINER_STATE* state);
 
-// Handlers: `root` is the parsed request, `array` the reply's body. 0 or an error number.
+// Command handlers: `root` is the parsed request, `array` the body of the reply. They return 0 or
+// an error number.
 int zncCreateContainer(cJSON* root);
 int zncStartContainer(cJSON* root, cJSON* array);
 int zncKillContainer(cJSON* root);
