@@ -20,7 +20,8 @@ struct Row {
     }
 };
 
-// Asking about a container that was running is what makes the daemon notice that it has ended.
+// The status in the list may be out of date: the daemon notices only when it is asked for the state
+// of a container that its program has ended.
 int status_now(const std::string& id, const cJSON* state)
 {
     const cJSON* item = member(state, "status");
@@ -68,7 +69,7 @@ int print_ids(const std::vector<Row>& rows)
     return text.empty() ? static_cast<int>(kExitOk) : print_result(text);
 }
 
-// The library's documents, with what the records know.
+// The library's state documents, extended with the members from zncctl's records.
 int print_as_json(std::vector<Row>& rows)
 {
     const Json list(cJSON_CreateArray());

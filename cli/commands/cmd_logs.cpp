@@ -9,7 +9,7 @@
 namespace zncctl {
 namespace {
 
-// The last lines of a text, of which the last one may have no end.
+// The last lines of a text. The last one may lack its newline.
 std::string_view last_lines(std::string_view text, std::size_t lines)
 {
     if (lines == 0)

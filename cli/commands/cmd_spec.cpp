@@ -1,4 +1,4 @@
-// A config.json to start from: of a shell, or of what an image says.
+// Prints a config.json to start from: one that runs a shell, or one based on an image.
 #include "cli/containers/container.hpp"
 #include "cli/images/image_bundle.hpp"
 #include "cli/images/image_settings.hpp"
@@ -37,7 +37,7 @@ void add_mounts(cJSON* mounts, const cJSON* volumes)
     }
 }
 
-// `image` is the image's "config", null without an image.
+// `image` is the "config" object of an image, or null.
 Json document(const cJSON* image)
 {
     Json root(cJSON_CreateObject());
@@ -61,7 +61,8 @@ Json document(const cJSON* image)
     return root;
 }
 
-// What an image must not decide is left out, as `run` leaves it out. Null after a message.
+// Leaves out the settings that an image must not choose, as `run` does. Null after printing a
+// message.
 Json document_of_configuration(const std::string& layout, const cJSON* configuration)
 try {
     const SettledConfiguration settled = settle_configuration(configuration, false, "");

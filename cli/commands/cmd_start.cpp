@@ -13,7 +13,7 @@ int start_detached(const std::string& id, std::size_t log_max)
         return kExitOk;
     if (error != S_zncLib_RTP_SPAWN_FAILED)
         return daemon_failure(error == -1 ? 0 : error, id);
-    static_cast<void>(start_failure(error, id)); // says which program it is
+    static_cast<void>(start_failure(error, id)); // the message names the program
     return kExitFailure;
 }
 

@@ -1,4 +1,4 @@
-// The processes of a container are those in the process namespace of its program.
+// Lists the processes in the PID namespace of a container's program.
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
 #include "front/record.hpp"
@@ -11,11 +11,11 @@ namespace zncctl {
 namespace {
 
 struct Process {
-    ZN_PROCESS_INFO info; // its command is the text below
+    ZN_PROCESS_INFO info; // info.command points to memory that is no longer valid; use `command`
     std::string command;
 };
 
-// But for the keeper, which is the first of its namespace.
+// All processes except process 1 of the namespace, which belongs to the container system.
 std::vector<Process> processes_in(const std::string& pid_namespace)
 {
     std::vector<Process> processes;

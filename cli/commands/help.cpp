@@ -1,4 +1,4 @@
-// The texts about all commands.
+// The texts that describe all commands.
 #include "commands.hpp"
 #include "front/usage.hpp"
 
