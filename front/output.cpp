@@ -144,7 +144,7 @@ int daemon_failure(int error, std::string_view object)
         print_hint("start it as root, with 'zncd &' or 'systemctl start zncd'");
     if (error == S_zncLib_OCI_CWD_INVALID)
         print_hint("process.cwd in the bundle's config.json must be an absolute path; "
-                   "'zncctl config check' tells what else is missing");
+                   "'zncctl config check' lists what else is missing");
     return daemon_status(error);
 }
 

@@ -72,7 +72,7 @@ std::string help_text(const Command& command)
 {
     std::string text = usage_line(command) + "\n" + command.help + "\n";
     if (command.aliases[0] != '\0')
-        text += fmt::format("\nother names: {}\n", command.aliases);
+        text += fmt::format("\naliases: {}\n", command.aliases);
     std::size_t width = 0;
     for (const Option& option : command.options)
         width = std::max(width, option_text(option, ", ").size());

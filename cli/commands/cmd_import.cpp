@@ -62,7 +62,7 @@ int cmd_import(const Arguments& args)
     const bool missing = errno == ENOENT;
     const int status = failure(program, error_text());
     if (missing)
-        print_hint("it is in a package of its own, zncontainer-import");
+        print_hint("it is part of the package zncontainer-import");
     return status;
 }
 

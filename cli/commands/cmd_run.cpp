@@ -92,10 +92,9 @@ int cmd_run(const Arguments& args)
 {
     std::size_t log_max = 0;
     if (args.has("bundle") ? args.operands() > 1 : args.operands() < 1)
-        return usage_failure("either --bundle or an image layout is needed");
+        return usage_failure("either --bundle or an image layout must be given");
     if (args.has("tty") && args.has("detach"))
-        return usage_failure(
-            "a terminal needs the foreground: --tty and --detach exclude each other");
+        return usage_failure("--tty cannot be combined with --detach");
     if (!log_limit(args, log_max))
         return kExitUsage;
     if (args.has("tty") && ::isatty(STDIN_FILENO) == 0)

@@ -23,9 +23,9 @@ int cmd_start(const Arguments& args)
 {
     std::size_t log_max = 0;
     if (args.has("attach") && args.has("detach"))
-        return usage_failure("--attach and --detach exclude each other");
+        return usage_failure("--attach cannot be combined with --detach");
     if (args.has("attach") && args.operands() > 1)
-        return usage_failure("only one container can be attached to");
+        return usage_failure("--attach takes a single container");
     if (!log_limit(args, log_max))
         return kExitUsage;
     if (args.has("attach")) {

@@ -49,7 +49,7 @@ int stop(const std::string& id, std::chrono::milliseconds time)
     if (status == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     if (status == STATE_RUNNING)
-        return failure(id, "it does not end, although it was killed", kExitNoDaemon);
+        return failure(id, "it is still running, although it was killed", kExitNoDaemon);
     return kExitOk;
 }
 
@@ -60,7 +60,7 @@ int cmd_stop(const Arguments& args)
     const char* text = args.value("time", "10");
     const auto seconds = to_number<unsigned>(text);
     if (!seconds || *seconds > 1000000)
-        return usage_failure(fmt::format("'{}' is no number of seconds", text));
+        return usage_failure(fmt::format("'{}' is not a valid number of seconds", text));
     return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
         return stop(id, std::chrono::seconds(*seconds));
     });

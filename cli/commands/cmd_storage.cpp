@@ -105,7 +105,7 @@ int cmd_storage_gc(const Arguments& args)
 {
     for (const std::string& bundle : args.all_operands())
         if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
-            return failure(bundle, "it is no bundle: it has no config.json that can be read");
+            return failure(bundle, "it is not a bundle: it has no readable config.json");
     const auto lock = BundlesInUse::try_exclusive(bundle_area());
     if (!lock)
         return failure("", kUnpacking);

@@ -56,7 +56,7 @@ int cmd_top(const Arguments& args)
     if (status == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     if (status != STATE_RUNNING)
-        return failure(id, "it does not run", kExitWrongState);
+        return failure(id, "it is not running", kExitWrongState);
     const auto record = read_record(id);
     if (!record || record->pid_namespace.empty())
         return failure(id, "it was not started by zncctl", kExitWrongState);

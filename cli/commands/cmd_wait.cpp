@@ -28,7 +28,7 @@ Outcome check_record(int dir, int& code)
 
 int report_lost(const std::string& id)
 {
-    return failure(id, "its exit code is not known: who started it did not wait for it");
+    return failure(id, "its exit code is unknown: the process that started it did not wait for it");
 }
 
 // Returns kExitOk with the exit code of the program in `code`, or another exit status after
@@ -50,7 +50,7 @@ int wait_for(const std::string& id, Clock::time_point deadline, int& code)
                 return report_lost(id);
         }
         if (Clock::now() >= deadline)
-            return failure(id, "it has not ended in time", kExitNoDaemon);
+            return failure(id, "timed out: it has not ended", kExitNoDaemon);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
@@ -63,7 +63,7 @@ int cmd_wait(const Arguments& args)
     if (const char* text = args.value("timeout")) {
         const auto seconds = to_number<unsigned>(text);
         if (!seconds || *seconds > 1000000)
-            return usage_failure(fmt::format("'{}' is no number of seconds", text));
+            return usage_failure(fmt::format("'{}' is not a valid number of seconds", text));
         deadline = Clock::now() + std::chrono::seconds(*seconds);
     }
     return for_each_id(args.all_operands(), true, [&](const std::string& id) {

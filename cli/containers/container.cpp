@@ -59,9 +59,9 @@ std::set<std::string> known_ids()
 Json states_of_known_ids()
 {
     print_warning(
-        "the list of containers is too long for one answer of the daemon; it is made of "
-        "what zncctl and the storage base know, and may lack containers that were created "
-        "by other programs");
+        "the list of containers is too long for one reply of the daemon; this one is made from "
+        "zncctl's records and the storage base, and may lack containers that other programs "
+        "created");
     Json states(cJSON_CreateArray());
     for (const std::string& id : known_ids())
         if (Json state = is_container_id(id) ? state_of(id) : nullptr)

@@ -18,7 +18,7 @@ int open_log_of(const std::string& id, znc::UniqueFd& dir)
     if (status_of(id) == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     return failure(id,
-                   record ? "it has no log: its output goes to who started it"
+                   record ? "it has no log: its output goes to the process that started it"
                           : "it has no log: it was not started by 'zncctl start' or 'run -d'",
                    kExitWrongState);
 }

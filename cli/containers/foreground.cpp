@@ -31,7 +31,7 @@ class Foreground {
             return start_failure(error, id_);
         if (!make_streams()) {
             restore_terminal();
-            return failure(id_, "its streams cannot be made", kExitStartFailed);
+            return failure(id_, "its standard streams cannot be created", kExitStartFailed);
         }
         const RecordKeeper record = RecordKeeper::begin(id_);
         if (const int error = program_.start(id_, streams_.of_program()); error != 0) {
@@ -164,7 +164,7 @@ void SignalRelay::forward(int signo)
 {
     forward_signal(id_, signo);
     if ((signo == SIGINT || signo == SIGTERM) && signo == last_)
-        print_hint(fmt::format("{} goes on; 'zncctl kill -s KILL {}' ends it by force", id_, id_));
+        print_hint(fmt::format("{} is still running; 'zncctl kill -s KILL {}' kills it", id_, id_));
     last_ = signo;
 }
 

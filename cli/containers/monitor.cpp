@@ -162,7 +162,7 @@ bool log_limit(const Arguments& args, std::size_t& limit)
         return true;
     const auto number = to_number<std::size_t>(text);
     if (!number || *number < kLogMaxMin) {
-        usage_failure(std::string("a log has at least 1024 bytes, not '") + text + "'");
+        usage_failure(std::string("--log-max must be at least 1024 bytes, not '") + text + "'");
         return false;
     }
     limit = *number;

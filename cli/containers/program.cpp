@@ -174,12 +174,12 @@ int spawn_failure(const std::string& id, const std::string& message)
     if (program.error == ENOENT || program.error == ENOTDIR)
         return fail_with("there is no such program in the container's root", kExitNoProgram);
     if (program.error != 0)
-        return fail_with("it cannot be looked at in the container's root", kExitCannotInvoke);
+        return fail_with("it cannot be examined in the container's root", kExitCannotInvoke);
     if (!S_ISREG(program.mode))
-        return fail_with("it is no file", kExitCannotInvoke);
+        return fail_with("it is not a regular file", kExitCannotInvoke);
     if ((program.mode & 0111) == 0)
         return fail_with("it is not executable", kExitCannotInvoke);
-    return fail_with("it cannot be executed; its interpreter or its format may be the reason",
+    return fail_with("it cannot be executed; its interpreter may be missing or its format unknown",
                      kExitCannotInvoke);
 }
 

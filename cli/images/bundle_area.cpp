@@ -43,7 +43,7 @@ std::string bundle_area()
 
 BundlesInUse::BundlesInUse(const std::string& area)
 {
-    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it"))
+    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it to finish"))
         fail(area + kInUse);
 }
 

@@ -25,8 +25,8 @@ constexpr const char* kDamaged = "A layer of the image is damaged or a path is t
 
 void hint_at_import(const Wanted& wanted, const std::string& reason)
 {
-    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' makes an image that can be "
-                           "unpacked whole; 'zncctl image check {}' says why",
+    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' converts it to an image that can "
+                           "be unpacked completely; 'zncctl image check {}' explains why",
                            reason, wanted.image.layout, wanted.image.tag, wanted.image.layout));
 }
 
@@ -43,10 +43,9 @@ void print_hints(int error, const Wanted& wanted)
         break;
     case EEXIST:
         print_hint(
-            "the overlay device of this image exists already: it is unpacked, and its bundle "
-            "can be used; 'zncctl storage gc' removes devices that nothing uses. Or another image "
-            "with the same diff IDs and other layers is unpacked: one of the two is not what it "
-            "says");
+            "the overlay device of this image exists already: the image is unpacked, and its "
+            "bundle can be used; 'zncctl storage gc' removes unused devices. Or another image with "
+            "the same diff IDs but other layers is unpacked: one of the two has wrong diff IDs");
         break;
     case 0:
     case EPERM:
@@ -163,8 +162,8 @@ class Unpacking {
         }
         if (status == OK && progress.left_out() != 0)
             hint_at_import(wanted_,
-                           fmt::format("{} members of the image were left out or are marks of "
-                                       "what it deletes",
+                           fmt::format("{} members of the image were left out, or are whiteouts "
+                                       "that were extracted as files",
                                        progress.left_out()));
         errno = error;
         return status;
@@ -196,7 +195,7 @@ std::string storage_base()
     constexpr std::string_view kLayers = "/layers";
     std::array<char, 1024> path{};
     if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error("the storage base cannot be made");
+        throw std::runtime_error("the storage base cannot be created");
     std::string base = path.data();
     base.resize(base.size() - kLayers.size());
     return base;
