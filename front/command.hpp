@@ -56,7 +56,7 @@ class Arguments {
     std::vector<std::string> operands_;
 };
 
-inline constexpr std::size_t kMany = SIZE_MAX; // any number of operands
+inline constexpr std::size_t kMany = SIZE_MAX; // no upper limit
 
 struct Command {
     const char* name;      // for example "image inspect"

@@ -62,7 +62,7 @@ class Program {
 };
 
 // Returns 0 if the container can be started, else an errno value, -1 if there is none. To be called
-// before its record is begun anew.
+// before a new record is begun, which deletes the old one.
 int startable(const std::string& id);
 
 // Returns the record of a program that was just started.

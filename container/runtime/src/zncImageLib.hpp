@@ -32,7 +32,7 @@ struct ZNC_IMAGE_CFG_ROOTFS {
 };
 
 struct ZNC_IMAGE_CONFIG {
-    cJSON* imageConfigJson; // owned; parsed from the very bytes whose digest was verified
+    cJSON* imageConfigJson; // owned; parsed from the same bytes whose digest was verified
     cJSON* user;            // reserved
     cJSON* architecture;
     cJSON* os;
@@ -62,7 +62,7 @@ struct ZNC_IMAGE_MANIFEST {
     cJSON* os;           // of the index entry's "platform", or null
     cJSON* annotations;  // of the index entry, or null
     char manifestFileName[znc::kPathMax];
-    cJSON* manifestJson; // owned; parsed from the very bytes whose digest was verified
+    cJSON* manifestJson; // owned; parsed from the same bytes whose digest was verified
     cJSON* schemaVersion;
     int manifestLayersCount;
     ZNC_IMAGE_MANIFEST_CONFIG manifestConfig;
@@ -94,7 +94,7 @@ enum zncRootfsType { RAW_ROOTFS = 0, FLATTENDED_ROOTFS = 1, LAYERED_ROOTFS = 2 }
 // ------------------------------------------------------------------ reader
 
 OCI_IMAGE* zncImageInfoCreate();
-void zncImageInfoDelete(OCI_IMAGE* image); // keeps the task error number
+void zncImageInfoDelete(OCI_IMAGE* image); // leaves errno unchanged
 STATUS zncImageParse(OCI_IMAGE* image);
 STATUS zncImageParseLayout(const char* imagePath);
 STATUS zncImageParseIndex(OCI_IMAGE* image);

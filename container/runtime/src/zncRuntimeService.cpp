@@ -260,8 +260,8 @@ int zncStartContainer(cJSON* root, cJSON* array)
     if (result != 0)
         return result;
     // Until the client has spawned the program, the namespace has no process, and the container
-    // would count as stopped. znnsExpect makes it count as in use meanwhile. If that fails, the
-    // container counts as stopped until the spawn.
+    // would count as stopped. znnsExpect makes the namespace count as in use until then; if it
+    // fails, the container counts as stopped for that time.
     znnsExpect(parm.nsId, static_cast<pid_t>(znc::client_of_queue(infoMsgQ)));
     cJSON_AddItemToArray(array, start_object(parm));
     return result;

@@ -17,13 +17,13 @@ bool is_client_queue_name(std::string_view name);
 long client_of_queue(const char* name);
 
 /*
- * Judge a message of which `received` bytes came in, and terminate its data in place. False: drop
- * it, without a reply or a progress text.
+ * Validates a message of `received` bytes and terminates its data in place. False: drop the
+ * message, without a reply or a progress text.
  *
- * Nothing in a message can be believed. It is dropped when it is shorter than its header, says that
- * it has more data than came with it or than a request can have, or names a reply queue that no
- * client makes: the daemon writes to the queue named there, and to the info queue beside it, and
- * must not be made to write to its own or to another program's.
+ * Messages are untrusted. A message is dropped if it is shorter than its header, if it announces
+ * more data than was received or than a request may have, or if its reply queue does not have the
+ * form of a client's: the daemon writes to that queue and to the corresponding info queue, and must
+ * not be made to write to its own queue or to one of another program.
  */
 bool decode_request(zncMessage* message, std::size_t received);
 

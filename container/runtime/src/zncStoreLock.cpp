@@ -114,7 +114,7 @@ STATUS StoreLock::take(std::string_view base)
         return ERROR;
     if (!exclusive_)
         return OK;
-    // Leftovers can be told apart only while no other process has the lock. They are deleted after
+    // Leftovers can be recognised only while no other process has the lock. They are deleted after
     // the lock is shared again.
     TextList leftovers;
     const bool found = find_leftovers(base, &leftovers) == OK;

@@ -80,8 +80,8 @@ bool bundle_exists(const char* bundlePath);
 using BundleFunc = STATUS (*)(void* context, const char* file, const TextList& record);
 STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 
-// Records that the tree `chain` is made of `layers`, unless a record says so already. EEXIST:
-// the existing record lists other layers. `*isNew` is set to whether there was no record.
+// Records that the tree `chain` is made of `layers`. If a record exists already and lists the same
+// layers, OK; if it lists others, EEXIST. `*isNew` is set to whether there was no record.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
 
 } // namespace znc

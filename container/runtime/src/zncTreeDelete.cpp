@@ -206,7 +206,8 @@ bool empty_top(const char* dir, znc::UniqueFd top)
 
 STATUS znc::delete_foreign_tree(const char* dir)
 {
-    // The last step has a path buffer: what does not fit must not lose its content before.
+    // zncUtilXdelete, called last, copies the path into a buffer. Reject a path that is too long
+    // for that before anything is removed.
     if (dir != nullptr && strnlen(dir, kPathMax) == kPathMax) {
         errno = ENAMETOOLONG;
         return ERROR;
@@ -215,5 +216,5 @@ STATUS znc::delete_foreign_tree(const char* dir)
     if (top ? !empty_top(dir, std::move(top))
             : dir != nullptr && errno != ENOENT && errno != ENOTDIR)
         return ERROR;
-    return zncUtilXdelete(dir); // an empty directory, a file or nothing: this ends
+    return zncUtilXdelete(dir); // the directory is empty now, so this terminates
 }
