@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <sys/file.h>
 
 #include "base/owned.hpp"
 #include "zarnel/msgq.h"
@@ -66,10 +65,8 @@ void remove_stale_containers()
 
 bool served_elsewhere()
 {
-    // A queue's maker keeps it locked. The lock file does not tell: it may have been wiped away
-    // from under a daemon that lives.
-    const znc::UniqueFd queue(znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING));
-    return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    // The lock file does not tell: it may have been wiped away from under a daemon that lives.
+    return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
 }
 
 void recover()

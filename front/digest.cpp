@@ -58,24 +58,11 @@ std::string size_problem(int blob, const std::string& digest, double size)
     struct stat st = {};
     if (::fstat(blob, &st) != 0)
         return fmt::format("blob {}: {}", digest, error_text());
-    if (size < 0 || static_cast<double>(st.st_size) == size)
+    if (size < 0)
+        return fmt::format("the size of blob {} is not said", digest);
+    if (static_cast<double>(st.st_size) == size)
         return "";
     return fmt::format("blob {} has {} bytes, not {:.0f}", digest, st.st_size, size);
-}
-
-std::string blob_problem(const std::string& path, const std::string& digest)
-{
-    if (!is_digest(digest))
-        return fmt::format("\"{}\" is not a digest", digest);
-    const znc::UniqueFd file = open_regular(path);
-    if (!file)
-        return fmt::format("blob {}: {}", digest, read_error_text());
-    Digest sum(digest.substr(0, digest.find(':')));
-    std::array<char, 65536> buffer{};
-    ssize_t n = 0;
-    while ((n = ::read(file.get(), buffer.data(), buffer.size())) > 0)
-        sum.add(buffer.data(), static_cast<std::size_t>(n));
-    return sum.text() == digest ? "" : fmt::format("blob {} has another content", digest);
 }
 
 } // namespace zncctl

@@ -74,13 +74,14 @@ bool write_all(int fd, std::string_view bytes)
     return true;
 }
 
-bool replace_file(int dir, const char* name, std::string_view content)
+bool replace_file(int dir, const char* name, std::string_view content, bool lasting)
 {
     const std::string fresh = std::string(name) + ".new";
     znc::UniqueFd file(
         ::openat(dir, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return file && write_all(file.get(), content) && file.close_checked() == 0 &&
-           ::renameat(dir, fresh.c_str(), dir, name) == 0;
+    return file && write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
+           file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0 &&
+           (!lasting || ::fsync(dir) == 0);
 }
 
 } // namespace zncctl

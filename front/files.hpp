@@ -32,8 +32,8 @@ std::string error_text();
 // Writes everything to a descriptor; false with errno set.
 bool write_all(int fd, std::string_view bytes);
 
-// Gives the file this content in one step; false with errno set.
-bool replace_file(int dir, const char* name, std::string_view content);
+// Gives the file this content in one step, with `lasting` on the medium; false with errno set.
+bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);
 
 } // namespace zncctl
 

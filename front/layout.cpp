@@ -7,8 +7,12 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <set>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include "zncontainer.h"
 
 namespace zncctl {
 namespace {
@@ -55,13 +59,18 @@ class LayoutReader {
             problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
             return nullptr;
         }
-        const auto text = read_file(blob_path(layout_, descriptor.digest));
         const std::string& digest = descriptor.digest;
+        const znc::UniqueFd file = open_regular(blob_path(layout_, digest));
+        if (file) {
+            const std::string size = size_problem(file.get(), digest, descriptor.size);
+            if (!size.empty()) {
+                problem = size;
+                return nullptr;
+            }
+        }
+        const auto text = file ? read_file(descriptor_path(file.get())) : std::nullopt;
         if (!text)
             problem = fmt::format("blob {}: {}", digest, read_error_text());
-        else if (static_cast<double>(text->size()) != descriptor.size)
-            problem = fmt::format("blob {} has {} bytes, not {:.0f}", digest, text->size(),
-                                  descriptor.size);
         else if (digest_of(digest.substr(0, digest.find(':')), *text) != digest)
             problem = fmt::format("blob {} has another content", digest);
         else
@@ -183,6 +192,16 @@ ImageName split_image_name(const std::string& text)
     return {text.substr(0, colon), text.substr(colon + 1)};
 }
 
+int layout_error(const std::string& path)
+{
+    const std::string file = path + "/oci-layout";
+    if (::access(file.c_str(), F_OK) != 0)
+        return S_zncLib_LAYOUT_NOT_FOUND;
+    const Json document = parse_json(read_file(file).value_or(""));
+    const std::string version = text_of_any_case(document.get(), "imageLayoutVersion");
+    return version == "1.0.0" ? 0 : S_zncLib_LAYOUT_INVALID;
+}
+
 std::string blob_path(const std::string& layout, const std::string& digest)
 {
     if (!is_digest(digest))
@@ -200,6 +219,28 @@ try {
     if (refused != nullptr)
         *refused = true;
     return std::nullopt;
+}
+
+std::string size_problem(const std::string& layout, const std::vector<Image>& images)
+{
+    std::set<std::pair<std::string_view, double>> seen; // images share blobs
+    const auto problem_of = [&](const Descriptor& blob) -> std::string {
+        if (!is_digest(blob.digest) || !seen.emplace(blob.digest, blob.size).second)
+            return "";
+        const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
+        return file ? size_problem(file.get(), blob.digest, blob.size) : "";
+    };
+    for (const Image& image : images) {
+        std::string problem = problem_of(image.manifest);
+        if (problem.empty())
+            problem = problem_of(image.config);
+        for (auto layer = image.layers.begin(); problem.empty() && layer != image.layers.end();
+             ++layer)
+            problem = problem_of(*layer);
+        if (!problem.empty())
+            return problem;
+    }
+    return "";
 }
 
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,

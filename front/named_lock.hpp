@@ -3,6 +3,7 @@
 #ifndef ZNC_FRONT_NAMED_LOCK_HPP
 #define ZNC_FRONT_NAMED_LOCK_HPP
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -17,10 +18,14 @@ class NamedLock {
     NamedLock& operator=(const NamedLock&) = delete;
     ~NamedLock() { release(); }
 
+    static constexpr std::chrono::seconds kForever = std::chrono::seconds::max();
+
     // Waits for the exclusive lock, printing the hint `waiting` once after a second. False with
-    // errno set if the file cannot be created or locked.
-    bool take(const std::string& path, std::string_view waiting);
-    // The same for a shared lock.
+    // errno set if the file cannot be created or locked; ETIMEDOUT if the lock was not free within
+    // `most`.
+    bool take(const std::string& path, std::string_view waiting,
+              std::chrono::seconds most = kForever);
+    // The same for a shared lock, without a time limit.
     bool share(const std::string& path, std::string_view waiting);
     // Takes the exclusive lock without waiting; false with EWOULDBLOCK if it is held.
     bool try_take(const std::string& path);
@@ -30,7 +35,8 @@ class NamedLock {
     void release();
 
   private:
-    bool hold(const std::string& path, int kind, const std::string_view* waiting);
+    bool hold(const std::string& path, int kind, const std::string_view* waiting,
+              std::chrono::seconds most);
 
     std::string path_;
     znc::UniqueFd file_;

@@ -25,7 +25,6 @@ struct Verdict {
     const Image* image;
     std::vector<Report> reports;
     std::vector<std::string> asked; // beyond running a program
-    bool wrong_size = false;        // of a layer
 
     [[nodiscard]] bool refused() const
     {
@@ -43,20 +42,19 @@ void refuse(Verdict& verdict, std::string what)
     verdict.reports.push_back({0, {true, std::move(what), 1, ""}});
 }
 
-// False when there is no use in reading it as an archive.
-bool check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
-                Verdict& verdict)
+void check_blob(const std::string& layout, const Descriptor& blob, const std::string& diff_id,
+                std::size_t layer, Verdict& verdict)
 {
-    const std::string path = blob_path(layout, blob.digest);
-    const znc::UniqueFd file = open_regular(path);
-    std::string problem = file ? size_problem(file.get(), blob.digest, blob.size) : "";
-    verdict.wrong_size = verdict.wrong_size || !problem.empty();
-    if (problem.empty())
-        problem = blob_problem(path, blob.digest);
-    if (problem.empty())
-        return true;
-    verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
-    return false;
+    const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
+    const std::string problem = file ? size_problem(file.get(), blob.digest, blob.size)
+                                     : fmt::format("blob {}: {}", blob.digest, read_error_text());
+    if (!problem.empty()) {
+        verdict.reports.push_back({layer, {true, problem, 1, ""}});
+        return;
+    }
+    // By the descriptor, and not by the name, which something else may have by now.
+    for (Finding& finding : check_layer(descriptor_path(file.get()), blob.digest, diff_id))
+        verdict.reports.push_back({layer, std::move(finding)});
 }
 
 void look_at_settings(const Image& image, Verdict& verdict)
@@ -68,7 +66,7 @@ try {
 
 Verdict check(const std::string& layout, const Image& image)
 {
-    Verdict verdict = {&image, {}, {}, false};
+    Verdict verdict = {&image, {}, {}};
     if (!image.problem.empty())
         refuse(verdict, image.problem);
     if (image.config_document != nullptr)
@@ -85,12 +83,9 @@ Verdict check(const std::string& layout, const Image& image)
         const Descriptor& layer = image.layers[i];
         const char* text = cJSON_GetStringValue(id);
         const std::string diff_id = text != nullptr ? text : "";
-        if (!is_digest(layer.digest) || // said above
-            !seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second ||
-            !check_blob(layout, layer, i + 1, verdict))
-            continue;
-        for (Finding& finding : check_layer(blob_path(layout, layer.digest), diff_id))
-            verdict.reports.push_back({i + 1, std::move(finding)});
+        if (is_digest(layer.digest) && // else said above
+            seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second)
+            check_blob(layout, layer, diff_id, i + 1, verdict);
     }
     return verdict;
 }
@@ -164,10 +159,8 @@ int cmd_image_check(const Arguments& args)
         if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
             status != kExitOk)
             return status;
-    // One bad manifest keeps the library from all of them. It reads a layer of another size to its
-    // end before it says so.
-    if (std::any_of(verdicts.begin(), verdicts.end(),
-                    [](const Verdict& verdict) { return verdict.wrong_size; }))
+    // One bad manifest keeps the library from all of them.
+    if (!size_problem(layout, *images).empty())
         return local_failure(S_zncLib_MANIFEST_INVALID, layout);
     const znc::MallocPtr<char> document(
         call_library([&] { return zncImageInfoGet(layout.c_str()); }));

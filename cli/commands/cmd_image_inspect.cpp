@@ -9,8 +9,10 @@ int zncctl::cmd_image_inspect(const Arguments& args)
     const char* layout = args.operand(0);
     std::string problem;
     bool refused = false;
-    static_cast<void>(read_layout(layout, problem, &refused));
-    if (refused)
+    const auto images = read_layout(layout, problem, &refused);
+    if (images)
+        problem = size_problem(layout, *images);
+    if (refused || (images && !problem.empty()))
         return failure(layout, problem);
     const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout); }));
     if (text == nullptr)

@@ -65,7 +65,7 @@ Json document(const cJSON* image)
 // message.
 Json document_of_configuration(const std::string& layout, const cJSON* configuration)
 try {
-    const SettledConfiguration settled = settle_configuration(configuration, false, "");
+    const SettledConfiguration settled = settle_configuration(configuration, false);
     for (const std::string& note : settled.notes)
         print_warning(fmt::format("{}: {}", layout, note));
     return document(member(settled.document.get(), "config"));

@@ -9,6 +9,7 @@
 #include "image_settings.hpp"
 #include "private_layout.hpp"
 #include "sticky.hpp"
+#include "zarnel/path_trust.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -93,6 +94,10 @@ int no_such_image(const Wanted& wanted)
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
     const std::string& layout = wanted.image.layout;
+    if (const int error = layout_error(layout); error != 0) {
+        static_cast<void>(local_failure(error, layout));
+        return std::nullopt;
+    }
     std::string problem;
     bool refused = false;
     auto images = read_layout(layout, problem, &refused);
@@ -102,13 +107,16 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
     if (image == nullptr || !image->problem.empty()) {
-        static_cast<void>(image == nullptr ? no_such_image(wanted)
-                                           : refuse_layout(wanted, image->problem, false));
+        // The library would read a file of another size to its end.
+        const std::string size = size_problem(layout, *images);
+        static_cast<void>(!size.empty()      ? failure(layout, size)
+                          : image == nullptr ? no_such_image(wanted)
+                                             : refuse_layout(wanted, image->problem, false));
         return std::nullopt;
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"), "");
+            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -132,13 +140,9 @@ void print_notes(const Wanted& wanted, const Chosen& chosen)
 // layers come from the original one; it verifies their digests.
 class Unpacking {
   public:
-    Unpacking(const Arguments& args, const Wanted& wanted, const Chosen& chosen)
+    Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
-          sticky_(sticky_directories(layers_.paths())),
-          layout_(bundle_area(), chosen.image, layers_,
-                  settle_configuration(chosen.image.config_document.get(),
-                                       args.has("allow-image-mounts"), sticky_)
-                      .document.get())
+          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document.get())
     {
     }
 
@@ -146,17 +150,16 @@ class Unpacking {
     STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
     {
         const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
+        StickyDirectories sticky;
         zncUnpackProgressSet(progress.listener(), progress.context());
         STATUS status = call_library([&] {
-            return zncUnpack(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr);
+            return zncUnpackDirs(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr,
+                                 &StickyDirectories::heard, &sticky);
         });
         int error = errno;
         zncUnpackProgressSet(nullptr, nullptr);
         progress.end();
-        // Without overlayfs the root is inside the bundle and not used by a container yet: the
-        // sticky bits can be set at once.
-        if (status == OK && zncOvlFsAvailable() == FALSE &&
-            !set_sticky(bundle + "/rootfs", sticky_)) {
+        if (status == OK && !keep_sticky(bundle, sticky.text())) {
             status = ERROR;
             error = errno;
         }
@@ -178,15 +181,40 @@ class Unpacking {
         const int error = errno;
         const int status = local_failure(error, wanted_.image.layout, kDamaged);
         print_hints(error, wanted_);
+        if (error == EINVAL && option == 0)
+            print_hint(fmt::format("the kernel cannot stack so many layers ({}); 'zncctl unpack "
+                                   "--flatten' extracts them into one directory tree",
+                                   layers_.paths().size()));
         return status;
     }
 
   private:
+    // A root of the bundle's own is no container's yet.
+    static bool keep_sticky(const std::string& bundle, const std::string& directories)
+    {
+        return annotate_sticky(bundle, directories) &&
+               (zncOvlFsAvailable() != FALSE || set_sticky(bundle + "/rootfs", directories));
+    }
+
     const Wanted& wanted_;
     LayerFiles layers_;
-    std::string sticky_;
     PrivateLayout layout_;
 };
+
+} // namespace
+
+namespace {
+
+// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+std::string base_problem(const char* path)
+{
+    const int error = errno;
+    znPathTrust trust = {};
+    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
+        return fmt::format("the storage base is refused: {}", trust.fault);
+    errno = error;
+    return fmt::format("the storage base cannot be created: {}: {}", path, error_text());
+}
 
 } // namespace
 
@@ -195,7 +223,7 @@ std::string storage_base()
     constexpr std::string_view kLayers = "/layers";
     std::array<char, 1024> path{};
     if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error("the storage base cannot be created");
+        throw std::runtime_error(base_problem(path.data()));
     std::string base = path.data();
     base.resize(base.size() - kLayers.size());
     return base;
@@ -217,7 +245,7 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
         return kExitFailure;
     print_notes(wanted, *chosen);
     try {
-        return Unpacking(args, wanted, *chosen).unpack_or_report(bundle, option, progress);
+        return Unpacking(wanted, *chosen).unpack_or_report(bundle, option, progress);
     } catch (const std::runtime_error& error) {
         return failure(wanted.image.layout, error.what());
     }
@@ -254,9 +282,10 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     Progress progress(args.value("progress", "auto"));
     bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
     if (!done) {
-        // The overlay device of the image may exist already, for a bundle in another place. A
-        // flattened tree needs no such device.
-        const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
+        // The overlay device of the image may exist already, for a bundle in another place, or the
+        // image may have more layers than the kernel can stack. A flattened tree needs no device.
+        const unsigned option =
+            shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_report(bundle, option, progress) == kExitOk;
     }
     if (!done || mark_complete(bundle))
@@ -293,7 +322,7 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
             return bundle;
         // Open all files of the image's layout before taking the lock, so that other processes need
         // not wait for that.
-        const Unpacking unpacking(args, wanted, *chosen);
+        const Unpacking unpacking(wanted, *chosen);
         const BundleLock lock(area, name);
         if ((shared && is_complete(bundle)) ||
             unpack_bundle(args, wanted, unpacking, bundle, shared))

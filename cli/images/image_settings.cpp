@@ -105,7 +105,7 @@ class ConfigurationFilter {
     {
     }
 
-    Json section(const cJSON* configuration, const std::string& sticky)
+    Json section(const cJSON* configuration)
     {
         Json made(cJSON_CreateObject());
         cJSON* const to = made.get();
@@ -117,7 +117,7 @@ class ConfigurationFilter {
         add_text(to, "WorkingDir", cwd.empty() ? "/" : cwd);
         copy_text(to, from_, "User");
         volumes(put_object(to, "Volumes"));
-        labels(put_object(to, "Labels"), configuration, sticky);
+        labels(put_object(to, "Labels"), configuration);
         return made;
     }
     std::vector<std::string> notes() { return std::move(notes_); }
@@ -151,7 +151,7 @@ class ConfigurationFilter {
     // The library turns labels into annotations and adds annotations for other members of the
     // configuration. Here these are added as labels, and a label that has the name of such an
     // annotation takes precedence.
-    void labels(cJSON* to, const cJSON* configuration, const std::string& sticky)
+    void labels(cJSON* to, const cJSON* configuration)
     {
         std::set<std::string> settings;
         const cJSON* label = nullptr;
@@ -164,8 +164,6 @@ class ConfigurationFilter {
                      !std::string_view(label->string).starts_with(kRtpPrefix))
                 put(to, label->string, cJSON_Duplicate(label, 1));
         }
-        if (!sticky.empty())
-            add_text(to, kStickyAnnotation, sticky);
         add_annotation(to, "author", text_member(configuration, "author"));
         add_annotation(to, "created", text_member(configuration, "created"));
         add_annotation(to, "stopSignal", text_member(from_, "StopSignal"));
@@ -212,8 +210,7 @@ class ConfigurationFilter {
 
 } // namespace
 
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky)
+SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts)
 {
     if (!cJSON_IsObject(configuration))
         throw BadConfiguration("the configuration is not an object");
@@ -225,7 +222,7 @@ SettledConfiguration settle_configuration(const cJSON* configuration, bool allow
     if (section == nullptr)
         return settled; // the library rejects a configuration without "config"
     ConfigurationFilter filter(section, allow_mounts);
-    put(to, "config", filter.section(configuration, sticky).release());
+    put(to, "config", filter.section(configuration).release());
     settled.notes = filter.notes();
     return settled;
 }
@@ -235,7 +232,7 @@ std::vector<std::string> asked_for(const cJSON* configuration)
     std::vector<std::string> asked;
     const cJSON* section = object_member(configuration, "config");
     // Throws the same errors as an unpack would.
-    static_cast<void>(settle_configuration(configuration, true, ""));
+    static_cast<void>(settle_configuration(configuration, true));
     const cJSON* item = nullptr;
     cJSON_ArrayForEach(item, object_member(section, "Volumes"))
     {

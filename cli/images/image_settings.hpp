@@ -31,12 +31,11 @@ struct SettledConfiguration {
 
 // Makes the configuration that is passed to the library. Of the mounts it keeps volumes and tmpfs
 // and, with `allow_mounts`, host directories, but never "dev", "suid", "rbind" or mount
-// propagation. A priority more urgent than normal becomes normal. `sticky` lists the directories
-// whose sticky bit would be lost; see sticky.hpp. Throws BadConfiguration.
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky);
+// propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
+SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts);
 
-// The annotation in config.json that lists those directories.
+// The annotation in config.json that lists the directories whose sticky bit is lost when the image
+// is extracted; see sticky.hpp. Labels of this name in an image are ignored.
 inline constexpr const char* kStickyAnnotation = "zncontainer.sticky-directories";
 
 } // namespace zncctl

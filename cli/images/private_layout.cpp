@@ -2,6 +2,7 @@
 
 #include "front/digest.hpp"
 #include "front/files.hpp"
+#include "front/named_lock.hpp"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -20,11 +21,25 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = ".layout-";
+constexpr const char* kMakingLock = "/.making-layout";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void fail(const std::string& object)
 {
     throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
+}
+
+// Layouts are made in moments: who takes longer is stopped or stuck.
+void take_turn(NamedLock& lock, const std::string& path)
+{
+    constexpr std::chrono::seconds kMost{10};
+    if (lock.take(path, "another process prepares an image; waiting for it", kMost))
+        return;
+    if (errno == ETIMEDOUT)
+        throw std::runtime_error(
+            fmt::format("{}: another process that prepares an image has had it for {} seconds",
+                        path, kMost.count()));
+    fail(path);
 }
 
 std::string blob_name(const std::string& digest)
@@ -93,11 +108,9 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
                              const cJSON* configuration)
 {
-    // A process makes one at a time, and holds the lock of this one before anybody may sweep.
-    const znc::UniqueFd all(::open(area.c_str(), kDirFlags));
-    while (!all || ::flock(all.get(), LOCK_EX) != 0)
-        if (!all || errno != EINTR)
-            fail(area);
+    // Until the new layout is locked itself, nobody else may sweep.
+    NamedLock making;
+    take_turn(making, area + kMakingLock);
     sweep(area);
     std::string name = fmt::format("{}/{}XXXXXX", area, kPrefix);
     if (::mkdtemp(name.data()) == nullptr)

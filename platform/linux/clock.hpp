@@ -32,6 +32,13 @@ inline struct timespec to_timespec(std::int64_t ns) noexcept
     return ts;
 }
 
+// What is left until a point in time; 0 when it has passed.
+inline int milliseconds_until(std::int64_t deadline) noexcept
+{
+    const std::int64_t left = (deadline - now_ns()) / 1000000;
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
 } // namespace zn
 
 #endif

@@ -1,6 +1,7 @@
 #include "msgq_owner.hpp"
 
 #include "base/owned.hpp"
+#include "clock.hpp"
 #include "zarnel/msgq.h"
 
 #include <cstdio>
@@ -17,6 +18,8 @@ using znc::UniqueFd;
 
 constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
 constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+constexpr int kLooks = 10;
+constexpr std::int64_t kLookPauseNs = 1000000;
 
 // Another handle of the same queue. A lock that is tried on the handle itself would replace the
 // maker's own lock where the caller is the maker.
@@ -83,6 +86,24 @@ bool queue_remove_foreign(const char* name) noexcept
 }
 
 } // namespace zn
+
+// A maker's lock is shared and stays. Whoever looks for a maker (queue_is_abandoned) has the lock
+// exclusively for a moment, in which it is no sign of a maker but proves that there is none.
+BOOL znMsgQInUse(const char* name)
+{
+    const znc::ErrnoSaver keep;
+    const znc::UniqueFd queue(znMsgQOpen(name, 0, 0, ZN_MSG_Q_FIFO, ZN_MSG_Q_OPEN_EXISTING));
+    if (!queue)
+        return FALSE;
+    for (int n = 0; n < zn::kLooks; ++n) {
+        if (zn::lock(queue.get(), LOCK_EX | LOCK_NB) || !zn::lock(queue.get(), LOCK_SH | LOCK_NB))
+            return FALSE;
+        zn::lock(queue.get(), LOCK_UN);
+        const timespec pause = zn::to_timespec(zn::kLookPauseNs);
+        ::nanosleep(&pause, nullptr);
+    }
+    return TRUE;
+}
 
 STATUS znMsgQDiscard(const char* name)
 {

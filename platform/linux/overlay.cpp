@@ -1,6 +1,6 @@
 // Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
-// written down in a file in the bare directory, below the mount: it is out of sight while the
-// device exists and there when a reboot has taken the mount away.
+// written down (overlay_stack), so that it can be attached again when a reboot has taken the mount
+// away.
 
 #include "zarnel/overlay.h"
 
@@ -8,6 +8,7 @@
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
 #include "overlay_mount.hpp"
+#include "overlay_stack.hpp"
 
 #include <climits>
 #include <cstdio>
@@ -25,11 +26,8 @@
 namespace zn {
 namespace {
 
-using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
-constexpr std::size_t kStackMax = 1024 * 1024;
 constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
 constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // where it can be done later
 
@@ -109,7 +107,7 @@ void remove_node(int devices, const char* name)
     const znc::ErrnoSaver keep;
     const UniqueFd node(::openat(devices, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (node)
-        ::unlinkat(node.get(), kStackFile, 0);
+        stack_remove(node.get());
     ::unlinkat(devices, name, AT_REMOVEDIR);
 }
 
@@ -123,48 +121,9 @@ int detach(int devices, const char* name)
     return 0;
 }
 
-bool write_all(int file, const char* text, std::size_t len)
-{
-    const ssize_t n = ::write(file, text, len);
-    if (n >= 0 && n != static_cast<ssize_t>(len))
-        errno = ENOSPC;
-    return n == static_cast<ssize_t>(len);
-}
-
-bool write_stack(int node, const char* const* dirs, uint32_t count)
-{
-    const UniqueFd file(
-        ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    bool written = static_cast<bool>(file);
-    for (uint32_t i = 0; written && i < count; i++)
-        written = write_all(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
-    // Without its end a record was cut off by a crash and shows too few layers.
-    return written && write_all(file.get(), "", 1);
-}
-
 UniqueFd open_node(int devices, const char* name)
 {
     return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-// The record's text; null with errno set, ENOENT when there is none or it has no end.
-MallocPtr<char[]> read_stack(int node, std::size_t& len)
-{
-    const UniqueFd file(::openat(node, kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat st;
-    if (!file || ::fstat(file.get(), &st) != 0)
-        return nullptr;
-    len = static_cast<std::size_t>(st.st_size);
-    auto text = znc::malloc_array<char>(len <= kStackMax ? len : 0);
-    if (!text)
-        return nullptr;
-    const bool whole = len >= 3 && len <= kStackMax &&
-                       ::read(file.get(), text.get(), len) == st.st_size && text[len - 1] == '\0' &&
-                       text[len - 2] == '\0';
-    if (whole)
-        return text;
-    errno = ENOENT;
-    return nullptr;
 }
 
 int create_on(int devices, const char* name, const char* const* dirs, uint32_t count, bool hasUpper)
@@ -172,7 +131,7 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     if (::mkdirat(devices, name, 0755) != 0 && errno != EEXIST)
         return -1;
     const UniqueFd node = open_node(devices, name);
-    const bool attached = node && (hasUpper || write_stack(node.get(), dirs, count)) &&
+    const bool attached = node && (hasUpper || stack_write(node.get(), dirs, count)) &&
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
@@ -200,19 +159,18 @@ bool all_there(const char* const* dirs, uint32_t count)
 int restore_stack(int devices, const char* name)
 {
     const UniqueFd node = open_node(devices, name);
-    std::size_t len = 0;
-    const auto text = node ? read_stack(node.get(), len) : nullptr;
-    if (!text && errno != ENOENT)
+    const StackText stack = node ? stack_read(node.get()) : StackText();
+    if (!stack.text && errno != ENOENT)
         return -1;
     uint32_t count = 0;
-    for (std::size_t i = 0; text && i + 1 < len; i++)
-        count += text[i] == '\0' ? 1 : 0;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        count++;
     const auto dirs = znc::malloc_array<const char*>(count);
     if (!dirs)
         return -1;
-    const char* at = text.get();
-    for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1)
-        dirs[i] = at;
+    uint32_t filled = 0;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        dirs[filled++] = dir;
     if (count > 0 && all_there(dirs.get(), count))
         return overlay_mount(node.get(), dirs.get(), count, false);
     remove_node(devices, name);
@@ -323,6 +281,36 @@ STATUS znOvlDevRemove(const char* devName)
         return ERROR;
     }
     return detach(devices.get(), name) == 0 ? OK : ERROR;
+}
+
+uint32_t znOvlDirsMax(void)
+{
+    return 500; // OVL_MAX_STACK of the kernel, which tells it nowhere
+}
+
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const Devices devices;
+    if (!devices)
+        return ERROR;
+    if (look(devices.get(), name) != Node::kReadOnly) {
+        errno = ENOENT;
+        return ERROR;
+    }
+    const UniqueFd node = stack_node(devices.get(), name);
+    const StackText stack = node ? stack_read(node.get()) : StackText();
+    if (!stack.text)
+        return ERROR;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        if (visit(context, dir) == FALSE)
+            break;
+    return OK;
 }
 
 BOOL znOvlInit(void)

@@ -248,6 +248,20 @@ typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
  */
 void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 
+/* A directory "/a/b" that a layer names, with the mode that it has there, up to 07777. */
+typedef void (*ZNC_DIRECTORY_FUNC)(const char* path, uint32_t mode, void* context);
+
+/*
+ * As zncUnpack, and says which directories the layers name: extracting sets the bits up to 0777
+ * only, and a caller may want to set others where that is safe. When the bundle is complete `func`
+ * (NULL: as zncUnpack) is called by the calling task, for the bottom layer first and in the order
+ * of each archive. What it is told was read in the same pass as what was compared with the layer's
+ * digest, also of a layer that is kept already.
+ */
+STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
+                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
+                     void* context);
+
 /* What zncUnpack does once its arguments are checked; the same arguments and results. */
 STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                       unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
@@ -332,6 +346,59 @@ STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
  * damaged archive. `verbose` is accepted and prints nothing.
  */
 STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose);
+
+/* What zncLayerCheck finds. */
+typedef enum zncLayerFinding {
+    /* left out or changed; the rest is extracted */
+    ZNC_LAYER_MODE = 0,            /* set-id or sticky bits are not set */
+    ZNC_LAYER_OWNER = 1,           /* its owner is not root, and is not set */
+    ZNC_LAYER_WHITEOUT = 2,        /* a mark that deletes something below stays a file */
+    ZNC_LAYER_NOT_MADE = 3,        /* of a type that is not made */
+    ZNC_LAYER_NO_FILE = 4,         /* a file where a directory is: left out */
+    ZNC_LAYER_DATA_AS_MEMBERS = 5, /* not made, and its data is read as members */
+    ZNC_LAYER_SIZE_FORM = 6,       /* its size is not in octal digits: taken for 0, and its data
+                                      is read as members */
+    ZNC_LAYER_LENGTH = 7,          /* of the archive: no multiple of 512 bytes; ERROR unless the
+                                      end mark has been read before */
+    /* extracting ends here with ERROR */
+    ZNC_LAYER_COMPRESSION = 16, /* of the archive, whose `member` is the format: not gzip */
+    ZNC_LAYER_CHECKSUM = 17,    /* the header is damaged */
+    ZNC_LAYER_TOO_LARGE = 18,   /* 4 GiB or more */
+    ZNC_LAYER_NAME = 19,        /* ".." in the name */
+    ZNC_LAYER_NO_PARENT = 20,   /* no directory for it */
+    ZNC_LAYER_PARENT = 21,      /* a link or a file where its directory should be */
+    ZNC_LAYER_LINK_EXISTS = 22, /* a symbolic link where something is already */
+    ZNC_LAYER_LINK_EMPTY = 23,  /* a symbolic link without a target */
+    ZNC_LAYER_CUT = 24,         /* the archive ends within it */
+    ZNC_LAYER_NO_END = 25,      /* of the archive: there is no end mark */
+    /* of the archive */
+    ZNC_LAYER_DIGEST = 32, /* not what `digest` names: nothing else that was said of it counts */
+    ZNC_LAYER_DIFF_ID = 33 /* not what `diffId` names, once decompressed */
+} ZNC_LAYER_FINDING;
+
+typedef struct zncLayerReport {
+    ZNC_LAYER_FINDING finding;
+    const char* member; /* its name in the archive; "" for the archive itself */
+    char type;          /* its type in the archive */
+    BOOL directory;     /* it is made a directory, whatever its type */
+    uint32_t mode;      /* its mode in the archive, with the bits above 0777 */
+} ZNC_LAYER_REPORT;
+
+/* `report` and its text are borrowed for the call. */
+typedef void (*ZNC_LAYER_FUNC)(const ZNC_LAYER_REPORT* report, void* context);
+
+/*
+ * Extract the layer archive `layerFile` as zncUtilUntar does, as root into an empty directory, but
+ * make nothing: `func` is called for each thing that is lost or refused, in the order of the
+ * archive. The file is read once, and is compared with `digest` as it is and with `diffId` (NULL:
+ * not known) as it is decompressed; both are "sha256:" or "sha512:" and digits. The names of the
+ * members are kept in memory meanwhile. OK if it would be extracted and is what is said; ERROR with
+ * the number that extracting has (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
+ * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or `func` is NULL;
+ * not a regular file), ENOMEM.
+ */
+STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diffId,
+                     ZNC_LAYER_FUNC func, void* context);
 
 /* A source of archive bytes. `read` is called with the record itself. */
 typedef struct tarCompress {

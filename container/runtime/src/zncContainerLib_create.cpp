@@ -1,4 +1,5 @@
 // Making a container: from a bundle directory to an entry of the registry.
+#include "zncBundleLayers.hpp"
 #include "zncContainerLib.hpp"
 
 #include "zarnel/fs.h"
@@ -83,6 +84,23 @@ STATUS check_config(const runtimeSpecConfig& config)
     return OK;
 }
 
+// The root may have become another image's since the bundle was unpacked (zncBundleLayers).
+STATUS check_root(const CONTAINER_CTX* ctx)
+{
+    const char* const root = ctx->pConfig->root->path;
+    if (znc::check_bundle_layers(ctx->state.bundlePath, root) == OK)
+        return OK;
+    if (errno == ESTALE)
+        znc::send_progress("The root is made of other layers than the bundle was unpacked from; "
+                           "unpack the image again: %s",
+                           root);
+    else
+        znc::send_progress("The layers of the root cannot be compared with those that the bundle "
+                           "was unpacked from: %s",
+                           root);
+    return fail_with(S_zncLib_ROOTFS_CREATE_FAILED);
+}
+
 // Mounts the container and puts it on the list. Its mutex is held until its state is complete, so
 // that no other task can see, or delete, a half-made one.
 STATUS mount_and_register(CONTAINER_CTX* ctx)
@@ -116,7 +134,8 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
     ctx->state.status = STATE_CREATING;
     ctx->nsId = -1;
     if (load_config(ctx.get(), bundlePath) != OK || set_identity(ctx.get(), containerId) != OK ||
-        check_config(*ctx->pConfig) != OK || mount_and_register(ctx.get()) != OK)
+        check_config(*ctx->pConfig) != OK || check_root(ctx.get()) != OK ||
+        mount_and_register(ctx.get()) != OK)
         return ERROR;
     static_cast<void>(ctx.release()); // the list has it
     return OK;

@@ -4,6 +4,7 @@
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
+#include "zarnel/overlay.h"
 #include "zncStoreTree.hpp"
 #include "zncTreeDelete.hpp"
 #include "zncUnpackStore.hpp"
@@ -58,13 +59,36 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
-// Records that the bundle needs its root and these layers, so that zncStoreCollect does not remove
-// them. The record must be on disk before the bundle has its "config.json"; without that file the
-// bundle does not count as existing and the record has no effect.
-STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
-                     const znc::TextList& layers)
+// Whether overlayfs can stack the layers of the image; a layer that occurs twice counts once. This
+// is checked before the layers are extracted: creating the overlay device would fail only after all
+// that work.
+bool can_be_stacked(const ZNC_IMAGE_MANIFEST& manifest)
 {
-    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers) : OK;
+    const int most = static_cast<int>(znOvlDirsMax());
+    if (manifest.manifestLayersCount <= most)
+        return true;
+    znc::TextList names;
+    int distinct = 0;
+    for (int i = 0; i < manifest.manifestLayersCount && distinct <= most; ++i) {
+        const char* const name = znc::last_component(manifest.manifestLayers[i].layerFileName);
+        if (names.contains(name))
+            continue;
+        if (!names.add(name))
+            return false;
+        ++distinct;
+    }
+    return distinct <= most;
+}
+
+// Records that the bundle needs its root and the layers `stored`, so that zncStoreCollect does not
+// remove them, and in the bundle of which `layers` its root is made. The records must be on disk
+// before the bundle has its "config.json"; without that file the bundle does not count as existing
+// and the records have no effect.
+STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
+                     const znc::TextList& layers, const znc::TextList& stored)
+{
+    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers, stored)
+                                   : OK;
 }
 
 STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const LayerPaths& layers,
@@ -73,18 +97,21 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_LAYER_PATH);
     const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
     znc::TextList names;
+    if (area && count > 1 && !can_be_stacked(*znc::chosen_manifest(image)))
+        return fail(EINVAL); // as the kernel
     if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
         !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;
     const std::string_view base = znc::store_base({area.get(), len});
-    if (count < 2)
-        return compose(root, layers.get()[0], "") ? record_bundle(image, bundle, root, base, names)
-                                                  : fail(ENAMETOOLONG);
+    if (count < 2) // the name of the root is the digest of its contents: no layers are recorded
+        return compose(root, layers.get()[0], "")
+                   ? record_bundle(image, bundle, root, base, znc::TextList(), names)
+                   : fail(ENAMETOOLONG);
     // Write the record before the overlay device is created. A device without a record would never
     // be removed by a collection.
     char chain[znc::kChainIdTextLen];
     if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
-        record_bundle(image, bundle, root, base, names) != OK)
+        record_bundle(image, bundle, root, base, names, names) != OK)
         return ERROR;
     return zncCreateOciStRootfs(image, root, const_cast<const char**>(layers.get()),
                                 static_cast<std::uint32_t>(count));
@@ -123,7 +150,7 @@ STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
     if (!layer_names(*znc::chosen_manifest(image), &layers) ||
         lock.take(znc::store_base(area)) != OK || flatten(image, area, root, layers) != OK)
         return ERROR;
-    return record_bundle(image, bundle, root, znc::store_base(area), znc::TextList());
+    return record_bundle(image, bundle, root, znc::store_base(area), layers, znc::TextList());
 }
 
 STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
@@ -141,8 +168,11 @@ STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* roo
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
         return ERROR;
     errno = 0; // a path that is too long is reported with errno 0
-    if (!compose(path, bundle, "/config.json") ||
-        zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
+    if (!compose(path, bundle, "/config.json"))
+        return ERROR;
+    if (image->store != nullptr && image->store->record.bundle_was_there())
+        return fail(S_zncLib_BUNDLE_CONFIG_EXISTS);
+    if (zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
         return ERROR;
     if (image->store != nullptr)
         image->store->record.keep();
@@ -169,13 +199,13 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
 }
 
 // The largest number of layers with which an image of this root filesystem type is extracted into
-// the layer store. A flattened image of several layers is extracted into a tree of its own
-// instead.
+// the layer store, before its root is made. A flattened image of several layers is extracted into a
+// tree of its own instead.
 std::size_t stored_layers_max(int type)
 {
     switch (type) {
     case LAYERED_ROOTFS:
-        return SIZE_MAX;
+        return znOvlDirsMax();
     case FLATTENDED_ROOTFS:
         return 1;
     default:
@@ -209,6 +239,13 @@ const char* zncDefaultTag()
 STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                       unsigned int option, const ZNC_BUNDLE_ATTR* pAttr)
 {
+    return zncUnpackDirs(bundlePath, ociPath, tag, option, pAttr, nullptr, nullptr);
+}
+
+STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
+                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
+                     void* context)
+{
     if (bundlePath == nullptr || ociPath == nullptr)
         return fail(EINVAL);
     const int type = zncImageRootfsTypeVerify(option);
@@ -222,7 +259,7 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     const znc::OciImagePtr image(zncImageInfoCreate());
     if (!image)
         return ERROR;
-    znc::UnpackStore store(os, arch, name, stored_layers_max(type));
+    znc::UnpackStore store(os, arch, name, stored_layers_max(type), func, context);
     image->store = &store;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
@@ -230,7 +267,10 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     image->manifestsIndex = zncImageFindManifest(image.get(), os, arch, name);
     if (image->manifestsIndex < 0)
         return ERROR;
-    return zncImageGenerateBundle(image.get(), bundlePath, type);
+    if (zncImageGenerateBundle(image.get(), bundlePath, type) != OK)
+        return ERROR;
+    store.dirs.tell();
+    return OK;
 }
 
 STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int rootfsType)
@@ -242,6 +282,10 @@ STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int root
     if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
         return OK;
     const znc::ErrnoSaver keep;
+    // Remove the records before the bundle's directory: once the directory is gone, another unpack
+    // may create it and write records of the same names.
+    if (image->store != nullptr)
+        image->store->record.drop();
     // zncImageBundleDelete() fails for a path too long for its buffers. Nothing can have been
     // created in such a directory either, so that rmdir() is enough.
     if (newCreate && zncImageBundleDelete(bundlePath) != OK)

@@ -141,6 +141,8 @@ BOOL strHasPrefix(const char* s, const char* p); // `p` is cut to 256 characters
 
 namespace znc {
 
+class TextList;
+
 struct OciImageDeleter {
     void operator()(OCI_IMAGE* image) const noexcept { zncImageInfoDelete(image); }
 };
@@ -171,12 +173,15 @@ inline bool add(cJSON* object, const char* key, CJsonPtr item)
     return true;
 }
 
-// Extracts a layer archive into the directory `dir` and computes its digest in the same pass. If
-// the bytes read do not match `digest`, fails with S_zncLib_MANIFEST_INVALID even if the extraction
-// failed for another reason as well. `*verified`, unless null, is set to whether they match. A
-// damaged archive has no error code: errno is then 0.
+// Extracts a layer archive into the directory `dir` (null: only reads the archive, as a dry run)
+// and computes its digest in the same pass. If the bytes read do not match `digest`, fails with
+// S_zncLib_MANIFEST_INVALID even if the extraction failed for another reason as well. `*verified`,
+// unless null, is set to whether they match. A damaged archive has no error code: errno is then 0.
+// `*directories`, unless null, receives the directories that the archive names; the list is valid
+// only if the function returns OK.
 STATUS extract_layer(const char* layerFile, const char* digest, const char* dir,
-                     const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
+                     const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
+                     TextList* directories = nullptr);
 
 // The storage base: the parent of the directory that holds the layers or the flattened trees.
 std::string_view store_base(std::string_view layers);

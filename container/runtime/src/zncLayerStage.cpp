@@ -74,10 +74,11 @@ STATUS LayerStage::make(std::string_view area)
 }
 
 STATUS LayerStage::fill(const char* layerFile, const char* digest, std::string_view area,
-                        const std::atomic<bool>* cancel, bool* verified)
+                        const std::atomic<bool>* cancel, bool* verified, TextList* directories)
 {
-    return make(area) == OK ? extract_layer(layerFile, digest, path_.get(), cancel, verified)
-                            : ERROR;
+    if (make(area) != OK)
+        return ERROR;
+    return extract_layer(layerFile, digest, path_.get(), cancel, verified, directories);
 }
 
 STATUS LayerStage::publish(const char* name)

@@ -32,10 +32,10 @@ class LayerStage {
     // The path of the directory; null if there is none.
     [[nodiscard]] const char* path() const { return path_.get(); }
 
-    // Calls make() and extracts the archive into the directory. `*verified` is set to whether the
-    // archive matches the digest, also if it could not be extracted.
+    // Calls make() and extracts the archive into the directory; see extract_layer().
     STATUS fill(const char* layerFile, const char* digest, std::string_view area,
-                const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
+                const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
+                TextList* directories = nullptr);
 
     // Renames the directory to `name`. If a directory of that name exists already, that is OK too:
     // the existing one stays, and path() is not null afterwards.

@@ -12,6 +12,7 @@
 
 #include "zncLayerStage.hpp"
 #include "zncStoreLock.hpp"
+#include "zncUnpackDirs.hpp"
 
 #include <atomic>
 #include <cstdint>
@@ -25,10 +26,10 @@ namespace znc {
 class StoreAhead {
   public:
     // The requested platform and tag, and the largest number of layers with which an image goes
-    // into the layer store. The strings and the lock must outlive the object.
+    // into the layer store. The strings, the lock and `dirs` must outlive the object.
     StoreAhead(const char* os, const char* arch, const char* tag, std::size_t layersMax,
-               StoreLock& lock) noexcept
-        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock)
+               StoreLock& lock, UnpackDirs& dirs) noexcept
+        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock), dirs_(dirs)
     {
     }
     ~StoreAhead();
@@ -47,7 +48,8 @@ class StoreAhead {
     // must be set.
     [[nodiscard]] bool wants(std::size_t index) const noexcept;
     // Checks the layer's archive against its digest; extracts it in the same pass unless the store
-    // has the layer. May run in several threads at once, for different layers.
+    // has the layer, and lists its directories if `dirs` wants them. May run in several threads at
+    // once, for different layers.
     STATUS verify(std::size_t index) noexcept;
     // How many bytes of the archive have been read, for the progress callback.
     [[nodiscard]] const std::atomic<std::uint64_t>& position(std::size_t index) const noexcept
@@ -88,6 +90,7 @@ class StoreAhead {
     const char* tag_;
     std::size_t layersMax_;
     StoreLock& lock_;
+    UnpackDirs& dirs_;
     PathText store_; // the directory of the layers
     std::size_t storeLen_ = 0;
     std::size_t existingLen_ = 0; // length of the part of its path that existed before

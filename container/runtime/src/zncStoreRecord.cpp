@@ -3,7 +3,9 @@
 
 #include "base/file.hpp"
 #include "zarnel/fs.h"
+#include "zncBundleLayers.hpp"
 #include "zncDigest.hpp"
+#include "zncImageLib.hpp"
 
 #include <cstring>
 
@@ -69,6 +71,14 @@ bool TextList::add(const char* text)
     return true;
 }
 
+bool TextList::add_all(const TextList& other)
+{
+    for (const char* text = other.first(); text != nullptr; text = other.next(text))
+        if (!add(text))
+            return false;
+    return true;
+}
+
 const char* TextList::first() const
 {
     return len_ > 0 ? text_.get() : nullptr;
@@ -78,6 +88,21 @@ const char* TextList::next(const char* text) const
 {
     const char* const after = text + std::strlen(text) + 1;
     return after < text_.get() + len_ ? after : nullptr;
+}
+
+const char* TextList::last() const
+{
+    return len_ > 0 ? before(text_.get() + len_) : nullptr;
+}
+
+const char* TextList::before(const char* text) const
+{
+    if (text == text_.get())
+        return nullptr;
+    const char* at = text - 1; // its end
+    while (at > text_.get() && at[-1] != '\0')
+        --at;
+    return at;
 }
 
 bool TextList::contains(const char* text) const
@@ -185,6 +210,14 @@ STATUS check_conflict(void* context, const char* /*file*/, const TextList& recor
     return ERROR;
 }
 
+// Asked as the writer of the configuration asks.
+bool has_configuration(const char* bundle)
+{
+    const ErrnoSaver keep;
+    const PathText config = path_in(bundle, kConfig);
+    return config && exists(config.get());
+}
+
 bool ends_with(const char* name, std::string_view suffix)
 {
     return std::string_view(name).ends_with(suffix);
@@ -231,41 +264,70 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
     }
 }
 
-BundleRecord::~BundleRecord()
+STATUS RecordFile::place(PathText path, const TextList& text)
+{
+    PathText temporary;
+    if (!path || !text.write_beside(path.get(), &temporary))
+        return ERROR;
+    if (::rename(temporary.get(), path.get()) != 0) {
+        const ErrnoSaver keep;
+        ::unlink(temporary.get());
+        return ERROR;
+    }
+    path_ = std::move(path);
+    const PathText dir = path_in(
+        {path_.get(), static_cast<std::size_t>(last_component(path_.get()) - path_.get())}, "");
+    return dir ? znDirSync(dir.get()) : ERROR;
+}
+
+void RecordFile::drop() noexcept
 {
     const ErrnoSaver keep;
     if (path_)
         ::unlink(path_.get());
+    path_.reset();
 }
 
 STATUS BundleRecord::write(std::string_view base, const char* bundle, const char* root,
-                           const TextList& layers)
+                           const TextList& layers, const TextList& stored)
 {
     const MallocPtr<char> resolved(::realpath(bundle, nullptr));
     const PathText records = resolved ? make_records_dir(base) : nullptr;
     std::uint8_t hash[kSha256Len];
     char name[2 * kSha256Len + 1];
-    TextList record;
-    if (!records || !record.add(resolved.get()) || !record.add(root) ||
-        !chain_digest(hash, "", resolved.get()) ||
+    TextList needed;
+    TextList made_of;
+    if (!records || !needed.add(resolved.get()) || !needed.add(root) || !needed.add_all(stored) ||
+        !made_of.add(root) || !made_of.add_all(layers) || !chain_digest(hash, "", resolved.get()) ||
         zncUtilBinToHex(name, sizeof name, hash, sizeof hash) != OK)
         return ERROR;
-    for (const char* layer = layers.first(); layer != nullptr; layer = layers.next(layer))
-        if (!record.add(layer))
-            return ERROR;
-    Claim claim{root, &record};
-    PathText path = record_path(records, name, kBundleSuffix);
-    PathText temporary;
-    if (!path || each_bundle(base, check_conflict, &claim) != OK ||
-        !record.write_beside(path.get(), &temporary))
+    Claim claim{root, &needed};
+    if (each_bundle(base, check_conflict, &claim) != OK)
         return ERROR;
-    if (::rename(temporary.get(), path.get()) == 0) {
-        path_ = std::move(path);
-        return znDirSync(records.get());
-    }
-    const ErrnoSaver keep;
-    ::unlink(temporary.get());
-    return ERROR;
+    bundleWasThere_ = has_configuration(bundle);
+    if (bundleWasThere_)
+        return OK;
+    if (inStore_.place(record_path(records, name, kBundleSuffix), needed) != OK)
+        return ERROR;
+    if (layers.empty())
+        return OK;
+    PathText layers_path = bundle_layers_path(bundle);
+    // The path of "config.json" is then too long as well, and the unpack fails with that error.
+    if (!layers_path && errno == ENAMETOOLONG)
+        return OK;
+    return inBundle_.place(std::move(layers_path), made_of);
+}
+
+void BundleRecord::keep() noexcept
+{
+    inStore_.keep();
+    inBundle_.keep();
+}
+
+void BundleRecord::drop() noexcept
+{
+    inStore_.drop();
+    inBundle_.drop();
 }
 
 // ------------------------------------------------------------------ trees
@@ -293,6 +355,13 @@ STATUS claim_tree(std::string_view base, const char* chain, const TextList& laye
         return OK;
     errno = EEXIST;
     return ERROR;
+}
+
+bool read_tree(std::string_view base, const char* chain, TextList* layers)
+{
+    const PathText dir = path_in(base, kRecordsDir);
+    const PathText path = dir ? record_path(dir, chain, kTreeSuffix) : nullptr;
+    return path && layers->read(path.get());
 }
 
 } // namespace znc

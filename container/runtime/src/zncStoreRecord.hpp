@@ -28,6 +28,7 @@ const char* last_component(const char* path);
 class TextList {
   public:
     [[nodiscard]] bool add(const char* text);
+    [[nodiscard]] bool add_all(const TextList& other);
     [[nodiscard]] bool contains(const char* text) const;
     [[nodiscard]] bool operator==(const TextList& other) const;
     [[nodiscard]] bool empty() const { return len_ == 0; }
@@ -35,6 +36,9 @@ class TextList {
     // at the end.
     [[nodiscard]] const char* first() const;
     [[nodiscard]] const char* next(const char* text) const;
+    // The last text, or null; the one before another, or null.
+    [[nodiscard]] const char* last() const;
+    [[nodiscard]] const char* before(const char* text) const;
 
     [[nodiscard]] bool read(const char* path);
     // Writes the list to a temporary file in the directory of `path` and syncs it; the name of that
@@ -53,23 +57,48 @@ inline constexpr char kRecordsDir[] = "/records";
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
 
-// The record of a bundle: its path, the path of its root, and the names of the layers that it
-// needs.
-class BundleRecord {
+// A list of texts in a file. The destructor removes the file unless keep() was called.
+class RecordFile {
   public:
-    BundleRecord() = default;
-    BundleRecord(const BundleRecord&) = delete;
-    BundleRecord& operator=(const BundleRecord&) = delete;
-    ~BundleRecord(); // removes the record unless keep() was called
+    RecordFile() = default;
+    RecordFile(const RecordFile&) = delete;
+    RecordFile& operator=(const RecordFile&) = delete;
+    ~RecordFile() { drop(); }
 
-    // Writes the record. EEXIST: another bundle that still exists has the same root, made of
-    // other layers.
-    STATUS write(std::string_view base, const char* bundle, const char* root,
-                 const TextList& layers);
+    // Writes and syncs the file; replaces an existing file of that name.
+    STATUS place(PathText path, const TextList& text);
     void keep() noexcept { path_.reset(); }
+    void drop() noexcept;
 
   private:
     PathText path_;
+};
+
+// The two records of a bundle. The one in the storage base holds the path of the bundle, the path
+// of its root, and the names of the layers in the store that it needs. The one in the bundle
+// (zncBundleLayers) holds the path of the root and the names of the layers it is made of.
+class BundleRecord {
+  public:
+    // Writes both records. EEXIST: another bundle that still exists has the same root, made of
+    // other layers. `layers`: the layers of the root, lowest first; if empty, no record is written
+    // into the bundle. `stored`: the layers that the store must keep.
+    //
+    // If the bundle already has a "config.json", nothing is written: the bundle was unpacked before
+    // and needs its records, and this unpack will fail.
+    STATUS write(std::string_view base, const char* bundle, const char* root,
+                 const TextList& layers, const TextList& stored);
+    // Whether write() found a "config.json".
+    [[nodiscard]] bool bundle_was_there() const noexcept { return bundleWasThere_; }
+
+    // drop() removes what was written, unless keep() was called before. The destructor does the
+    // same.
+    void keep() noexcept;
+    void drop() noexcept;
+
+  private:
+    RecordFile inStore_;
+    RecordFile inBundle_;
+    bool bundleWasThere_ = false;
 };
 
 // Whether the bundle of a record still has its "config.json". If that cannot be determined: true.
@@ -83,6 +112,9 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 // Records that the tree `chain` is made of `layers`. If a record exists already and lists the same
 // layers, OK; if it lists others, EEXIST. `*isNew` is set to whether there was no record.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
+
+// The layers of which the tree `chain` is made, the bottom one first.
+[[nodiscard]] bool read_tree(std::string_view base, const char* chain, TextList* layers);
 
 } // namespace znc
 

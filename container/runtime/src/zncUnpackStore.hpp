@@ -10,11 +10,13 @@
 namespace znc {
 
 struct UnpackStore {
-    UnpackStore(const char* os, const char* arch, const char* tag, std::size_t layersMax) noexcept
-        : ahead(os, arch, tag, layersMax, lock)
+    UnpackStore(const char* os, const char* arch, const char* tag, std::size_t layersMax,
+                ZNC_DIRECTORY_FUNC func, void* context) noexcept
+        : dirs(func, context), ahead(os, arch, tag, layersMax, lock, dirs)
     {
     }
     StoreLock lock;
+    UnpackDirs dirs;
     BundleRecord record; // destroyed before the lock, so that an unkept record is removed under it
     StoreAhead ahead;
 };

@@ -85,6 +85,13 @@ STATUS znMsgQUnlink(const char* name);
 STATUS znMsgQDiscard(const char* name);
 
 /*
+ * Whether there is a queue `name` of this user's alone whose maker has it open. A process that looks
+ * for the maker at the same time is not taken for it. FALSE also when that cannot be told. Does not
+ * change the task error number.
+ */
+BOOL znMsgQInUse(const char* name);
+
+/*
  * Remove queues that dead processes left. `makerOf` names the process that made a queue
  * of this name, or 0 for one that is not to be touched. A queue goes when that process
  * has ended, nobody who made it (or was forked by who did) has it open, and it is this

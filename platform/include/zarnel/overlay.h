@@ -44,6 +44,21 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
 STATUS znOvlDevRemove(const char* devName);
 
 /*
+ * How many directories the kernel stacks at most in a read-only device; older kernels stack fewer. A
+ * directory that is named more than once counts once.
+ */
+uint32_t znOvlDirsMax(void);
+
+/*
+ * Call `visit` with every directory that the read-only device `devName` was made of, the first on
+ * top, until it returns FALSE. Told by the device's record. OK, or ERROR with ENOENT (there is no
+ * such device, or it has no whole record), EINVAL (a bad name), EBUSY or the number of what kept the
+ * record from being read.
+ */
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context);
+
+/*
  * One attached device: its path, the directories below it in the order of the stack (without the
  * writable one), and whether a container can write to it. The texts are valid during the call only.
  */

@@ -147,6 +147,88 @@ check 'nothing is left' test -z "$(find "$ZNC_BASE"/{layers,flattened,bundles} -
     -not -name .lock)"
 check 'nor a device' test "$(overlay_mounts)" = 0
 
+# ---------------------------------------------------------------- what is refused before anything is done
+cp -r "$layout" "$work/no-mark"
+for mark in missing 'no JSON' '{"imageLayoutVersion":"2.0.0"}' '{"imageLayoutVersion":1}'; do
+    printf '%s' "$mark" >"$work/no-mark/oci-layout"
+    said='Json file oci-layout invalid'
+    if [[ $mark = missing ]]; then
+        rm "$work/no-mark/oci-layout"
+        said='File oci-layout not found'
+    fi
+    run zncctl unpack --os linux "$work/no-mark" "$work/refused"
+    expect "unpack of a layout whose oci-layout is $mark" 1 '' "zncctl: error: $work/no-mark: $said"
+    run zncctl run --os linux "$work/no-mark"
+    expect "run refuses it the same way" 125 '' "zncctl: error: $work/no-mark: $said"
+done
+check 'nothing is unpacked of it' test ! -e "$work/refused" -a -z "$(ls "$ZNC_BASE/bundles")"
+
+mkdir -p "$work/foreign/base" "$work/open/base"
+chown 1000 "$work/foreign"
+chmod 777 "$work/open"
+for base in foreign:'belongs to another user' open:'can be written by other users'; do
+    for command in "run --os linux $layout" "unpack --os linux $layout $work/refused" 'info' 'storage gc'; do
+        # shellcheck disable=SC2086
+        ZNC_BASE=$work/${base%%:*}/base run zncctl $command
+        check "${command%% -*} says why the storage base is refused: it ${base#*:}" test \
+            "$status/$out/$(error_line | sed "s|^$layout: ||")" = \
+            "$([[ $command = run* ]] && echo 125 || echo 1)//the storage base is refused: $work/${base%%:*} ${base#*:}"
+    done
+done
+
+exec 8>"$ZNC_BASE/bundles/.making-layout"
+flock -x 8
+run zncctl unpack --os linux "$layout" "$work/refused" 8>&-
+check 'a process that is stuck at preparing an image is waited for and then named' test "$status/$out/$err" = \
+    "1//zncctl: hint: another process prepares an image; waiting for it
+zncctl: error: $layout: $ZNC_BASE/bundles/.making-layout: another process that prepares an image has had it for 10 seconds"
+exec 8>&-
+run zncctl unpack --os linux --progress none "$layout" "$work/refused"
+expect 'nobody who has let go is waited for' 0 '' ''
+check 'and the lock goes with its last user' test ! -e "$ZNC_BASE/bundles/.making-layout"
+rm -rf "$work/refused"
+zncctl storage gc -q
+
+# An image with one layer more than the kernel stacks.
+python3 - "$work/tall" "$work/lower" <<'PYTHON'
+import hashlib, io, json, os, sys, tarfile
+layout, lower = sys.argv[1:]
+os.makedirs(layout + "/blobs/sha256")
+def add(data, kind):
+    digest = hashlib.sha256(data).hexdigest()
+    with open(f"{layout}/blobs/sha256/{digest}", "wb") as blob:
+        blob.write(data)
+    return {"mediaType": "application/vnd.oci.image." + kind, "digest": "sha256:" + digest, "size": len(data)}
+def archive(fill):
+    data = io.BytesIO()
+    with tarfile.open(fileobj=data, mode="w", format=tarfile.USTAR_FORMAT) as tar:
+        fill(tar)
+    return add(data.getvalue(), "layer.v1.tar")
+def numbered(number):
+    member = tarfile.TarInfo("top")
+    text = b"layer %d\n" % number
+    member.size = len(text)
+    return lambda tar: tar.addfile(member, io.BytesIO(text))
+layers = [archive(lambda tar: tar.add(lower, "."))] + [archive(numbered(i)) for i in range(1, 501)]
+config = add(json.dumps({"architecture": "amd64", "os": "linux",
+    "config": {"Entrypoint": ["/bin/cat", "/top"]},
+    "rootfs": {"type": "layers", "diff_ids": [layer["digest"] for layer in layers]}}).encode(), "config.v1+json")
+manifest = add(json.dumps({"schemaVersion": 2, "config": config, "layers": layers}).encode(), "manifest.v1+json")
+json.dump({"schemaVersion": 2, "manifests": [manifest]}, open(layout + "/index.json", "w"))
+json.dump({"imageLayoutVersion": "1.0.0"}, open(layout + "/oci-layout", "w"))
+PYTHON
+run zncctl unpack --os linux --progress none "$work/tall" "$work/tall-bundle"
+check 'more layers than the kernel stacks are not unpacked as a stack' test "$status/$out/$(error_line)" = \
+    "1//$work/tall: Invalid parameter"
+check 'with a hint at the other way' grep -q '^zncctl: hint: .*(501); .*--flatten' "$work/err"
+check 'and no layer is extracted' test -z "$(ls "$ZNC_BASE/layers")"
+run zncctl unpack --os linux --progress none --flatten "$work/tall" "$work/tall-bundle"
+expect 'they are unpacked as one tree' 0 '' ''
+run zncctl run --os linux --progress none "$work/tall"
+expect 'and run as that by themselves' 0 'layer 500' ''
+rm -rf "$work/tall-bundle"
+zncctl storage gc -q
+
 umoci init --layout "$work/nowhere" >/dev/null
 {
     umoci new --image "$work/nowhere:latest"

@@ -2,6 +2,8 @@
 
 #include "descriptors.hpp"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
@@ -155,12 +157,23 @@ Outcome World::extract_directly(const std::vector<std::string>& layers)
         files.push_back(dir_ / "archive" + std::to_string(files.size()));
         test_tree::write_file(files.back(), layer);
     }
-    return watched([&] {
+    const Outcome outcome = watched([&] {
         for (const std::string& file : files)
             if (zncUtilUntar(file.c_str(), root_.c_str()) != OK)
                 return ERROR;
         return OK;
     });
+    // The dry run is the same program.
+    if (layers.size() == 1) {
+        const auto nobody = [](const ZNC_LAYER_REPORT*, void*) {};
+        const std::string digest = "sha256:" + layout::sha256_hex(layers[0]);
+        errno = 0;
+        const STATUS checked =
+            zncLayerCheck(files[0].c_str(), digest.c_str(), nullptr, nobody, nullptr);
+        EXPECT_EQ(checked, outcome.status);
+        EXPECT_EQ(checked == OK ? 0 : errno, outcome.status == OK ? 0 : outcome.error);
+    }
+    return outcome;
 }
 
 Outcome World::extract(const std::vector<std::string>& layers)

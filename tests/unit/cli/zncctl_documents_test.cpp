@@ -43,7 +43,7 @@ Texts of_archive(const std::string& bytes, const std::string& diff_id = "")
     const std::string path = dir / "layer";
     layout::write_file(path, bytes);
     Texts texts;
-    for (const Finding& finding : check_layer(path, diff_id))
+    for (const Finding& finding : check_layer(path, "sha256:" + layout::sha256_hex(bytes), diff_id))
         texts.push_back((finding.refused ? "refused: " : "") + finding.what);
     return texts;
 }
@@ -168,6 +168,14 @@ TEST(LayerCheck, NamesMembersThatBreakTheArchive)
     EXPECT_EQ(of_type('K'), Texts{"refused: long link (GNU)"});
     EXPECT_EQ(of_type('S'), Texts{"refused: sparse file (GNU)"});
     EXPECT_EQ(of_type('1'), Texts{"refused: a link, device or directory with data"});
+    layout::Member link = layout::symlink("l", "t");
+    link.content = "data";
+    EXPECT_EQ(of_members({link}), Texts{"refused: a link, device or directory with data"});
+    EXPECT_EQ(of_members({{"./", "data"}}),
+              Texts{"refused: a link, device or directory with data"});
+    EXPECT_EQ(of_members({layout::symlink("l", "")}),
+              Texts{"refused: a symbolic link without a target"});
+    EXPECT_EQ(of_members({{"BZh", "data"}}), Texts{});
 }
 
 TEST(LayerCheck, NamesWhatIsLeftOut)
@@ -237,8 +245,10 @@ TEST(LayerCheck, ReadsNumbersWithASignAsTheExtractorDoes)
 TEST(LayerCheck, CountsAndNamesTheFirstMember)
 {
     const layout::TempDir dir;
-    layout::write_file(dir / "layer", layout::tar({{".wh.a"}, {".wh.b"}}));
-    const std::vector<Finding> found = check_layer(dir / "layer", "");
+    const std::string bytes = layout::tar({{".wh.a"}, {".wh.b"}});
+    layout::write_file(dir / "layer", bytes);
+    const std::vector<Finding> found =
+        check_layer(dir / "layer", "sha256:" + layout::sha256_hex(bytes), "");
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].count, 2U);
     EXPECT_EQ(found[0].first, ".wh.a");

@@ -112,6 +112,21 @@ class Ahead : public ::testing::Test {
         bytes.at(bytes.rfind("content")) = 'C';
         layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(layer)), bytes);
     }
+    using Told = std::vector<std::pair<std::string, unsigned>>;
+    // What an unpack into a new bundle says of the directories.
+    Told told_of(unsigned option)
+    {
+        fake::reset();
+        fs::remove_all(bundle_);
+        Told told;
+        const auto note = [](const char* path, std::uint32_t mode, void* context) {
+            static_cast<Told*>(context)->emplace_back(path, mode);
+        };
+        errno = 0;
+        unpacked_ =
+            zncUnpackDirs(bundle_.c_str(), layout_.c_str(), nullptr, option, nullptr, note, &told);
+        return told;
+    }
     // The temporary directory of a layer, once it holds the last file.
     [[nodiscard]] fs::path wait_for_stage() const
     {
@@ -147,6 +162,7 @@ class Ahead : public ::testing::Test {
     std::string bundle_ = dir_ / "bundle";
     const std::string layer_ = large_layer();
     int verdicts_ = 0;
+    STATUS unpacked_ = ERROR;
     fs::path stage_;
 };
 
@@ -414,6 +430,58 @@ TEST_F(Ahead, ALayerNamedTwiceIsStoredOnce)
     layout_.add(image);
     ASSERT_EQ(unpack(), OK) << errno;
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
+}
+
+// Not once for each time that it is named, beside one another, until all but one are thrown away.
+TEST_F(Ahead, ALayerNamedAgainAndAgainIsExtractedOnce)
+{
+    Image image;
+    image.layers.assign(6, layer_);
+    image.layers.insert(image.layers.begin() + 3, tar({{"other", "content"}}));
+    layout_.add(image);
+    std::size_t most = 0;
+    before_verdict = [&] {
+        std::size_t stages = 0;
+        for (const std::string& name : names_in(store_))
+            stages += name.starts_with(".unpack-") ? 1 : 0;
+        most = std::max(most, stages);
+    };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_LE(most, 2U);
+    EXPECT_EQ(names_in(store_).size(), 2U);
+}
+
+TEST_F(Ahead, DirectoriesAreToldWithTheirModesFromTheBottomUp)
+{
+    const std::string lower =
+        tar({layout::directory("tmp/", 01777), layout::directory("a/", 0755)});
+    const std::string upper = tar({layout::directory("./a/", 07700), {"file"}});
+    Image image;
+    image.layers = {lower, upper, lower};
+    layout_.add(image);
+    const Told all = {{"/tmp", 01777}, {"/a", 0755}, {"/a", 07700}, {"/tmp", 01777}, {"/a", 0755}};
+    EXPECT_EQ(told_of(0), all);
+    EXPECT_EQ(told_of(0), all); // the store has the layers
+    EXPECT_EQ(told_of(ZNC_OPT_FLATTEN), all);
+    fs::remove("/overlay");
+    EXPECT_EQ(told_of(0), all);
+}
+
+// Who listens is told of the bytes that have the digest, or of nothing.
+TEST_F(Ahead, DirectoriesOfALayerThatIsNotTheOneThatIsNamedAreNotTold)
+{
+    for (const bool stored : {false, true}) {
+        const std::string good = large_layer({layout::directory("tmp/", 01777)});
+        const std::string bad = large_layer({layout::directory("etc/", 01777)});
+        add(good);
+        if (stored) {
+            EXPECT_EQ(told_of(0), (Told{{"/tmp", 01777}}));
+        }
+        layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(good)), bad);
+        EXPECT_EQ(told_of(0), Told{});
+        EXPECT_FALSE(fs::exists(bundle_));
+        EXPECT_EQ(fs::exists(this->stored(good)), stored);
+    }
 }
 
 // Enough of them for two tasks to come to what was extracted of them at the same time.
