@@ -99,7 +99,7 @@ const char* TextList::before(const char* text) const
 {
     if (text == text_.get())
         return nullptr;
-    const char* at = text - 1; // its end
+    const char* at = text - 1; // the NUL of the string before
     while (at > text_.get() && at[-1] != '\0')
         --at;
     return at;
@@ -210,7 +210,7 @@ STATUS check_conflict(void* context, const char* /*file*/, const TextList& recor
     return ERROR;
 }
 
-// Asked as the writer of the configuration asks.
+// Whether the bundle has a "config.json", by the same test that zncCreateOciBundleConfig makes.
 bool has_configuration(const char* bundle)
 {
     const ErrnoSaver keep;

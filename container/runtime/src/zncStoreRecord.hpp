@@ -36,7 +36,7 @@ class TextList {
     // at the end.
     [[nodiscard]] const char* first() const;
     [[nodiscard]] const char* next(const char* text) const;
-    // The last text, or null; the one before another, or null.
+    // Iteration from the end: the last string, and the one before `text`; null at the start.
     [[nodiscard]] const char* last() const;
     [[nodiscard]] const char* before(const char* text) const;
 
@@ -113,7 +113,7 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 // layers, OK; if it lists others, EEXIST. `*isNew` is set to whether there was no record.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
 
-// The layers of which the tree `chain` is made, the bottom one first.
+// Reads the record of the layers that the tree `chain` is made of, lowest first.
 [[nodiscard]] bool read_tree(std::string_view base, const char* chain, TextList* layers);
 
 } // namespace znc
