@@ -98,7 +98,7 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
     znc::TextList names;
     if (area && count > 1 && !can_be_stacked(*znc::chosen_manifest(image)))
-        return fail(EINVAL); // as the kernel
+        return fail(EINVAL); // the error of the kernel in this case
     if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
         !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;

@@ -121,7 +121,7 @@ class StoreJobs {
         if (layer_directory(file(k), path.get(), store_.size()) != OK)
             return ERROR;
         if (duplicates_.last(index(k)) != index(k))
-            return OK; // that one is stored
+            return OK; // only the last of several equal layers is stored
         const std::size_t place = duplicates_.first(index(k));
         if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(place, &stages_[k])))
             return is_listed(place) ? OK : extract_listed(k, place, nullptr);
@@ -136,7 +136,8 @@ class StoreJobs {
         return dirs_ == nullptr || !dirs_->wanted() || dirs_->has(place);
     }
 
-    // `dir`: null for a layer that is there and whose directories nobody knows.
+    // Also lists the layer's directories, if they are wanted and not known yet. `dir` is null if
+    // the store has the layer and only the list is missing.
     STATUS extract_listed(std::size_t k, std::size_t place, const char* dir)
     {
         znc::TextList list;
