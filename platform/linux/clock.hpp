@@ -32,7 +32,7 @@ inline struct timespec to_timespec(std::int64_t ns) noexcept
     return ts;
 }
 
-// What is left until a point in time; 0 when it has passed.
+// The time left until `deadline`; 0 if it has passed.
 inline int milliseconds_until(std::int64_t deadline) noexcept
 {
     const std::int64_t left = (deadline - now_ns()) / 1000000;

@@ -21,8 +21,8 @@ constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 constexpr int kLooks = 10;
 constexpr std::int64_t kLookPauseNs = 1000000;
 
-// Another handle of the same queue. A lock that is tried on the handle itself would replace the
-// maker's own lock where the caller is the maker.
+// Opens the queue once more. If the calling process created the queue, trying the lock on `q`
+// itself would convert the lock that it holds.
 UniqueFd handle_of_its_own(int q) noexcept
 {
     char path[64];
@@ -66,7 +66,7 @@ bool queue_is_abandoned(int q) noexcept
     if (::fstat(q, &st) == 0 && st.st_nlink == 0)
         return true;
     const UniqueFd mine = handle_of_its_own(q);
-    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // given back with the handle
+    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // released when the handle is closed
 }
 
 bool queue_remove_foreign(const char* name) noexcept
@@ -77,7 +77,7 @@ bool queue_remove_foreign(const char* name) noexcept
     struct stat st;
     if (queue && ::fstat(queue.get(), &st) != 0)
         return false;
-    // One that cannot be opened is another user's: this user's own are open to it.
+    // A queue that cannot be opened belongs to another user: this user can open its own.
     if (queue && st.st_uid == ::geteuid()) {
         errno = EEXIST;
         return false;
@@ -87,8 +87,12 @@ bool queue_remove_foreign(const char* name) noexcept
 
 } // namespace zn
 
-// A maker's lock is shared and stays. Whoever looks for a maker (queue_is_abandoned) has the lock
-// exclusively for a moment, in which it is no sign of a maker but proves that there is none.
+// The creator of a queue holds a shared lock as long as the queue is open. A process in
+// queue_is_abandoned() holds an exclusive lock for a moment. That is possible only if no creator
+// has the queue open, and must not be mistaken for the creator's lock. Therefore: if the exclusive
+// lock can be taken, there is no creator; if not even a shared lock can be taken, another process
+// is just checking and there is no creator either. Retried, as this function's own locks may
+// collide with those of another caller.
 BOOL znMsgQInUse(const char* name)
 {
     const znc::ErrnoSaver keep;

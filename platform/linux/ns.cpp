@@ -23,10 +23,10 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
-constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
+constexpr int kReapMilliseconds = 20;          // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec; // limit for the programs of one namespace to end
+constexpr std::int64_t kKillAllNs = kNsPerSec; // the same for all namespaces together
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // the same for the keepers of all namespaces
 constexpr std::size_t kBuckets = 256;
 
 struct Namespace {
@@ -34,7 +34,7 @@ struct Namespace {
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
-    bool recorded = false;   // the record of this id is its own
+    bool recorded = false;   // the record with this id belongs to this namespace
     bool ownsDevice = false; // the root is the container's own overlay device
     char root[kRootPathMax] = {};
     NamespaceMounts mounts;
@@ -50,12 +50,12 @@ struct DestroyNamespace {
 };
 using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 
-// The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
-// for both; a call holds it while it talks to a keeper, which is bounded.
+// g_namespaces: the namespaces of this process. g_dying: those whose keeper was killed and has to
+// be reaped. g_lock protects both. It is held while a keeper is asked, which has a time limit.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
+Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
-std::int64_t g_killDeadline = 0; // what znnsKillAll killed is dead by then; 0: it was not called
+std::int64_t g_killDeadline = 0; // until then ends what znnsKillAll killed; 0: it was not called
 
 void reap_dying()
 {
@@ -101,7 +101,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// Undoing something in a namespace whose keeper is dead: it is undone already.
+// ESRCH means that the keeper has died; then there is nothing left to undo.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -115,7 +115,7 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// One of this id may be another owner's.
+// Only if the namespace has written it: a record of this id may belong to another process.
 void remove_record(Namespace& ns)
 {
     if (ns.recorded)
@@ -123,7 +123,7 @@ void remove_record(Namespace& ns)
     ns.recorded = false;
 }
 
-// Takes the namespace at `link` off the list and ends it.
+// Removes the namespace at `link` from its list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
@@ -194,7 +194,7 @@ bool names_nothing(const char* destination)
     return destination == nullptr || *destination == '\0';
 }
 
-// Whether two processes are of one process namespace.
+// Whether two processes are in the same PID namespace.
 bool same_pid_namespace(pid_t one, pid_t other)
 {
     char path[64];
@@ -215,7 +215,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
-    reap_dying(); // what they hold may be what the new one needs
+    reap_dying(); // frees descriptors and processes that the new one may need
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -223,7 +223,7 @@ nsid_t znnsCreate(int /*flags*/)
     if (ns->id < 0 || !ns->keeper.start())
         return -1;
     const nsid_t id = ns->id;
-    *find_link(id) = ns.release(); // behind the last one of its bucket
+    *find_link(id) = ns.release(); // appended to its bucket
     return id;
 }
 
@@ -242,7 +242,8 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
         overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
-    // Without its root the namespace is of no use, and the caller would not come back for it.
+    // Without a root the namespace is useless, and the caller will not delete it after this
+    // failure.
     if (error != 0)
         end_namespace(find_link(id));
     return result(error);
@@ -314,7 +315,8 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
+    // Open the pidfd before checking the process: from then on the id cannot be reused by another
+    // process without process_ended() noticing it.
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))

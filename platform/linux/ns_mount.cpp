@@ -19,7 +19,7 @@ using znc::UniqueFd;
 
 struct NamespaceMounts::Entry {
     Entry* next;
-    std::uint64_t id; // the kernel's, by which the keeper finds it
+    std::uint64_t id; // the mount id, by which the keeper finds the mount
     char destination[kRootPathMax];
 };
 
@@ -48,7 +48,7 @@ bool is_directory(int fd)
 
 namespace {
 
-// The texts of a request, one after the other.
+// The strings of a request, stored one after the other.
 class TextBuffer {
   public:
     bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
@@ -77,7 +77,7 @@ class TextBuffer {
 int mount_tree(Keeper& keeper, const char* source, const char* destination, const MountPlan& plan,
                std::uint64_t* id)
 {
-    // A relative one would be looked up from wherever the daemon happened to be started.
+    // A relative path would depend on the working directory of the daemon.
     if (source == nullptr || *source != '/')
         return EINVAL;
     const UniqueFd tree = detached_tree(source, plan);
@@ -125,7 +125,8 @@ int NamespaceMounts::mount(Keeper& keeper, const char* source, const char* desti
     std::strcpy(entry->destination, destination);
     MountPlan plan;
     struct stat st;
-    // A relative source is nothing to look up, but one to refuse if it should be bound.
+    // A relative source is not looked up: it counts as existing, so that mount_tree() rejects it if
+    // it is to be bind-mounted.
     const bool exists =
         source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
     int error = mount_plan_make(type, options, exists, plan);

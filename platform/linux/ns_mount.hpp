@@ -1,6 +1,6 @@
-// ns_mount.hpp - the mounts of a namespace besides its root: each is made ready here, on the host,
-// and attached by the keeper. Used by the namespace service. Left out: what a configured mount
-// means (mount_plan), and attaching it inside the root (helper/keeper_mount.cpp).
+// ns_mount.hpp - the mounts of a namespace other than its root. They are prepared here, on the
+// host, and attached inside the root by the keeper (helper/keeper_mount.cpp). mount_plan parses the
+// options of a configured mount. Used by the namespace service.
 #ifndef ZN_NS_MOUNT_HPP
 #define ZN_NS_MOUNT_HPP
 
@@ -12,13 +12,13 @@
 
 namespace zn {
 
-// A copy of the tree at `path`, attached nowhere, with the attributes of the plan. `path` is
-// resolved here, once. No descriptor, with errno set, when that fails.
+// Returns a detached clone of the mount tree at `path` (open_tree) with the attributes of the plan.
+// `path` is resolved only once, here. On failure the descriptor is invalid and errno is set.
 znc::UniqueFd detached_tree(const char* path, const MountPlan& plan);
 
 bool is_directory(int fd);
 
-// The results are 0 or an error number.
+// mount() and unmount() return 0 or an errno value.
 class NamespaceMounts {
   public:
     NamespaceMounts() = default;
@@ -28,8 +28,8 @@ class NamespaceMounts {
 
     int mount(Keeper& keeper, const char* source, const char* destination, const char* type,
               const char* const* options);
-    // Undoes the newest mount at `destination`; EINVAL when there is none. After ESRCH, for a
-    // keeper that is dead, it is forgotten, too.
+    // Removes the newest mount at `destination`; EINVAL if there is none. ESRCH: the keeper has
+    // died; the entry is dropped in this case as well.
     int unmount(Keeper& keeper, const char* destination);
 
   private:

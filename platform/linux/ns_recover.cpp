@@ -1,4 +1,4 @@
-// ns_recover.cpp - the namespaces that a dead daemon left are killed and their records removed.
+// ns_recover.cpp - kills the namespaces left by a daemon that died and removes their records.
 #include "zarnel/ns.h"
 
 #include "base/owned.hpp"
@@ -14,7 +14,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr std::int64_t kRecoverNs = kNsPerSec; // for all of them together to end
+constexpr std::int64_t kRecoverNs = kNsPerSec; // time limit for all of them together to end
 
 void kill_recorded(nsid_t id, void* /*context*/)
 {
@@ -29,8 +29,9 @@ struct Recovery {
     int left;
 };
 
-// The keeper was killed, and so is everything in its namespace. It may still be waiting for a
-// client to reap its program, and need not be waited for.
+// The keeper was killed, and the kernel kills every process in its namespace with it. It does not
+// end until a client has reaped the program it started there; the record is removed without waiting
+// for that any longer than the deadline.
 void forget_recorded(nsid_t id, void* context)
 {
     auto* recovery = static_cast<Recovery*>(context);
@@ -38,7 +39,7 @@ void forget_recorded(nsid_t id, void* context)
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (!keeper && !ns_record_is_void(errno)) {
         recovery->left++;
-        return; // for the next one to try
+        return; // the record stays for the next recovery
     }
     if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
         recovery->left++;
@@ -52,7 +53,7 @@ using namespace zn;
 
 int znnsRecover(void)
 {
-    // All are killed before any is waited for: together they take as long as the slowest.
+    // Kill all of them before waiting, so that they end in parallel.
     static_cast<void>(ns_record_each(kill_recorded, nullptr));
     Recovery recovery = {now_ns() + kRecoverNs, 0};
     ns_record_clear_unfinished();

@@ -1,6 +1,5 @@
-// Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
-// written down (overlay_stack), so that it can be attached again when a reboot has taken the mount
-// away.
+// Overlay devices are overlayfs mounts on directories of /overlay. The layers of a read-only device
+// are recorded (overlay_stack), so that it can be mounted again after a reboot.
 
 #include "zarnel/overlay.h"
 
@@ -285,7 +284,7 @@ STATUS znOvlDevRemove(const char* devName)
 
 uint32_t znOvlDirsMax(void)
 {
-    return 500; // OVL_MAX_STACK of the kernel, which tells it nowhere
+    return 500; // OVL_MAX_STACK of the kernel, which does not export it
 }
 
 STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),

@@ -16,7 +16,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
+constexpr char kStackFile[] = ".zn-stack"; // the directories, each NUL-terminated, and a final NUL
 constexpr std::size_t kStackMax = 1024 * 1024;
 
 } // namespace
@@ -28,7 +28,7 @@ bool stack_write(int node, const char* const* dirs, std::uint32_t count)
     bool written = static_cast<bool>(file);
     for (std::uint32_t i = 0; written && i < count; i++)
         written = znc::write_whole(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
-    // Without its end a record was cut off by a crash and shows too few layers.
+    // The final NUL marks a complete record: a crash may leave a truncated one.
     return written && znc::write_whole(file.get(), "", 1);
 }
 
@@ -64,7 +64,7 @@ StackText stack_read(int node)
 
 UniqueFd stack_node(int devices, const char* name)
 {
-    // A copy of the directory without what is mounted in it.
+    // A non-recursive clone of the directory does not have the mounts below it.
     const UniqueFd bare(static_cast<int>(::syscall(
         SYS_open_tree, devices, "", AT_EMPTY_PATH | OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC)));
     if (!bare)
