@@ -16,7 +16,7 @@ using znc::is_digest;
 
 class Digest {
   public:
-    // The algorithm as digests name it. One that is not known is not valid.
+    // `algorithm` is "sha256" or "sha512"; with any other the object is not valid.
     explicit Digest(std::string_view algorithm);
     ~Digest();
     Digest(const Digest&) = delete;
@@ -24,7 +24,7 @@ class Digest {
 
     explicit operator bool() const { return valid_; }
     void add(const void* bytes, std::size_t count);
-    // "sha256:..."; once.
+    // The digest, "sha256:..."; may be called only once.
     std::string text();
 
   private:
@@ -33,11 +33,12 @@ class Digest {
     bool valid_ = false;
 };
 
-// The digest of some bytes, "sha256:...".
+// The digest of `bytes`, "sha256:...".
 std::string digest_of(std::string_view algorithm, std::string_view bytes);
 
-// Whether an open blob has another size than is said of it, which costs nothing to see: one that
-// its owner made of holes takes years to read. Nothing said (-1) is another size. "" if it has not.
+// A message if the size of an open blob is not `size`; "" if it is. A `size` of -1 (missing in the
+// descriptor) is always reported. To be checked before the blob is read: a huge sparse file would
+// take very long to read.
 std::string size_problem(int blob, const std::string& digest, double size);
 
 } // namespace zncctl
