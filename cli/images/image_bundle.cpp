@@ -107,7 +107,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
     if (image == nullptr || !image->problem.empty()) {
-        // The library would read a file of another size to its end.
+        // Report a wrong size first: the library would read such a file to its end before it fails.
         const std::string size = size_problem(layout, *images);
         static_cast<void>(!size.empty()      ? failure(layout, size)
                           : image == nullptr ? no_such_image(wanted)
@@ -189,7 +189,8 @@ class Unpacking {
     }
 
   private:
-    // A root of the bundle's own is no container's yet.
+    // Without overlayfs the root is inside the bundle and not used by a container yet: the sticky
+    // bits can be set at once.
     static bool keep_sticky(const std::string& bundle, const std::string& directories)
     {
         return annotate_sticky(bundle, directories) &&
@@ -205,7 +206,7 @@ class Unpacking {
 
 namespace {
 
-// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+// Why zncBasePathGet failed; it leaves the path of the rejected directory in the buffer.
 std::string base_problem(const char* path)
 {
     const int error = errno;
