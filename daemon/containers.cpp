@@ -65,7 +65,7 @@ void remove_stale_containers()
 
 bool served_elsewhere()
 {
-    // The lock file does not tell: it may have been wiped away from under a daemon that lives.
+    // The lock file is not enough: it may have been deleted while its daemon is still running.
     return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
 }
 
