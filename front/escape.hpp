@@ -20,6 +20,9 @@ std::string printable_lines(std::string_view text);
 // bytes as U+FFFD.
 std::string printable_json(std::string_view json);
 
+// Converts bytes that may not be UTF-8, such as a file name, to UTF-8: invalid bytes become "\xNN".
+std::string utf8(std::string_view bytes);
+
 // The number of characters in a UTF-8 text.
 std::size_t character_count(std::string_view text);
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -12,6 +13,11 @@ namespace zncctl {
 std::string error_text()
 {
     return std::generic_category().message(errno);
+}
+
+void throw_error(const std::string& object)
+{
+    throw std::runtime_error(object + ": " + error_text());
 }
 
 std::string read_error_text()
@@ -62,17 +68,6 @@ std::optional<std::string> read_file(const std::string& path, int dir)
             return std::nullopt;
         }
     }
-}
-
-bool write_all(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno != EINTR)
-            return false;
-        bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
-    }
-    return true;
 }
 
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting)

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 
+#include "base/file.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
@@ -29,8 +30,10 @@ std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD
 // The C library's message for errno.
 std::string error_text();
 
-// Writes everything to a descriptor; false with errno set.
-bool write_all(int fd, std::string_view bytes);
+// Throws std::runtime_error: "OBJECT: " and what the task error number says.
+[[noreturn]] void throw_error(const std::string& object);
+
+using znc::write_all;
 
 // Replaces the content of the file atomically; `lasting`: also syncs it. False with errno set.
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);

@@ -10,12 +10,14 @@
 #include <optional>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace zncctl {
 
 struct Descriptor {
     std::string media_type;
     std::string digest;
-    double size = -1; // -1: missing
+    std::int64_t size = -1; // -1: missing
 };
 
 struct Image {

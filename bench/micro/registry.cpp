@@ -1,4 +1,4 @@
-// registry.cpp - two of the inner loops: a look-up in the registry, and a walk through all of it.
+// registry.cpp - micro-benchmarks of the container registry: a lookup, and listing all containers.
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <vector>

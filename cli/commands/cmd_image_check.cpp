@@ -1,7 +1,7 @@
 #include "cli/images/image_settings.hpp"
 #include "cli/images/layer_check.hpp"
 #include "commands.hpp"
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
 #include "front/layout.hpp"
@@ -59,7 +59,7 @@ void check_blob(const std::string& layout, const Descriptor& blob, const std::st
 
 void look_at_settings(const Image& image, Verdict& verdict)
 try {
-    verdict.asked = asked_for(image.config_document.get());
+    verdict.asked = asked_for(image.config_document);
 } catch (const BadConfiguration& bad) {
     refuse(verdict, bad.what());
 }
@@ -69,21 +69,21 @@ Verdict check(const std::string& layout, const Image& image)
     Verdict verdict = {&image, {}, {}};
     if (!image.problem.empty())
         refuse(verdict, image.problem);
-    if (image.config_document != nullptr)
+    const bool configured = !image.config_document.is_null();
+    if (configured)
         look_at_settings(image, verdict);
-    const cJSON* ids =
-        any_case_member(any_case_member(image.config_document.get(), "rootfs"), "diff_ids");
-    if (image.config_document != nullptr &&
-        cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
+    const Json& ids =
+        children(any_case_member(any_case_member(image.config_document, "rootfs"), "diff_ids"));
+    if (configured && ids.size() != image.layers.size())
         refuse(verdict, "the configuration names another number of layers");
     // What is wrong with a layer that is named again and again is said once.
     std::set<std::string> seen;
-    const cJSON* id = ids != nullptr ? ids->child : nullptr;
-    for (std::size_t i = 0; i < image.layers.size(); i++, id = id != nullptr ? id->next : nullptr) {
+    auto id = ids.begin();
+    for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
-        const char* text = cJSON_GetStringValue(id);
-        const std::string diff_id = text != nullptr ? text : "";
-        if (is_digest(layer.digest) && // an invalid digest was reported above
+        const std::string* said = id != ids.end() ? text(&*id++) : nullptr;
+        const std::string diff_id = said != nullptr ? *said : "";
+        if (znc::is_digest(layer.digest) && // an invalid digest was reported above
             seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second)
             check_blob(layout, layer, diff_id, i + 1, verdict);
     }
@@ -114,30 +114,24 @@ std::string plain(const std::vector<Verdict>& verdicts)
 
 std::string json(const std::vector<Verdict>& verdicts)
 {
-    const Json list(cJSON_CreateArray());
+    Json list = Json::array();
     for (const Verdict& verdict : verdicts) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_text(entry, "tag", verdict.image->tag);
-        add_text(entry, "os", verdict.image->os);
-        add_text(entry, "architecture", verdict.image->arch);
-        add_text(entry, "digest", verdict.image->manifest.digest);
-        add_text(entry, "verdict", verdict.text());
-        cJSON* asked = cJSON_AddArrayToObject(entry, "asksFor");
-        for (const std::string& text : verdict.asked)
-            cJSON_AddItemToArray(asked, cJSON_CreateString(text.c_str()));
-        cJSON* findings = cJSON_AddArrayToObject(entry, "findings");
-        for (const auto& [layer, finding] : verdict.reports) {
-            cJSON* object = cJSON_CreateObject();
-            cJSON_AddItemToArray(findings, object);
-            add_number(object, "layer", static_cast<double>(layer));
-            cJSON_AddBoolToObject(object, "refused", finding.refused ? 1 : 0);
-            add_text(object, "what", finding.what);
-            add_number(object, "count", static_cast<double>(finding.count));
-            add_text(object, "first", finding.first);
-        }
+        Json findings = Json::array();
+        for (const auto& [layer, finding] : verdict.reports)
+            findings.push_back({{"layer", layer},
+                                {"refused", finding.refused},
+                                {"what", finding.what},
+                                {"count", finding.count},
+                                {"first", finding.first}});
+        list.push_back({{"tag", verdict.image->tag},
+                        {"os", verdict.image->os},
+                        {"architecture", verdict.image->arch},
+                        {"digest", verdict.image->manifest.digest},
+                        {"verdict", verdict.text()},
+                        {"asksFor", verdict.asked},
+                        {"findings", std::move(findings)}});
     }
-    return compact(list.get());
+    return compact(list);
 }
 
 } // namespace

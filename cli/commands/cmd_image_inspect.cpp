@@ -17,8 +17,8 @@ int zncctl::cmd_image_inspect(const Arguments& args)
     const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout); }));
     if (text == nullptr)
         return local_failure(errno, layout);
-    const Json document = parse_json(text.get());
-    if (document == nullptr)
+    const std::optional<Json> document = parse_json(text.get());
+    if (!document)
         return local_failure(EBADMSG, layout);
-    return print_json(pretty(document.get()));
+    return print_json(pretty(*document));
 }

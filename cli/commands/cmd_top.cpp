@@ -3,6 +3,7 @@
 #include "commands.hpp"
 #include "front/record.hpp"
 
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "zarnel/process_list.h"
@@ -30,18 +31,15 @@ std::vector<Process> processes_in(const std::string& pid_namespace)
 
 std::string json(const std::vector<Process>& processes)
 {
-    const Json list(cJSON_CreateArray());
-    for (const Process& process : processes) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_number(entry, "pid", process.info.pid);
-        add_number(entry, "containerPid", process.info.innerPid);
-        add_number(entry, "parent", process.info.parent);
-        add_text(entry, "state", std::string(1, process.info.state));
-        add_number(entry, "memoryKb", static_cast<double>(process.info.memoryKb));
-        add_text(entry, "command", process.command);
-    }
-    return compact(list.get());
+    Json list = Json::array();
+    for (const Process& process : processes)
+        list.push_back({{"pid", process.info.pid},
+                        {"containerPid", process.info.innerPid},
+                        {"parent", process.info.parent},
+                        {"state", std::string(1, process.info.state)},
+                        {"memoryKb", process.info.memoryKb},
+                        {"command", process.command}});
+    return compact(list);
 }
 
 } // namespace

@@ -14,8 +14,8 @@
 
 namespace zncctl {
 
-// The state document; null with errno as zncState sets it.
-Json state_of(const std::string& id);
+// The state document; empty with errno as zncState sets it.
+std::optional<Json> state_of(const std::string& id);
 
 // The status of a container. STATE_UNKNOWN with errno set if there is no such container or no
 // daemon. The daemon notices only when it is asked that a container has ended.
@@ -24,10 +24,10 @@ CONTAINER_STATUS status_of(const std::string& id);
 // The root directory that a bundle's config.json names, as a host path; "" if it names none.
 std::string root_of_bundle(const std::string& bundle);
 
-// The state documents of all containers, as an array; null with errno set if the daemon sends no
+// The state documents of all containers, as an array; empty with errno set if the daemon sends no
 // list. If the list does not fit into one reply, prints a warning and returns the containers that
 // zncctl's records and the storage base mention.
-Json all_states();
+std::optional<Json> all_states();
 
 // The ids of all containers in this state; nullopt with errno set if the daemon sends no list.
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);

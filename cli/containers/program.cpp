@@ -1,5 +1,6 @@
 #include "program.hpp"
 
+#include "config_check.hpp"
 #include "container.hpp"
 #include "front/files.hpp"
 
@@ -9,6 +10,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -149,12 +151,13 @@ struct ProgramFile {
 // The path of the container's program inside its root, and the file found there.
 ProgramFile program_file(const std::string& id)
 {
-    const Json state = state_of(id);
-    const std::string bundle = text_of(state.get(), "bundle");
-    const Json config = parse_json(read_file(bundle + "/config.json").value_or(""));
-    const cJSON* process = member(config.get(), "process");
-    const char* first = cJSON_GetStringValue(cJSON_GetArrayItem(member(process, "args"), 0));
-    ProgramFile program = {first != nullptr ? first : "", EINVAL, 0};
+    const Json state = state_of(id).value_or(Json());
+    const std::string bundle = text_of(state, "bundle");
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const Json* process = config ? member(*config, "process") : nullptr;
+    const Json& args = children(member(process, "args"));
+    const std::string* first = args.empty() ? nullptr : text(&*args.begin());
+    ProgramFile program = {first != nullptr ? *first : "", EINVAL, 0};
     if (!program.path.starts_with('/'))
         program.path = text_of(process, "cwd") + "/" + program.path;
     const std::string root_path = root_of_bundle(bundle);

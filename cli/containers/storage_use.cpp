@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -71,10 +72,14 @@ std::optional<std::vector<std::string>> bundles_of_containers()
     const znc::MallocPtr<char> text(call_library(zncList));
     if (text == nullptr)
         return std::nullopt;
-    const Json states = parse_json(text.get());
+    const std::optional<Json> states = parse_json(text.get());
+    if (!states) { // what is in use is not known then
+        errno = EBADMSG;
+        return std::nullopt;
+    }
     std::vector<std::string> bundles;
-    const cJSON* state = nullptr;
-    cJSON_ArrayForEach(state, states.get()) bundles.push_back(text_of(state, "bundle"));
+    for (const Json& state : children(&*states))
+        bundles.push_back(text_of(state, "bundle"));
     return bundles;
 }
 

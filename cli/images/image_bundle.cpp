@@ -1,8 +1,8 @@
 #include "image_bundle.hpp"
 
 #include "bundle_area.hpp"
+#include "front/blob.hpp"
 #include "front/container_id.hpp"
-#include "front/digest.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
 #include "front/progress.hpp"
@@ -116,7 +116,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"));
+            settle_configuration(image->config_document, args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -142,7 +142,7 @@ class Unpacking {
   public:
     Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
-          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document.get())
+          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document)
     {
     }
 
@@ -262,7 +262,7 @@ std::string private_name(const std::string& id)
     constexpr std::size_t kNameMax = 180;
     const std::string kept = kept_id(id);
     const bool plain = kept.size() <= kNameMax && !kept.starts_with('-');
-    return plain ? "of-" + kept : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
+    return plain ? "of-" + kept : "of--" + digest_of(kept).substr(kDigestPrefix);
 }
 
 // The directory name of a bundle that containers share. Its content is determined by the manifest,

@@ -2,8 +2,6 @@
 #ifndef ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 #define ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 
-#include "front/json.hpp"
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,7 +24,7 @@ struct ImageMount {
 };
 
 // Parses a key of "Volumes" with the library's own parser.
-ImageMount read_mount(const char* key);
+ImageMount read_mount(const std::string& key);
 
 // A description for messages, such as "the host's /a at /b".
 std::string text_of_mount(const ImageMount& mount);

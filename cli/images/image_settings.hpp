@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace zncctl {
 
 // A configuration that is rejected: what() is the reason, in one line.
@@ -22,7 +24,7 @@ class BadConfiguration : public std::runtime_error {
 
 // What the image requests apart from running its program: mounts, priority, root, ports, volumes.
 // One line each; throws BadConfiguration.
-std::vector<std::string> asked_for(const cJSON* configuration);
+std::vector<std::string> asked_for(const Json& configuration);
 
 struct SettledConfiguration {
     Json document;
@@ -32,7 +34,7 @@ struct SettledConfiguration {
 // Makes the configuration that is passed to the library. Of the mounts it keeps volumes and tmpfs
 // and, with `allow_mounts`, host directories, but never "dev", "suid", "rbind" or mount
 // propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts);
+SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts);
 
 // The annotation in config.json that lists the directories whose sticky bit is lost when the image
 // is extracted; see sticky.hpp. Labels of this name in an image are ignored.

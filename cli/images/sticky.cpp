@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "zarnel/fs.h"
 #include "zncontainer.h"
@@ -84,16 +85,20 @@ bool annotate_sticky(const std::string& bundle, const std::string& directories)
     const auto text = dir ? read_file(kConfig, dir.get()) : std::nullopt;
     if (!text)
         return false;
-    const Json config = parse_json(*text);
-    cJSON* annotations = cJSON_GetObjectItemCaseSensitive(config.get(), "annotations");
-    if (annotations == nullptr)
-        annotations = cJSON_AddObjectToObject(config.get(), "annotations");
-    if (!cJSON_IsObject(annotations)) {
+    std::optional<Json> config = parse_json(*text, nullptr, Annotations::kMayRepeat);
+    if (!config || !config->is_object()) {
         errno = EBADMSG;
         return false;
     }
-    add_text(annotations, kStickyAnnotation, directories);
-    return replace_file(dir.get(), kConfig, pretty(config.get()), true);
+    if (member(*config, "annotations") == nullptr)
+        append(*config, "annotations", Json::object());
+    Json& annotations = config->at("annotations");
+    if (!annotations.is_object()) {
+        errno = EBADMSG;
+        return false;
+    }
+    append(annotations, kStickyAnnotation, directories);
+    return replace_file(dir.get(), kConfig, pretty(*config), true);
 }
 
 bool set_sticky(const std::string& root, const std::string& directories)
@@ -111,8 +116,8 @@ bool restore_sticky(const std::string& id, const std::string& bundle)
     if (zncOvlFsAvailable() == FALSE)
         return true;
     const auto text = read_file(bundle + "/config.json");
-    const Json config = text ? parse_json(*text) : nullptr;
-    const cJSON* annotations = any_case_member(config.get(), "annotations");
+    const auto config = text ? parse_json(*text, nullptr, Annotations::kMayRepeat) : std::nullopt;
+    const Json* annotations = config ? any_case_member(*config, "annotations") : nullptr;
     const std::string directories = text_of(annotations, kStickyAnnotation);
     return directories.empty() || set_sticky(kOverlayDir + kept_id(id), directories);
 }

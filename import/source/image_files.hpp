@@ -4,7 +4,7 @@
 #define ZNC_IMPORT_SOURCE_IMAGE_FILES_HPP
 
 #include "archive.hpp"
-#include "front/digest.hpp"
+#include "format/digest.hpp"
 #include "spool.hpp"
 
 #include <map>
@@ -72,7 +72,7 @@ class ArchiveFiles : public ImageFiles {
 };
 
 // "sha256:" or "sha512:" with as many hexadecimal digits as that takes.
-using zncctl::is_digest;
+using znc::is_digest;
 
 // Reads documents as a whole, each held to its limit, its size (-1: not known) and digest ("": not
 // known). A few bytes of text make many in memory, and any number of images may name the same

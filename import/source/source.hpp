@@ -13,6 +13,8 @@
 #include <map>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 namespace zncimport {
 
 struct Layer {

@@ -14,7 +14,8 @@ SourcePtr docker_source(ImageFilesPtr files, const Limits& limits);
 SourcePtr rootfs_source(std::optional<FilePart> archive);
 
 // A document that must be an object (or an array). Throws Failure.
-zncctl::Json parse_document(const std::string& text, const std::string& name, bool array = false);
+zncctl::Json parse_document(const std::string& text, const std::string& name, bool array = false,
+                            zncctl::JsonNotes* notes = nullptr);
 
 // Takes the platform and the layers' plain digests from the configuration, where they fit; says in
 // `problem` if they do not.

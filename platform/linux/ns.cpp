@@ -1,5 +1,6 @@
 #include "zarnel/ns.h"
 
+#include "base/file.hpp"
 #include "keeper_link.hpp"
 #include "ns_entry.hpp"
 #include "ns_mount.hpp"
@@ -23,10 +24,10 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;          // keepers that end later are reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec; // limit for the programs of one namespace to end
-constexpr std::int64_t kKillAllNs = kNsPerSec; // the same for all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // the same for the keepers of all namespaces
+constexpr int kReapMilliseconds = 20;               // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // until the programs of one namespace are dead
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // until those of all namespaces are dead
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // until all keepers have ended
 constexpr std::size_t kBuckets = 256;
 
 struct Namespace {
@@ -34,8 +35,8 @@ struct Namespace {
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
-    bool recorded = false;   // the record with this id belongs to this namespace
-    bool ownsDevice = false; // the root is the container's own overlay device
+    bool recorded = false;   // this namespace has written its record
+    bool ownsDevice = false; // the root is the container's writable overlay device
     char root[kRootPathMax] = {};
     NamespaceMounts mounts;
 };
@@ -50,12 +51,13 @@ struct DestroyNamespace {
 };
 using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 
-// g_namespaces: the namespaces of this process. g_dying: those whose keeper was killed and has to
-// be reaped. g_lock protects both. It is held while a keeper is asked, which has a time limit.
+// The namespaces of this process, and those that have been deleted but whose keeper is not reaped
+// yet. One lock protects both. It is held during requests to keepers, which have a timeout.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
-std::int64_t g_killDeadline = 0; // until then ends what znnsKillAll killed; 0: it was not called
+std::int64_t g_killDeadline =
+    0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
 void reap_dying()
 {
@@ -101,7 +103,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// ESRCH means that the keeper has died; then there is nothing left to undo.
+// If the keeper is dead (ESRCH), the operation is already undone.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -115,7 +117,7 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// Only if the namespace has written it: a record of this id may belong to another process.
+// A record of this id may belong to another owner.
 void remove_record(Namespace& ns)
 {
     if (ns.recorded)
@@ -123,7 +125,7 @@ void remove_record(Namespace& ns)
     ns.recorded = false;
 }
 
-// Removes the namespace at `link` from its list and ends it.
+// Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
@@ -170,7 +172,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     const UniqueFd tree = detached_tree(rootPath, plan);
     if (!tree)
         return errno;
-    if (!is_directory(tree.get()))
+    if (!znc::is_directory(tree.get()))
         return ENOTDIR;
     wire::Request request = {};
     request.op = wire::Op::kRoot;
@@ -189,7 +191,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     return 0;
 }
 
-bool names_nothing(const char* destination)
+bool is_empty(const char* destination)
 {
     return destination == nullptr || *destination == '\0';
 }
@@ -215,7 +217,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
-    reap_dying(); // frees descriptors and processes that the new one may need
+    reap_dying(); // releases resources that the new namespace may need
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -242,8 +244,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
         overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
-    // Without a root the namespace is useless, and the caller will not delete it after this
-    // failure.
+    // Without a root the namespace is useless, and the caller will not delete it.
     if (error != 0)
         end_namespace(find_link(id));
     return result(error);
@@ -252,7 +253,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
                  const char* type, const char* const* options)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -266,7 +267,7 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
                   const char* destination, const char* /*type*/, const char* const* /*options*/)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
@@ -315,8 +316,8 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    // Open the pidfd before checking the process: from then on the id cannot be reused by another
-    // process without process_ended() noticing it.
+    // Open the pidfd first, then check the namespace by id. If the id is reused in between, the
+    // signal through the pidfd fails with ESRCH.
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))

@@ -19,7 +19,7 @@ using znc::UniqueFd;
 
 struct NamespaceMounts::Entry {
     Entry* next;
-    std::uint64_t id; // the mount id, by which the keeper finds the mount
+    std::uint64_t id; // mount id, by which the keeper recognises the mount
     char destination[kRootPathMax];
 };
 
@@ -48,7 +48,7 @@ bool is_directory(int fd)
 
 namespace {
 
-// The strings of a request, stored one after the other.
+// The strings of a request, concatenated.
 class TextBuffer {
   public:
     bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
@@ -77,7 +77,7 @@ class TextBuffer {
 int mount_tree(Keeper& keeper, const char* source, const char* destination, const MountPlan& plan,
                std::uint64_t* id)
 {
-    // A relative path would depend on the working directory of the daemon.
+    // A relative path would be resolved from the daemon's working directory.
     if (source == nullptr || *source != '/')
         return EINVAL;
     const UniqueFd tree = detached_tree(source, plan);
@@ -125,8 +125,7 @@ int NamespaceMounts::mount(Keeper& keeper, const char* source, const char* desti
     std::strcpy(entry->destination, destination);
     MountPlan plan;
     struct stat st;
-    // A relative source is not looked up: it counts as existing, so that mount_tree() rejects it if
-    // it is to be bind-mounted.
+    // A relative source counts as existing, so that it is treated as a bind and refused.
     const bool exists =
         source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
     int error = mount_plan_make(type, options, exists, plan);

@@ -1,6 +1,6 @@
-// ns_mount.hpp - the mounts of a namespace other than its root. They are prepared here, on the
-// host, and attached inside the root by the keeper (helper/keeper_mount.cpp). mount_plan parses the
-// options of a configured mount. Used by the namespace service.
+// ns_mount.hpp - the mounts of a namespace besides its root. Each is prepared here, on the host,
+// and attached by the keeper (helper/keeper_mount.cpp). Used by the namespace service. Configured
+// mounts are interpreted by mount_plan.
 #ifndef ZN_NS_MOUNT_HPP
 #define ZN_NS_MOUNT_HPP
 
@@ -12,13 +12,13 @@
 
 namespace zn {
 
-// Returns a detached clone of the mount tree at `path` (open_tree) with the attributes of the plan.
-// `path` is resolved only once, here. On failure the descriptor is invalid and errno is set.
+// A detached clone of the tree at `path` with the attributes of the plan. `path` is resolved only
+// here. Invalid with errno set on failure.
 znc::UniqueFd detached_tree(const char* path, const MountPlan& plan);
 
 bool is_directory(int fd);
 
-// mount() and unmount() return 0 or an errno value.
+// The mounts of one namespace. The functions return 0 or an error number.
 class NamespaceMounts {
   public:
     NamespaceMounts() = default;
@@ -28,8 +28,8 @@ class NamespaceMounts {
 
     int mount(Keeper& keeper, const char* source, const char* destination, const char* type,
               const char* const* options);
-    // Removes the newest mount at `destination`; EINVAL if there is none. ESRCH: the keeper has
-    // died; the entry is dropped in this case as well.
+    // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
+    // (ESRCH), the mount is removed from the list, too.
     int unmount(Keeper& keeper, const char* destination);
 
   private:

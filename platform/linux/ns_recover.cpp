@@ -14,7 +14,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr std::int64_t kRecoverNs = kNsPerSec; // time limit for all of them together to end
+constexpr std::int64_t kRecoverNs = kNsPerSec; // for all of them together
 
 void kill_recorded(nsid_t id, void* /*context*/)
 {
@@ -29,9 +29,8 @@ struct Recovery {
     int left;
 };
 
-// The keeper was killed, and the kernel kills every process in its namespace with it. It does not
-// end until a client has reaped the program it started there; the record is removed without waiting
-// for that any longer than the deadline.
+// The keeper and all processes in its namespace were killed. If the keeper has not ended at the
+// deadline, it waits for a client to reap its program.
 void forget_recorded(nsid_t id, void* context)
 {
     auto* recovery = static_cast<Recovery*>(context);
@@ -39,7 +38,7 @@ void forget_recorded(nsid_t id, void* context)
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (!keeper && !ns_record_is_void(errno)) {
         recovery->left++;
-        return; // the record stays for the next recovery
+        return; // the next recovery tries again
     }
     if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
         recovery->left++;
@@ -53,7 +52,7 @@ using namespace zn;
 
 int znnsRecover(void)
 {
-    // Kill all of them before waiting, so that they end in parallel.
+    // Kill all before waiting for any, so that the waits overlap.
     static_cast<void>(ns_record_each(kill_recorded, nullptr));
     Recovery recovery = {now_ns() + kRecoverNs, 0};
     ns_record_clear_unfinished();

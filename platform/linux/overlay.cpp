@@ -1,8 +1,10 @@
-// Overlay devices are overlayfs mounts on directories of /overlay. The layers of a read-only device
-// are recorded (overlay_stack), so that it can be mounted again after a reboot.
+// overlay.cpp - overlay devices: overlayfs mounts on the directories in /overlay. The layers of a
+// read-only device are recorded (overlay_stack.hpp), so that it can be mounted again after a
+// reboot.
 
 #include "zarnel/overlay.h"
 
+#include "base/file.hpp"
 #include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
@@ -27,26 +29,27 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
-constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // where it can be done later
+constexpr std::int64_t kLockTimeoutNs = 3 * kNsPerSec;
+constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // used if the work can be done later
 
-// The name below /overlay, or null for a path that is none of a device.
+// The name below /overlay, or null if the path is not that of a device.
 const char* device_name(const char* devName)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
     if (devName == nullptr || std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) != 0)
         return nullptr;
     const char* name = devName + prefix + 1;
-    const bool bad = *name == '\0' || std::strchr(name, '/') != nullptr ||
-                     std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-    return bad ? nullptr : name;
+    const bool invalid = *name == '\0' || std::strchr(name, '/') != nullptr ||
+                         std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+    return invalid ? nullptr : name;
 }
 
-// The directory of all devices, locked, so that one at a time makes or removes devices. A process
-// that is stopped while it has the lock must not stop the others: EBUSY in the end.
+// The directory of all devices, locked so that only one process at a time creates or removes
+// devices. The wait for the lock is limited (EBUSY), because the process that holds it may be
+// stopped.
 class Devices {
   public:
-    explicit Devices(std::int64_t wait = kTurnNs)
+    explicit Devices(std::int64_t wait = kLockTimeoutNs)
         : dir_(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
         const std::int64_t deadline = now_ns() + wait;
@@ -61,8 +64,8 @@ class Devices {
             ::nanosleep(&pause, nullptr);
         }
     }
-    // Closing alone would not give the lock back: a child that the calling process forked meanwhile
-    // has the same open file, for as long as it lives.
+    // Unlock explicitly: a child that the process has forked in the meantime shares the open file
+    // description, so closing alone would not release the lock.
     ~Devices()
     {
         const znc::ErrnoSaver keep;
@@ -81,7 +84,7 @@ class Devices {
 
 enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
 
-// What stands at `name`: a device is a directory that is the root of a mount.
+// What exists at `name`. A device is a directory that is a mount point.
 Node look(int devices, const char* name)
 {
     struct statx st = {};
@@ -100,7 +103,7 @@ Node look(int devices, const char* name)
     return fs.f_type == OVERLAYFS_SUPER_MAGIC ? Node::kWritable : Node::kForeign;
 }
 
-// Removes the bare directory of a device with its record.
+// Removes the unmounted directory of a device with its record.
 void remove_node(int devices, const char* name)
 {
     const znc::ErrnoSaver keep;
@@ -134,8 +137,8 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
-    // Where the kernel cannot prepare the work directory, for want of space for example, it makes
-    // the overlay read-only. It would be taken for an image's.
+    // If the kernel cannot prepare the work directory, for lack of space for example, it mounts the
+    // overlay read-only. The device would then be mistaken for a read-only one.
     if (attached && hasUpper && look(devices, name) != Node::kWritable) {
         detach(devices, name);
         errno = EROFS;
@@ -144,7 +147,7 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     return attached ? 0 : -1;
 }
 
-bool all_there(const char* const* dirs, uint32_t count)
+bool all_exist(const char* const* dirs, uint32_t count)
 {
     struct stat st;
     for (uint32_t i = 0; i < count; i++)
@@ -153,8 +156,9 @@ bool all_there(const char* const* dirs, uint32_t count)
     return true;
 }
 
-// Attaches a recorded device again. The node stays for the next try when that fails; it goes when
-// it is a container's, from before a reboot, or one whose layers are gone.
+// Mounts a recorded device again. On failure its directory stays for the next attempt. The
+// directory is removed if it has no record (a container's device from before a reboot) or if layers
+// are missing.
 int restore_stack(int devices, const char* name)
 {
     const UniqueFd node = open_node(devices, name);
@@ -170,7 +174,7 @@ int restore_stack(int devices, const char* name)
     uint32_t filled = 0;
     for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
         dirs[filled++] = dir;
-    if (count > 0 && all_there(dirs.get(), count))
+    if (count > 0 && all_exist(dirs.get(), count))
         return overlay_mount(node.get(), dirs.get(), count, false);
     remove_node(devices, name);
     return 0;
@@ -191,7 +195,8 @@ int restore_one(int devices, const char* name)
     return 0;
 }
 
-// Whether a device may be made at `name`; an abandoned writable one is taken out of the way.
+// Makes sure that a device can be created at `name`; detaches an abandoned writable device there.
+// Fails with EEXIST.
 int make_room(int devices, const char* devName, const char* name)
 {
     const Node node = look(devices, name);
@@ -208,8 +213,8 @@ bool is_abandoned(int devices, const char* devName, const char* name)
     return look(devices, name) == Node::kWritable && !ns_record_rooted_on(devName);
 }
 
-// Calls `visit(devices, name)` for every entry of the directory of all devices and counts those for
-// which it fails. -1 when they cannot be listed.
+// Calls `visit(devices, name)` for every entry of the directory of all devices. Returns the number
+// of failures, or -1 if the directory cannot be listed.
 int each_device(int devices, int (*visit)(int devices, const char* name))
 {
     const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
@@ -239,12 +244,12 @@ int overlay_device_detach(const char* devName, Detach which)
     const char* name = device_name(devName);
     if (name == nullptr)
         return 0;
-    const Devices devices(which == Detach::kOwn ? kShortTurnNs : 0);
+    const Devices devices(which == Detach::kOwn ? kShortLockTimeoutNs : 0);
     if (!devices)
         return errno == EBUSY ? -1 : 0;
-    const bool goes = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
-                                            : is_abandoned(devices.get(), devName, name);
-    return goes ? detach(devices.get(), name) : 0;
+    const bool shouldDetach = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
+                                                    : is_abandoned(devices.get(), devName, name);
+    return shouldDetach ? detach(devices.get(), name) : 0;
 }
 
 } // namespace zn
@@ -284,7 +289,7 @@ STATUS znOvlDevRemove(const char* devName)
 
 uint32_t znOvlDirsMax(void)
 {
-    return 500; // OVL_MAX_STACK of the kernel, which does not export it
+    return 500; // OVL_MAX_STACK in the kernel, which user space cannot query
 }
 
 STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
@@ -316,8 +321,8 @@ BOOL znOvlInit(void)
 {
     const znc::ErrnoSaver keep;
     struct stat st;
-    // The trees of containers are writable for whoever reaches them: only root may. A directory
-    // that was there before may have been open to all.
+    // The files of containers must be accessible to root only. An existing directory may have had
+    // another mode.
     if (overlay_supported() && ::mkdir(ZN_OVERLAY_DIR, 0700) != 0 && errno == EEXIST) {
         const UniqueFd devices(
             ::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -1,4 +1,4 @@
-// overlay_list.cpp - the devices that are attached, as the table of mounts has them.
+// overlay_list.cpp - lists the mounted devices from /proc/self/mountinfo.
 #include "zarnel/overlay.h"
 
 #include "base/owned.hpp"
@@ -17,7 +17,8 @@ struct FileCloser {
     }
 };
 
-// Blanks, line ends, commas and backslashes in a field of the table are octal: "\\040". In place.
+// Decodes octal escapes ("\\040") in place; the kernel uses them for spaces, newlines, commas and
+// backslashes in fields.
 void unescape(char* text)
 {
     char* out = text;
@@ -38,7 +39,7 @@ struct Stack {
     BOOL writable;
 };
 
-// "a:b:c", in which a colon or a backslash of a name has a backslash before it. In place.
+// Splits a list "a:b:c" in place. A colon or backslash in a name is preceded by a backslash.
 void add_list(Stack& stack, char* list)
 {
     char* out = list;
@@ -56,7 +57,8 @@ void add_list(Stack& stack, char* list)
     *out = '\0';
 }
 
-// The kernel lists lower directories in one option, or each in its own (since 6.8).
+// The kernel shows the lower directories in one option, or (since 6.8) each in an option of its
+// own.
 void add_option(Stack& stack, char* option)
 {
     constexpr char kList[] = "lowerdir=";
@@ -92,8 +94,8 @@ STATUS visit_line(char* line, ZN_OVL_DEV_VISIT visit, void* context)
         return OK;
     options++;
     options[std::strcspn(options, "\n")] = '\0';
-    const auto lower =
-        znc::malloc_array<const char*>(std::strlen(options) + 1); // no more names than bytes
+    const auto lower = znc::malloc_array<const char*>(std::strlen(options) +
+                                                      1); // an upper bound of the number of names
     if (!lower)
         return ERROR;
     Stack stack = {lower.get(), 0, FALSE};

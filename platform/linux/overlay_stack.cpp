@@ -16,7 +16,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each NUL-terminated, and a final NUL
+constexpr char kStackFile[] = ".zn-stack"; // NUL-terminated directories, then an empty string
 constexpr std::size_t kStackMax = 1024 * 1024;
 
 } // namespace
@@ -27,9 +27,10 @@ bool stack_write(int node, const char* const* dirs, std::uint32_t count)
         ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     bool written = static_cast<bool>(file);
     for (std::uint32_t i = 0; written && i < count; i++)
-        written = znc::write_whole(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
-    // The final NUL marks a complete record: a crash may leave a truncated one.
-    return written && znc::write_whole(file.get(), "", 1);
+        written = znc::write_all(file.get(), {dirs[i], std::strlen(dirs[i]) + 1});
+    // The terminating empty string shows that the record is complete; a crash may have truncated
+    // it.
+    return written && znc::write_all(file.get(), {"", 1});
 }
 
 void stack_remove(int node)
@@ -64,7 +65,7 @@ StackText stack_read(int node)
 
 UniqueFd stack_node(int devices, const char* name)
 {
-    // A non-recursive clone of the directory does not have the mounts below it.
+    // A non-recursive clone of the mount, in which nothing is mounted on `name`.
     const UniqueFd bare(static_cast<int>(::syscall(
         SYS_open_tree, devices, "", AT_EMPTY_PATH | OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC)));
     if (!bare)

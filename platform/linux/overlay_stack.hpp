@@ -1,6 +1,6 @@
-// overlay_stack.hpp - the record of a read-only overlay device: its layer directories, topmost
-// first, in a file in the directory that the device is mounted on. The mount hides the file as long
-// as the device is mounted. Used only by overlay.cpp, which holds the lock of the devices.
+// overlay_stack.hpp - the record of a read-only overlay device: its directories, the first on top,
+// in a file in the directory that the device is mounted on. The mount hides the file. Used by the
+// overlay devices only, which hold their lock.
 #ifndef ZN_OVERLAY_STACK_HPP
 #define ZN_OVERLAY_STACK_HPP
 
@@ -10,13 +10,14 @@
 
 namespace zn {
 
-// Writes the record in the mount point directory `node`. False with errno set.
+// Writes the record in the unmounted directory `node`. False with errno set.
 bool stack_write(int node, const char* const* dirs, std::uint32_t count);
 void stack_remove(int node);
 
-// NUL-terminated strings, one after the other, and a final NUL.
+// NUL-terminated strings followed by an empty one.
 struct StackText {
-    znc::MallocPtr<char[]> text; // null: errno is set, ENOENT if there is no complete record
+    znc::MallocPtr<char[]> text; // null on failure with errno set; ENOENT if the record does not
+                                 // exist or is incomplete
     std::size_t len = 0;
 
     [[nodiscard]] const char* first() const { return text.get(); }
@@ -25,8 +26,7 @@ struct StackText {
 };
 StackText stack_read(int node);
 
-// Opens the directory that the device `name` is mounted on, below the mount. Invalid with errno set
-// on failure.
+// The directory `name` below the mount of an existing device. Invalid with errno set.
 znc::UniqueFd stack_node(int devices, const char* name);
 
 } // namespace zn

@@ -1,4 +1,4 @@
-// process_list.cpp - processes as /proc shows them; see process_list.h.
+// process_list.cpp - processes from /proc; see process_list.h.
 #include "zarnel/process_list.h"
 
 #include "base/owned.hpp"
@@ -13,10 +13,11 @@
 namespace {
 
 constexpr std::size_t kStatusMax = 8192;
-constexpr std::size_t kCommandMax = std::size_t{64} * 1024; // longer ones are cut
+constexpr std::size_t kCommandMax = std::size_t{64} * 1024; // longer ones are truncated
 constexpr std::size_t kNameMax = 64;
 
-// Reads the beginning of a file of /proc and terminates it. Length, or 0 when there is nothing.
+// Reads up to size - 1 bytes of a file in /proc/PID and terminates them. Returns the length; 0 on
+// error.
 std::size_t read_start(pid_t pid, const char* name, char* buffer, std::size_t size)
 {
     char path[kNameMax];
@@ -33,7 +34,7 @@ std::size_t read_start(pid_t pid, const char* name, char* buffer, std::size_t si
     return len;
 }
 
-// What stands behind "Name:" in a status file; empty when there is no such line.
+// The text after "Name:" in a status file; empty if there is no such line.
 const char* line_of(const char* status, const char* name)
 {
     const std::size_t len = std::strlen(name);
@@ -74,7 +75,7 @@ void read_command(pid_t pid, const char* status, char* command)
     }
 }
 
-// A descriptive name of a link's target, cut to `size` bytes.
+// Reads the target of a link, truncated to `size` bytes.
 ssize_t read_link(const char* path, char* target, std::size_t size)
 {
     const ssize_t len = ::readlink(path, target, size - 1);
@@ -102,7 +103,7 @@ STATUS znProcessEach(const char* nameSpace,
     char name[kNameMax];
     errno = 0;
     while (const dirent* entry = ::readdir(dir.get())) {
-        const pid_t pid = std::atoi(entry->d_name); // 0 for what is no number
+        const pid_t pid = std::atoi(entry->d_name); // 0 if not a number
         if (pid <= 0 || znProcessNamespace(pid, name, sizeof name) != OK ||
             std::strcmp(name, nameSpace) != 0 ||
             read_start(pid, "status", status, sizeof status) == 0) {

@@ -71,8 +71,7 @@ int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode)
     if (!fd)
         return -1;
     // The file must survive a power failure once this function has returned.
-    if (znc::write_whole(fd.get(), text.get(), strlen(text.get())) && fsync(fd.get()) == 0 &&
-        fd.close_checked() == 0)
+    if (znc::write_all(fd.get(), text.get()) && fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return 0;
     const znc::ErrnoSaver keep;
     unlink(path);

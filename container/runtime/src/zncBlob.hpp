@@ -5,7 +5,6 @@
 #define ZNCBLOB_HPP
 
 #include "zncDigest.hpp"
-#include "zncDigestTask.hpp"
 
 #include <array>
 #include <cstddef>
@@ -29,6 +28,9 @@ class BlobReader {
     // Reads the next `count` bytes; fewer only at the end. The size is fixed when the file is
     // opened: bytes appended later are ignored. -1 on error.
     ssize_t read(void* buffer, std::size_t count);
+    // The next bytes in place, as many as there are in memory, valid until the next call: their
+    // number, 0 at the end, -1 on error.
+    ssize_t next(const unsigned char** bytes);
 
     static constexpr std::size_t kTailMax = 4;
     // Reads the last `len` bytes, up to kTailMax, before the rest of the file. verified() compares
@@ -39,16 +41,17 @@ class BlobReader {
     [[nodiscard]] bool verified();
 
   private:
-    void hash(const void* bytes, std::size_t len);
+    ssize_t fetch(unsigned char* bytes, std::size_t count);
     void note_tail(const unsigned char* bytes, std::size_t len);
 
     UniqueFd fd_;
     std::size_t size_ = 0;
-    std::size_t offset_ = 0;
+    std::size_t offset_ = 0; // bytes of the file that have been read and hashed
     const char* digest_ = nullptr;
     RunningDigest hash_;
-    DigestTask hash_thread_; // hashes large files in a separate thread
-    bool no_thread_ = false; // that thread could not be started
+    MallocPtr<unsigned char[]> piece_; // the last part of the file that was read
+    std::size_t pieceAt_ = 0;          // bytes of it that have been consumed
+    std::size_t pieceLen_ = 0;
     std::size_t tailLen_ = 0;
     std::array<unsigned char, kTailMax> tailAhead_ = {};
     std::array<unsigned char, kTailMax> tail_ = {};

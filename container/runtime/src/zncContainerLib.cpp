@@ -7,7 +7,7 @@
 
 namespace {
 
-using znc::fail_with;
+using znc::fail;
 using znc::LockedContext;
 
 constexpr std::size_t kIdBuffer = 256;
@@ -180,12 +180,12 @@ STATUS zncContainerInit()
 STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param)
 {
     if (param == nullptr)
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     const LockedContext ctx = lock_existing(containerId);
     if (!ctx)
         return ERROR;
     if (ctx->state.status != STATE_CREATED)
-        return fail_with(EBUSY);
+        return fail(EBUSY);
     const runtimeSpecConfigZarnel& zarnel = *ctx->pConfig->zarnel;
     const runtimeSpecConfigProcess& process = *ctx->pConfig->process;
     param->appPath = ctx->appPath;
@@ -223,17 +223,17 @@ STATUS zncContainerDelete(const char* containerId, unsigned int option)
     if (!ctx)
         return ERROR;
     if (ctx->state.status == STATE_CREATING)
-        return fail_with(EBUSY);
+        return fail(EBUSY);
     if (zncContainerCheckRunning(ctx.get())) {
         if ((option & ZNC_OPT_WHOLE_NAMESPACE) == 0)
-            return fail_with(EBUSY);
+            return fail(EBUSY);
         // Not awaited: taking the namespace apart ends whatever is still dying in it.
         if (znnsKill(ctx->nsId, kSignalKill) != OK)
             return ERROR;
     }
     if (zncContainerUmount(ctx.get()) != OK) {
         znc::send_progress("Unmount failed containerId: %s", containerId);
-        return fail_with(S_zncLib_UNMOUNT_FAILED);
+        return fail(S_zncLib_UNMOUNT_FAILED);
     }
     if (zncContainerRemove(ctx.get()) != OK)
         return ERROR;
@@ -255,13 +255,13 @@ STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle)
 STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState)
 {
     if (containerId == nullptr || pState == nullptr)
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     const ListLock list;
     if (!list)
         return ERROR;
     const LockedContext ctx(lock_if_free(containers.find(containerId)));
     if (!ctx)
-        return fail_with(ENODEV);
+        return fail(ENODEV);
     zncContainerCheckRunning(ctx.get());
     *pState = ctx->state;
     return OK;

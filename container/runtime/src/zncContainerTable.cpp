@@ -1,6 +1,8 @@
 // zncContainerTable.cpp - see zncContainerTable.hpp.
 #include "zncContainerTable.hpp"
 
+#include "base/failure.hpp"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -86,7 +88,7 @@ STATUS ContainerTable::add(CONTAINER_CTX* ctx) noexcept
 {
     const std::size_t place = place_of(ctx->state.containerId);
     if (has(place, ctx->state.containerId))
-        return fail_with(S_zncLib_CONTAINER_EXISTS);
+        return znc::fail(S_zncLib_CONTAINER_EXISTS);
     if (!have_room())
         return ERROR;
     Entry* const at = entries_.get() + place;

@@ -9,6 +9,7 @@
 #ifndef ZNCIMAGELIB_HPP
 #define ZNCIMAGELIB_HPP
 
+#include "base/failure.hpp"
 #include "zncDigest.hpp"
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
@@ -155,12 +156,6 @@ inline constexpr std::size_t kTextBound = 256;
 inline bool exists(const char* path)
 {
     return ::access(path, F_OK) == 0;
-}
-
-inline STATUS fail(int code)
-{
-    errno = code;
-    return ERROR;
 }
 
 // Adds `item` to `object`. The key is not copied and must outlive the object. A null item is an

@@ -2,6 +2,8 @@
 // the extractor.
 #include "zncLayerFindings.hpp"
 
+#include "base/failure.hpp"
+
 #include "zncBlob.hpp"
 #include "zncTarDryTree.hpp"
 
@@ -9,12 +11,6 @@
 #include <cstring>
 
 namespace {
-
-STATUS fail_with(int number)
-{
-    errno = number;
-    return ERROR;
-}
 
 // The name of the compression format, if it is one that the extractor does not support; recognised
 // by the first bytes of the file. Null: none of these.
@@ -100,11 +96,11 @@ STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diff
                      ZNC_LAYER_FUNC func, void* context)
 {
     if (layerFile == nullptr || func == nullptr)
-        return fail_with(EINVAL);
+        return znc::fail(EINVAL);
     znc::BlobReader blob;
     errno = 0;
     if (!blob.open(layerFile, digest))
-        return errno != 0 ? ERROR : fail_with(S_zncLib_MANIFEST_INVALID);
+        return errno != 0 ? ERROR : znc::fail(S_zncLib_MANIFEST_INVALID);
     znc::RunningDigest plain;
     errno = 0;
     const bool named = diffId != nullptr && plain.start(diffId);
@@ -122,12 +118,12 @@ STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diff
     findings.archive();
     if (!blob.verified()) {
         findings.add(ZNC_LAYER_DIGEST);
-        return fail_with(why == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
+        return znc::fail(why == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
     }
     if (status != OK)
-        return fail_with(why);
+        return znc::fail(why);
     if (diffId == nullptr || (named && plain.matches()))
         return OK;
     findings.add(ZNC_LAYER_DIFF_ID);
-    return fail_with(S_zncLib_CONFIG_INVALID);
+    return znc::fail(S_zncLib_CONFIG_INVALID);
 }

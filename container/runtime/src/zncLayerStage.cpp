@@ -16,7 +16,8 @@ constexpr std::size_t kStageLen = sizeof kStageName - 2; // without the "/" and 
 constexpr std::string_view kNewPrefix = ".new-";
 constexpr const char* kAreas[] = {"/layers", "/flattened", "/bundles"};
 
-bool is_directory(const char* path)
+// A directory itself, no link to one.
+bool is_own_directory(const char* path)
 {
     struct stat st = {};
     return ::lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
@@ -87,7 +88,7 @@ STATUS LayerStage::publish(const char* name)
         path_.reset();
         return OK;
     }
-    return (errno == EEXIST || errno == ENOTEMPTY) && is_directory(name) ? OK : ERROR;
+    return (errno == EEXIST || errno == ENOTEMPTY) && is_own_directory(name) ? OK : ERROR;
 }
 
 STATUS LayerStage::replace_with(const char* name)

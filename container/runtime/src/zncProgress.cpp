@@ -110,19 +110,21 @@ void progress_follow(const std::atomic<std::uint64_t>& position) noexcept
         report(at);
 }
 
+void progress_at(std::uint64_t position) noexcept
+{
+    // At the end comes the report of the whole layer, once it is extracted.
+    if (listening() && position > current.done && position < current.total)
+        report(position);
+    else if (!listening() && helper_position != nullptr)
+        *helper_position = position;
+}
+
 void progress_read(int fd) noexcept
 {
     if (!listening() && helper_position == nullptr)
         return;
     const ErrnoSaver keep;
-    // The end of the file is not reported here: LayerProgress::complete() does so once the layer is
-    // extracted.
-    const off_t at = ::lseek(fd, 0, SEEK_CUR);
-    const auto position = static_cast<std::uint64_t>(std::max<off_t>(at, 0));
-    if (!listening())
-        *helper_position = position;
-    else if (position > 0 && position < current.total)
-        report(position);
+    progress_at(static_cast<std::uint64_t>(std::max<off_t>(::lseek(fd, 0, SEEK_CUR), 0)));
 }
 
 } // namespace znc

@@ -53,7 +53,10 @@ class ProgressHelper {
 // Counts a member that was not extracted as the archive describes it.
 void progress_left_out() noexcept;
 
-// To be called after reading from the archive's descriptor; leaves errno unchanged.
+// To be called after reading from the archive: `position` is the number of bytes read so far.
+// progress_read() takes it from the offset of the archive's descriptor, and only if progress is
+// reported. Both leave errno unchanged.
+void progress_at(std::uint64_t position) noexcept;
 void progress_read(int fd) noexcept;
 
 } // namespace znc

@@ -149,7 +149,7 @@ bool TextList::write_beside(const char* path, PathText* temporary) const
     UniqueFd fd(::mkstemp(temporary->get()));
     if (!fd)
         return false;
-    if (write_whole(fd.get(), text_.get(), len_) && write_whole(fd.get(), "", 1) &&
+    if (write_all(fd.get(), {text_.get(), len_}) && write_all(fd.get(), {"", 1}) &&
         ::fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return true;
     const ErrnoSaver keep;

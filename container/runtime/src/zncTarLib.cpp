@@ -1,10 +1,12 @@
 // zncTarLib.cpp - reads the blocks of an archive and runs the extraction.
 #include "zncTarLib.hpp"
 
+#include "base/file.hpp"
 #include "zncBlob.hpp"
 #include "zncGzLib.hpp"
 #include "zncLayerFindings.hpp"
 #include "zncProgress.hpp"
+#include "zncReadAhead.hpp"
 
 #include <climits>
 #include <fcntl.h>
@@ -15,6 +17,7 @@ using znc::kTarBlock;
 namespace {
 
 constexpr std::size_t kDefaultBlocks = 20;
+constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task that reads them
 
 ssize_t read_source(MT_TAR_SOFT& ctrl, std::size_t wanted)
 {
@@ -106,12 +109,6 @@ STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
     return extract_members(ctrl);
 }
 
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
 
 // `ctrl` must have the source and the options of the run. Afterwards ctrl.lacking is set if members
@@ -142,7 +139,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
         errno = EINVAL;
         return ERROR;
     }
-    if (!is_directory(targetDir))
+    if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
@@ -153,6 +150,11 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.fd = gz != nullptr ? 0 : file.get();
     return extract(targetDir, bfactor, ctrl);
+}
+
+static ssize_t read_blob(void* blob, void* buffer, std::size_t count)
+{
+    return static_cast<znc::BlobReader*>(blob)->read(buffer, count);
 }
 
 STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
@@ -168,6 +170,10 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     MT_TAR_SOFT ctrl{};
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.blob = &blob;
+    ReadAhead ahead;
+    if (blob.size() >= kWorthwhile &&
+        (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob)))
+        ctrl.tc = ahead.source();
     ctrl.run = run;
     const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)

@@ -169,7 +169,8 @@ STATUS extract_symlink(const MT_TAR_SOFT& ctrl, const MT_HBLOCK& block, const ch
     return znc::tar_make_symlink(ctrl, target, znc::tar_member_name(last));
 }
 
-bool write_all(int fd, const void* bytes, std::size_t count)
+// A short write is a failure.
+bool write_at_once(int fd, const void* bytes, std::size_t count)
 {
     ssize_t n;
     do {
@@ -195,7 +196,7 @@ bool copy_data(MT_TAR_SOFT& ctrl, int fd, tar_size_t size)
             return false;
         const auto taken = static_cast<unsigned int>(n);
         const std::size_t count = std::min(taken * kTarBlock, left);
-        if (fd >= 0 && !write_all(fd, data, count))
+        if (fd >= 0 && !write_at_once(fd, data, count))
             return false;
         left -= count;
         blocks -= taken;

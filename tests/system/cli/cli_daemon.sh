@@ -19,7 +19,7 @@ expect 'further arguments are a usage error' 64 '' "$usage"
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
 rm /tmp/zncd.copy
-expect 'it needs root and says so' 1 '' "zncd: error: namespaces and mounts are root's; run it as root"
+expect 'it needs root and says so' 1 '' "zncd: error: must be run as root: namespaces and mounts require it"
 check 'without root it leaves nothing' test ! -e /run/zarnel
 mount -o remount,ro /run
 run "$ZNCD"
@@ -92,7 +92,7 @@ stop_daemon KILL
 check 'a killed daemon takes its containers along' eventually not program_lives
 start_daemon
 check 'a new one serves' alive
-check 'and says what it found' grep -q 'the daemon before this one died' "$work/zncd.log"
+check 'and says what it found' grep -q 'the previous daemon died' "$work/zncd.log"
 check 'nothing of the old one is left' eventually nothing_left
 run zncctl list -f json
 expect 'it knows no containers' 0 '[]' ''
@@ -128,7 +128,7 @@ mkdir -p "$work/base"
 chown 1000 "$work/base"
 ZNC_BASE=$work/base run "$ZNCD"
 expect 'a storage base of another user stops it' 1 '' \
-    "zncd: error: needed and not there: a storage base that no other user can write to (ZNC_BASE): $work/base belongs to another user"
+    "zncd: error: missing requirement: a storage base that no other user can write to (ZNC_BASE): $work/base belongs to another user"
 ZNC_BASE=$work/base run "$ZNCD" check
 check 'and check tells' grep -qx "no   a storage base .*: $work/base belongs to another user" "$work/out"
 check 'with a failure' test "$status" = 1
@@ -147,7 +147,7 @@ check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
 check 'a requirement that is not met is told' test "$status" = 1
-check 'with what comes of it' grep -qx "no   root: namespaces and mounts are root's" "$work/out"
+check 'with what comes of it' grep -qx "no   root: namespaces and mounts require it" "$work/out"
 
 if command -v strace >/dev/null; then
     # The leak sanitizer does not work below strace.
@@ -155,12 +155,12 @@ if command -v strace >/dev/null; then
         -e inject=pidfd_open:error=ENOSYS)
     run "${lacking[@]}" "$ZNCD" check
     check 'a call that the kernel lacks is named' grep -qx \
-        'no   process descriptors (pidfd_open): a number used again would be another process' \
+        'no   process descriptors (pidfd_open): a reused process id could refer to another process' \
         "$work/out"
     check 'and is a failure' test "$status" = 1
     run "${lacking[@]}" "$ZNCD"
     expect 'without it the daemon does not begin to serve' 1 '' \
-        'zncd: error: needed and not there: process descriptors (pidfd_open): a number used again would be another process'
+        'zncd: error: missing requirement: process descriptors (pidfd_open): a reused process id could refer to another process'
 else
     printf 'skipped: strace is not installed, no missing call is tried\n'
 fi
@@ -195,7 +195,7 @@ JOURNAL_STREAM=1:2 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/z
 rm /tmp/zncd.copy
 check 'the journal gets the level in front' grep -q '^<3>zncd: error: ' "$work/err"
 NOTIFY_SOCKET=$work/nobody start_daemon
-check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: .*/nobody cannot be told' \
+check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: cannot notify .*/nobody of' \
     "$work/zncd.log"
 stop_daemon
 check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"
@@ -216,7 +216,7 @@ check 'without the option nothing is urgent' test "$(nice_values | tr '\n' ' ')"
 zncctl create again "$work/urgent"
 zncctl create once-more "$work/urgent"
 stop_daemon
-check 'which is said once' test "$(grep -c 'asks for the urgent priority 0 and gets the normal one' \
+check 'which is said once' test "$(grep -c 'asks for the urgent priority 0 but runs at normal priority' \
     "$work/zncd.log")" = 1
 check 'with the container and the option' grep -q '^zncd: warning: container web .* --allow-urgent$' \
     "$work/zncd.log"

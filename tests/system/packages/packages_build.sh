@@ -14,11 +14,16 @@ done
 count() { find debs -name '*.deb' | wc -l; }
 check 'there are no others' prints 4 count
 
+# The changelog's version is that of the project, and of all packages.
+version=$(sed -n '1s/.*(\(.*\)).*/\1/p' "$source_dir/packaging/debian/changelog")
+project_version() { sed -n 's/^CMAKE_PROJECT_VERSION:.*=//p' CMakeCache.txt; }
+check 'the changelog ends with the version of the project' prints "${version%-*}" project_version
+
 field() { dpkg-deb --field debs/"$1"_*.deb "$2" | tr ',' '\n' | sed 's/^ *//' | grep -E "$3"; }
 check 'the tools need the library of their version' \
-    prints 'libzncontainer1 (= 1.0.0-1)' field zncontainer-tools Depends '^libzncontainer1 '
+    prints "libzncontainer1 (= $version)" field zncontainer-tools Depends '^libzncontainer1 '
 check 'the development files need the library of their version' \
-    prints 'libzncontainer1 (= 1.0.0-1)' field libzncontainer-dev Depends '^libzncontainer1 '
+    prints "libzncontainer1 (= $version)" field libzncontainer-dev Depends '^libzncontainer1 '
 needs_archives() { dpkg-deb --field debs/"$1"_*.deb Depends | grep -o libarchive13; }
 check 'only the import needs libarchive' prints libarchive13 needs_archives zncontainer-import
 for package in libzncontainer1 zncontainer-tools; do
@@ -26,7 +31,19 @@ for package in libzncontainer1 zncontainer-tools; do
 done
 shlibs() { dpkg-deb --ctrl-tarfile debs/libzncontainer1_*.deb | tar -xO ./shlibs; }
 check 'programs linked with the library need its package' \
-    prints 'libzncontainer 1 libzncontainer1 (>= 1.0.0-1)' shlibs
+    prints "libzncontainer 1 libzncontainer1 (>= $version)" shlibs
+
+# Packed again, later, in another directory.
+packed_alike() {
+    local deb compared=0
+    cpack -D CPACK_OUTPUT_FILE_PREFIX="$work/again" || return
+    for deb in debs/*.deb; do
+        cmp "$deb" "$work/again/${deb#debs/}" || return
+        compared=$((compared + 1))
+    done
+    [[ $compared -eq 4 ]]
+}
+check 'packed again they are the same bytes' packed_alike
 
 check 'lintian finds no errors' lintian --allow-root --fail-on error debs/*.deb
 binaries() {

@@ -10,28 +10,54 @@ check 'the development files are installed' install_component "$prefix" dev
 libdir=$(dirname "$(find "$prefix" -name libzncontainer.so)")
 export LD_LIBRARY_PATH=$libdir
 
-# header NAME STANDARD FLAGS...: both headers, each alone and twice, for each compiler that is there.
-warnings=(-Wall -Wextra -Wpedantic -Werror -fsyntax-only "-I$prefix/include")
-header() {
-    local header=$1 standard=$2 language compiler
+# compiled STANDARD FLAGS...: the standard input, by each compiler that is there.
+warnings=(-pedantic -Wall -Wextra -Werror -fsyntax-only "-I$prefix/include")
+compiled() {
+    local standard=$1 language=c compiler source=$work/source
     local compilers=(cc clang)
-    language=c
     if [[ $standard == c++* ]]; then
         language=c++ compilers=(c++ clang++)
     fi
-    shift 2
+    cat >"$source"
     for compiler in "${compilers[@]}"; do
         command -v "$compiler" >/dev/null || continue
-        printf '#include <%s>\n#include <%s>\nint used;\n' "$header" "$header" |
-            "$compiler" -x "$language" "-std=$standard" "${warnings[@]}" "$@" - || return
+        "$compiler" -x "$language" "-std=$standard" "${warnings[@]}" "${@:2}" "$source" || return
     done
 }
+# header NAME STANDARD FLAGS...: one header, alone and twice.
+header() { printf '#include <%s>\n#include <%s>\nint used;\n' "$1" "$1" | compiled "${@:2}"; }
 for file in zncontainer.h zncprotocol.h; do
-    check "$file is C99" header "$file" c99 -Wc++-compat
-    check "$file is C11" header "$file" c11 -Wc++-compat
-    check "$file is C++11" header "$file" c++11
-    check "$file is C++20" header "$file" c++20
+    for standard in c89 c99 c11 c17 c2x; do
+        check "$file is $standard" header "$file" "$standard" -Wc++-compat
+    done
+    for standard in c++98 c++03 c++11 c++14 c++17 c++20 c++2b; do
+        check "$file is $standard" header "$file" "$standard"
+    done
 done
+
+# Others define these names, too: the same values are taken, others are not mixed up with ours.
+defined() {
+    printf '#define %s\n' "$@"
+    printf '#include <zncontainer.h>\nint used;\n'
+}
+same_results() { defined 'OK (0)' 'ERROR -1' 'TRUE (1 == 1)' 'FALSE 0' | compiled c99; }
+other_results() { defined "$1" | compiled c99; }
+check 'results that another header defined alike are taken' same_results
+for other in 'OK 1' 'ERROR 0' 'TRUE 2' 'FALSE 1'; do
+    check "'$other' of another header is refused" not other_results "$other"
+done
+
+# A result that must not be lost is asked for, with every compiler.
+ignored() { printf '#include <zncontainer.h>\nvoid f(void);\nvoid f(void) { %s; }\n' "$1" | compiled "$2"; }
+for standard in c89 c11 c++98 c++20; do
+    check "$standard: an ignored create is warned of" not ignored 'zncCreate("a", "b", 0, NULL)' "$standard"
+    check "$standard: an ignored delete is not" ignored 'zncDelete("a", 0)' "$standard"
+done
+
+# The version, without any build system: the header, the library and pkg-config have the same.
+version_of_header() { printf '#include <zncontainer.h>\nZNC_VERSION\n' | cc -E "-I$prefix/include" - | tail -n 1; }
+version=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --modversion zncontainer)
+check 'the header has the version of the package' prints "\"${version//./\" \".\" \"}\"" version_of_header
 
 consumer=$source_dir/tests/packages/consumer
 configure() {

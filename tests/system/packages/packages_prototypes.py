@@ -8,7 +8,7 @@ import sys
 
 def normal(text):
     """One spelling for a declaration: where spaces and stars stand does not matter."""
-    text = re.sub(r"__attribute__.*", "", text)
+    text = re.sub(r"ZNC_PRINTF_LIKE.*", "", text)
     text = re.sub(r"\s+", " ", text).strip()
     text = re.sub(r"\s*\*\s*", "*", text)
     return re.sub(r"\s*([(),])\s*", r"\1", text)
@@ -28,6 +28,7 @@ def main():
     for header in pathlib.Path(sys.argv[1]).glob("*.h"):
         text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.S)
         text = re.sub(r"^\s*#.*$", "", text, flags=re.M)
+        text = re.sub(r"^ZNC_NODISCARD ", "", text, flags=re.M)
         headers |= declarations(text)
     pages = {}
     for name in sys.argv[2:]:

@@ -37,12 +37,12 @@ std::string configuration(const std::string& section, const std::string& extra =
 SettledConfiguration settled(const std::string& section, bool allow = false,
                              const std::string& extra = "")
 {
-    return settle_configuration(parse_json(configuration(section, extra)).get(), allow);
+    return settle_configuration(parse_json(configuration(section, extra)).value(), allow);
 }
 
 std::string section_of(const SettledConfiguration& settled)
 {
-    return compact(member(settled.document.get(), "config"));
+    return compact(*member(settled.document, "config"));
 }
 
 std::string refusal(const std::string& section)
@@ -131,7 +131,7 @@ TEST(SettledConfiguration, CutsAnUrgentPriority)
     const auto of = [](const std::string& value, const std::string& name = "rtpPriority") {
         const SettledConfiguration made =
             settled(R"({"Labels":{"com.quenmark.zarnel.rtp.)" + name + R"(":")" + value + R"("}})");
-        const cJSON* labels = member(member(made.document.get(), "config"), "Labels");
+        const Json* labels = member(member(made.document, "config"), "Labels");
         return text_of(labels, ("com.quenmark.zarnel.rtp." + name).c_str()) +
                (made.notes.empty() ? "" : " said");
     };
@@ -165,7 +165,7 @@ TEST(SettledConfiguration, MakesOneAnnotationOfEachName)
         R"({"ExposedPorts":{"80/tcp":{},"443/tcp":{}},"StopSignal":"TERM","Labels":{
             "org.opencontainers.image.created":"label","zncontainer.sticky-directories":"/forged"}})",
         false, R"(,"created":"member","author":"a")");
-    EXPECT_EQ(compact(member(member(made.document.get(), "config"), "Labels")),
+    EXPECT_EQ(compact(*member(member(made.document, "config"), "Labels")),
               R"({"org.opencontainers.image.created":"label",)"
               R"("org.opencontainers.image.author":"a",)"
               R"("org.opencontainers.image.stopSignal":"TERM",)"
@@ -175,7 +175,7 @@ TEST(SettledConfiguration, MakesOneAnnotationOfEachName)
 TEST(AskedFor, ListsWhatIsBeyondRunningAProgram)
 {
     const auto of = [](const std::string& section) {
-        return asked_for(parse_json(configuration(section)).get());
+        return asked_for(parse_json(configuration(section)).value());
     };
     EXPECT_EQ(of(R"({"User":"1000"})"), Texts{});
     EXPECT_EQ(of(R"({"Volumes":{"/data":{},"/:/h":{}},"ExposedPorts":{"80/tcp":{}},
@@ -207,7 +207,7 @@ TEST(Sticky, ListIsAnAnnotationOfTheBundle)
     const auto annotated = [&](const std::string& config) {
         layout::write_file(dir / "config.json", config);
         EXPECT_TRUE(annotate_sticky(dir.path(), "/tmp:/a")) << config;
-        return compact(parse_json(read_file(dir / "config.json").value()).get());
+        return compact(parse_json(read_file(dir / "config.json").value()).value());
     };
     EXPECT_EQ(
         annotated(R"({"root":{"path":"/r"}})"),

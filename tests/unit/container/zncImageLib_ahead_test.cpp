@@ -17,23 +17,12 @@
 #include <set>
 #include <thread>
 
-#include <mbedtls/version.h>
 #include <pthread.h>
 #include <sys/wait.h>
 
-// Before 3.0 the call that reports a failure has a name of its own.
-#if MBEDTLS_VERSION_NUMBER < 0x03000000
-#define REAL_FINISH __real_mbedtls_sha256_finish_ret
-#define WRAP_FINISH __wrap_mbedtls_sha256_finish_ret
-#else
-#define REAL_FINISH __real_mbedtls_sha256_finish
-#define WRAP_FINISH __wrap_mbedtls_sha256_finish
-#endif
-
 extern "C" {
-struct mbedtls_sha256_context;
-int REAL_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
-int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
+bool __real_znc_sha256_finish(znc::ShaContext* context, unsigned char* out);
+bool __wrap_znc_sha256_finish(znc::ShaContext* context, unsigned char* out);
 int __real_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
                           void* arg);
 int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
@@ -559,11 +548,11 @@ TEST_F(Ahead, AnExtractionThatIsCalledOffEndsEarly)
     EXPECT_TRUE(names_in(store_).empty());
 }
 
-int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out)
+bool __wrap_znc_sha256_finish(znc::ShaContext* context, unsigned char* out)
 {
     if (before_verdict)
         before_verdict();
-    return REAL_FINISH(ctx, out);
+    return __real_znc_sha256_finish(context, out);
 }
 
 int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
