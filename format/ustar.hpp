@@ -1,5 +1,6 @@
-// ustar.hpp - the header of a tar archive's member and the rules for its numbers, for whoever reads
-// or writes archives. Left out: names, which the extractor and the importer treat differently.
+// ustar.hpp - the header of a member of a tar archive and the encoding of its numbers, for code
+// that reads or writes archives. Names are not handled here: the extractor and the importer treat
+// them differently.
 #ifndef ZNC_FORMAT_USTAR_HPP
 #define ZNC_FORMAT_USTAR_HPP
 
@@ -10,7 +11,7 @@
 
 namespace znc {
 
-// Texts fill their fields with or without a NUL at the end; numbers are octal text.
+// A string that fills its field has no NUL; numbers are octal digits.
 struct UstarHeader {
     char name[100];
     char mode[8];
@@ -29,14 +30,15 @@ struct UstarHeader {
     char minor[8];
     char prefix[155];
 };
-inline constexpr std::size_t kTarBlock = 512; // a header is padded to one
+inline constexpr std::size_t kTarBlock = 512; // a header is padded to a whole block
 static_assert(sizeof(UstarHeader) == 500 && alignof(UstarHeader) == 1);
 
 inline constexpr char kUstarMagic[sizeof(UstarHeader::indicator)] = "ustar"; // NUL included
 inline constexpr char kUstarVersion[] = {'0', '0'};
 inline constexpr std::uint64_t kTarSizeMax = UINT32_MAX; // the extractor counts in 32 bits
 
-// Whether a header's name begins with its prefix: other formats use those bytes for something else.
+// Whether `prefix` is to be put before the name. Other tar formats use these bytes for other
+// things.
 inline bool tar_has_prefix(const UstarHeader& header) noexcept
 {
     return header.prefix[0] != '\0' &&
@@ -44,15 +46,15 @@ inline bool tar_has_prefix(const UstarHeader& header) noexcept
                std::string_view(kUstarMagic, sizeof kUstarMagic);
 }
 
-// What a field holds up to its first NUL.
+// The contents of a field up to its first NUL.
 template <std::size_t N> std::string_view tar_text(const char (&field)[N]) noexcept
 {
     const std::string_view whole(field, N);
     return whole.substr(0, whole.find('\0'));
 }
 
-// An octal number as scanf reads it ("%o"): leading blanks, a sign, digits up to the first other
-// character or the end of the field. False when there is none; `value` is then untouched.
+// Parses an octal number as scanf("%lo") does: leading blanks, a sign, digits up to the first other
+// character or the end of the field. False if there are no digits; `value` is then unchanged.
 inline bool tar_octal(std::string_view field, unsigned long& value) noexcept
 {
     std::size_t at = 0;
@@ -75,20 +77,21 @@ template <std::size_t N> bool tar_octal(const char (&field)[N], unsigned long& v
     return tar_octal(std::string_view(field, N), value);
 }
 
-// The largest number that fits into a field of so many bytes, whose last one stays NUL.
+// The largest number that fits into a field of `field` bytes, the last of which is a NUL.
 constexpr std::uint64_t tar_octal_max(std::size_t field) noexcept
 {
     return (std::uint64_t{1} << (3 * (field - 1))) - 1;
 }
 
-// Writes such a number with leading zeros.
+// Writes the number with leading zeros, leaving the last byte of the field unchanged.
 inline void tar_put_octal(std::span<char> field, std::uint64_t number) noexcept
 {
     for (std::size_t i = field.size() - 1; i-- > 0; number >>= 3U)
         field[i] = static_cast<char>('0' + (number & 7U));
 }
 
-// The sum of unsigned bytes. A header's own sum is that of its block with blanks in `chksum`.
+// The sum of all bytes as unsigned. The checksum of a header is the sum of its block while `chksum`
+// holds blanks.
 inline std::uint32_t tar_sum(const void* bytes, std::size_t count) noexcept
 {
     std::uint32_t sum = 0;

@@ -1,6 +1,6 @@
-// command.hpp - one command of a command line: its name, options and operands. The parser, usage
-// lines and help texts are made from it. zncctl has a table of them (cli/commands/commands.cpp);
-// the program that `zncctl import` runs has one.
+// command.hpp - describes one command: its name, options and operands. The parser, the usage lines
+// and the help texts work from this description. zncctl has a table of commands
+// (cli/commands/commands.cpp), zncctl-import has a single one.
 #ifndef ZNC_FRONT_COMMAND_HPP
 #define ZNC_FRONT_COMMAND_HPP
 
@@ -14,19 +14,19 @@
 
 namespace zncctl {
 
-// What stands where a word is expected, for completion.
+// What kind of word is expected, for completion.
 enum class Word { kAny, kDirectory, kFile, kContainer, kSignal, kChoice };
 
 struct Option {
     char letter;       // 0: none
     const char* name;  // without the dashes; the key in Arguments
-    const char* value; // what its value is called in the usage line; null: a flag
+    const char* value; // name of its value in the usage line; null: a flag
     const char* help;
     Word word = Word::kAny;
-    const char* choices = ""; // of Word::kChoice, separated by blanks
+    const char* choices = ""; // for Word::kChoice, separated by blanks
 };
 
-// What the user gave, checked against the command's row.
+// The options and operands that the user gave, checked against the command's description.
 class Arguments {
   public:
     void add_option(const std::string& name, std::string value)
@@ -37,7 +37,7 @@ class Arguments {
 
     [[nodiscard]] bool has(const std::string& name) const { return options_.contains(name); }
 
-    // The value of an option, or `absent`. The last of several counts.
+    // The value of an option, or `absent`. If it is given several times, the last one is used.
     [[nodiscard]] const char* value(const std::string& name, const char* absent = nullptr) const
     {
         const auto found = options_.find(name);
@@ -56,19 +56,19 @@ class Arguments {
     std::vector<std::string> operands_;
 };
 
-inline constexpr std::size_t kMany = SIZE_MAX; // as many operands as there are
+inline constexpr std::size_t kMany = SIZE_MAX; // no upper limit
 
 struct Command {
-    const char* name;      // "image inspect": words as they are typed
+    const char* name;      // for example "image inspect"
     const char* aliases;   // other names, separated by blanks
     const char* arguments; // operands as the usage line shows them
     const char* help;
     std::span<const Option> options;
     std::size_t min_operands;
     std::size_t max_operands;
-    Word word; // what the operands are
+    Word word; // what kind of words the operands are
     const char* choices;
-    int (*run)(const Arguments& args); // returns the exit status; null where another program has it
+    int (*run)(const Arguments& args); // returns the exit status; null in zncctl-import
 };
 
 } // namespace zncctl

@@ -1,5 +1,4 @@
-// container_id.hpp - container ids where they become names of files. Used by record, store and
-// sticky.
+// container_id.hpp - container ids as file names. Used by record, image_bundle and sticky.
 #ifndef ZNC_FRONT_CONTAINER_ID_HPP
 #define ZNC_FRONT_CONTAINER_ID_HPP
 
@@ -8,7 +7,7 @@
 
 namespace zncctl {
 
-// What the library takes for an id, and so one name in a directory.
+// Whether the library accepts the id. Such an id is also a valid file name.
 inline bool is_container_id(std::string_view id)
 {
     constexpr std::size_t kIdMax = 255;
@@ -16,7 +15,7 @@ inline bool is_container_id(std::string_view id)
            id.find_first_of(std::string_view("/\\\0", 3)) == id.npos;
 }
 
-// Of an id as long as ids may be the daemon keeps all bytes but the last.
+// The id as the daemon stores it: at most 254 bytes, although it accepts 255.
 inline std::string kept_id(const std::string& id)
 {
     return id.substr(0, 254);

@@ -6,15 +6,15 @@
 namespace zncctl {
 namespace {
 
-constexpr char32_t kNone = 0xffffffff; // what is no character
+constexpr char32_t kInvalid = 0xffffffff; // not a valid character
 
 struct Character {
-    char32_t code = kNone;
+    char32_t code = kInvalid;
     std::size_t bytes = 1;
 };
 
-// The character that a text, which is not empty, begins with. Neither a longer form than needed
-// nor half of a surrogate pair is one.
+// Decodes the first character of a text that is not empty. Overlong forms and surrogates are
+// invalid.
 Character first_character(std::string_view text)
 {
     const auto lead = static_cast<unsigned char>(text[0]);
@@ -30,9 +30,9 @@ Character first_character(std::string_view text)
             return {};
         code = (code << 6U) | (next & 0x3fU);
     }
-    constexpr std::array<char32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};
+    constexpr std::array<char32_t, 5> kMinCode = {0, 0, 0x80, 0x800, 0x10000};
     const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    if (code < kLeast[bytes] || code > 0x10ffff || surrogate)
+    if (code < kMinCode[bytes] || code > 0x10ffff || surrogate)
         return {};
     return {code, bytes};
 }
@@ -42,7 +42,8 @@ struct Range {
     char32_t last;
 };
 
-// Controls, and what changes the order or the line in which the rest of a text is shown.
+// Control characters, and characters that change the order or the line breaks of the text around
+// them.
 constexpr std::array kUnsafe = {
     Range{0, 0x1f},        Range{0x7f, 0x9f},     Range{0x61c, 0x61c},
     Range{0x200e, 0x200f}, Range{0x2028, 0x202e}, Range{0x2066, 0x206f},
@@ -51,7 +52,7 @@ constexpr std::array kUnsafe = {
 
 bool is_unsafe(char32_t code)
 {
-    if (code == kNone)
+    if (code == kInvalid)
         return true;
     for (const Range& range : kUnsafe)
         if (code >= range.first && code <= range.last)
@@ -59,7 +60,7 @@ bool is_unsafe(char32_t code)
     return false;
 }
 
-// Copies a text; `replace` appends what stands for an unsafe character.
+// Copies a text; `replace` is called to append the replacement for an unsafe character.
 template <class Replace> std::string copy(std::string_view text, Replace replace)
 {
     std::string result;
@@ -94,9 +95,10 @@ std::string printable_json(std::string_view json)
     return copy(json, [](char32_t code, std::string& out) {
         constexpr char32_t kReplacement = 0xfffd;
         constexpr auto number = [](char32_t c) { return static_cast<unsigned>(c); };
-        if (code == '\n' || code == '\t' || code == '\r') // between members: none is in a text
+        // white space between members: strings do not contain these characters
+        if (code == '\n' || code == '\t' || code == '\r')
             out += static_cast<char>(code);
-        else if (code == kNone)
+        else if (code == kInvalid)
             out += fmt::format("\\u{:04x}", number(kReplacement));
         else if (code > 0xffff)
             out += fmt::format("\\u{:04x}\\u{:04x}", 0xd7c0 + (number(code) >> 10U),
@@ -111,7 +113,7 @@ std::string utf8(std::string_view bytes)
     std::string text;
     while (!bytes.empty()) {
         const Character character = first_character(bytes);
-        if (character.code == kNone)
+        if (character.code == kInvalid)
             text += fmt::format("\\x{:02x}", static_cast<unsigned char>(bytes[0]));
         else
             text += bytes.substr(0, character.bytes);

@@ -1,6 +1,6 @@
-// escape.hpp - text of foreign origin made safe to show: names, tags, ids and commands may hold any
-// byte, and a terminal or a log must not obey them. Used wherever such text is printed; what a
-// container's program prints is passed on as it is.
+// escape.hpp - makes untrusted text safe to print: names, tags, ids and commands may contain any
+// byte, which must not act as a control sequence in a terminal or log. Used wherever such text is
+// printed. The output of a container's program is passed on unchanged.
 #ifndef ZNC_FRONT_ESCAPE_HPP
 #define ZNC_FRONT_ESCAPE_HPP
 
@@ -9,24 +9,24 @@
 
 namespace zncctl {
 
-// With "?" for every control character (C0, DEL, C1), bidirectional control, line or paragraph
-// separator, and for every byte that is not UTF-8. One line.
+// Replaces every control character (C0, DEL, C1), bidirectional control, line or paragraph
+// separator, and every byte that is not valid UTF-8, with "?". The result is one line.
 std::string printable(std::string_view text);
 
-// The same for text of several lines: line ends and tabs stay.
+// The same for text of several lines: newlines and tabs are kept.
 std::string printable_lines(std::string_view text);
 
-// JSON text with the same characters written as \uXXXX, which means the same, and U+FFFD for bytes
-// that are not UTF-8.
+// Writes the same characters in JSON text as \uXXXX, which does not change its meaning, and invalid
+// bytes as U+FFFD.
 std::string printable_json(std::string_view json);
 
-// Bytes that may be no UTF-8, such as the name of a file, as UTF-8: what is none reads "\xNN".
+// Converts bytes that may not be UTF-8, such as a file name, to UTF-8: invalid bytes become "\xNN".
 std::string utf8(std::string_view bytes);
 
-// How many characters a text in UTF-8 has.
+// The number of characters in a UTF-8 text.
 std::size_t character_count(std::string_view text);
 
-// Its first characters.
+// The first `count` characters of a text.
 std::string_view first_characters(std::string_view text, std::size_t count);
 
 } // namespace zncctl

@@ -34,7 +34,8 @@ std::string descriptor_path(int fd)
 
 znc::UniqueFd open_regular(const std::string& path, int dir)
 {
-    // Not blocking: what stands there may be a FIFO that nobody writes to, or a terminal.
+    // O_NONBLOCK, because opening a FIFO without a writer would block; O_NOCTTY, because the file
+    // may be a terminal.
     znc::UniqueFd file(::openat(dir, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st = {};
     if (!file || ::fstat(file.get(), &st) != 0)

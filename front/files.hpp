@@ -1,4 +1,4 @@
-// files.hpp - small files as a whole.
+// files.hpp - reads and writes small files as a whole.
 #ifndef ZNC_FRONT_FILES_HPP
 #define ZNC_FRONT_FILES_HPP
 
@@ -13,21 +13,21 @@
 
 namespace zncctl {
 
-// Opens a regular file for reading, never waiting for anything. Invalid with errno set, EINVAL for
-// a FIFO, a socket or a device.
+// Opens a regular file for reading; never blocks. Invalid with errno set on failure; EINVAL for a
+// FIFO or a device, EISDIR for a directory.
 znc::UniqueFd open_regular(const std::string& path, int dir = AT_FDCWD);
 
-// A path by which the file behind a descriptor is opened anew, whatever its name has become.
+// A path by which the file of a descriptor can be opened again, even if it was renamed or removed.
 std::string descriptor_path(int fd);
 
-// What is known of a failed open_regular or read_file.
+// The error message after a failed open_regular() or read_file().
 std::string read_error_text();
 
-// Nothing with errno set when it cannot be read or is no regular file, EFBIG when it is larger than
-// 64 MiB.
+// Nullopt with errno set if the file cannot be read or is not a regular file; EFBIG if it is larger
+// than 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
 
-// What the task error number says, as the C library puts it.
+// The C library's message for errno.
 std::string error_text();
 
 // Throws std::runtime_error: "OBJECT: " and what the task error number says.
@@ -35,7 +35,7 @@ std::string error_text();
 
 using znc::write_all;
 
-// Gives the file this content in one step, with `lasting` on the medium; false with errno set.
+// Replaces the content of the file atomically; `lasting`: also syncs it. False with errno set.
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);
 
 } // namespace zncctl

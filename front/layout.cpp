@@ -18,11 +18,11 @@
 namespace zncctl {
 namespace {
 
-// All documents of a layout together: what they say is kept in memory, many times as large.
+// Limit for all documents of a layout together: once parsed, they need many times as much memory.
 constexpr std::size_t kDocumentsMax = 16 * 1024 * 1024;
 constexpr std::size_t kImagesMax = 10'000;
 
-// A document that is refused: this layout is not read any further.
+// Thrown for a document that makes the whole layout unacceptable.
 class Refusal : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -43,7 +43,7 @@ class LayoutReader {
   public:
     explicit LayoutReader(const std::string& layout) : layout_(layout) {}
 
-    // Nothing, and `problem` says why, when it cannot be read. Throws Refusal.
+    // Empty with `problem` set if the document cannot be read. Throws Refusal.
     std::optional<Json> document(const std::string& name, std::string& problem)
     {
         const auto text = read_file(layout_ + "/" + name);
@@ -52,7 +52,7 @@ class LayoutReader {
         return text ? parse(*text, name, problem) : std::nullopt;
     }
 
-    // The same of a blob, whose size and content must be what the descriptor says.
+    // The same for a blob; its size and digest must match the descriptor.
     std::optional<Json> blob(const Descriptor& descriptor, std::string& problem)
     {
         if (!znc::is_digest(descriptor.digest)) {
@@ -98,7 +98,7 @@ class LayoutReader {
     std::size_t read_ = 0;
 };
 
-// What the index entry says, as far as it is no path to anything.
+// The members of Image that the index entry itself contains. Throws Refusal.
 Image image_of_entry(const Json& entry)
 {
     Image image;
@@ -109,7 +109,7 @@ Image image_of_entry(const Json& entry)
     const Json* platform = any_case_member(entry, "platform");
     image.platform_os = text_of_any_case(platform, "os");
     image.platform_arch = text_of_any_case(platform, "architecture");
-    // The library takes such an entry for no platform, and such a name for no name.
+    // The library would ignore a platform or a name of the wrong type.
     for (const char* key : {"os", "architecture"})
         if (const Json* item = any_case_member(platform, key);
             item != nullptr && text(item) == nullptr)
@@ -145,11 +145,11 @@ Image image_of(LayoutReader& reader, const Json& entry)
     return image;
 }
 
-// Nothing after `problem` was set. Throws Refusal.
+// Nullopt with `problem` set. Throws Refusal.
 std::optional<std::vector<Image>> read_images(const std::string& path, std::string& problem)
 {
     LayoutReader reader(path);
-    std::string ignored; // of a layout without this file the index may still be listed
+    std::string ignored; // the index can be listed even without this file
     static_cast<void>(reader.document("oci-layout", ignored));
     const std::optional<Json> index = reader.document("index.json", problem);
     if (!index)

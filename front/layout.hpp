@@ -1,7 +1,7 @@
-// layout.hpp - what an OCI image layout says it holds: for lists, reports, and for `run` and
-// `unpack`, which decide on what is read here and hand exactly that on to the library. Nothing is
-// waited for, every document is compared with its digest, and members are found as the library
-// finds them. Used by the image commands, spec, unpack and run.
+// layout.hpp - reads the index, manifests and configurations of an OCI image layout, for lists and
+// reports, and for `run` and `unpack`, which check what is read here and pass exactly that on to
+// the library. Reading never blocks, every document is compared with its digest, and JSON members
+// are looked up as the library looks them up. Used by the image commands, spec, unpack and run.
 #ifndef ZNC_FRONT_LAYOUT_HPP
 #define ZNC_FRONT_LAYOUT_HPP
 
@@ -17,19 +17,19 @@ namespace zncctl {
 struct Descriptor {
     std::string media_type;
     std::string digest;
-    std::int64_t size = -1; // -1: not said
+    std::int64_t size = -1; // -1: missing
 };
 
 struct Image { // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
     Descriptor manifest;
-    std::string problem; // why it cannot be unpacked, as far as its documents tell; "" if it can
-    std::string tag;     // "" when the index gives no name
+    std::string problem; // why its documents do not allow unpacking; "": no problem found
+    std::string tag;     // "" if the index has no name for it
     std::string os;
     std::string arch;
     Descriptor config;
     std::vector<Descriptor> layers;
-    Json config_document;    // null when it cannot be read
-    std::string platform_os; // of the index entry, "" when it has none
+    Json config_document;    // null if it cannot be read
+    std::string platform_os; // of the index entry, "" if it has none
     std::string platform_arch;
 };
 
@@ -38,34 +38,35 @@ struct ImageName {
     std::string tag;
 };
 
-// "LAYOUT[:TAG]": a directory with a colon in its name is taken for a layout as it stands.
+// Parses "LAYOUT[:TAG]". If the whole text names a directory, it is a layout without a tag.
 ImageName split_image_name(const std::string& text);
 
-// Nothing, and `problem` says why, when there is no index to read or when a document is refused:
-// for a key that is there twice, or a digest that is none in an index entry. `refused` is then
-// true: the library might take such a layout for something else than other readers do.
+// Nullopt with `problem` set if the index cannot be read, or if a document is refused, for example
+// for a duplicate key or an invalid digest in an index entry. In the second case `*refused` becomes
+// true: the library and other programs might read such a layout differently.
 std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
                                               bool* refused = nullptr);
 
-// What the library says of the layout's "oci-layout": 0, S_zncLib_LAYOUT_NOT_FOUND or
-// S_zncLib_LAYOUT_INVALID.
+// The error that the library would report for the layout's "oci-layout" file: 0,
+// S_zncLib_LAYOUT_NOT_FOUND or S_zncLib_LAYOUT_INVALID.
 int layout_error(const std::string& path);
 
-// Where a blob is; "" for what is no digest.
+// The path of a blob; "" if `digest` is not a valid digest.
 std::string blob_path(const std::string& layout, const std::string& digest);
 
-// The first file of the images that has another size than is said of it: "" if none has. The
-// library reads such a file to its end before it says so. Files that cannot be opened are left out.
+// A message about the first blob of the images whose size differs from its descriptor; "" if there
+// is none. The library would read such a file to its end before it fails. Blobs that cannot be
+// opened are skipped.
 std::string size_problem(const std::string& layout, const std::vector<Image>& images);
 
-// The image that unpacking would take; null if there is none.
+// The image that would be unpacked; null if there is none.
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,
                         const std::string& os, const std::string& arch);
 Image* find_image(std::vector<Image>& images, const std::string& tag, const std::string& os,
                   const std::string& arch);
 
-// When a layout holds no such image: which ones it does hold, as a hint. False when it does hold
-// it.
+// If the layout does not have the image, prints a hint that lists the images it has. False if it
+// has the image or cannot be read.
 bool hint_at_images(const std::string& layout, const std::string& tag, const std::string& os,
                     const std::string& arch);
 

@@ -15,7 +15,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-// Whoever removes a lock's file holds the lock, so a file that has its name still is the lock.
+// Whether the file is still the one that `path` names. A lock file is only removed by a process
+// that holds its lock exclusively: once locked, a file that still has its name keeps it.
 bool is_named(int fd, const std::string& path)
 {
     struct stat opened = {};
@@ -24,11 +25,12 @@ bool is_named(int fd, const std::string& path)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// `waiting`: null not to wait.
+// `waiting` is the hint to print while waiting; null: do not wait. Fails with ETIMEDOUT after
+// `most`.
 bool lock(int file, int kind, const std::string_view* waiting, std::chrono::seconds most)
 {
     const auto begin = Clock::now();
-    bool said = false;
+    bool hint_printed = false;
     while (::flock(file, kind | LOCK_NB) != 0) {
         if ((errno != EWOULDBLOCK || waiting == nullptr) && errno != EINTR)
             return false;
@@ -38,9 +40,9 @@ bool lock(int file, int kind, const std::string_view* waiting, std::chrono::seco
             errno = ETIMEDOUT;
             return false;
         }
-        if (!said && Clock::now() - begin >= std::chrono::seconds(1)) {
+        if (!hint_printed && Clock::now() - begin >= std::chrono::seconds(1)) {
             print_hint(*waiting);
-            said = true;
+            hint_printed = true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -80,7 +82,8 @@ bool NamedLock::hold(const std::string& path, int kind, const std::string_view* 
     }
 }
 
-// The last one out takes the file along: of those who share it, whoever finds nobody else.
+// The last holder removes the file. A shared holder is the last one if it can convert its lock into
+// an exclusive one.
 void NamedLock::release()
 {
     const znc::ErrnoSaver keep;

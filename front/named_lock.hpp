@@ -1,5 +1,5 @@
-// named_lock.hpp - a lock that is a file, there only while somebody has it. Other users cannot open
-// it: whoever can open a file or a directory for reading can lock it, and keep it locked for ever.
+// named_lock.hpp - a lock file, which exists only while the lock is held. Only its owner can open
+// it: a process of another user that could open it for reading could lock it for ever.
 #ifndef ZNC_FRONT_NAMED_LOCK_HPP
 #define ZNC_FRONT_NAMED_LOCK_HPP
 
@@ -20,17 +20,18 @@ class NamedLock {
 
     static constexpr std::chrono::seconds kForever = std::chrono::seconds::max();
 
-    // Waits until nobody else has it. After a second `waiting` is said, once; an interrupt ends the
-    // wait. False with errno set when the file cannot be made or locked, ETIMEDOUT when somebody
-    // has had it for `most`.
+    // Waits for the exclusive lock, printing the hint `waiting` once after a second. False with
+    // errno set if the file cannot be created or locked; ETIMEDOUT if the lock was not free within
+    // `most`.
     bool take(const std::string& path, std::string_view waiting,
               std::chrono::seconds most = kForever);
-    // The same, together with others that share it.
+    // The same for a shared lock, without a time limit.
     bool share(const std::string& path, std::string_view waiting);
-    // Takes it without waiting; false with EWOULDBLOCK while somebody has it.
+    // Takes the exclusive lock without waiting; false with EWOULDBLOCK if it is held.
     bool try_take(const std::string& path);
 
-    // Lets go, and removes the file unless others share it. Does not change errno.
+    // Releases the lock, and removes the file unless other processes share it. Does not change
+    // errno.
     void release();
 
   private:

@@ -18,8 +18,8 @@
 namespace zncctl {
 namespace {
 
-// What the library prints during the call.
-template <class Call> std::string printed_by(Call call)
+// Runs `call` and returns what the library prints to standard output meanwhile.
+template <class Call> std::string capture_output(Call call)
 {
     const znc::UniqueFd file(::memfd_create("zncctl", MFD_CLOEXEC));
     const znc::UniqueFd saved(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
@@ -35,7 +35,7 @@ template <class Call> std::string printed_by(Call call)
     return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(len, 0))};
 }
 
-bool coloured()
+bool use_colour()
 {
     const char* off = std::getenv("NO_COLOR");
     const char* terminal = std::getenv("TERM");
@@ -46,13 +46,13 @@ bool coloured()
 void print_line(const char* colour, const char* kind, std::string_view text)
 {
     std::fflush(stdout);
-    if (coloured())
+    if (use_colour())
         fmt::print(stderr, "zncctl: \x1b[{}m{}:\x1b[0m {}\n", colour, kind, printable(text));
     else
         fmt::print(stderr, "zncctl: {}: {}\n", kind, printable(text));
 }
 
-// 0: not a terminal.
+// The width of the terminal on standard output; 0 if it is none.
 std::size_t line_width()
 {
     winsize size = {};
@@ -75,27 +75,27 @@ StdoutToStderr::~StdoutToStderr()
 {
     const znc::ErrnoSaver keep;
     std::fflush(stdout);
-    // Without a saved descriptor standard output was closed before.
+    // If nothing was saved, standard output was closed before: close it again.
     if (!saved_ || ::dup2(saved_.get(), STDOUT_FILENO) < 0)
         ::close(STDOUT_FILENO);
     if (printed_ && ::lseek(printed_.get(), 0, SEEK_CUR) > 0)
-        pass_on();
+        forward_text();
 }
 
-void StdoutToStderr::pass_on() const
+void StdoutToStderr::forward_text() const
 {
-    constexpr std::size_t kMost = 65536; // progress texts are short
-    std::string text(kMost, '\0');
+    constexpr std::size_t kTextMax = 65536; // more than all progress texts of one call
+    std::string text(kTextMax, '\0');
     const ssize_t len = ::pread(printed_.get(), text.data(), text.size(), 0);
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(len, 0)));
     static_cast<void>(write_all(STDERR_FILENO, printable_lines(text)));
 }
 
-std::string message_of(int error, const char* unnumbered)
+std::string message_of(int error, const char* if_zero)
 {
     if (error == 0)
-        return unnumbered;
-    std::string text = printed_by([error] { zncUtilShowErr(error); });
+        return if_zero;
+    std::string text = capture_output([error] { zncUtilShowErr(error); });
     if (text.ends_with('\n'))
         text.pop_back();
     if (text.ends_with('.'))
@@ -144,13 +144,13 @@ int daemon_failure(int error, std::string_view object)
         print_hint("start it as root, with 'zncd &' or 'systemctl start zncd'");
     if (error == S_zncLib_OCI_CWD_INVALID)
         print_hint("process.cwd in the bundle's config.json must be an absolute path; "
-                   "'zncctl config check' tells what else is missing");
+                   "'zncctl config check' lists what else is missing");
     return daemon_status(error);
 }
 
-int local_failure(int error, std::string_view object, const char* unnumbered)
+int local_failure(int error, std::string_view object, const char* if_zero)
 {
-    return failure(object, message_of(error, unnumbered));
+    return failure(object, message_of(error, if_zero));
 }
 
 int failure(std::string_view object, std::string_view message, ExitStatus status)

@@ -9,7 +9,7 @@
 namespace zncctl {
 namespace {
 
-// One command's row as the parser wants it.
+// Sets up the parser for one command.
 class CommandLine {
   public:
     CommandLine(const Command& command, std::size_t words, std::size_t after_mark)
@@ -19,15 +19,15 @@ class CommandLine {
         values_.resize(command.options.size());
         for (std::size_t i = 0; i < command.options.size(); i++)
             add(command.options[i], values_[i]);
-        // One for each word: the parser would take an operand of its lists, "[a,b]", apart. How
-        // many there may be is counted afterwards.
+        // One option for each word: CLI11 would split an operand such as "[a,b]" if it were given a
+        // list. The number of operands is checked afterwards.
         for (std::size_t i = 0; i < words; i++)
             app_.add_option(fmt::format("operand{}", i), operands_[i]);
     }
 
     Parsed parse(std::vector<std::string> words)
     {
-        std::reverse(words.begin(), words.end()); // the parser takes them from the end
+        std::reverse(words.begin(), words.end()); // CLI11 expects the words in reverse order
         Parsed result;
         try {
             app_.parse(words);
@@ -59,7 +59,8 @@ class CommandLine {
                 ->allow_extra_args(false);
     }
 
-    // The parser's text begins with the option: "--signal: ..." or "all was given a ...".
+    // Translates CLI11's message, which begins with the option's name: "--signal: ..." or "all was
+    // given a ...".
     std::string problem(const CLI::ParseError& error) const
     {
         const std::string_view text = error.what();
@@ -85,7 +86,7 @@ class CommandLine {
             if (app_.count(fmt::format("operand{}", i)) != 0)
                 result.args.add_operand(std::move(operands_[i]));
         const std::size_t given = result.args.operands();
-        // The parser takes what looks like a negative number for an operand.
+        // CLI11 takes options that look like negative numbers for operands.
         for (std::size_t i = 0; i + after_mark_ < given; i++)
             if (const std::string_view word = result.args.operand(i);
                 word.size() > 1 && word[0] == '-')
@@ -102,11 +103,12 @@ class CommandLine {
     CLI::App app_;
     std::vector<std::string> values_;
     std::vector<std::string> operands_;
-    std::size_t after_mark_; // operands behind "--"
+    std::size_t after_mark_; // number of operands after "--"
 };
 
-// The parser takes "--name=" for a name without its value.
-std::vector<std::string> texts(std::span<char* const> words)
+// CLI11 treats "--name=" as an option without a value: split it into two words, so that the value
+// is "".
+std::vector<std::string> to_texts(std::span<char* const> words)
 {
     std::vector<std::string> result;
     bool options_end = false;
@@ -128,10 +130,10 @@ std::vector<std::string> texts(std::span<char* const> words)
 
 Parsed parse(const Command& command, std::span<char* const> words)
 {
-    std::vector<std::string> all = texts(words);
+    std::vector<std::string> all = to_texts(words);
     const auto mark = std::find(all.begin(), all.end(), "--");
-    const auto behind = mark == all.end() ? 0 : all.end() - mark - 1;
-    CommandLine line(command, all.size(), static_cast<std::size_t>(behind));
+    const auto after_mark = mark == all.end() ? 0 : all.end() - mark - 1;
+    CommandLine line(command, all.size(), static_cast<std::size_t>(after_mark));
     return line.parse(std::move(all));
 }
 

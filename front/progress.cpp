@@ -22,7 +22,7 @@ std::string size_text(std::uint64_t bytes)
     return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1024 * 1024));
 }
 
-// The first characters of a digest tell layers apart.
+// The first characters of a digest are enough to distinguish layers.
 std::string short_name(const ZNC_PROGRESS& progress)
 {
     return printable(progress.layer).substr(0, 12);
@@ -50,7 +50,7 @@ Progress::Progress(std::string_view how) : how_(How::kUnknown)
         how_ = How::kNone;
 }
 
-void Progress::heard(const ZNC_PROGRESS* progress, void* context)
+void Progress::on_progress(const ZNC_PROGRESS* progress, void* context)
 {
     static_cast<Progress*>(context)->show(*progress);
 }
@@ -102,10 +102,10 @@ void Progress::draw(const ZNC_PROGRESS& progress)
         fmt::format("layer {}/{} {} {:>3.0f}% of {}", progress.index + 1, progress.count,
                     short_name(progress), part * 100, size_text(progress.total));
     const std::size_t width = line_width();
-    const std::size_t room =
+    const std::size_t bar_width =
         width > text.size() + 5 ? std::min<std::size_t>(width - text.size() - 5, 40) : 0;
-    const auto filled = static_cast<std::size_t>(part * static_cast<double>(room));
-    fmt::print(stderr, "\r\x1b[K{} [{:<{}}]", text, std::string(filled, '='), room);
+    const auto filled = static_cast<std::size_t>(part * static_cast<double>(bar_width));
+    fmt::print(stderr, "\r\x1b[K{} [{:<{}}]", text, std::string(filled, '='), bar_width);
     std::fflush(stderr);
     open_line_ = true;
 }

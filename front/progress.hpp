@@ -1,5 +1,5 @@
-// progress.hpp - how an unpack reports on standard error: a redrawn line on a terminal, lines for
-// what is no terminal, JSON lines, or nothing. Used by unpack and run.
+// progress.hpp - reports the progress of an unpack on standard error: as a progress bar on a
+// terminal, as plain lines, as JSON lines, or not at all. Used by unpack and run.
 #ifndef ZNC_FRONT_PROGRESS_HPP
 #define ZNC_FRONT_PROGRESS_HPP
 
@@ -13,23 +13,23 @@ namespace zncctl {
 
 class Progress {
   public:
-    // "auto", "plain", "json" or "none"; of anything else known() is false.
+    // `how` is "auto", "plain", "json" or "none"; known() is false for anything else.
     explicit Progress(std::string_view how);
 
     [[nodiscard]] bool known() const { return how_ != How::kUnknown; }
-    [[nodiscard]] static ZNC_PROGRESS_FUNC listener() { return &heard; }
+    [[nodiscard]] static ZNC_PROGRESS_FUNC listener() { return &on_progress; }
     [[nodiscard]] void* context() { return this; }
 
-    // Members that the unpack extracted otherwise than their maker meant.
+    // The number of archive members that were not extracted as the image intends.
     [[nodiscard]] std::uint64_t left_out() const { return left_out_; }
 
-    void end(); // ends a line that is being redrawn
+    void end(); // prints a newline after a progress bar
 
   private:
     enum class How { kBar, kPlain, kJson, kNone, kUnknown };
     using Clock = std::chrono::steady_clock;
 
-    static void heard(const ZNC_PROGRESS* progress, void* context);
+    static void on_progress(const ZNC_PROGRESS* progress, void* context);
     void show(const ZNC_PROGRESS& progress);
     void draw(const ZNC_PROGRESS& progress);
     void print_plain(const ZNC_PROGRESS& progress, bool first, bool last);

@@ -21,10 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kArea = "containers"; // below the runtime directory
+constexpr const char* kRecordsDir = "containers"; // subdirectory of the runtime directory
 constexpr const char* kStatusName = "status.json";
 constexpr const char* kLockName = "lock";
-constexpr std::chrono::seconds kOldKeeperTime(10);
+constexpr std::chrono::seconds kKeeperTimeout(10);
 
 using Clock = std::chrono::steady_clock;
 
@@ -41,7 +41,8 @@ znc::UniqueFd make_dir(int parent, const std::string& name)
     return open_dir(parent, name);
 }
 
-// The same directory as the daemon's. Nobody else's, and no link to one, may stand in for it.
+// The runtime directory, which the daemon uses as well. A directory of another user or a symbolic
+// link is rejected.
 znc::UniqueFd open_runtime(bool make)
 {
     znc::UniqueFd dir =
@@ -54,7 +55,7 @@ znc::UniqueFd open_runtime(bool make)
     return dir;
 }
 
-znc::UniqueFd lock_of(int dir, bool make)
+znc::UniqueFd open_lock(int dir, bool make)
 {
     const int flags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | (make ? O_CREAT : 0);
     return znc::UniqueFd(::openat(dir, kLockName, flags, 0600));
@@ -62,7 +63,7 @@ znc::UniqueFd lock_of(int dir, bool make)
 
 bool take_lock(int lock)
 {
-    const auto deadline = Clock::now() + kOldKeeperTime;
+    const auto deadline = Clock::now() + kKeeperTimeout;
     while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK || Clock::now() >= deadline) {
             errno = EBUSY;
@@ -113,10 +114,10 @@ RecordKeeper RecordKeeper::begin(const std::string& id)
         return {};
     }
     const znc::UniqueFd runtime = open_runtime(true);
-    const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kArea) : znc::UniqueFd();
+    const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
     if (area)
         keeper.dir_ = make_dir(area.get(), kept_id(id));
-    znc::UniqueFd lock = keeper.dir_ ? lock_of(keeper.dir_.get(), true) : znc::UniqueFd();
+    znc::UniqueFd lock = keeper.dir_ ? open_lock(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
     for (const char* old : {kStatusName, kLogName, kOldLogName})
@@ -146,7 +147,7 @@ znc::UniqueFd open_record(const std::string& id)
         return {};
     }
     const znc::UniqueFd runtime = open_runtime(false);
-    const znc::UniqueFd area = runtime ? open_dir(runtime.get(), kArea) : znc::UniqueFd();
+    const znc::UniqueFd area = runtime ? open_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
     return area ? open_dir(area.get(), kept_id(id)) : znc::UniqueFd();
 }
 
@@ -167,7 +168,7 @@ std::optional<Record> read_record(const std::string& id)
 
 bool record_is_kept(int dir)
 {
-    const znc::UniqueFd lock = lock_of(dir, false);
+    const znc::UniqueFd lock = open_lock(dir, false);
     return lock && ::flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
@@ -175,7 +176,7 @@ std::vector<std::string> recorded_ids()
 {
     std::vector<std::string> ids;
     std::error_code error;
-    for (fs::directory_iterator it(std::string(ZN_RUNTIME_DIR) + "/" + kArea, error), end;
+    for (fs::directory_iterator it(std::string(ZN_RUNTIME_DIR) + "/" + kRecordsDir, error), end;
          it != end && !error; it.increment(error))
         ids.push_back(it->path().filename());
     return ids;
@@ -186,7 +187,8 @@ void remove_record(const std::string& id)
     const znc::UniqueFd dir = open_record(id);
     if (!dir)
         return;
-    // The lock goes with the directory: a keeper that still lives writes into what has no name.
+    // The lock file is removed as well. A keeper that still exists goes on writing to files that
+    // have no name any more.
     for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLockName})
         ::unlinkat(dir.get(), name, 0);
     const znc::UniqueFd area = open_dir(dir.get(), "..");

@@ -1,7 +1,8 @@
-// record.hpp - what is known of a container's program beyond what the daemon knows: when it was
-// started and ended, its exit code, its log. Each container has a directory of its id below the
-// runtime directory. Who started the program keeps it, and holds its lock as long as there is
-// something to be added: that tells a program that runs from one whose keeper was killed.
+// record.hpp - information on a container's program that the daemon does not have: when it was
+// started and ended, its exit code, its log. Each container has a directory named by its id below
+// the runtime directory. The process that started the program, the keeper, writes the record and
+// holds its lock until it is complete. Without an exit code, the lock tells a program that is still
+// running from one whose keeper was killed.
 #ifndef ZNC_FRONT_RECORD_HPP
 #define ZNC_FRONT_RECORD_HPP
 
@@ -18,26 +19,28 @@ namespace zncctl {
 struct Record {
     pid_t keeper = 0;
     pid_t program = 0;
-    std::string pid_namespace; // as znProcessNamespace names it
-    bool logged = false;       // its output is in a log
+    std::string pid_namespace; // as returned by znProcessNamespace
+    bool logged = false;       // its output goes to a log
     std::string started;       // RFC 3339
     std::optional<int> exit_code;
     std::string exited;
 };
 
-// The time as RFC 3339 has it, in UTC.
+// Formats a time as in RFC 3339, in UTC.
 std::string time_text(std::time_t time);
 
 class RecordKeeper {
   public:
-    // Begins a container's record anew, and waits a little for whoever keeps an old one. Invalid
-    // with errno set, EBUSY when the old one is still kept.
+    // Starts a new record for a container, deleting the old one. Waits up to 10 seconds for the
+    // keeper of the old record. Invalid with errno set, EBUSY if the old record is still being
+    // kept.
     static RecordKeeper begin(const std::string& id);
 
     explicit operator bool() const { return static_cast<bool>(lock_); }
     [[nodiscard]] int dir() const { return dir_.get(); }
 
-    // Nobody but this keeper depends on it being written: what cannot be is lost.
+    // Writes the record; errors are ignored, since the program must run even if the record cannot
+    // be written.
     void write(const Record& record) const;
 
   private:
@@ -45,19 +48,19 @@ class RecordKeeper {
     znc::UniqueFd lock_;
 };
 
-// The directory of a container's record. Invalid with errno set, ENOENT when there is none.
+// Opens the directory of a container's record. Invalid with errno set, ENOENT if there is none.
 znc::UniqueFd open_record(const std::string& id);
 
 std::optional<Record> read_record(int dir);
 std::optional<Record> read_record(const std::string& id);
 
-// Whether its keeper lives.
+// Whether the keeper still exists, so that the record may change.
 bool record_is_kept(int dir);
 
-// The containers that have a record, also those that are no more.
+// The ids of all containers that have a record, including containers that no longer exist.
 std::vector<std::string> recorded_ids();
 
-// Without a record nothing happens.
+// Deletes a container's record; does nothing if there is none.
 void remove_record(const std::string& id);
 
 inline constexpr const char* kLogName = "log";

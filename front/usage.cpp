@@ -8,7 +8,7 @@
 namespace zncctl {
 namespace {
 
-// "-s, --signal SIG"
+// Formats an option: "-s, --signal SIG", with `between` between the two names.
 std::string option_text(const Option& option, const char* between)
 {
     std::string text;
@@ -20,13 +20,13 @@ std::string option_text(const Option& option, const char* between)
     return text;
 }
 
-// The mark-up of the manual's language around what is typed as it is, and around what is not.
-std::string typed(std::string_view text)
+// scdoc markup: bold for literal text, underlined for placeholders.
+std::string bold(std::string_view text)
 {
     return fmt::format("*{}*", text);
 }
 
-std::string meant(std::string_view text)
+std::string underlined(std::string_view text)
 {
     return fmt::format("_{}_", text);
 }
@@ -35,14 +35,14 @@ std::string option_markup(const Option& option)
 {
     std::string text;
     if (option.letter != 0)
-        text = typed(fmt::format("-{}", option.letter)) + "|";
-    text += typed(fmt::format("--{}", option.name));
+        text = bold(fmt::format("-{}", option.letter)) + "|";
+    text += bold(fmt::format("--{}", option.name));
     if (option.value != nullptr)
-        text += " " + meant(option.value);
+        text += " " + underlined(option.value);
     return text;
 }
 
-// An operand, whose brackets and dots are no part of its name: "[BUNDLE...]".
+// Formats an operand. Brackets and dots are not part of its name: "[BUNDLE...]".
 std::string operand_markup(std::string_view operand)
 {
     constexpr std::string_view kDots = "...";
@@ -52,7 +52,7 @@ std::string operand_markup(std::string_view operand)
     const bool many = operand.ends_with(kDots);
     if (many)
         operand.remove_suffix(kDots.size());
-    const std::string text = meant(operand) + (many ? "..." : "");
+    const std::string text = underlined(operand) + (many ? "..." : "");
     return optional ? "[" + text + "]" : text;
 }
 
@@ -72,7 +72,7 @@ std::string help_text(const Command& command)
 {
     std::string text = usage_line(command) + "\n" + command.help + "\n";
     if (command.aliases[0] != '\0')
-        text += fmt::format("\nother names: {}\n", command.aliases);
+        text += fmt::format("\naliases: {}\n", command.aliases);
     std::size_t width = 0;
     for (const Option& option : command.options)
         width = std::max(width, option_text(option, ", ").size());
@@ -85,7 +85,7 @@ std::string help_text(const Command& command)
 
 std::string synopsis(const Command& command)
 {
-    std::string line = typed(fmt::format("zncctl {}", command.name));
+    std::string line = bold(fmt::format("zncctl {}", command.name));
     for (const Option& option : command.options)
         line += fmt::format(" [{}]", option_markup(option));
     for (const std::string& operand : split_words(command.arguments))

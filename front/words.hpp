@@ -1,4 +1,4 @@
-// words.hpp - small operations on text that several commands need.
+// words.hpp - text helpers shared by several commands.
 #ifndef ZNC_FRONT_WORDS_HPP
 #define ZNC_FRONT_WORDS_HPP
 
@@ -10,7 +10,7 @@
 
 namespace zncctl {
 
-// The words of a text separated by single blanks.
+// Splits a text at single blanks.
 inline std::vector<std::string> split_words(std::string_view text)
 {
     std::vector<std::string> words;
@@ -22,7 +22,7 @@ inline std::vector<std::string> split_words(std::string_view text)
     return words;
 }
 
-// A text that is a number and nothing else.
+// Parses a text that consists of a number only.
 template <class Number> std::optional<Number> to_number(std::string_view text)
 {
     Number number = 0;

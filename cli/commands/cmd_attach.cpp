@@ -25,7 +25,7 @@ int attach(const std::string& id, bool relayed)
         return kExitStartFailed;
     LogReader reader(dir.get(), true);
     if (!record_is_kept(dir.get()))
-        return failure(id, "it has ended; 'zncctl wait' tells its exit code", kExitStartFailed);
+        return failure(id, "it has ended; 'zncctl wait' prints its exit code", kExitStartFailed);
     bool printed = false;
     if (relayed) {
         const SignalQueue signals;

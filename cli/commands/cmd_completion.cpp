@@ -10,5 +10,5 @@ int zncctl::cmd_completion(const Arguments& args)
         return print_result(zsh_completion());
     if (shell == "fish")
         return print_result(fish_completion());
-    return usage_failure("completions are there for bash, zsh and fish");
+    return usage_failure("completion scripts exist for bash, zsh and fish");
 }

@@ -5,7 +5,7 @@ int zncctl::cmd_delete(const Arguments& args)
 {
     std::vector<std::string> ids = args.all_operands();
     if (args.has("all-stopped") != ids.empty())
-        return usage_failure("ids or --all-stopped are needed, and not both");
+        return usage_failure("either ids or --all-stopped must be given");
     if (args.has("all-stopped")) {
         const auto stopped = ids_in_state(STATE_STOPPED);
         if (!stopped)

@@ -52,7 +52,7 @@ void check_blob(const std::string& layout, const Descriptor& blob, const std::st
         verdict.reports.push_back({layer, {true, problem, 1, ""}});
         return;
     }
-    // By the descriptor, and not by the name, which something else may have by now.
+    // Use the path of the descriptor: the file's name may refer to another file by now.
     for (Finding& finding : check_layer(descriptor_path(file.get()), blob.digest, diff_id))
         verdict.reports.push_back({layer, std::move(finding)});
 }
@@ -83,7 +83,7 @@ Verdict check(const std::string& layout, const Image& image)
         const Descriptor& layer = image.layers[i];
         const std::string* said = id != ids.end() ? text(&*id++) : nullptr;
         const std::string diff_id = said != nullptr ? *said : "";
-        if (znc::is_digest(layer.digest) && // else said above
+        if (znc::is_digest(layer.digest) && // an invalid digest was reported above
             seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second)
             check_blob(layout, layer, diff_id, i + 1, verdict);
     }
@@ -153,7 +153,7 @@ int cmd_image_check(const Arguments& args)
         if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
             status != kExitOk)
             return status;
-    // One bad manifest keeps the library from all of them.
+    // If one manifest is invalid, the library does not unpack any image of the layout.
     if (!size_problem(layout, *images).empty())
         return local_failure(S_zncLib_MANIFEST_INVALID, layout);
     const znc::MallocPtr<char> document(

@@ -1,5 +1,5 @@
-// The work is done by a program of its own, which alone is linked with what reads archives of any
-// kind.
+// Runs zncctl-import, a separate program, so that only that program is linked with the library that
+// reads all kinds of archives.
 #include "commands.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kProgram = "zncctl-import";
 
-// Beside this program where it is built, below the same prefix where it is installed.
+// In the directory of zncctl when run from the build tree, otherwise below the installation prefix.
 fs::path find_program()
 {
     std::array<char, 4096> path{};
@@ -62,7 +62,7 @@ int cmd_import(const Arguments& args)
     const bool missing = errno == ENOENT;
     const int status = failure(program, error_text());
     if (missing)
-        print_hint("it is in a package of its own, zncontainer-import");
+        print_hint("it is part of the package zncontainer-import");
     return status;
 }
 

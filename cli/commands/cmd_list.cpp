@@ -21,7 +21,8 @@ struct Row {
     }
 };
 
-// Asking about a container that was running is what makes the daemon notice that it has ended.
+// The status in the list may be out of date: the daemon notices only when it is asked for the state
+// of a container that its program has ended.
 int status_now(const std::string& id, const Json& state)
 {
     const std::int64_t listed = integer(member(state, "status")).value_or(STATE_UNKNOWN);
@@ -67,7 +68,7 @@ int print_ids(const std::vector<Row>& rows)
     return text.empty() ? static_cast<int>(kExitOk) : print_result(text);
 }
 
-// The library's documents, with what the records know.
+// The library's state documents, extended with the members from zncctl's records.
 int print_as_json(std::vector<Row>& rows)
 {
     Json list = Json::array();

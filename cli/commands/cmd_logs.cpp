@@ -9,7 +9,7 @@
 namespace zncctl {
 namespace {
 
-// The last lines of a text, of which the last one may have no end.
+// The last lines of a text. The last one may lack its newline.
 std::string_view last_lines(std::string_view text, std::size_t lines)
 {
     if (lines == 0)
@@ -32,7 +32,7 @@ int cmd_logs(const Arguments& args)
     const char* wanted = args.value("tail");
     const auto lines = to_number<std::size_t>(wanted != nullptr ? wanted : "0");
     if (!lines)
-        return usage_failure(fmt::format("'{}' is no number of lines", wanted));
+        return usage_failure(fmt::format("'{}' is not a valid number of lines", wanted));
     const std::string id = args.operand(0);
     znc::UniqueFd dir;
     if (const int status = open_log_of(id, dir); status != kExitOk)

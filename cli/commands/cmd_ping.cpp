@@ -7,6 +7,7 @@ int zncctl::cmd_ping(const Arguments&)
 {
     if (call_library(&zncDaemonIsAlive) != FALSE)
         return print_result("alive");
-    // The queue's own number says more only when there is a queue.
+    // ENOENT means that the queue does not exist; other errors of the queue are reported as they
+    // are.
     return daemon_failure(errno == ENOENT ? S_zncLib_DAEMON_NOT_RUNNING : errno, "");
 }

@@ -1,4 +1,4 @@
-// create, start, wait and delete in one.
+// Combines create, start, wait and delete.
 #include "cli/containers/container.hpp"
 #include "cli/containers/foreground.hpp"
 #include "cli/containers/monitor.hpp"
@@ -18,7 +18,7 @@ std::string new_id()
     return fmt::format("{:08x}{:04x}", random(), random() & 0xffffU);
 }
 
-// A container from its creation to the end of the command.
+// A container for the duration of the command.
 class Run {
   public:
     Run(const Arguments& args, std::size_t log_max)
@@ -33,13 +33,14 @@ class Run {
         const auto bundle = find_bundle();
         if (!bundle)
             return kExitStartFailed;
-        const SignalQueue signals; // from here on there is something to take away
+        // from here on a signal must not end zncctl before the container is deleted
+        const SignalQueue signals;
         if (create_container(id_, *bundle) != kExitOk) {
             if (*bundle == own_bundle(id_))
                 zncImageBundleDelete(bundle->c_str());
             return kExitStartFailed;
         }
-        in_use_.reset(); // the container says from now on that its bundle is used
+        in_use_.reset(); // from now on the container itself keeps its bundle from being collected
         return args_.has("detach") ? detached() : attached(signals);
     }
 
@@ -56,7 +57,7 @@ class Run {
     {
         const int status = run_in_foreground(id_, signals, args_.has("tty"));
         if (!args_.has("keep"))
-            take_away();
+            delete_created();
         return status;
     }
 
@@ -65,14 +66,14 @@ class Run {
         remove_record(id_);
         if (const int error = start_with_monitor(id_, log_max_); error != 0) {
             const int status = start_failure(error, id_);
-            take_away();
+            delete_created();
             return status;
         }
         return print_result(id_);
     }
 
-    // Whatever the program has left running goes, too.
-    void take_away()
+    // Deletes the container, and kills any processes that the program left behind.
+    void delete_created()
     {
         if (delete_container(id_, true) != OK)
             static_cast<void>(daemon_failure(errno, id_));
@@ -91,10 +92,9 @@ int cmd_run(const Arguments& args)
 {
     std::size_t log_max = 0;
     if (args.has("bundle") ? args.operands() > 1 : args.operands() < 1)
-        return usage_failure("either --bundle or an image layout is needed");
+        return usage_failure("either --bundle or an image layout must be given");
     if (args.has("tty") && args.has("detach"))
-        return usage_failure(
-            "a terminal needs the foreground: --tty and --detach exclude each other");
+        return usage_failure("--tty cannot be combined with --detach");
     if (!log_limit(args, log_max))
         return kExitUsage;
     if (args.has("tty") && ::isatty(STDIN_FILENO) == 0)

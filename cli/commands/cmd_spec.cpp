@@ -1,4 +1,4 @@
-// A config.json to start from: of a shell, or of what an image says.
+// Prints a config.json to start from: one that runs a shell, or one based on an image.
 #include "cli/containers/container.hpp"
 #include "cli/images/image_bundle.hpp"
 #include "cli/images/image_mounts.hpp"
@@ -35,7 +35,7 @@ Json mounts_of(const Json* volumes)
     return mounts;
 }
 
-// `image` is the image's "config", null without an image.
+// `image` is the "config" object of an image, or null.
 Json document(const Json* image)
 {
     const std::string cwd = text_of(image, "WorkingDir");
@@ -54,7 +54,8 @@ Json document(const Json* image)
             {"mounts", mounts_of(member(image, "Volumes"))}};
 }
 
-// What an image must not decide is left out, as `run` leaves it out. Nothing after a message.
+// Leaves out the settings that an image must not choose, as `run` does. Empty after printing a
+// message.
 std::optional<Json> document_of_configuration(const std::string& layout, const Json& configuration)
 try {
     const SettledConfiguration settled = settle_configuration(configuration, false);

@@ -13,7 +13,7 @@ int start_detached(const std::string& id, std::size_t log_max)
         return kExitOk;
     if (error != S_zncLib_RTP_SPAWN_FAILED)
         return daemon_failure(error == -1 ? 0 : error, id);
-    static_cast<void>(start_failure(error, id)); // says which program it is
+    static_cast<void>(start_failure(error, id)); // the message names the program
     return kExitFailure;
 }
 
@@ -23,9 +23,9 @@ int cmd_start(const Arguments& args)
 {
     std::size_t log_max = 0;
     if (args.has("attach") && args.has("detach"))
-        return usage_failure("--attach and --detach exclude each other");
+        return usage_failure("--attach cannot be combined with --detach");
     if (args.has("attach") && args.operands() > 1)
-        return usage_failure("only one container can be attached to");
+        return usage_failure("--attach takes a single container");
     if (!log_limit(args, log_max))
         return kExitUsage;
     if (args.has("attach")) {

@@ -1,4 +1,5 @@
-// TERM lets a program end by itself; KILL, after a while, ends everything in the container.
+// Sends TERM, so that the program can end by itself, and after a timeout KILL to all processes of
+// the container.
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
 #include "front/words.hpp"
@@ -16,7 +17,8 @@ constexpr std::chrono::seconds kKillTime(10);
 
 using Clock = std::chrono::steady_clock;
 
-// The status that it has then, or STATE_RUNNING when the time is up.
+// Waits until the container does not run any more. Returns its status then, or STATE_RUNNING after
+// a timeout.
 CONTAINER_STATUS wait_while_running(const std::string& id, std::chrono::milliseconds time)
 {
     const auto deadline = Clock::now() + time;
@@ -30,7 +32,7 @@ CONTAINER_STATUS wait_while_running(const std::string& id, std::chrono::millisec
 
 bool send(const std::string& id, int signo, unsigned option)
 {
-    // ESRCH: the program has ended, which other processes of the container may not have.
+    // ESRCH: the program has ended, but other processes of the container may still run.
     return call_library([&] { return zncKill(id.c_str(), signo, option); }) == OK || errno == ESRCH;
 }
 
@@ -47,7 +49,7 @@ int stop(const std::string& id, std::chrono::milliseconds time)
     if (status == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     if (status == STATE_RUNNING)
-        return failure(id, "it does not end, although it was killed", kExitNoDaemon);
+        return failure(id, "it is still running, although it was killed", kExitNoDaemon);
     return kExitOk;
 }
 
@@ -58,7 +60,7 @@ int cmd_stop(const Arguments& args)
     const char* text = args.value("time", "10");
     const auto seconds = to_number<unsigned>(text);
     if (!seconds || *seconds > 1000000)
-        return usage_failure(fmt::format("'{}' is no number of seconds", text));
+        return usage_failure(fmt::format("'{}' is not a valid number of seconds", text));
     return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
         return stop(id, std::chrono::seconds(*seconds));
     });

@@ -58,7 +58,8 @@ int remove_unused(const Arguments& args, std::vector<std::string> used)
     return error == EBUSY ? failure("", kUnpacking) : local_failure(error, storage_base());
 }
 
-// What is known of containers that other clients deleted, or that a daemon took along.
+// Removes the records of containers that no longer exist because other clients deleted them or
+// because the daemon that managed them has ended.
 int remove_records(const Arguments& args)
 {
     int result = kExitOk;
@@ -103,8 +104,8 @@ int cmd_storage_gc(const Arguments& args)
 {
     for (const std::string& bundle : args.all_operands())
         if (::access((bundle + "/config.json").c_str(), R_OK) != 0)
-            return failure(bundle, "it is no bundle: it has no config.json that can be read");
-    const auto lock = BundlesInUse::by_none(bundle_area());
+            return failure(bundle, "it is not a bundle: it has no readable config.json");
+    const auto lock = BundlesInUse::try_exclusive(bundle_area());
     if (!lock)
         return failure("", kUnpacking);
     const auto used = used_by_containers();

@@ -1,4 +1,4 @@
-// The processes of a container are those in the process namespace of its program.
+// Lists the processes in the PID namespace of a container's program.
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
 #include "front/record.hpp"
@@ -12,11 +12,11 @@ namespace zncctl {
 namespace {
 
 struct Process {
-    ZN_PROCESS_INFO info; // its command is the text below
+    ZN_PROCESS_INFO info; // info.command points to memory that is no longer valid; use `command`
     std::string command;
 };
 
-// But for the keeper, which is the first of its namespace.
+// All processes except process 1 of the namespace, which belongs to the container system.
 std::vector<Process> processes_in(const std::string& pid_namespace)
 {
     std::vector<Process> processes;
@@ -54,7 +54,7 @@ int cmd_top(const Arguments& args)
     if (status == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     if (status != STATE_RUNNING)
-        return failure(id, "it does not run", kExitWrongState);
+        return failure(id, "it is not running", kExitWrongState);
     const auto record = read_record(id);
     if (!record || record->pid_namespace.empty())
         return failure(id, "it was not started by zncctl", kExitWrongState);

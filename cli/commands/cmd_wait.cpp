@@ -12,10 +12,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-enum class Outcome { kEnded, kGoesOn, kLost };
+enum class Outcome { kEnded, kRunning, kLost };
 
-// Looks once. A container without a record may yet be started.
-Outcome look(int dir, int& code)
+// Checks the record once, without waiting.
+Outcome check_record(int dir, int& code)
 {
     const bool kept = record_is_kept(dir);
     const auto record = read_record(dir);
@@ -23,32 +23,34 @@ Outcome look(int dir, int& code)
         code = *record->exit_code;
         return Outcome::kEnded;
     }
-    return kept ? Outcome::kGoesOn : Outcome::kLost;
+    return kept ? Outcome::kRunning : Outcome::kLost;
 }
 
-int lost(const std::string& id)
+int report_lost(const std::string& id)
 {
-    return failure(id, "its exit code is not known: who started it did not wait for it");
+    return failure(id, "its exit code is unknown: the process that started it did not wait for it");
 }
 
-// kExitOk with its exit code, or a status after a message.
+// Returns kExitOk with the exit code of the program in `code`, or another exit status after
+// printing a message.
 int wait_for(const std::string& id, Clock::time_point deadline, int& code)
 {
     for (;;) {
         const znc::UniqueFd dir = open_record(id);
-        const Outcome outcome = dir ? look(dir.get(), code) : Outcome::kGoesOn;
+        const Outcome outcome = dir ? check_record(dir.get(), code) : Outcome::kRunning;
         if (outcome == Outcome::kEnded)
             return kExitOk;
         if (outcome == Outcome::kLost || !dir) {
             const CONTAINER_STATUS status = status_of(id);
             if (status == STATE_UNKNOWN)
                 return daemon_failure(errno, id);
-            // It may have ended between the two looks.
-            if (status == STATE_STOPPED && (!dir || look(dir.get(), code) == Outcome::kLost))
-                return lost(id);
+            // The exit code may have been recorded since the record was checked.
+            if (status == STATE_STOPPED &&
+                (!dir || check_record(dir.get(), code) == Outcome::kLost))
+                return report_lost(id);
         }
         if (Clock::now() >= deadline)
-            return failure(id, "it has not ended in time", kExitNoDaemon);
+            return failure(id, "timed out: it has not ended", kExitNoDaemon);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
@@ -61,7 +63,7 @@ int cmd_wait(const Arguments& args)
     if (const char* text = args.value("timeout")) {
         const auto seconds = to_number<unsigned>(text);
         if (!seconds || *seconds > 1000000)
-            return usage_failure(fmt::format("'{}' is no number of seconds", text));
+            return usage_failure(fmt::format("'{}' is not a valid number of seconds", text));
         deadline = Clock::now() + std::chrono::seconds(*seconds);
     }
     return for_each_id(args.all_operands(), true, [&](const std::string& id) {

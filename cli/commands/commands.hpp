@@ -1,6 +1,6 @@
-// commands.hpp - the table of zncctl's commands, which is the only list of them, the functions that
-// carry them out (each in cmd_<name>.cpp), and the texts that are made of the whole table. Used by
-// main, the completions, the manual pages and tests that compare them.
+// commands.hpp - the table of zncctl's commands, the functions that implement them (each in
+// cmd_<name>.cpp), and the texts generated from the table. There is no other list of the commands.
+// Used by main, the completion scripts, the manual pages and the tests that compare them.
 #ifndef ZNC_CLI_COMMANDS_COMMANDS_HPP
 #define ZNC_CLI_COMMANDS_COMMANDS_HPP
 
@@ -11,16 +11,16 @@ namespace zncctl {
 std::span<const Command> commands();
 
 struct Found {
-    const Command* command = nullptr; // null: no such command
-    std::size_t words = 0;            // words of its name
+    const Command* command = nullptr; // null: unknown command
+    std::size_t words = 0;            // number of words that its name has
 };
 
-// The command that the first words name, by its name or an alias.
+// Finds the command that the first words name, by its name or an alias.
 Found find_command(std::span<char* const> words);
 
 std::string usage_line(); // "usage: zncctl COMMAND ...\n"
 std::string help_text();
-// For a manual page in scdoc: the synopsis of each command, followed by its options in a list.
+// For a manual page in scdoc format: the synopsis of each command, followed by its options.
 std::string manual_text();
 
 std::string bash_completion();

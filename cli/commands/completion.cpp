@@ -1,5 +1,5 @@
-// Completions, generated from the table of commands. The scripts ask zncctl itself for the ids of
-// containers, so nothing in them has to be kept in step by hand.
+// Generates the completion scripts from the table of commands. The scripts call zncctl for the ids
+// of containers.
 #include "commands.hpp"
 
 #include "front/words.hpp"
@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kSignals = "ABRT ALRM CONT HUP INT KILL QUIT STOP TERM TSTP USR1 USR2";
 
-// The words that may follow: first words of names and aliases.
+// The words that may follow "zncctl": the first words of names, and aliases.
 std::vector<std::string> first_words()
 {
     std::set<std::string> words = {"help", "--help", "--version"};
@@ -40,7 +40,7 @@ std::vector<std::string> option_words(const Command& command)
     return words;
 }
 
-// A pattern of the option's names for case: "-s | --signal".
+// A pattern for "case" that matches the option's names: "-s | --signal".
 std::string names(const Option& option)
 {
     if (option.letter == 0)
@@ -48,7 +48,7 @@ std::string names(const Option& option)
     return fmt::format("-{} | --{}", option.letter, option.name);
 }
 
-// The second words of names that begin with this one.
+// The second words of the command names that begin with `first`.
 std::string second_words(std::string_view first)
 {
     std::vector<std::string> words;
@@ -111,7 +111,7 @@ std::string bash_command(const Command& command)
 
 // ------------------------------------------------------------------ zsh
 
-// In single quotes, with what the shell's own mark-up uses made harmless.
+// Escapes text for single quotes and for the syntax of _arguments.
 std::string zsh_text(std::string_view text)
 {
     std::string result;
@@ -197,7 +197,7 @@ std::string fish_words(Word word, const char* choices)
     return "";
 }
 
-// When the words typed so far name the command.
+// A condition that is true if the words typed so far name the command.
 std::string fish_condition(const Command& command)
 {
     const auto parts = split_words(command.name);

@@ -1,4 +1,4 @@
-// The texts about all commands.
+// The texts that describe all commands.
 #include "commands.hpp"
 #include "front/usage.hpp"
 
@@ -19,7 +19,7 @@ std::string help_text()
         width = std::max(width, std::string_view(command.name).size());
     for (const Command& command : commands())
         text += table_row(command.name, command.help, width);
-    return text + "\n'zncctl COMMAND --help' tells more about one command.\n";
+    return text + "\n'zncctl COMMAND --help' describes one command.\n";
 }
 
 std::string manual_text()

@@ -42,7 +42,7 @@ std::string root_of_bundle(const std::string& bundle)
 
 namespace {
 
-// Of containers there may be: the daemon is asked about each.
+// Ids of containers that may exist; the daemon is then asked about each of them.
 std::set<std::string> known_ids()
 {
     const std::vector<std::string> recorded = recorded_ids();
@@ -57,12 +57,12 @@ std::set<std::string> known_ids()
     return ids;
 }
 
-Json states_one_by_one()
+Json states_of_known_ids()
 {
     print_warning(
-        "the list of containers is too long for one answer of the daemon; it is made of "
-        "what zncctl and the storage base know, and may lack containers that were created "
-        "by other programs");
+        "the list of containers is too long for one reply of the daemon; this one is made from "
+        "zncctl's records and the storage base, and may lack containers that other programs "
+        "created");
     Json states = Json::array();
     for (const std::string& id : known_ids())
         if (auto state = is_container_id(id) ? state_of(id) : std::nullopt)
@@ -78,7 +78,7 @@ std::optional<Json> all_states()
     if (text == nullptr) {
         const int error = errno;
         if (error == 0 && zncDaemonIsAlive() != FALSE)
-            return states_one_by_one();
+            return states_of_known_ids();
         errno = error;
         return std::nullopt;
     }
@@ -106,7 +106,7 @@ std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
 
 namespace {
 
-// "" when the library may look at the bundle.
+// Why the bundle must not be passed to the library, or "".
 std::string bundle_problem(const std::string& bundle)
 {
     const auto text = read_file(bundle + "/config.json");
@@ -121,7 +121,7 @@ int create_container(const std::string& id, const std::string& bundle)
         return failure(bundle + "/config.json", problem);
     if (call_library([&] { return zncCreate(id.c_str(), bundle.c_str(), 0, nullptr); }) != OK)
         return daemon_failure(errno, id);
-    remove_record(id); // of an earlier container that had this id
+    remove_record(id); // left by an earlier container with this id
     if (restore_sticky(id, bundle))
         return kExitOk;
     const int status = local_failure(errno, id);
@@ -131,15 +131,15 @@ int create_container(const std::string& id, const std::string& bundle)
 
 STATUS delete_container(const std::string& id, bool force)
 {
-    // Asked only where it can matter: most containers have no bundle of that kind.
-    const std::string own = own_bundle(id);
-    const Json state = own.empty() ? Json() : state_of(id).value_or(Json());
+    // Ask for the state only if the container may have a bundle made for it alone; most have not.
+    const std::string private_bundle = own_bundle(id);
+    const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     remove_record(id);
-    if (!own.empty() && text_of(state, "bundle") == own)
-        zncImageBundleDelete(own.c_str());
+    if (!private_bundle.empty() && text_of(state, "bundle") == private_bundle)
+        zncImageBundleDelete(private_bundle.c_str());
     return OK;
 }
 

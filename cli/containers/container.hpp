@@ -1,5 +1,5 @@
-// container.hpp - what several commands ask the daemon about a container, and what they do for each
-// of many.
+// container.hpp - requests to the daemon that several commands share, and the loop of commands that
+// take several container ids.
 #ifndef ZNC_CLI_CONTAINERS_CONTAINER_HPP
 #define ZNC_CLI_CONTAINERS_CONTAINER_HPP
 
@@ -14,33 +14,34 @@
 
 namespace zncctl {
 
-// The state document; nothing with errno set as zncState leaves it.
+// The state document; empty with errno as zncState sets it.
 std::optional<Json> state_of(const std::string& id);
 
-// Its status. STATE_UNKNOWN with errno set when there is no such container or no daemon. Asking is
-// what lets the daemon notice that a container has ended.
+// The status of a container. STATE_UNKNOWN with errno set if there is no such container or no
+// daemon. The daemon notices only when it is asked that a container has ended.
 CONTAINER_STATUS status_of(const std::string& id);
 
-// The bundle of a state document, and what it says the container's root is: a host path.
+// The root directory that a bundle's config.json names, as a host path; "" if it names none.
 std::string root_of_bundle(const std::string& bundle);
 
-// The state documents of all containers, as an array; nothing with errno set when the daemon
-// gives no list. There are more containers than one answer of the daemon holds: then, after a
-// warning, those that zncctl and the storage base know of.
+// The state documents of all containers, as an array; empty with errno set if the daemon sends no
+// list. If the list does not fit into one reply, prints a warning and returns the containers that
+// zncctl's records and the storage base mention.
 std::optional<Json> all_states();
 
-// The ids of all containers in this state; nothing with errno set when the daemon gives no list.
+// The ids of all containers in this state; nullopt with errno set if the daemon sends no list.
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
 
-// Creates a container from a bundle. kExitOk, or a status after a message.
+// Creates a container from a bundle. Returns kExitOk, or another exit status after printing a
+// message.
 int create_container(const std::string& id, const std::string& bundle);
 
-// Deletes a container, what zncctl knows of it, and its bundle if that was made for it alone. OK or
-// ERROR with errno set.
+// Deletes a container, zncctl's record of it, and its bundle if that was made for this container
+// alone. OK, or ERROR with errno set.
 STATUS delete_container(const std::string& id, bool force);
 
-// Does it for each id and prints the id of each that went well, unless "quiet" is given. The exit
-// status is that of the failures if they are of one kind.
+// Calls `act` for each id and, unless `quiet`, prints the ids for which it succeeded. Returns the
+// exit status that all failures have in common, kExitFailure if they differ.
 template <class Action> int for_each_id(const std::vector<std::string>& ids, bool quiet, Action act)
 {
     int result = kExitOk;

@@ -8,7 +8,7 @@
 namespace zncctl {
 namespace {
 
-// Of the daemon that answers; what a dead one left counts for nothing.
+// Empty if no daemon answers: the file may have been left by a daemon that died.
 znDaemonInfo daemon_info()
 {
     znDaemonInfo info = {};

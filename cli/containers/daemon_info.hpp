@@ -1,4 +1,4 @@
-// daemon_info.hpp - the daemon that holds the lock. Used by version and info.
+// daemon_info.hpp - information about the running daemon. Used by version and info.
 #ifndef ZNC_CLI_CONTAINERS_DAEMON_INFO_HPP
 #define ZNC_CLI_CONTAINERS_DAEMON_INFO_HPP
 
@@ -7,11 +7,11 @@
 
 namespace zncctl {
 
-// Its process id; 0 when no daemon answers, or it does not say.
+// Its process id; 0 if no daemon answers or its information file has none.
 pid_t daemon_pid();
 
-// The version of the program that runs, also when a newer one has taken its place on disk; ""
-// when it does not answer, or it does not say.
+// The version of the running program, which may be older than the one installed; "" if no daemon
+// answers or its information file has none.
 std::string daemon_version();
 
 } // namespace zncctl

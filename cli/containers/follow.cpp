@@ -18,7 +18,7 @@ int open_log_of(const std::string& id, znc::UniqueFd& dir)
     if (status_of(id) == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     return failure(id,
-                   record ? "it has no log: its output goes to who started it"
+                   record ? "it has no log: its output goes to the process that started it"
                           : "it has no log: it was not started by 'zncctl start' or 'run -d'",
                    kExitWrongState);
 }
@@ -26,12 +26,12 @@ int open_log_of(const std::string& id, znc::UniqueFd& dir)
 bool follow(int dir, LogReader& reader, const std::function<void()>& meanwhile)
 {
     for (;;) {
-        // In this order: what came before the keeper ended is there to be read afterwards.
-        const bool going_on = record_is_kept(dir);
+        // Check before reading: everything written before the keeper ended is then read.
+        const bool still_kept = record_is_kept(dir);
         const std::string text = reader.read();
         if (!write_all(STDOUT_FILENO, text))
             return false;
-        if (!going_on)
+        if (!still_kept)
             return true;
         if (meanwhile)
             meanwhile();

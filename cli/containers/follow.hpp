@@ -1,4 +1,4 @@
-// follow.hpp - the output of a detached program as it comes. Used by logs and attach.
+// follow.hpp - prints the output of a detached program as it arrives. Used by logs and attach.
 #ifndef ZNC_CLI_CONTAINERS_FOLLOW_HPP
 #define ZNC_CLI_CONTAINERS_FOLLOW_HPP
 
@@ -8,11 +8,12 @@
 
 namespace zncctl {
 
-// The record of a container that has a log. kExitOk, or a status after a message.
+// Opens the record of a container that has a log. Returns kExitOk, or another exit status after
+// printing a message.
 int open_log_of(const std::string& id, znc::UniqueFd& dir);
 
-// Prints what comes until the container's output has ended, calling `meanwhile` (may be null) in
-// between. False with errno set when it cannot be printed.
+// Prints new output until there will be no more, and calls `meanwhile` (may be null) after each
+// read. False with errno set if writing fails.
 bool follow(int dir, LogReader& reader, const std::function<void()>& meanwhile);
 
 } // namespace zncctl

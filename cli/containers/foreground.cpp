@@ -12,7 +12,7 @@
 namespace zncctl {
 namespace {
 
-// A terminal of the program's own, and the caller's, which is raw meanwhile.
+// The program's pseudo-terminal, and the caller's terminal, in raw mode.
 struct Terminals {
     RawTerminal raw;
     Pty pty;
@@ -30,28 +30,28 @@ class Foreground {
         if (const int error = startable(id_); error != 0)
             return start_failure(error, id_);
         if (!make_streams()) {
-            leave_terminal();
-            return failure(id_, "its streams cannot be made", kExitStartFailed);
+            restore_terminal();
+            return failure(id_, "its standard streams cannot be created", kExitStartFailed);
         }
         const RecordKeeper record = RecordKeeper::begin(id_);
         if (const int error = program_.start(id_, streams_.of_program()); error != 0) {
-            leave_terminal();
+            restore_terminal();
             remove_record(id_);
             return start_failure(error, id_);
         }
-        Record known = describe(program_, false);
-        record.write(known);
+        Record program_record = describe(program_, false);
+        record.write(program_record);
         streams_.started();
         if (terminals_)
             terminals_->pty.close_user();
-        known.exit_code = wait();
-        known.exited = time_text(std::time(nullptr));
-        record.write(known);
+        program_record.exit_code = wait();
+        program_record.exited = time_text(std::time(nullptr));
+        record.write(program_record);
         pass_rest();
-        leave_terminal();
-        return streams_.report_failures(id_) && *known.exit_code == kExitOk
+        restore_terminal();
+        return streams_.report_failures(id_) && *program_record.exit_code == kExitOk
                    ? static_cast<int>(kExitStartFailed)
-                   : *known.exit_code;
+                   : *program_record.exit_code;
     }
 
   private:
@@ -62,7 +62,8 @@ class Foreground {
         terminals_ = std::make_unique<Terminals>();
         if (!terminals_->raw || !terminals_->pty)
             return false;
-        streams_.use_terminal(terminals_->pty, [this](std::string_view typed) { keys(typed); });
+        streams_.use_terminal(terminals_->pty,
+                              [this](std::string_view typed) { handle_keys(typed); });
         return true;
     }
 
@@ -74,13 +75,13 @@ class Foreground {
             do {
                 streams_.wait(signals_);
                 if (terminals_)
-                    terminals_->raw.set_raw(); // when it has come back from the background
-            } while (!take_signals());
+                    terminals_->raw.set_raw(); // zncctl may be back in the foreground
+            } while (!handle_signals());
         }
     }
 
-    // What the program has written before its end, however slowly it is read. There is nobody left
-    // to hand signals to: those that end a program end this.
+    // Passes on what the program wrote before it ended, however slowly that is read. There is no
+    // program to forward signals to any more: signals that end a program end zncctl.
     void pass_rest()
     {
         Program::leave_others();
@@ -91,23 +92,23 @@ class Foreground {
                 if (*signo == SIGINT || *signo == SIGTERM || *signo == SIGHUP || *signo == SIGQUIT)
                     return;
                 if (*signo == SIGTSTP)
-                    stop_here();
+                    stop_self();
             }
         }
     }
 
-    // Whether a child may have ended.
-    bool take_signals()
+    // True if there was a SIGCHLD: a child may have ended.
+    bool handle_signals()
     {
         bool child = false;
         while (const auto signo = signals_.next()) {
             child = child || *signo == SIGCHLD;
-            take(*signo);
+            handle(*signo);
         }
         return child;
     }
 
-    void take(int signo)
+    void handle(int signo)
     {
         if (signo == SIGCHLD || signo == SIGPIPE)
             return;
@@ -118,10 +119,10 @@ class Foreground {
         }
         to_program_.forward(signo);
         if (signo == SIGTSTP)
-            stop_here();
+            stop_self();
     }
 
-    void keys(std::string_view typed)
+    void handle_keys(std::string_view typed)
     {
         for (const char c : typed)
             if (const int signo = terminals_->pty.signal_of(c); signo != 0) {
@@ -130,8 +131,9 @@ class Foreground {
             }
     }
 
-    // The program is in a session of its own, which a terminal's stop key does not reach.
-    void stop_here()
+    // Stops zncctl itself: the terminal's stop key does not reach the program, which has a session
+    // of its own.
+    void stop_self()
     {
         if (terminals_)
             terminals_->raw.lend();
@@ -140,8 +142,8 @@ class Foreground {
             terminals_->raw.set_raw();
     }
 
-    // Before anything is printed.
-    void leave_terminal()
+    // Must be called before anything is printed.
+    void restore_terminal()
     {
         if (terminals_)
             terminals_->raw.restore();
@@ -152,7 +154,7 @@ class Foreground {
     bool tty_;
     SignalRelay to_program_;
     std::unique_ptr<Terminals> terminals_;
-    Streams streams_; // its pumps know the terminals
+    Streams streams_; // declared after terminals_, which it uses
     Program program_;
 };
 
@@ -162,7 +164,7 @@ void SignalRelay::forward(int signo)
 {
     forward_signal(id_, signo);
     if ((signo == SIGINT || signo == SIGTERM) && signo == last_)
-        print_hint(fmt::format("{} goes on; 'zncctl kill -s KILL {}' ends it by force", id_, id_));
+        print_hint(fmt::format("{} is still running; 'zncctl kill -s KILL {}' kills it", id_, id_));
     last_ = signo;
 }
 

@@ -1,5 +1,6 @@
-// foreground.hpp - a container's program in front of the caller: zncctl waits for it, hands on the
-// signals it gets and ends as the program ended. Used by start --attach and run.
+// foreground.hpp - runs a container's program in the foreground: zncctl waits for it, forwards the
+// signals that it receives, and exits with the program's exit status. Used by start --attach and
+// run.
 #ifndef ZNC_CLI_CONTAINERS_FOREGROUND_HPP
 #define ZNC_CLI_CONTAINERS_FOREGROUND_HPP
 
@@ -7,11 +8,12 @@
 
 namespace zncctl {
 
-// Starts a created container and returns its program's exit status, or that of the failure. With
-// `tty` the program has a terminal of its own, and the caller's, on standard input, is raw.
+// Starts a created container and returns its program's exit status, or the exit status for the
+// failure. With `tty` the program gets a pseudo-terminal, and the caller's terminal on standard
+// input is put into raw mode.
 int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tty);
 
-// A signal to zncctl that is meant for the program. Shared with attach.
+// Forwards signals that zncctl receives to the program. Also used by attach.
 class SignalRelay {
   public:
     explicit SignalRelay(std::string id) : id_(std::move(id)) {}

@@ -54,7 +54,7 @@ LogReader::LogReader(int dir, bool at_end) : dir_(dir)
         ::lseek(file_.get(), 0, SEEK_END);
 }
 
-std::string LogReader::read_file_on()
+std::string LogReader::read_to_end()
 {
     std::string text;
     std::array<char, 65536> buffer{};
@@ -66,18 +66,19 @@ std::string LogReader::read_file_on()
     return text;
 }
 
-// A file that has another name by now gets nothing more, but may have got some before it was
-// renamed.
+// The log may have been rotated: a renamed file is not written any more, but may have got more
+// bytes before. Read the old file to its end before switching to the new one.
 std::string LogReader::read()
 {
     std::string text;
     for (;;) {
         znc::UniqueFd newest = open_log(dir_, kLogName);
-        text += read_file_on();
-        struct stat ours = {};
-        struct stat theirs = {};
-        if (!newest || (file_ && ::fstat(file_.get(), &ours) == 0 &&
-                        ::fstat(newest.get(), &theirs) == 0 && ours.st_ino == theirs.st_ino))
+        text += read_to_end();
+        struct stat current_stat = {};
+        struct stat newest_stat = {};
+        if (!newest ||
+            (file_ && ::fstat(file_.get(), &current_stat) == 0 &&
+             ::fstat(newest.get(), &newest_stat) == 0 && current_stat.st_ino == newest_stat.st_ino))
             return text;
         file_ = std::move(newest);
     }

@@ -1,5 +1,5 @@
-// log_file.hpp - what a detached program has printed: one file of a limited size, and the one
-// before it. Written by the monitor, read by logs and attach.
+// log_file.hpp - the log of a detached program: a file of limited size, and the previous one.
+// Written by the monitor, read by logs and attach.
 #ifndef ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 #define ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 
@@ -12,10 +12,10 @@ namespace zncctl {
 
 class LogFile {
   public:
-    // In the directory of a record, which must outlive it.
+    // `dir` is the directory of a record; it must stay open during the life of the object.
     LogFile(int dir, std::size_t max);
 
-    // What cannot be written is lost: the program must not wait for a full disk.
+    // Bytes that cannot be written are dropped: a full disk must not block the program.
     void append(std::string_view bytes);
 
   private:
@@ -29,14 +29,14 @@ class LogFile {
 
 class LogReader {
   public:
-    // Begins with the oldest byte that is there, or, with `at_end`, with what is yet to come.
+    // Starts at the oldest byte available or, with `at_end`, at the end.
     LogReader(int dir, bool at_end);
 
-    // What has come since the last call; "" when there is nothing at the moment.
+    // Returns what was added since the last call; "" if nothing.
     std::string read();
 
   private:
-    std::string read_file_on();
+    std::string read_to_end();
 
     int dir_;
     znc::UniqueFd file_;

@@ -24,7 +24,7 @@ namespace zncctl {
 namespace {
 
 constexpr std::size_t kLogMax = 1024 * 1024;
-constexpr std::size_t kLogMaxLeast = 1024;
+constexpr std::size_t kLogMaxMin = 1024;
 
 struct Pipe {
     znc::UniqueFd reader;
@@ -40,9 +40,9 @@ struct Pipe {
     }
 };
 
-// Nothing of the caller's stays open, least of all a terminal or a pipe that someone reads to its
-// end. `report` becomes descriptor 3.
-void leave_caller(znc::UniqueFd& report)
+// Detaches from the caller: a new session, and none of its descriptors stays open, in particular no
+// terminal and no pipe that a process reads to its end. `report` becomes descriptor 3.
+void detach_from_caller(znc::UniqueFd& report)
 {
     constexpr int kReport = 3;
     ::setsid();
@@ -55,9 +55,9 @@ void leave_caller(znc::UniqueFd& report)
     for (int fd = 0; fd < kReport; fd++)
         ::dup2(null.get(), fd);
     if (::chdir("/") != 0)
-        errno = 0; // a directory in use is all that comes of it
+        errno = 0; // not fatal: the caller's directory merely stays in use
     ::umask(077);
-    // Progress texts are no output of the program.
+    // The daemon's progress texts must not appear in the program's log.
     ::setenv("ZNC_VERBOSE", "0", 1); // NOLINT(concurrency-mt-unsafe): there is one thread
 }
 
@@ -83,41 +83,42 @@ class Monitor {
     int start(const RecordKeeper& record)
     {
         Pipe output;
-        // Not to wait for bytes: the container can open its end for reading and take them away.
+        // Non-blocking: a process in the container can open the reading end through /proc and take
+        // the bytes between poll and read.
         if (!output.reader || ::fcntl(output.reader.get(), F_SETFL, O_NONBLOCK) != 0)
             return errno;
-        log_.emplace(record.dir(), log_max_); // who is told that the program runs finds it
+        log_.emplace(record.dir(), log_max_); // the log must exist once the start is reported
         const int writer = output.writer.get();
         if (const int error = program_.start(id_, {kNullDevice, writer, writer}); error != 0)
             return error;
         output_ = std::move(output.reader);
-        known_ = describe(program_, true);
-        record.write(known_);
+        program_record_ = describe(program_, true);
+        record.write(program_record_);
         return 0;
     }
 
-    // Ends when the program has ended and nothing in the container holds its output open.
+    // Returns when the program has ended and no process in the container has its output open.
     void serve(const RecordKeeper& record, const SignalQueue& signals)
     {
-        while (!known_.exit_code || output_) {
-            if (const auto& status = program_.look(); status && !known_.exit_code) {
-                take_rest(); // who sees the exit code finds the output
-                known_.exit_code = status;
-                known_.exited = time_text(std::time(nullptr));
-                record.write(known_);
+        while (!program_record_.exit_code || output_) {
+            if (const auto& status = program_.look(); status && !program_record_.exit_code) {
+                read_rest(); // the log must be complete when the exit code appears
+                program_record_.exit_code = status;
+                program_record_.exited = time_text(std::time(nullptr));
+                record.write(program_record_);
                 continue;
             }
             std::array<pollfd, 1> wanted = {pollfd{output_.get(), POLLIN, 0}};
             signals.wait(wanted);
-            while (signals.next()) { // none of them is the monitor's
+            while (signals.next()) { // signals other than SIGCHLD are ignored
             }
             if (wanted[0].revents != 0)
-                take_output(buffer_.size());
+                read_output(buffer_.size());
         }
     }
 
-    // The number of bytes taken, 0 when there are none for now.
-    std::size_t take_output(std::size_t most)
+    // Returns the number of bytes read, 0 if there are none now.
+    std::size_t read_output(std::size_t most)
     {
         const ssize_t n = ::read(output_.get(), buffer_.data(), std::min(most, buffer_.size()));
         if (n > 0)
@@ -127,14 +128,15 @@ class Monitor {
         return n > 0 ? static_cast<std::size_t>(n) : 0;
     }
 
-    // What was there when the program ended: what it left behind may go on writing without end.
-    void take_rest()
+    // Reads only what was in the pipe when the program ended: processes that it left behind may go
+    // on writing for ever.
+    void read_rest()
     {
-        int there = 0;
-        if (!output_ || ::ioctl(output_.get(), FIONREAD, &there) != 0)
+        int available = 0;
+        if (!output_ || ::ioctl(output_.get(), FIONREAD, &available) != 0)
             return;
-        for (auto left = static_cast<std::size_t>(there); left > 0;) {
-            const std::size_t taken = take_output(left);
+        for (auto left = static_cast<std::size_t>(available); left > 0;) {
+            const std::size_t taken = read_output(left);
             if (taken == 0)
                 return;
             left -= taken;
@@ -144,7 +146,7 @@ class Monitor {
     std::string id_;
     std::size_t log_max_;
     Program program_;
-    Record known_;
+    Record program_record_;
     znc::UniqueFd output_;
     std::optional<LogFile> log_;
     std::array<char, 65536> buffer_;
@@ -159,8 +161,8 @@ bool log_limit(const Arguments& args, std::size_t& limit)
     if (text == nullptr)
         return true;
     const auto number = to_number<std::size_t>(text);
-    if (!number || *number < kLogMaxLeast) {
-        usage_failure(std::string("a log has at least 1024 bytes, not '") + text + "'");
+    if (!number || *number < kLogMaxMin) {
+        usage_failure(std::string("--log-max must be at least 1024 bytes, not '") + text + "'");
         return false;
     }
     limit = *number;
@@ -180,10 +182,10 @@ int start_with_monitor(const std::string& id, std::size_t log_max)
         return errno;
     if (pid == 0) {
         report.reader.reset();
-        leave_caller(report.writer);
+        detach_from_caller(report.writer);
         try {
             Monitor(id, log_max).run(std::move(report.writer));
-        } catch (const std::exception&) { // there is nobody to tell
+        } catch (const std::exception&) { // no place left to report it
             ::_exit(kExitFailure);
         }
         ::_exit(kExitOk);

@@ -1,5 +1,5 @@
-// monitor.hpp - the process that stays with a detached container's program: it keeps the log, waits
-// for the program and records how it ended. Used by start and run.
+// monitor.hpp - the monitor process of a detached container: it writes the log, waits for the
+// program and records its exit code. Used by start and run.
 #ifndef ZNC_CLI_CONTAINERS_MONITOR_HPP
 #define ZNC_CLI_CONTAINERS_MONITOR_HPP
 
@@ -10,11 +10,11 @@
 
 namespace zncctl {
 
-// The option --log-max. False, after a message, when it is no size.
+// Reads the option --log-max. False, after printing a message, if it is not a valid size.
 bool log_limit(const Arguments& args, std::size_t& limit);
 
-// Starts a created container and leaves it with a monitor. 0 once the program runs, else the error
-// number of the failed start, -1 for a failure without one.
+// Starts a created container with a monitor. Returns 0 once the program runs, else the errno value
+// of the failure, or -1 if it has none.
 int start_with_monitor(const std::string& id, std::size_t log_max);
 
 } // namespace zncctl

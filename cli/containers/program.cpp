@@ -21,7 +21,7 @@
 namespace zncctl {
 namespace {
 
-// Signals that came and were not handed out yet.
+// Signals that have arrived and were not returned by next() yet.
 volatile std::sig_atomic_t arrived[NSIG];
 
 void note_signal(int signo)
@@ -36,11 +36,11 @@ int exit_status(int wait_status)
     return WEXITSTATUS(wait_status);
 }
 
-// While it lives, the standard streams are a program's. One that is closed on exec counts as
-// closed, and stands for the null device.
-class StreamsInPlace {
+// While an object exists, the standard streams of zncctl are those for the program, which inherits
+// them. A descriptor with FD_CLOEXEC counts as closed, and the program gets the null device for it.
+class RedirectedStreams {
   public:
-    explicit StreamsInPlace(const ProgramStreams& streams)
+    explicit RedirectedStreams(const ProgramStreams& streams)
     {
         std::fflush(nullptr);
         for (int fd = 0; fd < 3; fd++) {
@@ -53,7 +53,7 @@ class StreamsInPlace {
             good_ = saved_[at] && good_;
         }
     }
-    ~StreamsInPlace()
+    ~RedirectedStreams()
     {
         const znc::ErrnoSaver keep;
         std::fflush(nullptr);
@@ -61,8 +61,8 @@ class StreamsInPlace {
             if (const auto& saved = saved_[static_cast<std::size_t>(fd)]; saved)
                 ::dup2(saved.get(), fd);
     }
-    StreamsInPlace(const StreamsInPlace&) = delete;
-    StreamsInPlace& operator=(const StreamsInPlace&) = delete;
+    RedirectedStreams(const RedirectedStreams&) = delete;
+    RedirectedStreams& operator=(const RedirectedStreams&) = delete;
 
     explicit operator bool() const { return good_; }
 
@@ -71,19 +71,19 @@ class StreamsInPlace {
     bool good_ = true;
 };
 
-// Follows a path as a process does whose root is this directory.
+// Resolves a path, including symbolic links, inside a root directory. Used for diagnostics only.
 class Walk {
   public:
     explicit Walk(int root) { dirs_.emplace_back(::fcntl(root, F_DUPFD_CLOEXEC, 3)); }
 
-    // 0 with the mode of what it leads to, or an error number.
+    // Returns 0 and the mode of the file that `path` names, or an errno value.
     int mode_of(const std::string& path, mode_t& mode)
     {
         mode = S_IFDIR;
         push(path);
-        while (!left_.empty()) {
-            const std::string part = std::move(left_.back());
-            left_.pop_back();
+        while (!remaining_.empty()) {
+            const std::string part = std::move(remaining_.back());
+            remaining_.pop_back();
             if (part == "..")
                 dirs_.resize(std::max<std::size_t>(dirs_.size() - 1, 1));
             else if (const int error = step(part, mode); error != 0)
@@ -95,14 +95,14 @@ class Walk {
   private:
     static constexpr int kLinksMax = 40;
 
-    // The parts of a path, the first one last.
+    // Pushes the components of a path in reverse order, so that the first one is popped first.
     void push(std::string_view path)
     {
         while (!path.empty()) {
             const std::size_t slash = path.rfind('/');
             const std::size_t start = slash == path.npos ? 0 : slash + 1;
             if (const std::string_view part = path.substr(start); !part.empty() && part != ".")
-                left_.emplace_back(part);
+                remaining_.emplace_back(part);
             path = path.substr(0, slash == path.npos ? 0 : slash);
         }
     }
@@ -137,19 +137,19 @@ class Walk {
         return 0;
     }
 
-    std::vector<znc::UniqueFd> dirs_; // the way to here
-    std::vector<std::string> left_;
+    std::vector<znc::UniqueFd> dirs_; // the directories from the root to the current one
+    std::vector<std::string> remaining_;
     int links_ = 0;
 };
 
-struct Named {
+struct ProgramFile {
     std::string path; // inside the root
-    int error;        // why it cannot be opened there, 0 if it can
+    int error;        // why it cannot be examined; 0 if it can
     mode_t mode;
 };
 
-// What the container's program is called in its root, and what is there.
-Named program_file(const std::string& id)
+// The path of the container's program inside its root, and the file found there.
+ProgramFile program_file(const std::string& id)
 {
     const Json state = state_of(id).value_or(Json());
     const std::string bundle = text_of(state, "bundle");
@@ -157,33 +157,33 @@ Named program_file(const std::string& id)
     const Json* process = config ? member(*config, "process") : nullptr;
     const Json& args = children(member(process, "args"));
     const std::string* first = args.empty() ? nullptr : text(&*args.begin());
-    Named named = {first != nullptr ? *first : "", EINVAL, 0};
-    if (!named.path.starts_with('/'))
-        named.path = text_of(process, "cwd") + "/" + named.path;
+    ProgramFile program = {first != nullptr ? *first : "", EINVAL, 0};
+    if (!program.path.starts_with('/'))
+        program.path = text_of(process, "cwd") + "/" + program.path;
     const std::string root_path = root_of_bundle(bundle);
     const znc::UniqueFd root(::open(root_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (first == nullptr || !root)
-        return named;
-    named.error = Walk(root.get()).mode_of(named.path, named.mode);
-    return named;
+        return program;
+    program.error = Walk(root.get()).mode_of(program.path, program.mode);
+    return program;
 }
 
 int spawn_failure(const std::string& id, const std::string& message)
 {
-    const Named named = program_file(id);
-    const auto say = [&](const char* why, ExitStatus status) {
-        return failure(id, fmt::format("{}: {}: {}", message, named.path, why), status);
+    const ProgramFile program = program_file(id);
+    const auto fail_with = [&](const char* why, ExitStatus status) {
+        return failure(id, fmt::format("{}: {}: {}", message, program.path, why), status);
     };
-    if (named.error == ENOENT || named.error == ENOTDIR)
-        return say("there is no such program in the container's root", kExitNoProgram);
-    if (named.error != 0)
-        return say("it cannot be looked at in the container's root", kExitCannotInvoke);
-    if (!S_ISREG(named.mode))
-        return say("it is no file", kExitCannotInvoke);
-    if ((named.mode & 0111) == 0)
-        return say("it is not executable", kExitCannotInvoke);
-    return say("it cannot be executed; its interpreter or its format may be the reason",
-               kExitCannotInvoke);
+    if (program.error == ENOENT || program.error == ENOTDIR)
+        return fail_with("there is no such program in the container's root", kExitNoProgram);
+    if (program.error != 0)
+        return fail_with("it cannot be examined in the container's root", kExitCannotInvoke);
+    if (!S_ISREG(program.mode))
+        return fail_with("it is not a regular file", kExitCannotInvoke);
+    if ((program.mode & 0111) == 0)
+        return fail_with("it is not executable", kExitCannotInvoke);
+    return fail_with("it cannot be executed; its interpreter may be missing or its format unknown",
+                     kExitCannotInvoke);
 }
 
 } // namespace
@@ -196,7 +196,8 @@ SignalQueue::SignalQueue()
     struct sigaction action = {};
     action.sa_handler = note_signal;
     action.sa_mask = all;
-    // Also SIGCHLD: ignored by whoever started zncctl it would take the exit status along.
+    // Includes SIGCHLD: if it were still ignored, as zncctl may have inherited it, the kernel would
+    // discard the exit status.
     for (int signo = 1; signo < NSIG; signo++) {
         arrived[signo] = 0;
         ::sigaction(signo, &action, &actions_[static_cast<std::size_t>(signo)]);
@@ -205,7 +206,7 @@ SignalQueue::SignalQueue()
 
 SignalQueue::~SignalQueue()
 {
-    // What came too late for the program is not meant for zncctl either.
+    // Discard signals that arrived after the program's end: they were not meant for zncctl.
     while (next()) {
     }
     for (int signo = 1; signo < NSIG; signo++)
@@ -215,7 +216,8 @@ SignalQueue::~SignalQueue()
 
 void SignalQueue::wait(std::span<pollfd> wanted, const timespec* time) const
 {
-    // Only here are signals let through, so none comes between a look and the wait.
+    // ppoll() unblocks the signals only while it waits: none can get lost between a check and the
+    // wait.
     sigset_t none;
     sigemptyset(&none);
     if (::ppoll(wanted.data(), wanted.size(), time, &none) < 0)
@@ -227,8 +229,8 @@ std::optional<int> SignalQueue::next() const
 {
     sigset_t none;
     sigemptyset(&none);
-    const timespec at_once = {};
-    ::ppoll(nullptr, 0, &at_once, &none);
+    const timespec no_wait = {};
+    ::ppoll(nullptr, 0, &no_wait, &none);
     for (int signo = 1; signo < NSIG; signo++)
         if (arrived[signo] != 0) {
             arrived[signo] = 0;
@@ -248,9 +250,9 @@ int startable(const std::string& id)
 int Program::start(const std::string& id, const ProgramStreams& streams)
 {
     {
-        const StreamsInPlace of_the_program(streams);
-        errno = of_the_program ? 0 : errno;
-        if (!of_the_program || zncStartPid(id.c_str(), 0, &pid_) != OK)
+        const RedirectedStreams redirected(streams);
+        errno = redirected ? 0 : errno;
+        if (!redirected || zncStartPid(id.c_str(), 0, &pid_) != OK)
             return errno != 0 ? errno : -1;
     }
     if (pid_ == 0) {
@@ -260,7 +262,7 @@ int Program::start(const std::string& id, const ProgramStreams& streams)
     process_.reset(znProcessOpen(pid_));
     if (process_)
         return 0;
-    const int error = errno; // its end would never be seen
+    const int error = errno; // without a process handle its end cannot be detected
     zncKill(id.c_str(), zncUtilSignalNo("KILL"), ZNC_OPT_WHOLE_NAMESPACE);
     return error;
 }
@@ -270,9 +272,9 @@ const std::optional<int>& Program::look()
     int status = 0;
     if (!status_ && znProcessReap(process_.get(), &status) == OK)
         status_ = exit_status(status);
-    // From then on its id may be another's.
+    // Once it is reaped, its process id may be reused, so it is no longer excluded.
     if (znProcessReapOthers(status_ ? 0 : pid_) != 0)
-        ::raise(SIGCHLD); // look again, after everything else
+        ::raise(SIGCHLD); // there may be more: have this called again, after other events
     return status_;
 }
 
@@ -292,9 +294,9 @@ Record describe(const Program& program, bool logged)
     record.program = program.pid();
     record.logged = logged;
     record.started = time_text(std::time(nullptr));
-    std::array<char, 64> space{};
-    if (znProcessNamespace(program.pid(), space.data(), space.size()) == OK)
-        record.pid_namespace = space.data();
+    std::array<char, 64> ns_name{};
+    if (znProcessNamespace(program.pid(), ns_name.data(), ns_name.size()) == OK)
+        record.pid_namespace = ns_name.data();
     return record;
 }
 
@@ -313,7 +315,7 @@ void forward_signal(const std::string& id, int host_signal, bool everyone)
     const unsigned option = everyone ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     if (signo < 0 || call_library([&] { return zncKill(id.c_str(), signo, option); }) == OK)
         return;
-    if (errno != ESRCH) // it is about to end by itself
+    if (errno != ESRCH) // ESRCH: the program has just ended
         static_cast<void>(daemon_failure(errno, id));
 }
 

@@ -1,5 +1,5 @@
-// program.hpp - a container's program, which is a child of whoever starts the container. Used by
-// the commands that start or follow one, and by the monitor.
+// program.hpp - a container's program, a child of the process that starts the container. Used by
+// the commands that start or follow a program, and by the monitor.
 #ifndef ZNC_CLI_CONTAINERS_PROGRAM_HPP
 #define ZNC_CLI_CONTAINERS_PROGRAM_HPP
 
@@ -15,7 +15,8 @@
 
 namespace zncctl {
 
-// For its life every signal is held back, and handed out when it is asked for. One at a time.
+// While an object exists, all signals are blocked; they are delivered by next(). Only one object
+// may exist at a time.
 class SignalQueue {
   public:
     SignalQueue();
@@ -23,9 +24,10 @@ class SignalQueue {
     SignalQueue(const SignalQueue&) = delete;
     SignalQueue& operator=(const SignalQueue&) = delete;
 
-    // Waits until a signal comes, one of these is ready or, if not null, the time is up.
+    // Waits until a signal arrives, one of the descriptors is ready or, if `time` is not null, it
+    // has passed.
     void wait(std::span<pollfd> wanted, const timespec* time = nullptr) const;
-    // The next one, without waiting.
+    // The next signal, without waiting.
     std::optional<int> next() const;
 
   private:
@@ -33,24 +35,24 @@ class SignalQueue {
     std::array<struct sigaction, NSIG> actions_ = {};
 };
 
-// A program's standard streams: descriptors above 2, or kNullDevice for the container's null
+// A program's standard streams: descriptors greater than 2, or kNullDevice for the container's null
 // device.
 using ProgramStreams = std::array<int, 3>;
 inline constexpr int kNullDevice = -1;
 
-// A container's program, which is a child of this process until it is reaped here.
+// A container's program. It is a child of this process until this object reaps it.
 class Program {
   public:
-    // Starts a created container. 0, or the error number of the failed start, -1 if it has none.
+    // Starts a created container. Returns 0, or the errno value of the failure, -1 if it has none.
     int start(const std::string& id, const ProgramStreams& streams);
-    [[nodiscard]] pid_t pid() const { return pid_; } // 0: the daemon had nothing to run
+    [[nodiscard]] pid_t pid() const { return pid_; } // 0: the daemon named no program to run
 
-    // To be called when a child may have ended. The program's exit status once it has, with a
-    // signal that ended it as 128 plus its host number. Other processes that the program has made
-    // children of this one are reaped as they end.
+    // To be called when a child may have ended. Returns the program's exit status once it has
+    // ended; 128 plus the host's signal number if a signal killed it. Also reaps other processes
+    // that became children of this one.
     const std::optional<int>& look();
-    // After the program's end: what is left of such children vanishes without being asked for. A
-    // container cannot be taken down as long as one of them waits to be reaped.
+    // To be called after the program's end. From then on the kernel reaps the remaining children: a
+    // container cannot be deleted while one of its processes is a zombie.
     static void leave_others();
 
   private:
@@ -59,17 +61,18 @@ class Program {
     std::optional<int> status_;
 };
 
-// Whether a container can be started: 0, or an error number, -1 for none. Asked before anything is
-// known anew of it.
+// Returns 0 if the container can be started, else an errno value, -1 if there is none. To be called
+// before a new record is begun, which deletes the old one.
 int startable(const std::string& id);
 
-// Writes what is known of a started program into its record.
+// Returns the record of a program that was just started.
 Record describe(const Program& program, bool logged);
 
-// A failed start: its message and hints, and 125, 126 or 127.
+// Prints the message and hints for a failed start; returns exit status 125, 126 or 127.
 int start_failure(int error, const std::string& id);
 
-// Sends a host signal to the container's program; one without a number of the system's is dropped.
+// Sends a signal, given by its number on the host, to the container's program, or to all of its
+// processes. Signals that the container system does not have are dropped.
 void forward_signal(const std::string& id, int host_signal, bool everyone = false);
 
 } // namespace zncctl

@@ -1,10 +1,10 @@
-// signal_number.hpp - the signal a user asks for. Used by kill; start has names from the host.
+// signal_number.hpp - parses a signal given by the user. Used by kill.
 #ifndef ZNC_CLI_CONTAINERS_SIGNAL_NUMBER_HPP
 #define ZNC_CLI_CONTAINERS_SIGNAL_NUMBER_HPP
 
 namespace zncctl {
 
-// "KILL", "SIGKILL", "kill" or "9": the system's own number, or -1.
+// Converts "KILL", "SIGKILL", "kill" or "9" to the container system's signal number; -1 if unknown.
 int signal_number(const char* text);
 
 } // namespace zncctl

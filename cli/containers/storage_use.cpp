@@ -17,13 +17,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a mounted overlay shows.
+// A mounted overlay device.
 struct Device {
     std::vector<std::string> lower;
-    bool writable = false; // a container's
+    bool writable = false; // the writable root of a container
 };
 
-// By their paths.
+// The mounted devices, by path.
 std::map<std::string, Device> mounted_devices()
 {
     std::map<std::string, Device> devices;
@@ -66,7 +66,7 @@ void list(StoredKind kind, const std::string& area, std::vector<Stored>& all)
     }
 }
 
-// The bundles of the containers there are.
+// The bundles of all existing containers.
 std::optional<std::vector<std::string>> bundles_of_containers()
 {
     const znc::MallocPtr<char> text(call_library(zncList));
@@ -143,14 +143,15 @@ std::optional<std::vector<std::string>> used_by_containers()
         if (const std::string root = root_of_bundle((*used)[i]); !root.empty())
             used->push_back(root);
     for (const auto& [path, device] : mounted_devices())
-        if (device.writable) // its container's bundle may be gone
+        if (device.writable) // the bundle of its container may have been deleted
             used->insert(used->end(), device.lower.begin(), device.lower.end());
     return used;
 }
 
 bool collect(std::vector<std::string> used, bool dryRun, std::vector<Stored>& removed)
 {
-    // A device of which the library knows nothing, and which therefore stays, needs its layers.
+    // A device that the library has no record of is not removed, so that its layers are needed too.
+    // A dry run shows which devices those are.
     if (!collect_once(used, true, removed))
         return false;
     for (const auto& [path, device] : mounted_devices()) {

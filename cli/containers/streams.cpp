@@ -11,10 +11,10 @@
 namespace zncctl {
 namespace {
 
-// More than a terminal holds, so that all of a program's output is passed on, and little enough for
-// a process that it left behind and that never stops writing.
+// More than the buffer of a terminal, so that all of the program's output is passed on, but limited
+// because a process that the program left behind may go on writing for ever.
 constexpr std::size_t kTerminalRest = 256 * 1024;
-constexpr timespec kForegroundLook = {0, 100'000'000};
+constexpr timespec kForegroundPoll = {0, 100'000'000};
 
 bool is_null_device(const struct stat& st)
 {
@@ -23,13 +23,14 @@ bool is_null_device(const struct stat& st)
            st.st_rdev == null.st_rdev;
 }
 
-bool leads_nowhere(int fd)
+bool is_null_or_closed(int fd)
 {
     struct stat st = {};
     return ::fstat(fd, &st) != 0 || is_null_device(st);
 }
 
-// Whether what is written to either comes to one place in the order of writing.
+// Whether both descriptors refer to the same file in the same mode, so that the order of what is
+// written to them matters.
 bool same_place(int one, int other)
 {
     struct stat a = {};
@@ -48,8 +49,8 @@ bool make_pipe(znc::UniqueFd& reader, znc::UniqueFd& writer)
     return true;
 }
 
-// The two ends of a pipe share no flags.
-bool do_not_wait(int fd)
+// Affects this end only: the two ends of a pipe have separate flags.
+bool set_nonblocking(int fd)
 {
     return ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK) == 0;
 }
@@ -75,14 +76,14 @@ bool Streams::make_pipes()
 
 bool Streams::make_input()
 {
-    if (leads_nowhere(STDIN_FILENO))
+    if (is_null_or_closed(STDIN_FILENO))
         return true;
     znc::UniqueFd reader;
     znc::UniqueFd writer;
-    if (!make_pipe(reader, writer) || !do_not_wait(writer.get()))
+    if (!make_pipe(reader, writer) || !set_nonblocking(writer.get()))
         return false;
     of_program_[STDIN_FILENO] = reader.get();
-    own_.push_back(std::move(reader));
+    program_ends_.push_back(std::move(reader));
     input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::own(std::move(writer)),
                    "standard input");
     return true;
@@ -90,14 +91,14 @@ bool Streams::make_input()
 
 bool Streams::make_output(int fd, const char* name)
 {
-    if (leads_nowhere(fd))
+    if (is_null_or_closed(fd))
         return true;
     znc::UniqueFd reader;
     znc::UniqueFd writer;
-    if (!make_pipe(reader, writer) || !do_not_wait(reader.get()))
+    if (!make_pipe(reader, writer) || !set_nonblocking(reader.get()))
         return false;
     of_program_[static_cast<std::size_t>(fd)] = writer.get();
-    own_.push_back(std::move(writer));
+    program_ends_.push_back(std::move(writer));
     outputs_.emplace_back(PumpEnd::own(std::move(reader)), PumpEnd::of_caller(fd), name);
     struct stat st = {};
     if (::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode)))
@@ -132,7 +133,7 @@ void Streams::wait(const SignalQueue& signals)
         input_->pause(background);
         add(*input_);
     }
-    signals.wait(wanted, background ? &kForegroundLook : nullptr);
+    signals.wait(wanted, background ? &kForegroundPoll : nullptr);
     std::size_t at = 0;
     for (Pump& output : outputs_) {
         output.go(wanted[at].revents, wanted[at + 1].revents);

@@ -1,7 +1,7 @@
-// streams.hpp - the standard streams of a program in the foreground. It gets pipes or a terminal of
-// zncctl's making, never what the caller has: through /proc/self/fd a program could open the
-// caller's file with other rights than it was given, change its mode and owner, or go on reading
-// the caller's terminal after its end. Used by foreground.cpp.
+// streams.hpp - the standard streams of a program in the foreground. The program gets pipes or a
+// terminal that zncctl created, never the caller's own descriptors: through /proc/self/fd it could
+// reopen the caller's file with other access rights, change its mode and owner, or go on reading
+// the caller's terminal after zncctl has ended. Used by foreground.cpp.
 #ifndef ZNC_CLI_CONTAINERS_STREAMS_HPP
 #define ZNC_CLI_CONTAINERS_STREAMS_HPP
 
@@ -17,22 +17,25 @@ namespace zncctl {
 
 class Streams {
   public:
-    // A pipe for each stream of the caller's; one for output and errors together if those lead to
-    // the same place, so that their order stays. The null device stays one. False with errno set.
+    // Creates a pipe for each standard stream. Output and errors share one if they go to the same
+    // file, so that their order is kept. For the null device no pipe is needed. False with errno
+    // set.
     bool make_pipes();
-    // The terminal for all three. `typed` gets what the caller types.
+    // Uses the pseudo-terminal for all three. `typed` is called with what the caller types.
     void use_terminal(const Pty& pty, std::function<void(std::string_view)> typed);
 
-    // For start(): the program's descriptors. Afterwards they are closed here.
+    // The program's descriptors, for Program::start(). Call started() afterwards to close them
+    // here.
     [[nodiscard]] const ProgramStreams& of_program() const { return of_program_; }
-    void started() { own_.clear(); }
+    void started() { program_ends_.clear(); }
 
-    // Waits for a signal, or for bytes and passes them on.
+    // Waits for a signal or for data, and passes the data on.
     void wait(const SignalQueue& signals);
-    // The program has ended: passes on what it has written and no more, whoever else writes.
+    // To be called when the program has ended: passes on what it has written, and nothing that
+    // other processes write later.
     void finish();
     [[nodiscard]] bool done() const;
-    // Says what could not be passed on; whether there was anything.
+    // Prints a message for each stream that lost data; true if there was one.
     [[nodiscard]] bool report_failures(const std::string& id) const;
 
   private:
@@ -40,7 +43,7 @@ class Streams {
     bool make_output(int fd, const char* name);
 
     ProgramStreams of_program_ = {kNullDevice, kNullDevice, kNullDevice};
-    std::vector<znc::UniqueFd> own_;
+    std::vector<znc::UniqueFd> program_ends_;
     std::optional<Pump> input_;
     std::vector<Pump> outputs_;
     bool terminal_ = false;

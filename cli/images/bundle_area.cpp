@@ -13,7 +13,7 @@
 namespace zncctl {
 namespace {
 
-// In the bundle's directory, where nothing of the image itself is.
+// A file in the bundle's directory, outside the image's root.
 constexpr const char* kCompleteMark = "/.complete";
 constexpr const char* kInUse = "/.in-use";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -38,15 +38,15 @@ std::string bundle_area()
 
 BundlesInUse::BundlesInUse(const std::string& area)
 {
-    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it"))
+    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it to finish"))
         throw_error(area + kInUse);
 }
 
-std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
+std::unique_ptr<BundlesInUse> BundlesInUse::try_exclusive(const std::string& area)
 {
-    std::unique_ptr<BundlesInUse> none(new BundlesInUse);
-    if (none->lock_.try_take(area + kInUse))
-        return none;
+    std::unique_ptr<BundlesInUse> exclusive(new BundlesInUse);
+    if (exclusive->lock_.try_take(area + kInUse))
+        return exclusive;
     if (errno != EWOULDBLOCK)
         throw_error(area + kInUse);
     return nullptr;
@@ -68,7 +68,8 @@ bool is_complete(const std::string& bundle)
 
 bool mark_complete(const std::string& bundle)
 {
-    // The mark must not outlive a crash of the machine that the configuration does not.
+    // The configuration must be on disk before the mark is created: after a crash of the machine a
+    // marked bundle must have it.
     const znc::UniqueFd config = open_regular(bundle + "/config.json");
     if (!config || ::fsync(config.get()) != 0)
         return false;

@@ -1,5 +1,6 @@
-// bundle_area.hpp - the directory of the bundles that `run` makes of images, in the storage base:
-// who may make one when, and which are whole. Used by store.
+// bundle_area.hpp - the directory, in the storage base, of the bundles that `run` creates from
+// images: locks against concurrent use, and which bundles are complete. Used by image_bundle and
+// storage.
 #ifndef ZNC_CLI_IMAGES_BUNDLE_AREA_HPP
 #define ZNC_CLI_IMAGES_BUNDLE_AREA_HPP
 
@@ -10,18 +11,20 @@
 
 namespace zncctl {
 
-// The directory, made unless it is there. Throws std::runtime_error when it cannot be used, or when
-// anybody but this user can write to it.
+// The path of the directory, which is created if it does not exist. Throws std::runtime_error if it
+// cannot be used or belongs to another user. Removes access rights of other users.
 std::string bundle_area();
 
-// Holds the collection of unused bundles off: from before a bundle is looked for until there is a
-// container of it, shared by all who do. A collection takes it alone, and does not wait.
+// Keeps unused bundles from being collected, from before a bundle is looked for until its container
+// exists. Commands that use bundles share the lock; a collection takes it exclusively and does not
+// wait for it.
 class BundlesInUse {
   public:
-    // Throws std::runtime_error when it cannot be taken; waiting for a collection is said.
+    // Waits for a running collection, printing a hint after a second. Throws std::runtime_error if
+    // the lock cannot be taken.
     explicit BundlesInUse(const std::string& area);
-    // For a collection. Nothing while a bundle is in use; throws as the constructor does.
-    static std::unique_ptr<BundlesInUse> by_none(const std::string& area);
+    // For a collection. Null while a bundle is in use; throws as the constructor does.
+    static std::unique_ptr<BundlesInUse> try_exclusive(const std::string& area);
 
   private:
     BundlesInUse() = default;
@@ -29,8 +32,9 @@ class BundlesInUse {
     NamedLock lock_;
 };
 
-// While it lives no other process makes the bundle of this name. Waiting is said after a second,
-// and an interrupt ends it. Throws std::runtime_error when the lock cannot be taken.
+// While an object exists, no other process creates the bundle of this name. The constructor waits
+// for the lock, printing a hint after a second; a signal ends the wait. Throws std::runtime_error
+// if the lock cannot be taken.
 class BundleLock {
   public:
     BundleLock(const std::string& area, const std::string& name);
@@ -39,14 +43,15 @@ class BundleLock {
     NamedLock lock_;
 };
 
-// Whether `run` made this bundle and came to the end of it. Others are made anew: an unpack that
-// was killed left them, or a version that took over everything the image asked for.
+// Whether `run` created this bundle completely. Other bundles are created again: they were left by
+// an unpack that was killed, or by an older version that did not filter the image's settings.
 bool is_complete(const std::string& bundle);
 
-// Says so of a bundle; false with errno set.
+// Marks a bundle as complete; false with errno set.
 bool mark_complete(const std::string& bundle);
 
-// Removes what of a bundle is there. False with errno set when something stays.
+// Removes a bundle, also an incomplete one. False with errno set if part of it could not be
+// removed.
 bool remove_bundle(const std::string& bundle);
 
 } // namespace zncctl

@@ -20,19 +20,19 @@
 namespace zncctl {
 namespace {
 
-constexpr std::size_t kDigestPrefix = 7; // "sha256:"
+constexpr std::size_t kDigestPrefix = 7; // length of "sha256:"
 constexpr const char* kMayNeedImport = "the image may have to be imported";
 constexpr const char* kDamaged = "A layer of the image is damaged or a path is too long";
 
 void hint_at_import(const Wanted& wanted, const std::string& reason)
 {
-    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' makes an image that can be "
-                           "unpacked whole; 'zncctl image check {}' says why",
+    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' converts it to an image that can "
+                           "be unpacked completely; 'zncctl image check {}' explains why",
                            reason, wanted.image.layout, wanted.image.tag, wanted.image.layout));
 }
 
-// Hints at what is known to be behind a failed unpack.
-void explain(int error, const Wanted& wanted)
+// Prints a hint for failures of an unpack with a known cause.
+void print_hints(int error, const Wanted& wanted)
 {
     switch (error) {
     case S_zncLib_INDEX_INVALID:
@@ -44,10 +44,9 @@ void explain(int error, const Wanted& wanted)
         break;
     case EEXIST:
         print_hint(
-            "the overlay device of this image exists already: it is unpacked, and its bundle "
-            "can be used; 'zncctl storage gc' removes devices that nothing uses. Or another image "
-            "with the same diff IDs and other layers is unpacked: one of the two is not what it "
-            "says");
+            "the overlay device of this image exists already: the image is unpacked, and its "
+            "bundle can be used; 'zncctl storage gc' removes unused devices. Or another image with "
+            "the same diff IDs but other layers is unpacked: one of the two has wrong diff IDs");
         break;
     case 0:
     case EPERM:
@@ -62,14 +61,14 @@ void explain(int error, const Wanted& wanted)
     }
 }
 
-// An image as far as it is known before anything is unpacked.
+// The image to unpack, and the configuration that it gets.
 struct Chosen {
     Image image;
     SettledConfiguration settled;
 };
 
-// An image for which the library would refuse its layout has the library's error; what is only
-// refused here has a line of its own.
+// Reports why a layout is rejected. If the library rejects it as well, the message is the
+// library's; `refused`: only zncctl rejects it, for the reason in `problem`.
 int refuse_layout(const Wanted& wanted, const std::string& problem, bool refused)
 {
     const char* layout = wanted.image.layout.c_str();
@@ -80,18 +79,18 @@ int refuse_layout(const Wanted& wanted, const std::string& problem, bool refused
         return failure(layout, problem);
     const int error = errno;
     const int status = local_failure(error, layout);
-    explain(error, wanted);
+    print_hints(error, wanted);
     return status;
 }
 
 int no_such_image(const Wanted& wanted)
 {
     const int status = local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout);
-    explain(S_zncLib_PLATFORM_NOT_FOUND, wanted);
+    print_hints(S_zncLib_PLATFORM_NOT_FOUND, wanted);
     return status;
 }
 
-// Nothing after a message.
+// Nullopt after printing a message.
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
     const std::string& layout = wanted.image.layout;
@@ -108,7 +107,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
     if (image == nullptr || !image->problem.empty()) {
-        // The library would read a file of another size to its end.
+        // Report a wrong size first: the library would read such a file to its end before it fails.
         const std::string size = size_problem(layout, *images);
         static_cast<void>(!size.empty()      ? failure(layout, size)
                           : image == nullptr ? no_such_image(wanted)
@@ -126,7 +125,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
 }
 
-void say_notes(const Wanted& wanted, const Chosen& chosen)
+void print_notes(const Wanted& wanted, const Chosen& chosen)
 {
     constexpr std::size_t kShown = 20;
     const std::vector<std::string>& notes = chosen.settled.notes;
@@ -137,8 +136,8 @@ void say_notes(const Wanted& wanted, const Chosen& chosen)
                                   wanted.image.layout, notes.size() - kShown));
 }
 
-// An image that is ready to be unpacked: the library sees nothing of the layout that it comes from
-// but the layers, of which it compares the digests.
+// An image that is ready to be unpacked. The library gets a private layout, in which only the
+// layers come from the original one; it verifies their digests.
 class Unpacking {
   public:
     Unpacking(const Wanted& wanted, const Chosen& chosen)
@@ -147,7 +146,7 @@ class Unpacking {
     {
     }
 
-    // OK, or ERROR with errno set.
+    // Unpacks the image. OK, or ERROR with errno set.
     STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
     {
         const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
@@ -166,30 +165,32 @@ class Unpacking {
         }
         if (status == OK && progress.left_out() != 0)
             hint_at_import(wanted_,
-                           fmt::format("{} members of the image were left out or are marks of "
-                                       "what it deletes",
+                           fmt::format("{} members of the image were left out, or are whiteouts "
+                                       "that were extracted as files",
                                        progress.left_out()));
         errno = error;
         return status;
     }
 
-    // The same; kExitOk, or a status after a message and what is known about the reason.
-    int unpack_or_say(const std::string& bundle, unsigned option, Progress& progress) const
+    // Like unpack(), but prints the message and hints for a failure. Returns kExitOk or another
+    // exit status.
+    int unpack_or_report(const std::string& bundle, unsigned option, Progress& progress) const
     {
         if (unpack(bundle, option, progress) == OK)
             return kExitOk;
         const int error = errno;
         const int status = local_failure(error, wanted_.image.layout, kDamaged);
-        explain(error, wanted_);
+        print_hints(error, wanted_);
         if (error == EINVAL && option == 0)
-            print_hint(fmt::format("the kernel does not stack so many layers ({}); 'zncctl unpack "
-                                   "--flatten' makes one tree of them",
+            print_hint(fmt::format("the kernel cannot stack so many layers ({}); 'zncctl unpack "
+                                   "--flatten' extracts them into one directory tree",
                                    layers_.paths().size()));
         return status;
     }
 
   private:
-    // A root of the bundle's own is no container's yet.
+    // Without overlayfs the root is inside the bundle and not used by a container yet: the sticky
+    // bits can be set at once.
     static bool keep_sticky(const std::string& bundle, const std::string& directories)
     {
         return annotate_sticky(bundle, directories) &&
@@ -205,7 +206,7 @@ class Unpacking {
 
 namespace {
 
-// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+// Why zncBasePathGet failed; it leaves the path of the rejected directory in the buffer.
 std::string base_problem(const char* path)
 {
     const int error = errno;
@@ -213,7 +214,7 @@ std::string base_problem(const char* path)
     if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
         return fmt::format("the storage base is refused: {}", trust.fault);
     errno = error;
-    return fmt::format("the storage base cannot be made: {}: {}", path, error_text());
+    return fmt::format("the storage base cannot be created: {}: {}", path, error_text());
 }
 
 } // namespace
@@ -243,9 +244,9 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
     const auto chosen = choose_image(args, wanted);
     if (!chosen)
         return kExitFailure;
-    say_notes(wanted, *chosen);
+    print_notes(wanted, *chosen);
     try {
-        return Unpacking(wanted, *chosen).unpack_or_say(bundle, option, progress);
+        return Unpacking(wanted, *chosen).unpack_or_report(bundle, option, progress);
     } catch (const std::runtime_error& error) {
         return failure(wanted.image.layout, error.what());
     }
@@ -253,18 +254,19 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
 
 namespace {
 
-// The name of a container's own bundle. Ids may be as long as names: a long one has its digest
-// here, and so has one that looks as such a name does.
-std::string own_name(const std::string& id)
+// The directory name of a bundle made for one container: "of-" and the container's id. For an id
+// that is too long, or that starts with "-" and could be taken for such a name, "of--" and its
+// digest.
+std::string private_name(const std::string& id)
 {
-    constexpr std::size_t kMost = 180;
+    constexpr std::size_t kNameMax = 180;
     const std::string kept = kept_id(id);
-    const bool plain = kept.size() <= kMost && !kept.starts_with('-');
+    const bool plain = kept.size() <= kNameMax && !kept.starts_with('-');
     return plain ? "of-" + kept : "of--" + digest_of(kept).substr(kDigestPrefix);
 }
 
-// The verified digest of the manifest names the bundle that containers share: what is in it is
-// settled by that and by what images may ask for.
+// The directory name of a bundle that containers share. Its content is determined by the manifest,
+// whose digest was verified, and by whether the image's mounts are allowed.
 std::string shared_name(const Arguments& args, const Image& image)
 {
     return fmt::format("image-{}{}", image.manifest.digest.substr(kDigestPrefix),
@@ -281,11 +283,11 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     Progress progress(args.value("progress", "auto"));
     bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
     if (!done) {
-        // The image's device may exist for a bundle elsewhere, or have more layers than the kernel
-        // stacks; a tree of its own needs none.
+        // The overlay device of the image may exist already, for a bundle in another place, or the
+        // image may have more layers than the kernel can stack. A flattened tree needs no device.
         const unsigned option =
             shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
-        done = unpacking.unpack_or_say(bundle, option, progress) == kExitOk;
+        done = unpacking.unpack_or_report(bundle, option, progress) == kExitOk;
     }
     if (!done || mark_complete(bundle))
         return done;
@@ -310,16 +312,17 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
     const auto chosen = choose_image(args, wanted);
     if (!chosen)
         return std::nullopt;
-    say_notes(wanted, *chosen);
+    print_notes(wanted, *chosen);
     const bool shared = zncOvlFsAvailable() != FALSE;
     try {
         const std::string area = bundle_area();
         in_use.emplace(area);
-        const std::string name = shared ? shared_name(args, chosen->image) : own_name(id);
+        const std::string name = shared ? shared_name(args, chosen->image) : private_name(id);
         std::string bundle = fmt::format("{}/{}", area, name);
         if (shared && is_complete(bundle))
             return bundle;
-        // Everything of the image's layout is opened before anybody has to wait for this process.
+        // Open all files of the image's layout before taking the lock, so that other processes need
+        // not wait for that.
         const Unpacking unpacking(wanted, *chosen);
         const BundleLock lock(area, name);
         if ((shared && is_complete(bundle)) ||
@@ -335,7 +338,7 @@ std::string own_bundle(const std::string& id)
 {
     if (!is_container_id(id))
         return "";
-    std::string own = fmt::format("{}/bundles/{}", storage_base(), own_name(id));
+    std::string own = fmt::format("{}/bundles/{}", storage_base(), private_name(id));
     return is_complete(own) ? own : "";
 }
 

@@ -1,5 +1,5 @@
-// image_bundle.hpp - the storage base as zncctl sees it: bundles of images that `run` made, and
-// unpacking with its progress and hints. Used by unpack, run, storage and delete.
+// image_bundle.hpp - the bundles that `run` creates from images in the storage base, and unpacking
+// with progress reports and hints. Used by unpack, run, storage and delete.
 #ifndef ZNC_CLI_IMAGES_IMAGE_BUNDLE_HPP
 #define ZNC_CLI_IMAGES_IMAGE_BUNDLE_HPP
 
@@ -11,7 +11,8 @@
 
 namespace zncctl {
 
-// The base itself, without a final "/". Throws when it cannot be made.
+// The path of the storage base, without a final "/". Throws std::runtime_error if it cannot be
+// created.
 std::string storage_base();
 
 struct Wanted {
@@ -20,22 +21,22 @@ struct Wanted {
     std::string arch;
 };
 
-// What the options --os and --arch of a command say.
+// Combines an image name with the options --os and --arch of a command.
 Wanted wanted_image(const Arguments& args, ImageName image);
 
-// The bundle of an image for a container, made unless it is there: with the overlay filesystem all
-// containers of an image share one, without it each has its own. `in_use` keeps it from being
-// collected; it is needed until there is the container. Nothing after a message.
+// Returns the bundle of an image for a container, and creates it if necessary. With overlayfs all
+// containers of an image share a bundle, without it each container has its own. `in_use` keeps the
+// bundle from being collected until the container exists. Nullopt after printing a message.
 std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
                                            const std::string& id,
                                            std::optional<BundlesInUse>& in_use);
 
-// Unpacks with the progress that --progress asks for. kExitOk, or a status after a message and
-// what is known about the reason.
+// Unpacks an image, with progress reports as given by --progress. Returns kExitOk, or another exit
+// status after printing a message and hints.
 int unpack_image(const Arguments& args, const Wanted& wanted, const std::string& bundle,
                  unsigned option);
 
-// The bundle that was made for this container alone; "" if there is none.
+// The bundle that was created for this container alone; "" if there is none.
 std::string own_bundle(const std::string& id);
 
 } // namespace zncctl

@@ -17,7 +17,7 @@ constexpr std::array<std::string_view, 15> kFlags = {
     "ro",         "rw",          "noexec",     "exec",        "nosuid",
     "nodev",      "nosymfollow", "atime",      "noatime",     "relatime",
     "norelatime", "diratime",    "nodiratime", "strictatime", "defaults"};
-// Taken out: they give more than the image needs.
+// Removed from the options: they would give the container more rights than it needs.
 constexpr std::array<std::string_view, 13> kDropped = {
     "dev",    "suid",   "bind",    "rbind",      "private",     "rprivate", "slave",
     "rslave", "shared", "rshared", "unbindable", "runbindable", "symfollow"};
@@ -25,7 +25,7 @@ constexpr std::array<std::string_view, 6> kMemoryOptions = {
     "size=", "nr_inodes=", "nr_blocks=", "mode=", "uid=", "gid="};
 
 template <std::size_t N>
-bool holds(const std::array<std::string_view, N>& list, std::string_view text)
+bool contains(const std::array<std::string_view, N>& list, std::string_view text)
 {
     return std::find(list.begin(), list.end(), text) != list.end();
 }
@@ -50,15 +50,16 @@ ImageMount::Kind kind_of(const ImageMount& mount)
     return mount.type == "tmpfs" ? Kind::kMemory : Kind::kKernel;
 }
 
-// Nothing when there is one among them that an image does not get.
+// The options that an image may set, with "nosuid,nodev". Nullopt if there is one that it must not
+// set.
 std::optional<std::string> permitted_options(const ImageMount& mount)
 {
     std::string text;
     for (const std::string& option : mount.options) {
-        if (holds(kDropped, option) || option == "nosuid" || option == "nodev")
+        if (contains(kDropped, option) || option == "nosuid" || option == "nodev")
             continue;
         const bool memory = mount.kind == ImageMount::Kind::kMemory && is_memory_option(option);
-        if (!memory && !holds(kFlags, option))
+        if (!memory && !contains(kFlags, option))
             return std::nullopt;
         text += option + ",";
     }
@@ -115,7 +116,7 @@ std::optional<std::string> permitted_key(const ImageMount& mount, bool allow_hos
         return std::nullopt;
     std::string key = fmt::format("{}:{}:{}:{}", mount.source, mount.destination, *options,
                                   host ? "bind" : "tmpfs");
-    // The library reads 255 bytes of a key.
+    // The library reads only the first 255 bytes of a key: check that nothing important is cut off.
     const ImageMount read = read_mount(key);
     const auto has = [&read](const char* option) {
         return std::find(read.options.begin(), read.options.end(), option) != read.options.end();

@@ -1,4 +1,4 @@
-// image_mounts.hpp - the mounts that an image asks for in its "Volumes". Used by image_settings.
+// image_mounts.hpp - the mounts that an image requests in its "Volumes". Used by image_settings.
 #ifndef ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 #define ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 
@@ -13,7 +13,7 @@ struct ImageMount {
         kVolume, // a directory of the image itself: nothing is mounted
         kMemory, // tmpfs
         kHost,   // a directory or file of the host
-        kKernel  // another file system of the kernel's
+        kKernel  // any other type of file system
     };
 
     Kind kind = Kind::kVolume;
@@ -23,14 +23,14 @@ struct ImageMount {
     std::vector<std::string> options;
 };
 
-// As the library reads a key of "Volumes".
+// Parses a key of "Volumes" with the library's own parser.
 ImageMount read_mount(const std::string& key);
 
-// "the host's /a at /b"
+// A description for messages, such as "the host's /a at /b".
 std::string text_of_mount(const ImageMount& mount);
 
-// The key that the library reads as this mount, as far as an image may have it: always "nosuid" and
-// "nodev", no "rbind", no propagation. Nothing when it may not have it at all.
+// A key for this mount with the options that an image may set: always "nosuid" and "nodev", never
+// "rbind" or mount propagation. Nullopt if an image may not have the mount at all.
 std::optional<std::string> permitted_key(const ImageMount& mount, bool allow_host);
 
 } // namespace zncctl

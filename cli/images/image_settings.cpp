@@ -11,12 +11,12 @@
 namespace zncctl {
 namespace {
 
-constexpr std::string_view kRtpPrefix = "com.quenmark.zarnel.rtp"; // as the library has it
+constexpr std::string_view kRtpPrefix = "com.quenmark.zarnel.rtp"; // the same as in the library
 constexpr std::int32_t kNormalPriority = 100;
-// The daemon makes them while others wait for its answers.
+// Limited because the daemon creates the mounts of one container while all other clients wait.
 constexpr std::size_t kMountsMax = 100;
 
-// A member that must be of a type if it is there and not null; else null.
+// A member that must be of this type if it exists and is not null; else returns null.
 const Json* typed_member(const Json& object, const char* key, Json::value_t type, const char* what)
 {
     const Json* item = any_case_member(object, key);
@@ -39,7 +39,7 @@ std::string text_member(const Json& object, const char* key)
     return found != nullptr ? *found : "";
 }
 
-// A copy of what may be of any type: the library looks at it itself.
+// Copies a member of any type: the library checks it.
 void copy_member(Json& to, const Json& from, const char* key)
 {
     if (const Json* item = any_case_member(from, key); item != nullptr)
@@ -62,7 +62,7 @@ void copy_texts(Json& to, const Json& from, const char* key)
         append(to, key, *list);
 }
 
-// The setting for the program's task that a label is about; "" for any other label.
+// The name of the real-time setting that a label contains; "" for any other label.
 std::string rtp_setting(std::string_view label)
 {
     if (!label.starts_with(kRtpPrefix))
@@ -70,7 +70,8 @@ std::string rtp_setting(std::string_view label)
     return std::string(label.substr(std::min(label.size(), kRtpPrefix.size() + 1)));
 }
 
-// The library and what it calls take numbers in any base, and a signed 32-bit one of them.
+// The library accepts numbers in any base (strtoul with base 0) and converts them to int32_t: this
+// does the same.
 bool is_urgent(const std::string& setting, const Json& value)
 {
     const std::string* number = text(&value);
@@ -85,9 +86,10 @@ std::string user_of(const Json& section)
     return user.substr(0, user.find(':'));
 }
 
-class Settling {
+class ConfigurationFilter {
   public:
-    Settling(const Json& section, bool allow_mounts) : from_(section), allow_mounts_(allow_mounts)
+    ConfigurationFilter(const Json& section, bool allow_mounts)
+        : from_(section), allow_mounts_(allow_mounts)
     {
     }
 
@@ -96,8 +98,8 @@ class Settling {
         Json to = Json::object();
         for (const char* key : {"Env", "Entrypoint", "Cmd"})
             copy_texts(to, from_, key);
-        // An image that names no working directory means the root, and many name none. The library
-        // creates no container without one.
+        // An image without a working directory means "/", but the library creates no container
+        // without one.
         const std::string cwd = text_member(from_, "WorkingDir");
         append(to, "WorkingDir", cwd.empty() ? "/" : cwd);
         copy_text(to, from_, "User");
@@ -116,7 +118,7 @@ class Settling {
             const ImageMount mount = read_mount(volume.key());
             const auto key = permitted_key(mount, allow_mounts_);
             if (!key)
-                notes_.push_back(left_out(mount));
+                notes_.push_back(left_out_note(mount));
             else if (keys.insert(*key).second)
                 append(to, *key, Json::object());
             if (key && mount.kind != ImageMount::Kind::kVolume && ++mounts > kMountsMax)
@@ -124,15 +126,16 @@ class Settling {
         }
     }
 
-    [[nodiscard]] std::string left_out(const ImageMount& mount) const
+    [[nodiscard]] std::string left_out_note(const ImageMount& mount) const
     {
-        const bool could = mount.kind == ImageMount::Kind::kHost && !allow_mounts_;
+        const bool can_be_allowed = mount.kind == ImageMount::Kind::kHost && !allow_mounts_;
         return fmt::format("the image's mount of {} is left out{}", text_of_mount(mount),
-                           could ? "; --allow-image-mounts keeps it" : "");
+                           can_be_allowed ? "; --allow-image-mounts keeps it" : "");
     }
 
-    // Labels become annotations beside those that the library makes of other members. A label of
-    // the same name takes the place of such a member.
+    // The library turns labels into annotations and adds annotations for other members of the
+    // configuration. Here these are added as labels, and a label that has the name of such an
+    // annotation takes precedence.
     void labels(Json& to, const Json& configuration)
     {
         std::set<std::string> settings;
@@ -174,7 +177,7 @@ class Settling {
             append(labels, key, value);
     }
 
-    // In one text: the library would make members of the same name, one for each.
+    // All ports in one string: the library would create several members with the same name.
     [[nodiscard]] std::string ports() const
     {
         std::string text;
@@ -200,10 +203,10 @@ SettledConfiguration settle_configuration(const Json& configuration, bool allow_
         copy_member(to, configuration, key);
     const Json* section = typed_member(configuration, "config", Json::value_t::object, "an object");
     if (section == nullptr)
-        return settled; // the library refuses it
-    Settling settling(*section, allow_mounts);
-    append(to, "config", settling.section(configuration));
-    settled.notes = settling.notes();
+        return settled; // the library rejects a configuration without "config"
+    ConfigurationFilter filter(*section, allow_mounts);
+    append(to, "config", filter.section(configuration));
+    settled.notes = filter.notes();
     return settled;
 }
 
@@ -211,7 +214,7 @@ std::vector<std::string> asked_for(const Json& configuration)
 {
     std::vector<std::string> asked;
     const Json& section = object_member(configuration, "config");
-    // What is refused in it is said in the same words as by unpack.
+    // Throws the same errors as an unpack would.
     static_cast<void>(settle_configuration(configuration, true));
     for (const auto& asked_mount : object_member(section, "Volumes").items()) {
         const ImageMount mount = read_mount(asked_mount.key());

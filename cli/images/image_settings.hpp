@@ -1,8 +1,9 @@
-// image_settings.hpp - what an image's configuration asks for, and how much of it a bundle gets.
-// The library writes into a bundle's config.json whatever an image says: mounts of the host's
-// directories, the priority of the program. So `run`, `unpack` and `spec` never hand an image's
-// own configuration to the library, but one that is written anew here: without what an image must
-// not decide, and so that every reader of the config.json finds the same in it.
+// image_settings.hpp - what an image's configuration requests, and how much of that a bundle gets.
+// The library copies an image's settings into the bundle's config.json unchecked, including mounts
+// of host directories and the priority of the program. `run`, `unpack` and `spec` therefore never
+// pass an image's own configuration to the library, but a new one without the settings that an
+// image must not choose. It is also unambiguous: every JSON reader interprets the resulting
+// config.json in the same way.
 #ifndef ZNC_CLI_IMAGES_IMAGE_SETTINGS_HPP
 #define ZNC_CLI_IMAGES_IMAGE_SETTINGS_HPP
 
@@ -16,27 +17,27 @@
 
 namespace zncctl {
 
-// A configuration that is refused: what() is one line that says why.
+// A configuration that is rejected: what() is the reason, in one line.
 class BadConfiguration : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What the image asks for beyond running its program: mounts, priority, root, ports, volumes. One
-// line each; throws BadConfiguration.
+// What the image requests apart from running its program: mounts, priority, root, ports, volumes.
+// One line each; throws BadConfiguration.
 std::vector<std::string> asked_for(const Json& configuration);
 
 struct SettledConfiguration {
     Json document;
-    std::vector<std::string> notes; // what was left out or changed, one line each
+    std::vector<std::string> notes; // what was removed or changed, one line each
 };
 
-// The configuration that the library is given. Of mounts only volumes and memory file systems stay,
-// with `allow_mounts` also the host's directories, never with "dev", "suid", "rbind" or a
+// Makes the configuration that is passed to the library. Of the mounts it keeps volumes and tmpfs
+// and, with `allow_mounts`, host directories, but never "dev", "suid", "rbind" or mount
 // propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
 SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts);
 
-// The annotation of config.json that has the directories whose sticky bit extracting loses; see
-// sticky.hpp. No image has one of its own.
+// The annotation in config.json that lists the directories whose sticky bit is lost when the image
+// is extracted; see sticky.hpp. Labels of this name in an image are ignored.
 inline constexpr const char* kStickyAnnotation = "zncontainer.sticky-directories";
 
 } // namespace zncctl

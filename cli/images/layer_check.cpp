@@ -46,12 +46,12 @@ const char* with_data(char type)
     }
 }
 
-// "" for what is no loss.
+// The text for a report; "" if it is nothing to report to the user.
 std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
 {
     constexpr std::uint32_t kSetId = 06000;
     switch (report.finding) {
-    case ZNC_LAYER_MODE: // a directory gets its sticky bit back when a container is made
+    case ZNC_LAYER_MODE: // the sticky bit of a directory is restored; see sticky.hpp
         if (report.directory != FALSE && (report.mode & kSetId) == 0)
             return "";
         return "set-id or sticky bit: dropped";
@@ -97,8 +97,8 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     return "";
 }
 
-// What unpacking goes on after, and an image is refused for here as well: what follows is read in
-// another way than whoever made the archive meant.
+// Whether the rest of the archive is misread after this finding: headers are looked for where the
+// writer of the archive did not put them. Unpacking continues, but image check refuses the image.
 bool is_misread(ZNC_LAYER_FINDING finding)
 {
     return finding == ZNC_LAYER_DATA_AS_MEMBERS || finding == ZNC_LAYER_SIZE_FORM ||
@@ -114,12 +114,13 @@ class Findings {
         auto& findings = *static_cast<Findings*>(self);
         try {
             findings.add(*report);
-        } catch (...) { // which the library knows nothing of
+        } catch (...) { // exceptions must not pass through the library
             findings.failure_ = std::current_exception();
         }
     }
 
-    // `error`: why the library refuses the layer, if `refused`.
+    // `refused`, `error`: whether and with which errno the library rejects the layer. Rethrows an
+    // exception that occurred in heard().
     std::vector<Finding> take(bool refused, int error)
     {
         if (failure_)

@@ -1,5 +1,5 @@
-// layer_check.hpp - what the library's dry run of the extractor says of a layer's archive, in
-// words. Used by image check.
+// layer_check.hpp - runs zncLayerCheck, the library's dry run of the extractor, on the archive of a
+// layer and describes the findings as text. Used by image check.
 #ifndef ZNCCTL_LAYER_CHECK_HPP
 #define ZNCCTL_LAYER_CHECK_HPP
 
@@ -9,13 +9,13 @@
 namespace zncctl {
 
 struct Finding {
-    bool refused; // else left out or changed
+    bool refused; // unpacking or image check refuses it; false: dropped or changed
     std::string what;
     std::size_t count;
-    std::string first; // the member it was first seen at, "" for the archive itself
+    std::string first; // the first member it was found at; "" for the archive itself
 };
 
-// `digest`: of the file; `diff_id`: of the plain archive, "" when it is not known.
+// `digest` is that of the file, `diff_id` that of the uncompressed archive, "" if not known.
 std::vector<Finding> check_layer(const std::string& path, const std::string& digest,
                                  const std::string& diff_id);
 

@@ -23,7 +23,7 @@ constexpr const char* kPrefix = ".layout-";
 constexpr const char* kMakingLock = "/.making-layout";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// Layouts are made in moments: who takes longer is stopped or stuck.
+// Preparing a layout is quick. A process that holds the lock for longer is stopped or hangs.
 void take_turn(NamedLock& lock, const std::string& path)
 {
     constexpr std::chrono::seconds kMost{10};
@@ -41,7 +41,7 @@ std::string blob_name(const std::string& digest)
     return blob_path("", digest).substr(1);
 }
 
-// What processes that were killed have left.
+// Removes layouts left by processes that were killed.
 void sweep(const std::string& area)
 {
     std::error_code error;
@@ -83,7 +83,7 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
                              const Json& configuration)
 {
-    // Until the new layout is locked itself, nobody else may sweep.
+    // No other process may run sweep() until the new layout is locked.
     NamedLock making;
     take_turn(making, area + kMakingLock);
     sweep(area);
@@ -119,7 +119,7 @@ void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
     for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
         list.push_back(descriptor(layer.media_type, layer.digest, layer.size));
-        // A layer may be there twice.
+        // A manifest may list the same layer twice.
         if (::symlinkat(files[i].c_str(), dir_.get(), blob_name(layer.digest).c_str()) != 0 &&
             errno != EEXIST)
             throw_error(path_);

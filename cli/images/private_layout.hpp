@@ -1,7 +1,7 @@
-// private_layout.hpp - a layout of one image that nobody else can change: what the library is given
-// in place of the layout that the image comes from. Its documents are those that were read and
-// settled here, so that what was decided on is what is unpacked, whatever becomes of the image's
-// own layout meanwhile; its layers are links to the files that are held open.
+// private_layout.hpp - a temporary layout of one image that no other user can change. It is passed
+// to the library instead of the original layout. Its documents are the ones that zncctl has read
+// and checked, so that exactly these are unpacked even if the original layout changes afterwards.
+// Its layers are links to files that are held open.
 #ifndef ZNC_CLI_IMAGES_PRIVATE_LAYOUT_HPP
 #define ZNC_CLI_IMAGES_PRIVATE_LAYOUT_HPP
 
@@ -11,23 +11,24 @@
 
 namespace zncctl {
 
-// The layers' files, open. Throws std::runtime_error for one that cannot be opened.
+// The open layer files. The constructor throws std::runtime_error if one cannot be opened or has
+// the wrong size.
 class LayerFiles {
   public:
     LayerFiles(const std::string& layout, const Image& image);
 
-    // Paths by which they can be opened anew, the lowest layer first.
+    // Paths by which the files can be opened again, lowest layer first.
     [[nodiscard]] const std::vector<std::string>& paths() const { return paths_; }
 
   private:
-    std::vector<std::string> paths_; // one for each layer, the same for the same blob
+    std::vector<std::string> paths_; // one for each layer; equal for layers with the same blob
     std::vector<znc::UniqueFd> files_;
 };
 
 class PrivateLayout {
   public:
-    // Below `area`, a directory that only this user can write to. `configuration` takes the place
-    // of the image's own. Throws std::runtime_error.
+    // Creates the layout below `area`, a directory that only this user can write to, with
+    // `configuration` instead of the image's own. Throws std::runtime_error.
     PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
                   const Json& configuration);
     ~PrivateLayout();
@@ -42,7 +43,7 @@ class PrivateLayout {
     void write(const std::string& name, const std::string& text) const;
 
     std::string path_;
-    znc::UniqueFd dir_; // locked: what is not is left over from a process that was killed
+    znc::UniqueFd dir_; // locked; an unlocked layout was left by a process that was killed
 };
 
 } // namespace zncctl

@@ -24,7 +24,8 @@ constexpr const char* kOverlayDir = "/overlay/";
 constexpr std::uint32_t kStickyBit = 01000;
 constexpr const char* kConfig = "config.json";
 
-// Nothing that the image's author could make of a list.
+// Whether the path may go into the annotation: an image must not be able to forge list entries or
+// terminal output with it.
 bool is_plain(const std::string& path)
 {
     return path.starts_with('/') && !path.ends_with('/') && path.size() <= kPathMax &&
@@ -53,7 +54,7 @@ void StickyDirectories::heard(const char* path, std::uint32_t mode, void* self) 
     auto& directories = *static_cast<StickyDirectories*>(self);
     try {
         directories.add(path, (mode & kStickyBit) != 0);
-    } catch (...) { // which the library knows nothing of
+    } catch (...) { // exceptions must not pass through the library
         directories.failure_ = std::current_exception();
     }
 }
@@ -111,7 +112,7 @@ bool set_sticky(const std::string& root, const std::string& directories)
 
 bool restore_sticky(const std::string& id, const std::string& bundle)
 {
-    // Without the overlay filesystem the root is the bundle's: `unpack` has seen to it.
+    // Without overlayfs the root is inside the bundle, and `unpack` has set the bits already.
     if (zncOvlFsAvailable() == FALSE)
         return true;
     const auto text = read_file(bundle + "/config.json");

@@ -1,8 +1,8 @@
-// sticky.hpp - the sticky bit of directories such as /tmp. Extracting layers gives files and
-// directories their permission bits and nothing above them, so without it every user of a container
-// could remove another's files. `run`, `unpack` and `create` put it back: the directories that have
-// it are listed once, when the image is unpacked, in an annotation of the bundle's config.json, and
-// get it in the container's own root when that is made.
+// sticky.hpp - restores the sticky bit of directories such as /tmp. The library extracts files and
+// directories with the mode bits 0777 only. Without the sticky bit every user in a container could
+// delete the files of other users. When an image is unpacked, the directories that have the bit are
+// listed in an annotation of the bundle's config.json; `run`, `unpack` and `create` set it in the
+// container's own root once that exists.
 #ifndef ZNCCTL_STICKY_HPP
 #define ZNCCTL_STICKY_HPP
 
@@ -13,13 +13,13 @@
 
 namespace zncctl {
 
-// The directories that the layers of an image leave with the sticky bit: at most 64, and none with
-// an odd name. Listens to zncUnpackDirs, which tells of what it verified.
+// Collects the directories that have the sticky bit in an image, as seen after its last layer: at
+// most 64, and none with unusual characters in its path. heard() is the callback for zncUnpackDirs.
 class StickyDirectories {
   public:
     static void heard(const char* path, std::uint32_t mode, void* self) noexcept;
 
-    // As the annotation has them. Throws what kept a directory from being listed.
+    // The value of the annotation. Rethrows an exception that occurred in heard().
     [[nodiscard]] std::string text() const;
 
   private:
@@ -29,15 +29,15 @@ class StickyDirectories {
     std::exception_ptr failure_;
 };
 
-// Adds the annotation to the bundle's config.json, on the medium, unless the list is empty. False
-// with errno set.
+// Adds the annotation to the bundle's config.json and syncs it; does nothing if the list is empty.
+// False with errno set.
 bool annotate_sticky(const std::string& bundle, const std::string& directories);
 
-// Sets it in a root that belongs to one container. Directories that are not there are left out.
-// False with errno set when one could not be changed.
+// Sets the sticky bit of the listed directories below `root`, which must not be shared by several
+// containers. Missing directories are skipped. False with errno set if one could not be changed.
 bool set_sticky(const std::string& root, const std::string& directories);
 
-// The same for a container that was just created from a bundle, as its config.json says.
+// The same for a container just created from a bundle; the list is read from its config.json.
 bool restore_sticky(const std::string& id, const std::string& bundle);
 
 } // namespace zncctl

@@ -10,9 +10,9 @@
 namespace zncctl {
 namespace {
 
-constexpr std::size_t kBufferSize = 65536; // what a pipe holds
+constexpr std::size_t kBufferSize = 65536; // the default capacity of a pipe
 
-bool would_wait(int error)
+bool would_block(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
@@ -87,9 +87,11 @@ std::array<pollfd, 2> Pump::wanted() const
 {
     if (done_)
         return {pollfd{-1, 0, 0}, pollfd{-1, 0, 0}};
-    const bool read = !paused_ && !finishing_ && !source_ended_ && !no_room_ && end_ < kBufferSize;
-    const bool write = pending() || no_room_;
-    // Also when there is nothing to write: that nobody reads any more shows without it.
+    const bool read =
+        !paused_ && !finishing_ && !source_ended_ && !output_full_ && end_ < kBufferSize;
+    const bool write = pending() || output_full_;
+    // Poll the writing side even if there is nothing to write: POLLERR shows that its reader has
+    // closed it.
     return {pollfd{read ? from_.polled() : -1, POLLIN, 0},
             pollfd{to_.polled(), static_cast<short>(write ? POLLOUT : 0), 0}};
 }
@@ -103,7 +105,7 @@ void Pump::go(short from_events, short to_events)
         return;
     }
     if ((to_events & ~POLLIN) != 0) {
-        no_room_ = false;
+        output_full_ = false;
         flush();
     }
     if (from_events != 0 && !done_ && !finishing_)
@@ -114,16 +116,16 @@ void Pump::go(short from_events, short to_events)
 
 void Pump::finish(std::size_t most)
 {
-    left_ = most;
+    remaining_ = most;
     finishing_ = true;
     pass_rest();
 }
 
-// Ends when there is nothing left, or when there is no room for it.
+// Passes on the rest, until there is no more of it or until the writing side is full.
 void Pump::pass_rest()
 {
-    while (!done_ && !no_room_ && !pending()) {
-        if (left_ == 0 || source_ended_ || !is_readable(from_.polled()))
+    while (!done_ && !output_full_ && !pending()) {
+        if (remaining_ == 0 || source_ended_ || !is_readable(from_.polled()))
             end(0);
         else
             fill();
@@ -134,21 +136,21 @@ void Pump::fill()
 {
     if (moving_)
         fill_by_moving();
-    if (!moving_) // also when it has just turned out that it cannot
+    if (!moving_) // also if fill_by_moving() found that moving is not supported
         fill_by_reading();
 }
 
 void Pump::fill_by_moving()
 {
-    const ssize_t n = znStreamMove(from_.fd(), to_.fd(), std::min(left_, kBufferSize));
+    const ssize_t n = znStreamMove(from_.fd(), to_.fd(), std::min(remaining_, kBufferSize));
     if (n > 0)
-        taken(static_cast<std::size_t>(n));
+        count_taken(static_cast<std::size_t>(n));
     else if (n == 0)
         source_ended(0);
     else if (errno == ENOTSUP)
         moving_ = false;
-    else if (would_wait(errno))
-        no_room_ = true;
+    else if (would_block(errno))
+        output_full_ = true;
     else
         end(errno);
 }
@@ -156,8 +158,8 @@ void Pump::fill_by_moving()
 void Pump::fill_by_reading()
 {
     buffer_.resize(kBufferSize);
-    const ssize_t n = from_.read(buffer_.data() + end_, std::min(left_, kBufferSize - end_));
-    if (n < 0 && would_wait(errno)) {
+    const ssize_t n = from_.read(buffer_.data() + end_, std::min(remaining_, kBufferSize - end_));
+    if (n < 0 && would_block(errno)) {
         if (finishing_)
             end(0);
         return;
@@ -169,23 +171,23 @@ void Pump::fill_by_reading()
     const auto bytes = static_cast<std::size_t>(n);
     const std::string watched(watcher_ ? buffer_.data() + end_ : "", watcher_ ? bytes : 0);
     end_ += bytes;
-    taken(bytes);
+    count_taken(bytes);
     flush();
     if (watcher_)
         watcher_(watched);
 }
 
-void Pump::taken(std::size_t bytes)
+void Pump::count_taken(std::size_t bytes)
 {
     if (finishing_)
-        left_ -= bytes;
+        remaining_ -= bytes;
 }
 
 void Pump::flush()
 {
     while (pending()) {
         const ssize_t n = to_.write({buffer_.data() + begin_, end_ - begin_});
-        if (n < 0 && would_wait(errno))
+        if (n < 0 && would_block(errno))
             break;
         if (n < 0) {
             end(errno);
@@ -201,8 +203,8 @@ void Pump::flush()
         end(0);
 }
 
-// A terminal that was hung up, or is another session's, and a stream that is not open for reading
-// have no input, which is no failure.
+// EIO (a terminal that was hung up or belongs to another session) and EBADF (a stream that is not
+// open for reading) count as the end of input, not as errors.
 void Pump::source_ended(int error)
 {
     if (error != 0 && error != EBADF && error != ECONNRESET && error != EIO)
@@ -217,7 +219,7 @@ void Pump::source_ended(int error)
         end(0);
 }
 
-// Closing tells both sides: the reader finds the end, the writer that nobody reads.
+// Closing both descriptors informs both sides: the reader gets end of file, the writer EPIPE.
 void Pump::end(int error)
 {
     const bool nobody_reads =

@@ -1,6 +1,6 @@
-// pump.hpp - carries bytes from one descriptor to another, one direction of a program's streams.
-// It never waits and reads no more than it can pass on, so that who writes feels who does not
-// read. Used by streams.cpp.
+// pump.hpp - copies bytes from one descriptor to another: one direction of a program's standard
+// streams. It never blocks, and stops reading when the data cannot be written, so that a slow
+// reader slows down the writer. Used by streams.cpp.
 #ifndef ZNC_CLI_TERMINAL_PUMP_HPP
 #define ZNC_CLI_TERMINAL_PUMP_HPP
 
@@ -19,16 +19,18 @@ namespace zncctl {
 // A descriptor at one end of a pump.
 class PumpEnd {
   public:
-    // The caller's, which others share: opened anew where that keeps it from waiting (terminals and
-    // pipes), else as it is.
+    // A descriptor inherited from the caller and possibly shared with other processes. Terminals
+    // and pipes are reopened, so that O_NONBLOCK does not affect the others; anything else is used
+    // as it is.
     static PumpEnd of_caller(int fd);
-    // zncctl's own, which does not wait. It is closed when the pump is done.
+    // A descriptor of zncctl's own, in non-blocking mode. It is closed when the pump is done.
     static PumpEnd own(znc::UniqueFd fd);
-    // As own(), but somebody else closes it.
+    // Like own(), but the owner of the descriptor closes it.
     static PumpEnd borrowed(int fd);
 
     [[nodiscard]] int fd() const { return fd_; }
-    // What to poll. Of a FIFO opened anew poll does not say that its writers went before that.
+    // The descriptor to poll: the original one. poll() on a reopened FIFO does not report POLLHUP
+    // for writers that closed it before it was reopened.
     [[nodiscard]] int polled() const { return polled_; }
     [[nodiscard]] bool is_terminal() const { return terminal_; }
     ssize_t read(char* buffer, std::size_t size) const;
@@ -45,28 +47,30 @@ class PumpEnd {
 
 class Pump {
   public:
-    // `name` is what messages call the caller's end.
+    // `name` is used for the caller's end in messages.
     Pump(PumpEnd from, PumpEnd to, const char* name);
 
-    // Bytes are moved inside the kernel where it can. Only for a pipe of a program's as `from`: of
-    // a file that is moved into a pipe, the program could reach the file's own memory.
+    // Moves the bytes inside the kernel if that is supported. `from` must be a pipe written by the
+    // program. The opposite direction, from a file into the program's pipe, would not be safe: the
+    // pipe would contain pages of the file itself, which the program could then modify.
     void move_in_kernel() { moving_ = true; }
-    // Called with what was read, after that was passed on as far as there is room. At the end of
-    // input these bytes are passed on instead of an end.
+    // Calls `watcher` with the bytes read, after they were written as far as possible. At the end
+    // of input, `end_text` is passed on instead of an end of file.
     void watch(std::function<void(std::string_view)> watcher, std::string_view end_text);
-    // Nothing is read for now.
+    // While paused, nothing is read.
     void pause(bool paused) { paused_ = paused; }
 
     // What to poll for: the descriptor read from and the one written to.
     [[nodiscard]] std::array<pollfd, 2> wanted() const;
-    // Goes on after a poll.
+    // To be called with the results of poll().
     void go(short from_events, short to_events);
-    // From now on only passes on what is there already, and of that no more than `most` bytes.
+    // From now on passes on only what can be read without waiting, and at most `most` bytes.
     void finish(std::size_t most);
     void abandon() { end(0); }
 
     [[nodiscard]] bool done() const { return done_; }
-    // Why bytes were lost, 0 if for no other reason than that nobody reads them.
+    // The errno value of a failure that lost bytes. 0 if there was none, or if the reader closed
+    // its end.
     [[nodiscard]] int error() const { return error_; }
     [[nodiscard]] const char* name() const { return name_; }
     [[nodiscard]] const PumpEnd& from() const { return from_; }
@@ -78,7 +82,7 @@ class Pump {
     void fill_by_reading();
     void flush();
     void pass_rest();
-    void taken(std::size_t bytes);
+    void count_taken(std::size_t bytes);
     void source_ended(int error);
     void end(int error);
 
@@ -87,12 +91,12 @@ class Pump {
     const char* name_;
     std::function<void(std::string_view)> watcher_;
     std::string_view end_text_;
-    std::vector<char> buffer_; // empty until bytes are copied
+    std::vector<char> buffer_; // allocated when bytes are first copied
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    std::size_t left_ = std::numeric_limits<std::size_t>::max();
+    std::size_t remaining_ = std::numeric_limits<std::size_t>::max();
     bool moving_ = false;
-    bool no_room_ = false; // when moving
+    bool output_full_ = false; // znStreamMove found the writing side full
     bool paused_ = false;
     bool finishing_ = false;
     bool source_ended_ = false;

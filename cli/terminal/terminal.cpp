@@ -31,15 +31,15 @@ void RawTerminal::set_raw()
 
 void RawTerminal::lend()
 {
-    give_back(TCSADRAIN);
+    restore_settings(TCSADRAIN);
 }
 
 void RawTerminal::restore()
 {
-    give_back(TCSAFLUSH);
+    restore_settings(TCSAFLUSH);
 }
 
-void RawTerminal::give_back(int when)
+void RawTerminal::restore_settings(int when)
 {
     const znc::ErrnoSaver keep;
     if (raw_)
@@ -60,7 +60,7 @@ Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
         ::ptsname_r(master_.get(), name.data(), name.size()) != 0)
         return;
     user_.reset(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!user_ || ::fchmod(user_.get(), 0600) != 0 || // not for those who may write to terminals
+    if (!user_ || ::fchmod(user_.get(), 0600) != 0 || // no access for the group "tty"
         ::fcntl(master_.get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0) {
         user_.reset();
         return;
@@ -77,11 +77,12 @@ void Pty::copy_size() const
 
 void Pty::settle() const
 {
-    // Looking for input on the program's side has the kernel process what is on its way there.
+    // poll() on the program's side makes the kernel process the input that was written to the
+    // master.
     const znc::UniqueFd user(::ioctl(master_.get(), TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    pollfd look = {user.get(), POLLIN, 0};
+    pollfd input = {user.get(), POLLIN, 0};
     if (user)
-        static_cast<void>(::poll(&look, 1, 0));
+        static_cast<void>(::poll(&input, 1, 0));
 }
 
 int Pty::signal_of(char typed) const

@@ -1,5 +1,5 @@
-// terminal.hpp - the caller's terminal made raw and given back, and a terminal made for a
-// container's program. Used by foreground.cpp.
+// terminal.hpp - puts the caller's terminal into raw mode and restores it, and creates a
+// pseudo-terminal for a container's program. Used by foreground.cpp.
 #ifndef ZNC_CLI_TERMINAL_TERMINAL_HPP
 #define ZNC_CLI_TERMINAL_TERMINAL_HPP
 
@@ -10,8 +10,8 @@
 
 namespace zncctl {
 
-// The terminal on standard input, raw while this lives. All ways out of the function that has it
-// restore it; signals must be blocked meanwhile, so that none of them is a way out.
+// Keeps the terminal on standard input in raw mode. The destructor restores it. Signals must be
+// blocked while an object exists, so that none of them ends zncctl without restoring the terminal.
 class RawTerminal {
   public:
     RawTerminal();
@@ -20,27 +20,29 @@ class RawTerminal {
     RawTerminal& operator=(const RawTerminal&) = delete;
 
     explicit operator bool() const { return valid_; }
-    // Not while zncctl is in the background, when the terminal is somebody else's: call it again.
+    // Does nothing while zncctl is in the background, because another process group uses the
+    // terminal: call it again later.
     void set_raw();
-    // For a while. At the end what was typed for the program, and what the terminal answered to it,
-    // is thrown away: a shell would take it for commands.
+    // lend() restores the settings for a while, restore() at the end. restore() also discards
+    // pending input: what was typed for the program, and the terminal's answers to its queries,
+    // must not reach the shell as commands.
     void lend();
     void restore();
 
   private:
-    void give_back(int when);
+    void restore_settings(int when);
 
     termios saved_ = {};
     bool valid_;
     bool raw_ = false;
 };
 
-// Whether the terminal belongs to another process group of the session: reading it would fail, and
-// changing it disturb those it belongs to.
+// Whether another process group of the session is in the foreground of the terminal. Reading it
+// would then fail, and changing its settings would disturb that group.
 bool in_background(int terminal);
 
-// A pseudo-terminal of the size of the terminal on standard input. Of the host's users only root
-// can open it.
+// A pseudo-terminal with the size of the terminal on standard input. On the host only root can open
+// it.
 class Pty {
   public:
     Pty();
@@ -48,16 +50,18 @@ class Pty {
     explicit operator bool() const { return static_cast<bool>(user_); }
     [[nodiscard]] int master() const { return master_.get(); }
     [[nodiscard]] int user() const { return user_.get(); }
-    // Once the program has it: its end then shows on the other side.
+    // To be called once the program has its copy, so that the master reports a hangup when the
+    // program ends.
     void close_user() { user_.reset(); }
 
-    void copy_size() const; // of what is no terminal, or of no known size: nothing
+    void copy_size() const; // does nothing if standard input is not a terminal
 
-    // The signal that typing this byte means for the program, 0 if none: when the terminal is the
-    // program's controlling one the kernel sends it.
+    // The signal that typing this byte should send to the program; 0 if none, or if the terminal is
+    // the controlling terminal of a session, to which the kernel sends the signal itself.
     [[nodiscard]] int signal_of(char typed) const;
-    // Has the kernel deal with what was written to it. The keys of signals empty both directions:
-    // if that came after the signal, it could take what the program answered along.
+    // Waits until the kernel has processed what was written to the master. A key that sends a
+    // signal flushes both directions of the terminal; if that happened after the signal was sent,
+    // it could discard the program's reaction to it.
     void settle() const;
 
   private:

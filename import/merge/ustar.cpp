@@ -17,8 +17,8 @@ struct Name {
     std::string_view name;
 };
 
-// Cut at the first "/" that leaves a name that fits; one that is longer than both fields comes back
-// too long. A directory's final "/" belongs to its name.
+// Splits the path at the first "/" after which the rest fits into the name field. If there is none,
+// the name returned is too long. The final "/" of a directory is part of its name.
 Name split(std::string_view path)
 {
     if (path.size() <= kNameMax)
@@ -72,8 +72,7 @@ std::string target_problem(const UstarMember& member)
     return member.target.size() > kTargetMax ? "its target is longer than 99 bytes" : "";
 }
 
-// A number of a header: where it stands, the most it may be, and what is wrong with one that is
-// more.
+// A number in a header: its field, its largest value, and the problem to report for a larger one.
 struct Number {
     std::span<char> field;
     std::uint64_t value;
@@ -110,12 +109,13 @@ void put_text(std::span<char> field, std::string_view text)
     std::copy(text.begin(), text.end(), field.begin());
 }
 
-// Six digits, NUL, blank.
+// The format of the checksum field is six digits, a NUL and a blank.
 void put_checksum(znc::UstarHeader& header)
 {
     const std::span<char> field(header.chksum);
     std::fill(field.begin(), field.end(), ' ');
-    const std::uint32_t sum = znc::tar_sum(&header, sizeof header); // the padding adds nothing
+    const std::uint32_t sum =
+        znc::tar_sum(&header, sizeof header); // the padding of the block is zero
     field[6] = '\0';
     znc::tar_put_octal(field.first(7), sum);
 }
@@ -141,7 +141,7 @@ char ustar_type(Kind kind)
     case Kind::kOther:
         break;
     }
-    return '?'; // which ustar_problem() refuses
+    return '?'; // rejected by ustar_problem()
 }
 
 std::string ustar_problem(const UstarMember& member)

@@ -1,6 +1,7 @@
-// ustar.hpp - one header of a ustar archive, and whether something fits into one that the extractor
-// reads: 155 + 100 bytes of name, 99 of link target, less than 4 GiB of data, no backslash, which
-// it takes for a separator. Used by emit.
+// ustar.hpp - builds the header of a ustar member and checks that the member can be represented in
+// a form that the extractor of the library reads: at most 155 + 100 bytes of name and 99 of link
+// target, less than 4 GiB of data, and no backslash, which the extractor takes for a separator.
+// Used by emit.
 #ifndef ZNC_IMPORT_MERGE_USTAR_HPP
 #define ZNC_IMPORT_MERGE_USTAR_HPP
 
@@ -32,12 +33,12 @@ struct UstarMember {
     std::uint32_t minor = 0;
 };
 
-// What a header calls a kind.
+// The type character of a kind.
 char ustar_type(Kind kind);
 
-// Why it cannot be written, or "".
+// Why the member cannot be written, or "".
 std::string ustar_problem(const UstarMember& member);
-// The header of one that can.
+// The header of a member for which ustar_problem() returned "".
 Block ustar_header(const UstarMember& member);
 
 } // namespace zncimport

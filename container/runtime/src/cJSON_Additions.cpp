@@ -1,4 +1,4 @@
-// cJSON_Additions.cpp - whole files, and numbers as integers.
+// cJSON_Additions.cpp - see cJSON_Additions.h.
 #include "cJSON_Additions.h"
 
 #include "base/file.hpp"
@@ -22,13 +22,13 @@ template <class Int> Int saturated(const cJSON* item)
     if (!cJSON_IsNumber(item))
         return 0;
     const double value = item->valuedouble;
-    // The highest integer itself may not be a double; one more always is.
+    // The maximum of Int may not be representable as a double, but the maximum plus one always is.
     constexpr double kBelow = -static_cast<double>(std::numeric_limits<Int>::min());
     if (value >= kBelow)
         return std::numeric_limits<Int>::max();
     if (value <= -kBelow)
         return std::numeric_limits<Int>::min();
-    return value == value ? static_cast<Int>(value) : 0; // not a number: 0
+    return value == value ? static_cast<Int>(value) : 0; // NaN becomes 0
 }
 
 } // namespace
@@ -70,7 +70,7 @@ int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode)
     znc::UniqueFd fd(znFileCreate(path, mode));
     if (!fd)
         return -1;
-    // What is reported as written must still be there after a power failure.
+    // The file must survive a power failure once this function has returned.
     if (znc::write_all(fd.get(), text.get()) && fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return 0;
     const znc::ErrnoSaver keep;

@@ -1,4 +1,4 @@
-// gzlib.cpp
+// gzlib.cpp - see gzlib.hpp.
 #include "gzlib.hpp"
 
 #include "zncBlob.hpp"
@@ -18,8 +18,9 @@ struct GzCloser {
 };
 using GzPtr = std::unique_ptr<gzFile_s, GzCloser>;
 
-// Fill the input buffer. Near the end the last four bytes are kept from the inflater: they are the
-// trailer's length field (or, when that is split between two buffers, the checksum before it).
+// Fills the input buffer. At the end of the file, the last four bytes are withheld from the
+// inflater: they are the length field of the gzip trailer (or, if that is split between two
+// buffers, part of the checksum before it).
 ssize_t fill_source(gzFile_s& file)
 {
     const unsigned char* bytes = file.source;
@@ -27,7 +28,7 @@ ssize_t fill_source(gzFile_s& file)
                                            : read(file.fd, file.source, znc::kGzSourceSize);
     if (n < 0)
         return n;
-    if (file.blob == nullptr) // which tells by itself
+    if (file.blob == nullptr) // BlobReader::read() reports its own progress
         znc::progress_read(file.fd);
     const auto got = static_cast<std::size_t>(n);
     file.slen -= std::min(got, file.slen);
@@ -78,7 +79,7 @@ bool start_stream(gzFile_s& file)
     return uzlib_gzip_parse_header(&file.d) == TINF_OK;
 }
 
-// The file `name`, or `blob` where there is one.
+// Opens `blob`, or the file `name` if `blob` is null.
 gzFile open_stream(const char* name, znc::BlobReader* blob)
 {
     GzPtr file(znc::malloc_zeroed<gzFile_s>().release());
@@ -121,12 +122,14 @@ int ugzread(gzFile file, void* buf, unsigned int len)
     const std::size_t n = std::min({file->outlen, std::size_t{len}, std::size_t{INT_MAX}});
     uzlib_uncomp& d = file->d;
     d.dest = static_cast<unsigned char*>(buf);
-    // The stream as one continuous output that reaches `buf` now; nothing is there to be read.
+    // uzlib treats the whole stream as one continuous output that currently ends at `buf`.
+    // dest_start is its virtual beginning and is never dereferenced.
     d.dest_start =
         reinterpret_cast<unsigned char*>(reinterpret_cast<std::uintptr_t>(buf) - file->outOffset);
     if (n != 0) {
         d.dest_limit = d.dest + n;
-        // What the inflater says is not looked at: a damaged stream shows as damaged content.
+        // The result is ignored: the damage in a damaged stream is detected in its content, by the
+        // archive reader.
         (void)uzlib_uncompress_chksum(&d);
         std::fill(d.dest, d.dest_limit, znc::kGzNothing);
         file->outlen -= n;

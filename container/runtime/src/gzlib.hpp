@@ -1,8 +1,8 @@
-// gzlib.hpp - a gzip file, read as one stream of exactly the length that its trailer names. Used by
-// the archive source in zncGzLib. Left out: seeking, several members in one file, and reporting
-// damaged data, which the archive layer notices.
+// gzlib.hpp - reads a gzip file as a stream of exactly the length given in its trailer. Used by the
+// archive source in zncGzLib. Not supported: seeking, several members in one file, and reporting
+// damaged data, which is left to the archive reader.
 //
-// The operations themselves (ugzopen, ugzread, ugzclose) are in the public header.
+// The public functions (ugzopen, ugzread, ugzclose) are declared in the public header.
 #ifndef GZLIB_HPP
 #define GZLIB_HPP
 
@@ -24,12 +24,13 @@ struct gzFile_s {
     std::size_t slen;      // bytes of the file not yet in the input buffer
     std::size_t outlen;    // uncompressed bytes not yet delivered
     unsigned char* dict;   // history window
-    std::size_t dictLen;   // 0
+    std::size_t dictLen;   // unused, 0
 
-    znc::BlobReader* blob; // null: read from fd; else from this, and fd is borrowed from it
+    znc::BlobReader* blob; // null: read from fd; else read from this, which also owns fd
 };
 
-// The refill: a new buffer of input, its first byte as the result; -1 at the end.
+// Callback of the inflater for more input: refills the buffer and returns its first byte, -1 at the
+// end.
 int ugzreadCallback(uzlib_uncomp* uncomp);
 
 namespace znc {
@@ -37,11 +38,12 @@ namespace znc {
 inline constexpr std::size_t kGzSourceSize = 4096;
 inline constexpr unsigned int kGzDictSize = 32768;
 inline constexpr std::size_t kGzTrailerLen = 4; // the length field, withheld from the inflater
-// ugzopen for an archive that is hashed as it is read, from its beginning. It must outlive the
-// file.
+// Like ugzopen, for an archive that is hashed while it is read. `blob` must be at its beginning and
+// must outlive the result.
 gzFile gz_open(BlobReader& blob);
 
-// Stands where the inflater produced nothing. No block of it is a header or the end of an archive.
+// Fills the part of the output that the inflater did not produce. A block of these bytes is neither
+// a valid tar header nor the end of an archive.
 inline constexpr unsigned char kGzNothing = 0xff;
 
 } // namespace znc

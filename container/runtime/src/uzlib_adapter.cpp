@@ -1,5 +1,5 @@
-// uzlib_adapter.cpp - the uzlib interface over a faster inflater: ISA-L, or zlib where that is
-// missing. Called by the gzip reader.
+// uzlib_adapter.cpp - the uzlib interface, implemented with ISA-L or, where that is not available,
+// with zlib. Called by the gzip reader.
 #include "uzlib.h"
 
 #include <algorithm>
@@ -7,14 +7,14 @@
 #include <cstdint>
 #ifndef ZNC_INFLATE_ISAL
 #include <new>
-#include <zlib.h> // not in uzlib.h: its gzFile is not ours
+#include <zlib.h> // included here, not in uzlib.h, because zlib's gzFile differs from ours
 #endif
 
 namespace {
 
-enum class Step { kGoesOn, kEnd, kBad };
+enum class Step { kMore, kEnd, kError };
 
-// One run's input and output; the inflater advances both.
+// Input and output of one call of the inflater, which advances both.
 struct Run {
     const unsigned char* in;
     std::uint32_t inLeft;
@@ -45,14 +45,14 @@ Step inflater_run(uzlib_uncomp& d, Run& run)
     const int rc = isal_inflate(&s);
     run = {s.next_in, s.avail_in, s.next_out, s.avail_out};
     if (rc != ISAL_DECOMP_OK)
-        return Step::kBad;
+        return Step::kError;
     if (s.block_state != ISAL_BLOCK_FINISH)
-        return Step::kGoesOn;
+        return Step::kMore;
     d.checksum = s.crc;
     return Step::kEnd;
 }
 
-// A byte behind the stream that the inflater took in already, or -1.
+// The next byte after the deflate stream, if the inflater has already read it; else -1.
 int inflater_overread(uzlib_uncomp& d)
 {
     inflate_state& s = d.state;
@@ -74,7 +74,7 @@ constexpr int kRawDeflate = -15;
 
 constexpr std::size_t kArenaAlign = alignof(std::max_align_t);
 
-// A piece of the arena, never given back; null when it is used up.
+// Allocates from the arena; null when it is used up. Nothing is ever freed.
 void* arena_take(uzlib_uncomp& d, std::size_t wanted)
 {
     if (wanted > sizeof d.arena.bytes - d.arenaUsed)
@@ -90,7 +90,7 @@ z_stream& stream_of(uzlib_uncomp& d)
     return *std::launder(reinterpret_cast<z_stream*>(d.arena.bytes));
 }
 
-// Called at initialisation and once more for zlib's window.
+// zlib calls this during initialisation and once more for its window.
 voidpf arena_alloc(voidpf opaque, uInt items, uInt size)
 {
     return arena_take(*static_cast<uzlib_uncomp*>(opaque), std::size_t{items} * size);
@@ -128,7 +128,7 @@ Step inflater_run(uzlib_uncomp& d, Run& run)
             static_cast<unsigned int>(crc32(d.checksum, start, static_cast<uInt>(run.out - start)));
     if (rc == Z_STREAM_END)
         return Step::kEnd;
-    return rc == Z_OK || rc == Z_BUF_ERROR ? Step::kGoesOn : Step::kBad;
+    return rc == Z_OK || rc == Z_BUF_ERROR ? Step::kMore : Step::kError;
 }
 
 int inflater_overread(uzlib_uncomp&)
@@ -162,7 +162,7 @@ int next_byte(uzlib_uncomp& d)
     return d.source < d.source_limit ? *d.source++ : call_for_input(d);
 }
 
-// Has something for the inflater to consume, calling for it if need be.
+// Whether there is input for the inflater; calls the callback if the buffer is empty.
 bool have_input(uzlib_uncomp& d)
 {
     if (d.held != 0 || d.source < d.source_limit)
@@ -171,7 +171,7 @@ bool have_input(uzlib_uncomp& d)
     if (byte < 0)
         return false;
     if (d.source < d.source_limit) {
-        --d.source; // the byte returned stands there, before the rest of its buffer
+        --d.source; // the byte returned is the first of the new buffer: put it back
     } else {
         d.heldByte = static_cast<unsigned char>(byte);
         d.held = 1;
@@ -179,8 +179,8 @@ bool have_input(uzlib_uncomp& d)
     return true;
 }
 
-// Runs the inflater on the input at hand, which may be none: output may be waiting inside it. Says
-// whether that got it any further.
+// Runs the inflater on the available input, which may be empty: the inflater may still hold output.
+// `progress` is set to whether any input was consumed or output produced.
 Step run_once(uzlib_uncomp& d, bool& progress)
 {
     const bool held = d.held != 0;
@@ -218,7 +218,7 @@ int inflate_to_limit(uzlib_uncomp& d)
     while (d.dest < d.dest_limit) {
         bool progress = false;
         const Step step = run_once(d, progress);
-        if (step == Step::kBad)
+        if (step == Step::kError)
             return TINF_DATA_ERROR;
         if (step == Step::kEnd)
             return check_trailer(d);

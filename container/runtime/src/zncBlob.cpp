@@ -33,7 +33,7 @@ bool BlobReader::open(const char* path, const char* digest)
 
 bool BlobReader::restart()
 {
-    at_ = 0;
+    offset_ = 0;
     pieceAt_ = 0;
     pieceLen_ = 0;
     tailLen_ = 0;
@@ -42,16 +42,17 @@ bool BlobReader::restart()
 
 void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
 {
-    const std::size_t from = size_ - tailLen_; // of the file
-    const std::size_t begin = std::max(at_, from);
-    if (begin < at_ + len)
-        std::memcpy(tail_.data() + (begin - from), bytes + (begin - at_), at_ + len - begin);
+    const std::size_t from = size_ - tailLen_; // offset in the file
+    const std::size_t begin = std::max(offset_, from);
+    if (begin < offset_ + len)
+        std::memcpy(tail_.data() + (begin - from), bytes + (begin - offset_),
+                    offset_ + len - begin);
 }
 
 // Reads on in the file and hashes what comes.
 ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
 {
-    const std::size_t wanted = std::min(count, size_ - at_);
+    const std::size_t wanted = std::min(count, size_ - offset_);
     std::size_t got = 0;
     while (got < wanted) {
         const ssize_t n = ::read(fd_.get(), bytes + got, wanted - got);
@@ -60,13 +61,13 @@ ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
         if (n < 0)
             return -1;
         if (n == 0)
-            break; // it has become shorter
+            break; // the file was truncated after it was opened
         got += static_cast<std::size_t>(n);
     }
     hash_.update(bytes, got);
     note_tail(bytes, got);
-    at_ += got;
-    progress_at(at_);
+    offset_ += got;
+    progress_at(offset_);
     return static_cast<ssize_t>(got);
 }
 
@@ -126,7 +127,7 @@ bool BlobReader::verified()
     ssize_t n = 1;
     while (n > 0)
         n = fetch(piece_.get(), kPieceLen);
-    return n == 0 && at_ == size_ && hash_.matches() &&
+    return n == 0 && offset_ == size_ && hash_.matches() &&
            std::memcmp(tail_.data(), tailAhead_.data(), tailLen_) == 0;
 }
 

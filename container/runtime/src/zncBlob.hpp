@@ -1,6 +1,6 @@
-// zncBlob.hpp - a file of an image layout that is read once, from its beginning to its end, and
-// hashed as it is read: what its reader got is what its digest was computed of, whoever changes the
-// file meanwhile. Used for layer archives, by way of the tar and gzip readers.
+// zncBlob.hpp - reads a file of an image layout once, from beginning to end, and hashes it at the
+// same time. The digest is thus computed from exactly the bytes that the reader received, even if
+// another process modifies the file. Used for layer archives, through the tar and gzip readers.
 #ifndef ZNCBLOB_HPP
 #define ZNCBLOB_HPP
 
@@ -15,29 +15,29 @@ namespace znc {
 
 class BlobReader {
   public:
-    // `digest` must outlive the object. False with the task error number set; it is 0 when the
-    // digest is none that can be computed.
+    // `digest` must outlive the object. False with errno set; errno is 0 if the digest is malformed
+    // or its algorithm is not supported.
     [[nodiscard]] bool open(const char* path, const char* digest);
 
     [[nodiscard]] int fd() const { return fd_.get(); }
     [[nodiscard]] std::size_t size() const { return size_; }
 
-    // Back to the beginning.
+    // Starts again at the beginning, with a new digest.
     [[nodiscard]] bool restart();
 
-    // The next `count` bytes; fewer only at the end, which is where the file ended when it was
-    // opened. -1 on error.
+    // Reads the next `count` bytes; fewer only at the end. The size is fixed when the file is
+    // opened: bytes appended later are ignored. -1 on error.
     ssize_t read(void* buffer, std::size_t count);
     // The next bytes in place, as many as there are in memory, valid until the next call: their
     // number, 0 at the end, -1 on error.
     ssize_t next(const unsigned char** bytes);
 
     static constexpr std::size_t kTailMax = 4;
-    // The last `len` bytes, up to kTailMax, ahead of their turn. verified() compares them with what
-    // stands there when they are read in their turn.
+    // Reads the last `len` bytes, up to kTailMax, before the rest of the file. verified() compares
+    // them with the bytes read later at the same place.
     [[nodiscard]] bool read_tail(unsigned char* tail, std::size_t len);
 
-    // Reads what is left; whether all that was read is what the digest names.
+    // Reads the rest of the file. Returns whether everything that was read matches the digest.
     [[nodiscard]] bool verified();
 
   private:
@@ -46,11 +46,11 @@ class BlobReader {
 
     UniqueFd fd_;
     std::size_t size_ = 0;
-    std::size_t at_ = 0; // what was read of the file, and hashed
+    std::size_t offset_ = 0; // bytes of the file that have been read and hashed
     const char* digest_ = nullptr;
     RunningDigest hash_;
-    MallocPtr<unsigned char[]> piece_; // of the file, the last one read
-    std::size_t pieceAt_ = 0;          // what was taken of it
+    MallocPtr<unsigned char[]> piece_; // the last part of the file that was read
+    std::size_t pieceAt_ = 0;          // bytes of it that have been consumed
     std::size_t pieceLen_ = 0;
     std::size_t tailLen_ = 0;
     std::array<unsigned char, kTailMax> tailAhead_ = {};

@@ -12,11 +12,11 @@ constexpr char kLayersFile[] = "/.zn-layers";
 constexpr std::string_view kDevices = ZN_OVERLAY_DIR "/";
 constexpr std::string_view kTreeArea = "/flattened";
 
-// A device's directories, compared one by one with the layers of a record.
+// State while the directories of an overlay device are compared with the layers of a record.
 struct Comparison {
-    const char* root; // where the record ends, read from its end
+    const char* root; // the first string of the record, where the iteration from its end stops
     const znc::TextList* record;
-    const char* expected; // the layer that comes next, the top one first
+    const char* expected; // the name of the next layer, topmost first; `root` at the end
     bool same = true;
 };
 
@@ -40,7 +40,7 @@ STATUS check_device(const char* device, const znc::TextList& record)
     return same ? OK : znc::fail(ESTALE);
 }
 
-// What the storage base of a flattened tree says of it.
+// Compares the record with the layers that the storage base recorded for a flattened tree.
 STATUS check_tree(std::string_view base, const char* chain, const znc::TextList& record)
 {
     znc::TextList tree;
@@ -81,7 +81,8 @@ STATUS check_bundle_layers(const char* bundle, const char* root)
     const std::string_view area = place.substr(0, place.size() - std::strlen(name));
     if (area.size() > kTreeArea.size() && area.substr(0, area.size() - 1).ends_with(kTreeArea))
         return check_tree(area.substr(0, area.size() - 1 - kTreeArea.size()), name, record);
-    // A layer of the store has the name of what it holds.
+    // The root is a single layer of the store. Its name is the digest of its contents, so there is
+    // nothing to compare.
     return OK;
 }
 

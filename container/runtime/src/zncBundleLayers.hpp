@@ -1,15 +1,15 @@
-// zncBundleLayers.hpp - the layers that a bundle was unpacked from, remembered in the bundle
-// itself.
+// zncBundleLayers.hpp - the record, inside a bundle, of the layers it was unpacked from.
 //
-// Overlay devices and flattened trees are named by the diff IDs that an image claims, and nobody
-// compares those with its layers. While the storage base remembers a bundle, no other image gets
-// its name. But the base may be lost, with a file system in memory for example, while the bundle
-// stays: what has the name afterwards may be another image's. The names of layers are digests of
-// what was extracted, so the bundle's own record tells.
+// Overlay devices and flattened trees are named after the diff IDs in an image's configuration,
+// which unpacking does not compare with the layers. As long as the storage base has a record of the
+// bundle, no other image can take the name of its root. But the storage base may be lost, for
+// example when it is on a tmpfs, while the bundle remains; another image may then be unpacked under
+// that name. The names of layers are digests of their archives, so the bundle's own record shows
+// such a change.
 //
-// The record is a list (zncStoreRecord) in the file ".zn-layers" beside "config.json", written by
-// the unpack and as private as the bundle's directory: the path of the root, and the names of its
-// layers, the bottom one first.
+// The record is a TextList (zncStoreRecord) in the file ".zn-layers" next to "config.json". It is
+// written by zncUnpack and protected only by the permissions of the bundle directory. It holds the
+// path of the root and the names of its layers, lowest first.
 #ifndef ZNCBUNDLELAYERS_HPP
 #define ZNCBUNDLELAYERS_HPP
 
@@ -17,14 +17,14 @@
 
 namespace znc {
 
-// The path of the record; null with the task error number set.
+// The path of the record; null with errno set on failure.
 PathText bundle_layers_path(const char* bundle);
 
-// Whether what is at `root`, the root path of the bundle's configuration, is made of the layers
-// that the bundle was unpacked from. OK also when that is not asked: the bundle has no record,
-// since it was made elsewhere or by an older version; its record is about another root, since
-// somebody has changed the configuration; or there is nothing at `root`. ERROR with ESTALE for
-// other layers, or with the number of what kept them from being known.
+// Checks that `root`, the root path in the bundle's configuration, is made of the layers that the
+// bundle was unpacked from. Also returns OK if there is nothing to check: the bundle has no record
+// (it was made by another program or by an older version), the record is about another root (the
+// configuration was edited), or `root` does not exist. ERROR with ESTALE if the layers differ, or
+// with the errno of what kept them from being read.
 STATUS check_bundle_layers(const char* bundle, const char* root);
 
 } // namespace znc

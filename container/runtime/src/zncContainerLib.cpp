@@ -31,7 +31,7 @@ class ListLock {
     bool held_;
 };
 
-// The caller of what uses it holds the list.
+// Protected by the list mutex; functions that use the table are called with the mutex held.
 znc::ContainerTable containers(zncContainersList);
 
 CONTAINER_CTX* lock_if_free(CONTAINER_CTX* ctx)

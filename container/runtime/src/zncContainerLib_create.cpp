@@ -83,7 +83,8 @@ STATUS check_config(const runtimeSpecConfig& config)
     return OK;
 }
 
-// The root may have become another image's since the bundle was unpacked (zncBundleLayers).
+// Checks that the root still belongs to the bundle: another image may have been unpacked under its
+// path since (zncBundleLayers).
 STATUS check_root(const CONTAINER_CTX* ctx)
 {
     const char* const root = ctx->pConfig->root->path;

@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::size_t kFirstRoom = 64;
 
-static_assert(offsetof(CONTAINER_CTX, containerNode) == 0, "a node is its context");
+static_assert(offsetof(CONTAINER_CTX, containerNode) == 0,
+              "a node and its context have the same address");
 
 CONTAINER_CTX* context_of(SL_NODE* node)
 {

@@ -1,6 +1,6 @@
-// zncContainerTable.hpp - the registered containers: a table sorted by identity, and the list of
-// contexts in the order of their registration, which only this module changes. Used by the registry
-// alone, under its list mutex.
+// zncContainerTable.hpp - the registered containers: a table sorted by container id, and the list
+// of contexts in the order of registration, which only this module changes. Used only by the
+// registry, which holds its list mutex during every call.
 #ifndef ZNCCONTAINERTABLE_HPP
 #define ZNCCONTAINERTABLE_HPP
 
@@ -12,26 +12,27 @@ namespace znc {
 
 class ContainerTable {
   public:
-    // As many characters of an identity as count; as many as a context keeps, terminator included.
+    // Ids are compared up to this length. It equals the size of the id field in a context,
+    // including the NUL.
     static constexpr std::size_t kIdCompared = 255;
 
-    // `list` gets the contexts in the order in which they are added.
+    // The contexts are appended to `list` in the order in which they are added.
     explicit constexpr ContainerTable(SL_LIST& list) noexcept : list_(list) {}
 
-    // The context with that identity, or null.
+    // The context with this id, or null.
     [[nodiscard]] CONTAINER_CTX* find(const char* id) const noexcept;
 
-    // Of the contexts whose identity is greater the one with the least, or null. Bytes count, as
-    // unsigned numbers.
+    // The context with the smallest id greater than `id`, or null. Ids are ordered as strncmp()
+    // orders them.
     [[nodiscard]] CONTAINER_CTX* next(const char* id) const noexcept;
 
-    // Of the contexts with that bundle the one that was added first, or null.
+    // The first context, in the order of registration, with this bundle path, or null.
     [[nodiscard]] CONTAINER_CTX* find_by_bundle(const char* bundle) const noexcept;
 
-    // ERROR with S_zncLib_CONTAINER_EXISTS when there is one of that identity, or without memory.
+    // Fails with S_zncLib_CONTAINER_EXISTS if the id is taken, or with ENOMEM.
     STATUS add(CONTAINER_CTX* ctx) noexcept;
 
-    // Does nothing with a context that is not in the table.
+    // Does nothing if the context is not in the table.
     void remove(CONTAINER_CTX* ctx) noexcept;
 
     void clear() noexcept;
@@ -39,10 +40,10 @@ class ContainerTable {
   private:
     struct Entry {
         CONTAINER_CTX* ctx;
-        CONTAINER_CTX* before; // the one before it in the list, or null
+        CONTAINER_CTX* before; // the previous context in the list, or null
     };
 
-    // The place of the first entry whose identity is not less.
+    // The index of the first entry whose id is not less than `id`; count_ if there is none.
     [[nodiscard]] std::size_t place_of(const char* id) const noexcept;
     [[nodiscard]] bool has(std::size_t place, const char* id) const noexcept;
     bool have_room() noexcept;

@@ -26,7 +26,7 @@ bool before(const Entry& a, const Entry& b)
 
 } // namespace
 
-// Sorted, so that a list of a hundred thousand takes no longer than reading it.
+// Sorts the entries, so that a list of a hundred thousand does not take quadratic time.
 bool znc::Duplicates::find(Text text, void* context, std::size_t count) noexcept
 {
     const auto entries = malloc_array<Entry>(count);

@@ -1,5 +1,5 @@
-// zncDuplicates.hpp - which texts of a list are the same: an image may name one layer any number of
-// times. Used by the image module, which reads and stores such a layer once.
+// zncDuplicates.hpp - finds equal strings in a list. An image may name the same layer any number of
+// times; the image module reads and stores it only once.
 #ifndef ZNCDUPLICATES_HPP
 #define ZNCDUPLICATES_HPP
 
@@ -11,12 +11,12 @@ namespace znc {
 
 class Duplicates {
   public:
-    // `text` of each index below `count`, asked for in order; a null is like no other. They are not
-    // kept. False: memory is short.
+    // Calls `text` for each index below `count`, in order. A null is not equal to any other entry.
+    // The strings are not used after the call. False: out of memory.
     using Text = const char* (*)(void* context, std::size_t index);
     [[nodiscard]] bool find(Text text, void* context, std::size_t count) noexcept;
 
-    // The first and the last index with the same text.
+    // The first and the last index that have the same string as `index`.
     [[nodiscard]] std::size_t first(std::size_t index) const noexcept
     {
         return groups_ != nullptr ? groups_[index].first : index;

@@ -1,4 +1,4 @@
-// zncGzLib.cpp
+// zncGzLib.cpp - see zncGzLib.hpp.
 #include "zncGzLib.hpp"
 
 #include "gzlib.hpp"
@@ -13,7 +13,7 @@ ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes)
     return n < 0 ? 0 : n;
 }
 
-// `source` opens the file.
+// `source` is called to open the gzip file.
 template <class Source> static GZ_ARCHIVE* create_archive(Source source)
 {
     std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter> archive(

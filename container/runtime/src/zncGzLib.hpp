@@ -1,5 +1,5 @@
-// zncGzLib.hpp - a gzip file as a source of archive bytes for the tar extractor. Left out: making
-// and deleting one (zncGzArchiveCreate, zncGzArchiveDelete), which are in the public header.
+// zncGzLib.hpp - a gzip file as the data source of the tar extractor. Its constructor and
+// destructor functions (zncGzArchiveCreate, zncGzArchiveDelete) are declared in the public header.
 #ifndef ZNCGZLIB_HPP
 #define ZNCGZLIB_HPP
 
@@ -12,14 +12,16 @@ struct gzArchive {
     gzFile file;
 };
 
-// The source's read: a NULL handle or buffer and every failure look like the end of the data.
+// The read function of the source. A NULL argument and every error are reported as the end of the
+// data.
 ssize_t zncGzRead(void* handle, void* buffer, std::size_t maxbytes);
 
 namespace znc {
 
 class BlobReader;
 
-// zncGzArchiveCreate for an archive that is hashed as it is read. It must outlive the archive.
+// Like zncGzArchiveCreate, for an archive that is hashed while it is read. `blob` must outlive the
+// result.
 GZ_ARCHIVE* gz_archive_create(BlobReader& blob);
 
 struct GzArchiveDeleter {

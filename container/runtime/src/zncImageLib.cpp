@@ -1,5 +1,6 @@
-// zncImageLib.cpp - makes a bundle of an image: the bundle directory, one of the three kinds of
-// root filesystem, and "config.json". Runs in the caller's process; nothing is kept between calls.
+// zncImageLib.cpp - turns an image into a bundle: creates the bundle directory, one of the three
+// kinds of root filesystem, and "config.json". Runs in the caller's process and keeps no state
+// between calls.
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
@@ -21,14 +22,14 @@ namespace {
 
 constexpr char kOverlayDir[] = "/overlay/";
 
-// `first` and `second` into a path buffer; false when they do not fit.
+// Concatenates `first` and `second` into a buffer of kPathMax bytes; false if they do not fit.
 bool compose(char* path, const char* first, const char* second)
 {
     char* const end = path + znc::kPathMax;
     return znc::copy_end(znc::copy_end(path, end, first), end, second) != end;
 }
 
-// The directories of the layers, the top one first.
+// The paths of the layer directories, top layer first: the order that overlayfs expects.
 class LayerPaths {
   public:
     bool allocate(std::size_t count)
@@ -48,7 +49,8 @@ class LayerPaths {
     znc::MallocPtr<char[]> text_;
 };
 
-// The layers that the store keeps for an image, by name; those of a tree the bottom one first.
+// The directory names, inside the store, of the image's layers, in manifest order (bottom layer
+// first).
 bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
 {
     bool added = true;
@@ -57,8 +59,9 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
-// Whether the kernel takes the layers as one stack, in which one that is there twice counts once.
-// Asked before they are extracted: the answer of the device would come after all the work.
+// Whether overlayfs can stack the layers of the image; a layer that occurs twice counts once. This
+// is checked before the layers are extracted: creating the overlay device would fail only after all
+// that work.
 bool can_be_stacked(const ZNC_IMAGE_MANIFEST& manifest)
 {
     const int most = static_cast<int>(znOvlDirsMax());
@@ -77,9 +80,10 @@ bool can_be_stacked(const ZNC_IMAGE_MANIFEST& manifest)
     return distinct <= most;
 }
 
-// From here on whoever collects the store knows that the bundle needs its root and `stored` layers,
-// and whoever makes a container of it what its root is made of. The records are of no use before
-// the bundle has its configuration, and are needed from then on.
+// Records that the bundle needs its root and the layers `stored`, so that zncStoreCollect does not
+// remove them, and in the bundle of which `layers` its root is made. The records must be on disk
+// before the bundle has its "config.json"; without that file the bundle does not count as existing
+// and the records have no effect.
 STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
                      const znc::TextList& layers, const znc::TextList& stored)
 {
@@ -94,16 +98,17 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
     znc::TextList names;
     if (area && count > 1 && !can_be_stacked(*znc::chosen_manifest(image)))
-        return fail(EINVAL); // as the kernel
+        return fail(EINVAL); // the error of the kernel in this case
     if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
         !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;
     const std::string_view base = znc::store_base({area.get(), len});
-    if (count < 2) // a root whose own name is the digest of what it holds
+    if (count < 2) // the name of the root is the digest of its contents: no layers are recorded
         return compose(root, layers.get()[0], "")
                    ? record_bundle(image, bundle, root, base, znc::TextList(), names)
                    : fail(ENAMETOOLONG);
-    // Before there is a device: one that nobody remembered would stay for ever.
+    // Write the record before the overlay device is created. A device without a record would never
+    // be removed by a collection.
     char chain[znc::kChainIdTextLen];
     if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
         record_bundle(image, bundle, root, base, names, names) != OK)
@@ -112,18 +117,18 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
                                 static_cast<std::uint32_t>(count));
 }
 
-// Extracts the layers beside the tree `root` of the chain, whose directory is `area`, and gives the
-// result its name.
+// Extracts the layers into a temporary directory in `area`, the parent directory of the flattened
+// trees, and then renames the result to `root`. The last component of `root` is the chain ID.
 STATUS flatten(OCI_IMAGE* image, std::string_view area, const char* root,
                const znc::TextList& layers)
 {
     bool is_new = false;
     if (znc::claim_tree(znc::store_base(area), znc::last_component(root), layers, &is_new) != OK)
         return ERROR;
-    const bool unknown = is_new && exists(root);
+    const bool unrecorded = is_new && exists(root);
     znc::LayerStage stage;
     if (stage.make(area) != OK || zncImageExtractLayers(image, stage.path()) != OK ||
-        znFsSync(stage.path()) != OK || znc::place_tree(stage, root, unknown) != OK)
+        znFsSync(stage.path()) != OK || znc::place_tree(stage, root, unrecorded) != OK)
         return ERROR;
     const znc::PathText dir = znc::path_in(area, "");
     return dir ? znDirSync(dir.get()) : ERROR;
@@ -138,8 +143,8 @@ STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
     char* const end = root + znc::kPathMax;
     if (znc::copy_end(root + len, end, chain) == end)
         return fail(ENAMETOOLONG);
-    znc::StoreLock own;
-    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    znc::StoreLock own_lock;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own_lock;
     const std::string_view area(root, len - 1);
     znc::TextList layers;
     if (!layer_names(*znc::chosen_manifest(image), &layers) ||
@@ -157,12 +162,12 @@ STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
     return compose(root, "rootfs", "") ? OK : ERROR;
 }
 
-// The configuration comes last: once it is there, the bundle is whole and on disk.
+// "config.json" is written last: a bundle that has one is complete and on disk.
 STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* root, char* path)
 {
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
         return ERROR;
-    errno = 0; // a path too long has no number here
+    errno = 0; // a path that is too long is reported with errno 0
     if (!compose(path, bundle, "/config.json"))
         return ERROR;
     if (image->store != nullptr && image->store->record.bundle_was_there())
@@ -174,7 +179,7 @@ STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* roo
     return OK;
 }
 
-// What is in a bundle directory. `path` is a buffer to work in.
+// Creates the contents of a bundle directory. `path` is a scratch buffer of kPathMax bytes.
 STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
 {
     if (!compose(path, bundle, "/rootfs"))
@@ -187,13 +192,15 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     if (configure(image, bundle, type, root.get(), path) == OK)
         return OK;
     const znc::ErrnoSaver keep;
-    // A device that is there was made just now: making one that exists fails.
+    // The device can only be the one created above: creating a device whose name exists fails.
     if (std::string_view(root.get()).starts_with(kOverlayDir))
         (void)zncRemoveOvlRootfsDev(root.get());
     return ERROR;
 }
 
-// How many layers an image can have whose layers are extracted ahead, into the store.
+// The largest number of layers with which an image of this root filesystem type is extracted into
+// the layer store, before its root is made. A flattened image of several layers is extracted into a
+// tree of its own instead.
 std::size_t stored_layers_max(int type)
 {
     switch (type) {
@@ -275,11 +282,12 @@ STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int root
     if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
         return OK;
     const znc::ErrnoSaver keep;
-    // While the bundle's directory is this unpack's: once it is gone, the next one may have written
-    // records of the same names.
+    // Remove the records before the bundle's directory: once the directory is gone, another unpack
+    // may create it and write records of the same names.
     if (image->store != nullptr)
         image->store->record.drop();
-    // A path too long for the tree delete is too long to have been filled as well.
+    // zncImageBundleDelete() fails for a path too long for its buffers. Nothing can have been
+    // created in such a directory either, so that rmdir() is enough.
     if (newCreate && zncImageBundleDelete(bundlePath) != OK)
         ::rmdir(bundlePath);
     return ERROR;
@@ -358,7 +366,7 @@ STATUS zncImageBundleDelete(const char* pBundlePath)
         return ERROR;
     const int before = errno;
     if (!exists(pBundlePath)) {
-        errno = before; // nothing to delete has no number
+        errno = before; // a bundle that does not exist is ERROR with errno unchanged
         return ERROR;
     }
     return znc::delete_foreign_tree(pBundlePath);

@@ -1,8 +1,11 @@
-// zncImageLib.hpp - an OCI image layout as a record, and what is made of it. Shared by the units of
-// the image module: the reader (_layout, _validate), the bundle maker (zncImageLib, _store), the
-// configuration writer (_config) and the inspection (_inspect). Order of use: zncImageInfoCreate,
-// set `ociPath`, zncImageParse, zncImageFindManifest into `manifestsIndex`, zncImageInfoDelete. A
-// record belongs to one task at a time. Left out: what zncontainer.h and zncprotocol.h export.
+// zncImageLib.hpp - the in-memory form of an OCI image layout and the operations on it. Shared by
+// the source files of the image module: the reader (_layout, _validate), the bundle creation
+// (zncImageLib, _store), the configuration writer (_config) and the inspection (_inspect).
+//
+// Order of calls: zncImageInfoCreate, set `ociPath`, zncImageParse, store the result of
+// zncImageFindManifest in `manifestsIndex`, zncImageInfoDelete. An image must not be used by two
+// threads at the same time. Functions that zncontainer.h and zncprotocol.h declare are not repeated
+// here.
 #ifndef ZNCIMAGELIB_HPP
 #define ZNCIMAGELIB_HPP
 
@@ -19,18 +22,18 @@ struct UnpackStore;
 }
 
 // ------------------------------------------------------------------ records
-//
-// The cJSON pointers are borrowed from the document of the record that says "owned".
+// The cJSON pointers point into the document that is marked as owned in the same or the enclosing
+// structure.
 
 struct ZNC_IMAGE_CFG_ROOTFS {
     char type[257]; // reserved
-    char** diffId;  // owned; each points behind the colon of a diff identifier
+    char** diffId;  // owned; each element points to the hexadecimal part of a diff ID
     std::uint32_t diffIdCount;
-    std::uint8_t chainId[znc::kSha256Len]; // of the whole stack of layers
+    std::uint8_t chainId[znc::kSha256Len]; // chain ID of all layers
 };
 
 struct ZNC_IMAGE_CONFIG {
-    cJSON* imageConfigJson; // owned; parsed from the very bytes whose digest was verified
+    cJSON* imageConfigJson; // owned; parsed from the same bytes whose digest was verified
     cJSON* user;            // reserved
     cJSON* architecture;
     cJSON* os;
@@ -60,7 +63,7 @@ struct ZNC_IMAGE_MANIFEST {
     cJSON* os;           // of the index entry's "platform", or null
     cJSON* annotations;  // of the index entry, or null
     char manifestFileName[znc::kPathMax];
-    cJSON* manifestJson; // owned; parsed from the very bytes whose digest was verified
+    cJSON* manifestJson; // owned; parsed from the same bytes whose digest was verified
     cJSON* schemaVersion;
     int manifestLayersCount;
     ZNC_IMAGE_MANIFEST_CONFIG manifestConfig;
@@ -69,13 +72,13 @@ struct ZNC_IMAGE_MANIFEST {
 
 struct zncImageIndex {
     char indexFileName[znc::kPathMax];
-    const char* ociPath;  // the caller's
+    const char* ociPath;  // owned by the caller
     cJSON* rootIndexJson; // owned
     cJSON* schemaVersion;
     int manifestsCount;
     int manifestsIndex;            // the chosen manifest, or -1
     ZNC_IMAGE_MANIFEST* manifests; // owned
-    znc::UnpackStore* store;       // the unpack's; null: nothing is extracted ahead or recorded
+    znc::UnpackStore* store;       // owned by zncImageUnpack; null: no early extraction, no records
 };
 using ZNC_IMAGE_INDEX = zncImageIndex;
 
@@ -92,19 +95,19 @@ enum zncRootfsType { RAW_ROOTFS = 0, FLATTENDED_ROOTFS = 1, LAYERED_ROOTFS = 2 }
 // ------------------------------------------------------------------ reader
 
 OCI_IMAGE* zncImageInfoCreate();
-void zncImageInfoDelete(OCI_IMAGE* image); // keeps the task error number
+void zncImageInfoDelete(OCI_IMAGE* image); // leaves errno unchanged
 STATUS zncImageParse(OCI_IMAGE* image);
 STATUS zncImageParseLayout(const char* imagePath);
 STATUS zncImageParseIndex(OCI_IMAGE* image);
 STATUS zncImageParseManifests(OCI_IMAGE* image);
-// The document of these two has been read, verified and parsed by the one who found it named.
+// For these two the caller has already read, verified and parsed the JSON document.
 STATUS zncImageParseManifest(OCI_IMAGE* image, int index);
 STATUS zncImageParseImageConfig(ZNC_IMAGE_MANIFEST_CONFIG* config);
 STATUS zncImageParseImageConfigRootfs(ZNC_IMAGE_CFG_ROOTFS* rootfs, cJSON* rootfsJson);
 int zncImageFindManifest(const OCI_IMAGE* image, const char* os, const char* arch, const char* tag);
 
-// Checks of single items. Those that fail without a code of their own leave the task error number
-// alone or at that of the failing call.
+// Checks of single values. Where a check has no error code of its own, a failure leaves errno
+// unchanged or as the failing system call set it.
 STATUS composeFileName(const char* imagePath, JSON_FILE_TYPE fileType, cJSON* digest,
                        char* fileName, UINT32 fileNameLen);
 STATUS validateJsonSchemaVersion(cJSON* schemaVersion);
@@ -112,7 +115,7 @@ STATUS validateJsonMediatype(JSON_FILE_TYPE type, cJSON* value);
 STATUS validateJsonFileSize(const char* fileName, cJSON* size);
 STATUS validateJsonDigest(const char* fileName, cJSON* value);
 STATUS validateJsonString(const char* str, cJSON* jsonStr);
-BOOL strEqual(const char* s, const char* p); // looks at 256 characters at most
+BOOL strEqual(const char* s, const char* p); // compares at most 256 characters
 
 // ------------------------------------------------------------------ bundle maker
 
@@ -135,7 +138,7 @@ STATUS zncCreateDir(const char* dirName, mode_t mode);
 
 // ------------------------------------------------------------------ configuration writer
 
-BOOL strHasPrefix(const char* s, const char* p); // looks at 256 characters of `p` at most
+BOOL strHasPrefix(const char* s, const char* p); // `p` is cut to 256 characters
 
 namespace znc {
 
@@ -147,14 +150,16 @@ struct OciImageDeleter {
 using OciImagePtr = std::unique_ptr<OCI_IMAGE, OciImageDeleter>;
 
 inline constexpr std::size_t kChainIdTextLen = 2 * kSha256Len + 1;
-inline constexpr std::size_t kTextBound = 256; // how far texts of an image are looked at
+// longest part of an image's strings that is compared or copied
+inline constexpr std::size_t kTextBound = 256;
 
 inline bool exists(const char* path)
 {
     return ::access(path, F_OK) == 0;
 }
 
-// `key` must outlive the object. A null item is one that could not be made.
+// Adds `item` to `object`. The key is not copied and must outlive the object. A null item is an
+// allocation that failed: false.
 inline bool add(cJSON* object, const char* key, CJsonPtr item)
 {
     if (!item || cJSON_AddItemToObjectCS(object, key, item.get()) == 0)
@@ -163,19 +168,20 @@ inline bool add(cJSON* object, const char* key, CJsonPtr item)
     return true;
 }
 
-// Extract the archive of a layer into the directory `dir` (null: a dry run), reading it once:
-// S_zncLib_MANIFEST_INVALID when what was read is not what `digest` names, whatever else happened.
-// `*verified`, where there is one, tells that too. An archive that is damaged has no number of its
-// own: the task error number is 0 then, whatever it was before. `*directories`, where there is one,
-// gets those that the archive names; they are worth something when all else is OK.
+// Extracts a layer archive into the directory `dir` (null: only reads the archive, as a dry run)
+// and computes its digest in the same pass. If the bytes read do not match `digest`, fails with
+// S_zncLib_MANIFEST_INVALID even if the extraction failed for another reason as well. `*verified`,
+// unless null, is set to whether they match. A damaged archive has no error code: errno is then 0.
+// `*directories`, unless null, receives the directories that the archive names; the list is valid
+// only if the function returns OK.
 STATUS extract_layer(const char* layerFile, const char* digest, const char* dir,
                      const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
                      TextList* directories = nullptr);
 
-// The storage base of the directory of its layers or its flattened trees.
+// The storage base: the parent of the directory that holds the layers or the flattened trees.
 std::string_view store_base(std::string_view layers);
 
-// The manifest chosen, or null when none is.
+// The manifest that `manifestsIndex` selects, or null.
 inline ZNC_IMAGE_MANIFEST* chosen_manifest(OCI_IMAGE* image)
 {
     if (image == nullptr || image->manifestsIndex < 0 ||

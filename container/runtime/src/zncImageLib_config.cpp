@@ -1,6 +1,6 @@
 // zncImageLib_config.cpp - writes a bundle's "config.json" from the configuration of the chosen
-// image. What is taken from the image is referenced, not copied: the document ends before the
-// image.
+// image. Values of the image are referenced, not copied, so that the document must be deleted
+// before the image.
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
@@ -21,7 +21,8 @@ cJSON* config_document(OCI_IMAGE* image)
     return manifest != nullptr ? manifest->manifestConfig.imageConfig.imageConfigJson : nullptr;
 }
 
-// What of the image says how to run it; null when it says nothing.
+// The "config" object of the image configuration, which holds the execution parameters; null if
+// there is none.
 cJSON* execution_section(OCI_IMAGE* image)
 {
     return cJSON_GetObjectItem(config_document(image), "config");
@@ -46,7 +47,7 @@ bool append(cJSON* array, znc::CJsonPtr item)
     return true;
 }
 
-// Like cJSON_AddItemReferenceToObject, but the key is not copied either.
+// Like cJSON_AddItemReferenceToObject, but without a copy of the key.
 bool add_reference(cJSON* object, const char* key, const cJSON* item)
 {
     znc::CJsonPtr reference(cJSON_CreateNull());
@@ -81,7 +82,7 @@ bool is_rtp_label(const cJSON* label)
 
 bool add_exposed_ports(cJSON* annotations, cJSON* section)
 {
-    // Several ports make several members of the one name.
+    // Several ports produce several members with the same key.
     for (const cJSON* port = first_member(section, "ExposedPorts"); port != nullptr;
          port = port->next)
         if (port->string != nullptr &&
@@ -100,8 +101,8 @@ bool add_labels(cJSON* annotations, cJSON* section)
     return true;
 }
 
-// The settings of the real-time task: the labels with the prefix, under what follows it and one
-// separator. The bare prefix names no setting.
+// The settings of the real-time process come from labels that start with kRtpPrefix. The key is the
+// label without the prefix and the separator after it. A label that is just the prefix is ignored.
 bool add_rtp_labels(cJSON* rtp, cJSON* section)
 {
     for (const cJSON* label = first_member(section, "Labels"); label != nullptr;
@@ -130,8 +131,8 @@ STATUS status(bool good)
     return good ? OK : ERROR;
 }
 
-// Cuts `text` at its first ":" and returns what follows; null when there is none.
-char* cut(char* text)
+// Terminates `text` at its first ":" and returns the rest, or null if there is no ":".
+char* split_at_colon(char* text)
 {
     char* const colon = text != nullptr ? std::strchr(text, ':') : nullptr;
     if (colon == nullptr)
@@ -219,7 +220,8 @@ STATUS zncCreateOciBundleConfigHostname(OCI_IMAGE* /*image*/, cJSON* rootJson)
 STATUS zncCreateOciBundleConfigMounts(OCI_IMAGE* image, cJSON* rootJson)
 {
     cJSON* const section = execution_section(image);
-    // Unlike its neighbours this section is not optional: without it there is no document.
+    // Unlike the other sections, "mounts" is mandatory: without a "config" object the bundle
+    // configuration cannot be written.
     if (section == nullptr)
         return ERROR;
     znc::CJsonPtr mounts(cJSON_CreateArray());
@@ -275,8 +277,8 @@ STATUS zncImageGetUsrInfo(cJSON* usrJson, const char* usrInfo)
     (void)znc::copy_end(text, text + sizeof text, usrInfo);
     unsigned long uid = 0;
     unsigned long gid = 0;
-    if (text[0] != ':') { // nothing before the colon: neither counts
-        const char* group = cut(text);
+    if (text[0] != ':') { // without a user, the group is ignored as well
+        const char* group = split_at_colon(text);
         uid = std::strtoul(text, nullptr, 0);
         gid = group != nullptr ? std::strtoul(group, nullptr, 0) : 0;
     }
@@ -292,9 +294,9 @@ STATUS zncImageGetMountInfo(cJSON* mountJson, const char* mountInfo)
     char text[kTextBound] = {};
     (void)znc::copy_end(text, text + sizeof text, mountInfo);
     const char* const source = text;
-    char* const destination = cut(text);
-    char* const options = cut(destination);
-    const char* type = cut(options);
+    char* const destination = split_at_colon(text);
+    char* const options = split_at_colon(destination);
+    const char* type = split_at_colon(options);
     if (type == nullptr)
         type = options != nullptr ? "" : "unknown";
     znc::CJsonPtr list(cJSON_CreateArray());

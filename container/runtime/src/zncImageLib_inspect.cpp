@@ -19,7 +19,7 @@ void copy(cJSON* from, const Member& member, cJSON* object)
     zncJsonCopy(from, const_cast<char*>(member.source), object, const_cast<char*>(member.name));
 }
 
-// What the layers take as they are stored.
+// The sum of the layer blobs' sizes, as stored in the layout.
 double layers_size(const ZNC_IMAGE_MANIFEST& manifest)
 {
     std::uint64_t sum = 0;
@@ -28,7 +28,7 @@ double layers_size(const ZNC_IMAGE_MANIFEST& manifest)
     return static_cast<double>(sum);
 }
 
-// A member that cannot be made is missing; only the annotations must not be.
+// A member that cannot be allocated is left out; only for the annotations is that an error.
 bool describe(const ZNC_IMAGE_MANIFEST& manifest, cJSON* body)
 {
     cJSON* const config = manifest.manifestConfig.imageConfig.imageConfigJson;
@@ -58,13 +58,13 @@ bool append_image(const ZNC_IMAGE_MANIFEST& manifest, cJSON* array)
     return describe(manifest, object.release());
 }
 
-// Takes back all that is in the array, whoever put it there; returns the reason.
-int give_up(cJSON* array, int reason)
+// Empties the array, including items that the caller had put into it; returns the error number.
+int clear_array(cJSON* array, int error)
 {
     while (array->child != nullptr)
         cJSON_DeleteItemFromArray(array, 0);
-    errno = reason;
-    return reason;
+    errno = error;
+    return error;
 }
 
 } // namespace
@@ -78,10 +78,10 @@ int zncImageInspect(const char* ociPath, cJSON* array)
         return errno;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
-        return give_up(array, errno);
+        return clear_array(array, errno);
     for (int i = 0; i < image->manifestsCount; ++i)
         if (!append_image(image->manifests[i], array))
-            return give_up(array, ENOMEM); // nothing else makes it fail
+            return clear_array(array, ENOMEM); // out of memory is the only cause
     return 0;
 }
 

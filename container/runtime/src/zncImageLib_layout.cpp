@@ -198,7 +198,7 @@ class LayerDigests {
     }
 
     // Computes ahead what the descriptors in `layers` name, where they name anything.
-    // ERROR: no memory.
+    // ERROR: out of memory.
     STATUS start(const cJSON* layers)
     {
         if (!find_duplicates(layers))
@@ -221,7 +221,7 @@ class LayerDigests {
 
     STATUS result(std::size_t index)
     {
-        // The results are asked for in order, so that of the first layer that is the same was OK.
+        // The caller asks in order and stops at the first error: an equal earlier layer was OK.
         if (duplicates_.first(index) != index ||
             is_verified(image_, manifest_, manifest_.manifestLayers[index].digest))
             return OK;
@@ -235,7 +235,7 @@ class LayerDigests {
         return duplicates_.find(next_digest, &item,
                                 static_cast<std::size_t>(manifest_.manifestLayersCount));
     }
-    // Asked for one index after the other.
+    // Duplicates::find() asks in order of the index, so `context` points to the next list item.
     static const char* next_digest(void* context, std::size_t)
     {
         const cJSON*& item = *static_cast<const cJSON**>(context);
@@ -243,7 +243,7 @@ class LayerDigests {
         item = item->next;
         return text;
     }
-    // For who listens this is where the layer is extracted.
+    // The progress callback gets the extraction of the layer reported here.
     STATUS extracted(std::size_t index)
     {
         const auto count = static_cast<std::uint32_t>(manifest_.manifestLayersCount);

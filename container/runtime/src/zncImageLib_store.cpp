@@ -1,7 +1,7 @@
 // zncImageLib_store.cpp - the layer store: one directory per layer, named by the digest of its
-// archive and shared by all images. A layer is extracted under a name of its own and renamed when
-// it is whole, verified and on disk (zncLayerStage), so a directory with a layer's name is
-// that layer, whoever was killed when.
+// archive and shared by all images. A layer is extracted into a temporary directory, which is
+// renamed once it is complete, verified and on disk (zncLayerStage). A directory with a layer's
+// name is therefore always complete, whenever a process was killed.
 #include "zncImageLib.hpp"
 
 #include "cJSON_Additions.h"
@@ -25,7 +25,8 @@ using znc::fail;
 
 namespace {
 
-constexpr std::int64_t kWorthwhile = 1024 * 1024; // bytes of layers that are worth a helper task
+// bytes of layers from which helper threads pay off
+constexpr std::int64_t kParallelMin = 1024 * 1024;
 
 std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
 {
@@ -34,13 +35,14 @@ std::uint32_t layer_total(const ZNC_IMAGE_MANIFEST& manifest)
 
 std::int64_t stored_size(const ZNC_IMAGE_MANIFEST& manifest)
 {
-    std::int64_t bytes = 0; // the sizes are those of files
+    std::int64_t bytes = 0; // cannot overflow: the sizes were checked against the files
     for (int i = 0; i < manifest.manifestLayersCount; ++i)
         bytes += cJSON_integer64_value(manifest.manifestLayers[i].size);
     return bytes;
 }
 
-// The store's directory of a layer archive, behind the `baseLen` characters of the store itself.
+// Appends the directory name of a layer archive to `path`, whose first `baseLen` characters are the
+// path of the store.
 STATUS layer_directory(const char* file, char* path, std::size_t baseLen)
 {
     const char* const end = file + ::strnlen(file, znc::kPathMax);
@@ -61,9 +63,9 @@ bool is_stored(const char* layerDir)
     return ::stat(layerDir, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The layers of an image that the store lacks, the top one first. Each is extracted beside its
-// place, so that they can be extracted at the same time, and all get their names when they are on
-// disk.
+// Extracts the layers of an image that the store does not have, top layer first. Each layer is
+// extracted into its own temporary directory, so that several threads can extract at the same
+// time; publish() renames the directories when all of them are on disk.
 class StoreJobs {
   public:
     StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead,
@@ -78,7 +80,7 @@ class StoreJobs {
     }
     [[nodiscard]] const znc::Duplicates& duplicates() const { return duplicates_; }
 
-    // The layer's place in the manifest.
+    // The index of layer `k` in the manifest, which lists the bottom layer first.
     [[nodiscard]] std::size_t index(std::size_t k) const { return layer_total(manifest_) - 1 - k; }
     [[nodiscard]] const ZNC_IMAGE_MANIFEST_LAYERS& layer(std::size_t k) const
     {
@@ -91,13 +93,14 @@ class StoreJobs {
         return static_cast<StoreJobs*>(self)->extract(k);
     }
 
-    // Gives the first `count` layers their names, as far as they are new.
+    // Renames the directories of the first `count` layers to their final names. Layers that the
+    // store had already are skipped.
     STATUS publish(char* const* paths, std::size_t count)
     {
-        bool fresh = false;
+        bool any_new = false;
         for (std::size_t k = 0; k < count; ++k)
-            fresh = fresh || stages_[k].path() != nullptr;
-        if (!fresh)
+            any_new = any_new || stages_[k].path() != nullptr;
+        if (!any_new)
             return OK;
         const znc::PathText store = znc::path_in(store_, "");
         if (!store || znFsSync(store.get()) != OK)
@@ -118,7 +121,7 @@ class StoreJobs {
         if (layer_directory(file(k), path.get(), store_.size()) != OK)
             return ERROR;
         if (duplicates_.last(index(k)) != index(k))
-            return OK; // that one is stored
+            return OK; // only the last of several equal layers is stored
         const std::size_t place = duplicates_.first(index(k));
         if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(place, &stages_[k])))
             return is_listed(place) ? OK : extract_listed(k, place, nullptr);
@@ -133,7 +136,8 @@ class StoreJobs {
         return dirs_ == nullptr || !dirs_->wanted() || dirs_->has(place);
     }
 
-    // `dir`: null for a layer that is there and whose directories nobody knows.
+    // Also lists the layer's directories, if they are wanted and not known yet. `dir` is null if
+    // the store has the layer and only the list is missing.
     STATUS extract_listed(std::size_t k, std::size_t place, const char* dir)
     {
         znc::TextList list;
@@ -159,14 +163,15 @@ class StoreJobs {
     std::unique_ptr<znc::LayerStage[]> stages_;
 };
 
-// Has everything extracted in order; the number of layers that were.
+// Waits for the extractions in order, up to the first failure. Returns the number of layers
+// extracted.
 std::uint32_t extract_all(StoreJobs& jobs, znc::WorkAhead& work, znc::StoreAhead* ahead,
                           std::uint32_t count, STATUS* status)
 {
     std::uint32_t told = ahead != nullptr ? ahead->told() : 0;
     std::uint32_t k = 0;
     for (*status = OK; k < count; ++k) {
-        if (ahead != nullptr && ahead->was_told(jobs.index(k))) {
+        if (ahead != nullptr && ahead->was_reported(jobs.index(k))) {
             *status = work.result(k);
         } else {
             znc::LayerProgress progress(jobs.file(k), told++, count);
@@ -201,15 +206,15 @@ STATUS znc::extract_layer(const char* layerFile, const char* digest, const char*
     run.dry = dir == nullptr ? &tree : nullptr;
     run.directories = directories;
     const STATUS status = tar_extract_whole(blob, dir, kTarLayerBlocks, run);
-    const int why = errno;
+    const int error = errno;
     if (cancel != nullptr && *cancel)
         return ERROR;
     const bool matches = blob.verified();
     if (verified != nullptr)
         *verified = matches;
     if (!matches)
-        return fail(why == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
-    errno = why;
+        return fail(error == ENOMEM ? ENOMEM : S_zncLib_MANIFEST_INVALID);
+    errno = error;
     return status;
 }
 
@@ -220,7 +225,8 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (manifest == nullptr)
         return fail(EINVAL);
     const std::uint32_t count = layer_total(*manifest);
-    const auto store = znc::malloc_array<char>(znc::kPathMax); // `repositoryPath` changes
+    // a copy: `repositoryPath` is overwritten below
+    const auto store = znc::malloc_array<char>(znc::kPathMax);
     if (!store || pathLen >= znc::kPathMax)
         return ERROR;
     std::memcpy(store.get(), repositoryPath, pathLen);
@@ -230,8 +236,8 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
             return ERROR;
         std::memcpy(ppLayerPath[k], repositoryPath, std::strlen(repositoryPath) + 1);
     }
-    znc::StoreLock own;
-    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own;
+    znc::StoreLock own_lock;
+    znc::StoreLock& lock = image->store != nullptr ? image->store->lock : own_lock;
     znc::StoreAhead* ahead = image->store != nullptr ? &image->store->ahead : nullptr;
     const std::string_view area(store.get(), pathLen);
     if (ahead != nullptr)
@@ -245,7 +251,7 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (!jobs.allocate() || (dirs != nullptr && dirs->prepare(count) != OK))
         return ERROR;
     znc::WorkAhead work(StoreJobs::extract, &jobs, count);
-    if (stored_size(*manifest) >= kWorthwhile)
+    if (stored_size(*manifest) >= kParallelMin)
         work.start();
     STATUS status = OK;
     const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
@@ -254,7 +260,7 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     if (status == OK)
         return jobs.publish(ppLayerPath, done);
     const znc::ErrnoSaver keep;
-    (void)jobs.publish(ppLayerPath, done); // those that came before the failure stay
+    (void)jobs.publish(ppLayerPath, done); // keep the layers extracted before the failure
     return ERROR;
 }
 

@@ -1,5 +1,5 @@
-// zncImageLib_validate.cpp - paths inside an image layout, and the checks of the items that
-// describe its files.
+// zncImageLib_validate.cpp - paths inside an image layout, and checks of the values that describe
+// its files.
 #include "zncImageLib.hpp"
 
 #include "base/file.hpp"
@@ -21,7 +21,7 @@ bool one_of(const char* text, std::initializer_list<const char*> accepted)
     return false;
 }
 
-// Appends "blobs/" and the digest's text, with its first colon turned into a separator.
+// Appends "blobs/" and the digest, with the first colon replaced by "/".
 STATUS append_blob(char* cursor, char* end, const cJSON* digest)
 {
     const char* text = cJSON_GetStringValue(digest);
@@ -115,11 +115,11 @@ STATUS validateJsonFileSize(const char* fileName, cJSON* size)
 STATUS validateJsonDigest(const char* fileName, cJSON* value)
 {
     char buffer[znc::kDigestTextMax];
-    bool wide = false;
-    const char* const digits = znc::digest_digits(cJSON_GetStringValue(value), buffer, &wide);
+    bool is_sha512 = false;
+    const char* const digits = znc::digest_digits(cJSON_GetStringValue(value), buffer, &is_sha512);
     if (digits == nullptr)
         return ERROR;
-    return wide ? validateSha512(fileName, digits) : validateSha256(fileName, digits);
+    return is_sha512 ? validateSha512(fileName, digits) : validateSha256(fileName, digits);
 }
 
 STATUS validateJsonString(const char* str, cJSON* jsonStr)

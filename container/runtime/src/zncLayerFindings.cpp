@@ -1,5 +1,5 @@
-// zncLayerFindings.cpp - see zncLayerFindings.hpp; and the check of a layer, a dry run of the
-// extractor.
+// zncLayerFindings.cpp - see zncLayerFindings.hpp. Also has zncLayerCheck, which is a dry run of
+// the extractor.
 #include "zncLayerFindings.hpp"
 
 #include "base/failure.hpp"
@@ -12,7 +12,8 @@
 
 namespace {
 
-// The formats of compression that the extractor does not know, by the bytes they begin with.
+// The name of the compression format, if it is one that the extractor does not support; recognised
+// by the first bytes of the file. Null: none of these.
 const char* other_compression(int fd)
 {
     struct Format {

@@ -1,6 +1,6 @@
-// zncLayerFindings.hpp - what the extractor loses of an archive, and what it refuses, on its way to
-// a caller who asked for it (zncLayerCheck). Used by the extractor, which says it, also of members
-// that it otherwise says nothing about.
+// zncLayerFindings.hpp - reports what the extractor drops from an archive or refuses in it to the
+// callback of zncLayerCheck. The extractor calls these functions, also for members that it would
+// otherwise skip silently.
 #ifndef ZNCLAYERFINDINGS_HPP
 #define ZNCLAYERFINDINGS_HPP
 
@@ -10,13 +10,14 @@ namespace znc {
 
 class LayerFindings {
   public:
-    // `compression`: what the archive's first bytes are in other formats; null: nothing.
+    // `compression`: the name of the unsupported compression format that the first bytes of the
+    // archive belong to, or null.
     LayerFindings(ZNC_LAYER_FUNC func, void* context, const char* compression) noexcept
         : func_(func), context_(context), compression_(compression)
     {
     }
 
-    // What follows is about a member, or about the archive.
+    // The findings that follow are about the member `h`, or about the archive as a whole.
     void member(const header& h) noexcept;
     void archive() noexcept;
     void add(ZNC_LAYER_FINDING finding) noexcept;
@@ -25,14 +26,14 @@ class LayerFindings {
     ZNC_LAYER_FUNC func_;
     void* context_;
     const char* compression_;
-    unsigned members_ = 0; // 0, 1, or more
+    unsigned members_ = 0; // members seen so far, counted up to 2
     char name_[sizeof(header::prefix) + sizeof(header::name) + 2] = {};
     char type_ = '\0';
     BOOL directory_ = FALSE;
     uint32_t mode_ = 0;
 };
 
-// To whoever listens to the run. All keep the task error number.
+// Do nothing unless the run has `findings`. None of them changes errno.
 void begin_member(const MT_TAR_SOFT& ctrl, const header& h) noexcept;
 void tell_of_member(const MT_TAR_SOFT& ctrl, ZNC_LAYER_FINDING finding) noexcept;
 void tell_of_archive(const MT_TAR_SOFT& ctrl, ZNC_LAYER_FINDING finding) noexcept;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view kStagePrefix = ".unpack-";
 constexpr char kStageName[] = "/.unpack-XXXXXX";
-constexpr std::size_t kStageLen = sizeof kStageName - 2; // without its "/"
+constexpr std::size_t kStageLen = sizeof kStageName - 2; // without the "/" and the terminator
 constexpr std::string_view kNewPrefix = ".new-";
 constexpr const char* kAreas[] = {"/layers", "/flattened", "/bundles"};
 
@@ -23,7 +23,8 @@ bool is_own_directory(const char* path)
     return ::lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// Calls `func` with the path of each entry of a directory that may be missing.
+// Calls `func` with the name and path of each entry of a directory. A missing directory counts as
+// empty.
 template <class Func> STATUS each_entry(const char* dir, Func func)
 {
     const znc::UniqueDir stream(::opendir(dir));
@@ -42,8 +43,8 @@ bool is_stage(std::string_view name)
     return name.starts_with(kStagePrefix) && name.size() == kStageLen;
 }
 
-// A record without a tree is of an unpack that failed or was killed: the next image that has the
-// chain says anew what it is made of.
+// Removes unfinished records and the records of flattened trees that do not exist: the unpack that
+// wrote them failed or was killed. The next unpack with that chain ID writes a new record.
 bool clear_record(std::string_view base, std::string_view name, const char* path)
 {
     if (name.starts_with(kNewPrefix))
@@ -90,7 +91,7 @@ STATUS LayerStage::publish(const char* name)
     return (errno == EEXIST || errno == ENOTEMPTY) && is_own_directory(name) ? OK : ERROR;
 }
 
-STATUS LayerStage::take_in(const char* name)
+STATUS LayerStage::replace_with(const char* name)
 {
     return ::rename(name, path_.get()) == 0 ? OK : ERROR;
 }

@@ -1,7 +1,7 @@
-// zncLayerStage.hpp - a directory of the store on its way: a layer or a flattened tree is extracted
-// under a name of its own and renamed when it is whole, verified and wanted; what is removed is
-// renamed first and then deleted. Whoever uses one holds the lock of the store (zncStoreLock), so
-// that what a dead process left can be told from what a live one is at.
+// zncLayerStage.hpp - a temporary directory in the store. A layer or a flattened tree is extracted
+// into one and renamed once it is complete and verified; what is to be removed is moved into one
+// first and then deleted. The lock of the store (zncStoreLock) must be held while a stage exists: a
+// temporary directory found by the holder of the exclusive lock belongs to a process that died.
 #ifndef ZNCLAYERSTAGE_HPP
 #define ZNCLAYERSTAGE_HPP
 
@@ -27,32 +27,34 @@ class LayerStage {
     LayerStage& operator=(const LayerStage&) = delete;
     ~LayerStage() { discard(); }
 
-    // Makes an empty directory in `area`.
+    // Creates an empty temporary directory in `area`, a subdirectory of the storage base.
     STATUS make(std::string_view area);
-    // What there is of it; null: nothing.
+    // The path of the directory; null if there is none.
     [[nodiscard]] const char* path() const { return path_.get(); }
 
-    // make(), and the archive extracted into it (extract_layer).
+    // Calls make() and extracts the archive into the directory; see extract_layer().
     STATUS fill(const char* layerFile, const char* digest, std::string_view area,
                 const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
                 TextList* directories = nullptr);
 
-    // Gives it its final name, unless another one was faster: that one stays then.
+    // Renames the directory to `name`. If a directory of that name exists already, that is OK too:
+    // the existing one stays, and path() is not null afterwards.
     STATUS publish(const char* name);
-    // Takes the directory `name` in its place, in one step: what has that name no longer is.
-    STATUS take_in(const char* name);
+    // Renames the directory `name` to this stage's path, replacing the empty directory atomically.
+    STATUS replace_with(const char* name);
 
-    // Deletes what was not published.
+    // Deletes the directory unless it was published.
     void discard() noexcept;
-    // Leaves it where it is.
+    // Gives up ownership without deleting the directory.
     void abandon() noexcept { path_.reset(); }
 
   private:
     PathText path_;
 };
 
-// Finds what extractions and removals that are dead have left in the base, and the records of trees
-// that never came to be, which go at once. Under the exclusive lock.
+// Lists the temporary directories in the storage base that processes which died left behind, and
+// removes the records of flattened trees that do not exist. The caller holds the exclusive lock.
+// delete_leftovers() needs no exclusive lock: nothing else uses these directories.
 STATUS find_leftovers(std::string_view base, TextList* paths);
 void delete_leftovers(const TextList& paths);
 

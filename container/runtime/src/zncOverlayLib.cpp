@@ -1,4 +1,4 @@
-// zncOverlayLib.cpp - where the system keeps what it writes, and overlay devices.
+// zncOverlayLib.cpp - the storage base and its directories, and overlay devices.
 #include "zncPath.hpp"
 
 #include "zarnel/fs.h"
@@ -16,10 +16,12 @@ constexpr const char* kBaseVariable = "ZNC_BASE";
 constexpr const char* kDefaultBase = "/ram0/znc";
 constexpr mode_t kAreaMode = 0700;
 
-// By zncBasePathType. Callers append to these as they are: the layer area has no final "/".
+// Indexed by zncBasePathType. Callers append a name to the path: only the layers' entry has no
+// final "/", because layer names are appended together with their "/".
 constexpr std::array<const char*, 3> kAreas = {"/layers", "/flattened/", "/containers/"};
 
-// The base named by the environment, without its final separators. 0: none that can be used.
+// Reads the base from the environment, without trailing separators. Returns its length, 0 if the
+// variable is not set or not an absolute path.
 std::size_t base_from_environment(char* path, std::size_t bufLen)
 {
     ssize_t len = znEnvGet(kBaseVariable, path, bufLen);
@@ -30,9 +32,10 @@ std::size_t base_from_environment(char* path, std::size_t bufLen)
     return static_cast<std::size_t>(len);
 }
 
-// Layers are run as programs and containers' directories are deleted as root: nobody else may have
-// a hand in the directory or in anything above it. What was missing is judged once it is made,
-// since somebody else may have been faster in a directory that all may write.
+// Programs in the layers are executed and container directories are deleted as root. No other user
+// may therefore be able to modify the directory or any directory above it. A directory created here
+// is checked after the mkdir: below a world-writable directory another user may have created it
+// first.
 bool make_trusted(const char* path)
 {
     znPathTrust trust;

@@ -1,8 +1,8 @@
-// zncPath.hpp - what separates the components of a path, for images, bundles and archives alike,
-// and where the system's own areas are.
+// zncPath.hpp - the path separators accepted in images, bundles and archives, and the paths of the
+// storage base.
 //
-// Used by the container registry, the overlay devices, the layer store and the archive reader. Left
-// out: the platform's own paths, which only know "/".
+// Used by the container registry, the overlay devices, the layer store and the archive reader. Host
+// paths in the platform module only use "/".
 #ifndef ZNCPATH_HPP
 #define ZNCPATH_HPP
 
@@ -16,7 +16,7 @@ inline bool pathIsSep(char ch)
 
 namespace znc {
 
-// What zncBasePathGet writes, without making the directory.
+// Like zncBasePathGet, but does not create or check the directory.
 std::size_t base_path_text(char* path, std::size_t bufLen, std::uint32_t type);
 
 } // namespace znc

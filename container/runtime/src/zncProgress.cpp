@@ -1,4 +1,4 @@
-// zncProgress.cpp
+// zncProgress.cpp - see zncProgress.hpp.
 #include "zncProgress.hpp"
 
 #include "zncOwned.hpp"
@@ -10,20 +10,20 @@
 
 namespace {
 
-// Who listens belongs to the task, as the unpack does.
+// The callback and its state belong to the thread that called zncUnpackProgressSet.
 thread_local ZNC_PROGRESS_FUNC listener = nullptr;
 thread_local void* listener_context = nullptr;
 thread_local ZNC_PROGRESS current = {};
 thread_local znc::UnpackCounts own_counts;
 thread_local znc::UnpackCounts* counts = nullptr;
-thread_local std::atomic<std::uint64_t>* written_down = nullptr; // by a task that helps
+thread_local std::atomic<std::uint64_t>* helper_position = nullptr; // set in helper threads only
 
-void tell(std::uint64_t done)
+void report(std::uint64_t done)
 {
     const znc::ErrnoSaver keep;
     current.done = std::min(done, current.total);
     current.leftOut = own_counts.leftOut;
-    const ZNC_PROGRESS copy = current; // the listener may not change what is told next
+    const ZNC_PROGRESS copy = current; // a copy, so that the callback cannot change the next report
     listener(&copy, listener_context);
 }
 
@@ -58,7 +58,7 @@ LayerProgress::LayerProgress(const char* file, std::uint32_t index, std::uint32_
                            0,
                            known ? static_cast<std::uint64_t>(st.st_size) : 0,
                            0};
-    tell(0);
+    report(0);
 }
 
 LayerProgress::~LayerProgress()
@@ -69,7 +69,7 @@ LayerProgress::~LayerProgress()
 void LayerProgress::complete() noexcept
 {
     if (listening())
-        tell(current.total);
+        report(current.total);
 }
 
 UnpackCounts* progress_counts() noexcept
@@ -95,33 +95,33 @@ void progress_left_out() noexcept
 
 ProgressElsewhere::ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept
 {
-    written_down = &position;
+    helper_position = &position;
 }
 
 ProgressElsewhere::~ProgressElsewhere()
 {
-    written_down = nullptr;
+    helper_position = nullptr;
 }
 
 void progress_follow(const std::atomic<std::uint64_t>& position) noexcept
 {
     const std::uint64_t at = position;
     if (listening() && at > current.done && at < current.total)
-        tell(at);
+        report(at);
 }
 
 void progress_at(std::uint64_t position) noexcept
 {
     // At the end comes the report of the whole layer, once it is extracted.
     if (listening() && position > current.done && position < current.total)
-        tell(position);
-    else if (!listening() && written_down != nullptr)
-        *written_down = position;
+        report(position);
+    else if (!listening() && helper_position != nullptr)
+        *helper_position = position;
 }
 
 void progress_read(int fd) noexcept
 {
-    if (!listening() && written_down == nullptr)
+    if (!listening() && helper_position == nullptr)
         return;
     const ErrnoSaver keep;
     progress_at(static_cast<std::uint64_t>(std::max<off_t>(::lseek(fd, 0, SEEK_CUR), 0)));

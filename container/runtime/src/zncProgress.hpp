@@ -1,6 +1,7 @@
-// zncProgress.hpp - tells a caller who asked for it how far an unpack is. Used by the image module,
-// which knows the layer, and by the archive readers, which know the position in its file. Nothing
-// is called, and nothing costs more than a look at a pointer, unless zncUnpackProgressSet was.
+// zncProgress.hpp - reports the progress of an unpack to the callback set with
+// zncUnpackProgressSet. Used by the image module, which knows the layer, and by the archive
+// readers, which know the offset in its file. Without a callback these functions only test a
+// pointer.
 #ifndef ZNCPROGRESS_HPP
 #define ZNCPROGRESS_HPP
 
@@ -9,7 +10,7 @@
 
 namespace znc {
 
-// While it lives, the calling task reads the archive `file` as layer `index` of `count`.
+// While an object exists, the calling thread reads the archive `file` as layer `index` of `count`.
 class LayerProgress {
   public:
     LayerProgress(const char* file, std::uint32_t index, std::uint32_t count) noexcept;
@@ -17,12 +18,13 @@ class LayerProgress {
     LayerProgress(const LayerProgress&) = delete;
     LayerProgress& operator=(const LayerProgress&) = delete;
 
-    // The layer is complete, also when it was there before.
+    // Reports the layer as complete, also if the store already had it.
     void complete() noexcept;
 };
 
-// Who listens is told by his own task only. One that helps writes its position down while this
-// lives, and he looks at it from time to time.
+// The callback runs only on the thread that called zncUnpack. While an object of this class exists,
+// a helper thread stores its offset in `position` instead, and the calling thread polls it with
+// progress_follow().
 class ProgressElsewhere {
   public:
     explicit ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept;
@@ -32,14 +34,14 @@ class ProgressElsewhere {
 };
 void progress_follow(const std::atomic<std::uint64_t>& position) noexcept;
 
-// What the tasks of one unpack count together.
+// Counters shared by all threads of one unpack.
 struct UnpackCounts {
     std::atomic<std::uint64_t> leftOut = 0;
 };
-// Of the calling task; null: nobody listens to it.
+// The counters of the calling thread; null if it has no callback.
 UnpackCounts* progress_counts() noexcept;
 
-// While it lives, the calling task helps the one that those are of.
+// While an object exists, the calling thread adds to the counters of the thread that it helps.
 class ProgressHelper {
   public:
     explicit ProgressHelper(UnpackCounts* counts) noexcept;
@@ -48,11 +50,12 @@ class ProgressHelper {
     ProgressHelper& operator=(const ProgressHelper&) = delete;
 };
 
-// A member was extracted otherwise than its maker meant.
+// Counts a member that was not extracted as the archive describes it.
 void progress_left_out() noexcept;
 
-// So many bytes of the archive have been read; keeps the task error number. The second asks its
-// descriptor how many, if anybody wants to know.
+// To be called after reading from the archive: `position` is the number of bytes read so far.
+// progress_read() takes it from the offset of the archive's descriptor, and only if progress is
+// reported. Both leave errno unchanged.
 void progress_at(std::uint64_t position) noexcept;
 void progress_read(int fd) noexcept;
 

@@ -1,4 +1,4 @@
-// zncRuntimeApi.cpp - the client functions for containers, but for start.
+// zncRuntimeApi.cpp - the client functions for containers, except those that start one.
 #include "zncRuntimeApi.hpp"
 
 #include "cJSON_Additions.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Text that cJSON printed for the caller to free; null with `ifNone` set.
+// Passes on text printed by cJSON, which the caller frees; if it is null, sets errno to `ifNone`.
 char* text_or(char* text, int ifNone)
 {
     if (text == nullptr)
@@ -24,7 +24,7 @@ bool is_missing(const void* argument)
     return true;
 }
 
-// The state object of a container in `reply`, or null.
+// Requests the state of a container. The result points into `reply`; null on failure.
 cJSON* request_state(const char* containerId, znc::Reply* reply)
 {
     std::array params = {znc::string_param("containerId", containerId)};
@@ -40,7 +40,7 @@ cJSON* request_state(const char* containerId, znc::Reply* reply)
 
 STATUS znc::request_reply(int cmdId, std::span<zncParam> params, Reply* reply, int notJson)
 {
-    const int before = errno; // a call that succeeds may change it
+    const int before = errno; // a successful zncCall may change errno
     char* text = nullptr;
     if (zncCall(cmdId, params.data(), static_cast<int>(params.size()), &text) != OK)
         return ERROR;
@@ -69,10 +69,10 @@ STATUS znc::request_done(int cmdId, std::span<zncParam> params)
 STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int option,
                  const ZNC_ATTR* pAttr)
 {
-    static_cast<void>(pAttr); // nothing of it travels
+    static_cast<void>(pAttr); // the attributes are not part of the request
     if (is_missing(containerId) || is_missing(bundlePath))
         return ERROR;
-    // The daemon's working directory is not the caller's.
+    // Resolve relative paths here: the daemon has another working directory.
     znc::MallocPtr<char> resolved;
     if (bundlePath[0] != '/') {
         resolved.reset(::realpath(bundlePath, nullptr));

@@ -1,5 +1,5 @@
-// zncRuntimeApi.hpp - what the client functions share, and their file-private operations for the
-// tests. Left out: the image functions, which talk to no daemon.
+// zncRuntimeApi.hpp - helpers shared by the client functions, and internal functions declared for
+// the tests. The image functions, which do not use the daemon, need none of them.
 #ifndef ZNCRUNTIMEAPI_HPP
 #define ZNCRUNTIMEAPI_HPP
 
@@ -16,25 +16,25 @@ struct Reply {
 };
 
 /*
- * Send a request to the daemon and take its reply apart. On ERROR the task error number is the
- * call's, the one in the reply, or, for a reply that is not JSON, `notJson` (kKeepNumber: as it
- * was).
+ * Sends a request to the daemon and parses its reply. On ERROR errno is set by zncCall, or it is
+ * the error number in the reply or, if the reply is not JSON, `notJson` (kKeepNumber: unchanged).
  */
 inline constexpr int kKeepNumber = -1;
 STATUS request_reply(int cmdId, std::span<zncParam> params, Reply* reply,
                      int notJson = kKeepNumber);
 
-// The same, for requests whose body does not matter.
+// The same, for requests whose reply body is not needed.
 STATUS request_done(int cmdId, std::span<zncParam> params);
 
 } // namespace znc
 
 CONTAINER_STATUS zncStatusIntConvert(std::int32_t statusInt);
 
-// Spawn what a start reply's body says, tell the daemon, and wait unless `option` says not to.
+// Spawns the process described in the body of a start reply, reports it to the daemon, and waits
+// for it unless `option` has ZNC_OPT_NO_WAIT.
 STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int option);
 
-// Tell the daemon which process was spawned.
+// Reports the spawned process to the daemon.
 STATUS zncContextObjHandleStore(const char* containerId, OBJ_HANDLE objHandle);
 
 #endif

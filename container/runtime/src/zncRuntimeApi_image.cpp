@@ -1,5 +1,5 @@
-// zncRuntimeApi_image.cpp - the client functions on images. They run in the caller's process and
-// need no daemon.
+// zncRuntimeApi_image.cpp - the client functions for images. They run in the caller's process,
+// without the daemon.
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
 

@@ -1,5 +1,5 @@
-// zncRuntimeApi_start.cpp - starting a container: the daemon says how, the caller spawns the
-// process and tells the daemon which one it is.
+// zncRuntimeApi_start.cpp - starts a container: the daemon returns the parameters, the client
+// spawns the process and reports its id to the daemon.
 #include "zncRuntimeApi.hpp"
 
 #include "zarnel/ns.h"
@@ -36,14 +36,15 @@ constexpr std::array kStartTemplate = {
 
 constexpr int kSignalTerm = 15;
 
-// A container's spawn parameters; text points into the reply they were read from.
+// A container's spawn parameters. Strings point into the reply.
 class StartParams {
   public:
     explicit StartParams(cJSON* object) noexcept : params_(kStartTemplate)
     {
         if (zncParamObjGet(object, params_.data(), count()) == OK)
             return;
-        // What could be read counts, but a failed read has freed its vectors already.
+        // The parameters read before the failure are used, except for the vectors, which
+        // zncParamObjGet has already freed.
         params_[kArg].value = 0;
         params_[kEnv].value = 0;
     }
@@ -91,7 +92,7 @@ class SpawnAttributes {
     SpawnAttributes(const SpawnAttributes&) = delete;
     SpawnAttributes& operator=(const SpawnAttributes&) = delete;
 
-    // Stops at the first value that the platform refuses.
+    // False as soon as the platform rejects a value.
     bool set(const StartParams& start) noexcept
     {
         return isSet_ && znSpawnAttrSetPriority(&attr_, start.number(kPriority)) == OK &&
@@ -111,26 +112,27 @@ class SpawnAttributes {
 
 bool spawn(const StartParams& start, const SpawnAttributes& attributes, pid_t* pid)
 {
-    char* none[] = {nullptr};
+    char* no_args[] = {nullptr};
     char** arg = start.vector(kArg);
     if (start.text(kAppPath) != nullptr &&
-        znSpawn(pid, start.text(kAppPath), attributes.get(), arg != nullptr ? arg : none,
+        znSpawn(pid, start.text(kAppPath), attributes.get(), arg != nullptr ? arg : no_args,
                 start.vector(kEnv)) == OK)
         return true;
     errno = S_zncLib_RTP_SPAWN_FAILED;
     return false;
 }
 
-// The container counts as running but its process is not known to the daemon: end it.
-STATUS give_up(const char* containerId)
+// The container counts as running, but the daemon does not know its process: kill it.
+STATUS kill_unknown(const char* containerId)
 {
     const znc::ErrnoSaver keep;
     static_cast<void>(zncKill(containerId, kSignalTerm, ZNC_OPT_WHOLE_NAMESPACE));
     return ERROR;
 }
 
-// Neither a signal to the caller nor a stop of the process ends the wait: the process would run on
-// and nobody know its id. Stops are reported when the process made its parent its tracer.
+// Waits until the process has ended. EINTR must not end the wait: the process would run on and its
+// id would be lost. Stops are ignored as well; waitpid reports them without WUNTRACED if the
+// process made its parent its tracer (PTRACE_TRACEME).
 pid_t wait_for(pid_t pid)
 {
     int status = 0;
@@ -152,8 +154,8 @@ STATUS request_start(const char* containerId, unsigned int option, znc::Reply* r
     return znc::request_reply(ZNC_START, params, reply);
 }
 
-// Spawns what a start reply's body says and tells the daemon which process it is. `pid` is 0 when
-// nothing was spawned, also when that was all there was to do.
+// Spawns the process described in the body of a start reply and reports its id to the daemon. `pid`
+// is 0 if no process was spawned, also if the reply asks for none.
 STATUS start_process(const char* containerId, cJSON* array, pid_t* pid)
 {
     *pid = 0;
@@ -172,11 +174,11 @@ STATUS start_process(const char* containerId, cJSON* array, pid_t* pid)
     SpawnAttributes attributes;
     if (!attributes.set(start) || !spawn(start, attributes, pid)) {
         const znc::ErrnoSaver keep;
-        znnsExpectEnd(start.number(kNsId)); // also where nothing was spawned at all
+        znnsExpectEnd(start.number(kNsId)); // needed even if znSpawn was never called
         return ERROR;
     }
     if (*pid == 0 || zncContextObjHandleStore(containerId, *pid) != OK)
-        return give_up(containerId);
+        return kill_unknown(containerId);
     return OK;
 }
 
@@ -210,7 +212,7 @@ STATUS zncContextStart(const char* containerId, cJSON* array, unsigned int optio
         return ERROR;
     if (pid == 0 || (option & ZNC_OPT_NO_WAIT) != 0)
         return OK;
-    return wait_for(pid); // the process id, not OK
+    return wait_for(pid); // returns the process id, not OK
 }
 
 STATUS zncContextObjHandleStore(const char* containerId, OBJ_HANDLE objHandle)

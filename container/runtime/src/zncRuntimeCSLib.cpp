@@ -1,4 +1,4 @@
-// zncRuntimeCSLib.cpp - parameter tables to JSON objects and back.
+// zncRuntimeCSLib.cpp - converts parameter tables to JSON objects and back.
 #include "zncRuntimeCSLib.hpp"
 
 #include "cJSON_Additions.h"
@@ -13,7 +13,7 @@ namespace {
 using znc::CJsonPtr;
 using znc::param_pointer;
 
-// C callers may write any number there.
+// C callers may store values that are not enumerators, which must not be read as the enum type.
 int type_of(const zncParam& param)
 {
     static_assert(sizeof(param.type) == sizeof(int));
@@ -22,7 +22,7 @@ int type_of(const zncParam& param)
     return type;
 }
 
-// Adds under a copy of `key`. An item that cannot be added is deleted.
+// Adds `item` under a copy of `key`; deletes it if it cannot be added.
 bool add_item(cJSON* object, const char* key, CJsonPtr item)
 {
     if (item == nullptr || cJSON_AddItemToObject(object, key, item.get()) == 0)
@@ -36,8 +36,8 @@ bool append_item(cJSON* array, cJSON* item)
     return cJSON_AddItemToArray(array, item) != 0;
 }
 
-// An item that shows the content of another without owning it. cJSON can also make one while it
-// adds it, but then loses it when the key cannot be copied.
+// An item that refers to the content of another without owning it. cJSON_AddItemReferenceToObject
+// is not used because it leaks the reference if the key cannot be copied.
 CJsonPtr reference_to(const cJSON* item)
 {
     if (cJSON_IsArray(item))
@@ -49,7 +49,7 @@ CJsonPtr reference_to(const cJSON* item)
     return CJsonPtr(cJSON_Duplicate(item, 0));
 }
 
-// The add functions return 0 or the error number that building the object fails with.
+// The add functions return 0 or the errno value for zncParamObjInit.
 
 int add_integer(cJSON* object, const zncParam& param)
 {
@@ -80,7 +80,7 @@ int add_param(cJSON* object, const zncParam& param)
     case INTEGER:
         return add_integer(object, param);
     case STRING:
-        // No item is made for a NULL string: the key is then left out.
+        // cJSON creates no item for a NULL string: the key is left out.
         add_item(object, param.name, CJsonPtr(cJSON_CreateString(param_pointer<char>(param))));
         return 0;
     case STRING_ARRAY:
@@ -111,7 +111,8 @@ bool read_strings(const cJSON* item, zncParam& param)
         errno = ENOMEM;
         return false;
     }
-    // From here on the vector is the table's, whose owner (or zncParamObjGet on failure) frees it.
+    // From here on the vector belongs to the table. Its owner frees it, or zncParamObjGet if it
+    // fails.
     char** next = strings.release();
     param.number = count;
     param.value = reinterpret_cast<std::intptr_t>(next);
@@ -144,7 +145,7 @@ bool read_param(cJSON* item, zncParam& param)
     }
 }
 
-// The pointers stay in the table: whoever looks at them afterwards is wrong.
+// The pointers stay in the table but must not be used afterwards.
 void free_strings(std::span<const zncParam> params)
 {
     for (const zncParam& param : params)
@@ -200,7 +201,7 @@ STATUS zncParamObjDestroy(zncParam* param, unsigned int count)
     return OK;
 }
 
-// A prefix match on purpose: "opt" finds "option", and "" the first entry.
+// Deliberately a prefix match: "opt" finds "option", and "" the first entry.
 zncData zncParamValueGetByName(zncParam* param, int count, const char* name)
 {
     if (param == nullptr || name == nullptr || count <= 0)

@@ -1,8 +1,8 @@
-// zncRuntimeCSLib.hpp - what clients and the daemon share below the public message functions: the
-// queues' capacities and owners, and short ways to write parameter tables.
+// zncRuntimeCSLib.hpp - the internals shared by clients and the daemon: capacities of the message
+// queues, queue handles, and helpers that build parameter tables.
 //
-// Used by zncRuntimeClient, zncRuntimeService and zncRuntimeApi. Left out: the wire record and the
-// marshalling functions themselves, which are public (zncprotocol.h).
+// Used by zncRuntimeClient, zncRuntimeService and zncRuntimeApi. The message format and the
+// marshalling functions are public (zncprotocol.h).
 #ifndef ZNCRUNTIMECSLIB_HPP
 #define ZNCRUNTIMECSLIB_HPP
 
@@ -26,7 +26,7 @@ static_assert(offsetof(zncMessage, data) == ZNC_MSG_HEADER_LEN);
 static_assert(sizeof(zncData) >= sizeof(void*));
 
 inline constexpr std::uint8_t kVerbosityDefault = 2;
-inline constexpr std::size_t kReplyTextLimit = 65536; // a reply's text is shorter
+inline constexpr std::size_t kReplyTextLimit = 65536; // a reply's text must be shorter than this
 
 struct QueueShape {
     std::size_t maxMsgs;
@@ -36,7 +36,7 @@ inline constexpr QueueShape kDaemonQueue{ZN_MSG_Q_LONGEST, ZNC_MSG_MAX_LEN};
 inline constexpr QueueShape kReplyQueue{1, ZNC_MSG_MAX_LEN};
 inline constexpr QueueShape kInfoQueue{20, 255};
 
-// A queue handle, closed with its owner.
+// Owns a queue handle and closes it.
 class UniqueQueue {
   public:
     UniqueQueue() noexcept = default;
@@ -68,8 +68,8 @@ class UniqueQueue {
         znMsgQOpen(name, shape.maxMsgs, shape.maxMsgLen, options, ZN_MSG_Q_OPEN_EXISTING));
 }
 
-// Makes a queue of a name that only this process gives to queues. One of that name was left by a
-// dead process that had this process's number before; it is removed first.
+// Creates a queue under a name that only this process uses for queues. An existing queue of that
+// name was left by a process that died and had the same process id; it is removed first.
 [[nodiscard]] inline MSG_Q_ID make_own_queue(const char* name, QueueShape shape) noexcept
 {
     constexpr int kTries = 3;
@@ -83,7 +83,8 @@ class UniqueQueue {
     return queue;
 }
 
-// A queue made for one call: closed, and its name removed, with its owner. `name` is borrowed.
+// A queue created for one call. The destructor closes it and removes its name. `name` must outlive
+// the object.
 class PrivateQueue {
   public:
     PrivateQueue(const char* name, QueueShape shape) noexcept
@@ -109,13 +110,14 @@ class PrivateQueue {
     MSG_Q_ID queue_;
 };
 
-// The data of a message in a buffer of any length; a reply's goes on behind the record's own array.
+// The data of a message. A long reply is in a larger buffer: its data extends past the end of the
+// structure's array.
 inline char* message_data(zncMessage* message) noexcept
 {
     return reinterpret_cast<char*>(message) + ZNC_MSG_HEADER_LEN;
 }
 
-// Parameter table entries. The table type has no const; nothing is ever written through it.
+// Parameter table entries. The table's pointers are not const, but nothing is written through them.
 inline zncParam integer_param(const char* name, zncData value) noexcept
 {
     return {INTEGER, const_cast<char*>(name), value, 0};
@@ -133,7 +135,7 @@ inline zncParam object_param(const char* name, cJSON* item) noexcept
     return {OBJECT, const_cast<char*>(name), reinterpret_cast<std::intptr_t>(item), 0};
 }
 
-// An entry of a read template, with its default.
+// An entry of a table that zncParamObjGet fills in, with its default value.
 constexpr zncParam template_param(paramType type, const char* name, zncData value = 0) noexcept
 {
     return {type, const_cast<char*>(name), value, 0};
@@ -144,8 +146,8 @@ template <class T> T* param_pointer(const zncParam& param) noexcept
     return reinterpret_cast<T*>(static_cast<std::intptr_t>(param.value));
 }
 
-// A read copy of a template of numbers and single strings. Keys that are missing keep their
-// defaults, as do all behind one of a wrong type.
+// Reads the members of `root` into a copy of `defaults`, a table of numbers and strings. Missing
+// keys keep their defaults; so do all entries from the first value of a wrong type on.
 template <std::size_t N>
 std::array<zncParam, N> read_params(cJSON* root, const std::array<zncParam, N>& defaults) noexcept
 {

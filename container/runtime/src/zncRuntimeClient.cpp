@@ -1,9 +1,9 @@
-// zncRuntimeClient.cpp - one call of the daemon: the request out, the reply and the progress texts
-// in.
+// zncRuntimeClient.cpp - one call to the daemon: sends the request, receives the reply and the
+// progress texts.
 //
-// Every call has a reply queue and an info queue of its own, made before the request is sent and
-// gone before the call returns, so that a late reply finds no queue and can never be taken for
-// another call's.
+// Every call creates a reply queue and an info queue of its own before it sends the request, and
+// removes them before it returns. A late reply therefore finds no queue and cannot be taken for the
+// reply to another call.
 #include "zncRuntimeClient.hpp"
 
 #include "base/failure.hpp"
@@ -22,7 +22,7 @@ constexpr int kReplyTimeoutSeconds = 5;
 
 std::atomic<std::uint64_t> msgQId{0};
 
-// The text of a request, or null with ENOMEM, whatever kept it from being built.
+// The text of a request; null with errno ENOMEM on any failure.
 znc::CJsonText request_text(zncParam* param, int count)
 {
     const znc::CJsonPtr object(zncParamObjInit(param, count));
@@ -32,8 +32,8 @@ znc::CJsonText request_text(zncParam* param, int count)
     return text;
 }
 
-// A request but for its queue name and verbosity; null with ENOMEM when memory is short or
-// the text does not fit in one message.
+// A request without its queue name and verbosity; null with errno ENOMEM if there is no memory or
+// the text does not fit into one message.
 znc::MallocPtr<zncMessage> make_request(int cmdId, const char* text)
 {
     auto request = znc::malloc_zeroed<zncMessage>();
@@ -56,8 +56,8 @@ void name_reply_queue(zncMessage& request, const char* daemonQueue)
         std::snprintf(request.name, sizeof request.name, "%s-u-%lu-%lu", daemonQueue, pid, id));
 }
 
-// The progress level the environment asks for. Only its low 8 bits travel; which levels
-// mean something is the daemon's to know.
+// The progress level requested in the environment. Only the low 8 bits are sent; the daemon
+// interprets them.
 std::uint8_t wanted_verbosity()
 {
     char value[256];
@@ -66,7 +66,7 @@ std::uint8_t wanted_verbosity()
     return static_cast<std::uint8_t>(std::strtoul(value, nullptr, 10));
 }
 
-// The caller's copy of the reply's text.
+// Gives the caller a copy of the reply's text.
 bool hand_out_text(zncMessage* reply, char** ppResp)
 {
     const std::size_t len = reply->dataLen;
@@ -78,7 +78,7 @@ bool hand_out_text(zncMessage* reply, char** ppResp)
     return true;
 }
 
-// The exchange itself, once the request is complete but for the verbosity.
+// Sends the request, which lacks only its verbosity, and receives the reply.
 STATUS exchange(const char* daemonQueue, zncMessage& request, char** ppResp)
 {
     const znc::UniqueQueue daemon = znc::open_queue(daemonQueue, znc::kDaemonQueue, ZN_MSG_Q_FIFO);
@@ -117,7 +117,7 @@ std::uint64_t znAtomic64Inc(std::atomic<std::uint64_t>* target)
 
 znc::MallocPtr<zncMessage> zncMessageRecv(MSG_Q_ID handle, int timeout)
 {
-    // One byte more than a message, for the NUL that the caller puts behind the data.
+    // One more byte than a message, for the NUL that the caller appends.
     auto first = znc::malloc_array<char>(ZNC_MSG_MAX_LEN + 1);
     if (first == nullptr)
         return nullptr;
@@ -128,8 +128,8 @@ znc::MallocPtr<zncMessage> zncMessageRecv(MSG_Q_ID handle, int timeout)
     if (reply->dataLen >= znc::kReplyTextLimit)
         return nullptr;
     const std::size_t total = ZNC_MSG_HEADER_LEN + std::size_t{reply->dataLen};
-    auto have = static_cast<std::size_t>(len);
-    if (have >= total)
+    auto received = static_cast<std::size_t>(len);
+    if (received >= total)
         return reply;
 
     auto* grown = static_cast<char*>(std::realloc(reply.get(), total + 1));
@@ -137,12 +137,12 @@ znc::MallocPtr<zncMessage> zncMessageRecv(MSG_Q_ID handle, int timeout)
         return nullptr;
     static_cast<void>(reply.release());
     reply.reset(reinterpret_cast<zncMessage*>(grown));
-    std::memset(grown + have, 0, total + 1 - have);
-    while (have < total) {
-        const ssize_t piece = znMsgQReceive(handle, grown + have, total - have, timeout);
+    std::memset(grown + received, 0, total + 1 - received);
+    while (received < total) {
+        const ssize_t piece = znMsgQReceive(handle, grown + received, total - received, timeout);
         if (piece <= 0)
             break;
-        have += static_cast<std::size_t>(piece);
+        received += static_cast<std::size_t>(piece);
     }
     return reply;
 }

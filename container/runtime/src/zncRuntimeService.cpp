@@ -1,6 +1,6 @@
-// zncRuntimeService.cpp - the daemon: its loop, the handlers of the commands, and its replies.
+// zncRuntimeService.cpp - the daemon's main loop, the command handlers and the replies.
 //
-// One task does all of this, one request at a time, so nothing here is locked.
+// A single thread serves one request at a time, so nothing here needs a lock.
 #include "zncRuntimeService.hpp"
 
 #include "zncContainerLib.hpp"
@@ -40,7 +40,7 @@ constexpr int kReclaimSeconds = 2;
 constexpr std::string_view kClientPrefix = ZNC_MSG_Q_NAME "-u-";
 constexpr std::string_view kInfoSuffix = "_info";
 
-// Keeps the calling task from being deleted.
+// Protects the calling task from deletion.
 class DeletionSafety {
   public:
     DeletionSafety() noexcept { znTaskSafe(); }
@@ -53,13 +53,14 @@ class DeletionSafety {
     DeletionSafety& operator=(const DeletionSafety&) = delete;
 };
 
-// What a handler returns for a registry call: the number is read before anything can change it.
+// Converts the result of a registry call into the result of a handler. Must be called directly
+// after the call, before errno can change.
 int result_of(STATUS status)
 {
     return status == OK ? 0 : errno;
 }
 
-// The pointers lead into the container's configuration: build the object while the container
+// The pointers in `parm` point into the container's configuration: call this while the container
 // exists.
 cJSON* start_object(const CONTAINER_START_PARM& parm)
 {
@@ -78,7 +79,7 @@ cJSON* start_object(const CONTAINER_START_PARM& parm)
     return zncParamObjInit(params.data(), static_cast<int>(params.size()));
 }
 
-// Unknown commands, and those that need no work, are answered with success.
+// Unknown commands, and commands that need no work, succeed.
 int dispatch(std::int32_t cmdId, cJSON* root, cJSON* body)
 {
     switch (static_cast<std::uint32_t>(cmdId)) {
@@ -103,18 +104,19 @@ int dispatch(std::int32_t cmdId, cJSON* root, cJSON* body)
     }
 }
 
-// Killed clients cannot remove their queues, and queue memory is scarce: without this some dozens
-// of them would keep everybody from calling. Nor do they wait at once for the programs they
-// started, without which an ended namespace is not gone.
+// Removes the queues of clients that were killed: the space for queues is limited, and a few dozen
+// leftovers would keep every client from calling. Also cleans up ended namespaces: a client does
+// not always reap the programs that it started at once, and a namespace lasts until they are
+// reaped.
 class HouseKeeping {
   public:
-    void do_if_due()
+    void run_if_due()
     {
         const auto now = std::chrono::steady_clock::now();
         if (now < due_)
             return;
         due_ = now + std::chrono::seconds(kReclaimSeconds);
-        // Where the queues cannot be listed, they stay.
+        // If the queues cannot be listed, none are removed.
         static_cast<void>(znMsgQReclaim(znc::client_of_queue));
         znnsReap();
     }
@@ -125,7 +127,7 @@ class HouseKeeping {
 
 znc::ServiceListener service_listener;
 
-void tell_served(const zncMessage& message, const cJSON* root, int result)
+void notify_served(const zncMessage& message, const cJSON* root, int result)
 {
     if (service_listener.served == nullptr)
         return;
@@ -136,24 +138,24 @@ void tell_served(const zncMessage& message, const cJSON* root, int result)
     service_listener.served(message.cmdId, id != nullptr ? id : "", result);
 }
 
-// Until receiving fails.
+// Serves requests until receiving one fails.
 void serve(MSG_Q_ID queue)
 {
     zncMessage message = {};
     HouseKeeping house_keeping;
     for (;;) {
-        house_keeping.do_if_due();
+        house_keeping.run_if_due();
         const ssize_t len =
             znMsgQReceive(queue, &message, sizeof message, kReclaimSeconds * znSysClkRateGet());
         if (len < 0 && errno == ETIMEDOUT)
             continue;
         if (len < 0)
             return;
-        errno = 0; // waiting may have left a number
+        errno = 0; // receiving may have changed errno
         if (!znc::decode_request(&message, static_cast<std::size_t>(len)))
             continue;
         static_cast<void>(zncMessageProcess(&message));
-        errno = 0; // nothing carries over to the next request
+        errno = 0; // do not carry errno over to the next request
     }
 }
 
@@ -234,9 +236,9 @@ STATUS zncMessageProcess(zncMessage* msgHead)
     const znc::CJsonPtr root(cJSON_Parse(msgHead->data));
     if (root != nullptr)
         result = dispatch(msgHead->cmdId, root.get(), body.get());
-    else if (errno == ENOMEM) // it may well be a request, which was not done
+    else if (errno == ENOMEM) // the request may be valid, but was not carried out
         result = ENOMEM;
-    tell_served(*msgHead, root.get(), result);
+    notify_served(*msgHead, root.get(), result);
     static_cast<void>(zncReplyMessage(msgHead->name, msgHead->cmdId, body.get(), result));
     return OK;
 }
@@ -252,13 +254,14 @@ int zncCreateContainer(cJSON* root)
 int zncStartContainer(cJSON* root, cJSON* array)
 {
     const auto [id, option] = read_params(root, kStartRequest);
-    static_cast<void>(option); // the client acts on it
+    static_cast<void>(option); // the client interprets it
     CONTAINER_START_PARM parm = {};
     const int result = result_of(zncContainerStart(param_pointer<const char>(id), &parm));
     if (result != 0)
         return result;
-    // Until the client has spawned the program, somebody who looks would find nobody in there and
-    // take the container for stopped. Where it cannot be noted down, that is so.
+    // Until the client has spawned the program, the namespace has no process, and the container
+    // would count as stopped. znnsExpect makes the namespace count as in use until then; if it
+    // fails, the container counts as stopped for that time.
     znnsExpect(parm.nsId, static_cast<pid_t>(znc::client_of_queue(infoMsgQ)));
     cJSON_AddItemToArray(array, start_object(parm));
     return result;
@@ -335,7 +338,7 @@ STATUS zncMessageSend(MSG_Q_ID handle, const char* buffer, std::size_t length)
 
 STATUS zncReplyMessage(char* name, int cmdId, cJSON* body, int errCode)
 {
-    // The name may fill its field in a message without a terminator.
+    // The name in a message may lack a terminator.
     char target[ZNC_MSG_NAME_LEN] = {};
     std::memcpy(target, name, ::strnlen(name, sizeof target - 1));
     const znc::UniqueQueue queue = znc::open_queue(target, znc::kReplyQueue, ZN_MSG_Q_FIFO);

@@ -1,6 +1,5 @@
-// zncRuntimeService.hpp - the daemon's request processing, under its own names for the tests and
-// the fuzz target. The daemon task is the only other caller. Left out: the inspection document,
-// which has a public builder.
+// zncRuntimeService.hpp - the daemon's request processing, declared for the daemon task, the unit
+// tests and the fuzz target. The functions for the inspection document are public.
 #ifndef ZNCRUNTIMESERVICE_HPP
 #define ZNCRUNTIMESERVICE_HPP
 
@@ -11,43 +10,45 @@
 
 namespace znc {
 
-// Whether a queue name is one that zncCall makes: "/znc-u-<digits>-<digits>".
+// Whether a queue name has the form that zncCall uses: "/znc-u-<digits>-<digits>".
 bool is_client_queue_name(std::string_view name);
 
-// The process whose call has a queue of this name, reply or info; 0 for any other queue.
+// The id of the client process that uses a reply or info queue of this name; 0 for any other name.
 long client_of_queue(const char* name);
 
 /*
- * Judge a message of which `received` bytes came in, and terminate its data in place. False: drop
- * it, without a reply or a progress text.
+ * Validates a message of `received` bytes and terminates its data in place. False: drop the
+ * message, without a reply or a progress text.
  *
- * Nothing in a message can be believed. It is dropped when it is shorter than its header, says that
- * it has more data than came with it or than a request can have, or names a reply queue that no
- * client makes: the daemon writes to the queue named there, and to the info queue beside it, and
- * must not be made to write to its own or to another program's.
+ * Messages are untrusted. A message is dropped if it is shorter than its header, if it announces
+ * more data than was received or than a request may have, or if its reply queue does not have the
+ * form of a client's: the daemon writes to that queue and to the corresponding info queue, and must
+ * not be made to write to its own queue or to one of another program.
  */
 bool decode_request(zncMessage* message, std::size_t received);
 
-// What the process that embeds the daemon may want to hear of, on the daemon task. Null: nothing.
+// Callbacks for the process that embeds the daemon, called on the daemon task. May be null.
 struct ServiceListener {
-    void (*ready)() = nullptr; // requests are taken from now on
-    // One was served: its command, the container it names ("": none) and the error number.
+    void (*ready)() = nullptr; // the queue exists: requests are accepted from now on
+    // A request was served: its command, the container id ("" if none) and the error number.
     void (*served)(std::int32_t cmdId, const char* containerId, int error) = nullptr;
 };
-void set_service_listener(const ServiceListener& listener); // before the daemon task begins
+void set_service_listener(const ServiceListener& listener); // call before zncDaemonTask
 
 } // namespace znc
 
-// Serve one decoded request: handler, then reply. ERROR if there was no memory for a reply.
+// Serves one decoded request: calls the handler and sends the reply. ERROR only if there was no
+// memory for a reply.
 STATUS zncMessageProcess(zncMessage* msgHead);
 
-// Send `length` bytes in pieces of at most one message, each taken within a second.
+// Sends `length` bytes as one or more messages; each must be accepted within a second.
 STATUS zncMessageSend(MSG_Q_ID handle, const char* buffer, std::size_t length);
 
-// The state object of replies, or NULL when memory is short.
+// The state object of replies; NULL if there is no memory.
 cJSON* zncMsgBodyInitByState(CONTAINER_STATE* state);
 
-// Handlers: `root` is the parsed request, `array` the reply's body. 0 or an error number.
+// Command handlers: `root` is the parsed request, `array` the body of the reply. They return 0 or
+// an error number.
 int zncCreateContainer(cJSON* root);
 int zncStartContainer(cJSON* root, cJSON* array);
 int zncKillContainer(cJSON* root);

@@ -1,4 +1,4 @@
-// zncRuntimeService_inspect.cpp - a container's inspection document, from its state record and its
+// zncRuntimeService_inspect.cpp - builds a container's inspection document from its state and its
 // parsed bundle configuration.
 #include "zncContainerLib.hpp"
 #include "zncRuntimeCSLib.hpp"
@@ -11,8 +11,7 @@ namespace {
 
 constexpr std::array kInspectRequest = {znc::template_param(STRING, "Id")};
 
-// Members are added under constant keys, which cannot fail: a member is missing only when the item
-// itself could not be made.
+// Adding a member under a constant key cannot fail: a member is missing only if `item` is null.
 void add(cJSON* object, const char* key, cJSON* item)
 {
     cJSON_AddItemToObjectCS(object, key, item);
@@ -28,7 +27,7 @@ void copy_member(cJSON* from, const char* name, cJSON* to, const char* newName)
     zncJsonCopy(from, const_cast<char*>(name), to, const_cast<char*>(newName));
 }
 
-// For "Path" and "Entrypoint"; NULL (and then no member) if there are no arguments.
+// For "Path" and "Entrypoint"; NULL, and no member, if there are no arguments.
 const char* first_argument(const runtimeSpecConfigProcess& process)
 {
     return process.args != nullptr ? process.args[0] : nullptr;
@@ -54,7 +53,7 @@ bool add_created(cJSON* document, time_t created)
     return true;
 }
 
-// An object that a builder made, or false when it made none.
+// Adds an object that a builder function returned; false if it is null.
 bool add_built(cJSON* document, const char* key, cJSON* item)
 {
     if (item == nullptr)
@@ -89,8 +88,8 @@ int zncInspectContainer(cJSON* root, cJSON* array)
     CONTAINER_STATE state = {};
     if (zncContainerStateGet(znc::param_pointer<char>(id), &state) != OK)
         return errno;
-    // Only this task creates and deletes containers, so the configuration stays while it is read. A
-    // record that another task is still making has no context yet.
+    // Only the daemon task creates and deletes containers, so the configuration cannot go away
+    // while it is read. A container that is still being created has no context yet.
     if (state.pCtx == nullptr || state.pCtx->pConfig == nullptr)
         return ENODEV;
     if (!fill_document(document.get(), state, *state.pCtx->pConfig))
@@ -99,7 +98,7 @@ int zncInspectContainer(cJSON* root, cJSON* array)
     return 0;
 }
 
-// The member that is true comes first.
+// The first member is the one that is true; the order of the members is part of the output.
 cJSON* zncInspectContainerState(CONTAINER_STATE* pState)
 {
     cJSON* object = cJSON_CreateObject();

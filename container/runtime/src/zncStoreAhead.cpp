@@ -27,22 +27,22 @@ StoreAhead::~StoreAhead()
 bool StoreAhead::is_chosen(const zncImageIndex& image,
                            const ZNC_IMAGE_MANIFEST& manifest) const noexcept
 {
-    // Of the manifests that have not been read yet none matches.
+    // Manifests that have not been parsed yet never match.
     const int index = zncImageFindManifest(&image, os_, arch_, tag_);
     return index >= 0 && &image.manifests[index] == &manifest;
 }
 
-// The store's path, and how much of it is there.
+// Determines the path of the store, and the length of the part of it that exists already.
 bool StoreAhead::find_store() noexcept
 {
     store_ = malloc_array<char>(kPathMax);
     storeLen_ = store_ ? base_path_text(store_.get(), kPathMax, ZNC_LAYER_PATH) : 0;
-    for (storeThere_ = storeLen_; storeThere_ > 1; --storeThere_) {
-        const char next = store_[storeThere_];
-        store_[storeThere_] = '\0';
-        const bool there = (next == '\0' || next == '/') && exists(store_.get());
-        store_[storeThere_] = next;
-        if (there)
+    for (existingLen_ = storeLen_; existingLen_ > 1; --existingLen_) {
+        const char next = store_[existingLen_];
+        store_[existingLen_] = '\0';
+        const bool present = (next == '\0' || next == '/') && exists(store_.get());
+        store_[existingLen_] = next;
+        if (present)
             break;
     }
     return storeLen_ > 0;
@@ -62,7 +62,7 @@ void StoreAhead::prepare(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& m
         layers_.reset();
         return;
     }
-    manifest_ = &manifest; // from here on what is made is removed
+    manifest_ = &manifest; // from here on the destructor removes what was created
     if (lock_.take(store_base({store_.get(), storeLen_})) != OK ||
         znMkdirParents(store_.get(), 0700) != OK)
         layers_.reset();
@@ -104,21 +104,21 @@ STATUS StoreAhead::verify(std::size_t index) noexcept
 
 bool StoreAhead::take(std::size_t index, LayerStage* stage) noexcept
 {
-    if (!was_told(index) || layers_[index].stage.path() == nullptr)
+    if (!was_reported(index) || layers_[index].stage.path() == nullptr)
         return false;
     *stage = std::move(layers_[index].stage);
     return true;
 }
 
-bool StoreAhead::was_told(std::size_t index) const noexcept
+bool StoreAhead::was_reported(std::size_t index) const noexcept
 {
     return layers_ && index < count_ && layers_[index].extracted;
 }
 
-// A store that this made and nothing came into goes again, as if it had not been made.
+// Removes the directories of the store's path that prepare() created, as long as they are empty.
 void StoreAhead::remove_store() noexcept
 {
-    for (std::size_t len = storeLen_; len > storeThere_; --len) {
+    for (std::size_t len = storeLen_; len > existingLen_; --len) {
         const char next = store_[len];
         store_[len] = '\0';
         if ((next == '\0' || next == '/') && store_[len - 1] != '/' && ::rmdir(store_.get()) != 0)

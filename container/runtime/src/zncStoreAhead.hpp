@@ -1,11 +1,12 @@
-// zncStoreAhead.hpp - layers are extracted by the pass that verifies them: each archive is read
-// once, and what is extracted is what was hashed.
+// zncStoreAhead.hpp - extracts layers in the same pass that verifies their digests, so that each
+// archive is read only once and what is extracted is exactly what was hashed.
 //
-// Nobody can tell but by the time. Until the unpack, in its own order, has verified everything and
-// comes to store a layer, what was extracted has no name of a layer and is in nobody's way; if it
-// does not come there, all of it is removed. A layer that cannot be extracted is no failure yet:
-// its turn comes when it is stored, and that decides. Archives that nobody has vouched for yet are
-// read by the extractor that is confined to its directory anyway.
+// Apart from the time, the result is the same as verifying first and extracting later. The layers
+// are extracted into temporary directories, which get their final names only after the unpack has
+// verified the whole image; if it fails before, they are removed. A layer that cannot be extracted
+// is not an error at this point: the unpack extracts it again when it stores it, and that result
+// counts. The archives are not verified yet when they are extracted. That is safe because the
+// extractor never writes outside its directory.
 #ifndef ZNCSTOREAHEAD_HPP
 #define ZNCSTOREAHEAD_HPP
 
@@ -24,8 +25,8 @@ namespace znc {
 
 class StoreAhead {
   public:
-    // What is asked for, and the most layers with which an image is stored at all. The texts, the
-    // lock and the directories must outlive the object.
+    // The requested platform and tag, and the largest number of layers with which an image goes
+    // into the layer store. The strings, the lock and `dirs` must outlive the object.
     StoreAhead(const char* os, const char* arch, const char* tag, std::size_t layersMax,
                StoreLock& lock, UnpackDirs& dirs) noexcept
         : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock), dirs_(dirs)
@@ -35,20 +36,22 @@ class StoreAhead {
     StoreAhead(const StoreAhead&) = delete;
     StoreAhead& operator=(const StoreAhead&) = delete;
 
-    // Takes on the layers of `manifest`, the last one of `image` that was read, if it is the one
-    // that will be chosen.
+    // Prepares to extract the layers of `manifest`, the manifest of `image` parsed last, if it is
+    // the one that zncImageFindManifest will choose.
     void prepare(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) noexcept;
     [[nodiscard]] bool is_for(const ZNC_IMAGE_MANIFEST& manifest) const noexcept
     {
         return manifest_ == &manifest;
     }
 
-    // Whether it will be extracted: its file and digest are known by now, and the store lacks it.
+    // Whether the layer will be extracted: the store does not have it. Its file name and digest
+    // must be set.
     [[nodiscard]] bool wants(std::size_t index) const noexcept;
-    // Whether the layer's archive is what its digest names; extracts it while it is at it, unless
-    // the store has it, and lists its directories. Of different layers in several tasks at once.
+    // Checks the layer's archive against its digest; extracts it in the same pass unless the store
+    // has the layer, and lists its directories if `dirs` wants them. May run in several threads at
+    // once, for different layers.
     STATUS verify(std::size_t index) noexcept;
-    // How much of its archive has been read, for who listens.
+    // How many bytes of the archive have been read, for the progress callback.
     [[nodiscard]] const std::atomic<std::uint64_t>& position(std::size_t index) const noexcept
     {
         return layers_[index].position;
@@ -58,23 +61,24 @@ class StoreAhead {
         return layers_[index].extracted;
     }
 
-    // Moves what was extracted of a verified layer into `stage`. False: there is nothing. Of
-    // different layers in several tasks at once, which is why it goes by the place in the manifest:
-    // one archive may have several.
+    // Moves the extracted directory of a layer into `stage`; false if there is none. May run in
+    // several threads at once, for different layers. The key is the index in the manifest, not the
+    // digest: several layers may have the same archive.
     bool take(std::size_t index, LayerStage* stage) noexcept;
-    // The unpack has come to its store, which stays now whatever happens.
+    // The unpack starts to use the store: the destructor no longer removes the directories created.
     void reached() noexcept { reached_ = true; }
 
-    // How many layers a listener has been told of as complete, and whether a layer is among them.
+    // The number of layers reported to the progress callback as complete, and whether a given layer
+    // is one of them.
     [[nodiscard]] std::uint32_t told() const noexcept { return told_; }
     void tell_one() noexcept { told_++; }
-    [[nodiscard]] bool was_told(std::size_t index) const noexcept;
+    [[nodiscard]] bool was_reported(std::size_t index) const noexcept;
 
   private:
     struct Layer {
         LayerStage stage;
         std::atomic<bool> extracted = false;
-        std::atomic<std::uint64_t> position = 0; // in the file, for who listens
+        std::atomic<std::uint64_t> position = 0; // offset in the archive, for the progress callback
     };
 
     bool is_chosen(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) const noexcept;
@@ -89,10 +93,10 @@ class StoreAhead {
     UnpackDirs& dirs_;
     PathText store_; // the directory of the layers
     std::size_t storeLen_ = 0;
-    std::size_t storeThere_ = 0; // how much of its path there was before
+    std::size_t existingLen_ = 0; // length of the part of its path that existed before
     bool reached_ = false;
     std::uint32_t told_ = 0;
-    const ZNC_IMAGE_MANIFEST* manifest_ = nullptr; // null: none was taken on
+    const ZNC_IMAGE_MANIFEST* manifest_ = nullptr; // null: prepare() did not select any
     std::size_t count_ = 0;
     std::unique_ptr<Layer[]> layers_;
 };

@@ -1,7 +1,8 @@
-// zncStoreCollect.cpp - removes what nothing in a storage base needs. What goes is renamed under
-// the lock of the base, which nobody who unpacks then holds, and deleted afterwards: whoever is
-// killed, when ever, leaves no half of anything under its name. Left out: what containers use,
-// which their owner knows and says.
+// zncStoreCollect.cpp - removes what no container and no recorded bundle in a storage base needs.
+// Under the exclusive lock of the base, which keeps unpacks out, directories are only renamed; they
+// are deleted afterwards. A process killed at any point therefore leaves no incomplete layer, tree
+// or bundle under its final name. The caller passes the paths that containers use; this file knows
+// nothing about containers.
 #include "zncImageLib.hpp"
 #include "zncLayerStage.hpp"
 #include "zncPath.hpp"
@@ -21,7 +22,7 @@ namespace {
 using znc::PathText;
 using znc::TextList;
 
-constexpr std::size_t kHexLen = 64; // of a chain, and of a layer's name at least
+constexpr std::size_t kHexLen = 64; // length of a chain ID, and minimum length of a layer's name
 constexpr std::string_view kDevices = "/overlay/";
 constexpr std::string_view kOldPrefix = ".old-";
 constexpr std::size_t kOldLen = kOldPrefix.size() + kHexLen + sizeof "-XXXXXX" - 1;
@@ -41,7 +42,7 @@ bool is_layer(std::string_view name)
     return name.size() >= kHexLen && is_hex(name);
 }
 
-// The chain of a tree that was set aside, or nothing.
+// The chain ID of a tree that place_tree() set aside (".old-<chain ID>-XXXXXX"), or "".
 std::string_view old_chain(std::string_view name)
 {
     if (!name.starts_with(kOldPrefix) || name.size() != kOldLen)
@@ -60,43 +61,45 @@ class Collection {
     Collection(std::string_view base, bool dry) : base_(base), dry_(dry) {}
 
     [[nodiscard]] bool hold(const char* path);
-    [[nodiscard]] bool look_at_records();
+    [[nodiscard]] bool read_records();
     void remove_devices();
     void remove_bundles();
     void remove_trees();
     void remove_layers();
-    // What was renamed stays so; then the records of what is gone go.
-    void settle();
+    // Syncs the renames to disk; only then removes the records of what was removed.
+    void finish();
     void delete_all() { znc::delete_leftovers(aside_); }
     STATUS report(ZNC_STORE_FUNC func, void* context) const;
 
   private:
     [[nodiscard]] bool is_cached(const char* bundle) const;
-    [[nodiscard]] bool lives(const char* bundle) const;
+    [[nodiscard]] bool is_in_use(const char* bundle) const;
     void remove_device(const char* file, const TextList& record);
     void remove(ZNC_STORE_KIND kind, const char* area, const char* path);
     template <class Func> void each_in(const char* area, Func func);
     void note(ZNC_STORE_KIND kind, const char* path);
     void fail_with(int error) { error_ = error_ != 0 ? error_ : error; }
-    void need(bool done) { fail_with(done ? 0 : errno); }
+    void check(bool done) { fail_with(done ? 0 : errno); }
 
     std::string_view base_;
     bool dry_;
-    int error_ = 0;     // the first
-    TextList held_;     // names of what the caller says is in use
-    TextList bundles_;  // paths of bundles that he says are
-    TextList used_;     // names of layers and trees, paths of devices, that recorded bundles need
-    TextList aside_;    // renamed, to be deleted
-    TextList records_;  // files that say nothing any more
-    TextList reported_; // a digit for the kind, and the path
+    int error_ = 0;     // errno of the first failure
+    TextList held_;     // last path components of what the caller reports as in use
+    TextList bundles_;  // resolved paths of the bundles that the caller reports as in use
+    TextList used_;     // needed by recorded bundles: names of layers and trees, paths of devices
+    TextList aside_;    // directories that were renamed and are to be deleted
+    TextList records_;  // record files to be removed
+    TextList reported_; // ZNC_STORE_KIND as a digit, followed by the path
 };
 
-// The name alone: a path may lead here in many ways, and what is kept by mistake does no harm.
+// Keep everything whose last path component matches: one object can have many paths, and keeping
+// too much is harmless.
 bool Collection::hold(const char* path)
 {
-    const znc::MallocPtr<char> whole(::realpath(path, nullptr));
+    const znc::MallocPtr<char> resolved(::realpath(path, nullptr));
     const PathText config = znc::path_in(path, "/config.json");
-    if (!config || !held_.add(znc::last_component(path)) || (whole && !bundles_.add(whole.get())))
+    if (!config || !held_.add(znc::last_component(path)) ||
+        (resolved && !bundles_.add(resolved.get())))
         return false;
     const znc::CJsonPtr document(cJSON_load_from_file(config.get()));
     const cJSON* const root = cJSON_GetObjectItem(document.get(), "root");
@@ -104,43 +107,44 @@ bool Collection::hold(const char* path)
     return text == nullptr || held_.add(znc::last_component(text));
 }
 
-// Bundles in the base are made anew when they are missing: only containers keep them.
+// Bundles inside the base are a cache, recreated when they are missing. Only a container keeps one
+// alive, its mere existence does not.
 bool Collection::is_cached(const char* bundle) const
 {
     const PathText area = znc::path_in(base_, "/bundles");
-    const znc::MallocPtr<char> whole(area ? ::realpath(area.get(), nullptr) : nullptr);
-    const std::size_t len = whole ? std::strlen(whole.get()) : 0;
-    return len > 0 && std::strncmp(bundle, whole.get(), len) == 0 && bundle[len] == '/';
+    const znc::MallocPtr<char> resolved(area ? ::realpath(area.get(), nullptr) : nullptr);
+    const std::size_t len = resolved ? std::strlen(resolved.get()) : 0;
+    return len > 0 && std::strncmp(bundle, resolved.get(), len) == 0 && bundle[len] == '/';
 }
 
-bool Collection::lives(const char* bundle) const
+bool Collection::is_in_use(const char* bundle) const
 {
-    return bundles_.contains(bundle) || (!is_cached(bundle) && znc::bundle_lives(bundle));
+    return bundles_.contains(bundle) || (!is_cached(bundle) && znc::bundle_exists(bundle));
 }
 
-bool Collection::look_at_records()
+bool Collection::read_records()
 {
-    const auto look = [](void* self, const char*, const TextList& record) -> STATUS {
+    const auto mark_used = [](void* self, const char*, const TextList& record) -> STATUS {
         auto& collection = *static_cast<Collection*>(self);
         const char* const bundle = record.first();
         const bool held = collection.held_.contains(
             znc::last_component(record.next(bundle) != nullptr ? record.next(bundle) : bundle));
-        if (!held && !collection.lives(bundle))
+        if (!held && !collection.is_in_use(bundle))
             return OK;
-        // A device with its path: a tree may have the same name.
+        // Devices are listed with their path: a flattened tree may have the same name.
         for (const char* name = record.next(bundle); name != nullptr; name = record.next(name))
             if (!collection.used_.add(is_device(name) ? name : znc::last_component(name)))
                 return ERROR;
         return OK;
     };
-    return znc::each_bundle(base_, look, this) == OK;
+    return znc::each_bundle(base_, mark_used, this) == OK;
 }
 
 void Collection::note(ZNC_STORE_KIND kind, const char* path)
 {
     const char digit[] = {static_cast<char>('0' + kind), '\0'};
     const PathText text = znc::path_in(digit, path);
-    need(text && reported_.add(text.get()));
+    check(text && reported_.add(text.get()));
 }
 
 void Collection::remove_device(const char* file, const TextList& record)
@@ -148,23 +152,24 @@ void Collection::remove_device(const char* file, const TextList& record)
     const char* const bundle = record.first();
     const char* const root = record.next(bundle);
     const char* const chain = root != nullptr ? znc::last_component(root) : "";
-    if (root == nullptr || lives(bundle) || held_.contains(chain))
+    if (root == nullptr || is_in_use(bundle) || held_.contains(chain))
         return;
     if (is_device(root) && !used_.contains(root)) {
-        // Of several bundles that are gone the first finds it.
+        // If several bundles that no longer exist name the same device, it is removed and reported
+        // once.
         const bool removed = dry_ ? ::access(root, F_OK) == 0 : zncRemoveOvlRootfsDev(root) == OK;
-        const PathText said = znc::path_in(dry_ ? "2" : "", root);
-        if (removed && !(dry_ && said && reported_.contains(said.get())))
+        const PathText reported_item = znc::path_in(dry_ ? "2" : "", root);
+        if (removed && !(dry_ && reported_item && reported_.contains(reported_item.get())))
             note(ZNC_STORE_DEVICE, root);
         if (!removed && errno != ENOENT && errno != EINVAL) {
-            // It still shows its layers.
+            // The device still exists, so its layers must stay.
             fail_with(errno);
             for (const char* name = record.next(root); name != nullptr; name = record.next(name))
-                need(used_.add(name));
+                check(used_.add(name));
             return;
         }
     }
-    need(records_.add(file));
+    check(records_.add(file));
 }
 
 void Collection::remove_devices()
@@ -173,21 +178,21 @@ void Collection::remove_devices()
         static_cast<Collection*>(self)->remove_device(file, record);
         return OK;
     };
-    need(znc::each_bundle(base_, remove, this) == OK);
+    check(znc::each_bundle(base_, remove, this) == OK);
 }
 
-// Calls `func` with the name and the path of each directory in an area.
+// Calls `func` with the name and path of each subdirectory of a directory of the base.
 template <class Func> void Collection::each_in(const char* area, Func func)
 {
     const PathText dir = znc::path_in(base_, area);
     const znc::UniqueDir stream(dir ? ::opendir(dir.get()) : nullptr);
     if (!stream) {
-        need(errno == ENOENT);
+        check(errno == ENOENT);
         return;
     }
-    TextList names; // the directory changes meanwhile
+    TextList names; // read all names first: `func` changes the directory
     while (const dirent* entry = ::readdir(stream.get()))
-        need(names.add(entry->d_name));
+        check(names.add(entry->d_name));
     for (const char* name = names.first(); name != nullptr; name = names.next(name)) {
         const PathText path = znc::path_in(dir.get(), "/", name);
         struct stat st = {};
@@ -208,8 +213,8 @@ void Collection::remove(ZNC_STORE_KIND kind, const char* area, const char* path)
         fail_with(errno);
         return;
     }
-    // Remembered first: what is aside must be deleted.
-    if (!aside_.add(aside.path()) || aside.take_in(path) != OK) {
+    // Add it to the list before the rename: whatever was moved aside must be deleted.
+    if (!aside_.add(aside.path()) || aside.replace_with(path) != OK) {
         fail_with(errno);
         return;
     }
@@ -220,8 +225,8 @@ void Collection::remove(ZNC_STORE_KIND kind, const char* area, const char* path)
 void Collection::remove_bundles()
 {
     each_in("/bundles", [this](const char* name, const char* path) {
-        const znc::MallocPtr<char> whole(::realpath(path, nullptr));
-        if (name[0] != '.' && whole && !bundles_.contains(whole.get()))
+        const znc::MallocPtr<char> resolved(::realpath(path, nullptr));
+        if (name[0] != '.' && resolved && !bundles_.contains(resolved.get()))
             remove(ZNC_STORE_BUNDLE, "/bundles", path);
     });
 }
@@ -233,7 +238,7 @@ void Collection::remove_trees()
         const std::string_view old = old_chain(name);
         (void)znc::copy_end(chain, chain + sizeof chain, name);
         old.copy(chain, kHexLen);
-        // Only those who used it when it was set aside can still need it.
+        // A tree that was set aside can only be in use by containers that were started before.
         const bool wanted = held_.contains(chain) || (old.empty() && used_.contains(chain));
         if ((old.empty() && !is_chain(name)) || wanted)
             return;
@@ -242,7 +247,7 @@ void Collection::remove_trees()
         const PathText file =
             record && old.empty() ? znc::path_in(record.get(), znc::kTreeSuffix.data()) : nullptr;
         if (file)
-            need(records_.add(file.get()));
+            check(records_.add(file.get()));
     });
 }
 
@@ -254,7 +259,7 @@ void Collection::remove_layers()
     });
 }
 
-void Collection::settle()
+void Collection::finish()
 {
     if (dry_)
         return;
@@ -264,7 +269,7 @@ void Collection::settle()
             fail_with(errno);
     }
     for (const char* file = records_.first(); file != nullptr; file = records_.next(file))
-        need(::unlink(file) == 0 || errno == ENOENT);
+        check(::unlink(file) == 0 || errno == ENOENT);
 }
 
 STATUS Collection::report(ZNC_STORE_FUNC func, void* context) const
@@ -281,7 +286,7 @@ bool gather(Collection& collection, const char* const* inUse, std::uint32_t coun
     for (std::uint32_t i = 0; i < count; ++i)
         if (inUse[i] == nullptr || !collection.hold(inUse[i]))
             return false;
-    return collection.look_at_records();
+    return collection.read_records();
 }
 
 } // namespace
@@ -300,7 +305,7 @@ STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int
     const std::string_view base = znc::store_base({store.get(), len});
     znc::StoreLock lock;
     if (!dry && lock.take_alone(base) != OK)
-        return errno == ENOENT ? OK : ERROR; // there is no base
+        return errno == ENOENT ? OK : ERROR; // nothing was ever unpacked into this base
     Collection collection(base, dry);
     if (!gather(collection, inUse, inUseNum))
         return ERROR;
@@ -308,8 +313,8 @@ STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int
     collection.remove_bundles();
     collection.remove_trees();
     collection.remove_layers();
-    collection.settle();
-    if (!dry && lock.share() == OK) // those who unpack need not wait for the rest
+    collection.finish();
+    if (!dry && lock.share() == OK) // unpacks may go on while the directories are deleted
         collection.delete_all();
     return collection.report(func, context);
 }

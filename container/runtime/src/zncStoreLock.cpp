@@ -12,8 +12,9 @@
 namespace {
 
 constexpr char kLockName[] = "/.lock";
-constexpr int kBaseTries = 8; // at a base that another one's failure removes meanwhile
-constexpr int kWaits = 1000;  // of kWaitNs: 10 s. It is held exclusively for a few renames only
+constexpr int kBaseTries = 8; // retries if a failing unpack removes the base directory
+// times kWaitNs: 10 s; the lock is held exclusively for a few renames only
+constexpr int kWaits = 1000;
 constexpr long kWaitNs = 10'000'000;
 
 bool lock_set(int fd, short type)
@@ -28,9 +29,10 @@ bool lock_set(int fd, short type)
 
 namespace znc {
 
-// The last one out takes the file along. Everyone lets go before he tries: of two who leave at once
-// and still held it, neither would get it, and it would stay. In between somebody else may have
-// removed it, and a new one may have its name.
+// The last holder removes the lock file. Every holder gives up its shared lock before it tries to
+// get the exclusive one: if two that still held it left at the same time, neither would get the
+// exclusive lock and the file would stay. Between the two steps another process may have removed
+// the file, and a new lock file may have been created under its name; the link count shows that.
 void StoreLock::release() noexcept
 {
     const ErrnoSaver keep;
@@ -43,11 +45,11 @@ void StoreLock::release() noexcept
 
 STATUS StoreLock::share() noexcept
 {
-    alone_ = false;
+    exclusive_ = false;
     return lock_set(fd_.get(), F_RDLCK) ? OK : ERROR;
 }
 
-// A process that is stopped while it has the lock must not stop the others for ever.
+// Waits with a limit: a process stopped while it holds the lock must not block the others for ever.
 STATUS StoreLock::wait_shared(int fd) noexcept
 {
     for (int n = 0; !lock_set(fd, F_RDLCK); ++n) {
@@ -63,21 +65,22 @@ STATUS StoreLock::wait_shared(int fd) noexcept
     return OK;
 }
 
-// Locks the file that has the name. One that was removed while it was waited for is let go again:
-// a name is removed only by who holds its file exclusively.
+// Opens and locks the lock file. If the file was removed while this waited for the lock, starts
+// again with the new one. Only a holder of the exclusive lock removes the file, so that a file that
+// is still linked once locked stays linked.
 STATUS StoreLock::open_locked(Want want)
 {
     for (;;) {
         UniqueFd fd(::open(path_.get(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!fd)
             return ERROR;
-        alone_ = lock_set(fd.get(), F_WRLCK);
-        if (!alone_ && want == Want::kAlone) {
+        exclusive_ = lock_set(fd.get(), F_WRLCK);
+        if (!exclusive_ && want == Want::kExclusive) {
             errno = errno == EAGAIN || errno == EACCES ? EBUSY : errno;
             return ERROR;
         }
         struct stat st = {};
-        if ((!alone_ && wait_shared(fd.get()) != OK) || ::fstat(fd.get(), &st) != 0)
+        if ((!exclusive_ && wait_shared(fd.get()) != OK) || ::fstat(fd.get(), &st) != 0)
             return ERROR;
         if (st.st_nlink == 0)
             continue;
@@ -86,7 +89,8 @@ STATUS StoreLock::open_locked(Want want)
     }
 }
 
-// An unpack that fails takes a base that it made itself along, if it is empty.
+// A failing unpack removes a base directory that it created, if it is empty. If that happens
+// between the mkdir and the open here, both are repeated.
 STATUS StoreLock::make_and_open(std::string_view base)
 {
     const PathText dir = path_in(base, "");
@@ -108,22 +112,23 @@ STATUS StoreLock::take(std::string_view base)
     path_ = path_in(base, kLockName);
     if (!path_ || make_and_open(base) != OK)
         return ERROR;
-    if (!alone_)
+    if (!exclusive_)
         return OK;
-    // While nobody else is there what is half made is found; it is deleted when others are again.
-    TextList dead;
-    const bool found = find_leftovers(base, &dead) == OK;
+    // Leftovers can be recognised only while no other process has the lock. They are deleted after
+    // the lock is shared again.
+    TextList leftovers;
+    const bool found = find_leftovers(base, &leftovers) == OK;
     if (share() != OK)
         return ERROR;
     if (found)
-        delete_leftovers(dead);
+        delete_leftovers(leftovers);
     return OK;
 }
 
 STATUS StoreLock::take_alone(std::string_view base)
 {
     path_ = path_in(base, kLockName);
-    return path_ ? open_locked(Want::kAlone) : ERROR;
+    return path_ ? open_locked(Want::kExclusive) : ERROR;
 }
 
 } // namespace znc

@@ -1,8 +1,11 @@
-// zncStoreLock.hpp - the lock of a storage base. Who unpacks into the store holds it shared, from
-// before its first look at a layer until its bundle is recorded; who collects what is not used
-// holds it exclusively. The locks belong to the open file, not to the process (F_OFD_SETLK of
-// POSIX.1-2024), so they also hold between tasks of one process, and they end with their holder,
-// however it ends. Whoever gets it exclusively knows that what is half made belongs to the dead.
+// zncStoreLock.hpp - the lock of a storage base. An unpack holds it shared, from before it first
+// looks at a layer until its bundle is recorded; a collection of unused directories holds it
+// exclusively.
+//
+// These are open file description locks (F_OFD_SETLK: Linux 3.15, POSIX.1-2024). They belong to the
+// open file, not to the process: they also exclude two threads of one process, and the kernel
+// releases them when the process ends, however it ends. Temporary directories that a holder of the
+// exclusive lock finds were therefore left by processes that died.
 #ifndef ZNCSTORELOCK_HPP
 #define ZNCSTORELOCK_HPP
 
@@ -21,25 +24,27 @@ class StoreLock {
     StoreLock& operator=(const StoreLock&) = delete;
     ~StoreLock() { release(); }
 
-    // Takes the lock shared, in a base that is made if need be, unless it is held already; removes
-    // what the dead left. EBUSY: somebody holds it exclusively for many seconds.
+    // Takes the lock shared, unless this object has it already, and creates the base directory if
+    // it is missing. If no other process has the lock, also deletes the leftovers of processes that
+    // died. EBUSY: another process held it exclusively for 10 seconds.
     STATUS take(std::string_view base);
-    // Takes it exclusively, in a base that is there. EBUSY at once when anybody else holds it.
+    // Takes the lock exclusively. ENOENT if the base does not exist; EBUSY, without waiting, if the
+    // lock is held at all.
     STATUS take_alone(std::string_view base);
     void release() noexcept;
 
-    // From exclusive to shared.
+    // Converts an exclusive lock into a shared one.
     STATUS share() noexcept;
 
   private:
-    enum class Want { kShared, kAlone };
+    enum class Want { kShared, kExclusive };
     STATUS open_locked(Want want);
     STATUS wait_shared(int fd) noexcept;
     STATUS make_and_open(std::string_view base);
 
     PathText path_;
     UniqueFd fd_;
-    bool alone_ = false;
+    bool exclusive_ = false;
 };
 
 } // namespace znc

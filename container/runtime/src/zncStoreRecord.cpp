@@ -55,19 +55,19 @@ const char* last_component(const char* path)
 
 bool TextList::add(const char* text)
 {
-    const std::size_t more = std::strlen(text) + 1;
-    if (len_ + more > room_) {
-        const std::size_t room = 2 * (len_ + more);
-        MallocPtr<char[]> grown = malloc_array<char>(room);
+    const std::size_t needed = std::strlen(text) + 1;
+    if (len_ + needed > capacity_) {
+        const std::size_t capacity = 2 * (len_ + needed);
+        MallocPtr<char[]> grown = malloc_array<char>(capacity);
         if (!grown)
             return false;
         if (len_ > 0)
             std::memcpy(grown.get(), text_.get(), len_);
         text_ = std::move(grown);
-        room_ = room;
+        capacity_ = capacity;
     }
-    std::memcpy(text_.get() + len_, text, more);
-    len_ += more;
+    std::memcpy(text_.get() + len_, text, needed);
+    len_ += needed;
     return true;
 }
 
@@ -99,7 +99,7 @@ const char* TextList::before(const char* text) const
 {
     if (text == text_.get())
         return nullptr;
-    const char* at = text - 1; // its end
+    const char* at = text - 1; // the NUL of the string before
     while (at > text_.get() && at[-1] != '\0')
         --at;
     return at;
@@ -128,7 +128,7 @@ bool TextList::read(const char* path)
     FileText text = read_text(fd.get(), st);
     if (!text.bytes)
         return false;
-    // Each text has an end, and the list has one.
+    // The last string and the list itself are terminated by a NUL each.
     const std::size_t len = text.len;
     if (len < 3 || text.bytes[len - 1] != '\0' || text.bytes[len - 2] != '\0') {
         errno = EBADMSG;
@@ -136,24 +136,24 @@ bool TextList::read(const char* path)
     }
     text_ = std::move(text.bytes);
     len_ = len - 1;
-    room_ = len;
+    capacity_ = len;
     return true;
 }
 
-bool TextList::write_beside(const char* path, PathText* made) const
+bool TextList::write_beside(const char* path, PathText* temporary) const
 {
     const auto dirLen = static_cast<std::size_t>(last_component(path) - path);
-    *made = path_in({path, dirLen > 0 ? dirLen - 1 : 0}, kNewName);
-    if (!*made)
+    *temporary = path_in({path, dirLen > 0 ? dirLen - 1 : 0}, kNewName);
+    if (!*temporary)
         return false;
-    UniqueFd fd(::mkstemp(made->get()));
+    UniqueFd fd(::mkstemp(temporary->get()));
     if (!fd)
         return false;
     if (write_all(fd.get(), {text_.get(), len_}) && write_all(fd.get(), {"\0", 1}) &&
         ::fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return true;
     const ErrnoSaver keep;
-    ::unlink(made->get());
+    ::unlink(temporary->get());
     return false;
 }
 
@@ -161,8 +161,8 @@ bool TextList::write_beside(const char* path, PathText* made) const
 
 namespace {
 
-// The directory of the records, which is made if need be.
-PathText records_of(std::string_view base)
+// The directory of the records, created if it is missing.
+PathText make_records_dir(std::string_view base)
 {
     PathText dir = path_in(base, kRecordsDir);
     if (dir && znMkdirParents(dir.get(), kRecordsMode) != OK)
@@ -186,7 +186,7 @@ struct Claim {
     const TextList* record;
 };
 
-// The path of its bundle apart, a record says what another one says.
+// Whether two records are equal except for the path of the bundle.
 bool same_layers(const TextList& a, const TextList& b)
 {
     const char* x = a.next(a.first());
@@ -198,19 +198,19 @@ bool same_layers(const TextList& a, const TextList& b)
     return x == nullptr && y == nullptr;
 }
 
-STATUS conflicts(void* context, const char* /*file*/, const TextList& record)
+STATUS check_conflict(void* context, const char* /*file*/, const TextList& record)
 {
     const auto& claim = *static_cast<const Claim*>(context);
     const char* const bundle = record.first();
     const char* const root = record.next(bundle);
     if (root == nullptr || std::strcmp(root, claim.root) != 0 ||
-        same_layers(record, *claim.record) || !bundle_lives(bundle))
+        same_layers(record, *claim.record) || !bundle_exists(bundle))
         return OK;
     errno = EEXIST;
     return ERROR;
 }
 
-// Asked as the writer of the configuration asks.
+// Whether the bundle has a "config.json", by the same test that zncCreateOciBundleConfig makes.
 bool has_configuration(const char* bundle)
 {
     const ErrnoSaver keep;
@@ -225,7 +225,7 @@ bool ends_with(const char* name, std::string_view suffix)
 
 } // namespace
 
-bool bundle_lives(const char* bundlePath)
+bool bundle_exists(const char* bundlePath)
 {
     const ErrnoSaver keep;
     const PathText config = path_in(bundlePath, kConfig);
@@ -256,7 +256,7 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
             return ERROR;
         if (!record.read(file.get())) {
             if (errno == ENOENT)
-                continue; // its unpack failed meanwhile
+                continue; // removed since readdir() by an unpack that failed
             return ERROR;
         }
         if (func(context, file.get(), record) != OK)
@@ -266,12 +266,12 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
 
 STATUS RecordFile::place(PathText path, const TextList& text)
 {
-    PathText made;
-    if (!path || !text.write_beside(path.get(), &made))
+    PathText temporary;
+    if (!path || !text.write_beside(path.get(), &temporary))
         return ERROR;
-    if (::rename(made.get(), path.get()) != 0) {
+    if (::rename(temporary.get(), path.get()) != 0) {
         const ErrnoSaver keep;
-        ::unlink(made.get());
+        ::unlink(temporary.get());
         return ERROR;
     }
     path_ = std::move(path);
@@ -291,18 +291,18 @@ void RecordFile::drop() noexcept
 STATUS BundleRecord::write(std::string_view base, const char* bundle, const char* root,
                            const TextList& layers, const TextList& stored)
 {
-    const MallocPtr<char> whole(::realpath(bundle, nullptr));
-    const PathText records = whole ? records_of(base) : nullptr;
+    const MallocPtr<char> resolved(::realpath(bundle, nullptr));
+    const PathText records = resolved ? make_records_dir(base) : nullptr;
     std::uint8_t hash[kSha256Len];
     char name[2 * kSha256Len + 1];
     TextList needed;
     TextList made_of;
-    if (!records || !needed.add(whole.get()) || !needed.add(root) || !needed.add_all(stored) ||
-        !made_of.add(root) || !made_of.add_all(layers) || !chain_digest(hash, "", whole.get()) ||
+    if (!records || !needed.add(resolved.get()) || !needed.add(root) || !needed.add_all(stored) ||
+        !made_of.add(root) || !made_of.add_all(layers) || !chain_digest(hash, "", resolved.get()) ||
         zncUtilBinToHex(name, sizeof name, hash, sizeof hash) != OK)
         return ERROR;
     Claim claim{root, &needed};
-    if (each_bundle(base, conflicts, &claim) != OK)
+    if (each_bundle(base, check_conflict, &claim) != OK)
         return ERROR;
     bundleWasThere_ = has_configuration(bundle);
     if (bundleWasThere_)
@@ -312,7 +312,7 @@ STATUS BundleRecord::write(std::string_view base, const char* bundle, const char
     if (layers.empty())
         return OK;
     PathText layers_path = bundle_layers_path(bundle);
-    // The path of the configuration does not fit either: the unpack ends there, with its own error.
+    // The path of "config.json" is then too long as well, and the unpack fails with that error.
     if (!layers_path && errno == ENAMETOOLONG)
         return OK;
     return inBundle_.place(std::move(layers_path), made_of);
@@ -334,23 +334,24 @@ void BundleRecord::drop() noexcept
 
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew)
 {
-    const PathText records = records_of(base);
+    const PathText records = make_records_dir(base);
     const PathText path = records ? record_path(records, chain, kTreeSuffix) : nullptr;
-    PathText made;
-    if (!path || !layers.write_beside(path.get(), &made))
+    PathText temporary;
+    if (!path || !layers.write_beside(path.get(), &temporary))
         return ERROR;
-    // Of two who claim it at once, one finds the other's record.
-    *isNew = ::link(made.get(), path.get()) == 0;
-    const int why = *isNew ? 0 : errno;
-    ::unlink(made.get());
+    // link() fails if the record exists: of two processes that claim a tree at the same time, one
+    // finds the other's record.
+    *isNew = ::link(temporary.get(), path.get()) == 0;
+    const int error = *isNew ? 0 : errno;
+    ::unlink(temporary.get());
     if (*isNew)
         return znDirSync(records.get());
-    TextList there;
-    if (why != EEXIST || !there.read(path.get())) {
-        errno = why != EEXIST ? why : errno;
+    TextList existing;
+    if (error != EEXIST || !existing.read(path.get())) {
+        errno = error != EEXIST ? error : errno;
         return ERROR;
     }
-    if (there == layers)
+    if (existing == layers)
         return OK;
     errno = EEXIST;
     return ERROR;

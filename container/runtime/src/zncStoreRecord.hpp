@@ -1,7 +1,8 @@
-// zncStoreRecord.hpp - what a storage base remembers: of each bundle, what of the store it needs;
-// of each flattened tree, which layers it was made of. A record is a list of texts, each ended by a
-// NUL, and one NUL more. It appears complete, and is on disk, or not at all. Used by the
-// unpack and by the collection of what is not used.
+// zncStoreRecord.hpp - the records of a storage base: for each bundle, what it needs from the
+// store; for each flattened tree, the layers that it was made of. A record is a list of
+// NUL-terminated strings, followed by one more NUL. Records are written to a temporary file, synced
+// and then renamed or linked into place, so that a record is complete or does not exist. Used by
+// the unpack and by the collection of unused directories.
 #ifndef ZNCSTORERECORD_HPP
 #define ZNCSTORERECORD_HPP
 
@@ -15,15 +16,15 @@ namespace znc {
 
 using PathText = MallocPtr<char[]>;
 
-// `base` followed by `name`; null with the task error number set when memory is short or it does
-// not fit.
+// Concatenates its arguments. Null with errno set if there is no memory or the result does not fit
+// into kPathMax.
 PathText path_in(std::string_view base, const char* name);
 PathText path_in(std::string_view base, const char* directory, const char* name);
 
-// What follows the last "/".
+// The part after the last "/", or the whole path if it has none.
 const char* last_component(const char* path);
 
-// A list of texts.
+// A list of strings, stored one after the other.
 class TextList {
   public:
     [[nodiscard]] bool add(const char* text);
@@ -31,30 +32,32 @@ class TextList {
     [[nodiscard]] bool contains(const char* text) const;
     [[nodiscard]] bool operator==(const TextList& other) const;
     [[nodiscard]] bool empty() const { return len_ == 0; }
-    // The first text, or null; the one that follows another, or null.
+    // Iteration: the first string, and the one after `text`, which must point into the list; null
+    // at the end.
     [[nodiscard]] const char* first() const;
     [[nodiscard]] const char* next(const char* text) const;
-    // The last text, or null; the one before another, or null.
+    // Iteration from the end: the last string, and the one before `text`; null at the start.
     [[nodiscard]] const char* last() const;
     [[nodiscard]] const char* before(const char* text) const;
 
     [[nodiscard]] bool read(const char* path);
-    // Writes a temporary file beside `path`, on disk; its name is in `made`.
-    [[nodiscard]] bool write_beside(const char* path, PathText* made) const;
+    // Writes the list to a temporary file in the directory of `path` and syncs it; the name of that
+    // file goes to `temporary`.
+    [[nodiscard]] bool write_beside(const char* path, PathText* temporary) const;
 
   private:
     MallocPtr<char[]> text_;
     std::size_t len_ = 0;
-    std::size_t room_ = 0;
+    std::size_t capacity_ = 0;
 };
 
-// Where the records of a base are: "/records". Names in it: those of bundles and of trees end with
-// these, what begins with "." is being written.
+// The directory of the records in the storage base, and the suffixes of the records of bundles and
+// of flattened trees. Names that begin with "." are files being written.
 inline constexpr char kRecordsDir[] = "/records";
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
 
-// A list of texts in a file that goes again unless it is kept.
+// A list of texts in a file. The destructor removes the file unless keep() was called.
 class RecordFile {
   public:
     RecordFile() = default;
@@ -62,7 +65,7 @@ class RecordFile {
     RecordFile& operator=(const RecordFile&) = delete;
     ~RecordFile() { drop(); }
 
-    // Writes the file, on the medium; one of that name is replaced.
+    // Writes and syncs the file; replaces an existing file of that name.
     STATUS place(PathText path, const TextList& text);
     void keep() noexcept { path_.reset(); }
     void drop() noexcept;
@@ -71,21 +74,24 @@ class RecordFile {
     PathText path_;
 };
 
-// What a bundle is made of. In the storage base: its path, its root, and the layers of the store
-// that it needs, by name. In the bundle (zncBundleLayers): its root and the names of its layers.
+// The two records of a bundle. The one in the storage base holds the path of the bundle, the path
+// of its root, and the names of the layers in the store that it needs. The one in the bundle
+// (zncBundleLayers) holds the path of the root and the names of the layers it is made of.
 class BundleRecord {
   public:
-    // Writes both. EEXIST: a bundle that still is there has the same root made of other layers.
-    // `layers`: those of the root, the bottom one first; `stored`: those that the store has to
-    // keep.
+    // Writes both records. EEXIST: another bundle that still exists has the same root, made of
+    // other layers. `layers`: the layers of the root, lowest first; if empty, no record is written
+    // into the bundle. `stored`: the layers that the store must keep.
     //
-    // Of a bundle that has a configuration nothing is written: it was unpacked before and needs its
-    // records, and this unpack will not get to the end.
+    // If the bundle already has a "config.json", nothing is written: the bundle was unpacked before
+    // and needs its records, and this unpack will fail.
     STATUS write(std::string_view base, const char* bundle, const char* root,
                  const TextList& layers, const TextList& stored);
+    // Whether write() found a "config.json".
     [[nodiscard]] bool bundle_was_there() const noexcept { return bundleWasThere_; }
 
-    // What was written and not kept goes; at the end of the object's life in any case.
+    // drop() removes what was written, unless keep() was called before. The destructor does the
+    // same.
     void keep() noexcept;
     void drop() noexcept;
 
@@ -95,20 +101,19 @@ class BundleRecord {
     bool bundleWasThere_ = false;
 };
 
-// Whether the bundle that a record names is there. Whatever keeps that from being known counts as
-// there.
-bool bundle_lives(const char* bundlePath);
+// Whether the bundle of a record still has its "config.json". If that cannot be determined: true.
+bool bundle_exists(const char* bundlePath);
 
-// Calls `func` with each bundle's record, the path of its file included. A record that cannot be
-// read is an error: nobody then knows what is in use.
+// Calls `func` with the path and contents of each bundle's record. An unreadable record is an
+// error, because it is then unknown what is in use.
 using BundleFunc = STATUS (*)(void* context, const char* file, const TextList& record);
 STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 
-// Says that the tree `chain` is made of `layers`, unless a record says so already. EEXIST: it says
-// otherwise. `*isNew`: there was none.
+// Records that the tree `chain` is made of `layers`. If a record exists already and lists the same
+// layers, OK; if it lists others, EEXIST. `*isNew` is set to whether there was no record.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
 
-// The layers of which the tree `chain` is made, the bottom one first.
+// Reads the record of the layers that the tree `chain` is made of, lowest first.
 [[nodiscard]] bool read_tree(std::string_view base, const char* chain, TextList* layers);
 
 } // namespace znc

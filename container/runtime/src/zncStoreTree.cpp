@@ -13,13 +13,14 @@ namespace {
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kFileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr std::size_t kChunk = 64 * 1024;
-constexpr unsigned kLevelsMax = 200; // a member's path has fewer: 255 characters
+// cannot be exceeded by an extracted tree: a member's path has at most 255 characters
+constexpr unsigned kLevelsMax = 200;
 
-// Two directories that are compared, and what that takes.
+// Two directories to compare, with the buffers for it.
 struct Pair {
     int a;
     int b;
-    char* chunks; // two
+    char* chunks; // two buffers of kChunk bytes
     unsigned level;
 };
 
@@ -39,7 +40,7 @@ std::size_t read_chunk(int fd, char* chunk)
     return len;
 }
 
-// They have the same size.
+// Both files have the size `size`.
 bool same_content(const Pair& pair, const char* name, off_t size)
 {
     const znc::UniqueFd a(::openat(pair.a, name, kFileFlags));
@@ -78,7 +79,7 @@ bool same_entry(const Pair& pair, const char* name)
         ::fstatat(pair.b, name, &b, AT_SYMLINK_NOFOLLOW) != 0 || a.st_mode != b.st_mode ||
         a.st_uid != b.st_uid || a.st_gid != b.st_gid)
         return false;
-    if (S_ISDIR(a.st_mode)) // its time may be that of the extraction
+    if (S_ISDIR(a.st_mode)) // a directory's time is ignored: it may be that of the extraction
         return same_directory(pair, name);
     if (S_ISLNK(a.st_mode))
         return same_target(pair, name);
@@ -86,14 +87,15 @@ bool same_entry(const Pair& pair, const char* name)
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && same_content(pair, name, a.st_size);
 }
 
-// The names in a directory, each of which `func` must like: their number, or -1.
+// Calls `func` with each name in a directory. Returns the number of names, or -1 if one of the
+// calls returned false or the directory cannot be read.
 template <class Func> long each_name(int dir, Func func)
 {
     znc::UniqueFd fd(::openat(dir, ".", kDirFlags));
     const znc::UniqueDir stream(fd ? ::fdopendir(fd.get()) : nullptr);
     if (!stream)
         return -1;
-    (void)fd.release(); // the stream's now
+    (void)fd.release(); // owned by the stream now
     long count = 0;
     for (;;) {
         errno = 0;
@@ -114,8 +116,8 @@ bool same_trees(const Pair& pair)
     return count >= 0 && count == each_name(pair.b, [](const char*) { return true; });
 }
 
-// A new name for what is set aside of the tree.
-znc::PathText aside_of(const char* tree)
+// Creates the empty directory ".old-<name>-XXXXXX" next to the tree.
+znc::PathText make_aside(const char* tree)
 {
     const char* const name = znc::last_component(tree);
     const std::string_view area(tree, static_cast<std::size_t>(name - tree));
@@ -136,14 +138,14 @@ bool same_tree(const char* a, const char* b)
     const UniqueFd x(::open(a, kDirFlags));
     const UniqueFd y(::open(b, kDirFlags));
     const auto chunks = malloc_array<char>(2 * kChunk);
-    struct stat of_a = {};
-    struct stat of_b = {};
-    return x && y && chunks && ::fstat(x.get(), &of_a) == 0 && ::fstat(y.get(), &of_b) == 0 &&
-           of_a.st_mode == of_b.st_mode && of_a.st_uid == of_b.st_uid &&
-           of_a.st_gid == of_b.st_gid && same_trees({x.get(), y.get(), chunks.get(), 0});
+    struct stat stat_a = {};
+    struct stat stat_b = {};
+    return x && y && chunks && ::fstat(x.get(), &stat_a) == 0 && ::fstat(y.get(), &stat_b) == 0 &&
+           stat_a.st_mode == stat_b.st_mode && stat_a.st_uid == stat_b.st_uid &&
+           stat_a.st_gid == stat_b.st_gid && same_trees({x.get(), y.get(), chunks.get(), 0});
 }
 
-STATUS place_tree(LayerStage& stage, const char* tree, bool unknown)
+STATUS place_tree(LayerStage& stage, const char* tree, bool unrecorded)
 {
     if (stage.publish(tree) != OK)
         return ERROR;
@@ -153,18 +155,18 @@ STATUS place_tree(LayerStage& stage, const char* tree, bool unknown)
         stage.discard();
         return OK;
     }
-    if (unknown) {
+    if (unrecorded) {
         errno = EEXIST;
         return ERROR;
     }
-    // Under the name of what is set aside before the exchange and after: whoever clears up what the
-    // dead left does not touch it.
-    const PathText aside = aside_of(tree);
+    // Rename the new tree to its ".old-" name before the exchange. Neither it nor the old tree,
+    // which has that name afterwards, then looks like a leftover of a process that died.
+    const PathText aside = make_aside(tree);
     if (!aside || stage.publish(aside.get()) != OK)
         return ERROR;
     if (znDirExchange(aside.get(), tree) == OK)
         return OK;
-    return ERROR; // what is aside goes when the store is collected
+    return ERROR; // the directory set aside is removed by the next collection
 }
 
 } // namespace znc

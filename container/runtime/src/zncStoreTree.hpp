@@ -1,6 +1,6 @@
-// zncStoreTree.hpp - a flattened tree gets its name. Containers may use the tree that has the name
-// already as their lower directory, so it is neither written to nor deleted here. Used by the
-// unpack.
+// zncStoreTree.hpp - renames an extracted flattened tree to its final name. Containers may be using
+// an existing tree of that name as their lower directory, so that this code never writes to it or
+// deletes it. Used by the unpack.
 #ifndef ZNCSTORETREE_HPP
 #define ZNCSTORETREE_HPP
 
@@ -8,15 +8,17 @@
 
 namespace znc {
 
-// Whether two trees hold the same: names, kinds, owners, permission bits, contents, targets of
-// links and times of files. Follows no link. Trees that cannot be compared are not the same.
+// Whether two trees are equal: names, types, owners, permission bits, file contents, targets of
+// symbolic links and modification times of regular files. Symbolic links are not followed. False if
+// a comparison is not possible.
 bool same_tree(const char* a, const char* b);
 
-// Gives the tree in `stage`, whole and on disk, the name `tree`. One of that name that holds
-// the same stays instead; one that does not, since somebody changed it, is exchanged in one step
-// and set aside as ".old-<name>-XXXXXX" beside it, for whoever uses it, until the store is
-// collected. `unknown`: nobody knows what the tree was made of; if it is not the same, EEXIST.
-STATUS place_tree(LayerStage& stage, const char* tree, bool unknown);
+// Renames the tree in `stage`, which must be complete and on disk, to `tree`. If an equal tree has
+// that name, it stays and the new one is deleted. A different tree, one that was modified after its
+// extraction, is exchanged atomically and set aside next to it as ".old-<name>-XXXXXX" for the
+// containers that use it, until a collection removes it. `unrecorded`: there is no record of the
+// layers that the existing tree was made of; EEXIST if it differs.
+STATUS place_tree(LayerStage& stage, const char* tree, bool unrecorded);
 
 } // namespace znc
 

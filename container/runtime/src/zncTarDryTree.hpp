@@ -1,6 +1,6 @@
-// zncTarDryTree.hpp - the tree that an extraction into an empty directory would make, as names in
-// memory. Used by the dry runs of the extractor. Left out: permissions; whoever may do everything
-// is asked.
+// zncTarDryTree.hpp - the directory tree that an extraction into an empty directory would create,
+// kept in memory. Used by dry runs of the extractor. Permissions are not modelled: every operation
+// behaves as it would for root.
 #ifndef ZNCTARDRYTREE_HPP
 #define ZNCTARDRYTREE_HPP
 
@@ -18,30 +18,30 @@ class TarDryTree {
     TarDryTree(const TarDryTree&) = delete;
     TarDryTree& operator=(const TarDryTree&) = delete;
 
-    // Names are single components in the directory that was entered last; "." is that itself. What
-    // fails sets the task error number that the system call would.
+    // Names are single path components, relative to the directory entered last; "." is that
+    // directory. Failures set errno as the corresponding system call would.
 
-    // Goes into a directory. False with ENOENT or ENOTDIR.
+    // Enters a subdirectory. False with ENOENT or ENOTDIR.
     [[nodiscard]] bool enter(const char* name) noexcept;
-    // Back to the top.
+    // Returns to the top directory.
     void leave() noexcept { here_ = nullptr; }
-    // EEXIST, ENOMEM.
+    // Creates a new entry. Fails with EEXIST or ENOMEM.
     [[nodiscard]] STATUS make(const char* name, Kind kind) noexcept;
-    // A file takes the place of a file or a link. EISDIR, ENOMEM.
+    // Creates a file; replaces an existing file or link. Fails with EISDIR or ENOMEM.
     [[nodiscard]] STATUS make_file(const char* name) noexcept;
 
   private:
     struct Node {
-        const Node* parent; // null: the top
-        Node* before;       // the one that was made before it
+        const Node* parent; // null: the top directory
+        Node* before;       // the node created before this one, for the destructor
         Kind kind;
         MallocPtr<char> text;
-        const char* name; // what the nodes are ordered by, with `parent`
+        const char* name; // with `parent`, the key that nodes are ordered by
     };
     static int compare(const void* a, const void* b) noexcept;
     Node* find(const char* name) const noexcept;
 
-    void* root_ = nullptr; // of a balanced tree (tsearch)
+    void* root_ = nullptr; // of a search tree made by tsearch()
     Node* newest_ = nullptr;
     const Node* here_ = nullptr;
 };

@@ -1,4 +1,4 @@
-// zncTarLib.cpp - the run over an archive: its blocks and its end.
+// zncTarLib.cpp - reads the blocks of an archive and runs the extraction.
 #include "zncTarLib.hpp"
 
 #include "base/file.hpp"
@@ -33,7 +33,7 @@ ssize_t read_source(MT_TAR_SOFT& ctrl, std::size_t wanted)
     return n;
 }
 
-// Fill the empty block buffer: 1, 0 at the end, -1 on error.
+// Fills the empty block buffer. Returns 1, 0 at the end, -1 on error.
 int refill(MT_TAR_SOFT& ctrl)
 {
     if (ctrl.run.cancel != nullptr && *ctrl.run.cancel)
@@ -60,7 +60,7 @@ STATUS extract_members(MT_TAR_SOFT& ctrl)
     while ((n = tarRdBlks(&ctrl, &block, 1)) == 1) {
         if (zncTarBlockIsZero(block) != FALSE) {
             ctrl.ended = TRUE;
-            // Drain the rest, so that a source that counts on it is read to its end.
+            // Read the source to its end: the digest covers what follows the end of the archive.
             while (tarRdBlks(&ctrl, &block, 1) > 0) {
             }
             return OK;
@@ -68,7 +68,8 @@ STATUS extract_members(MT_TAR_SOFT& ctrl)
         const int before = errno;
         if (tarExtractFile(&ctrl, block) != OK)
             return ERROR;
-        errno = before; // what the member could not have is no reason of a later failure
+        errno =
+            before; // errno of a member that was left out must not become that of a later failure
     }
     if (n == 0)
         znc::tell_of_archive(ctrl, ZNC_LAYER_NO_END);
@@ -103,15 +104,15 @@ STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
         znc::tell_of_archive(ctrl, ZNC_LAYER_NO_END);
     if (n != 1)
         return ERROR;
-    // The first read sets the size of all that follow.
+    // All further reads have the size of the first one.
     ctrl.bFactor = ctrl.bValid;
     return extract_members(ctrl);
 }
 
 using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
 
-// Where the blocks come from is in `ctrl`, and what else there is to know; afterwards, what was
-// lacking.
+// `ctrl` must have the source and the options of the run. Afterwards ctrl.lacking is set if members
+// were left out for lack of space, descriptors or memory.
 STATUS extract(const char* targetDir, std::size_t bfactor, MT_TAR_SOFT& ctrl)
 {
     const std::size_t blocks = bfactor != 0 ? bfactor : kDefaultBlocks;
@@ -142,7 +143,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
-    if (gz == nullptr && file.get() <= 0) // 0 would mean that there is none
+    if (gz == nullptr && file.get() <= 0) // ctrl.fd 0 means that there is no file
         return ERROR;
     MT_TAR_SOFT ctrl{};
     ctrl.verbose = verbose;
@@ -177,7 +178,7 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)
         return status;
-    errno = ctrl.lacking; // a later failure, such as a missing parent, comes of it
+    errno = ctrl.lacking; // any later failure, such as a missing parent, is a consequence
     return ERROR;
 }
 

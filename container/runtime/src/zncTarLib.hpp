@@ -1,10 +1,11 @@
-// zncTarLib.hpp - the archive extractor's records and file-private operations, for its own files
-// and the unit tests. Callers use zncTarExtract of the public header.
+// zncTarLib.hpp - internal types and functions of the tar extractor, for its own files and the unit
+// tests. Other code calls zncTarExtract of the public header.
 //
-// Confinement: the target directory is opened once, every parent of a member is opened from there
-// one component at a time without following links, and members are made in the opened parent. So
-// neither an archive nor someone who changes the tree meanwhile can lead a write out of it. Left
-// out: hard links, devices, FIFOs, owners, extended headers.
+// Confinement: the target directory is opened once. Every parent of a member is opened from there,
+// one component at a time and without following links, and members are created relative to the
+// opened parent. Therefore neither the archive nor a process that changes the tree during the
+// extraction can make a write go outside the target directory. Not supported: hard links, devices,
+// FIFOs, owners, extended headers.
 #ifndef ZNCTARLIB_HPP
 #define ZNCTARLIB_HPP
 
@@ -47,61 +48,62 @@ typedef union hblock {
 } MT_HBLOCK;
 static_assert(sizeof(MT_HBLOCK) == znc::kTarBlock);
 
-// One record of the directory-time file, kept as raw memory.
+// One record of the file of directory times, written as raw memory.
 struct DIR_TAR {
     char name[256]; // relative to the target directory, without a leading "/"
     time_t mtime;
 };
 static_assert(sizeof(DIR_TAR) == 264);
 
-// The longest parent chain of a 155-byte prefix and a 100-byte name, its leading "/" and a NUL.
+// The longest path that a 155-byte prefix and a 100-byte name can have: a leading "/" and the NUL
+// included.
 inline constexpr std::size_t kTarCacheSize = 257;
 
 namespace znc {
 
-// What may be asked of a run beyond extracting. Each may be null; all are borrowed.
+// Options of a run. Each may be null; none is owned.
 struct TarRun {
-    const std::atomic<bool>* cancel = nullptr; // set: the run ends with a failure
-    TarDryTree* dry = nullptr;         // members are made in this, in memory, and no file is
-    RunningDigest* plain = nullptr;    // gets the bytes of the archive
-    LayerFindings* findings = nullptr; // is told what is lost and refused
-    TextList* directories = nullptr;   // gets the directories that the archive names
+    const std::atomic<bool>* cancel = nullptr; // when it becomes true, the run fails
+    TarDryTree* dry = nullptr;         // create members in this tree in memory instead of on disk
+    RunningDigest* plain = nullptr;    // receives the bytes of the uncompressed archive
+    LayerFindings* findings = nullptr; // receives what is dropped or refused
+    TextList* directories = nullptr;   // receives the directories that the archive names
 };
 
 } // namespace znc
 
 typedef struct mtTarSoft {
-    TAR_COMPRESS* tc; // NULL: a plain file; borrowed
-    int fd;           // the plain file; 0: none; borrowed
+    TAR_COMPRESS* tc; // NULL: not compressed; not owned
+    int fd;           // the uncompressed file; 0: none; not owned
     int bFactor;      // blocks per read
     int bValid;       // blocks not yet taken from the buffer
     int recurseCnt;   // 0
-    MT_HBLOCK* pBuf;  // the block buffer; borrowed
+    MT_HBLOCK* pBuf;  // the block buffer; not owned
     MT_HBLOCK* pBnext;
-    znc::UniqueFd dir_fd; // directory-time records, newest last
+    znc::UniqueFd dir_fd; // the file of directory times, newest record last
     int dir_cnt;
     znc::MallocPtr<char[]> dir_fname;
-    znc::MallocPtr<char[]> targetDir; // the target directory; members are composed behind it
+    znc::MallocPtr<char[]> targetDir; // the target directory; member paths are appended
     std::size_t targetDirLen;
-    znc::MallocPtr<char[]> goodPathCache; // parents proved to be directories: "/a/b"
+    znc::MallocPtr<char[]> goodPathCache; // "/a/b": each component is a verified directory
     BOOL verbose;
 
-    // What the proof is worth: descriptors. parentFd stands for the first parentLen bytes of the
-    // cache; while it is none, targetFd does.
+    // parentFd is the open directory at the first parentLen bytes of goodPathCache. If it is not
+    // open, targetFd is the parent.
     znc::UniqueFd targetFd;
     znc::UniqueFd parentFd;
     std::size_t parentLen;
 
-    int lacking;           // why members were left out for which something ran out; 0: none was
-    BOOL ended;            // the end mark has been read
-    znc::BlobReader* blob; // NULL: a plain file is read from fd; else from this; borrowed
+    int lacking;           // errno if a member was left out for lack of space, memory etc.; else 0
+    BOOL ended;            // the end-of-archive block has been read
+    znc::BlobReader* blob; // read from this instead of fd, unless NULL; not owned
     znc::TarRun run;
 } MT_TAR_SOFT;
 
 // zncTarLib.cpp
 
-// The next 1 to `nBlocks` blocks, in place and valid until the next call: their number, 0 at the
-// end, -1 on error.
+// Points *ppBlk at the next 1 to `nBlocks` blocks in the buffer, valid until the next call. Returns
+// their number, 0 at the end of the archive, -1 on error.
 int tarRdBlks(MT_TAR_SOFT* pCtrl, MT_HBLOCK** ppBlk, unsigned int nBlocks);
 BOOL zncTarBlockIsZero(void* pBuf);
 
@@ -109,7 +111,8 @@ BOOL zncTarBlockIsZero(void* pBuf);
 
 tar_size_t mtChecksum(void* pBuf, tar_size_t size);
 STATUS tarExtractFile(MT_TAR_SOFT* pCtrl, MT_HBLOCK* pBlk);
-// The member is in the directory that mtAccess proved last, at the composed path.
+// Creates the file in the directory that mtAccess opened last; its name is the last component of
+// the composed path.
 STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time_t mtime);
 
 // zncTarLib_path.cpp
@@ -119,52 +122,53 @@ char* mtAccess(MT_TAR_SOFT* pCtrl, char* arPath);
 
 // zncTarLib_dirs.cpp
 
-// A relative `fn` is taken from the directory `dir`. A link at `fn` itself is not followed.
+// A relative `fn` is relative to the directory `dir`. If `fn` is a symbolic link, it is not
+// followed.
 STATUS tarSetMtime(const char* fn, time_t mtime, int dir);
 STATUS tarSetMtime(char* fn, time_t mtime);
 STATUS tarProcDirs(MT_TAR_SOFT* ctrl);
 
 namespace znc {
 
-// Digits of the mode in front of the path of a listed directory: "1777/a/b".
+// Number of octal digits of the mode in front of the path of a listed directory: "1777/a/b".
 inline constexpr std::size_t kModeDigits = 4;
 
 // Blocks per read for an image's layers.
 inline constexpr std::size_t kTarLayerBlocks = 200;
 
-// zncTarExtract for an archive that is hashed as it is read, and for callers who must not take a
-// part for the whole. A member that cannot be made is left out; here that is a failure when space,
-// descriptors or memory ran out. Whether the archive was the right one only its reader knows,
-// afterwards. Of a dry run the target directory is not looked at.
+// Like zncTarExtract, but reads from `blob`, which computes the digest of what it reads, and does
+// not report success for an incomplete tree: members that cannot be created are left out, but if
+// space, descriptors or memory ran out, the call fails. Whether the digest matches must be asked of
+// `blob` afterwards. A dry run ignores `targetDir`.
 STATUS tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
                          const TarRun& run = {});
 
-// The directory that mtAccess proved last.
+// The directory that mtAccess opened last.
 int tar_parent(const MT_TAR_SOFT& ctrl) noexcept;
 
-// What a member is called in its parent; `last` is what mtAccess returned. Never empty.
+// The member's name in its parent directory; `last` is the result of mtAccess. Never empty.
 const char* tar_member_name(const char* last) noexcept;
 
-// Remember the time of the directory just made in the proved parent, at the composed path `arPath`
-// ("/a/b").
+// Records the modification time of the directory just created at `arPath` ("/a/b"), to be set at
+// the end of the run.
 STATUS tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) noexcept;
 
-// Whether a name in the proved parent is the file of directory times.
+// Whether `name` in the current parent is the file of directory times.
 bool tar_is_record_file(const MT_TAR_SOFT& ctrl, const char* name) noexcept;
 
-// zncTarLib_make.cpp: what is made in the proved parent, on disk or in a dry run's tree. False and
-// ERROR with the task error number set.
+// zncTarLib_make.cpp: creates members in the current parent, on disk or, in a dry run, in the tree
+// in memory. On false or ERROR errno is set.
 
-// Makes the directory `name` of the proved parent the proved parent.
+// Makes the subdirectory `name` the current parent.
 bool tar_enter(MT_TAR_SOFT& ctrl, const char* name) noexcept;
-// Back to the target directory.
+// Makes the target directory the current parent again.
 void tar_leave(MT_TAR_SOFT& ctrl) noexcept;
-// A new directory with exactly the permission bits, or none. In a dry run `*dir` and `*file` stay
-// without a descriptor.
+// Creates a directory with exactly the permission bits of `mode`; on failure nothing is left
+// behind. In a dry run `*dir` and `*file` stay invalid.
 STATUS tar_make_directory(const MT_TAR_SOFT& ctrl, const char* name, int mode,
                           UniqueFd* dir) noexcept;
 STATUS tar_make_symlink(const MT_TAR_SOFT& ctrl, const char* target, const char* name) noexcept;
-// An empty file to write to.
+// Creates an empty file, open for writing.
 STATUS tar_make_file(const MT_TAR_SOFT& ctrl, const char* name, int mode, UniqueFd* file) noexcept;
 
 } // namespace znc

@@ -1,5 +1,5 @@
-// zncTarLib_dirs.cpp - directory times. Making members changes their directories' times, so these
-// are kept in a file, not in memory, and set last.
+// zncTarLib_dirs.cpp - directory times. Creating members changes the times of their directories.
+// Therefore these are recorded in a file during the run, not in memory, and set at its end.
 #include "zncTarLib.hpp"
 
 #include "zarnel/fs.h"
@@ -15,7 +15,7 @@ constexpr std::string_view kRecordPrefix = ".tard@#";
 constexpr std::size_t kRecordSuffixLen = sizeof "/.tard@#0000.sto" - 1;
 constexpr mode_t kRecordMode = 0777;
 
-// "a/b" of "/a/b".
+// "a/b" for "/a/b".
 const char* relative_name(const char* arPath)
 {
     return arPath + 1;
@@ -26,8 +26,8 @@ const char* record_name(const MT_TAR_SOFT& ctrl)
     return std::strrchr(ctrl.dir_fname.get(), '/') + 1;
 }
 
-// Make the file of directory times in the first directory made. That is new and empty, so whatever
-// has the file's name is someone else's and is not opened.
+// Creates the file of directory times in the first directory that the run creates. That directory
+// is new and empty: an existing file of this name was created by another process and is not opened.
 STATUS open_record_file(MT_TAR_SOFT& ctrl)
 {
     const char* const path = ctrl.targetDir.get();
@@ -56,7 +56,7 @@ STATUS append_record(MT_TAR_SOFT& ctrl, const DIR_TAR& record)
         ++ctrl.dir_cnt;
         return OK;
     }
-    if (n > 0) { // only whole records stay
+    if (n > 0) { // undo a partly written record
         lseek(ctrl.dir_fd.get(), -n, SEEK_CUR);
         errno = ENOSPC;
     }
@@ -76,9 +76,9 @@ bool read_record_before(const MT_TAR_SOFT& ctrl, DIR_TAR& record)
     return true;
 }
 
-// Put the record's name into the path buffer, behind the separator that the last member left there.
-// Where that left none, its name was nothing and the path stays the target directory's. The file
-// was within reach of others, so the name is checked like a member's. The member's "/", or NULL.
+// Appends the recorded name to the target directory in the path buffer and opens its parent. Other
+// processes could write to the record file, so the name is checked like that of a member. Returns
+// the "/" in front of the last component, or NULL.
 char* compose_recorded(MT_TAR_SOFT& ctrl, const DIR_TAR& record)
 {
     char* const start = ctrl.targetDir.get() + ctrl.targetDirLen;
@@ -117,7 +117,7 @@ STATUS znc::tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) 
     DIR_TAR record{};
     const std::size_t len = std::strlen(relative_name(arPath));
     if (ctrl.run.dry != nullptr || len >= sizeof record.name)
-        return OK; // it keeps its current time
+        return OK; // not recorded: the directory keeps its current time
     if (ctrl.dir_cnt == 0 && open_record_file(ctrl) != OK)
         return ERROR;
     std::memcpy(record.name, relative_name(arPath), len);

@@ -1,5 +1,5 @@
-// zncTarLib_make.cpp - what an extraction makes, in the parent that was proved last: on disk, or in
-// the tree of a dry run. All that tells the two apart is here.
+// zncTarLib_make.cpp - creates members in the current parent directory: on disk, or in the tree of
+// a dry run. Only this file has to distinguish the two.
 #include "zncTarLib.hpp"
 
 #include "zarnel/fs.h"
@@ -39,7 +39,7 @@ void tar_leave(MT_TAR_SOFT& ctrl) noexcept
     ctrl.parentLen = 0;
 }
 
-// Private until its bits are set; where they cannot be, none stays.
+// The directory is created with mode 0700 and then gets its mode; if that fails, it is removed.
 STATUS tar_make_directory(const MT_TAR_SOFT& ctrl, const char* name, int mode,
                           UniqueFd* dir) noexcept
 {

@@ -1,4 +1,4 @@
-// zncTarLib_member.cpp - one member: its header, and what is made of it.
+// zncTarLib_member.cpp - parses the header of one member and creates the member.
 #include "zncTarLib.hpp"
 
 #include "zncLayerFindings.hpp"
@@ -16,7 +16,7 @@ using znc::tar_octal;
 
 namespace {
 
-// What becomes of a member.
+// What is created for a member.
 enum class Made : unsigned char { kDirectory, kFile, kLink, kNothing };
 
 // A member as its header describes it.
@@ -25,7 +25,7 @@ struct Member {
     tar_size_t size = 0;
     time_t mtime = 0;
     bool namedAsDir = false;
-    char* path = nullptr; // "/a/b", in the path buffer; NULL: nothing to make
+    char* path = nullptr; // "/a/b", in the path buffer; NULL: create nothing
     Made made = Made::kNothing;
 };
 
@@ -57,8 +57,8 @@ STATUS parse_numbers(const header& h, Member& member)
     return OK;
 }
 
-// Compose the member's path behind the target directory. A path that does not fit and one that
-// names the target directory itself leave nothing to make.
+// Appends the member's path to the target directory in the path buffer. If it does not fit or is
+// the target directory itself, nothing is created for the member.
 STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
 {
     char* const start = ctrl.targetDir.get() + ctrl.targetDirLen;
@@ -83,7 +83,7 @@ STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
     return OK;
 }
 
-// Hard links, devices and extended headers become nothing.
+// Nothing is created for hard links, devices and extended headers.
 Made made_of(const Member& member, char type)
 {
     if (member.path == nullptr)
@@ -102,8 +102,8 @@ Made made_of(const Member& member, char type)
     }
 }
 
-// A member could not be made. Most numbers say something about the member; these, that the next try
-// may well make it.
+// Called for a member that could not be created. Most errors are caused by the member itself and
+// are ignored. The errors below may not occur on another try, so they are kept in ctrl.lacking.
 void left_out(MT_TAR_SOFT& ctrl, int number)
 {
     switch (number) {
@@ -122,7 +122,7 @@ void left_out(MT_TAR_SOFT& ctrl, int number)
     }
 }
 
-// A directory just made is a good parent for what follows.
+// Extends the cache by the directory just created, as it is a verified parent for its members.
 void cache_new_dir(MT_TAR_SOFT& ctrl, const char* arPath, const char* last)
 {
     const auto at = static_cast<std::size_t>(last - arPath);
@@ -131,7 +131,7 @@ void cache_new_dir(MT_TAR_SOFT& ctrl, const char* arPath, const char* last)
         std::memcpy(ctrl.goodPathCache.get() + at, last, len + 1);
 }
 
-// "1777/a/b": the directory with all its mode bits, for who asked.
+// Adds the directory, with all its mode bits, to the list of the run: "1777/a/b".
 void list_directory(MT_TAR_SOFT& ctrl, const Member& member)
 {
     if (ctrl.run.directories == nullptr)
@@ -148,7 +148,7 @@ STATUS extract_directory(MT_TAR_SOFT& ctrl, const Member& member, const char* la
     list_directory(ctrl, member);
     znc::UniqueFd dir;
     if (znc::tar_make_directory(ctrl, znc::tar_member_name(last), member.mode, &dir) != OK) {
-        // also when it exists: it is left as it is
+        // EEXIST is ignored as well: an existing directory stays as it is
         left_out(ctrl, errno);
         return OK;
     }
@@ -160,7 +160,7 @@ STATUS extract_directory(MT_TAR_SOFT& ctrl, const Member& member, const char* la
 
 STATUS extract_symlink(const MT_TAR_SOFT& ctrl, const MT_HBLOCK& block, const char* last)
 {
-    // A target that fills its field runs on into what follows it.
+    // A target that fills its field has no NUL and is read on into the fields after it.
     constexpr std::size_t kOffset = offsetof(header, linkname);
     char target[sizeof block.dummy - kOffset + 1];
     const std::size_t len = strnlen(block.dummy + kOffset, sizeof target - 1);
@@ -177,12 +177,11 @@ bool write_at_once(int fd, const void* bytes, std::size_t count)
         n = write(fd, bytes, count);
     } while (n < 0 && errno == EINTR);
     if (n >= 0 && static_cast<std::size_t>(n) != count)
-        errno = ENOSPC; // a file takes less than it is given only when there is no more room
+        errno = ENOSPC; // a short write to a regular file means that the disk is full
     return n >= 0 && static_cast<std::size_t>(n) == count;
 }
 
-// Pass the member's data from the archive to `fd`, where there is one, straight from the block
-// buffer.
+// Writes the member's data from the block buffer to `fd`; only skips it if `fd` is negative.
 bool copy_data(MT_TAR_SOFT& ctrl, int fd, tar_size_t size)
 {
     using znc::kTarBlock;
@@ -210,7 +209,8 @@ bool starts_with(const char* text, std::string_view start)
     return std::strncmp(text, start.data(), start.size()) == 0;
 }
 
-// For who asked (zncUnpackProgressSet); it changes nothing. A container gets a /dev of its own.
+// Counts members that are left out, for the callback of zncUnpackProgressSet. Members of /dev do
+// not count, because every container gets its own /dev.
 void count_left_out(const Member& member, bool whiteout)
 {
     if (whiteout || (member.made == Made::kNothing && !starts_with(member.path, "/dev/")))
@@ -223,7 +223,7 @@ bool is_number_other_than_0(std::string_view field)
     return tar_octal(field, number) && number != 0;
 }
 
-// What a member that has a place loses on its way there, for who asked.
+// Reports what is dropped of a member whose parent exists.
 void tell_losses(const MT_TAR_SOFT& ctrl, const Member& member, const header& h, const char* last)
 {
     const bool whiteout = starts_with(znc::tar_member_name(last), ".wh.");
@@ -242,14 +242,14 @@ void tell_losses(const MT_TAR_SOFT& ctrl, const Member& member, const header& h,
         znc::tell_of_member(ctrl, ZNC_LAYER_NOT_MADE);
 }
 
-// The number is kept: it is the reason.
+// Does not change errno, which is the reason of the failure.
 STATUS refuse(const MT_TAR_SOFT& ctrl, ZNC_LAYER_FINDING finding)
 {
     znc::tell_of_member(ctrl, finding);
     return ERROR;
 }
 
-// Whether the member will be read on behind its header and its data, if it has any.
+// Reports a size because of which the next header is not where other programs expect it.
 void tell_of_size(const MT_TAR_SOFT& ctrl, const Member& member, bool binary)
 {
     if (binary)
@@ -277,7 +277,7 @@ STATUS make_member(MT_TAR_SOFT& ctrl, const Member& member, const MT_HBLOCK& blo
         if (extract_symlink(ctrl, block, last) == OK)
             return OK;
         return refuse(ctrl, errno == ENOENT ? ZNC_LAYER_LINK_EMPTY : ZNC_LAYER_LINK_EXISTS);
-    default: // no data is passed over
+    default: // data of other members is not skipped: it is read as headers
         return OK;
     }
 }
@@ -295,7 +295,7 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
         znc::tar_member_name(std::strrchr(pCtrl->targetDir.get() + pCtrl->targetDirLen, '/'));
     const int parent = znc::tar_parent(*pCtrl);
     const int before = errno;
-    // The directory times are the extractor's: a member of that name has no file to go to.
+    // A member must not overwrite the file of directory times; its data is discarded.
     const bool records = znc::tar_is_record_file(*pCtrl, name);
     znc::UniqueFd file;
     const bool created = !records && znc::tar_make_file(*pCtrl, name, mode, &file) == OK;
@@ -308,7 +308,7 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
         if (!file)
             return ERROR;
     }
-    errno = before; // no file to write is no failure
+    errno = before; // that the file could not be created is not a failure
     const bool copied = copy_data(*pCtrl, file.get(), size);
     const bool written = static_cast<bool>(file);
     if (!copied || file.close_checked() != 0)

@@ -1,17 +1,17 @@
-// zncTarLib_path.cpp - member names: made clean, and their parents proved.
+// zncTarLib_path.cpp - normalizes member names and opens the parent directories of members.
 #include "zncTarLib.hpp"
 
 #include <algorithm>
 
 namespace {
 
-// Length of the component that starts at `path` (at its "/", or at the end).
+// Length of the component that starts at `path`, which points to a "/" or to the final NUL.
 std::size_t component_len(std::string_view path)
 {
     return path.empty() ? 0 : std::min(path.find('/', 1), path.size());
 }
 
-// How much of `parents` the cache vouches for, in whole components.
+// The length of the common prefix of `parents` and the cache, in whole components.
 std::size_t cached_len(std::string_view parents, std::string_view cache)
 {
     std::size_t at = 0;
@@ -25,16 +25,18 @@ std::size_t cached_len(std::string_view parents, std::string_view cache)
     return at;
 }
 
-// Open one more parent, whose text ends at `next`; `comp` is NUL-terminated there.
+// Opens the next parent, `comp`, which ends at `next`; it is NUL-terminated there.
 bool prove_component(MT_TAR_SOFT& ctrl, const char* comp, std::size_t next)
 {
     const char* const name = comp + 1;
-    // No composed path holds these; the file of directory times might, if someone wrote to it.
+    // Composed paths never contain these, but the file of directory times could, if another process
+    // wrote to it.
     if (std::strcmp(name, "..") == 0 || next >= kTarCacheSize) {
         errno = EPERM;
         return false;
     }
-    if (*name != '\0' && !znc::tar_enter(ctrl, name)) // a doubled "/" names the same one again
+    if (*name != '\0' &&
+        !znc::tar_enter(ctrl, name)) // an empty component ("//") is the same directory
         return false;
     char* const cache = ctrl.goodPathCache.get();
     if (std::strncmp(cache + ctrl.parentLen, comp, next - ctrl.parentLen) != 0 ||
@@ -48,9 +50,9 @@ bool prove_component(MT_TAR_SOFT& ctrl, const char* comp, std::size_t next)
 
 } // namespace
 
-// Copy a member path behind *ppOut, each component introduced by exactly one "/"; a trailing
-// separator is kept as "/". ".." anywhere is EPERM. A result that fills the room is cut and has no
-// NUL.
+// Appends a member path at *ppOut, with exactly one "/" before each component; a trailing separator
+// is kept as "/". A ".." component fails with EPERM. A result that does not fit is truncated and
+// has no NUL.
 STATUS tarCopyCondense(char** ppOut, std::size_t room, const char* in, std::size_t inLen)
 {
     char* out = *ppOut;
@@ -85,9 +87,9 @@ STATUS tarCopyCondense(char** ppOut, std::size_t room, const char* in, std::size
     return OK;
 }
 
-// Prove that every parent in `arPath` ("/a/b/member") is a real directory and make the last one the
-// parent for what follows. Returns the member's "/", NULL on failure. Parents that the cache
-// vouches for and that are still open cost no call.
+// Verifies that every parent in `arPath` ("/a/b/member") is a directory and not a link, and makes
+// the last one the current parent. Returns the "/" before the member's name, NULL on failure.
+// Parents in the cache whose descriptor is still open need no system call.
 char* mtAccess(MT_TAR_SOFT* pCtrl, char* arPath)
 {
     char* const last = std::strrchr(arPath, '/');

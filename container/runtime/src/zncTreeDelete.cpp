@@ -1,4 +1,4 @@
-// zncTreeDelete.cpp - deleting trees that an image or a container wrote.
+// zncTreeDelete.cpp - deletes trees that an image or a container wrote.
 #include "zncTreeDelete.hpp"
 
 #include "zncOwned.hpp"
@@ -11,7 +11,8 @@ namespace {
 
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kTopFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-constexpr unsigned kOpenLevels = 32; // levels that stay open while what is below them is removed
+// levels of directories kept open during the recursion; deeper ones use empty_deep()
+constexpr unsigned kOpenLevels = 32;
 
 struct DirId {
     dev_t dev;
@@ -42,28 +43,29 @@ znc::UniqueDir open_stream(znc::UniqueFd fd)
 
 enum class Removed { kYes, kNotEmpty, kFailed };
 
-// A file, link or empty directory goes at once, whatever it is, without looking at it. rmdir is
-// asked before a directory is entered: it refuses a mount point, whose content is not the tree's.
+// Removes a file, link or empty directory without a stat. rmdir is tried before the directory is
+// entered: it fails with EBUSY for a mount point, whose content does not belong to the tree.
 Removed remove_entry(int dir, const char* name)
 {
     if (unlinkat(dir, name, 0) == 0 || errno == ENOENT)
         return Removed::kYes;
-    const int why = errno;
-    if (why != EISDIR && why != EPERM) // POSIX has EPERM for a directory, and for other reasons
+    const int unlink_error = errno;
+    // unlink of a directory is EISDIR on Linux, EPERM in POSIX, which also has other uses
+    if (unlink_error != EISDIR && unlink_error != EPERM)
         return Removed::kFailed;
     if (unlinkat(dir, name, AT_REMOVEDIR) == 0 || errno == ENOENT)
         return Removed::kYes;
     if (errno == ENOTEMPTY || errno == EEXIST)
         return Removed::kNotEmpty;
     if (errno == ENOTDIR)
-        errno = why;
+        errno = unlink_error;
     return Removed::kFailed;
 }
 
 enum class Scan { kEmptied, kSubdirectory, kFailed };
 
-// Goes on reading `dir` and removes what can be removed, up to a subdirectory that has content,
-// whose name (valid until the next read) and descriptor it gives.
+// Reads on in `dir` and removes entries until it finds a subdirectory with content. Returns the
+// name of that (valid until the next read) and its descriptor.
 Scan scan(DIR* dir, const char** name, znc::UniqueFd* child)
 {
     for (;;) {
@@ -86,8 +88,8 @@ Scan scan(DIR* dir, const char** name, znc::UniqueFd* child)
     }
 }
 
-// The directories above the current one, which are not kept open: their identities, so that ".." is
-// trusted only when it leads back to where the way down came from.
+// The identities of the current directory and of those above it, which are not kept open. ".." is
+// used only if it leads to the directory that was left on the way down.
 class Trail {
   public:
     bool push(const DirId& id)
@@ -119,7 +121,7 @@ class Trail {
     std::size_t room_ = 0;
 };
 
-// Back from an emptied directory to the one above, which is read from its beginning again.
+// Moves from an emptied directory to its parent, which is then read from the beginning again.
 znc::UniqueDir step_up(const znc::UniqueDir& dir, Trail* trail, DirId* emptied)
 {
     *emptied = trail->last();
@@ -128,21 +130,21 @@ znc::UniqueDir step_up(const znc::UniqueDir& dir, Trail* trail, DirId* emptied)
     DirId id;
     if (!parent || !id_of(parent.get(), &id))
         return nullptr;
-    if (!same(id, trail->last())) { // somebody moved the directory away meanwhile
+    if (!same(id, trail->last())) { // the directory was moved elsewhere
         errno = EBUSY;
         return nullptr;
     }
     return open_stream(std::move(parent));
 }
 
-// Empties a directory of any depth with two descriptors.
+// Empties a directory of any depth with two open descriptors.
 bool empty_deep(znc::UniqueFd top)
 {
     Trail trail;
     DirId id;
     if (!id_of(top.get(), &id) || !trail.push(id))
         return false;
-    DirId emptied = id; // nothing below has this identity
+    DirId emptied = id; // no directory below `top` has this identity
     znc::UniqueDir dir = open_stream(std::move(top));
     while (dir != nullptr) {
         const char* name;
@@ -158,7 +160,7 @@ bool empty_deep(znc::UniqueFd top)
         }
         if (!id_of(child.get(), &id))
             return false;
-        if (same(id, emptied)) { // it was empty a moment ago: somebody fills it as fast
+        if (same(id, emptied)) { // it was emptied just before: another process keeps filling it
             errno = ENOTEMPTY;
             return false;
         }
@@ -188,7 +190,8 @@ bool empty_directory(znc::UniqueFd fd, unsigned level)
     }
 }
 
-// With a descriptor for each level, or, where there are not so many, with the two that always do.
+// Empties a directory with one descriptor per level or, if the process runs out of descriptors,
+// with two.
 bool empty_top(const char* dir, znc::UniqueFd top)
 {
     if (empty_directory(std::move(top), 0))
@@ -203,7 +206,8 @@ bool empty_top(const char* dir, znc::UniqueFd top)
 
 STATUS znc::delete_foreign_tree(const char* dir)
 {
-    // The last step has a path buffer: what does not fit must not lose its content before.
+    // zncUtilXdelete, called last, copies the path into a buffer. Reject a path that is too long
+    // for that before anything is removed.
     if (dir != nullptr && strnlen(dir, kPathMax) == kPathMax) {
         errno = ENAMETOOLONG;
         return ERROR;
@@ -212,5 +216,5 @@ STATUS znc::delete_foreign_tree(const char* dir)
     if (top ? !empty_top(dir, std::move(top))
             : dir != nullptr && errno != ENOENT && errno != ENOTDIR)
         return ERROR;
-    return zncUtilXdelete(dir); // an empty directory, a file or nothing: this ends
+    return zncUtilXdelete(dir); // the directory is empty now, so this terminates
 }

@@ -7,7 +7,8 @@
 
 namespace {
 
-// "/a/b" of "/a//b": a name whose prefix ends with a separator has a doubled one.
+// Reports one list entry. Removes doubled and trailing separators from its path: "/a//b" results
+// from a tar prefix that ends with "/".
 void tell_of(const char* entry, ZNC_DIRECTORY_FUNC func, void* context)
 {
     char path[kTarCacheSize + 1];

@@ -1,7 +1,7 @@
-// zncUnpackDirs.hpp - the directories that the layers of an image name, for a caller of
-// zncUnpackDirs. They come from the pass over a layer's archive that is compared with its digest,
-// whether that extracts the layer or, where the store has it, is a dry run. Used by the units of
-// the image module.
+// zncUnpackDirs.hpp - collects the directories that the layers of an image name, for the callback
+// of zncUnpackDirs. They are listed in the same pass over a layer's archive that computes its
+// digest: while the layer is extracted or, if the store has it already, in a dry run. Used by the
+// image module.
 #ifndef ZNCUNPACKDIRS_HPP
 #define ZNCUNPACKDIRS_HPP
 
@@ -18,33 +18,33 @@ class UnpackDirs {
   public:
     UnpackDirs(ZNC_DIRECTORY_FUNC func, void* context) noexcept : func_(func), context_(context) {}
 
-    // False: nothing has to be listed.
+    // Whether directories have to be listed at all.
     [[nodiscard]] bool wanted() const noexcept { return func_ != nullptr; }
-    // Before anything else, once for an image. ERROR: no memory.
+    // Must be called first. A second call has no effect. ERROR: out of memory.
     [[nodiscard]] STATUS prepare(std::size_t layers) noexcept;
 
-    // Of different layers in several tasks at once.
+    // has() and set() may run in several threads at once, for different layers.
     [[nodiscard]] bool has(std::size_t layer) const noexcept
     {
         return layer < count_ && layers_[layer].listed;
     }
-    // What a verified pass over a layer's archive listed.
+    // Stores the directories of a layer whose archive matched its digest.
     void set(std::size_t layer, TextList list) noexcept
     {
         if (layer < count_)
             layers_[layer] = {std::move(list), true, layer};
     }
 
-    // Lets a layer that was not listed have the list of the first layer that is the same.
+    // Makes each layer without a list use the list of the first layer equal to it.
     void share(const Duplicates& duplicates) noexcept;
-    // Calls the function, for the bottom layer first.
+    // Calls the callback for all directories, lowest layer first.
     void tell() const noexcept;
 
   private:
     struct Layer {
         TextList list;
         bool listed = false;
-        std::size_t same_as = 0; // the layer whose list this is, if it has none of its own
+        std::size_t same_as = 0; // the layer whose list is used; its own index if `listed`
     };
     ZNC_DIRECTORY_FUNC func_;
     void* context_;

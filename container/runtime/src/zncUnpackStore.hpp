@@ -1,6 +1,5 @@
-// zncUnpackStore.hpp - what one unpack has to do with the storage base: it holds the base's lock
-// from its first look at a layer until its bundle is recorded. Used by the units of the image
-// module.
+// zncUnpackStore.hpp - the state of one unpack in the storage base. The lock is held from the first
+// look at a layer until the bundle is recorded. Used by the source files of the image module.
 #ifndef ZNCUNPACKSTORE_HPP
 #define ZNCUNPACKSTORE_HPP
 
@@ -18,7 +17,7 @@ struct UnpackStore {
     }
     StoreLock lock;
     UnpackDirs dirs;
-    BundleRecord record; // what is not kept is removed while the lock is held
+    BundleRecord record; // destroyed before the lock, so that an unkept record is removed under it
     StoreAhead ahead;
 };
 

@@ -1,5 +1,5 @@
-// zncUtil.cpp - error messages, tree delete, names, secret input, hexadecimal text, layer
-// extraction.
+// zncUtil.cpp - error messages, deletion of trees, names of signals and states, input of secrets,
+// hexadecimal text, layer extraction.
 #include "zncUtil.hpp"
 
 #include "zarnel/fs.h"
@@ -29,7 +29,8 @@ bool is_dot_or_dotdot(const char* name)
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Writes the name of a directory and its final "/" at `path`; the position behind it, or `end`.
+// Writes the name of a directory with a final "/" to `path`. Returns the position after it, or
+// `end` if it does not fit.
 char* place_directory(char* path, char* end, const char* name)
 {
     char* out = znc::copy_end(path, end, name);
@@ -38,19 +39,19 @@ char* place_directory(char* path, char* end, const char* name)
     return znc::copy_end(out, end, "/");
 }
 
-// One pass of the tree delete: takes away one leaf directory, on the path that always goes down the
-// first subdirectory. False when that ends the operation, with its result in `result`.
+// One pass of zncUtilXdelete: follows the first subdirectory of each level down to a leaf, and
+// removes that. False if the operation is over; its result is then in `result`.
 bool delete_one_leaf(const char* source, char* current, char* next, STATUS* result)
 {
-    const znc::UniqueDir still_there(opendir(source));
-    if (still_there == nullptr ||
+    const znc::UniqueDir source_dir(opendir(source));
+    if (source_dir == nullptr ||
         znc::copy_end(current, current + znc::kPathMax, source) == current + znc::kPathMax) {
         *result = ERROR;
         return false;
     }
     while (zncUtilFindSubDirAndClean(current, next, znc::kPathMax, TRUE) == OK)
         std::swap(current, next);
-    // A scan ends early where something is in the way; what is behind that goes now.
+    // The loop may have ended at an error: try once more to remove the files before the rmdir.
     static_cast<void>(zncUtilFindSubDirAndClean(current, nullptr, 0, TRUE));
     static_cast<void>(rmdir(current));
     *result = OK;
@@ -93,13 +94,13 @@ STATUS zncUtilFindSubDirAndClean(const char* pName, char* pSubDir, int pSubDirLe
     if (path == nullptr)
         return ERROR;
     char* const end = path.get() + znc::kPathMax;
-    char* const behind = place_directory(path.get(), end, pName);
-    if (behind == end)
+    char* const name_start = place_directory(path.get(), end, pName);
+    if (name_start == end)
         return ERROR;
     while (const struct dirent* entry = readdir(dir.get())) {
         if (is_dot_or_dotdot(entry->d_name))
             continue;
-        if (znc::copy_end(behind, end, entry->d_name) == end)
+        if (znc::copy_end(name_start, end, entry->d_name) == end)
             return ERROR;
         if (zncUtilNameIsDir(path.get(), FALSE)) {
             if (pSubDir == nullptr)
@@ -126,7 +127,7 @@ STATUS zncUtilXdelete(const char* source)
         return ERROR;
     STATUS result = OK;
     while (delete_one_leaf(source, paths.get(), paths.get() + znc::kPathMax, &result))
-        ; // no limit: a directory that cannot be removed is found again and again
+        ; // no limit: a directory that cannot be removed is tried for ever
     return result;
 }
 
@@ -144,8 +145,8 @@ STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size, const c
     const std::size_t len = got ? strlen(credential) : 0;
     if (len > 0 && (credential[len - 1] == '\n' || credential[len - 1] == '\r'))
         credential[len - 1] = '\0';
-    printf("\n"); // the typed one was not shown
-    // Echo stays off: the caller may have more secrets to ask for.
+    printf("\n"); // the newline typed was not echoed
+    // Echo stays off: the caller may ask for more secrets.
     static_cast<void>(znTermOptionsSet(STDIN_FILENO, options));
     return got ? OK : ERROR;
 }
@@ -167,7 +168,7 @@ const char* zncUtilStateIdToString(int state)
 
 STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t len)
 {
-    // Compared by division: 2 * len + 1 may not fit a size_t.
+    // Compare by division: 2 * len + 1 could overflow.
     if (output == nullptr || input == nullptr || outBufSize == 0 || len == 0 ||
         len > (outBufSize - 1) / 2) {
         errno = EINVAL;

@@ -1,8 +1,7 @@
-// zncUtil.hpp - the tables and file-private operations of the utilities, for unit tests.
+// zncUtil.hpp - the tables and internal functions of the utilities, for unit tests.
 //
-// What the rest of the library and its callers use is declared in the public header. All is
-// constant or on the stack of the call. Left out: deleting trees that an image or a container wrote
-// (zncTreeDelete).
+// Functions for other modules are declared in the public header. There is no mutable state. Trees
+// that an image or a container wrote must be deleted with zncTreeDelete.
 #ifndef ZNCUTIL_HPP
 #define ZNCUTIL_HPP
 
@@ -22,15 +21,16 @@ inline constexpr int kZncUtilErrors = 40;
 inline constexpr int kSignals = 42;
 inline constexpr int kStates = 5;
 
-extern const ZNC_UTIL_ERROR zncUtilErrorMap[kZncUtilErrors]; // the first matching row counts
+extern const ZNC_UTIL_ERROR zncUtilErrorMap[kZncUtilErrors]; // the first matching row is used
 extern const SIGNALMAP signalList[kSignals];
-extern const char* const zncStateString[kStates]; // by CONTAINER_STATUS
+extern const char* const zncStateString[kStates]; // indexed by CONTAINER_STATUS
 
-// Whether a path names a directory; with `link` a symbolic link does not count as its target.
+// Whether a path names a directory. With `link`, a symbolic link to a directory does not count.
 BOOL zncUtilNameIsDir(const char* pName, BOOL link);
 
-// Scan a directory for its first subdirectory and, with `clean`, delete the files met before it. OK
-// with its path in `pSubDir` (unless NULL); ERROR when there is none, and on failure.
+// Scans a directory for its first subdirectory and, with `clean`, deletes the files found before
+// it. OK with the subdirectory's path in `pSubDir` (unless NULL); ERROR if there is none, or on
+// failure.
 STATUS zncUtilFindSubDirAndClean(const char* pName, char* pSubDir, int pSubDirLen, BOOL clean);
 
 #endif

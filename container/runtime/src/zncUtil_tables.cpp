@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-// The order is that of the lookup. Two codes share one message; both are wanted.
+// Searched in this order. ESRCH and S_znProcess_NOT_RUNNING share one message.
 const ZNC_UTIL_ERROR zncUtilErrorMap[kZncUtilErrors] = {
     {S_zncLib_LAYOUT_NOT_FOUND, "File oci-layout not found"},
     {S_zncLib_LAYOUT_INVALID, "Json file oci-layout invalid"},

@@ -129,7 +129,7 @@ fails_with 'storage gc does not begin before a bundle that run looks for has its
 exec 8>&-
 run zncctl storage gc "$work/none"
 fails_with 'storage gc of what is no bundle removes nothing' 1 \
-    'it is no bundle: it has no config.json that can be read'
+    'it is not a bundle: it has no readable config.json'
 rm -rf "$work/flat"
 run zncctl storage gc
 check 'the tree of a bundle that was deleted goes' test "$status/${out%% *}" = 0/tree

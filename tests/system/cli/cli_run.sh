@@ -33,7 +33,7 @@ import json, re, sys
 assert state["id"] == "kept" and state["exitCode"] == 7, state
 assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", state["exited"]), state' "$work/out"
 run zncctl logs kept
-fails_with 'it has no log' 3 'it has no log: its output goes to who started it'
+fails_with 'it has no log' 3 'it has no log: its output goes to the process that started it'
 run zncctl run -b "$work/hello" kept
 check 'an id that is taken exits 125' test "$status/$out/$(error_line)" = \
     '125//kept: Container already exists'
@@ -53,12 +53,12 @@ run zncctl run -b "$work/text"
 fails_with 'a program without the right to be executed exits 126' 126 '/tmp/text: it is not executable'
 make_bundle "$work/dir" /tmp
 run zncctl run -b "$work/dir"
-fails_with 'a directory as a program exits 126' 126 '/tmp: it is no file'
+fails_with 'a directory as a program exits 126' 126 '/tmp: it is not a regular file'
 printf '#!/no/such/interpreter\n' >"$work/text/rootfs/tmp/text"
 chmod +x "$work/text/rootfs/tmp/text"
 run zncctl run -b "$work/text"
 fails_with 'a program without its interpreter exits 126' 126 \
-    '/tmp/text: it cannot be executed; its interpreter or its format may be the reason'
+    '/tmp/text: it cannot be executed; its interpreter may be missing or its format unknown'
 run zncctl run -b /no/such/bundle
 check 'a bundle that is not there exits 125' test "$status/$out" = 125/
 run zncctl run -d -b "$work/none" none
@@ -92,7 +92,7 @@ run zncctl top -f json web
 check 'also as JSON' python3 -c \
     'import json, sys; [p] = json.load(open(sys.argv[1])); assert p["containerPid"] == 2, p' "$work/out"
 run zncctl wait --timeout 0 web
-fails_with 'wait gives up after its time' 4 'it has not ended in time'
+fails_with 'wait gives up after its time' 4 'timed out: it has not ended'
 run zncctl start web
 fails_with 'it cannot be started again' 3 'Container in use'
 run zncctl logs web
@@ -112,7 +112,7 @@ expect 'stopping it again does nothing' 0 web ''
 run zncctl attach web
 check 'attach to what has ended exits 125' test "$status/$out" = 125/
 run zncctl top web
-fails_with 'top of what does not run exits 3' 3 'it does not run'
+fails_with 'top of a container that is not running exits 3' 3 'it is not running'
 check 'no monitor stays' eventually no_monitor
 zncctl delete -q web
 for command in logs wait attach top stop; do
@@ -229,7 +229,7 @@ check 'a program outlives its monitor' status_is web running
 run zncctl stop -q web
 run zncctl wait web
 fails_with 'its exit code is then not known' 1 \
-    'its exit code is not known: who started it did not wait for it'
+    'its exit code is unknown: the process that started it did not wait for it'
 run zncctl delete web
 expect 'it can be deleted' 0 web ''
 
@@ -242,7 +242,7 @@ eventually status_is deaf running
 sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
 check 'a second interrupt tells how to force' eventually sent
 check 'with the command' grep -qx \
-    "zncctl: hint: deaf goes on; 'zncctl kill -s KILL deaf' ends it by force" "$work/hints"
+    "zncctl: hint: deaf is still running; 'zncctl kill -s KILL deaf' kills it" "$work/hints"
 zncctl kill -q --all -s KILL deaf
 wait $runner
 check 'which works' test $? = 137
