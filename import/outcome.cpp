@@ -13,7 +13,7 @@ using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
 
-// Layers and documents are named by this algorithm alone.
+// The digests of new layers and documents are always SHA-256.
 bool is_sha256(const std::string& text)
 {
     return zncctl::is_digest(text) && text.starts_with("sha256:");
@@ -21,7 +21,8 @@ bool is_sha256(const std::string& text)
 
 std::uint64_t number_of(const cJSON* object, const char* key)
 {
-    constexpr double kMost = 9007199254740992.0; // whole numbers up to here are exact
+    // 2^53: a double represents all integers up to here exactly
+    constexpr double kMost = 9007199254740992.0;
     const cJSON* item = member(object, key);
     if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0 && item->valuedouble <= kMost))
         throw Failure("", "the process that read the image gave no usable answer");

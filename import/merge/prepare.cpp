@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::int64_t kMaxOwner = 07777777;    // seven octal digits
 constexpr std::int64_t kMaxTime = 077777777777; // eleven
-constexpr std::uint32_t kSpecialBits = 07000;   // set-user-id, set-group-id, sticky
+constexpr std::uint32_t kSpecialBits = 07000;   // set-user-ID, set-group-ID and sticky bits
 constexpr std::uint32_t kSetIdBits = 06000;
 
 std::string below(const std::string& directory, const std::string& name)
@@ -20,8 +20,8 @@ std::string below(const std::string& directory, const std::string& name)
     return directory.empty() ? name : directory + "/" + name;
 }
 
-// Every node below a directory with its path, parents before what they hold, names in byte order.
-// What `visit` returns false for is taken out.
+// Calls `visit` for each node below a directory with its path: parents before children, names in
+// byte order. Removes the nodes for which `visit` returns false.
 template <class Visit> void for_each_child(Node& directory, const std::string& path, Visit& visit)
 {
     for (auto child = directory.children.begin(); child != directory.children.end();) {
@@ -36,8 +36,8 @@ template <class Visit> void for_each_child(Node& directory, const std::string& p
     }
 }
 
-// Why its name, size or numbers do not fit, or "". Owners, times and the length of link targets are
-// settled by other means.
+// Returns why the node's name, size or numbers cannot be represented, or "". Owners, times and long
+// link targets are handled elsewhere.
 std::string problem_of(const Node& node, const std::string& path)
 {
     if (node.kind == Kind::kOther || node.kind == Kind::kHardlink)
@@ -85,12 +85,12 @@ class Preparation {
     const Limits& limits_;
     Report& report_;
     LinkHops hops_;
-    // Of files with several names, the components of the first one, which keeps the file.
+    // For files with several names, the path components of the first name, which keeps the file.
     std::unordered_map<const Node*, std::vector<std::string>> first_names_;
     std::uint64_t copied_ = 0; // bytes
 };
 
-// What goes, goes first, so that no link is led to it.
+// Nodes are dropped first, so that no link is redirected to a dropped node.
 void Preparation::run()
 {
     auto stays_here = [this](const std::shared_ptr<Node>& node, const std::string& path) {
@@ -129,7 +129,7 @@ bool Preparation::stays(const Node& node, const std::string& path)
     return false;
 }
 
-// The runtime makes a /dev of its own, so that what is there is never missed.
+// The runtime mounts its own /dev, so devices below dev can always be dropped.
 bool Preparation::special_stays(const Node& node, const std::string& path)
 {
     const bool device = is_device(node.kind);
@@ -236,7 +236,8 @@ void Preparation::settle_time(Node& node, const std::string& path)
     node.mtime = time;
 }
 
-// Labels and marks of the file system that a builder worked on say nothing about the image.
+// SELinux labels and attributes of the builder's overlay filesystem are not part of the image: they
+// are not reported.
 void Preparation::note_xattrs(Node& node, const std::string& path)
 {
     std::string names;

@@ -12,7 +12,7 @@ struct Words {
     Change change;
     bool loss;
     const char* word;
-    const char* one; // for the summary
+    const char* one; // singular and plural, for the summary
     const char* many;
 };
 
@@ -79,7 +79,7 @@ std::string part_of_summary(const Count& count, const Words& words)
     return text;
 }
 
-// How many bytes at the front are one character in UTF-8; 0 for none.
+// Returns the length in bytes of the UTF-8 character at the start of `text`, or 0 if it is invalid.
 std::size_t character_length(std::string_view text)
 {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -97,7 +97,7 @@ std::size_t character_length(std::string_view text)
     return overlong || beyond ? 0 : length;
 }
 
-// File names are bytes, a document is UTF-8: what is none reads "\xNN".
+// Converts a file name to UTF-8 for a JSON document: invalid bytes become "\xNN".
 std::string utf8(std::string_view bytes)
 {
     std::string text;

@@ -5,8 +5,7 @@
 namespace zncimport {
 namespace {
 
-// What one path may ask for: more links are a loop, and more names than these no file system
-// follows.
+// Limits for resolving one path, to stop at loops and at chains of links that grow without end.
 constexpr unsigned kMaxLinks = 255;
 constexpr std::size_t kMaxLinkNames = 1024;
 
@@ -22,7 +21,7 @@ std::vector<std::string_view> names_of(std::string_view path)
     return names;
 }
 
-// The names that are still to be walked, and how many links have added to them.
+// The components that remain to be resolved, and the number of links followed so far.
 class Way {
   public:
     explicit Way(std::span<const std::string> names) : object_(Tree::join(names))
@@ -49,7 +48,7 @@ class Way {
 
   private:
     std::string object_;
-    std::vector<std::string> left_; // the next one is the last
+    std::vector<std::string> left_; // in reverse order
     unsigned links_ = 0;
     std::size_t followed_ = 0;
 };
@@ -116,8 +115,8 @@ Node* Tree::existing_parent_of(const std::vector<std::string>& path)
     return descend(std::span(path).first(path.size() - 1), nullptr);
 }
 
-// ".." in a link's target leads to the parent of the directory that was reached, as the kernel has
-// it; at the root it stays there.
+// As in the kernel, ".." in a link target leads to the parent of the directory reached so far, and
+// at the root it has no effect.
 Node* Tree::descend(std::span<const std::string> names, const Implied* implied)
 {
     std::vector<Node*> reached = {root_.get()};

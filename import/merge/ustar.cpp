@@ -8,8 +8,8 @@
 namespace zncimport {
 namespace {
 
-// As it lies in the archive. Numbers are octal digits, the texts need no NUL where they fill their
-// field.
+// The header as stored in the archive. Numbers are octal digits. Strings that fill their field have
+// no NUL.
 struct Header {
     std::array<char, 100> name;
     std::array<char, 8> mode;
@@ -33,15 +33,16 @@ static_assert(sizeof(Header) == kBlock);
 
 constexpr std::size_t kNameMax = sizeof(Header::name);
 constexpr std::size_t kPrefixMax = sizeof(Header::prefix);
-constexpr std::uint64_t kSizeMax = 0xffffffff; // the extractor counts in 32 bits
+constexpr std::uint64_t kSizeMax = 0xffffffff; // the extractor uses 32-bit sizes
 
 struct Name {
     std::string_view prefix;
     std::string_view name;
 };
 
-// Cut at the first "/" that leaves a name that fits; one that is longer than both fields comes back
-// too long. A directory's final "/" belongs to its name.
+// Splits a path into prefix and name at the first "/" after which the name fits. A path that is too
+// long for both fields yields a name that is too long. The final "/" of a directory is part of the
+// name.
 Name split(std::string_view path)
 {
     if (path.size() <= kNameMax)
@@ -52,7 +53,7 @@ Name split(std::string_view path)
     return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
-// Whether the number fits into a field of so many bytes, the last one being NUL.
+// Returns whether the number fits into a field of this size, whose last byte is NUL.
 bool fits(std::uint64_t number, std::size_t field)
 {
     return number >> (3 * (field - 1)) == 0;
@@ -123,14 +124,15 @@ void put_text(std::span<char> field, std::string_view text)
     std::copy(text.begin(), text.end(), field.begin());
 }
 
-// Digits with leading zeros up to the last byte, which stays NUL.
+// Writes octal digits with leading zeros; the last byte stays NUL.
 void put_number(std::span<char> field, std::uint64_t number)
 {
     for (std::size_t i = field.size() - 1; i-- > 0; number >>= 3U)
         field[i] = static_cast<char>('0' + (number & 7U));
 }
 
-// The sum of all bytes with blanks in its own field: six digits, NUL, blank.
+// The checksum is the sum of all bytes, with its own field counted as spaces. It is stored as six
+// digits, a NUL and a space.
 void put_checksum(Header& header)
 {
     header.checksum.fill(' ');
@@ -164,7 +166,7 @@ char ustar_type(Kind kind)
     case Kind::kOther:
         break;
     }
-    return '?'; // which ustar_problem() refuses
+    return '?'; // ustar_problem() refuses this type
 }
 
 std::string ustar_problem(const UstarMember& member)
@@ -190,7 +192,7 @@ Block ustar_header(const UstarMember& member)
     put_number(header.mtime, member.mtime);
     header.type = member.type;
     put_text(header.target, member.target);
-    put_text(header.magic, "ustar"); // its NUL is part of it
+    put_text(header.magic, "ustar"); // including its NUL
     put_text(header.version, "00");
     put_number(header.major, member.major);
     put_number(header.minor, member.minor);

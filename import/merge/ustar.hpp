@@ -1,6 +1,6 @@
-// ustar.hpp - one header of a ustar archive, and whether something fits into one that the extractor
-// reads: 155 + 100 bytes of name, 99 of link target, less than 4 GiB of data, no backslash, which
-// it takes for a separator. Used by emit.
+// ustar.hpp - creates ustar headers, and checks whether a member can be represented for the
+// extractor: up to 155 + 100 bytes of name, 99 of link target, less than 4 GiB of data, and no
+// backslash, which the extractor treats as a separator. Used by emit.
 #ifndef ZNC_IMPORT_MERGE_USTAR_HPP
 #define ZNC_IMPORT_MERGE_USTAR_HPP
 
@@ -30,12 +30,12 @@ struct UstarMember {
     std::uint32_t minor = 0;
 };
 
-// What a header calls a kind.
+// The type flag of a kind.
 char ustar_type(Kind kind);
 
-// Why it cannot be written, or "".
+// Returns why the member cannot be represented, or "".
 std::string ustar_problem(const UstarMember& member);
-// The header of one that can.
+// Returns the header of a member for which ustar_problem() returns "".
 Block ustar_header(const UstarMember& member);
 
 } // namespace zncimport

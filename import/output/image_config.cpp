@@ -27,8 +27,8 @@ constexpr const char* kLayerType = "application/vnd.oci.image.layer.v1.tar+gzip"
     throw Failure("the image's configuration", what);
 }
 
-// Readers differ in which of two members they take that are named alike, or alike but for case.
-// What we check must be what they use.
+// JSON parsers differ in which of several duplicate members they return, and in whether names are
+// case-sensitive. Refuse duplicates, so that what is checked here is what other programs use.
 void check_unique(const cJSON* object, std::initializer_list<const char*> keys)
 {
     for (const char* key : keys) {
@@ -85,7 +85,7 @@ void check_strings(const cJSON* section, const char* key)
         refuse(fmt::format("\"{}\" holds something that is no text", key));
 }
 
-// The text of a member that may be missing, null or "".
+// Returns the string value of a member, or "" if it is missing or null.
 std::string optional_text(const cJSON* section, const char* key)
 {
     const cJSON* item = member(section, key);
@@ -106,8 +106,8 @@ std::vector<std::string> split(std::string_view text, char separator)
     }
 }
 
-// A file of the image, links followed inside of it; null where there is none. The names of a target
-// take the place of the link's own; ".." among them is the tree's to follow.
+// Finds a file of the image, following links inside it; returns null if there is none. The
+// components of a link's target replace the link; Tree resolves any ".." among them.
 const Node* find_file(Tree& tree, const std::string& path)
 try {
     constexpr int kMaxLinks = 40;
@@ -122,22 +122,22 @@ try {
                 way.push_back(name);
     }
     return nullptr;
-} catch (const Failure&) { // a way that leads nowhere
+} catch (const Failure&) { // the path cannot be resolved
     return nullptr;
 }
 
 std::optional<std::uint32_t> to_id(std::string_view text)
 {
     const auto number = zncctl::to_number<std::uint32_t>(text);
-    return number != UINT32_MAX ? number : std::nullopt; // which stands for "none"
+    return number != UINT32_MAX ? number : std::nullopt; // UINT32_MAX means "no id"
 }
 
-// A line of etc/passwd or etc/group: names, a password that is not looked at, numbers.
+// The fields of a line of etc/passwd or etc/group: name, password (ignored), ids.
 using Record = std::vector<std::string>;
 
 class Records {
   public:
-    // A file that is missing, or larger than any real one, has none.
+    // A missing or implausibly large file yields no records.
     Records(Tree& tree, const Spool& spool, const char* path)
     {
         constexpr std::uint64_t kMost = std::uint64_t{10} << 20U;
@@ -146,12 +146,12 @@ class Records {
             text_ = read_all(*spool.read(node->data), path, kMost);
     }
 
-    // The first whose field has that text.
+    // Returns the first record with this text in the field.
     [[nodiscard]] std::optional<Record> find(std::size_t field, const std::string& text) const
     {
         return find_if([&](const Record& record) { return record[field] == text; });
     }
-    // The first whose number is that.
+    // Returns the first record with this id.
     [[nodiscard]] std::optional<Record> find(std::uint32_t id) const
     {
         return find_if([&](const Record& record) { return to_id(record[2]) == id; });
@@ -179,7 +179,7 @@ struct Ids {
     std::uint32_t gid = 0;
 };
 
-// What "User" says, as numbers; `unknown` gets the name that the image does not know.
+// Resolves "User" to numeric ids. If a name is not defined by the image, it is stored in `unknown`.
 std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool& spool,
                                 std::string& unknown)
 {
@@ -207,8 +207,8 @@ std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool
     return Ids{*uid, gid.value_or(own_group)};
 }
 
-// The library reads a name as 0 and "010" as 8, and gives a user no group of his own. Whoever the
-// image does not know is nobody: root was not meant.
+// The library reads a name as 0 and "010" as 8, and does not look up the user's primary group:
+// write both ids in decimal. A user that the image does not define becomes nobody rather than root.
 void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
 {
     const std::string text = optional_text(section, "User");
@@ -233,7 +233,7 @@ void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
         report.add(Change::kUserNumbers, "", fmt::format("{} is {}", text, numbers));
 }
 
-// Makes the directory of a volume, unless something else stands in its way.
+// Creates the directory of a volume, unless its path is occupied by something else.
 void make_directory(Tree& tree, const std::string& key, std::size_t layer)
 try {
     std::vector<std::string> way = tree.split(key, Limits{}.depth);
@@ -246,16 +246,16 @@ try {
         walked.emplace_back(".");
         above = tree.existing_parent_of(walked);
         if (above == nullptr)
-            return; // a file, or a link to nowhere
+            return; // a file or a dangling link
         walked.pop_back();
     }
     const std::int64_t mtime = above->mtime;
-    way.emplace_back("."); // for the directory itself, not only those above it
+    way.emplace_back("."); // so that the directory itself is created, not only its parents
     tree.parent_of(way, mtime, layer);
-} catch (const Failure&) { // no path in the image, or one that is too deep
+} catch (const Failure&) { // the path is invalid or too deep
 }
 
-// The library would mount a directory of the host for each key.
+// The library would bind-mount a host directory for each key of "Volumes".
 void settle_volumes(cJSON* section, Tree& tree, std::size_t layer, Report& report)
 {
     const cJSON* volumes = member(section, "Volumes");
@@ -282,7 +282,7 @@ cJSON* execution_section(cJSON* config)
     return cJSON_GetObjectItemCaseSensitive(config, "config");
 }
 
-// For root filesystems that nobody wrote a configuration for.
+// The configuration for a source without one.
 Json default_config()
 {
     Json config = made(cJSON_CreateObject());
@@ -304,7 +304,7 @@ Json copy_of_config(const SourceImage& image)
     return made(cJSON_Duplicate(given, 1));
 }
 
-// Those of the source, but for the name, which is the index's to give.
+// Copies the annotations of the source without the reference name, which belongs into the index.
 Json new_annotations(const SourceImage& image)
 {
     Json annotations = made(cJSON_CreateObject());

@@ -22,7 +22,8 @@ using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
 
-// What an import that died leaves behind has one of these names; the next one removes it.
+// The prefix of temporary files. An import that died may leave such files; the next import removes
+// them.
 constexpr std::string_view kTemporary = ".zncctl-import-";
 constexpr const char* kNewDocument = ".zncctl-import-document";
 constexpr const char* kLockName = ".zncctl-import-lock";
@@ -36,14 +37,14 @@ constexpr const char* kLayoutDocument = R"({"imageLayoutVersion": "1.0.0"})";
     throw Failure(object, error_text());
 }
 
-// The entries of a directory but for the lock.
+// Returns the entries of a directory except the lock file.
 std::vector<std::string> names_in(int dir, const std::string& object)
 {
     znc::UniqueFd again(::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const znc::UniqueDir entries(again ? ::fdopendir(again.get()) : nullptr);
     if (entries == nullptr)
         fail(object);
-    static_cast<void>(again.release()); // the stream has it now
+    static_cast<void>(again.release()); // the DIR stream owns it now
     std::vector<std::string> names;
     while (const dirent* entry = ::readdir(entries.get()))
         if (const std::string name = entry->d_name;
@@ -69,7 +70,8 @@ znc::UniqueFd open_or_make_dir(int dir, const char* name)
     return fd;
 }
 
-// A document; nothing when it is not there. Neither a link nor a pipe is taken for one.
+// Reads a document; returns nothing if it does not exist. Only regular files are accepted, no links
+// or FIFOs.
 std::optional<std::string> read_document(int dir, const std::string& name)
 {
     const znc::UniqueFd file(
@@ -85,7 +87,7 @@ std::optional<std::string> read_document(int dir, const std::string& name)
     return read_all(*read_part(file.get(), name, 0, size), name, Limits{}.json);
 }
 
-// Gives the directory's entry this content in one step.
+// Atomically replaces the content of a document.
 void write_document(int dir, const char* name, std::string_view content)
 {
     ::unlinkat(dir, kNewDocument, 0);
@@ -104,7 +106,7 @@ bool same_file(int fd, const std::string& path)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// "sha256:" and 64 digits: the digits, which are the blob's name.
+// Returns the 64 hexadecimal digits of a "sha256:" digest, which are the name of the blob.
 std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
@@ -141,7 +143,8 @@ struct Platform {
     std::string arch;
 };
 
-// As the index entry has it, or else the image's configuration; "" for what cannot be told.
+// Returns the platform given by the index entry or by the image's configuration; "" for unknown
+// parts.
 Platform platform_of(int blobs, const cJSON* entry)
 try {
     const cJSON* given = member(entry, "platform");
@@ -163,7 +166,7 @@ try {
     return {};
 }
 
-// Whether unpacking could take this entry for that image.
+// Returns whether unpacking might select this entry for the given image.
 bool is_image(int blobs, const cJSON* entry, const std::string& tag, const std::string& os,
               const std::string& arch)
 {
@@ -192,7 +195,8 @@ Json index_entry(const IndexEntry& entry)
 
 } // namespace
 
-// What is there, and what has to go again unless the index names it.
+// Open files of the layout, and what the destructor must remove unless add_to_index() has
+// succeeded.
 struct LayoutWriter::State {
     explicit State(std::string layout) : path(std::move(layout)) {}
     ~State()
@@ -212,13 +216,14 @@ struct LayoutWriter::State {
     znc::UniqueFd dir;
     znc::UniqueFd blobs;
     bool made_dir = false; // the directory did not exist
-    bool fresh = false;    // it was empty
+    bool fresh = false;    // the directory was empty
     bool committed = false;
     std::vector<std::string> kept; // names of new blobs
     unsigned next_name = 0;
 };
 
-// Whoever made the directory and failed removes it; who waited meanwhile begins anew.
+// An import that created the directory and failed removes it. An import that was waiting for the
+// lock must then start again with a new directory.
 void LayoutWriter::State::open_locked()
 {
     for (;;) {
@@ -285,7 +290,7 @@ LayoutWriter::LayoutWriter(const std::string& path) : state_(std::make_unique<St
 {
     state_->open_locked();
     state_->read_or_begin();
-    static_cast<void>(read_index(state_->dir.get())); // one that cannot be changed is told early
+    static_cast<void>(read_index(state_->dir.get())); // report an unusable index early
 }
 
 LayoutWriter::~LayoutWriter() = default;
@@ -325,7 +330,8 @@ NewBlob LayoutWriter::begin_blob() const
     return {std::move(file), std::move(own), name};
 }
 
-// Takes the place of a blob of that name, which may be damaged: this one is known to be right.
+// Replaces an existing blob of this name, which may be damaged: the new blob is known to be
+// correct.
 void LayoutWriter::keep(const NewBlob& blob, const std::string& digest) const
 {
     const std::string name = blob_name(digest);
@@ -357,7 +363,8 @@ std::string LayoutWriter::add_blob(std::string_view content) const
 
 namespace {
 
-// In place of the first that it replaces, since the first one is taken; the others go.
+// Replaces the first matching entry, since readers use the first one, and removes the other
+// matching entries.
 void put_entry(cJSON* list, const IndexEntry& entry, int blobs)
 {
     int place = 0;
@@ -386,7 +393,7 @@ void LayoutWriter::add_to_index(const IndexEntry& entry) const
     const Json index = read_index(dir);
     put_entry(cJSON_GetObjectItemCaseSensitive(index.get(), "manifests"), entry, state.blobs.get());
 
-    // What the index names is on the disk before the index is.
+    // Everything that the index refers to must be on disk before the index is.
     const znc::UniqueFd above = open_or_make_dir(dir, "blobs");
     if (::fsync(state.blobs.get()) != 0 || ::fsync(above.get()) != 0 || ::fsync(dir) != 0)
         fail(state.path);

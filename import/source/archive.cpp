@@ -33,7 +33,7 @@ Kind kind_of(archive_entry* entry)
     }
 }
 
-// The library keeps access control lists apart from the other attributes.
+// libarchive stores ACLs separately from other extended attributes.
 std::vector<std::string> xattrs_of(archive_entry* entry)
 {
     std::vector<std::string> names;
@@ -53,8 +53,8 @@ std::vector<std::string> xattrs_of(archive_entry* entry)
     return names;
 }
 
-// A name that is no UTF-8 though its header says so: the library passes its bytes on as they are,
-// and so does everything here.
+// A pax name that is not valid UTF-8: libarchive passes its bytes on unchanged, and so does this
+// program.
 bool is_harmless(const char* warning)
 {
     return warning != nullptr &&

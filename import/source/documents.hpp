@@ -1,5 +1,5 @@
-// documents.hpp - how the documents of an image are made: names that the format gives, digests, and
-// JSON trees that are built piece by piece. Used by image_config and layout_writer.
+// documents.hpp - helpers for building the documents of an image: names defined by the format,
+// digests and JSON trees. Used by image_config and layout_writer.
 #ifndef ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
 #define ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
 
@@ -13,13 +13,13 @@ namespace zncimport {
 using zncctl::kRefName;
 inline constexpr const char* kManifestType = "application/vnd.oci.image.manifest.v1+json";
 
-// As the library names blobs: "sha256:...".
+// Returns the digest of `bytes` as "sha256:...".
 inline std::string digest_of(std::string_view bytes)
 {
     return zncctl::digest_of("sha256", bytes);
 }
 
-// Takes over what cJSON made, if there was memory for it.
+// Takes ownership of a new cJSON item; throws if it is null because memory ran out.
 inline zncctl::Json made(cJSON* item)
 {
     if (item == nullptr)
@@ -27,7 +27,7 @@ inline zncctl::Json made(cJSON* item)
     return zncctl::Json(item);
 }
 
-// In place of the member of that name, or behind the others.
+// Replaces the member of that name, or appends a new one.
 inline void put(cJSON* object, const char* key, zncctl::Json item)
 {
     const bool there = zncctl::member(object, key) != nullptr;

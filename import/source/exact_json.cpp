@@ -8,7 +8,7 @@
 namespace zncimport {
 namespace {
 
-// Whether a number comes out of a double as it went in.
+// Returns whether a double represents the number exactly.
 bool is_exact(const std::string& number)
 {
     constexpr auto kExactDigits = 15;
@@ -17,7 +17,7 @@ bool is_exact(const std::string& number)
            std::isfinite(std::strtod(number.c_str(), nullptr));
 }
 
-// The place behind the text that begins at `start`.
+// Returns the position after the string literal that begins at `start`.
 std::size_t end_of_text(std::string_view json, std::size_t start)
 {
     std::size_t i = start + 1;
@@ -26,7 +26,7 @@ std::size_t end_of_text(std::string_view json, std::size_t start)
     return i + 1;
 }
 
-// Whether a text between quotes has a NUL in it, written as the only escape that makes one.
+// Returns whether a string literal contains an escaped NUL.
 bool holds_nul(std::string_view text)
 {
     for (std::size_t i = text.find('\\'); i != text.npos; i = text.find('\\', i + 2))

@@ -1,5 +1,5 @@
-// exact_json.hpp - whether a document can be read and written again unchanged. Used where documents
-// of others are read, and where one is written again.
+// exact_json.hpp - checks whether a document can be parsed and written again without change. Used
+// where documents of the source are read, and where one is written again.
 #ifndef ZNC_IMPORT_SOURCE_EXACT_JSON_HPP
 #define ZNC_IMPORT_SOURCE_EXACT_JSON_HPP
 
@@ -7,8 +7,8 @@
 
 namespace zncimport {
 
-// Whether JSON can be read into a tree and be written again without a change of its meaning:
-// numbers become doubles, and texts end at a NUL.
+// Returns whether JSON keeps its meaning when cJSON parses and prints it: numbers become doubles,
+// and strings end at the first NUL.
 bool survives(std::string_view json);
 
 } // namespace zncimport

@@ -28,7 +28,8 @@ class OwningReader : public Reader {
     ReaderPtr reader_;
 };
 
-// A member's name without "." and empty components; nothing if it is absolute or leads upwards.
+// Returns a member's name without "." and empty components, or nothing if it is absolute or
+// contains "..".
 std::optional<std::string> plain_name(std::string_view path)
 {
     if (path.starts_with('/'))
@@ -48,7 +49,8 @@ std::optional<std::string> plain_name(std::string_view path)
     return name;
 }
 
-// Where a symbolic link leads, from the archive's top; nothing if that is outside of it.
+// Returns the target of a symbolic link relative to the top of the archive, or nothing if it is
+// outside.
 std::optional<std::string> linked_name(const std::string& link, std::string_view target)
 {
     std::string at = link.substr(0, link.find('/') == link.npos ? 0 : link.rfind('/'));
@@ -63,7 +65,8 @@ std::optional<std::string> linked_name(const std::string& link, std::string_view
     return plain_name(at.empty() ? std::string(target) : at + "/" + std::string(target));
 }
 
-// The next directory on the way, or the file at its end. A FIFO must not keep anyone waiting.
+// Opens the next directory of the path, or the file at its end. O_NONBLOCK prevents blocking on a
+// FIFO.
 znc::UniqueFd open_step(int directory, const std::string& name, bool last)
 {
     constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
@@ -198,7 +201,7 @@ std::string Documents::take(std::string text, const std::string& digest, std::in
 
 void Documents::count(const std::string& text, const std::string& name)
 {
-    constexpr std::uint64_t kOfFullLength = 16; // so many, or more that are shorter
+    constexpr std::uint64_t kOfFullLength = 16; // in total, this many documents of maximum length
     all_ += text.size();
     if (all_ / kOfFullLength > limit_)
         throw Failure(name, "the documents of all images together are too long (see --max-json)");

@@ -23,9 +23,9 @@ void Budget::take_bytes(const std::string& object, std::uint64_t count)
 void Budget::take_names(const std::string& object, std::uint64_t count)
 {
     constexpr std::uint64_t kPerEntry = 512;
-    constexpr std::uint64_t kAnyway = std::uint64_t{16} << 20U; // for images of few members
+    constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{16} << 20U; // even with few members
     names_ += count;
-    if (names_ > kAnyway && names_ / kPerEntry > limits_.entries)
+    if (names_ > kAlwaysAllowed && names_ / kPerEntry > limits_.entries)
         throw Failure(object,
                       "the names in the image are too long for so many (see --max-entries)");
 }

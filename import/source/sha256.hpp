@@ -1,8 +1,7 @@
-// sha256.hpp - digests of large streams. Used by what reads and writes layers.
+// sha256.hpp - digests of large streams. Used by the code that reads and writes layers.
 //
-// By Nettle, which libarchive brings along anyway and which uses the processor's instructions for
-// it: with the library's Mbed TLS, which does not, digests were half of an import's time. Small
-// documents go through digest.hpp, as everywhere else.
+// Uses Nettle, which libarchive depends on anyway and which uses the SHA instructions of the
+// processor; the Mbed TLS of the library does not. Small documents use digest.hpp.
 #ifndef ZNC_IMPORT_SOURCE_SHA256_HPP
 #define ZNC_IMPORT_SOURCE_SHA256_HPP
 
@@ -19,7 +18,7 @@ class Sha256 {
     Sha256() { nettle_sha256_init(&context_); }
 
     void add(std::span<const std::byte> bytes);
-    // "sha256:..."; once.
+    // Returns "sha256:..."; call it only once.
     std::string text();
 
   private:

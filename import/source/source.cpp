@@ -14,10 +14,10 @@
 namespace zncimport {
 namespace {
 
-// Decompresses, or copies, everything into the spool.
+// Decompresses or copies the whole stream into the spool.
 FilePart spooled(Reader& stream, const std::string& name, Spool& spool, const Limits& limits)
 {
-    // The layers in it count for themselves, later.
+    // A separate budget: the layers are counted later, when they are read.
     Budget budget(limits);
     const ReaderPtr bytes = plain(stream, name, budget);
     const std::uint64_t start = spool.size();
@@ -27,7 +27,8 @@ FilePart spooled(Reader& stream, const std::string& name, Spool& spool, const Li
     return {spool.fd(), {start, spool.size() - start}, name, nullptr};
 }
 
-// The archive as a plain file: where it is, if it can be read in any order, or in the spool.
+// Returns the uncompressed archive: the original file if it is uncompressed and seekable, else a
+// copy in the spool.
 FilePart plain_archive(const OpenedSource& opened, Spool& spool, const Limits& limits)
 {
     const int fd = opened.fd.get();
@@ -87,7 +88,7 @@ bool is_named(const SourceImage& image, const std::string& wanted)
     });
 }
 
-// A root filesystem says nothing about the platform it is for.
+// A root filesystem does not specify a platform and matches any.
 bool is_for(const SourceImage& image, const Wanted& wanted)
 {
     const auto fits = [](const std::string& has, const std::string& asked) {
@@ -160,7 +161,8 @@ OpenedSource open_source(const SourceName& name)
                       errno == ENOENT ? zncctl::kExitNotFound : zncctl::kExitFailure);
     if (standard)
         opened.name.path = "standard input";
-    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) // /dev/zero has no end
+    // for example /dev/zero, which is endless
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         throw Failure(opened.name.path, "is a device");
     opened.directory = S_ISDIR(status.st_mode);
     if (!is_compatible(name.prefix, opened.directory))
@@ -192,8 +194,8 @@ std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
     std::vector<std::size_t> usable;
     std::copy_if(found.begin(), found.end(), std::back_inserter(usable),
                  [&](std::size_t i) { return images[i].problem.empty(); });
-    // Beside an image there are often statements about it in the shape of images, and images for
-    // other platforms of which only the names are there.
+    // A layout often also contains attestations in the form of images, and index entries of other
+    // platforms whose blobs are missing.
     if (found.size() == 1 || usable.size() == 1)
         return usable.empty() ? found[0] : usable[0];
     if (images.empty())

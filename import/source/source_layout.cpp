@@ -10,7 +10,7 @@ namespace {
 
 constexpr int kIndexDepth = 4;
 constexpr std::size_t kDescriptorsMax = 10'000;
-constexpr double kSizeMax = 9007199254740992.0; // beyond it not every number is one
+constexpr double kSizeMax = 9007199254740992.0; // 2^53: doubles are not exact beyond it
 using zncctl::kRefName;
 constexpr const char* kFullName = "io.containerd.image.name";
 
@@ -52,7 +52,7 @@ struct Descriptor {
     std::string type;
     std::string digest;
     std::int64_t size = 0;
-    std::string data; // the blob itself, as Base64; "" if it is not embedded
+    std::string data; // the embedded blob in Base64; "" if there is none
     const cJSON* json = nullptr;
 };
 
@@ -87,7 +87,7 @@ std::string decode(const Descriptor& descriptor)
     return bytes;
 }
 
-// What an index says about an image in it, and about those of an index in it.
+// The properties that an index defines for an image, which nested indexes inherit.
 struct Context {
     std::vector<std::string> names;
     const cJSON* annotations = nullptr;
@@ -117,7 +117,8 @@ class LayoutSource : public Source {
     ReaderPtr open(const Layer& layer) override;
 
   private:
-    // An index is read whatever the version says, but not where readers find different ones.
+    // Any version number is accepted, but duplicate members are refused: parsers disagree about
+    // them.
     void check_version()
     {
         const std::optional<FilePart> file = files_->find("oci-layout");
@@ -141,7 +142,7 @@ class LayoutSource : public Source {
     std::size_t descriptors_ = 0;
 };
 
-// Nothing if the blob is not there.
+// Returns nothing if the blob does not exist.
 std::optional<std::string> LayoutSource::document(const Descriptor& descriptor)
 {
     if (!descriptor.data.empty())
