@@ -21,11 +21,11 @@ std::vector<Entry> read_verified(Source& source, const Layer& layer, Spool& spoo
     diff.drain();
     blob.drain();
     if (layer.size >= 0 && blob.count() != static_cast<std::uint64_t>(layer.size))
-        throw Failure(layer.name, "the blob is not as long as the manifest says");
+        throw Failure(layer.name, "the blob does not have the size given in the manifest");
     if (!layer.digest.empty() && blob.digest() != layer.digest)
-        throw Failure(layer.name, "the blob is not what its digest says");
+        throw Failure(layer.name, "the blob does not match its digest");
     if (!layer.diff_id.empty() && diff.digest() != layer.diff_id)
-        throw Failure(layer.name, "the archive is not what the image's configuration says");
+        throw Failure(layer.name, "the archive does not match the image's configuration");
     return entries;
 }
 

@@ -98,7 +98,7 @@ Outcome work_apart(Work& work)
     while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {
     }
     if (WIFSIGNALED(status))
-        throw Failure("", fmt::format("the process that read the image was ended by signal {}",
+        throw Failure("", fmt::format("the process reading the image was killed by signal {}",
                                       WTERMSIG(status)));
     return read_outcome(text);
 }
@@ -108,7 +108,7 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
 {
     layout.check_tag(tag, outcome.os, outcome.arch, options.replace);
     if (outcome.layers.size() > work.blobs.size())
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     for (std::size_t i = 0; i < outcome.layers.size(); i++)
         layout.keep(work.blobs[i], outcome.layers[i].digest);
     static_cast<void>(layout.add_blob(outcome.config));
@@ -136,8 +136,8 @@ void warn_of_neighbours(const std::string& layout)
     if (images && std::all_of(images->begin(), images->end(), may_be_unpacked))
         return;
     zncctl::print_hint(fmt::format(
-        "the layout also holds an image that cannot be unpacked, and while it does no image of it "
-        "can; 'zncctl image check {}' tells which; a layout of its own avoids that",
+        "the layout also contains an image that cannot be unpacked, and therefore none of its "
+        "images can; run 'zncctl image check {}' to find it, or import into another layout",
         layout));
 }
 
@@ -165,7 +165,7 @@ int import_image(const Options& options)
     const Outcome outcome = work_apart(work);
     tell(options, outcome);
     if (options.strict && outcome.losses != 0)
-        throw Failure("", "something would be lost, and --strict forbids it");
+        throw Failure("", "the import would lose data, which --strict forbids");
     if (layout) {
         const std::string own = outcome.tag.empty() ? zncctl::kDefaultTag : outcome.tag;
         put(*layout, options, work, outcome, options.tag.empty() ? own : options.tag);

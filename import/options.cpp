@@ -81,7 +81,7 @@ Compressor read_compressor(const zncctl::Arguments& args)
     if (has_compressor(compressor))
         return compressor;
     if (args.has("compress"))
-        usage("this program was built without ISA-L; --compress is \"zlib\"");
+        usage("this program was built without ISA-L; use --compress=zlib");
     return Compressor::kZlib;
 }
 

@@ -25,7 +25,7 @@ std::uint64_t number_of(const cJSON* object, const char* key)
     constexpr double kMost = 9007199254740992.0;
     const cJSON* item = member(object, key);
     if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0 && item->valuedouble <= kMost))
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return static_cast<std::uint64_t>(item->valuedouble);
 }
 
@@ -34,7 +34,7 @@ NewLayer layer_of(const cJSON* object)
     NewLayer layer = {text_of(object, "digest"), text_of(object, "diff_id"),
                       number_of(object, "size")};
     if (!is_sha256(layer.digest) || !is_sha256(layer.diff_id))
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return layer;
 }
 
@@ -92,7 +92,7 @@ Outcome read_outcome(const std::string& text)
     outcome.summary = text_of(document.get(), "summary");
     outcome.report = text_of(document.get(), "report");
     if (outcome.layers.empty() || outcome.config.empty() || outcome.manifest.empty())
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return outcome;
 }
 

@@ -96,8 +96,8 @@ std::string LinkHops::target_of(const LinkTarget& target, const std::string& pat
                                 std::size_t layer)
 {
     if (!allowed_)
-        throw Failure(path, fmt::format("is a symbolic link to a name longer than {} bytes; "
-                                        "--long-links=hop leads there in steps",
+        throw Failure(path, fmt::format("is a symbolic link to a name longer than {} bytes; use "
+                                        "--long-links=hop to split it into several links",
                                         kTargetMax));
     const std::span<const std::string> names(target.path());
     std::string at; // the intermediate link reached so far, "" for the root

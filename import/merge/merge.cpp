@@ -48,7 +48,7 @@ Role role_of(const Member& member, const std::vector<std::string>& path)
     if (name.starts_with(kWhiteoutMark)) {
         const std::string hidden = name.substr(kWhiteoutMark.size());
         if (hidden.empty() || hidden == "." || hidden == "..")
-            throw Failure(member.path, "is a whiteout of no name");
+            throw Failure(member.path, "is a whiteout without a name");
         return Role::kWhiteout;
     }
     const bool dropped = path.size() == 1 && member.kind == Kind::kFile && is_index(name);

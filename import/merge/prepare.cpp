@@ -41,7 +41,7 @@ template <class Visit> void for_each_child(Node& directory, const std::string& p
 std::string problem_of(const Node& node, const std::string& path)
 {
     if (node.kind == Kind::kOther || node.kind == Kind::kHardlink)
-        return "it is of a kind that is not known";
+        return "its type is unknown";
     if (node.kind == Kind::kSymlink && node.target.empty())
         return "it is a symbolic link without a target";
     UstarMember member;
@@ -124,7 +124,7 @@ bool Preparation::stays(const Node& node, const std::string& path)
     if (problem.empty())
         return true;
     if (!options_.skip_unrepresentable)
-        throw Failure(path, problem + "; --skip-unrepresentable leaves it out");
+        throw Failure(path, problem + "; use --skip-unrepresentable to leave it out");
     report_.add(Change::kUnrepresentable, path, problem);
     return false;
 }
@@ -135,9 +135,11 @@ bool Preparation::special_stays(const Node& node, const std::string& path)
     const bool device = is_device(node.kind);
     const bool in_dev = path.starts_with("dev/");
     if (!in_dev && options_.devices == Devices::kFail)
-        throw Failure(path, fmt::format("is a {}, which is not made when the image is unpacked; "
-                                        "--devices=drop leaves it out",
-                                        device ? "device" : "FIFO"));
+        throw Failure(
+            path,
+            fmt::format(
+                "is a {}, which unpacking does not create; use --devices=drop to leave it out",
+                device ? "device" : "FIFO"));
     const bool kept = !in_dev && options_.devices == Devices::kKeep;
     std::string detail = kept ? "in the layer, but not made" : "left out";
     if (device)
@@ -182,7 +184,7 @@ bool Preparation::is_copied(const Node& node, const std::string& path)
     if (!wanted)
         return false;
     if (size > limits_.bytes || copied_ > limits_.bytes - size)
-        throw Failure(path, "is one copy of a hard-linked file too many; --max-bytes allows more");
+        throw Failure(path, "exceeds the limit for copies of hard-linked files (see --max-bytes)");
     copied_ += size;
     return true;
 }
@@ -218,8 +220,8 @@ void Preparation::settle_owner(Node& node, const std::string& path)
     std::string detail = fmt::format("{}:{}", node.uid, node.gid);
     if (!fits(node.uid) || !fits(node.gid)) {
         if (!options_.skip_unrepresentable)
-            throw Failure(path, fmt::format("belongs to {}, which the format cannot carry; "
-                                            "--skip-unrepresentable gives it to root",
+            throw Failure(path, fmt::format("belongs to {}, which the format cannot represent; use "
+                                            "--skip-unrepresentable to give it to root",
                                             detail));
         node.uid = fits(node.uid) ? node.uid : 0;
         node.gid = fits(node.gid) ? node.gid : 0;

@@ -55,8 +55,7 @@ class Way {
 
 [[noreturn]] void too_deep(const std::string& object, std::uint64_t depth)
 {
-    throw Failure(object,
-                  fmt::format("is more than {} directories deep; --max-depth allows more", depth));
+    throw Failure(object, fmt::format("is more than {} directories deep (see --max-depth)", depth));
 }
 
 } // namespace
@@ -151,8 +150,9 @@ Node* Tree::descend(std::span<const std::string> names, const Implied* implied)
 Node& Tree::make_directory(Node& parent, const std::string& name, const Implied& implied)
 {
     if (may_imply_ == 0)
-        throw Failure(name, "is one directory too many that no member is for; "
-                            "--max-entries allows more");
+        throw Failure(
+            name,
+            "requires too many directories that have no member of their own (see --max-entries)");
     --may_imply_;
     const auto made = std::make_shared<Node>();
     made->mtime = implied.mtime;

@@ -97,7 +97,7 @@ class Archive {
             const std::size_t most = std::min<std::uint64_t>(left, buffer_.size());
             const std::size_t got = reader->read(std::span(buffer_).first(most));
             if (got == 0)
-                throw Failure(path, "its data is not there any more");
+                throw Failure(path, "its data is missing in the temporary file");
             sink_(std::span<const std::byte>(buffer_).first(got));
             left -= got;
         }

@@ -45,7 +45,7 @@ class ZlibDeflater : public Deflater {
         constexpr int kMemory = 8;
         if (::deflateInit2(&stream_, kLevel, Z_DEFLATED, kRawWindow, kMemory, Z_DEFAULT_STRATEGY) !=
             Z_OK)
-            throw Failure("", "zlib cannot be started");
+            throw Failure("", "zlib cannot be initialized");
     }
     ~ZlibDeflater() override { ::deflateEnd(&stream_); }
     ZlibDeflater(const ZlibDeflater&) = delete;
@@ -89,7 +89,7 @@ class IsalDeflater : public Deflater {
         if (!dictionary.empty() &&
             ::isal_deflate_set_dict(&stream_, const_cast<unsigned char*>(dictionary.data()),
                                     static_cast<std::uint32_t>(dictionary.size())) != COMP_OK)
-            throw Failure("", "ISA-L does not take its dictionary");
+            throw Failure("", "ISA-L rejected its dictionary");
         // Incompressible data are stored in blocks of less than 64 KiB.
         out.resize(data.size() + data.size() / 8 + 4096);
         stream_.next_in = const_cast<unsigned char*>(data.data());

@@ -37,7 +37,7 @@ void check_unique(const cJSON* object, std::initializer_list<const char*> keys)
         cJSON_ArrayForEach(item, object) if (::strcasecmp(item->string, key) == 0)
         {
             if (++found > 1 || std::string_view(item->string) != key)
-                refuse(fmt::format("\"{}\" is there twice, or written otherwise", key));
+                refuse(fmt::format("\"{}\" is present twice or in different case", key));
         }
     }
 }
@@ -69,7 +69,7 @@ std::string rfc3339(std::int64_t seconds)
     std::array<char, 64> text{};
     if (::gmtime_r(&time, &parts) == nullptr || parts.tm_year > 9999 - 1900 ||
         std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-        throw Failure("SOURCE_DATE_EPOCH", "is no time that can be written");
+        throw Failure("SOURCE_DATE_EPOCH", "is not a time that can be represented");
     return text.data();
 }
 
@@ -79,10 +79,10 @@ void check_strings(const cJSON* section, const char* key)
     if (array == nullptr || cJSON_IsNull(array))
         return;
     if (!cJSON_IsArray(array))
-        refuse(fmt::format("\"{}\" is no array", key));
+        refuse(fmt::format("\"{}\" is not an array", key));
     const cJSON* item = nullptr;
     cJSON_ArrayForEach(item, array) if (!cJSON_IsString(item))
-        refuse(fmt::format("\"{}\" holds something that is no text", key));
+        refuse(fmt::format("\"{}\" contains an element that is not a string", key));
 }
 
 // Returns the string value of a member, or "" if it is missing or null.
@@ -260,7 +260,7 @@ void settle_volumes(cJSON* section, Tree& tree, std::size_t layer, Report& repor
 {
     const cJSON* volumes = member(section, "Volumes");
     if (volumes != nullptr && !cJSON_IsNull(volumes) && !cJSON_IsObject(volumes))
-        refuse("\"Volumes\" is no object");
+        refuse("\"Volumes\" is not an object");
     const cJSON* volume = nullptr;
     cJSON_ArrayForEach(volume, volumes)
     {
@@ -278,7 +278,7 @@ cJSON* execution_section(cJSON* config)
     if (section == nullptr || cJSON_IsNull(section))
         put(config, "config", made(cJSON_CreateObject()));
     else if (!cJSON_IsObject(section))
-        refuse("\"config\" is no object");
+        refuse("\"config\" is not an object");
     return cJSON_GetObjectItemCaseSensitive(config, "config");
 }
 
@@ -298,7 +298,7 @@ Json copy_of_config(const SourceImage& image)
     if (given == nullptr || cJSON_IsNull(given))
         return default_config();
     if (!cJSON_IsObject(given))
-        refuse("it is no object");
+        refuse("it is not an object");
     check_unique(given, {"architecture", "os", "variant", "config", "rootfs", "history", "created",
                          "author"});
     return made(cJSON_Duplicate(given, 1));

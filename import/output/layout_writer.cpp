@@ -82,7 +82,7 @@ std::optional<std::string> read_document(int dir, const std::string& name)
     if (!file || ::fstat(file.get(), &st) != 0)
         fail(name);
     if (!S_ISREG(st.st_mode))
-        throw Failure(name, "is no regular file");
+        throw Failure(name, "is not a regular file");
     const auto size = static_cast<std::uint64_t>(st.st_size);
     return read_all(*read_part(file.get(), name, 0, size), name, Limits{}.json);
 }
@@ -111,7 +111,7 @@ std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
     if (!zncctl::is_digest(digest) || !digest.starts_with(kKind))
-        throw Failure(digest, "is no digest of a blob");
+        throw Failure(digest, "is not a valid blob digest");
     return digest.substr(kKind.size());
 }
 
@@ -128,13 +128,13 @@ Json read_index(int dir)
     std::string where;
     Json index = zncctl::parse_json(*text, &where);
     if (index == nullptr)
-        throw Failure(kName, "is no JSON at " + where);
+        throw Failure(kName, "is not valid JSON at " + where);
     if (!cJSON_IsArray(member(index.get(), "manifests")))
-        throw Failure(kName, "\"manifests\" is no array");
+        throw Failure(kName, "\"manifests\" is not an array");
     if (const auto key = zncctl::duplicate_key(index.get()))
         throw Failure(kName, fmt::format("has the key \"{}\" twice", *key));
     if (!survives(*text))
-        throw Failure(kName, "holds a number or a text that cannot be kept as it is");
+        throw Failure(kName, "contains a number or a string that cannot be preserved exactly");
     return index;
 }
 
@@ -256,7 +256,7 @@ void LayoutWriter::State::read_or_begin()
         if (const auto key = zncctl::duplicate_key(document.get()))
             throw Failure(path + "/" + kName, fmt::format("has the key \"{}\" twice", *key));
         if (text_of(document.get(), "imageLayoutVersion") != "1.0.0")
-            throw Failure(path, "is no image layout of version 1.0.0");
+            throw Failure(path, "is not an image layout of version 1.0.0");
     } else {
         if (!names_in(dir.get(), path).empty())
             throw Failure(path, "is neither empty nor an image layout");
@@ -305,11 +305,11 @@ void LayoutWriter::check_tag(const std::string& tag, const std::string& os, cons
     cJSON_ArrayForEach(entry, member(index.get(), "manifests"))
     {
         if (is_image(state_->blobs.get(), entry, tag, os, arch))
-            throw Failure(state_->path,
-                          fmt::format("holds an image {} for {}/{} already; --force puts the new "
-                                      "one in its place",
-                                      tag, os, arch),
-                          zncctl::kExitWrongState);
+            throw Failure(
+                state_->path,
+                fmt::format("already contains an image {} for {}/{}; use --force to replace it",
+                            tag, os, arch),
+                zncctl::kExitWrongState);
     }
 }
 

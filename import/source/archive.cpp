@@ -163,7 +163,7 @@ void ArchiveReader::data(const std::function<void(std::span<const std::byte>)>& 
             library_.fail(name_);
         const auto start = static_cast<std::uint64_t>(offset);
         if (offset < 0 || start < at || start > size_ || count > size_ - start)
-            throw Failure(name_, "a sparse file has its parts in disorder");
+            throw Failure(name_, "the parts of a sparse file are not in order");
         fill_to(start);
         if (count != 0)
             sink({static_cast<const std::byte*>(bytes), count});

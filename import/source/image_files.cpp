@@ -85,7 +85,7 @@ std::optional<FilePart> DirectoryFiles::find(const std::string& path) const
 {
     const std::optional<std::string> name = plain_name(path);
     if (!name || name->empty())
-        throw Failure(path, "is no name of a file in an image");
+        throw Failure(path, "is not a valid file name in an image");
     znc::UniqueFd held;
     for (std::size_t start = 0; start <= name->size();) {
         const std::size_t end = std::min(name->find('/', start), name->size());
@@ -102,7 +102,7 @@ std::optional<FilePart> DirectoryFiles::find(const std::string& path) const
     if (::fstat(held.get(), &status) != 0)
         throw Failure(path, zncctl::error_text());
     if (!S_ISREG(status.st_mode))
-        throw Failure(path, "is no regular file");
+        throw Failure(path, "is not a regular file");
     FilePart part;
     part.owner = std::make_shared<const znc::UniqueFd>(std::move(held));
     part.fd = part.owner->get();
@@ -155,11 +155,11 @@ std::optional<FilePart> ArchiveFiles::find(const std::string& path) const
         else if (place.kind == Kind::kHardlink)
             name = plain_name(place.target);
         else if (place.kind != Kind::kFile || place.sparse)
-            throw Failure(path, place.sparse ? "is a sparse file" : "is no regular file");
+            throw Failure(path, place.sparse ? "is a sparse file" : "is not a regular file");
         else
             return FilePart{whole_.fd, place.extent, path, whole_.owner};
     }
-    throw Failure(path, "is at the end of too many links");
+    throw Failure(path, "goes through too many links");
 }
 
 namespace {
@@ -173,10 +173,10 @@ void check_document(const std::string& text, const std::string& name, const std:
         return;
     zncctl::Digest sum(digest.substr(0, digest.find(':')));
     if (!sum)
-        throw Failure(name, "its digest is of an unknown kind");
+        throw Failure(name, "has a digest of an unknown algorithm");
     sum.add(text.data(), text.size());
     if (sum.text() != digest)
-        throw Failure(name, "is not what its digest says");
+        throw Failure(name, "does not match its digest");
 }
 
 } // namespace

@@ -127,7 +127,7 @@ SourceName split_source_name(const std::string& text)
         result.path.resize(colon);
     }
     if (result.path.empty())
-        throw Failure("", fmt::format("\"{}\" names no file", text), zncctl::kExitUsage);
+        throw Failure("", fmt::format("\"{}\" does not name a file", text), zncctl::kExitUsage);
     return result;
 }
 
@@ -142,7 +142,8 @@ void read_platform(const std::string& text, Wanted& wanted)
     const bool empty = std::any_of(parts.begin(), parts.end(),
                                    [](const std::string& part) { return part.empty(); });
     if (empty || parts.size() < 2 || parts.size() > 3)
-        throw Failure("", fmt::format("\"{}\" is no OS/ARCH[/VARIANT]", text), zncctl::kExitUsage);
+        throw Failure("", fmt::format("\"{}\" is not of the form OS/ARCH[/VARIANT]", text),
+                      zncctl::kExitUsage);
     wanted.os = parts[0];
     wanted.arch = parts[1];
     wanted.variant = parts.size() == 3 ? parts[2] : "";
@@ -166,7 +167,7 @@ OpenedSource open_source(const SourceName& name)
         throw Failure(opened.name.path, "is a device");
     opened.directory = S_ISDIR(status.st_mode);
     if (!is_compatible(name.prefix, opened.directory))
-        throw Failure(name.path, opened.directory ? "is a directory" : "is no directory");
+        throw Failure(name.path, opened.directory ? "is a directory" : "is not a directory");
     return opened;
 }
 
@@ -199,11 +200,11 @@ std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
     if (found.size() == 1 || usable.size() == 1)
         return usable.empty() ? found[0] : usable[0];
     if (images.empty())
-        throw Failure("", "the source holds no image", zncctl::kExitNotFound);
+        throw Failure("", "the source contains no image", zncctl::kExitNotFound);
     if (found.empty())
-        throw Failure("", "no such image in the source, it holds: " + listed(images, all),
+        throw Failure("", "no such image in the source, which contains: " + listed(images, all),
                       zncctl::kExitNotFound);
-    throw Failure("", "several images fit, name one: " + listed(images, found),
+    throw Failure("", "several images match, select one: " + listed(images, found),
                   zncctl::kExitNotFound);
 }
 
@@ -212,9 +213,9 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
     std::string where;
     zncctl::Json json = zncctl::parse_json(text, &where);
     if (!json)
-        throw Failure(name, "is no JSON document: " + where);
+        throw Failure(name, "is not a JSON document: " + where);
     if ((array ? cJSON_IsArray(json.get()) : cJSON_IsObject(json.get())) == 0)
-        throw Failure(name, array ? "is no JSON array" : "is no JSON object");
+        throw Failure(name, array ? "is not a JSON array" : "is not a JSON object");
     if (const auto key = zncctl::duplicate_key(json.get()))
         throw Failure(name, fmt::format("has the key \"{}\" twice", *key));
     return json;
@@ -224,7 +225,8 @@ void read_config(SourceImage& image, const std::string& text, const std::string&
 {
     zncctl::Json config = parse_document(text, name);
     if (!survives(text) && image.problem.empty())
-        image.problem = "its configuration holds a number or a text that cannot be kept as it is";
+        image.problem =
+            "its configuration contains a number or a string that cannot be preserved exactly";
     const auto take = [&](const char* key, std::string& to) {
         if (const std::string value = zncctl::text_of(config.get(), key); !value.empty())
             to = value;
@@ -244,7 +246,7 @@ void read_config(SourceImage& image, const std::string& text, const std::string&
         const char* value = cJSON_GetStringValue(diff);
         const std::string digest = value != nullptr ? value : "";
         if ((!is_digest(digest) || !digest.starts_with("sha256:")) && image.problem.empty())
-            image.problem = "its configuration has a layer's digest that is none";
+            image.problem = "its configuration has an invalid diff ID";
         if (at < image.layers.size())
             image.layers[at++].diff_id = digest;
     }

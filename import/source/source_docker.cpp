@@ -61,7 +61,7 @@ class DockerSource : public Source {
         cJSON_ArrayForEach(item, zncctl::member(entry, "Layers"))
         {
             if (!cJSON_IsString(item))
-                throw Failure("manifest.json", "a layer's name is no text");
+                throw Failure("manifest.json", "a layer's name is not a string");
             image.layers.push_back({item->valuestring, "", "", size_of(item->valuestring)});
             if (image.layers.back().size < 0)
                 image.problem = fmt::format("the layer {} is missing", item->valuestring);

@@ -61,11 +61,11 @@ Descriptor read_descriptor(const cJSON* json, const std::string& where)
     Descriptor result = {zncctl::text_of(json, "mediaType"), zncctl::text_of(json, "digest"), 0,
                          zncctl::text_of(json, "data"), json};
     if (!is_digest(result.digest))
-        throw Failure(where, "has a digest that is none");
+        throw Failure(where, "has an invalid digest");
     const cJSON* size = zncctl::member(json, "size");
     const double number = cJSON_IsNumber(size) != 0 ? size->valuedouble : -1;
     if (!(number >= 0) || number > kSizeMax || number != std::floor(number))
-        throw Failure(where, fmt::format("the size of {} is no number of bytes", result.digest));
+        throw Failure(where, fmt::format("the size of {} is invalid", result.digest));
     result.size = static_cast<std::int64_t>(number);
     return result;
 }
@@ -82,7 +82,7 @@ std::string decode(const Descriptor& descriptor)
     std::size_t size = 0;
     if (mbedtls_base64_decode(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), &size,
                               text, descriptor.data.size()) != 0)
-        throw Failure(descriptor.digest, "the embedded data is no Base64");
+        throw Failure(descriptor.digest, "the embedded data is not valid Base64");
     bytes.resize(size);
     return bytes;
 }
@@ -174,7 +174,7 @@ void LayoutSource::walk(const cJSON* index, const std::string& where, const Cont
                         int depth)
 {
     if (zncctl::member(index, "layers") != nullptr || zncctl::member(index, "config") != nullptr)
-        throw Failure(where, "is an index and a manifest at once");
+        throw Failure(where, "is both an index and a manifest");
     const cJSON* entries = zncctl::member(index, "manifests");
     if (cJSON_IsArray(entries) == 0)
         throw Failure(where, "has no list of manifests");
@@ -195,7 +195,7 @@ void LayoutSource::visit(const Descriptor& descriptor, const Context& context, i
     }
     if (depth == kIndexDepth)
         throw Failure(descriptor.digest,
-                      fmt::format("there are more than {} indexes in each other", kIndexDepth));
+                      fmt::format("indexes are nested more than {} levels deep", kIndexDepth));
     const std::optional<std::string> text = document(descriptor);
     if (!text) {
         images_.push_back(image_of(descriptor, context));
@@ -227,7 +227,7 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
     image.variant = zncctl::text_of(context.platform, "variant");
     image.manifest_digest = descriptor.digest;
     if (!is_manifest(descriptor.type) && !is_index(descriptor.type)) {
-        image.problem = fmt::format("is of the type \"{}\", which is no image", descriptor.type);
+        image.problem = fmt::format("has the type \"{}\", which is not an image", descriptor.type);
         return image;
     }
     const std::optional<std::string> text = document(descriptor);
@@ -239,7 +239,7 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
     const std::string own_type = zncctl::text_of(manifest.get(), "mediaType");
     if (zncctl::member(manifest.get(), "manifests") != nullptr ||
         (!own_type.empty() && own_type != descriptor.type))
-        throw Failure(descriptor.digest, "says that it is of another type than the index says");
+        throw Failure(descriptor.digest, "has a different media type than the index says");
     image.annotations.reset(cJSON_CreateObject());
     copy_annotations(image.annotations, zncctl::member(manifest.get(), "annotations"), false);
     copy_annotations(image.annotations, context.annotations, true);
@@ -252,8 +252,9 @@ void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest)
     const std::string& where = image.manifest_digest;
     const Descriptor config = read_descriptor(zncctl::member(manifest, "config"), where);
     if (config.type != kConfig && config.type != kDockerConfig) {
-        image.problem = fmt::format("its configuration is of the type \"{}\", which is no image's",
-                                    config.type);
+        image.problem = fmt::format(
+            "its configuration has the type \"{}\", which is not that of an image configuration",
+            config.type);
         return;
     }
     read_layers(image, manifest);
@@ -276,8 +277,7 @@ void LayoutSource::read_layers(SourceImage& image, const cJSON* manifest) const
         if (!is_layer(layer.type))
             image.problem = fmt::format("layers of the type \"{}\" cannot be imported", layer.type);
         else if (!layer.digest.starts_with("sha256:"))
-            image.problem =
-                fmt::format("the digest {} is of another kind than sha256", layer.digest);
+            image.problem = fmt::format("the digest {} is not a sha256 digest", layer.digest);
         image.layers.push_back({layer.digest, layer.digest, "", layer.size});
     }
 }

@@ -36,7 +36,7 @@ class PartReader : public Reader {
         if (got < 0)
             throw Failure(name_, zncctl::error_text());
         if (got == 0 && left_ != 0 && !out.empty())
-            throw Failure(name_, "ends too early");
+            throw Failure(name_, "is truncated");
         skip(static_cast<std::uint64_t>(got));
         return static_cast<std::size_t>(got);
     }
@@ -168,7 +168,7 @@ class GzipReader : public Decompressor {
     {
         const std::size_t got = source_.read(in_);
         if (got == 0 && !between_)
-            throw Failure(name_, "the compressed data ends too early");
+            throw Failure(name_, "the compressed data is truncated");
         taken_ += got;
         state_.next_in = reinterpret_cast<Bytef*>(in_.data());
         state_.avail_in = static_cast<uInt>(got);
@@ -237,7 +237,7 @@ class FilterReader : public Decompressor {
         std::array<std::byte, kPart> more{};
         if (used < 0 || static_cast<std::uint64_t>(used) != library_.given() ||
             source_.read(more) != 0)
-            throw Failure(name_, "has other bytes behind its compressed data");
+            throw Failure(name_, "has other data after its compressed data");
     }
 
     Reader& source_;
@@ -265,9 +265,10 @@ class PlainReader : public Reader {
         count_ += got;
         const std::uint64_t ratio = budget_.limits().ratio;
         if (decompressor_ && count_ > kRatioFrom && count_ / ratio > decompressor_->taken())
-            throw Failure(name_, fmt::format("is more than {} times as long as it is when "
-                                             "compressed (see --max-ratio)",
-                                             ratio));
+            throw Failure(
+                name_,
+                fmt::format("expands to more than {} times its compressed size (see --max-ratio)",
+                            ratio));
         return got;
     }
 

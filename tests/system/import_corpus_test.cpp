@@ -169,7 +169,7 @@ void expect_readable(const std::string& error, bool good)
 {
     for (const char c : error)
         EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << error;
-    for (const char* word : {"by signal", "no usable answer", "Sanitizer", "runtime error"})
+    for (const char* word : {"by signal", "an invalid result", "Sanitizer", "runtime error"})
         EXPECT_EQ(error.find(word), error.npos) << error;
     EXPECT_EQ(error.find("zncctl: error: ") != error.npos, !good) << error;
 }

@@ -188,7 +188,7 @@ TEST_F(MergeTest, WhiteoutsOfNoNameAndBelowWhiteoutsAreErrors)
 {
     for (const char* path : {".wh.", "d/.wh.", ".wh..", ".wh..."})
         EXPECT_TRUE(says(failure_of([&] { Merge(limits, report).add_layer({file(path)}); }),
-                         "whiteout of no name"))
+                         "whiteout without a name"))
             << path;
     EXPECT_TRUE(says(problem({{file(".wh.d/f")}}), "below a whiteout"));
 }

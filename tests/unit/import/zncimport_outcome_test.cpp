@@ -36,7 +36,7 @@ std::string problem(const std::string& text)
     }
 }
 
-constexpr const char* kNoAnswer = "the process that read the image gave no usable answer";
+constexpr const char* kNoAnswer = "the process reading the image returned an invalid result";
 
 } // namespace
 

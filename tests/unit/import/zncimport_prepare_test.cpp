@@ -156,7 +156,7 @@ TEST_F(PrepareTest, NamesThatDoNotFitFailAndSayHowToGoOn)
     }
     EXPECT_TRUE(says(problem({file("big", 0, std::uint64_t{1} << 32U)}), "4 GiB"));
     EXPECT_TRUE(says(problem({symbolic("l", "")}), "without a target"));
-    EXPECT_TRUE(says(problem({entry(Kind::kOther, "o")}), "kind"));
+    EXPECT_TRUE(says(problem({entry(Kind::kOther, "o")}), "type"));
 }
 
 TEST_F(PrepareTest, NamesThatDoNotFitAreDroppedOnRequestWithWhatTheyHold)

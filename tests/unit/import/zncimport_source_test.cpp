@@ -316,7 +316,7 @@ TEST(LayoutSource, AConfigurationThatCannotBeWrittenAgainIsAProblem)
     };
     EXPECT_EQ(problem_with(R"("a":"\\u0000","b":123456789012345,"c":"12345678901234567890")"), "");
     for (const char* lost : {R"("a":"x\u0000y")", R"("a":12345678901234567890)", R"("a":[-1e999])"})
-        EXPECT_TRUE(has(problem_with(lost), "cannot be kept as it is")) << lost;
+        EXPECT_TRUE(has(problem_with(lost), "cannot be preserved exactly")) << lost;
 }
 
 TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
@@ -382,7 +382,7 @@ TEST(LayoutSource, DocumentsThatAreNotWhatTheirDigestSaysAreErrors)
         const std::string path = layout.path(text);
         text[text.size() / 2] = static_cast<char>(text[text.size() / 2] ^ 1);
         test_tree::write_file(path, text);
-        EXPECT_TRUE(has(problem_of(layout), "is not what its digest says"));
+        EXPECT_TRUE(has(problem_of(layout), "does not match its digest"));
         test_tree::write_file(path, text + " ");
         EXPECT_TRUE(has(problem_of(layout), "bytes, not"));
         fs::remove(path);
@@ -408,14 +408,12 @@ TEST(LayoutSource, LyingDescriptorsAreErrors)
         return problem_of(layout);
     };
     for (const char* size : {"-1", "1.5", "1e300", "\"5\"", "null", "9223372036854775808"})
-        EXPECT_TRUE(
-            has(with(R"("digest":")" + digest + R"(","size":)" + size), "is no number of bytes"))
+        EXPECT_TRUE(has(with(R"("digest":")" + digest + R"(","size":)" + size), "is invalid"))
             << size;
     for (const std::string& bad :
          {std::string("sha256:../../../etc/passwd"), digest + "0", digest.substr(0, 70),
           "md5:" + std::string(32, 'a'), "sha256:" + std::string(64, 'A'), std::string()})
-        EXPECT_TRUE(has(with(R"("size":1,"digest":")" + bad + "\""), "a digest that is none"))
-            << bad;
+        EXPECT_TRUE(has(with(R"("size":1,"digest":")" + bad + "\""), "an invalid digest")) << bad;
 }
 
 TEST(LayoutSource, WhatIsTwoThingsAtOnceIsAnError)
@@ -473,7 +471,7 @@ TEST(LayoutSource, DeepLongAndBrokenJsonIsAnError)
 {
     const Layout layout;
     layout.write("index.json", std::string(1'000'000, '['));
-    EXPECT_TRUE(has(problem_of(layout), "is no JSON document"));
+    EXPECT_TRUE(has(problem_of(layout), "is not a JSON document"));
     layout.write("index.json", "");
     fs::resize_file(layout.dir / "l/index.json", std::uint64_t{1} << 30U);
     EXPECT_TRUE(has(problem_of(layout), "--max-json"));
@@ -561,7 +559,7 @@ TEST(DockerSource, AConfigurationIsWhatItsNameSays)
     const test_tree::TempDir dir;
     docker_save(dir, "ln -s ../one/layer.tar d/two/layer.tar; "
                      "for f in d/[0-9a-f]*.json; do [ ${#f} -lt 60 ] || echo >>$f; done");
-    EXPECT_TRUE(has(problem_of(dir / "a.tar"), "is not what its digest says"));
+    EXPECT_TRUE(has(problem_of(dir / "a.tar"), "does not match its digest"));
 }
 
 TEST(Detection, AnArchiveWithBothIsALayout)

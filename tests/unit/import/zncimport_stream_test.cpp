@@ -159,7 +159,7 @@ TEST(ReadPart, GivesThatPartAndSaysWhenTheFileIsShorter)
     EXPECT_EQ(content(*read_part(file.get(), "file", 2, 5)), "23456");
     EXPECT_EQ(content(*read_part(file.get(), "file", 10, 0)), "");
     EXPECT_EQ(failure_of([&] { content(*read_part(file.get(), "file", 8, 5)); }),
-              "file: ends too early");
+              "file: is truncated");
     const ReaderPtr reader = read_part(file.get(), "file", 0, 6);
     EXPECT_EQ(reader->skip(4), 4U);
     EXPECT_EQ(reader->skip(4), 2U);
