@@ -1,4 +1,4 @@
-// The checks of documents and archives, and the small files, of zncctl.
+// Tests of zncctl's checks of documents and archives, and of its small files.
 #include "cli/containers/config_check.hpp"
 #include "cli/containers/log_file.hpp"
 #include "cli/images/layer_check.hpp"
@@ -24,7 +24,7 @@ namespace {
 constexpr const char* kGood =
     R"({"ociVersion": "1.0.0", "process": {"args": ["/a"], "cwd": "/"}, "root": {"path": "r"}})";
 
-// "refused process.cwd" or "ignored linux", in order.
+// Returns the findings as "refused process.cwd" or "ignored linux", in order.
 std::vector<std::string> findings(std::string_view text)
 {
     const Json document = parse_json(text);
@@ -36,7 +36,7 @@ std::vector<std::string> findings(std::string_view text)
 
 using Texts = std::vector<std::string>;
 
-// What is found in an archive: "refused: ..." or the loss.
+// Returns the findings for an archive: "refused: ..." or the loss.
 Texts of_archive(const std::string& bytes, const std::string& diff_id = "")
 {
     const layout::TempDir dir;
@@ -121,7 +121,7 @@ TEST(ConfigCheck, RefusesListsThatDoNotMeanWhatTheySay)
     const auto of = [](std::string_view text) { return ambiguity(parse_json(text).get()); };
     EXPECT_EQ(of(R"({"mounts": [{"options": [5, "ro"]}]})"),
               "mounts[0].options[0]: expected a string, found a number");
-    EXPECT_EQ(of(R"({"process": {}})"), ""); // the library says what is missing
+    EXPECT_EQ(of(R"({"process": {}})"), ""); // the library reports missing members
     EXPECT_EQ(of(R"({"annotations": {"a": "1", "a": "2"}})"), "");
 }
 
@@ -186,7 +186,7 @@ TEST(LayerCheck, NamesWhatIsLeftOut)
     layout::Member program = {"su"};
     program.mode = 04755;
     EXPECT_EQ(of_members({program}), Texts{"set-id or sticky bit: dropped"});
-    EXPECT_EQ(of_members({layout::directory("tmp/", 01777)}), Texts{}); // put back by run
+    EXPECT_EQ(of_members({layout::directory("tmp/", 01777)}), Texts{}); // restored by zncctl run
     EXPECT_EQ(of_members({layout::directory("mail/", 02775)}),
               Texts{"set-id or sticky bit: dropped"});
 }
@@ -218,7 +218,7 @@ TEST(LayerCheck, NamesArchivesThatAreDamagedOrOfAnotherKind)
     EXPECT_EQ(of_archive(good, "sha256:" + layout::sha256_hex(good)), Texts{});
 }
 
-// With another size it would take the content for members, or members for content.
+// With a different size the reader would treat content as headers, or headers as content.
 TEST(LayerCheck, ReadsNumbersWithASignAsTheExtractorDoes)
 {
     const std::string inner = layout::tar({{".wh.hidden"}});
@@ -327,7 +327,7 @@ TEST(DuplicateKey, KeysThatAreDataDifferInCase)
 
 namespace {
 
-// What read_layout says of a layout; "" when it is read.
+// Returns the problem that read_layout reports; "" if the layout is valid.
 std::string layout_problem(const layout::Layout& made, bool* refused)
 {
     std::string problem;

@@ -1,4 +1,5 @@
-// The registry's list as a row of identities: it finds what the list holds, in the list's order.
+// Tests of the registry's index: it finds exactly the containers in the list, in the order of the
+// list.
 #include "zncContextIndex.hpp"
 
 #include <gtest/gtest.h>
@@ -68,7 +69,7 @@ TEST_F(Contexts, LeaveTheOthersInTheirOrder)
 
 TEST_F(Contexts, AreTheSameInAsManyCharactersAsAreKept)
 {
-    // A context keeps 254 characters: what is longer names none.
+    // A context stores 254 characters of an id, so a longer id matches none.
     CONTAINER_CTX* const longest = append(std::string(254, 'x'));
     EXPECT_EQ(index_.find(std::string(254, 'x').c_str()), longest);
     EXPECT_EQ(index_.find(std::string(255, 'x').c_str()), nullptr);

@@ -1,5 +1,5 @@
-// Layers that are extracted while their digests are still computed: what is seen of it, which is
-// nothing, and what is left when it was in vain, which is nothing either.
+// Tests of extracting layers while their digests are still being computed: nothing is visible
+// before the digest has been verified, and nothing is left if verification fails.
 #include "zncImageLib.hpp"
 #include "zncLayerStage.hpp"
 #include "zncTarLib.hpp"
@@ -21,7 +21,7 @@
 #include <pthread.h>
 #include <sys/wait.h>
 
-// Before 3.0 the call that reports a failure has a name of its own.
+// Before version 3.0 the function that reports a failure has a different name.
 #if MBEDTLS_VERSION_NUMBER < 0x03000000
 #define REAL_FINISH __real_mbedtls_sha256_finish_ret
 #define WRAP_FINISH __wrap_mbedtls_sha256_finish_ret
@@ -42,7 +42,7 @@ int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*m
 
 namespace {
 
-// Called when all of a blob has been read and its digest is not compared yet.
+// Called when a blob has been read completely and its digest has not been compared yet.
 std::function<void()> before_verdict;
 bool no_tasks = false;
 
@@ -63,7 +63,7 @@ std::set<std::string> names_in(const fs::path& dir)
     return names;
 }
 
-// Large enough to be worth a task of its own.
+// Large enough to be processed by a separate thread.
 std::string large_layer(const std::vector<layout::Member>& more = {})
 {
     std::vector<layout::Member> members(kFiles);
@@ -105,14 +105,14 @@ class Ahead : public ::testing::Test {
     {
         return store_ / layout::sha256_hex(layer);
     }
-    // Another byte in the last file's content: the archive is as good as before.
+    // Changes a byte in the content of the last file: the archive remains valid.
     void damage(const std::string& layer) const
     {
         std::string bytes = layer;
         bytes.at(bytes.rfind("content")) = 'C';
         layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(layer)), bytes);
     }
-    // The temporary directory of a layer, once it holds the last file.
+    // Returns the temporary directory of a layer, once the last file exists in it.
     [[nodiscard]] fs::path wait_for_stage() const
     {
         for (int round = 0; round < 100'000; ++round) {
@@ -123,7 +123,7 @@ class Ahead : public ::testing::Test {
         }
         return {};
     }
-    // Has the layer extracted before its digest is found right or wrong.
+    // Makes sure that the layer has been extracted before its digest is compared.
     void extract_before_verdict()
     {
         before_verdict = [this] {
@@ -137,7 +137,8 @@ class Ahead : public ::testing::Test {
         EXPECT_FALSE(fs::exists(bundle_));
     }
 
-    // The manifest, the configuration and the chain of identifiers come before the layer.
+    // The digests of the manifest, the configuration and the chain of identifiers are computed
+    // before that of the layer.
     static constexpr int kLayerVerdict = 4;
 
     layout::TempDir dir_;
@@ -150,7 +151,7 @@ class Ahead : public ::testing::Test {
     fs::path stage_;
 };
 
-// Tests that see the work itself need a processor for it.
+// Tests that observe the parallel work need a second processor.
 class AheadSeen : public Ahead {
   protected:
     void SetUp() override
@@ -293,7 +294,7 @@ TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
     add(wanted, "second");
     std::set<std::string> seen;
     before_verdict = [&] {
-        // Until the second image's layer is read nothing may be there.
+        // Nothing may exist until the layer of the second image is read.
         if (++verdicts_ <= 2 * kLayerVerdict - 1)
             seen.merge(names_in(store_));
         else if (stage_.empty())
@@ -305,7 +306,7 @@ TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(wanted)});
 }
 
-// What is parsed is what was verified, whatever stands in the layout by then.
+// Exactly the verified bytes are parsed, even if the file in the layout has changed since.
 TEST_F(Ahead, DocumentsThatChangeOnceTheyWereReadDoNotMatter)
 {
     add(layer_);
@@ -322,8 +323,8 @@ TEST_F(Ahead, DocumentsThatChangeOnceTheyWereReadDoNotMatter)
     EXPECT_GE(verdicts_, kLayerVerdict);
 }
 
-// A layer that an earlier manifest named is verified once; what is extracted later is verified
-// again.
+// A layer named by an earlier manifest is verified only once; a layer that is extracted later is
+// verified again.
 TEST_F(Ahead, ALayerThatChangesAfterItWasVerifiedIsNotStored)
 {
     Image image;
@@ -378,13 +379,13 @@ TEST_F(Ahead, ALayerThatCannotBeExtractedFailsAsEver)
 {
     add(large_layer({{"../out", "x"}}), "outside");
     std::string damaged = layer_;
-    damaged[0] ^= 1; // in the first header
+    damaged[0] ^= 1; // a byte of the first header
     add(damaged, "damaged");
     EXPECT_EQ(unpack("outside"), ERROR);
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(unpack("damaged"), ERROR);
     EXPECT_EQ(errno, 0);
-    EXPECT_TRUE(fs::exists(store_)); // it had come that far
+    EXPECT_TRUE(fs::exists(store_)); // the unpack has come this far
     EXPECT_TRUE(names_in(store_).empty());
     EXPECT_FALSE(fs::exists(bundle_));
 }
@@ -416,7 +417,7 @@ TEST_F(Ahead, ALayerNamedTwiceIsStoredOnce)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
 }
 
-// Enough of them for two tasks to come to what was extracted of them at the same time.
+// Enough layers for two threads to reach already extracted layers at the same time.
 TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
 {
     Image image;

@@ -1,4 +1,4 @@
-// What a storage base forgets when it is collected, and what it keeps.
+// Tests of what a collection removes from a storage base, and what it keeps.
 #include "zncImageLib.hpp"
 #include "zncStoreLock.hpp"
 #include "zncStoreTree.hpp"
@@ -237,7 +237,7 @@ TEST_F(StoreCollect, WithoutAStoreThereIsNothingToDoAndNothingIsMade)
     EXPECT_EQ(errno, EINVAL);
 }
 
-// Whoever is stopped while he clears up what the dead left holds nobody up.
+// A process that is stopped while it removes leftovers does not block others.
 TEST_F(StoreCollect, LeftoversAreDeletedUnderTheSharedLock)
 {
     fs::create_directories(base_ + "/layers/.unpack-abcdef");
