@@ -1,4 +1,4 @@
-// What strangers write into images, through all of the reading process's work.
+// Tests with hostile images that run all the work of the worker process.
 #include "import/convert.hpp"
 #include "layout_builder.hpp"
 #include "zncimport_input.hpp"
@@ -43,7 +43,8 @@ TEST(Hostile, OnlyATagIsTakenForOne)
     EXPECT_EQ(tag_from("app:" + std::string(129, 'a')), "");
 }
 
-// One line for each of a million files is much to hand from process to process for nothing.
+// A report with a line for each of a million files is not sent between the processes unless it was
+// requested.
 TEST(Hostile, TheReportIsWrittenOnlyForWhoAskedForIt)
 {
     const test_tree::TempDir dir;
@@ -59,7 +60,7 @@ TEST(Hostile, TheReportIsWrittenOnlyForWhoAskedForIt)
     EXPECT_EQ(with.layers.at(0).digest, without.layers.at(0).digest);
 }
 
-// ".." again and again, from far down: each step is one look, not one for each directory above.
+// Many ".." in a deep directory: each must cost one lookup, not one for each parent directory.
 TEST(Hostile, LongTargetsThatGoUpAndDownLeadWhereTheySay)
 {
     const test_tree::TempDir dir;

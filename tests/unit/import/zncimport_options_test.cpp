@@ -1,4 +1,4 @@
-// What the words of `zncctl import` mean.
+// Tests of the options of `zncctl import`.
 #include "import/options.hpp"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ zncctl::Arguments words(const std::map<std::string, std::string>& options,
     return args;
 }
 
-// What is wrong with them; "" if nothing.
+// Returns the error message for the arguments; "" if they are valid.
 std::string problem(const std::map<std::string, std::string>& options)
 {
     try {

@@ -1,4 +1,4 @@
-// What the process that reads an image tells the other.
+// Tests of the result that the worker process sends to its parent.
 #include "import/outcome.hpp"
 
 #include <gtest/gtest.h>
@@ -81,7 +81,7 @@ TEST(Outcome, WhatIsNoneIsRefused)
         EXPECT_EQ(problem(good.substr(0, length)), kNoAnswer) << length;
 }
 
-// A digest becomes the name of a file.
+// Digests are used as file names.
 TEST(Outcome, OnlyDigestsAreTakenForDigests)
 {
     for (const std::string& digest :

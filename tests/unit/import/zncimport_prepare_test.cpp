@@ -1,5 +1,5 @@
-// zncimport_prepare_test.cpp - the shape that the merged tree gets for the new layer, and what is
-// said about it.
+// zncimport_prepare_test.cpp - tests of how the merged tree is changed for the new layer, and of
+// what is reported.
 #include "import/merge/prepare.hpp"
 #include "zncimport_layers.hpp"
 
@@ -37,7 +37,7 @@ class PrepareTest : public testing::Test {
     {
         return failure_of([&] { prepared(layer); });
     }
-    // "word path" of each item, and its detail behind a colon.
+    // Returns "word path" of each item, followed by ":" and its detail.
     [[nodiscard]] Names items() const
     {
         Names result;

@@ -1,4 +1,4 @@
-// Sources of every kind, which image of one is meant, and what hostile ones try.
+// Tests of sources of every kind, of the selection of an image, and of hostile sources.
 #include "import/source/source.hpp"
 #include "zncimport_input.hpp"
 
@@ -44,7 +44,7 @@ std::string index_of(const std::string& entries)
     return R"({"schemaVersion":2,"manifests":[)" + entries + "]}";
 }
 
-// A layout that is written blob by blob.
+// A layout written blob by blob.
 struct Layout {
     test_tree::TempDir dir;
 
@@ -92,7 +92,7 @@ struct Opened {
 
     explicit Opened(const std::string& text, const Limits& with = {}) : limits(with)
     {
-        std::setlocale(LC_CTYPE, "C.UTF-8"); // as the program does
+        std::setlocale(LC_CTYPE, "C.UTF-8"); // as zncctl-import does
         budget = std::make_unique<Budget>(limits);
         source = open_source(split_source_name(text));
         reader = read_source(source, spool, *budget);
@@ -114,7 +114,7 @@ std::string problem_of(const Layout& layout, const Limits& limits = {})
     return problem_of(layout.dir / "l", limits);
 }
 
-// An archive in the older format: two images that share a layer by a link.
+// A docker-archive with two images that share a layer through a link.
 void docker_save(const test_tree::TempDir& dir, const std::string& how)
 {
     const std::string config = config_of("amd64", "layer");
@@ -282,7 +282,7 @@ TEST(LayoutSource, EmbeddedDataIsTaken)
     EXPECT_NE(problem_of(layout), "");
 }
 
-// Builders put statements of where an image comes from beside it, in the shape of a manifest.
+// Builders store attestations of an image's provenance next to it, in the form of a manifest.
 TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
 {
     const Layout layout;
@@ -292,7 +292,7 @@ TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
     layout.index(statement + "," + image);
     EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 1U);
     layout.index(statement);
-    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 0U); // which tells why
+    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 0U); // which reports the reason
     layout.index(statement + "," + statement);
     EXPECT_NE(failure_of([&] { choose(Opened(layout.dir / "l").images(), {}); }), "");
     layout.index(image + "," + image);
@@ -438,7 +438,7 @@ TEST(LayoutSource, DeepAndEndlessIndexesAreErrors)
         EXPECT_EQ(problem_of(layout).empty(), depth < 5) << depth;
         index = layout.add(index_of(descriptor(kIndexType, index)));
     }
-    // One that holds itself can only be there under a digest that is not its own.
+    // An index that contains itself can only exist under a digest that does not match.
     const std::string claimed = sha256("cycle");
     const std::string self = index_of(R"({"mediaType":")" + kIndexType + R"(","digest":")" +
                                       claimed + R"(","size":180})");

@@ -1,4 +1,4 @@
-// Parts of files, decompression and its limits, and the file that keeps data on its way.
+// Tests of parts of files, decompression and its limits, and the spool.
 #include "import/source/stream.hpp"
 #include "zncimport_input.hpp"
 
@@ -31,7 +31,7 @@ std::string problem_of(const std::string& stored, const Limits& limits = {})
     return failure_of([&] { static_cast<void>(plain_of(stored, SIZE_MAX, limits)); });
 }
 
-// What a program makes of a text.
+// Returns a text compressed by a program.
 std::string packed(const std::string& program, const std::string& text)
 {
     const test_tree::TempDir dir;

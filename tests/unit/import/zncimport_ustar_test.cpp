@@ -1,4 +1,4 @@
-// Headers of ustar archives, and what has no place in one.
+// Tests of ustar headers, and of members that cannot be represented in one.
 #include "import/merge/ustar.hpp"
 
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ std::string text_field(const Block& block, std::size_t at, std::size_t size)
     return std::string(field(block, at, size).c_str());
 }
 
-// A name of two parts of these lengths.
+// Returns a path of two components of these lengths.
 std::string parts(std::size_t prefix, std::size_t name)
 {
     return std::string(prefix, 'p') + "/" + std::string(name, 'n');
@@ -96,7 +96,7 @@ TEST(UstarHeader, KeepsTheSlashOfADirectoryInItsName)
     EXPECT_EQ(text_field(ustar_header(directory), 0, 100), std::string(99, 'n') + "/");
     directory.path = parts(155, 100) + "/";
     EXPECT_NE(ustar_problem(directory), "");
-    directory.path = std::string(100, 'a') + "/"; // no name may be left over
+    directory.path = std::string(100, 'a') + "/"; // no part of the name may be left over
     EXPECT_NE(ustar_problem(directory), "");
 }
 
