@@ -1,4 +1,4 @@
-// corpus_images.hpp - image layouts that are wrong in one place, as a table.
+// corpus_images.hpp - a table of image layouts with a single error.
 #ifndef CORPUS_IMAGES_HPP
 #define CORPUS_IMAGES_HPP
 
@@ -33,7 +33,7 @@ class Draft {
 
     void write(const layout::Layout& layout);
 
-    // Of what was written, for damage done afterwards.
+    // Properties of what was written, for later damage.
     layout::fs::path layer_file, config_file, manifest_file, index_file, version_file;
     [[nodiscard]] const std::string& layer() const { return layer_; }
 
@@ -48,10 +48,10 @@ class Draft {
 
 struct ImageCase {
     std::string name;
-    int code; // the error number; -1: it is right
+    int code; // the expected error number; -1: the image is valid
     std::map<std::string, std::string> set = {};
-    std::function<void(const Draft&)> then = nullptr; // after it was written
-    // Where a right image leads to: JSON text by its path in "config.json" ("process.cwd").
+    std::function<void(const Draft&)> then = nullptr; // runs after the image was written
+    // For a valid image, the expected JSON text by path in "config.json" ("process.cwd").
     std::map<std::string, std::string> configuration = {};
 };
 
