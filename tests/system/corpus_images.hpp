@@ -14,19 +14,19 @@ namespace corpus {
 // An image of one layer with one file. Every value can be replaced by another JSON text, by its
 // place:
 //
-//     oci-layout index manifest config             whole documents; $DOC is the right one
-//     entry.digest config.size layer.mediaType     values of the three descriptors; $D are the
-//     right
-//                                                  digits, $N the right size, $N+1 and $N-1 beside
-//                                                  it
-//     manifest.first manifest.extra                members put before and behind the others; the
-//     same
-//                                                  for index, document (the configuration) and
-//                                                  entry
-//     section diff_ids layers                      the configuration's "config" and "diff_ids", the
-//                                                  manifest's "layers" ($DOC is the right one)
+//     oci-layout index manifest config
+//         whole documents; $DOC is the original one
+//     entry.digest config.size layer.mediaType
+//         values of the three descriptors; $D are the original digits, $N is the original size, and
+//         $N+1 and $N-1 are the sizes next to it
+//     manifest.first manifest.extra
+//         members added before and after the others; the same for index, document (the
+//         configuration) and entry
+//     section diff_ids layers
+//         the configuration's "config" and "diff_ids", and the manifest's "layers" ($DOC is the
+//         original one)
 //
-// The empty text leaves a value out. Digests and sizes are those of what was written.
+// The empty text omits a value. Digests and sizes are those of what was written.
 class Draft {
   public:
     std::map<std::string, std::string> set;

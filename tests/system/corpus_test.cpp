@@ -1,8 +1,8 @@
-// Hostile archives, from the tables in tests/data/corpus, each extracted by itself and as a layer
-// in every kind of storage. What a table says besides the archive:
+// Tests with hostile archives from the tables in tests/data/corpus, each extracted directly and as
+// a layer in every kind of storage. Besides the archive, a table contains:
 //
-//     expect ok|none|ERRNO       the result (ok if it says nothing); none: an error without a
-//     number holds ENTRY...             all of the tree afterwards, in the writing of the members
+//     expect ok|none|ERRNO       the result (default: ok); none: an error without a number
+//     holds ENTRY...             the complete resulting tree, in the notation of the members
 //     mode PATH MODE, mtime PATH SECONDS
 //     layered ok|none|ERRNO      the result where the layers are stored one by one
 #include "corpus_world.hpp"
