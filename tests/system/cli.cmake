@@ -1,4 +1,4 @@
-# The front ends from outside: zncctl and zncd as a user runs them, each script in a sandbox.
+# Tests of zncctl and zncd as a user runs them, each script in a sandbox.
 function(znc_cli_test NAME)
     add_test(NAME ${NAME} COMMAND znc_sandbox ${ARGN} -- ${CMAKE_CURRENT_SOURCE_DIR}/${NAME}.sh)
     set_tests_properties(${NAME} PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77
@@ -16,7 +16,7 @@ znc_cli_test(cli_terminal)
 znc_cli_test(cli_raw)
 znc_cli_test(cli_streams)
 
-# Runs in containers, where there is nothing but itself: static and of no sanitizer.
+# Runs in containers without any other file: static and without sanitizers.
 add_executable(znc_forger ${PROJECT_SOURCE_DIR}/tests/support/forger.c)
 target_compile_definitions(znc_forger PRIVATE _GNU_SOURCE)
 target_compile_options(znc_forger PRIVATE -Wall -Wextra -Wshadow -Wconversion -Werror)

@@ -1,5 +1,5 @@
 # cli_lib.sh - sourced by the cli_*.sh tests. Each check prints one line, "ok - NAME" or "not ok - NAME";
-# finish prints the sum and ends with 1 if any failed.
+# finish prints a summary and exits with 1 if any check failed.
 #
 # Needs ZNCCTL and ZNCD, the programs to test, and a sandbox: it starts daemons and makes mounts.
 # shellcheck shell=bash disable=SC2120,SC2119
@@ -12,7 +12,7 @@ daemon=
 passed=0
 failed=0
 out='' err='' status=0
-# Programs in containers are recognised from outside by how long they sleep.
+# Programs in containers are identified from outside by the duration of their sleep.
 mark=$((900000 + $$ % 90000))
 
 zncctl() { "$ZNCCTL" "$@"; }
@@ -39,12 +39,12 @@ check() {
     fi
 }
 
-# expect NAME STATUS OUT ERR: the last run gave exactly these.
+# expect NAME STATUS OUT ERR: checks that the last run produced exactly these.
 expect() {
     check "$1" test "$status/$out/$err" = "$2/$3/$4"
 }
 
-# error_line: what the one error line of the last run says.
+# error_line: prints the only error line of the last run.
 error_line() { sed -n 's/^zncctl: error: //p' "$work/err"; }
 
 # fails_with NAME STATUS MESSAGE: nothing on standard output, and one error line on standard error
@@ -125,7 +125,7 @@ need() {
     exit 77
 }
 
-# Whether a process of this run's containers still lives (zombies do not count).
+# Returns whether any process of this run's containers is still running (zombies do not count).
 program_lives() {
     local proc words
     for proc in /proc/[0-9]*; do

@@ -1,4 +1,4 @@
-# Containers against the real daemon, through the shared library.
+# Tests of containers with the real daemon and the shared library.
 add_executable(containers_test containers_test.cpp ${PROJECT_SOURCE_DIR}/tests/support/ledger.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/daemon_process.cpp)
 target_include_directories(containers_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)

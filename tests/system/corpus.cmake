@@ -1,4 +1,5 @@
-# Hostile archives and images: tables of cases, each extracted beside directories full of bait.
+# Tests with hostile archives and images: tables of cases, each extracted next to directories that must not
+# change.
 find_package(ZLIB REQUIRED)
 set(CORPUS_SUPPORT
     corpus_world.cpp
@@ -21,6 +22,6 @@ znc_corpus_test(corpus_test)
 znc_corpus_test(corpus_image_test corpus_documents.cpp corpus_images.cpp)
 znc_corpus_test(corpus_race_test)
 znc_corpus_test(truncation_test)
-if(NOT ZNC_SANITIZE) # memory is measured
+if(NOT ZNC_SANITIZE) # the test measures memory
     znc_corpus_test(corpus_limits_test)
 endif()

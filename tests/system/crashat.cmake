@@ -1,12 +1,12 @@
-# Faults at each system call: a process of the system is killed there, or the call fails. The suite
-# tries a sample of the points; with ZNC_TEST_ALL in the environment, and by hand, all are tried.
+# Fault injection at system calls: a process is killed there, or the call fails. The test suite tries a sample
+# of the points; with ZNC_TEST_ALL in the environment all are tried.
 if(NOT ZNC_SANITIZE)
     add_executable(crashat crashat.cpp crashat_tracer.cpp crashat_world.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/ledger.cpp)
     target_include_directories(crashat PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
     target_link_libraries(crashat PRIVATE znc_flags zncontainer mbedcrypto)
-    set(CRASHAT_SAMPLE_kill 50) # of each operation
+    set(CRASHAT_SAMPLE_kill 50) # points per operation
     set(CRASHAT_SAMPLE_errno 16)
     foreach(MODE kill errno)
         add_test(NAME crashat_${MODE} COMMAND znc_sandbox --
@@ -16,8 +16,8 @@ if(NOT ZNC_SANITIZE)
     endforeach()
 endif()
 
-# Unpacks and collections killed at random system calls, and what is left of the store: KILL_ROUNDS=200
-# for more of them.
+# Unpacks and garbage collections killed at random system calls, and the resulting state of the store.
+# KILL_ROUNDS=200 does more of them.
 if(NOT ZNC_SANITIZE)
     add_executable(store_kill_test store_kill_test.cpp crashat_tracer.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/layout_builder.cpp)

@@ -1,4 +1,4 @@
-# The same archives, layouts and documents read by us and by others.
+# Compares the library with other tools on the same archives, layouts and documents.
 find_package(ZLIB REQUIRED)
 add_executable(differential_test differential_json_test.cpp differential_tar_test.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/tarforge.cpp)

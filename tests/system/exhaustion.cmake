@@ -1,4 +1,4 @@
-# What happens when something runs out or is in the way, and whether anything is lost in the long run.
+# Tests of exhausted resources and other obstacles, and of leaks in long runs.
 function(znc_exhaustion_test NAME)
     add_executable(${NAME} ${ARGN}
         ${PROJECT_SOURCE_DIR}/tests/support/daemon_process.cpp
@@ -21,7 +21,7 @@ znc_exhaustion_test(exhaustion_stuck_test exhaustion_stuck_test.cpp)
 znc_exhaustion_test(soak_test soak_test.cpp)
 znc_exhaustion_test(unpack_race_test unpack_race_test.cpp)
 
-# Whole flows on the library's objects: the daemon's task within the test, allocations that fail.
+# Complete flows with the library's objects: the daemon task runs within the test, and allocations fail.
 foreach(NAME alloc_flow_test eintr_test)
     add_executable(${NAME} ${NAME}.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/alloc_fault.cpp

@@ -1,4 +1,4 @@
-# What the built files are protected with. Sanitizers and counters are not what is delivered.
+# Checks the hardening of the built files. Builds with sanitizers or coverage are not delivered.
 if(NOT ZNC_SANITIZE AND NOT ZNC_COVERAGE)
     add_test(NAME hardening_test
         COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/hardening_test.sh

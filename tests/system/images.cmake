@@ -1,4 +1,5 @@
-# Real images: written by umoci, copied by skopeo, unpacked here and by umoci, and compared.
+# Real images: written by umoci, copied by skopeo, unpacked by the library and by umoci, and compared. The
+# layouts are created once and kept, in ZNC_TEST_CACHE if that is set when the tests run.
 add_executable(unpack_driver ${PROJECT_SOURCE_DIR}/tests/support/unpack_driver.cpp)
 target_link_libraries(unpack_driver PRIVATE znc_flags zncontainer)
 

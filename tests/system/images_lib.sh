@@ -1,8 +1,8 @@
 # images_lib.sh - sourced by the images_*.sh tests. Each check prints "ok - NAME" or "not ok - NAME";
 # finish prints the sum and ends with 1 if any failed.
 #
-# Needs UNPACK_DRIVER, the program to test, and ZNC_TEST_CACHE, the directory where images_fixture.sh made
-# the layouts (or ZNC_TEST_CACHE_DEFAULT). What is unpacked goes to a directory beside them and away again.
+# Needs UNPACK_DRIVER, the program to test, and ZNC_TEST_CACHE, the directory where images_fixture.sh created
+# the layouts (or ZNC_TEST_CACHE_DEFAULT). Images are unpacked to a temporary directory next to them.
 # shellcheck shell=bash
 set -euo pipefail
 
@@ -14,7 +14,7 @@ export ZNC_BASE=$work/storage
 passed=0
 failed=0
 
-# A stack that is still mounted keeps its directories; it goes first.
+# Unmount overlay devices first, because they keep their directories busy.
 clean_up() {
     local device
     for device in /overlay/*; do
@@ -40,8 +40,8 @@ check() {
 not() { ! "$@"; }
 driver() { "$UNPACK_DRIVER" "$@"; }
 
-# reference TAG: the image of that tag as umoci unpacks it; sets `expected`. The layouts hold the same
-# images, so one reference serves them all.
+# reference TAG: unpacks the image of that tag with umoci; sets `expected`. All layouts contain the same
+# images, so one reference serves for all.
 reference() {
     expected=$work/expected.$1
     [[ -e $expected ]] || umoci raw unpack --image "debian:$1" "$expected" >"$work/umoci.log" 2>&1 ||

@@ -1,7 +1,7 @@
-# zncctl import from outside: images by real tools, compared with the trees that other tools make of them,
+# Tests of zncctl import: images made by real tools, compared with the trees that other tools make of them,
 # and the corpus of hostile archives and images.
 
-# znc_import_test(NAME): in the sandbox of the other front end tests.
+# znc_import_test(NAME): runs the test in the sandbox of the other tests of zncctl.
 function(znc_import_test NAME)
     znc_cli_test(${NAME})
     set_property(TEST ${NAME} APPEND PROPERTY ENVIRONMENT
@@ -12,7 +12,7 @@ znc_import_test(cli_import_tars)
 znc_import_test(cli_import_images)
 znc_import_test(cli_import_buildah)
 znc_import_test(cli_import_limits)
-if(NOT ZNC_SANITIZE) # a whole system takes them too long
+if(NOT ZNC_SANITIZE) # a complete system takes too long with sanitizers
     znc_import_test(cli_import_debian)
     znc_import_test(cli_import_kill)
     set_tests_properties(cli_import_debian PROPERTIES FIXTURES_REQUIRED image_layouts)

@@ -1,5 +1,5 @@
-# The packages: built from this build, looked at, installed in a clean root, and used. cpack packs what is
-# built; it does not build.
+# The packages: made from this build with cpack (which does not build anything), checked, installed in a clean
+# root, and used.
 if(NOT ZNC_SANITIZE)
     set(PACKAGES_ENVIRONMENT "ZNC_BUILD_DIR=${CMAKE_BINARY_DIR}"
         "ZNC_TEST_CACHE_DEFAULT=${CMAKE_BINARY_DIR}/testcache")

@@ -1,5 +1,5 @@
-# The probe: every way out of a container, tried from inside. It is static and of no sanitizer, since
-# it runs where there is nothing but itself.
+# The probe tries every way out of a container from inside. It is static and without sanitizers, because its
+# container has no other file.
 file(GLOB PROBE_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/support/probe/*.c)
 add_executable(znc_probe ${PROBE_SOURCES})
 target_compile_definitions(znc_probe PRIVATE _GNU_SOURCE)
@@ -7,7 +7,8 @@ target_compile_options(znc_probe PRIVATE -Wall -Wextra -Wshadow -Wconversion -We
 target_link_options(znc_probe PRIVATE -static)
 target_link_libraries(znc_probe PRIVATE rt)
 
-# The platform beside the library: a test brings further programs into a container's namespace.
+# Linked with the platform in addition to the library: a test starts additional programs in a container's
+# namespace.
 add_executable(probe_test
     probe_cve_image_test.cpp
     probe_cve_test.cpp

@@ -1,4 +1,4 @@
-# What becomes of the system when a part of it dies or its records are damaged.
+# Tests of recovery after a part of the system dies or its records are damaged.
 if(NOT ZNC_SANITIZE)
     add_executable(recovery_test recovery_test.cpp
         ${PROJECT_SOURCE_DIR}/tests/support/daemon_process.cpp
