@@ -72,7 +72,7 @@ class ClientMemory : public SystemWorld {
 
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, ClientMemory, testing::Values(false, true), flavour_name);
 
-TEST_P(ClientMemory, RunsOutInEveryCallAndTheDaemonNeedNotCare)
+TEST_P(ClientMemory, RunsOutInEveryCallAndTheDaemonIsUnaffected)
 {
     fail_each_allocation(
         "create", {[] {}, [] { return zncCreate("web", kBundle, 0, nullptr) == OK; }, clear});

@@ -92,7 +92,7 @@ TEST_F(DaemonEnds, APlainUserOfAContainerCannotRenameWhatIsInItsRoot)
 
 // ---------------------------------------------------------------- programs nobody waits for
 
-TEST_F(DaemonEnds, ARestartOverProgramsThatNobodyHasWaitedForServes)
+TEST_F(DaemonEnds, ARestartWithUnreapedProgramsServes)
 {
     const std::vector<pid_t> programs = start_many();
     EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL);
@@ -103,7 +103,7 @@ TEST_F(DaemonEnds, ARestartOverProgramsThatNobodyHasWaitedForServes)
     settle();
 }
 
-TEST_F(DaemonEnds, AStopOverProgramsThatNobodyHasWaitedForEndsAllOfThem)
+TEST_F(DaemonEnds, AStopEndsAllUnreapedPrograms)
 {
     const std::vector<pid_t> programs = start_many();
     EXPECT_EQ(stop_daemon(SIGTERM), 0);

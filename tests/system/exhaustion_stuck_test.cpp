@@ -95,7 +95,7 @@ TEST_P(Stuck, AForkBombIsDeleted)
     end();
 }
 
-TEST_P(Stuck, SomebodyInTheRootAndAFileOpenInItKeepNothing)
+TEST_P(Stuck, ProcessesInTheRootAndOpenFilesDoNotPreventDeletion)
 {
     begin("touch /tmp/ready; sleep 1000");
     const fs::path usual = fs::current_path();

@@ -242,7 +242,7 @@ void end_silent_client(pid_t pid)
     znMsgQUnlink((name + "_info").c_str());
 }
 
-TEST_F(Load, ClientsThatStopOrDieBetweenRequestAndReplyHoldUpNobody)
+TEST_F(Load, ClientsThatStopOrDieBetweenRequestAndReplyBlockNoOthers)
 {
     const int rounds = size_of("LOAD_SILENT", 100);
     const int stopped_at_once = 8;

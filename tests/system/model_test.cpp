@@ -392,7 +392,7 @@ TEST_F(Model, EveryResultIsTheModelsWhereEachIdHasOneOperationAtATime)
         EXPECT_EQ(zncStatusGet(id_of(i).c_str()), containers[i].status) << i;
 }
 
-TEST_F(Model, EveryResultIsOneOfThePossibleWhereAllIdsAreEverybodys)
+TEST_F(Model, EveryResultIsPossibleWhereAllClientsShareAllIds)
 {
     ClientGroup clients(kClients, [&](int number) {
         FreeClient client(seed_, number);

@@ -167,7 +167,7 @@ TEST_P(Recovery, WithTheRuntimeDirectoryOfADeadDaemonWipedTheNextOneStartsClean)
 
 // ---------------------------------------------------------------- the daemon
 
-TEST_P(Recovery, ASecondDaemonSaysWhoIsThereAndTheFirstIsUnharmed)
+TEST_P(Recovery, ASecondDaemonNamesTheFirstWhichIsUnharmed)
 {
     const pid_t program = start_long("runs");
     EXPECT_EQ(second_daemon(), 1);
@@ -346,7 +346,7 @@ std::string ask_for_start(unsigned long number)
     return call.reply([] {});
 }
 
-TEST_P(Recovery, LooksBetweenStartAndSpawnDoNotMakeARunningContainerStopped)
+TEST_P(Recovery, QueriesBetweenStartAndSpawnDoNotMakeARunningContainerStopped)
 {
     constexpr int kStarts = 60;
     const pid_t looker = begin_child([] {
@@ -421,7 +421,7 @@ TEST_P(Recovery, ANamespaceRecordCutAnywhereKeepsNoDaemonFromStarting)
 }
 
 // Like a record of an earlier boot, or of a keeper whose process id has been reused.
-TEST_P(Recovery, ARecordThatNamesAnotherProcessLeadsNobodyToIt)
+TEST_P(Recovery, ARecordThatNamesAnotherProcessIsNotFollowed)
 {
     const pid_t innocent = begin_child([] { return ::pause(); });
     const std::string pid = std::to_string(innocent);

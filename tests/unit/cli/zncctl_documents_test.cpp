@@ -55,7 +55,7 @@ Texts of_members(const std::vector<layout::Member>& members)
 
 } // namespace
 
-TEST(ParseJson, SaysWhereATextIsNone)
+TEST(ParseJson, ReportsWhereATextIsNotJson)
 {
     std::string where;
     EXPECT_EQ(parse_json("{\n \"a\": }", &where), nullptr);
@@ -72,7 +72,7 @@ TEST(Pretty, IndentsByTwoBlanksAndKeepsTheOrder)
               "  \"a\": {},\n  \"c\": []\n}\n");
 }
 
-TEST(ConfigCheck, FindsNothingInWhatIsTakenAsItIs)
+TEST(ConfigCheck, FindsNothingInAValidDocument)
 {
     EXPECT_EQ(findings(kGood), Texts{});
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", "b"], "cwd": "/",
@@ -111,7 +111,7 @@ TEST(ConfigCheck, NamesWhatCreateIgnores)
                      "ignored zarnel.resources", "ignored linux"}));
 }
 
-TEST(ConfigCheck, RefusesListsThatDoNotMeanWhatTheySay)
+TEST(ConfigCheck, RefusesListsWithElementsOfAWrongType)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
                            "env": [2]}, "root": {"path": "r"}, "mounts": [1,
@@ -244,7 +244,7 @@ TEST(LayerCheck, CountsAndNamesTheFirstMember)
     EXPECT_EQ(found[0].first, ".wh.a");
 }
 
-TEST(ImageName, IsALayoutAndPerhapsATag)
+TEST(ImageName, IsALayoutAndAnOptionalTag)
 {
     EXPECT_EQ(split_image_name("dir").layout, "dir");
     EXPECT_EQ(split_image_name("dir").tag, "latest");
@@ -368,7 +368,7 @@ TEST(ReadLayout, RefusesKeysThatAreThereTwiceInEveryDocument)
     EXPECT_TRUE(refused);
 }
 
-TEST(ReadLayout, RefusesDigestsThatAreNone)
+TEST(ReadLayout, RefusesInvalidDigests)
 {
     const layout::TempDir dir;
     layout::Layout made(dir.path() / "l");

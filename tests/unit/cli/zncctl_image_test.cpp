@@ -223,7 +223,7 @@ TEST(ContainerId, IsOneNameInADirectory)
         EXPECT_FALSE(is_container_id(bad)) << bad;
 }
 
-TEST(ContainerId, OneThatIsNoneHasNeitherRecordNorBundle)
+TEST(ContainerId, AnInvalidIdHasNeitherRecordNorBundle)
 {
     for (const char* bad : {"..", ".", "a/../b", ""}) {
         EXPECT_FALSE(open_record(bad)) << bad;

@@ -110,7 +110,7 @@ TEST_P(PumpTest, TakesNoMoreThanTheReaderLeavesRoomFor)
     EXPECT_EQ(got, sent);
 }
 
-TEST_P(PumpTest, ReaderThatGoesEndsItBeforeAnythingIsWritten)
+TEST_P(PumpTest, ReaderThatClosesEndsItBeforeAnythingIsWritten)
 {
     Pump pump = this->pump();
     turn(pump);

@@ -159,7 +159,7 @@ TEST_F(GzLib, CorruptDataStillDeliversTheTrailersLength)
     EXPECT_EQ(got.substr(0, 10000), plain.substr(0, 10000));
 }
 
-TEST_F(GzLib, WhereTheInflaterProducedNothingStandsNoOldMemory)
+TEST_F(GzLib, BytesThatTheInflaterDidNotProduceAreNotOldMemory)
 {
     Gzip options;
     options.size = 1000;
@@ -219,7 +219,7 @@ TEST_F(GzLib, TrailerSplitBetweenTwoBuffersLosesNoData)
     }
 }
 
-TEST_F(GzLib, ModeIsNotLookedAtButMustBeThere)
+TEST_F(GzLib, ModeIsIgnoredButMustNotBeNull)
 {
     const char* const path = gz(tarforge::gzip("x"));
     const gzFile file = ugzopen(path, "");

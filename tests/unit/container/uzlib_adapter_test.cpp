@@ -273,7 +273,7 @@ TEST(UzlibAdapter, StreamCutAnywhereIsADataErrorWithAllThatCameBefore)
     }
 }
 
-TEST(UzlibAdapter, OutcomeIsForEver)
+TEST(UzlibAdapter, OutcomeDoesNotChangeOnFurtherCalls)
 {
     const auto feed = start(sample_gzip(100), 4096);
     ASSERT_EQ(uzlib_gzip_parse_header(&feed->d), TINF_OK);

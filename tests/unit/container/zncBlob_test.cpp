@@ -119,7 +119,7 @@ TEST_F(Blob, ALargeFileHasTheSameDigest)
     EXPECT_FALSE(blob_.verified());
 }
 
-TEST_F(Blob, AReaderThatIsGivenUpEndsItsTask)
+TEST_F(Blob, AnAbandonedReaderEndsItsTask)
 {
     layout::write_file(path_, std::string(5'000'000, 'z'));
     char chunk[100'000];

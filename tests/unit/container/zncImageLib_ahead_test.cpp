@@ -375,7 +375,7 @@ TEST_F(Ahead, ABundleThatIsThereLeavesNoStore)
     EXPECT_FALSE(fs::exists(base_));
 }
 
-TEST_F(Ahead, ALayerThatCannotBeExtractedFailsAsEver)
+TEST_F(Ahead, ALayerThatCannotBeExtractedFailsWithItsUsualNumber)
 {
     add(large_layer({{"../out", "x"}}), "outside");
     std::string damaged = layer_;
@@ -432,7 +432,7 @@ TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
     }
 }
 
-TEST_F(Ahead, WhoListensHearsOfTheLayerFromItsBeginToItsEnd)
+TEST_F(Ahead, ProgressIsReportedFromTheLayersBeginToItsEnd)
 {
     add(layer_);
     std::vector<std::uint64_t> heard;

@@ -929,7 +929,7 @@ TEST_F(Store, TasksOfOneProcessMayUnpackOneImageTogether)
     expect_store({hex_of(top_), hex_of(big_)});
 }
 
-TEST_F(Store, ALockFileLeftByADeadProcessDoesNotHoldAnybodyUp)
+TEST_F(Store, ALockFileLeftByADeadProcessDoesNotBlock)
 {
     fs::create_directories(store_);
     layout::write_file(base_ + "/.lock", "");

@@ -81,7 +81,7 @@ TEST_F(Progress, EachLayerBeginsGrowsAndIsComplete)
 }
 
 // Also for a layer that another thread extracts while its digest is computed.
-TEST_F(Progress, WhatIsExtractedOtherwiseThanMeantIsCounted)
+TEST_F(Progress, MembersNotExtractedAsSpecifiedAreCounted)
 {
     const auto count = [this](const std::string& bundle, const std::vector<std::string>& layers) {
         layout::Layout layout(dir_ / bundle + "-layout");
@@ -116,7 +116,7 @@ TEST_F(Progress, WhatIsExtractedOtherwiseThanMeantIsCounted)
     ASSERT_EQ(::rmdir("/overlay"), 0);
 }
 
-TEST_F(Progress, NobodyIsToldUnlessAskedFor)
+TEST_F(Progress, NothingIsReportedWithoutACallback)
 {
     ASSERT_EQ(unpack("one"), OK);
     zncUnpackProgressSet(&hear, &heard_);
@@ -125,7 +125,7 @@ TEST_F(Progress, NobodyIsToldUnlessAskedFor)
     EXPECT_TRUE(heard_.empty());
 }
 
-TEST_F(Progress, BelongsToTheTaskThatAsked)
+TEST_F(Progress, BelongsToTheTaskThatSetIt)
 {
     zncUnpackProgressSet(&hear, &heard_);
     STATUS status = ERROR;
@@ -134,7 +134,7 @@ TEST_F(Progress, BelongsToTheTaskThatAsked)
     EXPECT_TRUE(heard_.empty());
 }
 
-TEST_F(Progress, AnArchiveByItselfIsNoUnpack)
+TEST_F(Progress, ExtractingAnArchiveReportsNothing)
 {
     zncUnpackProgressSet(&hear, &heard_);
     const std::string archive = dir_ / "archive";

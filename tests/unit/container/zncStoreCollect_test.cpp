@@ -103,7 +103,7 @@ TEST_F(StoreCollect, ABundleKeepsWhatItNeedsWithoutBeingNamed)
     EXPECT_TRUE(fake::devices().contains(root_of(layered)));
 }
 
-TEST_F(StoreCollect, WhatABundleThatIsGoneNeededGoes)
+TEST_F(StoreCollect, WhatADeletedBundleNeededIsRemoved)
 {
     const std::string layered = unpacked("layered");
     const std::string flat = unpacked("flat", ZNC_OPT_FLATTEN);
@@ -130,7 +130,7 @@ TEST_F(StoreCollect, WhatABundleThatIsGoneNeededGoes)
     EXPECT_FALSE(fs::exists(base_ + "/.lock"));
 }
 
-TEST_F(StoreCollect, WhatTheCallerSaysIsInUseStays)
+TEST_F(StoreCollect, WhatTheCallerNamesIsKept)
 {
     const std::string layered = unpacked("layered");
     const std::string single = unpacked("single", 0, "single");
@@ -260,7 +260,7 @@ TEST_F(StoreCollect, LeftoversAreDeletedUnderTheSharedLock)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(StoreCollect, WhoeverHoldsTheLockAloneForLongIsNotWaitedForWithoutEnd)
+TEST_F(StoreCollect, WaitingForAnExclusiveLockHasATimeLimit)
 {
     fs::create_directories(base_);
     znc::StoreLock alone;

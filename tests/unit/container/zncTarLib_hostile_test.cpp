@@ -273,7 +273,7 @@ TEST_F(TarHostile, RandomMembersStayInside)
 
 // A process that can write to the tree, such as a container, repeatedly replaces a parent directory
 // by a link.
-TEST_F(TarHostile, TreeThatChangesMeanwhileLeadsNowhere)
+TEST_F(TarHostile, TreeThatChangesDuringExtractionLeadsNowhereOutside)
 {
     fs::create_directories(at("a/dir"));
     fs::create_directory_symlink("../outside", at("b"));

@@ -191,7 +191,7 @@ TEST(Archive, ExtendedAttributesAndAccessListsAreNamed)
     EXPECT_EQ(read_tar(tar).at(0).member.xattrs, expected);
 }
 
-TEST(Archive, DataStandsWhereItIsSaidToBe)
+TEST(Archive, DataIsAtTheReportedOffset)
 {
     for (const char* format : {"gnu", "posix", "ustar"}) {
         const std::string name = std::string(format) == "ustar" ? "f" : kLong;
@@ -202,7 +202,7 @@ TEST(Archive, DataStandsWhereItIsSaidToBe)
     }
 }
 
-TEST(Archive, WithoutMembersIsOne)
+TEST(Archive, WithoutMembersIsValid)
 {
     EXPECT_TRUE(read_tar("").empty());
     EXPECT_TRUE(read_tar(std::string(1024, '\0')).empty());
@@ -244,7 +244,7 @@ TEST(Archive, MembersAreCounted)
     EXPECT_TRUE(has(problem_of(archive.file("c").bytes(), limits), "--max-entries"));
 }
 
-TEST(Archive, WhatTheSourceThrowsComesThrough)
+TEST(Archive, ExceptionsOfTheSourceArePassedOn)
 {
     const std::string tar = tarforge::Archive().file("f", std::string(200000, 'x')).bytes();
     TextReader source(tar);

@@ -142,7 +142,7 @@ TEST_F(Confine, BelowTheSourceFilesAreReadWhateverTheirModeAndNothingIsWritten)
         0);
 }
 
-TEST_F(Confine, RootBecomesSomebodyElseAndCannotComeBack)
+TEST_F(Confine, RootBecomesNobodyAndCannotReturn)
 {
     ASSERT_EQ(::geteuid(), 0U);
     EXPECT_EQ(in_child([] {
@@ -186,7 +186,7 @@ TEST_F(Confine, RootOfANamespaceOfOneUserLosesItsRights)
     EXPECT_EQ(found, 0);
 }
 
-TEST_F(Confine, SomebodyElseIsConfinedToo)
+TEST_F(Confine, AnUnprivilegedUserIsConfinedToo)
 {
     const znc::UniqueFd source = open_source();
     fs::permissions(file_, fs::perms::others_read);

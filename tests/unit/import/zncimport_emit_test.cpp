@@ -161,7 +161,7 @@ TEST(Emit, FailsWhenTheSpoolIsShorterThanTheFile)
     EXPECT_THROW(archive_of(tree, Spool("/tmp")), Failure);
 }
 
-TEST(Emit, FailsForWhatHasNoPlaceInAHeader)
+TEST(Emit, FailsForMembersThatDoNotFitAHeader)
 {
     for (const auto& [name, bad] :
          {std::pair{"a\\b", node(Kind::kFile)}, {"l", link("")}, {"o", node(Kind::kOther)}}) {
@@ -175,7 +175,7 @@ TEST(Emit, FailsForWhatHasNoPlaceInAHeader)
     EXPECT_THROW(archive_of(tree, Spool("/tmp")), Failure);
 }
 
-TEST(Emit, IsTakenWholeByTheExtractorAndByOthers)
+TEST(Emit, IsExtractedCompletelyByTheExtractorAndByOthers)
 {
     Spool spool("/tmp");
     const layout::TempDir dir;

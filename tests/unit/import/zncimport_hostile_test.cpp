@@ -32,7 +32,7 @@ std::string tag_from(const std::string& name)
 
 } // namespace
 
-TEST(Hostile, OnlyATagIsTakenForOne)
+TEST(Hostile, OnlyAValidTagIsAccepted)
 {
     EXPECT_EQ(tag_from("app:1.0-a_b"), "1.0-a_b");
     EXPECT_EQ(tag_from("registry:5000/app:v1"), "v1");
@@ -45,7 +45,7 @@ TEST(Hostile, OnlyATagIsTakenForOne)
 
 // A report with a line for each of a million files is not sent between the processes unless it was
 // requested.
-TEST(Hostile, TheReportIsWrittenOnlyForWhoAskedForIt)
+TEST(Hostile, TheReportIsWrittenOnlyOnRequest)
 {
     const test_tree::TempDir dir;
     shell(dir, "echo x >f; tar --owner=7 --group=7 -cf t f");

@@ -507,7 +507,7 @@ TEST_F(LayoutWriterTest, HoldsALockThatNoOtherUserCanOpenAndThatGoesWithIt)
 }
 
 // A new layout is created completely or not at all, and a later import can continue.
-TEST_F(LayoutWriterTest, CanBeGoneOnWithWheneverTheFirstWriterIsKilled)
+TEST_F(LayoutWriterTest, CanBeContinuedWheneverTheFirstWriterIsKilled)
 {
     std::mt19937 random(20260102);
     for (int round = 0; round < 100; round++) {

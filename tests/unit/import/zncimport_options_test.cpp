@@ -106,7 +106,7 @@ TEST(Options, LimitsAreNumbersOfAtLeastOne)
         EXPECT_NE(problem({{"max-bytes", text}}), "") << text;
 }
 
-TEST(Options, AWordThatIsNoChoiceNamesThem)
+TEST(Options, AnInvalidChoiceIsRefusedAndTheChoicesAreNamed)
 {
     EXPECT_EQ(problem({{"hardlinks", "all"}}),
               "--hardlinks is \"auto\" or \"copy\" or \"symlink\"");

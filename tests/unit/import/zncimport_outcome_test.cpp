@@ -69,7 +69,7 @@ TEST(Outcome, AFailureArrivesWithItsObjectAndStatus)
     }
 }
 
-TEST(Outcome, WhatIsNoneIsRefused)
+TEST(Outcome, InvalidDocumentsAreRefused)
 {
     EXPECT_EQ(problem(""), kNoAnswer);
     EXPECT_EQ(problem("{"), kNoAnswer);
@@ -82,7 +82,7 @@ TEST(Outcome, WhatIsNoneIsRefused)
 }
 
 // Digests are used as file names.
-TEST(Outcome, OnlyDigestsAreTakenForDigests)
+TEST(Outcome, InvalidDigestsAreRefused)
 {
     for (const std::string& digest :
          {std::string(), std::string("sha256:"), "sha256:" + std::string(63, 'a'),

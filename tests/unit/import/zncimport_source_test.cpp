@@ -416,7 +416,7 @@ TEST(LayoutSource, LyingDescriptorsAreErrors)
         EXPECT_TRUE(has(with(R"("size":1,"digest":")" + bad + "\""), "an invalid digest")) << bad;
 }
 
-TEST(LayoutSource, WhatIsTwoThingsAtOnceIsAnError)
+TEST(LayoutSource, AmbiguousDocumentsAreErrors)
 {
     const Layout layout;
     layout.index(
@@ -547,14 +547,14 @@ TEST(DockerSource, LinksThatLeadOutOrInCirclesAreErrors)
     }
 }
 
-TEST(DockerSource, AMissingLayerIsTold)
+TEST(DockerSource, AMissingLayerIsReported)
 {
     const test_tree::TempDir dir;
     docker_save(dir, "true");
     EXPECT_TRUE(has(Opened(dir / "a.tar").images().at(1).problem, "two/layer.tar is missing"));
 }
 
-TEST(DockerSource, AConfigurationIsWhatItsNameSays)
+TEST(DockerSource, AConfigurationMustMatchTheDigestInItsName)
 {
     const test_tree::TempDir dir;
     docker_save(dir, "ln -s ../one/layer.tar d/two/layer.tar; "
@@ -649,7 +649,7 @@ TEST(Detection, ADeviceIsNoSource)
     }
 }
 
-TEST(Detection, NothingAtAllIsNoArchive)
+TEST(Detection, AnEmptyFileIsNotAnArchive)
 {
     const test_tree::TempDir dir;
     shell(dir, ": >empty; gzip -k empty");

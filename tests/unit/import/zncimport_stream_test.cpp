@@ -66,7 +66,7 @@ TEST(Plain, AnEmptyTextComesOutOfEveryCompression)
         EXPECT_EQ(plain_of(packed(program, "")), "") << program;
 }
 
-TEST(Plain, ShortStreamsThatAreNoneAreThemselves)
+TEST(Plain, ShortUncompressedStreamsArePassedThrough)
 {
     for (const char* text : {"", "a", "\x1f", "BZ",
                              "\xfd"
@@ -74,7 +74,7 @@ TEST(Plain, ShortStreamsThatAreNoneAreThemselves)
         EXPECT_EQ(plain_of(text), text);
 }
 
-TEST(Plain, MembersAndFramesOneBehindTheOtherAreOneText)
+TEST(Plain, ConcatenatedMembersAndFramesAreOneText)
 {
     for (const char* program : {"gzip -c", "zstd -qc", "xz -c", "bzip2 -c"}) {
         const std::string two = packed(program, "one\n") + packed(program, "two\n");

@@ -114,7 +114,7 @@ TEST(UstarHeader, HasTargetsAndDeviceNumbers)
                                                                 16));
 }
 
-TEST(UstarProblem, IsSaidOfEveryNameThatHasNoPlace)
+TEST(UstarProblem, ReportsEveryNameThatDoesNotFit)
 {
     for (const std::string& path :
          {std::string(), std::string("/"), std::string("/a"), std::string("a//b"),
@@ -129,7 +129,7 @@ TEST(UstarProblem, IsSaidOfEveryNameThatHasNoPlace)
     EXPECT_NE(ustar_problem(directory), "");
 }
 
-TEST(UstarProblem, IsSaidOfTargets)
+TEST(UstarProblem, ReportsInvalidTargets)
 {
     EXPECT_EQ(ustar_problem(link_to(std::string(99, 't'))), "");
     EXPECT_EQ(ustar_problem(link_to("..\\a")), "");
@@ -141,7 +141,7 @@ TEST(UstarProblem, IsSaidOfTargets)
     EXPECT_NE(ustar_problem(member), "");
 }
 
-TEST(UstarProblem, IsSaidOfNumbersThatDoNotFit)
+TEST(UstarProblem, ReportsNumbersThatDoNotFit)
 {
     const auto with = [](auto member_pointer, auto value) {
         UstarMember member = file("a");
@@ -165,7 +165,7 @@ TEST(UstarProblem, IsSaidOfNumbersThatDoNotFit)
     EXPECT_NE(with(&UstarMember::minor, 010000000U), "");
 }
 
-TEST(UstarProblem, IsSaidOfTypesAndOfDataWhereNoneCanBe)
+TEST(UstarProblem, ReportsInvalidTypesAndUnexpectedData)
 {
     for (const char type : {'1', '7', 'x', 'L', '?', '\0'}) {
         UstarMember member = file("a");

@@ -416,7 +416,7 @@ TEST(DirExchange, BothDirectoriesChangeNamesInOneStep)
     EXPECT_TRUE(test_tree::exists(dir / "b/of-a"));
 }
 
-TEST(DirExchange, WhoLooksAlwaysFindsAWholeTree)
+TEST(DirExchange, ReadersAlwaysFindACompleteTree)
 {
     const TempDir dir;
     for (const char* tree : {"a", "b"})

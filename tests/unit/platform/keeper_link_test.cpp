@@ -78,7 +78,7 @@ TEST_F(Keepers, HaveTheirSocketAndNothingOfTheirOwners)
     }
 }
 
-TEST_F(Keepers, LeaveTheirOwnerWhatHeHas)
+TEST_F(Keepers, LeaveTheirOwnersDescriptorsOpen)
 {
     Keeper first; // creates what all keepers share
     ASSERT_TRUE(first.start()) << errno;
@@ -102,7 +102,7 @@ TEST_F(Keepers, LeaveTheirOwnerWhatHeHas)
     end(first);
 }
 
-TEST_F(Keepers, AreMissedAsSoonAsTheyAreDead)
+TEST_F(Keepers, AreFoundDeadAsSoonAsTheyAreDead)
 {
     Keeper one;
     Keeper other;

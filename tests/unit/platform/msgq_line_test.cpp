@@ -95,7 +95,7 @@ TEST_F(QueueLine, TurnsComeInTheOrderOfArrival)
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST_F(QueueLine, WhoHasAQueueGoesBeforeWhoHasNone)
+TEST_F(QueueLine, ACallerWithAQueueGoesBeforeOneWithout)
 {
     std::atomic<bool> passed = false;
     zn::QueueLinePlace head(false);
@@ -112,7 +112,7 @@ TEST_F(QueueLine, WhoHasAQueueGoesBeforeWhoHasNone)
     EXPECT_TRUE(eventually([&] { return passed.load(); }));
 }
 
-TEST_F(QueueLine, WhoDiesLeavesIt)
+TEST_F(QueueLine, ACallerThatDiesLeavesIt)
 {
     int ready[2];
     ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
@@ -134,7 +134,7 @@ TEST_F(QueueLine, WhoDiesLeavesIt)
     ::close(ready[1]);
 }
 
-TEST_F(QueueLine, AWaitEndsWithItsTimeAndGivesThePlaceUp)
+TEST_F(QueueLine, AWaitThatTimesOutGivesItsPlaceUp)
 {
     zn::QueueLinePlace head(false);
     head.wait_turn(in_seconds(60));
@@ -227,7 +227,7 @@ int created_by_threads(int tasks)
     return made;
 }
 
-TEST_F(QueueLine, EverybodyInItGetsTheQueueOnceThereIsMemory)
+TEST_F(QueueLine, EveryCallerInItGetsItsQueueOnceThereIsMemory)
 {
     EXPECT_EQ(created_by_threads(50), 50);
 }

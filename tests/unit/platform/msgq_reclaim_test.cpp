@@ -100,7 +100,7 @@ class QueueGuard {
     std::string name_;
 };
 
-TEST(QueueReclaim, BothQueuesOfAKilledClientGo)
+TEST(QueueReclaim, BothQueuesOfAKilledClientAreRemoved)
 {
     Client client([](pid_t pid) {
         make(client_queue(pid));
@@ -115,7 +115,7 @@ TEST(QueueReclaim, BothQueuesOfAKilledClientGo)
     EXPECT_FALSE(exists(reply + "_info"));
 }
 
-TEST(QueueReclaim, AClientThatNobodyWaitedForIsDead)
+TEST(QueueReclaim, AnUnreapedClientCountsAsDead)
 {
     Client client([](pid_t pid) { make(client_queue(pid)); });
     client.become_zombie();

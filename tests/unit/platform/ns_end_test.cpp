@@ -41,7 +41,7 @@ class NamespaceEnds : public Namespaces {
     }
 };
 
-TEST_F(NamespaceEnds, ProgramsThatNobodyWaitsForDoNotKeepTheOthersFromEnding)
+TEST_F(NamespaceEnds, UnreapedProgramsDoNotKeepTheOthersFromEnding)
 {
     const std::vector<pid_t> programs = start_many();
     znnsKillAll();
@@ -53,7 +53,7 @@ TEST_F(NamespaceEnds, ProgramsThatNobodyWaitsForDoNotKeepTheOthersFromEnding)
     EXPECT_EQ(znnsShutdown(), 0);
 }
 
-TEST_F(NamespaceEnds, OfADeadOwnerAllProgramsAreKilledThoughNobodyWaitsForThem)
+TEST_F(NamespaceEnds, AllProgramsOfADeadOwnerAreKilledEvenIfUnreaped)
 {
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);

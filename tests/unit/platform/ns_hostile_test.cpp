@@ -490,7 +490,7 @@ void burden_self()
     ::syscall(SYS_ioprio_set, 1, 0, 3 << 13); // idle
 }
 
-TEST_F(Namespaces, ProgramIsScheduledAndLaidOutAsIfItsCallerWereNobodySpecial)
+TEST_F(Namespaces, ProgramInheritsNoSchedulingOrMemoryLayoutFromItsCaller)
 {
     const nsid_t ns = rooted();
     const char* look = "set -- $(cat /proc/self/stat); echo policy ${41}; cat /proc/self/"
@@ -651,7 +651,7 @@ class Subreaper {
     Subreaper& operator=(const Subreaper&) = delete;
 };
 
-TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
+TEST_F(Namespaces, AnOwnerKilledAtAnyTimeLeavesNothing)
 {
     const Subreaper orphans;
     for (int i = 0; i < 60; i++) {
@@ -676,7 +676,7 @@ TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
     }
 }
 
-TEST_F(Namespaces, AClientThatIsKilledLeavesAtMostItsProgramWheneverThatIs)
+TEST_F(Namespaces, AClientKilledAtAnyTimeLeavesAtMostItsProgram)
 {
     const Subreaper orphans;
     const nsid_t ns = rooted();

@@ -202,7 +202,7 @@ TEST_F(Namespaces, KillReachesEveryProcessByThePlatformsNumber)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, KillWithNobodyThereSucceeds)
+TEST_F(Namespaces, KillWithoutProcessesSucceeds)
 {
     const nsid_t ns = rooted();
     EXPECT_EQ(znnsKill(ns, kTerm), OK);
@@ -237,7 +237,7 @@ TEST_F(Namespaces, KillWithAnUnknownSignalGivesEINVAL)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, InUseOnlyWhileSomebodyLives)
+TEST_F(Namespaces, InUseOnlyWhileAProcessLives)
 {
     const nsid_t ns = rooted();
     EXPECT_FALSE(in_use(ns));
@@ -303,7 +303,7 @@ TEST_F(Namespaces, ExpectedProcessesOfACallerThatEndedOrIsLateDoNotCount)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, NobodyIsExpectedInANamespaceWhoseKeeperIsDead)
+TEST_F(Namespaces, NoProcessIsExpectedInANamespaceWhoseKeeperIsDead)
 {
     const nsid_t ns = rooted();
     std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
@@ -327,7 +327,7 @@ TEST_F(Namespaces, OrphansCountAsLivingAndAreReaped)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, DeleteKillsWhateverLivesAndDoesNotWaitForItsParent)
+TEST_F(Namespaces, DeleteKillsAllProcessesAndDoesNotWaitForTheirParents)
 {
     const nsid_t ns = rooted();
     const pid_t pid = start(ns, "trap '' TERM INT HUP; while :; do sleep 100; done");
