@@ -44,7 +44,7 @@ check 'and the first goes on' alive
 stop_daemon
 start_daemon
 run zncctl version
-check 'the version of the daemon that runs is told' \
+check 'the version of the running daemon is printed' \
     grep -qx "daemon    $("$ZNCD" --version | cut -d' ' -f2)" "$work/out"
 
 make_bundle "$work/loop" /bin/sleep "$mark"
@@ -89,7 +89,7 @@ check 'a waiting start ends with its program when the daemon is killed' test $? 
 start_daemon
 two_containers
 stop_daemon KILL
-check 'a killed daemon takes its containers along' eventually not program_lives
+check 'the containers of a killed daemon end' eventually not program_lives
 start_daemon
 check 'a new one serves' alive
 check 'and says what it found' grep -q 'the daemon before this one died' "$work/zncd.log"
@@ -146,7 +146,7 @@ check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 1
 check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
-check 'a requirement that is not met is told' test "$status" = 1
+check 'a requirement that is not met is reported' test "$status" = 1
 check 'with what comes of it' grep -qx "no   root: namespaces and mounts are root's" "$work/out"
 
 if command -v strace >/dev/null; then
@@ -195,7 +195,7 @@ JOURNAL_STREAM=1:2 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/z
 rm /tmp/zncd.copy
 check 'the journal gets the level in front' grep -q '^<3>zncd: error: ' "$work/err"
 NOTIFY_SOCKET=$work/nobody start_daemon
-check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: .*/nobody cannot be told' \
+check 'a socket that is not read is a warning' grep -q '^zncd: warning: .*/nobody cannot be told' \
     "$work/zncd.log"
 stop_daemon
 check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"

@@ -237,7 +237,7 @@ mv "$work/bundles" "$ZNC_BASE/bundles"
 rm "$good/.complete"
 jq '.mounts=[{"source":"/","destination":"/host","options":["bind"]}]' "$work/good-config" >"$good/config.json"
 run zncctl run --os linux --progress none "$work/good"
-check 'a bundle that nobody came to the end of is made anew' test "$status/$out/$(jq -c .mounts \
+check 'an unfinished bundle is made again' test "$status/$out/$(jq -c .mounts \
     "$good/config.json")" = '0/plain/[]'
 
 # ---------------------------------------------------------------- ids

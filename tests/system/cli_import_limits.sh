@@ -144,7 +144,7 @@ reads() {
     grep -q '^NoNewPrivs:.*1$' "/proc/$reader/status" && grep -q '^Uid:.*65534$' "/proc/$reader/status"
 }
 eventually reads
-check 'another process reads, as nobody and for ever' reads
+check 'a worker process reads as nobody without a way back' reads
 check 'its root is empty' test -z "$(ls -A "/proc/$reader/root/")"
 check 'it has no capabilities' grep -q '^CapPrm:.*0000000000000000$' "/proc/$reader/status"
 kill -KILL "$import"
@@ -153,7 +153,7 @@ gone() { ! kill -0 "$reader"; }
 eventually gone
 check 'and ends with its parent' gone
 exec 7>&-
-check 'a killed import leaves its lock, which holds nobody up' rm "$layout/.zncctl-import-lock"
+check 'a killed import leaves its lock, which does not block others' rm "$layout/.zncctl-import-lock"
 as_before 'a killed import, but for that'
 
 # Invalid arguments.

@@ -134,7 +134,7 @@ check 'with all its processes' not program_lives
 run zncctl wait stubborn
 expect 'that is its exit code' 0 137 ''
 run zncctl stop -t soon stubborn
-check 'a time that is none is a usage error' test "$status/$out" = 64/
+check 'an invalid time is a usage error' test "$status/$out" = 64/
 run zncctl wait --timeout soon stubborn
 check 'also for wait' test "$status/$out" = 64/
 
@@ -145,7 +145,7 @@ expect 'several can be started' 0 '' ''
 run zncctl kill -s STOP one two
 expect 'kill prints a line for each' 0 $'one\ntwo' ''
 run zncctl kill -q -s CONT one nosuch two
-check 'one failure among several is told' test "$status/$out/$(error_line)" = \
+check 'one failure among several is reported' test "$status/$out/$(error_line)" = \
     '2//nosuch: Container does not exist'
 run zncctl delete stubborn one
 check 'failures of one kind give their exit status' test "$status/$out/$(error_line)" = \
@@ -238,7 +238,7 @@ runner=$!
 eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
 sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
-check 'a second interrupt tells how to force' eventually sent
+check 'a second interrupt prints how to end by force' eventually sent
 check 'with the command' grep -qx \
     "zncctl: hint: deaf goes on; 'zncctl kill -s KILL deaf' ends it by force" "$work/hints"
 zncctl kill -q --all -s KILL deaf

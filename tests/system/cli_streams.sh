@@ -80,10 +80,10 @@ for closed in '' '<&-' '>&-' '2>&-' '<&- >&-' '<&- 2>&-' '>&- 2>&-' '<&- >&- 2>&
 done
 make_bundle "$work/two" /bin/sh -c 'cat; echo two'
 "$ZNCCTL" run -b "$work/two" <"$work" >"$work/out" 2>"$work/err"
-check 'a directory as input is told, and is none' test "$?/$(<"$work/out")/$(wc -l <"$work/err")" = 125/two/1
+check 'a directory as input is reported and not read' test "$?/$(<"$work/out")/$(wc -l <"$work/err")" = 125/two/1
 check 'by name' grep -q 'standard input: Target is a directory$' "$work/err"
 "$ZNCCTL" run -b "$work/two" >/dev/full 2>"$work/err" </dev/null
-check 'a full disk is told' test "$?/$(wc -l <"$work/err")" = 125/1
+check 'a full disk is reported' test "$?/$(wc -l <"$work/err")" = 125/1
 check 'by name, too' grep -q 'standard output: No space left on device$' "$work/err"
 make_bundle "$work/nine" /bin/sh -c 'echo x; exit 9'
 "$ZNCCTL" run -b "$work/nine" >/dev/full 2>"$work/err" </dev/null
@@ -143,7 +143,7 @@ writes() {
     done
     return 1
 }
-check 'a program waits for who reads its output' eventually writes
+check 'a program blocks until its output is read' eventually writes
 check 'and has not ended' test -z "$(<"$work/err")"
 check 'neither has zncctl' kill -0 $runner
 out=$(head -c 4000000 <&9 | wc -c)
@@ -182,7 +182,7 @@ check 'also that of a FIFO whose writer has gone before' test "$out" = early
 exec 9<&-
 make_bundle "$work/closes" /bin/sh -c 'exec <&-; echo closed'
 out=$(yes | "$ZNCCTL" run -b "$work/closes")
-check 'input that nobody reads is no reason to wait' test "$?/$out" = 0/closed
+check 'input that is not read does not delay the end' test "$?/$out" = 0/closed
 mkfifo "$work/endless"
 exec 9<>"$work/endless"
 out=$("$ZNCCTL" run -b "$work/closes" <"$work/endless" 9<&-)

@@ -41,7 +41,7 @@ check 'CMake finds the library' configure "$consumer" cmake -DWANTED_VERSION=1.0
 check 'CMake builds programs with it' cmake --build "$work/cmake"
 check 'CMake: the program in C runs' prints 'C: running' "$work/cmake/consumer_c"
 check 'CMake: the program in C++ runs' prints 'C++: stopped' "$work/cmake/consumer_cpp"
-check 'CMake: another major version is not taken for this one' \
+check 'CMake: another major version is not accepted' \
     not configure "$consumer" refused -DWANTED_VERSION=2.0
 
 by_pkg_config() {

@@ -103,5 +103,5 @@ while read -ra command; do
     count=$((count + 1))
 done < <(commands)
 pages_of_commands() { find . -name 'zncctl-*.1' | wc -l; }
-check 'no page is of a command that is not there' prints "$count" pages_of_commands
+check 'every page belongs to an existing command' prints "$count" pages_of_commands
 finish
