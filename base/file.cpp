@@ -1,4 +1,4 @@
-// zncFile.cpp - see zncFile.hpp.
+// file.cpp - see file.hpp.
 #include "file.hpp"
 
 #include <fcntl.h>
@@ -9,8 +9,8 @@ znc::UniqueFd znc::open_regular(const char* path, struct stat* st)
         return {};
     UniqueFd fd;
     if (S_ISREG(st->st_mode))
-        // Not blocking: a FIFO or a terminal that has come into its place must not hold the caller
-        // up.
+        // O_NONBLOCK: the path may have been replaced by a FIFO or a terminal since the stat, which
+        // would block.
         fd.reset(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     else
         errno = EINVAL;
@@ -44,16 +44,30 @@ znc::FileText znc::read_text(int fd, const struct stat& st)
     return text;
 }
 
-bool znc::write_whole(int fd, const char* bytes, std::size_t len)
+bool znc::write_all(int fd, std::string_view bytes)
 {
-    while (len > 0) {
-        const ssize_t put = ::write(fd, bytes, len);
-        if (put >= 0) {
-            bytes += put;
-            len -= static_cast<std::size_t>(put);
+    while (!bytes.empty()) {
+        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
+        if (put > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(put));
+        } else if (put == 0) {
+            errno = ENOSPC;
+            return false;
         } else if (errno != EINTR) {
             return false;
         }
     }
     return true;
+}
+
+bool znc::is_directory(const char* path)
+{
+    struct stat st = {};
+    return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool znc::is_directory(int fd)
+{
+    struct stat st = {};
+    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
 }

@@ -1,9 +1,9 @@
-// owned.hpp - ownership by type for what POSIX hands out: descriptors, directory streams,
-// malloc'd memory. Release never changes errno, so an early return keeps the reason of the
-// failure. Parameters: an int is borrowed, a UniqueFd by value is taken.
+// owned.hpp - owning types for POSIX resources: descriptors, directory streams, malloc'd memory.
+// Releasing a resource preserves errno, so an early return keeps the error of the failure. In
+// parameters, an int is a borrowed descriptor; a UniqueFd by value takes ownership.
 //
-// Used by the library, the platform and the front ends. Left out: anything with a kernel facility
-// of its own (queues, mutexes), which its module wraps.
+// Used by the library, the platform and the programs. Queues and mutexes have types of their own in
+// the modules that use them.
 #ifndef ZNC_BASE_OWNED_HPP
 #define ZNC_BASE_OWNED_HPP
 
@@ -16,7 +16,7 @@
 
 namespace znc {
 
-// Keeps errno across clean-up code.
+// Preserves errno in cleanup code.
 class ErrnoSaver {
   public:
     ErrnoSaver() noexcept : saved_(errno) {}
@@ -56,7 +56,8 @@ class UniqueFd {
         }
     }
 
-    // Close and report what close said (a write that only fails now).
+    // Closes the descriptor and returns the result of close(), which may report a delayed write
+    // error.
     [[nodiscard]] int close_checked() noexcept
     {
         const int old = release();
@@ -76,7 +77,7 @@ struct FreeDeleter {
 };
 template <class T> using MallocPtr = std::unique_ptr<T, FreeDeleter>;
 
-// A zeroed malloc'd record or array; null with errno ENOMEM when memory is short.
+// Allocates a zeroed object or array; null with errno ENOMEM on failure.
 template <class T> MallocPtr<T> malloc_zeroed() noexcept
 {
     return MallocPtr<T>(static_cast<T*>(::calloc(1, sizeof(T))));

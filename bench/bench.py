@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs scenes, each in a sandbox of its own, and reports: a table, JSON, charts, or what moved.
+"""Runs scenes, each in a sandbox of its own, and reports a table, JSON, charts, or changes.
 
 Called by run.sh, which builds and makes the images.
 """
@@ -17,7 +17,7 @@ import scene as scenes
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 RECORDED = f"{HERE}/recorded.json"
-# What two minutes are enough for, with how many pairs.
+# The scenes that take two minutes in total, and their number of pairs.
 QUICK = {"U1": 5, "U3": 4, "U4": 4, "I1": 3, "L1": 5, "L2": 7, "L3": 7, "Q1": 5, "X1": 3}
 
 
@@ -41,12 +41,12 @@ def arguments():
 
 
 def run_scene(args, name, pairs):
-    """What the scene reports; its reason in "error" if it could not be run."""
+    """Returns the report of the scene; "error" gives the reason if it could not be run."""
     binaries = f"{args.build}/bin"
     disk = f"{args.build}/scratch"
     started = time.monotonic()
     with tempfile.NamedTemporaryFile(dir=args.build, suffix=".json") as result:
-        # Before everything else on the machine, so that it does not count; the same for all sides.
+        # Real-time priority, for all sides, so that other load on the machine does not matter.
         done = subprocess.run(
             ["chrt", "-r", "10", f"{binaries}/znc_sandbox", "--", sys.executable, f"{HERE}/scene.py", name, str(pairs),
              binaries, args.root, disk, result.name],

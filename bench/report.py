@@ -1,9 +1,9 @@
-"""What was measured, as a table, JSON, charts, and against what was recorded."""
+"""Reports measurements as a table, JSON and charts, and compares them with recorded ones."""
 import json
 import os
 import subprocess
 
-TOLERANCE = 0.15  # a ratio that is worse by more than this, beyond its own spread, got worse
+TOLERANCE = 0.15  # a ratio got worse if it exceeds the recorded one by this and its own spread
 
 
 def duration(seconds):
@@ -31,8 +31,8 @@ def goal_row(goal):
 
 
 def rows(scenes):
-    """(scene, side, time, processor time, against, ratio, spread, goal, verdict), one of each side and
-    each goal beside each other."""
+    """Rows (scene, side, time, processor time, against, ratio, spread, goal, verdict): the sides of a
+    scene next to its goals."""
     for name, measured in scenes.items():
         if "error" in measured:
             yield [name, measured["title"], "", "", "", "", "", "", f"not run: {measured['error']}"]
@@ -50,13 +50,13 @@ def rows(scenes):
 def table(scenes):
     head = ["", "side", "time", "cpu", "against", "ratio", "spread", "goal", ""]
     lines = [head] + list(rows(scenes))
-    # A scene's title may run over the columns behind it.
+    # A scene's title may extend over the following columns.
     widths = [max(len(line[i]) for line in lines if i != 1 or line[0] == "") for i in range(len(head))]
     return "\n".join("  ".join(cell.ljust(w) for cell, w in zip(line, widths)).rstrip() for line in lines)
 
 
 def chart(name, measured, out):
-    """One bar for each side of a scene."""
+    """Draws one bar for each side of a scene."""
     path = f"{out}/{name.lower()}.png"
     data = "\n".join(f'"{side}" {v["wall"] * 1e3} {v["spread"][0] * 1e3} {v["spread"][2] * 1e3}'
                      for side, v in measured["sides"].items())
@@ -80,7 +80,7 @@ plot $data using 0:2:xtic(1) with boxes lc rgb "#4477aa", \\
 
 
 def write(results, out, order):
-    """results.json holds the last result of every scene that was ever run into this directory."""
+    """Updates results.json, which contains the last result of every scene run into this directory."""
     path = f"{out}/results.json"
     merged = dict(results)
     if os.path.exists(path):
@@ -110,7 +110,7 @@ def record(scenes, path):
 
 
 def moved(scenes, path):
-    """(text, whether a ratio got worse). Only what was recorded is compared."""
+    """Returns (text, whether a ratio got worse). Only recorded scenes are compared."""
     with open(path, encoding="utf-8") as file:
         recorded = json.load(file)
     lines = []

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs one scene in the world it finds itself in, which bench.py makes, and writes what it measured.
+"""Runs one scene in the sandbox made by bench.py and writes its measurements.
 
 usage: scene.py NAME PAIRS BIN DEBIAN_ROOT DISK RESULT
 """
@@ -11,7 +11,7 @@ from scenes import containers, daemon, images, importing
 
 SCENES = {
     function.__name__.upper(): function
-    for function in (images.u1, images.u2, images.u3, images.u4, images.u5, images.i1, importing.c1,
+    for function in (images.u1, images.u2, images.u3, images.u4, images.u5, images.u6, images.i1, importing.c1,
                      containers.l1, containers.l2, containers.l3, containers.q1, containers.s1,
                      containers.m1, daemon.d1, daemon.r1, images.x1)
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
+#include <zncontainer.h>
 
 namespace {
 

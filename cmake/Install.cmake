@@ -1,5 +1,6 @@
 # What is installed where, by component: "library" (the shared library), "dev" (what building against it
-# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command). The directories are those of GNUInstallDirs.
+# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command). The directories are
+# those of GNUInstallDirs.
 include(CMakePackageConfigHelpers)
 
 set(ZNC_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zncontainer)
@@ -7,10 +8,8 @@ set(ZNC_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 
 install(TARGETS zncontainer EXPORT zncontainerTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS zncctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(TARGETS zncctl-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/zncontainer COMPONENT import)
-install(TARGETS zncd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
 
 install(FILES
     ${PROJECT_SOURCE_DIR}/container/runtime/include/zncontainer.h
@@ -20,6 +19,7 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
     ${PROJECT_SOURCE_DIR}/examples/embed.c
     ${PROJECT_SOURCE_DIR}/examples/embed.cpp
+    ${PROJECT_SOURCE_DIR}/examples/tutorial.c
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzncontainer-dev/examples COMPONENT dev)
 
 # For find_package(zncontainer) and the target zncontainer::zncontainer.
@@ -37,9 +37,21 @@ install(FILES
 file(RELATIVE_PATH ZNC_PC_TO_PREFIX
     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" ZNC_PC_TO_PREFIX ${ZNC_PC_TO_PREFIX})
+list(TRANSFORM ZNC_LINK_NAMES PREPEND -l OUTPUT_VARIABLE ZNC_PC_PRIVATE)
+list(JOIN ZNC_PC_PRIVATE " " ZNC_PC_PRIVATE)
 configure_file(${ZNC_PACKAGING}/zncontainer.pc.in zncontainer.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zncontainer.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+if(NOT ZNC_BUILD_PROGRAMS)
+    return()
+endif()
+
+install(TARGETS zncctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS zncd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
+if(TARGET zncctl-import)
+    install(TARGETS zncctl-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/zncontainer COMPONENT import)
+endif()
 
 # The daemon's surroundings. The unit names the program by its path, which is known when it is
 # installed (cmake --install --prefix).

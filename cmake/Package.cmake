@@ -12,7 +12,10 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # Each package brings its own; the project's would become the first line of all of them.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT ${ZNC_PACKAGE_MAINTAINER})
-set(CPACK_COMPONENTS_ALL library dev tools import)
+set(CPACK_COMPONENTS_ALL library dev tools)
+if(TARGET zncctl-import)
+    list(APPEND CPACK_COMPONENTS_ALL import)
+endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # The packages' prefix, whatever that of the build is.
@@ -80,8 +83,8 @@ set(CPACK_DEBIAN_IMPORT_PACKAGE_DEPENDS
     "libzncontainer1 ${ZNC_SAME_VERSION}, zncontainer-tools ${ZNC_SAME_VERSION}")
 
 # What every package says of itself.
-foreach(COMPONENT LIBRARY DEV TOOLS IMPORT)
-    string(TOLOWER ${COMPONENT} component)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} COMPONENT)
     install(FILES ${ZNC_DEBIAN}/copyright
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME}
         COMPONENT ${component} EXCLUDE_FROM_ALL)

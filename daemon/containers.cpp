@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <sys/file.h>
 
 #include "base/owned.hpp"
 #include "zarnel/msgq.h"
@@ -29,10 +28,10 @@ bool is_real_directory(const fs::path& path)
     return fs::symlink_status(path, error).type() == fs::file_type::directory;
 }
 
-// The directories of one container that a dead daemon, a failed create or a reboot left. What a
-// container wrote is deleted the library's way, which follows no link and minds no depth, and later
-// if it takes long. Anything that is not the daemon's own stays, and then so does the container's
-// directory.
+// Removes the directories that a container left when its daemon died, its create failed or the
+// machine was rebooted. Files written by containers are removed by library functions, which do not
+// follow symbolic links and have no limit on depth; large trees are moved to the trash and deleted
+// later. A directory that contains anything other than "upper" and "work" stays.
 void remove_stale_container(const fs::path& dir)
 {
     for (const char* own : {"upper", "work"}) {
@@ -41,8 +40,7 @@ void remove_stale_container(const fs::path& dir)
             (!znc::is_small_tree(path.c_str()) && znc::trash_take(path.c_str()) == OK))
             continue;
         if (zncImageBundleDelete(path.c_str()) != OK)
-            log(Level::kError, "stale directory %s cannot be removed: error %d", path.c_str(),
-                errno);
+            log(Level::kError, "cannot remove stale directory %s: error %d", path.c_str(), errno);
     }
     std::error_code error;
     fs::remove(dir, error);
@@ -52,7 +50,7 @@ void remove_stale_containers()
 {
     std::array<char, 1024> area{};
     if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0) {
-        log(Level::kError, "the storage base cannot be made: error %d", errno);
+        log(Level::kError, "cannot create the storage base: error %d", errno);
         return;
     }
     std::error_code error;
@@ -64,53 +62,54 @@ void remove_stale_containers()
 
 } // namespace
 
-bool served_elsewhere()
+bool other_daemon_serves()
 {
-    // A queue's maker keeps it locked. The lock file does not tell: it may have been wiped away
-    // from under a daemon that lives.
-    const znc::UniqueFd queue(znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING));
-    return queue && ::flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    // The lock file is not sufficient: it may have been removed while the daemon that holds it is
+    // running.
+    return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
 }
 
 void recover()
 {
     if (znMsgQUnlink(ZNC_MSG_Q_NAME) == OK)
-        log(Level::kWarning, "the daemon before this one died; clearing what it left");
+        log(Level::kWarning, "the previous daemon died; cleaning up after it");
     if (const int left = znnsRecover(); left != 0)
         log(Level::kWarning,
-            "%d namespaces of a dead daemon were killed and wait for clients to reap their "
-            "programs",
+            "%d namespaces of the previous daemon were killed but exist until clients reap their "
+            "processes",
             left);
     if (znOvlInit() == FALSE)
-        log(Level::kWarning, "no overlay filesystem; a bundle serves one container");
+        log(Level::kWarning,
+            "no overlay file system: each bundle can be used by one container only");
     if (const int left = znOvlRestore(); left != 0)
-        log(Level::kWarning, "%d overlay devices cannot be restored", left);
+        log(Level::kWarning, "%d overlay devices could not be restored", left);
     remove_stale_containers();
     znc::trash_empty();
 }
 
-bool end_all()
+bool delete_all_containers()
 {
     bool all = true;
     znnsKillAll();
     std::array<char, 256> id{};
     while (zncContainerNext(id.data()) != FALSE)
         if (zncContainerDelete(id.data(), ZNC_OPT_WHOLE_NAMESPACE) != OK) {
-            log(Level::kError, "container %s cannot be deleted: error 0x%x", id.data(),
+            log(Level::kError, "cannot delete container %s: error 0x%x", id.data(),
                 static_cast<unsigned>(errno));
             all = false;
         }
-    // Everything in them is killed by now, but a namespace goes only when the parents of its
-    // processes, the clients that started them, have waited for them.
+    // All processes are dead by now, but a namespace ends only when their parents, the clients that
+    // started them, have reaped them.
     if (const int left = znnsShutdown(); left != 0)
-        log(Level::kWarning, "%d namespaces hold processes nobody has waited for", left);
-    // What creates that failed left.
+        log(Level::kWarning,
+            "%d namespaces still have processes that their clients have not reaped", left);
+    // Devices left by failed creates.
     if (const int left = znOvlSweep(); left != 0)
-        log(Level::kWarning, "%d overlay devices cannot be detached", left);
+        log(Level::kWarning, "%d overlay devices could not be detached", left);
     remove_stale_containers();
     znc::trash_empty();
     if (!znc::trash_settled(kTrashMilliseconds))
-        log(Level::kInfo, "the next daemon deletes the rest of what containers wrote");
+        log(Level::kInfo, "the next daemon will delete the remaining files of deleted containers");
     return all;
 }
 

@@ -1,20 +1,20 @@
-// containers.hpp - what a daemon does about containers at its two ends: clear away those of a dead
-// predecessor, and end its own. Used by main, on the daemon task.
+// containers.hpp - cleaning up after a previous daemon at the start, and ending all containers at
+// the end. Used by main, on the daemon task.
 #ifndef ZNCD_CONTAINERS_HPP
 #define ZNCD_CONTAINERS_HPP
 
 namespace zncd {
 
-// Whether a live daemon has the queue.
-bool served_elsewhere();
+// Whether another running daemon has the request queue open.
+bool other_daemon_serves();
 
-// Removes what a daemon that died left: its queue, the namespaces with everything in them, the
-// containers' overlay devices and writable layers. Attaches the images' overlay devices again.
-// What cannot be done is printed and does not keep the daemon from serving.
+// Removes what a daemon that died left behind: its queue, its namespaces and all processes in them,
+// the overlay devices and writable layers of its containers. Mounts the overlay devices of images
+// again. Failures are logged and do not keep the daemon from serving.
 void recover();
 
-// Ends and deletes every container. False if something is left, which was then printed.
-bool end_all();
+// Ends and deletes all containers. False if a container could not be deleted, which is logged.
+bool delete_all_containers();
 
 } // namespace zncd
 

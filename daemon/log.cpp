@@ -48,7 +48,7 @@ void log(Level level, const char* format, ...)
     va_start(arguments, format);
     std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    for (char& c : text) // an id may hold any byte, and a message is one line
+    for (char& c : text) // ids may contain any byte, and a message must be one line
         if (c != '\0' && (static_cast<unsigned char>(c) < ' ' || c == '\x7f'))
             c = '?';
     if (std::getenv("JOURNAL_STREAM") != nullptr)

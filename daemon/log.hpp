@@ -1,5 +1,6 @@
-// log.hpp - the daemon's messages: lines on standard error, each with its level. Under systemd the
-// level also stands in front as the journal reads it. Used by all of the daemon, on its one task.
+// log.hpp - the daemon's messages: lines on standard error with their level. If JOURNAL_STREAM
+// is set, each line also has the level prefix that the journal evaluates. Used on the daemon task
+// only.
 #ifndef ZNCD_LOG_HPP
 #define ZNCD_LOG_HPP
 
@@ -7,15 +8,15 @@
 
 namespace zncd {
 
-enum class Level { kError = 3, kWarning = 4, kInfo = 6, kDebug = 7 }; // numbers of syslog
+enum class Level { kError = 3, kWarning = 4, kInfo = 6, kDebug = 7 }; // syslog levels
 
-// "error", "warning", "info" (at the start) or "debug": messages above it are dropped. False for
-// any other word.
+// Sets the highest level that is logged: "error", "warning", "info" (the initial one) or "debug".
+// False for any other word.
 bool set_log_level(std::string_view name);
 
 void log(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// An error: what it is about, and what the task error number says.
+// Logs `what` and the text of the task error number as an error.
 void log_errno(const char* what);
 
 } // namespace zncd

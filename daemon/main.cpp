@@ -1,5 +1,5 @@
-// zncd - the container daemon, in the foreground. It serves the queue until SIGTERM or SIGINT, then
-// finishes the request in hand and ends every container.
+// zncd - the container daemon. Runs in the foreground and serves requests until SIGTERM or SIGINT,
+// then finishes the current request and ends all containers.
 #include "containers.hpp"
 #include "log.hpp"
 #include "notify.hpp"
@@ -25,26 +25,25 @@
 
 namespace {
 
-constexpr std::size_t kQueueMessages = 32;
-constexpr std::size_t kMessageLength = ZNC_MSG_MAX_LEN;
 constexpr int kExitUsage = 64;
 constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | "
                                "check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
-    "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends every\n"
-    "container. Runs in the foreground and must be root; only root can send requests.\n"
+    "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
+    "containers. Must be run as root; only root can send requests.\n"
     "\n"
-    "  --foreground       said for clearness: there is no other way\n"
-    "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\": each request\n"
-    "  --allow-urgent     let containers have priorities more urgent than normal\n"
-    "  check              tell whether the machine has what it needs\n"
+    "  --foreground       no effect: zncd always runs in the foreground\n"
+    "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\" (logs each\n"
+    "                     request)\n"
+    "  --allow-urgent     allow containers priorities more urgent than normal\n"
+    "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
     "  ZNC_BASE       the storage base, an absolute path (default: /ram0/znc)\n"
-    "  NOTIFY_SOCKET  where to tell that it serves (set by systemd)\n";
+    "  NOTIFY_SOCKET  socket for service notifications (set by systemd)\n";
 
-// By zncCmdType.
+// Indexed by zncCmdType.
 constexpr std::array kCommands = {"create", "start",  "kill",    "delete", "state",
                                   "list",   "unpack", "inspect", "store",  "ping"};
 
@@ -54,8 +53,9 @@ int bad_usage()
     return kExitUsage;
 }
 
-// What is asked for alone, and answered without serving. -1: nothing of it.
-int answer(std::string_view word)
+// Handles words that must be the only argument and end the program. Returns the exit status, or -1
+// if `word` is none of them.
+int run_single_argument(std::string_view word)
 {
     if (word == "--version") {
         std::puts("zncd " ZNC_VERSION);
@@ -74,11 +74,11 @@ struct Options {
     bool allowUrgent = false;
 };
 
-// -1: go on and serve.
-int take_options(std::span<char* const> words, Options& options)
+// Returns the exit status, or -1 to continue and serve.
+int parse_options(std::span<char* const> words, Options& options)
 {
     if (words.size() == 1)
-        if (const int status = answer(words[0]); status >= 0)
+        if (const int status = run_single_argument(words[0]); status >= 0)
             return status;
     for (std::size_t i = 0; i < words.size(); i++) {
         const std::string_view word = words[i];
@@ -95,7 +95,7 @@ int take_options(std::span<char* const> words, Options& options)
     return -1;
 }
 
-void tell_ready()
+void notify_ready()
 {
     zncd::notify("READY=1");
 }
@@ -108,14 +108,14 @@ void log_request(std::int32_t command, const char* id, int error)
               error == 0 ? "done" : "failed", static_cast<unsigned>(error));
 }
 
-template <bool allow_urgent> void note_request(std::int32_t command, const char* id, int error)
+template <bool allow_urgent> void on_request(std::int32_t command, const char* id, int error)
 {
     log_request(command, id, error);
     if (command == ZNC_CREATE && error == 0)
-        zncd::settle_priority(id, allow_urgent);
+        zncd::apply_priority_setting(id, allow_urgent);
 }
 
-void say_queue_failure(const char* what, int error)
+void log_queue_failure(const char* what, int error)
 {
     errno = error;
     zncd::log_errno(what);
@@ -127,14 +127,14 @@ int serve(int stop_fd)
 {
     znTaskStopFdSet(stop_fd);
     errno = 0;
-    zncDaemonTask(); // returns when it was asked to stop or could not go on
+    zncDaemonTask(); // returns when asked to stop, or on an error
     const int error = errno;
     znTaskStopFdSet(-1);
     zncd::notify("STOPPING=1");
     const bool stopped = zncd::stop_requested(stop_fd);
     if (!stopped)
-        say_queue_failure("the queue cannot be served", error);
-    const bool ended = zncd::end_all();
+        log_queue_failure("cannot serve the request queue", error);
+    const bool ended = zncd::delete_all_containers();
     return stopped && ended ? 0 : 1;
 }
 
@@ -144,10 +144,10 @@ int main(int argc, char** argv)
 {
     const std::span<char* const> words(argv, static_cast<std::size_t>(argc));
     Options options;
-    if (const int status = take_options(words.subspan(argc > 0 ? 1 : 0), options); status >= 0)
+    if (const int status = parse_options(words.subspan(argc > 0 ? 1 : 0), options); status >= 0)
         return status;
     if (::geteuid() != 0) {
-        zncd::log(zncd::Level::kError, "namespaces and mounts are root's; run it as root");
+        zncd::log(zncd::Level::kError, "must be run as root: namespaces and mounts require it");
         return 1;
     }
     ::umask(077);
@@ -155,23 +155,23 @@ int main(int argc, char** argv)
     const znc::UniqueFd lock = zncd::take_lock(ZNC_VERSION);
     if (!lock || !zncd::meets_requirements())
         return 1;
-    // Before the first namespace: what is started from here on starts with both signals blocked and
-    // a stop that comes early is not lost.
+    // Before the first namespace: processes started from here on inherit the blocked signals, and a
+    // stop signal that arrives early is not lost.
     const znc::UniqueFd stop = zncd::block_stop_signals();
     if (!stop) {
         zncd::log_errno("signalfd");
         return 1;
     }
-    if (znMsgQLimitsRaise(kQueueMessages, kMessageLength) != OK) {
-        say_queue_failure("the request queue cannot be made", errno);
+    if (znMsgQLimitsRaise(ZN_MSG_Q_LONGEST, ZNC_MSG_MAX_LEN) != OK) {
+        log_queue_failure("cannot create the request queue", errno);
         return 1;
     }
-    if (zncd::served_elsewhere()) {
+    if (zncd::other_daemon_serves()) {
         zncd::log(zncd::Level::kError, "a daemon is running already");
         return 1;
     }
     zncd::recover();
     znc::set_service_listener(
-        {tell_ready, options.allowUrgent ? note_request<true> : note_request<false>});
+        {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});
     return serve(stop.get());
 }

@@ -22,7 +22,7 @@ void notify(const char* state)
     address.sun_family = AF_UNIX;
     const std::size_t len = std::strlen(name);
     if ((name[0] != '/' && name[0] != '@') || len >= sizeof address.sun_path) {
-        log(Level::kWarning, "NOTIFY_SOCKET is no socket's name");
+        log(Level::kWarning, "NOTIFY_SOCKET is not a valid socket name");
         return;
     }
     std::memcpy(address.sun_path, name, len);
@@ -34,7 +34,7 @@ void notify(const char* state)
                             reinterpret_cast<const sockaddr*>(&address), size) < 0) {
         std::array<char, 256> reason{};
         znErrorText(errno, reason.data(), reason.size());
-        log(Level::kWarning, "%s cannot be told %s: %s", name, state, reason.data());
+        log(Level::kWarning, "cannot notify %s of %s: %s", name, state, reason.data());
     }
 }
 

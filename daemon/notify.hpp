@@ -1,12 +1,11 @@
-// notify.hpp - tells who supervises the daemon that it serves, or that it is about to end. Used by
-// main.
+// notify.hpp - notifies the service manager (sd_notify protocol). Used by main.
 #ifndef ZNCD_NOTIFY_HPP
 #define ZNCD_NOTIFY_HPP
 
 namespace zncd {
 
-// One datagram to the socket that NOTIFY_SOCKET names, if it does: "READY=1", "STOPPING=1". A
-// failure is a warning and nothing more.
+// Sends `state` ("READY=1", "STOPPING=1") in one datagram to the socket named by NOTIFY_SOCKET, if
+// it is set. A failure is logged as a warning.
 void notify(const char* state);
 
 } // namespace zncd

@@ -15,21 +15,21 @@ namespace {
 
 constexpr int kNormalPriority = 100; // smaller is more urgent
 
-void say_once(const char* containerId, int priority)
+void warn_once(const char* containerId, int priority)
 {
-    static bool said = false;
-    if (said)
+    static bool warned = false;
+    if (warned)
         return;
-    said = true;
+    warned = true;
     log(Level::kWarning,
-        "container %s asks for the urgent priority %d and gets the normal one, as all do without "
-        "--allow-urgent",
+        "container %s asks for the urgent priority %d but runs at normal priority: zncd was "
+        "started without --allow-urgent",
         containerId, priority);
 }
 
 } // namespace
 
-void settle_priority(const char* containerId, bool allowUrgent)
+void apply_priority_setting(const char* containerId, bool allowUrgent)
 {
     std::array<char, 256> id{};
     std::snprintf(id.data(), id.size(), "%s", containerId);
@@ -40,10 +40,9 @@ void settle_priority(const char* containerId, bool allowUrgent)
     if (priority >= kNormalPriority)
         return;
     if (!allowUrgent)
-        say_once(containerId, priority);
+        warn_once(containerId, priority);
     else if (znnsUrgentAllow(state.pCtx->nsId, TRUE) != OK)
-        log(Level::kError, "container %s cannot be allowed its priority: error %d", containerId,
-            errno);
+        log(Level::kError, "cannot allow container %s its priority: error %d", containerId, errno);
 }
 
 } // namespace zncd

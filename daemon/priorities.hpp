@@ -1,13 +1,13 @@
-// priorities.hpp - whether containers may have priorities more urgent than normal, which are shared
-// with everything else on the machine. Used by main, on the daemon task.
+// priorities.hpp - whether containers may have priorities more urgent than normal. These affect
+// everything else on the machine. Used by main, on the daemon task.
 #ifndef ZNCD_PRIORITIES_HPP
 #define ZNCD_PRIORITIES_HPP
 
 namespace zncd {
 
-// For a container that was just created: what the administrator said. When it is held back from
-// what its configuration asks for, the first time says so.
-void settle_priority(const char* containerId, bool allowUrgent);
+// Applies the setting of --allow-urgent to a container that was just created. Logs a warning the
+// first time that a container asks for an urgent priority and does not get it.
+void apply_priority_setting(const char* containerId, bool allowUrgent);
 
 } // namespace zncd
 

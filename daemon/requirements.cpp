@@ -17,7 +17,7 @@
 namespace zncd {
 namespace {
 
-// What is wrong with the areas of the storage base; empty if nothing is.
+// What is wrong with the directories of the storage base; empty if nothing is.
 std::string base_fault()
 {
     for (const unsigned type : {ZNC_LAYER_PATH, ZNC_FLATTENED_PATH, ZNC_CONTAINERS_PATH}) {
@@ -26,12 +26,13 @@ std::string base_fault()
         if (znc::base_path_text(path.data(), path.size(), type) == 0)
             return "the path is too long";
         if (znPathTrusted(path.data(), &trust) != OK)
-            return trust.fault[0] != '\0' ? trust.fault : path.data() + std::string(" is no path");
+            return trust.fault[0] != '\0' ? trust.fault
+                                          : path.data() + std::string(" is not a valid path");
     }
     return "";
 }
 
-// The daemon's own ones, and the platform's. `fault` is kept for as long as the result.
+// The daemon's requirements and those of the platform. The result refers to the text in `fault`.
 std::vector<znRequirement> requirements(std::string& fault)
 {
     fault = base_fault();
@@ -39,8 +40,8 @@ std::vector<znRequirement> requirements(std::string& fault)
     const bool dir =
         ::access(ZN_RUNTIME_DIR, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
     std::vector<znRequirement> all = {
-        {"root", "namespaces and mounts are root's", TRUE, root ? TRUE : FALSE},
-        {"a runtime directory that can be written (/run/zarnel)", "the lock could not be taken",
+        {"root", "namespaces and mounts require it", TRUE, root ? TRUE : FALSE},
+        {"a writable runtime directory (/run/zarnel)", "the daemon's lock could not be created",
          TRUE, dir ? TRUE : FALSE},
         {"a storage base that no other user can write to (ZNC_BASE)", fault.c_str(), TRUE,
          fault.empty() ? TRUE : FALSE}};
@@ -75,7 +76,7 @@ bool meets_requirements()
     std::string fault;
     for (const znRequirement& requirement : requirements(fault))
         if (requirement.needed != FALSE && requirement.met == FALSE) {
-            log(Level::kError, "needed and not there: %s: %s", requirement.text,
+            log(Level::kError, "missing requirement: %s: %s", requirement.text,
                 requirement.without);
             all = false;
         }

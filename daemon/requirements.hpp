@@ -1,16 +1,15 @@
-// requirements.hpp - what the daemon needs of the machine. Used by main: all of it for "zncd
-// check", and before it serves, so that a missing call is told by its name and not by a failed
-// container.
+// requirements.hpp - what the daemon needs of the machine. Checked by "zncd check", and before
+// serving, so that the log names a missing feature instead of a failed container.
 #ifndef ZNCD_REQUIREMENTS_HPP
 #define ZNCD_REQUIREMENTS_HPP
 
 namespace zncd {
 
-// Prints a line for each requirement on standard output, "yes" or "no" first. False if one is
-// missing that it cannot do without.
+// Prints one line per requirement on standard output, starting with "yes" or "no". False if a
+// mandatory one is not met.
 bool print_requirements();
 
-// Logs what is missing. False if there is something.
+// Logs the mandatory requirements that are not met. False if there are any.
 bool meets_requirements();
 
 } // namespace zncd

@@ -20,7 +20,7 @@ constexpr const char* kLockName = ZN_DAEMON_LOCK;
 constexpr int kLockTries = 50;
 constexpr long kLockPauseNs = 2000000;
 
-// Nobody else's directory, and no link to one, may stand in for it.
+// Refuses a directory of another user, and a symbolic link.
 znc::UniqueFd open_runtime_dir()
 {
     if (::mkdir(ZN_RUNTIME_DIR, 0700) != 0 && errno != EEXIST)
@@ -38,7 +38,7 @@ znc::UniqueFd open_runtime_dir()
     return dir;
 }
 
-void name_holder(int lock)
+void log_lock_holder(int lock)
 {
     std::array<char, 32> text{};
     const ssize_t len = ::pread(lock, text.data(), text.size() - 1, 0);
@@ -49,11 +49,12 @@ void name_holder(int lock)
         log(Level::kError, "a daemon is running already");
 }
 
-// The lock file. Where there is no room for one the directory itself is locked: the daemon is
-// needed most when something is used up.
+// Opens the lock file. If the file system is full, the directory is locked instead: the daemon must
+// start even then, to delete containers.
 znc::UniqueFd open_lock(znc::UniqueFd& dir)
 {
-    // The file stays when the daemon ends: removing it would let two daemons lock two files.
+    // The file is not removed when the daemon ends: otherwise two daemons could lock two different
+    // files.
     znc::UniqueFd lock(
         ::openat(dir.get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (lock || errno != ENOSPC)
@@ -64,7 +65,7 @@ znc::UniqueFd open_lock(znc::UniqueFd& dir)
     return std::move(dir);
 }
 
-// A program that asks whether the lock is held may have it for a moment itself.
+// Retries, because programs that check the lock (znDaemonInfoRead) hold it for a moment.
 bool lock_within_tries(int fd)
 {
     for (int n = 0; ::flock(fd, LOCK_EX | LOCK_NB) != 0; n++) {
@@ -76,20 +77,20 @@ bool lock_within_tries(int fd)
     return true;
 }
 
-// For people and programs that want to know who serves. The daemon does without.
-void write_own_identity(int dir, int lock, const char* version)
+// Records process id and version for users and other programs. Failures are logged only.
+void write_identity(int dir, int lock, const char* version)
 {
     const std::string text = std::to_string(::getpid()) + "\n";
     if (::ftruncate(lock, 0) != 0 ||
         ::pwrite(lock, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        static_cast<void>(::ftruncate(lock, 0) == 0); // no half a number
-        log(Level::kWarning, "%s/%s cannot be written: the file system is full", ZN_RUNTIME_DIR,
+        static_cast<void>(::ftruncate(lock, 0) == 0); // leave no partial number
+        log(Level::kWarning, "cannot write %s/%s: the file system is full", ZN_RUNTIME_DIR,
             kLockName);
     }
     if (znDaemonInfoWrite(dir, version) != OK) {
         std::array<char, 256> reason{};
         znErrorText(errno, reason.data(), reason.size());
-        log(Level::kWarning, "%s/%s cannot be written: %s", ZN_RUNTIME_DIR, ZN_DAEMON_FILE,
+        log(Level::kWarning, "cannot write %s/%s: %s", ZN_RUNTIME_DIR, ZN_DAEMON_FILE,
             reason.data());
     }
 }
@@ -110,13 +111,13 @@ znc::UniqueFd take_lock(const char* version)
     }
     if (!lock_within_tries(lock.get())) {
         if (errno == EWOULDBLOCK)
-            name_holder(lock.get());
+            log_lock_holder(lock.get());
         else
             log_errno(kLockName);
         return {};
     }
-    if (dir) // else it is the lock
-        write_own_identity(dir.get(), lock.get(), version);
+    if (dir) // else `lock` is the directory
+        write_identity(dir.get(), lock.get(), version);
     return lock;
 }
 

@@ -1,4 +1,5 @@
-// runtime_dir.hpp - the daemon's directory and the lock that makes it the only one. Used by main.
+// runtime_dir.hpp - the runtime directory and the lock that ensures that only one daemon runs. Used
+// by main.
 #ifndef ZNCD_RUNTIME_DIR_HPP
 #define ZNCD_RUNTIME_DIR_HPP
 
@@ -7,9 +8,9 @@
 
 namespace zncd {
 
-// Makes the directory, takes the lock in it for the life of the result, and writes down who has it.
-// Invalid when the lock cannot be had; why not (who holds it) was then printed. A full file system
-// is a warning.
+// Creates the directory, takes the lock and records the daemon's identity. The lock is held until
+// the result is destroyed. Invalid if the lock cannot be taken; the reason (with the process id of
+// the other daemon) is logged. If the file system is full, only a warning is logged.
 znc::UniqueFd take_lock(const char* version);
 
 } // namespace zncd

@@ -1,5 +1,5 @@
-// stop_signals.hpp - SIGTERM and SIGINT as a descriptor, so that the daemon task sees them between
-// two requests and never in the middle of one. Used by main.
+// stop_signals.hpp - SIGTERM and SIGINT as a descriptor, which the daemon task checks only between
+// requests. Used by main.
 #ifndef ZNCD_STOP_SIGNALS_HPP
 #define ZNCD_STOP_SIGNALS_HPP
 
@@ -7,11 +7,11 @@
 
 namespace zncd {
 
-// Blocks both signals for this process and hands out the descriptor that becomes readable when
-// one arrives. Invalid with errno set.
+// Blocks both signals in the calling thread and returns a descriptor that becomes readable when one
+// is pending. Invalid with errno set.
 znc::UniqueFd block_stop_signals();
 
-// Whether one has arrived.
+// Whether a stop signal is pending.
 bool stop_requested(int fd);
 
 } // namespace zncd

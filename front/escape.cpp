@@ -106,6 +106,20 @@ std::string printable_json(std::string_view json)
     });
 }
 
+std::string utf8(std::string_view bytes)
+{
+    std::string text;
+    while (!bytes.empty()) {
+        const Character character = first_character(bytes);
+        if (character.code == kNone)
+            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(bytes[0]));
+        else
+            text += bytes.substr(0, character.bytes);
+        bytes.remove_prefix(character.bytes);
+    }
+    return text;
+}
+
 std::size_t character_count(std::string_view text)
 {
     std::size_t count = 0;

@@ -20,6 +20,9 @@ std::string printable_lines(std::string_view text);
 // that are not UTF-8.
 std::string printable_json(std::string_view json);
 
+// Bytes that may be no UTF-8, such as the name of a file, as UTF-8: what is none reads "\xNN".
+std::string utf8(std::string_view bytes);
+
 // How many characters a text in UTF-8 has.
 std::size_t character_count(std::string_view text);
 

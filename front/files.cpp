@@ -1,7 +1,10 @@
 #include "files.hpp"
 
+#include "zarnel/fs.h"
+
 #include <array>
 #include <cstdio>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -12,6 +15,11 @@ std::string error_text()
     return std::generic_category().message(errno);
 }
 
+void throw_error(const std::string& object)
+{
+    throw std::runtime_error(object + ": " + error_text());
+}
+
 std::string read_error_text()
 {
     return errno == EINVAL ? "It is not a regular file" : error_text();
@@ -19,7 +27,9 @@ std::string read_error_text()
 
 std::string descriptor_path(int fd)
 {
-    return "/proc/self/fd/" + std::to_string(fd);
+    std::array<char, 64> path{};
+    znDescriptorPath(fd, path.data(), path.size());
+    return path.data();
 }
 
 znc::UniqueFd open_regular(const std::string& path, int dir)
@@ -59,24 +69,14 @@ std::optional<std::string> read_file(const std::string& path, int dir)
     }
 }
 
-bool write_all(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno != EINTR)
-            return false;
-        bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
-    }
-    return true;
-}
-
-bool replace_file(int dir, const char* name, std::string_view content)
+bool replace_file(int dir, const char* name, std::string_view content, bool lasting)
 {
     const std::string fresh = std::string(name) + ".new";
     znc::UniqueFd file(
         ::openat(dir, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return file && write_all(file.get(), content) && file.close_checked() == 0 &&
-           ::renameat(dir, fresh.c_str(), dir, name) == 0;
+    return file && write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
+           file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0 &&
+           (!lasting || ::fsync(dir) == 0);
 }
 
 } // namespace zncctl

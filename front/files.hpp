@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 
+#include "base/file.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
@@ -29,11 +30,13 @@ std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD
 // What the task error number says, as the C library puts it.
 std::string error_text();
 
-// Writes everything to a descriptor; false with errno set.
-bool write_all(int fd, std::string_view bytes);
+// Throws std::runtime_error: "OBJECT: " and what the task error number says.
+[[noreturn]] void throw_error(const std::string& object);
 
-// Gives the file this content in one step; false with errno set.
-bool replace_file(int dir, const char* name, std::string_view content);
+using znc::write_all;
+
+// Gives the file this content in one step, with `lasting` on the medium; false with errno set.
+bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);
 
 } // namespace zncctl
 

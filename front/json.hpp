@@ -1,59 +1,97 @@
-// json.hpp - JSON trees of the cJSON library as C++ values. Used by the commands that read or write
-// documents.
+// json.hpp - JSON documents of others read strictly, and documents written. Everything that a
+// program of ours decides on comes through parse_json, which refuses what readers understand
+// differently. Used by the front ends; the library reads with cJSON. A source that looks into a
+// value includes <nlohmann/json.hpp> itself.
 #ifndef ZNC_FRONT_JSON_HPP
 #define ZNC_FRONT_JSON_HPP
 
 #include "format/names.hpp"
 
-#include <memory>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include <cjson/cJSON.h>
+#include <nlohmann/json_fwd.hpp>
 
 namespace zncctl {
 
-struct JsonDeleter {
-    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
+// Members keep the order in which they are read or put in.
+using Json = nlohmann::ordered_json;
+
+struct JsonLimits {
+    std::size_t bytes = std::size_t{64} << 20U; // the library reads no longer files
+    std::size_t depth = 1000;                   // nor objects and arrays deeper in each other
 };
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
 
-// Null when the text is no JSON, or has something behind it. `where` then gets "line L, column C".
-Json parse_json(std::string_view text, std::string* where = nullptr);
+// What there is to say about a text.
+struct JsonNotes {
+    std::string problem; // why it is refused, with the place or the key; "" if it is not
+    std::optional<std::string> duplicate_key; // which is why
+    bool inexact = false;                     // a number has more digits than are kept
+};
 
-// A key that some object of a document has twice: readers differ in which one they take. The
-// library's ignores case, so that "Digest" is "digest"; but for keys that are data (labels,
-// annotations, ports, volumes). In a config.json annotations may repeat: the library writes one for
-// each port of an image, and nothing depends on them. Nothing when there is none.
-std::optional<std::string> duplicate_key(const cJSON* item, bool annotations_may_repeat = false);
+enum class Annotations { kUnique, kMayRepeat };
+
+// Nothing when the text is no JSON or more than that; has a key twice, a NUL in a text, a number
+// too large for a double, or more than the limits. Integers of 64 bits are exact; a number without
+// a fraction is an integer, however it is written.
+//
+// Readers differ in which of two members they take that have the same key. The library's ignores
+// case, so that "Digest" is "digest"; but for keys that are data (labels, annotations, ports,
+// volumes). In a config.json annotations may repeat: the library writes one for each port of an
+// image, and nothing depends on them.
+std::optional<Json> parse_json(std::string_view text, JsonNotes* notes = nullptr,
+                               Annotations annotations = Annotations::kUnique,
+                               const JsonLimits& limits = {});
 
 // The annotation that names an image in an index.
 using znc::kRefName;
 
-// Indented by two blanks, with one blank behind each colon.
-std::string pretty(const cJSON* item);
+// Indented by two blanks, with one blank behind each colon and a line end at the end.
+std::string pretty(const Json& json);
 
-// In one line.
-std::string compact(const cJSON* item);
+// In one line. What is no UTF-8 becomes U+FFFD in both.
+std::string compact(const Json& json);
 
-inline const cJSON* member(const cJSON* object, const char* key)
+// Null when there is none; also of no object, or of what is none.
+const Json* member(const Json* object, std::string_view key);
+inline const Json* member(const Json& object, std::string_view key)
 {
-    return cJSON_GetObjectItemCaseSensitive(object, key);
+    return member(&object, key);
 }
 
-// As the library finds members: whatever their case, the first counts. In a document without
-// duplicate keys there is no other.
-inline const cJSON* any_case_member(const cJSON* object, const char* key)
+// As the library finds members: whatever their case. In a document without duplicate keys there is
+// only one such.
+const Json* any_case_member(const Json* object, std::string_view key);
+inline const Json* any_case_member(const Json& object, std::string_view key)
 {
-    return cJSON_GetObjectItem(object, key);
+    return any_case_member(&object, key);
 }
+
+// The elements of an array, or the values of an object, to go over; none of anything else.
+const Json& children(const Json* json);
+
+bool is_array(const Json* json);
+bool is_object(const Json* json);
+
+// Null for what is no text.
+const std::string* text(const Json* json);
+
+// Nothing for what is no integer, or none of 64 bits with a sign.
+std::optional<std::int64_t> integer(const Json* json);
 
 // "" when it is missing or no text.
-std::string text_of(const cJSON* object, const char* key);
+std::string text_of(const Json* object, std::string_view key);
+inline std::string text_of(const Json& object, std::string_view key)
+{
+    return text_of(&object, key);
+}
 
-void add_text(cJSON* object, const char* key, const std::string& text);
-void add_number(cJSON* object, const char* key, double number);
+// Behind the others, without a look whether there is one of that key: objects of strangers can
+// have a million members.
+Json& append(Json& object, std::string_view key, Json value);
 
 } // namespace zncctl
 

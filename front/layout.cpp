@@ -1,14 +1,19 @@
 #include "layout.hpp"
 
-#include "digest.hpp"
+#include "blob.hpp"
 #include "files.hpp"
 #include "output.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <set>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "zncontainer.h"
 
 namespace zncctl {
 namespace {
@@ -22,65 +27,70 @@ class Refusal : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-std::string text_of_any_case(const cJSON* object, const char* key)
+std::string text_of_any_case(const Json* object, std::string_view key)
 {
-    const char* text = cJSON_GetStringValue(any_case_member(object, key));
-    return text != nullptr ? text : "";
+    const std::string* found = text(any_case_member(object, key));
+    return found != nullptr ? *found : "";
 }
 
-Descriptor descriptor_of(const cJSON* object)
+Descriptor descriptor_of(const Json* object)
 {
-    const cJSON* size = any_case_member(object, "size");
     return {text_of_any_case(object, "mediaType"), text_of_any_case(object, "digest"),
-            cJSON_IsNumber(size) ? size->valuedouble : -1};
+            integer(any_case_member(object, "size")).value_or(-1)};
 }
 
 class LayoutReader {
   public:
     explicit LayoutReader(const std::string& layout) : layout_(layout) {}
 
-    // Null, and `problem` says why, when it cannot be read. Throws Refusal.
-    Json document(const std::string& name, std::string& problem)
+    // Nothing, and `problem` says why, when it cannot be read. Throws Refusal.
+    std::optional<Json> document(const std::string& name, std::string& problem)
     {
         const auto text = read_file(layout_ + "/" + name);
         if (!text)
             problem = fmt::format("{}: {}", name, read_error_text());
-        return text ? parse(*text, name, problem) : nullptr;
+        return text ? parse(*text, name, problem) : std::nullopt;
     }
 
     // The same of a blob, whose size and content must be what the descriptor says.
-    Json blob(const Descriptor& descriptor, std::string& problem)
+    std::optional<Json> blob(const Descriptor& descriptor, std::string& problem)
     {
-        if (!is_digest(descriptor.digest)) {
+        if (!znc::is_digest(descriptor.digest)) {
             problem = fmt::format("\"{}\" is not a digest", descriptor.digest);
-            return nullptr;
+            return std::nullopt;
         }
-        const auto text = read_file(blob_path(layout_, descriptor.digest));
         const std::string& digest = descriptor.digest;
+        const znc::UniqueFd file = open_regular(blob_path(layout_, digest));
+        if (file) {
+            const std::string size = size_problem(file.get(), digest, descriptor.size);
+            if (!size.empty()) {
+                problem = size;
+                return std::nullopt;
+            }
+        }
+        const auto text = file ? read_file(descriptor_path(file.get())) : std::nullopt;
         if (!text)
             problem = fmt::format("blob {}: {}", digest, read_error_text());
-        else if (static_cast<double>(text->size()) != descriptor.size)
-            problem = fmt::format("blob {} has {} bytes, not {:.0f}", digest, text->size(),
-                                  descriptor.size);
-        else if (digest_of(digest.substr(0, digest.find(':')), *text) != digest)
+        else if (!has_digest(*text, digest))
             problem = fmt::format("blob {} has another content", digest);
         else
             return parse(*text, "blob " + digest, problem);
-        return nullptr;
+        return std::nullopt;
     }
 
   private:
-    Json parse(const std::string& text, const std::string& name, std::string& problem)
+    std::optional<Json> parse(const std::string& text, const std::string& name,
+                              std::string& problem)
     {
         read_ += text.size();
         if (read_ > kDocumentsMax)
             throw Refusal(fmt::format("{}: the documents of the layout are too large", name));
-        std::string where;
-        Json json = parse_json(text, &where);
-        if (json == nullptr)
-            problem = fmt::format("{}: no JSON at {}", name, where);
-        else if (const auto key = duplicate_key(json.get()))
-            throw Refusal(fmt::format("{}: the key \"{}\" is there twice", name, *key));
+        JsonNotes notes;
+        std::optional<Json> json = parse_json(text, &notes);
+        if (notes.duplicate_key)
+            throw Refusal(fmt::format("{}: {}", name, notes.problem));
+        if (!json)
+            problem = fmt::format("{}: {}", name, notes.problem);
         return json;
     }
 
@@ -89,46 +99,45 @@ class LayoutReader {
 };
 
 // What the index entry says, as far as it is no path to anything.
-Image image_of_entry(const cJSON* entry)
+Image image_of_entry(const Json& entry)
 {
     Image image;
-    image.manifest = descriptor_of(entry);
-    if (!is_digest(image.manifest.digest))
+    image.manifest = descriptor_of(&entry);
+    if (!znc::is_digest(image.manifest.digest))
         throw Refusal(fmt::format("index.json: \"{}\" is not a digest", image.manifest.digest));
     image.tag = text_of_any_case(any_case_member(entry, "annotations"), kRefName);
-    const cJSON* platform = any_case_member(entry, "platform");
+    const Json* platform = any_case_member(entry, "platform");
     image.platform_os = text_of_any_case(platform, "os");
     image.platform_arch = text_of_any_case(platform, "architecture");
     // The library takes such an entry for no platform, and such a name for no name.
     for (const char* key : {"os", "architecture"})
-        if (const cJSON* item = any_case_member(platform, key);
-            item != nullptr && cJSON_GetStringValue(item) == nullptr)
+        if (const Json* item = any_case_member(platform, key);
+            item != nullptr && text(item) == nullptr)
             image.problem = fmt::format("index.json: the platform's \"{}\" is not a text", key);
-    const cJSON* name = any_case_member(any_case_member(entry, "annotations"), kRefName);
-    if (cJSON_IsString(name) && image.tag.empty())
+    const Json* name = any_case_member(any_case_member(entry, "annotations"), kRefName);
+    if (text(name) != nullptr && image.tag.empty())
         image.problem = "index.json: the name of an image is empty";
     return image;
 }
 
-Image image_of(LayoutReader& reader, const cJSON* entry)
+Image image_of(LayoutReader& reader, const Json& entry)
 {
     Image image = image_of_entry(entry);
     std::string problem;
-    const Json manifest = reader.blob(image.manifest, problem);
-    image.config = descriptor_of(any_case_member(manifest.get(), "config"));
-    const cJSON* layer = nullptr;
-    cJSON_ArrayForEach(layer, any_case_member(manifest.get(), "layers"))
-    {
-        image.layers.push_back(descriptor_of(layer));
-        if (problem.empty() && !is_digest(image.layers.back().digest))
+    const std::optional<Json> read = reader.blob(image.manifest, problem);
+    const Json* manifest = read ? &*read : nullptr;
+    image.config = descriptor_of(any_case_member(manifest, "config"));
+    for (const Json& layer : children(any_case_member(manifest, "layers"))) {
+        image.layers.push_back(descriptor_of(&layer));
+        if (problem.empty() && !znc::is_digest(image.layers.back().digest))
             problem = fmt::format("\"{}\" is not a digest", image.layers.back().digest);
     }
-    if (manifest != nullptr)
-        image.config_document = reader.blob(image.config, problem);
+    if (read)
+        image.config_document = reader.blob(image.config, problem).value_or(Json());
     if (image.problem.empty())
         image.problem = problem;
-    image.os = text_of_any_case(image.config_document.get(), "os");
-    image.arch = text_of_any_case(image.config_document.get(), "architecture");
+    image.os = text_of_any_case(&image.config_document, "os");
+    image.arch = text_of_any_case(&image.config_document, "architecture");
     if (image.os.empty())
         image.os = image.platform_os;
     if (image.arch.empty())
@@ -142,29 +151,21 @@ std::optional<std::vector<Image>> read_images(const std::string& path, std::stri
     LayoutReader reader(path);
     std::string ignored; // of a layout without this file the index may still be listed
     static_cast<void>(reader.document("oci-layout", ignored));
-    const Json index = reader.document("index.json", problem);
-    const cJSON* manifests = any_case_member(index.get(), "manifests");
-    if (index == nullptr)
+    const std::optional<Json> index = reader.document("index.json", problem);
+    if (!index)
         return std::nullopt;
-    if (!cJSON_IsArray(manifests)) {
+    const Json* manifests = any_case_member(*index, "manifests");
+    if (!is_array(manifests)) {
         problem = "index.json: \"manifests\" is no array";
         return std::nullopt;
     }
     std::vector<Image> images;
-    const cJSON* entry = nullptr;
-    cJSON_ArrayForEach(entry, manifests)
-    {
+    for (const Json& entry : *manifests) {
         if (images.size() == kImagesMax)
             throw Refusal(fmt::format("index.json: more than {} images", kImagesMax));
         images.push_back(image_of(reader, entry));
     }
     return images;
-}
-
-bool is_directory(const std::string& path)
-{
-    struct stat st = {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 bool same_or_none(const std::string& wanted, const std::string& given)
@@ -178,14 +179,24 @@ ImageName split_image_name(const std::string& text)
 {
     const std::size_t colon = text.rfind(':');
     if (colon == text.npos || colon == 0 || text.find('/', colon) != text.npos ||
-        is_directory(text))
+        znc::is_directory(text.c_str()))
         return {text, kDefaultTag};
     return {text.substr(0, colon), text.substr(colon + 1)};
 }
 
+int layout_error(const std::string& path)
+{
+    const std::string file = path + "/oci-layout";
+    if (::access(file.c_str(), F_OK) != 0)
+        return S_zncLib_LAYOUT_NOT_FOUND;
+    const Json document = parse_json(read_file(file).value_or("")).value_or(Json());
+    const std::string version = text_of_any_case(&document, "imageLayoutVersion");
+    return version == "1.0.0" ? 0 : S_zncLib_LAYOUT_INVALID;
+}
+
 std::string blob_path(const std::string& layout, const std::string& digest)
 {
-    if (!is_digest(digest))
+    if (!znc::is_digest(digest))
         return "";
     const std::size_t colon = digest.find(':');
     return fmt::format("{}/blobs/{}/{}", layout, digest.substr(0, colon), digest.substr(colon + 1));
@@ -200,6 +211,28 @@ try {
     if (refused != nullptr)
         *refused = true;
     return std::nullopt;
+}
+
+std::string size_problem(const std::string& layout, const std::vector<Image>& images)
+{
+    std::set<std::pair<std::string_view, double>> seen; // images share blobs
+    const auto problem_of = [&](const Descriptor& blob) -> std::string {
+        if (!znc::is_digest(blob.digest) || !seen.emplace(blob.digest, blob.size).second)
+            return "";
+        const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
+        return file ? size_problem(file.get(), blob.digest, blob.size) : "";
+    };
+    for (const Image& image : images) {
+        std::string problem = problem_of(image.manifest);
+        if (problem.empty())
+            problem = problem_of(image.config);
+        for (auto layer = image.layers.begin(); problem.empty() && layer != image.layers.end();
+             ++layer)
+            problem = problem_of(*layer);
+        if (!problem.empty())
+            return problem;
+    }
+    return "";
 }
 
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,

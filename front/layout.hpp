@@ -10,12 +10,14 @@
 #include <optional>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace zncctl {
 
 struct Descriptor {
     std::string media_type;
     std::string digest;
-    double size = -1; // -1: not said
+    std::int64_t size = -1; // -1: not said
 };
 
 struct Image {
@@ -45,8 +47,16 @@ ImageName split_image_name(const std::string& text);
 std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
                                               bool* refused = nullptr);
 
+// What the library says of the layout's "oci-layout": 0, S_zncLib_LAYOUT_NOT_FOUND or
+// S_zncLib_LAYOUT_INVALID.
+int layout_error(const std::string& path);
+
 // Where a blob is; "" for what is no digest.
 std::string blob_path(const std::string& layout, const std::string& digest);
+
+// The first file of the images that has another size than is said of it: "" if none has. The
+// library reads such a file to its end before it says so. Files that cannot be opened are left out.
+std::string size_problem(const std::string& layout, const std::vector<Image>& images);
 
 // The image that unpacking would take; null if there is none.
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,

@@ -25,7 +25,7 @@ bool is_named(int fd, const std::string& path)
 }
 
 // `waiting`: null not to wait.
-bool lock(int file, int kind, const std::string_view* waiting)
+bool lock(int file, int kind, const std::string_view* waiting, std::chrono::seconds most)
 {
     const auto begin = Clock::now();
     bool said = false;
@@ -34,6 +34,10 @@ bool lock(int file, int kind, const std::string_view* waiting)
             return false;
         if (waiting == nullptr)
             continue;
+        if (most != NamedLock::kForever && Clock::now() - begin >= most) {
+            errno = ETIMEDOUT;
+            return false;
+        }
         if (!said && Clock::now() - begin >= std::chrono::seconds(1)) {
             print_hint(*waiting);
             said = true;
@@ -45,27 +49,28 @@ bool lock(int file, int kind, const std::string_view* waiting)
 
 } // namespace
 
-bool NamedLock::take(const std::string& path, std::string_view waiting)
+bool NamedLock::take(const std::string& path, std::string_view waiting, std::chrono::seconds most)
 {
-    return hold(path, LOCK_EX, &waiting);
+    return hold(path, LOCK_EX, &waiting, most);
 }
 
 bool NamedLock::share(const std::string& path, std::string_view waiting)
 {
-    return hold(path, LOCK_SH, &waiting);
+    return hold(path, LOCK_SH, &waiting, kForever);
 }
 
 bool NamedLock::try_take(const std::string& path)
 {
-    return hold(path, LOCK_EX, nullptr);
+    return hold(path, LOCK_EX, nullptr, kForever);
 }
 
-bool NamedLock::hold(const std::string& path, int kind, const std::string_view* waiting)
+bool NamedLock::hold(const std::string& path, int kind, const std::string_view* waiting,
+                     std::chrono::seconds most)
 {
     release();
     for (;;) {
         znc::UniqueFd file(::open(path.c_str(), kFlags, 0600));
-        if (!file || !lock(file.get(), kind, waiting))
+        if (!file || !lock(file.get(), kind, waiting, most))
             return false;
         if (!is_named(file.get(), path))
             continue;

@@ -3,6 +3,7 @@
 #ifndef ZNC_FRONT_NAMED_LOCK_HPP
 #define ZNC_FRONT_NAMED_LOCK_HPP
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -17,9 +18,13 @@ class NamedLock {
     NamedLock& operator=(const NamedLock&) = delete;
     ~NamedLock() { release(); }
 
+    static constexpr std::chrono::seconds kForever = std::chrono::seconds::max();
+
     // Waits until nobody else has it. After a second `waiting` is said, once; an interrupt ends the
-    // wait. False with errno set when the file cannot be made or locked.
-    bool take(const std::string& path, std::string_view waiting);
+    // wait. False with errno set when the file cannot be made or locked, ETIMEDOUT when somebody
+    // has had it for `most`.
+    bool take(const std::string& path, std::string_view waiting,
+              std::chrono::seconds most = kForever);
     // The same, together with others that share it.
     bool share(const std::string& path, std::string_view waiting);
     // Takes it without waiting; false with EWOULDBLOCK while somebody has it.
@@ -29,7 +34,8 @@ class NamedLock {
     void release();
 
   private:
-    bool hold(const std::string& path, int kind, const std::string_view* waiting);
+    bool hold(const std::string& path, int kind, const std::string_view* waiting,
+              std::chrono::seconds most);
 
     std::string path_;
     znc::UniqueFd file_;

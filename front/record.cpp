@@ -10,9 +10,11 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 
 namespace zncctl {
 namespace {
@@ -71,21 +73,25 @@ bool take_lock(int lock)
     return true;
 }
 
-Record from_json(const cJSON* tree)
+// Nothing for what is no number of that size.
+std::optional<int> number_of(const Json& json, const char* key)
 {
-    const auto number = [tree](const char* key) {
-        const cJSON* item = member(tree, key);
-        return cJSON_IsNumber(item) ? item->valueint : 0;
-    };
+    const auto number = integer(member(json, key));
+    return number && std::in_range<int>(*number) ? std::optional(static_cast<int>(*number))
+                                                 : std::nullopt;
+}
+
+Record from_json(const Json& json)
+{
     Record record;
-    record.keeper = number("keeper");
-    record.program = number("program");
-    record.pid_namespace = text_of(tree, "pidNamespace");
-    record.logged = cJSON_IsTrue(member(tree, "logged")) != 0;
-    record.started = text_of(tree, "started");
-    record.exited = text_of(tree, "exited");
-    if (cJSON_IsNumber(member(tree, "exitCode")))
-        record.exit_code = number("exitCode");
+    record.keeper = number_of(json, "keeper").value_or(0);
+    record.program = number_of(json, "program").value_or(0);
+    record.pid_namespace = text_of(json, "pidNamespace");
+    const Json* logged = member(json, "logged");
+    record.logged = logged != nullptr && *logged == true;
+    record.started = text_of(json, "started");
+    record.exited = text_of(json, "exited");
+    record.exit_code = number_of(json, "exitCode");
     return record;
 }
 
@@ -121,17 +127,16 @@ RecordKeeper RecordKeeper::begin(const std::string& id)
 
 void RecordKeeper::write(const Record& record) const
 {
-    const Json tree(cJSON_CreateObject());
-    add_number(tree.get(), "keeper", record.keeper);
-    add_number(tree.get(), "program", record.program);
-    add_text(tree.get(), "pidNamespace", record.pid_namespace);
-    cJSON_AddBoolToObject(tree.get(), "logged", record.logged ? 1 : 0);
-    add_text(tree.get(), "started", record.started);
+    Json json = {{"keeper", record.keeper},
+                 {"program", record.program},
+                 {"pidNamespace", record.pid_namespace},
+                 {"logged", record.logged},
+                 {"started", record.started}};
     if (record.exit_code) {
-        add_number(tree.get(), "exitCode", *record.exit_code);
-        add_text(tree.get(), "exited", record.exited);
+        json["exitCode"] = *record.exit_code;
+        json["exited"] = record.exited;
     }
-    static_cast<void>(replace_file(dir_.get(), kStatusName, pretty(tree.get())));
+    static_cast<void>(replace_file(dir_.get(), kStatusName, pretty(json)));
 }
 
 znc::UniqueFd open_record(const std::string& id)
@@ -148,10 +153,10 @@ znc::UniqueFd open_record(const std::string& id)
 std::optional<Record> read_record(int dir)
 {
     const auto text = read_file(kStatusName, dir);
-    const Json tree = text ? parse_json(*text) : nullptr;
-    if (!cJSON_IsObject(tree.get()))
+    const auto json = text ? parse_json(*text) : std::nullopt;
+    if (!json || !json->is_object())
         return std::nullopt;
-    return from_json(tree.get());
+    return from_json(*json);
 }
 
 std::optional<Record> read_record(const std::string& id)

@@ -18,7 +18,7 @@ namespace zncctl {
 struct Record {
     pid_t keeper = 0;
     pid_t program = 0;
-    std::string pid_namespace; // as /proc/PID/ns/pid reads
+    std::string pid_namespace; // as znProcessNamespace names it
     bool logged = false;       // its output is in a log
     std::string started;       // RFC 3339
     std::optional<int> exit_code;

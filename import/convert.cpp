@@ -56,10 +56,10 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
                      int file)
 {
     NewLayer layer;
-    Sha256 blob;
-    Sha256 diff;
+    znc::Digest blob;
+    znc::Digest diff;
     GzipWriter gzip(compressor, [&](std::span<const std::byte> bytes) {
-        blob.add(bytes);
+        blob.add(bytes.data(), bytes.size());
         layer.size += bytes.size();
         const auto* text = reinterpret_cast<const char*>(bytes.data());
         if (file >= 0 && !zncctl::write_all(file, {text, bytes.size()}))
@@ -68,13 +68,13 @@ NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Com
     emit(
         tree, spool,
         [&](std::span<const std::byte> bytes) {
-            diff.add(bytes);
+            diff.add(bytes.data(), bytes.size());
             gzip.write(bytes);
         },
         range);
     gzip.finish();
-    layer.digest = blob.text();
-    layer.diff_id = diff.text();
+    layer.digest = zncctl::digest_text(blob);
+    layer.diff_id = zncctl::digest_text(diff);
     return layer;
 }
 
@@ -131,16 +131,16 @@ Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool
 
     Outcome outcome;
     outcome.layers = write_layers(merged, options, spool, files);
-    outcome.os = zncctl::text_of(config.get(), "os");
-    outcome.arch = zncctl::text_of(config.get(), "architecture");
-    outcome.variant = zncctl::text_of(config.get(), "variant");
+    outcome.os = zncctl::text_of(config, "os");
+    outcome.arch = zncctl::text_of(config, "architecture");
+    outcome.variant = zncctl::text_of(config, "variant");
     outcome.config = finish_config(std::move(config), outcome.layers);
     outcome.manifest = new_manifest(image, outcome.config, outcome.layers);
     outcome.tag = tag_of(image);
     outcome.losses = report.losses();
     outcome.summary = report.summary();
     if (!options.report.empty())
-        outcome.report = zncctl::pretty(report.document().get());
+        outcome.report = zncctl::pretty(report.document());
     return outcome;
 }
 

@@ -1,14 +1,15 @@
 #include "outcome.hpp"
 
-#include "front/digest.hpp"
+#include "format/digest.hpp"
+#include "front/escape.hpp"
 
 #include <algorithm>
+#include <cstdint>
+#include <nlohmann/json.hpp>
 
 namespace zncimport {
 namespace {
 
-using zncctl::add_number;
-using zncctl::add_text;
 using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
@@ -16,20 +17,18 @@ using zncctl::text_of;
 // The digests of new layers and documents are always SHA-256.
 bool is_sha256(const std::string& text)
 {
-    return zncctl::is_digest(text) && text.starts_with("sha256:");
+    return znc::is_digest(text) && text.starts_with("sha256:");
 }
 
-std::uint64_t number_of(const cJSON* object, const char* key)
+std::uint64_t number_of(const Json& object, const char* key)
 {
-    // 2^53: a double represents all integers up to here exactly
-    constexpr double kMost = 9007199254740992.0;
-    const cJSON* item = member(object, key);
-    if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0 && item->valuedouble <= kMost))
+    const std::int64_t number = zncctl::integer(member(object, key)).value_or(-1);
+    if (number < 0)
         throw Failure("", "the process reading the image returned an invalid result");
-    return static_cast<std::uint64_t>(item->valuedouble);
+    return static_cast<std::uint64_t>(number);
 }
 
-NewLayer layer_of(const cJSON* object)
+NewLayer layer_of(const Json& object)
 {
     NewLayer layer = {text_of(object, "digest"), text_of(object, "diff_id"),
                       number_of(object, "size")};
@@ -42,55 +41,49 @@ NewLayer layer_of(const cJSON* object)
 
 std::string write_outcome(const Outcome& outcome)
 {
-    const Json document(cJSON_CreateObject());
-    cJSON* layers = cJSON_AddArrayToObject(document.get(), "layers");
-    for (const NewLayer& layer : outcome.layers) {
-        cJSON* object = cJSON_CreateObject();
-        cJSON_AddItemToArray(layers, object);
-        add_text(object, "digest", layer.digest);
-        add_text(object, "diff_id", layer.diff_id);
-        add_number(object, "size", static_cast<double>(layer.size));
-    }
-    add_text(document.get(), "config", outcome.config);
-    add_text(document.get(), "manifest", outcome.manifest);
-    add_text(document.get(), "tag", outcome.tag);
-    add_text(document.get(), "os", outcome.os);
-    add_text(document.get(), "architecture", outcome.arch);
-    add_text(document.get(), "variant", outcome.variant);
-    add_number(document.get(), "losses", static_cast<double>(outcome.losses));
-    add_text(document.get(), "summary", outcome.summary);
-    add_text(document.get(), "report", outcome.report);
-    return zncctl::compact(document.get());
+    Json layers = Json::array();
+    for (const NewLayer& layer : outcome.layers)
+        layers.push_back(
+            {{"digest", layer.digest}, {"diff_id", layer.diff_id}, {"size", layer.size}});
+    return zncctl::compact({{"layers", std::move(layers)},
+                            {"config", outcome.config},
+                            {"manifest", outcome.manifest},
+                            {"tag", outcome.tag},
+                            {"os", outcome.os},
+                            {"architecture", outcome.arch},
+                            {"variant", outcome.variant},
+                            {"losses", outcome.losses},
+                            {"summary", outcome.summary},
+                            {"report", outcome.report}});
 }
 
 std::string write_failure(const Failure& failure)
 {
-    const Json document(cJSON_CreateObject());
-    add_text(document.get(), "error", failure.what());
-    add_text(document.get(), "object", failure.object());
-    add_number(document.get(), "status", failure.status());
-    return zncctl::compact(document.get());
+    return zncctl::compact({{"error", zncctl::utf8(failure.what())},
+                            {"object", zncctl::utf8(failure.object())},
+                            {"status", static_cast<int>(failure.status())}});
 }
 
 Outcome read_outcome(const std::string& text)
 {
-    const Json document = zncctl::parse_json(text);
-    if (cJSON_HasObjectItem(document.get(), "error") != 0)
-        throw Failure(text_of(document.get(), "object"), text_of(document.get(), "error"),
-                      static_cast<zncctl::ExitStatus>(number_of(document.get(), "status") & 0xffU));
+    constexpr zncctl::JsonLimits kLimits = {SIZE_MAX, 10}; // a report can be long
+    const Json document =
+        zncctl::parse_json(text, nullptr, zncctl::Annotations::kUnique, kLimits).value_or(Json());
+    if (member(document, "error") != nullptr)
+        throw Failure(text_of(document, "object"), text_of(document, "error"),
+                      static_cast<zncctl::ExitStatus>(number_of(document, "status") & 0xffU));
     Outcome outcome;
-    const cJSON* object = nullptr;
-    cJSON_ArrayForEach(object, member(document.get(), "layers"))
+    for (const Json& object : zncctl::children(member(document, "layers")))
         outcome.layers.push_back(layer_of(object));
-    outcome.config = text_of(document.get(), "config");
-    outcome.manifest = text_of(document.get(), "manifest");
-    outcome.tag = text_of(document.get(), "tag");
-    outcome.os = text_of(document.get(), "os");
-    outcome.arch = text_of(document.get(), "architecture");
-    outcome.variant = text_of(document.get(), "variant");
-    outcome.losses = number_of(document.get(), "losses");
-    outcome.summary = text_of(document.get(), "summary");
-    outcome.report = text_of(document.get(), "report");
+    outcome.config = text_of(document, "config");
+    outcome.manifest = text_of(document, "manifest");
+    outcome.tag = text_of(document, "tag");
+    outcome.os = text_of(document, "os");
+    outcome.arch = text_of(document, "architecture");
+    outcome.variant = text_of(document, "variant");
+    outcome.losses = number_of(document, "losses");
+    outcome.summary = text_of(document, "summary");
+    outcome.report = text_of(document, "report");
     if (outcome.layers.empty() || outcome.config.empty() || outcome.manifest.empty())
         throw Failure("", "the process reading the image returned an invalid result");
     return outcome;

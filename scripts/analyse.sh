@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# analyse.sh [clang-tidy|cppcheck|gcc]... - the analysers over the sources, all of them without
-# names: clang-tidy with the checks of .clang-tidy, cppcheck, and the analyser of gcc over what is
-# written in C, the only language it knows well. Prints the findings and fails when there is one.
-# shellcheck disable=SC2317 # what is called by way of quietly
+# analyse.sh [clang-tidy|cppcheck|gcc]... - runs the named static analysers (default: all):
+# clang-tidy with the checks in .clang-tidy, cppcheck, and the analyser of gcc on the C sources, the
+# only language that it supports well. Prints the findings and fails if there are any.
+# shellcheck disable=SC2317 # functions that are called by quietly
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=$(nproc)
 failed=0
 
-# quietly NAME COMMAND...: its output is shown only when it fails.
+# quietly NAME COMMAND...: runs the command and prints its output only if it fails.
 quietly() {
     local name=$1 log start=$SECONDS
     shift
@@ -24,8 +24,8 @@ quietly() {
     rm -f "$log"
 }
 
-# Files that the build writes are analysed too, so they must be there. The build is that of the
-# sanitizers: with clang, and there when all tests have run.
+# Generated sources are analysed too, so they must have been built. The build with clang and
+# sanitizers is used, which exists after a full test run.
 clang_tidy() {
     cmake --preset asan-ubsan &&
         cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import &&
@@ -33,19 +33,19 @@ clang_tidy() {
             "^$PWD/(base|format|cli|container|daemon|front|import|platform)/.*\\.cpp\$"
 }
 
-# Switched off: what only says that something could be written in another way, what a file alone
-# does not show (unused functions, missing headers), and those given in the sources with a reason.
+# Disabled: style checks, checks that need the whole program (unused functions, missing headers),
+# and findings suppressed in the sources with a reason.
 run_cppcheck() {
     cppcheck --quiet --error-exitcode=1 --inline-suppr -j "$jobs" --std=c++20 \
         --enable=warning,performance,portability \
         --suppressions-list=cmake/cppcheck-suppressions.txt \
-        --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL -DZNC_VERSION='"1.0.0"' \
+        --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL \
         -I container/runtime/include -I container/runtime/src -I platform/include -I platform/linux \
         -I . \
         base cli format container/runtime/src daemon front import platform
 }
 
-# Code in C: the exported version and the programs of the tests.
+# The C sources: the exported version, and programs of the tests.
 gcc_analyser() {
     local file good=1
     while IFS= read -r -d '' file; do

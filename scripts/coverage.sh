@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# coverage.sh [CTEST-OPTION...] - builds with counters, runs the tests (all, or those that the options
-# choose, as in "-R Tar") and prints which part of each module's lines and branches they ran, and
-# the lines that were not. Fails when a goal is missed: 95 % of the lines and 85 % of the branches of each
-# module that reads what others wrote, 90 % of the lines of the library.
+# coverage.sh [CTEST-OPTION...] - builds with coverage counters, runs the tests (all, or those
+# selected by the options, such as "-R Tar"), and prints the line and branch coverage of each module
+# and the lines that were not executed. Fails below the goals: 95 % of the lines and 85 % of the
+# branches of each module that parses untrusted input, 90 % of the lines of the library.
 #
-# A branch is each way out of a condition that g++ compiles without optimisation; those into the
-# handling of exceptions, which the library is compiled without, do not count.
+# A branch is an outcome of a condition as compiled without optimisation. Branches into exception
+# handling are not counted; the library is compiled without exceptions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# demo.sh - the main job from end to end, as root: installs what it needs, builds, makes an image
-# of two layers with standard tools, starts the daemon and takes a container through its life. Each
-# command is shown with what it printed. Afterwards nothing of it is left but the build.
+# demo.sh - demonstrates the main features, as root: installs dependencies, builds, makes an image
+# of two layers with standard tools, starts the daemon, and creates, runs and deletes a container.
+# Prints every command with its output. Removes everything afterwards except the build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$PWD/build/demo/bin
@@ -37,8 +37,8 @@ if [[ -d /overlay ]]; then
     devices_before=$(ls -A /overlay)
 fi
 
-# The daemon ends its containers itself. What an unpacked image leaves is meant to stay: its overlay
-# device and its layers; the demo takes them away, too.
+# The daemon ends its containers itself. The overlay device and the layers of an unpacked image
+# normally stay; the demo removes them.
 clean_up() {
     local status=$? device
     trap - EXIT INT TERM
@@ -62,13 +62,13 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# show COMMAND...: the command as typed, then what it printed.
+# show COMMAND...: prints the command as typed, then its output.
 show() {
     printf '\n$ %s\n' "$*"
     "$@"
 }
 
-# The image: busybox below, what this image is about above.
+# The image: busybox in the lower layer, the program of this demo in the upper one.
 make_image() {
     mkdir -p base/{bin,dev,proc,sys,tmp} own/srv
     cp "$(command -v busybox)" base/bin/busybox
@@ -94,7 +94,7 @@ SH
 }
 
 speaks() { zncctl logs web | grep -q layer; }
-# until_true WHAT COMMAND...: waits up to 10 seconds.
+# until_true WHAT COMMAND...: repeats the command for up to 10 seconds until it succeeds.
 until_true() {
     local what=$1 i
     shift

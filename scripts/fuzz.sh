@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# fuzz.sh SECONDS [TARGET...] - builds the fuzz targets and runs each (all without names) for so many
-# seconds, two at a time (FUZZ_JOBS), in a sandbox. For each it prints how many inputs were run, how many
-# edges of the code they reached, and what was found; it fails when something was. What the runs
-# learn stays in build/fuzz/corpus, and the next ones start from it. FUZZ_PRESET: the build to use,
-# "fuzz" (the default, optimised) or "asan-ubsan", which the tests share.
+# fuzz.sh SECONDS [TARGET...] - builds the fuzz targets and runs each of the named ones (default:
+# all) for this time in a sandbox, two in parallel (FUZZ_JOBS). Prints the number of inputs, the
+# number of covered edges and the findings of each target, and fails if there are any. The corpus is
+# kept in build/fuzz/corpus for the next run. FUZZ_PRESET selects the build: "fuzz" (default,
+# optimised) or "asan-ubsan", which is also used by the tests.
 #
-# A finding's input is kept beside the corpus. Once the fault is mended, it goes with a telling name
-# to tests/fuzz/regressions/TARGET, where every build's tests run it.
+# The input of a finding is stored next to the corpus. When the fault is fixed, add it under a
+# descriptive name to tests/fuzz/regressions/TARGET; the tests of every build run these inputs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,7 +21,7 @@ if [[ $(id -u) -ne 0 ]]; then
     exit 1
 fi
 
-# The dictionary and the longest input of each target.
+# Dictionary and maximum input length of each target.
 declare -A dictionary=([tar_stream]=tar [extract]=tar [gzip]=gzip [image_layout]=image
     [image_config]=config [bundle_config]=config [request]=message [reply]=message [paths]=paths)
 declare -A longest=([tar_stream]=6144 [extract]=6144 [extract_names]=200 [gzip]=16384
@@ -47,7 +47,7 @@ if ! { cmake --preset "$preset" && cmake --build --preset "$preset" --target fuz
     exit 1
 fi
 
-# run TARGET: its output goes to a log, its exit code is libFuzzer's.
+# run TARGET: logs its output and returns libFuzzer's exit code.
 run() {
     local target=$1 corpus=$build/corpus/$1 options=()
     mkdir -p "$corpus"
@@ -62,7 +62,7 @@ run() {
         "$corpus" "$build/tests/fuzz/seeds/$target" "$@" >"$work/$target.log" 2>&1
 }
 
-# report TARGET CODE: one line, and what was found.
+# report TARGET CODE: prints one line with the result, and the findings.
 report() {
     local target=$1 code=$2 executions coverage
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log")
@@ -78,7 +78,7 @@ report() {
 
 failed=0
 declare -A target_of=()
-# one_ended: waits for a target and reports it.
+# one_ended: waits for one target to end and reports it.
 one_ended() {
     local pid code=0
     wait -n -p pid || code=$?

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages that building,
-# packaging, testing, the bench or the demo need; those of build, test and demo without arguments.
-# Does nothing when they are there. Needs root only when they are not.
+# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages needed for
+# building, packaging, tests, benchmarks or the demo; without arguments, those for build, test and
+# demo. Needs root only if packages are missing.
 set -euo pipefail
 
-build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libmbedtls-dev nettle-dev
-    ninja-build pkg-config zlib1g-dev)
+build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev nettle-dev
+    ninja-build nlohmann-json3-dev pkg-config zlib1g-dev)
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac
 package=(dpkg-dev file scdoc)
 test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck debootstrap dpkg-dev e2fsprogs
-    file fish jq libarchive-tools libgtest-dev lintian mandoc mount python3 scdoc shellcheck skopeo strace systemd tar
+    file fish jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount python3 scdoc shellcheck skopeo strace systemd tar
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)

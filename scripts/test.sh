@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# test.sh [--quick|--all] - everything that must hold, from a bare Debian 12, as root: installs what it
-# needs, checks the sources, builds with both compilers, runs all tests, also under the sanitizers.
-# --quick leaves out the second compiler, the analysers, fuzzing and the sanitizers. --all tries
-# every point where the other forms take samples (faults at system calls, kills, models) and fuzzes for
-# ten minutes per target: hours. The last line is "N passed, N failed, N skipped", summed over all runs; a
+# test.sh [--quick|--all] - the complete test run, from a bare Debian 12, as root: installs
+# dependencies, checks the sources, builds with both compilers, runs all tests, also with the
+# sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler, the
+# analysers, the other ways to build, fuzzing and the sanitizers. --all tests every point where the
+# other forms test a sample (faults at system calls, kills, models) and fuzzes each target for ten
+# minutes; it takes hours. The last line is "N passed, N failed, N skipped", summed over all runs; a
 # failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -30,15 +31,15 @@ failed=0
 skipped=0
 ok=
 
-# step NAME COMMAND...: a step that passes or fails as a whole; its output is shown when it fails. A
-# failed one does not keep the others from running: it is in the sum, and in `ok` (empty).
+# step NAME COMMAND...: runs a step that passes or fails as a whole, and prints its output if it
+# fails. After a failure the other steps still run; `ok` is empty then, and the failure is counted.
 step() {
     begin "$@"
     finish
 }
 
-# begin NAME COMMAND...: begins a step beside what follows, behind it in every queue for a processor;
-# finish waits for it. One at a time.
+# begin NAME COMMAND...: starts a step in the background, only one at a time; finish waits for it.
+# begin_beside starts it with the lowest CPU priority.
 begin() {
     begun=$1 begun_at=$SECONDS begun_log=$(mktemp)
     shift
@@ -50,10 +51,12 @@ begin() {
 }
 begin_beside() { niceness=19 begin "$@"; }
 
+# What the step printed is shown when it failed; of its rows, always which passed.
 finish() {
     ok=
     if wait "$begun_pid"; then
         ok=1
+        grep '^ok - ' "$begun_log" || [[ $? -eq 1 ]]
         printf 'ok - %s (%d s)\n' "$begun" $((SECONDS - begun_at))
     else
         printf 'not ok - %s\n' "$begun"
@@ -63,7 +66,7 @@ finish() {
     rm -f "$begun_log"
 }
 
-# sources NAME-PATTERN...: the files of these names, NUL behind each.
+# sources NAME-PATTERN...: prints the names of matching source files, each followed by NUL.
 sources() {
     local tests=(-false) pattern
     for pattern in "$@"; do tests+=(-o -name "$pattern"); done
@@ -83,7 +86,14 @@ configured_and_built() {
     cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"
 }
 
-# suite PRESET: runs all tests of a build and adds up what they say.
+analysed_and_built_otherwise() {
+    local good=1
+    scripts/analyse.sh || good=
+    scripts/build-matrix.sh ${all:+--all} || good=
+    [[ -n $good ]]
+}
+
+# suite PRESET: runs all tests of a build and adds up the results.
 suite() {
     local results=$PWD/build/$1/results.xml counts p f s start=$SECONDS green=1
     rm -f "$results"
@@ -101,11 +111,11 @@ if command -v ccache >/dev/null; then
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
 fi
 
-# The system images of the tests are made once for all builds.
+# The system images for the tests are made once for all builds.
 export ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-$PWD/build/testcache}
 export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1
-if [[ -n $all ]]; then # what the tests do by default is a sample of this
+if [[ -n $all ]]; then # sizes of the full runs; the defaults are samples
     export ZNC_TEST_ALL=1 LOAD_SPAWNS=1000 LOAD_CREATES=2000 LOAD_REQUESTS=500 HOSTILE_MESSAGES=300000 \
         RACE_ROUNDS=200 STORM_LIVES=500 DIFFERENTIAL_DOCUMENTS=20000 CORPUS_FLIPS=100000 PROBE_FLIPS=100000
 fi
@@ -113,7 +123,8 @@ fi
 step 'sources are formatted' formatted
 step 'shell scripts have no findings' shell_scripts
 step 'builds with preset release' configured_and_built release
-# The tests of containers run one at a time and wait often, so the next build is made meanwhile.
+# The container tests run one at a time and are mostly waiting, so the next build runs at the same
+# time.
 if [[ -n $quick ]]; then
     if [[ -n $ok ]]; then suite release; fi
 else
@@ -126,7 +137,7 @@ else
     if [[ -n $built ]]; then suite asan-ubsan; fi
     finish
     built=$ok
-    begin_beside 'the analysers have no findings' scripts/analyse.sh
+    begin_beside 'the analysers find nothing, and every way to build works' analysed_and_built_otherwise
     if [[ -n $built ]]; then suite tsan; fi
     finish
     export FUZZ_PRESET=asan-ubsan

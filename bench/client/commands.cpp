@@ -1,13 +1,13 @@
-// commands.cpp - runs command lines one after the other, again and again, and times each round.
+// commands.cpp - runs sequences of commands repeatedly and measures each round.
 //
 // usage: bench_commands ROUNDS COMMAND... [-- COMMAND...]...
 //        bench_commands peak COMMAND...
 //
-// In every word "@" becomes an id that is new in each round. The command "wait" waits for a process
-// that a command before it left behind (this program is what such processes are handed to). Output
-// of commands is dropped; one that fails ends the run. Prints the nanoseconds of each round,
-// or the most memory in KiB that the one command had, which a larger parent cannot tell: the kernel
-// counts what a process was before exec.
+// In every word "@" is replaced by an id that is new in each round. The command "wait" waits for a
+// process that an earlier command left behind (this program is the subreaper). Output of commands
+// is discarded; a failing command ends the run. Prints the nanoseconds of each round, or with
+// "peak" the maximum memory of the command in KiB. A larger parent process could not measure this,
+// because the kernel includes the memory that the process had before exec.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

@@ -1,19 +1,19 @@
-// library.cpp - the library from one process, timed.
+// library.cpp - measures library functions called from one process.
 //
 // usage: bench_library lifecycle ROUNDS BUNDLE     create, start and wait, delete
 //        bench_library state CLIENTS ROUNDS ID     state requests; prints the average of one
 //        bench_library fill COUNT BUNDLE           create COUNT containers and leave them
-//        bench_library empty COUNT                 delete those
-//        bench_library operations ROUNDS BUNDLE    state, create, kill, delete: one line each round
+//        bench_library empty COUNT                 delete these
+//        bench_library operations ROUNDS BUNDLE    state, create, kill, delete: one line per round
 //        bench_library answers TRASH               state requests while container "filled-0" is
-//        deleted
-//                                                  and until the directory TRASH is gone
-//        bench_library hold COUNT BUNDLE           start COUNT programs and, after a line, wait for
-//                                                  the end of standard input and for none of them
+//                                                  deleted, and until the directory TRASH is gone
+//        bench_library hold COUNT BUNDLE           start COUNT programs, print a line, and wait for
+//                                                  end of file on standard input, but not for the
+//                                                  programs
 //        bench_library delete BUNDLE               zncImageBundleDelete
 //        bench_library inspect LAYOUT              zncImageInfoGet
 //
-// Prints nanoseconds, one line for each round.
+// Prints nanoseconds, one line per round.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -38,7 +38,7 @@ using Text = std::unique_ptr<char, Free>;
 
 class Stopwatch {
   public:
-    // Nanoseconds since the start or the last call.
+    // Nanoseconds since the construction or the last call.
     long long lap()
     {
         const auto now = std::chrono::steady_clock::now();

@@ -1,11 +1,11 @@
-// lifecycle.cpp - the floor of one container's life: a process in the same namespaces, its root
-// pivoted to, the same mounts, device nodes and covers made, the program run and waited for. One
-// process, no daemon, nothing that is checked or could be asked for later.
+// lifecycle.cpp - the floor of a container's life cycle: a process in the same namespaces pivots to
+// its root, makes the same mounts, device nodes and masks, runs the program and waits for it. One
+// process, no daemon, no checks and no state.
 //
 // usage: floor_lifecycle ROUNDS ROOT PROGRAM [STORAGE]
 //
-// Prints the nanoseconds of each round. With STORAGE the root is an overlay of a new upper
-// directory there over ROOT, mounted and taken down in every round.
+// Prints the nanoseconds of each round. With STORAGE the root is an overlay over ROOT with a new
+// upper directory in STORAGE, mounted and unmounted in every round.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -68,7 +68,7 @@ void make_dev()
     mount_at("mqueue", "dev/mqueue", kQuiet, nullptr);
 }
 
-// A path that the kernel has is covered by /dev/null or an empty tmpfs, or made read-only.
+// Covers an existing path with /dev/null or an empty tmpfs, or makes it read-only.
 void cover(const char* path)
 {
     struct stat st;

@@ -1,7 +1,8 @@
-// queue.cpp - the floor of a request: a reply queue and an info queue made and removed, one message
-// each way, with the sizes the protocol has. The server does nothing but answer.
+// queue.cpp - the floor of a request: creates and removes a reply queue and an info queue and sends
+// one message in each direction, with the sizes of the protocol. The server only answers. Prints
+// the average time of a round in nanoseconds.
 //
-// usage: floor_queue CLIENTS ROUNDS     prints the nanoseconds that one round took on average
+// usage: floor_queue CLIENTS ROUNDS
 #include <chrono>
 #include <csignal>
 #include <cstdio>

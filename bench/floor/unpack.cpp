@@ -1,29 +1,23 @@
-// unpack.cpp - the floor of unpacking: what no unpacker that verifies can leave out, with the same
-// libraries, one after the other. No JSON, no checks of names, no confinement.
+// unpack.cpp - the floor of unpacking: the work that no verifying unpacker can avoid, done
+// sequentially with the same libraries. No JSON, no checks of names, no confinement.
 //
 // usage: floor_unpack [--hash FILE]... [--extract ARCHIVE DIRECTORY]...
 //
-// --hash reads a file once through SHA-256. --extract inflates a gzip archive and makes its
-// directories, files and links with their modes and times.
+// --hash computes the SHA-256 digest of a file. --extract decompresses a gzip archive and creates
+// its directories, files and links with their modes and timestamps.
+#include "format/digest.hpp"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <isa-l/igzip_lib.h>
-#include <mbedtls/sha256.h>
-#include <mbedtls/version.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
-
-#if MBEDTLS_VERSION_NUMBER < 0x03000000
-#define mbedtls_sha256_starts mbedtls_sha256_starts_ret
-#define mbedtls_sha256_update mbedtls_sha256_update_ret
-#define mbedtls_sha256_finish mbedtls_sha256_finish_ret
-#endif
 
 namespace {
 
@@ -42,20 +36,15 @@ void hash(const char* path)
     if (fd < 0)
         die(path);
     std::vector<unsigned char> piece(kPiece);
-    mbedtls_sha256_context context;
-    mbedtls_sha256_init(&context);
-    mbedtls_sha256_starts(&context, 0);
+    znc::Digest digest;
     for (ssize_t n; (n = ::read(fd, piece.data(), piece.size())) > 0;)
-        mbedtls_sha256_update(&context, piece.data(), static_cast<std::size_t>(n));
-    unsigned char sum[32];
-    mbedtls_sha256_finish(&context, sum);
-    for (const unsigned char byte : sum)
-        std::printf("%02x", byte);
-    std::printf("  %s\n", path);
+        digest.add(piece.data(), static_cast<std::size_t>(n));
+    const znc::DigestText text = digest.text();
+    std::printf("%.*s  %s\n", static_cast<int>(text.view().size()), text.view().data(), path);
     ::close(fd);
 }
 
-// The inflated archive, a block or a run of blocks at a time.
+// The decompressed archive, read one or more blocks at a time.
 class Archive {
   public:
     explicit Archive(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC))
@@ -69,7 +58,7 @@ class Archive {
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
 
-    // Up to `wanted` bytes, in place.
+    // Returns up to `wanted` bytes without copying.
     std::string_view take(std::size_t wanted)
     {
         if (at_ == end_)

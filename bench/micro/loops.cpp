@@ -1,5 +1,5 @@
-// loops.cpp - the library's inner loops, by Google Benchmark: an archive header, a member's path, a
-// digest, a request's JSON.
+// loops.cpp - micro-benchmarks (Google Benchmark): archive headers, member paths, digests, JSON of
+// requests.
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>
@@ -58,7 +58,7 @@ void digest(benchmark::State& state)
     const std::string content(static_cast<std::size_t>(state.range(0)), 'x');
     if (::write(fd.get(), content.data(), content.size()) != state.range(0))
         state.SkipWithError("no room in /tmp");
-    const std::string wrong(64, '0'); // the work is the same
+    const std::string wrong(64, '0'); // same work as for a matching digest
     for (auto _ : state)
         benchmark::DoNotOptimize(validateSha256(name, wrong.c_str()));
     state.SetBytesProcessed(state.iterations() * state.range(0));

@@ -1,4 +1,4 @@
-"""The scenes of containers: their life by commands and by the library, requests, memory."""
+"""The scenes of containers: life cycle by commands and by the library, requests, memory."""
 import glob
 import os
 import shutil
@@ -12,18 +12,18 @@ from scenes import fixtures
 from scenes.measure import Sample, compare, figure, interleave, rounds
 
 WORK = "/tmp/bench"
-ROUNDS = 20  # lives in one sample
+ROUNDS = 20  # life cycles per sample
 
 
 class Daemon:
-    """A zncd with a storage base of its own, ended with the block."""
+    """A zncd with a storage base of its own, stopped at the end of the with block."""
 
     def __init__(self, world, overlay, base=f"{WORK}/base"):
         self.bin = world.bin
         shutil.rmtree(WORK, ignore_errors=True)
         os.makedirs(WORK)
         os.environ["ZNC_BASE"] = base
-        if not overlay:  # a link to nowhere: the daemon finds no /overlay and can make none
+        if not overlay:  # a dangling link: the daemon finds no /overlay and cannot create it
             os.rmdir("/overlay")
             os.symlink("/none", "/overlay")
 
@@ -35,11 +35,11 @@ class Daemon:
         self.stop(signal.SIGTERM)
 
     def start(self):
-        """Seconds until it says that it serves."""
+        """Starts it; returns the seconds until it reports that it serves."""
         name = f"{WORK}/notify"
         if os.path.exists(name):
             os.unlink(name)
-        self.told = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)  # until the daemon has ended
+        self.told = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)  # kept until the daemon has ended
         self.told.bind(name)
         self.told.settimeout(60)
         begin = time.monotonic()
@@ -52,7 +52,7 @@ class Daemon:
         return seconds
 
     def stop(self, number):
-        """Seconds until it has ended."""
+        """Stops it; returns the seconds until it has ended."""
         begin = time.monotonic()
         self.process.send_signal(number)
         self.process.wait(timeout=60)
@@ -63,7 +63,7 @@ class Daemon:
 
 
 def cgroup2_only():
-    """Runtimes that refuse a mixture of cgroup versions get a pure one, in this mount namespace."""
+    """Mounts cgroup2 only, in this mount namespace, for runtimes that refuse mixed cgroup versions."""
     subprocess.run(["umount", "-l", "/sys/fs/cgroup"], check=False, stderr=subprocess.DEVNULL)
     subprocess.run(["mount", "-t", "cgroup2", "cgroup2", "/sys/fs/cgroup"], check=True)
 
@@ -162,7 +162,7 @@ def q1(world):
 
 
 def operation_times(world, bundle):
-    """The median seconds of state, create, kill and delete."""
+    """Returns the median seconds of state, create, kill and delete."""
     out = subprocess.run([f"{world.bin}/bench_library", "operations", "10", bundle], check=True,
                          stdout=subprocess.PIPE, text=True).stdout
     columns = zip(*(map(int, line.split()) for line in out.splitlines()))

@@ -1,4 +1,4 @@
-"""The scenes of a daemon with much to clear away: files of a container, programs nobody waits for."""
+"""The scenes of a daemon with much to clean up: files of a container, programs that are not reaped."""
 import os
 import shutil
 import signal
@@ -50,7 +50,7 @@ def d1(world):
 
 
 def r1(world):
-    """restart and stop over 50 programs that nobody has waited for"""
+    """restart and stop with 50 programs that are not reaped"""
     restarts, stops = [], []
     for _ in range(max(1, world.pairs // 3)):
         for number, times in ((signal.SIGKILL, restarts), (signal.SIGTERM, stops)):

@@ -1,4 +1,4 @@
-"""Trees, archives, layouts and bundles that the scenes work on."""
+"""Trees, archives, layouts and bundles used by the scenes."""
 import gzip
 import hashlib
 import io
@@ -16,7 +16,7 @@ def quiet(*argv, **options):
 
 
 class Layout:
-    """An image layout written by hand, for images that no tool makes."""
+    """An image layout written directly, for images that tools do not create."""
 
     def __init__(self, path):
         self.path = path
@@ -53,19 +53,19 @@ class Layout:
             json.dump({"schemaVersion": 2, "manifests": self.manifests}, file)
 
     def layer(self, archive):
-        """A layer of an uncompressed archive, as `image` takes it."""
+        """A layer with an uncompressed archive, in the form expected by `image`."""
         packed = gzip.compress(archive, 6, mtime=0)
         return self.blob(packed, LAYER), "sha256:" + hashlib.sha256(archive).hexdigest()
 
 
 def copy_tree(source, target):
-    """Device nodes are copied as such."""
+    """Copies a tree, including device nodes."""
     os.makedirs(target, exist_ok=True)
     quiet("cp", "-a", f"{source}/.", target)
 
 
 def blob_paths(layout, tag):
-    """(layers, other blobs) of one image, as paths."""
+    """Returns (layers, other blobs) of one image, as paths."""
     def read(descriptor):
         path = f"{layout}/blobs/{descriptor['digest'].replace(':', '/')}"
         with open(path, encoding="utf-8") as file:
@@ -81,7 +81,7 @@ def blob_paths(layout, tag):
 
 
 def single_layer(root, layout):
-    """The tree `root` as one layer, by umoci, as "single"."""
+    """Makes an image "single" with the tree `root` as its only layer, with umoci."""
     quiet("umoci", "init", "--layout", layout)
     quiet("umoci", "new", "--image", f"{layout}:single")
     quiet("umoci", "unpack", "--image", f"{layout}:single", f"{layout}.bundle")
@@ -113,7 +113,7 @@ def add_member(archive, root, name):
 
 
 def split_tree(root, count):
-    """The tree `root` as `count` archives of about the same size, each with the parents it needs."""
+    """Splits the tree `root` into `count` archives of similar size, each with all parent directories."""
     names = []
     for directory, subdirectories, files in os.walk(root):
         subdirectories.sort()
@@ -139,7 +139,7 @@ def split_tree(root, count):
 
 
 def layered(root, path):
-    """Two images of the tree `root` in 8 layers that share the lower 7: "first" and "second"."""
+    """Makes images "first" and "second" of the tree `root` with 8 layers, sharing the lower 7."""
     layout = Layout(path)
     archives = split_tree(root, 8)
     layers = [layout.layer(archive) for archive in archives]
@@ -150,7 +150,7 @@ def layered(root, path):
 
 
 def noise(size, seed):
-    """Bytes that compress about as well as a system's files do."""
+    """Bytes that compress about as well as the files of a system."""
     block = hashlib.sha512(str(seed).encode()).hexdigest().encode()
     out = bytearray()
     while len(out) < size:
@@ -160,7 +160,7 @@ def noise(size, seed):
 
 
 def synthetic(path, files, file_size):
-    """An image "made" of `files` files of `file_size` bytes in directories of 100."""
+    """Makes an image "made" with `files` files of `file_size` bytes, 100 per directory."""
     buffer = io.BytesIO()
     content = noise(file_size, files)
     with tarfile.open(fileobj=buffer, mode="w", format=tarfile.USTAR_FORMAT) as archive:
@@ -192,7 +192,7 @@ def many_images(path, count):
 
 
 def deep_tree(path, directories):
-    """`directories` directories, 50 in each of those above."""
+    """Creates `directories` directories, 50 in each parent."""
     made = 0
     for number in range((directories + 50) // 51):
         os.makedirs(f"{path}/rootfs/d{number}")
@@ -216,7 +216,7 @@ CONFIG = {
 }
 
 QUIET = ["nosuid", "noexec", "nodev"]
-# What zncd gives every container without being asked; other runtimes are asked for it.
+# What zncd provides for every container by default and other runtimes on request.
 STANDARD_MOUNTS = [
     {"destination": "/proc", "type": "proc", "source": "proc", "options": QUIET},
     {"destination": "/dev", "type": "tmpfs", "source": "tmpfs",
@@ -230,7 +230,7 @@ STANDARD_MOUNTS = [
 
 
 def bundle(path, program=("/bin/true",), peer=False):
-    """A bundle of one static busybox. `peer`: with what other runtimes have to be told."""
+    """Makes a bundle with a static busybox. `peer`: with the settings that other runtimes need."""
     for name in ("bin", "dev", "proc", "sys", "tmp", "etc"):
         os.makedirs(f"{path}/rootfs/{name}", exist_ok=True)
     shutil.copy("/bin/busybox", f"{path}/rootfs/bin/busybox")

@@ -8,11 +8,11 @@ import subprocess
 from scenes import fixtures
 from scenes.measure import Sample, compare, figure, interleave, run
 
-MEMORY = "/tmp/bench"  # the sandbox's own tmpfs
+MEMORY = "/tmp/bench"  # a tmpfs of the sandbox
 
 
 class Places:
-    """Where a scene works, and the programs it uses."""
+    """The working directory of a scene, and the programs that it uses."""
 
     def __init__(self, world, on_disk=False):
         self.bin = world.bin
@@ -27,7 +27,7 @@ class Places:
         return f"{self.work}/{name}"
 
     def fresh(self, name):
-        """A path where nothing is."""
+        """A path that does not exist."""
         path = self.path(name)
         shutil.rmtree(path, ignore_errors=True)
         return path
@@ -45,7 +45,7 @@ class Places:
         return run(f"{self.bin}/zncctl", "unpack", "--os", "linux", "--tag", tag, layout, bundle)
 
     def peak(self, *words):
-        """The most memory that zncctl has, in KiB."""
+        """The peak memory of zncctl in KiB."""
         out = subprocess.run([f"{self.bin}/bench_commands", "peak", f"{self.bin}/zncctl", *words],
                              check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
         return int(out)
@@ -67,7 +67,7 @@ class Places:
         return total
 
     def floor(self, hashed, extracted):
-        """Hash all of `hashed`, then extract each of `extracted` into a directory of its own."""
+        """Hashes all of `hashed`, then extracts each of `extracted` into a directory of its own."""
         target = self.fresh("floor")
         os.mkdir(target)
         argv = [f"{self.bin}/floor_unpack"]
@@ -99,12 +99,18 @@ def one_layer(places, limits):
 
 def u1(world):
     """unpack one layer, tmpfs"""
-    return one_layer(Places(world), {"umoci": 0.40, "bsdtar": 1.0, "floor": 1.10})
+    return one_layer(Places(world), {"umoci": 0.40, "bsdtar": 0.45, "floor": 1.10})
 
 
 def u2(world):
     """unpack one layer, disk"""
     return one_layer(Places(world, on_disk=True), {"umoci": 0.60, "bsdtar": 0.90, "floor": None})
+
+
+def u6(world):
+    """unpack one layer, tmpfs, one processor"""
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    return one_layer(Places(world), {"umoci": None, "bsdtar": 0.70, "floor": 1.10})
 
 
 def u3(world):
@@ -130,7 +136,7 @@ def u3(world):
 
 
 def only_first(layout):
-    """Drops the second image from the index."""
+    """Removes the second image from the index."""
     path = f"{layout}/index.json"
     with open(path, encoding="ascii") as file:
         index = json.load(file)
@@ -160,7 +166,7 @@ def u4(world):
     samples = interleave({
         "ours": second,
         "umoci": lambda: places.umoci(layout, "second"),
-        # Both images of the layout are verified, as by every unpack.
+        # As in every unpack, both images of the layout are verified.
         "floor": lambda: places.floor(blobs, [new]),
     }, places.pairs)
     places.clear()
@@ -170,7 +176,7 @@ def u4(world):
 def u5(world):
     """growth of data and of entries"""
     places = Places(world)
-    # Data grows in the same files, entries at the same size of each.
+    # Data: same number of files, larger ones. Entries: more files of the same size.
     shapes = {"1 x data": (1000, 8192), "4 x data": (1000, 32768), "16 x data": (1000, 131072),
               "1 x entries": (1000, 512), "4 x entries": (4000, 512), "16 x entries": (16000, 512)}
     for name, shape in shapes.items():

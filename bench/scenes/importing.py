@@ -1,4 +1,4 @@
-"""The scene of importing: an image of another tool's making becomes one that can be unpacked."""
+"""The scene of importing: converting an image of another tool so that it can be unpacked."""
 import gzip
 import os
 
@@ -12,7 +12,7 @@ def added(*samples):
 
 
 def gzip_size(path):
-    """What `gzip -6` makes of the archive in a compressed layer."""
+    """The size of the archive of a compressed layer after `gzip -6`."""
     with gzip.open(path) as layer:
         return len(gzip.compress(layer.read(), 6, mtime=0))
 
@@ -32,7 +32,7 @@ def c1(world):
         return added(run("skopeo", "copy", "--insecure-policy", f"oci:{source}:single", f"oci:{copied}:single"),
                      run("umoci", "unpack", "--image", f"{copied}:single", bundle))
 
-    # The tree becomes the one layer of a new image, which is what an import makes.
+    # The tree becomes the only layer of a new image, as in an import.
     def one_layer():
         copied, new = places.path("copied"), places.fresh("new")
         total = added(unpacked(), run("umoci", "new", "--image", f"{copied}:packed"),

@@ -1,11 +1,11 @@
-"""Runs the sides of a scene in turns and compares them pair by pair."""
+"""Runs the sides of a scene alternately and compares them pair by pair."""
 import os
 import statistics
 import subprocess
 import time
 from dataclasses import dataclass
 
-ERRORS = "/tmp/bench-errors"  # what the last command said
+ERRORS = "/tmp/bench-errors"  # stderr of the last command
 STREAMS = [
     (os.POSIX_SPAWN_OPEN, 0, "/dev/null", os.O_RDONLY, 0),
     (os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0),
@@ -15,14 +15,14 @@ STREAMS = [
 
 @dataclass
 class Sample:
-    """Seconds, and seconds of processor time (0: not known)."""
+    """Seconds, and seconds of processor time (0: unknown)."""
 
     wall: float
     cpu: float = 0.0
 
 
 def run(*argv):
-    """One command, timed from its start to its end. A failing one ends the scene."""
+    """Measures one command from its start to its end. A failing command ends the scene."""
     start = time.monotonic()
     pid = os.posix_spawnp(argv[0], list(argv), os.environ, file_actions=STREAMS)
     _, status, usage = os.wait4(pid, 0)
@@ -36,13 +36,13 @@ def run(*argv):
 
 
 def rounds(*argv):
-    """A command that prints the nanoseconds of each of its rounds: the median round."""
+    """Runs a command that prints the nanoseconds of each of its rounds; returns the median."""
     out = subprocess.run(argv, check=True, stdout=subprocess.PIPE, text=True).stdout
     return Sample(statistics.median(int(line) for line in out.split()) / 1e9)
 
 
 def interleave(sides, pairs):
-    """Every side once as a warm-up, then `pairs` times in turns, each turn begun by another side.
+    """Runs every side once as a warm-up, then `pairs` times in turns, each starting with another side.
 
     `sides` maps names to functions that return a Sample; returns lists of Samples under the names.
     """
@@ -70,7 +70,7 @@ def ratio(mine, other):
 
 
 def compare(samples, limits, what="ours"):
-    """What a scene reports: medians of every side, and the ratio of `what` to each of `limits`."""
+    """The report of a scene: medians of all sides, and the ratio of `what` to each of `limits`."""
     goals = []
     for other, limit in limits.items():
         if other in samples:
@@ -89,5 +89,5 @@ def compare(samples, limits, what="ours"):
 
 
 def figure(what, value, limit, unit=""):
-    """A goal that is no ratio of two sides."""
+    """A goal that is not a ratio of two sides."""
     return {"against": what, "limit": limit, "low": value, "median": value, "high": value, "unit": unit}

@@ -12,7 +12,7 @@ void pass_signals(const SignalQueue& signals, SignalRelay& relay)
 {
     while (const auto signo = signals.next()) {
         if (*signo != SIGCHLD && *signo != SIGWINCH && *signo != SIGPIPE)
-            relay.pass(*signo);
+            relay.forward(*signo);
         if (*signo == SIGTSTP)
             ::raise(SIGSTOP);
     }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "zncontainer.h"
 
@@ -29,17 +30,14 @@ std::string plain(const std::string& file, const std::vector<ConfigFinding>& fin
 
 std::string json(const std::string& file, const std::vector<ConfigFinding>& findings)
 {
-    const Json list(cJSON_CreateArray());
-    for (const ConfigFinding& finding : findings) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_text(entry, "file", file);
-        add_text(entry, "path", finding.path);
-        cJSON_AddBoolToObject(entry, "refused", finding.refused ? 1 : 0);
-        add_text(entry, "expected", finding.expected);
-        add_text(entry, "found", finding.found);
-    }
-    return compact(list.get());
+    Json list = Json::array();
+    for (const ConfigFinding& finding : findings)
+        list.push_back({{"file", file},
+                        {"path", finding.path},
+                        {"refused", finding.refused},
+                        {"expected", finding.expected},
+                        {"found", finding.found}});
+    return compact(list);
 }
 
 } // namespace
@@ -53,17 +51,16 @@ int cmd_config_check(const Arguments& args)
     const auto text = read_file(file);
     if (!text)
         return failure(file, error_text());
-    std::string where;
-    const Json document = parse_json(*text, &where);
-    if (document == nullptr)
-        return failure(file, fmt::format("no JSON at {}", where));
-    const std::vector<ConfigFinding> findings = check_config(document.get());
-    if (as_json || !findings.empty())
+    std::string problem;
+    const auto findings = check_config(*text, problem);
+    if (!findings)
+        return failure(file, problem);
+    if (as_json || !findings->empty())
         if (const int status =
-                as_json ? print_json(json(file, findings)) : print_result(plain(file, findings));
+                as_json ? print_json(json(file, *findings)) : print_result(plain(file, *findings));
             status != kExitOk)
             return status;
-    const bool refused = std::any_of(findings.begin(), findings.end(),
+    const bool refused = std::any_of(findings->begin(), findings->end(),
                                      [](const ConfigFinding& finding) { return finding.refused; });
     return refused ? kExitFailure : kExitOk;
 }

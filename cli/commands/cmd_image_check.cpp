@@ -1,7 +1,7 @@
 #include "cli/images/image_settings.hpp"
 #include "cli/images/layer_check.hpp"
 #include "commands.hpp"
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
 #include "front/layout.hpp"
@@ -25,7 +25,6 @@ struct Verdict {
     const Image* image;
     std::vector<Report> reports;
     std::vector<std::string> asked; // beyond running a program
-    bool wrong_size = false;        // of a layer
 
     [[nodiscard]] bool refused() const
     {
@@ -43,54 +42,50 @@ void refuse(Verdict& verdict, std::string what)
     verdict.reports.push_back({0, {true, std::move(what), 1, ""}});
 }
 
-// False when there is no use in reading it as an archive.
-bool check_blob(const std::string& layout, const Descriptor& blob, std::size_t layer,
-                Verdict& verdict)
+void check_blob(const std::string& layout, const Descriptor& blob, const std::string& diff_id,
+                std::size_t layer, Verdict& verdict)
 {
-    const std::string path = blob_path(layout, blob.digest);
-    const znc::UniqueFd file = open_regular(path);
-    std::string problem = file ? size_problem(file.get(), blob.digest, blob.size) : "";
-    verdict.wrong_size = verdict.wrong_size || !problem.empty();
-    if (problem.empty())
-        problem = blob_problem(path, blob.digest);
-    if (problem.empty())
-        return true;
-    verdict.reports.push_back({layer, {true, std::move(problem), 1, ""}});
-    return false;
+    const znc::UniqueFd file = open_regular(blob_path(layout, blob.digest));
+    const std::string problem = file ? size_problem(file.get(), blob.digest, blob.size)
+                                     : fmt::format("blob {}: {}", blob.digest, read_error_text());
+    if (!problem.empty()) {
+        verdict.reports.push_back({layer, {true, problem, 1, ""}});
+        return;
+    }
+    // By the descriptor, and not by the name, which something else may have by now.
+    for (Finding& finding : check_layer(descriptor_path(file.get()), blob.digest, diff_id))
+        verdict.reports.push_back({layer, std::move(finding)});
 }
 
 void look_at_settings(const Image& image, Verdict& verdict)
 try {
-    verdict.asked = asked_for(image.config_document.get());
+    verdict.asked = asked_for(image.config_document);
 } catch (const BadConfiguration& bad) {
     refuse(verdict, bad.what());
 }
 
 Verdict check(const std::string& layout, const Image& image)
 {
-    Verdict verdict = {&image, {}, {}, false};
+    Verdict verdict = {&image, {}, {}};
     if (!image.problem.empty())
         refuse(verdict, image.problem);
-    if (image.config_document != nullptr)
+    const bool configured = !image.config_document.is_null();
+    if (configured)
         look_at_settings(image, verdict);
-    const cJSON* ids =
-        any_case_member(any_case_member(image.config_document.get(), "rootfs"), "diff_ids");
-    if (image.config_document != nullptr &&
-        cJSON_GetArraySize(ids) != static_cast<int>(image.layers.size()))
+    const Json& ids =
+        children(any_case_member(any_case_member(image.config_document, "rootfs"), "diff_ids"));
+    if (configured && ids.size() != image.layers.size())
         refuse(verdict, "the configuration names another number of layers");
     // What is wrong with a layer that is named again and again is said once.
     std::set<std::string> seen;
-    const cJSON* id = ids != nullptr ? ids->child : nullptr;
-    for (std::size_t i = 0; i < image.layers.size(); i++, id = id != nullptr ? id->next : nullptr) {
+    auto id = ids.begin();
+    for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
-        const char* text = cJSON_GetStringValue(id);
-        const std::string diff_id = text != nullptr ? text : "";
-        if (!is_digest(layer.digest) || // said above
-            !seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second ||
-            !check_blob(layout, layer, i + 1, verdict))
-            continue;
-        for (Finding& finding : check_layer(blob_path(layout, layer.digest), diff_id))
-            verdict.reports.push_back({i + 1, std::move(finding)});
+        const std::string* said = id != ids.end() ? text(&*id++) : nullptr;
+        const std::string diff_id = said != nullptr ? *said : "";
+        if (znc::is_digest(layer.digest) && // else said above
+            seen.insert(fmt::format("{} {} {}", layer.digest, layer.size, diff_id)).second)
+            check_blob(layout, layer, diff_id, i + 1, verdict);
     }
     return verdict;
 }
@@ -119,30 +114,24 @@ std::string plain(const std::vector<Verdict>& verdicts)
 
 std::string json(const std::vector<Verdict>& verdicts)
 {
-    const Json list(cJSON_CreateArray());
+    Json list = Json::array();
     for (const Verdict& verdict : verdicts) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_text(entry, "tag", verdict.image->tag);
-        add_text(entry, "os", verdict.image->os);
-        add_text(entry, "architecture", verdict.image->arch);
-        add_text(entry, "digest", verdict.image->manifest.digest);
-        add_text(entry, "verdict", verdict.text());
-        cJSON* asked = cJSON_AddArrayToObject(entry, "asksFor");
-        for (const std::string& text : verdict.asked)
-            cJSON_AddItemToArray(asked, cJSON_CreateString(text.c_str()));
-        cJSON* findings = cJSON_AddArrayToObject(entry, "findings");
-        for (const auto& [layer, finding] : verdict.reports) {
-            cJSON* object = cJSON_CreateObject();
-            cJSON_AddItemToArray(findings, object);
-            add_number(object, "layer", static_cast<double>(layer));
-            cJSON_AddBoolToObject(object, "refused", finding.refused ? 1 : 0);
-            add_text(object, "what", finding.what);
-            add_number(object, "count", static_cast<double>(finding.count));
-            add_text(object, "first", finding.first);
-        }
+        Json findings = Json::array();
+        for (const auto& [layer, finding] : verdict.reports)
+            findings.push_back({{"layer", layer},
+                                {"refused", finding.refused},
+                                {"what", finding.what},
+                                {"count", finding.count},
+                                {"first", finding.first}});
+        list.push_back({{"tag", verdict.image->tag},
+                        {"os", verdict.image->os},
+                        {"architecture", verdict.image->arch},
+                        {"digest", verdict.image->manifest.digest},
+                        {"verdict", verdict.text()},
+                        {"asksFor", verdict.asked},
+                        {"findings", std::move(findings)}});
     }
-    return compact(list.get());
+    return compact(list);
 }
 
 } // namespace
@@ -164,10 +153,8 @@ int cmd_image_check(const Arguments& args)
         if (const int status = as_json ? print_json(json(verdicts)) : print_result(plain(verdicts));
             status != kExitOk)
             return status;
-    // One bad manifest keeps the library from all of them. It reads a layer of another size to its
-    // end before it says so.
-    if (std::any_of(verdicts.begin(), verdicts.end(),
-                    [](const Verdict& verdict) { return verdict.wrong_size; }))
+    // One bad manifest keeps the library from all of them.
+    if (!size_problem(layout, *images).empty())
         return local_failure(S_zncLib_MANIFEST_INVALID, layout);
     const znc::MallocPtr<char> document(
         call_library([&] { return zncImageInfoGet(layout.c_str()); }));

@@ -4,34 +4,33 @@
 
 #include "commands.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace zncctl {
 namespace {
 
-double layers_size(const Image& image)
+// A layout of strangers can say anything: sums stay below the largest number.
+std::int64_t layers_size(const Image& image)
 {
-    double sum = 0;
+    std::int64_t sum = 0;
     for (const Descriptor& layer : image.layers)
-        sum += layer.size > 0 ? layer.size : 0;
+        sum += std::clamp<std::int64_t>(layer.size, 0, INT64_MAX - sum);
     return sum;
 }
 
 int print_as_json(const std::vector<Image>& images)
 {
-    const Json list(cJSON_CreateArray());
-    for (const Image& image : images) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_text(entry, "tag", image.tag);
-        add_text(entry, "os", image.os);
-        add_text(entry, "architecture", image.arch);
-        add_text(entry, "digest", image.manifest.digest);
-        add_number(entry, "layers", static_cast<double>(image.layers.size()));
-        add_number(entry, "size", layers_size(image));
-        add_text(entry, "created", text_of(image.config_document.get(), "created"));
-    }
-    return print_json(compact(list.get()));
+    Json list = Json::array();
+    for (const Image& image : images)
+        list.push_back({{"tag", image.tag},
+                        {"os", image.os},
+                        {"architecture", image.arch},
+                        {"digest", image.manifest.digest},
+                        {"layers", image.layers.size()},
+                        {"size", layers_size(image)},
+                        {"created", text_of(image.config_document, "created")}});
+    return print_json(compact(list));
 }
 
 } // namespace
@@ -57,8 +56,8 @@ int cmd_image_ls(const Arguments& args)
         {"TAG", "OS", "ARCH", "LAYERS", "SIZE", "DIGEST"}};
     for (const Image& image : *images)
         rows.push_back({image.tag.empty() ? "-" : image.tag, image.os, image.arch,
-                        std::to_string(image.layers.size()),
-                        fmt::format("{:.0f}", layers_size(image)), image.manifest.digest});
+                        std::to_string(image.layers.size()), std::to_string(layers_size(image)),
+                        image.manifest.digest});
     return print_result(table(rows));
 }
 

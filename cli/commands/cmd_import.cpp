@@ -4,8 +4,12 @@
 #include "front/files.hpp"
 #include "front/output.hpp"
 
+#include "zarnel/process_list.h"
+
+#include <array>
 #include <filesystem>
 #include <fmt/format.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace zncctl {
@@ -18,7 +22,10 @@ constexpr const char* kProgram = "zncctl-import";
 // Beside this program where it is built, below the same prefix where it is installed.
 fs::path find_program()
 {
-    const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
+    std::array<char, 4096> path{};
+    if (znProgramPath(path.data(), path.size()) != OK)
+        throw std::system_error(errno, std::generic_category());
+    const fs::path here = fs::path(path.data()).parent_path();
     const fs::path built = here / kProgram;
     return fs::exists(built) ? built : here.parent_path() / ZNC_LIBEXEC / kProgram;
 }

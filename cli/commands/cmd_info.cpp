@@ -5,7 +5,9 @@
 #include "zarnel/daemon_file.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/utsname.h>
+#include <zncontainer.h>
 
 namespace zncctl {
 namespace {
@@ -15,8 +17,8 @@ using Pairs = std::vector<std::pair<const char*, std::string>>;
 std::string count_text()
 {
     const znc::MallocPtr<char> list(call_library(zncList));
-    const Json states = list != nullptr ? parse_json(list.get()) : nullptr;
-    return states != nullptr ? std::to_string(cJSON_GetArraySize(states.get())) : "unknown";
+    const auto states = list != nullptr ? parse_json(list.get()) : std::nullopt;
+    return states ? std::to_string(states->size()) : "unknown";
 }
 
 Pairs facts()
@@ -41,13 +43,13 @@ int cmd_info(const Arguments& args)
     bool as_json = false;
     if (!read_format(args, as_json))
         return kExitFailure;
-    const Json document(cJSON_CreateObject());
+    Json document = Json::object();
     std::string text;
     for (const auto& [name, value] : facts()) {
         text += fmt::format("{:<11} {}\n", name, value);
-        add_text(document.get(), name, value);
+        document[name] = value;
     }
-    return as_json ? print_json(compact(document.get())) : print_result(text);
+    return as_json ? print_json(compact(document)) : print_result(text);
 }
 
 } // namespace zncctl

@@ -4,12 +4,13 @@
 #include "front/record.hpp"
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 namespace zncctl {
 namespace {
 
 struct Row {
-    Json state;
+    Json state; // the library's document
     std::string id;
     int status;
     std::optional<Record> record;
@@ -21,14 +22,13 @@ struct Row {
 };
 
 // Asking about a container that was running is what makes the daemon notice that it has ended.
-int status_now(const std::string& id, const cJSON* state)
+int status_now(const std::string& id, const Json& state)
 {
-    const cJSON* item = member(state, "status");
-    const int listed = cJSON_IsNumber(item) ? item->valueint : STATE_UNKNOWN;
+    const std::int64_t listed = integer(member(state, "status")).value_or(STATE_UNKNOWN);
     if (listed != STATE_RUNNING)
-        return listed;
+        return listed >= 0 && listed < STATE_UNKNOWN ? static_cast<int>(listed) : STATE_UNKNOWN;
     const CONTAINER_STATUS now = status_of(id);
-    return now != STATE_UNKNOWN ? now : listed;
+    return now != STATE_UNKNOWN ? now : STATE_RUNNING;
 }
 
 bool wanted(const Arguments& args, const Row& row)
@@ -39,19 +39,18 @@ bool wanted(const Arguments& args, const Row& row)
     const char* bundle = args.value("bundle");
     std::error_code error;
     return bundle == nullptr ||
-           std::filesystem::weakly_canonical(bundle, error) == text_of(row.state.get(), "bundle");
+           std::filesystem::weakly_canonical(bundle, error) == text_of(row.state, "bundle");
 }
 
-std::vector<Row> rows_of(const Arguments& args, const cJSON* states)
+std::vector<Row> rows_of(const Arguments& args, Json states)
 {
     std::vector<Row> rows;
-    const cJSON* state = nullptr;
-    cJSON_ArrayForEach(state, states)
-    {
-        Row row = {Json(cJSON_Duplicate(state, 1)), text_of(state, "id"), 0, std::nullopt};
-        row.status = status_now(row.id, state);
-        if (cJSON* status = cJSON_GetObjectItem(row.state.get(), "status"); status != nullptr)
-            cJSON_SetNumberValue(status, row.status);
+    for (Json& state : states) {
+        Row row = {std::move(state), "", STATE_UNKNOWN, std::nullopt};
+        row.id = text_of(row.state, "id");
+        row.status = status_now(row.id, row.state);
+        if (member(row.state, "status") != nullptr)
+            row.state["status"] = row.status;
         if (row.status == STATE_RUNNING || row.status == STATE_STOPPED)
             row.record = read_record(row.id);
         if (wanted(args, row))
@@ -71,17 +70,17 @@ int print_ids(const std::vector<Row>& rows)
 // The library's documents, with what the records know.
 int print_as_json(std::vector<Row>& rows)
 {
-    const Json list(cJSON_CreateArray());
+    Json list = Json::array();
     for (Row& row : rows) {
         if (row.record && !row.record->started.empty())
-            add_text(row.state.get(), "started", row.record->started);
+            row.state["started"] = row.record->started;
         if (row.record && row.record->exit_code) {
-            add_number(row.state.get(), "exitCode", *row.record->exit_code);
-            add_text(row.state.get(), "exited", row.record->exited);
+            row.state["exitCode"] = *row.record->exit_code;
+            row.state["exited"] = row.record->exited;
         }
-        cJSON_AddItemToArray(list.get(), row.state.release());
+        list.push_back(std::move(row.state));
     }
-    return print_json(compact(list.get()));
+    return print_json(compact(list));
 }
 
 int print_table(const std::vector<Row>& rows, bool whole)
@@ -89,7 +88,7 @@ int print_table(const std::vector<Row>& rows, bool whole)
     std::vector<std::vector<std::string>> lines = {{"ID", "STATUS", "EXIT", "BUNDLE"}};
     for (const Row& row : rows)
         lines.push_back({row.id, zncUtilStateIdToString(row.status), row.exit_code(),
-                         text_of(row.state.get(), "bundle")});
+                         text_of(row.state, "bundle")});
     return print_result(table(lines, whole));
 }
 
@@ -110,10 +109,10 @@ int cmd_list(const Arguments& args)
         return kExitFailure;
     if (args.has("status") && !known_status(args.value("status")))
         return usage_failure("--status is \"created\", \"running\" or \"stopped\"");
-    const Json states = all_states();
-    if (states == nullptr)
+    std::optional<Json> states = all_states();
+    if (!states)
         return daemon_failure(errno, "");
-    std::vector<Row> rows = rows_of(args, states.get());
+    std::vector<Row> rows = rows_of(args, *std::move(states));
     if (args.has("quiet"))
         return print_ids(rows);
     return as_json ? print_as_json(rows) : print_table(rows, args.has("no-trunc"));

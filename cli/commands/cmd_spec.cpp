@@ -1,6 +1,7 @@
 // A config.json to start from: of a shell, or of what an image says.
 #include "cli/containers/container.hpp"
 #include "cli/images/image_bundle.hpp"
+#include "cli/images/image_mounts.hpp"
 #include "cli/images/image_settings.hpp"
 #include "commands.hpp"
 #include "front/files.hpp"
@@ -9,72 +10,64 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include "zncprotocol.h"
+#include "zncontainer.h"
 
 namespace zncctl {
 namespace {
 
-cJSON* child(cJSON* object, const char* name)
+void append_texts(Json& array, const Json* texts)
 {
-    return cJSON_AddObjectToObject(object, name);
+    for (const Json& text : children(texts))
+        if (text.is_string())
+            array.push_back(text);
 }
 
-void append_texts(cJSON* array, const cJSON* texts)
+Json mounts_of(const Json* volumes)
 {
-    const cJSON* text = nullptr;
-    cJSON_ArrayForEach(text, texts) if (cJSON_IsString(text))
-        cJSON_AddItemToArray(array, cJSON_CreateString(text->valuestring));
-}
-
-void add_mounts(cJSON* mounts, const cJSON* volumes)
-{
-    const cJSON* volume = nullptr;
-    cJSON_ArrayForEach(volume, volumes)
-    {
-        Json mount(cJSON_CreateObject());
-        if (zncImageGetMountInfo(mount.get(), volume->string) == OK)
-            cJSON_AddItemToArray(mounts, mount.release());
+    Json mounts = Json::array();
+    for (const auto& volume : children(volumes).items()) {
+        const ImageMount mount = read_mount(volume.key());
+        mounts.push_back({{"destination", mount.destination},
+                          {"source", mount.source},
+                          {"type", mount.type},
+                          {"options", mount.options}});
     }
+    return mounts;
 }
 
 // `image` is the image's "config", null without an image.
-Json document(const cJSON* image)
+Json document(const Json* image)
 {
-    Json root(cJSON_CreateObject());
-    add_text(root.get(), "ociVersion", "1.0.0");
-    cJSON* process = child(root.get(), "process");
     const std::string cwd = text_of(image, "WorkingDir");
-    add_text(process, "cwd", cwd.empty() ? "/" : cwd);
-    cJSON* args = cJSON_AddArrayToObject(process, "args");
+    Json args = Json::array();
     append_texts(args, member(image, "Entrypoint"));
     append_texts(args, member(image, "Cmd"));
-    if (args->child == nullptr)
-        cJSON_AddItemToArray(args, cJSON_CreateString("/bin/sh"));
-    cJSON* env = cJSON_AddArrayToObject(process, "env");
+    if (args.empty())
+        args.push_back("/bin/sh");
+    Json env = Json::array();
     append_texts(env, member(image, "Env"));
-    if (env->child == nullptr)
-        cJSON_AddItemToArray(
-            env, cJSON_CreateString(
-                     "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"));
-    add_text(child(root.get(), "root"), "path", "rootfs");
-    add_mounts(cJSON_AddArrayToObject(root.get(), "mounts"), member(image, "Volumes"));
-    return root;
+    if (env.empty())
+        env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    return {{"ociVersion", "1.0.0"},
+            {"process", {{"cwd", cwd.empty() ? "/" : cwd}, {"args", args}, {"env", env}}},
+            {"root", {{"path", "rootfs"}}},
+            {"mounts", mounts_of(member(image, "Volumes"))}};
 }
 
-// What an image must not decide is left out, as `run` leaves it out. Null after a message.
-Json document_of_configuration(const std::string& layout, const cJSON* configuration)
+// What an image must not decide is left out, as `run` leaves it out. Nothing after a message.
+std::optional<Json> document_of_configuration(const std::string& layout, const Json& configuration)
 try {
-    const SettledConfiguration settled = settle_configuration(configuration, false, "");
+    const SettledConfiguration settled = settle_configuration(configuration, false);
     for (const std::string& note : settled.notes)
         print_warning(fmt::format("{}: {}", layout, note));
-    return document(member(settled.document.get(), "config"));
+    return document(member(settled.document, "config"));
 } catch (const BadConfiguration& bad) {
     static_cast<void>(failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
-    return nullptr;
+    return std::nullopt;
 }
 
-// Null after a message.
-Json document_of_image(const Arguments& args)
+// Nothing after a message.
+std::optional<Json> document_of_image(const Arguments& args)
 {
     const Wanted wanted = wanted_image(args, split_image_name(args.value("image")));
     std::string problem;
@@ -82,10 +75,10 @@ Json document_of_image(const Arguments& args)
     const Image* image =
         images ? find_image(*images, wanted.image.tag, wanted.os, wanted.arch) : nullptr;
     if (image != nullptr && image->problem.empty())
-        return document_of_configuration(wanted.image.layout, image->config_document.get());
+        return document_of_configuration(wanted.image.layout, image->config_document);
     if (image != nullptr) {
         static_cast<void>(failure(wanted.image.layout, image->problem));
-        return nullptr;
+        return std::nullopt;
     }
     if (images) {
         static_cast<void>(local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout));
@@ -93,7 +86,7 @@ Json document_of_image(const Arguments& args)
     } else {
         static_cast<void>(failure(wanted.image.layout, problem));
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 int write_new(const std::string& path, const std::string& text)
@@ -108,10 +101,10 @@ int write_new(const std::string& path, const std::string& text)
 
 int cmd_spec(const Arguments& args)
 {
-    const Json config = args.has("image") ? document_of_image(args) : document(nullptr);
-    if (config == nullptr)
+    const auto config = args.has("image") ? document_of_image(args) : document(nullptr);
+    if (!config)
         return kExitFailure;
-    const std::string text = pretty(config.get());
+    const std::string text = pretty(*config);
     if (const char* bundle = args.value("bundle"))
         return write_new(std::string(bundle) + "/config.json", text);
     return print_json(text);

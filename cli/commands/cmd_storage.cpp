@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "zncontainer.h"
 
@@ -84,20 +85,18 @@ int cmd_storage_df(const Arguments& args)
     if (!all)
         return daemon_failure(errno, "");
     std::vector<std::vector<std::string>> rows = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
-    const Json list(cJSON_CreateArray());
+    Json list = Json::array();
     for (const StoredKind kind : kKinds) {
         const Sum sum = sum_of(*all, kind);
         rows.push_back({name_of(kind), std::to_string(sum.count), std::to_string(sum.used),
                         std::to_string(sum.bytes), std::to_string(sum.unused_bytes)});
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_text(entry, "kind", name_of(kind));
-        add_number(entry, "count", static_cast<double>(sum.count));
-        add_number(entry, "used", static_cast<double>(sum.used));
-        add_number(entry, "bytes", static_cast<double>(sum.bytes));
-        add_number(entry, "unusedBytes", static_cast<double>(sum.unused_bytes));
+        list.push_back({{"kind", name_of(kind)},
+                        {"count", sum.count},
+                        {"used", sum.used},
+                        {"bytes", sum.bytes},
+                        {"unusedBytes", sum.unused_bytes}});
     }
-    return as_json ? print_json(compact(list.get())) : print_result(table(rows));
+    return as_json ? print_json(compact(list)) : print_result(table(rows));
 }
 
 int cmd_storage_gc(const Arguments& args)

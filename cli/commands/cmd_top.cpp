@@ -1,89 +1,45 @@
-// The processes of a container are those in the process namespace of its program, but for the
-// keeper, which is the first there.
+// The processes of a container are those in the process namespace of its program.
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
-#include "front/files.hpp"
 #include "front/record.hpp"
-#include "front/words.hpp"
 
-#include <array>
-#include <filesystem>
-#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "zarnel/process_list.h"
 
 namespace zncctl {
 namespace {
 
 struct Process {
-    std::string pid;
-    std::string inner_pid;
-    std::string parent;
-    std::string state;
-    std::string memory; // kB
+    ZN_PROCESS_INFO info; // its command is the text below
     std::string command;
 };
 
-std::string namespace_of(const std::string& pid)
-{
-    std::array<char, 64> text{};
-    const ssize_t len = ::readlink(("/proc/" + pid + "/ns/pid").c_str(), text.data(), text.size());
-    return len > 0 ? std::string(text.data(), static_cast<std::size_t>(len)) : "";
-}
-
-// The value of a line "Name:\tvalue" of a status file.
-std::string line_of(const std::string& status, const std::string& name)
-{
-    const std::size_t at = ("\n" + status).find("\n" + name + ":");
-    if (at == status.npos)
-        return "";
-    const std::size_t from = status.find_first_not_of(" \t", at + name.size() + 1);
-    return status.substr(from, status.find('\n', from) - from);
-}
-
-std::string command_of(const std::string& pid, const std::string& status)
-{
-    std::string command = read_file("/proc/" + pid + "/cmdline").value_or("");
-    for (char& c : command)
-        c = c == '\0' ? ' ' : c;
-    while (command.ends_with(' '))
-        command.pop_back();
-    return command.empty() ? "[" + line_of(status, "Name") + "]" : command;
-}
-
+// But for the keeper, which is the first of its namespace.
 std::vector<Process> processes_in(const std::string& pid_namespace)
 {
     std::vector<Process> processes;
-    std::error_code error;
-    for (std::filesystem::directory_iterator it("/proc", error), end; it != end && !error;
-         it.increment(error)) {
-        const std::string pid = it->path().filename();
-        if (!to_number<int>(pid) || namespace_of(pid) != pid_namespace)
-            continue;
-        const std::string status = read_file("/proc/" + pid + "/status").value_or("");
-        const std::string ids = line_of(status, "NSpid");
-        const std::string inner = ids.substr(ids.find_last_of(" \t") + 1);
-        if (inner == "1")
-            continue;
-        const std::string memory = line_of(status, "VmRSS");
-        processes.push_back({pid, inner, line_of(status, "PPid"), line_of(status, "State"),
-                             memory.substr(0, memory.find(' ')), command_of(pid, status)});
-    }
+    const auto add = [](const ZN_PROCESS_INFO* process, void* to) {
+        if (process->innerPid != 1)
+            static_cast<std::vector<Process>*>(to)->push_back({*process, process->command});
+    };
+    if (znProcessEach(pid_namespace.c_str(), add, &processes) != OK)
+        throw std::system_error(errno, std::generic_category());
     return processes;
 }
 
 std::string json(const std::vector<Process>& processes)
 {
-    const Json list(cJSON_CreateArray());
-    for (const Process& process : processes) {
-        cJSON* entry = cJSON_CreateObject();
-        cJSON_AddItemToArray(list.get(), entry);
-        add_number(entry, "pid", to_number<int>(process.pid).value_or(0));
-        add_number(entry, "containerPid", to_number<int>(process.inner_pid).value_or(0));
-        add_number(entry, "parent", to_number<int>(process.parent).value_or(0));
-        add_text(entry, "state", process.state.substr(0, 1));
-        add_number(entry, "memoryKb", to_number<int>(process.memory).value_or(0));
-        add_text(entry, "command", process.command);
-    }
-    return compact(list.get());
+    Json list = Json::array();
+    for (const Process& process : processes)
+        list.push_back({{"pid", process.info.pid},
+                        {"containerPid", process.info.innerPid},
+                        {"parent", process.info.parent},
+                        {"state", std::string(1, process.info.state)},
+                        {"memoryKb", process.info.memoryKb},
+                        {"command", process.command}});
+    return compact(list);
 }
 
 } // namespace
@@ -107,8 +63,9 @@ int cmd_top(const Arguments& args)
         return print_json(json(processes));
     std::vector<std::vector<std::string>> rows = {{"PID", "INNER", "PARENT", "S", "KB", "COMMAND"}};
     for (const Process& process : processes)
-        rows.push_back({process.pid, process.inner_pid, process.parent, process.state.substr(0, 1),
-                        process.memory, process.command});
+        rows.push_back({std::to_string(process.info.pid), std::to_string(process.info.innerPid),
+                        std::to_string(process.info.parent), std::string(1, process.info.state),
+                        std::to_string(process.info.memoryKb), process.command});
     return print_result(table(rows));
 }
 

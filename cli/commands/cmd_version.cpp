@@ -4,6 +4,7 @@
 #include "front/output.hpp"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "zncprotocol.h"
 
@@ -17,12 +18,7 @@ int zncctl::cmd_version(const Arguments& args)
         return print_result(fmt::format("client    {}\ndaemon    {}\nprotocol  {}\n", ZNC_VERSION,
                                         daemon.empty() ? "does not answer" : daemon,
                                         ZNC_PROTOCOL_VERSION));
-    const Json document(cJSON_CreateObject());
-    add_text(document.get(), "client", ZNC_VERSION);
-    if (daemon.empty())
-        cJSON_AddNullToObject(document.get(), "daemon");
-    else
-        add_text(document.get(), "daemon", daemon);
-    add_number(document.get(), "protocol", ZNC_PROTOCOL_VERSION);
-    return print_json(compact(document.get()));
+    return print_json(compact({{"client", ZNC_VERSION},
+                               {"daemon", daemon.empty() ? Json() : Json(daemon)},
+                               {"protocol", ZNC_PROTOCOL_VERSION}}));
 }

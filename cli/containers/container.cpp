@@ -10,17 +10,18 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace zncctl {
 
-Json state_of(const std::string& id)
+std::optional<Json> state_of(const std::string& id)
 {
     const znc::MallocPtr<char> text(call_library([&] { return zncState(id.c_str()); }));
     if (text == nullptr)
-        return nullptr;
-    Json state = parse_json(text.get());
-    if (state == nullptr)
+        return std::nullopt;
+    std::optional<Json> state = parse_json(text.get());
+    if (!state)
         errno = EBADMSG;
     return state;
 }
@@ -32,8 +33,8 @@ CONTAINER_STATUS status_of(const std::string& id)
 
 std::string root_of_bundle(const std::string& bundle)
 {
-    const Json config = parse_json(read_file(bundle + "/config.json").value_or(""));
-    const std::string path = text_of(member(config.get(), "root"), "path");
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const std::string path = config ? text_of(member(*config, "root"), "path") : "";
     if (path.empty())
         return "";
     return path.starts_with('/') ? path : bundle + "/" + path;
@@ -62,16 +63,16 @@ Json states_one_by_one()
         "the list of containers is too long for one answer of the daemon; it is made of "
         "what zncctl and the storage base know, and may lack containers that were created "
         "by other programs");
-    Json states(cJSON_CreateArray());
+    Json states = Json::array();
     for (const std::string& id : known_ids())
-        if (Json state = is_container_id(id) ? state_of(id) : nullptr)
-            cJSON_AddItemToArray(states.get(), state.release());
+        if (auto state = is_container_id(id) ? state_of(id) : std::nullopt)
+            states.push_back(*std::move(state));
     return states;
 }
 
 } // namespace
 
-Json all_states()
+std::optional<Json> all_states()
 {
     const znc::MallocPtr<char> text(call_library(zncList));
     if (text == nullptr) {
@@ -79,25 +80,23 @@ Json all_states()
         if (error == 0 && zncDaemonIsAlive() != FALSE)
             return states_one_by_one();
         errno = error;
-        return nullptr;
+        return std::nullopt;
     }
-    Json states = parse_json(text.get());
-    if (!cJSON_IsArray(states.get())) {
+    std::optional<Json> states = parse_json(text.get());
+    if (!states || !states->is_array()) {
         errno = EBADMSG;
-        return nullptr;
+        return std::nullopt;
     }
     return states;
 }
 
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
 {
-    const Json states = all_states();
-    if (states == nullptr)
+    const std::optional<Json> states = all_states();
+    if (!states)
         return std::nullopt;
     std::vector<std::string> ids;
-    const cJSON* state = nullptr;
-    cJSON_ArrayForEach(state, states.get())
-    {
+    for (const Json& state : *states) {
         std::string id = text_of(state, "id");
         if (status_of(id) == status)
             ids.push_back(std::move(id));
@@ -111,8 +110,7 @@ namespace {
 std::string bundle_problem(const std::string& bundle)
 {
     const auto text = read_file(bundle + "/config.json");
-    const Json config = text ? parse_json(*text) : nullptr;
-    return config != nullptr ? ambiguity(config.get()) : "";
+    return text ? ambiguity(*text) : "";
 }
 
 } // namespace
@@ -135,12 +133,12 @@ STATUS delete_container(const std::string& id, bool force)
 {
     // Asked only where it can matter: most containers have no bundle of that kind.
     const std::string own = own_bundle(id);
-    const Json state = own.empty() ? nullptr : state_of(id);
+    const Json state = own.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     remove_record(id);
-    if (!own.empty() && text_of(state.get(), "bundle") == own)
+    if (!own.empty() && text_of(state, "bundle") == own)
         zncImageBundleDelete(own.c_str());
     return OK;
 }

@@ -14,8 +14,8 @@
 
 namespace zncctl {
 
-// The state document; null with errno set as zncState leaves it.
-Json state_of(const std::string& id);
+// The state document; nothing with errno set as zncState leaves it.
+std::optional<Json> state_of(const std::string& id);
 
 // Its status. STATE_UNKNOWN with errno set when there is no such container or no daemon. Asking is
 // what lets the daemon notice that a container has ended.
@@ -24,10 +24,10 @@ CONTAINER_STATUS status_of(const std::string& id);
 // The bundle of a state document, and what it says the container's root is: a host path.
 std::string root_of_bundle(const std::string& bundle);
 
-// The state documents of all containers, as an array; null with errno set when the daemon gives
-// no list. There are more containers than one answer of the daemon holds: then, after a warning,
-// those that zncctl and the storage base know of.
-Json all_states();
+// The state documents of all containers, as an array; nothing with errno set when the daemon
+// gives no list. There are more containers than one answer of the daemon holds: then, after a
+// warning, those that zncctl and the storage base know of.
+std::optional<Json> all_states();
 
 // The ids of all containers in this state; nothing with errno set when the daemon gives no list.
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);

@@ -116,7 +116,7 @@ class Foreground {
                 terminals_->pty.copy_size();
             return;
         }
-        to_program_.pass(signo);
+        to_program_.forward(signo);
         if (signo == SIGTSTP)
             stop_here();
     }
@@ -158,7 +158,7 @@ class Foreground {
 
 } // namespace
 
-void SignalRelay::pass(int signo)
+void SignalRelay::forward(int signo)
 {
     forward_signal(id_, signo);
     if ((signo == SIGINT || signo == SIGTERM) && signo == last_)

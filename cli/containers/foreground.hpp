@@ -15,7 +15,7 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tt
 class SignalRelay {
   public:
     explicit SignalRelay(std::string id) : id_(std::move(id)) {}
-    void pass(int signo);
+    void forward(int signo);
 
   private:
     std::string id_;

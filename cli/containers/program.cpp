@@ -1,5 +1,6 @@
 #include "program.hpp"
 
+#include "config_check.hpp"
 #include "container.hpp"
 #include "front/files.hpp"
 
@@ -9,10 +10,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "zarnel/process.h"
+#include "zarnel/process_list.h"
 #include "zncontainer.h"
 
 namespace zncctl {
@@ -148,12 +151,13 @@ struct Named {
 // What the container's program is called in its root, and what is there.
 Named program_file(const std::string& id)
 {
-    const Json state = state_of(id);
-    const std::string bundle = text_of(state.get(), "bundle");
-    const Json config = parse_json(read_file(bundle + "/config.json").value_or(""));
-    const cJSON* process = member(config.get(), "process");
-    const char* first = cJSON_GetStringValue(cJSON_GetArrayItem(member(process, "args"), 0));
-    Named named = {first != nullptr ? first : "", EINVAL, 0};
+    const Json state = state_of(id).value_or(Json());
+    const std::string bundle = text_of(state, "bundle");
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const Json* process = config ? member(*config, "process") : nullptr;
+    const Json& args = children(member(process, "args"));
+    const std::string* first = args.empty() ? nullptr : text(&*args.begin());
+    Named named = {first != nullptr ? *first : "", EINVAL, 0};
     if (!named.path.starts_with('/'))
         named.path = text_of(process, "cwd") + "/" + named.path;
     const std::string root_path = root_of_bundle(bundle);
@@ -289,10 +293,8 @@ Record describe(const Program& program, bool logged)
     record.logged = logged;
     record.started = time_text(std::time(nullptr));
     std::array<char, 64> space{};
-    const std::string link = fmt::format("/proc/{}/ns/pid", program.pid());
-    const ssize_t len = ::readlink(link.c_str(), space.data(), space.size());
-    if (len > 0)
-        record.pid_namespace.assign(space.data(), static_cast<std::size_t>(len));
+    if (znProcessNamespace(program.pid(), space.data(), space.size()) == OK)
+        record.pid_namespace = space.data();
     return record;
 }
 

@@ -4,18 +4,18 @@
 #include "container.hpp"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
-#include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
+#include <system_error>
+
+#include "zarnel/overlay.h"
 
 namespace zncctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kOverlayDir = "/overlay/";
 
 // What a mounted overlay shows.
 struct Device {
@@ -23,77 +23,17 @@ struct Device {
     bool writable = false; // a container's
 };
 
-// The text of a field of the mount table, in which odd characters are octal.
-std::string unescaped(std::string_view text)
-{
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); i++) {
-        if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '3') {
-            result += static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 +
-                                        (text[i + 3] - '0'));
-            i += 3;
-        } else {
-            result += text[i];
-        }
-    }
-    return result;
-}
-
-// Cuts at a separator that has no "\" before it.
-std::vector<std::string> cut(const std::string& text, char separator)
-{
-    std::vector<std::string> parts(1);
-    for (std::size_t i = 0; i < text.size(); i++) {
-        if (text[i] == '\\' && i + 1 < text.size())
-            parts.back() += text[++i];
-        else if (text[i] == separator)
-            parts.emplace_back();
-        else
-            parts.back() += text[i];
-    }
-    return parts;
-}
-
-Device device_of(const std::string& options)
-{
-    Device device;
-    std::string_view rest = options;
-    while (!rest.empty()) {
-        const std::size_t end = std::min(rest.find(','), rest.size());
-        const std::string option = unescaped(rest.substr(0, end));
-        rest.remove_prefix(std::min(end + 1, rest.size()));
-        if (option.starts_with("lowerdir+="))
-            device.lower.push_back(option.substr(10));
-        else if (option.starts_with("lowerdir="))
-            device.lower = cut(option.substr(9), ':');
-        else if (option.starts_with("upperdir="))
-            device.writable = true;
-    }
-    return device;
-}
-
 // By their paths.
 std::map<std::string, Device> mounted_devices()
 {
     std::map<std::string, Device> devices;
-    std::ifstream table("/proc/self/mountinfo");
-    for (std::string line; std::getline(table, line);) {
-        const std::vector<std::string> fields = [&line] {
-            std::vector<std::string> words;
-            std::size_t at = 0;
-            while (at < line.size()) {
-                const std::size_t end = std::min(line.find(' ', at), line.size());
-                words.push_back(line.substr(at, end - at));
-                at = end + 1;
-            }
-            return words;
-        }();
-        if (fields.size() < 7)
-            continue;
-        const std::string target = unescaped(fields[4]);
-        if (target.starts_with(kOverlayDir))
-            devices[target] = device_of(fields.back());
-    }
+    const auto add = [](const char* name, const char* const* lower, uint32_t count, BOOL writable,
+                        void* to) {
+        static_cast<std::map<std::string, Device>*>(to)->insert_or_assign(
+            name, Device{{lower, lower + count}, writable != FALSE});
+    };
+    if (znOvlDevEach(add, &devices) != OK)
+        throw std::system_error(errno, std::generic_category());
     return devices;
 }
 
@@ -132,10 +72,14 @@ std::optional<std::vector<std::string>> bundles_of_containers()
     const znc::MallocPtr<char> text(call_library(zncList));
     if (text == nullptr)
         return std::nullopt;
-    const Json states = parse_json(text.get());
+    const std::optional<Json> states = parse_json(text.get());
+    if (!states) { // what is in use is not known then
+        errno = EBADMSG;
+        return std::nullopt;
+    }
     std::vector<std::string> bundles;
-    const cJSON* state = nullptr;
-    cJSON_ArrayForEach(state, states.get()) bundles.push_back(text_of(state, "bundle"));
+    for (const Json& state : children(&*states))
+        bundles.push_back(text_of(state, "bundle"));
     return bundles;
 }
 

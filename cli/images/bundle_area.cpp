@@ -18,33 +18,28 @@ constexpr const char* kCompleteMark = "/.complete";
 constexpr const char* kInUse = "/.in-use";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-[[noreturn]] void fail(const std::string& object)
-{
-    throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
-}
-
 } // namespace
 
 std::string bundle_area()
 {
     std::string area = storage_base() + "/bundles";
     if (::mkdir(area.c_str(), 0700) != 0 && errno != EEXIST)
-        fail(area);
+        throw_error(area);
     const znc::UniqueFd dir(::open(area.c_str(), kDirFlags));
     struct stat st = {};
     if (!dir || ::fstat(dir.get(), &st) != 0)
-        fail(area);
+        throw_error(area);
     if (st.st_uid != ::geteuid())
         throw std::runtime_error(fmt::format("{}: it belongs to another user", area));
     if ((st.st_mode & 077U) != 0 && ::fchmod(dir.get(), 0700) != 0)
-        fail(area);
+        throw_error(area);
     return area;
 }
 
 BundlesInUse::BundlesInUse(const std::string& area)
 {
     if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it"))
-        fail(area + kInUse);
+        throw_error(area + kInUse);
 }
 
 std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
@@ -53,7 +48,7 @@ std::unique_ptr<BundlesInUse> BundlesInUse::by_none(const std::string& area)
     if (none->lock_.try_take(area + kInUse))
         return none;
     if (errno != EWOULDBLOCK)
-        fail(area + kInUse);
+        throw_error(area + kInUse);
     return nullptr;
 }
 
@@ -61,7 +56,7 @@ BundleLock::BundleLock(const std::string& area, const std::string& name)
 {
     const std::string path = fmt::format("{}/.lock-{}", area, name.substr(0, 200));
     if (!lock_.take(path, "another process is unpacking this image; waiting for it"))
-        fail(path);
+        throw_error(path);
 }
 
 bool is_complete(const std::string& bundle)

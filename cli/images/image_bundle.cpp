@@ -1,14 +1,15 @@
 #include "image_bundle.hpp"
 
 #include "bundle_area.hpp"
+#include "front/blob.hpp"
 #include "front/container_id.hpp"
-#include "front/digest.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
 #include "front/progress.hpp"
 #include "image_settings.hpp"
 #include "private_layout.hpp"
 #include "sticky.hpp"
+#include "zarnel/path_trust.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -94,6 +95,10 @@ int no_such_image(const Wanted& wanted)
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 {
     const std::string& layout = wanted.image.layout;
+    if (const int error = layout_error(layout); error != 0) {
+        static_cast<void>(local_failure(error, layout));
+        return std::nullopt;
+    }
     std::string problem;
     bool refused = false;
     auto images = read_layout(layout, problem, &refused);
@@ -103,13 +108,16 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
     }
     Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
     if (image == nullptr || !image->problem.empty()) {
-        static_cast<void>(image == nullptr ? no_such_image(wanted)
-                                           : refuse_layout(wanted, image->problem, false));
+        // The library would read a file of another size to its end.
+        const std::string size = size_problem(layout, *images);
+        static_cast<void>(!size.empty()      ? failure(layout, size)
+                          : image == nullptr ? no_such_image(wanted)
+                                             : refuse_layout(wanted, image->problem, false));
         return std::nullopt;
     }
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document.get(), args.has("allow-image-mounts"), "");
+            settle_configuration(image->config_document, args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(
@@ -133,13 +141,9 @@ void say_notes(const Wanted& wanted, const Chosen& chosen)
 // but the layers, of which it compares the digests.
 class Unpacking {
   public:
-    Unpacking(const Arguments& args, const Wanted& wanted, const Chosen& chosen)
+    Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
-          sticky_(sticky_directories(layers_.paths())),
-          layout_(bundle_area(), chosen.image, layers_,
-                  settle_configuration(chosen.image.config_document.get(),
-                                       args.has("allow-image-mounts"), sticky_)
-                      .document.get())
+          layout_(bundle_area(), chosen.image, layers_, chosen.settled.document)
     {
     }
 
@@ -147,16 +151,16 @@ class Unpacking {
     STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
     {
         const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
+        StickyDirectories sticky;
         zncUnpackProgressSet(progress.listener(), progress.context());
         STATUS status = call_library([&] {
-            return zncUnpack(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr);
+            return zncUnpackDirs(bundle.c_str(), layout_.path().c_str(), kDefaultTag, option, &attr,
+                                 &StickyDirectories::heard, &sticky);
         });
         int error = errno;
         zncUnpackProgressSet(nullptr, nullptr);
         progress.end();
-        // A root of the bundle's own is no container's yet.
-        if (status == OK && zncOvlFsAvailable() == FALSE &&
-            !set_sticky(bundle + "/rootfs", sticky_)) {
+        if (status == OK && !keep_sticky(bundle, sticky.text())) {
             status = ERROR;
             error = errno;
         }
@@ -177,15 +181,40 @@ class Unpacking {
         const int error = errno;
         const int status = local_failure(error, wanted_.image.layout, kDamaged);
         explain(error, wanted_);
+        if (error == EINVAL && option == 0)
+            print_hint(fmt::format("the kernel does not stack so many layers ({}); 'zncctl unpack "
+                                   "--flatten' makes one tree of them",
+                                   layers_.paths().size()));
         return status;
     }
 
   private:
+    // A root of the bundle's own is no container's yet.
+    static bool keep_sticky(const std::string& bundle, const std::string& directories)
+    {
+        return annotate_sticky(bundle, directories) &&
+               (zncOvlFsAvailable() != FALSE || set_sticky(bundle + "/rootfs", directories));
+    }
+
     const Wanted& wanted_;
     LayerFiles layers_;
-    std::string sticky_;
     PrivateLayout layout_;
 };
+
+} // namespace
+
+namespace {
+
+// Why zncBasePathGet refused a directory, whose path it leaves in the buffer.
+std::string base_problem(const char* path)
+{
+    const int error = errno;
+    znPathTrust trust = {};
+    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
+        return fmt::format("the storage base is refused: {}", trust.fault);
+    errno = error;
+    return fmt::format("the storage base cannot be made: {}: {}", path, error_text());
+}
 
 } // namespace
 
@@ -194,7 +223,7 @@ std::string storage_base()
     constexpr std::string_view kLayers = "/layers";
     std::array<char, 1024> path{};
     if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error("the storage base cannot be made");
+        throw std::runtime_error(base_problem(path.data()));
     std::string base = path.data();
     base.resize(base.size() - kLayers.size());
     return base;
@@ -216,7 +245,7 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
         return kExitFailure;
     say_notes(wanted, *chosen);
     try {
-        return Unpacking(args, wanted, *chosen).unpack_or_say(bundle, option, progress);
+        return Unpacking(wanted, *chosen).unpack_or_say(bundle, option, progress);
     } catch (const std::runtime_error& error) {
         return failure(wanted.image.layout, error.what());
     }
@@ -231,7 +260,7 @@ std::string own_name(const std::string& id)
     constexpr std::size_t kMost = 180;
     const std::string kept = kept_id(id);
     const bool plain = kept.size() <= kMost && !kept.starts_with('-');
-    return plain ? "of-" + kept : "of--" + digest_of("sha256", kept).substr(kDigestPrefix);
+    return plain ? "of-" + kept : "of--" + digest_of(kept).substr(kDigestPrefix);
 }
 
 // The verified digest of the manifest names the bundle that containers share: what is in it is
@@ -252,8 +281,10 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     Progress progress(args.value("progress", "auto"));
     bool done = shared && unpacking.unpack(bundle, 0, progress) == OK;
     if (!done) {
-        // The image's device may exist for a bundle elsewhere; a tree of its own does not need it.
-        const unsigned option = shared && errno == EEXIST ? ZNC_OPT_FLATTEN : 0;
+        // The image's device may exist for a bundle elsewhere, or have more layers than the kernel
+        // stacks; a tree of its own needs none.
+        const unsigned option =
+            shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_say(bundle, option, progress) == kExitOk;
     }
     if (!done || mark_complete(bundle))
@@ -289,7 +320,7 @@ std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& 
         if (shared && is_complete(bundle))
             return bundle;
         // Everything of the image's layout is opened before anybody has to wait for this process.
-        const Unpacking unpacking(args, wanted, *chosen);
+        const Unpacking unpacking(wanted, *chosen);
         const BundleLock lock(area, name);
         if ((shared && is_complete(bundle)) ||
             unpack_bundle(args, wanted, unpacking, bundle, shared))

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <memory>
 #include <new>
+
+#include <cjson/cJSON.h>
 
 #include "zncprotocol.h"
 
@@ -69,17 +72,21 @@ bool same(const ImageMount& a, const ImageMount& b)
 
 } // namespace
 
-ImageMount read_mount(const char* key)
+ImageMount read_mount(const std::string& key)
 {
-    const Json object(cJSON_CreateObject());
-    if (zncImageGetMountInfo(object.get(), key) != OK)
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> object(cJSON_CreateObject(),
+                                                                 &cJSON_Delete);
+    if (zncImageGetMountInfo(object.get(), key.c_str()) != OK)
         throw std::bad_alloc();
+    const auto text = [&object](const char* name) {
+        return cJSON_GetStringValue(cJSON_GetObjectItem(object.get(), name));
+    };
     ImageMount mount;
-    mount.source = text_of(object.get(), "source");
-    mount.destination = text_of(object.get(), "destination");
-    mount.type = text_of(object.get(), "type");
+    mount.source = text("source");
+    mount.destination = text("destination");
+    mount.type = text("type");
     const cJSON* option = nullptr;
-    cJSON_ArrayForEach(option, member(object.get(), "options"))
+    cJSON_ArrayForEach(option, cJSON_GetObjectItem(object.get(), "options"))
         mount.options.emplace_back(cJSON_GetStringValue(option));
     mount.kind = kind_of(mount);
     return mount;
@@ -109,7 +116,7 @@ std::optional<std::string> permitted_key(const ImageMount& mount, bool allow_hos
     std::string key = fmt::format("{}:{}:{}:{}", mount.source, mount.destination, *options,
                                   host ? "bind" : "tmpfs");
     // The library reads 255 bytes of a key.
-    const ImageMount read = read_mount(key.c_str());
+    const ImageMount read = read_mount(key);
     const auto has = [&read](const char* option) {
         return std::find(read.options.begin(), read.options.end(), option) != read.options.end();
     };

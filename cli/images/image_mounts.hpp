@@ -2,8 +2,6 @@
 #ifndef ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 #define ZNC_CLI_IMAGES_IMAGE_MOUNTS_HPP
 
-#include "front/json.hpp"
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,7 +24,7 @@ struct ImageMount {
 };
 
 // As the library reads a key of "Volumes".
-ImageMount read_mount(const char* key);
+ImageMount read_mount(const std::string& key);
 
 // "the host's /a at /b"
 std::string text_of_mount(const ImageMount& mount);

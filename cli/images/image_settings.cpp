@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fmt/format.h>
-#include <new>
 #include <set>
 #include <strings.h>
 
@@ -18,60 +17,49 @@ constexpr std::int32_t kNormalPriority = 100;
 constexpr std::size_t kMountsMax = 100;
 
 // A member that must be of a type if it is there and not null; else null.
-const cJSON* typed_member(const cJSON* object, const char* key, int type, const char* what)
+const Json* typed_member(const Json& object, const char* key, Json::value_t type, const char* what)
 {
-    const cJSON* item = any_case_member(object, key);
-    if (item == nullptr || cJSON_IsNull(item))
+    const Json* item = any_case_member(object, key);
+    if (item == nullptr || item->is_null())
         return nullptr;
-    if ((item->type & 0xff) != type)
+    if (item->type() != type)
         throw BadConfiguration(fmt::format("\"{}\" is not {}", key, what));
     return item;
 }
 
-const cJSON* object_member(const cJSON* object, const char* key)
+// An empty one when there is none.
+const Json& object_member(const Json& object, const char* key)
 {
-    return typed_member(object, key, cJSON_Object, "an object");
+    return children(typed_member(object, key, Json::value_t::object, "an object"));
 }
 
-std::string text_member(const cJSON* object, const char* key)
+std::string text_member(const Json& object, const char* key)
 {
-    const cJSON* item = typed_member(object, key, cJSON_String, "a text");
-    return item != nullptr ? item->valuestring : "";
-}
-
-void put(cJSON* object, const char* key, cJSON* item)
-{
-    if (item == nullptr || cJSON_AddItemToObject(object, key, item) == 0)
-        throw std::bad_alloc();
-}
-
-cJSON* put_object(cJSON* object, const char* key)
-{
-    put(object, key, cJSON_CreateObject());
-    return cJSON_GetObjectItemCaseSensitive(object, key);
+    const std::string* found = text(typed_member(object, key, Json::value_t::string, "a text"));
+    return found != nullptr ? *found : "";
 }
 
 // A copy of what may be of any type: the library looks at it itself.
-void copy_member(cJSON* to, const cJSON* from, const char* key)
+void copy_member(Json& to, const Json& from, const char* key)
 {
-    if (const cJSON* item = any_case_member(from, key); item != nullptr)
-        put(to, key, cJSON_Duplicate(item, 1));
+    if (const Json* item = any_case_member(from, key); item != nullptr)
+        append(to, key, *item);
 }
 
-void copy_text(cJSON* to, const cJSON* from, const char* key)
+void copy_text(Json& to, const Json& from, const char* key)
 {
     if (const std::string text = text_member(from, key); !text.empty())
-        add_text(to, key, text);
+        append(to, key, text);
 }
 
-void copy_texts(cJSON* to, const cJSON* from, const char* key)
+void copy_texts(Json& to, const Json& from, const char* key)
 {
-    const cJSON* list = typed_member(from, key, cJSON_Array, "an array");
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, list) if (!cJSON_IsString(item)) throw BadConfiguration(
-        fmt::format("\"{}\" holds something that is not a text", key));
+    const Json* list = typed_member(from, key, Json::value_t::array, "an array");
+    for (const Json& item : children(list))
+        if (!item.is_string())
+            throw BadConfiguration(fmt::format("\"{}\" holds something that is not a text", key));
     if (list != nullptr)
-        put(to, key, cJSON_Duplicate(list, 1));
+        append(to, key, *list);
 }
 
 // The setting for the program's task that a label is about; "" for any other label.
@@ -83,15 +71,15 @@ std::string rtp_setting(std::string_view label)
 }
 
 // The library and what it calls take numbers in any base, and a signed 32-bit one of them.
-bool is_urgent(const std::string& setting, const cJSON* value)
+bool is_urgent(const std::string& setting, const Json& value)
 {
-    if (::strcasecmp(setting.c_str(), "rtpPriority") != 0 || !cJSON_IsString(value))
+    const std::string* number = text(&value);
+    if (::strcasecmp(setting.c_str(), "rtpPriority") != 0 || number == nullptr)
         return false;
-    return static_cast<std::int32_t>(std::strtoul(value->valuestring, nullptr, 0)) <
-           kNormalPriority;
+    return static_cast<std::int32_t>(std::strtoul(number->c_str(), nullptr, 0)) < kNormalPriority;
 }
 
-std::string user_of(const cJSON* section)
+std::string user_of(const Json& section)
 {
     const std::string user = text_member(section, "User");
     return user.substr(0, user.find(':'));
@@ -99,41 +87,38 @@ std::string user_of(const cJSON* section)
 
 class Settling {
   public:
-    Settling(const cJSON* section, bool allow_mounts) : from_(section), allow_mounts_(allow_mounts)
+    Settling(const Json& section, bool allow_mounts) : from_(section), allow_mounts_(allow_mounts)
     {
     }
 
-    Json section(const cJSON* configuration, const std::string& sticky)
+    Json section(const Json& configuration)
     {
-        Json made(cJSON_CreateObject());
-        cJSON* const to = made.get();
+        Json to = Json::object();
         for (const char* key : {"Env", "Entrypoint", "Cmd"})
             copy_texts(to, from_, key);
         // An image that names no working directory means the root, and many name none. The library
         // creates no container without one.
         const std::string cwd = text_member(from_, "WorkingDir");
-        add_text(to, "WorkingDir", cwd.empty() ? "/" : cwd);
+        append(to, "WorkingDir", cwd.empty() ? "/" : cwd);
         copy_text(to, from_, "User");
-        volumes(put_object(to, "Volumes"));
-        labels(put_object(to, "Labels"), configuration, sticky);
-        return made;
+        volumes(append(to, "Volumes", Json::object()));
+        labels(append(to, "Labels", Json::object()), configuration);
+        return to;
     }
     std::vector<std::string> notes() { return std::move(notes_); }
 
   private:
-    void volumes(cJSON* to)
+    void volumes(Json& to)
     {
         std::set<std::string> keys;
         std::size_t mounts = 0;
-        const cJSON* volume = nullptr;
-        cJSON_ArrayForEach(volume, object_member(from_, "Volumes"))
-        {
-            const ImageMount mount = read_mount(volume->string);
+        for (const auto& volume : object_member(from_, "Volumes").items()) {
+            const ImageMount mount = read_mount(volume.key());
             const auto key = permitted_key(mount, allow_mounts_);
             if (!key)
                 notes_.push_back(left_out(mount));
             else if (keys.insert(*key).second)
-                put(to, key->c_str(), cJSON_CreateObject());
+                append(to, *key, Json::object());
             if (key && mount.kind != ImageMount::Kind::kVolume && ++mounts > kMountsMax)
                 throw BadConfiguration(fmt::format("it has more than {} mounts", kMountsMax));
         }
@@ -148,103 +133,96 @@ class Settling {
 
     // Labels become annotations beside those that the library makes of other members. A label of
     // the same name takes the place of such a member.
-    void labels(cJSON* to, const cJSON* configuration, const std::string& sticky)
+    void labels(Json& to, const Json& configuration)
     {
         std::set<std::string> settings;
-        const cJSON* label = nullptr;
-        cJSON_ArrayForEach(label, object_member(from_, "Labels"))
-        {
-            const std::string setting = rtp_setting(label->string);
+        for (const auto& label : object_member(from_, "Labels").items()) {
+            const std::string setting = rtp_setting(label.key());
             if (!setting.empty())
-                add_setting(to, setting, label, settings);
-            else if (::strcasecmp(label->string, kStickyAnnotation) != 0 &&
-                     !std::string_view(label->string).starts_with(kRtpPrefix))
-                put(to, label->string, cJSON_Duplicate(label, 1));
+                add_setting(to, setting, label.key(), label.value(), settings);
+            else if (::strcasecmp(label.key().c_str(), kStickyAnnotation) != 0 &&
+                     !label.key().starts_with(kRtpPrefix))
+                append(to, label.key(), label.value());
         }
-        if (!sticky.empty())
-            add_text(to, kStickyAnnotation, sticky);
         add_annotation(to, "author", text_member(configuration, "author"));
         add_annotation(to, "created", text_member(configuration, "created"));
         add_annotation(to, "stopSignal", text_member(from_, "StopSignal"));
         add_annotation(to, "exposedPorts", ports());
     }
 
-    void add_setting(cJSON* to, const std::string& setting, const cJSON* label,
-                     std::set<std::string>& settings)
+    void add_setting(Json& to, const std::string& setting, const std::string& label,
+                     const Json& value, std::set<std::string>& settings)
     {
         std::string lower = setting;
         for (char& c : lower)
             c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
         if (!settings.insert(lower).second)
-            throw BadConfiguration(fmt::format("the label \"{}\" is there twice", label->string));
+            throw BadConfiguration(fmt::format("the label \"{}\" is there twice", label));
         const std::string name = fmt::format("{}.{}", kRtpPrefix, setting);
-        if (!is_urgent(setting, label))
-            return put(to, name.c_str(), cJSON_Duplicate(label, 1));
+        const bool urgent = is_urgent(setting, value);
+        append(to, name, urgent ? Json(std::to_string(kNormalPriority)) : value);
+        if (!urgent)
+            return;
         notes_.push_back(fmt::format("the image's priority {} is more urgent than normal: it is {}",
-                                     label->valuestring, kNormalPriority));
-        add_text(to, name.c_str(), std::to_string(kNormalPriority));
+                                     *text(&value), kNormalPriority));
     }
 
-    static void add_annotation(cJSON* labels, const char* name, const std::string& value)
+    static void add_annotation(Json& labels, const char* name, const std::string& value)
     {
         const std::string key = fmt::format("org.opencontainers.image.{}", name);
-        if (!value.empty() && any_case_member(labels, key.c_str()) == nullptr)
-            add_text(labels, key.c_str(), value);
+        if (!value.empty() && any_case_member(labels, key) == nullptr)
+            append(labels, key, value);
     }
 
     // In one text: the library would make members of the same name, one for each.
     [[nodiscard]] std::string ports() const
     {
         std::string text;
-        const cJSON* port = nullptr;
-        cJSON_ArrayForEach(port, object_member(from_, "ExposedPorts")) text +=
-            (text.empty() ? "" : ",") + std::string(port->string);
+        for (const auto& port : object_member(from_, "ExposedPorts").items())
+            text += (text.empty() ? "" : ",") + port.key();
         return text;
     }
 
-    const cJSON* from_;
+    const Json& from_;
     bool allow_mounts_;
     std::vector<std::string> notes_;
 };
 
 } // namespace
 
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky)
+SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts)
 {
-    if (!cJSON_IsObject(configuration))
+    if (!configuration.is_object())
         throw BadConfiguration("the configuration is not an object");
-    SettledConfiguration settled = {Json(cJSON_CreateObject()), {}};
-    cJSON* const to = settled.document.get();
+    SettledConfiguration settled = {Json::object(), {}};
+    Json& to = settled.document;
     for (const char* key : {"architecture", "os", "rootfs"})
         copy_member(to, configuration, key);
-    const cJSON* section = object_member(configuration, "config");
+    const Json* section = typed_member(configuration, "config", Json::value_t::object, "an object");
     if (section == nullptr)
         return settled; // the library refuses it
-    Settling settling(section, allow_mounts);
-    put(to, "config", settling.section(configuration, sticky).release());
+    Settling settling(*section, allow_mounts);
+    append(to, "config", settling.section(configuration));
     settled.notes = settling.notes();
     return settled;
 }
 
-std::vector<std::string> asked_for(const cJSON* configuration)
+std::vector<std::string> asked_for(const Json& configuration)
 {
     std::vector<std::string> asked;
-    const cJSON* section = object_member(configuration, "config");
+    const Json& section = object_member(configuration, "config");
     // What is refused in it is said in the same words as by unpack.
-    static_cast<void>(settle_configuration(configuration, true, ""));
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, object_member(section, "Volumes"))
-    {
-        const ImageMount mount = read_mount(item->string);
+    static_cast<void>(settle_configuration(configuration, true));
+    for (const auto& asked_mount : object_member(section, "Volumes").items()) {
+        const ImageMount mount = read_mount(asked_mount.key());
         const bool volume = mount.kind == ImageMount::Kind::kVolume;
         asked.push_back((volume ? "a volume at " : "a mount of ") + text_of_mount(mount));
     }
-    cJSON_ArrayForEach(
-        item, object_member(section, "Labels")) if (is_urgent(rtp_setting(item->string), item))
-        asked.push_back(fmt::format("the urgent priority {}", item->valuestring));
-    cJSON_ArrayForEach(item, object_member(section, "ExposedPorts"))
-        asked.push_back(fmt::format("the port {}", item->string));
+    for (const auto& label : object_member(section, "Labels").items())
+        if (is_urgent(rtp_setting(label.key()), label.value()))
+            asked.push_back(fmt::format("the urgent priority {}", *text(&label.value())));
+    for (const auto& port : object_member(section, "ExposedPorts").items())
+        asked.push_back(fmt::format("the port {}", port.key()));
     const std::string user = user_of(section);
     const bool zero = user.starts_with('0') && std::strtoul(user.c_str(), nullptr, 0) == 0;
     if (user.empty() || user == "root" || zero)

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace zncctl {
 
 // A configuration that is refused: what() is one line that says why.
@@ -21,7 +23,7 @@ class BadConfiguration : public std::runtime_error {
 
 // What the image asks for beyond running its program: mounts, priority, root, ports, volumes. One
 // line each; throws BadConfiguration.
-std::vector<std::string> asked_for(const cJSON* configuration);
+std::vector<std::string> asked_for(const Json& configuration);
 
 struct SettledConfiguration {
     Json document;
@@ -30,12 +32,11 @@ struct SettledConfiguration {
 
 // The configuration that the library is given. Of mounts only volumes and memory file systems stay,
 // with `allow_mounts` also the host's directories, never with "dev", "suid", "rbind" or a
-// propagation. A priority more urgent than normal becomes normal. `sticky` are the directories
-// whose sticky bit extracting loses; see sticky.hpp. Throws BadConfiguration.
-SettledConfiguration settle_configuration(const cJSON* configuration, bool allow_mounts,
-                                          const std::string& sticky);
+// propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
+SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts);
 
-// The annotation that carries the list of those directories to config.json.
+// The annotation of config.json that has the directories whose sticky bit extracting loses; see
+// sticky.hpp. No image has one of its own.
 inline constexpr const char* kStickyAnnotation = "zncontainer.sticky-directories";
 
 } // namespace zncctl

@@ -1,7 +1,7 @@
-// layer_check.hpp - reads a layer's archive as the extractor does, without writing anything, and
-// says what it would refuse and what it would leave out. Used by image check.
-#ifndef ZNC_CLI_IMAGES_LAYER_CHECK_HPP
-#define ZNC_CLI_IMAGES_LAYER_CHECK_HPP
+// layer_check.hpp - what the library's dry run of the extractor says of a layer's archive, in
+// words. Used by image check.
+#ifndef ZNCCTL_LAYER_CHECK_HPP
+#define ZNCCTL_LAYER_CHECK_HPP
 
 #include <string>
 #include <vector>
@@ -15,8 +15,9 @@ struct Finding {
     std::string first; // the member it was first seen at, "" for the archive itself
 };
 
-// `diff_id`: the digest of the plain archive, "" when it is not known.
-std::vector<Finding> check_layer(const std::string& path, const std::string& diff_id);
+// `digest`: of the file; `diff_id`: of the plain archive, "" when it is not known.
+std::vector<Finding> check_layer(const std::string& path, const std::string& digest,
+                                 const std::string& diff_id);
 
 } // namespace zncctl
 

@@ -1,13 +1,13 @@
 #include "private_layout.hpp"
 
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "front/files.hpp"
+#include "front/named_lock.hpp"
 
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
-#include <new>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -20,11 +20,20 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = ".layout-";
+constexpr const char* kMakingLock = "/.making-layout";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-[[noreturn]] void fail(const std::string& object)
+// Layouts are made in moments: who takes longer is stopped or stuck.
+void take_turn(NamedLock& lock, const std::string& path)
 {
-    throw std::runtime_error(fmt::format("{}: {}", object, error_text()));
+    constexpr std::chrono::seconds kMost{10};
+    if (lock.take(path, "another process prepares an image; waiting for it", kMost))
+        return;
+    if (errno == ETIMEDOUT)
+        throw std::runtime_error(
+            fmt::format("{}: another process that prepares an image has had it for {} seconds",
+                        path, kMost.count()));
+    throw_error(path);
 }
 
 std::string blob_name(const std::string& digest)
@@ -45,28 +54,9 @@ void sweep(const std::string& area)
     }
 }
 
-Json descriptor(const std::string& media_type, const std::string& digest, double size)
+Json descriptor(const std::string& media_type, const std::string& digest, std::int64_t size)
 {
-    Json object(cJSON_CreateObject());
-    add_text(object.get(), "mediaType", media_type);
-    add_text(object.get(), "digest", digest);
-    add_number(object.get(), "size", size);
-    return object;
-}
-
-cJSON* put_array(cJSON* object, const char* key)
-{
-    cJSON* array = cJSON_AddArrayToObject(object, key);
-    if (array == nullptr)
-        throw std::bad_alloc();
-    return array;
-}
-
-void put(cJSON* array, Json item)
-{
-    if (cJSON_AddItemToArray(array, item.get()) == 0)
-        throw std::bad_alloc();
-    static_cast<void>(item.release());
+    return {{"mediaType", media_type}, {"digest", digest}, {"size", size}};
 }
 
 } // namespace
@@ -91,21 +81,19 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 }
 
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
-                             const cJSON* configuration)
+                             const Json& configuration)
 {
-    // A process makes one at a time, and holds the lock of this one before anybody may sweep.
-    const znc::UniqueFd all(::open(area.c_str(), kDirFlags));
-    while (!all || ::flock(all.get(), LOCK_EX) != 0)
-        if (!all || errno != EINTR)
-            fail(area);
+    // Until the new layout is locked itself, nobody else may sweep.
+    NamedLock making;
+    take_turn(making, area + kMakingLock);
     sweep(area);
     std::string name = fmt::format("{}/{}XXXXXX", area, kPrefix);
     if (::mkdtemp(name.data()) == nullptr)
-        fail(area);
+        throw_error(area);
     path_ = name;
     dir_.reset(::open(path_.c_str(), kDirFlags));
     if (!dir_ || ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0)
-        fail(path_);
+        throw_error(path_);
     try {
         fill(image, layers, configuration);
     } catch (...) {
@@ -121,40 +109,36 @@ PrivateLayout::~PrivateLayout()
 }
 
 void PrivateLayout::fill(const Image& image, const LayerFiles& layers,
-                         const cJSON* configuration) const
+                         const Json& configuration) const
 {
     for (const char* name : {"blobs", "blobs/sha256", "blobs/sha512"})
         if (::mkdirat(dir_.get(), name, 0700) != 0)
-            fail(path_);
-    Json manifest(cJSON_CreateObject());
-    add_number(manifest.get(), "schemaVersion", 2);
-    Json config = add_blob(image.config.media_type, compact(configuration));
-    if (cJSON_AddItemToObject(manifest.get(), "config", config.get()) == 0)
-        throw std::bad_alloc();
-    static_cast<void>(config.release());
-    cJSON* const list = put_array(manifest.get(), "layers");
+            throw_error(path_);
+    Json list = Json::array();
     const std::vector<std::string>& files = layers.paths();
     for (std::size_t i = 0; i < image.layers.size(); i++) {
         const Descriptor& layer = image.layers[i];
-        put(list, descriptor(layer.media_type, layer.digest, layer.size));
+        list.push_back(descriptor(layer.media_type, layer.digest, layer.size));
         // A layer may be there twice.
         if (::symlinkat(files[i].c_str(), dir_.get(), blob_name(layer.digest).c_str()) != 0 &&
             errno != EEXIST)
-            fail(path_);
+            throw_error(path_);
     }
-    const Json index(cJSON_CreateObject());
-    add_number(index.get(), "schemaVersion", 2);
-    put(put_array(index.get(), "manifests"),
-        add_blob(image.manifest.media_type, compact(manifest.get())));
-    write("index.json", compact(index.get()));
+    const Json manifest = {{"schemaVersion", 2},
+                           {"config", add_blob(image.config.media_type, compact(configuration))},
+                           {"layers", std::move(list)}};
+    const Json index = {
+        {"schemaVersion", 2},
+        {"manifests", Json::array({add_blob(image.manifest.media_type, compact(manifest))})}};
+    write("index.json", compact(index));
     write("oci-layout", R"({"imageLayoutVersion": "1.0.0"})");
 }
 
 Json PrivateLayout::add_blob(const std::string& media_type, const std::string& bytes) const
 {
-    const std::string digest = digest_of("sha256", bytes);
+    const std::string digest = digest_of(bytes);
     write(blob_name(digest), bytes);
-    return descriptor(media_type, digest, static_cast<double>(bytes.size()));
+    return descriptor(media_type, digest, static_cast<std::int64_t>(bytes.size()));
 }
 
 void PrivateLayout::write(const std::string& name, const std::string& text) const
@@ -162,7 +146,7 @@ void PrivateLayout::write(const std::string& name, const std::string& text) cons
     znc::UniqueFd file(::openat(dir_.get(), name.c_str(),
                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file || !write_all(file.get(), text) || file.close_checked() != 0)
-        fail(path_);
+        throw_error(path_);
 }
 
 } // namespace zncctl

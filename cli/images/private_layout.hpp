@@ -29,7 +29,7 @@ class PrivateLayout {
     // Below `area`, a directory that only this user can write to. `configuration` takes the place
     // of the image's own. Throws std::runtime_error.
     PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
-                  const cJSON* configuration);
+                  const Json& configuration);
     ~PrivateLayout();
     PrivateLayout(const PrivateLayout&) = delete;
     PrivateLayout& operator=(const PrivateLayout&) = delete;
@@ -37,7 +37,7 @@ class PrivateLayout {
     [[nodiscard]] const std::string& path() const { return path_; }
 
   private:
-    void fill(const Image& image, const LayerFiles& layers, const cJSON* configuration) const;
+    void fill(const Image& image, const LayerFiles& layers, const Json& configuration) const;
     [[nodiscard]] Json add_blob(const std::string& media_type, const std::string& bytes) const;
     void write(const std::string& name, const std::string& text) const;
 

@@ -5,10 +5,11 @@
 #include "front/files.hpp"
 #include "front/json.hpp"
 #include "image_settings.hpp"
-#include "layer_reader.hpp"
 
 #include <cerrno>
-#include <set>
+#include <fcntl.h>
+#include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "zarnel/fs.h"
 #include "zncontainer.h"
@@ -20,32 +21,16 @@ constexpr char kSeparator = ':';
 constexpr std::size_t kDirectoriesMax = 64;
 constexpr std::size_t kPathMax = 255; // members with longer paths are not extracted
 constexpr const char* kOverlayDir = "/overlay/";
-constexpr std::uint64_t kStickyBit = 01000;
+constexpr std::uint32_t kStickyBit = 01000;
+constexpr const char* kConfig = "config.json";
 
 // Nothing that the image's author could make of a list.
 bool is_plain(const std::string& path)
 {
-    return path.starts_with('/') && path.size() <= kPathMax && path.find(kSeparator) == path.npos &&
-           printable(path) == path && clean_path(path) == path;
-}
-
-// Members of an archive that is damaged further on count as far as they go: unpacking tells.
-void collect(const std::string& file, std::set<std::string>& directories)
-{
-    LayerReader reader(file);
-    TarHeader header = {};
-    while (reader && reader.read(header) && !header.is_zero() && header.checksum_good()) {
-        const std::string name = header.full_name();
-        const auto path = clean_path(name);
-        if (!path || header.size_value() > UINT32_MAX || !reader.skip(header.size_value()))
-            return;
-        if (!names_directory(name) || header.size_value() != 0)
-            continue;
-        if ((header.mode_value() & kStickyBit) == 0)
-            directories.erase(*path);
-        else if (directories.size() < kDirectoriesMax && is_plain(*path))
-            directories.insert(*path);
-    }
+    return path.starts_with('/') && !path.ends_with('/') && path.size() <= kPathMax &&
+           path.find(kSeparator) == path.npos && path.find('\\') == path.npos &&
+           printable(path) == path &&
+           std::filesystem::path(path).lexically_normal().native() == path;
 }
 
 std::set<std::string> listed(const std::string& text)
@@ -63,18 +48,56 @@ std::set<std::string> listed(const std::string& text)
 
 } // namespace
 
-std::string sticky_directories(const std::vector<std::string>& layer_files)
+void StickyDirectories::heard(const char* path, std::uint32_t mode, void* self) noexcept
 {
-    std::set<std::string> directories;
-    // An image may name one layer any number of times.
-    std::set<std::string_view> read;
-    for (const std::string& file : layer_files)
-        if (read.insert(file).second)
-            collect(file, directories);
+    auto& directories = *static_cast<StickyDirectories*>(self);
+    try {
+        directories.add(path, (mode & kStickyBit) != 0);
+    } catch (...) { // which the library knows nothing of
+        directories.failure_ = std::current_exception();
+    }
+}
+
+void StickyDirectories::add(const std::string& path, bool sticky)
+{
+    if (!sticky)
+        directories_.erase(path);
+    else if (directories_.size() < kDirectoriesMax && is_plain(path))
+        directories_.insert(path);
+}
+
+std::string StickyDirectories::text() const
+{
+    if (failure_)
+        std::rethrow_exception(failure_);
     std::string text;
-    for (const std::string& directory : directories)
+    for (const std::string& directory : directories_)
         text += (text.empty() ? "" : std::string(1, kSeparator)) + directory;
     return text;
+}
+
+bool annotate_sticky(const std::string& bundle, const std::string& directories)
+{
+    if (directories.empty())
+        return true;
+    const znc::UniqueFd dir(::open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const auto text = dir ? read_file(kConfig, dir.get()) : std::nullopt;
+    if (!text)
+        return false;
+    std::optional<Json> config = parse_json(*text, nullptr, Annotations::kMayRepeat);
+    if (!config || !config->is_object()) {
+        errno = EBADMSG;
+        return false;
+    }
+    if (member(*config, "annotations") == nullptr)
+        append(*config, "annotations", Json::object());
+    Json& annotations = config->at("annotations");
+    if (!annotations.is_object()) {
+        errno = EBADMSG;
+        return false;
+    }
+    append(annotations, kStickyAnnotation, directories);
+    return replace_file(dir.get(), kConfig, pretty(*config), true);
 }
 
 bool set_sticky(const std::string& root, const std::string& directories)
@@ -92,8 +115,8 @@ bool restore_sticky(const std::string& id, const std::string& bundle)
     if (zncOvlFsAvailable() == FALSE)
         return true;
     const auto text = read_file(bundle + "/config.json");
-    const Json config = text ? parse_json(*text) : nullptr;
-    const cJSON* annotations = any_case_member(config.get(), "annotations");
+    const auto config = text ? parse_json(*text, nullptr, Annotations::kMayRepeat) : std::nullopt;
+    const Json* annotations = config ? any_case_member(*config, "annotations") : nullptr;
     const std::string directories = text_of(annotations, kStickyAnnotation);
     return directories.empty() || set_sticky(kOverlayDir + kept_id(id), directories);
 }

@@ -3,17 +3,35 @@
 // could remove another's files. `run`, `unpack` and `create` put it back: the directories that have
 // it are listed once, when the image is unpacked, in an annotation of the bundle's config.json, and
 // get it in the container's own root when that is made.
-#ifndef ZNC_CLI_IMAGES_STICKY_HPP
-#define ZNC_CLI_IMAGES_STICKY_HPP
+#ifndef ZNCCTL_STICKY_HPP
+#define ZNCCTL_STICKY_HPP
 
+#include <cstdint>
+#include <exception>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace zncctl {
 
-// The directories that the layers, the lowest first, leave with the sticky bit, as the annotation
-// has them. At most 64; those with odd names are left out.
-std::string sticky_directories(const std::vector<std::string>& layer_files);
+// The directories that the layers of an image leave with the sticky bit: at most 64, and none with
+// an odd name. Listens to zncUnpackDirs, which tells of what it verified.
+class StickyDirectories {
+  public:
+    static void heard(const char* path, std::uint32_t mode, void* self) noexcept;
+
+    // As the annotation has them. Throws what kept a directory from being listed.
+    [[nodiscard]] std::string text() const;
+
+  private:
+    void add(const std::string& path, bool sticky);
+
+    std::set<std::string> directories_;
+    std::exception_ptr failure_;
+};
+
+// Adds the annotation to the bundle's config.json, on the medium, unless the list is empty. False
+// with errno set.
+bool annotate_sticky(const std::string& bundle, const std::string& directories);
 
 // Sets it in a root that belongs to one container. Directories that are not there are left out.
 // False with errno set when one could not be changed.

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace zncimport {
 namespace {
@@ -79,48 +80,13 @@ std::string part_of_summary(const Count& count, const Words& words)
     return text;
 }
 
-// Returns the length in bytes of the UTF-8 character at the start of `text`, or 0 if it is invalid.
-std::size_t character_length(std::string_view text)
-{
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    if (byte(0) < 0x80)
-        return 1;
-    const std::size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length)
-        return 0;
-    for (std::size_t i = 1; i < length; ++i)
-        if ((byte(i) & 0xc0U) != 0x80)
-            return 0;
-    const unsigned second = byte(1);
-    const bool overlong = (byte(0) == 0xe0 && second < 0xa0) || (byte(0) == 0xf0 && second < 0x90);
-    const bool beyond = (byte(0) == 0xed && second > 0x9f) || (byte(0) == 0xf4 && second > 0x8f);
-    return overlong || beyond ? 0 : length;
-}
-
-// Converts a file name to UTF-8 for a JSON document: invalid bytes become "\xNN".
-std::string utf8(std::string_view bytes)
-{
-    std::string text;
-    while (!bytes.empty()) {
-        const std::size_t length = character_length(bytes);
-        if (length > 0)
-            text += bytes.substr(0, length);
-        else
-            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(bytes[0]));
-        bytes.remove_prefix(std::max<std::size_t>(length, 1));
-    }
-    return text;
-}
-
 zncctl::Json document_of(const Report::Item& item)
 {
-    zncctl::Json entry(cJSON_CreateObject());
-    zncctl::add_text(entry.get(), "change", Report::word(item.change));
-    zncctl::add_text(entry.get(), "path", utf8(item.path));
+    zncctl::Json entry = {{"change", Report::word(item.change)}, {"path", zncctl::utf8(item.path)}};
     if (!item.detail.empty())
-        zncctl::add_text(entry.get(), "detail", utf8(item.detail));
+        entry["detail"] = zncctl::utf8(item.detail);
     if (item.bytes != 0)
-        zncctl::add_number(entry.get(), "bytes", static_cast<double>(item.bytes));
+        entry["bytes"] = item.bytes;
     return entry;
 }
 
@@ -163,17 +129,15 @@ std::string Report::summary() const
 
 zncctl::Json Report::document() const
 {
-    zncctl::Json document(cJSON_CreateObject());
-    zncctl::add_number(document.get(), "losses", static_cast<double>(losses()));
-    cJSON* const counts = cJSON_AddObjectToObject(document.get(), "counts");
+    zncctl::Json counts = zncctl::Json::object();
     const auto counted = counts_of(items_);
     for (std::size_t i = 0; i < kWords.size(); ++i)
         if (counted[i].items != 0)
-            zncctl::add_number(counts, kWords[i].word, static_cast<double>(counted[i].items));
-    cJSON* const items = cJSON_AddArrayToObject(document.get(), "items");
+            counts[kWords[i].word] = counted[i].items;
+    zncctl::Json items = zncctl::Json::array();
     for (const Item& item : items_)
-        cJSON_AddItemToArray(items, document_of(item).release());
-    return document;
+        items.push_back(document_of(item));
+    return {{"losses", losses()}, {"counts", std::move(counts)}, {"items", std::move(items)}};
 }
 
 } // namespace zncimport

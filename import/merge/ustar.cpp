@@ -1,6 +1,7 @@
 #include "ustar.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -8,32 +9,8 @@
 namespace zncimport {
 namespace {
 
-// The header as stored in the archive. Numbers are octal digits. Strings that fill their field have
-// no NUL.
-struct Header {
-    std::array<char, 100> name;
-    std::array<char, 8> mode;
-    std::array<char, 8> uid;
-    std::array<char, 8> gid;
-    std::array<char, 12> size;
-    std::array<char, 12> mtime;
-    std::array<char, 8> checksum;
-    char type;
-    std::array<char, 100> target;
-    std::array<char, 6> magic;
-    std::array<char, 2> version;
-    std::array<char, 32> user;
-    std::array<char, 32> group;
-    std::array<char, 8> major;
-    std::array<char, 8> minor;
-    std::array<char, 155> prefix;
-    std::array<char, 12> padding;
-};
-static_assert(sizeof(Header) == kBlock);
-
-constexpr std::size_t kNameMax = sizeof(Header::name);
-constexpr std::size_t kPrefixMax = sizeof(Header::prefix);
-constexpr std::uint64_t kSizeMax = 0xffffffff; // the extractor uses 32-bit sizes
+constexpr std::size_t kNameMax = sizeof(znc::UstarHeader::name);
+constexpr std::size_t kPrefixMax = sizeof(znc::UstarHeader::prefix);
 
 struct Name {
     std::string_view prefix;
@@ -51,12 +28,6 @@ Name split(std::string_view path)
     if (slash == path.npos || slash + 1 == path.size())
         return {{}, path};
     return {path.substr(0, slash), path.substr(slash + 1)};
-}
-
-// Returns whether the number fits into a field of this size, whose last byte is NUL.
-bool fits(std::uint64_t number, std::size_t field)
-{
-    return number >> (3 * (field - 1)) == 0;
 }
 
 std::string component_problem(std::string_view path)
@@ -102,21 +73,37 @@ std::string target_problem(const UstarMember& member)
     return member.target.size() > kTargetMax ? "its target is longer than 99 bytes" : "";
 }
 
+// A number of a header: where it stands, the most it may be, and what is wrong with one that is
+// more.
+struct Number {
+    std::span<char> field;
+    std::uint64_t value;
+    std::uint64_t most;
+    const char* problem;
+};
+
+std::array<Number, 7> numbers(const UstarMember& member, znc::UstarHeader& header)
+{
+    constexpr std::uint64_t kSeven = znc::tar_octal_max(sizeof header.uid);
+    constexpr std::uint64_t kEleven = znc::tar_octal_max(sizeof header.mtime);
+    constexpr const char* kOwner = "its owner's number is too large";
+    constexpr const char* kDevice = "its device number is too large";
+    return {{{header.size, member.size, znc::kTarSizeMax, "it has 4 GiB or more"},
+             {header.mode, member.mode, 07777, "its mode has more than the permission bits"},
+             {header.uid, member.uid, kSeven, kOwner},
+             {header.gid, member.gid, kSeven, kOwner},
+             {header.mtime, member.mtime, kEleven, "its time is too late"},
+             {header.major, member.major, kSeven, kDevice},
+             {header.minor, member.minor, kSeven, kDevice}}};
+}
+
 std::string number_problem(const UstarMember& member)
 {
-    if (member.size > kSizeMax)
-        return "it has 4 GiB or more";
-    if (member.size != 0 && member.type != '0')
-        return "only a file has data";
-    if (member.mode > 07777)
-        return "its mode has more than the permission bits";
-    if (!fits(member.uid, sizeof(Header::uid)) || !fits(member.gid, sizeof(Header::gid)))
-        return "its owner's number is too large";
-    if (!fits(member.mtime, sizeof(Header::mtime)))
-        return "its time is too late";
-    if (!fits(member.major, sizeof(Header::major)) || !fits(member.minor, sizeof(Header::minor)))
-        return "its device number is too large";
-    return "";
+    znc::UstarHeader unused{};
+    for (const Number& number : numbers(member, unused))
+        if (number.value > number.most)
+            return number.problem;
+    return member.size != 0 && member.type != '0' ? "only a file has data" : "";
 }
 
 void put_text(std::span<char> field, std::string_view text)
@@ -124,25 +111,14 @@ void put_text(std::span<char> field, std::string_view text)
     std::copy(text.begin(), text.end(), field.begin());
 }
 
-// Writes octal digits with leading zeros; the last byte stays NUL.
-void put_number(std::span<char> field, std::uint64_t number)
+// The checksum is stored as six digits, a NUL and a space.
+void put_checksum(znc::UstarHeader& header)
 {
-    for (std::size_t i = field.size() - 1; i-- > 0; number >>= 3U)
-        field[i] = static_cast<char>('0' + (number & 7U));
-}
-
-// The checksum is the sum of all bytes, with its own field counted as spaces. It is stored as six
-// digits, a NUL and a space.
-void put_checksum(Header& header)
-{
-    header.checksum.fill(' ');
-    Block bytes{};
-    std::memcpy(bytes.data(), &header, kBlock);
-    std::uint64_t sum = 0;
-    for (const std::byte byte : bytes)
-        sum += static_cast<unsigned char>(byte);
-    header.checksum[6] = '\0';
-    put_number(std::span(header.checksum).first(7), sum);
+    const std::span<char> field(header.chksum);
+    std::fill(field.begin(), field.end(), ' ');
+    const std::uint32_t sum = znc::tar_sum(&header, sizeof header); // the padding adds nothing
+    field[6] = '\0';
+    znc::tar_put_octal(field.first(7), sum);
 }
 
 } // namespace
@@ -181,24 +157,19 @@ std::string ustar_problem(const UstarMember& member)
 
 Block ustar_header(const UstarMember& member)
 {
-    Header header{};
+    znc::UstarHeader header{};
     const Name parts = split(member.path);
     put_text(header.name, parts.name);
     put_text(header.prefix, parts.prefix);
-    put_number(header.mode, member.mode);
-    put_number(header.uid, member.uid);
-    put_number(header.gid, member.gid);
-    put_number(header.size, member.size);
-    put_number(header.mtime, member.mtime);
-    header.type = member.type;
-    put_text(header.target, member.target);
-    put_text(header.magic, "ustar"); // including its NUL
-    put_text(header.version, "00");
-    put_number(header.major, member.major);
-    put_number(header.minor, member.minor);
+    for (const Number& number : numbers(member, header))
+        znc::tar_put_octal(number.field, number.value);
+    header.linkflag = member.type;
+    put_text(header.linkname, member.target);
+    put_text(header.indicator, std::string_view(znc::kUstarMagic, sizeof znc::kUstarMagic));
+    put_text(header.version, std::string_view(znc::kUstarVersion, sizeof znc::kUstarVersion));
     put_checksum(header);
     Block block{};
-    std::memcpy(block.data(), &header, kBlock);
+    std::memcpy(block.data(), &header, sizeof header);
     return block;
 }
 

@@ -6,6 +6,8 @@
 
 #include "import/source/archive.hpp"
 
+#include "format/ustar.hpp"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -13,8 +15,8 @@
 
 namespace zncimport {
 
-constexpr std::size_t kBlock = 512;
-constexpr std::size_t kTargetMax = 99;
+constexpr std::size_t kBlock = znc::kTarBlock;
+constexpr std::size_t kTargetMax = sizeof(znc::UstarHeader::linkname) - 1;
 using Block = std::array<std::byte, kBlock>;
 
 struct UstarMember {

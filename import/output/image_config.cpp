@@ -8,7 +8,6 @@
 #include <array>
 #include <ctime>
 #include <fmt/format.h>
-#include <strings.h>
 
 namespace zncimport {
 namespace {
@@ -27,19 +26,13 @@ constexpr const char* kLayerType = "application/vnd.oci.image.layer.v1.tar+gzip"
     throw Failure("the image's configuration", what);
 }
 
-// JSON parsers differ in which of several duplicate members they return, and in whether names are
-// case-sensitive. Refuse duplicates, so that what is checked here is what other programs use.
-void check_unique(const cJSON* object, std::initializer_list<const char*> keys)
+// JSON parsers differ in whether names are case-sensitive. Refuse other spellings, so that what is
+// checked here is what other programs use.
+void check_spelling(const Json& object, std::initializer_list<const char*> keys)
 {
-    for (const char* key : keys) {
-        int found = 0;
-        const cJSON* item = nullptr;
-        cJSON_ArrayForEach(item, object) if (::strcasecmp(item->string, key) == 0)
-        {
-            if (++found > 1 || std::string_view(item->string) != key)
-                refuse(fmt::format("\"{}\" is present twice or in different case", key));
-        }
-    }
+    for (const char* key : keys)
+        if (zncctl::any_case_member(object, key) != member(object, key))
+            refuse(fmt::format("\"{}\" is present in different case", key));
 }
 
 std::string first_of(std::initializer_list<std::string> texts)
@@ -50,16 +43,16 @@ std::string first_of(std::initializer_list<std::string> texts)
     return "";
 }
 
-void settle_platform(cJSON* config, const SourceImage& image, const ConfigOptions& options)
+void settle_platform(Json& config, const SourceImage& image, const ConfigOptions& options)
 {
     const std::string arch = text_of(config, "architecture");
     const std::string os = text_of(config, "os");
     const std::string new_arch =
         first_of({options.set_arch, arch, image.arch, zncctl::kDefaultArch});
-    put_text(config, "architecture", new_arch);
-    put_text(config, "os", first_of({options.set_os, os, image.os, zncctl::kDefaultOs}));
+    config["architecture"] = new_arch;
+    config["os"] = first_of({options.set_os, os, image.os, zncctl::kDefaultOs});
     if (!options.set_arch.empty() && new_arch != first_of({arch, image.arch}))
-        cJSON_DeleteItemFromObjectCaseSensitive(config, "variant");
+        config.erase("variant");
 }
 
 std::string rfc3339(std::int64_t seconds)
@@ -73,23 +66,23 @@ std::string rfc3339(std::int64_t seconds)
     return text.data();
 }
 
-void check_strings(const cJSON* section, const char* key)
+void check_strings(const Json& section, const char* key)
 {
-    const cJSON* array = member(section, key);
-    if (array == nullptr || cJSON_IsNull(array))
+    const Json* array = member(section, key);
+    if (array == nullptr || array->is_null())
         return;
-    if (!cJSON_IsArray(array))
+    if (!array->is_array())
         refuse(fmt::format("\"{}\" is not an array", key));
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, array) if (!cJSON_IsString(item))
-        refuse(fmt::format("\"{}\" contains an element that is not a string", key));
+    for (const Json& item : *array)
+        if (!item.is_string())
+            refuse(fmt::format("\"{}\" contains an element that is not a string", key));
 }
 
 // Returns the string value of a member, or "" if it is missing or null.
-std::string optional_text(const cJSON* section, const char* key)
+std::string optional_text(const Json& section, const char* key)
 {
-    const cJSON* item = member(section, key);
-    if (item != nullptr && !cJSON_IsNull(item) && !cJSON_IsString(item))
+    const Json* item = member(section, key);
+    if (item != nullptr && !item->is_null() && !item->is_string())
         refuse(fmt::format("\"{}\" is no text", key));
     return text_of(section, key);
 }
@@ -209,7 +202,7 @@ std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool
 
 // The library reads a name as 0 and "010" as 8, and does not look up the user's primary group:
 // write both ids in decimal. A user that the image does not define becomes nobody rather than root.
-void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
+void settle_user(Json& section, Tree& tree, const Spool& spool, Report& report)
 {
     const std::string text = optional_text(section, "User");
     if (text.empty())
@@ -218,7 +211,7 @@ void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
     const std::optional<Ids> ids = resolve_user(text, tree, spool, unknown);
     if (!ids) {
         report.add(Change::kUser, "", fmt::format("{} is nobody, {}", unknown, kNobody));
-        put_text(section, "User", kNobody);
+        section["User"] = kNobody;
         return;
     }
     if (!unknown.empty())
@@ -228,7 +221,7 @@ void settle_user(cJSON* section, Tree& tree, const Spool& spool, Report& report)
         alone ? std::to_string(ids->uid) : fmt::format("{}:{}", ids->uid, ids->gid);
     if (numbers == text)
         return;
-    put_text(section, "User", numbers);
+    section["User"] = numbers;
     if (unknown.empty())
         report.add(Change::kUserNumbers, "", fmt::format("{} is {}", text, numbers));
 }
@@ -256,68 +249,61 @@ try {
 }
 
 // The library would bind-mount a host directory for each key of "Volumes".
-void settle_volumes(cJSON* section, Tree& tree, std::size_t layer, Report& report)
+void settle_volumes(Json& section, Tree& tree, std::size_t layer, Report& report)
 {
-    const cJSON* volumes = member(section, "Volumes");
-    if (volumes != nullptr && !cJSON_IsNull(volumes) && !cJSON_IsObject(volumes))
+    const Json* volumes = member(section, "Volumes");
+    if (volumes != nullptr && !volumes->is_null() && !volumes->is_object())
         refuse("\"Volumes\" is not an object");
-    const cJSON* volume = nullptr;
-    cJSON_ArrayForEach(volume, volumes)
-    {
-        const std::string key = volume->string;
+    for (const auto& volume : zncctl::children(volumes).items()) {
+        const std::string& key = volume.key();
         report.add(Change::kVolume, key.starts_with('/') ? key.substr(1) : key);
         if (key.starts_with('/') && key.find(':') == key.npos)
             make_directory(tree, key, layer);
     }
-    cJSON_DeleteItemFromObjectCaseSensitive(section, "Volumes");
+    section.erase("Volumes");
 }
 
-cJSON* execution_section(cJSON* config)
+Json& execution_section(Json& config)
 {
-    const cJSON* section = member(config, "config");
-    if (section == nullptr || cJSON_IsNull(section))
-        put(config, "config", made(cJSON_CreateObject()));
-    else if (!cJSON_IsObject(section))
+    Json& section = config["config"];
+    if (section.is_null())
+        section = Json::object();
+    else if (!section.is_object())
         refuse("\"config\" is not an object");
-    return cJSON_GetObjectItemCaseSensitive(config, "config");
+    return section;
 }
 
 // The configuration for a source without one.
 Json default_config()
 {
-    Json config = made(cJSON_CreateObject());
-    Json command = made(cJSON_CreateArray());
-    append(command.get(), made(cJSON_CreateString("/bin/sh")));
-    put(execution_section(config.get()), "Cmd", std::move(command));
-    return config;
+    return {{"config", {{"Cmd", Json::array({"/bin/sh"})}}}};
 }
 
 Json copy_of_config(const SourceImage& image)
 {
-    const cJSON* given = image.config.get();
-    if (given == nullptr || cJSON_IsNull(given))
+    const Json& given = image.config;
+    if (given.is_null())
         return default_config();
-    if (!cJSON_IsObject(given))
+    if (!given.is_object())
         refuse("it is not an object");
-    check_unique(given, {"architecture", "os", "variant", "config", "rootfs", "history", "created",
-                         "author"});
-    return made(cJSON_Duplicate(given, 1));
+    check_spelling(given, {"architecture", "os", "variant", "config", "rootfs", "history",
+                           "created", "author"});
+    return given;
 }
 
 // Copies the annotations of the source without the reference name, which belongs into the index.
 Json new_annotations(const SourceImage& image)
 {
-    Json annotations = made(cJSON_CreateObject());
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, image.annotations.get()) if (cJSON_IsString(item) &&
-                                                          item->string != std::string(kRefName))
-        put_text(annotations.get(), item->string, item->valuestring);
+    Json annotations = Json::object();
+    for (const auto& item : zncctl::children(&image.annotations).items())
+        if (item.value().is_string() && item.key() != kRefName)
+            zncctl::append(annotations, item.key(), item.value());
     if (!image.manifest_digest.empty())
-        put_text(annotations.get(), kSourceDigest, image.manifest_digest);
+        annotations[kSourceDigest] = image.manifest_digest;
     return annotations;
 }
 
-std::string document(const cJSON* object)
+std::string document(const Json& object)
 {
     std::string text = zncctl::compact(object);
     if (text.size() > Limits{}.json)
@@ -331,16 +317,16 @@ Json settle_config(const SourceImage& image, Tree& tree, const Spool& spool,
                    const ConfigOptions& options, Report& report)
 {
     Json config = copy_of_config(image);
-    settle_platform(config.get(), image, options);
+    settle_platform(config, image, options);
     if (options.source_date_epoch)
-        put_text(config.get(), "created", rfc3339(*options.source_date_epoch));
-    cJSON* section = execution_section(config.get());
-    check_unique(section, {"User", "Env", "Entrypoint", "Cmd", "Volumes", "WorkingDir", "Labels",
-                           "ExposedPorts", "StopSignal"});
+        config["created"] = rfc3339(*options.source_date_epoch);
+    Json& section = execution_section(config);
+    check_spelling(section, {"User", "Env", "Entrypoint", "Cmd", "Volumes", "WorkingDir", "Labels",
+                             "ExposedPorts", "StopSignal"});
     for (const char* key : {"Env", "Entrypoint", "Cmd"})
         check_strings(section, key);
     if (optional_text(section, "WorkingDir").empty())
-        put_text(section, "WorkingDir", "/");
+        section["WorkingDir"] = "/";
     settle_user(section, tree, spool, report);
     settle_volumes(section, tree, std::max<std::size_t>(image.layers.size(), 1) - 1, report);
     return config;
@@ -348,40 +334,36 @@ Json settle_config(const SourceImage& image, Tree& tree, const Spool& spool,
 
 std::string finish_config(Json config, const std::vector<NewLayer>& layers)
 {
-    const std::string created = text_of(config.get(), "created");
-    Json ids = made(cJSON_CreateArray());
-    Json history = made(cJSON_CreateArray());
+    const std::string created = text_of(config, "created");
+    Json ids = Json::array();
+    Json history = Json::array();
     for (const NewLayer& layer : layers) {
-        append(ids.get(), made(cJSON_CreateString(layer.diff_id.c_str())));
-        Json step = made(cJSON_CreateObject());
+        ids.push_back(layer.diff_id);
+        Json step = Json::object();
         if (!created.empty())
-            put_text(step.get(), "created", created);
-        put_text(step.get(), "created_by", "zncctl import");
-        append(history.get(), std::move(step));
+            step["created"] = created;
+        step["created_by"] = "zncctl import";
+        history.push_back(std::move(step));
     }
-    Json rootfs = made(cJSON_CreateObject());
-    put_text(rootfs.get(), "type", "layers");
-    put(rootfs.get(), "diff_ids", std::move(ids));
-    put(config.get(), "rootfs", std::move(rootfs));
-    put(config.get(), "history", std::move(history));
-    return document(config.get());
+    config["rootfs"] = {{"type", "layers"}, {"diff_ids", std::move(ids)}};
+    config["history"] = std::move(history);
+    return document(config);
 }
 
 std::string new_manifest(const SourceImage& image, const std::string& config,
                          const std::vector<NewLayer>& layers)
 {
-    Json manifest = made(cJSON_CreateObject());
-    zncctl::add_number(manifest.get(), "schemaVersion", 2);
-    put_text(manifest.get(), "mediaType", kManifestType);
-    put(manifest.get(), "config", descriptor(kConfigType, digest_of(config), config.size()));
-    Json list = made(cJSON_CreateArray());
+    Json list = Json::array();
     for (const NewLayer& layer : layers)
-        append(list.get(), descriptor(kLayerType, layer.digest, layer.size));
-    put(manifest.get(), "layers", std::move(list));
+        list.push_back(descriptor(kLayerType, layer.digest, layer.size));
+    Json manifest = {{"schemaVersion", 2},
+                     {"mediaType", kManifestType},
+                     {"config", descriptor(kConfigType, digest_of(config), config.size())},
+                     {"layers", std::move(list)}};
     Json annotations = new_annotations(image);
-    if (annotations->child != nullptr)
-        put(manifest.get(), "annotations", std::move(annotations));
-    return document(manifest.get());
+    if (!annotations.empty())
+        manifest["annotations"] = std::move(annotations);
+    return document(manifest);
 }
 
 } // namespace zncimport

@@ -4,7 +4,6 @@
 #include "front/layout.hpp"
 #include "front/named_lock.hpp"
 #include "import/source/documents.hpp"
-#include "import/source/exact_json.hpp"
 #include "import/source/stream.hpp"
 
 #include <algorithm>
@@ -110,7 +109,7 @@ bool same_file(int fd, const std::string& path)
 std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
-    if (!zncctl::is_digest(digest) || !digest.starts_with(kKind))
+    if (!znc::is_digest(digest) || !digest.starts_with(kKind))
         throw Failure(digest, "is not a valid blob digest");
     return digest.substr(kKind.size());
 }
@@ -120,22 +119,17 @@ Json read_index(int dir)
     constexpr const char* kName = "index.json";
     const std::optional<std::string> text = read_document(dir, kName);
     if (!text) {
-        Json index = made(cJSON_CreateObject());
-        zncctl::add_number(index.get(), "schemaVersion", 2);
-        put(index.get(), "manifests", made(cJSON_CreateArray()));
-        return index;
+        return {{"schemaVersion", 2}, {"manifests", Json::array()}};
     }
-    std::string where;
-    Json index = zncctl::parse_json(*text, &where);
-    if (index == nullptr)
-        throw Failure(kName, "is not valid JSON at " + where);
-    if (!cJSON_IsArray(member(index.get(), "manifests")))
+    zncctl::JsonNotes notes;
+    std::optional<Json> index = zncctl::parse_json(*text, &notes);
+    if (!index)
+        throw Failure(kName, notes.problem);
+    if (!zncctl::is_array(member(*index, "manifests")))
         throw Failure(kName, "\"manifests\" is not an array");
-    if (const auto key = zncctl::duplicate_key(index.get()))
-        throw Failure(kName, fmt::format("has the key \"{}\" twice", *key));
-    if (!survives(*text))
-        throw Failure(kName, "contains a number or a string that cannot be preserved exactly");
-    return index;
+    if (notes.inexact)
+        throw Failure(kName, "contains a number that cannot be preserved exactly");
+    return *std::move(index);
 }
 
 struct Platform {
@@ -145,29 +139,30 @@ struct Platform {
 
 // Returns the platform given by the index entry or by the image's configuration; "" for unknown
 // parts.
-Platform platform_of(int blobs, const cJSON* entry)
+Platform platform_of(int blobs, const Json& entry)
 try {
-    const cJSON* given = member(entry, "platform");
+    const Json* given = member(entry, "platform");
     Platform platform = {text_of(given, "os"), text_of(given, "architecture")};
     if (!platform.os.empty() && !platform.arch.empty())
         return platform;
-    const auto read = [&](const cJSON* descriptor) {
+    const auto read = [&](const Json* descriptor) {
         const std::string digest = text_of(descriptor, "digest");
-        return zncctl::parse_json(read_document(blobs, blob_name(digest)).value_or(""));
+        const auto text = read_document(blobs, blob_name(digest)).value_or("");
+        return zncctl::parse_json(text).value_or(Json());
     };
-    const Json manifest = read(entry);
-    const Json config = read(member(manifest.get(), "config"));
+    const Json manifest = read(&entry);
+    const Json config = read(member(manifest, "config"));
     if (platform.os.empty())
-        platform.os = text_of(config.get(), "os");
+        platform.os = text_of(config, "os");
     if (platform.arch.empty())
-        platform.arch = text_of(config.get(), "architecture");
+        platform.arch = text_of(config, "architecture");
     return platform;
 } catch (const Failure&) {
     return {};
 }
 
 // Returns whether unpacking might select this entry for the given image.
-bool is_image(int blobs, const cJSON* entry, const std::string& tag, const std::string& os,
+bool is_image(int blobs, const Json& entry, const std::string& tag, const std::string& os,
               const std::string& arch)
 {
     const std::string name = text_of(member(entry, "annotations"), kRefName);
@@ -181,15 +176,11 @@ bool is_image(int blobs, const cJSON* entry, const std::string& tag, const std::
 Json index_entry(const IndexEntry& entry)
 {
     Json object = descriptor(kManifestType, entry.manifest_digest, entry.manifest_size);
-    Json platform = made(cJSON_CreateObject());
-    put_text(platform.get(), "architecture", entry.arch);
-    put_text(platform.get(), "os", entry.os);
+    Json& platform = object["platform"];
+    platform = {{"architecture", entry.arch}, {"os", entry.os}};
     if (!entry.variant.empty())
-        put_text(platform.get(), "variant", entry.variant);
-    put(object.get(), "platform", std::move(platform));
-    Json annotations = made(cJSON_CreateObject());
-    put_text(annotations.get(), kRefName, entry.tag);
-    put(object.get(), "annotations", std::move(annotations));
+        platform["variant"] = entry.variant;
+    object["annotations"] = {{kRefName, entry.tag}};
     return object;
 }
 
@@ -252,10 +243,11 @@ void LayoutWriter::State::read_or_begin()
     constexpr const char* kName = "oci-layout";
     sweep(dir.get(), path);
     if (const std::optional<std::string> text = read_document(dir.get(), kName)) {
-        const Json document = zncctl::parse_json(*text);
-        if (const auto key = zncctl::duplicate_key(document.get()))
-            throw Failure(path + "/" + kName, fmt::format("has the key \"{}\" twice", *key));
-        if (text_of(document.get(), "imageLayoutVersion") != "1.0.0")
+        zncctl::JsonNotes notes;
+        const Json document = zncctl::parse_json(*text, &notes).value_or(Json());
+        if (notes.duplicate_key)
+            throw Failure(path + "/" + kName, notes.problem);
+        if (text_of(document, "imageLayoutVersion") != "1.0.0")
             throw Failure(path, "is not an image layout of version 1.0.0");
     } else {
         if (!names_in(dir.get(), path).empty())
@@ -301,9 +293,7 @@ void LayoutWriter::check_tag(const std::string& tag, const std::string& os, cons
     if (replace)
         return;
     const Json index = read_index(state_->dir.get());
-    const cJSON* entry = nullptr;
-    cJSON_ArrayForEach(entry, member(index.get(), "manifests"))
-    {
+    for (const Json& entry : zncctl::children(member(index, "manifests"))) {
         if (is_image(state_->blobs.get(), entry, tag, os, arch))
             throw Failure(
                 state_->path,
@@ -341,7 +331,7 @@ void LayoutWriter::keep(const NewBlob& blob, const std::string& digest) const
     const bool replaces = ::faccessat(blobs, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     const char* from = blob.name().empty() ? kNewName : blob.name().c_str();
     if (blob.name().empty()) {
-        const std::string file = fmt::format("/proc/self/fd/{}", blob.fd());
+        const std::string file = zncctl::descriptor_path(blob.fd());
         if (::linkat(AT_FDCWD, file.c_str(), blobs, kNewName, AT_SYMLINK_FOLLOW) != 0)
             fail(digest);
     }
@@ -365,23 +355,21 @@ namespace {
 
 // Replaces the first matching entry, since readers use the first one, and removes the other
 // matching entries.
-void put_entry(cJSON* list, const IndexEntry& entry, int blobs)
+void put_entry(Json& list, const IndexEntry& entry, int blobs)
 {
-    int place = 0;
+    Json kept = Json::array();
     bool found = false;
-    for (cJSON* item = list->child; item != nullptr;) {
-        cJSON* const next = item->next;
-        if (is_image(blobs, item, entry.tag, entry.os, entry.arch)) {
-            const Json gone(cJSON_DetachItemViaPointer(list, item));
-            found = true;
-        }
-        place += found ? 0 : 1;
-        item = next;
+    for (Json& item : list) {
+        const bool replaced = is_image(blobs, item, entry.tag, entry.os, entry.arch);
+        if (replaced && !found)
+            kept.push_back(index_entry(entry));
+        found = found || replaced;
+        if (!replaced)
+            kept.push_back(std::move(item));
     }
-    Json fresh = index_entry(entry);
-    if (cJSON_InsertItemInArray(list, place, fresh.get()) == 0)
-        throw std::bad_alloc();
-    static_cast<void>(fresh.release());
+    if (!found)
+        kept.push_back(index_entry(entry));
+    list = std::move(kept);
 }
 
 } // namespace
@@ -390,14 +378,14 @@ void LayoutWriter::add_to_index(const IndexEntry& entry) const
 {
     State& state = *state_;
     const int dir = state.dir.get();
-    const Json index = read_index(dir);
-    put_entry(cJSON_GetObjectItemCaseSensitive(index.get(), "manifests"), entry, state.blobs.get());
+    Json index = read_index(dir);
+    put_entry(index["manifests"], entry, state.blobs.get());
 
     // Everything that the index refers to must be on disk before the index is.
     const znc::UniqueFd above = open_or_make_dir(dir, "blobs");
     if (::fsync(state.blobs.get()) != 0 || ::fsync(above.get()) != 0 || ::fsync(dir) != 0)
         fail(state.path);
-    write_document(dir, "index.json", zncctl::compact(index.get()) + "\n");
+    write_document(dir, "index.json", zncctl::compact(index) + "\n");
     state.committed = true;
     if (::fsync(dir) != 0)
         fail("index.json");

@@ -4,7 +4,7 @@
 #define ZNC_IMPORT_SOURCE_IMAGE_FILES_HPP
 
 #include "archive.hpp"
-#include "front/digest.hpp"
+#include "format/digest.hpp"
 #include "spool.hpp"
 
 #include <map>
@@ -72,7 +72,7 @@ class ArchiveFiles : public ImageFiles {
 };
 
 // "sha256:" or "sha512:" followed by the right number of hexadecimal digits.
-using zncctl::is_digest;
+using znc::is_digest;
 
 // Reads complete documents and checks each against the limit, its size (-1: unknown) and its digest
 // ("": unknown). Parsed JSON needs far more memory than its text, and many images may refer to the

@@ -26,8 +26,8 @@ LibraryReader::~LibraryReader() = default;
 void LibraryReader::open(const std::string& name)
 {
     archive_read_set_callback_data(get(), this);
-    archive_read_set_read_callback(get(), give);
-    archive_read_set_skip_callback(get(), pass);
+    archive_read_set_read_callback(get(), read_source);
+    archive_read_set_skip_callback(get(), skip_source);
     // When detecting the format, libarchive treats a read error at the start as an empty stream:
     // check for an exception, too.
     if (archive_read_open1(get()) != ARCHIVE_OK || thrown_ ||
@@ -35,7 +35,7 @@ void LibraryReader::open(const std::string& name)
         fail(name);
 }
 
-ssize_t LibraryReader::give(archive* handle, void* self, const void** bytes)
+ssize_t LibraryReader::read_source(archive* handle, void* self, const void** bytes)
 {
     auto& reader = *static_cast<LibraryReader*>(self);
     try {
@@ -50,13 +50,13 @@ ssize_t LibraryReader::give(archive* handle, void* self, const void** bytes)
     }
 }
 
-std::int64_t LibraryReader::pass(archive* handle, void* self, std::int64_t count)
+std::int64_t LibraryReader::skip_source(archive* handle, void* self, std::int64_t count)
 {
     auto& reader = *static_cast<LibraryReader*>(self);
     try {
-        const std::uint64_t passed = reader.source_.skip(static_cast<std::uint64_t>(count));
-        reader.given_ += passed;
-        return static_cast<std::int64_t>(passed);
+        const std::uint64_t skipped = reader.source_.skip(static_cast<std::uint64_t>(count));
+        reader.given_ += skipped;
+        return static_cast<std::int64_t>(skipped);
     } catch (...) {
         reader.thrown_ = std::current_exception();
         archive_set_error(handle, EIO, "the source failed");

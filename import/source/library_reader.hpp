@@ -32,8 +32,8 @@ class LibraryReader {
     struct Closer {
         void operator()(archive* handle) const;
     };
-    static ssize_t give(archive* handle, void* self, const void** bytes);
-    static std::int64_t pass(archive* handle, void* self, std::int64_t count);
+    static ssize_t read_source(archive* handle, void* self, const void** bytes);
+    static std::int64_t skip_source(archive* handle, void* self, std::int64_t count);
 
     Reader& source_;
     std::vector<std::byte> buffer_;

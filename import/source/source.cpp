@@ -1,6 +1,5 @@
 #include "source_kinds.hpp"
 
-#include "exact_json.hpp"
 #include "front/files.hpp"
 
 #include <algorithm>
@@ -208,43 +207,42 @@ std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
                   zncctl::kExitNotFound);
 }
 
-zncctl::Json parse_document(const std::string& text, const std::string& name, bool array)
+zncctl::Json parse_document(const std::string& text, const std::string& name, bool array,
+                            zncctl::JsonNotes* notes)
 {
-    std::string where;
-    zncctl::Json json = zncctl::parse_json(text, &where);
+    zncctl::JsonNotes own;
+    zncctl::JsonNotes& said = notes != nullptr ? *notes : own;
+    std::optional<zncctl::Json> json = zncctl::parse_json(text, &said);
     if (!json)
-        throw Failure(name, "is not a JSON document: " + where);
-    if ((array ? cJSON_IsArray(json.get()) : cJSON_IsObject(json.get())) == 0)
+        throw Failure(name, said.problem);
+    if (array ? !json->is_array() : !json->is_object())
         throw Failure(name, array ? "is not a JSON array" : "is not a JSON object");
-    if (const auto key = zncctl::duplicate_key(json.get()))
-        throw Failure(name, fmt::format("has the key \"{}\" twice", *key));
-    return json;
+    return *std::move(json);
 }
 
 void read_config(SourceImage& image, const std::string& text, const std::string& name)
 {
-    zncctl::Json config = parse_document(text, name);
-    if (!survives(text) && image.problem.empty())
-        image.problem =
-            "its configuration contains a number or a string that cannot be preserved exactly";
+    zncctl::JsonNotes notes;
+    zncctl::Json config = parse_document(text, name, false, &notes);
+    if (notes.inexact && image.problem.empty())
+        image.problem = "its configuration contains a number that cannot be preserved exactly";
     const auto take = [&](const char* key, std::string& to) {
-        if (const std::string value = zncctl::text_of(config.get(), key); !value.empty())
+        if (const std::string value = zncctl::text_of(config, key); !value.empty())
             to = value;
     };
     take("os", image.os);
     take("architecture", image.arch);
     take("variant", image.variant);
-    const cJSON* diffs = zncctl::member(zncctl::member(config.get(), "rootfs"), "diff_ids");
-    const auto count = static_cast<std::size_t>(cJSON_GetArraySize(diffs));
+    const zncctl::Json& diffs =
+        zncctl::children(zncctl::member(zncctl::member(config, "rootfs"), "diff_ids"));
+    const std::size_t count = diffs.size();
     if (count != image.layers.size() && image.problem.empty())
         image.problem = fmt::format("its configuration names {} layers, its manifest {}", count,
                                     image.layers.size());
     std::size_t at = 0;
-    const cJSON* diff = nullptr;
-    cJSON_ArrayForEach(diff, diffs)
-    {
-        const char* value = cJSON_GetStringValue(diff);
-        const std::string digest = value != nullptr ? value : "";
+    for (const zncctl::Json& diff : diffs) {
+        const std::string* value = zncctl::text(&diff);
+        const std::string digest = value != nullptr ? *value : "";
         if ((!is_digest(digest) || !digest.starts_with("sha256:")) && image.problem.empty())
             image.problem = "its configuration has an invalid diff ID";
         if (at < image.layers.size())

@@ -12,6 +12,8 @@
 #include <map>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 namespace zncimport {
 
 struct Layer {

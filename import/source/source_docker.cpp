@@ -28,8 +28,8 @@ class DockerSource : public Source {
         const zncctl::Json manifest =
             parse_document(text_at("manifest.json", ""), "manifest.json", true);
         std::vector<SourceImage> images;
-        const cJSON* entry = nullptr;
-        cJSON_ArrayForEach(entry, manifest.get()) images.push_back(read_image(entry));
+        for (const zncctl::Json& entry : manifest)
+            images.push_back(read_image(entry));
         return images;
     }
 
@@ -49,22 +49,19 @@ class DockerSource : public Source {
         return documents_.read(file(path), digest, -1);
     }
 
-    [[nodiscard]] SourceImage read_image(const cJSON* entry)
+    [[nodiscard]] SourceImage read_image(const zncctl::Json& entry)
     {
         SourceImage image;
-        const cJSON* item = nullptr;
-        cJSON_ArrayForEach(item, zncctl::member(entry, "RepoTags"))
-        {
-            if (cJSON_IsString(item))
-                image.names.emplace_back(item->valuestring);
-        }
-        cJSON_ArrayForEach(item, zncctl::member(entry, "Layers"))
-        {
-            if (!cJSON_IsString(item))
+        for (const zncctl::Json& item : zncctl::children(zncctl::member(entry, "RepoTags")))
+            if (const std::string* name = zncctl::text(&item))
+                image.names.push_back(*name);
+        for (const zncctl::Json& item : zncctl::children(zncctl::member(entry, "Layers"))) {
+            const std::string* name = zncctl::text(&item);
+            if (name == nullptr)
                 throw Failure("manifest.json", "a layer's name is not a string");
-            image.layers.push_back({item->valuestring, "", "", size_of(item->valuestring)});
+            image.layers.push_back({*name, "", "", size_of(*name)});
             if (image.layers.back().size < 0)
-                image.problem = fmt::format("the layer {} is missing", item->valuestring);
+                image.problem = fmt::format("the layer {} is missing", *name);
         }
         const std::string config = zncctl::text_of(entry, "Config");
         if (config.empty())

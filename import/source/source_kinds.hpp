@@ -14,7 +14,8 @@ SourcePtr docker_source(ImageFilesPtr files, const Limits& limits);
 SourcePtr rootfs_source(std::optional<FilePart> archive);
 
 // Parses a document that must be an object, or an array if `array` is set. Throws Failure.
-zncctl::Json parse_document(const std::string& text, const std::string& name, bool array = false);
+zncctl::Json parse_document(const std::string& text, const std::string& name, bool array = false,
+                            zncctl::JsonNotes* notes = nullptr);
 
 // Reads the platform and the diff IDs of the layers from the configuration. If they do not match
 // the layers, sets `problem`.

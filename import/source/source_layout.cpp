@@ -1,8 +1,8 @@
+#include "base64.hpp"
 #include "source_kinds.hpp"
 
-#include <cmath>
 #include <fmt/format.h>
-#include <mbedtls/base64.h>
+#include <set>
 #include <string_view>
 
 namespace zncimport {
@@ -10,7 +10,6 @@ namespace {
 
 constexpr int kIndexDepth = 4;
 constexpr std::size_t kDescriptorsMax = 10'000;
-constexpr double kSizeMax = 9007199254740992.0; // 2^53: doubles are not exact beyond it
 using zncctl::kRefName;
 constexpr const char* kFullName = "io.containerd.image.name";
 
@@ -53,20 +52,17 @@ struct Descriptor {
     std::string digest;
     std::int64_t size = 0;
     std::string data; // the embedded blob in Base64; "" if there is none
-    const cJSON* json = nullptr;
 };
 
-Descriptor read_descriptor(const cJSON* json, const std::string& where)
+Descriptor read_descriptor(const zncctl::Json* json, const std::string& where)
 {
     Descriptor result = {zncctl::text_of(json, "mediaType"), zncctl::text_of(json, "digest"), 0,
-                         zncctl::text_of(json, "data"), json};
+                         zncctl::text_of(json, "data")};
     if (!is_digest(result.digest))
         throw Failure(where, "has an invalid digest");
-    const cJSON* size = zncctl::member(json, "size");
-    const double number = cJSON_IsNumber(size) != 0 ? size->valuedouble : -1;
-    if (!(number >= 0) || number > kSizeMax || number != std::floor(number))
+    result.size = zncctl::integer(zncctl::member(json, "size")).value_or(-1);
+    if (result.size < 0)
         throw Failure(where, fmt::format("the size of {} is invalid", result.digest));
-    result.size = static_cast<std::int64_t>(number);
     return result;
 }
 
@@ -77,21 +73,17 @@ std::string blob_name(const std::string& digest)
 
 std::string decode(const Descriptor& descriptor)
 {
-    const auto* text = reinterpret_cast<const unsigned char*>(descriptor.data.data());
-    std::string bytes(descriptor.data.size(), '\0');
-    std::size_t size = 0;
-    if (mbedtls_base64_decode(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), &size,
-                              text, descriptor.data.size()) != 0)
+    auto bytes = decode_base64(descriptor.data);
+    if (!bytes)
         throw Failure(descriptor.digest, "the embedded data is not valid Base64");
-    bytes.resize(size);
-    return bytes;
+    return std::move(*bytes);
 }
 
 // The properties that an index defines for an image, which nested indexes inherit.
 struct Context {
     std::vector<std::string> names;
-    const cJSON* annotations = nullptr;
-    const cJSON* platform = nullptr;
+    const zncctl::Json* annotations = nullptr;
+    const zncctl::Json* platform = nullptr;
 };
 
 class LayoutSource : public Source {
@@ -110,7 +102,7 @@ class LayoutSource : public Source {
         const zncctl::Json json = parse_document(documents_.read(*index, "", -1), "index.json");
         images_.clear();
         descriptors_ = 0;
-        walk(json.get(), "index.json", {}, 1);
+        walk(json, "index.json", {}, 1);
         return std::move(images_);
     }
 
@@ -124,17 +116,18 @@ class LayoutSource : public Source {
         const std::optional<FilePart> file = files_->find("oci-layout");
         if (!file)
             return;
-        const zncctl::Json json = zncctl::parse_json(documents_.read(*file, "", -1));
-        if (const auto key = zncctl::duplicate_key(json.get()))
-            throw Failure("oci-layout", fmt::format("has the key \"{}\" twice", *key));
+        zncctl::JsonNotes notes;
+        static_cast<void>(zncctl::parse_json(documents_.read(*file, "", -1), &notes));
+        if (notes.duplicate_key)
+            throw Failure("oci-layout", notes.problem);
     }
 
     std::optional<std::string> document(const Descriptor& descriptor);
-    void walk(const cJSON* index, const std::string& where, const Context& above, int depth);
+    void walk(const zncctl::Json& index, const std::string& where, const Context& above, int depth);
     void visit(const Descriptor& descriptor, const Context& context, int depth);
     SourceImage image_of(const Descriptor& descriptor, const Context& context);
-    void read_manifest(SourceImage& image, const cJSON* manifest);
-    void read_layers(SourceImage& image, const cJSON* manifest) const;
+    void read_manifest(SourceImage& image, const zncctl::Json& manifest);
+    void read_layers(SourceImage& image, const zncctl::Json& manifest) const;
 
     ImageFilesPtr files_;
     Documents documents_;
@@ -153,10 +146,10 @@ std::optional<std::string> LayoutSource::document(const Descriptor& descriptor)
     return documents_.read(*file, descriptor.digest, descriptor.size);
 }
 
-Context context_of(const cJSON* entry, const Context& above)
+Context context_of(const zncctl::Json& entry, const Context& above)
 {
     Context context = above;
-    if (const cJSON* own = zncctl::member(entry, "annotations"); cJSON_IsObject(own) != 0) {
+    if (const zncctl::Json* own = zncctl::member(entry, "annotations"); zncctl::is_object(own)) {
         context.annotations = own;
         std::vector<std::string> names;
         for (const char* key : {kRefName, kFullName})
@@ -165,25 +158,23 @@ Context context_of(const cJSON* entry, const Context& above)
         if (!names.empty())
             context.names = names;
     }
-    if (const cJSON* platform = zncctl::member(entry, "platform"); cJSON_IsObject(platform) != 0)
-        context.platform = platform;
+    if (const zncctl::Json* own = zncctl::member(entry, "platform"); zncctl::is_object(own))
+        context.platform = own;
     return context;
 }
 
-void LayoutSource::walk(const cJSON* index, const std::string& where, const Context& above,
+void LayoutSource::walk(const zncctl::Json& index, const std::string& where, const Context& above,
                         int depth)
 {
     if (zncctl::member(index, "layers") != nullptr || zncctl::member(index, "config") != nullptr)
         throw Failure(where, "is both an index and a manifest");
-    const cJSON* entries = zncctl::member(index, "manifests");
-    if (cJSON_IsArray(entries) == 0)
+    const zncctl::Json* entries = zncctl::member(index, "manifests");
+    if (!zncctl::is_array(entries))
         throw Failure(where, "has no list of manifests");
-    const cJSON* entry = nullptr;
-    cJSON_ArrayForEach(entry, entries)
-    {
+    for (const zncctl::Json& entry : *entries) {
         if (++descriptors_ > kDescriptorsMax)
             throw Failure(where, fmt::format("there are more than {} images", kDescriptorsMax));
-        visit(read_descriptor(entry, where), context_of(entry, above), depth);
+        visit(read_descriptor(&entry, where), context_of(entry, above), depth);
     }
 }
 
@@ -202,19 +193,20 @@ void LayoutSource::visit(const Descriptor& descriptor, const Context& context, i
         return;
     }
     const zncctl::Json json = parse_document(*text, descriptor.digest);
-    walk(json.get(), descriptor.digest, context, depth + 1);
+    walk(json, descriptor.digest, context, depth + 1);
 }
 
-void copy_annotations(zncctl::Json& to, const cJSON* from, bool of_entry)
+// Those that are there stay: `seen` has their names.
+void copy_annotations(zncctl::Json& to, const zncctl::Json* from, bool of_entry,
+                      std::set<std::string>& seen)
 {
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, from)
-    {
-        const std::string_view key = item->string;
-        if (cJSON_IsString(item) == 0 || (of_entry && (key == kRefName || key == kFullName)) ||
-            zncctl::member(to.get(), item->string) != nullptr)
-            continue;
-        zncctl::add_text(to.get(), item->string, item->valuestring);
+    if (!zncctl::is_object(from))
+        return;
+    for (const auto& item : from->items()) {
+        const std::string& key = item.key();
+        if (item.value().is_string() && !(of_entry && (key == kRefName || key == kFullName)) &&
+            seen.insert(key).second)
+            zncctl::append(to, key, item.value());
     }
 }
 
@@ -236,18 +228,19 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
         return image;
     }
     const zncctl::Json manifest = parse_document(*text, descriptor.digest);
-    const std::string own_type = zncctl::text_of(manifest.get(), "mediaType");
-    if (zncctl::member(manifest.get(), "manifests") != nullptr ||
+    const std::string own_type = zncctl::text_of(manifest, "mediaType");
+    if (zncctl::member(manifest, "manifests") != nullptr ||
         (!own_type.empty() && own_type != descriptor.type))
         throw Failure(descriptor.digest, "has a different media type than the index says");
-    image.annotations.reset(cJSON_CreateObject());
-    copy_annotations(image.annotations, zncctl::member(manifest.get(), "annotations"), false);
-    copy_annotations(image.annotations, context.annotations, true);
-    read_manifest(image, manifest.get());
+    image.annotations = zncctl::Json::object();
+    std::set<std::string> seen;
+    copy_annotations(image.annotations, zncctl::member(manifest, "annotations"), false, seen);
+    copy_annotations(image.annotations, context.annotations, true, seen);
+    read_manifest(image, manifest);
     return image;
 }
 
-void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest)
+void LayoutSource::read_manifest(SourceImage& image, const zncctl::Json& manifest)
 {
     const std::string& where = image.manifest_digest;
     const Descriptor config = read_descriptor(zncctl::member(manifest, "config"), where);
@@ -265,15 +258,13 @@ void LayoutSource::read_manifest(SourceImage& image, const cJSON* manifest)
         image.problem = fmt::format("the blob {} is missing", config.digest);
 }
 
-void LayoutSource::read_layers(SourceImage& image, const cJSON* manifest) const
+void LayoutSource::read_layers(SourceImage& image, const zncctl::Json& manifest) const
 {
-    const cJSON* layers = zncctl::member(manifest, "layers");
-    if (cJSON_IsArray(layers) == 0)
+    const zncctl::Json* layers = zncctl::member(manifest, "layers");
+    if (!zncctl::is_array(layers))
         throw Failure(image.manifest_digest, "has no list of layers");
-    const cJSON* json = nullptr;
-    cJSON_ArrayForEach(json, layers)
-    {
-        const Descriptor layer = read_descriptor(json, image.manifest_digest);
+    for (const zncctl::Json& json : *layers) {
+        const Descriptor layer = read_descriptor(&json, image.manifest_digest);
         if (!is_layer(layer.type))
             image.problem = fmt::format("layers of the type \"{}\" cannot be imported", layer.type);
         else if (!layer.digest.starts_with("sha256:"))

@@ -295,7 +295,7 @@ ReaderPtr read_stream(int fd, std::string name)
 std::size_t DigestReader::read(std::span<std::byte> out)
 {
     const std::size_t got = source_.read(out);
-    digest_.add(out.first(got));
+    digest_.add(out.data(), got);
     count_ += got;
     return got;
 }

@@ -7,9 +7,9 @@
 #define ZNC_IMPORT_SOURCE_STREAM_HPP
 
 #include "limits.hpp"
-#include "sha256.hpp"
 
 #include "base/owned.hpp"
+#include "front/blob.hpp"
 
 #include <cstddef>
 #include <memory>
@@ -47,11 +47,11 @@ class DigestReader : public Reader {
     void drain();
     [[nodiscard]] std::uint64_t count() const { return count_; }
     // Returns "sha256:..."; call it once, at the end.
-    std::string digest() { return digest_.text(); }
+    std::string digest() { return zncctl::digest_text(digest_); }
 
   private:
     Reader& source_;
-    Sha256 digest_;
+    znc::Digest digest_;
     std::uint64_t count_ = 0;
 };
 

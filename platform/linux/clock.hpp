@@ -1,4 +1,4 @@
-// clock.hpp - points in time on the clock that never jumps, for the facilities that wait.
+// clock.hpp - deadlines on the monotonic clock.
 #ifndef ZN_LINUX_CLOCK_HPP
 #define ZN_LINUX_CLOCK_HPP
 
@@ -18,7 +18,7 @@ inline std::int64_t now_ns() noexcept
     return static_cast<std::int64_t>(ts.tv_sec) * kNsPerSec + ts.tv_nsec;
 }
 
-// When a wait of `ticks` (not negative) that begins now ends.
+// The deadline of a wait of `ticks` (not negative) that begins now.
 inline std::int64_t deadline_ns(int ticks) noexcept
 {
     return now_ns() + static_cast<std::int64_t>(ticks) * kNsPerSec / znSysClkRateGet();
@@ -30,6 +30,13 @@ inline struct timespec to_timespec(std::int64_t ns) noexcept
     ts.tv_sec = static_cast<time_t>(ns / kNsPerSec);
     ts.tv_nsec = static_cast<long>(ns % kNsPerSec);
     return ts;
+}
+
+// The milliseconds until a deadline; 0 if it has passed.
+inline int milliseconds_until(std::int64_t deadline) noexcept
+{
+    const std::int64_t left = (deadline - now_ns()) / 1000000;
+    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 } // namespace zn

@@ -1,5 +1,6 @@
 #include "zarnel/daemon_file.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "ns_record.hpp"
 
@@ -31,19 +32,14 @@ UniqueFd own_file(int dir, const char* name, int flags)
     return UniqueFd();
 }
 
-// A lock taken here for this moment is no harm: a daemon that starts tries for longer.
+// The shared lock taken here for a moment does not prevent a starting daemon from taking its lock:
+// the daemon retries.
 bool is_locked(int file)
 {
     if (::flock(file, LOCK_SH | LOCK_NB) != 0)
         return errno == EWOULDBLOCK;
     ::flock(file, LOCK_UN);
     return false;
-}
-
-STATUS fail_with(int error)
-{
-    errno = error;
-    return ERROR;
 }
 
 STATUS write_text(int dir, const char* text, std::size_t len)
@@ -73,7 +69,7 @@ STATUS znDaemonInfoWrite(int dirFd, const char* version)
         return OK;
     const znc::ErrnoSaver keep;
     ::unlinkat(dirFd, kUnfinished, 0);
-    ::unlinkat(dirFd, ZN_DAEMON_FILE, 0); // a dead daemon's
+    ::unlinkat(dirFd, ZN_DAEMON_FILE, 0); // the file of an earlier daemon
     return ERROR;
 }
 
@@ -82,21 +78,21 @@ STATUS znDaemonInfoRead(znDaemonInfo* info)
     const UniqueFd dir = own_file(AT_FDCWD, ZN_RUNTIME_DIR, kDirFlags);
     const UniqueFd lock = dir ? own_file(dir.get(), ZN_DAEMON_LOCK, kReadFlags) : UniqueFd();
     if (!lock)
-        return errno == ENOENT ? fail_with(ESRCH) : ERROR;
+        return errno == ENOENT ? znc::fail(ESRCH) : ERROR;
     if (!is_locked(lock.get()))
-        return fail_with(ESRCH);
+        return znc::fail(ESRCH);
     const UniqueFd file = own_file(dir.get(), ZN_DAEMON_FILE, kReadFlags);
     char text[160];
     const ssize_t len = file ? ::read(file.get(), text, sizeof text - 1) : -1;
     if (len < 0)
-        return errno == ENOENT ? fail_with(ESRCH) : ERROR;
+        return errno == ENOENT ? znc::fail(ESRCH) : ERROR;
     text[len] = '\0';
     znDaemonInfo found = {};
     unsigned long long started = 0;
     if (std::sscanf(text, "pid %d\nstarted %llu\nversion %63s", &found.pid, &started,
                     found.version) != 3 ||
         found.pid <= 0 || started == 0 || process_start_time(found.pid) != started)
-        return fail_with(ESRCH);
+        return znc::fail(ESRCH);
     *info = found;
     return OK;
 }

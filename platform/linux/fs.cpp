@@ -1,6 +1,7 @@
 // fs.cpp - paths, directories, the environment.
 #include "zarnel/fs.h"
 
+#include "base/file.hpp"
 #include "base/owned.hpp"
 
 #include <climits>
@@ -15,14 +16,8 @@ constexpr mode_t kModeBits = 07777;
 constexpr mode_t kPermBits = 0777;
 constexpr int kReplaceTries = 8;
 
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// mkdir with exactly the permission bits of `mode`; a set-group-id bit inherited from the parent
-// stays.
+// mkdir with exactly the permission bits of `mode`, keeping a set-group-id bit inherited from the
+// parent.
 bool mkdir_exact(const char* path, mode_t mode)
 {
     if (mkdir(path, mode) != 0)
@@ -42,13 +37,13 @@ bool make_or_find(const char* path, mode_t mode)
         return true;
     if (errno != EEXIST)
         return false;
-    if (is_directory(path))
+    if (znc::is_directory(path))
         return true;
     errno = ENOTDIR;
     return false;
 }
 
-// Makes every missing parent of `path`, which is changed meanwhile and restored.
+// Creates every missing parent of `path`. Modifies `path` temporarily.
 bool make_parents(char* path, mode_t mode)
 {
     for (char* p = path + 1; *p != '\0'; ++p) {
@@ -86,7 +81,7 @@ bool is_regular(const struct stat& st)
 
 int truncate_regular(int dir, const char* path, mode_t mode)
 {
-    // Not blocking: the file may have become a FIFO since it was looked at.
+    // O_NONBLOCK: the file may have been replaced by a FIFO since the fstatat.
     znc::UniqueFd fd(openat(dir, path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st;
     if (!fd || fstat(fd.get(), &st) != 0 || !is_regular(st) || ftruncate(fd.get(), 0) != 0 ||
@@ -95,7 +90,8 @@ int truncate_regular(int dir, const char* path, mode_t mode)
     return fd.release();
 }
 
-// One try at a name that is taken. -1 with ENOENT when it was or became free.
+// Tries once to open an existing name for znFileCreateAt. Fails with ENOENT if the name was
+// removed, by this function or by another process, so that the caller can create the file.
 int replace_existing(int dir, const char* path, mode_t mode)
 {
     struct stat st;
@@ -135,7 +131,7 @@ char* znPathAppend(char* buf, size_t bufLen, const char* component)
             ++src;
         while (out != buf && out[-1] == '/')
             --out;
-        *out++ = '/'; // stands where a "/" or the terminator stood
+        *out++ = '/'; // overwrites a trailing "/" or the terminator
     }
     const size_t room = static_cast<size_t>(end - out);
     const size_t len = strlen(src);
@@ -176,12 +172,13 @@ int znFileCreate(const char* path, mode_t mode)
 int znFileCreateAt(int dirFd, const char* path, mode_t mode)
 {
     const mode_t bits = mode & kModeBits;
-    // Nearly every file is new: two calls for it, and whatever else stands there is never opened.
+    // Try to create the file first: almost every file is new, and an existing file of another type
+    // is then never opened.
     int fd = create_new(dirFd, path, bits);
     for (int n = 0; n < kReplaceTries && fd < 0 && errno == EEXIST; ++n) {
         fd = replace_existing(dirFd, path, bits);
         if (fd >= 0 || errno == EEXIST)
-            return fd; // EEXIST: something that is not replaced
+            return fd; // EEXIST: a type that is not replaced
         if (errno == ENOENT || errno == ELOOP)
             fd = create_new(dirFd, path, bits);
     }
@@ -194,17 +191,18 @@ STATUS znDirExchange(const char* a, const char* b)
         return OK;
     if (errno != EINVAL && errno != ENOSYS)
         return ERROR;
-    char aside[PATH_MAX];
-    if (snprintf(aside, sizeof aside, "%s.aside", b) >= static_cast<int>(sizeof aside)) {
+    char temporary[PATH_MAX];
+    if (snprintf(temporary, sizeof temporary, "%s.aside", b) >=
+        static_cast<int>(sizeof temporary)) {
         errno = ENAMETOOLONG;
         return ERROR;
     }
-    if (rename(b, aside) != 0)
+    if (rename(b, temporary) != 0)
         return ERROR;
     if (rename(a, b) == 0)
-        return rename(aside, a) == 0 ? OK : ERROR;
+        return rename(temporary, a) == 0 ? OK : ERROR;
     const znc::ErrnoSaver keep;
-    rename(aside, b);
+    rename(temporary, b);
     return ERROR;
 }
 
@@ -226,6 +224,11 @@ int znDirOpenAt(int dirFd, const char* name)
     if (fd < 0 && errno == ELOOP)
         errno = ENOTDIR;
     return fd;
+}
+
+void znDescriptorPath(int fd, char* path, size_t size)
+{
+    snprintf(path, size, "/proc/self/fd/%d", fd);
 }
 
 void znErrorText(int errorNumber, char* buf, size_t bufLen)

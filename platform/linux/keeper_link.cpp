@@ -4,6 +4,7 @@
 #include "pidfd.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -13,17 +14,20 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include "zarnel/ns.h"
+
 namespace zn {
 namespace {
 
 using znc::UniqueFd;
 
-constexpr unsigned long kNamespaces = // besides the mounts
-    CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+// The clone() flags of each namespace type, without CLONE_NEWNS.
+constexpr std::array<unsigned long, ZNNS_NUM_TYPES> kNamespaces = {CLONE_NEWPID | CLONE_NEWIPC |
+                                                                   CLONE_NEWUTS | CLONE_NEWCGROUP};
 constexpr int kSpareDescriptors = 16;
 constexpr std::int64_t kNsPerMillisecond = 1000000;
 
-// One helper file serves all keepers of this process, so that its pages are in memory once.
+// All keepers of this process are executed from one file, so that they share its pages.
 int keeper_file()
 {
     static UniqueFd file;
@@ -32,37 +36,40 @@ int keeper_file()
     return file.get();
 }
 
-// Where the keeper's end of a socket is while the keeper starts: a low number, taken early and
-// kept. So a keeper starts with a copy of the few descriptors below it and not of all that its
-// owner has, which are two for each container (80 us of a create among 500).
-class StartPlace {
+// Reserves a low descriptor number for the keeper's end of its socket while the keeper starts. The
+// new process copies only the descriptors up to this number, not the two that its owner has for
+// each container.
+class ReservedDescriptor {
   public:
-    explicit StartPlace(int fd) : good_(place() >= 0 && ::dup3(fd, place(), O_CLOEXEC) >= 0) {}
-    // Once the keeper runs nobody else may have its end.
-    ~StartPlace()
+    explicit ReservedDescriptor(int fd)
+        : good_(number() >= 0 && ::dup3(fd, number(), O_CLOEXEC) >= 0)
+    {
+    }
+    // Once the keeper runs, no other process may hold its end of the socket.
+    ~ReservedDescriptor()
     {
         const znc::ErrnoSaver keep;
         if (good_)
-            ::dup3(keeper_file(), place(), O_CLOEXEC);
+            ::dup3(keeper_file(), number(), O_CLOEXEC);
     }
-    StartPlace(const StartPlace&) = delete;
-    StartPlace& operator=(const StartPlace&) = delete;
+    ReservedDescriptor(const ReservedDescriptor&) = delete;
+    ReservedDescriptor& operator=(const ReservedDescriptor&) = delete;
 
     explicit operator bool() const { return good_; }
-    static int place()
+    static int number()
     {
-        static UniqueFd number;
-        if (!number)
-            number.reset(::fcntl(keeper_file(), F_DUPFD_CLOEXEC, 0));
-        return number.get();
+        static UniqueFd reserved;
+        if (!reserved)
+            reserved.reset(::fcntl(keeper_file(), F_DUPFD_CLOEXEC, 0));
+        return reserved.get();
     }
 
   private:
     bool good_;
 };
 
-// Whether so many descriptors can still be had as ending a namespace and answering about it take at
-// most. Each namespace costs some for good: the one that would take the last is not made.
+// Whether enough descriptors are left to end namespaces and to answer requests about them. A
+// namespace that would use the last ones is not created.
 bool descriptors_to_spare(int file)
 {
     UniqueFd spare[kSpareDescriptors];
@@ -76,10 +83,10 @@ bool descriptors_to_spare(int file)
 
 } // namespace
 
-// A mount namespace with next to nothing in it, kept without a process. Each keeper gets a copy of
-// it and not of the host's, which holds the devices of all other containers: a create among 500
-// then takes 1.2 times as long as one alone, and not twice. And no keeper ever sees the host's
-// tree. -1 where it cannot be had: keepers then start with a copy of the host's.
+// A mount namespace that contains almost no mounts, kept open by a descriptor. Each keeper starts
+// with a copy of it instead of a copy of the host's mount namespace, whose size grows with the
+// number of containers; so no keeper ever sees the host's tree. -1 if it cannot be created: keepers
+// then start with a copy of the host's mount namespace.
 int Keeper::bare_mounts()
 {
     static UniqueFd mounts;
@@ -104,7 +111,8 @@ bool Keeper::start()
     return launch(bare_mounts());
 }
 
-// With a copy of the mount namespace `mounts`, or of the caller's.
+// Starts the keeper in a copy of the mount namespace `mounts`, or of the caller's if it is
+// negative.
 bool Keeper::launch(int mounts)
 {
     const int file = keeper_file();
@@ -114,18 +122,19 @@ bool Keeper::launch(int mounts)
         return false;
     socket_.reset(pair[0]);
     UniqueFd theirs(pair[1]);
-    const StartPlace start(theirs.get());
+    const ReservedDescriptor start(theirs.get());
     theirs.reset();
     if (!start)
         return false;
-    const LaunchFd fds[] = {{StartPlace::place(), wire::kKeeperSocket}};
+    const LaunchFd fds[] = {{ReservedDescriptor::number(), wire::kKeeperSocket}};
     char name[sizeof wire::kKeeperName];
     std::memcpy(name, wire::kKeeperName, sizeof name);
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
-    // No signal at the end: the owner's program need not know about keepers.
-    const unsigned long flags = mounts < 0 ? kNamespaces | CLONE_NEWNS : kNamespaces;
-    const int below = std::max({file, StartPlace::place(), mounts}) + 1;
+    // No exit signal: the owner's program need not know about keepers.
+    const unsigned long namespaces = kNamespaces[ZNNS_TYPE_IOS];
+    const unsigned long flags = mounts < 0 ? namespaces | CLONE_NEWNS : namespaces;
+    const int below = std::max({file, ReservedDescriptor::number(), mounts}) + 1;
     pid_ = launch_helper({file, flags, fds, wire::kKeeperSocket + 1, argv, envp, mounts, below},
                          pidfd_);
     return pid_ > 0;
@@ -159,7 +168,7 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
         return errno == EPIPE || errno == ECONNRESET ? ESRCH : errno;
     if (!readable_within(socket_.get(), waitMilliseconds)) {
         process_signal(pidfd_.get(), SIGKILL);
-        socket_.reset(); // a late answer must not be taken for that to a later request
+        socket_.reset(); // a late answer must not be taken for the answer to a later request
         return ETIMEDOUT;
     }
     wire::Answer answer = {};
@@ -187,9 +196,9 @@ void Keeper::kill_others(int waitMilliseconds)
     ask(wire::Op::kKill, SIGKILL, nullptr, waitMilliseconds);
 }
 
-// While the keeper lives it can say when the last of the others is dead; afterwards only when the
-// last of them is reaped, which may take as long as its parent likes. So it is asked to end, and
-// does so when it is alone.
+// While the keeper runs, it can report when all other processes in its namespaces are dead. If it
+// were killed first, its end would be seen only after they are all reaped, which depends on their
+// parents. So it is asked to exit, which it does once no live process is left.
 void Keeper::kill(std::int64_t deadline)
 {
     const znc::ErrnoSaver keep;

@@ -19,8 +19,8 @@
 extern "C" const char zn_helper_image[];
 extern "C" const char zn_helper_image_end[];
 
-// The C library's own name for clone. A thread sanitizer watches the other one and takes the call
-// for a fork, after which it allows no threads.
+// glibc's internal name of clone(). ThreadSanitizer intercepts clone() and treats it as fork(),
+// after which it allows no new threads.
 extern "C" int __clone(int (*)(void*), void*, int, void*, ...);
 
 namespace zn {
@@ -28,7 +28,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kFdAbove = 16; // above every number that a helper's descriptors have
+constexpr int kFdAbove = 16; // above all descriptor numbers that a helper uses
 constexpr std::size_t kFdsMax = 8;
 constexpr std::size_t kStackSize = 64 * 1024;
 
@@ -37,20 +37,22 @@ struct Child {
     int error;
 };
 
-// What runs in the child runs on the caller's memory while the caller waits, so it makes nothing
-// but plain system calls and must not be instrumented.
+// The child runs in the caller's memory while the caller is suspended, so its code may only make
+// plain system calls and must not be instrumented.
 #define ZN_PLAIN __attribute__((no_sanitize("address", "thread", "undefined")))
 
-// A copy of `fd` out of the way of the numbers wanted; -1 with errno set.
+// Duplicates `fd` to a number of at least kFdAbove, so that it is not overwritten; -1 with errno
+// set.
 ZN_PLAIN long copy_high(int fd)
 {
     const long high = ::syscall(SYS_fcntl, fd, F_DUPFD, kFdAbove);
-    if (high < 0 && errno == EINVAL) // what it says when the limit is below kFdAbove
+    if (high < 0 && errno == EINVAL) // fcntl's error if RLIMIT_NOFILE is at most kFdAbove
         errno = EMFILE;
     return high;
 }
 
-// Everything to its number, the helper's file behind the last of them, and nothing else open.
+// Moves every descriptor to its target number and the helper's file to the number after them;
+// closes all others.
 ZN_PLAIN bool place_descriptors(const Launch& launch)
 {
     const LaunchFd* fds = launch.fds.data();
@@ -72,7 +74,8 @@ ZN_PLAIN bool copy_mounts(int mounts)
                           ::syscall(SYS_unshare, CLONE_NEWNS) == 0);
 }
 
-// Until here the child shares the caller's descriptors: nothing may be opened or closed before.
+// Ends the sharing of the descriptor table with the caller. Before this, the child must not open or
+// close descriptors.
 ZN_PLAIN bool own_descriptors(int copyBelow)
 {
     return copyBelow == 0 || ::syscall(SYS_close_range, copyBelow, ~0U, CLOSE_RANGE_UNSHARE) == 0;
@@ -95,7 +98,7 @@ ZN_PLAIN int child_main(void* argument)
 UniqueFd helper_file()
 {
     UniqueFd file(::memfd_create("zn-helper", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_EXEC));
-    if (!file && errno == EINVAL) // older kernels: executable without saying so
+    if (!file && errno == EINVAL) // before Linux 6.3: executable without this flag
         file.reset(::memfd_create("zn-helper", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!file)
         return file;
@@ -115,7 +118,8 @@ UniqueFd helper_file()
 
 pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
 {
-    // Not on this task's stack: the two run one after the other but must not overwrite each other.
+    // A separate stack: the child must not overwrite the stack of this thread, which continues
+    // after it.
     const auto stack = znc::malloc_array<char>(kStackSize);
     if (!stack || launch.fds.size() > kFdsMax) {
         errno = stack ? EINVAL : ENOMEM;

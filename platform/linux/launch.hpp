@@ -1,5 +1,4 @@
-// launch.hpp - starting the embedded helper program. Used by the namespace service (keepers) and
-// the spawner. Left out: what the helper then does (helper/).
+// launch.hpp - starts the embedded helper program. Used for keepers and for the spawner.
 #ifndef ZN_LAUNCH_HPP
 #define ZN_LAUNCH_HPP
 
@@ -10,8 +9,8 @@
 
 namespace zn {
 
-// The helper as a sealed file in memory: nobody, not even a container that gets hold of it, can
-// write to it. Invalid with errno set on failure.
+// The helper program as a sealed memfd, which no process can write to, not even a container that
+// gets a descriptor of it. Invalid with errno set on failure.
 znc::UniqueFd helper_file();
 
 struct LaunchFd {
@@ -21,19 +20,19 @@ struct LaunchFd {
 
 struct Launch {
     int file;                      // helper_file()
-    unsigned long cloneFlags;      // namespaces and the signal sent to the caller at the end
-    std::span<const LaunchFd> fds; // every other descriptor from `closeFrom` up is closed
+    unsigned long cloneFlags;      // clone() flags and exit signal
+    std::span<const LaunchFd> fds; // all others from `closeFrom` up are closed
     int closeFrom;
     char* const* argv;
     char* const* envp;
-    int mounts = -1; // a mount namespace: the helper gets a copy of it as its own
-    // Not 0: all of the above are below it, and the caller's descriptors from there up, which may
-    // be many, are not even copied.
+    int mounts = -1; // a mount namespace descriptor: the helper starts in a copy of it
+    // If not 0: all descriptors named above are less than this, and the caller's descriptors from
+    // this number up are not copied to the child.
     int copyBelow = 0;
 };
 
-// Start it. All signals are blocked in it, so that none arrives half-way. Returns its process id, a
-// child of the caller, and a descriptor for it; -1 with errno set, no child then left.
+// Starts the helper as a child of the caller, with all signals blocked. Returns its process id and
+// sets `pidfd`; -1 with errno set, and no child, on failure.
 pid_t launch_helper(const Launch& launch, znc::UniqueFd& pidfd);
 
 } // namespace zn

@@ -54,7 +54,7 @@ bool take_flag(const char* option, MountPlan& plan)
     for (const Flag& flag : kFlags) {
         if (std::strcmp(option, flag.name) != 0)
             continue;
-        // The last word on a flag counts.
+        // The last option about a flag takes effect.
         plan.attrSet = (plan.attrSet & ~flag.clear) | flag.set;
         plan.attrClear = (plan.attrClear & ~flag.set) | flag.clear;
         return true;
@@ -79,7 +79,7 @@ bool keep_option(const char* option, MountPlan& plan)
     return true;
 }
 
-bool says_nothing(const char* type)
+bool is_unspecified(const char* type)
 {
     return type == nullptr || *type == '\0' || std::strcmp(type, "unknown") == 0;
 }
@@ -90,8 +90,8 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
                     MountPlan& plan)
 {
     plan.bind = type != nullptr && std::strcmp(type, "bind") == 0;
-    // A clone of a shared mount would stay its peer: what is mounted below it inside would show up
-    // outside.
+    // A clone of a shared mount would be its peer: mounts made below it in the container would
+    // appear on the host.
     plan.propagation = MS_PRIVATE;
     bool dev = false;
     bool suid = false;
@@ -107,7 +107,7 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
         dev = dev || std::strcmp(*options, "dev") == 0;
         suid = suid || std::strcmp(*options, "suid") == 0;
     }
-    if (!plan.bind && says_nothing(type)) {
+    if (!plan.bind && is_unspecified(type)) {
         if (!sourceExists)
             return ENOENT;
         plan.bind = true;

@@ -1,7 +1,7 @@
 // msgq.cpp - named message queues over POSIX message queues.
 //
-// Every descriptor is non-blocking; waiting is done by polling it against a deadline on the
-// monotonic clock, since the timed queue calls follow the wall clock, which jumps.
+// All descriptors are non-blocking. Waits use ppoll with a deadline on the monotonic clock, because
+// the timed POSIX calls use the wall clock, which may be set.
 #include "zarnel/msgq.h"
 
 #include "base/owned.hpp"
@@ -22,13 +22,13 @@
 
 namespace {
 
-constexpr size_t kUsualMessage = 4096;
+constexpr size_t kUsualMessageSize = 4096;
 constexpr mode_t kQueueMode = 0600;
-constexpr int kTurnSeconds = 5;
+constexpr int kCreateTimeoutSeconds = 5;
 constexpr int kCreateTries = 3;
-constexpr int kLooksPerSecond = 5; // for the maker of a queue that is full
+constexpr int kCreatorChecksPerSecond = 5; // while waiting for room
 constexpr int kNameTries = 200;
-constexpr std::int64_t kPauseNs = 200000; // between two tries of who is first in line
+constexpr std::int64_t kRetryPauseNs = 200000; // between two attempts of the first in line
 constexpr const char* kMsgMax = "/proc/sys/fs/mqueue/msg_max";
 constexpr const char* kMsgSizeMax = "/proc/sys/fs/mqueue/msgsize_max";
 constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC;
@@ -40,12 +40,12 @@ MSG_Q_ID open_existing(const char* name)
     znc::UniqueFd q(mq_open(name, kOpenFlags));
     if (!q)
         return ZN_MSG_Q_INVALID;
-    // Root can open everybody's queues: without this anybody could pose as the daemon, or read what
-    // is meant for a client.
+    // Root can open the queues of all users. Without this check another user could pose as the
+    // daemon, or read messages meant for a client.
     return zn::queue_is_private(q.get()) ? q.release() : ZN_MSG_Q_INVALID;
 }
 
-// Sets one of the system's queue limits to at least `wanted`.
+// Raises one of the system's queue limits to at least `wanted`.
 bool raise_setting(const char* file, long wanted)
 {
     znc::UniqueFd fd(open(file, O_RDWR | O_CLOEXEC));
@@ -62,8 +62,8 @@ bool raise_setting(const char* file, long wanted)
     return pwrite(fd.get(), text, static_cast<size_t>(len), 0) == len;
 }
 
-// A queue of this name that another user owns is no queue of ours: it is removed where that is
-// allowed. Whoever makes it again as fast as it is removed wins some of the tries, not all.
+// A queue of this name that another user owns is removed, if permitted, and the creation retried.
+// If that user recreates it in a loop, some of the attempts still succeed.
 MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
 {
     for (int n = 0; n < kNameTries; ++n) {
@@ -72,10 +72,10 @@ MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
             continue;
         if (!q) {
             if (errno == EACCES || errno == EPERM)
-                errno = EEXIST; // another user's, which only its owner and root can remove
+                errno = EEXIST; // another user's queue, which only its owner and root can remove
             return ZN_MSG_Q_INVALID;
         }
-        // A umask may have taken bits away.
+        // The umask may have cleared mode bits.
         if (fchmod(q.get(), kQueueMode) == 0 && zn::queue_mark_in_use(q.get()))
             return q.release();
         if (errno != ENOENT) {
@@ -88,8 +88,9 @@ MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
     return ZN_MSG_Q_INVALID;
 }
 
-// The kernel says EINVAL for a capacity above the settings of this IPC namespace, unless the caller
-// may exceed them. The settings may be lowered by others meanwhile, hence more than one try.
+// mq_open fails with EINVAL if the capacity exceeds the limits of this IPC namespace and the caller
+// has no CAP_SYS_RESOURCE. Another process may lower the limits between raising and creating, hence
+// several attempts.
 MSG_Q_ID create_raising_limits(const char* name, struct mq_attr* attr)
 {
     MSG_Q_ID q = create_once(name, attr);
@@ -106,39 +107,41 @@ MSG_Q_ID create_raising_limits(const char* name, struct mq_attr* attr)
     return q;
 }
 
-// The number for used-up queue memory is also that for a process without free descriptors.
+// mq_open fails with EMFILE both for exhausted queue memory and for exhausted descriptors of the
+// process.
 bool out_of_descriptors()
 {
     const znc::ErrnoSaver keep;
     return !znc::UniqueFd(open("/", O_PATH | O_CLOEXEC));
 }
 
-// The queue that the calling task made first of those it has; -1: it has none of its own.
-thread_local MSG_Q_ID firstMade = ZN_MSG_Q_INVALID;
+// The queue that the calling task created first, while that is open; -1: none.
+thread_local MSG_Q_ID firstCreated = ZN_MSG_Q_INVALID;
 
-bool is_used_up(MSG_Q_ID q)
+bool is_exhausted(MSG_Q_ID q)
 {
     return q < 0 && (errno == EMFILE || errno == ENOSPC) && !out_of_descriptors();
 }
 
-// With the queues' memory or number used up every caller waits its turn. Nobody who comes later is
-// to take what becomes free, above all not who has just set it free.
+// When queue memory or the number of queues is exhausted, every caller waits in line, so that a
+// newcomer, in particular the task that has just freed a queue, cannot take what becomes free
+// before those that wait.
 MSG_Q_ID create_in_turn(const char* name, struct mq_attr* attr)
 {
-    const bool hasQueue = firstMade >= 0;
+    const bool hasQueue = firstCreated >= 0;
     if (hasQueue || !zn::queue_line_is_taken()) {
         const MSG_Q_ID q = create_raising_limits(name, attr);
-        if (!is_used_up(q))
+        if (!is_exhausted(q))
             return q;
     }
-    const std::int64_t deadline = zn::now_ns() + kTurnSeconds * zn::kNsPerSec;
+    const std::int64_t deadline = zn::now_ns() + kCreateTimeoutSeconds * zn::kNsPerSec;
     zn::QueueLinePlace place(hasQueue);
     for (;;) {
         place.wait_turn(deadline);
         const MSG_Q_ID q = create_raising_limits(name, attr);
-        if (!is_used_up(q) || zn::now_ns() >= deadline)
+        if (!is_exhausted(q) || zn::now_ns() >= deadline)
             return q;
-        const struct timespec pause = zn::to_timespec(kPauseNs);
+        const struct timespec pause = zn::to_timespec(kRetryPauseNs);
         nanosleep(&pause, nullptr);
     }
 }
@@ -154,22 +157,22 @@ MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
     attr.mq_maxmsg = static_cast<long>(maxMsgs);
     attr.mq_msgsize = static_cast<long>(maxMsgLen);
     const MSG_Q_ID q = create_in_turn(name, &attr);
-    if (q >= 0 && firstMade < 0)
-        firstMade = q;
+    if (q >= 0 && firstCreated < 0)
+        firstCreated = q;
     return q;
 }
 
 // ---------------------------------------------------------------- waiting
 
-// Timeout of one call: never, at once, or at a point in time that is fixed when first needed.
+// The timeout of one call. The deadline is computed at the first wait.
 class Wait {
   public:
     explicit Wait(int ticks) noexcept : ticks_(ticks) {}
 
     [[nodiscard]] bool forever() const noexcept { return ticks_ < 0; }
 
-    // Waits until one of `fds` is ready. False with EAGAIN or ETIMEDOUT when time is over, or with
-    // poll's own number.
+    // Waits until one of `fds` is ready. False with EAGAIN (ZN_NO_WAIT), ETIMEDOUT, or ppoll's
+    // error.
     bool poll_until_ready(struct pollfd* fds, nfds_t count) noexcept
     {
         if (ticks_ == ZN_NO_WAIT) {
@@ -199,8 +202,8 @@ class Wait {
     std::int64_t deadline_ = -1;
 };
 
-// For a receive that waits: false with ECANCELED once the task's stop descriptor is ready,
-// which goes before any message. An unusable stop descriptor counts as ready.
+// For a receive that may wait. False with ECANCELED when the task's stop descriptor is ready, which
+// takes precedence over messages. An unusable stop descriptor counts as ready.
 bool wait_unless_stopped(MSG_Q_ID q, int stop, Wait* wait)
 {
     struct pollfd fds[2] = {{q, POLLIN, 0}, {stop, POLLIN, 0}};
@@ -218,8 +221,8 @@ bool wait_for_room(MSG_Q_ID q, Wait* wait)
     return wait->poll_until_ready(&fd, 1);
 }
 
-// Without end, but not in a queue that nobody will read: no event tells that its maker is gone, so
-// it is looked for now and then. False with EPIPE once it is.
+// Waits without a timeout, but not for an abandoned queue. There is no event for the end of a
+// queue's creator, so it is checked for periodically. False with EPIPE if the queue is abandoned.
 bool wait_for_room(MSG_Q_ID q)
 {
     for (;;) {
@@ -227,26 +230,27 @@ bool wait_for_room(MSG_Q_ID q)
             errno = EPIPE;
             return false;
         }
-        Wait a_while(znSysClkRateGet() / kLooksPerSecond + 1);
-        if (wait_for_room(q, &a_while))
+        Wait interval(znSysClkRateGet() / kCreatorChecksPerSecond + 1);
+        if (wait_for_room(q, &interval))
             return true;
         if (errno != ETIMEDOUT)
             return false;
     }
 }
 
-// The kernel takes no buffer shorter than the queue's messages: then one comes by way of a copy.
-ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
+// mq_receive requires a buffer of the queue's message size; a shorter one is filled through a
+// temporary buffer.
+ssize_t receive_truncated(MSG_Q_ID q, void* buf, size_t maxLen)
 {
     struct mq_attr attr;
     if (mq_getattr(q, &attr) != 0)
         return -1;
     const size_t size = static_cast<size_t>(attr.mq_msgsize);
-    char usual[kUsualMessage]; // messages of ordinary queues cost no memory
-    znc::MallocPtr<char[]> large;
-    if (size > sizeof usual && !(large = znc::malloc_array<char>(size)))
+    char stackBuffer[kUsualMessageSize]; // no allocation for ordinary message sizes
+    znc::MallocPtr<char[]> heapBuffer;
+    if (size > sizeof stackBuffer && !(heapBuffer = znc::malloc_array<char>(size)))
         return -1;
-    char* const whole = large ? large.get() : usual;
+    char* const whole = heapBuffer ? heapBuffer.get() : stackBuffer;
     const ssize_t got = mq_receive(q, whole, size, nullptr);
     if (got <= 0)
         return got;
@@ -259,16 +263,16 @@ ssize_t receive_cut(MSG_Q_ID q, void* buf, size_t maxLen)
 ssize_t receive_once(MSG_Q_ID q, void* buf, size_t maxLen)
 {
     if (buf == nullptr)
-        return receive_cut(q, nullptr, 0);
+        return receive_truncated(q, nullptr, 0);
     const ssize_t got = mq_receive(q, static_cast<char*>(buf), maxLen, nullptr);
-    return got < 0 && errno == EMSGSIZE ? receive_cut(q, buf, maxLen) : got;
+    return got < 0 && errno == EMSGSIZE ? receive_truncated(q, buf, maxLen) : got;
 }
 
 } // namespace
 
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode)
 {
-    static_cast<void>(options); // receivers are served as the kernel serves them
+    static_cast<void>(options); // the kernel decides the order of receivers
     if (name == nullptr || (mode != ZN_MSG_Q_OPEN_EXISTING && mode != ZN_MSG_Q_CREATE_EXCLUSIVE)) {
         errno = EINVAL;
         return ZN_MSG_Q_INVALID;
@@ -315,9 +319,9 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
 
 STATUS znMsgQClose(MSG_Q_ID q)
 {
-    if (q == firstMade)
-        firstMade = ZN_MSG_Q_INVALID;
-    return close(q) == 0 ? OK : ERROR; // what mq_close does; a race detector follows only this
+    if (q == firstCreated)
+        firstCreated = ZN_MSG_Q_INVALID;
+    return close(q) == 0 ? OK : ERROR; // as mq_close does; ThreadSanitizer intercepts only close()
 }
 
 STATUS znMsgQUnlink(const char* name)
@@ -342,7 +346,7 @@ STATUS znMsgQLimitsRaise(size_t maxMsgs, size_t maxMsgLen)
     }
     raise_setting(kMsgMax, static_cast<long>(maxMsgs));
 
-    // Only making one shows whether the limits let it pass: a privileged caller may exceed them.
+    // Only creating a queue shows whether the limits suffice: a privileged caller may exceed them.
     char name[64];
     snprintf(name, sizeof name, ZN_MSG_Q_PROBE_FORMAT, static_cast<long>(getpid()),
              static_cast<unsigned long>(zn::now_ns()));
@@ -360,10 +364,10 @@ const char* znMsgQLimitHint(int errorNumber)
 {
     switch (errorNumber) {
     case EMFILE:
-        return "the queue memory of this user is used up: remove queues that nobody uses, or raise "
+        return "the queue memory of this user is used up: remove unused queues, or raise "
                "the limit RLIMIT_MSGQUEUE (ulimit -q; LimitMSGQUEUE= in a systemd unit)";
     case ENOSPC:
-        return "there are as many queues as the system allows: remove those that nobody uses, or "
+        return "the number of queues has reached the limit of the system: remove unused queues, or "
                "raise the kernel setting fs.mqueue.queues_max";
     default:
         return "raise the kernel setting fs.mqueue.msg_max (sysctl -w fs.mqueue.msg_max=32)";

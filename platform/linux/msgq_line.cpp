@@ -12,9 +12,9 @@
 namespace zn {
 namespace {
 
-constexpr key_t kLineKey = 0x7a6e0000; // and the user's number
-constexpr unsigned short kHead = 0;    // 1 while somebody is at the head
-constexpr unsigned short kFirst = 1;   // how many go before the head
+constexpr key_t kLineKey = 0x7a6e0000; // plus the user id
+constexpr unsigned short kHead = 0;    // 1 while a task is at the head
+constexpr unsigned short kFirst = 1;   // number of tasks that precede the head
 constexpr int kCounters = 2;
 constexpr int kJoinTries = 8;
 
@@ -23,17 +23,17 @@ union SemArg {
     struct semid_ds* buf;
 };
 
-// Anybody can make a set of this number: another user's is not to be waited in. Who made it counts
-// as well as whose it is: its maker may give it to somebody else and change it all the same.
+// Any user can create a set with this key, so both owner and creator must be this user: a creator
+// can give its set to another user and still modify it.
 int find_line(int flags) noexcept
 {
     const auto key = static_cast<key_t>(static_cast<unsigned>(kLineKey) + geteuid());
     const int line = semget(key, kCounters, flags | 0600);
-    struct semid_ds about = {};
-    if (line < 0 || semctl(line, 0, IPC_STAT, SemArg{.buf = &about}) != 0)
+    struct semid_ds info = {};
+    if (line < 0 || semctl(line, 0, IPC_STAT, SemArg{.buf = &info}) != 0)
         return -1;
-    const bool own = about.sem_perm.uid == geteuid() && about.sem_perm.cuid == geteuid();
-    return own && about.sem_nsems == kCounters ? line : -1;
+    const bool own = info.sem_perm.uid == geteuid() && info.sem_perm.cuid == geteuid();
+    return own && info.sem_nsems == kCounters ? line : -1;
 }
 
 bool is_empty(int line) noexcept
@@ -41,7 +41,7 @@ bool is_empty(int line) noexcept
     return semctl(line, kHead, GETVAL) == 0 && semctl(line, kFirst, GETVAL) == 0;
 }
 
-// False with errno: EAGAIN when time is over, EIDRM or EINVAL when the set is gone.
+// False with errno: EAGAIN at the deadline, EIDRM or EINVAL if the set was removed.
 bool operate(int line, std::span<struct sembuf> steps, std::int64_t deadline) noexcept
 {
     for (;;) {
@@ -54,8 +54,8 @@ bool operate(int line, std::span<struct sembuf> steps, std::int64_t deadline) no
     }
 }
 
-// The last one to leave takes the line away. Who comes in just then finds no set and starts anew;
-// at worst two are at the head for once.
+// The last task to leave removes the set. A task that joins at that moment finds no set and creates
+// a new one; in the worst case two tasks are at the head at the same time, once.
 void leave(int line, unsigned short counter) noexcept
 {
     struct sembuf minus = {counter, -1, SEM_UNDO | IPC_NOWAIT};
@@ -73,7 +73,7 @@ bool queue_line_is_taken() noexcept
         return false;
     if (!is_empty(line))
         return true;
-    semctl(line, 0, IPC_RMID); // its last one was killed
+    semctl(line, 0, IPC_RMID); // the last task in it was killed
     return false;
 }
 
@@ -113,9 +113,9 @@ void QueueLinePlace::wait_turn(std::int64_t deadline) noexcept
     const znc::ErrnoSaver keep;
     if (line_ < 0 && !join(deadline))
         return;
-    struct sembuf none_before[] = {{kFirst, 0, 0}};
+    struct sembuf noneFirst[] = {{kFirst, 0, 0}};
     if (!hasQueue_)
-        operate(line_, none_before, deadline);
+        operate(line_, noneFirst, deadline);
 }
 
 } // namespace zn

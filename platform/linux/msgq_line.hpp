@@ -1,14 +1,14 @@
-// msgq_line.hpp - the line of tasks that wait until queue memory, or the number of queues, lets
-// them make one: first come, first served. Used by msgq.cpp.
+// msgq_line.hpp - the line of tasks that wait to create a queue while queue memory or the number of
+// queues is exhausted; first come, first served. Used by msgq.cpp.
 //
-// The line is a System V semaphore set of this user in the queues' own IPC namespace: the kernel
-// keeps the order and takes a task that dies out of it. The set is there only while somebody waits.
-// Where it cannot be had, nobody waits in a line, and order is left to chance.
+// The line is a System V semaphore set of this user in the IPC namespace of the queues: the kernel
+// keeps the order and removes tasks that die. The set exists only while a task waits. If it cannot
+// be created, callers do not wait in line and are served in no particular order.
 //
-// Why a line and not tries at random: a call needs two queues, and the kernel says only that memory
-// is used up, not when it becomes free. When hundreds of clients call at once, some that hold one
-// queue hold all memory between them and each waits for its second one until it gives up. With the
-// line, whoever has a queue already is served first, so that calls end and free what they hold.
+// Why retrying at random intervals is not enough: a call needs two queues, and the kernel does not
+// report when queue memory becomes free. If many clients call at once, clients that have one queue
+// can hold all the memory, each waiting for its second queue until it gives up. With the line,
+// tasks that have a queue are served first, so that their calls finish and release their queues.
 #ifndef ZN_LINUX_MSGQ_LINE_HPP
 #define ZN_LINUX_MSGQ_LINE_HPP
 
@@ -16,12 +16,12 @@
 
 namespace zn {
 
-// Whether others wait. Does not change errno.
+// Whether other tasks wait in line. Preserves errno.
 bool queue_line_is_taken() noexcept;
 
-// The calling task's place in the line, which keeps it from being deleted there. A task that has a
-// queue already goes before all that have none: were it not so, queues whose owners wait for a
-// second one could come to hold all memory.
+// The calling task's place in the line; the task cannot be deleted while it exists. A task that has
+// a queue precedes all tasks that have none, so that tasks waiting for their second queue cannot
+// hold all the memory.
 class QueueLinePlace {
   public:
     explicit QueueLinePlace(bool hasQueue) noexcept;
@@ -29,15 +29,15 @@ class QueueLinePlace {
     QueueLinePlace(const QueueLinePlace&) = delete;
     QueueLinePlace& operator=(const QueueLinePlace&) = delete;
 
-    // Waits until it is this task's turn to try, the first time and again, but not beyond
-    // `deadline`.
+    // Waits until this task may attempt to create its queue, at most until `deadline`. May be
+    // called again after a failed attempt.
     void wait_turn(std::int64_t deadline) noexcept;
 
   private:
     bool join(std::int64_t deadline) noexcept;
 
     bool hasQueue_;
-    int line_ = -1; // the set this place is counted in
+    int line_ = -1; // the semaphore set that counts this place
 };
 
 } // namespace zn

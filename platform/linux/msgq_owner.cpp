@@ -1,6 +1,7 @@
 #include "msgq_owner.hpp"
 
 #include "base/owned.hpp"
+#include "clock.hpp"
 #include "zarnel/msgq.h"
 
 #include <cstdio>
@@ -15,16 +16,18 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
-constexpr int kLookFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+constexpr mode_t kGroupAndOthers = S_IRWXG | S_IRWXO;
+constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+constexpr int kChecks = 10;
+constexpr std::int64_t kCheckPauseNs = 1000000;
 
-// Another handle of the same queue. A lock that is tried on the handle itself would replace the
-// maker's own lock where the caller is the maker.
-UniqueFd handle_of_its_own(int q) noexcept
+// A second open file description of the same queue. Locking `q` itself would convert the creator's
+// lock if the caller is the creator.
+UniqueFd reopen_queue(int q) noexcept
 {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/self/fd/%d", q);
-    return UniqueFd(::open(path, kLookFlags));
+    return UniqueFd(::open(path, kOpenFlags));
 }
 
 bool lock(int q, int operation) noexcept
@@ -53,7 +56,7 @@ bool queue_is_private(int q) noexcept
     if (::fstat(q, &st) != 0)
         return false;
     errno = EACCES;
-    return st.st_uid == ::geteuid() && (st.st_mode & kOthers) == 0;
+    return st.st_uid == ::geteuid() && (st.st_mode & kGroupAndOthers) == 0;
 }
 
 bool queue_is_abandoned(int q) noexcept
@@ -62,19 +65,20 @@ bool queue_is_abandoned(int q) noexcept
     struct stat st;
     if (::fstat(q, &st) == 0 && st.st_nlink == 0)
         return true;
-    const UniqueFd mine = handle_of_its_own(q);
-    return mine && lock(mine.get(), LOCK_EX | LOCK_NB); // given back with the handle
+    const UniqueFd reopened = reopen_queue(q);
+    return reopened &&
+           lock(reopened.get(), LOCK_EX | LOCK_NB); // released when the handle is closed
 }
 
 bool queue_remove_foreign(const char* name) noexcept
 {
-    const UniqueFd queue(mq_open(name, kLookFlags));
+    const UniqueFd queue(mq_open(name, kOpenFlags));
     if (!queue && errno == ENOENT)
         return true;
     struct stat st;
     if (queue && ::fstat(queue.get(), &st) != 0)
         return false;
-    // One that cannot be opened is another user's: this user's own are open to it.
+    // A queue that cannot be opened is another user's: this user's own can be opened.
     if (queue && st.st_uid == ::geteuid()) {
         errno = EEXIST;
         return false;
@@ -83,6 +87,25 @@ bool queue_remove_foreign(const char* name) noexcept
 }
 
 } // namespace zn
+
+// The creator of a queue holds a shared lock permanently. A process that checks for the creator
+// (queue_is_abandoned) holds an exclusive lock for a moment, which it gets only if there is no
+// creator. So if a shared lock cannot be taken, the queue is abandoned.
+BOOL znMsgQInUse(const char* name)
+{
+    const znc::ErrnoSaver keep;
+    const znc::UniqueFd queue(znMsgQOpen(name, 0, 0, ZN_MSG_Q_FIFO, ZN_MSG_Q_OPEN_EXISTING));
+    if (!queue)
+        return FALSE;
+    for (int n = 0; n < zn::kChecks; ++n) {
+        if (zn::lock(queue.get(), LOCK_EX | LOCK_NB) || !zn::lock(queue.get(), LOCK_SH | LOCK_NB))
+            return FALSE;
+        zn::lock(queue.get(), LOCK_UN);
+        const timespec pause = zn::to_timespec(zn::kCheckPauseNs);
+        ::nanosleep(&pause, nullptr);
+    }
+    return TRUE;
+}
 
 STATUS znMsgQDiscard(const char* name)
 {
@@ -94,7 +117,7 @@ STATUS znMsgQDiscard(const char* name)
         return OK;
     if (errno != EEXIST)
         return ERROR;
-    const znc::UniqueFd queue(mq_open(name, zn::kLookFlags));
+    const znc::UniqueFd queue(mq_open(name, zn::kOpenFlags));
     if (queue && !zn::queue_is_abandoned(queue.get())) {
         errno = EBUSY;
         return ERROR;

@@ -1,5 +1,6 @@
-// msgq_probe.hpp - the name of the queue that is made to see whether the limits allow one: the
-// maker's process id and a number. Used where it is made and where those of dead processes go.
+// msgq_probe.hpp - the name of the temporary queue that is created to check the limits: the
+// creator's process id and a number. Shared by the code that creates it and the code that removes
+// those of dead processes.
 #ifndef ZN_MSGQ_PROBE_HPP
 #define ZN_MSGQ_PROBE_HPP
 

@@ -1,5 +1,5 @@
-// msgq_reclaim.cpp - queues that dead processes left. Only a mount of the queue file system shows
-// their names; it is made for the moment and attached nowhere, so that nobody else sees it.
+// msgq_reclaim.cpp - removes queues left by processes that ended. Queues can be listed only through
+// a mount of the mqueue file system; a detached one is used, which no other process can see.
 #include "zarnel/msgq.h"
 
 #include "msgq_probe.hpp"
@@ -34,11 +34,11 @@ znc::UniqueDir queue_directory()
     UniqueFd list(::openat(mount.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     znc::UniqueDir dir(list ? ::fdopendir(list.get()) : nullptr);
     if (dir)
-        static_cast<void>(list.release()); // the directory's now
+        static_cast<void>(list.release()); // now owned by `dir`
     return dir;
 }
 
-// A zombie has ended, too: its parent may take its time.
+// True also for a zombie, whose parent may take long to reap it.
 bool process_gone(long pid)
 {
     if (pid <= 0 || pid > INT32_MAX)
@@ -47,8 +47,8 @@ bool process_gone(long pid)
     return process ? process_ended(process.get(), 0) : errno == ESRCH;
 }
 
-// The process alone is not enough: a client in a process namespace of its own is known by another
-// number there. The lock alone would do for queues that were made here.
+// Checking the process alone is not enough: a client in another PID namespace has another process
+// id there. The lock alone would be enough only for queues created by this library.
 bool reclaim(const char* name, long maker)
 {
     if (!process_gone(maker))

@@ -1,8 +1,9 @@
 // mutex.cpp - mutual-exclusion semaphores over priority-inheriting recursive pthread mutexes. Owner
-// and depth are kept beside the mutex, so that a give or delete by a stranger is refused without
-// touching it.
+// and depth are stored next to the pthread mutex, so that a give or delete by another task fails
+// without touching it.
 #include "zarnel/mutex.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "clock.hpp"
 #include "zarnel/msgq.h"
@@ -14,8 +15,8 @@
 
 struct znMutex {
     pthread_mutex_t mutex;
-    std::atomic<const void*> owner; // a task compares it with its own identity only
-    unsigned depth;                 // the owner's alone
+    std::atomic<const void*> owner; // compared only with the caller's own identity
+    unsigned depth;                 // accessed by the owner only
 };
 
 namespace {
@@ -23,8 +24,7 @@ namespace {
 constexpr int kOptions = ZN_SEM_Q_PRIORITY | ZN_SEM_DELETE_SAFE | ZN_SEM_INVERSION_SAFE;
 constexpr std::int64_t kRetryNs = 1000000;
 
-// ThreadSanitizer does not know pthread_mutex_clocklock and would see neither the lock nor its
-// order.
+// ThreadSanitizer does not know pthread_mutex_clocklock and would not see that the mutex is locked.
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
 #define ZN_THREAD_SANITIZER
@@ -45,12 +45,6 @@ bool is_owner(SEM_ID mutex)
     return mutex->owner.load(std::memory_order_relaxed) == &identity;
 }
 
-STATUS fail(int err)
-{
-    errno = err;
-    return ERROR;
-}
-
 int init_mutex(pthread_mutex_t* mutex)
 {
     pthread_mutexattr_t attr;
@@ -66,8 +60,8 @@ int init_mutex(pthread_mutex_t* mutex)
     return err;
 }
 
-// Kernels before 5.14 wait for a priority-inheriting lock on the wall clock only and refuse the
-// monotonic one with EINVAL; there the lock is asked for again and again.
+// Before Linux 5.14 a priority-inheriting lock can be waited for on the wall clock only, and the
+// monotonic clock is refused with EINVAL. There, pthread_mutex_trylock is polled.
 int lock_by_retrying(pthread_mutex_t* mutex, std::int64_t deadline)
 {
     for (;;) {
@@ -125,12 +119,12 @@ SEM_ID znMutexCreate(int options)
 STATUS znMutexTake(SEM_ID mutex, int timeout)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     znTaskSafe();
     const int err = lock(&mutex->mutex, timeout);
     if (err != 0) {
         znTaskUnsafe();
-        return fail(err);
+        return znc::fail(err);
     }
     mutex->owner.store(&identity, std::memory_order_relaxed);
     ++mutex->depth;
@@ -140,9 +134,9 @@ STATUS znMutexTake(SEM_ID mutex, int timeout)
 STATUS znMutexGive(SEM_ID mutex)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     if (!is_owner(mutex))
-        return fail(EPERM);
+        return znc::fail(EPERM);
     give_owned(mutex);
     return OK;
 }
@@ -150,19 +144,19 @@ STATUS znMutexGive(SEM_ID mutex)
 STATUS znMutexDelete(SEM_ID mutex)
 {
     if (mutex == nullptr)
-        return fail(EINVAL);
+        return znc::fail(EINVAL);
     if (is_owner(mutex)) {
         for (unsigned n = mutex->depth; n > 0; --n)
             give_owned(mutex);
     } else {
         const int err = pthread_mutex_trylock(&mutex->mutex);
         if (err != 0)
-            return fail(err);
+            return znc::fail(err);
         pthread_mutex_unlock(&mutex->mutex);
     }
     const int err = pthread_mutex_destroy(&mutex->mutex);
     if (err != 0)
-        return fail(err);
+        return znc::fail(err);
     const znc::MallocPtr<znMutex> memory(mutex);
     return OK;
 }

@@ -1,8 +1,9 @@
 #include "zarnel/ns.h"
 
+#include "base/file.hpp"
 #include "keeper_link.hpp"
-#include "mount_plan.hpp"
 #include "ns_entry.hpp"
+#include "ns_mount.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
 #include "pidfd.hpp"
@@ -11,68 +12,52 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/mount.h>
 #include <new>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/random.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 namespace zn {
 namespace {
 
-using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr int kReapMilliseconds = 20;               // what ends later is reaped later
-constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // for the programs of one namespace to die
-constexpr std::int64_t kKillAllNs = kNsPerSec;      // for those of all namespaces together
-constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // for the keepers of all namespaces together
-constexpr std::int64_t kRecoverNs = kNsPerSec;      // for those of a dead owner together
+constexpr int kReapMilliseconds = 20;               // keepers that end later are reaped later
+constexpr std::int64_t kEndNs = 2 * kNsPerSec;      // until the programs of one namespace are dead
+constexpr std::int64_t kKillAllNs = kNsPerSec;      // until those of all namespaces are dead
+constexpr std::int64_t kShutdownNs = 2 * kNsPerSec; // until all keepers have ended
 constexpr std::size_t kBuckets = 256;
-
-// One mount that znnsMount made, newest first.
-struct MountEntry {
-    MountEntry* next;
-    std::uint64_t id;
-    char destination[kRootPathMax];
-};
 
 struct Namespace {
     Namespace* next = nullptr;
     nsid_t id = -1;
     Keeper keeper;
     AwaitedEntry entry;
-    bool recorded = false;   // the record of this id is its own
-    bool ownsDevice = false; // the root is the container's own overlay device
+    bool recorded = false;   // this namespace has written its record
+    bool ownsDevice = false; // the root is the container's writable overlay device
     char root[kRootPathMax] = {};
-    MountEntry* mounts = nullptr;
+    NamespaceMounts mounts;
 };
 
 struct DestroyNamespace {
     void operator()(Namespace* ns) const noexcept
     {
         const znc::ErrnoSaver keep;
-        while (ns->mounts != nullptr) {
-            const MallocPtr<MountEntry> entry(ns->mounts);
-            ns->mounts = entry->next;
-        }
         ns->~Namespace();
         ::free(ns);
     }
 };
 using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 
-// The namespaces of this process, and those whose keeper is dead and waits to be reaped. One lock
-// for both; a call holds it while it talks to a keeper, which is bounded.
+// The namespaces of this process, and those that have been deleted but whose keeper is not reaped
+// yet. One lock protects both. It is held during requests to keepers, which have a timeout.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-Namespace* g_namespaces[kBuckets] = {}; // by id: a new one is compared with all of its bucket
+Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
 std::int64_t g_killDeadline =
-    0; // by when everything killed by znnsKillAll is to be dead; 0: not yet
+    0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
 void reap_dying()
 {
@@ -118,7 +103,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// Undoing something in a namespace whose keeper is dead: it is undone already.
+// If the keeper is dead (ESRCH), the operation is already undone.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -132,7 +117,7 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// One of this id may be another owner's.
+// A record of this id may belong to another owner.
 void remove_record(Namespace& ns)
 {
     if (ns.recorded)
@@ -140,7 +125,7 @@ void remove_record(Namespace& ns)
     ns.recorded = false;
 }
 
-// Takes the namespace at `link` off the list and ends it.
+// Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
     const znc::ErrnoSaver keep;
@@ -172,31 +157,6 @@ NamespacePtr namespace_new()
     return NamespacePtr(memory != nullptr ? new (memory) Namespace : nullptr);
 }
 
-// A copy of the tree at `path`, attached nowhere, with the given attributes. `path` is resolved
-// here, once.
-UniqueFd detached_tree(const char* path, const MountPlan& plan)
-{
-    const unsigned recursive = plan.recursive ? AT_RECURSIVE : 0;
-    UniqueFd tree(static_cast<int>(
-        ::syscall(SYS_open_tree, AT_FDCWD, path, OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | recursive)));
-    if (!tree)
-        return tree;
-    mount_attr attr = {};
-    attr.attr_set = plan.attrSet;
-    attr.attr_clr = plan.attrClear;
-    attr.propagation = plan.propagation;
-    if (::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH | recursive, &attr,
-                  sizeof attr) != 0)
-        return UniqueFd();
-    return tree;
-}
-
-bool is_directory(int fd)
-{
-    struct stat st;
-    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 bool is_own_device(const char* rootPath, const char* name)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
@@ -212,7 +172,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     const UniqueFd tree = detached_tree(rootPath, plan);
     if (!tree)
         return errno;
-    if (!is_directory(tree.get()))
+    if (!znc::is_directory(tree.get()))
         return ENOTDIR;
     wire::Request request = {};
     request.op = wire::Op::kRoot;
@@ -231,115 +191,12 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     return 0;
 }
 
-// The texts of a request, one after the other.
-class TextBuffer {
-  public:
-    bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
-    bool add(std::span<const char> text, unsigned count)
-    {
-        if (text.size() > sizeof text_ - len_)
-            return false;
-        std::memcpy(text_ + len_, text.data(), text.size());
-        len_ += text.size();
-        count_ += count;
-        return true;
-    }
-    int send(Keeper& keeper, wire::Request& request, int descriptor, std::uint64_t* value)
-    {
-        request.textLen = static_cast<std::uint32_t>(len_);
-        request.textCount = count_;
-        return keeper.ask(request, {text_, len_}, descriptor, value);
-    }
-
-  private:
-    char text_[4096];
-    std::size_t len_ = 0;
-    unsigned count_ = 0;
-};
-
-int mount_tree(Namespace& ns, const char* source, const char* destination, const MountPlan& plan,
-               std::uint64_t* id)
-{
-    // A relative one would be looked up from wherever the daemon happened to be started.
-    if (source == nullptr || *source != '/')
-        return EINVAL;
-    const UniqueFd tree = detached_tree(source, plan);
-    if (!tree)
-        return errno;
-    wire::Request request = {};
-    request.op = wire::Op::kMountTree;
-    request.isDirectory = is_directory(tree.get());
-    TextBuffer text;
-    if (!text.add(destination))
-        return ENAMETOOLONG;
-    return text.send(ns.keeper, request, tree.get(), id);
-}
-
-int mount_fs(Namespace& ns, const char* destination, const MountPlan& plan, std::uint64_t* id)
-{
-    wire::Request request = {};
-    request.op = wire::Op::kMountFs;
-    request.attributes = plan.attrSet;
-    TextBuffer text;
-    if (!text.add(destination) || !text.add(plan.type) ||
-        !text.add({plan.options, plan.optionsLen}, plan.optionCount))
-        return ENAMETOOLONG;
-    return text.send(ns.keeper, request, -1, id);
-}
-
-bool names_nothing(const char* destination)
+bool is_empty(const char* destination)
 {
     return destination == nullptr || *destination == '\0';
 }
 
-int mount_one(Namespace& ns, const char* source, const char* destination, const char* type,
-              const char* const* options)
-{
-    if (ns.root[0] == '\0') // the keeper still sees the host's tree
-        return EINVAL;
-    if (std::strlen(destination) >= kRootPathMax)
-        return ENAMETOOLONG;
-    MallocPtr<MountEntry> entry = znc::malloc_zeroed<MountEntry>();
-    if (!entry)
-        return ENOMEM;
-    std::strcpy(entry->destination, destination);
-    MountPlan plan;
-    struct stat st;
-    // A relative source is nothing to look up, but one to refuse if it should be bound.
-    const bool exists =
-        source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
-    int error = mount_plan_make(type, options, exists, plan);
-    if (error == 0)
-        error = plan.bind ? mount_tree(ns, source, destination, plan, &entry->id)
-                          : mount_fs(ns, destination, plan, &entry->id);
-    if (error != 0)
-        return error;
-    entry->next = ns.mounts;
-    ns.mounts = entry.release();
-    return 0;
-}
-
-int unmount_one(Namespace& ns, const char* destination)
-{
-    MountEntry** at = &ns.mounts;
-    while (*at != nullptr && std::strcmp((*at)->destination, destination) != 0)
-        at = &(*at)->next;
-    if (*at == nullptr)
-        return EINVAL;
-    wire::Request request = {};
-    request.op = wire::Op::kUnmount;
-    request.value = (*at)->id;
-    TextBuffer text;
-    const int error =
-        text.add(destination) ? text.send(ns.keeper, request, -1, nullptr) : ENAMETOOLONG;
-    if (error != 0 && error != ESRCH)
-        return error;
-    const MallocPtr<MountEntry> done(*at);
-    *at = done->next;
-    return error;
-}
-
-// Whether two processes are of one process namespace.
+// Whether two processes are in the same PID namespace.
 bool same_pid_namespace(pid_t one, pid_t other)
 {
     char path[64];
@@ -352,41 +209,6 @@ bool same_pid_namespace(pid_t one, pid_t other)
     return ::stat(path, &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev;
 }
 
-int milliseconds_until(std::int64_t deadline)
-{
-    const std::int64_t left = (deadline - now_ns()) / 1000000;
-    return left > 0 ? static_cast<int>(left) : 0;
-}
-
-void kill_recorded(nsid_t id, void* /*context*/)
-{
-    NsRecord record;
-    const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
-    if (keeper)
-        process_signal(keeper.get(), SIGKILL);
-}
-
-struct Recovery {
-    std::int64_t deadline;
-    int left;
-};
-
-// The keeper was killed, and so is everything in its namespace. It may still be waiting for a
-// client to reap its program, and need not be waited for.
-void forget_recorded(nsid_t id, void* context)
-{
-    auto* recovery = static_cast<Recovery*>(context);
-    NsRecord record;
-    const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
-    if (!keeper && !ns_record_is_void(errno)) {
-        recovery->left++;
-        return; // for the next one to try
-    }
-    if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
-        recovery->left++;
-    ns_record_remove(id);
-}
-
 } // namespace
 } // namespace zn
 
@@ -395,7 +217,7 @@ using namespace zn;
 nsid_t znnsCreate(int /*flags*/)
 {
     const Locked lock;
-    reap_dying(); // what they hold may be what the new one needs
+    reap_dying(); // releases resources that the new namespace may need
     NamespacePtr ns = namespace_new();
     if (!ns)
         return -1;
@@ -403,7 +225,7 @@ nsid_t znnsCreate(int /*flags*/)
     if (ns->id < 0 || !ns->keeper.start())
         return -1;
     const nsid_t id = ns->id;
-    *find_link(id) = ns.release(); // behind the last one of its bucket
+    *find_link(id) = ns.release(); // appended to its bucket
     return id;
 }
 
@@ -422,7 +244,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
         overlay_device_keep(rootPath);
         error = make_root(*ns, rootPath, name);
     }
-    // Without its root the namespace is of no use, and the caller would not come back for it.
+    // Without a root the namespace is useless, and the caller will not delete it.
     if (error != 0)
         end_namespace(find_link(id));
     return result(error);
@@ -431,21 +253,25 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
                  const char* type, const char* const* options)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
-    return ns == nullptr ? ERROR : result(mount_one(*ns, source, destination, type, options));
+    if (ns == nullptr)
+        return ERROR;
+    if (ns->root[0] == '\0') // the keeper still sees the host's tree
+        return result(EINVAL);
+    return result(ns->mounts.mount(ns->keeper, source, destination, type, options));
 }
 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
                   const char* destination, const char* /*type*/, const char* const* /*options*/)
 {
-    if (names_nothing(destination))
+    if (is_empty(destination))
         return OK;
     const Locked lock;
     Namespace* ns = find(id);
-    return ns == nullptr ? ERROR : undo_result(unmount_one(*ns, destination));
+    return ns == nullptr ? ERROR : undo_result(ns->mounts.unmount(ns->keeper, destination));
 }
 
 STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name*/)
@@ -490,7 +316,8 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
-    // The descriptor first, then who it is: afterwards the id cannot come to mean somebody else.
+    // Open the pidfd first, then check the namespace by id. If the id is reused in between, the
+    // signal through the pidfd fails with ESRCH.
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))
@@ -533,15 +360,6 @@ STATUS znnsUrgentAllow(nsid_t id, BOOL allowed)
     const Locked lock;
     const Grant grant = allowed != FALSE ? Grant::kUrgent : Grant::kNone;
     return find(id) != nullptr && ns_record_mark(id, grant) == 0 ? OK : ERROR;
-}
-
-int znnsRecover(void)
-{
-    // All are killed before any is waited for: together they take as long as the slowest.
-    static_cast<void>(ns_record_each(kill_recorded, nullptr));
-    Recovery recovery = {now_ns() + kRecoverNs, 0};
-    ns_record_clear_unfinished();
-    return ns_record_each(forget_recorded, &recovery) ? recovery.left : recovery.left + 1;
 }
 
 void znnsKillAll(void)

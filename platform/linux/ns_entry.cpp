@@ -21,7 +21,7 @@ int AwaitedEntry::begin(nsid_t ns, pid_t caller)
     if (ns_record_mark(ns, Entry::kAwaited) != 0)
         return -1;
     until_ = now_ns() + kAwaitedNs;
-    // A number of another process namespace means nobody here.
+    // A process id from another PID namespace may not exist here.
     caller_ = caller > 0 && process_open(caller) ? caller : 0;
     return 0;
 }
@@ -30,8 +30,8 @@ bool AwaitedEntry::is_open(nsid_t ns)
 {
     if (until_ == 0)
         return false;
-    // The caller first: what the record says afterwards is all that it will ever say of a caller
-    // that is gone. One that went in the middle of a spawn may leave a program behind.
+    // Check the caller before reading the record: if the caller has ended, the record is final. If
+    // it ended during a spawn (kEntering), a program may still be started.
     const bool gone = caller_ != 0 && has_ended(caller_);
     NsRecord record;
     const bool open =

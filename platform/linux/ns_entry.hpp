@@ -1,6 +1,6 @@
-// ns_entry.hpp - a namespace that was handed out to be entered: while its first process is awaited
-// it counts as in use although nobody lives in it yet. Used by the namespace service; what happened
-// in another process is read from the namespace's record.
+// ns_entry.hpp - a namespace into which a client is expected to spawn counts as in use although no
+// process is in it yet. Used by the namespace service. The progress of the client is read from the
+// namespace's record.
 #ifndef ZN_NS_ENTRY_HPP
 #define ZN_NS_ENTRY_HPP
 
@@ -13,15 +13,16 @@ namespace zn {
 
 class AwaitedEntry {
   public:
-    // `caller` is going to spawn into the namespace; 0 if it is not known. 0, or -1 with errno set.
+    // The process `caller` (0: unknown) is going to spawn into the namespace. 0, or -1 with errno
+    // set.
     int begin(nsid_t ns, pid_t caller);
 
-    // Whether the spawn has neither succeeded nor failed yet. No longer after two seconds, nor when
-    // the caller ended before it began.
+    // Whether the spawn is still expected or in progress. False once it has succeeded or failed,
+    // after two seconds, or if the caller ended before it began.
     bool is_open(nsid_t ns);
 
   private:
-    std::int64_t until_ = 0; // 0: nobody is awaited
+    std::int64_t until_ = 0; // 0: no spawn is expected
     pid_t caller_ = 0;
 };
 

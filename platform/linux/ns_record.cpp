@@ -17,20 +17,21 @@ namespace {
 using znc::UniqueFd;
 
 constexpr char kRecordDir[] = ZN_RUNTIME_DIR "/ns";
-constexpr char kUnfinished[] = ".new-"; // and the namespace's id, which no record begins with
+constexpr char kUnfinished[] =
+    ".new-"; // followed by the namespace's id; names of records do not begin like this
 
 void record_path(nsid_t ns, char (&path)[64])
 {
     std::snprintf(path, sizeof path, "%s/%d", kRecordDir, ns);
 }
 
-// What is no file must not keep the caller waiting, nor lead elsewhere.
+// Must neither block on a FIFO nor follow a symbolic link.
 UniqueFd open_small(const char* path, int access)
 {
     return UniqueFd(::open(path, access | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Reads a small file whole; returns its length or -1.
+// Reads a small file; returns its length or -1.
 ssize_t read_small(const UniqueFd& file, char* buf, std::size_t size)
 {
     if (!file)
@@ -50,11 +51,11 @@ ssize_t read_small(const UniqueFd& file, char* buf, std::size_t size)
 
 constexpr char kFirstLine[] = "%d %llu %c%c";
 constexpr std::size_t kTextMax = kRootPathMax + 64;
-// Where the two values stand that change: at the end of the first line.
+// Positions of the two variable characters, counted from the end of the first line.
 constexpr std::ptrdiff_t kGrantBeforeEnd = 2;
 constexpr std::ptrdiff_t kEntryBeforeEnd = 1;
 
-// The record of a text, and where its first line ends; null with errno set.
+// Parses a record. Returns the end of the first line; null with errno set.
 const char* parse(const char* text, NsRecord& record)
 {
     const char* end = std::strchr(text, '\n');
@@ -108,7 +109,7 @@ unsigned long long process_start_time(pid_t pid)
     std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
     if (read_small(open_small(path, O_RDONLY), stat, sizeof stat) < 0)
         return 0;
-    // The name in field 2 may hold spaces and parentheses; field 22 is counted from its end.
+    // Field 2, the name, may contain spaces and parentheses; count to field 22 from the last ")".
     const char* at = std::strrchr(stat, ')');
     for (int field = 2; at != nullptr && field < 22; field++)
         at = std::strchr(at + 1, ' ');
@@ -120,8 +121,8 @@ unsigned long long process_start_time(pid_t pid)
     return value;
 }
 
-// Written beside and then linked to its name, so that a record is there whole or not at all, also
-// when the file system is full or the writer is killed.
+// Writes a temporary file and links it to its final name, so that a record is always complete, even
+// if the file system is full or the writer is killed.
 int ns_record_write(nsid_t ns, const NsRecord& record)
 {
     if (znMkdirParents(kRecordDir, 0700) != OK)
@@ -184,12 +185,12 @@ void ns_record_remove(nsid_t ns)
 
 UniqueFd ns_record_keeper(const NsRecord& record)
 {
-    // Once the descriptor is open it stands for one process for ever; the start time then tells
-    // whether that one is the keeper.
+    // The pidfd keeps referring to one process; the start time, read afterwards, tells whether this
+    // process is the keeper.
     UniqueFd pidfd = process_open(record.keeper);
     const unsigned long long startTime = pidfd ? process_start_time(record.keeper) : 0;
     if (startTime == 0) {
-        if (errno == ENOENT) // no such file for a process that is gone
+        if (errno == ENOENT) // /proc has no such directory: the process has ended
             errno = ESRCH;
         return UniqueFd();
     }

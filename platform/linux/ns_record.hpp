@@ -1,9 +1,9 @@
-// ns_record.hpp - what is written down about each rooted namespace, so that other processes can
-// join it by its id and a new owner can clear what a dead one left: one file per namespace in the
-// runtime directory.
+// ns_record.hpp - records of namespaces that have a root, so that other processes can join them by
+// id and a new owner can clean up after one that died: one file per namespace in the runtime
+// directory.
 //
-// Used by the namespace service, the spawner and the overlay devices. A record names its keeper by
-// process id and start time, so that it never leads to another process of the same id.
+// Used by the namespace service, the spawner and the overlay devices. A record identifies the
+// keeper by process id and start time, so that a reused process id is not mistaken for it.
 #ifndef ZN_NS_RECORD_HPP
 #define ZN_NS_RECORD_HPP
 
@@ -14,14 +14,14 @@ namespace zn {
 
 inline constexpr std::size_t kRootPathMax = 1024;
 
-// How far somebody is who was told to enter the namespace.
+// The progress of a client that is expected to spawn into the namespace.
 enum class Entry : char {
     kAwaited = 'a',
-    kEntering = 'e', // is spawning at this moment
-    kOver = 'o'      // has entered, or failed to
+    kEntering = 'e', // the spawn is in progress
+    kOver = 'o'      // the spawn has succeeded or failed
 };
 
-// What spawned programs may do there that others may not.
+// Extra permissions of programs spawned into the namespace.
 enum class Grant : char { kNone = '-', kUrgent = 'u' };
 
 struct NsRecord {
@@ -32,33 +32,33 @@ struct NsRecord {
     char root[kRootPathMax];
 };
 
-// The start time of a process, 0 with errno set when it is gone.
+// The start time of a process; 0 with errno set if it does not exist.
 unsigned long long process_start_time(pid_t pid);
 
-// 0, or -1 with errno set (EEXIST: the id is taken); there is no half-written record then.
+// Creates a record atomically. 0, or -1 with errno set (EEXIST: the id is in use) and no record.
 int ns_record_write(nsid_t ns, const NsRecord& record);
 
-// Removes what writers that were killed left. Nobody may be writing a record.
+// Removes incomplete files of writers that were killed. No record may be written at the same time.
 void ns_record_clear_unfinished();
 
 int ns_record_read(nsid_t ns, NsRecord& record);
 void ns_record_remove(nsid_t ns);
 
-// Change one value of a record in place. 0, or -1 with errno set.
+// Changes one value of a record in place. 0, or -1 with errno set.
 int ns_record_mark(nsid_t ns, Entry entry);
 int ns_record_mark(nsid_t ns, Grant grant);
 
-// A descriptor for the keeper of a record; invalid with errno set, ESRCH when it is gone.
+// Opens a pidfd of the keeper of a record; invalid with errno set, ESRCH if the keeper has ended.
 znc::UniqueFd ns_record_keeper(const NsRecord& record);
 
-// Whether reading a record or finding its keeper failed because there is none or it was never
-// complete, rather than for want of something.
+// Whether `error`, from reading a record or opening its keeper, means that the record does not
+// exist or is invalid or that the keeper has ended, as opposed to a lack of resources.
 bool ns_record_is_void(int error);
 
-// Calls `visit(ns, context)` for every record. False with errno set when they cannot be listed.
+// Calls `visit(ns, context)` for every record. False with errno set if they cannot be listed.
 bool ns_record_each(void (*visit)(nsid_t ns, void* context), void* context);
 
-// Whether a living namespace of any process has this root; yes if that cannot be told.
+// Whether a live namespace of any process has this root; true also if that cannot be determined.
 bool ns_record_rooted_on(const char* root);
 
 } // namespace zn

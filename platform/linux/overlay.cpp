@@ -1,13 +1,15 @@
-// Overlay devices are overlayfs mounts on directories of /overlay. What a read-only device shows is
-// written down in a file in the bare directory, below the mount: it is out of sight while the
-// device exists and there when a reboot has taken the mount away.
+// overlay.cpp - overlay devices: overlayfs mounts on the directories in /overlay. The layers of a
+// read-only device are recorded (overlay_stack.hpp), so that it can be mounted again after a
+// reboot.
 
 #include "zarnel/overlay.h"
 
+#include "base/file.hpp"
 #include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
 #include "overlay_mount.hpp"
+#include "overlay_stack.hpp"
 
 #include <climits>
 #include <cstdio>
@@ -25,31 +27,29 @@
 namespace zn {
 namespace {
 
-using znc::MallocPtr;
 using znc::UniqueFd;
 
-constexpr char kStackFile[] = ".zn-stack"; // the directories, each with its NUL, and one NUL more
-constexpr std::size_t kStackMax = 1024 * 1024;
-constexpr std::int64_t kTurnNs = 3 * kNsPerSec;
-constexpr std::int64_t kShortTurnNs = kNsPerSec / 20; // where it can be done later
+constexpr std::int64_t kLockTimeoutNs = 3 * kNsPerSec;
+constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // used if the work can be done later
 
-// The name below /overlay, or null for a path that is none of a device.
+// The name below /overlay, or null if the path is not that of a device.
 const char* device_name(const char* devName)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
     if (devName == nullptr || std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) != 0)
         return nullptr;
     const char* name = devName + prefix + 1;
-    const bool bad = *name == '\0' || std::strchr(name, '/') != nullptr ||
-                     std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-    return bad ? nullptr : name;
+    const bool invalid = *name == '\0' || std::strchr(name, '/') != nullptr ||
+                         std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+    return invalid ? nullptr : name;
 }
 
-// The directory of all devices, locked, so that one at a time makes or removes devices. A process
-// that is stopped while it has the lock must not stop the others: EBUSY in the end.
+// The directory of all devices, locked so that only one process at a time creates or removes
+// devices. The wait for the lock is limited (EBUSY), because the process that holds it may be
+// stopped.
 class Devices {
   public:
-    explicit Devices(std::int64_t wait = kTurnNs)
+    explicit Devices(std::int64_t wait = kLockTimeoutNs)
         : dir_(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
         const std::int64_t deadline = now_ns() + wait;
@@ -64,8 +64,8 @@ class Devices {
             ::nanosleep(&pause, nullptr);
         }
     }
-    // Closing alone would not give the lock back: a child that the calling process forked meanwhile
-    // has the same open file, for as long as it lives.
+    // Unlock explicitly: a child that the process has forked in the meantime shares the open file
+    // description, so closing alone would not release the lock.
     ~Devices()
     {
         const znc::ErrnoSaver keep;
@@ -84,7 +84,7 @@ class Devices {
 
 enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
 
-// What stands at `name`: a device is a directory that is the root of a mount.
+// What exists at `name`. A device is a directory that is a mount point.
 Node look(int devices, const char* name)
 {
     struct statx st = {};
@@ -103,13 +103,13 @@ Node look(int devices, const char* name)
     return fs.f_type == OVERLAYFS_SUPER_MAGIC ? Node::kWritable : Node::kForeign;
 }
 
-// Removes the bare directory of a device with its record.
+// Removes the unmounted directory of a device with its record.
 void remove_node(int devices, const char* name)
 {
     const znc::ErrnoSaver keep;
     const UniqueFd node(::openat(devices, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (node)
-        ::unlinkat(node.get(), kStackFile, 0);
+        stack_remove(node.get());
     ::unlinkat(devices, name, AT_REMOVEDIR);
 }
 
@@ -123,48 +123,9 @@ int detach(int devices, const char* name)
     return 0;
 }
 
-bool write_all(int file, const char* text, std::size_t len)
-{
-    const ssize_t n = ::write(file, text, len);
-    if (n >= 0 && n != static_cast<ssize_t>(len))
-        errno = ENOSPC;
-    return n == static_cast<ssize_t>(len);
-}
-
-bool write_stack(int node, const char* const* dirs, uint32_t count)
-{
-    const UniqueFd file(
-        ::openat(node, kStackFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    bool written = static_cast<bool>(file);
-    for (uint32_t i = 0; written && i < count; i++)
-        written = write_all(file.get(), dirs[i], std::strlen(dirs[i]) + 1);
-    // Without its end a record was cut off by a crash and shows too few layers.
-    return written && write_all(file.get(), "", 1);
-}
-
 UniqueFd open_node(int devices, const char* name)
 {
     return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-// The record's text; null with errno set, ENOENT when there is none or it has no end.
-MallocPtr<char[]> read_stack(int node, std::size_t& len)
-{
-    const UniqueFd file(::openat(node, kStackFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat st;
-    if (!file || ::fstat(file.get(), &st) != 0)
-        return nullptr;
-    len = static_cast<std::size_t>(st.st_size);
-    auto text = znc::malloc_array<char>(len <= kStackMax ? len : 0);
-    if (!text)
-        return nullptr;
-    const bool whole = len >= 3 && len <= kStackMax &&
-                       ::read(file.get(), text.get(), len) == st.st_size && text[len - 1] == '\0' &&
-                       text[len - 2] == '\0';
-    if (whole)
-        return text;
-    errno = ENOENT;
-    return nullptr;
 }
 
 int create_on(int devices, const char* name, const char* const* dirs, uint32_t count, bool hasUpper)
@@ -172,12 +133,12 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     if (::mkdirat(devices, name, 0755) != 0 && errno != EEXIST)
         return -1;
     const UniqueFd node = open_node(devices, name);
-    const bool attached = node && (hasUpper || write_stack(node.get(), dirs, count)) &&
+    const bool attached = node && (hasUpper || stack_write(node.get(), dirs, count)) &&
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
-    // Where the kernel cannot prepare the work directory, for want of space for example, it makes
-    // the overlay read-only. It would be taken for an image's.
+    // If the kernel cannot prepare the work directory, for lack of space for example, it mounts the
+    // overlay read-only. The device would then be mistaken for a read-only one.
     if (attached && hasUpper && look(devices, name) != Node::kWritable) {
         detach(devices, name);
         errno = EROFS;
@@ -186,7 +147,7 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     return attached ? 0 : -1;
 }
 
-bool all_there(const char* const* dirs, uint32_t count)
+bool all_exist(const char* const* dirs, uint32_t count)
 {
     struct stat st;
     for (uint32_t i = 0; i < count; i++)
@@ -195,25 +156,25 @@ bool all_there(const char* const* dirs, uint32_t count)
     return true;
 }
 
-// Attaches a recorded device again. The node stays for the next try when that fails; it goes when
-// it is a container's, from before a reboot, or one whose layers are gone.
+// Mounts a recorded device again. On failure its directory stays for the next attempt. The
+// directory is removed if it has no record (a container's device from before a reboot) or if layers
+// are missing.
 int restore_stack(int devices, const char* name)
 {
     const UniqueFd node = open_node(devices, name);
-    std::size_t len = 0;
-    const auto text = node ? read_stack(node.get(), len) : nullptr;
-    if (!text && errno != ENOENT)
+    const StackText stack = node ? stack_read(node.get()) : StackText();
+    if (!stack.text && errno != ENOENT)
         return -1;
     uint32_t count = 0;
-    for (std::size_t i = 0; text && i + 1 < len; i++)
-        count += text[i] == '\0' ? 1 : 0;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        count++;
     const auto dirs = znc::malloc_array<const char*>(count);
     if (!dirs)
         return -1;
-    const char* at = text.get();
-    for (uint32_t i = 0; i < count; i++, at += std::strlen(at) + 1)
-        dirs[i] = at;
-    if (count > 0 && all_there(dirs.get(), count))
+    uint32_t filled = 0;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        dirs[filled++] = dir;
+    if (count > 0 && all_exist(dirs.get(), count))
         return overlay_mount(node.get(), dirs.get(), count, false);
     remove_node(devices, name);
     return 0;
@@ -234,7 +195,8 @@ int restore_one(int devices, const char* name)
     return 0;
 }
 
-// Whether a device may be made at `name`; an abandoned writable one is taken out of the way.
+// Makes sure that a device can be created at `name`; detaches an abandoned writable device there.
+// Fails with EEXIST.
 int make_room(int devices, const char* devName, const char* name)
 {
     const Node node = look(devices, name);
@@ -251,8 +213,8 @@ bool is_abandoned(int devices, const char* devName, const char* name)
     return look(devices, name) == Node::kWritable && !ns_record_rooted_on(devName);
 }
 
-// Calls `visit(devices, name)` for every entry of the directory of all devices and counts those for
-// which it fails. -1 when they cannot be listed.
+// Calls `visit(devices, name)` for every entry of the directory of all devices. Returns the number
+// of failures, or -1 if the directory cannot be listed.
 int each_device(int devices, int (*visit)(int devices, const char* name))
 {
     const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
@@ -282,12 +244,12 @@ int overlay_device_detach(const char* devName, Detach which)
     const char* name = device_name(devName);
     if (name == nullptr)
         return 0;
-    const Devices devices(which == Detach::kOwn ? kShortTurnNs : 0);
+    const Devices devices(which == Detach::kOwn ? kShortLockTimeoutNs : 0);
     if (!devices)
         return errno == EBUSY ? -1 : 0;
-    const bool goes = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
-                                            : is_abandoned(devices.get(), devName, name);
-    return goes ? detach(devices.get(), name) : 0;
+    const bool shouldDetach = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
+                                                    : is_abandoned(devices.get(), devName, name);
+    return shouldDetach ? detach(devices.get(), name) : 0;
 }
 
 } // namespace zn
@@ -325,12 +287,42 @@ STATUS znOvlDevRemove(const char* devName)
     return detach(devices.get(), name) == 0 ? OK : ERROR;
 }
 
+uint32_t znOvlDirsMax(void)
+{
+    return 500; // OVL_MAX_STACK in the kernel, which user space cannot query
+}
+
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context)
+{
+    const char* name = device_name(devName);
+    if (name == nullptr) {
+        errno = EINVAL;
+        return ERROR;
+    }
+    const Devices devices;
+    if (!devices)
+        return ERROR;
+    if (look(devices.get(), name) != Node::kReadOnly) {
+        errno = ENOENT;
+        return ERROR;
+    }
+    const UniqueFd node = stack_node(devices.get(), name);
+    const StackText stack = node ? stack_read(node.get()) : StackText();
+    if (!stack.text)
+        return ERROR;
+    for (const char* dir = stack.first(); dir != nullptr; dir = stack.next(dir))
+        if (visit(context, dir) == FALSE)
+            break;
+    return OK;
+}
+
 BOOL znOvlInit(void)
 {
     const znc::ErrnoSaver keep;
     struct stat st;
-    // The trees of containers are writable for whoever reaches them: only root may. A directory
-    // that was there before may have been open to all.
+    // The files of containers must be accessible to root only. An existing directory may have had
+    // another mode.
     if (overlay_supported() && ::mkdir(ZN_OVERLAY_DIR, 0700) != 0 && errno == EEXIST) {
         const UniqueFd devices(
             ::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -1,5 +1,5 @@
-// overlay_left.cpp - devices of ended namespaces that are still to be detached: another process had
-// the devices locked.
+// overlay_left.cpp - devices of namespaces that have ended which are still to be detached because
+// another process had the devices locked.
 #include "overlay_device.hpp"
 
 #include "base/owned.hpp"
@@ -18,7 +18,7 @@ struct LeftDevice {
 
 LeftDevice* g_left = nullptr;
 
-// Forgets every one for which `done(name)` holds.
+// Removes every entry for which `done(name)` is true.
 template <class Done> void forget_if(Done done)
 {
     for (LeftDevice** at = &g_left; *at != nullptr;) {
@@ -33,10 +33,11 @@ template <class Done> void forget_if(Done done)
 
 } // namespace
 
-// Without memory for it the device stays until the daemon stops or starts, which detaches all.
+// If memory is exhausted, the device stays until the daemon stops or starts; both detach all
+// writable devices.
 void overlay_device_detach_later(const char* devName)
 {
-    overlay_device_keep(devName); // remembered once
+    overlay_device_keep(devName); // avoids a second entry
     auto left = znc::malloc_zeroed<LeftDevice>();
     if (!left)
         return;

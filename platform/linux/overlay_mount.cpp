@@ -17,17 +17,17 @@ namespace {
 using znc::MallocPtr;
 using znc::UniqueFd;
 
-// Only containers use what a device shows, and they get a view of their own of it: on the host its
-// device nodes and set-id programs must mean nothing.
-constexpr unsigned kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
-constexpr unsigned long kQuietClassic = MS_NOSUID | MS_NODEV;
+// Only containers use the content of a device, through mounts of their own. On the host, device
+// nodes and set-id programs in it must have no effect.
+constexpr unsigned kMountAttributes = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+constexpr unsigned long kMountFlags = MS_NOSUID | MS_NODEV;
 
 UniqueFd open_directory(const char* path)
 {
     return UniqueFd(::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-// The upper directory of a device, and beside it one of its own that the kernel wants.
+// The upper directory of a device, and the work directory that overlayfs needs, next to it.
 class Upper {
   public:
     bool open(const char* path)
@@ -42,18 +42,20 @@ class Upper {
         work_.reset(::openat(parent_.get(), kWork, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         return static_cast<bool>(work_);
     }
-    // The root of a device shows the mode and owner of its upper directory. Those of the directory
-    // below it are the image's, so that who may not rename /bin there may not do it here.
+    // The root of an overlay has the mode and owner of its upper directory. They must be those of
+    // the image's root directory; otherwise a user who may not rename /bin in the image could do so
+    // in the container.
     [[nodiscard]] bool take_attributes(int lower) const
     {
         struct stat st;
         const UniqueFd dir(
             ::openat(upper_.get(), ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         return dir && ::fstat(lower, &st) == 0 &&
-               ::fchown(dir.get(), st.st_uid, st.st_gid) == 0 && // first: it clears bits
+               ::fchown(dir.get(), st.st_uid, st.st_gid) ==
+                   0 && // before fchmod: chown clears set-id bits
                ::fchmod(dir.get(), st.st_mode & kModeBits) == 0;
     }
-    // Takes away what was made for a mount that then failed.
+    // Removes what was created for a mount that failed.
     void undo() const
     {
         const znc::ErrnoSaver keep;
@@ -68,7 +70,7 @@ class Upper {
 
   private:
     static constexpr mode_t kModeBits = 07777;
-    static constexpr char kWork[] = "work"; // in which the kernel makes another of that name
+    static constexpr char kWork[] = "work"; // overlayfs creates a directory of the same name in it
     UniqueFd upper_;
     UniqueFd parent_;
     UniqueFd work_;
@@ -80,7 +82,7 @@ bool set_fd(int context, const char* key, int fd)
     return ::syscall(SYS_fsconfig, context, FSCONFIG_SET_FD, key, nullptr, fd) == 0;
 }
 
-bool repeats(const char* const* dirs, std::uint32_t at)
+bool is_duplicate(const char* const* dirs, std::uint32_t at)
 {
     for (std::uint32_t i = 0; i < at; i++)
         if (std::strcmp(dirs[i], dirs[at]) == 0)
@@ -88,15 +90,15 @@ bool repeats(const char* const* dirs, std::uint32_t at)
     return false;
 }
 
-// Descriptors of a stack, closed together. The kernel refuses a directory that it has already; all
-// that such a one would show is hidden by the first, so it is left out.
+// Descriptors of the layers. The kernel refuses a directory that occurs twice; a repeated one is
+// left out, since the first occurrence hides all of it.
 class Stack {
   public:
     bool open(const char* const* dirs, std::uint32_t count)
     {
         fds_ = znc::malloc_array<int>(count);
         for (std::uint32_t i = 0; fds_ && i < count; i++) {
-            if (repeats(dirs, i))
+            if (is_duplicate(dirs, i))
                 continue;
             UniqueFd fd = open_directory(dirs[i]);
             if (!fd)
@@ -121,13 +123,14 @@ class Stack {
     std::uint32_t count_ = 0;
 };
 
-// The kernel stacks no fewer than two directories; one alone, only to be read, is a read-only bind.
+// Without an upper directory, overlayfs needs at least two layers; a single read-only layer is
+// mounted as a read-only bind.
 int mount_single(int target, int dir)
 {
     const UniqueFd tree(static_cast<int>(
         ::syscall(SYS_open_tree, dir, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH)));
     mount_attr attr = {};
-    attr.attr_set = MOUNT_ATTR_RDONLY | kQuiet;
+    attr.attr_set = MOUNT_ATTR_RDONLY | kMountAttributes;
     attr.propagation = MS_PRIVATE;
     if (!tree ||
         ::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH, &attr, sizeof attr) != 0)
@@ -160,7 +163,7 @@ int overlay_mount_by_fd(int target, const int* dirs, std::uint32_t count, int up
         return -1;
     const UniqueFd mount(
         static_cast<int>(::syscall(SYS_fsmount, context.get(), FSMOUNT_CLOEXEC,
-                                   kQuiet | (upper >= 0 ? 0 : MOUNT_ATTR_RDONLY))));
+                                   kMountAttributes | (upper >= 0 ? 0 : MOUNT_ATTR_RDONLY))));
     if (!mount)
         return -1;
     return static_cast<int>(::syscall(SYS_move_mount, mount.get(), "", target, "",
@@ -169,7 +172,7 @@ int overlay_mount_by_fd(int target, const int* dirs, std::uint32_t count, int up
 
 int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int upper, int work)
 {
-    // Descriptor names keep the options short and free of the colons that separate them.
+    // Paths through /proc/self/fd are short and contain no ":", which separates layers.
     char options[4096] = "lowerdir=";
     std::size_t len = std::strlen(options);
     for (std::uint32_t i = 0; i < count && len < sizeof options; i++)
@@ -185,7 +188,7 @@ int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int 
     }
     char where[64];
     std::snprintf(where, sizeof where, "/proc/self/fd/%d", target);
-    return ::mount("overlay", where, "overlay", kQuietClassic | (upper >= 0 ? 0 : MS_RDONLY),
+    return ::mount("overlay", where, "overlay", kMountFlags | (upper >= 0 ? 0 : MS_RDONLY),
                    options);
 }
 
@@ -202,8 +205,9 @@ static int mount_stack(int target, const char* const* dirs, std::uint32_t count,
         return mount_single(target, fds[0]);
     if (overlay_mount_by_fd(target, fds, count, upper.upper(), upper.work()) == 0)
         return 0;
-    // Kernels that take no descriptors say EINVAL; so may a stack that none would take, which the
-    // classic call then refuses again, or cannot even be asked for: its options are one page.
+    // Kernels before 6.13 do not accept descriptors and fail with EINVAL. An invalid stack fails
+    // with EINVAL, too; mount() then fails again, or cannot be tried because its options would
+    // exceed one page.
     if (errno != EINVAL)
         return -1;
     if (overlay_mount_classic(target, fds, count, upper.upper(), upper.work()) == 0)

@@ -14,7 +14,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kLinksMax = 40; // as the kernel's own look-up
+constexpr int kLinksMax = 40; // as in the kernel's path lookup
 constexpr int kDirFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 bool owner_trusted(const struct stat& st)
@@ -22,7 +22,8 @@ bool owner_trusted(const struct stat& st)
     return st.st_uid == 0 || st.st_uid == ::geteuid();
 }
 
-// The group's bits of a file with an access list stand for everybody named in it.
+// The group bits of a file with an access control list are its mask and apply to all users and
+// groups in the list.
 bool has_access_list(int dir, const char* name)
 {
     char path[PATH_MAX];
@@ -30,7 +31,7 @@ bool has_access_list(int dir, const char* name)
     return ::getxattr(path, "system.posix_acl_access", nullptr, 0) >= 0;
 }
 
-// One walk from "/" to the end of a path, which is looked up here, a component at a time.
+// Resolves a path from "/", one component at a time, checking each.
 class Walk {
   public:
     Walk(const char* path, znPathTrust& trust) : trust_(trust)
@@ -71,7 +72,8 @@ class Walk {
         return at_ && ::fstat(at_.get(), &st) == 0 && enter(st, ".");
     }
 
-    // Takes the next component off the rest. False at the end, and where nothing is there any more.
+    // Takes the next component from the rest. False at the end of the path, after a missing
+    // component, and on errors.
     bool next_component()
     {
         if (missing_)
@@ -80,7 +82,7 @@ class Walk {
         const std::size_t len = std::strcspn(begin, "/");
         if (len == 0) {
             trust_.exists = TRUE;
-            good_ = end_is_ours();
+            good_ = end_is_trusted();
             return false;
         }
         if (len >= sizeof name_) {
@@ -103,13 +105,14 @@ class Walk {
             missing_ = errno == ENOENT;
             return missing_;
         }
-        // Only the owner of an entry, and of the directory, moves it out of a sticky directory.
+        // In a sticky directory, only the owner of an entry and the owner of the directory can
+        // replace the entry.
         if (open_to_others_ && !owner_trusted(st))
             return fault(name_, "belongs to another user");
         if (S_ISLNK(st.st_mode))
             return follow();
         if (!S_ISDIR(st.st_mode))
-            return end_at_file(st);
+            return check_file(st);
         UniqueFd next(::openat(at_.get(), name_, kDirFlags));
         if (!next || ::fstat(next.get(), &st) != 0)
             return false;
@@ -117,7 +120,7 @@ class Walk {
         return enter(st, ".");
     }
 
-    // Into the directory `at_`, whose attributes these are.
+    // Checks the directory `at_`, whose attributes are `st`.
     bool enter(const struct stat& st, const char* name)
     {
         if (!owner_trusted(st))
@@ -128,7 +131,7 @@ class Walk {
         return true;
     }
 
-    bool end_at_file(const struct stat& st)
+    bool check_file(const struct stat& st)
     {
         if (rest_[std::strspn(rest_, "/")] != '\0') {
             errno = ENOTDIR;
@@ -141,7 +144,10 @@ class Walk {
         return !others_may_write(st, name_) || fault(name_, "can be written by other users");
     }
 
-    bool end_is_ours() { return !open_to_others_ || fault(".", "can be written by other users"); }
+    bool end_is_trusted()
+    {
+        return !open_to_others_ || fault(".", "can be written by other users");
+    }
 
     bool follow()
     {
@@ -153,10 +159,10 @@ class Walk {
             return false;
         }
         target[len] = '\0';
-        char behind[sizeof rest_];
-        std::strcpy(behind, rest_);
+        char remainder[sizeof rest_];
+        std::strcpy(remainder, rest_);
         rest_[0] = '\0';
-        return append(target) && append(behind) && (target[0] != '/' || restart());
+        return append(target) && append(remainder) && (target[0] != '/' || restart());
     }
 
     bool others_may_write(const struct stat& st, const char* name) const
@@ -172,7 +178,7 @@ class Walk {
     {
         char link[64];
         std::snprintf(link, sizeof link, "/proc/self/fd/%d", at_.get());
-        char dir[700]; // leaves room for the rest
+        char dir[700]; // leaves room for the other parts
         const ssize_t len = ::readlink(link, dir, sizeof dir - 1);
         dir[len > 0 ? len : 0] = '\0';
         const bool self = std::strcmp(name, ".") == 0;
@@ -184,10 +190,10 @@ class Walk {
 
     znPathTrust& trust_;
     UniqueFd at_;
-    char rest_[2 * PATH_MAX] = ""; // what is still to be looked up
+    char rest_[2 * PATH_MAX] = ""; // the part of the path not yet resolved
     char name_[NAME_MAX + 1] = "";
     int links_ = 0;
-    bool open_to_others_ = false; // the directory `at_` is sticky and all may write into it
+    bool open_to_others_ = false; // `at_` is sticky and writable by others
     bool missing_ = false;
     bool good_ = false;
 };

@@ -1,6 +1,5 @@
-// pidfd.hpp - processes by descriptor: once open it stands for one process for ever, whatever
-// becomes of its id. The C library's header declares these for C only, so they are asked of the
-// kernel.
+// pidfd.hpp - processes by descriptor. A pidfd refers to one process even if its id is reused.
+// glibc declares these calls for C only, so they are made with syscall().
 #ifndef ZN_PIDFD_HPP
 #define ZN_PIDFD_HPP
 
@@ -26,7 +25,7 @@ inline int process_signal(int pidfd, int hostSignal)
     return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, hostSignal, nullptr, 0));
 }
 
-// Whether there is something to read, waiting that long for it however often signals interrupt.
+// Whether `fd` becomes readable within the given time; restarts after signals.
 inline bool readable_within(int fd, int milliseconds)
 {
     const std::int64_t deadline = now_ns() + std::int64_t{milliseconds} * 1000000;
@@ -40,13 +39,13 @@ inline bool readable_within(int fd, int milliseconds)
     }
 }
 
-// Whether the process ended, reaped or not, waiting that long for it.
+// Whether the process ends within the given time; true also if it was reaped.
 inline bool process_ended(int pidfd, int milliseconds)
 {
     return readable_within(pidfd, milliseconds);
 }
 
-// Takes an ended child away, waiting for its end.
+// Reaps a child, waiting for its end.
 inline void process_reap(int pidfd)
 {
     const znc::ErrnoSaver keep;

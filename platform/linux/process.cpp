@@ -1,13 +1,13 @@
-// process.cpp - children by pidfd, and the ends of children that were not asked for.
+// process.cpp - reaping children, by pidfd and otherwise.
 #include "zarnel/process.h"
 
 #include "pidfd.hpp"
 
 namespace {
 
-constexpr int kReapedAtOnce = 256;
+constexpr int kReapLimit = 256;
 
-// A traced child's stop is reported even to who asks for ends only.
+// Stops of traced children are reported even with WEXITED only.
 bool is_end(const siginfo_t& info)
 {
     return info.si_code == CLD_EXITED || info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED;
@@ -20,9 +20,9 @@ int wait_status(const siginfo_t& info)
     return info.si_status | (info.si_code == CLD_DUMPED ? WCOREFLAG : 0);
 }
 
-// False with errno set, EAGAIN when there is nothing to tell. `__WALL`: also children that were
-// made to end with another signal than SIGCHLD.
-bool look(idtype_t type, id_t id, int what, siginfo_t& info)
+// waitid without waiting. False with errno set; EAGAIN if there is nothing to report. __WALL:
+// include children whose exit signal is not SIGCHLD.
+bool wait_nohang(idtype_t type, id_t id, int what, siginfo_t& info)
 {
     info = {};
     int result;
@@ -45,7 +45,7 @@ STATUS znProcessReap(int process, int* status)
 {
     siginfo_t info;
     do
-        if (!look(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(process), WEXITED, info))
+        if (!wait_nohang(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(process), WEXITED, info))
             return ERROR;
     while (!is_end(info));
     *status = wait_status(info);
@@ -54,15 +54,15 @@ STATUS znProcessReap(int process, int* status)
 
 BOOL znProcessReapOthers(pid_t except)
 {
-    for (int n = 0; n < kReapedAtOnce; n++) {
+    for (int n = 0; n < kReapLimit; n++) {
         siginfo_t info;
-        if (!look(P_ALL, 0, WEXITED | WNOWAIT, info))
+        if (!wait_nohang(P_ALL, 0, WEXITED | WNOWAIT, info))
             return FALSE;
         if (is_end(info) && info.si_pid == except)
             return FALSE;
-        // Taken by its id: nobody else reaps, so it is still the same process.
+        // Safe by id: only this function reaps, so the id cannot have been reused.
         const int what = is_end(info) ? WEXITED : WSTOPPED;
-        static_cast<void>(look(P_PID, static_cast<id_t>(info.si_pid), what, info));
+        static_cast<void>(wait_nohang(P_PID, static_cast<id_t>(info.si_pid), what, info));
     }
     return TRUE;
 }

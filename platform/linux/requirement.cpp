@@ -1,8 +1,10 @@
-// Calls are made with arguments that cannot be right, and only "no such call" counts.
+// requirement.cpp - checks what the system offers. System calls are made with invalid arguments;
+// only ENOSYS means that one is missing.
 #include "zarnel/requirement.h"
 
 #include "base/owned.hpp"
 #include "launch.hpp"
+#include "zarnel/msgq.h"
 
 #include <array>
 #include <cstdio>
@@ -16,8 +18,6 @@
 
 namespace zn {
 namespace {
-
-constexpr std::size_t kQueueMessages = 32;
 
 bool has_namespaces()
 {
@@ -63,35 +63,35 @@ bool has_filters()
            (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, nullptr) == 0 || errno == EFAULT);
 }
 
-// The helper program is run from one, so that nobody can write to it.
-bool has_programs_in_memory()
+// The helper program is executed from a memfd, which no process can write to.
+bool has_executable_memfd()
 {
     return static_cast<bool>(helper_file());
 }
 
 bool has_queues()
 {
-    // A name that the platform takes away when a dead process left it.
+    // znMsgQReclaim removes a queue of this name if this process is killed.
     const std::string name = "/zn-probe-" + std::to_string(::getpid()) + "-0";
     mq_attr attr = {};
     attr.mq_maxmsg = 1;
     attr.mq_msgsize = 1;
     const mqd_t queue = ::mq_open(name.data(), O_RDWR | O_CREAT | O_EXCL, 0600, &attr);
-    if (queue < 0) // others may use them up at the moment
+    if (queue < 0) // exhausted by other processes at the moment
         return errno == EMFILE || errno == ENFILE || errno == ENOSPC;
     ::mq_close(queue);
     ::mq_unlink(name.data());
     return true;
 }
 
-// As it stands, or because root may go beyond it or change it.
+// The limit is high enough, or the caller is root and may exceed or raise it.
 bool has_long_queues()
 {
     const znc::UniqueFd file(::open("/proc/sys/fs/mqueue/msg_max", O_RDONLY | O_CLOEXEC));
     std::array<char, 32> text{};
     if (!file || ::read(file.get(), text.data(), text.size() - 1) <= 0)
         return false;
-    return std::strtoul(text.data(), nullptr, 10) >= kQueueMessages || ::geteuid() == 0;
+    return std::strtoul(text.data(), nullptr, 10) >= ZN_MSG_Q_LONGEST || ::geteuid() == 0;
 }
 
 bool has_overlay()
@@ -109,23 +109,23 @@ struct Requirement {
 
 constexpr std::array kRequirements = {
     Requirement{"namespaces for processes, mounts, IPC, host names and control groups", true,
-                has_namespaces, "containers are made of them"},
+                has_namespaces, "containers consist of them"},
     Requirement{"mount calls on descriptors (open_tree, move_mount, fsconfig, mount_setattr)", true,
-                has_mount_calls, "mounts would follow links of images"},
-    Requirement{"openat2", true, has_openat2, "paths could not be kept inside a root"},
+                has_mount_calls, "mounts would follow symbolic links in images"},
+    Requirement{"openat2", true, has_openat2, "paths could not be confined to a root"},
     Requirement{"process descriptors (pidfd_open)", true, has_pidfd,
-                "a number used again would be another process"},
+                "a reused process id could refer to another process"},
     Requirement{"close_range", true, has_close_range,
-                "descriptors of a client could reach its container"},
+                "descriptors of a client could leak into its containers"},
     Requirement{"system call filters (seccomp)", true, has_filters,
-                "programs could not be kept from dangerous calls"},
-    Requirement{"programs in memory files (vm.memfd_noexec below 2)", true, has_programs_in_memory,
-                "containers could not be made; sysctl vm.memfd_noexec=1 allows them"},
-    Requirement{"POSIX message queues", true, has_queues, "clients could not call"},
+                "programs could not be kept from dangerous system calls"},
+    Requirement{"executable memory files (vm.memfd_noexec below 2)", true, has_executable_memfd,
+                "containers could not be created; sysctl vm.memfd_noexec=1 allows them"},
+    Requirement{"POSIX message queues", true, has_queues, "clients could not send requests"},
     Requirement{"queues of 32 messages (fs.mqueue.msg_max)", true, has_long_queues,
-                "the request queue could not be made"},
-    Requirement{"the overlay filesystem", false, has_overlay,
-                "a bundle serves one container, and layers are not shared"},
+                "the request queue could not be created"},
+    Requirement{"the overlay file system", false, has_overlay,
+                "each bundle can be used by one container only, and layers are not shared"},
 };
 
 } // namespace

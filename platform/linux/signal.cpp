@@ -1,4 +1,4 @@
-// signal.cpp - the platform's signal numbers in the host's, by name.
+// signal.cpp - translation of Zarnel's signal numbers to the host's, by name.
 #include "zarnel/signal.h"
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace {
 
-// Indexed by the platform's number; -1: the host has no such signal.
+// Indexed by Zarnel's number; -1: the host has no such signal.
 constexpr std::array<int, 38> kHostNumbers = {0,
                                               SIGHUP,
                                               SIGINT,
@@ -46,7 +46,7 @@ constexpr std::array<int, 38> kHostNumbers = {0,
                                               SIGURG,
                                               SIGVTALRM,
                                               SIGXCPU};
-constexpr int kXfsz = 38; // 39 and 40, EVTS and EVTD, the host does not have
+constexpr int kXfsz = 38; // 39 and 40 (EVTS and EVTD) do not exist on the host
 constexpr int kRtMin = 48;
 constexpr int kRtMax = 63;
 
@@ -58,7 +58,7 @@ int host_number(int signo)
     case kXfsz:
         return SIGXFSZ;
     case kRtMin:
-        return SIGRTMIN; // not constant: the C library keeps some for itself
+        return SIGRTMIN; // not a constant: the C library reserves some
     case kRtMax:
         return SIGRTMAX;
     default:

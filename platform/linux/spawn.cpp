@@ -20,7 +20,7 @@ using znc::UniqueFd;
 
 constexpr int kDefaultPriority = 100;
 
-// 0 is the most urgent priority and nice -20, 100 nice 0, 255 nice 19.
+// Priority 0 (most urgent) is nice -20, 100 is nice 0, 255 is nice 19.
 int nice_value(int priority)
 {
     return priority <= kDefaultPriority
@@ -28,7 +28,7 @@ int nice_value(int priority)
                : (priority - kDefaultPriority) * 19 / (255 - kDefaultPriority);
 }
 
-// What is behind the namespace's root in a host path; null when the path is not below it.
+// The part of the host path `path` below the namespace's root; null if it is not below the root.
 const char* path_inside(const char* path, const char* root)
 {
     std::size_t len = std::strlen(root);
@@ -72,15 +72,15 @@ struct Arguments {
         argv[4] = const_cast<char*>(program);
         for (std::size_t i = 0; i < count; i++)
             argv[wire::kSpawnerFixedArgs + i] = args[i];
-        if (count == 0) // a program always has a name
+        if (count == 0) // argv[0] must exist
             argv[wire::kSpawnerFixedArgs] = const_cast<char*>(program);
         return true;
     }
 };
 
-// The program's streams: the caller's, and the null device for those that the caller closed. What a
-// task opened meanwhile gets the free numbers, also the platform's own descriptors; it is known by
-// its flag.
+// The program's standard streams: those of the caller, or the null device for those that the caller
+// has closed. If another task opens a file while stdin, stdout or stderr is closed, the file gets
+// that number; a descriptor with FD_CLOEXEC is therefore treated as closed.
 class StandardStreams {
   public:
     StandardStreams()
@@ -106,7 +106,7 @@ class StandardStreams {
     UniqueFd null_;
 };
 
-// Waits for a process that is about to end.
+// Reaps a process that is about to end.
 void collect(pid_t pid)
 {
     const znc::ErrnoSaver keep;
@@ -114,7 +114,7 @@ void collect(pid_t pid)
     }
 }
 
-// What the spawner and the program's process said.
+// The reports of the spawner and of the program's process.
 struct Outcome {
     pid_t pid = -1;
     int error = 0;
@@ -131,7 +131,7 @@ struct Outcome {
     }
 };
 
-// While it lives, whoever asks about the namespace is told that somebody is entering it.
+// While it exists, the namespace's record says that a process is entering the namespace.
 class EntryMark {
   public:
     explicit EntryMark(nsid_t ns) : ns_(ns) { mark(Entry::kEntering); }
@@ -140,7 +140,7 @@ class EntryMark {
     EntryMark& operator=(const EntryMark&) = delete;
 
   private:
-    // Without a record there is nobody to tell, and nothing to enter.
+    // Errors are ignored: without a record the namespace does not exist and cannot be entered.
     void mark(Entry entry) const
     {
         const znc::ErrnoSaver keep;
@@ -150,7 +150,7 @@ class EntryMark {
     nsid_t ns_;
 };
 
-// False with errno set, ESRCH when there is no such namespace.
+// False with errno set; ESRCH if the namespace does not exist.
 bool read_record(nsid_t ns, NsRecord& record)
 {
     if (ns_record_read(ns, record) == 0)
@@ -160,7 +160,7 @@ bool read_record(nsid_t ns, NsRecord& record)
     return false;
 }
 
-// ENOMEM is what clone says in a process namespace whose keeper is dead.
+// clone fails with ENOMEM in a PID namespace whose keeper is dead.
 int error_of(const Outcome& outcome, const NsRecord& record)
 {
     if (outcome.error == ENOMEM || (outcome.error == 0 && outcome.pid < 0)) {
@@ -192,8 +192,9 @@ int run_spawner(const UniqueFd& keeper, const Arguments& arguments, char* const*
                                         pidfd);
     if (spawner < 0)
         return errno;
-    // The spawner ends when the program runs or could not be started. The end of the pipe says
-    // nothing: a process that another task forked meanwhile may hold it open.
+    // The spawner exits when the program runs or could not be started. End of file on the pipe
+    // cannot be used for this: a process forked by another task at the same time may hold the pipe
+    // open.
     process_reap(pidfd.get());
     outcome.read_from(reader.get());
     return 0;

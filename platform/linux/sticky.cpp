@@ -1,4 +1,4 @@
-// sticky.cpp - gives directories of a container's root their sticky bit back.
+// sticky.cpp - restores the sticky bit of directories in a container's root.
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
@@ -18,7 +18,8 @@ STATUS znDirMakeSticky(const char* root, const char* path)
     const znc::UniqueFd top(::open(root, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!top)
         return ERROR;
-    // A link on the way is followed inside the root; mounts below it are not the container's.
+    // Intermediate links are resolved inside the root; mounts below it do not belong to the
+    // container.
     open_how how = {};
     how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;

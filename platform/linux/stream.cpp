@@ -1,4 +1,4 @@
-// stream.cpp - splice, and descriptors opened anew through /proc.
+// stream.cpp - splice, and reopening descriptors through /proc.
 #include "zarnel/stream.h"
 
 #include "base/owned.hpp"
@@ -13,7 +13,7 @@ ssize_t znStreamMove(int from, int to, size_t most)
     do
         n = ::splice(from, nullptr, to, nullptr, most, SPLICE_F_NONBLOCK | SPLICE_F_MOVE);
     while (n < 0 && errno == EINTR);
-    if (n < 0 && errno == EINVAL) // a file that is only appended to, among others
+    if (n < 0 && errno == EINVAL) // a file opened with O_APPEND, among others
         errno = ENOTSUP;
     return n;
 }

@@ -1,11 +1,12 @@
-// task.cpp - the calling task: clock rate, deletion safety (thread cancellation held off, counted
-// per thread) and the stop descriptor.
+// task.cpp - the calling task: clock rate, deletion safety (thread cancellation disabled, with a
+// per-thread count), background priority, and the stop descriptor.
 #include "zarnel/task.h"
 
 #include "base/owned.hpp"
 
 #include <linux/ioprio.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,7 +16,7 @@ namespace {
 constexpr int kDefaultRate = 100;
 
 thread_local unsigned safe_depth = 0;
-thread_local int state_outside = PTHREAD_CANCEL_ENABLE; // what the outermost znTaskSafe found
+thread_local int state_outside = PTHREAD_CANCEL_ENABLE; // the state before the outermost znTaskSafe
 thread_local int stop_fd = -1;
 
 } // namespace
@@ -44,9 +45,22 @@ void znTaskBackgroundSet(void)
 {
     const znc::ErrnoSaver keep;
     constexpr int kLowest = 19;
-    const pid_t self = gettid(); // on Linux these concern the thread
+    const pid_t self = gettid(); // on Linux both calls apply to one thread
     setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
     syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
+}
+
+size_t znTaskProcessors(void)
+{
+    const znc::ErrnoSaver keep;
+    // A cpuset or the CPU affinity may allow fewer processors than are online. EINVAL: the kernel's
+    // CPU mask is larger than cpu_set_t (more than 1024 possible CPUs); use the number of
+    // processors online.
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+        return static_cast<size_t>(CPU_COUNT(&allowed));
+    const long online = errno == EINVAL ? sysconf(_SC_NPROCESSORS_ONLN) : 1;
+    return online > 0 ? static_cast<size_t>(online) : 1;
 }
 
 void znTaskStopFdSet(int fd)

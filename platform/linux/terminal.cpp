@@ -1,4 +1,4 @@
-// terminal.cpp - the terminal's option word over termios; only the echo bit is carried.
+// terminal.cpp - terminal options over termios; only the echo bit is supported.
 #include "zarnel/terminal.h"
 
 #include <cerrno>
@@ -23,7 +23,7 @@ STATUS znTermOptionsSet(int fd, int options)
     else
         settings.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     int set;
-    do // changing a terminal from the background stops the process first, then goes on with EINTR
+    do // in a background process tcsetattr stops the process and fails with EINTR when it continues
         set = tcsetattr(fd, TCSANOW, &settings);
     while (set != 0 && errno == EINTR);
     return set == 0 ? OK : ERROR;

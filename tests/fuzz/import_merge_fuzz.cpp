@@ -12,6 +12,7 @@
 
 #include <array>
 #include <charconv>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
 #include "sentinel.hpp"
 
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 #include "zncontainer.h"
 
 #include <fcntl.h>

@@ -17,8 +17,8 @@ struct Failure {
 std::mutex guard;
 std::vector<fake::Call> recorded;
 std::multimap<std::string, Failure> failures;
-std::map<int32_t, std::string> live; // namespace -> its root
-std::set<std::string> existing;
+std::map<int32_t, std::string> live;                      // namespace -> its root
+std::map<std::string, std::vector<std::string>> existing; // device -> its directories
 int32_t next_ns = 1;
 bool reported_in_use = false;
 
@@ -136,7 +136,10 @@ std::set<int32_t> namespaces()
 std::set<std::string> devices()
 {
     const std::lock_guard lock(guard);
-    return existing;
+    std::set<std::string> names;
+    for (const auto& [name, dirs] : existing)
+        names.insert(name);
+    return names;
 }
 
 } // namespace fake
@@ -301,7 +304,7 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
         errno = EEXIST;
         return ERROR;
     }
-    existing.insert(call.name);
+    existing[call.name] = call.list;
     return OK;
 }
 
@@ -317,6 +320,26 @@ STATUS znOvlDevRemove(const char* devName)
         return OK;
     errno = ENOENT;
     return ERROR;
+}
+
+uint32_t znOvlDirsMax(void)
+{
+    return 500;
+}
+
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context)
+{
+    const std::lock_guard lock(guard);
+    const auto device = existing.find(text(devName));
+    if (device == existing.end()) {
+        errno = ENOENT;
+        return ERROR;
+    }
+    for (const std::string& dir : device->second)
+        if (visit(context, dir.c_str()) == FALSE)
+            break;
+    return OK;
 }
 
 BOOL znOvlInit(void)

@@ -18,11 +18,15 @@
  *     zncImageInfoGet depends on the size of the image. All other functions return quickly.
  *  5. Text is bytes ended by NUL; JSON is UTF-8. Paths have at most 1023 bytes, container
  *     ids at most 255.
- *  6. Output. Only zncUtilShowErr, zncUtilCredGetFromStdin and the functions that talk to the
- * daemon print anything. The latter print the progress texts of the daemon, each as "text.\n" on
- *     standard output, unless the environment variable ZNC_VERBOSE is "0".
+ *  6. Only zncUtilShowErr, zncUtilCredGetFromStdin and the functions that talk to the daemon print
+ *     anything. The latter print the progress texts of the daemon, each as "text.\n" on standard
+ *     output, unless the environment variable ZNC_VERBOSE is "0".
  *  7. Signal numbers are those of the library (see zncUtilSignalNo), not those of the host.
- *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1.
+ *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1. New
+ *     functions may be added; ZNC_VERSION_NUMBER says at compile time whether one is declared.
+ *  9. A function that is marked ZNC_NODISCARD hands over something that only its result tells
+ *     of (memory, a process, a file), or makes what the caller goes on with.
+ * 10. The header is C89 with <stdint.h> and <stdbool.h>, any later C, and C++98 and later.
  *
  * The wire format and the JSON document builders are in zncprotocol.h.
  */
@@ -35,12 +39,45 @@
 #include <sys/types.h>
 #include <time.h>
 
+/* ------------------------------------------------------------------ version */
+
+/* The version of this header, which is the project's: the build reads it here. */
+#define ZNC_VERSION_MAJOR 1
+#define ZNC_VERSION_MINOR 0
+#define ZNC_VERSION_PATCH 0
+
+/* The same as one number that grows with each version, and as text: "1.0.0". */
+#define ZNC_VERSION_NUMBER                                                                         \
+    (ZNC_VERSION_MAJOR * 1000000 + ZNC_VERSION_MINOR * 1000 + ZNC_VERSION_PATCH)
+#define ZNC_VERSION                                                                                \
+    ZNC_VERSION_TEXT(ZNC_VERSION_MAJOR)                                                            \
+    "." ZNC_VERSION_TEXT(ZNC_VERSION_MINOR) "." ZNC_VERSION_TEXT(ZNC_VERSION_PATCH)
+#define ZNC_VERSION_TEXT(number) ZNC_VERSION_TEXT_OF(number)
+#define ZNC_VERSION_TEXT_OF(number) #number
+
+/* ------------------------------------------------------------------ compilers */
+
+/* A warning for a caller that ignores the result. */
+#if defined(__cplusplus) && __cplusplus >= 201703L
+#define ZNC_NODISCARD [[nodiscard]]
+#elif defined(__GNUC__)
+#define ZNC_NODISCARD __attribute__((warn_unused_result))
+#else
+#define ZNC_NODISCARD
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* The shared library exports exactly the functions declared here and in zncprotocol.h. */
+#ifdef __GNUC__
+/* What is declared here is what the shared library shows. */
 #pragma GCC visibility push(default)
+#endif
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wc99-extensions" /* bool in C89 */
+#endif
 
 /* ------------------------------------------------------------------ basic types */
 
@@ -51,10 +88,20 @@ typedef uint32_t UINT32;
 typedef int32_t OBJ_HANDLE; /* a process, by its id */
 typedef int32_t nsid_t;     /* a namespace; -1: none */
 
+#ifndef OK
 #define OK 0
+#endif
+#ifndef ERROR
 #define ERROR (-1)
+#endif
+#ifndef TRUE
 #define TRUE 1
+#endif
+#ifndef FALSE
 #define FALSE 0
+#endif
+/* Compiles only if another header that defined these before gave them the same values. */
+typedef char zncResultsAreOurs[OK == 0 && ERROR == -1 && TRUE == 1 && FALSE == 0 ? 1 : -1];
 
 struct cJSON; /* a JSON tree of the cJSON library */
 
@@ -146,8 +193,8 @@ typedef struct zncBundleAttr {
  * S_zncLib_OCI_CWD_INVALID, S_zncLib_OCI_ARG_INVALID, S_zncLib_ROOTFS_CREATE_FAILED,
  * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or realpath's number.
  */
-STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int option,
-                 const ZNC_ATTR* pAttr);
+ZNC_NODISCARD STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int option,
+                               const ZNC_ATTR* pAttr);
 
 /*
  * Start a created container. Its process is a child of the caller and has the caller's standard
@@ -156,7 +203,7 @@ STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int o
  * EINVAL, ENODEV (no such container), EBUSY (not in STATE_CREATED), S_zncLib_RTP_SPAWN_FAILED,
  * EBADMSG. After S_zncLib_RTP_SPAWN_FAILED the container counts as run: delete it.
  */
-STATUS zncStart(const char* containerId, unsigned int option);
+ZNC_NODISCARD STATUS zncStart(const char* containerId, unsigned int option);
 
 /*
  * As zncStart with ZNC_OPT_NO_WAIT, and stores the process id of the program, a child of the
@@ -164,7 +211,7 @@ STATUS zncStart(const char* containerId, unsigned int option);
  * program was spawned but its process id could not be sent to the daemon: the program has then been
  * sent TERM, and the caller must reap it. Errors as for zncStart; EINVAL also if `pPid` is NULL.
  */
-STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
+ZNC_NODISCARD STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
 
 /*
  * Send a signal (the library's number) to the container's process, or with
@@ -184,19 +231,19 @@ STATUS zncDelete(const char* containerId, unsigned int option);
  * The state of a container as JSON: "ociVersion", "id", "status" (a CONTAINER_STATUS number),
  * "bundle". NULL with EINVAL, ENODEV or EBADMSG.
  */
-char* zncState(const char* containerId);
+ZNC_NODISCARD char* zncState(const char* containerId);
 
 /* The same, only the status. STATE_UNKNOWN on every failure, with the task error number set. */
 CONTAINER_STATUS zncStatusGet(const char* containerId);
 
 /* All containers, as a JSON array of states in ascending order of ids; "[]" if there are none. */
-char* zncList(void);
+ZNC_NODISCARD char* zncList(void);
 
 /*
  * Describe a container in full: a JSON array with one inspection document. NULL with EINVAL, ENODEV
  * or EBADMSG.
  */
-char* zncContainerInfoGet(const char* containerId);
+ZNC_NODISCARD char* zncContainerInfoGet(const char* containerId);
 
 /* Whether a daemon answers. */
 BOOL zncDaemonIsAlive(void);
@@ -219,14 +266,14 @@ BOOL zncDaemonIsAlive(void);
  * seconds), ENAMETOOLONG, numbers of zncTarExtract and of the system; 0 for a layer whose archive
  * is damaged.
  */
-STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag, unsigned int option,
-                 const ZNC_BUNDLE_ATTR* pAttr);
+ZNC_NODISCARD STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag,
+                               unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
 
 /*
  * Describe every image of a layout, verified, as a JSON array with one object per manifest. Needs
  * no daemon. NULL with EINVAL, ENOMEM, or an image code.
  */
-char* zncImageInfoGet(const char* ociPath);
+ZNC_NODISCARD char* zncImageInfoGet(const char* ociPath);
 
 /* The progress of an unpack. `layer` is valid only during the call. */
 typedef struct zncProgress {
@@ -250,9 +297,23 @@ typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
  */
 void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 
+/* A directory "/a/b" that a layer names, with the mode that it has there, up to 07777. */
+typedef void (*ZNC_DIRECTORY_FUNC)(const char* path, uint32_t mode, void* context);
+
+/*
+ * As zncUnpack, and says which directories the layers name: extracting sets the bits up to 0777
+ * only, and a caller may want to set others where that is safe. When the bundle is complete `func`
+ * (NULL: as zncUnpack) is called by the calling task, for the bottom layer first and in the order
+ * of each archive. What it is told was read in the same pass as what was compared with the layer's
+ * digest, also of a layer that is kept already.
+ */
+STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
+                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
+                     void* context);
+
 /* As zncUnpack, without checking the arguments. */
-STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
-                      unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
+ZNC_NODISCARD STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
+                                    unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
 
 /*
  * Remove a bundle directory with all its content. Symbolic links in it are removed, never
@@ -260,6 +321,52 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
  * removing anything, if it has 1024 or more characters.
  */
 STATUS zncImageBundleDelete(const char* pBundlePath);
+
+/* What creating a container makes of a member of a bundle's "config.json". */
+typedef enum zncConfigVerdict {
+    ZNC_CONFIG_REFUSED = 0,   /* it is missing, or not what it must be: create fails */
+    ZNC_CONFIG_MISREAD = 1,   /* it is taken, but not for what it says: a list ends at the element
+                                 before this one, an object stands for a list, or the end of a text
+                                 that is no number is not looked at */
+    ZNC_CONFIG_IGNORED = 2,   /* of another type than it must be: as if it were missing */
+    ZNC_CONFIG_NO_EFFECT = 3, /* it is read and shown, and changes nothing */
+    ZNC_CONFIG_UNKNOWN = 4    /* it is not read */
+} ZNC_CONFIG_VERDICT;
+
+/* What a member must be. */
+typedef enum zncConfigType {
+    ZNC_CONFIG_ANY = 0, /* nothing in particular */
+    ZNC_CONFIG_STRING = 1,
+    ZNC_CONFIG_BOOLEAN = 2,
+    ZNC_CONFIG_OBJECT = 3,
+    ZNC_CONFIG_STRINGS = 4,       /* an array of strings */
+    ZNC_CONFIG_STRING_MAP = 5,    /* an object of strings */
+    ZNC_CONFIG_OBJECTS = 6,       /* an array of objects */
+    ZNC_CONFIG_NUMBER_STRING = 7, /* a string that is a number, in any base of C */
+    ZNC_CONFIG_VERSION = 8,       /* a string of 1 to 63 bytes */
+    ZNC_CONFIG_PATH = 9,          /* a string that is not empty */
+    ZNC_CONFIG_ABSOLUTE_PATH = 10,
+    ZNC_CONFIG_PROGRAM = 11 /* an array of strings; the first is there and not empty */
+} ZNC_CONFIG_TYPE;
+
+typedef struct zncConfigFinding {
+    ZNC_CONFIG_VERDICT verdict;
+    const char* path; /* "process.args[0]"; "" for the whole document */
+    ZNC_CONFIG_TYPE expected;
+    const char* found; /* "nothing", "null", "a string", "a number", "a boolean", "an array" or
+                          "an object" */
+    const char* value; /* the text of a string, else NULL */
+} ZNC_CONFIG_FINDING;
+
+typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context);
+
+/*
+ * Read `len` bytes of JSON as zncCreate's daemon reads a bundle's "config.json", and call `func`
+ * for each member that is not taken as it stands; for none, and with OK, if the whole document is.
+ * Of members whose keys differ in case only, the first is read. What is passed to `func` is
+ * borrowed for the call. EINVAL (NULL, or no JSON) or ENOMEM; `func` may have been called then.
+ */
+STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
 
 /* The kinds of things in a storage base. */
 typedef enum zncStoreKind {
@@ -287,6 +394,12 @@ STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int
 
 /* ------------------------------------------------------------------ errors and utilities */
 
+/*
+ * The version of the library that runs, as text like ZNC_VERSION, which is that of the header a
+ * program was compiled with. Never NULL.
+ */
+const char* zncVersionGet(void);
+
 /* Print "Error: <message>.\n" on standard output; nothing for 0. errno is not changed. */
 void zncUtilShowErr(int errCode);
 
@@ -305,7 +418,8 @@ STATUS zncUtilXdelete(const char* source);
  * `credential` (at most `credential_size` - 1 bytes; the rest stays unread). Echo stays off
  * afterwards. Blocks. ERROR with ENOTTY without a terminal, number unset at end of input.
  */
-STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size, const char* prompt_info);
+ZNC_NODISCARD STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size,
+                                             const char* prompt_info);
 
 /* The library's number of a signal, by its name without "SIG" ("KILL" is 9); -1 if unknown or NULL.
  */
@@ -321,7 +435,7 @@ const char* zncUtilStateIdToString(int state);
 STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t len);
 
 /* Extract a layer archive, plain or gzip, into an existing directory: zncTarExtract, 200 blocks. */
-STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
+ZNC_NODISCARD STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
 
 /* ------------------------------------------------------------------ archives */
 
@@ -334,7 +448,61 @@ STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
  * EINVAL, ENAMETOOLONG, EFBIG (a member of 4 GiB or more), system numbers; unset for a
  * damaged archive. `verbose` is accepted and prints nothing.
  */
-STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose);
+ZNC_NODISCARD STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor,
+                                   BOOL verbose);
+
+/* What zncLayerCheck finds. */
+typedef enum zncLayerFinding {
+    /* left out or changed; the rest is extracted */
+    ZNC_LAYER_MODE = 0,            /* set-id or sticky bits are not set */
+    ZNC_LAYER_OWNER = 1,           /* its owner is not root, and is not set */
+    ZNC_LAYER_WHITEOUT = 2,        /* a mark that deletes something below stays a file */
+    ZNC_LAYER_NOT_MADE = 3,        /* of a type that is not made */
+    ZNC_LAYER_NO_FILE = 4,         /* a file where a directory is: left out */
+    ZNC_LAYER_DATA_AS_MEMBERS = 5, /* not made, and its data is read as members */
+    ZNC_LAYER_SIZE_FORM = 6,       /* its size is not in octal digits: taken for 0, and its data
+                                      is read as members */
+    ZNC_LAYER_LENGTH = 7,          /* of the archive: no multiple of 512 bytes; ERROR unless the
+                                      end mark has been read before */
+    /* extracting ends here with ERROR */
+    ZNC_LAYER_COMPRESSION = 16, /* of the archive, whose `member` is the format: not gzip */
+    ZNC_LAYER_CHECKSUM = 17,    /* the header is damaged */
+    ZNC_LAYER_TOO_LARGE = 18,   /* 4 GiB or more */
+    ZNC_LAYER_NAME = 19,        /* ".." in the name */
+    ZNC_LAYER_NO_PARENT = 20,   /* no directory for it */
+    ZNC_LAYER_PARENT = 21,      /* a link or a file where its directory should be */
+    ZNC_LAYER_LINK_EXISTS = 22, /* a symbolic link where something is already */
+    ZNC_LAYER_LINK_EMPTY = 23,  /* a symbolic link without a target */
+    ZNC_LAYER_CUT = 24,         /* the archive ends within it */
+    ZNC_LAYER_NO_END = 25,      /* of the archive: there is no end mark */
+    /* of the archive */
+    ZNC_LAYER_DIGEST = 32, /* not what `digest` names: nothing else that was said of it counts */
+    ZNC_LAYER_DIFF_ID = 33 /* not what `diffId` names, once decompressed */
+} ZNC_LAYER_FINDING;
+
+typedef struct zncLayerReport {
+    ZNC_LAYER_FINDING finding;
+    const char* member; /* its name in the archive; "" for the archive itself */
+    char type;          /* its type in the archive */
+    BOOL directory;     /* it is made a directory, whatever its type */
+    uint32_t mode;      /* its mode in the archive, with the bits above 0777 */
+} ZNC_LAYER_REPORT;
+
+/* `report` and its text are borrowed for the call. */
+typedef void (*ZNC_LAYER_FUNC)(const ZNC_LAYER_REPORT* report, void* context);
+
+/*
+ * Extract the layer archive `layerFile` as zncUtilUntar does, as root into an empty directory, but
+ * make nothing: `func` is called for each thing that is lost or refused, in the order of the
+ * archive. The file is read once, and is compared with `digest` as it is and with `diffId` (NULL:
+ * not known) as it is decompressed; both are "sha256:" or "sha512:" and digits. The names of the
+ * members are kept in memory meanwhile. OK if it would be extracted and is what is said; ERROR with
+ * the number that extracting has (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
+ * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or
+ * `func` is NULL; not a regular file), ENOMEM.
+ */
+STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diffId,
+                     ZNC_LAYER_FUNC func, void* context);
 
 /* A source of archive bytes. `read` is called with the record itself. */
 typedef struct tarCompress {
@@ -351,12 +519,12 @@ typedef struct gzArchive GZ_ARCHIVE; /* begins with a TAR_COMPRESS */
  * 0 at the end, -1 for NULL arguments or a `len` of 0; it trusts the length in the trailer and does
  * not report damaged data. ugzclose returns 0, or -1 for NULL. One task at a time per file.
  */
-gzFile ugzopen(const char* fileName, const char* mode);
+ZNC_NODISCARD gzFile ugzopen(const char* fileName, const char* mode);
 int ugzread(gzFile file, void* buf, unsigned int len);
 int ugzclose(gzFile file);
 
 /* The same as a source for archive readers. NULL if the file is not gzip. Delete accepts NULL. */
-GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName);
+ZNC_NODISCARD GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName);
 void zncGzArchiveDelete(void* handle);
 
 /* ------------------------------------------------------------------ storage and overlay devices */
@@ -374,7 +542,7 @@ typedef enum zncBasePathType {
  * 0 with ENOTSUP (no such area), ENAMETOOLONG, EPERM (another user owns a directory of the path or
  * can write to it) or mkdir's number.
  */
-size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
+ZNC_NODISCARD size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 
 /* Whether overlay devices can be created: "/overlay" can be opened. Checked at each call. */
 BOOL zncOvlFsAvailable(void);
@@ -384,8 +552,8 @@ BOOL zncOvlFsAvailable(void);
  * writable; needs the right to mount. ERROR with EEXIST if the device exists, or the system's
  * number.
  */
-STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath, uint32_t dirNum,
-                             BOOL hasUpper);
+ZNC_NODISCARD STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath,
+                                           uint32_t dirNum, BOOL hasUpper);
 
 /* Detach an overlay device. ERROR with the system's number. */
 STATUS zncRemoveOvlRootfsDev(const char* pDevName);
@@ -434,12 +602,17 @@ typedef struct runtimeSpecConfigRoot {
     struct cJSON* tree;
 } runtimeSpecConfigRoot;
 
+/*
+ * How the program is to be run, from the member "zarnel"."rtp". Each value stands there as text
+ * (decimal, 0x... or 0...); what is not text leaves the default. Nothing is checked here: the spawn
+ * refuses what it cannot take.
+ */
 typedef struct runtimeSpecConfigZarnel {
-    int32_t option;
-    int32_t priority;
-    int32_t stackSize;
-    int32_t taskOption;
-    struct cJSON* tree;
+    int32_t option;   /* "rtpOptions", default 0: process options, no meaning on Linux */
+    int32_t priority; /* "rtpPriority", default 100: 0 most urgent to 255; 100 is nice 0 on Linux */
+    int32_t stackSize;  /* "rtpStackSize", default 8192: bytes of stack at least */
+    int32_t taskOption; /* "rtpTaskOptions", default 0: task options, no meaning on Linux */
+    struct cJSON* tree; /* the member "zarnel"; NULL if it is absent */
 } runtimeSpecConfigZarnel;
 
 typedef struct runtimeSpecConfigMount {
@@ -472,10 +645,12 @@ typedef struct runtimeSpecConfig {
 } runtimeSpecConfig;
 
 /*
- * Read the file `path`. NULL if it is missing (ENOENT), unreadable, not JSON, or without
- * "process" and its "args". The caller destroys the record; destroying NULL does nothing.
+ * Read the file `path`. NULL with the system's number if it is missing (ENOENT) or cannot be read,
+ * EINVAL if it is not JSON, ENOMEM; without "process" or its "args" the number is not set. The
+ * caller destroys the record and with it all that it points to; destroying NULL does nothing. One
+ * task at a time per record.
  */
-runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
+ZNC_NODISCARD runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
 void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
 
 /* ------------------------------------------------------------------ the daemon's side
@@ -496,39 +671,48 @@ typedef struct containerState {
     char* owner;               /* always NULL */
     int32_t status;            /* a CONTAINER_STATUS */
     struct containerCtx* pCtx; /* the container; only inside the daemon */
-    time_t createdTime;
-    char ver[64];
-    char containerId[255];
-    char bundlePath[1024];
+    time_t createdTime;        /* when create ended: seconds since 1970-01-01 00:00 UTC */
+    char ver[64];              /* "ociVersion" of its config.json */
+    char containerId[255];     /* cut to 254 bytes */
+    char bundlePath[1024];     /* an absolute path */
 } CONTAINER_STATE;
 
-/* How to spawn a container's process; the text belongs to the container. */
+/*
+ * How to spawn a container's process. The text and the lists belong to the container and are
+ * there until it is deleted.
+ */
 typedef struct containerStartParm {
-    const char* appPath;
-    int32_t option;
+    const char* appPath; /* the program, as a path of the host below the container's root */
+    int32_t option;      /* these four: see runtimeSpecConfigZarnel */
     int32_t priority;
-    int32_t stackSize;
+    int32_t stackSize; /* bytes */
     int32_t taskOption;
-    nsid_t nsId;
-    const char* cwd;
-    int16_t posixFlags;
-    char** arg;
-    int32_t argNum;
-    char** env; /* may be NULL */
-    int32_t envNum;
+    nsid_t nsId;        /* where to spawn it */
+    const char* cwd;    /* its working directory, an absolute path inside the root */
+    int16_t posixFlags; /* spawn flags, always 0x180; no meaning on Linux */
+    char** arg;         /* its arguments, the first is its name; NULL behind the last */
+    int32_t argNum;     /* without that NULL */
+    char** env;         /* "NAME=value", NULL behind the last; NULL itself: an empty environment */
+    int32_t envNum;     /* without that NULL */
 } CONTAINER_START_PARM;
 
-STATUS zncContainerInit(void); /* call before all others; repeated calls have no effect */
+/* Make the registry: once, before all that follows; again is OK. ERROR with ENOMEM. */
+STATUS zncContainerInit(void);
 
-/* Carry out the requests of zncCreate, zncKill and zncDelete; the same error numbers. */
-STATUS zncContainerCreate(const char* containerId, const char* bundlePath, unsigned int option,
-                          ZNC_ATTR* pAttr);
+/*
+ * What zncCreate, zncKill, zncDelete ask for, with the same numbers. They make and undo mounts,
+ * namespaces and files, and return when that is done.
+ */
+ZNC_NODISCARD STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
+                                        unsigned int option, ZNC_ATTR* pAttr);
 STATUS zncContainerKill(const char* containerId, int signo, unsigned int option);
 STATUS zncContainerDelete(const char* containerId, unsigned int option);
 
-/* Mark a created container as running and return how to spawn its process. EINVAL, ENODEV, EBUSY.
+/*
+ * Mark a created container as running and say in `param` how to spawn its process. On ERROR `param`
+ * is as it was: EINVAL (NULL), ENODEV, EBUSY (not in STATE_CREATED).
  */
-STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
+ZNC_NODISCARD STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
 
 /*
  * Record the spawned process. On OK the calling task intentionally keeps the container locked (the
@@ -536,8 +720,11 @@ STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
  */
 STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle);
 
-/* Copy the state out. EINVAL, ENODEV. */
-STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
+/*
+ * Copy the state out. One that is marked running and whose processes have all ended becomes
+ * STATE_STOPPED first. On ERROR `pState` is as it was: EINVAL, ENODEV.
+ */
+ZNC_NODISCARD STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
 
 /*
  * Replace the id in a buffer of 256 bytes by the next one in ascending order; start with "". FALSE
@@ -545,7 +732,12 @@ STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
  */
 BOOL zncContainerNext(char* containerId);
 
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
+#ifdef __GNUC__
 #pragma GCC visibility pop
+#endif
 
 #ifdef __cplusplus
 }

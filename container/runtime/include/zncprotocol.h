@@ -9,12 +9,20 @@
 
 #include "zncontainer.h"
 
+#ifdef __GNUC__
+#define ZNC_PRINTF_LIKE(format_, first_) __attribute__((format(printf, format_, first_)))
+#else
+#define ZNC_PRINTF_LIKE(format_, first_)
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* The shared library exports exactly the functions declared here and in zncontainer.h. */
+#ifdef __GNUC__
+/* What is declared here is what the shared library shows. */
 #pragma GCC visibility push(default)
+#endif
 
 /* ------------------------------------------------------------------ messages */
 
@@ -76,7 +84,7 @@ typedef struct cJSON ZNC_PARAM_DATA; /* an object with the parameters as members
  * A new object from a table; the caller deletes it (cJSON_Delete). STRING_ARRAYs that are empty and
  * NULL STRINGs are left out; OBJECTs are referenced, not owned. NULL with ENOMEM or EINVAL.
  */
-ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
+ZNC_NODISCARD ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
 
 /*
  * Fill a table from an object: entries whose key (any case) is missing keep their value. Text
@@ -96,7 +104,7 @@ zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
  * A new array of the strings of a NULL-terminated vector; NULL when memory is short. A string that
  * cannot be copied is missing.
  */
-struct cJSON* zncConfigToArray(char** argument);
+ZNC_NODISCARD struct cJSON* zncConfigToArray(char** argument);
 
 /* Add a deep copy of a member to another object, or "" if it is missing. Without memory, add
  * nothing. */
@@ -131,7 +139,7 @@ STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
  * Post a progress text (a printf format) to the client being served, if its level is wanted.
  * Never waits.
  */
-void zncSendMsg(uint32_t lvl, char* info, ...) __attribute__((format(printf, 2, 3)));
+void zncSendMsg(uint32_t lvl, char* info, ...) ZNC_PRINTF_LIKE(2, 3);
 
 /* The client being served: its reply queue, and its verbosity (values above 2 are ignored). */
 void zncMsgQnameSet(const char* msgQname);
@@ -144,14 +152,14 @@ int zncInspectContainer(struct cJSON* root, struct cJSON* array);
 
 /* Its parts: new objects, or NULL if out of memory. Members that cannot be allocated are omitted.
  */
-struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
-struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
-struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);
+ZNC_NODISCARD struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
+ZNC_NODISCARD struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
+ZNC_NODISCARD struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);
 
 /* Append one object per manifest of a layout; 0, or an error number and `array` is empty. */
 int zncImageInspect(const char* ociPath, struct cJSON* array);
 STATUS zncInspectImageConfig(struct cJSON* body, struct cJSON* config);
-struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
+ZNC_NODISCARD struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
 
 /*
  * The generator of a bundle's "config.json" and its sections, from a parsed image with a manifest
@@ -175,7 +183,9 @@ STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
 STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);
 
+#ifdef __GNUC__
 #pragma GCC visibility pop
+#endif
 
 #ifdef __cplusplus
 }

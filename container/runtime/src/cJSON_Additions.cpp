@@ -71,8 +71,7 @@ int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode)
     if (!fd)
         return -1;
     // What is reported as written must still be there after a power failure.
-    if (znc::write_whole(fd.get(), text.get(), strlen(text.get())) && fsync(fd.get()) == 0 &&
-        fd.close_checked() == 0)
+    if (znc::write_all(fd.get(), text.get()) && fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return 0;
     const znc::ErrnoSaver keep;
     unlink(path);

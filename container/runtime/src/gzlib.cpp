@@ -22,7 +22,8 @@ using GzPtr = std::unique_ptr<gzFile_s, GzCloser>;
 // trailer's length field (or, when that is split between two buffers, the checksum before it).
 ssize_t fill_source(gzFile_s& file)
 {
-    const ssize_t n = file.blob != nullptr ? file.blob->read(file.source, znc::kGzSourceSize)
+    const unsigned char* bytes = file.source;
+    const ssize_t n = file.blob != nullptr ? file.blob->next(&bytes)
                                            : read(file.fd, file.source, znc::kGzSourceSize);
     if (n < 0)
         return n;
@@ -31,8 +32,8 @@ ssize_t fill_source(gzFile_s& file)
     const auto got = static_cast<std::size_t>(n);
     file.slen -= std::min(got, file.slen);
     const std::size_t kept = file.slen <= znc::kGzTrailerLen ? znc::kGzTrailerLen : 0;
-    file.d.source = file.source;
-    file.d.source_limit = file.source + (got > kept ? got - kept : 0);
+    file.d.source = bytes;
+    file.d.source_limit = bytes + (got > kept ? got - kept : 0);
     return n;
 }
 
@@ -63,8 +64,9 @@ bool open_file(gzFile_s& file, const char* name)
 
 bool start_stream(gzFile_s& file)
 {
-    file.source = znc::malloc_array<unsigned char>(znc::kGzSourceSize).release();
-    if (file.source == nullptr || !read_trailer(file))
+    if (file.blob == nullptr) // which has its own
+        file.source = znc::malloc_array<unsigned char>(znc::kGzSourceSize).release();
+    if ((file.blob == nullptr && file.source == nullptr) || !read_trailer(file))
         return false;
     file.dict = znc::malloc_array<unsigned char>(znc::kGzDictSize).release();
     if (file.dict == nullptr)

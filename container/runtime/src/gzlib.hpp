@@ -20,7 +20,7 @@ struct gzFile_s {
     uzlib_uncomp d; // first: a pointer to the inflater state is a pointer to the file
     int fd;
     std::size_t outOffset; // uncompressed bytes delivered
-    unsigned char* source; // input buffer
+    unsigned char* source; // input buffer; null: the blob's
     std::size_t slen;      // bytes of the file not yet in the input buffer
     std::size_t outlen;    // uncompressed bytes not yet delivered
     unsigned char* dict;   // history window

@@ -1,3 +1,12 @@
-/* version.c - what the built library says of itself (strings libzncontainer.so.1 | grep znc:). */
-extern const char zncLibraryIdent[];
-__attribute__((used)) const char zncLibraryIdent[] = "znc: libzncontainer 1.0.0";
+/* version.c - what the built library says of itself, also to strings(1): "znc: libzncontainer ...".
+ */
+#include "zncontainer.h"
+
+#define IDENT "znc: libzncontainer "
+
+static const char ident[] = IDENT ZNC_VERSION;
+
+const char* zncVersionGet(void)
+{
+    return ident + sizeof IDENT - 1;
+}

@@ -9,8 +9,7 @@
 
 namespace {
 
-constexpr std::size_t kDrainLen = 4096;
-constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task of their own
+constexpr std::size_t kPieceLen = 64 * 1024;
 
 } // namespace
 
@@ -24,27 +23,21 @@ bool BlobReader::open(const char* path, const char* digest)
         return false;
     size_ = static_cast<std::size_t>(st.st_size);
     digest_ = digest;
+    if (!piece_)
+        piece_ = malloc_array<unsigned char>(kPieceLen);
+    if (!piece_)
+        return false;
     errno = 0;
     return restart();
 }
 
 bool BlobReader::restart()
 {
-    aside_.finish();
     at_ = 0;
+    pieceAt_ = 0;
+    pieceLen_ = 0;
     tailLen_ = 0;
     return ::lseek(fd_.get(), 0, SEEK_SET) == 0 && hash_.start(digest_);
-}
-
-// The beginning is read twice of archives that are not compressed.
-void BlobReader::hash(const void* bytes, std::size_t len)
-{
-    if (!aside_.runs() && !alone_ && at_ > 0 && size_ >= kWorthwhile)
-        alone_ = !aside_.start(hash_);
-    if (aside_.runs())
-        aside_.give(bytes, len);
-    else
-        hash_.update(bytes, len);
 }
 
 void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
@@ -55,9 +48,9 @@ void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
         std::memcpy(tail_.data() + (begin - from), bytes + (begin - at_), at_ + len - begin);
 }
 
-ssize_t BlobReader::read(void* buffer, std::size_t count)
+// Reads on in the file and hashes what comes.
+ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
 {
-    auto* const bytes = static_cast<unsigned char*>(buffer);
     const std::size_t wanted = std::min(count, size_ - at_);
     std::size_t got = 0;
     while (got < wanted) {
@@ -70,10 +63,49 @@ ssize_t BlobReader::read(void* buffer, std::size_t count)
             break; // it has become shorter
         got += static_cast<std::size_t>(n);
     }
-    hash(bytes, got);
+    hash_.update(bytes, got);
     note_tail(bytes, got);
     at_ += got;
-    progress_read(fd_.get());
+    progress_at(at_);
+    return static_cast<ssize_t>(got);
+}
+
+ssize_t BlobReader::next(const unsigned char** bytes)
+{
+    if (pieceAt_ == pieceLen_) {
+        const ssize_t n = fetch(piece_.get(), kPieceLen);
+        if (n <= 0)
+            return n;
+        pieceAt_ = 0;
+        pieceLen_ = static_cast<std::size_t>(n);
+    }
+    *bytes = piece_.get() + pieceAt_;
+    const std::size_t len = pieceLen_ - pieceAt_;
+    pieceAt_ = pieceLen_;
+    return static_cast<ssize_t>(len);
+}
+
+ssize_t BlobReader::read(void* buffer, std::size_t count)
+{
+    auto* const bytes = static_cast<unsigned char*>(buffer);
+    std::size_t got = 0;
+    while (got < count) {
+        // What fills a piece is read to where it is wanted.
+        if (pieceAt_ == pieceLen_ && count - got >= kPieceLen) {
+            const ssize_t n = fetch(bytes + got, count - got);
+            return n < 0 ? n : static_cast<ssize_t>(got) + n;
+        }
+        const unsigned char* from = nullptr;
+        const ssize_t n = next(&from);
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        const std::size_t part = std::min(static_cast<std::size_t>(n), count - got);
+        std::memcpy(bytes + got, from, part);
+        pieceAt_ -= static_cast<std::size_t>(n) - part;
+        got += part;
+    }
     return static_cast<ssize_t>(got);
 }
 
@@ -91,11 +123,9 @@ bool BlobReader::read_tail(unsigned char* tail, std::size_t len)
 
 bool BlobReader::verified()
 {
-    std::array<unsigned char, kDrainLen> rest;
     ssize_t n = 1;
     while (n > 0)
-        n = read(rest.data(), rest.size());
-    aside_.finish();
+        n = fetch(piece_.get(), kPieceLen);
     return n == 0 && at_ == size_ && hash_.matches() &&
            std::memcmp(tail_.data(), tailAhead_.data(), tailLen_) == 0;
 }

@@ -5,7 +5,6 @@
 #define ZNCBLOB_HPP
 
 #include "zncDigest.hpp"
-#include "zncDigestTask.hpp"
 
 #include <array>
 #include <cstddef>
@@ -29,6 +28,9 @@ class BlobReader {
     // The next `count` bytes; fewer only at the end, which is where the file ended when it was
     // opened. -1 on error.
     ssize_t read(void* buffer, std::size_t count);
+    // The next bytes in place, as many as there are in memory, valid until the next call: their
+    // number, 0 at the end, -1 on error.
+    ssize_t next(const unsigned char** bytes);
 
     static constexpr std::size_t kTailMax = 4;
     // The last `len` bytes, up to kTailMax, ahead of their turn. verified() compares them with what
@@ -39,16 +41,17 @@ class BlobReader {
     [[nodiscard]] bool verified();
 
   private:
-    void hash(const void* bytes, std::size_t len);
+    ssize_t fetch(unsigned char* bytes, std::size_t count);
     void note_tail(const unsigned char* bytes, std::size_t len);
 
     UniqueFd fd_;
     std::size_t size_ = 0;
-    std::size_t at_ = 0;
+    std::size_t at_ = 0; // what was read of the file, and hashed
     const char* digest_ = nullptr;
     RunningDigest hash_;
-    DigestTask aside_;   // for most of a large file
-    bool alone_ = false; // there was none to be had
+    MallocPtr<unsigned char[]> piece_; // of the file, the last one read
+    std::size_t pieceAt_ = 0;          // what was taken of it
+    std::size_t pieceLen_ = 0;
     std::size_t tailLen_ = 0;
     std::array<unsigned char, kTailMax> tailAhead_ = {};
     std::array<unsigned char, kTailMax> tail_ = {};

@@ -1,29 +1,19 @@
 #include "zncContainerLib.hpp"
-#include "zncContextIndex.hpp"
+#include "zncContainerTable.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/ns.h"
 #include "zarnel/task.h"
 
-#include <cstddef>
-
 namespace {
 
-using znc::fail_with;
+using znc::fail;
 using znc::LockedContext;
 
-constexpr std::size_t kIdCompared = znc::ContextIndex::kIdCompared;
 constexpr std::size_t kIdBuffer = 256;
 constexpr int kListWaitSeconds = 5;
 constexpr int kSignalKill = 9;
 constexpr int16_t kSpawnFlags = 0x180;
-
-static_assert(offsetof(CONTAINER_CTX, containerNode) == 0, "a node is its context");
-
-CONTAINER_CTX* context_of(SL_NODE* node)
-{
-    return reinterpret_cast<CONTAINER_CTX*>(node);
-}
 
 class ListLock {
   public:
@@ -41,16 +31,8 @@ class ListLock {
     bool held_;
 };
 
-// What is on the list, for look-ups by identity. The caller of what uses it holds the list.
-znc::ContextIndex list_index;
-
-CONTAINER_CTX* find_by_bundle(const char* bundle)
-{
-    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next)
-        if (std::strncmp(context_of(node)->state.bundlePath, bundle, znc::kPathMax) == 0)
-            return context_of(node);
-    return nullptr;
-}
+// The caller of what uses it holds the list.
+znc::ContainerTable containers(zncContainersList);
 
 CONTAINER_CTX* lock_if_free(CONTAINER_CTX* ctx)
 {
@@ -69,18 +51,6 @@ LockedContext lock_existing(const char* containerId)
     if (!ctx)
         errno = ENODEV;
     return ctx;
-}
-
-void unlink_node(SL_NODE* node)
-{
-    CONTAINER_CTX* const neighbour = list_index.remove(context_of(node));
-    SL_NODE* const before = neighbour != nullptr ? &neighbour->containerNode : nullptr;
-    if (before == nullptr)
-        zncContainersList.head = node->next;
-    else
-        before->next = node->next;
-    if (zncContainersList.tail == node)
-        zncContainersList.tail = before;
 }
 
 } // namespace
@@ -141,7 +111,8 @@ CONTAINER_CTX* zncContainerFindAndLock(const char* matchName, BOOL isBundle)
     const ListLock list;
     if (!list)
         return nullptr;
-    return lock_if_free(isBundle ? find_by_bundle(matchName) : list_index.find(matchName));
+    return lock_if_free(isBundle ? containers.find_by_bundle(matchName)
+                                 : containers.find(matchName));
 }
 
 CONTAINER_CTX* zncContainerFindAndLockById(const char* containerId)
@@ -166,20 +137,7 @@ void zncContainerUnlock(CONTAINER_CTX* pCtx)
 STATUS zncContainerAdd(CONTAINER_CTX* pCtx)
 {
     const ListLock list;
-    if (!list)
-        return ERROR;
-    if (list_index.find(pCtx->state.containerId) != nullptr)
-        return fail_with(S_zncLib_CONTAINER_EXISTS);
-    if (list_index.append(pCtx) != OK)
-        return ERROR;
-    SL_NODE* const node = &pCtx->containerNode;
-    node->next = nullptr;
-    if (zncContainersList.tail != nullptr)
-        zncContainersList.tail->next = node;
-    else
-        zncContainersList.head = node;
-    zncContainersList.tail = node;
-    return OK;
+    return list ? containers.add(pCtx) : ERROR;
 }
 
 STATUS zncContainerRemove(CONTAINER_CTX* pCtx)
@@ -188,7 +146,7 @@ STATUS zncContainerRemove(CONTAINER_CTX* pCtx)
         const ListLock list;
         if (!list)
             return ERROR;
-        unlink_node(&pCtx->containerNode);
+        containers.remove(pCtx);
     }
     // Left where taking it apart failed: nobody would come back for it.
     znc::drop_namespace(pCtx);
@@ -211,8 +169,7 @@ STATUS zncContainerInit()
 {
     if (isInitialized)
         return OK;
-    zncContainersList = {nullptr, nullptr};
-    list_index.clear();
+    containers.clear();
     zncContainerSem = znMutexCreate(znc::kMutexOptions);
     if (zncContainerSem == nullptr)
         return ERROR;
@@ -223,12 +180,12 @@ STATUS zncContainerInit()
 STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param)
 {
     if (param == nullptr)
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     const LockedContext ctx = lock_existing(containerId);
     if (!ctx)
         return ERROR;
     if (ctx->state.status != STATE_CREATED)
-        return fail_with(EBUSY);
+        return fail(EBUSY);
     const runtimeSpecConfigZarnel& zarnel = *ctx->pConfig->zarnel;
     const runtimeSpecConfigProcess& process = *ctx->pConfig->process;
     param->appPath = ctx->appPath;
@@ -266,17 +223,17 @@ STATUS zncContainerDelete(const char* containerId, unsigned int option)
     if (!ctx)
         return ERROR;
     if (ctx->state.status == STATE_CREATING)
-        return fail_with(EBUSY);
+        return fail(EBUSY);
     if (zncContainerCheckRunning(ctx.get())) {
         if ((option & ZNC_OPT_WHOLE_NAMESPACE) == 0)
-            return fail_with(EBUSY);
+            return fail(EBUSY);
         // Not awaited: taking the namespace apart ends whatever is still dying in it.
         if (znnsKill(ctx->nsId, kSignalKill) != OK)
             return ERROR;
     }
     if (zncContainerUmount(ctx.get()) != OK) {
         znc::send_progress("Unmount failed containerId: %s", containerId);
-        return fail_with(S_zncLib_UNMOUNT_FAILED);
+        return fail(S_zncLib_UNMOUNT_FAILED);
     }
     if (zncContainerRemove(ctx.get()) != OK)
         return ERROR;
@@ -298,13 +255,13 @@ STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle)
 STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState)
 {
     if (containerId == nullptr || pState == nullptr)
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     const ListLock list;
     if (!list)
         return ERROR;
-    const LockedContext ctx(lock_if_free(list_index.find(containerId)));
+    const LockedContext ctx(lock_if_free(containers.find(containerId)));
     if (!ctx)
-        return fail_with(ENODEV);
+        return fail(ENODEV);
     zncContainerCheckRunning(ctx.get());
     *pState = ctx->state;
     return OK;
@@ -319,15 +276,9 @@ BOOL zncContainerNext(char* containerId)
     const ListLock list;
     if (!list)
         return FALSE;
-    const char* least = nullptr;
-    for (SL_NODE* node = zncContainersList.head; node != nullptr; node = node->next) {
-        const char* const id = context_of(node)->state.containerId;
-        if (std::strncmp(id, containerId, kIdCompared) > 0 &&
-            (least == nullptr || std::strncmp(id, least, kIdCompared) < 0))
-            least = id;
-    }
-    if (least == nullptr)
+    const CONTAINER_CTX* const next = containers.next(containerId);
+    if (next == nullptr)
         return FALSE;
-    znc::copy_end(containerId, containerId + kIdBuffer, least);
+    znc::copy_end(containerId, containerId + kIdBuffer, next->state.containerId);
     return TRUE;
 }

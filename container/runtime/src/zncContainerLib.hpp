@@ -9,6 +9,7 @@
 #ifndef ZNCCONTAINERLIB_HPP
 #define ZNCCONTAINERLIB_HPP
 
+#include "base/failure.hpp"
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
 #include "zncontainer.h"
@@ -93,12 +94,6 @@ void drop_namespace(CONTAINER_CTX* ctx);
 
 // zncSendMsg at level 1, for constant formats. Keeps errno.
 void send_progress(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-inline STATUS fail_with(int code) noexcept
-{
-    errno = code;
-    return ERROR;
-}
 
 } // namespace znc
 

@@ -1,11 +1,15 @@
 // Making a container: from a bundle directory to an entry of the registry.
+#include "zncBundleLayers.hpp"
+
+#include "base/failure.hpp"
 #include "zncContainerLib.hpp"
+#include "zncRuntimeSpec_members.hpp"
 
 #include "zarnel/fs.h"
 
 namespace {
 
-using znc::fail_with;
+using znc::fail;
 using znc::LockedContext;
 
 // Undoes an unfinished create; the reason of the failure stays in errno.
@@ -20,21 +24,16 @@ struct ContextRollback {
 };
 using NewContext = std::unique_ptr<CONTAINER_CTX, ContextRollback>;
 
-bool is_missing(const char* text)
-{
-    return text == nullptr || text[0] == '\0';
-}
-
 STATUS check_conflicts(const char* containerId, const char* bundlePath)
 {
     if (const LockedContext same(zncContainerFindAndLockById(containerId)); same)
-        return fail_with(S_zncLib_CONTAINER_EXISTS);
+        return fail(S_zncLib_CONTAINER_EXISTS);
     // With the overlay filesystem each container writes into its own layer above the bundle.
     if (zncOvlFsAvailable())
         return OK;
     if (const LockedContext user(zncContainerFindAndLockByBundle(bundlePath)); user) {
         znc::send_progress("The bundle '%s' is already in use.", bundlePath);
-        return fail_with(S_zncLib_BUNDLE_IN_USE);
+        return fail(S_zncLib_BUNDLE_IN_USE);
     }
     return OK;
 }
@@ -45,13 +44,13 @@ STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
     char* const end = path + sizeof ctx->state.bundlePath;
     if (znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath) == end ||
         znPathAppend(path, sizeof ctx->state.bundlePath, "config.json") == end)
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     ctx->pConfig = zncInitializeRuntimeSpec(path);
     if (ctx->pConfig == nullptr) {
         if (errno != ENOENT)
-            return fail_with(S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
+            return fail(S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
         znc::send_progress("OCI bundle config.json not exists in %s", bundlePath);
-        return fail_with(S_zncLib_BUNDLE_CONFIG_NOT_EXIST);
+        return fail(S_zncLib_BUNDLE_CONFIG_NOT_EXIST);
     }
     path[0] = '\0';
     znPathAppend(path, sizeof ctx->state.bundlePath, bundlePath);
@@ -61,11 +60,12 @@ STATUS load_config(CONTAINER_CTX* ctx, const char* bundlePath)
 STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
 {
     CONTAINER_STATE& state = ctx->state;
-    if (is_missing(ctx->pConfig->version))
-        return fail_with(S_zncLib_OCI_VERSION_INVALID);
-    char* const ver_end = state.ver + sizeof state.ver;
-    if (znc::copy_end(state.ver, ver_end, ctx->pConfig->version) == ver_end)
-        return fail_with(EINVAL);
+    const char* const version = ctx->pConfig->version;
+    if (!znc::is_spec_path(version))
+        return fail(S_zncLib_OCI_VERSION_INVALID);
+    if (!znc::is_spec_version(version))
+        return fail(EINVAL);
+    znc::copy_end(state.ver, state.ver + sizeof state.ver, version);
     // One character less than a valid id may have is kept.
     znc::copy_end(state.containerId, state.containerId + sizeof state.containerId, containerId);
     return OK;
@@ -73,14 +73,31 @@ STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
 
 STATUS check_config(const runtimeSpecConfig& config)
 {
-    if (config.root == nullptr || is_missing(config.root->path))
-        return fail_with(S_zncLib_OCI_ROOT_INVALID);
+    if (config.root == nullptr || !znc::is_spec_path(config.root->path))
+        return fail(S_zncLib_OCI_ROOT_INVALID);
     const runtimeSpecConfigProcess* const process = config.process;
-    if (process == nullptr || is_missing(process->cwd) || !pathIsSep(process->cwd[0]))
-        return fail_with(S_zncLib_OCI_CWD_INVALID);
-    if (is_missing(process->args[0]))
-        return fail_with(S_zncLib_OCI_ARG_INVALID);
+    if (process == nullptr || !znc::is_spec_absolute_path(process->cwd))
+        return fail(S_zncLib_OCI_CWD_INVALID);
+    if (!znc::is_spec_path(process->args[0]))
+        return fail(S_zncLib_OCI_ARG_INVALID);
     return OK;
+}
+
+// The root may have become another image's since the bundle was unpacked (zncBundleLayers).
+STATUS check_root(const CONTAINER_CTX* ctx)
+{
+    const char* const root = ctx->pConfig->root->path;
+    if (znc::check_bundle_layers(ctx->state.bundlePath, root) == OK)
+        return OK;
+    if (errno == ESTALE)
+        znc::send_progress("The root is made of other layers than the bundle was unpacked from; "
+                           "unpack the image again: %s",
+                           root);
+    else
+        znc::send_progress("The layers of the root cannot be compared with those that the bundle "
+                           "was unpacked from: %s",
+                           root);
+    return znc::fail(S_zncLib_ROOTFS_CREATE_FAILED);
 }
 
 // Mounts the container and puts it on the list. Its mutex is held until its state is complete, so
@@ -107,7 +124,7 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
                           [[maybe_unused]] unsigned int option, [[maybe_unused]] ZNC_ATTR* pAttr)
 {
     if (!isInitialized || !zncContainerIdValid(containerId) || !zncBundlePathValid(bundlePath))
-        return fail_with(EINVAL);
+        return fail(EINVAL);
     if (check_conflicts(containerId, bundlePath) != OK)
         return ERROR;
     NewContext ctx(znc::malloc_zeroed<CONTAINER_CTX>().release());
@@ -116,7 +133,8 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
     ctx->state.status = STATE_CREATING;
     ctx->nsId = -1;
     if (load_config(ctx.get(), bundlePath) != OK || set_identity(ctx.get(), containerId) != OK ||
-        check_config(*ctx->pConfig) != OK || mount_and_register(ctx.get()) != OK)
+        check_config(*ctx->pConfig) != OK || check_root(ctx.get()) != OK ||
+        mount_and_register(ctx.get()) != OK)
         return ERROR;
     static_cast<void>(ctx.release()); // the list has it
     return OK;

@@ -2,7 +2,7 @@
 // directory or an overlay device above it is asked afresh in every call.
 #include "zncContainerLib.hpp"
 #include "zncTrash.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include "zarnel/fs.h"
 #include "zarnel/ns.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-using znc::fail_with;
+using znc::fail;
 using znc::kPathMax;
 using PathBuffer = znc::MallocPtr<char[]>;
 
@@ -58,7 +58,7 @@ STATUS upper_path(const char* containerId, char* path)
     char* const end = path + kPathMax;
     char* const out = znPathAppend(path, kPathMax, containerId);
     if (static_cast<std::size_t>(end - out) < sizeof kUpperDir)
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     znc::copy_end(out, end, kUpperDir);
     return OK;
 }
@@ -86,7 +86,7 @@ STATUS remove_old_files(const char* device, char* upper)
     STATUS result = OK;
     struct stat st;
     if (::lstat(upper, &st) == 0 && S_ISDIR(st.st_mode))
-        result = znOvlDevInUse(device) != FALSE ? fail_with(EEXIST) : delete_container_dir(upper);
+        result = znOvlDevInUse(device) != FALSE ? fail(EEXIST) : delete_container_dir(upper);
     *slash = '/';
     return result;
 }
@@ -102,7 +102,7 @@ STATUS create_device(CONTAINER_CTX* ctx, const char* device, char* upper)
         if (!bundle_root)
             return ERROR;
         if (!bundle_root_path(ctx, bundle_root.get()))
-            return fail_with(S_zncLib_BUNDLE_PATH_TOO_LONG);
+            return fail(S_zncLib_BUNDLE_PATH_TOO_LONG);
         lower = bundle_root.get();
     }
     const char* layers[] = {upper, lower};
@@ -117,16 +117,16 @@ STATUS make_root(CONTAINER_CTX* ctx, char* root)
 {
     if (zncContainerRootfsCreate(ctx, root) != OK) {
         znc::send_progress("Container rootfs create failed : %s", root);
-        return fail_with(S_zncLib_ROOTFS_CREATE_FAILED);
+        return fail(S_zncLib_ROOTFS_CREATE_FAILED);
     }
     if (zncContainerAppPathSet(ctx, root) != OK)
-        return fail_with(S_zncLib_OCI_ARG_INVALID);
+        return fail(S_zncLib_OCI_ARG_INVALID);
     const nsid_t ns = znnsCreate(kNamespaceFlags);
     if (ns == -1)
-        return fail_with(S_zncLib_NAMESPACE_CREATE_FAILED);
+        return fail(S_zncLib_NAMESPACE_CREATE_FAILED);
     ctx->nsId = ns;
     if (znnsRootfsCreate(ns, root, ctx->state.containerId) != OK)
-        return fail_with(S_zncLib_ROOTFS_CREATE_FAILED);
+        return fail(S_zncLib_ROOTFS_CREATE_FAILED);
     return OK;
 }
 
@@ -170,7 +170,7 @@ STATUS undo_root(CONTAINER_CTX* ctx)
     char* const root = buffer.get();
     const bool overlay = overlay_available();
     if (!(overlay ? device_path(ctx, root) : bundle_root_path(ctx, root)))
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     if (ctx->nsId == -1)
         return ERROR;
     STATUS result = umount_all(ctx, root);
@@ -201,14 +201,14 @@ STATUS zncContainerMount(CONTAINER_CTX* pCtx)
     if (mounts == nullptr || mount_all(pCtx, root.get(), *mounts) == OK)
         return OK;
     zncContainerUmount(pCtx);
-    return fail_with(S_zncLib_ADDITIONAL_MOUNT_FAILED);
+    return fail(S_zncLib_ADDITIONAL_MOUNT_FAILED);
 }
 
 STATUS zncContainerRootfsCreate(CONTAINER_CTX* pCtx, char* pRootfsPath)
 {
     if (overlay_available())
         return zncContainerOvlfsRootfsCreate(pCtx, pRootfsPath);
-    return bundle_root_path(pCtx, pRootfsPath) ? OK : fail_with(S_zncLib_BUNDLE_PATH_TOO_LONG);
+    return bundle_root_path(pCtx, pRootfsPath) ? OK : fail(S_zncLib_BUNDLE_PATH_TOO_LONG);
 }
 
 STATUS zncContainerOvlfsRootfsCreate(CONTAINER_CTX* pCtx, char* rootfsPath)
@@ -217,7 +217,7 @@ STATUS zncContainerOvlfsRootfsCreate(CONTAINER_CTX* pCtx, char* rootfsPath)
     if (!upper || upper_path(pCtx->state.containerId, upper.get()) != OK)
         return ERROR;
     if (!device_path(pCtx, rootfsPath))
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     return create_device(pCtx, rootfsPath, upper.get());
 }
 
@@ -260,6 +260,6 @@ STATUS zncContainerRemoveUpLayer(char* buffer, size_t bufferLen, const char* con
     if (zncBasePathGet(buffer, kPathMax, ZNC_CONTAINERS_PATH) == 0)
         return ERROR;
     if (znPathAppend(buffer, bufferLen, containerId) == buffer + bufferLen)
-        return fail_with(ENAMETOOLONG);
+        return fail(ENAMETOOLONG);
     return delete_container_dir(buffer);
 }

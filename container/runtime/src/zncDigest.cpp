@@ -3,77 +3,16 @@
 
 #include "base/file.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-
-#include <mbedtls/sha256.h>
-#include <mbedtls/sha512.h>
-#include <mbedtls/version.h>
-
-// Before 3.0 the calls that report a failure have a name of their own.
-#if MBEDTLS_VERSION_NUMBER < 0x03000000
-#define mbedtls_sha256_starts mbedtls_sha256_starts_ret
-#define mbedtls_sha256_update mbedtls_sha256_update_ret
-#define mbedtls_sha256_finish mbedtls_sha256_finish_ret
-#define mbedtls_sha512_starts mbedtls_sha512_starts_ret
-#define mbedtls_sha512_update mbedtls_sha512_update_ret
-#define mbedtls_sha512_finish mbedtls_sha512_finish_ret
-#endif
 
 namespace {
 
 constexpr std::size_t kReadLen = 1024;
 
-class Sha256 {
-  public:
-    static constexpr std::size_t kLen = znc::kSha256Len;
-    Sha256()
-    {
-        mbedtls_sha256_init(&ctx_);
-        ok_ = mbedtls_sha256_starts(&ctx_, 0) == 0;
-    }
-    ~Sha256() { mbedtls_sha256_free(&ctx_); }
-    Sha256(const Sha256&) = delete;
-    Sha256& operator=(const Sha256&) = delete;
-
-    void update(const void* data, std::size_t len)
-    {
-        ok_ =
-            ok_ && mbedtls_sha256_update(&ctx_, static_cast<const unsigned char*>(data), len) == 0;
-    }
-    bool finish(unsigned char* out) { return ok_ && mbedtls_sha256_finish(&ctx_, out) == 0; }
-
-  private:
-    mbedtls_sha256_context ctx_;
-    bool ok_;
-};
-
-class Sha512 {
-  public:
-    static constexpr std::size_t kLen = znc::kSha512Len;
-    Sha512()
-    {
-        mbedtls_sha512_init(&ctx_);
-        ok_ = mbedtls_sha512_starts(&ctx_, 0) == 0;
-    }
-    ~Sha512() { mbedtls_sha512_free(&ctx_); }
-    Sha512(const Sha512&) = delete;
-    Sha512& operator=(const Sha512&) = delete;
-
-    void update(const void* data, std::size_t len)
-    {
-        ok_ =
-            ok_ && mbedtls_sha512_update(&ctx_, static_cast<const unsigned char*>(data), len) == 0;
-    }
-    bool finish(unsigned char* out) { return ok_ && mbedtls_sha512_finish(&ctx_, out) == 0; }
-
-  private:
-    mbedtls_sha512_context ctx_;
-    bool ok_;
-};
-
 // Feeds `size` bytes of the file to `hash`; false when a read fails or the file ends before.
-template <class Hash> bool hash_file(Hash& hash, int fd, off_t size)
+bool hash_file(znc::Digest& hash, int fd, off_t size)
 {
     const auto buffer = znc::malloc_array<unsigned char>(kReadLen);
     if (!buffer)
@@ -84,7 +23,7 @@ template <class Hash> bool hash_file(Hash& hash, int fd, off_t size)
             continue;
         if (n <= 0)
             return false;
-        hash.update(buffer.get(), static_cast<std::size_t>(n));
+        hash.add(buffer.get(), static_cast<std::size_t>(n));
         size -= n;
     }
     return true;
@@ -99,41 +38,25 @@ void parse_hex(unsigned char* out, std::size_t len, const char* text)
     }
 }
 
-template <class Hash> STATUS validate(const char* file_name, const char* digest)
+STATUS validate(znc::DigestAlgorithm algorithm, const char* file_name, const char* digest)
 {
-    constexpr std::size_t digits = 2 * Hash::kLen;
+    znc::Digest hash(algorithm);
+    const std::size_t digits = 2 * hash.size();
     if (file_name == nullptr || digest == nullptr || ::strnlen(digest, digits) != digits)
         return ERROR;
     struct stat st = {};
     const znc::UniqueFd fd = znc::open_regular(file_name, &st);
     if (!fd)
         return ERROR;
-    Hash hash;
-    std::array<unsigned char, Hash::kLen> have = {};
-    std::array<unsigned char, Hash::kLen> want = {};
+    std::array<unsigned char, znc::Digest::kMax> have = {};
+    std::array<unsigned char, znc::Digest::kMax> want = {};
     if (!hash_file(hash, fd.get(), st.st_size) || !hash.finish(have.data()))
         return ERROR;
-    parse_hex(want.data(), want.size(), digest);
+    parse_hex(want.data(), hash.size(), digest);
     return have == want ? OK : ERROR;
 }
 
 } // namespace
-
-// Both algorithms' contexts: one is used.
-struct znc::RunningDigest::State {
-    mbedtls_sha256_context narrow;
-    mbedtls_sha512_context wide;
-    bool isWide;
-    bool good;
-    std::array<unsigned char, kSha512Len> want;
-};
-
-void znc::RunningDigest::StateDeleter::operator()(State* state) const noexcept
-{
-    const MallocPtr<State> memory(state);
-    mbedtls_sha256_free(&state->narrow);
-    mbedtls_sha512_free(&state->wide);
-}
 
 const char* znc::digest_digits(const char* digest, char (&buffer)[kDigestTextMax], bool* wide)
 {
@@ -147,49 +70,36 @@ const char* znc::digest_digits(const char* digest, char (&buffer)[kDigestTextMax
     const char* const digits = algorithm != nullptr ? ::strtok_r(nullptr, ":", &rest) : nullptr;
     if (digits == nullptr)
         return nullptr;
-    *wide = std::strcmp(algorithm, "sha512") == 0;
-    return *wide || std::strcmp(algorithm, "sha256") == 0 ? digits : nullptr;
+    const auto known = digest_algorithm(algorithm);
+    *wide = known == DigestAlgorithm::kSha512;
+    return known ? digits : nullptr;
 }
 
 bool znc::RunningDigest::start(const char* digest)
 {
-    state_.reset();
+    hash_.reset();
     char buffer[kDigestTextMax];
     bool wide = false;
     const char* const digits = digest_digits(digest, buffer, &wide);
     const std::size_t len = wide ? kSha512Len : kSha256Len;
     if (digits == nullptr || ::strnlen(digits, 2 * len) != 2 * len)
         return false;
-    state_.reset(malloc_zeroed<State>().release());
-    if (!state_)
-        return false;
-    mbedtls_sha256_init(&state_->narrow);
-    mbedtls_sha512_init(&state_->wide);
-    parse_hex(state_->want.data(), len, digits);
-    state_->isWide = wide;
-    state_->good = wide ? mbedtls_sha512_starts(&state_->wide, 0) == 0
-                        : mbedtls_sha256_starts(&state_->narrow, 0) == 0;
-    return state_->good;
+    want_ = {};
+    parse_hex(want_.data(), len, digits);
+    hash_.emplace(wide ? DigestAlgorithm::kSha512 : DigestAlgorithm::kSha256);
+    return true;
 }
 
 void znc::RunningDigest::update(const void* data, std::size_t len) noexcept
 {
-    if (!state_ || !state_->good)
-        return;
-    const auto* const bytes = static_cast<const unsigned char*>(data);
-    state_->good = state_->isWide ? mbedtls_sha512_update(&state_->wide, bytes, len) == 0
-                                  : mbedtls_sha256_update(&state_->narrow, bytes, len) == 0;
+    if (hash_)
+        hash_->add(data, len);
 }
 
 bool znc::RunningDigest::matches() noexcept
 {
-    if (!state_ || !state_->good)
-        return false;
-    state_->good = false; // it ends here
-    std::array<unsigned char, kSha512Len> have = {};
-    const int failed = state_->isWide ? mbedtls_sha512_finish(&state_->wide, have.data())
-                                      : mbedtls_sha256_finish(&state_->narrow, have.data());
-    return failed == 0 && have == state_->want;
+    std::array<unsigned char, Digest::kMax> have = {};
+    return hash_ && hash_->finish(have.data()) && have == want_;
 }
 
 bool znc::has_digest(const void* data, std::size_t len, const char* digest)
@@ -204,18 +114,18 @@ bool znc::has_digest(const void* data, std::size_t len, const char* digest)
 bool znc::chain_digest(std::uint8_t (&chain)[kSha256Len], std::string_view prefix,
                        std::string_view hex)
 {
-    Sha256 hash;
-    hash.update(prefix.data(), prefix.size());
-    hash.update(hex.data(), hex.size());
+    Digest hash;
+    hash.add(prefix.data(), prefix.size());
+    hash.add(hex.data(), hex.size());
     return hash.finish(chain);
 }
 
 STATUS validateSha256(const char* fileName, const char* digest)
 {
-    return validate<Sha256>(fileName, digest);
+    return validate(znc::DigestAlgorithm::kSha256, fileName, digest);
 }
 
 STATUS validateSha512(const char* fileName, const char* digest)
 {
-    return validate<Sha512>(fileName, digest);
+    return validate(znc::DigestAlgorithm::kSha512, fileName, digest);
 }

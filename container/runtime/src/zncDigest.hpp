@@ -1,19 +1,18 @@
 // zncDigest.hpp - SHA-256 and SHA-512: files and documents against the digests that name them, and
-// the chain identifier of a stack of layers. Used by the image reader and the store. All calls of
-// Mbed TLS are in zncDigest.cpp.
+// the chain identifier of a stack of layers. Used by the image reader and the store.
 #ifndef ZNCDIGEST_HPP
 #define ZNCDIGEST_HPP
 
+#include "format/digest.hpp"
 #include "zncOwned.hpp"
 #include "zncontainer.h"
 
+#include <array>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace znc {
-
-inline constexpr std::size_t kSha256Len = 32;
-inline constexpr std::size_t kSha512Len = 64;
 
 inline constexpr std::size_t kDigestTextMax = 256; // characters of a digest that are looked at
 
@@ -27,19 +26,15 @@ class RunningDigest {
     RunningDigest() = default;
 
     // Begins again, for a digest as an image writes it ("sha256:" or "sha512:" and its digits, in
-    // whatever case; characters behind them do not count). False: it is none, or memory is short
-    // (ENOMEM).
+    // whatever case; characters behind them do not count). False: it is none.
     [[nodiscard]] bool start(const char* digest);
     void update(const void* data, std::size_t len) noexcept;
     // Ends the computation: whether everything since start() has the digest.
     [[nodiscard]] bool matches() noexcept;
 
   private:
-    struct State;
-    struct StateDeleter {
-        void operator()(State* state) const noexcept;
-    };
-    std::unique_ptr<State, StateDeleter> state_;
+    std::optional<Digest> hash_; // nothing: not started
+    std::array<unsigned char, Digest::kMax> want_ = {};
 };
 
 // Whether the bytes in memory have the digest.

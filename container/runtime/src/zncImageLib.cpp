@@ -3,8 +3,9 @@
 #include "zncImageLib.hpp"
 
 #include "zarnel/fs.h"
+#include "zarnel/overlay.h"
 #include "zncStoreTree.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 #include "zncUnpackStore.hpp"
 
 #include <cstring>
@@ -56,12 +57,34 @@ bool layer_names(const ZNC_IMAGE_MANIFEST& manifest, znc::TextList* names)
     return added;
 }
 
-// From here on whoever collects the store knows that the bundle needs its root and these layers. A
-// record is of no use before the bundle has its configuration, and is needed from then on.
-STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
-                     const znc::TextList& layers)
+// Whether the kernel takes the layers as one stack, in which one that is there twice counts once.
+// Asked before they are extracted: the answer of the device would come after all the work.
+bool can_be_stacked(const ZNC_IMAGE_MANIFEST& manifest)
 {
-    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers) : OK;
+    const int most = static_cast<int>(znOvlDirsMax());
+    if (manifest.manifestLayersCount <= most)
+        return true;
+    znc::TextList names;
+    int distinct = 0;
+    for (int i = 0; i < manifest.manifestLayersCount && distinct <= most; ++i) {
+        const char* const name = znc::last_component(manifest.manifestLayers[i].layerFileName);
+        if (names.contains(name))
+            continue;
+        if (!names.add(name))
+            return false;
+        ++distinct;
+    }
+    return distinct <= most;
+}
+
+// From here on whoever collects the store knows that the bundle needs its root and `stored` layers,
+// and whoever makes a container of it what its root is made of. The records are of no use before
+// the bundle has its configuration, and are needed from then on.
+STATUS record_bundle(OCI_IMAGE* image, const char* bundle, const char* root, std::string_view base,
+                     const znc::TextList& layers, const znc::TextList& stored)
+{
+    return image->store != nullptr ? image->store->record.write(base, bundle, root, layers, stored)
+                                   : OK;
 }
 
 STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const LayerPaths& layers,
@@ -70,17 +93,20 @@ STATUS layered_root(OCI_IMAGE* image, const char* bundle, char* root, const Laye
     const std::size_t len = zncBasePathGet(root, znc::kPathMax, ZNC_LAYER_PATH);
     const znc::PathText area = len != 0 ? znc::path_in({root, len}, "") : nullptr;
     znc::TextList names;
+    if (area && count > 1 && !can_be_stacked(*znc::chosen_manifest(image)))
+        return fail(EINVAL); // as the kernel
     if (!area || zncImageExtractLayersEx(image, root, len, layers.get()) != OK ||
         !layer_names(*znc::chosen_manifest(image), &names))
         return ERROR;
     const std::string_view base = znc::store_base({area.get(), len});
-    if (count < 2)
-        return compose(root, layers.get()[0], "") ? record_bundle(image, bundle, root, base, names)
-                                                  : fail(ENAMETOOLONG);
+    if (count < 2) // a root whose own name is the digest of what it holds
+        return compose(root, layers.get()[0], "")
+                   ? record_bundle(image, bundle, root, base, znc::TextList(), names)
+                   : fail(ENAMETOOLONG);
     // Before there is a device: one that nobody remembered would stay for ever.
     char chain[znc::kChainIdTextLen];
     if (zncImageGetStringChainID(image, chain) != OK || !compose(root, kOverlayDir, chain) ||
-        record_bundle(image, bundle, root, base, names) != OK)
+        record_bundle(image, bundle, root, base, names, names) != OK)
         return ERROR;
     return zncCreateOciStRootfs(image, root, const_cast<const char**>(layers.get()),
                                 static_cast<std::uint32_t>(count));
@@ -119,7 +145,7 @@ STATUS flattened_root(OCI_IMAGE* image, const char* bundle, char* root)
     if (!layer_names(*znc::chosen_manifest(image), &layers) ||
         lock.take(znc::store_base(area)) != OK || flatten(image, area, root, layers) != OK)
         return ERROR;
-    return record_bundle(image, bundle, root, znc::store_base(area), znc::TextList());
+    return record_bundle(image, bundle, root, znc::store_base(area), layers, znc::TextList());
 }
 
 STATUS raw_root(OCI_IMAGE* image, const char* bundle, char* root)
@@ -137,8 +163,11 @@ STATUS configure(OCI_IMAGE* image, const char* bundle, int type, const char* roo
     if (type == RAW_ROOTFS && znFsSync(bundle) != OK)
         return ERROR;
     errno = 0; // a path too long has no number here
-    if (!compose(path, bundle, "/config.json") ||
-        zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
+    if (!compose(path, bundle, "/config.json"))
+        return ERROR;
+    if (image->store != nullptr && image->store->record.bundle_was_there())
+        return fail(S_zncLib_BUNDLE_CONFIG_EXISTS);
+    if (zncCreateOciBundleConfig(image, path, root) != OK || znDirSync(bundle) != OK)
         return ERROR;
     if (image->store != nullptr)
         image->store->record.keep();
@@ -164,12 +193,12 @@ STATUS fill_bundle(OCI_IMAGE* image, const char* bundle, int type, char* path)
     return ERROR;
 }
 
-// How many layers an image can have whose layers go into the store.
+// How many layers an image can have whose layers are extracted ahead, into the store.
 std::size_t stored_layers_max(int type)
 {
     switch (type) {
     case LAYERED_ROOTFS:
-        return SIZE_MAX;
+        return znOvlDirsMax();
     case FLATTENDED_ROOTFS:
         return 1;
     default:
@@ -203,6 +232,13 @@ const char* zncDefaultTag()
 STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                       unsigned int option, const ZNC_BUNDLE_ATTR* pAttr)
 {
+    return zncUnpackDirs(bundlePath, ociPath, tag, option, pAttr, nullptr, nullptr);
+}
+
+STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
+                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
+                     void* context)
+{
     if (bundlePath == nullptr || ociPath == nullptr)
         return fail(EINVAL);
     const int type = zncImageRootfsTypeVerify(option);
@@ -216,7 +252,7 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     const znc::OciImagePtr image(zncImageInfoCreate());
     if (!image)
         return ERROR;
-    znc::UnpackStore store(os, arch, name, stored_layers_max(type));
+    znc::UnpackStore store(os, arch, name, stored_layers_max(type), func, context);
     image->store = &store;
     image->ociPath = ociPath;
     if (zncImageParse(image.get()) != OK)
@@ -224,7 +260,10 @@ STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* t
     image->manifestsIndex = zncImageFindManifest(image.get(), os, arch, name);
     if (image->manifestsIndex < 0)
         return ERROR;
-    return zncImageGenerateBundle(image.get(), bundlePath, type);
+    if (zncImageGenerateBundle(image.get(), bundlePath, type) != OK)
+        return ERROR;
+    store.dirs.tell();
+    return OK;
 }
 
 STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int rootfsType)
@@ -236,6 +275,10 @@ STATUS zncImageGenerateBundle(OCI_IMAGE* image, const char* bundlePath, int root
     if (fill_bundle(image, bundlePath, rootfsType, path.get()) == OK)
         return OK;
     const znc::ErrnoSaver keep;
+    // While the bundle's directory is this unpack's: once it is gone, the next one may have written
+    // records of the same names.
+    if (image->store != nullptr)
+        image->store->record.drop();
     // A path too long for the tree delete is too long to have been filled as well.
     if (newCreate && zncImageBundleDelete(bundlePath) != OK)
         ::rmdir(bundlePath);

@@ -6,6 +6,7 @@
 #ifndef ZNCIMAGELIB_HPP
 #define ZNCIMAGELIB_HPP
 
+#include "base/failure.hpp"
 #include "zncDigest.hpp"
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
@@ -138,6 +139,8 @@ BOOL strHasPrefix(const char* s, const char* p); // looks at 256 characters of `
 
 namespace znc {
 
+class TextList;
+
 struct OciImageDeleter {
     void operator()(OCI_IMAGE* image) const noexcept { zncImageInfoDelete(image); }
 };
@@ -151,12 +154,6 @@ inline bool exists(const char* path)
     return ::access(path, F_OK) == 0;
 }
 
-inline STATUS fail(int code)
-{
-    errno = code;
-    return ERROR;
-}
-
 // `key` must outlive the object. A null item is one that could not be made.
 inline bool add(cJSON* object, const char* key, CJsonPtr item)
 {
@@ -166,12 +163,14 @@ inline bool add(cJSON* object, const char* key, CJsonPtr item)
     return true;
 }
 
-// Extract the archive of a layer into the directory `dir`, reading it once:
+// Extract the archive of a layer into the directory `dir` (null: a dry run), reading it once:
 // S_zncLib_MANIFEST_INVALID when what was read is not what `digest` names, whatever else happened.
 // `*verified`, where there is one, tells that too. An archive that is damaged has no number of its
-// own: the task error number is 0 then, whatever it was before.
+// own: the task error number is 0 then, whatever it was before. `*directories`, where there is one,
+// gets those that the archive names; they are worth something when all else is OK.
 STATUS extract_layer(const char* layerFile, const char* digest, const char* dir,
-                     const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
+                     const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
+                     TextList* directories = nullptr);
 
 // The storage base of the directory of its layers or its flattened trees.
 std::string_view store_base(std::string_view layers);

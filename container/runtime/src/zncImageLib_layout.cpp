@@ -198,8 +198,11 @@ class LayerDigests {
     }
 
     // Computes ahead what the descriptors in `layers` name, where they name anything.
-    void start(const cJSON* layers)
+    // ERROR: no memory.
+    STATUS start(const cJSON* layers)
     {
+        if (!find_duplicates(layers))
+            return ERROR;
         constexpr std::int64_t kWorthwhile = 1024 * 1024;
         std::int64_t bytes = 0;
         std::size_t index = 0;
@@ -207,21 +210,39 @@ class LayerDigests {
             bytes += std::clamp<std::int64_t>(
                 cJSON_integer64_value(cJSON_GetObjectItem(item, "size")), 0, kWorthwhile);
         if (bytes < kWorthwhile)
-            return;
+            return OK;
         for (const cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
-            if (!prepare(manifest_.manifestLayers[index], cJSON_GetObjectItem(item, "digest")))
+            if (duplicates_.first(index) != index ||
+                !prepare(manifest_.manifestLayers[index], cJSON_GetObjectItem(item, "digest")))
                 work_.exclude(index);
         work_.start();
+        return OK;
     }
 
     STATUS result(std::size_t index)
     {
-        if (is_verified(image_, manifest_, manifest_.manifestLayers[index].digest))
+        // The results are asked for in order, so that of the first layer that is the same was OK.
+        if (duplicates_.first(index) != index ||
+            is_verified(image_, manifest_, manifest_.manifestLayers[index].digest))
             return OK;
         return ahead_ != nullptr && ahead_->wants(index) ? extracted(index) : work_.result(index);
     }
 
   private:
+    bool find_duplicates(const cJSON* layers)
+    {
+        const cJSON* item = layers->child;
+        return duplicates_.find(next_digest, &item,
+                                static_cast<std::size_t>(manifest_.manifestLayersCount));
+    }
+    // Asked for one index after the other.
+    static const char* next_digest(void* context, std::size_t)
+    {
+        const cJSON*& item = *static_cast<const cJSON**>(context);
+        const char* const text = cJSON_GetStringValue(cJSON_GetObjectItem(item, "digest"));
+        item = item->next;
+        return text;
+    }
     // For who listens this is where the layer is extracted.
     STATUS extracted(std::size_t index)
     {
@@ -260,6 +281,7 @@ class LayerDigests {
 
     const OCI_IMAGE& image_;
     ZNC_IMAGE_MANIFEST& manifest_;
+    znc::Duplicates duplicates_;
     znc::StoreAhead* ahead_ = nullptr; // where the layers are extracted as they are verified
     znc::WorkAhead work_;
 };
@@ -288,7 +310,8 @@ STATUS parse_layer(const char* image_path, ZNC_IMAGE_MANIFEST_LAYERS& layer, cJS
 STATUS parse_each_layer(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, const cJSON* layers)
 {
     LayerDigests digests(image, manifest);
-    digests.start(layers);
+    if (digests.start(layers) != OK)
+        return ERROR;
     std::size_t index = 0;
     for (cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
         if (parse_layer(image.ociPath, manifest.manifestLayers[index], item, digests, index) != OK)

@@ -10,6 +10,7 @@
 #include "zncLayerStage.hpp"
 #include "zncProgress.hpp"
 #include "zncStoreAhead.hpp"
+#include "zncTarDryTree.hpp"
 #include "zncTarLib.hpp"
 #include "zncUnpackStore.hpp"
 #include "zncWorkAhead.hpp"
@@ -65,15 +66,17 @@ bool is_stored(const char* layerDir)
 // disk.
 class StoreJobs {
   public:
-    StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead)
-        : manifest_(manifest), store_(store), ahead_(ahead)
+    StoreJobs(const ZNC_IMAGE_MANIFEST& manifest, std::string_view store, znc::StoreAhead* ahead,
+              znc::UnpackDirs* dirs)
+        : manifest_(manifest), store_(store), ahead_(ahead), dirs_(dirs)
     {
     }
     bool allocate()
     {
         stages_.reset(new (std::nothrow) znc::LayerStage[layer_total(manifest_)]);
-        return stages_ != nullptr;
+        return stages_ != nullptr && duplicates_.find(file_name, this, layer_total(manifest_));
     }
+    [[nodiscard]] const znc::Duplicates& duplicates() const { return duplicates_; }
 
     // The layer's place in the manifest.
     [[nodiscard]] std::size_t index(std::size_t k) const { return layer_total(manifest_) - 1 - k; }
@@ -114,17 +117,45 @@ class StoreJobs {
         std::memcpy(path.get(), store_.data(), store_.size());
         if (layer_directory(file(k), path.get(), store_.size()) != OK)
             return ERROR;
-        if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(index(k), &stages_[k])))
-            return OK;
-        if (stages_[k].fill(file(k), cJSON_GetStringValue(layer(k).digest), store_) == OK)
+        if (duplicates_.last(index(k)) != index(k))
+            return OK; // that one is stored
+        const std::size_t place = duplicates_.first(index(k));
+        if (is_stored(path.get()) || (ahead_ != nullptr && ahead_->take(place, &stages_[k])))
+            return is_listed(place) ? OK : extract_listed(k, place, nullptr);
+        if (stages_[k].make(store_) == OK && extract_listed(k, place, stages_[k].path()) == OK)
             return OK;
         stages_[k].discard();
         return ERROR;
     }
 
+    [[nodiscard]] bool is_listed(std::size_t place) const
+    {
+        return dirs_ == nullptr || !dirs_->wanted() || dirs_->has(place);
+    }
+
+    // `dir`: null for a layer that is there and whose directories nobody knows.
+    STATUS extract_listed(std::size_t k, std::size_t place, const char* dir)
+    {
+        znc::TextList list;
+        const bool listed = is_listed(place);
+        if (znc::extract_layer(file(k), cJSON_GetStringValue(layer(k).digest), dir, nullptr,
+                               nullptr, listed ? nullptr : &list) != OK)
+            return ERROR;
+        if (!listed)
+            dirs_->set(place, std::move(list));
+        return OK;
+    }
+
+    static const char* file_name(void* self, std::size_t index)
+    {
+        return static_cast<StoreJobs*>(self)->manifest_.manifestLayers[index].layerFileName;
+    }
+
     const ZNC_IMAGE_MANIFEST& manifest_;
     std::string_view store_;
     znc::StoreAhead* ahead_;
+    znc::UnpackDirs* dirs_;
+    znc::Duplicates duplicates_;
     std::unique_ptr<znc::LayerStage[]> stages_;
 };
 
@@ -158,13 +189,18 @@ std::string_view znc::store_base(std::string_view layers)
 }
 
 STATUS znc::extract_layer(const char* layerFile, const char* digest, const char* dir,
-                          const std::atomic<bool>* cancel, bool* verified)
+                          const std::atomic<bool>* cancel, bool* verified, TextList* directories)
 {
     BlobReader blob;
     errno = 0;
     if (!blob.open(layerFile, digest))
         return errno != 0 ? ERROR : fail(S_zncLib_MANIFEST_INVALID);
-    const STATUS status = tar_extract_whole(blob, dir, kTarLayerBlocks, cancel);
+    TarDryTree tree;
+    TarRun run;
+    run.cancel = cancel;
+    run.dry = dir == nullptr ? &tree : nullptr;
+    run.directories = directories;
+    const STATUS status = tar_extract_whole(blob, dir, kTarLayerBlocks, run);
     const int why = errno;
     if (cancel != nullptr && *cancel)
         return ERROR;
@@ -204,14 +240,17 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
         ahead = nullptr;
     if (lock.take(znc::store_base(area)) != OK || znMkdirParents(store.get(), 0700) != OK)
         return ERROR;
-    StoreJobs jobs(*manifest, area, ahead);
-    if (!jobs.allocate())
+    znc::UnpackDirs* const dirs = image->store != nullptr ? &image->store->dirs : nullptr;
+    StoreJobs jobs(*manifest, area, ahead, dirs);
+    if (!jobs.allocate() || (dirs != nullptr && dirs->prepare(count) != OK))
         return ERROR;
     znc::WorkAhead work(StoreJobs::extract, &jobs, count);
     if (stored_size(*manifest) >= kWorthwhile)
         work.start();
     STATUS status = OK;
     const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
+    if (status == OK && dirs != nullptr)
+        dirs->share(jobs.duplicates());
     if (status == OK)
         return jobs.publish(ppLayerPath, done);
     const znc::ErrnoSaver keep;
@@ -224,12 +263,19 @@ STATUS zncImageExtractLayers(OCI_IMAGE* image, const char* rootfsPath)
     const ZNC_IMAGE_MANIFEST* manifest = znc::chosen_manifest(image);
     if (manifest == nullptr)
         return fail(EINVAL);
-    for (int i = 0; i < manifest->manifestLayersCount; ++i) {
+    znc::UnpackDirs* const dirs = image->store != nullptr ? &image->store->dirs : nullptr;
+    if (dirs != nullptr && dirs->prepare(layer_total(*manifest)) != OK)
+        return ERROR;
+    for (std::uint32_t i = 0; i < layer_total(*manifest); ++i) {
         const ZNC_IMAGE_MANIFEST_LAYERS& layer = manifest->manifestLayers[i];
         const char* const file = layer.layerFileName;
-        znc::LayerProgress progress(file, static_cast<std::uint32_t>(i), layer_total(*manifest));
-        if (znc::extract_layer(file, cJSON_GetStringValue(layer.digest), rootfsPath) != OK)
+        znc::LayerProgress progress(file, i, layer_total(*manifest));
+        znc::TextList list;
+        if (znc::extract_layer(file, cJSON_GetStringValue(layer.digest), rootfsPath, nullptr,
+                               nullptr, dirs != nullptr && dirs->wanted() ? &list : nullptr) != OK)
             return ERROR;
+        if (dirs != nullptr)
+            dirs->set(i, std::move(list));
         progress.complete();
     }
     return OK;

@@ -2,7 +2,7 @@
 #include "zncLayerStage.hpp"
 
 #include "zncImageLib.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
 
 #include <cstring>
 
@@ -16,7 +16,8 @@ constexpr std::size_t kStageLen = sizeof kStageName - 2; // without its "/"
 constexpr std::string_view kNewPrefix = ".new-";
 constexpr const char* kAreas[] = {"/layers", "/flattened", "/bundles"};
 
-bool is_directory(const char* path)
+// A directory itself, no link to one.
+bool is_own_directory(const char* path)
 {
     struct stat st = {};
     return ::lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
@@ -73,10 +74,11 @@ STATUS LayerStage::make(std::string_view area)
 }
 
 STATUS LayerStage::fill(const char* layerFile, const char* digest, std::string_view area,
-                        const std::atomic<bool>* cancel, bool* verified)
+                        const std::atomic<bool>* cancel, bool* verified, TextList* directories)
 {
-    return make(area) == OK ? extract_layer(layerFile, digest, path_.get(), cancel, verified)
-                            : ERROR;
+    if (make(area) != OK)
+        return ERROR;
+    return extract_layer(layerFile, digest, path_.get(), cancel, verified, directories);
 }
 
 STATUS LayerStage::publish(const char* name)
@@ -85,7 +87,7 @@ STATUS LayerStage::publish(const char* name)
         path_.reset();
         return OK;
     }
-    return (errno == EEXIST || errno == ENOTEMPTY) && is_directory(name) ? OK : ERROR;
+    return (errno == EEXIST || errno == ENOTEMPTY) && is_own_directory(name) ? OK : ERROR;
 }
 
 STATUS LayerStage::take_in(const char* name)

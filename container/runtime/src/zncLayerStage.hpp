@@ -32,10 +32,10 @@ class LayerStage {
     // What there is of it; null: nothing.
     [[nodiscard]] const char* path() const { return path_.get(); }
 
-    // make(), and the archive extracted into it. `*verified` tells whether the archive is what the
-    // digest names, also when it could not be extracted.
+    // make(), and the archive extracted into it (extract_layer).
     STATUS fill(const char* layerFile, const char* digest, std::string_view area,
-                const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr);
+                const std::atomic<bool>* cancel = nullptr, bool* verified = nullptr,
+                TextList* directories = nullptr);
 
     // Gives it its final name, unless another one was faster: that one stays then.
     STATUS publish(const char* name);

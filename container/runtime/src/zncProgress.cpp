@@ -110,18 +110,21 @@ void progress_follow(const std::atomic<std::uint64_t>& position) noexcept
         tell(at);
 }
 
+void progress_at(std::uint64_t position) noexcept
+{
+    // At the end comes the report of the whole layer, once it is extracted.
+    if (listening() && position > current.done && position < current.total)
+        tell(position);
+    else if (!listening() && written_down != nullptr)
+        *written_down = position;
+}
+
 void progress_read(int fd) noexcept
 {
     if (!listening() && written_down == nullptr)
         return;
     const ErrnoSaver keep;
-    // At the end comes the report of the whole layer, once it is extracted.
-    const off_t at = ::lseek(fd, 0, SEEK_CUR);
-    const auto position = static_cast<std::uint64_t>(std::max<off_t>(at, 0));
-    if (!listening())
-        *written_down = position;
-    else if (position > 0 && position < current.total)
-        tell(position);
+    progress_at(static_cast<std::uint64_t>(std::max<off_t>(::lseek(fd, 0, SEEK_CUR), 0)));
 }
 
 } // namespace znc

@@ -51,7 +51,9 @@ class ProgressHelper {
 // A member was extracted otherwise than its maker meant.
 void progress_left_out() noexcept;
 
-// The descriptor of the archive has been read on; keeps the task error number.
+// So many bytes of the archive have been read; keeps the task error number. The second asks its
+// descriptor how many, if anybody wants to know.
+void progress_at(std::uint64_t position) noexcept;
 void progress_read(int fd) noexcept;
 
 } // namespace znc

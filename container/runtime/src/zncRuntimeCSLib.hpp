@@ -32,7 +32,7 @@ struct QueueShape {
     std::size_t maxMsgs;
     std::size_t maxMsgLen;
 };
-inline constexpr QueueShape kDaemonQueue{32, ZNC_MSG_MAX_LEN};
+inline constexpr QueueShape kDaemonQueue{ZN_MSG_Q_LONGEST, ZNC_MSG_MAX_LEN};
 inline constexpr QueueShape kReplyQueue{1, ZNC_MSG_MAX_LEN};
 inline constexpr QueueShape kInfoQueue{20, 255};
 

@@ -6,6 +6,7 @@
 // another call's.
 #include "zncRuntimeClient.hpp"
 
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 #include "zarnel/task.h"
 
@@ -20,12 +21,6 @@ namespace {
 constexpr int kReplyTimeoutSeconds = 5;
 
 std::atomic<std::uint64_t> msgQId{0};
-
-STATUS fail(int number)
-{
-    errno = number;
-    return ERROR;
-}
 
 // The text of a request, or null with ENOMEM, whatever kept it from being built.
 znc::CJsonText request_text(zncParam* param, int count)
@@ -88,24 +83,24 @@ STATUS exchange(const char* daemonQueue, zncMessage& request, char** ppResp)
 {
     const znc::UniqueQueue daemon = znc::open_queue(daemonQueue, znc::kDaemonQueue, ZN_MSG_Q_FIFO);
     if (!daemon)
-        return fail(S_zncLib_DAEMON_NOT_RUNNING);
+        return znc::fail(S_zncLib_DAEMON_NOT_RUNNING);
     const znc::PrivateQueue replies(request.name, znc::kReplyQueue);
     if (!replies)
-        return fail(0);
+        return znc::fail(0);
     char infoName[ZNC_MSG_NAME_LEN];
     char* end = infoName + sizeof infoName;
     znc::copy_end(znc::copy_end(infoName, end, request.name), end, "_info");
     const znc::PrivateQueue infos(infoName, znc::kInfoQueue);
     if (!infos)
-        return fail(0);
+        return znc::fail(0);
 
     request.msgLvl = wanted_verbosity();
     if (znMsgQSend(daemon.get(), &request, sizeof request, ZN_WAIT_FOREVER, ZN_MSG_PRI_NORMAL) !=
         OK)
-        return fail(0);
+        return znc::fail(0);
     const auto reply = zncMessageRecv(replies.get(), kReplyTimeoutSeconds * znSysClkRateGet());
     if (reply == nullptr)
-        return fail(0);
+        return znc::fail(0);
     znc::message_data(reply.get())[reply->dataLen] = '\0';
     if (ppResp != nullptr && !hand_out_text(reply.get(), ppResp))
         return ERROR;

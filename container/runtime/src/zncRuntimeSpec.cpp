@@ -1,6 +1,7 @@
 #include "zncRuntimeSpec.hpp"
 
 #include "cJSON_Additions.h"
+#include "zncRuntimeSpec_members.hpp"
 
 #include <unistd.h>
 
@@ -19,10 +20,19 @@ struct MountsDeleter {
     void operator()(runtimeSpecConfigMounts* p) const noexcept { destroyRuntimeSpecMounts(p); }
 };
 
-// A number written as text replaces the default; out-of-range values are for the spawn to judge.
-void replace_by_number(const cJSON* rtp, const char* name, int32_t& field)
+char* text_in(const cJSON* object, const znc::SpecMember& member)
 {
-    const char* const text = runtimeSpecGetString(rtp, name);
+    return runtimeSpecGetString(object, member.name);
+}
+cJSON* item_in(const cJSON* object, const znc::SpecMember& member)
+{
+    return runtimeSpecGetObject(object, member.name);
+}
+
+// A number written as text replaces the default; out-of-range values are for the spawn to judge.
+void replace_by_number(const cJSON* rtp, znc::RtpMember member, int32_t& field)
+{
+    const char* const text = text_in(rtp, znc::kRtpMembers[member]);
     if (text == nullptr)
         return;
     const znc::ErrnoSaver keep;
@@ -32,11 +42,12 @@ void replace_by_number(const cJSON* rtp, const char* name, int32_t& field)
 // Fills one mount. A mount must not lose its options: without "ro" it would be writable.
 bool read_mount(const cJSON* item, runtimeSpecConfigMount* mount)
 {
-    mount->src = runtimeSpecGetString(item, "source");
-    mount->dst = runtimeSpecGetString(item, "destination");
-    mount->type = runtimeSpecGetString(item, "type");
+    mount->src = text_in(item, znc::kMountMembers[znc::kSource]);
+    mount->dst = text_in(item, znc::kMountMembers[znc::kDestination]);
+    mount->type = text_in(item, znc::kMountMembers[znc::kMountType]);
     mount->opt = getMountsOption(item);
-    return mount->opt != nullptr || cJSON_GetArraySize(runtimeSpecGetObject(item, "options")) == 0;
+    const cJSON* const options = item_in(item, znc::kMountMembers[znc::kOptions]);
+    return mount->opt != nullptr || cJSON_GetArraySize(options) == 0;
 }
 
 void destroy_mount(runtimeSpecConfigMount* mount)
@@ -87,7 +98,7 @@ bool runtimeSpecGetBoolean(const cJSON* item, const char* name)
 
 runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
 {
-    const cJSON* const args = runtimeSpecGetObject(item, "args");
+    const cJSON* const args = item_in(item, znc::kProcessMembers[znc::kArgs]);
     if (args == nullptr) {
         // Nothing has failed as yet, and a stale ENOENT would read as a missing file.
         errno = EINVAL;
@@ -102,7 +113,7 @@ runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
     if (!arg_list)
         return nullptr;
     TextList env_list;
-    if (const cJSON* const env = runtimeSpecGetObject(item, "env"); env != nullptr) {
+    if (const cJSON* const env = item_in(item, znc::kProcessMembers[znc::kEnv]); env != nullptr) {
         process->envCount = cJSON_GetArraySize(env);
         env_list = znc::text_list(env);
         if (!env_list)
@@ -110,8 +121,8 @@ runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
     }
     process->args = arg_list.release();
     process->env = env_list.release();
-    process->cwd = runtimeSpecGetString(item, "cwd");
-    process->terminal = runtimeSpecGetBoolean(item, "terminal");
+    process->cwd = text_in(item, znc::kProcessMembers[znc::kCwd]);
+    process->terminal = runtimeSpecGetBoolean(item, znc::kProcessMembers[znc::kTerminal].name);
     return process.release();
 }
 
@@ -132,11 +143,11 @@ runtimeSpecConfigZarnel* initializeRuntimeSpecZarnel(cJSON* item)
     zarnel->tree = item;
     zarnel->priority = kDefaultPriority;
     zarnel->stackSize = kDefaultStackSize;
-    if (const cJSON* const rtp = runtimeSpecGetObject(item, "rtp"); rtp != nullptr) {
-        replace_by_number(rtp, "rtpOptions", zarnel->option);
-        replace_by_number(rtp, "rtpPriority", zarnel->priority);
-        replace_by_number(rtp, "rtpStackSize", zarnel->stackSize);
-        replace_by_number(rtp, "rtpTaskOptions", zarnel->taskOption);
+    if (const cJSON* const rtp = item_in(item, znc::kZarnelMembers[znc::kRtp]); rtp != nullptr) {
+        replace_by_number(rtp, znc::kRtpOptions, zarnel->option);
+        replace_by_number(rtp, znc::kRtpPriority, zarnel->priority);
+        replace_by_number(rtp, znc::kRtpStackSize, zarnel->stackSize);
+        replace_by_number(rtp, znc::kRtpTaskOptions, zarnel->taskOption);
     }
     return zarnel.release();
 }
@@ -213,7 +224,7 @@ void destroyRuntimeSpecMounts(runtimeSpecConfigMounts* mounts)
 
 char** getMountsOption(const cJSON* mountItem)
 {
-    const cJSON* const options = runtimeSpecGetObject(mountItem, "options");
+    const cJSON* const options = item_in(mountItem, znc::kMountMembers[znc::kOptions]);
     if (cJSON_GetArraySize(options) == 0)
         return nullptr;
     return znc::text_list(options).release();
@@ -221,14 +232,14 @@ char** getMountsOption(const cJSON* mountItem)
 
 runtimeSpecConfigRoot* initializeRuntimeSpecRoot(cJSON* item)
 {
-    char* const path = runtimeSpecGetString(item, "path");
+    char* const path = text_in(item, znc::kRootMembers[znc::kRootPath]);
     if (path == nullptr)
         return nullptr;
     auto root = znc::malloc_zeroed<runtimeSpecConfigRoot>();
     if (!root)
         return nullptr;
     root->path = path;
-    root->ro = runtimeSpecGetBoolean(item, "readonly");
+    root->ro = runtimeSpecGetBoolean(item, znc::kRootMembers[znc::kReadonly].name);
     root->tree = item;
     return root.release();
 }
@@ -249,20 +260,22 @@ runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path)
     if (!tree)
         return nullptr;
     config->tree = tree.get();
-    config->version = runtimeSpecGetString(config->tree, "ociVersion");
-    config->hostName = runtimeSpecGetString(config->tree, "hostname");
+    const auto section = [&config](znc::DocumentMember member) {
+        return item_in(config->tree, znc::kDocumentMembers[member]);
+    };
+    config->version = cJSON_GetStringValue(section(znc::kVersion));
+    config->hostName = cJSON_GetStringValue(section(znc::kHostname));
     std::unique_ptr<runtimeSpecConfigProcess, ProcessDeleter> process(
-        initializeRuntimeSpecProcess(runtimeSpecGetObject(config->tree, "process")));
+        initializeRuntimeSpecProcess(section(znc::kProcess)));
     if (!process)
         return nullptr;
-    config->zarnel = initializeRuntimeSpecZarnel(runtimeSpecGetObject(config->tree, "zarnel"));
+    config->zarnel = initializeRuntimeSpecZarnel(section(znc::kZarnel));
     if (config->zarnel == nullptr)
         return nullptr;
-    config->annotations =
-        initializeRuntimeSpecAnnotations(runtimeSpecGetObject(config->tree, "annotations"));
-    config->mounts = initializeRuntimeSpecMounts(runtimeSpecGetObject(config->tree, "mounts"));
-    initializeRuntimeSpecHooks(runtimeSpecGetObject(config->tree, "hooks"), config->hooks);
-    config->root = initializeRuntimeSpecRoot(runtimeSpecGetObject(config->tree, "root"));
+    config->annotations = initializeRuntimeSpecAnnotations(section(znc::kAnnotations));
+    config->mounts = initializeRuntimeSpecMounts(section(znc::kMounts));
+    initializeRuntimeSpecHooks(section(znc::kHooks), config->hooks);
+    config->root = initializeRuntimeSpecRoot(section(znc::kRoot));
     config->process = process.release();
     static_cast<void>(tree.release());
     return config.release();

@@ -58,6 +58,10 @@ void StoreAhead::prepare(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& m
     if (!layers_)
         return;
     count_ = count;
+    if (dirs_.prepare(count) != OK) {
+        layers_.reset();
+        return;
+    }
     manifest_ = &manifest; // from here on what is made is removed
     if (lock_.take(store_base({store_.get(), storeLen_})) != OK ||
         znMkdirParents(store_.get(), 0700) != OK)
@@ -77,18 +81,25 @@ STATUS StoreAhead::verify(std::size_t index) noexcept
 {
     const ZNC_IMAGE_MANIFEST_LAYERS& described = manifest_->manifestLayers[index];
     const char* const digest = cJSON_GetStringValue(described.digest);
+    TextList listed;
+    TextList* const list = dirs_.wanted() ? &listed : nullptr;
     bool verified = false;
+    bool whole = false;
     if (wants(index) && layers_[index].stage.make({store_.get(), storeLen_}) == OK) {
         Layer& layer = layers_[index];
         const ProgressElsewhere elsewhere(layer.position);
-        layer.extracted = extract_layer(described.layerFileName, digest, layer.stage.path(),
-                                        nullptr, &verified) == OK;
-        if (!layer.extracted)
+        whole = extract_layer(described.layerFileName, digest, layer.stage.path(), nullptr,
+                              &verified, list) == OK;
+        layer.extracted = whole;
+        if (!whole)
             layer.stage.discard();
-        if (verified)
-            return OK;
+    } else if (list != nullptr) {
+        whole =
+            extract_layer(described.layerFileName, digest, nullptr, nullptr, &verified, list) == OK;
     }
-    return validateJsonDigest(described.layerFileName, described.digest);
+    if (whole && list != nullptr)
+        dirs_.set(index, std::move(listed));
+    return verified ? OK : validateJsonDigest(described.layerFileName, described.digest);
 }
 
 bool StoreAhead::take(std::size_t index, LayerStage* stage) noexcept

@@ -11,6 +11,7 @@
 
 #include "zncLayerStage.hpp"
 #include "zncStoreLock.hpp"
+#include "zncUnpackDirs.hpp"
 
 #include <atomic>
 #include <cstdint>
@@ -23,11 +24,11 @@ namespace znc {
 
 class StoreAhead {
   public:
-    // What is asked for, and the most layers with which an image is stored at all. The texts and
-    // the lock must outlive the object.
+    // What is asked for, and the most layers with which an image is stored at all. The texts, the
+    // lock and the directories must outlive the object.
     StoreAhead(const char* os, const char* arch, const char* tag, std::size_t layersMax,
-               StoreLock& lock) noexcept
-        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock)
+               StoreLock& lock, UnpackDirs& dirs) noexcept
+        : os_(os), arch_(arch), tag_(tag), layersMax_(layersMax), lock_(lock), dirs_(dirs)
     {
     }
     ~StoreAhead();
@@ -45,7 +46,7 @@ class StoreAhead {
     // Whether it will be extracted: its file and digest are known by now, and the store lacks it.
     [[nodiscard]] bool wants(std::size_t index) const noexcept;
     // Whether the layer's archive is what its digest names; extracts it while it is at it, unless
-    // the store has it. Of different layers in several tasks at once.
+    // the store has it, and lists its directories. Of different layers in several tasks at once.
     STATUS verify(std::size_t index) noexcept;
     // How much of its archive has been read, for who listens.
     [[nodiscard]] const std::atomic<std::uint64_t>& position(std::size_t index) const noexcept
@@ -85,6 +86,7 @@ class StoreAhead {
     const char* tag_;
     std::size_t layersMax_;
     StoreLock& lock_;
+    UnpackDirs& dirs_;
     PathText store_; // the directory of the layers
     std::size_t storeLen_ = 0;
     std::size_t storeThere_ = 0; // how much of its path there was before

@@ -3,7 +3,9 @@
 
 #include "base/file.hpp"
 #include "zarnel/fs.h"
+#include "zncBundleLayers.hpp"
 #include "zncDigest.hpp"
+#include "zncImageLib.hpp"
 
 #include <cstring>
 
@@ -69,6 +71,14 @@ bool TextList::add(const char* text)
     return true;
 }
 
+bool TextList::add_all(const TextList& other)
+{
+    for (const char* text = other.first(); text != nullptr; text = other.next(text))
+        if (!add(text))
+            return false;
+    return true;
+}
+
 const char* TextList::first() const
 {
     return len_ > 0 ? text_.get() : nullptr;
@@ -78,6 +88,21 @@ const char* TextList::next(const char* text) const
 {
     const char* const after = text + std::strlen(text) + 1;
     return after < text_.get() + len_ ? after : nullptr;
+}
+
+const char* TextList::last() const
+{
+    return len_ > 0 ? before(text_.get() + len_) : nullptr;
+}
+
+const char* TextList::before(const char* text) const
+{
+    if (text == text_.get())
+        return nullptr;
+    const char* at = text - 1; // its end
+    while (at > text_.get() && at[-1] != '\0')
+        --at;
+    return at;
 }
 
 bool TextList::contains(const char* text) const
@@ -124,7 +149,7 @@ bool TextList::write_beside(const char* path, PathText* made) const
     UniqueFd fd(::mkstemp(made->get()));
     if (!fd)
         return false;
-    if (write_whole(fd.get(), text_.get(), len_) && write_whole(fd.get(), "", 1) &&
+    if (write_all(fd.get(), {text_.get(), len_}) && write_all(fd.get(), {"", 1}) &&
         ::fsync(fd.get()) == 0 && fd.close_checked() == 0)
         return true;
     const ErrnoSaver keep;
@@ -185,6 +210,14 @@ STATUS conflicts(void* context, const char* /*file*/, const TextList& record)
     return ERROR;
 }
 
+// Asked as the writer of the configuration asks.
+bool has_configuration(const char* bundle)
+{
+    const ErrnoSaver keep;
+    const PathText config = path_in(bundle, kConfig);
+    return config && exists(config.get());
+}
+
 bool ends_with(const char* name, std::string_view suffix)
 {
     return std::string_view(name).ends_with(suffix);
@@ -231,41 +264,70 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
     }
 }
 
-BundleRecord::~BundleRecord()
+STATUS RecordFile::place(PathText path, const TextList& text)
+{
+    PathText made;
+    if (!path || !text.write_beside(path.get(), &made))
+        return ERROR;
+    if (::rename(made.get(), path.get()) != 0) {
+        const ErrnoSaver keep;
+        ::unlink(made.get());
+        return ERROR;
+    }
+    path_ = std::move(path);
+    const PathText dir = path_in(
+        {path_.get(), static_cast<std::size_t>(last_component(path_.get()) - path_.get())}, "");
+    return dir ? znDirSync(dir.get()) : ERROR;
+}
+
+void RecordFile::drop() noexcept
 {
     const ErrnoSaver keep;
     if (path_)
         ::unlink(path_.get());
+    path_.reset();
 }
 
 STATUS BundleRecord::write(std::string_view base, const char* bundle, const char* root,
-                           const TextList& layers)
+                           const TextList& layers, const TextList& stored)
 {
     const MallocPtr<char> whole(::realpath(bundle, nullptr));
     const PathText records = whole ? records_of(base) : nullptr;
     std::uint8_t hash[kSha256Len];
     char name[2 * kSha256Len + 1];
-    TextList record;
-    if (!records || !record.add(whole.get()) || !record.add(root) ||
-        !chain_digest(hash, "", whole.get()) ||
+    TextList needed;
+    TextList made_of;
+    if (!records || !needed.add(whole.get()) || !needed.add(root) || !needed.add_all(stored) ||
+        !made_of.add(root) || !made_of.add_all(layers) || !chain_digest(hash, "", whole.get()) ||
         zncUtilBinToHex(name, sizeof name, hash, sizeof hash) != OK)
         return ERROR;
-    for (const char* layer = layers.first(); layer != nullptr; layer = layers.next(layer))
-        if (!record.add(layer))
-            return ERROR;
-    Claim claim{root, &record};
-    PathText path = record_path(records, name, kBundleSuffix);
-    PathText made;
-    if (!path || each_bundle(base, conflicts, &claim) != OK ||
-        !record.write_beside(path.get(), &made))
+    Claim claim{root, &needed};
+    if (each_bundle(base, conflicts, &claim) != OK)
         return ERROR;
-    if (::rename(made.get(), path.get()) == 0) {
-        path_ = std::move(path);
-        return znDirSync(records.get());
-    }
-    const ErrnoSaver keep;
-    ::unlink(made.get());
-    return ERROR;
+    bundleWasThere_ = has_configuration(bundle);
+    if (bundleWasThere_)
+        return OK;
+    if (inStore_.place(record_path(records, name, kBundleSuffix), needed) != OK)
+        return ERROR;
+    if (layers.empty())
+        return OK;
+    PathText layers_path = bundle_layers_path(bundle);
+    // The path of the configuration does not fit either: the unpack ends there, with its own error.
+    if (!layers_path && errno == ENAMETOOLONG)
+        return OK;
+    return inBundle_.place(std::move(layers_path), made_of);
+}
+
+void BundleRecord::keep() noexcept
+{
+    inStore_.keep();
+    inBundle_.keep();
+}
+
+void BundleRecord::drop() noexcept
+{
+    inStore_.drop();
+    inBundle_.drop();
 }
 
 // ------------------------------------------------------------------ trees
@@ -292,6 +354,13 @@ STATUS claim_tree(std::string_view base, const char* chain, const TextList& laye
         return OK;
     errno = EEXIST;
     return ERROR;
+}
+
+bool read_tree(std::string_view base, const char* chain, TextList* layers)
+{
+    const PathText dir = path_in(base, kRecordsDir);
+    const PathText path = dir ? record_path(dir, chain, kTreeSuffix) : nullptr;
+    return path && layers->read(path.get());
 }
 
 } // namespace znc

@@ -27,12 +27,16 @@ const char* last_component(const char* path);
 class TextList {
   public:
     [[nodiscard]] bool add(const char* text);
+    [[nodiscard]] bool add_all(const TextList& other);
     [[nodiscard]] bool contains(const char* text) const;
     [[nodiscard]] bool operator==(const TextList& other) const;
     [[nodiscard]] bool empty() const { return len_ == 0; }
     // The first text, or null; the one that follows another, or null.
     [[nodiscard]] const char* first() const;
     [[nodiscard]] const char* next(const char* text) const;
+    // The last text, or null; the one before another, or null.
+    [[nodiscard]] const char* last() const;
+    [[nodiscard]] const char* before(const char* text) const;
 
     [[nodiscard]] bool read(const char* path);
     // Writes a temporary file beside `path`, on disk; its name is in `made`.
@@ -50,21 +54,45 @@ inline constexpr char kRecordsDir[] = "/records";
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
 
-// The record of a bundle: its path, its root, and the layers of the store that it needs, by name.
-class BundleRecord {
+// A list of texts in a file that goes again unless it is kept.
+class RecordFile {
   public:
-    BundleRecord() = default;
-    BundleRecord(const BundleRecord&) = delete;
-    BundleRecord& operator=(const BundleRecord&) = delete;
-    ~BundleRecord(); // one that was not kept is removed
+    RecordFile() = default;
+    RecordFile(const RecordFile&) = delete;
+    RecordFile& operator=(const RecordFile&) = delete;
+    ~RecordFile() { drop(); }
 
-    // Writes it. EEXIST: a bundle that still is there has the same root made of other layers.
-    STATUS write(std::string_view base, const char* bundle, const char* root,
-                 const TextList& layers);
+    // Writes the file, on the medium; one of that name is replaced.
+    STATUS place(PathText path, const TextList& text);
     void keep() noexcept { path_.reset(); }
+    void drop() noexcept;
 
   private:
     PathText path_;
+};
+
+// What a bundle is made of. In the storage base: its path, its root, and the layers of the store
+// that it needs, by name. In the bundle (zncBundleLayers): its root and the names of its layers.
+class BundleRecord {
+  public:
+    // Writes both. EEXIST: a bundle that still is there has the same root made of other layers.
+    // `layers`: those of the root, the bottom one first; `stored`: those that the store has to
+    // keep.
+    //
+    // Of a bundle that has a configuration nothing is written: it was unpacked before and needs its
+    // records, and this unpack will not get to the end.
+    STATUS write(std::string_view base, const char* bundle, const char* root,
+                 const TextList& layers, const TextList& stored);
+    [[nodiscard]] bool bundle_was_there() const noexcept { return bundleWasThere_; }
+
+    // What was written and not kept goes; at the end of the object's life in any case.
+    void keep() noexcept;
+    void drop() noexcept;
+
+  private:
+    RecordFile inStore_;
+    RecordFile inBundle_;
+    bool bundleWasThere_ = false;
 };
 
 // Whether the bundle that a record names is there. Whatever keeps that from being known counts as
@@ -79,6 +107,9 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 // Says that the tree `chain` is made of `layers`, unless a record says so already. EEXIST: it says
 // otherwise. `*isNew`: there was none.
 STATUS claim_tree(std::string_view base, const char* chain, const TextList& layers, bool* isNew);
+
+// The layers of which the tree `chain` is made, the bottom one first.
+[[nodiscard]] bool read_tree(std::string_view base, const char* chain, TextList* layers);
 
 } // namespace znc
 

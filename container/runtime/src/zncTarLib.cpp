@@ -1,22 +1,26 @@
 // zncTarLib.cpp - the run over an archive: its blocks and its end.
 #include "zncTarLib.hpp"
 
+#include "base/file.hpp"
 #include "zncBlob.hpp"
 #include "zncGzLib.hpp"
+#include "zncLayerFindings.hpp"
 #include "zncProgress.hpp"
+#include "zncReadAhead.hpp"
 
 #include <climits>
 #include <fcntl.h>
 #include <sys/stat.h>
 
+using znc::kTarBlock;
+
 namespace {
 
 constexpr std::size_t kDefaultBlocks = 20;
-constexpr std::size_t kBlockSize = sizeof(MT_HBLOCK);
+constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task that reads them
 
-ssize_t read_source(MT_TAR_SOFT& ctrl)
+ssize_t read_source(MT_TAR_SOFT& ctrl, std::size_t wanted)
 {
-    const std::size_t wanted = static_cast<std::size_t>(ctrl.bFactor) * kBlockSize;
     if (ctrl.tc != nullptr)
         return ctrl.tc->read(ctrl.tc, ctrl.pBuf, wanted);
     if (ctrl.blob != nullptr)
@@ -32,15 +36,19 @@ ssize_t read_source(MT_TAR_SOFT& ctrl)
 // Fill the empty block buffer: 1, 0 at the end, -1 on error.
 int refill(MT_TAR_SOFT& ctrl)
 {
-    if (ctrl.cancel != nullptr && *ctrl.cancel)
+    if (ctrl.run.cancel != nullptr && *ctrl.run.cancel)
         return -1;
-    const ssize_t n = read_source(ctrl);
+    const ssize_t n = read_source(ctrl, static_cast<std::size_t>(ctrl.bFactor) * kTarBlock);
     if (n <= 0)
         return n < 0 ? -1 : 0;
     const auto got = static_cast<std::size_t>(n);
-    if (got % kBlockSize != 0)
+    if (ctrl.run.plain != nullptr)
+        ctrl.run.plain->update(ctrl.pBuf, got);
+    if (got % kTarBlock != 0) {
+        znc::tell_of_archive(ctrl, ZNC_LAYER_LENGTH);
         return -1;
-    ctrl.bValid = static_cast<int>(got / kBlockSize);
+    }
+    ctrl.bValid = static_cast<int>(got / kTarBlock);
     ctrl.pBnext = ctrl.pBuf;
     return 1;
 }
@@ -48,8 +56,10 @@ int refill(MT_TAR_SOFT& ctrl)
 STATUS extract_members(MT_TAR_SOFT& ctrl)
 {
     MT_HBLOCK* block = nullptr;
-    while (tarRdBlks(&ctrl, &block, 1) == 1) {
+    int n;
+    while ((n = tarRdBlks(&ctrl, &block, 1)) == 1) {
         if (zncTarBlockIsZero(block) != FALSE) {
+            ctrl.ended = TRUE;
             // Drain the rest, so that a source that counts on it is read to its end.
             while (tarRdBlks(&ctrl, &block, 1) > 0) {
             }
@@ -60,7 +70,9 @@ STATUS extract_members(MT_TAR_SOFT& ctrl)
             return ERROR;
         errno = before; // what the member could not have is no reason of a later failure
     }
-    return ERROR; // no end mark
+    if (n == 0)
+        znc::tell_of_archive(ctrl, ZNC_LAYER_NO_END);
+    return ERROR;
 }
 
 STATUS open_target(MT_TAR_SOFT& ctrl, const char* targetDir)
@@ -76,23 +88,24 @@ STATUS open_target(MT_TAR_SOFT& ctrl, const char* targetDir)
         return ERROR;
     }
     ctrl.targetDirLen = static_cast<std::size_t>(text - ctrl.targetDir.get());
+    if (ctrl.run.dry != nullptr)
+        return OK;
     ctrl.targetFd.reset(open(targetDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return ctrl.targetFd ? OK : ERROR;
 }
 
 STATUS run(MT_TAR_SOFT& ctrl, const char* targetDir)
 {
-    if (open_target(ctrl, targetDir) != OK || refill(ctrl) != 1)
+    if (open_target(ctrl, targetDir) != OK)
+        return ERROR;
+    const int n = refill(ctrl);
+    if (n == 0)
+        znc::tell_of_archive(ctrl, ZNC_LAYER_NO_END);
+    if (n != 1)
         return ERROR;
     // The first read sets the size of all that follow.
     ctrl.bFactor = ctrl.bValid;
     return extract_members(ctrl);
-}
-
-bool is_directory(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 using GzPtr = std::unique_ptr<GZ_ARCHIVE, znc::GzArchiveDeleter>;
@@ -125,7 +138,7 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
         errno = EINVAL;
         return ERROR;
     }
-    if (!is_directory(targetDir))
+    if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));
     const znc::UniqueFd file(gz != nullptr ? -1 : open(pTape, O_RDONLY | O_CLOEXEC));
@@ -138,10 +151,17 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
     return extract(targetDir, bfactor, ctrl);
 }
 
-STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
-                              const std::atomic<bool>* cancel)
+static ssize_t read_blob(void* blob, void* buffer, std::size_t count)
 {
-    if (!is_directory(targetDir))
+    return static_cast<znc::BlobReader*>(blob)->read(buffer, count);
+}
+
+STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
+                              const TarRun& run)
+{
+    if (run.dry != nullptr)
+        targetDir = "";
+    else if (!is_directory(targetDir))
         return ERROR;
     const GzPtr gz(gz_archive_create(blob));
     if (gz == nullptr && !blob.restart())
@@ -149,7 +169,11 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     MT_TAR_SOFT ctrl{};
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.blob = &blob;
-    ctrl.cancel = cancel;
+    ReadAhead ahead;
+    if (blob.size() >= kWorthwhile &&
+        (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob)))
+        ctrl.tc = ahead.source();
+    ctrl.run = run;
     const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)
         return status;
@@ -175,5 +199,5 @@ int tarRdBlks(MT_TAR_SOFT* pCtrl, MT_HBLOCK** ppBlk, unsigned int nBlocks)
 BOOL zncTarBlockIsZero(void* pBuf)
 {
     const char* const bytes = static_cast<const char*>(pBuf);
-    return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, kBlockSize - 1) == 0 ? TRUE : FALSE;
+    return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, kTarBlock - 1) == 0 ? TRUE : FALSE;
 }

@@ -10,6 +10,7 @@
 
 #include "zncontainer.h"
 
+#include "format/ustar.hpp"
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
 
@@ -17,11 +18,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <string_view>
 
 namespace znc {
 class BlobReader;
-}
+class LayerFindings;
+class RunningDigest;
+class TarDryTree;
+class TextList;
+} // namespace znc
 
 using tar_size_t = std::uint32_t;
 
@@ -35,31 +39,13 @@ using tar_size_t = std::uint32_t;
 #define FIFOTYPE '6'
 #define CONTTYPE '7'
 
-// Numbers are octal text; no field need end with a NUL.
-struct header {
-    char name[100];
-    char mode[8];
-    char uid[8];
-    char gid[8];
-    char size[12];
-    char mtime[12];
-    char chksum[8];
-    char linkflag;
-    char linkname[100];
-    char indicator[6];
-    char version[2];
-    char uname[32];
-    char gname[32];
-    char major[8];
-    char minor[8];
-    char prefix[155];
-};
+struct header : znc::UstarHeader {};
 
 typedef union hblock {
-    char dummy[512];
+    char dummy[znc::kTarBlock];
     header dbuf;
 } MT_HBLOCK;
-static_assert(sizeof(header) == 500 && sizeof(MT_HBLOCK) == 512);
+static_assert(sizeof(MT_HBLOCK) == znc::kTarBlock);
 
 // One record of the directory-time file, kept as raw memory.
 struct DIR_TAR {
@@ -70,6 +56,19 @@ static_assert(sizeof(DIR_TAR) == 264);
 
 // The longest parent chain of a 155-byte prefix and a 100-byte name, its leading "/" and a NUL.
 inline constexpr std::size_t kTarCacheSize = 257;
+
+namespace znc {
+
+// What may be asked of a run beyond extracting. Each may be null; all are borrowed.
+struct TarRun {
+    const std::atomic<bool>* cancel = nullptr; // set: the run ends with a failure
+    TarDryTree* dry = nullptr;         // members are made in this, in memory, and no file is
+    RunningDigest* plain = nullptr;    // gets the bytes of the archive
+    LayerFindings* findings = nullptr; // is told what is lost and refused
+    TextList* directories = nullptr;   // gets the directories that the archive names
+};
+
+} // namespace znc
 
 typedef struct mtTarSoft {
     TAR_COMPRESS* tc; // NULL: a plain file; borrowed
@@ -93,9 +92,10 @@ typedef struct mtTarSoft {
     znc::UniqueFd parentFd;
     std::size_t parentLen;
 
-    int lacking; // why members were left out for which something ran out; 0: none was
-    const std::atomic<bool>* cancel; // NULL: nobody ends the run early
-    znc::BlobReader* blob;           // NULL: a plain file is read from fd; else from this; borrowed
+    int lacking;           // why members were left out for which something ran out; 0: none was
+    BOOL ended;            // the end mark has been read
+    znc::BlobReader* blob; // NULL: a plain file is read from fd; else from this; borrowed
+    znc::TarRun run;
 } MT_TAR_SOFT;
 
 // zncTarLib.cpp
@@ -126,19 +126,18 @@ STATUS tarProcDirs(MT_TAR_SOFT* ctrl);
 
 namespace znc {
 
+// Digits of the mode in front of the path of a listed directory: "1777/a/b".
+inline constexpr std::size_t kModeDigits = 4;
+
 // Blocks per read for an image's layers.
 inline constexpr std::size_t kTarLayerBlocks = 200;
 
 // zncTarExtract for an archive that is hashed as it is read, and for callers who must not take a
 // part for the whole. A member that cannot be made is left out; here that is a failure when space,
-// descriptors or memory ran out. It is one as well once `*cancel`, where there is one, is set.
-// Whether the archive was the right one only its reader knows, afterwards.
+// descriptors or memory ran out. Whether the archive was the right one only its reader knows,
+// afterwards. Of a dry run the target directory is not looked at.
 STATUS tar_extract_whole(BlobReader& blob, const char* targetDir, std::size_t bfactor,
-                         const std::atomic<bool>* cancel = nullptr);
-
-// An octal number as scanf reads it ("%o"): leading blanks, a sign, digits up to the first other
-// character or the end of the field. False when there is none; `value` is then untouched.
-bool tar_octal(std::string_view field, unsigned long& value) noexcept;
+                         const TarRun& run = {});
 
 // The directory that mtAccess proved last.
 int tar_parent(const MT_TAR_SOFT& ctrl) noexcept;
@@ -152,6 +151,21 @@ STATUS tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) noexc
 
 // Whether a name in the proved parent is the file of directory times.
 bool tar_is_record_file(const MT_TAR_SOFT& ctrl, const char* name) noexcept;
+
+// zncTarLib_make.cpp: what is made in the proved parent, on disk or in a dry run's tree. False and
+// ERROR with the task error number set.
+
+// Makes the directory `name` of the proved parent the proved parent.
+bool tar_enter(MT_TAR_SOFT& ctrl, const char* name) noexcept;
+// Back to the target directory.
+void tar_leave(MT_TAR_SOFT& ctrl) noexcept;
+// A new directory with exactly the permission bits, or none. In a dry run `*dir` and `*file` stay
+// without a descriptor.
+STATUS tar_make_directory(const MT_TAR_SOFT& ctrl, const char* name, int mode,
+                          UniqueFd* dir) noexcept;
+STATUS tar_make_symlink(const MT_TAR_SOFT& ctrl, const char* target, const char* name) noexcept;
+// An empty file to write to.
+STATUS tar_make_file(const MT_TAR_SOFT& ctrl, const char* name, int mode, UniqueFd* file) noexcept;
 
 } // namespace znc
 

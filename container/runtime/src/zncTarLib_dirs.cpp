@@ -116,7 +116,7 @@ STATUS znc::tar_record_dir(MT_TAR_SOFT& ctrl, const char* arPath, time_t mtime) 
 {
     DIR_TAR record{};
     const std::size_t len = std::strlen(relative_name(arPath));
-    if (len >= sizeof record.name)
+    if (ctrl.run.dry != nullptr || len >= sizeof record.name)
         return OK; // it keeps its current time
     if (ctrl.dir_cnt == 0 && open_record_file(ctrl) != OK)
         return ERROR;

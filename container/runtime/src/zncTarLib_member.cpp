@@ -1,19 +1,23 @@
 // zncTarLib_member.cpp - one member: its header, and what is made of it.
 #include "zncTarLib.hpp"
 
+#include "zncLayerFindings.hpp"
 #include "zncProgress.hpp"
+#include "zncStoreRecord.hpp"
 
 #include "zarnel/fs.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <fcntl.h>
-#include <numeric>
-#include <sys/stat.h>
+
+using znc::tar_octal;
 
 namespace {
 
-constexpr mode_t kPermBits = 0777;
+// What becomes of a member.
+enum class Made : unsigned char { kDirectory, kFile, kLink, kNothing };
 
 // A member as its header describes it.
 struct Member {
@@ -22,18 +26,14 @@ struct Member {
     time_t mtime = 0;
     bool namedAsDir = false;
     char* path = nullptr; // "/a/b", in the path buffer; NULL: nothing to make
+    Made made = Made::kNothing;
 };
-
-template <std::size_t N> std::string_view field(const char (&text)[N])
-{
-    return {text, N};
-}
 
 bool checksum_matches(MT_HBLOCK& block)
 {
     unsigned long parsed = 0;
     int wanted = -1;
-    if (znc::tar_octal(field(block.dbuf.chksum), parsed))
+    if (tar_octal(block.dbuf.chksum, parsed))
         wanted = static_cast<int>(parsed);
     std::fill(std::begin(block.dbuf.chksum), std::end(block.dbuf.chksum), ' ');
     return static_cast<tar_size_t>(wanted) == mtChecksum(&block, sizeof block);
@@ -44,10 +44,10 @@ STATUS parse_numbers(const header& h, Member& member)
     unsigned long mode = 0;
     unsigned long size = 0;
     unsigned long mtime = 0;
-    znc::tar_octal(field(h.mode), mode);
-    znc::tar_octal(field(h.size), size);
-    znc::tar_octal(field(h.mtime), mtime);
-    if (size > UINT32_MAX) {
+    tar_octal(h.mode, mode);
+    tar_octal(h.size, size);
+    tar_octal(h.mtime, mtime);
+    if (size > znc::kTarSizeMax) {
         errno = EFBIG;
         return ERROR;
     }
@@ -64,13 +64,12 @@ STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
     char* const start = ctrl.targetDir.get() + ctrl.targetDirLen;
     char* const end = ctrl.targetDir.get() + znc::kPathMax;
     char* out = start;
-    // Only the POSIX magic: its NUL included.
-    if (h.prefix[0] != '\0' && std::memcmp(h.indicator, "ustar", sizeof h.indicator) == 0 &&
-        tarCopyCondense(&out, static_cast<std::size_t>(end - out), h.prefix,
-                        strnlen(h.prefix, sizeof h.prefix)) != OK)
+    const auto append = [&](std::string_view text) {
+        return tarCopyCondense(&out, static_cast<std::size_t>(end - out), text.data(), text.size());
+    };
+    if (tar_has_prefix(h) && append(znc::tar_text(h.prefix)) != OK)
         return ERROR;
-    if (tarCopyCondense(&out, static_cast<std::size_t>(end - out), h.name,
-                        strnlen(h.name, sizeof h.name)) != OK)
+    if (append(znc::tar_text(h.name)) != OK)
         return ERROR;
     if (out >= end) {
         end[-1] = '\0';
@@ -82,6 +81,25 @@ STATUS compose_path(MT_TAR_SOFT& ctrl, const header& h, Member& member)
     }
     member.path = out > start ? start : nullptr;
     return OK;
+}
+
+// Hard links, devices and extended headers become nothing.
+Made made_of(const Member& member, char type)
+{
+    if (member.path == nullptr)
+        return Made::kNothing;
+    if (member.size == 0 && member.namedAsDir)
+        return Made::kDirectory;
+    switch (type) {
+    case REGTYPE0:
+    case ' ':
+    case REGTYPE:
+        return Made::kFile;
+    case SYMTYPE:
+        return Made::kLink;
+    default:
+        return Made::kNothing;
+    }
 }
 
 // A member could not be made. Most numbers say something about the member; these, that the next try
@@ -104,19 +122,6 @@ void left_out(MT_TAR_SOFT& ctrl, int number)
     }
 }
 
-// A new directory with exactly the member's permission bits, or none. Private until they are set;
-// where they cannot be, none stays.
-znc::UniqueFd make_dir(int parent, const char* name, int mode)
-{
-    if (mkdirat(parent, name, S_IRWXU) != 0)
-        return {};
-    znc::UniqueFd dir(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (dir && fchmod(dir.get(), static_cast<mode_t>(mode) & kPermBits) == 0)
-        return dir;
-    unlinkat(parent, name, AT_REMOVEDIR);
-    return {};
-}
-
 // A directory just made is a good parent for what follows.
 void cache_new_dir(MT_TAR_SOFT& ctrl, const char* arPath, const char* last)
 {
@@ -126,10 +131,24 @@ void cache_new_dir(MT_TAR_SOFT& ctrl, const char* arPath, const char* last)
         std::memcpy(ctrl.goodPathCache.get() + at, last, len + 1);
 }
 
+// "1777/a/b": the directory with all its mode bits, for who asked.
+void list_directory(MT_TAR_SOFT& ctrl, const Member& member)
+{
+    if (ctrl.run.directories == nullptr)
+        return;
+    char text[znc::kModeDigits + kTarCacheSize + 1];
+    const auto mode = static_cast<unsigned>(member.mode) & 07777U;
+    const int len = snprintf(text, sizeof text, "%04o%s", mode, member.path);
+    if (len < static_cast<int>(sizeof text) && !ctrl.run.directories->add(text))
+        left_out(ctrl, ENOMEM);
+}
+
 STATUS extract_directory(MT_TAR_SOFT& ctrl, const Member& member, const char* last)
 {
-    znc::UniqueFd dir = make_dir(znc::tar_parent(ctrl), znc::tar_member_name(last), member.mode);
-    if (!dir) { // also when it exists: it is left as it is
+    list_directory(ctrl, member);
+    znc::UniqueFd dir;
+    if (znc::tar_make_directory(ctrl, znc::tar_member_name(last), member.mode, &dir) != OK) {
+        // also when it exists: it is left as it is
         left_out(ctrl, errno);
         return OK;
     }
@@ -147,11 +166,11 @@ STATUS extract_symlink(const MT_TAR_SOFT& ctrl, const MT_HBLOCK& block, const ch
     const std::size_t len = strnlen(block.dummy + kOffset, sizeof target - 1);
     std::memcpy(target, block.dummy + kOffset, len);
     target[len] = '\0';
-    const char* const name = znc::tar_member_name(last);
-    return symlinkat(target, znc::tar_parent(ctrl), name) == 0 ? OK : ERROR;
+    return znc::tar_make_symlink(ctrl, target, znc::tar_member_name(last));
 }
 
-bool write_all(int fd, const void* bytes, std::size_t count)
+// A short write is a failure.
+bool write_at_once(int fd, const void* bytes, std::size_t count)
 {
     ssize_t n;
     do {
@@ -162,20 +181,23 @@ bool write_all(int fd, const void* bytes, std::size_t count)
     return n >= 0 && static_cast<std::size_t>(n) == count;
 }
 
-// Pass the member's data from the archive to `fd`, straight from the block buffer.
+// Pass the member's data from the archive to `fd`, where there is one, straight from the block
+// buffer.
 bool copy_data(MT_TAR_SOFT& ctrl, int fd, tar_size_t size)
 {
-    constexpr std::size_t kBlockSize = sizeof(MT_HBLOCK);
-    auto blocks = static_cast<unsigned int>((std::uint64_t{size} + kBlockSize - 1) / kBlockSize);
+    using znc::kTarBlock;
+    auto blocks = static_cast<unsigned int>((std::uint64_t{size} + kTarBlock - 1) / kTarBlock);
     std::size_t left = size;
     while (left > 0) {
         MT_HBLOCK* data = nullptr;
         const int n = tarRdBlks(&ctrl, &data, blocks);
+        if (n == 0)
+            znc::tell_of_member(ctrl, ZNC_LAYER_CUT);
         if (n <= 0)
             return false;
         const auto taken = static_cast<unsigned int>(n);
-        const std::size_t count = std::min(taken * kBlockSize, left);
-        if (!write_all(fd, data, count))
+        const std::size_t count = std::min(taken * kTarBlock, left);
+        if (fd >= 0 && !write_at_once(fd, data, count))
             return false;
         left -= count;
         blocks -= taken;
@@ -189,39 +211,76 @@ bool starts_with(const char* text, std::string_view start)
 }
 
 // For who asked (zncUnpackProgressSet); it changes nothing. A container gets a /dev of its own.
-void count_left_out(const Member& member, const char* last, char type)
+void count_left_out(const Member& member, bool whiteout)
 {
-    const bool made = type == REGTYPE0 || type == ' ' || type == REGTYPE || type == SYMTYPE ||
-                      (member.size == 0 && member.namedAsDir);
-    const bool mark = starts_with(znc::tar_member_name(last), ".wh.");
-    if (mark || (!made && !starts_with(member.path, "/dev/")))
+    if (whiteout || (member.made == Made::kNothing && !starts_with(member.path, "/dev/")))
         znc::progress_left_out();
+}
+
+bool is_number_other_than_0(std::string_view field)
+{
+    unsigned long number = 0;
+    return tar_octal(field, number) && number != 0;
+}
+
+// What a member that has a place loses on its way there, for who asked.
+void tell_losses(const MT_TAR_SOFT& ctrl, const Member& member, const header& h, const char* last)
+{
+    const bool whiteout = starts_with(znc::tar_member_name(last), ".wh.");
+    if (ctrl.run.dry == nullptr)
+        count_left_out(member, whiteout);
+    if (ctrl.run.findings == nullptr)
+        return;
+    if ((member.mode & 07000) != 0)
+        znc::tell_of_member(ctrl, ZNC_LAYER_MODE);
+    if (is_number_other_than_0({h.uid, sizeof h.uid}) ||
+        is_number_other_than_0({h.gid, sizeof h.gid}))
+        znc::tell_of_member(ctrl, ZNC_LAYER_OWNER);
+    if (whiteout && member.made != Made::kDirectory)
+        znc::tell_of_member(ctrl, ZNC_LAYER_WHITEOUT);
+    if (member.made == Made::kNothing && member.size == 0)
+        znc::tell_of_member(ctrl, ZNC_LAYER_NOT_MADE);
+}
+
+// The number is kept: it is the reason.
+STATUS refuse(const MT_TAR_SOFT& ctrl, ZNC_LAYER_FINDING finding)
+{
+    znc::tell_of_member(ctrl, finding);
+    return ERROR;
+}
+
+// Whether the member will be read on behind its header and its data, if it has any.
+void tell_of_size(const MT_TAR_SOFT& ctrl, const Member& member, const header& h)
+{
+    constexpr unsigned kBinary = 0x80; // how others write numbers that do not fit
+    if ((static_cast<unsigned char>(h.size[0]) & kBinary) != 0)
+        znc::tell_of_member(ctrl, ZNC_LAYER_SIZE_FORM);
+    else if (member.size != 0 && member.made != Made::kFile)
+        znc::tell_of_member(ctrl, ZNC_LAYER_DATA_AS_MEMBERS);
+}
+
+STATUS make_member(MT_TAR_SOFT& ctrl, const Member& member, const MT_HBLOCK& block,
+                   const char* last)
+{
+    switch (member.made) {
+    case Made::kDirectory:
+        return extract_directory(ctrl, member, last);
+    case Made::kFile:
+        return tarExtractRegularFile(&ctrl, member.mode, member.size, member.mtime);
+    case Made::kLink:
+        if (extract_symlink(ctrl, block, last) == OK)
+            return OK;
+        return refuse(ctrl, errno == ENOENT ? ZNC_LAYER_LINK_EMPTY : ZNC_LAYER_LINK_EXISTS);
+    default: // no data is passed over
+        return OK;
+    }
 }
 
 } // namespace
 
-bool znc::tar_octal(std::string_view field, unsigned long& value) noexcept
-{
-    std::size_t at = 0;
-    while (at < field.size() && (field[at] == ' ' || (field[at] >= '\t' && field[at] <= '\r')))
-        ++at;
-    const bool negative = at < field.size() && field[at] == '-';
-    if (at < field.size() && (field[at] == '-' || field[at] == '+'))
-        ++at;
-    const std::size_t digits = at;
-    unsigned long n = 0;
-    for (; at < field.size() && field[at] >= '0' && field[at] <= '7'; ++at)
-        n = n * 8 + static_cast<unsigned long>(field[at] - '0');
-    if (at == digits)
-        return false;
-    value = negative ? 0 - n : n;
-    return true;
-}
-
 tar_size_t mtChecksum(void* pBuf, tar_size_t size)
 {
-    const auto* const bytes = static_cast<const std::uint8_t*>(pBuf);
-    return std::accumulate(bytes, bytes + size, tar_size_t{0});
+    return znc::tar_sum(pBuf, size);
 }
 
 STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time_t mtime)
@@ -232,20 +291,23 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
     const int before = errno;
     // The directory times are the extractor's: a member of that name has no file to go to.
     const bool records = znc::tar_is_record_file(*pCtrl, name);
-    znc::UniqueFd file(
-        records ? -1 : znFileCreateAt(parent, name, static_cast<mode_t>(mode) & kPermBits));
-    const bool created = static_cast<bool>(file);
-    if (!created && !records)
+    znc::UniqueFd file;
+    const bool created = !records && znc::tar_make_file(*pCtrl, name, mode, &file) == OK;
+    if (!created && !records) {
         left_out(*pCtrl, errno);
-    if (!created)
+        znc::tell_of_member(*pCtrl, ZNC_LAYER_NO_FILE);
+    }
+    if (!created) {
         file.reset(open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
-    if (!file)
-        return ERROR;
+        if (!file)
+            return ERROR;
+    }
     errno = before; // no file to write is no failure
     const bool copied = copy_data(*pCtrl, file.get(), size);
+    const bool written = static_cast<bool>(file);
     if (!copied || file.close_checked() != 0)
         return ERROR;
-    if (created)
+    if (created && written)
         tarSetMtime(name, mtime, parent);
     return OK;
 }
@@ -253,25 +315,22 @@ STATUS tarExtractRegularFile(MT_TAR_SOFT* pCtrl, int mode, tar_size_t size, time
 STATUS tarExtractFile(MT_TAR_SOFT* pCtrl, MT_HBLOCK* pBlk)
 {
     Member member;
-    if (!checksum_matches(*pBlk) || parse_numbers(pBlk->dbuf, member) != OK ||
-        compose_path(*pCtrl, pBlk->dbuf, member) != OK)
-        return ERROR;
-    if (member.path == nullptr)
-        return OK;
-    const char* const last = mtAccess(pCtrl, member.path);
-    if (last == nullptr)
-        return ERROR;
-    count_left_out(member, last, pBlk->dbuf.linkflag);
-    if (member.size == 0 && member.namedAsDir)
-        return extract_directory(*pCtrl, member, last);
-    switch (pBlk->dbuf.linkflag) {
-    case REGTYPE0:
-    case ' ':
-    case REGTYPE:
-        return tarExtractRegularFile(pCtrl, member.mode, member.size, member.mtime);
-    case SYMTYPE:
-        return extract_symlink(*pCtrl, *pBlk, last);
-    default: // hard links, devices, extended headers: nothing is made, no data is passed over
-        return OK;
+    znc::begin_member(*pCtrl, pBlk->dbuf);
+    if (!checksum_matches(*pBlk))
+        return refuse(*pCtrl, ZNC_LAYER_CHECKSUM);
+    if (parse_numbers(pBlk->dbuf, member) != OK)
+        return refuse(*pCtrl, ZNC_LAYER_TOO_LARGE);
+    if (compose_path(*pCtrl, pBlk->dbuf, member) != OK)
+        return refuse(*pCtrl, ZNC_LAYER_NAME);
+    member.made = made_of(member, pBlk->dbuf.linkflag);
+    if (member.path != nullptr) {
+        const char* const last = mtAccess(pCtrl, member.path);
+        if (last == nullptr)
+            return refuse(*pCtrl, errno == ENOENT ? ZNC_LAYER_NO_PARENT : ZNC_LAYER_PARENT);
+        tell_losses(*pCtrl, member, pBlk->dbuf, last);
+        if (make_member(*pCtrl, member, *pBlk, last) != OK)
+            return ERROR;
     }
+    tell_of_size(*pCtrl, member, pBlk->dbuf);
+    return OK;
 }

@@ -1,8 +1,6 @@
 // zncTarLib_path.cpp - member names: made clean, and their parents proved.
 #include "zncTarLib.hpp"
 
-#include "zarnel/fs.h"
-
 #include <algorithm>
 
 namespace {
@@ -36,12 +34,8 @@ bool prove_component(MT_TAR_SOFT& ctrl, const char* comp, std::size_t next)
         errno = EPERM;
         return false;
     }
-    if (*name != '\0') { // a doubled "/" names the same directory again
-        const int fd = znDirOpenAt(znc::tar_parent(ctrl), name);
-        if (fd < 0)
-            return false;
-        ctrl.parentFd.reset(fd);
-    }
+    if (*name != '\0' && !znc::tar_enter(ctrl, name)) // a doubled "/" names the same one again
+        return false;
     char* const cache = ctrl.goodPathCache.get();
     if (std::strncmp(cache + ctrl.parentLen, comp, next - ctrl.parentLen) != 0 ||
         (cache[next] != '\0' && cache[next] != '/')) {
@@ -100,8 +94,7 @@ char* mtAccess(MT_TAR_SOFT* pCtrl, char* arPath)
     const std::string_view parents(arPath, static_cast<std::size_t>(last - arPath));
     const std::size_t cached = cached_len(parents, pCtrl->goodPathCache.get());
     if (pCtrl->parentLen > cached) {
-        pCtrl->parentFd.reset();
-        pCtrl->parentLen = 0;
+        znc::tar_leave(*pCtrl);
     }
     while (pCtrl->parentLen < parents.size()) {
         const std::size_t at = pCtrl->parentLen;

@@ -1,15 +1,17 @@
+// zncTrash.cpp - see zncTrash.hpp. What is global here is so because the process has one task that
+// empties trash and any number of tasks that bring some.
 #include "zncTrash.hpp"
 
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
-#include "zncTreeLinks.hpp"
+#include "zncTreeDelete.hpp"
+#include "zncWorkAhead.hpp"
 
 #include "zarnel/path_trust.h"
 #include "zarnel/task.h"
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -125,9 +127,10 @@ void* empty_main(void* /*unused*/)
     char base[sizeof base_to_empty];
     for (;;) {
         while (more.exchange(false)) {
-            ::pthread_mutex_lock(&base_lock);
-            std::memcpy(base, base_to_empty, sizeof base);
-            ::pthread_mutex_unlock(&base_lock);
+            {
+                const znc::MutexHold hold(base_lock);
+                std::memcpy(base, base_to_empty, sizeof base);
+            }
             delete_all(base);
         }
         emptying = false;
@@ -138,22 +141,14 @@ void* empty_main(void* /*unused*/)
     }
 }
 
-// With all signals blocked: the process's signals are for its own tasks.
-bool start_task()
+// Nobody waits for the task: it ends with the process, and the next one goes on.
+bool start_emptying()
 {
-    pthread_attr_t attributes;
-    if (::pthread_attr_init(&attributes) != 0)
-        return false;
-    sigset_t all;
-    sigset_t before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t task;
-    const bool started = ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
-                         ::pthread_create(&task, &attributes, empty_main, nullptr) == 0;
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    ::pthread_attr_destroy(&attributes);
-    return started;
+    if (!znc::start_task(&task, empty_main, nullptr))
+        return false;
+    ::pthread_detach(task);
+    return true;
 }
 
 } // namespace
@@ -200,11 +195,12 @@ void znc::trash_empty()
     char base[sizeof base_to_empty];
     if (!base_path(base))
         return;
-    ::pthread_mutex_lock(&base_lock);
-    std::memcpy(base_to_empty, base, sizeof base);
-    ::pthread_mutex_unlock(&base_lock);
+    {
+        const MutexHold hold(base_lock);
+        std::memcpy(base_to_empty, base, sizeof base);
+    }
     more = true;
-    if (!emptying.exchange(true) && !start_task())
+    if (!emptying.exchange(true) && !start_emptying())
         emptying = false; // it stays for the next time
 }
 

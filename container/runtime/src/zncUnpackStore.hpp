@@ -11,12 +11,14 @@
 namespace znc {
 
 struct UnpackStore {
-    UnpackStore(const char* os, const char* arch, const char* tag, std::size_t layersMax) noexcept
-        : ahead(os, arch, tag, layersMax, lock)
+    UnpackStore(const char* os, const char* arch, const char* tag, std::size_t layersMax,
+                ZNC_DIRECTORY_FUNC func, void* context) noexcept
+        : dirs(func, context), ahead(os, arch, tag, layersMax, lock, dirs)
     {
     }
     StoreLock lock;
-    BundleRecord record; // removed, unless it is kept, while the lock is held
+    UnpackDirs dirs;
+    BundleRecord record; // what is not kept is removed while the lock is held
     StoreAhead ahead;
 };
 

@@ -2,7 +2,7 @@
 //
 // What the rest of the library and its callers use is declared in the public header. All is
 // constant or on the stack of the call. Left out: deleting trees that an image or a container wrote
-// (zncTreeLinks).
+// (zncTreeDelete).
 #ifndef ZNCUTIL_HPP
 #define ZNCUTIL_HPP
 

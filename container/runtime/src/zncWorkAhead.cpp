@@ -1,11 +1,12 @@
 // zncWorkAhead.cpp - see zncWorkAhead.hpp.
 #include "zncWorkAhead.hpp"
 
+#include "zarnel/task.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <unistd.h>
 
 namespace {
 
@@ -82,11 +83,8 @@ void WorkAhead::start_helpers(std::size_t wanted) noexcept
 
 std::size_t WorkAhead::processors_beside(std::size_t busy) noexcept
 {
-    const ErrnoSaver keep;
-    const long processors = ::sysconf(_SC_NPROCESSORS_ONLN);
-    return processors > 0 && static_cast<std::size_t>(processors) > busy
-               ? static_cast<std::size_t>(processors) - busy
-               : 0;
+    const std::size_t processors = znTaskProcessors();
+    return processors > busy ? processors - busy : 0;
 }
 
 // The last job that nobody has begun becomes the helper's: it and the caller, who comes from the

@@ -1,9 +1,9 @@
 /*
- * daemon_file.h - what a daemon says of itself to other programs: a small file beside its lock,
- * and a lock that is held for as long as the daemon lives.
+ * daemon_file.h - the daemon's identity for other programs: a small file in the runtime directory,
+ * next to a lock file that the daemon holds locked as long as it runs.
  *
- * The file may outlive the daemon. It is believed only while the lock is held, and only if the
- * process it names is still the one that wrote it.
+ * The file may outlive the daemon. Readers trust it only while the lock is held and the process
+ * that it names is still the one that wrote it.
  */
 #ifndef ZARNEL_DAEMON_FILE_H
 #define ZARNEL_DAEMON_FILE_H
@@ -26,15 +26,15 @@ typedef struct znDaemonInfo {
 } znDaemonInfo;
 
 /*
- * Write the file for the calling process into the directory `dirFd`, whole or not at all. ERROR
- * with the task error number set; there is then no file.
+ * Write the file, naming the calling process, into the directory `dirFd`, atomically. On ERROR the
+ * task error number is set and no file is left.
  */
 STATUS znDaemonInfoWrite(int dirFd, const char* version);
 
 /*
- * Read it. ERROR with ESRCH when no daemon holds the lock or the file is not that daemon's,
- * EPERM when directory or file belong to another user, or the number of what kept it from
- * being read.
+ * Read the file. ERROR with ESRCH if no daemon holds the lock or the file was not written by a
+ * process that still runs, EPERM if the directory or a file in it belongs to another user, or the
+ * error that prevented reading.
  */
 STATUS znDaemonInfoRead(znDaemonInfo* info);
 

@@ -1,6 +1,6 @@
 /*
- * fs.h - paths, directories, the environment: what the kernel's user-mode library adds
- * to the POSIX file functions. No call keeps state; all may run in any task.
+ * fs.h - helpers for paths, directories and the environment that POSIX does not have. No call keeps
+ * state; all may be called from any task.
  */
 #ifndef ZARNEL_FS_H
 #define ZARNEL_FS_H
@@ -11,7 +11,7 @@
 extern "C" {
 #endif
 
-/* The device that swallows what is written to it. */
+/* The device that discards everything written to it. */
 #define ZN_NULL_DEVICE "/dev/null"
 
 /*
@@ -22,64 +22,70 @@ extern "C" {
 ssize_t znEnvGet(const char* name, char* buf, size_t bufLen);
 
 /*
- * Append one path component to the text in `buf` (NUL-terminated, in `bufLen` bytes), with
- * exactly one "/" between them; an empty buffer takes the component as it is. Returns the
- * end of the text (its NUL), or `buf + bufLen` when the result and its terminator do not
- * fit; the buffer then holds as much as fitted, terminated.
+ * Append one path component to the NUL-terminated text in `buf` (of `bufLen` bytes), with exactly
+ * one "/" between them; to an empty buffer the component is copied as it is. Returns a pointer to
+ * the terminating NUL, or `buf + bufLen` if the result does not fit with its terminator; the buffer
+ * then holds as much as fits, terminated.
  */
 char* znPathAppend(char* buf, size_t bufLen, const char* component);
 
 /*
- * Make a directory and its missing parents with `mode`, whatever the umask says about the
- * directories made here. OK if the directory is there afterwards, also when it was before;
- * ERROR with the task error number set (ENOTDIR when a file is in the way).
+ * Create a directory and its missing parents with exactly the permission bits `mode`, whatever the
+ * umask. Directories that exist keep their mode. OK if the directory exists afterwards, also if it
+ * did before; ERROR with the task error number set (ENOTDIR if a component is not a directory).
  */
 STATUS znMkdirParents(const char* path, mode_t mode);
 
 /*
- * Open `path` for reading and writing as a new, empty regular file with exactly the
- * permission bits `mode`, whatever the umask. An existing regular file is truncated; a
- * symbolic link at the final name is replaced by the new file, never followed. Returns a
- * descriptor closed on exec, or -1 with the task error number set.
+ * Open `path` for reading and writing as an empty regular file with exactly the permission bits
+ * `mode`, whatever the umask. An existing regular file is truncated. A symbolic link as the last
+ * component is replaced by the new file, never followed. Returns a close-on-exec descriptor, or -1
+ * with the task error number set.
  */
 int znFileCreate(const char* path, mode_t mode);
 
-/* The same with `path` taken from the directory `dirFd`. */
+/* The same, with `path` relative to the directory `dirFd`. */
 int znFileCreateAt(int dirFd, const char* path, mode_t mode);
 
 /*
- * Open the directory `name` in the directory `dirFd` as a starting point for the ...at calls and
- * nothing else (no reading, no fchmod); a directory that may only be searched will do. A symbolic
- * link is no directory: -1 with ENOTDIR. Otherwise a descriptor closed on exec, or -1 with the task
- * error number set. `name` is one component: those before a "/" would be followed.
+ * Open the directory `name` in the directory `dirFd` for use with the *at() calls only (O_PATH: no
+ * reading, no fchmod); search permission is enough. A symbolic link fails with ENOTDIR. Returns a
+ * close-on-exec descriptor, or -1 with the task error number set. `name` must be one component:
+ * symbolic links before a "/" would be followed.
  */
 int znDirOpenAt(int dirFd, const char* name);
 
 /*
- * Set the sticky bit of the directory `path` inside the directory tree `root`: its other permission
- * bits stay. Absolute paths and symbolic links on the way are taken inside `root`, one at the end
- * is not followed, and nothing behind a mount point is reached. OK also when the bit is set
- * already; ERROR with the task error number set (ENOENT, ENOTDIR, ELOOP, EXDEV).
+ * Set the sticky bit of the directory `path` inside the directory tree `root`, leaving its other
+ * mode bits unchanged. Absolute paths and intermediate symbolic links are resolved inside `root`; a
+ * symbolic link as the last component is not followed, and no mount point is crossed. OK also if
+ * the bit is already set; ERROR with the task error number set (ENOENT, ENOTDIR, ELOOP, EXDEV).
  */
 STATUS znDirMakeSticky(const char* root, const char* path);
 
 /*
- * Let two directories of one file system change names in one step: whoever looks finds a whole
- * tree under either name. Where the file system cannot do that, `b` has no name for a moment
- * instead. OK, or ERROR with the task error number set and both as they were.
+ * Atomically exchange the names of two directories of one file system, so that both names always
+ * refer to a complete tree. If the file system does not support this, `b` does not exist for a
+ * moment instead. OK, or ERROR with the task error number set and both names unchanged.
  */
 STATUS znDirExchange(const char* a, const char* b);
 
 /*
- * Have everything on disk that was written to the file system of the directory `path`.
- * Blocks until it is. OK, or ERROR with the number of a write that failed.
+ * Write all pending changes of the file system that contains the directory `path` to disk, and wait
+ * for completion. OK, or ERROR with the error of a failed write.
  */
 STATUS znFsSync(const char* path);
 
-/* Have the names in the directory `path` on disk: what was made, renamed, removed in it. */
+/* Write the entries of the directory `path` (creations, renames, removals) to disk. */
 STATUS znDirSync(const char* path);
 
-/* The text for an error number, as the C library has it, cut to `bufLen` bytes. Never fails. */
+/*
+ * Write to `path`, truncated to `size` bytes (64 are enough), a path through which this process can
+ * reopen the file behind the descriptor `fd`, even if the file was renamed. Never fails.
+ */
+void znDescriptorPath(int fd, char* path, size_t size);
+
+/* The C library's text for an error number, truncated to `bufLen` bytes. Never fails. */
 void znErrorText(int errorNumber, char* buf, size_t bufLen);
 
 #ifdef __cplusplus

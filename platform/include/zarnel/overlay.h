@@ -1,17 +1,17 @@
 /*
- * overlay.h - overlay devices: a directory "/overlay/<name>" that shows a stack of
- * directories as one tree.
+ * overlay.h - overlay devices: directories "/overlay/<name>" that show a stack of directories as
+ * one tree.
  *
- * A device exists while something is mounted there; a bare directory of its name, left over
- * by a reboot, does not count. A writable device belongs to the container of its name and
- * goes when that container's namespace root is undone (ns.h); one that no namespace is
- * rooted on any more is abandoned and does not block a new one. A read-only device is
- * recorded beside itself, so that znOvlDevRestore can attach it after a reboot.
+ * A device exists while a file system is mounted on its directory; an empty directory left by a
+ * reboot does not count. A writable device belongs to the container of the same name and is removed
+ * with that container's namespace root (ns.h). A writable device that is no longer the root of any
+ * namespace is abandoned and does not prevent a new one of its name. The directories of a read-only
+ * device are recorded, so that znOvlRestore can mount it again after a reboot.
  *
- * On the host a device has no device nodes and no set-id programs.
+ * On the host, device nodes and set-id programs in a device have no effect (nodev, nosuid).
  *
- * All calls need the right to mount. They may run in any process, but a writable device must
- * be made by the process that makes the namespaces.
+ * All calls need the right to mount. Any process may make them, but a writable device must be
+ * created by the process that creates the namespaces.
  */
 #ifndef ZARNEL_OVERLAY_H
 #define ZARNEL_OVERLAY_H
@@ -25,44 +25,72 @@ extern "C" {
 #define ZN_OVERLAY_DIR "/overlay"
 
 /*
- * Create the device `devName` (a path directly under ZN_OVERLAY_DIR) over `dirNum`
- * directories, the first on top. With `hasUpper` the first directory is writable and its
- * parent directory takes the work directory the kernel needs; the rest are only read. The
- * writable directory is given the mode and owner of the next one before anything is mounted.
- * OK, or ERROR with EEXIST (the device exists), EINVAL (a bad name, no directories, an
- * upper without a lower), ENOENT (a directory is missing), ENODEV (no overlay filesystem),
- * EBUSY (another process keeps devices locked for seconds) or the kernel's number; nothing is then
- * left behind.
+ * Create the device `devName` (a path directly below ZN_OVERLAY_DIR) over `dirNum` directories, the
+ * first on top. With `hasUpper` the first directory is writable, and the work directory that the
+ * kernel needs is created in its parent; the other directories are read-only. The writable
+ * directory is given the mode and owner of the second one before mounting. OK, or ERROR with EEXIST
+ * (the device exists), EINVAL (invalid name, no directories, or an upper directory without a lower
+ * one), ENOENT (a directory is missing), ENODEV (no overlay file system), EBUSY (another process
+ * kept the devices locked for some seconds) or another kernel error; nothing is left behind then.
  */
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper);
 
 /*
- * Detach a device and remove its node and its record. Processes that use it keep their view
- * until they end. ERROR with ENOENT (no such node) or EINVAL (nothing mounted there, or a
- * bad name).
+ * Detach a device and remove its directory and its record. Processes that use the device keep
+ * access to it until they end. ERROR with ENOENT (no such directory) or EINVAL (nothing mounted
+ * there, or an invalid name).
  */
 STATUS znOvlDevRemove(const char* devName);
 
-/* Whether a living namespace has this device for its root; TRUE also if that cannot be told. */
+/*
+ * The maximum number of directories in a read-only device; older kernels support fewer. A directory
+ * that is named more than once counts once.
+ */
+uint32_t znOvlDirsMax(void);
+
+/*
+ * Call `visit` with every directory in the record of the read-only device `devName`, the first on
+ * top, until it returns FALSE. OK, or ERROR with ENOENT (no such device, or no complete record),
+ * EINVAL (invalid name), EBUSY, or the error that prevented reading the record.
+ */
+STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
+                    void* context);
+
+/*
+ * Called for a mounted device: its path, its lower directories in the order of the stack (without
+ * the writable one), and whether it is a writable device. The strings are valid during the call
+ * only.
+ */
+typedef void (*ZN_OVL_DEV_VISIT)(const char* devName, const char* const* lower, uint32_t lowerNum,
+                                 BOOL writable, void* context);
+
+/*
+ * Call `visit` for each mounted device. OK, or ERROR with the task error number set if the mount
+ * table cannot be read, or with ENOMEM; `visit` may have been called for some devices then.
+ */
+STATUS znOvlDevEach(ZN_OVL_DEV_VISIT visit, void* context);
+
+/* Whether a live namespace has this device as its root; TRUE also if that cannot be determined. */
 BOOL znOvlDevInUse(const char* devName);
 
 /*
- * For a daemon that stops: detach every writable device that no living namespace has for its
- * root, such as those of creates that failed. Returns how many could not be detached.
+ * Called when the daemon stops: detach every writable device that is not the root of a live
+ * namespace, such as those left by failed creates. Returns the number of devices that could not be
+ * detached.
  */
 int znOvlSweep(void);
 
 /*
- * Make ZN_OVERLAY_DIR if the kernel has the overlay filesystem, and close it to all other users.
- * TRUE if it is there afterwards.
+ * Create ZN_OVERLAY_DIR, accessible to its owner only, if the kernel supports the overlay file
+ * system. TRUE if the directory exists afterwards.
  */
 BOOL znOvlInit(void);
 
 /*
- * For a daemon that starts: detach every writable device that a dead daemon left behind (its
- * directories stay the caller's), attach again every recorded read-only device whose directories
- * are still there, and remove the nodes of all others. Returns how many could not be dealt with;
- * those keep their record for the next time.
+ * Called when the daemon starts: detach every writable device left by an earlier daemon (its
+ * directories stay, for the caller to remove), mount every recorded read-only device whose
+ * directories still exist, and remove the directories of all other devices. Returns the number of
+ * devices for which this failed; they keep their record, so that the next call tries again.
  */
 int znOvlRestore(void);
 

@@ -1,15 +1,16 @@
 /*
- * path_trust.h - whether other users can get at a path: for whoever keeps something there that
- * a privileged process believes, or deletes.
+ * path_trust.h - whether other users can replace or modify what a path leads to. To be checked
+ * before a privileged process trusts, or deletes, what is stored there.
  *
- * Trusted owners are root and the process's effective user. Every directory on the way, from
- * "/" down, must belong to one of them and not be writable by others; one that is writable but
- * sticky (/tmp) will do for an entry that belongs to one of them. The end of the path must
- * belong to one of them and not be writable by others at all. A symbolic link is judged by
- * the directory it stands in, and then by its target. Write permission of a group counts
- * unless the group is root's or the process's own and no access list goes beyond it.
+ * Trusted owners are root and the effective user of the process. Every directory on the path, from
+ * "/" down, must belong to a trusted owner and not be writable by others. A sticky directory such
+ * as /tmp may be writable by others if the entry used in it belongs to a trusted owner. The last
+ * component must belong to a trusted owner and must not be writable by others at all. A symbolic
+ * link is checked as an entry of its directory, then its target is checked. Group write permission
+ * counts as writable by others unless the group is root's or that of the process and the file has
+ * no access control list.
  *
- * What does not exist yet is no fault. Whoever then makes it asks again afterwards.
+ * A component that does not exist is not an error. After creating it, check again.
  */
 #ifndef ZARNEL_PATH_TRUST_H
 #define ZARNEL_PATH_TRUST_H
@@ -21,15 +22,15 @@ extern "C" {
 #endif
 
 typedef struct znPathTrust {
-    BOOL exists;      /* the whole path is there */
-    char fault[1024]; /* "" or what is wrong and where, for a person; may be cut */
+    BOOL exists;      /* the whole path exists */
+    char fault[1024]; /* "", or what is wrong and where, in English; may be truncated */
 } znPathTrust;
 
 /*
- * OK if nobody else can change what `path` means or holds. ERROR with EPERM (somebody can), or
- * with the number of what kept it from being looked at (ENOTDIR, ELOOP, ENAMETOOLONG, EACCES,
- * EINVAL for an empty path). A relative path is taken from the working directory, whose own
- * path is judged too. `trust` may be NULL.
+ * OK if no other user can change what `path` refers to or contains. ERROR with EPERM if another
+ * user can, or with the error that prevented the check (ENOTDIR, ELOOP, ENAMETOOLONG, EACCES;
+ * EINVAL for an empty path). A relative path is resolved from the working directory, whose own path
+ * is checked too. `trust` may be NULL.
  */
 STATUS znPathTrusted(const char* path, znPathTrust* trust);
 

@@ -1,9 +1,9 @@
 /*
- * process.h - the caller's children by descriptor: their ends, and nothing but their ends.
+ * process.h - waiting for the caller's children by descriptor, reporting their ends only.
  *
- * A container's program can make its caller the tracer of its processes (stops are then reported
- * as if they were ends) and can make processes of its own children of the caller. Neither may be
- * taken for the program's end.
+ * A container's program can make the caller the tracer of its processes, whose stops are then
+ * reported to the caller like ends. It can also reparent its own children to the caller. Neither
+ * must be mistaken for the end of the program.
  */
 #ifndef ZARNEL_PROCESS_H
 #define ZARNEL_PROCESS_H
@@ -15,24 +15,24 @@ extern "C" {
 #endif
 
 /*
- * A descriptor that stands for the process `pid` for ever, closed on exec. The process must be a
- * child of the caller that nobody has reaped: until then the id is no other's. -1 with ESRCH (no
- * such process) or EMFILE, ENFILE, ENOMEM.
+ * A close-on-exec descriptor that refers to the process `pid`, even if its id is reused later. The
+ * process must be a child of the caller that has not been reaped, so that `pid` cannot have been
+ * reused yet. -1 with ESRCH (no such process) or EMFILE, ENFILE, ENOMEM.
  */
 int znProcessOpen(pid_t pid);
 
 /*
- * Reap the child behind a descriptor without waiting. OK with its status in waitpid's form in
- * `status`; ERROR with EAGAIN while it has not ended (a stop is no end), ECHILD if it is no child
- * of the caller or was reaped.
+ * Reap the child that a descriptor refers to, without waiting. OK with its status in waitpid's
+ * format in `status`; ERROR with EAGAIN if it has not ended (also if it is stopped), ECHILD if it
+ * is not a child of the caller or was reaped already.
  */
 STATUS znProcessReap(int process, int* status);
 
 /*
- * Reap all other children that have ended; `except` (0: nobody) is left alone. Stops of traced
- * children are dropped. TRUE if there may be more: a limited number is reaped at a time, so that
- * who makes children without end cannot keep the caller here. FALSE also when `except` has ended:
- * reap it first, then call again.
+ * Reap the children that have ended, except the process `except` (0: none). Stop reports of traced
+ * children are discarded. TRUE if there may be more: the number reaped per call is limited, so that
+ * a program that creates children endlessly cannot keep the caller here. Returns FALSE also when it
+ * finds that `except` has ended: reap that one first, then call again.
  */
 BOOL znProcessReapOthers(pid_t except);
 

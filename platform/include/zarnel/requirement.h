@@ -1,6 +1,6 @@
 /*
- * requirement.h - what the platform needs of the machine it runs on, asked in a way that changes
- * nothing.
+ * requirement.h - checks whether the system has what the platform needs. The checks have no side
+ * effects.
  */
 #ifndef ZARNEL_REQUIREMENT_H
 #define ZARNEL_REQUIREMENT_H
@@ -12,13 +12,13 @@ extern "C" {
 #endif
 
 typedef struct znRequirement {
-    const char* text;    /* what it is; constant */
-    const char* without; /* what comes of it when it is missing; constant */
-    BOOL needed;         /* FALSE: the platform can do without */
+    const char* text;    /* what is required; constant */
+    const char* without; /* consequence if it is missing; constant */
+    BOOL needed;         /* FALSE: optional */
     BOOL met;
 } znRequirement;
 
-/* The requirement number `index`, from 0. FALSE when there are no more. */
+/* Get the requirement `index`, counted from 0. FALSE if there are no more. */
 BOOL znRequirementGet(size_t index, znRequirement* requirement);
 
 #ifdef __cplusplus

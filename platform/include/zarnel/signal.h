@@ -1,6 +1,6 @@
 /*
- * signal.h - signal numbers. The library speaks the platform's own numbers (30 is USR1 there);
- * the host's are used only below this line.
+ * signal.h - signal numbers. The library uses the numbers of Zarnel (SIGUSR1 is 30); this function
+ * translates them to those of the host.
  */
 #ifndef ZARNEL_SIGNAL_H
 #define ZARNEL_SIGNAL_H
@@ -12,8 +12,8 @@ extern "C" {
 #endif
 
 /*
- * The host's number for a platform signal, 0 for 0, or -1 with EINVAL: a number that is not
- * in the platform's table, or a signal the host does not have (EMT, FMT, CNCL, RES1-7, EVTS, EVTD).
+ * The host's number for a Zarnel signal, 0 for 0, or -1 with EINVAL for an unknown number or a
+ * signal that the host does not have (EMT, FMT, CNCL, RES1-7, EVTS, EVTD).
  */
 int znSignalToHost(int signo);
 

@@ -1,8 +1,9 @@
 /*
- * spawn.h - starting a user-mode process, POSIX posix_spawn with the kernel's attributes.
+ * spawn.h - starting a process in a namespace: posix_spawn with the attributes of the Zarnel
+ * kernel.
  *
- * Usage: znSpawnAttrInit, any setters, znSpawn, znSpawnAttrDestroy. A record belongs to one
- * task at a time. The child is an ordinary child of the caller (waitpid works).
+ * Usage: znSpawnAttrInit, any setters, znSpawn, znSpawnAttrDestroy. An attribute record may be used
+ * by one task at a time. The new process is a direct child of the caller (waitpid works).
  */
 #ifndef ZARNEL_SPAWN_H
 #define ZARNEL_SPAWN_H
@@ -14,26 +15,25 @@ extern "C" {
 #endif
 
 typedef struct znSpawnAttr {
-    int priority;  /* 0 most urgent .. 255 least; above normal (100) only where allowed, see ns.h */
-    int stackSize; /* bytes of user stack */
+    int priority;  /* 0 most urgent, 255 least; below 100 only where ns.h allows it */
+    int stackSize; /* stack size in bytes */
     int options;   /* process options */
     int taskOptions;
-    nsid_t ns;       /* -1: none yet, which cannot be spawned into */
+    nsid_t ns;       /* -1: not set; znSpawn then fails */
     const char* cwd; /* borrowed; NULL: "/" */
     short flags;
 } znSpawnAttr;
 
-#define ZN_SPAWN_OPT_LOADED 0x40 /* process option: return only once the program is loaded */
+#define ZN_SPAWN_OPT_LOADED 0x40 /* process option: return when the program is loaded */
 
-/* Every field at its default (priority 100, stack 0, namespace -1). */
+/* Set every field to its default (priority 100, stack 0, namespace -1). */
 STATUS znSpawnAttrInit(znSpawnAttr* attr);
 STATUS znSpawnAttrDestroy(znSpawnAttr* attr);
 
 /*
- * Setters: OK, or ERROR with EINVAL for a value that cannot be carried (a priority outside
- * 0..255, a negative stack size or namespace, a working directory that is not absolute); the
- * record is then as before. Process options, task options and flags are carried and mean nothing
- * on Linux.
+ * Setters. OK, or ERROR with EINVAL for an invalid value (a priority outside 0..255, a negative
+ * stack size or namespace, a working directory that is not absolute); the record is then unchanged.
+ * Process options, task options and flags are stored but have no effect on Linux.
  */
 STATUS znSpawnAttrSetPriority(znSpawnAttr* attr, int priority);
 STATUS znSpawnAttrSetStackSize(znSpawnAttr* attr, int stackSize);
@@ -44,24 +44,25 @@ STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd);
 STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
 
 /*
- * Start `path` (a host path at or under the namespace's root) inside the namespace, with `argv`
- * and `envp` (NULL-terminated; envp may be NULL for an empty environment). Returns once the
- * program is loaded or has failed to load.
+ * Start the program `path` (a host path at or below the namespace's root) inside the namespace,
+ * with `argv` and `envp` (NULL-terminated; `envp` may be NULL for an empty environment). Returns
+ * when the program has been loaded or has failed to load.
  *
- * The child has the caller's descriptors 0 to 2 and no other; in place of one that is closed, would
- * be on exec, or is the null device, it has the container's null device. It has default signal
- * actions, an empty signal mask, umask 022, default scheduling, the processors that the namespace's
- * owner may use, the container capabilities with no-new-privileges, and the attribute's working
- * directory. Resource limits, the control group and the out-of-memory score stay the caller's, but
- * for queue memory, of which it can use at most half.
+ * The process inherits the caller's descriptors 0 to 2 and no others. A standard stream that is
+ * closed, is close-on-exec or is the null device is replaced by the container's null device. The
+ * process starts with default signal actions, an empty signal mask, umask 022, default scheduling,
+ * the CPU affinity of the namespace's owner, the container capabilities with no-new-privileges, and
+ * the working directory of `attr`. It inherits the caller's resource limits, control group and
+ * out-of-memory score, but may use at most half of the queue memory.
  *
- * Its system calls are filtered: those that namespaces do not confine, that are large and seldom
- * needed, or that need rights no container has, fail with EPERM. A call by another interface than
- * the processor's own (32-bit programs) ends the program by SIGSYS.
+ * Its system calls are filtered: calls that namespaces do not confine, that expose large and rarely
+ * needed parts of the kernel, or that need capabilities no container has, fail with EPERM. A system
+ * call through another interface than the native one (32-bit programs) terminates the program with
+ * SIGSYS.
  *
- * OK with the child's id in `pid`, or ERROR with the task error number saying why: ESRCH (the
- * namespace is gone), ENOENT, EACCES, ENOEXEC and the like from loading the program, ENOTDIR
- * or ENOENT from the working directory, EPERM without the rights. No child is then left.
+ * OK with the process id in `pid`, or ERROR with the task error number set: ESRCH (the namespace no
+ * longer exists), ENOENT, EACCES, ENOEXEC and similar errors from loading the program, ENOTDIR or
+ * ENOENT for the working directory, EPERM without the necessary rights. No child is left then.
  */
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
                char* const* envp);

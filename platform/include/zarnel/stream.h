@@ -1,6 +1,6 @@
 /*
- * stream.h - passing bytes on between descriptors without waiting for either side, and without
- * changing what the descriptors share with other processes.
+ * stream.h - moving bytes between descriptors without waiting for either side, and without changing
+ * the open file descriptions, which other processes may share.
  */
 #ifndef ZARNEL_STREAM_H
 #define ZARNEL_STREAM_H
@@ -13,17 +13,17 @@ extern "C" {
 
 /*
  * Move up to `most` bytes from the pipe `from` to `to`, a pipe or a regular file, inside the
- * kernel. Never waits for bytes, nor for room in a pipe. The number of bytes moved; 0 at the end
- * of the pipe; -1 with EAGAIN (nothing to move, or no room), EPIPE and the like from writing, or
- * ENOTSUP: not between these two, copy instead.
+ * kernel. Waits neither for data nor for room in a pipe. Returns the number of bytes moved, 0 at
+ * the end of the pipe, or -1 with EAGAIN (no data, or no room), EPIPE or another write error, or
+ * ENOTSUP (not possible between these two; copy instead).
  */
 ssize_t znStreamMove(int from, int to, size_t most);
 
 /*
- * A descriptor of its own for the same terminal or pipe, with the same access, that does not
- * wait: O_NONBLOCK on the descriptor itself would hold for everyone who shares it. Closed on exec.
- * -1 with the task error number set: EINVAL for what is neither terminal nor pipe, ENXIO for the
- * writing side of a pipe that nobody reads.
+ * Open the same terminal or pipe again, with the same access mode and O_NONBLOCK, which on `fd`
+ * itself would affect all processes that share it. The new descriptor is close-on-exec. -1 with the
+ * task error number set: EINVAL if `fd` is neither a terminal nor a pipe, ENXIO for the write end
+ * of a pipe that has no reader.
  */
 int znStreamReopen(int fd);
 

@@ -1,5 +1,6 @@
 /*
- * task.h - the calling task: the system clock, deletion safety, the stop request.
+ * task.h - operations on the calling task: clock rate, deletion safety, background priority, stop
+ * request.
  *
  * The task error number is the C library's thread-local `errno`.
  */
@@ -12,29 +13,31 @@
 extern "C" {
 #endif
 
-/* Ticks per second of the system clock; every timeout of the platform is counted in them. */
+/* Ticks per second of the system clock, the unit of every timeout of the platform. */
 int znSysClkRateGet(void);
 
 /*
- * Make the calling task safe from deletion, and end that again. The calls nest:
- * the task can be deleted only after as many znTaskUnsafe as znTaskSafe calls.
- * On Linux deletion is thread cancellation. Neither call fails or blocks;
- * an unmatched znTaskUnsafe does nothing.
+ * Protect the calling task from deletion, and end the protection. The calls nest: the task can be
+ * deleted only after as many znTaskUnsafe as znTaskSafe calls. On Linux deletion is thread
+ * cancellation. Neither call fails or blocks; an unmatched znTaskUnsafe does nothing.
  */
 void znTaskSafe(void);
 void znTaskUnsafe(void);
 
 /*
- * Let the calling task's work wait for everybody else's: the lowest priority for the processor
- * and, where the system has such, for the disk. For good; a failure changes nothing.
+ * Give the calling task the lowest CPU priority and, if the system has I/O priorities, the lowest
+ * of these. It cannot be undone. Failures are ignored.
  */
 void znTaskBackgroundSet(void);
 
+/* Number of processors on which the calling task may run; 1 if unknown. Preserves errno. */
+size_t znTaskProcessors(void);
+
 /*
- * Name the descriptor that asks the calling task to stop (-1: none, the default).
- * Once it is readable, a queue receive of this task that may wait fails with
- * ECANCELED instead of taking a message; one with ZN_NO_WAIT is unaffected.
- * The descriptor stays the caller's, is never read and must outlive its use here.
+ * Set the descriptor that asks the calling task to stop (-1: none, the default). When it is
+ * readable, a message receive of this task that may wait fails with ECANCELED instead of taking a
+ * message; one with ZN_NO_WAIT is not affected. The descriptor remains the caller's, is never read,
+ * and must stay open while it is set.
  */
 void znTaskStopFdSet(int fd);
 int znTaskStopFdGet(void);

@@ -1,6 +1,4 @@
-/*
- * terminal.h - the terminal's option word, of which one bit is used here.
- */
+/* terminal.h - terminal options. Only the echo option is used. */
 #ifndef ZARNEL_TERMINAL_H
 #define ZARNEL_TERMINAL_H
 
@@ -10,14 +8,17 @@
 extern "C" {
 #endif
 
-#define ZN_TERM_OPT_ECHO 0x1 /* typed characters are shown */
+#define ZN_TERM_OPT_ECHO 0x1 /* echo typed characters */
 
-/* Read the option word of the terminal on `fd` into `options`. ERROR with ENOTTY if it is none. */
+/*
+ * Read the options of the terminal `fd` into `options`. ERROR with ENOTTY if `fd` is not a
+ * terminal.
+ */
 STATUS znTermOptionsGet(int fd, int* options);
 
 /*
- * Set the option word. On Linux only the echo bit has a meaning; every other setting of the
- * terminal stays as it is. ERROR with the task error number set.
+ * Set the options. On Linux only the echo bit has an effect; all other settings of the terminal are
+ * left unchanged. ERROR with the task error number set.
  */
 STATUS znTermOptionsSet(int fd, int options);
 

@@ -1,10 +1,9 @@
 /*
- * types.h - the kernel's basic types, shared by every facility header.
+ * types.h - the kernel's basic types, shared by all contract headers.
  *
- * The public header of the container library declares STATUS, BOOL and the
- * handles again, so that an application needs no other header; both
- * declarations must stay identical, which every library file that includes
- * both of them checks at compile time.
+ * The public header of the container library repeats STATUS, BOOL and the handles, so that an
+ * application needs no other header. Both sets of declarations must stay identical; the compiler
+ * checks this in every library file that includes both.
  */
 #ifndef ZARNEL_TYPES_H
 #define ZARNEL_TYPES_H
@@ -17,7 +16,7 @@ typedef int STATUS;
 typedef int32_t BOOL;
 typedef uint8_t UINT8;
 typedef uint32_t UINT32;
-typedef int32_t OBJ_HANDLE; /* a process, as the process layer names it */
+typedef int32_t OBJ_HANDLE; /* a process id */
 typedef int32_t nsid_t;     /* a namespace of the namespace service */
 
 #define OK 0

@@ -1,13 +1,13 @@
-// filter.cpp - the system calls that no container process may make.
+// filter.cpp - the seccomp filter of container processes.
 //
-// Each is refused for one of three reasons: namespaces do not confine what it reaches (key rings,
-// the kernel's log, performance counters); it is a large part of the kernel that ordinary programs
-// do without and that has been the way out of containers before; or it needs a capability that no
-// container has, and the filter stands in case the kernel's own check has a hole.
+// A call is refused for one of three reasons: namespaces do not confine what it gives access to
+// (keyrings, the kernel log, performance counters); it is a large part of the kernel that ordinary
+// programs do not need and through which processes have escaped from containers before; or it needs
+// a capability that containers do not have, in case the kernel's own check is faulty.
 //
-// A filter sees numbers and registers, never memory: calls whose arguments decide and lie in memory
-// are refused whole. Only the processor's own call interface is offered, because others have other
-// numbers and bundle many calls into one (32-bit socketcall and ipc).
+// A filter sees call numbers and registers, not memory: calls that depend on arguments in memory
+// are refused entirely. Only the native call interface is allowed, because other interfaces have
+// other numbers and combine many operations in one call (32-bit socketcall and ipc).
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -20,7 +20,7 @@
 #include <linux/sched.h>
 #include <linux/seccomp.h>
 
-// Newer than the kernel headers this may be built with; the same on all architectures.
+// Missing in older kernel headers; the same number on all architectures.
 #ifndef __NR_open_tree_attr
 #define __NR_open_tree_attr 467
 #endif
@@ -34,46 +34,47 @@ constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
 constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 #endif
 
-// Numbers from here up are the x32 interface of x86-64, and no call at all elsewhere.
+// Numbers from here up belong to the x32 interface on x86-64 and do not exist elsewhere.
 constexpr std::uint32_t kForeignNumbers = 0x40000000;
 
 constexpr std::uint32_t kRefuse = SECCOMP_RET_ERRNO | EPERM;
 constexpr std::uint32_t kAbsent = SECCOMP_RET_ERRNO | ENOSYS;
 constexpr std::uint32_t kNoSuchFamily = SECCOMP_RET_ERRNO | EAFNOSUPPORT;
 
-// Refused whatever the arguments are.
+// Refused whatever their arguments.
 struct Refused {
     std::uint32_t number;
     std::uint32_t answer;
 };
 constexpr Refused kRefused[] = {
-    // Whose flags are in memory: without it C libraries use clone, whose flags can be looked at.
+    // The flags of clone3 are in memory. If it fails with ENOSYS, C libraries use clone, whose
+    // flags are in a register.
     {__NR_clone3, kAbsent},
-    // Key rings belong to user ids, and the host's root and a container's are one user.
+    // Keyrings belong to user ids, and root in a container is root on the host.
     {__NR_add_key, kRefuse},
     {__NR_request_key, kRefuse},
     {__NR_keyctl, kRefuse},
-    // The kernel's log is the host's.
+    // The kernel log is not namespaced.
     {__NR_syslog, kRefuse},
-    // Other processes' memory and descriptors: what is reached may be outside, by a pidfd that a
-    // Unix socket hands over.
+    // Access to the memory and descriptors of other processes, which may be outside the container:
+    // a pidfd can be received over a Unix socket.
     {__NR_pidfd_getfd, kRefuse},
     {__NR_process_vm_readv, kRefuse},
     {__NR_process_vm_writev, kRefuse},
     {__NR_kcmp, kRefuse}, // compares kernel addresses
-    // Ways to files and namespaces that no path inside leads to.
+    // Access to files and namespaces other than by a path in the container.
     {__NR_name_to_handle_at, kRefuse},
     {__NR_open_by_handle_at, kRefuse},
     {__NR_setns, kRefuse},
-    // Large interfaces with a history of holes.
-    {__NR_io_uring_setup, kRefuse}, // also makes calls that this filter never sees
+    // Large interfaces with a history of vulnerabilities.
+    {__NR_io_uring_setup, kRefuse}, // also performs operations that this filter does not see
     {__NR_io_uring_enter, kRefuse},
     {__NR_io_uring_register, kRefuse},
     {__NR_bpf, kRefuse},
     {__NR_perf_event_open, kRefuse},
-    {__NR_userfaultfd, kRefuse},   // stops the kernel in the middle of a copy for as long as wanted
-    {__NR_fanotify_init, kRefuse}, // tells of files of the whole filesystem
-    // Mounts are made by the keeper.
+    {__NR_userfaultfd, kRefuse},   // can suspend the kernel in the middle of a copy
+    {__NR_fanotify_init, kRefuse}, // reports accesses to a whole file system
+    // Mounts are made by the keeper only.
     {__NR_mount, kRefuse},
     {__NR_umount2, kRefuse},
     {__NR_pivot_root, kRefuse},
@@ -85,7 +86,7 @@ constexpr Refused kRefused[] = {
     {__NR_fsmount, kRefuse},
     {__NR_fspick, kRefuse},
     {__NR_mount_setattr, kRefuse},
-    // The machine: other code in the kernel, another kernel, its clock, swap, quotas, accounting.
+    // Control of the machine: modules, kexec, reboot, clocks, swap, quotas, accounting.
     {__NR_init_module, kRefuse},
     {__NR_finit_module, kRefuse},
     {__NR_delete_module, kRefuse},
@@ -100,7 +101,7 @@ constexpr Refused kRefused[] = {
     {__NR_quotactl_fd, kRefuse},
     {__NR_acct, kRefuse},
     {__NR_vhangup, kRefuse},
-    {__NR_nfsservctl, kRefuse}, // long without use, and so are those below
+    {__NR_nfsservctl, kRefuse}, // obsolete, like those below
 #ifdef __x86_64__
     {__NR_iopl, kRefuse},
     {__NR_ioperm, kRefuse},
@@ -114,40 +115,41 @@ constexpr Refused kRefused[] = {
 #endif
 };
 
-// Refused when the low half of the first argument has one of these bits.
+// Refused if the lower half of the first argument contains one of these bits.
 struct RefusedFlags {
     std::uint32_t number;
     std::uint32_t flags;
 };
-// New namespaces. In one for users a process has every capability over what it makes next: it could
-// mount the host's cgroup hierarchies, which know the container's root as theirs, and change the
-// limits of processes outside.
+// Creation of namespaces. In a user namespace a process has all capabilities over namespaces that
+// it creates next: it could mount the host's cgroup hierarchies, which root in the container owns,
+// and change limits of processes outside.
 constexpr std::uint32_t kNewNamespaces = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET |
                                          CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
 constexpr RefusedFlags kRefusedFlags[] = {
     {__NR_unshare, kNewNamespaces | CLONE_NEWTIME},
-    // CLONE_PARENT: the client that started the program would get a child that it does not know,
-    // whose end looks like the program's.
+    // CLONE_PARENT: the client that started the program would get an unknown child, whose end looks
+    // like that of the program.
     {__NR_clone, kNewNamespaces | CLONE_PARENT},
 };
 
-// Only these personalities: 32-bit names and old version numbers harm nobody, the others undo what
-// makes holes hard to use (addresses that cannot be guessed, memory that cannot be executed).
+// The allowed personalities: reporting a 32-bit machine or an old version number is harmless. All
+// others disable protections that make exploits harder (address randomisation, non-executable
+// memory).
 constexpr std::uint32_t kAskOnly = 0xffffffff;
 constexpr std::uint32_t kOldVersion = UNAME26;
 constexpr std::uint32_t kPersonalities[] = {PER_LINUX, PER_LINUX32, kOldVersion,
                                             kOldVersion | PER_LINUX32, kAskOnly};
 
-// No namespace confines sockets to the hypervisor and its other guests.
+// Sockets to the hypervisor and its other guests are not confined by any namespace.
 constexpr std::uint32_t kVsock = 40;
 
 constexpr std::size_t kLength = 5 + 2 * sizeof kRefused / sizeof *kRefused +
                                 5 * sizeof kRefusedFlags / sizeof *kRefusedFlags +
                                 (4 + sizeof kPersonalities / sizeof *kPersonalities) + 5 + 1;
 
-constexpr std::uint32_t kFirstArgument = offsetof(seccomp_data, args); // its low half
+constexpr std::uint32_t kFirstArgument = offsetof(seccomp_data, args); // its lower half
 
-// The filter's code, in the order it is added.
+// The code of the filter, in the order of the calls that append to it.
 struct Program {
     sock_filter code[kLength] = {};
     std::size_t length = 0;
@@ -156,7 +158,7 @@ struct Program {
     {
         code[length++] = {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offset)};
     }
-    // Skips so many instructions when the test holds, and so many when it does not.
+    // Skips `held` instructions if the test is true, else `failed`.
     constexpr void skip(unsigned test, std::uint32_t value, std::size_t held, std::size_t failed)
     {
         code[length++] = {static_cast<std::uint16_t>(BPF_JMP | BPF_K | test),
@@ -182,7 +184,7 @@ constexpr Program make_program()
     Program program;
     program.load(offsetof(seccomp_data, arch));
     program.skip(BPF_JEQ, kArchitecture, 1, 0);
-    program.answer(SECCOMP_RET_KILL_PROCESS); // a program that cannot make one call can do nothing
+    program.answer(SECCOMP_RET_KILL_PROCESS); // no call of the program could succeed
     program.load(offsetof(seccomp_data, nr));
     program.skip(BPF_JGE, kForeignNumbers, kLength - 1 - 5, 0);
     for (const Refused& one : kRefused) {
@@ -215,7 +217,8 @@ static_assert(kLength - 1 - 5 <= 255, "a jump's distance has eight bits");
 int filter_calls()
 {
     const sock_fprog program = {kLength, const_cast<sock_filter*>(kProgram.code)};
-    // Without the flag older kernels slow the process down for the sake of untrusted filters.
+    // Without this flag, kernels before 5.16 enable speculation mitigations for the process, which
+    // slow it down.
     return static_cast<int>(-sys::call(__NR_seccomp, SECCOMP_SET_MODE_FILTER,
                                        SECCOMP_FILTER_FLAG_SPEC_ALLOW, sys::arg(&program)));
 }

@@ -1,7 +1,6 @@
-// inherited.cpp - what a program would get from its caller by fork and exec and must not: how the
-// caller is scheduled, where it may run, how its memory is laid out, and the host's null device.
-// Left as they are: resource limits, the control group and the out-of-memory score, by which an
-// administrator limits what a caller starts.
+// inherited.cpp - resets what a program would inherit from its caller and must not: scheduling, CPU
+// affinity, memory policies, and the host's null device. Resource limits, the control group and the
+// out-of-memory score are kept, since an administrator limits with them what a caller starts.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -18,17 +17,17 @@ namespace {
 
 constexpr long kSchedOther = 0;
 constexpr long kIoPriorityOfProcess = 1;
-constexpr long kTimerSlackNs = 50000; // what the kernel's first process has
+constexpr long kTimerSlackNs = 50000; // the default of the kernel
 constexpr long kMemoryPolicyDefault = 0;
 constexpr long kSetMemoryMerge = 67; // PR_SET_MEMORY_MERGE, since Linux 6.4
-constexpr long kKeeper = 1;          // its number in the container's process namespace
+constexpr long kKeeperPid = 1;       // its process id in the PID namespace of the container
 constexpr std::size_t kProcessorsMax = 8192;
 
 constexpr unsigned kNullMajor = 1;
 constexpr unsigned kNullMinor = 3;
 
-// An error number, but for a part that this kernel was built without.
-int unless_absent(long result)
+// The error number of `result`; 0 for ENOSYS (this kernel was built without the feature).
+int error_unless_absent(long result)
 {
     return result < 0 && result != -ENOSYS ? static_cast<int>(-result) : 0;
 }
@@ -41,8 +40,8 @@ bool is_null_device(int fd)
            st.stx_rdev_minor == kNullMinor;
 }
 
-// The one in the container's /dev, which the program could open by itself.
-sys::Fd null_of_root()
+// The null device in the container's /dev, which the program could open itself.
+sys::Fd container_null()
 {
     open_how how = {};
     how.flags = O_RDWR | O_NOCTTY | O_CLOEXEC;
@@ -52,8 +51,8 @@ sys::Fd null_of_root()
     return null.valid() && is_null_device(null.get()) ? static_cast<sys::Fd&&>(null) : sys::Fd();
 }
 
-// A new one, in a filesystem that nothing else is in and that goes with the last descriptor.
-sys::Fd null_of_nobody()
+// A new null device in a detached file system, which disappears with the last descriptor of it.
+sys::Fd detached_null()
 {
     const sys::Fd place(filesystem_create("tmpfs", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
                                           "mode=700\0size=4k\0nr_inodes=2", 3));
@@ -75,11 +74,11 @@ int reset_scheduling()
     const long policy = sys::call(__NR_sched_setscheduler, 0, kSchedOther, sys::arg(&none));
     if (policy < 0)
         return static_cast<int>(-policy);
-    // A child's default is what its parent has at the fork.
+    // A child's default timer slack is its parent's current one.
     const long slack = sys::call(__NR_prctl, PR_SET_TIMERSLACK, kTimerSlackNs);
     if (slack < 0)
         return static_cast<int>(-slack);
-    return unless_absent(sys::call(__NR_ioprio_set, kIoPriorityOfProcess, 0, 0));
+    return error_unless_absent(sys::call(__NR_ioprio_set, kIoPriorityOfProcess, 0, 0));
 }
 
 int reset_memory()
@@ -87,25 +86,26 @@ int reset_memory()
     const long personality = sys::call(__NR_personality, 0);
     if (personality < 0)
         return static_cast<int>(-personality);
-    // Kernels without these settings say EINVAL, and then there is nothing to reset; nor is there
-    // for who may not change the last two, since only who may has set them.
+    // Errors are ignored: EINVAL means that the kernel does not have the setting. EPERM is possible
+    // for the last two, but a caller that may not change them cannot have set them either.
     sys::call(__NR_prctl, PR_SET_THP_DISABLE, 0, 0, 0, 0);
     sys::call(__NR_prctl, PR_MCE_KILL, PR_MCE_KILL_CLEAR, 0, 0, 0);
     sys::call(__NR_prctl, PR_SET_IO_FLUSHER, 0, 0, 0, 0);
     sys::call(__NR_prctl, kSetMemoryMerge, 0, 0, 0, 0);
-    return unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
+    return error_unless_absent(sys::call(__NR_set_mempolicy, kMemoryPolicyDefault, 0, 0));
 }
 
 int reset_processors()
 {
     unsigned long processors[kProcessorsMax / (8 * sizeof(unsigned long))];
     const long size =
-        sys::call(__NR_sched_getaffinity, kKeeper, sizeof processors, sys::arg(processors));
+        sys::call(__NR_sched_getaffinity, kKeeperPid, sizeof processors, sys::arg(processors));
     if (size < 0)
         return static_cast<int>(-size);
     long set = sys::call(__NR_sched_setaffinity, 0, size, sys::arg(processors));
     if (set == -EINVAL) {
-        // The caller's control group has none of the daemon's processors: then all that it has.
+        // The caller's cpuset contains none of the daemon's processors; use all processors of the
+        // cpuset.
         memset(processors, 0xff, sizeof processors);
         set = sys::call(__NR_sched_setaffinity, 0, sizeof processors, sys::arg(processors));
     }
@@ -119,9 +119,9 @@ int replace_null_streams()
         if (!is_null_device(stream))
             continue;
         if (!null.valid())
-            null = null_of_root();
+            null = container_null();
         if (!null.valid())
-            null = null_of_nobody();
+            null = detached_null();
         if (!null.valid())
             return null.error();
         const long set = sys::call(__NR_dup3, null.get(), stream, 0);

@@ -1,5 +1,5 @@
-// keeper.cpp - PID 1 of a namespace: serves its owner's requests one at a time, reaps what is
-// orphaned, and takes the namespace with it when the owner is gone.
+// keeper.cpp - PID 1 of a namespace: serves its owner's requests one at a time and reaps orphans.
+// It exits when the owner is gone, which ends the namespace.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -18,7 +18,7 @@
 namespace zn {
 namespace {
 
-// The kernel's records of sendmsg/recvmsg, which its headers leave to the C library.
+// The structures of sendmsg and recvmsg, which the kernel headers do not define.
 struct MessageHeader {
     void* name;
     int nameLen;
@@ -37,18 +37,18 @@ struct ControlWithFd {
     ControlHeader header;
     int fd;
 };
-constexpr long kNobody = 65534;
+constexpr long kNobodyUser = 65534;
 constexpr int kSolSocket = 1;
 constexpr int kScmRights = 1;
 constexpr unsigned kMsgCmsgCloexec = 0x40000000;
-constexpr int kDeadEnough = 64;
+constexpr int kZombieLimit = 64;
 
 struct Incoming {
     wire::Request request;
     char text[wire::kTextMax];
 };
 
-// One request and the descriptor that came with it. False when the owner is gone.
+// Receives a request and the descriptor sent with it. False if the owner is gone.
 bool receive(Incoming& in, sys::Fd& descriptor)
 {
     ControlWithFd control = {};
@@ -73,14 +73,14 @@ const char* next_text(const char* text)
     return text + strlen(text) + 1;
 }
 
-// What a process of this namespace is, as far as it matters for whether anything lives.
-enum class Being {
-    kLiving,
-    kGone, // or dead, with a parent outside
-    kDead, // with a parent in here
+// The state of a process in this namespace, as far as needed to decide whether anything is alive.
+enum class ProcessState {
+    kAlive,
+    kIgnored, // does not exist, or a zombie whose parent is outside
+    kZombie,  // a zombie whose parent is in the namespace
 };
 
-// The beginning of field `number` of what follows field 2 of a stat file.
+// The start of field `number` of a stat file; `field` points to field 3.
 const char* stat_field(const char* field, int number)
 {
     for (int at = 3; at < number && *field != '\0'; field++)
@@ -89,9 +89,9 @@ const char* stat_field(const char* field, int number)
     return field;
 }
 
-// The process `pid` in the proc `proc`. A leader that ended while other threads of it run is a
-// zombie with more than one thread: it lives.
-Being look_at(int proc, const char* pid)
+// Looks at the process `pid` in the procfs `proc`. A thread group leader that ended while other
+// threads run is a zombie with more than one thread, and counts as living.
+ProcessState process_state(int proc, const char* pid)
 {
     char path[32];
     std::size_t at = 0;
@@ -100,31 +100,32 @@ Being look_at(int proc, const char* pid)
     memcpy(path + at, "/stat", 6);
     const sys::Fd file(sys::call(__NR_openat, proc, sys::arg(path), O_RDONLY | O_CLOEXEC));
     if (!file.valid())
-        return Being::kGone;
+        return ProcessState::kIgnored;
     char stat[512];
     const long n = sys::call(__NR_read, file.get(), sys::arg(stat), sizeof stat - 1);
     if (n <= 0)
-        return Being::kGone;
+        return ProcessState::kIgnored;
     stat[n] = '\0';
-    // The name in the second field may hold anything, so fields are counted from its last ")".
+    // The second field, the name, may contain any character, so fields are counted after the last
+    // ")".
     long end = n;
     while (end > 0 && stat[end] != ')')
         end--;
     if (end + 2 >= n)
-        return Being::kGone;
+        return ProcessState::kIgnored;
     const char* const state = stat + end + 2;
     const char* const parent = stat_field(state, 4);
     const char* const threads = stat_field(state, 20);
     if (*state != 'Z' && *state != 'X')
-        return Being::kLiving;
+        return ProcessState::kAlive;
     if (threads[0] > '1' || (threads[0] == '1' && threads[1] >= '0' && threads[1] <= '9'))
-        return Being::kLiving;
-    return parent[0] >= '1' && parent[0] <= '9' ? Being::kDead : Being::kGone;
+        return ProcessState::kAlive;
+    return parent[0] >= '1' && parent[0] <= '9' ? ProcessState::kZombie : ProcessState::kIgnored;
 }
 
-// Whether one of the first processes of the namespace lives, by their own descriptors, which become
-// readable when the last thread ends. Nearly every container that runs at all is answered for by
-// its first process, a hundred times as fast as by a new proc.
+// Whether one of the first processes of the namespace is alive. Their pidfds become readable when
+// the last thread ends. For almost every running container this finds the first process and avoids
+// the much slower mount of a procfs.
 bool early_process_lives()
 {
     constexpr long kFirst = 2;
@@ -154,8 +155,8 @@ int in_use(std::uint64_t* used)
     *used = early_process_lives() ? 1 : 0;
     if (*used != 0 || sys::call(__NR_kill, -1, 0) == -ESRCH)
         return 0;
-    // Somebody is there, perhaps only processes that ended and wait for a parent outside. A proc of
-    // our own, attached nowhere, tells.
+    // Processes exist, but may all be zombies whose parents are outside. Look at them in a detached
+    // procfs.
     const sys::Fd proc(filesystem_create("proc", MOUNT_ATTR_NOSUID, nullptr, 0));
     if (!proc.valid())
         return proc.error();
@@ -164,10 +165,10 @@ int in_use(std::uint64_t* used)
     if (!list.valid())
         return list.error();
     alignas(DirectoryEntry) char entries[2048];
-    // The dead whose parent is in here stay only while it, or a tracer, lives: this process takes
-    // those of its own at once. So some of them are as good as one that lives, which may stand
-    // behind any number of them.
-    int dead = 0;
+    // A zombie whose parent is in the namespace exists only as long as that parent, or a tracer, is
+    // alive, because this process reaps its own children at once. So several of them mean that a
+    // process is alive, which need not be searched for behind any number of zombies.
+    int zombies = 0;
     for (;;) {
         const long n = sys::call(__NR_getdents64, list.get(), sys::arg(entries), sizeof entries);
         if (n <= 0)
@@ -178,9 +179,9 @@ int in_use(std::uint64_t* used)
             const char first = entry->name[0];
             if (first < '1' || first > '9' || text_equal(entry->name, "1"))
                 continue;
-            const Being being = look_at(proc.get(), entry->name);
-            dead += being == Being::kDead ? 1 : 0;
-            if (being == Being::kLiving || dead == kDeadEnough) {
+            const ProcessState found = process_state(proc.get(), entry->name);
+            zombies += found == ProcessState::kZombie ? 1 : 0;
+            if (found == ProcessState::kAlive || zombies == kZombieLimit) {
                 *used = 1;
                 return 0;
             }
@@ -207,7 +208,7 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     case wire::Op::kUnmount:
         return mount_detach(first, request.value);
     case wire::Op::kKill: {
-        // One call reaches every process but this one, forks in flight included.
+        // One call reaches all processes except this one, including processes found forked.
         const long result = sys::call(__NR_kill, -1, static_cast<long>(request.value));
         return result == -ESRCH ? 0 : static_cast<int>(-result);
     }
@@ -223,17 +224,17 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     return EINVAL;
 }
 
-void settle()
+void initialize()
 {
     sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
     sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
-    // Whoever has the same real, effective and saved user may set this process's limits; nobody has
-    // three different ones.
-    sys::call(__NR_setresuid, -1, -1, kNobody);
+    // A process with the same real, effective and saved user ids may change this process's limits;
+    // no process has three different ones.
+    sys::call(__NR_setresuid, -1, -1, kNobodyUser);
     sys::call(__NR_setsid);
     sys::call(__NR_umask, 0);
-    // Ignoring SIGCHLD makes the kernel reap whatever is orphaned onto this process. All other
-    // signals came blocked from the owner; only the host can kill PID 1.
+    // Ignoring SIGCHLD makes the kernel reap orphans that are reparented to this process. All other
+    // signals were blocked by the owner; only processes outside the PID namespace can kill PID 1.
     struct {
         void* handler;
         unsigned long flags;
@@ -248,7 +249,7 @@ void settle()
 
 void keeper_run()
 {
-    settle();
+    initialize();
     Incoming in;
     for (;;) {
         sys::Fd descriptor;
@@ -257,10 +258,10 @@ void keeper_run()
         in.text[in.request.textLen] = '\0';
         wire::Answer answer = {};
         answer.error = serve(in, descriptor.get(), &answer.value);
-        // MSG_NOSIGNAL: an owner that went away meanwhile is noticed by the next receive.
+        // MSG_NOSIGNAL: if the owner is gone, the next receive reports it.
         sys::call(__NR_sendto, wire::kKeeperSocket, sys::arg(&answer), sizeof answer, 0x4000);
-        // Answered first: the end takes as long as the kernel needs to write back what the last
-        // user of a mount leaves unwritten.
+        // Exit after answering: the exit may take as long as writing back the dirty data of the
+        // mounts that go with this namespace.
         if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)
             sys::exit_group(0);
     }

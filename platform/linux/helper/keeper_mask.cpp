@@ -1,6 +1,5 @@
-// keeper_mask.cpp - what a container must not reach in proc and sysfs, which know nothing of
-// containers: some paths are covered, some made read-only. A path the kernel does not have is no
-// error.
+// keeper_mask.cpp - masks parts of procfs and sysfs, which are not namespaced: some paths are
+// covered, some are made read-only. A path that the kernel does not have is not an error.
 
 #include "keeper_mask.hpp"
 
@@ -15,7 +14,7 @@
 namespace zn {
 namespace {
 
-constexpr std::uint64_t kSealed =
+constexpr std::uint64_t kReadOnlyAttributes =
     MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
 constexpr char kProcHidden[][16] = {"acpi",       "asound",        "dynamic_debug", "interrupts",
@@ -25,8 +24,9 @@ constexpr char kProcHidden[][16] = {"acpi",       "asound",        "dynamic_debu
 constexpr char kProcReadOnly[][16] = {"bus", "fs", "irq", "sys", "sysrq-trigger"};
 constexpr char kSysHidden[][32] = {"devices/virtual/powercap", "firmware", "fs/selinux"};
 
-// A path of the filesystem on `directory` itself: no link, no other mount on the way.
-sys::Fd open_own(int directory, const char* path)
+// Opens a path of the file system on `directory` without following symbolic links or crossing
+// mounts.
+sys::Fd open_beneath(int directory, const char* path)
 {
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC | O_NOFOLLOW;
@@ -40,15 +40,15 @@ int attach(int mount, int target)
                                        MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH));
 }
 
-// A copy of what is mounted at `source`, not attached, that nobody can write to.
-sys::Fd sealed_copy(int source)
+// A detached, read-only clone of the mount at `source`.
+sys::Fd read_only_clone(int source)
 {
     sys::Fd copy(sys::call(__NR_open_tree, source, sys::arg(""),
                            OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
     if (!copy.valid())
         return copy;
     mount_attr attr = {};
-    attr.attr_set = kSealed;
+    attr.attr_set = kReadOnlyAttributes;
     attr.propagation = MS_PRIVATE;
     const long set = sys::call(__NR_mount_setattr, copy.get(), sys::arg(""), AT_EMPTY_PATH,
                                sys::arg(&attr), sizeof attr);
@@ -57,15 +57,16 @@ sys::Fd sealed_copy(int source)
 
 int make_read_only(int directory, const char* path)
 {
-    const sys::Fd target = open_own(directory, path);
+    const sys::Fd target = open_beneath(directory, path);
     if (!target.valid())
         return target.error() == ENOENT ? 0 : target.error();
-    const sys::Fd copy = sealed_copy(target.get());
+    const sys::Fd copy = read_only_clone(target.get());
     return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
 }
 
-// The heat of every processor, by which its work can be told.
-int hide_heat(Covers& covers, int directory)
+// Hides the thermal counters of every processor, which reveal the load that other processes put on
+// it.
+int hide_thermal(Covers& covers, int directory)
 {
     constexpr char kStart[] = "devices/system/cpu/cpu";
     constexpr char kEnd[] = "/thermal_throttle";
@@ -77,7 +78,7 @@ int hide_heat(Covers& covers, int directory)
             if (cpu >= unit || unit == 1)
                 path[at++] = static_cast<char>('0' + cpu / unit % 10);
         path[at] = '\0';
-        const sys::Fd processor = open_own(directory, path);
+        const sys::Fd processor = open_beneath(directory, path);
         if (!processor.valid())
             return processor.error() == ENOENT ? 0 : processor.error();
         memcpy(path + at, kEnd, sizeof kEnd);
@@ -92,7 +93,7 @@ int hide_heat(Covers& covers, int directory)
 
 int Covers::hide(int directory, const char* path)
 {
-    const sys::Fd target = open_own(directory, path);
+    const sys::Fd target = open_beneath(directory, path);
     if (!target.valid())
         return target.error() == ENOENT ? 0 : target.error();
     struct statx st = {};
@@ -104,11 +105,11 @@ int Covers::hide(int directory, const char* path)
     if (error != 0)
         return error;
     const bool isDirectory = (st.stx_mode & kTypeMask) == kDirectory;
-    const sys::Fd copy = sealed_copy(isDirectory ? empty_.get() : file_.get());
+    const sys::Fd copy = read_only_clone(isDirectory ? empty_.get() : file_.get());
     return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
 }
 
-int Covers::take_away()
+int Covers::detach()
 {
     return attached_ ? mount_detach_whole(root_.get()) : 0;
 }
@@ -117,9 +118,10 @@ int Covers::make()
 {
     if (attached_)
         return 0;
-    // "size" rounds up to a page and is never used: the file stays empty.
-    root_ = sys::Fd(filesystem_create("tmpfs", kSealed & ~std::uint64_t{MOUNT_ATTR_RDONLY},
-                                      "mode=755\0size=4k\0nr_inodes=3", 3));
+    // The size is rounded up to one page. The page is never used, since the file stays empty.
+    root_ =
+        sys::Fd(filesystem_create("tmpfs", kReadOnlyAttributes & ~std::uint64_t{MOUNT_ATTR_RDONLY},
+                                  "mode=755\0size=4k\0nr_inodes=3", 3));
     if (!root_.valid())
         return root_.error();
     const long made = sys::call(__NR_mkdirat, root_.get(), sys::arg("empty"), 0555);
@@ -131,8 +133,8 @@ int Covers::make()
     if (error != 0)
         return error;
     attached_ = true;
-    empty_ = open_own(root_.get(), "empty");
-    file_ = open_own(root_.get(), "file");
+    empty_ = open_beneath(root_.get(), "empty");
+    file_ = open_beneath(root_.get(), "file");
     return !empty_.valid() ? empty_.error() : file_.error();
 }
 
@@ -154,7 +156,7 @@ int mask_sys(int directory, Covers& covers)
     for (const auto& path : kSysHidden)
         if (error == 0)
             error = covers.hide(directory, path);
-    return error != 0 ? error : hide_heat(covers, directory);
+    return error != 0 ? error : hide_thermal(covers, directory);
 }
 
 } // namespace zn

@@ -1,5 +1,4 @@
-// keeper_mask.hpp - what a container must not reach in proc and sysfs is hidden and
-// write-protected.
+// keeper_mask.hpp - hides and write-protects parts of procfs and sysfs.
 #ifndef ZN_KEEPER_MASK_HPP
 #define ZN_KEEPER_MASK_HPP
 
@@ -7,20 +6,20 @@
 
 namespace zn {
 
-// All of these return 0 or an error number.
+// These functions return 0 or an error number.
 
-// What hidden paths are covered with: an empty directory and an empty file of one read-only
-// filesystem. It is attached over the whole of the directory `place` while copies are taken, since
-// the kernel copies attached mounts only; paths below it are reached by descriptor meanwhile.
+// The covers of hidden paths: an empty directory and an empty file in one read-only tmpfs. The
+// tmpfs is attached over the directory `place` while covers are cloned from it, since only attached
+// mounts can be cloned; paths below `place` remain accessible by descriptor.
 //
-// Taking it away makes the caller wait for all processors. Where `place` is in a tree that goes as
-// a whole, that wait is not needed: making a root takes a quarter less time than with covers of
-// their own for proc and sysfs.
+// detach() unmounts the tmpfs, which waits for all processors. If `place` is in a tree that is
+// itself unmounted later, it need not be called: one tmpfs then serves both procfs and sysfs
+// without that wait.
 class Covers {
   public:
     explicit Covers(int place) : place_(place) {}
     int hide(int directory, const char* path);
-    int take_away();
+    int detach();
 
   private:
     int make();
@@ -32,7 +31,7 @@ class Covers {
     sys::Fd file_;
 };
 
-// In a fresh proc or sysfs that is attached at `directory`.
+// Mask a new procfs or sysfs that is attached at `directory`.
 int mask_proc(int directory, Covers& covers);
 int mask_sys(int directory, Covers& covers);
 

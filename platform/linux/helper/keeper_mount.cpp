@@ -1,6 +1,7 @@
-// keeper_mount.cpp - mounts inside the root, by descriptor: a name of the container's tree is
-// resolved once, by the kernel, with the root as its end and no magic links, and what was found is
-// mounted on. Links in the tree can lead anywhere inside and nowhere else.
+// keeper_mount.cpp - mounts inside the root, by descriptor: a path in the container's tree is
+// resolved once, by the kernel, confined to the root and without magic links, and the mount is
+// attached to the result. Symbolic links in the tree can lead anywhere inside the root and nowhere
+// else.
 
 #include "helper.hpp"
 #include "keeper_mask.hpp"
@@ -17,11 +18,11 @@ namespace {
 
 constexpr std::size_t kPathMax = 1024;
 constexpr int kOpenTries = 20000;
-constexpr unsigned kWhere = STATX_INO | STATX_MNT_ID;
+constexpr unsigned kIdentityMask = STATX_INO | STATX_MNT_ID;
 constexpr long kUmountDetach = 2;
 constexpr long kUmountNoFollow = 8;
 
-// The end of the last component and its start, trailing separators left out.
+// The start and end of the last component, without trailing "/".
 struct Tail {
     std::size_t start;
     std::size_t end;
@@ -37,7 +38,7 @@ Tail last_component(const char* path)
     return {start, end};
 }
 
-// A piece of a path shorter than kPathMax, ended.
+// A NUL-terminated part of a path, shorter than kPathMax.
 struct Text {
     Text(const char* from, std::size_t len)
     {
@@ -52,12 +53,12 @@ Text parent_of(const char* path, Tail tail)
     return tail.start > 0 ? Text(path, tail.start) : Text("/", 1);
 }
 
-// Where `name` (of directory `at`) is: on which mount, which file of it, whether the mount's root.
+// Gets mount id, inode and attributes of `name` in the directory `at`.
 int look(int at, const char* name, struct statx* st)
 {
     return static_cast<int>(-sys::call(__NR_statx, at, sys::arg(name),
                                        AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0),
-                                       kWhere, sys::arg(st)));
+                                       kIdentityMask, sys::arg(st)));
 }
 
 int detach_at(int directory, const char* name)
@@ -73,11 +74,11 @@ bool usable(const char* destination)
 {
     const std::size_t len = strlen(destination);
     const Tail tail = last_component(destination);
-    return len < kPathMax && tail.end > tail.start; // not empty, not "/"
+    return len < kPathMax && tail.end > tail.start; // neither empty nor "/"
 }
 
-// Whether this is the root, whatever links and ".." in its name led here: who mounts there takes
-// the container's tree away from it.
+// Fails with EINVAL if `point` is the root itself, also if ".." or symbolic links led there: a
+// mount on it would replace the container's tree.
 int refuse_root(int point)
 {
     struct statx here = {};
@@ -97,8 +98,9 @@ long open_inside(const char* path, std::uint64_t flags)
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC | flags;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    // The kernel gives up on a ".." when anything on the machine is renamed or mounted meanwhile. A
-    // container may do nothing but rename: only many tries are sure to meet a pause.
+    // With RESOLVE_IN_ROOT, a lookup of ".." fails with EAGAIN if a rename or mount anywhere on the
+    // machine happens at the same time. A container may rename in a loop, so many attempts are
+    // needed to be certain of one without a concurrent rename.
     long fd = -EAGAIN;
     for (int tries = 0; fd == -EAGAIN && tries < kOpenTries; tries++)
         fd = sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
@@ -168,7 +170,7 @@ int mount_filesystem(const char* destination, const char* type, std::uint64_t at
         return error;
     Covers covers(mount.get());
     error = isProc ? mask_proc(mount.get(), covers) : mask_sys(mount.get(), covers);
-    const int uncovered = covers.take_away();
+    const int uncovered = covers.detach();
     if (error == 0)
         error = uncovered;
     if (error != 0)
@@ -185,9 +187,9 @@ int mount_detach(const char* destination, std::uint64_t mountId)
     const Text name(destination + tail.start, tail.end - tail.start);
     const sys::Fd parent(open_inside(directory.name, O_DIRECTORY));
     struct statx st = {};
-    // The container may have moved the mount out of reach of its name, to another name or into the
-    // mount itself, or the name may have been a link. Nothing is lost: what stays goes with the
-    // namespace.
+    // The mount may not be reachable by this name any more: the container may have renamed a
+    // directory on the path, or the name may have been a symbolic link. Not an error: the mount
+    // goes with the namespace.
     if (!parent.valid() || look(parent.get(), name.name, &st) != 0 || st.stx_mnt_id != mountId ||
         (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
         return 0;

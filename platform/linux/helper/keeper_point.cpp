@@ -1,10 +1,11 @@
-// keeper_point.cpp - mount points that are missing are made inside the root, also where a link of
-// the tree leads that has no target yet (/etc/resolv.conf -> ../run/resolv.conf).
+// keeper_point.cpp - creates missing mount points inside the root, including the missing target of
+// a symbolic link in the tree (/etc/resolv.conf -> ../run/resolv.conf).
 //
-// The kernel resolves a path inside a root but makes nothing on the way. So the path is walked
-// here, one name at a time, by descriptor: each name is looked up in the directory found before it,
-// never followed, and what was made is looked up again before it counts. Links are followed as
-// text, an absolute one from the root on, and ".." above the root is the root.
+// The kernel resolves a path inside a root but does not create components. So the path is resolved
+// here, one component at a time, by descriptor: each component is looked up in the directory found
+// before it, without following it, and what was created is looked up again before it is used. The
+// text of symbolic links is resolved here, too: an absolute one starts at the root, and ".." in the
+// root is the root.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -22,7 +23,7 @@ constexpr std::size_t kPathMax = 4096;
 constexpr int kLinksMax = 40;
 constexpr std::size_t kNameMax = 255;
 
-// A text that grows at its end.
+// A path that is extended and shortened at its end.
 class Text {
   public:
     [[nodiscard]] const char* get() const { return text_; }
@@ -34,7 +35,7 @@ class Text {
         cut(len_ + len);
         return true;
     }
-    // "/" and a name.
+    // Appends "/" and a name.
     bool enter(const char* name) { return append("/", 1) && append(name, strlen(name)); }
     void leave()
     {
@@ -55,7 +56,7 @@ class Text {
     std::size_t len_ = 0;
 };
 
-// 0: it cannot be told.
+// The file type; 0 if it cannot be determined.
 std::uint64_t type_of(int fd)
 {
     struct statx st = {};
@@ -64,7 +65,7 @@ std::uint64_t type_of(int fd)
     return st.stx_mode & kTypeMask;
 }
 
-// A name of the directory itself, not followed.
+// Opens an entry of the directory without following it.
 sys::Fd look_up(int directory, const char* name)
 {
     open_how how = {};
@@ -90,7 +91,7 @@ class Walk {
     {
     }
 
-    // Where the path ends, or a negative error number.
+    // The last component of the path, or a negative error number.
     sys::Fd run()
     {
         char name[kNameMax + 1];
@@ -102,7 +103,7 @@ class Walk {
     }
 
   private:
-    // The next name; false at the end.
+    // Takes the next component; false at the end.
     bool next(char (&name)[kNameMax + 1])
     {
         while (left_.get()[at_] == '/')
@@ -156,7 +157,8 @@ class Walk {
         return done_.enter(name) ? 0 : ENAMETOOLONG;
     }
 
-    // That somebody else made it meanwhile is as good; what it is shows the look that follows.
+    // EEXIST is fine: another process created it in the meantime, and the lookup that follows
+    // checks what it is.
     int make(const char* name)
     {
         long made;
@@ -178,7 +180,7 @@ class Walk {
         return here_.error();
     }
 
-    // The links of proc lead where their text does not say.
+    // Magic links in procfs do not lead to the path that their text shows.
     int follow(int link)
     {
         if (++links_ > kLinksMax || is_on_proc(link))
@@ -190,10 +192,10 @@ class Walk {
             return len < 0 ? static_cast<int>(-len) : ENOENT;
         const Text rest = left_;
         left_.clear();
-        const char* const behind = rest.get() + at_;
+        const char* const remainder = rest.get() + at_;
         at_ = 0;
         if (!left_.append(target, static_cast<std::size_t>(len)) ||
-            !left_.append(behind, strlen(behind)))
+            !left_.append(remainder, strlen(remainder)))
             return ENAMETOOLONG;
         if (target[0] != '/')
             return 0;
@@ -202,11 +204,11 @@ class Walk {
         return here_.error();
     }
 
-    Text left_; // from at_ on
+    Text left_; // the rest of the path, from at_ on
     std::size_t at_ = 0;
-    Text done_; // the way to here_, without links
+    Text done_; // the path of here_, without symbolic links
     sys::Fd here_;
-    sys::Fd end_; // what is no directory
+    sys::Fd end_; // the result if it is not a directory
     bool isDirectory_;
     int links_ = 0;
     int error_;

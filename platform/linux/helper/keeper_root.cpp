@@ -1,5 +1,5 @@
-// keeper_root.cpp - a namespace's root: the tree as "/", and what every container finds in it: its
-// own /proc, a small /dev, a read-only /sys, where the tree has those directories.
+// keeper_root.cpp - sets up a namespace's root: the tree as "/", with a procfs of its own, a small
+// /dev and a read-only /sys, where the tree has these directories.
 
 #include "helper.hpp"
 #include "keeper_mask.hpp"
@@ -15,10 +15,11 @@
 namespace zn {
 namespace {
 
-constexpr std::uint64_t kQuiet = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
+constexpr std::uint64_t kRestricted = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
-// Whoever joins the namespace gets the root that its mounts begin with. That is not "/" here when
-// the owner is in a chroot: what is entered must take the place of what is around that, too.
+// A process that joins the mount namespace gets the root of its topmost mount as "/". This process
+// has another root if the owner is in a chroot; pivot_root must replace the whole tree, not only
+// that in the chroot.
 int leave_chroot()
 {
     const sys::Fd self(sys::call(__NR_pidfd_open, sys::call(__NR_getpid), 0));
@@ -27,8 +28,9 @@ int leave_chroot()
     return static_cast<int>(-sys::call(__NR_setns, self.get(), CLONE_NEWNS));
 }
 
-// pivot_root(".", ".") puts the old root over the new one at the same place, where it stays until
-// it is detached. The tree is first mounted over "/", which needs no directory of the host's.
+// pivot_root(".", ".") stacks the old root on the new one at the same place, where it stays until
+// it is detached. The new tree is first mounted over "/", so that no directory of the host is
+// needed.
 int pivot(int tree)
 {
     long result = sys::call(__NR_mount, 0, sys::arg("/"), 0, MS_REC | MS_PRIVATE, 0);
@@ -42,15 +44,15 @@ int pivot(int tree)
     return static_cast<int>(-result);
 }
 
-// Everything of the tree before, and the covers with it.
+// Detaches the previous tree, with the masks' tmpfs attached to it.
 int detach_host()
 {
     const long detached = sys::call(__NR_umount2, sys::arg("."), 2 /* MNT_DETACH */);
     return static_cast<int>(-(detached == 0 ? sys::call(__NR_chdir, sys::arg("/")) : detached));
 }
 
-// A real directory directly below the root. 0 and no descriptor when there is none; a link or file
-// of that name does not count.
+// Opens a directory directly below the root. Returns 0 without a descriptor if there is none; a
+// symbolic link or a file of that name does not count.
 int real_directory(const char* name, sys::Fd& found)
 {
     open_how how = {};
@@ -81,7 +83,7 @@ int provide_proc(Covers& covers)
     const int looked = real_directory("proc", directory);
     if (!directory.valid())
         return looked;
-    const sys::Fd mount(filesystem_create("proc", kQuiet, nullptr, 0));
+    const sys::Fd mount(filesystem_create("proc", kRestricted, nullptr, 0));
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
@@ -94,7 +96,7 @@ int provide_sys(Covers& covers)
     const int looked = real_directory("sys", directory);
     if (!directory.valid())
         return looked;
-    const sys::Fd mount(filesystem_create("sysfs", kQuiet | MOUNT_ATTR_RDONLY, nullptr, 0));
+    const sys::Fd mount(filesystem_create("sysfs", kRestricted | MOUNT_ATTR_RDONLY, nullptr, 0));
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
@@ -149,9 +151,9 @@ int provide_dev()
         error = provide("devpts", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
                         "ptmxmode=0666\0mode=0620\0gid=5", 3, dev.get(), "pts");
     if (error == 0)
-        error = provide("tmpfs", kQuiet, "mode=1777\0size=65536k", 2, dev.get(), "shm");
+        error = provide("tmpfs", kRestricted, "mode=1777\0size=65536k", 2, dev.get(), "shm");
     if (error == 0)
-        error = provide("mqueue", kQuiet, nullptr, 0, dev.get(), "mqueue");
+        error = provide("mqueue", kRestricted, nullptr, 0, dev.get(), "mqueue");
     return error;
 }
 
@@ -159,7 +161,8 @@ int provide_dev()
 
 int root_leave()
 {
-    const sys::Fd bare(filesystem_create("tmpfs", kQuiet, "mode=755\0size=4k\0nr_inodes=3", 3));
+    const sys::Fd bare(
+        filesystem_create("tmpfs", kRestricted, "mode=755\0size=4k\0nr_inodes=3", 3));
     if (!bare.valid())
         return bare.error();
     const long made = sys::call(__NR_mkdirat, bare.get(), sys::arg("proc"), 0555);
@@ -171,7 +174,8 @@ int root_enter(int tree, const char* hostName)
 {
     if (tree < 0)
         return EBADF;
-    // A directory of the tree that is left, for what is needed only until then.
+    // A directory of the previous tree as the place of the masks' tmpfs, so that detaching that
+    // tree also unmounts the tmpfs.
     const sys::Fd place(
         sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!place.valid())

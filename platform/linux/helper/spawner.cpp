@@ -1,8 +1,8 @@
-// spawner.cpp - carries one program into a namespace: joins it, makes the program's process there
-// as a child of the caller, confines it and runs the program.
+// spawner.cpp - starts a program in a namespace: joins the namespace, creates the program's process
+// there as a child of the caller, confines it and executes the program.
 //
-// From before the join until the program runs nobody in the container can look into these
-// processes: they are not dumpable and hold more capabilities than any container process.
+// Between joining and executing the program, no process in the container can inspect these
+// processes: they are not dumpable and have more capabilities than any container process.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -23,8 +23,8 @@ namespace {
 
 constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
 
-// A container's capabilities: what ordinary server programs need of root. Without a user namespace
-// every other one would be a capability over the host.
+// The capabilities of containers: those of root that ordinary server programs need. Since there is
+// no user namespace, any other capability would apply to the host.
 constexpr std::uint64_t bit(int capability)
 {
     return std::uint64_t{1} << capability;
@@ -46,7 +46,7 @@ void report(wire::SpawnReport::Kind kind, long value)
     sys::exit_group(127);
 }
 
-void must(long result)
+void check(long result)
 {
     if (result < 0)
         fail(result);
@@ -61,7 +61,7 @@ long number(const char* text)
     return negative ? -value : value;
 }
 
-// Exec resets handlers but not ignored signals, and keeps the mask.
+// execve resets signal handlers but keeps ignored signals and the signal mask.
 void default_signals()
 {
     struct {
@@ -81,8 +81,7 @@ struct Limit {
     std::uint64_t hard;
 };
 
-// The stack is raised when it is smaller than asked for, as far as the hard limit lets; never
-// lowered.
+// Raises the soft stack limit to `wanted`, at most to the hard limit; never lowers it.
 void raise_stack(long wanted)
 {
     Limit limit = {};
@@ -97,21 +96,21 @@ void raise_stack(long wanted)
     sys::call(__NR_prlimit64, 0, RLIMIT_STACK, sys::arg(&limit), 0);
 }
 
-// Queue memory is counted for each user, and a container's root is the host's: what containers
-// could use of it is halved, so that the daemon's clients always have the other half.
+// Queue memory is counted per user, and root in a container is root on the host. Halving the limit
+// leaves the other half to the daemon's clients.
 void leave_queue_memory()
 {
     Limit limit = {};
-    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
+    check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
     if (limit.soft > MQ_BYTES_MAX)
         limit.soft = MQ_BYTES_MAX;
     limit.soft /= 2;
     limit.hard = limit.soft;
-    must(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
+    check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
 }
 
-// The caller's session keyring is not for a container. A kernel without keyrings has none to share;
-// where a filter forbids the call, it forbids it to the program, too.
+// Gives the program a session keyring of its own. ENOSYS: the kernel has no keyrings. EPERM: a
+// seccomp filter forbids the call, to the program as well.
 void leave_keyring()
 {
     const long joined = sys::call(__NR_keyctl, KEYCTL_JOIN_SESSION_KEYRING, 0);
@@ -119,46 +118,46 @@ void leave_keyring()
         fail(joined);
 }
 
-// Magic links are refused and the result looked at: a working directory outside the root would be a
-// way out.
+// Magic links are refused and the result is checked: a working directory outside the root would be
+// an escape.
 void enter_directory(const char* path)
 {
     const sys::Fd directory(open_inside(path, O_DIRECTORY));
     if (!directory.valid())
         fail(-directory.error());
-    must(sys::call(__NR_fchdir, directory.get()));
+    check(sys::call(__NR_fchdir, directory.get()));
     char where[4096];
-    must(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
+    check(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
     if (where[0] != '/')
         fail(-ENOENT);
 }
 
 void drop_rights()
 {
-    must(sys::call(__NR_setgroups, 0, 0));
-    must(sys::call(__NR_setresgid, 0, 0, 0));
-    must(sys::call(__NR_setresuid, 0, 0, 0));
-    // Set by the caller they could keep capabilities from going with root's user id.
-    must(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
-    // A change of user may have undone this, and soon there are no more capabilities here than in
-    // the container.
-    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    check(sys::call(__NR_setgroups, 0, 0));
+    check(sys::call(__NR_setresgid, 0, 0, 0));
+    check(sys::call(__NR_setresuid, 0, 0, 0));
+    // Secure bits set by the caller could keep capabilities from being dropped with root's user id.
+    check(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
+    // Changing user ids may have reset this, and from here on this process has no more capabilities
+    // than processes in the container.
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     for (int capability = 0;; capability++) {
         if (capability < 64 && (kCapabilities & bit(capability)) != 0)
             continue;
         const long dropped = sys::call(__NR_prctl, PR_CAPBSET_DROP, capability);
-        if (dropped == -EINVAL) // beyond the last one the kernel has
+        if (dropped == -EINVAL) // the kernel has no more capabilities
             break;
-        must(dropped);
+        check(dropped);
     }
     sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL);
     const auto low = static_cast<std::uint32_t>(kCapabilities);
     const auto high = static_cast<std::uint32_t>(kCapabilities >> 32);
     const __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     const __user_cap_data_struct sets[2] = {{low, low, 0}, {high, high, 0}};
-    must(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
-    must(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
-    must(-filter_calls());
+    check(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
+    check(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
+    check(-filter_calls());
 }
 
 [[noreturn]] void become_program(char** argv, char** envp)
@@ -168,17 +167,17 @@ void drop_rights()
     const char* directory = argv[3];
     const char* program = argv[4];
 
-    must(sys::call(__NR_setsid)); // no way back to the caller's terminal
+    check(sys::call(__NR_setsid)); // detaches from the caller's terminal
     sys::call(__NR_umask, 0);
-    must(-replace_null_streams());
+    check(-replace_null_streams());
     sys::call(__NR_umask, 022);
     leave_keyring();
-    must(-reset_processors());
-    must(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
+    check(-reset_processors());
+    check(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
     leave_queue_memory();
     drop_rights();
-    // With the rights the program will have, so that it could have gone there itself.
+    // After dropping rights, so that the program could have entered the directory itself.
     enter_directory(directory);
     sys::call(__NR_close, wire::kSpawnerNamespace);
     default_signals();
@@ -192,20 +191,20 @@ void spawner_run(char** argv, char** envp)
 {
     sys::call(__NR_fcntl, wire::kSpawnerReport, F_SETFD, FD_CLOEXEC);
     sys::call(__NR_fcntl, wire::kSpawnerNamespace, F_SETFD, FD_CLOEXEC);
-    must(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
-    must(-reset_scheduling());
-    must(-reset_memory());
-    // Of the program's own control group, which is the caller's and not the keeper's: in the
-    // keeper's namespace its path would lead from there through the host's groups.
-    must(sys::call(__NR_unshare, CLONE_NEWCGROUP));
-    must(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
-    // A process namespace holds only for children. CLONE_PARENT makes the child the caller's, which
-    // can wait for it; its end is signalled as this process's would be. CLONE_VFORK: this process
-    // goes on when the program runs or the child has ended.
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    check(-reset_scheduling());
+    check(-reset_memory());
+    // The cgroup namespace is rooted at the program's control group, which is the caller's. In the
+    // keeper's cgroup namespace, the program's cgroup path would lead through the host's groups.
+    check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
+    check(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
+    // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
+    // the caller, which can wait for it; it has this process's exit signal. CLONE_VFORK suspends
+    // this process until the new one has executed the program or has ended.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0)
         become_program(argv, envp);
-    must(pid);
+    check(pid);
     report(wire::SpawnReport::Kind::kPid, pid);
     sys::exit_group(0);
 }

@@ -1,4 +1,4 @@
-// start.cpp - the helper's entry: from the stack the kernel made to the part that argv[0] names.
+// start.cpp - the helper's entry point: calls the part of the helper that argv[0] names.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -66,7 +66,7 @@ std::size_t strlen(const char* s)
 
 } // extern "C"
 
-// The kernel enters here with argc, argv and envp on the stack and no return address.
+// Entry point: argc, argv and envp are on the stack, and there is no return address.
 #if defined(__x86_64__)
 __asm__(".text\n.globl _start\n.type _start,@function\n_start:\n"
         "  xor %ebp,%ebp\n  mov %rsp,%rdi\n  and $-16,%rsp\n  call zn_helper_main\n");

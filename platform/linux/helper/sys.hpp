@@ -1,5 +1,5 @@
-// sys.hpp - system calls for code without a C library. Each returns the kernel's result, an error
-// as the negative error number. Names are the calls'.
+// sys.hpp - system calls for code without a C library. Each returns the kernel's result; errors are
+// negative error numbers.
 #ifndef ZN_HELPER_SYS_HPP
 #define ZN_HELPER_SYS_HPP
 
@@ -66,8 +66,8 @@ class Fd {
     ~Fd() { reset(); }
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
-    int error() const { return fd_ < 0 ? -fd_ : 0; } // the number, when opening failed
-    // The descriptor, or the negative error number, to be closed by somebody else.
+    int error() const { return fd_ < 0 ? -fd_ : 0; } // the error number if opening failed
+    // Gives up ownership. Returns the descriptor or the negative error number.
     [[nodiscard]] int release()
     {
         const int taken = fd_;
@@ -87,7 +87,7 @@ class Fd {
 
 } // namespace zn::sys
 
-// The compiler may call these on its own.
+// The compiler generates calls of these.
 extern "C" {
 void* memcpy(void* to, const void* from, std::size_t n);
 void* memmove(void* to, const void* from, std::size_t n);

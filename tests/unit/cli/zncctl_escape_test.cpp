@@ -4,6 +4,7 @@
 #include "front/output.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 using namespace zncctl;
 
@@ -62,11 +63,9 @@ TEST(Printable, OfLinesKeepsLineEndsAndTabs)
 TEST(Printable, JsonStaysTheSameDocument)
 {
     const std::string key = "a\x1b\x7f\xc2\x9b\xe2\x80\xae\xf3\xa0\x81\x81";
-    const Json object(cJSON_CreateObject());
-    add_text(object.get(), "key", key);
-    const std::string shown = printable_json(pretty(object.get()));
+    const std::string shown = printable_json(pretty({{"key", key}}));
     EXPECT_EQ(shown, "{\n  \"key\": \"a\\u001b\\u007f\\u009b\\u202e\\udb40\\udc41\"\n}\n");
-    EXPECT_EQ(text_of(parse_json(shown).get(), "key"), key);
+    EXPECT_EQ(text_of(parse_json(shown).value(), "key"), key);
     EXPECT_EQ(printable_json("\"\xff\""), "\"\\ufffd\"");
 }
 
@@ -97,4 +96,11 @@ TEST(Result, WhatTheLibraryPrintsIsMadePrintable)
         return 0;
     });
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "mount of ?]0;title? failed.\n");
+}
+
+TEST(Utf8, KeepsCharactersAndNamesOtherBytes)
+{
+    EXPECT_EQ(utf8("a\xc3\xa9\n"), "a\xc3\xa9\n");
+    EXPECT_EQ(utf8("\xff \xc0\xaf \xed\xa0\x80 \xe2\x82"),
+              "\\xff \\xc0\\xaf \\xed\\xa0\\x80 \\xe2\\x82");
 }

@@ -5,11 +5,14 @@
 #include "cli/images/image_settings.hpp"
 #include "cli/images/sticky.hpp"
 #include "front/container_id.hpp"
+#include "front/files.hpp"
 #include "front/record.hpp"
 #include "layout_builder.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include "zarnel/fs.h"
@@ -33,14 +36,14 @@ std::string configuration(const std::string& section, const std::string& extra =
 }
 
 SettledConfiguration settled(const std::string& section, bool allow = false,
-                             const std::string& extra = "", const std::string& sticky = "")
+                             const std::string& extra = "")
 {
-    return settle_configuration(parse_json(configuration(section, extra)).get(), allow, sticky);
+    return settle_configuration(parse_json(configuration(section, extra)).value(), allow);
 }
 
 std::string section_of(const SettledConfiguration& settled)
 {
-    return compact(member(settled.document.get(), "config"));
+    return compact(*member(settled.document, "config"));
 }
 
 std::string refusal(const std::string& section)
@@ -129,7 +132,7 @@ TEST(SettledConfiguration, CutsAnUrgentPriority)
     const auto of = [](const std::string& value, const std::string& name = "rtpPriority") {
         const SettledConfiguration made =
             settled(R"({"Labels":{"com.quenmark.zarnel.rtp.)" + name + R"(":")" + value + R"("}})");
-        const cJSON* labels = member(member(made.document.get(), "config"), "Labels");
+        const Json* labels = member(member(made.document, "config"), "Labels");
         return text_of(labels, ("com.quenmark.zarnel.rtp." + name).c_str()) +
                (made.notes.empty() ? "" : " said");
     };
@@ -162,10 +165,10 @@ TEST(SettledConfiguration, MakesOneAnnotationOfEachName)
     const SettledConfiguration made = settled(
         R"({"ExposedPorts":{"80/tcp":{},"443/tcp":{}},"StopSignal":"TERM","Labels":{
             "org.opencontainers.image.created":"label","zncontainer.sticky-directories":"/forged"}})",
-        false, R"(,"created":"member","author":"a")", "/tmp");
-    EXPECT_EQ(compact(member(member(made.document.get(), "config"), "Labels")),
+        false, R"(,"created":"member","author":"a")");
+    EXPECT_EQ(compact(*member(member(made.document, "config"), "Labels")),
               R"({"org.opencontainers.image.created":"label",)"
-              R"("zncontainer.sticky-directories":"/tmp","org.opencontainers.image.author":"a",)"
+              R"("org.opencontainers.image.author":"a",)"
               R"("org.opencontainers.image.stopSignal":"TERM",)"
               R"("org.opencontainers.image.exposedPorts":"80/tcp,443/tcp"})");
 }
@@ -173,7 +176,7 @@ TEST(SettledConfiguration, MakesOneAnnotationOfEachName)
 TEST(AskedFor, ListsWhatIsBeyondRunningAProgram)
 {
     const auto of = [](const std::string& section) {
-        return asked_for(parse_json(configuration(section)).get());
+        return asked_for(parse_json(configuration(section)).value());
     };
     EXPECT_EQ(of(R"({"User":"1000"})"), Texts{});
     EXPECT_EQ(of(R"({"Volumes":{"/data":{},"/:/h":{}},"ExposedPorts":{"80/tcp":{}},
@@ -184,18 +187,41 @@ TEST(AskedFor, ListsWhatIsBeyondRunningAProgram)
 
 TEST(Sticky, DirectoriesAreThoseThatTheLayersLeaveSticky)
 {
-    using layout::directory;
+    StickyDirectories directories;
+    EXPECT_EQ(directories.text(), "");
+    const std::pair<const char*, std::uint32_t> told[] = {
+        {"/tmp", 01777}, {"/var", 0755}, {"/var/tmp", 01777}, {"/a", 01755},  {"/a", 0755},
+        {"/b", 07777},   {"/c", 02777},  {"/x:y", 01777},     {"/x/", 01777}, {"/x//y", 01777},
+        {"x", 01777},    {"/..", 01777}, {"/./x", 01777},     {"/\\", 01777}, {"/\x1b", 01777}};
+    for (const auto& [path, mode] : told)
+        StickyDirectories::heard(path, mode, &directories);
+    EXPECT_EQ(directories.text(), "/b:/tmp:/var/tmp");
+    for (int i = 0; i < 100; i++)
+        StickyDirectories::heard(fmt::format("/many/{:03}", i).c_str(), 01777, &directories);
+    const std::string text = directories.text();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '/'), 4 + 2 * 61);
+}
+
+TEST(Sticky, ListIsAnAnnotationOfTheBundle)
+{
     const layout::TempDir dir;
-    layout::write_file(dir / "1", layout::gzip(layout::tar({directory("tmp/", 01777),
-                                                            {"f", std::string(9000, 'x')},
-                                                            directory("./var/"),
-                                                            directory("var/tmp/", 01777),
-                                                            directory("a/", 01755),
-                                                            directory("odd:name/", 01777)})));
-    layout::write_file(dir / "2", layout::tar({directory("a/", 0755), directory("b/", 01777)}));
-    EXPECT_EQ(sticky_directories({dir / "1", dir / "2"}), "/b:/tmp:/var/tmp");
-    layout::write_file(dir / "3", "no archive");
-    EXPECT_EQ(sticky_directories({dir / "3", dir / "none"}), "");
+    const auto annotated = [&](const std::string& config) {
+        layout::write_file(dir / "config.json", config);
+        EXPECT_TRUE(annotate_sticky(dir.path(), "/tmp:/a")) << config;
+        return compact(parse_json(read_file(dir / "config.json").value()).value());
+    };
+    EXPECT_EQ(
+        annotated(R"({"root":{"path":"/r"}})"),
+        R"({"root":{"path":"/r"},"annotations":{"zncontainer.sticky-directories":"/tmp:/a"}})");
+    EXPECT_EQ(annotated(R"({"annotations":{"a":"b"},"hostname":"h"})"),
+              R"({"annotations":{"a":"b","zncontainer.sticky-directories":"/tmp:/a"},)"
+              R"("hostname":"h"})");
+    layout::write_file(dir / "config.json", R"({"annotations":[]})");
+    EXPECT_FALSE(annotate_sticky(dir.path(), "/tmp"));
+    layout::write_file(dir / "config.json", "{}");
+    EXPECT_TRUE(annotate_sticky(dir.path(), ""));
+    EXPECT_EQ(read_file(dir / "config.json"), "{}");
+    EXPECT_FALSE(annotate_sticky(dir / "none", "/tmp"));
 }
 
 TEST(Sticky, IsSetInsideTheRootOnly)

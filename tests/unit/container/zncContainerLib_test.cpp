@@ -2,6 +2,7 @@
 
 #include "alloc_fault.hpp"
 #include "descriptors.hpp"
+#include "zarnel/overlay.h"
 
 #include <algorithm>
 #include <atomic>
@@ -194,6 +195,31 @@ TEST_F(Registry, InitWithoutMemoryFailsAndLeavesTheRegistryUninitialised)
 }
 
 // ------------------------------------------------------------------ create
+
+TEST_F(Registry, CreateFromABundleWhoseRootIsMadeOfOtherLayersIsROOTFS_CREATE_FAILED)
+{
+    set_overlay(true);
+    const std::string root = "/overlay/chain";
+    const std::string path = bundle("b", R"({"ociVersion":"1.0.2","root":{"path":"/overlay/chain"},
+                        "process":{"args":["/bin/app"],"cwd":"/"}})");
+    std::filesystem::create_directory(root); // the fake devices are in memory
+    const char* const other[] = {"/store/layers/top", "/store/layers/other"};
+    ASSERT_EQ(znOvlDevCreate(root.c_str(), other, 2, FALSE), OK);
+    EXPECT_EQ(create("before", path), OK) << "a bundle without a record";
+    std::ofstream(path + "/.zn-layers")
+        << root << '\0' << "bottom" << '\0' << "top" << '\0' << '\0';
+    expect_refused("web", path, S_zncLib_ROOTFS_CREATE_FAILED,
+                   {"The root is made of other layers than the bundle was unpacked from; unpack "
+                    "the image again: /overlay/chain"});
+    std::ofstream(path + "/.zn-layers") << "cut off";
+    expect_refused("web", path, S_zncLib_ROOTFS_CREATE_FAILED,
+                   {"The layers of the root cannot be compared with those that the bundle was "
+                    "unpacked from: /overlay/chain"});
+    std::ofstream(path + "/.zn-layers") << root << '\0' << "other" << '\0' << "top" << '\0' << '\0';
+    EXPECT_EQ(create("web", path), OK);
+    remove_all_containers();
+    std::filesystem::remove(root);
+}
 
 TEST_F(Registry, CreatedContainerHasItsStateFilled)
 {

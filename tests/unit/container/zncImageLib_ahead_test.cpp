@@ -17,23 +17,12 @@
 #include <set>
 #include <thread>
 
-#include <mbedtls/version.h>
 #include <pthread.h>
 #include <sys/wait.h>
 
-// Before version 3.0 the function that reports a failure has a different name.
-#if MBEDTLS_VERSION_NUMBER < 0x03000000
-#define REAL_FINISH __real_mbedtls_sha256_finish_ret
-#define WRAP_FINISH __wrap_mbedtls_sha256_finish_ret
-#else
-#define REAL_FINISH __real_mbedtls_sha256_finish
-#define WRAP_FINISH __wrap_mbedtls_sha256_finish
-#endif
-
 extern "C" {
-struct mbedtls_sha256_context;
-int REAL_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
-int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out);
+bool __real_znc_sha256_finish(znc::ShaContext* context, unsigned char* out);
+bool __wrap_znc_sha256_finish(znc::ShaContext* context, unsigned char* out);
 int __real_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
                           void* arg);
 int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),
@@ -112,6 +101,21 @@ class Ahead : public ::testing::Test {
         bytes.at(bytes.rfind("content")) = 'C';
         layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(layer)), bytes);
     }
+    using Told = std::vector<std::pair<std::string, unsigned>>;
+    // What an unpack into a new bundle says of the directories.
+    Told told_of(unsigned option)
+    {
+        fake::reset();
+        fs::remove_all(bundle_);
+        Told told;
+        const auto note = [](const char* path, std::uint32_t mode, void* context) {
+            static_cast<Told*>(context)->emplace_back(path, mode);
+        };
+        errno = 0;
+        unpacked_ =
+            zncUnpackDirs(bundle_.c_str(), layout_.c_str(), nullptr, option, nullptr, note, &told);
+        return told;
+    }
     // Returns the temporary directory of a layer, once the last file exists in it.
     [[nodiscard]] fs::path wait_for_stage() const
     {
@@ -148,6 +152,7 @@ class Ahead : public ::testing::Test {
     std::string bundle_ = dir_ / "bundle";
     const std::string layer_ = large_layer();
     int verdicts_ = 0;
+    STATUS unpacked_ = ERROR;
     fs::path stage_;
 };
 
@@ -417,6 +422,58 @@ TEST_F(Ahead, ALayerNamedTwiceIsStoredOnce)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
 }
 
+// Not once for each time that it is named, beside one another, until all but one are thrown away.
+TEST_F(Ahead, ALayerNamedAgainAndAgainIsExtractedOnce)
+{
+    Image image;
+    image.layers.assign(6, layer_);
+    image.layers.insert(image.layers.begin() + 3, tar({{"other", "content"}}));
+    layout_.add(image);
+    std::size_t most = 0;
+    before_verdict = [&] {
+        std::size_t stages = 0;
+        for (const std::string& name : names_in(store_))
+            stages += name.starts_with(".unpack-") ? 1 : 0;
+        most = std::max(most, stages);
+    };
+    ASSERT_EQ(unpack(), OK) << errno;
+    EXPECT_LE(most, 2U);
+    EXPECT_EQ(names_in(store_).size(), 2U);
+}
+
+TEST_F(Ahead, DirectoriesAreToldWithTheirModesFromTheBottomUp)
+{
+    const std::string lower =
+        tar({layout::directory("tmp/", 01777), layout::directory("a/", 0755)});
+    const std::string upper = tar({layout::directory("./a/", 07700), {"file"}});
+    Image image;
+    image.layers = {lower, upper, lower};
+    layout_.add(image);
+    const Told all = {{"/tmp", 01777}, {"/a", 0755}, {"/a", 07700}, {"/tmp", 01777}, {"/a", 0755}};
+    EXPECT_EQ(told_of(0), all);
+    EXPECT_EQ(told_of(0), all); // the store has the layers
+    EXPECT_EQ(told_of(ZNC_OPT_FLATTEN), all);
+    fs::remove("/overlay");
+    EXPECT_EQ(told_of(0), all);
+}
+
+// Who listens is told of the bytes that have the digest, or of nothing.
+TEST_F(Ahead, DirectoriesOfALayerThatIsNotTheOneThatIsNamedAreNotTold)
+{
+    for (const bool stored : {false, true}) {
+        const std::string good = large_layer({layout::directory("tmp/", 01777)});
+        const std::string bad = large_layer({layout::directory("etc/", 01777)});
+        add(good);
+        if (stored) {
+            EXPECT_EQ(told_of(0), (Told{{"/tmp", 01777}}));
+        }
+        layout::write_file(layout_.blob("sha256:" + layout::sha256_hex(good)), bad);
+        EXPECT_EQ(told_of(0), Told{});
+        EXPECT_FALSE(fs::exists(bundle_));
+        EXPECT_EQ(fs::exists(this->stored(good)), stored);
+    }
+}
+
 // Enough layers for two threads to reach already extracted layers at the same time.
 TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
 {
@@ -492,11 +549,11 @@ TEST_F(Ahead, AnExtractionThatIsCalledOffEndsEarly)
     EXPECT_TRUE(names_in(store_).empty());
 }
 
-int WRAP_FINISH(mbedtls_sha256_context* ctx, unsigned char* out)
+bool __wrap_znc_sha256_finish(znc::ShaContext* context, unsigned char* out)
 {
     if (before_verdict)
         before_verdict();
-    return REAL_FINISH(ctx, out);
+    return __real_znc_sha256_finish(context, out);
 }
 
 int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*main)(void*),

@@ -450,6 +450,101 @@ TEST_F(Unpack, AStackOfOtherLayersUnderTheNameThatABundleUsesIsRefused)
     EXPECT_EQ(unpack(bundle_ + "4", 0, nullptr, "two"), OK) << errno;
 }
 
+TEST_F(Unpack, MoreLayersThanTheKernelStacksAreRefusedBeforeAnyIsExtracted)
+{
+    std::vector<std::string> layers;
+    for (int i = 0; i <= 500; i++)
+        layers.push_back(tar({{"f" + std::to_string(i), "x"}}));
+    add(layers, "tall");
+    EXPECT_EQ(unpack(bundle_, 0, nullptr, "tall"), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(names_in(store_).empty());
+    EXPECT_TRUE(names_in(base_ + "/records").empty());
+    EXPECT_FALSE(fs::exists(bundle_));
+    ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN, nullptr, "tall"), OK) << errno;
+    EXPECT_EQ(names_in(root_of(bundle_)).size(), layers.size());
+}
+
+TEST_F(Unpack, LayersThatAreThereTwiceCountOnceForTheKernelsLimit)
+{
+    std::vector<std::string> layers(600, bottom_);
+    layers.push_back(top_);
+    add(layers);
+    EXPECT_EQ(unpack(bundle_), OK) << errno;
+    EXPECT_EQ(names_in(store_).size(), 2U);
+}
+
+TEST_F(Unpack, TheBundleRemembersItsRootAndTheNamesOfItsLayers)
+{
+    add({bottom_, top_});
+    const std::string layers = hex_of(bottom_) + '\0' + hex_of(top_) + '\0' + '\0';
+    for (const unsigned option : {0U, unsigned{ZNC_OPT_FLATTEN}}) {
+        const std::string bundle = bundle_ + std::to_string(option);
+        ASSERT_EQ(unpack(bundle, option), OK) << errno;
+        EXPECT_EQ(layout::read_file(bundle + "/.zn-layers"), root_of(bundle) + '\0' + layers);
+        EXPECT_EQ(names_in(bundle), (std::set<std::string>{".zn-layers", "config.json", "rootfs"}));
+    }
+}
+
+// The root's own name is the digest of what it holds.
+TEST_F(Unpack, ABundleOfOneLayerRemembersNoLayers)
+{
+    add({bottom_});
+    ASSERT_EQ(unpack(bundle_), OK) << errno;
+    EXPECT_EQ(names_in(bundle_), (std::set<std::string>{"config.json", "rootfs"}));
+}
+
+TEST_F(Unpack, ABundleThatHasItsOwnRootRemembersNoLayers)
+{
+    without_overlay();
+    add({bottom_, top_});
+    ASSERT_EQ(unpack(bundle_), OK) << errno;
+    EXPECT_EQ(names_in(bundle_), (std::set<std::string>{"config.json", "rootfs"}));
+}
+
+TEST_F(Unpack, AnUnpackIntoABundleThatLacksOnlyItsRootfsKeepsTheBundlesRecords)
+{
+    add({bottom_, top_}, "one");
+    add({bottom_}, "two");
+    ASSERT_EQ(unpack(bundle_, 0, nullptr, "one"), OK) << errno;
+    const std::string layers = layout::read_file(bundle_ + "/.zn-layers");
+    const fs::path record = *fs::directory_iterator(base_ + "/records");
+    const std::string recorded = layout::read_file(record);
+    fs::remove(bundle_ + "/rootfs");
+    EXPECT_EQ(unpack(bundle_, 0, nullptr, "two"), ERROR);
+    EXPECT_EQ(errno, S_zncLib_BUNDLE_CONFIG_EXISTS);
+    EXPECT_EQ(layout::read_file(bundle_ + "/.zn-layers"), layers);
+    EXPECT_EQ(layout::read_file(record), recorded);
+    EXPECT_EQ(zncStoreCollect(nullptr, 0, 0, nullptr, nullptr), OK);
+    EXPECT_TRUE(fs::exists(store_ + "/" + hex_of(top_)));
+    EXPECT_TRUE(fs::exists(store_ + "/" + hex_of(bottom_)));
+}
+
+// Once the directory is gone another unpack may make the bundle, whose record has the same name.
+TEST_F(Unpack, AFailedUnpackRemovesItsRecordBeforeItsBundle)
+{
+    Image image;
+    image.section = ""; // no configuration can be made of it
+    image.layers = {bottom_, top_};
+    layout_.add(image);
+    const auto bundle_records = [this] {
+        const std::set<std::string> names = names_in(base_ + "/records");
+        return std::count_if(names.begin(), names.end(),
+                             [](const std::string& name) { return name.ends_with(".bundle"); });
+    };
+    std::optional<std::ptrdiff_t> records;
+    before_openat = [&](const std::string& name) {
+        if (name == "high") // as the tree is extracted: an empty directory would not be opened
+            fs::create_directory(bundle_ + "/rootfs/mine");
+        if (name == "rootfs") // as the bundle is deleted
+            records = bundle_records();
+    };
+    EXPECT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), ERROR);
+    before_openat = nullptr;
+    EXPECT_EQ(records, 0);
+    EXPECT_FALSE(fs::exists(bundle_));
+}
+
 TEST_F(Unpack, AConfigurationThatCannotBeWrittenLeavesNoDevice)
 {
     Image image;

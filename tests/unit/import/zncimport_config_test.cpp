@@ -42,21 +42,20 @@ class Config : public testing::Test {
 
     zncctl::Json settled(const std::string& config)
     {
-        image_.config = parse_json(config);
-        EXPECT_NE(image_.config, nullptr) << config;
+        image_.config = parse_json(config).value();
         report_ = Report();
         return settle_config(image_, tree_, spool_, options_, report_);
     }
     std::string section(const std::string& text)
     {
         const zncctl::Json config = settled("{\"config\":" + text + "}");
-        return compact(member(config.get(), "config"));
+        return compact(*member(config, "config"));
     }
     // Returns the resulting "User", "" for none.
     std::string user(const std::string& text)
     {
         const zncctl::Json config = settled("{\"config\":{\"User\":\"" + text + "\"}}");
-        return text_of(member(config.get(), "config"), "User");
+        return text_of(member(config, "config"), "User");
     }
     [[nodiscard]] std::size_t count(Change change) const
     {
@@ -79,8 +78,7 @@ class Config : public testing::Test {
 TEST_F(Config, KeepsWhatItDoesNotKnow)
 {
     EXPECT_EQ(compact(settled(R"({"architecture":"arm64","os":"linux","variant":"v8","x":[1,{}],
-        "config":{"WorkingDir":"/w","Labels":{"a":"b"},"Env":["A=b"],"y":null}})")
-                          .get()),
+        "config":{"WorkingDir":"/w","Labels":{"a":"b"},"Env":["A=b"],"y":null}})")),
               R"({"architecture":"arm64","os":"linux","variant":"v8","x":[1,{}],)"
               R"("config":{"WorkingDir":"/w","Labels":{"a":"b"},"Env":["A=b"],"y":null}})");
     EXPECT_TRUE(report_.items().empty());
@@ -89,7 +87,7 @@ TEST_F(Config, KeepsWhatItDoesNotKnow)
 TEST_F(Config, MakesWhatIsMissing)
 {
     image_.os = "linux";
-    EXPECT_EQ(compact(settled("{}").get()),
+    EXPECT_EQ(compact(settled("{}")),
               R"({"architecture":"amd64","os":"linux","config":{"WorkingDir":"/"}})");
     EXPECT_EQ(section("null"), R"({"WorkingDir":"/"})");
     EXPECT_EQ(section(R"({"WorkingDir":""})"), R"({"WorkingDir":"/"})");
@@ -99,12 +97,11 @@ TEST_F(Config, MakesWhatIsMissing)
 TEST_F(Config, OfASourceWithoutOneStartsAShell)
 {
     for (const char* none : {"null", ""}) {
-        image_.config = parse_json(none);
+        image_.config = parse_json(none).value_or(zncctl::Json());
         const zncctl::Json config = settle_config(image_, tree_, spool_, options_, report_);
-        EXPECT_EQ(text_of(config.get(), "os"), "zarnel");
-        EXPECT_EQ(text_of(config.get(), "architecture"), "amd64");
-        EXPECT_EQ(compact(member(config.get(), "config")),
-                  R"({"Cmd":["/bin/sh"],"WorkingDir":"/"})");
+        EXPECT_EQ(text_of(config, "os"), "zarnel");
+        EXPECT_EQ(text_of(config, "architecture"), "amd64");
+        EXPECT_EQ(compact(*member(config, "config")), R"({"Cmd":["/bin/sh"],"WorkingDir":"/"})");
     }
 }
 
@@ -113,20 +110,20 @@ TEST_F(Config, HasThePlatformThatIsAskedFor)
     options_.set_os = "zarnel";
     options_.set_arch = "arm";
     const char* text = R"({"architecture":"arm","os":"linux","variant":"v7"})";
-    EXPECT_EQ(text_of(settled(text).get(), "os"), "zarnel");
-    EXPECT_EQ(text_of(settled(text).get(), "variant"), "v7");
+    EXPECT_EQ(text_of(settled(text), "os"), "zarnel");
+    EXPECT_EQ(text_of(settled(text), "variant"), "v7");
     options_.set_arch = "amd64";
-    EXPECT_EQ(text_of(settled(text).get(), "architecture"), "amd64");
-    EXPECT_EQ(member(settled(text).get(), "variant"), nullptr);
+    EXPECT_EQ(text_of(settled(text), "architecture"), "amd64");
+    EXPECT_EQ(member(settled(text), "variant"), nullptr);
 }
 
 TEST_F(Config, TakesItsTimeFromTheSourceOrTheOption)
 {
-    EXPECT_EQ(member(settled("{}").get(), "created"), nullptr);
-    EXPECT_EQ(text_of(settled(R"({"created":"2020-01-01T00:00:00.5Z"})").get(), "created"),
+    EXPECT_EQ(member(settled("{}"), "created"), nullptr);
+    EXPECT_EQ(text_of(settled(R"({"created":"2020-01-01T00:00:00.5Z"})"), "created"),
               "2020-01-01T00:00:00.5Z");
     options_.source_date_epoch = 1700000000;
-    EXPECT_EQ(text_of(settled(R"({"created":"2020-01-01T00:00:00Z"})").get(), "created"),
+    EXPECT_EQ(text_of(settled(R"({"created":"2020-01-01T00:00:00Z"})"), "created"),
               "2023-11-14T22:13:20Z");
     for (const std::int64_t bad : {INT64_MAX, std::int64_t{253402300800}}) {
         options_.source_date_epoch = bad;
@@ -141,8 +138,7 @@ TEST_F(Config, RefusesTypesThatTheLibraryWouldMisread)
           R"({"config":{"Cmd":"sh"}})", R"({"config":{"Entrypoint":[null]}})",
           R"({"config":{"WorkingDir":1}})", R"({"config":{"User":0}})",
           R"({"config":{"Volumes":["/a"]}})", R"({"config":{"volumes":{"/a":{}}}})",
-          R"({"config":{"Volumes":{},"Volumes":{"/a":{}}}})", R"({"Config":{}})",
-          R"({"config":{},"config":{}})", R"([])", R"("text")"})
+          R"({"Config":{}})", R"({"config":{"env":[]}})", R"([])", R"("text")"})
         EXPECT_THROW(settled(bad), Failure) << bad;
 }
 
@@ -246,12 +242,13 @@ TEST_F(Config, EndsWithTheNewLayersAndTheirHistory)
     const std::vector<NewLayer> two = {{"sha256:aa", "sha256:bb", 1},
                                        {"sha256:cc", "sha256:dd", 2}};
     EXPECT_EQ(finish_config(parse_json(R"({"created":"T","rootfs":{"diff_ids":["old"]},"x":1,
-                                           "history":[{},{}]})"),
+                                           "history":[{},{}]})")
+                                .value(),
                             two),
               R"({"created":"T","rootfs":{"type":"layers","diff_ids":["sha256:bb","sha256:dd"]},)"
               R"("x":1,"history":[{"created":"T","created_by":"zncctl import"},)"
               R"({"created":"T","created_by":"zncctl import"}]})");
-    EXPECT_EQ(finish_config(parse_json("{}"), layers_),
+    EXPECT_EQ(finish_config(parse_json("{}").value(), layers_),
               R"({"rootfs":{"type":"layers","diff_ids":["sha256:bb"]},)"
               R"("history":[{"created_by":"zncctl import"}]})");
 }
@@ -259,7 +256,7 @@ TEST_F(Config, EndsWithTheNewLayersAndTheirHistory)
 TEST_F(Config, MayNotBecomeLongerThanDocumentsMayBe)
 {
     const std::string text = "{\"x\":\"" + std::string(Limits{}.json, 'a') + "\"}";
-    EXPECT_THROW(finish_config(parse_json(text), layers_), Failure);
+    EXPECT_THROW(finish_config(parse_json(text).value(), layers_), Failure);
 }
 
 TEST_F(Config, HasAManifestWithTheSourcesAnnotations)
@@ -273,8 +270,9 @@ TEST_F(Config, HasAManifestWithTheSourcesAnnotations)
         R"("application/vnd.oci.image.layer.v1.tar+gzip","digest":"sha256:aa","size":123}]})");
     image_.manifest_digest = "sha256:cc";
     image_.annotations = parse_json(R"({"a":"b","n":1,"org.opencontainers.image.ref.name":"t",
-        "zncontainer.import.source.digest":"sha256:older"})");
-    const zncctl::Json manifest = parse_json(new_manifest(image_, "{}", layers_));
-    EXPECT_EQ(compact(member(manifest.get(), "annotations")),
+        "zncontainer.import.source.digest":"sha256:older"})")
+                             .value();
+    const zncctl::Json manifest = parse_json(new_manifest(image_, "{}", layers_)).value();
+    EXPECT_EQ(compact(*member(manifest, "annotations")),
               R"({"a":"b","zncontainer.import.source.digest":"sha256:cc"})");
 }

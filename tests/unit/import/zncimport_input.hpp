@@ -3,7 +3,7 @@
 #ifndef ZNCIMPORT_INPUT_HPP
 #define ZNCIMPORT_INPUT_HPP
 
-#include "front/digest.hpp"
+#include "front/blob.hpp"
 #include "import/source/source.hpp"
 #include "test_tree.hpp"
 
@@ -56,9 +56,7 @@ inline std::string content(zncimport::Reader& reader)
 
 inline std::string sha256(const std::string& text)
 {
-    zncctl::Digest digest("sha256");
-    digest.add(text.data(), text.size());
-    return digest.text();
+    return zncctl::digest_of(text);
 }
 
 // A Reader of a string that returns at most `most` bytes at a time.

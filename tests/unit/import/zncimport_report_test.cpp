@@ -2,6 +2,7 @@
 #include "import/merge/report.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <set>
 
@@ -18,7 +19,7 @@ TEST(Report, EmptyOneSaysNothing)
     const Report report;
     EXPECT_EQ(report.summary(), "");
     EXPECT_EQ(report.losses(), 0U);
-    EXPECT_EQ(zncctl::compact(report.document().get()), R"({"losses":0,"counts":{},"items":[]})");
+    EXPECT_EQ(zncctl::compact(report.document()), R"({"losses":0,"counts":{},"items":[]})");
 }
 
 TEST(Report, EveryChangeHasAWordOfItsOwn)
@@ -71,7 +72,7 @@ TEST(Report, DocumentListsEveryItem)
     Report report;
     report.add(Change::kDevice, "dev/null", "char 1:3");
     report.add(Change::kHardlinkCopied, "b", "of a", 12);
-    EXPECT_EQ(zncctl::compact(report.document().get()),
+    EXPECT_EQ(zncctl::compact(report.document()),
               R"({"losses":1,"counts":{"device":1,"hardlink-copied":1},"items":[)"
               R"({"change":"device","path":"dev/null","detail":"char 1:3"},)"
               R"({"change":"hardlink-copied","path":"b","detail":"of a","bytes":12}]})");
@@ -83,9 +84,8 @@ TEST(Report, DocumentIsUtf8WhateverTheNames)
     report.add(Change::kOwner, "caf\xc3\xa9 \xf0\x9f\x90\xa7");
     report.add(Change::kOwner, "\xff \xc3 \xc0\xaf \xed\xa0\x80 \xe2\x82");
     const auto document = report.document();
-    const cJSON* const items = zncctl::member(document.get(), "items");
-    EXPECT_EQ(zncctl::text_of(cJSON_GetArrayItem(items, 0), "path"),
-              "caf\xc3\xa9 \xf0\x9f\x90\xa7");
-    EXPECT_EQ(zncctl::text_of(cJSON_GetArrayItem(items, 1), "path"),
+    const zncctl::Json& items = document.at("items");
+    EXPECT_EQ(zncctl::text_of(items.at(0), "path"), "caf\xc3\xa9 \xf0\x9f\x90\xa7");
+    EXPECT_EQ(zncctl::text_of(items.at(1), "path"),
               "\\xff \\xc3 \\xc0\\xaf \\xed\\xa0\\x80 \\xe2\\x82");
 }

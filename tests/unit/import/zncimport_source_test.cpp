@@ -1,4 +1,5 @@
 // Tests of sources of every kind, of the selection of an image, and of hostile sources.
+#include "import/source/base64.hpp"
 #include "import/source/source.hpp"
 #include "zncimport_input.hpp"
 
@@ -261,9 +262,30 @@ TEST(LayoutSource, AnnotationsOfManifestAndEntryAreCarried)
         kManifestType, manifest,
         R"(,"annotations":{"a":"entry","c":"2","org.opencontainers.image.ref.name":"v1"})"));
     const auto images = Opened(layout.dir / "l").images();
-    EXPECT_EQ(zncctl::compact(images.at(0).annotations.get()),
-              R"({"a":"manifest","b":"1","c":"2"})");
+    EXPECT_EQ(zncctl::compact(images.at(0).annotations), R"({"a":"manifest","b":"1","c":"2"})");
     EXPECT_EQ(images[0].manifest_digest, sha256(manifest));
+}
+
+TEST(Base64, WholeGroupsOfTheAlphabetAreDecoded)
+{
+    const std::pair<const char*, const char*> known[] = {{"", ""},
+                                                         {"Zg==", "f"},
+                                                         {"Zm8=", "fo"},
+                                                         {"Zm9v", "foo"},
+                                                         {"Zm9vYg==", "foob"},
+                                                         {"Zm9vYmE=", "fooba"},
+                                                         {"Zm9vYmFy", "foobar"}};
+    for (const auto& [text, bytes] : known)
+        EXPECT_EQ(zncimport::decode_base64(text), bytes) << text;
+    EXPECT_EQ(zncimport::decode_base64("+/+/"), "\xfb\xff\xbf");
+    EXPECT_EQ(zncimport::decode_base64("AAAA"), std::string(3, '\0'));
+}
+
+TEST(Base64, AnythingElseIsNone)
+{
+    for (const char* text : {"Z", "Zg", "Zg=", "=", "====", "Zg=a", "Z===", "Zm9v\n", " Zm9",
+                             "Zm-_", "Zg==Zg==", "Zm9vYg"})
+        EXPECT_EQ(zncimport::decode_base64(text), std::nullopt) << text;
 }
 
 TEST(LayoutSource, EmbeddedDataIsTaken)
@@ -314,9 +336,12 @@ TEST(LayoutSource, AConfigurationThatCannotBeWrittenAgainIsAProblem)
         layout.index(descriptor(kManifestType, manifest));
         return Opened(layout.dir / "l").images().at(0).problem;
     };
-    EXPECT_EQ(problem_with(R"("a":"\\u0000","b":123456789012345,"c":"12345678901234567890")"), "");
-    for (const char* lost : {R"("a":"x\u0000y")", R"("a":12345678901234567890)", R"("a":[-1e999])"})
+    EXPECT_EQ(problem_with(R"("a":"\\u0000","b":18446744073709551615,"c":-9223372036854775808)"),
+              "");
+    for (const char* lost : {R"("a":123456789012345678901)", R"("a":[0.12345678901234567])"})
         EXPECT_TRUE(has(problem_with(lost), "cannot be preserved exactly")) << lost;
+    for (const char* refused : {R"("a":"x\u0000y")", R"("a":[-1e999])"})
+        EXPECT_THROW(problem_with(refused), Failure) << refused;
 }
 
 TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
@@ -330,7 +355,7 @@ TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
     for (const char* key : {"b", "B"}) {
         test_tree::write_file(layout.dir / "l/index.json", std::string(R"({"a":[{"b":1,")") + key +
                                                                R"(":2}],)" + index.substr(1));
-        EXPECT_TRUE(has(problem_of(layout), std::string("has the key \"") + key + "\" twice"));
+        EXPECT_TRUE(has(problem_of(layout), std::string("the key \"") + key + "\" is there twice"));
     }
 }
 
@@ -471,7 +496,7 @@ TEST(LayoutSource, DeepLongAndBrokenJsonIsAnError)
 {
     const Layout layout;
     layout.write("index.json", std::string(1'000'000, '['));
-    EXPECT_TRUE(has(problem_of(layout), "is not a JSON document"));
+    EXPECT_TRUE(has(problem_of(layout), "more than 1000 levels at line 1, column 1001"));
     layout.write("index.json", "");
     fs::resize_file(layout.dir / "l/index.json", std::uint64_t{1} << 30U);
     EXPECT_TRUE(has(problem_of(layout), "--max-json"));

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <mqueue.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -187,6 +188,40 @@ TEST_F(QueueOwner, AQueueThatADeadProcessLeftCanBeDiscarded)
     EXPECT_EQ(::mq_unlink(kName), 0);
     EXPECT_EQ(znMsgQDiscard(kName), OK) << "there is none";
     EXPECT_EQ(znMsgQDiscard(nullptr), ERROR);
+}
+
+// ---------------------------------------------------------------- in use
+
+TEST_F(QueueOwner, AQueueIsInUseWhileItsMakerHasItOpen)
+{
+    EXPECT_FALSE(znMsgQInUse(kName)) << "there is none";
+    {
+        const znc::UniqueFd maker(make());
+        ASSERT_TRUE(maker);
+        errno = EBADF;
+        EXPECT_TRUE(znMsgQInUse(kName));
+        EXPECT_EQ(errno, EBADF);
+        EXPECT_TRUE(znMsgQInUse(kName)) << "looking takes nothing away";
+    }
+    EXPECT_FALSE(znMsgQInUse(kName)) << "its maker closed it";
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(QueueOwner, AProcessThatLooksForTheMakerIsNotTakenForIt)
+{
+    Process maker([] { return make() >= 0 ? 0 : 1; });
+    ASSERT_EQ(maker.end(), 0);
+    const znc::UniqueFd looker(::mq_open(kName, O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(looker.get(), LOCK_EX | LOCK_NB), 0);
+    EXPECT_FALSE(znMsgQInUse(kName));
+}
+
+TEST_F(QueueOwner, AnotherUsersQueueIsNotInUse)
+{
+    const znc::UniqueFd foreign = squat();
+    ASSERT_TRUE(foreign);
+    ASSERT_EQ(::flock(foreign.get(), LOCK_SH | LOCK_NB), 0);
+    EXPECT_FALSE(znMsgQInUse(kName));
 }
 
 // ---------------------------------------------------------------- sending to nobody

@@ -303,6 +303,79 @@ TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceMeanNothingOnTheHost)
     }
 }
 
+TEST_F(Overlay, AsManyDirectoriesAsAreSaidAreStackedAndNotOneMore)
+{
+    const znc::UniqueFd a(::open(layer("a", "x").c_str(), O_PATH | O_CLOEXEC));
+    const znc::UniqueFd b(::open(layer("b", "x").c_str(), O_PATH | O_CLOEXEC));
+    const int two[] = {a.get(), b.get()};
+    const std::string probe = layer("probe", "x");
+    const znc::UniqueFd target(::open(probe.c_str(), O_PATH | O_CLOEXEC));
+    if (zn::overlay_mount_by_fd(target.get(), two, 2, -1, -1) != 0)
+        GTEST_SKIP() << "this kernel takes no directories by descriptor: fewer fit";
+    ASSERT_EQ(::umount2(probe.c_str(), MNT_DETACH), 0);
+    std::vector<std::string> dirs;
+    for (uint32_t i = 0; i < znOvlDirsMax(); i++)
+        dirs.push_back(layer("many" + std::to_string(i), "x"));
+    ASSERT_EQ(create("image", dirs, FALSE), OK) << std::strerror(errno);
+    EXPECT_EQ(remove("image"), OK);
+    dirs.push_back(layer("one more", "x"));
+    EXPECT_EQ(create("image", dirs, FALSE), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+std::vector<std::string> dirs_of(const std::string& name)
+{
+    std::vector<std::string> dirs;
+    const auto keep = [](void* to, const char* dir) -> BOOL {
+        static_cast<std::vector<std::string>*>(to)->push_back(dir);
+        return TRUE;
+    };
+    errno = 0;
+    const STATUS status = znOvlDevDirs(name.c_str(), keep, &dirs);
+    EXPECT_EQ(status == OK, !dirs.empty());
+    return dirs;
+}
+
+TEST_F(Overlay, AReadOnlyDeviceTellsItsDirectoriesTheFirstOnTop)
+{
+    const std::vector<std::string> stack = {layer("a", "x"), layer("b,:\\ \n", "y"),
+                                            layer("c", "z"),
+                                            layer("a", "x")}; // one that is there twice
+    ASSERT_EQ(create("image", stack, FALSE), OK) << std::strerror(errno);
+    ASSERT_EQ(create("one", {stack[2]}, FALSE), OK) << std::strerror(errno);
+    EXPECT_EQ(dirs_of("/overlay/image"), stack);
+    EXPECT_EQ(dirs_of("/overlay/one"), std::vector<std::string>{stack[2]});
+    int visits = 0;
+    EXPECT_EQ(znOvlDevDirs(
+                  "/overlay/image",
+                  [](void* count, const char*) -> BOOL {
+                      ++*static_cast<int*>(count);
+                      return FALSE;
+                  },
+                  &visits),
+              OK);
+    EXPECT_EQ(visits, 1);
+    EXPECT_EQ(remove("image"), OK);
+    EXPECT_EQ(remove("one"), OK);
+}
+
+TEST_F(Overlay, WhatIsNoReadOnlyDeviceTellsNoDirectories)
+{
+    fs::create_directories("/tmp/o/c/upper");
+    ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("a", "x")}, TRUE), OK);
+    ASSERT_EQ(create("image", {layer("a", "x"), layer("b", "y")}, FALSE), OK);
+    ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0); // its record stays
+    for (const char* name : {"/overlay/web", "/overlay/image", "/overlay/none"}) {
+        EXPECT_TRUE(dirs_of(name).empty());
+        EXPECT_EQ(errno, ENOENT) << name;
+    }
+    EXPECT_TRUE(dirs_of("/tmp/o").empty());
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(znOvlRestore(), 0); // detaches one and attaches the other
+    EXPECT_EQ(dirs_of("/overlay/image").size(), 2U);
+    EXPECT_EQ(remove("image"), OK);
+}
+
 TEST_F(Overlay, ARecordThatACrashCutOffIsNotAttached)
 {
     const std::string first = layer("a", "x");

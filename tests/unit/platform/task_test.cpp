@@ -1,6 +1,7 @@
 #include "zarnel/task.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <thread>
 #include <unistd.h>
 
@@ -20,6 +21,21 @@ bool cancellable()
 TEST(Task, ClockRateIsTheSystems)
 {
     EXPECT_EQ(znSysClkRateGet(), sysconf(_SC_CLK_TCK));
+}
+
+TEST(Task, ProcessorsAreThoseThatTheTaskMayRunOn)
+{
+    cpu_set_t before;
+    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+    EXPECT_EQ(znTaskProcessors(), static_cast<size_t>(CPU_COUNT(&before)));
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (size_t i = 0; CPU_COUNT(&one) == 0; i++)
+        if (CPU_ISSET(i, &before))
+            CPU_SET(i, &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    EXPECT_EQ(znTaskProcessors(), 1U);
+    EXPECT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
 }
 
 TEST(Task, SafetyNestsAndEndsWithTheOutermost)

@@ -29,6 +29,7 @@ static const Export exports[] = {
     EXPORT(zncBasePathGet),
     EXPORT(zncCall),
     EXPORT(zncCallQ),
+    EXPORT(zncConfigCheck),
     EXPORT(zncConfigToArray),
     EXPORT(zncContainerCreate),
     EXPORT(zncContainerDelete),
@@ -70,6 +71,7 @@ static const Export exports[] = {
     EXPORT(zncInspectImageContainer),
     EXPORT(zncJsonCopy),
     EXPORT(zncKill),
+    EXPORT(zncLayerCheck),
     EXPORT(zncList),
     EXPORT(zncMsgLvlSet),
     EXPORT(zncMsgQnameSet),
@@ -89,6 +91,7 @@ static const Export exports[] = {
     EXPORT(zncStoreCollect),
     EXPORT(zncTarExtract),
     EXPORT(zncUnpack),
+    EXPORT(zncUnpackDirs),
     EXPORT(zncUnpackProgressSet),
     EXPORT(zncUtilBinToHex),
     EXPORT(zncUtilCredGetFromStdin),
@@ -97,6 +100,7 @@ static const Export exports[] = {
     EXPORT(zncUtilStateIdToString),
     EXPORT(zncUtilUntar),
     EXPORT(zncUtilXdelete),
+    EXPORT(zncVersionGet),
 };
 enum { EXPORTS = sizeof exports / sizeof exports[0] };
 
@@ -169,6 +173,8 @@ static void check_calls(void)
         complain("zncUtilSignalNo", "wrong number");
     if (strcmp(zncUtilStateIdToString(STATE_STOPPED), "stopped") != 0)
         complain("zncUtilStateIdToString", "wrong text");
+    if (strcmp(zncVersionGet(), ZNC_VERSION) != 0)
+        complain("zncVersionGet", "not the version of the header");
     if (ugzopen("/nonexistent", "rb") != NULL || ugzclose(NULL) != -1)
         complain("ugzopen, ugzclose", "opened a missing file or closed none");
     if (zncInitializeRuntimeSpec("/nonexistent") != NULL)

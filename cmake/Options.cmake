@@ -1,0 +1,50 @@
+# What can be chosen. Below another project (add_subdirectory, FetchContent) only the library is built, and
+# nothing is installed, unless that project asks for more.
+option(ZNC_BUILD_PROGRAMS "Build zncd, zncctl and zncctl-import" ${PROJECT_IS_TOP_LEVEL})
+option(ZNC_INSTALL "Install what is built" ${PROJECT_IS_TOP_LEVEL})
+option(ZNC_WITH_UZLIB "Link an installed uzlib instead of the adapter over ISA-L or zlib" OFF)
+option(ZNC_BUILD_BENCH "Build the programs of bench/run.sh" OFF)
+set(ZNC_SANITIZE "" CACHE STRING "Sanitizers for all code but the freestanding helper, e.g. address,undefined")
+set(ZNC_BUILD_TESTS AUTO CACHE STRING "Build the tests: ON, OFF, or AUTO, which is where GoogleTest is installed")
+set(ZNC_BUILD_MAN AUTO CACHE STRING "Build the manual pages: ON, OFF, or AUTO, which is where scdoc is installed")
+
+# A shared library unless CMake's own switch says otherwise.
+if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
+    set(ZNC_LIBRARY_TYPE STATIC)
+else()
+    set(ZNC_LIBRARY_TYPE SHARED)
+endif()
+
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "Debug, Release, RelWithDebInfo or MinSizeRel" FORCE)
+endif()
+
+if(ZNC_INSTALL OR ZNC_BUILD_PROGRAMS)
+    # Debian's linker, loader and pkg-config look below the triplet in /usr/local as they do in /usr.
+    if(PROJECT_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INSTALL_LIBDIR AND CMAKE_LIBRARY_ARCHITECTURE
+       AND EXISTS /etc/debian_version)
+        set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
+    endif()
+    include(GNUInstallDirs)
+endif()
+
+# znc_decide(OPTION WHAT POSSIBLE REASON): what AUTO means here. What is left out is said, with the reason.
+function(znc_decide OPTION WHAT POSSIBLE REASON)
+    if(NOT ${OPTION} STREQUAL "AUTO")
+        return()
+    endif()
+    if(NOT POSSIBLE)
+        message(STATUS "zncontainer: ${WHAT} are not built: ${REASON}")
+    endif()
+    set(${OPTION} ${POSSIBLE} PARENT_SCOPE)
+endfunction()
+
+if(NOT ZNC_BUILD_PROGRAMS OR NOT ZNC_INSTALL)
+    znc_decide(ZNC_BUILD_MAN "the manual pages" OFF "they belong to the installed programs")
+else()
+    find_program(ZNC_SCDOC scdoc)
+    if(ZNC_SCDOC)
+        set(ZNC_SCDOC_FOUND ON)
+    endif()
+    znc_decide(ZNC_BUILD_MAN "the manual pages" "${ZNC_SCDOC_FOUND}" "scdoc is not installed (Debian: scdoc)")
+endif()

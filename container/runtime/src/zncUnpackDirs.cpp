@@ -1,0 +1,54 @@
+// zncUnpackDirs.cpp - see zncUnpackDirs.hpp.
+#include "zncUnpackDirs.hpp"
+
+#include "zncTarLib.hpp"
+
+#include <cstring>
+
+namespace {
+
+// "/a/b" of "/a//b": a name whose prefix ends with a separator has a doubled one.
+void tell_of(const char* entry, ZNC_DIRECTORY_FUNC func, void* context)
+{
+    char path[kTarCacheSize + 1];
+    char mode[znc::kModeDigits + 1] = {};
+    std::memcpy(mode, entry, znc::kModeDigits);
+    std::size_t len = 0;
+    for (const char* c = entry + znc::kModeDigits; *c != '\0' && len + 1 < sizeof path; ++c)
+        if (*c != '/' || (c[1] != '/' && c[1] != '\0'))
+            path[len++] = *c;
+    path[len] = '\0';
+    if (len != 0)
+        func(path, static_cast<uint32_t>(::strtoul(mode, nullptr, 8)), context);
+}
+
+} // namespace
+
+STATUS znc::UnpackDirs::prepare(std::size_t layers) noexcept
+{
+    if (!wanted() || layers_ != nullptr)
+        return OK;
+    layers_.reset(new (std::nothrow) Layer[layers]);
+    if (layers_ == nullptr) {
+        errno = ENOMEM;
+        return ERROR;
+    }
+    count_ = layers;
+    return OK;
+}
+
+void znc::UnpackDirs::share(const Duplicates& duplicates) noexcept
+{
+    for (std::size_t i = 0; i < count_; ++i)
+        if (!has(i))
+            layers_[i].same_as = duplicates.first(i);
+}
+
+void znc::UnpackDirs::tell() const noexcept
+{
+    for (std::size_t i = 0; i < count_; ++i) {
+        const TextList& list = layers_[layers_[i].same_as].list;
+        for (const char* entry = list.first(); entry != nullptr; entry = list.next(entry))
+            tell_of(entry, func_, context_);
+    }
+}

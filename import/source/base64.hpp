@@ -1,0 +1,17 @@
+// base64.hpp - Base64 (RFC 4648, section 4), in which a descriptor may hold its blob.
+#ifndef ZNC_IMPORT_SOURCE_BASE64_HPP
+#define ZNC_IMPORT_SOURCE_BASE64_HPP
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zncimport {
+
+// Nothing for a text that is none: whole groups of four characters of the alphabet, the last one
+// padded, and nothing else.
+std::optional<std::string> decode_base64(std::string_view text);
+
+} // namespace zncimport
+
+#endif

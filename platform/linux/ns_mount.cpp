@@ -1,0 +1,162 @@
+// ns_mount.cpp - see ns_mount.hpp.
+#include "ns_mount.hpp"
+
+#include "ns_record.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/mount.h>
+#include <span>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zn {
+
+using znc::MallocPtr;
+using znc::UniqueFd;
+
+struct NamespaceMounts::Entry {
+    Entry* next;
+    std::uint64_t id; // mount id, by which the keeper recognises the mount
+    char destination[kRootPathMax];
+};
+
+UniqueFd detached_tree(const char* path, const MountPlan& plan)
+{
+    const unsigned recursive = plan.recursive ? AT_RECURSIVE : 0;
+    UniqueFd tree(static_cast<int>(
+        ::syscall(SYS_open_tree, AT_FDCWD, path, OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | recursive)));
+    if (!tree)
+        return tree;
+    mount_attr attr = {};
+    attr.attr_set = plan.attrSet;
+    attr.attr_clr = plan.attrClear;
+    attr.propagation = plan.propagation;
+    if (::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH | recursive, &attr,
+                  sizeof attr) != 0)
+        return UniqueFd();
+    return tree;
+}
+
+bool is_directory(int fd)
+{
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+namespace {
+
+// The strings of a request, concatenated.
+class TextBuffer {
+  public:
+    bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
+    bool add(std::span<const char> text, unsigned count)
+    {
+        if (text.size() > sizeof text_ - len_)
+            return false;
+        std::memcpy(text_ + len_, text.data(), text.size());
+        len_ += text.size();
+        count_ += count;
+        return true;
+    }
+    int send(Keeper& keeper, wire::Request& request, int descriptor, std::uint64_t* value)
+    {
+        request.textLen = static_cast<std::uint32_t>(len_);
+        request.textCount = count_;
+        return keeper.ask(request, {text_, len_}, descriptor, value);
+    }
+
+  private:
+    char text_[4096];
+    std::size_t len_ = 0;
+    unsigned count_ = 0;
+};
+
+int mount_tree(Keeper& keeper, const char* source, const char* destination, const MountPlan& plan,
+               std::uint64_t* id)
+{
+    // A relative path would be resolved from the daemon's working directory.
+    if (source == nullptr || *source != '/')
+        return EINVAL;
+    const UniqueFd tree = detached_tree(source, plan);
+    if (!tree)
+        return errno;
+    wire::Request request = {};
+    request.op = wire::Op::kMountTree;
+    request.isDirectory = is_directory(tree.get());
+    TextBuffer text;
+    if (!text.add(destination))
+        return ENAMETOOLONG;
+    return text.send(keeper, request, tree.get(), id);
+}
+
+int mount_fs(Keeper& keeper, const char* destination, const MountPlan& plan, std::uint64_t* id)
+{
+    wire::Request request = {};
+    request.op = wire::Op::kMountFs;
+    request.attributes = plan.attrSet;
+    TextBuffer text;
+    if (!text.add(destination) || !text.add(plan.type) ||
+        !text.add({plan.options, plan.optionsLen}, plan.optionCount))
+        return ENAMETOOLONG;
+    return text.send(keeper, request, -1, id);
+}
+
+} // namespace
+
+NamespaceMounts::~NamespaceMounts()
+{
+    while (newest_ != nullptr) {
+        const MallocPtr<Entry> entry(newest_);
+        newest_ = entry->next;
+    }
+}
+
+int NamespaceMounts::mount(Keeper& keeper, const char* source, const char* destination,
+                           const char* type, const char* const* options)
+{
+    if (std::strlen(destination) >= kRootPathMax)
+        return ENAMETOOLONG;
+    MallocPtr<Entry> entry = znc::malloc_zeroed<Entry>();
+    if (!entry)
+        return ENOMEM;
+    std::strcpy(entry->destination, destination);
+    MountPlan plan;
+    struct stat st;
+    // A relative source counts as existing, so that it is treated as a bind and refused.
+    const bool exists =
+        source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
+    int error = mount_plan_make(type, options, exists, plan);
+    if (error == 0)
+        error = plan.bind ? mount_tree(keeper, source, destination, plan, &entry->id)
+                          : mount_fs(keeper, destination, plan, &entry->id);
+    if (error != 0)
+        return error;
+    entry->next = newest_;
+    newest_ = entry.release();
+    return 0;
+}
+
+int NamespaceMounts::unmount(Keeper& keeper, const char* destination)
+{
+    Entry** at = &newest_;
+    while (*at != nullptr && std::strcmp((*at)->destination, destination) != 0)
+        at = &(*at)->next;
+    if (*at == nullptr)
+        return EINVAL;
+    wire::Request request = {};
+    request.op = wire::Op::kUnmount;
+    request.value = (*at)->id;
+    TextBuffer text;
+    const int error =
+        text.add(destination) ? text.send(keeper, request, -1, nullptr) : ENAMETOOLONG;
+    if (error != 0 && error != ESRCH)
+        return error;
+    const MallocPtr<Entry> done(*at);
+    *at = done->next;
+    return error;
+}
+
+} // namespace zn

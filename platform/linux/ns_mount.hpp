@@ -1,0 +1,43 @@
+// ns_mount.hpp - the mounts of a namespace besides its root. Each is prepared here, on the host,
+// and attached by the keeper (helper/keeper_mount.cpp). Used by the namespace service. Configured
+// mounts are interpreted by mount_plan.
+#ifndef ZN_NS_MOUNT_HPP
+#define ZN_NS_MOUNT_HPP
+
+#include "base/owned.hpp"
+#include "keeper_link.hpp"
+#include "mount_plan.hpp"
+
+#include <cstdint>
+
+namespace zn {
+
+// A detached clone of the tree at `path` with the attributes of the plan. `path` is resolved only
+// here. Invalid with errno set on failure.
+znc::UniqueFd detached_tree(const char* path, const MountPlan& plan);
+
+bool is_directory(int fd);
+
+// The mounts of one namespace. The functions return 0 or an error number.
+class NamespaceMounts {
+  public:
+    NamespaceMounts() = default;
+    NamespaceMounts(const NamespaceMounts&) = delete;
+    NamespaceMounts& operator=(const NamespaceMounts&) = delete;
+    ~NamespaceMounts();
+
+    int mount(Keeper& keeper, const char* source, const char* destination, const char* type,
+              const char* const* options);
+    // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
+    // (ESRCH), the mount is removed from the list, too.
+    int unmount(Keeper& keeper, const char* destination);
+
+  private:
+    struct Entry;
+
+    Entry* newest_ = nullptr;
+};
+
+} // namespace zn
+
+#endif

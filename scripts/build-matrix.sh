@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# build-matrix.sh [--all] [ROW...] - builds the project as those do who use it and not its presets: other
+# build types, compilers and standards, static, below another project, without what is optional, in another
+# directory. One line per row; fails when a row does. --all builds zncctl, too, which takes five times as
+# long, and compares packages. Without names all rows; builds are kept in build/matrix.
+# shellcheck disable=SC2317 # rows are called by their names
+set -euo pipefail
+cd "$(dirname "$0")/.."
+# shellcheck source=tests/support/checks.sh
+. tests/support/checks.sh
+source_dir=$PWD
+builds=$source_dir/build/matrix
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+all=
+if [[ ${1-} == --all ]]; then
+    all=1
+    shift
+fi
+targets=(zncontainer zncd)
+[[ -z $all ]] || targets+=(zncctl)
+rows=(release minsize debug lto clang static embedded fetched bare same_bytes)
+[[ -z $all ]] || rows+=(same_packages)
+
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
+
+# configured DIR OPTION...: without the tests, and manual pages only where they are looked at.
+configured() {
+    cmake -S "$source_dir" -B "$1" -G Ninja -DZNC_BUILD_TESTS=OFF -DZNC_BUILD_MAN=OFF "${@:2}"
+}
+built() {
+    configured "$builds/$1" "${@:2}" && cmake --build "$builds/$1" --target "${targets[@]}"
+}
+library_built() {
+    configured "$builds/$1" -DZNC_BUILD_PROGRAMS=OFF "${@:2}" && cmake --build "$builds/$1"
+}
+# A warning of a compiler that we do not have keeps nobody from building.
+release() {
+    built release -DCMAKE_BUILD_TYPE=Release && not grep -q -e '-Werror' "$builds/release/build.ninja"
+}
+# This project's own files are compiled one by one also where those around it are not.
+minsize() { built minsize -DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_UNITY_BUILD=ON; }
+debug() {
+    built debug -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_STANDARD=23 &&
+        grep -q -e '-std=c++2[3b]' "$builds/debug/build.ninja"
+}
+lto() { built lto -DCMAKE_BUILD_TYPE=Release -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON; }
+clang() {
+    built clang -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+}
+
+# Installed as an archive, and used by way of pkg-config and of CMake's find_package. Nothing of the shared
+# library may be there, or the linker would take that.
+static() {
+    local prefix=$work/static consumer=$source_dir/tests/packages/consumer flags
+    library_built static -DCMAKE_BUILD_TYPE=Debug -DBUILD_SHARED_LIBS=OFF &&
+        cmake --install "$builds/static" --prefix "$prefix" || return
+    [[ -z $(find "$prefix" -name '*.so*') ]] || return
+    not grep -rI -e "$source_dir" -e "$prefix" "$prefix" || return
+    flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zncontainer.pc)") \
+        pkg-config --static --cflags --libs zncontainer) || return
+    read -ra flags <<<"$flags"
+    cc -o "$work/static_c" "$consumer/consumer.c" "${flags[@]}" &&
+        c++ -o "$work/static_cpp" "$consumer/consumer.cpp" "${flags[@]}" &&
+        cmake -S "$consumer" -B "$work/static_cmake" -DCMAKE_PREFIX_PATH="$prefix" -DWANTED_VERSION=1 &&
+        cmake --build "$work/static_cmake" &&
+        "$work/static_c" | grep -qx 'C: running' && "$work/static_cpp" | grep -qx 'C++: stopped' &&
+        "$work/static_cmake/consumer_c" | grep -qx 'C: running' &&
+        "$work/static_cmake/consumer_cpp" | grep -qx 'C++: stopped'
+}
+
+parent() {
+    cmake -S tests/packages/embedding -B "$builds/$1" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+        -DZNC_SOURCE_DIR="$source_dir" "${@:2}"
+}
+# Below another project: only the library is built, nothing is installed, tested or packed but its own.
+embedded() {
+    local version installed
+    version=$(sed -n 's/^#define ZNC_VERSION_[MP][A-Z]* //p' container/runtime/include/zncontainer.h |
+        paste -sd .) || return
+    rm -rf "$builds/embedded/CMakeCache.txt"
+    parent embedded && cmake --build "$builds/embedded" &&
+        [[ $("$builds/embedded/parent/program") == "$version" ]] || return
+    cmake --install "$builds/embedded" --prefix "$work/embedded" || return
+    installed=$(find "$work/embedded" -type f -printf '%P\n') && [[ $installed == bin/program ]] || return
+    not grep -rl zncontainer "$builds/embedded/CPackConfig.cmake" || return
+    [[ -z $(find "$builds/embedded" -name zncd -o -name zncctl) ]] || return
+    ctest --test-dir "$builds/embedded" -N | grep -q '^Total Tests: 0$'
+}
+fetched() {
+    rm -rf "$builds/fetched/CMakeCache.txt"
+    parent fetched -DFETCHED=ON || return
+    [[ -z $all ]] || cmake --build "$builds/fetched"
+}
+
+# Where only what is needed is installed: what is left out is said, one line each.
+bare() {
+    local libraries=$work/bare said=$work/bare.log line
+    mkdir "$libraries"
+    ln -s "$(pkg-config --variable=pcfiledir libcjson)/libcjson.pc" "$libraries"
+    rm -rf "$builds/bare/CMakeCache.txt"
+    PKG_CONFIG_LIBDIR=$libraries PKG_CONFIG_PATH='' cmake -S . -B "$builds/bare" -G Ninja \
+        -DCMAKE_BUILD_TYPE=Debug -DZNC_SCDOC=OFF -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON >"$said" 2>&1 || {
+        cat "$said"
+        return 1
+    }
+    for line in 'ISA-L' 'zncctl-import is not built' 'manual pages are not built' 'tests are not built'; do
+        [[ $(grep -c "^-- zncontainer: .*$line" "$said") -eq 1 ]] || {
+            printf 'not said once: %s\n' "$line"
+            cat "$said"
+            return 1
+        }
+    done
+    cmake --build "$builds/bare" --target "${targets[@]}"
+}
+
+# copied DIR: the sources, in another place.
+copied() {
+    mkdir -p "$1"
+    tar --create --exclude=./build --exclude='./build-*' --exclude=./.git . | tar --extract --directory "$1"
+}
+
+# The same bytes from another directory, compiled and not taken from the cache.
+same_bytes() {
+    local there=$work/quite/another/directory file name
+    copied "$there" || return
+    release || return
+    CCACHE_DISABLE=1 cmake -S "$there" -B "$there/build/matrix/release" -G Ninja -DZNC_BUILD_TESTS=OFF \
+        -DZNC_BUILD_MAN=OFF -DCMAKE_BUILD_TYPE=Release &&
+        CCACHE_DISABLE=1 cmake --build "$there/build/matrix/release" --target "${targets[@]}" || return
+    for file in lib/libzncontainer.so bin/zncd ${all:+bin/zncctl bin/zncctl-import}; do
+        name=$(basename "$file")
+        cmp "$builds/release/$file" "$there/build/matrix/release/$file" || return
+        not grep -qaF "$source_dir" "$builds/release/$file" || {
+            printf '%s names the directory it was built in\n' "$name"
+            return 1
+        }
+    done
+}
+
+same_packages() {
+    local one=$work/packages/one other=$work/packages/the/other deb
+    local compared=0
+    copied "$one" && copied "$other" || return
+    CCACHE_DISABLE=1 "$one/scripts/package.sh" && CCACHE_DISABLE=1 "$other/scripts/package.sh" || return
+    for deb in "$one"/build/packages/debs/*.deb; do
+        cmp "$deb" "$other/build/packages/debs/$(basename "$deb")" || return
+        compared=$((compared + 1))
+    done
+    [[ $compared -eq 4 ]]
+}
+
+[[ $# -gt 0 ]] || set -- "${rows[@]}"
+checked() { "$@" >"$work/row.log" 2>&1; }
+explain_failure() { tail -n 60 "$work/row.log"; }
+for row in "$@"; do
+    if [[ " ${rows[*]} " != *" $row "* ]]; then
+        printf 'usage: build-matrix.sh [--all] [ROW...], rows: %s\n' "${rows[*]}" >&2
+        exit 64
+    fi
+    check "builds: $row" "$row"
+done
+finish_checks
