@@ -1,12 +1,12 @@
 /*
- * embed.c - a program that is its own container daemon: it serves the requests on a task of its
- * own, runs one container from a bundle and waits for it. No zncd is needed, and none may run. As
- * root:
+ * embed.c - a program with an embedded container daemon: it serves requests on a separate thread,
+ * runs one container from a bundle and waits for it. It replaces zncd, which must not be running.
+ * Run it as root:
  *
  *     cc -o embed embed.c $(pkg-config --cflags --libs zncontainer) -pthread
  *     ./embed BUNDLE
  *
- * Other processes can meanwhile use the daemon, with zncctl for example.
+ * While it runs, other processes can use the daemon, for example with zncctl.
  */
 #include <errno.h>
 #include <mqueue.h>
@@ -30,7 +30,7 @@ static int failed(const char* what)
     return 1;
 }
 
-/* The queue is there a moment after the task was started. */
+/* The daemon thread needs a moment to create its queue. */
 static int wait_for_daemon(void)
 {
     const struct timespec moment = {0, 10000000};
@@ -39,14 +39,14 @@ static int wait_for_daemon(void)
             return 0;
         nanosleep(&moment, NULL);
     }
-    return failed("starting the daemon task");
+    return failed("starting the daemon");
 }
 
 static int run_container(const char* bundle)
 {
     if (zncCreate("embedded", bundle, 0, NULL) != OK)
         return failed("create");
-    /* The program has our streams. This waits for its end and gives its process id. */
+    /* The program inherits our standard streams. This waits for it and returns its process id. */
     int result = zncStart("embedded", 0) == ERROR ? failed("start") : 0;
     if (zncDelete("embedded", ZNC_OPT_WHOLE_NAMESPACE) != OK)
         result = failed("delete");
@@ -64,12 +64,13 @@ int main(int argc, char** argv)
         fprintf(stderr, "embed: a daemon is running already\n");
         return 1;
     }
-    mq_unlink(ZNC_MSG_Q_NAME); /* one that died has left its queue */
+    mq_unlink(ZNC_MSG_Q_NAME); /* a daemon that died leaves its queue behind */
     if (pthread_create(&task, NULL, serve, NULL) != 0)
-        return failed("making a task");
+        return failed("creating a thread");
     const int result = wait_for_daemon() != 0 ? 1 : run_container(argv[1]);
 
-    /* The daemon task, and whatever it still has, ends with the process. Its queue does not. */
+    /* The daemon thread and its remaining containers end with the process, but the queue does not.
+     */
     mq_unlink(ZNC_MSG_Q_NAME);
     return result;
 }

@@ -1,6 +1,6 @@
-// embed.cpp - a program with a container daemon in it: it serves any client until SIGTERM or
-// SIGINT, then ends all containers. It does what zncd does in few lines, without clearing away
-// what a daemon that was killed has left. As root:
+// embed.cpp - a program with an embedded container daemon: it serves clients until SIGTERM or
+// SIGINT, then ends all containers. It is a minimal zncd, without the cleanup after a daemon that
+// was killed. Run it as root:
 //
 //     c++ -std=c++17 -o embed embed.cpp $(pkg-config --cflags --libs zncontainer) -pthread
 //     ./embed & zncctl list
@@ -14,13 +14,13 @@
 
 namespace {
 
-// Owns the daemon task and the name of its queue. There is one per machine.
+// Owns the daemon thread and the name of its queue. Only one daemon can run per machine.
 class Daemon {
   public:
     Daemon()
     {
-        mq_unlink(ZNC_MSG_Q_NAME); // one that died has left its queue
-        // The task ends with the process: nothing stops it in the middle of a request before.
+        mq_unlink(ZNC_MSG_Q_NAME); // a daemon that died leaves its queue behind
+        // The thread ends with the process; nothing stops it in the middle of a request before.
         std::thread([] { zncDaemonTask(); }).detach();
     }
     Daemon(const Daemon&) = delete;
@@ -35,7 +35,7 @@ class Daemon {
         return zncDaemonIsAlive() != FALSE;
     }
 
-    // By requests, like any client: a running container is known to the daemon task alone.
+    // Sends requests, like any client: only the daemon thread can access running containers.
     bool end_all() const
     {
         bool all = true;
@@ -50,7 +50,7 @@ class Daemon {
 
 int main()
 {
-    // Before any other thread is there, so that all of them leave the signals to sigwait.
+    // Block the signals before any other thread is created, so that only sigwait receives them.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
@@ -63,7 +63,7 @@ int main()
     }
     const Daemon daemon;
     if (!daemon.answers()) {
-        std::fputs("embed: the daemon task does not answer\n", stderr);
+        std::fputs("embed: the daemon does not answer\n", stderr);
         return 1;
     }
     std::puts("serving");

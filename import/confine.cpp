@@ -47,12 +47,12 @@ void close_others(std::span<const int> kept)
         fail("descriptors");
 }
 
-// Nothing may be opened by name but for reading below that directory. A kernel without Landlock, or
-// one that was started without it, says so and is taken as it is.
+// Restricts file access to opening files for reading below `source_dir`. If the kernel does not
+// support Landlock, or it is disabled at boot, this does nothing.
 void forbid_files(int source_dir)
 {
     constexpr std::uint64_t kAll =
-        (LANDLOCK_ACCESS_FS_MAKE_SYM << 1U) - 1; // those of the first version
+        (LANDLOCK_ACCESS_FS_MAKE_SYM << 1U) - 1; // all access rights of Landlock ABI 1
     const landlock_ruleset_attr all = {.handled_access_fs = kAll};
     const znc::UniqueFd rules(static_cast<int>(
         ::syscall(SYS_landlock_create_ruleset, &all, sizeof all.handled_access_fs, 0)));
@@ -73,7 +73,7 @@ void forbid_files(int source_dir)
         fail("Landlock");
 }
 
-// An empty directory that is gone already.
+// Creates an empty directory, removes it, and returns its descriptor.
 znc::UniqueFd no_directory()
 {
     std::array<char, 32> path = {"/tmp/zncctl-import.XXXXXX"};
@@ -92,7 +92,8 @@ void leave_files_behind(int source_dir)
         fail("the root directory");
 }
 
-// False in a user namespace that has no nobody: who is root in it is an ordinary user outside.
+// Returns false in a user namespace that does not map nobody: there, root is an unprivileged user
+// of the host anyway.
 bool change_user()
 {
     const bool no_groups = ::setgroups(0, nullptr) == 0;
@@ -109,7 +110,8 @@ bool change_user()
     return true;
 }
 
-// Not CAP_DAC_READ_SEARCH, which also opens files by handle, whatever the root directory is.
+// The process may keep CAP_DAC_OVERRIDE but not CAP_DAC_READ_SEARCH: the latter also permits
+// open_by_handle_at(), which ignores the root directory.
 void become_nobody(bool reads_everything)
 {
     if (reads_everything && ::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0)
@@ -140,7 +142,7 @@ void confine(std::span<const int> kept, int source_dir)
         become_nobody(source_dir >= 0);
     }
     forbid_files(source_dir);
-    // A change of user takes these two back.
+    // A change of user resets both of these settings.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0 ||
         ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0)
         fail("its process");

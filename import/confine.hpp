@@ -1,5 +1,5 @@
-// confine.hpp - takes from the process that reads a stranger's image whatever it does not need.
-// Used by import.cpp, in the worker process, before the first byte is read.
+// confine.hpp - drops every privilege that the process which reads an untrusted image does not
+// need. Used by import.cpp, in the worker process, before the first byte is read.
 #ifndef ZNCIMPORT_CONFINE_HPP
 #define ZNCIMPORT_CONFINE_HPP
 
@@ -7,12 +7,13 @@
 
 namespace zncimport {
 
-// Keeps the standard streams and these descriptors and closes all others. From then on the process
-// sees no files but those below `source_dir` (-1: none at all), writes to none by name, gains no
-// rights by executing, leaves no core and ends with its parent. Root becomes nobody; where a
-// directory is to be read it may still pass over permissions there. Throws Failure.
+// Keeps the standard streams and the descriptors `kept`, and closes all others. Afterwards the
+// process can open only files below `source_dir` (-1: none at all), and only for reading; it cannot
+// gain privileges by execve(), writes no core dump, and is killed when its parent ends. Root
+// becomes nobody; if a directory is to be read, it keeps the capability to bypass file permissions.
+// Throws Failure.
 //
-// Without root the kernel's own means are used where it has them (Landlock).
+// Without root, Landlock is used where the kernel supports it.
 void confine(std::span<const int> kept, int source_dir);
 
 } // namespace zncimport

@@ -9,7 +9,7 @@
 namespace zncimport {
 namespace {
 
-// The members of a layer, once every byte of it was found to be what the image says.
+// Returns the members of a layer after verifying its size and digests.
 std::vector<Entry> read_verified(Source& source, const Layer& layer, Spool& spool, Budget& budget)
 {
     const ReaderPtr stored = source.open(layer);
@@ -21,17 +21,17 @@ std::vector<Entry> read_verified(Source& source, const Layer& layer, Spool& spoo
     diff.drain();
     blob.drain();
     if (layer.size >= 0 && blob.count() != static_cast<std::uint64_t>(layer.size))
-        throw Failure(layer.name, "the blob is not as long as the manifest says");
+        throw Failure(layer.name, "the blob does not have the size given in the manifest");
     if (!layer.digest.empty() && blob.digest() != layer.digest)
-        throw Failure(layer.name, "the blob is not what its digest says");
+        throw Failure(layer.name, "the blob does not match its digest");
     if (!layer.diff_id.empty() && diff.digest() != layer.diff_id)
-        throw Failure(layer.name, "the archive is not what the image's configuration says");
+        throw Failure(layer.name, "the archive does not match the image's configuration");
     return entries;
 }
 
 struct Merged {
     Tree tree;
-    std::size_t kept = 0; // so many layers from the bottom can stand for themselves
+    std::size_t kept = 0; // number of lowest layers that can be kept as layers of their own
     std::size_t layers = 0;
 };
 
@@ -50,8 +50,8 @@ Merged merge(const Options& options, Source& source, const SourceImage& image,
     return merged;
 }
 
-// Writes one layer: its archive through the digest of the plain bytes into the compressor, and from
-// there through the digest of the blob into the file.
+// Writes one layer. The archive is hashed (diff ID) and compressed, then hashed again (blob digest)
+// and written to the file.
 NewLayer write_layer(const Tree& tree, const Spool& spool, LayerRange range, Compressor compressor,
                      int file)
 {
@@ -95,8 +95,9 @@ std::vector<NewLayer> write_layers(const Merged& merged, const Options& options,
     return layers;
 }
 
-// The part of a name behind its last ":", if that is no port: "registry:5000/app:1" is tagged "1".
-// "" for what is none: a stranger wrote it, and it becomes a word of a command.
+// Returns the tag of an image name, the part after the last ":" unless that is a port:
+// "registry:5000/app:1" has the tag "1". Returns "" for an invalid tag: the name is untrusted and
+// is used as a command line argument.
 std::string tag_of(const SourceImage& image)
 {
     constexpr std::size_t kLongest = 128;

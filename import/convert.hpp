@@ -1,5 +1,5 @@
-// convert.hpp - an image read, merged and written as new layers: all that happens in the process
-// that reads strangers' archives. Used by import.cpp.
+// convert.hpp - reads an image, merges its layers and writes new ones: all the work of the process
+// that reads untrusted archives. Used by import.cpp.
 #ifndef ZNCIMPORT_CONVERT_HPP
 #define ZNCIMPORT_CONVERT_HPP
 
@@ -10,12 +10,12 @@
 
 namespace zncimport {
 
-// How many layers --split makes at most; the rest of the image is one more.
+// The maximum number of layers that --split keeps; the rest of the image becomes one more layer.
 constexpr std::size_t kSplitMax = 63;
 
-// `files` get the new layers, one each: one is enough without --split, kSplitMax + 1 with it.
-// Without any the layers are made and dropped. `spool` is borrowed. Throws Failure; then the files
-// hold anything.
+// Writes each new layer to one of `files`: one file suffices without --split, kSplitMax + 1 are
+// needed with it. If `files` is empty the layers are generated and discarded. `spool` is borrowed.
+// Throws Failure; the contents of the files are then undefined.
 Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool,
                 std::span<const int> files);
 

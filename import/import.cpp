@@ -32,7 +32,7 @@ struct Pipe {
     }
 };
 
-// What the reading process writes to, and reads from.
+// The descriptors that the worker process reads from and writes to.
 struct Work {
     const Options& options;
     OpenedSource source;
@@ -65,7 +65,8 @@ std::string worked(Work& work, int answer)
 
 std::string read_answer(int fd)
 {
-    constexpr std::size_t kMost = std::size_t{2} << 30U; // a report can be long
+    // limit for the worker's answer, which may contain a long report
+    constexpr std::size_t kMost = std::size_t{2} << 30U;
     std::string answer;
     std::array<char, 65536> part{};
     while (answer.size() < kMost) {
@@ -78,7 +79,7 @@ std::string read_answer(int fd)
     return answer;
 }
 
-// The work in a process of its own, waited for.
+// Runs the conversion in a worker process and waits for it.
 Outcome work_apart(Work& work)
 {
     Pipe answer = Pipe::make();
@@ -92,12 +93,12 @@ Outcome work_apart(Work& work)
     }
     answer.write.reset();
     const std::string text = read_answer(answer.read.get());
-    answer.read.reset(); // one that still has something to say must not wait for a reader
+    answer.read.reset(); // the writes of a worker that has more to say fail instead of blocking
     int status = 0;
     while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {
     }
     if (WIFSIGNALED(status))
-        throw Failure("", fmt::format("the process that read the image was ended by signal {}",
+        throw Failure("", fmt::format("the process reading the image was killed by signal {}",
                                       WTERMSIG(status)));
     return read_outcome(text);
 }
@@ -107,7 +108,7 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
 {
     layout.check_tag(tag, outcome.os, outcome.arch, options.replace);
     if (outcome.layers.size() > work.blobs.size())
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     for (std::size_t i = 0; i < outcome.layers.size(); i++)
         layout.keep(work.blobs[i], outcome.layers[i].digest);
     static_cast<void>(layout.add_blob(outcome.config));
@@ -115,7 +116,7 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
                          outcome.os, outcome.arch, outcome.variant});
 }
 
-// By what its documents say; its blobs are not read.
+// Judges by the image's documents only; its blobs are not read.
 bool may_be_unpacked(const zncctl::Image& image)
 {
     constexpr std::string_view kConfig = "application/vnd.oci.image.config.v1+json";
@@ -127,7 +128,7 @@ bool may_be_unpacked(const zncctl::Image& image)
                        });
 }
 
-// One image that the library refuses keeps it from reading any other of its layout.
+// If the library refuses one image, it refuses every image of the layout: warn about such images.
 void warn_of_neighbours(const std::string& layout)
 {
     std::string problem;
@@ -135,12 +136,12 @@ void warn_of_neighbours(const std::string& layout)
     if (images && std::all_of(images->begin(), images->end(), may_be_unpacked))
         return;
     zncctl::print_hint(fmt::format(
-        "the layout also holds an image that cannot be unpacked, and while it does no image of it "
-        "can; 'zncctl image check {}' tells which; a layout of its own avoids that",
+        "the layout also contains an image that cannot be unpacked, and therefore none of its "
+        "images can; run 'zncctl image check {}' to find it, or import into another layout",
         layout));
 }
 
-// Standard error gets what was lost even when that ends the import.
+// The summary of losses is printed even if the losses make the import fail.
 void tell(const Options& options, const Outcome& outcome)
 {
     if (!outcome.summary.empty())
@@ -164,7 +165,7 @@ int import_image(const Options& options)
     const Outcome outcome = work_apart(work);
     tell(options, outcome);
     if (options.strict && outcome.losses != 0)
-        throw Failure("", "something would be lost, and --strict forbids it");
+        throw Failure("", "the import would lose data, which --strict forbids");
     if (layout) {
         const std::string own = outcome.tag.empty() ? zncctl::kDefaultTag : outcome.tag;
         put(*layout, options, work, outcome, options.tag.empty() ? own : options.tag);

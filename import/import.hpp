@@ -1,5 +1,6 @@
-// import.hpp - the whole of an import: a process of few rights reads the image and writes new
-// layers into files it was given; the caller's puts them into the layout. Used by main.cpp.
+// import.hpp - a complete import: an unprivileged worker process reads the image and writes new
+// layers into files that it is given; the calling process adds them to the layout. Used by
+// main.cpp.
 #ifndef ZNCIMPORT_IMPORT_HPP
 #define ZNCIMPORT_IMPORT_HPP
 
@@ -7,7 +8,7 @@
 
 namespace zncimport {
 
-// The exit status. Throws Failure; the layout is then as it was.
+// Returns the exit status. Throws Failure; the layout is then unchanged.
 int import_image(const Options& options);
 
 } // namespace zncimport

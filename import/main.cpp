@@ -1,4 +1,4 @@
-// zncctl-import - executed by `zncctl import`, with the words behind that command's name.
+// zncctl-import - executed by `zncctl import` with the arguments that follow the command's name.
 #include "front/import_command.hpp"
 #include "front/parse.hpp"
 #include "front/usage.hpp"
@@ -9,7 +9,7 @@
 
 namespace {
 
-// `problem` empty: it was told already.
+// If `problem` is empty, an error has been printed already.
 int bad_usage(const zncctl::Command& command, std::string_view problem)
 {
     if (!problem.empty())
@@ -39,7 +39,8 @@ int run(std::span<char* const> words)
 
 int main(int argc, char** argv)
 {
-    // Names in archives are UTF-8, or bytes that are passed on as they are.
+    // libarchive needs a UTF-8 locale to return names as UTF-8. Names that are not valid UTF-8 are
+    // passed on byte by byte.
     std::setlocale(LC_CTYPE, "C.UTF-8"); // NOLINT: there is one thread yet
     try {
         return run(

@@ -44,7 +44,7 @@ void read_limits(const zncctl::Arguments& args, Limits& limits)
         limits.hardlink_bytes = number_of<std::uint64_t>(text, "max-hardlink-bytes");
 }
 
-// The choice that a word means; the first one without the option.
+// Returns the choice that the option's value selects; without the option, the first one.
 template <class Choice, std::size_t N>
 Choice choice(const zncctl::Arguments& args, const char* option,
               const std::pair<std::string_view, Choice> (&choices)[N])
@@ -81,7 +81,7 @@ Compressor read_compressor(const zncctl::Arguments& args)
     if (has_compressor(compressor))
         return compressor;
     if (args.has("compress"))
-        usage("this program was built without ISA-L; --compress is \"zlib\"");
+        usage("this program was built without ISA-L; use --compress=zlib");
     return Compressor::kZlib;
 }
 

@@ -1,5 +1,5 @@
-// options.hpp - what the user asked of an import, from the checked words of the command. Used by
-// main.cpp and import.cpp.
+// options.hpp - the options of an import, from the parsed command line. Used by main.cpp and
+// import.cpp.
 #ifndef ZNCIMPORT_OPTIONS_HPP
 #define ZNCIMPORT_OPTIONS_HPP
 
@@ -14,20 +14,20 @@ struct Options {
     SourceName source;
     Wanted wanted;
     std::string layout;
-    std::string tag; // "": the source image's own, or the default
+    std::string tag; // "": the tag of the source image, or the default
     bool replace = false;
     bool split = false;
     bool strict = false;
     bool dry_run = false;
     bool quiet = false;
-    std::string report; // a file, "" for none
+    std::string report; // path of a file, "" for none
     Compressor compressor = Compressor::kIsal;
     EmitOptions emit;
     ConfigOptions config;
     Limits limits;
 };
 
-// Throws Failure (usage) for values that are none.
+// Throws Failure (usage) for invalid values.
 Options read_options(const zncctl::Arguments& args);
 
 } // namespace zncimport

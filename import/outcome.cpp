@@ -14,7 +14,7 @@ using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
 
-// Layers and documents are named by this algorithm alone.
+// The digests of new layers and documents are always SHA-256.
 bool is_sha256(const std::string& text)
 {
     return znc::is_digest(text) && text.starts_with("sha256:");
@@ -24,7 +24,7 @@ std::uint64_t number_of(const Json& object, const char* key)
 {
     const std::int64_t number = zncctl::integer(member(object, key)).value_or(-1);
     if (number < 0)
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return static_cast<std::uint64_t>(number);
 }
 
@@ -33,7 +33,7 @@ NewLayer layer_of(const Json& object)
     NewLayer layer = {text_of(object, "digest"), text_of(object, "diff_id"),
                       number_of(object, "size")};
     if (!is_sha256(layer.digest) || !is_sha256(layer.diff_id))
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return layer;
 }
 
@@ -85,7 +85,7 @@ Outcome read_outcome(const std::string& text)
     outcome.summary = text_of(document, "summary");
     outcome.report = text_of(document, "report");
     if (outcome.layers.empty() || outcome.config.empty() || outcome.manifest.empty())
-        throw Failure("", "the process that read the image gave no usable answer");
+        throw Failure("", "the process reading the image returned an invalid result");
     return outcome;
 }
 

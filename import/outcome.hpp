@@ -1,5 +1,5 @@
-// outcome.hpp - what the process that reads the image tells the one that writes the layout: one
-// JSON document through a pipe, an image or an error. Used by import.cpp.
+// outcome.hpp - the result that the worker process sends to the process which writes the layout:
+// one JSON document through a pipe, with the new image or an error. Used by import.cpp.
 #ifndef ZNCIMPORT_OUTCOME_HPP
 #define ZNCIMPORT_OUTCOME_HPP
 
@@ -8,23 +8,23 @@
 namespace zncimport {
 
 struct Outcome {
-    std::vector<NewLayer> layers; // in the order of the files that were given for them
-    std::string config;           // documents as they are to be written
+    std::vector<NewLayer> layers; // in the order of the files given to the worker
+    std::string config;           // the document, exactly as it is to be written
     std::string manifest;
-    std::string tag; // the source's own name for the image, "" for none
+    std::string tag; // the tag of the source image, "" for none
     std::string os;
     std::string arch;
     std::string variant;
     std::uint64_t losses = 0;
-    std::string summary; // of losses and changes, a line, or ""
+    std::string summary; // one line about losses and changes, or ""
     std::string report;  // the document of --report
 };
 
 std::string write_outcome(const Outcome& outcome);
 std::string write_failure(const Failure& failure);
 
-// What one of the two wrote; a failure is thrown. Nothing of it is trusted: digests and numbers
-// that are none are a Failure.
+// Parses what the worker wrote; if that is an error, throws it. The text is not trusted: invalid
+// digests and numbers throw Failure.
 Outcome read_outcome(const std::string& text);
 
 } // namespace zncimport

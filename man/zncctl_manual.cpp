@@ -1,10 +1,10 @@
-// zncctl_manual.cpp - makes the scdoc source of a page about zncctl: what the table of commands
-// knows (name, synopsis, options) and, from standard input, what it does not.
+// zncctl_manual.cpp - generates the scdoc source of a manual page of zncctl: name, synopsis and
+// options from the table of commands, the rest from standard input.
 //
 // usage: zncctl_manual PAGE <TEXT >SOURCE
 //
-// PAGE is "zncctl" or "zncctl-" and a command with dashes between its words. In TEXT the lines
-// "@OPTIONS@" and "@COMMANDS@" stand for the lists of options and of commands.
+// PAGE is "zncctl", or "zncctl-" and the words of a command joined by dashes. The lines "@OPTIONS@"
+// and "@COMMANDS@" of TEXT are replaced by the lists of options and of commands.
 #include "cli/commands/commands.hpp"
 #include "front/usage.hpp"
 

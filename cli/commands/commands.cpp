@@ -7,40 +7,41 @@ namespace zncctl {
 namespace {
 
 // Options that several commands share.
-constexpr Option kQuiet = {'q', "quiet", nullptr, "print no result lines"};
+constexpr Option kQuiet = {'q', "quiet", nullptr, "do not print the results"};
 constexpr Option kFormat = {'f',           "format",    "FORMAT", "\"table\" (default) or \"json\"",
                             Word::kChoice, "table json"};
-constexpr Option kBundle = {'b', "bundle", "BUNDLE", "the bundle directory (default: this one)",
-                            Word::kDirectory};
-constexpr Option kTag = {'t', "tag", "TAG", "the image's name in the layout (default: latest)"};
-constexpr Option kOs = {0, "os", "OS", "its operating system (default: zarnel)"};
-constexpr Option kArch = {0, "arch", "ARCH", "its architecture (default: amd64)"};
-constexpr Option kProgress = {0,
-                              "progress",
-                              "HOW",
-                              "how unpacking reports: \"auto\", \"plain\", \"json\" or \"none\"",
-                              Word::kChoice,
-                              "auto plain json none"};
+constexpr Option kBundle = {'b', "bundle", "BUNDLE",
+                            "bundle directory (default: the working directory)", Word::kDirectory};
+constexpr Option kTag = {'t', "tag", "TAG", "name of the image in the layout (default: latest)"};
+constexpr Option kOs = {0, "os", "OS", "operating system of the image (default: zarnel)"};
+constexpr Option kArch = {0, "arch", "ARCH", "architecture of the image (default: amd64)"};
+constexpr Option kProgress = {
+    0,
+    "progress",
+    "HOW",
+    "how to show progress: \"auto\" (default), \"plain\", \"json\" or \"none\"",
+    Word::kChoice,
+    "auto plain json none"};
 constexpr Option kImageMounts = {0, "allow-image-mounts", nullptr,
-                                 "keep mounts of the host's directories that the image asks for"};
+                                 "keep the mounts of host directories that the image requests"};
 constexpr Option kLogMax = {0, "log-max", "BYTES",
-                            "size at which the log is rotated once (default: 1048576)"};
-constexpr Option kSeconds = {0, "timeout", "SECONDS", "how long to wait (default: for ever)"};
+                            "rotate the log at this size, keeping one old log (default: 1048576)"};
+constexpr Option kSeconds = {0, "timeout", "SECONDS", "how long to wait (default: no limit)"};
 
 constexpr Option kAttachOptions[] = {
-    {0, "no-signals", nullptr, "pass no signals on to the program"},
+    {0, "no-signals", nullptr, "do not forward signals to the program"},
 };
 constexpr Option kCreateOptions[] = {kBundle};
 constexpr Option kStartOptions[] = {
-    {'a', "attach", nullptr, "stay, and end as the program does"},
-    {'d', "detach", nullptr, "return once the program runs (default)"},
+    {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},
+    {'d', "detach", nullptr, "return as soon as the program runs (default)"},
     kLogMax,
 };
 constexpr Option kRunOptions[] = {
-    {'d', "detach", nullptr, "print the id and return once the program runs; implies --keep"},
-    {'t', "tty", nullptr, "give the program a terminal of its own"},
-    {0, "keep", nullptr, "do not delete the container afterwards"},
-    {'b', "bundle", "BUNDLE", "run this bundle, not an image", Word::kDirectory},
+    {'d', "detach", nullptr, "print the id and return as soon as the program runs; implies --keep"},
+    {'t', "tty", nullptr, "allocate a terminal for the program"},
+    {0, "keep", nullptr, "do not delete the container when its program has ended"},
+    {'b', "bundle", "BUNDLE", "run this bundle instead of an image", Word::kDirectory},
     kOs,
     kArch,
     kImageMounts,
@@ -48,44 +49,46 @@ constexpr Option kRunOptions[] = {
     kLogMax,
 };
 constexpr Option kLogsOptions[] = {
-    {'f', "follow", nullptr, "go on until the program has ended"},
-    {'n', "tail", "N", "only the last N lines"},
+    {'f', "follow", nullptr, "follow the log until the program has ended"},
+    {'n', "tail", "N", "print only the last N lines"},
 };
 constexpr Option kWaitOptions[] = {kSeconds};
 constexpr Option kKillOptions[] = {
-    {'s', "signal", "SIG", "the signal, by name or number (default: TERM)", Word::kSignal},
-    {'a', "all", nullptr, "signal every process of the container"},
+    {'s', "signal", "SIG", "name or number of the signal (default: TERM)", Word::kSignal},
+    {'a', "all", nullptr, "signal all processes of the container"},
     kQuiet,
 };
 constexpr Option kStopOptions[] = {
-    {'t', "time", "SECONDS", "how long to wait before the signal KILL (default: 10)"},
+    {'t', "time", "SECONDS", "how long to wait before sending KILL (default: 10)"},
     kQuiet,
 };
 constexpr Option kDeleteOptions[] = {
-    {'f', "force", nullptr, "also when it runs: its processes are killed"},
+    {'f', "force", nullptr, "delete a running container too: kill its processes"},
     {0, "all-stopped", nullptr, "delete every stopped container"},
     kQuiet,
 };
 constexpr Option kListOptions[] = {
-    {'q', "quiet", nullptr, "ids only"},
+    {'q', "quiet", nullptr, "print only the ids"},
     kFormat,
-    {0, "status", "STATUS", "only containers of this status", Word::kChoice,
+    {0, "status", "STATUS", "list only containers with this status", Word::kChoice,
      "created running stopped"},
-    {0, "bundle", "BUNDLE", "only containers of this bundle", Word::kDirectory},
-    {0, "no-trunc", nullptr, "cut nothing to the width of the terminal"},
+    {0, "bundle", "BUNDLE", "list only containers made from this bundle", Word::kDirectory},
+    {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
 };
 constexpr Option kTopOptions[] = {kFormat};
 constexpr Option kUnpackOptions[] = {
     kTag,         kOs,
-    kArch,        {0, "flatten", nullptr, "one merged tree instead of shared layers"},
+    kArch,        {0, "flatten", nullptr, "merge the layers into one tree instead of sharing them"},
     kImageMounts, kProgress};
-constexpr Option kImageLsOptions[] = {{'q', "quiet", nullptr, "tags only"}, kFormat};
-constexpr Option kImageCheckOptions[] = {{'q', "quiet", nullptr, "exit status only"}, kFormat};
+constexpr Option kImageLsOptions[] = {{'q', "quiet", nullptr, "print only the tags"}, kFormat};
+constexpr Option kImageCheckOptions[] = {
+    {'q', "quiet", nullptr, "print nothing; report by the exit status only"}, kFormat};
 constexpr Option kSpecOptions[] = {
-    {0, "image", "LAYOUT[:TAG]", "take over what the image says", Word::kDirectory},
+    {0, "image", "LAYOUT[:TAG]", "start from the configuration of this image", Word::kDirectory},
     kOs,
     kArch,
-    {'b', "bundle", "BUNDLE", "write config.json there instead of printing it", Word::kDirectory},
+    {'b', "bundle", "BUNDLE", "write config.json into this directory instead of printing it",
+     Word::kDirectory},
 };
 constexpr Option kCheckOptions[] = {kFormat};
 constexpr Option kDfOptions[] = {kFormat};
@@ -104,55 +107,57 @@ constexpr Command kCommands[] = {
     {"create", "", "ID [BUNDLE]", "create a container from a bundle", kCreateOptions, 1, 2, kDir,
      "", cmd_create},
     {"start", "", "ID...", "start created containers", kStartOptions, 1, kMany, kId, "", cmd_start},
-    {"run", "", "[LAYOUT[:TAG]] [ID]", "create and start a container; delete it when it has ended",
-     kRunOptions, 0, 2, kDir, "", cmd_run},
-    {"attach", "", "ID", "follow a detached container and end as its program does", kAttachOptions,
-     1, 1, kId, "", cmd_attach},
-    {"logs", "", "ID", "print what a detached container has printed", kLogsOptions, 1, 1, kId, "",
+    {"run", "", "[LAYOUT[:TAG]] [ID]",
+     "create and start a container, and delete it when it has ended", kRunOptions, 0, 2, kDir, "",
+     cmd_run},
+    {"attach", "", "ID", "follow a detached container and exit with its program's status",
+     kAttachOptions, 1, 1, kId, "", cmd_attach},
+    {"logs", "", "ID", "print the output of a detached container", kLogsOptions, 1, 1, kId, "",
      cmd_logs},
     {"wait", "", "ID...", "wait for programs to end and print their exit codes", kWaitOptions, 1,
      kMany, kId, "", cmd_wait},
-    {"kill", "", "ID...", "send a signal to the containers' processes", kKillOptions, 1, kMany, kId,
-     "", cmd_kill},
-    {"stop", "", "ID...", "end containers: signal TERM, and KILL when that is not enough",
-     kStopOptions, 1, kMany, kId, "", cmd_stop},
+    {"kill", "", "ID...", "send a signal to the processes of containers", kKillOptions, 1, kMany,
+     kId, "", cmd_kill},
+    {"stop", "", "ID...", "stop containers: send TERM, then KILL after a timeout", kStopOptions, 1,
+     kMany, kId, "", cmd_stop},
     {"delete", "rm", "[ID...]", "delete containers", kDeleteOptions, 0, kMany, kId, "", cmd_delete},
     {"state", "", "ID", "print the state of a container", {}, 1, 1, kId, "", cmd_state},
     {"list", "ps ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
-    {"inspect", "", "ID", "print all about a container", {}, 1, 1, kId, "", cmd_inspect},
+    {"inspect", "", "ID", "print all details of a container", {}, 1, 1, kId, "", cmd_inspect},
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
-    {"unpack", "", "LAYOUT BUNDLE", "make a bundle from an image", kUnpackOptions, 2, 2, kDir, "",
+    {"unpack", "", "LAYOUT BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kDir, "",
      cmd_unpack},
     import_command(cmd_import),
     {"image inspect",
      "",
      "LAYOUT",
-     "print all about the images of a layout",
+     "print all details of the images in a layout",
      {},
      1,
      1,
      kDir,
      "",
      cmd_image_inspect},
-    {"image ls", "", "LAYOUT", "list the images of a layout", kImageLsOptions, 1, 1, kDir, "",
+    {"image ls", "", "LAYOUT", "list the images in a layout", kImageLsOptions, 1, 1, kDir, "",
      cmd_image_ls},
-    {"image check", "", "LAYOUT", "tell whether the images of a layout can be unpacked",
+    {"image check", "", "LAYOUT", "check whether the images in a layout can be unpacked",
      kImageCheckOptions, 1, 1, kDir, "", cmd_image_check},
-    {"spec", "", "", "print a config.json to start from", kSpecOptions, 0, 0, kNone, "", cmd_spec},
-    {"config check", "", "BUNDLE", "tell what of a bundle's config.json is refused or ignored",
+    {"spec", "", "", "print a template config.json", kSpecOptions, 0, 0, kNone, "", cmd_spec},
+    {"config check", "", "BUNDLE", "report what in a bundle's config.json is refused or ignored",
      kCheckOptions, 1, 1, kDir, "", cmd_config_check},
-    {"storage df", "", "", "tell what layers, trees and overlay devices use", kDfOptions, 0, 0,
-     kNone, "", cmd_storage_df},
-    {"storage gc", "", "[BUNDLE...]", "remove what no bundle and no container needs", kGcOptions, 0,
-     kMany, kDir, "", cmd_storage_gc},
-    {"ping", "", "", "ask whether the daemon answers", {}, 0, 0, kNone, "", cmd_ping},
+    {"storage df", "", "", "report the disk usage of layers, trees and overlay devices", kDfOptions,
+     0, 0, kNone, "", cmd_storage_df},
+    {"storage gc", "", "[BUNDLE...]", "remove stored data that no bundle and no container needs",
+     kGcOptions, 0, kMany, kDir, "", cmd_storage_gc},
+    {"ping", "", "", "check whether the daemon answers", {}, 0, 0, kNone, "", cmd_ping},
     {"version", "", "", "print the versions of client, daemon and protocol", kVersionOptions, 0, 0,
      kNone, "", cmd_version},
-    {"info", "", "", "print what the system offers", kInfoOptions, 0, 0, kNone, "", cmd_info},
+    {"info", "", "", "print information about the daemon and the system", kInfoOptions, 0, 0, kNone,
+     "", cmd_info},
     {"completion",
      "",
      "SHELL",
-     "print the completions for a shell",
+     "print the completion script for a shell",
      {},
      1,
      1,
@@ -161,7 +166,7 @@ constexpr Command kCommands[] = {
      cmd_completion},
 };
 
-// How many of the words typed are the command's name; 0 if they are not.
+// Returns how many of the leading words form the command `name`; 0 if they do not match it.
 std::size_t words_matched(std::string_view name, std::span<char* const> words)
 {
     const std::vector<std::string> parts = split_words(name);

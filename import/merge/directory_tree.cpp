@@ -62,7 +62,8 @@ class TreeReader {
     Budget& budget_;
     std::vector<std::byte> part_;
     std::vector<Entry> entries_;
-    std::map<std::pair<dev_t, ino_t>, std::string> linked_; // first names of files with several
+    // the first path of each file that has several links
+    std::map<std::pair<dev_t, ino_t>, std::string> linked_;
 };
 
 std::vector<std::string> names_in(int directory, const std::string& path)
@@ -71,7 +72,7 @@ std::vector<std::string> names_in(int directory, const std::string& path)
     const znc::UniqueDir stream(own ? ::fdopendir(own.get()) : nullptr);
     if (stream == nullptr)
         throw Failure(path, zncctl::error_text());
-    static_cast<void>(own.release()); // the stream's now
+    static_cast<void>(own.release()); // the DIR stream owns it now
     std::vector<std::string> names;
     errno = 0;
     while (const dirent* entry = ::readdir(stream.get())) {

@@ -7,9 +7,9 @@
 
 namespace zncimport {
 
-// Everything below it, in byte order, names with the same inode as hard links; sockets are passed
-// over. No link is followed, and a directory that is another one when it is opened ends it. `fd` is
-// borrowed.
+// Returns everything below the directory `fd` (borrowed) in byte order. Names with the same inode
+// become hard links; sockets are skipped. Symbolic links are not followed. Throws Failure if a
+// directory is replaced by another one before it is opened.
 std::vector<Entry> read_directory(int fd, Spool& spool, Budget& budget);
 
 } // namespace zncimport

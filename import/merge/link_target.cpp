@@ -8,7 +8,8 @@
 namespace zncimport {
 namespace {
 
-// The kernel gives up after 40 links; some are left for those on the way.
+// The maximum number of intermediate links. The kernel follows at most 40 links per lookup; the
+// difference is left for links in the directories on the way.
 constexpr std::size_t kMaxSteps = 32;
 
 const Node* directory_in(const Node& above, const std::string& name)
@@ -18,7 +19,7 @@ const Node* directory_in(const Node& above, const std::string& name)
     return found ? child->second.get() : nullptr;
 }
 
-// The root and the real directories that the path begins with.
+// Returns the root and the leading components of the path that are real directories.
 std::vector<const Node*> directories_to(const Node& root, std::span<const std::string> path)
 {
     std::vector<const Node*> result = {&root};
@@ -54,7 +55,7 @@ LinkTarget::LinkTarget(const Node& root, std::vector<std::string> directory,
     const bool to_directory = target.ends_with('/') || target.ends_with("/.");
     if (!target.starts_with('/'))
         path_ = directory_;
-    // The real directories on the way, the root first, until it leaves them.
+    // The real directories at the start of the path, beginning with the root.
     std::vector<const Node*> real = directories_to(root, path_);
     bool left = real.size() <= path_.size();
     while (!target.empty()) {
@@ -83,7 +84,7 @@ LinkTarget::LinkTarget(const Node& root, std::vector<std::string> directory,
 std::string LinkTarget::shortest() const
 {
     std::string absolute = "/" + Tree::join(path_);
-    // ".." in what is behind the real directories must not be taken for one of the way there.
+    // A ".." after the last real directory must not cancel one of the real directories.
     const std::span<const std::string> path(path_);
     std::string relative = relative_target(directory_, path.first(real_));
     if (real_ < path.size())
@@ -95,11 +96,11 @@ std::string LinkHops::target_of(const LinkTarget& target, const std::string& pat
                                 std::size_t layer)
 {
     if (!allowed_)
-        throw Failure(path, fmt::format("is a symbolic link to a name longer than {} bytes; "
-                                        "--long-links=hop leads there in steps",
+        throw Failure(path, fmt::format("is a symbolic link to a name longer than {} bytes; use "
+                                        "--long-links=hop to split it into several links",
                                         kTargetMax));
     const std::span<const std::string> names(target.path());
-    std::string at; // the step that was reached, "" for the root
+    std::string at; // the intermediate link reached so far, "" for the root
     std::size_t done = 0;
     for (std::size_t steps = 0; steps < kMaxSteps; ++steps) {
         std::string way = at.empty() ? ".." : at;

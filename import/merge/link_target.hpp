@@ -1,5 +1,5 @@
-// link_target.hpp - targets of symbolic links that are too long for the format, said in other words
-// that lead to the same place, or in several steps. Used by prepare.
+// link_target.hpp - replaces targets of symbolic links that are too long for the format by shorter
+// equivalent targets, or by a chain of links. Used by prepare.
 #ifndef ZNC_IMPORT_MERGE_LINK_TARGET_HPP
 #define ZNC_IMPORT_MERGE_LINK_TARGET_HPP
 
@@ -10,38 +10,38 @@
 
 namespace zncimport {
 
-// The way from a directory to a path of the same tree, both by their components.
+// Returns the relative path from a directory to a path of the same tree, both given as components.
 std::string relative_target(std::span<const std::string> directory,
                             std::span<const std::string> path);
 
-// Where a link leads: through real directories of the tree as far as there are any, and what
-// remains of its text. Only over real directories may ".." be taken away: behind a link the same
-// dots lead elsewhere.
+// The normalized target of a link. ".." is resolved only after components that are real
+// directories: after a symbolic link it would lead elsewhere.
 class LinkTarget {
   public:
-    // `directory`: where the link stands.
+    // `directory` is the directory that contains the link.
     LinkTarget(const Node& root, std::vector<std::string> directory, std::string_view target);
 
-    // The shortest text, of those that begin at the root and at the link.
+    // The shorter one of the absolute and the relative target.
     [[nodiscard]] std::string shortest() const;
-    // From the root on, with the final "/" if it had one.
+    // The components from the root; keeps a final "/" of the target.
     [[nodiscard]] const std::vector<std::string>& path() const { return path_; }
 
   private:
     std::vector<std::string> directory_;
     std::vector<std::string> path_;
-    std::size_t real_ = 0; // components at its front that are real directories
+    std::size_t real_ = 0; // number of leading components that are real directories
 };
 
-// Symbolic links to directories in a directory of their own in the root, which is made when the
-// first is needed: steps on the way to targets that are too long.
+// Creates symbolic links that serve as intermediate steps to targets that are too long. They are in
+// one directory in the root, which is created when the first link is needed.
 class LinkHops {
   public:
     LinkHops(Node& root, bool allowed) : root_(root), allowed_(allowed) {}
 
-    // A target that goes there by steps; `path` and `layer` are the link's. Throws Failure.
+    // Returns a target that leads there through intermediate links. `path` and `layer` are those of
+    // the link. Throws Failure.
     std::string target_of(const LinkTarget& target, const std::string& path, std::size_t layer);
-    // After the last one.
+    // Call this once, after the last call of target_of().
     void add_to_tree();
 
   private:
@@ -49,8 +49,8 @@ class LinkHops {
 
     Node& root_;
     bool allowed_;
-    std::string directory_;                   // its name
-    std::map<std::string, std::string> hops_; // their names by what they lead to
+    std::string directory_;                   // name of the directory
+    std::map<std::string, std::string> hops_; // names of the intermediate links, by target
     std::shared_ptr<Node> nodes_;
 };
 

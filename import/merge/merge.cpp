@@ -5,23 +5,25 @@
 namespace zncimport {
 namespace {
 
-// No file system of Linux holds longer ones, so that an honest image has none.
+// PATH_MAX on Linux: no legitimate image has longer paths.
 constexpr std::size_t kPathMax = 4095;
 
 constexpr std::string_view kWhiteoutMark = ".wh.";
-constexpr std::string_view kMetadataMark = ".wh..wh."; // of the file system that a builder used
+// metadata of AUFS, left by builders that use it
+constexpr std::string_view kMetadataMark = ".wh..wh.";
 constexpr std::string_view kOpaqueName = ".wh..wh..opq";
-// A directory in the root where such a file system kept the files that have several names. They are
-// no content, but the names of that layer are links to them.
+// A directory in the root in which AUFS kept files with several links. It is not part of the image,
+// but other names in the layer are hard links to its files.
 constexpr std::string_view kLinkStoreName = ".wh..wh.plnk";
 
-// Links that wait for links that wait, over symbolic links. One round does for all that builders
-// make.
+// Hard links to other unresolved hard links, through symbolic links. Images made by common builders
+// need one round.
 constexpr unsigned kMaxRounds = 32;
 
 enum class Role { kMember, kWhiteout, kOpaque, kLinkStore, kMetadata };
 
-// Tables of contents and marks for lazy pulling, which say nothing about another archive.
+// Indexes and landmark files for lazy pulling. They describe the original archive and are
+// meaningless in a new one.
 bool is_index(const std::string& name)
 {
     return name == "stargz.index.json" || name == ".prefetch.landmark" ||
@@ -46,7 +48,7 @@ Role role_of(const Member& member, const std::vector<std::string>& path)
     if (name.starts_with(kWhiteoutMark)) {
         const std::string hidden = name.substr(kWhiteoutMark.size());
         if (hidden.empty() || hidden == "." || hidden == "..")
-            throw Failure(member.path, "is a whiteout of no name");
+            throw Failure(member.path, "is a whiteout without a name");
         return Role::kWhiteout;
     }
     const bool dropped = path.size() == 1 && member.kind == Kind::kFile && is_index(name);
@@ -120,10 +122,10 @@ void Merge::add_layer(const std::vector<Entry>& entries)
     ++layer_;
 }
 
-// All of them are looked up before the first one acts, so that their order means nothing.
+// All whiteouts are looked up before the first is applied, so that their order does not matter.
 void Merge::apply_whiteouts(const std::vector<Entry>& entries)
 {
-    std::vector<std::pair<Node*, std::string>> hidden; // "" for all that a directory holds
+    std::vector<std::pair<Node*, std::string>> hidden; // "" for an opaque directory
     for (const Entry& entry : entries) {
         const std::vector<std::string> path = Tree::split(entry.member.path, limits_.depth);
         const Role role = role_of(entry.member, path);
@@ -192,7 +194,7 @@ void Merge::put(const Entry& entry, const std::vector<std::string>& path)
     set_attributes(*old->second, entry.member);
 }
 
-// The file is looked up first: it may be in what the name replaces.
+// Look up the target first: it may be inside the directory that the new name replaces.
 void Merge::put_link(const Member& member, const std::vector<std::string>& path)
 {
     const std::vector<std::string> target = Tree::split(member.target, limits_.depth);
@@ -230,7 +232,8 @@ void Merge::replace(Node& parent, const std::string& name, std::shared_ptr<Node>
     place = std::move(node);
 }
 
-// The file that a hard link means, or null. A link to a symbolic link shares that.
+// Returns the target of a hard link, or null. A hard link to a symbolic link shares the symbolic
+// link.
 std::shared_ptr<Node> Merge::file_at(const std::vector<std::string>& target)
 {
     if (!target.empty() && target[0] == kLinkStoreName) {
@@ -241,8 +244,8 @@ std::shared_ptr<Node> Merge::file_at(const std::vector<std::string>& target)
     return node != nullptr ? node->shared_from_this() : nullptr;
 }
 
-// Finds the files of the links from `first` on. Those without one stay in the list. A name that
-// became a symbolic link now may be on the way to another link's file, hence again.
+// Resolves the hard links from index `first` on; those without a target stay in the list. Repeats,
+// because a name that has just become a symbolic link may be on the path of another link's target.
 void Merge::settle_links(std::size_t first)
 {
     for (unsigned round = 0; round < kMaxRounds; ++round) {
@@ -269,7 +272,7 @@ void Merge::settle_links_once(std::size_t first)
     drop_gone_links(first);
 }
 
-// Those whose names were replaced, by their files or by something else.
+// Drops the links whose names have been replaced, by their targets or by something else.
 void Merge::drop_gone_links(std::size_t first)
 {
     const auto is_gone = [](const Pending& link) { return link.place.expired(); };
@@ -277,7 +280,7 @@ void Merge::drop_gone_links(std::size_t first)
     pending_.erase(std::remove_if(begin, pending_.end(), is_gone), pending_.end());
 }
 
-// Links to links that wait themselves get what those get, and links in a circle nothing.
+// A link to another unresolved link gets that link's target. Links in a cycle get none.
 void Merge::find_file(std::size_t at, const Waiting& waiting)
 {
     std::vector<std::size_t> chain;
@@ -309,7 +312,7 @@ void Merge::put_file(const Pending& link)
         throw Failure(link.path, "is a hard link to a directory");
     if (link.file->layer < place->layer)
         touch(link.file->layer);
-    parent->children[link.name] = link.file; // which lets the last of `place` go
+    parent->children[link.name] = link.file; // destroys `place`
 }
 
 Tree Merge::finish()

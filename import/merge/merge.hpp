@@ -1,8 +1,9 @@
-// merge.hpp - puts layer upon layer by the rules of the image format: whiteouts, replaced types,
-// hard links. Used by import.cpp.
+// merge.hpp - applies the layers of an image in order, by the rules of the OCI image format:
+// whiteouts, replaced types, hard links. Used by import.cpp.
 //
-// A layer is read whole first: its whiteouts act on the layers below it, wherever in the archive
-// they stand, and then its members are put in, in their order, the last of a name winning.
+// A layer is first read completely. Its whiteouts are applied to the layers below it, wherever they
+// are in the archive. Then its members are added in archive order, so that the last member with a
+// name replaces earlier ones.
 #ifndef ZNC_IMPORT_MERGE_MERGE_HPP
 #define ZNC_IMPORT_MERGE_MERGE_HPP
 
@@ -13,7 +14,7 @@
 
 namespace zncimport {
 
-// One member of a layer with its data in the spool.
+// A member of a layer; its data are in the spool.
 struct Entry {
     Member member;
     Extent data;
@@ -23,22 +24,23 @@ class Merge {
   public:
     Merge(const Limits& limits, Report& report) : limits_(limits), report_(report), tree_(limits) {}
 
-    // Reads an archive to its end: its members, and their data into the spool.
+    // Reads all members of an archive and writes their data to the spool.
     static std::vector<Entry> read_layer(ArchiveReader& archive, Spool& spool);
-    // Puts it on top of what is there.
+    // Applies the layer on top of the layers added before.
     void add_layer(const std::vector<Entry>& entries);
-    // After the last one. Links that still have no file are lost, and reported.
+    // Call this after the last layer. Hard links without a target are dropped and reported.
     Tree finish();
 
-    // Whether a later layer took anything from this one, changed a directory of it or linked to a
-    // file of it: then it cannot be kept as a layer of its own, nor can any above it.
+    // Returns whether a later layer removed anything from this one, changed one of its directories
+    // or linked to one of its files. If so, neither this layer nor any above it can be kept as a
+    // layer of its own.
     [[nodiscard]] bool touched(std::size_t layer) const;
 
   private:
-    // A hard link whose file was not there yet. A node of kind kHardlink keeps its place, so that
-    // what comes upon the name later acts as it would on the file.
+    // A hard link whose target does not exist yet. A node of kind kHardlink is its placeholder, so
+    // that later members with this name act as they would on the file.
     struct Pending {
-        std::string path; // as reports name it
+        std::string path; // as shown in reports
         std::string name;
         std::weak_ptr<Node> parent;
         std::weak_ptr<Node> place;
@@ -47,7 +49,8 @@ class Merge {
         bool seen = false;
     };
 
-    using Waiting = std::unordered_map<const Node*, std::size_t>; // places and their links
+    // placeholder nodes and the indexes of their links
+    using Waiting = std::unordered_map<const Node*, std::size_t>;
 
     void apply_whiteouts(const std::vector<Entry>& entries);
     void add_member(const Entry& entry);
@@ -71,7 +74,7 @@ class Merge {
     std::size_t layer_ = 0;
     std::vector<bool> touched_;
     std::vector<Pending> pending_;
-    std::map<std::string, std::shared_ptr<Node>> link_store_; // of the layer, see merge.cpp
+    std::map<std::string, std::shared_ptr<Node>> link_store_; // see kLinkStoreName in merge.cpp
 };
 
 } // namespace zncimport

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::int64_t kMaxOwner = 07777777;    // seven octal digits
 constexpr std::int64_t kMaxTime = 077777777777; // eleven
-constexpr std::uint32_t kSpecialBits = 07000;   // set-user-id, set-group-id, sticky
+constexpr std::uint32_t kSpecialBits = 07000;   // set-user-ID, set-group-ID and sticky bits
 constexpr std::uint32_t kSetIdBits = 06000;
 
 std::string below(const std::string& directory, const std::string& name)
@@ -20,8 +20,8 @@ std::string below(const std::string& directory, const std::string& name)
     return directory.empty() ? name : directory + "/" + name;
 }
 
-// Every node below a directory with its path, parents before what they hold, names in byte order.
-// What `visit` returns false for is taken out.
+// Calls `visit` for each node below a directory with its path: parents before children, names in
+// byte order. Removes the nodes for which `visit` returns false.
 template <class Visit> void for_each_child(Node& directory, const std::string& path, Visit& visit)
 {
     for (auto child = directory.children.begin(); child != directory.children.end();) {
@@ -36,12 +36,12 @@ template <class Visit> void for_each_child(Node& directory, const std::string& p
     }
 }
 
-// Why its name, size or numbers do not fit, or "". Owners, times and the length of link targets are
-// settled by other means.
+// Returns why the node's name, size or numbers cannot be represented, or "". Owners, times and long
+// link targets are handled elsewhere.
 std::string problem_of(const Node& node, const std::string& path)
 {
     if (node.kind == Kind::kOther || node.kind == Kind::kHardlink)
-        return "it is of a kind that is not known";
+        return "its type is unknown";
     if (node.kind == Kind::kSymlink && node.target.empty())
         return "it is a symbolic link without a target";
     UstarMember member;
@@ -85,12 +85,12 @@ class Preparation {
     const Limits& limits_;
     Report& report_;
     LinkHops hops_;
-    // Of files with several names, the components of the first one, which keeps the file.
+    // For files with several names, the path components of the first name, which keeps the file.
     std::unordered_map<const Node*, std::vector<std::string>> first_names_;
     std::uint64_t copied_ = 0; // bytes
 };
 
-// What goes, goes first, so that no link is led to it.
+// Nodes are dropped first, so that no link is redirected to a dropped node.
 void Preparation::run()
 {
     auto stays_here = [this](const std::shared_ptr<Node>& node, const std::string& path) {
@@ -124,20 +124,22 @@ bool Preparation::stays(const Node& node, const std::string& path)
     if (problem.empty())
         return true;
     if (!options_.skip_unrepresentable)
-        throw Failure(path, problem + "; --skip-unrepresentable leaves it out");
+        throw Failure(path, problem + "; use --skip-unrepresentable to leave it out");
     report_.add(Change::kUnrepresentable, path, problem);
     return false;
 }
 
-// The runtime makes a /dev of its own, so that what is there is never missed.
+// The runtime mounts its own /dev, so devices below dev can always be dropped.
 bool Preparation::special_stays(const Node& node, const std::string& path)
 {
     const bool device = is_device(node.kind);
     const bool in_dev = path.starts_with("dev/");
     if (!in_dev && options_.devices == Devices::kFail)
-        throw Failure(path, fmt::format("is a {}, which is not made when the image is unpacked; "
-                                        "--devices=drop leaves it out",
-                                        device ? "device" : "FIFO"));
+        throw Failure(
+            path,
+            fmt::format(
+                "is a {}, which unpacking does not create; use --devices=drop to leave it out",
+                device ? "device" : "FIFO"));
     const bool kept = !in_dev && options_.devices == Devices::kKeep;
     std::string detail = kept ? "in the layer, but not made" : "left out";
     if (device)
@@ -182,7 +184,7 @@ bool Preparation::is_copied(const Node& node, const std::string& path)
     if (!wanted)
         return false;
     if (size > limits_.bytes || copied_ > limits_.bytes - size)
-        throw Failure(path, "is one copy of a hard-linked file too many; --max-bytes allows more");
+        throw Failure(path, "exceeds the limit for copies of hard-linked files (see --max-bytes)");
     copied_ += size;
     return true;
 }
@@ -218,8 +220,8 @@ void Preparation::settle_owner(Node& node, const std::string& path)
     std::string detail = fmt::format("{}:{}", node.uid, node.gid);
     if (!fits(node.uid) || !fits(node.gid)) {
         if (!options_.skip_unrepresentable)
-            throw Failure(path, fmt::format("belongs to {}, which the format cannot carry; "
-                                            "--skip-unrepresentable gives it to root",
+            throw Failure(path, fmt::format("belongs to {}, which the format cannot represent; use "
+                                            "--skip-unrepresentable to give it to root",
                                             detail));
         node.uid = fits(node.uid) ? node.uid : 0;
         node.gid = fits(node.gid) ? node.gid : 0;
@@ -236,7 +238,8 @@ void Preparation::settle_time(Node& node, const std::string& path)
     node.mtime = time;
 }
 
-// Labels and marks of the file system that a builder worked on say nothing about the image.
+// SELinux labels and attributes of the builder's overlay filesystem are not part of the image: they
+// are not reported.
 void Preparation::note_xattrs(Node& node, const std::string& path)
 {
     std::string names;

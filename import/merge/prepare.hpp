@@ -1,5 +1,5 @@
-// prepare.hpp - gives the merged tree the shape that the new layer can carry, and reports what that
-// costs. Used by import.cpp, between the merge and emit.
+// prepare.hpp - changes the merged tree so that the new layer can represent it, and reports the
+// losses. Used by import.cpp, between the merge and emit.
 #ifndef ZNC_IMPORT_MERGE_PREPARE_HPP
 #define ZNC_IMPORT_MERGE_PREPARE_HPP
 
@@ -19,9 +19,9 @@ struct EmitOptions {
     bool skip_unrepresentable = false;
 };
 
-// Gives every node the shape that the format can carry, or throws Failure: hard links become files
-// and symbolic links, links that are too long become shorter ones, devices go. Afterwards no node
-// has two names, and emit() fails for no reason of the tree's.
+// Changes every node so that the format can represent it, or throws Failure: hard links become
+// files and symbolic links, long link targets are shortened, devices are dropped. Afterwards no
+// node has two names, and emit() cannot fail because of the tree.
 void prepare(Tree& tree, const EmitOptions& options, const Limits& limits, Report& report);
 
 } // namespace zncimport

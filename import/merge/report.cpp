@@ -13,7 +13,7 @@ struct Words {
     Change change;
     bool loss;
     const char* word;
-    const char* one; // for the summary
+    const char* one; // singular and plural, for the summary
     const char* many;
 };
 

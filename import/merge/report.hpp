@@ -1,4 +1,5 @@
-// report.hpp - what an import changed or lost, counted for standard error and listed for --report.
+// report.hpp - records what an import changed or lost: a summary for standard error and a list for
+// --report.
 #ifndef ZNC_IMPORT_MERGE_REPORT_HPP
 #define ZNC_IMPORT_MERGE_REPORT_HPP
 
@@ -14,22 +15,23 @@ namespace zncimport {
 // What happened to a member. Losses are errors with --strict; notes never are.
 enum class Change {
     // losses
-    kDevice,          // dropped: the extractor makes none
-    kFifo,            // dropped likewise
+    kDevice,          // dropped: the extractor creates no devices
+    kFifo,            // dropped: the extractor creates no FIFOs
     kXattr,           // extended attributes, capabilities or ACLs that the format cannot carry
-    kOwner,           // is not root's, and unpacking does not give files away
-    kSetId,           // set-user-id, set-group-id or sticky bit, which unpacking does not set
-    kLinkTarget,      // reads otherwise than before: too long as it was
-    kDanglingLink,    // a hard link to nothing, dropped
+    kOwner,           // not root: unpacking does not restore owners
+    kSetId,           // set-user-ID, set-group-ID or sticky bit, which unpacking does not set
+    kLinkTarget,      // replaced by an equivalent target, because it was too long
+    kDanglingLink,    // a hard link without a target, dropped
     kUnrepresentable, // name, size or number that the format cannot carry, dropped on request
-    kTime,            // before 1970 or after 2242: now the nearest that fits
-    kVolume,          // an entry of "Volumes", which would become a mount of a host's directory
-    kUser,            // a user or group that the image does not know
+    kTime,            // before 1970 or after 2242: replaced by the nearest valid time
+    // an entry of "Volumes", which the runtime would turn into a bind mount of a host directory
+    kVolume,
+    kUser, // a user or group that the image does not define
     // notes
-    kHardlinkCopied, // a further name got a copy of the data
-    kHardlinkLinked, // a further name became a symbolic link
+    kHardlinkCopied, // an additional name of a file became a copy
+    kHardlinkLinked, // an additional name of a file became a symbolic link
     kSparse,
-    kMetadataFile, // stargz.index.json, landmarks, .wh..wh. files: no content
+    kMetadataFile, // stargz.index.json, landmarks, .wh..wh. files: not part of the image
     kUserNumbers,  // a user name replaced by its numbers
 };
 
@@ -38,7 +40,7 @@ class Report {
     struct Item {
         Change change;
         std::string path;   // in the image, without a leading "/"; "" for the image itself
-        std::string detail; // what it was and what it is now; may be ""
+        std::string detail; // the old and the new value; may be ""
         std::uint64_t bytes = 0;
     };
 
@@ -48,7 +50,7 @@ class Report {
     }
     [[nodiscard]] const std::vector<Item>& items() const { return items_; }
     static bool is_loss(Change change);
-    // The word for it in the document: "device", "hardlink-copied", ...
+    // The name of the change in the document: "device", "hardlink-copied", ...
     static const char* word(Change change);
 
     [[nodiscard]] std::uint64_t losses() const;

@@ -5,8 +5,7 @@
 namespace zncimport {
 namespace {
 
-// What one path may ask for: more links are a loop, and more names than these no file system
-// follows.
+// Limits for resolving one path, to stop at loops and at chains of links that grow without end.
 constexpr unsigned kMaxLinks = 255;
 constexpr std::size_t kMaxLinkNames = 1024;
 
@@ -22,7 +21,7 @@ std::vector<std::string_view> names_of(std::string_view path)
     return names;
 }
 
-// The names that are still to be walked, and how many links have added to them.
+// The components that remain to be resolved, and the number of links followed so far.
 class Way {
   public:
     explicit Way(std::span<const std::string> names) : object_(Tree::join(names))
@@ -49,15 +48,14 @@ class Way {
 
   private:
     std::string object_;
-    std::vector<std::string> left_; // the next one is the last
+    std::vector<std::string> left_; // in reverse order
     unsigned links_ = 0;
     std::size_t followed_ = 0;
 };
 
 [[noreturn]] void too_deep(const std::string& object, std::uint64_t depth)
 {
-    throw Failure(object,
-                  fmt::format("is more than {} directories deep; --max-depth allows more", depth));
+    throw Failure(object, fmt::format("is more than {} directories deep (see --max-depth)", depth));
 }
 
 } // namespace
@@ -116,8 +114,8 @@ Node* Tree::existing_parent_of(const std::vector<std::string>& path)
     return descend(std::span(path).first(path.size() - 1), nullptr);
 }
 
-// ".." in a link's target leads to the parent of the directory that was reached, as the kernel has
-// it; at the root it stays there.
+// As in the kernel, ".." in a link target leads to the parent of the directory reached so far, and
+// at the root it has no effect.
 Node* Tree::descend(std::span<const std::string> names, const Implied* implied)
 {
     std::vector<Node*> reached = {root_.get()};
@@ -152,8 +150,9 @@ Node* Tree::descend(std::span<const std::string> names, const Implied* implied)
 Node& Tree::make_directory(Node& parent, const std::string& name, const Implied& implied)
 {
     if (may_imply_ == 0)
-        throw Failure(name, "is one directory too many that no member is for; "
-                            "--max-entries allows more");
+        throw Failure(
+            name,
+            "requires too many directories that have no member of their own (see --max-entries)");
     --may_imply_;
     const auto made = std::make_shared<Node>();
     made->mtime = implied.mtime;

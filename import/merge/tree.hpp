@@ -1,7 +1,8 @@
-// tree.hpp - the merged file system of an image, in memory: names and what is known of files, whose
-// data is in the spool. Used by the merge, which builds it, and by the writer of the new layer.
+// tree.hpp - the merged file system of an image in memory: names and metadata. File data are in the
+// spool. Built by the merge and read by the writer of the new layer.
 //
-// A path never leaves the tree: "..", absolute targets and links are followed inside of it.
+// Paths never leave the tree: "..", absolute targets and symbolic links are resolved relative to
+// its root.
 #ifndef ZNC_IMPORT_MERGE_TREE_HPP
 #define ZNC_IMPORT_MERGE_TREE_HPP
 
@@ -28,16 +29,18 @@ struct Node : std::enable_shared_from_this<Node> {
     std::uint32_t major = 0;
     std::uint32_t minor = 0;
     std::vector<std::string> xattrs;
-    Children children;     // of a directory
-    std::size_t layer = 0; // that it came from, from 0; for directories the lowest that has it
-    bool implied = false;  // a directory that no layer has a member for
+    Children children; // of a directory
+    // index of the layer it came from; for a directory the lowest one that has it
+    std::size_t layer = 0;
+    bool implied = false; // a directory created only because a member is below it
 };
 
-// What directories on the way to a member get that no member made.
+// The attributes of directories that have no member of their own and are created for a member below
+// them.
 struct Implied {
     std::int64_t mtime = 0;
     std::size_t layer = 0;
-    std::vector<std::size_t>* replaced = nullptr; // gets the layers of nodes that had to give way
+    std::vector<std::size_t>* replaced = nullptr; // receives the layers of nodes that were replaced
 };
 
 class Tree {
@@ -47,26 +50,26 @@ class Tree {
     [[nodiscard]] Node& root() { return *root_; }
     [[nodiscard]] const Node& root() const { return *root_; }
 
-    // A path's components without empty ones and "."; throws Failure for ".." that leaves the root
-    // and for more components than the limit. Inner ".." is taken away with the name before it.
+    // Splits a path into its components, without empty ones and ".". An inner ".." cancels the
+    // component before it. Throws Failure if ".." would leave the root or there are more components
+    // than `depth`.
     static std::vector<std::string> split(const std::string& path, std::uint64_t depth);
     static std::string join(std::span<const std::string> path);
 
-    // The node at a path (no link followed at its end, links followed on the way), or null.
+    // Returns the node at a path, or null. Links are followed in all components but the last.
     [[nodiscard]] Node* find(const std::string& path, std::uint64_t depth);
     [[nodiscard]] Node* find(const std::vector<std::string>& path);
 
-    // The directory in which the last component stands, made where it is missing, through linked
-    // directories; what is no directory on the way is replaced by one. Throws Failure when that
-    // takes too many links, or ends deeper in the tree or with more directories made than the
-    // limits allow.
+    // Returns the directory that contains the last component, following links. Missing directories
+    // are created, and anything that is not a directory is replaced by one. Throws Failure if there
+    // are too many links, or if the limits for depth or for created directories are exceeded.
     Node& parent_of(const std::vector<std::string>& path, const Implied& implied);
     Node& parent_of(const std::vector<std::string>& path, std::int64_t mtime, std::size_t layer)
     {
         return parent_of(path, Implied{mtime, layer});
     }
 
-    // As parent_of, but makes nothing; null when it is not there.
+    // Like parent_of, but creates nothing; returns null if the directory does not exist.
     [[nodiscard]] Node* existing_parent_of(const std::vector<std::string>& path);
 
   private:
@@ -75,7 +78,7 @@ class Tree {
 
     std::shared_ptr<Node> root_;
     std::uint64_t depth_;
-    std::uint64_t may_imply_; // directories
+    std::uint64_t may_imply_; // number of directories that may still be created
 };
 
 } // namespace zncimport

@@ -17,8 +17,9 @@ struct Name {
     std::string_view name;
 };
 
-// Splits the path at the first "/" after which the rest fits into the name field. If there is none,
-// the name returned is too long. The final "/" of a directory is part of its name.
+// Splits a path into prefix and name at the first "/" after which the name fits. A path that is too
+// long for both fields yields a name that is too long. The final "/" of a directory is part of the
+// name.
 Name split(std::string_view path)
 {
     if (path.size() <= kNameMax)
@@ -48,13 +49,13 @@ std::string component_problem(std::string_view path)
 std::string name_problem(const UstarMember& member)
 {
     if (member.path.find('\0') != std::string::npos)
-        return "its name holds a NUL";
+        return "its name contains a NUL";
     if (member.path.find('\\') != std::string::npos)
-        return "its name holds a backslash";
+        return "its name contains a backslash";
     if (std::string problem = component_problem(member.path); !problem.empty())
         return problem;
     if ((member.path.back() == '/') != (member.type == '5'))
-        return "only a directory's name ends with a slash, and each does";
+        return "the name of a directory, and no other name, must end with a slash";
     const Name parts = split(member.path);
     if (parts.name.size() > kNameMax || parts.prefix.size() > kPrefixMax)
         return "its name is too long, or has no slash where it could be divided";
@@ -68,7 +69,7 @@ std::string target_problem(const UstarMember& member)
     if (member.target.empty())
         return "its target is empty";
     if (member.target.find('\0') != std::string::npos)
-        return "its target holds a NUL";
+        return "its target contains a NUL";
     return member.target.size() > kTargetMax ? "its target is longer than 99 bytes" : "";
 }
 
@@ -109,7 +110,7 @@ void put_text(std::span<char> field, std::string_view text)
     std::copy(text.begin(), text.end(), field.begin());
 }
 
-// The format of the checksum field is six digits, a NUL and a blank.
+// The checksum is stored as six digits, a NUL and a space.
 void put_checksum(znc::UstarHeader& header)
 {
     const std::span<char> field(header.chksum);
@@ -141,13 +142,13 @@ char ustar_type(Kind kind)
     case Kind::kOther:
         break;
     }
-    return '?'; // rejected by ustar_problem()
+    return '?'; // ustar_problem() refuses this type
 }
 
 std::string ustar_problem(const UstarMember& member)
 {
     if (std::string_view("023456").find(member.type) == std::string_view::npos)
-        return "there is no such type of member";
+        return "its type cannot be written";
     for (const auto& problem : {name_problem, target_problem, number_problem})
         if (std::string text = problem(member); !text.empty())
             return text;

@@ -1,7 +1,6 @@
-// ustar.hpp - builds the header of a ustar member and checks that the member can be represented in
-// a form that the extractor of the library reads: at most 155 + 100 bytes of name and 99 of link
-// target, less than 4 GiB of data, and no backslash, which the extractor takes for a separator.
-// Used by emit.
+// ustar.hpp - creates ustar headers, and checks whether a member can be represented for the
+// extractor: up to 155 + 100 bytes of name, 99 of link target, less than 4 GiB of data, and no
+// backslash, which the extractor treats as a separator. Used by emit.
 #ifndef ZNC_IMPORT_MERGE_USTAR_HPP
 #define ZNC_IMPORT_MERGE_USTAR_HPP
 
@@ -33,12 +32,12 @@ struct UstarMember {
     std::uint32_t minor = 0;
 };
 
-// The type character of a kind.
+// The type flag of a kind.
 char ustar_type(Kind kind);
 
-// Why the member cannot be written, or "".
+// Returns why the member cannot be represented, or "".
 std::string ustar_problem(const UstarMember& member);
-// The header of a member for which ustar_problem() returned "".
+// Returns the header of a member for which ustar_problem() returns "".
 Block ustar_header(const UstarMember& member);
 
 } // namespace zncimport

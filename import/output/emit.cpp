@@ -34,8 +34,8 @@ class Archive {
     {
     }
 
-    // All that is below a directory. Names are as deep as a header has room for, so this recursion
-    // ends early. `path` ends with "/" but for the root.
+    // Adds everything below a directory. The recursion is bounded, because a header limits the
+    // length of paths. `path` ends with "/" except for the root.
     void add_children(const Node& directory, const std::string& path)
     {
         for (const auto& [name, node] : directory.children)
@@ -55,7 +55,7 @@ class Archive {
         const Node* node;
     };
 
-    // A directory of another layer waits until something below it is written.
+    // A directory of another layer is written only when something below it is written.
     void add(const Node& node, const std::string& path)
     {
         const bool wanted = node.layer >= layers_.first && node.layer < layers_.last;
@@ -97,7 +97,7 @@ class Archive {
             const std::size_t most = std::min<std::uint64_t>(left, buffer_.size());
             const std::size_t got = reader->read(std::span(buffer_).first(most));
             if (got == 0)
-                throw Failure(path, "its data is not there any more");
+                throw Failure(path, "its data is missing in the temporary file");
             sink_(std::span<const std::byte>(buffer_).first(got));
             left -= got;
         }
@@ -108,7 +108,7 @@ class Archive {
     const Spool& spool_;
     const ByteSink& sink_;
     LayerRange layers_;
-    std::vector<Waiting> waiting_; // directories above that are not written yet
+    std::vector<Waiting> waiting_; // parent directories that have not been written yet
     std::vector<std::byte> buffer_ = std::vector<std::byte>(std::size_t{256} * 1024);
 };
 

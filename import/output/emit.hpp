@@ -1,6 +1,7 @@
-// emit.hpp - the merged tree as one plain ustar archive that the extractor takes whole: directories
-// with a final "/", parents first, names in byte order, nothing but directories, files and symbolic
-// links. Used by import.cpp. The same tree gives the same bytes.
+// emit.hpp - writes the merged tree as one uncompressed ustar archive that the extractor accepts
+// without loss: directory names end with "/", parents come first, names are in byte order, and
+// there are only directories, files and symbolic links. The same tree gives the same bytes. Used by
+// import.cpp.
 #ifndef ZNC_IMPORT_OUTPUT_EMIT_HPP
 #define ZNC_IMPORT_OUTPUT_EMIT_HPP
 
@@ -12,14 +13,14 @@ namespace zncimport {
 
 using ByteSink = std::function<void(std::span<const std::byte>)>;
 
-// Layers by number: from `first` up to, and without, `last`.
+// The layers from `first` up to but excluding `last`.
 struct LayerRange {
     std::size_t first = 0;
     std::size_t last = SIZE_MAX;
 };
 
-// Writes the archive of the nodes of these layers, the directories on their way included, with its
-// end mark.
+// Writes the archive of all nodes of these layers and their parent directories, including the
+// end-of-archive blocks.
 void emit(const Tree& tree, const Spool& spool, const ByteSink& sink, LayerRange layers = {});
 
 } // namespace zncimport

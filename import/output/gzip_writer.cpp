@@ -20,13 +20,13 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using View = std::span<const unsigned char>;
 
-// Part of the output's bytes: other sizes make other archives.
+// Must not change: the compressed bytes, and so the digests, depend on it.
 constexpr std::size_t kPiece = std::size_t{1} << 20U;
 constexpr std::size_t kDictionary = std::size_t{32} << 10U;
 constexpr std::size_t kPiecesPerThread = 3;
 
-// Compresses pieces, one at a time. Every piece but the last ends at a byte's border and without
-// the mark of the last block, so that the pieces in their order are one deflate stream.
+// Compresses one piece at a time. Every piece but the last ends at a byte boundary without the
+// final-block flag, so that the concatenated pieces form one deflate stream.
 class Deflater {
   public:
     Deflater() = default;
@@ -41,11 +41,11 @@ class ZlibDeflater : public Deflater {
     ZlibDeflater()
     {
         constexpr int kLevel = 6;
-        constexpr int kRawWindow = -15; // no header or trailer of zlib's own
+        constexpr int kRawWindow = -15; // raw deflate: no zlib header or trailer
         constexpr int kMemory = 8;
         if (::deflateInit2(&stream_, kLevel, Z_DEFLATED, kRawWindow, kMemory, Z_DEFAULT_STRATEGY) !=
             Z_OK)
-            throw Failure("", "zlib cannot be started");
+            throw Failure("", "zlib cannot be initialized");
     }
     ~ZlibDeflater() override { ::deflateEnd(&stream_); }
     ZlibDeflater(const ZlibDeflater&) = delete;
@@ -57,9 +57,10 @@ class ZlibDeflater : public Deflater {
         if (!dictionary.empty())
             ::deflateSetDictionary(&stream_, dictionary.data(),
                                    static_cast<uInt>(dictionary.size()));
-        constexpr std::size_t kMarks = 64; // of blocks and of the flush, beyond deflateBound()
+        // for block headers and the flush, in addition to deflateBound()
+        constexpr std::size_t kMarks = 64;
         out.resize(::deflateBound(&stream_, data.size()) + kMarks);
-        stream_.next_in = const_cast<unsigned char*>(data.data()); // it only reads
+        stream_.next_in = const_cast<unsigned char*>(data.data()); // zlib only reads it
         stream_.avail_in = static_cast<uInt>(data.size());
         stream_.next_out = out.data();
         stream_.avail_out = static_cast<uInt>(out.size());
@@ -88,8 +89,8 @@ class IsalDeflater : public Deflater {
         if (!dictionary.empty() &&
             ::isal_deflate_set_dict(&stream_, const_cast<unsigned char*>(dictionary.data()),
                                     static_cast<std::uint32_t>(dictionary.size())) != COMP_OK)
-            throw Failure("", "ISA-L does not take its dictionary");
-        // Data that does not get smaller is stored in blocks of less than 64 KiB.
+            throw Failure("", "ISA-L rejected its dictionary");
+        // Incompressible data are stored in blocks of less than 64 KiB.
         out.resize(data.size() + data.size() / 8 + 4096);
         stream_.next_in = const_cast<unsigned char*>(data.data());
         stream_.avail_in = static_cast<std::uint32_t>(data.size());
@@ -101,8 +102,8 @@ class IsalDeflater : public Deflater {
     }
 
   private:
-    // The highest there is, and its smaller memory: blocks are then as short as zlib's and fit
-    // their data better.
+    // The highest level, with its smaller buffer: the blocks are then as short as those of zlib and
+    // fit their data better.
     static constexpr std::uint32_t kLevel = 3;
     isal_zstream stream_{};
     Bytes work_ = Bytes(ISAL_DEF_LVL3_SMALL);
@@ -130,7 +131,7 @@ std::uint32_t crc_of(View data)
 }
 
 struct Piece {
-    Bytes plain; // the dictionary and, behind it, the data
+    Bytes plain; // the dictionary, followed by the data
     std::size_t dictionary = 0;
     bool last = false;
 
@@ -161,7 +162,7 @@ struct GzipWriter::State {
         : sink(std::move(to)), own(make_deflater(compressor))
     {
         next_piece();
-        start(compressor, threads); // last: nothing may throw while threads run
+        start(compressor, threads); // must be last: nothing may throw while threads run
         most = kPiecesPerThread * std::max<std::size_t>(workers.size(), 1);
     }
 
@@ -179,7 +180,7 @@ struct GzipWriter::State {
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    // With fewer threads than asked for, even with none, it only takes longer.
+    // If some or all threads cannot be started, compression is only slower.
     void start(Compressor compressor, unsigned threads)
     {
         if (threads == 0)
@@ -224,7 +225,7 @@ struct GzipWriter::State {
         return found != under_way.end() ? found->get() : nullptr;
     }
 
-    // A piece to fill, with the end of the one before as its dictionary.
+    // Begins a new piece, with the end of the previous one as its dictionary.
     void next_piece()
     {
         PiecePtr fresh = std::make_unique<Piece>();
@@ -257,8 +258,8 @@ struct GzipWriter::State {
             hand_over();
     }
 
-    // Waits for the oldest piece and passes it on. Only this thread changes the queue, so it may
-    // look at it without the lock.
+    // Waits until the oldest piece is compressed and passes it to the sink. Only this thread
+    // changes the queue, so it may read the queue without the lock.
     void hand_over()
     {
         Piece& oldest = *under_way.front();
@@ -280,25 +281,25 @@ struct GzipWriter::State {
     }
 
     ByteSink sink;
-    std::unique_ptr<Deflater> own; // used where no thread could be started
-    std::size_t most = 0;          // pieces under way
+    std::unique_ptr<Deflater> own; // used if no thread could be started
+    std::size_t most = 0;          // maximum number of pieces in the queue
     PiecePtr filling;
-    std::vector<Piece> spare; // for their memory
+    std::vector<Piece> spare; // finished pieces, whose buffers are reused
     std::uint32_t crc = 0;
     std::uint64_t plain = 0;
     bool begun = false;
 
-    std::mutex lock; // of the queue and the marks of its pieces
+    std::mutex lock; // protects the queue and the flags of its pieces
     std::condition_variable work;
     std::condition_variable finished;
-    std::deque<PiecePtr> under_way; // in their order
+    std::deque<PiecePtr> under_way; // in the order of the data
     bool stop = false;
     std::vector<std::thread> workers;
 };
 
 namespace {
 
-// No flags, time 0, no extra flags, system unknown.
+// The gzip header: deflate, no flags, time 0, no extra flags, operating system unknown.
 constexpr std::array<unsigned char, 10> kHeader = {0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 255};
 
 void put_little_endian(std::span<unsigned char> out, std::uint32_t number)
@@ -338,7 +339,7 @@ void GzipWriter::write(std::span<const std::byte> bytes)
 
 void GzipWriter::finish()
 {
-    write({}); // the header, if nothing was written
+    write({}); // writes the header if write() was never called
     State& state = *state_;
     state.filling->last = true;
     state.submit(std::move(state.filling));

@@ -1,8 +1,9 @@
-// gzip_writer.hpp - one gzip member (no name, time 0), compressed on all processors. Used for the
-// new layer.
+// gzip_writer.hpp - writes one gzip member (no name, time 0), compressed by all processors. Used
+// for the new layer.
 //
-// The input is cut into pieces of a fixed size, each compressed on its own with the end of the one
-// before as its dictionary, so that the number of processors changes nothing about the bytes.
+// The input is split into pieces of a fixed size. Each is compressed independently, with the end of
+// the previous piece as its dictionary, so that the output does not depend on the number of
+// threads.
 #ifndef ZNC_IMPORT_OUTPUT_GZIP_WRITER_HPP
 #define ZNC_IMPORT_OUTPUT_GZIP_WRITER_HPP
 
@@ -14,15 +15,15 @@ enum class Compressor { kIsal, kZlib };
 
 class GzipWriter {
   public:
-    // `sink` gets the compressed bytes in order, in the caller's thread. `threads` 0: as many as
-    // there are processors.
+    // Passes the compressed bytes to `sink` in order, on the caller's thread. If `threads` is 0,
+    // uses one thread per processor.
     GzipWriter(Compressor compressor, ByteSink sink, unsigned threads = 0);
-    ~GzipWriter(); // without finish(): what is under way is dropped
+    ~GzipWriter(); // without finish(), unfinished pieces are discarded
     GzipWriter(const GzipWriter&) = delete;
     GzipWriter& operator=(const GzipWriter&) = delete;
 
     void write(std::span<const std::byte> bytes);
-    // Ends the member. Nothing may be written afterwards.
+    // Ends the member. Do not write afterwards.
     void finish();
 
   private:
@@ -30,7 +31,7 @@ class GzipWriter {
     std::unique_ptr<State> state_;
 };
 
-// Whether this build has it: ISA-L is not there for every processor.
+// Returns whether this build has the compressor: ISA-L does not support every processor.
 bool has_compressor(Compressor compressor);
 
 } // namespace zncimport

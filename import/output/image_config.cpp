@@ -26,13 +26,13 @@ constexpr const char* kLayerType = "application/vnd.oci.image.layer.v1.tar+gzip"
     throw Failure("the image's configuration", what);
 }
 
-// Readers differ in whether they take a member whose name is another but for its case.
-// What we check must be what they use.
+// JSON parsers differ in whether names are case-sensitive. Refuse other spellings, so that what is
+// checked here is what other programs use.
 void check_spelling(const Json& object, std::initializer_list<const char*> keys)
 {
     for (const char* key : keys)
         if (zncctl::any_case_member(object, key) != member(object, key))
-            refuse(fmt::format("\"{}\" is written otherwise", key));
+            refuse(fmt::format("\"{}\" is present in different case", key));
 }
 
 std::string first_of(std::initializer_list<std::string> texts)
@@ -62,7 +62,7 @@ std::string rfc3339(std::int64_t seconds)
     std::array<char, 64> text{};
     if (::gmtime_r(&time, &parts) == nullptr || parts.tm_year > 9999 - 1900 ||
         std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-        throw Failure("SOURCE_DATE_EPOCH", "is no time that can be written");
+        throw Failure("SOURCE_DATE_EPOCH", "is not a time that can be represented");
     return text.data();
 }
 
@@ -72,13 +72,13 @@ void check_strings(const Json& section, const char* key)
     if (array == nullptr || array->is_null())
         return;
     if (!array->is_array())
-        refuse(fmt::format("\"{}\" is no array", key));
+        refuse(fmt::format("\"{}\" is not an array", key));
     for (const Json& item : *array)
         if (!item.is_string())
-            refuse(fmt::format("\"{}\" holds something that is no text", key));
+            refuse(fmt::format("\"{}\" contains an element that is not a string", key));
 }
 
-// The text of a member that may be missing, null or "".
+// Returns the string value of a member, or "" if it is missing or null.
 std::string optional_text(const Json& section, const char* key)
 {
     const Json* item = member(section, key);
@@ -99,8 +99,8 @@ std::vector<std::string> split(std::string_view text, char separator)
     }
 }
 
-// A file of the image, links followed inside of it; null where there is none. The names of a target
-// take the place of the link's own; ".." among them is the tree's to follow.
+// Finds a file of the image, following links inside it; returns null if there is none. The
+// components of a link's target replace the link; Tree resolves any ".." among them.
 const Node* find_file(Tree& tree, const std::string& path)
 try {
     constexpr int kMaxLinks = 40;
@@ -115,22 +115,22 @@ try {
                 way.push_back(name);
     }
     return nullptr;
-} catch (const Failure&) { // a way that leads nowhere
+} catch (const Failure&) { // the path cannot be resolved
     return nullptr;
 }
 
 std::optional<std::uint32_t> to_id(std::string_view text)
 {
     const auto number = zncctl::to_number<std::uint32_t>(text);
-    return number != UINT32_MAX ? number : std::nullopt; // which stands for "none"
+    return number != UINT32_MAX ? number : std::nullopt; // UINT32_MAX means "no id"
 }
 
-// A line of etc/passwd or etc/group: names, a password that is not looked at, numbers.
+// The fields of a line of etc/passwd or etc/group: name, password (ignored), ids.
 using Record = std::vector<std::string>;
 
 class Records {
   public:
-    // A file that is missing, or larger than any real one, has none.
+    // A missing or implausibly large file yields no records.
     Records(Tree& tree, const Spool& spool, const char* path)
     {
         constexpr std::uint64_t kMost = std::uint64_t{10} << 20U;
@@ -139,12 +139,12 @@ class Records {
             text_ = read_all(*spool.read(node->data), path, kMost);
     }
 
-    // The first whose field has that text.
+    // Returns the first record with this text in the field.
     [[nodiscard]] std::optional<Record> find(std::size_t field, const std::string& text) const
     {
         return find_if([&](const Record& record) { return record[field] == text; });
     }
-    // The first whose number is that.
+    // Returns the first record with this id.
     [[nodiscard]] std::optional<Record> find(std::uint32_t id) const
     {
         return find_if([&](const Record& record) { return to_id(record[2]) == id; });
@@ -172,7 +172,7 @@ struct Ids {
     std::uint32_t gid = 0;
 };
 
-// What "User" says, as numbers; `unknown` gets the name that the image does not know.
+// Resolves "User" to numeric ids. If a name is not defined by the image, it is stored in `unknown`.
 std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool& spool,
                                 std::string& unknown)
 {
@@ -200,8 +200,8 @@ std::optional<Ids> resolve_user(const std::string& text, Tree& tree, const Spool
     return Ids{*uid, gid.value_or(own_group)};
 }
 
-// The library reads a name as 0 and "010" as 8, and gives a user no group of his own. Whoever the
-// image does not know is nobody: root was not meant.
+// The library reads a name as 0 and "010" as 8, and does not look up the user's primary group:
+// write both ids in decimal. A user that the image does not define becomes nobody rather than root.
 void settle_user(Json& section, Tree& tree, const Spool& spool, Report& report)
 {
     const std::string text = optional_text(section, "User");
@@ -226,7 +226,7 @@ void settle_user(Json& section, Tree& tree, const Spool& spool, Report& report)
         report.add(Change::kUserNumbers, "", fmt::format("{} is {}", text, numbers));
 }
 
-// Makes the directory of a volume, unless something else stands in its way.
+// Creates the directory of a volume, unless its path is occupied by something else.
 void make_directory(Tree& tree, const std::string& key, std::size_t layer)
 try {
     std::vector<std::string> way = tree.split(key, Limits{}.depth);
@@ -239,21 +239,21 @@ try {
         walked.emplace_back(".");
         above = tree.existing_parent_of(walked);
         if (above == nullptr)
-            return; // a file, or a link to nowhere
+            return; // a file or a dangling link
         walked.pop_back();
     }
     const std::int64_t mtime = above->mtime;
-    way.emplace_back("."); // for the directory itself, not only those above it
+    way.emplace_back("."); // so that the directory itself is created, not only its parents
     tree.parent_of(way, mtime, layer);
-} catch (const Failure&) { // no path in the image, or one that is too deep
+} catch (const Failure&) { // the path is invalid or too deep
 }
 
-// The library would mount a directory of the host for each key.
+// The library would bind-mount a host directory for each key of "Volumes".
 void settle_volumes(Json& section, Tree& tree, std::size_t layer, Report& report)
 {
     const Json* volumes = member(section, "Volumes");
     if (volumes != nullptr && !volumes->is_null() && !volumes->is_object())
-        refuse("\"Volumes\" is no object");
+        refuse("\"Volumes\" is not an object");
     for (const auto& volume : zncctl::children(volumes).items()) {
         const std::string& key = volume.key();
         report.add(Change::kVolume, key.starts_with('/') ? key.substr(1) : key);
@@ -269,11 +269,11 @@ Json& execution_section(Json& config)
     if (section.is_null())
         section = Json::object();
     else if (!section.is_object())
-        refuse("\"config\" is no object");
+        refuse("\"config\" is not an object");
     return section;
 }
 
-// For root filesystems that nobody wrote a configuration for.
+// The configuration for a source without one.
 Json default_config()
 {
     return {{"config", {{"Cmd", Json::array({"/bin/sh"})}}}};
@@ -285,13 +285,13 @@ Json copy_of_config(const SourceImage& image)
     if (given.is_null())
         return default_config();
     if (!given.is_object())
-        refuse("it is no object");
+        refuse("it is not an object");
     check_spelling(given, {"architecture", "os", "variant", "config", "rootfs", "history",
                            "created", "author"});
     return given;
 }
 
-// Those of the source, but for the name, which is the index's to give.
+// Copies the annotations of the source without the reference name, which belongs into the index.
 Json new_annotations(const SourceImage& image)
 {
     Json annotations = Json::object();

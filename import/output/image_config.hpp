@@ -11,27 +11,29 @@ namespace zncimport {
 
 struct NewLayer {
     std::string digest;  // of the compressed archive
-    std::string diff_id; // of the plain one
+    std::string diff_id; // of the uncompressed archive
     std::uint64_t size = 0;
 };
 
 struct ConfigOptions {
-    std::string set_os; // "" as the source has it
+    std::string set_os; // "": keep that of the source
     std::string set_arch;
-    std::optional<std::int64_t> source_date_epoch; // else the source's own time is kept
+    // without it the creation time of the source is kept
+    std::optional<std::int64_t> source_date_epoch;
 };
 
-// The image configuration without its layers: the source's with the platform as asked for and what
-// the library needs: an execution section, a working directory, users as numbers, no "Volumes" that
-// it would take for directories of the host. Changes the tree where that keeps the meaning; call it
-// before prepare().
+// Returns the image configuration without its layers: that of the source with the requested
+// platform and what the library needs: an execution section, a working directory, numeric users,
+// and no "Volumes" that the library would treat as host directories. Changes the tree where this
+// preserves the meaning (directories for volumes), so call it before prepare().
 zncctl::Json settle_config(const SourceImage& image, Tree& tree, const Spool& spool,
                            const ConfigOptions& options, Report& report);
 
-// That document with rootfs and history of the new layers, as it is to be written.
+// Returns the text of this document, completed with rootfs and history of the new layers.
 std::string finish_config(zncctl::Json config, const std::vector<NewLayer>& layers);
 
-// The manifest with the source's annotations and the digest of the source's manifest as one more.
+// Returns the manifest with the annotations of the source, and the digest of the source's manifest
+// as an additional annotation.
 std::string new_manifest(const SourceImage& image, const std::string& config,
                          const std::vector<NewLayer>& layers);
 

@@ -21,7 +21,8 @@ using zncctl::Json;
 using zncctl::member;
 using zncctl::text_of;
 
-// What an import that died leaves behind has one of these names; the next one removes it.
+// The prefix of temporary files. An import that died may leave such files; the next import removes
+// them.
 constexpr std::string_view kTemporary = ".zncctl-import-";
 constexpr const char* kNewDocument = ".zncctl-import-document";
 constexpr const char* kLockName = ".zncctl-import-lock";
@@ -35,14 +36,14 @@ constexpr const char* kLayoutDocument = R"({"imageLayoutVersion": "1.0.0"})";
     throw Failure(object, error_text());
 }
 
-// The entries of a directory but for the lock.
+// Returns the entries of a directory except the lock file.
 std::vector<std::string> names_in(int dir, const std::string& object)
 {
     znc::UniqueFd again(::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const znc::UniqueDir entries(again ? ::fdopendir(again.get()) : nullptr);
     if (entries == nullptr)
         fail(object);
-    static_cast<void>(again.release()); // the stream has it now
+    static_cast<void>(again.release()); // the DIR stream owns it now
     std::vector<std::string> names;
     while (const dirent* entry = ::readdir(entries.get()))
         if (const std::string name = entry->d_name;
@@ -68,7 +69,8 @@ znc::UniqueFd open_or_make_dir(int dir, const char* name)
     return fd;
 }
 
-// A document; nothing when it is not there. Neither a link nor a pipe is taken for one.
+// Reads a document; returns nothing if it does not exist. Only regular files are accepted, no links
+// or FIFOs.
 std::optional<std::string> read_document(int dir, const std::string& name)
 {
     const znc::UniqueFd file(
@@ -79,12 +81,12 @@ std::optional<std::string> read_document(int dir, const std::string& name)
     if (!file || ::fstat(file.get(), &st) != 0)
         fail(name);
     if (!S_ISREG(st.st_mode))
-        throw Failure(name, "is no regular file");
+        throw Failure(name, "is not a regular file");
     const auto size = static_cast<std::uint64_t>(st.st_size);
     return read_all(*read_part(file.get(), name, 0, size), name, Limits{}.json);
 }
 
-// Gives the directory's entry this content in one step.
+// Atomically replaces the content of a document.
 void write_document(int dir, const char* name, std::string_view content)
 {
     ::unlinkat(dir, kNewDocument, 0);
@@ -103,12 +105,12 @@ bool same_file(int fd, const std::string& path)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// "sha256:" and 64 digits: the digits, which are the blob's name.
+// Returns the 64 hexadecimal digits of a "sha256:" digest, which are the name of the blob.
 std::string blob_name(const std::string& digest)
 {
     constexpr std::string_view kKind = "sha256:";
     if (!znc::is_digest(digest) || !digest.starts_with(kKind))
-        throw Failure(digest, "is no digest of a blob");
+        throw Failure(digest, "is not a valid blob digest");
     return digest.substr(kKind.size());
 }
 
@@ -124,9 +126,9 @@ Json read_index(int dir)
     if (!index)
         throw Failure(kName, notes.problem);
     if (!zncctl::is_array(member(*index, "manifests")))
-        throw Failure(kName, "\"manifests\" is no array");
+        throw Failure(kName, "\"manifests\" is not an array");
     if (notes.inexact)
-        throw Failure(kName, "holds a number that cannot be kept as it is");
+        throw Failure(kName, "contains a number that cannot be preserved exactly");
     return *std::move(index);
 }
 
@@ -135,7 +137,8 @@ struct Platform {
     std::string arch;
 };
 
-// As the index entry has it, or else the image's configuration; "" for what cannot be told.
+// Returns the platform given by the index entry or by the image's configuration; "" for unknown
+// parts.
 Platform platform_of(int blobs, const Json& entry)
 try {
     const Json* given = member(entry, "platform");
@@ -158,7 +161,7 @@ try {
     return {};
 }
 
-// Whether unpacking could take this entry for that image.
+// Returns whether unpacking might select this entry for the given image.
 bool is_image(int blobs, const Json& entry, const std::string& tag, const std::string& os,
               const std::string& arch)
 {
@@ -183,7 +186,8 @@ Json index_entry(const IndexEntry& entry)
 
 } // namespace
 
-// What is there, and what has to go again unless the index names it.
+// Open files of the layout, and what the destructor must remove unless add_to_index() has
+// succeeded.
 struct LayoutWriter::State {
     explicit State(std::string layout) : path(std::move(layout)) {}
     ~State()
@@ -203,13 +207,14 @@ struct LayoutWriter::State {
     znc::UniqueFd dir;
     znc::UniqueFd blobs;
     bool made_dir = false; // the directory did not exist
-    bool fresh = false;    // it was empty
+    bool fresh = false;    // the directory was empty
     bool committed = false;
     std::vector<std::string> kept; // names of new blobs
     unsigned next_name = 0;
 };
 
-// Whoever made the directory and failed removes it; who waited meanwhile begins anew.
+// An import that created the directory and failed removes it. An import that was waiting for the
+// lock must then start again with a new directory.
 void LayoutWriter::State::open_locked()
 {
     for (;;) {
@@ -243,7 +248,7 @@ void LayoutWriter::State::read_or_begin()
         if (notes.duplicate_key)
             throw Failure(path + "/" + kName, notes.problem);
         if (text_of(document, "imageLayoutVersion") != "1.0.0")
-            throw Failure(path, "is no image layout of version 1.0.0");
+            throw Failure(path, "is not an image layout of version 1.0.0");
     } else {
         if (!names_in(dir.get(), path).empty())
             throw Failure(path, "is neither empty nor an image layout");
@@ -277,7 +282,7 @@ LayoutWriter::LayoutWriter(const std::string& path) : state_(std::make_unique<St
 {
     state_->open_locked();
     state_->read_or_begin();
-    static_cast<void>(read_index(state_->dir.get())); // one that cannot be changed is told early
+    static_cast<void>(read_index(state_->dir.get())); // report an unusable index early
 }
 
 LayoutWriter::~LayoutWriter() = default;
@@ -290,11 +295,11 @@ void LayoutWriter::check_tag(const std::string& tag, const std::string& os, cons
     const Json index = read_index(state_->dir.get());
     for (const Json& entry : zncctl::children(member(index, "manifests"))) {
         if (is_image(state_->blobs.get(), entry, tag, os, arch))
-            throw Failure(state_->path,
-                          fmt::format("holds an image {} for {}/{} already; --force puts the new "
-                                      "one in its place",
-                                      tag, os, arch),
-                          zncctl::kExitWrongState);
+            throw Failure(
+                state_->path,
+                fmt::format("already contains an image {} for {}/{}; use --force to replace it",
+                            tag, os, arch),
+                zncctl::kExitWrongState);
     }
 }
 
@@ -315,7 +320,8 @@ NewBlob LayoutWriter::begin_blob() const
     return {std::move(file), std::move(own), name};
 }
 
-// Takes the place of a blob of that name, which may be damaged: this one is known to be right.
+// Replaces an existing blob of this name, which may be damaged: the new blob is known to be
+// correct.
 void LayoutWriter::keep(const NewBlob& blob, const std::string& digest) const
 {
     const std::string name = blob_name(digest);
@@ -347,7 +353,8 @@ std::string LayoutWriter::add_blob(std::string_view content) const
 
 namespace {
 
-// In place of the first that it replaces, since the first one is taken; the others go.
+// Replaces the first matching entry, since readers use the first one, and removes the other
+// matching entries.
 void put_entry(Json& list, const IndexEntry& entry, int blobs)
 {
     Json kept = Json::array();
@@ -374,7 +381,7 @@ void LayoutWriter::add_to_index(const IndexEntry& entry) const
     Json index = read_index(dir);
     put_entry(index["manifests"], entry, state.blobs.get());
 
-    // What the index names is on the disk before the index is.
+    // Everything that the index refers to must be on disk before the index is.
     const znc::UniqueFd above = open_or_make_dir(dir, "blobs");
     if (::fsync(state.blobs.get()) != 0 || ::fsync(above.get()) != 0 || ::fsync(dir) != 0)
         fail(state.path);

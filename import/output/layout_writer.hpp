@@ -1,6 +1,6 @@
-// layout_writer.hpp - puts an image into a layout so that whoever reads it at any time finds the
-// old or the new one whole: blobs first, under names of their own until they are complete, the
-// index last. Used by import.cpp.
+// layout_writer.hpp - adds an image to a layout so that readers find either the old or the new
+// image, complete, at any time: first the blobs, under temporary names until they are complete, and
+// the index last. Used by import.cpp.
 #ifndef ZNC_IMPORT_OUTPUT_LAYOUT_WRITER_HPP
 #define ZNC_IMPORT_OUTPUT_LAYOUT_WRITER_HPP
 
@@ -14,8 +14,8 @@
 
 namespace zncimport {
 
-// A file in the layout's blob directory that is gone unless it is kept: one without a name, or, on
-// file systems that have none such, one with a name of its own.
+// A new file in the blob directory, which is removed unless it is kept: an unnamed file, or, on
+// file systems without O_TMPFILE, a file with a temporary name.
 class NewBlob {
   public:
     explicit NewBlob(znc::UniqueFd file) : file_(std::move(file)) {}
@@ -23,7 +23,8 @@ class NewBlob {
         : file_(std::move(file)), dir_(std::move(dir)), name_(std::move(name))
     {
     }
-    NewBlob(NewBlob&& other) noexcept = default; // without its directory it removes nothing
+    // a moved-from object has no directory and removes nothing
+    NewBlob(NewBlob&& other) noexcept = default;
     NewBlob& operator=(NewBlob&&) = delete;
     NewBlob(const NewBlob&) = delete;
     NewBlob& operator=(const NewBlob&) = delete;
@@ -34,7 +35,7 @@ class NewBlob {
     }
 
     [[nodiscard]] int fd() const { return file_.get(); }
-    [[nodiscard]] const std::string& name() const { return name_; } // "" for none
+    [[nodiscard]] const std::string& name() const { return name_; } // "" for an unnamed file
 
   private:
     znc::UniqueFd file_;
@@ -53,27 +54,28 @@ struct IndexEntry {
 
 class LayoutWriter {
   public:
-    // Makes the layout where there is none, and locks it against other imports for its life; waits
-    // while another has it. An existing directory that is neither empty nor a layout is a Failure,
-    // and so are links in place of its directories and documents.
+    // Creates the layout if it does not exist, and locks it against other imports for the lifetime
+    // of this object; waits while another import holds the lock. Throws Failure if an existing
+    // directory is neither empty nor a layout, or if its directories or documents are symbolic
+    // links.
     explicit LayoutWriter(const std::string& path);
-    // Unless add_to_index() was done, takes away again what was made and kept.
+    // Unless add_to_index() has succeeded, removes everything that was created.
     ~LayoutWriter();
     LayoutWriter(const LayoutWriter&) = delete;
     LayoutWriter& operator=(const LayoutWriter&) = delete;
 
-    // Throws when an image of this name and platform is there and may not be replaced. One whose
-    // platform cannot be told counts, and for "latest" one without a name, as unpacking takes it.
+    // Throws Failure if an image of this name and platform exists and may not be replaced. An image
+    // of unknown platform counts as a match. For "latest" an unnamed image counts, too, because
+    // unpacking would select it.
     void check_tag(const std::string& tag, const std::string& os, const std::string& arch,
                    bool replace) const;
     [[nodiscard]] NewBlob begin_blob() const;
-    // Gives the blob its name; one of the same name and size that is there already is left as it
-    // is.
+    // Gives the blob its final name, replacing an existing blob of that name.
     void keep(const NewBlob& blob, const std::string& digest) const;
-    // A small blob as a whole; its digest.
+    // Writes a small blob and returns its digest.
     [[nodiscard]] std::string add_blob(std::string_view content) const;
-    // Puts the entry in, in place of one of the same tag and platform; the other entries stay as
-    // they are.
+    // Adds the entry, replacing entries of the same tag and platform. Other entries are not
+    // changed.
     void add_to_index(const IndexEntry& entry) const;
 
   private:

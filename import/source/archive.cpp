@@ -33,7 +33,7 @@ Kind kind_of(archive_entry* entry)
     }
 }
 
-// The library keeps access control lists apart from the other attributes.
+// libarchive stores ACLs separately from other extended attributes.
 std::vector<std::string> xattrs_of(archive_entry* entry)
 {
     std::vector<std::string> names;
@@ -53,8 +53,8 @@ std::vector<std::string> xattrs_of(archive_entry* entry)
     return names;
 }
 
-// A name that is no UTF-8 though its header says so: the library passes its bytes on as they are,
-// and so does everything here.
+// A pax name that is not valid UTF-8: libarchive passes its bytes on unchanged, and so does this
+// program.
 bool is_harmless(const char* warning)
 {
     return warning != nullptr &&
@@ -163,7 +163,7 @@ void ArchiveReader::data(const std::function<void(std::span<const std::byte>)>& 
             library_.fail(name_);
         const auto start = static_cast<std::uint64_t>(offset);
         if (offset < 0 || start < at || start > size_ || count > size_ - start)
-            throw Failure(name_, "a sparse file has its parts in disorder");
+            throw Failure(name_, "the parts of a sparse file are not in order");
         fill_to(start);
         if (count != 0)
             sink({static_cast<const std::byte*>(bytes), count});

@@ -1,4 +1,5 @@
-// documents.hpp - how the documents of an image are made: names that the format gives, and digests.
+// documents.hpp - helpers for building the documents of an image: names defined by the format and
+// digests.
 // Used by image_config and layout_writer.
 #ifndef ZNC_IMPORT_SOURCE_DOCUMENTS_HPP
 #define ZNC_IMPORT_SOURCE_DOCUMENTS_HPP

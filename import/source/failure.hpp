@@ -1,5 +1,5 @@
-// failure.hpp - how everything in here fails: by an exception that says what and why. main() turns
-// it into one line and an exit status; nothing that was begun is left, because destructors run.
+// failure.hpp - the exception that all errors of an import throw, with the cause. main() turns it
+// into a one-line message and an exit status; destructors clean up.
 #ifndef ZNC_IMPORT_SOURCE_FAILURE_HPP
 #define ZNC_IMPORT_SOURCE_FAILURE_HPP
 
@@ -12,7 +12,7 @@ namespace zncimport {
 
 class Failure : public std::runtime_error {
   public:
-    // `object`: the file, member or blob it is about, "" for none.
+    // `object` is the file, member or blob concerned, "" for none.
     Failure(std::string object, const std::string& message,
             zncctl::ExitStatus status = zncctl::kExitFailure)
         : std::runtime_error(message), object_(std::move(object)), status_(status)

@@ -28,7 +28,8 @@ class OwningReader : public Reader {
     ReaderPtr reader_;
 };
 
-// A member's name without "." and empty components; nothing if it is absolute or leads upwards.
+// Returns a member's name without "." and empty components, or nothing if it is absolute or
+// contains "..".
 std::optional<std::string> plain_name(std::string_view path)
 {
     if (path.starts_with('/'))
@@ -48,7 +49,8 @@ std::optional<std::string> plain_name(std::string_view path)
     return name;
 }
 
-// Where a symbolic link leads, from the archive's top; nothing if that is outside of it.
+// Returns the target of a symbolic link relative to the top of the archive, or nothing if it is
+// outside.
 std::optional<std::string> linked_name(const std::string& link, std::string_view target)
 {
     std::string at = link.substr(0, link.find('/') == link.npos ? 0 : link.rfind('/'));
@@ -63,7 +65,8 @@ std::optional<std::string> linked_name(const std::string& link, std::string_view
     return plain_name(at.empty() ? std::string(target) : at + "/" + std::string(target));
 }
 
-// The next directory on the way, or the file at its end. A FIFO must not keep anyone waiting.
+// Opens the next directory of the path, or the file at its end. O_NONBLOCK prevents blocking on a
+// FIFO.
 znc::UniqueFd open_step(int directory, const std::string& name, bool last)
 {
     constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
@@ -82,7 +85,7 @@ std::optional<FilePart> DirectoryFiles::find(const std::string& path) const
 {
     const std::optional<std::string> name = plain_name(path);
     if (!name || name->empty())
-        throw Failure(path, "is no name of a file in an image");
+        throw Failure(path, "is not a valid file name in an image");
     znc::UniqueFd held;
     for (std::size_t start = 0; start <= name->size();) {
         const std::size_t end = std::min(name->find('/', start), name->size());
@@ -99,7 +102,7 @@ std::optional<FilePart> DirectoryFiles::find(const std::string& path) const
     if (::fstat(held.get(), &status) != 0)
         throw Failure(path, zncctl::error_text());
     if (!S_ISREG(status.st_mode))
-        throw Failure(path, "is no regular file");
+        throw Failure(path, "is not a regular file");
     FilePart part;
     part.owner = std::make_shared<const znc::UniqueFd>(std::move(held));
     part.fd = part.owner->get();
@@ -152,11 +155,11 @@ std::optional<FilePart> ArchiveFiles::find(const std::string& path) const
         else if (place.kind == Kind::kHardlink)
             name = plain_name(place.target);
         else if (place.kind != Kind::kFile || place.sparse)
-            throw Failure(path, place.sparse ? "is a sparse file" : "is no regular file");
+            throw Failure(path, place.sparse ? "is a sparse file" : "is not a regular file");
         else
             return FilePart{whole_.fd, place.extent, path, whole_.owner};
     }
-    throw Failure(path, "is at the end of too many links");
+    throw Failure(path, "goes through too many links");
 }
 
 namespace {
@@ -169,9 +172,9 @@ void check_document(const std::string& text, const std::string& name, const std:
     if (digest.empty())
         return;
     if (!znc::digest_algorithm(digest))
-        throw Failure(name, "its digest is of an unknown kind");
+        throw Failure(name, "has a digest of an unknown algorithm");
     if (!zncctl::has_digest(text, digest))
-        throw Failure(name, "is not what its digest says");
+        throw Failure(name, "does not match its digest");
 }
 
 } // namespace
@@ -196,7 +199,7 @@ std::string Documents::take(std::string text, const std::string& digest, std::in
 
 void Documents::count(const std::string& text, const std::string& name)
 {
-    constexpr std::uint64_t kOfFullLength = 16; // so many, or more that are shorter
+    constexpr std::uint64_t kOfFullLength = 16; // in total, this many documents of maximum length
     all_ += text.size();
     if (all_ / kOfFullLength > limit_)
         throw Failure(name, "the documents of all images together are too long (see --max-json)");

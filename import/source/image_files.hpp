@@ -1,5 +1,5 @@
-// image_files.hpp - the files that an image consists of, by their paths: below a directory, or in
-// an archive that stands plain in a file. Used by the sources.
+// image_files.hpp - access to the files of an image by path, either in a directory or in an
+// uncompressed archive. Used by the sources.
 #ifndef ZNC_IMPORT_SOURCE_IMAGE_FILES_HPP
 #define ZNC_IMPORT_SOURCE_IMAGE_FILES_HPP
 
@@ -13,7 +13,7 @@
 
 namespace zncimport {
 
-// A part of a file that is open; `owner` holds the descriptor where nobody else does.
+// A part of an open file. `owner` holds the descriptor if nothing else owns it.
 struct FilePart {
     int fd = -1;
     Extent extent;
@@ -30,12 +30,12 @@ class ImageFiles {
     ImageFiles(const ImageFiles&) = delete;
     ImageFiles& operator=(const ImageFiles&) = delete;
 
-    // Nothing where there is none of this name; what is there and is no regular file is a Failure.
+    // Returns nothing if there is no such file. Throws Failure if it is not a regular file.
     [[nodiscard]] virtual std::optional<FilePart> find(const std::string& path) const = 0;
 };
 using ImageFilesPtr = std::unique_ptr<ImageFiles>;
 
-// Everything is opened below the directory, which is borrowed; no link is followed.
+// Opens files below the directory (borrowed); symbolic links are not followed.
 class DirectoryFiles : public ImageFiles {
   public:
     explicit DirectoryFiles(int directory) : directory_(directory) {}
@@ -45,16 +45,16 @@ class DirectoryFiles : public ImageFiles {
     int directory_;
 };
 
-// Members are read where they stand. Links between members are followed, as older archives store
-// equal layers so; of members of the same name the last one counts.
+// Reads members in place. Links between members are followed, because older archives store
+// identical layers as links. If several members have the same name, the last one counts.
 class ArchiveFiles : public ImageFiles {
   public:
-    // Reads all headers; the descriptor in `whole` is borrowed.
+    // Reads all headers. The descriptor in `whole` is borrowed.
     ArchiveFiles(const FilePart& whole, const Limits& limits);
 
     [[nodiscard]] bool has(const std::string& path) const;
-    // A root filesystem's names are the merge's to judge, those of an image's own files must be
-    // plain: throws Failure when one is absolute or leads upwards.
+    // Throws Failure if a name is absolute or contains "..". Do not call this for a root
+    // filesystem: the merge checks its names.
     void check_names() const;
     [[nodiscard]] std::optional<FilePart> find(const std::string& path) const override;
 
@@ -71,17 +71,17 @@ class ArchiveFiles : public ImageFiles {
     std::string bad_name_;
 };
 
-// "sha256:" or "sha512:" with as many hexadecimal digits as that takes.
+// "sha256:" or "sha512:" followed by the right number of hexadecimal digits.
 using znc::is_digest;
 
-// Reads documents as a whole, each held to its limit, its size (-1: not known) and digest ("": not
-// known). A few bytes of text make many in memory, and any number of images may name the same
-// document, so that all of them together have a limit too.
+// Reads complete documents and checks each against the limit, its size (-1: unknown) and its digest
+// ("": unknown). Parsed JSON needs far more memory than its text, and many images may refer to the
+// same document, so the total size is limited, too.
 class Documents {
   public:
     explicit Documents(std::uint64_t limit) : limit_(limit) {}
     std::string read(const FilePart& file, const std::string& digest, std::int64_t size);
-    // One that did not have to be read from a file.
+    // Checks and returns a document that is already in memory.
     std::string take(std::string text, const std::string& digest, std::int64_t size);
 
   private:

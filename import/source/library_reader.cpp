@@ -28,7 +28,8 @@ void LibraryReader::open(const std::string& name)
     archive_read_set_callback_data(get(), this);
     archive_read_set_read_callback(get(), read_source);
     archive_read_set_skip_callback(get(), skip_source);
-    // Looking for the format, the library takes a stream that fails at once for an empty one.
+    // When detecting the format, libarchive treats a read error at the start as an empty stream:
+    // check for an exception, too.
     if (archive_read_open1(get()) != ARCHIVE_OK || thrown_ ||
         archive_error_string(get()) != nullptr)
         fail(name);

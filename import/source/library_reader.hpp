@@ -1,5 +1,4 @@
-// library_reader.hpp - a handle of libarchive that takes its bytes from a Reader. Used by archive
-// and stream.
+// library_reader.hpp - a libarchive handle that reads from a Reader. Used by archive and stream.
 #ifndef ZNC_IMPORT_SOURCE_LIBRARY_READER_HPP
 #define ZNC_IMPORT_SOURCE_LIBRARY_READER_HPP
 
@@ -14,7 +13,7 @@ namespace zncimport {
 
 class LibraryReader {
   public:
-    // `source` is borrowed. Formats and filters are set by its user, before it is opened.
+    // `source` is borrowed. The caller sets formats and filters before open().
     explicit LibraryReader(Reader& source);
     ~LibraryReader();
     LibraryReader(const LibraryReader&) = delete;
@@ -22,10 +21,11 @@ class LibraryReader {
 
     [[nodiscard]] archive* get() const { return archive_.get(); }
     void open(const std::string& name);
-    // How many bytes of the source were handed over.
+    // Number of bytes read from the source so far.
     [[nodiscard]] std::uint64_t given() const { return given_; }
 
-    // What the library says, or what the source threw on the way: no exception passes through C.
+    // Throws the exception that the source threw, or a Failure with libarchive's message.
+    // Exceptions are stored, since they must not pass through C code.
     [[noreturn]] void fail(const std::string& name) const;
 
   private:

@@ -15,7 +15,7 @@ void Budget::take_entry(const std::string& object)
 void Budget::take_bytes(const std::string& object, std::uint64_t count)
 {
     if (count > limits_.bytes - bytes_)
-        throw Failure(object, fmt::format("the image holds more than {} bytes (see --max-bytes)",
+        throw Failure(object, fmt::format("the image contains more than {} bytes (see --max-bytes)",
                                           limits_.bytes));
     bytes_ += count;
 }
@@ -23,11 +23,10 @@ void Budget::take_bytes(const std::string& object, std::uint64_t count)
 void Budget::take_names(const std::string& object, std::uint64_t count)
 {
     constexpr std::uint64_t kPerEntry = 512;
-    constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{16} << 20U; // for images of few members
+    constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{16} << 20U; // even with few members
     names_ += count;
     if (names_ > kAlwaysAllowed && names_ / kPerEntry > limits_.entries)
-        throw Failure(object,
-                      "the names in the image are too long for so many (see --max-entries)");
+        throw Failure(object, "the names in the image take up too many bytes (see --max-entries)");
 }
 
 } // namespace zncimport

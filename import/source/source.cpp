@@ -13,10 +13,10 @@
 namespace zncimport {
 namespace {
 
-// Decompresses, or copies, everything into the spool.
+// Decompresses or copies the whole stream into the spool.
 FilePart spooled(Reader& stream, const std::string& name, Spool& spool, const Limits& limits)
 {
-    // The layers in it count for themselves, later.
+    // A separate budget: the layers are counted later, when they are read.
     Budget budget(limits);
     const ReaderPtr bytes = plain(stream, name, budget);
     const std::uint64_t start = spool.size();
@@ -26,7 +26,8 @@ FilePart spooled(Reader& stream, const std::string& name, Spool& spool, const Li
     return {spool.fd(), {start, spool.size() - start}, name, nullptr};
 }
 
-// The archive as a plain file: where it is, if it can be read in any order, or in the spool.
+// Returns the uncompressed archive: the original file if it is uncompressed and seekable, else a
+// copy in the spool.
 FilePart plain_archive(const OpenedSource& opened, Spool& spool, const Limits& limits)
 {
     const int fd = opened.fd.get();
@@ -86,7 +87,7 @@ bool is_named(const SourceImage& image, const std::string& wanted)
     });
 }
 
-// A root filesystem says nothing about the platform it is for.
+// A root filesystem does not specify a platform and matches any.
 bool is_for(const SourceImage& image, const Wanted& wanted)
 {
     const auto fits = [](const std::string& has, const std::string& asked) {
@@ -125,7 +126,7 @@ SourceName split_source_name(const std::string& text)
         result.path.resize(colon);
     }
     if (result.path.empty())
-        throw Failure("", fmt::format("\"{}\" names no file", text), zncctl::kExitUsage);
+        throw Failure("", fmt::format("\"{}\" does not name a file", text), zncctl::kExitUsage);
     return result;
 }
 
@@ -140,7 +141,8 @@ void read_platform(const std::string& text, Wanted& wanted)
     const bool empty = std::any_of(parts.begin(), parts.end(),
                                    [](const std::string& part) { return part.empty(); });
     if (empty || parts.size() < 2 || parts.size() > 3)
-        throw Failure("", fmt::format("\"{}\" is no OS/ARCH[/VARIANT]", text), zncctl::kExitUsage);
+        throw Failure("", fmt::format("\"{}\" is not of the form OS/ARCH[/VARIANT]", text),
+                      zncctl::kExitUsage);
     wanted.os = parts[0];
     wanted.arch = parts[1];
     wanted.variant = parts.size() == 3 ? parts[2] : "";
@@ -159,11 +161,12 @@ OpenedSource open_source(const SourceName& name)
                       errno == ENOENT ? zncctl::kExitNotFound : zncctl::kExitFailure);
     if (standard)
         opened.name.path = "standard input";
-    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) // /dev/zero has no end
+    // for example /dev/zero, which is endless
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         throw Failure(opened.name.path, "is a device");
     opened.directory = S_ISDIR(status.st_mode);
     if (!is_compatible(name.prefix, opened.directory))
-        throw Failure(name.path, opened.directory ? "is a directory" : "is no directory");
+        throw Failure(name.path, opened.directory ? "is a directory" : "is not a directory");
     return opened;
 }
 
@@ -191,16 +194,16 @@ std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
     std::vector<std::size_t> usable;
     std::copy_if(found.begin(), found.end(), std::back_inserter(usable),
                  [&](std::size_t i) { return images[i].problem.empty(); });
-    // Beside an image there are often statements about it in the shape of images, and images for
-    // other platforms of which only the names are there.
+    // A layout often also contains attestations in the form of images, and index entries of other
+    // platforms whose blobs are missing.
     if (found.size() == 1 || usable.size() == 1)
         return usable.empty() ? found[0] : usable[0];
     if (images.empty())
-        throw Failure("", "the source holds no image", zncctl::kExitNotFound);
+        throw Failure("", "the source contains no image", zncctl::kExitNotFound);
     if (found.empty())
-        throw Failure("", "no such image in the source, it holds: " + listed(images, all),
+        throw Failure("", "no such image in the source, which contains: " + listed(images, all),
                       zncctl::kExitNotFound);
-    throw Failure("", "several images fit, name one: " + listed(images, found),
+    throw Failure("", "several images match, select one: " + listed(images, found),
                   zncctl::kExitNotFound);
 }
 
@@ -213,7 +216,7 @@ zncctl::Json parse_document(const std::string& text, const std::string& name, bo
     if (!json)
         throw Failure(name, said.problem);
     if (array ? !json->is_array() : !json->is_object())
-        throw Failure(name, array ? "is no JSON array" : "is no JSON object");
+        throw Failure(name, array ? "is not a JSON array" : "is not a JSON object");
     return *std::move(json);
 }
 
@@ -222,7 +225,7 @@ void read_config(SourceImage& image, const std::string& text, const std::string&
     zncctl::JsonNotes notes;
     zncctl::Json config = parse_document(text, name, false, &notes);
     if (notes.inexact && image.problem.empty())
-        image.problem = "its configuration holds a number that cannot be kept as it is";
+        image.problem = "its configuration contains a number that cannot be preserved exactly";
     const auto take = [&](const char* key, std::string& to) {
         if (const std::string value = zncctl::text_of(config, key); !value.empty())
             to = value;
@@ -241,7 +244,7 @@ void read_config(SourceImage& image, const std::string& text, const std::string&
         const std::string* value = zncctl::text(&diff);
         const std::string digest = value != nullptr ? *value : "";
         if ((!is_digest(digest) || !digest.starts_with("sha256:")) && image.problem.empty())
-            image.problem = "its configuration has a layer's digest that is none";
+            image.problem = "its configuration has an invalid diff ID";
         if (at < image.layers.size())
             image.layers[at++].diff_id = digest;
     }

@@ -5,7 +5,8 @@
 namespace zncimport {
 namespace {
 
-// The digest that a configuration's file name says, or "": "HEX.json" or "blobs/sha256/HEX".
+// Returns the digest contained in the file name of a configuration, "HEX.json" or
+// "blobs/sha256/HEX", or "".
 std::string digest_of_name(const std::string& path)
 {
     std::string name = path.substr(path.rfind('/') + 1); // npos wraps to 0
@@ -57,7 +58,7 @@ class DockerSource : public Source {
         for (const zncctl::Json& item : zncctl::children(zncctl::member(entry, "Layers"))) {
             const std::string* name = zncctl::text(&item);
             if (name == nullptr)
-                throw Failure("manifest.json", "a layer's name is no text");
+                throw Failure("manifest.json", "a layer's name is not a string");
             image.layers.push_back({*name, "", "", size_of(*name)});
             if (image.layers.back().size < 0)
                 image.problem = fmt::format("the layer {} is missing", *name);
@@ -69,7 +70,7 @@ class DockerSource : public Source {
         return image;
     }
 
-    // -1 if it is not there.
+    // Returns -1 if there is no such file.
     [[nodiscard]] std::int64_t size_of(const std::string& path) const
     {
         const std::optional<FilePart> found = files_->find(path);

@@ -51,7 +51,7 @@ struct Descriptor {
     std::string type;
     std::string digest;
     std::int64_t size = 0;
-    std::string data; // the blob itself, as Base64; "" if it is not embedded
+    std::string data; // the embedded blob in Base64; "" if there is none
 };
 
 Descriptor read_descriptor(const zncctl::Json* json, const std::string& where)
@@ -59,10 +59,10 @@ Descriptor read_descriptor(const zncctl::Json* json, const std::string& where)
     Descriptor result = {zncctl::text_of(json, "mediaType"), zncctl::text_of(json, "digest"), 0,
                          zncctl::text_of(json, "data")};
     if (!is_digest(result.digest))
-        throw Failure(where, "has a digest that is none");
+        throw Failure(where, "has an invalid digest");
     result.size = zncctl::integer(zncctl::member(json, "size")).value_or(-1);
     if (result.size < 0)
-        throw Failure(where, fmt::format("the size of {} is no number of bytes", result.digest));
+        throw Failure(where, fmt::format("the size of {} is invalid", result.digest));
     return result;
 }
 
@@ -75,11 +75,11 @@ std::string decode(const Descriptor& descriptor)
 {
     auto bytes = decode_base64(descriptor.data);
     if (!bytes)
-        throw Failure(descriptor.digest, "the embedded data is no Base64");
+        throw Failure(descriptor.digest, "the embedded data is not valid Base64");
     return std::move(*bytes);
 }
 
-// What an index says about an image in it, and about those of an index in it.
+// The properties that an index defines for an image, which nested indexes inherit.
 struct Context {
     std::vector<std::string> names;
     const zncctl::Json* annotations = nullptr;
@@ -109,7 +109,8 @@ class LayoutSource : public Source {
     ReaderPtr open(const Layer& layer) override;
 
   private:
-    // An index is read whatever the version says, but not where readers find different ones.
+    // Any version number is accepted, but duplicate members are refused: parsers disagree about
+    // them.
     void check_version()
     {
         const std::optional<FilePart> file = files_->find("oci-layout");
@@ -134,7 +135,7 @@ class LayoutSource : public Source {
     std::size_t descriptors_ = 0;
 };
 
-// Nothing if the blob is not there.
+// Returns nothing if the blob does not exist.
 std::optional<std::string> LayoutSource::document(const Descriptor& descriptor)
 {
     if (!descriptor.data.empty())
@@ -166,7 +167,7 @@ void LayoutSource::walk(const zncctl::Json& index, const std::string& where, con
                         int depth)
 {
     if (zncctl::member(index, "layers") != nullptr || zncctl::member(index, "config") != nullptr)
-        throw Failure(where, "is an index and a manifest at once");
+        throw Failure(where, "is both an index and a manifest");
     const zncctl::Json* entries = zncctl::member(index, "manifests");
     if (!zncctl::is_array(entries))
         throw Failure(where, "has no list of manifests");
@@ -185,7 +186,7 @@ void LayoutSource::visit(const Descriptor& descriptor, const Context& context, i
     }
     if (depth == kIndexDepth)
         throw Failure(descriptor.digest,
-                      fmt::format("there are more than {} indexes in each other", kIndexDepth));
+                      fmt::format("indexes are nested more than {} levels deep", kIndexDepth));
     const std::optional<std::string> text = document(descriptor);
     if (!text) {
         images_.push_back(image_of(descriptor, context));
@@ -218,7 +219,7 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
     image.variant = zncctl::text_of(context.platform, "variant");
     image.manifest_digest = descriptor.digest;
     if (!is_manifest(descriptor.type) && !is_index(descriptor.type)) {
-        image.problem = fmt::format("is of the type \"{}\", which is no image", descriptor.type);
+        image.problem = fmt::format("has the type \"{}\", which is not an image", descriptor.type);
         return image;
     }
     const std::optional<std::string> text = document(descriptor);
@@ -230,7 +231,7 @@ SourceImage LayoutSource::image_of(const Descriptor& descriptor, const Context& 
     const std::string own_type = zncctl::text_of(manifest, "mediaType");
     if (zncctl::member(manifest, "manifests") != nullptr ||
         (!own_type.empty() && own_type != descriptor.type))
-        throw Failure(descriptor.digest, "says that it is of another type than the index says");
+        throw Failure(descriptor.digest, "has a different media type than the index says");
     image.annotations = zncctl::Json::object();
     std::set<std::string> seen;
     copy_annotations(image.annotations, zncctl::member(manifest, "annotations"), false, seen);
@@ -244,8 +245,9 @@ void LayoutSource::read_manifest(SourceImage& image, const zncctl::Json& manifes
     const std::string& where = image.manifest_digest;
     const Descriptor config = read_descriptor(zncctl::member(manifest, "config"), where);
     if (config.type != kConfig && config.type != kDockerConfig) {
-        image.problem = fmt::format("its configuration is of the type \"{}\", which is no image's",
-                                    config.type);
+        image.problem = fmt::format(
+            "its configuration has the type \"{}\", which is not that of an image configuration",
+            config.type);
         return;
     }
     read_layers(image, manifest);
@@ -266,8 +268,7 @@ void LayoutSource::read_layers(SourceImage& image, const zncctl::Json& manifest)
         if (!is_layer(layer.type))
             image.problem = fmt::format("layers of the type \"{}\" cannot be imported", layer.type);
         else if (!layer.digest.starts_with("sha256:"))
-            image.problem =
-                fmt::format("the digest {} is of another kind than sha256", layer.digest);
+            image.problem = fmt::format("the digest {} is not a sha256 digest", layer.digest);
         image.layers.push_back({layer.digest, layer.digest, "", layer.size});
     }
 }

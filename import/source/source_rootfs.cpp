@@ -9,7 +9,7 @@ class RootfsSource : public Source {
 
     std::vector<SourceImage> images() override
     {
-        // What a pipe gives when its other end has failed.
+        // An empty stream usually means that the process writing to the pipe has failed.
         if (archive_ && archive_->extent.size == 0)
             throw Failure(archive_->name, "is empty");
         std::vector<SourceImage> images(1);

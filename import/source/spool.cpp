@@ -15,7 +15,7 @@ std::string usual_directory()
     return set != nullptr && *set != '\0' ? set : "/var/tmp";
 }
 
-// Not every file system can make a file without a name.
+// Creates an unnamed file; not every file system supports O_TMPFILE.
 znc::UniqueFd unnamed_file(const std::string& directory)
 {
     znc::UniqueFd file(::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));

@@ -1,5 +1,6 @@
-// spool.hpp - file data on its way from the layers to the new layer: one file without a name, in
-// the directory for temporary files, that goes with its descriptor. Used by sources and the merge.
+// spool.hpp - temporary storage for file data between reading the layers and writing the new one:
+// an unnamed file in the directory for temporary files, which disappears when its descriptor is
+// closed. Used by the sources and the merge.
 #ifndef ZNC_IMPORT_SOURCE_SPOOL_HPP
 #define ZNC_IMPORT_SOURCE_SPOOL_HPP
 
@@ -7,7 +8,7 @@
 
 namespace zncimport {
 
-// A run of bytes in the spool.
+// A range of bytes in the spool.
 struct Extent {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
@@ -15,17 +16,17 @@ struct Extent {
 
 class Spool {
   public:
-    // `directory`: "" for $TMPDIR, or /var/tmp without one.
+    // `directory` may be "": then $TMPDIR, or /var/tmp, is used.
     explicit Spool(const std::string& directory = "");
 
-    // Writes behind everything else.
+    // Appends bytes.
     void append(std::span<const std::byte> bytes);
     [[nodiscard]] std::uint64_t size() const { return size_; }
-    // Gives back what was appended from here on.
+    // Truncates the spool to `size` bytes.
     void cut(std::uint64_t size);
 
     [[nodiscard]] ReaderPtr read(Extent extent) const;
-    // Of the file, borrowed.
+    // The descriptor of the file (borrowed).
     [[nodiscard]] int fd() const { return file_.get(); }
 
   private:

@@ -15,7 +15,8 @@ namespace zncimport {
 namespace {
 
 constexpr std::size_t kPart = std::size_t{64} << 10U;
-// Short streams of much the same are compressed without limit by honest tools too.
+// The ratio is checked only beyond this size: short, repetitive streams legitimately compress very
+// well.
 constexpr std::uint64_t kRatioFrom = std::uint64_t{16} << 20U;
 
 class PartReader : public Reader {
@@ -35,7 +36,7 @@ class PartReader : public Reader {
         if (got < 0)
             throw Failure(name_, zncctl::error_text());
         if (got == 0 && left_ != 0 && !out.empty())
-            throw Failure(name_, "ends too early");
+            throw Failure(name_, "is truncated");
         skip(static_cast<std::uint64_t>(got));
         return static_cast<std::size_t>(got);
     }
@@ -75,7 +76,7 @@ class StreamReader : public Reader {
     std::string name_;
 };
 
-// Gives the first bytes again, which were read to tell what the stream is.
+// Returns the first bytes again, which were read to detect the compression.
 class Peeked : public Reader {
   public:
     explicit Peeked(Reader& source) : source_(source)
@@ -107,7 +108,7 @@ class Peeked : public Reader {
     std::size_t at_ = 0;
 };
 
-// The library's number of what compressed it, ARCHIVE_FILTER_NONE for none that is taken.
+// Returns libarchive's number of the compression, ARCHIVE_FILTER_NONE if it is not supported.
 int filter_of(std::span<const std::byte> head)
 {
     const std::string_view text(reinterpret_cast<const char*>(head.data()), head.size());
@@ -119,7 +120,7 @@ int filter_of(std::span<const std::byte> head)
                                           "7zXZ\0",
                                           6)))
         return ARCHIVE_FILTER_XZ;
-    // A frame to be passed over may come first: sixteen numbers are set aside for those.
+    // A zstd stream may begin with a skippable frame; sixteen magic numbers are reserved for those.
     const bool skipped =
         text.size() >= 4 && (text[0] & '\xf0') == '\x50' && text.substr(1, 3) == "\x2a\x4d\x18";
     return skipped || text.starts_with("\x28\xb5\x2f\xfd") ? ARCHIVE_FILTER_ZSTD
@@ -128,12 +129,12 @@ int filter_of(std::span<const std::byte> head)
 
 class Decompressor : public Reader {
   public:
-    // How many compressed bytes it took so far.
+    // Number of compressed bytes read so far.
     [[nodiscard]] virtual std::uint64_t taken() const = 0;
 };
 
-// By zlib itself, which checks what each member says of its length and checksum; libarchive passes
-// over both.
+// Uses zlib directly, because it checks the length and checksum of each member; libarchive ignores
+// both.
 class GzipReader : public Decompressor {
   public:
     GzipReader(Reader& source, const std::string& name) : source_(source), name_(name), in_(kPart)
@@ -162,12 +163,12 @@ class GzipReader : public Decompressor {
     }
 
   private:
-    // False at the end of the last member.
+    // Returns false at the end of the last member.
     bool refill()
     {
         const std::size_t got = source_.read(in_);
         if (got == 0 && !between_)
-            throw Failure(name_, "the compressed data ends too early");
+            throw Failure(name_, "the compressed data is truncated");
         taken_ += got;
         state_.next_in = reinterpret_cast<Bytef*>(in_.data());
         state_.avail_in = static_cast<uInt>(got);
@@ -189,7 +190,7 @@ class GzipReader : public Decompressor {
     const std::string& name_;
     std::vector<std::byte> in_;
     z_stream state_{};
-    bool between_ = false; // a member ended, and nothing of another was seen
+    bool between_ = false; // a member has ended, and no byte of another was read
     std::uint64_t taken_ = 0;
 };
 
@@ -199,8 +200,8 @@ class FilterReader : public Decompressor {
         : source_(source), name_(name), library_(source)
     {
         archive* handle = library_.get();
-        // One named filter: left to itself the library would look for compression in what it
-        // decompressed, again and again.
+        // Set exactly one filter: otherwise libarchive would look for further layers of compression
+        // in the decompressed data.
         if (archive_read_append_filter(handle, filter) != ARCHIVE_OK ||
             archive_read_support_format_raw(handle) != ARCHIVE_OK ||
             archive_read_support_format_empty(handle) != ARCHIVE_OK)
@@ -229,14 +230,14 @@ class FilterReader : public Decompressor {
     }
 
   private:
-    // The library stops without a word where something else than compressed data begins.
+    // libarchive silently stops where the compressed data end and other data follow.
     void check_end()
     {
         const la_int64_t used = archive_filter_bytes(library_.get(), -1);
         std::array<std::byte, kPart> more{};
         if (used < 0 || static_cast<std::uint64_t>(used) != library_.given() ||
             source_.read(more) != 0)
-            throw Failure(name_, "has other bytes behind its compressed data");
+            throw Failure(name_, "has other data after its compressed data");
     }
 
     Reader& source_;
@@ -264,9 +265,10 @@ class PlainReader : public Reader {
         count_ += got;
         const std::uint64_t ratio = budget_.limits().ratio;
         if (decompressor_ && count_ > kRatioFrom && count_ / ratio > decompressor_->taken())
-            throw Failure(name_, fmt::format("is more than {} times as long as it is when "
-                                             "compressed (see --max-ratio)",
-                                             ratio));
+            throw Failure(
+                name_,
+                fmt::format("expands to more than {} times its compressed size (see --max-ratio)",
+                            ratio));
         return got;
     }
 

@@ -1,8 +1,8 @@
-// stream.hpp - bytes from one end to the other: files and parts of files, digests on the way, and
-// decompression. Used by archives, sources and the writer of layers.
+// stream.hpp - byte streams: files and parts of files, digests, and decompression. Used by
+// archives, sources and the writer of layers.
 //
-// Compression is told by the first bytes, never by a name or a media type: gzip of any number of
-// members, zstd, xz, bzip2, or none.
+// The compression is detected from the first bytes, never from a name or a media type: gzip with
+// any number of members, zstd, xz, bzip2, or none.
 #ifndef ZNC_IMPORT_SOURCE_STREAM_HPP
 #define ZNC_IMPORT_SOURCE_STREAM_HPP
 
@@ -24,29 +24,29 @@ class Reader {
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    // The next bytes, at least one; 0 at the end. Throws Failure.
+    // Reads at least one byte; returns 0 at the end. Throws Failure.
     virtual std::size_t read(std::span<std::byte> out) = 0;
-    // Passes over at most that many bytes without looking at them, and says over how many: none
-    // where that is not possible.
+    // Skips at most `count` bytes without reading them and returns the number skipped: 0 if
+    // skipping is not possible.
     virtual std::uint64_t skip(std::uint64_t /*count*/) { return 0; }
 };
 using ReaderPtr = std::unique_ptr<Reader>;
 
-// Part of a file that can be read at any place; the descriptor is borrowed.
+// Reads a part of a seekable file; the descriptor is borrowed.
 ReaderPtr read_part(int fd, std::string name, std::uint64_t offset, std::uint64_t size);
 
-// What a descriptor gives from where it stands, a pipe for example; it is borrowed.
+// Reads a descriptor, for example a pipe, from its current position; the descriptor is borrowed.
 ReaderPtr read_stream(int fd, std::string name);
 
-// Counts and hashes what passes. `source` is borrowed.
+// Counts and hashes the bytes read through it. `source` is borrowed.
 class DigestReader : public Reader {
   public:
     explicit DigestReader(Reader& source) : source_(source) {}
     std::size_t read(std::span<std::byte> out) override;
-    // Reads up to the end, so that trailing bytes count too.
+    // Reads up to the end, so that trailing bytes are included in the digest.
     void drain();
     [[nodiscard]] std::uint64_t count() const { return count_; }
-    // "sha256:..."; once, at the end.
+    // Returns "sha256:..."; call it once, at the end.
     std::string digest() { return zncctl::digest_text(digest_); }
 
   private:
@@ -55,15 +55,17 @@ class DigestReader : public Reader {
     std::uint64_t count_ = 0;
 };
 
-// The most bytes that tell how a stream is compressed, and whether these do.
+// How many of the first bytes are needed to detect the compression; whether these bytes are those
+// of a supported one.
 constexpr std::size_t kMagicSize = 6;
 bool is_compressed(std::span<const std::byte> head);
 
-// The plain bytes of a stream, held to the budget's bytes and ratio. `source` is borrowed, `name`
-// is for messages. The result reads `source` up to its end before it says 0.
+// Returns a reader of the decompressed stream that enforces the budget's limits for bytes and
+// ratio. `source` is borrowed, `name` is used in messages. Reads `source` to its end before it
+// returns 0.
 ReaderPtr plain(Reader& source, std::string name, Budget& budget);
 
-// A small document as a whole; throws when it is longer than `limit`.
+// Reads a complete small document; throws if it is longer than `limit`.
 std::string read_all(Reader& source, const std::string& name, std::uint64_t limit);
 
 } // namespace zncimport

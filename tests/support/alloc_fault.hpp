@@ -1,5 +1,4 @@
-// alloc_fault.hpp - makes the nth allocation of a piece of code fail, for tests of what then
-// happens.
+// alloc_fault.hpp - makes the nth allocation fail, for tests of out-of-memory handling.
 //
 // A test program that uses it lists tests/support/alloc_fault.cpp in SOURCES and
 // "malloc calloc realloc strdup" in WRAP; the library's own calls and those of cJSON are then
@@ -9,10 +8,11 @@
 
 namespace alloc_fault {
 
-// From now on count allocations and fail the nth (1: the first). 0 counts without failing any.
+// Starts counting allocations and makes the nth one fail (1: the first). 0 counts without failing
+// any.
 void arm(unsigned nth);
 
-// Stop; returns how many allocations were asked for since arm().
+// Stops counting and returns the number of allocations since arm().
 unsigned disarm();
 
 } // namespace alloc_fault

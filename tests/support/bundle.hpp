@@ -1,4 +1,4 @@
-// bundle.hpp - runtime bundles of one busybox, for system tests.
+// bundle.hpp - creates runtime bundles with busybox as their only program, for system tests.
 #ifndef BUNDLE_HPP
 #define BUNDLE_HPP
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// `more` is put behind the other members of config.json, for instance ,"mounts":[...].
+// `more` is appended to the members of config.json, for instance ,"mounts":[...].
 inline void make_bundle(const std::string& path, const std::vector<std::string>& args,
                         const std::string& more = "")
 {

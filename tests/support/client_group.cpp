@@ -9,7 +9,7 @@
 
 namespace {
 
-// Ends when the other end of the pipe is closed.
+// Returns when the other end of the pipe is closed.
 void wait_for_end(int fd)
 {
     char byte;

@@ -1,5 +1,5 @@
-// client_group.hpp - client processes that begin at the same moment, and memory they share with the
-// test to note their results in.
+// client_group.hpp - client processes that start at the same moment, and shared memory in which
+// they store results for the test.
 #ifndef CLIENT_GROUP_HPP
 #define CLIENT_GROUP_HPP
 
@@ -12,7 +12,7 @@
 #include <sys/types.h>
 #include <vector>
 
-// Zeroed records that forked processes and the test see alike.
+// Zero-initialized records in memory shared between the test and forked processes.
 template <class T> class SharedArray {
   public:
     explicit SharedArray(std::size_t count)
@@ -38,17 +38,17 @@ template <class T> class SharedArray {
 
 class ClientGroup {
   public:
-    // Forks `count` processes; each runs `body` with its number, from 0, and ends with its result.
-    // None begins before all are there.
+    // Forks `count` processes; each runs `body` with its index, from 0, and exits with the result.
+    // None starts before all have been forked.
     ClientGroup(int count, const std::function<int(int)>& body);
-    // Kills who still runs.
+    // Kills the processes that are still running.
     ~ClientGroup();
     ClientGroup(const ClientGroup&) = delete;
     ClientGroup& operator=(const ClientGroup&) = delete;
 
     [[nodiscard]] pid_t pid(std::size_t i) const { return pids_[i]; }
 
-    // Waits for all of them: how each ended (exit status, or 128 + signal).
+    // Waits for all processes and returns the exit status of each, or 128 + signal.
     std::vector<int> wait();
 
   private:

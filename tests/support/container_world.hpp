@@ -1,4 +1,4 @@
-// container_world.hpp - a fresh storage base, bundles and an info queue for tests of the container
+// container_world.hpp - a new storage base, bundles and an info queue for tests of the container
 // registry. The test program lists tests/support/fake_platform.cpp in SOURCES and runs in the
 // sandbox.
 #ifndef CONTAINER_WORLD_HPP
@@ -53,7 +53,7 @@ class ContainerWorld : public ::testing::Test {
         std::filesystem::remove_all(top);
     }
 
-    // The sandbox's /overlay: there or not.
+    // Creates or removes the sandbox's /overlay.
     static void set_overlay(bool there)
     {
         if (there)
@@ -93,14 +93,14 @@ class ContainerWorld : public ::testing::Test {
 
     static void remove_all_containers()
     {
-        // A second delete always removes what a failed one left.
+        // If a delete fails, a second one always succeeds.
         for (const std::string& id : ids())
             EXPECT_TRUE(zncContainerDelete(id.c_str(), 2) == OK ||
                         zncContainerDelete(id.c_str(), 2) == OK)
                 << id;
     }
 
-    // The progress texts since the last call.
+    // Returns the progress texts since the last call.
     std::vector<std::string> messages() const
     {
         std::vector<std::string> all;
@@ -111,7 +111,7 @@ class ContainerWorld : public ::testing::Test {
         return all;
     }
 
-    // Runs `work` while another task holds the container.
+    // Runs `work` while another thread holds the lock of the container.
     template <class F> static void while_held_elsewhere(const std::string& id, F work)
     {
         std::thread holder([&] {

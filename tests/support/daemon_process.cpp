@@ -17,7 +17,7 @@
 
 namespace {
 
-// Which queue the daemon's name stands for; 0: none.
+// Identifies the queue that has the daemon's name; 0 if there is none.
 ino_t queue_identity()
 {
     const mqd_t queue = ::mq_open(ZNC_MSG_Q_NAME, O_RDONLY | O_CLOEXEC);
@@ -42,11 +42,12 @@ DaemonProcess::DaemonProcess(const std::string& storage)
     const char* program = std::getenv("ZNCD");
     if (program == nullptr)
         throw std::runtime_error("ZNCD does not name the daemon's program");
-    // Who asks while the queue is still a dead daemon's waits long for an answer that never comes.
+    // A request sent to the queue of a dead daemon would wait a long time for a reply: wait until
+    // the new daemon has replaced the queue.
     const ino_t before = queue_identity();
     pid_ = ::fork();
     if (pid_ == 0) {
-        // With a test that crashes everything goes that its daemon keeps.
+        // If the test crashes, its daemon and everything that the daemon keeps alive end with it.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::setenv("ZNC_BASE", storage.c_str(), 1);
         ::execl(program, program, static_cast<char*>(nullptr));

@@ -1,4 +1,4 @@
-// daemon_process.hpp - a real zncd for a system test, started and stopped as a person would.
+// daemon_process.hpp - starts and stops a real zncd for system tests.
 #ifndef DAEMON_PROCESS_HPP
 #define DAEMON_PROCESS_HPP
 
@@ -15,12 +15,12 @@ class DaemonProcess {
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     [[nodiscard]] pid_t pid() const { return pid_; }
-    // Whether nothing of what it was asked is still to be done: it sleeps, and the keepers of
-    // deleted containers are reaped.
+    // Returns whether the daemon has finished all work: it sleeps, and the keepers of deleted
+    // containers have been reaped.
     [[nodiscard]] bool is_idle() const;
 
-    // Sends a host signal and waits for the end: the exit status, or 128 + signal. One that does
-    // not end in time is killed.
+    // Sends a host signal and waits until the daemon ends; returns the exit status, or 128 +
+    // signal. A daemon that does not end within the time limit is killed.
     int stop(int hostSignal);
 
   private:

@@ -1,5 +1,5 @@
-// daemon_world.hpp - what tests of many clients, and of a stop, start from: the world of
-// system_world.hpp with an overlay, and a look at the daemon itself.
+// daemon_world.hpp - the fixture for tests with many clients and for tests of stopping the daemon:
+// system_world.hpp with an overlay, and access to the daemon process.
 #ifndef DAEMON_WORLD_HPP
 #define DAEMON_WORLD_HPP
 
@@ -18,7 +18,7 @@ class DaemonWorld : public system_world::SystemWorld {
         SystemWorld::TearDown();
     }
 
-    // Ends the daemon as a person would: its exit status.
+    // Sends the signal to the daemon; returns its exit status.
     int stop_daemon(int hostSignal)
     {
         const int status = daemon_->stop(hostSignal);
@@ -27,7 +27,7 @@ class DaemonWorld : public system_world::SystemWorld {
     }
     void start_daemon() { daemon_ = std::make_unique<DaemonProcess>(kStorage); }
 
-    // The daemon's memory in KiB.
+    // Returns the memory of the daemon in KiB.
     [[nodiscard]] long daemon_memory() const
     {
         const std::string key = "VmRSS:";
@@ -39,8 +39,8 @@ class DaemonWorld : public system_world::SystemWorld {
     }
 
   private:
-    // A keeper is reaped on the way of a later request, once the parents of its programs have
-    // waited for them. Those whose client is gone have the machine's first process for a parent.
+    // The daemon reaps a keeper during a later request, once the parents of its programs have
+    // waited for them. Programs whose client has ended are children of PID 1.
     void reap_keepers() const
     {
         bool works = true;

@@ -1,12 +1,12 @@
-// eventually.hpp - waiting for what has no end of its own to wait for: it comes true, or too long a
-// time has passed for any machine, however busy.
+// eventually.hpp - waits for a condition, up to a time limit that is long enough for any machine,
+// however busy.
 #ifndef EVENTUALLY_HPP
 #define EVENTUALLY_HPP
 
 #include <chrono>
 #include <thread>
 
-// Whether it comes true within a minute.
+// Returns whether the condition becomes true within a minute.
 template <class Condition> bool eventually(Condition condition)
 {
     constexpr std::chrono::minutes kLimit(1);

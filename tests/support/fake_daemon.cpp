@@ -124,7 +124,7 @@ void post_info(const zncMessage& request, const std::string& text)
 
 std::vector<std::string> queue_names()
 {
-    // The sandbox has its own /tmp, so the mount is gone with the test.
+    // The mount disappears with the test, because the sandbox has its own /tmp.
     const char* place = "/tmp/queues";
     if (mkdir(place, 0700) == 0 && mount("mqueue", place, "mqueue", MS_NOSUID, nullptr) != 0)
         throw std::runtime_error(std::string("mount mqueue: ") + std::strerror(errno));

@@ -27,7 +27,7 @@ std::string text(const char* s)
     return s != nullptr ? s : "<null>";
 }
 
-// Records the call; true if it is to fail, with errno set.
+// Records the call; returns true, with errno set, if it is to fail.
 bool record_fails(const fake::Call& call)
 {
     recorded.push_back(call);
@@ -162,7 +162,8 @@ STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name)
     call.name = text(name);
     const std::lock_guard lock(guard);
     if (record_fails(call) || unknown(ns)) {
-        // As the contract has it: the namespace is gone, and a device made for it too.
+        // As the interface specifies: the namespace no longer exists, nor does a device created for
+        // it.
         live.erase(ns);
         existing.erase(call.root);
         return ERROR;
@@ -239,7 +240,7 @@ STATUS znnsInUse(nsid_t ns, BOOL* inUse)
     call.op = "znnsInUse";
     call.ns = ns;
     const std::lock_guard lock(guard);
-    *inUse = reported_in_use ? TRUE : FALSE; // after a failure too: nobody may look at it then
+    *inUse = reported_in_use ? TRUE : FALSE; // set even on failure: callers must not use it then
     return record_fails(call) || unknown(ns) ? ERROR : OK;
 }
 

@@ -1,9 +1,8 @@
-// fake_platform.hpp - a namespace service and overlay devices that only remember what they were
-// asked.
+// fake_platform.hpp - a namespace service and overlay devices that only record the calls.
 //
-// A test program that lists tests/support/fake_platform.cpp in SOURCES has these in place of the
-// real znns and znOvl functions. Every call is recorded, and any can be made to fail. Namespaces
-// and devices are counted, so that a test can tell what was left behind. Safe for several threads.
+// A test program that lists tests/support/fake_platform.cpp in SOURCES gets these functions instead
+// of the real znns and znOvl functions. Every call is recorded, and any can be made to fail.
+// Namespaces and devices are tracked, so that a test can detect leaks. Thread-safe.
 #ifndef FAKE_PLATFORM_HPP
 #define FAKE_PLATFORM_HPP
 
@@ -16,7 +15,7 @@ namespace fake {
 
 struct Call {
     std::string op; // the function's name
-    int32_t ns = 0; // where the call has one
+    int32_t ns = 0; // if the call has one
     int number = 0; // flags, signal number, hasUpper
     int handle = 0; // znnsProcessKill
     std::string root;
@@ -28,20 +27,20 @@ struct Call {
     bool operator==(const Call&) const = default;
 };
 
-// Forget all calls, failures, namespaces and devices.
+// Resets all calls, failures, namespaces and devices.
 void reset();
 
-// The nth call of `op` from now on (1: the next) fails with `error`.
+// Makes the nth call of `op` from now on (1: the next) fail with `error`.
 void fail(const std::string& op, unsigned nth, int error);
 
-// What znnsInUse reports (FALSE after a reset).
+// Sets what znnsInUse reports (FALSE after a reset).
 void set_in_use(bool in_use);
 
 std::vector<Call> calls();
 std::vector<Call> calls_of(const std::string& op);
 std::vector<std::string> ops(); // only the names
 
-// What exists: created and not deleted again.
+// The namespaces that exist: created and not deleted since.
 std::set<int32_t> namespaces();
 std::set<std::string> devices();
 

@@ -9,7 +9,7 @@ namespace {
 
 struct Failure {
     int number = 0;
-    int after = 0; // calls that still succeed
+    int after = 0; // number of calls that still succeed
 };
 
 struct Registry {
@@ -33,7 +33,7 @@ std::optional<std::string> text(const char* s)
     return s != nullptr ? std::optional<std::string>(s) : std::nullopt;
 }
 
-// Notes the call and runs the hook; OK unless the script says that the function fails.
+// Records the call and runs the hook; returns OK unless the function was set to fail.
 STATUS note(fake_registry::Call call)
 {
     call.errnoBefore = errno;

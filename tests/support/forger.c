@@ -1,9 +1,9 @@
 /*
- * forger.c - a container's program that tries to make its caller believe in an end that is none.
- * Static, since it runs where there is nothing but itself.
+ * forger.c - a container's program that tries to make its caller believe that it has ended. It is
+ * linked statically, because it is the only file in its container.
  *
- *   trace   makes the caller its tracer and stops, never to go on
- *   parent  makes a child of the caller that ends with 3; ends with 7 when that is refused
+ *   trace   makes the caller its tracer and stops forever
+ *   parent  creates a child of the caller that exits with 3; exits with 7 if that is refused
  */
 #include <errno.h>
 #include <sched.h>

@@ -1,5 +1,5 @@
-// guarded.hpp - memory that ends where it ends: reading or writing one byte behind it is a fault.
-// For code that sanitizers do not see, such as assembly in a dependency.
+// guarded.hpp - memory followed by an inaccessible page, so that an access one byte past its end is
+// a fault. For code that sanitizers do not instrument, such as assembly in a dependency.
 #ifndef GUARDED_HPP
 #define GUARDED_HPP
 

@@ -88,7 +88,7 @@ HostObjects::HostObjects(const std::string& name)
     shm_ = made(::shmget(key_, 4096, IPC_CREAT | IPC_EXCL | 0600), "shmget");
     msg_ = made(::msgget(key_, IPC_CREAT | IPC_EXCL | 0600), "msgget");
     sem_ = made(::semget(key_, 1, IPC_CREAT | IPC_EXCL | 0600), "semget");
-    // A kernel without key rings has none to protect.
+    // Without key rings in the kernel, there is no key to protect.
     secretKey_ = ::syscall(SYS_add_key, "user", name_.c_str(), kKeyText, sizeof kKeyText - 1,
                            KEY_SPEC_USER_KEYRING);
     before_ = state();

@@ -1,5 +1,5 @@
-// host_objects.hpp - things of the host that a container must neither see nor change: a directory,
-// queues, System V objects and a key in root's key ring. Made for a test and taken away after it.
+// host_objects.hpp - objects of the host that a container must neither see nor change: a directory,
+// queues, System V objects and a key in root's key ring. Created for a test and removed after it.
 #ifndef HOST_OBJECTS_HPP
 #define HOST_OBJECTS_HPP
 
@@ -8,7 +8,7 @@
 
 class HostObjects {
   public:
-    // Everything of one name; the directory is /tmp/`name`.
+    // All objects get names derived from `name`; the directory is /tmp/`name`.
     explicit HostObjects(const std::string& name);
     ~HostObjects();
     HostObjects(const HostObjects&) = delete;
@@ -17,10 +17,10 @@ class HostObjects {
     [[nodiscard]] const std::string& directory() const { return directory_; }
     [[nodiscard]] std::string secret() const { return directory_ + "/secret"; }
 
-    // The probe's variables that name these objects.
+    // The environment variables that tell the probe about these objects.
     [[nodiscard]] std::vector<std::string> variables() const;
 
-    // Empty if everything is as it was made, else what is not.
+    // Returns "" if all objects are unchanged, otherwise what has changed.
     [[nodiscard]] std::string changes() const;
 
   private:
@@ -37,7 +37,7 @@ class HostObjects {
     std::string before_;
 };
 
-// A directory tree as text: names, types, modes, owners, link counts, times and contents.
+// Describes a directory tree as text: names, types, modes, owners, link counts, times and contents.
 std::string tree_text(const std::string& directory);
 
 #endif

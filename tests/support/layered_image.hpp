@@ -1,5 +1,5 @@
-// layered_image.hpp - an image whose layers have all kinds of members, and what its tree must be.
-// A test program lists layout_builder.cpp of this directory in its sources.
+// layered_image.hpp - an image whose layers contain all kinds of members, and the expected tree. A
+// test program lists layout_builder.cpp of this directory in its sources.
 #ifndef LAYERED_IMAGE_HPP
 #define LAYERED_IMAGE_HPP
 
@@ -11,7 +11,7 @@
 
 namespace layered_image {
 
-// Layer `n` of `count`, each with directories, files of several pages and links of its own.
+// Returns layer `n`, with directories, files of several pages and links of its own.
 inline std::string layer_tar(int n, int files)
 {
     const std::string top = "layer" + std::to_string(n) + "/";
@@ -35,7 +35,7 @@ inline layout::Image image_of(int layers, int files)
     return image;
 }
 
-// A tree as text: each path with its kind and size, in order.
+// Describes a tree as text: each path with its kind and size, in order.
 inline std::string tree_text(const std::filesystem::path& root)
 {
     namespace fs = std::filesystem;

@@ -1,5 +1,5 @@
-// layout_builder.hpp - writes OCI image layouts for tests: whole images in one call, or blob by
-// blob so that any document can be made wrong in any way.
+// layout_builder.hpp - writes OCI image layouts for tests: complete images in one call, or blob by
+// blob so that any document can be made invalid in any way.
 #ifndef LAYOUT_BUILDER_HPP
 #define LAYOUT_BUILDER_HPP
 
@@ -19,9 +19,9 @@ inline constexpr char kLayerType[] = "application/vnd.oci.image.layer.v1.tar";
 
 std::string sha256_hex(std::string_view bytes);
 std::string sha512_hex(std::string_view bytes);
-std::string raw_bytes(std::string_view hex); // what the digits stand for
+std::string raw_bytes(std::string_view hex); // decodes hexadecimal digits
 
-// A directory of its own below /tmp that goes with the object.
+// A temporary directory below /tmp, removed by the destructor.
 class TempDir {
   public:
     TempDir();
@@ -35,7 +35,7 @@ class TempDir {
     fs::path path_;
 };
 
-// One ustar member. A directory's name ends in "/".
+// A ustar member. A directory's name ends with "/".
 struct Member {
     std::string name;
     std::string content = {};
@@ -53,9 +53,9 @@ std::string gzip(const std::string& bytes);
 std::string read_file(const fs::path& path);
 void write_file(const fs::path& path, std::string_view bytes);
 
-std::string json_text(std::string_view text); // as JSON text
+std::string json_text(std::string_view text); // as a JSON string literal
 
-// What an image consists of. Text that is JSON is marked so; "" leaves the member out.
+// The parts of an image. Strings that contain JSON are marked; "" omits the member.
 struct Image {
     std::vector<std::string> layers = {tar({{"file", "content"}})};
     std::string os = "zarnel";
@@ -72,21 +72,21 @@ struct Image {
 
 class Layout {
   public:
-    // Makes `dir` with "oci-layout" and an empty "blobs/sha256".
+    // Creates `dir` with "oci-layout" and an empty "blobs/sha256".
     explicit Layout(fs::path dir);
 
     [[nodiscard]] const fs::path& dir() const { return dir_; }
     [[nodiscard]] const char* c_str() const { return dir_.c_str(); }
     [[nodiscard]] fs::path blob(const std::string& digest) const;
 
-    // Stores a blob; its digest ("sha256:...").
+    // Stores a blob and returns its digest ("sha256:...").
     std::string add_blob(std::string_view bytes) const;
-    // A blob with a descriptor: {"mediaType":..., "digest":..., "size":...}.
+    // Stores a blob and returns its descriptor: {"mediaType":..., "digest":..., "size":...}.
     std::string add_described(std::string_view bytes, const std::string& type) const;
 
-    // Adds the image and an index entry for it, and writes the index.
+    // Adds the image and its index entry, and writes the index.
     void add(const Image& image);
-    // The same from documents made by the caller.
+    // As above, from documents made by the caller.
     void add_manifest(const std::string& manifest, const std::string& entry_extra = "");
     void add_entry(const std::string& entry);
     void write_index(const std::string& schema_version = "2") const;

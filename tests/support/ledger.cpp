@@ -34,7 +34,7 @@ bool is_number(const std::string& name)
     return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
 }
 
-// The state letter of a process, 0 when it is gone.
+// Returns the state letter of a process, 0 if it does not exist.
 char state_of(const std::string& pid)
 {
     const std::string stat = read_file("/proc/" + pid + "/stat");
@@ -42,7 +42,8 @@ char state_of(const std::string& pid)
     return end == std::string::npos || end + 2 >= stat.size() ? '\0' : stat[end + 2];
 }
 
-// The queues of this IPC namespace, which only a mount shows.
+// Returns the queues of this IPC namespace. They can be listed only by mounting the mqueue
+// filesystem.
 std::set<std::string> queues()
 {
     const char* point = "/tmp/ledger-mqueue";
@@ -68,8 +69,8 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
     std::istringstream mounts(read_file("/proc/self/mountinfo"));
     for (std::string line; std::getline(mounts, line);)
         entries["mount " + line] = "";
-    // Processes that belong here: descendants of the daemon and of this test, and whoever lives in
-    // a namespace that is not ours.
+    // Counts descendants of the daemon and of this test, and processes in PID namespaces other than
+    // ours.
     const std::string own = link_of("/proc/self/ns/pid");
     std::set<std::string> family = {std::to_string(::getpid()), std::to_string(daemon)};
     for (const auto& entry : fs::directory_iterator("/proc")) {
@@ -95,7 +96,7 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
              !error && it != fs::recursive_directory_iterator(); it.increment(error))
             entries["file " + it->path().string()] = "";
     }
-    // By what they are of, not by their numbers, which are others in another daemon.
+    // Count descriptors by target, not by number: the numbers differ in another daemon.
     std::map<std::string, int> kinds;
     for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
         std::error_code error;

@@ -1,6 +1,6 @@
-// ledger.hpp - what a system test must leave as it found it: mounts, namespaces, processes,
-// zombies, queues, files and the daemon's descriptors. A test takes one before and one after, and
-// compares.
+// ledger.hpp - records everything that a system test must leave unchanged: mounts, namespaces,
+// processes, zombies, queues, files and the daemon's descriptors. A test takes one ledger before
+// and one after, and compares them.
 #ifndef LEDGER_HPP
 #define LEDGER_HPP
 
@@ -10,11 +10,10 @@
 
 class Ledger {
   public:
-    // Directories whose whole content counts, besides /overlay and the namespace records.
+    // Records all files below `storage`, besides /overlay and the namespace records.
     static Ledger take(const std::string& storage, pid_t daemon);
 
-    // One line per thing that is there now and was not before, or the other way round; empty: all
-    // as it was.
+    // Returns a line for each thing that was added or removed; "" if nothing changed.
     [[nodiscard]] std::string compared_with(const Ledger& before) const;
 
   private:

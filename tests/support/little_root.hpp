@@ -1,5 +1,5 @@
-// little_root.hpp - a root filesystem of one busybox, for tests that run real programs in real
-// namespaces.
+// little_root.hpp - creates a root filesystem with busybox as its only program, for tests that run
+// real programs in real namespaces.
 #ifndef LITTLE_ROOT_HPP
 #define LITTLE_ROOT_HPP
 
@@ -7,7 +7,8 @@
 #include <filesystem>
 #include <string>
 
-// Makes `root` with /bin/busybox, a link per applet named, and the directories a container expects.
+// Creates `root` with /bin/busybox, a link for each applet used, and the directories that a
+// container expects.
 inline void make_little_root(const std::string& root)
 {
     namespace fs = std::filesystem;

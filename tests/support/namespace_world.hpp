@@ -1,5 +1,5 @@
-// namespace_world.hpp - real namespaces on a little root, with a ledger of what a test must not
-// leave behind: mounts, descriptors, children, records. Used by the tests of the namespace service.
+// namespace_world.hpp - real namespaces on a small root filesystem, with a check for leaked mounts,
+// descriptors, children and records. Used by the tests of the namespace service.
 #ifndef NAMESPACE_WORLD_HPP
 #define NAMESPACE_WORLD_HPP
 
@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 inline constexpr int kFlags = 0x1001;
 inline constexpr int kKill = 9;
 inline constexpr int kTerm = 15;
-inline constexpr int kUsr1 = 30; // the platform's number, 10 on the host
+inline constexpr int kUsr1 = 30; // the library's number; on the host it is 10
 
 using Options = std::vector<const char*>;
 
@@ -56,7 +56,7 @@ inline std::size_t open_descriptors()
     return n;
 }
 
-// Living or unreaped children of this process.
+// Returns the number of running or unreaped children of this process.
 inline std::size_t children()
 {
     std::size_t n = 0;
@@ -82,7 +82,7 @@ class Namespaces : public testing::Test {
         make_little_root(root_);
         znnsRecover();
         mounts_ = read_file("/proc/self/mountinfo");
-        // The first keeper makes this process keep the helper's file open.
+        // When the first keeper is created, this process opens the helper's file and keeps it open.
         const nsid_t first = znnsCreate(kFlags);
         ASSERT_GE(first, 0) << std::strerror(errno);
         ASSERT_EQ(znnsDelete(first), OK);
@@ -108,7 +108,8 @@ class Namespaces : public testing::Test {
         return ns;
     }
 
-    // Starts a shell command inside, its output in /tmp/out; -1 with errno set.
+    // Starts a shell command in the namespace, with output to /tmp/out; returns -1 with errno set
+    // on failure.
     pid_t start(nsid_t ns, const std::string& command, const char* cwd = "/", int priority = 100)
     {
         const znc::UniqueFd out(::open("/tmp/out", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -149,7 +150,7 @@ class Namespaces : public testing::Test {
         return status;
     }
 
-    // Runs a shell command inside and gives what it wrote.
+    // Runs a shell command in the namespace and returns its output.
     std::string run(nsid_t ns, const std::string& command, const char* cwd = "/")
     {
         const pid_t pid = start(ns, command, cwd);
@@ -159,8 +160,8 @@ class Namespaces : public testing::Test {
         return read_file("/tmp/out");
     }
 
-    // How many programs that `threads` threads at once start in the namespace, `rounds` each, run
-    // and end well.
+    // Starts programs in the namespace from `threads` threads at once, `rounds` in each, and
+    // returns how many ran and succeeded.
     int programs_run_by_threads(nsid_t ns, int threads, int rounds)
     {
         std::atomic<int> good = 0;
@@ -196,7 +197,7 @@ class Namespaces : public testing::Test {
     std::string mounts_;
     std::size_t descriptors_ = 0;
     int exit_ = -1;
-    bool closeInput_ = false; // start() without a standard input
+    bool closeInput_ = false; // makes start() close standard input
 };
 
 } // namespace namespace_world

@@ -1,4 +1,5 @@
-// other_queue.hpp - a queue that code other than the client call made, gone with the test.
+// other_queue.hpp - a queue that was not created by the client library, removed at the end of the
+// test.
 #ifndef OTHER_QUEUE_HPP
 #define OTHER_QUEUE_HPP
 

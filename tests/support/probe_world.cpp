@@ -59,7 +59,7 @@ void carry_everything()
     ::setgroups(groups.size(), groups.data());
     ::umask(077);
     fs::current_path("/tmp/outside");
-    for (int i = 0; i < 50; i++) // not closed on exec
+    for (int i = 0; i < 50; i++) // without O_CLOEXEC
         ::open(i % 2 == 0 ? "/" : "/tmp/outside/secret", O_RDONLY);
     ::setenv("HOST_SECRET", "1", 1);
     const sched_param none = {};
@@ -140,8 +140,8 @@ std::string ProbeWorld::probe_program()
     return program;
 }
 
-// The daemon still closes the queue of the last answer when its client has it already, and may reap
-// a keeper only after some seconds.
+// When a client has received its reply, the daemon may still have the client's queue open, and it
+// may reap a keeper only seconds later.
 Ledger ProbeWorld::quiet_ledger() const
 {
     EXPECT_TRUE(eventually([this] { return daemon_->is_idle(); }));
@@ -150,7 +150,7 @@ Ledger ProbeWorld::quiet_ledger() const
 
 void ProbeWorld::SetUp()
 {
-    // A link to nowhere where the daemon would make the directory: there is no overlay then.
+    // A dangling link prevents the daemon from creating /overlay, so there are no overlay devices.
     fs::remove("/overlay");
     if (!overlay())
         fs::create_symlink("/none", "/overlay");
@@ -161,7 +161,8 @@ void ProbeWorld::SetUp()
     fs::copy_file(probe_program(), probe);
     ASSERT_EQ(::chmod(probe.c_str(), 04755), 0);
     configure({});
-    // The first container makes the daemon keep its helper open and the storage area.
+    // When the daemon creates its first container, it opens its helper and creates the storage
+    // area, and keeps both.
     ASSERT_EQ(zncCreate("warm", kBundle, 0, nullptr), OK) << std::hex << errno;
     ASSERT_EQ(zncDelete("warm", 0), OK);
     ledger_ = quiet_ledger();

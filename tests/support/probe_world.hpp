@@ -1,5 +1,5 @@
-// probe_world.hpp - a real daemon, a bundle whose program is the probe, and a host to protect. Each
-// test runs without and with the overlay, inside the ledger.
+// probe_world.hpp - a real daemon, a bundle whose program is the probe, and objects of the host to
+// protect. Each test runs without and with the overlay filesystem, and checks the ledger.
 #ifndef PROBE_WORLD_HPP
 #define PROBE_WORLD_HPP
 
@@ -14,33 +14,34 @@
 #include <string>
 #include <vector>
 
-// How a program ended and what it wrote to its standard output and error.
+// The exit status of a program and its output on standard output and standard error.
 struct Outcome {
     int status = -1; // exit status, 128 + signal, or kNotStarted
     std::string text;
 
-    // The number of lines that begin like this.
+    // Returns the number of lines with this prefix.
     [[nodiscard]] int lines(const std::string& beginning) const;
     [[nodiscard]] bool holds(const std::string& check) const { return lines("ok " + check) > 0; }
 };
 inline constexpr int kNotStarted = 255;
 
-// Gives the calling process everything a client can have that must not come along into a container.
+// Gives the calling process everything that a client can have and that a container must not
+// inherit.
 void carry_everything();
 
-// Runs `body` in a process of its own, which ends with its result.
+// Runs `body` in a child process that exits with the result.
 Outcome run_process(const std::function<int()>& body);
 
-// In a process of its own: starts the container and waits for its program. Its exit status, or
-// kNotStarted with the error number printed.
+// Call this in a child process: starts the container and waits for its program. Returns its exit
+// status, or prints the error number and returns kNotStarted.
 int start_and_wait(const char* id);
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
 
-// Waits for a file to appear; throws if it does not. Without a look into the heap: another thread
-// may just fork, and the child of a program under a sanitizer stands still for ever when the heap
-// was locked then.
+// Waits for a file to appear; throws if it does not. Must not allocate memory: if another thread
+// forks at the same time, the child of a program built with a sanitizer can deadlock on a heap lock
+// that is held.
 void await_file(const std::string& path);
 
 class ProbeWorld : public testing::TestWithParam<bool> {
@@ -52,7 +53,7 @@ class ProbeWorld : public testing::TestWithParam<bool> {
     struct Config {
         std::vector<std::string> args = {"/bin/probe"};
         std::string cwd = "/";
-        std::string mounts; // further members, such as ,"mounts":[...]
+        std::string mounts; // additional members, such as ,"mounts":[...]
         std::vector<std::string> variables;
     };
 
@@ -60,27 +61,28 @@ class ProbeWorld : public testing::TestWithParam<bool> {
     void TearDown() override;
 
     [[nodiscard]] bool overlay() const { return GetParam(); }
-    // The container's root as the host sees it.
+    // The path of the container's root on the host.
     [[nodiscard]] std::string root() const { return overlay() ? "/overlay/web" : kRootfs; }
     [[nodiscard]] static std::string probe_program();
     [[nodiscard]] pid_t daemon() const { return daemon_->pid(); }
     HostObjects& host() { return *host_; }
 
-    // Something of the image, in place of what is there.
+    // Plants a symbolic link in the image, replacing what exists there.
     static void plant_link(const std::string& target, const std::string& path);
     static void plant_file(const std::string& path, const std::string& text);
 
     void configure(const Config& config);
-    // The probe with everything it can know about the host.
+    // Configures the probe with all that it may know about the host.
     void configure_probe(const std::string& use = "all");
 
-    // Create, start from a client that first does `before`, and delete.
+    // Creates the container, starts it from a client that first runs `before`, and deletes it.
     Outcome run(const std::function<void()>& before = {});
     void create();
     Outcome start(const std::function<void()>& before = {});
     void destroy();
 
-    // Runs the whole probe: nothing may escape, and these checks must be among those that held.
+    // Runs all checks of the probe: none may find an escape, and `held` must be among the checks
+    // that passed.
     void expect_confined(const std::function<void()>& before = {},
                          const std::vector<const char*>& checks = {});
 

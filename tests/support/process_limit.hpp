@@ -1,4 +1,4 @@
-// process_limit.hpp - a control group that limits the number of processes, of this test's own.
+// process_limit.hpp - a control group for this test that limits the number of processes.
 #ifndef PROCESS_LIMIT_HPP
 #define PROCESS_LIMIT_HPP
 
@@ -10,7 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
-// There only where the kernel has such groups and they may be made.
+// Usable only if the kernel supports such groups and the test may create one.
 class ProcessLimit {
   public:
     ProcessLimit()

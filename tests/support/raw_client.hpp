@@ -1,5 +1,5 @@
-// raw_client.hpp - requests without the library's client: what a test that keeps no rules sends to
-// the daemon, and the queues it gets its answers on.
+// raw_client.hpp - requests sent without the library's client: for tests that violate the protocol,
+// and their reply queues.
 #ifndef RAW_CLIENT_HPP
 #define RAW_CLIENT_HPP
 
@@ -29,10 +29,10 @@ inline zncMessage request_of(int cmdId, const std::string& json, const std::stri
     return message;
 }
 
-// A queue as an owner; the name goes with it if this made it.
+// Owns a queue; removes its name if this object created it.
 class Queue {
   public:
-    // An existing one.
+    // Opens an existing queue.
     explicit Queue(const std::string& name)
         : queue_(znMsgQOpen(name.c_str(), 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING))
     {
@@ -58,7 +58,7 @@ class Queue {
     {
         return znMsgQSend(queue_, bytes, length, timeout, ZN_MSG_PRI_NORMAL) == OK;
     }
-    // One message; empty if none comes in time.
+    // Receives a message; returns "" after the timeout.
     [[nodiscard]] std::string receive(int timeout) const
     {
         std::string bytes(ZNC_MSG_MAX_LEN, '\0');
@@ -78,14 +78,15 @@ class Queue {
     MSG_Q_ID queue_;
 };
 
-// A reply queue's name like those of the library's clients, of no other call of this process.
+// Returns a reply queue name in the form used by the library, different from those of other calls
+// of this process.
 inline std::string reply_name(unsigned long number)
 {
     return ZNC_MSG_Q_NAME "-u-" + std::to_string(::getpid()) + "-" +
            std::to_string(1000000000UL + number);
 }
 
-// One request under the eyes of the test.
+// One request, with access to its reply queue.
 class Call {
   public:
     explicit Call(unsigned long number)
@@ -100,7 +101,8 @@ class Call {
         daemon_.send(&message, sizeof message);
     }
 
-    // The whole reply's text; `between` runs before each piece. Empty if a piece does not come.
+    // Returns the text of the whole reply; `between` runs before each piece. Returns "" if a piece
+    // does not arrive.
     template <class F> std::string reply(F between) const
     {
         between();
@@ -119,7 +121,7 @@ class Call {
         return all.substr(ZNC_MSG_HEADER_LEN);
     }
 
-    // What is there of a reply.
+    // Returns the piece of the reply that has arrived, if any.
     [[nodiscard]] std::string reply_now() const { return reply_.receive(ZN_NO_WAIT); }
 
   private:

@@ -1,4 +1,5 @@
-// running_daemon.hpp - the real daemon task on a thread of the test, ended by its stop request.
+// running_daemon.hpp - runs the real daemon task on a thread of the test, and ends it with a stop
+// request.
 #ifndef RUNNING_DAEMON_HPP
 #define RUNNING_DAEMON_HPP
 
@@ -16,7 +17,7 @@
 
 class RunningDaemon {
   public:
-    // Returns once requests are answered.
+    // Returns as soon as requests are answered.
     RunningDaemon() : stop_(eventfd(0, EFD_CLOEXEC))
     {
         thread_ = std::thread([this] {
@@ -44,7 +45,7 @@ class RunningDaemon {
         close(stop_);
     }
 
-    // What it returned, once it is stopped.
+    // The result of the daemon task, valid after it has stopped.
     [[nodiscard]] STATUS status() const { return status_; }
     [[nodiscard]] int error_number() const { return errorNumber_; }
     [[nodiscard]] int cancel_state_after() const { return cancelState_; }

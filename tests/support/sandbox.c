@@ -1,16 +1,15 @@
 /*
- * sandbox.c - runs a program in a world of its own, for tests that change the machine.
+ * sandbox.c - runs a program in an isolated environment, for tests that change the system.
  *
  * usage: sandbox [--no-overlay] -- PROGRAM [ARGS...]
  *
  * The program gets new mount, IPC and network namespaces whose root is a tmpfs holding the host's
  * top-level directories as recursive binds, but for /overlay (an empty directory, or none with
- * --no-overlay), /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The sources and the
- * build stay where they are, wherever that is. So it has no queues, sockets, devices or storage of
- * the host's to find or to leave behind. Nor has it what whoever runs the tests happens to leave to
- * his programs: descriptors, signals blocked or ignored, a mask for files, variables that the
- * system and its tools obey. Needs root: without the right to make namespaces it fails, it does not
- * skip.
+ * --no-overlay), /mnt (empty), /ram0 (none), /run and /tmp (empty, tmpfs). The source and build
+ * directories keep their paths. The program therefore neither sees queues, sockets, devices or
+ * storage of the host nor leaves any behind. It does not inherit descriptors, blocked or ignored
+ * signals, the umask, or environment variables that affect the system's tools. Needs root: it
+ * fails, rather than skips, if namespaces cannot be created.
  */
 #include <dirent.h>
 #include <errno.h>
@@ -40,7 +39,7 @@ static const char* in_root(const char* root, const char* name)
     return path;
 }
 
-/* Makes a directory of the new root with all above it. */
+/* Creates a directory of the new root and its parents. */
 static void make_path(const char* path)
 {
     char text[4096];
@@ -54,11 +53,17 @@ static void make_path(const char* path)
         die("mkdir", text);
 }
 
-/* The tests and their build stay where they are, also below a directory that is not shown. */
+/*
+ * The source and build directories keep their paths, even below a directory that is not visible in
+ * the sandbox.
+ */
 static const char* const kept[] = {ZNC_SOURCE_DIR, ZNC_BINARY_DIR};
 static int kept_fds[sizeof kept / sizeof *kept];
 
-/* In the new mount namespace, which binds only what is its own, and before /mnt is covered. */
+/*
+ * Call this in the new mount namespace, so that only its own mounts are bound, and before /mnt is
+ * covered.
+ */
 static void remember_kept(void)
 {
     for (size_t i = 0; i < sizeof kept / sizeof *kept; i++)
@@ -79,7 +84,9 @@ static void show_kept(const char* root)
     }
 }
 
-/* One top-level entry of the host: directories are bound, links are copied, files left out. */
+/*
+ * Adds one top-level entry of the host: directories are bind-mounted, links copied, files skipped.
+ */
 static void show_entry(const char* root, const char* name)
 {
     static const char* const own[] = {".", "..", "overlay", "ram0", "run", "tmp", NULL};
@@ -131,7 +138,7 @@ static void forget_the_caller(void)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, NULL);
     for (int signo = 1; signo < NSIG; signo++)
-        signal(signo, SIG_DFL); /* not KILL and STOP, and not what the C library keeps */
+        signal(signo, SIG_DFL); /* fails for KILL, STOP and the signals reserved by the C library */
 }
 
 int main(int argc, char** argv)
@@ -152,13 +159,13 @@ int main(int argc, char** argv)
     char cwd[4096];
     if (getcwd(cwd, sizeof cwd) == NULL)
         die("getcwd", ".");
-    /* The network too: abstract socket names are looked for in it. */
+    /* A network namespace, too: abstract sockets belong to it. */
     if (unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWNET) != 0)
         die("unshare", "(are you root?)");
     if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0)
         die("make private", "/");
     remember_kept();
-    /* Any directory serves as the place to build the new root; /mnt is always there. */
+    /* The new root can be built on any directory; /mnt always exists. */
     const char* root = "/mnt";
     if (mount("tmpfs", root, "tmpfs", 0, "mode=0755") != 0)
         die("mount", root);

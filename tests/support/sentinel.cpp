@@ -41,7 +41,7 @@ std::string attributes_of(const std::string& path)
 
 std::string content_of(const std::string& path, const struct stat& st)
 {
-    constexpr off_t kLargest = 8 << 20; // of what is larger the times must do
+    constexpr off_t kLargest = 8 << 20; // larger files are compared only by their times
     if (S_ISLNK(st.st_mode))
         return " -> " + fs::read_symlink(path).string();
     return S_ISREG(st.st_mode) && st.st_size <= kLargest ? " = " + test_tree::read_file(path) : "";

@@ -1,5 +1,5 @@
-// service_client.hpp - a client of the daemon's processing that the test plays itself: its queues,
-// its messages, and the fixture for tests over the fake registry.
+// service_client.hpp - a client of the daemon's request processing, played by the test: its queues,
+// its messages, and the fixture for tests with the fake registry.
 #ifndef SERVICE_CLIENT_HPP
 #define SERVICE_CLIENT_HPP
 
@@ -26,7 +26,7 @@ inline zncMessage request_of(int cmdId, const std::string& json,
     return raw_client::request_of(cmdId, json, name);
 }
 
-// A client's reply queue with room for several pieces, and its info queue.
+// A client's reply queue, with room for several pieces, and its info queue.
 class ClientQueues {
   public:
     explicit ClientQueues(std::string name = kReplyName, std::size_t maxMsgs = 40)
@@ -47,11 +47,11 @@ class ClientQueues {
     ClientQueues(const ClientQueues&) = delete;
     ClientQueues& operator=(const ClientQueues&) = delete;
 
-    // Every piece that is there now.
+    // Returns all pieces that have arrived.
     std::vector<std::string> pieces(int timeout = ZN_NO_WAIT) { return drain(reply_, timeout); }
     std::vector<std::string> progress() { return drain(infos_, ZN_NO_WAIT); }
 
-    // The text of the one reply that is there, or "(none)".
+    // Returns the text of the only reply that has arrived, or "(none)".
     std::string reply_text(int timeout = ZN_NO_WAIT)
     {
         std::string all;
@@ -98,7 +98,7 @@ class Service : public testing::Test {
             << "a queue was left behind";
     }
 
-    // What the daemon answers to one request, processed on this task.
+    // Processes one request on this thread and returns the reply.
     static std::string answer(int cmdId, const std::string& json)
     {
         ClientQueues client;

@@ -1,6 +1,6 @@
-// system_world.hpp - a real daemon and a bundle of one busybox for each test, inside the ledger.
-// The parameter says whether there is an overlay. A test program lists daemon_process.cpp and
-// ledger.cpp of this directory in its sources.
+// system_world.hpp - a real daemon and a bundle with busybox for each test, checked with the
+// ledger. The parameter says whether the overlay filesystem is used. A test program lists
+// daemon_process.cpp and ledger.cpp of this directory in its sources.
 #ifndef SYSTEM_WORLD_HPP
 #define SYSTEM_WORLD_HPP
 
@@ -31,7 +31,7 @@ struct Free {
     void operator()(char* text) const { std::free(text); }
 };
 
-// Text that the library handed out, or "(none)".
+// Takes ownership of text returned by the library; returns "(none)" for NULL.
 inline std::string text_of(char* text)
 {
     const std::unique_ptr<char, Free> owned(text);
@@ -47,7 +47,7 @@ inline int exit_code(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Begins `body` in a process of its own, which ends with its result, or by SIGALRM if it hangs.
+// Starts `body` in a child process that exits with the result, or is killed by SIGALRM if it hangs.
 inline pid_t begin_child(const std::function<int()>& body)
 {
     constexpr unsigned kHangSeconds = 180;
@@ -72,26 +72,27 @@ class SystemWorld : public testing::TestWithParam<bool> {
 
     [[nodiscard]] virtual bool overlay() const { return GetParam(); }
     [[nodiscard]] pid_t daemon() const { return daemon_->pid(); }
-    // The container's root as the host sees it.
+    // The path of the container's root on the host.
     [[nodiscard]] std::string root() const
     {
         return overlay() ? "/overlay/web" : std::string(kBundle) + "/rootfs";
     }
 
-    // What a test wants to be there before the daemon starts, and what is to go after it ended.
+    // Hooks that run before the daemon starts and after it has ended.
     virtual void before_daemon() {}
     virtual void after_daemon() {}
 
     void SetUp() override
     {
-        if (!overlay()) { // a link to nowhere where the daemon would make the directory
+        if (!overlay()) { // a dangling link prevents the daemon from creating it
             fs::remove("/overlay");
             fs::create_symlink("/none", "/overlay");
         }
         before_daemon();
         daemon_ = std::make_unique<DaemonProcess>(kStorage);
         make_bundle(kBundle, {"/bin/true"});
-        // The first container makes the daemon keep its helper open and the storage area.
+        // When the daemon creates its first container, it opens its helper and creates the storage
+        // area, and keeps both.
         ASSERT_EQ(zncCreate("warm", kBundle, 0, nullptr), OK) << std::hex << errno;
         ASSERT_EQ(zncDelete("warm", 0), OK);
         settle();
@@ -113,16 +114,17 @@ class SystemWorld : public testing::TestWithParam<bool> {
         }
     }
 
-    // The daemon closes a client's queue when the client has its answer already, and looks for
-    // keepers to reap with the next request or after some seconds.
+    // The daemon closes a client's queue after the client has received its reply, and reaps keepers
+    // during the next request or some seconds later.
     void settle()
     {
         EXPECT_TRUE(eventually([this] { return daemon_->is_idle(); }));
         ledger_ = Ledger::take(kStorage, daemon());
     }
 
-    // What is there that was not, and the other way round, but for lines that name `expected`. What
-    // stays although the daemon was asked again and again is left for good.
+    // Returns what was added or removed since the ledger was taken, except for lines that contain
+    // `expected`. Sends requests to the daemon until nothing is left or the rest is considered
+    // permanent.
     [[nodiscard]] std::string left_over(const std::string& expected = "") const
     {
         std::string left;
@@ -137,7 +139,7 @@ class SystemWorld : public testing::TestWithParam<bool> {
         return left;
     }
 
-    // A whole life of container "web".
+    // Creates, starts and deletes the container "web".
     static void expect_usable()
     {
         make_bundle(kBundle, {"/bin/true"});

@@ -204,7 +204,7 @@ std::string gzip(std::string_view bytes, const Gzip& options)
     out.push_back(static_cast<char>(flags));
     out.append(4, '\0'); // time
     out += '\0';         // extra flags
-    out += '\x03';       // system: Unix
+    out += '\x03';       // operating system: Unix
     if (options.extra)
         out += little_endian(static_cast<std::uint32_t>(options.extra->size()), 2) + *options.extra;
     if (options.name)

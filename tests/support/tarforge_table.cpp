@@ -40,7 +40,7 @@ std::int64_t signed_number(const std::string& text)
 
 // ------------------------------------------------------------------ words
 
-// Reads the words of one line.
+// Splits a line into words.
 class Scanner {
   public:
     explicit Scanner(const std::string& line) : line_(line) {}
@@ -225,10 +225,10 @@ Gzip gzip_options(const std::vector<Word>& words)
 
 // ------------------------------------------------------------------ cases
 
-// The archives of one case, statement by statement.
+// Builds the archives of one case, statement by statement.
 class Forge {
   public:
-    // False: no statement of an archive.
+    // Returns false if this is not a statement about an archive.
     bool take(const std::string& keyword, const std::vector<Word>& words)
     {
         static const std::vector<std::string> kMembers = {"file", "dir", "symlink", "hardlink",
@@ -280,7 +280,7 @@ class Forge {
     Archive plain_;
 };
 
-// One line; what it belongs to is at the end of `cases`.
+// Processes one line, which belongs to the last element of `cases`.
 void take_line(const std::string& line, const std::string& where, std::vector<Case>& cases,
                Forge& forge)
 {

@@ -1,4 +1,4 @@
-// tarforge_table.hpp - archives written down as text, one case after another:
+// tarforge_table.hpp - parses descriptions of test archives, one case after another:
 //
 //     case LinkThenFileThroughIt
 //     symlink l->../outside
@@ -6,8 +6,9 @@
 //     end
 //     expect ENOTDIR
 //
-// One statement a line, "#" begins a comment. A word is NAME, KEY=VALUE or NAME->TARGET; what is in
-// double quotes may hold blanks and the escapes \n \t \\ \" \0 \xHH, and "ab"*50 is its fiftyfold.
+// One statement per line; "#" begins a comment. A word is NAME, KEY=VALUE or NAME->TARGET. Text in
+// double quotes may contain spaces and the escapes \n \t \\ \" \0 \xHH; "ab"*50 repeats it fifty
+// times.
 //
 //     file NAME [KEY=VALUE...]       a regular file; data="..." is its content
 //     dir NAME, symlink NAME->TARGET, hardlink NAME->TARGET, header: the same with other types
@@ -23,7 +24,7 @@
 // chksum:off=N is the right checksum plus N, chksum:signed=1 the sum of signed bytes. Keys of gzip:
 // level strategy method flags extra name comment hcrc crc size behind body.
 //
-// Every other statement is a note, kept for the reader of the case.
+// Every other statement is returned as a note for the code that reads the case.
 #ifndef TARFORGE_TABLE_HPP
 #define TARFORGE_TABLE_HPP
 
@@ -36,7 +37,7 @@ struct Word {
     enum class Join { kNone, kEquals, kArrow };
     std::string text;
     Join join = Join::kNone;
-    std::string value; // behind "=" or "->"
+    std::string value; // after "=" or "->"
 };
 
 struct Note {
@@ -51,11 +52,12 @@ struct Case {
     std::vector<Note> notes;
 };
 
-// The cases of a text; `file` is for messages. Throws std::runtime_error for a mistake in it.
+// Returns the cases of a text; `file` is used in messages. Throws std::runtime_error on a syntax
+// error.
 std::vector<Case> parse_cases(const std::string& text, const std::string& file);
 std::vector<Case> read_cases(const std::string& path);
 
-// Every "*.txt" of a directory, in the order of the names.
+// Reads every "*.txt" of a directory, in the order of the names.
 std::vector<Case> read_case_directory(const std::string& dir);
 
 } // namespace tarforge

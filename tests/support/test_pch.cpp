@@ -1,5 +1,5 @@
-// test_pch.cpp - carries the precompiled header that the test programs share: parsing GoogleTest
-// and the standard library once instead of sixty times halves the time the tests take to build.
+// test_pch.cpp - the precompiled header that the test programs share, so that GoogleTest and the
+// standard library are parsed only once.
 int main()
 {
     return 0;

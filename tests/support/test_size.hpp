@@ -1,4 +1,5 @@
-// test_size.hpp - the size of a test: small in the suite, larger in runs by hand.
+// test_size.hpp - the number of repetitions of a test: small in the test suite, larger in manual
+// runs.
 #ifndef TEST_SIZE_HPP
 #define TEST_SIZE_HPP
 
@@ -6,7 +7,7 @@
 
 namespace system_world {
 
-// How often something is done: the size for the suite, unless the environment names another.
+// Returns the value of the environment variable if it is set, otherwise `usual`.
 inline int size_of(const char* variable, int usual)
 {
     const char* text = std::getenv(variable);

@@ -1,4 +1,4 @@
-// test_tree.hpp - a directory that lives as long as a test, and what tests do with files in it.
+// test_tree.hpp - a temporary directory for a test, and helpers for files in it.
 #ifndef TEST_TREE_HPP
 #define TEST_TREE_HPP
 
@@ -57,7 +57,7 @@ inline std::string read_file(const std::string& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Whether the name is taken, also by a link that leads nowhere.
+// Returns whether the name exists, even as a dangling link.
 inline bool exists(const std::string& path)
 {
     struct stat st;
@@ -72,7 +72,7 @@ inline mode_t mode_of(const std::string& path)
     return st.st_mode & 07777;
 }
 
-// Sets the umask and puts the old one back.
+// Sets the umask and restores the old one.
 class Umask {
   public:
     explicit Umask(mode_t mask) : old_(umask(mask)) {}

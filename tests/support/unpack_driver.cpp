@@ -1,5 +1,5 @@
-// unpack_driver.cpp - the image functions of the shared library from the command line, for tests
-// that must not depend on the front end.
+// unpack_driver.cpp - calls the image functions of the shared library from the command line, for
+// tests that must not depend on zncctl.
 //
 // usage: unpack_driver unpack [--tag T] [--os O] [--arch A] [--flatten] LAYOUT BUNDLE
 //        unpack_driver inspect LAYOUT

@@ -12,16 +12,16 @@
  *  3. Threads. Functions may be called from any task of any process, unless their group says
  *     that they belong to the daemon task. No function changes process-wide state: no signal
  *     handlers, working directory, locale or umask.
- *  4. Blocking. Functions that talk to the daemon wait for room in its queue of 32 requests, for
- *     ever if need be, and then up to 5 seconds for each piece of the reply. zncStart without
- *     option 4 waits for the container's process. zncUnpack and zncImageInfoGet take as long as
- *     the image is large. Everything else is quick.
+ *  4. Blocking. Functions that talk to the daemon wait without a time limit for room in its queue
+ *     of 32 requests, and then up to 5 seconds for each piece of the reply. zncStart without
+ *     ZNC_OPT_NO_WAIT waits for the container's process. The duration of zncUnpack and
+ *     zncImageInfoGet depends on the size of the image. All other functions return quickly.
  *  5. Text is bytes ended by NUL; JSON is UTF-8. Paths have at most 1023 bytes, container
  *     ids at most 255.
- *  6. Nothing is printed but by zncUtilShowErr, zncUtilCredGetFromStdin, and the daemon-backed
- *     functions, which print the progress texts that the daemon sent, each as "text.\n" on
- *     standard output. The environment variable ZNC_VERBOSE set to "0" silences those.
- *  7. Signal numbers are the system's own (see zncUtilSignalNo), not the host's.
+ *  6. Only zncUtilShowErr, zncUtilCredGetFromStdin and the functions that talk to the daemon print
+ *     anything. The latter print the progress texts of the daemon, each as "text.\n" on standard
+ *     output, unless the environment variable ZNC_VERBOSE is "0".
+ *  7. Signal numbers are those of the library (see zncUtilSignalNo), not those of the host.
  *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1. New
  *     functions may be added; ZNC_VERSION_NUMBER says at compile time whether one is declared.
  *  9. A function that is marked ZNC_NODISCARD hands over something that only its result tells
@@ -149,9 +149,9 @@ struct cJSON; /* a JSON tree of the cJSON library */
 
 /* A container's life state. State documents carry the number. */
 typedef enum containerStatus {
-    STATE_CREATING = 0, /* being made; never seen from outside */
+    STATE_CREATING = 0, /* being created; never reported to clients */
     STATE_CREATED = 1,  /* ready to be started */
-    STATE_RUNNING = 2,  /* started; processes live in its namespace */
+    STATE_RUNNING = 2,  /* started; its namespace has processes */
     STATE_STOPPED = 3,  /* has run; cannot be started again */
     STATE_UNKNOWN = 4   /* not known, or no such container */
 } CONTAINER_STATUS;
@@ -170,25 +170,25 @@ typedef struct zncBundleAttr {
 /* Option bits of the client functions. */
 #define ZNC_OPT_WHOLE_NAMESPACE 0x2u /* zncKill: every process; zncDelete: also a running one */
 #define ZNC_OPT_NO_WAIT 0x4u         /* zncStart: return once the process runs */
-#define ZNC_OPT_DRY_RUN 0x1u         /* zncStoreCollect: tell and remove nothing */
+#define ZNC_OPT_DRY_RUN 0x1u         /* zncStoreCollect: report, but remove nothing */
 #define ZNC_OPT_FLATTEN 0x1u         /* zncUnpack: one flattened tree instead of layers */
 
 /* ------------------------------------------------------------------ containers: client functions
  *
- * Each is one request to the daemon and its answer. Besides the numbers named, each can fail
- * with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also: arguments too long for one request of
- * 1843 bytes of JSON), and with 0 when the request or its reply got lost (no reply within 5 s) or
- * the queues for them could not be made. A reply that is not JSON is a failure too; it leaves the
- * task error number as it was, but for zncContainerInfoGet, which sets EBADMSG.
+ * Each function sends one request to the daemon and waits for the reply. In addition to the numbers
+ * given, each can fail with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also if the arguments exceed
+ * one request, 1843 bytes of JSON), and with 0 if the request or its reply was lost (no reply
+ * within 5 s) or the queues for them could not be created. A reply that is not JSON is a failure,
+ * too; it does not change the task error number, except that zncContainerInfoGet sets EBADMSG.
  */
 
 /*
  * Create container `containerId` (1 to 255 bytes, no "/" or "\", not "." or "..") from the bundle
- * directory `bundlePath`; a relative path is resolved here. `option` is passed on and
- * `pAttr` (may be NULL) is ignored. On OK the container is in STATE_CREATED. Of an id of 255
- * bytes only 254 are kept: the container is found by those, not by all 255.
- * EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay filesystem a
- * bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
+ * directory `bundlePath`; a relative path is resolved by this function. `option` is sent to the
+ * daemon, which ignores it; `pAttr` (may be NULL) is ignored. On OK the container is in
+ * STATE_CREATED. Of an id of 255 bytes only the first 254 are kept, and only they find the
+ * container. EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay
+ * filesystem a bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
  * S_zncLib_RUNTIME_CONFIG_LOAD_FAILED, S_zncLib_OCI_VERSION_INVALID, S_zncLib_OCI_ROOT_INVALID,
  * S_zncLib_OCI_CWD_INVALID, S_zncLib_OCI_ARG_INVALID, S_zncLib_ROOTFS_CREATE_FAILED,
  * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or realpath's number.
@@ -206,23 +206,24 @@ ZNC_NODISCARD STATUS zncCreate(const char* containerId, const char* bundlePath, 
 ZNC_NODISCARD STATUS zncStart(const char* containerId, unsigned int option);
 
 /*
- * As zncStart with ZNC_OPT_NO_WAIT, and says which child of the caller the program is. `pPid` gets
- * its process id on OK, or 0 if the daemon had nothing to run. On ERROR it gets 0, unless the
- * program was spawned and the daemon could not be told: it was then sent TERM, and the caller reaps
- * it. Numbers as zncStart; EINVAL also for a NULL `pPid`.
+ * As zncStart with ZNC_OPT_NO_WAIT, and stores the process id of the program, a child of the
+ * caller, in `pPid`, or 0 if the daemon had nothing to run. On ERROR `pPid` is 0, unless the
+ * program was spawned but its process id could not be sent to the daemon: the program has then been
+ * sent TERM, and the caller must reap it. Errors as for zncStart; EINVAL also if `pPid` is NULL.
  */
 ZNC_NODISCARD STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
 
 /*
- * Send a signal (the system's number) to the container's process, or with
- * ZNC_OPT_WHOLE_NAMESPACE to all of its processes. A container that does not run is left alone: OK.
+ * Send a signal (the library's number) to the container's process, or with
+ * ZNC_OPT_WHOLE_NAMESPACE to all of its processes. If it is not running, do nothing and return OK.
  * EINVAL, ENODEV, ESRCH (the process is gone or not yet known).
  */
 STATUS zncKill(const char* containerId, int signo, unsigned int option);
 
 /*
- * Delete a container and all that create made. A running one needs ZNC_OPT_WHOLE_NAMESPACE: its
- * processes are then killed. EINVAL, ENODEV, EBUSY (running), S_zncLib_UNMOUNT_FAILED.
+ * Delete a container and everything that zncCreate made. A running container requires
+ * ZNC_OPT_WHOLE_NAMESPACE, and its processes are killed. EINVAL, ENODEV, EBUSY (running),
+ * S_zncLib_UNMOUNT_FAILED.
  */
 STATUS zncDelete(const char* containerId, unsigned int option);
 
@@ -239,7 +240,7 @@ CONTAINER_STATUS zncStatusGet(const char* containerId);
 ZNC_NODISCARD char* zncList(void);
 
 /*
- * All about one container: a JSON array with one inspection document. NULL with EINVAL, ENODEV
+ * Describe a container in full: a JSON array with one inspection document. NULL with EINVAL, ENODEV
  * or EBADMSG.
  */
 ZNC_NODISCARD char* zncContainerInfoGet(const char* containerId);
@@ -256,13 +257,14 @@ BOOL zncDaemonIsAlive(void);
  * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not;
  * one made here is removed again on failure. Layers are kept under the storage base
  * (zncBasePathGet) and shared between bundles where the overlay filesystem is available.
- * What is extracted is what was verified, also when the layout changes meanwhile. On OK the bundle
- * and what it needs are on disk.
+ * Exactly the verified bytes are extracted, even if the layout changes during the call. On OK the
+ * bundle and everything it needs have been written to disk.
  * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
  * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the
- * image's overlay device exists already, or another image with the same diff IDs and other layers
- * has the name of its tree or device), EBUSY (the store is locked for many seconds), ENAMETOOLONG,
- * archive and system numbers; 0 for a layer whose archive is damaged.
+ * image's overlay device exists already, or another image with the same diff IDs but different
+ * layers occupies the name of its tree or device), EBUSY (the store stayed locked for many
+ * seconds), ENAMETOOLONG, numbers of zncTarExtract and of the system; 0 for a layer whose archive
+ * is damaged.
  */
 ZNC_NODISCARD STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                                unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
@@ -273,25 +275,25 @@ ZNC_NODISCARD STATUS zncUnpack(const char* bundlePath, const char* ociPath, cons
  */
 ZNC_NODISCARD char* zncImageInfoGet(const char* ociPath);
 
-/* How far an unpack is. `layer` is borrowed for the call. */
+/* The progress of an unpack. `layer` is valid only during the call. */
 typedef struct zncProgress {
     const char* layer; /* the name of the layer's file, which is its digest in hexadecimal */
-    uint32_t index;    /* layers that came before it */
-    uint32_t count;    /* layers of the image */
+    uint32_t index;    /* index of the layer, from 0 */
+    uint32_t count;    /* number of layers of the image */
     uint64_t done;     /* bytes of the layer's file that were read */
-    uint64_t total;    /* bytes of the layer's file */
-    uint64_t leftOut;  /* members, since `func` was set, that were extracted otherwise than their
-                          maker meant: hard links and other kinds that are not made (but for those
-                          in dev), and marks that take away what lower layers have */
+    uint64_t total;    /* size of the layer's file in bytes */
+    uint64_t leftOut;  /* number of members, since `func` was set, that were not extracted as the
+                          archive specifies: hard links and other types that are not created
+                          (except those in dev), and whiteouts */
 } ZNC_PROGRESS;
 
 typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
 
 /*
- * Have `func` called while the calling task unpacks: when a layer begins (`done` is 0), as its file
- * is read, and when it is complete (`done` is `total`; at once for a layer that is kept already).
- * NULL: no longer. Belongs to the calling task and changes nothing but that; `func` must not unpack
- * and need not keep the task error number.
+ * Call `func` while the calling task unpacks: when a layer begins (`done` is 0), while its file is
+ * read, and when it is complete (`done` is `total`; immediately if the layer is stored already).
+ * NULL removes the callback. Affects only the calling task. `func` is called on that task; it must
+ * not unpack, and may change the task error number.
  */
 void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 
@@ -309,14 +311,14 @@ STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* ta
                      unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
                      void* context);
 
-/* What zncUnpack does once its arguments are checked; the same arguments and results. */
+/* As zncUnpack, without checking the arguments. */
 ZNC_NODISCARD STATUS zncImageUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                                     unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
 
 /*
  * Remove a bundle directory with all its content. Symbolic links in it are removed, never
- * followed. ERROR (number not set) for a NULL or missing path; ENAMETOOLONG for one of 1024 or more
- * characters, which nothing happens to.
+ * followed. ERROR (number not set) if the path is NULL or does not exist; ENAMETOOLONG, without
+ * removing anything, if it has 1024 or more characters.
  */
 STATUS zncImageBundleDelete(const char* pBundlePath);
 
@@ -366,10 +368,10 @@ typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context
  */
 STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
 
-/* What a storage base keeps. */
+/* The kinds of things in a storage base. */
 typedef enum zncStoreKind {
     ZNC_STORE_LAYER = 0,
-    ZNC_STORE_TREE = 1,   /* a flattened tree, or one that was set aside */
+    ZNC_STORE_TREE = 1,   /* a flattened tree, current or replaced */
     ZNC_STORE_DEVICE = 2, /* the overlay device of an image */
     ZNC_STORE_BUNDLE = 3  /* a bundle in the base's own directory "bundles" */
 } ZNC_STORE_KIND;
@@ -377,15 +379,15 @@ typedef enum zncStoreKind {
 typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* context);
 
 /*
- * Remove what nothing needs from the storage base (zncBasePathGet): layers, flattened trees,
- * overlay devices of images, and bundles in the base's directory "bundles". The base knows the
- * bundles that were unpacked; one whose "config.json" is gone is gone. Whatever else is in use the
- * caller says: `inUseNum` paths of bundles, roots, layers, trees or devices. That must be what
- * containers use: their bundles, and the directories below their overlay devices; it keeps bundles
- * in the base, too. Then `func`, which may be NULL, is called for each thing removed. With
- * ZNC_OPT_DRY_RUN in `option` nothing is removed. ERROR with the first number after everything else
- * was tried; EBUSY when an unpack is under way, EBADMSG for a record that cannot be read: nothing
- * is removed then.
+ * Remove everything that is not needed from the storage base (zncBasePathGet): layers, flattened
+ * trees, overlay devices of images, and bundles in the base's directory "bundles". The base records
+ * the bundles that were unpacked; one without its "config.json" counts as deleted. The caller must
+ * name everything else that is in use, as `inUseNum` paths of bundles, roots, layers, trees or
+ * devices: the bundles of all containers and the lower directories of their overlay devices.
+ * Bundles in the base are kept only if they are named. `func`, which may be NULL, is called for
+ * each thing removed. With ZNC_OPT_DRY_RUN in `option` nothing is removed. If something cannot be
+ * removed, continues and returns ERROR with the first number. Removes nothing and fails with EBUSY
+ * during an unpack, and with EBADMSG if a record cannot be read.
  */
 STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
                        ZNC_STORE_FUNC func, void* context);
@@ -402,12 +404,12 @@ const char* zncVersionGet(void);
 void zncUtilShowErr(int errCode);
 
 /*
- * Delete a file or a whole directory tree. HAZARD: a symbolic link to a directory is taken
- * for that directory: its files are deleted and the call does not end, since such a link is never
- * removed. Remove links from trees you did not make yourself before you call this. The call
- * does not end either on a directory that cannot be emptied or removed.
- * ERROR with EINVAL for NULL, else with the number of the failing system call. That the last
- * directory could not be removed is not reported.
+ * Delete a file or a directory tree. WARNING: symbolic links to directories are followed: the files
+ * in the target are deleted, and the call never returns, because the link itself is not removed.
+ * Use zncImageBundleDelete for trees that may contain links. Nor does the call return if a
+ * directory below `source` cannot be emptied or removed. ERROR with EINVAL for NULL, otherwise with
+ * the number of the failing system call. Failure to remove `source` itself, if it is a directory,
+ * is not reported.
  */
 STATUS zncUtilXdelete(const char* source);
 
@@ -419,10 +421,11 @@ STATUS zncUtilXdelete(const char* source);
 ZNC_NODISCARD STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size,
                                              const char* prompt_info);
 
-/* The system's number of a signal, by its bare name ("KILL" is 9); -1 for any other or NULL. */
+/* The library's number of a signal, by its name without "SIG" ("KILL" is 9); -1 if unknown or NULL.
+ */
 int zncUtilSignalNo(const char* sigstr);
 
-/* "creating", "created", "running", "stopped" or "unknown", which every other number is. */
+/* "creating", "created", "running" or "stopped"; "unknown" for every other number. */
 const char* zncUtilStateIdToString(int state);
 
 /*
@@ -511,8 +514,8 @@ typedef struct gzFile_s* gzFile;
 typedef struct gzArchive GZ_ARCHIVE; /* begins with a TAR_COMPRESS */
 
 /*
- * Read a gzip file of one member. ugzopen returns NULL (number unset) for a file that is none;
- * `mode` must not be NULL and is not looked at. ugzread delivers up to `len` bytes: their number,
+ * Read a gzip file of one member. ugzopen returns NULL (number unset) if the file is not gzip;
+ * `mode` must not be NULL and is ignored. ugzread reads up to `len` bytes and returns their number,
  * 0 at the end, -1 for NULL arguments or a `len` of 0; it trusts the length in the trailer and does
  * not report damaged data. ugzclose returns 0, or -1 for NULL. One task at a time per file.
  */
@@ -541,7 +544,7 @@ typedef enum zncBasePathType {
  */
 ZNC_NODISCARD size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 
-/* Whether overlay devices can be made: "/overlay" can be opened. Asked afresh at each call. */
+/* Whether overlay devices can be created: "/overlay" can be opened. Checked at each call. */
 BOOL zncOvlFsAvailable(void);
 
 /*
@@ -712,8 +715,8 @@ STATUS zncContainerDelete(const char* containerId, unsigned int option);
 ZNC_NODISCARD STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
 
 /*
- * Remember the spawned process. The container stays locked by the calling task on OK (on purpose;
- * the lock is recursive). EINVAL, ENODEV.
+ * Record the spawned process. On OK the calling task intentionally keeps the container locked (the
+ * lock is recursive). EINVAL, ENODEV.
  */
 STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle);
 

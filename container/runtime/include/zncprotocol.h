@@ -1,5 +1,5 @@
 /*
- * zncprotocol.h - what travels between clients and the daemon, and the builders of JSON documents.
+ * zncprotocol.h - the messages between clients and the daemon, and the builders of JSON documents.
  *
  * For programs that talk to the daemon by themselves or build the same documents; ordinary
  * clients need only zncontainer.h, whose conventions hold here too. JSON trees are cJSON's.
@@ -51,8 +51,8 @@ typedef enum zncCmdType {
  * A message, host byte order. `data` is unformatted JSON, not terminated on the wire. This is
  * one queue message; a longer reply goes on in further ones, which are data only.
  *
- * The daemon drops, without a reply, a request that says it has more data than came with it or than
- * a request can have, or whose `name` is not of the form zncCall makes: "/znc-u-<digits>-<digits>".
+ * The daemon silently drops a request whose `dataLen` exceeds the data received or the limit of a
+ * request, or whose `name` is not of the form used by zncCall, "/znc-u-<digits>-<digits>".
  */
 typedef struct zncMessage {
     char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue, ended by NUL */
@@ -106,7 +106,8 @@ zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
  */
 ZNC_NODISCARD struct cJSON* zncConfigToArray(char** argument);
 
-/* Add a deep copy of a member to another object, or "" when it is missing. No memory: nothing. */
+/* Add a deep copy of a member to another object, or "" if it is missing. Without memory, add
+ * nothing. */
 void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char* dstName);
 
 /* ------------------------------------------------------------------ calls (client) */
@@ -149,7 +150,8 @@ void zncMsgLvlSet(UINT8 lvl);
 /* Append a container's inspection document to `array`, for request `root`; 0 or an error number. */
 int zncInspectContainer(struct cJSON* root, struct cJSON* array);
 
-/* Its parts: new objects, or NULL when memory is short. A member that cannot be made is missing. */
+/* Its parts: new objects, or NULL if out of memory. Members that cannot be allocated are omitted.
+ */
 ZNC_NODISCARD struct cJSON* zncInspectContainerState(CONTAINER_STATE* pState);
 ZNC_NODISCARD struct cJSON* zncInspectHostConfig(runtimeSpecConfig* pConfig);
 ZNC_NODISCARD struct cJSON* zncInspectContainerConfig(runtimeSpecConfig* pConfig);

@@ -1,5 +1,7 @@
-/* calls.c - system calls that belong to the host's root. Each would change nothing: values are set
- * to what they are, files named do not exist, and each runs in a process of its own. */
+/*
+ * calls.c - system calls reserved for the host's root. None would change anything: values are set
+ * to their current value, files do not exist, and each call is made in a child process.
+ */
 #include "probe.h"
 
 #include <errno.h>
@@ -168,7 +170,8 @@ static long open_by_handle(void)
     struct {
         struct file_handle handle;
         unsigned char bytes[128];
-    } file = {{.handle_bytes = 8, .handle_type = 1}, {2}}; /* inode 2: the root of a disk */
+        /* inode 2: the root directory of a filesystem */
+    } file = {{.handle_bytes = 8, .handle_type = 1}, {2}};
     int id;
     name_to_handle_at(AT_FDCWD, "/tmp", &file.handle, &id, 0);
     const int mount = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -226,7 +229,7 @@ static long one_port(void)
     return syscall(SYS_ioperm, 0x80L, 1L, 1);
 }
 
-/* The way of 32-bit programs into the kernel; its numbers are others. */
+/* The system call entry for 32-bit programs, which has its own call numbers. */
 static long small_call(long number, long argument)
 {
     long result;
@@ -265,7 +268,7 @@ static const struct attempt kRights[] = {
 #ifdef __x86_64__
     {"all-ports", all_ports, {EPERM}},
     {"one-port", one_port, {EPERM}},
-    /* the child dies of it; without 32-bit programs the processor refuses */
+    /* the call kills the child; without support for 32-bit programs the processor faults */
     {"unshare-users-32", small_unshare, {128 + SIGSYS, 128 + SIGSEGV}},
     {"keys-32", small_keys, {128 + SIGSYS, 128 + SIGSEGV}},
     {"unshare-users-x32", third_unshare, {EPERM}},
@@ -280,6 +283,6 @@ void check_calls(void)
     check_filtered_calls();
     refused_each(kKernel, sizeof kKernel / sizeof *kKernel);
     refused_each(kRights, sizeof kRights / sizeof *kRights);
-    check_mount_calls(); /* last: where one works, the tree is no longer what it was */
+    check_mount_calls(); /* last: if one succeeds, the tree has changed */
     rmdir(PLACE);
 }

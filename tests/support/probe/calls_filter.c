@@ -1,5 +1,7 @@
-/* calls_filter.c - system calls that need no capability, so that nothing but the filter keeps a
- * container's program from them. Each is made in the way that the kernel allows to everybody. */
+/*
+ * calls_filter.c - system calls that need no capability, so that only the seccomp filter prevents a
+ * container's program from making them. Each is made in a way that the kernel permits to everybody.
+ */
 #include "probe.h"
 
 #include <errno.h>
@@ -68,7 +70,7 @@ static long ring(void)
     struct io_uring_params params = {0};
     return syscall(SYS_io_uring_setup, 1, &params);
 }
-/* Not there: EBADF of the kernel would say that the call got through. */
+/* The descriptor is invalid: EBADF from the kernel would show that the call passed the filter. */
 static long ring_enter(void)
 {
     const long result = syscall(SYS_io_uring_enter, -1, 0, 0, 0, NULL, 0L);
@@ -143,7 +145,7 @@ static const struct attempt kFiltered[] = {
     {"executable-data", executable_data, {EPERM}},
     {"hypervisor-socket", hypervisor, {EAFNOSUPPORT}},
 #ifdef __x86_64__
-    /* without 32-bit programs the processor refuses */
+    /* without support for 32-bit programs the processor faults */
     {"call-32", small_call, {128 + SIGSYS, 128 + SIGSEGV}},
     {"call-x32", third_call, {ENOSYS}},
 #endif

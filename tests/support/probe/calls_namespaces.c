@@ -1,4 +1,4 @@
-/* calls_namespaces.c - mounts and namespaces. Each attempt runs in a process of its own. */
+/* calls_namespaces.c - mounts and namespaces. Each attempt runs in a child process. */
 #include "probe.h"
 
 #include <errno.h>
@@ -12,7 +12,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-/* The C library's header of these collides with the kernel's. */
+/* <sys/mount.h> conflicts with the kernel's header. */
 int mount(const char*, const char*, const char*, unsigned long, const void*);
 int umount2(const char*, int);
 enum { kRemount = 32, kBind = 4096, kMove = 8192, kDetach = 2 };
@@ -176,8 +176,10 @@ static long clone3_users(void)
     struct clone_args args = {.flags = CLONE_NEWUSER, .exit_signal = SIGCHLD};
     return ended(syscall(SYS_clone3, &args, sizeof args));
 }
-/* With every capability in a user namespace of its own, the host's control groups would be
- * writable: they know this process's user as their owner. */
+/*
+ * With all capabilities in a new user namespace, this process could write to the host's control
+ * groups, because they are owned by its user.
+ */
 static long control_groups_as_own_root(void)
 {
     const int all = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWCGROUP;

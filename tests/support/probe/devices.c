@@ -1,4 +1,4 @@
-/* devices.c - what /dev holds, what can be made, and the terminal of whoever started this. */
+/* devices.c - the contents of /dev, creating devices, and the caller's terminal. */
 #include "probe.h"
 
 #include <dirent.h>
@@ -36,7 +36,7 @@ static void check_making(void)
     }
 }
 
-/* Nodes that came with the image. */
+/* Device nodes contained in the image. */
 static void check_image_nodes(void)
 {
     char list[1024];
@@ -72,7 +72,7 @@ static bool is_listed(const char* name, const char* const* list)
     return false;
 }
 
-/* A directory holds nothing but these. */
+/* Checks that a directory contains only these entries. */
 static void holds_only(const char* name, const char* path, const char* const* list)
 {
     char stranger[256] = "";
@@ -114,7 +114,7 @@ static void check_present(void)
     }
 }
 
-/* Typing for whoever sits at the terminal, and taking the terminal. */
+/* Attempts to inject input into the caller's terminal and to make it the controlling terminal. */
 static void check_terminal(void)
 {
     char name[64];
@@ -130,7 +130,7 @@ static void check_terminal(void)
         refused("type-on-own-terminal", ioctl(tty, TIOCSTI, &key), EPERM, EIO, 0);
         close(tty);
     }
-    /* Opening the stream's file again does not make it the controlling terminal either. */
+    /* Nor does reopening the stream's file make it the controlling terminal. */
     const int again = open("/proc/self/fd/0", O_RDWR | O_CLOEXEC);
     if (again >= 0) {
         refused("type-on-reopened-stream", ioctl(again, TIOCSTI, &key), ENOTTY, EPERM, EIO, EINVAL,

@@ -1,4 +1,7 @@
-/* identity.c - what the process was given: rights, groups, signals, descriptors, surroundings. */
+/*
+ * identity.c - what the process has received: capabilities, groups, signals, descriptors,
+ * environment.
+ */
 #include "probe.h"
 
 #include <ctype.h>
@@ -21,7 +24,7 @@
 
 extern char** environ;
 
-/* A field of sixteen hexadecimal digits. */
+/* Checks a status field of sixteen hexadecimal digits. */
 static void has_value(const char* name, const char* field, unsigned long long wanted)
 {
     const char* text = status_field(field);
@@ -86,7 +89,7 @@ static void check_environment(void)
     verdict("personality", persona == 0, "it is %x", (unsigned)persona);
 }
 
-/* A setting that every program begins with. */
+/* Checks a setting that every program must start with. */
 static void begins_with(const char* name, long value, long wanted)
 {
     verdict(name, value == wanted, "it is %ld", value);
@@ -133,7 +136,7 @@ void check_identity(void)
     check_limits();
 }
 
-/* The program itself, as "probe power", by a user without rights. */
+/* Runs this program as "probe power" as a user without capabilities. */
 static int run_as_nobody(void)
 {
     char self[PATH_MAX];
@@ -148,7 +151,7 @@ static int run_as_nobody(void)
 
 #define CAPABLE "/tmp/probe-capable"
 
-/* The program with every capability on its file. */
+/* Runs a copy of this program that has all file capabilities. */
 static int run_capable(void)
 {
     char* const argv[] = {(char*)CAPABLE, (char*)"power", NULL};

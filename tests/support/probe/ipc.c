@@ -77,7 +77,9 @@ static void check_system_v(void)
     refused("semaphores-set", semctl(number[5], 0, SETVAL, 1), EINVAL, 0);
 }
 
-/* The network is the host's, and abstract sockets with it: none may lead to a part of this system.
+/*
+ * The network namespace is the host's, and so are its abstract sockets: none may belong to a
+ * component of this system.
  */
 static void check_sockets(void)
 {
@@ -130,7 +132,7 @@ static long list_keys(void)
 {
     return keyctl(KEYCTL_READ, KEY_SPEC_USER_KEYRING, (long)key_text, sizeof key_text);
 }
-/* Linked into a key ring of one's own, the host's is possessed with all that is in it. */
+/* A key ring linked into one's own key ring is possessed, with all its keys. */
 static long link_keys(void)
 {
     keyctl(KEYCTL_JOIN_SESSION_KEYRING, 0, 0, 0);

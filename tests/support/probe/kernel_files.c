@@ -1,5 +1,7 @@
-/* kernel_files.c - /proc and /sys: what is covered, what is write-protected, and whether anything
- * was forgotten. */
+/*
+ * kernel_files.c - /proc and /sys: what is masked, what is read-only, and whether any file was
+ * overlooked.
+ */
 #include "probe.h"
 
 #include <dirent.h>
@@ -10,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/* Nothing is written: that it could be opened for writing is the escape. */
+/* Opens a file for writing without writing to it: a successful open is the escape. */
 static long open_to_write(const char* path)
 {
     const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -56,7 +58,7 @@ static void check_protected(void)
     rmdir("/sys/fs/cgroup/probe");
 }
 
-/* Absent, or an empty directory or file that cannot be written to. */
+/* Checks that a path does not exist, or is an empty directory or file that cannot be written to. */
 static void is_covered(const char* path)
 {
     char name[128];
@@ -107,13 +109,13 @@ static void check_hidden(void)
             ENOENT, 0);
 }
 
-/* Files of /proc that everybody may write to and that hold nothing of the host's. */
+/* Files of /proc that all users may write to and that do not affect the host. */
 static bool is_everybodys(const char* path)
 {
     return strncmp(path, "/proc/pressure/", 15) == 0;
 }
 
-/* The first file below `path` that can be opened for writing. Links are not followed. */
+/* Finds the first file below `path` that can be opened for writing. Links are not followed. */
 static bool find_writable(char* path, size_t size, unsigned* seen)
 {
     DIR* dir = opendir(path);
@@ -128,7 +130,7 @@ static bool find_writable(char* path, size_t size, unsigned* seen)
         if (lstat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
             found = find_writable(path, size, seen);
         } else if (S_ISREG(st.st_mode)) {
-            /* DAC_OVERRIDE opens a file that has nothing to write with, too. */
+            /* CAP_DAC_OVERRIDE permits opening even a file that has no write operation */
             ++*seen;
             found = (st.st_mode & 0222) != 0 && !is_everybodys(path) && open_to_write(path) >= 0;
         }

@@ -1,4 +1,4 @@
-/* main.c - the probe's entry, its checks' results, and its other uses. */
+/* main.c - the probe's main(), the reporting of results, and the other modes of the program. */
 #include "probe.h"
 
 #include <errno.h>
@@ -126,7 +126,7 @@ const char* status_field(const char* name)
     return value;
 }
 
-/* What a set-id program, or one with capabilities of its own, came to have. */
+/* Reports the capabilities that a set-ID program, or one with file capabilities, has obtained. */
 static int report_power(void)
 {
     const unsigned long long effective = strtoull(status_field("CapEff"), NULL, 16);

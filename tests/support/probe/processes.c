@@ -61,7 +61,7 @@ static void check_keepers_files(void)
         snprintf(name, sizeof name, "keeper-%s-link", kLinks[i]);
         refused(name, readlink(path, target, sizeof target), EACCES, EPERM, 0);
     }
-    /* That there are descriptors may be seen; there is one, to the owner. */
+    /* The list of descriptors may be visible to the owner; there is one. */
     unsigned entries = 0;
     DIR* fds = opendir("/proc/1/fd");
     while (fds != NULL && readdir(fds) != NULL)
@@ -192,7 +192,8 @@ static void check_host_processes(void)
     char* rest = list;
     for (char* text; (text = next_element(&rest)) != NULL;) {
         const pid_t pid = atoi(text);
-        if (pid <= 2 || pid == getpid()) /* a number that somebody in here may have, too */
+        /* This number may also belong to a process in the container. */
+        if (pid <= 2 || pid == getpid())
             continue;
         snprintf(name, sizeof name, "host-process-%d-signal", pid);
         refused(name, kill(pid, 0), ESRCH, 0);

@@ -1,4 +1,4 @@
-/* tree.c - the root and ways above it; what is mounted. */
+/* tree.c - the root directory, ways out of it, and the mounts. */
 #include "probe.h"
 
 #include <errno.h>
@@ -14,7 +14,7 @@
 #define UP_10 "../../../../../../../../../../"
 #define UP_100 UP_10 UP_10 UP_10 UP_10 UP_10 UP_10 UP_10 UP_10 UP_10 UP_10
 
-/* The host's file must not be there behind `prefix`. */
+/* Checks that the host's secret file cannot be reached below `prefix`. */
 static void hides_secret(const char* name, const char* prefix)
 {
     char path[2 * PATH_MAX];
@@ -34,7 +34,10 @@ static void up(void)
             return;
 }
 
-/* 0: where a break-out led is the container's root or below, and the host's file is not there. */
+/*
+ * Returns 0 if the break-out attempt ended in the container's root or below it, and the host's file
+ * cannot be reached.
+ */
 static int outcome(void)
 {
     struct stat st;
@@ -46,7 +49,10 @@ static int outcome(void)
 
 #define JAIL "/tmp/probe-jail"
 
-/* The classic: a root below, and a descriptor above it. */
+/*
+ * The classic chroot escape: chroot into a subdirectory while holding a descriptor of a directory
+ * above it.
+ */
 static int break_out_by_descriptor(void)
 {
     const int above = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -61,7 +67,7 @@ static int break_out_by_descriptor(void)
     return outcome();
 }
 
-/* The working directory stays above the root. */
+/* The same with a working directory that remains above the new root. */
 static int break_out_by_cwd(void)
 {
     if (chdir("/tmp") != 0 || chroot(JAIL) != 0)
@@ -114,7 +120,7 @@ static bool is_below(const char* path, const char* directory)
     return strncmp(path, directory, len) == 0 && (path[len] == '\0' || path[len] == '/');
 }
 
-/* One look at every line of mountinfo: where it is mounted and what follows it. */
+/* Checks every line of mountinfo: the mount point and the fields after it. */
 static void check_mount_list(void)
 {
     char line[4096];

@@ -1,5 +1,7 @@
-/* watch.c - programs on their way into this namespace: until they run they have more rights than
- * anybody here, and nobody may look into them. */
+/*
+ * watch.c - attacks programs that are entering this namespace: until they execute the container's
+ * program they have more privileges than any process in it, and must not be accessible.
+ */
 #include "probe.h"
 
 #include <errno.h>
@@ -13,7 +15,7 @@
 
 static const char* self_name = "";
 
-/* Whether the process is there and still runs the code that brings programs in. */
+/* Returns whether the process exists and still runs the code that enters the namespace. */
 static bool is_joining(pid_t pid)
 {
     char path[64];
@@ -41,7 +43,7 @@ static long try_link(pid_t pid, const char* file)
     return readlink(path, target, sizeof target);
 }
 
-/* What was seized is let go of again, so that its parent can reap it. */
+/* Detaches from a seized process, so that its parent can reap it. */
 static long try_seize(pid_t pid)
 {
     const long seized = probe_seize(pid);
@@ -93,15 +95,15 @@ static const char* const kWays[] = {"mem", "mem-write", "environ", "maps", "exe-
                                     "ns",  "take-fd",   "memory",  "seize"};
 enum { kWayCount = sizeof kWays / sizeof *kWays };
 
-/* Whether it was met while it was joining. */
+/* Returns whether the process was attacked while it was entering the namespace. */
 static bool attack(pid_t pid, unsigned long* attempts, unsigned* hits)
 {
-    /* Each newcomer is attacked in another order: the time is short. */
+    /* Use a different order for each process, because the time for an attack is short. */
     unsigned i = 0;
     for (; is_joining(pid); i++) {
         const unsigned way = (i + (unsigned)pid) % kWayCount;
         const bool worked = try_way(pid, way) >= 0;
-        if (!is_joining(pid)) /* what it became meanwhile may be looked into */
+        if (!is_joining(pid)) /* it has executed a program, which may be accessed */
             break;
         ++*attempts;
         hits[way] += worked ? 1 : 0;
@@ -109,7 +111,7 @@ static bool attack(pid_t pid, unsigned long* attempts, unsigned* hits)
     return i > 0;
 }
 
-/* The youngest process of this namespace, ended or not. */
+/* Returns the last process id assigned in this namespace, even if that process has ended. */
 static pid_t last_pid(void)
 {
     char text[128];

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# zncctl without a daemon: arguments, help, errors, streams.
+# Tests of zncctl without a daemon: arguments, help, errors, streams.
 # shellcheck source=cli_lib.sh
 . "$(dirname "$0")/cli_lib.sh"
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Usage, completions and the manual's synopsis name the same commands and options, and the
-# completions do what they should.
+# Tests that usage, completions and the synopses of the manual name the same commands and options, and that
+# the completions work.
 # shellcheck source=cli_lib.sh
 . "$(dirname "$0")/cli_lib.sh"
 
@@ -23,7 +23,7 @@ done
 
 # shellcheck source=/dev/null
 PATH=$(dirname "$ZNCCTL"):$PATH . "$work/bash"
-# complete WORD...: the proposals for the last word, sorted, in one line.
+# complete WORD...: prints the proposals for the last word, sorted, on one line.
 complete_words() {
     COMP_WORDS=(zncctl "$@")
     COMP_CWORD=$#

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# zncd: one at a time, an orderly stop, and what a new one makes of a dead one's leftovers.
+# Tests of zncd: only one at a time, an orderly stop, and the cleanup after a daemon that died.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -15,7 +15,7 @@ expect 'an unknown option is a usage error' 64 '' "$usage"
 run "$ZNCD" --version more
 expect 'further arguments are a usage error' 64 '' "$usage"
 
-# A copy, since the build may lie where only root can go.
+# Use a copy, because the build directory may be accessible only to root.
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
 rm /tmp/zncd.copy
@@ -44,7 +44,7 @@ check 'and the first goes on' alive
 stop_daemon
 start_daemon
 run zncctl version
-check 'the version of the daemon that runs is told' \
+check 'the version of the running daemon is printed' \
     grep -qx "daemon    $("$ZNCD" --version | cut -d' ' -f2)" "$work/out"
 
 make_bundle "$work/loop" /bin/sleep "$mark"
@@ -89,7 +89,7 @@ check 'a waiting start ends with its program when the daemon is killed' test $? 
 start_daemon
 two_containers
 stop_daemon KILL
-check 'a killed daemon takes its containers along' eventually not program_lives
+check 'the containers of a killed daemon end' eventually not program_lives
 start_daemon
 check 'a new one serves' alive
 check 'and says what it found' grep -q 'the previous daemon died' "$work/zncd.log"
@@ -105,7 +105,7 @@ touch "$work/outside/file" "$ZNC_BASE/containers/stale/upper/deep/file" \
     "$ZNC_BASE/containers/foreign/file"
 ln -s "$work/outside" "$ZNC_BASE/containers/stale/upper/link"
 ln -s "$work/outside" "$ZNC_BASE/containers/link"
-# Deeper than a daemon may have descriptors.
+# Deeper than the descriptor limit of the daemon.
 (cd "$ZNC_BASE/containers/stale/upper" && mkdir -p "$(printf 'd/%.0s' {1..1900})")
 check 'the deep tree is there' test $? = 0
 ulimit -Sn 256
@@ -146,7 +146,7 @@ check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 1
 check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
-check 'a requirement that is not met is told' test "$status" = 1
+check 'a requirement that is not met is reported' test "$status" = 1
 check 'with what comes of it' grep -qx "no   root: namespaces and mounts require it" "$work/out"
 
 if command -v strace >/dev/null; then
@@ -165,7 +165,7 @@ else
     printf 'skipped: strace is not installed, no missing call is tried\n'
 fi
 
-# A socket as systemd has one: what comes is written down.
+# A socket like that of systemd; the messages are written to a file.
 python3 -c '
 import socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -195,14 +195,15 @@ JOURNAL_STREAM=1:2 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/z
 rm /tmp/zncd.copy
 check 'the journal gets the level in front' grep -q '^<3>zncd: error: ' "$work/err"
 NOTIFY_SOCKET=$work/nobody start_daemon
-check 'a socket that nobody reads is a warning' grep -q '^zncd: warning: cannot notify .*/nobody of' \
+check 'a socket that is not read is a warning' grep -q '^zncd: warning: cannot notify .*/nobody of' \
     "$work/zncd.log"
 stop_daemon
 check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"
 
 make_bundle "$work/urgent" /bin/sleep "$mark"
 sed -i '1s/{/{"zarnel": {"rtp": {"rtpPriority": "0"}}, /' "$work/urgent/config.json"
-# nice_values: of a container's program that asks for the most urgent priority, and of one that does not.
+# nice_values: prints the nice values of a program that asks for the most urgent priority, and of one that
+# does not.
 nice_values() {
     local bundle
     for bundle in urgent loop; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Images that are made to reach beyond what they are: each is given to run, unpack, image check, image
-# inspect and import. The bait on the host and the trees of other images stay as they are, nothing
-# waits for ever, and each refusal is one line.
+# Tests with images that try to escape: each is given to run, unpack, image check, image inspect and import.
+# Files of the host and the trees of other images must not change, no command may block, and each refusal is
+# one line.
 # shellcheck source=cli_lib.sh
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -47,7 +47,8 @@ state_of_host() {
 # shellcheck disable=SC2317 # called by check
 one_line() { [[ $(grep -c '^zncctl: error: ' "$work/err") = 1 && -z $(printf '%s' "$err" | tr -d '[:print:]\n') ]]; }
 
-# refused NAME LAYOUT: by every command, with one line each, and nothing changes.
+# refused NAME LAYOUT: checks that every command refuses the layout with a one-line error, and that nothing
+# changes.
 refused() {
     local name=$1 layout=$2 before command
     before=$(state_of_host)
@@ -132,7 +133,7 @@ run zncctl run --os linux "$work/path"
 check 'a layer whose digest is a path is refused' test "$status" = 125
 check 'with one line' one_line
 
-# ---------------------------------------------------------------- keys that are there twice
+# ---------------------------------------------------------------- duplicate keys
 cp -r "$work/mounts" "$work/duplicate-keys"
 jq -c --arg d "$(manifest_of "$work/good")" '.manifests[0] |= {Digest: .digest} + . + {digest: $d}' \
     "$work/mounts/index.json" >"$work/duplicate-keys/index.json"
@@ -153,7 +154,7 @@ make_layout "$work/duplicate-keys4" "$plain"
 printf '{"imageLayoutVersion":"1.0.0","ImageLayoutVersion":"1.0.0"}' >"$work/duplicate-keys4/oci-layout"
 refused 'two versions in oci-layout' "$work/duplicate-keys4"
 
-# ---------------------------------------------------------------- files that are none
+# ---------------------------------------------------------------- special files
 for file in index manifest config layer; do
     rm -rf "$work/fifo"
     make_layout "$work/fifo" "$plain"
@@ -166,7 +167,7 @@ for file in index manifest config layer; do
     esac
     rm "$path"
     mkfifo "$path"
-    # Another image, so that its bundle is not there.
+    # A different image, so that it has no bundle yet.
     [[ $file = layer ]] && jq -c '.annotations={"a":"b"}' "$manifest" >"$work/manifest" &&
         write_index "$work/fifo" "$(described "$work/fifo" "$work/manifest" manifest.v1+json)"
     for command in "run --os linux $work/fifo" "unpack --os linux $work/fifo $work/refused" \
@@ -179,7 +180,7 @@ for file in index manifest config layer; do
     check "no bundle is made of it" test ! -e "$work/refused"
 done
 
-# ---------------------------------------------------------------- sizes that are not what is said
+# ---------------------------------------------------------------- wrong sizes
 make_layout "$work/holes" "$plain"
 manifest=$(blob_of "$work/holes" "$(manifest_of "$work/holes")")
 jq -c '.annotations={"holes":"yes"}' "$manifest" >"$work/manifest"
@@ -224,7 +225,7 @@ run zncctl image check "$work/again"
 check 'image check says once what is wrong with a layer that is there twice' \
     test "$status/$(grep -c 'refused: blob' "$work/out")" = 1/1
 
-# ---------------------------------------------------------------- who waits says so
+# ---------------------------------------------------------------- messages while waiting
 jq -c '.annotations={"waits":"yes"}' "$(blob_of "$work/good" "$(manifest_of "$work/good")")" >"$work/manifest"
 cp -r "$work/good" "$work/waits"
 write_index "$work/waits" "$(described "$work/waits" "$work/manifest" manifest.v1+json)"
@@ -250,11 +251,11 @@ check 'run without a place for its lock is refused' test "$status" = 125
 rm "$ZNC_BASE/bundles"
 mv "$work/bundles" "$ZNC_BASE/bundles"
 
-# ---------------------------------------------------------------- bundles that are not whole
+# ---------------------------------------------------------------- incomplete bundles
 rm "$good/.complete"
 jq '.mounts=[{"source":"/","destination":"/host","options":["bind"]}]' "$work/good-config" >"$good/config.json"
 run zncctl run --os linux --progress none "$work/good"
-check 'a bundle that nobody came to the end of is made anew' test "$status/$out/$(jq -c .mounts \
+check 'an unfinished bundle is made again' test "$status/$out/$(jq -c .mounts \
     "$good/config.json")" = '0/plain/[]'
 
 # ---------------------------------------------------------------- ids
@@ -309,7 +310,7 @@ fails_with 'create refuses a key that is there twice' 1 'the key "root" is there
 run zncctl config check "$work/bundle"
 check 'config check names it' grep -q ': root: refused: expected one such key, found two$' "$work/out"
 
-# ---------------------------------------------------------------- names that a terminal would obey
+# ---------------------------------------------------------------- names with terminal control sequences
 cp -r "$work/good" "$work/names"
 jq -c '.manifests[0].annotations={"org.opencontainers.image.ref.name":"a\u001b[2J\u009b2J\u202eb\u2028c"}' \
     "$work/good/index.json" >"$work/names/index.json"
@@ -323,7 +324,7 @@ for command in "image ls $work/names" "image ls -q $work/names" "image inspect $
     [[ $command != *json && $command != *inspect* ]] || check "$command stays JSON" jq -e . "$work/out" >"$work/json"
 done
 
-# ---------------------------------------------------------------- more containers than one answer holds
+# ---------------------------------------------------------------- more containers than fit into one reply
 long=$work/$(printf 'd%.0s' {1..200})/$(printf 'e%.0s' {1..200})/$(printf 'f%.0s' {1..200})
 mkdir -p "$(dirname "$long")"
 make_bundle "$long" /bin/busybox true

@@ -11,7 +11,7 @@ work=$(mktemp -d /tmp/cli-test.XXXXXX)
 export ZNC_BASE=$work/storage
 daemon=
 out='' err='' status=0
-# Programs in containers are recognised from outside by how long they sleep.
+# Programs in containers are identified from outside by the duration of their sleep.
 mark=$((900000 + $$ % 90000))
 
 zncctl() { "$ZNCCTL" "$@"; }
@@ -26,12 +26,12 @@ run() {
 
 explain_failure() { printf '  last run: status %s\n  out: %s\n  err: %s\n' "$status" "$out" "$err"; }
 
-# expect NAME STATUS OUT ERR: the last run gave exactly these.
+# expect NAME STATUS OUT ERR: checks that the last run produced exactly these.
 expect() {
     check "$1" test "$status/$out/$err" = "$2/$3/$4"
 }
 
-# error_line: what the one error line of the last run says.
+# error_line: prints the only error line of the last run.
 error_line() { sed -n 's/^zncctl: error: //p' "$work/err"; }
 
 # fails_with NAME STATUS MESSAGE: nothing on standard output, and one error line on standard error
@@ -101,7 +101,7 @@ need() {
     exit 77
 }
 
-# Whether a process of this run's containers still lives (zombies do not count).
+# Returns whether any process of this run's containers is still running (zombies do not count).
 program_lives() {
     local proc words
     for proc in /proc/[0-9]*; do

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Containers through zncctl and a real daemon.
+# Tests of the life cycle of containers with zncctl and a real daemon.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -16,7 +16,7 @@ expect 'an empty JSON list is []' 0 '[]' ''
 
 # status_is ID TEXT
 status_is() { [[ $(zncctl list | awk -v id="$1" '$1 == id { print $2 }') == "$2" ]]; }
-# runs_out ID: state is asked, because only that notices that a container ended.
+# runs_out ID: waits for the container to end by querying its state, because only a query detects the end.
 runs_out() { zncctl state "$1" | grep -q '"status": 3'; }
 
 make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
@@ -119,7 +119,7 @@ done
 
 make_bundle "$work/traps" /bin/sh -c \
     "trap 'echo usr1; exit 3' USR1; trap 'echo term; exit 5' TERM; echo ready; sleep $mark & wait; wait"
-# trapping SENDER: runs the program, sends, and leaves its output and status.
+# trapping SENDER: runs the program, sends the signal, and sets its output and status.
 trapping() {
     rm -f "$work/trapped"
     zncctl create trap "$work/traps"
@@ -145,7 +145,7 @@ for signal in HUP INT QUIT; do
     zncctl create web "$work/loop"
     "$ZNCCTL" start -a web 2>/dev/null &
     starter=$!
-    # The program's number is known to the daemon once the signal can be sent.
+    # Once the signal can be sent, the daemon knows the program's process id.
     eventually program_lives && eventually zncctl kill -q -s 0 web
     kill -s $signal $starter
     wait $starter

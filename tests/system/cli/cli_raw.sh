@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Images where there is no overlay filesystem: each container has a bundle of its own.
+# Tests of images without the overlay filesystem: each container has a separate bundle.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -9,7 +9,7 @@ bundles() { find "$ZNC_BASE/bundles" -mindepth 1 -maxdepth 1 -not -name .lock | 
 
 make_image "$work/layout"
 start_daemon
-rmdir /overlay # which the daemon has made
+rmdir /overlay # created by the daemon
 run zncctl info
 check 'there is no overlay filesystem' grep -qx 'overlay     no' "$work/out"
 run zncctl run --os linux --progress none "$work/layout"

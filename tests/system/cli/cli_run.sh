@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# zncctl run, and containers that a monitor stays with.
+# Tests of zncctl run, and of detached containers with a monitor.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -9,7 +9,7 @@ no_containers() { [[ -z $(zncctl list -q) ]]; }
 no_records() { [[ -z $(ls -A /run/zarnel/containers) ]]; }
 field() { zncctl list | awk -v id="$1" -v column="$2" '$1 == id { print $column }'; }
 status_is() { [[ $(field "$1" 2) == "$2" ]]; }
-# Processes of zncctl that this test has started and that go on.
+# Lists processes of zncctl that this test has started and that are still running.
 no_monitor() {
     local proc
     for proc in /proc/[0-9]*; do
@@ -73,12 +73,13 @@ done
 run zncctl run -t -b "$work/hello"
 fails_with '--tty without a terminal exits 125' 125 '--tty needs a terminal on standard input'
 
-# A detached program keeps nothing of the caller's: this ends although the program goes on.
+# A detached program does not keep the caller's descriptors open: the command substitution returns although
+# the program is still running.
 make_bundle "$work/loop" /bin/sh -c "echo begin; exec sleep $mark"
 out=$(zncctl run -d -b "$work/loop" web 2>&1)
 check 'run --detach prints the id and lets go of the output' test "$out" = web
 check 'its program runs' eventually program_lives
-# logged ID TEXT: what a program prints comes to its log when the monitor has read it.
+# logged ID TEXT: waits until the text is in the log: output appears there when the monitor has read it.
 logged() { zncctl logs "$1" 2>/dev/null | grep -q "$2"; }
 eventually logged web begin
 run zncctl logs web
@@ -133,7 +134,7 @@ check 'with all its processes' not program_lives
 run zncctl wait stubborn
 expect 'that is its exit code' 0 137 ''
 run zncctl stop -t soon stubborn
-check 'a time that is none is a usage error' test "$status/$out" = 64/
+check 'an invalid time is a usage error' test "$status/$out" = 64/
 run zncctl wait --timeout soon stubborn
 check 'also for wait' test "$status/$out" = 64/
 
@@ -144,7 +145,7 @@ expect 'several can be started' 0 '' ''
 run zncctl kill -s STOP one two
 expect 'kill prints a line for each' 0 $'one\ntwo' ''
 run zncctl kill -q -s CONT one nosuch two
-check 'one failure among several is told' test "$status/$out/$(error_line)" = \
+check 'one failure among several is reported' test "$status/$out/$(error_line)" = \
     '2//nosuch: Container does not exist'
 run zncctl delete stubborn one
 check 'failures of one kind give their exit status' test "$status/$out/$(error_line)" = \
@@ -196,7 +197,7 @@ run zncctl logs --tail x trap
 check 'what is no number is a usage error' test "$status/$out" = 64/
 zncctl delete -q trap
 
-# 6,000 lines of 10 bytes in a log of 8 KiB: the end is there, the beginning is not.
+# 6,000 lines of 10 bytes in a log of 8 KiB: the log contains the end of the output but not the beginning.
 # shellcheck disable=SC2016
 make_bundle "$work/talks" /bin/sh -c 'i=100000; while [ $i -lt 106000 ]; do echo l $i.; i=$((i+1)); done'
 zncctl run -d --log-max 8192 -b "$work/talks" talks >/dev/null
@@ -213,7 +214,7 @@ numbers = [int(line[2:-1]) for line in lines]
 assert numbers == list(range(numbers[0], 106000))' "$work/out"
 zncctl delete -q talks
 
-# A process that the program leaves behind holds the output, not the exit code.
+# A process that the program leaves behind keeps the output open, but does not delay the exit code.
 make_bundle "$work/leaves" /bin/sh -c "(sleep $mark; echo late) & exit 3"
 zncctl run -d -b "$work/leaves" leaves >/dev/null
 run zncctl wait leaves
@@ -221,7 +222,7 @@ expect 'the exit code does not wait for what the program leaves behind' 0 3 ''
 zncctl delete -qf leaves
 check 'which delete --force ends' eventually not program_lives
 
-# A monitor that is killed takes nothing along but the exit code.
+# If the monitor is killed, only the exit code is lost.
 zncctl run -d -b "$work/loop" web >/dev/null
 eventually program_lives
 kill -s KILL "$(sed -n 's/.*"keeper": \([0-9]*\).*/\1/p' /run/zarnel/containers/web/status.json)"
@@ -240,7 +241,7 @@ runner=$!
 eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
 sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
-check 'a second interrupt tells how to force' eventually sent
+check 'a second interrupt prints how to end by force' eventually sent
 check 'with the command' grep -qx \
     "zncctl: hint: deaf is still running; 'zncctl kill -s KILL deaf' kills it" "$work/hints"
 zncctl kill -q --all -s KILL deaf

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# What a container's program gets of the caller of zncctl: its streams, its end, nothing else.
+# Tests of what a container's program receives from the caller of zncctl: its streams and their end, and
+# nothing else.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
@@ -10,10 +11,11 @@ start_daemon
 no_containers() { [[ -z $(zncctl list -q) ]]; }
 status_is() { [[ $(zncctl list | awk -v id="$1" '$1 == id { print $2 }') == "$2" ]]; }
 sum_of() { sha256sum "$@" | cut -d ' ' -f 1; }
-# made FILE TEXT: it has this content and is as a file of this test is made.
+# made FILE TEXT: checks that the file has this content, and the mode and owner of a file created by this
+# test.
 unchanged() { [[ $(<"$1") == "$2" && $(stat -c '%a %u %g %h' "$1") == '644 0 0 1' ]]; }
 
-# script NAME TEXT: a bundle whose shell runs the text. The text stands in a file of the root.
+# script NAME TEXT: creates a bundle whose shell runs the text, which is stored in a file of the root.
 script() {
     make_bundle "$work/$1" /bin/sh /tmp/script
     printf '%s\n' "$2" >"$work/$1/rootfs/tmp/script"
@@ -78,10 +80,10 @@ for closed in '' '<&-' '>&-' '2>&-' '<&- >&-' '<&- 2>&-' '>&- 2>&-' '<&- >&- 2>&
 done
 make_bundle "$work/two" /bin/sh -c 'cat; echo two'
 "$ZNCCTL" run -b "$work/two" <"$work" >"$work/out" 2>"$work/err"
-check 'a directory as input is told, and is none' test "$?/$(<"$work/out")/$(wc -l <"$work/err")" = 125/two/1
+check 'a directory as input is reported and not read' test "$?/$(<"$work/out")/$(wc -l <"$work/err")" = 125/two/1
 check 'by name' grep -q 'standard input: Target is a directory$' "$work/err"
 "$ZNCCTL" run -b "$work/two" >/dev/full 2>"$work/err" </dev/null
-check 'a full disk is told' test "$?/$(wc -l <"$work/err")" = 125/1
+check 'a full disk is reported' test "$?/$(wc -l <"$work/err")" = 125/1
 check 'by name, too' grep -q 'standard output: No space left on device$' "$work/err"
 make_bundle "$work/nine" /bin/sh -c 'echo x; exit 9'
 "$ZNCCTL" run -b "$work/nine" >/dev/full 2>"$work/err" </dev/null
@@ -126,13 +128,13 @@ run python3 "$work/sockets.py" "$work/cat" "$work/big"
 expect '100 MB over a socket' 0 "0 $wanted" ''
 rm "$work/big" "$work/copy"
 
-# The program must be blocked in writing when nobody reads: 4 MB are more than all pipes hold.
+# The program must block in write() if nothing reads its output: 4 MB exceed the capacity of all pipes.
 make_bundle "$work/much" /bin/sh -c "dd=1; /bin/busybox head -c 4000000 /dev/zero; echo done >&2; exit 5"
 mkfifo "$work/slow"
 exec 9<>"$work/slow"
 "$ZNCCTL" run -b "$work/much" >"$work/slow" 2>"$work/err" </dev/null &
 runner=$!
-# The system call that a process is in: 1 is write.
+# Prints the number of the system call that a process is in: 1 is write.
 writes() {
     local proc
     for proc in /proc/[0-9]*; do
@@ -141,7 +143,7 @@ writes() {
     done
     return 1
 }
-check 'a program waits for who reads its output' eventually writes
+check 'a program blocks until its output is read' eventually writes
 check 'and has not ended' test -z "$(<"$work/err")"
 check 'neither has zncctl' kill -0 $runner
 out=$(head -c 4000000 <&9 | wc -c)
@@ -158,7 +160,7 @@ bash -c '"$0" run -b "$1/waits" 2>"$1/err" </dev/null | :; echo "${PIPESTATUS[0]
     "$ZNCCTL" "$work" &
 runner=$!
 eventually grep -q ready "$work/err"
-# zncctl closes its end of the pipe although nothing was written to it yet.
+# zncctl closes its end of the pipe even though nothing has been written to it yet.
 id=$(zncctl list -q)
 pid=$(zncctl top "$id" | awk 'NR == 2 { print $1 }')
 keeper=$(sed -n 's/.*"keeper": \([0-9]*\).*/\1/p' "/run/zarnel/containers/$id/status.json")
@@ -169,7 +171,7 @@ touch "/proc/$pid/root/tmp/go"
 wait $runner
 check 'the first writing ends the program' test "$(<"$work/out")" = 141
 
-# Input: its end, and a program that does not want it.
+# Input: end of file, and a program that does not read it.
 out=$(printf 'a\nb' | "$ZNCCTL" run -b "$work/cat")
 check 'the end of input is passed on' test "$out" = $'a\nb'
 echo early >"$work/fifo" &
@@ -180,14 +182,14 @@ check 'also that of a FIFO whose writer has gone before' test "$out" = early
 exec 9<&-
 make_bundle "$work/closes" /bin/sh -c 'exec <&-; echo closed'
 out=$(yes | "$ZNCCTL" run -b "$work/closes")
-check 'input that nobody reads is no reason to wait' test "$?/$out" = 0/closed
+check 'input that is not read does not delay the end' test "$?/$out" = 0/closed
 mkfifo "$work/endless"
 exec 9<>"$work/endless"
 out=$("$ZNCCTL" run -b "$work/closes" <"$work/endless" 9<&-)
 check 'nor is input without end' test "$?/$out" = 0/closed
 exec 9<&-
 
-# What the program leaves behind.
+# Processes that the program leaves behind.
 make_bundle "$work/leaves" /bin/sh -c "(sleep $mark) & echo last; exit 3"
 zncctl create leaves "$work/leaves"
 run zncctl start -a leaves
@@ -208,7 +210,8 @@ make_bundle "$work/rest" /bin/sh -c "(sleep $mark) & i=0; while [ \$i -lt 5000 ]
 out=$("$ZNCCTL" run -b "$work/rest" </dev/null | { sleep 0.2; tail -n 1; })
 check 'all that the program wrote is passed on, however late it is read' test "$out" = 'line 4999'
 
-# A container's end of a pipe can be opened for reading: nobody may wait for bytes that are taken away.
+# A process in the container can open the other end of a pipe for reading: zncctl must not wait for bytes that
+# were consumed there.
 # shellcheck disable=SC2016
 script steals '/bin/busybox dd if=/proc/self/fd/1 of=/dev/null 2>/dev/null & thief=$!
 i=0; while [ $i -lt 2000 ]; do echo $i; i=$((i+1)); done; kill -9 $thief; exit 3'
@@ -221,7 +224,7 @@ run zncctl wait --timeout 60 steals
 expect 'nor its monitor' 0 3 ''
 zncctl delete -qf steals
 
-# Ends that are none.
+# Stops that are not the end of the program.
 for how in trace parent; do
     make_bundle "$work/$how" /bin/forger $how
     cp "$FORGER" "$work/$how/rootfs/bin/forger"
@@ -243,7 +246,7 @@ expect 'neither is it to the monitor' 0 137 ''
 zncctl delete -qf trace
 check 'none of their containers is left' no_containers
 
-# Nothing else of the caller's.
+# Nothing else is inherited from the caller.
 # shellcheck disable=SC2016
 script rest_of 'umask; pwd; /bin/busybox env | /bin/busybox sort | /bin/busybox tr "\n" " "
 read -r _ _ _ _ group session tty _ </proc/self/stat

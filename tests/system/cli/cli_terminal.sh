@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# zncctl on a terminal: what programs find there, how it is given back, colours, widths, progress.
+# Tests of zncctl on a terminal: the terminal of the program, restoring the caller's terminal, colours,
+# widths, progress.
 # shellcheck source=cli_lib.sh
 . "$(dirname "$0")/cli_lib.sh"
 need busybox

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# readme_test.sh README - the lines under "Try it" do what the README prints. Needs ZNCD and ZNCCTL.
+# readme_test.sh README - runs the commands under "Try it" and compares their output with the README. Needs
+# ZNCD and ZNCCTL.
 set -u
 # shellcheck source=tests/support/checks.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
@@ -16,7 +17,7 @@ for ((i = 0; i < 100; i++)); do
 done
 check 'the daemon answers' grep -q alive ping.log
 
-# The block, without the lines that install packages and start the daemon.
+# The code block without the lines that install packages and start the daemon.
 sed -n '/^## Try it/,/^## /p' "$readme" | awk '/^```console/ { on = 1; next } /^```/ { on = 0 } on' >block
 grep -E '^# ' block | sed 's/^# //' | grep -vE '^apt |^zncd ' >commands
 check 'there are commands to try' test "$(wc -l <commands)" -eq 3

@@ -1,6 +1,6 @@
-// Containers from end to end: a real daemon, real namespaces, the overlay present and absent, and
-// nothing left behind. Runs in a sandbox; with --no-overlay the daemon finds no /overlay and cannot
-// make one.
+// End-to-end tests of containers: a real daemon, real namespaces, with and without overlay devices,
+// and nothing left behind. Runs in a sandbox; with --no-overlay the daemon finds no /overlay and
+// cannot create one.
 
 #include "system_world.hpp"
 
@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kBundle = "/tmp/bundle";
 constexpr int kTerm = 15;
-constexpr int kUsr1 = 30; // the system's number
+constexpr int kUsr1 = 30; // the library's number
 
 std::string read_file(const std::string& path)
 {
@@ -30,7 +30,7 @@ std::string read_file(const std::string& path)
     return text.str();
 }
 
-// Runs `call` with standard output in a file and gives what was written.
+// Runs `call` with standard output redirected to a file and returns the output.
 template <class Call> std::string output_of(Call call)
 {
     std::fflush(stdout);
@@ -166,7 +166,7 @@ TEST_P(Containers, ARunningContainerIsDeletedOnlyByForce)
     ASSERT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
     zncDaemonIsAlive();
-    // The id is free; the keeper is reaped on the way.
+    // The id is free again; the keeper is reaped by the next request.
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     EXPECT_EQ(zncDelete("web", 0), OK);
 }
@@ -281,7 +281,7 @@ TEST_P(Containers, ListAndInspectTellOfEachContainer)
     EXPECT_EQ(zncDelete("web", 0), OK);
 }
 
-// Each client process works on ids of its own; every call must succeed or fail as described.
+// Each client process uses its own ids; every call must succeed or fail as documented.
 int client(int number, int rounds, bool overlay)
 {
     const std::string id = "client" + std::to_string(number);

@@ -1,5 +1,5 @@
-// What a daemon finds when it starts and leaves when it stops: programs that nobody has waited for,
-// creates that failed, containers with many files, a runtime directory that is full.
+// Tests of what a daemon finds when it starts and leaves when it stops: programs that were not
+// reaped, failed creates, containers with many files, a full runtime directory.
 #include "base/owned.hpp"
 #include "daemon_world.hpp"
 
@@ -28,7 +28,8 @@ std::string read_file(const std::string& path)
 
 class DaemonEnds : public DaemonWorld {
   protected:
-    // Programs of containers of their own, children of this process, which does not wait for them.
+    // Programs, each in its own container, that are children of this process, which does not reap
+    // them.
     static std::vector<pid_t> start_many()
     {
         make_bundle(kBundle, {"/bin/sleep", "1000"});
@@ -51,7 +52,7 @@ class DaemonEnds : public DaemonWorld {
         for (const pid_t program : programs)
             EXPECT_EQ(exit_code(program), 128 + SIGKILL);
     }
-    // A container of that many files.
+    // A container with this many files.
     static void make_large(const std::string& id, int files)
     {
         ASSERT_EQ(zncCreate(id.c_str(), kBundle, 0, nullptr), OK) << std::hex << errno;
@@ -59,7 +60,7 @@ class DaemonEnds : public DaemonWorld {
         for (int i = 0; i < files; i++)
             std::ofstream("/overlay/" + id + "/data/" + std::to_string(i)) << "x";
     }
-    // Fails after its device is made: the program's path does not fit.
+    // Fails after its device was created: the program's path does not fit.
     static void fail_to_create(const std::string& id)
     {
         const std::string bundle = "/tmp/bundle/long";
@@ -91,7 +92,7 @@ TEST_F(DaemonEnds, APlainUserOfAContainerCannotRenameWhatIsInItsRoot)
 
 // ---------------------------------------------------------------- programs nobody waits for
 
-TEST_F(DaemonEnds, ARestartOverProgramsThatNobodyHasWaitedForServes)
+TEST_F(DaemonEnds, ARestartWithUnreapedProgramsServes)
 {
     const std::vector<pid_t> programs = start_many();
     EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL);
@@ -102,7 +103,7 @@ TEST_F(DaemonEnds, ARestartOverProgramsThatNobodyHasWaitedForServes)
     settle();
 }
 
-TEST_F(DaemonEnds, AStopOverProgramsThatNobodyHasWaitedForEndsAllOfThem)
+TEST_F(DaemonEnds, AStopEndsAllUnreapedPrograms)
 {
     const std::vector<pid_t> programs = start_many();
     EXPECT_EQ(stop_daemon(SIGTERM), 0);
@@ -153,7 +154,7 @@ TEST_F(DaemonEnds, WhileManyFilesAreDeletedTheIdIsFreeAndOthersAreServed)
     make_large("web", 20000);
     EXPECT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
     EXPECT_FALSE(fs::exists(kContainers + "/web"));
-    expect_usable(); // under the same id
+    expect_usable(); // with the same id
     EXPECT_TRUE(eventually([] { return !fs::exists(kTrash); }));
 }
 
@@ -162,12 +163,12 @@ TEST_F(DaemonEnds, WhatAKilledDaemonHadStillToDeleteTheNextOneDeletes)
     make_large("web", 20000);
     make_large("other", 1000);
     EXPECT_EQ(zncDelete("web", 0), OK);
-    EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL); // also with a container that was not deleted
+    EXPECT_EQ(stop_daemon(SIGKILL), 128 + SIGKILL); // even with a container that was not deleted
     start_daemon();
     EXPECT_TRUE(fs::is_empty(kContainers));
     EXPECT_TRUE(eventually([] { return !fs::exists(kTrash); }));
     expect_usable();
-    settle(); // descriptors have other numbers in another daemon
+    settle(); // descriptor numbers differ in another daemon
 }
 
 // ---------------------------------------------------------------- locks and full disks

@@ -1,10 +1,11 @@
-// Random operations of concurrent clients against a model of what the registry must answer.
+// Checks random operations of concurrent clients against a model of the registry.
 //
-// Strict: each id has a lock that a client holds over one operation and its look into the model, so
-// that operations on different ids overlap and each result is known exactly. Free: no locks; every
-// result must be one that some order of the others' operations explains.
+// Strict mode: a client holds a lock per id during one operation and the check of its result, so
+// that operations on different ids overlap and each result is known exactly. Free mode: no locks;
+// every result must be explained by some order of the other clients' operations.
 //
-// MODEL_OPERATIONS and MODEL_SEED give size and seed; a seed repeats what each client does.
+// MODEL_OPERATIONS and MODEL_SEED set the size and the seed; a seed repeats the operations of each
+// client.
 
 #include "client_group.hpp"
 #include "daemon_world.hpp"
@@ -32,25 +33,25 @@ constexpr int kNoSignal = 99;
 using system_world::size_of;
 using system_world::text_of;
 
-// What a container's program does, by its bundle.
+// What the container's program does depends on its bundle.
 enum Program : int { kEndsAtOnce, kSleeps, kIsMissing, kNoBundle, kPrograms };
 constexpr std::array<const char*, kPrograms> kBundles = {
     "/tmp/bundles/ends", "/tmp/bundles/sleeps", "/tmp/bundles/missing", "/tmp/bundles/none"};
 
-// A container as the model has it; STATE_UNKNOWN: there is none.
+// A container in the model; STATE_UNKNOWN: it does not exist.
 struct Container {
     pthread_mutex_t lock;
     int status;
     int program;
 };
 
-// An operation's result: 0, or the task error number of a failure.
+// The result of an operation: 0, or the task error number.
 int result_of(STATUS status)
 {
     return status == ERROR ? errno : 0;
 }
 
-// The programs that this client started and that ended.
+// The programs that this client started and that have ended.
 void reap()
 {
     while (::waitpid(-1, nullptr, WNOHANG) > 0) {
@@ -65,7 +66,7 @@ std::string id_of(std::size_t number)
 const std::vector<std::string> kWrongIds = {
     "", ".", "..", "a/b", "/", "a\\b", std::string(256, 'a'), std::string(400, 'b')};
 
-// One client's dice, and its report when a result is not the expected one.
+// The random numbers of one client, and its report of an unexpected result.
 class Client {
   public:
     Client(unsigned seed, int number)
@@ -196,7 +197,7 @@ class StrictClient : public Client {
         check(container, "kill", result, expected);
         if (!running || (signo != kTerm && signo != kKill))
             return;
-        // The signal takes effect when it likes.
+        // The signal takes effect at an unknown time.
         check(container, "what a signal ended",
               eventually([this] { return zncStatusGet(id_.c_str()) != STATE_RUNNING; }), 1);
         container.status = STATE_STOPPED;
@@ -295,8 +296,8 @@ class StrictClient : public Client {
     }
 
     SharedArray<Container>& containers_;
-    // A list looks at every container, and takes one that was started but has no process yet for
-    // stopped: no start and no list at the same time.
+    // zncList queries every container, and treats one that was started but has no process yet as
+    // stopped: so no start may run during a list.
     pthread_rwlock_t& looks_;
     std::size_t number_ = 0;
     std::string id_;
@@ -391,7 +392,7 @@ TEST_F(Model, EveryResultIsTheModelsWhereEachIdHasOneOperationAtATime)
         EXPECT_EQ(zncStatusGet(id_of(i).c_str()), containers[i].status) << i;
 }
 
-TEST_F(Model, EveryResultIsOneOfThePossibleWhereAllIdsAreEverybodys)
+TEST_F(Model, EveryResultIsPossibleWhereAllClientsShareAllIds)
 {
     ClientGroup clients(kClients, [&](int number) {
         FreeClient client(seed_, number);
@@ -413,7 +414,7 @@ TEST_F(Model, EveryResultIsOneOfThePossibleWhereAllWantTheSameId)
     EXPECT_EQ(clients.wait(), std::vector<int>(kClients, 0)) << "seed " << seed_;
 }
 
-// How many of eight clients that do the same at the same moment got each result.
+// Counts how many of eight clients that make the same call at the same moment got each result.
 std::map<int, int> results_of_all(const std::function<int()>& operation)
 {
     SharedArray<int> results(kClients);
@@ -438,7 +439,7 @@ TEST_F(Model, OfEightAtOnceOneCreatesOneStartsOneDeletes)
                   }),
                   (Counts{{0, 1}, {S_zncLib_CONTAINER_EXISTS, kClients - 1}}));
         EXPECT_EQ(results_of_all([] { return result_of(zncKill("id0", kKill, 0)); }),
-                  (Counts{{0, kClients}})); // it does not run: nothing to do
+                  (Counts{{0, kClients}})); // it is not running: nothing is done
         EXPECT_EQ(results_of_all([] { return result_of(zncStart("id0", 0)); }),
                   (Counts{{0, 1}, {EBUSY, kClients - 1}}));
         EXPECT_EQ(results_of_all([] { return result_of(zncDelete("id0", 0)); }),

@@ -1,5 +1,5 @@
-// A stop of the daemon, whatever it meets: the request in hand is answered, every container ends,
-// nothing stays, and the exit status is 0. And deletes of what does not want to end.
+// Tests of stopping the daemon in every situation: the current request is answered, all containers
+// end, nothing is left, and the exit status is 0. Also tests of deleting containers that resist.
 
 #include "client_group.hpp"
 #include "daemon_world.hpp"
@@ -18,12 +18,12 @@ class Stop : public DaemonWorld {
     void SetUp() override
     {
         DaemonWorld::SetUp();
-        EXPECT_EQ(stop_daemon(SIGTERM), 0); // its storage area stays
+        EXPECT_EQ(stop_daemon(SIGTERM), 0); // its storage area is kept
         without_daemon_ = Ledger::take(kStorage, ::getpid());
         start_daemon();
     }
 
-    // But for what every daemon leaves, such as its storage area.
+    // Except for what every daemon leaves, such as its storage area.
     void expect_nothing_left() const
     {
         EXPECT_EQ(Ledger::take(kStorage, ::getpid()).compared_with(without_daemon_), "");
@@ -34,7 +34,7 @@ class Stop : public DaemonWorld {
     Ledger without_daemon_;
 };
 
-// Waits for a child that is not the daemon, and was killed.
+// Waits for a child other than the daemon, which must have been killed.
 void wait_for_killed_child()
 {
     int status = 0;
@@ -43,7 +43,8 @@ void wait_for_killed_child()
     EXPECT_EQ(WTERMSIG(status), SIGKILL) << std::hex << status;
 }
 
-// A client that creates and deletes until the daemon is gone. Each call succeeds, or tells of that.
+// A client that creates and deletes containers until the daemon has ended. Each call must succeed,
+// or fail because the daemon has ended.
 int work_until_stopped(int number)
 {
     const std::string id = "client" + std::to_string(number);
@@ -66,7 +67,8 @@ INSTANTIATE_TEST_SUITE_P(Host, StopSignals, testing::Values(false, true),
 TEST_P(StopSignals, MeetsClientsAtWork)
 {
     ClientGroup clients(16, work_until_stopped);
-    EXPECT_TRUE(eventually([] { return fs::exists("/overlay/client3"); })); // they are at it
+    // the clients are running
+    EXPECT_TRUE(eventually([] { return fs::exists("/overlay/client3"); }));
     EXPECT_EQ(stop_daemon(stop_signal()), 0);
     EXPECT_EQ(clients.wait(), std::vector<int>(16, 0));
     expect_nothing_left();
@@ -86,7 +88,7 @@ TEST_P(StopSignals, LetsTheRequestInHandBeFinishedAndAnswered)
         bool first = true;
         const std::string text = call.reply([&] {
             if (!first)
-                ::kill(daemon(), stop_signal()); // at every piece after the first
+                ::kill(daemon(), stop_signal()); // during every piece after the first
             first = false;
         });
         EXPECT_GT(text.size(), kLength);
@@ -108,10 +110,10 @@ TEST_F(Stop, EndsAHundredRunningContainers)
     const pid_t stopping = daemon();
     int killed = 0;
     {
-        // The test is both the daemon's parent and the containers', and waits for each as it
-        // should.
+        // The test is the parent of both the daemon and the containers' programs, and waits for
+        // each.
         ::kill(stopping, SIGTERM);
-        ::kill(stopping, SIGINT); // once more does not hurt
+        ::kill(stopping, SIGINT); // a second signal has no effect
         while (killed < kContainers) {
             int status = 0;
             const pid_t ended = ::waitpid(-1, &status, 0);
@@ -125,7 +127,7 @@ TEST_F(Stop, EndsAHundredRunningContainers)
     expect_nothing_left();
 }
 
-// Ignores all that can be ignored, in every process.
+// Every process ignores all signals that can be ignored.
 const std::vector<std::string> kDeaf = {
     "/bin/sh", "-c",
     "i=1; while [ $i -lt 65 ]; do trap '' $i 2>/dev/null; i=$((i+1)); done; "
@@ -153,7 +155,8 @@ TEST_F(Stop, EndsAContainerThatIgnoresEverySignalItCan)
     expect_nothing_left();
 }
 
-// The clients that started them went without waiting; someone else is their parent now.
+// The clients that started the programs exited without waiting, so the programs have another
+// parent.
 TEST_F(Stop, EndsContainersWhoseClientsAreGone)
 {
     make_bundle(kBundle, {"/bin/sleep", "1000"});
@@ -194,7 +197,7 @@ TEST_F(Delete, EndsAContainerWhoseProcessesAreStopped)
     wait_for_killed_child();
 }
 
-// Each process is replaced by the next before a signal to it could arrive.
+// Each process forks its successor and exits before a signal can reach it.
 TEST_F(Delete, EndsAContainerThatForksAllTheTime)
 {
     make_bundle(kBundle, {"/bin/sh", "-c",

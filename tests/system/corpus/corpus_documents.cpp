@@ -1,5 +1,5 @@
-// The documents of an image: JSON that is broken, huge or ambiguous, members of wrong kinds, and
-// configurations that ask for more than an image has to say.
+// Documents of an image: JSON that is invalid, huge or ambiguous, members of wrong types, and
+// configurations that request more than an image may.
 #include "corpus_images.hpp"
 
 #include "zncontainer.h"
@@ -38,7 +38,7 @@ const std::vector<Document>& documents()
 
 std::vector<std::pair<std::string, std::string>> broken_texts()
 {
-    return {{"IsEmpty", " "}, // "" would leave it to be an empty file, too; a blank is one byte
+    return {{"IsEmpty", " "}, // "" would mean an empty file; this is a single blank
             {"IsBlank", repeated(" \n", 1000)},
             {"IsCutOff", "{"},
             {"HasTextBehind", "$DOC trailing"},
@@ -61,7 +61,7 @@ std::vector<std::pair<std::string, std::string>> broken_texts()
             {"IsEscapesWithoutEnd", "\"" + repeated("\\u", 50000)}};
 }
 
-// Added to a document, these are none of our business.
+// Unknown members that must be ignored.
 std::vector<std::pair<std::string, std::string>> harmless_members()
 {
     return {{"DeepMember", ",\"x\":" + repeated("[", 900) + repeated("]", 900)},
@@ -109,7 +109,7 @@ std::vector<ImageCase> json_cases()
 
 namespace {
 
-// Of two members with one name the first counts, whatever case it is written in.
+// Of duplicate members, compared case-insensitively, the first one counts.
 std::vector<ImageCase> twin_cases()
 {
     const std::string wrong = "\"sha256:" + std::string(64, '0') + "\"";

@@ -1,6 +1,6 @@
-// Hostile images: layouts wrong in one place, unpacked. The ones that are
-// refused leave no bundle and no layer; of the others the configuration says what the image said,
-// and no more.
+// Tests that unpack hostile images, which are layouts with a single error. Images that are refused
+// leave no bundle and no layer; for the others, the configuration contains exactly what the image
+// specifies.
 #include "corpus_images.hpp"
 #include "corpus_world.hpp"
 
@@ -37,7 +37,7 @@ struct DeleteJson {
 };
 using Json = std::unique_ptr<cJSON, DeleteJson>;
 
-// "process.cwd" in a document.
+// Finds a member such as "process.cwd" in a document.
 const cJSON* at(const cJSON* item, const std::string& path)
 {
     std::istringstream parts(path);
@@ -93,7 +93,7 @@ TEST_P(CorpusImages, AreRefusedOrTakenAsDescribed)
         expect_configuration(world.bundle(), path, value);
 }
 
-// What is refused is so before the storage matters.
+// Images that are refused are refused before the kind of storage matters.
 static std::vector<CorpusImages::ParamType> runs()
 {
     std::vector<CorpusImages::ParamType> all;

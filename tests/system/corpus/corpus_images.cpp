@@ -25,11 +25,11 @@ std::string replaced(std::string text, const std::string& what, const std::strin
     return text;
 }
 
-// The three descriptors, and what a digest or size in each that is wrong comes to.
+// The three descriptors, and the errors for a wrong digest or size in each.
 struct Place {
     std::string name;
     std::string key;
-    int missing; // the file it leads to does not exist
+    int missing; // the error if the file does not exist
     int wrong;
 };
 
@@ -211,7 +211,7 @@ void make_socket(const fs::path& path)
     address.sun_family = AF_UNIX;
     const std::string text = path.string();
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    // The name of a blob is too long for an address; its directory is not.
+    // The path of a blob is too long for a socket address; that of its directory is not.
     const std::string link = "/tmp/znc-socket";
     fs::create_directory_symlink(path.parent_path(), link);
     const std::string name = link + "/s";
@@ -225,7 +225,7 @@ void make_socket(const fs::path& path)
 
 using Replace = std::function<void(const fs::path&)>;
 
-// By name; true where the file then cannot be found at all.
+// By name; true if the file then cannot be found at all.
 std::vector<std::tuple<std::string, bool, Replace>> replacements()
 {
     return {{"Nothing", true, [](const fs::path&) {}},
@@ -270,7 +270,7 @@ std::vector<ImageCase> file_cases()
     for (const auto& [file, member, missing, wrong] : files) {
         for (const auto& [name, gone, replace] : replacements()) {
             if (name == "AHugeFile" && (file == "Config" || file == "Layer"))
-                continue; // of these the digest is worked out before the size is looked at
+                continue; // for these the digest is checked before the size
             cases.push_back({file + "Is" + name,
                              gone ? missing : wrong,
                              {},

@@ -1,4 +1,4 @@
-// corpus_images.hpp - image layouts that are wrong in one place, as a table.
+// corpus_images.hpp - a table of image layouts with a single error.
 #ifndef CORPUS_IMAGES_HPP
 #define CORPUS_IMAGES_HPP
 
@@ -14,26 +14,26 @@ namespace corpus {
 // An image of one layer with one file. Every value can be replaced by another JSON text, by its
 // place:
 //
-//     oci-layout index manifest config             whole documents; $DOC is the right one
-//     entry.digest config.size layer.mediaType     values of the three descriptors; $D are the
-//     right
-//                                                  digits, $N the right size, $N+1 and $N-1 beside
-//                                                  it
-//     manifest.first manifest.extra                members put before and behind the others; the
-//     same
-//                                                  for index, document (the configuration) and
-//                                                  entry
-//     section diff_ids layers                      the configuration's "config" and "diff_ids", the
-//                                                  manifest's "layers" ($DOC is the right one)
+//     oci-layout index manifest config
+//         whole documents; $DOC is the original one
+//     entry.digest config.size layer.mediaType
+//         values of the three descriptors; $D are the original digits, $N is the original size, and
+//         $N+1 and $N-1 are the sizes next to it
+//     manifest.first manifest.extra
+//         members added before and after the others; the same for index, document (the
+//         configuration) and entry
+//     section diff_ids layers
+//         the configuration's "config" and "diff_ids", and the manifest's "layers" ($DOC is the
+//         original one)
 //
-// The empty text leaves a value out. Digests and sizes are those of what was written.
+// The empty text omits a value. Digests and sizes are those of what was written.
 class Draft {
   public:
     std::map<std::string, std::string> set;
 
     void write(const layout::Layout& layout);
 
-    // Of what was written, for damage done afterwards.
+    // Properties of what was written, for later damage.
     layout::fs::path layer_file, config_file, manifest_file, index_file, version_file;
     [[nodiscard]] const std::string& layer() const { return layer_; }
 
@@ -48,10 +48,10 @@ class Draft {
 
 struct ImageCase {
     std::string name;
-    int code; // the error number; -1: it is right
+    int code; // the expected error number; -1: the image is valid
     std::map<std::string, std::string> set = {};
-    std::function<void(const Draft&)> then = nullptr; // after it was written
-    // Where a right image leads to: JSON text by its path in "config.json" ("process.cwd").
+    std::function<void(const Draft&)> then = nullptr; // runs after the image was written
+    // For a valid image, the expected JSON text by path in "config.json" ("process.cwd").
     std::map<std::string, std::string> configuration = {};
 };
 

@@ -1,6 +1,6 @@
-// Archives and documents that are small and become large: no budget is set on them, so the memory
-// in use must not grow, and a disk or a table of files that is full must end the unpack without a
-// trace of it.
+// Tests with small archives and documents that expand to large ones. There is no size limit for
+// them, so memory usage must not grow, and a full disk or inode table must end the unpack without
+// leaving anything behind.
 #include "corpus_world.hpp"
 #include "tarforge.hpp"
 
@@ -24,10 +24,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::uint64_t kMiB = 1 << 20;
-constexpr long kRoomKiB = 16L * 1024; // what a call may take at most
+constexpr long kRoomKiB = 16L * 1024; // maximum memory of a call
 
-// What a call came to, and how much memory it took at its peak. It runs in a process of its own, in
-// which no more than `limit` more can be had.
+// The result of a call and its peak memory. The call runs in a child process that can allocate at
+// most `limit` more.
 struct Measured {
     STATUS status = ERROR;
     int error = -1;
@@ -68,7 +68,7 @@ Measured measure(const std::function<STATUS()>& call)
     return result;
 }
 
-// Zeros, packed in pieces: `count` MiB of them in about a thousandth.
+// Returns `count` MiB of zeros, compressed in pieces to about a thousandth.
 std::string packed_zeros(const std::string& front, std::uint64_t count, const std::string& back)
 {
     tarforge::Gzip options;
@@ -78,13 +78,13 @@ std::string packed_zeros(const std::string& front, std::uint64_t count, const st
         *options.body += piece;
     *options.body += tarforge::deflate(back);
     options.size = static_cast<std::uint32_t>(front.size() + count * kMiB + back.size());
-    options.crc = 0; // not looked at
+    options.crc = 0; // not checked
     return tarforge::gzip("", options);
 }
 
 const std::string kEnd(1024, '\0');
 
-// A small disk of its own, with few files, as the target's and the storage's.
+// A small filesystem with few inodes, for the target and the storage.
 class SmallDisk : public testing::Test {
   protected:
     void SetUp() override
@@ -144,7 +144,7 @@ class Bomb : public testing::Test {
 
 } // namespace
 
-// The member stands in a directory's way, so that its data goes nowhere.
+// The member's name is that of a directory, so its data are discarded.
 TEST_F(Bomb, AGibibyteOutOfAMebibyteTakesNoMemory)
 {
     const Archive front = Archive().dir("n/").raw(Header("n").size(1024 * kMiB).block());
@@ -190,7 +190,7 @@ TEST_F(Bomb, ManyMembersTakeNoMemory)
 {
     Archive archive;
     for (int i = 0; i < 50000; ++i)
-        archive.member(Header("f" + std::to_string(i), 'L')); // made of nothing
+        archive.member(Header("f" + std::to_string(i), 'L')); // a member of an unsupported type
     const std::string packed = tarforge::gzip(archive.end().bytes());
     const Measured result = measure([&] { return extract(packed); });
     EXPECT_EQ(result.status, OK);
@@ -210,7 +210,7 @@ TEST_F(Bomb, AnIndexOfAGibibyteIsNotRead)
     EXPECT_LT(result.kib, kRoomKiB);
 }
 
-// A thread with as little stack as a task of a small system has.
+// A thread with a stack as small as that of a task on a small system.
 TEST_F(Bomb, AMillionBracketsNeedNoStack)
 {
     layout::Layout layout(dir_.path() / "image");

@@ -1,5 +1,5 @@
-// Trees and blobs that somebody changes while they are in use. Figures by hand: CORPUS_FLIPS,
-// CORPUS_REWRITES.
+// Tests with trees and blobs that another process modifies while they are used. For manual runs,
+// set CORPUS_FLIPS and CORPUS_REWRITES.
 #include "corpus_world.hpp"
 #include "tarforge.hpp"
 
@@ -27,7 +27,7 @@ std::uint64_t figure(const char* name, std::uint64_t otherwise)
     return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-// Does something again and again until it goes out of scope.
+// Repeats an action until it goes out of scope.
 class Meanwhile {
   public:
     explicit Meanwhile(std::function<void()> step)
@@ -56,9 +56,8 @@ bool is_link(const std::string& path)
     return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-// Lets a directory and a link to the outside change places. True if they did; otherwise there is
-// one of each again the next time: the links go before each extraction, and the directory is made
-// anew by it.
+// Exchanges a directory and a link to the outside. Returns true on success. Otherwise both exist
+// again in the next round: extraction removes the link and recreates the directory.
 bool exchange(const std::string& one, const std::string& other)
 {
     std::error_code ignored;
@@ -116,8 +115,8 @@ class Race : public testing::Test {
 
 } // namespace
 
-// A flattened tree is extracted again while a container that has it as its root puts links to the
-// outside into its directories' places.
+// A flattened tree is extracted again while a container that uses it as its root replaces
+// directories by links to the outside.
 TEST_F(Race, DirectoriesAndLinksThatChangePlacesLeadNowhere)
 {
     Archive archive;
@@ -139,7 +138,8 @@ TEST_F(Race, DirectoriesAndLinksThatChangePlacesLeadNowhere)
 
     const auto before = look();
     constexpr std::uint64_t kUsual = 5000;
-    constexpr std::uint64_t kUnpacks = 3000; // enough on a machine too busy for as many exchanges
+    // limit for a machine that is too busy for that many exchanges
+    constexpr std::uint64_t kUnpacks = 3000;
     const std::uint64_t wanted = figure("CORPUS_FLIPS", kUsual);
     std::atomic<std::uint64_t> flips = 0;
     std::uint64_t unpacks = 0;
@@ -159,7 +159,7 @@ namespace {
 
 struct Layers {
     std::string good;
-    std::string hostile; // not shorter
+    std::string hostile; // at least as long
 };
 
 Layers two_layers()
@@ -187,9 +187,9 @@ std::string result_of(STATUS status, int error)
 
 } // namespace
 
-// A layer is verified and then extracted; who can write to the layout can exchange it in between.
-// What is extracted then is another archive: it is as confined as any, and if it is none, nothing
-// is published.
+// A layer is verified and then extracted; a process that can write to the layout can replace it in
+// between. The replacement is then extracted under the same restrictions as any archive, and
+// nothing is published if it is not valid.
 TEST_F(Race, ABlobRewrittenDuringTheUnpackIsConfined)
 {
     const Layers layers = two_layers();
@@ -205,7 +205,7 @@ TEST_F(Race, ABlobRewrittenDuringTheUnpackIsConfined)
         {"unpacked", 0}, {"refused by the digest", 0}, {"failed in extraction", 0}};
     const std::size_t kinds = results.size();
     {
-        // Hostile while a layer is being extracted, good while it is verified.
+        // The layer is hostile while it is extracted, and valid while it is verified.
         const Meanwhile writer([&] {
             bool extracting = false;
             for (const std::string& name : sentinel::names_in(base_ + "/layers"))

@@ -1,8 +1,8 @@
-// Hostile archives, from the tables in tests/data/corpus, each extracted by itself and as a layer
-// in every kind of storage. What a table says besides the archive:
+// Tests with hostile archives from the tables in tests/data/corpus, each extracted directly and as
+// a layer in every kind of storage. Besides the archive, a table contains:
 //
-//     expect ok|none|ERRNO       the result (ok if it says nothing); none: an error without a
-//     number holds ENTRY...             all of the tree afterwards, in the writing of the members
+//     expect ok|none|ERRNO       the result (default: ok); none: an error without a number
+//     holds ENTRY...             the complete resulting tree, in the notation of the members
 //     mode PATH MODE, mtime PATH SECONDS
 //     layered ok|none|ERRNO      the result where the layers are stored one by one
 #include "corpus_world.hpp"
@@ -124,7 +124,7 @@ TEST_P(Corpus, StaysInsideAndEndsAsDescribed)
     EXPECT_EQ(world.leftovers(outcome), "");
     EXPECT_EQ(corpus::forbidden_in(world.root()), "");
     EXPECT_EQ(result_text(outcome), apart ? *expected.layered : expected.result);
-    const bool whole = stored || storage == Storage::kFlattened; // or not there at all
+    const bool whole = stored || storage == Storage::kFlattened; // or the tree does not exist
     if (whole && !apart && outcome.status != OK) {
         EXPECT_FALSE(test_tree::exists(world.root()));
     } else if (!apart) {
@@ -146,7 +146,7 @@ TEST(CorpusTables, EveryCaseHasANameOfItsOwn)
     EXPECT_GE(names.size(), 400U);
 }
 
-// Programs in an image, which a layer in the store is, are nobody's but the owner's to run.
+// Programs in a stored layer may be executed only by the owner of the storage base.
 TEST(CorpusTables, StoredLayersAreOutOfReachOfOthers)
 {
     World world(Storage::kLayered);
@@ -156,7 +156,8 @@ TEST(CorpusTables, StoredLayersAreOutOfReachOfOthers)
     const std::string program = world.root() + "/program";
     EXPECT_EQ(test_tree::mode_of(program), 0755U);
     const std::string world_dir = fs::path(world.bundle()).parent_path();
-    ASSERT_EQ(chmod(world_dir.c_str(), 0755), 0); // the test's own directory is no wall
+    // the directory of the test must not be what denies access
+    ASSERT_EQ(chmod(world_dir.c_str(), 0755), 0);
     const pid_t child = fork();
     if (child == 0)
         _exit(setuid(65534) == 0 && access(program.c_str(), F_OK) != 0 && errno == EACCES ? 0 : 1);
@@ -165,7 +166,7 @@ TEST(CorpusTables, StoredLayersAreOutOfReachOfOthers)
     EXPECT_EQ(status, 0);
 }
 
-// That the comparison sees what it is there for.
+// Verifies that the comparison detects changes.
 TEST(CorpusTables, DamageIsNoticed)
 {
     World world(Storage::kDirect);

@@ -33,7 +33,7 @@ std::string chain_of(const std::vector<std::string>& layers)
     return chain;
 }
 
-// An archive without members: the layer below the one that matters.
+// An archive without members, used as the layer below the tested one.
 std::string empty_layer()
 {
     return std::string(1024, '\0');
@@ -65,7 +65,7 @@ World::World(Storage storage) : storage_(storage), layout_(fs::path(dir_ / "imag
     sentinel::make(dir_.path() + beside.at(storage));
     fs::create_directories(dir_ / "base/layers");
     fs::create_directories(dir_ / "base/flattened");
-    fs::remove_all(kOutside); // a test that threw may have left it
+    fs::remove_all(kOutside); // left over if an earlier test threw
     sentinel::make(kOutside);
     fs::create_directory(dir_ / "target");
     if (storage == Storage::kRaw) {
@@ -111,7 +111,8 @@ void World::may_appear(const std::string& path)
     parents_.insert(parent.empty() ? "." : parent);
 }
 
-// The root is known beforehand; nothing but it, the bundle and the layers may come into being.
+// The path of the root is known in advance; nothing but the root, the bundle and the layers may be
+// created.
 void World::expect_products(const std::vector<std::string>& layers)
 {
     if (storage_ == Storage::kRaw) {
@@ -122,12 +123,14 @@ void World::expect_products(const std::vector<std::string>& layers)
     }
     may_appear("bundle");
     may_appear("base/records");
-    if (storage_ == Storage::kFlattened && layers.size() > 1) { // a single one is that of the store
+    // for a single layer, the tree is that of the layer store
+    if (storage_ == Storage::kFlattened && layers.size() > 1) {
         may_appear("base/flattened/" + chain_of(layers));
         root_ = dir_ / "base/flattened/" + chain_of(layers);
         return;
     }
-    parents_.insert("base/layers"); // also without a layer: the stage came and went
+    // even without a layer: a temporary directory was created and removed
+    parents_.insert("base/layers");
     for (const std::string& layer : layers)
         may_appear("base/layers/" + layout::sha256_hex(layer));
     root_ = dir_ / "base/layers/" + layout::sha256_hex(layers.back());
@@ -220,7 +223,7 @@ std::string World::leftovers(const Outcome& outcome) const
         text += good ? "  no bundle\n" : "  the bundle stayed\n";
     if (test_tree::exists(bundle() + "/config.json") != good)
         text += good ? "  no configuration\n" : "  a configuration was written\n";
-    // A layer that was extracted stays, also when the configuration is refused afterwards.
+    // An extracted layer is kept even if the configuration is refused afterwards.
     const bool extracted = good || outcome.error == S_zncLib_BUNDLE_CONFIG_PARAM_INVALID;
     if (storage_ == Storage::kLayered && device_.empty() && test_tree::exists(root_) != extracted)
         text += extracted ? "  no layer\n" : "  a layer was published that is none\n";

@@ -1,5 +1,5 @@
-// corpus_world.hpp - one hostile archive or image in a world of its own: bait all round the place
-// where it is extracted, and a comparison of everything that is not the product of the call.
+// corpus_world.hpp - extracts one hostile archive or image into a directory surrounded by files
+// that must not change, and detects every change that is not the result of the call.
 #ifndef CORPUS_WORLD_HPP
 #define CORPUS_WORLD_HPP
 
@@ -15,7 +15,7 @@
 
 namespace corpus {
 
-// How an archive comes to the disk.
+// The ways to extract an archive.
 enum class Storage {
     kDirect,    // the extractor alone
     kRaw,       // an image without overlays, into a bundle that exists
@@ -29,7 +29,7 @@ struct Outcome {
     int error;
 };
 
-// Where nobody has any business, with an absolute name that members can carry.
+// A directory that must not change, with an absolute name that members can use.
 inline constexpr char kOutside[] = "/tmp/znc-outside";
 
 class World {
@@ -39,26 +39,26 @@ class World {
     World(const World&) = delete;
     World& operator=(const World&) = delete;
 
-    // Extracts the archives one after another, as the layers of an image or by themselves.
+    // Extracts the archives one after another, as the layers of an image or directly.
     Outcome extract(const std::vector<std::string>& layers);
-    // Unpacks an image of these layers that the caller has written to layout().
+    // Unpacks an image with these layers that the caller has written to layout().
     Outcome unpack(const std::vector<std::string>& layers);
 
     [[nodiscard]] layout::Layout& layout() { return layout_; }
-    // Where the tree of the last extraction is, if it is anywhere.
+    // The path of the tree of the last extraction, if it exists.
     [[nodiscard]] const std::string& root() const { return root_; }
     [[nodiscard]] std::string bundle() const { return dir_ / "bundle"; }
 
-    // What the call changed that it had no right to; "" if nothing.
+    // Describes forbidden changes by the call; "" if there are none.
     [[nodiscard]] std::string damage() const;
-    // What it left or did not leave behind contrary to its result; "" if all is well.
+    // Describes files that do not match the result of the call; "" if there are none.
     [[nodiscard]] std::string leftovers(const Outcome& outcome) const;
 
   private:
     struct View {
         sentinel::Snapshot world;
         sentinel::Snapshot outside;
-        std::set<std::string> places; // names in the directories above
+        std::set<std::string> places; // names in the parent directories
     };
     [[nodiscard]] View look() const;
     void expect_products(const std::vector<std::string>& layers);
@@ -71,16 +71,17 @@ class World {
     layout::Layout layout_;
     std::string root_;
     std::string device_;
-    std::set<std::string> products_; // relative to the world; with everything below
-    std::set<std::string> parents_;  // of them: their times and sizes may change
+    std::set<std::string> products_; // relative to the world; including everything below
+    std::set<std::string> parents_;  // their parents, whose times and sizes may change
     View before_;
     View after_;
 };
 
-// What is below `root`, one text for each: "d/", "f=content", "l->target", anything else "n!MODE".
+// Describes each file below `root`: "d/", "f=content", "l->target", anything else "n!MODE".
 std::set<std::string> tree_of(const std::string& root);
 
-// Whatever no extraction may make: set-id bits, devices, second names, foreign owners, attributes.
+// Finds what no extraction may create: set-ID bits, devices, hard links, foreign owners,
+// attributes.
 std::string forbidden_in(const std::string& root);
 
 } // namespace corpus

@@ -1,5 +1,6 @@
-// Bundle configurations that were changed at random, read by us and by jq: the same strings, counts
-// and defaults. DIFFERENTIAL_SEED repeats a run, DIFFERENTIAL_DOCUMENTS sets how many there are.
+// Compares how the library and jq read randomly modified bundle configurations: the same strings,
+// counts and defaults. DIFFERENTIAL_SEED repeats a run, DIFFERENTIAL_DOCUMENTS sets the number of
+// documents.
 #include "test_tree.hpp"
 
 #include "zncontainer.h"
@@ -26,8 +27,8 @@ constexpr char kDocument[] =
 {"source":"/c","destination":"/d"}],"annotations":{"a.b":"c","d":"e"},"zarnel":{"resources":{},"rtp":{
 "rtpOptions":"1","rtpPriority":"50","rtpStackSize":"65536","rtpTaskOptions":"7"}}})";
 
-// The same reading in the other language: names in whatever case, the first one counts; elements of
-// a list are those of an object, too.
+// The same rules in the jq language: names are case-insensitive and the first one counts; the
+// values of an object also count as the elements of a list.
 constexpr char kProgram[] = R"jq(
 def get($name): if type == "object"
     then [to_entries[] | select((.key | ascii_downcase) == $name) | {v: .value}][0] else null end;
@@ -130,7 +131,7 @@ struct DestroyConfig {
     void operator()(runtimeSpecConfig* config) const { zncDestroyRuntimeSpec(config); }
 };
 
-// Options end at the first that is no text, as whoever uses them sees them.
+// Options end at the first element that is not a string, as for the code that uses them.
 void fill_options(cJSON* mounts, const runtimeSpecConfigMounts* record)
 {
     for (int i = 0; record != nullptr && i < record->count; ++i) {
@@ -160,7 +161,7 @@ Json our_reading(const std::string& path)
     return all;
 }
 
-// Cuts the options of the other reading at the first that is no text.
+// Truncates the options read by jq at the first element that is not a string.
 void cut_options(cJSON* reading)
 {
     cJSON* mount = nullptr;
@@ -239,7 +240,7 @@ class Changer {
         case 0:
             cJSON_Delete(cJSON_DetachItemViaPointer(parent, item));
             break;
-        case 1: // in capitals, which is the same name
+        case 1: // in capitals, which names the same member
             for (char* c = item->string; c != nullptr && *c != '\0'; ++c)
                 *c = static_cast<char>(std::toupper(*c));
             break;

@@ -1,7 +1,7 @@
-// Well-formed archives of every shape, extracted by us, by GNU tar and by bsdtar: one and the same
-// tree, but for what is left out on purpose (hard links, FIFOs, the bits beyond the low nine of a
-// mode, times of links). DIFFERENTIAL_SEED repeats a run, DIFFERENTIAL_ARCHIVES sets how many there
-// are.
+// Extracts random well-formed archives with the library, GNU tar and bsdtar: the trees must be
+// equal, except for what the library omits on purpose (hard links, FIFOs, mode bits beyond the low
+// nine, times of links). DIFFERENTIAL_SEED repeats a run, DIFFERENTIAL_ARCHIVES sets the number of
+// archives.
 #include "tarforge.hpp"
 #include "test_tree.hpp"
 
@@ -30,7 +30,7 @@ std::uint64_t figure(const char* name, std::uint64_t otherwise)
     return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-// One archive: each member below a directory that came before it, each name once.
+// Generates one archive: each member is below an earlier directory, and each name is unique.
 class Generator {
   public:
     explicit Generator(std::uint64_t seed) : random_(seed) {}
@@ -61,7 +61,7 @@ class Generator {
         return text;
     }
 
-    // A new name that a header can hold, in a directory that is there.
+    // A new name that fits into a header, in an existing directory.
     std::string new_path()
     {
         for (;;) {
@@ -81,7 +81,7 @@ class Generator {
     }
     static bool splits(const std::string& path) { return split_of(path) != std::string::npos; }
 
-    // Its path in the ways that mean the same.
+    // The path in one of several equivalent forms.
     Header header_for(const std::string& path, char type, const std::string& suffix = "")
     {
         Header header("", type);
@@ -115,7 +115,7 @@ class Generator {
             archive_.member(header_for(path, type).size(data.size()), data);
             files_.push_back(path);
         } else if (kind < 15) {
-            // Searchable for whoever compares; the modes of files are of all kinds.
+            // Directories must be searchable for the comparison; files have all kinds of modes.
             archive_.member(header_for(path, '5', "/"));
             directories_.push_back(path + "/");
         } else if (kind < 18) {
@@ -135,7 +135,7 @@ class Generator {
             return;
         archive_.member(header_for(path, '1').target(target));
         leftOut_.insert(path);
-        linked_.insert(target); // takes the mode and time of the link
+        linked_.insert(target); // the target gets the mode and time of the link
     }
 
   public:
@@ -180,7 +180,7 @@ bool run(const std::string& command)
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// What differs, without the files' content.
+// Describes the differences, without the contents of files.
 std::string difference(const Tree& ours, const Tree& theirs, const std::set<std::string>& left_out)
 {
     std::string text;
@@ -217,8 +217,8 @@ class DifferentialTar : public testing::Test {
         for (const char* place : {"ours", "gnu", "bsd"})
             fs::create_directory(dir / place);
         ASSERT_EQ(zncUtilUntar((dir / "archive").c_str(), (dir / "ours").c_str()), OK);
-        // Members of a directory need not stand together. -P: links are made at once, not files
-        // that stand for them until the end.
+        // The members of a directory need not be adjacent. -P: create links immediately instead of
+        // placeholder files.
         ASSERT_TRUE(run("tar --delay-directory-restore -xpPf " + (dir / "archive") + " -C " +
                         (dir / "gnu")));
         ASSERT_TRUE(run("bsdtar -xpf " + (dir / "archive") + " -C " + (dir / "bsd")));

@@ -1,8 +1,7 @@
-// Hostile archives and images, from the tables of the other corpus tests, each given to the program
-// that imports images, as a root filesystem, as the layers of an image, and as a layout that is
-// wrong in one place. However it ends, it ends by itself and soon, with little memory, touches
-// nothing but the layout it was to write, and that only if it says so. What it makes of them the
-// library takes.
+// Feeds the hostile archives and images of the other corpus tests to the importer, as a root
+// filesystem, as the layers of an image, and as a layout with a single error. The importer must
+// always exit soon by itself, use little memory, change nothing but the target layout, and that
+// only if it reports success. The library must accept everything that it produces.
 #include "corpus_images.hpp"
 #include "sentinel.hpp"
 #include "tarforge_table.hpp"
@@ -29,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
-constexpr char kOutside[] = "/tmp/znc-outside"; // members of the tables name it
+constexpr char kOutside[] = "/tmp/znc-outside"; // named by members of the tables
 constexpr int kSecondsAtMost = 60;
 #ifdef ZNC_SANITIZED
 constexpr long kMiBAtMost = 4096;
@@ -38,14 +37,14 @@ constexpr long kMiBAtMost = 512;
 #endif
 
 struct Ended {
-    int status = -1; // as wait() gives it
+    int status = -1; // as returned by wait()
     long peak_kib = 0;
     std::string error;
 
     [[nodiscard]] bool good() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 };
 
-// Waits for a process; one that takes too long is ended.
+// Waits for a process, and kills it if it takes too long.
 Ended wait_for(pid_t pid)
 {
     const znc::UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -56,16 +55,16 @@ Ended wait_for(pid_t pid)
     rusage usage = {};
     if (wait4(pid, &ended.status, 0, &usage) != pid)
         throw std::runtime_error("wait4");
-    ended.peak_kib = usage.ru_maxrss; // its children's, too
+    ended.peak_kib = usage.ru_maxrss; // includes its children
     return ended;
 }
 
-// A source, a layout that holds one image already, and bait all round them.
+// A source, a layout that already contains one image, and surrounding files that must not change.
 class Place {
   public:
     Place() : source_(dir_ / "source"), target_(dir_ / "target")
     {
-        fs::remove_all(kOutside); // a test that threw may have left it
+        fs::remove_all(kOutside); // left over if an earlier test threw
         sentinel::make(kOutside);
         sentinel::make(dir_ / "outside");
         sentinel::make(dir_ / "bundle/outside");
@@ -86,13 +85,13 @@ class Place {
     [[nodiscard]] layout::Layout& source() { return source_; }
     [[nodiscard]] std::string path(const std::string& name) const { return dir_ / name; }
 
-    // Runs the import of `source`; expectations hold for however it ends.
+    // Runs the import of `source`, and checks what must hold for every result.
     Ended import(const std::string& source, const Words& options);
-    // Unpacks what was imported, into the midst of the bait.
+    // Unpacks the imported image next to files that must not change.
     void unpack();
 
   private:
-    // Everything that may not change.
+    // A snapshot of everything that must not change.
     struct View {
         sentinel::Snapshot bait;
         std::set<std::string> places;
@@ -100,7 +99,7 @@ class Place {
     };
     [[nodiscard]] View look() const;
     void expect_untouched(const View& before) const;
-    // Name and content of every file of the layout.
+    // Returns the name and content of every file of the layout.
     [[nodiscard]] std::map<std::string, std::string> target_files() const;
     [[nodiscard]] Ended run(Words words) const;
 
@@ -164,12 +163,13 @@ Ended Place::run(Words words) const
     return ended;
 }
 
-// One line of text, whatever the names in it are, and nobody's last words.
+// Checks that the message is one line, whatever names it contains, and that the process has not
+// crashed.
 void expect_readable(const std::string& error, bool good)
 {
     for (const char c : error)
         EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << error;
-    for (const char* word : {"by signal", "no usable answer", "Sanitizer", "runtime error"})
+    for (const char* word : {"by signal", "an invalid result", "Sanitizer", "runtime error"})
         EXPECT_EQ(error.find(word), error.npos) << error;
     EXPECT_EQ(error.find("zncctl: error: ") != error.npos, !good) << error;
 }
@@ -220,7 +220,7 @@ std::string archive_name(const testing::TestParamInfo<std::size_t>& info)
 
 struct LayoutCase {
     corpus::ImageCase image;
-    bool verified; // what is wrong is a digest or a size: nothing may be made of it
+    bool verified; // the error is a digest or a size: nothing may be produced
 };
 
 const std::vector<LayoutCase>& layouts()
@@ -246,8 +246,8 @@ std::string layout_name(const testing::TestParamInfo<std::size_t>& info)
     return layouts().at(info.param).image.name;
 }
 
-// What the library takes and an import does not: links in the place of documents and blobs,
-// documents that others would read otherwise, and such as cannot be passed on as they are.
+// Inputs that the library accepts and the importer refuses: links in place of documents and blobs,
+// ambiguous documents, and documents that cannot be preserved exactly.
 const std::set<std::string> kStricter = {"VersionIsALinkToTheRightFile",
                                          "AskingForAWritableRoot",
                                          "AskingForResources",
@@ -284,7 +284,7 @@ const std::set<std::string> kStricter = {"VersionIsALinkToTheRightFile",
                                          "ExecutionSectionIsAList",
                                          "ExecutionSectionIsANumber"};
 
-// Whatever can be left out, is.
+// Everything that can be omitted is omitted.
 const Words kLenient = {"--devices=drop", "--long-links=hop", "--skip-unrepresentable"};
 
 } // namespace
@@ -338,7 +338,7 @@ TEST_P(ImportedLayout, IsRefusedOrTaken)
 INSTANTIATE_TEST_SUITE_P(Layouts, ImportedLayout, testing::Range(std::size_t{0}, layouts().size()),
                          layout_name);
 
-// Not all of them is refused for one reason.
+// Not all of them are refused for the same reason.
 TEST(ImportedCorpus, ARightImageIsTaken)
 {
     Place place;

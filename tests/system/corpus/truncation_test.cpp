@@ -1,6 +1,6 @@
-// Layers that are cut off and blobs that are damaged: the error that is described for it, and
-// neither a layer nor a bundle of it left. By hand: TRUNCATION_STEP=1 cuts at every byte,
-// CORRUPTION_BITS=1000 flips as many bits of each blob.
+// Tests with truncated layers and damaged blobs: the documented error is reported, and neither a
+// layer nor a bundle is left. For manual runs: TRUNCATION_STEP=1 truncates at every byte,
+// CORRUPTION_BITS=1000 flips that many bits of each blob.
 #include "corpus_world.hpp"
 #include "tarforge.hpp"
 
@@ -33,7 +33,7 @@ std::string noise(std::size_t size, unsigned seed)
     return text;
 }
 
-// Each without its end mark.
+// All without the end-of-archive blocks.
 Archive golden()
 {
     Archive archive;
@@ -42,7 +42,7 @@ Archive golden()
     return archive.file("d/e/block", noise(512, 2)).file("d/e/last", "last");
 }
 
-// More than the extractor reads at once.
+// More than the extractor reads in one call.
 Archive many_files()
 {
     Archive archive;
@@ -77,7 +77,7 @@ class Damaged : public testing::Test {
         return sentinel::names_in(base_ + "/layers");
     }
 
-    // An image whose digests are right, but whose layer is cut.
+    // An image with correct digests whose layer is truncated.
     STATUS unpack_cut(const std::string& whole, std::size_t cut)
     {
         start_anew();
@@ -104,7 +104,7 @@ class Damaged : public testing::Test {
     std::optional<layout::Layout> layout_;
 };
 
-// Around every block's end, and every so many bytes besides.
+// Truncate around the end of every block, and at regular intervals.
 std::vector<std::size_t> cuts_of(std::size_t size, std::size_t otherwise)
 {
     const std::size_t step = figure("TRUNCATION_STEP", otherwise);
@@ -177,7 +177,7 @@ TEST_F(Damaged, GzipLayerCutAnywhereIsAnErrorUnlessAllDataIsThere)
     }
     std::printf("cut at %zu of %zu places, %zu times with all data left\n", tried, whole.size(),
                 whole_trees);
-    EXPECT_LE(whole_trees, 16U); // in the trailer or shortly before it
+    EXPECT_LE(whole_trees, 16U); // truncated in the trailer or shortly before it
 }
 
 // ------------------------------------------------------------------ damage
@@ -224,7 +224,7 @@ class DamagedBlobs : public Damaged {
     }
     void expect_right()
     {
-        fs::remove("/overlay"); // no device to be undone
+        fs::remove("/overlay"); // so that no device has to be removed
         EXPECT_EQ(unpack(), OK);
     }
 };
@@ -284,7 +284,7 @@ TEST_F(DamagedBlobs, BlobsThatChangedPlacesAreNoticed)
         }
 }
 
-// These have no digest: what is changed in them is either an error or says the same as before.
+// These documents have no digest: a change is either an error or does not change the result.
 TEST_F(DamagedBlobs, ABitChangedInTheIndexOrTheVersionIsAnErrorOrWithoutEffect)
 {
     make();

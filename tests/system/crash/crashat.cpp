@@ -1,12 +1,11 @@
 // crashat.cpp - kills a process of the system at each of its system calls, or makes each call fail,
-// and looks at what becomes of the system.
+// and checks the state of the system afterwards.
 //
 // usage: crashat kill|errno [--operation NAME] [--sample N] [--point N [--error K]] [--verbose]
 //
-// An operation is done again and again. In the first run its system calls are counted; in each
-// further run something happens at one of them. Afterwards no process hangs or has crashed, the
-// same id works through create, start and delete, and nothing is left. Without --sample every point
-// is tried.
+// An operation is repeated. The first run counts its system calls; each further run injects a fault
+// at one of them. Afterwards no process may hang or have crashed, create, start and delete must
+// work with the same id, and nothing may be left. Without --sample every point is tried.
 #include "crashat_calls.hpp"
 #include "crashat_world.hpp"
 #include "zncontainer.h"
@@ -27,7 +26,8 @@ using std::chrono::seconds;
 namespace {
 
 constexpr seconds kWatchdog(60);
-constexpr milliseconds kPatience(400); // for an answer, before it is asked whether one comes
+// wait this long for a reply, then check whether one will come
+constexpr milliseconds kPatience(400);
 
 struct Options {
     bool errors = false;
@@ -35,13 +35,13 @@ struct Options {
     std::string operation;
     std::size_t sample = 0; // 0: all
     std::size_t point = 0;  // 0: all
-    std::size_t error = 0;  // with a point: the how manieth of its errors, from 1; 0: all
+    std::size_t error = 0;  // with a point: the index of the error to inject, from 1; 0: all
 };
 
 struct Operation {
     const char* name;
     Side side;
-    bool running; // needs a running container
+    bool running; // whether it needs a running container
     int (*act)();
     Complaint (World::*check)();
 };
@@ -89,11 +89,11 @@ constexpr std::array kOperations = {
     Operation{"flatten", Side::kClient, false, flatten, &World::check_images},
 };
 
-// One run of an operation with a fault at one of its calls.
+// Runs an operation with a fault at one of its calls.
 class Run {
   public:
-    // `point` from 1, 0: nothing happens. `error` is the index of the call's errors, or the process
-    // is killed.
+    // `point` counts from 1; 0 injects no fault. `error` is the index in the call's errors, or the
+    // process is killed.
     Run(World& world, const Operation& operation, std::size_t point,
         std::optional<std::size_t> error)
         : world_(world), operation_(operation), point_(point), error_(error)
@@ -127,8 +127,8 @@ class Run {
 
 Fate Run::judge(pid_t pid, long call)
 {
-    // A daemon's first calls are still the driver's, then those of the loader, which ends by a
-    // signal when it gets no memory. Its own begin with the mask of its files.
+    // The first calls of the child are those of the driver, then those of the dynamic loader, which
+    // kills itself if it gets no memory. The daemon's own calls begin with umask().
     if (operation_.act == nullptr && !runs_) {
         runs_ = call == SYS_umask;
         return {};
@@ -171,8 +171,8 @@ Complaint Run::prepare()
     return "";
 }
 
-// A daemon that lost an answer leaves its client to the client's own time, which is long; whether
-// that is what happened is seen by its answering another one.
+// If the daemon lost a reply, its client waits for its own long timeout. To detect this case, check
+// whether the daemon answers another client.
 Complaint Run::await_answer(pid_t client)
 {
     Tracer& tracer = world_.tracer();
@@ -186,7 +186,7 @@ Complaint Run::await_answer(pid_t client)
     }
     if (operation_.side == Side::kDaemon && happened_) {
         if (world_.run([] { return zncDaemonIsAlive() != FALSE ? 0 : 1; }) != 0 &&
-            !world_.ended(world_.daemon(), kWatchdog)) // it may have given up
+            !world_.ended(world_.daemon(), kWatchdog)) // the daemon may have exited
             return "the daemon hangs\n";
         if (!world_.ended(client, kPatience))
             world_.kill(client);
@@ -201,7 +201,7 @@ Complaint Run::await_answer(pid_t client)
 Complaint Run::act()
 {
     World::Client client = world_.client([act = operation_.act] {
-        // What it says about failing is as it must be.
+        // The reported error must be an expected one.
         return std::freopen("/dev/null", "w", stdout) != nullptr ? act() : 1;
     });
     if (operation_.side == Side::kClient)
@@ -222,7 +222,8 @@ Complaint Run::boot()
     });
     const Complaint wrong = world_.await_daemon();
     world_.tracer().watch_nothing();
-    // One that could not start says so and ends. What it could not clear is the next one's.
+    // A daemon that cannot start reports this and exits. What it could not clean up is left to the
+    // next one.
     const bool lives = world_.daemon_lives();
     if (lives && error_)
         world_.kill_daemon();
@@ -253,7 +254,7 @@ class Driver {
   public:
     Driver(World& world, const Options& options) : world_(world), options_(options) {}
 
-    // False if something was wrong.
+    // Returns false if a check failed.
     bool all();
 
   private:
@@ -267,7 +268,7 @@ class Driver {
     const Options& options_;
 };
 
-// False when nothing happened.
+// Returns false if no fault was injected.
 bool Driver::once(const Operation& operation, std::size_t point, std::optional<std::size_t> error,
                   std::size_t& passed, std::size_t& failed)
 {
@@ -297,7 +298,7 @@ void Driver::at_point(const Operation& operation, std::size_t point, std::size_t
     constexpr std::size_t kMost = 5;
     const std::size_t first = options_.error != 0 ? options_.error - 1 : 0;
     const std::size_t last = options_.error != 0 ? options_.error : kMost;
-    // In a sample each point gets one error, another one at each.
+    // In a sample only one error is injected at each point, a different one each time.
     if (options_.sample != 0) {
         if (!once(operation, point, point % 3, passed, failed))
             once(operation, point, 0, passed, failed);
@@ -315,7 +316,7 @@ bool Driver::operation(const Operation& operation)
         std::printf("FAILED %s without a fault\n%s", operation.name, wrong.c_str());
         return false;
     }
-    // The way through the calls is not the same each time, so a few more points are tried.
+    // The number of calls varies between runs, so a few additional points are tried.
     constexpr std::size_t kMore = 5;
     const std::size_t points = count.calls() + kMore;
     std::size_t passed = 0;

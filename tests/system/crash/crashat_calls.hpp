@@ -1,4 +1,4 @@
-// crashat_calls.hpp - with which error numbers each system call is made to fail.
+// crashat_calls.hpp - the error numbers with which each system call is made to fail.
 #ifndef CRASHAT_CALLS_HPP
 #define CRASHAT_CALLS_HPP
 
@@ -8,9 +8,8 @@
 #include <sys/syscall.h>
 #include <vector>
 
-// The numbers that the call can really fail with when the machine is short of something, a device
-// breaks or a right is missing; none for calls that cannot fail so, or whose failure only the
-// kernel's own mistakes could bring about.
+// The error numbers that the call can return if resources run out, a device fails or a permission
+// is missing; none for calls that cannot fail in this way.
 inline const std::vector<int>& errors_of(long call)
 {
     static const std::vector<int> none;

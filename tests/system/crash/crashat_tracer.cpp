@@ -46,7 +46,7 @@ void set_result(pid_t, long) {}
 
 Tracer::Tracer(std::string own) : own_(std::move(own))
 {
-    // Orphans come to us, so that none of them stays unseen.
+    // Orphans become children of this process, so that none is missed.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     sigset_t set;
     sigemptyset(&set);
@@ -131,7 +131,7 @@ void Tracer::note_end(pid_t pid, int status)
 
 void Tracer::handle_stop(pid_t pid, int status)
 {
-    Tracee& tracee = tracees_[pid]; // a new one may stop before its maker tells of it
+    Tracee& tracee = tracees_[pid]; // a new process may stop before its parent's fork event arrives
     const int signal = WSTOPSIG(status);
     const int event = status >> 16;
     int deliver = 0;
@@ -159,7 +159,8 @@ void Tracer::handle_stop(pid_t pid, int status)
         }
         break;
     case PTRACE_EVENT_STOP:
-        if (tracee.side == Side::kNone) { // nobody's yet: its maker's event is to come
+        // its parent is not known yet: the fork event is still to come
+        if (tracee.side == Side::kNone) {
             tracee.interrupted = true;
             return;
         }

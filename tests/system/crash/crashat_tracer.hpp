@@ -1,5 +1,5 @@
-// crashat_tracer.hpp - processes under trace: every system call that a side of the system makes is
-// shown before it happens, and can be the last one or fail.
+// crashat_tracer.hpp - traces processes: every system call of a side of the system is reported
+// before it is made, and can be replaced by a kill or a failure.
 #ifndef CRASHAT_TRACER_HPP
 #define CRASHAT_TRACER_HPP
 
@@ -12,45 +12,46 @@
 
 enum class Side { kNone, kDaemon, kClient };
 
-// What becomes of a call: it is made, its process is killed instead, or it fails with `error`.
+// The fate of a call: it is made, its process is killed instead, or it fails with `error`.
 struct Fate {
     bool killed = false;
     int error = 0;
 };
 
-// One thread's: the tracer must be the one that waits. Processes that a traced one makes are of its
-// side, too, until they run a program that is not of the system.
+// Use from one thread only: the thread that traces must also wait. Children of a traced process
+// belong to the same side until they execute a program that is not part of the system.
 class Tracer {
   public:
     using Judge = std::function<Fate(pid_t pid, long call)>;
 
-    // Takes part in all children's ends. `own` are the programs of the system.
+    // Waits for all children. `own` are the programs of the system.
     explicit Tracer(std::string own);
 
-    // False when the process ended before.
+    // Returns false if the process has already ended.
     bool adopt(pid_t pid, Side side);
 
     // From now on `judge` decides about each call of this side. Returns when all of its processes
-    // are under watch.
+    // are traced.
     void watch(Side side, Judge judge);
     void watch_nothing() { watched_ = Side::kNone; }
 
-    // Serves events until `done` says so. False: the time was over before.
+    // Handles events until `done` returns true. Returns false on timeout.
     bool serve_until(const std::function<bool()>& done, std::chrono::milliseconds limit);
 
-    // A new child may have the id of one that ended.
+    // A new child may have the process id of one that has ended.
     void expect(pid_t pid) { ended_.erase(pid); }
 
-    // How a child or a traced process ended, once it has.
+    // Returns how a child or traced process ended, if it has.
     [[nodiscard]] std::optional<int> status(pid_t pid) const;
-    // Ends of traced processes by a signal that nobody sent, in words; empty: none.
+    // Describes traced processes that were killed by a signal which nothing sent; empty if there
+    // are none.
     [[nodiscard]] const std::string& crashes() const { return crashes_; }
     void forget_crashes() { crashes_.clear(); }
 
   private:
     struct Tracee {
         Side side = Side::kNone;
-        int error = 0; // the call it is in fails with this
+        int error = 0; // the current call fails with this error
         bool interrupted = false;
     };
 

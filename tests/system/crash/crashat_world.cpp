@@ -24,11 +24,11 @@ using std::chrono::seconds;
 
 namespace {
 
-// Longer than anything takes on a busy machine.
+// Longer than any operation takes on a busy machine.
 constexpr seconds kHang(60);
 constexpr seconds kQuiet(60);
 constexpr seconds kSweep(60);
-constexpr milliseconds kPatience(50); // at first
+constexpr milliseconds kPatience(50); // initial interval
 constexpr milliseconds kMostPatience(1000);
 
 bool is_asleep(pid_t pid)
@@ -57,7 +57,7 @@ void make_image()
     layout::Layout(kImage).add(content);
 }
 
-// The number of a step that did not work, after saying why.
+// Prints why a step failed and returns its number.
 int failed(int step)
 {
     std::printf("step %d: error 0x%x\n", step, static_cast<unsigned>(errno));
@@ -65,10 +65,10 @@ int failed(int step)
     return step;
 }
 
-// What must work after every fault: 0, or the step that did not.
+// Runs what must work after every fault; returns 0, or the number of the step that failed.
 int containers_work()
 {
-    // A second delete always removes what a failed one left.
+    // If a delete fails, a second one always succeeds.
     if (zncDelete(kId, ZNC_OPT_WHOLE_NAMESPACE) != OK && errno != ENODEV &&
         zncDelete(kId, ZNC_OPT_WHOLE_NAMESPACE) != OK && errno != ENODEV)
         return failed(1);
@@ -79,7 +79,7 @@ int containers_work()
     return zncDelete(kId, 0) == OK ? 0 : failed(4);
 }
 
-// What unpacking keeps for the next time.
+// Returns the files that unpacking keeps for later.
 constexpr std::array kKept = {"/tmp/storage/layers", "/tmp/storage/flattened", "/overlay"};
 
 std::string kept_names()
@@ -88,7 +88,7 @@ std::string kept_names()
     std::error_code error;
     for (const char* kept : kKept)
         for (fs::directory_iterator it(kept, error), end; !error && it != end; it.increment(error))
-            if (it->path().filename() != ".lock") // which only tells who is at work
+            if (it->path().filename() != ".lock") // only records which process is working
                 names.insert(it->path());
     std::string text;
     for (const std::string& name : names)
@@ -96,7 +96,7 @@ std::string kept_names()
     return text;
 }
 
-// An image's device is there once; unpacking the same image again needs it out of the way.
+// An image can have only one device, which must be removed before the image is unpacked again.
 void detach_devices()
 {
     std::error_code error;
@@ -105,7 +105,7 @@ void detach_devices()
         ::umount2(it->path().c_str(), MNT_DETACH);
 }
 
-// Takes all of that away, so that the next time begins at nothing.
+// Removes all of that, so that the next run starts with an empty storage base.
 void forget_images()
 {
     detach_devices();
@@ -115,7 +115,7 @@ void forget_images()
             fs::remove_all(it->path(), error);
 }
 
-// Where config.json says that the root is.
+// Returns the path of the root from config.json.
 fs::path root_of_bundle()
 {
     const std::string config = layout::read_file(fs::path(kUnpacked) / "config.json");
@@ -144,7 +144,7 @@ int images_work()
     return zncImageBundleDelete(kUnpacked) == OK ? 0 : failed(15);
 }
 
-// The end of a client's process: whatever comes out of the body must not run on into the driver's.
+// Ends a client process: exceptions of the body must not propagate into the driver's code.
 [[noreturn]] void end_with(const std::function<int()>& body)
 {
     int result = 119;
@@ -286,7 +286,7 @@ Complaint World::await_daemon()
     for (bool answers = false; !answers;) {
         if (std::chrono::steady_clock::now() >= deadline)
             return "zncd does not answer\n";
-        // Who asks while the queue is still a dead daemon's waits for an answer that never comes.
+        // A request sent to the queue of a dead daemon would never be answered.
         Client asking = client([] { return zncDaemonIsAlive() != FALSE ? 0 : 1; });
         let_go(asking);
         tracer_.serve_until(
@@ -311,7 +311,7 @@ void World::kill_daemon()
 
 Complaint World::ensure_daemon()
 {
-    // One that lives may be about to end.
+    // A process that is still running may be about to end.
     if (daemon_ > 0 && daemon_lives() && await_daemon().empty())
         return "";
     if (daemon_ > 0 && daemon_lives())
@@ -323,7 +323,7 @@ Complaint World::ensure_daemon()
 Complaint World::check_containers()
 {
     const Complaint wrong = step_failed(run(containers_work));
-    // Those that waited for containers saw them end.
+    // Clients that waited for containers must have returned.
     for (const pid_t holder : holders_)
         if (!ended(holder, kHang)) {
             kill(holder);
@@ -363,8 +363,8 @@ void World::take_baseline()
 {
     if (!daemon_lives())
         return;
-    // What is still on its way out when two ledgers in a row agree, with nothing for the daemon to
-    // do, is there to stay.
+    // If two consecutive ledgers agree and the daemon is idle, the remaining differences are
+    // permanent.
     Ledger last = Ledger::take(kStorage, daemon_);
     tracer_.serve_until(
         [&] {

@@ -1,5 +1,5 @@
-// crashat_world.hpp - a daemon, clients and what must be left of them, for the driver that kills
-// and fails calls. Everything that waits for another process serves the tracer meanwhile.
+// crashat_world.hpp - a daemon, clients and checks of what they leave, for the driver that injects
+// faults. All functions that wait for another process handle tracer events while they wait.
 #ifndef CRASHAT_WORLD_HPP
 #define CRASHAT_WORLD_HPP
 
@@ -12,13 +12,13 @@
 #include <vector>
 
 inline constexpr const char* kStorage = "/tmp/storage";
-inline constexpr const char* kShortBundle = "/tmp/short"; // its program ends at once
-inline constexpr const char* kLongBundle = "/tmp/long";   // its program does not end
+inline constexpr const char* kShortBundle = "/tmp/short"; // the program ends immediately
+inline constexpr const char* kLongBundle = "/tmp/long";   // the program does not end
 inline constexpr const char* kImage = "/tmp/image";       // an image layout
-inline constexpr const char* kUnpacked = "/tmp/unpacked"; // the bundle made of it
+inline constexpr const char* kUnpacked = "/tmp/unpacked"; // the bundle unpacked from it
 inline constexpr const char* kId = "web";
 
-// What is wrong, in words; empty: nothing.
+// Describes what is wrong; empty if nothing is.
 using Complaint = std::string;
 
 class World {
@@ -32,8 +32,8 @@ class World {
     [[nodiscard]] pid_t daemon() const { return daemon_; }
     [[nodiscard]] bool daemon_lives() const { return !tracer_.status(daemon_).has_value(); }
 
-    // Starts a process for `body`, which ends with its result; it begins when it is let go, so that
-    // it can be adopted before.
+    // Forks a process that runs `body` and exits with its result. It waits until it is released, so
+    // that it can be adopted before.
     struct Client {
         pid_t pid;
         int go;
@@ -41,30 +41,30 @@ class World {
     Client client(const std::function<int()>& body);
     static void let_go(Client& client);
 
-    // Runs `body` in a client of its own to its end: its result, or -1 when it ended otherwise or
-    // not in time.
+    // Runs `body` in a client process; returns its result, or -1 if it ended otherwise or not in
+    // time.
     int run(const std::function<int()>& body);
-    // Waits for the end of a client; false when it does not come in time.
+    // Waits for a client to end; returns false on timeout.
     bool ended(pid_t client, std::chrono::milliseconds limit);
     void kill(pid_t client);
 
-    // A running container and the client that waits for it.
+    // Starts a container and a client that waits for it.
     Complaint start_long_container();
 
-    // Starts zncd; `adopted` is called before it begins.
+    // Starts zncd; `adopted` is called before it runs.
     pid_t launch_daemon(const std::function<void(pid_t)>& adopted = {});
-    // Waits until the daemon answers; adopts it if nobody did.
+    // Waits until the daemon answers; adopts it if that has not been done.
     Complaint await_daemon();
     void kill_daemon();
     Complaint ensure_daemon();
 
-    // What the id and the storage are worth after a fault: the same id works, nothing is left.
+    // Checks the system after a fault: the same id works, and nothing is left.
     Complaint check_containers();
     Complaint check_images();
     Complaint check_nothing_left();
-    // What stands there now is how it is to stand after each fault.
+    // Records the current state as the expected one after each fault.
     void take_baseline();
-    // Queues of dead clients, which the daemon takes away in its own time.
+    // Queues of dead clients, which the daemon removes after some time.
     Complaint check_queues_swept();
 
     static void make_bundles();
@@ -78,7 +78,7 @@ class World {
     bool traced_ = false;
     Ledger before_;
     std::string keptNames_;
-    std::set<pid_t> clients_; // of whom a queue may still be there
+    std::set<pid_t> clients_; // clients whose queues may still exist
     std::vector<pid_t> holders_;
 };
 

@@ -1,5 +1,5 @@
-// What becomes of the system when one of its parts dies, or what it keeps is lost or damaged:
-// afterwards everything works under the same ids and nothing is left.
+// Tests of recovery after a part of the system dies, or its data are lost or damaged: afterwards
+// everything works with the same ids and nothing is left.
 #include "raw_client.hpp"
 #include "system_world.hpp"
 
@@ -55,11 +55,11 @@ class Recovery : public system_world::SystemWorld {
         start_daemon();
     }
 
-    // A bundle whose program does not end, one for each container where there is no overlay.
+    // A bundle whose program does not end; without overlay devices one for each container.
     std::string long_bundle(const std::string& id)
     {
         const std::string path = std::string(kBundle) + "/" + (overlay() ? "long" : id);
-        if (!fs::exists(path)) // programs of it may run
+        if (!fs::exists(path)) // its programs may be running
             make_bundle(path, {"/bin/sleep", "1000"});
         return path;
     }
@@ -71,7 +71,7 @@ class Recovery : public system_world::SystemWorld {
         EXPECT_EQ(zncStart(id.c_str(), ZNC_OPT_NO_WAIT), OK) << std::hex << errno;
         return last_child_of(::getpid());
     }
-    // The newest child that lives.
+    // Returns the newest running child.
     static pid_t last_child_of(pid_t parent)
     {
         const std::string pid = std::to_string(parent);
@@ -81,7 +81,7 @@ class Recovery : public system_world::SystemWorld {
             last = child;
         return last;
     }
-    // Whether the process has become that program.
+    // Returns whether the process has executed that program.
     static bool runs_program(pid_t process, const std::string& name)
     {
         return process > 0 &&
@@ -93,7 +93,8 @@ class Recovery : public system_world::SystemWorld {
         ASSERT_GT(keeper, 0);
         ASSERT_EQ(::kill(keeper, SIGKILL), 0);
     }
-    // A keeper alone in its namespace has ended once it is a zombie or the daemon reaped it.
+    // A keeper without other processes in its namespace has ended if it is a zombie or was reaped
+    // by the daemon.
     static bool has_ended(pid_t keeper)
     {
         const std::string text = read_file("/proc/" + std::to_string(keeper) + "/stat");
@@ -106,7 +107,7 @@ class Recovery : public system_world::SystemWorld {
             only = entry.path();
         return only;
     }
-    // Another zncd, to its end: its exit code.
+    // Runs another zncd to its end and returns its exit code.
     static int second_daemon()
     {
         return run_child([] {
@@ -166,7 +167,7 @@ TEST_P(Recovery, WithTheRuntimeDirectoryOfADeadDaemonWipedTheNextOneStartsClean)
 
 // ---------------------------------------------------------------- the daemon
 
-TEST_P(Recovery, ASecondDaemonSaysWhoIsThereAndTheFirstIsUnharmed)
+TEST_P(Recovery, ASecondDaemonNamesTheFirstWhichIsUnharmed)
 {
     const pid_t program = start_long("runs");
     EXPECT_EQ(second_daemon(), 1);
@@ -288,7 +289,7 @@ TEST_P(Recovery, ARunningContainerWhoseKeeperWasKilledHasStoppedAndCanBeDeleted)
 
 // ---------------------------------------------------------------- clients
 
-// Dies with a reply and an info queue of its own, like a client in the middle of a call.
+// A process that dies with a reply queue and an info queue, like a client in the middle of a call.
 int die_in_a_call(bool sent)
 {
     const std::string name = "/znc-u-" + std::to_string(::getpid()) + "-0";
@@ -303,7 +304,7 @@ int die_in_a_call(bool sent)
     return 0;
 }
 
-// More than queue memory holds at once: nobody could call any more.
+// More queues than the queue memory allows at once: no further call would be possible.
 TEST_P(Recovery, QueuesOfKilledClientsGoWhileTheDaemonRuns)
 {
     constexpr int kClients = 100;
@@ -337,7 +338,7 @@ TEST_P(Recovery, AContainerWhoseClientWasKilledGoesOnAndCanBeDeleted)
     expect_usable();
 }
 
-// The daemon's answer to a start that nobody makes good.
+// Gets the daemon's reply to a start that is never completed.
 std::string ask_for_start(unsigned long number)
 {
     const raw_client::Call call(number);
@@ -345,7 +346,7 @@ std::string ask_for_start(unsigned long number)
     return call.reply([] {});
 }
 
-TEST_P(Recovery, LooksBetweenStartAndSpawnDoNotMakeARunningContainerStopped)
+TEST_P(Recovery, QueriesBetweenStartAndSpawnDoNotMakeARunningContainerStopped)
 {
     constexpr int kStarts = 60;
     const pid_t looker = begin_child([] {
@@ -419,8 +420,8 @@ TEST_P(Recovery, ANamespaceRecordCutAnywhereKeepsNoDaemonFromStarting)
     expect_usable();
 }
 
-// As a record of another boot, or of a keeper whose number another process has by now.
-TEST_P(Recovery, ARecordThatNamesAnotherProcessLeadsNobodyToIt)
+// Like a record of an earlier boot, or of a keeper whose process id has been reused.
+TEST_P(Recovery, ARecordThatNamesAnotherProcessIsNotFollowed)
 {
     const pid_t innocent = begin_child([] { return ::pause(); });
     const std::string pid = std::to_string(innocent);
@@ -457,8 +458,8 @@ TEST_P(Recovery, ARecordThatIsNoFileKeepsNoDaemonFromStarting)
         fs::remove(dir + name);
 }
 
-// The program's number goes to another process while the rest of the container lives, in a session
-// of its own: the number of a session is not given away.
+// The program's process id is reused while the rest of the container is still running. That rest is
+// in a separate session, because the kernel does not reuse the id of an existing session.
 TEST_P(Recovery, ASignalDoesNotReachAProcessThatGotTheNumberOfTheContainersProgram)
 {
     make_bundle(kBundle, {"/bin/sh", "-c",
@@ -496,11 +497,11 @@ class Devices : public Recovery {
 };
 INSTANTIATE_TEST_SUITE_P(Overlay, Devices, testing::Values(true), system_world::flavour_name);
 
-// A cut record could show fewer layers than the image has, which is another image.
+// A truncated record could list fewer layers than the image has, which would be a different image.
 TEST_P(Devices, ADeviceRecordCutAnywhereGivesTheWholeDeviceOrNone)
 {
     fs::create_directories("/tmp/layers/upper");
-    fs::create_directories("/tmp/layers/u"); // what a cut name may be
+    fs::create_directories("/tmp/layers/u"); // a possible truncated name
     fs::create_directories("/tmp/layers/lower");
     write_file("/tmp/layers/lower/file", "low");
     const std::string whole("/tmp/layers/upper\0/tmp/layers/lower\0\0", 37);

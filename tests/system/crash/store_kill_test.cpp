@@ -1,6 +1,7 @@
-// Processes that unpack and collect are killed at random system calls. Whoever was told that his
-// bundle is there keeps a whole tree: at once, after every later operation on the store, and after
-// the killed operation was repeated. KILL_ROUNDS is the number of kills, KILL_SEED of the dice.
+// Kills processes that unpack images and collect garbage at random system calls. A bundle whose
+// unpack was reported as successful must keep a complete tree: immediately, after every later
+// operation on the store, and after the killed operation was repeated. KILL_ROUNDS is the number of
+// kills, KILL_SEED the random seed.
 
 #include "crashat_tracer.hpp"
 #include "layered_image.hpp"
@@ -30,7 +31,7 @@ constexpr int kLayers = 3;
 constexpr int kFiles = 6;
 constexpr int kTogether = 4;
 
-// What a tree is: each path with its kind, mode, time and content.
+// Describes a tree: each path with its kind, mode, time and content.
 std::string manifest_of(const fs::path& root)
 {
     std::vector<std::string> lines;
@@ -61,7 +62,7 @@ std::string root_of(const std::string& bundle)
     return config.substr(from, config.find('"', from) - from);
 }
 
-// An image of a name of its own, and what its tree must be.
+// An image with a unique name, and its expected tree.
 struct Sample {
     std::string layout;
     std::string manifest;
@@ -123,14 +124,14 @@ class StoreKill : public testing::Test {
     }
     static int collect() { return zncStoreCollect(nullptr, 0, 0, nullptr, nullptr) == OK ? 0 : 1; }
 
-    // Does it here, and remembers that it was told so.
+    // Runs the operation in this process and records its success.
     void expect_unpacked(const Sample& image, const std::string& name, unsigned option)
     {
         EXPECT_EQ(unpack(image, name, option), 0) << name;
         told_.push_back({name, &image});
     }
 
-    // What somebody was told is there is there, and whole.
+    // Checks that every bundle that was reported as successful exists and is complete.
     void expect_whole(const char* when)
     {
         for (const auto& [name, image] : told_) {
@@ -149,8 +150,8 @@ class StoreKill : public testing::Test {
                 }
     }
 
-    // Runs it in a process of its own whose system calls are counted, and which is killed at the
-    // one of the number `point`. Others run beside it. The exit codes; -1: killed.
+    // Runs the operation in a child process whose system calls are counted, and which is killed at
+    // call number `point`, while others run concurrently. Returns the exit codes; -1: killed.
     std::vector<int> run(const std::function<int()>& body, std::size_t point,
                          const std::vector<std::function<int()>>& beside = {})
     {
@@ -188,7 +189,7 @@ class StoreKill : public testing::Test {
         return codes;
     }
 
-    // A store in which bundles need things, and in which there are things that none needs.
+    // A store with items that bundles need and items that none needs.
     void furnish()
     {
         fs::create_directories(kBundles);
@@ -203,12 +204,12 @@ class StoreKill : public testing::Test {
 
     struct Operation {
         std::function<int()> act;
-        std::function<void(int)> note; // with the exit code
+        std::function<void(int)> note; // called with the exit code
         std::vector<std::function<int()>> beside;
         std::function<void()> repeat;
     };
 
-    // Kills the operation at random points, in a store that is furnished each time.
+    // Kills the operation at random points, with a freshly filled store each time.
     void kill_often(const Operation& operation, int rounds)
     {
         furnish();
@@ -233,8 +234,8 @@ class StoreKill : public testing::Test {
             expect_whole("after another unpack");
             EXPECT_EQ(collect(), 0);
             expect_whole("after a collection");
-            // A bundle that was whole when its maker was killed has its device, which then goes
-            // too.
+            // If the bundle was complete when the process was killed, it has a device, which is
+            // removed later, too.
             fs::remove_all(bundle("new"));
             EXPECT_EQ(collect(), 0);
             operation.repeat();

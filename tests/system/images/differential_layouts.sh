@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Layouts that umoci and skopeo wrote: what we say about an image is what they say, and where a blob or a size
-# in it was changed we refuse what umoci refuses. Needs UNPACK_DRIVER, umoci, skopeo and jq.
+# Compares the library with umoci and skopeo on layouts that those wrote: inspection gives the same results,
+# and a changed blob or size is refused if umoci refuses it. Needs UNPACK_DRIVER, umoci, skopeo and jq.
 set -euo pipefail
 # shellcheck source=tests/support/checks.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
@@ -54,7 +54,7 @@ they_unpack() {
 path_of() { printf '%s/blobs/%s\n' "$1" "${2/:/\/}"; }
 same() { [[ $1 == "$2" && -n $1 && $1 != null ]]; }
 
-# Of the layout $1 the digests of everything, by name.
+# Prints all digests of the layout $1, by name.
 digest() {
     local manifest
     manifest=$(jq -r '.manifests[0].digest' "$1/index.json")
@@ -65,14 +65,14 @@ digest() {
     esac
 }
 
-# refused_by_both LAYOUT WHAT: neither unpacks it.
+# refused_by_both LAYOUT WHAT: checks that neither tool unpacks the layout.
 refused_by_both() {
     check "we refuse $2" not we_unpack "$1"
     check "and leave no bundle" test ! -e ours
     check "and umoci refuses it" not they_unpack "$1"
 }
 
-# Puts the manifest $2 in the place of the first in the layout $1.
+# Replaces the first manifest of the layout $1 by $2.
 replace_manifest() {
     local sum size
     sum=$(sha256sum <"$2" | cut -d ' ' -f 1)
@@ -112,7 +112,7 @@ for layout in made copied plain; do
     check "$layout: umoci unpacks it" they_unpack $layout
     check "$layout: into the same files" diff -r ours/rootfs theirs
 
-    [[ $layout != copied ]] || continue # holds the same blobs as the first
+    [[ $layout != copied ]] || continue # contains the same blobs as the first
     for what in layer0 layer1 config manifest; do
         rm -rf hurt
         cp -a $layout hurt
@@ -120,7 +120,7 @@ for layout in made copied plain; do
         printf '\1' | dd of="$file" bs=1 seek=40 conv=notrunc status=none
         refused_by_both hurt "$layout with one byte of its $what changed"
     done
-    # umoci takes a negative size for one that is not known; we do not.
+    # umoci treats a negative size as unknown; the library refuses it.
     rm -rf hurt
     cp -a $layout hurt
     jq -c '.layers[0].size = -1' "$(path_of hurt "$(digest hurt manifest)")" >manifest.new

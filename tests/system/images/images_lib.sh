@@ -1,7 +1,7 @@
 # images_lib.sh - sourced by the images_*.sh tests.
 #
-# Needs UNPACK_DRIVER, the program to test, and ZNC_TEST_CACHE, the directory where images_fixture.sh made
-# the layouts (or ZNC_TEST_CACHE_DEFAULT). What is unpacked goes to a directory beside them and away again.
+# Needs UNPACK_DRIVER, the program to test, and ZNC_TEST_CACHE, the directory where images_fixture.sh created
+# the layouts (or ZNC_TEST_CACHE_DEFAULT). Images are unpacked to a temporary directory next to them.
 # shellcheck shell=bash
 set -euo pipefail
 # shellcheck source=tests/support/checks.sh
@@ -13,7 +13,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 work=$(mktemp -d "$ZNC_TEST_CACHE/work.XXXXXX")
 export ZNC_BASE=$work/storage
 
-# A stack that is still mounted keeps its directories; it goes first.
+# Unmount overlay devices first, because they keep their directories busy.
 clean_up() {
     local device
     for device in /overlay/*; do
@@ -25,8 +25,8 @@ trap clean_up EXIT
 
 driver() { "$UNPACK_DRIVER" "$@"; }
 
-# reference TAG: the image of that tag as umoci unpacks it; sets `expected`. The layouts hold the same
-# images, so one reference serves them all.
+# reference TAG: unpacks the image of that tag with umoci; sets `expected`. All layouts contain the same
+# images, so one reference serves for all.
 reference() {
     expected=$work/expected.$1
     [[ -e $expected ]] || umoci raw unpack --image "debian:$1" "$expected" >"$work/umoci.log" 2>&1 ||

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# With the overlay filesystem: layers go to the store once, images of one layer are used from there, more
-# layers are stacked by an overlay device or flattened; the trees equal what umoci unpacks.
+# Tests with the overlay filesystem: each layer is stored once, images with one layer use it directly, several
+# layers are stacked by an overlay device or flattened; the trees equal those unpacked by umoci.
 # shellcheck source=images_lib.sh
 . "$(dirname "$0")/images_lib.sh"
 cd "$ZNC_TEST_CACHE"
@@ -52,7 +52,7 @@ for layout in debian plain; do
     rm -rf "$work"/{one,three,flat1,flat3,flat3.again,rebooted,storage}
 done
 
-# Images made of the same step twice hold the same layer twice; the kernel stacks it only once.
+# An image built with the same step twice contains the same layer twice; it is stacked only once.
 mkdir "$work"/{lower,upper}
 printf 'lower\n' | tee "$work/lower/both" >"$work/lower/low"
 printf 'upper\n' >"$work/upper/both"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Without an overlay filesystem: every image becomes a private copy in the bundle, equal to what umoci
-# unpacks. Run it where there is no /overlay.
+# Tests without the overlay filesystem: every image is unpacked into the bundle, equal to the result of umoci.
+# Run it where /overlay does not exist.
 # shellcheck source=images_lib.sh
 . "$(dirname "$0")/images_lib.sh"
 cd "$ZNC_TEST_CACHE"
@@ -19,7 +19,7 @@ for layout in debian copied plain; do
     check 'a bundle is not unpacked over' not unpack "$layout" layers "$bundle"
     check 'it stays as it was' same_tree --in-place "$layout" layers "$bundle/rootfs"
 
-    # That the comparison sees a difference.
+    # Verify that the comparison detects differences.
     printf x >>"$bundle/rootfs/etc/passwd"
     check 'a changed file is noticed' not same_tree --in-place "$layout" layers "$bundle/rootfs"
     check 'the bundle is deleted' driver delete "$bundle"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Images that buildah builds, in both formats of archives it writes.
+# Imports images built by buildah, in both archive formats that it writes.
 # shellcheck source=cli_import_lib.sh
 . "$(dirname "$0")/cli_import_lib.sh"
 need buildah

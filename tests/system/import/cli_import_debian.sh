@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A whole Debian system, with its hard links, owners and set-id programs: as umoci stored it, as an archive,
-# and as the directory it was made from.
+# Imports a complete Debian system with hard links, owners and set-ID programs: as stored by umoci, as an
+# archive, and as the directory that it was made from.
 # shellcheck source=cli_import_lib.sh
 . "$(dirname "$0")/cli_import_lib.sh"
 need umoci
@@ -9,7 +9,7 @@ need zstd
 cache=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the layouts}}
 cd "$cache" || exit 1
 
-# diff_ids TAG: of an image of $layout.
+# diff_ids TAG: prints the diff IDs of an image of $layout.
 diff_ids() {
     zncctl image inspect "$layout" | python3 -c 'import json, sys
 name = "org.opencontainers.image.ref.name"
@@ -29,7 +29,7 @@ check 'owners, set-id bits and devices are lost' test "$(losses owner)" -gt 0 -a
 check 'nothing else but volumes is' test "$(losses '')" = \
     "$(($(losses owner) + $(losses set-id) + $(losses device) + $(losses volume)))"
 
-# umoci rounds times, so that these two can only be compared with each other.
+# umoci rounds times, so these two can only be compared with each other.
 imports 'the directory' root
 takes 'the directory'
 directory=$(diff_ids "$tag")

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Images of several layers by umoci, and what skopeo makes of them: whiteouts, replaced types, formats of
-# archives, compressions; how one of several images is chosen, and what becomes of the layout.
+# Imports images with several layers made by umoci, and copies made by skopeo: whiteouts, replaced types,
+# archive formats, compressions, the selection of one of several images, and the resulting layout.
 # shellcheck source=cli_import_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_import_lib.sh"
 need busybox
@@ -11,7 +11,7 @@ cd "$work" || exit 1
 lenient=(--devices drop --long-links hop)
 source=$work/source
 
-# change COMMAND...: one more layer of image app, of what the command does in its root.
+# change COMMAND...: adds a layer to image app with the changes that the command makes in its root.
 change() {
     quietly umoci unpack --image "$source:app" step
     (cd step/rootfs && "$@")
@@ -68,7 +68,7 @@ check 'the system is that of the source' test "$(system_of "$layout" "$tag")" = 
 check 'it is one layer' test "$(zncctl image ls -f json "$layout" |
     python3 -c 'import json, sys; print(json.load(sys.stdin)[0]["layers"])')" = 1
 
-# image_json LAYOUT TAG manifest|config: from the blobs.
+# image_json LAYOUT TAG manifest|config: prints the document from the blobs.
 image_json() {
     python3 - "$@" <<'PYTHON'
 import json, os, sys
@@ -94,7 +94,7 @@ start_daemon
 run zncctl run --os linux "$layout:$tag"
 check 'a container runs from it' test "$status/$out" = 0/hello
 
-# An image as its builder left it is refused, and the command that helps is named.
+# The original image is refused, and the message names the command that converts it.
 run zncctl run --os linux "$source:app"
 check 'run of an image that was not imported fails' test "$status/$out" = 125/
 check 'and names the command' grep -q '^zncctl: hint: .*zncctl import' "$work/err"
@@ -104,7 +104,7 @@ check 'and names it, too' grep -q '^zncctl: hint: .*zncctl import' "$work/err"
 rm -rf "$work/bundle"
 stop_daemon
 
-# The same image in other clothes.
+# The same image in other formats.
 copy() { quietly skopeo copy --insecure-policy "$@"; }
 copy "oci:$source:app" "oci-archive:app.oci.tar:app"
 copy "oci:$source:app" "docker-archive:app.docker.tar:example.com:5000/app:v1"
@@ -130,7 +130,7 @@ check 'as is that of an older archive' test "$(zncctl image ls -q "$work/docker"
 run zncctl run --os linux zstd.layout:app
 check 'what zstd compressed is not run' test "$status/$out" = 125/
 
-# A tag that is taken.
+# A tag that exists already.
 before=$(state_of "$layout")
 run zncctl import "${lenient[@]}" "$source" "$layout:$tag"
 check 'a tag is not replaced unasked' test "$status/$out" = 3/
@@ -155,7 +155,7 @@ imports 'one that is named' "${lenient[@]}" "oci:$source:second"
 run zncctl import "${lenient[@]}" "oci:$source:third" "$layout:several"
 check 'one that is not there' test "$status/$out" = 2/
 
-# Several platforms below one name.
+# Several platforms with the same name.
 imports 'for another system' --set-os linux --set-arch arm64 "$work/small"
 python3 - "$layout" "$tag" image1 <<'PYTHON'
 import hashlib, json, os, sys
@@ -190,7 +190,7 @@ check 'is the right one' test "$(image_json "$layout" "$tag" config | jq -r .arc
 run zncctl import --platform linux/riscv64 platforms "$layout:none"
 check 'a platform that is not there' test "$status/$out" = 2/
 
-# Lower layers apart: a layer that only adds leaves those below it as they are.
+# Keeping lower layers: a layer that only adds files leaves the layers below it unchanged.
 quietly umoci new --image "$source:split"
 for step in base one two; do
     mkdir -p "layer.$step/$step"
@@ -208,7 +208,7 @@ check 'in every step' test "$(head -n 1 layers.one)" = "$(<layers.base)"
 imports '--split of a layer that changes those below it' "${lenient[@]}" --split "oci:$source:app"
 same '--split of a layer that changes those below it' "$work/expected" --untimed-directories
 
-# Blobs that are not what they are said to be.
+# Damaged blobs.
 blob=$(image_json zstd.layout app manifest | jq -r '.layers[1].digest' | tr : /)
 printf 'x' | dd of="zstd.layout/blobs/$blob" bs=1 seek=100 conv=notrunc status=none
 before=$(state_of "$layout")

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# cli_import_kill.sh - imports whose processes are killed at random system calls. Whoever was told OK has
-# his image, whole; nobody's earlier image suffers; the next import goes on. 20 kills; 200 with ZNC_TEST_ALL.
+# cli_import_kill.sh - kills the processes of imports at random system calls. An import that reported success
+# must have stored a complete image; no existing image may be damaged; the next import must work. 20 kills;
+# 200 with ZNC_TEST_ALL.
 # shellcheck source=cli_import_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_import_lib.sh"
 need strace
@@ -16,7 +17,7 @@ digest=$(<out)
 most=$(cut -d ' ' -f 1 calls | sort | uniq -c | sort -rn | awk '$1 > 100 { fewest = $1 } END { print fewest + 0 }')
 check 'an import makes many calls' test "$most" -gt 100
 
-# images: what is in the layout, one line each; all of them are whole.
+# images: lists the images of the layout, one per line, and checks that all of them are complete.
 images() { zncctl image ls -f json "$layout" | jq -r '.[] | "\(.tag) \(.digest)"' | sort; }
 all_whole() { zncctl image check "$layout" >"$work/checked" && not grep -E '^[^ ].*: (refused|damaged)' "$work/checked"; }
 

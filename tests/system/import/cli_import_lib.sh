@@ -1,7 +1,7 @@
-# cli_import_lib.sh - sourced by the cli_import*.sh tests: an import, and a comparison of what is unpacked
-# from it with the tree that another tool made of the same source.
+# cli_import_lib.sh - sourced by the cli_import*.sh tests: runs an import, and compares the unpacked result
+# with the tree that another tool made from the same source.
 #
-# Temporary files of the import go to $work/spool, so that none of them can stay unnoticed.
+# Temporary files of the import go to $work/spool, so that any file left there is detected.
 # shellcheck shell=bash disable=SC2034
 # shellcheck source=../cli/cli_lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../cli/cli_lib.sh"
@@ -26,7 +26,7 @@ system_of() {
 print(*(i["os"] for i in json.load(sys.stdin) if i["tag"] == sys.argv[1]))' "$2"
 }
 
-# unpack_to BUNDLE [OPTION...]: image $tag of $layout into a new store; sets root.
+# unpack_to BUNDLE [OPTION...]: unpacks image $tag of $layout into a new store; sets root.
 unpack_to() {
     local bundle=$1
     shift
@@ -42,7 +42,7 @@ drop_bundle() {
     rm -rf "$1" "$1.store"
 }
 
-# imports NAME SOURCE [OPTION...]: as a new image of $layout; sets tag, and digest.
+# imports NAME SOURCE [OPTION...]: imports a new image into $layout; sets tag and digest.
 imports() {
     local name=$1
     shift
@@ -55,8 +55,8 @@ imports() {
     check "$name: no temporary file stays" test -z "$(ls -A "$TMPDIR")"
 }
 
-# takes NAME: the library takes all of the image that was imported last, but for bits and owners that it
-# never sets, which a layer carries all the same.
+# takes NAME: checks that the library accepts all of the last imported image, except mode bits and owners,
+# which layers contain but the library never sets.
 takes() {
     run zncctl image check "$layout"
     out=$(awk -v tag="$tag" '/^[^ ]/ { mine = $1 == tag } mine' "$work/out")
@@ -65,7 +65,7 @@ takes() {
         <<<"$out"
 }
 
-# same NAME EXPECTED [COMPARE-OPTION...]: unpacked in each of the ways, it is that tree.
+# same NAME EXPECTED [COMPARE-OPTION...]: checks that the image, unpacked in each way, equals this tree.
 ways=(layered flatten)
 same() {
     local name=$1 expected=$2 how
@@ -84,14 +84,14 @@ same() {
     done
 }
 
-# losses WORD: how many of them the last report has; "" for the number of all.
+# losses WORD: prints the number of losses of this kind in the last report; "" for all kinds.
 losses() {
     python3 -c 'import json, sys
 report = json.load(open(sys.argv[1]))
 print(report["counts"].get(sys.argv[2], 0) if sys.argv[2] else report["losses"])' "$work/report" "$1"
 }
 
-# What is in a layout but for its lock: names and content.
+# Lists the names and contents of a layout's files, except its lock.
 state_of() {
     (cd "$1" && find . -type f ! -name '*.lock' ! -name .lock -exec sha256sum {} + | sort)
 }

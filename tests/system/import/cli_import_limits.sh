@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What an image may ask of an import, and what is left when one ends early: limits, bombs, full disks, kills.
-# ZNC_SANITIZED: memory is not measured.
+# Tests of the limits of an import, and of what an import leaves if it ends early: limits, bombs, full disks,
+# kills. With ZNC_SANITIZED memory is not measured.
 # shellcheck source=cli_import_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_import_lib.sh"
 need bzip2
@@ -14,13 +14,14 @@ run zncctl import plain.tar "$layout:first"
 before=$(state_of "$layout")
 check 'there is a layout' test "$status" = 0 -a -n "$before"
 
-# as_before NAME: nothing is left of an import that failed.
+# as_before NAME: checks that a failed import has left nothing.
 as_before() {
     check "$1: the layout is as it was" test "$before" = "$(state_of "$layout")"
     check "$1: no temporary file stays" test -z "$(ls -A "$TMPDIR")"
 }
 
-# refuses FLAG SOURCE [OPTION...]: the import ends with an error that names the flag, within seconds.
+# refuses FLAG SOURCE [OPTION...]: checks that the import fails within seconds with an error that names the
+# option.
 refuses() {
     local flag=$1 source=$2
     shift 2
@@ -58,8 +59,8 @@ tar --sparse --format=pax -cf huge.tar huge
 refuses --max-bytes huge.tar --max-bytes 100000000
 refuses --max-bytes huge --max-bytes 100000000
 
-# Archives that end too early. One that ends between two members cannot be told from one without an end
-# mark, which some programs write, and the padding behind the mark is nobody's loss.
+# Truncated archives. An archive that ends between two members cannot be distinguished from one without
+# end-of-archive blocks, which some programs write; missing padding after these blocks does not matter.
 gzip -k plain.tar && bzip2 -k plain.tar && xz -k plain.tar && zstd -q plain.tar
 for suffix in tar tar.gz tar.bz2 tar.xz tar.zst; do
     size=$(stat -c %s "plain.$suffix")
@@ -94,7 +95,7 @@ check 'a name of 8 MiB is refused' test "$status/$out" = 1/
 check 'in a message of one short line' test "$(wc -l <"$work/err")" = 1 -a "$(wc -c <"$work/err")" -lt 1000
 as_before 'a long name'
 
-# peak COMMAND...: the most memory that it or a process of it has, in MiB.
+# peak COMMAND...: prints the peak memory of the command or one of its processes, in MiB.
 peak() {
     python3 -c 'import resource, subprocess, sys
 done = subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -143,7 +144,7 @@ reads() {
     grep -q '^NoNewPrivs:.*1$' "/proc/$reader/status" && grep -q '^Uid:.*65534$' "/proc/$reader/status"
 }
 eventually reads
-check 'another process reads, as nobody and for ever' reads
+check 'a worker process reads as nobody without a way back' reads
 check 'its root is empty' test -z "$(ls -A "/proc/$reader/root/")"
 check 'it has no capabilities' grep -q '^CapPrm:.*0000000000000000$' "/proc/$reader/status"
 kill -KILL "$import"
@@ -152,10 +153,10 @@ gone() { ! kill -0 "$reader"; }
 eventually gone
 check 'and ends with its parent' gone
 exec 7>&-
-check 'a killed import leaves its lock, which holds nobody up' rm "$layout/.zncctl-import-lock"
+check 'a killed import leaves its lock, which does not block others' rm "$layout/.zncctl-import-lock"
 as_before 'a killed import, but for that'
 
-# Words that mean nothing.
+# Invalid arguments.
 for words in '--max-entries 0' '--max-bytes much' '--hardlinks maybe' '--platform linux' '--devices'; do
     # shellcheck disable=SC2086
     run zncctl import plain.tar "$layout:second" $words
@@ -168,7 +169,7 @@ check 'a source that is not there is an error' test "$status/$out" = 2/
 check 'that names it' grep -q 'none.tar: No such file or directory' "$work/err"
 as_before 'a source that is not there'
 
-# Several at a time.
+# Several imports at the same time.
 pids=()
 for i in 1 2 3 4; do
     "$ZNCCTL" import -q plain "$layout:same$i" 2>/dev/null &

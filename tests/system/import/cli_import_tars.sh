@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Root filesystems as archives of every kind that tar programs write, and as directories.
+# Imports root filesystems from archives of every kind that tar programs write, and from directories.
 # shellcheck source=cli_import_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_import_lib.sh"
 need busybox
@@ -10,7 +10,7 @@ need zstd
 
 lenient=(--devices drop --long-links hop)
 
-# reference ARCHIVE DIR: as bsdtar unpacks it.
+# reference ARCHIVE DIR: unpacks the archive with bsdtar.
 reference() {
     mkdir -p "$2"
     quietly bsdtar -xpf "$1" -C "$2"
@@ -85,7 +85,7 @@ run zncctl import --tag devices gnu.tar "$layout"
 check 'a device outside dev is an error' test "$status/$out" = 1/
 check 'that names it' grep -q 'opt/\(device\|pipe\)' "$work/err"
 
-# The same bytes in every compression, under a name that says nothing.
+# The same bytes in every compression, with a name that does not reveal it.
 gzip -c pax.tar >gzip.bin
 { head -c 30000 pax.tar | gzip -c && tail -c +30001 pax.tar | gzip -c; } >members.bin
 bzip2 -c pax.tar >bzip2.bin
@@ -116,7 +116,7 @@ ln -s / plain/links/root
 imports 'a directory with a link to / and a socket' plain
 check 'the socket is passed over, the link is not followed' test "$(losses '')" = 3
 
-# npm: deep trees of long names, and link targets that fit no header.
+# npm: deep trees with long names, and link targets that do not fit into a header.
 tree npm "$work/npm"
 tar --format=pax -C npm -cf npm.tar .
 run zncctl import --tag npm npm.tar "$layout"
@@ -128,7 +128,7 @@ same 'a tree of npm packages' "$work/expected" --untimed-directories
 check 'its links take another way' test "$(losses link-target)" -gt 40
 rm -rf "$work/expected"
 
-# busybox with all its names, each of them the same file.
+# busybox with all its applet names, all of which are the same file.
 mkdir -p applets/bin
 cp "$(command -v busybox)" applets/bin/busybox
 for applet in $(busybox --list); do ln applets/bin/busybox "applets/bin/$applet" 2>/dev/null; done
@@ -141,7 +141,7 @@ check 'no name is a copy' test "$(losses hardlink-copied)" = 0
 imports 'three names, copies only' ustar.tar --hardlinks copy --max-hardlink-bytes 1
 check 'all names are copies' test "$(losses hardlink-copied)/$(losses hardlink-linked)" = 2/0
 
-# Names that fit nowhere.
+# Names that cannot be represented.
 mkdir -p odd
 printf 'x' >"odd/$(printf 'n%.0s' {1..150})"
 printf 'y' >'odd/back\slash'
@@ -153,7 +153,7 @@ imports 'without what cannot be carried' odd.tar --skip-unrepresentable
 same 'without what cannot be carried' "$work/odd"
 check 'it is listed' test "$(losses unrepresentable)" = 2
 
-# What archives hold that are not made from a tree.
+# Archives that cannot be made from a directory tree.
 python3 - <<'PYTHON'
 import io, tarfile
 

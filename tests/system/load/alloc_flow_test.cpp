@@ -1,6 +1,6 @@
-// Memory runs out at each allocation in turn, of whole flows: in the client's call, against a real
-// daemon, and in the daemon's work on a request. Nothing crashes, the error is a described one, and
-// nothing is left; the memory checkers see what is not freed.
+// Makes each allocation of complete flows fail in turn: in the client's call, against a real
+// daemon, and in the daemon while it processes a request. Nothing may crash, the error must be a
+// documented one, and nothing may be left; the memory checkers detect leaks.
 
 #include "alloc_fault.hpp"
 #include "layered_image.hpp"
@@ -19,20 +19,20 @@ using service_client::request_of;
 namespace {
 
 constexpr const char* kLayout = "/tmp/layout";
-constexpr unsigned kMost = 3000; // allocations of a flow
+constexpr unsigned kMost = 3000; // maximum number of allocations of a flow
 
 bool one_of(int number, const std::vector<int>& allowed)
 {
     return std::find(allowed.begin(), allowed.end(), number) != allowed.end();
 }
 
-// One flow of the client: `before` it, the call itself (whether it succeeded), and what to put
-// right afterwards, given the error number or -1.
+// A flow of the client: the steps `before` it, the call itself (returns whether it succeeded), and
+// the cleanup, which is given the error number or -1.
 struct Flow {
     std::function<void()> before = [] {};
     std::function<bool()> call;
     std::function<void(int)> after = [](int) {};
-    // 0: the request or its reply got lost. EINVAL: a key that could not be added is left out.
+    // 0: the request or its reply was lost. EINVAL: a key that could not be added was omitted.
     std::vector<int> errors = {ENOMEM, 0, EINVAL};
 };
 
@@ -58,20 +58,21 @@ void fail_each_allocation(const char* name, const Flow& flow)
 class ClientMemory : public SystemWorld {
   protected:
     static void create() { ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK); }
-    // Whatever became of the container and of the program that its start left to this process.
+    // Cleans up the container and the program that the start may have left to this process.
     static void clear(int)
     {
         if (zncStatusGet("web") != STATE_UNKNOWN) {
             EXPECT_EQ(zncDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK) << std::hex << errno;
         }
-        while (::waitpid(-1, nullptr, WNOHANG) > 0) { // not the daemon, which lives
+        // the daemon is still running and is not reaped
+        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
         }
     }
 };
 
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, ClientMemory, testing::Values(false, true), flavour_name);
 
-TEST_P(ClientMemory, RunsOutInEveryCallAndTheDaemonNeedNotCare)
+TEST_P(ClientMemory, RunsOutInEveryCallAndTheDaemonIsUnaffected)
 {
     fail_each_allocation(
         "create", {[] {}, [] { return zncCreate("web", kBundle, 0, nullptr) == OK; }, clear});
@@ -141,7 +142,7 @@ void ImageMemory::sweep_unpack(const char* name, unsigned option)
     Flow flow;
     flow.call = [option] { return zncUnpack(kBundle, kLayout, nullptr, option, nullptr) == OK; };
     flow.after = after;
-    // 0: the first file of the layout; the last: what becomes "config.json".
+    // 0: the first file of the layout; the last one is the future "config.json".
     flow.errors = {ENOMEM, 0, S_zncLib_BUNDLE_CONFIG_PARAM_INVALID};
     fail_each_allocation(name, flow);
 }
@@ -200,8 +201,9 @@ class DaemonMemory : public testing::TestWithParam<bool> {
         ASSERT_EQ(zncContainerDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK) << std::hex << errno;
     }
 
-    // Each allocation fails in the work on this request. What it is about is made before and goes
-    // afterwards: the errors that the reply may hold are checked, and whether a container is there.
+    // Makes each allocation fail while the daemon processes this request. The objects of the
+    // request are created before and removed afterwards; checks the errors in the replies, and
+    // whether the container exists.
     void serve(const char* name, int command, const std::string& json,
                const std::vector<int>& errors) const;
 
@@ -218,8 +220,8 @@ class DaemonMemory : public testing::TestWithParam<bool> {
 
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, DaemonMemory, testing::Values(false, true), flavour_name);
 
-// A delete that failed once takes the container off the list the next time, and its namespace ends
-// with the daemon; the next create under the id takes over what is on disk.
+// After a failed delete the next one removes the container from the list, and its namespace ends
+// with the daemon; the next create with the id reuses what is on disk.
 void DaemonMemory::put_right(const std::string& name, unsigned n) const
 {
     CONTAINER_STATE state;
@@ -256,7 +258,7 @@ void DaemonMemory::serve(const char* name, int command, const std::string& json,
         CONTAINER_STATE state;
         std::string id = "web";
         const bool there = zncContainerStateGet(id.data(), &state) == OK;
-        // Without memory for a reply there is none.
+        // Without memory for a reply none is sent.
         EXPECT_TRUE(number == -1 || number == 0 || one_of(number, errors))
             << name << n << " " << std::hex << number;
         EXPECT_TRUE(!whole || (status == OK && number == 0)) << name;

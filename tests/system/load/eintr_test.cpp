@@ -1,5 +1,4 @@
-// Signals without end: a timer interrupts the daemon's task and the client's every millisecond, and
-// no call may notice.
+// A timer interrupts the daemon's task and the client's every millisecond; no call may be affected.
 
 #include "layered_image.hpp"
 #include "running_daemon.hpp"
@@ -23,7 +22,8 @@ void count(int /*signal*/)
     interruptions++;
 }
 
-// Interrupts one task until it goes. The handler restarts nothing.
+// Interrupts one thread during the lifetime of this object. The handler does not restart system
+// calls.
 class Interrupter {
   public:
     explicit Interrupter(pid_t task)
@@ -69,7 +69,7 @@ class Storm : public testing::TestWithParam<bool> {
         make_bundle(kBundle, {"/bin/sh", "-c", "sleep 0.02; exit 0"},
                     R"(,"mounts":[{"source":"tmpfs","destination":"/tmp","type":"tmpfs"}])");
         layout::Layout("/tmp/layout").add(layered_image::image_of(1, 20));
-        life(); // the daemon keeps its helper open from its first container on
+        life(); // after its first container the daemon keeps its helper open
         before_ = Ledger::take("/tmp/storage", ::getpid());
     }
     void TearDown() override
@@ -82,7 +82,7 @@ class Storm : public testing::TestWithParam<bool> {
         ::unsetenv("ZNC_BASE");
     }
 
-    // Every call once.
+    // Makes every call once.
     static void life()
     {
         const RunningDaemon daemon;

@@ -1,5 +1,5 @@
-// A disk without room: every step of create and of unpack meets it once, and what needs no room
-// goes on working.
+// Tests with a full disk: every step of create and of unpack fails once, and operations that need
+// no space continue to work.
 
 #include "layered_image.hpp"
 #include "system_world.hpp"
@@ -18,7 +18,7 @@ constexpr const char* kDisk = "/tmp/little";
 constexpr unsigned kPage = 4096;
 constexpr unsigned kPlenty = ~0U;
 
-// A little file system that is filled but for so many inodes and pages.
+// A small file system that is filled except for this many inodes and pages.
 class LittleDisk {
   public:
     LittleDisk()
@@ -35,7 +35,7 @@ class LittleDisk {
     LittleDisk(const LittleDisk&) = delete;
     LittleDisk& operator=(const LittleDisk&) = delete;
 
-    // Shows one of its directories at `path`, which is made.
+    // Bind-mounts one of its directories at `path`, which is created.
     void show_at(const std::string& path)
     {
         const std::string source = kDisk + ("/" + fs::path(path).filename().string());
@@ -99,7 +99,7 @@ class FullDisk : public SystemWorld {
     }
     LittleDisk& disk() { return *disk_; }
 
-    // Create with a little more room each time, until it succeeds.
+    // Repeats create with a little more space each time, until it succeeds.
     void sweep_create(bool inodes);
 
   private:
@@ -130,7 +130,7 @@ void FullDisk::sweep_create(bool inodes)
         EXPECT_TRUE(one_of(number, {S_zncLib_ROOTFS_CREATE_FAILED})) << std::hex << number;
         EXPECT_EQ(text_of(zncList()), "[]");
         disk().make_room();
-        // The container's own directory waits for the next create under its id.
+        // The container's directory is kept for the next create with its id.
         EXPECT_EQ(left_over("containers/web"), "") << left;
         expect_usable();
         EXPECT_EQ(left_over(), "") << left;
@@ -158,7 +158,7 @@ TEST_P(FullDisk, ListStateInspectStartKillAndDeleteNeedNoRoom)
     disk().leave(0, 0);
     ASSERT_TRUE(LittleDisk::is_full());
     EXPECT_EQ(zncStart("web", ZNC_OPT_NO_WAIT), OK) << std::hex << errno;
-    if (overlay()) { // its program writes to the disk and is told
+    if (overlay()) { // its program writes to the disk and gets the error
         int status = 0;
         ASSERT_GT(::waitpid(-1, &status, 0), 0);
         EXPECT_EQ(WEXITSTATUS(status), 9);
@@ -208,7 +208,7 @@ class FullDiskUnpack : public testing::TestWithParam<Kind> {
     {
         return zncUnpack(kBundle, "/tmp/layout", nullptr, GetParam().option, nullptr);
     }
-    // Where the bundle's configuration says that the tree is.
+    // Returns the path of the tree from the bundle's configuration.
     static std::string tree();
     static void remove_all();
     void sweep(bool inodes);
@@ -261,11 +261,11 @@ void FullDiskUnpack::sweep(bool inodes)
         disk_->leave(inodes ? left : kPlenty, inodes ? kPlenty : left);
         if (unpack() == OK)
             break;
-        // The configuration has a number of its own.
+        // A failure to write the configuration has its own error number.
         EXPECT_TRUE(errno == ENOSPC || errno == S_zncLib_BUNDLE_CONFIG_PARAM_INVALID)
             << left << " " << errno;
         EXPECT_FALSE(fs::exists(kBundle)) << left;
-        // Nothing half done.
+        // Nothing partial may be left.
         for (const auto& entry : fs::recursive_directory_iterator(kDisk))
             EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
         if (GetParam().overlay) {

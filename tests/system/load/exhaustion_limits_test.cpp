@@ -1,5 +1,6 @@
-// Descriptors, queue memory, processes, namespaces and mounts run out: the request fails with its
-// error, the daemon lives, and with room again nothing is left.
+// Tests in which descriptors, queue memory, processes, namespaces and mounts run out: the request
+// fails with its error, the daemon survives, and nothing is left when resources are available
+// again.
 
 #include "layered_image.hpp"
 #include "process_limit.hpp"
@@ -17,11 +18,11 @@ namespace {
 
 constexpr const char* kLayout = "/tmp/layout";
 constexpr const char* kUnpacked = "/tmp/unpacked";
-constexpr rlim_t kLeast = 6; // of the descriptor limits tried
+constexpr rlim_t kLeast = 6; // the lowest descriptor limit that is tried
 constexpr rlim_t kMost = 60;
 
-// A setting of the kernel that counts for the whole machine, put back however this test ends: a
-// process that waits for its end does it.
+// A system-wide sysctl that is restored however this test ends: a separate process waits for the
+// end of the test and restores it.
 class Setting {
   public:
     explicit Setting(std::string path) : path_(std::move(path))
@@ -49,10 +50,10 @@ class Setting {
     Setting(const Setting&) = delete;
     Setting& operator=(const Setting&) = delete;
 
-    // Root may lack the right to change it.
+    // Even root may not be permitted to change it.
     [[nodiscard]] bool can_be_changed() const { return write(usual_); }
 
-    // Runs `body` while `value` holds.
+    // Runs `body` while the setting is `value`.
     template <class Body> void while_it_is(const std::string& value, Body body) const
     {
         write(value);
@@ -94,12 +95,12 @@ class Limits : public SystemWorld {
         fs::remove_all("/tmp/images");
     }
 
-    // A container that runs, with its program in `program_`.
+    // Starts a container and stores its program in `program_`.
     void begin_running()
     {
         make_bundle(kBundle, {"/bin/sleep", "1000"});
         ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK) << std::hex << errno;
-        // Nobody may ask for its state before its process is there: it would count as ended.
+        // No client may query its state before its process exists: it would count as ended.
         int pipes[2];
         ASSERT_EQ(::pipe2(pipes, O_CLOEXEC), 0);
         client_ = begin_child([&] {
@@ -113,7 +114,8 @@ class Limits : public SystemWorld {
         EXPECT_EQ(::read(pipes[0], &byte, 1), 1);
         ::close(pipes[0]);
     }
-    // Whatever became of container "web": it goes, and the next of its id lives.
+    // Removes container "web" in whatever state it is, and checks that a new one with this id
+    // works.
     void clear_up()
     {
         if (zncStatusGet("web") != STATE_UNKNOWN &&
@@ -134,11 +136,11 @@ INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Limits, testing::Values(false, true), 
 
 // ------------------------------------------------------------------ descriptors
 
-// A call of the library: whether it succeeded.
+// Makes a call of the library; returns whether it succeeded.
 struct Operation {
     const char* name;
     bool (*run)();
-    bool running; // on a container that runs
+    bool running; // needs a running container
 };
 
 bool unpack()
@@ -193,7 +195,7 @@ TEST_P(Limits, AClientWithFewDescriptorsGetsAnErrorOrItsResult)
         std::printf("%s failed %d times\n", name.c_str(), count);
 }
 
-// With no descriptor at all it cannot answer and the client gives up after its time: by hand.
+// Without any descriptor the daemon cannot answer and the client times out: for manual runs only.
 TEST_P(Limits, ADaemonWithFewDescriptorsFailsTheRequestAndLives)
 {
     const auto used = static_cast<rlim_t>(
@@ -241,14 +243,14 @@ TEST_P(Limits, WhenCreateGetsNoDescriptorsTheOtherRequestsStillDo)
     std::printf("%d containers with %d descriptors\n", made, static_cast<int>(kFew));
     EXPECT_NE(text_of(zncList()).find("\"c0\""), std::string::npos);
     EXPECT_GT(zncStart("c0", 0), 0) << std::hex << errno;
-    // A tree deeper than there are descriptors.
+    // A tree that is deeper than the descriptor limit.
     std::string deep = overlay() ? "/overlay/c1" : "/tmp/bundles/c1/rootfs";
     for (int i = 0; i < 100; i++)
         deep += "/d";
     fs::create_directories(deep);
     for (int i = 0; i < made; i++)
         EXPECT_EQ(zncDelete(("c" + std::to_string(i)).c_str(), 0), OK) << i << std::hex << errno;
-    // What the failed one had made waits for the next of its id.
+    // What the failed create made is kept for the next one with its id.
     EXPECT_EQ(left_over(id), "");
     limit_descriptors(daemon(), 1024);
     EXPECT_EQ(zncCreate(id.c_str(), ("/tmp/bundles/" + id).c_str(), 0, nullptr), OK);
@@ -295,7 +297,7 @@ TEST_P(Limits, WithoutProcessesCreateAndStartFailAndNothingElse)
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     const int status = run_child([&] {
         limit.add(::getpid());
-        limit.set("2"); // the daemon and its keeper are more already
+        limit.set("2"); // the daemon and its keeper already exceed this
         return zncStart("web", 0) == ERROR && errno == S_zncLib_RTP_SPAWN_FAILED ? 0 : 1;
     });
     limit.set("max");
@@ -306,7 +308,7 @@ TEST_P(Limits, WithoutProcessesCreateAndStartFailAndNothingElse)
 
 // ------------------------------------------------------------------ namespaces and mounts
 
-// These settings are the whole machine's: for some milliseconds nobody on it gets what is counted.
+// These settings are system-wide: for some milliseconds they affect every process of the machine.
 bool may_change_the_machine()
 {
     return std::getenv("EXHAUSTION_MACHINE") != nullptr;
@@ -343,7 +345,7 @@ TEST_P(Limits, WithoutMountsCreateFailsAndCanBeRepeated)
     const long mounts = std::count(std::istreambuf_iterator<char>(list), {}, '\n');
     if (!Setting("/proc/sys/fs/mount-max").can_be_changed())
         GTEST_SKIP() << "fs.mount-max cannot be changed";
-    // A container's own few, and, for its overlay device, those around it.
+    // The mounts of a container and, for its overlay device, those of the host.
     std::vector<long> limits(30);
     std::iota(limits.begin(), limits.end(), 1);
     for (long more = 0; more < 10; more++)

@@ -1,4 +1,4 @@
-// Containers that do not want to go, and what is in the way of an unmount.
+// Tests with containers that resist being stopped, and with obstacles to unmounting.
 
 #include "process_limit.hpp"
 #include "system_world.hpp"
@@ -30,8 +30,8 @@ pid_t only_child(pid_t parent)
 
 class Stuck : public SystemWorld {
   protected:
-    // Starts "web" with a shell script from a client of its own, which waits for the program, and
-    // comes back once the script has made /tmp/ready.
+    // Starts "web" with a shell script from a client process, which waits for the program; returns
+    // when the script has created /tmp/ready.
     void begin(const std::string& script, const std::function<void()>& before = {})
     {
         make_bundle(kBundle, {"/bin/sh", "-c", script});
@@ -49,7 +49,7 @@ class Stuck : public SystemWorld {
             eventually([&] { return fs::exists(root() + "/tmp/ready") && fs::exists(kStarted); }));
         fs::remove(kStarted);
     }
-    // Deletes it by force: the client's wait ends, so the program is gone.
+    // Deletes the container by force: the program ends, so the client returns.
     void end()
     {
         EXPECT_EQ(zncDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK) << std::hex << errno;
@@ -95,7 +95,7 @@ TEST_P(Stuck, AForkBombIsDeleted)
     end();
 }
 
-TEST_P(Stuck, SomebodyInTheRootAndAFileOpenInItKeepNothing)
+TEST_P(Stuck, ProcessesInTheRootAndOpenFilesDoNotPreventDeletion)
 {
     begin("touch /tmp/ready; sleep 1000");
     const fs::path usual = fs::current_path();
@@ -103,13 +103,13 @@ TEST_P(Stuck, SomebodyInTheRootAndAFileOpenInItKeepNothing)
     const int file = ::open("ready", O_RDWR | O_CLOEXEC);
     EXPECT_GE(file, 0);
     end();
-    EXPECT_EQ(left_over(), ""); // while both are held
+    EXPECT_EQ(left_over(), ""); // while both locks are held
     ::close(file);
     fs::current_path(usual);
 }
 
-// A namespace is gone only when its program's parent has waited for it. Nobody asks the daemon for
-// anything from then on.
+// A namespace ends only when its program has been reaped by its parent. From then on no client
+// sends a request to the daemon.
 TEST_P(Stuck, AnEndedNamespaceGoesWithoutAnotherRequest)
 {
     make_bundle(kBundle, {"/bin/sleep", "1000"});
@@ -118,7 +118,7 @@ TEST_P(Stuck, AnEndedNamespaceGoesWithoutAnotherRequest)
     EXPECT_EQ(field_of(keeper, "Name"), "zn-keeper");
     ASSERT_EQ(zncStart("web", ZNC_OPT_NO_WAIT), OK);
     EXPECT_EQ(zncDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK);
-    EXPECT_NE(field_of(keeper, "State"), ""); // still there for its program
+    EXPECT_NE(field_of(keeper, "State"), ""); // the keeper still exists because of its program
     ASSERT_GT(::waitpid(-1, nullptr, 0), 0);
     EXPECT_TRUE(eventually([&] { return only_child(daemon()) == -1; }));
 }
@@ -135,7 +135,7 @@ TEST_P(Stuck, OrphansAreReapedWhileTheContainerLives)
         int count = 0;
         for (const auto& entry : fs::directory_iterator("/proc")) {
             std::error_code error;
-            // A zombie shows no namespace: it is known by its parent, the keeper.
+            // The namespace of a zombie cannot be read: it is recognized by its parent, the keeper.
             const std::string name = entry.path().filename();
             if (name.find_first_not_of("0123456789") != std::string::npos)
                 continue;
@@ -150,8 +150,8 @@ TEST_P(Stuck, OrphansAreReapedWhileTheContainerLives)
     end();
 }
 
-// An unmount takes long: whoever asks meanwhile waits his turn; who waits too long gets an error,
-// and the container goes all the same.
+// During a long unmount, other clients wait their turn. A client that waits too long gets an error,
+// and the container is removed nevertheless.
 class SlowUnmount : public Stuck {
   protected:
     void delay(const std::string& microseconds)
@@ -176,7 +176,7 @@ class SlowUnmount : public Stuck {
     pid_t tracer_ = -1;
 };
 
-// Only an overlay device is unmounted by the daemon; all else goes with its namespace.
+// The daemon unmounts only overlay devices; all other mounts end with their namespace.
 INSTANTIATE_TEST_SUITE_P(Overlay, SlowUnmount, testing::Values(true), flavour_name);
 
 TEST_P(SlowUnmount, OthersAreAnsweredAfterwards)

@@ -1,7 +1,7 @@
-// What no client of the library sends, to a live daemon: it answers or drops each message, goes on
-// serving, and writes to nobody's queue but a client's.
+// Sends messages that no client of the library sends to a running daemon: it answers or drops each
+// message, continues to serve, and writes only to queues of clients.
 //
-// HOSTILE_MESSAGES and HOSTILE_SEED give size and seed.
+// HOSTILE_MESSAGES and HOSTILE_SEED set the number of messages and the seed.
 
 #include "client_group.hpp"
 #include "daemon_world.hpp"
@@ -27,7 +27,7 @@ const std::vector<std::string> kForeignQueues = {
     "/znc-u-0x1-1", "/znc-u-1-1\n", "/znc-u-1,1",  "/x-znc-u-1-1",    "/znc-u-1-1.",
 };
 
-// Names that are no queue's, or the daemon's own.
+// Invalid queue names, and the name of the daemon's own queue.
 const std::vector<std::string> kOtherNames = {
     "",     "/",           "/znc",        "znc-u-1-1", "/a/b",
     "/../", "/znc-u-1-1/", "//znc-u-1-1", "/dev/null", "/znc-u-" + std::string(184, '1'),
@@ -40,7 +40,7 @@ class ForeignQueues {
         for (const std::string& name : kForeignQueues)
             queues_.push_back(std::make_unique<Queue>(name, 1, ZNC_MSG_MAX_LEN));
     }
-    // Which of them anything was written to.
+    // Returns the queues to which anything was written.
     [[nodiscard]] std::string written_to() const
     {
         std::string names;
@@ -58,7 +58,7 @@ class ForeignQueues {
 
 class Hostile : public DaemonWorld {
   protected:
-    // A container that must outlive everything.
+    // A container that must survive everything.
     void SetUp() override
     {
         DaemonWorld::SetUp();
@@ -82,16 +82,17 @@ TEST_F(Hostile, NoReplyGoesToAQueueThatIsNoClients)
     for (const auto* names : {&kForeignQueues, &kOtherNames})
         for (const std::string& name : *names)
             for (const int command : {static_cast<int>(ZNC_ALIVE), static_cast<int>(ZNC_CREATE)}) {
-                // The bundle does not exist: that is worth a progress text.
+                // The bundle does not exist, which causes a progress text.
                 const zncMessage message =
                     request_of(command, R"({"containerId":"x","bundle":"/none"})", name);
                 ASSERT_TRUE(daemon_queue.send(&message, sizeof message));
             }
-    EXPECT_TRUE(zncDaemonIsAlive()); // in order: all before has been looked at
+    // requests are served in order: all earlier ones have been processed
+    EXPECT_TRUE(zncDaemonIsAlive());
     EXPECT_EQ(foreign.written_to(), "");
 }
 
-// The messages of one attacker.
+// Generates the messages of one attacker.
 class Attacker {
   public:
     Attacker(std::uint64_t seed, int number)
@@ -100,7 +101,7 @@ class Attacker {
     {
     }
 
-    // Sends one; false if the daemon did not answer where it had to.
+    // Sends one; returns false if the daemon did not answer a message that it must answer.
     bool attack()
     {
         switch (below(8)) {
@@ -130,7 +131,7 @@ class Attacker {
     }
     template <class T> const T& one_of(const std::vector<T>& all) { return all[below(all.size())]; }
 
-    // Any command, with text of any kind.
+    // Any command with any text.
     zncMessage named(const std::string& name)
     {
         const auto command =
@@ -189,7 +190,7 @@ class Attacker {
         const zncMessage message = named(nobodys_name());
         return daemon_.send(&message, below(sizeof message));
     }
-    // The queue itself refuses it.
+    // The kernel refuses this message.
     bool send_long()
     {
         const std::string bytes(ZNC_MSG_MAX_LEN + 1 + below(5000), 'x');
@@ -210,11 +211,11 @@ class Attacker {
             byte = static_cast<char>(random_());
         return daemon_.send(bytes.data(), bytes.size());
     }
-    // From a reply queue that is there: whatever it says gets an answer.
+    // From an existing reply queue: the daemon answers, whatever the message contains.
     bool call()
     {
         zncMessage message = named(own_);
-        if (message.cmdId == ZNC_START) // would have to be told of a process
+        if (message.cmdId == ZNC_START) // would require a process id from the client
             message.cmdId = ZNC_STATE;
         return send(message) &&
                replies_.receive(10 * znSysClkRateGet()).size() >= ZNC_MSG_HEADER_LEN;
@@ -241,7 +242,7 @@ TEST_F(Hostile, AfterAFloodOfMalformedMessagesTheDaemonServesAndNobodyElseGotAny
                 return 1;
         return 0;
     });
-    // Meanwhile an honest client is served.
+    // A regular client is served at the same time.
     for (int i = 0; i < 200; i++) {
         ASSERT_EQ(zncStatusGet("canary"), STATE_RUNNING) << std::hex << errno;
         ASSERT_EQ(zncStatusGet("none"), STATE_UNKNOWN);

@@ -1,8 +1,8 @@
-// Many clients at once against a real daemon: none is refused, lost or passed over, also where the
-// queues' memory does not hold a call of each.
+// Many concurrent clients of a real daemon: none is refused, lost or starved, even if there is not
+// enough queue memory for a call of each.
 //
-// LOAD_CLIENTS and LOAD_REQUESTS give the size. What was measured is printed, and never judged
-// here.
+// LOAD_CLIENTS and LOAD_REQUESTS set the size. Measurements are printed but do not affect the
+// result.
 
 #include "client_group.hpp"
 #include "daemon_world.hpp"
@@ -24,7 +24,7 @@ using system_world::size_of;
 using system_world::text_of;
 using Clock = std::chrono::steady_clock;
 
-// The next of a client's requests. True if it was answered as it must be.
+// Makes the next request of a client; returns true if it was answered correctly.
 bool request(int client, int number)
 {
     const std::string id = "client" + std::to_string(client);
@@ -83,7 +83,7 @@ Measured run_clients(int clients, int requests)
     return measured;
 }
 
-// A client's turn comes when every other has been served once.
+// A client is served again only after every other client has been served once.
 void print(const Measured& measured, int clients, long before, long after)
 {
     const auto& waits = measured.waits;
@@ -132,7 +132,7 @@ bool small_queue_fits()
     return true;
 }
 
-// The queue memory of this user as it is, which only the limit shows.
+// Determines the queue memory used by this user, which only the limit reveals.
 rlim_t queue_memory_in_use(rlim_t most)
 {
     rlim_t least = 0;
@@ -144,7 +144,7 @@ rlim_t queue_memory_in_use(rlim_t most)
     return most;
 }
 
-// There is room for four calls.
+// The limit allows four calls.
 TEST_F(Load, ClientsWaitTheirTurnWhereQueueMemoryHoldsFewCalls)
 {
     constexpr rlim_t kOneCall = 9000;
@@ -156,8 +156,8 @@ TEST_F(Load, ClientsWaitTheirTurnWhereQueueMemoryHoldsFewCalls)
     EXPECT_EQ(measured.lost, 0U);
 }
 
-// Calls until it is told to stop. Each call ends, and as described: done, refused by a daemon, or
-// failed because there is none or it did not answer.
+// Makes calls until it is stopped. Each call must end in a documented way: success, refused by a
+// daemon, or failed because no daemon is running or none answered.
 int call_until(const std::uint32_t& stop, std::uint32_t& calls, int client)
 {
     const std::string id = "client" + std::to_string(client);
@@ -211,7 +211,7 @@ TEST_F(Load, AfterAsManyCallsOfADeadDaemonAsItsQueueHoldsTheNextOneFails)
     settle();
 }
 
-// A client that sends one request and then neither reads nor goes away.
+// A client that sends one request, and then neither reads nor exits.
 pid_t silent_client(int cmdId, const std::string& json)
 {
     int sent[2];
@@ -242,7 +242,7 @@ void end_silent_client(pid_t pid)
     znMsgQUnlink((name + "_info").c_str());
 }
 
-TEST_F(Load, ClientsThatStopOrDieBetweenRequestAndReplyHoldUpNobody)
+TEST_F(Load, ClientsThatStopOrDieBetweenRequestAndReplyBlockNoOthers)
 {
     const int rounds = size_of("LOAD_SILENT", 100);
     const int stopped_at_once = 8;
@@ -283,7 +283,7 @@ TEST_F(Load, ThreadsOfOneProcessLiveTheirContainersLives)
     EXPECT_EQ(good, kThreads * lives);
 }
 
-// A container whose inspection document is nearly as long as a reply can be.
+// A container whose inspection document has almost the maximum size of a reply.
 class LongReply : public DaemonWorld {
   protected:
     void SetUp() override

@@ -1,7 +1,7 @@
-// Namespaces and programs started by a process that is busy: with many threads in the allocator,
-// and with a timer that interrupts faster than a process can be cloned.
+// Tests of creating namespaces and starting programs from a busy process: with many threads that
+// allocate memory, and with a timer that interrupts faster than a process can be cloned.
 //
-// LOAD_SPAWNS and LOAD_CREATES give the sizes.
+// LOAD_SPAWNS and LOAD_CREATES set the size.
 #include "namespace_world.hpp"
 #include "test_size.hpp"
 
@@ -15,7 +15,7 @@ using system_world::size_of;
 
 namespace {
 
-// Threads that allocate and release until they go.
+// Threads that allocate and free memory during the lifetime of this object.
 class Allocators {
   public:
     explicit Allocators(int count)
@@ -43,7 +43,7 @@ class Allocators {
             void*& slot = held[(seed >> 16) % held.size()];
             std::free(slot);
             slot = std::malloc(1 + (seed >> 8) % 5000);
-            if (++rounds_ % 32 == 0) // leaves the starters some of the processors
+            if (++rounds_ % 32 == 0) // leaves processor time to the threads that start programs
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         for (void* slot : held)
@@ -70,7 +70,7 @@ TEST_F(Namespaces, ProgramsStartWhileSixtyFourThreadsAllocate)
 
 std::atomic<long> g_interruptions = 0;
 
-// Interrupts this process every 100 microseconds; nothing is restarted by the kernel.
+// Interrupts this process every 100 microseconds; the kernel restarts no system calls.
 class Interrupter {
   public:
     Interrupter()

@@ -1,5 +1,5 @@
-// The long run: thousands of lives of containers, and of creates that fail, leave nothing behind
-// and the daemon as small as it was. The suite's sizes are small; SOAK_CYCLES and SOAK_FAILURES are
+// Long-running test: thousands of container life cycles and failed creates leave nothing behind and
+// do not make the daemon grow. The suite uses small sizes; SOAK_CYCLES and SOAK_FAILURES set
 // others.
 
 #include "system_world.hpp"
@@ -10,11 +10,11 @@ using namespace system_world;
 
 namespace {
 
-[[maybe_unused]] constexpr long kGrowthKiB = 1024; // sanitizers keep memory of their own
+[[maybe_unused]] constexpr long kGrowthKiB = 1024; // sanitizers retain memory
 
 class Soak : public SystemWorld {
   protected:
-    // The daemon's own memory in KiB: what it shares with no one, or nobody uses any more but it.
+    // Returns the private memory of the daemon in KiB.
     [[nodiscard]] long memory() const
     {
         std::ifstream map("/proc/" + std::to_string(daemon()) + "/smaps_rollup");
@@ -28,7 +28,7 @@ class Soak : public SystemWorld {
         return sum;
     }
 
-    // Does `cycle` that often, a tenth of it before the memory is first looked at.
+    // Runs `cycle` that many times; memory is first measured after a tenth of them.
     void repeat(int cycles, const std::function<void(int)>& cycle)
     {
         for (int i = 0; i < cycles / 10 && !HasFailure(); i++)
@@ -39,7 +39,7 @@ class Soak : public SystemWorld {
         const long growth = memory() - before;
         std::printf("%d cycles: %ld KiB, grown by %ld KiB\n", cycles, before, growth);
         EXPECT_GT(before, 0);
-#ifndef ZNC_SANITIZED // whose memory keeps what was freed
+#ifndef ZNC_SANITIZED // sanitizers retain freed memory
         EXPECT_LT(growth, kGrowthKiB);
 #endif
         EXPECT_EQ(text_of(zncList()), "[]");
@@ -59,7 +59,7 @@ TEST_P(Soak, LivesOfContainersLeaveNothingAndTheDaemonDoesNotGrow)
         ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK) << i << " " << std::hex << errno;
         if (i % 2 == 0) {
             ASSERT_GT(zncStart("web", 0), 0) << i << " " << std::hex << errno;
-        } else { // killed, perhaps before its shell begins; the daemon is a child as well
+        } else { // killed, perhaps before its shell starts; the daemon is also a child
             ASSERT_EQ(zncStart("web", ZNC_OPT_NO_WAIT), OK) << i << " " << std::hex << errno;
             ASSERT_EQ(zncKill("web", kKill, ZNC_OPT_WHOLE_NAMESPACE), OK) << i;
             ASSERT_GT(::waitpid(-1, nullptr, 0), 0) << i;
@@ -79,7 +79,8 @@ TEST_P(Soak, CreatesAndStartsThatFailLeaveNothing)
     fs::remove_all(bundles + "root/rootfs");
     make_bundle(bundles + "text", {"/bin/true"});
     std::ofstream(bundles + "text/config.json") << "{";
-    // The root that is not there keeps its upper directory for the next create under the id.
+    // After a failure because of a missing root, the upper directory is kept for the next create
+    // with the id.
     constexpr int kKinds = 5;
     const std::pair<std::string, int> kinds[kKinds] = {
         {"none", S_zncLib_BUNDLE_CONFIG_NOT_EXIST},

@@ -1,5 +1,6 @@
-// Many processes unpack images with the same layers at once: each gets a whole tree, the store has
-// one copy of each layer, and nothing half made is left. RACE_ROUNDS is the number of rounds.
+// Many processes concurrently unpack images with common layers: each gets a complete tree, the
+// store has one copy of each layer, and nothing partial is left. RACE_ROUNDS is the number of
+// rounds.
 
 #include "layered_image.hpp"
 #include "system_world.hpp"
@@ -22,7 +23,7 @@ std::string bundle_of(int n)
     return "/tmp/bundles/" + std::to_string(n);
 }
 
-// The store holds whole layers of their names and nothing else.
+// Checks that the store contains complete layers with the right names and nothing else.
 void expect_whole_store(const std::vector<std::string>& trees)
 {
     std::vector<std::string> found;
@@ -54,7 +55,8 @@ class UnpackRace : public testing::Test {
         fs::remove_all(kStore);
     }
 
-    // Image `n` has layers n, n + 1 ... of kLayers, so that all share them and no two are the same.
+    // Image `n` has layers n, n + 1 ... of kLayers, so that all images share layers and no two are
+    // equal.
     static layout::Image rotated(int n, int count, int files = 6)
     {
         layout::Image image = layered_image::image_of(kLayers, files);
@@ -63,7 +65,8 @@ class UnpackRace : public testing::Test {
         return image;
     }
 
-    // All at once, as near as a pipe that closes can bring it about: the exit codes, 0 or an error.
+    // Runs all unpacks concurrently, released by closing a pipe; returns the exit codes, 0 or an
+    // error.
     static std::vector<int> unpack_all(const std::function<std::string(int)>& layout,
                                        unsigned option)
     {
@@ -120,8 +123,8 @@ TEST_F(UnpackRace, OfOneLayerAllSucceedAndOneWholeCopyStays)
     std::printf("%d rounds of %d processes\n", rounds, kProcesses);
 }
 
-// An image of several layers has one device for all, which the first makes: the others are told
-// that it exists, and leave no bundle.
+// An image with several layers has only one device, created by the first unpack: the others fail
+// because it exists, and leave no bundle.
 TEST_F(UnpackRace, OfImagesThatShareLayersOneOfEachSucceeds)
 {
     for (int n = 0; n < kLayers; n++)
@@ -145,7 +148,7 @@ TEST_F(UnpackRace, OfImagesThatShareLayersOneOfEachSucceeds)
     }
 }
 
-// With a process killed in the middle each round; the next unpack takes away what it left.
+// In each round one process is killed; the next unpack removes what it left.
 TEST_F(UnpackRace, WhatAKilledOneLeftIsGoneAfterTheNext)
 {
     const layout::Image image = rotated(0, 1, kFiles);

@@ -1,6 +1,7 @@
 #!/bin/sh
-# The shared library exports exactly the names of the list checked in, which are those of its version
-# script, and carries the soname that programs were linked to.
+# Tests that the shared library exports exactly the names in the list, which are those of its version script,
+# and has the right soname.
+#
 # usage: exports_test.sh LIBRARY VERSION-SCRIPT LIST
 set -eu
 export LC_ALL=C
@@ -13,7 +14,7 @@ library=$1 script=$2 list=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Type A is the version's own name.
+# A symbol of type A is the name of the version.
 nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort >"$work/exported"
 sed -n '/global:/,/local:/s/^ *\([A-Za-z0-9_]*\);$/\1/p' "$script" | sort >"$work/script"
 sort "$list" >"$work/list"

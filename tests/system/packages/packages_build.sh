@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# packages_build.sh - packs the build with cpack, as it is, and has lintian look at the packages. They are
-# left in the build's directory "debs" for the other tests.
+# packages_build.sh - packages the existing build with cpack and checks the packages with lintian. They are
+# kept in the build's directory "debs" for the other tests.
 # shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# packages_consumer.sh - the installed library as others use it: headers by every standard, CMake's
-# find_package, pkg-config, and the examples, which are daemons. Needs a sandbox.
+# packages_consumer.sh - uses the installed library like a third-party project: headers in every language
+# standard, CMake's find_package, pkg-config, and the examples, which are daemons. Needs a sandbox.
 # shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
@@ -67,7 +67,7 @@ check 'CMake finds the library' configure "$consumer" cmake -DWANTED_VERSION=1.0
 check 'CMake builds programs with it' cmake --build "$work/cmake"
 check 'CMake: the program in C runs' prints 'C: running' "$work/cmake/consumer_c"
 check 'CMake: the program in C++ runs' prints 'C++: stopped' "$work/cmake/consumer_cpp"
-check 'CMake: another major version is not taken for this one' \
+check 'CMake: another major version is not accepted' \
     not configure "$consumer" refused -DWANTED_VERSION=2.0
 
 by_pkg_config() {
@@ -81,7 +81,7 @@ check 'pkg-config: the program in C runs' prints 'C: running' "$work/pc_c"
 check 'pkg-config: a program in C++ is built' by_pkg_config c++ consumer.cpp pc_cpp
 check 'pkg-config: the program in C++ runs' prints 'C++: stopped' "$work/pc_cpp"
 
-# What was installed can be moved: no file knows the directory.
+# The installation can be moved: no file contains its path.
 check 'no development file names the directory' \
     not grep -rIl "$prefix" "$prefix/include" "$libdir/pkgconfig" "$libdir/cmake"
 

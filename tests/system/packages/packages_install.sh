@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# packages_install.sh - the packages in a clean Debian system without network: installed, used, installed
-# again and removed without a trace. Needs a sandbox, packages_build.sh and packages_fixture.sh.
+# packages_install.sh - installs the packages in a clean Debian system without network, uses them, reinstalls
+# them and removes them without a trace. Needs a sandbox, packages_build.sh and packages_fixture.sh.
 # shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
@@ -8,7 +8,7 @@ ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the 
 root=$work/root
 daemon=
 
-# The system's writes go to memory. /ram0 is where the storage base is unless told otherwise.
+# All writes to the system go to a tmpfs. /ram0 is the default storage base.
 mkdir -p "$root" "$work/writes"
 mount -t tmpfs writes "$work/writes"
 mkdir "$work/writes/upper" "$work/writes/work"
@@ -33,8 +33,8 @@ apt() { inside apt-get -qy --no-install-recommends "$@"; }
 install_package() { apt install /debs/"$1"_"$(field "$1" Version)"_"$(field "$1" Architecture)".deb; }
 field() { dpkg-deb --field "$ZNC_BUILD_DIR"/debs/"$1"_*.deb "$2"; }
 
-# What is in the system, but for what installing any package leaves: the records of apt and dpkg, the
-# loader's cache, and directories of mounts.
+# Lists the files of the system except those that installing any package changes: the records of apt and dpkg,
+# the loader's cache, and mount points.
 contents() {
     find "$root" -xdev -mindepth 1 -printf '/%P %y %m %l\n' | sort |
         grep -vE '^/(var/(lib/(dpkg|apt|systemd)|log|cache)|etc/ld\.so\.cache|debs|ram0|run)(/| )'
@@ -72,8 +72,7 @@ else
     printf 'skipped - the unit is right: no systemd-analyze\n'
 fi
 
-# A newcomer's way from an image to a container in the background and back. What is typed and what is
-# printed is shown.
+# A new user's steps from an image to a detached container and back. Commands and output are shown.
 show() {
     printf '# %s\n' "$*"
     inside "$@"
@@ -97,7 +96,7 @@ SH
 check 'an image is made' make_image
 
 printf '# zncd &\n'
-# With no way to more rights, as the unit has it.
+# With no_new_privs, as in the unit.
 "${enter[@]}" setpriv --no-new-privs zncd >"$work/zncd.log" 2>&1 </dev/null &
 daemon=$!
 check 'the daemon answers' eventually inside zncctl ping

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# packages_manual.sh - the manual pages: well-formed, complete, and what they say of prototypes, codes and
-# options is so.
+# packages_manual.sh - checks that the manual pages are well-formed and complete, and that their prototypes,
+# codes and options are correct.
 # shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
@@ -10,7 +10,7 @@ for page in *.[1-8]; do
     [[ -L $page ]] || pages+=("$page")
 done
 
-# What scdoc writes has empty paragraphs and nothing else to complain about.
+# scdoc generates empty paragraphs; there must be no other warnings.
 lints() {
     local findings
     findings=$(mandoc -T lint -W warning "$1" | grep -v 'WARNING: skipping paragraph macro') || return 0
@@ -46,7 +46,7 @@ check 'every error code is in zncErrors(3)' every_code
 check 'prototypes are those of the headers' python3 "$here/packages_prototypes.py" \
     "$source_dir/container/runtime/include" "${pages[@]/#/$work/}"
 
-# References to pages of ours; those of others begin otherwise.
+# References to pages of this project, which begin with "znc".
 references() {
     local name section missing=0
     while IFS='()' read -r name section _; do
@@ -56,7 +56,7 @@ references() {
 }
 check 'pages that are referred to exist' references
 
-# options PROGRAM PAGE: the long options of its help are in the page.
+# options PROGRAM PAGE: checks that the page contains the long options of the program's help.
 options() {
     local option missing=0 options
     options=$("$ZNC_BUILD_DIR/bin/$1" --help | grep -oE -- '--[a-z][a-z-]*' | sort -u)
@@ -69,7 +69,7 @@ options() {
 check 'the options of zncd are in zncd(8)' options zncd zncd.8
 check 'the options of zncctl are in zncctl(1)' options zncctl zncctl.1
 
-# Of zncctl the program, its manual and its completions must say the same.
+# The help, the manual and the completions of zncctl must be consistent.
 zncctl=$ZNC_BUILD_DIR/bin/zncctl
 section() { sed -n "/^$2\$/,/^[A-Z]/{/^[A-Z]/d;p}" "$work/$1.1"; }
 words() { tr -s ' \n' ' ' | sed 's/^ //; s/ $//'; }
@@ -103,5 +103,5 @@ while read -ra command; do
     count=$((count + 1))
 done < <(commands)
 pages_of_commands() { find . -name 'zncctl-*.1' | wc -l; }
-check 'no page is of a command that is not there' prints "$count" pages_of_commands
+check 'every page belongs to an existing command' prints "$count" pages_of_commands
 finish

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# service_test.sh UNIT - zncd does its work under what its unit for systemd refuses: the capabilities
-# outside the bounding set, the filtered system calls (made to fail by strace), clone3(), which
-# RestrictNamespaces= refuses because a filter cannot see its flags. UNIT: zncd.service.in. Needs a
-# sandbox. See cli_lib.sh.
+# service_test.sh UNIT - checks that zncd works with the restrictions of its systemd unit: capabilities
+# outside the bounding set, filtered system calls (made to fail with strace), and clone3(), which
+# RestrictNamespaces= refuses because a filter cannot see its flags. UNIT: zncd.service.in. Needs a sandbox.
+# See cli_lib.sh.
 # shellcheck disable=SC2317 # what is called by way of check
 # shellcheck source=tests/system/cli/cli_lib.sh
 . "$(dirname "$0")/../cli/cli_lib.sh"
@@ -15,14 +15,14 @@ unit=$work/zncd.service
 sed 's|@ZNC_SBINDIR@/zncd|/bin/true|' "${1:?the unit}" >"$unit"
 setting() { sed -n "s/^$1=//p" "$unit"; }
 
-# ---- what the unit says
+# ---- the settings of the unit
 
 exposed_above() { not systemd-analyze security --offline=true --threshold="$1" "$unit" >/dev/null 2>&1; }
 check 'systemd rates its exposure below 6' not exposed_above 59
 check 'the rating is taken from the unit' exposed_above 1
 check 'every capability in the bounding set is explained' test "$(setting CapabilityBoundingSet | wc -w)" -eq 11
 
-# ---- the daemon under it
+# ---- the daemon with these restrictions
 
 bounding=-all
 for capability in $(setting CapabilityBoundingSet); do
@@ -37,7 +37,7 @@ for group in $(setting SystemCallFilter | tr -d '~'); do
 done
 check 'system calls are filtered' grep -q 'ptrace.*kexec_load' <<<"$refused"
 
-# The daemon itself is the shell's child; strace follows it and its keepers from aside.
+# The daemon is a child of the shell; strace attaches to it and its keepers.
 start_confined() {
     setpriv --bounding-set "$bounding" --no-new-privs \
         strace -D -f -q -o "$work/calls" -e "trace=clone,clone3,unshare,setns,$refused" \
@@ -67,7 +67,7 @@ check 'it is killed' eventually state_is 3
 run zncctl delete web
 check 'it is deleted' test "$status" -eq 0
 
-# A program of another user, which the daemon counts, ends and clears away.
+# The daemon counts, ends and cleans up after a program of another user.
 make_bundle "$work/web" /bin/busybox su -s /bin/sh daemon -c "exec sleep $mark"
 mkdir "$work/web/rootfs/etc"
 printf 'root::0:0::/:/bin/sh\ndaemon::1:1::/:/bin/sh\n' >"$work/web/rootfs/etc/passwd"

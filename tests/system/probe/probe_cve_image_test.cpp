@@ -1,5 +1,5 @@
-// Ways out of other container systems that became known, each tried here under its number: by what
-// is in an image, by rights, and by the daemon's and the user's ends.
+// Known escapes from other container systems, by CVE number: through the contents of an image,
+// through privileges, and against the daemon's and the user's side.
 
 #include "probe_world.hpp"
 

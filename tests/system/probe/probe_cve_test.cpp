@@ -1,5 +1,5 @@
-// Ways out of other container systems that became known, each tried here under its number: by what
-// the client that starts a program has, and by what is run.
+// Known escapes from other container systems, by CVE number: through what the client that starts a
+// program has, and through the program that is executed.
 
 #include "probe_world.hpp"
 
@@ -77,7 +77,7 @@ TEST_P(ProbeCve, CVE_2019_5736_NoProgramOfTheHostCanBeOverwritten)
         Config config;
         config.args = {path, "zn-keeper"};
         configure(config);
-        // What is run at best is the small program that brought it in: it does nothing.
+        // At most, the small program that entered the namespace is executed, which does nothing.
         EXPECT_NE(run(carry_everything).status, 0) << path;
     }
     for (std::size_t i = 0; i < programs.size(); i++)
@@ -135,7 +135,7 @@ TEST_P(ProbeCve, CVE_2016_9962_CVE_2019_5736_AJoiningProgramCannotBeLookedInto)
     std::printf("of %d programs %u were seen joining, %lu attempts\n", joins, seen, tried);
 }
 
-// The lines of an strace log that belong to one process, in order.
+// Returns the lines of an strace log that belong to one process, in order.
 std::vector<std::string> lines_of(const std::string& log, const std::string& pid)
 {
     std::vector<std::string> lines;
@@ -146,7 +146,7 @@ std::vector<std::string> lines_of(const std::string& log, const std::string& pid
     return lines;
 }
 
-// The process in whose line this text is first.
+// Returns the process in whose line this text occurs first.
 std::string process_with(const std::string& log, const std::string& text)
 {
     const std::size_t at = log.find(text);
@@ -156,7 +156,7 @@ std::string process_with(const std::string& log, const std::string& text)
     return log.substr(line, log.find(' ', line) - line);
 }
 
-// The calls from the first to the last of them that hold these texts.
+// Returns the calls from the first to the last one that contain these texts.
 std::vector<std::string> calls_between(const std::vector<std::string>& lines,
                                        const std::string& first, const std::string& last)
 {
@@ -191,7 +191,7 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
     create();
     const std::string self = fs::read_symlink("/proc/self/exe");
     const Outcome outcome = run_process([&] {
-        ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // its search is a tracer, too
+        ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // the leak check also uses ptrace
         ::execlp("strace", "strace", "-f", "-qq", "-s", "200", "-o", "/tmp/trace", self.c_str(),
                  "--start", "web", static_cast<char*>(nullptr));
         return kNotStarted;
@@ -209,7 +209,7 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
     EXPECT_GT(calls.size(), 3U);
     EXPECT_GT(its.size(), 10U);
     calls.insert(calls.end(), its.begin(), its.end());
-    // None of them takes a path but those looked at below.
+    // None of them has a path argument except those checked below.
     const std::set<std::string> allowed = {"fcntl",
                                            "prctl",
                                            "setns",

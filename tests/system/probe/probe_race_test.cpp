@@ -1,5 +1,5 @@
-// Trees that change under the runtime's hands: whatever it mounts, makes or deletes while links and
-// directories change places, the host stays as it is.
+// Tests with trees that change during operations of the runtime: whatever it mounts, creates or
+// deletes while links and directories are exchanged, the host does not change.
 
 #include "probe_world.hpp"
 
@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Exchanges two names over and over.
+// Exchanges two names continuously.
 class Swapper {
   public:
     Swapper(std::string one, std::string other)
@@ -42,7 +42,7 @@ class Swapper {
     [[nodiscard]] unsigned long flips() const { return flips_; }
 
   private:
-    static constexpr int kAtOnce = 9; // odd, so that it is not the same state at every pause
+    static constexpr int kAtOnce = 9; // odd, so that the state alternates at every pause
     std::string one_;
     std::string other_;
     std::atomic<bool> stop_{false};
@@ -50,8 +50,8 @@ class Swapper {
     std::thread thread_;
 };
 
-// Rounds go on until there were so many exchanges. PROBE_FLIPS asks for more; without it a busy
-// machine stops earlier.
+// Rounds continue until there were this many exchanges. PROBE_FLIPS sets a larger number; without
+// it a busy machine stops earlier.
 class Rounds {
   public:
     bool more(const Swapper& swapper)
@@ -85,7 +85,7 @@ class ProbeRace : public ProbeWorld {
         ProbeWorld::TearDown();
     }
 
-    // Creates and deletes the container while /swap is a directory now and then `target`.
+    // Creates and deletes the container while /swap alternates between a directory and `target`.
     void race(const std::string& target, const std::string& mounts)
     {
         Config config;
@@ -120,7 +120,7 @@ class ProbeRace : public ProbeWorld {
     std::string volume_;
 
   private:
-    // "swap" a directory again, whatever the last exchange left.
+    // Makes "swap" a directory again, whatever the last exchange left.
     static void restore()
     {
         for (const char* name : {"/swap", "/swap-link"})
@@ -162,7 +162,8 @@ TEST_P(ProbeRace, CVE_2023_27561_ProcAndDevMaySwapWithLinks)
             {
                 const Swapper swapper(place, place + "-link");
                 for (Rounds rounds; rounds.more(swapper);) {
-                    // A directory that goes between the look and the mount refuses the root.
+                    // If a directory disappears between the check and the mount, the root is
+                    // refused.
                     if (zncCreate("web", kBundle, 0, nullptr) == OK) {
                         ASSERT_EQ(zncDelete("web", 0), OK) << std::hex << errno;
                     }
@@ -230,7 +231,7 @@ TEST_P(ProbeRace, MountsInsideDoNotReachASharedHost)
     destroy();
     fs::remove("/tmp/data/below");
     EXPECT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-    // The device of the container is all that may have come.
+    // Only the container's device may have been added.
     const auto lines = [](const std::string& text) {
         return std::count(text.begin(), text.end(), '\n');
     };

@@ -1,5 +1,6 @@
-// The probe in containers of both kinds, started by clients that have much to lose, and unconfined:
-// there it must find its ways out, or its silence would mean nothing.
+// Runs the probe in containers with and without overlay devices, started by clients that have much
+// to leak; and unconfined, where it must find escapes, because otherwise its success in a container
+// would mean nothing.
 
 #include "probe_world.hpp"
 
@@ -79,7 +80,7 @@ TEST_P(Probe, FindsNoWayOutFromAnotherWorkingDirectory)
 
 // ---------------------------------------------------------------- the probe itself
 
-// A terminal of the caller's session: its other side stays open, too.
+// A terminal of the caller's session; its other end stays open.
 int own_terminal()
 {
     const int other = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -98,7 +99,7 @@ pid_t sleeper()
     return pid;
 }
 
-// Much that a container never has.
+// Objects that a container never has.
 void furnish(const std::string& program)
 {
     ::mount("proc", "/proc", "proc", 0, nullptr);
@@ -114,8 +115,9 @@ void furnish(const std::string& program)
     ::bind(::socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<sockaddr*>(&name), sizeof name);
 }
 
-// PID 1 of a process namespace, in mount and name namespaces of its own; everything else of it is
-// the host's, and so are all rights. The probe is its child, beside a process to look at.
+// Runs as PID 1 of a new PID namespace, with new mount and UTS namespaces; everything else,
+// including all privileges, is the host's. The probe is its child, next to another process to
+// attack.
 [[noreturn]] void keep_unconfined(const std::string& program,
                                   const std::vector<std::string>& variables)
 {
@@ -124,7 +126,8 @@ void furnish(const std::string& program)
     sleeper();
     const pid_t other = sleeper();
     const int terminal = own_terminal();
-    for (int signo = 1; signo <= 64; signo++) // a sanitizer has handlers; the probe sends them all
+    // sanitizers install handlers; the probe sends all signals
+    for (int signo = 1; signo <= 64; signo++)
         ::signal(signo, SIG_DFL);
     carry_everything();
     fs::current_path("/");
@@ -143,7 +146,7 @@ void furnish(const std::string& program)
     }
     int status = 0;
     ::waitpid(probe, &status, 0);
-    ::_exit(WEXITSTATUS(status)); // ends the others
+    ::_exit(WEXITSTATUS(status)); // also ends the other processes of the namespace
 }
 
 int run_unconfined(const std::string& program, const std::vector<std::string>& variables)
@@ -161,17 +164,17 @@ int run_unconfined(const std::string& program, const std::vector<std::string>& v
     return WEXITSTATUS(status);
 }
 
-// What a root of this machine is refused, too, or has nothing to show of.
+// Checks that may hold even for root on this machine, or for which it has no object.
 bool is_held_anyway(const std::string& check)
 {
     static const std::set<std::string> kAlways = {
-        // others of the same check show it
+        // shown by other attempts of the same check
         "stream-0-is-open", "stream-1-is-open", "stream-2-is-open", "stream-1-leads-nowhere",
         "stream-2-leads-nowhere", "host-file-by-stream-1", "type-on-stream-0", "type-on-stream-1",
         "genuine-dev/null", "genuine-dev/zero", "genuine-dev/random", "genuine-dev/urandom",
-        // no signal from inside ends the first process
+        // no signal from inside can kill PID 1
         "keeper-outlives-signals",
-        // a machine's root may be without CAP_SYS_RESOURCE, and its kernel without such files
+        // root may lack CAP_SYS_RESOURCE, and the kernel such files
         "hard-limit-raised", "nice-limit-raised", "oom-score-lowered",
         "write-proc/sys/user/max_user_namespaces", "write-anything-of-the-network",
         "hidden-proc/acpi", "take-terminal", "hypervisor-socket"};

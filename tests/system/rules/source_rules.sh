@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# source_rules.sh DIR - rules about the sources that no compiler checks. One line per rule.
+# source_rules.sh DIR - checks rules for the source code that compilers do not check. Prints one line per
+# rule.
 set -u
 cd "${1:?the source directory}" || exit 1
 failed=0
 product="base format platform container front cli daemon import"
 
-# forbid NAME PATTERN PATH...: no line of these trees matches.
+# forbid NAME PATTERN PATH...: checks that no line of these trees matches.
 forbid() {
     local name=$1 pattern=$2 found
     shift 2
@@ -29,7 +30,7 @@ linux_headers='^[[:space:]]*#[[:space:]]*include[[:space:]]*<(linux/|asm/|sched\
 forbid 'Linux headers stay in platform/linux: library' "$linux_headers" container platform/include
 forbid 'Linux headers stay in platform/linux: front ends' "$linux_headers" base format front cli
 import_sources=$(find import -name '*.[ch]pp' ! -name confine.cpp)
-import_headers=${linux_headers/|xattr/} # attributes and device numbers are what images hold
+import_headers=${linux_headers/|xattr/} # images contain attributes and device numbers
 # shellcheck disable=SC2086
 forbid 'Linux headers stay in platform/linux: import, but for what confines it' \
     "${import_headers/|sysmacros/}" $import_sources
@@ -44,8 +45,8 @@ forbid 'the library gives back what it takes by type' \
 forbid 'scripts do not throw failures away' '\|\| (true|:)' \
     scripts/*.sh tests/*/*.sh .ci/run
 
-# A call or a constant may run over several lines: join each up to its semicolon before looking.
-# A call may name a constant (kDirFlags); then the constant must say O_CLOEXEC.
+# A call or a constant may span several lines: join each up to its semicolon before searching.
+# A call may use a constant (kDirFlags); then the constant must contain O_CLOEXEC.
 statements() {
     find base format container platform import -name '*.[ch]pp' -o -name '*.[ch]' | while IFS= read -r file; do
         tr '\n' ' ' <"$file" | grep -oE "$1" | sed "s|^|$file: |"

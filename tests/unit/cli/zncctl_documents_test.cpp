@@ -1,4 +1,4 @@
-// The checks of documents and archives, and the small files, of zncctl.
+// Tests of zncctl's checks of documents and archives, and of its small files.
 #include "cli/containers/config_check.hpp"
 #include "cli/containers/log_file.hpp"
 #include "cli/images/layer_check.hpp"
@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kGood =
     R"({"ociVersion": "1.0.0", "process": {"args": ["/a"], "cwd": "/"}, "root": {"path": "r"}})";
 
-// "refused process.cwd" or "ignored linux", in order.
+// Returns the findings as "refused process.cwd" or "ignored linux", in order.
 std::vector<std::string> findings(std::string_view text)
 {
     std::string problem;
@@ -36,7 +36,7 @@ std::vector<std::string> findings(std::string_view text)
 
 using Texts = std::vector<std::string>;
 
-// What is found in an archive: "refused: ..." or the loss.
+// Returns the findings for an archive: "refused: ..." or the loss.
 Texts of_archive(const std::string& bytes, const std::string& diff_id = "")
 {
     const layout::TempDir dir;
@@ -55,7 +55,7 @@ Texts of_members(const std::vector<layout::Member>& members)
 
 } // namespace
 
-TEST(ConfigCheck, FindsNothingInWhatIsTakenAsItIs)
+TEST(ConfigCheck, FindsNothingInAValidDocument)
 {
     EXPECT_EQ(findings(kGood), Texts{});
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", "b"], "cwd": "/",
@@ -94,7 +94,7 @@ TEST(ConfigCheck, NamesWhatCreateIgnores)
                      "ignored zarnel.resources", "ignored linux"}));
 }
 
-TEST(ConfigCheck, RefusesListsThatDoNotMeanWhatTheySay)
+TEST(ConfigCheck, RefusesListsWithElementsOfAWrongType)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
                            "env": [2]}, "root": {"path": "r"}, "mounts": [1,
@@ -104,7 +104,7 @@ TEST(ConfigCheck, RefusesListsThatDoNotMeanWhatTheySay)
     const auto of = [](std::string_view text) { return ambiguity(text); };
     EXPECT_EQ(of(R"({"mounts": [{"options": [5, "ro"]}]})"),
               "mounts[0].options[0]: expected a string, found a number");
-    EXPECT_EQ(of(R"({"process": {}})"), ""); // the library says what is missing
+    EXPECT_EQ(of(R"({"process": {}})"), ""); // the library reports missing members
     EXPECT_EQ(of(R"({"annotations": {"a": "1", "a": "2"}})"), "");
 }
 
@@ -198,7 +198,7 @@ TEST(LayerCheck, NamesWhatIsLeftOut)
     layout::Member program = {"su"};
     program.mode = 04755;
     EXPECT_EQ(of_members({program}), Texts{"set-id or sticky bit: dropped"});
-    EXPECT_EQ(of_members({layout::directory("tmp/", 01777)}), Texts{}); // put back by run
+    EXPECT_EQ(of_members({layout::directory("tmp/", 01777)}), Texts{}); // restored by zncctl run
     EXPECT_EQ(of_members({layout::directory("mail/", 02775)}),
               Texts{"set-id or sticky bit: dropped"});
 }
@@ -230,7 +230,7 @@ TEST(LayerCheck, NamesArchivesThatAreDamagedOrOfAnotherKind)
     EXPECT_EQ(of_archive(good, "sha256:" + layout::sha256_hex(good)), Texts{});
 }
 
-// With another size it would take the content for members, or members for content.
+// With a different size the reader would treat content as headers, or headers as content.
 TEST(LayerCheck, ReadsNumbersWithASignAsTheExtractorDoes)
 {
     const std::string inner = layout::tar({{".wh.hidden"}});
@@ -258,7 +258,7 @@ TEST(LayerCheck, CountsAndNamesTheFirstMember)
     EXPECT_EQ(found[0].first, ".wh.a");
 }
 
-TEST(ImageName, IsALayoutAndPerhapsATag)
+TEST(ImageName, IsALayoutAndAnOptionalTag)
 {
     EXPECT_EQ(split_image_name("dir").layout, "dir");
     EXPECT_EQ(split_image_name("dir").tag, "latest");
@@ -309,7 +309,7 @@ TEST(ToNumber, TakesDigitsAndNothingElse)
 
 namespace {
 
-// What read_layout says of a layout; "" when it is read.
+// Returns the problem that read_layout reports; "" if the layout is valid.
 std::string layout_problem(const layout::Layout& made, bool* refused)
 {
     std::string problem;
@@ -350,7 +350,7 @@ TEST(ReadLayout, RefusesKeysThatAreThereTwiceInEveryDocument)
     EXPECT_TRUE(refused);
 }
 
-TEST(ReadLayout, RefusesDigestsThatAreNone)
+TEST(ReadLayout, RefusesInvalidDigests)
 {
     const layout::TempDir dir;
     layout::Layout made(dir.path() / "l");

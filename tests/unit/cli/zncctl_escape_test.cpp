@@ -1,4 +1,4 @@
-// Text of foreign origin as zncctl shows it.
+// Tests of how zncctl prints untrusted text.
 #include "front/escape.hpp"
 #include "front/json.hpp"
 #include "front/output.hpp"
@@ -47,11 +47,11 @@ TEST(Printable, ReplacesControlsOfEveryKind)
 TEST(Printable, ReplacesEachByteThatIsNoUtf8)
 {
     EXPECT_EQ(printable("\xff"), "?");
-    EXPECT_EQ(printable("\xc0\x9b"), "??"); // a longer form than needed
+    EXPECT_EQ(printable("\xc0\x9b"), "??"); // overlong encoding
     EXPECT_EQ(printable("\xe0\x82\x9b"), "???");
     EXPECT_EQ(printable("\xed\xa0\x80"), "???");      // half of a surrogate pair
     EXPECT_EQ(printable("\xf4\x90\x80\x80"), "????"); // beyond the last character
-    EXPECT_EQ(printable("a\xe2\x80"), "a??");         // cut off
+    EXPECT_EQ(printable("a\xe2\x80"), "a??");         // truncated
     EXPECT_EQ(printable("\xc3("), "?(");
 }
 

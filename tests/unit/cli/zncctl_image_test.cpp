@@ -1,4 +1,5 @@
-// What of an image's configuration reaches a bundle, and what is given back that extracting loses.
+// Tests which parts of an image's configuration reach a bundle, and what is restored that
+// extraction loses.
 #include "cli/images/image_bundle.hpp"
 #include "cli/images/image_mounts.hpp"
 #include "cli/images/image_settings.hpp"
@@ -80,7 +81,7 @@ TEST(ImageMount, OfTheHostIsLeftOutUnlessAllowed)
     EXPECT_EQ(key_of("/:/host:rbind,dev,suid,rw"), "none");
     EXPECT_EQ(key_of("/:/host:rbind,dev,suid,rw", true), "/:/host:rw,nosuid,nodev:bind");
     EXPECT_EQ(key_of("/:/host:rshared,bind,ro:bind", true), "/:/host:ro,nosuid,nodev:bind");
-    EXPECT_EQ(key_of("etc:/host", true), "none"); // relative to whose directory?
+    EXPECT_EQ(key_of("etc:/host", true), "none"); // a relative host path is ambiguous
     EXPECT_EQ(key_of("/:/host:upperdir=x:bind", true), "none");
 }
 
@@ -112,7 +113,7 @@ TEST(SettledConfiguration, LeavesOutTheHostsDirectoriesAndSaysSo)
                                  "the image's mount of proc at /p is left out"}));
 }
 
-// Volumes are not mounted; file systems in memory are.
+// Volumes are not mounted; in-memory filesystems are.
 TEST(SettledConfiguration, RefusesMoreMountsThanTheDaemonMakesAtOnce)
 {
     const auto volumes = [](int count, const std::string& from, const std::string& options) {
@@ -248,12 +249,12 @@ TEST(ContainerId, IsOneNameInADirectory)
         EXPECT_FALSE(is_container_id(bad)) << bad;
 }
 
-TEST(ContainerId, OneThatIsNoneHasNeitherRecordNorBundle)
+TEST(ContainerId, AnInvalidIdHasNeitherRecordNorBundle)
 {
     for (const char* bad : {"..", ".", "a/../b", ""}) {
         EXPECT_FALSE(open_record(bad)) << bad;
         EXPECT_FALSE(RecordKeeper::begin(bad)) << bad;
         EXPECT_EQ(own_bundle(bad), "") << bad;
-        remove_record(bad); // removes nothing of the directory above
+        remove_record(bad); // must not remove anything from the parent directory
     }
 }

@@ -24,7 +24,7 @@ struct Pipe {
         reader.reset(ends[0]);
         writer.reset(ends[1]);
     }
-    // As much as there is room for.
+    // Writes until the pipe is full.
     std::size_t put(const std::string& text) const
     {
         const ssize_t n = write(writer.get(), text.data(), text.size());
@@ -42,7 +42,7 @@ struct Pipe {
     }
 };
 
-// What a front end's loop does, until nothing is ready any more.
+// Does what the event loop of zncctl does, until nothing is ready.
 void turn(Pump& pump)
 {
     for (;;) {
@@ -110,7 +110,7 @@ TEST_P(PumpTest, TakesNoMoreThanTheReaderLeavesRoomFor)
     EXPECT_EQ(got, sent);
 }
 
-TEST_P(PumpTest, ReaderThatGoesEndsItBeforeAnythingIsWritten)
+TEST_P(PumpTest, ReaderThatClosesEndsItBeforeAnythingIsWritten)
 {
     Pump pump = this->pump();
     turn(pump);
@@ -135,7 +135,7 @@ TEST_P(PumpTest, FinishEndsWhenThereIsLess)
 {
     Pump pump = this->pump();
     from_.put("all");
-    pump.finish(100); // the rest was taken away by somebody else
+    pump.finish(100); // another reader has consumed the rest
     EXPECT_TRUE(pump.done());
     EXPECT_EQ(to_.get(), "all");
 }

@@ -17,7 +17,7 @@ using namespace zncctl;
 
 namespace {
 
-// argv as main gets it, from literals, which nobody writes to.
+// Builds argv from literals; nothing modifies them.
 class Words {
   public:
     Words(std::initializer_list<const char*> words)
@@ -39,7 +39,7 @@ const Command& row(std::initializer_list<const char*> name)
     return *found.command;
 }
 
-// What a function writes to both standard streams.
+// Returns what a function writes to standard output and standard error.
 struct Streams {
     std::string out;
     std::string err;

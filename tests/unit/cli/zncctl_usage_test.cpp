@@ -1,4 +1,5 @@
-// What is made from the table of commands agrees: usage, help, the manual's synopsis, completions.
+// Tests that everything generated from the table of commands is consistent: usage, help, synopses
+// in the manual, completions.
 #include "cli/commands/commands.hpp"
 #include "front/usage.hpp"
 
@@ -14,7 +15,7 @@ namespace {
 
 using Words = std::set<std::string>;
 
-// All options that a text names, "-f" and "--force".
+// Returns all options mentioned in a text, such as "-f" and "--force".
 Words options_in(const std::string& text)
 {
     static const std::regex kOption("(^|[^-A-Za-z0-9])(--?[a-z][-a-z]*)");
@@ -36,7 +37,7 @@ Words options_of(const Command& command)
     return words;
 }
 
-// What stands between two texts, behind the first one.
+// Returns the text between two markers, searching after the first one.
 std::string between(const std::string& text, const std::string& from, const std::string& to)
 {
     const std::size_t start = text.find(from);
@@ -46,7 +47,7 @@ std::string between(const std::string& text, const std::string& from, const std:
                        text.find(to, start + from.size()) - start - from.size());
 }
 
-// The lines of the script for fish that complete options of this command.
+// Returns the lines of the fish script that complete the options of this command.
 std::string fish_lines(const Command& command)
 {
     std::string condition = std::string("-n '__fish_seen_subcommand_from ") + command.name;

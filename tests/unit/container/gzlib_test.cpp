@@ -1,4 +1,4 @@
-// The gzip reader.
+// Tests of the gzip reader.
 #include "gzlib.hpp"
 
 #include "alloc_fault.hpp"
@@ -19,7 +19,7 @@ namespace {
 
 using tarforge::Gzip;
 
-// The nth call of read or lseek fails while armed (0: none does).
+// The nth call of read or lseek fails if this is not 0.
 int failingRead = 0;
 int failingSeek = 0;
 
@@ -73,7 +73,7 @@ std::string sample(std::size_t size)
     return text;
 }
 
-// Reads to the end, `chunk` bytes at a time, into memory that ends with the chunk.
+// Reads to the end, `chunk` bytes at a time, into a buffer followed by an inaccessible page.
 std::string read_all(gzFile file, unsigned int chunk)
 {
     std::string all;
@@ -159,7 +159,7 @@ TEST_F(GzLib, CorruptDataStillDeliversTheTrailersLength)
     EXPECT_EQ(got.substr(0, 10000), plain.substr(0, 10000));
 }
 
-TEST_F(GzLib, WhereTheInflaterProducedNothingStandsNoOldMemory)
+TEST_F(GzLib, BytesThatTheInflaterDidNotProduceAreNotOldMemory)
 {
     Gzip options;
     options.size = 1000;
@@ -204,8 +204,8 @@ TEST_F(GzLib, OptionalHeaderFieldsAreSkippedAlsoAcrossBuffers)
     EXPECT_EQ(read_whole(gz(tarforge::gzip(sample(50000), options))), sample(50000));
 }
 
-// The trailer's length field is kept from the inflater by the file's size and position; where it is
-// split between two input buffers that must cost no data.
+// The length field of the trailer must not be passed to the inflater; the reader withholds it by
+// file size and position. No data may be lost if the field is split between two input buffers.
 TEST_F(GzLib, TrailerSplitBetweenTwoBuffersLosesNoData)
 {
     const std::string plain = sample(6000);
@@ -219,7 +219,7 @@ TEST_F(GzLib, TrailerSplitBetweenTwoBuffersLosesNoData)
     }
 }
 
-TEST_F(GzLib, ModeIsNotLookedAtButMustBeThere)
+TEST_F(GzLib, ModeIsIgnoredButMustNotBeNull)
 {
     const char* const path = gz(tarforge::gzip("x"));
     const gzFile file = ugzopen(path, "");
@@ -280,7 +280,7 @@ TEST_F(GzLib, BadArgumentsOfReadAndClose)
     EXPECT_EQ(ugzread(nullptr, buf, 1), -1);
     EXPECT_EQ(ugzread(file, nullptr, 1), -1);
     EXPECT_EQ(ugzread(file, buf, 0), -1);
-    EXPECT_EQ(ugzread(file, buf, 1), 1); // none of it consumed anything
+    EXPECT_EQ(ugzread(file, buf, 1), 1); // none of these calls consumed data
     EXPECT_EQ(ugzclose(file), 0);
     EXPECT_EQ(ugzclose(nullptr), -1);
 }
@@ -295,7 +295,7 @@ TEST_F(GzLib, OpenFailsForNullMissingFileAndDirectory)
 TEST_F(GzLib, OpenFailsWhenAnyAllocationFails)
 {
     const char* const path = gz(tarforge::gzip(sample(1000)));
-    for (unsigned nth = 1; nth <= 3; ++nth) { // record, input buffer, window
+    for (unsigned nth = 1; nth <= 3; ++nth) { // the record, the input buffer, the window
         const std::ptrdiff_t before = open_descriptors();
         alloc_fault::arm(nth);
         const gzFile file = ugzopen(path, "rb");
@@ -313,7 +313,7 @@ TEST_F(GzLib, OpenFailsWhenAnyAllocationFails)
 TEST_F(GzLib, OpenFailsWhenSeekingOrReadingFails)
 {
     const char* const path = gz(tarforge::gzip(sample(1000)));
-    for (int nth = 1; nth <= 2; ++nth) { // the trailer's, the first buffer's
+    for (int nth = 1; nth <= 2; ++nth) { // the read of the trailer, the read of the first buffer
         failingSeek = nth;
         EXPECT_EQ(ugzopen(path, "rb"), nullptr) << nth;
         failingRead = nth;

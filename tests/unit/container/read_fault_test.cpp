@@ -1,4 +1,4 @@
-// Whole files read while reading goes wrong: JSON documents and the blobs behind digests.
+// Tests of read errors while whole files are read: JSON documents and blobs to be verified.
 #include "cJSON_Additions.h"
 #include "layout_builder.hpp"
 #include "zncDigest.hpp"
@@ -11,7 +11,7 @@
 
 namespace {
 
-// What the next reads do instead of reading: fail with this number, or, 0, find the end.
+// The results of the next reads: this error number, or 0 for end of file.
 std::vector<int> faults;
 
 } // namespace

@@ -1,5 +1,5 @@
-// tar_fixture.hpp - what the extractor's tests share: a target directory with something precious
-// beside it, and calls that fail on demand.
+// tar_fixture.hpp - the fixture of the extractor's tests: a target directory next to a directory
+// that must not change, and system calls that fail on demand.
 #ifndef TAR_FIXTURE_HPP
 #define TAR_FIXTURE_HPP
 
@@ -18,17 +18,18 @@
 #include <string>
 #include <vector>
 
-// What the wrapped calls do while set.
+// The behaviour of the wrapped calls.
 struct TarFaults {
-    int failWrite = 0;               // the nth write of more than nothing fails with ENOSPC
-    ssize_t partialWrite = -1;       // ... or writes this much instead of failing
-    int failRead = 0;                // the nth read fails with EIO
-    bool failClock = false;          // clock_gettime fails with EINVAL
-    std::optional<long> nanoseconds; // the clock's
-    bool failUtimensat = false;      // with EPERM
-    std::vector<std::size_t>* readSizes = nullptr; // what each read asked for
-    int failCloseOfDirectory = 0;      // the nth close of a directory that can be read: EIO
-    bool failChmodOfDirectory = false; // fchmod of a directory: EIO
+    int failWrite = 0; // the nth write of at least one byte fails with ENOSPC
+    // if not negative, that write writes this many bytes instead of failing
+    ssize_t partialWrite = -1;
+    int failRead = 0;                              // the nth read fails with EIO
+    bool failClock = false;                        // clock_gettime fails with EINVAL
+    std::optional<long> nanoseconds;               // the nanoseconds that clock_gettime returns
+    bool failUtimensat = false;                    // utimensat fails with EPERM
+    std::vector<std::size_t>* readSizes = nullptr; // receives the requested size of each read
+    int failCloseOfDirectory = 0;      // the nth close of a readable directory fails with EIO
+    bool failChmodOfDirectory = false; // fchmod of a directory fails with EIO
 };
 extern TarFaults tarFaults;
 
@@ -36,7 +37,7 @@ struct Entry {
     mode_t mode;
     off_t size;
     timespec mtime;
-    std::string content; // or target
+    std::string content; // of a file, or target of a link
     bool operator==(const Entry& other) const
     {
         return mode == other.mode && size == other.size && mtime.tv_sec == other.mtime.tv_sec &&
@@ -45,7 +46,7 @@ struct Entry {
 };
 using Tree = std::map<std::string, Entry>;
 
-// Everything below `root`, links as links. Directory sizes are left out.
+// Describes everything below `root`; links are not followed. Sizes of directories are omitted.
 Tree snapshot(const std::string& root);
 
 class TarTest : public testing::Test {
@@ -53,7 +54,8 @@ class TarTest : public testing::Test {
     TarTest();
     void TearDown() override;
 
-    // Extracts and checks that no descriptor is left and no record file. errno is 0 before.
+    // Extracts with errno set to 0 before, and checks that no descriptor and no record file is
+    // left.
     STATUS extract(const std::string& bytes, std::size_t bfactor = 200);
     STATUS extract(const tarforge::Archive& archive) { return extract(archive.bytes()); }
 
@@ -72,7 +74,7 @@ class TarTest : public testing::Test {
 
     test_tree::TempDir dir_;
     std::string target_ = dir_ / "target";
-    std::string outside_ = dir_ / "outside"; // holds "secret"
+    std::string outside_ = dir_ / "outside"; // contains "secret"
     std::string archive_ = dir_ / "archive";
     bool mayLeaveRecordFile_ = false;
 
@@ -80,7 +82,7 @@ class TarTest : public testing::Test {
     Tree precious_;
 };
 
-// Names below `root` that look like the file of directory times.
+// Returns the names below `root` that look like the record file of directory times.
 std::vector<std::string> record_files(const std::string& root);
 
 #endif

@@ -1,4 +1,4 @@
-// The DEFLATE adapter: what it promises behind the uzlib interface, over whichever inflater.
+// Tests of the DEFLATE adapter: the guarantees of the uzlib interface, with every inflater.
 #include "uzlib.h"
 
 #include "guarded.hpp"
@@ -19,9 +19,9 @@ namespace {
 
 using tarforge::Gzip;
 
-// A record whose input comes in pieces: the first directly, the others through the callback.
+// A record whose input arrives in pieces: the first directly, the others through the callback.
 struct Feed {
-    uzlib_uncomp d{}; // first, as the gzip reader has it
+    uzlib_uncomp d{}; // must be first, as in the gzip reader
     std::string bytes;
     std::size_t at = 0;
     std::size_t piece = 0;
@@ -37,7 +37,7 @@ std::size_t next_piece(Feed& feed)
     const std::size_t n = std::min(feed.piece, feed.bytes.size() - feed.at);
     if (feed.current == nullptr)
         feed.current = std::make_unique<Guarded>(feed.piece);
-    unsigned char* const data = feed.current->end() - n; // always at the edge
+    unsigned char* const data = feed.current->end() - n; // directly before the inaccessible page
     std::copy_n(feed.bytes.begin() + static_cast<std::ptrdiff_t>(feed.at), n, data);
     feed.at += n;
     feed.d.source = data;
@@ -58,7 +58,7 @@ int refill(uzlib_uncomp* d)
     return *d->source++;
 }
 
-// One byte per call and no buffer at all.
+// Supplies one byte per call, without a buffer.
 int one_byte(uzlib_uncomp* d)
 {
     Feed& feed = *reinterpret_cast<Feed*>(d);
@@ -82,7 +82,7 @@ struct Result {
     std::string bytes;
 };
 
-// Inflates all, `chunk` bytes at a time, into memory that ends with the chunk.
+// Inflates everything, `chunk` bytes at a time, into a buffer followed by an inaccessible page.
 Result inflate_all(Feed& feed, std::size_t chunk, std::size_t limit = 64 << 20)
 {
     Result result = {TINF_OK, {}};
@@ -139,7 +139,7 @@ TEST(UzlibAdapter, InflatesEveryBlockKindInAnyPieces)
         for (const std::size_t piece : {1UL, 7UL, 4096UL, packed.size()}) {
             for (const std::size_t chunk : {1UL, 511UL, 102400UL}) {
                 if (piece * chunk < 4096)
-                    continue; // slow and no other path
+                    continue; // slow, and does not cover another code path
                 const auto feed = start(packed, piece);
                 ASSERT_EQ(uzlib_gzip_parse_header(&feed->d), TINF_OK);
                 const Result result = inflate_all(*feed, chunk);
@@ -178,7 +178,7 @@ TEST(UzlibAdapter, TakesInputFromACallbackThatHasNoBuffer)
     const Result result = inflate_all(*feed, 100);
     EXPECT_EQ(result.status, TINF_DONE);
     EXPECT_EQ(result.bytes, plain);
-    EXPECT_EQ(feed->at, feed->bytes.size() - 4); // the length field is not its business
+    EXPECT_EQ(feed->at, feed->bytes.size() - 4); // the adapter does not read the length field
 }
 
 TEST(UzlibAdapter, HeaderFieldsAreConsumedAlsoAcrossPieces)
@@ -193,7 +193,7 @@ TEST(UzlibAdapter, HeaderFieldsAreConsumedAlsoAcrossPieces)
             options.name = std::string(5000, 'n');
         if ((fields & 8) != 0)
             options.comment = std::string(5000, 'c');
-        options.flags = 0x01; // "text", of no consequence
+        options.flags = 0x01; // FTEXT, which has no effect
         for (const std::size_t piece : {1UL, 3UL, 4096UL}) {
             const auto feed = start(tarforge::gzip(plain, options), piece);
             ASSERT_EQ(uzlib_gzip_parse_header(&feed->d), TINF_OK) << fields;
@@ -273,7 +273,7 @@ TEST(UzlibAdapter, StreamCutAnywhereIsADataErrorWithAllThatCameBefore)
     }
 }
 
-TEST(UzlibAdapter, OutcomeIsForEver)
+TEST(UzlibAdapter, OutcomeDoesNotChangeOnFurtherCalls)
 {
     const auto feed = start(sample_gzip(100), 4096);
     ASSERT_EQ(uzlib_gzip_parse_header(&feed->d), TINF_OK);

@@ -1,4 +1,4 @@
-// Files that are hashed as they are read.
+// Tests of files that are hashed while they are read.
 #include "zncBlob.hpp"
 
 #include "layout_builder.hpp"
@@ -91,7 +91,7 @@ TEST_F(Blob, ATailThatWasReadAheadMustBeTheOneThatStandsThere)
     ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
     ASSERT_TRUE(blob_.read_tail(tail, sizeof tail));
     layout::write_file(path_, bytes_);
-    EXPECT_EQ(read_all(), bytes_); // the digest alone would be right
+    EXPECT_EQ(read_all(), bytes_); // the digest alone would match
     EXPECT_FALSE(blob_.verified());
 }
 

@@ -36,7 +36,7 @@ class Progress : public ::testing::Test {
         queue = ZN_MSG_Q_INVALID;
     }
 
-    // Everything in the queue, each with the NUL it travelled with.
+    // Returns all messages in the queue, each including its NUL.
     std::vector<std::string> received() const
     {
         std::vector<std::string> all;
@@ -167,7 +167,7 @@ TEST_F(Progress, EveryTextClosesTheQueueAgain)
 
 TEST_F(Progress, TextsGoToTheClientNamedLast)
 {
-    zncMsgQnameSet("/znc-u-8-0"); // it has no info queue any more
+    zncMsgQnameSet("/znc-u-8-0"); // this client no longer has an info queue
     send(1, "lost");
     zncMsgQnameSet("/znc-u-7-0");
     send(1, "kept");

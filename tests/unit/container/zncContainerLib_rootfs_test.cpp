@@ -26,7 +26,7 @@ class Rootfs : public ContainerWorld {
         ContainerWorld::TearDown();
     }
 
-    // A context as a create has it just before mounting.
+    // A context in the state that a create has just before mounting.
     void prepare(const std::string& members, const std::string& root = "rootfs",
                  const std::string& arg = "/bin/app", const std::string& id = "web")
     {
@@ -49,13 +49,14 @@ class Rootfs : public ContainerWorld {
 
     std::string area() const { return base + "/containers/"; }
 
-    // A storage base so long that the containers area has `length` characters, the last a "/".
+    // Sets a storage base of such length that the path of the containers area has `length`
+    // characters, including the final "/".
     void set_area_length(std::size_t length)
     {
         std::string dir = top;
         const std::size_t wanted = length - std::string("/containers/").size();
         while (dir.size() < wanted) {
-            // Components of at most 200 characters, and never an empty last one.
+            // Use components of at most 200 characters, and never an empty last one.
             std::size_t n = std::min<std::size_t>(200, wanted - dir.size() - 1);
             if (wanted - dir.size() - 1 - n == 1)
                 n--;
@@ -103,7 +104,7 @@ TEST_F(Rootfs, PlainRootCreatesAndRemovesNothingOnDisk)
 TEST_F(Rootfs, PlainRootThatDoesNotFitIsBUNDLE_PATH_TOO_LONG)
 {
     const std::string dir = top + "/b";
-    // 1023 characters fit, with the "/" between.
+    // 1023 characters fit, including the "/".
     prepare("", std::string(1023 - dir.size() - 1, 'r'));
     char path[1024];
     EXPECT_EQ(zncContainerRootfsCreate(&ctx, path), OK);
@@ -415,7 +416,8 @@ TEST_F(Rootfs, OverlayRootStacksTheUpperDirectoryOnTheBundleRoot)
     EXPECT_EQ(st.st_mode & 07777, 0777u);
     ASSERT_EQ(zncContainerUmount(&ctx), OK);
     EXPECT_EQ(fake::calls_of("znnsRootfsDestroy")[0].root, "/overlay/web");
-    EXPECT_TRUE(fake::calls_of("znOvlDevRemove").empty()); // the namespace service's matter
+    // the namespace service removes the device
+    EXPECT_TRUE(fake::calls_of("znOvlDevRemove").empty());
     EXPECT_FALSE(fs::exists(area() + "web"));
     EXPECT_TRUE(fs::exists(area()));
 }
@@ -496,7 +498,7 @@ TEST_F(Rootfs, IdThatDoesNotFitTheUpperPathIsENAMETOOLONGReportedAsROOTFS_CREATE
     EXPECT_FALSE(fs::exists(area() + id + "i"));
     EXPECT_EQ(zncContainerMount(&ctx), ERROR);
     EXPECT_EQ(errno, S_zncLib_ROOTFS_CREATE_FAILED);
-    set(ctx.state.containerId, std::string(254, 'i')); // not even the id fits
+    set(ctx.state.containerId, std::string(254, 'i')); // so that even the id does not fit
     EXPECT_EQ(zncContainerOvlfsRootfsCreate(&ctx, path), ERROR);
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
@@ -623,8 +625,8 @@ TEST_F(Rootfs, ALargeUpperLayerIsGoneFromItsPlaceAtOnceAndDeletedLater)
     EXPECT_TRUE(eventually([&] { return !fs::exists(base + "/.trash"); }));
 }
 
-// Something that comes into the tree while it is deleted, from a process outside the container that
-// was given a descriptor of it, stops the deletion as this mount does.
+// The mount stops the deletion, like a file created in the tree during deletion by an outside
+// process that has a descriptor of it.
 TEST_F(Rootfs, ASmallUpperLayerThatCannotBeDeletedIsGoneFromItsPlaceAndDeletedLater)
 {
     fs::create_directories(area() + "web/upper/busy");

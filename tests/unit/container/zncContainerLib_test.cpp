@@ -14,7 +14,8 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// Every field of every record in its order: the compiler accepts no other, and none missing.
+// Checks the order of all fields of all records: designated initializers must follow the
+// declaration order, and -Wmissing-field-initializers reports missing ones.
 [[maybe_unused]] constexpr CONTAINER_STATE kState = {.owner = nullptr,
                                                      .status = 0,
                                                      .pCtx = nullptr,
@@ -397,7 +398,7 @@ TEST_F(Registry, MissingOrEmptyFirstArgumentIsOCI_ARG_INVALID)
 
 TEST_F(Registry, ChecksAreMadeInOrder)
 {
-    // Everything is wrong: the version is what is reported, then the root, the directory, the
+    // Every check would fail: the version is reported first, then the root, the directory and the
     // argument.
     expect_refused("web", bundle("b1", R"({"process":{"args":[]}})"), S_zncLib_OCI_VERSION_INVALID);
     expect_refused("web", bundle("b2", R"({"ociVersion":"1","process":{"args":[]}})"),
@@ -410,11 +411,12 @@ TEST_F(Registry, ChecksAreMadeInOrder)
 
 TEST_F(Registry, BundlePathTooLongForItsConfigIsRefusedWithoutALibraryCode)
 {
-    // "/config.json" takes 12 of 1023 characters.
+    // "/config.json" uses 12 of 1023 characters.
     expect_refused("web", "/" + std::string(1011, 'b'), ENAMETOOLONG);
     expect_refused("web", "/" + std::string(2000, 'b'), ENAMETOOLONG);
     errno = 0;
-    EXPECT_EQ(create("web", "/" + std::string(1010, 'b')), ERROR); // fits; the system looks for it
+    // the path fits, so the file is looked up
+    EXPECT_EQ(create("web", "/" + std::string(1010, 'b')), ERROR);
     EXPECT_EQ(errno, S_zncLib_RUNTIME_CONFIG_LOAD_FAILED);
 }
 
@@ -435,7 +437,8 @@ TEST_F(Registry, IdOf255CharactersIsStoredCutAndNotFoundAgain)
     EXPECT_EQ(status_of(id), -1);
     EXPECT_EQ(errno, ENODEV);
     EXPECT_EQ(status_of(std::string(254, 'x')), STATE_CREATED);
-    // The lookup misses it, so only the list itself refuses a second one, when all is mounted.
+    // The lookup does not find the container, because it is locked. Only inserting into the list
+    // detects the duplicate, after everything has been mounted.
     const std::size_t before = fake::namespaces().size();
     EXPECT_EQ(create(id, bundle("c")), ERROR);
     EXPECT_EQ(errno, S_zncLib_CONTAINER_EXISTS);
@@ -461,7 +464,7 @@ TEST_F(Registry, CreateThatCannotLockTheListFailsAndUndoesItsMounts)
 {
     const std::string path = bundle("b");
     const SEM_ID sem = zncContainerSem;
-    zncContainerSem = nullptr; // every take fails at once
+    zncContainerSem = nullptr; // every attempt to lock fails immediately
     EXPECT_EQ(create("web", path), ERROR);
     zncContainerSem = sem;
     EXPECT_TRUE(fake::namespaces().empty());
@@ -490,7 +493,8 @@ TEST_F(Registry, EveryFailingAllocationOfCreateLeavesTheRegistryUnchanged)
                 refused++;
                 EXPECT_TRUE(error == ENOMEM || error == S_zncLib_RUNTIME_CONFIG_LOAD_FAILED ||
                             error == S_zncLib_ROOTFS_CREATE_FAILED ||
-                            error == S_zncLib_OCI_ROOT_INVALID) // the record of "root"
+                            // the allocation of the record of "root" failed
+                            error == S_zncLib_OCI_ROOT_INVALID)
                     << n << ": " << error;
                 EXPECT_TRUE(ids().empty());
             }
@@ -633,7 +637,7 @@ TEST_F(Registry, DeleteOfACreatingContainerIsEBUSY)
     EXPECT_EQ(zncContainerDelete("web", 2), ERROR);
     EXPECT_EQ(errno, EBUSY);
     ctx->state.status = STATE_CREATED;
-    while_held_elsewhere("web", [] {}); // it was unlocked
+    while_held_elsewhere("web", [] {}); // fails if the container is still locked
 }
 
 TEST_F(Registry, StateSeesThatARunningContainerEnded)
@@ -641,10 +645,10 @@ TEST_F(Registry, StateSeesThatARunningContainerEnded)
     make("web", STATE_RUNNING);
     fake::set_in_use(false);
     EXPECT_EQ(reinterpret_cast<CONTAINER_CTX*>(zncContainersList.head)->state.status,
-              STATE_RUNNING); // until somebody looks
+              STATE_RUNNING); // until the next query
     EXPECT_EQ(status_of("web"), STATE_STOPPED);
     fake::set_in_use(true);
-    EXPECT_EQ(status_of("web"), STATE_STOPPED); // and never back
+    EXPECT_EQ(status_of("web"), STATE_STOPPED); // the state never changes back
 }
 
 TEST_F(Registry, KillSeesThatARunningContainerEnded)
@@ -813,7 +817,7 @@ TEST_F(Registry, RemovingHeadMiddleAndTailKeepsTheRest)
             if (id != gone)
                 rest.push_back(id);
         EXPECT_EQ(ids(), rest);
-        make("z", STATE_CREATED); // appended behind the tail that is left
+        make("z", STATE_CREATED); // appended after the remaining tail
         EXPECT_EQ(reinterpret_cast<CONTAINER_CTX*>(zncContainersList.tail)->state.containerId,
                   std::string("z"));
         EXPECT_EQ(zncContainersList.tail->next, nullptr);
@@ -825,7 +829,7 @@ TEST_F(Registry, AfterTheHandleIsStoredTheOwnTaskStillDeletes)
 {
     make("web", STATE_RUNNING);
     ASSERT_EQ(zncContainerStorePidHandle("web", 7), OK);
-    ASSERT_EQ(zncContainerStorePidHandle("web", 8), OK); // and stores again
+    ASSERT_EQ(zncContainerStorePidHandle("web", 8), OK); // storing again is allowed
     EXPECT_EQ(status_of("web"), STATE_RUNNING);
     EXPECT_EQ(zncContainerKill("web", 9, 0), OK);
     EXPECT_EQ(fake::calls_of("znnsProcessKill").at(0).handle, 8);
@@ -835,7 +839,7 @@ TEST_F(Registry, AfterTheHandleIsStoredTheOwnTaskStillDeletes)
 
 TEST_F(Registry, StoringTheHandleLeavesTheStateOfAContainerThatWasLookedAtTooEarly)
 {
-    make("early", STATE_STOPPED); // somebody asked before there was a process
+    make("early", STATE_STOPPED); // a query before the process existed has set this state
     fake::set_in_use(true);
     ASSERT_EQ(zncContainerStorePidHandle("early", 7), OK);
     EXPECT_EQ(status_of("early"), STATE_STOPPED);
@@ -849,7 +853,7 @@ TEST_F(Registry, AfterTheHandleIsStoredOtherTasksSeeNoContainer)
     std::thread([&] {
         EXPECT_EQ(status_of("web"), -1);
         EXPECT_EQ(errno, ENODEV);
-        EXPECT_EQ(ids(), Strings{"web"}); // iteration needs no container's lock
+        EXPECT_EQ(ids(), Strings{"web"}); // iteration does not lock containers
     }).join();
 }
 
@@ -900,14 +904,14 @@ TEST_F(Registry, StateWithoutTheListLockFails)
     const SEM_ID sem = zncContainerSem;
     zncContainerSem = nullptr;
     EXPECT_EQ(status_of("web"), -1);
-    EXPECT_EQ(errno, EINVAL); // the mutex service's number
+    EXPECT_EQ(errno, EINVAL); // the error number of the mutex service
     char id[256] = "";
     EXPECT_FALSE(zncContainerNext(id));
     EXPECT_EQ(zncContainerFindAndLockById("web"), nullptr);
     zncContainerSem = sem;
 }
 
-// Five seconds long.
+// Takes five seconds.
 TEST_F(Registry, ListHeldByAnotherTaskIsWaitedForAndThenGivenUp)
 {
     make("web", STATE_CREATED);
@@ -1008,9 +1012,9 @@ TEST_F(Registry, TasksCreatingStartingAndDeletingAtOnceLeaveAnEmptyRegistry)
             for (std::string id : seen) {
                 CONTAINER_STATE state;
                 if (zncContainerStateGet(id.data(), &state) != OK)
-                    continue; // busy or gone
+                    continue; // locked or deleted
 
-                // Never a half-made one.
+                // A partially created container must never be visible.
                 EXPECT_NE(state.pCtx, nullptr) << id;
                 EXPECT_NE(state.createdTime, 0) << id;
             }
@@ -1024,7 +1028,7 @@ TEST_F(Registry, TasksCreatingStartingAndDeletingAtOnceLeaveAnEmptyRegistry)
                 ASSERT_EQ(create(id, path), OK);
                 CONTAINER_START_PARM param;
                 while (zncContainerStart(id.c_str(), &param) != OK)
-                    ASSERT_EQ(errno, ENODEV); // the watcher has it
+                    ASSERT_EQ(errno, ENODEV); // the watching thread holds the lock
                 while (zncContainerDelete(id.c_str(), 2) != OK)
                     ASSERT_EQ(errno, ENODEV);
             }

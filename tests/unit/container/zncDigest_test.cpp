@@ -1,4 +1,4 @@
-// Digests of files, against values known from the standards.
+// Tests of digests of files against known values from the standards.
 #include "zncDigest.hpp"
 
 #include "layout_builder.hpp"
@@ -102,7 +102,7 @@ TEST_F(Digest, AMissingFileIsAMismatch)
 
 TEST_F(Digest, AFileThatEndsBeforeItsSizeIsAMismatchAndEnds)
 {
-    // Files of the kernel announce a page and hold less.
+    // Files in /sys report a size of one page but contain less.
     const char* path = "/sys/kernel/mm/transparent_hugepage/enabled";
     struct stat st = {};
     if (::stat(path, &st) != 0)

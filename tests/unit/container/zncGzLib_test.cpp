@@ -1,4 +1,4 @@
-// The gzip file as a source of archive bytes.
+// Tests of the gzip file as a source for archive readers.
 #include "zncGzLib.hpp"
 
 #include "alloc_fault.hpp"

@@ -1,5 +1,5 @@
-// Layers that are extracted while their digests are still computed: what is seen of it, which is
-// nothing, and what is left when it was in vain, which is nothing either.
+// Tests of extracting layers while their digests are still being computed: nothing is visible
+// before the digest has been verified, and nothing is left if verification fails.
 #include "zncImageLib.hpp"
 #include "zncLayerStage.hpp"
 #include "zncTarLib.hpp"
@@ -32,7 +32,7 @@ int __wrap_pthread_create(pthread_t* task, const pthread_attr_t* attr, void* (*m
 
 namespace {
 
-// Called when all of a blob has been read and its digest is not compared yet.
+// Called when a blob has been read completely and its digest has not been compared yet.
 std::function<void()> before_verdict;
 bool no_tasks = false;
 
@@ -53,7 +53,7 @@ std::set<std::string> names_in(const fs::path& dir)
     return names;
 }
 
-// Large enough to be worth a task of its own.
+// Large enough to be processed by a separate thread.
 std::string large_layer(const std::vector<layout::Member>& more = {})
 {
     std::vector<layout::Member> members(kFiles);
@@ -95,7 +95,7 @@ class Ahead : public ::testing::Test {
     {
         return store_ / layout::sha256_hex(layer);
     }
-    // Another byte in the last file's content: the archive is as good as before.
+    // Changes a byte in the content of the last file: the archive remains valid.
     void damage(const std::string& layer) const
     {
         std::string bytes = layer;
@@ -117,7 +117,7 @@ class Ahead : public ::testing::Test {
             zncUnpackDirs(bundle_.c_str(), layout_.c_str(), nullptr, option, nullptr, note, &told);
         return told;
     }
-    // The temporary directory of a layer, once it holds the last file.
+    // Returns the temporary directory of a layer, once the last file exists in it.
     [[nodiscard]] fs::path wait_for_stage() const
     {
         for (int round = 0; round < 100'000; ++round) {
@@ -128,7 +128,7 @@ class Ahead : public ::testing::Test {
         }
         return {};
     }
-    // Has the layer extracted before its digest is found right or wrong.
+    // Makes sure that the layer has been extracted before its digest is compared.
     void extract_before_verdict()
     {
         before_verdict = [this] {
@@ -142,7 +142,8 @@ class Ahead : public ::testing::Test {
         EXPECT_FALSE(fs::exists(bundle_));
     }
 
-    // The manifest, the configuration and the chain of identifiers come before the layer.
+    // The digests of the manifest, the configuration and the chain of identifiers are computed
+    // before that of the layer.
     static constexpr int kLayerVerdict = 4;
 
     layout::TempDir dir_;
@@ -156,7 +157,7 @@ class Ahead : public ::testing::Test {
     fs::path stage_;
 };
 
-// Tests that see the work itself need a processor for it.
+// Tests that observe the parallel work need a second processor.
 class AheadSeen : public Ahead {
   protected:
     void SetUp() override
@@ -299,7 +300,7 @@ TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
     add(wanted, "second");
     std::set<std::string> seen;
     before_verdict = [&] {
-        // Until the second image's layer is read nothing may be there.
+        // Nothing may exist until the layer of the second image is read.
         if (++verdicts_ <= 2 * kLayerVerdict - 1)
             seen.merge(names_in(store_));
         else if (stage_.empty())
@@ -311,7 +312,7 @@ TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(wanted)});
 }
 
-// What is parsed is what was verified, whatever stands in the layout by then.
+// Exactly the verified bytes are parsed, even if the file in the layout has changed since.
 TEST_F(Ahead, DocumentsThatChangeOnceTheyWereReadDoNotMatter)
 {
     add(layer_);
@@ -328,8 +329,8 @@ TEST_F(Ahead, DocumentsThatChangeOnceTheyWereReadDoNotMatter)
     EXPECT_GE(verdicts_, kLayerVerdict);
 }
 
-// A layer that an earlier manifest named is verified once; what is extracted later is verified
-// again.
+// A layer named by an earlier manifest is verified only once; a layer that is extracted later is
+// verified again.
 TEST_F(Ahead, ALayerThatChangesAfterItWasVerifiedIsNotStored)
 {
     Image image;
@@ -380,17 +381,17 @@ TEST_F(Ahead, ABundleThatIsThereLeavesNoStore)
     EXPECT_FALSE(fs::exists(base_));
 }
 
-TEST_F(Ahead, ALayerThatCannotBeExtractedFailsAsEver)
+TEST_F(Ahead, ALayerThatCannotBeExtractedFailsWithItsUsualNumber)
 {
     add(large_layer({{"../out", "x"}}), "outside");
     std::string damaged = layer_;
-    damaged[0] ^= 1; // in the first header
+    damaged[0] ^= 1; // a byte of the first header
     add(damaged, "damaged");
     EXPECT_EQ(unpack("outside"), ERROR);
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(unpack("damaged"), ERROR);
     EXPECT_EQ(errno, 0);
-    EXPECT_TRUE(fs::exists(store_)); // it had come that far
+    EXPECT_TRUE(fs::exists(store_)); // the unpack has come this far
     EXPECT_TRUE(names_in(store_).empty());
     EXPECT_FALSE(fs::exists(bundle_));
 }
@@ -476,7 +477,7 @@ TEST_F(Ahead, DirectoriesOfALayerThatIsNotTheOneThatIsNamedAreNotTold)
     }
 }
 
-// Enough of them for two tasks to come to what was extracted of them at the same time.
+// Enough layers for two threads to reach already extracted layers at the same time.
 TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
 {
     Image image;
@@ -491,7 +492,7 @@ TEST_F(Ahead, ALayerNamedThousandsOfTimesIsStoredOnce)
     }
 }
 
-TEST_F(Ahead, WhoListensHearsOfTheLayerFromItsBeginToItsEnd)
+TEST_F(Ahead, ProgressIsReportedFromTheLayersBeginToItsEnd)
 {
     add(layer_);
     std::vector<std::uint64_t> heard;

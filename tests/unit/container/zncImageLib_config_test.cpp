@@ -1,4 +1,4 @@
-// The "config.json" generated from an image's configuration.
+// Tests of the "config.json" generated from an image's configuration.
 #include "zncImageLib.hpp"
 
 #include "alloc_fault.hpp"
@@ -14,7 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 using znc::CJsonPtr;
 
-// A record with one manifest and the given configuration document.
+// A record with one manifest and the given configuration.
 class OneImage {
   public:
     explicit OneImage(const std::string& config_json) : record_(zncImageInfoCreate())
@@ -43,7 +43,7 @@ std::string printed(const cJSON* item)
 
 using Builder = STATUS (*)(OCI_IMAGE*, cJSON*);
 
-// What a builder adds for the execution section `section` (JSON).
+// Returns what a builder adds for the execution section `section` (JSON).
 std::string built(Builder builder, const std::string& section, const std::string& more = "")
 {
     const OneImage image("{\"config\":" + section + more + "}");
@@ -167,7 +167,7 @@ TEST_F(Document, WithAnyAllocationFailingFailsOrLeavesOnlyAMountOut)
         const int error = errno;
         whole = alloc_fault::disarm() < nth;
         if (status == OK) {
-            // A mount that could not be made is left out.
+            // A mount that could not be allocated is omitted.
             const CJsonPtr root(cJSON_Parse(layout::read_file(file_).c_str()));
             EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(root.get(), "mounts")), whole ? 1 : 0);
             fs::remove(file_);

@@ -1,4 +1,4 @@
-// The inspection document of a layout.
+// Tests of the inspection document of a layout.
 #include "zncImageLib.hpp"
 
 #include "alloc_fault.hpp"
@@ -92,7 +92,7 @@ TEST_F(Inspect, ThreeManifestsAreThreeObjectsInOrder)
     for (const char* arch : {"amd64", "arm64", "riscv64"}) {
         Image image;
         image.arch = arch;
-        image.platform = R"({"os":"linux"})"; // nothing is chosen by it
+        image.platform = R"({"os":"linux"})"; // inspection does not select by platform
         layout_.add(image);
     }
     ASSERT_EQ(inspect(), 0);

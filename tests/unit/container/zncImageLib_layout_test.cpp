@@ -1,4 +1,4 @@
-// Reading image layouts that are right, and layouts that are wrong in one place.
+// Tests of reading valid image layouts, and layouts with a single error.
 #include "zncImageLib.hpp"
 
 #include "alloc_fault.hpp"
@@ -68,7 +68,7 @@ class LayoutReader : public ::testing::Test {
         return zncImageFindManifest(image_.get(), os, arch, tag);
     }
 
-    // A right image whose manifest text is changed before it is stored.
+    // A valid image whose manifest is modified before it is stored.
     void add_with_manifest(const std::function<std::string(std::string)>& change)
     {
         const Image image;
@@ -76,7 +76,7 @@ class LayoutReader : public ::testing::Test {
             layout_.manifest_json(layout_.add_described(layout_.config_json(image), kConfigType),
                                   {layout_.add_described(image.layers[0], kLayerType)})));
     }
-    // The same with the configuration.
+    // The same for the configuration.
     void add_with_config(const std::function<std::string(std::string)>& change)
     {
         const Image image;
@@ -84,7 +84,7 @@ class LayoutReader : public ::testing::Test {
             layout_.add_described(change(layout_.config_json(image)), kConfigType),
             {layout_.add_described(image.layers[0], kLayerType)}));
     }
-    // The same with the index entry. Called with the entry's text.
+    // The same for the index entry. The function is called with the text of the entry.
     void add_with_entry(const std::function<std::string(std::string)>& change)
     {
         const std::string manifest = right_manifest();
@@ -343,7 +343,8 @@ TEST_F(LayoutReader, ABlobThatIsNoFileIsRefusedWithoutBlocking)
 
 TEST_F(LayoutReader, WhatIsNoFileIsNotEvenOpened)
 {
-    const std::string device = dir_ / "device"; // a FIFO in the place of one that acts on open
+    // a FIFO, representing a device that has side effects when it is opened
+    const std::string device = dir_ / "device";
     ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
     const znc::UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     ASSERT_GE(::inotify_add_watch(watch.get(), device.c_str(), IN_OPEN), 0);
@@ -365,14 +366,14 @@ TEST_F(LayoutReader, WhatIsNoFileIsNotEvenOpened)
     EXPECT_EQ(::read(watch.get(), event, sizeof event), -1);
     EXPECT_EQ(errno, EAGAIN);
     const znc::UniqueFd opened(::open(device.c_str(), O_RDWR | O_CLOEXEC));
-    EXPECT_GT(::read(watch.get(), event, sizeof event), 0); // the watch does watch
+    EXPECT_GT(::read(watch.get(), event, sizeof event), 0); // verifies that the watch works
 }
 
 TEST_F(LayoutReader, ALaterBadEntryReleasesTheManifestsBeforeIt)
 {
     layout_.add({});
     layout_.add_entry("{}");
-    expect_failure(S_zncLib_INDEX_INVALID); // the sanitizer build would tell of a leak
+    expect_failure(S_zncLib_INDEX_INVALID); // the sanitizer build detects a leak
 }
 
 TEST_F(LayoutReader, ANestedIndexIsReadAsAManifest)
@@ -487,7 +488,7 @@ TEST_F(LayoutReader, ADigestInAManifestWithoutColonIsEINVAL)
     expect_failure(EINVAL);
 }
 
-// Layers of this size are looked at by several tasks at once.
+// Layers of this size are verified by several threads at once.
 TEST_F(LayoutReader, OfLargeLayersTheFirstThatIsWrongIsReported)
 {
     const std::string bytes(700 * 1024, 'x');

@@ -1,4 +1,5 @@
-// Bundles made of images: the three kinds of root filesystem, the layer store, failures.
+// Tests of bundles created from images: the three kinds of root filesystem, the layer store,
+// failures.
 #include "zncImageLib.hpp"
 
 #include "alloc_fault.hpp"
@@ -149,7 +150,8 @@ TEST_F(Unpack, WithoutOverlayOptionZeroMakesARawRoot)
     ASSERT_EQ(unpack(bundle_), OK) << errno;
     EXPECT_EQ(root_of(bundle_), "rootfs");
     EXPECT_EQ(names_in(bundle_ + "/rootfs"), (std::set<std::string>{"d", "both", "high"}));
-    EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/both"), "top"); // the upper layer overwrites
+    // the upper layer replaces the file
+    EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/both"), "top");
     EXPECT_EQ(layout::read_file(bundle_ + "/rootfs/d/low"), "low");
     EXPECT_FALSE(fs::exists(base_));
     EXPECT_TRUE(fake::calls().empty());
@@ -263,7 +265,7 @@ TEST_F(Unpack, ALayerThatCannotBeExtractedLeavesNothingInTheStore)
     EXPECT_TRUE(names_in(store_).empty());
 }
 
-// Over `bottom_` the damaged layer meets a directory that exists.
+// On top of `bottom_` the damaged layer finds an existing directory.
 TEST_F(Unpack, ADamagedLayerLeavesNoNumberOfAnEarlierCall)
 {
     std::string damaged = tar({layout::directory("d/"), {"both", "x"}, {"bad", "y"}});
@@ -272,7 +274,7 @@ TEST_F(Unpack, ADamagedLayerLeavesNoNumberOfAnEarlierCall)
     add({damaged}, "one");
     const auto expect_none = [&](const char* tag, unsigned option) {
         fs::remove_all(bundle_);
-        fs::create_directory(bundle_); // mkdir says EEXIST
+        fs::create_directory(bundle_); // so that mkdir fails with EEXIST
         EXPECT_EQ(unpack(bundle_, option, nullptr, tag), ERROR);
         EXPECT_EQ(errno, 0) << tag << " " << option;
     };
@@ -287,7 +289,8 @@ TEST_F(Unpack, ADamagedLayerLeavesNoNumberOfAnEarlierCall)
 TEST_F(Unpack, ATruncatedLayerLeavesNoNumberOfAFileThatCouldNotBeMade)
 {
     without_overlay();
-    std::string damaged = tar({{"d", std::string(5000, 'x')}}); // "d" is a directory below
+    // in the layer below "d" is a directory
+    std::string damaged = tar({{"d", std::string(5000, 'x')}});
     damaged.resize(1024);
     add({bottom_, damaged});
     EXPECT_EQ(unpack(bundle_), ERROR);
@@ -342,7 +345,7 @@ TEST_F(Unpack, AFlattenedTreeIsExtractedAgainAlsoWhenItHoldsLinks)
     EXPECT_EQ(layout::read_file(outside / "precious"), "kept");
 }
 
-// Whoever uses it as his lower directory keeps it.
+// Overlay mounts that use the tree as a lower directory keep it.
 TEST_F(Unpack, AFlattenedTreeThatNobodyChangedStaysWhenItsImageIsFlattenedAgain)
 {
     add({bottom_, top_});
@@ -382,7 +385,7 @@ TEST_F(Unpack, AFlattenThatFailsLeavesTheTreeThereIsAlone)
     const std::string root = root_of(bundle_);
     fs::remove(layout_.blob("sha256:" + hex_of(top_)));
     before_openat = [&](const std::string& name) {
-        if (name == "file") // in the second run, after everything was verified
+        if (name == "file") // during the second read, after everything was verified
             layout::write_file(layout_.blob("sha256:" + hex_of(top_)), "no archive");
     };
     layout::write_file(layout_.blob("sha256:" + hex_of(top_)), top_);
@@ -425,7 +428,7 @@ TEST_F(Unpack, ATreeOfUnknownOriginIsTakenOnlyWhenItHoldsTheSame)
     EXPECT_EQ(layout::read_file(root + "/high"), "changed");
 }
 
-// The device of the first one may be gone, after a restart of the machine for example.
+// The device of the first unpack may no longer exist, for example after a reboot.
 TEST_F(Unpack, AStackOfOtherLayersUnderTheNameThatABundleUsesIsRefused)
 {
     add({bottom_, top_}, "one");
@@ -773,7 +776,7 @@ TEST(PathCompBackup, FindsTheLastSeparatorBeforeAPosition)
     EXPECT_EQ(pathCompBackup(plain, plain + 3), nullptr);
 }
 
-// A record with one layer file, for the steps below the parser.
+// A record with one layer file, for testing the steps after parsing.
 class Steps : public Unpack {
   protected:
     void SetUp() override
@@ -828,7 +831,7 @@ TEST_F(Steps, AStorePathThatDoesNotFitIsENAMETOOLONG)
     EXPECT_EQ(extract(store + "x"), ERROR);
     EXPECT_EQ(errno, ENAMETOOLONG);
     EXPECT_EQ(extract(store), ERROR);
-    EXPECT_EQ(errno, ENOENT); // it fits; only the layer is missing
+    EXPECT_EQ(errno, ENOENT); // the path fits; only the layer does not exist
 }
 
 TEST_F(Steps, TheStoreDirectoryIsMadeWithItsParentsAndReported)
@@ -893,7 +896,7 @@ class Child {
         }
     }
     void signal(int number) const { ::kill(pid_, number); }
-    // Waits until it has stopped; false if it ends instead.
+    // Waits until the process has stopped; returns false if it exits instead.
     [[nodiscard]] bool stands_still() const
     {
         int status = 0;
@@ -930,8 +933,8 @@ class Store : public Unpack {
     {
         return unpack(dir_ / name, 0, nullptr, tag.c_str()) == OK;
     }
-    // Unpacks it in the middle of which the process stands still, with its hundredth file to be
-    // made.
+    // Starts an unpack in a process that stops itself in the middle, before it creates its
+    // hundredth file.
     bool stop_in_the_middle(const std::string& name)
     {
         before_openat = [](const std::string& file) {
@@ -940,7 +943,7 @@ class Store : public Unpack {
         };
         return unpack_as(name, "big");
     }
-    // The directory that somebody extracts the big layer into.
+    // The directory into which another process extracts the big layer.
     [[nodiscard]] std::optional<fs::path> stage() const
     {
         for (const std::string& name : names_in(store_))
@@ -1021,7 +1024,7 @@ TEST_F(Store, TasksOfOneProcessMayUnpackOneImageTogether)
     expect_store({hex_of(top_), hex_of(big_)});
 }
 
-TEST_F(Store, ALockFileLeftByADeadProcessDoesNotHoldAnybodyUp)
+TEST_F(Store, ALockFileLeftByADeadProcessDoesNotBlock)
 {
     fs::create_directories(store_);
     layout::write_file(base_ + "/.lock", "");

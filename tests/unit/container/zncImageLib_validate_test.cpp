@@ -1,4 +1,4 @@
-// Paths inside a layout and checks of single items.
+// Tests of paths inside a layout and of checks of single items.
 #include "zncImageLib.hpp"
 
 #include "layout_builder.hpp"

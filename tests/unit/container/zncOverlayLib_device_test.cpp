@@ -1,4 +1,4 @@
-// Overlay devices on the real filesystem.
+// Tests of overlay devices on the real overlay filesystem.
 #include "test_tree.hpp"
 #include "zarnel/overlay.h"
 #include "zncontainer.h"

@@ -18,7 +18,7 @@ using test_tree::TempDir;
 
 namespace {
 
-// What the platform was asked for, and what it shall say.
+// The calls that the platform received, and the results that it returns.
 struct Platform {
     std::string asked;
     std::vector<const char*> dirs;
@@ -64,7 +64,7 @@ class BasePath : public ::testing::Test {
         std::filesystem::remove_all("/ram0");
     }
 
-    // "<text>", or "error <number>".
+    // Returns "<path>" or "error <number>".
     std::string get(uint32_t type, size_t room = 1024)
     {
         std::vector<char> path(room + 1, 'X');

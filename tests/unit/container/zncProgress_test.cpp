@@ -1,4 +1,4 @@
-// The report of an unpack's progress: what is told, and that it changes nothing else.
+// Tests of the progress callback of an unpack: what it receives, and that it changes nothing else.
 #include "layout_builder.hpp"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ void hear(const ZNC_PROGRESS* progress, void* context)
 {
     static_cast<std::vector<Heard>*>(context)->push_back(
         {progress->layer, progress->index, progress->count, progress->done, progress->total});
-    errno = EILSEQ; // which must not show in what the unpack says
+    errno = EILSEQ; // must not affect the error number of the unpack
 }
 
 class Progress : public testing::Test {
@@ -36,7 +36,8 @@ class Progress : public testing::Test {
         image.layers = {layout::tar({{"small", "content"}}),
                         layout::tar({{"large", std::string(3'000'000, 'x')}})};
         layout_.add(image);
-        // The sandbox's own. Without it layers go into the bundle, in the order of the image.
+        // /overlay of the sandbox. Without it layers are extracted into the bundle in the order of
+        // the image.
         ::rmdir("/overlay");
         setenv("ZNC_BASE", (dir_ / "base").c_str(), 1);
     }
@@ -79,8 +80,8 @@ TEST_F(Progress, EachLayerBeginsGrowsAndIsComplete)
     EXPECT_EQ(ends, (std::vector<std::uint64_t>{0, 0}));
 }
 
-// Also of a layer that another task extracts while its digest is computed.
-TEST_F(Progress, WhatIsExtractedOtherwiseThanMeantIsCounted)
+// Also for a layer that another thread extracts while its digest is computed.
+TEST_F(Progress, MembersNotExtractedAsSpecifiedAreCounted)
 {
     const auto count = [this](const std::string& bundle, const std::vector<std::string>& layers) {
         layout::Layout layout(dir_ / bundle + "-layout");
@@ -109,13 +110,13 @@ TEST_F(Progress, WhatIsExtractedOtherwiseThanMeantIsCounted)
     EXPECT_EQ(count("both", {whole, lossy}), 3U);
     const std::string large = layout::tar(
         {{"f", std::string(2'000'000, 'x')}, {"hard", "", '1', "f"}, {"further", "", '1', "f"}});
-    ASSERT_EQ(::mkdir("/overlay", 0755), 0); // from here on layers are kept, and shared
+    ASSERT_EQ(::mkdir("/overlay", 0755), 0); // from here on layers are stored and shared
     EXPECT_EQ(count("ahead", {large}), 2U);
-    EXPECT_EQ(count("again", {large}), 0U); // it was there
+    EXPECT_EQ(count("again", {large}), 0U); // the layer exists already
     ASSERT_EQ(::rmdir("/overlay"), 0);
 }
 
-TEST_F(Progress, NobodyIsToldUnlessAskedFor)
+TEST_F(Progress, NothingIsReportedWithoutACallback)
 {
     ASSERT_EQ(unpack("one"), OK);
     zncUnpackProgressSet(&hear, &heard_);
@@ -124,7 +125,7 @@ TEST_F(Progress, NobodyIsToldUnlessAskedFor)
     EXPECT_TRUE(heard_.empty());
 }
 
-TEST_F(Progress, BelongsToTheTaskThatAsked)
+TEST_F(Progress, BelongsToTheTaskThatSetIt)
 {
     zncUnpackProgressSet(&hear, &heard_);
     STATUS status = ERROR;
@@ -133,7 +134,7 @@ TEST_F(Progress, BelongsToTheTaskThatAsked)
     EXPECT_TRUE(heard_.empty());
 }
 
-TEST_F(Progress, AnArchiveByItselfIsNoUnpack)
+TEST_F(Progress, ExtractingAnArchiveReportsNothing)
 {
     zncUnpackProgressSet(&hear, &heard_);
     const std::string archive = dir_ / "archive";

@@ -1,4 +1,4 @@
-// The client functions on images. No daemon runs in this program's world.
+// Tests of the client functions for images. No daemon runs.
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
 
@@ -19,7 +19,7 @@ class ImageApi : public ::testing::Test {
     void SetUp() override
     {
         ASSERT_EQ(zncDaemonIsAlive(), FALSE);
-        fs::remove("/overlay"); // a private copy per bundle
+        fs::remove("/overlay"); // without overlay each bundle has its own copy
     }
     layout::TempDir dir_;
     layout::Layout layout_{dir_.path() / "img"};
@@ -82,7 +82,7 @@ TEST_F(ImageApi, InfoIsTheFormattedArrayAndNeedsNoDaemon)
 
 TEST_F(ImageApi, InfoOfAnInspectionWithoutManifestsIsAnEmptyArray)
 {
-    // The one inspection that succeeds and finds nothing: the path does not fit.
+    // The only case in which inspection succeeds without finding anything: the path does not fit.
     const Text info(zncImageInfoGet(std::string(1100, 'x').c_str()));
     ASSERT_NE(info, nullptr);
     EXPECT_STREQ(info.get(), "[]");

@@ -18,12 +18,12 @@
 #include <unistd.h>
 #include <vector>
 
-// The platform's spawning, in place of the real one: it notes what it is given, and the child it
-// makes is a real one that ends with a given exit code once its standard pipe is closed.
+// Replaces the platform's spawn functions: records their arguments and forks a real child that
+// exits with a given code when its pipe is closed.
 namespace {
 
 struct SpawnLog {
-    std::vector<std::string> setters; // "priority=100" in the order of the calls
+    std::vector<std::string> setters; // in the order of the calls, such as "priority=100"
     std::string failing;              // the setter that fails with EINVAL
     std::string path;
     std::vector<std::string> arg;
@@ -31,9 +31,9 @@ struct SpawnLog {
     bool envIsNull = false;
     int spawned = 0;
     int destroyed = 0;
-    int spawnFails = 0; // with this number
+    int spawnFails = 0; // if not 0, the spawn fails with this number
     bool pidIs0 = false;
-    bool isTraced = false; // the child makes its parent its tracer, stops, and is killed then
+    bool isTraced = false; // the child makes its parent its tracer, stops, and is then killed
     pid_t child = 0;
     int holdChild = -1; // a descriptor whose other end keeps the child alive until it is closed
 };
@@ -66,7 +66,7 @@ STATUS znSpawnAttrInit(znSpawnAttr* attr)
 STATUS znSpawnAttrDestroy(znSpawnAttr*)
 {
     spawnLog.destroyed++;
-    errno = EIO; // clean-up may do that
+    errno = EIO; // cleaning up may change errno
     return OK;
 }
 STATUS znSpawnAttrSetPriority(znSpawnAttr*, int v)
@@ -98,7 +98,7 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr*, short v)
     return set("flags", std::to_string(v));
 }
 
-// Ends `pid` by SIGKILL once it is in a stop that its tracer is told of.
+// Kills `pid` once its tracer can see that it has stopped.
 static void kill_when_stopped(pid_t pid)
 {
     const auto stopped = [pid] {
@@ -183,7 +183,7 @@ class Start : public testing::Test {
         if (spawnLog.child > 0)
             waitpid(spawnLog.child, nullptr, 0);
     }
-    // The requests so far, each as "<command id> <text>".
+    // Returns the requests so far, each as "<command id> <text>".
     static std::vector<std::string> requests(FakeDaemon& daemon)
     {
         std::vector<std::string> all;
@@ -364,7 +364,8 @@ TEST_F(Start, FirstSetterThatFailsEndsItWithItsNumber)
 
 TEST_F(Start, AStartThatSpawnsNothingEndsTheExpectationOfItsNamespace)
 {
-    // The record of namespace 77, as its owner left it when it handed the namespace out.
+    // Returns the record of namespace 77, as its owner wrote it when it passed the namespace to the
+    // client.
     const std::string record = "/run/zarnel/ns/77";
     std::filesystem::create_directories("/run/zarnel/ns");
     std::ofstream(record) << "1 1 -a\n/r";
@@ -431,7 +432,7 @@ TEST_F(Start, MissingProgramPathIsASpawnFailure)
     EXPECT_EQ(spawnLog.spawned, 0);
 }
 
-// What was freed by the failed read must be neither used nor freed again.
+// Vectors freed by the failed read must be neither used nor freed again.
 TEST_F(Start, VectorThatCannotBeReadCountsAsMissing)
 {
     FakeDaemon daemon(answering_in_turn(
@@ -462,7 +463,7 @@ TEST_F(Start, HandleThatCannotBeStoredSignalsTheWholeNamespaceAndKeepsTheStoresN
     EXPECT_EQ(spawnLog.destroyed, 1);
 }
 
-// Every allocation in turn fails; the memory checkers see what is left.
+// Makes each allocation fail in turn; the memory checkers detect leaks.
 TEST_F(Start, ShortMemoryEndsWhatWasSpawnedUnlessAllWentWell)
 {
     FakeDaemon daemon([](const zncMessage& request) {
@@ -495,7 +496,7 @@ TEST_F(Start, WaitThatFailsIsTheResult)
     FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
     struct sigaction old = {};
     struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN; // children reap themselves: nothing is left to wait for
+    ignore.sa_handler = SIG_IGN; // children are reaped automatically, so waiting for one fails
     sigaction(SIGCHLD, &ignore, &old);
     EXPECT_EQ(zncStart("web", 0), -1);
     EXPECT_EQ(errno, ECHILD);

@@ -26,7 +26,7 @@ std::string with_body(const std::string& body)
     return R"({"errno":0,"body":[)" + body + "]}";
 }
 
-// Text that the library hands out, or "(none)"; freed.
+// Takes ownership of text returned by the library; returns "(none)" for NULL.
 std::string taken(char* text)
 {
     const znc::MallocPtr<char> owned(text);
@@ -49,7 +49,7 @@ class Api : public testing::Test {
     }
 };
 
-// Every daemon-backed function, and whether it failed in its own way.
+// Calls each function that needs the daemon, and checks how it fails.
 struct Function {
     const char* name;
     bool (*fails)();
@@ -258,7 +258,7 @@ TEST_F(Api, ContainerInfoOfAnUnknownContainerIsNullAndSets19)
     EXPECT_EQ(errno, 19);
 }
 
-// Every allocation in turn fails; the memory checkers see what is left.
+// Makes each allocation fail in turn; the memory checkers detect leaks.
 TEST_F(Api, ShortMemoryGivesTheWholeTextOrNone)
 {
     FakeDaemon daemon(answering(with_body(kState)));
@@ -277,7 +277,8 @@ TEST_F(Api, ShortMemoryGivesTheWholeTextOrNone)
         EXPECT_EQ(fake_daemon::queue_names(), std::vector<std::string>{"znc"}) << n;
     }
     EXPECT_TRUE(ended);
-    // No receive buffer; no request, copy of the reply or tree of it; no room to print.
+    // Failing allocations: the receive buffer; the request, the copy of the reply or its tree; the
+    // output text.
     EXPECT_EQ(numbers, (std::set<int>{0, ENOMEM, EBADMSG}));
 }
 

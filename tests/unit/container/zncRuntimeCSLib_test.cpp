@@ -137,7 +137,7 @@ TEST(ParamObjInit, UnknownTypesAreSkipped)
     EXPECT_EQ(printed(object.get()), R"({"n":1})");
 }
 
-// Which of the entries are missing says which results are ignored; nothing may leak.
+// The missing entries show which results are ignored; nothing may leak.
 TEST(ParamObjInit, ShortMemoryFailsOrLeavesOutSingleKeys)
 {
     char* strings[] = {text("x")};
@@ -161,7 +161,7 @@ TEST(ParamObjInit, ShortMemoryFailsOrLeavesOutSingleKeys)
             EXPECT_TRUE(number == ENOMEM || number == EINVAL) << n << ": " << number;
             failed = true;
         } else if (cJSON_GetArraySize(object.get()) != 4) {
-            // Only results that are ignored: the number's add, and all of the string's.
+            // Only ignored results: adding the number, and everything for the string.
             EXPECT_NE(cJSON_GetObjectItem(object.get(), "a"), nullptr) << n;
             EXPECT_NE(cJSON_GetObjectItem(object.get(), "o"), nullptr) << n;
             leftOut = true;
@@ -268,7 +268,7 @@ TEST(ParamObjGet, EmptyStringArrayLeavesTheEntryAlone)
     EXPECT_EQ(params[1].number, 4);
 }
 
-// The memory checkers see whether each vector is freed exactly once.
+// The memory checkers detect whether each vector is freed exactly once.
 TEST(ParamObjGet, FailureFreesTheVectorsReadSoFarAndTheFailingOne)
 {
     const CJsonPtr object = parsed(R"({"a":["x"],"b":["y",5,"z"],"c":["w"]})");

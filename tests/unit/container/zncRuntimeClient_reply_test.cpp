@@ -1,4 +1,4 @@
-// What the client makes of a reply: receiving, printing, taking it apart.
+// Tests of how the client processes a reply: receiving, printing, parsing.
 #include "alloc_fault.hpp"
 #include "other_queue.hpp"
 #include "zncRuntimeClient.hpp"
@@ -27,7 +27,7 @@ class MessageRecv : public testing::Test {
     }
     znc::MallocPtr<zncMessage> receive() { return zncMessageRecv(queue_.get(), kShort); }
 
-    // How many messages are still in the queue.
+    // Returns the number of messages left in the queue.
     int left()
     {
         int n = 0;

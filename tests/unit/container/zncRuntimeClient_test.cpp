@@ -39,7 +39,7 @@ class ClientCall : public testing::Test {
         EXPECT_EQ(queue_names(), std::vector<std::string>()) << "a queue was left behind";
     }
 
-    // A call with one string parameter; its reply's text, or "" on failure.
+    // Makes a call with one string parameter; returns the text of its reply, or "" on failure.
     static std::string call(int cmdId, const std::string& value)
     {
         zncParam param = znc::string_param("s", value.c_str());
@@ -49,7 +49,7 @@ class ClientCall : public testing::Test {
         return status == OK ? text : "";
     }
 
-    // A call that is expected to fail: the error number it leaves.
+    // Makes a call that must fail; returns the error number.
     static int failing_call()
     {
         errno = 4242;
@@ -57,7 +57,8 @@ class ClientCall : public testing::Test {
         return errno;
     }
 
-    // The length of the value that makes the request's text `total` bytes long: {"s":"..."}.
+    // Returns the length of a value with which the text of the request, {"s":"..."}, has `total`
+    // bytes.
     static std::string value_for_text_of(std::size_t total) { return std::string(total - 8, 'v'); }
 };
 
@@ -101,7 +102,7 @@ TEST_F(ClientCall, ReplyQueueIsNamedAfterDaemonQueueProcessAndCounter)
 
 TEST(ClientCounterDeathTest, FirstCallOfAProcessUses0)
 {
-    // The program is started anew, so that the counter is.
+    // The program is executed again, so that the counter starts at 0.
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
@@ -127,7 +128,7 @@ TEST_F(ClientCall, RequestOf1843BytesIsSent)
 
 TEST_F(ClientCall, RequestOf1844BytesFailsWithENOMEMBeforeAnyQueueIsTouched)
 {
-    // Without a daemon: had the daemon queue been tried, the number would say so.
+    // No daemon runs: if the daemon queue had been opened, the error number would be different.
     errno = 0;
     EXPECT_EQ(call(ZNC_CREATE, value_for_text_of(1844)), "");
     EXPECT_EQ(errno, ENOMEM);
@@ -244,7 +245,7 @@ TEST_F(ClientCall, ReplyQueueThatExistsAlreadyFailsWithNumber0)
     EXPECT_EQ(left, (std::vector<std::string>{"znc", name.substr(1)})) << "not ours to remove";
 }
 
-// Runs `body` in a process that then ends; true if it gave 0.
+// Runs `body` in a child process; returns true if it returned 0.
 bool in_a_dead_process(const std::function<int()>& body)
 {
     const pid_t pid = ::fork();
@@ -314,7 +315,7 @@ TEST_F(ClientCall, InfoQueueThatExistsAlreadyFailsWithNumber0)
     EXPECT_EQ(queue_names(), (std::vector<std::string>{"znc", name.substr(1)}));
 }
 
-// Both names are cut to the same 191 bytes, so that the second queue exists already.
+// Both names are truncated to the same 191 bytes, so that the second queue exists already.
 TEST_F(ClientCall, OverlongDaemonQueueNameFailsWithNumber0AndSendsNothing)
 {
     const OtherQueue daemon("/" + std::string(199, 'd'));
@@ -349,7 +350,7 @@ TEST_F(ClientCall, BytesThatAreNoReplyFailWithNumber0)
     EXPECT_EQ(failing_call(), 0);
 }
 
-// Every allocation of a call in turn fails.
+// Makes each allocation of a call fail in turn.
 TEST_F(ClientCall, ShortMemoryFailsWithENOMEMOrNumber0AndLeavesNothing)
 {
     FakeDaemon daemon([](const zncMessage& request) {
@@ -377,7 +378,7 @@ TEST_F(ClientCall, ShortMemoryFailsWithENOMEMOrNumber0AndLeavesNothing)
         const znc::MallocPtr<char> owned(text);
         if (total != nullptr)
             *total = asked;
-        // Once a request behind it is answered, the first has been noted if it was sent.
+        // Once a later request has been answered, the first one has been recorded if it was sent.
         EXPECT_EQ(zncCall(ZNC_ALIVE, nullptr, 0, nullptr), OK);
         return Outcome{status, number, daemon.requests().size() == before + 2, std::move(out)};
     };
@@ -393,11 +394,11 @@ TEST_F(ClientCall, ShortMemoryFailsWithENOMEMOrNumber0AndLeavesNothing)
             continue;
         EXPECT_EQ(outcome.printed, "");
         if (!outcome.reachedDaemon && outcome.number == ENOMEM)
-            early++; // the object, its text or the message
+            early++; // the JSON object, its text or the message
         else if (outcome.reachedDaemon && outcome.number == 0)
             noBuffer++; // the receive buffer
         else if (outcome.reachedDaemon && outcome.number == ENOMEM)
-            noCopy++; // the caller's copy: the number is the allocator's
+            noCopy++; // the caller's copy: the error number is set by the allocator
         else
             ADD_FAILURE() << n << ": " << outcome.number;
     }

@@ -1,4 +1,4 @@
-// The daemon's replies and its loop.
+// Tests of the daemon's replies and of its loop.
 #include "alloc_fault.hpp"
 #include "running_daemon.hpp"
 #include "service_client.hpp"
@@ -121,7 +121,7 @@ TEST_F(Replying, ShortMemoryFailsAndSendsNothing)
         alloc_fault::arm(n);
         const STATUS status = reply(body.get(), 0);
         alloc_fault::disarm();
-        // Without its key "errno" a reply is still one; the client then reads -1.
+        // A reply without the key "errno" is valid; the client then returns -1.
         const std::string text = client.reply_text();
         if (status == ERROR) {
             EXPECT_EQ(text, "(none)") << n;
@@ -225,7 +225,7 @@ TEST_F(Daemon, ErrorNumberDoesNotCarryOverToTheNextRequest)
     EXPECT_EQ(fake_registry::calls().back().errnoBefore, 0);
 }
 
-// Sends raw requests, then a good one behind them: once that is answered, all are dealt with.
+// Sends raw requests, then a valid one: when that is answered, all of them have been processed.
 class DaemonDrops : public Service {
   protected:
     void SetUp() override
@@ -304,7 +304,7 @@ TEST_F(DaemonDrops, AnythingInAMessageIsSurvived)
     for (int round = 0; round < 300; round++) {
         zncMessage message = request_of(static_cast<int>(random() >> 28), R"({"containerId":"w"})");
         auto* bytes = reinterpret_cast<unsigned char*>(&message);
-        for (int i = 0; i < 30; i++) // mostly behind the name, so that most get through
+        for (int i = 0; i < 30; i++) // mostly after the name, so that most requests are processed
             bytes[190 + (random() >> 8) % (sizeof message - 190)] =
                 static_cast<unsigned char>(random() >> 24);
         const MSG_Q_ID queue = znMsgQOpen(ZNC_MSG_Q_NAME, 0, 0, 0, ZN_MSG_Q_OPEN_EXISTING);
@@ -358,7 +358,7 @@ TEST_F(Daemon, ProgressReachesTheClientThatAsked)
     testing::internal::CaptureStdout();
     EXPECT_EQ(zncCall(ZNC_CREATE, params, 2, nullptr), OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    setenv("ZNC_VERBOSE", "3", 1); // ignored: the level stays at 0
+    setenv("ZNC_VERBOSE", "3", 1); // ignored: the level remains 0
     testing::internal::CaptureStdout();
     EXPECT_EQ(zncCall(ZNC_CREATE, params, 2, nullptr), OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");

@@ -19,7 +19,7 @@ std::string printed(const cJSON* tree)
     return text != nullptr ? text.get() : "(none)";
 }
 
-// A container "web" with a parsed bundle configuration, as the registry keeps it.
+// A container "web" with a parsed bundle configuration, as in the registry.
 class Inspection : public testing::Test {
   protected:
     void SetUp() override
@@ -52,7 +52,7 @@ class Inspection : public testing::Test {
         process_.args = args_;
     }
 
-    // The number that inspecting "web" gives; the reply's body is in body_.
+    // Inspects "web" and returns the error number; the body of the reply is in body_.
     int inspect(const char* request = R"({"Id":"web"})")
     {
         body_.reset(cJSON_CreateArray());
@@ -196,7 +196,7 @@ TEST_F(Inspection, ShortMemoryAppendsAWholeDocumentOrNone)
     const znc::CJsonPtr root(cJSON_Parse(R"({"Id":"web"})"));
     unsigned failures = 0;
     bool ended = false;
-    // The fake registry and localtime_r allocate too; the last n is past everything.
+    // The fake registry and localtime_r allocate memory, too; the last n is beyond all allocations.
     for (unsigned n = 1; !ended && n < 500; n++) {
         body_.reset(cJSON_CreateArray());
         alloc_fault::arm(n);

@@ -1,4 +1,4 @@
-// Many clients at once against the real daemon task over a registry of names.
+// Tests with many concurrent clients of the real daemon task, with a registry of names.
 #include "fake_daemon.hpp"
 #include "fake_registry.hpp"
 #include "running_daemon.hpp"
@@ -17,7 +17,7 @@ namespace {
 constexpr int kClients = 16;
 constexpr int kRounds = 40;
 
-// One client's life cycle of its own container; the number of calls with a wrong result.
+// Runs the life cycle of a container of its own; returns the number of calls with a wrong result.
 int live(const std::string& id)
 {
     int wrong = 0;
@@ -64,7 +64,7 @@ TEST_F(ServiceStress, SixteenTasksOfOneProcessAllGetTheirAnswers)
     daemon.stop();
 }
 
-// The clients are forked before the daemon's thread exists, and wait for it to answer.
+// The clients are forked before the daemon's thread is created, and wait until it answers.
 TEST_F(ServiceStress, SixteenProcessesAllGetTheirAnswers)
 {
     std::vector<pid_t> clients;
@@ -87,7 +87,7 @@ TEST_F(ServiceStress, SixteenProcessesAllGetTheirAnswers)
     daemon.stop();
 }
 
-// Clients that die at any point of a call leave the daemon serving the others.
+// Clients that are killed at any point of a call do not stop the daemon from serving others.
 TEST_F(ServiceStress, KilledClientsDoNotStopTheDaemon)
 {
     std::vector<pid_t> clients;
@@ -108,7 +108,7 @@ TEST_F(ServiceStress, KilledClientsDoNotStopTheDaemon)
         EXPECT_EQ(zncDaemonIsAlive(), TRUE);
     }
     daemon.stop();
-    // What a killed client leaves is its own two queues.
+    // A killed client leaves only its own two queues.
     for (const std::string& name : fake_daemon::queue_names()) {
         EXPECT_EQ(name.find("znc-u-"), 0U) << name;
         znMsgQUnlink(("/" + name).c_str());

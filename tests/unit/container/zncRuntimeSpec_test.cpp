@@ -14,7 +14,8 @@
 
 namespace {
 
-// Every field of every record in its order: the compiler accepts no other, and none missing.
+// Checks the order of all fields of all records: designated initializers must follow the
+// declaration order, and -Wmissing-field-initializers reports missing ones.
 [[maybe_unused]] constexpr runtimeSpecConfigAnnotations kAnnotations = {
     .k = nullptr, .v = nullptr, .count = 0, .tree = nullptr};
 [[maybe_unused]] constexpr runtimeSpecConfigProcess kProcess = {.args = nullptr,
@@ -73,7 +74,7 @@ class RuntimeSpec : public ::testing::Test {
         return Spec(zncInitializeRuntimeSpec(path.c_str()));
     }
 
-    // A document with the required section and `members` beside it.
+    // Returns a document with the required section and `members`.
     Spec load_with(const std::string& members)
     {
         return load(R"({"process":{"args":["/a"]},)" + members + "}");
@@ -285,8 +286,8 @@ TEST_F(RuntimeSpec, ProcessWithCwdButWithoutArgsIsNull)
     EXPECT_NE(errno, ENOENT);
 }
 
-// Every allocation of a load fails once: the result is null or complete in what it may not lack,
-// and nothing is left (the sanitizer build looks).
+// Makes each allocation of a load fail once: the result is NULL or has all required parts, and
+// nothing leaks (checked by the sanitizer build).
 TEST_F(RuntimeSpec, EveryFailingAllocationGivesNullOrWholeSections)
 {
     load(R"({"process":{"args":["/a","b"],"env":["A=1"]},"zarnel":{"rtp":{"rtpPriority":"1"}},

@@ -1,4 +1,4 @@
-// What a storage base forgets when it is collected, and what it keeps.
+// Tests of what a collection removes from a storage base, and what it keeps.
 #include "zncImageLib.hpp"
 #include "zncStoreLock.hpp"
 #include "zncStoreTree.hpp"
@@ -103,7 +103,7 @@ TEST_F(StoreCollect, ABundleKeepsWhatItNeedsWithoutBeingNamed)
     EXPECT_TRUE(fake::devices().contains(root_of(layered)));
 }
 
-TEST_F(StoreCollect, WhatABundleThatIsGoneNeededGoes)
+TEST_F(StoreCollect, WhatADeletedBundleNeededIsRemoved)
 {
     const std::string layered = unpacked("layered");
     const std::string flat = unpacked("flat", ZNC_OPT_FLATTEN);
@@ -130,7 +130,7 @@ TEST_F(StoreCollect, WhatABundleThatIsGoneNeededGoes)
     EXPECT_FALSE(fs::exists(base_ + "/.lock"));
 }
 
-TEST_F(StoreCollect, WhatTheCallerSaysIsInUseStays)
+TEST_F(StoreCollect, WhatTheCallerNamesIsKept)
 {
     const std::string layered = unpacked("layered");
     const std::string single = unpacked("single", 0, "single");
@@ -237,7 +237,7 @@ TEST_F(StoreCollect, WithoutAStoreThereIsNothingToDoAndNothingIsMade)
     EXPECT_EQ(errno, EINVAL);
 }
 
-// Whoever is stopped while he clears up what the dead left holds nobody up.
+// A process that is stopped while it removes leftovers does not block others.
 TEST_F(StoreCollect, LeftoversAreDeletedUnderTheSharedLock)
 {
     fs::create_directories(base_ + "/layers/.unpack-abcdef");
@@ -260,7 +260,7 @@ TEST_F(StoreCollect, LeftoversAreDeletedUnderTheSharedLock)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(StoreCollect, WhoeverHoldsTheLockAloneForLongIsNotWaitedForWithoutEnd)
+TEST_F(StoreCollect, WaitingForAnExclusiveLockHasATimeLimit)
 {
     fs::create_directories(base_);
     znc::StoreLock alone;

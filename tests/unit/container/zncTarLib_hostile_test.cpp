@@ -1,5 +1,5 @@
-// Archives made to get out of the target directory, and trees that change under the extractor.
-// Every test ends with the fixture's look at what lies beside the target.
+// Tests with archives that try to write outside the target directory, and with trees that change
+// during extraction. After every test the fixture checks the files next to the target.
 #include "tar_fixture.hpp"
 
 #include <atomic>
@@ -20,12 +20,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Where hostile links lead.
+// Targets of hostile links.
 const std::vector<std::string> kWays = {
     "../outside",        "..", "/", ".", "../outside/dir", "../outside/new",
     "../outside/secret", "a",  "l"};
 
-// One record of directory times, as raw memory.
+// Returns a record of directory times as raw bytes.
 std::string record(const std::string& name, time_t mtime)
 {
     DIR_TAR raw{};
@@ -36,7 +36,7 @@ std::string record(const std::string& name, time_t mtime)
 
 } // namespace
 
-// Of whatever kind a member is, it does not take the place of a directory that stands.
+// A member of any type does not replace an existing directory.
 TEST_F(TarHostile, NoMemberReplacesADirectory)
 {
     for (const char type : std::string("0123456789xgLKSV")) {
@@ -116,14 +116,14 @@ TEST_F(TarHostile, TargetItselfIsNeverRetyped)
             EXPECT_EQ(mode("."), 0755U) << name << type;
         }
     }
-    // A prefix of nothing but a separator leaves one for the name.
+    // A prefix that consists of a separator leaves one for the name.
     for (const char type : std::string("02")) {
         extract(Archive().member(Header("./", type).prefix("/").size(1).target("x"), "x").end());
         EXPECT_TRUE(is_dir("."));
     }
 }
 
-// The name of the file of directory times can be guessed, and a member may have it.
+// The name of the record file for directory times is predictable, so a member may use it.
 TEST_F(TarHostile, MemberNamedLikeTheRecordFileDoesNotReachIt)
 {
     tarFaults.nanoseconds = 0x1234;
@@ -150,7 +150,7 @@ TEST_F(TarHostile, MemberNamedLikeTheRecordFileDoesNotReachIt)
     archive.member(Header(".tard@#1234.sto").prefix("a/").size(5), "xxxxx");
     ASSERT_EQ(extract(archive.end()), OK);
     EXPECT_EQ(mtime("a"), 1111);
-    // As a link or a directory it is just a name that is taken.
+    // If the member is a link or a directory, the name is simply occupied.
     fs::remove_all(at("a"));
     EXPECT_EQ(
         extract(Archive().dir("a/").symlink("a/.tard@#1234.sto", "../../outside/secret").end()),
@@ -169,7 +169,7 @@ TEST_F(TarHostile, FileNamedLikeARecordFileElsewhereIsAFile)
     EXPECT_EQ(record_files(target_).size(), 1U);
 }
 
-// Should someone else write into the file all the same, times are set inside the target only.
+// Even if another process writes to the record file, times are set only inside the target.
 TEST_F(TarHostile, RecordsFromSomeoneElseAreConfined)
 {
     fs::create_directory(at("a"));
@@ -189,7 +189,7 @@ TEST_F(TarHostile, RecordsFromSomeoneElseAreConfined)
             viaLink ? std::vector<std::string>{"link", "link/dir", "link/secret", "a/../link/dir"}
                     : std::vector<std::string>{"../outside", "..", "a/../../outside/dir",
                                                "/../outside/secret", std::string(256, 'x')};
-        std::string records = record("a", 4444); // the first: the file is in its directory
+        std::string records = record("a", 4444); // the first record: the file is in this directory
         for (const std::string& name : names)
             records += record(name, 77);
         ASSERT_EQ(write(ctrl.dir_fd.get(), records.data(), records.size()),
@@ -215,12 +215,12 @@ TEST_F(TarHostile, RecordFileThatWasCutIsReadAsFarAsItGoes)
     strcpy(ctrl.dir_fname.get(), file.c_str());
     ctrl.targetFd.reset(open(target_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ctrl.dir_fd.reset(open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    ctrl.dir_cnt = 5; // and not one of them there
+    ctrl.dir_cnt = 5; // none of these directories exists
     EXPECT_EQ(tarProcDirs(&ctrl), OK);
-    EXPECT_FALSE(fs::exists(file)); // removed all the same
+    EXPECT_FALSE(fs::exists(file)); // it is removed nevertheless
 }
 
-// Whatever four members of these names and kinds do together, it stays inside.
+// Four members with random names and types never write outside the target.
 TEST_F(TarHostile, RandomMembersStayInside)
 {
     const std::vector<std::string> names = {"a",
@@ -271,9 +271,9 @@ TEST_F(TarHostile, RandomMembersStayInside)
     fs::create_directory(target_);
 }
 
-// Someone who may write to the tree, a container for one, puts a link in a parent's place again and
-// again.
-TEST_F(TarHostile, TreeThatChangesMeanwhileLeadsNowhere)
+// A process that can write to the tree, such as a container, repeatedly replaces a parent directory
+// by a link.
+TEST_F(TarHostile, TreeThatChangesDuringExtractionLeadsNowhereOutside)
 {
     fs::create_directories(at("a/dir"));
     fs::create_directory_symlink("../outside", at("b"));
@@ -295,8 +295,8 @@ TEST_F(TarHostile, TreeThatChangesMeanwhileLeadsNowhere)
         extract(archive);
     stop = true;
     flipper.join();
-    mayLeaveRecordFile_ = true; // in a directory that was moved away meanwhile
-    // Only the outside matters, which the fixture looks at.
+    mayLeaveRecordFile_ = true; // in a directory that was moved away during extraction
+    // Only the files outside the target matter; the fixture checks them.
     fs::remove_all(at("a"));
     fs::remove_all(at("b"));
 }
@@ -339,7 +339,7 @@ TEST_F(TarHostile, GzipArchiveCutAnywhereIsAnErrorUnlessAllDataIsThere)
         if (extract(packed.substr(0, cut)) != OK)
             continue;
         Tree got = snapshot(target_);
-        whole["link"].mtime = got["link"].mtime; // links keep the time they were made
+        whole["link"].mtime = got["link"].mtime; // the times of links are not restored
         EXPECT_EQ(got, whole) << cut;
     }
 }
@@ -353,7 +353,7 @@ TEST_F(TarHostile, BytesChangedAnywhereDoNoHarm)
         for (auto n = random() % 4 + 1; n > 0; --n) {
             const std::size_t block = random() % (bytes.size() / 512) * 512;
             bytes[block + random() % 512] = static_cast<char>(random());
-            // With a right checksum the change gets further.
+            // With a correct checksum the change reaches later checks.
             Header header;
             for (int f = 0; f <= static_cast<int>(Field::kPadding); ++f) {
                 const auto [offset, length] = tarforge::extent(static_cast<Field>(f));

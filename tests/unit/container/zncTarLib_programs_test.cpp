@@ -1,4 +1,4 @@
-// Archives that tar programs write, unpacked by us and by them.
+// Tests that compare the extractor with tar programs on archives that those wrote.
 #include "tar_fixture.hpp"
 
 #include <cstdlib>
@@ -24,8 +24,8 @@ class TarPrograms : public TarTest {
 
     void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
-    // Extracts an archive of the source tree with our code and compares. The command's output is
-    // $OUT.
+    // Extracts an archive of the source tree with the extractor and compares the trees. The command
+    // writes to $OUT.
     void compare(const std::string& command)
     {
         const std::string ours = at("ours");
@@ -114,13 +114,13 @@ TEST_F(TarPrograms, BsdtarUstar)
     compare("bsdtar --format=ustar -cf $OUT *");
 }
 
-// To a file: to a pipe it writes zeros behind the gzip member.
+// Writes to a file, because to a pipe bsdtar appends zeros after the gzip member.
 TEST_F(TarPrograms, BsdtarUstarGzipped)
 {
     compare("bsdtar --format=ustar -czf $OUT .");
 }
 
-// Without long names the older magic makes no difference.
+// Without long names the GNU magic makes no difference.
 TEST_F(TarPrograms, GnuFormatWithoutLongNames)
 {
     compare("rm -r a/d* && tar --format=gnu -cf $OUT .");

@@ -1,4 +1,4 @@
-// The tar extractor: its operations, its rules and its failures.
+// Tests of the tar extractor: its operations, rules and failures.
 #include "tar_fixture.hpp"
 
 #include "alloc_fault.hpp"
@@ -32,7 +32,7 @@ std::string bytes_of(std::size_t size)
     return text;
 }
 
-// As an image's layer, whose digest nobody looks at here.
+// Extracts as a layer of an image, without a digest.
 STATUS extract_whole(const std::string& archive, const std::string& target)
 {
     const std::string digest = "sha256:" + std::string(64, '0');
@@ -60,8 +60,8 @@ TEST(TarOctal, ReadsLikeScanf)
         {"644\0"
          "777"sv,
          true, 0644},
-        {"12345678", true, 01234567}, // an 8 is no octal digit
-        {"00000017", true, 017},      // no NUL needed
+        {"12345678", true, 01234567}, // 8 is not an octal digit
+        {"00000017", true, 017},      // a NUL is not required
         {"+17", true, 017},
         {"-1", true, ULONG_MAX},
         {"777777777777", true, 0777777777777},
@@ -192,7 +192,7 @@ TEST_F(TarExtract, SetMtimeOfAMissingPathFailsAndALinkIsNotFollowed)
 
 namespace {
 
-// A source whose reads are told in advance: sizes in bytes, 0 for the end, -1 for an error.
+// A source with predefined results of its reads: sizes in bytes, 0 for the end, -1 for an error.
 struct Script {
     TAR_COMPRESS tc;
     std::vector<ssize_t> results;
@@ -440,8 +440,8 @@ TEST_F(TarExtract, RecordFileIsNamedByTheClockAndLivesInTheFirstDirectory)
     EXPECT_EQ(record_files(target_), std::vector{at("first/.tard@#00ef.sto")});
 }
 
-// What the last member left behind the target directory is the separator; a name that condenses to
-// nothing leaves none.
+// The path buffer contains what the last member left after the target directory: a separator. A
+// name that condenses to nothing leaves none.
 TEST_F(TarExtract, TimesGoToTheTargetWhenTheLastNameWasNothing)
 {
     ASSERT_EQ(extract(Archive().dir("a/", 0755, 1111).dir("b/", 0755, 2222).dir("./").end()), OK);
@@ -514,7 +514,7 @@ TEST_F(TarExtract, RestIsDrainedWhateverItHolds)
 {
     std::vector<std::size_t> sizes;
     tarFaults.readSizes = &sizes;
-    // The end mark is in the first buffer, three more follow, the last of them odd.
+    // The end mark is in the first buffer; three more buffers follow, the last one incomplete.
     EXPECT_EQ(
         extract(Archive().file("f", "x").end(1).raw(std::string(512 * 9 + 100, 'j')).bytes(), 4),
         OK);
@@ -529,7 +529,7 @@ TEST_F(TarExtract, ShortFirstReadLowersTheBlockingFactor)
     tarFaults.readSizes = &sizes;
     EXPECT_EQ(extract(archive.bytes(), 200), OK);
     tarFaults.readSizes = nullptr;
-    // The gzip reader looks at the file first: its trailer, then its header.
+    // The gzip reader first reads the trailer of the file, then its header.
     ASSERT_GE(sizes.size(), 4U);
     EXPECT_EQ(sizes[2], 200U * 512);
     EXPECT_EQ(sizes[3], 3U * 512);
@@ -552,15 +552,15 @@ TEST_F(TarExtract, EmptyArchiveFails)
 TEST_F(TarExtract, ArchiveThatIsNotWholeBlocksFails)
 {
     const std::string bytes = Archive().file("f", bytes_of(1000)).end().bytes();
-    EXPECT_EQ(extract(bytes + "x"), ERROR); // in the first read
+    EXPECT_EQ(extract(bytes + "x"), ERROR); // fails in the first read
     EXPECT_FALSE(exists("f"));
-    EXPECT_EQ(extract(bytes.substr(0, 1024 + 100), 2), ERROR); // in a later one
+    EXPECT_EQ(extract(bytes.substr(0, 1024 + 100), 2), ERROR); // fails in a later read
     EXPECT_TRUE(exists("f"));
 }
 
 TEST_F(TarExtract, ReadErrorFails)
 {
-    // The gzip reader's two reads come first.
+    // The first two reads are those of the gzip reader.
     const std::string bytes = Archive().file("f", bytes_of(5000)).end().bytes();
     for (int nth = 3; nth <= 5; ++nth) {
         tarFaults.failRead = nth;
@@ -584,14 +584,14 @@ TEST_F(TarExtract, GzipDataDamagedInsideIsAnError)
     for (std::size_t at = 5000; at < 5100; ++at)
         packed[at] = '\xff';
     EXPECT_EQ(extract(packed), ERROR);
-    tarforge::Gzip promising; // a length in the trailer that the data does not have
+    tarforge::Gzip promising; // the length in the trailer exceeds that of the data
     promising.size = static_cast<std::uint32_t>(plain.size() + 512 * 100);
     const std::string unended = Archive().file("f", "x").bytes();
     promising.size = static_cast<std::uint32_t>(unended.size() + 512 * 100);
     EXPECT_EQ(extract(tarforge::gzip(unended, promising)), ERROR);
 }
 
-// The last four bytes of the file are taken for the length, whatever they are.
+// The last four bytes of the file are used as the length, whatever they contain.
 TEST_F(TarExtract, GzipArchiveWithZerosBehindItIsAnEmptyArchive)
 {
     tarforge::Gzip padded;
@@ -626,7 +626,8 @@ TEST_F(TarExtract, OnlyTheUnsignedChecksumIsAccepted)
 TEST_F(TarExtract, ChecksumOfAllSpacesDoesNotParse)
 {
     EXPECT_EQ(extract(Archive().member(Header("f").checksum("        ")).end()), ERROR);
-    // Nor is the number taken from the fields behind: type and link name make the right one here.
+    // Nor is the number read from the following fields: here type and link name would make it
+    // correct.
     Header header("f", '0');
     header.target("12345").checksum("        ");
     std::string block = header.block();
@@ -720,7 +721,7 @@ TEST_F(TarExtract, ExtendedHeadersAreIgnoredAndTheirDataIsReadAsAHeader)
         const Header header = Header("././@LongLink", type).size(30);
         EXPECT_EQ(extract(Archive().member(header, "30 path=somewhere/else/thirty\n").end()), ERROR)
             << type;
-        // Data that happens to be a header is one.
+        // Data that form a valid header are treated as one.
         const std::string inner = Header(std::string("inner") + std::string(1, type)).block();
         EXPECT_EQ(extract(Archive().member(Header("p", type).size(512), inner).end()), OK);
         EXPECT_TRUE(exists(std::string("inner") + std::string(1, type)));
@@ -728,7 +729,8 @@ TEST_F(TarExtract, ExtendedHeadersAreIgnoredAndTheirDataIsReadAsAHeader)
     }
 }
 
-// A target directory of exactly `length` bytes, in components that a file system takes.
+// Creates a target directory whose path has exactly `length` bytes, in components that a filesystem
+// accepts.
 static std::string deep_target(const std::string& root, std::size_t length)
 {
     std::string path = root;
@@ -746,7 +748,7 @@ TEST_F(TarExtract, MemberThatFillsThePathBufferIsSkippedAndItsDataReadAsHeaders)
         test_tree::write_file(archive_, archive.bytes());
         return zncTarExtract(archive_.c_str(), deep.c_str(), 200, FALSE);
     };
-    // 1010 + "/" + 12 + NUL is all there is room for.
+    // 1010 + "/" + 12 + NUL fill the buffer.
     EXPECT_EQ(run(Archive().file(std::string(12, 'f'), "x").file(std::string(13, 'g')).end()), OK);
     EXPECT_TRUE(test_tree::exists(deep + "/" + std::string(12, 'f')));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(deep), {}), 1);
@@ -760,7 +762,7 @@ TEST_F(TarExtract, RecordFileThatDoesNotFitBehindTheFirstDirectoryFails)
     EXPECT_EQ(zncTarExtract(archive_.c_str(), deep.c_str(), 200, FALSE), ERROR);
     test_tree::write_file(archive_, Archive().dir("1234567/", 0755, 1111).end().bytes());
     EXPECT_EQ(zncTarExtract(archive_.c_str(), deep.c_str(), 200, FALSE), OK);
-    // 16 bytes are enough, though the name then loses its last letter.
+    // 16 bytes suffice, but the name then loses its last letter.
     EXPECT_TRUE(std::filesystem::is_empty(deep + "/1234567"));
 }
 
@@ -837,7 +839,7 @@ TEST_F(TarExtract, DirectoryThatCannotBeMadeIsSkipped)
     ASSERT_EQ(extract(Archive().dir("f/").dir("l/").file("next", "next").end()), OK);
     EXPECT_EQ(content("f"), "x");
     EXPECT_EQ(content("next"), "next");
-    // That it was skipped shows when something is put in it.
+    // Whether the directory was skipped shows when a file is created in it.
     EXPECT_EQ(extract(Archive().dir("f/").file("f/x", "x").end()), ERROR);
     EXPECT_EQ(errno, ENOTDIR);
 }
@@ -970,7 +972,8 @@ TEST_F(TarExtract, WriteThatFailsOrFallsShortFails)
 
 TEST_F(TarExtract, FileAndDirectoryThatFindNoRoomAreLeftOutAndAWholeLayerIsNot)
 {
-    // A file system of one more file than its own directory: the first member gets it.
+    // A filesystem with room for only one file besides its root directory: the first member gets
+    // it.
     ASSERT_EQ(mount("little", target_.c_str(), "tmpfs", 0, "nr_inodes=2,mode=0700"), 0);
     const Archive archive = Archive().file("f", "x").file("g", "y").dir("d/").end();
     EXPECT_EQ(extract(archive), OK);
@@ -1020,7 +1023,7 @@ TEST_F(TarExtract, RecordFileThatCannotBeOpenedFailsWithItsNumber)
     ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
     ASSERT_EQ(chown(target_.c_str(), kNobody, kNobody), 0);
     test_tree::write_file(archive_, Archive().dir("d/", 0500).end().bytes());
-    ASSERT_EQ(seteuid(kNobody), 0); // root may write to any directory
+    ASSERT_EQ(seteuid(kNobody), 0); // root could write to any directory
     errno = 0;
     const STATUS status = zncTarExtract(archive_.c_str(), target_.c_str(), 200, FALSE);
     const int error = errno;
@@ -1071,7 +1074,7 @@ TEST_F(TarExtract, ClosingADirectoryThatFailsIsAnError)
     tarFaults.failCloseOfDirectory = 1;
     EXPECT_EQ(extract(Archive().dir("d/", 0755, 1111).end()), ERROR);
     EXPECT_EQ(errno, EIO);
-    struct stat st; // its time was not recorded yet
+    struct stat st; // its time has not been recorded yet
     ASSERT_EQ(lstat(at("d").c_str(), &st), 0);
     EXPECT_NE(st.st_mtim.tv_sec, 1111);
 }
@@ -1110,9 +1113,9 @@ TEST_F(TarExtract, TimesThatCannotBeSetAreNotReported)
 
 TEST_F(TarExtract, FailedAllocationsOfTheExtractorFail)
 {
-    // A plain archive: the source record, the gzip record and its two buffers come first, and
-    // without them the archive is read as what it is. Then the blocks, the path, the cache, and the
-    // record file's name.
+    // For a plain archive the first allocations are the source record, the gzip record and its two
+    // buffers; if they fail, the archive is read as uncompressed. Then follow the blocks, the path,
+    // the cache and the name of the record file.
     const std::string bytes = Archive().dir("d/").file("d/f", "x").end().bytes();
     const auto clear = [&] { std::filesystem::remove_all(at("d")); };
     for (unsigned nth = 1; nth <= 8; ++nth) {
@@ -1163,7 +1166,7 @@ class TarAccess : public TarTest {
         std::filesystem::create_directories(at("a/b/c"));
         std::filesystem::create_directories(at("ab"));
     }
-    // The member's name as mtAccess found it, or "" on failure.
+    // Returns the member's name as mtAccess resolved it, or "" on failure.
     std::string access(std::string path)
     {
         char* const last = mtAccess(&ctrl_, path.data());

@@ -1,4 +1,4 @@
-// Directories that are deleted later.
+// Tests of directories that are deleted later.
 #include "zncTrash.hpp"
 
 #include "eventually.hpp"
@@ -33,7 +33,7 @@ class Trash : public testing::Test {
         EXPECT_TRUE(znc::trash_settled(60000));
         ::unsetenv("ZNC_BASE");
     }
-    // A container's directory of `files` files.
+    // Creates a container's directory with `files` files.
     std::string tree(const std::string& id, int files) const
     {
         const std::string upper = area_ + "/" + id + "/upper/data";

@@ -232,7 +232,7 @@ TEST(ForeignTree, EveryFailedAllocationFailsOrIsNotNeeded)
         const STATUS result = znc::delete_foreign_tree((dir / "tree").c_str());
         const int err = errno;
         alloc_fault::disarm();
-        // The last scan of the final delete has nothing left to lose.
+        // If the allocation for the last scan of the final delete fails, nothing is lost.
         EXPECT_TRUE((result == ERROR && err == ENOMEM) || !exists(dir / "tree")) << nth;
     }
 }

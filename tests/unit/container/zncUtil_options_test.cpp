@@ -1,5 +1,4 @@
-// The credential prompt's dealings with the terminal's option word, on a terminal that only
-// answers.
+// Tests of how the credential prompt changes the terminal's option word, with a fake terminal.
 #include "zarnel/terminal.h"
 #include "zncontainer.h"
 
@@ -15,8 +14,8 @@ namespace {
 
 struct Terminal {
     int word = 0;
-    std::vector<int> set; // every word set, in order
-    size_t fails_at = 0;  // 1: the get, 2: the first set, 3: the second
+    std::vector<int> set; // all words that were set, in order
+    size_t fails_at = 0;  // 1: getting, 2: the first setting, 3: the second
     size_t calls = 0;
 };
 Terminal terminal;

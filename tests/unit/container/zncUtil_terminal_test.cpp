@@ -1,4 +1,4 @@
-// The credential prompt, on a terminal of its own for each test.
+// Tests of the credential prompt, with a new terminal for each test.
 #include "zncontainer.h"
 
 #include "base/owned.hpp"
@@ -19,7 +19,7 @@
 
 namespace {
 
-// What the call did, as the process that made it reports.
+// The result of the call, reported by the process that made it.
 struct Report {
     STATUS status;
     int err;
@@ -38,7 +38,8 @@ class Prompt : public ::testing::Test {
         slave_.reset(slave);
     }
 
-    // Makes the call in a process with `in` as standard input; read its output and report later.
+    // Makes the call in a process with `in` as standard input; read its output and report
+    // afterwards.
     void ask(int in, size_t size, const char* prompt, bool read_rest = false)
     {
         int out[2];
@@ -73,7 +74,7 @@ class Prompt : public ::testing::Test {
         return found;
     }
 
-    // Types once the prompt stands and the echo is off.
+    // Types when the prompt has been printed and echo is off.
     void type(const std::string& text)
     {
         ASSERT_TRUE(eventually([this] { return (settings().c_lflag & ECHO) == 0; }));

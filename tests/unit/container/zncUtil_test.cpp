@@ -181,7 +181,7 @@ class FindSubDir : public ::testing::Test {
         return zncUtilFindSubDirAndClean(name.c_str(), sub_.data(), room, clean);
     }
 
-    // The directory's path in `len` characters.
+    // Returns a path of the directory with `len` characters.
     std::string long_name(size_t len) const
     {
         std::string name = dir_.path();
@@ -389,7 +389,7 @@ TEST(Xdelete, FailedAllocationOfThePathBuffersIsAnErrorAndDeletesNothing)
     EXPECT_TRUE(exists(dir / "f"));
 }
 
-// zncUtilXdelete in a process of its own, for trees on which it does not end.
+// Runs zncUtilXdelete in a child process, for trees on which it does not return.
 class Deletion {
   public:
     explicit Deletion(const std::string& path)
@@ -408,12 +408,13 @@ class Deletion {
     Deletion(const Deletion&) = delete;
     Deletion& operator=(const Deletion&) = delete;
 
-    // Waits until `path` is gone; says whether the deletion goes on.
+    // Waits until `path` has been deleted; returns whether the deletion is still running.
     bool goes_on_after_removing(const std::string& path) const
     {
         if (!eventually([&] { return !exists(path) || ended(); }) || ended())
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // some hundred passes more
+        // long enough for hundreds of passes
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return !ended();
     }
 

@@ -1,4 +1,4 @@
-// Jobs done on several processors, with the results of doing them one after the other.
+// Tests of jobs that run on several processors with the same results as one after the other.
 #include "zncWorkAhead.hpp"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ constexpr std::size_t kCount = 60;
 struct Row {
     std::array<std::atomic<int>, kCount> done = {};
     std::array<std::atomic<std::thread::id>, kCount> by = {};
-    std::atomic<int> unblocked = 0; // helpers that a signal can reach
+    std::atomic<int> unblocked = 0; // number of helper threads that do not block signals
 
     static STATUS job(void* self, std::size_t index)
     {
@@ -97,7 +97,7 @@ TEST(WorkAhead, HelpersTakeNoSignalsAndTheCallersMaskStays)
 TEST(WorkAhead, EndingEarlyWaitsForWhatWasBegunAndKeepsTheErrorNumber)
 {
     for (int round = 0; round < 50; round++) {
-        Row row; // goes after the jobs: a sanitizer sees one that still runs
+        Row row; // destroyed after the jobs: a sanitizer detects a job that is still running
         znc::WorkAhead work(Row::job, &row, kCount);
         work.start();
         EXPECT_EQ(work.result(3), ERROR);

@@ -1,4 +1,4 @@
-// Archives of every tar program, and those that no program writes.
+// Tests with archives of all tar programs, and with archives that no program writes.
 #include "import/source/archive.hpp"
 #include "tarforge.hpp"
 #include "zncimport_input.hpp"
@@ -21,7 +21,7 @@ struct Read {
 
 std::vector<Read> read_tar(const std::string& bytes, const Limits& limits = {})
 {
-    std::setlocale(LC_CTYPE, "C.UTF-8"); // as the program does
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // as zncctl-import does
     TextReader source(bytes);
     Budget budget(limits);
     ArchiveReader archive(source, "archive", budget);
@@ -51,7 +51,7 @@ const Read& at(const std::vector<Read>& all, const std::string& path)
     return *found;
 }
 
-// What a program makes of a directory that the commands fill.
+// Returns the archive that a program makes from a directory filled by the commands.
 std::string made(const std::string& fill, const std::string& program)
 {
     const test_tree::TempDir dir;
@@ -66,7 +66,7 @@ const std::string kFill = "mkdir d; printf text >d/" + kLong + "; ln -s " + kTar
 
 void check_usual(const std::vector<Read>& all, const std::string& top)
 {
-    // Which of the two names comes first is the program's affair.
+    // The order of the two names depends on the program.
     const Read& first = at(all, top + "d/" + kLong);
     const Read& second = at(all, top + "d/second");
     const bool plain = first.member.kind == Kind::kFile;
@@ -191,7 +191,7 @@ TEST(Archive, ExtendedAttributesAndAccessListsAreNamed)
     EXPECT_EQ(read_tar(tar).at(0).member.xattrs, expected);
 }
 
-TEST(Archive, DataStandsWhereItIsSaidToBe)
+TEST(Archive, DataIsAtTheReportedOffset)
 {
     for (const char* format : {"gnu", "posix", "ustar"}) {
         const std::string name = std::string(format) == "ustar" ? "f" : kLong;
@@ -202,7 +202,7 @@ TEST(Archive, DataStandsWhereItIsSaidToBe)
     }
 }
 
-TEST(Archive, WithoutMembersIsOne)
+TEST(Archive, WithoutMembersIsValid)
 {
     EXPECT_TRUE(read_tar("").empty());
     EXPECT_TRUE(read_tar(std::string(1024, '\0')).empty());
@@ -244,7 +244,7 @@ TEST(Archive, MembersAreCounted)
     EXPECT_TRUE(has(problem_of(archive.file("c").bytes(), limits), "--max-entries"));
 }
 
-TEST(Archive, WhatTheSourceThrowsComesThrough)
+TEST(Archive, ExceptionsOfTheSourceArePassedOn)
 {
     const std::string tar = tarforge::Archive().file("f", std::string(200000, 'x')).bytes();
     TextReader source(tar);
@@ -262,7 +262,7 @@ TEST(Archive, WhatTheSourceThrowsComesThrough)
                     "--max-bytes"));
 }
 
-// Names stay in memory, data does not.
+// Names are kept in memory, data are not.
 TEST(Archive, MoreBytesOfNamesThanSoManyMembersNeedAreAnError)
 {
     const std::string tar =

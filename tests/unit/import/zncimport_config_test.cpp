@@ -1,4 +1,4 @@
-// The configuration and the manifest of a new image.
+// Tests of the configuration and the manifest of a new image.
 #include "import/output/image_config.hpp"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,7 @@ class Config : public testing::Test {
         const zncctl::Json config = settled("{\"config\":" + text + "}");
         return compact(*member(config, "config"));
     }
-    // "User" as it is afterwards, "" for none.
+    // Returns the resulting "User", "" for none.
     std::string user(const std::string& text)
     {
         const zncctl::Json config = settled("{\"config\":{\"User\":\"" + text + "\"}}");

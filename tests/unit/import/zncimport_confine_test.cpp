@@ -1,5 +1,5 @@
-// What the process that reads images can no longer do. Each test looks from inside a child that
-// gave up its rights; its exit status is the number of the first look that found something.
+// Tests of what the confined worker process can no longer do. Each test checks from inside a child
+// that has dropped its privileges; the exit status is the number of the first check that failed.
 #include "import/confine.hpp"
 #include "import/source/failure.hpp"
 
@@ -40,7 +40,8 @@ int in_child(const std::function<int()>& looks)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Whether the kernel has it; without, a process of root's that reads a directory could write there.
+// Whether the kernel supports Landlock. Without it a worker started by root that reads a directory
+// could write there.
 bool landlock()
 {
     const bool has = ::syscall(SYS_landlock_create_ruleset, nullptr, 0, 1) > 0;
@@ -141,7 +142,7 @@ TEST_F(Confine, BelowTheSourceFilesAreReadWhateverTheirModeAndNothingIsWritten)
         0);
 }
 
-TEST_F(Confine, RootBecomesSomebodyElseAndCannotComeBack)
+TEST_F(Confine, RootBecomesNobodyAndCannotReturn)
 {
     ASSERT_EQ(::geteuid(), 0U);
     EXPECT_EQ(in_child([] {
@@ -162,7 +163,7 @@ TEST_F(Confine, RootBecomesSomebodyElseAndCannotComeBack)
               0);
 }
 
-// There root has nobody to become.
+// In this user namespace nobody is not mapped, so root cannot change its user.
 TEST_F(Confine, RootOfANamespaceOfOneUserLosesItsRights)
 {
     constexpr int kNoNamespace = 50;
@@ -185,7 +186,7 @@ TEST_F(Confine, RootOfANamespaceOfOneUserLosesItsRights)
     EXPECT_EQ(found, 0);
 }
 
-TEST_F(Confine, SomebodyElseIsConfinedToo)
+TEST_F(Confine, AnUnprivilegedUserIsConfinedToo)
 {
     const znc::UniqueFd source = open_source();
     fs::permissions(file_, fs::perms::others_read);

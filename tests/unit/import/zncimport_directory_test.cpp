@@ -1,4 +1,4 @@
-// A directory of the file system as a layer.
+// Tests of reading a directory of the file system as a layer.
 #include "eventually.hpp"
 #include "import/merge/directory_tree.hpp"
 #include "zncimport_input.hpp"

@@ -1,4 +1,4 @@
-// The archive of a tree, read again by the extractor and by tar.
+// Tests of the archive of a tree, read back by the extractor and by tar.
 #include "import/merge/ustar.hpp"
 #include "import/output/emit.hpp"
 
@@ -44,7 +44,7 @@ std::string archive_of(const Tree& tree, const Spool& spool, LayerRange layers =
     return bytes;
 }
 
-// "type name" of every member, in order; the two zero blocks are checked.
+// Returns "type name" of every member, in order, and checks the two zero blocks.
 std::vector<std::string> members(const std::string& archive)
 {
     std::vector<std::string> result;
@@ -65,7 +65,7 @@ using Names = std::vector<std::string>;
 
 namespace fs = std::filesystem;
 
-// What lies below a directory: names with types, modes, times and contents.
+// Describes everything below a directory: names with types, modes, times and contents.
 Names listing(const fs::path& dir)
 {
     Names all;
@@ -83,7 +83,7 @@ Names listing(const fs::path& dir)
     return all;
 }
 
-// A tree with names and targets as long as they may be.
+// A tree with names and targets of the maximum length.
 Tree large_tree(Spool& spool)
 {
     Tree tree;
@@ -161,7 +161,7 @@ TEST(Emit, FailsWhenTheSpoolIsShorterThanTheFile)
     EXPECT_THROW(archive_of(tree, Spool("/tmp")), Failure);
 }
 
-TEST(Emit, FailsForWhatHasNoPlaceInAHeader)
+TEST(Emit, FailsForMembersThatDoNotFitAHeader)
 {
     for (const auto& [name, bad] :
          {std::pair{"a\\b", node(Kind::kFile)}, {"l", link("")}, {"o", node(Kind::kOther)}}) {
@@ -175,7 +175,7 @@ TEST(Emit, FailsForWhatHasNoPlaceInAHeader)
     EXPECT_THROW(archive_of(tree, Spool("/tmp")), Failure);
 }
 
-TEST(Emit, IsTakenWholeByTheExtractorAndByOthers)
+TEST(Emit, IsExtractedCompletelyByTheExtractorAndByOthers)
 {
     Spool spool("/tmp");
     const layout::TempDir dir;

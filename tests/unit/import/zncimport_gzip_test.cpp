@@ -1,4 +1,5 @@
-// The compressed layer: one member that every reader takes, the same for any number of threads.
+// Tests of the compressed layer: one gzip member that every reader accepts, identical for any
+// number of threads.
 #include "import/output/gzip_writer.hpp"
 
 #include "layout_builder.hpp"
@@ -16,7 +17,7 @@ namespace {
 
 constexpr std::size_t kMiB = std::size_t{1} << 20U;
 
-// Text that repeats itself, with a part in it that does not.
+// Repetitive text that contains an incompressible part.
 std::string sample(std::size_t size)
 {
     std::mt19937_64 random(size);
@@ -66,7 +67,7 @@ std::string compressed(const std::string& text, Compressor compressor, unsigned 
     return out;
 }
 
-// What zlib makes of the first member; nothing may be behind it.
+// Decompresses the first member with zlib; nothing may follow it.
 std::string inflated(std::string packed, std::size_t size)
 {
     z_stream stream{};
@@ -83,7 +84,7 @@ std::string inflated(std::string packed, std::size_t size)
     return text;
 }
 
-// The same by the library's own reader, which takes the length from the trailer.
+// The same with the library's reader, which takes the length from the trailer.
 std::string read_by_library(const std::string& packed, std::size_t size)
 {
     const layout::TempDir dir;
@@ -159,7 +160,8 @@ TEST_P(Gzip, IsTheSameForAnyNumberOfThreadsAndAnyParts)
         EXPECT_TRUE(compressed(text, GetParam(), 2, part) == packed) << part;
 }
 
-// Each piece begins with the end of the one before it in mind: noise that comes again costs little.
+// Each piece uses the end of the previous one as its dictionary: repeated random data compress well
+// across pieces.
 TEST_P(Gzip, RemembersAcrossPieces)
 {
     const std::string again = noise(20000);

@@ -1,4 +1,4 @@
-// What strangers write into images, through all of the reading process's work.
+// Tests with hostile images that run all the work of the worker process.
 #include "import/convert.hpp"
 #include "layout_builder.hpp"
 #include "zncimport_input.hpp"
@@ -32,7 +32,7 @@ std::string tag_from(const std::string& name)
 
 } // namespace
 
-TEST(Hostile, OnlyATagIsTakenForOne)
+TEST(Hostile, OnlyAValidTagIsAccepted)
 {
     EXPECT_EQ(tag_from("app:1.0-a_b"), "1.0-a_b");
     EXPECT_EQ(tag_from("registry:5000/app:v1"), "v1");
@@ -43,8 +43,9 @@ TEST(Hostile, OnlyATagIsTakenForOne)
     EXPECT_EQ(tag_from("app:" + std::string(129, 'a')), "");
 }
 
-// One line for each of a million files is much to hand from process to process for nothing.
-TEST(Hostile, TheReportIsWrittenOnlyForWhoAskedForIt)
+// A report with a line for each of a million files is not sent between the processes unless it was
+// requested.
+TEST(Hostile, TheReportIsWrittenOnlyOnRequest)
 {
     const test_tree::TempDir dir;
     shell(dir, "echo x >f; tar --owner=7 --group=7 -cf t f");
@@ -59,7 +60,7 @@ TEST(Hostile, TheReportIsWrittenOnlyForWhoAskedForIt)
     EXPECT_EQ(with.layers.at(0).digest, without.layers.at(0).digest);
 }
 
-// ".." again and again, from far down: each step is one look, not one for each directory above.
+// Many ".." in a deep directory: each must cost one lookup, not one for each parent directory.
 TEST(Hostile, LongTargetsThatGoUpAndDownLeadWhereTheySay)
 {
     const test_tree::TempDir dir;

@@ -1,5 +1,5 @@
-// zncimport_input.hpp - what the tests of an import's input share: files made by the usual tools,
-// and failures as text.
+// zncimport_input.hpp - helpers for tests of an import's input: files made by common tools, and
+// failures as text.
 #ifndef ZNCIMPORT_INPUT_HPP
 #define ZNCIMPORT_INPUT_HPP
 
@@ -22,14 +22,14 @@ inline znc::UniqueFd open_file(const std::string& path)
     return file;
 }
 
-// The commands run in the directory; one that fails ends them.
+// Runs the commands in the directory; stops at the first that fails.
 inline void shell(const test_tree::TempDir& dir, const std::string& commands)
 {
     const std::string all = "set -e; cd " + dir.path() + "; " + commands;
     ASSERT_EQ(std::system(all.c_str()), 0) << commands;
 }
 
-// "object: message" of what it throws, "" if it throws nothing.
+// Returns "object: message" of the Failure that the function throws, "" if it throws none.
 inline std::string failure_of(const std::function<void()>& action)
 {
     try {
@@ -59,7 +59,7 @@ inline std::string sha256(const std::string& text)
     return zncctl::digest_of(text);
 }
 
-// A Reader of a text, at most `most` bytes at a time.
+// A Reader of a string that returns at most `most` bytes at a time.
 class TextReader : public zncimport::Reader {
   public:
     explicit TextReader(std::string text, std::size_t most = SIZE_MAX)

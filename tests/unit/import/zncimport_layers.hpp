@@ -1,4 +1,5 @@
-// zncimport_layers.hpp - layers made in tests, member by member, and what came out of a merge.
+// zncimport_layers.hpp - builds layers member by member for tests, and describes the result of a
+// merge.
 #ifndef ZNCIMPORT_LAYERS_HPP
 #define ZNCIMPORT_LAYERS_HPP
 
@@ -32,7 +33,7 @@ inline Entry directory(const std::string& path, std::uint32_t mode = 0755)
     return made;
 }
 
-// Its content is told by where in the spool it would be.
+// Contents are distinguished by their offsets in the spool.
 inline Entry file(const std::string& path, std::uint64_t place = 0, std::uint64_t size = 10)
 {
     Entry made = entry(Kind::kFile, path);
@@ -53,8 +54,8 @@ inline Entry hardlink(const std::string& path, const std::string& target)
 
 using Layer = std::vector<Entry>;
 
-// Every path of a tree in the order in which it is written, directories with a final "/", links
-// with what they lead to.
+// Returns every path of a tree in the order in which it is written, directories with a final "/",
+// links with their targets.
 inline void add_names(const Node& directory, const std::string& path,
                       std::vector<std::string>& names)
 {
@@ -76,7 +77,7 @@ inline std::vector<std::string> names(const zncimport::Tree& tree)
     return result;
 }
 
-// What goes wrong in a call, or "" for nothing.
+// Returns the message of the Failure that a call throws, or "".
 template <class Call> std::string failure_of(Call call)
 {
     try {

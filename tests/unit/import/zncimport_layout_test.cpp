@@ -1,4 +1,5 @@
-// Images put into layouts: nothing is lost, whoever else writes and whenever a writer ends.
+// Tests of adding images to layouts: nothing is lost, even with concurrent writers and when a
+// writer ends at any time.
 #include "import/output/layout_writer.hpp"
 
 #include "front/files.hpp"
@@ -26,7 +27,7 @@ using namespace zncimport;
 
 namespace {
 
-bool no_unnamed_files = false; // as on a file system that has none
+bool no_unnamed_files = false; // makes O_TMPFILE fail, as on a file system without it
 
 } // namespace
 
@@ -53,7 +54,7 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-// The documents of a small image whose layer is `text`.
+// Returns the documents of a small image whose layer is `text`.
 struct NewImage {
     explicit NewImage(const std::string& text) : layer(layout::gzip(layout::tar({{"file", text}})))
     {
@@ -71,7 +72,7 @@ struct NewImage {
     std::string manifest;
 };
 
-// An import from its first step to the one of that number; 5 is the last.
+// Performs an import up to and including the step of that number; 5 is the last.
 void put(const std::string& path, const std::string& tag, const NewImage& image, bool replace,
          int steps = 5)
 {
@@ -95,7 +96,7 @@ void put(const std::string& path, const std::string& tag, const NewImage& image,
         writer.add_to_index({digest, image.manifest.size(), tag, "zarnel", "amd64", ""});
 }
 
-// All files with their content, and the names of directories and links.
+// Returns all files with their contents, and the names of directories and links.
 Texts contents(const fs::path& dir)
 {
     Texts all;
@@ -107,7 +108,7 @@ Texts contents(const fs::path& dir)
     return all;
 }
 
-// Whether the library takes the whole layout, every blob of it.
+// Returns whether the library accepts the layout and every blob of it.
 bool is_valid(const std::string& path)
 {
     const std::unique_ptr<OCI_IMAGE, decltype(&zncImageInfoDelete)> image(zncImageInfoCreate(),
@@ -116,7 +117,7 @@ bool is_valid(const std::string& path)
     return zncctl::call_library([&] { return zncImageParse(image.get()); }) == OK;
 }
 
-// The manifest that unpacking would take.
+// Returns the manifest that unpacking would select.
 std::string manifest_of(const std::string& path, const std::string& tag)
 {
     std::string problem;
@@ -131,7 +132,7 @@ std::string digest_of_text(const std::string& text)
     return "sha256:" + layout::sha256_hex(text);
 }
 
-// Runs it in a process of its own.
+// Runs the function in a child process.
 pid_t in_process(const std::function<void()>& work)
 {
     const pid_t pid = ::fork();
@@ -153,7 +154,7 @@ int exit_of(pid_t pid)
     return status;
 }
 
-// Takes all room of a file system but so many pages.
+// Fills a file system except for this number of pages.
 void fill(const std::string& path, int free)
 {
     const znc::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -245,8 +246,8 @@ TEST_F(LayoutWriterTest, ReplacesAnImageOnlyWhenItMay)
     EXPECT_EQ(zncctl::read_layout(path_, problem)->size(), 2U);
 }
 
-// An entry without a name is taken as "latest", and one without a platform for its
-// configuration's: a new entry behind it would never be found.
+// An entry without a name counts as "latest", and one without a platform has that of its
+// configuration: unpacking would select it rather than a new entry after it.
 TEST_F(LayoutWriterTest, TakesEntriesForImagesAsUnpackingDoes)
 {
     layout::Layout built(path_);
@@ -306,7 +307,8 @@ TEST_F(LayoutWriterTest, ReplacesABlobThatIsNotWhatItsNameSays)
 {
     put(path_, "v1", one_, false);
     const fs::path blob = path_ + "/blobs/sha256/" + layout::sha256_hex(one_.layer);
-    layout::write_file(blob, std::string(one_.layer.size(), 'x')); // damaged, of the same length
+    // damaged, but of the same length
+    layout::write_file(blob, std::string(one_.layer.size(), 'x'));
     put(path_, "v2", one_, false);
     EXPECT_EQ(layout::read_file(blob), one_.layer);
     layout::write_file(blob, "torn");
@@ -422,7 +424,7 @@ TEST_F(LayoutWriterTest, LosesNoImageOfWritersAtTheSameTime)
         }
 }
 
-// Writers that make the directory and fail do not take it from under one that waits for it.
+// A writer that creates the directory and fails must not remove it from a writer that is waiting.
 TEST_F(LayoutWriterTest, SurvivesWritersThatTakeTheirNewLayoutAwayAgain)
 {
     for (int round = 0; round < 20; round++) {
@@ -464,10 +466,10 @@ TEST_F(LayoutWriterTest, HoldsTheOldOrTheNewImageWheneverAWriterIsKilled)
     EXPECT_EQ(killed, 200);
     put(path_, "v1", one_, true);
     put(path_, "v2", two_, true);
-    EXPECT_EQ(contents(path_).size(), 10U); // of both images, and nothing else
+    EXPECT_EQ(contents(path_).size(), 10U); // the blobs of both images, and nothing else
 }
 
-// Other users may read a layout, and lock what they can open for reading.
+// Other users may read a layout, and can lock any file that they can open for reading.
 TEST_F(LayoutWriterTest, DoesNotWaitForALockThatEveryReaderOfTheLayoutCanTake)
 {
     constexpr unsigned kSecondsToHang = 30;
@@ -504,8 +506,8 @@ TEST_F(LayoutWriterTest, HoldsALockThatNoOtherUserCanOpenAndThatGoesWithIt)
     EXPECT_FALSE(fs::exists(lock));
 }
 
-// A new layout appears as a whole or not at all, and can be gone on with.
-TEST_F(LayoutWriterTest, CanBeGoneOnWithWheneverTheFirstWriterIsKilled)
+// A new layout is created completely or not at all, and a later import can continue.
+TEST_F(LayoutWriterTest, CanBeContinuedWheneverTheFirstWriterIsKilled)
 {
     std::mt19937 random(20260102);
     for (int round = 0; round < 100; round++) {
@@ -537,7 +539,7 @@ TEST_F(LayoutWriterTest, LeavesTheLayoutAsItWasWhenTheDiskIsFull)
     EXPECT_FALSE(fs::exists(path));
     put(path, "v1", one_, false);
     const Texts before = contents(path);
-    // One page more is free each time, so that each step is once the one that fails.
+    // Each round has one more free page, so that each step fails once.
     int failed = 0;
     bool done = false;
     for (int free = 0; free < 12 && !done; free++) {

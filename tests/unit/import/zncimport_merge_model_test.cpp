@@ -1,8 +1,8 @@
-// zncimport_merge_model_test.cpp - the merge against a second one: a flat list of paths, on which
-// the rules of layers are written down as plainly as they can be.
+// zncimport_merge_model_test.cpp - compares the merge with a second implementation: a flat list of
+// paths that implements the rules of layers as simply as possible.
 //
-// Layers are made at random. The seed is printed, ZNC_MERGE_SEED=N replays it from there, and
-// ZNC_MERGE_ROUNDS=N changes how many pairs there are.
+// Layers are random. The seed is printed; ZNC_MERGE_SEED=N repeats a run, and ZNC_MERGE_ROUNDS=N
+// sets the number of pairs.
 #include "zncimport_layers.hpp"
 
 #include "front/words.hpp"
@@ -28,7 +28,7 @@ struct Broken : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What a path stands for. Names of one file have the same number.
+// The object at a path. Names of the same file have the same number.
 struct Thing {
     Kind kind = Kind::kDirectory;
     unsigned mode = 0755;
@@ -47,7 +47,7 @@ Path components(const std::string& text)
     return path;
 }
 
-// Without "..", which must not go above the root.
+// Resolves "..", which must not leave the root.
 Path plain(const std::string& text)
 {
     Path path;
@@ -89,8 +89,8 @@ class Model {
     [[nodiscard]] const std::map<Path, Thing>& things() const { return things_; }
 
   private:
-    // The real place of a directory, one step after the other; missing ones are made with a time,
-    // or there is no place. A file on the way gives way to a directory.
+    // Resolves a directory component by component. Missing directories are created with the given
+    // time, or else the result is empty. A file in the path is replaced by a directory.
     std::optional<Path> directory(const Path& names, std::optional<std::int64_t> time)
     {
         Path here;
@@ -199,7 +199,7 @@ class Model {
         things_[real] = thing;
     }
 
-    // What a hard link's target is; the root is a directory.
+    // Returns the target of a hard link; the root is a directory.
     const Thing* file_at(const Path& target)
     {
         static const Thing root;
@@ -210,7 +210,7 @@ class Model {
         return found != things_.end() ? &found->second : nullptr;
     }
 
-    // As long as one of the links that wait finds something.
+    // Repeat while any unresolved link finds its target.
     void resolve()
     {
         for (bool again = true; again;) {
@@ -257,7 +257,7 @@ class Maker {
         return made;
     }
 
-    // Errors are less interesting than trees: most paths stay inside.
+    // Trees are more interesting than errors, so most paths stay inside the root.
     std::string inside()
     {
         for (;;) {
@@ -332,13 +332,13 @@ std::string text_of(const Layer& layer)
     return text;
 }
 
-// A line for each path; a file is called after the first of its names.
+// Returns a line for each path; a file is identified by its first name.
 struct Line {
     Kind kind;
     unsigned mode;
     std::int64_t mtime;
     std::string target;
-    const void* file; // which one
+    const void* file; // identifies the file
 };
 
 std::string text_of(const std::map<Path, Line>& lines)

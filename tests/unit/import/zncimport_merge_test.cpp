@@ -1,4 +1,4 @@
-// zncimport_merge_test.cpp - the rules by which layers are put upon each other, each by its name.
+// zncimport_merge_test.cpp - tests of the rules for merging layers.
 #include "zncimport_layers.hpp"
 
 #include "import/merge/ustar.hpp"
@@ -47,7 +47,7 @@ class MergeTest : public testing::Test {
     Merge merge{limits, report};
 };
 
-// An archive in memory, made header by header.
+// An archive in memory, built header by header.
 class Archive : public Reader {
   public:
     void add(const std::string& path, char type, const std::string& data,
@@ -188,7 +188,7 @@ TEST_F(MergeTest, WhiteoutsOfNoNameAndBelowWhiteoutsAreErrors)
 {
     for (const char* path : {".wh.", "d/.wh.", ".wh..", ".wh..."})
         EXPECT_TRUE(says(failure_of([&] { Merge(limits, report).add_layer({file(path)}); }),
-                         "whiteout of no name"))
+                         "whiteout without a name"))
             << path;
     EXPECT_TRUE(says(problem({{file(".wh.d/f")}}), "below a whiteout"));
 }

@@ -1,4 +1,4 @@
-// What the words of `zncctl import` mean.
+// Tests of the options of `zncctl import`.
 #include "import/options.hpp"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ zncctl::Arguments words(const std::map<std::string, std::string>& options,
     return args;
 }
 
-// What is wrong with them; "" if nothing.
+// Returns the error message for the arguments; "" if they are valid.
 std::string problem(const std::map<std::string, std::string>& options)
 {
     try {
@@ -106,7 +106,7 @@ TEST(Options, LimitsAreNumbersOfAtLeastOne)
         EXPECT_NE(problem({{"max-bytes", text}}), "") << text;
 }
 
-TEST(Options, AWordThatIsNoChoiceNamesThem)
+TEST(Options, AnInvalidChoiceIsRefusedAndTheChoicesAreNamed)
 {
     EXPECT_EQ(problem({{"hardlinks", "all"}}),
               "--hardlinks is \"auto\" or \"copy\" or \"symlink\"");

@@ -1,4 +1,4 @@
-// What the process that reads an image tells the other.
+// Tests of the result that the worker process sends to its parent.
 #include "import/outcome.hpp"
 
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ std::string problem(const std::string& text)
     }
 }
 
-constexpr const char* kNoAnswer = "the process that read the image gave no usable answer";
+constexpr const char* kNoAnswer = "the process reading the image returned an invalid result";
 
 } // namespace
 
@@ -69,7 +69,7 @@ TEST(Outcome, AFailureArrivesWithItsObjectAndStatus)
     }
 }
 
-TEST(Outcome, WhatIsNoneIsRefused)
+TEST(Outcome, InvalidDocumentsAreRefused)
 {
     EXPECT_EQ(problem(""), kNoAnswer);
     EXPECT_EQ(problem("{"), kNoAnswer);
@@ -81,8 +81,8 @@ TEST(Outcome, WhatIsNoneIsRefused)
         EXPECT_EQ(problem(good.substr(0, length)), kNoAnswer) << length;
 }
 
-// A digest becomes the name of a file.
-TEST(Outcome, OnlyDigestsAreTakenForDigests)
+// Digests are used as file names.
+TEST(Outcome, InvalidDigestsAreRefused)
 {
     for (const std::string& digest :
          {std::string(), std::string("sha256:"), "sha256:" + std::string(63, 'a'),

@@ -1,5 +1,5 @@
-// zncimport_prepare_test.cpp - the shape that the merged tree gets for the new layer, and what is
-// said about it.
+// zncimport_prepare_test.cpp - tests of how the merged tree is changed for the new layer, and of
+// what is reported.
 #include "import/merge/prepare.hpp"
 #include "zncimport_layers.hpp"
 
@@ -37,7 +37,7 @@ class PrepareTest : public testing::Test {
     {
         return failure_of([&] { prepared(layer); });
     }
-    // "word path" of each item, and its detail behind a colon.
+    // Returns "word path" of each item, followed by ":" and its detail.
     [[nodiscard]] Names items() const
     {
         Names result;
@@ -156,7 +156,7 @@ TEST_F(PrepareTest, NamesThatDoNotFitFailAndSayHowToGoOn)
     }
     EXPECT_TRUE(says(problem({file("big", 0, std::uint64_t{1} << 32U)}), "4 GiB"));
     EXPECT_TRUE(says(problem({symbolic("l", "")}), "without a target"));
-    EXPECT_TRUE(says(problem({entry(Kind::kOther, "o")}), "kind"));
+    EXPECT_TRUE(says(problem({entry(Kind::kOther, "o")}), "type"));
 }
 
 TEST_F(PrepareTest, NamesThatDoNotFitAreDroppedOnRequestWithWhatTheyHold)

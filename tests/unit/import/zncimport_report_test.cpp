@@ -1,4 +1,4 @@
-// zncimport_report_test.cpp - what an import lost, as one line and as a document.
+// zncimport_report_test.cpp - tests of the report of an import, as one line and as a document.
 #include "import/merge/report.hpp"
 
 #include <gtest/gtest.h>

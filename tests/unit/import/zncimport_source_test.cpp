@@ -1,4 +1,4 @@
-// Sources of every kind, which image of one is meant, and what hostile ones try.
+// Tests of sources of every kind, of the selection of an image, and of hostile sources.
 #include "import/source/base64.hpp"
 #include "import/source/source.hpp"
 #include "zncimport_input.hpp"
@@ -45,7 +45,7 @@ std::string index_of(const std::string& entries)
     return R"({"schemaVersion":2,"manifests":[)" + entries + "]}";
 }
 
-// A layout that is written blob by blob.
+// A layout written blob by blob.
 struct Layout {
     test_tree::TempDir dir;
 
@@ -93,7 +93,7 @@ struct Opened {
 
     explicit Opened(const std::string& text, const Limits& with = {}) : limits(with)
     {
-        std::setlocale(LC_CTYPE, "C.UTF-8"); // as the program does
+        std::setlocale(LC_CTYPE, "C.UTF-8"); // as zncctl-import does
         budget = std::make_unique<Budget>(limits);
         source = open_source(split_source_name(text));
         reader = read_source(source, spool, *budget);
@@ -115,7 +115,7 @@ std::string problem_of(const Layout& layout, const Limits& limits = {})
     return problem_of(layout.dir / "l", limits);
 }
 
-// An archive in the older format: two images that share a layer by a link.
+// A docker-archive with two images that share a layer through a link.
 void docker_save(const test_tree::TempDir& dir, const std::string& how)
 {
     const std::string config = config_of("amd64", "layer");
@@ -304,7 +304,7 @@ TEST(LayoutSource, EmbeddedDataIsTaken)
     EXPECT_NE(problem_of(layout), "");
 }
 
-// Builders put statements of where an image comes from beside it, in the shape of a manifest.
+// Builders store attestations of an image's provenance next to it, in the form of a manifest.
 TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
 {
     const Layout layout;
@@ -314,7 +314,7 @@ TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
     layout.index(statement + "," + image);
     EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 1U);
     layout.index(statement);
-    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 0U); // which tells why
+    EXPECT_EQ(choose(Opened(layout.dir / "l").images(), {}), 0U); // which reports the reason
     layout.index(statement + "," + statement);
     EXPECT_NE(failure_of([&] { choose(Opened(layout.dir / "l").images(), {}); }), "");
     layout.index(image + "," + image);
@@ -339,7 +339,7 @@ TEST(LayoutSource, AConfigurationThatCannotBeWrittenAgainIsAProblem)
     EXPECT_EQ(problem_with(R"("a":"\\u0000","b":18446744073709551615,"c":-9223372036854775808)"),
               "");
     for (const char* lost : {R"("a":123456789012345678901)", R"("a":[0.12345678901234567])"})
-        EXPECT_TRUE(has(problem_with(lost), "cannot be kept as it is")) << lost;
+        EXPECT_TRUE(has(problem_with(lost), "cannot be preserved exactly")) << lost;
     for (const char* refused : {R"("a":"x\u0000y")", R"("a":[-1e999])"})
         EXPECT_THROW(problem_with(refused), Failure) << refused;
 }
@@ -407,7 +407,7 @@ TEST(LayoutSource, DocumentsThatAreNotWhatTheirDigestSaysAreErrors)
         const std::string path = layout.path(text);
         text[text.size() / 2] = static_cast<char>(text[text.size() / 2] ^ 1);
         test_tree::write_file(path, text);
-        EXPECT_TRUE(has(problem_of(layout), "is not what its digest says"));
+        EXPECT_TRUE(has(problem_of(layout), "does not match its digest"));
         test_tree::write_file(path, text + " ");
         EXPECT_TRUE(has(problem_of(layout), "bytes, not"));
         fs::remove(path);
@@ -433,17 +433,15 @@ TEST(LayoutSource, LyingDescriptorsAreErrors)
         return problem_of(layout);
     };
     for (const char* size : {"-1", "1.5", "1e300", "\"5\"", "null", "9223372036854775808"})
-        EXPECT_TRUE(
-            has(with(R"("digest":")" + digest + R"(","size":)" + size), "is no number of bytes"))
+        EXPECT_TRUE(has(with(R"("digest":")" + digest + R"(","size":)" + size), "is invalid"))
             << size;
     for (const std::string& bad :
          {std::string("sha256:../../../etc/passwd"), digest + "0", digest.substr(0, 70),
           "md5:" + std::string(32, 'a'), "sha256:" + std::string(64, 'A'), std::string()})
-        EXPECT_TRUE(has(with(R"("size":1,"digest":")" + bad + "\""), "a digest that is none"))
-            << bad;
+        EXPECT_TRUE(has(with(R"("size":1,"digest":")" + bad + "\""), "an invalid digest")) << bad;
 }
 
-TEST(LayoutSource, WhatIsTwoThingsAtOnceIsAnError)
+TEST(LayoutSource, AmbiguousDocumentsAreErrors)
 {
     const Layout layout;
     layout.index(
@@ -465,7 +463,7 @@ TEST(LayoutSource, DeepAndEndlessIndexesAreErrors)
         EXPECT_EQ(problem_of(layout).empty(), depth < 5) << depth;
         index = layout.add(index_of(descriptor(kIndexType, index)));
     }
-    // One that holds itself can only be there under a digest that is not its own.
+    // An index that contains itself can only exist under a digest that does not match.
     const std::string claimed = sha256("cycle");
     const std::string self = index_of(R"({"mediaType":")" + kIndexType + R"(","digest":")" +
                                       claimed + R"(","size":180})");
@@ -574,19 +572,19 @@ TEST(DockerSource, LinksThatLeadOutOrInCirclesAreErrors)
     }
 }
 
-TEST(DockerSource, AMissingLayerIsTold)
+TEST(DockerSource, AMissingLayerIsReported)
 {
     const test_tree::TempDir dir;
     docker_save(dir, "true");
     EXPECT_TRUE(has(Opened(dir / "a.tar").images().at(1).problem, "two/layer.tar is missing"));
 }
 
-TEST(DockerSource, AConfigurationIsWhatItsNameSays)
+TEST(DockerSource, AConfigurationMustMatchTheDigestInItsName)
 {
     const test_tree::TempDir dir;
     docker_save(dir, "ln -s ../one/layer.tar d/two/layer.tar; "
                      "for f in d/[0-9a-f]*.json; do [ ${#f} -lt 60 ] || echo >>$f; done");
-    EXPECT_TRUE(has(problem_of(dir / "a.tar"), "is not what its digest says"));
+    EXPECT_TRUE(has(problem_of(dir / "a.tar"), "does not match its digest"));
 }
 
 TEST(Detection, AnArchiveWithBothIsALayout)
@@ -676,7 +674,7 @@ TEST(Detection, ADeviceIsNoSource)
     }
 }
 
-TEST(Detection, NothingAtAllIsNoArchive)
+TEST(Detection, AnEmptyFileIsNotAnArchive)
 {
     const test_tree::TempDir dir;
     shell(dir, ": >empty; gzip -k empty");

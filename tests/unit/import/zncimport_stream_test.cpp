@@ -1,4 +1,4 @@
-// Parts of files, decompression and its limits, and the file that keeps data on its way.
+// Tests of parts of files, decompression and its limits, and the spool.
 #include "import/source/stream.hpp"
 #include "zncimport_input.hpp"
 
@@ -31,7 +31,7 @@ std::string problem_of(const std::string& stored, const Limits& limits = {})
     return failure_of([&] { static_cast<void>(plain_of(stored, SIZE_MAX, limits)); });
 }
 
-// What a program makes of a text.
+// Returns a text compressed by a program.
 std::string packed(const std::string& program, const std::string& text)
 {
     const test_tree::TempDir dir;
@@ -66,7 +66,7 @@ TEST(Plain, AnEmptyTextComesOutOfEveryCompression)
         EXPECT_EQ(plain_of(packed(program, "")), "") << program;
 }
 
-TEST(Plain, ShortStreamsThatAreNoneAreThemselves)
+TEST(Plain, ShortUncompressedStreamsArePassedThrough)
 {
     for (const char* text : {"", "a", "\x1f", "BZ",
                              "\xfd"
@@ -74,7 +74,7 @@ TEST(Plain, ShortStreamsThatAreNoneAreThemselves)
         EXPECT_EQ(plain_of(text), text);
 }
 
-TEST(Plain, MembersAndFramesOneBehindTheOtherAreOneText)
+TEST(Plain, ConcatenatedMembersAndFramesAreOneText)
 {
     for (const char* program : {"gzip -c", "zstd -qc", "xz -c", "bzip2 -c"}) {
         const std::string two = packed(program, "one\n") + packed(program, "two\n");
@@ -159,7 +159,7 @@ TEST(ReadPart, GivesThatPartAndSaysWhenTheFileIsShorter)
     EXPECT_EQ(content(*read_part(file.get(), "file", 2, 5)), "23456");
     EXPECT_EQ(content(*read_part(file.get(), "file", 10, 0)), "");
     EXPECT_EQ(failure_of([&] { content(*read_part(file.get(), "file", 8, 5)); }),
-              "file: ends too early");
+              "file: is truncated");
     const ReaderPtr reader = read_part(file.get(), "file", 0, 6);
     EXPECT_EQ(reader->skip(4), 4U);
     EXPECT_EQ(reader->skip(4), 2U);

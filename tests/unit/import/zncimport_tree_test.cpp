@@ -1,5 +1,5 @@
-// zncimport_tree_test.cpp - paths in the merged tree: taken apart, followed through links, never
-// out.
+// zncimport_tree_test.cpp - tests of paths in the merged tree: splitting them, following links,
+// never leaving the root.
 #include "zncimport_layers.hpp"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Headers of ustar archives, and what has no place in one.
+// Tests of ustar headers, and of members that cannot be represented in one.
 #include "import/merge/ustar.hpp"
 
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ std::string text_field(const Block& block, std::size_t at, std::size_t size)
     return std::string(field(block, at, size).c_str());
 }
 
-// A name of two parts of these lengths.
+// Returns a path of two components of these lengths.
 std::string parts(std::size_t prefix, std::size_t name)
 {
     return std::string(prefix, 'p') + "/" + std::string(name, 'n');
@@ -96,7 +96,7 @@ TEST(UstarHeader, KeepsTheSlashOfADirectoryInItsName)
     EXPECT_EQ(text_field(ustar_header(directory), 0, 100), std::string(99, 'n') + "/");
     directory.path = parts(155, 100) + "/";
     EXPECT_NE(ustar_problem(directory), "");
-    directory.path = std::string(100, 'a') + "/"; // no name may be left over
+    directory.path = std::string(100, 'a') + "/"; // no part of the name may be left over
     EXPECT_NE(ustar_problem(directory), "");
 }
 
@@ -114,7 +114,7 @@ TEST(UstarHeader, HasTargetsAndDeviceNumbers)
                                                                 16));
 }
 
-TEST(UstarProblem, IsSaidOfEveryNameThatHasNoPlace)
+TEST(UstarProblem, ReportsEveryNameThatDoesNotFit)
 {
     for (const std::string& path :
          {std::string(), std::string("/"), std::string("/a"), std::string("a//b"),
@@ -129,7 +129,7 @@ TEST(UstarProblem, IsSaidOfEveryNameThatHasNoPlace)
     EXPECT_NE(ustar_problem(directory), "");
 }
 
-TEST(UstarProblem, IsSaidOfTargets)
+TEST(UstarProblem, ReportsInvalidTargets)
 {
     EXPECT_EQ(ustar_problem(link_to(std::string(99, 't'))), "");
     EXPECT_EQ(ustar_problem(link_to("..\\a")), "");
@@ -141,7 +141,7 @@ TEST(UstarProblem, IsSaidOfTargets)
     EXPECT_NE(ustar_problem(member), "");
 }
 
-TEST(UstarProblem, IsSaidOfNumbersThatDoNotFit)
+TEST(UstarProblem, ReportsNumbersThatDoNotFit)
 {
     const auto with = [](auto member_pointer, auto value) {
         UstarMember member = file("a");
@@ -165,7 +165,7 @@ TEST(UstarProblem, IsSaidOfNumbersThatDoNotFit)
     EXPECT_NE(with(&UstarMember::minor, 010000000U), "");
 }
 
-TEST(UstarProblem, IsSaidOfTypesAndOfDataWhereNoneCanBe)
+TEST(UstarProblem, ReportsInvalidTypesAndUnexpectedData)
 {
     for (const char type : {'1', '7', 'x', 'L', '?', '\0'}) {
         UstarMember member = file("a");

@@ -1,4 +1,4 @@
-// What a daemon says of itself, and when it is believed.
+// Tests of the file in which a daemon describes itself, and of when that file is trusted.
 #include "zarnel/daemon_file.h"
 
 #include "base/owned.hpp"
@@ -71,7 +71,8 @@ TEST_F(DaemonFile, OfAnotherProcessOrDamagedIsNotBelieved)
 {
     const std::string whole = text();
     const std::string pid = std::to_string(::getpid());
-    for (std::size_t len = 0; len + 6 < whole.size(); len++) { // up to within the version
+    // up to a position within the version
+    for (std::size_t len = 0; len + 6 < whole.size(); len++) {
         set_text(whole.substr(0, len));
         expect_unknown(ESRCH);
     }
@@ -106,7 +107,8 @@ TEST_F(DaemonFile, OnAFullFileSystemThereIsNoneAndNoHalfOfOne)
 {
     ASSERT_EQ(::mount("tmpfs", ZN_RUNTIME_DIR, "tmpfs", 0, "size=4k"), 0);
     const znc::UniqueFd dir(::open(ZN_RUNTIME_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    set_text("pid 1\nstarted 1\nversion 1\n"); // a dead daemon's, and now nothing fits any more
+    // the file of a dead daemon, on a file system that is now full
+    set_text("pid 1\nstarted 1\nversion 1\n");
     EXPECT_EQ(znDaemonInfoWrite(dir.get(), "1.2.3"), ERROR);
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_TRUE(fs::is_empty(ZN_RUNTIME_DIR));

@@ -201,7 +201,7 @@ TEST(FileCreate, AMissingParentFailsWithENOENT)
     EXPECT_EQ(errno, ENOENT);
 }
 
-// A directory held open, and one beside it that nothing may reach.
+// A directory held open, and a directory next to it that must not be reached.
 class At : public testing::Test {
   protected:
     At()
@@ -305,8 +305,8 @@ TEST_F(FileCreateAt, FailsWithTheReasonAndLeavesNothing)
     EXPECT_TRUE(std::filesystem::is_empty(dir_ / "in"));
 }
 
-// A file and a link to the secret change places all the time: whichever is found, only what stands
-// in the directory is written to.
+// A file and a link to the secret are exchanged continuously: writes must only ever reach the file
+// in the directory.
 TEST_F(FileCreateAt, NameThatChangesMeanwhileLeadsNowhere)
 {
     test_tree::write_file(dir_ / "in/f", "");
@@ -416,7 +416,7 @@ TEST(DirExchange, BothDirectoriesChangeNamesInOneStep)
     EXPECT_TRUE(test_tree::exists(dir / "b/of-a"));
 }
 
-TEST(DirExchange, WhoLooksAlwaysFindsAWholeTree)
+TEST(DirExchange, ReadersAlwaysFindACompleteTree)
 {
     const TempDir dir;
     for (const char* tree : {"a", "b"})

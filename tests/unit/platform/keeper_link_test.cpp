@@ -1,4 +1,5 @@
-// Keepers of an owner that has many descriptors: what they get of them, and what is left to him.
+// Tests of keepers whose owner has many descriptors: which ones they inherit, and what remains in
+// the owner.
 #include "keeper_link.hpp"
 
 #include "clock.hpp"
@@ -41,7 +42,7 @@ std::size_t own_count()
 
 class Keepers : public ::testing::Test {
   protected:
-    // Some that a program would get over exec, some that it would not.
+    // Some of them have O_CLOEXEC, some do not.
     void SetUp() override
     {
         const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -69,16 +70,17 @@ TEST_F(Keepers, HaveTheirSocketAndNothingOfTheirOwners)
         Keeper keeper;
         ASSERT_TRUE(keeper.start()) << errno;
         std::uint64_t used = 1;
-        EXPECT_EQ(keeper.ask(zn::wire::Op::kInUse, 0, &used), 0); // it runs its own program by now
+        // by now the keeper runs its own program
+        EXPECT_EQ(keeper.ask(zn::wire::Op::kInUse, 0, &used), 0);
         EXPECT_EQ(used, 0U);
         EXPECT_EQ(descriptors_of(keeper.pid()), std::set<std::string>{"0"});
         end(keeper);
     }
 }
 
-TEST_F(Keepers, LeaveTheirOwnerWhatHeHas)
+TEST_F(Keepers, LeaveTheirOwnersDescriptorsOpen)
 {
-    Keeper first; // which makes what all of them share
+    Keeper first; // creates what all keepers share
     ASSERT_TRUE(first.start()) << errno;
     const std::size_t before = own_count();
     {
@@ -100,13 +102,13 @@ TEST_F(Keepers, LeaveTheirOwnerWhatHeHas)
     end(first);
 }
 
-TEST_F(Keepers, AreMissedAsSoonAsTheyAreDead)
+TEST_F(Keepers, AreFoundDeadAsSoonAsTheyAreDead)
 {
     Keeper one;
     Keeper other;
     ASSERT_TRUE(one.start()) << errno;
     ASSERT_TRUE(other.start()) << errno;
-    // Had anybody else its end of the socket, the answer would be waited for.
+    // If another process held its end of the socket, this would block.
     ASSERT_EQ(::kill(one.pid(), SIGKILL), 0);
     ASSERT_TRUE(one.ended(10000));
     EXPECT_EQ(one.ask(zn::wire::Op::kInUse), ESRCH);

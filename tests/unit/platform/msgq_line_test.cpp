@@ -31,7 +31,7 @@ std::int64_t in_seconds(int seconds)
     return zn::now_ns() + seconds * zn::kNsPerSec;
 }
 
-// A thread whose sleep the test can wait for.
+// A thread; the test can wait until it sleeps.
 class Waiter {
   public:
     template <class F>
@@ -95,13 +95,13 @@ TEST_F(QueueLine, TurnsComeInTheOrderOfArrival)
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST_F(QueueLine, WhoHasAQueueGoesBeforeWhoHasNone)
+TEST_F(QueueLine, ACallerWithAQueueGoesBeforeOneWithout)
 {
     std::atomic<bool> passed = false;
     zn::QueueLinePlace head(false);
     head.wait_turn(in_seconds(60));
     auto first = std::make_unique<zn::QueueLinePlace>(true);
-    first->wait_turn(in_seconds(60)); // does not wait
+    first->wait_turn(in_seconds(60)); // does not block
     const Waiter trier([&] {
         head.wait_turn(in_seconds(60));
         passed = true;
@@ -112,7 +112,7 @@ TEST_F(QueueLine, WhoHasAQueueGoesBeforeWhoHasNone)
     EXPECT_TRUE(eventually([&] { return passed.load(); }));
 }
 
-TEST_F(QueueLine, WhoDiesLeavesIt)
+TEST_F(QueueLine, ACallerThatDiesLeavesIt)
 {
     int ready[2];
     ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
@@ -134,7 +134,7 @@ TEST_F(QueueLine, WhoDiesLeavesIt)
     ::close(ready[1]);
 }
 
-TEST_F(QueueLine, AWaitEndsWithItsTimeAndGivesThePlaceUp)
+TEST_F(QueueLine, AWaitThatTimesOutGivesItsPlaceUp)
 {
     zn::QueueLinePlace head(false);
     head.wait_turn(in_seconds(60));
@@ -151,8 +151,7 @@ TEST_F(QueueLine, AWaitEndsWithItsTimeAndGivesThePlaceUp)
     EXPECT_TRUE(zn::queue_line_is_taken());
 }
 
-// A process of another user makes a set of the same number and never moves on in it.
-// Another user's line that is taken for good. Given away, it says that it is root's.
+// A process of another user creates a semaphore set with the same key and never releases it.
 int another_users_line(bool givenToRoot)
 {
     const pid_t child = ::fork();
@@ -201,7 +200,7 @@ TEST_F(QueueLine, OneThatAnotherUserMadeAndGaveAwayIsNotWaitedIn)
     ASSERT_EQ(::semctl(line, 0, IPC_RMID), 0);
 }
 
-// Queues for `tasks` threads of this process, which may have no more queue memory at first.
+// Creates queues in `tasks` threads of this process, which at first has no queue memory left.
 int created_by_threads(int tasks)
 {
     struct rlimit old = {};
@@ -228,7 +227,7 @@ int created_by_threads(int tasks)
     return made;
 }
 
-TEST_F(QueueLine, EverybodyInItGetsTheQueueOnceThereIsMemory)
+TEST_F(QueueLine, EveryCallerInItGetsItsQueueOnceThereIsMemory)
 {
     EXPECT_EQ(created_by_threads(50), 50);
 }

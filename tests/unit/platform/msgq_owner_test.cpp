@@ -1,4 +1,5 @@
-// Whose a queue is: other users' queues under our names, and queues whose maker is gone.
+// Tests of the ownership of queues: queues of other users with our names, and queues whose creator
+// has died.
 #include "msgq_owner.hpp"
 
 #include "base/owned.hpp"
@@ -40,7 +41,7 @@ struct stat about(int q)
     return st;
 }
 
-// A process of its own; killed at the latest with this.
+// A child process, killed by the destructor at the latest.
 class Process {
   public:
     template <class Body> explicit Process(Body body) : pid_(::fork())
@@ -73,7 +74,7 @@ class QueueOwner : public testing::Test {
     void SetUp() override { ASSERT_EQ(::geteuid(), 0U); }
     void TearDown() override { ::mq_unlink(kName); }
 
-    // A queue of another user that everybody may open.
+    // A queue of another user that all users may open.
     static znc::UniqueFd squat()
     {
         Process squatter([] {
@@ -142,7 +143,8 @@ TEST_F(QueueOwner, WithoutTheRightToRemoveItAnotherUsersQueueIsTaken)
     EXPECT_EQ(about(roots.get()).st_nlink, 1U);
 }
 
-// A user who makes the queue again as fast as it goes: what is made in the end is ours alone.
+// Another user recreates the queue as fast as it is removed: the queue that we finally create must
+// be our own.
 TEST_F(QueueOwner, AgainstAnotherUserWhoMakesItAgainInALoopOnesOwnQueueIsMade)
 {
     Process squatter([] {
@@ -163,7 +165,8 @@ TEST_F(QueueOwner, AgainstAnotherUserWhoMakesItAgainInALoopOnesOwnQueueIsMade)
         }));
         const znc::UniqueFd ours(make());
         if (!ours) {
-            EXPECT_EQ(errno, EEXIST); // it won all tries, and we use nothing of it
+            // the other user won every attempt, and we do not use its queue
+            EXPECT_EQ(errno, EEXIST);
             continue;
         }
         made++;
@@ -243,7 +246,7 @@ TEST_F(QueueOwner, AFullQueueWhoseMakerDiedFailsTheSenderWithEPIPE)
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-// One that sends and waits in a thread, and what came of it.
+// A thread that sends and waits, and the result.
 class Sender {
   public:
     explicit Sender(MSG_Q_ID q)
@@ -304,7 +307,7 @@ TEST_F(QueueOwner, AWaitingSenderFailsWithEPIPEOnceTheMakerIsKilled)
     ::close(ends[1]);
 }
 
-// The maker itself may be the one that waits, on the handle that has the lock.
+// The creator itself may be waiting, with the handle that holds the lock.
 TEST_F(QueueOwner, AMakerThatWaitsOnItsOwnHandleGoesOnWaitingAndKeepsItsLock)
 {
     const znc::UniqueFd maker(make());
@@ -335,7 +338,7 @@ TEST_F(QueueOwner, LookingForTheMakerChangesNoNumberAndKeepsNoDescriptor)
 TEST(QueueMemory, RaisingTheLimitsWaitsForMemoryThatIsUsedUpForAMoment)
 {
     const pid_t child = ::fork();
-    if (child == 0) { // a user of its own, whose sum of queue memory nobody else counts in
+    if (child == 0) { // uses a separate user, whose queue memory no other process uses
         struct rlimit limit = {80000, 80000};
         if (::setrlimit(RLIMIT_MSGQUEUE, &limit) != 0 || ::setuid(64999) != 0)
             ::_exit(1);

@@ -1,4 +1,4 @@
-// Queues that dead processes left, and those that only look like it.
+// Tests of queues left by dead processes, and of queues that only look like those.
 #include "zarnel/msgq.h"
 
 #include "base/owned.hpp"
@@ -36,7 +36,7 @@ int reclaim()
     return znMsgQReclaim(znc::client_of_queue);
 }
 
-// Runs `body` with its process's id in a process that then waits to be killed.
+// Runs `body` with the child's process id in a child that then waits to be killed.
 class Client {
   public:
     template <class Body> explicit Client(Body body)
@@ -81,7 +81,7 @@ class Client {
     bool reaped_ = false;
 };
 
-// The id of a process that ended.
+// Returns the id of a process that has ended.
 pid_t gone_pid()
 {
     Client client([](pid_t) {});
@@ -100,7 +100,7 @@ class QueueGuard {
     std::string name_;
 };
 
-TEST(QueueReclaim, BothQueuesOfAKilledClientGo)
+TEST(QueueReclaim, BothQueuesOfAKilledClientAreRemoved)
 {
     Client client([](pid_t pid) {
         make(client_queue(pid));
@@ -115,7 +115,7 @@ TEST(QueueReclaim, BothQueuesOfAKilledClientGo)
     EXPECT_FALSE(exists(reply + "_info"));
 }
 
-TEST(QueueReclaim, AClientThatNobodyWaitedForIsDead)
+TEST(QueueReclaim, AnUnreapedClientCountsAsDead)
 {
     Client client([](pid_t pid) { make(client_queue(pid)); });
     client.become_zombie();
@@ -123,7 +123,7 @@ TEST(QueueReclaim, AClientThatNobodyWaitedForIsDead)
     EXPECT_FALSE(exists(client_queue(client.pid())));
 }
 
-// What a client in a process namespace of its own looks like: its number means nothing here.
+// Like a client in another PID namespace: its process id has no meaning here.
 TEST(QueueReclaim, AQueueThatItsMakerHasOpenStaysWhateverItsNumber)
 {
     const std::string name = client_queue(gone_pid());
@@ -146,7 +146,7 @@ TEST(QueueReclaim, AQueueThatAForkOfItsMakerHasOpenStays)
     EXPECT_EQ(reclaim(), 1);
 }
 
-// Made by a program that does not know the lock, or whose number has a new owner.
+// Created by a program that does not use the lock, or whose process id has been reused.
 TEST(QueueReclaim, AQueueWhoseProcessLivesStaysEvenWhenNobodyHasItOpen)
 {
     const std::string name = client_queue(::getpid());
@@ -241,8 +241,8 @@ TEST(QueueReclaim, WithoutTheRightToLookItFailsAndTouchesNothing)
     EXPECT_TRUE(exists(name));
 }
 
-// Creating and reclaiming at the same time under numbers that belong to nobody: whoever made a
-// queue still finds it afterwards.
+// Creates and reclaims queues concurrently under unused process ids: a process that created a queue
+// must still find it afterwards.
 TEST(QueueReclaim, AQueueIsNeverTakenFromUnderAMakerThatIsJustMakingIt)
 {
     const pid_t gone = gone_pid();

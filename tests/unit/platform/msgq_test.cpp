@@ -32,7 +32,7 @@ MSG_Q_ID open_existing(const char* name)
     return znMsgQOpen(name, 0, 0, ZN_MSG_Q_FIFO, ZN_MSG_Q_OPEN_EXISTING);
 }
 
-// A queue that goes away with the test.
+// A queue that is removed at the end of the test.
 class Queue : public ::testing::Test {
   protected:
     void SetUp() override
@@ -176,7 +176,7 @@ TEST(QueueOpen, WithoutAFreeDescriptorItFailsWithEMFILE)
     EXPECT_EQ(err, EMFILE);
 }
 
-// Queue memory of this process as if used up, while it lives.
+// Simulates exhausted queue memory of this process during its lifetime.
 class NoQueueMemory {
   public:
     NoQueueMemory()

@@ -19,7 +19,7 @@ struct Result {
     int err;
 };
 
-// What another task gets.
+// Takes the mutex on another thread and returns the result.
 template <class Call> Result elsewhere(Call call)
 {
     Result result = {OK, 0};

@@ -1,5 +1,5 @@
-// The ends of namespaces whose programs nobody has waited for, one by one and many at once; and
-// their records on a file system that is full.
+// Tests of ending namespaces whose programs have not been reaped, one by one and many at once; and
+// of their records on a full file system.
 #include "namespace_world.hpp"
 #include "ns_record.hpp"
 #include "zarnel/overlay.h"
@@ -24,7 +24,7 @@ bool is_zombie(pid_t pid)
 
 class NamespaceEnds : public Namespaces {
   protected:
-    // Programs that run, each in a namespace of its own, children of this process.
+    // Running programs, each in its own namespace, all children of this process.
     std::vector<pid_t> start_many()
     {
         std::vector<pid_t> programs;
@@ -41,7 +41,7 @@ class NamespaceEnds : public Namespaces {
     }
 };
 
-TEST_F(NamespaceEnds, ProgramsThatNobodyWaitsForDoNotKeepTheOthersFromEnding)
+TEST_F(NamespaceEnds, UnreapedProgramsDoNotKeepTheOthersFromEnding)
 {
     const std::vector<pid_t> programs = start_many();
     znnsKillAll();
@@ -53,11 +53,12 @@ TEST_F(NamespaceEnds, ProgramsThatNobodyWaitsForDoNotKeepTheOthersFromEnding)
     EXPECT_EQ(znnsShutdown(), 0);
 }
 
-TEST_F(NamespaceEnds, OfADeadOwnerAllProgramsAreKilledThoughNobodyWaitsForThem)
+TEST_F(NamespaceEnds, AllProgramsOfADeadOwnerAreKilledEvenIfUnreaped)
 {
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const pid_t owner = ::fork(); // makes the namespaces; this process starts the programs
+    // the child creates the namespaces, this process starts the programs
+    const pid_t owner = ::fork();
     if (owner == 0) {
         for (int i = 0; i < kMany; i++) {
             const nsid_t ns = rooted();
@@ -141,7 +142,7 @@ TEST_F(Namespaces, ARecordThatAKilledWriterLeftUnfinishedIsClearedAndTakenForNon
     EXPECT_TRUE(fs::is_empty("/run/zarnel/ns"));
 }
 
-// How often the process has read, by the kernel's count; -1 where it keeps none.
+// Returns the kernel's count of read calls of the process; -1 if it is not available.
 long reads_of(pid_t pid)
 {
     const std::string text = read_file("/proc/" + std::to_string(pid) + "/io");
@@ -149,12 +150,12 @@ long reads_of(pid_t pid)
     return at != std::string::npos ? std::stol(text.substr(at + 7)) : -1;
 }
 
-// In a child of the test that made its own children members of a process namespace: `count` of them
-// end, and the one that was made last traces them and does not take them.
+// Runs in a child of the test whose own children are in a new PID namespace: `count` of them end,
+// and the last one traces them and does not reap them.
 [[noreturn]] void leave_dead_to_a_tracer(int count, int ready)
 {
     std::vector<pid_t> dead;
-    if (::fork() != 0) // the first one inside makes the others
+    if (::fork() != 0) // the first process in the namespace creates the others
         ::_exit(0);
     for (int i = 0; i < count; i++) {
         const pid_t pid = ::fork();

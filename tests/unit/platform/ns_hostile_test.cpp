@@ -1,5 +1,5 @@
-// What a container, its image, a stuck keeper or an awkward caller may do to the namespace service
-// and the spawner.
+// Tests of what a container, its image, a stuck keeper or an unusual caller can do to the namespace
+// service and the spawner.
 
 #include "namespace_world.hpp"
 #include "zarnel/overlay.h"
@@ -32,8 +32,8 @@ pid_t keeper_of(nsid_t ns)
     return keeper;
 }
 
-// The exit status of `call` in a process that has root's user id and nothing more, as a
-// container's.
+// Runs `call` in a process with root's user id and no capabilities, as in a container, and returns
+// its exit status.
 template <class Call> int without_capabilities(Call call)
 {
     const pid_t child = ::fork();
@@ -49,7 +49,7 @@ template <class Call> int without_capabilities(Call call)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Sends this process a signal every millisecond that interrupts what it waits in.
+// Sends this process a signal every millisecond to interrupt blocking calls.
 class SignalStorm {
   public:
     SignalStorm()
@@ -137,7 +137,7 @@ TEST_F(Namespaces, AKeeperThatDoesNotAnswerIsGivenUpAlsoWhileSignalsArrive)
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_EQ(znnsInUse(ns, &used), OK);
     EXPECT_FALSE(used);
-    // It was killed, and is dead a moment later; until then a program may still get in.
+    // The keeper has been killed and is dead a moment later; until then a program may still enter.
     pid_t pid;
     while ((pid = start(ns, "true")) > 0)
         wait(pid);
@@ -172,7 +172,7 @@ TEST_F(Namespaces, ASecondRootIsRefusedAndChangesNothing)
     EXPECT_EQ(::umount("/overlay/web"), 0);
     fs::remove("/overlay/web");
 
-    // The other way round: the own device stays the namespace's and goes with it.
+    // The converse: the namespace keeps its own device and removes it at the end.
     fs::create_directories("/tmp/out.d/upper");
     const std::array<const char*, 2> dirs = {"/tmp/out.d/upper", root_.c_str()};
     ASSERT_EQ(znOvlDevCreate("/overlay/db", dirs.data(), 2, TRUE), OK) << std::strerror(errno);
@@ -288,7 +288,7 @@ TEST_F(Namespaces, ALinkWithoutATargetIsMountedOnWhereItLeadsInsideTheRoot)
     const struct {
         const char* link;
         const char* target;
-        const char* made; // inside the root
+        const char* made; // the mount point created inside the root
     } cases[] = {{"etc/relative", "../run/resolve/relative", "run/resolve/relative"},
                  {"etc/absolute", "/nowhere/deep/absolute", "nowhere/deep/absolute"},
                  {"etc/above", "../../../../../../tmp/made/above", "tmp/made/above"},
@@ -376,7 +376,8 @@ TEST_F(Namespaces, ARelativeSourceIsNotBoundFromWhereverTheOwnerIs)
             EXPECT_EQ(mount(ns, source, "/data", type, {}), ERROR) << type << source;
             EXPECT_EQ(errno, EINVAL) << type << source;
         }
-    EXPECT_EQ(mount(ns, "data", "/scratch", "tmpfs", {}), OK); // only a name
+    // the source of a tmpfs is only a name
+    EXPECT_EQ(mount(ns, "data", "/scratch", "tmpfs", {}), OK);
     EXPECT_FALSE(fs::exists(root_ + "/data"));
     EXPECT_EQ(znnsDelete(ns), OK);
     fs::current_path(before);
@@ -422,7 +423,7 @@ std::string identity_of(const char* path)
     return std::to_string(st.st_dev) + " " + std::to_string(st.st_ino) + "\n";
 }
 
-// What a program finds as its standard input when the caller's is the null device.
+// Returns what a program finds as its standard input if the caller's is the null device.
 constexpr const char* kIdentifyInput = "stat -L -c '%d %i' /proc/self/fd/0";
 
 TEST_F(Namespaces, AStreamThatIsTheNullDeviceIsTheContainersOwnInside)
@@ -447,7 +448,8 @@ TEST_F(Namespaces, WithoutADevANullStreamIsADeviceOfItsOwnAndTheHostsKeepsItsMod
     ASSERT_EQ(::stat("/dev/null", &before), 0);
     closeInput_ = true;
     const std::string stream = run(ns, kIdentifyInput);
-    ASSERT_NE(stream, identity_of("/dev/null")); // or the next command would change the host's
+    // otherwise the next command would change the host's device
+    ASSERT_NE(stream, identity_of("/dev/null"));
     EXPECT_EQ(run(ns, "chmod 600 /proc/self/fd/0 && chown 7:7 /proc/self/fd/0 && "
                       "echo x > /proc/self/fd/0 && cat && stat -L -c %t:%T:%a /proc/self/fd/0"),
               "1:3:600\n");
@@ -460,7 +462,7 @@ TEST_F(Namespaces, WithoutADevANullStreamIsADeviceOfItsOwnAndTheHostsKeepsItsMod
 
 TEST_F(Namespaces, ADevNullOfTheImageOnADeviceFreeRootIsNotTaken)
 {
-    // No directory, so that nothing is mounted over it, but a way to a file of the image.
+    // Not a directory, so that nothing is mounted on it, but a link to a file of the image.
     fs::remove(root_ + "/dev");
     fs::create_directories(root_ + "/etc/dev");
     std::ofstream(root_ + "/etc/dev/null") << "a fake";
@@ -472,7 +474,7 @@ TEST_F(Namespaces, ADevNullOfTheImageOnADeviceFreeRootIsNotTaken)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-// What is inherited over fork and exec and is no described stream, mask or limit.
+// Attributes that survive fork and exec and are not standard streams, the signal mask or limits.
 void burden_self()
 {
     cpu_set_t one;
@@ -488,7 +490,7 @@ void burden_self()
     ::syscall(SYS_ioprio_set, 1, 0, 3 << 13); // idle
 }
 
-TEST_F(Namespaces, ProgramIsScheduledAndLaidOutAsIfItsCallerWereNobodySpecial)
+TEST_F(Namespaces, ProgramInheritsNoSchedulingOrMemoryLayoutFromItsCaller)
 {
     const nsid_t ns = rooted();
     const char* look = "set -- $(cat /proc/self/stat); echo policy ${41}; cat /proc/self/"
@@ -508,7 +510,8 @@ TEST_F(Namespaces, ProgramIsScheduledAndLaidOutAsIfItsCallerWereNobodySpecial)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-// The directory of a control group hierarchy that this process may make groups in; "" if none.
+// Returns a directory of a control group hierarchy in which this process may create groups; "" if
+// there is none.
 std::string group_hierarchy()
 {
     std::istringstream mounts(read_file("/proc/self/mountinfo"));
@@ -596,7 +599,8 @@ TEST_F(Namespaces, AForkedProcessThatKeepsTheCallersDescriptorsDoesNotHoldUpASpa
     const nsid_t ns = rooted();
     std::atomic<bool> done{false};
     std::vector<pid_t> forked;
-    // Some of these processes come to be while a spawn is under way and hold all it has open.
+    // Some of these processes are forked during a spawn and inherit all descriptors that are open
+    // then.
     std::thread forker([&] {
         while (!done && forked.size() < 100) {
             const pid_t pid = ::fork();
@@ -608,7 +612,7 @@ TEST_F(Namespaces, AForkedProcessThatKeepsTheCallersDescriptorsDoesNotHoldUpASpa
             ASSERT_GT(pid, 0);
             forked.push_back(pid);
         }
-        while (!done) // they end with this task
+        while (!done) // they end with this thread
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     });
     for (int i = 0; i < 20; i++)
@@ -638,7 +642,7 @@ TEST_F(Namespaces, RefusedAttributesAreNotKept)
 
 // ---------------------------------------------------------------- ends at any moment
 
-// The orphans of processes that a test kills become its children, so that none is overlooked.
+// Orphans of processes killed by the test become its children, so that none is missed.
 class Subreaper {
   public:
     Subreaper() { ::prctl(PR_SET_CHILD_SUBREAPER, 1); }
@@ -647,7 +651,7 @@ class Subreaper {
     Subreaper& operator=(const Subreaper&) = delete;
 };
 
-TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
+TEST_F(Namespaces, AnOwnerKilledAtAnyTimeLeavesNothing)
 {
     const Subreaper orphans;
     for (int i = 0; i < 60; i++) {
@@ -661,7 +665,7 @@ TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
         std::this_thread::sleep_for(std::chrono::microseconds(i * 137));
         ::kill(owner, SIGKILL);
         ::waitpid(owner, nullptr, 0);
-        // Keepers see the end of their owner and go.
+        // Keepers detect the end of their owner and exit.
         ASSERT_TRUE(eventually([] {
             while (::waitpid(-1, nullptr, __WALL | WNOHANG) > 0) {
             }
@@ -672,7 +676,7 @@ TEST_F(Namespaces, AnOwnerThatIsKilledLeavesNothingWheneverThatIs)
     }
 }
 
-TEST_F(Namespaces, AClientThatIsKilledLeavesAtMostItsProgramWheneverThatIs)
+TEST_F(Namespaces, AClientKilledAtAnyTimeLeavesAtMostItsProgram)
 {
     const Subreaper orphans;
     const nsid_t ns = rooted();
@@ -684,8 +688,8 @@ TEST_F(Namespaces, AClientThatIsKilledLeavesAtMostItsProgramWheneverThatIs)
         std::this_thread::sleep_for(std::chrono::microseconds(i * 137));
         ::kill(client, SIGKILL);
         ::waitpid(client, nullptr, 0);
-        // A spawn under way ends in a program or in nothing. Who came after the signal was sent
-        // gets another.
+        // A spawn in progress either results in a running program or has no effect. A program that
+        // entered after the signal was sent gets another one.
         ASSERT_TRUE(eventually([ns] {
             EXPECT_EQ(znnsKill(ns, kKill), OK);
             while (::waitpid(-1, nullptr, WNOHANG) > 0) {

@@ -1,5 +1,5 @@
-// The namespace service, the spawner and overlay devices together, in real namespaces: nothing is
-// faked here.
+// Tests of the namespace service, the spawner and overlay devices together, in real namespaces
+// without fakes.
 
 #include "namespace_world.hpp"
 
@@ -16,7 +16,7 @@ using namespace namespace_world;
 
 namespace {
 
-// Done by the shell itself: another program would be one more, or not yet there.
+// Uses only shell builtins: another program would be an additional process, or might not exist.
 constexpr const char* kCountProcesses = "set -- /proc/[0-9]*; echo $#";
 
 TEST_F(Namespaces, ProgramSeesTheTreeAsItsRootAndItselfAlone)
@@ -87,7 +87,7 @@ TEST_F(Namespaces, ProgramHasNoDescriptorOfTheCaller)
 {
     std::vector<znc::UniqueFd> leaky;
     for (int i = 0; i < 40; i++)
-        leaky.emplace_back(::open("/", O_RDONLY | O_DIRECTORY)); // not closed on exec
+        leaky.emplace_back(::open("/", O_RDONLY | O_DIRECTORY)); // without O_CLOEXEC
     const nsid_t ns = rooted();
     EXPECT_EQ(run(ns, "exec ls /proc/self/fd"), "0\n1\n2\n3\n"); // 3: the directory being listed
     EXPECT_EQ(znnsDelete(ns), OK);
@@ -202,7 +202,7 @@ TEST_F(Namespaces, KillReachesEveryProcessByThePlatformsNumber)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, KillWithNobodyThereSucceeds)
+TEST_F(Namespaces, KillWithoutProcessesSucceeds)
 {
     const nsid_t ns = rooted();
     EXPECT_EQ(znnsKill(ns, kTerm), OK);
@@ -215,7 +215,7 @@ TEST_F(Namespaces, KillOfHandleZeroAStrangerOrAnEndedProcessGivesESRCH)
     errno = 0;
     EXPECT_EQ(znnsProcessKill(ns, 0, kTerm), ERROR);
     EXPECT_EQ(errno, ESRCH);
-    EXPECT_EQ(znnsProcessKill(ns, getpid(), kTerm), ERROR); // this test would end here
+    EXPECT_EQ(znnsProcessKill(ns, getpid(), kTerm), ERROR); // otherwise this test would be killed
     EXPECT_EQ(errno, ESRCH);
     const pid_t pid = start(ns, "exit 0");
     siginfo_t info;
@@ -237,7 +237,7 @@ TEST_F(Namespaces, KillWithAnUnknownSignalGivesEINVAL)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, InUseOnlyWhileSomebodyLives)
+TEST_F(Namespaces, InUseOnlyWhileAProcessLives)
 {
     const nsid_t ns = rooted();
     EXPECT_FALSE(in_use(ns));
@@ -247,7 +247,7 @@ TEST_F(Namespaces, InUseOnlyWhileSomebodyLives)
     ::kill(pid, SIGKILL);
     siginfo_t info;
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-    EXPECT_FALSE(in_use(ns)); // ended, not reaped
+    EXPECT_FALSE(in_use(ns)); // ended, but not reaped
     wait(pid);
     EXPECT_FALSE(in_use(ns));
     EXPECT_EQ(znnsDelete(ns), OK);
@@ -303,7 +303,7 @@ TEST_F(Namespaces, ExpectedProcessesOfACallerThatEndedOrIsLateDoNotCount)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, NobodyIsExpectedInANamespaceWhoseKeeperIsDead)
+TEST_F(Namespaces, NoProcessIsExpectedInANamespaceWhoseKeeperIsDead)
 {
     const nsid_t ns = rooted();
     std::istringstream record(read_file("/run/zarnel/ns/" + std::to_string(ns)));
@@ -327,7 +327,7 @@ TEST_F(Namespaces, OrphansCountAsLivingAndAreReaped)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, DeleteKillsWhateverLivesAndDoesNotWaitForItsParent)
+TEST_F(Namespaces, DeleteKillsAllProcessesAndDoesNotWaitForTheirParents)
 {
     const nsid_t ns = rooted();
     const pid_t pid = start(ns, "trap '' TERM INT HUP; while :; do sleep 100; done");
@@ -335,7 +335,7 @@ TEST_F(Namespaces, DeleteKillsWhateverLivesAndDoesNotWaitForItsParent)
     EXPECT_EQ(znnsDelete(ns), OK);
     siginfo_t info = {};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT), 0);
-    EXPECT_EQ(info.si_pid, pid); // dead when delete returns
+    EXPECT_EQ(info.si_pid, pid); // the process is dead when delete returns
     EXPECT_EQ(wait(pid), SIGKILL);
     BOOL used;
     EXPECT_EQ(znnsInUse(ns, &used), ERROR);
@@ -358,7 +358,8 @@ TEST_F(Namespaces, SpawnAfterTheKeeperDiedGivesESRCHAndUndoingStillWorks)
     record >> keeper;
     ASSERT_GT(keeper, 1);
     ASSERT_EQ(::kill(keeper, SIGKILL), 0);
-    // Who came in before the end is killed with it and still its parent's to wait for.
+    // A process that entered before the end is killed with the namespace, and must still be reaped
+    // by its parent.
     for (pid_t pid = 0; (pid = start(ns, "true")) > 0;)
         wait(pid);
     EXPECT_EQ(errno, ESRCH);
@@ -371,7 +372,8 @@ TEST_F(Namespaces, ARecordOfAnotherProcessLeadsNowhere)
 {
     const nsid_t ns = rooted();
     const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
-    std::ofstream(path) << getpid() << " 1 -o\n" << root_; // our id, but not our start time
+    // our process id, but a different start time
+    std::ofstream(path) << getpid() << " 1 -o\n" << root_;
     EXPECT_EQ(start(ns, "true"), -1);
     EXPECT_EQ(errno, ESRCH);
     EXPECT_EQ(znnsDelete(ns), OK);
@@ -409,7 +411,8 @@ TEST_F(Namespaces, SpawnErrorsComeBackAndLeaveNoChild)
     std::ofstream(root_ + "/bin/text") << "no program";
     EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/text").c_str(), &attr, argv.data(), nullptr), ERROR);
     EXPECT_EQ(errno, EACCES);
-    EXPECT_EQ(znSpawn(&pid, "/bin/true", &attr, argv.data(), nullptr), ERROR); // not below the root
+    // the path is not below the root
+    EXPECT_EQ(znSpawn(&pid, "/bin/true", &attr, argv.data(), nullptr), ERROR);
     EXPECT_EQ(errno, EINVAL);
     znSpawnAttrSetCwd(&attr, "/none");
     EXPECT_EQ(znSpawn(&pid, (root_ + "/bin/true").c_str(), &attr, argv.data(), nullptr), ERROR);
@@ -610,7 +613,8 @@ TEST_F(Namespaces, AMountTheContainerMovedAwayIsUndoneWithTheNamespace)
     run(ns, "mv /a /moved && ln -s /etc /a");
     EXPECT_EQ(exit_, 0);
     EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), OK);
-    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), ERROR); // only once
+    // it can be unmounted only once
+    EXPECT_EQ(znnsUmount(ns, "", "/tmp/data", "/a/b", "bind", nullptr), ERROR);
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
@@ -622,7 +626,8 @@ TEST_F(Namespaces, EverythingEndsWithTheOwnerHoweverItEnds)
     ASSERT_EQ(::pipe2(pipes, O_CLOEXEC), 0);
     const znc::UniqueFd reader(pipes[0]);
     znc::UniqueFd writer(pipes[1]);
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1); // whoever gets the orphans else may not wait for them soon
+    // otherwise orphans get a parent that may not reap them soon
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t owner = ::fork();
     if (owner == 0) {
         const nsid_t ns = rooted();

@@ -1,5 +1,5 @@
-// What the root of a container's device looks like to its users, and what becomes of devices whose
-// container is gone or never was.
+// Tests of the attributes of the root of a container's overlay device, and of devices whose
+// container no longer exists or was never created.
 #include "zarnel/overlay.h"
 
 #include "base/owned.hpp"
@@ -122,7 +122,7 @@ TEST_F(OverlayDevice, APlainUserCanNeitherRenameNorReplaceWhatIsInItsRoot)
     EXPECT_EQ(remove("web"), OK);
 }
 
-// A caller forks while it makes devices: the child has every descriptor that was open then.
+// A caller forks while it creates devices: the child inherits every descriptor that is open then.
 TEST_F(OverlayDevice, AForkedChildOfACallerDoesNotKeepTheDevicesLocked)
 {
     std::vector<pid_t> children;

@@ -1,4 +1,4 @@
-// Overlay devices on the kernel's overlay filesystem.
+// Tests of overlay devices with the kernel's overlay filesystem.
 
 #include "zarnel/overlay.h"
 
@@ -49,7 +49,7 @@ class Overlay : public testing::Test {
         fs::remove_all("/tmp/o");
     }
 
-    // A directory with one file that holds the directory's name.
+    // A directory with one file that contains the name of the directory.
     std::string layer(const std::string& name, const std::string& file)
     {
         const std::string path = "/tmp/o/" + name;
@@ -139,7 +139,7 @@ TEST_F(Overlay, BadNamesAndListsAreRefused)
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(create("image", {}, FALSE), ERROR);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(create("image", {lower}, TRUE), ERROR); // an upper without a lower
+    EXPECT_EQ(create("image", {lower}, TRUE), ERROR); // an upper directory without a lower one
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(create("image", {"/tmp/o/none"}, FALSE), ERROR);
     EXPECT_EQ(errno, ENOENT);
@@ -236,7 +236,7 @@ TEST_F(Overlay, AnAbandonedWritableDeviceDoesNotBlockANewOneButARootedOneDoes)
     ASSERT_EQ(znnsRootfsCreate(ns, "/overlay/web", "web"), OK) << std::strerror(errno);
     EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/root"}, TRUE), ERROR);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(znnsRootfsDestroy(ns, "/overlay/web", "web"), OK); // takes the device with it
+    EXPECT_EQ(znnsRootfsDestroy(ns, "/overlay/web", "web"), OK); // also removes the device
     EXPECT_FALSE(fs::exists("/overlay/web"));
     EXPECT_EQ(znnsDelete(ns), OK);
 }
@@ -259,7 +259,7 @@ TEST_F(Overlay, AFailedRootTakesTheContainersDeviceAlong)
     const nsid_t ns = znnsCreate(0x1001);
     ASSERT_EQ(znnsRootfsCreate(ns, "/overlay/web", "web"), OK);
     const nsid_t taken = znnsCreate(0x1001);
-    // Its record cannot be written: the id is in use on disk.
+    // Its record cannot be written: the name is already used on disk.
     std::ofstream("/run/zarnel/ns/" + std::to_string(taken)) << "";
     EXPECT_EQ(znnsRootfsCreate(taken, "/overlay/web", "web"), ERROR);
     EXPECT_EQ(errno, EEXIST);
@@ -274,16 +274,16 @@ TEST_F(Overlay, AFailedCreationLeavesNothingNotEvenTheWorkDirectory)
     EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
-    // An upper directory that the kernel refuses: proc takes no writes.
+    // An upper directory that the kernel refuses: proc is not writable.
     EXPECT_EQ(create("web", {"/proc/self", layer("a", "x")}, TRUE), ERROR);
-    // More layers than the kernel stacks.
+    // More layers than the kernel supports.
     std::vector<std::string> dirs = {"/tmp/o/c/upper"};
     for (int i = 0; i < 501; i++)
         dirs.push_back(layer("many" + std::to_string(i), "x"));
     EXPECT_EQ(create("web", dirs, TRUE), ERROR);
     EXPECT_FALSE(fs::exists("/tmp/o/c/work"));
     EXPECT_FALSE(fs::exists("/overlay/web"));
-    fs::create_directories("/tmp/o/c/work/kept"); // somebody else's
+    fs::create_directories("/tmp/o/c/work/kept"); // belongs to another program
     EXPECT_EQ(create("web", {"/tmp/o/c/upper", "/tmp/o/none"}, TRUE), ERROR);
     EXPECT_TRUE(fs::exists("/tmp/o/c/work/kept"));
 }
@@ -383,7 +383,7 @@ TEST_F(Overlay, ARecordThatACrashCutOffIsNotAttached)
     ASSERT_EQ(create("image", {first, second}, FALSE), OK);
     ASSERT_EQ(::umount2("/overlay/image", MNT_DETACH), 0);
     const std::string record = read_file("/overlay/image/.zn-stack");
-    // As far as its first directory: that looks like a device of one layer.
+    // Truncated after its first directory: that looks like a device with one layer.
     for (std::size_t len : {std::size_t{0}, first.size() + 1, record.size() - 1}) {
         fs::create_directories("/overlay/image");
         std::ofstream("/overlay/image/.zn-stack") << record.substr(0, len);
@@ -399,7 +399,7 @@ TEST_F(Overlay, ADeviceThatCannotBeAttachedNowKeepsItsRecord)
     rlimit old = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
     int failures = 0;
-    // One more descriptor each time, until there are enough.
+    // Allow one more descriptor in each round, until there are enough.
     for (rlim_t most = 3; !fs::exists("/overlay/image/x"); most++) {
         const rlimit few = {most, old.rlim_max};
         ::setrlimit(RLIMIT_NOFILE, &few);

@@ -1,4 +1,4 @@
-// Whether other users can get at a path.
+// Tests of the check whether other users can modify a path.
 #include "zarnel/path_trust.h"
 
 #include <cerrno>
@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uid_t kStranger = 1000;
-constexpr const char* kTop = "/tmp/trust"; // /tmp is sticky and open to all
+constexpr const char* kTop = "/tmp/trust"; // /tmp is sticky and world-writable
 
 class PathTrust : public testing::Test {
   protected:
@@ -152,7 +152,7 @@ TEST_F(PathTrust, ARelativePathIsJudgedWithItsWorkingDirectory)
     fs::current_path(before);
 }
 
-// A directory of root's group, with an access list that lets a stranger write.
+// A directory of root's group, with an ACL that lets another user write.
 TEST_F(PathTrust, AnAccessListThatGoesBeyondTheGroupIsAFault)
 {
     make(in_top("listed"), 0775);

@@ -16,7 +16,7 @@ namespace {
 
 using znc::UniqueFd;
 
-// A child that does this, then ends.
+// Forks a child that runs the function and exits.
 template <class Act> pid_t child(Act act)
 {
     const pid_t pid = fork();
@@ -27,7 +27,7 @@ template <class Act> pid_t child(Act act)
     return pid;
 }
 
-// Reaps it once it has ended; -1 if it never does.
+// Reaps the child when it has ended; returns -1 if it does not end.
 int status_of(int process)
 {
     int status = -1;
@@ -87,7 +87,7 @@ TEST(Process, OneThatDoesNotExistCannotBeOpened)
     EXPECT_EQ(errno, ESRCH);
 }
 
-// The child made its parent its tracer: waitpid reports each of its stops.
+// The child has made its parent its tracer: waitpid reports each of its stops.
 TEST(Process, StopOfATracedChildIsNoEnd)
 {
     const pid_t pid = child([] {
@@ -108,7 +108,7 @@ TEST(Process, StopOfATracedChildIsNoEnd)
     EXPECT_EQ(WTERMSIG(status_of(process.get())), SIGKILL);
 }
 
-// Has this process's child make another child of this process, as a container's program can.
+// Makes a child of this process create another child of this process, as a container's program can.
 pid_t child_by_another(UniqueFd& hold)
 {
     int pipes[2];

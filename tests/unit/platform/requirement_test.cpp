@@ -1,4 +1,4 @@
-// What the platform says of the machine it runs on, where something of it is taken away.
+// Tests of the report on the system's features, with some of them taken away.
 #include "zarnel/requirement.h"
 
 #include "zarnel/ns.h"
@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kNoExecSetting = "/proc/sys/vm/memfd_noexec";
 
-// The one whose text holds `word`; its text is null when there is none.
+// Returns the requirement whose text contains `word`; its text is NULL if there is none.
 znRequirement requirement_with(const char* word)
 {
     znRequirement one = {};
@@ -27,7 +27,7 @@ znRequirement requirement_with(const char* word)
     return {};
 }
 
-// In the first process of a process namespace, which has this setting for itself.
+// Runs in the first process of a new PID namespace, which has its own value of this setting.
 int forbid_programs_in_memory()
 {
     if (::unshare(CLONE_NEWNS) != 0 ||

@@ -1,4 +1,4 @@
-// The sticky bit of directories inside a root.
+// Tests of setting the sticky bit of directories inside a root.
 
 #include "zarnel/fs.h"
 
