@@ -4,8 +4,8 @@
 # demo. Needs root only if packages are missing.
 set -euo pipefail
 
-build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev nettle-dev
-    ninja-build nlohmann-json3-dev pkg-config zlib1g-dev)
+build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev
+    nettle-dev ninja-build nlohmann-json3-dev pkg-config zlib1g-dev)
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac

@@ -207,7 +207,7 @@ using namespace zn;
 
 STATUS znSpawnAttrInit(znSpawnAttr* attr)
 {
-    *attr = znSpawnAttr{kDefaultPriority, 0, 0, 0, -1, nullptr, 0};
+    *attr = znSpawnAttr{kDefaultPriority, 0, 0, 0, -1, nullptr, 0, nullptr};
     return OK;
 }
 
@@ -261,6 +261,12 @@ STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd)
 STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags)
 {
     attr->flags = flags;
+    return OK;
+}
+
+STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user)
+{
+    attr->user = user;
     return OK;
 }
 

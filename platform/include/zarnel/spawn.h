@@ -14,6 +14,14 @@
 extern "C" {
 #endif
 
+/* The user that a program runs as. */
+typedef struct znSpawnUser {
+    uint32_t uid;
+    uint32_t gid;
+    const uint32_t* groups; /* supplementary groups */
+    size_t groupCount;
+} ZN_SPAWN_USER;
+
 typedef struct znSpawnAttr {
     int priority;  /* 0 most urgent, 255 least; below 100 only where ns.h allows it */
     int stackSize; /* stack size in bytes */
@@ -22,6 +30,7 @@ typedef struct znSpawnAttr {
     nsid_t ns;       /* -1: not set; znSpawn then fails */
     const char* cwd; /* borrowed; NULL: "/" */
     short flags;
+    const ZN_SPAWN_USER* user; /* borrowed; NULL: the user of the namespace's configuration */
 } znSpawnAttr;
 
 #define ZN_SPAWN_OPT_LOADED 0x40 /* process option: return when the program is loaded */
@@ -42,6 +51,7 @@ STATUS znSpawnAttrSetTaskOptions(znSpawnAttr* attr, int taskOptions);
 STATUS znSpawnAttrSetNamespace(znSpawnAttr* attr, nsid_t ns);
 STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd);
 STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags);
+STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user);
 
 /*
  * Start the program `path` (a host path at or below the namespace's root) inside the namespace,

@@ -1,0 +1,60 @@
+/*
+ * ns_control.h - inspecting and controlling namespaces of another process: pausing, resource use
+ * and limits, and the paths of the kernel's namespaces.
+ *
+ * All calls may be made by any process with the owner's rights, from any task. They fail with ESRCH
+ * if the namespace does not exist or has ended.
+ */
+#ifndef ZARNEL_NS_CONTROL_H
+#define ZARNEL_NS_CONTROL_H
+
+#include "types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Find the namespace whose root was made under `name` (znnsRootfsCreate). Returns its id, or -1
+ * with the task error number set: ESRCH if there is none.
+ */
+nsid_t znnsFind(const char* name);
+
+/*
+ * Suspend all processes in the namespace, or let them continue. Returns when it has taken effect.
+ * OK if they are in that state already. ERROR with ENOTSUP if the machine has no control groups, or
+ * ETIMEDOUT.
+ */
+STATUS znnsFreeze(nsid_t ns, BOOL frozen);
+STATUS znnsFrozen(nsid_t ns, BOOL* frozen);
+
+#define ZNNS_NO_LIMIT UINT64_MAX
+
+typedef struct znNsUse {
+    uint64_t cpuNs;       /* processor time used, in nanoseconds */
+    uint64_t memory;      /* bytes, without file cache that can be dropped at once */
+    uint64_t memoryLimit; /* ZNNS_NO_LIMIT: none */
+    uint64_t pids;
+    uint64_t pidsLimit;
+    uint64_t readBytes; /* from block devices */
+    uint64_t writtenBytes;
+    uint64_t oomKills; /* processes that were killed because the memory limit was reached */
+} ZN_NS_USE;
+
+/* What the processes in the namespace use. ENOTSUP if the machine has no control groups. */
+STATUS znnsUseGet(nsid_t ns, ZN_NS_USE* use);
+
+/*
+ * Change the limits of the namespace. `resources` is a JSON object as in "linux.resources" of a
+ * configuration; what it does not mention stays. ERROR with EINVAL or ENOTSUP and, in `reason`
+ * (`size` bytes, 200 are enough), which member was refused and why.
+ */
+STATUS znnsLimitsSet(nsid_t ns, const char* resources, char* reason, size_t size);
+
+/* The process id of a process that stays in the namespace as long as it exists. -1: see above. */
+pid_t znnsHolder(nsid_t ns);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,31 @@
+// seccomp.hpp - compiles a system call filter to the kernel's code, by libseccomp. Called by the
+// namespace service; the code is installed by the helper program, which cannot parse.
+#ifndef ZN_SECCOMP_HPP
+#define ZN_SECCOMP_HPP
+
+#include "settings.hpp"
+#include "settings_reader.hpp"
+
+#include <linux/filter.h>
+
+namespace zn {
+
+struct SeccompCode {
+    List<sock_filter> code;
+    unsigned flags = 0; // SECCOMP_FILTER_FLAG_ bits
+};
+
+// Compiles a profile of a configuration. 0, or an error number with `fault` set: EINVAL (unknown
+// architecture, flag or argument combination), ENOTSUP (an action that the kernel or this system
+// cannot do), ENOMEM. Unknown system call names are skipped, as the standard says.
+int seccomp_compile(const SeccompProfile& profile, SeccompCode& code, SettingsFault& fault);
+
+// The filter of containers whose configuration has none: an allow-list. What is known and not
+// allowed fails with EPERM; what is unknown to it with ENOSYS, so that C libraries fall back to
+// older calls. Only the native interface is allowed; calls through another one end the process.
+// `capabilities` is the bounding set: some calls are allowed only with the capability they need.
+int seccomp_default(std::uint64_t capabilities, SeccompCode& code);
+
+} // namespace zn
+
+#endif

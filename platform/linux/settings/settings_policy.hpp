@@ -1,0 +1,26 @@
+// settings_policy.hpp - which settings give a container more than it has by default, and therefore
+// need the administrator's consent. Called by the namespace service.
+#ifndef ZN_SETTINGS_POLICY_HPP
+#define ZN_SETTINGS_POLICY_HPP
+
+#include "settings.hpp"
+#include "settings_reader.hpp"
+
+namespace zn {
+
+// The capabilities that containers have by default.
+inline constexpr std::uint64_t kDefaultCapabilities =
+    1U << 0 /* CHOWN */ | 1U << 1 /* DAC_OVERRIDE */ | 1U << 3 /* FOWNER */ | 1U << 4 /* FSETID */ |
+    1U << 5 /* KILL */ | 1U << 6 /* SETGID */ | 1U << 7 /* SETUID */ | 1U << 8 /* SETPCAP */ |
+    1U << 10 /* NET_BIND_SERVICE */ | 1U << 18 /* SYS_CHROOT */ | 1U << 31 /* SETFCAP */;
+
+// Whether the settings stay within the defaults. If not, `fault` names the first field that exceeds
+// them: a shared or existing namespace, a capability beyond kDefaultCapabilities, noNewPrivileges
+// false, a device node or device rule beyond the default ones, a masked or read-only path that is
+// left out, a filter that allows everything by default, negative OOM scores, a control group path
+// outside the daemon's own.
+bool settings_within_defaults(const Settings& settings, SettingsFault& fault);
+
+} // namespace zn
+
+#endif

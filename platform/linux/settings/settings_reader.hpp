@@ -1,0 +1,34 @@
+// settings_reader.hpp - reads the settings of a container from its configuration document (the OCI
+// runtime's config.json). Called by the namespace service. The sections "root.path", "mounts",
+// "process.args", "process.env", "process.cwd", "hooks" and "annotations" are read elsewhere and
+// not looked at here.
+//
+// Every member named in settings.hpp is checked by type and range. A member of "linux" or "process"
+// that restricts or grants something and is not known here is refused, not ignored. A name that
+// occurs twice in an object that is read here, also in another case, is refused.
+#ifndef ZN_SETTINGS_READER_HPP
+#define ZN_SETTINGS_READER_HPP
+
+#include "settings.hpp"
+
+#include <string_view>
+
+namespace zn {
+
+// Why a document was refused.
+struct SettingsFault {
+    char field[128] = {};  // "linux.resources.memory.limit", "process.rlimits[2].type"
+    char reason[160] = {}; // "not a number from 0 to 1000"
+};
+
+// Reads `document` into `settings`. 0, or an error number with `fault` set: EINVAL (not JSON, wrong
+// type or range, contradiction), ENOTSUP (known, but cannot be honoured here), ENOMEM.
+int settings_read(std::string_view document, Settings& settings, SettingsFault& fault);
+
+// Reads a "resources" object alone, as for changing the limits of a running container. The fields
+// in `fault` begin with "resources".
+int settings_read_resources(std::string_view document, Resources& resources, SettingsFault& fault);
+
+} // namespace zn
+
+#endif
