@@ -1,7 +1,5 @@
 #include "settings_policy.hpp"
 
-#include "default_paths.hpp"
-
 #include <cstdarg>
 #include <cstdio>
 #include <sys/mount.h>
@@ -47,9 +45,11 @@ bool namespaces_within(const Settings& settings, SettingsFault& fault)
         return true;
     for (unsigned kind = 0; kind < kNsKinds; kind++) {
         const NsChoice::From from = settings.namespaces[kind].from;
-        // By default, containers share these two with the host.
+        // By default, containers share the first two with the host. Sharing the cgroup namespace
+        // only shows the host's path of the container's group.
         const bool optional = kind == static_cast<unsigned>(NsKind::kUser) ||
-                              kind == static_cast<unsigned>(NsKind::kTime);
+                              kind == static_cast<unsigned>(NsKind::kTime) ||
+                              kind == static_cast<unsigned>(NsKind::kCgroup);
         if (from == NsChoice::From::kPath)
             return exceeds(fault, "linux.namespaces", "joins an existing %s namespace",
                            kNsNames[kind]);
@@ -122,45 +122,6 @@ bool devices_within(const Settings& settings, SettingsFault& fault)
     return true;
 }
 
-// Whether one of the paths is `wanted` or a directory above it.
-bool is_covered(const List<Text>& paths, std::string_view wanted)
-{
-    for (const Text& text : paths) {
-        std::string_view path = text.get();
-        while (path.size() > 1 && path.back() == '/')
-            path.remove_suffix(1);
-        if (wanted == path ||
-            (wanted.substr(0, path.size()) == path && (path == "/" || wanted[path.size()] == '/')))
-            return true;
-    }
-    return false;
-}
-
-template <std::size_t kCount, std::size_t kSize>
-bool all_covered(const Settings& settings, bool readOnly, const char* top,
-                 const char (&names)[kCount][kSize], SettingsFault& fault)
-{
-    for (const char* const name : names) {
-        char wanted[256];
-        (void)std::snprintf(wanted, sizeof wanted, "%s/%s", top, name);
-        if (is_covered(settings.maskedPaths, wanted) ||
-            (readOnly && is_covered(settings.readonlyPaths, wanted)))
-            continue;
-        return exceeds(fault, readOnly ? "linux.readonlyPaths" : "linux.maskedPaths",
-                       "leaves out %s", wanted);
-    }
-    return true;
-}
-
-bool paths_within(const Settings& settings, SettingsFault& fault)
-{
-    if (settings.maskedPathsGiven && (!all_covered(settings, false, "/proc", kProcMasked, fault) ||
-                                      !all_covered(settings, false, "/sys", kSysMasked, fault)))
-        return false;
-    return !settings.readonlyPathsGiven ||
-           all_covered(settings, true, "/proc", kProcReadOnly, fault);
-}
-
 bool filter_within(const Settings& settings, SettingsFault& fault)
 {
     if (!settings.seccomp.given)
@@ -203,8 +164,7 @@ bool settings_within_defaults(const Settings& settings, SettingsFault& fault)
 {
     return namespaces_within(settings, fault) && capabilities_within(settings, fault) &&
            priorities_within(settings, fault) && devices_within(settings, fault) &&
-           paths_within(settings, fault) && filter_within(settings, fault) &&
-           group_within(settings, fault) && propagation_within(settings, fault);
+           filter_within(settings, fault) && group_within(settings, fault) && propagation_within(settings, fault);
 }
 
 } // namespace zn

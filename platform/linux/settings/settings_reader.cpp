@@ -60,7 +60,21 @@ bool read_linux_section(JsonReader& reader, const Node& at, Settings& settings)
     return read_linux(reader, at, settings);
 }
 
+// The kernel accepts at most 64 bytes.
+bool read_hostname(JsonReader& reader, const Node& at, Settings& settings)
+{
+    constexpr std::size_t kLongest = 64;
+    if (!reader.text(at, settings.hostname))
+        return false;
+    const std::string_view name = settings.hostname.get();
+    for (const char c : name)
+        if (c <= ' ' || c > '~')
+            return reader.refuse(at, "contains a character that host names do not have");
+    return name.size() <= kLongest || reader.refuse(at, "longer than %zu characters", kLongest);
+}
+
 constexpr Member<Settings> kDocument[] = {
+    {"hostname", read_hostname, Presence::kOptional, Spelling::kAnyCase},
     {"process", read_process, Presence::kOptional, Spelling::kAnyCase},
     {"root", read_root, Presence::kOptional, Spelling::kAnyCase},
     {"linux", read_linux_section, Presence::kOptional, Spelling::kAnyCase},
