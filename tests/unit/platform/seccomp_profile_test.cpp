@@ -1,6 +1,7 @@
 // Tests of whole profiles: several rules and conditions, architectures, flags, and what is refused.
 #include "settings/seccomp.hpp"
 
+#include "alloc_fault.hpp"
 #include "descriptors.hpp"
 #include "seccomp_code.hpp"
 #include "seccomp_profile.hpp"
@@ -354,4 +355,29 @@ TEST(SeccompProfile, TheSameProfileMakesTheSameFilterAndKeepsNothing)
     EXPECT_EQ(std::memcmp(first.code.begin(), second.code.begin(),
                           first.code.size() * sizeof(sock_filter)),
               0);
+}
+
+TEST(SeccompProfile, ALackOfMemoryIsReportedAndLeavesNothing)
+{
+    Profile profile(error(EPERM));
+    profile.rule({"read", "write"}, kAllow).rule({"getppid"}, kAllow, {{0, kEq, 1, 0}});
+    const auto before = open_descriptors();
+    unsigned failed = 0;
+    for (unsigned n = 1;; n++) {
+        SeccompCode code;
+        zn::SettingsFault fault;
+        alloc_fault::arm(n);
+        const int result = zn::seccomp_compile(profile, code, fault);
+        const unsigned asked = alloc_fault::disarm();
+        if (asked < n) {
+            EXPECT_EQ(result, 0);
+            break;
+        }
+        failed++;
+        EXPECT_EQ(result, ENOMEM) << n;
+        EXPECT_STREQ(fault.reason, "not enough memory") << n;
+        EXPECT_EQ(code.code.size(), 0U) << n;
+    }
+    EXPECT_GT(failed, 3U);
+    EXPECT_EQ(open_descriptors(), before);
 }
