@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# vm-test.sh [PROGRAM...] - runs the tests of control groups, and further test programs by their
-# paths, in a virtual machine whose kernel has only cgroup v2, with all controllers. The machine is
-# emulated in software, so it needs no rights except to install packages, and it starts from memory:
-# Debian's kernel for clouds, busybox, the programs and their libraries. Each program runs in the
-# sandbox of the tests. Prints what they print and ends with 0 if all passed.
+# vm-test.sh [PROGRAM...] - runs the tests of control groups and overlay devices, and further test
+# programs by their paths, in a virtual machine: its kernel is that of Debian 12 and has only cgroup v2,
+# with all controllers. The machine is emulated in software, so it needs no rights except to install
+# packages, and it starts from memory: Debian's kernel for clouds, busybox, the programs and their
+# libraries. Each program runs in the sandbox of the tests. Prints what they print and ends with 0 if
+# all passed.
 #
 # BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
 set -euo pipefail
@@ -15,7 +16,8 @@ if [[ $(dpkg --print-architecture) != amd64 ]]; then
     printf 'vm-test.sh: only amd64 is supported\n' >&2
     exit 1
 fi
-programs=("$build"/bin/cgroup_{test,limits_test,files_test,devices_test} "$build/bin/mount_table_test" "$@")
+programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,mount_table,overlay,overlay_device}_test
+    "$@")
 for program in "$build/bin/znc_sandbox" "${programs[@]}"; do
     if [[ ! -x $program ]]; then
         printf 'vm-test.sh: build %s first\n' "$program" >&2
@@ -103,9 +105,9 @@ printf 'kernel %s, controllers: %s\n' "$(uname -r)" "$(cat /sys/fs/cgroup/cgroup
 failed=0
 while read -r name; do
     if /tests/znc_sandbox -- "/tests/$name" </dev/null; then
-        printf 'ok - %s with cgroup v2\n' "$name"
+        printf 'ok - %s in a virtual machine\n' "$name"
     else
-        printf 'not ok - %s with cgroup v2\n' "$name"
+        printf 'not ok - %s in a virtual machine\n' "$name"
         failed=1
     fi
 done </tests/list
