@@ -151,7 +151,8 @@ TEST_F(Control, ProgramsInheritTheGroupNotTheCallers)
 
 TEST_F(Control, TheGroupGoesWithTheNamespace)
 {
-    const nsid_t ns = rooted();
+    const nsid_t ns = znnsCreateConfigured(kFlags, "web", "{}", nullptr, 0);
+    ASSERT_EQ(znnsRootfsCreate(ns, root_.c_str(), "web"), OK);
     const std::string group = group_of(ns);
     EXPECT_EQ(group.rfind("/zarnel/web-", 0), 0U) << group;
     ASSERT_TRUE(exists(group));
