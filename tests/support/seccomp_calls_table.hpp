@@ -1,5 +1,5 @@
 // seccomp_calls_table.hpp - how the default filter of system calls is expected to answer each call.
-// Written down by the kernel's numbers, independently of the filter's own list.
+// By the kernel's numbers: a change of the filter's list of names must be repeated here.
 #ifndef SECCOMP_CALLS_TABLE_HPP
 #define SECCOMP_CALLS_TABLE_HPP
 
@@ -7,7 +7,7 @@
 #include <sys/syscall.h>
 #include <vector>
 
-// What programs call: shells, coreutils, compilers, interpreters, servers, databases.
+// Allowed whatever the arguments, except for two families of sockets.
 inline constexpr unsigned kOrdinary[] = {SYS_accept,
                                          SYS_accept4,
                                          SYS_adjtimex,
