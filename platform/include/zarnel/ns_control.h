@@ -51,6 +51,20 @@ STATUS znnsUseGet(nsid_t ns, ZN_NS_USE* use);
  */
 STATUS znnsLimitsSet(nsid_t ns, const char* resources, char* reason, size_t size);
 
+/*
+ * Write the host path of the namespace's root, as it was given when the root was made, to `path`:
+ * paths of programs for znSpawn begin with it. ERROR with ENAMETOOLONG if it does not fit in `size`
+ * bytes.
+ */
+STATUS znnsRootGet(nsid_t ns, char* path, size_t size);
+
+/*
+ * Open the root of the namespace as its processes see it, with all mounts, for use with the *at()
+ * calls only (O_PATH). Returns a close-on-exec descriptor, or -1. Everything below it may be
+ * changed by the container's processes: see znFileOpenInRoot (fs.h).
+ */
+int znnsRootOpen(nsid_t ns);
+
 /* The process id of a process that stays in the namespace as long as it exists. -1: see above. */
 pid_t znnsHolder(nsid_t ns);
 
