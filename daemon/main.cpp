@@ -19,6 +19,7 @@
 
 #include "zarnel/fs.h"
 #include "zarnel/msgq.h"
+#include "zarnel/ns.h"
 #include "zarnel/task.h"
 
 #include "zncRuntimeService.hpp"
@@ -26,8 +27,8 @@
 namespace {
 
 constexpr int kExitUsage = 64;
-constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | "
-                               "check | --help | --version\n";
+constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] "
+                               "[--allow-privileged] | check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
@@ -37,6 +38,9 @@ constexpr const char* kHelp =
     "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\" (logs each\n"
     "                     request)\n"
     "  --allow-urgent     allow containers priorities more urgent than normal\n"
+    "  --allow-privileged allow configurations that give containers more than the defaults:\n"
+    "                     namespaces of the host, more capabilities, devices, privileges from\n"
+    "                     set-user-ID programs, no system call filter\n"
     "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
@@ -72,6 +76,7 @@ int run_single_argument(std::string_view word)
 
 struct Options {
     bool allowUrgent = false;
+    bool allowPrivileged = false;
 };
 
 // Returns the exit status, or -1 to continue and serve.
@@ -86,6 +91,10 @@ int parse_options(std::span<char* const> words, Options& options)
             continue;
         if (word == "--allow-urgent") {
             options.allowUrgent = true;
+            continue;
+        }
+        if (word == "--allow-privileged") {
+            options.allowPrivileged = true;
             continue;
         }
         if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
@@ -171,6 +180,7 @@ int main(int argc, char** argv)
         return 1;
     }
     zncd::recover();
+    znnsPrivilegedAllow(options.allowPrivileged ? TRUE : FALSE);
     znc::set_service_listener(
         {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});
     return serve(stop.get());

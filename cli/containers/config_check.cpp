@@ -50,6 +50,8 @@ std::string found_in(const ZNC_CONFIG_FINDING& finding)
 {
     if (finding.verdict == ZNC_CONFIG_NO_EFFECT)
         return "no effect here";
+    if (finding.verdict == ZNC_CONFIG_NOT_ALLOWED)
+        return fmt::format("{} (needs zncd --allow-privileged)", finding.found);
     if (finding.expected == ZNC_CONFIG_PROGRAM)
         return "none";
     const bool wrong_text = finding.value != nullptr && finding.expected != ZNC_CONFIG_ANY;
@@ -60,8 +62,9 @@ std::string found_in(const ZNC_CONFIG_FINDING& finding)
 
 void add(const ZNC_CONFIG_FINDING* finding, void* list)
 {
-    const bool refused =
-        finding->verdict == ZNC_CONFIG_REFUSED || finding->verdict == ZNC_CONFIG_MISREAD;
+    const bool refused = finding->verdict == ZNC_CONFIG_REFUSED ||
+                         finding->verdict == ZNC_CONFIG_MISREAD ||
+                         finding->verdict == ZNC_CONFIG_NOT_ALLOWED;
     static_cast<std::vector<Finding>*>(list)->push_back(
         {finding->verdict,
          {refused, *finding->path != '\0' ? finding->path : ".", name_of(finding->expected),

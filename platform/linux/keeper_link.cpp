@@ -4,7 +4,6 @@
 #include "pidfd.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -21,9 +20,6 @@ namespace {
 
 using znc::UniqueFd;
 
-// The clone() flags of each namespace type, without CLONE_NEWNS.
-constexpr std::array<unsigned long, ZNNS_NUM_TYPES> kNamespaces = {CLONE_NEWPID | CLONE_NEWIPC |
-                                                                   CLONE_NEWUTS | CLONE_NEWCGROUP};
 constexpr int kSpareDescriptors = 16;
 constexpr std::int64_t kNsPerMillisecond = 1000000;
 
@@ -94,7 +90,7 @@ int Keeper::bare_mounts()
         return mounts.get();
     const znc::ErrnoSaver keep;
     Keeper maker;
-    if (!maker.launch(-1))
+    if (!maker.launch(-1, CLONE_NEWPID))
         return -1;
     if (maker.ask(wire::Op::kBareMounts) == 0) {
         char path[64];
@@ -106,14 +102,14 @@ int Keeper::bare_mounts()
     return mounts.get();
 }
 
-bool Keeper::start()
+bool Keeper::start(unsigned long namespaces)
 {
-    return launch(bare_mounts());
+    return launch(bare_mounts(), namespaces);
 }
 
 // Starts the keeper in a copy of the mount namespace `mounts`, or of the caller's if it is
 // negative.
-bool Keeper::launch(int mounts)
+bool Keeper::launch(int mounts, unsigned long namespaces)
 {
     const int file = keeper_file();
     int pair[2];
@@ -132,7 +128,6 @@ bool Keeper::launch(int mounts)
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
     // No exit signal: the owner's program need not know about keepers.
-    const unsigned long namespaces = kNamespaces[ZNNS_TYPE_IOS];
     const unsigned long flags = mounts < 0 ? namespaces | CLONE_NEWNS : namespaces;
     const int below = std::max({file, ReservedDescriptor::number(), mounts}) + 1;
     pid_ = launch_helper({file, flags, fds, wire::kKeeperSocket + 1, argv, envp, mounts, below},

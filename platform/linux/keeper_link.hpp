@@ -17,8 +17,9 @@ inline constexpr int kAnswerMilliseconds = 4000; // less than the time after whi
 
 class Keeper {
   public:
-    // Starts a keeper in new namespaces. False with errno set.
-    bool start();
+    // Starts a keeper in new namespaces of the given kinds (CLONE_NEW flags, with CLONE_NEWPID) and
+    // a new mount namespace. False with errno set.
+    bool start(unsigned long namespaces);
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
@@ -48,7 +49,7 @@ class Keeper {
 
   private:
     static int bare_mounts();
-    bool launch(int mounts);
+    bool launch(int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;

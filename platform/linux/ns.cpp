@@ -5,6 +5,7 @@
 #include "ns_entry.hpp"
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
+#include "ns_settings.hpp"
 #include "overlay_device.hpp"
 #include "pidfd.hpp"
 #include "zarnel/overlay.h"
@@ -37,8 +38,10 @@ struct Namespace {
     AwaitedEntry entry;
     bool recorded = false;   // this namespace has written its record
     bool ownsDevice = false; // the root is the container's writable overlay device
+    bool sealed = false;
     char root[kRootPathMax] = {};
     NamespaceMounts mounts;
+    NamespaceSettings settings;
 };
 
 struct DestroyNamespace {
@@ -56,13 +59,33 @@ using NamespacePtr = std::unique_ptr<Namespace, DestroyNamespace>;
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
+bool g_privileged = false; // configurations may exceed the defaults
 std::int64_t g_killDeadline =
     0; // deadline for the processes killed by znnsKillAll; 0: it was not called
+
+// Processes of a frozen control group do not die when they are killed.
+void thaw(const Namespace& ns)
+{
+    const znc::ErrnoSaver keep;
+    bool frozen = false;
+    const char* group = ns.settings.group();
+    if (group[0] != '\0' && cgroup_frozen(group, frozen) == 0 && frozen)
+        cgroup_freeze(group, false);
+}
+
+// The control group can be removed when all processes are dead.
+void remove_group(const Namespace& ns)
+{
+    const znc::ErrnoSaver keep;
+    if (ns.settings.group()[0] != '\0')
+        cgroup_remove(ns.settings.group());
+}
 
 void reap_dying()
 {
     for (Namespace** at = &g_dying; *at != nullptr;) {
         if ((*at)->keeper.reap()) {
+            remove_group(**at);
             const NamespacePtr done(*at);
             *at = done->next;
         } else {
@@ -93,6 +116,12 @@ Namespace* find(nsid_t id)
     if (ns == nullptr)
         errno = EINVAL;
     return ns;
+}
+
+void tell_fault(const SettingsFault& fault, char* reason, std::size_t size)
+{
+    if (size != 0 && fault.field[0] != '\0')
+        std::snprintf(reason, size, "%s: %s", fault.field, fault.reason);
 }
 
 STATUS result(int error)
@@ -132,11 +161,14 @@ void end_namespace(Namespace** link)
     NamespacePtr ns(*link);
     *link = ns->next;
     remove_record(*ns);
+    thaw(*ns);
     ns->keeper.kill(g_killDeadline != 0 ? g_killDeadline : now_ns() + kEndNs);
     release_device(*ns);
     if (!ns->keeper.ended(g_killDeadline != 0 ? 0 : kReapMilliseconds) || !ns->keeper.reap()) {
         ns->next = g_dying;
         g_dying = ns.release();
+    } else {
+        remove_group(*ns);
     }
 }
 
@@ -164,6 +196,26 @@ bool is_own_device(const char* rootPath, const char* name)
            std::strcmp(rootPath + prefix + 1, name) == 0;
 }
 
+int write_record(Namespace& ns, const char* name)
+{
+    auto record = znc::malloc_zeroed<NsRecord>();
+    std::size_t size = 0;
+    const auto confinement = record ? ns.settings.confinement(size) : nullptr;
+    if (!confinement)
+        return errno;
+    record->grant = Grant::kNone;
+    record->entry = Entry::kOver;
+    record->keeper = ns.keeper.pid();
+    record->startTime = process_start_time(record->keeper);
+    std::memcpy(record->root, ns.root, sizeof record->root);
+    std::snprintf(record->name, sizeof record->name, "%s", name);
+    std::snprintf(record->group, sizeof record->group, "%s", ns.settings.group());
+    if (record->startTime == 0 || ns_record_write(ns.id, *record, {confinement.get(), size}) != 0)
+        return errno;
+    ns.recorded = true;
+    return 0;
+}
+
 int make_root(Namespace& ns, const char* rootPath, const char* name)
 {
     MountPlan plan;
@@ -174,21 +226,14 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
         return errno;
     if (!znc::is_directory(tree.get()))
         return ENOTDIR;
+    const char* const hostName = ns.settings.has_host_name() ? name : "";
     wire::Request request = {};
     request.op = wire::Op::kRoot;
-    request.textLen = static_cast<std::uint32_t>(std::strlen(name) + 1);
+    request.value = ns.settings.root_bits();
+    request.textLen = static_cast<std::uint32_t>(std::strlen(hostName) + 1);
     request.textCount = 1;
-    const int error = ns.keeper.ask(request, {name, request.textLen}, tree.get());
-    if (error != 0)
-        return error;
-    NsRecord record = {};
-    record.keeper = ns.keeper.pid();
-    record.startTime = process_start_time(record.keeper);
-    std::memcpy(record.root, ns.root, sizeof record.root);
-    if (record.startTime == 0 || ns_record_write(ns.id, record) != 0)
-        return errno;
-    ns.recorded = true;
-    return 0;
+    const int error = ns.keeper.ask(request, {hostName, request.textLen}, tree.get());
+    return error != 0 ? error : write_record(ns, name);
 }
 
 bool is_empty(const char* destination)
@@ -214,19 +259,69 @@ bool same_pid_namespace(pid_t one, pid_t other)
 
 using namespace zn;
 
-nsid_t znnsCreate(int /*flags*/)
+nsid_t znnsCreate(int flags)
+{
+    return znnsCreateConfigured(flags, "", nullptr, nullptr, 0);
+}
+
+nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* document, char* reason,
+                            size_t size)
 {
     const Locked lock;
     reap_dying(); // releases resources that the new namespace may need
+    SettingsFault fault;
     NamespacePtr ns = namespace_new();
-    if (!ns)
+    if (!ns || (ns->id = unused_id()) < 0)
         return -1;
-    ns->id = unused_id();
-    if (ns->id < 0 || !ns->keeper.start())
+    int error = ns->settings.read(document, g_privileged, fault);
+    if (error == 0)
+        error = ns->settings.use_default_filter();
+    if (error == 0 && !ns->keeper.start(ns->settings.clone_flags()))
         return -1;
+    if (error == 0)
+        error = ns->settings.prepare(ns->keeper, fault);
+    if (error == 0)
+        error = ns->settings.make_group(ns->id, name, fault);
     const nsid_t id = ns->id;
-    *find_link(id) = ns.release(); // appended to its bucket
-    return id;
+    const bool started = ns->keeper.pid() > 0;
+    if (error == 0 || started)
+        *find_link(id) = ns.release(); // appended to its bucket
+    if (error == 0)
+        return id;
+    if (started)
+        end_namespace(find_link(id));
+    tell_fault(fault, reason, size);
+    return result(error);
+}
+
+STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size)
+{
+    NamespaceSettings settings;
+    SettingsFault fault;
+    const int error = settings.read(document, false, fault);
+    if (error != 0)
+        tell_fault(fault, reason, size);
+    return result(error);
+}
+
+STATUS znnsSeal(nsid_t id, char* reason, size_t size)
+{
+    const Locked lock;
+    Namespace* ns = find(id);
+    if (ns == nullptr || ns->sealed)
+        return ns == nullptr ? ERROR : OK;
+    SettingsFault fault;
+    const int error = ns->settings.seal(ns->keeper, fault);
+    ns->sealed = error == 0;
+    if (error != 0)
+        tell_fault(fault, reason, size);
+    return result(error);
+}
+
+void znnsPrivilegedAllow(BOOL allowed)
+{
+    const Locked lock;
+    g_privileged = allowed != FALSE;
 }
 
 STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
@@ -367,8 +462,10 @@ void znnsKillAll(void)
     const Locked lock;
     g_killDeadline = now_ns() + kKillAllNs;
     for (Namespace* bucket : g_namespaces)
-        for (Namespace* ns = bucket; ns != nullptr; ns = ns->next)
+        for (Namespace* ns = bucket; ns != nullptr; ns = ns->next) {
+            thaw(*ns);
             ns->keeper.kill_others(milliseconds_until(g_killDeadline));
+        }
 }
 
 int znnsShutdown(void)

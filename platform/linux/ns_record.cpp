@@ -1,5 +1,7 @@
 #include "ns_record.hpp"
 
+#include "base/file.hpp"
+#include "helper/wire.hpp"
 #include "pidfd.hpp"
 #include "zarnel/daemon_file.h"
 #include "zarnel/fs.h"
@@ -50,24 +52,41 @@ ssize_t read_small(const UniqueFd& file, char* buf, std::size_t size)
 }
 
 constexpr char kFirstLine[] = "%d %llu %c%c";
-constexpr std::size_t kTextMax = kRootPathMax + 64;
+// The first line, then root, name and control group, with a NUL after each.
+constexpr std::size_t kTextMax = wire::kConfinementOffset;
+static_assert(64 + kRootPathMax + kNameMax + kCgroupPathMax <= kTextMax);
 // Positions of the two variable characters, counted from the end of the first line.
 constexpr std::ptrdiff_t kGrantBeforeEnd = 2;
 constexpr std::ptrdiff_t kEntryBeforeEnd = 1;
 
-// Parses a record. Returns the end of the first line; null with errno set.
-const char* parse(const char* text, NsRecord& record)
+// Copies the text at `at` and moves `at` behind it. A text at the end of the record is "".
+template <std::size_t size> bool take_text(const char*& at, const char* end, char (&field)[size])
+{
+    field[0] = '\0';
+    if (at >= end)
+        return true;
+    const std::size_t len = ::strnlen(at, static_cast<std::size_t>(end - at));
+    if (len >= size)
+        return false;
+    std::memcpy(field, at, len);
+    field[len] = '\0';
+    at += len + 1;
+    return true;
+}
+
+// Parses a record of `len` bytes. Returns the end of the first line; null with errno set.
+const char* parse(const char* text, std::size_t len, NsRecord& record)
 {
     const char* end = std::strchr(text, '\n');
+    const char* at = end + 1;
     char grant = 0;
     char entry = 0;
-    if (end != nullptr && end - text > kGrantBeforeEnd &&
-        std::strlen(end + 1) < sizeof record.root &&
+    if (end != nullptr && end - text > kGrantBeforeEnd && take_text(at, text + len, record.root) &&
+        take_text(at, text + len, record.name) && take_text(at, text + len, record.group) &&
         std::sscanf(text, kFirstLine, &record.keeper, &record.startTime, &grant, &entry) == 4 &&
         record.keeper > 0 && grant == end[-kGrantBeforeEnd] && entry == end[-kEntryBeforeEnd]) {
         record.grant = static_cast<Grant>(grant);
         record.entry = static_cast<Entry>(entry);
-        std::strcpy(record.root, end + 1);
         return end;
     }
     errno = EINVAL;
@@ -81,23 +100,37 @@ int change(nsid_t ns, std::ptrdiff_t beforeEnd, char value)
     const UniqueFd file = open_small(path, O_RDWR);
     char text[kTextMax];
     NsRecord record;
-    if (read_small(file, text, sizeof text) < 0)
+    const ssize_t len = read_small(file, text, sizeof text);
+    if (len < 0)
         return -1;
-    const char* const end = parse(text, record);
+    const char* const end = parse(text, static_cast<std::size_t>(len), record);
     if (end == nullptr)
         return -1;
     return ::pwrite(file.get(), &value, 1, end - text - beforeEnd) == 1 ? 0 : -1;
 }
 
-int write_new(const char* path, const char* text, std::size_t len)
+int write_new(const char* path, std::span<const char> text, std::span<const char> confinement)
 {
     const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
+    if (!file || !znc::write_all(file.get(), {text.data(), text.size()}))
         return -1;
-    const ssize_t n = ::write(file.get(), text, len);
-    if (n >= 0 && n != static_cast<ssize_t>(len))
-        errno = ENOSPC;
-    return n == static_cast<ssize_t>(len) ? 0 : -1;
+    if (confinement.empty())
+        return 0;
+    const bool written = ::lseek(file.get(), wire::kConfinementOffset, SEEK_SET) >= 0 &&
+                         znc::write_all(file.get(), {confinement.data(), confinement.size()});
+    return written ? 0 : -1;
+}
+
+// The text of a record, without a confinement. Returns its length.
+std::size_t format(const NsRecord& record, char (&text)[kTextMax])
+{
+    char* at =
+        text + std::snprintf(text, sizeof text, kFirstLine, record.keeper, record.startTime,
+                             static_cast<char>(record.grant), static_cast<char>(record.entry));
+    *at++ = '\n';
+    for (const char* part : {record.root, record.name, record.group})
+        at = ::stpcpy(at, part) + 1;
+    return static_cast<std::size_t>(at - text);
 }
 
 } // namespace
@@ -123,19 +156,16 @@ unsigned long long process_start_time(pid_t pid)
 
 // Writes a temporary file and links it to its final name, so that a record is always complete, even
 // if the file system is full or the writer is killed.
-int ns_record_write(nsid_t ns, const NsRecord& record)
+int ns_record_write(nsid_t ns, const NsRecord& record, std::span<const char> confinement)
 {
     if (znMkdirParents(kRecordDir, 0700) != OK)
         return -1;
     char text[kTextMax];
-    int len = std::snprintf(text, sizeof text, kFirstLine, record.keeper, record.startTime,
-                            static_cast<char>(record.grant), static_cast<char>(record.entry));
-    len +=
-        std::snprintf(text + len, sizeof text - static_cast<std::size_t>(len), "\n%s", record.root);
+    const std::size_t len = format(record, text);
     char unfinished[64];
     std::snprintf(unfinished, sizeof unfinished, "%s/%s%d", kRecordDir, kUnfinished, ns);
     ::unlink(unfinished); // left by a process that was killed
-    int result = write_new(unfinished, text, static_cast<std::size_t>(len));
+    int result = write_new(unfinished, {text, len}, confinement);
     if (result == 0) {
         char path[64];
         record_path(ns, path);
@@ -144,6 +174,13 @@ int ns_record_write(nsid_t ns, const NsRecord& record)
     const znc::ErrnoSaver keep;
     ::unlink(unfinished);
     return result;
+}
+
+UniqueFd ns_record_open(nsid_t ns)
+{
+    char path[64];
+    record_path(ns, path);
+    return open_small(path, O_RDONLY);
 }
 
 void ns_record_clear_unfinished()
@@ -157,12 +194,9 @@ void ns_record_clear_unfinished()
 
 int ns_record_read(nsid_t ns, NsRecord& record)
 {
-    char path[64];
-    record_path(ns, path);
     char text[kTextMax];
-    if (read_small(open_small(path, O_RDONLY), text, sizeof text) < 0)
-        return -1;
-    return parse(text, record) != nullptr ? 0 : -1;
+    const ssize_t len = read_small(ns_record_open(ns), text, sizeof text);
+    return len >= 0 && parse(text, static_cast<std::size_t>(len), record) != nullptr ? 0 : -1;
 }
 
 int ns_record_mark(nsid_t ns, Entry entry)

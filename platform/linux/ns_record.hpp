@@ -8,11 +8,15 @@
 #define ZN_NS_RECORD_HPP
 
 #include "base/owned.hpp"
+#include "cgroup/cgroup.hpp"
 #include "zarnel/types.h"
+
+#include <span>
 
 namespace zn {
 
 inline constexpr std::size_t kRootPathMax = 1024;
+inline constexpr std::size_t kNameMax = 256;
 
 // The progress of a client that is expected to spawn into the namespace.
 enum class Entry : char {
@@ -30,13 +34,19 @@ struct NsRecord {
     Grant grant = Grant::kNone;
     Entry entry = Entry::kOver;
     char root[kRootPathMax];
+    char name[kNameMax] = {};        // of the container
+    char group[kCgroupPathMax] = {}; // its control group; "": none
 };
 
 // The start time of a process; 0 with errno set if it does not exist.
 unsigned long long process_start_time(pid_t pid);
 
-// Creates a record atomically. 0, or -1 with errno set (EEXIST: the id is in use) and no record.
-int ns_record_write(nsid_t ns, const NsRecord& record);
+// Creates a record atomically, with the confinement of programs (helper/wire.hpp). 0, or -1 with
+// errno set (EEXIST: the id is in use) and no record.
+int ns_record_write(nsid_t ns, const NsRecord& record, std::span<const char> confinement = {});
+
+// Opens the record, whose confinement the spawner reads; invalid with errno set.
+znc::UniqueFd ns_record_open(nsid_t ns);
 
 // Removes incomplete files of writers that were killed. No record may be written at the same time.
 void ns_record_clear_unfinished();

@@ -34,7 +34,7 @@ struct Recovery {
 void forget_recorded(nsid_t id, void* context)
 {
     auto* recovery = static_cast<Recovery*>(context);
-    NsRecord record;
+    NsRecord record = {};
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (!keeper && !ns_record_is_void(errno)) {
         recovery->left++;
@@ -42,6 +42,8 @@ void forget_recorded(nsid_t id, void* context)
     }
     if (keeper && !process_ended(keeper.get(), milliseconds_until(recovery->deadline)))
         recovery->left++;
+    if (record.group[0] != '\0')
+        cgroup_remove(record.group);
     ns_record_remove(id);
 }
 

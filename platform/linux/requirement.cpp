@@ -3,6 +3,7 @@
 #include "zarnel/requirement.h"
 
 #include "base/owned.hpp"
+#include "cgroup/cgroup.hpp"
 #include "launch.hpp"
 #include "zarnel/msgq.h"
 
@@ -22,7 +23,7 @@ namespace {
 bool has_namespaces()
 {
     for (const char* name : {"/proc/self/ns/pid", "/proc/self/ns/mnt", "/proc/self/ns/ipc",
-                             "/proc/self/ns/uts", "/proc/self/ns/cgroup"})
+                             "/proc/self/ns/uts", "/proc/self/ns/cgroup", "/proc/self/ns/net"})
         if (::access(name, F_OK) != 0)
             return false;
     return true;
@@ -100,6 +101,11 @@ bool has_overlay()
     return context || errno == EPERM;
 }
 
+bool has_control_groups()
+{
+    return cgroup_version() != CgroupVersion::kNone;
+}
+
 struct Requirement {
     const char* text;
     bool needed;
@@ -108,8 +114,8 @@ struct Requirement {
 };
 
 constexpr std::array kRequirements = {
-    Requirement{"namespaces for processes, mounts, IPC, host names and control groups", true,
-                has_namespaces, "containers consist of them"},
+    Requirement{"namespaces for processes, mounts, IPC, host names, control groups and networks",
+                true, has_namespaces, "containers consist of them"},
     Requirement{"mount calls on descriptors (open_tree, move_mount, fsconfig, mount_setattr)", true,
                 has_mount_calls, "mounts would follow symbolic links in images"},
     Requirement{"openat2", true, has_openat2, "paths could not be confined to a root"},
@@ -126,6 +132,8 @@ constexpr std::array kRequirements = {
                 "the request queue could not be created"},
     Requirement{"the overlay file system", false, has_overlay,
                 "each bundle can be used by one container only, and layers are not shared"},
+    Requirement{"control groups (v1 or v2)", false, has_control_groups,
+                "containers have no limits and cannot be paused"},
 };
 
 } // namespace

@@ -19,6 +19,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr int kDefaultPriority = 100;
+constexpr std::size_t kUserGroupsMax = 254; // what the spawner has room for
 
 // Priority 0 (most urgent) is nice -20, 100 is nice 0, 255 is nice 19.
 int nice_value(int priority)
@@ -52,6 +53,7 @@ struct Arguments {
     char name[sizeof wire::kSpawnerName];
     char nice[16];
     char stack[16];
+    znc::MallocPtr<char[]> user;
     znc::MallocPtr<char*[]> argv;
 
     bool make(const char* program, const znSpawnAttr& attr, char* const* args, Grant grant)
@@ -63,17 +65,33 @@ struct Arguments {
         std::snprintf(stack, sizeof stack, "%d", attr.stackSize);
         const std::size_t count = list_length(args);
         argv = znc::malloc_array<char*>(wire::kSpawnerFixedArgs + count + 2);
-        if (!argv)
+        if (!argv || !make_user(attr.user))
             return false;
         argv[0] = name;
         argv[1] = nice;
         argv[2] = stack;
         argv[3] = const_cast<char*>(attr.cwd != nullptr ? attr.cwd : "/");
-        argv[4] = const_cast<char*>(program);
+        argv[4] = user.get();
+        argv[5] = const_cast<char*>(program);
         for (std::size_t i = 0; i < count; i++)
             argv[wire::kSpawnerFixedArgs + i] = args[i];
         if (count == 0) // argv[0] must exist
             argv[wire::kSpawnerFixedArgs] = const_cast<char*>(program);
+        return true;
+    }
+
+  private:
+    bool make_user(const ZN_SPAWN_USER* who)
+    {
+        constexpr std::size_t kNumber = 11; // ":4294967295"
+        const std::size_t size = who != nullptr ? (who->groupCount + 2) * kNumber + 1 : 1;
+        user = znc::malloc_array<char>(size);
+        if (!user || who == nullptr)
+            return static_cast<bool>(user);
+        int at = std::snprintf(user.get(), size, "%u:%u", who->uid, who->gid);
+        for (std::size_t i = 0; i < who->groupCount; i++)
+            at += std::snprintf(user.get() + at, size - static_cast<std::size_t>(at), ":%u",
+                                who->groups[i]);
         return true;
     }
 };
@@ -171,12 +189,15 @@ int error_of(const Outcome& outcome, const NsRecord& record)
     return outcome.error != 0 ? outcome.error : outcome.pid < 0 ? ECHILD : 0;
 }
 
-int run_spawner(const UniqueFd& keeper, const Arguments& arguments, char* const* envp,
+int run_spawner(nsid_t ns, const UniqueFd& keeper, const Arguments& arguments, char* const* envp,
                 const StandardStreams& streams, Outcome& outcome)
 {
-    const UniqueFd file = helper_file();
+    const UniqueFd record = ns_record_open(ns);
+    const UniqueFd file = record ? helper_file() : UniqueFd();
     int pipes[2];
-    if (!file || ::pipe2(pipes, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (!record && errno == ENOENT)
+        return ESRCH; // deleted since its record was read
+    if (!file || !record || ::pipe2(pipes, O_CLOEXEC | O_NONBLOCK) != 0)
         return errno;
     const UniqueFd reader(pipes[0]);
     const UniqueFd writer(pipes[1]);
@@ -184,7 +205,8 @@ int run_spawner(const UniqueFd& keeper, const Arguments& arguments, char* const*
                             {streams.source(1), 1},
                             {streams.source(2), 2},
                             {keeper.get(), wire::kSpawnerNamespace},
-                            {writer.get(), wire::kSpawnerReport}};
+                            {writer.get(), wire::kSpawnerReport},
+                            {record.get(), wire::kSpawnerRecord}};
     char* const none[] = {nullptr};
     UniqueFd pidfd;
     const pid_t spawner = launch_helper({file.get(), SIGCHLD, fds, wire::kSpawnerFdEnd,
@@ -266,8 +288,7 @@ STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags)
 
 STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user)
 {
-    attr->user = user;
-    return OK;
+    return set_if(user == nullptr || user->groupCount <= kUserGroupsMax, attr->user, user);
 }
 
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
@@ -286,15 +307,18 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     if (!keeper)
         return ERROR;
     const char* program = path_inside(path, record.root);
+    bool frozen = false;
+    if (record.group[0] != '\0' && cgroup_frozen(record.group, frozen) == 0 && frozen)
+        program = nullptr; // the program would not start before the namespace is thawed
     if (program == nullptr) {
-        errno = EINVAL;
+        errno = frozen ? EBUSY : EINVAL;
         return ERROR;
     }
     Arguments arguments;
     if (!arguments.make(program, *attr, argv, record.grant))
         return ERROR;
     Outcome outcome;
-    int error = run_spawner(keeper, arguments, envp, streams, outcome);
+    int error = run_spawner(attr->ns, keeper, arguments, envp, streams, outcome);
     if (error == 0)
         error = error_of(outcome, record);
     if (error == 0) {

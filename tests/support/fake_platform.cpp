@@ -156,6 +156,23 @@ nsid_t znnsCreate(int flags)
     return next_ns++;
 }
 
+// Recorded as "znnsCreate": to the library's callers both are the creation of a namespace.
+nsid_t znnsCreateConfigured(int flags, const char* /*name*/, const char* /*document*/,
+                            char* /*reason*/, size_t /*size*/)
+{
+    return znnsCreate(flags);
+}
+
+STATUS znnsConfigurationCheck(const char* /*document*/, char* /*reason*/, size_t /*size*/)
+{
+    return OK;
+}
+
+STATUS znnsSeal(nsid_t /*ns*/, char* /*reason*/, size_t /*size*/)
+{
+    return OK;
+}
+
 STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name)
 {
     fake::Call call = mount_call("znnsRootfsCreate", ns, rootPath);

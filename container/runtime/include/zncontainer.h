@@ -324,13 +324,15 @@ STATUS zncImageBundleDelete(const char* pBundlePath);
 
 /* What creating a container makes of a member of a bundle's "config.json". */
 typedef enum zncConfigVerdict {
-    ZNC_CONFIG_REFUSED = 0,   /* it is missing, or not what it must be: create fails */
-    ZNC_CONFIG_MISREAD = 1,   /* it is taken, but not for what it says: a list ends at the element
-                                 before this one, an object stands for a list, or the end of a text
-                                 that is no number is not looked at */
-    ZNC_CONFIG_IGNORED = 2,   /* of another type than it must be: as if it were missing */
-    ZNC_CONFIG_NO_EFFECT = 3, /* it is read and shown, and changes nothing */
-    ZNC_CONFIG_UNKNOWN = 4    /* it is not read */
+    ZNC_CONFIG_REFUSED = 0,    /* it is missing, or not what it must be: create fails */
+    ZNC_CONFIG_MISREAD = 1,    /* it is taken, but not for what it says: a list ends at the element
+                                  before this one, an object stands for a list, or the end of a text
+                                  that is no number is not looked at */
+    ZNC_CONFIG_IGNORED = 2,    /* of another type than it must be: as if it were missing */
+    ZNC_CONFIG_NO_EFFECT = 3,  /* it is read and shown, and changes nothing */
+    ZNC_CONFIG_UNKNOWN = 4,    /* it is not read */
+    ZNC_CONFIG_NOT_ALLOWED = 5 /* it gives the container more than the defaults: create fails unless
+                                  the daemon allows it */
 } ZNC_CONFIG_VERDICT;
 
 /* What a member must be. */
@@ -354,7 +356,7 @@ typedef struct zncConfigFinding {
     const char* path; /* "process.args[0]"; "" for the whole document */
     ZNC_CONFIG_TYPE expected;
     const char* found; /* "nothing", "null", "a string", "a number", "a boolean", "an array" or
-                          "an object" */
+                          "an object"; why, if the platform refuses a member that it reads */
     const char* value; /* the text of a string, else NULL */
 } ZNC_CONFIG_FINDING;
 

@@ -113,15 +113,39 @@ STATUS create_device(CONTAINER_CTX* ctx, const char* device, char* upper)
     return ERROR;
 }
 
+nsid_t create_namespace(const CONTAINER_CTX* ctx, const char* document)
+{
+    char reason[ZNNS_REASON_MAX] = "";
+    const nsid_t ns = znnsCreateConfigured(kNamespaceFlags, ctx->state.containerId, document,
+                                           reason, sizeof reason);
+    if (ns == -1 && reason[0] != '\0')
+        znc::send_progress("The configuration was refused: %s", reason);
+    return ns;
+}
+
+STATUS seal(const CONTAINER_CTX* ctx)
+{
+    char reason[ZNNS_REASON_MAX] = "";
+    const STATUS result = znnsSeal(ctx->nsId, reason, sizeof reason);
+    if (result != OK && reason[0] != '\0')
+        znc::send_progress("The configuration cannot be applied: %s", reason);
+    return result;
+}
+
 STATUS make_root(CONTAINER_CTX* ctx, char* root)
 {
+    // The platform reads the parts of the configuration that this library does not: users, rights,
+    // limits. It gets the document as this library has read it.
+    const znc::CJsonText document(cJSON_PrintUnformatted(ctx->pConfig->tree));
+    if (document == nullptr)
+        return fail(ENOMEM);
     if (zncContainerRootfsCreate(ctx, root) != OK) {
         znc::send_progress("Container rootfs create failed : %s", root);
         return fail(S_zncLib_ROOTFS_CREATE_FAILED);
     }
     if (zncContainerAppPathSet(ctx, root) != OK)
         return fail(S_zncLib_OCI_ARG_INVALID);
-    const nsid_t ns = znnsCreate(kNamespaceFlags);
+    const nsid_t ns = create_namespace(ctx, document.get());
     if (ns == -1)
         return fail(S_zncLib_NAMESPACE_CREATE_FAILED);
     ctx->nsId = ns;
@@ -198,7 +222,7 @@ STATUS zncContainerMount(CONTAINER_CTX* pCtx)
         return ERROR;
     pCtx->mounted = TRUE;
     const runtimeSpecConfigMounts* const mounts = pCtx->pConfig->mounts;
-    if (mounts == nullptr || mount_all(pCtx, root.get(), *mounts) == OK)
+    if ((mounts == nullptr || mount_all(pCtx, root.get(), *mounts) == OK) && seal(pCtx) == OK)
         return OK;
     zncContainerUmount(pCtx);
     return fail(S_zncLib_ADDITIONAL_MOUNT_FAILED);

@@ -2,6 +2,7 @@
 #include "zncRuntimeSpec_members.hpp"
 
 #include "cJSON_Additions.h"
+#include "zarnel/ns.h"
 #include "zncOwned.hpp"
 
 #include <cstdio>
@@ -97,14 +98,35 @@ class Check {
     {
         constexpr SpecMember kDocument =
             znc::spec_object("", ZNC_CONFIG_OBJECT, Need::kRequired, znc::kDocumentMembers);
-        if (cJSON_IsObject(root) != 0)
+        if (cJSON_IsObject(root) != 0) {
             object(root, kDocument, nullptr);
-        else
+            platform(root);
+        } else {
             report(ZNC_CONFIG_REFUSED, nullptr, ZNC_CONFIG_OBJECT, root);
+        }
         return !no_memory_;
     }
 
   private:
+    // What the platform refuses of the members that it reads: the first one.
+    void platform(const cJSON* root)
+    {
+        const znc::CJsonText document(cJSON_PrintUnformatted(root));
+        no_memory_ = no_memory_ || document == nullptr;
+        char reason[ZNNS_REASON_MAX] = "";
+        if (no_memory_ || znnsConfigurationCheck(document.get(), reason, sizeof reason) == OK)
+            return;
+        no_memory_ = errno == ENOMEM;
+        char* const split = std::strstr(reason, ": ");
+        if (no_memory_ || split == nullptr)
+            return;
+        *split = '\0';
+        const ZNC_CONFIG_FINDING finding = {errno == EPERM ? ZNC_CONFIG_NOT_ALLOWED
+                                                           : ZNC_CONFIG_REFUSED,
+                                            reason, ZNC_CONFIG_ANY, split + 2, nullptr};
+        func_(&finding, context_);
+    }
+
     void object(const cJSON* item, const SpecMember& rule, const Place* at)
     {
         for (std::size_t i = 0; i < rule.count; ++i)
@@ -130,7 +152,7 @@ class Check {
     {
         const Place at = {above, rule.name, 0};
         const bool required = rule.need == Need::kRequired;
-        if (item == nullptr && !required)
+        if ((item == nullptr && !required) || rule.need == Need::kPlatform)
             return;
         const bool list = is_list(item, rule);
         if (!has_type(item, rule.type) && !list)

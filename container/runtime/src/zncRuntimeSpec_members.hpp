@@ -11,7 +11,12 @@
 
 namespace znc {
 
-enum class Need { kRequired, kOptional, kNoEffect }; // kNoEffect: it is read, and shown
+enum class Need {
+    kRequired,
+    kOptional,
+    kNoEffect, // it is read, and shown
+    kPlatform, // read and applied by the platform
+};
 
 struct SpecMember {
     const char* name;
@@ -34,12 +39,19 @@ inline constexpr SpecMember kProcessMembers[] = {
     {"env", ZNC_CONFIG_STRINGS},
     {"cwd", ZNC_CONFIG_ABSOLUTE_PATH, Need::kRequired},
     {"terminal", ZNC_CONFIG_BOOLEAN, Need::kNoEffect},
+    {"user", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"capabilities", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"noNewPrivileges", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"rlimits", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"oomScoreAdj", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"apparmorProfile", ZNC_CONFIG_ANY, Need::kPlatform},
+    {"selinuxLabel", ZNC_CONFIG_ANY, Need::kPlatform},
 };
 
 enum RootMember { kRootPath, kReadonly };
 inline constexpr SpecMember kRootMembers[] = {
     {"path", ZNC_CONFIG_PATH, Need::kRequired},
-    {"readonly", ZNC_CONFIG_BOOLEAN, Need::kNoEffect},
+    {"readonly", ZNC_CONFIG_BOOLEAN, Need::kPlatform},
 };
 
 enum MountMember { kSource, kDestination, kMountType, kOptions };
@@ -75,13 +87,14 @@ enum DocumentMember {
 };
 inline constexpr SpecMember kDocumentMembers[] = {
     {"ociVersion", ZNC_CONFIG_VERSION, Need::kRequired},
-    {"hostname", ZNC_CONFIG_STRING, Need::kNoEffect},
+    {"hostname", ZNC_CONFIG_STRING, Need::kPlatform},
     {"annotations", ZNC_CONFIG_STRING_MAP},
     spec_object("process", ZNC_CONFIG_OBJECT, Need::kRequired, kProcessMembers),
     spec_object("root", ZNC_CONFIG_OBJECT, Need::kRequired, kRootMembers),
     spec_object("mounts", ZNC_CONFIG_OBJECTS, Need::kOptional, kMountMembers),
     {"hooks", ZNC_CONFIG_OBJECT, Need::kNoEffect},
     spec_object("zarnel", ZNC_CONFIG_OBJECT, Need::kOptional, kZarnelMembers),
+    {"linux", ZNC_CONFIG_ANY, Need::kPlatform},
 };
 
 // What create says about texts; null is none.

@@ -7,10 +7,11 @@
  * into a namespace by its id (spawn.h). Ids are not reused: an id never leads to a namespace
  * created after the one it named has ended.
  *
- * On Linux each namespace is a keeper process: PID 1 of a new PID namespace, with mount, IPC, UTS
- * and cgroup namespaces of its own; it shares the host's network and user namespaces. The keeper
- * sets up root and mounts by descriptor, so that no symbolic link in a root file system can lead a
- * privileged call outside.
+ * On Linux each namespace is a keeper process: PID 1 of a new PID namespace, with mount, IPC, UTS,
+ * cgroup and network namespaces of its own unless its configuration says otherwise; it shares the
+ * host's user namespace. The network namespace has a loopback interface only. Each namespace has a
+ * control group, if the machine has them. The keeper sets up root and mounts by descriptor, so that
+ * no symbolic link in a root file system can lead a privileged call outside.
  *
  * All calls are for the owning process, may be made from any of its tasks, and wait for the
  * keeper's answer (a few seconds at most). Signal numbers are those of Zarnel (signal.h).
@@ -32,6 +33,38 @@ typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespa
  * on Linux.
  */
 nsid_t znnsCreate(int flags);
+
+/*
+ * Create a namespace as the configuration document (OCI config.json) says; NULL: as znnsCreate.
+ * Its members "process", "root.readonly" and "linux" decide which of the kernel's namespaces are
+ * new, shared or joined, and with which user, rights, limits and filter programs run. `name` becomes
+ * part of the control group's name. Returns the id, or -1 with the task error number set. If the
+ * document was refused, `reason` (`size` bytes, ZNNS_REASON_MAX are enough) says which member and
+ * why: EINVAL (wrong type or value), ENOTSUP (cannot be honoured), EPERM (more than containers have
+ * by default, and not allowed by znnsPrivilegedAllow). Else `reason` is unchanged.
+ */
+nsid_t znnsCreateConfigured(int flags, const char* name, const char* document, char* reason,
+                            size_t size);
+
+#define ZNNS_REASON_MAX 320
+
+/*
+ * Check a configuration as znnsCreateConfigured does, without creating anything. OK, or ERROR with
+ * the task error number set and `reason`, "member: why", as described there; EPERM whatever
+ * znnsPrivilegedAllow says.
+ */
+STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size);
+
+/*
+ * Apply what the configuration says about the finished root: devices, kernel parameters, hidden and
+ * read-only paths, read-only root. To be called when all mounts have been made and before the first
+ * program is spawned; further calls have no effect. ERROR with the task error number set, and
+ * `reason` as above.
+ */
+STATUS znnsSeal(nsid_t ns, char* reason, size_t size);
+
+/* Set whether configurations may give containers more than the defaults. Initially they may not. */
+void znnsPrivilegedAllow(BOOL allowed);
 
 /*
  * Make `rootPath` the root of the namespace, mounted nodev and nosuid. /proc, /dev and /sys are

@@ -59,19 +59,23 @@ STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user);
  * when the program has been loaded or has failed to load.
  *
  * The process inherits the caller's descriptors 0 to 2 and no others. A standard stream that is
- * closed, is close-on-exec or is the null device is replaced by the container's null device. The
- * process starts with default signal actions, an empty signal mask, umask 022, default scheduling,
- * the CPU affinity of the namespace's owner, the container capabilities with no-new-privileges, and
- * the working directory of `attr`. It inherits the caller's resource limits, control group and
- * out-of-memory score, but may use at most half of the queue memory.
+ * closed, is close-on-exec or is the null device is replaced by the container's null device. A
+ * terminal as descriptor 0 that no session has becomes the controlling terminal. If the user is not
+ * root, pipes and such a terminal are given to the user, so that the program can open them again.
  *
- * Its system calls are filtered: calls that namespaces do not confine, that expose large and rarely
- * needed parts of the kernel, or that need capabilities no container has, fail with EPERM. A system
- * call through another interface than the native one (32-bit programs) terminates the program with
- * SIGSYS.
+ * The process starts with default signal actions, an empty signal mask, default scheduling, the CPU
+ * affinity of the namespace's owner, the working directory of `attr`, and, as the namespace's
+ * configuration says: user, capabilities, no-new-privileges, umask, resource limits, out-of-memory
+ * score, control group, and the filter of its system calls. What the configuration does not say:
+ * root, the container capabilities (none for another user), no-new-privileges, umask 022, the
+ * caller's resource limits and out-of-memory score, and the default filter, an allow-list. It may
+ * use at most half of the queue memory. A system call through another interface than the native one
+ * (32-bit programs) terminates the program with SIGSYS under the default filter.
+ *
+ * If `path` does not exist and argv[0] has no "/", the program is looked up in the PATH of `envp`.
  *
  * OK with the process id in `pid`, or ERROR with the task error number set: ESRCH (the namespace no
- * longer exists), ENOENT, EACCES, ENOEXEC and similar errors from loading the program, ENOTDIR or
+ * longer exists), EBUSY (it is suspended), ENOENT, EACCES, ENOEXEC and similar errors from loading the program, ENOTDIR or
  * ENOENT for the working directory, EPERM without the necessary rights. No child is left then.
  */
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,

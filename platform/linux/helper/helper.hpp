@@ -10,6 +10,8 @@
 #ifndef ZN_HELPER_HPP
 #define ZN_HELPER_HPP
 
+#include "wire.hpp"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -57,9 +59,18 @@ int replace_null_streams();
 // other keepers (keeper_root.cpp).
 int root_leave();
 
-// Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it
-// (keeper_root.cpp).
-int root_enter(int tree, const char* hostName);
+// Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
+// `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace.
+int root_enter(int tree, const char* hostName, bool masked);
+
+// What a configuration changes in the namespaces (keeper_settings.cpp). A path to be hidden or made
+// read-only that does not exist is no error. Devices can be created below /dev only.
+int namespace_join(int descriptor, std::uint64_t type);
+int loopback_up();
+int device_make(const char* path, const wire::Node& node);
+int parameter_set(const char* path, const char* value);
+int path_hide(const char* path);
+int path_read_only(const char* path);
 
 // Returns an O_PATH descriptor of `path` as resolved inside the root, or a negative error number.
 // ".." and symbolic links do not lead above the root, and magic links are refused

@@ -197,7 +197,19 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     case wire::Op::kBareMounts:
         return root_leave();
     case wire::Op::kRoot:
-        return root_enter(descriptor, first);
+        return root_enter(descriptor, first, (request.value & wire::kRootUnmasked) == 0);
+    case wire::Op::kJoin:
+        return namespace_join(descriptor, request.value);
+    case wire::Op::kLoopback:
+        return loopback_up();
+    case wire::Op::kDevice:
+        return device_make(first, request.node);
+    case wire::Op::kSysctl:
+        return parameter_set(first, next_text(first));
+    case wire::Op::kHide:
+        return path_hide(first);
+    case wire::Op::kReadOnly:
+        return path_read_only(first);
     case wire::Op::kMountTree:
         return mount_attach(descriptor, first, request.isDirectory != 0, value);
     case wire::Op::kMountFs: {

@@ -96,9 +96,14 @@ int Covers::hide(int directory, const char* path)
     const sys::Fd target = open_beneath(directory, path);
     if (!target.valid())
         return target.error() == ENOENT ? 0 : target.error();
+    return cover(target.get());
+}
+
+int Covers::cover(int target)
+{
     struct statx st = {};
     const long looked =
-        sys::call(__NR_statx, target.get(), sys::arg(""), AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st));
+        sys::call(__NR_statx, target, sys::arg(""), AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st));
     if (looked < 0)
         return static_cast<int>(-looked);
     const int error = make();
@@ -106,7 +111,7 @@ int Covers::hide(int directory, const char* path)
         return error;
     const bool isDirectory = (st.stx_mode & kTypeMask) == kDirectory;
     const sys::Fd copy = read_only_clone(isDirectory ? empty_.get() : file_.get());
-    return copy.valid() ? attach(copy.get(), target.get()) : copy.error();
+    return copy.valid() ? attach(copy.get(), target) : copy.error();
 }
 
 int Covers::detach()

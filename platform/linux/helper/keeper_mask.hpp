@@ -19,6 +19,7 @@ class Covers {
   public:
     explicit Covers(int place) : place_(place) {}
     int hide(int directory, const char* path);
+    int cover(int target); // an open file or directory
     int detach();
 
   private:

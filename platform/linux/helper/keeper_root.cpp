@@ -77,7 +77,7 @@ int provide(const char* type, std::uint64_t attributes, const char* options, uns
     return mount.valid() ? attach(mount.get(), directory, name) : mount.error();
 }
 
-int provide_proc(Covers& covers)
+int provide_proc(Covers& covers, bool masked)
 {
     sys::Fd directory;
     const int looked = real_directory("proc", directory);
@@ -87,10 +87,10 @@ int provide_proc(Covers& covers)
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
-    return error != 0 ? error : mask_proc(mount.get(), covers);
+    return error != 0 || !masked ? error : mask_proc(mount.get(), covers);
 }
 
-int provide_sys(Covers& covers)
+int provide_sys(Covers& covers, bool masked)
 {
     sys::Fd directory;
     const int looked = real_directory("sys", directory);
@@ -100,7 +100,7 @@ int provide_sys(Covers& covers)
     if (!mount.valid())
         return mount.error();
     const int error = attach(mount.get(), directory.get(), "");
-    return error != 0 ? error : mask_sys(mount.get(), covers);
+    return error != 0 || !masked ? error : mask_sys(mount.get(), covers);
 }
 
 int fill_dev(int dev)
@@ -170,7 +170,7 @@ int root_leave()
     return error != 0 ? error : detach_host();
 }
 
-int root_enter(int tree, const char* hostName)
+int root_enter(int tree, const char* hostName, bool masked)
 {
     if (tree < 0)
         return EBADF;
@@ -188,13 +188,14 @@ int root_enter(int tree, const char* hostName)
     std::size_t len = strlen(hostName);
     if (len > 64)
         len = 64;
-    sys::call(__NR_sethostname, sys::arg(hostName), static_cast<long>(len));
+    if (len != 0)
+        sys::call(__NR_sethostname, sys::arg(hostName), static_cast<long>(len));
     Covers covers(place.get());
-    error = provide_proc(covers);
+    error = provide_proc(covers, masked);
     if (error == 0)
         error = provide_dev();
     if (error == 0)
-        error = provide_sys(covers);
+        error = provide_sys(covers, masked);
     const int detached = detach_host();
     return error != 0 ? error : detached;
 }

@@ -17,22 +17,16 @@
 #include <linux/prctl.h>
 #include <linux/resource.h>
 #include <linux/sched.h>
+#include <linux/seccomp.h>
+#include <linux/stat.h>
 
 namespace zn {
 namespace {
 
-constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
-
-// The capabilities of containers: those of root that ordinary server programs need. Since there is
-// no user namespace, any other capability would apply to the host.
 constexpr std::uint64_t bit(int capability)
 {
     return std::uint64_t{1} << capability;
 }
-constexpr std::uint64_t kCapabilities =
-    bit(CAP_CHOWN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_FOWNER) | bit(CAP_FSETID) | bit(CAP_KILL) |
-    bit(CAP_NET_BIND_SERVICE) | bit(CAP_SETFCAP) | bit(CAP_SETGID) | bit(CAP_SETPCAP) |
-    bit(CAP_SETUID) | bit(CAP_SYS_CHROOT);
 
 void report(wire::SpawnReport::Kind kind, long value)
 {
@@ -80,6 +74,87 @@ struct Limit {
     std::uint64_t soft;
     std::uint64_t hard;
 };
+
+constexpr unsigned kGroupsMax = 256;
+
+// The confinement in the namespace's record, mapped read-only.
+class Rules {
+  public:
+    Rules()
+    {
+        struct statx st = {};
+        check(sys::call(__NR_statx, wire::kSpawnerRecord, sys::arg(""), AT_EMPTY_PATH, STATX_SIZE,
+                        sys::arg(&st)));
+        if (st.stx_size < wire::kConfinementOffset + sizeof *rules_)
+            fail(-EINVAL);
+        const long at = sys::map_file(st.stx_size, wire::kSpawnerRecord);
+        check(at < 0 && at > -4096 ? at : 0);
+        const char* start = reinterpret_cast<const char*>(at) + wire::kConfinementOffset;
+        rules_ = reinterpret_cast<const wire::Confinement*>(start);
+        limits_ = reinterpret_cast<const wire::Limit*>(rules_ + 1);
+        filter_ = reinterpret_cast<const wire::FilterCode*>(limits_ + rules_->limits);
+        groups_ = reinterpret_cast<const std::uint32_t*>(filter_ + rules_->filter);
+        entries_ = reinterpret_cast<const char*>(groups_ + rules_->groups);
+        if (rules_->size > st.stx_size - wire::kConfinementOffset ||
+            entries_ > start + rules_->size)
+            fail(-EINVAL);
+    }
+    const wire::Confinement* operator->() const { return rules_; }
+    const wire::Limit* limits() const { return limits_; }
+    const wire::FilterCode* filter() const { return filter_; }
+    const std::uint32_t* groups() const { return groups_; }
+    const char* entries() const { return entries_; }
+
+  private:
+    const wire::Confinement* rules_ = nullptr;
+    const wire::Limit* limits_;
+    const wire::FilterCode* filter_;
+    const std::uint32_t* groups_;
+    const char* entries_;
+};
+
+// The user that the program runs as.
+struct Identity {
+    std::uint32_t uid;
+    std::uint32_t gid;
+    const std::uint32_t* groups;
+    unsigned groupCount;
+    std::uint64_t permitted;
+    std::uint64_t effective;
+    std::uint64_t inheritable;
+    std::uint64_t ambient;
+    std::uint32_t given[kGroupsMax];
+};
+
+// `text` is "UID:GID[:GROUP]...", or "" for the user of the configuration. Another user than that
+// has the capabilities of the bounding set if it is root, else none.
+void choose_identity(const Rules& rules, const char* text, Identity& user)
+{
+    user.uid = rules->uid;
+    user.gid = rules->gid;
+    user.groups = rules.groups();
+    user.groupCount = rules->groups;
+    user.permitted = rules->permitted;
+    user.effective = rules->effective;
+    user.inheritable = rules->inheritable;
+    user.ambient = rules->ambient;
+    if (*text == '\0')
+        return;
+    unsigned count = 0;
+    for (const char* at = text; *at != '\0' && count < kGroupsMax; at++)
+        if (at == text || at[-1] == ':')
+            user.given[count++] = static_cast<std::uint32_t>(number(at));
+    if (count < 2)
+        fail(-EINVAL);
+    user.uid = user.given[0];
+    user.gid = user.given[1];
+    user.groups = user.given + 2;
+    user.groupCount = count - 2;
+    user.permitted = user.uid == 0 ? rules->bounding : 0;
+    user.effective = user.permitted;
+    user.inheritable = 0;
+    user.ambient = 0;
+}
 
 // Raises the soft stack limit to `wanted`, at most to the hard limit; never lowers it.
 void raise_stack(long wanted)
@@ -132,18 +207,31 @@ void enter_directory(const char* path)
         fail(-ENOENT);
 }
 
-void drop_rights()
+void set_limits(const Rules& rules)
 {
-    check(sys::call(__NR_setgroups, 0, 0));
-    check(sys::call(__NR_setresgid, 0, 0, 0));
-    check(sys::call(__NR_setresuid, 0, 0, 0));
-    // Secure bits set by the caller could keep capabilities from being dropped with root's user id.
-    check(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
-    // Changing user ids may have reset this, and from here on this process has no more capabilities
-    // than processes in the container.
-    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
-    for (int capability = 0;; capability++) {
-        if (capability < 64 && (kCapabilities & bit(capability)) != 0)
+    for (unsigned i = 0; i < rules->limits; i++) {
+        const wire::Limit& wanted = rules.limits()[i];
+        const Limit limit = {wanted.soft, wanted.hard};
+        check(
+            sys::call(__NR_prlimit64, 0, static_cast<long>(wanted.resource), sys::arg(&limit), 0));
+    }
+}
+
+void install_filter(const Rules& rules)
+{
+    if (rules->filter == 0)
+        return;
+    struct {
+        unsigned short length;
+        const wire::FilterCode* code;
+    } const program = {static_cast<unsigned short>(rules->filter), rules.filter()};
+    check(sys::call(__NR_seccomp, SECCOMP_SET_MODE_FILTER, rules->filterFlags, sys::arg(&program)));
+}
+
+void limit_capabilities(std::uint64_t bounding)
+{
+    for (int capability = 0; capability < 64; capability++) {
+        if ((bounding & bit(capability)) != 0)
             continue;
         const long dropped = sys::call(__NR_prctl, PR_CAPBSET_DROP, capability);
         if (dropped == -EINVAL) // the kernel has no more capabilities
@@ -151,59 +239,186 @@ void drop_rights()
         check(dropped);
     }
     sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL);
-    const auto low = static_cast<std::uint32_t>(kCapabilities);
-    const auto high = static_cast<std::uint32_t>(kCapabilities >> 32);
-    const __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    const __user_cap_data_struct sets[2] = {{low, low, 0}, {high, high, 0}};
-    check(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
-    check(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
-    check(-filter_calls());
 }
 
-[[noreturn]] void become_program(char** argv, char** envp)
+void set_capabilities(const Identity& user)
+{
+    const auto low = [](std::uint64_t set) { return static_cast<std::uint32_t>(set); };
+    const auto high = [](std::uint64_t set) { return static_cast<std::uint32_t>(set >> 32); };
+    const __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct sets[2] = {
+        {low(user.effective), low(user.permitted), low(user.inheritable)},
+        {high(user.effective), high(user.permitted), high(user.inheritable)}};
+    check(sys::call(__NR_capset, sys::arg(&header), sys::arg(sets)));
+    for (int capability = 0; capability < 64; capability++)
+        if ((user.ambient & bit(capability)) != 0)
+            check(sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, capability));
+}
+
+void drop_rights(const Rules& rules, const Identity& user)
+{
+    // Without no_new_privs, installing a filter needs a capability that is dropped below.
+    if (rules->noNewPrivileges == 0)
+        install_filter(rules);
+    // Secure bits set by the caller could keep capabilities from being dropped with root's user id.
+    check(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
+    limit_capabilities(rules->bounding);
+    check(sys::call(__NR_setgroups, static_cast<long>(user.groupCount), sys::arg(user.groups)));
+    check(sys::call(__NR_setresgid, user.gid, user.gid, user.gid));
+    check(sys::call(__NR_prctl, PR_SET_KEEPCAPS, 1));
+    check(sys::call(__NR_setresuid, user.uid, user.uid, user.uid));
+    check(sys::call(__NR_prctl, PR_SET_KEEPCAPS, 0));
+    // Changing user ids may have reset this, and from here on this process has no more capabilities
+    // than processes in the container.
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+    set_capabilities(user);
+    if (rules->noNewPrivileges == 0)
+        return;
+    check(sys::call(__NR_prctl, PR_SET_NO_NEW_PRIVS, 1));
+    install_filter(rules);
+}
+
+// A terminal that no session has becomes that of the program's session: a pseudo-terminal that was
+// made for the program. The caller's own terminal belongs to the caller's session. The user gets
+// what was made for the program, so that it can open "/dev/stdout".
+void own_streams(const Identity& user)
+{
+    constexpr long kTakeTerminal = 0x540e; // TIOCSCTTY
+    constexpr long kPipes = 0x50495045;    // PIPEFS_MAGIC
+    const bool terminal = sys::call(__NR_ioctl, 0, kTakeTerminal, 0) == 0;
+    if (user.uid == 0)
+        return;
+    for (int stream = 0; stream <= 2; stream++) {
+        struct { // statfs
+            long type;
+            long rest[31];
+        } fs = {};
+        if ((terminal && stream == 0) ||
+            (sys::call(__NR_fstatfs, stream, sys::arg(&fs)) == 0 && fs.type == kPipes))
+            sys::call(__NR_fchown, stream, user.uid, -1);
+    }
+}
+
+// Executes the program; if it does not exist and its name has no "/", looks for it in the PATH of
+// its environment. Returns the error.
+long execute(const char* program, char** argv, char** envp)
+{
+    constexpr char kPath[] = "PATH=";
+    long result = sys::call(__NR_execve, sys::arg(program), sys::arg(argv), sys::arg(envp));
+    const char* path = nullptr;
+    for (char** at = envp; path == nullptr && *at != nullptr; at++)
+        if (memcmp(*at, kPath, sizeof kPath - 1) == 0)
+            path = *at + sizeof kPath - 1;
+    for (const char* at = argv[0]; *at != '\0'; at++)
+        if (*at == '/')
+            return result;
+    if (result != -ENOENT || path == nullptr || argv[0][0] == '\0')
+        return result;
+    char file[4096];
+    const std::size_t nameLen = strlen(argv[0]) + 1;
+    for (const char* start = path;; start++) {
+        std::size_t len = 0;
+        while (start[len] != '\0' && start[len] != ':')
+            len++;
+        // An empty entry means the working directory, which has been tried.
+        if (len != 0 && len + 1 + nameLen <= sizeof file) {
+            memcpy(file, start, len);
+            file[len] = '/';
+            memcpy(file + len + 1, argv[0], nameLen);
+            const long tried =
+                sys::call(__NR_execve, sys::arg(file), sys::arg(argv), sys::arg(envp));
+            if (tried != -ENOENT && tried != -ENOTDIR && tried != -EACCES)
+                return tried;
+            if (tried == -EACCES)
+                result = tried;
+        }
+        start += len;
+        if (*start == '\0')
+            return result;
+    }
+}
+
+[[noreturn]] void become_program(const Rules& rules, char** argv, char** envp)
 {
     const long nice = number(argv[1]);
     const long stack = number(argv[2]);
     const char* directory = argv[3];
-    const char* program = argv[4];
+    const char* program = argv[5];
+    Identity user;
+    choose_identity(rules, argv[4], user);
 
     check(sys::call(__NR_setsid)); // detaches from the caller's terminal
     sys::call(__NR_umask, 0);
     check(-replace_null_streams());
-    sys::call(__NR_umask, 022);
+    own_streams(user);
+    sys::call(__NR_umask, rules->umask);
     leave_keyring();
     check(-reset_processors());
     check(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
     leave_queue_memory();
-    drop_rights();
+    set_limits(rules);
+    drop_rights(rules, user);
     // After dropping rights, so that the program could have entered the directory itself.
     enter_directory(directory);
     sys::call(__NR_close, wire::kSpawnerNamespace);
     default_signals();
-    fail(sys::call(__NR_execve, sys::arg(program), sys::arg(argv + wire::kSpawnerFixedArgs),
-                   sys::arg(envp)));
+    fail(execute(program, argv + wire::kSpawnerFixedArgs, envp));
+}
+
+void write_text(const char* path, const char* text)
+{
+    const sys::Fd file(sys::call(__NR_openat, AT_FDCWD, sys::arg(path), O_WRONLY | O_CLOEXEC));
+    check(file.valid()
+              ? sys::call(__NR_write, file.get(), sys::arg(text), static_cast<long>(strlen(text)))
+              : -file.error());
+}
+
+// What must be done while the host's files are visible. The program inherits it.
+void prepare_on_host(const Rules& rules)
+{
+    const char* entry = rules.entries();
+    for (unsigned i = 0; i < rules->entries; i++) {
+        write_text(entry, "0");
+        entry += strlen(entry) + 1;
+    }
+    if (rules->oomScore != wire::kNoOomScore) {
+        char text[16];
+        std::size_t at = sizeof text - 1;
+        text[at] = '\0';
+        const bool negative = rules->oomScore < 0;
+        auto left = static_cast<unsigned>(negative ? -rules->oomScore : rules->oomScore);
+        do
+            text[--at] = static_cast<char>('0' + left % 10);
+        while ((left /= 10) != 0);
+        if (negative)
+            text[--at] = '-';
+        write_text("/proc/self/oom_score_adj", text + at);
+    }
 }
 
 } // namespace
 
 void spawner_run(char** argv, char** envp)
 {
-    sys::call(__NR_fcntl, wire::kSpawnerReport, F_SETFD, FD_CLOEXEC);
-    sys::call(__NR_fcntl, wire::kSpawnerNamespace, F_SETFD, FD_CLOEXEC);
+    for (int fd = wire::kSpawnerNamespace; fd < wire::kSpawnerFdEnd; fd++)
+        sys::call(__NR_fcntl, fd, F_SETFD, FD_CLOEXEC);
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     check(-reset_scheduling());
     check(-reset_memory());
-    // The cgroup namespace is rooted at the program's control group, which is the caller's. In the
-    // keeper's cgroup namespace, the program's cgroup path would lead through the host's groups.
-    check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
-    check(sys::call(__NR_setns, wire::kSpawnerNamespace, kNamespaces));
+    const Rules rules;
+    prepare_on_host(rules);
+    // The cgroup namespace is rooted at the program's control group. In the keeper's cgroup
+    // namespace, the program's cgroup path would lead through the host's groups.
+    if (rules->ownControlGroup != 0)
+        check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
+    check(sys::call(__NR_setns, wire::kSpawnerNamespace, static_cast<long>(rules->namespaces)));
     // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
     // the caller, which can wait for it; it has this process's exit signal. CLONE_VFORK suspends
     // this process until the new one has executed the program or has ended.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0)
-        become_program(argv, envp);
+        become_program(rules, argv, envp);
     check(pid);
     report(wire::SpawnReport::Kind::kPid, pid);
     sys::exit_group(0);

@@ -37,6 +37,38 @@ inline long call(long nr, long a = 0, long b = 0, long c = 0, long d = 0, long e
 #error "the helper knows the system calls of x86_64 and aarch64"
 #endif
 
+// Maps a file read-only. The address, or a negative error number.
+inline long map_file(std::size_t length, int fd)
+{
+    constexpr long kRead = 1;
+    constexpr long kPrivate = 2;
+    const auto size = static_cast<long>(length);
+#if defined(__x86_64__)
+    long result;
+    register long r10 __asm__("r10") = kPrivate;
+    register long r8 __asm__("r8") = fd;
+    register long r9 __asm__("r9") = 0;
+    __asm__ volatile("syscall"
+                     : "=a"(result)
+                     : "a"(__NR_mmap), "D"(0), "S"(size), "d"(kRead), "r"(r10), "r"(r8), "r"(r9)
+                     : "rcx", "r11", "memory");
+    return result;
+#else
+    register long x8 __asm__("x8") = __NR_mmap;
+    register long x0 __asm__("x0") = 0;
+    register long x1 __asm__("x1") = size;
+    register long x2 __asm__("x2") = kRead;
+    register long x3 __asm__("x3") = kPrivate;
+    register long x4 __asm__("x4") = fd;
+    register long x5 __asm__("x5") = 0;
+    __asm__ volatile("svc 0"
+                     : "+r"(x0)
+                     : "r"(x8), "r"(x1), "r"(x2), "r"(x3), "r"(x4), "r"(x5)
+                     : "memory");
+    return x0;
+#endif
+}
+
 template <class T> inline long arg(T* p)
 {
     return static_cast<long>(reinterpret_cast<std::uintptr_t>(p));

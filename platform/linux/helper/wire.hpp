@@ -24,16 +24,34 @@ inline constexpr int kKeeperSocket = 0;
 
 enum class Op : std::uint32_t {
     kBareMounts, // replace the host's tree by an empty one
-    kRoot,       // descriptor: detached tree; text: host name
+    kJoin,       // descriptor: a namespace to enter; value: its CLONE_NEW flag
+    kLoopback,   // bring the loopback interface of the network namespace up
+    kRoot,       // descriptor: detached tree; text: host name, "" leaves it; value: ROOT_ bits
     kMountTree,  // descriptor: detached tree; text: destination
     kMountFs,    // text: destination, type, then options "key" or "key=value"
     kUnmount,    // text: destination; value: the mount id from the answer to kMount...
+    kDevice,     // text: path in /dev; node: the device
+    kSysctl,     // text: path below /proc/sys, value
+    kHide,       // text: path to be covered
+    kReadOnly,   // text: path to be made read-only, "/" for the root itself
     kKill,       // value: host signal
     kInUse,      // answers 1 if another live process exists, else 0
     kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
+
+// kRoot: whether the parts of procfs and sysfs that are hidden by default stay visible.
+inline constexpr std::uint64_t kRootUnmasked = 1;
+
+// A device node or FIFO to be created.
+struct Node {
+    std::uint32_t mode; // with the type
+    std::uint32_t major;
+    std::uint32_t minor;
+    std::uint32_t uid;
+    std::uint32_t gid;
+};
 
 struct Request {
     Op op;
@@ -42,6 +60,7 @@ struct Request {
     std::uint64_t attributes; // kMountFs: MOUNT_ATTR_ bits
     std::uint32_t textLen;    // length of the NUL-terminated strings that follow
     std::uint32_t textCount;
+    Node node;
 };
 
 struct Answer {
@@ -52,13 +71,54 @@ struct Answer {
 
 // ---------------------------------------------------------------- spawner
 
-// Descriptors: 0 to 2 are the program's standard streams; these two are closed before it runs.
+// Descriptors: 0 to 2 are the program's standard streams; these are closed before it runs.
 inline constexpr int kSpawnerNamespace = 3; // pidfd of the namespace's keeper
 inline constexpr int kSpawnerReport = 4;    // pipe to the caller
-inline constexpr int kSpawnerFdEnd = 5;
+inline constexpr int kSpawnerRecord = 5;    // the namespace's record, which holds a Confinement
+inline constexpr int kSpawnerFdEnd = 6;
 
-// argv: name, nice value, stack size, working directory, program, then the program's argv.
-inline constexpr int kSpawnerFixedArgs = 5;
+// argv: name, nice value, stack size, working directory, user ("" or "UID:GID[:GROUP]..."),
+// program, then the program's argv.
+inline constexpr int kSpawnerFixedArgs = 6;
+
+// What programs in a namespace may do, at kConfinementOffset in the namespace's record. The arrays
+// follow the structure in the order of their lengths: limits, filter, groups, then the texts.
+struct Confinement {
+    std::uint64_t size;       // with the arrays
+    std::uint64_t namespaces; // CLONE_NEW flags of the keeper's namespaces to join
+    std::uint64_t bounding;   // capability sets
+    std::uint64_t permitted;
+    std::uint64_t effective;
+    std::uint64_t inheritable;
+    std::uint64_t ambient;
+    std::uint32_t uid;
+    std::uint32_t gid;
+    std::uint32_t umask;
+    std::uint32_t filterFlags;
+    std::int32_t oomScore; // kNoOomScore: that of the caller
+    std::uint32_t noNewPrivileges;
+    std::uint32_t ownControlGroup; // a cgroup namespace rooted at the program's group
+    std::uint32_t limits;
+    std::uint32_t filter;
+    std::uint32_t groups;
+    std::uint32_t entries; // texts: files through which the control group is entered
+    std::uint32_t reserved;
+};
+inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
+inline constexpr std::size_t kConfinementOffset = 4096;
+
+struct Limit {
+    std::uint64_t resource;
+    std::uint64_t soft;
+    std::uint64_t hard;
+};
+
+struct FilterCode { // as the kernel's sock_filter
+    std::uint16_t code;
+    std::uint8_t jt;
+    std::uint8_t jf;
+    std::uint32_t k;
+};
 
 // Written to the pipe before the spawner exits, which it does when the program runs or could not be
 // started: the program's process id, and the error number if it failed.

@@ -240,7 +240,7 @@ make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; echo ready; sleep $mark &
 runner=$!
 eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
-sent() { kill -s INT "$runner" && sleep 0.1 && grep -q force "$work/hints"; }
+sent() { kill -s INT "$runner" && sleep 0.1 && grep -q "kills it" "$work/hints"; }
 check 'a second interrupt prints how to end by force' eventually sent
 check 'with the command' grep -qx \
     "zncctl: hint: deaf is still running; 'zncctl kill -s KILL deaf' kills it" "$work/hints"

@@ -60,7 +60,7 @@ std::vector<std::string> strings(char* const* vector)
 
 STATUS znSpawnAttrInit(znSpawnAttr* attr)
 {
-    *attr = {100, 0, 0, 0, -1, nullptr, 0};
+    *attr = {100, 0, 0, 0, -1, nullptr, 0, nullptr};
     return set("init", "");
 }
 STATUS znSpawnAttrDestroy(znSpawnAttr*)

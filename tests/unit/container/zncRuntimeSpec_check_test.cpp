@@ -43,7 +43,8 @@ std::vector<Finding> check(const std::string& text)
 // "refused process.cwd"
 Texts findings(const std::string& text)
 {
-    static constexpr const char* kWords[] = {"refused", "misread", "ignored", "unused", "unknown"};
+    static constexpr const char* kWords[] = {"refused", "misread", "ignored",
+                                             "unused",  "unknown", "not allowed"};
     Texts texts;
     for (const Finding& finding : check(text))
         texts.push_back(std::string(kWords[finding.verdict]) + " " + finding.path);
@@ -117,13 +118,35 @@ TEST(ConfigCheckCall, NamesWhatChangesNothing)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/",
                            "user": {"uid": 1}, "terminal": true, "env": {}}, "hostname": "h",
-                           "root": {"path": "r", "readonly": 1}, "linux": {}, "mounts": [
+                           "root": {"path": "r", "readonly": true}, "linux": {}, "vm": {}, "mounts": [
                            {"source": 1, "options": []}], "annotations": {"a": 1},
                            "zarnel": {"rtp": {"rtpPriority": 50}, "resources": {}}})"),
-              (Texts{"unused hostname", "ignored annotations.a", "ignored process.env",
-                     "unused process.terminal", "unknown process.user", "ignored root.readonly",
+              (Texts{"ignored annotations.a", "ignored process.env", "unused process.terminal",
                      "ignored mounts[0].source", "ignored zarnel.rtp.rtpPriority",
-                     "unknown zarnel.resources", "unknown linux"}));
+                     "unknown zarnel.resources", "unknown vm"}));
+}
+
+// The document of kGood with another member of "process".
+std::string with_process(const std::string& member)
+{
+    return R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/", )" + member +
+           R"(}, "root": {"path": "r"}})";
+}
+
+TEST(ConfigCheckCall, NamesTheMemberThatThePlatformRefusesAndWhy)
+{
+    const std::vector<Finding> found = check(with_process(R"("oomScoreAdj": 1001)"));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].verdict, ZNC_CONFIG_REFUSED);
+    EXPECT_EQ(found[0].path, "process.oomScoreAdj");
+    EXPECT_NE(found[0].found, "");
+    EXPECT_EQ(findings(with_process(R"("user": {"uid": 1, "gid": 1}, "rlimits": [])")), Texts{});
+}
+
+TEST(ConfigCheckCall, NamesTheMemberThatNeedsTheDaemonsConsent)
+{
+    EXPECT_EQ(findings(with_process(R"("noNewPrivileges": false)")),
+              Texts{"not allowed process.noNewPrivileges"});
 }
 
 TEST(ConfigCheckCall, TakesTheFirstOfMembersThatDifferInCase)

@@ -5,6 +5,7 @@
 #include "clock.hpp"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <csignal>
@@ -23,6 +24,7 @@ using zn::Keeper;
 using znc::UniqueFd;
 
 constexpr int kMany = 300;
+constexpr unsigned long kNamespaces = CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
 
 std::set<std::string> descriptors_of(pid_t pid)
 {
@@ -68,7 +70,7 @@ TEST_F(Keepers, HaveTheirSocketAndNothingOfTheirOwners)
 {
     for (int round = 0; round < 3; round++) {
         Keeper keeper;
-        ASSERT_TRUE(keeper.start()) << errno;
+        ASSERT_TRUE(keeper.start(kNamespaces)) << errno;
         std::uint64_t used = 1;
         // by now the keeper runs its own program
         EXPECT_EQ(keeper.ask(zn::wire::Op::kInUse, 0, &used), 0);
@@ -81,11 +83,11 @@ TEST_F(Keepers, HaveTheirSocketAndNothingOfTheirOwners)
 TEST_F(Keepers, LeaveTheirOwnersDescriptorsOpen)
 {
     Keeper first; // creates what all keepers share
-    ASSERT_TRUE(first.start()) << errno;
+    ASSERT_TRUE(first.start(kNamespaces)) << errno;
     const std::size_t before = own_count();
     {
         Keeper second;
-        ASSERT_TRUE(second.start()) << errno;
+        ASSERT_TRUE(second.start(kNamespaces)) << errno;
         EXPECT_EQ(own_count(), before + 2);
         end(second);
     }
@@ -106,8 +108,8 @@ TEST_F(Keepers, AreFoundDeadAsSoonAsTheyAreDead)
 {
     Keeper one;
     Keeper other;
-    ASSERT_TRUE(one.start()) << errno;
-    ASSERT_TRUE(other.start()) << errno;
+    ASSERT_TRUE(one.start(kNamespaces)) << errno;
+    ASSERT_TRUE(other.start(kNamespaces)) << errno;
     // If another process held its end of the socket, this would block.
     ASSERT_EQ(::kill(one.pid(), SIGKILL), 0);
     ASSERT_TRUE(one.ended(10000));

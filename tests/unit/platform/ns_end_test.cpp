@@ -93,7 +93,7 @@ class FullRecords : public Namespaces {
     void SetUp() override
     {
         Namespaces::SetUp();
-        ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=4k,nr_inodes=4,mode=700"), 0);
+        ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=64k,nr_inodes=4,mode=700"), 0);
         fs::create_directories("/run/zarnel/ns");
         zn::NsRecord record = {1, 1, zn::Grant::kNone, zn::Entry::kOver, "/some/root"};
         while (zn::ns_record_write(next_, record) == 0)

@@ -1,0 +1,174 @@
+// keeper_settings.cpp - what a container's configuration changes in its namespaces, before any
+// program runs in them: namespaces to join, the loopback interface, devices, kernel parameters,
+// paths that are hidden or read-only. Paths are resolved like mount destinations: inside the root.
+
+#include "helper.hpp"
+#include "keeper_mask.hpp"
+#include "sys.hpp"
+#include "wire.hpp"
+
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/mount.h>
+#include <linux/openat2.h>
+#include <linux/stat.h>
+
+namespace zn {
+namespace {
+
+constexpr long kFamilyUnix = 1; // interface flags can be set through any socket
+constexpr long kSocketDatagram = 2;
+constexpr long kSocketCloexec = 02000000;
+constexpr long kGetFlags = 0x8913; // SIOCGIFFLAGS
+constexpr long kSetFlags = 0x8914; // SIOCSIFFLAGS
+constexpr short kInterfaceUp = 1;  // IFF_UP
+constexpr std::size_t kPathMax = 1024;
+
+struct InterfaceRequest { // struct ifreq
+    char name[16];
+    short flags;
+    char rest[22];
+};
+
+int error_of(long result)
+{
+    return result < 0 ? static_cast<int>(-result) : 0;
+}
+
+// Whether two descriptors are on the same mount.
+int same_mount(int one, int other)
+{
+    struct statx a = {};
+    struct statx b = {};
+    int error = error_of(
+        sys::call(__NR_statx, one, sys::arg(""), AT_EMPTY_PATH, STATX_MNT_ID, sys::arg(&a)));
+    if (error == 0)
+        error = error_of(
+            sys::call(__NR_statx, other, sys::arg(""), AT_EMPTY_PATH, STATX_MNT_ID, sys::arg(&b)));
+    return error != 0 ? error : a.stx_mnt_id == b.stx_mnt_id ? 0 : EXDEV;
+}
+
+// A directory in the container's /dev, created if missing; EXDEV if a symbolic link or mount leads
+// out of the file system that this process mounted there.
+sys::Fd device_directory(const char* path, std::size_t len)
+{
+    char text[kPathMax];
+    memcpy(text, path, len);
+    text[len] = '\0';
+    sys::Fd directory(mount_point(text, true));
+    if (!directory.valid())
+        return directory;
+    const sys::Fd dev(open_inside("/dev", O_DIRECTORY));
+    const int error = dev.valid() ? same_mount(dev.get(), directory.get()) : dev.error();
+    return error == 0 ? static_cast<sys::Fd&&>(directory) : sys::Fd(-error);
+}
+
+} // namespace
+
+int namespace_join(int descriptor, std::uint64_t type)
+{
+    return error_of(sys::call(__NR_setns, descriptor, static_cast<long>(type)));
+}
+
+int loopback_up()
+{
+    const sys::Fd socket(sys::call(__NR_socket, kFamilyUnix, kSocketDatagram | kSocketCloexec, 0));
+    if (!socket.valid())
+        return socket.error();
+    InterfaceRequest request = {};
+    memcpy(request.name, "lo", 3);
+    int error = error_of(sys::call(__NR_ioctl, socket.get(), kGetFlags, sys::arg(&request)));
+    if (error != 0 || (request.flags & kInterfaceUp) != 0)
+        return error;
+    request.flags = static_cast<short>(request.flags | kInterfaceUp);
+    error = error_of(sys::call(__NR_ioctl, socket.get(), kSetFlags, sys::arg(&request)));
+    return error;
+}
+
+int device_make(const char* path, const wire::Node& node)
+{
+    constexpr char kDev[] = "/dev/";
+    const std::size_t len = strlen(path);
+    std::size_t cut = len;
+    while (cut > 0 && path[cut - 1] != '/')
+        cut--;
+    if (len >= kPathMax || cut < sizeof kDev - 1 || cut == len ||
+        memcmp(path, kDev, sizeof kDev - 1) != 0)
+        return EINVAL;
+    const sys::Fd directory = device_directory(path, cut);
+    if (!directory.valid())
+        return directory.error();
+    const char* name = path + cut;
+    const long number = (node.minor & 0xff) | (static_cast<long>(node.major & 0xfff) << 8) |
+                        (static_cast<long>(node.minor & ~0xffU) << 12);
+    const long removed = sys::call(__NR_unlinkat, directory.get(), sys::arg(name), 0);
+    if (removed < 0 && removed != -ENOENT)
+        return error_of(removed);
+    const int error =
+        error_of(sys::call(__NR_mknodat, directory.get(), sys::arg(name), node.mode, number));
+    return error != 0 ? error
+                      : error_of(sys::call(__NR_fchownat, directory.get(), sys::arg(name), node.uid,
+                                           node.gid, AT_SYMLINK_NOFOLLOW));
+}
+
+int parameter_set(const char* path, const char* value)
+{
+    // A procfs of its own: that of the container may be mounted over, and is read-only there.
+    const sys::Fd proc(filesystem_create("proc", MOUNT_ATTR_NOSUID, nullptr, 0));
+    if (!proc.valid())
+        return proc.error();
+    const sys::Fd root(
+        sys::call(__NR_openat, proc.get(), sys::arg("sys"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!root.valid())
+        return root.error();
+    open_how how = {};
+    how.flags = O_WRONLY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const sys::Fd file(
+        sys::call(__NR_openat2, root.get(), sys::arg(path), sys::arg(&how), sizeof how));
+    if (!file.valid())
+        return file.error();
+    return error_of(
+        sys::call(__NR_write, file.get(), sys::arg(value), static_cast<long>(strlen(value))));
+}
+
+int path_hide(const char* path)
+{
+    const sys::Fd target(open_inside(path, 0));
+    if (!target.valid())
+        return target.error() == ENOENT || target.error() == ENOTDIR ? 0 : target.error();
+    const sys::Fd root(open_inside("/", O_DIRECTORY));
+    if (!root.valid())
+        return root.error();
+    Covers covers(root.get());
+    const int error = covers.cover(target.get());
+    const int detached = covers.detach();
+    return error != 0 ? error : detached;
+}
+
+int path_read_only(const char* path)
+{
+    mount_attr attr = {};
+    attr.attr_set = MOUNT_ATTR_RDONLY;
+    if (text_equal(path, "/"))
+        return error_of(sys::call(__NR_mount_setattr, AT_FDCWD, sys::arg("/"), 0, sys::arg(&attr),
+                                  sizeof attr));
+    const sys::Fd target(open_inside(path, 0));
+    if (!target.valid())
+        return target.error() == ENOENT || target.error() == ENOTDIR ? 0 : target.error();
+    const sys::Fd copy(
+        sys::call(__NR_open_tree, target.get(), sys::arg(""),
+                  OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH | AT_RECURSIVE));
+    if (!copy.valid())
+        return copy.error();
+    attr.propagation = MS_PRIVATE;
+    const int error =
+        error_of(sys::call(__NR_mount_setattr, copy.get(), sys::arg(""),
+                           AT_EMPTY_PATH | AT_RECURSIVE, sys::arg(&attr), sizeof attr));
+    return error != 0 ? error
+                      : error_of(sys::call(__NR_move_mount, copy.get(), sys::arg(""), target.get(),
+                                           sys::arg(""),
+                                           MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH));
+}
+
+} // namespace zn

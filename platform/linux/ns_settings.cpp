@@ -1,0 +1,391 @@
+// ns_settings.cpp - see ns_settings.hpp.
+#include "ns_settings.hpp"
+
+#include "settings/seccomp.hpp"
+#include "settings/settings_policy.hpp"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+constexpr std::int64_t kPidsMax = 4096;
+constexpr char kGroupParent[] = "/zarnel";
+
+struct Kind {
+    NsKind kind;
+    unsigned long flag;
+    const char* name;
+};
+// Without the mount and PID namespaces, which every keeper has: it makes the mounts and is the
+// first process.
+constexpr std::array<Kind, 4> kKinds = {{{NsKind::kIpc, CLONE_NEWIPC, "ipc"},
+                                         {NsKind::kUts, CLONE_NEWUTS, "uts"},
+                                         {NsKind::kCgroup, CLONE_NEWCGROUP, "cgroup"},
+                                         {NsKind::kNetwork, CLONE_NEWNET, "network"}}};
+
+int refuse(SettingsFault& fault, const char* field, const char* reason, int error)
+{
+    std::snprintf(fault.field, sizeof fault.field, "%s", field);
+    std::snprintf(fault.reason, sizeof fault.reason, "%s", reason);
+    return error;
+}
+
+int refuse_errno(SettingsFault& fault, const char* field, int error)
+{
+    return error == 0 ? 0 : refuse(fault, field, std::strerror(error), error);
+}
+
+const NsChoice& choice(const Settings& settings, NsKind kind)
+{
+    return settings.namespaces[static_cast<unsigned>(kind)];
+}
+
+// The default filter depends on the capabilities only, and most containers have the same.
+const SeccompCode* default_filter(std::uint64_t capabilities)
+{
+    static SeccompCode code;
+    static std::uint64_t compiledFor = 0;
+    if (!code.code.empty() && compiledFor == capabilities)
+        return &code;
+    SeccompCode fresh;
+    if (seccomp_default(capabilities, fresh) != 0)
+        return nullptr;
+    code = std::move(fresh);
+    compiledFor = capabilities;
+    return &code;
+}
+
+bool has_label(const Text& label)
+{
+    return label && label[0] != '\0' && std::strcmp(label.get(), "unconfined") != 0;
+}
+
+// Asks the keeper with one or two texts.
+int tell(Keeper& keeper, wire::Request request, const char* first, const char* second = nullptr)
+{
+    char text[4096];
+    const std::size_t a = std::strlen(first) + 1;
+    const std::size_t b = second != nullptr ? std::strlen(second) + 1 : 0;
+    if (a + b > sizeof text)
+        return ENAMETOOLONG;
+    std::memcpy(text, first, a);
+    if (second != nullptr)
+        std::memcpy(text + a, second, b);
+    request.textLen = static_cast<std::uint32_t>(a + b);
+    request.textCount = second != nullptr ? 2 : 1;
+    return keeper.ask(request, {text, a + b}, -1);
+}
+
+int tell(Keeper& keeper, wire::Op op, const char* path)
+{
+    wire::Request request = {};
+    request.op = op;
+    return tell(keeper, request, path);
+}
+
+std::uint32_t type_bits(char type)
+{
+    return type == 'b' ? S_IFBLK : type == 'p' ? S_IFIFO : S_IFCHR;
+}
+
+int make_device(Keeper& keeper, const Device& device)
+{
+    wire::Request request = {};
+    request.op = wire::Op::kDevice;
+    request.node = {type_bits(device.type) | (device.mode & 07777), device.major, device.minor,
+                    device.uid, device.gid};
+    return tell(keeper, request, device.path.get());
+}
+
+// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward. If a name contains a dot itself, the whole
+// key is written with "/".
+int set_parameter(Keeper& keeper, const Sysctl& parameter)
+{
+    Text path = znc::copy_text(parameter.key.get());
+    if (!path)
+        return ENOMEM;
+    if (std::strchr(path.get(), '/') == nullptr)
+        for (char* at = path.get(); *at != '\0'; at++)
+            if (*at == '.')
+                *at = '/';
+    wire::Request request = {};
+    request.op = wire::Op::kSysctl;
+    return tell(keeper, request, path.get(), parameter.value.get());
+}
+
+// A hard limit above that of this process cannot be given to programs.
+int check_limits(const List<Rlimit>& limits, SettingsFault& fault)
+{
+    for (std::size_t i = 0; i < limits.size(); i++) {
+        struct rlimit own = {};
+        if (::getrlimit(static_cast<__rlimit_resource>(limits[i].resource), &own) != 0)
+            return refuse_errno(fault, "process.rlimits", errno);
+        if (limits[i].hard <= own.rlim_max)
+            continue;
+        const struct rlimit raised = {own.rlim_cur, limits[i].hard};
+        char field[64];
+        std::snprintf(field, sizeof field, "process.rlimits[%zu].hard", i);
+        // Setting the limit is the only way to find out; it is undone at once.
+        if (::setrlimit(static_cast<__rlimit_resource>(limits[i].resource), &raised) != 0)
+            return refuse(fault, field, "above the limit of the daemon, which may not raise it",
+                          EPERM);
+        ::setrlimit(static_cast<__rlimit_resource>(limits[i].resource), &own);
+    }
+    return 0;
+}
+
+} // namespace
+
+NsChoice::From NamespaceSettings::from(NsKind kind) const
+{
+    return settings_.namespacesGiven ? choice(settings_, kind).from : NsChoice::From::kNew;
+}
+
+int NamespaceSettings::check(bool privileged, SettingsFault& fault) const
+{
+    if (!privileged && !settings_within_defaults(settings_, fault))
+        return EPERM;
+    if (from(NsKind::kMount) != NsChoice::From::kNew)
+        return refuse(fault, "linux.namespaces", "a container needs a new mount namespace",
+                      ENOTSUP);
+    if (from(NsKind::kPid) != NsChoice::From::kNew)
+        return refuse(fault, "linux.namespaces", "a container needs a new pid namespace", ENOTSUP);
+    for (const NsKind kind : {NsKind::kUser, NsKind::kTime})
+        if (settings_.namespacesGiven && choice(settings_, kind).from != NsChoice::From::kHost)
+            return refuse(fault, "linux.namespaces",
+                          kind == NsKind::kUser ? "user namespaces are not supported"
+                                                : "time namespaces are not supported",
+                          ENOTSUP);
+    if ((settings_.rootPropagation.value_or(MS_PRIVATE) & MS_PRIVATE) == 0)
+        return refuse(fault, "linux.rootfsPropagation", "only \"private\" is supported", ENOTSUP);
+    if (has_label(settings_.apparmorProfile))
+        return refuse(fault, "process.apparmorProfile", "not supported", ENOTSUP);
+    if (settings_.selinuxLabel && settings_.selinuxLabel[0] != '\0')
+        return refuse(fault, "process.selinuxLabel", "not supported", ENOTSUP);
+    for (const Device& device : settings_.devices)
+        if (std::strncmp(device.path.get(), "/dev/", 5) != 0)
+            return refuse(fault, "linux.devices", "a device must be below /dev", ENOTSUP);
+    return check_limits(settings_.rlimits, fault);
+}
+
+int NamespaceSettings::take_filter(const SeccompCode& code)
+{
+    for (const sock_filter& one : code.code)
+        if (filter_.append({one.code, one.jt, one.jf, one.k}) == nullptr)
+            return ENOMEM;
+    filterFlags_ = code.flags;
+    return 0;
+}
+
+int NamespaceSettings::compile_filter(SettingsFault& fault)
+{
+    SeccompCode code;
+    if (!settings_.seccomp.given)
+        return 0;
+    const int error = seccomp_compile(settings_.seccomp, code, fault);
+    return error != 0 ? error : take_filter(code);
+}
+
+int NamespaceSettings::use_default_filter()
+{
+    if (settings_.seccomp.given)
+        return 0;
+    const SeccompCode* code = default_filter(
+        settings_.capabilities.given ? settings_.capabilities.bounding : kDefaultCapabilities);
+    return code != nullptr ? take_filter(*code) : ENOMEM;
+}
+
+int NamespaceSettings::read(const char* document, bool privileged, SettingsFault& fault)
+{
+    int error = document != nullptr ? settings_read(document, settings_, fault) : 0;
+    if (error == 0)
+        error = check(privileged, fault);
+    if (error == 0)
+        error = compile_filter(fault);
+    unmasked_ = privileged && settings_.maskedPathsGiven;
+    if (!settings_.resources.pidsLimit)
+        settings_.resources.pidsLimit = kPidsMax;
+    return error;
+}
+
+unsigned long NamespaceSettings::clone_flags() const
+{
+    unsigned long flags = CLONE_NEWPID;
+    for (const Kind& kind : kKinds)
+        if (is_new(kind.kind))
+            flags |= kind.flag;
+    return flags;
+}
+
+int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fault)
+{
+    const bool given = settings_.cgroupsPath && settings_.cgroupsPath[0] != '\0';
+    if (cgroup_version() == CgroupVersion::kNone)
+        return given ? refuse(fault, "linux.cgroupsPath", "there are no control groups", ENOTSUP)
+                     : 0;
+    char path[kCgroupPathMax];
+    const char* wanted = given ? settings_.cgroupsPath.get() : "";
+    const int len =
+        given ? std::snprintf(path, sizeof path, "%s%s%s", wanted[0] == '/' ? "" : kGroupParent,
+                              wanted[0] == '/' ? "" : "/", wanted)
+              : std::snprintf(path, sizeof path, "%s/%s-%08x", kGroupParent, name,
+                              static_cast<unsigned>(id));
+    if (len < 0 || static_cast<std::size_t>(len) >= sizeof path)
+        return refuse_errno(fault, "linux.cgroupsPath", ENAMETOOLONG);
+    const char* limit = nullptr;
+    const int error = cgroup_create(path, settings_.resources, &limit);
+    if (error != 0) {
+        char field[64];
+        std::snprintf(field, sizeof field, "linux.%s%s",
+                      limit != nullptr ? "resources." : "cgroupsPath",
+                      limit != nullptr ? limit : "");
+        return refuse_errno(fault, field, error);
+    }
+    group_ = znc::copy_text(path);
+    if (group_)
+        return 0;
+    cgroup_remove(path);
+    return refuse_errno(fault, "linux.cgroupsPath", ENOMEM);
+}
+
+int NamespaceSettings::prepare(Keeper& keeper, SettingsFault& fault) const
+{
+    for (const Kind& kind : kKinds) {
+        if (from(kind.kind) != NsChoice::From::kPath)
+            continue;
+        const char* path = choice(settings_, kind.kind).path.get();
+        const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+        wire::Request request = {};
+        request.op = wire::Op::kJoin;
+        request.value = kind.flag;
+        const int error = file ? keeper.ask(request, {}, file.get()) : errno;
+        char field[64];
+        std::snprintf(field, sizeof field, "linux.namespaces: %s", kind.name);
+        if (error != 0)
+            return refuse_errno(fault, field, error);
+    }
+    return is_new(NsKind::kNetwork)
+               ? refuse_errno(fault, "linux.namespaces: network", keeper.ask(wire::Op::kLoopback))
+               : 0;
+}
+
+std::uint64_t NamespaceSettings::root_bits() const
+{
+    return unmasked_ ? wire::kRootUnmasked : 0;
+}
+
+int NamespaceSettings::seal(Keeper& keeper, SettingsFault& fault) const
+{
+    for (const Device& device : settings_.devices)
+        if (const int error = make_device(keeper, device); error != 0)
+            return refuse_errno(fault, "linux.devices", error);
+    for (const Sysctl& parameter : settings_.sysctl)
+        if (const int error = set_parameter(keeper, parameter); error != 0)
+            return refuse_errno(fault, "linux.sysctl", error);
+    for (const Text& path : settings_.readonlyPaths)
+        if (const int error = tell(keeper, wire::Op::kReadOnly, path.get()); error != 0)
+            return refuse_errno(fault, "linux.readonlyPaths", error);
+    for (const Text& path : settings_.maskedPaths)
+        if (const int error = tell(keeper, wire::Op::kHide, path.get()); error != 0)
+            return refuse_errno(fault, "linux.maskedPaths", error);
+    if (settings_.rootReadonly)
+        return refuse_errno(fault, "root.readonly", tell(keeper, wire::Op::kReadOnly, "/"));
+    return 0;
+}
+
+namespace {
+
+// Appends arrays to a block of memory that is large enough.
+class Block {
+  public:
+    explicit Block(char* at) : at_(at) {}
+    void add(const void* from, std::size_t size)
+    {
+        if (size != 0)
+            std::memcpy(at_, from, size);
+        at_ += size;
+    }
+
+  private:
+    char* at_;
+};
+
+void set_capabilities(const Settings& settings, wire::Confinement& rules)
+{
+    const Capabilities& wanted = settings.capabilities;
+    if (wanted.given) {
+        rules.bounding = wanted.bounding;
+        rules.permitted = wanted.permitted;
+        rules.effective = wanted.effective;
+        rules.inheritable = wanted.inheritable;
+        rules.ambient = wanted.ambient;
+        return;
+    }
+    rules.bounding = kDefaultCapabilities;
+    rules.permitted = settings.user.uid == 0 ? kDefaultCapabilities : 0;
+    rules.effective = rules.permitted;
+}
+
+} // namespace
+
+znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
+{
+    constexpr std::uint32_t kUmask = 022;
+    List<Text> entries;
+    if (group_) {
+        errno = cgroup_entries(group_.get(), entries);
+        if (errno != 0)
+            return nullptr;
+    }
+    wire::Confinement rules = {};
+    rules.namespaces = CLONE_NEWNS | CLONE_NEWPID;
+    for (const Kind& kind : kKinds)
+        if (from(kind.kind) != NsChoice::From::kHost &&
+            (kind.kind != NsKind::kCgroup || from(kind.kind) == NsChoice::From::kPath))
+            rules.namespaces |= kind.flag;
+    rules.ownControlGroup = is_new(NsKind::kCgroup) ? 1 : 0;
+    set_capabilities(settings_, rules);
+    rules.uid = settings_.user.uid;
+    rules.gid = settings_.user.gid;
+    rules.umask = settings_.user.umask.value_or(kUmask);
+    rules.filterFlags = filterFlags_;
+    rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
+    rules.noNewPrivileges = settings_.noNewPrivileges.value_or(true) ? 1 : 0;
+    rules.limits = static_cast<std::uint32_t>(settings_.rlimits.size());
+    rules.filter = static_cast<std::uint32_t>(filter_.size());
+    rules.groups = static_cast<std::uint32_t>(settings_.user.groups.size());
+    rules.entries = static_cast<std::uint32_t>(entries.size());
+    size = sizeof rules + rules.limits * sizeof(wire::Limit) +
+           rules.filter * sizeof(wire::FilterCode) + rules.groups * sizeof(std::uint32_t);
+    for (const Text& entry : entries)
+        size += std::strlen(entry.get()) + 1;
+    rules.size = size;
+    auto memory = znc::malloc_array<char>(size);
+    if (!memory)
+        return nullptr;
+    Block block(memory.get());
+    block.add(&rules, sizeof rules);
+    for (const Rlimit& limit : settings_.rlimits) {
+        const wire::Limit one = {static_cast<std::uint64_t>(limit.resource), limit.soft,
+                                 limit.hard};
+        block.add(&one, sizeof one);
+    }
+    block.add(filter_.begin(), filter_.size() * sizeof(wire::FilterCode));
+    block.add(settings_.user.groups.begin(), settings_.user.groups.size() * sizeof(std::uint32_t));
+    for (const Text& entry : entries)
+        block.add(entry.get(), std::strlen(entry.get()) + 1);
+    return memory;
+}
+
+} // namespace zn

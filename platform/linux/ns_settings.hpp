@@ -1,0 +1,64 @@
+// ns_settings.hpp - applies the settings of a configuration (settings/settings.hpp) to a namespace:
+// which kernel namespaces it has, what is changed in them before programs run, its control group,
+// and the confinement of programs that is kept in its record. Used by the namespace service.
+// Settings that cannot be honoured are refused before anything is created.
+#ifndef ZN_NS_SETTINGS_HPP
+#define ZN_NS_SETTINGS_HPP
+
+#include "cgroup/cgroup.hpp"
+#include "helper/wire.hpp"
+#include "keeper_link.hpp"
+#include "settings/seccomp.hpp"
+#include "settings/settings_reader.hpp"
+#include "zarnel/types.h"
+
+namespace zn {
+
+class NamespaceSettings {
+  public:
+    // Reads a configuration; null: the defaults. `privileged`: settings beyond the defaults are
+    // allowed. 0, or an error number with `fault` set.
+    int read(const char* document, bool privileged, SettingsFault& fault);
+
+    // Uses the default filter if the configuration has none. Callers hold the lock of the namespace
+    // service, which protects the compiled filter. 0 or an error number.
+    int use_default_filter();
+
+    // The CLONE_NEW flags of the keeper.
+    [[nodiscard]] unsigned long clone_flags() const;
+
+    // Creates the control group of the namespace `id`, if the machine has control groups; `name` is
+    // part of its path. 0, or an error number with `fault` set.
+    int make_group(nsid_t id, const char* name, SettingsFault& fault);
+    [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
+
+    // Lets a new keeper join existing namespaces and brings up the loopback interface.
+    int prepare(Keeper& keeper, SettingsFault& fault) const;
+
+    [[nodiscard]] std::uint64_t root_bits() const;
+    [[nodiscard]] bool has_host_name() const { return is_new(NsKind::kUts); }
+
+    // Creates devices, sets kernel parameters, hides paths and makes paths read-only, when the root
+    // and all mounts exist.
+    int seal(Keeper& keeper, SettingsFault& fault) const;
+
+    // The confinement of programs as it is stored in the record; null with errno set.
+    [[nodiscard]] znc::MallocPtr<char[]> confinement(std::size_t& size) const;
+
+  private:
+    [[nodiscard]] NsChoice::From from(NsKind kind) const;
+    [[nodiscard]] bool is_new(NsKind kind) const { return from(kind) == NsChoice::From::kNew; }
+    int check(bool privileged, SettingsFault& fault) const;
+    int compile_filter(SettingsFault& fault);
+    int take_filter(const SeccompCode& code);
+
+    Settings settings_;
+    List<wire::FilterCode> filter_;
+    unsigned filterFlags_ = 0;
+    bool unmasked_ = false;
+    Text group_;
+};
+
+} // namespace zn
+
+#endif
