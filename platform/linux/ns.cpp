@@ -226,7 +226,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
         return errno;
     if (!znc::is_directory(tree.get()))
         return ENOTDIR;
-    const char* const hostName = ns.settings.has_host_name() ? name : "";
+    const char* const hostName = ns.settings.host_name(name);
     wire::Request request = {};
     request.op = wire::Op::kRoot;
     request.value = ns.settings.root_bits();

@@ -19,9 +19,6 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr std::int64_t kPidsMax = 4096;
-constexpr char kGroupParent[] = "/zarnel";
-
 struct Kind {
     NsKind kind;
     unsigned long flag;
@@ -108,17 +105,14 @@ int make_device(Keeper& keeper, const Device& device)
     return tell(keeper, request, device.path.get());
 }
 
-// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward. If a name contains a dot itself, the whole
-// key is written with "/".
+// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward; a slash stands for a dot in a name.
 int set_parameter(Keeper& keeper, const Sysctl& parameter)
 {
     Text path = znc::copy_text(parameter.key.get());
     if (!path)
         return ENOMEM;
-    if (std::strchr(path.get(), '/') == nullptr)
-        for (char* at = path.get(); *at != '\0'; at++)
-            if (*at == '.')
-                *at = '/';
+    for (char* at = path.get(); *at != '\0'; at++)
+        *at = *at == '.' ? '/' : *at == '/' ? '.' : *at;
     wire::Request request = {};
     request.op = wire::Op::kSysctl;
     return tell(keeper, request, path.get(), parameter.value.get());
@@ -215,7 +209,7 @@ int NamespaceSettings::read(const char* document, bool privileged, SettingsFault
         error = compile_filter(fault);
     unmasked_ = privileged && settings_.maskedPathsGiven;
     if (!settings_.resources.pidsLimit)
-        settings_.resources.pidsLimit = kPidsMax;
+        settings_.resources.pidsLimit = kDefaultPidsLimit;
     return error;
 }
 
@@ -236,11 +230,10 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fa
                      : 0;
     char path[kCgroupPathMax];
     const char* wanted = given ? settings_.cgroupsPath.get() : "";
-    const int len =
-        given ? std::snprintf(path, sizeof path, "%s%s%s", wanted[0] == '/' ? "" : kGroupParent,
-                              wanted[0] == '/' ? "" : "/", wanted)
-              : std::snprintf(path, sizeof path, "%s/%s-%08x", kGroupParent, name,
-                              static_cast<unsigned>(id));
+    const int len = given ? std::snprintf(path, sizeof path, "%s%s",
+                                          wanted[0] == '/' ? "" : kDaemonGroup, wanted)
+                          : std::snprintf(path, sizeof path, "%s%s-%08x", kDaemonGroup, name,
+                                          static_cast<unsigned>(id));
     if (len < 0 || static_cast<std::size_t>(len) >= sizeof path)
         return refuse_errno(fault, "linux.cgroupsPath", ENAMETOOLONG);
     const char* limit = nullptr;
@@ -278,6 +271,13 @@ int NamespaceSettings::prepare(Keeper& keeper, SettingsFault& fault) const
     return is_new(NsKind::kNetwork)
                ? refuse_errno(fault, "linux.namespaces: network", keeper.ask(wire::Op::kLoopback))
                : 0;
+}
+
+const char* NamespaceSettings::host_name(const char* name) const
+{
+    if (!is_new(NsKind::kUts))
+        return "";
+    return settings_.hostname && settings_.hostname[0] != '\0' ? settings_.hostname.get() : name;
 }
 
 std::uint64_t NamespaceSettings::root_bits() const

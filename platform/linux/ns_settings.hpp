@@ -36,7 +36,8 @@ class NamespaceSettings {
     int prepare(Keeper& keeper, SettingsFault& fault) const;
 
     [[nodiscard]] std::uint64_t root_bits() const;
-    [[nodiscard]] bool has_host_name() const { return is_new(NsKind::kUts); }
+    // The host name of the container `name`; "": that of the UTS namespace stays.
+    [[nodiscard]] const char* host_name(const char* name) const;
 
     // Creates devices, sets kernel parameters, hides paths and makes paths read-only, when the root
     // and all mounts exist.

@@ -9,14 +9,6 @@
 
 namespace {
 
-bool only_white_space(const char* from, const char* end)
-{
-    for (; from < end; ++from)
-        if (*from != ' ' && *from != '\t' && *from != '\n' && *from != '\r')
-            return false;
-    return true;
-}
-
 template <class Int> Int saturated(const cJSON* item)
 {
     if (!cJSON_IsNumber(item))
@@ -47,13 +39,7 @@ cJSON* cJSON_load_from_file(const char* path)
 
 cJSON* cJSON_parse_whole(const char* text, size_t len)
 {
-    const char* stopped = text;
-    errno = 0;
-    znc::CJsonPtr tree(cJSON_ParseWithLengthOpts(text, len, &stopped, 0));
-    if (tree != nullptr && only_white_space(stopped, text + len))
-        return tree.release();
-    errno = tree == nullptr && errno == ENOMEM ? ENOMEM : EINVAL;
-    return nullptr;
+    return znc::parse_json({text, len}).release();
 }
 
 int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode)

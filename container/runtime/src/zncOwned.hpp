@@ -1,27 +1,16 @@
 // zncOwned.hpp - ownership by type for what the library's dependencies hand out, and the bounded
 // copy that all path composition uses. Used by every module. Left out: descriptors and malloc'd
-// memory, which zarnel/owned.hpp has.
+// memory, which base/owned.hpp has, and cJSON trees, which base/json.hpp has.
 #ifndef ZNCOWNED_HPP
 #define ZNCOWNED_HPP
 
-#include "base/owned.hpp"
+#include "base/json.hpp"
 
 #include <cstring>
-
-#include <cjson/cJSON.h>
 
 namespace znc {
 
 inline constexpr std::size_t kPathMax = 1024; // every path buffer, terminator included
-
-struct CJsonDeleter {
-    void operator()(cJSON* tree) const noexcept
-    {
-        const ErrnoSaver keep;
-        cJSON_Delete(tree);
-    }
-};
-using CJsonPtr = std::unique_ptr<cJSON, CJsonDeleter>;
 
 // Text printed by cJSON.
 struct CJsonTextDeleter {

@@ -4,6 +4,7 @@
 #include "keeper_mask.hpp"
 
 #include "helper.hpp"
+#include "settings/default_paths.hpp"
 
 #include <linux/errno.h>
 #include <linux/fcntl.h>
@@ -16,13 +17,6 @@ namespace {
 
 constexpr std::uint64_t kReadOnlyAttributes =
     MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
-
-constexpr char kProcHidden[][16] = {"acpi",       "asound",        "dynamic_debug", "interrupts",
-                                    "kcore",      "keys",          "kpagecgroup",   "kpagecount",
-                                    "kpageflags", "latency_stats", "sched_debug",   "scsi",
-                                    "timer_list", "timer_stats"};
-constexpr char kProcReadOnly[][16] = {"bus", "fs", "irq", "sys", "sysrq-trigger"};
-constexpr char kSysHidden[][32] = {"devices/virtual/powercap", "firmware", "fs/selinux"};
 
 // Opens a path of the file system on `directory` without following symbolic links or crossing
 // mounts.
@@ -149,7 +143,7 @@ int mask_proc(int directory, Covers& covers)
     for (const auto& path : kProcReadOnly)
         if (error == 0)
             error = make_read_only(directory, path);
-    for (const auto& path : kProcHidden)
+    for (const auto& path : kProcMasked)
         if (error == 0)
             error = covers.hide(directory, path);
     return error;
@@ -158,7 +152,7 @@ int mask_proc(int directory, Covers& covers)
 int mask_sys(int directory, Covers& covers)
 {
     int error = 0;
-    for (const auto& path : kSysHidden)
+    for (const auto& path : kSysMasked)
         if (error == 0)
             error = covers.hide(directory, path);
     return error != 0 ? error : hide_thermal(covers, directory);

@@ -74,10 +74,13 @@ template <class T> inline long arg(T* p)
     return static_cast<long>(reinterpret_cast<std::uintptr_t>(p));
 }
 
+// A filter may refuse to let the process exit; the trap then ends it.
 [[noreturn]] inline void exit_group(int code)
 {
-    for (;;)
+    for (;;) {
         call(__NR_exit_group, code);
+        __builtin_trap();
+    }
 }
 
 // A descriptor closed when it goes out of scope.

@@ -43,7 +43,8 @@ struct User {
     List<std::uint32_t> groups; // additionalGids
 };
 
-// Bit sets by capability number.
+// Bit sets by capability number. `effective` is part of `permitted`. The kernel grants only those
+// ambient capabilities that are both permitted and inheritable.
 struct Capabilities {
     bool given = false;
     std::uint64_t bounding = 0;
@@ -75,7 +76,7 @@ inline constexpr std::int64_t kAnyDevice = -1;
 
 struct DeviceRule {
     bool allow = false;
-    char type = 'a'; // 'a': all
+    char type = 'a'; // 'a': all devices and all access
     std::int64_t major = kAnyDevice;
     std::int64_t minor = kAnyDevice;
     bool read = false;
@@ -84,8 +85,8 @@ struct DeviceRule {
 };
 
 struct HugepageLimit {
-    Text size; // "2MB"
-    std::uint64_t limit = 0;
+    Text size;               // "2MB"
+    std::uint64_t limit = 0; // UINT64_MAX: unlimited
 };
 
 struct DeviceRate {
@@ -159,11 +160,12 @@ struct SeccompProfile {
 // ---------------------------------------------------------------- everything
 
 struct Sysctl {
-    Text key; // with dots
+    Text key; // with dots; a slash stands for a dot in a name: "net.ipv4.conf.eth0/1.forwarding"
     Text value;
 };
 
 struct Settings {
+    Text hostname; // null or "": that of the namespace service
     bool namespacesGiven = false; // false: the defaults of the namespace service
     NsChoice namespaces[kNsKinds];
     List<IdMapping> uidMappings;

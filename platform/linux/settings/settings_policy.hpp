@@ -14,11 +14,20 @@ inline constexpr std::uint64_t kDefaultCapabilities =
     1U << 5 /* KILL */ | 1U << 6 /* SETGID */ | 1U << 7 /* SETUID */ | 1U << 8 /* SETPCAP */ |
     1U << 10 /* NET_BIND_SERVICE */ | 1U << 18 /* SYS_CHROOT */ | 1U << 31 /* SETFCAP */;
 
+// How many processes and threads containers may have by default.
+inline constexpr std::int64_t kDefaultPidsLimit = 4096;
+
+// The control groups of the daemon's containers are below this one.
+inline constexpr char kDaemonGroup[] = "/zarnel/";
+
 // Whether the settings stay within the defaults. If not, `fault` names the first field that exceeds
 // them: a shared or existing namespace, a capability beyond kDefaultCapabilities, noNewPrivileges
-// false, a device node or device rule beyond the default ones, a masked or read-only path that is
-// left out, a filter that allows everything by default, negative OOM scores, a control group path
-// outside the daemon's own.
+// false, a device node or device rule beyond the default ones, a filter that by default allows system
+// calls or lets a tracer allow them, negative OOM scores, limits that permit real-time scheduling or negative nice values, more
+// than kDefaultPidsLimit processes, a control group path outside kDaemonGroup, a root that shares
+// mounts with the host. The rules of a filter are not compared with the default filter. Masked and
+// read-only paths are not looked at: within the defaults they are added to the default ones
+// (default_paths.hpp).
 bool settings_within_defaults(const Settings& settings, SettingsFault& fault);
 
 } // namespace zn

@@ -5,7 +5,12 @@
 //
 // Every member named in settings.hpp is checked by type and range. A member of "linux" or "process"
 // that restricts or grants something and is not known here is refused, not ignored. A name that
-// occurs twice in an object that is read here, also in another case, is refused.
+// occurs twice in an object that is read here, also in another case, is refused. Names are compared
+// exactly, except for those that the library reads as well ("process", "root" and some of their
+// members), whose case it ignores. A member that is null counts as absent.
+//
+// Numbers beyond 2^53 could have been rounded by the parser. They are accepted only for limits:
+// anything from 2^63 means unlimited.
 #ifndef ZN_SETTINGS_READER_HPP
 #define ZN_SETTINGS_READER_HPP
 
@@ -17,12 +22,15 @@ namespace zn {
 
 // Why a document was refused.
 struct SettingsFault {
-    char field[128] = {};  // "linux.resources.memory.limit", "process.rlimits[2].type"
+    // "linux.resources.memory.limit", "process.rlimits[2].type"; "config.json" is the document
+    char field[128] = {};
     char reason[160] = {}; // "not a number from 0 to 1000"
 };
 
-// Reads `document` into `settings`. 0, or an error number with `fault` set: EINVAL (not JSON, wrong
-// type or range, contradiction), ENOTSUP (known, but cannot be honoured here), ENOMEM.
+// Reads `document` into `settings`, which are replaced, or stay as they are after an error. 0, or
+// an error number with `fault` set: EINVAL (not JSON, longer than 4 MiB, wrong type or range,
+// contradiction), ENOTSUP (known, but cannot be honoured here), ENOMEM. What is accepted may still
+// be impossible on this machine: the users of the settings check that.
 int settings_read(std::string_view document, Settings& settings, SettingsFault& fault);
 
 // Reads a "resources" object alone, as for changing the limits of a running container. The fields

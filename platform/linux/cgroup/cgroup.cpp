@@ -1,0 +1,327 @@
+// cgroup.cpp - creates groups and tells how to enter them; see cgroup.hpp.
+#include "cgroup_tree.hpp"
+
+#include "clock.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+constexpr int kTries = 8;               // while others remove the parents
+constexpr int kLeftoverMs = 2000;       // to remove groups left below an empty group
+constexpr char kCpus[] = "cpuset.cpus"; // v1 and v2
+constexpr char kMems[] = "cpuset.mems";
+
+bool has_word(const char* line, const char* word)
+{
+    const std::size_t len = std::strlen(word);
+    for (const char* at = line; at != nullptr && (at = std::strstr(at, word)) != nullptr; at += len)
+        if ((at == line || at[-1] == ' ') && (at[len] == ' ' || at[len] == '\0'))
+            return true;
+    return false;
+}
+
+// Gives the groups below `parent` the controllers that limits and figures need. What the kernel
+// refuses stays off: the limits that need it are refused when they are set. The kernel refuses it
+// for a group, other than the root, that has processes itself.
+void enable_controllers(int parent)
+{
+    ControlLines available(parent, "cgroup.controllers");
+    ControlLines enabled(parent, "cgroup.subtree_control");
+    const char* all = available.next();
+    const char* on = enabled.next();
+    for (const char* name : {"cpu", "cpuset", "io", "memory", "pids", "hugetlb"}) {
+        if (all == nullptr || !has_word(all, name) || (on != nullptr && has_word(on, name)))
+            continue;
+        char text[16];
+        std::snprintf(text, sizeof text, "+%s", name);
+        static_cast<void>(control_write(parent, "cgroup.subtree_control", text));
+    }
+}
+
+// Copies a list of processors or memory nodes from the parent, unless the group has one.
+int inherit_list(int parent, int group, const char* file)
+{
+    ControlLines own(group, file);
+    const char* line = own.next();
+    if (line != nullptr && *line != '\0')
+        return 0;
+    if (own.error() != 0)
+        return own.error();
+    ControlLines above(parent, file);
+    const char* list = above.next();
+    return list != nullptr ? control_write(group, file, list) : above.error();
+}
+
+// What a group of v1 needs before a process can be in it.
+int prepare_v1(const Hierarchy& in, int parent, int group)
+{
+    int error = 0;
+    if ((in.controllers & 1U << static_cast<unsigned>(Controller::kCpuset)) != 0) {
+        error = inherit_list(parent, group, kCpus);
+        if (error == 0)
+            error = inherit_list(parent, group, kMems);
+    }
+    // Before Linux 5.11, the limits of a group did not apply to the groups below it by default.
+    std::uint64_t hierarchical = 1;
+    if (error == 0 && (in.controllers & 1U << static_cast<unsigned>(Controller::kMemory)) != 0 &&
+        control_number(group, "memory.use_hierarchy", hierarchical) == 0 && hierarchical == 0)
+        error = control_write(group, "memory.use_hierarchy", "1");
+    return error;
+}
+
+// A group made in one hierarchy.
+struct Made {
+    const Hierarchy* in = nullptr;
+    unsigned existing = 0; // components of the path that existed before
+};
+
+// Removes what this process made, from the bottom up. A parent in which somebody else has made a
+// group meanwhile stays.
+void undo(const Made& made, const GroupPath& path)
+{
+    const znc::ErrnoSaver keep;
+    for (unsigned parts = path.parts(); parts > made.existing; parts--) {
+        GroupPath group;
+        GroupPath parent;
+        path.first(parts, group);
+        path.first(parts - 1, parent);
+        const UniqueFd dir = group_open(*made.in, parent);
+        if (!dir || ::unlinkat(dir.get(), group.name(), AT_REMOVEDIR) != 0)
+            return;
+    }
+}
+
+// Creates the component number `part` of the path in its parent.
+int make_part(const GroupPath& path, unsigned part, UniqueFd& at, Made& made)
+{
+    GroupPath prefix;
+    path.first(part, prefix);
+    if (made.in->unified)
+        enable_controllers(at.get());
+    const bool created = ::mkdirat(at.get(), prefix.name(), 0755) == 0;
+    if (!created && errno != EEXIST)
+        return errno;
+    if (!created && made.existing == part - 1)
+        made.existing = part;
+    UniqueFd group = group_open(at.get(), prefix.name());
+    if (!group)
+        return errno;
+    const int error = made.in->unified ? 0 : prepare_v1(*made.in, at.get(), group.get());
+    at = std::move(group);
+    return error;
+}
+
+int make_once(const GroupPath& path, Made& made)
+{
+    GroupPath top;
+    path.first(0, top);
+    UniqueFd at = group_open(*made.in, top);
+    int error = at ? 0 : errno;
+    for (unsigned part = 1; error == 0 && part <= path.parts(); part++)
+        error = make_part(path, part, at, made);
+    return error;
+}
+
+// Creates the group in one hierarchy. Another creation that fails at the same time may remove a
+// parent that it made; then the parent is made again.
+int make_group(const GroupPath& path, Made& made)
+{
+    int error = 0;
+    for (int i = 0; i < kTries; i++) {
+        made.existing = 0;
+        error = make_once(path, made);
+        if (error == 0)
+            return 0;
+        undo(made, path);
+        if (error != ENOENT && error != ENODEV)
+            return error;
+    }
+    return error;
+}
+
+// Makes an existing group without processes usable: it may be frozen, and groups left below it
+// prevent processes from entering it on v2.
+int take_over(const Hierarchies& hierarchies, const GroupPath& path)
+{
+    List<int> pids;
+    int error = group_processes(hierarchies, path, pids);
+    if (error == ENOENT)
+        return 0;
+    if (error == 0 && !pids.empty())
+        return EBUSY;
+    if (error == 0)
+        error = group_freeze(hierarchies, path, false, kLeftoverMs);
+    if (error == ENOTSUP || error == ENOENT)
+        error = 0;
+    const std::int64_t deadline = now_ns() + kLeftoverMs * std::int64_t{1000000};
+    for (const Hierarchy& one : hierarchies.all) {
+        const UniqueFd group = group_open(one, path);
+        if (error == 0 && group)
+            error = subgroups_remove(group.get(), deadline);
+        if (error != 0 || !group || !one.unified)
+            continue;
+        ControlLines enabled(group.get(), "cgroup.subtree_control");
+        const char* on = enabled.next();
+        for (const char* name : {"cpu", "cpuset", "io", "memory", "pids", "hugetlb"}) {
+            char text[16];
+            std::snprintf(text, sizeof text, "-%s", name);
+            if (error == 0 && on != nullptr && has_word(on, name))
+                error = control_write(group.get(), "cgroup.subtree_control", text);
+        }
+    }
+    return error;
+}
+
+} // namespace
+
+int cgroup_create(const Hierarchies& hierarchies, const char* path, const Resources& resources,
+                  const char** field)
+{
+    GroupPath group;
+    *field = nullptr;
+    int error = group.set(path);
+    if (error == 0 && hierarchies.version == CgroupVersion::kNone)
+        error = ENOTSUP;
+    if (error == 0)
+        error = take_over(hierarchies, group);
+    List<Made> all;
+    for (const Hierarchy& one : hierarchies.all) {
+        Made made = {&one, group.parts()};
+        if (error == 0)
+            error = make_group(group, made);
+        if (error == 0 && all.append(made) == nullptr) {
+            undo(made, group);
+            error = ENOMEM;
+        }
+    }
+    if (error == 0)
+        error = limits_apply(hierarchies, group, resources, field);
+    if (error != 0)
+        for (const Made& made : all)
+            undo(made, group);
+    return error;
+}
+
+int cgroup_limit(const Hierarchies& hierarchies, const char* path, const Resources& resources,
+                 const char** field)
+{
+    GroupPath group;
+    *field = nullptr;
+    const int error = group.set(path);
+    return error != 0 ? error : limits_apply(hierarchies, group, resources, field);
+}
+
+int cgroup_entries(const Hierarchies& hierarchies, const char* path, List<Text>& entries)
+{
+    constexpr char kProcs[] = "cgroup.procs";
+    GroupPath group;
+    int error = group.set(path);
+    if (error != 0)
+        return error;
+    bool found = false;
+    for (const Hierarchy& one : hierarchies.all) {
+        const UniqueFd dir = group_open(one, group);
+        if (!dir && errno == ENOENT)
+            continue;
+        if (!dir)
+            return errno;
+        const std::size_t room =
+            std::strlen(one.point.get()) + std::strlen(group.text()) + sizeof kProcs + 2;
+        Text entry = znc::malloc_array<char>(room);
+        if (!entry)
+            return ENOMEM;
+        std::snprintf(entry.get(), room, "%s/%s/%s", one.point.get(), group.text(), kProcs);
+        if (entries.append(std::move(entry)) == nullptr)
+            return ENOMEM;
+        found = true;
+    }
+    return found ? 0 : ENOENT;
+}
+
+int cgroup_processes(const Hierarchies& hierarchies, const char* path, List<int>& pids)
+{
+    GroupPath group;
+    List<int> all;
+    int error = group.set(path);
+    if (error == 0)
+        error = group_processes(hierarchies, group, all);
+    for (const int pid : all)
+        if (error == 0 && pid > 0 && pids.append(pid) == nullptr)
+            error = ENOMEM;
+    return error;
+}
+
+CgroupVersion cgroup_version()
+{
+    const znc::ErrnoSaver keep;
+    Hierarchies hierarchies;
+    return hierarchies_read(hierarchies) == 0 ? hierarchies.version : CgroupVersion::kNone;
+}
+
+int cgroup_create(const char* path, const Resources& resources, const char** field)
+{
+    Hierarchies hierarchies;
+    *field = nullptr;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_create(hierarchies, path, resources, field);
+}
+
+int cgroup_limit(const char* path, const Resources& resources, const char** field)
+{
+    Hierarchies hierarchies;
+    *field = nullptr;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_limit(hierarchies, path, resources, field);
+}
+
+int cgroup_entries(const char* path, List<Text>& entries)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_entries(hierarchies, path, entries);
+}
+
+int cgroup_freeze(const char* path, bool frozen)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_freeze(hierarchies, path, frozen);
+}
+
+int cgroup_frozen(const char* path, bool& frozen)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_frozen(hierarchies, path, frozen);
+}
+
+int cgroup_use(const char* path, CgroupUse& use)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_use(hierarchies, path, use);
+}
+
+int cgroup_processes(const char* path, List<int>& pids)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_processes(hierarchies, path, pids);
+}
+
+int cgroup_remove(const char* path)
+{
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_remove(hierarchies, path);
+}
+
+} // namespace zn
