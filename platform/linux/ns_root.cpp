@@ -1,4 +1,4 @@
-// ns_root.cpp - the root of another process's namespace.
+// ns_root.cpp - namespaces of other processes: their names and roots.
 #include "zarnel/ns_control.h"
 
 #include "base/failure.hpp"
@@ -27,6 +27,21 @@ UniqueFd read_live(nsid_t ns, zn::NsRecord& record)
 }
 
 } // namespace
+
+STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context)
+{
+    struct Visitor {
+        void (*visit)(nsid_t, const char*, void*);
+        void* context;
+    } visitor = {visit, context};
+    const auto read = [](nsid_t ns, void* to) {
+        const auto* each = static_cast<Visitor*>(to);
+        zn::NsRecord record;
+        if (zn::ns_record_read(ns, record) == 0)
+            each->visit(ns, record.name, each->context);
+    };
+    return zn::ns_record_each(read, &visitor) ? OK : ERROR;
+}
 
 STATUS znnsRootGet(nsid_t ns, char* path, size_t size)
 {

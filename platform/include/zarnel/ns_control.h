@@ -21,6 +21,12 @@ extern "C" {
 nsid_t znnsFind(const char* name);
 
 /*
+ * Call `visit` for each namespace with a root, with the name that znnsFind takes. Its owner may have
+ * died; the calls below then fail. OK, or ERROR if the namespaces cannot be listed.
+ */
+STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context);
+
+/*
  * Suspend all processes in the namespace, or let them continue. Returns when it has taken effect.
  * OK if they are in that state already. ERROR with ENOTSUP if the machine has no control groups, or
  * ETIMEDOUT.
