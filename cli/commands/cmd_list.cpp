@@ -1,6 +1,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/pause.hpp"
 #include "commands.hpp"
+#include "front/container_id.hpp"
 #include "front/escape.hpp"
 #include "front/record.hpp"
 
@@ -52,6 +53,7 @@ bool wanted(const Arguments& args, const Row& row)
 std::vector<Row> rows_of(const Arguments& args, Json states)
 {
     std::vector<Row> rows;
+    const std::set<std::string> paused = paused_ids();
     for (Json& state : states) {
         Row row = {std::move(state), "", STATE_UNKNOWN, false, std::nullopt};
         row.id = text_of(row.state, "id");
@@ -60,7 +62,7 @@ std::vector<Row> rows_of(const Arguments& args, Json states)
             row.state["status"] = row.status;
         if (row.status == STATE_RUNNING || row.status == STATE_STOPPED)
             row.record = read_record(row.id);
-        row.paused = is_paused(row.id, static_cast<CONTAINER_STATUS>(row.status));
+        row.paused = row.status == STATE_RUNNING && paused.contains(kept_id(row.id));
         if (wanted(args, row))
             rows.push_back(std::move(row));
     }

@@ -20,6 +20,7 @@ namespace zncctl {
 namespace {
 
 constexpr const char* kEnded = "it has ended";
+constexpr const char* kPaused = "it is paused";
 
 // A path in the container as the spawner resolves it: relative to the working directory.
 std::string absolute(const ExecProgram& wanted, const std::string& path)
@@ -117,7 +118,7 @@ int RunningContainer::open()
     if (status != STATE_RUNNING)
         return failure(id_, "it is not running", kExitWrongState);
     if (is_paused(id_, status))
-        return failure(id_, "it is paused", kExitWrongState);
+        return failure(id_, kPaused, kExitWrongState);
     if (!read_configuration())
         return kExitStartFailed;
     std::array<char, PATH_MAX> path{};
@@ -208,6 +209,8 @@ int exec_failure(const RunningContainer& container, const ExecProgram& wanted, i
     switch (error) {
     case ESRCH:
         return fail(kEnded, kExitWrongState);
+    case EBUSY:
+        return fail(kPaused, kExitWrongState);
     case ENOENT:
     case ENOTDIR:
     case EACCES:

@@ -20,6 +20,18 @@ bool is_paused(const std::string& id, CONTAINER_STATUS status)
     return ns >= 0 && znnsFrozen(ns, &frozen) == OK && frozen != FALSE;
 }
 
+std::set<std::string> paused_ids()
+{
+    std::set<std::string> ids;
+    const auto add = [](nsid_t ns, const char* name, void* to) {
+        BOOL frozen = FALSE;
+        if (znnsFrozen(ns, &frozen) == OK && frozen != FALSE)
+            static_cast<std::set<std::string>*>(to)->insert(name);
+    };
+    static_cast<void>(znnsEach(add, &ids)); // what cannot be listed cannot be paused
+    return ids;
+}
+
 STATUS resume_if_paused(const std::string& id)
 {
     const nsid_t ns = namespace_of(id);

@@ -4,6 +4,7 @@
 #ifndef ZNC_CLI_CONTAINERS_PAUSE_HPP
 #define ZNC_CLI_CONTAINERS_PAUSE_HPP
 
+#include <set>
 #include <string>
 
 #include "zarnel/ns_control.h"
@@ -19,6 +20,10 @@ nsid_t namespace_of(const std::string& id);
 // Whether the container is running and paused. False also if that cannot be determined, as on a
 // machine without control groups, where no container can be paused.
 bool is_paused(const std::string& id, CONTAINER_STATUS status);
+
+// The ids of all paused containers, as the daemon stores them (kept_id()). Faster than asking for
+// each of many.
+std::set<std::string> paused_ids();
 
 // Lets the processes of a paused container continue; does nothing to others. OK, or ERROR with
 // errno set.
