@@ -190,6 +190,19 @@ TEST_P(CgroupLife, FrozenProcessesDoNotRunAndGoOnAfterThawing)
     EXPECT_TRUE(eventually([&] { return *count > before; }));
 }
 
+TEST_P(CgroupLife, ThawingBelowAFrozenGroupTimesOut)
+{
+    ASSERT_EQ(create(), 0);
+    const Child child(in_, path_, sleep_for_ever);
+    ASSERT_TRUE(child.entered());
+    ASSERT_EQ(zn::cgroup_freeze(in_, top_.c_str(), true), 0);
+    bool frozen = false;
+    EXPECT_EQ(zn::cgroup_frozen(in_, path_.c_str(), frozen), 0);
+    EXPECT_TRUE(frozen);
+    EXPECT_EQ(zn::cgroup_freeze(in_, path_.c_str(), false), ETIMEDOUT);
+    EXPECT_EQ(zn::cgroup_freeze(in_, top_.c_str(), false), 0);
+}
+
 TEST_P(CgroupLife, ProcessDoesNotFreezeOrRemoveItsOwnGroup)
 {
     ASSERT_EQ(create(), 0);
