@@ -2,6 +2,7 @@
 // machine has, and on its v2 hierarchy alone where it has both.
 #include "cgroup_world.hpp"
 
+#include "clock.hpp"
 #include "descriptors.hpp"
 
 #include <algorithm>
@@ -261,6 +262,19 @@ TEST_P(CgroupLife, GroupsMadeInsideAreRemovedHoweverDeepAndMany)
     EXPECT_EQ(depth, kDepth) << error.message();
     EXPECT_EQ(zn::cgroup_remove(in_, path_.c_str()), 0);
     EXPECT_FALSE(fs::exists(directory));
+}
+
+TEST_P(CgroupLife, RemovalOfGroupsMadeInsideEndsWhenItsTimeIsOverAndGoesOnLater)
+{
+    ASSERT_EQ(create(), 0);
+    const std::string directory = directories(in_, path_).back();
+    ASSERT_TRUE(fs::create_directory(directory + "/left"));
+    const znc::UniqueFd group(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    constexpr std::int64_t kLongAgo = 60 * zn::kNsPerSec;
+    EXPECT_EQ(zn::subgroups_remove(group.get(), zn::now_ns() - kLongAgo), EBUSY);
+    EXPECT_TRUE(fs::exists(directory + "/left"));
+    EXPECT_EQ(zn::subgroups_remove(group.get(), zn::now_ns()), 0);
+    EXPECT_FALSE(fs::exists(directory + "/left"));
 }
 
 TEST_P(CgroupLife, MissingGroupIsRemovedAlreadyAndUnknownElsewhere)
