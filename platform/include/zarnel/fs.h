@@ -64,6 +64,15 @@ int znDirOpenAt(int dirFd, const char* name);
 STATUS znDirMakeSticky(const char* root, const char* path);
 
 /*
+ * Open the regular file `path` inside the directory tree of the descriptor `rootFd` for reading.
+ * Absolute paths and symbolic links are resolved inside the tree, so that a link in it leads to no
+ * file outside; the links of /proc that lead to open files are not followed. Other types of files
+ * are not opened: EISDIR for a directory, EINVAL for anything else. Returns a close-on-exec
+ * descriptor, or -1 with the task error number set (ENOENT, ENOTDIR, ELOOP, EACCES).
+ */
+int znFileOpenInRoot(int rootFd, const char* path);
+
+/*
  * Atomically exchange the names of two directories of one file system, so that both names always
  * refer to a complete tree. If the file system does not support this, `b` does not exist for a
  * moment instead. OK, or ERROR with the task error number set and both names unchanged.

@@ -1,0 +1,79 @@
+#include "base/owned.hpp"
+#include "tests/support/test_tree.hpp"
+#include "zarnel/fs.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace {
+
+class FileOpenInRoot : public testing::Test {
+  protected:
+    FileOpenInRoot()
+    {
+        std::filesystem::create_directories(dir_ / "root/dir");
+        test_tree::write_file(dir_ / "outside", "outside");
+        test_tree::write_file(dir_ / "root/file", "inside");
+        root_.reset(::open((dir_ / "root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+
+    // The file's content, or the error number.
+    [[nodiscard]] std::string opened(const char* path) const
+    {
+        const znc::UniqueFd fd(znFileOpenInRoot(root_.get(), path));
+        if (!fd)
+            return std::to_string(errno);
+        char text[16] = "";
+        return {text, static_cast<std::size_t>(::read(fd.get(), text, sizeof text))};
+    }
+    void link(const std::string& target) const
+    {
+        std::filesystem::remove(dir_ / "root/link");
+        std::filesystem::create_symlink(target, dir_ / "root/link");
+    }
+
+    test_tree::TempDir dir_;
+    znc::UniqueFd root_;
+};
+
+TEST_F(FileOpenInRoot, PathsAndLinksStayInside)
+{
+    for (const char* path : {"file", "/file", "../file", "/dir/../../file"})
+        EXPECT_EQ(opened(path), "inside") << path;
+    for (const char* target : {"/file", "../../file", "dir/../file"}) {
+        link(target);
+        EXPECT_EQ(opened("/link"), "inside") << target;
+    }
+    for (const std::string& target : {dir_ / "outside", std::string("../outside")}) {
+        link(target);
+        EXPECT_EQ(opened("/link"), std::to_string(ENOENT)) << target;
+    }
+    EXPECT_EQ(opened("/nothing"), std::to_string(ENOENT));
+    EXPECT_EQ(opened("/file/below"), std::to_string(ENOTDIR));
+}
+
+TEST_F(FileOpenInRoot, OpensRegularFilesOnly)
+{
+    ASSERT_EQ(::mkfifo((dir_ / "root/fifo").c_str(), 0600), 0);
+    EXPECT_EQ(opened("fifo"), std::to_string(EINVAL));
+    EXPECT_EQ(opened("dir"), std::to_string(EISDIR));
+}
+
+TEST_F(FileOpenInRoot, TheDescriptorIsClosedOnExec)
+{
+    const znc::UniqueFd fd(znFileOpenInRoot(root_.get(), "file"));
+    EXPECT_EQ(::fcntl(fd.get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(FileOpenInRoot, LinksOfProcToOpenFilesAreNotFollowed)
+{
+    const znc::UniqueFd outside(::open((dir_ / "outside").c_str(), O_RDONLY | O_CLOEXEC));
+    const znc::UniqueFd proc(::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const std::string path = std::to_string(::getpid()) + "/fd/" + std::to_string(outside.get());
+    EXPECT_EQ(znFileOpenInRoot(proc.get(), path.c_str()), -1);
+    EXPECT_EQ(errno, ELOOP);
+}
+
+} // namespace
