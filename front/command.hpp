@@ -31,7 +31,7 @@ class Arguments {
   public:
     void add_option(const std::string& name, std::string value)
     {
-        options_.insert_or_assign(name, std::move(value));
+        options_[name].push_back(std::move(value));
     }
     void add_operand(std::string operand) { operands_.push_back(std::move(operand)); }
 
@@ -41,7 +41,13 @@ class Arguments {
     [[nodiscard]] const char* value(const std::string& name, const char* absent = nullptr) const
     {
         const auto found = options_.find(name);
-        return found != options_.end() ? found->second.c_str() : absent;
+        return found != options_.end() ? found->second.back().c_str() : absent;
+    }
+    // The values of an option that may be given several times, in their order.
+    [[nodiscard]] std::vector<std::string> values(const std::string& name) const
+    {
+        const auto found = options_.find(name);
+        return found != options_.end() ? found->second : std::vector<std::string>();
     }
 
     [[nodiscard]] std::size_t operands() const { return operands_.size(); }
@@ -52,7 +58,7 @@ class Arguments {
     [[nodiscard]] const std::vector<std::string>& all_operands() const { return operands_; }
 
   private:
-    std::map<std::string, std::string> options_;
+    std::map<std::string, std::vector<std::string>> options_;
     std::vector<std::string> operands_;
 };
 
@@ -69,6 +75,8 @@ struct Command {
     Word word; // what kind of words the operands are
     const char* choices;
     int (*run)(const Arguments& args); // returns the exit status; null in zncctl-import
+    // The words after the first operand belong to another program: none of them is an option.
+    bool runs_program = false;
 };
 
 } // namespace zncctl

@@ -17,8 +17,9 @@ class CommandLine {
     {
         app_.set_help_flag("-h,--help");
         values_.resize(command.options.size());
+        options_.resize(command.options.size());
         for (std::size_t i = 0; i < command.options.size(); i++)
-            add(command.options[i], values_[i]);
+            options_[i] = add(command.options[i], values_[i]);
         // One option for each word: CLI11 would split an operand such as "[a,b]" if it were given a
         // list. The number of operands is checked afterwards.
         for (std::size_t i = 0; i < words; i++)
@@ -46,17 +47,16 @@ class CommandLine {
     }
 
   private:
-    void add(const Option& option, std::string& value)
+    CLI::Option* add(const Option& option, std::string& value)
     {
         std::string names = fmt::format("--{}", option.name);
         if (option.letter != 0)
             names = fmt::format("-{},{}", option.letter, names);
         if (option.value == nullptr)
-            app_.add_flag(names)->disable_flag_override();
-        else
-            app_.add_option(names, value)
-                ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-                ->allow_extra_args(false);
+            return app_.add_flag(names)->disable_flag_override();
+        return app_.add_option(names, value)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+            ->allow_extra_args(false);
     }
 
     // Translates CLI11's message, which begins with the option's name: "--signal: ..." or "all was
@@ -79,8 +79,8 @@ class CommandLine {
     {
         for (std::size_t i = 0; i < command_.options.size(); i++) {
             const Option& option = command_.options[i];
-            if (app_.count(fmt::format("--{}", option.name)) != 0)
-                result.args.add_option(option.name, values_[i]);
+            for (const std::string& value : options_[i]->results())
+                result.args.add_option(option.name, value);
         }
         for (std::size_t i = 0; i < operands_.size(); i++)
             if (app_.count(fmt::format("operand{}", i)) != 0)
@@ -102,13 +102,56 @@ class CommandLine {
     const Command& command_;
     CLI::App app_;
     std::vector<std::string> values_;
+    std::vector<CLI::Option*> options_; // owned by app_
     std::vector<std::string> operands_;
     std::size_t after_mark_; // number of operands after "--"
 };
 
+const Option* find_option(const Command& command, std::string_view name, char letter)
+{
+    for (const Option& option : command.options)
+        if (name.empty() ? option.letter == letter : name == option.name)
+            return &option;
+    return nullptr;
+}
+
+// Whether the value of the option, or of the last of several letters, is in the next word.
+bool takes_next_word(const Command& command, std::string_view word)
+{
+    if (word.starts_with("--")) {
+        const Option* option = find_option(command, word.substr(2), 0);
+        return option != nullptr && option->value != nullptr;
+    }
+    for (std::size_t i = 1; i < word.size(); i++)
+        if (const Option* option = find_option(command, "", word[i]);
+            option != nullptr && option->value != nullptr)
+            return i + 1 == word.size();
+    return false;
+}
+
+// For a command that runs a program: puts the mark that ends the options before the first operand.
+// If the user wrote one behind that operand, it is removed: it is not meant for the program.
+std::vector<const char*> mark_program(const Command& command, std::span<char* const> words)
+{
+    std::vector<const char*> marked(words.begin(), words.end());
+    std::size_t at = 0;
+    while (at < marked.size() && marked[at][0] == '-' && marked[at][1] != '\0') {
+        if (std::string_view(marked[at]) == "--")
+            return marked;
+        at += takes_next_word(command, marked[at]) ? 2 : 1;
+    }
+    if (at >= marked.size())
+        return marked;
+    const auto operand = marked.begin() + static_cast<std::ptrdiff_t>(at);
+    if (operand + 1 != marked.end() && std::string_view(operand[1]) == "--")
+        marked.erase(operand + 1);
+    marked.insert(marked.begin() + static_cast<std::ptrdiff_t>(at), "--");
+    return marked;
+}
+
 // CLI11 treats "--name=" as an option without a value: split it into two words, so that the value
 // is "".
-std::vector<std::string> to_texts(std::span<char* const> words)
+std::vector<std::string> to_texts(std::span<const char* const> words)
 {
     std::vector<std::string> result;
     bool options_end = false;
@@ -130,7 +173,9 @@ std::vector<std::string> to_texts(std::span<char* const> words)
 
 Parsed parse(const Command& command, std::span<char* const> words)
 {
-    std::vector<std::string> all = to_texts(words);
+    std::vector<std::string> all =
+        to_texts(command.runs_program ? mark_program(command, words)
+                                      : std::vector<const char*>(words.begin(), words.end()));
     const auto mark = std::find(all.begin(), all.end(), "--");
     const auto after_mark = mark == all.end() ? 0 : all.end() - mark - 1;
     CommandLine line(command, all.size(), static_cast<std::size_t>(after_mark));
