@@ -2,6 +2,7 @@
 
 #include "cli/terminal/terminal.hpp"
 #include "front/output.hpp"
+#include "network.hpp"
 #include "streams.hpp"
 
 #include <csignal>
@@ -47,6 +48,7 @@ class Foreground {
         program_record.exit_code = wait();
         program_record.exited = time_text(std::time(nullptr));
         record.write(program_record);
+        end_network_of_stopped(id_);
         pass_rest();
         restore_terminal();
         return streams_.report_failures(id_) && *program_record.exit_code == kExitOk
