@@ -132,6 +132,11 @@ void log_queue_failure(const char* what, int error)
         zncd::log(zncd::Level::kError, "%s", znMsgQLimitHint(error));
 }
 
+void log_refusal(const char* id, const char* reason)
+{
+    zncd::log(zncd::Level::kWarning, "container %s: configuration refused: %s", id, reason);
+}
+
 int serve(int stop_fd)
 {
     znTaskStopFdSet(stop_fd);
@@ -181,6 +186,7 @@ int main(int argc, char** argv)
     }
     zncd::recover();
     znnsPrivilegedAllow(options.allowPrivileged ? TRUE : FALSE);
+    znnsRefusalListenerSet(log_refusal);
     znc::set_service_listener(
         {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});
     return serve(stop.get());

@@ -60,6 +60,7 @@ pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
 bool g_privileged = false; // configurations may exceed the defaults
+void (*g_refused)(const char* name, const char* reason) = nullptr; // znnsRefusalListenerSet
 std::int64_t g_killDeadline =
     0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
@@ -112,6 +113,17 @@ void tell_fault(const SettingsFault& fault, char* reason, std::size_t size)
 {
     if (size != 0 && fault.field[0] != '\0')
         std::snprintf(reason, size, "%s: %s", fault.field, fault.reason);
+}
+
+// Tells the listener as well.
+void tell_refusal(const char* name, const SettingsFault& fault, char* reason, std::size_t size)
+{
+    tell_fault(fault, reason, size);
+    if (g_refused == nullptr || fault.field[0] == '\0')
+        return;
+    char text[ZNNS_REASON_MAX];
+    tell_fault(fault, text, sizeof text);
+    g_refused(name, text);
 }
 
 STATUS result(int error)
@@ -280,7 +292,7 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
         return id;
     if (started)
         end_namespace(find_link(id));
-    tell_fault(fault, reason, size);
+    tell_refusal(name, fault, reason, size);
     return result(error);
 }
 
@@ -306,6 +318,12 @@ STATUS znnsSeal(nsid_t id, char* reason, size_t size)
     if (error != 0)
         tell_fault(fault, reason, size);
     return result(error);
+}
+
+void znnsRefusalListenerSet(void (*refused)(const char* name, const char* reason))
+{
+    const Locked lock;
+    g_refused = refused;
 }
 
 void znnsPrivilegedAllow(BOOL allowed)

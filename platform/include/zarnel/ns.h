@@ -63,6 +63,13 @@ STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size);
  */
 STATUS znnsSeal(nsid_t ns, char* reason, size_t size);
 
+/*
+ * Set a function that is called, on the calling task, when znnsCreateConfigured refuses a
+ * configuration: with the name it was given and the reason. NULL: none. It must not call functions
+ * of this header.
+ */
+void znnsRefusalListenerSet(void (*refused)(const char* name, const char* reason));
+
 /* Set whether configurations may give containers more than the defaults. Initially they may not. */
 void znnsPrivilegedAllow(BOOL allowed);
 

@@ -4,7 +4,7 @@
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 
-usage='usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] | check | --help | --version'
+usage='usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] [--allow-privileged] | check | --help | --version'
 run "$ZNCD" --version
 check 'the version is one line' grep -qx 'zncd [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 run "$ZNCD" --help
@@ -142,7 +142,7 @@ for words in '--log-level' '--log-level loud' '--foreground check' 'check --fore
 done
 run "$ZNCD" check
 check 'check finds all that is needed here' test "$status/$err" = 0/
-check 'each requirement has its line' test "$(grep -c '^yes  ' "$work/out")" = 13
+check 'each requirement has its line' test "$(grep -cE '^(yes|no ) ' "$work/out")" = 14
 check 'and leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
@@ -225,5 +225,29 @@ start_daemon --allow-urgent
 check 'with it only what asks for it is' test "$(nice_values | tr '\n' ' ')" = '-20 0 '
 stop_daemon
 check 'and nothing is said' not grep -q urgent "$work/zncd.log"
+
+# ---------------------------------------------------------------- settings beyond the defaults
+cp -r "$work/loop" "$work/more"
+jq '.linux={"namespaces":[{"type":"mount"},{"type":"pid"},{"type":"ipc"},{"type":"uts"},{"type":"cgroup"}]}' \
+    "$work/loop/config.json" >"$work/more/config.json"
+cp -r "$work/loop" "$work/wrong"
+jq '.process.rlimits=[{"type":"RLIMIT_NOFILE","soft":2,"hard":1}]' "$work/loop/config.json" >"$work/wrong/config.json"
+start_daemon
+run zncctl create web "$work/more"
+check 'without the option no container has the network of the host' test "$status/$out" = 1/
+check 'the log says which member asked for it' grep -q \
+    '^zncd: warning: container web: configuration refused: linux.namespaces: shares the network' "$work/zncd.log"
+run zncctl create web "$work/wrong"
+check 'a wrong member is refused' test "$status/$out" = 1/
+check 'and named' grep -q '^The configuration was refused: process.rlimits\[0\].soft: ' "$work/err"
+check 'nothing is left of either' test "$(zncctl list -q)" = ''
+stop_daemon
+start_daemon --allow-privileged
+run zncctl create web "$work/more"
+expect 'with the option it is allowed' 0 '' ''
+run zncctl create other "$work/wrong"
+check 'what is wrong is refused nevertheless' test "$status/$out" = 1/
+zncctl delete --quiet web
+stop_daemon
 
 finish
