@@ -100,7 +100,7 @@ fetched() {
 bare() {
     local libraries=$work/bare said=$work/bare.log needed line
     mkdir "$libraries"
-    for needed in libcjson nettle; do
+    for needed in libcjson libseccomp nettle; do
         ln -s "$(pkg-config --variable=pcfiledir $needed)/$needed.pc" "$libraries"
     done
     rm -rf "$builds/bare/CMakeCache.txt"

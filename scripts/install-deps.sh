@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [demo] - installs the Debian packages needed for
-# building, packaging, tests, benchmarks or the demo; without arguments, those for build, test and
-# demo. Needs root only if packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [demo] [vm] - installs the Debian packages needed
+# for building, packaging, tests, benchmarks, the demo or tests in a virtual machine; without
+# arguments, those for build, test and demo. Needs root only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev
@@ -16,6 +16,7 @@ test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppche
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
 demo=(busybox-static mount tar umoci)
+vm=(busybox-static cpio qemu-system-x86)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
@@ -26,8 +27,9 @@ for group in "$@"; do
     test) packages+=("${test[@]}") ;;
     bench) packages+=("${bench[@]}") ;;
     demo) packages+=("${demo[@]}") ;;
+    vm) packages+=("${vm[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [demo]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [demo] [vm]\n' >&2
         exit 64
         ;;
     esac

@@ -3,9 +3,9 @@
 # dependencies, checks the sources, builds with both compilers, runs all tests, also with the
 # sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler, the
 # analysers, the other ways to build, fuzzing and the sanitizers. --all tests every point where the
-# other forms test a sample (faults at system calls, kills, models) and fuzzes each target for ten
-# minutes; it takes hours. The last line is "N passed, N failed, N skipped", summed over all runs; a
-# failed step counts as a failed test.
+# other forms test a sample (faults at system calls, kills, models), fuzzes each target for ten
+# minutes, and tests on cgroup v2 in a virtual machine; it takes hours. The last line is "N passed, N
+# failed, N skipped", summed over all runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -150,6 +150,7 @@ else
 fi
 if [[ -n $all ]]; then
     FUZZ_PRESET=fuzz step 'the fuzz targets find nothing in a long run' scripts/fuzz.sh 600
+    step 'tests pass on cgroup v2 and an older kernel in a virtual machine' scripts/vm-test.sh
 fi
 
 printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"

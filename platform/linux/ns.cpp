@@ -63,16 +63,6 @@ bool g_privileged = false; // configurations may exceed the defaults
 std::int64_t g_killDeadline =
     0; // deadline for the processes killed by znnsKillAll; 0: it was not called
 
-// Processes of a frozen control group do not die when they are killed.
-void thaw(const Namespace& ns)
-{
-    const znc::ErrnoSaver keep;
-    bool frozen = false;
-    const char* group = ns.settings.group();
-    if (group[0] != '\0' && cgroup_frozen(group, frozen) == 0 && frozen)
-        cgroup_freeze(group, false);
-}
-
 // The control group can be removed when all processes are dead.
 void remove_group(const Namespace& ns)
 {
@@ -161,7 +151,7 @@ void end_namespace(Namespace** link)
     NamespacePtr ns(*link);
     *link = ns->next;
     remove_record(*ns);
-    thaw(*ns);
+    cgroup_thaw(ns->settings.group());
     ns->keeper.kill(g_killDeadline != 0 ? g_killDeadline : now_ns() + kEndNs);
     release_device(*ns);
     if (!ns->keeper.ended(g_killDeadline != 0 ? 0 : kReapMilliseconds) || !ns->keeper.reap()) {
@@ -463,7 +453,7 @@ void znnsKillAll(void)
     g_killDeadline = now_ns() + kKillAllNs;
     for (Namespace* bucket : g_namespaces)
         for (Namespace* ns = bucket; ns != nullptr; ns = ns->next) {
-            thaw(*ns);
+            cgroup_thaw(ns->settings.group());
             ns->keeper.kill_others(milliseconds_until(g_killDeadline));
         }
 }

@@ -18,10 +18,11 @@ constexpr std::int64_t kRecoverNs = kNsPerSec; // for all of them together
 
 void kill_recorded(nsid_t id, void* /*context*/)
 {
-    NsRecord record;
+    NsRecord record = {};
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (keeper)
         process_signal(keeper.get(), SIGKILL);
+    cgroup_thaw(record.group);
 }
 
 struct Recovery {

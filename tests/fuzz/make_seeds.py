@@ -152,6 +152,67 @@ def bundles():
     yield "behind", b'{"process":{"args":["x"]}} x'
 
 
+RESOURCES = {
+    "memory": {"limit": 1048576, "reservation": -1, "swap": 2097152, "swappiness": 60, "kernel": -1},
+    "cpu": {"shares": 1024, "quota": 50000, "period": 100000, "cpus": "0-3,5", "mems": "0"},
+    "pids": {"limit": 100},
+    "blockIO": {"weight": 500, "throttleReadBpsDevice": [{"major": 8, "minor": 0, "rate": 1000}]},
+    "hugepageLimits": [{"pageSize": "2MB", "limit": 2**64 - 1}],
+    "devices": [{"allow": False, "access": "rwm"},
+                {"allow": True, "type": "c", "major": 1, "minor": 3, "access": "rw"}],
+}
+SETTINGS = {
+    "process": {
+        "args": ["x"], "cwd": "/", "terminal": True, "noNewPrivileges": True, "oomScoreAdj": 5,
+        "user": {"uid": 1000, "gid": 1000, "umask": 18, "additionalGids": [5, 6]},
+        "capabilities": {name: ["CAP_KILL", "CAP_CHOWN"]
+                         for name in ("bounding", "effective", "permitted", "inheritable", "ambient")},
+        "rlimits": [{"type": "RLIMIT_NOFILE", "soft": 1024, "hard": 2**64 - 1}],
+        "apparmorProfile": "a", "selinuxLabel": "u:r:t:s0",
+    },
+    "root": {"path": "rootfs", "readonly": True},
+    "linux": {
+        "namespaces": [{"type": kind} for kind in ("mount", "pid", "ipc", "uts", "cgroup", "network",
+                                                   "user")],
+        "uidMappings": [{"containerID": 0, "hostID": 100000, "size": 65536}],
+        "gidMappings": [{"containerID": 0, "hostID": 100000, "size": 65536}],
+        "devices": [{"type": "c", "path": "/dev/null", "major": 1, "minor": 3, "fileMode": 438}],
+        "cgroupsPath": "/zarnel/web", "resources": RESOURCES, "rootfsPropagation": "rprivate",
+        "sysctl": {"net.ipv4.ip_forward": "1", "kernel/sem": "250 32000 32 128"},
+        "maskedPaths": ["/proc", "/sys"], "readonlyPaths": ["/proc/sys"],
+        "seccomp": {
+            "defaultAction": "SCMP_ACT_ERRNO", "defaultErrnoRet": 38,
+            "architectures": ["SCMP_ARCH_X86_64"], "flags": ["SECCOMP_FILTER_FLAG_LOG"],
+            "syscalls": [{"names": ["read"], "action": "SCMP_ACT_ALLOW"},
+                         {"names": ["personality"], "action": "SCMP_ACT_ERRNO", "errnoRet": 1,
+                          "args": [{"index": 0, "value": 8, "op": "SCMP_CMP_EQ"}]}],
+        },
+    },
+}
+
+
+def settings():
+    def text(document):
+        return json.dumps(document, separators=(",", ":")).encode()
+
+    yield "full", text(SETTINGS)
+    yield "bundle", text(BUNDLE)
+    yield "resources", text(RESOURCES)
+    for name, section in SETTINGS["linux"].items():
+        yield f"linux-{name}", text({"linux": {name: section}})
+    for name, section in SETTINGS["process"].items():
+        yield f"process-{name}", text({"process": {name: section}})
+    yield "shared", b'{"linux":{"namespaces":[{"type":"network","path":"/run/netns/a"}]}}'
+    mappings = [{"containerID": n, "hostID": n, "size": 1} for n in (0, 1)]
+    yield "mappings", text({"linux": {"namespaces": [{"type": "user"}], "uidMappings": mappings,
+                                      "gidMappings": mappings}})
+    yield "twice", b'{"Process":{"terminal":true,"TERMINAL":false}}'
+    yield "slashes", b'{"linux":{"sysctl":{"net/ipv4/conf/eth0.1/forwarding":"1","net.//.x":"1"}}}'
+    yield "large", b'{"linux":{"resources":{"memory":{"limit":9007199254740993,"swap":1e999}}}}'
+    yield "nul", b'{"process":{"apparmorProfile":"a\\u0000b"}}'
+    yield "deep", b'{"linux":' + b"[" * 900 + b"]" * 900 + b"}"
+
+
 def requests():
     def request(command, document, name=b"/znc-u-1-1", level=2):
         text = document if isinstance(document, bytes) else json.dumps(document).encode()
@@ -235,7 +296,7 @@ TARGETS = {
     "tar_stream": archives, "extract": archives, "extract_names": names, "gzip": gzips,
     "image_layout": layouts, "image_config": image_configs, "bundle_config": bundles,
     "request": requests, "reply": replies, "paths": paths,
-    "import_merge": merges,
+    "import_merge": merges, "settings": settings,
 }
 
 

@@ -5,7 +5,8 @@
 //
 // A group is identified by its path below the root of each hierarchy, for example "/zarnel/web".
 // "", "/", paths with "." or ".." components and paths longer than kCgroupPathMax are refused with
-// EINVAL. All functions return 0 or an error number unless stated otherwise.
+// EINVAL; empty components count nothing. No symbolic link is followed. All functions return 0 or
+// an error number unless stated otherwise, and ENOENT if the group does not exist.
 #ifndef ZN_CGROUP_HPP
 #define ZN_CGROUP_HPP
 
@@ -18,16 +19,24 @@ inline constexpr std::size_t kCgroupPathMax = 512;
 enum class CgroupVersion { kNone, kV1, kV2 };
 
 // What the machine has: v2 if /sys/fs/cgroup is cgroup2, v1 if controllers are mounted below it
-// (also with an additional "unified" hierarchy), none otherwise. Determined on each call.
+// (also with an additional "unified" hierarchy, whose controllers are then used, too), none
+// otherwise. Hierarchies in whose root this process may not create groups do not count: those that
+// are mounted read-only or belong to another user, as in most containers. Determined on each call.
 CgroupVersion cgroup_version();
 
 // Creates the group, with its parents, in all hierarchies that are used, and applies `resources`.
-// An existing group is taken over if no process is in it or below it, else EBUSY. ENOTSUP with
-// `field` set to the name of the limit ("memory.limit") that this machine has no controller for. On
+// An existing group is taken over if no process is in it or below it, else EBUSY: it is thawed,
+// groups below it are removed, limits that are not given stay as they are. ENOTSUP with `field` set
+// to the name of the limit ("memory.limit") that this machine has no controller for; with `field`
+// null if there are no hierarchies. If the kernel refuses a limit, its error number and `field`. On
 // failure nothing that was created stays.
+//
+// Unlimited (-1) needs no controller. If there are device rules, devices that no rule allows are
+// refused, and the last rule that matches decides; without rules nothing is written.
 int cgroup_create(const char* path, const Resources& resources, const char** field);
 
-// Applies the limits that are given; others stay as they are. ENOTSUP as above.
+// Applies the limits that are given; others stay as they are. Errors as above; limits that were
+// written before the one that failed stay.
 int cgroup_limit(const char* path, const Resources& resources, const char** field);
 
 // The files to write "0" to for a process to enter the group, one for each hierarchy: absolute host
@@ -35,9 +44,14 @@ int cgroup_limit(const char* path, const Resources& resources, const char** fiel
 int cgroup_entries(const char* path, List<Text>& entries);
 
 // Freezes or thaws all processes; returns when it has taken effect, ETIMEDOUT after two seconds
-// (thawed again if it was freezing). ENOTSUP if there is no freezer.
+// (thawed again if it was freezing). ENOTSUP if there is no freezer. EBUSY if this process would
+// freeze itself.
 int cgroup_freeze(const char* path, bool frozen);
 int cgroup_frozen(const char* path, bool& frozen);
+
+// Thaws the group if it is frozen: frozen processes do not die when they are killed. "" is no group.
+// errno is preserved.
+void cgroup_thaw(const char* path);
 
 struct CgroupUse {
     std::uint64_t cpuNs = 0;
@@ -52,15 +66,16 @@ struct CgroupUse {
     std::uint64_t oomKills = 0;
 };
 
-// What the group uses. Figures whose controller is missing stay 0.
+// What the group uses, with the groups below it. Figures whose controller is missing are 0, limits
+// UINT64_MAX.
 int cgroup_use(const char* path, CgroupUse& use);
 
 // The processes in the group and in those below it, host process ids.
 int cgroup_processes(const char* path, List<int>& pids);
 
 // Removes the group and the groups that the container made below it; thaws it and kills what is
-// left in it first, waiting up to two seconds (EBUSY after that). OK if there is none. Parents
-// stay.
+// left in it first, waiting up to two seconds (EBUSY after that, and if this process is in it). OK
+// if there is none. Parents stay.
 int cgroup_remove(const char* path);
 
 } // namespace zn

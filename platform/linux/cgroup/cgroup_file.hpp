@@ -40,7 +40,7 @@ class ControlLines {
     int error_ = 0;
     std::size_t begin_ = 0; // of what was read and not yet returned
     std::size_t end_ = 0;
-    char text_[4096 + 1];
+    char text_[4096 + 1] = {};
 };
 
 // A decimal number, or "max", which is UINT64_MAX. False if the text begins with neither.

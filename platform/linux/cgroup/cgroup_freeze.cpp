@@ -121,4 +121,12 @@ int cgroup_frozen(const Hierarchies& hierarchies, const char* path, bool& frozen
     return group ? read_frozen(in->unified, group.get(), frozen) : errno;
 }
 
+void cgroup_thaw(const char* path)
+{
+    const znc::ErrnoSaver keep;
+    bool frozen = false;
+    if (path[0] != '\0' && cgroup_frozen(path, frozen) == 0 && frozen)
+        cgroup_freeze(path, false);
+}
+
 } // namespace zn

@@ -38,10 +38,6 @@ inline bool text_equal(const char* a, const char* b)
 
 // Unless stated otherwise, these functions return 0 or an error number.
 
-// Installs the system call filter (filter.cpp) for the calling process and its descendants. The
-// process must have no_new_privs set.
-int filter_calls();
-
 // Reset what the process inherited from the client to defaults (inherited.cpp): scheduling and
 // memory before the process of the program is created, the CPU affinity after joining the
 // namespaces.

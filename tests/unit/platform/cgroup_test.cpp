@@ -306,7 +306,10 @@ TEST_F(CgroupMounts, NoneIsFoundWhereNothingCanBeCreated)
 
 TEST_F(CgroupMounts, UnifiedHierarchyAtTheTopIsV2)
 {
-    EXPECT_EQ(version_after([] { return ::mount("cgroup2", kTop, "cgroup2", 0, nullptr) == 0; }),
+    EXPECT_EQ(version_after([] {
+                  return ::mount("tmpfs", kTop, "tmpfs", 0, nullptr) == 0 &&
+                         ::mount("cgroup2", kTop, "cgroup2", 0, nullptr) == 0;
+              }),
               CgroupVersion::kV2);
 }
 

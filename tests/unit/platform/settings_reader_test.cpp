@@ -75,6 +75,11 @@ TEST(SettingsDocument, NamesThatTheLibraryReadsMayBeInAnyCase)
     EXPECT_EQ(settings.oomScoreAdj, 5);
 }
 
+TEST(SettingsDocument, NamesThatOnlyBeginAlikeAreDifferent)
+{
+    accepted(R"({"annotations":{},"Apple":1,"Linu":2,"linuxx":3,"Process2":4})");
+}
+
 TEST(SettingsDocument, ARefusedDocumentLeavesTheSettingsAsTheyAre)
 {
     zn::Settings settings = process(R"("oomScoreAdj":7)");

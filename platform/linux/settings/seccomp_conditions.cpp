@@ -1,0 +1,288 @@
+#include "seccomp_conditions.hpp"
+
+#include "seccomp_filter.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <linux/seccomp.h>
+
+namespace zn {
+namespace {
+
+// Targets of jumps that are set when the position is known. Distances never become that long: a
+// comparison has at most six instructions, and a rule six comparisons.
+constexpr std::uint8_t kNext = 254; // the end of the comparison, which holds
+constexpr std::uint8_t kFail = 255; // the end of the rule, which does not match
+
+constexpr sock_filter load(std::size_t offset)
+{
+    return {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offset)};
+}
+constexpr sock_filter keep_bits(std::uint32_t mask)
+{
+    return {BPF_ALU | BPF_AND | BPF_K, 0, 0, mask};
+}
+constexpr sock_filter test(unsigned how, std::uint32_t value, std::uint8_t held,
+                           std::uint8_t failed)
+{
+    return {static_cast<std::uint16_t>(BPF_JMP | BPF_K | how), held, failed, value};
+}
+constexpr sock_filter skip()
+{
+    return {BPF_JMP | BPF_JA, 0, 0, 0};
+}
+constexpr sock_filter give(std::uint32_t answer)
+{
+    return {BPF_RET | BPF_K, 0, 0, answer};
+}
+
+// Where the halves of an argument are.
+constexpr std::size_t low(unsigned argument)
+{
+    return offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t) +
+           (std::endian::native == std::endian::little ? 0 : sizeof(std::uint32_t));
+}
+constexpr std::size_t high(unsigned argument)
+{
+    return offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t) +
+           (std::endian::native == std::endian::little ? sizeof(std::uint32_t) : 0);
+}
+
+// The instructions of a comparison: the upper halves decide unless they are equal.
+struct Comparison {
+    std::array<sock_filter, 6> code = {};
+    std::size_t length = 0;
+
+    constexpr void add(const sock_filter& one) { code[length++] = one; }
+    // `above`, `below`: where to continue if the upper half is greater or less than the value's.
+    constexpr void upper(unsigned index, std::uint32_t value, std::uint8_t above,
+                         std::uint8_t below)
+    {
+        add(load(high(index)));
+        if (above != below)
+            add(test(BPF_JGT, value, above, 0));
+        add(test(BPF_JEQ, value, 0, below));
+        add(load(low(index)));
+    }
+};
+
+Comparison comparison_of(const SeccompArg& arg)
+{
+    const auto upper = static_cast<std::uint32_t>(arg.value >> 32);
+    const auto lower = static_cast<std::uint32_t>(arg.value);
+    Comparison made;
+    switch (arg.compare) {
+    case SeccompCompare::kNe:
+        made.upper(arg.index, upper, kNext, kNext);
+        made.add(test(BPF_JEQ, lower, kFail, 0));
+        break;
+    case SeccompCompare::kEq:
+        made.upper(arg.index, upper, kFail, kFail);
+        made.add(test(BPF_JEQ, lower, 0, kFail));
+        break;
+    case SeccompCompare::kGt:
+        made.upper(arg.index, upper, kNext, kFail);
+        made.add(test(BPF_JGT, lower, 0, kFail));
+        break;
+    case SeccompCompare::kGe:
+        made.upper(arg.index, upper, kNext, kFail);
+        made.add(test(BPF_JGE, lower, 0, kFail));
+        break;
+    case SeccompCompare::kLt:
+        made.upper(arg.index, upper, kFail, kNext);
+        made.add(test(BPF_JGE, lower, kFail, 0));
+        break;
+    case SeccompCompare::kLe:
+        made.upper(arg.index, upper, kFail, kNext);
+        made.add(test(BPF_JGT, lower, kFail, 0));
+        break;
+    case SeccompCompare::kMaskedEq: { // the value is the mask
+        const std::uint64_t wanted = arg.value & arg.valueTwo;
+        made.add(load(high(arg.index)));
+        made.add(keep_bits(upper));
+        made.add(test(BPF_JEQ, static_cast<std::uint32_t>(wanted >> 32), 0, kFail));
+        made.add(load(low(arg.index)));
+        made.add(keep_bits(lower));
+        made.add(test(BPF_JEQ, static_cast<std::uint32_t>(wanted), 0, kFail));
+        break;
+    }
+    }
+    return made;
+}
+
+bool is_jump(const sock_filter& one)
+{
+    return BPF_CLASS(one.code) == BPF_JMP && BPF_OP(one.code) != BPF_JA;
+}
+
+// Sets all jumps to `target` from `begin` on: they continue at the end of the code.
+void set_target(List<sock_filter>& code, std::size_t begin, std::uint8_t target)
+{
+    for (std::size_t at = begin; at < code.size(); at++) {
+        if (!is_jump(code[at]))
+            continue;
+        const auto distance = static_cast<std::uint8_t>(code.size() - at - 1);
+        if (code[at].jt == target)
+            code[at].jt = distance;
+        if (code[at].jf == target)
+            code[at].jf = distance;
+    }
+}
+
+// libseccomp has no conditions that compare an argument twice. In a profile they are alternatives.
+bool compares_twice(std::span<const SeccompArg> args)
+{
+    std::array<bool, kSeccompArgs> used = {};
+    return std::any_of(args.begin(), args.end(),
+                       [&](const SeccompArg& arg) { return std::exchange(used[arg.index], true); });
+}
+
+// Whether the kernel prefers answer `a` to `b` if two filters give them.
+bool is_stricter(std::uint32_t a, std::uint32_t b)
+{
+    return static_cast<std::int32_t>(a & SECCOMP_RET_ACTION_FULL) <
+           static_cast<std::int32_t>(b & SECCOMP_RET_ACTION_FULL);
+}
+
+bool names_call(const SeccompRule& rule, const char* name)
+{
+    return std::any_of(rule.names.begin(), rule.names.end(),
+                       [&](const Text& one) { return std::strcmp(one.get(), name) == 0; });
+}
+
+// The architecture as the kernel reports it. Calls of x32 have other numbers, but no architecture
+// of their own.
+std::uint32_t reported(std::uint32_t architecture)
+{
+    return architecture == SCMP_ARCH_X32 ? SCMP_ARCH_X86_64 : architecture;
+}
+
+} // namespace
+
+std::uint32_t seccomp_answer(const SeccompAnswer& answer)
+{
+    switch (answer.action) {
+    case SeccompAction::kKillProcess:
+        return SCMP_ACT_KILL_PROCESS;
+    case SeccompAction::kKillThread:
+        return SCMP_ACT_KILL_THREAD;
+    case SeccompAction::kTrap:
+        return SCMP_ACT_TRAP;
+    case SeccompAction::kErrno:
+        return SCMP_ACT_ERRNO(answer.number);
+    case SeccompAction::kTrace:
+        return SCMP_ACT_TRACE(answer.number);
+    case SeccompAction::kAllow:
+        return SCMP_ACT_ALLOW;
+    case SeccompAction::kLog:
+        return SCMP_ACT_LOG;
+    }
+    return SCMP_ACT_KILL_PROCESS;
+}
+
+int SeccompConditions::append(const sock_filter& one)
+{
+    if (code_.size() >= kSeccompLengthMax)
+        return EFBIG;
+    return code_.append(one) != nullptr ? 0 : ENOMEM;
+}
+
+int SeccompConditions::add_architecture(std::uint32_t architecture)
+{
+    if (std::find(architectures_.begin(), architectures_.end(), architecture) !=
+        architectures_.end())
+        return 0;
+    return architectures_.append(architecture) != nullptr ? 0 : ENOMEM;
+}
+
+int SeccompConditions::add_comparison(const SeccompArg& arg)
+{
+    const Comparison made = comparison_of(arg);
+    const std::size_t begin = code_.size();
+    for (std::size_t i = 0; i < made.length; i++) {
+        const int error = append(made.code[i]);
+        if (error != 0)
+            return error;
+    }
+    set_target(code_, begin, kNext);
+    return 0;
+}
+
+int SeccompConditions::add_alternative(std::span<const SeccompArg> args, std::uint32_t answer)
+{
+    const std::size_t begin = code_.size();
+    for (const SeccompArg& arg : args) {
+        const int error = add_comparison(arg);
+        if (error != 0)
+            return error;
+    }
+    const int error = append(give(answer));
+    if (error == 0)
+        set_target(code_, begin, kFail);
+    return error;
+}
+
+int SeccompConditions::add_rule(const SeccompRule& rule)
+{
+    const std::uint32_t answer = seccomp_answer(rule.answer);
+    const std::span<const SeccompArg> args = rule.args.all();
+    if (!compares_twice(args))
+        return add_alternative(args, answer);
+    for (std::size_t i = 0; i < args.size(); i++) {
+        const int error = add_alternative(args.subspan(i, 1), answer);
+        if (error != 0)
+            return error;
+    }
+    return 0;
+}
+
+int SeccompConditions::add_call(const SeccompProfile& profile, const char* name,
+                                std::uint32_t architecture, std::uint32_t number)
+{
+    const std::uint32_t fallback = seccomp_answer(profile.fallback);
+    const std::size_t begin = code_.size();
+    constexpr std::size_t kSkips[] = {2, 5}; // to the end, which may be too far for a test
+    for (const sock_filter& one :
+         {load(offsetof(seccomp_data, arch)), test(BPF_JEQ, reported(architecture), 1, 0), skip(),
+          load(offsetof(seccomp_data, nr)), test(BPF_JEQ, number, 1, 0), skip()}) {
+        const int error = append(one);
+        if (error != 0)
+            return error;
+    }
+    for (const SeccompRule& rule : profile.rules) {
+        if (seccomp_answer(rule.answer) == fallback || !names_call(rule, name))
+            continue;
+        const int error = add_rule(rule);
+        if (error != 0)
+            return error;
+    }
+    const int error = append(give(fallback));
+    for (const std::size_t at : kSkips)
+        code_[begin + at].k = static_cast<std::uint32_t>(code_.size() - begin - at - 1);
+    return error;
+}
+
+int SeccompConditions::add(const SeccompProfile& profile, const char* name, std::uint32_t& unseen)
+{
+    unseen = seccomp_answer(profile.fallback);
+    bool hidden = false;
+    for (const std::uint32_t architecture : architectures_) {
+        const int number = seccomp_syscall_resolve_name_arch(architecture, name);
+        if (number < 0) {
+            hidden = true;
+            continue;
+        }
+        const int error = add_call(profile, name, architecture, static_cast<std::uint32_t>(number));
+        if (error != 0)
+            return error;
+    }
+    for (const SeccompRule& rule : profile.rules)
+        if (hidden && names_call(rule, name) && is_stricter(seccomp_answer(rule.answer), unseen))
+            unseen = seccomp_answer(rule.answer);
+    return 0;
+}
+
+} // namespace zn

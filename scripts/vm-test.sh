@@ -1,0 +1,125 @@
+#!/usr/bin/env bash
+# vm-test.sh [PROGRAM...] - runs the tests of control groups and overlay devices, and further test
+# programs by their paths, in a virtual machine: its kernel is that of Debian 12 and has only cgroup v2,
+# with all controllers. The machine is emulated in software, so it needs no rights except to install
+# packages, and it starts from memory: Debian's kernel for clouds, busybox, the programs and their
+# libraries. Each program runs in the sandbox of the tests. Prints what they print and ends with 0 if
+# all passed.
+#
+# BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${BUILD:-build/release}
+limit=${VM_TEST_SECONDS:-900}
+if [[ $(dpkg --print-architecture) != amd64 ]]; then
+    printf 'vm-test.sh: only amd64 is supported\n' >&2
+    exit 1
+fi
+programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,mount_table,overlay,overlay_device}_test
+    "$@")
+for program in "$build/bin/znc_sandbox" "${programs[@]}"; do
+    if [[ ! -x $program ]]; then
+        printf 'vm-test.sh: build %s first\n' "$program" >&2
+        exit 1
+    fi
+done
+scripts/install-deps.sh vm
+
+# The package of the newest kernel, downloaded and unpacked, not installed.
+fetch_kernel() {
+    local package unpacked=$PWD/build/vm/kernel
+    package=$(apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1)
+    if [[ -z $package ]]; then
+        apt-get -q update >&2
+        package=$(apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1)
+    fi
+    if [[ ! -e $unpacked/$package ]]; then
+        rm -rf "$unpacked"
+        mkdir -p "$unpacked"
+        (cd "$unpacked" && apt-get -q -o APT::Sandbox::User=root download "$package" >&2)
+        dpkg-deb --extract "$unpacked"/*.deb "$unpacked"
+        rm "$unpacked"/*.deb
+        touch "$unpacked/$package"
+    fi
+    printf '%s\n' "$unpacked"
+}
+
+# put FILE [DIRECTORY]: copies a file into the machine, by default to the same path.
+put() {
+    install -D "$1" "$tree${2-$(dirname "$1")}/$(basename "$1")"
+}
+
+# put_program FILE: copies a program and its libraries. ldd prints "name => path (address)", or the
+# path of the loader alone.
+put_program() {
+    local library
+    put "$1" /tests
+    while read -r library; do
+        put "$library"
+    done < <(ldd "$1" | grep -o '/[^ ]*' | sort -u)
+}
+
+kernel=$(fetch_kernel)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+tree=$work/tree
+mkdir -p "$tree"/{dev,etc,mnt,proc,root,sys,tests,tmp,run,modules}
+put /bin/busybox /bin
+for program in "$build/bin/znc_sandbox" "${programs[@]}"; do put_program "$program"; done
+# Overlays, and a disk in memory.
+for module in overlay brd; do
+    put "$(find "$kernel/lib/modules" -name "$module.ko")" /modules
+done
+for program in "${programs[@]}"; do basename "$program"; done >"$tree/tests/list"
+printf 'root:x:0:0:root:/root:/bin/sh\n' >"$tree/etc/passwd"
+printf 'root:x:0:\n' >"$tree/etc/group"
+
+# The first program. The initial file system cannot be left by pivot_root, which the tests need, so
+# everything moves to a tmpfs.
+cat >"$tree/init" <<'EOF'
+#!/bin/busybox sh
+/bin/busybox --install -s /bin
+mkdir /newroot
+mount -t tmpfs -o mode=0755 tmpfs /newroot
+for entry in bin etc lib lib64 mnt modules proc root run second sys tests tmp usr dev; do
+    if [ -e "/$entry" ]; then cp -a "/$entry" /newroot/; fi
+done
+exec switch_root /newroot /second
+EOF
+cat >"$tree/second" <<'EOF'
+#!/bin/busybox sh
+export PATH=/bin HOME=/root GTEST_COLOR=no
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+mkdir -p /dev/pts /dev/shm
+mount -t devpts devpts /dev/pts
+mount -t tmpfs tmpfs /dev/shm
+mount -t cgroup2 cgroup2 /sys/fs/cgroup
+mount -t tmpfs -o mode=1777 tmpfs /tmp
+insmod /modules/overlay.ko
+insmod /modules/brd.ko rd_nr=1 rd_size=16384
+ip link set lo up
+printf 'kernel %s, controllers: %s\n' "$(uname -r)" "$(cat /sys/fs/cgroup/cgroup.controllers)"
+failed=0
+while read -r name; do
+    if /tests/znc_sandbox -- "/tests/$name" </dev/null; then
+        printf 'ok - %s in a virtual machine\n' "$name"
+    else
+        printf 'not ok - %s in a virtual machine\n' "$name"
+        failed=1
+    fi
+done </tests/list
+printf 'vm-test ended with %d\n' "$failed"
+poweroff -f
+EOF
+chmod 0755 "$tree/init" "$tree/second"
+(cd "$tree" && find . -print0 | cpio --quiet --null --create --format=newc | gzip -1) >"$work/initrd"
+
+log=$work/log
+# The console ends lines with CR and LF.
+timeout --foreground "$limit" qemu-system-x86_64 -accel tcg -cpu max -smp 2 -m 1536 -nodefaults -no-reboot \
+    -display none -serial stdio -kernel "$kernel"/boot/vmlinuz-* -initrd "$work/initrd" \
+    -append 'console=ttyS0 quiet panic=-1' </dev/null | tr -d '\r' | tee "$log"
+grep -qx 'vm-test ended with 0' "$log"
