@@ -68,7 +68,7 @@ The daemon is started when the package is installed.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zncontainer-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzncontainer1 ${ZNC_SAME_VERSION}")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "systemd, zncontainer-import")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "passt, systemd, zncontainer-import")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
     ${ZNC_DEBIAN}/postinst ${ZNC_DEBIAN}/prerm ${ZNC_DEBIAN}/postrm)
 

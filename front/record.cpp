@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
@@ -24,6 +25,7 @@ namespace fs = std::filesystem;
 constexpr const char* kRecordsDir = "containers"; // subdirectory of the runtime directory
 constexpr const char* kStatusName = "status.json";
 constexpr const char* kLockName = "lock";
+constexpr const char* kNetworkName = "network";
 constexpr std::chrono::seconds kKeeperTimeout(10);
 
 using Clock = std::chrono::steady_clock;
@@ -96,6 +98,29 @@ Record from_json(const Json& json)
     return record;
 }
 
+// The directory of a container's record, which is created if it does not exist.
+znc::UniqueFd make_record(const std::string& id)
+{
+    if (!is_container_id(id)) {
+        errno = EINVAL;
+        return {};
+    }
+    const znc::UniqueFd runtime = open_runtime(true);
+    const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
+    return area ? make_dir(area.get(), kept_id(id)) : znc::UniqueFd();
+}
+
+// Fails with ENXIO if no process has the FIFO open for reading.
+znc::UniqueFd open_network_end(int dir, int flags)
+{
+    znc::UniqueFd fifo(::openat(dir, kNetworkName, flags | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st = {};
+    if (!fifo || ::fstat(fifo.get(), &st) != 0 || S_ISFIFO(st.st_mode))
+        return fifo;
+    errno = EINVAL;
+    return {};
+}
+
 } // namespace
 
 std::string time_text(std::time_t time)
@@ -109,14 +134,7 @@ std::string time_text(std::time_t time)
 RecordKeeper RecordKeeper::begin(const std::string& id)
 {
     RecordKeeper keeper;
-    if (!is_container_id(id)) {
-        errno = EINVAL;
-        return {};
-    }
-    const znc::UniqueFd runtime = open_runtime(true);
-    const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
-    if (area)
-        keeper.dir_ = make_dir(area.get(), kept_id(id));
+    keeper.dir_ = make_record(id);
     znc::UniqueFd lock = keeper.dir_ ? open_lock(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
@@ -191,9 +209,45 @@ void remove_record(const std::string& id)
     // have no name any more.
     for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLockName})
         ::unlinkat(dir.get(), name, 0);
+    if (!open_network_end(dir.get(), O_WRONLY))
+        ::unlinkat(dir.get(), kNetworkName, 0);
     const znc::UniqueFd area = open_dir(dir.get(), "..");
     if (area)
         ::unlinkat(area.get(), kept_id(id).c_str(), AT_REMOVEDIR);
+}
+
+znc::UniqueFd make_network_end(const std::string& id)
+{
+    const znc::UniqueFd dir = make_record(id);
+    if (!dir || (::unlinkat(dir.get(), kNetworkName, 0) != 0 && errno != ENOENT) ||
+        ::mkfifoat(dir.get(), kNetworkName, 0600) != 0)
+        return {};
+    // Also opened for writing: otherwise the FIFO would be readable after a writer has closed it,
+    // even if that has written nothing.
+    return open_network_end(dir.get(), O_RDWR);
+}
+
+NetworkEnd::NetworkEnd(const std::string& id)
+{
+    dir_ = open_record(id);
+    if (dir_)
+        writer_ = open_network_end(dir_.get(), O_WRONLY);
+}
+
+void NetworkEnd::ask() const
+{
+    // A second reader: without any, the write would raise SIGPIPE.
+    const znc::UniqueFd reader = writer_ ? open_network_end(dir_.get(), O_RDONLY) : znc::UniqueFd();
+    if (reader && !write_all(writer_.get(), "\n"))
+        errno = 0; // it is full: the network has been asked to end already
+}
+
+bool NetworkEnd::wait() const
+{
+    constexpr int kTimeout = 10000;
+    // POLLERR: the last reader has closed it.
+    pollfd end = {writer_.get(), 0, 0};
+    return !writer_ || ::poll(&end, 1, kTimeout) > 0;
 }
 
 } // namespace zncctl

@@ -60,8 +60,31 @@ bool record_is_kept(int dir);
 // The ids of all containers that have a record, including containers that no longer exist.
 std::vector<std::string> recorded_ids();
 
-// Deletes a container's record; does nothing if there is none.
+// Deletes a container's record; does nothing if there is none. What belongs to the container's
+// network stays until that has ended.
 void remove_record(const std::string& id);
+
+// The process that runs a container's network holds the reading end of a FIFO in the record's
+// directory. It ends the network when something is written, and by itself with the container.
+//
+// Creates the FIFO and opens its reading end; replaces an old one. Invalid with errno set.
+znc::UniqueFd make_network_end(const std::string& id);
+
+// The network of a container, if it has one.
+class NetworkEnd {
+  public:
+    explicit NetworkEnd(const std::string& id);
+    explicit operator bool() const { return static_cast<bool>(writer_); }
+
+    // Asks the network to end.
+    void ask() const;
+    // Waits up to 10 seconds for its end. False if it has not ended.
+    [[nodiscard]] bool wait() const;
+
+  private:
+    znc::UniqueFd dir_;
+    znc::UniqueFd writer_; // invalid: there is no network
+};
 
 inline constexpr const char* kLogName = "log";
 inline constexpr const char* kOldLogName = "log.1";

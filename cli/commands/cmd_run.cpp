@@ -21,8 +21,8 @@ std::string new_id()
 // A container for the duration of the command.
 class Run {
   public:
-    Run(const Arguments& args, std::size_t log_max)
-        : args_(args), log_max_(log_max), from_bundle_(args.has("bundle")),
+    Run(const Arguments& args, std::size_t log_max, const Network& network)
+        : args_(args), log_max_(log_max), network_(network), from_bundle_(args.has("bundle")),
           id_(args.operand(from_bundle_ ? 0 : 1) != nullptr ? args.operand(from_bundle_ ? 0 : 1)
                                                             : new_id())
     {
@@ -30,27 +30,22 @@ class Run {
 
     int run()
     {
-        const auto bundle = find_bundle();
-        if (!bundle)
+        if (!find_bundle())
             return kExitStartFailed;
         // from here on a signal must not end zncctl before the container is deleted
         const SignalQueue signals;
-        if (create_container(id_, *bundle) != kExitOk) {
-            if (*bundle == own_bundle(id_))
-                zncImageBundleDelete(bundle->c_str());
+        if (create_container(id_, bundle_, network_) != kExitOk)
             return kExitStartFailed;
-        }
-        in_use_.reset(); // from now on the container itself keeps its bundle from being collected
         return args_.has("detach") ? detached() : attached(signals);
     }
 
   private:
-    std::optional<std::string> find_bundle()
+    bool find_bundle()
     {
         if (from_bundle_)
-            return args_.value("bundle");
+            return bundle_of_bundle(args_.value("bundle"), id_, network_, bundle_);
         const Wanted wanted = wanted_image(args_, split_image_name(args_.operand(0)));
-        return bundle_of_image(args_, wanted, id_, in_use_);
+        return bundle_of_image(args_, wanted, id_, network_, bundle_);
     }
 
     int attached(const SignalQueue& signals)
@@ -63,7 +58,6 @@ class Run {
 
     int detached()
     {
-        remove_record(id_);
         if (const int error = start_with_monitor(id_, log_max_); error != 0) {
             const int status = start_failure(error, id_);
             delete_created();
@@ -81,9 +75,10 @@ class Run {
 
     const Arguments& args_;
     std::size_t log_max_;
+    const Network& network_;
     bool from_bundle_;
     std::string id_;
-    std::optional<BundlesInUse> in_use_;
+    NewBundle bundle_;
 };
 
 } // namespace
@@ -99,7 +94,11 @@ int cmd_run(const Arguments& args)
         return kExitUsage;
     if (args.has("tty") && ::isatty(STDIN_FILENO) == 0)
         return failure("", "--tty needs a terminal on standard input", kExitStartFailed);
-    return Run(args, log_max).run();
+    Network network;
+    if (const int status = read_network(args, !args.has("bundle"), kExitStartFailed, network);
+        status != kExitOk)
+        return status;
+    return Run(args, log_max, network).run();
 }
 
 } // namespace zncctl

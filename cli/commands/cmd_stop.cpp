@@ -1,6 +1,7 @@
 // Sends TERM, so that the program can end by itself, and after a timeout KILL to all processes of
 // the container.
 #include "cli/containers/container.hpp"
+#include "cli/containers/network.hpp"
 #include "cli/containers/pause.hpp"
 #include "commands.hpp"
 #include "front/words.hpp"
@@ -55,6 +56,7 @@ int stop(const std::string& id, std::chrono::milliseconds time)
         return daemon_failure(errno, id);
     if (status == STATE_RUNNING)
         return failure(id, "it is still running, although it was killed", kExitNoDaemon);
+    end_network_of_stopped(id);
     return kExitOk;
 }
 

@@ -26,12 +26,21 @@ constexpr Option kImageMounts = {0, "allow-image-mounts", nullptr,
                                  "keep the mounts of host directories that the image requests"};
 constexpr Option kLogMax = {0, "log-max", "BYTES",
                             "rotate the log at this size, keeping one old log (default: 1048576)"};
+constexpr Option kNetwork = {
+    0,
+    "network",
+    "KIND",
+    "network of the container: \"none\", \"host\" or \"pasta\" (default for an image: pasta)",
+    Word::kChoice,
+    "none host pasta"};
+constexpr Option kPublish = {'p', "publish", "[IP:]HOSTPORT:PORT[/udp]",
+                             "forward a port of the host to the container; may be repeated"};
 constexpr Option kSeconds = {0, "timeout", "SECONDS", "how long to wait (default: no limit)"};
 
 constexpr Option kAttachOptions[] = {
     {0, "no-signals", nullptr, "do not forward signals to the program"},
 };
-constexpr Option kCreateOptions[] = {kBundle};
+constexpr Option kCreateOptions[] = {kBundle, kNetwork, kPublish};
 constexpr Option kStartOptions[] = {
     {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},
     {'d', "detach", nullptr, "return as soon as the program runs (default)"},
@@ -42,6 +51,8 @@ constexpr Option kRunOptions[] = {
     {'t', "tty", nullptr, "allocate a terminal for the program"},
     {0, "keep", nullptr, "do not delete the container when its program has ended"},
     {'b', "bundle", "BUNDLE", "run this bundle instead of an image", Word::kDirectory},
+    kNetwork,
+    kPublish,
     kOs,
     kArch,
     kImageMounts,

@@ -1,6 +1,7 @@
 #include "container.hpp"
 
 #include "cli/images/image_bundle.hpp"
+#include "cli/images/image_user.hpp"
 #include "cli/images/sticky.hpp"
 #include "config_check.hpp"
 #include "front/container_id.hpp"
@@ -10,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -113,19 +115,36 @@ std::string bundle_problem(const std::string& bundle)
     return text ? ambiguity(*text) : "";
 }
 
+int create_failure(const std::string& id, const Network& network)
+{
+    const int status = daemon_failure(errno, id);
+    if (network.kind == NetworkKind::kHost && status == kExitFailure)
+        print_hint("'--network host' needs a daemon that was started with --allow-privileged; the "
+                   "daemon's log says what it refuses");
+    return status;
+}
+
 } // namespace
 
-int create_container(const std::string& id, const std::string& bundle)
+int create_container(const std::string& id, NewBundle& bundle, const Network& network)
 {
-    if (const std::string problem = bundle_problem(bundle); !problem.empty())
-        return failure(bundle + "/config.json", problem);
-    if (call_library([&] { return zncCreate(id.c_str(), bundle.c_str(), 0, nullptr); }) != OK)
-        return daemon_failure(errno, id);
-    remove_record(id); // left by an earlier container with this id
-    if (restore_sticky(id, bundle))
-        return kExitOk;
-    const int status = local_failure(errno, id);
-    static_cast<void>(delete_container(id, true));
+    const std::string& path = bundle.path;
+    if (const std::string problem = bundle_problem(path); !problem.empty())
+        return failure(path + "/config.json", problem);
+    if (call_library([&] { return zncCreate(id.c_str(), path.c_str(), 0, nullptr); }) != OK) {
+        const int status = create_failure(id, network);
+        if (bundle.lock) // it was made for this container
+            zncImageBundleDelete(path.c_str());
+        return status;
+    }
+    bundle.lock.reset();
+    bundle.in_use.reset(); // from now on the container itself keeps it from being collected
+    remove_record(id);     // left by an earlier container with this id
+    const int status = restore_sticky(id, path) && open_root_to_users(id, path)
+                           ? connect_network(id, network)
+                           : local_failure(errno, id);
+    if (status != kExitOk)
+        static_cast<void>(delete_container(id, true));
     return status;
 }
 
@@ -135,8 +154,12 @@ STATUS delete_container(const std::string& id, bool force)
     const std::string private_bundle = own_bundle(id);
     const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
+    const NetworkEnd network(id);
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
+    // The network ends with the container. When delete returns, its ports must be free.
+    if (!network.wait())
+        print_warning(fmt::format("{}: the container's network has not ended", printable(id)));
     remove_record(id);
     if (!private_bundle.empty() && text_of(state, "bundle") == private_bundle)
         zncImageBundleDelete(private_bundle.c_str());

@@ -14,6 +14,9 @@
 
 namespace zncctl {
 
+struct Network;
+struct NewBundle;
+
 // The state document; empty with errno as zncState sets it.
 std::optional<Json> state_of(const std::string& id);
 
@@ -32,9 +35,10 @@ std::optional<Json> all_states();
 // The ids of all containers in this state; nullopt with errno set if the daemon sends no list.
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
 
-// Creates a container from a bundle. Returns kExitOk, or another exit status after printing a
-// message.
-int create_container(const std::string& id, const std::string& bundle);
+// Creates a container from a bundle and connects its network. Returns kExitOk, or another exit
+// status after printing a message; then neither the container nor a bundle made for it remains.
+// Releases what keeps other processes from the bundle.
+int create_container(const std::string& id, NewBundle& bundle, const Network& network);
 
 // Deletes a container, zncctl's record of it, and its bundle if that was made for this container
 // alone. OK, or ERROR with errno set.

@@ -1,6 +1,7 @@
 #include "foreground.hpp"
 
 #include "front/output.hpp"
+#include "network.hpp"
 #include "session.hpp"
 
 #include <csignal>
@@ -41,6 +42,7 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tt
     program_record.exit_code = session.wait();
     program_record.exited = time_text(std::time(nullptr));
     record.write(program_record);
+    end_network_of_stopped(id);
     return session.finish(id, *program_record.exit_code);
 }
 

@@ -4,6 +4,7 @@
 #include "front/output.hpp"
 #include "front/words.hpp"
 #include "log_file.hpp"
+#include "network.hpp"
 #include "program.hpp"
 
 #include <algorithm>
@@ -65,6 +66,7 @@ class Monitor {
                 program_record_.exit_code = status;
                 program_record_.exited = time_text(std::time(nullptr));
                 record.write(program_record_);
+                end_network_of_stopped(id_);
                 continue;
             }
             std::array<pollfd, 1> wanted = {pollfd{output_.get(), POLLIN, 0}};

@@ -1,5 +1,6 @@
 #include "storage_use.hpp"
 
+#include "cli/images/container_bundle.hpp"
 #include "cli/images/image_bundle.hpp"
 #include "container.hpp"
 
@@ -139,9 +140,13 @@ std::optional<std::vector<std::string>> used_by_containers()
     auto used = bundles_of_containers();
     if (!used)
         return std::nullopt;
-    for (std::size_t i = 0, count = used->size(); i < count; i++)
+    for (std::size_t i = 0, count = used->size(); i < count; i++) {
+        // A bundle made for one container has the root of another bundle.
+        if (std::string source = source_of_bundle((*used)[i]); !source.empty())
+            used->push_back(std::move(source));
         if (const std::string root = root_of_bundle((*used)[i]); !root.empty())
             used->push_back(root);
+    }
     for (const auto& [path, device] : mounted_devices())
         if (device.writable) // the bundle of its container may have been deleted
             used->insert(used->end(), device.lower.begin(), device.lower.end());

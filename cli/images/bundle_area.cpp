@@ -14,7 +14,7 @@ namespace zncctl {
 namespace {
 
 // A file in the bundle's directory, outside the image's root.
-constexpr const char* kCompleteMark = "/.complete";
+constexpr const char* kCompleteMark = "/.complete-2";
 constexpr const char* kInUse = "/.in-use";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 

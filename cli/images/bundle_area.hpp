@@ -44,7 +44,8 @@ class BundleLock {
 };
 
 // Whether `run` created this bundle completely. Other bundles are created again: they were left by
-// an unpack that was killed, or by an older version that did not filter the image's settings.
+// an unpack that was killed, or by an older version that did not filter the image's settings or
+// look up its user.
 bool is_complete(const std::string& bundle);
 
 // Marks a bundle as complete; false with errno set.

@@ -1,12 +1,15 @@
 #include "image_bundle.hpp"
 
 #include "bundle_area.hpp"
+#include "cli/containers/container.hpp"
+#include "container_bundle.hpp"
 #include "front/blob.hpp"
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
 #include "front/progress.hpp"
 #include "image_settings.hpp"
+#include "image_user.hpp"
 #include "private_layout.hpp"
 #include "sticky.hpp"
 #include "zarnel/path_trust.h"
@@ -141,7 +144,8 @@ void print_notes(const Wanted& wanted, const Chosen& chosen)
 class Unpacking {
   public:
     Unpacking(const Wanted& wanted, const Chosen& chosen)
-        : wanted_(wanted), layers_(wanted.image.layout, chosen.image),
+        : wanted_(wanted), user_(text_of(member(chosen.settled.document, "config"), "User")),
+          layers_(wanted.image.layout, chosen.image),
           layout_(bundle_area(), chosen.image, layers_, chosen.settled.document)
     {
     }
@@ -188,6 +192,20 @@ class Unpacking {
         return status;
     }
 
+    // Completes the configuration of a bundle that was unpacked. If that fails, prints a message
+    // and removes what was unpacked, from which the program would be started as another user.
+    [[nodiscard]] int set_user(const std::string& bundle, bool existed) const
+    {
+        std::string problem;
+        if (set_image_user(bundle, user_, problem))
+            return kExitOk;
+        for (const char* name : {"/config.json", "/.zn-layers", "/rootfs"})
+            static_cast<void>(remove_bundle(bundle + name));
+        if (!existed)
+            static_cast<void>(remove_bundle(bundle));
+        return failure(wanted_.image.layout, problem);
+    }
+
   private:
     // Without overlayfs the root is inside the bundle and not used by a container yet: the sticky
     // bits can be set at once.
@@ -198,6 +216,7 @@ class Unpacking {
     }
 
     const Wanted& wanted_;
+    std::string user_;
     LayerFiles layers_;
     PrivateLayout layout_;
 };
@@ -246,7 +265,10 @@ int unpack_image(const Arguments& args, const Wanted& wanted, const std::string&
         return kExitFailure;
     print_notes(wanted, *chosen);
     try {
-        return Unpacking(wanted, *chosen).unpack_or_report(bundle, option, progress);
+        const Unpacking unpacking(wanted, *chosen);
+        const bool existed = ::access(bundle.c_str(), F_OK) == 0;
+        const int status = unpacking.unpack_or_report(bundle, option, progress);
+        return status == kExitOk ? unpacking.set_user(bundle, existed) : status;
     } catch (const std::runtime_error& error) {
         return failure(wanted.image.layout, error.what());
     }
@@ -289,49 +311,143 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
             shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_report(bundle, option, progress) == kExitOk;
     }
-    if (!done || mark_complete(bundle))
-        return done;
+    if (!done || unpacking.set_user(bundle, false) != kExitOk)
+        return false;
+    if (mark_complete(bundle))
+        return true;
     static_cast<void>(failure(wanted.image.layout, fmt::format("{}: {}", bundle, error_text())));
     return false;
 }
 
 } // namespace
 
-std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id,
-                                           std::optional<BundlesInUse>& in_use)
+namespace {
+
+// Locks the name of the bundle for this container. The bundle of a container that exists must not
+// be replaced. Nullopt after printing a message.
+std::optional<std::string> lock_own(const std::string& id, NewBundle& bundle)
+{
+    const std::string area = bundle_area();
+    if (!bundle.in_use)
+        bundle.in_use.emplace(area);
+    const std::string name = private_name(id);
+    bundle.lock.emplace(area, name);
+    const bool exists = status_of(id) != STATE_UNKNOWN;
+    if (!exists && (errno == ENODEV || errno == S_zncLib_DAEMON_NOT_RUNNING))
+        return fmt::format("{}/{}", area, name);
+    static_cast<void>(daemon_failure(exists ? S_zncLib_CONTAINER_EXISTS : errno, id));
+    return std::nullopt;
+}
+
+// The bundle that all containers of the image share, unpacked if necessary; "" after printing a
+// message.
+std::string shared_bundle(const Arguments& args, const Wanted& wanted, const Chosen& chosen)
+{
+    const std::string area = bundle_area();
+    const std::string name = shared_name(args, chosen.image);
+    const std::string bundle = fmt::format("{}/{}", area, name);
+    if (is_complete(bundle))
+        return bundle;
+    // Open all files of the image's layout before taking the lock, so that other processes need not
+    // wait for that.
+    const Unpacking unpacking(wanted, chosen);
+    const BundleLock lock(area, name);
+    return is_complete(bundle) || unpack_bundle(args, wanted, unpacking, bundle, true) ? bundle
+                                                                                       : "";
+}
+
+// Makes the configuration of a container's own bundle. Leaves no incomplete bundle.
+void finish_own(const std::string& own, const std::string& source, const std::string& id,
+                const Network& network, Naming naming)
+{
+    try {
+        make_container_bundle(own, source, id, network, naming);
+        if (!is_complete(own) && !mark_complete(own))
+            throw_error(own);
+    } catch (const std::runtime_error&) {
+        static_cast<void>(remove_bundle(own));
+        throw;
+    }
+}
+
+// The bundle of an image for a container; "" after printing a message.
+std::string own_bundle_of_image(const Arguments& args, const Wanted& wanted, const Chosen& chosen,
+                                const std::string& id, const Network& network, NewBundle& bundle)
+{
+    bundle.in_use.emplace(bundle_area());
+    if (zncOvlFsAvailable() == FALSE) {
+        const Unpacking unpacking(wanted, chosen);
+        const auto own = lock_own(id, bundle);
+        if (!own || !unpack_bundle(args, wanted, unpacking, *own, false))
+            return "";
+        finish_own(*own, *own, id, network, Naming::kById);
+        return *own;
+    }
+    const std::string source = shared_bundle(args, wanted, chosen);
+    const auto own = source.empty() ? std::nullopt : lock_own(id, bundle);
+    if (!own)
+        return "";
+    if (!remove_bundle(*own))
+        throw_error(*own);
+    finish_own(*own, source, id, network, Naming::kById);
+    return *own;
+}
+
+} // namespace
+
+bool bundle_of_image(const Arguments& args, const Wanted& wanted, const std::string& id,
+                     const Network& network, NewBundle& bundle)
 {
     if (!Progress(args.value("progress", "auto")).known()) {
         usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
-        return std::nullopt;
+        return false;
     }
     if (!is_container_id(id)) {
         static_cast<void>(local_failure(EINVAL, id));
-        return std::nullopt;
+        return false;
     }
     const auto chosen = choose_image(args, wanted);
     if (!chosen)
-        return std::nullopt;
+        return false;
     print_notes(wanted, *chosen);
-    const bool shared = zncOvlFsAvailable() != FALSE;
     try {
-        const std::string area = bundle_area();
-        in_use.emplace(area);
-        const std::string name = shared ? shared_name(args, chosen->image) : private_name(id);
-        std::string bundle = fmt::format("{}/{}", area, name);
-        if (shared && is_complete(bundle))
-            return bundle;
-        // Open all files of the image's layout before taking the lock, so that other processes need
-        // not wait for that.
-        const Unpacking unpacking(wanted, *chosen);
-        const BundleLock lock(area, name);
-        if ((shared && is_complete(bundle)) ||
-            unpack_bundle(args, wanted, unpacking, bundle, shared))
-            return bundle;
+        bundle.path = own_bundle_of_image(args, wanted, *chosen, id, network, bundle);
     } catch (const std::runtime_error& error) {
         static_cast<void>(failure(wanted.image.layout, error.what()));
     }
-    return std::nullopt;
+    return !bundle.path.empty();
+}
+
+bool bundle_of_bundle(const std::string& source, const std::string& id, const Network& network,
+                      NewBundle& bundle)
+{
+    bundle.path = source;
+    if (network.kind == NetworkKind::kConfigured)
+        return true;
+    // Without overlayfs a bundle is for one container only. The daemon checks that by its path.
+    if (zncOvlFsAvailable() == FALSE) {
+        static_cast<void>(failure(source, "without overlayfs, the bundle's configuration decides "
+                                          "about its network: --network cannot be used"));
+        return false;
+    }
+    const znc::MallocPtr<char> path(::realpath(source.c_str(), nullptr));
+    if (path == nullptr || !is_container_id(id)) {
+        static_cast<void>(local_failure(path == nullptr ? errno : EINVAL, source));
+        return false;
+    }
+    try {
+        const auto own = lock_own(id, bundle);
+        if (!own)
+            return false;
+        if (!remove_bundle(*own))
+            throw_error(*own);
+        finish_own(*own, path.get(), id, network, Naming::kConfigured);
+        bundle.path = *own;
+        return true;
+    } catch (const std::runtime_error& error) {
+        static_cast<void>(failure("", error.what()));
+        return false;
+    }
 }
 
 std::string own_bundle(const std::string& id)

@@ -4,6 +4,7 @@
 #define ZNC_CLI_IMAGES_IMAGE_BUNDLE_HPP
 
 #include "bundle_area.hpp"
+#include "cli/containers/network.hpp"
 #include "front/command.hpp"
 #include "front/layout.hpp"
 
@@ -24,12 +25,22 @@ struct Wanted {
 // Combines an image name with the options --os and --arch of a command.
 Wanted wanted_image(const Arguments& args, ImageName image);
 
-// Returns the bundle of an image for a container, and creates it if necessary. With overlayfs all
-// containers of an image share a bundle, without it each container has its own. `in_use` keeps the
-// bundle from being collected until the container exists. Nullopt after printing a message.
-std::optional<std::string> bundle_of_image(const Arguments& args, const Wanted& wanted,
-                                           const std::string& id,
-                                           std::optional<BundlesInUse>& in_use);
+// A bundle for one container, until that exists: no other process makes or collects it.
+struct NewBundle {
+    std::optional<BundlesInUse> in_use;
+    std::optional<BundleLock> lock;
+    std::string path;
+};
+
+// Makes the bundle of an image for a container, and unpacks the image if necessary. With overlayfs
+// all containers of an image share a root, without it each container has its own. False after
+// printing a message, also if there is such a container already.
+bool bundle_of_image(const Arguments& args, const Wanted& wanted, const std::string& id,
+                     const Network& network, NewBundle& bundle);
+
+// The same for a bundle of the user, whose configuration does not change.
+bool bundle_of_bundle(const std::string& source, const std::string& id, const Network& network,
+                      NewBundle& bundle);
 
 // Unpacks an image, with progress reports as given by --progress. Returns kExitOk, or another exit
 // status after printing a message and hints.

@@ -131,7 +131,9 @@ static void forget_the_caller(void)
         "TMPDIR",   "COLUMNS",     "LINES",         "LC_ALL",         NULL};
     for (int i = 0; variables[i] != NULL; i++)
         unsetenv(variables[i]);
-    if (setenv("LANG", "C.UTF-8", 1) != 0 || close_range(3, ~0U, 0) != 0)
+    /* There is no network that containers could be connected with. */
+    if (setenv("LANG", "C.UTF-8", 1) != 0 || setenv("ZNCCTL_NETWORK", "none", 1) != 0 ||
+        close_range(3, ~0U, 0) != 0)
         die("forget", "the caller");
     umask(022);
     sigset_t none;

@@ -16,9 +16,11 @@ usage_error 'an unknown command is a usage error' 'COMMAND [ARGUMENTS] | --help 
 run zncctl image frobnicate
 usage_error 'an unknown image command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
 run zncctl create
-usage_error 'create without an id shows its usage line' 'create [-b|--bundle BUNDLE] ID [BUNDLE]'
+usage_error 'create without an id shows its usage line' \
+    'create [-b|--bundle BUNDLE] [--network KIND] [-p|--publish [IP:]HOSTPORT:PORT[/udp]] ID [BUNDLE]'
 run zncctl create -b /x web /y
-usage_error 'create with two bundles is a usage error' 'create [-b|--bundle BUNDLE] ID [BUNDLE]'
+usage_error 'create with two bundles is a usage error' \
+    'create [-b|--bundle BUNDLE] [--network KIND] [-p|--publish [IP:]HOSTPORT:PORT[/udp]] ID [BUNDLE]'
 run zncctl start -x web
 usage_error 'an unknown option is a usage error' \
     'start [-a|--attach] [-d|--detach] [--log-max BYTES] ID...'

@@ -252,7 +252,7 @@ rm "$ZNC_BASE/bundles"
 mv "$work/bundles" "$ZNC_BASE/bundles"
 
 # ---------------------------------------------------------------- incomplete bundles
-rm "$good/.complete"
+rm "$good/.complete-2"
 jq '.mounts=[{"source":"/","destination":"/host","options":["bind"]}]' "$work/good-config" >"$good/config.json"
 run zncctl run --os linux --progress none "$work/good"
 check 'an unfinished bundle is made again' test "$status/$out/$(jq -c .mounts \

@@ -27,7 +27,8 @@ mkdir -p "$root/ram0" "$root/debs"
 mount -t tmpfs ram "$root/ram0"
 mount --bind "$ZNC_BUILD_DIR/debs" "$root/debs"
 
-enter=(env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive chroot "$root")
+enter=(env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive ZNCCTL_NETWORK=none
+    chroot "$root")
 inside() { "${enter[@]}" "$@"; }
 apt() { inside apt-get -qy --no-install-recommends "$@"; }
 install_package() { apt install /debs/"$1"_"$(field "$1" Version)"_"$(field "$1" Architecture)".deb; }

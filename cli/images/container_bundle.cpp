@@ -1,0 +1,164 @@
+#include "container_bundle.hpp"
+
+#include "cli/containers/config_check.hpp"
+#include "cli/containers/network_files.hpp"
+#include "front/container_id.hpp"
+#include "front/files.hpp"
+
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace zncctl {
+namespace {
+
+constexpr const char* kConfig = "config.json";
+constexpr const char* kSource = ".source"; // holds the path of the other bundle
+constexpr const char* kLayers = ".zn-layers";
+constexpr const char* kHosts = "hosts";
+constexpr const char* kHostName = "hostname";
+constexpr const char* kResolver = "resolv.conf";
+constexpr const char* kHostResolver = "/etc/resolv.conf";
+constexpr std::array kNamespaces = {"pid", "network", "mount", "ipc", "uts", "cgroup"};
+
+// The member, which is appended if there is none or it has another type.
+Json& member_of_type(Json& object, const char* key, Json value)
+{
+    for (auto& item : object.items())
+        if (item.key() == key) {
+            if (item.value().type() != value.type())
+                item.value() = std::move(value);
+            return item.value();
+        }
+    return append(object, key, std::move(value));
+}
+
+// A configuration without a list of namespaces means all that containers have by default.
+void set_namespaces(Json& config, bool host)
+{
+    const Json* linux_part = member(config, "linux");
+    const Json* listed = linux_part != nullptr ? member(*linux_part, "namespaces") : nullptr;
+    if (listed == nullptr && !host)
+        return;
+    Json list = Json::array();
+    if (listed == nullptr)
+        for (const char* type : kNamespaces)
+            list.push_back({{"type", type}});
+    Json result = Json::array();
+    for (const Json& entry : listed != nullptr ? children(listed) : list)
+        if (text_of(entry, "type") != "network")
+            result.push_back(entry);
+    if (!host)
+        result.push_back({{"type", "network"}});
+    member_of_type(member_of_type(config, "linux", Json::object()), "namespaces", Json::array()) =
+        std::move(result);
+}
+
+Json file_mount(const std::string& files, const char* name)
+{
+    return {{"destination", std::string("/etc/") + name},
+            {"type", "bind"},
+            {"source", files + "/" + name},
+            {"options", {"bind", "nosuid", "nodev", "noexec"}}};
+}
+
+void write_new(int dir, const char* name, std::string_view text)
+{
+    // The program in the container may have any user.
+    if (!replace_file(dir, name, text) || ::fchmodat(dir, name, 0644, 0) != 0)
+        throw_error(name);
+}
+
+Json read_config(const std::string& bundle)
+{
+    const std::string path = bundle + "/" + kConfig;
+    const auto text = read_file(path);
+    if (!text)
+        throw std::runtime_error(fmt::format("{}: {}", path, read_error_text()));
+    JsonNotes notes;
+    auto config = parse_config(*text, &notes);
+    if (!config || !config->is_object())
+        throw std::runtime_error(fmt::format(
+            "{}: {}", path, notes.problem.empty() ? "it is not an object" : notes.problem));
+    return *std::move(config);
+}
+
+// The root, seen from another directory.
+void make_root_absolute(Json& config, const std::string& bundle)
+{
+    for (auto& item : config.items()) {
+        const std::string path = item.key() == "root" ? text_of(item.value(), "path") : "";
+        if (!path.empty() && !path.starts_with('/'))
+            item.value()["path"] = fmt::format("{}/{}", bundle, path);
+    }
+}
+
+void copy_layers(int dir, const std::string& source)
+{
+    const auto layers = read_file(source + "/" + kLayers);
+    if (!layers && errno != ENOENT)
+        throw_error(source + "/" + kLayers);
+    if (layers && !replace_file(dir, kLayers, *layers))
+        throw_error(kLayers);
+}
+
+void write_files(int dir, const std::string& name, const Network& network)
+{
+    write_new(dir, kHosts, hosts_text(name));
+    write_new(dir, kHostName, name + "\n");
+    if (network.kind == NetworkKind::kNone)
+        return;
+    const std::string host = read_file(kHostResolver).value_or("");
+    write_new(dir, kResolver, network.kind == NetworkKind::kPasta ? resolver_text(host) : host);
+}
+
+} // namespace
+
+void add_network(Json& config, const Network& network, const std::string& files)
+{
+    set_namespaces(config, network.kind == NetworkKind::kHost);
+    Json mounts = Json::array();
+    mounts.push_back(file_mount(files, kHosts));
+    mounts.push_back(file_mount(files, kHostName));
+    if (network.kind != NetworkKind::kNone)
+        mounts.push_back(file_mount(files, kResolver));
+    Json& all = member_of_type(config, "mounts", Json::array());
+    all.insert(all.begin(), mounts.begin(), mounts.end());
+}
+
+void make_container_bundle(const std::string& bundle, const std::string& source,
+                           const std::string& id, const Network& network, Naming naming)
+{
+    Json config = read_config(source);
+    const bool copied = bundle != source;
+    if (copied && ::mkdir(bundle.c_str(), 0700) != 0)
+        throw_error(bundle);
+    const znc::UniqueFd dir(
+        ::open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir)
+        throw_error(bundle);
+    if (copied) {
+        make_root_absolute(config, source);
+        copy_layers(dir.get(), source);
+        if (!replace_file(dir.get(), kSource, source))
+            throw_error(bundle);
+    }
+    std::string& name = member_of_type(config, "hostname", "").get_ref<std::string&>();
+    if (naming == Naming::kById || name.empty())
+        name = host_name_of(id);
+    write_files(dir.get(), name, network);
+    add_network(config, network, bundle);
+    if (!replace_file(dir.get(), kConfig, pretty(config), true))
+        throw_error(bundle + "/" + kConfig);
+}
+
+std::string source_of_bundle(const std::string& bundle)
+{
+    return read_file(bundle + "/" + kSource).value_or("");
+}
+
+} // namespace zncctl

@@ -1,0 +1,25 @@
+// image_user.hpp - the user that an image's program runs as. The library copies the image's "User"
+// into the bundle's config.json for the use of Zarnel, with numbers only. Here it is looked up in
+// the image's own passwd and group files and written as "process.user", which the daemon follows.
+// Used by image_bundle.
+#ifndef ZNC_CLI_IMAGES_IMAGE_USER_HPP
+#define ZNC_CLI_IMAGES_IMAGE_USER_HPP
+
+#include <string>
+
+namespace zncctl {
+
+// Writes the user, and HOME unless the image sets it, into the config.json of a bundle that was
+// just unpacked, and syncs it. False with a message in `problem` if there is no such user or the
+// file cannot be written.
+bool set_image_user(const std::string& bundle, const std::string& user, std::string& problem);
+
+// Lets all users of a container just created enter its root. Directories of the layer store are
+// closed to other users of the host, and the root of a container with overlayfs has the mode of
+// such a directory. Changes only the container's own root, if the root of its bundle is from the
+// store; /overlay is closed to other users of the host as well. False with errno set.
+bool open_root_to_users(const std::string& id, const std::string& bundle);
+
+} // namespace zncctl
+
+#endif
