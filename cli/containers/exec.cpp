@@ -27,7 +27,8 @@ std::string absolute(const ExecProgram& wanted, const std::string& path)
 {
     if (path.starts_with('/'))
         return path;
-    return wanted.directory + (wanted.directory.ends_with('/') ? "" : "/") + path;
+    return fmt::format("{}{}{}", wanted.directory, wanted.directory.ends_with('/') ? "" : "/",
+                       path);
 }
 
 // The paths that a command may stand for.
@@ -41,8 +42,9 @@ std::vector<std::string> candidates(const ExecProgram& wanted)
     std::string_view directories = search;
     while (!directories.empty()) {
         const std::size_t end = std::min(directories.find(':'), directories.size());
-        const std::string directory(directories.substr(0, end));
-        paths.push_back(absolute(wanted, directory.empty() ? command : directory + "/" + command));
+        if (end != 0) // an empty entry is the working directory
+            paths.push_back(
+                absolute(wanted, fmt::format("{}/{}", directories.substr(0, end), command)));
         directories.remove_prefix(std::min(end + 1, directories.size()));
     }
     return paths;
