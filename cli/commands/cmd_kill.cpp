@@ -1,9 +1,16 @@
 #include "cli/containers/container.hpp"
+#include "cli/containers/pause.hpp"
 #include "cli/containers/signal_number.hpp"
 #include "commands.hpp"
 #include "front/words.hpp"
 
 #include <fmt/format.h>
+
+namespace {
+
+constexpr int kSignalKill = 9;
+
+} // namespace
 
 int zncctl::signal_number(const char* text)
 {
@@ -27,6 +34,10 @@ int zncctl::cmd_kill(const Arguments& args)
     return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
         if (call_library([&] { return zncKill(id.c_str(), signo, option); }) != OK)
             return daemon_failure(errno, id);
+        // Other signals wait until the container is resumed. KILL comes first: no process of a
+        // paused container runs on before it ends.
+        if (signo == kSignalKill && resume_if_paused(id) != OK)
+            return local_failure(errno, id);
         return static_cast<int>(kExitOk);
     });
 }

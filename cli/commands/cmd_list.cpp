@@ -1,5 +1,7 @@
 #include "cli/containers/container.hpp"
+#include "cli/containers/pause.hpp"
 #include "commands.hpp"
+#include "front/container_id.hpp"
 #include "front/escape.hpp"
 #include "front/record.hpp"
 
@@ -13,8 +15,13 @@ struct Row {
     Json state; // the library's document
     std::string id;
     int status;
+    bool paused = false;
     std::optional<Record> record;
 
+    [[nodiscard]] const char* status_name() const
+    {
+        return paused ? kPausedText : zncUtilStateIdToString(status);
+    }
     [[nodiscard]] std::string exit_code() const
     {
         return record && record->exit_code ? std::to_string(*record->exit_code) : "-";
@@ -35,7 +42,7 @@ int status_now(const std::string& id, const Json& state)
 bool wanted(const Arguments& args, const Row& row)
 {
     const char* status = args.value("status");
-    if (status != nullptr && std::string_view(status) != zncUtilStateIdToString(row.status))
+    if (status != nullptr && std::string_view(status) != row.status_name())
         return false;
     const char* bundle = args.value("bundle");
     std::error_code error;
@@ -46,14 +53,16 @@ bool wanted(const Arguments& args, const Row& row)
 std::vector<Row> rows_of(const Arguments& args, Json states)
 {
     std::vector<Row> rows;
+    const std::set<std::string> paused = paused_ids();
     for (Json& state : states) {
-        Row row = {std::move(state), "", STATE_UNKNOWN, std::nullopt};
+        Row row = {std::move(state), "", STATE_UNKNOWN, false, std::nullopt};
         row.id = text_of(row.state, "id");
         row.status = status_now(row.id, row.state);
         if (member(row.state, "status") != nullptr)
             row.state["status"] = row.status;
         if (row.status == STATE_RUNNING || row.status == STATE_STOPPED)
             row.record = read_record(row.id);
+        row.paused = row.status == STATE_RUNNING && paused.contains(kept_id(row.id));
         if (wanted(args, row))
             rows.push_back(std::move(row));
     }
@@ -73,6 +82,8 @@ int print_as_json(std::vector<Row>& rows)
 {
     Json list = Json::array();
     for (Row& row : rows) {
+        if (row.paused)
+            row.state["paused"] = true;
         if (row.record && !row.record->started.empty())
             row.state["started"] = row.record->started;
         if (row.record && row.record->exit_code) {
@@ -88,8 +99,7 @@ int print_table(const std::vector<Row>& rows, bool whole)
 {
     std::vector<std::vector<std::string>> lines = {{"ID", "STATUS", "EXIT", "BUNDLE"}};
     for (const Row& row : rows)
-        lines.push_back({row.id, zncUtilStateIdToString(row.status), row.exit_code(),
-                         text_of(row.state, "bundle")});
+        lines.push_back({row.id, row.status_name(), row.exit_code(), text_of(row.state, "bundle")});
     return print_result(table(lines, whole));
 }
 
@@ -98,7 +108,7 @@ bool known_status(const char* status)
     for (const int number : {STATE_CREATED, STATE_RUNNING, STATE_STOPPED})
         if (std::string_view(status) == zncUtilStateIdToString(number))
             return true;
-    return false;
+    return std::string_view(status) == kPausedText;
 }
 
 } // namespace
@@ -109,7 +119,7 @@ int cmd_list(const Arguments& args)
     if (!read_format(args, as_json))
         return kExitFailure;
     if (args.has("status") && !known_status(args.value("status")))
-        return usage_failure("--status is \"created\", \"running\" or \"stopped\"");
+        return usage_failure("--status is \"created\", \"running\", \"paused\" or \"stopped\"");
     std::optional<Json> states = all_states();
     if (!states)
         return daemon_failure(errno, "");

@@ -2,6 +2,7 @@
 // the container.
 #include "cli/containers/container.hpp"
 #include "cli/containers/network.hpp"
+#include "cli/containers/pause.hpp"
 #include "commands.hpp"
 #include "front/words.hpp"
 
@@ -34,7 +35,11 @@ CONTAINER_STATUS wait_while_running(const std::string& id, std::chrono::millisec
 bool send(const std::string& id, int signo, unsigned option)
 {
     // ESRCH: the program has ended, but other processes of the container may still run.
-    return call_library([&] { return zncKill(id.c_str(), signo, option); }) == OK || errno == ESRCH;
+    const STATUS sent = call_library([&] { return zncKill(id.c_str(), signo, option); });
+    if (sent != OK && errno != ESRCH)
+        return false;
+    // A paused container gets the signal when it is resumed, before its processes do anything else.
+    return resume_if_paused(id) == OK;
 }
 
 int stop(const std::string& id, std::chrono::milliseconds time)

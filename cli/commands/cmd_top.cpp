@@ -1,8 +1,9 @@
-// Lists the processes in the PID namespace of a container's program.
+// Lists the processes in the PID namespace of a container, whatever started them.
 #include "cli/containers/container.hpp"
+#include "cli/containers/pause.hpp"
 #include "commands.hpp"
-#include "front/record.hpp"
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -42,6 +43,17 @@ std::string json(const std::vector<Process>& processes)
     return compact(list);
 }
 
+// The PID namespace of a container; "" with errno set.
+std::string pid_namespace(const std::string& id)
+{
+    std::array<char, 64> name{};
+    const nsid_t ns = namespace_of(id);
+    const pid_t holder = ns >= 0 ? znnsHolder(ns) : -1;
+    if (holder < 0 || znProcessNamespace(holder, name.data(), name.size()) != OK)
+        return "";
+    return name.data();
+}
+
 } // namespace
 
 int cmd_top(const Arguments& args)
@@ -55,10 +67,12 @@ int cmd_top(const Arguments& args)
         return daemon_failure(errno, id);
     if (status != STATE_RUNNING)
         return failure(id, "it is not running", kExitWrongState);
-    const auto record = read_record(id);
-    if (!record || record->pid_namespace.empty())
-        return failure(id, "it was not started by zncctl", kExitWrongState);
-    const std::vector<Process> processes = processes_in(record->pid_namespace);
+    const std::string pid_namespace_name = pid_namespace(id);
+    if (pid_namespace_name.empty() && errno != ESRCH && errno != ENOENT)
+        return local_failure(errno, id);
+    if (pid_namespace_name.empty())
+        return failure(id, "it has ended", kExitWrongState);
+    const std::vector<Process> processes = processes_in(pid_namespace_name);
     if (as_json)
         return print_json(json(processes));
     std::vector<std::vector<std::string>> rows = {{"PID", "INNER", "PARENT", "S", "KB", "COMMAND"}};

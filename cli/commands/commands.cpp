@@ -59,6 +59,16 @@ constexpr Option kRunOptions[] = {
     kProgress,
     kLogMax,
 };
+constexpr Option kExecOptions[] = {
+    {'i', "interactive", nullptr, "pass standard input on to the program"},
+    {'t', "tty", nullptr, "allocate a terminal for the program"},
+    {'e', "env", "NAME[=VALUE]",
+     "set an environment variable, by default to zncctl's own value; may be repeated"},
+    {'w', "workdir", "DIR", "working directory in the container (default: as configured)"},
+    {'u', "user", "USER[:GROUP]",
+     "names or numbers of user and group (default: the container's own)"},
+    {'d', "detach", nullptr, "return as soon as the program runs, and print nothing"},
+};
 constexpr Option kLogsOptions[] = {
     {'f', "follow", nullptr, "follow the log until the program has ended"},
     {'n', "tail", "N", "print only the last N lines"},
@@ -73,6 +83,21 @@ constexpr Option kStopOptions[] = {
     {'t', "time", "SECONDS", "how long to wait before sending KILL (default: 10)"},
     kQuiet,
 };
+constexpr Option kPauseOptions[] = {kQuiet};
+constexpr Option kUpdateOptions[] = {
+    {'m', "memory", "SIZE", "memory in bytes, or with the suffix k, m or g; -1: no limit"},
+    {0, "memory-swap", "SIZE", "memory and swap together; -1: no limit"},
+    {0, "cpus", "N", "number of processors, for example 1.5"},
+    {0, "cpu-shares", "N", "weight when processors are scarce (2 to 262144, default: 1024)"},
+    {0, "cpuset-cpus", "LIST", "processors to run on, for example 0-2,4"},
+    {0, "pids-limit", "N", "number of processes; -1: no limit"},
+    kQuiet,
+};
+constexpr Option kStatsOptions[] = {
+    {'a', "all", nullptr, "show containers that are not running, too"},
+    {0, "no-stream", nullptr, "print one sample instead of one each second"},
+    kFormat,
+};
 constexpr Option kDeleteOptions[] = {
     {'f', "force", nullptr, "delete a running container too: kill its processes"},
     {0, "all-stopped", nullptr, "delete every stopped container"},
@@ -82,7 +107,7 @@ constexpr Option kListOptions[] = {
     {'q', "quiet", nullptr, "print only the ids"},
     kFormat,
     {0, "status", "STATUS", "list only containers with this status", Word::kChoice,
-     "created running stopped"},
+     "created running paused stopped"},
     {0, "bundle", "BUNDLE", "list only containers made from this bundle", Word::kDirectory},
     {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
 };
@@ -121,6 +146,9 @@ constexpr Command kCommands[] = {
     {"run", "", "[LAYOUT[:TAG]] [ID]",
      "create and start a container, and delete it when it has ended", kRunOptions, 0, 2, kDir, "",
      cmd_run},
+    {"exec", "", "ID COMMAND [ARG...]",
+     "start another program in a running container and exit with its status", kExecOptions, 2,
+     kMany, kId, "", cmd_exec, true},
     {"attach", "", "ID", "follow a detached container and exit with its program's status",
      kAttachOptions, 1, 1, kId, "", cmd_attach},
     {"logs", "", "ID", "print the output of a detached container", kLogsOptions, 1, 1, kId, "",
@@ -131,11 +159,19 @@ constexpr Command kCommands[] = {
      kId, "", cmd_kill},
     {"stop", "", "ID...", "stop containers: send TERM, then KILL after a timeout", kStopOptions, 1,
      kMany, kId, "", cmd_stop},
+    {"pause", "", "ID...", "suspend all processes of containers", kPauseOptions, 1, kMany, kId, "",
+     cmd_pause},
+    {"resume", "unpause", "ID...", "let the processes of paused containers continue", kPauseOptions,
+     1, kMany, kId, "", cmd_resume},
+    {"update", "", "ID...", "change the resource limits of containers", kUpdateOptions, 1, kMany,
+     kId, "", cmd_update},
     {"delete", "rm", "[ID...]", "delete containers", kDeleteOptions, 0, kMany, kId, "", cmd_delete},
     {"state", "", "ID", "print the state of a container", {}, 1, 1, kId, "", cmd_state},
     {"list", "ps ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
     {"inspect", "", "ID", "print all details of a container", {}, 1, 1, kId, "", cmd_inspect},
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
+    {"stats", "", "[ID...]", "show what containers use of processor, memory and devices",
+     kStatsOptions, 0, kMany, kId, "", cmd_stats},
     {"unpack", "", "LAYOUT BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kDir, "",
      cmd_unpack},
     import_command(cmd_import),

@@ -7,6 +7,7 @@
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "front/record.hpp"
+#include "pause.hpp"
 
 #include <array>
 #include <cerrno>
@@ -148,6 +149,21 @@ int create_container(const std::string& id, NewBundle& bundle, const Network& ne
     return status;
 }
 
+namespace {
+
+// Kills and then resumes a container that is paused: with some kernels a suspended process ends
+// only when it is resumed, and the daemon does not know that it is suspended.
+STATUS kill_paused(const std::string& id)
+{
+    constexpr int kSignalKill = 9;
+    if (!is_paused(id, STATE_RUNNING))
+        return OK;
+    const auto kill = [&] { return zncKill(id.c_str(), kSignalKill, ZNC_OPT_WHOLE_NAMESPACE); };
+    return call_library(kill) == OK || errno == ESRCH ? resume_if_paused(id) : ERROR;
+}
+
+} // namespace
+
 STATUS delete_container(const std::string& id, bool force)
 {
     // Ask for the state only if the container may have a bundle made for it alone; most have not.
@@ -155,6 +171,8 @@ STATUS delete_container(const std::string& id, bool force)
     const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     const NetworkEnd network(id);
+    if (force && kill_paused(id) != OK)
+        return ERROR;
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     // The network ends with the container. When delete returns, its ports must be free.

@@ -1,6 +1,6 @@
 #include "monitor.hpp"
 
-#include "front/files.hpp"
+#include "detached.hpp"
 #include "front/output.hpp"
 #include "front/words.hpp"
 #include "log_file.hpp"
@@ -9,16 +9,12 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <exception>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zncctl {
@@ -26,41 +22,6 @@ namespace {
 
 constexpr std::size_t kLogMax = 1024 * 1024;
 constexpr std::size_t kLogMaxMin = 1024;
-
-struct Pipe {
-    znc::UniqueFd reader;
-    znc::UniqueFd writer;
-
-    Pipe()
-    {
-        std::array<int, 2> ends = {-1, -1};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
-            return;
-        reader.reset(ends[0]);
-        writer.reset(ends[1]);
-    }
-};
-
-// Detaches from the caller: a new session, and none of its descriptors stays open, in particular no
-// terminal and no pipe that a process reads to its end. `report` becomes descriptor 3.
-void detach_from_caller(znc::UniqueFd& report)
-{
-    constexpr int kReport = 3;
-    ::setsid();
-    if (report.get() != kReport) {
-        ::dup3(report.get(), kReport, O_CLOEXEC);
-        report.reset(kReport);
-    }
-    ::closefrom(kReport + 1);
-    const znc::UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    for (int fd = 0; fd < kReport; fd++)
-        ::dup2(null.get(), fd);
-    if (::chdir("/") != 0)
-        errno = 0; // not fatal: the caller's directory merely stays in use
-    ::umask(077);
-    // The daemon's progress texts must not appear in the program's log.
-    ::setenv("ZNC_VERBOSE", "0", 1); // NOLINT(concurrency-mt-unsafe): there is one thread
-}
 
 class Monitor {
   public:
@@ -73,9 +34,7 @@ class Monitor {
         const int error = record ? start(record) : errno;
         if (error != 0 && record)
             remove_record(id_);
-        static_cast<void>(
-            write_all(report.get(), {reinterpret_cast<const char*>(&error), sizeof error}));
-        report.reset();
+        report_start(std::move(report), error);
         if (error == 0)
             serve(record, signals);
     }
@@ -83,7 +42,7 @@ class Monitor {
   private:
     int start(const RecordKeeper& record)
     {
-        Pipe output;
+        Pipe output = make_pipe();
         // Non-blocking: a process in the container can open the reading end through /proc and take
         // the bytes between poll and read.
         if (!output.reader || ::fcntl(output.reader.get(), F_SETFL, O_NONBLOCK) != 0)
@@ -175,28 +134,7 @@ int start_with_monitor(const std::string& id, std::size_t log_max)
 {
     if (const int error = startable(id); error != 0)
         return error;
-    Pipe report;
-    if (!report.reader)
-        return errno;
-    std::fflush(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0)
-        return errno;
-    if (pid == 0) {
-        report.reader.reset();
-        detach_from_caller(report.writer);
-        try {
-            Monitor(id, log_max).run(std::move(report.writer));
-        } catch (const std::exception&) { // no place left to report it
-            ::_exit(kExitFailure);
-        }
-        ::_exit(kExitOk);
-    }
-    report.writer.reset();
-    int error = -1;
-    while (::read(report.reader.get(), &error, sizeof error) < 0 && errno == EINTR) {
-    }
-    return error;
+    return run_detached([&](znc::UniqueFd report) { Monitor(id, log_max).run(std::move(report)); });
 }
 
 } // namespace zncctl

@@ -3,6 +3,7 @@
 #include "config_check.hpp"
 #include "container.hpp"
 #include "front/files.hpp"
+#include "program_file.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -71,77 +72,6 @@ class RedirectedStreams {
     bool good_ = true;
 };
 
-// Resolves a path, including symbolic links, inside a root directory. Used for diagnostics only.
-class Walk {
-  public:
-    explicit Walk(int root) { dirs_.emplace_back(::fcntl(root, F_DUPFD_CLOEXEC, 3)); }
-
-    // Returns 0 and the mode of the file that `path` names, or an errno value.
-    int mode_of(const std::string& path, mode_t& mode)
-    {
-        mode = S_IFDIR;
-        push(path);
-        while (!remaining_.empty()) {
-            const std::string part = std::move(remaining_.back());
-            remaining_.pop_back();
-            if (part == "..")
-                dirs_.resize(std::max<std::size_t>(dirs_.size() - 1, 1));
-            else if (const int error = step(part, mode); error != 0)
-                return error;
-        }
-        return 0;
-    }
-
-  private:
-    static constexpr int kLinksMax = 40;
-
-    // Pushes the components of a path in reverse order, so that the first one is popped first.
-    void push(std::string_view path)
-    {
-        while (!path.empty()) {
-            const std::size_t slash = path.rfind('/');
-            const std::size_t start = slash == path.npos ? 0 : slash + 1;
-            if (const std::string_view part = path.substr(start); !part.empty() && part != ".")
-                remaining_.emplace_back(part);
-            path = path.substr(0, slash == path.npos ? 0 : slash);
-        }
-    }
-
-    int step(const std::string& part, mode_t& mode)
-    {
-        struct stat st = {};
-        if (!S_ISDIR(mode))
-            return ENOTDIR;
-        if (::fstatat(dirs_.back().get(), part.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
-            return errno;
-        if (S_ISLNK(st.st_mode))
-            return follow(part);
-        mode = st.st_mode;
-        if (S_ISDIR(mode))
-            dirs_.emplace_back(::openat(dirs_.back().get(), part.c_str(),
-                                        O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        return dirs_.back() ? 0 : errno;
-    }
-
-    int follow(const std::string& part)
-    {
-        std::array<char, 4096> target{};
-        const ssize_t len =
-            ::readlinkat(dirs_.back().get(), part.c_str(), target.data(), target.size());
-        if (len <= 0 || ++links_ > kLinksMax)
-            return len < 0 ? errno : ELOOP;
-        const std::string_view text(target.data(), static_cast<std::size_t>(len));
-        if (text.starts_with('/'))
-            dirs_.resize(1);
-        push(text);
-        return 0;
-    }
-
-    std::vector<znc::UniqueFd> dirs_; // the directories from the root to the current one
-    std::vector<std::string> remaining_;
-    int links_ = 0;
-};
-
 struct ProgramFile {
     std::string path; // inside the root
     int error;        // why it cannot be examined; 0 if it can
@@ -164,26 +94,16 @@ ProgramFile program_file(const std::string& id)
     const znc::UniqueFd root(::open(root_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (first == nullptr || !root)
         return program;
-    program.error = Walk(root.get()).mode_of(program.path, program.mode);
+    program.error = file_mode_in_root(root.get(), program.path, program.mode);
     return program;
 }
 
 int spawn_failure(const std::string& id, const std::string& message)
 {
     const ProgramFile program = program_file(id);
-    const auto fail_with = [&](const char* why, ExitStatus status) {
-        return failure(id, fmt::format("{}: {}: {}", message, program.path, why), status);
-    };
-    if (program.error == ENOENT || program.error == ENOTDIR)
-        return fail_with("there is no such program in the container's root", kExitNoProgram);
-    if (program.error != 0)
-        return fail_with("it cannot be examined in the container's root", kExitCannotInvoke);
-    if (!S_ISREG(program.mode))
-        return fail_with("it is not a regular file", kExitCannotInvoke);
-    if ((program.mode & 0111) == 0)
-        return fail_with("it is not executable", kExitCannotInvoke);
-    return fail_with("it cannot be executed; its interpreter may be missing or its format unknown",
-                     kExitCannotInvoke);
+    const ProgramFault fault = program_fault(program.path, program.error, program.mode);
+    static_cast<void>(failure(id, fmt::format("{}: {}", message, fault.message)));
+    return fault.status;
 }
 
 } // namespace
@@ -249,11 +169,21 @@ int startable(const std::string& id)
 
 int Program::start(const std::string& id, const ProgramStreams& streams)
 {
+    const int error = start(streams, [&id](pid_t* pid) { return zncStartPid(id.c_str(), 0, pid); });
+    if (error != 0 && pid_ != 0) // it runs, but its end cannot be detected
+        zncKill(id.c_str(), zncUtilSignalNo("KILL"), ZNC_OPT_WHOLE_NAMESPACE);
+    return error;
+}
+
+int Program::start(const ProgramStreams& streams, const std::function<STATUS(pid_t*)>& spawn)
+{
     {
         const RedirectedStreams redirected(streams);
         errno = redirected ? 0 : errno;
-        if (!redirected || zncStartPid(id.c_str(), 0, &pid_) != OK)
+        if (!redirected || spawn(&pid_) != OK) {
+            pid_ = 0;
             return errno != 0 ? errno : -1;
+        }
     }
     if (pid_ == 0) {
         status_ = kExitOk;
@@ -262,9 +192,15 @@ int Program::start(const std::string& id, const ProgramStreams& streams)
     process_.reset(znProcessOpen(pid_));
     if (process_)
         return 0;
-    const int error = errno; // without a process handle its end cannot be detected
-    zncKill(id.c_str(), zncUtilSignalNo("KILL"), ZNC_OPT_WHOLE_NAMESPACE);
+    const int error = errno;
+    signal(SIGKILL);
     return error;
+}
+
+void Program::signal(int host_signal, bool group) const
+{
+    if (pid_ > 0 && !status_) // until it is reaped, its process id cannot be reused
+        ::kill(group ? -pid_ : pid_, host_signal);
 }
 
 const std::optional<int>& Program::look()

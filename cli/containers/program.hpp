@@ -5,6 +5,7 @@
 
 #include <array>
 #include <csignal>
+#include <functional>
 #include <optional>
 #include <poll.h>
 #include <span>
@@ -12,6 +13,7 @@
 #include <sys/types.h>
 
 #include "front/record.hpp"
+#include "zarnel/types.h"
 
 namespace zncctl {
 
@@ -45,12 +47,18 @@ class Program {
   public:
     // Starts a created container. Returns 0, or the errno value of the failure, -1 if it has none.
     int start(const std::string& id, const ProgramStreams& streams);
+    // Starts any program by `spawn`, which sets the process id of a new child of this process, 0 if
+    // there is none to run.
+    int start(const ProgramStreams& streams, const std::function<STATUS(pid_t*)>& spawn);
     [[nodiscard]] pid_t pid() const { return pid_; } // 0: the daemon named no program to run
 
     // To be called when a child may have ended. Returns the program's exit status once it has
     // ended; 128 plus the host's signal number if a signal killed it. Also reaps other processes
     // that became children of this one.
     const std::optional<int>& look();
+    // Sends a signal, given by its number on the host, to the program, or to all processes of its
+    // process group. Does nothing once it has ended.
+    void signal(int host_signal, bool group = false) const;
     // To be called after the program's end. From then on the kernel reaps the remaining children: a
     // container cannot be deleted while one of its processes is a zombie.
     static void leave_others();

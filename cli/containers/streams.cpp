@@ -1,5 +1,6 @@
 #include "streams.hpp"
 
+#include "detached.hpp"
 #include "front/output.hpp"
 
 #include <algorithm>
@@ -39,16 +40,6 @@ bool same_place(int one, int other)
            a.st_ino == b.st_ino && ::fcntl(one, F_GETFL) == ::fcntl(other, F_GETFL);
 }
 
-bool make_pipe(znc::UniqueFd& reader, znc::UniqueFd& writer)
-{
-    std::array<int, 2> ends = {-1, -1};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
-        return false;
-    reader.reset(ends[0]);
-    writer.reset(ends[1]);
-    return true;
-}
-
 // Affects this end only: the two ends of a pipe have separate flags.
 bool set_nonblocking(int fd)
 {
@@ -63,10 +54,10 @@ std::size_t bytes_in(const PumpEnd& end)
 
 } // namespace
 
-bool Streams::make_pipes()
+bool Streams::make_pipes(bool input)
 {
     const bool one_output = same_place(STDOUT_FILENO, STDERR_FILENO);
-    if (!make_input() || !make_output(STDOUT_FILENO, "standard output") ||
+    if ((input && !make_input()) || !make_output(STDOUT_FILENO, "standard output") ||
         (!one_output && !make_output(STDERR_FILENO, "standard error")))
         return false;
     if (one_output)
@@ -78,13 +69,12 @@ bool Streams::make_input()
 {
     if (is_null_or_closed(STDIN_FILENO))
         return true;
-    znc::UniqueFd reader;
-    znc::UniqueFd writer;
-    if (!make_pipe(reader, writer) || !set_nonblocking(writer.get()))
+    Pipe pipe = make_pipe();
+    if (!pipe.reader || !set_nonblocking(pipe.writer.get()))
         return false;
-    of_program_[STDIN_FILENO] = reader.get();
-    program_ends_.push_back(std::move(reader));
-    input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::own(std::move(writer)),
+    of_program_[STDIN_FILENO] = pipe.reader.get();
+    program_ends_.push_back(std::move(pipe.reader));
+    input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::own(std::move(pipe.writer)),
                    "standard input");
     return true;
 }
@@ -93,13 +83,12 @@ bool Streams::make_output(int fd, const char* name)
 {
     if (is_null_or_closed(fd))
         return true;
-    znc::UniqueFd reader;
-    znc::UniqueFd writer;
-    if (!make_pipe(reader, writer) || !set_nonblocking(reader.get()))
+    Pipe pipe = make_pipe();
+    if (!pipe.reader || !set_nonblocking(pipe.reader.get()))
         return false;
-    of_program_[static_cast<std::size_t>(fd)] = writer.get();
-    program_ends_.push_back(std::move(writer));
-    outputs_.emplace_back(PumpEnd::own(std::move(reader)), PumpEnd::of_caller(fd), name);
+    of_program_[static_cast<std::size_t>(fd)] = pipe.writer.get();
+    program_ends_.push_back(std::move(pipe.writer));
+    outputs_.emplace_back(PumpEnd::own(std::move(pipe.reader)), PumpEnd::of_caller(fd), name);
     struct stat st = {};
     if (::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode)))
         outputs_.back().move_in_kernel();
@@ -111,9 +100,11 @@ void Streams::use_terminal(const Pty& pty, std::function<void(std::string_view)>
     constexpr std::string_view kEndOfFile = "\x04";
     of_program_ = {pty.user(), pty.user(), pty.user()};
     terminal_ = true;
-    input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::borrowed(pty.master()),
-                   "standard input");
-    input_->watch(std::move(typed), kEndOfFile);
+    if (typed) {
+        input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::borrowed(pty.master()),
+                       "standard input");
+        input_->watch(std::move(typed), kEndOfFile);
+    }
     outputs_.emplace_back(PumpEnd::borrowed(pty.master()), PumpEnd::of_caller(STDOUT_FILENO),
                           "standard output");
 }

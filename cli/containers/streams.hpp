@@ -1,7 +1,7 @@
 // streams.hpp - the standard streams of a program in the foreground. The program gets pipes or a
 // terminal that zncctl created, never the caller's own descriptors: through /proc/self/fd it could
 // reopen the caller's file with other access rights, change its mode and owner, or go on reading
-// the caller's terminal after zncctl has ended. Used by foreground.cpp.
+// the caller's terminal after zncctl has ended. Used by session.cpp.
 #ifndef ZNC_CLI_CONTAINERS_STREAMS_HPP
 #define ZNC_CLI_CONTAINERS_STREAMS_HPP
 
@@ -18,10 +18,11 @@ namespace zncctl {
 class Streams {
   public:
     // Creates a pipe for each standard stream. Output and errors share one if they go to the same
-    // file, so that their order is kept. For the null device no pipe is needed. False with errno
-    // set.
-    bool make_pipes();
-    // Uses the pseudo-terminal for all three. `typed` is called with what the caller types.
+    // file, so that their order is kept. For the null device no pipe is needed, nor for standard
+    // input without `input`. False with errno set.
+    bool make_pipes(bool input = true);
+    // Uses the pseudo-terminal for all three. `typed` is called with what the caller types; null:
+    // standard input is not read.
     void use_terminal(const Pty& pty, std::function<void(std::string_view)> typed);
 
     // The program's descriptors, for Program::start(). Call started() afterwards to close them

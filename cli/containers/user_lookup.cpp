@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include "zarnel/fs.h"
+#include "zarnel/spawn.h"
 
 namespace zncctl {
 namespace {
@@ -231,11 +232,11 @@ class Lookup {
         any_entry(*file, group_entry, [&](const Entry& entry) {
             if (const auto gid = to_id(entry.id); gid && has_member(entry.members, name_))
                 groups.insert(*gid);
-            return groups.size() > NGROUPS_MAX;
+            return groups.size() > ZN_SPAWN_GROUPS_MAX;
         });
-        if (groups.size() > NGROUPS_MAX)
-            return fail(fmt::format("user '{}' is in too many groups of the container's {}", name_,
-                                    kGroup));
+        if (groups.size() > ZN_SPAWN_GROUPS_MAX)
+            return fail(fmt::format("user '{}' is in more than {} groups of the container's {}",
+                                    name_, ZN_SPAWN_GROUPS_MAX, kGroup));
         user.groups.assign(groups.begin(), groups.end());
         return true;
     }

@@ -345,7 +345,7 @@ std::string shared_bundle(const Arguments& args, const Wanted& wanted, const Cho
 {
     const std::string area = bundle_area();
     const std::string name = shared_name(args, chosen.image);
-    const std::string bundle = fmt::format("{}/{}", area, name);
+    std::string bundle = fmt::format("{}/{}", area, name);
     if (is_complete(bundle))
         return bundle;
     // Open all files of the image's layout before taking the lock, so that other processes need not

@@ -1,5 +1,5 @@
 // terminal.hpp - puts the caller's terminal into raw mode and restores it, and creates a
-// pseudo-terminal for a container's program. Used by foreground.cpp.
+// pseudo-terminal for a container's program. Used by session.cpp.
 #ifndef ZNC_CLI_TERMINAL_TERMINAL_HPP
 #define ZNC_CLI_TERMINAL_TERMINAL_HPP
 

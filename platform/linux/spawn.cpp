@@ -19,7 +19,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr int kDefaultPriority = 100;
-constexpr std::size_t kUserGroupsMax = 254; // what the spawner has room for
+constexpr std::size_t kUserGroupsMax = ZN_SPAWN_GROUPS_MAX; // what the spawner has room for
 
 // Priority 0 (most urgent) is nice -20, 100 is nice 0, 255 is nice 19.
 int nice_value(int priority)

@@ -1,5 +1,6 @@
 // cgroup_world.hpp - real control groups below one named after this process, and processes in them.
-// Used by the tests of control groups. The groups are removed when a test ends, also if it fails.
+// Used by the tests of control groups. The groups are removed when a test ends, also if it
+// fails; after a crash, by the next test.
 #ifndef CGROUP_WORLD_HPP
 #define CGROUP_WORLD_HPP
 
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -139,6 +141,22 @@ template <class T> class Shared {
     T* at_;
 };
 
+// Removes the groups of tests that crashed.
+inline void remove_left_groups(const zn::Hierarchies& in)
+{
+    constexpr std::string_view kPrefix = "znc-test-";
+    std::vector<std::string> left;
+    for (const zn::Hierarchy& one : in.all)
+        for (const auto& entry : fs::directory_iterator(one.point.get())) {
+            const std::string name = entry.path().filename();
+            if (name.starts_with(kPrefix) &&
+                ::kill(std::atoi(name.c_str() + kPrefix.size()), 0) != 0 && errno == ESRCH)
+                left.push_back("/" + name);
+        }
+    for (const std::string& path : left)
+        EXPECT_EQ(zn::cgroup_remove(in, path.c_str()), 0) << path;
+}
+
 class Cgroups : public testing::Test {
   protected:
     void SetUp() override
@@ -146,6 +164,7 @@ class Cgroups : public testing::Test {
         ASSERT_EQ(zn::hierarchies_read(in_), 0);
         if (in_.version == zn::CgroupVersion::kNone)
             GTEST_SKIP() << "this machine lets nobody create control groups";
+        remove_left_groups(in_);
         top_ = "/znc-test-" + std::to_string(::getpid());
         path_ = top_ + "/web";
     }

@@ -21,6 +21,12 @@ extern "C" {
 nsid_t znnsFind(const char* name);
 
 /*
+ * Call `visit` for each namespace with a root, with the name that znnsFind takes. Its owner may have
+ * died; the calls below then fail. OK, or ERROR if the namespaces cannot be listed.
+ */
+STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context);
+
+/*
  * Suspend all processes in the namespace, or let them continue. Returns when it has taken effect.
  * OK if they are in that state already. ERROR with ENOTSUP if the machine has no control groups, or
  * ETIMEDOUT.
@@ -50,6 +56,20 @@ STATUS znnsUseGet(nsid_t ns, ZN_NS_USE* use);
  * (`size` bytes, 200 are enough), which member was refused and why.
  */
 STATUS znnsLimitsSet(nsid_t ns, const char* resources, char* reason, size_t size);
+
+/*
+ * Write the host path of the namespace's root, as it was given when the root was made, to `path`:
+ * paths of programs for znSpawn begin with it. ERROR with ENAMETOOLONG if it does not fit in `size`
+ * bytes.
+ */
+STATUS znnsRootGet(nsid_t ns, char* path, size_t size);
+
+/*
+ * Open the root of the namespace as its processes see it, with all mounts, for use with the *at()
+ * calls only (O_PATH). Returns a close-on-exec descriptor, or -1. Everything below it may be
+ * changed by the container's processes: see znFileOpenInRoot (fs.h).
+ */
+int znnsRootOpen(nsid_t ns);
 
 /* The process id of a process that stays in the namespace as long as it exists. -1: see above. */
 pid_t znnsHolder(nsid_t ns);

@@ -14,6 +14,8 @@
 extern "C" {
 #endif
 
+#define ZN_SPAWN_GROUPS_MAX 254 /* supplementary groups */
+
 /* The user that a program runs as. */
 typedef struct znSpawnUser {
     uint32_t uid;

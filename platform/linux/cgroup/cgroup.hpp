@@ -74,8 +74,9 @@ int cgroup_use(const char* path, CgroupUse& use);
 int cgroup_processes(const char* path, List<int>& pids);
 
 // Removes the group and the groups that the container made below it; thaws it and kills what is
-// left in it first, waiting up to two seconds (EBUSY after that, and if this process is in it). OK
-// if there is none. Parents stay.
+// left in it first, waiting up to two seconds (EBUSY after that, and if this process is in it), and
+// up to ten more if there are very many groups (then EBUSY, too; the next call goes on). OK if
+// there is none. Parents stay.
 int cgroup_remove(const char* path);
 
 } // namespace zn

@@ -203,7 +203,7 @@ int io_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resour
 bool is_page_size(const char* size)
 {
     const std::size_t digits = size != nullptr ? std::strspn(size, "0123456789") : 0;
-    return digits >= 1 && digits <= 6 && std::strchr("KMG", size[digits]) != nullptr &&
+    return digits >= 1 && digits <= 6 && std::strspn(size + digits, "KMG") == 1 &&
            std::strcmp(size + digits + 1, "B") == 0;
 }
 

@@ -16,6 +16,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr int kRemoveMs = 2000;
+constexpr std::int64_t kTreeNs = 10 * kNsPerSec; // more, to remove groups without processes
 constexpr int kFreezeMs =
     100; // in each round; a process that cannot be frozen is killed as it runs
 constexpr int kRetryMs = 1;
@@ -43,9 +44,14 @@ int remove_one(int parent, const char* name, std::int64_t deadline)
     return 0;
 }
 
+// A container may make more groups than can be removed while the caller waits: those that are left
+// when the time is over are removed when it tries again.
 struct RemoveVisit final : GroupVisit {
     explicit RemoveVisit(std::int64_t end) : deadline(end) {}
-    int leave(int parent, const char* name) override { return remove_one(parent, name, deadline); }
+    int leave(int parent, const char* name) override
+    {
+        return now_ns() < deadline + kTreeNs ? remove_one(parent, name, deadline) : EBUSY;
+    }
     std::int64_t deadline;
 };
 

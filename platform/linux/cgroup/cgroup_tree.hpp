@@ -107,7 +107,8 @@ int limits_apply(const Hierarchies& hierarchies, const GroupPath& path, const Re
                  const char** field);
 int group_freeze(const Hierarchies& hierarchies, const GroupPath& path, bool frozen,
                  int milliseconds);
-// Removes the groups below `group`, without its processes. EBUSY if one has processes.
+// Removes the groups below `group`, without its processes. EBUSY if one still has processes at the
+// deadline, or if groups are left ten seconds after it.
 int subgroups_remove(int group, std::int64_t deadline);
 
 } // namespace zn

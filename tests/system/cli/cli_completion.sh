@@ -31,9 +31,10 @@ complete_words() {
     _zncctl
     printf '%s\n' "${COMPREPLY[@]}" | sort | tr '\n' ' '
 }
-check 'bash completes commands' test "$(complete_words 'st')" = 'start state stop storage '
+check 'bash completes commands' test "$(complete_words 'st')" = 'start state stats stop storage '
 check 'second words' test "$(complete_words image '')" = 'check inspect ls '
 check 'options' test "$(complete_words delete '--')" = '--all-stopped --force --help --quiet '
+check 'operands of an alias' test "$(complete_words unpause '--q')" = '--quiet '
 check 'options of an alias' test "$(complete_words ps '--s')" = '--status '
 check 'values' test "$(complete_words list --format '')" = 'json table '
 check 'signals' test "$(complete_words kill -s TE)" = 'TERM '

@@ -96,7 +96,7 @@ check 'nothing is left of the container' no_container
 check 'nor of its record' no_record
 ip route add default via 192.0.2.1
 
-image ask 'cat /etc/resolv.conf; exec nc 192.0.2.1 9000 </dev/null'
+image ask 'cat /etc/resolv.conf; timeout 5 nc 192.0.2.1 9000 </dev/null; true'
 in_outside busybox nc -l -p 9000 -e echo 'from outside' &
 served() { in_outside ss -Hltn 'sport = :9000' | grep -q .; }
 eventually served
@@ -122,7 +122,7 @@ zrun -d -p 127.0.0.1:8080:80 "$work/layout:serve" second
 check 'a port that is taken is an error' test "$status/$out" = 125/
 check 'which names the port' says_in_error 127.0.0.1/8080:80
 check 'and leaves the first container alone' answers 127.0.0.1 8080 inside
-image peer 'exec nc 192.0.2.2 8081 </dev/null'
+image peer 'timeout 5 nc 192.0.2.2 8081 </dev/null'
 zrun "$work/layout:peer"
 check 'containers reach each other by published ports only' test "$status/$out" != 0/inside
 run zncctl stop -t 1 server

@@ -246,7 +246,7 @@ def nothing_of_the_callers_terminal():
 /bin/busybox stat -c 'mode %a' -L /proc/self/fd/0
 /bin/busybox readlink /proc/self/fd/0
 echo terminals: $(ls /dev/pts)
-(/bin/busybox cat /dev/tty) && echo controlling
+(echo controlling >/dev/tty)
 echo end; read a""".replace("ls /", "/bin/busybox ls /"))
     t = Terminal("run", "-t", "-b", BUNDLE)
     t.until("end\r\n")
@@ -254,6 +254,7 @@ echo end; read a""".replace("ls /", "/bin/busybox ls /"))
     ours = os.ttyname(t.child).encode()
     check("it is not the caller's", ours not in t.text and b"/dev/pts/" in t.text, t.text)
     check("the container sees no other", b"terminals: ptmx\r\n" in t.text, t.text)
+    check("it is the program's controlling terminal", b"\ncontrolling" in t.text, t.text)
     t.type("\r")
     check("it ends", code(t.wait()) == 0)
     t.close()
@@ -357,6 +358,62 @@ def detached():
     subprocess.run([ZNCCTL, "delete", "-qf", "away"], check=True)
 
 
+def more_programs():
+    """A terminal of exec: another program in a container that runs already."""
+    script("while :; do sleep 0.05; done")
+    subprocess.run([ZNCCTL, "run", "-d", "-b", BUNDLE, "base"], check=True, stdout=subprocess.DEVNULL)
+    shell = ("sh", "-c")
+    t = run("exec", "-it", "base", *shell, "test -t 0 && test -t 1 && test -t 2 && echo terminal; "
+            "echo $TERM; /bin/busybox stty size; echo word >/dev/tty; exit 4", rows=33, columns=111)
+    check("exec -it: all three streams are a terminal", b"terminal" in t.text, t.text)
+    check("of the size of the caller's", b"33 111" in t.text, t.text)
+    check("of a type that is known everywhere", b"xterm" in t.text, t.text)
+    check("it is the program's controlling terminal", b"word" in t.text, t.text)
+    check("the exit status is passed on", code(t.ended) == 4, t.ended)
+    check("the terminal is as it was", t.restored())
+    t.close()
+
+    t = Terminal("exec", "-it", "base", *shell, "echo ready; read a; echo got:$a; read b; /bin/busybox stty size; "
+                 "trap 'echo interrupted; exit 9' INT; echo set; while :; do sleep 0.05; done")
+    check("it begins", t.until("ready"), t.text)
+    check("the caller's terminal is raw meanwhile", not t.restored())
+    t.type("word\r")
+    check("what is typed arrives", t.until("got:word"), t.text)
+    t.resize(40, 100)
+    t.type("\r")
+    check("a new size arrives", t.until("40 100"), t.text)
+    t.until("set")
+    t.type("\x03")
+    check("the interrupt key interrupts the program", t.until("interrupted"), t.text)
+    check("which ends as it likes", code(t.wait()) == 9)
+    check("the terminal is as it was again", t.restored())
+    check("the container has got no signal", " running " in listed(), listed())
+    t.close()
+
+    t = Terminal("exec", "-t", "base", *shell, "echo ready; exec sleep " + os.environ["MARK"])
+    check("exec -t without -i begins", t.until("ready"), t.text)
+    check("the caller's terminal is left alone", t.restored())
+    t.type("\x03")
+    check("the interrupt key ends the program through zncctl", code(t.wait()) == 130)
+    t.close()
+
+    t = run("exec", "-it", "base", "no-such-program")
+    check("exec -it of a program that is not there exits 127", code(t.ended) == 127, t.ended)
+    check("its message is shown", b"no-such-program" in t.text, t.text)
+    check("on the terminal as it was", t.restored())
+    t.close()
+
+    t = run("stats", "--no-stream", "base")
+    check("stats replaces the table only while it goes on", b"\x1b" not in t.text and b"base" in t.text, t.text)
+    t.close()
+    t = Terminal("stats", "base")
+    check("stats replaces the table on a terminal", t.until(r"\x1b\[H\x1b\[2JID[^\x1b]*base[^\x1b]*\x1b\[H"), t.text)
+    t.type("\x03")
+    check("until it is interrupted", t.wait() == signal.SIGINT)
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-q", "-f", "base"], check=True)
+
+
 def colours():
     red = b"\x1b[1;31merror:"
     for name, good, environment in (
@@ -399,6 +456,7 @@ def progress():
 
 
 for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
-              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, colours, widths, progress):
+              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, more_programs,
+              colours, widths, progress):
     trial()
 sys.exit(failed != 0)

@@ -372,3 +372,45 @@ TEST(Output, AResultThatCannotBeWrittenIsAFailure)
     EXPECT_EQ(status, kExitFailure);
     EXPECT_EQ(error, "zncctl: error: standard output: No space left on device\n");
 }
+
+TEST(Parse, AnOptionKeepsAllItsValuesAndUsesTheLast)
+{
+    const Parsed parsed =
+        parse(row({"exec"}), Words{"-e", "A=1", "--env", "B", "--env=C=[d,e]", "-eD=", "id", "sh"});
+    ASSERT_EQ(parsed.problem, "");
+    EXPECT_EQ(parsed.args.values("env"), (std::vector<std::string>{"A=1", "B", "C=[d,e]", "D="}));
+    EXPECT_STREQ(parsed.args.value("env"), "D=");
+    EXPECT_TRUE(parsed.args.values("user").empty());
+}
+
+TEST(Parse, WordsBehindTheFirstOperandBelongToTheProgram)
+{
+    using Texts = std::vector<std::string>;
+    const Command& exec = row({"exec"});
+    const Texts all = {"id", "sh", "-i", "--odd", "-e", "--"};
+    for (const Words& words : {Words{"-t", "id", "sh", "-i", "--odd", "-e", "--"},
+                               Words{"-t", "id", "--", "sh", "-i", "--odd", "-e", "--"},
+                               Words{"-t", "--", "id", "sh", "-i", "--odd", "-e", "--"}}) {
+        const Parsed parsed = parse(exec, words);
+        EXPECT_EQ(parsed.problem, "");
+        EXPECT_EQ(parsed.args.all_operands(), all);
+        EXPECT_TRUE(parsed.args.has("tty"));
+        EXPECT_FALSE(parsed.args.has("interactive"));
+    }
+}
+
+TEST(Parse, ValuesOfOptionsAreNotTheFirstOperand)
+{
+    using Texts = std::vector<std::string>;
+    for (const Words& words : {Words{"-u", "web", "id", "-x"}, Words{"-uweb", "id", "-x"},
+                               Words{"--user", "web", "id", "-x"}, Words{"--user=web", "id", "-x"},
+                               Words{"-itu", "web", "id", "-x"}}) {
+        const Parsed parsed = parse(row({"exec"}), words);
+        EXPECT_EQ(parsed.problem, "");
+        EXPECT_STREQ(parsed.args.value("user", ""), "web");
+        EXPECT_EQ(parsed.args.all_operands(), (Texts{"id", "-x"}));
+    }
+    EXPECT_EQ(parse(row({"exec"}), Words{"-u"}).problem, "option '--user' needs a value");
+    EXPECT_EQ(parse(row({"exec"}), Words{"--odd", "id", "sh"}).problem, "unknown option '--odd'");
+    EXPECT_EQ(parse(row({"exec"}), Words{"-t", "id"}).problem, "too few arguments");
+}

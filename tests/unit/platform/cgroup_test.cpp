@@ -2,6 +2,7 @@
 // machine has, and on its v2 hierarchy alone where it has both.
 #include "cgroup_world.hpp"
 
+#include "clock.hpp"
 #include "descriptors.hpp"
 
 #include <algorithm>
@@ -190,6 +191,19 @@ TEST_P(CgroupLife, FrozenProcessesDoNotRunAndGoOnAfterThawing)
     EXPECT_TRUE(eventually([&] { return *count > before; }));
 }
 
+TEST_P(CgroupLife, ThawingBelowAFrozenGroupTimesOut)
+{
+    ASSERT_EQ(create(), 0);
+    const Child child(in_, path_, sleep_for_ever);
+    ASSERT_TRUE(child.entered());
+    ASSERT_EQ(zn::cgroup_freeze(in_, top_.c_str(), true), 0);
+    bool frozen = false;
+    EXPECT_EQ(zn::cgroup_frozen(in_, path_.c_str(), frozen), 0);
+    EXPECT_TRUE(frozen);
+    EXPECT_EQ(zn::cgroup_freeze(in_, path_.c_str(), false), ETIMEDOUT);
+    EXPECT_EQ(zn::cgroup_freeze(in_, top_.c_str(), false), 0);
+}
+
 TEST_P(CgroupLife, ProcessDoesNotFreezeOrRemoveItsOwnGroup)
 {
     ASSERT_EQ(create(), 0);
@@ -248,6 +262,19 @@ TEST_P(CgroupLife, GroupsMadeInsideAreRemovedHoweverDeepAndMany)
     EXPECT_EQ(depth, kDepth) << error.message();
     EXPECT_EQ(zn::cgroup_remove(in_, path_.c_str()), 0);
     EXPECT_FALSE(fs::exists(directory));
+}
+
+TEST_P(CgroupLife, RemovalOfGroupsMadeInsideEndsWhenItsTimeIsOverAndGoesOnLater)
+{
+    ASSERT_EQ(create(), 0);
+    const std::string directory = directories(in_, path_).back();
+    ASSERT_TRUE(fs::create_directory(directory + "/left"));
+    const znc::UniqueFd group(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    constexpr std::int64_t kLongAgo = 60 * zn::kNsPerSec;
+    EXPECT_EQ(zn::subgroups_remove(group.get(), zn::now_ns() - kLongAgo), EBUSY);
+    EXPECT_TRUE(fs::exists(directory + "/left"));
+    EXPECT_EQ(zn::subgroups_remove(group.get(), zn::now_ns()), 0);
+    EXPECT_FALSE(fs::exists(directory + "/left"));
 }
 
 TEST_P(CgroupLife, MissingGroupIsRemovedAlreadyAndUnknownElsewhere)

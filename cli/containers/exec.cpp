@@ -1,0 +1,233 @@
+#include "exec.hpp"
+
+#include "config_check.hpp"
+#include "container.hpp"
+#include "detached.hpp"
+#include "front/files.hpp"
+#include "pause.hpp"
+#include "program_file.hpp"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "zarnel/spawn.h"
+
+namespace zncctl {
+namespace {
+
+constexpr const char* kEnded = "it has ended";
+constexpr const char* kPaused = "it is paused";
+
+// A path in the container as the spawner resolves it: relative to the working directory.
+std::string absolute(const ExecProgram& wanted, const std::string& path)
+{
+    if (path.starts_with('/'))
+        return path;
+    return wanted.directory + (wanted.directory.ends_with('/') ? "" : "/") + path;
+}
+
+// The paths that a command may stand for.
+std::vector<std::string> candidates(const ExecProgram& wanted)
+{
+    const std::string& command = wanted.words.front();
+    std::vector<std::string> paths = {absolute(wanted, command)};
+    const char* search = wanted.environment.value("PATH");
+    if (command.find('/') != command.npos || search == nullptr)
+        return paths;
+    std::string_view directories = search;
+    while (!directories.empty()) {
+        const std::size_t end = std::min(directories.find(':'), directories.size());
+        const std::string directory(directories.substr(0, end));
+        paths.push_back(absolute(wanted, directory.empty() ? command : directory + "/" + command));
+        directories.remove_prefix(std::min(end + 1, directories.size()));
+    }
+    return paths;
+}
+
+ProgramFault fault_of(int root, const ExecProgram& wanted)
+{
+    const std::vector<std::string> paths = candidates(wanted);
+    mode_t mode = 0;
+    for (const std::string& path : paths)
+        if (const int error = file_mode_in_root(root, path, mode);
+            error == 0 && (paths.size() == 1 || S_ISREG(mode)))
+            return program_fault(path, error, mode);
+    if (paths.size() == 1)
+        return program_fault(paths[0], file_mode_in_root(root, paths[0], mode), mode);
+    return {
+        fmt::format("{}: there is no such program in the container's PATH", wanted.words.front()),
+        kExitNoProgram};
+}
+
+bool is_directory_in_root(int root, const std::string& path)
+{
+    mode_t mode = 0;
+    return file_mode_in_root(root, path, mode) == 0 && S_ISDIR(mode);
+}
+
+STATUS spawn(const RunningContainer& container, ExecProgram& wanted, pid_t* pid)
+{
+    std::vector<char*> words;
+    for (std::string& word : wanted.words)
+        words.push_back(word.data());
+    words.push_back(nullptr);
+    const std::vector<char*> environment = wanted.environment.pointers();
+    ZN_SPAWN_USER user = {};
+    if (wanted.user)
+        user = {wanted.user->uid, wanted.user->gid, wanted.user->groups.data(),
+                wanted.user->groups.size()};
+    znSpawnAttr attr = {};
+    if (znSpawnAttrInit(&attr) != OK || znSpawnAttrSetNamespace(&attr, container.ns()) != OK ||
+        znSpawnAttrSetCwd(&attr, wanted.directory.c_str()) != OK ||
+        (wanted.user && znSpawnAttrSetUser(&attr, &user) != OK))
+        return ERROR;
+    const std::string path = container.root_path() + absolute(wanted, wanted.words.front());
+    return znSpawn(pid, path.c_str(), &attr, words.data(), environment.data());
+}
+
+void wait_for_end(Program& program, const SignalQueue& signals)
+{
+    while (!program.look()) {
+        signals.wait({});
+        while (signals.next()) { // signals other than SIGCHLD are ignored
+        }
+    }
+    Program::leave_others();
+}
+
+} // namespace
+
+std::optional<RunningContainer> RunningContainer::find(const std::string& id, int& status)
+{
+    RunningContainer container(id);
+    status = container.open();
+    return status == kExitOk ? std::optional(std::move(container)) : std::nullopt;
+}
+
+int RunningContainer::open()
+{
+    const CONTAINER_STATUS status = status_of(id_);
+    if (status == STATE_UNKNOWN) {
+        static_cast<void>(daemon_failure(errno, id_));
+        return kExitStartFailed;
+    }
+    if (status != STATE_RUNNING)
+        return failure(id_, "it is not running", kExitWrongState);
+    if (is_paused(id_, status))
+        return failure(id_, kPaused, kExitWrongState);
+    if (!read_configuration())
+        return kExitStartFailed;
+    std::array<char, PATH_MAX> path{};
+    ns_ = namespace_of(id_);
+    if (ns_ >= 0)
+        root_.reset(znnsRootOpen(ns_));
+    if (root_ && znnsRootGet(ns_, path.data(), path.size()) == OK) {
+        root_path_ = path.data();
+        return kExitOk;
+    }
+    if (errno == ESRCH)
+        return failure(id_, kEnded, kExitWrongState);
+    static_cast<void>(local_failure(errno, id_));
+    return kExitStartFailed;
+}
+
+// From the daemon: the file in the bundle may have changed since the container was created.
+bool RunningContainer::read_configuration()
+{
+    const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id_.c_str()); }));
+    if (text == nullptr) {
+        static_cast<void>(daemon_failure(errno, id_));
+        return false;
+    }
+    const auto document = parse_json(text.get(), nullptr, Annotations::kMayRepeat);
+    const Json& array = children(document ? &*document : nullptr);
+    const Json* config = array.empty() ? nullptr : member(&*array.begin(), "Config");
+    directory_ = text_of(config, "WorkingDir");
+    if (directory_.empty()) {
+        static_cast<void>(failure(id_, "its configuration cannot be read"));
+        return false;
+    }
+    for (const Json& entry : children(member(config, "Env")))
+        if (const std::string* variable = zncctl::text(&entry); variable != nullptr)
+            environment_.push_back(*variable);
+    return true;
+}
+
+std::string RunningContainer::home() const
+{
+    const std::string bundle = text_of(state_of(id_).value_or(Json()), "bundle");
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const Json* process = config ? member(*config, "process") : nullptr;
+    const auto uid = integer(member(member(process, "user"), "uid"));
+    User user;
+    std::string error;
+    static_cast<void>(lookup_user(root(), std::to_string(uid.value_or(0)), user, error));
+    return user.home;
+}
+
+int start_exec(const RunningContainer& container, ExecProgram& wanted, Program& program,
+               const ProgramStreams& streams)
+{
+    const int error =
+        program.start(streams, [&](pid_t* pid) { return spawn(container, wanted, pid); });
+    if (error != 0)
+        return error;
+    // Once the daemon has found that a container has ended, it does not signal its processes any
+    // more: a program that came too late must not stay. If the daemon found it while this program
+    // runs, it did so before it was started.
+    if (status_of(container.id()) == STATE_STOPPED && !program.look()) {
+        program.signal(SIGKILL);
+        return ESRCH;
+    }
+    return 0;
+}
+
+int start_exec_detached(const RunningContainer& container, ExecProgram& wanted)
+{
+    return run_detached([&](znc::UniqueFd report) {
+        const SignalQueue signals;
+        Program program;
+        const int error =
+            start_exec(container, wanted, program, {kNullDevice, kNullDevice, kNullDevice});
+        report_start(std::move(report), error);
+        if (error == 0)
+            wait_for_end(program, signals);
+    });
+}
+
+int exec_failure(const RunningContainer& container, const ExecProgram& wanted, int error)
+{
+    const std::string& id = container.id();
+    const auto fail = [&](std::string_view message, int status) {
+        static_cast<void>(failure(id, message));
+        return status;
+    };
+    switch (error) {
+    case ESRCH:
+        return fail(kEnded, kExitWrongState);
+    case EBUSY:
+        return fail(kPaused, kExitWrongState);
+    case ENOENT:
+    case ENOTDIR:
+    case EACCES:
+    case EISDIR:
+    case ELOOP:
+    case ENOEXEC: {
+        if (!is_directory_in_root(container.root(), wanted.directory))
+            return fail(
+                fmt::format("there is no directory {} in the container's root", wanted.directory),
+                kExitCannotInvoke);
+        const ProgramFault fault = fault_of(container.root(), wanted);
+        return fail(fault.message, fault.status);
+    }
+    default:
+        static_cast<void>(local_failure(error == -1 ? 0 : error, id));
+        return kExitStartFailed;
+    }
+}
+
+} // namespace zncctl

@@ -1,0 +1,26 @@
+// program_file.hpp - examines the file of a program inside a container's root, to say why it could
+// not be started. For messages only: the file may be another one by the time it is used.
+#ifndef ZNC_CLI_CONTAINERS_PROGRAM_FILE_HPP
+#define ZNC_CLI_CONTAINERS_PROGRAM_FILE_HPP
+
+#include <string>
+#include <sys/stat.h>
+
+namespace zncctl {
+
+// Returns 0 and the mode of the file at `path` inside the root directory, resolving symbolic links
+// there, or an errno value.
+int file_mode_in_root(int root, const std::string& path, mode_t& mode);
+
+struct ProgramFault {
+    std::string message;
+    int status; // exit status 126 or 127
+};
+
+// Why a program that has this file could not be started; `error` and `mode` are those of
+// file_mode_in_root().
+ProgramFault program_fault(const std::string& path, int error, mode_t mode);
+
+} // namespace zncctl
+
+#endif
