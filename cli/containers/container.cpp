@@ -1,7 +1,7 @@
 #include "container.hpp"
 
-#include "cli/images/image_bundle.hpp"
-#include "cli/images/image_user.hpp"
+#include "cli/containers/image_bundle.hpp"
+#include "cli/containers/image_user.hpp"
 #include "cli/images/sticky.hpp"
 #include "config_check.hpp"
 #include "front/container_id.hpp"
@@ -170,9 +170,9 @@ STATUS delete_container(const std::string& id, bool force)
     const std::string private_bundle = own_bundle(id);
     const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
-    const NetworkEnd network(id);
     if (force && kill_paused(id) != OK)
         return ERROR;
+    const NetworkEnd network(id);
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     // The network ends with the container. When delete returns, its ports must be free.

@@ -63,6 +63,34 @@ const SeccompCode* default_filter(std::uint64_t capabilities)
     return &code;
 }
 
+// Whether a limit is given that a control group must enforce.
+bool has_limits(const Resources& wanted)
+{
+    const bool io = wanted.ioWeight || !wanted.readBps.empty() || !wanted.writeBps.empty() ||
+                    !wanted.readIops.empty() || !wanted.writeIops.empty();
+    const bool cpu =
+        wanted.cpuShares || wanted.cpuQuota || wanted.cpuPeriod || wanted.cpus || wanted.mems;
+    const bool memory = wanted.memoryLimit || wanted.memoryReservation || wanted.memorySwap ||
+                        wanted.memorySwappiness || wanted.disableOomKiller;
+    return io || cpu || memory || wanted.pidsLimit || !wanted.hugepages.empty() ||
+           !wanted.devices.empty();
+}
+
+// Creates a group with the limits that are given, and with the default limit of processes where the
+// machine can enforce it.
+int create_group(const char* path, Resources& wanted, const char** field)
+{
+    const bool given = wanted.pidsLimit.has_value();
+    if (!given)
+        wanted.pidsLimit = kDefaultPidsLimit;
+    const int error = cgroup_create(path, wanted, field);
+    if (given || error != ENOTSUP || *field == nullptr || std::strcmp(*field, "pids.limit") != 0)
+        return error;
+    wanted.pidsLimit.reset();
+    *field = nullptr;
+    return cgroup_create(path, wanted, field);
+}
+
 bool has_label(const Text& label)
 {
     return label && label[0] != '\0' && std::strcmp(label.get(), "unconfined") != 0;
@@ -208,8 +236,6 @@ int NamespaceSettings::read(const char* document, bool privileged, SettingsFault
     if (error == 0)
         error = compile_filter(fault);
     unmasked_ = privileged && settings_.maskedPathsGiven;
-    if (!settings_.resources.pidsLimit)
-        settings_.resources.pidsLimit = kDefaultPidsLimit;
     return error;
 }
 
@@ -226,8 +252,10 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fa
 {
     const bool given = settings_.cgroupsPath && settings_.cgroupsPath[0] != '\0';
     if (cgroup_version() == CgroupVersion::kNone)
-        return given ? refuse(fault, "linux.cgroupsPath", "there are no control groups", ENOTSUP)
-                     : 0;
+        return given || has_limits(settings_.resources)
+                   ? refuse(fault, given ? "linux.cgroupsPath" : "linux.resources",
+                            "there are no control groups", ENOTSUP)
+                   : 0;
     char path[kCgroupPathMax];
     const char* wanted = given ? settings_.cgroupsPath.get() : "";
     const int len = given ? std::snprintf(path, sizeof path, "%s%s",
@@ -237,7 +265,7 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fa
     if (len < 0 || static_cast<std::size_t>(len) >= sizeof path)
         return refuse_errno(fault, "linux.cgroupsPath", ENAMETOOLONG);
     const char* limit = nullptr;
-    const int error = cgroup_create(path, settings_.resources, &limit);
+    const int error = create_group(path, settings_.resources, &limit);
     if (error != 0) {
         char field[64];
         std::snprintf(field, sizeof field, "linux.%s%s",
@@ -329,7 +357,8 @@ void set_capabilities(const Settings& settings, wire::Confinement& rules)
         rules.permitted = wanted.permitted;
         rules.effective = wanted.effective;
         rules.inheritable = wanted.inheritable;
-        rules.ambient = wanted.ambient;
+        // The kernel refuses others, which documents contain nevertheless.
+        rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
         return;
     }
     rules.bounding = kDefaultCapabilities;
