@@ -1,5 +1,5 @@
 #include "cli/containers/container.hpp"
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "commands.hpp"
 
 int zncctl::cmd_create(const Arguments& args)

@@ -1,6 +1,6 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/daemon_info.hpp"
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "commands.hpp"
 #include "zarnel/daemon_file.h"
 

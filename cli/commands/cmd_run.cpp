@@ -2,7 +2,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/foreground.hpp"
 #include "cli/containers/monitor.hpp"
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "commands.hpp"
 
 #include <fmt/format.h>

@@ -1,6 +1,6 @@
 // Prints a config.json to start from: one that runs a shell, or one based on an image.
 #include "cli/containers/container.hpp"
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "cli/images/image_mounts.hpp"
 #include "cli/images/image_settings.hpp"
 #include "commands.hpp"

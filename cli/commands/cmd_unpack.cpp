@@ -1,4 +1,4 @@
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "commands.hpp"
 #include "front/output.hpp"
 

@@ -1,7 +1,7 @@
 #include "container.hpp"
 
-#include "cli/images/image_bundle.hpp"
-#include "cli/images/image_user.hpp"
+#include "cli/containers/image_bundle.hpp"
+#include "cli/containers/image_user.hpp"
 #include "cli/images/sticky.hpp"
 #include "config_check.hpp"
 #include "front/container_id.hpp"

@@ -201,6 +201,7 @@ int connect_network(const std::string& id, const Network& network)
         return pasta_failure(id, errno, "");
     const std::vector<std::string> args = pasta_arguments(network);
     std::vector<const char*> words;
+    words.reserve(args.size() + 1);
     for (const std::string& arg : args)
         words.push_back(arg.c_str());
     words.push_back(nullptr);

@@ -1,7 +1,7 @@
 #include "storage_use.hpp"
 
-#include "cli/images/container_bundle.hpp"
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/container_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "container.hpp"
 
 #include <algorithm>

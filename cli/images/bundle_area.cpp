@@ -1,7 +1,9 @@
 #include "bundle_area.hpp"
 
 #include "front/files.hpp"
-#include "image_bundle.hpp"
+#include "zarnel/path_trust.h"
+
+#include <array>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -19,6 +21,32 @@ constexpr const char* kInUse = "/.in-use";
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 } // namespace
+
+namespace {
+
+// Why zncBasePathGet failed; it leaves the path of the rejected directory in the buffer.
+std::string base_problem(const char* path)
+{
+    const int error = errno;
+    znPathTrust trust = {};
+    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
+        return fmt::format("the storage base is refused: {}", trust.fault);
+    errno = error;
+    return fmt::format("the storage base cannot be created: {}: {}", path, error_text());
+}
+
+} // namespace
+
+std::string storage_base()
+{
+    constexpr std::string_view kLayers = "/layers";
+    std::array<char, 1024> path{};
+    if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
+        throw std::runtime_error(base_problem(path.data()));
+    std::string base = path.data();
+    base.resize(base.size() - kLayers.size());
+    return base;
+}
 
 std::string bundle_area()
 {

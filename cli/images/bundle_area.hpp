@@ -11,6 +11,10 @@
 
 namespace zncctl {
 
+// The path of the storage base, without a final "/". Throws std::runtime_error if it cannot be
+// created.
+std::string storage_base();
+
 // The path of the directory, which is created if it does not exist. Throws std::runtime_error if it
 // cannot be used or belongs to another user. Removes access rights of other users.
 std::string bundle_area();

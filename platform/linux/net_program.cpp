@@ -93,7 +93,7 @@ void reset_signals()
         ::signal(signo, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 // Set last: the kernel clears it when the user changes.
@@ -113,7 +113,7 @@ bool detach_process(const int* kept, std::size_t count)
 {
     sigset_t all;
     sigfillset(&all);
-    ::sigprocmask(SIG_BLOCK, &all, nullptr);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
     const znc::UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!null || ::chdir("/") != 0)
         return false;
@@ -150,7 +150,7 @@ void net_program_exec(const NetProgram& program, pid_t parent, int network, int 
         reset_signals();
         ::execve(program.path, const_cast<char* const*>(program.args), environment);
     }
-    ::dprintf(STDERR_FILENO, "%s: %s\n", step, ::strerror(errno));
+    ::dprintf(STDERR_FILENO, "%s: %s\n", step, ::strerrordesc_np(errno));
     ::_exit(127);
 }
 

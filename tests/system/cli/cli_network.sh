@@ -21,7 +21,7 @@ make_layout() {
     umoci new --image "$work/layout:latest"
     mkdir -p "$work"/tree/{bin,proc,dev,sys,tmp,etc}
     cp "$(command -v busybox)" "$work/tree/bin/busybox"
-    for applet in sh sleep cat ip nc nslookup hostname timeout; do
+    for applet in sh sleep cat head ip nc hostname timeout; do
         ln -sf busybox "$work/tree/bin/$applet"
     done
     echo 'of the image' >"$work/tree/etc/hosts"
@@ -36,7 +36,9 @@ make_layout >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
 # The world outside: another network namespace, with the address 192.0.2.1.
 unshare -n sleep 600 &
 outside=$!
-trap 'kill "$outside"' EXIT
+server=
+# shellcheck disable=SC2086
+trap 'kill "$outside" $server 2>/dev/null' EXIT
 in_outside() { nsenter -t "$outside" -n "$@"; }
 other_network() { [[ $(readlink "/proc/$outside/ns/net") != $(readlink /proc/self/ns/net) ]]; }
 eventually other_network
@@ -59,7 +61,9 @@ closed() { ! listens "$1"; }
 # Prints the processes of pasta in the network namespace of this test.
 pastas() { pgrep --ns $$ --nslist net -u 65534 -f '^pasta --foreground'; }
 no_pasta() { ! pastas >"$work/pastas"; }
-answers() { [[ $(busybox timeout 5 busybox nc "$1" "$2" </dev/null) == "$3" ]]; }
+# Whether the first line that the server at ADDRESS PORT sends is TEXT. Old versions of pasta repeat data
+# and lose the end of connections that are closed at once.
+answers() { [[ $(busybox timeout 2 busybox nc "$1" "$2" </dev/null | head -n 1) == "$3" ]]; }
 no_container() { [[ -z $(zncctl list -q) ]]; }
 no_record() { [[ -z $(ls -A /run/zarnel/containers) ]]; }
 says_in_error() { grep -qF -- "$1" "$work/err"; }
@@ -96,8 +100,9 @@ check 'nothing is left of the container' no_container
 check 'nor of its record' no_record
 ip route add default via 192.0.2.1
 
-image ask 'cat /etc/resolv.conf; exec nc 192.0.2.1 9000 </dev/null'
-in_outside busybox nc -l -p 9000 -e echo 'from outside' &
+image ask 'cat /etc/resolv.conf; timeout 5 nc 192.0.2.1 9000 </dev/null | head -n 1'
+in_outside busybox nc -l -p 9000 -e sh -c 'echo from outside; cat' &
+server=$!
 served() { in_outside ss -Hltn 'sport = :9000' | grep -q .; }
 eventually served
 zrun "$work/layout:ask" asking
@@ -122,7 +127,7 @@ zrun -d -p 127.0.0.1:8080:80 "$work/layout:serve" second
 check 'a port that is taken is an error' test "$status/$out" = 125/
 check 'which names the port' says_in_error 127.0.0.1/8080:80
 check 'and leaves the first container alone' answers 127.0.0.1 8080 inside
-image peer 'exec nc 192.0.2.2 8081 </dev/null'
+image peer 'timeout 5 nc 192.0.2.2 8081 </dev/null'
 zrun "$work/layout:peer"
 check 'containers reach each other by published ports only' test "$status/$out" != 0/inside
 run zncctl stop -t 1 server

@@ -1,6 +1,6 @@
 // Tests which parts of an image's configuration reach a bundle, and what is restored that
 // extraction loses.
-#include "cli/images/image_bundle.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "cli/images/image_mounts.hpp"
 #include "cli/images/image_settings.hpp"
 #include "cli/images/sticky.hpp"

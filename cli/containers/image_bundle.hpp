@@ -1,20 +1,16 @@
 // image_bundle.hpp - the bundles that `run` creates from images in the storage base, and unpacking
 // with progress reports and hints. Used by unpack, run, storage and delete.
-#ifndef ZNC_CLI_IMAGES_IMAGE_BUNDLE_HPP
-#define ZNC_CLI_IMAGES_IMAGE_BUNDLE_HPP
+#ifndef ZNC_CLI_CONTAINERS_IMAGE_BUNDLE_HPP
+#define ZNC_CLI_CONTAINERS_IMAGE_BUNDLE_HPP
 
-#include "bundle_area.hpp"
 #include "cli/containers/network.hpp"
+#include "cli/images/bundle_area.hpp"
 #include "front/command.hpp"
 #include "front/layout.hpp"
 
 #include <optional>
 
 namespace zncctl {
-
-// The path of the storage base, without a final "/". Throws std::runtime_error if it cannot be
-// created.
-std::string storage_base();
 
 struct Wanted {
     ImageName image;

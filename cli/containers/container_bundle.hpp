@@ -1,8 +1,8 @@
 // container_bundle.hpp - the bundle of a single container: a copy of another bundle's configuration
 // that names the same root, with the container's network and its files /etc/hosts, /etc/hostname
 // and /etc/resolv.conf. The other bundle does not change. Used by run and create.
-#ifndef ZNC_CLI_IMAGES_CONTAINER_BUNDLE_HPP
-#define ZNC_CLI_IMAGES_CONTAINER_BUNDLE_HPP
+#ifndef ZNC_CLI_CONTAINERS_CONTAINER_BUNDLE_HPP
+#define ZNC_CLI_CONTAINERS_CONTAINER_BUNDLE_HPP
 
 #include "cli/containers/network.hpp"
 #include "front/json.hpp"

@@ -1,20 +1,18 @@
 #include "image_bundle.hpp"
 
-#include "bundle_area.hpp"
 #include "cli/containers/container.hpp"
+#include "cli/images/bundle_area.hpp"
+#include "cli/images/image_settings.hpp"
+#include "cli/images/private_layout.hpp"
+#include "cli/images/sticky.hpp"
 #include "container_bundle.hpp"
 #include "front/blob.hpp"
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
 #include "front/progress.hpp"
-#include "image_settings.hpp"
 #include "image_user.hpp"
-#include "private_layout.hpp"
-#include "sticky.hpp"
-#include "zarnel/path_trust.h"
 
-#include <array>
 #include <fmt/format.h>
 #include <stdexcept>
 
@@ -223,32 +221,6 @@ class Unpacking {
 
 } // namespace
 
-namespace {
-
-// Why zncBasePathGet failed; it leaves the path of the rejected directory in the buffer.
-std::string base_problem(const char* path)
-{
-    const int error = errno;
-    znPathTrust trust = {};
-    if (error == EPERM && znPathTrusted(path, &trust) != OK && trust.fault[0] != '\0')
-        return fmt::format("the storage base is refused: {}", trust.fault);
-    errno = error;
-    return fmt::format("the storage base cannot be created: {}: {}", path, error_text());
-}
-
-} // namespace
-
-std::string storage_base()
-{
-    constexpr std::string_view kLayers = "/layers";
-    std::array<char, 1024> path{};
-    if (zncBasePathGet(path.data(), path.size(), ZNC_LAYER_PATH) == 0)
-        throw std::runtime_error(base_problem(path.data()));
-    std::string base = path.data();
-    base.resize(base.size() - kLayers.size());
-    return base;
-}
-
 Wanted wanted_image(const Arguments& args, ImageName image)
 {
     return {std::move(image), args.value("os", kDefaultOs), args.value("arch", kDefaultArch)};
@@ -345,7 +317,7 @@ std::string shared_bundle(const Arguments& args, const Wanted& wanted, const Cho
 {
     const std::string area = bundle_area();
     const std::string name = shared_name(args, chosen.image);
-    const std::string bundle = fmt::format("{}/{}", area, name);
+    std::string bundle = fmt::format("{}/{}", area, name);
     if (is_complete(bundle))
         return bundle;
     // Open all files of the image's layout before taking the lock, so that other processes need not

@@ -2,8 +2,8 @@
 // into the bundle's config.json for the use of Zarnel, with numbers only. Here it is looked up in
 // the image's own passwd and group files and written as "process.user", which the daemon follows.
 // Used by image_bundle.
-#ifndef ZNC_CLI_IMAGES_IMAGE_USER_HPP
-#define ZNC_CLI_IMAGES_IMAGE_USER_HPP
+#ifndef ZNC_CLI_CONTAINERS_IMAGE_USER_HPP
+#define ZNC_CLI_CONTAINERS_IMAGE_USER_HPP
 
 #include <string>
 
