@@ -105,7 +105,8 @@ std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, st
         return std::nullopt;
     }
     for (Finding& finding : *findings)
-        result.push_back(std::move(finding.words));
+        if (!finding.words.refused || finding.words.path != notes.duplicate_key)
+            result.push_back(std::move(finding.words));
     return result;
 }
 

@@ -1,7 +1,7 @@
 #include "keeper_link.hpp"
 
 #include "launch.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "launch.hpp"
 
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 #include <cstddef>
 #include <cstdint>

@@ -5,10 +5,10 @@
 #include "zarnel/msgq.h"
 
 #include "base/owned.hpp"
-#include "clock.hpp"
 #include "msgq_line.hpp"
 #include "msgq_owner.hpp"
 #include "msgq_probe.hpp"
+#include "system/clock.hpp"
 #include "zarnel/task.h"
 
 #include <cstdio>

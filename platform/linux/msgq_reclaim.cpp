@@ -3,7 +3,7 @@
 #include "zarnel/msgq.h"
 
 #include "msgq_probe.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 #include <cstdio>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 
 #include "base/failure.hpp"
 #include "base/owned.hpp"
-#include "clock.hpp"
+#include "system/clock.hpp"
 #include "zarnel/msgq.h"
 #include "zarnel/task.h"
 

@@ -7,7 +7,7 @@
 #include "ns_record.hpp"
 #include "ns_settings.hpp"
 #include "overlay_device.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 #include "zarnel/overlay.h"
 #include "zarnel/signal.h"
 

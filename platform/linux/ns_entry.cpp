@@ -1,7 +1,7 @@
 #include "ns_entry.hpp"
 
 #include "ns_record.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 namespace zn {
 namespace {

@@ -3,7 +3,7 @@
 #include "zarnel/ns_network.h"
 
 #include "net_program.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 #include "zarnel/ns_control.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "base/file.hpp"
 #include "helper/wire.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 #include "zarnel/daemon_file.h"
 #include "zarnel/fs.h"
 

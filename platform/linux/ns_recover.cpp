@@ -2,9 +2,9 @@
 #include "zarnel/ns.h"
 
 #include "base/owned.hpp"
-#include "clock.hpp"
 #include "ns_record.hpp"
-#include "pidfd.hpp"
+#include "system/clock.hpp"
+#include "system/pidfd.hpp"
 
 #include <cerrno>
 #include <csignal>

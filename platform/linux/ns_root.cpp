@@ -3,7 +3,7 @@
 
 #include "base/failure.hpp"
 #include "ns_record.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 #include <cstdio>
 #include <cstring>

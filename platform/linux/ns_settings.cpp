@@ -76,6 +76,23 @@ bool has_limits(const Resources& wanted)
            !wanted.devices.empty();
 }
 
+// Writes the path of the group that a container has by default. The name is for people; the id
+// makes it unique. Other characters than these would have to be escaped, or mean something in a
+// path.
+int default_path(nsid_t id, const char* name, char (&path)[kCgroupPathMax])
+{
+    constexpr int kNameLength = 64;
+    char plain[kNameLength + 1] = "";
+    for (int i = 0; i < kNameLength && name[i] != '\0'; i++) {
+        const char c = name[i];
+        const bool known = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                           (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
+        plain[i] = known ? c : '_';
+    }
+    return std::snprintf(path, sizeof path, "%s%s%s%08x", kDaemonGroup, plain,
+                         plain[0] != '\0' ? "-" : "", static_cast<unsigned>(id));
+}
+
 // Creates a group with the limits that are given, and with the default limit of processes where the
 // machine can enforce it.
 int create_group(const char* path, Resources& wanted, const char** field)
@@ -260,8 +277,7 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fa
     const char* wanted = given ? settings_.cgroupsPath.get() : "";
     const int len = given ? std::snprintf(path, sizeof path, "%s%s",
                                           wanted[0] == '/' ? "" : kDaemonGroup, wanted)
-                          : std::snprintf(path, sizeof path, "%s%s-%08x", kDaemonGroup, name,
-                                          static_cast<unsigned>(id));
+                          : default_path(id, name, path);
     if (len < 0 || static_cast<std::size_t>(len) >= sizeof path)
         return refuse_errno(fault, "linux.cgroupsPath", ENAMETOOLONG);
     const char* limit = nullptr;

@@ -5,11 +5,11 @@
 #include "zarnel/overlay.h"
 
 #include "base/file.hpp"
-#include "clock.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
 #include "overlay_mount.hpp"
 #include "overlay_stack.hpp"
+#include "system/clock.hpp"
 
 #include <climits>
 #include <cstdio>

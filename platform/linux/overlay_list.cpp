@@ -2,7 +2,7 @@
 #include "zarnel/overlay.h"
 
 #include "base/owned.hpp"
-#include "mount_table.hpp"
+#include "system/mount_table.hpp"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // process.cpp - reaping children, by pidfd and otherwise.
 #include "zarnel/process.h"
 
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include "helper/wire.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
-#include "pidfd.hpp"
+#include "system/pidfd.hpp"
 #include "zarnel/fs.h"
 
 #include <algorithm>

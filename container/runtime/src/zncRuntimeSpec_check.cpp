@@ -113,6 +113,8 @@ class Check {
     {
         const znc::CJsonText document(cJSON_PrintUnformatted(root));
         no_memory_ = no_memory_ || document == nullptr;
+        if (refused_)
+            return; // what else would be refused is not certain
         char reason[ZNNS_REASON_MAX] = "";
         if (no_memory_ || znnsConfigurationCheck(document.get(), reason, sizeof reason) == OK)
             return;
@@ -229,6 +231,7 @@ class Check {
         if (no_memory_)
             return;
         write_path(at, path.get());
+        refused_ = refused_ || verdict == ZNC_CONFIG_REFUSED;
         const ZNC_CONFIG_FINDING finding = {verdict, path.get(), expected, kind_of(item),
                                             cJSON_GetStringValue(item)};
         func_(&finding, context_);
@@ -237,6 +240,7 @@ class Check {
     ZNC_CONFIG_FUNC func_;
     void* context_;
     bool no_memory_ = false;
+    bool refused_ = false;
 };
 
 } // namespace

@@ -39,7 +39,7 @@ bool differs(const Pair& pair)
 
 znc::UniqueFd open_in(const Pair& pair, int dir, const char* name, int flags)
 {
-    znc::UniqueFd fd(::openat(dir, name, flags));
+    znc::UniqueFd fd(::openat(dir, name, flags | O_CLOEXEC));
     if (!fd)
         static_cast<void>(differs(pair));
     return fd;

@@ -1,7 +1,7 @@
 // cgroup.cpp - creates groups and tells how to enter them; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "clock.hpp"
+#include "system/clock.hpp"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // cgroup_freeze.cpp - freezes and thaws a group; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "clock.hpp"
+#include "system/clock.hpp"
 
 #include <algorithm>
 #include <cerrno>

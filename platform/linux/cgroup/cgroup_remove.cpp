@@ -1,8 +1,8 @@
 // cgroup_remove.cpp - ends what is left in a group and removes it; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "clock.hpp"
-#include "pidfd.hpp"
+#include "system/clock.hpp"
+#include "system/pidfd.hpp"
 
 #include <algorithm>
 #include <cerrno>

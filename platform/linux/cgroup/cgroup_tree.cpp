@@ -1,6 +1,6 @@
 #include "cgroup_tree.hpp"
 
-#include "mount_table.hpp"
+#include "system/mount_table.hpp"
 
 #include <algorithm>
 #include <cerrno>

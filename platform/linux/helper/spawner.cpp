@@ -369,9 +369,11 @@ long execute(const char* program, char** argv, char** envp)
 void write_text(const char* path, const char* text)
 {
     const sys::Fd file(sys::call(__NR_openat, AT_FDCWD, sys::arg(path), O_WRONLY | O_CLOEXEC));
-    check(file.valid()
-              ? sys::call(__NR_write, file.get(), sys::arg(text), static_cast<long>(strlen(text)))
-              : -file.error());
+    const long result = file.valid() ? sys::call(__NR_write, file.get(), sys::arg(text),
+                                                 static_cast<long>(strlen(text)))
+                                     : -file.error();
+    // The control group is gone, and with it the namespace.
+    check(result == -ENOENT || result == -ENODEV ? -ESRCH : result);
 }
 
 // What must be done while the host's files are visible. The program inherits it.

@@ -165,7 +165,7 @@ struct Sysctl {
 };
 
 struct Settings {
-    Text hostname; // null or "": that of the namespace service
+    Text hostname;                // null or "": that of the namespace service
     bool namespacesGiven = false; // false: the defaults of the namespace service
     NsChoice namespaces[kNsKinds];
     List<IdMapping> uidMappings;

@@ -110,6 +110,8 @@ template <class Read> bool read_members(JsonReader& reader, const Node& at, Read
 enum class Presence { kOptional, kRequired };
 // kAnyCase is for names that the library reads, too: it ignores their case.
 enum class Spelling { kExact, kAnyCase };
+// What happens to other members. A known name in another case is never ignored: its author meant
+// it.
 enum class Others { kRefused, kIgnored };
 
 // A member of an object that is read into a T.
@@ -131,10 +133,17 @@ bool read_object(JsonReader& reader, const Node& at, const Member<T> (&members)[
                 return &member;
         return nullptr;
     };
+    const auto is_near = [&members](const char* name) {
+        for (const Member<T>& member : members)
+            if (equal_ignoring_case(member.name, name))
+                return true;
+        return false;
+    };
     const auto read = [&](const Node& node) {
         const Member<T>* const member = find(node.name);
         if (member == nullptr)
-            return others == Others::kIgnored || reader.refuse(node, "is unknown");
+            return (others == Others::kIgnored && !is_near(node.name)) ||
+                   reader.refuse(node, "is unknown");
         return member->read(reader, node, record);
     };
     if (!read_members(reader, at, read))

@@ -89,7 +89,7 @@ constexpr Member<Settings> kLinux[] = {
 
 bool read_linux(JsonReader& reader, const Node& at, Settings& settings)
 {
-    return read_object(reader, at, kLinux, settings);
+    return read_object(reader, at, kLinux, settings, Others::kIgnored);
 }
 
 } // namespace zn

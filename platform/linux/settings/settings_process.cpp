@@ -196,7 +196,7 @@ constexpr Member<Settings> kProcess[] = {
 
 bool read_process(JsonReader& reader, const Node& at, Settings& settings)
 {
-    return read_object(reader, at, kProcess, settings);
+    return read_object(reader, at, kProcess, settings, Others::kIgnored);
 }
 
 } // namespace zn

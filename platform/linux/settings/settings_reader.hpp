@@ -3,8 +3,10 @@
 // "process.args", "process.env", "process.cwd", "hooks" and "annotations" are read elsewhere and
 // not looked at here.
 //
-// Every member named in settings.hpp is checked by type and range. A member of "linux" or "process"
-// that restricts or grants something and is not known here is refused, not ignored. A name that
+// Every member named in settings.hpp is checked by type and range. Members of "linux" and "process"
+// that restrict or grant something and cannot be honoured are refused by name. Those that the
+// standard does not know are ignored, as it demands, but not inside the objects that are read here,
+// whose meaning they could change. A name that
 // occurs twice in an object that is read here, also in another case, is refused. Names are compared
 // exactly, except for those that the library reads as well ("process", "root" and some of their
 // members), whose case it ignores. A member that is null counts as absent.

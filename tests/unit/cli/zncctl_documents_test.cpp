@@ -84,14 +84,13 @@ TEST(ConfigCheck, NamesWhatCreateRefuses)
 TEST(ConfigCheck, NamesWhatCreateIgnores)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/",
-                           "user": {"uid": 1}, "terminal": true, "env": {}},
+                           "user": {"uid": 1, "gid": 1}, "terminal": true, "env": {}},
                            "root": {"path": "r", "readonly": true}, "linux": {}, "mounts": [
                            {"source": 1, "options": []}], "annotations": {"a": 1}, "zarnel": {"rtp":
                            {"rtpPriority": 50, "rtpStackSize": "64k"}, "resources": {}}})"),
               (Texts{"ignored annotations.a", "ignored process.env", "ignored process.terminal",
-                     "ignored process.user", "ignored root.readonly", "ignored mounts[0].source",
-                     "ignored zarnel.rtp.rtpPriority", "refused zarnel.rtp.rtpStackSize",
-                     "ignored zarnel.resources", "ignored linux"}));
+                     "ignored mounts[0].source", "ignored zarnel.rtp.rtpPriority",
+                     "refused zarnel.rtp.rtpStackSize", "ignored zarnel.resources"}));
 }
 
 TEST(ConfigCheck, RefusesListsWithElementsOfAWrongType)

@@ -117,7 +117,7 @@ TEST(ConfigCheckCall, NamesWhatIsTakenForSomethingElse)
 TEST(ConfigCheckCall, NamesWhatChangesNothing)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/",
-                           "user": {"uid": 1}, "terminal": true, "env": {}}, "hostname": "h",
+                           "user": {"uid": 1, "gid": 1}, "terminal": true, "env": {}}, "hostname": "h",
                            "root": {"path": "r", "readonly": true}, "linux": {}, "vm": {}, "mounts": [
                            {"source": 1, "options": []}], "annotations": {"a": 1},
                            "zarnel": {"rtp": {"rtpPriority": 50}, "resources": {}}})"),

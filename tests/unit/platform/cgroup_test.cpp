@@ -2,7 +2,7 @@
 // machine has, and on its v2 hierarchy alone where it has both.
 #include "cgroup_world.hpp"
 
-#include "clock.hpp"
+#include "system/clock.hpp"
 #include "descriptors.hpp"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // Tests of reading the mount table.
-#include "mount_table.hpp"
+#include "system/mount_table.hpp"
 
 #include <cstring>
 #include <filesystem>

@@ -1,7 +1,7 @@
 #include "msgq_line.hpp"
 
 #include "base/owned.hpp"
-#include "clock.hpp"
+#include "system/clock.hpp"
 #include "eventually.hpp"
 #include "test_tree.hpp"
 #include "zarnel/msgq.h"

@@ -348,7 +348,6 @@ constexpr Refusal kOthers[] = {
      "linux.memoryPolicy", "is not supported"},
     {"NetDevices", "linux", R"("netDevices":{"eth0":{}})", ENOTSUP, "linux.netDevices",
      "is not supported"},
-    {"Unknown", "linux", R"("sandbox":{})", EINVAL, "linux.sandbox", "is unknown"},
     {"KnownNameInAnotherCase", "linux", R"("Seccomp":{})", EINVAL, "linux.Seccomp", "is unknown"},
 };
 REFUSED_SETTINGS(OtherMembers, kOthers);
