@@ -1,8 +1,8 @@
 // Combines create, start, wait and delete.
 #include "cli/containers/container.hpp"
 #include "cli/containers/foreground.hpp"
-#include "cli/containers/monitor.hpp"
 #include "cli/containers/image_bundle.hpp"
+#include "cli/containers/monitor.hpp"
 #include "commands.hpp"
 
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
 #include "cli/containers/container.hpp"
+#include "cli/containers/image_bundle.hpp"
 #include "cli/containers/storage_use.hpp"
 #include "cli/images/bundle_area.hpp"
-#include "cli/containers/image_bundle.hpp"
 #include "commands.hpp"
 #include "front/json.hpp"
 #include "front/output.hpp"

@@ -21,8 +21,8 @@ extern "C" {
 nsid_t znnsFind(const char* name);
 
 /*
- * Call `visit` for each namespace with a root, with the name that znnsFind takes. Its owner may have
- * died; the calls below then fail. OK, or ERROR if the namespaces cannot be listed.
+ * Call `visit` for each namespace with a root, with the name that znnsFind takes. Its owner may
+ * have died; the calls below then fail. OK, or ERROR if the namespaces cannot be listed.
  */
 STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context);
 

@@ -77,8 +77,9 @@ STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user);
  * If `path` does not exist and argv[0] has no "/", the program is looked up in the PATH of `envp`.
  *
  * OK with the process id in `pid`, or ERROR with the task error number set: ESRCH (the namespace no
- * longer exists), EBUSY (it is suspended), ENOENT, EACCES, ENOEXEC and similar errors from loading the program, ENOTDIR or
- * ENOENT for the working directory, EPERM without the necessary rights. No child is left then.
+ * longer exists), EBUSY (it is suspended), ENOENT, EACCES, ENOEXEC and similar errors from loading
+ * the program, ENOTDIR or ENOENT for the working directory, EPERM without the necessary rights. No
+ * child is left then.
  */
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
                char* const* envp);

@@ -49,8 +49,8 @@ int cgroup_entries(const char* path, List<Text>& entries);
 int cgroup_freeze(const char* path, bool frozen);
 int cgroup_frozen(const char* path, bool& frozen);
 
-// Thaws the group if it is frozen: frozen processes do not die when they are killed. "" is no group.
-// errno is preserved.
+// Thaws the group if it is frozen: frozen processes do not die when they are killed. "" is no
+// group. errno is preserved.
 void cgroup_thaw(const char* path);
 
 struct CgroupUse {

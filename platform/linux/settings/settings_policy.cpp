@@ -164,7 +164,8 @@ bool settings_within_defaults(const Settings& settings, SettingsFault& fault)
 {
     return namespaces_within(settings, fault) && capabilities_within(settings, fault) &&
            priorities_within(settings, fault) && devices_within(settings, fault) &&
-           filter_within(settings, fault) && group_within(settings, fault) && propagation_within(settings, fault);
+           filter_within(settings, fault) && group_within(settings, fault) &&
+           propagation_within(settings, fault);
 }
 
 } // namespace zn

@@ -1,7 +1,7 @@
 // Tests of the network options of zncctl and of what a container's own bundle gets from them.
+#include "cli/containers/container_bundle.hpp"
 #include "cli/containers/network.hpp"
 #include "cli/containers/network_files.hpp"
-#include "cli/containers/container_bundle.hpp"
 #include "front/record.hpp"
 
 #include <gtest/gtest.h>

@@ -2,8 +2,8 @@
 // machine has, and on its v2 hierarchy alone where it has both.
 #include "cgroup_world.hpp"
 
-#include "system/clock.hpp"
 #include "descriptors.hpp"
+#include "system/clock.hpp"
 
 #include <algorithm>
 #include <atomic>

@@ -1,8 +1,8 @@
 #include "msgq_line.hpp"
 
 #include "base/owned.hpp"
-#include "system/clock.hpp"
 #include "eventually.hpp"
+#include "system/clock.hpp"
 #include "test_tree.hpp"
 #include "zarnel/msgq.h"
 
