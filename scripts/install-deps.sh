@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [demo] [vm] - installs the Debian packages needed
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] - installs the Debian packages needed
 # for building, packaging, tests, benchmarks, the demo or tests in a virtual machine; without
 # arguments, those for build, test and demo. Needs root only if packages are missing.
 set -euo pipefail
@@ -15,6 +15,7 @@ test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppche
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
+compare=(busybox-static crun podman skopeo umoci)
 demo=(busybox-static mount passt tar umoci)
 vm=(busybox-static cpio qemu-system-x86)
 
@@ -26,10 +27,11 @@ for group in "$@"; do
     package) packages+=("${package[@]}") ;;
     test) packages+=("${test[@]}") ;;
     bench) packages+=("${bench[@]}") ;;
+    compare) packages+=("${compare[@]}") ;;
     demo) packages+=("${demo[@]}") ;;
     vm) packages+=("${vm[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [demo] [vm]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm]\n' >&2
         exit 64
         ;;
     esac
