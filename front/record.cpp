@@ -95,6 +95,8 @@ Record from_json(const Json& json)
     record.started = text_of(json, "started");
     record.exited = text_of(json, "exited");
     record.exit_code = number_of(json, "exitCode");
+    const Json* killed = member(json, "oomKilled");
+    record.out_of_memory = killed != nullptr && *killed == true;
     return record;
 }
 
@@ -154,6 +156,7 @@ void RecordKeeper::write(const Record& record) const
     if (record.exit_code) {
         json["exitCode"] = *record.exit_code;
         json["exited"] = record.exited;
+        json["oomKilled"] = record.out_of_memory;
     }
     static_cast<void>(replace_file(dir_.get(), kStatusName, pretty(json)));
 }

@@ -24,6 +24,7 @@ struct Record {
     std::string started;       // RFC 3339
     std::optional<int> exit_code;
     std::string exited;
+    bool out_of_memory = false; // killed because the memory limit was reached
 };
 
 // Formats a time as in RFC 3339, in UTC.

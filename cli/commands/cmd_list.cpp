@@ -24,7 +24,9 @@ struct Row {
     }
     [[nodiscard]] std::string exit_code() const
     {
-        return record && record->exit_code ? std::to_string(*record->exit_code) : "-";
+        if (!record || !record->exit_code)
+            return "-";
+        return std::to_string(*record->exit_code) + (record->out_of_memory ? "(OOM)" : "");
     }
 };
 
@@ -89,6 +91,7 @@ int print_as_json(std::vector<Row>& rows)
         if (row.record && row.record->exit_code) {
             row.state["exitCode"] = *row.record->exit_code;
             row.state["exited"] = row.record->exited;
+            row.state["oomKilled"] = row.record->out_of_memory;
         }
         list.push_back(std::move(row.state));
     }

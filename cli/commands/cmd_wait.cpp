@@ -1,5 +1,7 @@
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
+#include "front/escape.hpp"
+#include "front/output.hpp"
 #include "front/record.hpp"
 #include "front/words.hpp"
 
@@ -14,13 +16,18 @@ using Clock = std::chrono::steady_clock;
 
 enum class Outcome { kEnded, kRunning, kLost };
 
+struct End {
+    int code = 0;
+    bool out_of_memory = false;
+};
+
 // Checks the record once, without waiting.
-Outcome check_record(int dir, int& code)
+Outcome check_record(int dir, End& end)
 {
     const bool kept = record_is_kept(dir);
     const auto record = read_record(dir);
     if (record && record->exit_code) {
-        code = *record->exit_code;
+        end = {*record->exit_code, record->out_of_memory};
         return Outcome::kEnded;
     }
     return kept ? Outcome::kRunning : Outcome::kLost;
@@ -31,13 +38,13 @@ int report_lost(const std::string& id)
     return failure(id, "its exit code is unknown: the process that started it did not wait for it");
 }
 
-// Returns kExitOk with the exit code of the program in `code`, or another exit status after
-// printing a message.
-int wait_for(const std::string& id, Clock::time_point deadline, int& code)
+// Returns kExitOk with the end of the program in `end`, or another exit status after printing a
+// message.
+int wait_for(const std::string& id, Clock::time_point deadline, End& end)
 {
     for (;;) {
         const znc::UniqueFd dir = open_record(id);
-        const Outcome outcome = dir ? check_record(dir.get(), code) : Outcome::kRunning;
+        const Outcome outcome = dir ? check_record(dir.get(), end) : Outcome::kRunning;
         if (outcome == Outcome::kEnded)
             return kExitOk;
         if (outcome == Outcome::kLost || !dir) {
@@ -46,7 +53,7 @@ int wait_for(const std::string& id, Clock::time_point deadline, int& code)
                 return daemon_failure(errno, id);
             // The exit code may have been recorded since the record was checked.
             if (status == STATE_STOPPED &&
-                (!dir || check_record(dir.get(), code) == Outcome::kLost))
+                (!dir || check_record(dir.get(), end) == Outcome::kLost))
                 return report_lost(id);
         }
         if (Clock::now() >= deadline)
@@ -67,9 +74,14 @@ int cmd_wait(const Arguments& args)
         deadline = Clock::now() + std::chrono::seconds(*seconds);
     }
     return for_each_id(args.all_operands(), true, [&](const std::string& id) {
-        int code = 0;
-        const int status = wait_for(id, deadline, code);
-        return status == kExitOk ? print_result(std::to_string(code)) : status;
+        End end;
+        const int status = wait_for(id, deadline, end);
+        if (status != kExitOk)
+            return status;
+        if (end.out_of_memory)
+            print_hint(fmt::format("{} was killed because its memory limit was reached",
+                                   printable(id)));
+        return print_result(std::to_string(end.code));
     });
 }
 

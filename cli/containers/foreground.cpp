@@ -39,8 +39,7 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tt
     }
     Record program_record = describe(session.program(), false);
     record.write(program_record);
-    program_record.exit_code = session.wait();
-    program_record.exited = time_text(std::time(nullptr));
+    note_end(program_record, id, session.wait());
     record.write(program_record);
     end_network_of_stopped(id);
     return session.finish(id, *program_record.exit_code);

@@ -63,8 +63,7 @@ class Monitor {
         while (!program_record_.exit_code || output_) {
             if (const auto& status = program_.look(); status && !program_record_.exit_code) {
                 read_rest(); // the log must be complete when the exit code appears
-                program_record_.exit_code = status;
-                program_record_.exited = time_text(std::time(nullptr));
+                note_end(program_record_, id_, *status);
                 record.write(program_record_);
                 end_network_of_stopped(id_);
                 continue;

@@ -2,10 +2,12 @@
 
 #include "config_check.hpp"
 #include "container.hpp"
+#include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "program_file.hpp"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -15,6 +17,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "zarnel/ns_control.h"
 #include "zarnel/process.h"
 #include "zarnel/process_list.h"
 #include "zncontainer.h"
@@ -234,6 +237,16 @@ Record describe(const Program& program, bool logged)
     if (znProcessNamespace(program.pid(), ns_name.data(), ns_name.size()) == OK)
         record.pid_namespace = ns_name.data();
     return record;
+}
+
+void note_end(Record& record, const std::string& id, int status)
+{
+    record.exit_code = status;
+    record.exited = time_text(std::time(nullptr));
+    // The kernel kills with this signal, and counts it in the control group.
+    const nsid_t ns = status == 128 + SIGKILL ? znnsFind(kept_id(id).c_str()) : -1;
+    ZN_NS_USE use = {};
+    record.out_of_memory = ns >= 0 && znnsUseGet(ns, &use) == OK && use.oomKills > 0;
 }
 
 int start_failure(int error, const std::string& id)

@@ -76,6 +76,9 @@ int startable(const std::string& id);
 // Returns the record of a program that was just started.
 Record describe(const Program& program, bool logged);
 
+// Completes the record of a program that has ended with this status.
+void note_end(Record& record, const std::string& id, int status);
+
 // Prints the message and hints for a failed start; returns exit status 125, 126 or 127.
 int start_failure(int error, const std::string& id);
 

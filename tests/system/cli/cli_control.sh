@@ -182,6 +182,27 @@ fails_with 'a container that does not exist exits 2' 2 'Container does not exist
 run zncctl stats --all web
 check 'ids with --all are a usage error' test "$status/$out" = 64/
 
+# A program that needs more memory than it may have.
+make_bundle "$work/big" /bin/sh -c 'dd if=/dev/zero of=/dev/null bs=200M count=1; echo survived'
+jq '.linux={"resources":{"memory":{"limit":16777216,"swap":16777216}}} | .process.args=["/bin/dd","if=/dev/zero","of=/dev/null","bs=200M","count=1"]' \
+    "$work/big/config.json" >"$work/big.json" && mv "$work/big.json" "$work/big/config.json"
+ln -sf busybox "$work/big/rootfs/bin/dd"
+run zncctl run --keep -b "$work/big" big
+check 'a program above its memory limit is killed' test "$status" = 137
+run zncctl wait big
+check 'wait says that the limit was the reason' test "$status/$out/$err" = \
+    '0/137/zncctl: hint: big was killed because its memory limit was reached'
+check 'and list' test "$(field big 3)" = '137(OOM)'
+run zncctl list -f json
+check 'also as JSON' json 'assert [c for c in docs[0] if c["id"] == "big"][0]["oomKilled"] is True, docs'
+run zncctl delete -q big
+zncctl run --keep -b "$work/loop" ends >/dev/null 2>&1 &
+eventually status_is ends running
+zncctl kill -q -s KILL ends
+wait $!
+check 'a program that is killed otherwise is not' test "$(field ends 3)" = 137
+zncctl delete -q ends
+
 # Processes.
 has_process() { zncctl top "$1" | grep -q "$2"; }
 zncctl exec -d web sleep "$mark"
