@@ -86,6 +86,7 @@ class Namespaces : public testing::Test {
         const nsid_t first = znnsCreate(kFlags);
         ASSERT_GE(first, 0) << std::strerror(errno);
         ASSERT_EQ(znnsDelete(first), OK);
+        ASSERT_EQ(znnsShutdown(), 0); // a keeper that has not ended yet still has descriptors
         descriptors_ = open_descriptors();
     }
 
