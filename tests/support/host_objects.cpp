@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -13,8 +14,10 @@
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -44,6 +47,19 @@ void describe(const fs::path& path, std::ostream& out)
     if (S_ISLNK(st.st_mode))
         out << " -> " << fs::read_symlink(path).string();
     out << '\n';
+}
+
+// A stream socket that listens on an abstract name.
+znc::UniqueFd abstract_listener(const std::string& name)
+{
+    sockaddr_un address = {AF_UNIX, ""};
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    znc::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd || ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+        ::listen(fd.get(), 8) != 0)
+        throw std::runtime_error("abstract socket: " + std::string(std::strerror(errno)));
+    return fd;
 }
 
 int made(int object, const char* what)
@@ -91,6 +107,7 @@ HostObjects::HostObjects(const std::string& name)
     // Without key rings in the kernel, there is no key to protect.
     secretKey_ = ::syscall(SYS_add_key, "user", name_.c_str(), kKeyText, sizeof kKeyText - 1,
                            KEY_SPEC_USER_KEYRING);
+    socket_ = abstract_listener("probe-" + name_);
     before_ = state();
 }
 
@@ -109,10 +126,13 @@ HostObjects::~HostObjects()
 std::vector<std::string> HostObjects::variables() const
 {
     const auto text = [](auto value) { return std::to_string(value); };
-    return {"PROBE_SECRET=" + secret(), "PROBE_QUEUES=" + queues_[0] + "," + queues_[1],
+    return {"PROBE_SECRET=" + secret(),
+            "PROBE_QUEUES=" + queues_[0] + "," + queues_[1],
             "PROBE_SYSV=" + text(key_) + "," + text(shm_) + "," + text(key_) + "," + text(msg_) +
                 "," + text(key_) + "," + text(sem_),
-            "PROBE_KEY=" + text(secretKey_) + "," + name_};
+            "PROBE_KEY=" + text(secretKey_) + "," + name_,
+            "PROBE_SOCKET=probe-" + name_,
+            "PROBE_NETWORK=" + fs::read_symlink("/proc/self/ns/net").string()};
 }
 
 std::string HostObjects::state() const

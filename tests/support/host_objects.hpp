@@ -1,7 +1,10 @@
 // host_objects.hpp - objects of the host that a container must neither see nor change: a directory,
-// queues, System V objects and a key in root's key ring. Created for a test and removed after it.
+// queues, System V objects, an abstract socket and a key in root's key ring. Created for a test and
+// removed after it.
 #ifndef HOST_OBJECTS_HPP
 #define HOST_OBJECTS_HPP
+
+#include "base/owned.hpp"
 
 #include <string>
 #include <vector>
@@ -34,6 +37,7 @@ class HostObjects {
     int sem_ = -1;
     int key_ = 0; // of the System V objects
     long secretKey_ = -1;
+    znc::UniqueFd socket_; // listens on the abstract name "probe-`name`"
     std::string before_;
 };
 

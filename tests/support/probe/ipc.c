@@ -8,6 +8,7 @@
 #include <mqueue.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,7 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 static void check_queue(const char* queue)
@@ -77,10 +79,35 @@ static void check_system_v(void)
     refused("semaphores-set", semctl(number[5], 0, SETVAL, 1), EINVAL, 0);
 }
 
-/*
- * The network namespace is the host's, and so are its abstract sockets: none may belong to a
- * component of this system.
- */
+/* Abstract Unix sockets belong to the network namespace. */
+static void check_network(void)
+{
+    char own[64] = "";
+    verdict("network-namespace",
+            readlink("/proc/self/ns/net", own, sizeof own - 1) > 0 &&
+                strcmp(own, setting("NETWORK")) != 0,
+            "%s is the host's", own);
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    const size_t length = strlen(setting("SOCKET"));
+    memcpy(address.sun_path + 1, setting("SOCKET"),
+           length < sizeof address.sun_path - 1 ? length : sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    refused("abstract-socket",
+            connect(fd, (const struct sockaddr*)&address,
+                    (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + length)),
+            ECONNREFUSED, 0);
+    close(fd);
+    struct if_nameindex* all = if_nameindex();
+    char other[IF_NAMESIZE] = "";
+    for (const struct if_nameindex* one = all; one != NULL && one->if_index != 0; one++)
+        if (strcmp(one->if_name, "lo") != 0)
+            snprintf(other, sizeof other, "%s", one->if_name);
+    verdict("network-interfaces", all != NULL && *other == '\0', "%s is there", other);
+    if (all != NULL)
+        if_freenameindex(all);
+}
+
+/* No abstract socket of a component of this system may be visible. */
 static void check_sockets(void)
 {
     char line[512];
@@ -172,6 +199,7 @@ void check_ipc(void)
     check_queues();
     check_system_v();
     check_sockets();
+    check_network();
     check_keys();
 }
 

@@ -13,6 +13,8 @@
  *   PROBE_PIDS      host process ids, separated by ","
  *   PROBE_QUEUES    message queues of the host, separated by ","
  *   PROBE_SYSV      "SHM-KEY,SHM-ID,MSG-KEY,MSG-ID,SEM-KEY,SEM-ID" of the host, in decimal
+ *   PROBE_SOCKET    abstract name of a listening Unix socket of the host
+ *   PROBE_NETWORK   the host's network namespace, as its link in /proc reads
  *   PROBE_KEY       "ID,NAME" of a key in the key ring of the host's root
  *   PROBE_DISK      "MAJOR,MINOR" of a disk of the host
  *   PROBE_NODES     device nodes in the image, separated by ","
