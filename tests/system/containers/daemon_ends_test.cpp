@@ -208,8 +208,8 @@ TEST_F(DaemonEnds, AFullRuntimeDirectoryKeepsNoDaemonFromStarting)
 TEST_F(DaemonEnds, OnADiskWithoutSpaceTheDaemonStartsAndContainersAreRefusedOrWork)
 {
     EXPECT_EQ(stop_daemon(SIGTERM), 0);
-    ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=4k,mode=700"), 0);
-    std::ofstream("/run/zarnel/full") << std::string(4096, 'x');
+    ASSERT_EQ(::mount("tmpfs", "/run/zarnel", "tmpfs", 0, "size=64k,mode=700"), 0);
+    std::ofstream("/run/zarnel/full") << std::string(65536, 'x');
     start_daemon();
     EXPECT_TRUE(zncDaemonIsAlive());
     EXPECT_EQ(read_file("/run/zarnel/zncd.lock"), "") << "no half of a number";
