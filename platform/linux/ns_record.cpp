@@ -154,8 +154,19 @@ unsigned long long process_start_time(pid_t pid)
     return value;
 }
 
-// Writes a temporary file and links it to its final name, so that a record is always complete, even
-// if the file system is full or the writer is killed.
+// Renames without replacing. Some file systems cannot do that in one call.
+int rename_new(const char* from, const char* to)
+{
+    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL || ::link(from, to) != 0)
+        return -1;
+    ::unlink(from);
+    return 0;
+}
+
+// Writes a temporary file and gives it its final name, so that a record is always complete, even if
+// the file system is full or the writer is killed.
 int ns_record_write(nsid_t ns, const NsRecord& record, std::span<const char> confinement)
 {
     if (znMkdirParents(kRecordDir, 0700) != OK)
@@ -169,10 +180,12 @@ int ns_record_write(nsid_t ns, const NsRecord& record, std::span<const char> con
     if (result == 0) {
         char path[64];
         record_path(ns, path);
-        result = ::link(unfinished, path);
+        result = rename_new(unfinished, path);
     }
-    const znc::ErrnoSaver keep;
-    ::unlink(unfinished);
+    if (result != 0) {
+        const znc::ErrnoSaver keep;
+        ::unlink(unfinished);
+    }
     return result;
 }
 

@@ -58,6 +58,8 @@ inline const std::vector<int>& errors_of(long call)
         return opening;
     case SYS_mq_open:
         return queue;
+    case SYS_utimensat: // not reported: the tree is as good, but differs from one with its times
+        return none;
     case SYS_socketpair:
     case SYS_pipe2:
     case SYS_memfd_create:
@@ -78,7 +80,6 @@ inline const std::vector<int>& errors_of(long call)
     case SYS_unlinkat:
     case SYS_ftruncate:
     case SYS_fchmod:
-    case SYS_utimensat:
 #ifdef SYS_mkdir
     case SYS_mkdir:
     case SYS_rename:
