@@ -7,6 +7,8 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <mqueue.h>
 #include <sched.h>
 #include <sys/wait.h>

@@ -170,10 +170,10 @@ TEST_F(Control, TheGroupOfAnOwnerThatDiedIsRemovedByTheNext)
     ASSERT_GE(owner, 0);
     if (owner == 0) {
         const nsid_t ns = rooted();
-        const bool told = ::write(writer.get(), &ns, sizeof ns) == sizeof ns;
-        for (; told;)
+        if (::write(writer.get(), &ns, sizeof ns) != sizeof ns)
+            ::_exit(1);
+        for (;;)
             ::pause();
-        ::_exit(1);
     }
     nsid_t ns = -1;
     ASSERT_EQ(::read(reader.get(), &ns, sizeof ns), static_cast<ssize_t>(sizeof ns));
