@@ -230,9 +230,8 @@ znc::UniqueFd make_network_end(const std::string& id)
     return open_network_end(dir.get(), O_RDWR);
 }
 
-NetworkEnd::NetworkEnd(const std::string& id)
+NetworkEnd::NetworkEnd(const std::string& id) : dir_(open_record(id))
 {
-    dir_ = open_record(id);
     if (dir_)
         writer_ = open_network_end(dir_.get(), O_WRONLY);
 }

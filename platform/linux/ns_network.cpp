@@ -156,7 +156,7 @@ class Guard {
     UniqueFd report_;
     UniqueFd program_;
     bool works_ = false;
-    char text_[kTextMax];
+    char text_[kTextMax] = {};
     std::size_t used_ = 0;
 };
 
@@ -178,8 +178,10 @@ class Guard {
     connection.network.reset();
     connection.ready.writer.reset();
     connection.output.writer.reset();
-    if (program > 0)
-        Guard(connection, std::move(own_end)).run(program);
+    if (program > 0) {
+        Guard guard(connection, std::move(own_end));
+        guard.run(program);
+    }
     ::_exit(0);
 }
 

@@ -78,7 +78,7 @@ template <std::size_t size> bool take_text(const char*& at, const char* end, cha
 const char* parse(const char* text, std::size_t len, NsRecord& record)
 {
     const char* end = std::strchr(text, '\n');
-    const char* at = end + 1;
+    const char* at = end != nullptr ? end + 1 : text + len;
     char grant = 0;
     char entry = 0;
     if (end != nullptr && end - text > kGrantBeforeEnd && take_text(at, text + len, record.root) &&
