@@ -11,10 +11,14 @@ scripts/install-deps.sh compare
 work=$(mktemp -d /tmp/compare.XXXXXX)
 daemon=
 clean_up() {
-    [[ -z $daemon ]] || { kill "$daemon" && wait "$daemon"; } || :
-    "${podman[@]}" rmi -f localhost/observed >/dev/null 2>&1 || :
-    umount -R "$work/storage" "$work/run" 2>/dev/null || :
+    local status=$?
+    trap - EXIT
+    if [[ -n $daemon ]]; then
+        kill "$daemon" && wait "$daemon" || status=1
+    fi
+    "${podman[@]}" rmi -f localhost/observed >/dev/null 2>&1 || status=1
     rm -rf "$work"
+    exit "$status"
 }
 podman=(podman --root "$work/podman" --runroot "$work/podman-run" --storage-driver vfs --cgroup-manager cgroupfs)
 # crun refuses a machine with both versions of control groups: hide the second one from podman.

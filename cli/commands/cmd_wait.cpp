@@ -52,8 +52,7 @@ int wait_for(const std::string& id, Clock::time_point deadline, End& end)
             if (status == STATE_UNKNOWN)
                 return daemon_failure(errno, id);
             // The exit code may have been recorded since the record was checked.
-            if (status == STATE_STOPPED &&
-                (!dir || check_record(dir.get(), end) == Outcome::kLost))
+            if (status == STATE_STOPPED && (!dir || check_record(dir.get(), end) == Outcome::kLost))
                 return report_lost(id);
         }
         if (Clock::now() >= deadline)
@@ -79,8 +78,8 @@ int cmd_wait(const Arguments& args)
         if (status != kExitOk)
             return status;
         if (end.out_of_memory)
-            print_hint(fmt::format("{} was killed because its memory limit was reached",
-                                   printable(id)));
+            print_hint(
+                fmt::format("{} was killed because its memory limit was reached", printable(id)));
         return print_result(std::to_string(end.code));
     });
 }

@@ -312,9 +312,7 @@ int NamespaceSettings::prepare(Keeper& keeper, SettingsFault& fault) const
         if (error != 0)
             return refuse_errno(fault, field, error);
     }
-    return is_new(NsKind::kNetwork)
-               ? refuse_errno(fault, "linux.namespaces: network", keeper.ask(wire::Op::kLoopback))
-               : 0;
+    return 0;
 }
 
 const char* NamespaceSettings::host_name(const char* name) const
@@ -400,6 +398,7 @@ znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
             (kind.kind != NsKind::kCgroup || from(kind.kind) == NsChoice::From::kPath))
             rules.namespaces |= kind.flag;
     rules.ownControlGroup = is_new(NsKind::kCgroup) ? 1 : 0;
+    rules.ownNetwork = is_new(NsKind::kNetwork) ? 1 : 0;
     set_capabilities(settings_, rules);
     rules.uid = settings_.user.uid;
     rules.gid = settings_.user.gid;

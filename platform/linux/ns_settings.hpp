@@ -32,7 +32,7 @@ class NamespaceSettings {
     int make_group(nsid_t id, const char* name, SettingsFault& fault);
     [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
 
-    // Lets a new keeper join existing namespaces and brings up the loopback interface.
+    // Lets a new keeper join existing namespaces.
     int prepare(Keeper& keeper, SettingsFault& fault) const;
 
     [[nodiscard]] std::uint64_t root_bits() const;

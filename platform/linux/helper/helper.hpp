@@ -59,10 +59,12 @@ int root_leave();
 // `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace.
 int root_enter(int tree, const char* hostName, bool masked);
 
+// Brings up the loopback interface of the network namespace if it is not up (network.cpp).
+int loopback_up();
+
 // What a configuration changes in the namespaces (keeper_settings.cpp). A path to be hidden or made
 // read-only that does not exist is no error. Devices can be created below /dev only.
 int namespace_join(int descriptor, std::uint64_t type);
-int loopback_up();
 int device_make(const char* path, const wire::Node& node);
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);

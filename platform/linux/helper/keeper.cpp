@@ -200,8 +200,6 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
         return root_enter(descriptor, first, (request.value & wire::kRootUnmasked) == 0);
     case wire::Op::kJoin:
         return namespace_join(descriptor, request.value);
-    case wire::Op::kLoopback:
-        return loopback_up();
     case wire::Op::kDevice:
         return device_make(first, request.node);
     case wire::Op::kSysctl:

@@ -1,5 +1,5 @@
 // keeper_settings.cpp - what a container's configuration changes in its namespaces, before any
-// program runs in them: namespaces to join, the loopback interface, devices, kernel parameters,
+// program runs in them: namespaces to join, devices, kernel parameters,
 // paths that are hidden or read-only. Paths are resolved like mount destinations: inside the root.
 
 #include "helper.hpp"
@@ -16,19 +16,7 @@
 namespace zn {
 namespace {
 
-constexpr long kFamilyUnix = 1; // interface flags can be set through any socket
-constexpr long kSocketDatagram = 2;
-constexpr long kSocketCloexec = 02000000;
-constexpr long kGetFlags = 0x8913; // SIOCGIFFLAGS
-constexpr long kSetFlags = 0x8914; // SIOCSIFFLAGS
-constexpr short kInterfaceUp = 1;  // IFF_UP
 constexpr std::size_t kPathMax = 1024;
-
-struct InterfaceRequest { // struct ifreq
-    char name[16];
-    short flags;
-    char rest[22];
-};
 
 int error_of(long result)
 {
@@ -68,21 +56,6 @@ sys::Fd device_directory(const char* path, std::size_t len)
 int namespace_join(int descriptor, std::uint64_t type)
 {
     return error_of(sys::call(__NR_setns, descriptor, static_cast<long>(type)));
-}
-
-int loopback_up()
-{
-    const sys::Fd socket(sys::call(__NR_socket, kFamilyUnix, kSocketDatagram | kSocketCloexec, 0));
-    if (!socket.valid())
-        return socket.error();
-    InterfaceRequest request = {};
-    memcpy(request.name, "lo", 3);
-    int error = error_of(sys::call(__NR_ioctl, socket.get(), kGetFlags, sys::arg(&request)));
-    if (error != 0 || (request.flags & kInterfaceUp) != 0)
-        return error;
-    request.flags = static_cast<short>(request.flags | kInterfaceUp);
-    error = error_of(sys::call(__NR_ioctl, socket.get(), kSetFlags, sys::arg(&request)));
-    return error;
 }
 
 int device_make(const char* path, const wire::Node& node)

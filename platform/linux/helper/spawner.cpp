@@ -415,6 +415,8 @@ void spawner_run(char** argv, char** envp)
     if (rules->ownControlGroup != 0)
         check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     check(sys::call(__NR_setns, wire::kSpawnerNamespace, static_cast<long>(rules->namespaces)));
+    if (rules->ownNetwork != 0)
+        check(-loopback_up());
     // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
     // the caller, which can wait for it; it has this process's exit signal. CLONE_VFORK suspends
     // this process until the new one has executed the program or has ended.

@@ -25,7 +25,6 @@ inline constexpr int kKeeperSocket = 0;
 enum class Op : std::uint32_t {
     kBareMounts, // replace the host's tree by an empty one
     kJoin,       // descriptor: a namespace to enter; value: its CLONE_NEW flag
-    kLoopback,   // bring the loopback interface of the network namespace up
     kRoot,       // descriptor: detached tree; text: host name, "" leaves it; value: ROOT_ bits
     kMountTree,  // descriptor: detached tree; text: destination
     kMountFs,    // text: destination, type, then options "key" or "key=value"
@@ -101,8 +100,8 @@ struct Confinement {
     std::uint32_t limits;
     std::uint32_t filter;
     std::uint32_t groups;
-    std::uint32_t entries; // texts: files through which the control group is entered
-    std::uint32_t reserved;
+    std::uint32_t entries;    // texts: files through which the control group is entered
+    std::uint32_t ownNetwork; // a network namespace whose loopback interface is to be up
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;

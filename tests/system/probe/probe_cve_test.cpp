@@ -214,6 +214,7 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
     const std::set<std::string> allowed = {"fcntl",
                                            "mmap",
                                            "ioctl",
+                                           "socket",
                                            "openat",
                                            "prctl",
                                            "setns",
