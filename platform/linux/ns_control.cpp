@@ -117,7 +117,7 @@ STATUS znnsLimitsSet(nsid_t ns, const char* resources, char* reason, size_t size
         error = cgroup_limit(record.group, wanted, &field);
         std::snprintf(fault.field, sizeof fault.field, "resources%s%s", field != nullptr ? "." : "",
                       field != nullptr ? field : "");
-        std::snprintf(fault.reason, sizeof fault.reason, "%s", std::strerror(error));
+        std::snprintf(fault.reason, sizeof fault.reason, "%s", ::strerrordesc_np(error));
     }
     if (error != 0 && size != 0)
         std::snprintf(reason, size, "%s: %s", fault.field, fault.reason);

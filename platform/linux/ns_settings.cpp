@@ -40,7 +40,7 @@ int refuse(SettingsFault& fault, const char* field, const char* reason, int erro
 
 int refuse_errno(SettingsFault& fault, const char* field, int error)
 {
-    return error == 0 ? 0 : refuse(fault, field, std::strerror(error), error);
+    return error == 0 ? 0 : refuse(fault, field, ::strerrordesc_np(error), error);
 }
 
 const NsChoice& choice(const Settings& settings, NsKind kind)
