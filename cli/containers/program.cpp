@@ -2,8 +2,8 @@
 
 #include "config_check.hpp"
 #include "container.hpp"
-#include "front/container_id.hpp"
 #include "front/files.hpp"
+#include "pause.hpp"
 #include "program_file.hpp"
 
 #include <algorithm>
@@ -244,7 +244,7 @@ void note_end(Record& record, const std::string& id, int status)
     record.exit_code = status;
     record.exited = time_text(std::time(nullptr));
     // The kernel kills with this signal, and counts it in the control group.
-    const nsid_t ns = status == 128 + SIGKILL ? znnsFind(kept_id(id).c_str()) : -1;
+    const nsid_t ns = status == 128 + SIGKILL ? namespace_of(id) : -1;
     ZN_NS_USE use = {};
     record.out_of_memory = ns >= 0 && znnsUseGet(ns, &use) == OK && use.oomKills > 0;
 }

@@ -174,6 +174,22 @@ void end_namespace(Namespace** link)
     }
 }
 
+// Deleting one of two containers with overlapping groups would kill the processes of the other.
+bool group_taken(const char* path)
+{
+    const auto overlaps = [path](const Namespace* first) {
+        for (const Namespace* ns = first; ns != nullptr; ns = ns->next)
+            if (const char* group = ns->settings.group();
+                group[0] != '\0' && (cgroup_contains(group, path) || cgroup_contains(path, group)))
+                return true;
+        return false;
+    };
+    for (const Namespace* bucket : g_namespaces)
+        if (overlaps(bucket))
+            return true;
+    return overlaps(g_dying);
+}
+
 nsid_t unused_id()
 {
     std::uint32_t id = 0;
@@ -283,7 +299,7 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
     if (error == 0)
         error = ns->settings.prepare(ns->keeper, fault);
     if (error == 0)
-        error = ns->settings.make_group(ns->id, name, fault);
+        error = ns->settings.make_group(ns->id, name, group_taken, fault);
     const nsid_t id = ns->id;
     const bool started = ns->keeper.pid() > 0;
     if (error == 0 || started)

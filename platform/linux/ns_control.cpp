@@ -20,20 +20,10 @@ int failed_unless(int error)
     return error == 0 ? OK : fail(error);
 }
 
-// Reads the record of a namespace that exists; false with errno set.
-bool live_record(nsid_t ns, NsRecord& record)
-{
-    if (ns_record_read(ns, record) == 0 && ns_record_keeper(record))
-        return true;
-    if (ns_record_is_void(errno))
-        errno = ESRCH;
-    return false;
-}
-
-// The same, for a namespace with a control group.
+// Reads the record of a namespace that exists and has a control group; false with errno set.
 bool record_with_group(nsid_t ns, NsRecord& record)
 {
-    if (!live_record(ns, record))
+    if (!ns_record_live(ns, record))
         return false;
     if (record.group[0] != '\0')
         return true;
@@ -71,7 +61,7 @@ nsid_t znnsFind(const char* name)
 pid_t znnsHolder(nsid_t ns)
 {
     NsRecord record;
-    return live_record(ns, record) ? record.keeper : -1;
+    return ns_record_live(ns, record) ? record.keeper : -1;
 }
 
 STATUS znnsFreeze(nsid_t ns, BOOL frozen)

@@ -248,6 +248,16 @@ UniqueFd ns_record_keeper(const NsRecord& record)
     return pidfd;
 }
 
+UniqueFd ns_record_live(nsid_t ns, NsRecord& record)
+{
+    UniqueFd keeper;
+    if (ns_record_read(ns, record) == 0)
+        keeper = ns_record_keeper(record);
+    if (!keeper && ns_record_is_void(errno))
+        errno = ESRCH;
+    return keeper;
+}
+
 bool ns_record_is_void(int error)
 {
     return error == ENOENT || error == EINVAL || error == ESRCH || error == EISDIR ||

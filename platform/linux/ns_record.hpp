@@ -61,6 +61,10 @@ int ns_record_mark(nsid_t ns, Grant grant);
 // Opens a pidfd of the keeper of a record; invalid with errno set, ESRCH if the keeper has ended.
 znc::UniqueFd ns_record_keeper(const NsRecord& record);
 
+// Reads the record of a namespace that exists and opens a pidfd of its keeper; invalid with errno
+// set, ESRCH if the namespace does not exist or has ended.
+znc::UniqueFd ns_record_live(nsid_t ns, NsRecord& record);
+
 // Whether `error`, from reading a record or opening its keeper, means that the record does not
 // exist or is invalid or that the keeper has ended, as opposed to a lack of resources.
 bool ns_record_is_void(int error);

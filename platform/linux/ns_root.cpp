@@ -14,18 +14,6 @@ namespace {
 using znc::fail;
 using znc::UniqueFd;
 
-// Reads the record of a namespace and opens its keeper; invalid with errno set, ESRCH if the
-// namespace does not exist or has ended.
-UniqueFd read_live(nsid_t ns, zn::NsRecord& record)
-{
-    UniqueFd keeper;
-    if (zn::ns_record_read(ns, record) == 0)
-        keeper = zn::ns_record_keeper(record);
-    if (!keeper && zn::ns_record_is_void(errno))
-        errno = ESRCH;
-    return keeper;
-}
-
 } // namespace
 
 STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context)
@@ -46,7 +34,7 @@ STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void*
 STATUS znnsRootGet(nsid_t ns, char* path, size_t size)
 {
     zn::NsRecord record;
-    if (!read_live(ns, record))
+    if (!zn::ns_record_live(ns, record))
         return ERROR;
     const std::size_t len = std::strlen(record.root);
     if (len >= size)
@@ -58,7 +46,7 @@ STATUS znnsRootGet(nsid_t ns, char* path, size_t size)
 int znnsRootOpen(nsid_t ns)
 {
     zn::NsRecord record;
-    const UniqueFd keeper = read_live(ns, record);
+    const UniqueFd keeper = zn::ns_record_live(ns, record);
     if (!keeper)
         return -1;
     char path[64];

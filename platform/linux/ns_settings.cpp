@@ -265,7 +265,8 @@ unsigned long NamespaceSettings::clone_flags() const
     return flags;
 }
 
-int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fault)
+int NamespaceSettings::make_group(nsid_t id, const char* name, bool (*taken)(const char* path),
+                                  SettingsFault& fault)
 {
     const bool given = settings_.cgroupsPath && settings_.cgroupsPath[0] != '\0';
     if (cgroup_version() == CgroupVersion::kNone)
@@ -280,6 +281,10 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, SettingsFault& fa
                           : default_path(id, name, path);
     if (len < 0 || static_cast<std::size_t>(len) >= sizeof path)
         return refuse_errno(fault, "linux.cgroupsPath", ENAMETOOLONG);
+    if (given && cgroup_contains(path, kDaemonGroup))
+        return refuse(fault, "linux.cgroupsPath", "contains the groups of all containers", EINVAL);
+    if (taken(path))
+        return refuse(fault, "linux.cgroupsPath", "overlaps the group of another container", EBUSY);
     const char* limit = nullptr;
     const int error = create_group(path, settings_.resources, &limit);
     if (error != 0) {

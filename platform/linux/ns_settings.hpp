@@ -28,8 +28,10 @@ class NamespaceSettings {
     [[nodiscard]] unsigned long clone_flags() const;
 
     // Creates the control group of the namespace `id`, if the machine has control groups; `name` is
-    // part of its path. 0, or an error number with `fault` set.
-    int make_group(nsid_t id, const char* name, SettingsFault& fault);
+    // part of its path. `taken` tells whether a group overlaps that of another namespace. 0, or an
+    // error number with `fault` set.
+    int make_group(nsid_t id, const char* name, bool (*taken)(const char* path),
+                   SettingsFault& fault);
     [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
 
     // Lets a new keeper join existing namespaces.

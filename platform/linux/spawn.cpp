@@ -168,16 +168,6 @@ class EntryMark {
     nsid_t ns_;
 };
 
-// False with errno set; ESRCH if the namespace does not exist.
-bool read_record(nsid_t ns, NsRecord& record)
-{
-    if (ns_record_read(ns, record) == 0)
-        return true;
-    if (ns_record_is_void(errno))
-        errno = ESRCH;
-    return false;
-}
-
 // clone fails with ENOMEM in a PID namespace whose keeper is dead.
 int error_of(const Outcome& outcome, const NsRecord& record)
 {
@@ -301,9 +291,9 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     }
     const EntryMark entering(attr->ns);
     NsRecord record;
-    if (!streams.fill() || !read_record(attr->ns, record))
+    if (!streams.fill())
         return ERROR;
-    const UniqueFd keeper = ns_record_keeper(record);
+    const UniqueFd keeper = ns_record_live(attr->ns, record);
     if (!keeper)
         return ERROR;
     const char* program = path_inside(path, record.root);

@@ -365,8 +365,10 @@ typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context
 /*
  * Read `len` bytes of JSON as zncCreate's daemon reads a bundle's "config.json", and call `func`
  * for each member that is not taken as it stands; for none, and with OK, if the whole document is.
- * Of members whose keys differ in case only, the first is read. What is passed to `func` is
- * borrowed for the call. EINVAL (NULL, or no JSON) or ENOMEM; `func` may have been called then.
+ * Of members whose keys differ in case only, the first is read. Members that the platform reads
+ * (users, rights, limits, "linux") are checked by it if nothing else is refused, and only the first
+ * that it refuses is reported. What is passed to `func` is borrowed for the call. EINVAL (NULL, or
+ * no JSON) or ENOMEM; `func` may have been called then.
  */
 STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
 

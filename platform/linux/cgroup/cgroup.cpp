@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace zn {
@@ -264,6 +265,17 @@ CgroupVersion cgroup_version()
     const znc::ErrnoSaver keep;
     Hierarchies hierarchies;
     return hierarchies_read(hierarchies) == 0 ? hierarchies.version : CgroupVersion::kNone;
+}
+
+bool cgroup_contains(const char* group, const char* path)
+{
+    GroupPath above;
+    GroupPath below;
+    if (above.set(group) != 0 || below.set(path) != 0)
+        return true;
+    const std::string_view start = above.text();
+    const std::string_view text = below.text();
+    return text == start || (text.starts_with(start) && text[start.size()] == '/');
 }
 
 int cgroup_create(const char* path, const Resources& resources, const char** field)

@@ -35,6 +35,10 @@ CgroupVersion cgroup_version();
 // refused, and the last rule that matches decides; without rules nothing is written.
 int cgroup_create(const char* path, const Resources& resources, const char** field);
 
+// Whether `path` is the group `group` or below it, so that removing `group` would remove it with
+// its processes. True also if a path is invalid.
+bool cgroup_contains(const char* group, const char* path);
+
 // Applies the limits that are given; others stay as they are. Errors as above; limits that were
 // written before the one that failed stay.
 int cgroup_limit(const char* path, const Resources& resources, const char** field);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <linux/mqueue.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -81,6 +82,8 @@ bool capabilities_within(const Settings& settings, SettingsFault& fault)
 
 bool priorities_within(const Settings& settings, SettingsFault& fault)
 {
+    constexpr std::uint64_t kQueueMemory =
+        MQ_BYTES_MAX / 2;                     // the rest is the daemon's and clients'
     constexpr std::uint64_t kNiceOfZero = 20; // RLIMIT_NICE permits nice values from 20 - limit on
     if (settings.oomScoreAdj.value_or(0) < 0)
         return exceeds(fault, "process.oomScoreAdj", "is negative");
@@ -90,6 +93,9 @@ bool priorities_within(const Settings& settings, SettingsFault& fault)
             return exceeds_at(fault, "process.rlimits", i, "permits real-time scheduling");
         if (rlimit.resource == RLIMIT_NICE && rlimit.hard > kNiceOfZero)
             return exceeds_at(fault, "process.rlimits", i, "permits negative nice values");
+        if (rlimit.resource == RLIMIT_MSGQUEUE && rlimit.hard > kQueueMemory)
+            return exceeds_at(fault, "process.rlimits", i,
+                              "permits more than half of queue memory");
     }
     return true;
 }

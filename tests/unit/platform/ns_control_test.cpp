@@ -160,6 +160,36 @@ TEST_F(Control, TheGroupGoesWithTheNamespace)
     EXPECT_FALSE(exists(group));
 }
 
+TEST_F(Control, GroupsOfTwoNamespacesDoNotOverlap)
+{
+    const auto in_group = [](const std::string& path) {
+        const std::string document = R"({"linux":{"cgroupsPath":")" + path + "\"}}";
+        return znnsCreateConfigured(kFlags, "web", document.c_str(), nullptr, 0);
+    };
+    const std::string own = "test-" + std::to_string(::getpid());
+    const nsid_t first = in_group("/zarnel/" + own);
+    ASSERT_GE(first, 0) << std::strerror(errno);
+    for (const std::string& path : {"/zarnel/" + own, own, "//zarnel//" + own + "/below"}) {
+        const nsid_t other = in_group(path);
+        EXPECT_EQ(other, -1) << path;
+        EXPECT_EQ(errno, path.starts_with("//") ? EPERM : EBUSY) << path;
+    }
+    const nsid_t below = in_group(own + "/below");
+    EXPECT_EQ(below, -1);
+    EXPECT_EQ(errno, EBUSY);
+    for (const char* path : {"/zarnel/", "/zarnel//"}) {
+        EXPECT_EQ(in_group(path), -1) << path;
+        EXPECT_EQ(errno, EINVAL) << path;
+    }
+    const nsid_t beside = in_group(own + "2");
+    EXPECT_GE(beside, 0) << std::strerror(errno);
+    EXPECT_EQ(znnsDelete(beside), OK);
+    EXPECT_EQ(znnsDelete(first), OK);
+    const nsid_t again = in_group(own);
+    EXPECT_GE(again, 0) << std::strerror(errno);
+    EXPECT_EQ(znnsDelete(again), OK);
+}
+
 TEST_F(Control, TheGroupOfAnOwnerThatDiedIsRemovedByTheNext)
 {
     int ends[2];

@@ -110,6 +110,11 @@ constexpr Case kCases[] = {
      R"("rlimits":[{"type":"RLIMIT_CPU","soft":1,"hard":1},
                    {"type":"RLIMIT_RTPRIO","soft":0,"hard":1}])",
      "process.rlimits[1]", "permits real-time scheduling"},
+    {"SomeQueueMemory", "process",
+     R"("rlimits":[{"type":"RLIMIT_MSGQUEUE","soft":0,"hard":409600}])", nullptr, nullptr},
+    {"MostQueueMemory", "process",
+     R"("rlimits":[{"type":"RLIMIT_MSGQUEUE","soft":0,"hard":409601}])", "process.rlimits[0]",
+     "permits more than half of queue memory"},
     {"NiceLimit", "process", R"("rlimits":[{"type":"RLIMIT_NICE","soft":0,"hard":21}])",
      "process.rlimits[0]", "permits negative nice values"},
 
