@@ -295,7 +295,7 @@ TEST_F(CgroupLimits, ProcessesBeyondTheLimitAreNotForked)
     Child child(in_, path_, [&] {
         int forked = 0;
         while (forked < 10) {
-            const pid_t pid = ::fork();
+            const pid_t pid = ::_Fork(); // as in Child
             if (pid == 0)
                 return sleep_for_ever();
             if (pid < 0) {
