@@ -28,7 +28,7 @@ namespace {
 
 constexpr int kExitUsage = 64;
 constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] "
-                               "[--allow-privileged] | check | --help | --version\n";
+                               "[--allow-privileged] [--userns] | check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
@@ -41,6 +41,7 @@ constexpr const char* kHelp =
     "  --allow-privileged allow configurations that give containers more than the defaults:\n"
     "                     namespaces of the host, more capabilities, devices, privileges from\n"
     "                     set-user-ID programs, no system call filter\n"
+    "  --userns           give each container a user namespace with host users of its own\n"
     "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
@@ -77,6 +78,7 @@ int run_single_argument(std::string_view word)
 struct Options {
     bool allowUrgent = false;
     bool allowPrivileged = false;
+    bool mapUsers = false;
 };
 
 // Returns the exit status, or -1 to continue and serve.
@@ -95,6 +97,10 @@ int parse_options(std::span<char* const> words, Options& options)
         }
         if (word == "--allow-privileged") {
             options.allowPrivileged = true;
+            continue;
+        }
+        if (word == "--userns") {
+            options.mapUsers = true;
             continue;
         }
         if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
@@ -186,6 +192,10 @@ int main(int argc, char** argv)
     }
     zncd::recover();
     znnsPrivilegedAllow(options.allowPrivileged ? TRUE : FALSE);
+    if (options.mapUsers && znnsUsersMap(TRUE) != OK) {
+        zncd::log_errno("cannot create a user namespace");
+        return 1;
+    }
     znnsRefusalListenerSet(log_refusal);
     znc::set_service_listener(
         {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});

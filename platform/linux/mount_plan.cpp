@@ -101,6 +101,8 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
         } else if (std::strcmp(*options, "rbind") == 0) {
             plan.bind = true;
             plan.recursive = true;
+        } else if (std::strcmp(*options, "idmap") == 0 || std::strcmp(*options, "ridmap") == 0) {
+            plan.mapped = true;
         } else if (!take_flag(*options, plan) && !keep_option(*options, plan)) {
             return EINVAL;
         }
@@ -112,6 +114,8 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
             return ENOENT;
         plan.bind = true;
     }
+    if (plan.mapped && !plan.bind)
+        return EINVAL;
     if (plan.bind) {
         plan.attrSet |= (dev ? 0 : std::uint64_t{MOUNT_ATTR_NODEV}) |
                         (suid ? 0 : std::uint64_t{MOUNT_ATTR_NOSUID});

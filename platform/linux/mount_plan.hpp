@@ -12,6 +12,7 @@ namespace zn {
 struct MountPlan {
     bool bind = false;
     bool recursive = false;
+    bool mapped = false;           // owners as in the user namespace of the container
     std::uint64_t attrSet = 0;     // MOUNT_ATTR_ bits to set
     std::uint64_t attrClear = 0;   // and to clear before that
     std::uint64_t propagation = 0; // MS_ bits
@@ -23,7 +24,7 @@ struct MountPlan {
 
 // `sourceExists`: whether the source exists on the host; needed for types that do not decide
 // between bind and file system. 0, or an error number: ENOENT (neither a type nor an existing
-// source), EINVAL (options too long).
+// source), EINVAL (options too long, or an option that only binds have).
 int mount_plan_make(const char* type, const char* const* options, bool sourceExists,
                     MountPlan& plan);
 

@@ -60,6 +60,7 @@ pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Namespace* g_namespaces[kBuckets] = {}; // hash table by id
 Namespace* g_dying = nullptr;
 bool g_privileged = false; // configurations may exceed the defaults
+bool g_mapped = false;     // each namespace has users of its own
 void (*g_refused)(const char* name, const char* reason) = nullptr; // znnsRefusalListenerSet
 std::int64_t g_killDeadline =
     0; // deadline for the processes killed by znnsKillAll; 0: it was not called
@@ -190,6 +191,40 @@ bool group_taken(const char* path)
     return overlaps(g_dying);
 }
 
+// The users of containers, by default: beyond those that distributions give to the host's users,
+// within those that they leave to containers.
+constexpr std::uint32_t kFirstUser = 0x30000000;
+constexpr std::uint32_t kUsersEach = 0x10000;
+constexpr std::uint32_t kUserRanges = 0x4000;
+
+bool users_taken(std::uint32_t first)
+{
+    const auto taken = [first](const Namespace* ns) {
+        for (; ns != nullptr; ns = ns->next)
+            if (ns->settings.has_host_ids(first, kUsersEach))
+                return true;
+        return false;
+    };
+    for (const Namespace* bucket : g_namespaces)
+        if (taken(bucket))
+            return true;
+    return taken(g_dying);
+}
+
+// Gives the container users that no other container of this process has. 0 or an error number.
+int choose_users(NamespaceSettings& settings)
+{
+    for (std::uint32_t tries = 0; tries < kUserRanges; tries++) {
+        std::uint16_t range = 0;
+        if (::getrandom(&range, sizeof range, 0) != sizeof range)
+            return errno;
+        const std::uint32_t first = kFirstUser + range % kUserRanges * kUsersEach;
+        if (!users_taken(first))
+            return settings.map_range(first, kUsersEach);
+    }
+    return EUSERS;
+}
+
 nsid_t unused_id()
 {
     std::uint32_t id = 0;
@@ -225,6 +260,10 @@ int write_record(Namespace& ns, const char* name)
     record->entry = Entry::kOver;
     record->keeper = ns.keeper.pid();
     record->startTime = process_start_time(record->keeper);
+    if (const UserNamespace& user = ns.settings.user()) {
+        record->holder = user.pid();
+        record->holderStartTime = process_start_time(record->holder);
+    }
     std::memcpy(record->root, ns.root, sizeof record->root);
     std::snprintf(record->name, sizeof record->name, "%s", name);
     std::snprintf(record->group, sizeof record->group, "%s", ns.settings.group());
@@ -234,12 +273,23 @@ int write_record(Namespace& ns, const char* name)
     return 0;
 }
 
-int make_root(Namespace& ns, const char* rootPath, const char* name)
+// The container's own overlay device is mounted again for its user namespace: an overlay cannot be
+// id-mapped, but its layers can.
+UniqueFd root_tree(const Namespace& ns, const char* rootPath)
 {
+    const UserNamespace& user = ns.settings.user();
     MountPlan plan;
     plan.attrSet = MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID;
     plan.propagation = MS_PRIVATE;
-    const UniqueFd tree = detached_tree(rootPath, plan);
+    plan.mapped = static_cast<bool>(user) && !ns.ownsDevice;
+    if (user && ns.ownsDevice && overlay_device_map(rootPath, user) != 0)
+        return {};
+    return detached_tree(rootPath, plan, user);
+}
+
+int make_root(Namespace& ns, const char* rootPath, const char* name)
+{
+    const UniqueFd tree = root_tree(ns, rootPath);
     if (!tree)
         return errno;
     if (!znc::is_directory(tree.get()))
@@ -248,6 +298,7 @@ int make_root(Namespace& ns, const char* rootPath, const char* name)
     wire::Request request = {};
     request.op = wire::Op::kRoot;
     request.value = ns.settings.root_bits();
+    request.attributes = ns.settings.terminal_group();
     request.textLen = static_cast<std::uint32_t>(std::strlen(hostName) + 1);
     request.textCount = 1;
     const int error = ns.keeper.ask(request, {hostName, request.textLen}, tree.get());
@@ -294,6 +345,10 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
     int error = ns->settings.read(document, g_privileged, fault);
     if (error == 0)
         error = ns->settings.use_default_filter();
+    if (error == 0 && g_mapped && !ns->settings.wants_user())
+        error = choose_users(ns->settings);
+    if (error == 0)
+        error = ns->settings.make_user(fault);
     if (error == 0 && !ns->keeper.start(ns->settings.clone_flags()))
         return -1;
     if (error == 0)
@@ -348,6 +403,22 @@ void znnsPrivilegedAllow(BOOL allowed)
     g_privileged = allowed != FALSE;
 }
 
+STATUS znnsUsersMap(BOOL mapped)
+{
+    const Locked lock;
+    NamespaceSettings trial;
+    SettingsFault fault;
+    if (mapped != FALSE) {
+        int error = choose_users(trial);
+        if (error == 0)
+            error = trial.make_user(fault);
+        if (error != 0)
+            return result(error);
+    }
+    g_mapped = mapped != FALSE;
+    return OK;
+}
+
 STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 {
     const Locked lock;
@@ -380,7 +451,8 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
         return ERROR;
     if (ns->root[0] == '\0') // the keeper still sees the host's tree
         return result(EINVAL);
-    return result(ns->mounts.mount(ns->keeper, source, destination, type, options));
+    return result(
+        ns->mounts.mount(ns->keeper, ns->settings.user(), source, destination, type, options));
 }
 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,

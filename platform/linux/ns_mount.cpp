@@ -1,9 +1,11 @@
 // ns_mount.cpp - see ns_mount.hpp.
 #include "ns_mount.hpp"
 
+#include "base/file.hpp"
 #include "ns_record.hpp"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mount.h>
@@ -23,7 +25,7 @@ struct NamespaceMounts::Entry {
     char destination[kRootPathMax];
 };
 
-UniqueFd detached_tree(const char* path, const MountPlan& plan)
+UniqueFd detached_tree(const char* path, const MountPlan& plan, const UserNamespace& user)
 {
     const unsigned recursive = plan.recursive ? AT_RECURSIVE : 0;
     UniqueFd tree(static_cast<int>(
@@ -34,16 +36,18 @@ UniqueFd detached_tree(const char* path, const MountPlan& plan)
     attr.attr_set = plan.attrSet;
     attr.attr_clr = plan.attrClear;
     attr.propagation = plan.propagation;
+    UniqueFd owners;
+    if (plan.mapped) {
+        owners = user.open();
+        if (!owners)
+            return owners;
+        attr.attr_set |= MOUNT_ATTR_IDMAP;
+        attr.userns_fd = static_cast<std::uint64_t>(owners.get());
+    }
     if (::syscall(SYS_mount_setattr, tree.get(), "", AT_EMPTY_PATH | recursive, &attr,
                   sizeof attr) != 0)
         return UniqueFd();
     return tree;
-}
-
-bool is_directory(int fd)
-{
-    struct stat st;
-    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 namespace {
@@ -74,33 +78,58 @@ class TextBuffer {
     unsigned count_ = 0;
 };
 
-int mount_tree(Keeper& keeper, const char* source, const char* destination, const MountPlan& plan,
-               std::uint64_t* id)
+int mount_tree(Keeper& keeper, const UserNamespace& user, const char* source,
+               const char* destination, const MountPlan& plan, std::uint64_t* id)
 {
     // A relative path would be resolved from the daemon's working directory.
-    if (source == nullptr || *source != '/')
+    if (source == nullptr || *source != '/' || (plan.mapped && !user))
         return EINVAL;
-    const UniqueFd tree = detached_tree(source, plan);
+    const UniqueFd tree = detached_tree(source, plan, user);
     if (!tree)
         return errno;
     wire::Request request = {};
     request.op = wire::Op::kMountTree;
-    request.isDirectory = is_directory(tree.get());
+    request.isDirectory = znc::is_directory(tree.get());
     TextBuffer text;
     if (!text.add(destination))
         return ENAMETOOLONG;
     return text.send(keeper, request, tree.get(), id);
 }
 
-int mount_fs(Keeper& keeper, const char* destination, const MountPlan& plan, std::uint64_t* id)
+// Appends the options of a plan; the kernel takes owners as ids of the host.
+int add_options(const MountPlan& plan, const UserNamespace& user, TextBuffer& text)
+{
+    const char* option = plan.options;
+    for (unsigned i = 0; i < plan.optionCount; i++, option += std::strlen(option) + 1) {
+        std::uint32_t id = 0;
+        const bool uid = std::sscanf(option, "uid=%u", &id) == 1;
+        if (!user || (!uid && std::sscanf(option, "gid=%u", &id) != 1)) {
+            if (!text.add(option))
+                return ENAMETOOLONG;
+            continue;
+        }
+        const auto host = uid ? user.host_uid(id) : user.host_gid(id);
+        if (!host)
+            return EINVAL;
+        char mapped[16];
+        std::snprintf(mapped, sizeof mapped, "%s=%u", uid ? "uid" : "gid", *host);
+        if (!text.add(mapped))
+            return ENAMETOOLONG;
+    }
+    return 0;
+}
+
+int mount_fs(Keeper& keeper, const UserNamespace& user, const char* destination,
+             const MountPlan& plan, std::uint64_t* id)
 {
     wire::Request request = {};
     request.op = wire::Op::kMountFs;
     request.attributes = plan.attrSet;
     TextBuffer text;
-    if (!text.add(destination) || !text.add(plan.type) ||
-        !text.add({plan.options, plan.optionsLen}, plan.optionCount))
+    if (!text.add(destination) || !text.add(plan.type))
         return ENAMETOOLONG;
+    if (const int error = add_options(plan, user, text); error != 0)
+        return error;
     return text.send(keeper, request, -1, id);
 }
 
@@ -114,8 +143,8 @@ NamespaceMounts::~NamespaceMounts()
     }
 }
 
-int NamespaceMounts::mount(Keeper& keeper, const char* source, const char* destination,
-                           const char* type, const char* const* options)
+int NamespaceMounts::mount(Keeper& keeper, const UserNamespace& user, const char* source,
+                           const char* destination, const char* type, const char* const* options)
 {
     if (std::strlen(destination) >= kRootPathMax)
         return ENAMETOOLONG;
@@ -130,8 +159,8 @@ int NamespaceMounts::mount(Keeper& keeper, const char* source, const char* desti
         source != nullptr && *source != '\0' && (*source != '/' || ::stat(source, &st) == 0);
     int error = mount_plan_make(type, options, exists, plan);
     if (error == 0)
-        error = plan.bind ? mount_tree(keeper, source, destination, plan, &entry->id)
-                          : mount_fs(keeper, destination, plan, &entry->id);
+        error = plan.bind ? mount_tree(keeper, user, source, destination, plan, &entry->id)
+                          : mount_fs(keeper, user, destination, plan, &entry->id);
     if (error != 0)
         return error;
     entry->next = newest_;

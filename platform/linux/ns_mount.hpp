@@ -7,16 +7,15 @@
 #include "base/owned.hpp"
 #include "keeper_link.hpp"
 #include "mount_plan.hpp"
+#include "ns_user.hpp"
 
 #include <cstdint>
 
 namespace zn {
 
 // A detached clone of the tree at `path` with the attributes of the plan. `path` is resolved only
-// here. Invalid with errno set on failure.
-znc::UniqueFd detached_tree(const char* path, const MountPlan& plan);
-
-bool is_directory(int fd);
+// here. `user` must exist for a plan with mapped owners. Invalid with errno set on failure.
+znc::UniqueFd detached_tree(const char* path, const MountPlan& plan, const UserNamespace& user);
 
 // The mounts of one namespace. The functions return 0 or an error number.
 class NamespaceMounts {
@@ -26,8 +25,9 @@ class NamespaceMounts {
     NamespaceMounts& operator=(const NamespaceMounts&) = delete;
     ~NamespaceMounts();
 
-    int mount(Keeper& keeper, const char* source, const char* destination, const char* type,
-              const char* const* options);
+    // The owners of file systems (options "uid" and "gid") are ids of `user`.
+    int mount(Keeper& keeper, const UserNamespace& user, const char* source,
+              const char* destination, const char* type, const char* const* options);
     // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
     // (ESRCH), the mount is removed from the list, too.
     int unmount(Keeper& keeper, const char* destination);

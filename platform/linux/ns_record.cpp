@@ -51,10 +51,10 @@ ssize_t read_small(const UniqueFd& file, char* buf, std::size_t size)
     return static_cast<ssize_t>(len);
 }
 
-constexpr char kFirstLine[] = "%d %llu %c%c";
+constexpr char kFirstLine[] = "%d %llu %d %llu %c%c";
 // The first line, then root, name and control group, with a NUL after each.
 constexpr std::size_t kTextMax = wire::kConfinementOffset;
-static_assert(64 + kRootPathMax + kNameMax + kCgroupPathMax <= kTextMax);
+static_assert(96 + kRootPathMax + kNameMax + kCgroupPathMax <= kTextMax);
 // Positions of the two variable characters, counted from the end of the first line.
 constexpr std::ptrdiff_t kGrantBeforeEnd = 2;
 constexpr std::ptrdiff_t kEntryBeforeEnd = 1;
@@ -83,7 +83,8 @@ const char* parse(const char* text, std::size_t len, NsRecord& record)
     char entry = 0;
     if (end != nullptr && end - text > kGrantBeforeEnd && take_text(at, text + len, record.root) &&
         take_text(at, text + len, record.name) && take_text(at, text + len, record.group) &&
-        std::sscanf(text, kFirstLine, &record.keeper, &record.startTime, &grant, &entry) == 4 &&
+        std::sscanf(text, kFirstLine, &record.keeper, &record.startTime, &record.holder,
+                    &record.holderStartTime, &grant, &entry) == 6 &&
         record.keeper > 0 && grant == end[-kGrantBeforeEnd] && entry == end[-kEntryBeforeEnd]) {
         record.grant = static_cast<Grant>(grant);
         record.entry = static_cast<Entry>(entry);
@@ -126,7 +127,8 @@ std::size_t format(const NsRecord& record, char (&text)[kTextMax])
 {
     char* at =
         text + std::snprintf(text, sizeof text, kFirstLine, record.keeper, record.startTime,
-                             static_cast<char>(record.grant), static_cast<char>(record.entry));
+                             record.holder, record.holderStartTime, static_cast<char>(record.grant),
+                             static_cast<char>(record.entry));
     *at++ = '\n';
     for (const char* part : {record.root, record.name, record.group})
         at = ::stpcpy(at, part) + 1;
@@ -230,22 +232,32 @@ void ns_record_remove(nsid_t ns)
     ::unlink(path);
 }
 
-UniqueFd ns_record_keeper(const NsRecord& record)
+// The pidfd keeps referring to one process; the start time, read afterwards, tells whether this is
+// the recorded process.
+static UniqueFd open_recorded(pid_t pid, unsigned long long recordedStart)
 {
-    // The pidfd keeps referring to one process; the start time, read afterwards, tells whether this
-    // process is the keeper.
-    UniqueFd pidfd = process_open(record.keeper);
-    const unsigned long long startTime = pidfd ? process_start_time(record.keeper) : 0;
+    UniqueFd pidfd = process_open(pid);
+    const unsigned long long startTime = pidfd ? process_start_time(pid) : 0;
     if (startTime == 0) {
         if (errno == ENOENT) // /proc has no such directory: the process has ended
             errno = ESRCH;
         return UniqueFd();
     }
-    if (startTime != record.startTime || process_ended(pidfd.get(), 0)) {
+    if (startTime != recordedStart || process_ended(pidfd.get(), 0)) {
         errno = ESRCH;
         return UniqueFd();
     }
     return pidfd;
+}
+
+UniqueFd ns_record_keeper(const NsRecord& record)
+{
+    return open_recorded(record.keeper, record.startTime);
+}
+
+UniqueFd ns_record_holder(const NsRecord& record)
+{
+    return open_recorded(record.holder, record.holderStartTime);
 }
 
 UniqueFd ns_record_live(nsid_t ns, NsRecord& record)

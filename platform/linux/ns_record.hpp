@@ -36,6 +36,8 @@ struct NsRecord {
     char root[kRootPathMax];
     char name[kNameMax] = {};        // of the container
     char group[kCgroupPathMax] = {}; // its control group; "": none
+    pid_t holder = 0;                // a process in its user namespace; 0: it has none
+    unsigned long long holderStartTime = 0;
 };
 
 // The start time of a process; 0 with errno set if it does not exist.
@@ -64,6 +66,9 @@ znc::UniqueFd ns_record_keeper(const NsRecord& record);
 // Reads the record of a namespace that exists and opens a pidfd of its keeper; invalid with errno
 // set, ESRCH if the namespace does not exist or has ended.
 znc::UniqueFd ns_record_live(nsid_t ns, NsRecord& record);
+
+// Opens a pidfd of the process in the user namespace, as ns_record_keeper does.
+znc::UniqueFd ns_record_holder(const NsRecord& record);
 
 // Whether `error`, from reading a record or opening its keeper, means that the record does not
 // exist or is invalid or that the keeper has ended, as opposed to a lack of resources.

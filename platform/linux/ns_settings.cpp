@@ -141,12 +141,16 @@ std::uint32_t type_bits(char type)
     return type == 'b' ? S_IFBLK : type == 'p' ? S_IFIFO : S_IFCHR;
 }
 
-int make_device(Keeper& keeper, const Device& device)
+int make_device(Keeper& keeper, const UserNamespace& user, const Device& device)
 {
+    const auto uid = user.host_uid(device.uid);
+    const auto gid = user.host_gid(device.gid);
+    if (!uid || !gid)
+        return EINVAL;
     wire::Request request = {};
     request.op = wire::Op::kDevice;
     request.node = {type_bits(device.type) | (device.mode & 07777), device.major, device.minor,
-                    device.uid, device.gid};
+                    *uid, *gid};
     return tell(keeper, request, device.path.get());
 }
 
@@ -200,12 +204,11 @@ int NamespaceSettings::check(bool privileged, SettingsFault& fault) const
                       ENOTSUP);
     if (from(NsKind::kPid) != NsChoice::From::kNew)
         return refuse(fault, "linux.namespaces", "a container needs a new pid namespace", ENOTSUP);
-    for (const NsKind kind : {NsKind::kUser, NsKind::kTime})
-        if (settings_.namespacesGiven && choice(settings_, kind).from != NsChoice::From::kHost)
-            return refuse(fault, "linux.namespaces",
-                          kind == NsKind::kUser ? "user namespaces are not supported"
-                                                : "time namespaces are not supported",
-                          ENOTSUP);
+    if (choice(settings_, NsKind::kUser).from == NsChoice::From::kPath)
+        return refuse(fault, "linux.namespaces", "a user namespace cannot be given by path",
+                      ENOTSUP);
+    if (choice(settings_, NsKind::kTime).from != NsChoice::From::kHost)
+        return refuse(fault, "linux.namespaces", "time namespaces are not supported", ENOTSUP);
     if ((settings_.rootPropagation.value_or(MS_PRIVATE) & MS_PRIVATE) == 0)
         return refuse(fault, "linux.rootfsPropagation", "only \"private\" is supported", ENOTSUP);
     if (has_label(settings_.apparmorProfile))
@@ -256,13 +259,68 @@ int NamespaceSettings::read(const char* document, bool privileged, SettingsFault
     return error;
 }
 
+bool NamespaceSettings::wants_user() const
+{
+    return choice(settings_, NsKind::kUser).from == NsChoice::From::kNew;
+}
+
+bool NamespaceSettings::has_host_ids(std::uint32_t first, std::uint32_t count) const
+{
+    return maps_any(settings_.uidMappings, first, count) ||
+           maps_any(settings_.gidMappings, first, count);
+}
+
+int NamespaceSettings::map_range(std::uint32_t first, std::uint32_t count)
+{
+    settings_.namespaces[static_cast<unsigned>(NsKind::kUser)].from = NsChoice::From::kNew;
+    const IdMapping all = {0, first, count};
+    return settings_.uidMappings.append(all) != nullptr &&
+                   settings_.gidMappings.append(all) != nullptr
+               ? 0
+               : ENOMEM;
+}
+
+// The new namespaces to which capabilities in the user namespace apply.
+unsigned long NamespaceSettings::user_owned() const
+{
+    unsigned long flags = 0;
+    for (const Kind& kind : kKinds)
+        if (wants_user() && is_new(kind.kind) && kind.kind != NsKind::kCgroup)
+            flags |= kind.flag;
+    return flags;
+}
+
+// Ids of programs that the user namespace does not have could not be given to them.
+int NamespaceSettings::check_ids(SettingsFault& fault) const
+{
+    constexpr char kUnmapped[] = "is not mapped in the user namespace";
+    if (!user_.host_uid(0) || !user_.host_uid(settings_.user.uid))
+        return refuse(fault, user_.host_uid(0) ? "process.user.uid" : "linux.uidMappings",
+                      user_.host_uid(0) ? kUnmapped : "must contain 0", EINVAL);
+    if (!user_.host_gid(0) || !user_.host_gid(settings_.user.gid))
+        return refuse(fault, user_.host_gid(0) ? "process.user.gid" : "linux.gidMappings",
+                      user_.host_gid(0) ? kUnmapped : "must contain 0", EINVAL);
+    for (const std::uint32_t group : settings_.user.groups)
+        if (!user_.host_gid(group))
+            return refuse(fault, "process.user.additionalGids", kUnmapped, EINVAL);
+    return 0;
+}
+
+int NamespaceSettings::make_user(SettingsFault& fault)
+{
+    if (!wants_user())
+        return 0;
+    const int error = user_.start(settings_.uidMappings, settings_.gidMappings, user_owned());
+    return error != 0 ? refuse_errno(fault, "linux.namespaces: user", error) : check_ids(fault);
+}
+
 unsigned long NamespaceSettings::clone_flags() const
 {
     unsigned long flags = CLONE_NEWPID;
     for (const Kind& kind : kKinds)
         if (is_new(kind.kind))
             flags |= kind.flag;
-    return flags;
+    return flags & ~user_owned();
 }
 
 int NamespaceSettings::make_group(nsid_t id, const char* name, bool (*taken)(const char* path),
@@ -308,16 +366,36 @@ int NamespaceSettings::prepare(Keeper& keeper, SettingsFault& fault) const
             continue;
         const char* path = choice(settings_, kind.kind).path.get();
         const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-        wire::Request request = {};
-        request.op = wire::Op::kJoin;
-        request.value = kind.flag;
-        const int error = file ? keeper.ask(request, {}, file.get()) : errno;
+        const int error = file ? join(keeper, file.get(), kind.flag) : errno;
         char field[64];
         std::snprintf(field, sizeof field, "linux.namespaces: %s", kind.name);
         if (error != 0)
             return refuse_errno(fault, field, error);
     }
-    return 0;
+    if (!user_)
+        return 0;
+    int error = user_owned() != 0 ? join(keeper, user_.pidfd(), user_owned()) : 0;
+    wire::Request owner = {};
+    owner.op = wire::Op::kOwner;
+    owner.node.uid = *user_.host_uid(0);
+    owner.node.gid = *user_.host_gid(0);
+    if (error == 0)
+        error = keeper.ask(owner, {}, -1);
+    return refuse_errno(fault, "linux.namespaces: user", error);
+}
+
+int NamespaceSettings::join(Keeper& keeper, int descriptor, unsigned long kinds) const
+{
+    wire::Request request = {};
+    request.op = wire::Op::kJoin;
+    request.value = kinds;
+    return keeper.ask(request, {}, descriptor);
+}
+
+std::uint32_t NamespaceSettings::terminal_group() const
+{
+    constexpr std::uint32_t kTty = 5;
+    return user_.host_gid(kTty).value_or(*user_.host_gid(0));
 }
 
 const char* NamespaceSettings::host_name(const char* name) const
@@ -335,7 +413,7 @@ std::uint64_t NamespaceSettings::root_bits() const
 int NamespaceSettings::seal(Keeper& keeper, SettingsFault& fault) const
 {
     for (const Device& device : settings_.devices)
-        if (const int error = make_device(keeper, device); error != 0)
+        if (const int error = make_device(keeper, user_, device); error != 0)
             return refuse_errno(fault, "linux.devices", error);
     for (const Sysctl& parameter : settings_.sysctl)
         if (const int error = set_parameter(keeper, parameter); error != 0)
@@ -412,11 +490,13 @@ znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
     rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
     rules.noNewPrivileges = settings_.noNewPrivileges.value_or(true) ? 1 : 0;
     rules.limits = static_cast<std::uint32_t>(settings_.rlimits.size());
+    rules.ranges = static_cast<std::uint32_t>(settings_.uidMappings.size());
     rules.filter = static_cast<std::uint32_t>(filter_.size());
     rules.groups = static_cast<std::uint32_t>(settings_.user.groups.size());
     rules.entries = static_cast<std::uint32_t>(entries.size());
     size = sizeof rules + rules.limits * sizeof(wire::Limit) +
-           rules.filter * sizeof(wire::FilterCode) + rules.groups * sizeof(std::uint32_t);
+           rules.ranges * sizeof(wire::IdRange) + rules.filter * sizeof(wire::FilterCode) +
+           rules.groups * sizeof(std::uint32_t);
     for (const Text& entry : entries)
         size += std::strlen(entry.get()) + 1;
     rules.size = size;
@@ -428,6 +508,10 @@ znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
     for (const Rlimit& limit : settings_.rlimits) {
         const wire::Limit one = {static_cast<std::uint64_t>(limit.resource), limit.soft,
                                  limit.hard};
+        block.add(&one, sizeof one);
+    }
+    for (const IdMapping& mapping : settings_.uidMappings) {
+        const wire::IdRange one = {mapping.inside, mapping.outside, mapping.count, 0};
         block.add(&one, sizeof one);
     }
     block.add(filter_.begin(), filter_.size() * sizeof(wire::FilterCode));

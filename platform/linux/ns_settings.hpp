@@ -8,6 +8,7 @@
 #include "cgroup/cgroup.hpp"
 #include "helper/wire.hpp"
 #include "keeper_link.hpp"
+#include "ns_user.hpp"
 #include "settings/seccomp.hpp"
 #include "settings/settings_reader.hpp"
 #include "zarnel/types.h"
@@ -24,6 +25,16 @@ class NamespaceSettings {
     // service, which protects the compiled filter. 0 or an error number.
     int use_default_filter();
 
+    // Whether programs run in a user namespace.
+    [[nodiscard]] bool wants_user() const;
+    // Whether the user namespace has one of these users or groups of the host.
+    [[nodiscard]] bool has_host_ids(std::uint32_t first, std::uint32_t count) const;
+    // Maps the ids from 0 on to a range of the host. 0 or an error number.
+    int map_range(std::uint32_t first, std::uint32_t count);
+    // Creates the user namespace if one is wanted. 0, or an error number with `fault` set.
+    int make_user(SettingsFault& fault);
+    [[nodiscard]] const UserNamespace& user() const { return user_; }
+
     // The CLONE_NEW flags of the keeper.
     [[nodiscard]] unsigned long clone_flags() const;
 
@@ -34,10 +45,12 @@ class NamespaceSettings {
                    SettingsFault& fault);
     [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
 
-    // Lets a new keeper join existing namespaces.
+    // Lets a new keeper join existing namespaces, and those of the user namespace.
     int prepare(Keeper& keeper, SettingsFault& fault) const;
 
     [[nodiscard]] std::uint64_t root_bits() const;
+    // The host's id of the group that terminals belong to.
+    [[nodiscard]] std::uint32_t terminal_group() const;
     // The host name of the container `name`; "": that of the UTS namespace stays.
     [[nodiscard]] const char* host_name(const char* name) const;
 
@@ -51,7 +64,10 @@ class NamespaceSettings {
   private:
     [[nodiscard]] NsChoice::From from(NsKind kind) const;
     [[nodiscard]] bool is_new(NsKind kind) const { return from(kind) == NsChoice::From::kNew; }
+    [[nodiscard]] unsigned long user_owned() const;
     int check(bool privileged, SettingsFault& fault) const;
+    int check_ids(SettingsFault& fault) const;
+    int join(Keeper& keeper, int descriptor, unsigned long kinds) const;
     int compile_filter(SettingsFault& fault);
     int take_filter(const SeccompCode& code);
 
@@ -60,6 +76,7 @@ class NamespaceSettings {
     unsigned filterFlags_ = 0;
     bool unmasked_ = false;
     Text group_;
+    UserNamespace user_; // refers to the mappings in settings_
 };
 
 } // namespace zn

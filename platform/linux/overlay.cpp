@@ -7,6 +7,8 @@
 #include "base/file.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
+#include "overlay_layers.hpp"
+#include "overlay_mapped.hpp"
 #include "overlay_mount.hpp"
 #include "overlay_stack.hpp"
 #include "system/clock.hpp"
@@ -111,6 +113,7 @@ void remove_node(int devices, const char* name)
     if (node)
         stack_remove(node.get());
     ::unlinkat(devices, name, AT_REMOVEDIR);
+    layers_forget(name);
 }
 
 int detach(int devices, const char* name)
@@ -144,7 +147,57 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
         errno = EROFS;
         return -1;
     }
+    if (attached && hasUpper)
+        layers_note(name, dirs, count);
     return attached ? 0 : -1;
+}
+
+bool append_path(List<znc::MallocPtr<char[]>>& list, const char* path)
+{
+    auto copy = znc::copy_text(path);
+    return copy != nullptr && list.append(std::move(copy)) != nullptr;
+}
+
+// Appends a lower layer; of a device, whose overlay cannot be id-mapped, the layers.
+bool append_lower(int devices, const char* dir, OverlayLayers& layers)
+{
+    const char* name = device_name(dir);
+    if (name == nullptr || look(devices, name) != Node::kReadOnly)
+        return append_path(layers.lower, dir);
+    const UniqueFd node = stack_node(devices, name);
+    const StackText stack = node ? stack_read(node.get()) : StackText();
+    if (!stack.text)
+        return false;
+    for (const char* layer = stack.first(); layer != nullptr; layer = stack.next(layer))
+        if (!append_path(layers.lower, layer))
+            return false;
+    return true;
+}
+
+int map_device(int devices, const char* name, const UserNamespace& user)
+{
+    OverlayLayers layers;
+    const char* dir = layers_noted(name, nullptr);
+    if (dir == nullptr) {
+        errno = ENOENT;
+        return -1;
+    }
+    layers.upper = znc::copy_text(dir);
+    while ((dir = layers_noted(name, dir)) != nullptr)
+        if (!append_lower(devices, dir, layers))
+            return -1;
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "%s/%s", ZN_OVERLAY_DIR, name);
+    // An upper directory can be used by one mount only.
+    if (!layers.upper || ::umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW) != 0)
+        return -1;
+    const UniqueFd node = open_node(devices, name);
+    const int error = node ? overlay_mount_mapped(node.get(), layers, user) : errno;
+    if (error == 0)
+        return 0;
+    remove_node(devices, name);
+    errno = error;
+    return -1;
 }
 
 bool all_exist(const char* const* dirs, uint32_t count)
@@ -250,6 +303,15 @@ int overlay_device_detach(const char* devName, Detach which)
     const bool shouldDetach = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
                                                     : is_abandoned(devices.get(), devName, name);
     return shouldDetach ? detach(devices.get(), name) : 0;
+}
+
+int overlay_device_map(const char* devName, const UserNamespace& user)
+{
+    const char* name = device_name(devName);
+    const Devices devices;
+    if (!devices || name == nullptr)
+        return -1;
+    return map_device(devices.get(), name, user);
 }
 
 } // namespace zn

@@ -179,10 +179,17 @@ int error_of(const Outcome& outcome, const NsRecord& record)
     return outcome.error != 0 ? outcome.error : outcome.pid < 0 ? ECHILD : 0;
 }
 
-int run_spawner(nsid_t ns, const UniqueFd& keeper, const Arguments& arguments, char* const* envp,
+// What the spawner joins.
+struct Joined {
+    nsid_t ns;
+    UniqueFd keeper;
+    UniqueFd holder; // invalid: there is no user namespace
+};
+
+int run_spawner(const Joined& joined, const Arguments& arguments, char* const* envp,
                 const StandardStreams& streams, Outcome& outcome)
 {
-    const UniqueFd record = ns_record_open(ns);
+    const UniqueFd record = ns_record_open(joined.ns);
     const UniqueFd file = record ? helper_file() : UniqueFd();
     int pipes[2];
     if (!record && errno == ENOENT)
@@ -191,12 +198,14 @@ int run_spawner(nsid_t ns, const UniqueFd& keeper, const Arguments& arguments, c
         return errno;
     const UniqueFd reader(pipes[0]);
     const UniqueFd writer(pipes[1]);
-    const LaunchFd fds[] = {{streams.source(0), 0},
-                            {streams.source(1), 1},
-                            {streams.source(2), 2},
-                            {keeper.get(), wire::kSpawnerNamespace},
-                            {writer.get(), wire::kSpawnerReport},
-                            {record.get(), wire::kSpawnerRecord}};
+    const LaunchFd fds[] = {
+        {streams.source(0), 0},
+        {streams.source(1), 1},
+        {streams.source(2), 2},
+        {joined.keeper.get(), wire::kSpawnerNamespace},
+        {writer.get(), wire::kSpawnerReport},
+        {record.get(), wire::kSpawnerRecord},
+        {(joined.holder ? joined.holder : joined.keeper).get(), wire::kSpawnerUser}};
     char* const none[] = {nullptr};
     UniqueFd pidfd;
     const pid_t spawner = launch_helper({file.get(), SIGCHLD, fds, wire::kSpawnerFdEnd,
@@ -293,8 +302,10 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     NsRecord record;
     if (!streams.fill())
         return ERROR;
-    const UniqueFd keeper = ns_record_live(attr->ns, record);
-    if (!keeper)
+    Joined joined = {attr->ns, ns_record_live(attr->ns, record), {}};
+    if (!joined.keeper)
+        return ERROR;
+    if (record.holder != 0 && !(joined.holder = ns_record_holder(record)))
         return ERROR;
     const char* program = path_inside(path, record.root);
     bool frozen = false;
@@ -308,7 +319,7 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     if (!arguments.make(program, *attr, argv, record.grant))
         return ERROR;
     Outcome outcome;
-    int error = run_spawner(attr->ns, keeper, arguments, envp, streams, outcome);
+    int error = run_spawner(joined, arguments, envp, streams, outcome);
     if (error == 0)
         error = error_of(outcome, record);
     if (error == 0) {

@@ -74,6 +74,14 @@ void znnsRefusalListenerSet(void (*refused)(const char* name, const char* reason
 void znnsPrivilegedAllow(BOOL allowed);
 
 /*
+ * Whether each namespace created from now on gets a user namespace with users of the host that no
+ * other namespace of this process has, unless its configuration has mappings. Default: FALSE. OK, or
+ * ERROR with the task error number set if a user namespace cannot be created; nothing is changed
+ * then.
+ */
+STATUS znnsUsersMap(BOOL mapped);
+
+/*
  * Make `rootPath` the root of the namespace, mounted nodev and nosuid. /proc, /dev and /sys are
  * mounted in it if the tree has directories of these names; nothing is written to the tree. On
  * ERROR (task error number set) the namespace is deleted, and so is `rootPath` if it is the

@@ -32,9 +32,10 @@ inline bool text_equal(const char* a, const char* b)
     return *a == *b;
 }
 
-// The keeper (keeper.cpp) and the spawner (spawner.cpp).
+// The keeper (keeper.cpp), the spawner (spawner.cpp) and the holder (holder.cpp).
 [[noreturn]] void keeper_run();
 [[noreturn]] void spawner_run(char** argv, char** envp);
+[[noreturn]] void holder_run();
 
 // Unless stated otherwise, these functions return 0 or an error number.
 
@@ -56,15 +57,17 @@ int replace_null_streams();
 int root_leave();
 
 // Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
-// `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace.
-int root_enter(int tree, const char* hostName, bool masked);
+// `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace. Terminals
+// belong to the group `ttyGroup`.
+int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup);
 
 // Brings up the loopback interface of the network namespace if it is not up (network.cpp).
 int loopback_up();
 
 // What a configuration changes in the namespaces (keeper_settings.cpp). A path to be hidden or made
 // read-only that does not exist is no error. Devices can be created below /dev only.
-int namespace_join(int descriptor, std::uint64_t type);
+int namespace_join(int descriptor, std::uint64_t types);
+int owner_set(std::uint32_t uid, std::uint32_t gid);
 int device_make(const char* path, const wire::Node& node);
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);

@@ -197,9 +197,12 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     case wire::Op::kBareMounts:
         return root_leave();
     case wire::Op::kRoot:
-        return root_enter(descriptor, first, (request.value & wire::kRootUnmasked) == 0);
+        return root_enter(descriptor, first, (request.value & wire::kRootUnmasked) == 0,
+                          static_cast<std::uint32_t>(request.attributes));
     case wire::Op::kJoin:
         return namespace_join(descriptor, request.value);
+    case wire::Op::kOwner:
+        return owner_set(request.node.uid, request.node.gid);
     case wire::Op::kDevice:
         return device_make(first, request.node);
     case wire::Op::kSysctl:

@@ -134,7 +134,21 @@ int fill_dev(int dev)
     return static_cast<int>(-result);
 }
 
-int provide_dev()
+// "gid=" and a number.
+void group_option(std::uint32_t group, char (&text)[16])
+{
+    char digits[12];
+    std::size_t count = 0;
+    do
+        digits[count++] = static_cast<char>('0' + group % 10);
+    while ((group /= 10) != 0);
+    memcpy(text, "gid=", 4);
+    for (std::size_t i = 0; i < count; i++)
+        text[4 + i] = digits[count - 1 - i];
+    text[4 + count] = '\0';
+}
+
+int provide_dev(std::uint32_t ttyGroup)
 {
     sys::Fd directory;
     int error = real_directory("dev", directory);
@@ -144,12 +158,16 @@ int provide_dev()
                                         "mode=755\0size=65536k", 2));
     if (!dev.valid())
         return dev.error();
+    char terminals[] = "ptmxmode=0666\0mode=0620\0gid=0123456789";
+    char group[16];
+    group_option(ttyGroup, group);
+    memcpy(terminals + sizeof "ptmxmode=0666\0mode=0620", group, strlen(group) + 1);
     error = fill_dev(dev.get());
     if (error == 0)
         error = attach(dev.get(), directory.get(), "");
     if (error == 0)
-        error = provide("devpts", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC,
-                        "ptmxmode=0666\0mode=0620\0gid=5", 3, dev.get(), "pts");
+        error = provide("devpts", MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC, terminals, 3, dev.get(),
+                        "pts");
     if (error == 0)
         error = provide("tmpfs", kRestricted, "mode=1777\0size=65536k", 2, dev.get(), "shm");
     if (error == 0)
@@ -170,7 +188,7 @@ int root_leave()
     return error != 0 ? error : detach_host();
 }
 
-int root_enter(int tree, const char* hostName, bool masked)
+int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup)
 {
     if (tree < 0)
         return EBADF;
@@ -193,7 +211,7 @@ int root_enter(int tree, const char* hostName, bool masked)
     Covers covers(place.get());
     error = provide_proc(covers, masked);
     if (error == 0)
-        error = provide_dev();
+        error = provide_dev(ttyGroup);
     if (error == 0)
         error = provide_sys(covers, masked);
     const int detached = detach_host();

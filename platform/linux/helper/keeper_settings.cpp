@@ -11,6 +11,8 @@
 #include <linux/fcntl.h>
 #include <linux/mount.h>
 #include <linux/openat2.h>
+#include <linux/prctl.h>
+#include <linux/securebits.h>
 #include <linux/stat.h>
 
 namespace zn {
@@ -53,9 +55,26 @@ sys::Fd device_directory(const char* path, std::size_t len)
 
 } // namespace
 
-int namespace_join(int descriptor, std::uint64_t type)
+int namespace_join(int descriptor, std::uint64_t types)
 {
-    return error_of(sys::call(__NR_setns, descriptor, static_cast<long>(type)));
+    return error_of(sys::call(__NR_setns, descriptor, static_cast<long>(types)));
+}
+
+// The file system ids decide who owns what is created. Without the secure bit, changing them from
+// root's would take the capabilities that creating devices and mount points needs.
+int owner_set(std::uint32_t uid, std::uint32_t gid)
+{
+    constexpr long kNone = -1; // changes nothing; the calls return the old id
+    int error = error_of(sys::call(__NR_prctl, PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP));
+    if (error != 0)
+        return error;
+    sys::call(__NR_setfsgid, gid);
+    sys::call(__NR_setfsuid, uid);
+    if (sys::call(__NR_setfsgid, kNone) != static_cast<long>(gid) ||
+        sys::call(__NR_setfsuid, kNone) != static_cast<long>(uid))
+        return EPERM;
+    // Changing ids may have reset this.
+    return error_of(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
 int device_make(const char* path, const wire::Node& node)

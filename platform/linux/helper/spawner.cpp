@@ -92,7 +92,8 @@ class Rules {
         const char* start = reinterpret_cast<const char*>(at) + wire::kConfinementOffset;
         rules_ = reinterpret_cast<const wire::Confinement*>(start);
         limits_ = reinterpret_cast<const wire::Limit*>(rules_ + 1);
-        filter_ = reinterpret_cast<const wire::FilterCode*>(limits_ + rules_->limits);
+        ranges_ = reinterpret_cast<const wire::IdRange*>(limits_ + rules_->limits);
+        filter_ = reinterpret_cast<const wire::FilterCode*>(ranges_ + rules_->ranges);
         groups_ = reinterpret_cast<const std::uint32_t*>(filter_ + rules_->filter);
         entries_ = reinterpret_cast<const char*>(groups_ + rules_->groups);
         if (rules_->size > st.stx_size - wire::kConfinementOffset ||
@@ -101,6 +102,7 @@ class Rules {
     }
     const wire::Confinement* operator->() const { return rules_; }
     const wire::Limit* limits() const { return limits_; }
+    const wire::IdRange* ranges() const { return ranges_; }
     const wire::FilterCode* filter() const { return filter_; }
     const std::uint32_t* groups() const { return groups_; }
     const char* entries() const { return entries_; }
@@ -108,6 +110,7 @@ class Rules {
   private:
     const wire::Confinement* rules_ = nullptr;
     const wire::Limit* limits_;
+    const wire::IdRange* ranges_;
     const wire::FilterCode* filter_;
     const std::uint32_t* groups_;
     const char* entries_;
@@ -278,15 +281,29 @@ void drop_rights(const Rules& rules, const Identity& user)
     install_filter(rules);
 }
 
+// The host's id of a user of the container; -1 if it has none.
+long host_user(const Rules& rules, std::uint32_t uid)
+{
+    if (rules->ranges == 0)
+        return uid;
+    for (unsigned i = 0; i < rules->ranges; i++) {
+        const wire::IdRange& range = rules.ranges()[i];
+        if (uid >= range.inside && uid - range.inside < range.count)
+            return range.outside + (uid - range.inside);
+    }
+    return -1;
+}
+
 // A terminal that no session has becomes that of the program's session: a pseudo-terminal that was
 // made for the program. The caller's own terminal belongs to the caller's session. The user gets
 // what was made for the program, so that it can open "/dev/stdout".
-void own_streams(const Identity& user)
+void own_streams(const Rules& rules, const Identity& user)
 {
     constexpr long kTakeTerminal = 0x540e; // TIOCSCTTY
     constexpr long kPipes = 0x50495045;    // PIPEFS_MAGIC
     const bool terminal = sys::call(__NR_ioctl, 0, kTakeTerminal, 0) == 0;
-    if (user.uid == 0)
+    const long owner = host_user(rules, user.uid);
+    if (owner <= 0)
         return;
     for (int stream = 0; stream <= 2; stream++) {
         struct { // statfs
@@ -295,7 +312,7 @@ void own_streams(const Identity& user)
         } fs = {};
         if ((terminal && stream == 0) ||
             (sys::call(__NR_fstatfs, stream, sys::arg(&fs)) == 0 && fs.type == kPipes))
-            sys::call(__NR_fchown, stream, user.uid, -1);
+            sys::call(__NR_fchown, stream, owner, -1);
     }
 }
 
@@ -338,6 +355,15 @@ long execute(const char* program, char** argv, char** envp)
     }
 }
 
+// What needs the rights of the host's root is done before. This process then has all capabilities
+// in the user namespace until they are dropped, and cannot be inspected.
+void enter_user_namespace(const Rules& rules)
+{
+    if (rules->ranges != 0)
+        check(sys::call(__NR_setns, wire::kSpawnerUser, CLONE_NEWUSER));
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
+}
+
 [[noreturn]] void become_program(const Rules& rules, char** argv, char** envp)
 {
     const long nice = number(argv[1]);
@@ -350,7 +376,7 @@ long execute(const char* program, char** argv, char** envp)
     check(sys::call(__NR_setsid)); // detaches from the caller's terminal
     sys::call(__NR_umask, 0);
     check(-replace_null_streams());
-    own_streams(user);
+    own_streams(rules, user);
     sys::call(__NR_umask, rules->umask);
     leave_keyring();
     check(-reset_processors());
@@ -358,10 +384,12 @@ long execute(const char* program, char** argv, char** envp)
     raise_stack(stack);
     leave_queue_memory();
     set_limits(rules);
+    enter_user_namespace(rules);
     drop_rights(rules, user);
     // After dropping rights, so that the program could have entered the directory itself.
     enter_directory(directory);
     sys::call(__NR_close, wire::kSpawnerNamespace);
+    sys::call(__NR_close, wire::kSpawnerUser);
     default_signals();
     fail(execute(program, argv + wire::kSpawnerFixedArgs, envp));
 }

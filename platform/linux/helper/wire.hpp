@@ -14,6 +14,7 @@ namespace zn::wire {
 // The helper's parts, chosen by argv[0].
 inline constexpr char kKeeperName[] = "zn-keeper";
 inline constexpr char kSpawnerName[] = "zn-spawn";
+inline constexpr char kHolderName[] = "zn-holder";
 
 // ---------------------------------------------------------------- keeper: one request, one answer
 
@@ -24,7 +25,9 @@ inline constexpr int kKeeperSocket = 0;
 
 enum class Op : std::uint32_t {
     kBareMounts, // replace the host's tree by an empty one
-    kJoin,       // descriptor: a namespace to enter; value: its CLONE_NEW flag
+    kJoin,       // descriptor: namespaces to enter, or a pidfd of a process in them; value: their
+                 // CLONE_NEW flags
+    kOwner,      // node: the owner of all files and file systems that are created from now on
     kRoot,       // descriptor: detached tree; text: host name, "" leaves it; value: ROOT_ bits
     kMountTree,  // descriptor: detached tree; text: destination
     kMountFs,    // text: destination, type, then options "key" or "key=value"
@@ -56,7 +59,7 @@ struct Request {
     Op op;
     std::uint32_t isDirectory; // kMountTree: the mount point is to be a directory
     std::uint64_t value;
-    std::uint64_t attributes; // kMountFs: MOUNT_ATTR_ bits
+    std::uint64_t attributes; // kMountFs: MOUNT_ATTR_ bits; kRoot: the group of terminals
     std::uint32_t textLen;    // length of the NUL-terminated strings that follow
     std::uint32_t textCount;
     Node node;
@@ -68,20 +71,26 @@ struct Answer {
     std::uint64_t value;
 };
 
+// ---------------------------------------------------------------- holder
+
+// The holder's only descriptor: the reading end of a pipe. It exits at its end of file.
+inline constexpr int kHolderPipe = 0;
+
 // ---------------------------------------------------------------- spawner
 
 // Descriptors: 0 to 2 are the program's standard streams; these are closed before it runs.
 inline constexpr int kSpawnerNamespace = 3; // pidfd of the namespace's keeper
 inline constexpr int kSpawnerReport = 4;    // pipe to the caller
 inline constexpr int kSpawnerRecord = 5;    // the namespace's record, which holds a Confinement
-inline constexpr int kSpawnerFdEnd = 6;
+inline constexpr int kSpawnerUser = 6;      // pidfd of a process in the user namespace to be joined
+inline constexpr int kSpawnerFdEnd = 7;
 
 // argv: name, nice value, stack size, working directory, user ("" or "UID:GID[:GROUP]..."),
 // program, then the program's argv.
 inline constexpr int kSpawnerFixedArgs = 6;
 
 // What programs in a namespace may do, at kConfinementOffset in the namespace's record. The arrays
-// follow the structure in the order of their lengths: limits, filter, groups, then the texts.
+// follow the structure: limits, ranges, filter, groups, then the texts.
 struct Confinement {
     std::uint64_t size;       // with the arrays
     std::uint64_t namespaces; // CLONE_NEW flags of the keeper's namespaces to join
@@ -102,6 +111,7 @@ struct Confinement {
     std::uint32_t groups;
     std::uint32_t entries;    // texts: files through which the control group is entered
     std::uint32_t ownNetwork; // a network namespace whose loopback interface is to be up
+    std::uint32_t ranges;     // users of the user namespace; 0: that of the host
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;
@@ -110,6 +120,13 @@ struct Limit {
     std::uint64_t resource;
     std::uint64_t soft;
     std::uint64_t hard;
+};
+
+struct IdRange { // users of a user namespace
+    std::uint32_t inside;
+    std::uint32_t outside;
+    std::uint32_t count;
+    std::uint32_t reserved;
 };
 
 struct FilterCode { // as the kernel's sock_filter

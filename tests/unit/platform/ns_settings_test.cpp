@@ -1,7 +1,7 @@
 // Tests of what the configuration of a container changes in its namespaces and for its programs, in
 // real namespaces.
 
-#include "namespace_world.hpp"
+#include "configured_world.hpp"
 #include "zarnel/ns_control.h"
 
 #include <pty.h>
@@ -13,58 +13,7 @@ using namespace namespace_world;
 
 namespace {
 
-class Settings : public Namespaces {
-  protected:
-    void TearDown() override
-    {
-        znnsPrivilegedAllow(FALSE);
-        Namespaces::TearDown();
-    }
-
-    // A namespace with root and a configuration; -1 with `reason_` set if it is refused.
-    nsid_t configured(const std::string& document)
-    {
-        std::array<char, ZNNS_REASON_MAX> reason = {};
-        errno = 0;
-        const nsid_t ns =
-            znnsCreateConfigured(kFlags, "web", document.c_str(), reason.data(), reason.size());
-        const int error = errno;
-        reason_ = reason.data();
-        if (ns < 0) {
-            errno = error;
-            return -1;
-        }
-        EXPECT_EQ(znnsRootfsCreate(ns, root_.c_str(), "web"), OK) << std::strerror(errno);
-        return ns;
-    }
-
-    nsid_t sealed(const std::string& document)
-    {
-        const nsid_t ns = configured(document);
-        EXPECT_GE(ns, 0) << reason_;
-        std::array<char, ZNNS_REASON_MAX> reason = {};
-        EXPECT_EQ(znnsSeal(ns, reason.data(), reason.size()), OK) << reason.data();
-        return ns;
-    }
-
-    // Runs a command under a configuration and deletes the namespace.
-    std::string under(const std::string& document, const std::string& command)
-    {
-        const nsid_t ns = sealed(document);
-        const std::string out = run(ns, command);
-        EXPECT_EQ(znnsDelete(ns), OK);
-        return out;
-    }
-
-    void refused(const std::string& document, int error, const std::string& field)
-    {
-        EXPECT_EQ(configured(document), -1) << document;
-        EXPECT_EQ(errno, error) << document << ": " << reason_;
-        EXPECT_EQ(reason_.substr(0, field.size()), field) << document;
-    }
-
-    std::string reason_;
-};
+using Settings = Configured;
 
 std::string namespace_of(const std::string& process, const char* kind)
 {

@@ -1,0 +1,64 @@
+// configured_world.hpp - namespaces made from a configuration. Used by the tests of settings.
+#ifndef CONFIGURED_WORLD_HPP
+#define CONFIGURED_WORLD_HPP
+
+#include "namespace_world.hpp"
+
+namespace namespace_world {
+
+class Configured : public Namespaces {
+  protected:
+    void TearDown() override
+    {
+        znnsPrivilegedAllow(FALSE);
+        Namespaces::TearDown();
+    }
+
+    // A namespace with root and a configuration; -1 with `reason_` set if it is refused.
+    nsid_t configured(const std::string& document)
+    {
+        std::array<char, ZNNS_REASON_MAX> reason = {};
+        errno = 0;
+        const nsid_t ns =
+            znnsCreateConfigured(kFlags, "web", document.c_str(), reason.data(), reason.size());
+        const int error = errno;
+        reason_ = reason.data();
+        if (ns < 0) {
+            errno = error;
+            return -1;
+        }
+        EXPECT_EQ(znnsRootfsCreate(ns, root_.c_str(), "web"), OK) << std::strerror(errno);
+        return ns;
+    }
+
+    nsid_t sealed(const std::string& document)
+    {
+        const nsid_t ns = configured(document);
+        EXPECT_GE(ns, 0) << reason_;
+        std::array<char, ZNNS_REASON_MAX> reason = {};
+        EXPECT_EQ(znnsSeal(ns, reason.data(), reason.size()), OK) << reason.data();
+        return ns;
+    }
+
+    // Runs a command under a configuration and deletes the namespace.
+    std::string under(const std::string& document, const std::string& command)
+    {
+        const nsid_t ns = sealed(document);
+        const std::string out = run(ns, command);
+        EXPECT_EQ(znnsDelete(ns), OK);
+        return out;
+    }
+
+    void refused(const std::string& document, int error, const std::string& field)
+    {
+        EXPECT_EQ(configured(document), -1) << document;
+        EXPECT_EQ(errno, error) << document << ": " << reason_;
+        EXPECT_EQ(reason_.substr(0, field.size()), field) << document;
+    }
+
+    std::string reason_;
+};
+
+} // namespace namespace_world
+
+#endif
