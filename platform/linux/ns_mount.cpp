@@ -38,7 +38,7 @@ UniqueFd detached_tree(const char* path, const MountPlan& plan, const UserNamesp
     attr.propagation = plan.propagation;
     UniqueFd owners;
     if (plan.mapped) {
-        owners = user.open();
+        owners = user.open_namespace();
         if (!owners)
             return owners;
         attr.attr_set |= MOUNT_ATTR_IDMAP;

@@ -90,7 +90,7 @@ int UserNamespace::start(const List<IdMapping>& uids, const List<IdMapping>& gid
     return error != 0 ? error : write_mappings(pid_, "gid_map", gids);
 }
 
-UniqueFd UserNamespace::open() const
+UniqueFd UserNamespace::open_namespace() const
 {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/%d/ns/user", pid_);

@@ -33,7 +33,7 @@ class UserNamespace {
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
 
     // The namespace as mount_setattr needs it; invalid with errno set.
-    [[nodiscard]] znc::UniqueFd open() const;
+    [[nodiscard]] znc::UniqueFd open_namespace() const;
 
     // The id on the host. Without a user namespace ids are the same; an id that is not mapped has
     // none.

@@ -152,8 +152,12 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
     return attached ? 0 : -1;
 }
 
+// A directory that occurs again is hidden by its first occurrence.
 bool append_path(List<znc::MallocPtr<char[]>>& list, const char* path)
 {
+    for (const auto& other : list)
+        if (std::strcmp(other.get(), path) == 0)
+            return true;
     auto copy = znc::copy_text(path);
     return copy != nullptr && list.append(std::move(copy)) != nullptr;
 }

@@ -177,7 +177,7 @@ void* run(void* argument)
 
 int overlay_mount_mapped(int target, const OverlayLayers& layers, const UserNamespace& user)
 {
-    const UniqueFd owners = user.open();
+    const UniqueFd owners = user.open_namespace();
     if (!owners)
         return errno;
     if (const int error = give_owner(layers.upper.get(), user); error != 0)

@@ -37,7 +37,7 @@ std::string read_file(const std::string& path)
 
 } // namespace
 
-DaemonProcess::DaemonProcess(const std::string& storage)
+DaemonProcess::DaemonProcess(const std::string& storage, const char* option)
 {
     const char* program = std::getenv("ZNCD");
     if (program == nullptr)
@@ -50,7 +50,7 @@ DaemonProcess::DaemonProcess(const std::string& storage)
         // If the test crashes, its daemon and everything that the daemon keeps alive end with it.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::setenv("ZNC_BASE", storage.c_str(), 1);
-        ::execl(program, program, static_cast<char*>(nullptr));
+        ::execl(program, program, option, static_cast<char*>(nullptr));
         ::_exit(127);
     }
     const auto is_there = [before] {

@@ -7,9 +7,9 @@
 
 class DaemonProcess {
   public:
-    // Starts zncd (the program that the environment variable ZNCD names) and waits until it
-    // answers.
-    explicit DaemonProcess(const std::string& storage);
+    // Starts zncd (the program that the environment variable ZNCD names), with an option if it is
+    // not null, and waits until it answers.
+    explicit DaemonProcess(const std::string& storage, const char* option = nullptr);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;

@@ -154,7 +154,8 @@ void ProbeWorld::SetUp()
     fs::remove("/overlay");
     if (!overlay())
         fs::create_symlink("/none", "/overlay");
-    daemon_ = std::make_unique<DaemonProcess>(kStorage);
+    daemon_ = std::make_unique<DaemonProcess>(kStorage,
+                                              GetParam() == Flavour::kUsers ? "--userns" : nullptr);
     ASSERT_EQ(zncOvlFsAvailable() != FALSE, overlay());
     make_little_root(kRootfs);
     const std::string probe = std::string(kRootfs) + "/bin/probe";
@@ -278,7 +279,7 @@ void ProbeWorld::expect_confined(const std::function<void()>& before,
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.lines("ESCAPED"), 0) << outcome.text;
     EXPECT_GE(outcome.lines("ok "), kChecks) << outcome.text;
-    std::printf("%s: %d checks held\n", overlay() ? "overlay" : "plain root", outcome.lines("ok "));
+    std::printf("%d checks held\n", outcome.lines("ok "));
     for (const char* check : checks)
         EXPECT_TRUE(outcome.holds(check)) << check << '\n' << outcome.text;
 }

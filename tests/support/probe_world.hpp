@@ -1,5 +1,6 @@
 // probe_world.hpp - a real daemon, a bundle whose program is the probe, and objects of the host to
-// protect. Each test runs without and with the overlay filesystem, and checks the ledger.
+// protect. Each test runs without and with the overlay filesystem and with user namespaces, and
+// checks the ledger.
 #ifndef PROBE_WORLD_HPP
 #define PROBE_WORLD_HPP
 
@@ -44,7 +45,19 @@ void write_file(const std::string& path, const std::string& text);
 // that is held.
 void await_file(const std::string& path);
 
-class ProbeWorld : public testing::TestWithParam<bool> {
+// kUsers: with overlay devices, and a user namespace for each container.
+enum class Flavour { kPlain, kOverlay, kUsers };
+
+inline const auto kFlavours = testing::Values(Flavour::kPlain, Flavour::kOverlay, Flavour::kUsers);
+
+inline std::string flavour_name(const testing::TestParamInfo<Flavour>& flavour)
+{
+    return flavour.param == Flavour::kPlain     ? "Plain"
+           : flavour.param == Flavour::kOverlay ? "Overlay"
+                                                : "Users";
+}
+
+class ProbeWorld : public testing::TestWithParam<Flavour> {
   protected:
     static constexpr const char* kStorage = "/tmp/storage";
     static constexpr const char* kBundle = "/tmp/bundle";
@@ -60,7 +73,7 @@ class ProbeWorld : public testing::TestWithParam<bool> {
     void SetUp() override;
     void TearDown() override;
 
-    [[nodiscard]] bool overlay() const { return GetParam(); }
+    [[nodiscard]] bool overlay() const { return GetParam() != Flavour::kPlain; }
     // The path of the container's root on the host.
     [[nodiscard]] std::string root() const { return overlay() ? "/overlay/web" : kRootfs; }
     [[nodiscard]] static std::string probe_program();

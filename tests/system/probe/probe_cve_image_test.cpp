@@ -21,8 +21,7 @@ namespace {
 
 class ProbeCveImage : public ProbeWorld {};
 
-INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, ProbeCveImage, testing::Values(false, true),
-                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+INSTANTIATE_TEST_SUITE_P(All, ProbeCveImage, kFlavours, flavour_name);
 
 // ---------------------------------------------------------------- images with links and nodes
 
@@ -172,8 +171,11 @@ TEST_P(ProbeCveImage, CVE_2017_5226_NothingIsTypedForTheUserAtTheTerminal)
         ::dup2(terminal, 0);
         ::dup2(terminal, 2);
     };
-    expect_confined(sit_down, {"type-on-stream-0", "type-on-stream-2", "take-terminal",
-                               "open-own-terminal", "type-on-reopened-stream"});
+    std::vector<const char*> checks = {"type-on-stream-0", "type-on-stream-2", "take-terminal",
+                                       "open-own-terminal"};
+    if (GetParam() != Flavour::kUsers) // whose root cannot open the terminal of the host's root
+        checks.push_back("type-on-reopened-stream");
+    expect_confined(sit_down, checks);
     int typed = -1;
     EXPECT_EQ(::ioctl(terminal, FIONREAD, &typed), 0);
     EXPECT_EQ(typed, 0);

@@ -19,8 +19,7 @@ namespace {
 
 class ProbeCve : public ProbeWorld {};
 
-INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, ProbeCve, testing::Values(false, true),
-                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+INSTANTIATE_TEST_SUITE_P(All, ProbeCve, kFlavours, flavour_name);
 
 // ---------------------------------------------------------------- descriptors and directories
 
@@ -217,6 +216,8 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
                                            "socket",
                                            "openat",
                                            "prctl",
+                                           "fstatfs",
+                                           "fchown",
                                            "setns",
                                            "clone",
                                            "write",

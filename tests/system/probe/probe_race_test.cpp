@@ -129,8 +129,7 @@ class ProbeRace : public ProbeWorld {
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, ProbeRace, testing::Values(false, true),
-                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+INSTANTIATE_TEST_SUITE_P(All, ProbeRace, kFlavours, flavour_name);
 
 constexpr const char* kTargets[] = {"/tmp/outside", "../../../../../../../tmp/outside",
                                     "/proc/1/root/tmp/outside", "/proc/self/fd"};

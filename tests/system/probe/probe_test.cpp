@@ -28,8 +28,7 @@ namespace {
 
 class Probe : public ProbeWorld {};
 
-INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Probe, testing::Values(false, true),
-                         [](const auto& flavour) { return flavour.param ? "Overlay" : "Plain"; });
+INSTANTIATE_TEST_SUITE_P(All, Probe, kFlavours, flavour_name);
 
 TEST_P(Probe, FindsNoWayOut)
 {
