@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# vm-test.sh [PROGRAM...] - runs the tests of control groups and overlay devices, and further test
-# programs by their paths, in a virtual machine: its kernel is that of Debian 12 and has only cgroup v2,
+# vm-test.sh [PROGRAM...] - runs the tests of control groups, overlay devices, user namespaces and
+# security labels, and further test programs by their paths, in a virtual machine: its kernel is that of Debian 12 and has only cgroup v2,
 # with all controllers. The machine is emulated in software, so it needs no rights except to install
 # packages, and it starts from memory: Debian's kernel for clouds, busybox, the programs and their
-# libraries. Each program runs in the sandbox of the tests. Prints what they print and ends with 0 if
+# libraries, a profile for AppArmor. Each program runs in the sandbox of the tests. Prints what they print and ends with 0 if
 # all passed.
 #
 # BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
@@ -16,7 +16,7 @@ if [[ $(dpkg --print-architecture) != amd64 ]]; then
     printf 'vm-test.sh: only amd64 is supported\n' >&2
     exit 1
 fi
-programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,mount_table,overlay,overlay_device}_test
+programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,mount_table,overlay,overlay_device,overlay_list,ns_control,ns_settings,ns_user,ns_label}_test
     "$@")
 for program in "$build/bin/znc_sandbox" "${programs[@]}"; do
     if [[ ! -x $program ]]; then
@@ -26,14 +26,9 @@ for program in "$build/bin/znc_sandbox" "${programs[@]}"; do
 done
 scripts/install-deps.sh vm
 
-# The package of the newest kernel, downloaded and unpacked, not installed.
-fetch_kernel() {
-    local package unpacked=$PWD/build/vm/kernel
-    package=$(apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1)
-    if [[ -z $package ]]; then
-        apt-get -q update >&2
-        package=$(apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1)
-    fi
+# fetch PACKAGE NAME: downloads and unpacks a package, without installing it, and prints where it is.
+fetch() {
+    local package=$1 unpacked=$PWD/build/vm/$2
     if [[ ! -e $unpacked/$package ]]; then
         rm -rf "$unpacked"
         mkdir -p "$unpacked"
@@ -43,6 +38,11 @@ fetch_kernel() {
         touch "$unpacked/$package"
     fi
     printf '%s\n' "$unpacked"
+}
+
+# The package of the newest kernel.
+kernel_package() {
+    apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1
 }
 
 # put FILE [DIRECTORY]: copies a file into the machine, by default to the same path.
@@ -60,7 +60,9 @@ put_program() {
     done < <(ldd "$1" | grep -o '/[^ ]*' | sort -u)
 }
 
-kernel=$(fetch_kernel)
+if [[ -z $(kernel_package) ]]; then apt-get -q update >&2; fi
+kernel=$(fetch "$(kernel_package)" kernel)
+apparmor=$(fetch apparmor apparmor)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 tree=$work/tree
@@ -71,6 +73,16 @@ for program in "$build/bin/znc_sandbox" "${programs[@]}"; do put_program "$progr
 for module in overlay brd; do
     put "$(find "$kernel/lib/modules" -name "$module.ko")" /modules
 done
+"$apparmor"/sbin/apparmor_parser --skip-kernel-load --features-file="$apparmor/etc/apparmor.d/abi/3.0" \
+    --ofile="$tree/tests/apparmor.policy" <<'EOF'
+profile zn-test flags=(attach_disconnected) {
+    file,
+    capability,
+    network,
+    signal,
+    deny /tmp/denied w,
+}
+EOF
 for program in "${programs[@]}"; do basename "$program"; done >"$tree/tests/list"
 printf 'root:x:0:0:root:/root:/bin/sh\n' >"$tree/etc/passwd"
 printf 'root:x:0:\n' >"$tree/etc/group"
@@ -90,6 +102,7 @@ EOF
 cat >"$tree/second" <<'EOF'
 #!/bin/busybox sh
 export PATH=/bin HOME=/root GTEST_COLOR=no
+export ZNC_TEST_DISK=/disk ZNC_APPARMOR_POLICY=/tests/apparmor.policy
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
@@ -99,7 +112,10 @@ mount -t tmpfs tmpfs /dev/shm
 mount -t cgroup2 cgroup2 /sys/fs/cgroup
 mount -t tmpfs -o mode=1777 tmpfs /tmp
 insmod /modules/overlay.ko
-insmod /modules/brd.ko rd_nr=1 rd_size=16384
+insmod /modules/brd.ko rd_nr=2 rd_size=32768
+mke2fs /dev/ram1 >/dev/null
+mkdir /disk
+mount -t ext4 /dev/ram1 /disk
 ip link set lo up
 printf 'kernel %s, controllers: %s\n' "$(uname -r)" "$(cat /sys/fs/cgroup/cgroup.controllers)"
 failed=0

@@ -1,6 +1,7 @@
 // ns_settings.cpp - see ns_settings.hpp.
 #include "ns_settings.hpp"
 
+#include "ns_kinds.hpp"
 #include "settings/seccomp.hpp"
 #include "settings/settings_policy.hpp"
 
@@ -13,23 +14,12 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace zn {
 namespace {
 
 using znc::UniqueFd;
-
-struct Kind {
-    NsKind kind;
-    unsigned long flag;
-    const char* name;
-};
-// Without the mount and PID namespaces, which every keeper has: it makes the mounts and is the
-// first process.
-constexpr std::array<Kind, 4> kKinds = {{{NsKind::kIpc, CLONE_NEWIPC, "ipc"},
-                                         {NsKind::kUts, CLONE_NEWUTS, "uts"},
-                                         {NsKind::kCgroup, CLONE_NEWCGROUP, "cgroup"},
-                                         {NsKind::kNetwork, CLONE_NEWNET, "network"}}};
 
 int refuse(SettingsFault& fault, const char* field, const char* reason, int error)
 {
@@ -41,11 +31,6 @@ int refuse(SettingsFault& fault, const char* field, const char* reason, int erro
 int refuse_errno(SettingsFault& fault, const char* field, int error)
 {
     return error == 0 ? 0 : refuse(fault, field, ::strerrordesc_np(error), error);
-}
-
-const NsChoice& choice(const Settings& settings, NsKind kind)
-{
-    return settings.namespaces[static_cast<unsigned>(kind)];
 }
 
 // The default filter depends on the capabilities only, and most containers have the same.
@@ -108,9 +93,16 @@ int create_group(const char* path, Resources& wanted, const char** field)
     return cgroup_create(path, wanted, field);
 }
 
-bool has_label(const Text& label)
+bool apparmor_enabled()
 {
-    return label && label[0] != '\0' && std::strcmp(label.get(), "unconfined") != 0;
+    const UniqueFd file(::open("/sys/module/apparmor/parameters/enabled", O_RDONLY | O_CLOEXEC));
+    char answer = 'N';
+    return file && ::read(file.get(), &answer, 1) == 1 && answer == 'Y';
+}
+
+bool selinux_enabled()
+{
+    return ::access("/sys/fs/selinux/enforce", F_OK) == 0;
 }
 
 // Asks the keeper with one or two texts.
@@ -211,10 +203,11 @@ int NamespaceSettings::check(bool privileged, SettingsFault& fault) const
         return refuse(fault, "linux.namespaces", "time namespaces are not supported", ENOTSUP);
     if ((settings_.rootPropagation.value_or(MS_PRIVATE) & MS_PRIVATE) == 0)
         return refuse(fault, "linux.rootfsPropagation", "only \"private\" is supported", ENOTSUP);
-    if (has_label(settings_.apparmorProfile))
-        return refuse(fault, "process.apparmorProfile", "not supported", ENOTSUP);
-    if (settings_.selinuxLabel && settings_.selinuxLabel[0] != '\0')
-        return refuse(fault, "process.selinuxLabel", "not supported", ENOTSUP);
+    if (has_label(settings_.apparmorProfile) && !apparmor_enabled())
+        return refuse(fault, "process.apparmorProfile", "the kernel does not use AppArmor",
+                      ENOTSUP);
+    if (has_label(settings_.selinuxLabel) && !selinux_enabled())
+        return refuse(fault, "process.selinuxLabel", "the kernel does not use SELinux", ENOTSUP);
     for (const Device& device : settings_.devices)
         if (std::strncmp(device.path.get(), "/dev/", 5) != 0)
             return refuse(fault, "linux.devices", "a device must be below /dev", ENOTSUP);
@@ -427,98 +420,6 @@ int NamespaceSettings::seal(Keeper& keeper, SettingsFault& fault) const
     if (settings_.rootReadonly)
         return refuse_errno(fault, "root.readonly", tell(keeper, wire::Op::kReadOnly, "/"));
     return 0;
-}
-
-namespace {
-
-// Appends arrays to a block of memory that is large enough.
-class Block {
-  public:
-    explicit Block(char* at) : at_(at) {}
-    void add(const void* from, std::size_t size)
-    {
-        if (size != 0)
-            std::memcpy(at_, from, size);
-        at_ += size;
-    }
-
-  private:
-    char* at_;
-};
-
-void set_capabilities(const Settings& settings, wire::Confinement& rules)
-{
-    const Capabilities& wanted = settings.capabilities;
-    if (wanted.given) {
-        rules.bounding = wanted.bounding;
-        rules.permitted = wanted.permitted;
-        rules.effective = wanted.effective;
-        rules.inheritable = wanted.inheritable;
-        // The kernel refuses others, which documents contain nevertheless.
-        rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
-        return;
-    }
-    rules.bounding = kDefaultCapabilities;
-    rules.permitted = settings.user.uid == 0 ? kDefaultCapabilities : 0;
-    rules.effective = rules.permitted;
-}
-
-} // namespace
-
-znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
-{
-    constexpr std::uint32_t kUmask = 022;
-    List<Text> entries;
-    if (group_) {
-        errno = cgroup_entries(group_.get(), entries);
-        if (errno != 0)
-            return nullptr;
-    }
-    wire::Confinement rules = {};
-    rules.namespaces = CLONE_NEWNS | CLONE_NEWPID;
-    for (const Kind& kind : kKinds)
-        if (from(kind.kind) != NsChoice::From::kHost &&
-            (kind.kind != NsKind::kCgroup || from(kind.kind) == NsChoice::From::kPath))
-            rules.namespaces |= kind.flag;
-    rules.ownControlGroup = is_new(NsKind::kCgroup) ? 1 : 0;
-    rules.ownNetwork = is_new(NsKind::kNetwork) ? 1 : 0;
-    set_capabilities(settings_, rules);
-    rules.uid = settings_.user.uid;
-    rules.gid = settings_.user.gid;
-    rules.umask = settings_.user.umask.value_or(kUmask);
-    rules.filterFlags = filterFlags_;
-    rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
-    rules.noNewPrivileges = settings_.noNewPrivileges.value_or(true) ? 1 : 0;
-    rules.limits = static_cast<std::uint32_t>(settings_.rlimits.size());
-    rules.ranges = static_cast<std::uint32_t>(settings_.uidMappings.size());
-    rules.filter = static_cast<std::uint32_t>(filter_.size());
-    rules.groups = static_cast<std::uint32_t>(settings_.user.groups.size());
-    rules.entries = static_cast<std::uint32_t>(entries.size());
-    size = sizeof rules + rules.limits * sizeof(wire::Limit) +
-           rules.ranges * sizeof(wire::IdRange) + rules.filter * sizeof(wire::FilterCode) +
-           rules.groups * sizeof(std::uint32_t);
-    for (const Text& entry : entries)
-        size += std::strlen(entry.get()) + 1;
-    rules.size = size;
-    auto memory = znc::malloc_array<char>(size);
-    if (!memory)
-        return nullptr;
-    Block block(memory.get());
-    block.add(&rules, sizeof rules);
-    for (const Rlimit& limit : settings_.rlimits) {
-        const wire::Limit one = {static_cast<std::uint64_t>(limit.resource), limit.soft,
-                                 limit.hard};
-        block.add(&one, sizeof one);
-    }
-    for (const IdMapping& mapping : settings_.uidMappings) {
-        const wire::IdRange one = {mapping.inside, mapping.outside, mapping.count, 0};
-        block.add(&one, sizeof one);
-    }
-    block.add(filter_.begin(), filter_.size() * sizeof(wire::FilterCode));
-    block.add(settings_.user.groups.begin(), settings_.user.groups.size() * sizeof(std::uint32_t));
-    for (const Text& entry : entries)
-        block.add(entry.get(), std::strlen(entry.get()) + 1);
-    return memory;
 }
 
 } // namespace zn

@@ -3,7 +3,7 @@
 // the layers, by their real names, in a mount namespace that exists as long as one thread.
 #include "overlay_mapped.hpp"
 
-#include "overlay_mount.hpp"
+#include "overlay_options.hpp"
 
 #include <cerrno>
 #include <climits>
@@ -13,7 +13,6 @@
 #include <linux/mount.h>
 #include <pthread.h>
 #include <sched.h>
-#include <string_view>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -92,39 +91,10 @@ UniqueFd mount_by_option(const OverlayLayers& layers, const char* work)
                                                MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV)));
 }
 
-// The options of mount(), limited to a page.
-class Options {
-  public:
-    // Characters that separate options and layers are escaped.
-    void add(std::string_view key, const char* path)
-    {
-        put(key);
-        for (; *path != '\0'; path++) {
-            if (*path == ':' || *path == ',' || *path == '\\')
-                put("\\");
-            put({path, 1});
-        }
-    }
-    [[nodiscard]] bool fits() const { return len_ < sizeof text_; }
-    [[nodiscard]] const char* text() const { return text_; }
-
-  private:
-    void put(std::string_view more)
-    {
-        if (len_ + more.size() < sizeof text_)
-            std::memcpy(text_ + len_, more.data(), more.size());
-        else
-            len_ = sizeof text_;
-        len_ += fits() ? more.size() : 0;
-    }
-    char text_[4096] = {};
-    std::size_t len_ = 0;
-};
-
 // All layers in one option: for older kernels.
 UniqueFd mount_by_list(const OverlayLayers& layers, const char* work)
 {
-    Options options;
+    OverlayOptions options;
     const char* key = "lowerdir=";
     for (const auto& lower : layers.lower) {
         options.add(key, lower.get());

@@ -1,7 +1,9 @@
 #include "overlay_mount.hpp"
 
 #include "base/owned.hpp"
+#include "overlay_options.hpp"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -170,26 +172,55 @@ int overlay_mount_by_fd(int target, const int* dirs, std::uint32_t count, int up
                                       MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH));
 }
 
+namespace {
+
+struct FdPath {
+    explicit FdPath(int fd) { std::snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
+    char text[32];
+};
+
+// The path of a directory, which the mount table will show; false if it cannot be told.
+bool path_of(int fd, char (&path)[PATH_MAX])
+{
+    const ssize_t len = ::readlink(FdPath(fd).text, path, sizeof path - 1);
+    if (len <= 0)
+        return false;
+    path[len] = '\0';
+    struct stat named;
+    struct stat open;
+    return ::stat(path, &named) == 0 && ::fstat(fd, &open) == 0 && named.st_dev == open.st_dev &&
+           named.st_ino == open.st_ino;
+}
+
+// By their paths, or by those of the descriptors, which are short.
+bool list_lower(const int* dirs, std::uint32_t count, bool named, OverlayOptions& options)
+{
+    for (std::uint32_t i = 0; i < count; i++) {
+        char path[PATH_MAX];
+        if (named && !path_of(dirs[i], path))
+            return false;
+        options.add(i == 0 ? "lowerdir=" : ":", named ? path : FdPath(dirs[i]).text);
+    }
+    return options.fits();
+}
+
+} // namespace
+
 int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int upper, int work)
 {
-    // Paths through /proc/self/fd are short and contain no ":", which separates layers.
-    char options[4096] = "lowerdir=";
-    std::size_t len = std::strlen(options);
-    for (std::uint32_t i = 0; i < count && len < sizeof options; i++)
-        len += static_cast<std::size_t>(std::snprintf(
-            options + len, sizeof options - len, "%s/proc/self/fd/%d", i > 0 ? ":" : "", dirs[i]));
-    if (upper >= 0 && len < sizeof options)
-        len += static_cast<std::size_t>(
-            std::snprintf(options + len, sizeof options - len,
-                          ",upperdir=/proc/self/fd/%d,workdir=/proc/self/fd/%d", upper, work));
-    if (len >= sizeof options) {
-        errno = ENAMETOOLONG;
-        return -1;
+    for (const bool named : {true, false}) {
+        OverlayOptions options;
+        const bool listed = list_lower(dirs, count, named, options);
+        if (upper >= 0) {
+            options.add(",upperdir=", FdPath(upper).text);
+            options.add(",workdir=", FdPath(work).text);
+        }
+        if (listed && options.fits())
+            return ::mount("overlay", FdPath(target).text, "overlay",
+                           kMountFlags | (upper >= 0 ? 0 : MS_RDONLY), options.text());
     }
-    char where[64];
-    std::snprintf(where, sizeof where, "/proc/self/fd/%d", target);
-    return ::mount("overlay", where, "overlay", kMountFlags | (upper >= 0 ? 0 : MS_RDONLY),
-                   options);
+    errno = ENAMETOOLONG;
+    return -1;
 }
 
 static int mount_stack(int target, const char* const* dirs, std::uint32_t count, const Upper& upper)

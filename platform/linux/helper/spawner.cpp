@@ -364,7 +364,43 @@ void enter_user_namespace(const Rules& rules)
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
-[[noreturn]] void become_program(const Rules& rules, char** argv, char** envp)
+// Returns a negative error number on failure.
+long write_text(int directory, const char* path, const char* text)
+{
+    const sys::Fd file(sys::call(__NR_openat, directory, sys::arg(path), O_WRONLY | O_CLOEXEC));
+    return file.valid()
+               ? sys::call(__NR_write, file.get(), sys::arg(text), static_cast<long>(strlen(text)))
+               : -file.error();
+}
+
+const char* after(const char* text)
+{
+    return text + strlen(text) + 1;
+}
+
+// The security labels that the program will have. `proc` is the host's procfs: that of the
+// container may be covered. EACCES: the label does not exist or may not be given.
+void choose_labels(const Rules& rules, int proc)
+{
+    constexpr char kAttributes[] = "self/attr/";
+    const char* text = rules.entries();
+    for (unsigned i = 0; i < rules->entries; i++)
+        text = after(text);
+    for (unsigned i = 0; i < rules->labels; i++) {
+        char path[64];
+        const std::size_t len = strlen(text) + 1;
+        if (len > sizeof path - sizeof kAttributes)
+            fail(-EINVAL);
+        memcpy(path, kAttributes, sizeof kAttributes);
+        memcpy(path + sizeof kAttributes - 1, text, len);
+        text = after(text);
+        if (write_text(proc, path, text) < 0)
+            fail(-EACCES);
+        text = after(text);
+    }
+}
+
+[[noreturn]] void become_program(const Rules& rules, int proc, char** argv, char** envp)
 {
     const long nice = number(argv[1]);
     const long stack = number(argv[2]);
@@ -384,6 +420,7 @@ void enter_user_namespace(const Rules& rules)
     raise_stack(stack);
     leave_queue_memory();
     set_limits(rules);
+    choose_labels(rules, proc);
     enter_user_namespace(rules);
     drop_rights(rules, user);
     // After dropping rights, so that the program could have entered the directory itself.
@@ -394,13 +431,10 @@ void enter_user_namespace(const Rules& rules)
     fail(execute(program, argv + wire::kSpawnerFixedArgs, envp));
 }
 
-void write_text(const char* path, const char* text)
+// ENOENT and ENODEV: the control group is gone, and with it the namespace.
+void write_on_host(const char* path, const char* text)
 {
-    const sys::Fd file(sys::call(__NR_openat, AT_FDCWD, sys::arg(path), O_WRONLY | O_CLOEXEC));
-    const long result = file.valid() ? sys::call(__NR_write, file.get(), sys::arg(text),
-                                                 static_cast<long>(strlen(text)))
-                                     : -file.error();
-    // The control group is gone, and with it the namespace.
+    const long result = write_text(AT_FDCWD, path, text);
     check(result == -ENOENT || result == -ENODEV ? -ESRCH : result);
 }
 
@@ -408,10 +442,8 @@ void write_text(const char* path, const char* text)
 void prepare_on_host(const Rules& rules)
 {
     const char* entry = rules.entries();
-    for (unsigned i = 0; i < rules->entries; i++) {
-        write_text(entry, "0");
-        entry += strlen(entry) + 1;
-    }
+    for (unsigned i = 0; i < rules->entries; i++, entry = after(entry))
+        write_on_host(entry, "0");
     if (rules->oomScore != wire::kNoOomScore) {
         char text[16];
         std::size_t at = sizeof text - 1;
@@ -423,7 +455,7 @@ void prepare_on_host(const Rules& rules)
         while ((left /= 10) != 0);
         if (negative)
             text[--at] = '-';
-        write_text("/proc/self/oom_score_adj", text + at);
+        write_on_host("/proc/self/oom_score_adj", text + at);
     }
 }
 
@@ -438,6 +470,9 @@ void spawner_run(char** argv, char** envp)
     check(-reset_memory());
     const Rules rules;
     prepare_on_host(rules);
+    const sys::Fd proc(rules->labels != 0 ? sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"),
+                                                      O_PATH | O_DIRECTORY | O_CLOEXEC)
+                                          : -EBADF);
     // The cgroup namespace is rooted at the program's control group. In the keeper's cgroup
     // namespace, the program's cgroup path would lead through the host's groups.
     if (rules->ownControlGroup != 0)
@@ -450,7 +485,7 @@ void spawner_run(char** argv, char** envp)
     // this process until the new one has executed the program or has ended.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0)
-        become_program(rules, argv, envp);
+        become_program(rules, proc.get(), argv, envp);
     check(pid);
     report(wire::SpawnReport::Kind::kPid, pid);
     sys::exit_group(0);

@@ -90,7 +90,7 @@ inline constexpr int kSpawnerFdEnd = 7;
 inline constexpr int kSpawnerFixedArgs = 6;
 
 // What programs in a namespace may do, at kConfinementOffset in the namespace's record. The arrays
-// follow the structure: limits, ranges, filter, groups, then the texts.
+// follow the structure: limits, ranges, filter, groups, then the texts: entries, labels.
 struct Confinement {
     std::uint64_t size;       // with the arrays
     std::uint64_t namespaces; // CLONE_NEW flags of the keeper's namespaces to join
@@ -112,6 +112,7 @@ struct Confinement {
     std::uint32_t entries;    // texts: files through which the control group is entered
     std::uint32_t ownNetwork; // a network namespace whose loopback interface is to be up
     std::uint32_t ranges;     // users of the user namespace; 0: that of the host
+    std::uint32_t labels;     // texts in pairs: file below /proc/self/attr, security label
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;

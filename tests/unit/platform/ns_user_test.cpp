@@ -30,11 +30,38 @@ struct stat look(const std::string& path)
     return st;
 }
 
+// Whether directories of this file system can be id-mapped; those of tmpfs since Linux 6.3.
+bool can_be_mapped(const std::string& directory)
+{
+    const nsid_t ns = znnsCreateConfigured(kFlags, "trial", with(kMapped).c_str(), nullptr, 0);
+    if (ns < 0)
+        return false;
+    if (znnsRootfsCreate(ns, directory.c_str(), "trial") != OK)
+        return false;
+    return znnsDelete(ns) == OK;
+}
+
 class Users : public Configured {
   protected:
+    // ZNC_TEST_DISK: a directory for files if /tmp cannot be id-mapped.
+    void SetUp() override
+    {
+        Configured::SetUp();
+        const char* disk = std::getenv("ZNC_TEST_DISK");
+        if (disk != nullptr) {
+            place_ = disk;
+            root_ = place_ + "/root";
+            make_little_root(root_);
+        }
+        if (!can_be_mapped(root_))
+            GTEST_SKIP() << root_ << " cannot be id-mapped";
+        EXPECT_EQ(znnsShutdown(), 0);
+    }
+    std::string place_ = "/tmp";
     void TearDown() override
     {
         znnsUsersMap(FALSE);
+        fs::remove_all(place_ + "/root");
         Configured::TearDown();
     }
 };
@@ -127,31 +154,33 @@ TEST_F(Users, OwnersOfARootDirectoryAreThoseOfTheContainerAndStayOnDisk)
 
 TEST_F(Users, FilesOfTheHostsRootCannotBeChangedThroughABind)
 {
-    fs::create_directories("/tmp/hosts");
-    std::ofstream("/tmp/hosts/file") << "host\n";
+    const std::string hosts = place_ + "/hosts";
+    fs::create_directories(hosts);
+    std::ofstream(hosts + "/file") << "host\n";
     const nsid_t ns = configured(with(kMapped));
     ASSERT_GE(ns, 0) << reason_;
-    ASSERT_EQ(mount(ns, "/tmp/hosts", "/mnt", "bind", {}), OK) << std::strerror(errno);
+    ASSERT_EQ(mount(ns, hosts.c_str(), "/mnt", "bind", {}), OK) << std::strerror(errno);
     EXPECT_EQ(run(ns, "cat /mnt/file; (echo no >/mnt/file) 2>/dev/null || echo refused;"
                       "rm /mnt/file 2>/dev/null || echo refused;"
                       "touch /mnt/new 2>/dev/null || echo refused;"
                       "chown 0 /mnt/file 2>/dev/null || echo refused"),
               "host\nrefused\nrefused\nrefused\nrefused\n");
     EXPECT_EQ(znnsDelete(ns), OK);
-    EXPECT_EQ(read_file("/tmp/hosts/file"), "host\n");
-    fs::remove_all("/tmp/hosts");
+    EXPECT_EQ(read_file(hosts + "/file"), "host\n");
+    fs::remove_all(hosts);
 }
 
 TEST_F(Users, AnIdMappedBindHasTheOwnersOfTheContainer)
 {
-    fs::create_directories("/tmp/hosts");
+    const std::string hosts = place_ + "/hosts";
+    fs::create_directories(hosts);
     const nsid_t ns = configured(with(kMapped));
     ASSERT_GE(ns, 0) << reason_;
-    ASSERT_EQ(mount(ns, "/tmp/hosts", "/mnt", "bind", {"idmap"}), OK) << std::strerror(errno);
+    ASSERT_EQ(mount(ns, hosts.c_str(), "/mnt", "bind", {"idmap"}), OK) << std::strerror(errno);
     EXPECT_EQ(run(ns, "echo x >/mnt/new && stat -c %u /mnt/new"), "0\n");
     EXPECT_EQ(znnsDelete(ns), OK);
-    EXPECT_EQ(look("/tmp/hosts/new").st_uid, 0U);
-    fs::remove_all("/tmp/hosts");
+    EXPECT_EQ(look(hosts + "/new").st_uid, 0U);
+    fs::remove_all(hosts);
 }
 
 TEST_F(Users, AnIdMappedBindNeedsAUserNamespace)
@@ -193,12 +222,15 @@ TEST_F(Users, AWritableDeviceShowsTheOwnersOfItsLayers)
     if (znOvlInit() == FALSE)
         GTEST_SKIP() << "no overlayfs";
     mounts_ = read_file("/proc/self/mountinfo");
-    fs::create_directories("/tmp/layers/top/etc");
-    fs::create_directories("/tmp/layers/own/upper");
-    ASSERT_EQ(::chown("/tmp/layers/top/etc", 3, 4), 0);
-    const std::array<const char*, 2> stack = {"/tmp/layers/top", root_.c_str()};
+    const std::string top = place_ + "/layers/top";
+    const std::string upper = place_ + "/layers/own/upper";
+    fs::create_directories(top + "/etc");
+    fs::create_directories(upper);
+    ASSERT_EQ(::chown((top + "/etc").c_str(), 3, 4), 0);
+    const std::string bottom = root_;
+    const std::array<const char*, 2> stack = {top.c_str(), bottom.c_str()};
     ASSERT_EQ(znOvlDevCreate("/overlay/image", stack.data(), 2, FALSE), OK);
-    const std::array<const char*, 2> dirs = {"/tmp/layers/own/upper", "/overlay/image"};
+    const std::array<const char*, 2> dirs = {upper.c_str(), "/overlay/image"};
     ASSERT_EQ(znOvlDevCreate("/overlay/web", dirs.data(), 2, TRUE), OK) << std::strerror(errno);
     root_ = "/overlay/web";
     const nsid_t ns = configured(with(kMapped));
@@ -206,13 +238,13 @@ TEST_F(Users, AWritableDeviceShowsTheOwnersOfItsLayers)
     EXPECT_EQ(run(ns, "stat -c %u:%g / /bin /etc; echo x >/made && stat -c %u /made;"
                       "echo y >>/bin/copied && chown 9 /etc && stat -c %u:%g /etc"),
               "0:0\n0:0\n3:4\n0\n9:4\n");
-    EXPECT_EQ(look("/tmp/layers/own/upper/made").st_uid, kRoot);
-    EXPECT_EQ(look("/tmp/layers/own/upper/etc").st_uid, kRoot + 9);
-    EXPECT_EQ(look("/tmp/layers/top/etc").st_uid, 3U);
+    EXPECT_EQ(look(upper + "/made").st_uid, kRoot);
+    EXPECT_EQ(look(upper + "/etc").st_uid, kRoot + 9);
+    EXPECT_EQ(look(top + "/etc").st_uid, 3U);
     EXPECT_EQ(znnsDelete(ns), OK);
     EXPECT_FALSE(fs::exists("/overlay/web"));
     EXPECT_EQ(znOvlDevRemove("/overlay/image"), OK);
-    fs::remove_all("/tmp/layers");
+    fs::remove_all(place_ + "/layers");
 }
 
 // ---------------------------------------------------------------- each container its own users
