@@ -1,4 +1,5 @@
 // cgroup.cpp - creates groups and tells how to enter them; see cgroup.hpp.
+#include "cgroup_known.hpp"
 #include "cgroup_tree.hpp"
 
 #include "system/clock.hpp"
@@ -131,11 +132,26 @@ int make_once(const GroupPath& path, Made& made)
     return error;
 }
 
+// Creates a group in one call if its parent exists and the hierarchy needs no more than that.
+// Groups are no symbolic links, so that the path leads nowhere else.
+bool make_directly(const GroupPath& path, Made& made)
+{
+    constexpr unsigned kPrepared = 1U << static_cast<unsigned>(Controller::kCpuset) |
+                                   1U << static_cast<unsigned>(Controller::kMemory);
+    if (made.in->unified || (made.in->controllers & kPrepared) != 0 ||
+        ::mkdirat(made.in->root.get(), path.text(), 0755) != 0)
+        return false;
+    made.existing = path.parts() - 1;
+    return true;
+}
+
 // Creates the group in one hierarchy. Another creation that fails at the same time may remove a
 // parent that it made; then the parent is made again.
 int make_group(const GroupPath& path, Made& made)
 {
     int error = 0;
+    if (make_directly(path, made))
+        return 0;
     for (int i = 0; i < kTries; i++) {
         made.existing = 0;
         error = make_once(path, made);
@@ -263,8 +279,8 @@ int cgroup_processes(const Hierarchies& hierarchies, const char* path, List<int>
 CgroupVersion cgroup_version()
 {
     const znc::ErrnoSaver keep;
-    Hierarchies hierarchies;
-    return hierarchies_read(hierarchies) == 0 ? hierarchies.version : CgroupVersion::kNone;
+    const KnownHierarchies known;
+    return known.error() == 0 ? known.get().version : CgroupVersion::kNone;
 }
 
 bool cgroup_contains(const char* group, const char* path)
@@ -280,36 +296,34 @@ bool cgroup_contains(const char* group, const char* path)
 
 int cgroup_create(const char* path, const Resources& resources, const char** field)
 {
-    Hierarchies hierarchies;
+    const KnownHierarchies known;
     *field = nullptr;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_create(hierarchies, path, resources, field);
+    return known.error() != 0 ? known.error() : cgroup_create(known.get(), path, resources, field);
 }
 
 int cgroup_limit(const char* path, const Resources& resources, const char** field)
 {
-    Hierarchies hierarchies;
+    const KnownHierarchies known;
     *field = nullptr;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_limit(hierarchies, path, resources, field);
+    return known.error() != 0 ? known.error() : cgroup_limit(known.get(), path, resources, field);
 }
 
 int cgroup_entries(const char* path, List<Text>& entries)
 {
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_entries(hierarchies, path, entries);
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_entries(known.get(), path, entries);
 }
 
 int cgroup_freeze(const char* path, bool frozen)
 {
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_freeze(hierarchies, path, frozen);
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_freeze(known.get(), path, frozen);
 }
 
 int cgroup_frozen(const char* path, bool& frozen)
 {
+    if (cgroup_frozen_usual(path, frozen))
+        return 0;
     Hierarchies hierarchies;
     const int error = hierarchies_read(hierarchies);
     return error != 0 ? error : cgroup_frozen(hierarchies, path, frozen);
@@ -317,23 +331,20 @@ int cgroup_frozen(const char* path, bool& frozen)
 
 int cgroup_use(const char* path, CgroupUse& use)
 {
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_use(hierarchies, path, use);
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_use(known.get(), path, use);
 }
 
 int cgroup_processes(const char* path, List<int>& pids)
 {
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_processes(hierarchies, path, pids);
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_processes(known.get(), path, pids);
 }
 
 int cgroup_remove(const char* path)
 {
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_remove(hierarchies, path);
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_remove(known.get(), path);
 }
 
 } // namespace zn

@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace zn {
@@ -119,6 +121,25 @@ int cgroup_frozen(const Hierarchies& hierarchies, const char* path, bool& frozen
         return error != 0 ? error : ENOTSUP;
     const znc::UniqueFd group = group_open(*in, name);
     return group ? read_frozen(in->unified, group.get(), frozen) : errno;
+}
+
+bool cgroup_frozen_usual(const char* path, bool& frozen)
+{
+    GroupPath name;
+    if (name.set(path) != 0)
+        return false;
+    for (const bool unified : {false, true}) {
+        const char* const top = unified ? kCgroupTop : "/sys/fs/cgroup/freezer";
+        const znc::UniqueFd root(::open(top, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        struct statfs fs;
+        if (!root || ::fstatfs(root.get(), &fs) != 0 ||
+            fs.f_type != (unified ? CGROUP2_SUPER_MAGIC : CGROUP_SUPER_MAGIC))
+            continue;
+        const znc::UniqueFd group = group_open(root.get(), name.text());
+        if (group && read_frozen(unified, group.get(), frozen) == 0)
+            return true;
+    }
+    return false;
 }
 
 void cgroup_thaw(const char* path)

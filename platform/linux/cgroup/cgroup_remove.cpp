@@ -129,6 +129,16 @@ int remove_in(const Hierarchy& in, const GroupPath& path, std::int64_t deadline)
     return error != 0 ? error : remove_one(parent.get(), path.name(), deadline);
 }
 
+// Removes a group without processes and groups below it, as most are that are removed. False if
+// something of it may be left.
+bool remove_empty(const Hierarchies& hierarchies, const GroupPath& path)
+{
+    for (const Hierarchy& one : hierarchies.all)
+        if (::unlinkat(one.root.get(), path.text(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+            return false;
+    return true;
+}
+
 } // namespace
 
 int subgroups_remove(int group, std::int64_t deadline)
@@ -141,7 +151,7 @@ int cgroup_remove(const Hierarchies& hierarchies, const char* path)
 {
     GroupPath group;
     int error = group.set(path);
-    if (error != 0)
+    if (error != 0 || remove_empty(hierarchies, group))
         return error;
     const std::int64_t deadline = now_ns() + kRemoveMs * std::int64_t{1000000};
     error = kill_all(hierarchies, group, deadline);

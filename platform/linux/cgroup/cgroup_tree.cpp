@@ -15,7 +15,6 @@
 namespace zn {
 namespace {
 
-constexpr char kTop[] = "/sys/fs/cgroup";
 constexpr char kProcs[] = "cgroup.procs";
 
 constexpr const char* kControllerNames[kControllers] = {
@@ -36,13 +35,13 @@ unsigned controllers_of(char* options)
 
 bool is_top(const char* point)
 {
-    return std::strcmp(point, kTop) == 0;
+    return std::strcmp(point, kCgroupTop) == 0;
 }
 
 bool is_below_top(const char* point)
 {
-    constexpr std::size_t kLen = sizeof kTop - 1;
-    return std::strncmp(point, kTop, kLen) == 0 && point[kLen] == '/' &&
+    constexpr std::size_t kLen = sizeof kCgroupTop - 1;
+    return std::strncmp(point, kCgroupTop, kLen) == 0 && point[kLen] == '/' &&
            std::strchr(point + kLen + 1, '/') == nullptr;
 }
 

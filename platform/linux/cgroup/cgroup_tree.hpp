@@ -9,6 +9,9 @@
 
 namespace zn {
 
+// Where hierarchies are mounted, or below it.
+inline constexpr char kCgroupTop[] = "/sys/fs/cgroup";
+
 // Controllers by their v1 names. On v2, cpuacct, devices and freezer are functions of every group,
 // and blkio is "io".
 enum class Controller : unsigned {
@@ -71,6 +74,10 @@ inline znc::UniqueFd group_open(const Hierarchy& hierarchy, const GroupPath& pat
 {
     return group_open(hierarchy.root.get(), path.text());
 }
+
+// Looks where the freezer is on most machines, without reading the mount table. False if the group
+// is not there.
+bool cgroup_frozen_usual(const char* path, bool& frozen);
 
 // What is done with each group while walking. Both return 0, or an error number that ends the walk.
 struct GroupVisit {

@@ -350,6 +350,28 @@ TEST_F(CgroupMounts, UnifiedHierarchyWithoutControllersBesideItIsNone)
               CgroupVersion::kNone);
 }
 
+TEST_F(CgroupMounts, HierarchiesThatAreMountedOrUnmountedLaterAreNoticed)
+{
+    EXPECT_EQ(in_child([] {
+                  const CgroupVersion before = zn::cgroup_version();
+                  if (::unshare(CLONE_NEWNS) != 0 ||
+                      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      ::mount("tmpfs", kTop, "tmpfs", 0, nullptr) != 0)
+                      return 100;
+                  if (zn::cgroup_version() != CgroupVersion::kNone)
+                      return 1;
+                  if (::mkdir("/sys/fs/cgroup/pids", 0755) != 0 ||
+                      ::mount("cgroup2", kTop, "cgroup2", 0, nullptr) != 0)
+                      return 101;
+                  if (zn::cgroup_version() != CgroupVersion::kV2)
+                      return 2;
+                  if (::umount2(kTop, MNT_DETACH) != 0 || ::umount2(kTop, MNT_DETACH) != 0)
+                      return 102;
+                  return zn::cgroup_version() == before ? 0 : 3;
+              }),
+              0);
+}
+
 TEST_F(CgroupMounts, WithoutHierarchiesGroupsAreNotSupported)
 {
     EXPECT_EQ(in_child([] {
