@@ -2,14 +2,17 @@
 #include "ns_mount.hpp"
 
 #include "base/file.hpp"
+#include "cgroup/cgroup.hpp"
 #include "ns_record.hpp"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mount.h>
 #include <span>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -51,6 +54,8 @@ UniqueFd detached_tree(const char* path, const MountPlan& plan, const UserNamesp
 }
 
 namespace {
+
+constexpr const char* kGroupsTop[] = {"nosuid", "nodev", "noexec", "mode=755", "size=64k", nullptr};
 
 // The strings of a request, concatenated.
 class TextBuffer {
@@ -133,6 +138,40 @@ int mount_fs(Keeper& keeper, const UserNamespace& user, const char* destination,
     return text.send(keeper, request, -1, id);
 }
 
+// Mounts the group in each hierarchy on a directory named like the hierarchy; the unified one, if
+// it is the only one, on the destination itself. A new mount of the type would show all groups of
+// the host, since the keeper is in none of the container's.
+int mount_groups(Keeper& keeper, const UserNamespace& user, const char* group,
+                 const char* destination, std::uint64_t* id)
+{
+    List<GroupDirectory> groups;
+    int error = group[0] != '\0' ? cgroup_directories(group, groups) : ENODEV;
+    if (error != 0)
+        return error;
+    MountPlan plan;
+    plan.attrSet = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
+    plan.propagation = MS_PRIVATE;
+    if (groups[0].name[0] == '\0')
+        return mount_tree(keeper, user, groups[0].path.get(), destination, plan, id);
+    MountPlan top;
+    static_cast<void>(mount_plan_make("tmpfs", kGroupsTop, false, top));
+    error = mount_fs(keeper, user, destination, top, id);
+    for (const GroupDirectory& one : groups) {
+        char point[kRootPathMax + NAME_MAX + 2];
+        std::snprintf(point, sizeof point, "%s/%s", destination, one.name.get());
+        std::uint64_t part = 0;
+        if (error == 0)
+            error = mount_tree(keeper, user, one.path.get(), point, plan, &part);
+    }
+    return error;
+}
+
+bool is_group_type(const MountPlan& plan)
+{
+    return !plan.bind &&
+           (std::strcmp(plan.type, "cgroup") == 0 || std::strcmp(plan.type, "cgroup2") == 0);
+}
+
 } // namespace
 
 NamespaceMounts::~NamespaceMounts()
@@ -143,8 +182,9 @@ NamespaceMounts::~NamespaceMounts()
     }
 }
 
-int NamespaceMounts::mount(Keeper& keeper, const UserNamespace& user, const char* source,
-                           const char* destination, const char* type, const char* const* options)
+int NamespaceMounts::mount(Keeper& keeper, const UserNamespace& user, const char* group,
+                           const char* source, const char* destination, const char* type,
+                           const char* const* options)
 {
     if (std::strlen(destination) >= kRootPathMax)
         return ENAMETOOLONG;
@@ -160,7 +200,8 @@ int NamespaceMounts::mount(Keeper& keeper, const UserNamespace& user, const char
     int error = mount_plan_make(type, options, exists, plan);
     if (error == 0)
         error = plan.bind ? mount_tree(keeper, user, source, destination, plan, &entry->id)
-                          : mount_fs(keeper, user, destination, plan, &entry->id);
+                : is_group_type(plan) ? mount_groups(keeper, user, group, destination, &entry->id)
+                                      : mount_fs(keeper, user, destination, plan, &entry->id);
     if (error != 0)
         return error;
     entry->next = newest_;

@@ -25,8 +25,9 @@ class NamespaceMounts {
     NamespaceMounts& operator=(const NamespaceMounts&) = delete;
     ~NamespaceMounts();
 
-    // The owners of file systems (options "uid" and "gid") are ids of `user`.
-    int mount(Keeper& keeper, const UserNamespace& user, const char* source,
+    // The owners of file systems (options "uid" and "gid") are ids of `user`. File systems of the
+    // types "cgroup" and "cgroup2" are the control group `group` alone, read-only.
+    int mount(Keeper& keeper, const UserNamespace& user, const char* group, const char* source,
               const char* destination, const char* type, const char* const* options);
     // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
     // (ESRCH), the mount is removed from the list, too.

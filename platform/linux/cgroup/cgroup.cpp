@@ -164,6 +164,16 @@ int make_group(const GroupPath& path, Made& made)
     return error;
 }
 
+// "A/B"; null without memory.
+Text join(const char* directory, const char* name)
+{
+    const std::size_t size = std::strlen(directory) + std::strlen(name) + 2;
+    Text path = znc::malloc_array<char>(size);
+    if (path)
+        std::snprintf(path.get(), size, "%s/%s", directory, name);
+    return path;
+}
+
 // Makes an existing group without processes usable: it may be frozen, and groups left below it
 // prevent processes from entering it on v2.
 int take_over(const Hierarchies& hierarchies, const GroupPath& path)
@@ -236,31 +246,41 @@ int cgroup_limit(const Hierarchies& hierarchies, const char* path, const Resourc
     return error != 0 ? error : limits_apply(hierarchies, group, resources, field);
 }
 
-int cgroup_entries(const Hierarchies& hierarchies, const char* path, List<Text>& entries)
+int cgroup_directories(const Hierarchies& hierarchies, const char* path,
+                       List<GroupDirectory>& directories)
 {
-    constexpr char kProcs[] = "cgroup.procs";
     GroupPath group;
-    int error = group.set(path);
+    const int error = group.set(path);
     if (error != 0)
         return error;
-    bool found = false;
     for (const Hierarchy& one : hierarchies.all) {
         const UniqueFd dir = group_open(one, group);
         if (!dir && errno == ENOENT)
             continue;
         if (!dir)
             return errno;
-        const std::size_t room =
-            std::strlen(one.point.get()) + std::strlen(group.text()) + sizeof kProcs + 2;
-        Text entry = znc::malloc_array<char>(room);
-        if (!entry)
+        const char* const point = one.point.get();
+        const char* const name =
+            std::strcmp(point, kCgroupTop) == 0 ? "" : std::strrchr(point, '/') + 1;
+        GroupDirectory found = {join(point, group.text()), znc::copy_text(name)};
+        if (!found.path || !found.name || directories.append(std::move(found)) == nullptr)
             return ENOMEM;
-        std::snprintf(entry.get(), room, "%s/%s/%s", one.point.get(), group.text(), kProcs);
-        if (entries.append(std::move(entry)) == nullptr)
-            return ENOMEM;
-        found = true;
     }
-    return found ? 0 : ENOENT;
+    return directories.empty() ? ENOENT : 0;
+}
+
+int cgroup_entries(const Hierarchies& hierarchies, const char* path, List<Text>& entries)
+{
+    List<GroupDirectory> directories;
+    const int error = cgroup_directories(hierarchies, path, directories);
+    if (error != 0)
+        return error;
+    for (const GroupDirectory& one : directories) {
+        Text entry = join(one.path.get(), "cgroup.procs");
+        if (!entry || entries.append(std::move(entry)) == nullptr)
+            return ENOMEM;
+    }
+    return 0;
 }
 
 int cgroup_processes(const Hierarchies& hierarchies, const char* path, List<int>& pids)
@@ -306,6 +326,12 @@ int cgroup_limit(const char* path, const Resources& resources, const char** fiel
     const KnownHierarchies known;
     *field = nullptr;
     return known.error() != 0 ? known.error() : cgroup_limit(known.get(), path, resources, field);
+}
+
+int cgroup_directories(const char* path, List<GroupDirectory>& directories)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_directories(known.get(), path, directories);
 }
 
 int cgroup_entries(const char* path, List<Text>& entries)

@@ -39,6 +39,16 @@ int cgroup_create(const char* path, const Resources& resources, const char** fie
 // its processes. True also if a path is invalid.
 bool cgroup_contains(const char* group, const char* path);
 
+// A group's directory in one hierarchy, and the name of the hierarchy below /sys/fs/cgroup; "" for
+// the unified one if it is mounted there.
+struct GroupDirectory {
+    Text path;
+    Text name;
+};
+
+// Appends the directories of a group. ENOENT if it does not exist.
+int cgroup_directories(const char* path, List<GroupDirectory>& directories);
+
 // Applies the limits that are given; others stay as they are. Errors as above; limits that were
 // written before the one that failed stay.
 int cgroup_limit(const char* path, const Resources& resources, const char** field);

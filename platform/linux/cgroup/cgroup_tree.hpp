@@ -102,6 +102,8 @@ int cgroup_create(const Hierarchies& hierarchies, const char* path, const Resour
                   const char** field);
 int cgroup_limit(const Hierarchies& hierarchies, const char* path, const Resources& resources,
                  const char** field);
+int cgroup_directories(const Hierarchies& hierarchies, const char* path,
+                       List<GroupDirectory>& directories);
 int cgroup_entries(const Hierarchies& hierarchies, const char* path, List<Text>& entries);
 int cgroup_freeze(const Hierarchies& hierarchies, const char* path, bool frozen);
 int cgroup_frozen(const Hierarchies& hierarchies, const char* path, bool& frozen);

@@ -160,6 +160,23 @@ TEST_F(Control, TheGroupGoesWithTheNamespace)
     EXPECT_FALSE(exists(group));
 }
 
+TEST_F(Control, AMountOfControlGroupsShowsTheContainersOwnAndCannotBeWritten)
+{
+    const nsid_t ns = rooted();
+    for (const char* type : {"cgroup", "cgroup2"}) {
+        ASSERT_EQ(mount(ns, type, "/sys/fs/cgroup", type, {"rw"}), OK) << std::strerror(errno);
+        EXPECT_EQ(run(ns,
+                      "cd /sys/fs/cgroup; test -e cgroup.procs || cd pids; echo $(cat pids.max);"
+                      "grep -x $$ cgroup.procs >/dev/null && echo self; ls -d */ 2>/dev/null;"
+                      "(echo max >pids.max) 2>/dev/null || echo refused;"
+                      "mkdir below 2>/dev/null || echo refused"),
+                  "4096\nself\nrefused\nrefused\n");
+        EXPECT_EQ(znnsUmount(ns, "", type, "/sys/fs/cgroup", type, nullptr), OK);
+        EXPECT_EQ(run(ns, "ls /sys/fs/cgroup"), "");
+    }
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
 TEST_F(Control, GroupsOfTwoNamespacesDoNotOverlap)
 {
     const auto in_group = [](const std::string& path) {
