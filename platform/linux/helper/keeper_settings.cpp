@@ -103,6 +103,31 @@ int device_make(const char* path, const wire::Node& node)
                                            node.gid, AT_SYMLINK_NOFOLLOW));
 }
 
+// Parameters of an IPC namespace can be written by the root of its user namespace only, whatever
+// capabilities the writer has. While this exists, this process has the owner of new files as its
+// effective user, and keeps its capabilities.
+class AsOwner {
+  public:
+    AsOwner() : owner_(sys::call(__NR_setfsuid, -1))
+    {
+        if (owner_ != 0)
+            sys::call(__NR_setresuid, -1, owner_, -1);
+    }
+    ~AsOwner()
+    {
+        if (owner_ == 0)
+            return;
+        sys::call(__NR_setresuid, -1, 0, -1);
+        sys::call(__NR_setfsuid, owner_);
+        sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
+    }
+    AsOwner(const AsOwner&) = delete;
+    AsOwner& operator=(const AsOwner&) = delete;
+
+  private:
+    long owner_;
+};
+
 int parameter_set(const char* path, const char* value)
 {
     // A procfs of its own: that of the container may be mounted over, and is read-only there.
@@ -116,6 +141,7 @@ int parameter_set(const char* path, const char* value)
     open_how how = {};
     how.flags = O_WRONLY | O_CLOEXEC;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const AsOwner owner;
     const sys::Fd file(
         sys::call(__NR_openat2, root.get(), sys::arg(path), sys::arg(&how), sizeof how));
     if (!file.valid())

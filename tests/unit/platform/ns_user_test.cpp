@@ -105,6 +105,17 @@ TEST_F(Users, NetworkIpcAndHostNamespacesBelongToTheUserNamespace)
     EXPECT_EQ(under(with(kMapped, admin), "hostname changed && hostname"), "changed\n");
 }
 
+TEST_F(Users, ParametersPathsAndTheReadOnlyRootAreAppliedAsWithout)
+{
+    const std::string more = R"(,"sysctl":{"net.ipv4.ip_default_ttl":"33","kernel.shmmni":"77"},)"
+                             R"("maskedPaths":["/etc"],"readonlyPaths":["/proc/fs"])";
+    const std::string out = under(with(kMapped + more, R"("root":{"path":"x","readonly":true})"),
+                                  "cat /proc/sys/net/ipv4/ip_default_ttl /proc/sys/kernel/shmmni;"
+                                  "ls /etc; (echo >/file) 2>/dev/null || echo read-only;"
+                                  "echo 1 >/dev/shm/x && echo shm");
+    EXPECT_EQ(out, "33\n77\nread-only\nshm\n");
+}
+
 TEST_F(Users, AProgramRunsAsAUserOfTheContainer)
 {
     const std::string user = R"("process":{"user":{"uid":1000,"gid":100,"additionalGids":[5]}})";
