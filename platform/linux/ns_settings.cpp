@@ -1,6 +1,8 @@
 // ns_settings.cpp - see ns_settings.hpp.
 #include "ns_settings.hpp"
 
+#include "confinement.hpp"
+#include "keeper_request.hpp"
 #include "settings/seccomp.hpp"
 #include "settings/settings_policy.hpp"
 
@@ -111,56 +113,6 @@ int create_group(const char* path, Resources& wanted, const char** field)
 bool has_label(const Text& label)
 {
     return label && label[0] != '\0' && std::strcmp(label.get(), "unconfined") != 0;
-}
-
-// Asks the keeper with one or two texts.
-int tell(Keeper& keeper, wire::Request request, const char* first, const char* second = nullptr)
-{
-    char text[4096];
-    const std::size_t a = std::strlen(first) + 1;
-    const std::size_t b = second != nullptr ? std::strlen(second) + 1 : 0;
-    if (a + b > sizeof text)
-        return ENAMETOOLONG;
-    std::memcpy(text, first, a);
-    if (second != nullptr)
-        std::memcpy(text + a, second, b);
-    request.textLen = static_cast<std::uint32_t>(a + b);
-    request.textCount = second != nullptr ? 2 : 1;
-    return keeper.ask(request, {text, a + b}, -1);
-}
-
-int tell(Keeper& keeper, wire::Op op, const char* path)
-{
-    wire::Request request = {};
-    request.op = op;
-    return tell(keeper, request, path);
-}
-
-std::uint32_t type_bits(char type)
-{
-    return type == 'b' ? S_IFBLK : type == 'p' ? S_IFIFO : S_IFCHR;
-}
-
-int make_device(Keeper& keeper, const Device& device)
-{
-    wire::Request request = {};
-    request.op = wire::Op::kDevice;
-    request.node = {type_bits(device.type) | (device.mode & 07777), device.major, device.minor,
-                    device.uid, device.gid};
-    return tell(keeper, request, device.path.get());
-}
-
-// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward; a slash stands for a dot in a name.
-int set_parameter(Keeper& keeper, const Sysctl& parameter)
-{
-    Text path = znc::copy_text(parameter.key.get());
-    if (!path)
-        return ENOMEM;
-    for (char* at = path.get(); *at != '\0'; at++)
-        *at = *at == '.' ? '/' : *at == '/' ? '.' : *at;
-    wire::Request request = {};
-    request.op = wire::Op::kSysctl;
-    return tell(keeper, request, path.get(), parameter.value.get());
 }
 
 // A hard limit above that of this process cannot be given to programs.
@@ -335,38 +287,23 @@ std::uint64_t NamespaceSettings::root_bits() const
 int NamespaceSettings::seal(Keeper& keeper, SettingsFault& fault) const
 {
     for (const Device& device : settings_.devices)
-        if (const int error = make_device(keeper, device); error != 0)
+        if (const int error = keeper_make_device(keeper, device); error != 0)
             return refuse_errno(fault, "linux.devices", error);
     for (const Sysctl& parameter : settings_.sysctl)
-        if (const int error = set_parameter(keeper, parameter); error != 0)
+        if (const int error = keeper_set_parameter(keeper, parameter); error != 0)
             return refuse_errno(fault, "linux.sysctl", error);
     for (const Text& path : settings_.readonlyPaths)
-        if (const int error = tell(keeper, wire::Op::kReadOnly, path.get()); error != 0)
+        if (const int error = keeper_tell(keeper, wire::Op::kReadOnly, path.get()); error != 0)
             return refuse_errno(fault, "linux.readonlyPaths", error);
     for (const Text& path : settings_.maskedPaths)
-        if (const int error = tell(keeper, wire::Op::kHide, path.get()); error != 0)
+        if (const int error = keeper_tell(keeper, wire::Op::kHide, path.get()); error != 0)
             return refuse_errno(fault, "linux.maskedPaths", error);
     if (settings_.rootReadonly)
-        return refuse_errno(fault, "root.readonly", tell(keeper, wire::Op::kReadOnly, "/"));
+        return refuse_errno(fault, "root.readonly", keeper_tell(keeper, wire::Op::kReadOnly, "/"));
     return 0;
 }
 
 namespace {
-
-// Appends arrays to a block of memory that is large enough.
-class Block {
-  public:
-    explicit Block(char* at) : at_(at) {}
-    void add(const void* from, std::size_t size)
-    {
-        if (size != 0)
-            std::memcpy(at_, from, size);
-        at_ += size;
-    }
-
-  private:
-    char* at_;
-};
 
 void set_capabilities(const Settings& settings, wire::Confinement& rules)
 {
@@ -411,30 +348,7 @@ znc::MallocPtr<char[]> NamespaceSettings::confinement(std::size_t& size) const
     rules.filterFlags = filterFlags_;
     rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
     rules.noNewPrivileges = settings_.noNewPrivileges.value_or(true) ? 1 : 0;
-    rules.limits = static_cast<std::uint32_t>(settings_.rlimits.size());
-    rules.filter = static_cast<std::uint32_t>(filter_.size());
-    rules.groups = static_cast<std::uint32_t>(settings_.user.groups.size());
-    rules.entries = static_cast<std::uint32_t>(entries.size());
-    size = sizeof rules + rules.limits * sizeof(wire::Limit) +
-           rules.filter * sizeof(wire::FilterCode) + rules.groups * sizeof(std::uint32_t);
-    for (const Text& entry : entries)
-        size += std::strlen(entry.get()) + 1;
-    rules.size = size;
-    auto memory = znc::malloc_array<char>(size);
-    if (!memory)
-        return nullptr;
-    Block block(memory.get());
-    block.add(&rules, sizeof rules);
-    for (const Rlimit& limit : settings_.rlimits) {
-        const wire::Limit one = {static_cast<std::uint64_t>(limit.resource), limit.soft,
-                                 limit.hard};
-        block.add(&one, sizeof one);
-    }
-    block.add(filter_.begin(), filter_.size() * sizeof(wire::FilterCode));
-    block.add(settings_.user.groups.begin(), settings_.user.groups.size() * sizeof(std::uint32_t));
-    for (const Text& entry : entries)
-        block.add(entry.get(), std::strlen(entry.get()) + 1);
-    return memory;
+    return confinement_pack(rules, settings_, filter_.all(), entries, size);
 }
 
 } // namespace zn

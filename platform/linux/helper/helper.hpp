@@ -2,7 +2,8 @@
 //
 // The helper is a small static program without a C library, embedded in the platform and executed
 // from a sealed memfd. It separates the host from a container: as "zn-keeper" it is PID 1 of a
-// namespace, as "zn-spawn" it starts a program in one. It contains nothing of the memory of the
+// namespace, as "zn-spawn" it starts a program in one; as "zn-init" and "zn-exec" it becomes the
+// programs of engines' containers. It contains nothing of the memory of the
 // process that starts it, its file cannot be modified, and it loads nothing from a container's
 // tree.
 //
@@ -36,6 +37,10 @@ inline bool text_equal(const char* a, const char* b)
 [[noreturn]] void keeper_run();
 [[noreturn]] void spawner_run(char** argv, char** envp);
 
+// The processes of an engine's container (init.cpp): the first one, and one that joins it.
+[[noreturn]] void init_run(char** argv, char** envp);
+[[noreturn]] void entrant_run(char** argv, char** envp);
+
 // Unless stated otherwise, these functions return 0 or an error number.
 
 // Reset what the process inherited from the client to defaults (inherited.cpp): scheduling and
@@ -54,6 +59,9 @@ int replace_null_streams();
 // Replaces the host's tree by one that contains only an empty directory "/proc", to be copied for
 // other keepers (keeper_root.cpp).
 int root_leave();
+
+// Makes the detached tree the root of this mount namespace and nothing else (keeper_root.cpp).
+int root_pivot(int tree);
 
 // Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
 // `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace.
