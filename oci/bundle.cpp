@@ -1,9 +1,14 @@
 #include "bundle.hpp"
 
 #include "front/files.hpp"
+#include "front/words.hpp"
+#include "zarnel/fs.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -42,6 +47,40 @@ std::string real_path(const std::string& path, const char* what)
     if (::realpath(path.c_str(), resolved) == nullptr)
         throw Failure(fmt::format("{} {:?}: {}", what, path, zncctl::error_text()));
     return resolved;
+}
+
+bool has_variable(const TextList& env, const std::string& name)
+{
+    for (const std::string& one : env.texts())
+        if (one.compare(0, name.size() + 1, name + "=") == 0)
+            return true;
+    return false;
+}
+
+// The sixth field of the user's line in the passwd file inside the tree; "/" without one.
+std::string home_of(std::int64_t uid, const std::string& rootfs)
+{
+    const znc::UniqueFd root(::open(rootfs.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const znc::UniqueFd file(root ? znFileOpenInRoot(root.get(), "/etc/passwd") : -1);
+    struct stat st = {};
+    if (!file || ::fstat(file.get(), &st) != 0)
+        return "/";
+    const znc::FileText content = znc::read_text(file.get(), st);
+    std::string_view left = content.bytes ? std::string_view(content.bytes.get(), content.len) : "";
+    while (!left.empty()) {
+        std::string_view line = left.substr(0, left.find('\n'));
+        left.remove_prefix(std::min(line.size() + 1, left.size()));
+        std::vector<std::string_view> fields;
+        for (std::size_t end = 0; end != line.npos;) {
+            end = line.find(':');
+            fields.push_back(line.substr(0, end));
+            line.remove_prefix(end == line.npos ? line.size() : end + 1);
+        }
+        if (fields.size() == 7 && zncctl::to_number<std::int64_t>(fields[2]) == uid &&
+            !fields[5].empty())
+            return std::string(fields[5]);
+    }
+    return "/";
 }
 
 // Hooks that have to run inside the container are not supported.
@@ -86,6 +125,19 @@ Process Process::read(const Json& json)
     return process;
 }
 
+void Process::complete_environment(const Json& process, const std::string& rootfs)
+{
+    const Json* user = zncctl::member(process, "user");
+    if (!has_variable(env, "HOME"))
+        env.add("HOME=" +
+                home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
+    const char* sockets = std::getenv("LISTEN_FDS");
+    if (sockets == nullptr)
+        return;
+    env.add(std::string("LISTEN_FDS=") + sockets);
+    env.add("LISTEN_PID=1");
+}
+
 ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
 {
     return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows, columns};
@@ -115,6 +167,7 @@ Bundle::Bundle(const std::string& directory, const std::string& config)
     if (process == nullptr)
         throw Failure("process: is missing");
     process_ = Process::read(*process);
+    process_.complete_environment(*process, rootfs_);
     domain_ = optional_text(config_, "domainname", "config.json");
     check_hooks(config_);
 }

@@ -33,6 +33,9 @@ struct Process {
 
     // Fails if something is missing or of the wrong type.
     static Process read(const Json& process);
+    // Adds what the program expects in its environment: HOME, from the passwd file of the tree
+    // `rootfs`, and the descriptors that a service manager has opened.
+    void complete_environment(const Json& process, const std::string& rootfs);
     [[nodiscard]] ZN_ENGINE_PROGRAM program(int console, int descriptors) const;
 };
 

@@ -5,7 +5,10 @@
 #include "front/words.hpp"
 #include "hooks.hpp"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
@@ -39,6 +42,12 @@ class Unfinished {
     StateDirectory* directory_;
 };
 
+std::string environment(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
 std::string state_text(const Container& container, Status status)
 {
     return zncctl::compact(state_document(container, status));
@@ -68,10 +77,8 @@ int preserved_descriptors(const Arguments& args)
     if (!count || *count < 0 || *count > ZN_ENGINE_DESCRIPTORS_MAX)
         throw Failure(fmt::format("--preserve-fds: {:?} is not a number from 0 to {}", text,
                                   ZN_ENGINE_DESCRIPTORS_MAX));
-    for (int fd = 3; fd < 3 + *count; fd++)
-        if (::fcntl(fd, F_GETFD) < 0)
-            throw Failure(fmt::format("--preserve-fds: descriptor {} is not open", fd));
-    return *count;
+    const auto listening = zncctl::to_number<int>(environment("LISTEN_FDS"));
+    return std::min(*count + std::max(listening.value_or(0), 0), ZN_ENGINE_DESCRIPTORS_MAX);
 }
 
 znc::UniqueFd connect_console(const Arguments& args, bool terminal)

@@ -17,7 +17,8 @@ void remove_container(StateDirectory& directory);
 // Writes the process id for an engine that waits for the file: it is never seen incomplete.
 void write_pid_file(const char* path, pid_t pid);
 
-// The number of descriptors of --preserve-fds; fails if one of them is not open.
+// How many descriptors from 3 up the program gets: those of --preserve-fds, and the sockets that a
+// service manager has opened for it (LISTEN_FDS).
 int preserved_descriptors(const Arguments& args);
 
 // Connects to the socket of --console-socket, which a terminal needs. Without a terminal there must

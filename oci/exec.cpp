@@ -4,6 +4,8 @@
 #include "front/words.hpp"
 #include "signals.hpp"
 
+#include <array>
+
 #include <fmt/format.h>
 
 namespace zncrun {
@@ -35,6 +37,18 @@ void set_user(Json& process, const std::string& text)
     process["user"] = Json::object({{"uid", *uid}, {"gid", *gid}});
 }
 
+// Of two variables with one name programs take either.
+void set_variable(Json& process, const std::string& text)
+{
+    const std::string start = text.substr(0, text.find('=')) + "=";
+    Json env = Json::array();
+    for (const Json& one : zncctl::children(zncctl::member(process, "env")))
+        if (!one.is_string() || one.get<std::string>().rfind(start, 0) != 0)
+            env.push_back(one);
+    env.push_back(text);
+    process["env"] = env;
+}
+
 // The container's own process with what the options change.
 Json process_of(const Json& config, const Arguments& args)
 {
@@ -53,7 +67,7 @@ Json process_of(const Json& config, const Arguments& args)
         process["user"]["additionalGids"].push_back(
             zncctl::to_number<std::uint32_t>(group).value_or(0));
     for (const std::string& one : args.values("env"))
-        process["env"].push_back(one);
+        set_variable(process, one);
     if (args.has("no-new-privs"))
         process["noNewPrivileges"] = true;
     for (const std::string& one : args.values("cap"))
@@ -93,7 +107,8 @@ int run_exec(const Context& context, const Arguments& args)
     Json json = file != nullptr ? parse_process(file) : process_of(config, args);
     if (args.has("tty"))
         json["terminal"] = true;
-    const Process process = Process::read(json);
+    Process process = Process::read(json);
+    process.complete_environment(json, container.rootfs);
     const znc::UniqueFd console = connect_console(args, process.terminal);
     const sigset_t signals = block_forwarded_signals();
     const ZN_ENGINE_PROGRAM program = process.program(console ? console.get() : -1, descriptors);

@@ -97,7 +97,7 @@ void run_hook(const Hook& hook, const char* kind, const std::string& state)
     ::sigprocmask(SIG_BLOCK, &child, &before);
     pid_t pid = -1;
     const int error = ::posix_spawn(&pid, hook.path.c_str(), &actions, &attributes, hook.args.get(),
-                                    hook.env.get());
+                                    hook.env.size() != 0 ? hook.env.get() : environ);
     const auto status = error == 0 ? wait_for(pid, hook.seconds) : std::nullopt;
     if (error == 0 && !status) {
         ::kill(pid, SIGKILL);

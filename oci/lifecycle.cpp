@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <regex>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -141,14 +142,14 @@ int run_kill(const Context& context, const Arguments& args)
     return 0;
 }
 
-int run_delete(const Context& context, const Arguments& args)
+namespace {
+
+void delete_one(const Context& context, const std::string& id, bool force)
 {
-    const bool force = args.has("force");
-    StateDirectory directory =
-        force ? StateDirectory::find(context, args.operand(0), Lock::kExclusive)
-              : StateDirectory::open(context, args.operand(0), Lock::kExclusive);
+    StateDirectory directory = force ? StateDirectory::find(context, id, Lock::kExclusive)
+                                     : StateDirectory::open(context, id, Lock::kExclusive);
     if (!directory)
-        return 0;
+        return;
     if (!force) {
         const Container container = directory.read();
         const Status status = directory.status(container);
@@ -157,6 +158,20 @@ int run_delete(const Context& context, const Arguments& args)
                                       container.id, status_name(status)));
     }
     remove_container(directory);
+}
+
+} // namespace
+
+int run_delete(const Context& context, const Arguments& args)
+{
+    if (!args.has("regex")) {
+        delete_one(context, args.operand(0), args.has("force"));
+        return 0;
+    }
+    const std::regex wanted(args.operand(0), std::regex::extended);
+    for (const std::string& id : state_ids(context))
+        if (std::regex_search(id, wanted))
+            delete_one(context, id, args.has("force"));
     return 0;
 }
 

@@ -67,7 +67,9 @@ constexpr Option kExec[] = {
 };
 constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
 constexpr Option kDelete[] = {
-    {'f', "force", nullptr, "kill a running container; ignore an absent one"}};
+    {'f', "force", nullptr, "kill a running container; ignore an absent one"},
+    {'r', "regex", nullptr, "delete all whose id matches the regular expression"},
+};
 constexpr Option kUpdate[] = {
     {'r', "resources", "FILE", "limits as in linux.resources; - is the standard input"},
     {0, "memory", "BYTES", "limit of memory"},

@@ -14,7 +14,7 @@ namespace zn {
 // gets a descriptor of it. Invalid with errno set on failure.
 znc::UniqueFd helper_file();
 
-inline constexpr std::size_t kLaunchFdsMax = 64; // descriptors that a helper is given
+inline constexpr std::size_t kLaunchFdsMax = 256; // descriptors that a helper is given
 
 struct LaunchFd {
     int source; // the caller's descriptor

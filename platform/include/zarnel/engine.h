@@ -25,7 +25,7 @@ extern "C" {
 #endif
 
 #define ZN_ENGINE_REASON_MAX 512
-#define ZN_ENGINE_DESCRIPTORS_MAX 48 /* that a program gets besides the standard streams */
+#define ZN_ENGINE_DESCRIPTORS_MAX 240 /* that a program gets besides the standard streams */
 
 typedef struct znEngineMount {
     const char* source; /* NULL: none. Of a bind: an absolute host path */
@@ -39,7 +39,7 @@ typedef struct znEngineProgram {
     const char* cwd; /* absolute; created if missing */
     char* const* argv;
     char* const* envp;
-    int descriptors; /* how many descriptors from 3 up it gets, too */
+    int descriptors; /* it also gets those of so many from 3 up that are open, not close-on-exec */
     int console;     /* connected socket that gets the other end of its terminal; -1: no terminal */
     unsigned rows;   /* of the terminal; 0: not set */
     unsigned columns;

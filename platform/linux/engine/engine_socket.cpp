@@ -99,7 +99,8 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
                                                                 : null_.get(),
                           wire::kInitSocket + i};
     for (int i = 0; i < program.descriptors; i++)
-        fds_[count_++] = {3 + i, wire::kInitFdEnd + i};
+        if (::fcntl(3 + i, F_GETFD) == 0)
+            fds_[count_++] = {3 + i, wire::kInitFdEnd + i};
     return true;
 }
 

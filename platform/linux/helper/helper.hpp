@@ -74,6 +74,7 @@ int loopback_up();
 // read-only that does not exist is no error. Devices can be created below /dev only.
 int namespace_join(int descriptor, std::uint64_t type);
 int device_make(const char* path, const wire::Node& node);
+int node_make(int directory, const char* name, const wire::Node& node); // replaces a file
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);
 int path_read_only(const char* path);

@@ -295,28 +295,47 @@ int mount_type(const Incoming& in, std::uint64_t* id)
     return set < 0 ? error_of(set) : mount_attach(mount.get(), destination, true, id);
 }
 
-// What exists at the path stays; EBUSY: the configuration has mounted something there.
+// A path cut into the directory, which is created if it is missing, and the name in it.
+struct Place {
+    explicit Place(const char* path)
+    {
+        std::size_t cut = strlen(path);
+        while (cut > 0 && path[cut - 1] != '/')
+            cut--;
+        char above[kPathMax];
+        if (cut == 0 || cut >= sizeof above || path[cut] == '\0') {
+            error = EINVAL;
+            return;
+        }
+        memcpy(above, path, cut);
+        above[cut] = '\0';
+        directory = sys::Fd(mount_point(above, true));
+        error = directory.error();
+        name = path + cut;
+    }
+
+    sys::Fd directory;
+    const char* name = nullptr;
+    int error = 0;
+};
+
+// EBUSY: the configuration has mounted something there, which stays.
 int provide_device(const Incoming& in)
 {
-    const int error = device_make(in.text, in.request.node);
+    const Place place(in.text);
+    if (place.error != 0)
+        return place.error;
+    const int error = node_make(place.directory.get(), place.name, in.request.node);
     return error == EBUSY ? 0 : error;
 }
 
 int make_link(const char* path, const char* target)
 {
-    std::size_t cut = strlen(path);
-    while (cut > 0 && path[cut - 1] != '/')
-        cut--;
-    char above[kPathMax];
-    if (cut == 0 || cut >= sizeof above)
-        return EINVAL;
-    memcpy(above, path, cut);
-    above[cut] = '\0';
-    const sys::Fd directory(mount_point(above, true));
-    if (!directory.valid())
-        return directory.error();
+    const Place place(path);
+    if (place.error != 0)
+        return place.error;
     const int error = error_of(
-        sys::call(__NR_symlinkat, sys::arg(target), directory.get(), sys::arg(path + cut)));
+        sys::call(__NR_symlinkat, sys::arg(target), place.directory.get(), sys::arg(place.name)));
     return error == EEXIST ? 0 : error;
 }
 
@@ -354,9 +373,10 @@ int protect_all(const Incoming& in)
 int find(Program& program, std::uint64_t* value)
 {
     *value = static_cast<std::uint64_t>(wire::SpawnReport::Kind::kDirectory);
-    const sys::Fd directory(mount_point(program.directory, true));
-    if (!directory.valid())
-        return directory.error();
+    const sys::Fd made(mount_point(program.directory, true));
+    const sys::Fd directory(open_inside(program.directory, O_DIRECTORY));
+    if (!made.valid() || !directory.valid())
+        return made.valid() ? directory.error() : made.error();
     *value = static_cast<std::uint64_t>(wire::SpawnReport::Kind::kProgram);
     return find_program(program);
 }
