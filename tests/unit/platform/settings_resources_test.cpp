@@ -300,7 +300,7 @@ TEST(SettingsResourcesAlone, FaultsNameTheField)
     zn::Resources limits;
     limits.pidsLimit = 7;
     zn::SettingsFault fault;
-    EXPECT_EQ(zn::settings_read_resources(R"({"pids":{"limit":0}})", limits, fault), EINVAL);
+    EXPECT_EQ(zn::settings_read_resources(R"({"pids":{"limit":-2}})", limits, fault), EINVAL);
     EXPECT_STREQ(fault.field, "resources.pids.limit");
     EXPECT_EQ(limits.pidsLimit, 7);
     EXPECT_EQ(zn::settings_read_resources("[]", limits, fault), EINVAL);
