@@ -126,14 +126,48 @@ int print_version()
     return 0;
 }
 
+constexpr Option kGlobal[] = {
+    {0, "root", "DIR", "directory of the state directories"},
+    {0, "log", "FILE", "file to which errors are appended"},
+    {0, "log-format", "FORMAT", "text or json"},
+    {0, "cgroup-manager", "NAME", "cgroupfs; systemd is refused"},
+    {0, "systemd-cgroup", nullptr, "refused"},
+    {0, "rootless", "WORD", "false or auto; true is refused"},
+    {0, "debug", nullptr, "no effect"},
+    {0, "version", nullptr, "print the version"},
+    {0, "help", nullptr, "print this text"},
+};
+
+std::string option_rows(std::span<const Option> options)
+{
+    std::string text;
+    for (const Option& option : options) {
+        const std::string letter =
+            option.letter != 0 ? fmt::format("-{}, ", option.letter) : "    ";
+        const std::string value = option.value != nullptr ? fmt::format(" {}", option.value) : "";
+        text +=
+            zncctl::table_row(fmt::format("{}--{}{}", letter, option.name, value), option.help, 34);
+    }
+    return text;
+}
+
 int print_help()
 {
     std::string text = "usage: zncrun [OPTION]... COMMAND [ARGUMENT]...\n\n";
     for (const Entry& entry : kCommands)
-        text +=
-            zncctl::table_row(fmt::format("  {} {}", entry.command.name, entry.command.arguments),
-                              entry.command.help, 34);
+        text += zncctl::table_row(fmt::format("{} {}", entry.command.name, entry.command.arguments),
+                                  entry.command.help, 34);
+    text += "\n" + option_rows(kGlobal);
     std::fputs(text.c_str(), stdout);
+    return 0;
+}
+
+int print_command_help(const zncctl::Command& command)
+{
+    std::fputs(fmt::format("usage: zncrun {} [OPTION]... {}\n\n{}.\n\n{}", command.name,
+                           command.arguments, command.help, option_rows(command.options))
+                   .c_str(),
+               stdout);
     return 0;
 }
 
@@ -223,10 +257,8 @@ int run_command(const Context& context, std::span<char* const> words)
         throw Failure(words.empty() ? std::string("a command is missing")
                                     : fmt::format("unknown command {:?}", words.front()));
     const zncctl::Parsed parsed = zncctl::parse(entry->command, words.subspan(1));
-    if (parsed.help) {
-        std::fputs(zncctl::help_text(entry->command).c_str(), stdout);
-        return 0;
-    }
+    if (parsed.help)
+        return print_command_help(entry->command);
     if (!parsed.problem.empty())
         throw Failure(fmt::format("{}: {}", entry->command.name, parsed.problem));
     if (parsed.args.has("no-new-keyring"))
