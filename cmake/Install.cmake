@@ -1,5 +1,5 @@
 # What is installed where, by component: "library" (the shared library), "dev" (what building against it
-# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command). The directories are
+# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command), "oci" (zncrun). The directories are
 # those of GNUInstallDirs.
 include(CMakePackageConfigHelpers)
 
@@ -52,6 +52,8 @@ install(TARGETS zncd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tool
 if(TARGET zncctl-import)
     install(TARGETS zncctl-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/zncontainer COMPONENT import)
 endif()
+
+install(TARGETS zncrun RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT oci)
 
 # The daemon's surroundings. The unit names the program by its path, which is known when it is
 # installed (cmake --install --prefix).

@@ -1,4 +1,5 @@
-# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools, zncontainer-import
+# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools, zncontainer-import,
+# zncontainer-oci
 # ("znc" is another program's name). scripts/package.sh builds them.
 set(ZNC_PACKAGE_MAINTAINER "zncontainer maintainers <zncontainer@${CMAKE_PROJECT_NAME}.example.org>"
     CACHE STRING "Name and address that the packages show as their maintainer's")
@@ -12,7 +13,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # Each package brings its own; the project's would become the first line of all of them.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT ${ZNC_PACKAGE_MAINTAINER})
-set(CPACK_COMPONENTS_ALL library dev tools)
+set(CPACK_COMPONENTS_ALL library dev tools oci)
 if(TARGET zncctl-import)
     list(APPEND CPACK_COMPONENTS_ALL import)
 endif()
@@ -81,6 +82,14 @@ set(CPACK_DEBIAN_IMPORT_PACKAGE_NAME zncontainer-import)
 set(CPACK_DEBIAN_IMPORT_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_IMPORT_PACKAGE_DEPENDS
     "libzncontainer1 ${ZNC_SAME_VERSION}, zncontainer-tools ${ZNC_SAME_VERSION}")
+
+# Engines need nothing but this program.
+set(CPACK_COMPONENT_OCI_DESCRIPTION "container runtime for container engines
+Lets podman, containerd, docker and CRI-O run containers: zncrun implements
+the command line of the OCI runtime specification. It needs no daemon.")
+set(CPACK_DEBIAN_OCI_PACKAGE_NAME zncontainer-oci)
+set(CPACK_DEBIAN_OCI_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_OCI_PACKAGE_ENHANCES "podman, containerd, docker.io")
 
 # What every package says of itself.
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)

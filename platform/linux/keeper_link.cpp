@@ -107,6 +107,13 @@ bool Keeper::start(unsigned long namespaces)
     return launch(bare_mounts(), namespaces);
 }
 
+void Keeper::adopt(pid_t pid, UniqueFd pidfd, UniqueFd socket)
+{
+    pid_ = pid;
+    pidfd_ = std::move(pidfd);
+    socket_ = std::move(socket);
+}
+
 // Starts the keeper in a copy of the mount namespace `mounts`, or of the caller's if it is
 // negative.
 bool Keeper::launch(int mounts, unsigned long namespaces)

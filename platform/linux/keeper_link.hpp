@@ -21,6 +21,10 @@ class Keeper {
     // a new mount namespace. False with errno set.
     bool start(unsigned long namespaces);
 
+    // Takes over a helper that was started otherwise and serves requests at the other end of
+    // `socket`.
+    void adopt(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket);
+
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
 

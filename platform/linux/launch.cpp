@@ -28,8 +28,8 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kFdAbove = 16; // above all descriptor numbers that a helper uses
-constexpr std::size_t kFdsMax = 8;
+constexpr int kFdAbove = 16; // above all descriptor numbers that a helper uses by itself
+constexpr std::size_t kFdsMax = kLaunchFdsMax;
 constexpr std::size_t kStackSize = 64 * 1024;
 
 struct Child {
@@ -41,12 +41,13 @@ struct Child {
 // plain system calls and must not be instrumented.
 #define ZN_PLAIN __attribute__((no_sanitize("address", "thread", "undefined")))
 
-// Duplicates `fd` to a number of at least kFdAbove, so that it is not overwritten; -1 with errno
-// set.
-ZN_PLAIN long copy_high(int fd)
+// Duplicates `fd` to a number above those that the helper uses, so that it is not overwritten; -1
+// with errno set.
+ZN_PLAIN long copy_high(int fd, int closeFrom)
 {
-    const long high = ::syscall(SYS_fcntl, fd, F_DUPFD, kFdAbove);
-    if (high < 0 && errno == EINVAL) // fcntl's error if RLIMIT_NOFILE is at most kFdAbove
+    const long high =
+        ::syscall(SYS_fcntl, fd, F_DUPFD, closeFrom < kFdAbove ? kFdAbove : closeFrom + 1);
+    if (high < 0 && errno == EINVAL) // fcntl's error if RLIMIT_NOFILE is lower
         errno = EMFILE;
     return high;
 }
@@ -58,10 +59,10 @@ ZN_PLAIN bool place_descriptors(const Launch& launch)
     const LaunchFd* fds = launch.fds.data();
     const std::size_t count = launch.fds.size();
     long high[kFdsMax];
-    const long file = copy_high(launch.file);
+    const long file = copy_high(launch.file, launch.closeFrom);
     bool good = file >= 0;
     for (std::size_t i = 0; good && i < count; i++)
-        good = (high[i] = copy_high(fds[i].source)) >= 0;
+        good = (high[i] = copy_high(fds[i].source, launch.closeFrom)) >= 0;
     for (std::size_t i = 0; good && i < count; i++)
         good = ::syscall(SYS_dup3, high[i], fds[i].target, 0) >= 0;
     return good && ::syscall(SYS_dup3, file, launch.closeFrom, O_CLOEXEC) >= 0 &&

@@ -1,4 +1,5 @@
-// launch.hpp - starts the embedded helper program. Used for keepers and for the spawner.
+// launch.hpp - starts the embedded helper program. Used for keepers, for the spawner and for
+// engines' containers.
 #ifndef ZN_LAUNCH_HPP
 #define ZN_LAUNCH_HPP
 
@@ -12,6 +13,8 @@ namespace zn {
 // The helper program as a sealed memfd, which no process can write to, not even a container that
 // gets a descriptor of it. Invalid with errno set on failure.
 znc::UniqueFd helper_file();
+
+inline constexpr std::size_t kLaunchFdsMax = 256; // descriptors that a helper is given
 
 struct LaunchFd {
     int source; // the caller's descriptor

@@ -49,7 +49,9 @@ constexpr Propagation kPropagations[] = {
     {"unbindable", MS_UNBINDABLE}, {"runbindable", MS_UNBINDABLE},
 };
 
-bool take_flag(const char* option, MountPlan& plan)
+} // namespace
+
+bool mount_plan_take(const char* option, MountPlan& plan)
 {
     for (const Flag& flag : kFlags) {
         if (std::strcmp(option, flag.name) != 0)
@@ -68,7 +70,7 @@ bool take_flag(const char* option, MountPlan& plan)
     return false;
 }
 
-bool keep_option(const char* option, MountPlan& plan)
+bool mount_plan_keep(const char* option, MountPlan& plan)
 {
     const std::size_t len = std::strlen(option) + 1;
     if (plan.optionsLen + len > sizeof plan.options)
@@ -78,6 +80,8 @@ bool keep_option(const char* option, MountPlan& plan)
     plan.optionCount++;
     return true;
 }
+
+namespace {
 
 bool is_unspecified(const char* type)
 {
@@ -103,7 +107,7 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
             plan.recursive = true;
         } else if (std::strcmp(*options, "idmap") == 0 || std::strcmp(*options, "ridmap") == 0) {
             plan.mapped = true;
-        } else if (!take_flag(*options, plan) && !keep_option(*options, plan)) {
+        } else if (!mount_plan_take(*options, plan) && !mount_plan_keep(*options, plan)) {
             return EINVAL;
         }
         dev = dev || std::strcmp(*options, "dev") == 0;

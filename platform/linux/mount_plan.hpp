@@ -1,6 +1,7 @@
 // mount_plan.hpp - translates a mount of a configuration into parameters for the kernel: bind or
 // file system type, attributes, propagation, and options for the file system. Makes no system
-// calls. Used by the namespace service.
+// calls. Used by the namespace service and by engines'
+// containers.
 #ifndef ZN_MOUNT_PLAN_HPP
 #define ZN_MOUNT_PLAN_HPP
 
@@ -27,6 +28,11 @@ struct MountPlan {
 // source), EINVAL (options too long, or an option that only binds have).
 int mount_plan_make(const char* type, const char* const* options, bool sourceExists,
                     MountPlan& plan);
+
+// Parts of it, for other users: takes an option that is a mount flag or a propagation; keeps one
+// for the file system. False if it is none, or if there is no room.
+bool mount_plan_take(const char* option, MountPlan& plan);
+bool mount_plan_keep(const char* option, MountPlan& plan);
 
 } // namespace zn
 

@@ -451,8 +451,8 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
         return ERROR;
     if (ns->root[0] == '\0') // the keeper still sees the host's tree
         return result(EINVAL);
-    return result(
-        ns->mounts.mount(ns->keeper, ns->settings.user(), ns->settings.group(), source, destination, type, options));
+    return result(ns->mounts.mount(ns->keeper, ns->settings.user(), ns->settings.group(), source,
+                                   destination, type, options));
 }
 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,

@@ -1,6 +1,7 @@
 // ns_settings.cpp - see ns_settings.hpp.
 #include "ns_settings.hpp"
 
+#include "keeper_request.hpp"
 #include "ns_kinds.hpp"
 #include "settings/seccomp.hpp"
 #include "settings/settings_policy.hpp"
@@ -105,58 +106,11 @@ bool selinux_enabled()
     return ::access("/sys/fs/selinux/enforce", F_OK) == 0;
 }
 
-// Asks the keeper with one or two texts.
-int tell(Keeper& keeper, wire::Request request, const char* first, const char* second = nullptr)
-{
-    char text[4096];
-    const std::size_t a = std::strlen(first) + 1;
-    const std::size_t b = second != nullptr ? std::strlen(second) + 1 : 0;
-    if (a + b > sizeof text)
-        return ENAMETOOLONG;
-    std::memcpy(text, first, a);
-    if (second != nullptr)
-        std::memcpy(text + a, second, b);
-    request.textLen = static_cast<std::uint32_t>(a + b);
-    request.textCount = second != nullptr ? 2 : 1;
-    return keeper.ask(request, {text, a + b}, -1);
-}
-
-int tell(Keeper& keeper, wire::Op op, const char* path)
-{
-    wire::Request request = {};
-    request.op = op;
-    return tell(keeper, request, path);
-}
-
-std::uint32_t type_bits(char type)
-{
-    return type == 'b' ? S_IFBLK : type == 'p' ? S_IFIFO : S_IFCHR;
-}
-
 int make_device(Keeper& keeper, const UserNamespace& user, const Device& device)
 {
     const auto uid = user.host_uid(device.uid);
     const auto gid = user.host_gid(device.gid);
-    if (!uid || !gid)
-        return EINVAL;
-    wire::Request request = {};
-    request.op = wire::Op::kDevice;
-    request.node = {type_bits(device.type) | (device.mode & 07777), device.major, device.minor,
-                    *uid, *gid};
-    return tell(keeper, request, device.path.get());
-}
-
-// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward; a slash stands for a dot in a name.
-int set_parameter(Keeper& keeper, const Sysctl& parameter)
-{
-    Text path = znc::copy_text(parameter.key.get());
-    if (!path)
-        return ENOMEM;
-    for (char* at = path.get(); *at != '\0'; at++)
-        *at = *at == '.' ? '/' : *at == '/' ? '.' : *at;
-    wire::Request request = {};
-    request.op = wire::Op::kSysctl;
-    return tell(keeper, request, path.get(), parameter.value.get());
+    return uid && gid ? keeper_make_device(keeper, device, *uid, *gid) : EINVAL;
 }
 
 // A hard limit above that of this process cannot be given to programs.
@@ -409,16 +363,16 @@ int NamespaceSettings::seal(Keeper& keeper, SettingsFault& fault) const
         if (const int error = make_device(keeper, user_, device); error != 0)
             return refuse_errno(fault, "linux.devices", error);
     for (const Sysctl& parameter : settings_.sysctl)
-        if (const int error = set_parameter(keeper, parameter); error != 0)
+        if (const int error = keeper_set_parameter(keeper, parameter); error != 0)
             return refuse_errno(fault, "linux.sysctl", error);
     for (const Text& path : settings_.readonlyPaths)
-        if (const int error = tell(keeper, wire::Op::kReadOnly, path.get()); error != 0)
+        if (const int error = keeper_tell(keeper, wire::Op::kReadOnly, path.get()); error != 0)
             return refuse_errno(fault, "linux.readonlyPaths", error);
     for (const Text& path : settings_.maskedPaths)
-        if (const int error = tell(keeper, wire::Op::kHide, path.get()); error != 0)
+        if (const int error = keeper_tell(keeper, wire::Op::kHide, path.get()); error != 0)
             return refuse_errno(fault, "linux.maskedPaths", error);
     if (settings_.rootReadonly)
-        return refuse_errno(fault, "root.readonly", tell(keeper, wire::Op::kReadOnly, "/"));
+        return refuse_errno(fault, "root.readonly", keeper_tell(keeper, wire::Op::kReadOnly, "/"));
     return 0;
 }
 

@@ -2,7 +2,8 @@
 //
 // The helper is a small static program without a C library, embedded in the platform and executed
 // from a sealed memfd. It separates the host from a container: as "zn-keeper" it is PID 1 of a
-// namespace, as "zn-spawn" it starts a program in one. It contains nothing of the memory of the
+// namespace, as "zn-spawn" it starts a program in one; as "zn-init" and "zn-exec" it becomes the
+// programs of engines' containers. It contains nothing of the memory of the
 // process that starts it, its file cannot be modified, and it loads nothing from a container's
 // tree.
 //
@@ -37,6 +38,10 @@ inline bool text_equal(const char* a, const char* b)
 [[noreturn]] void spawner_run(char** argv, char** envp);
 [[noreturn]] void holder_run();
 
+// The processes of an engine's container (init.cpp): the first one, and one that joins it.
+[[noreturn]] void init_run(char** argv, char** envp);
+[[noreturn]] void entrant_run(char** argv, char** envp);
+
 // Unless stated otherwise, these functions return 0 or an error number.
 
 // Reset what the process inherited from the client to defaults (inherited.cpp): scheduling and
@@ -56,6 +61,9 @@ int replace_null_streams();
 // other keepers (keeper_root.cpp).
 int root_leave();
 
+// Makes the detached tree the root of this mount namespace and nothing else (keeper_root.cpp).
+int root_pivot(int tree);
+
 // Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
 // `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace. Terminals
 // belong to the group `ttyGroup`.
@@ -69,6 +77,7 @@ int loopback_up();
 int namespace_join(int descriptor, std::uint64_t types);
 int owner_set(std::uint32_t uid, std::uint32_t gid);
 int device_make(const char* path, const wire::Node& node);
+int node_make(int directory, const char* name, const wire::Node& node); // replaces a file
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);
 int path_read_only(const char* path);

@@ -2,6 +2,7 @@
 // It exits when the owner is gone, which ends the namespace.
 
 #include "helper.hpp"
+#include "request.hpp"
 #include "sys.hpp"
 #include "wire.hpp"
 
@@ -11,67 +12,13 @@
 #include <linux/mount.h>
 #include <linux/poll.h>
 #include <linux/prctl.h>
-#include <linux/socket.h>
 #include <linux/time_types.h>
-#include <linux/uio.h>
 
 namespace zn {
 namespace {
 
-// The structures of sendmsg and recvmsg, which the kernel headers do not define.
-struct MessageHeader {
-    void* name;
-    int nameLen;
-    iovec* iov;
-    std::size_t iovLen;
-    void* control;
-    std::size_t controlLen;
-    unsigned flags;
-};
-struct ControlHeader {
-    std::size_t len;
-    int level;
-    int type;
-};
-struct ControlWithFd {
-    ControlHeader header;
-    int fd;
-};
 constexpr long kNobodyUser = 65534;
-constexpr int kSolSocket = 1;
-constexpr int kScmRights = 1;
-constexpr unsigned kMsgCmsgCloexec = 0x40000000;
 constexpr int kZombieLimit = 64;
-
-struct Incoming {
-    wire::Request request;
-    char text[wire::kTextMax];
-};
-
-// Receives a request and the descriptor sent with it. False if the owner is gone.
-bool receive(Incoming& in, sys::Fd& descriptor)
-{
-    ControlWithFd control = {};
-    iovec iov = {&in, sizeof in};
-    MessageHeader header = {nullptr, 0, &iov, 1, &control, sizeof control, 0};
-    long n;
-    do {
-        n = sys::call(__NR_recvmsg, wire::kKeeperSocket, sys::arg(&header), kMsgCmsgCloexec);
-    } while (n == -EINTR);
-    if (n <= 0)
-        return false;
-    if (header.controlLen >= sizeof(ControlHeader) + sizeof(int) &&
-        control.header.level == kSolSocket && control.header.type == kScmRights)
-        descriptor = sys::Fd(control.fd);
-    const auto got = static_cast<std::size_t>(n);
-    return got >= sizeof in.request && in.request.textLen <= got - sizeof in.request &&
-           in.request.textLen < sizeof in.text;
-}
-
-const char* next_text(const char* text)
-{
-    return text + strlen(text) + 1;
-}
 
 // The state of a process in this namespace, as far as needed to decide whether anything is alive.
 enum class ProcessState {
@@ -233,6 +180,12 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
             sys::call(__NR_kill, -1, SIGKILL);
         return error;
     }
+    case wire::Op::kPivot:
+    case wire::Op::kLink:
+    case wire::Op::kTerminal:
+    case wire::Op::kFind:
+    case wire::Op::kWait:
+        break;
     }
     return EINVAL;
 }
@@ -266,13 +219,11 @@ void keeper_run()
     Incoming in;
     for (;;) {
         sys::Fd descriptor;
-        if (!receive(in, descriptor))
+        if (!request_receive(wire::kKeeperSocket, in, descriptor))
             sys::exit_group(0);
-        in.text[in.request.textLen] = '\0';
         wire::Answer answer = {};
         answer.error = serve(in, descriptor.get(), &answer.value);
-        // MSG_NOSIGNAL: if the owner is gone, the next receive reports it.
-        sys::call(__NR_sendto, wire::kKeeperSocket, sys::arg(&answer), sizeof answer, 0x4000);
+        request_answer(wire::kKeeperSocket, answer);
         // Exit after answering: the exit may take as long as writing back the dirty data of the
         // mounts that go with this namespace.
         if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)

@@ -188,6 +188,14 @@ int root_leave()
     return error != 0 ? error : detach_host();
 }
 
+int root_pivot(int tree)
+{
+    int error = tree < 0 ? EBADF : leave_chroot();
+    if (error == 0)
+        error = pivot(tree);
+    return error != 0 ? error : detach_host();
+}
+
 int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup)
 {
     if (tree < 0)

@@ -90,16 +90,20 @@ int device_make(const char* path, const wire::Node& node)
     const sys::Fd directory = device_directory(path, cut);
     if (!directory.valid())
         return directory.error();
-    const char* name = path + cut;
+    return node_make(directory.get(), path + cut, node);
+}
+
+int node_make(int directory, const char* name, const wire::Node& node)
+{
     const long number = (node.minor & 0xff) | (static_cast<long>(node.major & 0xfff) << 8) |
                         (static_cast<long>(node.minor & ~0xffU) << 12);
-    const long removed = sys::call(__NR_unlinkat, directory.get(), sys::arg(name), 0);
+    const long removed = sys::call(__NR_unlinkat, directory, sys::arg(name), 0);
     if (removed < 0 && removed != -ENOENT)
         return error_of(removed);
     const int error =
-        error_of(sys::call(__NR_mknodat, directory.get(), sys::arg(name), node.mode, number));
+        error_of(sys::call(__NR_mknodat, directory, sys::arg(name), node.mode, number));
     return error != 0 ? error
-                      : error_of(sys::call(__NR_fchownat, directory.get(), sys::arg(name), node.uid,
+                      : error_of(sys::call(__NR_fchownat, directory, sys::arg(name), node.uid,
                                            node.gid, AT_SYMLINK_NOFOLLOW));
 }
 

@@ -5,6 +5,7 @@
 // processes: they are not dumpable and have more capabilities than any container process.
 
 #include "helper.hpp"
+#include "program.hpp"
 #include "sys.hpp"
 #include "wire.hpp"
 
@@ -34,7 +35,9 @@ void report(wire::SpawnReport::Kind kind, long value)
     sys::call(__NR_write, wire::kSpawnerReport, sys::arg(&message), sizeof message);
 }
 
-[[noreturn]] void fail(long result)
+} // namespace
+
+void fail(long result)
 {
     report(wire::SpawnReport::Kind::kError, -result);
     sys::exit_group(127);
@@ -70,67 +73,35 @@ void default_signals()
     sys::call(__NR_rt_sigprocmask, 2 /* SIG_SETMASK */, sys::arg(&none), 0, sizeof none);
 }
 
+namespace {
+
 struct Limit {
     std::uint64_t soft;
     std::uint64_t hard;
 };
 
-constexpr unsigned kGroupsMax = 256;
+} // namespace
 
-// The confinement in the namespace's record, mapped read-only.
-class Rules {
-  public:
-    Rules()
-    {
-        struct statx st = {};
-        check(sys::call(__NR_statx, wire::kSpawnerRecord, sys::arg(""), AT_EMPTY_PATH, STATX_SIZE,
-                        sys::arg(&st)));
-        if (st.stx_size < wire::kConfinementOffset + sizeof *rules_)
-            fail(-EINVAL);
-        const long at = sys::map_file(st.stx_size, wire::kSpawnerRecord);
-        check(at < 0 && at > -4096 ? at : 0);
-        const char* start = reinterpret_cast<const char*>(at) + wire::kConfinementOffset;
-        rules_ = reinterpret_cast<const wire::Confinement*>(start);
-        limits_ = reinterpret_cast<const wire::Limit*>(rules_ + 1);
-        ranges_ = reinterpret_cast<const wire::IdRange*>(limits_ + rules_->limits);
-        filter_ = reinterpret_cast<const wire::FilterCode*>(ranges_ + rules_->ranges);
-        groups_ = reinterpret_cast<const std::uint32_t*>(filter_ + rules_->filter);
-        entries_ = reinterpret_cast<const char*>(groups_ + rules_->groups);
-        if (rules_->size > st.stx_size - wire::kConfinementOffset ||
-            entries_ > start + rules_->size)
-            fail(-EINVAL);
-    }
-    const wire::Confinement* operator->() const { return rules_; }
-    const wire::Limit* limits() const { return limits_; }
-    const wire::IdRange* ranges() const { return ranges_; }
-    const wire::FilterCode* filter() const { return filter_; }
-    const std::uint32_t* groups() const { return groups_; }
-    const char* entries() const { return entries_; }
+Rules::Rules()
+{
+    struct statx st = {};
+    check(sys::call(__NR_statx, wire::kSpawnerRecord, sys::arg(""), AT_EMPTY_PATH, STATX_SIZE,
+                    sys::arg(&st)));
+    if (st.stx_size < wire::kConfinementOffset + sizeof *rules_)
+        fail(-EINVAL);
+    const long at = sys::map_file(st.stx_size, wire::kSpawnerRecord);
+    check(at < 0 && at > -4096 ? at : 0);
+    const char* start = reinterpret_cast<const char*>(at) + wire::kConfinementOffset;
+    rules_ = reinterpret_cast<const wire::Confinement*>(start);
+    limits_ = reinterpret_cast<const wire::Limit*>(rules_ + 1);
+    ranges_ = reinterpret_cast<const wire::IdRange*>(limits_ + rules_->limits);
+    filter_ = reinterpret_cast<const wire::FilterCode*>(ranges_ + rules_->ranges);
+    groups_ = reinterpret_cast<const std::uint32_t*>(filter_ + rules_->filter);
+    entries_ = reinterpret_cast<const char*>(groups_ + rules_->groups);
+    if (rules_->size > st.stx_size - wire::kConfinementOffset || entries_ > start + rules_->size)
+        fail(-EINVAL);
+}
 
-  private:
-    const wire::Confinement* rules_ = nullptr;
-    const wire::Limit* limits_;
-    const wire::IdRange* ranges_;
-    const wire::FilterCode* filter_;
-    const std::uint32_t* groups_;
-    const char* entries_;
-};
-
-// The user that the program runs as.
-struct Identity {
-    std::uint32_t uid;
-    std::uint32_t gid;
-    const std::uint32_t* groups;
-    unsigned groupCount;
-    std::uint64_t permitted;
-    std::uint64_t effective;
-    std::uint64_t inheritable;
-    std::uint64_t ambient;
-    std::uint32_t given[kGroupsMax];
-};
-
-// `text` is "UID:GID[:GROUP]...", or "" for the user of the configuration. Another user than that
-// has the capabilities of the bounding set if it is root, else none.
 void choose_identity(const Rules& rules, const char* text, Identity& user)
 {
     user.uid = rules->uid;
@@ -158,6 +129,8 @@ void choose_identity(const Rules& rules, const char* text, Identity& user)
     user.inheritable = 0;
     user.ambient = 0;
 }
+
+namespace {
 
 // Raises the soft stack limit to `wanted`, at most to the hard limit; never lowers it.
 void raise_stack(long wanted)
@@ -187,6 +160,8 @@ void leave_queue_memory()
     check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, sys::arg(&limit), 0));
 }
 
+} // namespace
+
 // Gives the program a session keyring of its own. ENOSYS: the kernel has no keyrings. EPERM: a
 // seccomp filter forbids the call, to the program as well.
 void leave_keyring()
@@ -198,16 +173,14 @@ void leave_keyring()
 
 // Magic links are refused and the result is checked: a working directory outside the root would be
 // an escape.
-void enter_directory(const char* path)
+long directory_enter(const char* path)
 {
     const sys::Fd directory(open_inside(path, O_DIRECTORY));
-    if (!directory.valid())
-        fail(-directory.error());
-    check(sys::call(__NR_fchdir, directory.get()));
+    long entered = directory.valid() ? sys::call(__NR_fchdir, directory.get()) : -directory.error();
     char where[4096];
-    check(sys::call(__NR_getcwd, sys::arg(where), sizeof where));
-    if (where[0] != '/')
-        fail(-ENOENT);
+    if (entered >= 0)
+        entered = sys::call(__NR_getcwd, sys::arg(where), sizeof where);
+    return entered >= 0 && where[0] != '/' ? -ENOENT : entered < 0 ? entered : 0;
 }
 
 void set_limits(const Rules& rules)
@@ -219,6 +192,8 @@ void set_limits(const Rules& rules)
             sys::call(__NR_prlimit64, 0, static_cast<long>(wanted.resource), sys::arg(&limit), 0));
     }
 }
+
+namespace {
 
 void install_filter(const Rules& rules)
 {
@@ -258,6 +233,8 @@ void set_capabilities(const Identity& user)
             check(sys::call(__NR_prctl, PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, capability));
 }
 
+} // namespace
+
 void drop_rights(const Rules& rules, const Identity& user)
 {
     // Without no_new_privs, installing a filter needs a capability that is dropped below.
@@ -293,6 +270,8 @@ long host_user(const Rules& rules, std::uint32_t uid)
     }
     return -1;
 }
+
+namespace {
 
 // A terminal that no session has becomes that of the program's session: a pseudo-terminal that was
 // made for the program. The caller's own terminal belongs to the caller's session. The user gets
@@ -424,7 +403,7 @@ void choose_labels(const Rules& rules, int proc)
     enter_user_namespace(rules);
     drop_rights(rules, user);
     // After dropping rights, so that the program could have entered the directory itself.
-    enter_directory(directory);
+    check(directory_enter(directory));
     sys::call(__NR_close, wire::kSpawnerNamespace);
     sys::call(__NR_close, wire::kSpawnerUser);
     default_signals();
@@ -438,7 +417,8 @@ void write_on_host(const char* path, const char* text)
     check(result == -ENOENT || result == -ENODEV ? -ESRCH : result);
 }
 
-// What must be done while the host's files are visible. The program inherits it.
+} // namespace
+
 void prepare_on_host(const Rules& rules)
 {
     const char* entry = rules.entries();
@@ -458,8 +438,6 @@ void prepare_on_host(const Rules& rules)
         write_on_host("/proc/self/oom_score_adj", text + at);
     }
 }
-
-} // namespace
 
 void spawner_run(char** argv, char** envp)
 {

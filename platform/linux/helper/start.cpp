@@ -63,6 +63,10 @@ std::size_t strlen(const char* s)
         zn::holder_run();
     if (argc > zn::wire::kSpawnerFixedArgs && zn::text_equal(argv[0], zn::wire::kSpawnerName))
         zn::spawner_run(argv, envp);
+    if (argc > zn::wire::kInitFixedArgs && zn::text_equal(argv[0], zn::wire::kInitName))
+        zn::init_run(argv, envp);
+    if (argc > zn::wire::kInitFixedArgs && zn::text_equal(argv[0], zn::wire::kEntrantName))
+        zn::entrant_run(argv, envp);
     zn::sys::exit_group(2);
 }
 

@@ -15,6 +15,8 @@ namespace zn::wire {
 inline constexpr char kKeeperName[] = "zn-keeper";
 inline constexpr char kSpawnerName[] = "zn-spawn";
 inline constexpr char kHolderName[] = "zn-holder";
+inline constexpr char kInitName[] = "zn-init";
+inline constexpr char kEntrantName[] = "zn-exec";
 
 // ---------------------------------------------------------------- keeper: one request, one answer
 
@@ -39,6 +41,14 @@ enum class Op : std::uint32_t {
     kKill,       // value: host signal
     kInUse,      // answers 1 if another live process exists, else 0
     kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
+
+    // Only for the first process of an engine's container, which also serves the mounts, devices
+    // and paths above, with any number of paths in a request.
+    kPivot,    // descriptor: detached tree; text: host name, domain name; value: MS_ bits
+    kLink,     // text: path, target: a symbolic link to be created unless the path exists
+    kTerminal, // descriptor: socket that gets the terminal; value: rows << 16 | columns
+    kFind,     // makes the working directory and looks the program up
+    kWait,     // ends the requests: waits for the start
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
@@ -140,9 +150,28 @@ struct FilterCode { // as the kernel's sock_filter
 // Written to the pipe before the spawner exits, which it does when the program runs or could not be
 // started: the program's process id, and the error number if it failed.
 struct SpawnReport {
-    enum class Kind : std::int32_t { kPid, kError } kind;
+    enum class Kind : std::int32_t {
+        kPid,
+        kError,
+        // Of an engine's container: the working directory, the program.
+        kDirectory,
+        kProgram,
+    } kind;
     std::int32_t value;
 };
+
+// ---------------------------------------------------------------- containers of engines
+
+// The first process of a container ("zn-init") and a further one ("zn-exec"). Descriptors: 0 to 2
+// are the standard streams; then as listed, and from kInitFdEnd up those that the program gets.
+// kSpawnerReport and kSpawnerRecord are used as by the spawner.
+inline constexpr int kInitSocket = 3; // zn-init: requests; zn-exec: pidfd of the first process
+inline constexpr int kInitStart = 6;  // zn-init: listens for the start; zn-exec: console socket
+inline constexpr int kInitFdEnd = 7;
+
+// argv: name, working directory, number of descriptors that the program gets, "1" if it gets a
+// terminal, then the program's argv.
+inline constexpr int kInitFixedArgs = 4;
 
 } // namespace zn::wire
 

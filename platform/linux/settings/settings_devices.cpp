@@ -19,12 +19,23 @@ bool read_node_path(JsonReader& reader, const Node& at, Device& device)
             reader.refuse(at, "does not end with a name"));
 }
 
+// Some engines write the type of the node into the mode, too.
+bool read_mode(JsonReader& reader, const Node& at, Device& device)
+{
+    constexpr std::int64_t kMost = 0177777;
+    std::int64_t mode = 0;
+    if (!reader.integer(at, 0, kMost, mode))
+        return false;
+    device.mode = static_cast<std::uint32_t>(mode) & 07777;
+    return true;
+}
+
 constexpr Member<Device> kDevice[] = {
     {"type", read_type, Presence::kRequired},
     {"path", read_node_path, Presence::kRequired},
     {"major", read_integer<&Device::major, 0, kMajorMax>},
     {"minor", read_integer<&Device::minor, 0, kMinorMax>},
-    {"fileMode", read_integer<&Device::mode, 0, 07777>},
+    {"fileMode", read_mode},
     {"uid", read_integer<&Device::uid, 0, kIdMax>},
     {"gid", read_integer<&Device::gid, 0, kIdMax>},
 };

@@ -131,8 +131,18 @@ bool read_cpu(JsonReader& reader, const Node& at, Resources& resources)
     return read_object(reader, at, kCpu, resources);
 }
 
+// Engines write 0 for unlimited, too.
+bool read_pids_limit(JsonReader& reader, const Node& at, Resources& resources)
+{
+    std::int64_t value = 0;
+    if (!reader.limit(at, 0, kPidsMax, value))
+        return false;
+    resources.pidsLimit = value == 0 ? -1 : value;
+    return true;
+}
+
 constexpr Member<Resources> kPids[] = {
-    {"limit", read_limit<&Resources::pidsLimit, 1, kPidsMax>, Presence::kRequired},
+    {"limit", read_pids_limit, Presence::kRequired},
 };
 
 bool read_pids(JsonReader& reader, const Node& at, Resources& resources)

@@ -54,8 +54,10 @@ without_import() {
 }
 check 'without its package import says what to install' without_import
 check 'the import is installed' install_package zncontainer-import
+check 'the runtime for engines is installed' install_package zncontainer-oci
+check 'it runs' inside zncrun --version
 check 'what was packed is what is there' \
-    inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools zncontainer-import
+    inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools zncontainer-import zncontainer-oci
 check 'zncctl runs' inside zncctl --help
 check 'zncd runs' inside zncd --version
 check 'the daemon is enabled' \
@@ -145,7 +147,7 @@ check 'the tools do not stay without the library' would_go libzncontainer1 zncon
 check 'the development files do not stay without the library' would_go libzncontainer1 libzncontainer-dev
 check 'the tools are removed' apt remove zncontainer-tools
 check 'their programs are gone' not test -e "$root/usr/bin/zncctl"
-check 'everything is purged' apt purge --auto-remove zncontainer-import zncontainer-tools \
+check 'everything is purged' apt purge --auto-remove zncontainer-oci zncontainer-import zncontainer-tools \
     libzncontainer-dev libzncontainer1
 check 'dpkg knows none of them any more' not inside dpkg --status zncontainer-tools libzncontainer1
 same_contents() { contents | diff "$work/before" -; }

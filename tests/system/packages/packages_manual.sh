@@ -67,6 +67,7 @@ options() {
     return $missing
 }
 check 'the options of zncd are in zncd(8)' options zncd zncd.8
+check 'the options of zncrun are in zncrun(1)' options zncrun zncrun.1
 check 'the options of zncctl are in zncctl(1)' options zncctl zncctl.1
 
 # The help, the manual and the completions of zncctl must be consistent.

@@ -251,8 +251,8 @@ constexpr Refusal kDevices[] = {
      EINVAL, "linux.devices[0].major", "not a whole number from 0 to 4095"},
     {"NegativeMinor", "linux", R"("devices":[{"type":"c","path":"/d","major":1,"minor":-1}])",
      EINVAL, "linux.devices[0].minor", "not a whole number from 0 to 1048575"},
-    {"FileMode", "linux", R"("devices":[{"type":"p","path":"/d","fileMode":4096}])", EINVAL,
-     "linux.devices[0].fileMode", "not a whole number from 0 to 4095"},
+    {"FileMode", "linux", R"("devices":[{"type":"p","path":"/d","fileMode":65536}])", EINVAL,
+     "linux.devices[0].fileMode", "not a whole number from 0 to 65535"},
     {"Uid", "linux", R"("devices":[{"type":"p","path":"/d","uid":4294967295}])", EINVAL,
      "linux.devices[0].uid", "not a whole number from 0 to 4294967294"},
 };

@@ -107,11 +107,12 @@ TEST(SettingsPids, LimitIsRead)
 {
     EXPECT_EQ(resources(R"("pids":{"limit":100})").pidsLimit, 100);
     EXPECT_EQ(resources(R"("pids":{"limit":-1})").pidsLimit, -1);
+    EXPECT_EQ(resources(R"("pids":{"limit":0})").pidsLimit, -1);
     EXPECT_EQ(resources(R"("pids":{"limit":4194304})").pidsLimit, 4194304);
 }
 
 constexpr char kNoList[] = "not a list of numbers and ranges, such as \"0-3,5\"";
-constexpr char kPidsRange[] = "not -1 (unlimited) or a whole number from 1 to 4194304";
+constexpr char kPidsRange[] = "not -1 (unlimited) or a whole number from 0 to 4194304";
 constexpr Refusal kCpus[] = {
     {"SharesTooLow", "linux", R"("resources":{"cpu":{"shares":1}})", EINVAL,
      "linux.resources.cpu.shares", "not a whole number from 2 to 262144"},
@@ -145,7 +146,7 @@ constexpr Refusal kCpus[] = {
      "linux.resources.cpu.realtimePeriod", "is not supported"},
     {"NoPidsLimit", "linux", R"("resources":{"pids":{}})", EINVAL, "linux.resources.pids.limit",
      "is missing"},
-    {"ZeroPids", "linux", R"("resources":{"pids":{"limit":0}})", EINVAL,
+    {"NegativePids", "linux", R"("resources":{"pids":{"limit":-2}})", EINVAL,
      "linux.resources.pids.limit", kPidsRange},
     {"TooManyPids", "linux", R"("resources":{"pids":{"limit":4194305}})", EINVAL,
      "linux.resources.pids.limit", kPidsRange},
@@ -299,7 +300,7 @@ TEST(SettingsResourcesAlone, FaultsNameTheField)
     zn::Resources limits;
     limits.pidsLimit = 7;
     zn::SettingsFault fault;
-    EXPECT_EQ(zn::settings_read_resources(R"({"pids":{"limit":0}})", limits, fault), EINVAL);
+    EXPECT_EQ(zn::settings_read_resources(R"({"pids":{"limit":-2}})", limits, fault), EINVAL);
     EXPECT_STREQ(fault.field, "resources.pids.limit");
     EXPECT_EQ(limits.pidsLimit, 7);
     EXPECT_EQ(zn::settings_read_resources("[]", limits, fault), EINVAL);

@@ -1,0 +1,251 @@
+#include "bundle.hpp"
+
+#include "front/files.hpp"
+#include "front/words.hpp"
+#include "zarnel/fs.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace zncrun {
+namespace {
+
+// The value of a member that must be a text if it is there.
+std::string optional_text(const Json& object, const char* key, const std::string& where)
+{
+    const Json* value = zncctl::member(object, key);
+    if (value == nullptr || value->is_null())
+        return {};
+    if (!value->is_string())
+        throw Failure(fmt::format("{}.{}: not a text", where, key));
+    return value->get<std::string>();
+}
+
+void read_list(const Json& object, const char* key, const std::string& where, TextList& list)
+{
+    const Json* value = zncctl::member(object, key);
+    if (value == nullptr || value->is_null())
+        return;
+    if (!value->is_array())
+        throw Failure(fmt::format("{}.{}: not an array", where, key));
+    for (const Json& one : *value) {
+        if (!one.is_string())
+            throw Failure(fmt::format("{}.{}: contains what is not a text", where, key));
+        list.add(one.get<std::string>());
+    }
+}
+
+std::string real_path(const std::string& path, const char* what)
+{
+    char resolved[PATH_MAX];
+    if (::realpath(path.c_str(), resolved) == nullptr)
+        throw Failure(fmt::format("{} {:?}: {}", what, path, zncctl::error_text()));
+    return resolved;
+}
+
+bool has_variable(const TextList& env, const std::string& name)
+{
+    for (const std::string& one : env.texts())
+        if (one.compare(0, name.size() + 1, name + "=") == 0)
+            return true;
+    return false;
+}
+
+// The sixth field of the user's line in the passwd file inside the tree; "/" without one.
+std::string home_of(std::int64_t uid, const std::string& rootfs)
+{
+    const znc::UniqueFd root(::open(rootfs.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const znc::UniqueFd file(root ? znFileOpenInRoot(root.get(), "/etc/passwd") : -1);
+    struct stat st = {};
+    if (!file || ::fstat(file.get(), &st) != 0)
+        return "/";
+    const znc::FileText content = znc::read_text(file.get(), st);
+    std::string_view left = content.bytes ? std::string_view(content.bytes.get(), content.len) : "";
+    while (!left.empty()) {
+        std::string_view line = left.substr(0, left.find('\n'));
+        left.remove_prefix(std::min(line.size() + 1, left.size()));
+        std::vector<std::string_view> fields;
+        for (std::size_t end = 0; end != line.npos;) {
+            end = line.find(':');
+            fields.push_back(line.substr(0, end));
+            line.remove_prefix(end == line.npos ? line.size() : end + 1);
+        }
+        if (fields.size() == 7 && zncctl::to_number<std::int64_t>(fields[2]) == uid &&
+            !fields[5].empty())
+            return std::string(fields[5]);
+    }
+    return "/";
+}
+
+// Hooks that have to run inside the container are not supported.
+void check_hooks(const Json& config)
+{
+    const Json* hooks = zncctl::member(config, "hooks");
+    for (const char* kind : {"createContainer", "startContainer"}) {
+        const Json* list = zncctl::member(hooks, kind);
+        if (list != nullptr && !list->empty())
+            throw Failure(fmt::format("hooks.{}: not supported", kind));
+    }
+}
+
+} // namespace
+
+void TextList::add(const std::string& text)
+{
+    texts_.push_back(text);
+    pointers_.back() = texts_.back().data();
+    pointers_.push_back(nullptr);
+}
+
+Process Process::read(const Json& json)
+{
+    if (!json.is_object())
+        throw Failure("process: not an object");
+    Process process;
+    process.cwd = optional_text(json, "cwd", "process");
+    if (process.cwd.empty() || process.cwd[0] != '/')
+        throw Failure("process.cwd: must be an absolute path");
+    read_list(json, "args", "process", process.args);
+    if (process.args.size() == 0 || process.args.texts().front().empty())
+        throw Failure("process.args: is missing or empty");
+    read_list(json, "env", "process", process.env);
+    const Json* terminal = zncctl::member(json, "terminal");
+    process.terminal = terminal != nullptr && terminal->is_boolean() && terminal->get<bool>();
+    const Json* size = zncctl::member(json, "consoleSize");
+    process.rows =
+        static_cast<unsigned>(zncctl::integer(zncctl::member(size, "height")).value_or(0));
+    process.columns =
+        static_cast<unsigned>(zncctl::integer(zncctl::member(size, "width")).value_or(0));
+    return process;
+}
+
+void Process::complete_environment(const Json& process, const std::string& rootfs)
+{
+    const Json* user = zncctl::member(process, "user");
+    if (!has_variable(env, "HOME"))
+        env.add("HOME=" +
+                home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
+    const char* sockets = std::getenv("LISTEN_FDS");
+    if (sockets == nullptr)
+        return;
+    env.add(std::string("LISTEN_FDS=") + sockets);
+    env.add("LISTEN_PID=1");
+}
+
+ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
+{
+    return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows, columns};
+}
+
+Bundle::Bundle(const std::string& directory, const std::string& config)
+    : directory_(real_path(directory.empty() ? "." : directory, "bundle"))
+{
+    const std::string path = config.empty() ? directory_ + "/config.json" : config;
+    const auto text = zncctl::read_file(path);
+    if (!text)
+        throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
+    document_ = *text;
+    zncctl::JsonNotes notes;
+    auto json = zncctl::parse_json(document_, &notes, zncctl::Annotations::kMayRepeat);
+    if (!json)
+        throw Failure(fmt::format("{}: {}", path, notes.problem));
+    config_ = *std::move(json);
+    if (!config_.is_object())
+        throw Failure(path + ": not an object");
+    const std::string version = zncctl::text_of(config_, "ociVersion");
+    if (version.rfind("1.", 0) != 0)
+        throw Failure(fmt::format("ociVersion: version {:?} is not supported", version));
+    read_root();
+    read_mounts();
+    const Json* process = zncctl::member(config_, "process");
+    if (process == nullptr)
+        throw Failure("process: is missing");
+    process_ = Process::read(*process);
+    process_.complete_environment(*process, rootfs_);
+    domain_ = optional_text(config_, "domainname", "config.json");
+    check_hooks(config_);
+}
+
+std::string Bundle::absolute(const std::string& path) const
+{
+    return !path.empty() && path[0] == '/' ? path : directory_ + "/" + path;
+}
+
+void Bundle::read_root()
+{
+    const Json* root = zncctl::member(config_, "root");
+    if (root == nullptr)
+        throw Failure("root: is missing");
+    const std::string path = optional_text(*root, "path", "root");
+    if (path.empty())
+        throw Failure("root.path: is missing");
+    rootfs_ = real_path(absolute(path), "root.path");
+}
+
+void Bundle::read_mounts()
+{
+    for (const Json& one : zncctl::children(zncctl::member(config_, "mounts"))) {
+        const std::string where = fmt::format("mounts[{}]", mounts_.size());
+        Mount& mount = mounts_.emplace_back();
+        mount.destination = optional_text(one, "destination", where);
+        if (mount.destination.empty())
+            throw Failure(where + ".destination: is missing");
+        if (mount.destination[0] != '/') // as containers of older engines have it
+            mount.destination.insert(0, "/");
+        mount.type = optional_text(one, "type", where);
+        mount.source = optional_text(one, "source", where);
+        read_list(one, "options", where, mount.options);
+        for (const char* key : {"uidMappings", "gidMappings"})
+            if (const Json* value = zncctl::member(one, key); value != nullptr && !value->empty())
+                throw Failure(fmt::format("{}.{}: not supported", where, key));
+        bool bind = mount.type == "bind";
+        for (const std::string& option : mount.options.texts())
+            bind = bind || option == "bind" || option == "rbind";
+        if (bind)
+            mount.source = absolute(mount.source);
+    }
+    for (const Mount& mount : mounts_)
+        table_.push_back({mount.source.c_str(), mount.destination.c_str(),
+                          mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get()});
+}
+
+Json Bundle::annotations() const
+{
+    const Json* annotations = zncctl::member(config_, "annotations");
+    return zncctl::is_object(annotations) ? *annotations : Json::object();
+}
+
+std::string Bundle::group(const std::string& id, bool systemd) const
+{
+    if (systemd)
+        throw Failure("control groups by systemd are not supported (--systemd-cgroup)");
+    const Json* section = zncctl::member(config_, "linux");
+    const std::string path =
+        section != nullptr ? optional_text(*section, "cgroupsPath", "linux") : "";
+    if (path.find(':') != path.npos)
+        throw Failure("linux.cgroupsPath: names a systemd slice, which is not supported");
+    if (path.empty())
+        return "/zncrun/" + id;
+    return path[0] == '/' ? path : "/" + path;
+}
+
+ZN_ENGINE_PLAN Bundle::plan(const std::string& group, int directory, int console,
+                            int descriptors) const
+{
+    return {document_.c_str(),
+            rootfs_.c_str(),
+            domain_.empty() ? nullptr : domain_.c_str(),
+            table_.data(),
+            table_.size(),
+            group.c_str(),
+            directory,
+            process_.program(console, descriptors)};
+}
+
+} // namespace zncrun

@@ -1,0 +1,83 @@
+// bundle.hpp - what zncrun itself reads of a configuration: root, mounts, the program, hooks. All
+// else is the platform's. Used by create, run and exec.
+#ifndef ZNC_OCI_BUNDLE_HPP
+#define ZNC_OCI_BUNDLE_HPP
+
+#include "state.hpp"
+
+#include <deque>
+
+namespace zncrun {
+
+// A list of texts as the platform takes it.
+class TextList {
+  public:
+    void add(const std::string& text);
+    [[nodiscard]] char* const* get() const { return pointers_.data(); }
+    [[nodiscard]] std::size_t size() const { return texts_.size(); }
+    [[nodiscard]] const std::deque<std::string>& texts() const { return texts_; }
+
+  private:
+    std::deque<std::string> texts_;
+    std::vector<char*> pointers_ = {nullptr};
+};
+
+// A member "process".
+struct Process {
+    std::string cwd;
+    TextList args;
+    TextList env;
+    bool terminal = false;
+    unsigned rows = 0;
+    unsigned columns = 0;
+
+    // Fails if something is missing or of the wrong type.
+    static Process read(const Json& process);
+    // Adds what the program expects in its environment: HOME, from the passwd file of the tree
+    // `rootfs`, and the descriptors that a service manager has opened.
+    void complete_environment(const Json& process, const std::string& rootfs);
+    [[nodiscard]] ZN_ENGINE_PROGRAM program(int console, int descriptors) const;
+};
+
+class Bundle {
+  public:
+    // Reads DIRECTORY/config.json, or `config`.
+    Bundle(const std::string& directory, const std::string& config);
+
+    [[nodiscard]] const std::string& directory() const { return directory_; }
+    [[nodiscard]] const std::string& document() const { return document_; }
+    [[nodiscard]] const Json& config() const { return config_; }
+    [[nodiscard]] const std::string& rootfs() const { return rootfs_; }
+    [[nodiscard]] const Process& process() const { return process_; }
+    [[nodiscard]] Json annotations() const;
+
+    // The path of the control group of the container `id`.
+    [[nodiscard]] std::string group(const std::string& id, bool systemd) const;
+
+    [[nodiscard]] ZN_ENGINE_PLAN plan(const std::string& group, int directory, int console,
+                                      int descriptors) const;
+
+  private:
+    struct Mount {
+        std::string source;
+        std::string destination;
+        std::string type;
+        TextList options;
+    };
+    void read_root();
+    void read_mounts();
+    [[nodiscard]] std::string absolute(const std::string& path) const;
+
+    std::string directory_;
+    std::string document_;
+    Json config_;
+    std::string rootfs_;
+    std::string domain_;
+    Process process_;
+    std::deque<Mount> mounts_;
+    std::vector<ZN_ENGINE_MOUNT> table_;
+};
+
+} // namespace zncrun
+
+#endif

@@ -1,0 +1,182 @@
+#include "container.hpp"
+
+#include "front/files.hpp"
+#include "front/record.hpp"
+#include "front/words.hpp"
+#include "hooks.hpp"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace zncrun {
+namespace {
+
+using Reason = std::array<char, ZN_ENGINE_REASON_MAX>;
+
+constexpr int kKillMilliseconds = 10000;
+
+// Removes the directory of a container that was not completed.
+class Unfinished {
+  public:
+    explicit Unfinished(StateDirectory& directory) : directory_(&directory) {}
+    ~Unfinished()
+    {
+        try {
+            if (directory_ != nullptr)
+                directory_->remove();
+        } catch (const Failure&) { // the failure that led here is the one to be reported
+        }
+    }
+    Unfinished(const Unfinished&) = delete;
+    Unfinished& operator=(const Unfinished&) = delete;
+    void keep() { directory_ = nullptr; }
+
+  private:
+    StateDirectory* directory_;
+};
+
+std::string environment(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+std::string state_text(const Container& container, Status status)
+{
+    return zncctl::compact(state_document(container, status));
+}
+
+} // namespace
+
+void write_pid_file(const char* path, pid_t pid)
+{
+    if (path == nullptr)
+        return;
+    const std::string whole = path;
+    const std::size_t slash = whole.rfind('/');
+    const std::string above = slash == whole.npos ? "." : whole.substr(0, slash + 1);
+    const znc::UniqueFd directory(::open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory ||
+        !zncctl::replace_file(directory.get(),
+                              whole.substr(slash == whole.npos ? 0 : slash + 1).c_str(),
+                              std::to_string(pid)))
+        throw Failure(fmt::format("{}: {}", whole, zncctl::error_text()));
+}
+
+int preserved_descriptors(const Arguments& args)
+{
+    const char* text = args.value("preserve-fds", "0");
+    const auto count = zncctl::to_number<int>(text);
+    if (!count || *count < 0 || *count > ZN_ENGINE_DESCRIPTORS_MAX)
+        throw Failure(fmt::format("--preserve-fds: {:?} is not a number from 0 to {}", text,
+                                  ZN_ENGINE_DESCRIPTORS_MAX));
+    const auto listening = zncctl::to_number<int>(environment("LISTEN_FDS"));
+    return std::min(*count + std::max(listening.value_or(0), 0), ZN_ENGINE_DESCRIPTORS_MAX);
+}
+
+znc::UniqueFd connect_console(const Arguments& args, bool terminal)
+{
+    const char* path = args.value("console-socket");
+    if (terminal && path == nullptr)
+        throw Failure("cannot allocate tty without setting console socket");
+    if (!terminal && path != nullptr)
+        throw Failure("cannot use console socket without a terminal (process.terminal)");
+    if (!terminal)
+        return {};
+    znc::UniqueFd console(znEngineConnect(path));
+    if (!console)
+        throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
+    return console;
+}
+
+Container create_container(const Context& context, const Arguments& args)
+{
+    const int descriptors = preserved_descriptors(args);
+    const Bundle bundle(args.value("bundle", ""), args.value("config", ""));
+    const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
+    Container container;
+    container.id = args.operand(0);
+    container.bundle = bundle.directory();
+    container.rootfs = bundle.rootfs();
+    container.created = zncctl::time_text(std::time(nullptr));
+    container.group = bundle.group(container.id, context.systemd);
+    container.annotations = bundle.annotations();
+    StateDirectory directory = StateDirectory::create(context, container.id);
+    Unfinished unfinished(directory);
+    // The group is known before it is created: whoever deletes the container finds it.
+    directory.write(container);
+    directory.write_config(bundle.document());
+    const ZN_ENGINE_PLAN plan =
+        bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
+    Reason reason{};
+    znc::UniqueFd alive(znEngineCreate(&plan, &container.process, reason.data(), reason.size()));
+    if (!alive)
+        throw Failure(reason.data());
+    try {
+        directory.write(container);
+        for (const char* kind : {"prestart", "createRuntime"})
+            run_hooks(bundle.config(), kind, state_text(container, Status::kCreated),
+                      OnFailure::kFail);
+        write_pid_file(args.value("pid-file"), container.process.pid);
+        if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
+            throw Failure(reason.data());
+    } catch (const Failure&) {
+        alive.reset();
+        remove_container(directory);
+        unfinished.keep();
+        throw;
+    }
+    unfinished.keep();
+    return container;
+}
+
+void start_container(const Context& context, const std::string& id)
+{
+    const StateDirectory directory = StateDirectory::open(context, id, Lock::kExclusive);
+    const Container container = directory.read();
+    const Status status = directory.status(container);
+    if (status == Status::kStopped || status == Status::kCreating)
+        throw Failure("cannot start a container that has stopped");
+    if (status != Status::kCreated)
+        throw Failure("cannot start an already running container");
+    Reason reason{};
+    if (znEngineStart(directory.get(), reason.data(), reason.size()) != OK)
+        throw Failure(reason.data());
+    run_hooks(directory.read_config(), "poststart", state_text(container, Status::kRunning),
+              OnFailure::kContinue);
+}
+
+void remove_container(StateDirectory& directory)
+{
+    // Without a state its creator was killed before it made anything else.
+    if (directory.has_state()) {
+        const Container container = directory.read();
+        const std::string& group = container.group;
+        if (znEngineProcessAlive(&container.process) != FALSE) {
+            znEngineProcessSignal(&container.process, SIGKILL);
+            if (!group.empty())
+                znEngineGroupFreeze(group.c_str(), FALSE); // what is frozen does not die
+            if (znEngineProcessEnded(&container.process, kKillMilliseconds) == FALSE)
+                throw Failure(fmt::format("container {:?} cannot be killed", container.id));
+        }
+        if (!group.empty() && znEngineGroupRemove(group.c_str()) != OK)
+            throw Failure(fmt::format("cgroup {}: {}", group, zncctl::error_text()));
+        Json config = Json::object();
+        try {
+            config = directory.read_config();
+        } catch (const Failure&) { // no hooks are known then
+        }
+        run_hooks(config, "poststop", state_text(container, Status::kStopped),
+                  OnFailure::kContinue);
+    }
+    directory.remove();
+}
+
+} // namespace zncrun

@@ -1,0 +1,30 @@
+// container.hpp - what happens to a container: created, started, removed. Shared by the commands.
+#ifndef ZNC_OCI_CONTAINER_HPP
+#define ZNC_OCI_CONTAINER_HPP
+
+#include "bundle.hpp"
+
+namespace zncrun {
+
+// Creates the container that `args` describe (create, run): the id is the first operand.
+Container create_container(const Context& context, const Arguments& args);
+
+void start_container(const Context& context, const std::string& id);
+
+// Ends the container if it lives, and removes its group and its directory.
+void remove_container(StateDirectory& directory);
+
+// Writes the process id for an engine that waits for the file: it is never seen incomplete.
+void write_pid_file(const char* path, pid_t pid);
+
+// How many descriptors from 3 up the program gets: those of --preserve-fds, and the sockets that a
+// service manager has opened for it (LISTEN_FDS).
+int preserved_descriptors(const Arguments& args);
+
+// Connects to the socket of --console-socket, which a terminal needs. Without a terminal there must
+// be none.
+znc::UniqueFd connect_console(const Arguments& args, bool terminal);
+
+} // namespace zncrun
+
+#endif

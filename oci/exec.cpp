@@ -1,0 +1,125 @@
+// exec.cpp - the command exec: a further program in a running container.
+#include "container.hpp"
+#include "front/files.hpp"
+#include "front/words.hpp"
+#include "signals.hpp"
+
+#include <array>
+
+#include <fmt/format.h>
+
+namespace zncrun {
+namespace {
+
+Json parse_process(const char* path)
+{
+    const auto text = zncctl::read_file(path);
+    if (!text)
+        throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
+    zncctl::JsonNotes notes;
+    auto json = zncctl::parse_json(*text, &notes);
+    if (!json)
+        throw Failure(fmt::format("{}: {}", path, notes.problem));
+    return *std::move(json);
+}
+
+// "UID" or "UID:GID".
+void set_user(Json& process, const std::string& text)
+{
+    const std::size_t colon = text.find(':');
+    const auto uid = zncctl::to_number<std::uint32_t>(std::string_view(text).substr(0, colon));
+    const auto gid =
+        colon == text.npos
+            ? std::optional<std::uint32_t>(0)
+            : zncctl::to_number<std::uint32_t>(std::string_view(text).substr(colon + 1));
+    if (!uid || !gid)
+        throw Failure(fmt::format("--user: {:?} is not UID or UID:GID", text));
+    process["user"] = Json::object({{"uid", *uid}, {"gid", *gid}});
+}
+
+// Of two variables with one name programs take either.
+void set_variable(Json& process, const std::string& text)
+{
+    const std::string start = text.substr(0, text.find('=')) + "=";
+    Json env = Json::array();
+    for (const Json& one : zncctl::children(zncctl::member(process, "env")))
+        if (!one.is_string() || one.get<std::string>().rfind(start, 0) != 0)
+            env.push_back(one);
+    env.push_back(text);
+    process["env"] = env;
+}
+
+// The container's own process with what the options change.
+Json process_of(const Json& config, const Arguments& args)
+{
+    const Json* own = zncctl::member(config, "process");
+    Json process = own != nullptr ? *own : Json::object();
+    process["args"] = Json::array();
+    for (std::size_t i = 1; i < args.operands(); i++)
+        process["args"].push_back(args.operand(i));
+    process["terminal"] = args.has("tty");
+    process.erase("consoleSize");
+    if (const char* cwd = args.value("cwd"))
+        process["cwd"] = cwd;
+    if (const char* user = args.value("user"))
+        set_user(process, user);
+    for (const std::string& group : args.values("additional-gids"))
+        process["user"]["additionalGids"].push_back(
+            zncctl::to_number<std::uint32_t>(group).value_or(0));
+    for (const std::string& one : args.values("env"))
+        set_variable(process, one);
+    if (args.has("no-new-privs"))
+        process["noNewPrivileges"] = true;
+    for (const std::string& one : args.values("cap"))
+        for (const char* set : {"bounding", "effective", "permitted"})
+            process["capabilities"][set].push_back(one);
+    return process;
+}
+
+// What confines the program: its own member "process", and the container's filter.
+std::string document_of(const Json& process, const Json& config)
+{
+    Json document = Json::object();
+    document["process"] = process;
+    const Json* filter = zncctl::member(zncctl::member(config, "linux"), "seccomp");
+    if (filter != nullptr)
+        document["linux"]["seccomp"] = *filter;
+    return zncctl::compact(document);
+}
+
+} // namespace
+
+int run_exec(const Context& context, const Arguments& args)
+{
+    const int descriptors = preserved_descriptors(args);
+    for (const char* label : {"process-label", "apparmor"})
+        if (const char* value = args.value(label); value != nullptr && *value != '\0')
+            throw Failure(fmt::format("--{}: not supported", label));
+    const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
+    const Container container = directory.read();
+    const Status status = directory.status(container);
+    if (status == Status::kStopped || status == Status::kCreating)
+        throw Failure("cannot exec in a stopped container: container not running");
+    if (status == Status::kPaused)
+        throw Failure("cannot exec in a paused container");
+    const Json config = directory.read_config();
+    const char* file = args.value("process");
+    Json json = file != nullptr ? parse_process(file) : process_of(config, args);
+    if (args.has("tty"))
+        json["terminal"] = true;
+    Process process = Process::read(json);
+    process.complete_environment(json, container.rootfs);
+    const znc::UniqueFd console = connect_console(args, process.terminal);
+    const sigset_t signals = block_forwarded_signals();
+    const ZN_ENGINE_PROGRAM program = process.program(console ? console.get() : -1, descriptors);
+    std::array<char, ZN_ENGINE_REASON_MAX> reason{};
+    ZN_ENGINE_PROCESS started = {};
+    if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
+                     &program, &started.pid, reason.data(), reason.size()) != OK)
+        throw Failure(reason.data());
+    started = znEngineProcessGet(started.pid);
+    write_pid_file(args.value("pid-file"), started.pid);
+    return args.has("detach") ? 0 : wait_in_foreground(started, signals);
+}
+
+} // namespace zncrun

@@ -1,0 +1,178 @@
+// lifecycle.cpp - the commands create, start, run, state, list, kill and delete.
+#include "container.hpp"
+#include "front/files.hpp"
+#include "front/output.hpp"
+#include "signals.hpp"
+
+#include <csignal>
+#include <cstdio>
+#include <regex>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace zncrun {
+namespace {
+
+void print(const std::string& text)
+{
+    if (!znc::write_all(STDOUT_FILENO, text))
+        throw Failure("standard output: " + zncctl::error_text());
+}
+
+// Waits for the program as a child, and forwards signals to it. Its exit status as a shell's.
+int wait_for_program(const ZN_ENGINE_PROCESS& process, const sigset_t& signals)
+{
+    for (;;) {
+        siginfo_t info = {};
+        const int signal = ::sigwaitinfo(&signals, &info);
+        if (signal != SIGCHLD) {
+            if (signal > 0)
+                znEngineProcessSignal(&process, signal);
+            continue;
+        }
+        int status = 0;
+        if (::waitpid(process.pid, &status, WNOHANG) == process.pid)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+}
+
+} // namespace
+
+sigset_t block_forwarded_signals()
+{
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int own : {SIGKILL, SIGSTOP, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP,
+                          SIGSYS, SIGTTIN, SIGTTOU, SIGTSTP, SIGPIPE})
+        sigdelset(&signals, own);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals)
+{
+    // It may have ended before its end was waited for.
+    int status = 0;
+    if (::waitpid(process.pid, &status, WNOHANG) == process.pid)
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return wait_for_program(process, signals);
+}
+
+int run_create(const Context& context, const Arguments& args)
+{
+    create_container(context, args);
+    return 0;
+}
+
+int run_start(const Context& context, const Arguments& args)
+{
+    start_container(context, args.operand(0));
+    return 0;
+}
+
+int run_run(const Context& context, const Arguments& args)
+{
+    const sigset_t signals = block_forwarded_signals();
+    const Container container = create_container(context, args);
+    try {
+        start_container(context, container.id);
+    } catch (const Failure&) {
+        StateDirectory directory = StateDirectory::open(context, container.id, Lock::kExclusive);
+        remove_container(directory);
+        throw;
+    }
+    if (args.has("detach"))
+        return 0;
+    const int status = wait_in_foreground(container.process, signals);
+    StateDirectory directory = StateDirectory::find(context, container.id, Lock::kExclusive);
+    if (directory && !args.has("keep"))
+        remove_container(directory);
+    return status;
+}
+
+int run_state(const Context& context, const Arguments& args)
+{
+    const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
+    const Container container = directory.read();
+    print(zncctl::pretty(state_document(container, directory.status(container))));
+    return 0;
+}
+
+int run_list(const Context& context, const Arguments& args)
+{
+    Json all = Json::array();
+    std::string table =
+        fmt::format("{:<24} {:>8} {:<10} {:<28} {}\n", "ID", "PID", "STATUS", "BUNDLE", "CREATED");
+    for (const std::string& id : state_ids(context)) {
+        const StateDirectory directory = StateDirectory::find(context, id, Lock::kNone);
+        if (!directory || !directory.has_state())
+            continue;
+        const Container container = directory.read();
+        const Json state = state_document(container, directory.status(container));
+        table +=
+            fmt::format("{:<24} {:>8} {:<10} {:<28} {}\n", id, state["pid"].get<int>(),
+                        state["status"].get<std::string>(), container.bundle, container.created);
+        all.push_back(state);
+    }
+    std::string ids;
+    for (const Json& one : all)
+        ids += one["id"].get<std::string>() + "\n";
+    const bool isJson = std::string(args.value("format", "table")) == "json";
+    print(args.has("quiet") ? ids : isJson ? zncctl::compact(all) + "\n" : table);
+    return 0;
+}
+
+int run_kill(const Context& context, const Arguments& args)
+{
+    const int signal = signal_number(args.operand(1, "TERM"));
+    if (signal < 0)
+        throw Failure(fmt::format("unknown signal {:?}", args.operand(1)));
+    const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
+    const Container container = directory.read();
+    if (args.has("all")) {
+        // Also when the first process has ended: others of a shared PID namespace may live.
+        if (znEngineGroupSignal(container.group.c_str(), signal) != OK && errno != ENOENT)
+            throw Failure(fmt::format("cgroup {}: {}", container.group, zncctl::error_text()));
+        return 0;
+    }
+    if (znEngineProcessSignal(&container.process, signal) != OK)
+        throw Failure(errno == ESRCH ? "container not running" : zncctl::error_text());
+    return 0;
+}
+
+namespace {
+
+void delete_one(const Context& context, const std::string& id, bool force)
+{
+    StateDirectory directory = force ? StateDirectory::find(context, id, Lock::kExclusive)
+                                     : StateDirectory::open(context, id, Lock::kExclusive);
+    if (!directory)
+        return;
+    if (!force) {
+        const Container container = directory.read();
+        const Status status = directory.status(container);
+        if (status == Status::kRunning || status == Status::kPaused)
+            throw Failure(fmt::format("cannot delete container {} that is not stopped: {}",
+                                      container.id, status_name(status)));
+    }
+    remove_container(directory);
+}
+
+} // namespace
+
+int run_delete(const Context& context, const Arguments& args)
+{
+    if (!args.has("regex")) {
+        delete_one(context, args.operand(0), args.has("force"));
+        return 0;
+    }
+    const std::regex wanted(args.operand(0), std::regex::extended);
+    for (const std::string& id : state_ids(context))
+        if (std::regex_search(id, wanted))
+            delete_one(context, id, args.has("force"));
+    return 0;
+}
+
+} // namespace zncrun

@@ -1,0 +1,309 @@
+// zncrun - the OCI runtime: the command line by which container engines (podman, containerd,
+// docker, CRI-O) run containers. It serves one command and ends; no daemon is involved.
+#include "context.hpp"
+#include "front/files.hpp"
+#include "front/json.hpp"
+#include "front/parse.hpp"
+#include "front/record.hpp"
+#include "front/usage.hpp"
+#include "zncontainer.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <span>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace zncrun {
+namespace {
+
+using zncctl::Option;
+
+struct Entry {
+    zncctl::Command command;
+    int (*run)(const Context& context, const Arguments& args);
+};
+
+constexpr Option kCreate[] = {
+    {'b', "bundle", "DIR", "the bundle (default: the working directory)"},
+    {'f', "config", "FILE", "the configuration, instead of config.json in the bundle"},
+    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
+    {0, "pid-file", "FILE", "file that gets the process id"},
+    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
+    {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
+    {0, "no-new-keyring", nullptr, "refused"},
+};
+constexpr Option kRun[] = {
+    {'b', "bundle", "DIR", "the bundle (default: the working directory)"},
+    {'f', "config", "FILE", "the configuration, instead of config.json in the bundle"},
+    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
+    {'d', "detach", nullptr, "do not wait for the program"},
+    {0, "keep", nullptr, "do not delete the container when the program has ended"},
+    {0, "pid-file", "FILE", "file that gets the process id"},
+    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
+    {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
+    {0, "no-new-keyring", nullptr, "refused"},
+};
+constexpr Option kExec[] = {
+    {'p', "process", "FILE", "the program, as \"process\" in a configuration"},
+    {'d', "detach", nullptr, "do not wait for the program"},
+    {0, "pid-file", "FILE", "file that gets the process id"},
+    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
+    {'t', "tty", nullptr, "give the program a terminal"},
+    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
+    {0, "cwd", "DIR", "the working directory"},
+    {'e', "env", "NAME=VALUE", "an environment variable"},
+    {'u', "user", "UID[:GID]", "the user"},
+    {'g', "additional-gids", "GID", "a supplementary group"},
+    {'c', "cap", "CAP", "a capability to add"},
+    {0, "no-new-privs", nullptr, "set-user-ID programs have no effect"},
+    {0, "process-label", "LABEL", "refused"},
+    {0, "apparmor", "PROFILE", "refused"},
+};
+constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
+constexpr Option kDelete[] = {
+    {'f', "force", nullptr, "kill a running container; ignore an absent one"},
+    {'r', "regex", nullptr, "delete all whose id matches the regular expression"},
+};
+constexpr Option kUpdate[] = {
+    {'r', "resources", "FILE", "limits as in linux.resources; - is the standard input"},
+    {0, "memory", "BYTES", "limit of memory"},
+    {0, "memory-reservation", "BYTES", "memory to be left when it is short"},
+    {0, "memory-swap", "BYTES", "limit of memory and swap space"},
+    {0, "cpu-share", "N", "share of the processors"},
+    {0, "cpu-shares", "N", "share of the processors"},
+    {0, "cpu-quota", "MICROSECONDS", "processor time in each period"},
+    {0, "cpu-period", "MICROSECONDS", "length of the period"},
+    {0, "cpuset-cpus", "LIST", "processors"},
+    {0, "cpuset-mems", "LIST", "memory nodes"},
+    {0, "pids-limit", "N", "limit of processes"},
+    {0, "blkio-weight", "N", "share of block devices"},
+};
+constexpr Option kFormat[] = {{'f', "format", "FORMAT", "json or table"}};
+constexpr Option kList[] = {{'f', "format", "FORMAT", "json or table"},
+                            {'q', "quiet", nullptr, "ids only"}};
+constexpr Option kEvents[] = {{0, "stats", nullptr, "print the figures once"}};
+
+constexpr zncctl::Command describe(const char* name, const char* arguments, const char* help,
+                                   std::span<const Option> options, std::size_t least,
+                                   std::size_t most, bool program = false)
+{
+    return {name, "",      arguments, help, options, least, most, zncctl::Word::kAny,
+            "",   nullptr, program};
+}
+
+const Entry kCommands[] = {
+    {describe("create", "ID", "create a container", kCreate, 1, 1), run_create},
+    {describe("start", "ID", "start the program of a created container", {}, 1, 1), run_start},
+    {describe("run", "ID", "create and start a container", kRun, 1, 1), run_run},
+    {describe("exec", "ID [PROGRAM [ARG]...]", "run a further program in a container", kExec, 1,
+              zncctl::kMany, true),
+     run_exec},
+    {describe("state", "ID", "print the state of a container", {}, 1, 1), run_state},
+    {describe("kill", "ID [SIGNAL]", "send a signal to a container", kKill, 1, 2), run_kill},
+    {describe("delete", "ID", "delete a container", kDelete, 1, 1), run_delete},
+    {describe("pause", "ID", "suspend all processes of a container", {}, 1, 1), run_pause},
+    {describe("resume", "ID", "let the processes of a container continue", {}, 1, 1), run_resume},
+    {describe("update", "ID", "change the limits of a container", kUpdate, 1, 1), run_update},
+    {describe("ps", "ID", "list the processes of a container", kFormat, 1, zncctl::kMany, true),
+     run_ps},
+    {describe("events", "ID", "print what a container uses", kEvents, 1, 1), run_events},
+    {describe("list", "", "list containers", kList, 0, 0), run_list},
+    {describe("features", "", "print what is supported", {}, 0, 0), run_features},
+};
+
+int print_version()
+{
+    std::fputs(fmt::format("zncrun version {}.{}.{}\nspec: {}\n", ZNC_VERSION_MAJOR,
+                           ZNC_VERSION_MINOR, ZNC_VERSION_PATCH, kSpecification)
+                   .c_str(),
+               stdout);
+    return 0;
+}
+
+constexpr Option kGlobal[] = {
+    {0, "root", "DIR", "directory of the state directories"},
+    {0, "log", "FILE", "file to which errors are appended"},
+    {0, "log-format", "FORMAT", "text or json"},
+    {0, "cgroup-manager", "NAME", "cgroupfs; systemd is refused"},
+    {0, "systemd-cgroup", nullptr, "refused"},
+    {0, "rootless", "WORD", "false or auto; true is refused"},
+    {0, "debug", nullptr, "no effect"},
+    {0, "version", nullptr, "print the version"},
+    {0, "help", nullptr, "print this text"},
+};
+
+std::string option_rows(std::span<const Option> options)
+{
+    std::string text;
+    for (const Option& option : options) {
+        const std::string letter =
+            option.letter != 0 ? fmt::format("-{}, ", option.letter) : "    ";
+        const std::string value = option.value != nullptr ? fmt::format(" {}", option.value) : "";
+        text +=
+            zncctl::table_row(fmt::format("{}--{}{}", letter, option.name, value), option.help, 34);
+    }
+    return text;
+}
+
+int print_help()
+{
+    std::string text = "usage: zncrun [OPTION]... COMMAND [ARGUMENT]...\n\n";
+    for (const Entry& entry : kCommands)
+        text += zncctl::table_row(fmt::format("{} {}", entry.command.name, entry.command.arguments),
+                                  entry.command.help, 34);
+    text += "\n" + option_rows(kGlobal);
+    std::fputs(text.c_str(), stdout);
+    return 0;
+}
+
+int print_command_help(const zncctl::Command& command)
+{
+    std::fputs(fmt::format("usage: zncrun {} [OPTION]... {}\n\n{}.\n\n{}", command.name,
+                           command.arguments, command.help, option_rows(command.options))
+                   .c_str(),
+               stdout);
+    return 0;
+}
+
+// An option before the command, with its value in the same word or in the next one.
+class GlobalOptions {
+  public:
+    GlobalOptions(Context& context, std::span<char* const> words) : context_(context), words_(words)
+    {
+    }
+
+    // The words from the command on.
+    std::span<char* const> read()
+    {
+        while (!words_.empty() && words_.front()[0] == '-') {
+            const std::string word = words_.front();
+            words_ = words_.subspan(1);
+            const std::size_t equal = word.find('=');
+            const std::string name =
+                word.substr(word.find_first_not_of('-'), equal - word.find_first_not_of('-'));
+            hasValue_ = equal != word.npos;
+            value_ = hasValue_ ? word.substr(equal + 1) : "";
+            take(name);
+        }
+        return words_;
+    }
+    [[nodiscard]] bool version() const { return version_; }
+    [[nodiscard]] bool help() const { return help_; }
+
+  private:
+    void take(const std::string& name)
+    {
+        if (name == "root") {
+            context_.root = value(name);
+        } else if (name == "log") {
+            context_.log = value(name);
+        } else if (name == "log-format") {
+            context_.log_json = value(name) == "json";
+        } else if (name == "debug") {
+            context_.debug = flag();
+        } else if (name == "systemd-cgroup") {
+            context_.systemd = flag();
+        } else if (name == "cgroup-manager") {
+            context_.systemd = value(name) == "systemd";
+        } else if (name == "rootless") {
+            if (value(name) == "true")
+                throw Failure("--rootless: not supported");
+        } else if (name == "version" || name == "v") {
+            version_ = true;
+        } else if (name == "help" || name == "h") {
+            help_ = true;
+        } else {
+            throw Failure(fmt::format("unknown option {:?}", name));
+        }
+    }
+    std::string value(const std::string& name)
+    {
+        if (hasValue_)
+            return value_;
+        if (words_.empty())
+            throw Failure(fmt::format("option {:?} needs a value", name));
+        const std::string next = words_.front();
+        words_ = words_.subspan(1);
+        return next;
+    }
+    [[nodiscard]] bool flag() const { return !hasValue_ || value_ != "false"; }
+
+    Context& context_;
+    std::span<char* const> words_;
+    bool hasValue_ = false;
+    std::string value_;
+    bool version_ = false;
+    bool help_ = false;
+};
+
+const Entry* find_command(std::string_view name)
+{
+    for (const Entry& entry : kCommands)
+        if (name == entry.command.name)
+            return &entry;
+    return nullptr;
+}
+
+int run_command(const Context& context, std::span<char* const> words)
+{
+    const Entry* entry = words.empty() ? nullptr : find_command(words.front());
+    if (entry == nullptr)
+        throw Failure(words.empty() ? std::string("a command is missing")
+                                    : fmt::format("unknown command {:?}", words.front()));
+    const zncctl::Parsed parsed = zncctl::parse(entry->command, words.subspan(1));
+    if (parsed.help)
+        return print_command_help(entry->command);
+    if (!parsed.problem.empty())
+        throw Failure(fmt::format("{}: {}", entry->command.name, parsed.problem));
+    if (parsed.args.has("no-new-keyring"))
+        throw Failure("--no-new-keyring: not supported");
+    return entry->run(context, parsed.args);
+}
+
+// Engines take the last line of the log that has the level "error".
+void log_error(const Context& context, const std::string& message)
+{
+    const std::string time = zncctl::time_text(std::time(nullptr));
+    zncctl::Json line = zncctl::Json::object();
+    line["level"] = "error";
+    line["msg"] = message;
+    line["time"] = time;
+    const std::string text = context.log_json
+                                 ? zncctl::compact(line) + "\n"
+                                 : fmt::format("time=\"{}\" level=error msg={:?}\n", time, message);
+    if (!context.log.empty()) {
+        const znc::UniqueFd log(
+            ::open(context.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        if (log)
+            static_cast<void>(znc::write_all(log.get(), text));
+    }
+    static_cast<void>(znc::write_all(STDERR_FILENO, "zncrun: " + message + "\n"));
+}
+
+} // namespace
+} // namespace zncrun
+
+int main(int argc, char** argv)
+{
+    zncrun::Context context;
+    try {
+        zncrun::GlobalOptions options(
+            context,
+            std::span<char* const>(argv + 1, static_cast<std::size_t>(argc > 0 ? argc - 1 : 0)));
+        const std::span<char* const> words = options.read();
+        if (options.version())
+            return zncrun::print_version();
+        if (options.help())
+            return zncrun::print_help();
+        return zncrun::run_command(context, words);
+    } catch (const std::exception& failure) {
+        zncrun::log_error(context, failure.what());
+    }
+    return 1;
+}

@@ -1,0 +1,83 @@
+// state.hpp - the state directories: one for each container, below the root directory, named by its
+// id. A directory holds state.json, a copy of config.json, and, until the container is started, the
+// socket for its start. It is locked while a command changes the container. What is not true any
+// more is never said: whether a container runs is asked of the kernel.
+#ifndef ZNC_OCI_STATE_HPP
+#define ZNC_OCI_STATE_HPP
+
+#include "base/owned.hpp"
+#include "context.hpp"
+#include "front/json.hpp"
+#include "zarnel/engine.h"
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace zncrun {
+
+using zncctl::Json;
+
+enum class Status { kCreating, kCreated, kRunning, kPaused, kStopped };
+const char* status_name(Status status);
+
+struct Container {
+    std::string id;
+    std::string bundle;
+    std::string rootfs;
+    std::string created; // RFC 3339
+    std::string group;
+    ZN_ENGINE_PROCESS process = {}; // pid 0: none yet
+    Json annotations = Json::object();
+};
+
+enum class Lock { kNone, kExclusive };
+
+class StateDirectory {
+  public:
+    // Creates the directory of a new container, locked. Fails if there is one.
+    static StateDirectory create(const Context& context, const std::string& id);
+    // Opens that of a container. Fails with "does not exist" if there is none.
+    static StateDirectory open(const Context& context, const std::string& id, Lock lock);
+    // The same, but not valid if there is none.
+    static StateDirectory find(const Context& context, const std::string& id, Lock lock);
+
+    explicit operator bool() const { return static_cast<bool>(directory_); }
+    [[nodiscard]] int get() const { return directory_.get(); }
+
+    // Fails if there is no state: the creator was killed at its beginning.
+    [[nodiscard]] Container read() const;
+    [[nodiscard]] bool has_state() const;
+    void write(const Container& container) const;
+
+    [[nodiscard]] Json read_config() const;
+    void write_config(const std::string& document) const;
+
+    [[nodiscard]] Status status(const Container& container) const;
+
+    void remove();
+
+  private:
+    StateDirectory(std::string path, znc::UniqueFd directory)
+        : path_(std::move(path)), directory_(std::move(directory))
+    {
+    }
+    static StateDirectory locked(std::string path, Lock lock);
+
+    std::string path_;
+    znc::UniqueFd directory_;
+};
+
+// Whether an id can be a container's: letters, digits and "_+-.".
+bool is_id(const std::string& id);
+
+// All ids that have a directory, sorted.
+std::vector<std::string> state_ids(const Context& context);
+
+// The state as the runtime specification describes it.
+Json state_document(const Container& container, Status status);
+
+} // namespace zncrun
+
+#endif

@@ -1,0 +1,140 @@
+/*
+ * engine.h - containers that no daemon owns, as container engines (podman, containerd) want them.
+ *
+ * The container's own program is the first process of its PID namespace. Who creates a container
+ * may end afterwards: the first process is then a child of whoever reaps the orphans of its
+ * creator. What is known about a container is kept by the caller (a process, a control group, a
+ * directory), not here.
+ *
+ * Containers follow their configuration document (OCI config.json) alone: nothing is confined that
+ * it does not confine. Nothing that it asks for is left out: what cannot be honoured is refused by
+ * name. The members "root", "mounts", "hooks", "annotations" and, in "process", "args", "env" and
+ * "cwd" are read by the caller.
+ *
+ * All calls are for programs with one thread and with root's rights. On failure they return ERROR
+ * or -1 with the task error number set. Those with `reason` (`size` bytes, ZN_ENGINE_REASON_MAX are
+ * enough) also say there what failed, always.
+ */
+#ifndef ZARNEL_ENGINE_H
+#define ZARNEL_ENGINE_H
+
+#include "types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZN_ENGINE_REASON_MAX 512
+#define ZN_ENGINE_DESCRIPTORS_MAX 240 /* that a program gets besides the standard streams */
+
+typedef struct znEngineMount {
+    const char* source; /* NULL: none. Of a bind: an absolute host path */
+    const char* destination;
+    const char* type;           /* NULL: none */
+    const char* const* options; /* NULL-terminated */
+} ZN_ENGINE_MOUNT;
+
+/* A program. It gets the caller's standard streams, or a terminal. */
+typedef struct znEngineProgram {
+    const char* cwd; /* absolute; created if missing */
+    char* const* argv;
+    char* const* envp;
+    int descriptors; /* it also gets those of so many from 3 up that are open, not close-on-exec */
+    int console;     /* connected socket that gets the other end of its terminal; -1: no terminal */
+    unsigned rows;   /* of the terminal; 0: not set */
+    unsigned columns;
+} ZN_ENGINE_PROGRAM;
+
+typedef struct znEnginePlan {
+    const char* document; /* config.json */
+    const char* root;     /* absolute host path; becomes the root as it is */
+    const char* domain;   /* NIS domain name; NULL: not set */
+    const ZN_ENGINE_MOUNT* mounts;
+    size_t mountCount;
+    const char* group; /* path of the control group, which must not exist or be empty */
+    int directory;     /* where the socket for the start is created; no container may reach it */
+    ZN_ENGINE_PROGRAM program;
+} ZN_ENGINE_PLAN;
+
+/* A process, also if its id is used again. */
+typedef struct znEngineProcess {
+    pid_t pid;
+    unsigned long long startTime; /* clock ticks since boot */
+} ZN_ENGINE_PROCESS;
+
+/* Check a configuration without creating anything. */
+STATUS znEngineCheck(const char* document, char* reason, size_t size);
+
+/*
+ * Create a container whose first process waits for znEngineStart. Returns a descriptor: when it is
+ * closed before znEngineRelease, also by the caller's death, the container ends. The program is
+ * looked up; the reason then ends as a shell's message does: exec: "sh": executable file not found
+ * in $PATH. On failure nothing is left.
+ */
+int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char* reason,
+                   size_t size);
+
+/* Let the container live on without its creator. Closes the descriptor. */
+STATUS znEngineRelease(int container, char* reason, size_t size);
+
+/*
+ * Start the program of the container whose start socket is in `directory`. Returns when it runs.
+ * ERROR with ESRCH if no container waits there.
+ */
+STATUS znEngineStart(int directory, char* reason, size_t size);
+
+/* Whether a container waits for its start there. */
+BOOL znEngineWaits(int directory);
+
+/*
+ * Run a further program in the container of `process`, as a child of the caller, confined as
+ * `document` says in "process" and "linux.seccomp". `group`: the container's control group, ""
+ * for none. Returns when it runs.
+ */
+STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
+                    const ZN_ENGINE_PROGRAM* program, pid_t* pid, char* reason, size_t size);
+
+/* The process that has this id now; startTime 0 if there is none. */
+ZN_ENGINE_PROCESS znEngineProcessGet(pid_t pid);
+
+/* Whether the process still runs; one that has ended and was not waited for does not. */
+BOOL znEngineProcessAlive(const ZN_ENGINE_PROCESS* process);
+
+/* Wait up to so many milliseconds for the end of the process. TRUE if it has ended. */
+BOOL znEngineProcessEnded(const ZN_ENGINE_PROCESS* process, int milliseconds);
+
+/* Send a signal, by the host's number. ERROR with ESRCH if the process has ended. */
+STATUS znEngineProcessSignal(const ZN_ENGINE_PROCESS* process, int hostSignal);
+
+/* Control groups by path. They fail with ENOENT if there is none. */
+STATUS znEngineGroupFreeze(const char* group, BOOL frozen);
+STATUS znEngineGroupFrozen(const char* group, BOOL* frozen);
+STATUS znEngineGroupSignal(const char* group, int hostSignal); /* each process in it */
+STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* context),
+                              void* context);
+/* Change limits as a JSON object in the format of "linux.resources" says. */
+STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size);
+/* Kill what is in the group and remove it. OK if there is none. */
+STATUS znEngineGroupRemove(const char* group);
+
+typedef struct znEngineUse {
+    uint64_t cpuNs;
+    uint64_t userNs;
+    uint64_t systemNs;
+    uint64_t memory;
+    uint64_t memoryLimit; /* UINT64_MAX: none */
+    uint64_t pids;
+    uint64_t pidsLimit; /* UINT64_MAX: none */
+    uint64_t readBytes;
+    uint64_t writtenBytes;
+    uint64_t oomKills;
+} ZN_ENGINE_USE;
+STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use);
+
+/* Connect to the socket at `path`. A close-on-exec descriptor, or -1. */
+int znEngineConnect(const char* path);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,87 @@
+#include "confinement.hpp"
+
+#include "ns_kinds.hpp"
+
+#include <cstdio>
+#include <cstring>
+
+namespace zn {
+namespace {
+
+bool append_label(List<Text>& texts, const char* file, const char* before, const Text& label)
+{
+    const std::size_t size = std::strlen(before) + std::strlen(label.get()) + 1;
+    auto name = znc::copy_text(file);
+    auto value = znc::malloc_array<char>(size);
+    if (!name || !value)
+        return false;
+    std::snprintf(value.get(), size, "%s%s", before, label.get());
+    return texts.append(std::move(name)) != nullptr && texts.append(std::move(value)) != nullptr;
+}
+
+// The files below /proc/self/attr, and what the spawner writes to them. False without memory.
+bool append_labels(const Settings& settings, List<Text>& texts)
+{
+    return (!has_label(settings.apparmorProfile) ||
+            append_label(texts, "apparmor/exec", "exec ", settings.apparmorProfile)) &&
+           (!has_label(settings.selinuxLabel) ||
+            append_label(texts, "exec", "", settings.selinuxLabel));
+}
+
+// Appends arrays to a block of memory that is large enough.
+class Block {
+  public:
+    explicit Block(char* at) : at_(at) {}
+    void add(const void* from, std::size_t size)
+    {
+        if (size != 0)
+            std::memcpy(at_, from, size);
+        at_ += size;
+    }
+
+  private:
+    char* at_;
+};
+
+} // namespace
+
+znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
+                                        std::span<const wire::FilterCode> filter,
+                                        List<Text> entries, std::size_t& size)
+{
+    rules.entries = static_cast<std::uint32_t>(entries.size());
+    if (!append_labels(settings, entries))
+        return nullptr;
+    rules.labels = (static_cast<std::uint32_t>(entries.size()) - rules.entries) / 2;
+    rules.ranges = static_cast<std::uint32_t>(settings.uidMappings.size());
+    rules.limits = static_cast<std::uint32_t>(settings.rlimits.size());
+    rules.filter = static_cast<std::uint32_t>(filter.size());
+    rules.groups = static_cast<std::uint32_t>(settings.user.groups.size());
+    size = sizeof rules + rules.limits * sizeof(wire::Limit) +
+           rules.ranges * sizeof(wire::IdRange) + rules.filter * sizeof(wire::FilterCode) +
+           rules.groups * sizeof(std::uint32_t);
+    for (const Text& entry : entries)
+        size += std::strlen(entry.get()) + 1;
+    rules.size = size;
+    auto memory = znc::malloc_array<char>(size);
+    if (!memory)
+        return nullptr;
+    Block block(memory.get());
+    block.add(&rules, sizeof rules);
+    for (const Rlimit& limit : settings.rlimits) {
+        const wire::Limit one = {static_cast<std::uint64_t>(limit.resource), limit.soft,
+                                 limit.hard};
+        block.add(&one, sizeof one);
+    }
+    for (const IdMapping& mapping : settings.uidMappings) {
+        const wire::IdRange one = {mapping.inside, mapping.outside, mapping.count, 0};
+        block.add(&one, sizeof one);
+    }
+    block.add(filter.data(), filter.size() * sizeof(wire::FilterCode));
+    block.add(settings.user.groups.begin(), settings.user.groups.size() * sizeof(std::uint32_t));
+    for (const Text& entry : entries)
+        block.add(entry.get(), std::strlen(entry.get()) + 1);
+    return memory;
+}
+
+} // namespace zn

@@ -1,0 +1,22 @@
+// confinement.hpp - the confinement of programs as the helper reads it (helper/wire.hpp). Used by
+// the namespace service and by engines' containers.
+#ifndef ZN_CONFINEMENT_HPP
+#define ZN_CONFINEMENT_HPP
+
+#include "helper/wire.hpp"
+#include "settings/settings.hpp"
+
+#include <span>
+
+namespace zn {
+
+// `rules` with the limits, mappings, groups and labels of the settings, the filter, and the files
+// through which the control group is entered behind it, in memory of `size` bytes; null with errno
+// set.
+znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
+                                        std::span<const wire::FilterCode> filter,
+                                        List<Text> entries, std::size_t& size);
+
+} // namespace zn
+
+#endif

@@ -1,0 +1,33 @@
+// engine_reason.hpp - says why a call of zarnel/engine.h failed. Used by the files of this folder.
+#ifndef ZN_ENGINE_REASON_HPP
+#define ZN_ENGINE_REASON_HPP
+
+#include "helper/wire.hpp"
+#include "settings/settings_reader.hpp"
+
+#include <cstddef>
+
+namespace zn {
+
+class Reason {
+  public:
+    Reason(char* text, std::size_t size) : text_(text), size_(size) {}
+
+    // Each returns `error`, and says why unless it is 0 or a reason was given before.
+    int say(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    // "FORMAT: message of the error".
+    int say_errno(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    int say_fault(int error, const SettingsFault& fault);
+    // As engines know it: exec: "sh": executable file not found in $PATH.
+    int say_program(int error, wire::SpawnReport::Kind kind, const char* program,
+                    const char* directory);
+
+  private:
+    char* text_;
+    std::size_t size_;
+    bool given_ = false;
+};
+
+} // namespace zn
+
+#endif

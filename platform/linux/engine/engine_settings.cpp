@@ -1,0 +1,164 @@
+#include "engine_settings.hpp"
+
+#include "base/file.hpp"
+#include "cgroup/cgroup.hpp"
+#include "confinement.hpp"
+#include "settings/seccomp.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sched.h>
+#include <sys/mman.h>
+
+namespace zn {
+
+const EngineNamespace kEngineNamespace[kEngineNamespaces] = {
+    {NsKind::kIpc, CLONE_NEWIPC, "ipc"},
+    {NsKind::kUts, CLONE_NEWUTS, "uts"},
+    {NsKind::kCgroup, CLONE_NEWCGROUP, "cgroup"},
+    {NsKind::kNetwork, CLONE_NEWNET, "network"}};
+
+namespace {
+
+using znc::UniqueFd;
+
+int refuse(SettingsFault& fault, const char* field, const char* reason)
+{
+    std::snprintf(fault.field, sizeof fault.field, "%s", field);
+    std::snprintf(fault.reason, sizeof fault.reason, "%s", reason);
+    return ENOTSUP;
+}
+
+bool is_label(const Text& text)
+{
+    return text && text[0] != '\0' && std::strcmp(text.get(), "unconfined") != 0;
+}
+
+// Devices that every container has, and pseudo-terminals. All device nodes may be created, but not
+// used.
+constexpr struct {
+    char type;
+    std::int64_t major;
+    std::int64_t minor;
+    bool use;
+} kDeviceRules[] = {
+    {'c', kAnyDevice, kAnyDevice, false},
+    {'b', kAnyDevice, kAnyDevice, false},
+    {'c', 1, 3, true},
+    {'c', 1, 5, true},
+    {'c', 1, 7, true},
+    {'c', 1, 8, true},
+    {'c', 1, 9, true},
+    {'c', 5, 0, true},
+    {'c', 5, 2, true},
+    {'c', 136, kAnyDevice, true},
+};
+
+} // namespace
+
+NsChoice::From EngineSettings::from(NsKind kind) const
+{
+    return settings_.namespaces[static_cast<unsigned>(kind)].from;
+}
+
+const char* EngineSettings::path(NsKind kind) const
+{
+    return settings_.namespaces[static_cast<unsigned>(kind)].path.get();
+}
+
+int EngineSettings::check(SettingsFault& fault) const
+{
+    if (from(NsKind::kUser) != NsChoice::From::kHost)
+        return refuse(fault, "linux.namespaces", "user namespaces are not supported");
+    if (from(NsKind::kTime) != NsChoice::From::kHost)
+        return refuse(fault, "linux.namespaces", "time namespaces are not supported");
+    if (is_label(settings_.apparmorProfile))
+        return refuse(fault, "process.apparmorProfile", "not supported");
+    if (settings_.selinuxLabel && settings_.selinuxLabel[0] != '\0')
+        return refuse(fault, "process.selinuxLabel", "not supported");
+    return 0;
+}
+
+int EngineSettings::read(const char* document, SettingsFault& fault)
+{
+    int error = settings_read(document, settings_, fault);
+    if (error == 0)
+        error = check(fault);
+    if (error != 0 || !settings_.seccomp.given)
+        return error;
+    SeccompCode code;
+    error = seccomp_compile(settings_.seccomp, code, fault);
+    for (const sock_filter& one : code.code)
+        if (filter_.append({one.code, one.jt, one.jf, one.k}) == nullptr)
+            return ENOMEM;
+    filterFlags_ = code.flags;
+    return error;
+}
+
+unsigned long EngineSettings::clone_flags() const
+{
+    unsigned long flags = CLONE_NEWNS;
+    if (from(NsKind::kPid) == NsChoice::From::kNew)
+        flags |= CLONE_NEWPID;
+    for (const EngineNamespace& one : kEngineNamespace)
+        if (from(one.kind) == NsChoice::From::kNew && one.kind != NsKind::kCgroup)
+            flags |= one.flag;
+    return flags;
+}
+
+int EngineSettings::complete_devices()
+{
+    List<DeviceRule>& rules = settings_.resources.devices;
+    // The last rule that matches decides, so that these come after those of the configuration,
+    // except for the one that denies all others by default.
+    List<DeviceRule> all;
+    if (rules.empty() && all.append(DeviceRule{}) == nullptr)
+        return ENOMEM;
+    for (const DeviceRule& rule : rules)
+        if (all.append(rule) == nullptr)
+            return ENOMEM;
+    for (const auto& one : kDeviceRules)
+        if (all.append({true, one.type, one.major, one.minor, one.use, one.use, true}) == nullptr)
+            return ENOMEM;
+    rules = std::move(all);
+    return 0;
+}
+
+UniqueFd EngineSettings::record(const char* group, unsigned long join) const
+{
+    constexpr std::uint32_t kUmask = 022;
+    List<Text> entries;
+    if (*group != '\0') {
+        errno = cgroup_entries(group, entries);
+        if (errno != 0)
+            return UniqueFd();
+    }
+    wire::Confinement rules = {};
+    rules.namespaces = join;
+    rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;
+    rules.ownNetwork = join == 0 && from(NsKind::kNetwork) == NsChoice::From::kNew ? 1 : 0;
+    const Capabilities& wanted = settings_.capabilities;
+    rules.bounding = wanted.bounding;
+    rules.permitted = wanted.permitted;
+    rules.effective = wanted.effective;
+    rules.inheritable = wanted.inheritable;
+    // The kernel refuses others, which documents contain nevertheless.
+    rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
+    rules.uid = settings_.user.uid;
+    rules.gid = settings_.user.gid;
+    rules.umask = settings_.user.umask.value_or(kUmask);
+    rules.filterFlags = filterFlags_;
+    rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
+    rules.noNewPrivileges = settings_.noNewPrivileges.value_or(false) ? 1 : 0;
+    std::size_t size = 0;
+    const auto packed = confinement_pack(rules, settings_, filter_.all(), std::move(entries), size);
+    UniqueFd file(packed ? ::memfd_create("zn-record", MFD_CLOEXEC) : -1);
+    const char zeros[wire::kConfinementOffset] = {};
+    if (!file || !znc::write_all(file.get(), {zeros, sizeof zeros}) ||
+        !znc::write_all(file.get(), {packed.get(), size}))
+        return UniqueFd();
+    return file;
+}
+
+} // namespace zn

@@ -1,0 +1,54 @@
+// engine_settings.hpp - what a configuration means for an engine's container: which namespaces it
+// has, and how its programs are confined. Where the namespace service has strict defaults, nothing
+// is confined here that the configuration does not confine. Called by the other files of this
+// folder.
+#ifndef ZN_ENGINE_SETTINGS_HPP
+#define ZN_ENGINE_SETTINGS_HPP
+
+#include "base/owned.hpp"
+#include "helper/wire.hpp"
+#include "settings/settings_reader.hpp"
+
+namespace zn {
+
+struct EngineNamespace {
+    NsKind kind;
+    unsigned long flag;
+    const char* name;
+};
+// Those that are created or joined one by one. The mount and PID namespaces are not among them.
+inline constexpr unsigned kEngineNamespaces = 4;
+extern const EngineNamespace kEngineNamespace[kEngineNamespaces];
+
+class EngineSettings {
+  public:
+    // 0, or an error number with `fault` set: EINVAL, ENOTSUP, ENOMEM.
+    int read(const char* document, SettingsFault& fault);
+
+    [[nodiscard]] const Settings& settings() const { return settings_; }
+    [[nodiscard]] NsChoice::From from(NsKind kind) const;
+    [[nodiscard]] const char* path(NsKind kind) const;
+
+    // The CLONE_NEW flags of the first process; its cgroup namespace is made later.
+    [[nodiscard]] unsigned long clone_flags() const;
+
+    // The rules of devices, which always include those that every container has.
+    int complete_devices();
+    [[nodiscard]] const Resources& resources() const { return settings_.resources; }
+
+    // A file with the confinement, for the helper. `group`: the control group to enter, "" none.
+    // `join`: the CLONE_NEW flags of the namespaces to join; 0 for the first process. Invalid with
+    // errno set.
+    [[nodiscard]] znc::UniqueFd record(const char* group, unsigned long join) const;
+
+  private:
+    int check(SettingsFault& fault) const;
+
+    Settings settings_;
+    List<wire::FilterCode> filter_;
+    unsigned filterFlags_ = 0;
+};
+
+} // namespace zn
+
+#endif

@@ -1,0 +1,139 @@
+#include "engine_socket.hpp"
+
+#include "zarnel/fs.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+constexpr char kName[] = "start";
+
+static_assert(3 + 4 + ZN_ENGINE_DESCRIPTORS_MAX <= kLaunchFdsMax);
+
+// Paths of sockets are short, and the directory's may be long.
+sockaddr_un address_in(int directory)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", directory,
+                  kName);
+    return address;
+}
+
+UniqueFd connect_to(const sockaddr_un& address, int type)
+{
+    UniqueFd socket(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!socket ||
+        ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return UniqueFd();
+    return socket;
+}
+
+} // namespace
+
+UniqueFd start_connect(int directory)
+{
+    return connect_to(address_in(directory), SOCK_SEQPACKET);
+}
+
+UniqueFd start_socket_make(int directory)
+{
+    start_socket_remove(directory);
+    const sockaddr_un address = address_in(directory);
+    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!socket ||
+        ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(socket.get(), 8) != 0)
+        return UniqueFd();
+    return socket;
+}
+
+void start_socket_remove(int directory)
+{
+    const znc::ErrnoSaver keep;
+    static_cast<void>(::unlinkat(directory, kName, 0));
+}
+
+bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program)
+{
+    std::size_t count = 0;
+    while (program.argv[count] != nullptr)
+        count++;
+    argv_ = znc::malloc_array<char*>(wire::kInitFixedArgs + count + 1);
+    if (!argv_)
+        return false;
+    std::snprintf(name_, sizeof name_, "%s", name);
+    std::snprintf(descriptors_, sizeof descriptors_, "%d", program.descriptors);
+    std::snprintf(terminal_, sizeof terminal_, "%d", program.console >= 0 ? 1 : 0);
+    argv_[0] = name_;
+    argv_[1] = const_cast<char*>(program.cwd);
+    argv_[2] = descriptors_;
+    argv_[3] = terminal_;
+    for (std::size_t i = 0; i < count; i++)
+        argv_[wire::kInitFixedArgs + i] = program.argv[i];
+    return true;
+}
+
+bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 4> own)
+{
+    if (program.descriptors < 0 || program.descriptors > ZN_ENGINE_DESCRIPTORS_MAX) {
+        errno = EINVAL;
+        return false;
+    }
+    null_.reset(::open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
+    if (!null_)
+        return false;
+    // A stream that is closed is replaced by the null device.
+    for (int stream = 0; stream <= 2; stream++)
+        fds_[count_++] = {::fcntl(stream, F_GETFD) == 0 ? stream : null_.get(), stream};
+    for (int i = 0; i < 4; i++)
+        fds_[count_++] = {own[static_cast<std::size_t>(i)] >= 0 ? own[static_cast<std::size_t>(i)]
+                                                                : null_.get(),
+                          wire::kInitSocket + i};
+    for (int i = 0; i < program.descriptors; i++)
+        if (::fcntl(3 + i, F_GETFD) == 0)
+            fds_[count_++] = {3 + i, wire::kInitFdEnd + i};
+    return true;
+}
+
+} // namespace zn
+
+using namespace zn;
+
+BOOL znEngineWaits(int directory)
+{
+    const znc::ErrnoSaver keep;
+    return start_connect(directory) ? TRUE : FALSE;
+}
+
+int znEngineConnect(const char* path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof address.sun_path) {
+        // A longer one is reached through a descriptor of its directory.
+        const char* slash = std::strrchr(path, '/');
+        char above[4096];
+        std::snprintf(above, sizeof above, "%.*s", static_cast<int>(slash - path), path);
+        const UniqueFd directory(::open(above, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!directory)
+            return -1;
+        const int len = std::snprintf(address.sun_path, sizeof address.sun_path,
+                                      "/proc/self/fd/%d%s", directory.get(), slash);
+        if (len < 0 || static_cast<std::size_t>(len) >= sizeof address.sun_path) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        return connect_to(address, SOCK_STREAM).release();
+    }
+    std::strcpy(address.sun_path, path);
+    return connect_to(address, SOCK_STREAM).release();
+}

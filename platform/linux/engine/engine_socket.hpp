@@ -1,0 +1,53 @@
+// engine_socket.hpp - the socket by which a container is started, and what its processes are given
+// at their start. Used by the files of this folder.
+#ifndef ZN_ENGINE_SOCKET_HPP
+#define ZN_ENGINE_SOCKET_HPP
+
+#include "base/list.hpp"
+#include "helper/wire.hpp"
+#include "launch.hpp"
+#include "zarnel/engine.h"
+
+#include <array>
+
+namespace zn {
+
+// A listening socket in the directory; an old one is replaced. Invalid with errno set.
+znc::UniqueFd start_socket_make(int directory);
+void start_socket_remove(int directory);
+
+// Connects to it. Invalid with errno set if no container waits.
+znc::UniqueFd start_connect(int directory);
+
+// A pidfd of the process; invalid with ESRCH if it has ended.
+znc::UniqueFd engine_process_open(const ZN_ENGINE_PROCESS& process);
+
+// The helper's argument vector: its own arguments, then the program's.
+class ProgramArguments {
+  public:
+    bool make(const char* name, const ZN_ENGINE_PROGRAM& program);
+    [[nodiscard]] char* const* argv() const { return argv_.get(); }
+
+  private:
+    char name_[16];
+    char descriptors_[16];
+    char terminal_[2];
+    znc::MallocPtr<char*[]> argv_;
+};
+
+// The helper's descriptors: the standard streams, four of its own, those of the program.
+class ProgramDescriptors {
+  public:
+    // The four are those from kInitSocket to kInitStart. EINVAL if there are too many.
+    bool make(const ZN_ENGINE_PROGRAM& program, std::array<int, 4> own);
+    [[nodiscard]] std::span<const LaunchFd> all() const { return {fds_.data(), count_}; }
+
+  private:
+    std::array<LaunchFd, kLaunchFdsMax> fds_;
+    std::size_t count_ = 0;
+    znc::UniqueFd null_;
+};
+
+} // namespace zn
+
+#endif

@@ -1,0 +1,137 @@
+// engine_start.cpp - starts the program of a container that waits, and further programs.
+#include "zarnel/engine.h"
+
+#include "base/file.hpp"
+#include "engine_reason.hpp"
+#include "engine_settings.hpp"
+#include "engine_socket.hpp"
+#include "system/pidfd.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/socket.h>
+
+namespace zn {
+namespace {
+
+using znc::UniqueFd;
+
+// The namespaces that a further program joins. Those that the container shares with the host are
+// joined, too, which changes nothing.
+constexpr unsigned long kJoined =
+    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET | CLONE_NEWCGROUP;
+
+struct Outcome {
+    pid_t pid = -1;
+    wire::SpawnReport::Kind kind = wire::SpawnReport::Kind::kError;
+    int error = 0;
+
+    void read_from(int descriptor)
+    {
+        wire::SpawnReport report;
+        ssize_t n;
+        for (;;) {
+            n = ::read(descriptor, &report, sizeof report);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n != static_cast<ssize_t>(sizeof report))
+                return;
+            if (report.kind == wire::SpawnReport::Kind::kPid) {
+                pid = report.value;
+            } else {
+                kind = report.kind;
+                error = report.value;
+            }
+        }
+    }
+};
+
+int finish(int error)
+{
+    if (error == 0)
+        return OK;
+    errno = error;
+    return ERROR;
+}
+
+// Starts the helper that joins the container; `report` gets what it says.
+int launch_entrant(const ZN_ENGINE_PROGRAM& program, int process, int record, Outcome& outcome)
+{
+    int pipes[2];
+    const UniqueFd file = helper_file();
+    if (!file || ::pipe2(pipes, O_CLOEXEC) != 0)
+        return errno;
+    const UniqueFd reader(pipes[0]);
+    UniqueFd writer(pipes[1]);
+    ProgramArguments arguments;
+    ProgramDescriptors fds;
+    if (!arguments.make(wire::kEntrantName, program) ||
+        !fds.make(program, {process, writer.get(), record, program.console}))
+        return errno;
+    UniqueFd pidfd;
+    const pid_t helper =
+        launch_helper({file.get(), SIGCHLD, fds.all(), wire::kInitFdEnd + program.descriptors,
+                       arguments.argv(), program.envp},
+                      pidfd);
+    if (helper < 0)
+        return errno;
+    writer.reset();
+    outcome.read_from(reader.get());
+    process_reap(pidfd.get());
+    return 0;
+}
+
+} // namespace
+} // namespace zn
+
+using namespace zn;
+
+STATUS znEngineStart(int directory, char* reason, size_t size)
+{
+    Reason said(reason, size);
+    const UniqueFd socket = start_connect(directory);
+    const char go = 1;
+    if (!socket)
+        return finish(said.say(ESRCH, "the container does not wait for its start"));
+    if (::send(socket.get(), &go, sizeof go, MSG_NOSIGNAL) != sizeof go)
+        return finish(said.say_errno(errno, "the container's first process"));
+    // End of file: the program was executed, which closed the other end.
+    Outcome outcome;
+    outcome.read_from(socket.get());
+    start_socket_remove(directory);
+    return finish(said.say_program(outcome.error, outcome.kind, "the program", "cwd"));
+}
+
+STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
+                    const ZN_ENGINE_PROGRAM* program, pid_t* pid, char* reason, size_t size)
+{
+    Reason said(reason, size);
+    EngineSettings settings;
+    SettingsFault fault;
+    int error = said.say_fault(settings.read(document, fault), fault);
+    if (error != 0)
+        return finish(error);
+    const UniqueFd first = engine_process_open(*process);
+    if (!first)
+        return finish(said.say(ESRCH, "container not running"));
+    const UniqueFd record = settings.record(group, kJoined);
+    Outcome outcome;
+    error = record ? launch_entrant(*program, first.get(), record.get(), outcome) : errno;
+    if (error != 0)
+        return finish(said.say_errno(error, "cannot start a process"));
+    if (outcome.error == 0 && outcome.pid > 0) {
+        *pid = outcome.pid;
+        return OK;
+    }
+    if (outcome.pid > 0) {
+        const UniqueFd dead = process_open(outcome.pid);
+        if (dead)
+            process_reap(dead.get());
+    }
+    // A PID namespace whose first process has ended takes no new ones.
+    if (outcome.error == ENOMEM && process_ended(first.get(), 0))
+        return finish(said.say(ESRCH, "container not running"));
+    return finish(said.say_program(outcome.error != 0 ? outcome.error : ECHILD, outcome.kind,
+                                   program->argv[0], program->cwd));
+}

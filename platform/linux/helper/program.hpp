@@ -1,0 +1,71 @@
+// program.hpp - what becomes of a process between its creation and its program: user, rights,
+// limits, filter (spawner.cpp). Used by the spawner and by the first process of an engine's
+// container (init.cpp). Except for the last, these functions report errors to kSpawnerReport and
+// end the process.
+#ifndef ZN_HELPER_PROGRAM_HPP
+#define ZN_HELPER_PROGRAM_HPP
+
+#include "sys.hpp"
+#include "wire.hpp"
+
+namespace zn {
+
+[[noreturn]] void fail(long result);
+void check(long result); // fails if the result is an error
+
+long number(const char* text);
+
+// The confinement in the file kSpawnerRecord, mapped read-only.
+class Rules {
+  public:
+    Rules();
+    const wire::Confinement* operator->() const { return rules_; }
+    const wire::Limit* limits() const { return limits_; }
+    const wire::IdRange* ranges() const { return ranges_; }
+    const wire::FilterCode* filter() const { return filter_; }
+    const std::uint32_t* groups() const { return groups_; }
+    const char* entries() const { return entries_; }
+
+  private:
+    const wire::Confinement* rules_ = nullptr;
+    const wire::Limit* limits_;
+    const wire::IdRange* ranges_;
+    const wire::FilterCode* filter_;
+    const std::uint32_t* groups_;
+    const char* entries_;
+};
+
+constexpr unsigned kGroupsMax = 256;
+
+// The user that the program runs as.
+struct Identity {
+    std::uint32_t uid;
+    std::uint32_t gid;
+    const std::uint32_t* groups;
+    unsigned groupCount;
+    std::uint64_t permitted;
+    std::uint64_t effective;
+    std::uint64_t inheritable;
+    std::uint64_t ambient;
+    std::uint32_t given[kGroupsMax];
+};
+
+// `text` is "UID:GID[:GROUP]...", or "" for the user of the configuration. Another user than that
+// has the capabilities of the bounding set if it is root, else none.
+void choose_identity(const Rules& rules, const char* text, Identity& user);
+
+// What must be done while the host's files are visible: entering the control group, which the
+// program inherits, and setting the out-of-memory score.
+void prepare_on_host(const Rules& rules);
+
+void leave_keyring();
+void set_limits(const Rules& rules);
+void drop_rights(const Rules& rules, const Identity& user);
+void default_signals();
+
+// Makes `path` the working directory. 0 or a negative error number.
+long directory_enter(const char* path);
+
+} // namespace zn
+
+#endif

@@ -1,0 +1,202 @@
+#!/usr/bin/env bash
+# engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root and
+# offline, and prints one line for each thing that must work. All state is in a temporary directory.
+# Needs podman, conmon and busybox-static (install-deps.sh compare).
+# shellcheck disable=SC2016,SC2317 # texts for shells in containers; functions that are called by check
+set -uo pipefail
+
+runtime=$(readlink -f "${1:-build/release/bin/zncrun}")
+[[ -x $runtime ]] || {
+    printf 'engines-test.sh: there is no program %s\n' "$runtime" >&2
+    exit 64
+}
+for needed in podman conmon busybox; do
+    command -v "$needed" >/dev/null || {
+        printf 'skipped: %s is not installed\n' "$needed"
+        exit 77
+    }
+done
+
+work=$(mktemp -d /tmp/engines-test.XXXXXX)
+good=0
+bad=0
+# podman raises these limits by default, which needs CAP_SYS_RESOURCE.
+limits=(--ulimit nofile=20000:20000 --ulimit nproc=32768:32768)
+
+podman_() {
+    timeout --foreground 90 podman --root "$work/root" --runroot "$work/run" --tmpdir "$work/tmp" \
+        --cgroup-manager cgroupfs --events-backend file --runtime "$runtime" "$@"
+}
+run() { podman_ run --network none "${limits[@]}" "$@"; }
+
+cleanup() {
+    podman_ rm --all --force --time 0 >/dev/null 2>&1
+    podman_ system prune --all --force >/dev/null 2>&1
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# check NAME COMMAND...: whether the command succeeds.
+check() {
+    local name=$1
+    shift
+    if "$@" >"$work/out" 2>&1; then
+        good=$((good + 1))
+        printf 'ok - %s\n' "$name"
+    else
+        bad=$((bad + 1))
+        printf 'not ok - %s\n' "$name"
+        sed 's/^/    /' "$work/out"
+    fi
+}
+# is WANTED COMMAND...: whether the command prints that.
+is() {
+    local wanted=$1 got
+    shift
+    got=$("$@" 2>&1 | tr -d '\r')
+    [[ $got == "$wanted" ]] || {
+        printf 'wanted: %s\ngot: %s\n' "$wanted" "$got"
+        return 1
+    }
+}
+# ends STATUS COMMAND...: whether the command exits with that status.
+ends() {
+    local wanted=$1 got=0
+    shift
+    "$@" || got=$?
+    [[ $got -eq $wanted ]] || {
+        printf 'wanted exit status %s, got %s\n' "$wanted" "$got"
+        return 1
+    }
+}
+# soon COMMAND...: whether the command succeeds within ten seconds.
+soon() {
+    local deadline=$((SECONDS + 10))
+    until "$@"; do
+        ((SECONDS < deadline)) || return 1
+        read -r -t 0.1 <> <(:)
+    done
+}
+
+make_image() {
+    local tree=$work/tree
+    mkdir -p "$tree"/{bin,etc,proc,dev,sys,root,var/data}
+    cp "$(command -v busybox)" "$tree/bin/busybox"
+    local applet
+    for applet in sh cat echo id ls sleep touch stat grep true mount hostname env kill tty wc test mkdir; do
+        ln -s busybox "$tree/bin/$applet"
+    done
+    mkdir -p "$tree/tmp" && chmod 1777 "$tree/tmp"
+    printf 'root:x:0:0::/root:/bin/sh\nuser:x:1234:1234::/:/bin/sh\n' >"$tree/etc/passwd"
+    printf 'root:x:0:\nuser:x:1234:\n' >"$tree/etc/group"
+    echo kept >"$tree/var/data/file"
+    tar -C "$tree" -c . | podman_ import --change 'ENV PATH=/bin' - localhost/engines:1
+}
+
+state_is() { [[ $(podman_ inspect --format '{{.State.Status}}' "$1") == "$2" ]]; }
+logs_have() { podman_ logs "$1" 2>/dev/null | grep -q "$2"; }
+
+feed_given() { echo given | run -i --rm localhost/engines:1 cat; }
+top_shows() { podman_ top "$1" | grep -q "$2"; }
+writes_layer() {
+    run --name writer localhost/engines:1 touch /etc/new && podman_ diff writer | grep -q 'A /etc/new'
+}
+writes_volume() {
+    run --rm -v "$work/volume:/mnt" localhost/engines:1 touch /mnt/new && test -e "$work/volume/new"
+}
+shares_network() {
+    run -d --name net localhost/engines:1 sleep 100 &&
+        podman_ run --rm "${limits[@]}" --network container:net localhost/engines:1 true
+}
+
+podman_lifecycle() {
+    check 'podman run prints what the program prints' is hello run --rm localhost/engines:1 echo hello
+    check 'podman run passes the exit status' ends 7 run --rm localhost/engines:1 sh -c 'exit 7'
+    check 'podman run ends with 127 for a missing program' ends 127 run --rm localhost/engines:1 nosuch
+    check 'podman run ends with 126 for a file that is no program' \
+        ends 126 run --rm localhost/engines:1 /etc/passwd
+    check 'the program is the first process' is 1 run --rm localhost/engines:1 sh -c 'echo $$'
+    check 'standard input reaches the program' is given feed_given
+    check 'podman run -d' run -d --name web localhost/engines:1 \
+        sh -c 'trap "exit 3" TERM; trap "exit 4" USR1; echo up; while true; do sleep 0.1; done'
+    check 'the program runs' soon logs_have web up
+    check 'podman inspect says running' state_is web running
+    check 'podman exec' is '/' podman_ exec web sh -c 'cd / && echo $PWD'
+    check 'podman exec passes the exit status' ends 9 podman_ exec web sh -c 'exit 9'
+    check 'podman exec ends with 127 for a missing program' ends 127 podman_ exec web nosuch
+    check 'podman exec --user' is 'uid=1234(user) gid=1234(user)' podman_ exec --user user web id
+    check 'podman exec -d' podman_ exec -d web touch /tmp/detached
+    check 'the detached program ran' soon podman_ exec web test -e /tmp/detached
+    check 'podman top' top_shows web sleep
+    check 'podman pause' podman_ pause web
+    check 'podman inspect says paused' state_is web paused
+    check 'podman unpause' podman_ unpause web
+    check 'podman kill -s with a name' podman_ kill -s USR1 web
+    check 'the signal reached the program' soon state_is web exited
+    check 'podman start again' podman_ start web
+    check 'the program runs again' soon logs_have web up
+    check 'podman stop lets the program end' podman_ stop --time 10 web
+    check 'its exit status is kept' is 3 podman_ inspect --format '{{.State.ExitCode}}' web
+    check 'podman rm' podman_ rm web
+    check 'nothing is left of the container' ends 1 podman_ container exists web
+}
+
+podman_settings() {
+    local status='grep -E'
+    check '--user' is '1234' run --rm --user user localhost/engines:1 id -u
+    check '--read-only' ends 1 run --rm --read-only localhost/engines:1 touch /etc/new
+    check '--read-only leaves /tmp writable' run --rm --read-only localhost/engines:1 touch /tmp/new
+    check 'what is written is in the layer of the container' writes_layer
+    mkdir -p "$work/volume"
+    echo volume >"$work/volume/file"
+    check '-v' is volume run --rm -v "$work/volume:/mnt" localhost/engines:1 cat /mnt/file
+    check '-v :ro' ends 1 run --rm -v "$work/volume:/mnt:ro" localhost/engines:1 touch /mnt/new
+    check '-v writes through' writes_volume
+    check '--tmpfs shows what the image has there' is kept \
+        run --rm --tmpfs /var/data localhost/engines:1 cat /var/data/file
+    check '--hostname' is box run --rm --hostname box localhost/engines:1 hostname
+    check '--env' is value run --rm --env NAME=value localhost/engines:1 sh -c 'echo $NAME'
+    check '--workdir' is /var/data run --rm --workdir /var/data localhost/engines:1 sh -c 'echo $PWD'
+    check '--cap-drop all' is 'CapEff: 0000000000000000' \
+        run --rm --cap-drop all localhost/engines:1 sh -c "$status CapEff /proc/self/status | { read -r a b; echo \$a \$b; }"
+    check '--security-opt no-new-privileges' is 'NoNewPrivs: 1' \
+        run --rm --security-opt no-new-privileges localhost/engines:1 \
+        sh -c "$status NoNewPrivs /proc/self/status | { read -r a b; echo \$a \$b; }"
+    check 'the profile of system calls is in force' is 'Seccomp: 2' run --rm localhost/engines:1 \
+        sh -c "$status Seccomp: /proc/self/status | { read -r a b; echo \$a \$b; }"
+    check '--privileged' run --rm --privileged localhost/engines:1 mount -t tmpfs none /tmp
+    check '--device' run --rm --device /dev/null:/dev/other localhost/engines:1 test -c /dev/other
+    check '--ulimit' is 512 run --rm --ulimit nofile=512:512 localhost/engines:1 sh -c 'ulimit -n'
+    check '--sysctl' is 1 run --rm --sysctl net.ipv4.ip_forward=1 localhost/engines:1 \
+        cat /proc/sys/net/ipv4/ip_forward
+    check '--pid host' ends 1 run --rm --pid host localhost/engines:1 sh -c 'test $$ = 1'
+    check '--network of another container' shares_network
+    check '--pid of another container' run --rm --pid container:net localhost/engines:1 \
+        sh -c 'grep -q sleep /proc/1/cmdline'
+    check 'podman rm --force' podman_ rm --force --time 0 net
+    check '-t gives the program a terminal' is /dev/pts/0 run --rm -t localhost/engines:1 tty
+}
+
+podman_limits() {
+    local group=/sys/fs/cgroup/memory file=memory.limit_in_bytes
+    [[ -d $group ]] || { group=/sys/fs/cgroup && file=memory.max; }
+    check '-m' is $((64 << 20)) run --rm -m 64m localhost/engines:1 cat "$group/$file"
+    check '--pids-limit' run --rm --pids-limit 20 localhost/engines:1 true
+    check 'podman run -d with a limit' run -d --name limited -m 64m localhost/engines:1 sleep 100
+    check 'podman stats' podman_ stats --no-stream limited
+    check 'podman exec -t' is yes podman_ exec -t limited sh -c 'test -t 0 && echo yes'
+    check 'podman kill' podman_ kill limited
+    check 'podman rm of a killed container' podman_ rm --force limited
+}
+
+make_image >"$work/out" 2>&1 || {
+    cat "$work/out"
+    printf 'not ok - podman import\n'
+    exit 1
+}
+podman_lifecycle
+podman_settings
+podman_limits
+
+printf '%s passed, %s failed\n' "$good" "$bad"
+[[ $bad -eq 0 ]]

@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# Tests of zncrun exec, terminals, descriptors, pause, resume, update, ps and events.
+# shellcheck source=oci_lib.sh disable=SC2016
+. "$(dirname "$0")/oci_lib.sh"
+
+make_bundle web sleep 1000
+change web '.process.env += ["NAME=own"]'
+run zncrun run --detach --bundle "$work/web" "$me-web"
+expect 'a container' 0 ''
+inside() { run zncrun exec "$@"; }
+
+inside "$me-web" sh -c 'echo $NAME; exit 4'
+expect 'exec has environment and exit status' 4 own
+inside --env NAME=other --cwd /tmp "$me-web" sh -c 'echo $NAME $(pwd)'
+expect 'options of exec' 0 'other /tmp'
+inside --user 1000:1001 --additional-gids 7 "$me-web" sh -c 'echo $(id -u):$(id -G) $HOME'
+expect 'the user of exec' 0 '1000:1001 7 /home/user'
+inside "$me-web" sh -c 'ps | grep -c "[s]leep 1000"'
+expect 'it sees the processes of the container' 0 1
+inside "$me-web" nosuch
+refused 'a missing program' 'exec: "nosuch": executable file not found in $PATH'
+printf 'given\n' | zncrun exec "$me-web" cat >"$work/out"
+check 'it reads the standard input' grep -qx given "$work/out"
+jq -n '{args: ["sh", "-c", "echo $X $(id -u); grep NoNewPrivs /proc/self/status"], cwd: "/", env: ["PATH=/bin", "X=y"],
+    user: {uid: 1000, gid: 1000}, noNewPrivileges: true}' >"$work/process.json"
+inside --process "$work/process.json" "$me-web"
+expect 'a process file' 0 $'y 1000\nNoNewPrivs:\t1'
+jq '.selinuxLabel = "x"' "$work/process.json" >"$work/bad.json"
+inside --process "$work/bad.json" "$me-web"
+refused 'what cannot be honoured is refused' 'process.selinuxLabel'
+inside --apparmor profile "$me-web" true
+refused 'also as an option' '--apparmor'
+jq '.args = ["sleep", "500"]' "$work/process.json" >"$work/sleep.json"
+inside --detach --pid-file "$work/pid" --process "$work/sleep.json" "$me-web"
+expect 'detached' 0 ''
+pid=$(<"$work/pid")
+check 'the pid file names the program' grep -qa sleep "/proc/$pid/cmdline"
+check 'in the PID namespace of the container' test \
+    "$(readlink "/proc/$pid/ns/pid")" = "$(readlink "/proc/$(state_of "$me-web" .pid)/ns/pid")"
+run zncrun ps --format json "$me-web"
+check 'ps lists both' jq -e "length == 2 and index($pid) != null" "$work/out"
+
+# Descriptors.
+exec 3</etc/hostname 4</etc/passwd
+run zncrun exec "$me-web" sh -c 'ls /proc/self/fd'
+check 'a program gets no descriptors but the standard streams' not grep -q '^4' "$work/out"
+run zncrun exec --preserve-fds 2 "$me-web" sh -c 'cat <&4'
+exec 3<&- 4<&-
+expect 'preserved descriptors' 0 "$(</etc/passwd)"
+
+# A terminal.
+cat >"$work/terminal.py" <<'P'
+import os, socket, subprocess, sys
+path = sys.argv[1]
+server = socket.socket(socket.AF_UNIX)
+server.bind(path)
+server.listen(1)
+program = subprocess.Popen(sys.argv[2:], stdin=subprocess.DEVNULL)
+server.settimeout(30)
+client, _ = server.accept()
+_, fds, _, _ = socket.recv_fds(client, 100, 1)
+said = b""
+while True:
+    try:
+        part = os.read(fds[0], 1000)
+    except OSError:
+        break
+    if not part:
+        break
+    said += part
+sys.stdout.write(said.decode().replace("\r", ""))
+sys.exit(program.wait())
+P
+run timeout 60 python3 "$work/terminal.py" "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty \
+    --console-socket "$work/socket" "$me-web" sh -c 'tty; exec 3<>/dev/tty && echo controlling'
+expect 'exec with a terminal' 0 $'/dev/pts/0\ncontrolling'
+make_bundle tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
+change tty '.process.terminal = true | .process.consoleSize = {height: 30, width: 90}'
+run timeout 60 python3 "$work/terminal.py" "$work/$(printf 'long%.0s' {1..30})" "$ZNCRUN" --root "$work/state" run \
+    --bundle "$work/tty" --console-socket "$work/$(printf 'long%.0s' {1..30})" "$me-tty"
+check 'a container with a terminal (its socket has a long path)' test "$status" = 1
+run timeout 60 python3 "$work/terminal.py" "$work/socket2" "$ZNCRUN" --root "$work/state" run \
+    --bundle "$work/tty" --console-socket "$work/socket2" "$me-tty"
+expect 'a container with a terminal' 0 $'/dev/pts/0\n30 90\nc\ncontrolling'
+run zncrun create --bundle "$work/tty" "$me-tty"
+refused 'a terminal needs a socket' 'console socket'
+
+# Control.
+run zncrun pause "$me-web"
+expect 'pause' 0 ''
+check 'the state is paused' is_state "$me-web" paused
+inside "$me-web" true
+refused 'exec in a paused container' paused
+run zncrun resume "$me-web"
+expect 'resume' 0 ''
+check 'the state is running' is_state "$me-web" running
+printf '{"pids":{"limit":50}}' >"$work/resources"
+run zncrun update --resources "$work/resources" "$me-web"
+expect 'update' 0 ''
+run zncrun update --resources - "$me-web" <<<'{"memory":{"limit":"x"}}'
+check 'wrong limits are refused' test "$status" = 1
+run zncrun events --stats "$me-web"
+check 'events --stats has the limit' jq -e '.data.pids.limit == 50 and .data.memory.usage.usage > 0' "$work/out"
+run zncrun pause "$me-web"
+run zncrun delete --force "$me-web"
+expect 'a paused container is deleted by force' 0 ''
+check 'with the further program' eventually not lives "$pid"
+inside "$me-web" true
+refused 'exec in what is gone' 'does not exist'
+finish
