@@ -18,6 +18,7 @@ for needed in podman conmon busybox; do
 done
 
 work=$(mktemp -d /tmp/engines-test.XXXXXX)
+containerd_pid=
 good=0
 bad=0
 # podman raises these limits by default, which needs CAP_SYS_RESOURCE.
@@ -30,6 +31,7 @@ podman_() {
 run() { podman_ run --network none "${limits[@]}" "$@"; }
 
 cleanup() {
+    [[ -z $containerd_pid ]] || { kill "$containerd_pid" && wait "$containerd_pid"; } 2>/dev/null
     podman_ rm --all --force --time 0 >/dev/null 2>&1
     podman_ system prune --all --force >/dev/null 2>&1
     rm -rf "$work"
@@ -74,8 +76,9 @@ soon() {
     local deadline=$((SECONDS + 10))
     until "$@"; do
         ((SECONDS < deadline)) || return 1
-        read -r -t 0.1 <> <(:)
+        sleep 0.1
     done
+    return 0
 }
 
 make_image() {
@@ -189,6 +192,48 @@ podman_limits() {
     check 'podman rm of a killed container' podman_ rm --force limited
 }
 
+
+ctr_() { timeout --foreground 60 ctr --address "$work/containerd.sock" "$@"; }
+ctr_run() { ctr_ run --runc-binary "$runtime" "$@"; }
+task_is() { ctr_ task ls | grep -qE "^$1 .*$2"; }
+
+start_containerd() {
+    cat >"$work/containerd.toml" <<END
+version = 2
+root = "$work/containerd/root"
+state = "$work/containerd/state"
+disabled_plugins = ["io.containerd.grpc.v1.cri", "io.containerd.internal.v1.opt"]
+[grpc]
+  address = "$work/containerd.sock"
+[ttrpc]
+  address = "$work/containerd.sock.ttrpc"
+END
+    containerd --config "$work/containerd.toml" >"$work/containerd.log" 2>&1 &
+    containerd_pid=$!
+    podman_ save --quiet --format docker-archive --output "$work/image.tar" localhost/engines:1
+    soon ctr_ version && ctr_ image import "$work/image.tar"
+}
+
+containerd_lifecycle() {
+    local image=localhost/engines:1
+    check 'containerd has the image' start_containerd
+    check 'ctr run prints what the program prints' is hello ctr_run --rm $image one echo hello
+    check 'ctr run passes the exit status' ends 7 ctr_run --rm $image two sh -c 'exit 7'
+    check 'ctr run fails for a missing program' ends 1 ctr_run --rm $image three nosuch
+    check 'ctr run -d' ctr_run -d $image web sh -c 'trap "exit 3" TERM; while :; do sleep 0.1; done'
+    check 'the task runs' task_is web RUNNING
+    check 'ctr task exec' is inside ctr_ task exec --exec-id first web echo inside
+    check 'ctr task pause' ctr_ task pause web
+    check 'the task is paused' task_is web PAUSED
+    check 'ctr task resume' ctr_ task resume web
+    check 'ctr task ps' ctr_ task ps web
+    check 'ctr task metrics' ctr_ task metrics web
+    check 'ctr task kill' ctr_ task kill --signal SIGTERM web
+    check 'the task has stopped' soon task_is web STOPPED
+    check 'ctr task delete gives the exit status' ends 3 ctr_ task delete web
+    check 'ctr container rm' ctr_ container rm web
+}
+
 make_image >"$work/out" 2>&1 || {
     cat "$work/out"
     printf 'not ok - podman import\n'
@@ -197,6 +242,11 @@ make_image >"$work/out" 2>&1 || {
 podman_lifecycle
 podman_settings
 podman_limits
+if command -v containerd >/dev/null && command -v ctr >/dev/null; then
+    containerd_lifecycle
+else
+    printf 'skipped: containerd is not installed\n'
+fi
 
 printf '%s passed, %s failed\n' "$good" "$bad"
 [[ $bad -eq 0 ]]
