@@ -18,6 +18,8 @@ for needed in podman conmon busybox; do
 done
 
 work=$(mktemp -d /tmp/engines-test.XXXXXX)
+containerd_pid=''
+docker_pid=''
 good=0
 bad=0
 # podman raises these limits by default, which needs CAP_SYS_RESOURCE.
@@ -30,6 +32,10 @@ podman_() {
 run() { podman_ run --network none "${limits[@]}" "$@"; }
 
 cleanup() {
+    local daemon
+    for daemon in $containerd_pid $docker_pid; do
+        { kill "$daemon" && wait "$daemon"; } 2>/dev/null
+    done
     podman_ rm --all --force --time 0 >/dev/null 2>&1
     podman_ system prune --all --force >/dev/null 2>&1
     rm -rf "$work"
@@ -74,8 +80,9 @@ soon() {
     local deadline=$((SECONDS + 10))
     until "$@"; do
         ((SECONDS < deadline)) || return 1
-        read -r -t 0.1 <> <(:)
+        sleep 0.1
     done
+    return 0
 }
 
 make_image() {
@@ -189,6 +196,87 @@ podman_limits() {
     check 'podman rm of a killed container' podman_ rm --force limited
 }
 
+
+ctr_() { timeout --foreground 60 ctr --address "$work/containerd.sock" "$@"; }
+ctr_run() { ctr_ run --runc-binary "$runtime" "$@"; }
+deleted_with() { ctr_ task delete "$1" 2>&1 | grep -q "exit code $2"; }
+task_is() { ctr_ task ls | grep -qE "^$1 .*$2"; }
+
+start_containerd() {
+    cat >"$work/containerd.toml" <<END
+version = 2
+root = "$work/containerd/root"
+state = "$work/containerd/state"
+disabled_plugins = ["io.containerd.grpc.v1.cri", "io.containerd.internal.v1.opt"]
+[grpc]
+  address = "$work/containerd.sock"
+[ttrpc]
+  address = "$work/containerd.sock.ttrpc"
+END
+    containerd --config "$work/containerd.toml" >"$work/containerd.log" 2>&1 &
+    containerd_pid=$!
+    podman_ save --quiet --format docker-archive --output "$work/image.tar" localhost/engines:1
+    soon ctr_ version && ctr_ image import "$work/image.tar"
+}
+
+containerd_lifecycle() {
+    local image=localhost/engines:1
+    check 'containerd has the image' start_containerd
+    check 'ctr run prints what the program prints' is hello ctr_run --rm $image one echo hello
+    check 'ctr run passes the exit status' ends 7 ctr_run --rm $image two sh -c 'exit 7'
+    check 'ctr run fails for a missing program' ends 1 ctr_run --rm $image three nosuch
+    check 'ctr run -d' ctr_run -d $image web sh -c 'trap "exit 3" TERM; while :; do sleep 0.1; done'
+    check 'the task runs' task_is web RUNNING
+    check 'ctr task exec' is inside ctr_ task exec --exec-id first web echo inside
+    check 'ctr task pause' ctr_ task pause web
+    check 'the task is paused' task_is web PAUSED
+    check 'ctr task resume' ctr_ task resume web
+    check 'ctr task ps' ctr_ task ps web
+    check 'ctr task metrics' ctr_ task metrics web
+    check 'ctr task kill' ctr_ task kill --signal SIGTERM web
+    check 'the task has stopped' soon task_is web STOPPED
+    check 'ctr task delete gives the exit status' deleted_with web 3
+    check 'ctr container rm' ctr_ container rm web
+}
+
+docker_() { timeout --foreground 60 docker --host "unix://$work/docker.sock" "$@"; }
+docker_run() { docker_ run --network none "$@"; }
+docker_state_is() { [[ $(docker_ inspect --format '{{.State.Status}}' "$1") == "$2" ]]; }
+
+start_docker() {
+    dockerd --iptables=false --ip6tables=false --bridge=none --add-runtime "zncrun=$runtime" \
+        --default-runtime zncrun --exec-opt native.cgroupdriver=cgroupfs --data-root "$work/docker" \
+        --exec-root "$work/docker-run" --pidfile "$work/docker.pid" \
+        --host "unix://$work/docker.sock" >"$work/docker.log" 2>&1 &
+    docker_pid=$!
+    soon docker_ version && tar -C "$work/tree" -c . | docker_ import --change 'ENV PATH=/bin' - engines:1
+}
+
+docker_lifecycle() {
+    check 'docker has the image' start_docker
+    check 'docker run prints what the program prints' is hello docker_run --rm engines:1 echo hello
+    check 'docker run passes the exit status' ends 7 docker_run --rm engines:1 sh -c 'exit 7'
+    check 'docker run ends with 127 for a missing program' ends 127 docker_run --rm engines:1 nosuch
+    check 'docker run -d' docker_run -d --name web -m 64m engines:1 \
+        sh -c 'trap "exit 3" TERM; while true; do sleep 0.1; done'
+    check 'docker exec' is /root docker_ exec web sh -c 'echo $HOME'
+    check 'docker exec --user' is 1000 docker_ exec --user 1000 web id -u
+    check 'docker update' docker_ update --memory 128m --memory-swap 256m --cpus 0.5 web
+    check 'docker pause' docker_ pause web
+    check 'docker inspect says paused' docker_state_is web paused
+    check 'docker unpause' docker_ unpause web
+    check 'docker top' docker_ top web
+    check 'docker stats' docker_ stats --no-stream web
+    check 'docker stop' docker_ stop --time 10 web
+    check 'its exit status is kept' is 3 docker_ inspect --format '{{.State.ExitCode}}' web
+    check 'docker start again' docker_ start web
+    check 'docker kill' docker_ kill web
+    check 'docker rm' docker_ rm web
+    check 'docker run with many options' is '5 100' docker_run --rm --read-only --tmpfs /tmp \
+        -v "$work/tree:/mnt:ro" --cap-drop all --security-opt no-new-privileges --pids-limit 10 \
+        --ulimit nofile=100 --user 5:6 engines:1 sh -c 'touch /tmp/a && echo $(id -u) $(ulimit -n)'
+}
+
 make_image >"$work/out" 2>&1 || {
     cat "$work/out"
     printf 'not ok - podman import\n'
@@ -197,6 +285,16 @@ make_image >"$work/out" 2>&1 || {
 podman_lifecycle
 podman_settings
 podman_limits
+if command -v containerd >/dev/null && command -v ctr >/dev/null; then
+    containerd_lifecycle
+else
+    printf 'skipped: containerd is not installed\n'
+fi
+if command -v dockerd >/dev/null; then
+    docker_lifecycle
+else
+    printf 'skipped: docker is not installed\n'
+fi
 
 printf '%s passed, %s failed\n' "$good" "$bad"
 [[ $bad -eq 0 ]]

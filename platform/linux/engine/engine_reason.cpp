@@ -64,6 +64,10 @@ int Reason::say_program(int error, wire::SpawnReport::Kind kind, const char* pro
     case wire::SpawnReport::Kind::kDirectory:
         return say(error, "chdir to cwd (\"%s\") set in config.json failed: %s", directory,
                    message);
+    case wire::SpawnReport::Kind::kLimits:
+        return say(error, "process.rlimits: %s", message);
+    case wire::SpawnReport::Kind::kRights:
+        return say(error, "process.user, capabilities or seccomp: %s", message);
     case wire::SpawnReport::Kind::kProgram:
         break;
     case wire::SpawnReport::Kind::kPid:

@@ -39,10 +39,11 @@ struct Outcome {
                 return;
             if (report.kind == wire::SpawnReport::Kind::kPid) {
                 pid = report.value;
-            } else {
-                kind = report.kind;
-                error = report.value;
+                continue;
             }
+            if (report.kind != wire::SpawnReport::Kind::kError)
+                kind = report.kind;
+            error = report.value;
         }
     }
 };

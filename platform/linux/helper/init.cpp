@@ -170,7 +170,9 @@ int give_descriptors(int count)
         check(sys::call(__NR_ioctl, 0, kTakeTerminal, 0));
     sys::call(__NR_umask, rules->umask);
     leave_keyring();
+    report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
     set_limits(rules);
+    report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kRights, 0);
     // A directory that the user cannot enter may be the working directory, too.
     const long early = directory_enter(program.directory);
     drop_rights(rules, user);

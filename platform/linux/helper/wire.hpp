@@ -153,7 +153,10 @@ struct SpawnReport {
     enum class Kind : std::int32_t {
         kPid,
         kError,
-        // Of an engine's container: the working directory, the program.
+        // Of an engine's container: what an error is about. With the value 0: what a later
+        // kError is about.
+        kLimits,
+        kRights,
         kDirectory,
         kProgram,
     } kind;

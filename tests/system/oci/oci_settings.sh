@@ -33,6 +33,8 @@ given '.process.env += ["HOME=/given"]' sh -c 'echo $HOME'
 expect 'a home that is given' 0 /given
 given '.process.rlimits = [{type: "RLIMIT_NOFILE", soft: 100, hard: 200}]' sh -c 'ulimit -Sn; ulimit -Hn'
 expect 'resource limits' 0 $'100\n200'
+given '.process.rlimits = [{type: "RLIMIT_NOFILE", soft: 9000000000, hard: 9000000000}]' true
+refused 'limits that the kernel refuses' process.rlimits
 given '.process.oomScoreAdj = 500' cat /proc/self/oom_score_adj
 expect 'out-of-memory score' 0 500
 given '.linux.seccomp = {defaultAction: "SCMP_ACT_ALLOW", syscalls: [{names: ["mkdir", "mkdirat"],
