@@ -38,8 +38,8 @@ run zncctl list web
 usage_error 'list takes no operand' \
     'list [-q|--quiet] [-f|--format FORMAT] [--status STATUS] [--bundle BUNDLE] [--no-trunc]'
 run zncctl unpack layout
-usage_error 'unpack needs a layout and a bundle' \
-    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--allow-image-mounts] [--progress HOW] LAYOUT BUNDLE'
+usage_error 'unpack needs an image and a bundle' \
+    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--allow-image-mounts] [--progress HOW] IMAGE BUNDLE'
 run zncctl image inspect
 usage_error 'image inspect needs a layout' 'image inspect LAYOUT'
 
