@@ -40,7 +40,7 @@ constexpr Command import_command(int (*run)(const Arguments& args))
 {
     return {"import",
             "",
-            "SOURCE NAME|LAYOUT[:TAG]",
+            "SOURCE [NAME|LAYOUT[:TAG]]",
             "convert any image so that it can be unpacked",
             kImportOptions,
             1,

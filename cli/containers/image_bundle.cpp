@@ -72,14 +72,14 @@ class Unpacking {
                                                       : report(errno, option);
     }
 
-    // The same, as a flattened tree if the layers are shared with another bundle already: its
-    // overlay device cannot belong to two.
-    int unpack_again_or_report(const std::string& bundle, unsigned option, Progress& progress) const
+    // After unpack() has failed with `error`: unpacks a flattened tree if the layers are shared
+    // with another bundle already, whose overlay device cannot belong to two. Otherwise reports the
+    // failure.
+    int unpack_tree_or_report(int error, const std::string& bundle, unsigned option,
+                              Progress& progress) const
     {
-        if (unpack(bundle, option, progress) == OK)
-            return kExitOk;
-        if (errno != EEXIST || option != 0)
-            return report(errno, option);
+        if (error != EEXIST || option != 0)
+            return report(error, option);
         print_hint("the overlay device of this image exists already, for another bundle: the "
                    "layers are merged into one tree");
         return unpack_or_report(bundle, ZNC_OPT_FLATTEN, progress);
@@ -130,6 +130,33 @@ class Unpacking {
 
 } // namespace
 
+namespace {
+
+// Unpacks an image, which is converted if the library refuses it as it is. Throws
+// std::runtime_error.
+int unpack_chosen(const Arguments& args, const Wanted& wanted, const Chosen& chosen,
+                  const std::string& bundle, unsigned option, Progress& progress)
+{
+    const bool existed = ::access(bundle.c_str(), F_OK) == 0;
+    const Unpacking unpacking(wanted, chosen);
+    int status = kExitOk;
+    if (unpacking.unpack(bundle, option, progress) != OK) {
+        const int error = errno;
+        if (!wanted.stored && may_need_import(error)) {
+            Wanted other = wanted;
+            Chosen converted = chosen;
+            if (!convert_if_needed(args, true, other, converted))
+                return kExitFailure;
+            if (other.stored)
+                return unpack_chosen(args, other, converted, bundle, option, progress);
+        }
+        status = unpacking.unpack_tree_or_report(error, bundle, option, progress);
+    }
+    return status == kExitOk ? unpacking.set_user(bundle, existed) : status;
+}
+
+} // namespace
+
 int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle, unsigned option)
 {
     Progress progress(args.value("progress", "auto"));
@@ -140,10 +167,7 @@ int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle
         return kExitFailure;
     print_notes(wanted, *chosen);
     try {
-        const Unpacking unpacking(wanted, *chosen);
-        const bool existed = ::access(bundle.c_str(), F_OK) == 0;
-        const int status = unpacking.unpack_again_or_report(bundle, option, progress);
-        return status == kExitOk ? unpacking.set_user(bundle, existed) : status;
+        return unpack_chosen(args, wanted, *chosen, bundle, option, progress);
     } catch (const std::runtime_error& error) {
         return failure(wanted.label, error.what());
     }

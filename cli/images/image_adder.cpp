@@ -98,7 +98,8 @@ bool is_kept(const Finding& finding)
 
 bool is_damage(const Finding& finding)
 {
-    return finding.what == kDiffIdFinding || finding.what.ends_with(kContentFinding);
+    return finding.what == kDiffIdFinding || finding.what == kHeaderFinding ||
+           finding.what == kCutFinding || finding.what.ends_with(kContentFinding);
 }
 
 Fitness fitness_of_layer(const std::string& layout, const Descriptor& layer,
@@ -153,11 +154,11 @@ Added add_layout(const std::string& layout, const std::vector<std::string>& name
     const bool single = images && images->size() == 1;
     if (single && source.empty())
         source = images->front().manifest.digest;
-    if (auto known = source.empty() ? std::nullopt : add_names(source, names))
-        return *std::move(known);
     if (single && images->front().problem.empty() &&
         fitness_of(layout, images->front()) == Fitness::kPlain)
         return adopt(layout, images->front(), names, source);
+    if (auto known = source.empty() ? std::nullopt : add_names(source, names))
+        return *std::move(known);
     // Without a prefix a ":" in the path is no separator.
     return add_converted({layout, -1, kUsualOptions}, names, source);
 }

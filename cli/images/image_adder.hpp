@@ -36,7 +36,7 @@ Added add_converted(const ImportSource& what, const std::vector<std::string>& na
                     const std::string& source);
 
 // Adds the only image of a layout in a stage: as it is, if the library can unpack all of it,
-// otherwise converted; an image that was added before only gets the names. `source` is "" if it is
+// otherwise converted, unless that was done before. `source` is "" if it is
 // the image's manifest. Throws std::runtime_error.
 Added add_layout(const std::string& layout, const std::vector<std::string>& names,
                  std::string source);

@@ -10,6 +10,8 @@
 #include "reference.hpp"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <fmt/format.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -229,6 +231,12 @@ void hint_at_import(const Wanted& wanted, const std::string& reason)
                            reason, wanted.image.layout, wanted.image.tag, wanted.image.layout));
 }
 
+bool may_need_import(int error)
+{
+    constexpr std::array kErrors = {0, EPERM, ENOENT, ENOTDIR, EFBIG, ENAMETOOLONG};
+    return std::find(kErrors.begin(), kErrors.end(), error) != kErrors.end();
+}
+
 void print_hints(int error, const Wanted& wanted)
 {
     switch (error) {
@@ -245,15 +253,9 @@ void print_hints(int error, const Wanted& wanted)
             "bundle can be used; 'zncctl storage gc' removes unused devices. Or another image with "
             "the same diff IDs but other layers is unpacked: one of the two has wrong diff IDs");
         break;
-    case 0:
-    case EPERM:
-    case ENOENT:
-    case ENOTDIR:
-    case EFBIG:
-    case ENAMETOOLONG:
-        hint_at_import(wanted, kMayNeedImport);
-        break;
     default:
+        if (may_need_import(error))
+            hint_at_import(wanted, kMayNeedImport);
         break;
     }
 }

@@ -76,6 +76,9 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted);
 // False after printing a message.
 bool convert_if_needed(const Arguments& args, bool check_layers, Wanted& wanted, Chosen& chosen);
 
+// Whether an unpack that failed with this error may succeed with a converted image.
+bool may_need_import(int error);
+
 // Print hints for an image that cannot be unpacked.
 void print_hints(int error, const Wanted& wanted);
 void hint_at_import(const Wanted& wanted, const std::string& reason);

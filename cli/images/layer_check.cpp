@@ -72,7 +72,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_COMPRESSION:
         return fmt::format("it is compressed with {}", report.member);
     case ZNC_LAYER_CHECKSUM:
-        return "the header is damaged";
+        return kHeaderFinding;
     case ZNC_LAYER_TOO_LARGE:
         return "the member has 4 GiB or more";
     case ZNC_LAYER_NAME:
@@ -86,7 +86,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_LINK_EMPTY:
         return "a symbolic link without a target";
     case ZNC_LAYER_CUT:
-        return "the archive ends within a member";
+        return kCutFinding;
     case ZNC_LAYER_NO_END:
         return "there is no end mark";
     case ZNC_LAYER_DIGEST:

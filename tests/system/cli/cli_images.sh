@@ -159,6 +159,22 @@ tar -C "$work/root" -cf "$work/root.tar" .
 run zncctl load -i "$work/root.tar"
 check 'load of a root filesystem is refused' test "$status/$out" = 1/
 check 'with a hint at import' grep -q "^zncctl: hint: 'zncctl import'" "$work/err"
+run zncctl import --list "$work/docker.tar"
+check 'import --list prints the images of a source' test "$status/$(jq -c '.[0] | [.names, .os, .rootfs]' "$work/out")" = \
+    '0/[["docker.io/example/app:v2"],"linux",false]'
+run zncctl import --list "$work/docker.tar" "$work/nowhere"
+check 'and takes no target' test "$status/$out" = 64/ -a ! -e "$work/nowhere"
+mkdir "$work/docker"
+tar -C "$work/docker" -xf "$work/docker.tar"
+jq -c '.[0].RepoTags = ["../../etc/passwd:x", "/etc/shadow", "a\u001b[2Jb:1", "'"$(printf 'x%.0s' {1..400})"'", "fine:1"]' \
+    "$work/docker/manifest.json" >"$work/manifest"
+cp "$work/manifest" "$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/names.tar" .
+run zncctl load -i "$work/names.tar"
+expect 'load ignores names that are none' 0 'Loaded image: docker.io/library/fine:1' ''
+check 'also as names of the store' test "$(names)" = \
+    'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
+zncctl rmi fine:1 >/dev/null
 head -c 5000 "$work/oci.tar" >"$work/cut.tar"
 run zncctl load -i "$work/cut.tar"
 check 'load of a cut archive is refused' test "$status/$out" != 0/
@@ -206,6 +222,18 @@ PATH=/nowhere run "$ZNCCTL" pull busybox
 check 'without skopeo pull says what to install' test "$status/$(error_line)" = \
     '1/skopeo: No such file or directory'
 check 'in a hint' grep -q '^zncctl: hint: .*install the package skopeo' "$work/err"
+pids=()
+for i in 1 2 3 4; do
+    "$ZNCCTL" pull -q --tls-verify=false "$host/one/app:zstd" "$host/two/app$((i % 2))" </dev/null \
+        >/dev/null 2>>"$work/pulls" &
+    pids[i]=$!
+done
+ok=0
+for i in 1 2 3 4; do wait "${pids[i]}" && ok=$((ok + 1)); done
+check 'pulls of the same images at once all succeed' test "$ok" = 4
+check 'and leave one of each' test "$(names | tr ' ' '\n' | grep -Ec '/(one|two)/')" = 3 -a \
+    "$(zncctl images -q "$host/two/app0")" = "$(zncctl images -q "$host/two/app1")"
+check 'the store is whole' store_is_whole
 kill "$registry"
 wait "$registry" 2>/dev/null
 for name in $(names); do zncctl rmi "$name" >/dev/null; done
@@ -258,15 +286,21 @@ killed() {
     local importer
     "$ZNCCTL" import -q "$work/root.tar" killed </dev/null >/dev/null 2>&1 &
     importer=$!
-    eventually has_stage
-    kill -s KILL "$importer"
+    # as soon as it has a stage, unless it is done before
+    while [[ -d /proc/$importer ]] && no_stage; do :; done
+    kill -s KILL "$importer" 2>/dev/null
     wait "$importer" 2>/dev/null
 }
-has_stage() { ! no_stage; }
 for _ in {1..5}; do killed; done
 check 'a killed import leaves a whole store' store_is_whole
 zncctl rmi killed >/dev/null 2>&1
 mkdir "$store/.new-left"
+echo left >"$work/left"
+left=$store/blobs/sha256/$(sha256sum "$work/left" | cut -d ' ' -f 1)
+cp "$work/left" "$left"
+zncctl storage gc -q
+check 'storage gc removes blobs that no image needs' test ! -e "$left"
+check 'and no others' store_is_whole
 zncctl import -q "$work/root" after
 check 'what it left is removed by the next' no_stage
 cp "$store/index.json" "$work/index"
