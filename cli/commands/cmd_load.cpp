@@ -107,7 +107,7 @@ class Load {
     {
         const std::vector<std::string> names = full_names(image);
         const Added added =
-            add_converted({operand_of(image), archive_.fd(), kUsualOptions}, names, image.digest);
+            add_converted({operand_of(image), archive_.fd(), usual_options()}, names, "");
         if (added.status != kExitOk)
             return added.status;
         std::string text;

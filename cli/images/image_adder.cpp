@@ -160,7 +160,7 @@ Added add_layout(const std::string& layout, const std::vector<std::string>& name
     if (auto known = source.empty() ? std::nullopt : add_names(source, names))
         return *std::move(known);
     // Without a prefix a ":" in the path is no separator.
-    return add_converted({layout, -1, kUsualOptions}, names, source);
+    return add_converted({layout, -1, usual_options()}, names, source);
 }
 
 Fitness fitness_of(const std::string& layout, const Image& image)

@@ -20,7 +20,10 @@ struct ImportSource {
 
 // The options of an import that the user did not ask for: devices, which have no effect in a
 // container's root, are left out, and long links lead through others.
-inline const std::vector<std::string> kUsualOptions = {"--devices=drop", "--long-links=hop"};
+inline std::vector<std::string> usual_options()
+{
+    return {"--devices=drop", "--long-links=hop"};
+}
 
 // The result of adding an image.
 struct Added {

@@ -54,12 +54,17 @@ std::optional<Wanted> find_made_from(const std::string& source, const std::strin
     return std::nullopt;
 }
 
-// Uses an image that was just added. It is unpacked from the store, where another process may have
-// removed it in between.
-std::optional<Wanted> wanted_added(const Added& added, const std::string& source,
+// The same, which is made if there is none. Only one process makes an image, the others wait for
+// it. Nullopt after printing a message.
+std::optional<Wanted> find_or_make(const ImportSource& what, const std::string& source,
                                    const std::string& label)
 {
-    if (added.status != kExitOk)
+    if (auto wanted = find_made_from(source, label))
+        return wanted;
+    const BundleLock lock(image_area(), std::string(id_digits(source)));
+    if (auto wanted = find_made_from(source, label))
+        return wanted;
+    if (add_converted(what, {}, source).status != kExitOk)
         return std::nullopt;
     auto wanted = find_made_from(source, label);
     if (!wanted)
@@ -79,12 +84,10 @@ std::optional<Wanted> find_in_archive(const Arguments& args, const std::string& 
     const ArchiveCopy archive(rest.substr(0, colon));
     const std::string source =
         digest_of(fmt::format("{}\n{}\n{}\n{}", prefix, name, platform, archive.digest()));
-    if (auto wanted = find_made_from(source, operand))
-        return wanted;
-    ImportSource what = {fmt::format("{}-{}", prefix, name), archive.fd(), kUsualOptions};
+    ImportSource what = {fmt::format("{}-{}", prefix, name), archive.fd(), usual_options()};
     if (!platform.empty())
         what.options.push_back("--platform=" + platform);
-    return wanted_added(add_converted(what, {}, source), source, operand);
+    return find_or_make(what, source, operand);
 }
 
 std::optional<Wanted> find_by_operand(const Arguments& args, const std::string& operand)
@@ -326,6 +329,9 @@ std::optional<Image> image_of_store(const Arguments& args, const Wanted& wanted)
         print_hint(fmt::format("the image is for {}/{}", image.os, image.arch));
         return std::nullopt;
     }
+    if (!args.has("arch") && image.arch != host_arch())
+        print_warning(fmt::format("{}: the image is for {}, not for this machine ({})",
+                                  wanted.label, image.arch, host_arch()));
     return image;
 }
 
@@ -371,8 +377,9 @@ try {
         if (!needs_conversion(wanted, chosen.image, check_layers))
             return true;
         const ImportSource what = {
-            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, source), -1, kUsualOptions};
-        made = wanted_added(add_converted(what, {}, source), source, label);
+            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, source), -1,
+            usual_options()};
+        made = find_or_make(what, source, label);
     }
     auto converted = made ? choose_image(args, *made) : std::nullopt;
     if (!converted)

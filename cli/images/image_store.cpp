@@ -141,7 +141,7 @@ bool write_index(int dir, const std::vector<StoredImage>& images)
     for (const StoredImage& image : images)
         manifests.push_back(entry_of(image));
     const Json index = {{"schemaVersion", 2}, {"manifests", std::move(manifests)}};
-    return replace_file(dir, "oci-layout", kLayout) &&
+    return replace_file(dir, "oci-layout", kLayout, true) &&
            replace_file(dir, kIndex, compact(index) + "\n", true);
 }
 

@@ -17,6 +17,7 @@ id_of() { zncctl images -q --no-trunc "$1"; }
 layers() { find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 -name '[0-9a-f]*' | wc -l; }
 blobs() { find "$store/blobs" -type f | wc -l; }
 skopeo_reads() { skopeo inspect --config "oci:$store:$1" >/dev/null 2>&1; }
+quietly() { "$@" >"$work/tool.log" 2>&1 || cat "$work/tool.log"; }
 no_stage() { [[ -z $(find "$store" -maxdepth 1 -name '.new-*') ]]; }
 store_is_whole() {
     zncctl images --format json | jq -e 'all(.id | startswith("sha256:"))' >/dev/null
@@ -94,7 +95,6 @@ fails_with 'rmi of what is not there exits 2' 2 'there is no such image in the s
 
 # ---------------------------------------------------------------- containers that use an image
 zncctl tag "$id" shell
-run zncctl import "$work/root" --set-os linux --force slow
 zncctl rmi quay.example.org:5000/team/tools >/dev/null
 run zncctl run -d --network none --progress none shell user
 check 'a container runs from it' test "$status" = 0
@@ -110,10 +110,31 @@ check 'no blob is left' test "$(blobs)" = 0
 
 # ---------------------------------------------------------------- layouts and archives
 make_image "$work/layout"
+cp -r "$work/layout" "$work/sleeping"
+quietly umoci config --image "$work/sleeping:latest" --config.entrypoint /bin/busybox \
+    --config.cmd sleep --config.cmd "$mark"
+zncctl import -q "oci:$work/sleeping:latest" sleeper
+run zncctl run -d --network none --progress none sleeper asleep
+check 'a container runs from an image of the store' eventually program_lives
+zncctl storage gc -q
+zncctl image prune --all --force >/dev/null
+run zncctl run -d --network none --progress none sleeper beside
+expect 'collecting what is unused leaves the image and its bundle' 0 beside ''
+run zncctl import -q --force "oci:$work/layout:latest" sleeper
+check 'the name can move to another image' test "$status" = 0
+run zncctl list -q --status running
+expect 'while the containers of the first run' 0 $'asleep\nbeside' ''
+run zncctl image prune --force
+check 'whose image has no name now, and is kept' test "$(zncctl images --format json | jq 'map(select(.name == "")) | length')" = 1
+zncctl delete -qf asleep beside
+run zncctl image prune --force
+check 'until they are gone' test "$(names)" = 'localhost/sleeper:latest '
+zncctl rmi sleeper >/dev/null
+check 'nothing is left' test "$(blobs)" = 0
+
 run zncctl run --network none --progress none "oci:$work/layout:latest"
 expect 'a layout with a prefix runs as it is' 0 'from the second layer' ''
 check 'without the store' test "$(names)" = ''
-quietly() { "$@" >"$work/tool.log" 2>&1 || cat "$work/tool.log"; }
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "docker-archive:$work/docker.tar:example/app:v2"
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci-archive:$work/oci.tar:app"
 quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zstd "oci:$work/layout:latest" \
@@ -122,6 +143,15 @@ quietly skopeo copy --insecure-policy --dest-decompress "oci:$work/layout:latest
 quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zstd "dir:$work/plain" \
     "oci:$work/zstd:latest"
 check 'skopeo wrote zstd layers' grep -rq 'layer.v1.tar+zstd' "$work/zstd/blobs"
+pids=()
+for i in {1..6}; do
+    "$ZNCCTL" run --network none --progress none "oci-archive:$work/oci.tar" </dev/null >"$work/runs$i" 2>&1 &
+    pids[i]=$!
+done
+ok=0
+for i in {1..6}; do wait "${pids[i]}" && ok=$((ok + 1)); done
+check 'an archive runs in several containers at once' test "$ok" = 6
+check 'and is converted once' test "$(zncctl images -q | wc -l)" = 1
 for source in "$work/zstd" "oci:$work/zstd:latest" "oci-archive:$work/oci.tar" \
     "docker-archive:$work/docker.tar" "docker-archive:$work/docker.tar:example/app:v2"; do
     run zncctl run --network none --progress none "$source"
