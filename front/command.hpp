@@ -15,7 +15,7 @@
 namespace zncctl {
 
 // What kind of word is expected, for completion.
-enum class Word { kAny, kDirectory, kFile, kContainer, kSignal, kChoice };
+enum class Word { kAny, kDirectory, kFile, kContainer, kImage, kSignal, kChoice };
 
 struct Option {
     char letter;       // 0: none

@@ -10,6 +10,7 @@
 #include <set>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 #include <utility>
 
@@ -213,6 +214,31 @@ try {
     return std::nullopt;
 }
 
+Image read_image(const std::string& layout, const Descriptor& manifest)
+{
+    const Json entry = {
+        {"mediaType", manifest.media_type}, {"digest", manifest.digest}, {"size", manifest.size}};
+    try {
+        LayoutReader reader(layout);
+        return image_of(reader, entry);
+    } catch (const Refusal& refusal) {
+        Image image;
+        image.manifest = manifest;
+        image.problem = refusal.what();
+        return image;
+    }
+}
+
+bool has_unpackable_types(const Image& image)
+{
+    constexpr std::string_view kConfig = "application/vnd.oci.image.config.v1+json";
+    return image.config.media_type == kConfig && !image.layers.empty() &&
+           std::all_of(image.layers.begin(), image.layers.end(), [](const Descriptor& layer) {
+               return layer.media_type.ends_with(".v1.tar") ||
+                      layer.media_type.ends_with(".v1.tar+gzip");
+           });
+}
+
 std::string size_problem(const std::string& layout, const std::vector<Image>& images)
 {
     std::set<std::pair<std::string_view, double>> seen; // images share blobs
@@ -235,16 +261,56 @@ std::string size_problem(const std::string& layout, const std::vector<Image>& im
     return "";
 }
 
+namespace {
+
+bool is_named(const Image& image, const std::string& tag)
+{
+    return image.tag == tag || (image.tag.empty() && tag == kDefaultTag);
+}
+
+bool is_for(const Image& image, const std::string& os, const std::string& arch)
+{
+    return image.os == os && image.arch == arch && same_or_none(os, image.platform_os) &&
+           same_or_none(arch, image.platform_arch);
+}
+
+// The operating system of the only image with this tag and architecture, else Linux.
+std::string usual_os(const std::vector<Image>& images, const std::string& tag,
+                     const std::string& arch)
+{
+    const auto matches = [&](const Image& image) {
+        return is_named(image, tag) && is_for(image, image.os, arch);
+    };
+    const auto found = std::find_if(images.begin(), images.end(), matches);
+    const bool single = found != images.end() && std::none_of(found + 1, images.end(), matches) &&
+                        !found->os.empty();
+    return single ? found->os : kHostOs;
+}
+
+} // namespace
+
+std::string host_arch()
+{
+    utsname name = {};
+    if (::uname(&name) != 0)
+        return kDefaultArch;
+    const std::string machine = name.machine;
+    constexpr std::pair<const char*, const char*> kNames[] = {
+        {"x86_64", "amd64"}, {"aarch64", "arm64"}, {"armv7l", "arm"}, {"i686", "386"}};
+    for (const auto& [of_kernel, of_images] : kNames)
+        if (machine == of_kernel)
+            return of_images;
+    return machine; // for example "riscv64", "s390x"
+}
+
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,
                         const std::string& os, const std::string& arch)
 {
-    for (const Image& image : images) {
-        const bool named = image.tag == tag || (image.tag.empty() && tag == kDefaultTag);
-        if (named && image.os == os && image.arch == arch && same_or_none(os, image.platform_os) &&
-            same_or_none(arch, image.platform_arch))
-            return &image;
-    }
-    return nullptr;
+    const std::string wanted = os.empty() ? usual_os(images, tag, arch) : os;
+    const auto found = std::find_if(images.begin(), images.end(), [&](const Image& image) {
+        return is_named(image, tag) && is_for(image, wanted, arch);
+    });
+    return found != images.end() ? &*found : nullptr;
 }
 
 Image* find_image(std::vector<Image>& images, const std::string& tag, const std::string& os,
@@ -272,8 +338,8 @@ bool hint_at_images(const std::string& layout, const std::string& tag, const std
     if (held.empty())
         print_hint("the layout holds no image");
     else
-        print_hint(fmt::format("no image {} for {}/{} is there; the layout holds: {}", tag, os,
-                               arch, fmt::join(held, ", ")));
+        print_hint(fmt::format("no image {} for {}/{} is there; the layout holds: {}", tag,
+                               os.empty() ? kHostOs : os, arch, fmt::join(held, ", ")));
     return true;
 }
 

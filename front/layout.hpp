@@ -47,6 +47,13 @@ ImageName split_image_name(const std::string& text);
 std::optional<std::vector<Image>> read_layout(const std::string& path, std::string& problem,
                                               bool* refused = nullptr);
 
+// The image with this manifest, whether or not an index lists it: reads only its documents. What is
+// wrong with them is its `problem`.
+Image read_image(const std::string& layout, const Descriptor& manifest);
+
+// Whether the media types are those that the library unpacks. Its blobs are not read.
+bool has_unpackable_types(const Image& image);
+
 // The error that the library would report for the layout's "oci-layout" file: 0,
 // S_zncLib_LAYOUT_NOT_FOUND or S_zncLib_LAYOUT_INVALID.
 int layout_error(const std::string& path);
@@ -59,7 +66,8 @@ std::string blob_path(const std::string& layout, const std::string& digest);
 // opened are skipped.
 std::string size_problem(const std::string& layout, const std::vector<Image>& images);
 
-// The image that would be unpacked; null if there is none.
+// The image that would be unpacked; null if there is none. Without an operating system ("") it is
+// that of the only image with this tag and architecture, or Linux if there are several.
 const Image* find_image(const std::vector<Image>& images, const std::string& tag,
                         const std::string& os, const std::string& arch);
 Image* find_image(std::vector<Image>& images, const std::string& tag, const std::string& os,
@@ -71,8 +79,13 @@ bool hint_at_images(const std::string& layout, const std::string& tag, const std
                     const std::string& arch);
 
 inline constexpr const char* kDefaultTag = "latest";
+// The platform of a new image that is made from a plain root filesystem.
 inline constexpr const char* kDefaultOs = "zarnel";
 inline constexpr const char* kDefaultArch = "amd64";
+inline constexpr const char* kHostOs = "linux";
+
+// The architecture of this machine, as images name it.
+std::string host_arch();
 
 } // namespace zncctl
 

@@ -144,4 +144,11 @@ Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool
     return outcome;
 }
 
+std::vector<SourceImage> list_source(const Options& options, const OpenedSource& opened,
+                                     Spool& spool)
+{
+    Budget budget(options.limits);
+    return read_source(opened, spool, budget)->images();
+}
+
 } // namespace zncimport

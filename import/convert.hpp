@@ -19,6 +19,10 @@ constexpr std::size_t kSplitMax = 63;
 Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool,
                 std::span<const int> files);
 
+// The images of a source. Throws Failure.
+std::vector<SourceImage> list_source(const Options& options, const OpenedSource& opened,
+                                     Spool& spool);
+
 } // namespace zncimport
 
 #endif

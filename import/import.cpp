@@ -55,6 +55,8 @@ std::string worked(Work& work, int answer)
         std::vector<int> kept = files;
         kept.insert(kept.end(), {answer, work.source.fd.get(), work.spool.fd()});
         confine(kept, work.source.directory ? work.source.fd.get() : -1);
+        if (work.options.list)
+            return write_list(list_source(work.options, work.source, work.spool));
         return write_outcome(convert(work.options, work.source, work.spool, files));
     } catch (const Failure& failure) {
         return write_failure(failure);
@@ -79,8 +81,8 @@ std::string read_answer(int fd)
     return answer;
 }
 
-// Runs the conversion in a worker process and waits for it.
-Outcome work_apart(Work& work)
+// Runs the conversion in a worker process, waits for it and returns its answer.
+std::string work_apart(Work& work)
 {
     Pipe answer = Pipe::make();
     std::fflush(nullptr);
@@ -100,7 +102,7 @@ Outcome work_apart(Work& work)
     if (WIFSIGNALED(status))
         throw Failure("", fmt::format("the process reading the image was killed by signal {}",
                                       WTERMSIG(status)));
-    return read_outcome(text);
+    return text;
 }
 
 void put(const LayoutWriter& layout, const Options& options, const Work& work,
@@ -116,24 +118,12 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
                          outcome.os, outcome.arch, outcome.variant});
 }
 
-// Judges by the image's documents only; its blobs are not read.
-bool may_be_unpacked(const zncctl::Image& image)
-{
-    constexpr std::string_view kConfig = "application/vnd.oci.image.config.v1+json";
-    return image.config.media_type == kConfig && !image.layers.empty() &&
-           std::all_of(image.layers.begin(), image.layers.end(),
-                       [](const zncctl::Descriptor& layer) {
-                           return layer.media_type.ends_with(".v1.tar") ||
-                                  layer.media_type.ends_with(".v1.tar+gzip");
-                       });
-}
-
 // If the library refuses one image, it refuses every image of the layout: warn about such images.
 void warn_of_neighbours(const std::string& layout)
 {
     std::string problem;
     const auto images = zncctl::read_layout(layout, problem);
-    if (images && std::all_of(images->begin(), images->end(), may_be_unpacked))
+    if (images && std::all_of(images->begin(), images->end(), zncctl::has_unpackable_types))
         return;
     zncctl::print_hint(fmt::format(
         "the layout also contains an image that cannot be unpacked, and therefore none of its "
@@ -156,13 +146,15 @@ void tell(const Options& options, const Outcome& outcome)
 int import_image(const Options& options)
 {
     Work work = {options, open_source(options.source), Spool(), {}};
+    if (options.list)
+        return zncctl::print_json(zncctl::compact(read_list(work_apart(work))));
     std::optional<LayoutWriter> layout;
     if (!options.dry_run) {
         layout.emplace(options.layout);
         while (work.blobs.size() < (options.split ? kSplitMax + 1 : 1))
             work.blobs.push_back(layout->begin_blob());
     }
-    const Outcome outcome = work_apart(work);
+    const Outcome outcome = read_outcome(work_apart(work));
     tell(options, outcome);
     if (options.strict && outcome.losses != 0)
         throw Failure("", "the import would lose data, which --strict forbids");

@@ -105,7 +105,10 @@ Options read_options(const zncctl::Arguments& args)
     options.wanted.name = options.source.name;
     if (const char* platform = args.value("platform"); platform != nullptr)
         read_platform(platform, options.wanted);
-    const std::string target = args.operand(1);
+    options.list = args.has("list");
+    if (options.list == (args.operands() == 2))
+        usage(options.list ? "--list takes only a source" : "a layout is missing");
+    const std::string target = args.operand(1, "");
     const zncctl::ImageName name = zncctl::split_image_name(target);
     options.layout = name.layout;
     options.tag = args.value("tag", name.layout != target ? name.tag.c_str() : "");

@@ -19,6 +19,7 @@ struct Options {
     bool split = false;
     bool strict = false;
     bool dry_run = false;
+    bool list = false;
     bool quiet = false;
     std::string report; // path of a file, "" for none
     Compressor compressor = Compressor::kIsal;

@@ -64,14 +64,64 @@ std::string write_failure(const Failure& failure)
                             {"status", static_cast<int>(failure.status())}});
 }
 
-Outcome read_outcome(const std::string& text)
+std::string write_list(const std::vector<SourceImage>& images)
+{
+    Json list = Json::array();
+    for (const SourceImage& image : images) {
+        Json names = Json::array();
+        for (const std::string& name : image.names)
+            names.push_back(zncctl::utf8(name));
+        list.push_back({{"names", std::move(names)},
+                        {"os", image.os},
+                        {"architecture", image.arch},
+                        {"variant", image.variant},
+                        {"digest", image.manifest_digest},
+                        {"rootfs", image.config.is_null() && image.problem.empty()},
+                        {"problem", zncctl::utf8(image.problem)}});
+    }
+    return zncctl::compact({{"images", std::move(list)}});
+}
+
+namespace {
+
+// Throws what the worker failed with.
+Json read_document(const std::string& text)
 {
     constexpr zncctl::JsonLimits kLimits = {SIZE_MAX, 10}; // a report can be long
-    const Json document =
+    Json document =
         zncctl::parse_json(text, nullptr, zncctl::Annotations::kUnique, kLimits).value_or(Json());
     if (member(document, "error") != nullptr)
         throw Failure(text_of(document, "object"), text_of(document, "error"),
                       static_cast<zncctl::ExitStatus>(number_of(document, "status") & 0xffU));
+    return document;
+}
+
+} // namespace
+
+Json read_list(const std::string& text)
+{
+    const Json document = read_document(text);
+    if (!zncctl::is_array(member(document, "images")))
+        throw Failure("", "the process reading the image returned an invalid result");
+    Json list = Json::array();
+    for (const Json& image : zncctl::children(member(document, "images"))) {
+        Json names = Json::array();
+        for (const Json& name : zncctl::children(member(image, "names")))
+            if (name.is_string())
+                names.push_back(name);
+        const Json* rootfs = member(image, "rootfs");
+        Json entry = {{"names", std::move(names)}};
+        for (const char* key : {"os", "architecture", "variant", "digest", "problem"})
+            entry[key] = text_of(image, key);
+        entry["rootfs"] = rootfs != nullptr && *rootfs == true;
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+Outcome read_outcome(const std::string& text)
+{
+    const Json document = read_document(text);
     Outcome outcome;
     for (const Json& object : zncctl::children(member(document, "layers")))
         outcome.layers.push_back(layer_of(object));

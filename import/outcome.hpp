@@ -22,10 +22,16 @@ struct Outcome {
 
 std::string write_outcome(const Outcome& outcome);
 std::string write_failure(const Failure& failure);
+std::string write_list(const std::vector<SourceImage>& images);
 
 // Parses what the worker wrote; if that is an error, throws it. The text is not trusted: invalid
 // digests and numbers throw Failure.
 Outcome read_outcome(const std::string& text);
+
+// The same for a list of images: an array of objects with "names", "os", "architecture", "variant",
+// "digest" (of the manifest), "rootfs" (a plain root filesystem) and "problem", all of them texts
+// but for the first and "rootfs".
+zncctl::Json read_list(const std::string& text);
 
 } // namespace zncimport
 

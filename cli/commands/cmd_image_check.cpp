@@ -1,4 +1,5 @@
 #include "cli/images/image_settings.hpp"
+#include "cli/images/image_source.hpp"
 #include "cli/images/layer_check.hpp"
 #include "commands.hpp"
 #include "front/blob.hpp"
@@ -138,14 +139,17 @@ std::string json(const std::vector<Verdict>& verdicts)
 
 int cmd_image_check(const Arguments& args)
 {
-    const std::string layout = args.operand(0);
     bool as_json = false;
     if (!read_format(args, as_json))
         return kExitFailure;
+    const auto shown = layout_of(args, args.operand(0));
+    if (!shown)
+        return kExitFailure;
+    const std::string& layout = shown->path;
     std::string problem;
     const auto images = read_layout(layout, problem);
     if (!images)
-        return failure(layout, problem);
+        return failure(shown->label, problem);
     std::vector<Verdict> verdicts;
     for (const Image& image : *images)
         verdicts.push_back(check(layout, image));
@@ -155,11 +159,11 @@ int cmd_image_check(const Arguments& args)
             return status;
     // If one manifest is invalid, the library does not unpack any image of the layout.
     if (!size_problem(layout, *images).empty())
-        return local_failure(S_zncLib_MANIFEST_INVALID, layout);
+        return local_failure(S_zncLib_MANIFEST_INVALID, shown->label);
     const znc::MallocPtr<char> document(
         call_library([&] { return zncImageInfoGet(layout.c_str()); }));
     if (document == nullptr)
-        return local_failure(errno, layout);
+        return local_failure(errno, shown->label);
     const bool refused = std::any_of(verdicts.begin(), verdicts.end(),
                                      [](const Verdict& verdict) { return verdict.refused(); });
     return refused ? kExitFailure : kExitOk;

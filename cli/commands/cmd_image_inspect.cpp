@@ -1,3 +1,4 @@
+#include "cli/images/image_source.hpp"
 #include "commands.hpp"
 #include "front/layout.hpp"
 #include "front/output.hpp"
@@ -6,19 +7,23 @@
 
 int zncctl::cmd_image_inspect(const Arguments& args)
 {
-    const char* layout = args.operand(0);
+    const auto shown = layout_of(args, args.operand(0));
+    if (!shown)
+        return kExitFailure;
+    const std::string& layout = shown->path;
+    const std::string& label = shown->label;
     std::string problem;
     bool refused = false;
     const auto images = read_layout(layout, problem, &refused);
     if (images)
         problem = size_problem(layout, *images);
     if (refused || (images && !problem.empty()))
-        return failure(layout, problem);
-    const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout); }));
+        return failure(label, problem);
+    const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout.c_str()); }));
     if (text == nullptr)
-        return local_failure(errno, layout);
+        return local_failure(errno, label);
     const std::optional<Json> document = parse_json(text.get());
     if (!document)
-        return local_failure(EBADMSG, layout);
+        return local_failure(EBADMSG, label);
     return print_json(pretty(*document));
 }

@@ -1,23 +1,14 @@
+#include "cli/images/image_list.hpp"
+#include "cli/images/image_source.hpp"
+#include "commands.hpp"
 #include "front/escape.hpp"
 #include "front/layout.hpp"
 #include "front/output.hpp"
 
-#include "commands.hpp"
-
-#include <algorithm>
-#include <fmt/format.h>
+#include <stdexcept>
 
 namespace zncctl {
 namespace {
-
-// A layout of strangers can say anything: sums stay below the largest number.
-std::int64_t layers_size(const Image& image)
-{
-    std::int64_t sum = 0;
-    for (const Descriptor& layer : image.layers)
-        sum += std::clamp<std::int64_t>(layer.size, 0, INT64_MAX - sum);
-    return sum;
-}
 
 int print_as_json(const std::vector<Image>& images)
 {
@@ -33,6 +24,16 @@ int print_as_json(const std::vector<Image>& images)
     return print_json(compact(list));
 }
 
+int print_names()
+try {
+    std::string names;
+    for (const StoredImage& image : stored_images())
+        names += image.name.empty() ? "" : image.name + "\n";
+    return names.empty() ? static_cast<int>(kExitOk) : print_result(names);
+} catch (const std::runtime_error& error) {
+    return failure("", error.what());
+}
+
 } // namespace
 
 int cmd_image_ls(const Arguments& args)
@@ -40,10 +41,18 @@ int cmd_image_ls(const Arguments& args)
     bool as_json = false;
     if (!read_format(args, as_json))
         return kExitFailure;
+    // The tags in the store are full names.
+    if (args.operands() == 0 && !args.has("quiet"))
+        return cmd_images(args);
+    if (args.operands() == 0)
+        return print_names();
+    const auto shown = layout_of(args, args.operand(0));
+    if (!shown)
+        return kExitFailure;
     std::string problem;
-    const auto images = read_layout(args.operand(0), problem);
+    const auto images = read_layout(shown->path, problem);
     if (!images)
-        return failure(args.operand(0), problem);
+        return failure(shown->label, problem);
     if (args.has("quiet")) {
         std::string tags;
         for (const Image& image : *images)

@@ -1,38 +1,25 @@
 // Runs zncctl-import, a separate program, so that only that program is linked with the library that
 // reads all kinds of archives.
+#include "cli/images/helper_program.hpp"
+#include "cli/images/image_adder.hpp"
+#include "cli/images/image_source.hpp"
+#include "cli/images/reference.hpp"
 #include "commands.hpp"
-#include "front/files.hpp"
 #include "front/output.hpp"
 
-#include "zarnel/process_list.h"
-
-#include <array>
-#include <filesystem>
 #include <fmt/format.h>
-#include <system_error>
+#include <stdexcept>
 #include <unistd.h>
 
 namespace zncctl {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr const char* kProgram = "zncctl-import";
 
-// In the directory of zncctl when run from the build tree, otherwise below the installation prefix.
-fs::path find_program()
+// The options as zncctl-import takes them.
+std::vector<std::string> options_of(const Arguments& args)
 {
-    std::array<char, 4096> path{};
-    if (znProgramPath(path.data(), path.size()) != OK)
-        throw std::system_error(errno, std::generic_category());
-    const fs::path here = fs::path(path.data()).parent_path();
-    const fs::path built = here / kProgram;
-    return fs::exists(built) ? built : here.parent_path() / ZNC_LIBEXEC / kProgram;
-}
-
-std::vector<std::string> words_of(const Arguments& args)
-{
-    std::vector<std::string> words = {kProgram};
+    std::vector<std::string> words;
     for (const Command& command : commands()) {
         if (command.run != cmd_import)
             continue;
@@ -42,28 +29,51 @@ std::vector<std::string> words_of(const Arguments& args)
                                     ? fmt::format("--{}", option.name)
                                     : fmt::format("--{}={}", option.name, args.value(option.name)));
     }
-    words.emplace_back("--");
-    words.insert(words.end(), args.all_operands().begin(), args.all_operands().end());
     return words;
 }
 
-} // namespace
-
-int cmd_import(const Arguments& args)
+int exec_program(const Arguments& args)
 {
-    const std::string program = find_program();
-    std::vector<std::string> words = words_of(args);
+    const std::string program = import_program();
+    std::vector<std::string> words = options_of(args);
+    words.insert(words.begin(), kProgram);
+    words.emplace_back("--");
+    words.insert(words.end(), args.all_operands().begin(), args.all_operands().end());
     std::vector<char*> argv;
     argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
     ::execv(program.c_str(), argv.data());
-    const bool missing = errno == ENOENT;
-    const int status = failure(program, error_text());
-    if (missing)
-        print_hint("it is part of the package zncontainer-import");
-    return status;
+    return import_failure(errno);
+}
+
+// Imports into the store under this name.
+int import_as(const Arguments& args, const Reference& name)
+try {
+    std::vector<std::string> options = options_of(args);
+    std::erase_if(options, [](const std::string& option) { // add_converted() knows these
+        return option == "--quiet" || option == "--split" || option == "--force";
+    });
+    const ImportSource what = {args.operand(0), STDIN_FILENO, std::move(options)};
+    const Added added = add_converted(what, {name.text()}, "");
+    if (added.status != kExitOk)
+        return added.status;
+    return args.has("quiet") ? static_cast<int>(kExitOk) : print_result(added.id);
+} catch (const std::runtime_error& error) {
+    return failure(name.text(), error.what());
+}
+
+} // namespace
+
+int cmd_import(const Arguments& args)
+{
+    const std::string target = args.operand(1, "");
+    const bool layout =
+        is_layout_path(target) || args.has("tag") || args.has("dry-run") || args.has("list");
+    const auto name = layout ? std::nullopt : parse_reference(target, kLocalHost);
+    // What is no name is the path of a new layout.
+    return name && name->digest.empty() ? import_as(args, *name) : exec_program(args);
 }
 
 } // namespace zncctl

@@ -44,8 +44,8 @@ class Run {
     {
         if (from_bundle_)
             return bundle_of_bundle(args_.value("bundle"), id_, network_, bundle_);
-        const Wanted wanted = wanted_image(args_, split_image_name(args_.operand(0)));
-        return bundle_of_image(args_, wanted, id_, network_, bundle_);
+        const auto wanted = find_image(args_, args_.operand(0));
+        return wanted && bundle_of_image(args_, *wanted, id_, network_, bundle_);
     }
 
     int attached(const SignalQueue& signals)

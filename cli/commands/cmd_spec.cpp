@@ -54,40 +54,16 @@ Json document(const Json* image)
             {"mounts", mounts_of(member(image, "Volumes"))}};
 }
 
-// Leaves out the settings that an image must not choose, as `run` does. Empty after printing a
+// Leaves out the settings that an image must not choose, as `run` does. Nullopt after printing a
 // message.
-std::optional<Json> document_of_configuration(const std::string& layout, const Json& configuration)
-try {
-    const SettledConfiguration settled = settle_configuration(configuration, false);
-    for (const std::string& note : settled.notes)
-        print_warning(fmt::format("{}: {}", layout, note));
-    return document(member(settled.document, "config"));
-} catch (const BadConfiguration& bad) {
-    static_cast<void>(failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
-    return std::nullopt;
-}
-
-// Nothing after a message.
 std::optional<Json> document_of_image(const Arguments& args)
 {
-    const Wanted wanted = wanted_image(args, split_image_name(args.value("image")));
-    std::string problem;
-    const auto images = read_layout(wanted.image.layout, problem);
-    const Image* image =
-        images ? find_image(*images, wanted.image.tag, wanted.os, wanted.arch) : nullptr;
-    if (image != nullptr && image->problem.empty())
-        return document_of_configuration(wanted.image.layout, image->config_document);
-    if (image != nullptr) {
-        static_cast<void>(failure(wanted.image.layout, image->problem));
+    const auto wanted = find_image(args, args.value("image"));
+    const auto chosen = wanted ? choose_image(args, *wanted) : std::nullopt;
+    if (!chosen)
         return std::nullopt;
-    }
-    if (images) {
-        static_cast<void>(local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout));
-        hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch);
-    } else {
-        static_cast<void>(failure(wanted.image.layout, problem));
-    }
-    return std::nullopt;
+    print_notes(*wanted, *chosen);
+    return document(member(chosen->settled.document, "config"));
 }
 
 int write_new(const std::string& path, const std::string& text)

@@ -2,6 +2,7 @@
 #include "cli/containers/image_bundle.hpp"
 #include "cli/containers/storage_use.hpp"
 #include "cli/images/bundle_area.hpp"
+#include "cli/images/image_store.hpp"
 #include "commands.hpp"
 #include "front/json.hpp"
 #include "front/output.hpp"
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "zncontainer.h"
 
@@ -75,6 +77,15 @@ int remove_records(const Arguments& args)
     return result;
 }
 
+// Removes what processes that were killed have left in the image store.
+int sweep_image_store()
+try {
+    StoreChange().remove_unneeded_blobs();
+    return kExitOk;
+} catch (const std::runtime_error& error) {
+    return failure("", error.what());
+}
+
 } // namespace
 
 int cmd_storage_df(const Arguments& args)
@@ -112,8 +123,10 @@ int cmd_storage_gc(const Arguments& args)
     if (!used)
         return daemon_failure(errno, "");
     const int status = remove_unused(args, *used);
-    const int of_records = remove_records(args);
-    return status != kExitOk ? status : of_records;
+    int of_rest = remove_records(args);
+    if (of_rest == kExitOk && !args.has("dry-run"))
+        of_rest = sweep_image_store();
+    return status != kExitOk ? status : of_rest;
 }
 
 } // namespace zncctl

@@ -6,7 +6,10 @@
 
 int zncctl::cmd_unpack(const Arguments& args)
 {
-    const ImageName image = {args.operand(0), args.value("tag", kDefaultTag)};
-    const unsigned option = args.has("flatten") ? ZNC_OPT_FLATTEN : 0;
-    return unpack_image(args, wanted_image(args, image), args.operand(1), option);
+    // With --tag the operand is the path of a layout, which may contain ":".
+    const auto wanted = args.has("tag") ? wanted_image(args, {args.operand(0), args.value("tag")})
+                                        : find_image(args, args.operand(0));
+    if (!wanted)
+        return kExitFailure;
+    return unpack_image(args, *wanted, args.operand(1), args.has("flatten") ? ZNC_OPT_FLATTEN : 0);
 }

@@ -13,8 +13,10 @@ constexpr Option kFormat = {'f',           "format",    "FORMAT", "\"table\" (de
 constexpr Option kBundle = {'b', "bundle", "BUNDLE",
                             "bundle directory (default: the working directory)", Word::kDirectory};
 constexpr Option kTag = {'t', "tag", "TAG", "name of the image in the layout (default: latest)"};
-constexpr Option kOs = {0, "os", "OS", "operating system of the image (default: zarnel)"};
-constexpr Option kArch = {0, "arch", "ARCH", "architecture of the image (default: amd64)"};
+constexpr Option kOs = {
+    0, "os", "OS", "operating system of the image (default: that of the only image, or linux)"};
+constexpr Option kArch = {0, "arch", "ARCH",
+                          "architecture of the image (default: that of this machine)"};
 constexpr Option kProgress = {
     0,
     "progress",
@@ -120,7 +122,7 @@ constexpr Option kImageLsOptions[] = {{'q', "quiet", nullptr, "print only the ta
 constexpr Option kImageCheckOptions[] = {
     {'q', "quiet", nullptr, "print nothing; report by the exit status only"}, kFormat};
 constexpr Option kSpecOptions[] = {
-    {0, "image", "LAYOUT[:TAG]", "start from the configuration of this image", Word::kDirectory},
+    {0, "image", "IMAGE", "start from the configuration of this image", Word::kImage},
     kOs,
     kArch,
     {'b', "bundle", "BUNDLE", "write config.json into this directory instead of printing it",
@@ -135,17 +137,46 @@ constexpr Option kGcOptions[] = {
 constexpr Option kVersionOptions[] = {kFormat};
 constexpr Option kInfoOptions[] = {kFormat};
 
+// The image store.
+constexpr Option kImagesOptions[] = {
+    {'q', "quiet", nullptr, "print only the ids"},
+    kFormat,
+    {0, "no-trunc", nullptr, "print whole ids, and lines longer than the terminal"},
+};
+constexpr Option kPullOptions[] = {
+    {'q', "quiet", nullptr, "do not show progress"},
+    {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},
+    {0, "os", "OS", "the same by operating system only (default: linux)"},
+    {0, "arch", "ARCH", "the same by architecture only (default: that of this machine)"},
+    {0, "tls-verify", "BOOL", "\"false\": accept registries without TLS or with any certificate",
+     Word::kChoice, "true false"},
+    {0, "creds", "USER[:PASSWORD]", "credentials for the registry; other users can see them"},
+    {0, "authfile", "FILE", "file with credentials (default: that of 'skopeo login')", Word::kFile},
+    {0, "cert-dir", "DIR", "directory with certificates and keys", Word::kDirectory},
+};
+constexpr Option kLoadOptions[] = {
+    {'i', "input", "FILE", "the archive (default: standard input)", Word::kFile},
+    {'q', "quiet", nullptr, "do not print the names"},
+};
+constexpr Option kPruneOptions[] = {
+    {'a', "all", nullptr, "also remove images with names that no container uses"},
+    {'f', "force", nullptr, "do not ask"},
+};
+constexpr Option kRmiOptions[] = {
+    {'f', "force", nullptr, "remove all names of the image and the containers made from it"},
+};
+
 constexpr Word kId = Word::kContainer;
 constexpr Word kDir = Word::kDirectory;
+constexpr Word kImage = Word::kImage;
 constexpr Word kNone = Word::kAny;
 
 constexpr Command kCommands[] = {
     {"create", "", "ID [BUNDLE]", "create a container from a bundle", kCreateOptions, 1, 2, kDir,
      "", cmd_create},
     {"start", "", "ID...", "start created containers", kStartOptions, 1, kMany, kId, "", cmd_start},
-    {"run", "", "[LAYOUT[:TAG]] [ID]",
-     "create and start a container, and delete it when it has ended", kRunOptions, 0, 2, kDir, "",
-     cmd_run},
+    {"run", "", "[IMAGE] [ID]", "create and start a container, and delete it when it has ended",
+     kRunOptions, 0, 2, kDir, "", cmd_run},
     {"exec", "", "ID COMMAND [ARG...]",
      "start another program in a running container and exit with its status", kExecOptions, 2,
      kMany, kId, "", cmd_exec, true},
@@ -172,23 +203,43 @@ constexpr Command kCommands[] = {
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"stats", "", "[ID...]", "show what containers use of processor, memory and devices",
      kStatsOptions, 0, kMany, kId, "", cmd_stats},
-    {"unpack", "", "LAYOUT BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kDir, "",
-     cmd_unpack},
+    {"unpack", "", "IMAGE BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kImage,
+     "", cmd_unpack},
     import_command(cmd_import),
     {"image inspect",
      "",
-     "LAYOUT",
-     "print all details of the images in a layout",
+     "IMAGE",
+     "print all details of an image, or of the images in a layout",
      {},
      1,
      1,
-     kDir,
+     kImage,
      "",
      cmd_image_inspect},
-    {"image ls", "", "LAYOUT", "list the images in a layout", kImageLsOptions, 1, 1, kDir, "",
-     cmd_image_ls},
-    {"image check", "", "LAYOUT", "check whether the images in a layout can be unpacked",
-     kImageCheckOptions, 1, 1, kDir, "", cmd_image_check},
+    {"image ls", "", "[IMAGE]", "list the images of the store, or in a layout", kImageLsOptions, 0,
+     1, kImage, "", cmd_image_ls},
+    {"image check", "", "IMAGE", "check whether images can be unpacked", kImageCheckOptions, 1, 1,
+     kImage, "", cmd_image_check},
+    {"pull", "", "NAME...", "fetch images from a registry into the store", kPullOptions, 1, kMany,
+     kNone, "", cmd_pull},
+    {"load", "", "", "add the images of an archive to the store", kLoadOptions, 0, 0, kNone, "",
+     cmd_load},
+    {"images", "", "[NAME]", "list the images of the store", kImagesOptions, 0, 1, kImage, "",
+     cmd_images},
+    {"tag",
+     "",
+     "IMAGE NAME...",
+     "give an image of the store more names",
+     {},
+     2,
+     kMany,
+     kNone,
+     "",
+     cmd_tag},
+    {"rmi", "", "IMAGE...", "remove names and images from the store", kRmiOptions, 1, kMany, kImage,
+     "", cmd_rmi},
+    {"image prune", "", "", "remove images that no name and no container refers to", kPruneOptions,
+     0, 0, kNone, "", cmd_image_prune},
     {"spec", "", "", "print a template config.json", kSpecOptions, 0, 0, kNone, "", cmd_spec},
     {"config check", "", "BUNDLE", "report what in a bundle's config.json is refused or ignored",
      kCheckOptions, 1, 1, kDir, "", cmd_config_check},

@@ -59,6 +59,14 @@ int cmd_update(const Arguments& args);
 int cmd_version(const Arguments& args);
 int cmd_wait(const Arguments& args);
 
+// The image store.
+int cmd_image_prune(const Arguments& args);
+int cmd_images(const Arguments& args);
+int cmd_load(const Arguments& args);
+int cmd_pull(const Arguments& args);
+int cmd_rmi(const Arguments& args);
+int cmd_tag(const Arguments& args);
+
 } // namespace zncctl
 
 #endif

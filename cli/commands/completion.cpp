@@ -74,6 +74,9 @@ std::string bash_words(Word word, const char* choices)
     switch (word) {
     case Word::kContainer:
         return "mapfile -t COMPREPLY < <(compgen -W \"$(zncctl list -q 2>/dev/null)\" -- \"$cur\")";
+    case Word::kImage: // a name in the store, or a layout
+        return "mapfile -t COMPREPLY < "
+               "<(compgen -d -W \"$(zncctl image ls -q 2>/dev/null)\" -- \"$cur\")";
     case Word::kSignal:
         return fmt::format("mapfile -t COMPREPLY < <(compgen -W '{}' -- \"$cur\")", kSignals);
     case Word::kChoice:
@@ -128,6 +131,8 @@ std::string zsh_words(Word word, const char* choices)
     switch (word) {
     case Word::kContainer:
         return "_zncctl_ids";
+    case Word::kImage:
+        return "_zncctl_images";
     case Word::kSignal:
         return fmt::format("({})", kSignals);
     case Word::kChoice:
@@ -183,6 +188,8 @@ std::string fish_words(Word word, const char* choices)
     switch (word) {
     case Word::kContainer:
         return " -a '(zncctl list -q 2>/dev/null)'";
+    case Word::kImage:
+        return " -a '(zncctl image ls -q 2>/dev/null; __fish_complete_directories)'";
     case Word::kSignal:
         return fmt::format(" -a '{}'", kSignals);
     case Word::kChoice:
@@ -275,6 +282,12 @@ std::string zsh_completion()
                                    "    local -a ids\n"
                                    "    ids=(${{(f)\"$(zncctl list -q 2>/dev/null)\"}})\n"
                                    "    compadd -a ids\n"
+                                   "}}\n"
+                                   "_zncctl_images() {{\n"
+                                   "    local -a names\n"
+                                   "    names=(${{(f)\"$(zncctl image ls -q 2>/dev/null)\"}})\n"
+                                   "    compadd -a names\n"
+                                   "    _files -/\n"
                                    "}}\n"
                                    "_zncctl() {{\n"
                                    "    local name=${{words[2]}}\n"

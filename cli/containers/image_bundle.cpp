@@ -2,7 +2,6 @@
 
 #include "cli/containers/container.hpp"
 #include "cli/images/bundle_area.hpp"
-#include "cli/images/image_settings.hpp"
 #include "cli/images/private_layout.hpp"
 #include "cli/images/sticky.hpp"
 #include "container_bundle.hpp"
@@ -12,6 +11,7 @@
 #include "front/output.hpp"
 #include "front/progress.hpp"
 #include "image_user.hpp"
+#include "image_users.hpp"
 
 #include <fmt/format.h>
 #include <stdexcept>
@@ -22,120 +22,7 @@ namespace zncctl {
 namespace {
 
 constexpr std::size_t kDigestPrefix = 7; // length of "sha256:"
-constexpr const char* kMayNeedImport = "the image may have to be imported";
 constexpr const char* kDamaged = "A layer of the image is damaged or a path is too long";
-
-void hint_at_import(const Wanted& wanted, const std::string& reason)
-{
-    print_hint(fmt::format("{}: 'zncctl import {}:{} NEW-LAYOUT' converts it to an image that can "
-                           "be unpacked completely; 'zncctl image check {}' explains why",
-                           reason, wanted.image.layout, wanted.image.tag, wanted.image.layout));
-}
-
-// Prints a hint for failures of an unpack with a known cause.
-void print_hints(int error, const Wanted& wanted)
-{
-    switch (error) {
-    case S_zncLib_INDEX_INVALID:
-    case S_zncLib_MANIFEST_INVALID:
-    case S_zncLib_PLATFORM_NOT_FOUND:
-        if (!hint_at_images(wanted.image.layout, wanted.image.tag, wanted.os, wanted.arch) &&
-            error != S_zncLib_PLATFORM_NOT_FOUND)
-            hint_at_import(wanted, kMayNeedImport);
-        break;
-    case EEXIST:
-        print_hint(
-            "the overlay device of this image exists already: the image is unpacked, and its "
-            "bundle can be used; 'zncctl storage gc' removes unused devices. Or another image with "
-            "the same diff IDs but other layers is unpacked: one of the two has wrong diff IDs");
-        break;
-    case 0:
-    case EPERM:
-    case ENOENT:
-    case ENOTDIR:
-    case EFBIG:
-    case ENAMETOOLONG:
-        hint_at_import(wanted, kMayNeedImport);
-        break;
-    default:
-        break;
-    }
-}
-
-// The image to unpack, and the configuration that it gets.
-struct Chosen {
-    Image image;
-    SettledConfiguration settled;
-};
-
-// Reports why a layout is rejected. If the library rejects it as well, the message is the
-// library's; `refused`: only zncctl rejects it, for the reason in `problem`.
-int refuse_layout(const Wanted& wanted, const std::string& problem, bool refused)
-{
-    const char* layout = wanted.image.layout.c_str();
-    if (refused)
-        return failure(layout, problem);
-    const znc::MallocPtr<char> document(call_library([&] { return zncImageInfoGet(layout); }));
-    if (document != nullptr || errno == 0)
-        return failure(layout, problem);
-    const int error = errno;
-    const int status = local_failure(error, layout);
-    print_hints(error, wanted);
-    return status;
-}
-
-int no_such_image(const Wanted& wanted)
-{
-    const int status = local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.image.layout);
-    print_hints(S_zncLib_PLATFORM_NOT_FOUND, wanted);
-    return status;
-}
-
-// Nullopt after printing a message.
-std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
-{
-    const std::string& layout = wanted.image.layout;
-    if (const int error = layout_error(layout); error != 0) {
-        static_cast<void>(local_failure(error, layout));
-        return std::nullopt;
-    }
-    std::string problem;
-    bool refused = false;
-    auto images = read_layout(layout, problem, &refused);
-    if (!images) {
-        static_cast<void>(refuse_layout(wanted, problem, refused));
-        return std::nullopt;
-    }
-    Image* image = find_image(*images, wanted.image.tag, wanted.os, wanted.arch);
-    if (image == nullptr || !image->problem.empty()) {
-        // Report a wrong size first: the library would read such a file to its end before it fails.
-        const std::string size = size_problem(layout, *images);
-        static_cast<void>(!size.empty()      ? failure(layout, size)
-                          : image == nullptr ? no_such_image(wanted)
-                                             : refuse_layout(wanted, image->problem, false));
-        return std::nullopt;
-    }
-    try {
-        SettledConfiguration settled =
-            settle_configuration(image->config_document, args.has("allow-image-mounts"));
-        return Chosen{std::move(*image), std::move(settled)};
-    } catch (const BadConfiguration& bad) {
-        static_cast<void>(
-            failure(layout, fmt::format("its configuration is refused: {}", bad.what())));
-        return std::nullopt;
-    }
-}
-
-void print_notes(const Wanted& wanted, const Chosen& chosen)
-{
-    constexpr std::size_t kShown = 20;
-    const std::vector<std::string>& notes = chosen.settled.notes;
-    for (std::size_t i = 0; i < std::min(notes.size(), kShown); i++)
-        print_warning(fmt::format("{}: {}", wanted.image.layout, notes[i]));
-    if (notes.size() > kShown)
-        print_warning(fmt::format("{}: and {} more; 'zncctl image check' lists all",
-                                  wanted.image.layout, notes.size() - kShown));
-}
 
 // An image that is ready to be unpacked. The library gets a private layout, in which only the
 // layers come from the original one; it verifies their digests.
@@ -143,15 +30,18 @@ class Unpacking {
   public:
     Unpacking(const Wanted& wanted, const Chosen& chosen)
         : wanted_(wanted), user_(text_of(member(chosen.settled.document, "config"), "User")),
+          manifest_(chosen.image.manifest.digest), os_(chosen.image.os), arch_(chosen.image.arch),
           layers_(wanted.image.layout, chosen.image),
           layout_(bundle_area(), chosen.image, layers_, chosen.settled.document)
     {
     }
 
+    [[nodiscard]] const std::string& manifest() const { return manifest_; }
+
     // Unpacks the image. OK, or ERROR with errno set.
     STATUS unpack(const std::string& bundle, unsigned option, Progress& progress) const
     {
-        const ZNC_BUNDLE_ATTR attr = {wanted_.os.c_str(), wanted_.arch.c_str()};
+        const ZNC_BUNDLE_ATTR attr = {os_.c_str(), arch_.c_str()};
         StickyDirectories sticky;
         zncUnpackProgressSet(progress.listener(), progress.context());
         STATUS status = call_library([&] {
@@ -178,10 +68,26 @@ class Unpacking {
     // exit status.
     int unpack_or_report(const std::string& bundle, unsigned option, Progress& progress) const
     {
-        if (unpack(bundle, option, progress) == OK)
-            return kExitOk;
-        const int error = errno;
-        const int status = local_failure(error, wanted_.image.layout, kDamaged);
+        return unpack(bundle, option, progress) == OK ? static_cast<int>(kExitOk)
+                                                      : report(errno, option);
+    }
+
+    // After unpack() has failed with `error`: unpacks a flattened tree if the layers are shared
+    // with another bundle already, whose overlay device cannot belong to two. Otherwise reports the
+    // failure.
+    int unpack_tree_or_report(int error, const std::string& bundle, unsigned option,
+                              Progress& progress) const
+    {
+        if (error != EEXIST || option != 0)
+            return report(error, option);
+        print_hint("the overlay device of this image exists already, for another bundle: the "
+                   "layers are merged into one tree");
+        return unpack_or_report(bundle, ZNC_OPT_FLATTEN, progress);
+    }
+
+    [[nodiscard]] int report(int error, unsigned option) const
+    {
+        const int status = local_failure(error, wanted_.label, kDamaged);
         print_hints(error, wanted_);
         if (error == EINVAL && option == 0)
             print_hint(fmt::format("the kernel cannot stack so many layers ({}); 'zncctl unpack "
@@ -201,7 +107,7 @@ class Unpacking {
             static_cast<void>(remove_bundle(bundle + name));
         if (!existed)
             static_cast<void>(remove_bundle(bundle));
-        return failure(wanted_.image.layout, problem);
+        return failure(wanted_.label, problem);
     }
 
   private:
@@ -215,34 +121,55 @@ class Unpacking {
 
     const Wanted& wanted_;
     std::string user_;
+    std::string manifest_; // its digest
+    std::string os_;
+    std::string arch_;
     LayerFiles layers_;
     PrivateLayout layout_;
 };
 
 } // namespace
 
-Wanted wanted_image(const Arguments& args, ImageName image)
+namespace {
+
+// Unpacks an image, which is converted if the library refuses it as it is. Throws
+// std::runtime_error.
+int unpack_chosen(const Arguments& args, const Wanted& wanted, const Chosen& chosen,
+                  const std::string& bundle, unsigned option, Progress& progress)
 {
-    return {std::move(image), args.value("os", kDefaultOs), args.value("arch", kDefaultArch)};
+    const bool existed = ::access(bundle.c_str(), F_OK) == 0;
+    const Unpacking unpacking(wanted, chosen);
+    int status = kExitOk;
+    if (unpacking.unpack(bundle, option, progress) != OK) {
+        const int error = errno;
+        if (!wanted.stored && may_need_import(error)) {
+            Wanted other = wanted;
+            Chosen converted = chosen;
+            if (!convert_if_needed(args, true, other, converted))
+                return kExitFailure;
+            if (other.stored)
+                return unpack_chosen(args, other, converted, bundle, option, progress);
+        }
+        status = unpacking.unpack_tree_or_report(error, bundle, option, progress);
+    }
+    return status == kExitOk ? unpacking.set_user(bundle, existed) : status;
 }
 
-int unpack_image(const Arguments& args, const Wanted& wanted, const std::string& bundle,
-                 unsigned option)
+} // namespace
+
+int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle, unsigned option)
 {
     Progress progress(args.value("progress", "auto"));
     if (!progress.known())
         return usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
-    const auto chosen = choose_image(args, wanted);
-    if (!chosen)
+    auto chosen = choose_image(args, wanted);
+    if (!chosen || !convert_if_needed(args, wanted.check_layers, wanted, *chosen))
         return kExitFailure;
     print_notes(wanted, *chosen);
     try {
-        const Unpacking unpacking(wanted, *chosen);
-        const bool existed = ::access(bundle.c_str(), F_OK) == 0;
-        const int status = unpacking.unpack_or_report(bundle, option, progress);
-        return status == kExitOk ? unpacking.set_user(bundle, existed) : status;
+        return unpack_chosen(args, wanted, *chosen, bundle, option, progress);
     } catch (const std::runtime_error& error) {
-        return failure(wanted.image.layout, error.what());
+        return failure(wanted.label, error.what());
     }
 }
 
@@ -267,6 +194,12 @@ std::string shared_name(const Arguments& args, const Image& image)
                        args.has("allow-image-mounts") ? "-mounts" : "");
 }
 
+// Whether there is a bundle that containers of the image share. Then it need not be examined.
+bool is_unpacked(const Arguments& args, const Chosen& chosen)
+{
+    return is_complete(fmt::format("{}/{}", bundle_area(), shared_name(args, chosen.image)));
+}
+
 bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking& unpacking,
                    const std::string& bundle, bool shared)
 {
@@ -285,9 +218,9 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     }
     if (!done || unpacking.set_user(bundle, false) != kExitOk)
         return false;
-    if (mark_complete(bundle))
+    if (write_image_of_bundle(bundle, unpacking.manifest()) && mark_complete(bundle))
         return true;
-    static_cast<void>(failure(wanted.image.layout, fmt::format("{}: {}", bundle, error_text())));
+    static_cast<void>(failure(wanted.label, fmt::format("{}: {}", bundle, error_text())));
     return false;
 }
 
@@ -367,7 +300,7 @@ std::string own_bundle_of_image(const Arguments& args, const Wanted& wanted, con
 
 } // namespace
 
-bool bundle_of_image(const Arguments& args, const Wanted& wanted, const std::string& id,
+bool bundle_of_image(const Arguments& args, Wanted wanted, const std::string& id,
                      const Network& network, NewBundle& bundle)
 {
     if (!Progress(args.value("progress", "auto")).known()) {
@@ -378,14 +311,16 @@ bool bundle_of_image(const Arguments& args, const Wanted& wanted, const std::str
         static_cast<void>(local_failure(EINVAL, id));
         return false;
     }
-    const auto chosen = choose_image(args, wanted);
+    auto chosen = choose_image(args, wanted);
     if (!chosen)
         return false;
-    print_notes(wanted, *chosen);
     try {
+        if (!is_unpacked(args, *chosen) && !convert_if_needed(args, true, wanted, *chosen))
+            return false;
+        print_notes(wanted, *chosen);
         bundle.path = own_bundle_of_image(args, wanted, *chosen, id, network, bundle);
     } catch (const std::runtime_error& error) {
-        static_cast<void>(failure(wanted.image.layout, error.what()));
+        static_cast<void>(failure(wanted.label, error.what()));
     }
     return !bundle.path.empty();
 }

@@ -5,21 +5,13 @@
 
 #include "cli/containers/network.hpp"
 #include "cli/images/bundle_area.hpp"
+#include "cli/images/image_source.hpp"
 #include "front/command.hpp"
 #include "front/layout.hpp"
 
 #include <optional>
 
 namespace zncctl {
-
-struct Wanted {
-    ImageName image;
-    std::string os;
-    std::string arch;
-};
-
-// Combines an image name with the options --os and --arch of a command.
-Wanted wanted_image(const Arguments& args, ImageName image);
 
 // A bundle for one container, until that exists: no other process makes or collects it.
 struct NewBundle {
@@ -31,7 +23,7 @@ struct NewBundle {
 // Makes the bundle of an image for a container, and unpacks the image if necessary. With overlayfs
 // all containers of an image share a root, without it each container has its own. False after
 // printing a message, also if there is such a container already.
-bool bundle_of_image(const Arguments& args, const Wanted& wanted, const std::string& id,
+bool bundle_of_image(const Arguments& args, Wanted wanted, const std::string& id,
                      const Network& network, NewBundle& bundle);
 
 // The same for a bundle of the user, whose configuration does not change.
@@ -40,8 +32,7 @@ bool bundle_of_bundle(const std::string& source, const std::string& id, const Ne
 
 // Unpacks an image, with progress reports as given by --progress. Returns kExitOk, or another exit
 // status after printing a message and hints.
-int unpack_image(const Arguments& args, const Wanted& wanted, const std::string& bundle,
-                 unsigned option);
+int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle, unsigned option);
 
 // The bundle that was created for this container alone; "" if there is none.
 std::string own_bundle(const std::string& id);

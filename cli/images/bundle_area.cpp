@@ -48,9 +48,9 @@ std::string storage_base()
     return base;
 }
 
-std::string bundle_area()
+std::string private_area(const char* name)
 {
-    std::string area = storage_base() + "/bundles";
+    std::string area = fmt::format("{}/{}", storage_base(), name);
     if (::mkdir(area.c_str(), 0700) != 0 && errno != EEXIST)
         throw_error(area);
     const znc::UniqueFd dir(::open(area.c_str(), kDirFlags));
@@ -64,9 +64,14 @@ std::string bundle_area()
     return area;
 }
 
+std::string bundle_area()
+{
+    return private_area("bundles");
+}
+
 BundlesInUse::BundlesInUse(const std::string& area)
 {
-    if (!lock_.share(area + kInUse, "unused bundles are being removed; waiting for it to finish"))
+    if (!lock_.share(area + kInUse, "unused data is being removed; waiting for it to finish"))
         throw_error(area + kInUse);
 }
 

@@ -15,13 +15,17 @@ namespace zncctl {
 // created.
 std::string storage_base();
 
-// The path of the directory, which is created if it does not exist. Throws std::runtime_error if it
-// cannot be used or belongs to another user. Removes access rights of other users.
+// The path of the directory `name` in the storage base, which is created if it does not exist.
+// Throws std::runtime_error if it cannot be used or belongs to another user. Removes access rights
+// of other users.
+std::string private_area(const char* name);
+
+// The directory of the bundles.
 std::string bundle_area();
 
 // Keeps unused bundles from being collected, from before a bundle is looked for until its container
-// exists. Commands that use bundles share the lock; a collection takes it exclusively and does not
-// wait for it.
+// exists; in the area of the image store, keeps the blobs of an image until they are open. Commands
+// that use them share the lock; a collection takes it exclusively and does not wait for it.
 class BundlesInUse {
   public:
     // Waits for a running collection, printing a hint after a second. Throws std::runtime_error if

@@ -54,9 +54,9 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_MODE: // the sticky bit of a directory is restored; see sticky.hpp
         if (report.directory != FALSE && (report.mode & kSetId) == 0)
             return "";
-        return "set-id or sticky bit: dropped";
+        return kModeFinding;
     case ZNC_LAYER_OWNER:
-        return "owner other than root: dropped";
+        return kOwnerFinding;
     case ZNC_LAYER_WHITEOUT:
         return "whiteout: stays a file and hides nothing";
     case ZNC_LAYER_NOT_MADE:
@@ -72,7 +72,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_COMPRESSION:
         return fmt::format("it is compressed with {}", report.member);
     case ZNC_LAYER_CHECKSUM:
-        return "the header is damaged";
+        return kHeaderFinding;
     case ZNC_LAYER_TOO_LARGE:
         return "the member has 4 GiB or more";
     case ZNC_LAYER_NAME:
@@ -86,13 +86,13 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_LINK_EMPTY:
         return "a symbolic link without a target";
     case ZNC_LAYER_CUT:
-        return "the archive ends within a member";
+        return kCutFinding;
     case ZNC_LAYER_NO_END:
         return "there is no end mark";
     case ZNC_LAYER_DIGEST:
-        return fmt::format("blob {} has another content", digest);
+        return fmt::format("blob {}{}", digest, kContentFinding);
     case ZNC_LAYER_DIFF_ID:
-        return "its content is not what the image's configuration says";
+        return kDiffIdFinding;
     }
     return "";
 }

@@ -8,6 +8,16 @@
 
 namespace zncctl {
 
+// Texts of findings that importing the image does not change.
+inline constexpr const char* kModeFinding = "set-id or sticky bit: dropped";
+inline constexpr const char* kOwnerFinding = "owner other than root: dropped";
+// Those of damage that it does not repair.
+inline constexpr const char* kHeaderFinding = "the header is damaged";
+inline constexpr const char* kCutFinding = "the archive ends within a member";
+inline constexpr const char* kContentFinding = " has another content"; // the end of the text
+inline constexpr const char* kDiffIdFinding =
+    "its content is not what the image's configuration says";
+
 struct Finding {
     bool refused; // unpacking or image check refuses it; false: dropped or changed
     std::string what;

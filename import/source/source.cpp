@@ -81,9 +81,12 @@ bool is_compatible(const std::string& prefix, bool directory)
 
 bool is_named(const SourceImage& image, const std::string& wanted)
 {
+    if (image.manifest_digest == wanted)
+        return true;
     return std::any_of(image.names.begin(), image.names.end(), [&](const std::string& name) {
         const std::size_t colon = name.rfind(':');
-        return name == wanted || (colon != name.npos && name.substr(colon + 1) == wanted);
+        return name == wanted || name.ends_with("/" + wanted) ||
+               (colon != name.npos && name.substr(colon + 1) == wanted);
     });
 }
 

@@ -38,15 +38,15 @@ run zncctl list web
 usage_error 'list takes no operand' \
     'list [-q|--quiet] [-f|--format FORMAT] [--status STATUS] [--bundle BUNDLE] [--no-trunc]'
 run zncctl unpack layout
-usage_error 'unpack needs a layout and a bundle' \
-    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--allow-image-mounts] [--progress HOW] LAYOUT BUNDLE'
+usage_error 'unpack needs an image and a bundle' \
+    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--allow-image-mounts] [--progress HOW] IMAGE BUNDLE'
 run zncctl image inspect
-usage_error 'image inspect needs a layout' 'image inspect LAYOUT'
+usage_error 'image inspect needs an image' 'image inspect IMAGE'
 
 run zncctl --help
 check 'help goes to standard output' test "$status/$err" = 0/
 for command in create start run attach logs wait kill stop delete state list inspect top unpack \
-    'image inspect' 'image ls' 'image check' spec 'config check' 'storage df' 'storage gc' ping \
+    'image inspect' 'image ls' 'image check' 'image prune' pull load images tag rmi spec 'config check' 'storage df' 'storage gc' ping \
     version info completion; do
     check "help names $command" grep -q "^  $command " "$work/out"
     # shellcheck disable=SC2086

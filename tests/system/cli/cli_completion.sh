@@ -32,7 +32,7 @@ complete_words() {
     printf '%s\n' "${COMPREPLY[@]}" | sort | tr '\n' ' '
 }
 check 'bash completes commands' test "$(complete_words 'st')" = 'start state stats stop storage '
-check 'second words' test "$(complete_words image '')" = 'check inspect ls '
+check 'second words' test "$(complete_words image '')" = 'check inspect ls prune '
 check 'options' test "$(complete_words delete '--')" = '--all-stopped --force --help --quiet '
 check 'operands of an alias' test "$(complete_words unpause '--q')" = '--quiet '
 check 'options of an alias' test "$(complete_words ps '--s')" = '--status '

@@ -237,7 +237,7 @@ TEST(Usage, ComesFromTheTable)
     EXPECT_EQ(usage_line(row({"kill"})),
               "usage: zncctl kill [-s|--signal SIG] [-a|--all] [-q|--quiet] ID...\n");
     EXPECT_EQ(usage_line(row({"ping"})), "usage: zncctl ping\n");
-    EXPECT_EQ(usage_line(row({"image", "inspect"})), "usage: zncctl image inspect LAYOUT\n");
+    EXPECT_EQ(usage_line(row({"image", "inspect"})), "usage: zncctl image inspect IMAGE\n");
 }
 
 TEST(Help, NamesEveryCommandAndEveryOption)

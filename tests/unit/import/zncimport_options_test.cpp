@@ -32,6 +32,16 @@ std::string problem(const std::map<std::string, std::string>& options)
 
 } // namespace
 
+TEST(Options, AListTakesOnlyASource)
+{
+    zncctl::Arguments args;
+    args.add_operand("image");
+    EXPECT_THROW(static_cast<void>(read_options(args)), Failure);
+    args.add_option("list", "");
+    EXPECT_TRUE(read_options(args).list);
+    EXPECT_EQ(problem({{"list", ""}}), "--list takes only a source");
+}
+
 TEST(Options, WithoutAnyTheDefaultsHold)
 {
     const Options options = read_options(words({}));

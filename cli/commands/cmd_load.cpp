@@ -1,0 +1,135 @@
+// Adds the images of an archive to the store.
+#include "cli/images/archive_copy.hpp"
+#include "cli/images/helper_program.hpp"
+#include "cli/images/image_adder.hpp"
+#include "cli/images/reference.hpp"
+#include "commands.hpp"
+#include "front/layout.hpp"
+#include "front/output.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <stdexcept>
+
+namespace zncctl {
+namespace {
+
+// An image as zncctl-import lists it.
+struct Listed {
+    std::vector<std::string> names; // as the archive says
+    std::string os;
+    std::string arch;
+    std::string digest; // of the manifest; "" in a docker-archive
+    std::string problem;
+    bool rootfs;
+};
+
+Listed listed_of(const Json& object)
+{
+    Listed image = {{},
+                    text_of(object, "os"),
+                    text_of(object, "architecture"),
+                    text_of(object, "digest"),
+                    text_of(object, "problem"),
+                    *member(object, "rootfs") == true};
+    for (const Json& name : children(member(object, "names")))
+        image.names.push_back(name.get<std::string>());
+    return image;
+}
+
+// The images to load: those for this machine, or all if there are none. Indexes list signatures and
+// other documents like images.
+std::vector<Listed> to_load(std::vector<Listed> images)
+{
+    const auto is_foreign = [](const Listed& image) { return image.arch != host_arch(); };
+    const bool some = !std::all_of(images.begin(), images.end(), is_foreign);
+    std::erase_if(images, [&](const Listed& image) {
+        return some && (is_foreign(image) || !image.problem.empty());
+    });
+    return images;
+}
+
+// The full names of an image. Archives in Docker's format leave out its registry.
+std::vector<std::string> full_names(const Listed& image)
+{
+    std::vector<std::string> names;
+    for (const std::string& name : image.names)
+        if (const auto full =
+                parse_reference(name, image.digest.empty() ? kDefaultRegistry : kLocalHost);
+            full && full->digest.empty())
+            names.push_back(full->text());
+    return names;
+}
+
+// The operand of zncctl-import that selects an image of the archive on standard input.
+std::string operand_of(const Listed& image)
+{
+    if (!image.digest.empty())
+        return fmt::format("oci-archive:-:{}", image.digest);
+    return image.names.empty() ? "docker-archive:-"
+                               : fmt::format("docker-archive:-:{}", image.names[0]);
+}
+
+class Load {
+  public:
+    Load(const Arguments& args, const char* path)
+        : args_(args), name_(path == std::string("-") ? "standard input" : path), archive_(path)
+    {
+    }
+
+    int load()
+    {
+        const ProgramEnd end =
+            run_program(import_program(), {"--list", "--", "-"}, archive_.fd(), Output::kKept);
+        if (end.error != 0 || end.status != kExitOk)
+            return end.error != 0 ? import_failure(end.error) : end.status;
+        const Json list = parse_json(end.output).value_or(Json());
+        std::vector<Listed> images;
+        for (const Json& object : children(&list))
+            images.push_back(listed_of(object));
+        if (std::any_of(images.begin(), images.end(),
+                        [](const Listed& image) { return image.rootfs; })) {
+            const int status = failure(name_, "it is a root filesystem and not an image");
+            print_hint("'zncctl import' makes an image of a root filesystem");
+            return status;
+        }
+        if (images.empty())
+            return failure(name_, "it contains no image", kExitNotFound);
+        int result = kExitOk;
+        for (const Listed& image : to_load(std::move(images)))
+            if (const int status = load_image(image); status != kExitOk)
+                result = status;
+        return result;
+    }
+
+  private:
+    int load_image(const Listed& image)
+    {
+        const std::vector<std::string> names = full_names(image);
+        const Added added =
+            add_converted({operand_of(image), archive_.fd(), usual_options()}, names, "");
+        if (added.status != kExitOk)
+            return added.status;
+        std::string text;
+        for (const std::string& name : names)
+            text += fmt::format("Loaded image: {}\n", name);
+        if (names.empty())
+            text = fmt::format("Loaded image: {}\n", added.id);
+        return args_.has("quiet") ? static_cast<int>(kExitOk) : print_result(text);
+    }
+
+    const Arguments& args_;
+    std::string name_;
+    ArchiveCopy archive_;
+};
+
+} // namespace
+
+int cmd_load(const Arguments& args)
+try {
+    return Load(args, args.value("input", "-")).load();
+} catch (const std::runtime_error& error) {
+    return failure("", error.what());
+}
+
+} // namespace zncctl

@@ -1,0 +1,28 @@
+// archive_copy.hpp - an archive whose content does not change any more once its digest is known, so
+// that the digest can tell what was imported from it. Used by image_source and load.
+#ifndef ZNC_CLI_IMAGES_ARCHIVE_COPY_HPP
+#define ZNC_CLI_IMAGES_ARCHIVE_COPY_HPP
+
+#include "base/owned.hpp"
+
+#include <string>
+
+namespace zncctl {
+
+class ArchiveCopy {
+  public:
+    // Reads the file, "-": standard input. A file that other users can change, and what is no
+    // regular file, is copied to an unnamed file in the storage base. Throws std::runtime_error.
+    explicit ArchiveCopy(const std::string& path);
+
+    [[nodiscard]] int fd() const; // at the beginning of the archive
+    [[nodiscard]] const std::string& digest() const { return digest_; }
+
+  private:
+    znc::UniqueFd file_;
+    std::string digest_;
+};
+
+} // namespace zncctl
+
+#endif

@@ -1,0 +1,119 @@
+#include "helper_program.hpp"
+
+#include "base/owned.hpp"
+#include "front/output.hpp"
+
+#include "zarnel/process_list.h"
+
+#include <array>
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+extern char** environ; // NOLINT(readability-redundant-declaration): not in every <unistd.h>
+
+namespace zncctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kImport = "zncctl-import";
+
+// What becomes of the standard streams.
+class Streams {
+  public:
+    Streams(int input, Output output)
+    {
+        ::posix_spawn_file_actions_init(&actions_);
+        if (input >= 0)
+            ::posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO);
+        else
+            ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        if (output == Output::kDiscarded)
+            ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        else if (output == Output::kError)
+            ::posix_spawn_file_actions_adddup2(&actions_, STDERR_FILENO, STDOUT_FILENO);
+        else
+            keep_output();
+    }
+    ~Streams() { ::posix_spawn_file_actions_destroy(&actions_); }
+    Streams(const Streams&) = delete;
+    Streams& operator=(const Streams&) = delete;
+
+    [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
+
+    // Reads what the program prints, to its end.
+    std::string read()
+    {
+        constexpr std::size_t kMost = std::size_t{16} << 20U;
+        writer_.reset();
+        std::string text;
+        std::array<char, 65536> part{};
+        while (reader_ && text.size() < kMost) {
+            const ssize_t got = ::read(reader_.get(), part.data(), part.size());
+            if (got > 0)
+                text.append(part.data(), static_cast<std::size_t>(got));
+            else if (got == 0 || errno != EINTR)
+                break;
+        }
+        reader_.reset(); // a program that prints more is ended by SIGPIPE
+        return text;
+    }
+
+  private:
+    void keep_output()
+    {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+            throw std::system_error(errno, std::generic_category());
+        reader_.reset(ends[0]);
+        writer_.reset(ends[1]);
+        ::posix_spawn_file_actions_adddup2(&actions_, writer_.get(), STDOUT_FILENO);
+    }
+
+    posix_spawn_file_actions_t actions_ = {};
+    znc::UniqueFd reader_;
+    znc::UniqueFd writer_;
+};
+
+} // namespace
+
+std::string import_program()
+{
+    std::array<char, 4096> path{};
+    if (znProgramPath(path.data(), path.size()) != OK)
+        throw std::system_error(errno, std::generic_category());
+    const fs::path here = fs::path(path.data()).parent_path();
+    const fs::path built = here / kImport;
+    return fs::exists(built) ? built : here.parent_path() / ZNC_LIBEXEC / kImport;
+}
+
+ProgramEnd run_program(const std::string& program, const std::vector<std::string>& arguments,
+                       int input, Output output)
+{
+    std::vector<std::string> words = {fs::path(program).filename()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    Streams streams(input, output);
+    ProgramEnd end;
+    pid_t pid = -1;
+    end.error =
+        ::posix_spawnp(&pid, program.c_str(), streams.actions(), nullptr, argv.data(), environ);
+    if (end.error != 0)
+        return end;
+    end.output = streams.read();
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    end.status = WIFEXITED(status) ? WEXITSTATUS(status) : kExitSignalBase + WTERMSIG(status);
+    return end;
+}
+
+} // namespace zncctl

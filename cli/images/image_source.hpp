@@ -1,0 +1,91 @@
+// image_source.hpp - what the operand of a command that takes an image means: a layout with a tag,
+// a layout or an archive with a prefix ("oci:", "oci-archive:", "docker-archive:"), or an image of
+// the store by name or id. Used by run, unpack, spec and the image commands.
+#ifndef ZNC_CLI_IMAGES_IMAGE_SOURCE_HPP
+#define ZNC_CLI_IMAGES_IMAGE_SOURCE_HPP
+
+#include "bundle_area.hpp"
+#include "front/command.hpp"
+#include "image_settings.hpp"
+#include "image_store.hpp"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zncctl {
+
+struct Wanted {
+    ImageName image;
+    std::string os; // "": see find_image() in front/layout.hpp
+    std::string arch;
+    std::string label; // the name in messages
+    // For an image of the store: its manifest, and what keeps its blobs.
+    std::optional<Descriptor> stored = std::nullopt;
+    std::shared_ptr<BundlesInUse> in_use = nullptr;
+    bool check_layers = false; // read the layers to see whether it must be converted
+};
+
+// Combines an image name with the options --os and --arch of a command.
+Wanted wanted_image(const Arguments& args, ImageName image);
+
+// Whether a text is the path of a layout and not the name of an image: it begins with "/", "./" or
+// "../", or names an existing directory, maybe with a tag behind it.
+bool is_layout_path(const std::string& text);
+
+// The image that an operand means. Archives are imported into the store, unless that was done
+// before. Nullopt after printing a message and hints.
+std::optional<Wanted> find_image(const Arguments& args, const char* operand);
+
+// The places in `images` of the entries that a name or id means. Several entries are returned only
+// for an id, and all are of the same image; none after an error, with `problem` set.
+std::vector<std::size_t> find_stored(const std::vector<StoredImage>& images,
+                                     const std::string& text, std::string& problem);
+
+// Whether a name of an entry, and not its id, is what the text means.
+bool has_name(const StoredImage& image, const std::string& text);
+
+// The image of the store that a name or id means, with its blobs kept. Nullopt after printing a
+// message.
+std::optional<Wanted> find_named(const std::string& text);
+
+// A layout to look at: that of the operand, or one with the image of the store that the operand
+// means and nothing else.
+struct ShownLayout {
+    std::string path;
+    std::string label; // the name in messages
+    std::unique_ptr<ImageStage> stage = nullptr;
+    std::shared_ptr<BundlesInUse> in_use = nullptr;
+};
+
+// The layout that an operand means. Nullopt after printing a message.
+std::optional<ShownLayout> layout_of(const Arguments& args, const char* operand);
+
+// The image to unpack, and the configuration that it gets.
+struct Chosen {
+    Image image;
+    SettledConfiguration settled;
+};
+
+// Reads the documents of an image. Nullopt after printing a message and hints.
+std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted);
+
+// Converts an image of a layout that the library refuses into the store, unless that was done
+// before, and makes `wanted` and `chosen` the image of the store. With `check_layers` also one of
+// which it would leave out something. Leaves both unchanged if zncctl-import is not installed.
+// False after printing a message.
+bool convert_if_needed(const Arguments& args, bool check_layers, Wanted& wanted, Chosen& chosen);
+
+// Whether an unpack that failed with this error may succeed with a converted image.
+bool may_need_import(int error);
+
+// Print hints for an image that cannot be unpacked.
+void print_hints(int error, const Wanted& wanted);
+void hint_at_import(const Wanted& wanted, const std::string& reason);
+
+// Prints what the image requests and does not get.
+void print_notes(const Wanted& wanted, const Chosen& chosen);
+
+} // namespace zncctl
+
+#endif

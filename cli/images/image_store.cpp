@@ -1,0 +1,298 @@
+#include "image_store.hpp"
+
+#include "bundle_area.hpp"
+#include "format/digest.hpp"
+#include "front/files.hpp"
+#include "front/json.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "zncontainer.h"
+
+namespace zncctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kLock = "/.lock";
+constexpr const char* kChanging = "another process is changing the image store; waiting for it";
+constexpr const char* kStagePrefix = ".new-";
+constexpr const char* kIndex = "index.json";
+constexpr const char* kSource = "zncontainer.source-digest";
+constexpr const char* kAlgorithms[] = {"sha256", "sha512"};
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::size_t kImagesMax = 10'000;
+
+znc::UniqueFd open_directory(const std::string& path)
+{
+    znc::UniqueFd dir(::open(path.c_str(), kDirFlags));
+    if (!dir)
+        throw_error(path);
+    return dir;
+}
+
+void take_lock(NamedLock& lock, const std::string& area)
+{
+    if (!lock.take(area + kLock, kChanging))
+        throw_error(area + kLock);
+}
+
+StoredImage image_of_entry(const Json& entry)
+{
+    StoredImage image;
+    const Json* annotations = member(entry, "annotations");
+    const Json* platform = member(entry, "platform");
+    image.name = text_of(annotations, kRefName);
+    image.manifest = {text_of(entry, "mediaType"), text_of(entry, "digest"),
+                      integer(member(entry, "size")).value_or(-1)};
+    image.os = text_of(platform, "os");
+    image.arch = text_of(platform, "architecture");
+    image.source = text_of(annotations, kSource);
+    if (!znc::is_digest(image.manifest.digest))
+        throw std::runtime_error(fmt::format("\"{}\" is not a digest", image.manifest.digest));
+    return image;
+}
+
+Json entry_of(const StoredImage& image)
+{
+    Json entry = {{"mediaType", image.manifest.media_type},
+                  {"digest", image.manifest.digest},
+                  {"size", image.manifest.size},
+                  {"platform", {{"architecture", image.arch}, {"os", image.os}}}};
+    Json annotations = Json::object();
+    if (!image.name.empty())
+        annotations[kRefName] = image.name;
+    if (!image.source.empty())
+        annotations[kSource] = image.source;
+    if (!annotations.empty())
+        entry["annotations"] = std::move(annotations);
+    return entry;
+}
+
+std::vector<StoredImage> images_of_index(const std::string& text)
+{
+    JsonNotes notes;
+    const std::optional<Json> index = parse_json(text, &notes);
+    if (!index)
+        throw std::runtime_error(notes.problem);
+    const Json* manifests = member(*index, "manifests");
+    if (!is_array(manifests) || manifests->size() > kImagesMax)
+        throw std::runtime_error("it has no list of manifests, or too many of them");
+    std::vector<StoredImage> images;
+    for (const Json& entry : *manifests)
+        images.push_back(image_of_entry(entry));
+    return images;
+}
+
+std::vector<StoredImage> read_index(const std::string& area)
+{
+    const std::string path = fmt::format("{}/{}", area, kIndex);
+    const std::optional<std::string> text = read_file(path);
+    if (!text && errno == ENOENT)
+        return {};
+    if (!text)
+        throw std::runtime_error(fmt::format("{}: {}", path, read_error_text()));
+    try {
+        return images_of_index(*text);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(fmt::format("{}: {}", path, error.what()));
+    }
+}
+
+// Removes stages left by processes that were killed.
+void sweep(const std::string& area)
+{
+    std::error_code error;
+    for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
+        if (!it->path().filename().string().starts_with(kStagePrefix))
+            continue;
+        const znc::UniqueFd dir(::open(it->path().c_str(), kDirFlags));
+        if (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) == 0)
+            zncImageBundleDelete(it->path().c_str());
+    }
+}
+
+// The blobs of an image, the manifest last.
+std::vector<std::string> digests_of(const Image& image)
+{
+    std::vector<std::string> digests;
+    for (const Descriptor& layer : image.layers)
+        digests.push_back(layer.digest);
+    digests.push_back(image.config.digest);
+    digests.push_back(image.manifest.digest);
+    return digests;
+}
+
+// False with errno set.
+bool write_index(int dir, const std::vector<StoredImage>& images)
+{
+    constexpr const char* kLayout = R"({"imageLayoutVersion": "1.0.0"})";
+    Json manifests = Json::array();
+    for (const StoredImage& image : images)
+        manifests.push_back(entry_of(image));
+    const Json index = {{"schemaVersion", 2}, {"manifests", std::move(manifests)}};
+    return replace_file(dir, "oci-layout", kLayout, true) &&
+           replace_file(dir, kIndex, compact(index) + "\n", true);
+}
+
+bool has_digest(const std::vector<StoredImage>& images, const std::string& digest, bool named)
+{
+    return std::any_of(images.begin(), images.end(), [&](const StoredImage& image) {
+        return image.manifest.digest == digest && (!named || !image.name.empty());
+    });
+}
+
+} // namespace
+
+std::string image_area()
+{
+    return private_area("images");
+}
+
+std::vector<StoredImage> stored_images()
+{
+    return read_index(image_area());
+}
+
+ImageStage::ImageStage()
+{
+    const std::string area = image_area();
+    // No other process may run sweep() until the new stage is locked.
+    NamedLock lock;
+    take_lock(lock, area);
+    sweep(area);
+    std::string name = fmt::format("{}/{}XXXXXX", area, kStagePrefix);
+    if (::mkdtemp(name.data()) == nullptr)
+        throw_error(area);
+    path_ = name;
+    dir_.reset(::open(path_.c_str(), kDirFlags));
+    if (!dir_ || ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0)
+        throw_error(path_);
+}
+
+ImageStage::~ImageStage()
+{
+    const znc::ErrnoSaver keep;
+    zncImageBundleDelete(path_.c_str());
+}
+
+void make_layout_of(const StoredImage& image, const std::string& directory)
+{
+    const znc::UniqueFd dir = open_directory(directory);
+    const std::string blobs = image_area() + "/blobs";
+    if (::symlinkat(blobs.c_str(), dir.get(), "blobs") != 0 || !write_index(dir.get(), {image}))
+        throw_error(directory);
+}
+
+StoreChange::StoreChange() : area_(image_area())
+{
+    take_lock(lock_, area_);
+    dir_ = open_directory(area_);
+    images_ = read_index(area_);
+}
+
+void StoreChange::adopt(const std::string& layout, const Image& image)
+{
+    if (::mkdirat(dir_.get(), "blobs", 0700) != 0 && errno != EEXIST)
+        throw_error(area_);
+    const std::string blobs = area_ + "/blobs";
+    for (const char* algorithm : kAlgorithms)
+        if (::mkdir(fmt::format("{}/{}", blobs, algorithm).c_str(), 0700) != 0 && errno != EEXIST)
+            throw_error(blobs);
+    std::set<std::string> moved; // a manifest may list the same layer twice
+    for (const std::string& digest : digests_of(image)) {
+        if (!moved.insert(digest).second)
+            continue;
+        // Replaces a blob of this name, which may be damaged: the new one was verified.
+        const std::string from = blob_path(layout, digest);
+        const znc::UniqueFd file = open_regular(from);
+        if (!file || ::fsync(file.get()) != 0 ||
+            ::rename(from.c_str(), blob_path(area_, digest).c_str()) != 0)
+            throw_error(digest);
+    }
+    for (const char* algorithm : kAlgorithms)
+        if (::fsync(open_directory(fmt::format("{}/{}", blobs, algorithm)).get()) != 0)
+            throw_error(blobs);
+    if (::fsync(open_directory(blobs).get()) != 0)
+        throw_error(blobs);
+}
+
+void StoreChange::put(const StoredImage& image)
+{
+    std::erase_if(images_, [&](const StoredImage& old) {
+        return old.manifest.digest == image.manifest.digest &&
+               (old.name == image.name || old.name.empty());
+    });
+    for (StoredImage& old : images_)
+        if (!image.name.empty() && old.name == image.name)
+            old.name.clear();
+    // An entry that lost its name is only kept if it is the last one of its image.
+    std::vector<StoredImage> kept;
+    for (StoredImage& old : images_)
+        if (!old.name.empty() || (!has_digest(images_, old.manifest.digest, true) &&
+                                  !has_digest(kept, old.manifest.digest, false)))
+            kept.push_back(old);
+    images_ = std::move(kept);
+    if (!image.name.empty() || !has_digest(images_, image.manifest.digest, false))
+        images_.push_back(image);
+}
+
+void StoreChange::remove(const std::vector<std::size_t>& places)
+{
+    const std::set<std::size_t> gone(places.begin(), places.end());
+    std::vector<StoredImage> kept;
+    for (std::size_t i = 0; i < images_.size(); i++)
+        if (!gone.contains(i))
+            kept.push_back(std::move(images_[i]));
+    images_ = std::move(kept);
+}
+
+void StoreChange::save()
+{
+    if (images_.size() > kImagesMax)
+        throw std::runtime_error(fmt::format("the store holds {} images already", kImagesMax));
+    if (!write_index(dir_.get(), images_))
+        throw_error(fmt::format("{}/{}", area_, kIndex));
+}
+
+std::uint64_t StoreChange::remove_unneeded_blobs() const
+{
+    const auto alone = BundlesInUse::try_exclusive(area_);
+    if (!alone)
+        return 0;
+    std::set<std::string> needed;
+    for (const StoredImage& entry : images_) {
+        const Image image = read_stored(area_, entry);
+        if (!image.problem.empty())
+            return 0;
+        for (const std::string& digest : digests_of(image))
+            needed.insert(digest);
+    }
+    std::uint64_t bytes = 0;
+    for (const char* algorithm : kAlgorithms) {
+        std::error_code error;
+        const std::string blobs = fmt::format("{}/blobs/{}", area_, algorithm);
+        for (fs::directory_iterator it(blobs, error), end; it != end && !error;
+             it.increment(error)) {
+            const std::string name = it->path().filename();
+            const std::string digest = fmt::format("{}:{}", algorithm, name);
+            struct stat st = {};
+            if (znc::is_digest(digest) && !needed.contains(digest) &&
+                ::lstat(it->path().c_str(), &st) == 0 && ::unlink(it->path().c_str()) == 0)
+                bytes += static_cast<std::uint64_t>(st.st_size);
+        }
+    }
+    return bytes;
+}
+
+} // namespace zncctl

@@ -1,0 +1,355 @@
+#!/usr/bin/env bash
+# Tests of the image store: images with names, imported, pulled, loaded, run, tagged and removed.
+# shellcheck source=cli_lib.sh disable=SC2317
+. "$(dirname "$0")/cli_lib.sh"
+tests=$(cd "$(dirname "$0")" && pwd)
+need busybox
+need umoci
+need jq
+need skopeo
+need ip
+ip link set lo up
+store=$ZNC_BASE/images
+
+# names: the names in the store, sorted, on one line.
+names() { zncctl images --format json | jq -r '.[].name' | sort | tr '\n' ' '; }
+id_of() { zncctl images -q --no-trunc "$1"; }
+layers() { find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 -name '[0-9a-f]*' | wc -l; }
+blobs() { find "$store/blobs" -type f | wc -l; }
+skopeo_reads() { skopeo inspect --config "oci:$store:$1" >/dev/null 2>&1; }
+quietly() { "$@" >"$work/tool.log" 2>&1 || cat "$work/tool.log"; }
+no_stage() { [[ -z $(find "$store" -maxdepth 1 -name '.new-*') ]]; }
+store_is_whole() {
+    zncctl images --format json | jq -e 'all(.id | startswith("sha256:"))' >/dev/null
+}
+
+# A root filesystem with a hard link, which the library does not extract.
+mkdir -p "$work"/root/{bin,proc,dev,sys,etc,tmp}
+cp "$(command -v busybox)" "$work/root/bin/busybox"
+ln "$work/root/bin/busybox" "$work/root/bin/sh"
+for program in cat echo sleep ls; do ln -s busybox "$work/root/bin/$program"; done
+echo first >"$work/root/etc/greeting"
+
+# ---------------------------------------------------------------- import, images, tag, rmi
+run zncctl images
+expect 'an empty store has no images' 0 'REPOSITORY  TAG  IMAGE ID  CREATED  SIZE' ''
+run zncctl images -q
+expect 'nor ids' 0 '' ''
+run zncctl run nothing
+check 'run of a name that is not in the store exits 125' test "$status/$out/$(error_line)" = \
+    '125//nothing: there is no such image in the store'
+check 'with a hint at pull' grep -q "^zncctl: hint: .*'zncctl pull'" "$work/err"
+run zncctl import "$work/root" shell
+check 'import into the store prints the id' grep -qx 'sha256:[0-9a-f]*' "$work/out"
+id=${out#sha256:}
+check 'and says what was changed' test "$status/$err" = '0/zncctl: changed: 1 hard link copied'
+run zncctl images
+check 'images shows repository, tag and id' grep -Eq \
+    "^localhost/shell +latest +${id:0:12}  .* [0-9.]+ [kM]B\$" "$work/out"
+run zncctl images -q
+expect 'images -q prints the short id' 0 "${id:0:12}" ''
+run zncctl images -q --no-trunc shell
+expect 'with --no-trunc the whole, and a name selects' 0 "sha256:$id" ''
+run zncctl images -q shell:other
+expect 'another tag selects nothing' 0 '' ''
+check 'the id is the digest of the configuration' test -f "$store/blobs/sha256/$id"
+check 'the store is a layout that other tools read' skopeo_reads \
+    localhost/shell:latest
+run zncctl image inspect shell
+check 'image inspect takes a name' test "$(jq length "$work/out")" = 1
+run zncctl image check shell
+check 'image check takes a name' test "$status/${out%%:*}" = '0/localhost/shell'
+run zncctl image ls "${id:0:12}"
+check 'image ls takes an id' grep -q '^localhost/shell:latest ' "$work/out"
+run zncctl image ls -q
+expect 'image ls lists the names of the store' 0 localhost/shell:latest ''
+run zncctl spec --image shell
+check 'spec takes a name' test "$(jq -r .process.cwd "$work/out")" = /
+check 'looking leaves nothing' no_stage
+check 'it is for root alone' test "$(stat -c %a "$store")" = 700
+
+start_daemon
+for name in shell localhost/shell shell:latest localhost/shell:latest "$id" "sha256:$id" "${id:0:12}" "${id:0:3}" \
+    "localhost/shell@$(zncctl images --format json | jq -r '.[0].digest')"; do
+    run zncctl run --network none --progress none "$name"
+    check "run finds $name" test "$status/$err" = 0/
+done
+run zncctl tag shell tools:v1 quay.example.org:5000/team/tools
+expect 'tag prints nothing' 0 '' ''
+check 'the image has three names' test "$(names)" = \
+    'localhost/shell:latest localhost/tools:v1 quay.example.org:5000/team/tools:latest '
+check 'and one id' test "$(zncctl images -q | wc -l)" = 1
+for name in '../../etc' 'a b' 'UPPER' 'x:..' "$(printf 'x%.0s' {1..300})" $'bad\nname' 'x@sha256:1' 'a//b' '-x/'; do
+    run zncctl tag shell -- "$name"
+    check "a name that is none is refused (${#name} bytes)" test "$status/$out" = 1/
+done
+check 'nothing changed by that' test "$(names | wc -w)" = 3
+run zncctl rmi shell
+expect 'rmi removes one of several names' 0 'Untagged: localhost/shell:latest' ''
+run zncctl rmi "$id"
+check 'rmi by id is refused while there are several names' test "$status" = 3
+run zncctl rmi tools:v1
+check 'the other goes' test "$status/$out" = '0/Untagged: localhost/tools:v1'
+run zncctl rmi nosuch
+fails_with 'rmi of what is not there exits 2' 2 'there is no such image in the store'
+
+# ---------------------------------------------------------------- containers that use an image
+zncctl tag "$id" shell
+zncctl rmi quay.example.org:5000/team/tools >/dev/null
+run zncctl run -d --network none --progress none shell user
+check 'a container runs from it' test "$status" = 0
+run zncctl rmi shell
+check 'rmi of an image that a container uses is refused' test "$status/$(error_line)" = \
+    '3/shell: it is used by the containers user'
+run zncctl image prune --all --force
+check 'image prune --all keeps it' test "$(names)" = 'localhost/shell:latest '
+run zncctl rmi --force shell
+check 'rmi --force removes it' test "$status/${out%%$'\n'*}" = '0/Untagged: localhost/shell:latest'
+check 'and the container' test -z "$(zncctl list -q)"
+check 'no blob is left' test "$(blobs)" = 0
+
+# ---------------------------------------------------------------- layouts and archives
+make_image "$work/layout"
+cp -r "$work/layout" "$work/sleeping"
+quietly umoci config --image "$work/sleeping:latest" --config.entrypoint /bin/busybox \
+    --config.cmd sleep --config.cmd "$mark"
+zncctl import -q "oci:$work/sleeping:latest" sleeper
+run zncctl run -d --network none --progress none sleeper asleep
+check 'a container runs from an image of the store' eventually program_lives
+zncctl storage gc -q
+zncctl image prune --all --force >/dev/null
+run zncctl run -d --network none --progress none sleeper beside
+expect 'collecting what is unused leaves the image and its bundle' 0 beside ''
+run zncctl import -q --force "oci:$work/layout:latest" sleeper
+check 'the name can move to another image' test "$status" = 0
+run zncctl list -q --status running
+expect 'while the containers of the first run' 0 $'asleep\nbeside' ''
+run zncctl image prune --force
+check 'whose image has no name now, and is kept' test "$(zncctl images --format json | jq 'map(select(.name == "")) | length')" = 1
+zncctl delete -qf asleep beside
+run zncctl image prune --force
+check 'until they are gone' test "$(names)" = 'localhost/sleeper:latest '
+zncctl rmi sleeper >/dev/null
+check 'nothing is left' test "$(blobs)" = 0
+
+run zncctl run --network none --progress none "oci:$work/layout:latest"
+expect 'a layout with a prefix runs as it is' 0 'from the second layer' ''
+check 'without the store' test "$(names)" = ''
+quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "docker-archive:$work/docker.tar:example/app:v2"
+quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci-archive:$work/oci.tar:app"
+quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zstd "oci:$work/layout:latest" \
+    "oci:$work/zstd:latest"
+quietly skopeo copy --insecure-policy --dest-decompress "oci:$work/layout:latest" "dir:$work/plain"
+quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zstd "dir:$work/plain" \
+    "oci:$work/zstd:latest"
+check 'skopeo wrote zstd layers' grep -rq 'layer.v1.tar+zstd' "$work/zstd/blobs"
+pids=()
+for i in {1..6}; do
+    "$ZNCCTL" run --network none --progress none "oci-archive:$work/oci.tar" </dev/null >"$work/runs$i" 2>&1 &
+    pids[i]=$!
+done
+ok=0
+for i in {1..6}; do wait "${pids[i]}" && ok=$((ok + 1)); done
+check 'an archive runs in several containers at once' test "$ok" = 6
+check 'and is converted once' test "$(zncctl images -q | wc -l)" = 1
+for source in "$work/zstd" "oci:$work/zstd:latest" "oci-archive:$work/oci.tar" \
+    "docker-archive:$work/docker.tar" "docker-archive:$work/docker.tar:example/app:v2"; do
+    run zncctl run --network none --progress none "$source"
+    check "$source: is converted and runs" test "$status/$out" = '0/from the second layer'
+    before=$(blobs)
+    run zncctl run --network none --progress none "$source"
+    expect "$source: the second time at once" 0 'from the second layer' ''
+    check "$source: nothing is stored again" test "$(blobs)" = "$before"
+done
+check 'none of them has a name' test "$(names | tr -d ' ')" = ''
+run zncctl unpack --progress none "$work/zstd" "$work/unpacked"
+check 'unpack converts, too' test "$status" = 0 -a -s "$work/unpacked/config.json"
+rm -rf "$work/unpacked"
+run zncctl image prune
+fails_with 'image prune does not remove without being asked to' 1 \
+    'standard input is not a terminal to ask on: --force is needed'
+run zncctl image prune --force
+check 'image prune removes images without names' test "$status/$(blobs)" = 0/0
+
+run zncctl load -q -i "$work/docker.tar"
+expect 'load -q prints nothing' 0 '' ''
+run zncctl load -i "$work/docker.tar"
+expect 'load keeps the name of a docker-archive' 0 'Loaded image: docker.io/example/app:v2' ''
+"$ZNCCTL" load <"$work/oci.tar" >"$work/out" 2>"$work/err"
+check 'load reads standard input' test "$?/$(<"$work/out")" = '0/Loaded image: localhost/app:latest'
+gzip -k "$work/oci.tar"
+# shellcheck disable=SC2002 # a pipe is what is tested
+cat "$work/oci.tar.gz" | "$ZNCCTL" load >"$work/out" 2>"$work/err"
+check 'also compressed from a pipe' test "$?/$(<"$work/out")" = '0/Loaded image: localhost/app:latest'
+check 'both are in the store' test "$(names)" = 'docker.io/example/app:v2 localhost/app:latest '
+check 'and are the same image' test "$(zncctl images -q | wc -l)" = 1
+run zncctl run --network none --progress none example/app:v2
+expect 'a short name finds it' 0 'from the second layer' ''
+tar -C "$work/root" -cf "$work/root.tar" .
+run zncctl load -i "$work/root.tar"
+check 'load of a root filesystem is refused' test "$status/$out" = 1/
+check 'with a hint at import' grep -q "^zncctl: hint: 'zncctl import'" "$work/err"
+run zncctl import --list "$work/docker.tar"
+check 'import --list prints the images of a source' test "$status/$(jq -c '.[0] | [.names, .os, .rootfs]' "$work/out")" = \
+    '0/[["docker.io/example/app:v2"],"linux",false]'
+run zncctl import --list "$work/docker.tar" "$work/nowhere"
+check 'and takes no target' test "$status/$out" = 64/ -a ! -e "$work/nowhere"
+mkdir "$work/docker"
+tar -C "$work/docker" -xf "$work/docker.tar"
+jq -c '.[0].RepoTags = ["../../etc/passwd:x", "/etc/shadow", "a\u001b[2Jb:1", "'"$(printf 'x%.0s' {1..400})"'", "fine:1"]' \
+    "$work/docker/manifest.json" >"$work/manifest"
+cp "$work/manifest" "$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/names.tar" .
+run zncctl load -i "$work/names.tar"
+expect 'load ignores names that are none' 0 'Loaded image: docker.io/library/fine:1' ''
+check 'also as names of the store' test "$(names)" = \
+    'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
+zncctl rmi fine:1 >/dev/null
+head -c 5000 "$work/oci.tar" >"$work/cut.tar"
+run zncctl load -i "$work/cut.tar"
+check 'load of a cut archive is refused' test "$status/$out" != 0/
+check 'and leaves nothing' no_stage
+run zncctl load -i /dev/zero
+fails_with 'load of a device is refused' 1 '/dev/zero: it is not an archive'
+
+# ---------------------------------------------------------------- pull
+quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci:$work/served:latest"
+quietly skopeo copy --insecure-policy "oci:$work/zstd:latest" "oci:$work/served:zstd"
+python3 "$tests/registry.py" "$work/served" "$work/port" &
+registry=$!
+eventually test -s "$work/port"
+host=127.0.0.1:$(<"$work/port")
+run zncctl pull -q "$host/team/app"
+check 'a registry without TLS is refused by default' test "$status/$out" = 1/
+run zncctl pull -q --tls-verify=false "$host/team/app"
+check 'pull prints the id' grep -qx '[0-9a-f]\{64\}' "$work/out"
+pulled=$out
+check 'which is that of the registry' test "sha256:$pulled" = \
+    "$(skopeo inspect --raw "oci:$work/served:latest" | jq -r .config.digest)"
+digest=$(skopeo inspect --raw "oci:$work/served:latest" | sha256sum | cut -d ' ' -f 1)
+run zncctl run --network none --progress none "$host/team/app"
+expect 'it runs' 0 'from the second layer' ''
+run zncctl run --network none --progress none "$host/team/app@sha256:$digest"
+expect 'and is found by its digest' 0 'from the second layer' ''
+run zncctl pull -q --tls-verify=false "$host/team/app:zstd"
+check 'pull converts what the library cannot unpack' test "$status" = 0
+run zncctl run --network none --progress none "$host/team/app:zstd"
+expect 'which runs as well' 0 'from the second layer' ''
+before=$(zncctl images --format json)
+run zncctl pull -q --tls-verify=false "$host/team/app"
+check 'pulling it again changes nothing' test "$status/$out" = "0/$pulled" -a \
+    "$(jq -S 'sort_by(.name)' <<<"$before")" = "$(zncctl images --format json | jq -S 'sort_by(.name)')"
+run zncctl pull -q --tls-verify=false "docker://$host/team/app@sha256:$digest"
+check 'pull by digest' test "$status/$out" = "0/$pulled"
+check 'keeps the digest as the name' grep -q "$host/team/app@sha256:$digest" <<<"$(names)"
+run zncctl pull -q --tls-verify=false "$host/team/app:none"
+check 'pull of what is not there fails' test "$status/$out" = 1/
+check 'and leaves nothing' no_stage
+run zncctl pull -q "oci:$work/layout:latest" "dir:$work/plain"
+check 'pull takes the transports of skopeo' test "$status" = 0
+check 'and names them by the directory' grep -q 'localhost/layout:latest .*localhost/plain:latest' <<<"$(names)"
+PATH=/nowhere run "$ZNCCTL" pull busybox
+check 'without skopeo pull says what to install' test "$status/$(error_line)" = \
+    '1/skopeo: No such file or directory'
+check 'in a hint' grep -q '^zncctl: hint: .*install the package skopeo' "$work/err"
+pids=()
+for i in 1 2 3 4; do
+    "$ZNCCTL" pull -q --tls-verify=false "$host/one/app:zstd" "$host/two/app$((i % 2))" </dev/null \
+        >/dev/null 2>>"$work/pulls" &
+    pids[i]=$!
+done
+ok=0
+for i in 1 2 3 4; do wait "${pids[i]}" && ok=$((ok + 1)); done
+check 'pulls of the same images at once all succeed' test "$ok" = 4
+check 'and leave one of each' test "$(names | tr ' ' '\n' | grep -Ec '/(one|two)/')" = 3 -a \
+    "$(zncctl images -q "$host/two/app0")" = "$(zncctl images -q "$host/two/app1")"
+check 'the store is whole' store_is_whole
+kill "$registry"
+wait "$registry" 2>/dev/null
+for name in $(names); do zncctl rmi "$name" >/dev/null; done
+check 'everything can be removed' test "$(names)/$(blobs)" = /0
+zncctl storage gc -q
+
+# ---------------------------------------------------------------- at once
+zncctl import -q "$work/root" many
+zncctl tag many other
+mkdir "$work/runs"
+for i in {1..20}; do
+    name=many
+    [[ $((i % 2)) = 0 ]] && name=other
+    "$ZNCCTL" run --network none --progress none "$name" "c$i" </dev/null >"$work/runs/$i" 2>&1 &
+    pids[i]=$!
+done
+ok=0
+for i in {1..20}; do wait "${pids[i]}" && ok=$((ok + 1)); done
+check 'twenty containers of one image at once all run' test "$ok" = 20
+check 'and its layers are stored once' test "$(layers)" = 1
+for i in 1 2; do
+    run zncctl unpack --progress none many "$work/bundle$i"
+    check "it can be unpacked beside them ($i)" test "$status" = 0
+done
+check 'which stores no layer again' test "$(layers)" = 1
+zncctl import -q "$work/layout" layered
+for i in 3 4 5; do
+    run zncctl unpack --progress none layered "$work/bundle$i"
+    check "so can an image of several layers ($i)" test "$status" = 0
+    run zncctl create "b$i" "$work/bundle$i"
+    run zncctl start -a "b$i"
+    expect "and each bundle runs ($i)" 0 'from the second layer' ''
+done
+zncctl rmi layered >/dev/null
+pids=()
+for i in {1..6}; do
+    (for j in {1..5}; do
+        "$ZNCCTL" tag many "t$i-$j" && "$ZNCCTL" rmi "t$i-$j"
+    done) >/dev/null 2>>"$work/changes" &
+    pids[i]=$!
+done
+"$ZNCCTL" import -q "$work/layout" another 2>>"$work/changes" &
+pids[7]=$!
+wait "${pids[@]}"
+check 'changes at once all succeed' test ! -s "$work/changes"
+check 'and lose nothing' test "$(names)" = 'localhost/another:latest localhost/many:latest localhost/other:latest '
+
+# An import that is killed leaves nothing for longer than to the next change.
+killed() {
+    local importer
+    "$ZNCCTL" import -q "$work/root.tar" killed </dev/null >/dev/null 2>&1 &
+    importer=$!
+    # as soon as it has a stage, unless it is done before
+    while [[ -d /proc/$importer ]] && no_stage; do :; done
+    kill -s KILL "$importer" 2>/dev/null
+    wait "$importer" 2>/dev/null
+}
+for _ in {1..5}; do killed; done
+check 'a killed import leaves a whole store' store_is_whole
+zncctl rmi killed >/dev/null 2>&1
+mkdir "$store/.new-left"
+echo left >"$work/left"
+left=$store/blobs/sha256/$(sha256sum "$work/left" | cut -d ' ' -f 1)
+cp "$work/left" "$left"
+zncctl storage gc -q
+check 'storage gc removes blobs that no image needs' test ! -e "$left"
+check 'and no others' store_is_whole
+zncctl import -q "$work/root" after
+check 'what it left is removed by the next' no_stage
+cp "$store/index.json" "$work/index"
+for text in '{' '{"manifests":{}}' '{"manifests":[{"digest":"../../x"}]}' '{"manifests":[],"manifests":[]}'; do
+    printf '%s' "$text" >"$store/index.json"
+    run zncctl images
+    check 'a damaged index is reported' test "$status/$out" = 1/
+    run zncctl rmi after
+    check 'and not changed' test "$status/$(<"$store/index.json")" = "1/$text"
+done
+cp "$work/index" "$store/index.json"
+printf x >>"$store/blobs/sha256/$(id_of after | cut -d : -f 2)"
+run zncctl run --network none after
+check 'a damaged image does not run' test "$status/$out" = 125/
+run zncctl run --network none --progress none another
+expect 'the others do' 0 'from the second layer' ''
+stop_daemon
+run zncctl rmi many other another after
+check 'rmi needs no daemon' test "$status" = 0
+check 'a damaged image is removed, too' test "$(names)/$(blobs)" = /0
+
+finish
