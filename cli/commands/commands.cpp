@@ -150,8 +150,11 @@ constexpr Option kStatsOptions[] = {
     kFormat,
 };
 constexpr Option kDeleteOptions[] = {
-    {'f', "force", nullptr, "delete a running container too: kill its processes"},
+    {'f', "force", nullptr,
+     "delete a running container too: kill its processes; ignore ids that do not exist"},
+    {'a', "all", nullptr, "delete every container"},
     {0, "all-stopped", nullptr, "delete every stopped container"},
+    {'v', "volumes", nullptr, "no effect: there are no anonymous volumes"},
     kQuiet,
 };
 constexpr Option kListOptions[] = {
@@ -161,6 +164,18 @@ constexpr Option kListOptions[] = {
      "created running paused stopped"},
     {0, "bundle", "BUNDLE", "list only containers made from this bundle", Word::kDirectory},
     {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
+};
+constexpr Option kPsOptions[] = {
+    {'a', "all", nullptr, "list containers that are not running, too"},
+    {'q', "quiet", nullptr, "print only the ids"},
+    {'f', "filter", "KEY=VALUE",
+     "list only containers with this name, id, status, label, ancestor or exited; may be repeated"},
+    {0, "format", "FORMAT", "\"table\", \"json\", or fields such as \"{{.ID}} {{.Status}}\""},
+    {0, "no-trunc", nullptr, "do not truncate the output"},
+};
+constexpr Option kPruneOptions[] = {
+    {'f', "force", nullptr, "no effect: it does not ask"},
+    {0, "filter", "KEY=VALUE", "delete only containers that match, as for ps; may be repeated"},
 };
 constexpr Option kTopOptions[] = {kFormat};
 constexpr Option kUnpackOptions[] = {
@@ -218,7 +233,11 @@ constexpr Command kCommands[] = {
      kId, "", cmd_update},
     {"delete", "rm", "[ID...]", "delete containers", kDeleteOptions, 0, kMany, kId, "", cmd_delete},
     {"state", "", "ID", "print the state of a container", {}, 1, 1, kId, "", cmd_state},
-    {"list", "ps ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
+    {"ps", "", "", "list running containers with their images and commands", kPsOptions, 0, 0,
+     kNone, "", cmd_ps},
+    {"container prune", "", "", "delete all containers whose program has ended", kPruneOptions, 0,
+     0, kNone, "", cmd_container_prune},
+    {"list", "ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
     {"inspect", "", "ID", "print all details of a container", {}, 1, 1, kId, "", cmd_inspect},
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"stats", "", "[ID...]", "show what containers use of processor, memory and devices",
@@ -247,6 +266,9 @@ constexpr Command kCommands[] = {
      0, 0, kNone, "", cmd_storage_df},
     {"storage gc", "", "[BUNDLE...]", "remove stored data that no bundle and no container needs",
      kGcOptions, 0, kMany, kDir, "", cmd_storage_gc},
+    {"system df", "", "", "the same as storage df", kDfOptions, 0, 0, kNone, "", cmd_storage_df},
+    {"system prune", "", "[BUNDLE...]", "the same as storage gc", kGcOptions, 0, kMany, kDir, "",
+     cmd_storage_gc},
     {"ping", "", "", "check whether the daemon answers", {}, 0, 0, kNone, "", cmd_ping},
     {"version", "", "", "print the versions of client, daemon and protocol", kVersionOptions, 0, 0,
      kNone, "", cmd_version},
