@@ -141,7 +141,7 @@ RecordKeeper RecordKeeper::begin(const std::string& id)
     znc::UniqueFd lock = keeper.dir_ ? open_lock(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
-    for (const char* old : {kStatusName, kLogName, kOldLogName})
+    for (const char* old : {kStatusName, kLogName, kOldLogName, kLogTimesName, kOldLogTimesName})
         ::unlinkat(keeper.dir_.get(), old, 0);
     if (::ftruncate(lock.get(), 0) != 0)
         return {};
@@ -226,7 +226,8 @@ void remove_record(const std::string& id)
         return;
     // The lock file is removed as well. A keeper that still exists goes on writing to files that
     // have no name any more.
-    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLockName})
+    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLogTimesName,
+                             kOldLogTimesName, kLockName})
         ::unlinkat(dir.get(), name, 0);
     if (!open_network_end(dir.get(), O_WRONLY))
         ::unlinkat(dir.get(), kNetworkName, 0);

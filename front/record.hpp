@@ -103,6 +103,8 @@ class NetworkEnd {
 
 inline constexpr const char* kLogName = "log";
 inline constexpr const char* kOldLogName = "log.1";
+inline constexpr const char* kLogTimesName = "log.times";
+inline constexpr const char* kOldLogTimesName = "log.1.times";
 
 } // namespace zncctl
 

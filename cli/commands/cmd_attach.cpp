@@ -28,12 +28,13 @@ int attach(const std::string& id, bool relayed)
     if (!record_is_kept(dir.get()))
         return failure(id, "it has ended; 'zncctl wait' prints its exit code", kExitStartFailed);
     bool printed = false;
+    const auto read = [&reader] { return reader.read(); };
     if (relayed) {
         const SignalQueue signals;
         SignalRelay relay(id);
-        printed = follow(dir.get(), reader, [&] { pass_signals(signals, relay); });
+        printed = follow(dir.get(), read, [&] { pass_signals(signals, relay); });
     } else {
-        printed = follow(dir.get(), reader, nullptr);
+        printed = follow(dir.get(), read, nullptr);
     }
     if (!printed) {
         static_cast<void>(local_failure(errno, "standard output"));

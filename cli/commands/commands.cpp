@@ -122,7 +122,9 @@ constexpr Option kExecOptions[] = {
 };
 constexpr Option kLogsOptions[] = {
     {'f', "follow", nullptr, "follow the log until the program has ended"},
-    {'n', "tail", "N", "print only the last N lines"},
+    {'n', "tail", "N", "print only the last N lines (default: all)"},
+    {'t', "timestamps", nullptr, "print before each line when it was written"},
+    {0, "since", "TIME", "print only lines written since this time, or so long ago, such as 10m"},
 };
 constexpr Option kWaitOptions[] = {kSeconds};
 constexpr Option kKillOptions[] = {

@@ -196,7 +196,34 @@ run zncctl logs --tail 9 trap
 expect 'or all there are' 0 $'ready\nterm' ''
 run zncctl logs --tail x trap
 check 'what is no number is a usage error' test "$status/$out" = 64/
+run zncctl logs --tail all trap
+expect 'or all of them' 0 $'ready\nterm' ''
+stamp='[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.[0-9]{9}Z'
+run zncctl logs -t -n 1 trap
+check 'logs --timestamps says when a line was written' grep -Eqx "$stamp term" "$work/out"
+check 'in this minute' test $(($(date +%s) - $(date -d "${out%% *}" +%s))) -lt 60
+run zncctl logs --since 10m trap
+expect 'logs --since takes a duration' 0 $'ready\nterm' ''
+run zncctl logs --since "$(date -u -d '+1 hour' +%FT%TZ)" trap
+expect 'or a time' 0 '' ''
+for time in soon '' 10x 1h2 2026-13-01T00:00:00Z; do
+    run zncctl logs --since "$time" trap
+    check "since '$time' is a usage error" test "$status/$out" = 64/
+done
 zncctl delete -q trap
+
+# The log of a program that has ended is complete.
+make_bundle "$work/once" /bin/echo once
+complete() {
+    local i
+    for i in {1..20}; do
+        zncctl run -d --name "once$i" -b "$work/once" >/dev/null
+        until [[ $(zncctl list --status stopped -q) == *"once$i"* ]]; do :; done
+        [[ $(zncctl logs "once$i") == once ]] || return
+        zncctl delete -q "once$i"
+    done
+}
+check 'the log is complete as soon as the container is stopped' complete
 
 # 6,000 lines of 10 bytes in a log of 8 KiB: the log contains the end of the output but not the beginning.
 # shellcheck disable=SC2016
@@ -213,6 +240,12 @@ import sys
 lines = open(sys.argv[1]).read().split("\n")[1:-1]
 numbers = [int(line[2:-1]) for line in lines]
 assert numbers == list(range(numbers[0], 106000))' "$work/out"
+run zncctl logs -t talks
+check 'so with times, in their order' python3 -c '
+import sys
+lines = open(sys.argv[1]).read().split("\n")[1:-1]
+assert lines == sorted(lines) and lines[-1].endswith(" l 105999."), lines[-1]
+assert all(" l " in line for line in lines[1:])' "$work/out"
 zncctl delete -q talks
 
 # A process that the program leaves behind keeps the output open, but does not delay the exit code.
