@@ -167,6 +167,9 @@ constexpr Option kListOptions[] = {
     {0, "bundle", "BUNDLE", "list only containers made from this bundle", Word::kDirectory},
     {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
 };
+constexpr Option kCpOptions[] = {
+    {'a', "archive", nullptr, "no effect: the owner in a container is that of its program"},
+};
 constexpr Option kPsOptions[] = {
     {'a', "all", nullptr, "list containers that are not running, too"},
     {'q', "quiet", nullptr, "print only the ids"},
@@ -233,6 +236,8 @@ constexpr Command kCommands[] = {
      1, kMany, kId, "", cmd_resume},
     {"update", "", "ID...", "change the resource limits of containers", kUpdateOptions, 1, kMany,
      kId, "", cmd_update},
+    {"cp", "", "SOURCE DESTINATION", "copy files between a container and the host", kCpOptions, 2,
+     2, Word::kFile, "", cmd_cp},
     {"delete", "rm", "[ID...]", "delete containers", kDeleteOptions, 0, kMany, kId, "", cmd_delete},
     {"state", "", "ID", "print the state of a container", {}, 1, 1, kId, "", cmd_state},
     {"ps", "", "", "list running containers with their images and commands", kPsOptions, 0, 0,

@@ -31,6 +31,7 @@ int cmd_attach(const Arguments& args);
 int cmd_completion(const Arguments& args);
 int cmd_config_check(const Arguments& args);
 int cmd_container_prune(const Arguments& args);
+int cmd_cp(const Arguments& args);
 int cmd_create(const Arguments& args);
 int cmd_delete(const Arguments& args);
 int cmd_exec(const Arguments& args);

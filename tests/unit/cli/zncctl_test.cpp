@@ -135,7 +135,8 @@ TEST(FindCommand, ATwoWordNameNeedsBothWords)
 
 TEST(FindCommand, AnAliasIsTheCommand)
 {
-    EXPECT_EQ(find_command(Words{"ps"}).command, &row({"list"}));
+    EXPECT_EQ(find_command(Words{"unpause"}).command, &row({"resume"}));
+    EXPECT_NE(find_command(Words{"ps"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"ls"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"rm"}).command, &row({"delete"}));
 }
