@@ -3,10 +3,14 @@
 #include "front/output.hpp"
 #include "front/parse.hpp"
 #include "front/usage.hpp"
+#include "front/words.hpp"
 
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <string>
+#include <vector>
 #include <zncontainer.h>
 
 namespace {
@@ -24,10 +28,36 @@ void fill_standard_streams()
     } while (fd && fd.get() <= STDERR_FILENO);
 }
 
-int bad_usage(std::string_view problem, const std::string& usage)
+int bad_usage(std::string_view problem, const std::string& usage, std::string_view hint = "")
 {
     const int status = usage_failure(problem);
+    if (!hint.empty())
+        print_hint(hint);
     std::fputs(usage.c_str(), stderr);
+    return status;
+}
+
+// Prints which command may have been meant.
+void suggest_command(std::span<char* const> words)
+{
+    std::string typed = words[0];
+    std::vector<std::string> names = {"help"};
+    for (const Command& command : commands()) {
+        names.emplace_back(command.name);
+        for (std::string& alias : split_words(command.aliases))
+            names.push_back(std::move(alias));
+        if (words.size() > 1 && std::string_view(command.name).starts_with(typed + " "))
+            typed = fmt::format("{} {}", words[0], words[1]);
+    }
+    if (const std::string meant = closest_word(typed, names); !meant.empty())
+        print_hint(fmt::format("did you mean '{}'?", meant));
+}
+
+int unknown_command(std::span<char* const> words)
+{
+    const int status = usage_failure(fmt::format("unknown command '{}'", words[0]));
+    suggest_command(words);
+    std::fputs(usage_line().c_str(), stderr);
     return status;
 }
 
@@ -48,7 +78,7 @@ int run(std::span<char* const> words)
         words = words.subspan(1);
     const Found found = find_command(words);
     if (found.command == nullptr)
-        return bad_usage("unknown command '" + std::string(words[0]) + "'", usage_line());
+        return unknown_command(words);
     const Command& command = *found.command;
     const std::span<char* const> rest = words.subspan(found.words);
     if (first == "help" && !rest.empty())
@@ -57,7 +87,7 @@ int run(std::span<char* const> words)
     if (first == "help" || parsed.help)
         return print_result(help_text(command));
     if (!parsed.problem.empty())
-        return bad_usage(parsed.problem, usage_line(command));
+        return bad_usage(parsed.problem, usage_line(command), parsed.hint);
     const int status = command.run(parsed.args);
     if (status == kExitUsage)
         std::fputs(usage_line(command).c_str(), stderr);

@@ -64,6 +64,15 @@ class Arguments {
 
 inline constexpr std::size_t kMany = SIZE_MAX; // no upper limit
 
+// Whether the words after the first operand belong to another program, so that none of them is an
+// option.
+enum class ProgramWords {
+    kNone,
+    kAll,
+    kAfterMark, // the same, but a "--" between the first operand and these words is dropped
+    kAfterName, // only if the option --name precedes them
+};
+
 struct Command {
     const char* name;      // for example "image inspect"
     const char* aliases;   // other names, separated by blanks
@@ -75,8 +84,7 @@ struct Command {
     Word word; // what kind of words the operands are
     const char* choices;
     int (*run)(const Arguments& args); // returns the exit status; null in zncctl-import
-    // The words after the first operand belong to another program: none of them is an option.
-    bool runs_program = false;
+    ProgramWords program = ProgramWords::kNone;
 };
 
 } // namespace zncctl

@@ -122,6 +122,17 @@ std::string utf8(std::string_view bytes)
     return text;
 }
 
+bool is_utf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const Character character = first_character(text);
+        if (character.code == kInvalid)
+            return false;
+        text.remove_prefix(character.bytes);
+    }
+    return true;
+}
+
 std::size_t character_count(std::string_view text)
 {
     std::size_t count = 0;

@@ -20,6 +20,14 @@ std::string printable_lines(std::string_view text);
 // bytes as U+FFFD.
 std::string printable_json(std::string_view json);
 
+bool is_utf8(std::string_view text);
+
+// Whether a text has characters that printable() replaces.
+inline bool has_controls(std::string_view text)
+{
+    return printable(text) != text;
+}
+
 // Converts bytes that may not be UTF-8, such as a file name, to UTF-8: invalid bytes become "\xNN".
 std::string utf8(std::string_view bytes);
 

@@ -9,13 +9,21 @@
 namespace zncctl {
 namespace {
 
+const Option* find_option(const Command& command, std::string_view name, char letter)
+{
+    for (const Option& option : command.options)
+        if (name.empty() ? option.letter == letter : name == option.name)
+            return &option;
+    return nullptr;
+}
+
 // Sets up the parser for one command.
 class CommandLine {
   public:
     CommandLine(const Command& command, std::size_t words, std::size_t after_mark)
         : command_(command), operands_(words), after_mark_(after_mark)
     {
-        app_.set_help_flag("-h,--help");
+        app_.set_help_flag(find_option(command, "", 'h') != nullptr ? "--help" : "-h,--help");
         values_.resize(command.options.size());
         options_.resize(command.options.size());
         for (std::size_t i = 0; i < command.options.size(); i++)
@@ -36,7 +44,7 @@ class CommandLine {
             result.help = true;
             return result;
         } catch (const CLI::ExtrasError&) {
-            result.problem = fmt::format("unknown option '{}'", app_.remaining().front());
+            unknown_option(app_.remaining().front(), result);
             return result;
         } catch (const CLI::ParseError& e) {
             result.problem = problem(e);
@@ -75,6 +83,17 @@ class CommandLine {
         return std::string(text);
     }
 
+    void unknown_option(std::string_view word, Parsed& result) const
+    {
+        const std::string_view name = word.substr(0, word.find('='));
+        result.problem = fmt::format("unknown option '{}'", name);
+        std::vector<std::string> names = {"--help"};
+        for (const Option& option : command_.options)
+            names.push_back(fmt::format("--{}", option.name));
+        if (const std::string meant = closest_word(name, names); !meant.empty())
+            result.hint = fmt::format("did you mean '{}'?", meant);
+    }
+
     void fill(Parsed& result)
     {
         for (std::size_t i = 0; i < command_.options.size(); i++) {
@@ -90,7 +109,7 @@ class CommandLine {
         for (std::size_t i = 0; i + after_mark_ < given; i++)
             if (const std::string_view word = result.args.operand(i);
                 word.size() > 1 && word[0] == '-')
-                result.problem = fmt::format("unknown option '{}'", word);
+                unknown_option(word, result);
         if (!result.problem.empty())
             return;
         if (given < command_.min_operands)
@@ -107,14 +126,6 @@ class CommandLine {
     std::size_t after_mark_; // number of operands after "--"
 };
 
-const Option* find_option(const Command& command, std::string_view name, char letter)
-{
-    for (const Option& option : command.options)
-        if (name.empty() ? option.letter == letter : name == option.name)
-            return &option;
-    return nullptr;
-}
-
 // Whether the value of the option, or of the last of several letters, is in the next word.
 bool takes_next_word(const Command& command, std::string_view word)
 {
@@ -130,34 +141,62 @@ bool takes_next_word(const Command& command, std::string_view word)
 }
 
 // For a command that runs a program: puts the mark that ends the options before the first operand.
-// If the user wrote one behind that operand, it is removed: it is not meant for the program.
 std::vector<const char*> mark_program(const Command& command, std::span<char* const> words)
 {
     std::vector<const char*> marked(words.begin(), words.end());
     std::size_t at = 0;
+    bool named = false;
     while (at < marked.size() && marked[at][0] == '-' && marked[at][1] != '\0') {
         if (std::string_view(marked[at]) == "--")
             return marked;
+        named = named || std::string_view(marked[at]) == "--name" ||
+                std::string_view(marked[at]).starts_with("--name=");
         at += takes_next_word(command, marked[at]) ? 2 : 1;
     }
-    if (at >= marked.size())
+    if (at >= marked.size() || (command.program == ProgramWords::kAfterName && !named))
         return marked;
     const auto operand = marked.begin() + static_cast<std::ptrdiff_t>(at);
-    if (operand + 1 != marked.end() && std::string_view(operand[1]) == "--")
+    if (command.program == ProgramWords::kAfterMark && operand + 1 != marked.end() &&
+        std::string_view(operand[1]) == "--")
         marked.erase(operand + 1);
     marked.insert(marked.begin() + static_cast<std::ptrdiff_t>(at), "--");
     return marked;
 }
 
+const Option* signal_option(const Command& command)
+{
+    for (const Option& option : command.options)
+        if (option.word == Word::kSignal)
+            return &option;
+    return nullptr;
+}
+
+// Whether a word is a signal that is given like an option: "-9", "-KILL".
+bool is_signal_word(std::string_view word)
+{
+    const auto all = [text = word.substr(std::min<std::size_t>(word.size(), 1))](char low,
+                                                                                 char high) {
+        return std::all_of(text.begin(), text.end(), [=](char c) { return c >= low && c <= high; });
+    };
+    constexpr std::size_t kNameMin = 4; // "-HUP"; shorter ones can be several flags
+    return word.starts_with('-') && word.size() > 1 &&
+           (all('0', '9') || (word.size() >= kNameMin && all('A', 'Z')));
+}
+
 // CLI11 treats "--name=" as an option without a value: split it into two words, so that the value
 // is "".
-std::vector<std::string> to_texts(std::span<const char* const> words)
+std::vector<std::string> to_texts(const Command& command, std::span<const char* const> words)
 {
     std::vector<std::string> result;
+    const Option* signal = signal_option(command);
     bool options_end = false;
+    bool is_value = false;
     for (const char* word : words) {
         std::string text = word;
         options_end = options_end || text == "--";
+        if (signal != nullptr && !options_end && !is_value && is_signal_word(text))
+            text = fmt::format("--{}={}", signal->name, text.substr(1));
+        is_value = !is_value && takes_next_word(command, text);
         const bool empty_value =
             !options_end && text.starts_with("--") && text.find('=') + 1 == text.size();
         if (empty_value)
@@ -174,8 +213,9 @@ std::vector<std::string> to_texts(std::span<const char* const> words)
 Parsed parse(const Command& command, std::span<char* const> words)
 {
     std::vector<std::string> all =
-        to_texts(command.runs_program ? mark_program(command, words)
-                                      : std::vector<const char*>(words.begin(), words.end()));
+        to_texts(command, command.program != ProgramWords::kNone
+                              ? mark_program(command, words)
+                              : std::vector<const char*>(words.begin(), words.end()));
     const auto mark = std::find(all.begin(), all.end(), "--");
     const auto after_mark = mark == all.end() ? 0 : all.end() - mark - 1;
     CommandLine line(command, all.size(), static_cast<std::size_t>(after_mark));

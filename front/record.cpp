@@ -3,6 +3,7 @@
 #include "container_id.hpp"
 #include "files.hpp"
 #include "json.hpp"
+#include "words.hpp"
 #include "zarnel/daemon_file.h"
 
 #include <array>
@@ -140,8 +141,10 @@ RecordKeeper RecordKeeper::begin(const std::string& id)
     znc::UniqueFd lock = keeper.dir_ ? open_lock(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
-    for (const char* old : {kStatusName, kLogName, kOldLogName})
+    for (const char* old : {kStatusName, kLogName, kOldLogName, kLogTimesName, kOldLogTimesName})
         ::unlinkat(keeper.dir_.get(), old, 0);
+    if (::ftruncate(lock.get(), 0) != 0)
+        return {};
     keeper.lock_ = std::move(lock);
     return keeper;
 }
@@ -157,6 +160,9 @@ void RecordKeeper::write(const Record& record) const
         json["exitCode"] = *record.exit_code;
         json["exited"] = record.exited;
         json["oomKilled"] = record.out_of_memory;
+        const std::string code = std::to_string(*record.exit_code);
+        if (::pwrite(lock_.get(), code.data(), code.size(), 0) < 0)
+            errno = 0; // the record itself may still be written
     }
     static_cast<void>(replace_file(dir_.get(), kStatusName, pretty(json)));
 }
@@ -193,6 +199,16 @@ bool record_is_kept(int dir)
     return lock && ::flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
+RecordEnd::RecordEnd(int dir) : lock_(open_lock(dir, false)) {}
+
+std::optional<int> RecordEnd::exit_code() const
+{
+    std::array<char, 16> text{};
+    const ssize_t length = ::pread(lock_.get(), text.data(), text.size(), 0);
+    return length > 0 ? to_number<int>({text.data(), static_cast<std::size_t>(length)})
+                      : std::nullopt;
+}
+
 std::vector<std::string> recorded_ids()
 {
     std::vector<std::string> ids;
@@ -210,7 +226,8 @@ void remove_record(const std::string& id)
         return;
     // The lock file is removed as well. A keeper that still exists goes on writing to files that
     // have no name any more.
-    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLockName})
+    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLogTimesName,
+                             kOldLogTimesName, kLockName})
         ::unlinkat(dir.get(), name, 0);
     if (!open_network_end(dir.get(), O_WRONLY))
         ::unlinkat(dir.get(), kNetworkName, 0);

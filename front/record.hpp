@@ -58,6 +58,20 @@ std::optional<Record> read_record(const std::string& id);
 // Whether the keeper still exists, so that the record may change.
 bool record_is_kept(int dir);
 
+// The end of a program whose record may be removed as soon as it ends: the file of its lock also
+// holds the exit code and is kept open.
+class RecordEnd {
+  public:
+    explicit RecordEnd(int dir);
+    explicit operator bool() const { return static_cast<bool>(lock_); }
+
+    // Nullopt while the program runs, or if its end was not recorded.
+    [[nodiscard]] std::optional<int> exit_code() const;
+
+  private:
+    znc::UniqueFd lock_;
+};
+
 // The ids of all containers that have a record, including containers that no longer exist.
 std::vector<std::string> recorded_ids();
 
@@ -89,6 +103,8 @@ class NetworkEnd {
 
 inline constexpr const char* kLogName = "log";
 inline constexpr const char* kOldLogName = "log.1";
+inline constexpr const char* kLogTimesName = "log.times";
+inline constexpr const char* kOldLogTimesName = "log.1.times";
 
 } // namespace zncctl
 

@@ -8,12 +8,12 @@
 namespace zncctl {
 namespace {
 
-// Formats an option: "-s, --signal SIG", with `between` between the two names.
-std::string option_text(const Option& option, const char* between)
+// Formats an option: "-s, --signal SIG".
+std::string option_text(const Option& option)
 {
     std::string text;
     if (option.letter != 0)
-        text = fmt::format("-{}{}", option.letter, between);
+        text = fmt::format("-{}, ", option.letter);
     text += fmt::format("--{}", option.name);
     if (option.value != nullptr)
         text += fmt::format(" {}", option.value);
@@ -61,8 +61,8 @@ std::string operand_markup(std::string_view operand)
 std::string usage_line(const Command& command)
 {
     std::string line = fmt::format("usage: zncctl {}", command.name);
-    for (const Option& option : command.options)
-        line += fmt::format(" [{}]", option_text(option, "|"));
+    if (!command.options.empty())
+        line += " [OPTION...]";
     if (command.arguments[0] != '\0')
         line += fmt::format(" {}", command.arguments);
     return line + "\n";
@@ -75,11 +75,11 @@ std::string help_text(const Command& command)
         text += fmt::format("\naliases: {}\n", command.aliases);
     std::size_t width = 0;
     for (const Option& option : command.options)
-        width = std::max(width, option_text(option, ", ").size());
+        width = std::max(width, option_text(option).size());
     if (width != 0)
         text += "\noptions:\n";
     for (const Option& option : command.options)
-        text += table_row(option_text(option, ", "), option.help, width);
+        text += table_row(option_text(option), option.help, width);
     return text;
 }
 

@@ -7,7 +7,8 @@
 
 namespace zncctl {
 
-std::string usage_line(const Command& command); // "usage: zncctl kill ...\n"
+// "usage: zncctl kill [OPTION...] ID...\n"; the help text lists the options.
+std::string usage_line(const Command& command);
 std::string help_text(const Command& command);
 
 // The synopsis for a manual page in scdoc format, one line: "*zncctl kill* [*-s*|*--signal* _SIG_]

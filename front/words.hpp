@@ -2,7 +2,9 @@
 #ifndef ZNC_FRONT_WORDS_HPP
 #define ZNC_FRONT_WORDS_HPP
 
+#include <algorithm>
 #include <charconv>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +22,43 @@ inline std::vector<std::string> split_words(std::string_view text)
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return words;
+}
+
+// The number of characters to insert, remove, replace or exchange with their neighbour to make one
+// word of another.
+inline std::size_t edit_distance(std::string_view from, std::string_view to)
+{
+    std::vector<std::size_t> before;
+    std::vector<std::size_t> last(to.size() + 1);
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(last.begin(), last.end(), std::size_t{0});
+    for (std::size_t i = 0; i < from.size(); i++) {
+        row[0] = i + 1;
+        for (std::size_t j = 0; j < to.size(); j++) {
+            const std::size_t replaced = last[j] + (from[i] == to[j] ? 0 : 1);
+            row[j + 1] = std::min({replaced, last[j + 1] + 1, row[j] + 1});
+            if (i > 0 && j > 0 && from[i] == to[j - 1] && from[i - 1] == to[j])
+                row[j + 1] = std::min(row[j + 1], before[j - 1] + 1);
+        }
+        before = last;
+        last = row;
+    }
+    return last[to.size()];
+}
+
+// The word that was probably meant, "" if none is similar. Long words have no similar ones.
+inline std::string closest_word(std::string_view word, const std::vector<std::string>& words)
+{
+    constexpr std::size_t kLong = 40;
+    std::size_t least = word.size() / 3 + 1;
+    std::string closest;
+    if (word.size() <= kLong)
+        for (const std::string& candidate : words)
+            if (const std::size_t distance = edit_distance(word, candidate); distance < least) {
+                least = distance;
+                closest = candidate;
+            }
+    return closest;
 }
 
 // Parses a text that consists of a number only.

@@ -93,8 +93,17 @@ constexpr zncctl::Command describe(const char* name, const char* arguments, cons
                                    std::span<const Option> options, std::size_t least,
                                    std::size_t most, bool program = false)
 {
-    return {name, "",      arguments, help, options, least, most, zncctl::Word::kAny,
-            "",   nullptr, program};
+    return {name,
+            "",
+            arguments,
+            help,
+            options,
+            least,
+            most,
+            zncctl::Word::kAny,
+            "",
+            nullptr,
+            program ? zncctl::ProgramWords::kAfterMark : zncctl::ProgramWords::kNone};
 }
 
 const Entry kCommands[] = {

@@ -67,7 +67,7 @@ for user in root app; do
         >"$work/podman.$user"
     rm -rf "$work/imported"
     "$zncctl" import --quiet "$work/$user.tar" "$work/imported:latest"
-    "$zncctl" run --os linux --progress none "$work/imported" >"$work/zncctl.$user"
+    "$zncctl" run --rm --os linux --progress none "$work/imported" >"$work/zncctl.$user"
     printf '\n%-24s %-34s %-34s\n' "observation ($user)" podman zncctl
     while IFS='	' read -r key theirs ours; do
         note=

@@ -24,24 +24,25 @@ int attach(const std::string& id, bool relayed)
     if (open_log_of(id, dir) != kExitOk)
         return kExitStartFailed;
     LogReader reader(dir.get(), true);
+    const RecordEnd end(dir.get());
     if (!record_is_kept(dir.get()))
         return failure(id, "it has ended; 'zncctl wait' prints its exit code", kExitStartFailed);
     bool printed = false;
+    const auto read = [&reader] { return reader.read(); };
     if (relayed) {
         const SignalQueue signals;
         SignalRelay relay(id);
-        printed = follow(dir.get(), reader, [&] { pass_signals(signals, relay); });
+        printed = follow(dir.get(), read, [&] { pass_signals(signals, relay); });
     } else {
-        printed = follow(dir.get(), reader, nullptr);
+        printed = follow(dir.get(), read, nullptr);
     }
     if (!printed) {
         static_cast<void>(local_failure(errno, "standard output"));
         return kExitStartFailed;
     }
-    const auto record = read_record(dir.get());
-    if (!record || !record->exit_code)
-        return failure(id, "its exit code is lost: its monitor was killed", kExitStartFailed);
-    return *record->exit_code;
+    if (const auto code = end.exit_code()) // the record itself is gone with --rm
+        return *code;
+    return failure(id, "its exit code is lost: its monitor was killed", kExitStartFailed);
 }
 
 } // namespace

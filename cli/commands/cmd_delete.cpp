@@ -1,19 +1,47 @@
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
 
-int zncctl::cmd_delete(const Arguments& args)
+#include <nlohmann/json.hpp>
+
+namespace zncctl {
+namespace {
+
+// The ids of all containers, or of those that have stopped. Nullopt with errno set.
+std::optional<std::vector<std::string>> existing_ids(bool stopped)
+{
+    if (stopped)
+        return ids_in_state(STATE_STOPPED);
+    const std::optional<Json> states = all_states();
+    if (!states)
+        return std::nullopt;
+    std::vector<std::string> ids;
+    for (const Json& state : *states)
+        ids.push_back(text_of(state, "id"));
+    return ids;
+}
+
+} // namespace
+
+int cmd_delete(const Arguments& args)
 {
     std::vector<std::string> ids = args.all_operands();
-    if (args.has("all-stopped") != ids.empty())
-        return usage_failure("either ids or --all-stopped must be given");
-    if (args.has("all-stopped")) {
-        const auto stopped = ids_in_state(STATE_STOPPED);
-        if (!stopped)
+    const bool all = args.has("all");
+    const bool stopped = args.has("all-stopped");
+    if ((all || stopped) != ids.empty() || (all && stopped))
+        return usage_failure("either ids, --all or --all-stopped must be given");
+    if (ids.empty()) {
+        const auto existing = existing_ids(stopped);
+        if (!existing)
             return daemon_failure(errno, "");
-        ids = *stopped;
+        ids = *existing;
     }
-    return for_each_id(ids, args.has("quiet"), [&](const std::string& id) {
-        return delete_container(id, args.has("force")) == OK ? static_cast<int>(kExitOk)
-                                                             : daemon_failure(errno, id);
+    const bool force = args.has("force");
+    return for_each_id(ids, true, [&](const std::string& id) {
+        if (delete_container(id, force) == OK)
+            return args.has("quiet") ? static_cast<int>(kExitOk) : print_result(printable(id));
+        // With --force, no container of that id is what is wanted.
+        return force && errno == ENODEV ? static_cast<int>(kExitOk) : daemon_failure(errno, id);
     });
 }
+
+} // namespace zncctl

@@ -26,12 +26,19 @@ int zncctl::signal_number(const char* text)
 
 int zncctl::cmd_kill(const Arguments& args)
 {
-    const char* wanted = args.value("signal", "TERM");
-    const int signo = signal_number(wanted);
+    std::vector<std::string> ids = args.all_operands();
+    std::string wanted = args.value("signal", "TERM");
+    // "kill ID SIGNAL", as runtimes have it, unless that is the id of a container.
+    if (!args.has("signal") && ids.size() == 2 && signal_number(ids[1].c_str()) >= 0 &&
+        status_of(ids[1]) == STATE_UNKNOWN) {
+        wanted = ids[1];
+        ids.pop_back();
+    }
+    const int signo = signal_number(wanted.c_str());
     if (signo < 0)
         return usage_failure(fmt::format("unknown signal '{}'", wanted));
     const unsigned option = args.has("all") ? ZNC_OPT_WHOLE_NAMESPACE : 0;
-    return for_each_id(args.all_operands(), args.has("quiet"), [&](const std::string& id) {
+    return for_each_id(ids, args.has("quiet"), [&](const std::string& id) {
         if (call_library([&] { return zncKill(id.c_str(), signo, option); }) != OK)
             return daemon_failure(errno, id);
         // Other signals wait until the container is resumed. KILL comes first: no process of a

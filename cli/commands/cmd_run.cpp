@@ -1,4 +1,5 @@
-// Combines create, start, wait and delete.
+// Combines create, start, wait and, with --rm, delete.
+#include "cli/containers/cid_file.hpp"
 #include "cli/containers/container.hpp"
 #include "cli/containers/foreground.hpp"
 #include "cli/containers/image_bundle.hpp"
@@ -6,59 +7,60 @@
 #include "commands.hpp"
 
 #include <fmt/format.h>
-#include <optional>
-#include <random>
+#include <stdexcept>
 
 namespace zncctl {
 namespace {
 
-std::string new_id()
-{
-    std::random_device random;
-    return fmt::format("{:08x}{:04x}", random(), random() & 0xffffU);
-}
-
-// A container for the duration of the command.
 class Run {
   public:
-    Run(const Arguments& args, std::size_t log_max, const Network& network)
-        : args_(args), log_max_(log_max), network_(network), from_bundle_(args.has("bundle")),
-          id_(args.operand(from_bundle_ ? 0 : 1) != nullptr ? args.operand(from_bundle_ ? 0 : 1)
-                                                            : new_id())
+    Run(const Arguments& args, const NewContainer& container, std::size_t log_max)
+        : args_(args), container_(container), id_(container.id), log_max_(log_max)
     {
     }
 
     int run()
     {
+        CidFile cid_file(args_);
         if (!find_bundle())
             return kExitStartFailed;
         // from here on a signal must not end zncctl before the container is deleted
         const SignalQueue signals;
-        if (create_container(id_, bundle_, network_) != kExitOk)
+        if (create_container(id_, bundle_, container_.network) != kExitOk)
             return kExitStartFailed;
+        if (!cid_file.write(id_)) {
+            static_cast<void>(local_failure(errno, args_.value("cidfile")));
+            delete_created();
+            return kExitStartFailed;
+        }
         return args_.has("detach") ? detached() : attached(signals);
     }
 
   private:
     bool find_bundle()
     {
-        if (from_bundle_)
-            return bundle_of_bundle(args_.value("bundle"), id_, network_, bundle_);
-        const auto wanted = find_image(args_, args_.operand(0));
-        return wanted && bundle_of_image(args_, *wanted, id_, network_, bundle_);
+        if (container_.image.empty())
+            return bundle_of_bundle(args_.value("bundle"), container_, bundle_);
+        const auto wanted = find_image(args_, container_.image.c_str());
+        return wanted && bundle_of_image(args_, *wanted, container_, bundle_);
     }
 
     int attached(const SignalQueue& signals)
     {
-        const int status = run_in_foreground(id_, signals, args_.has("tty"));
-        if (!args_.has("keep"))
+        const ContainerOptions& options = container_.options;
+        bool started = false;
+        const int status =
+            run_in_foreground(id_, signals, {options.tty, options.interactive}, &started);
+        if (options.remove || !started)
             delete_created();
         return status;
     }
 
     int detached()
     {
-        if (const int error = start_with_monitor(id_, log_max_); error != 0) {
+        const ContainerOptions& options = container_.options;
+        const MonitorOptions monitor = {log_max_, options.tty, options.interactive, options.remove};
+        if (const int error = start_with_monitor(id_, monitor); error != 0) {
             const int status = start_failure(error, id_);
             delete_created();
             return status;
@@ -74,31 +76,55 @@ class Run {
     }
 
     const Arguments& args_;
+    const NewContainer& container_;
+    const std::string& id_;
     std::size_t log_max_;
-    const Network& network_;
-    bool from_bundle_;
-    std::string id_;
     NewBundle bundle_;
 };
+
+// Reads everything before anything is created. Returns kExitOk, or another exit status after
+// printing a message.
+int read_container(const Arguments& args, NewContainer& container)
+{
+    std::vector<std::string> command = args.all_operands();
+    const bool from_image = !args.has("bundle");
+    if (from_image && command.empty())
+        return usage_failure("either --bundle or an image must be given");
+    if (from_image) {
+        container.image = command.front();
+        command.erase(command.begin());
+    }
+    try {
+        container.id = id_of_new_container(args);
+    } catch (const BadOption& bad) {
+        return usage_failure(bad.what());
+    }
+    if (const int status =
+            read_container_options(args, command, kExitStartFailed, container.options);
+        status != kExitOk)
+        return status;
+    return read_network(args, from_image, kExitStartFailed, container.network);
+}
 
 } // namespace
 
 int cmd_run(const Arguments& args)
 {
     std::size_t log_max = 0;
-    if (args.has("bundle") ? args.operands() > 1 : args.operands() < 1)
-        return usage_failure("either --bundle or an image layout must be given");
-    if (args.has("tty") && args.has("detach"))
-        return usage_failure("--tty cannot be combined with --detach");
+    NewContainer container;
+    if (const int status = read_container(args, container); status != kExitOk)
+        return status;
     if (!log_limit(args, log_max))
         return kExitUsage;
-    if (args.has("tty") && ::isatty(STDIN_FILENO) == 0)
-        return failure("", "--tty needs a terminal on standard input", kExitStartFailed);
-    Network network;
-    if (const int status = read_network(args, !args.has("bundle"), kExitStartFailed, network);
-        status != kExitOk)
-        return status;
-    return Run(args, log_max, network).run();
+    const ContainerOptions& options = container.options;
+    if (!args.has("detach") && options.tty && options.interactive && ::isatty(STDIN_FILENO) == 0)
+        return failure("", "--tty with --interactive needs a terminal on standard input",
+                       kExitStartFailed);
+    try {
+        return Run(args, container, log_max).run();
+    } catch (const std::runtime_error& error) {
+        return failure("", error.what(), kExitStartFailed);
+    }
 }
 
 } // namespace zncctl

@@ -42,15 +42,25 @@ int report_lost(const std::string& id)
 // message.
 int wait_for(const std::string& id, Clock::time_point deadline, End& end)
 {
+    std::optional<RecordEnd> first;
     for (;;) {
         const znc::UniqueFd dir = open_record(id);
+        if (dir && !first)
+            first.emplace(dir.get());
         const Outcome outcome = dir ? check_record(dir.get(), end) : Outcome::kRunning;
         if (outcome == Outcome::kEnded)
             return kExitOk;
         if (outcome == Outcome::kLost || !dir) {
             const CONTAINER_STATUS status = status_of(id);
+            const int error = errno;
+            // A container with --rm is deleted at its end.
+            if (const auto code = first ? first->exit_code() : std::nullopt;
+                status == STATE_UNKNOWN && code) {
+                end = {*code, false};
+                return kExitOk;
+            }
             if (status == STATE_UNKNOWN)
-                return daemon_failure(errno, id);
+                return daemon_failure(error, id);
             // The exit code may have been recorded since the record was checked.
             if (status == STATE_STOPPED && (!dir || check_record(dir.get(), end) == Outcome::kLost))
                 return report_lost(id);

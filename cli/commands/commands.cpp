@@ -3,6 +3,9 @@
 #include "front/import_command.hpp"
 #include "front/words.hpp"
 
+#include <algorithm>
+#include <array>
+
 namespace zncctl {
 namespace {
 
@@ -39,26 +42,74 @@ constexpr Option kPublish = {'p', "publish", "[IP:]HOSTPORT:PORT[/udp]",
                              "forward a port of the host to the container; may be repeated"};
 constexpr Option kSeconds = {0, "timeout", "SECONDS", "how long to wait (default: no limit)"};
 
-constexpr Option kAttachOptions[] = {
-    {0, "no-signals", nullptr, "do not forward signals to the program"},
-};
-constexpr Option kCreateOptions[] = {kBundle, kNetwork, kPublish};
-constexpr Option kStartOptions[] = {
-    {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},
-    {'d', "detach", nullptr, "return as soon as the program runs (default)"},
-    kLogMax,
-};
-constexpr Option kRunOptions[] = {
-    {'d', "detach", nullptr, "print the id and return as soon as the program runs; implies --keep"},
+// Options of run and create.
+constexpr Option kContainerOptions[] = {
+    {0, "name", "ID", "id of the container (default for run: a new one)"},
+    {0, "rm", nullptr, "delete the container when its program has ended"},
+    {'i', "interactive", nullptr, "pass standard input on to the program"},
     {'t', "tty", nullptr, "allocate a terminal for the program"},
-    {0, "keep", nullptr, "do not delete the container when its program has ended"},
-    {'b', "bundle", "BUNDLE", "run this bundle instead of an image", Word::kDirectory},
+    {'e', "env", "NAME[=VALUE]",
+     "set an environment variable, by default to zncctl's own value; may be repeated"},
+    {0, "env-file", "FILE", "set the variables in the lines of this file; may be repeated",
+     Word::kFile},
+    {'v', "volume", "SOURCE:DESTINATION[:ro]",
+     "mount a directory or file of the host; may be repeated"},
+    {0, "mount", "type=TYPE,...", "mount a \"bind\" or \"tmpfs\"; may be repeated"},
+    {0, "tmpfs", "DESTINATION[:OPTIONS]", "mount an empty file system in memory; may be repeated"},
+    {'w', "workdir", "DIR", "working directory in the container"},
+    {'u', "user", "USER[:GROUP]", "names or numbers of user and group in the container"},
+    {0, "entrypoint", "PROGRAM", "program to run instead of the image's entry point"},
+    {'h', "hostname", "NAME", "host name (default for an image: the id)"},
+    {0, "read-only", nullptr, "make the root read-only, with tmpfs at /run, /tmp and /var/tmp"},
+    {'m', "memory", "SIZE", "memory in bytes, or with the suffix k, m or g"},
+    {0, "memory-swap", "SIZE", "memory and swap together; -1: no limit"},
+    {0, "cpus", "N", "number of processors, for example 1.5"},
+    {0, "cpu-shares", "N", "weight when processors are scarce (2 to 262144, default: 1024)"},
+    {0, "cpuset-cpus", "LIST", "processors to run on, for example 0-2,4"},
+    {0, "pids-limit", "N", "number of processes (default: 4096)"},
+    {0, "cap-add", "NAME",
+     "add a capability (needs zncd --allow-privileged unless containers have it by default)"},
+    {0, "cap-drop", "NAME", "drop a capability, or ALL; may be repeated"},
+    {0, "security-opt", "OPTION",
+     "\"seccomp=FILE\", \"seccomp=unconfined\" or \"no-new-privileges[=false]\""},
+    {'l', "label", "NAME[=VALUE]", "set an annotation of the container; may be repeated"},
+    {0, "cidfile", "FILE", "write the id into this file, which must not exist", Word::kFile},
+    {0, "init", nullptr, "no effect: process 1 of each container reaps orphans"},
+    {0, "restart", "POLICY", "only \"no\": nothing restarts containers", Word::kChoice, "no"},
     kNetwork,
     kPublish,
     kOs,
     kArch,
     kImageMounts,
     kProgress,
+};
+
+template <std::size_t kFirst, std::size_t kSecond>
+constexpr std::array<Option, kFirst + kSecond> joined(const Option (&first)[kFirst],
+                                                      const Option (&second)[kSecond])
+{
+    std::array<Option, kFirst + kSecond> all{};
+    std::copy(first, first + kFirst, all.begin());
+    std::copy(second, second + kSecond, all.begin() + kFirst);
+    return all;
+}
+
+constexpr Option kOnlyCreate[] = {kBundle};
+constexpr auto kCreateOptions = joined(kOnlyCreate, kContainerOptions);
+constexpr Option kOnlyRun[] = {
+    {'d', "detach", nullptr, "print the id and return as soon as the program runs"},
+    {'b', "bundle", "BUNDLE", "run this bundle instead of an image", Word::kDirectory},
+    kLogMax,
+    {0, "keep", nullptr, "no effect: containers are kept unless --rm is given"},
+};
+constexpr auto kRunOptions = joined(kOnlyRun, kContainerOptions);
+
+constexpr Option kAttachOptions[] = {
+    {0, "no-signals", nullptr, "do not forward signals to the program"},
+};
+constexpr Option kStartOptions[] = {
+    {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},
+    {'d', "detach", nullptr, "return as soon as the program runs (default)"},
     kLogMax,
 };
 constexpr Option kExecOptions[] = {
@@ -73,7 +124,9 @@ constexpr Option kExecOptions[] = {
 };
 constexpr Option kLogsOptions[] = {
     {'f', "follow", nullptr, "follow the log until the program has ended"},
-    {'n', "tail", "N", "print only the last N lines"},
+    {'n', "tail", "N", "print only the last N lines (default: all)"},
+    {'t', "timestamps", nullptr, "print before each line when it was written"},
+    {0, "since", "TIME", "print only lines written since this time, or so long ago, such as 10m"},
 };
 constexpr Option kWaitOptions[] = {kSeconds};
 constexpr Option kKillOptions[] = {
@@ -101,8 +154,11 @@ constexpr Option kStatsOptions[] = {
     kFormat,
 };
 constexpr Option kDeleteOptions[] = {
-    {'f', "force", nullptr, "delete a running container too: kill its processes"},
+    {'f', "force", nullptr,
+     "delete a running container too: kill its processes; ignore ids that do not exist"},
+    {'a', "all", nullptr, "delete every container"},
     {0, "all-stopped", nullptr, "delete every stopped container"},
+    {'v', "volumes", nullptr, "no effect: there are no anonymous volumes"},
     kQuiet,
 };
 constexpr Option kListOptions[] = {
@@ -112,6 +168,21 @@ constexpr Option kListOptions[] = {
      "created running paused stopped"},
     {0, "bundle", "BUNDLE", "list only containers made from this bundle", Word::kDirectory},
     {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
+};
+constexpr Option kCpOptions[] = {
+    {'a', "archive", nullptr, "no effect: the owner in a container is that of its program"},
+};
+constexpr Option kPsOptions[] = {
+    {'a', "all", nullptr, "list containers that are not running, too"},
+    {'q', "quiet", nullptr, "print only the ids"},
+    {'f', "filter", "KEY=VALUE",
+     "list only containers with this name, id, status, label, ancestor or exited; may be repeated"},
+    {0, "format", "FORMAT", "\"table\", \"json\", or fields such as \"{{.ID}} {{.Status}}\""},
+    {0, "no-trunc", nullptr, "do not truncate the output"},
+};
+constexpr Option kPruneOptions[] = {
+    {'f', "force", nullptr, "no effect: it does not ask"},
+    {0, "filter", "KEY=VALUE", "delete only containers that match, as for ps; may be repeated"},
 };
 constexpr Option kTopOptions[] = {kFormat};
 constexpr Option kUnpackOptions[] = {
@@ -158,7 +229,7 @@ constexpr Option kLoadOptions[] = {
     {'i', "input", "FILE", "the archive (default: standard input)", Word::kFile},
     {'q', "quiet", nullptr, "do not print the names"},
 };
-constexpr Option kPruneOptions[] = {
+constexpr Option kImagePruneOptions[] = {
     {'a', "all", nullptr, "also remove images with names that no container uses"},
     {'f', "force", nullptr, "do not ask"},
 };
@@ -172,14 +243,15 @@ constexpr Word kImage = Word::kImage;
 constexpr Word kNone = Word::kAny;
 
 constexpr Command kCommands[] = {
-    {"create", "", "ID [BUNDLE]", "create a container from a bundle", kCreateOptions, 1, 2, kDir,
-     "", cmd_create},
+    {"create", "", "[ID|IMAGE] [BUNDLE|COMMAND] [ARG...]",
+     "create a container from a bundle or, with --name, from an image", kCreateOptions, 0, kMany,
+     kDir, "", cmd_create, ProgramWords::kAfterName},
     {"start", "", "ID...", "start created containers", kStartOptions, 1, kMany, kId, "", cmd_start},
-    {"run", "", "[IMAGE] [ID]", "create and start a container, and delete it when it has ended",
-     kRunOptions, 0, 2, kDir, "", cmd_run},
+    {"run", "", "[IMAGE] [COMMAND] [ARG...]", "create a container and start its program",
+     kRunOptions, 0, kMany, kDir, "", cmd_run, ProgramWords::kAll},
     {"exec", "", "ID COMMAND [ARG...]",
      "start another program in a running container and exit with its status", kExecOptions, 2,
-     kMany, kId, "", cmd_exec, true},
+     kMany, kId, "", cmd_exec, ProgramWords::kAfterMark},
     {"attach", "", "ID", "follow a detached container and exit with its program's status",
      kAttachOptions, 1, 1, kId, "", cmd_attach},
     {"logs", "", "ID", "print the output of a detached container", kLogsOptions, 1, 1, kId, "",
@@ -196,9 +268,15 @@ constexpr Command kCommands[] = {
      1, kMany, kId, "", cmd_resume},
     {"update", "", "ID...", "change the resource limits of containers", kUpdateOptions, 1, kMany,
      kId, "", cmd_update},
+    {"cp", "", "SOURCE DESTINATION", "copy files between a container and the host", kCpOptions, 2,
+     2, Word::kFile, "", cmd_cp},
     {"delete", "rm", "[ID...]", "delete containers", kDeleteOptions, 0, kMany, kId, "", cmd_delete},
     {"state", "", "ID", "print the state of a container", {}, 1, 1, kId, "", cmd_state},
-    {"list", "ps ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
+    {"ps", "", "", "list running containers with their images and commands", kPsOptions, 0, 0,
+     kNone, "", cmd_ps},
+    {"container prune", "", "", "delete all containers whose program has ended", kPruneOptions, 0,
+     0, kNone, "", cmd_container_prune},
+    {"list", "ls", "", "list containers", kListOptions, 0, 0, kNone, "", cmd_list},
     {"inspect", "", "ID", "print all details of a container", {}, 1, 1, kId, "", cmd_inspect},
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"stats", "", "[ID...]", "show what containers use of processor, memory and devices",
@@ -238,8 +316,8 @@ constexpr Command kCommands[] = {
      cmd_tag},
     {"rmi", "", "IMAGE...", "remove names and images from the store", kRmiOptions, 1, kMany, kImage,
      "", cmd_rmi},
-    {"image prune", "", "", "remove images that no name and no container refers to", kPruneOptions,
-     0, 0, kNone, "", cmd_image_prune},
+    {"image prune", "", "", "remove images that no name and no container refers to",
+     kImagePruneOptions, 0, 0, kNone, "", cmd_image_prune},
     {"spec", "", "", "print a template config.json", kSpecOptions, 0, 0, kNone, "", cmd_spec},
     {"config check", "", "BUNDLE", "report what in a bundle's config.json is refused or ignored",
      kCheckOptions, 1, 1, kDir, "", cmd_config_check},
@@ -247,6 +325,9 @@ constexpr Command kCommands[] = {
      0, 0, kNone, "", cmd_storage_df},
     {"storage gc", "", "[BUNDLE...]", "remove stored data that no bundle and no container needs",
      kGcOptions, 0, kMany, kDir, "", cmd_storage_gc},
+    {"system df", "", "", "the same as storage df", kDfOptions, 0, 0, kNone, "", cmd_storage_df},
+    {"system prune", "", "[BUNDLE...]", "the same as storage gc", kGcOptions, 0, kMany, kDir, "",
+     cmd_storage_gc},
     {"ping", "", "", "check whether the daemon answers", {}, 0, 0, kNone, "", cmd_ping},
     {"version", "", "", "print the versions of client, daemon and protocol", kVersionOptions, 0, 0,
      kNone, "", cmd_version},

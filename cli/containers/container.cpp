@@ -15,6 +15,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "zarnel/ns.h"
+
 namespace zncctl {
 
 std::optional<Json> state_of(const std::string& id)
@@ -115,12 +117,16 @@ std::string bundle_problem(const std::string& bundle)
     return text ? ambiguity(*text) : "";
 }
 
-int create_failure(const std::string& id, const Network& network)
+int create_failure(const std::string& id, const std::string& bundle)
 {
     const int status = daemon_failure(errno, id);
-    if (network.kind == NetworkKind::kHost && status == kExitFailure)
-        print_hint("'--network host' needs a daemon that was started with --allow-privileged; the "
-                   "daemon's log says what it refuses");
+    std::array<char, ZNNS_REASON_MAX> reason{};
+    const auto config = read_file(bundle + "/config.json");
+    if (status == kExitFailure && config &&
+        znnsConfigurationCheck(config->c_str(), reason.data(), reason.size()) != OK &&
+        errno == EPERM)
+        print_hint(fmt::format("{}; this needs a daemon that was started with --allow-privileged",
+                               reason.data()));
     return status;
 }
 
@@ -129,13 +135,15 @@ int create_failure(const std::string& id, const Network& network)
 int create_container(const std::string& id, NewBundle& bundle, const Network& network)
 {
     const std::string& path = bundle.path;
+    int refused = kExitOk;
     if (const std::string problem = bundle_problem(path); !problem.empty())
-        return failure(path + "/config.json", problem);
-    if (call_library([&] { return zncCreate(id.c_str(), path.c_str(), 0, nullptr); }) != OK) {
-        const int status = create_failure(id, network);
+        refused = failure(path + "/config.json", problem);
+    else if (call_library([&] { return zncCreate(id.c_str(), path.c_str(), 0, nullptr); }) != OK)
+        refused = create_failure(id, path);
+    if (refused != kExitOk) {
         if (bundle.lock) // it was made for this container
             zncImageBundleDelete(path.c_str());
-        return status;
+        return refused;
     }
     bundle.lock.reset();
     bundle.in_use.reset(); // from now on the container itself keeps it from being collected

@@ -1,12 +1,15 @@
 #include "container_bundle.hpp"
 
 #include "cli/containers/config_check.hpp"
+#include "cli/containers/configure.hpp"
+#include "cli/containers/container_notes.hpp"
 #include "cli/containers/network_files.hpp"
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 
 #include <array>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -116,6 +119,38 @@ void write_files(int dir, const std::string& name, const Network& network)
     write_new(dir, kResolver, network.kind == NetworkKind::kPasta ? resolver_text(host) : host);
 }
 
+void set_host_name(Json& config, const NewContainer& container, bool from_image)
+{
+    std::string& name = member_of_type(config, "hostname", "").get_ref<std::string&>();
+    if (!container.options.host_name.empty())
+        name = container.options.host_name;
+    else if (from_image || name.empty())
+        name = host_name_of(container.id);
+}
+
+std::string port_text(const PublishedPort& port)
+{
+    const bool six = port.address.find(':') != port.address.npos;
+    const std::string address = port.address.empty() ? "0.0.0.0"
+                                : six                ? fmt::format("[{}]", port.address)
+                                                     : port.address;
+    return fmt::format("{}:{}->{}/{}", address, port.host, port.container,
+                       port.udp ? "udp" : "tcp");
+}
+
+ContainerNotes notes_of(const NewContainer& container)
+{
+    ContainerNotes notes;
+    notes.image = container.image;
+    for (const PublishedPort& port : container.network.ports)
+        notes.ports.push_back(port_text(port));
+    notes.created = std::time(nullptr);
+    notes.tty = container.options.tty;
+    notes.interactive = container.options.interactive;
+    notes.remove = container.options.remove;
+    return notes;
+}
+
 } // namespace
 
 void add_network(Json& config, const Network& network, const std::string& files)
@@ -131,7 +166,7 @@ void add_network(Json& config, const Network& network, const std::string& files)
 }
 
 void make_container_bundle(const std::string& bundle, const std::string& source,
-                           const std::string& id, const Network& network, Naming naming)
+                           const NewContainer& container, const Json* image)
 {
     Json config = read_config(source);
     const bool copied = bundle != source;
@@ -142,17 +177,19 @@ void make_container_bundle(const std::string& bundle, const std::string& source,
     if (!dir)
         throw_error(bundle);
     if (copied) {
-        make_root_absolute(config, source);
         copy_layers(dir.get(), source);
         if (!replace_file(dir.get(), kSource, source))
             throw_error(bundle);
     }
-    std::string& name = member_of_type(config, "hostname", "").get_ref<std::string&>();
-    if (naming == Naming::kById || name.empty())
-        name = host_name_of(id);
-    write_files(dir.get(), name, network);
-    add_network(config, network, bundle);
-    if (!replace_file(dir.get(), kConfig, pretty(config), true))
+    make_root_absolute(config, source);
+    set_host_name(config, container, image != nullptr);
+    configure(config, container.options, image);
+    if (container.network.kind != NetworkKind::kConfigured) {
+        write_files(dir.get(), text_of(config, "hostname"), container.network);
+        add_network(config, container.network, bundle);
+    }
+    if (!replace_file(dir.get(), kConfig, pretty(config), true) ||
+        !write_notes(dir.get(), notes_of(container)))
         throw_error(bundle + "/" + kConfig);
 }
 

@@ -1,4 +1,5 @@
-// environment.hpp - the environment of a program that is started in a container. Used by exec.
+// environment.hpp - the environment of a program that is started in a container. Used by exec, run
+// and create.
 #ifndef ZNC_CLI_CONTAINERS_ENVIRONMENT_HPP
 #define ZNC_CLI_CONTAINERS_ENVIRONMENT_HPP
 
@@ -21,6 +22,7 @@ class Environment {
     // Null if there is no such variable. The value ends where the entry ends.
     [[nodiscard]] const char* value(std::string_view name) const;
 
+    [[nodiscard]] const std::vector<std::string>& entries() const { return entries_; }
     // For execve(): null-terminated, valid until the next change.
     [[nodiscard]] std::vector<char*> pointers();
 

@@ -23,12 +23,13 @@ int open_log_of(const std::string& id, znc::UniqueFd& dir)
                    kExitWrongState);
 }
 
-bool follow(int dir, LogReader& reader, const std::function<void()>& meanwhile)
+bool follow(int dir, const std::function<std::string()>& read,
+            const std::function<void()>& meanwhile)
 {
     for (;;) {
         // Check before reading: everything written before the keeper ended is then read.
         const bool still_kept = record_is_kept(dir);
-        const std::string text = reader.read();
+        const std::string text = read();
         if (!write_all(STDOUT_FILENO, text))
             return false;
         if (!still_kept)

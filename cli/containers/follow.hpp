@@ -12,9 +12,10 @@ namespace zncctl {
 // printing a message.
 int open_log_of(const std::string& id, znc::UniqueFd& dir);
 
-// Prints new output until there will be no more, and calls `meanwhile` (may be null) after each
-// read. False with errno set if writing fails.
-bool follow(int dir, LogReader& reader, const std::function<void()>& meanwhile);
+// Prints what `read` returns, which is new output, until there will be no more, and calls
+// `meanwhile` (may be null) after each time. False with errno set if writing fails.
+bool follow(int dir, const std::function<std::string()>& read,
+            const std::function<void()>& meanwhile);
 
 } // namespace zncctl
 

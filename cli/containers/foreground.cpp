@@ -18,8 +18,10 @@ void SignalRelay::forward(int signo)
     last_ = signo;
 }
 
-int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tty)
+int run_in_foreground(const std::string& id, const SignalQueue& signals,
+                      const ForegroundOptions& options, bool* started)
 {
+    *started = false;
     if (const int error = startable(id); error != 0)
         return start_failure(error, id);
     SignalRelay relay(id);
@@ -27,7 +29,7 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tt
         signals,
         {[&relay](const Program& /*program*/, int signo) { relay.forward(signo); },
          [&id](const Program& /*program*/, int signo) { forward_signal(id, signo, true); }});
-    if (!session.open(tty, true))
+    if (!session.open(options.tty, options.interactive))
         return failure(id, "its standard streams cannot be created", kExitStartFailed);
     const RecordKeeper record = RecordKeeper::begin(id);
     const auto start = [&id](Program& program, const ProgramStreams& streams) {
@@ -37,6 +39,7 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tt
         remove_record(id);
         return start_failure(error, id);
     }
+    *started = true;
     Record program_record = describe(session.program(), false);
     record.write(program_record);
     note_end(program_record, id, session.wait());

@@ -8,10 +8,15 @@
 
 namespace zncctl {
 
+struct ForegroundOptions {
+    bool tty = false;         // the program gets a pseudo-terminal
+    bool interactive = false; // and zncctl's standard input, which is a terminal if `tty` is set
+};
+
 // Starts a created container and returns its program's exit status, or the exit status for the
-// failure. With `tty` the program gets a pseudo-terminal, and the caller's terminal on standard
-// input is put into raw mode.
-int run_in_foreground(const std::string& id, const SignalQueue& signals, bool tty);
+// failure. `started` is set to whether the program was started.
+int run_in_foreground(const std::string& id, const SignalQueue& signals,
+                      const ForegroundOptions& options, bool* started);
 
 // Forwards signals that zncctl receives to the program. Also used by attach.
 class SignalRelay {

@@ -262,11 +262,11 @@ std::string shared_bundle(const Arguments& args, const Wanted& wanted, const Cho
 }
 
 // Makes the configuration of a container's own bundle. Leaves no incomplete bundle.
-void finish_own(const std::string& own, const std::string& source, const std::string& id,
-                const Network& network, Naming naming)
+void finish_own(const std::string& own, const std::string& source, const NewContainer& container,
+                const Json* image)
 {
     try {
-        make_container_bundle(own, source, id, network, naming);
+        make_container_bundle(own, source, container, image);
         if (!is_complete(own) && !mark_complete(own))
             throw_error(own);
     } catch (const std::runtime_error&) {
@@ -277,38 +277,41 @@ void finish_own(const std::string& own, const std::string& source, const std::st
 
 // The bundle of an image for a container; "" after printing a message.
 std::string own_bundle_of_image(const Arguments& args, const Wanted& wanted, const Chosen& chosen,
-                                const std::string& id, const Network& network, NewBundle& bundle)
+                                const NewContainer& container, NewBundle& bundle)
 {
+    const Json no_settings = Json::object();
+    const Json* found = member(chosen.settled.document, "config");
+    const Json* image = found != nullptr ? found : &no_settings;
     bundle.in_use.emplace(bundle_area());
     if (zncOvlFsAvailable() == FALSE) {
         const Unpacking unpacking(wanted, chosen);
-        const auto own = lock_own(id, bundle);
+        const auto own = lock_own(container.id, bundle);
         if (!own || !unpack_bundle(args, wanted, unpacking, *own, false))
             return "";
-        finish_own(*own, *own, id, network, Naming::kById);
+        finish_own(*own, *own, container, image);
         return *own;
     }
     const std::string source = shared_bundle(args, wanted, chosen);
-    const auto own = source.empty() ? std::nullopt : lock_own(id, bundle);
+    const auto own = source.empty() ? std::nullopt : lock_own(container.id, bundle);
     if (!own)
         return "";
     if (!remove_bundle(*own))
         throw_error(*own);
-    finish_own(*own, source, id, network, Naming::kById);
+    finish_own(*own, source, container, image);
     return *own;
 }
 
 } // namespace
 
-bool bundle_of_image(const Arguments& args, Wanted wanted, const std::string& id,
-                     const Network& network, NewBundle& bundle)
+bool bundle_of_image(const Arguments& args, Wanted wanted, const NewContainer& container,
+                     NewBundle& bundle)
 {
     if (!Progress(args.value("progress", "auto")).known()) {
         usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
         return false;
     }
-    if (!is_container_id(id)) {
-        static_cast<void>(local_failure(EINVAL, id));
+    if (!is_container_id(container.id)) {
+        static_cast<void>(local_failure(EINVAL, container.id));
         return false;
     }
     auto chosen = choose_image(args, wanted);
@@ -318,37 +321,38 @@ bool bundle_of_image(const Arguments& args, Wanted wanted, const std::string& id
         if (!is_unpacked(args, *chosen) && !convert_if_needed(args, true, wanted, *chosen))
             return false;
         print_notes(wanted, *chosen);
-        bundle.path = own_bundle_of_image(args, wanted, *chosen, id, network, bundle);
+        bundle.path = own_bundle_of_image(args, wanted, *chosen, container, bundle);
     } catch (const std::runtime_error& error) {
         static_cast<void>(failure(wanted.label, error.what()));
     }
     return !bundle.path.empty();
 }
 
-bool bundle_of_bundle(const std::string& source, const std::string& id, const Network& network,
-                      NewBundle& bundle)
+bool bundle_of_bundle(const std::string& source, const NewContainer& container, NewBundle& bundle)
 {
+    const ContainerOptions& options = container.options;
     bundle.path = source;
-    if (network.kind == NetworkKind::kConfigured)
+    if (container.network.kind == NetworkKind::kConfigured && !options.changes_configuration() &&
+        !(container.started_later && (options.tty || options.interactive || options.remove)))
         return true;
     // Without overlayfs a bundle is for one container only. The daemon checks that by its path.
     if (zncOvlFsAvailable() == FALSE) {
-        static_cast<void>(failure(source, "without overlayfs, the bundle's configuration decides "
-                                          "about its network: --network cannot be used"));
+        static_cast<void>(failure(source, "without overlayfs, only the bundle's configuration "
+                                          "decides about the container: options cannot be used"));
         return false;
     }
     const znc::MallocPtr<char> path(::realpath(source.c_str(), nullptr));
-    if (path == nullptr || !is_container_id(id)) {
+    if (path == nullptr || !is_container_id(container.id)) {
         static_cast<void>(local_failure(path == nullptr ? errno : EINVAL, source));
         return false;
     }
     try {
-        const auto own = lock_own(id, bundle);
+        const auto own = lock_own(container.id, bundle);
         if (!own)
             return false;
         if (!remove_bundle(*own))
             throw_error(*own);
-        finish_own(*own, path.get(), id, network, Naming::kConfigured);
+        finish_own(*own, path.get(), container, nullptr);
         bundle.path = *own;
         return true;
     } catch (const std::runtime_error& error) {

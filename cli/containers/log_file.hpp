@@ -1,10 +1,13 @@
 // log_file.hpp - the log of a detached program: a file of limited size, and the previous one.
-// Written by the monitor, read by logs and attach.
+// Beside each is a file of the times at which its parts were written. Written by the monitor, read
+// by logs and attach.
 #ifndef ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 #define ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/owned.hpp"
 
@@ -20,11 +23,20 @@ class LogFile {
 
   private:
     void open_new();
+    void note_time();
 
     int dir_;
     std::size_t max_;
     std::size_t size_ = 0;
+    std::int64_t noted_ = 0; // the last time, in milliseconds
     znc::UniqueFd file_;
+    znc::UniqueFd times_;
+};
+
+// A part of a log that was written at one time.
+struct LogPart {
+    std::int64_t time; // nanoseconds since the epoch
+    std::string text;
 };
 
 class LogReader {
@@ -34,12 +46,28 @@ class LogReader {
 
     // Returns what was added since the last call; "" if nothing.
     std::string read();
+    // The same with times, which are exact to a millisecond.
+    std::vector<LogPart> read_parts();
 
   private:
+    // A position in the log, and the time at which what follows was written.
+    struct Time {
+        std::uint64_t offset;
+        std::int64_t time;
+    };
+    friend class LogFile;
+
+    template <class Take> void read_files(Take take);
     std::string read_to_end();
+    void open_times(const char* name);
+    void add_parts(std::string_view text, std::vector<LogPart>& parts);
 
     int dir_;
     znc::UniqueFd file_;
+    znc::UniqueFd times_;
+    Time last_ = {0, 0};
+    std::vector<Time> next_; // read already, and behind what was read of the log
+    std::uint64_t offset_ = 0;
 };
 
 } // namespace zncctl

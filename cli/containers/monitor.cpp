@@ -1,5 +1,7 @@
 #include "monitor.hpp"
 
+#include "cli/terminal/terminal.hpp"
+#include "container.hpp"
 #include "detached.hpp"
 #include "front/output.hpp"
 #include "front/words.hpp"
@@ -25,7 +27,7 @@ constexpr std::size_t kLogMaxMin = 1024;
 
 class Monitor {
   public:
-    Monitor(const std::string& id, std::size_t log_max) : id_(id), log_max_(log_max) {}
+    Monitor(const std::string& id, const MonitorOptions& options) : id_(id), options_(options) {}
 
     void run(znc::UniqueFd report)
     {
@@ -35,32 +37,66 @@ class Monitor {
         if (error != 0 && record)
             remove_record(id_);
         report_start(std::move(report), error);
-        if (error == 0)
-            serve(record, signals);
+        if (error != 0)
+            return;
+        serve(record, signals);
+        if (options_.remove) {
+            Program::leave_others();
+            static_cast<void>(delete_container(id_, true)); // no place left to report it
+        }
     }
 
   private:
     int start(const RecordKeeper& record)
     {
-        Pipe output = make_pipe();
-        // Non-blocking: a process in the container can open the reading end through /proc and take
-        // the bytes between poll and read.
-        if (!output.reader || ::fcntl(output.reader.get(), F_SETFL, O_NONBLOCK) != 0)
+        ProgramStreams streams = {kNullDevice, kNullDevice, kNullDevice};
+        Pipe output;
+        Pipe input;
+        if (options_.tty ? !use_terminal(streams) : !make_pipes(streams, output, input))
             return errno;
-        log_.emplace(record.dir(), log_max_); // the log must exist once the start is reported
-        const int writer = output.writer.get();
-        if (const int error = program_.start(id_, {kNullDevice, writer, writer}); error != 0)
+        log_.emplace(record.dir(), options_.log_max); // must exist once the start is reported
+        if (const int error = program_.start(id_, streams); error != 0)
             return error;
-        output_ = std::move(output.reader);
+        if (terminal_)
+            terminal_->close_user();
+        else
+            output_ = std::move(output.reader);
+        input_ = std::move(input.writer);
         program_record_ = describe(program_, true);
         record.write(program_record_);
         return 0;
     }
 
-    // Returns when the program has ended and no process in the container has its output open.
+    bool make_pipes(ProgramStreams& streams, Pipe& output, Pipe& input)
+    {
+        output = make_pipe();
+        // Non-blocking: a process in the container can open the reading end through /proc and take
+        // the bytes between poll and read.
+        if (!output.reader || ::fcntl(output.reader.get(), F_SETFL, O_NONBLOCK) != 0)
+            return false;
+        streams = {kNullDevice, output.writer.get(), output.writer.get()};
+        if (!options_.interactive)
+            return true;
+        input = make_pipe();
+        streams[STDIN_FILENO] = input.reader.get();
+        return static_cast<bool>(input.reader);
+    }
+
+    bool use_terminal(ProgramStreams& streams)
+    {
+        terminal_.emplace();
+        if (!*terminal_)
+            return false;
+        streams.fill(terminal_->user());
+        output_.reset(::fcntl(terminal_->master(), F_DUPFD_CLOEXEC, 3)); // non-blocking, too
+        return static_cast<bool>(output_);
+    }
+
+    // Returns when the program has ended and, unless the container is to be deleted, no process in
+    // it has its output open.
     void serve(const RecordKeeper& record, const SignalQueue& signals)
     {
-        while (!program_record_.exit_code || output_) {
+        while (!program_record_.exit_code || (output_ && !options_.remove)) {
             if (const auto& status = program_.look(); status && !program_record_.exit_code) {
                 read_rest(); // the log must be complete when the exit code appears
                 note_end(program_record_, id_, *status);
@@ -104,10 +140,12 @@ class Monitor {
     }
 
     std::string id_;
-    std::size_t log_max_;
+    MonitorOptions options_;
     Program program_;
     Record program_record_;
     znc::UniqueFd output_;
+    znc::UniqueFd input_;         // never written to
+    std::optional<Pty> terminal_; // its output is output_
     std::optional<LogFile> log_;
     std::array<char, 65536> buffer_;
 };
@@ -129,11 +167,11 @@ bool log_limit(const Arguments& args, std::size_t& limit)
     return true;
 }
 
-int start_with_monitor(const std::string& id, std::size_t log_max)
+int start_with_monitor(const std::string& id, const MonitorOptions& options)
 {
     if (const int error = startable(id); error != 0)
         return error;
-    return run_detached([&](znc::UniqueFd report) { Monitor(id, log_max).run(std::move(report)); });
+    return run_detached([&](znc::UniqueFd report) { Monitor(id, options).run(std::move(report)); });
 }
 
 } // namespace zncctl

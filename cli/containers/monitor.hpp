@@ -13,9 +13,16 @@ namespace zncctl {
 // Reads the option --log-max. False, after printing a message, if it is not a valid size.
 bool log_limit(const Arguments& args, std::size_t& limit);
 
+struct MonitorOptions {
+    std::size_t log_max = 0;
+    bool tty = false;         // the program gets a pseudo-terminal, whose output is logged
+    bool interactive = false; // its standard input stays open, although nothing is written to it
+    bool remove = false;      // the container is deleted when the program has ended
+};
+
 // Starts a created container with a monitor. Returns 0 once the program runs, else the errno value
 // of the failure, or -1 if it has none.
-int start_with_monitor(const std::string& id, std::size_t log_max);
+int start_with_monitor(const std::string& id, const MonitorOptions& options);
 
 } // namespace zncctl
 

@@ -79,7 +79,18 @@ struct ProgramFile {
     std::string path; // inside the root
     int error;        // why it cannot be examined; 0 if it can
     mode_t mode;
+    std::string missing_directory; // the working directory, if it is none
 };
+
+// The root with all mounts or, once the container has ended, what its bundle has.
+znc::UniqueFd open_root(const std::string& id, const std::string& bundle)
+{
+    const nsid_t ns = namespace_of(id);
+    znc::UniqueFd root(ns >= 0 ? znnsRootOpen(ns) : -1);
+    if (!root)
+        root.reset(::open(root_of_bundle(bundle).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return root;
+}
 
 // The path of the container's program inside its root, and the file found there.
 ProgramFile program_file(const std::string& id)
@@ -90,13 +101,16 @@ ProgramFile program_file(const std::string& id)
     const Json* process = config ? member(*config, "process") : nullptr;
     const Json& args = children(member(process, "args"));
     const std::string* first = args.empty() ? nullptr : text(&*args.begin());
-    ProgramFile program = {first != nullptr ? *first : "", EINVAL, 0};
+    const std::string directory = text_of(process, "cwd");
+    ProgramFile program = {first != nullptr ? *first : "", EINVAL, 0, ""};
     if (!program.path.starts_with('/'))
-        program.path = text_of(process, "cwd") + "/" + program.path;
-    const std::string root_path = root_of_bundle(bundle);
-    const znc::UniqueFd root(::open(root_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        program.path = directory + "/" + program.path;
+    const znc::UniqueFd root = open_root(id, bundle);
     if (first == nullptr || !root)
         return program;
+    mode_t mode = 0;
+    if (file_mode_in_root(root.get(), directory, mode) != 0 || !S_ISDIR(mode))
+        program.missing_directory = directory;
     program.error = file_mode_in_root(root.get(), program.path, program.mode);
     return program;
 }
@@ -104,7 +118,12 @@ ProgramFile program_file(const std::string& id)
 int spawn_failure(const std::string& id, const std::string& message)
 {
     const ProgramFile program = program_file(id);
-    const ProgramFault fault = program_fault(program.path, program.error, program.mode);
+    const ProgramFault fault =
+        program.missing_directory.empty()
+            ? program_fault(program.path, program.error, program.mode)
+            : ProgramFault{fmt::format("there is no directory {} in the container's root",
+                                       program.missing_directory),
+                           kExitCannotInvoke};
     static_cast<void>(failure(id, fmt::format("{}: {}", message, fault.message)));
     return fault.status;
 }

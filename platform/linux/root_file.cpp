@@ -1,4 +1,4 @@
-// root_file.cpp - opens a file of a container's root for reading.
+// root_file.cpp - opens files and directories of a container's root for reading.
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
@@ -9,22 +9,45 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
-int znFileOpenInRoot(int rootFd, const char* path)
+namespace {
+
+int open_in_root(int root, const char* path, unsigned flags)
 {
-    // O_PATH first: opening a device or a FIFO for reading may block or have side effects.
     open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC;
+    how.flags = flags | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    const znc::UniqueFd found(
-        static_cast<int>(::syscall(SYS_openat2, rootFd, path, &how, sizeof how)));
+    return static_cast<int>(::syscall(SYS_openat2, root, path, &how, sizeof how));
+}
+
+// Opens for reading what was opened with O_PATH, if it is a regular file. Opening a device or a
+// FIFO for reading may block or have side effects.
+int reopen_regular(const znc::UniqueFd& found)
+{
     struct stat st = {};
     if (!found || ::fstat(found.get(), &st) != 0)
         return -1;
     if (!S_ISREG(st.st_mode)) {
-        errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        errno = S_ISDIR(st.st_mode) ? EISDIR : S_ISLNK(st.st_mode) ? ELOOP : EINVAL;
         return -1;
     }
     char reopened[64];
     znDescriptorPath(found.get(), reopened, sizeof reopened);
     return ::open(reopened, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
+} // namespace
+
+int znFileOpenInRoot(int rootFd, const char* path)
+{
+    return reopen_regular(znc::UniqueFd(open_in_root(rootFd, path, O_PATH)));
+}
+
+int znDirOpenInRoot(int rootFd, const char* path)
+{
+    return open_in_root(rootFd, path, O_RDONLY | O_DIRECTORY);
+}
+
+int znFileOpenAt(int dirFd, const char* name)
+{
+    return reopen_regular(znc::UniqueFd(::openat(dirFd, name, O_PATH | O_NOFOLLOW | O_CLOEXEC)));
 }

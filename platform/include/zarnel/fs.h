@@ -73,6 +73,22 @@ STATUS znDirMakeSticky(const char* root, const char* path);
 int znFileOpenInRoot(int rootFd, const char* path);
 
 /*
+ * Open the directory `path` inside the directory tree of the descriptor `rootFd` for reading.
+ * Absolute paths and symbolic links are resolved inside the tree, as by znFileOpenInRoot. Returns a
+ * close-on-exec descriptor, or -1 with the task error number set (ENOENT, ENOTDIR, ELOOP, EACCES).
+ */
+int znDirOpenInRoot(int rootFd, const char* path);
+
+/*
+ * Open the regular file `name` in the directory `dirFd` for reading. A symbolic link is not
+ * followed, and other types of files are not opened, so that this has no side effects: ELOOP for a
+ * link, EISDIR for a directory, EINVAL for anything else. `name` must be one component: symbolic
+ * links before a "/" would be followed. Returns a close-on-exec descriptor, or -1 with the task
+ * error number set.
+ */
+int znFileOpenAt(int dirFd, const char* name);
+
+/*
  * Atomically exchange the names of two directories of one file system, so that both names always
  * refer to a complete tree. If the file system does not support this, `b` does not exist for a
  * moment instead. OK, or ERROR with the task error number set and both names unchanged.

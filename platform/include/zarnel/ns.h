@@ -56,6 +56,13 @@ nsid_t znnsCreateConfigured(int flags, const char* name, const char* document, c
 STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size);
 
 /*
+ * Call `visit` for each capability that a configuration can name, with its name ("CAP_CHOWN") and
+ * whether containers have it by default.
+ */
+void znnsCapabilitiesEach(void (*visit)(const char* name, BOOL byDefault, void* context),
+                          void* context);
+
+/*
  * Apply what the configuration says about the finished root: devices, kernel parameters, hidden and
  * read-only paths, read-only root. To be called when all mounts have been made and before the first
  * program is spawned; further calls have no effect. ERROR with the task error number set, and

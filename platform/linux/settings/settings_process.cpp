@@ -1,5 +1,8 @@
 // settings_process.cpp - reads the section "process".
+#include "settings_policy.hpp"
 #include "settings_sections.hpp"
+
+#include "zarnel/ns.h"
 
 #include <linux/capability.h>
 #include <sys/resource.h>
@@ -200,3 +203,12 @@ bool read_process(JsonReader& reader, const Node& at, Settings& settings)
 }
 
 } // namespace zn
+
+void znnsCapabilitiesEach(void (*visit)(const char* name, BOOL byDefault, void* context),
+                          void* context)
+{
+    for (const auto& capability : zn::kCapabilityNames) {
+        const bool by_default = (zn::kDefaultCapabilities >> capability.value & 1U) != 0;
+        visit(capability.text, by_default ? TRUE : FALSE, context);
+    }
+}

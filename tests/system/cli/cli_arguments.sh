@@ -17,29 +17,29 @@ run zncctl image frobnicate
 usage_error 'an unknown image command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
 run zncctl create
 usage_error 'create without an id shows its usage line' \
-    'create [-b|--bundle BUNDLE] [--network KIND] [-p|--publish [IP:]HOSTPORT:PORT[/udp]] ID [BUNDLE]'
+    'create [OPTION...] [ID|IMAGE] [BUNDLE|COMMAND] [ARG...]'
 run zncctl create -b /x web /y
 usage_error 'create with two bundles is a usage error' \
-    'create [-b|--bundle BUNDLE] [--network KIND] [-p|--publish [IP:]HOSTPORT:PORT[/udp]] ID [BUNDLE]'
+    'create [OPTION...] [ID|IMAGE] [BUNDLE|COMMAND] [ARG...]'
 run zncctl start -x web
 usage_error 'an unknown option is a usage error' \
-    'start [-a|--attach] [-d|--detach] [--log-max BYTES] ID...'
-kill_usage='kill [-s|--signal SIG] [-a|--all] [-q|--quiet] ID...'
+    'start [OPTION...] ID...'
+kill_usage='kill [OPTION...] ID...'
 run zncctl kill -s NOSUCH web
 usage_error 'an unknown signal is a usage error' "$kill_usage"
 run zncctl kill -s
 usage_error 'a signal that is not there is a usage error' "$kill_usage"
 run zncctl delete -f
 usage_error 'delete without an id is a usage error' \
-    'delete [-f|--force] [--all-stopped] [-q|--quiet] [ID...]'
+    'delete [OPTION...] [ID...]'
 run zncctl state a b
 usage_error 'state takes one id' 'state ID'
 run zncctl list web
 usage_error 'list takes no operand' \
-    'list [-q|--quiet] [-f|--format FORMAT] [--status STATUS] [--bundle BUNDLE] [--no-trunc]'
+    'list [OPTION...]'
 run zncctl unpack layout
 usage_error 'unpack needs an image and a bundle' \
-    'unpack [-t|--tag TAG] [--os OS] [--arch ARCH] [--flatten] [--allow-image-mounts] [--progress HOW] IMAGE BUNDLE'
+    'unpack [OPTION...] IMAGE BUNDLE'
 run zncctl image inspect
 usage_error 'image inspect needs an image' 'image inspect IMAGE'
 
@@ -65,8 +65,20 @@ done
 run zncctl help frobnicate
 usage_error 'help about an unknown command is a usage error' \
     'COMMAND [ARGUMENTS] | --help | --version'
-run zncctl kill web -9
-usage_error 'a signal is no option' "$kill_usage"
+run zncctl kill web -9x
+usage_error 'a signal with more behind it is no option' "$kill_usage"
+run zncctl lsit
+check 'a similar command is suggested' grep -qx "zncctl: hint: did you mean 'list'?" "$work/err"
+run zncctl image inspct
+check 'also one of two words' grep -qx "zncctl: hint: did you mean 'image inspect'?" "$work/err"
+run zncctl ps --filtr x
+check 'and a similar option' grep -qx "zncctl: hint: did you mean '--filter'?" "$work/err"
+run zncctl frobnicate
+check 'but nothing else' not grep -q '^zncctl: hint' "$work/err"
+run zncctl run --help
+check 'run --help lists its options, without the long line' test "${out%%$'\n'*}" = \
+    'usage: zncctl run [OPTION...] [IMAGE] [COMMAND] [ARG...]'
+check 'with -h as the host name' grep -q '^  -h, --hostname NAME ' "$work/out"
 run zncctl --version
 check 'the version is one line' grep -qx 'zncctl [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 

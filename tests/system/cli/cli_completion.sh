@@ -33,9 +33,9 @@ complete_words() {
 }
 check 'bash completes commands' test "$(complete_words 'st')" = 'start state stats stop storage '
 check 'second words' test "$(complete_words image '')" = 'check inspect ls prune '
-check 'options' test "$(complete_words delete '--')" = '--all-stopped --force --help --quiet '
+check 'options' test "$(complete_words delete '--')" = '--all --all-stopped --force --help --quiet --volumes '
 check 'operands of an alias' test "$(complete_words unpause '--q')" = '--quiet '
-check 'options of an alias' test "$(complete_words ps '--s')" = '--status '
+check 'options of an alias' test "$(complete_words ls '--s')" = '--status '
 check 'values' test "$(complete_words list --format '')" = 'json table '
 check 'signals' test "$(complete_words kill -s TE)" = 'TERM '
 check 'operands' test "$(complete_words completion '')" = 'bash fish zsh '

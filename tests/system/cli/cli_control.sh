@@ -22,7 +22,7 @@ $1" "$work/out"
 make_bundle "$work/loop" /bin/sh -c \
     "trap 'echo term; exit 5' TERM; echo ready; while :; do echo tick; sleep 0.05; done"
 ln -sf busybox "$work/loop/rootfs/bin/dd"
-zncctl run -d -b "$work/loop" web >/dev/null
+zncctl run --name web -d -b "$work/loop" >/dev/null
 eventually logged web ready
 
 # Without control groups nothing of this is possible, and the commands say so.
@@ -91,7 +91,7 @@ done
 zncctl delete -q web
 
 paused() {
-    zncctl run -d -b "$work/loop" "$1" >/dev/null
+    zncctl run --name "$1" -d -b "$work/loop" >/dev/null
     eventually logged "$1" ready
     zncctl pause -q "$1"
 }
@@ -123,7 +123,7 @@ start_daemon
 check 'and leaves none' test -z "$(zncctl list -q)"
 
 # Limits.
-zncctl run -d -b "$work/loop" web >/dev/null
+zncctl run --name web -d -b "$work/loop" >/dev/null
 eventually logged web ready
 run zncctl update -m 64m --pids-limit 20 web
 expect 'update prints the id' 0 web ''
@@ -187,7 +187,7 @@ make_bundle "$work/big" /bin/sh -c 'dd if=/dev/zero of=/dev/null bs=200M count=1
 jq '.linux={"resources":{"memory":{"limit":16777216,"swap":16777216}}} | .process.args=["/bin/dd","if=/dev/zero","of=/dev/null","bs=200M","count=1"]' \
     "$work/big/config.json" >"$work/big.json" && mv "$work/big.json" "$work/big/config.json"
 ln -sf busybox "$work/big/rootfs/bin/dd"
-run zncctl run --keep -b "$work/big" big
+run zncctl run --name big --keep -b "$work/big"
 check 'a program above its memory limit is killed' test "$status" = 137
 run zncctl wait big
 check 'wait says that the limit was the reason' test "$status/$out/$err" = \
@@ -196,7 +196,7 @@ check 'and list' test "$(field big 3)" = '137(OOM)'
 run zncctl list -f json
 check 'also as JSON' json 'assert [c for c in docs[0] if c["id"] == "big"][0]["oomKilled"] is True, docs'
 run zncctl delete -q big
-zncctl run --keep -b "$work/loop" ends >/dev/null 2>&1 &
+zncctl run --name ends --keep -b "$work/loop" >/dev/null 2>&1 &
 eventually status_is ends running
 zncctl kill -q -s KILL ends
 wait $!

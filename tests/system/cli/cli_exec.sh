@@ -30,7 +30,7 @@ bad:x:-5:0::/:/bin/sh
 PASSWD
 printf 'www:x:34:\nadm:x:4:web\nmail:x:8:root,web\n' >"$work/loop/rootfs/etc/group"
 for applet in id env pwd stty kill; do ln -sf busybox "$work/loop/rootfs/bin/$applet"; done
-zncctl run -d -b "$work/loop" web >/dev/null
+zncctl run --name web -d -b "$work/loop" >/dev/null
 
 # Output, exit status, words.
 run zncctl exec web echo hello
@@ -204,7 +204,7 @@ fails_with 'also in one that was not started' 3 'it is not running'
 zncctl delete -q made
 
 # The end of the container ends them, and nothing stays.
-zncctl run -d -b "$work/loop" web >/dev/null
+zncctl run --name web -d -b "$work/loop" >/dev/null
 zncctl exec -d web sleep "$mark"
 "$ZNCCTL" exec -i web cat >"$work/out" 2>"$work/err" < <(exec tail -f /dev/null --pid=$$) &
 exec_pid=$!
@@ -219,7 +219,7 @@ check 'no process of zncctl is left' eventually monitors 0
 
 # Starting many while the container ends: each runs or says why not, and none hangs.
 for round in 1 2 3; do
-    zncctl run -d -b "$work/loop" race >/dev/null
+    zncctl run --name race -d -b "$work/loop" >/dev/null
     pids=()
     for n in 1 2 3 4; do
         (for _ in 1 2 3 4 5; do

@@ -70,7 +70,7 @@ chmod 1777 "$work/tree/tmp" "$work/tree/var/tmp"
 plain='{"Entrypoint":["/bin/busybox"],"Cmd":["echo","plain"]}'
 make_layout "$work/good" "$plain"
 start_daemon
-run zncctl run --os linux --progress none "$work/good"
+run zncctl run --rm --os linux --progress none "$work/good"
 expect 'a plain image runs' 0 plain ''
 good=$(ls -d "$ZNC_BASE"/bundles/image-*)
 cp "$good/config.json" "$work/good-config"
@@ -79,7 +79,7 @@ cp "$good/config.json" "$work/good-config"
 make_layout "$work/mounts" "{\"Entrypoint\":[\"/bin/busybox\"],
     \"Cmd\":[\"cat\",\"/host/kept/file\"],
     \"Volumes\":{\"$work/victim:/host:rbind,dev,suid,rw\":{},\"/data\":{},\"x:/p::proc\":{}}}"
-run zncctl run --os linux --progress none "$work/mounts"
+run zncctl run --rm --os linux --progress none "$work/mounts"
 check 'run mounts nothing of the host for an image' test "$status/$out" = 1/
 check 'and says what it leaves out' grep -qxF \
     "zncctl: warning: $work/mounts: the image's mount of the host's $work/victim at /host is left out; --allow-image-mounts keeps it" \
@@ -92,23 +92,23 @@ check 'and says so' test "$(grep -c '^zncctl: warning: ' "$work/err")" = 2
 run zncctl image check "$work/mounts"
 check 'image check lists what the image asks for' grep -qxF \
     "  asks for a mount of the host's $work/victim at /host" "$work/out"
-run zncctl run --os linux --progress none --allow-image-mounts "$work/mounts"
+run zncctl run --rm --os linux --progress none --allow-image-mounts "$work/mounts"
 check '--allow-image-mounts mounts it' test "$status/$out" = 0/bait
 allowed=$(ls -d "$ZNC_BASE"/bundles/*-mounts)
 check 'never with dev, suid or rbind' test "$(jq -c '[.mounts[]|select(.destination=="/host")|.options[]]' \
     "$allowed/config.json")" = '["rw","nosuid","nodev"]'
-run zncctl run --os linux --progress none "$work/mounts"
+run zncctl run --rm --os linux --progress none "$work/mounts"
 check 'a plain run takes no bundle that was allowed more' test "$status/$out" = 1/
 
 # ---------------------------------------------------------------- priority
 make_layout "$work/urgent" '{"Entrypoint":["/bin/busybox"],"Cmd":["cut","-d"," ","-f","19","/proc/self/stat"],
     "Labels":{"com.quenmark.zarnel.rtp.RtpPriority":"0x0"}}'
-run zncctl run --os linux --progress none "$work/urgent"
+run zncctl run --rm --os linux --progress none "$work/urgent"
 check 'an image has no urgent priority' test "$status/$out" = 0/0
 check 'and run says so' grep -q "^zncctl: warning: .*the image's priority 0x0 is more urgent" "$work/err"
 make_layout "$work/twice" '{"Cmd":["/bin/busybox"],"Labels":{"com.quenmark.zarnel.rtp.rtpPriority":"100",
     "com.quenmark.zarnel.rtp-rtppriority":"0"}}'
-run zncctl run --os linux "$work/twice"
+run zncctl run --rm --os linux "$work/twice"
 check 'a setting that is there twice is refused' test "$status" = 125
 check 'with one line' one_line
 make_layout "$work/types" '{"Cmd":["/bin/busybox",5]}'
@@ -129,7 +129,7 @@ make_layout "$work/path" "$plain"
 manifest=$(blob_of "$work/path" "$(manifest_of "$work/path")")
 jq -c --arg d "sha256:$digits/../../../../victim" '.layers[0].digest=$d' "$manifest" >"$work/manifest"
 write_index "$work/path" "$(described "$work/path" "$work/manifest" manifest.v1+json)"
-run zncctl run --os linux "$work/path"
+run zncctl run --rm --os linux "$work/path"
 check 'a layer whose digest is a path is refused' test "$status" = 125
 check 'with one line' one_line
 
@@ -140,7 +140,7 @@ jq -c --arg d "$(manifest_of "$work/good")" '.manifests[0] |= {Digest: .digest} 
 cp "$(blob_of "$work/good" "$(manifest_of "$work/good")")" "$work/duplicate-keys/blobs/sha256/"
 refused 'two digests in the index' "$work/duplicate-keys"
 check 'the file and the key are named' grep -Eq 'index.json: (has )?the key "digest" (is there )?twice$' "$work/err"
-run zncctl run --os linux --progress none "$work/good"
+run zncctl run --rm --os linux --progress none "$work/good"
 expect 'the other image is as it was' 0 plain ''
 check 'its configuration, too' cmp -s "$good/config.json" "$work/good-config"
 
@@ -232,10 +232,10 @@ write_index "$work/waits" "$(described "$work/waits" "$work/manifest" manifest.v
 name=image-$(manifest_of "$work/waits" | cut -d : -f 2)
 exec 9>"$ZNC_BASE/bundles/.lock-$name"
 flock 9
-"$ZNCCTL" run --os linux --progress none "$work/waits" >"$work/waits.out" 2>"$work/waits.err" 9>&- &
+"$ZNCCTL" run --rm --os linux --progress none "$work/waits" >"$work/waits.out" 2>"$work/waits.err" 9>&- &
 waiter=$!
 check 'a run that waits for another says so' eventually grep -q 'waiting for it$' "$work/waits.err"
-run zncctl run --os linux --progress none "$work/good"
+run zncctl run --rm --os linux --progress none "$work/good"
 expect 'other images do not wait' 0 plain ''
 kill -INT "$waiter" 2>/dev/null || kill "$waiter"
 kill "$waiter" 2>/dev/null
@@ -246,7 +246,7 @@ exec 9>&-
 rm -f "$ZNC_BASE/bundles/.lock-$name"
 mv "$ZNC_BASE/bundles" "$work/bundles"
 touch "$ZNC_BASE/bundles"
-run zncctl run --os linux "$work/good"
+run zncctl run --rm --os linux "$work/good"
 check 'run without a place for its lock is refused' test "$status" = 125
 rm "$ZNC_BASE/bundles"
 mv "$work/bundles" "$ZNC_BASE/bundles"
@@ -254,14 +254,14 @@ mv "$work/bundles" "$ZNC_BASE/bundles"
 # ---------------------------------------------------------------- incomplete bundles
 rm "$good/.complete-2"
 jq '.mounts=[{"source":"/","destination":"/host","options":["bind"]}]' "$work/good-config" >"$good/config.json"
-run zncctl run --os linux --progress none "$work/good"
+run zncctl run --rm --os linux --progress none "$work/good"
 check 'an unfinished bundle is made again' test "$status/$out/$(jq -c .mounts \
     "$good/config.json")" = '0/plain/[]'
 
 # ---------------------------------------------------------------- ids
 before=$(state_of_host)
 for id in .. . a/../b "../../victim" "$(printf 'x%.0s' {1..256})"; do
-    run zncctl run --os linux "$work/good" "$id"
+    run zncctl run --rm --name "$id" --os linux "$work/good"
     check "an id that is none is refused (${#id} bytes)" test "$status" = 125
     check 'with one line' one_line
     run zncctl delete "$id"
@@ -271,7 +271,7 @@ check 'nothing on the host changed' test "$(state_of_host)" = "$before"
 
 # ---------------------------------------------------------------- sticky directories
 make_layout "$work/sticky" '{"Entrypoint":["/bin/busybox"],"Cmd":["stat","-c","%a","/tmp","/var/tmp"]}'
-run zncctl run --os linux --progress none "$work/sticky"
+run zncctl run --rm --os linux --progress none "$work/sticky"
 expect 'directories of an image keep their sticky bit' 0 $'1777\n1777' ''
 check 'the shared layers are left alone' test -z "$(find "$ZNC_BASE/layers" -perm /1000)"
 run zncctl unpack --os linux --progress none --flatten "$work/sticky" "$work/sticky-bundle"
@@ -280,7 +280,7 @@ run zncctl start --attach sticky
 expect 'also of a bundle that is created from' 0 $'1777\n1777' ''
 zncctl delete -q sticky
 run zncctl import "$work/sticky" "$work/imported:latest"
-run zncctl run --os linux --progress none "$work/imported"
+run zncctl run --rm --os linux --progress none "$work/imported"
 expect 'and of an image that was imported' 0 $'1777\n1777' ''
 jq '.annotations["zncontainer.sticky-directories"]="/../../victim:/dev/../..:/:relative:/none"' \
     "$work/sticky-bundle/config.json" >"$work/forged"
@@ -296,7 +296,7 @@ make_bundle "$work/bundle" /bin/busybox true
 cp "$work/bundle/config.json" "$work/bundle-config"
 jq '.mounts=[{"source":"/tmp","destination":"/m","type":"bind","options":[5,"ro"]}]' "$work/bundle-config" \
     >"$work/bundle/config.json"
-for command in "create list $work/bundle" "run --bundle $work/bundle list"; do
+for command in "create list $work/bundle" "run --name list --bundle $work/bundle"; do
     # shellcheck disable=SC2086
     run zncctl $command
     check "${command%% *} refuses an option that is no text" test "$status" -ne 0

@@ -88,17 +88,17 @@ run zncctl spec --image "$layout:none" --os linux
 fails_with 'spec of an image that is not there' 1 \
     'Specified platform or architecture or tag not found'
 
-run zncctl run "$layout"
+run zncctl run --rm "$layout"
 check 'run of an image passes on what its program prints' test "$status/$out" = \
     '0/from the second layer'
-run zncctl run --os linux "$layout:latest" named
+run zncctl run --rm --name named --os linux "$layout:latest"
 expect 'a second run needs no unpacking' 0 'from the second layer' ''
 run zncctl list -q
 expect 'nothing of it is left' 0 '' ''
-run zncctl run --os zarnel "$layout"
+run zncctl run --rm --os zarnel "$layout"
 check 'run of an image for another system exits 125' test "$status/$out" = 125/
 check 'with the hint' grep -q 'the layout holds: latest for linux/amd64$' "$work/err"
-run zncctl run "$work/none"
+run zncctl run --rm "$work/none"
 check 'run of no layout exits 125' test "$status/$out/$(error_line)" = \
     "125//$work/none: File oci-layout not found"
 
@@ -157,7 +157,7 @@ for mark in missing 'no JSON' '{"imageLayoutVersion":"2.0.0"}' '{"imageLayoutVer
     fi
     run zncctl unpack --os linux "$work/no-mark" "$work/refused"
     expect "unpack of a layout whose oci-layout is $mark" 1 '' "zncctl: error: $work/no-mark: $said"
-    run zncctl run --os linux "$work/no-mark"
+    run zncctl run --rm --os linux "$work/no-mark"
     expect "run refuses it the same way" 125 '' "zncctl: error: $work/no-mark: $said"
 done
 check 'nothing is unpacked of it' test ! -e "$work/refused" -a -z "$(ls "$ZNC_BASE/bundles")"
@@ -223,7 +223,7 @@ check 'with a hint at the other way' grep -q '^zncctl: hint: .*(501); .*--flatte
 check 'and no layer is extracted' test -z "$(ls "$ZNC_BASE/layers")"
 run zncctl unpack --os linux --progress none --flatten "$work/tall" "$work/tall-bundle"
 expect 'they are unpacked as one tree' 0 '' ''
-run zncctl run --os linux --progress none "$work/tall"
+run zncctl run --rm --os linux --progress none "$work/tall"
 expect 'and run as that by themselves' 0 'layer 500' ''
 rm -rf "$work/tall-bundle"
 zncctl storage gc -q
@@ -234,7 +234,7 @@ umoci init --layout "$work/nowhere" >/dev/null
     add_layer "$work/nowhere" "$work/lower"
     umoci config --image "$work/nowhere:latest" --os linux --config.cmd /bin/busybox --config.cmd pwd
 } >"$work/umoci.log" 2>&1
-run zncctl run --os linux --progress none "$work/nowhere"
+run zncctl run --rm --os linux --progress none "$work/nowhere"
 expect 'an image that names no working directory works in the root' 0 / ''
 run zncctl unpack --os linux --flatten --progress none "$work/nowhere" "$work/as-it-is"
 run zncctl create where "$work/as-it-is"

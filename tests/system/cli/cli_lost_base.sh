@@ -60,7 +60,7 @@ lose_base() {
 prints() {
     local kind
     for kind in layered flat; do
-        run zncctl run --bundle "$work/$1-$kind"
+        run zncctl run --rm --bundle "$work/$1-$kind"
         expect "the $kind bundle of the $1 image prints the $2 word" 0 "$2" ''
     done
 }
@@ -75,7 +75,7 @@ start_daemon
 check 'an image is unpacked' unpack "$work/image1" first
 prints first first
 lose_base
-run zncctl run --bundle "$work/first-layered" gone
+run zncctl run --rm --name gone --bundle "$work/first-layered"
 check 'a bundle whose root is gone does not run' test "$status/$(error_line)" = \
     '125/gone: Container rootfs create failed'
 check 'another one that claims its diff IDs is unpacked' unpack "$work/image2" second
@@ -88,7 +88,7 @@ for kind in layered flat; do
     run zncctl create victim "$work/first-$kind"
     expect "no container is created from the first one's $kind bundle" 1 '' \
         "$said"$'\n''zncctl: error: victim: Container rootfs create failed'
-    run zncctl run --bundle "$work/first-$kind" victim
+    run zncctl run --rm --name victim --bundle "$work/first-$kind"
     expect "nor does run make one from the $kind bundle" 125 '' \
         "$said"$'\n''zncctl: error: victim: Container rootfs create failed'
     cp -a "$work/first-$kind" "$work/copy-$kind"

@@ -70,30 +70,30 @@ says_in_error() { grep -qF -- "$1" "$work/err"; }
 
 # --- arguments
 for port in 80 80:x :80 0:80 80:0 65536:80 1:2:3 256.1.1.1:80:80 '[::1:80:80' ::1:80:80 80:80/sctp; do
-    zrun --network pasta -p "$port" "$work/layout:base"
+    zrun --rm --network pasta -p "$port" "$work/layout:base"
     fails_with "--publish $port is refused" 64 "--publish is [IP:]HOSTPORT:PORT[/udp], not '$port'"
 done
-zrun --network none -p 8080:80 "$work/layout:base"
+zrun --rm --network none -p 8080:80 "$work/layout:base"
 fails_with 'ports need pasta' 64 "--publish needs '--network pasta'"
-zrun --network bridge "$work/layout:base"
+zrun --rm --network bridge "$work/layout:base"
 fails_with 'an unknown network is refused' 64 "--network is \"none\", \"host\" or \"pasta\", not 'bridge'"
-ZNCCTL_NETWORK=bridge run zncctl run --os linux "$work/layout:base"
+ZNCCTL_NETWORK=bridge run zncctl run --rm --os linux "$work/layout:base"
 fails_with 'also in the environment' 64 "ZNCCTL_NETWORK is \"none\", \"host\" or \"pasta\", not 'bridge'"
 
 # --- none
 image interfaces 'ip -o link | cut -d: -f2; cat /etc/hosts /etc/hostname; hostname'
-zrun --network none "$work/layout:interfaces" alone
+zrun --rm --name alone --network none "$work/layout:interfaces"
 expect 'without a network a container has a loopback interface only, and its name' 0 " lo
 127.0.0.1 localhost alone
 ::1 localhost ip6-localhost ip6-loopback alone
 alone
 alone" ''
 check 'the files of the image stay' grep -qx 'of the image' "$ZNC_BASE"/layers/*/etc/hosts
-ZNCCTL_NETWORK=none run zncctl run --os linux "$work/layout:interfaces" alone
+ZNCCTL_NETWORK=none run zncctl run --rm --name alone --os linux "$work/layout:interfaces"
 check 'ZNCCTL_NETWORK is the default' test "$status/${out%%$'\n'*}" = '0/ lo'
 
 # --- pasta
-zrun "$work/layout:interfaces"
+zrun --rm "$work/layout:interfaces"
 check 'a machine without a route has no network for pasta' test "$status/$out" = 125/
 check 'and the hint names the other networks' says_in_error '--network none'
 check 'nothing is left of the container' no_container
@@ -105,7 +105,7 @@ in_outside busybox nc -l -p 9000 -e sh -c 'echo from outside; cat' &
 server=$!
 served() { in_outside ss -Hltn 'sport = :9000' | grep -q .; }
 eventually served
-zrun "$work/layout:ask" asking
+zrun --rm --name asking "$work/layout:ask"
 expect 'a container reaches the world outside through pasta' 0 'search example.org
 nameserver 169.254.1.1
 from outside' ''
@@ -113,7 +113,7 @@ check 'nothing of pasta is left afterwards' eventually no_pasta
 check 'nor of the record' no_record
 
 image serve "exec nc -ll -p 80 -e echo inside"
-zrun -d -p 127.0.0.1:8080:80 -p 8081:80 -p 8080:80/udp "$work/layout:serve" server
+zrun --name server -d -p 127.0.0.1:8080:80 -p 8081:80 -p 8080:80/udp "$work/layout:serve"
 expect 'a container is started with published ports' 0 server ''
 check 'the port is forwarded' eventually answers 127.0.0.1 8080 inside
 check 'each of them' eventually answers 127.0.0.1 8081 inside
@@ -123,25 +123,25 @@ check 'UDP ports are forwarded as such' receives 8080
 check 'pasta runs as a user of its own' test "$(pastas | wc -l)" = 1
 check 'and without other rights than it needs' grep -q '^CapEff:.*0000200400$' \
     "/proc/$(pastas)/status"
-zrun -d -p 127.0.0.1:8080:80 "$work/layout:serve" second
+zrun --name second -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 check 'a port that is taken is an error' test "$status/$out" = 125/
 check 'which names the port' says_in_error 127.0.0.1/8080:80
 check 'and leaves the first container alone' answers 127.0.0.1 8080 inside
 image peer 'timeout 5 nc 192.0.2.2 8081 </dev/null'
-zrun "$work/layout:peer"
+zrun --rm "$work/layout:peer"
 check 'containers reach each other by published ports only' test "$status/$out" != 0/inside
 run zncctl stop -t 1 server
 check 'stop closes the ports' closed 8080
 run zncctl delete server
 check 'a stopped container is deleted' test "$status" = 0
 
-zrun -d -p 127.0.0.1:8080:80 "$work/layout:serve" server
+zrun --name server -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 eventually listens 8080
 run zncctl delete -f server
 check 'the port is closed when delete returns' closed 8080
 
 # The program is not forwarded any signal: zncctl is killed.
-"$ZNCCTL" run --os linux -p 127.0.0.1:8080:80 "$work/layout:serve" orphan </dev/null >/dev/null 2>&1 &
+"$ZNCCTL" run --rm --name orphan --os linux -p 127.0.0.1:8080:80 "$work/layout:serve" </dev/null >/dev/null 2>&1 &
 client=$!
 check 'a port is served in the foreground' eventually answers 127.0.0.1 8080 inside
 kill -KILL "$client"
@@ -151,7 +151,7 @@ run zncctl delete -f orphan
 check 'and can be deleted' test "$status" = 0
 check 'its port is closed then' closed 8080
 
-zrun -d -p 127.0.0.1:8080:80 "$work/layout:serve" server
+zrun --name server -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 eventually listens 8080
 stop_daemon KILL
 check 'the port is closed after the end of a killed daemon' eventually closed 8080
@@ -160,7 +160,7 @@ start_daemon
 
 ip -6 address add 2001:db8::2/64 dev znc0 nodad
 ip -6 route add default via 2001:db8::1
-zrun -d -p '[::1]:8080:80' "$work/layout:serve" server
+zrun --name server -d -p '[::1]:8080:80' "$work/layout:serve"
 check 'an IPv6 address can be given' test "$(ss -Hltn 'sport = :8080' | awk '{ print $4 }')" = '[::1]:8080'
 kill -KILL "$(pastas)"
 run zncctl delete -f server
@@ -168,12 +168,12 @@ check 'a container whose pasta was killed can be deleted' test "$status" = 0
 
 # --- host
 image addresses 'ip -o -4 address show dev znc0 | wc -l; cat /etc/resolv.conf'
-zrun --network host "$work/layout:addresses"
+zrun --rm --network host "$work/layout:addresses"
 check 'the host network is refused' test "$status/$out" = 125/
 check 'and the hint says what it needs' says_in_error '--allow-privileged'
 stop_daemon
 start_daemon --allow-privileged
-zrun --network host "$work/layout:addresses"
+zrun --rm --network host "$work/layout:addresses"
 expect 'with --allow-privileged a container has the network of the host' 0 '1
 search example.org
 nameserver 127.0.0.53' ''
@@ -190,16 +190,16 @@ check 'the bundle has not changed' cmp "$work/bundle/config.json" "$work/before.
 check 'nor its root' test ! -e "$work/bundle/rootfs/etc"
 run zncctl delete -f created
 check 'the port is closed when it is deleted' closed 8080
-run zncctl run -b "$work/bundle" -d -- bundled
+run zncctl run --name bundled -b "$work/bundle" -d
 check 'a bundle has no network unless it is asked for' eventually no_pasta
 run zncctl delete -f bundled
 
 # --- without pasta
 mount --bind /dev/null "$(realpath "$(command -v pasta)")"
-zrun "$work/layout:interfaces"
+zrun --rm "$work/layout:interfaces"
 fails_with 'without pasta an error names the other networks' 125 \
     "the network needs /usr/bin/pasta, which is not installed (Debian package passt); '--network none' runs the container without a network, '--network host' with the host's"
-zrun --network none "$work/layout:interfaces" alone
+zrun --rm --name alone --network none "$work/layout:interfaces"
 check 'and a container without a network can be run' test "$status" = 0
 check 'no bundle of a container is left' test -z "$(ls -d "$ZNC_BASE"/bundles/of-* 2>/dev/null)"
 finish

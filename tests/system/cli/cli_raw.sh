@@ -12,12 +12,12 @@ start_daemon
 rmdir /overlay # created by the daemon
 run zncctl info
 check 'there is no overlay filesystem' grep -qx 'overlay     no' "$work/out"
-run zncctl run --os linux --progress none "$work/layout"
+run zncctl run --rm --os linux --progress none "$work/layout"
 expect 'run of an image' 0 'from the second layer' ''
 check 'takes its bundle away' test "$(bundles)" = 0
-run zncctl run --keep --os linux --progress none "$work/layout" one
+run zncctl run --name one --keep --os linux --progress none "$work/layout"
 expect 'run --keep' 0 'from the second layer' ''
-run zncctl run -d --os linux --progress none "$work/layout" two
+run zncctl run --name two -d --os linux --progress none "$work/layout"
 expect 'and a second container of the image' 0 two ''
 run zncctl wait two
 expect 'which ends' 0 0 ''
@@ -31,7 +31,7 @@ mkdir -p /run/zarnel/containers/stale
 run zncctl storage gc
 expect 'storage gc removes records of what is no more' 0 'record stale' ''
 check 'it is gone' test ! -e /run/zarnel/containers/stale
-run zncctl run --os linux --progress none "$work/layout:other"
+run zncctl run --rm --os linux --progress none "$work/layout:other"
 fails_with 'an image that is not there leaves nothing' 125 \
     'Specified platform or architecture or tag not found'
 check 'no bundle either' test "$(bundles)" = 0

@@ -20,11 +20,11 @@ no_monitor() {
 }
 
 make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
-run zncctl run -b "$work/hello"
+run zncctl run --rm -b "$work/hello"
 expect 'run passes on output and exit status' 7 hello wrong
 check 'and deletes the container' no_containers
 check 'and what it knew of it' no_records
-run zncctl run --keep -b "$work/hello" kept
+run zncctl run --name kept --keep -b "$work/hello"
 expect 'run --keep' 7 hello wrong
 run zncctl list -f json --status stopped
 check 'keeps the container with its exit code' python3 -c '
@@ -34,49 +34,50 @@ assert state["id"] == "kept" and state["exitCode"] == 7, state
 assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", state["exited"]), state' "$work/out"
 run zncctl logs kept
 fails_with 'it has no log' 3 'it has no log: its output goes to the process that started it'
-run zncctl run -b "$work/hello" kept
+run zncctl run --rm --name kept -b "$work/hello"
 check 'an id that is taken exits 125' test "$status/$out/$(error_line)" = \
     '125//kept: Container already exists'
 check 'and the other container is left alone' status_is kept stopped
 zncctl delete -q kept
 
 make_bundle "$work/signalled" /bin/sh -c 'kill -9 $$'
-run zncctl run -b "$work/signalled"
+run zncctl run --rm -b "$work/signalled"
 expect 'a program that a signal ended exits 128 plus its number' 137 '' ''
 make_bundle "$work/none" /bin/no-such-program
-run zncctl run -b "$work/none" none
+run zncctl run --rm --name none -b "$work/none"
 fails_with 'a program that is not there exits 127' 127 \
     "/bin/no-such-program: there is no such program in the container's root"
 make_bundle "$work/text" /tmp/text
 echo text >"$work/text/rootfs/tmp/text"
-run zncctl run -b "$work/text"
+run zncctl run --rm -b "$work/text"
 fails_with 'a program without the right to be executed exits 126' 126 '/tmp/text: it is not executable'
 make_bundle "$work/dir" /tmp
-run zncctl run -b "$work/dir"
+run zncctl run --rm -b "$work/dir"
 fails_with 'a directory as a program exits 126' 126 '/tmp: it is not a regular file'
 printf '#!/no/such/interpreter\n' >"$work/text/rootfs/tmp/text"
 chmod +x "$work/text/rootfs/tmp/text"
-run zncctl run -b "$work/text"
+run zncctl run --rm -b "$work/text"
 fails_with 'a program without its interpreter exits 126' 126 \
     '/tmp/text: it cannot be executed; its interpreter may be missing or its format unknown'
-run zncctl run -b /no/such/bundle
+run zncctl run --rm -b /no/such/bundle
 check 'a bundle that is not there exits 125' test "$status/$out" = 125/
-run zncctl run -d -b "$work/none" none
+run zncctl run --name none -d -b "$work/none"
 check 'a detached run fails in the same way' test "$status/$out" = 127/
 check 'failures leave no container' no_containers
 check 'and no record' no_records
-for words in '' '-b /x one two' '-d -t -b /x' '--log-max 3 -b /x' '--log-max x -b /x'; do
+for words in '' '-b /x --name' '--restart always -b /x' '--log-max 3 -b /x' '--log-max x -b /x'; do
     # shellcheck disable=SC2086
     run zncctl run $words
     check "run $words is a usage error" test "$status/$out" = 64/
 done
-run zncctl run -t -b "$work/hello"
-fails_with '--tty without a terminal exits 125' 125 '--tty needs a terminal on standard input'
+run zncctl run --rm -it -b "$work/hello"
+fails_with '--tty without a terminal exits 125' 125 \
+    '--tty with --interactive needs a terminal on standard input'
 
 # A detached program does not keep the caller's descriptors open: the command substitution returns although
 # the program is still running.
 make_bundle "$work/loop" /bin/sh -c "echo begin; exec sleep $mark"
-out=$(zncctl run -d -b "$work/loop" web 2>&1)
+out=$(zncctl run --name web -d -b "$work/loop" 2>&1)
 check 'run --detach prints the id and lets go of the output' test "$out" = web
 check 'its program runs' eventually program_lives
 # logged ID TEXT: waits until the text is in the log: output appears there when the monitor has read it.
@@ -171,7 +172,7 @@ check 'records go with containers' no_records
 # attach: output from now on, signals, the exit status.
 make_bundle "$work/traps" /bin/sh -c \
     "trap 'echo term; exit 5' TERM; echo ready; while :; do sleep 0.05; done"
-zncctl run -d -b "$work/traps" trap >/dev/null
+zncctl run --name trap -d -b "$work/traps" >/dev/null
 eventually logged trap ready
 "$ZNCCTL" attach trap >"$work/attached" 2>&1 &
 attacher=$!
@@ -195,12 +196,39 @@ run zncctl logs --tail 9 trap
 expect 'or all there are' 0 $'ready\nterm' ''
 run zncctl logs --tail x trap
 check 'what is no number is a usage error' test "$status/$out" = 64/
+run zncctl logs --tail all trap
+expect 'or all of them' 0 $'ready\nterm' ''
+stamp='[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.[0-9]{9}Z'
+run zncctl logs -t -n 1 trap
+check 'logs --timestamps says when a line was written' grep -Eqx "$stamp term" "$work/out"
+check 'in this minute' test $(($(date +%s) - $(date -d "${out%% *}" +%s))) -lt 60
+run zncctl logs --since 10m trap
+expect 'logs --since takes a duration' 0 $'ready\nterm' ''
+run zncctl logs --since "$(date -u -d '+1 hour' +%FT%TZ)" trap
+expect 'or a time' 0 '' ''
+for time in soon '' 10x 1h2 2026-13-01T00:00:00Z; do
+    run zncctl logs --since "$time" trap
+    check "since '$time' is a usage error" test "$status/$out" = 64/
+done
 zncctl delete -q trap
+
+# The log of a program that has ended is complete.
+make_bundle "$work/once" /bin/echo once
+complete() {
+    local i
+    for i in {1..20}; do
+        zncctl run -d --name "once$i" -b "$work/once" >/dev/null
+        until [[ $(zncctl list --status stopped -q) == *"once$i"* ]]; do :; done
+        [[ $(zncctl logs "once$i") == once ]] || return
+        zncctl delete -q "once$i"
+    done
+}
+check 'the log is complete as soon as the container is stopped' complete
 
 # 6,000 lines of 10 bytes in a log of 8 KiB: the log contains the end of the output but not the beginning.
 # shellcheck disable=SC2016
 make_bundle "$work/talks" /bin/sh -c 'i=100000; while [ $i -lt 106000 ]; do echo l $i.; i=$((i+1)); done'
-zncctl run -d --log-max 8192 -b "$work/talks" talks >/dev/null
+zncctl run --name talks -d --log-max 8192 -b "$work/talks" >/dev/null
 run zncctl wait talks
 expect 'a program that prints a lot ends' 0 0 ''
 run zncctl logs talks
@@ -212,18 +240,24 @@ import sys
 lines = open(sys.argv[1]).read().split("\n")[1:-1]
 numbers = [int(line[2:-1]) for line in lines]
 assert numbers == list(range(numbers[0], 106000))' "$work/out"
+run zncctl logs -t talks
+check 'so with times, in their order' python3 -c '
+import sys
+lines = open(sys.argv[1]).read().split("\n")[1:-1]
+assert lines == sorted(lines) and lines[-1].endswith(" l 105999."), lines[-1]
+assert all(" l " in line for line in lines[1:])' "$work/out"
 zncctl delete -q talks
 
 # A process that the program leaves behind keeps the output open, but does not delay the exit code.
 make_bundle "$work/leaves" /bin/sh -c "(sleep $mark; echo late) & exit 3"
-zncctl run -d -b "$work/leaves" leaves >/dev/null
+zncctl run --name leaves -d -b "$work/leaves" >/dev/null
 run zncctl wait leaves
 expect 'the exit code does not wait for what the program leaves behind' 0 3 ''
 zncctl delete -qf leaves
 check 'which delete --force ends' eventually not program_lives
 
 # If the monitor is killed, only the exit code is lost.
-zncctl run -d -b "$work/loop" web >/dev/null
+zncctl run --name web -d -b "$work/loop" >/dev/null
 eventually program_lives
 kill -s KILL "$(sed -n 's/.*"keeper": \([0-9]*\).*/\1/p' /run/zarnel/containers/web/status.json)"
 check 'a program outlives its monitor' status_is web running
@@ -236,7 +270,7 @@ expect 'it can be deleted' 0 web ''
 
 # Two interrupts in a row.
 make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; echo ready; sleep $mark & wait; wait; wait"
-"$ZNCCTL" run -b "$work/deaf" deaf >"$work/deaf.out" 2>"$work/hints" &
+"$ZNCCTL" run --rm --name deaf -b "$work/deaf" >"$work/deaf.out" 2>"$work/hints" &
 runner=$!
 eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
@@ -254,7 +288,7 @@ check 'no container is left' no_containers
 check 'no record is left' no_records
 check 'no monitor is left' eventually no_monitor
 stop_daemon
-run zncctl run -b "$work/hello"
+run zncctl run --rm -b "$work/hello"
 fails_with 'without a daemon run exits 125' 125 'The daemon is not running'
 check 'and the hint says how to start it' grep -q "^zncctl: hint: start it as root, with 'zncd &'" \
     "$work/err"

@@ -137,7 +137,7 @@ def listed():
 
 def a_terminal_of_its_own():
     script("test -t 0 && test -t 1 && test -t 2 && echo terminal; /bin/busybox stty size; exit 4")
-    t = run("run", "-t", "-b", BUNDLE, rows=33, columns=111)
+    t = run("run", "--rm", "-it", "-b", BUNDLE, rows=33, columns=111)
     check("--tty: all three streams are a terminal", b"terminal" in t.text, t.text)
     check("of the size of the caller's", b"33 111" in t.text, t.text)
     check("the exit status is passed on", code(t.ended) == 4, t.ended)
@@ -147,7 +147,7 @@ def a_terminal_of_its_own():
 
 def typing_and_sizes():
     script("echo ready; read a; echo got:$a; read b; /bin/busybox stty size")
-    t = Terminal("run", "-t", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     check("it begins", t.until("ready"), t.text)
     check("the caller's terminal is raw meanwhile", not t.restored())
     t.type("word\r")
@@ -163,21 +163,21 @@ def typing_and_sizes():
 
 def keys_that_are_signals():
     script("trap 'echo interrupted; exit 9' INT; echo ready; while :; do sleep 0.05; done")
-    t = Terminal("run", "-t", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     t.until("ready")
     t.type("\x03")
     check("--tty: the interrupt key interrupts the program", t.until("interrupted"), t.text)
     check("which ends as it likes", code(t.wait()) == 9)
     t.close()
     script("/bin/busybox stty -isig; echo ready; read a; echo got:$a | /bin/busybox cat -v")
-    t = Terminal("run", "-t", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     t.until("ready")
     t.type("\x03\r")
     check("not when the program wants the byte itself", t.until(r"got:\^C"), t.text)
     check("it goes on then", code(t.wait()) == 0)
     t.close()
     script("trap 'echo interrupted; exit 9' INT; echo ready; while :; do sleep 0.05; done")
-    t = Terminal("run", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-i", "-b", BUNDLE)
     t.until("ready")
     check("without --tty the terminal is left alone", t.restored())
     t.type("\x03")
@@ -204,19 +204,19 @@ def program_runs():
 
 def every_way_out():
     script("echo ready; kill -KILL $$")
-    t = run("run", "-t", "-b", BUNDLE)
+    t = run("run", "--rm", "-it", "-b", BUNDLE)
     check("a program that is killed", code(t.ended) == 137, t.ended)
     check("leaves the terminal as it was", t.restored())
     t.close()
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
-        t = Terminal("run", "-t", "-b", WORK + "/sleeps")
+        t = Terminal("run", "--rm", "-it", "-b", WORK + "/sleeps")
         program_runs()
         os.kill(t.pid, number)
         check(f"zncctl getting {number.name} ends as its program does", code(t.wait()) == 128 + number)
         check("and leaves the terminal as it was", t.restored())
         t.close()
     os.rename(BUNDLE + "/rootfs/bin/sh", BUNDLE + "/rootfs/bin/nosh")
-    t = run("run", "-t", "-b", BUNDLE)
+    t = run("run", "--rm", "-it", "-b", BUNDLE)
     os.rename(BUNDLE + "/rootfs/bin/nosh", BUNDLE + "/rootfs/bin/sh")
     check("a program that cannot be started", code(t.ended) == 127, t.ended)
     check("leaves the terminal as it was, and a line", t.restored() and b"no such program" in t.text, t.text)
@@ -225,8 +225,8 @@ def every_way_out():
 
 def stopping():
     script("echo ready; read a; echo got:$a")
-    for words in (["-t"], []):
-        t = Terminal("run", *words, "-b", BUNDLE)
+    for words in (["-it"], ["-i"]):
+        t = Terminal("run", "--rm", *words, "-b", BUNDLE)
         t.until("ready")
         during = termios.tcgetattr(t.child)
         os.kill(t.pid, signal.SIGTSTP)
@@ -248,7 +248,7 @@ def nothing_of_the_callers_terminal():
 echo terminals: $(ls /dev/pts)
 (echo controlling >/dev/tty)
 echo end; read a""".replace("ls /", "/bin/busybox ls /"))
-    t = Terminal("run", "-t", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     t.until("end\r\n")
     check("--tty: of the host's users only root can open the terminal", b"mode 600" in t.text, t.text)
     ours = os.ttyname(t.child).encode()
@@ -282,7 +282,7 @@ def waiting_input(terminal):
 
 def typing_ahead():
     script("/bin/busybox stty raw -echo; echo ready; while ! test -e /tmp/go; do /bin/busybox sleep 0.02; done; exit 3")
-    t = Terminal("run", "-t", "-b", BUNDLE, "ahead")
+    t = Terminal("run", "--rm", "--name", "ahead", "-it", "-b", BUNDLE)
     t.until("ready")
     # The kernel moves what was typed to where it is counted in its own time, so typing must not wait.
     os.set_blocking(t.master, False)
@@ -311,7 +311,7 @@ def typing_ahead():
 
 def floods():
     script("/bin/busybox stty raw -echo; echo ready; /bin/busybox yes | /bin/busybox head -c 3000000; echo end; exit 4")
-    t = Terminal("run", "-t", "-b", BUNDLE)
+    t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     t.until("ready")
     os.set_blocking(t.master, False)
     for _ in range(1000):
@@ -329,13 +329,13 @@ def floods():
 
 def background():
     script("echo ready; read a; echo program got $a")
-    for words in ([], ["-t"]):
-        t = Terminal("run", *words, "-b", BUNDLE, in_background=True)
+    for words in (["-i"], ["-it"]):
+        t = Terminal("run", "--rm", *words, "-b", BUNDLE, in_background=True)
         check(f"run {words} in the background runs", t.until("ready"), t.text)
         check("and leaves the terminal alone", t.restored())
         t.type("first\r")
         check("and its keys to the shell", t.until("the shell got first"), t.text)
-        if words:
+        if "-it" in words:
             check("until it comes to the front", t.settings_change())
         t.type("second\r")
         check("where it gets them", t.until("program got second"), t.text)
@@ -346,7 +346,7 @@ def background():
 
 def detached():
     script("echo ready; exec sleep " + os.environ["MARK"])
-    t = run("run", "-d", "-b", BUNDLE, "away")
+    t = run("run", "-d", "--name", "away", "-b", BUNDLE)
     check("--detach prints the id", t.text == b"away\r\n", t.text)
     t.close()  # hangs the terminal up
     check("the program outlives the terminal", " running " in listed(), listed())
@@ -361,7 +361,7 @@ def detached():
 def more_programs():
     """A terminal of exec: another program in a container that runs already."""
     script("while :; do sleep 0.05; done")
-    subprocess.run([ZNCCTL, "run", "-d", "-b", BUNDLE, "base"], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run([ZNCCTL, "run", "-d", "--name", "base", "-b", BUNDLE], check=True, stdout=subprocess.DEVNULL)
     shell = ("sh", "-c")
     t = run("exec", "-it", "base", *shell, "test -t 0 && test -t 1 && test -t 2 && echo terminal; "
             "echo $TERM; /bin/busybox stty size; echo word >/dev/tty; exit 4", rows=33, columns=111)

@@ -31,18 +31,18 @@ image() {
 zrun() { run zncctl run --os linux --progress none "$@"; }
 runs_as() {
     image tested "$2"
-    zrun "$work/layout:tested"
+    zrun --rm "$work/layout:tested"
     expect "$1" 0 "$3" ''
 }
 refused() {
     image tested "$2"
-    zrun "$work/layout:tested"
+    zrun --rm "$work/layout:tested"
     check "$1" test "$status/$out" = 125/
     check "and says why: $3" grep -qF -- "$3" "$work/err"
 }
 no_bundle() { ! ls -d "$ZNC_BASE"/bundles/*/ >"$work/bundles" 2>&1; }
 
-zrun "$work/layout:base"
+zrun --rm "$work/layout:base"
 expect 'an image without a user runs as root' 0 '0 0 0 /root' ''
 runs_as 'a name has its groups and its home directory' app '1000 100 100 8 44 /home/app'
 runs_as 'a number that has an entry is that user, not the one of that name' 1000 \
@@ -52,7 +52,7 @@ runs_as 'a group can be given' app:mail '1000 8 8 /home/app'
 runs_as 'also as a number' 1000:4712 '1000 4712 4712 /home/app'
 umoci config --image "$work/layout:base" --tag home --config.user app --config.env HOME=/tmp \
     >"$work/umoci.log" 2>&1
-zrun "$work/layout:home"
+zrun --rm "$work/layout:home"
 expect 'HOME of the image stays' 0 '1000 100 100 8 44 /tmp' ''
 
 run zncctl storage gc -q
@@ -88,7 +88,7 @@ hostile() {
     tar --create --format=ustar --owner=0 --group=0 --directory="$work/hostile" \
         --file="$work/hostile.tar" ./etc/passwd
     umoci raw add-layer --image "$work/layout:hostile" "$work/hostile.tar" >"$work/umoci.log" 2>&1
-    zrun "$work/layout:hostile"
+    zrun --rm "$work/layout:hostile"
     check "$name" test "$status/$out" = 125/
 }
 printf 'app:x:0:0::/:/bin/sh\n' >"$work/host-passwd"

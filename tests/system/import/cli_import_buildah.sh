@@ -49,7 +49,7 @@ for archive in built.oci.tar built.docker.tar; do
 done
 start_daemon
 for image in image1 image2; do
-    run zncctl run --os linux "$layout:$image"
+    run zncctl run --rm --os linux "$layout:$image"
     check "a container runs from $image" test "$status/$out" = 0/one
 done
 run zncctl unpack --os linux --tag image1 --progress none "$layout" "$work/bundle"

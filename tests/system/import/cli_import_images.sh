@@ -91,11 +91,11 @@ check 'the time of making can be set' test "$(image_json "$work/dated" app confi
     1970-01-02T00:00:00Z
 
 start_daemon
-run zncctl run --os linux "$layout:$tag"
+run zncctl run --rm --os linux "$layout:$tag"
 check 'a container runs from it' test "$status/$out" = 0/hello
 
 # The library refuses the original image: run and unpack convert it by themselves.
-run zncctl run --os linux "$source:app"
+run zncctl run --rm --os linux "$source:app"
 check 'run converts it' test "$status/$out" = 0/hello
 zncctl image prune --force >/dev/null
 run zncctl unpack --os linux --tag app --progress none "$source" "$work/bundle"
@@ -126,7 +126,7 @@ check 'the tag of the source is kept' test "$(zncctl image ls -q "$work/named")"
 check 'and the digest does not depend on it' test "$out" = "$app_digest"
 run zncctl import "${lenient[@]}" app.docker.tar "$work/docker"
 check 'as is that of an older archive' test "$(zncctl image ls -q "$work/docker")" = v1
-run zncctl run --os linux zstd.layout:app
+run zncctl run --rm --os linux zstd.layout:app
 check 'what zstd compressed is not run' test "$status/$out" = 125/
 
 # A tag that exists already.

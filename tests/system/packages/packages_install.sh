@@ -117,7 +117,7 @@ step() {
     sed '/^layer [0-9]*\/[0-9]/d' "$work/shown" # progress
 }
 logged() { inside zncctl logs web | grep 'hello from web' >/dev/null; }
-step 'an image is run in the background' web zncctl run --detach --os linux /srv/image web
+step 'an image is run in the background' web zncctl run --name web --detach --os linux /srv/image
 check 'its output is kept' eventually logged
 step 'the log is shown' 'hello from web' zncctl logs web
 step 'it is listed' 'web +running +- +/.*' zncctl list

@@ -3,6 +3,7 @@
 #include "front/output.hpp"
 #include "front/parse.hpp"
 #include "front/usage.hpp"
+#include "front/words.hpp"
 
 #include <gtest/gtest.h>
 
@@ -84,10 +85,13 @@ TEST(CommandTable, OptionsOfACommandDoNotCollideAndLeaveHelpAlone)
 {
     for (const Command& command : commands()) {
         std::set<std::string_view> names = {"help"};
-        std::set<char> letters = {'h'};
+        std::set<char> letters;
         EXPECT_FALSE(std::string_view(command.help).empty()) << command.name;
         for (const Option& option : command.options) {
             EXPECT_TRUE(names.insert(option.name).second) << command.name << " --" << option.name;
+            if (option.letter == 'h') { // elsewhere it is the help
+                EXPECT_STREQ(option.name, "hostname") << command.name;
+            }
             if (option.letter != 0) {
                 EXPECT_TRUE(letters.insert(option.letter).second)
                     << command.name << " -" << option.letter;
@@ -131,7 +135,8 @@ TEST(FindCommand, ATwoWordNameNeedsBothWords)
 
 TEST(FindCommand, AnAliasIsTheCommand)
 {
-    EXPECT_EQ(find_command(Words{"ps"}).command, &row({"list"}));
+    EXPECT_EQ(find_command(Words{"unpause"}).command, &row({"resume"}));
+    EXPECT_NE(find_command(Words{"ps"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"ls"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"rm"}).command, &row({"delete"}));
 }
@@ -195,12 +200,63 @@ TEST(Parse, BadArgumentsAreNamed)
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "-x"}).problem, "unknown option '-x'");
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "--alle"}).problem, "unknown option '--alle'");
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "--al"}).problem, "unknown option '--al'");
-    EXPECT_EQ(parse(row({"kill"}), Words{"w", "-9"}).problem, "unknown option '-9'");
+    EXPECT_EQ(parse(row({"state"}), Words{"w", "-9"}).problem, "unknown option '-9'");
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "--all=1"}).problem, "option '--all' takes no value");
     EXPECT_EQ(parse(row({"kill"}), Words{"w", "-s"}).problem, "option '--signal' needs a value");
     EXPECT_EQ(parse(row({"kill"}), Words{}).problem, "too few arguments");
     EXPECT_EQ(parse(row({"state"}), Words{"a", "b"}).problem, "too many arguments");
     EXPECT_EQ(parse(row({"list"}), Words{"a"}).problem, "too many arguments");
+}
+
+TEST(Parse, AnUnknownOptionIsNamedWithASimilarOne)
+{
+    EXPECT_EQ(parse(row({"kill"}), Words{"w", "--singal=9"}).problem, "unknown option '--singal'");
+    EXPECT_EQ(parse(row({"kill"}), Words{"w", "--singal=9"}).hint, "did you mean '--signal'?");
+    EXPECT_EQ(parse(row({"list"}), Words{"--no-truncate"}).hint, "did you mean '--no-trunc'?");
+    EXPECT_EQ(parse(row({"run"}), Words{"--hlep"}).hint, "did you mean '--help'?");
+    EXPECT_EQ(parse(row({"kill"}), Words{"w", "--something-else"}).hint, "");
+}
+
+TEST(Parse, ASignalCanBeGivenLikeAnOption)
+{
+    for (const Words& words : {Words{"-9", "w"}, Words{"w", "-9"}, Words{"-a", "-9", "w"}}) {
+        const Parsed parsed = parse(row({"kill"}), words);
+        EXPECT_EQ(parsed.problem, "");
+        EXPECT_STREQ(parsed.args.value("signal", ""), "9");
+        EXPECT_EQ(parsed.args.all_operands(), std::vector<std::string>{"w"});
+    }
+    EXPECT_STREQ(parse(row({"kill"}), Words{"-KILL", "w"}).args.value("signal", ""), "KILL");
+    EXPECT_STREQ(parse(row({"kill"}), Words{"-s", "-9", "w"}).args.value("signal", ""), "-9");
+    EXPECT_STREQ(parse(row({"kill"}), Words{"--", "-9"}).args.operand(0), "-9");
+    EXPECT_EQ(parse(row({"kill"}), Words{"-aq", "w"}).args.has("signal"), false);
+}
+
+TEST(Parse, WordsBehindAnImageBelongToItsProgram)
+{
+    using Texts = std::vector<std::string>;
+    const Parsed run = parse(row({"run"}), Words{"-it", "-hbox", "image", "-h", "--rm", "--", "x"});
+    EXPECT_EQ(run.problem, "");
+    EXPECT_EQ(run.args.all_operands(), (Texts{"image", "-h", "--rm", "--", "x"}));
+    EXPECT_STREQ(run.args.value("hostname", ""), "box");
+    EXPECT_FALSE(run.args.has("rm"));
+    EXPECT_FALSE(run.help);
+    EXPECT_TRUE(parse(row({"run"}), Words{"--help"}).help);
+    // The id of a container that is made from a bundle may be followed by options.
+    const Parsed bundle = parse(row({"create"}), Words{"id", "-b", "bundle"});
+    EXPECT_STREQ(bundle.args.value("bundle", ""), "bundle");
+    const Parsed image = parse(row({"create"}), Words{"--name", "id", "image", "-b", "bundle"});
+    EXPECT_EQ(image.args.all_operands(), (Texts{"image", "-b", "bundle"}));
+}
+
+TEST(Words, AreSimilarByTheirEditDistance)
+{
+    EXPECT_EQ(edit_distance("", "abc"), 3U);
+    EXPECT_EQ(edit_distance("same", "same"), 0U);
+    EXPECT_EQ(edit_distance("lsit", "list"), 1U);
+    EXPECT_EQ(edit_distance("kitten", "sitting"), 3U);
+    EXPECT_EQ(closest_word("delte", {"start", "delete"}), "delete");
+    EXPECT_EQ(closest_word("frobnicate", {"start", "delete"}), "");
+    EXPECT_EQ(closest_word(std::string(1000, 'x'), {std::string(1000, 'x')}), "");
 }
 
 TEST(Parse, OperandsAreTakenAsTheyAre)
@@ -234,8 +290,7 @@ TEST(Parse, HelpWinsOverMissingArguments)
 
 TEST(Usage, ComesFromTheTable)
 {
-    EXPECT_EQ(usage_line(row({"kill"})),
-              "usage: zncctl kill [-s|--signal SIG] [-a|--all] [-q|--quiet] ID...\n");
+    EXPECT_EQ(usage_line(row({"kill"})), "usage: zncctl kill [OPTION...] ID...\n");
     EXPECT_EQ(usage_line(row({"ping"})), "usage: zncctl ping\n");
     EXPECT_EQ(usage_line(row({"image", "inspect"})), "usage: zncctl image inspect IMAGE\n");
 }

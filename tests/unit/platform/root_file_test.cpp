@@ -76,4 +76,37 @@ TEST_F(FileOpenInRoot, LinksOfProcToOpenFilesAreNotFollowed)
     EXPECT_EQ(errno, ELOOP);
 }
 
+TEST_F(FileOpenInRoot, DirectoriesAreFoundInsideTheRootOnly)
+{
+    const auto error = [this](const char* path) {
+        const znc::UniqueFd dir(znDirOpenInRoot(root_.get(), path));
+        return dir ? 0 : errno;
+    };
+    for (const char* path : {"dir", "/dir", "../dir", "/", "..", "dir/../.."})
+        EXPECT_EQ(error(path), 0) << path;
+    link("/dir");
+    EXPECT_EQ(error("link"), 0);
+    link(dir_.path());
+    EXPECT_EQ(error("link"), ENOENT);
+    EXPECT_EQ(error("file"), ENOTDIR);
+    EXPECT_EQ(error("nothing"), ENOENT);
+    const znc::UniqueFd above(znDirOpenInRoot(root_.get(), "../.."));
+    EXPECT_EQ(::faccessat(above.get(), "file", F_OK, 0), 0); // the root itself
+}
+
+TEST_F(FileOpenInRoot, AFileOfADirectoryIsOpenedWithoutFollowingLinks)
+{
+    const auto error = [this](const char* name) {
+        const znc::UniqueFd file(znFileOpenAt(root_.get(), name));
+        return file ? 0 : errno;
+    };
+    EXPECT_EQ(error("file"), 0);
+    EXPECT_EQ(error("dir"), EISDIR);
+    EXPECT_EQ(error("nothing"), ENOENT);
+    link("file");
+    EXPECT_EQ(error("link"), ELOOP);
+    ASSERT_EQ(::mkfifo((dir_ / "root/fifo").c_str(), 0600), 0);
+    EXPECT_EQ(error("fifo"), EINVAL);
+}
+
 } // namespace

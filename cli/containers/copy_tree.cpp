@@ -1,0 +1,197 @@
+#include "copy_tree.hpp"
+
+#include "base/owned.hpp"
+#include "front/escape.hpp"
+#include "front/files.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <vector>
+
+#include "zarnel/fs.h"
+
+namespace zncctl {
+namespace {
+
+// Each level has descriptors open, and a tree that a container made may have any depth.
+constexpr unsigned kDepthMax = 200;
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+[[noreturn]] void fail(const std::string& path)
+{
+    throw std::runtime_error(fmt::format("{}: {}", printable(path), error_text()));
+}
+
+std::vector<std::string> names_in(int dir, const std::string& path)
+{
+    struct Close {
+        void operator()(DIR* open) const { ::closedir(open); }
+    };
+    znc::UniqueFd own(::openat(dir, ".", kDirFlags));
+    const std::unique_ptr<DIR, Close> entries(own ? ::fdopendir(own.get()) : nullptr);
+    if (entries == nullptr)
+        fail(path);
+    static_cast<void>(own.release()); // closedir() closes it
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* entry = ::readdir(entries.get())) { // NOLINT(concurrency-mt-unsafe)
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            names.push_back(name);
+    }
+    if (errno != 0)
+        fail(path);
+    return names;
+}
+
+// A new file beside the one to replace, which is removed unless it is renamed.
+class NewFile {
+  public:
+    NewFile(int dir, const std::string& name) : dir_(dir)
+    {
+        std::random_device random;
+        constexpr std::size_t kKept = 200; // so that the name is not too long
+        temporary_ = fmt::format(".{}.{:08x}{:08x}", name.substr(0, kKept), random(), random());
+        file_.reset(::openat(dir_, temporary_.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!file_)
+            fail(name);
+    }
+    ~NewFile()
+    {
+        const znc::ErrnoSaver keep;
+        if (!temporary_.empty())
+            ::unlinkat(dir_, temporary_.c_str(), 0);
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    [[nodiscard]] int fd() const { return file_.get(); }
+
+    void take_name(const std::string& name)
+    {
+        if (file_.close_checked() != 0 ||
+            ::renameat(dir_, temporary_.c_str(), dir_, name.c_str()) != 0)
+            fail(name);
+        temporary_.clear();
+    }
+
+  private:
+    int dir_;
+    std::string temporary_;
+    znc::UniqueFd file_;
+};
+
+// At most as many bytes as there are now: the source may grow for ever.
+void copy_bytes(int from, int to, off_t size, const std::string& name)
+{
+    std::array<char, 65536> buffer{};
+    while (size > 0) {
+        const auto most = std::min<off_t>(size, static_cast<off_t>(buffer.size()));
+        const ssize_t n = ::read(from, buffer.data(), static_cast<std::size_t>(most));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 ||
+            !write_all(to, {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0))}))
+            fail(name);
+        if (n == 0)
+            return;
+        size -= n;
+    }
+}
+
+} // namespace
+
+void TreeCopy::set_attributes(int file, const struct stat& st, const std::string& name) const
+{
+    const std::array<timespec, 2> times = {st.st_atim, st.st_mtim};
+    // The owner first: that would clear bits of the mode.
+    if ((owner_ && ::fchown(file, owner_->uid, owner_->gid) != 0) ||
+        ::fchmod(file, st.st_mode & 0777U) != 0 || ::futimens(file, times.data()) != 0)
+        fail(name);
+}
+
+void TreeCopy::copy_file(int file, int to, const std::string& name) const
+{
+    struct stat st = {};
+    if (::fstat(file, &st) != 0)
+        fail(name);
+    NewFile copy(to, name);
+    copy_bytes(file, copy.fd(), st.st_size, name);
+    set_attributes(copy.fd(), st, name);
+    copy.take_name(name);
+}
+
+void TreeCopy::copy_link(int from, int to, const std::string& name) const
+{
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = ::readlinkat(from, name.c_str(), target.data(), target.size() - 1);
+    if (length < 0)
+        fail(name);
+    if (::symlinkat(target.data(), to, name.c_str()) != 0 &&
+        (errno != EEXIST || ::unlinkat(to, name.c_str(), 0) != 0 ||
+         ::symlinkat(target.data(), to, name.c_str()) != 0))
+        fail(name);
+    if (owner_ && ::fchownat(to, name.c_str(), owner_->uid, owner_->gid, AT_SYMLINK_NOFOLLOW) != 0)
+        fail(name);
+}
+
+void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::string& path,
+                          unsigned depth) const
+{
+    struct stat st = {};
+    if (::fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+        fail(path);
+    if (S_ISLNK(st.st_mode))
+        return copy_link(from, to, name);
+    if (S_ISDIR(st.st_mode)) {
+        const znc::UniqueFd dir(::openat(from, name.c_str(), kDirFlags));
+        if (!dir)
+            fail(path);
+        return copy_directory(dir.get(), to, name, path, depth + 1);
+    }
+    const znc::UniqueFd file(S_ISREG(st.st_mode) ? znFileOpenAt(from, name.c_str()) : -1);
+    if (!file && (!S_ISREG(st.st_mode) || errno == EINVAL))
+        throw std::runtime_error(fmt::format(
+            "{}: it is a device, FIFO or socket, which is not copied", printable(path)));
+    if (!file)
+        fail(path);
+    copy_file(file.get(), to, name);
+}
+
+void TreeCopy::copy_content(int from, int to, const std::string& path, unsigned depth) const
+{
+    if (depth > kDepthMax)
+        throw std::runtime_error(fmt::format("{}: it has more than {} levels of directories",
+                                             printable(first_characters(path, 100)), kDepthMax));
+    for (const std::string& name : names_in(from, path))
+        copy_entry(from, to, name, fmt::format("{}/{}", path, name), depth);
+}
+
+void TreeCopy::copy_directory(int from, int to, const std::string& name, const std::string& path,
+                              unsigned depth) const
+{
+    struct stat st = {};
+    if (::fstat(from, &st) != 0)
+        fail(path);
+    const bool made = ::mkdirat(to, name.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST)
+        fail(name);
+    const znc::UniqueFd dir(::openat(to, name.c_str(), kDirFlags));
+    if (!dir)
+        fail(name);
+    copy_content(from, dir.get(), path, depth);
+    if (made)
+        set_attributes(dir.get(), st, name);
+}
+
+} // namespace zncctl

@@ -1,0 +1,49 @@
+// copy_tree.hpp - copies files and directory trees between a container and the host, by descriptors
+// only. A container's processes may change either side at any time: no symbolic link is followed,
+// and only regular files, directories and links are read or made. Used by cp.
+#ifndef ZNC_CLI_CONTAINERS_COPY_TREE_HPP
+#define ZNC_CLI_CONTAINERS_COPY_TREE_HPP
+
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace zncctl {
+
+struct Owner {
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+class TreeCopy {
+  public:
+    // New files belong to `owner`, or without one to the caller. They get the permission bits and
+    // the time of modification of the source, without set-user-ID, set-group-ID and sticky bits.
+    explicit TreeCopy(std::optional<Owner> owner) : owner_(owner) {}
+
+    // Copies an open regular file to the name in the directory, as far as its size was when the
+    // copy began. A file or link of this name is replaced when the copy is complete. Throws
+    // std::runtime_error, as the others do.
+    void copy_file(int file, int to, const std::string& name) const;
+
+    // Copies what is in an open directory into another one. Directories that exist there keep their
+    // owner and mode. `path` names the source in messages.
+    void copy_content(int from, int to, const std::string& path, unsigned depth = 0) const;
+
+    // Makes the directory of this name like the open directory `from`, and copies the content.
+    void copy_directory(int from, int to, const std::string& name, const std::string& path,
+                        unsigned depth = 0) const;
+
+  private:
+    void copy_entry(int from, int to, const std::string& name, const std::string& path,
+                    unsigned depth) const;
+    void copy_link(int from, int to, const std::string& name) const;
+    void set_attributes(int file, const struct stat& st, const std::string& name) const;
+
+    std::optional<Owner> owner_;
+};
+
+} // namespace zncctl
+
+#endif

@@ -1,0 +1,82 @@
+#include "listing.hpp"
+
+#include "container.hpp"
+#include "front/container_id.hpp"
+#include "image_bundle.hpp"
+#include "pause.hpp"
+
+namespace zncctl {
+namespace {
+
+// The status in the list may be out of date: the daemon notices only when it is asked for the state
+// of a container that its program has ended.
+int status_now(const std::string& id, const Json& state)
+{
+    const std::int64_t listed = integer(member(state, "status")).value_or(STATE_UNKNOWN);
+    if (listed != STATE_RUNNING)
+        return listed >= 0 && listed < STATE_UNKNOWN ? static_cast<int>(listed) : STATE_UNKNOWN;
+    const CONTAINER_STATUS now = status_of(id);
+    return now != STATE_UNKNOWN ? now : STATE_RUNNING;
+}
+
+// The daemon prints its local time.
+std::time_t local_time(const std::string& text)
+{
+    std::tm local = {};
+    local.tm_isdst = -1;
+    return ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &local) != nullptr ? std::mktime(&local)
+                                                                            : 0;
+}
+
+} // namespace
+
+const char* ListedContainer::status_name() const
+{
+    return paused ? kPausedText : zncUtilStateIdToString(status);
+}
+
+std::optional<std::vector<ListedContainer>> listed_containers()
+{
+    std::optional<Json> states = all_states();
+    if (!states)
+        return std::nullopt;
+    std::vector<ListedContainer> all;
+    const std::set<std::string> paused = paused_ids();
+    for (Json& state : *states) {
+        ListedContainer one = {std::move(state), "", STATE_UNKNOWN, false, std::nullopt};
+        one.id = text_of(one.state, "id");
+        one.status = status_now(one.id, one.state);
+        if (member(one.state, "status") != nullptr)
+            one.state["status"] = one.status;
+        if (one.status == STATE_RUNNING || one.status == STATE_STOPPED)
+            one.record = read_record(one.id);
+        one.paused = one.status == STATE_RUNNING && paused.contains(kept_id(one.id));
+        all.push_back(std::move(one));
+    }
+    return all;
+}
+
+ContainerOrigin origin_of(const std::string& id)
+{
+    ContainerOrigin origin;
+    if (const std::string own = own_bundle(id); !own.empty())
+        origin.notes = read_notes(own);
+    const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id.c_str()); }));
+    const auto document =
+        text ? parse_json(text.get(), nullptr, Annotations::kMayRepeat) : std::nullopt;
+    const Json& array = children(document ? &*document : nullptr);
+    if (array.empty())
+        return origin;
+    const Json& container = *array.begin();
+    const Json* config = member(container, "Config");
+    for (const Json& word : children(member(config, "Cmd")))
+        if (word.is_string())
+            origin.command.push_back(word.get<std::string>());
+    if (const Json* labels = member(config, "Labels"); is_object(labels))
+        origin.labels = *labels;
+    if (origin.notes.created == 0)
+        origin.notes.created = local_time(text_of(container, "Created"));
+    return origin;
+}
+
+} // namespace zncctl

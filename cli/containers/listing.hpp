@@ -1,0 +1,41 @@
+// listing.hpp - the containers as lists of them show them: the daemon's state and what zncctl's
+// records and notes add to it. Used by list and ps.
+#ifndef ZNC_CLI_CONTAINERS_LISTING_HPP
+#define ZNC_CLI_CONTAINERS_LISTING_HPP
+
+#include "container_notes.hpp"
+#include "front/json.hpp"
+#include "front/record.hpp"
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zncctl {
+
+struct ListedContainer { // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
+    Json state;          // the library's document
+    std::string id;
+    int status = 0;
+    bool paused = false;
+    std::optional<Record> record; // of one whose program was started
+
+    [[nodiscard]] const char* status_name() const; // "created", "running", "paused", "stopped"
+};
+
+// All containers, in the daemon's order. Nullopt with errno set if the daemon sends no list.
+std::optional<std::vector<ListedContainer>> listed_containers();
+
+// What a container was made from, and its program.
+struct ContainerOrigin {  // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
+    ContainerNotes notes; // `created` is set if it is known at all
+    std::vector<std::string> command;
+    Json labels = Json::object();
+};
+
+ContainerOrigin origin_of(const std::string& id);
+
+} // namespace zncctl
+
+#endif

@@ -1,0 +1,154 @@
+#!/usr/bin/env bash
+# Tests of zncctl cp: both ways, with containers that change what is copied.
+# shellcheck source=cli_lib.sh disable=SC2317
+. "$(dirname "$0")/cli_lib.sh"
+need busybox
+start_daemon
+
+make_bundle "$work/bundle" /bin/sleep $mark
+for applet in ln rm mkdir mkfifo mv chmod stat id ls touch; do ln -sf busybox "$work/bundle/rootfs/bin/$applet"; done
+jq '.process.user={"uid":1234,"gid":500}' "$work/bundle/config.json" >"$work/config.json"
+mv "$work/config.json" "$work/bundle/config.json"
+chmod 1777 "$work/bundle/rootfs/tmp"
+zncctl run -d --name web -b "$work/bundle" >/dev/null
+inside() { zncctl exec -u 0 web sh -c "$1"; }
+says() { grep -qF -- "$1" "$work/err"; }
+mkdir -p "$work/tree/sub/deeper" "$work/tree/empty"
+echo one >"$work/tree/one"
+echo two >"$work/tree/sub/two"
+ln -s ../one "$work/tree/sub/link"
+ln -s /etc/passwd "$work/tree/absolute"
+chmod 4755 "$work/tree/one"
+touch -d 2001-02-03T04:05:06Z "$work/tree/one"
+chmod 750 "$work/tree/sub"
+
+# --- into a container
+run zncctl cp "$work/tree/one" web:/tmp/
+expect 'a file is copied into a directory' 0 '' ''
+check 'with mode, owner and time, but no set-user-ID' test "$(inside 'stat -c "%a %u %g %Y" /tmp/one')" = \
+    '755 1234 500 981173106'
+run zncctl cp "$work/tree/one" web:/tmp/other
+check 'or to a new name' test "$status/$(inside 'cat /tmp/other')" = 0/one
+run zncctl cp "$work/tree/sub/two" web:/tmp/other
+check 'an existing file is replaced' test "$status/$(inside 'cat /tmp/other')" = 0/two
+run zncctl cp "$work/tree" web:/tmp
+check 'a directory is copied under its name' test "$status/$(inside 'cat /tmp/tree/sub/two')" = 0/two
+check 'with modes, and links as links' test "$(inside \
+    'stat -c %a:%u /tmp/tree/sub; ls -l /tmp/tree/sub/link /tmp/tree/absolute | grep -o -e "-> .*"' |
+    tr '\n' ' ')" = '750:1234 -> /etc/passwd -> ../one '
+run zncctl cp "$work/tree" web:/tmp/new
+check 'or to a new name' test "$status/$(inside 'cat /tmp/new/one; ls /tmp/new')" = \
+    $'0/one\nabsolute\nempty\none\nsub'
+run zncctl cp "$work/tree/." web:/tmp/new/sub
+check 'with /. its content is' test "$status/$(inside 'cat /tmp/new/sub/one; ls -d /tmp/new/sub/two')" = \
+    $'0/one\n/tmp/new/sub/two'
+run zncctl cp "$work/tree/one" web:/no/such/place
+fails_with 'a missing directory is an error' 1 '/no/such: No such file or directory'
+run zncctl cp "$work/tree/one" web:/tmp/no-directory/
+fails_with 'a name with / at its end is a directory' 1 '/tmp/no-directory/: Not a directory'
+run zncctl cp "$work/tree" web:/tmp/other
+check 'a directory does not replace a file' test "$status" = 1
+check 'which stays' test "$(inside 'cat /tmp/other')" = two
+run zncctl cp "$work/none" web:/tmp
+fails_with 'a source that is missing' 1 "$work/none: No such file or directory"
+mkfifo "$work/pipe"
+run zncctl cp "$work/pipe" web:/tmp
+check 'a FIFO is not copied, and nothing waits' test "$status/$out" = 1/
+inside 'mkfifo /tmp/pipe'
+run zncctl cp "$work/tree/one" web:/tmp/pipe
+check 'nor replaced' test "$status/$out" = 1/
+(cd "$work/tree" && zncctl cp one web:tmp/relative)
+check 'paths without / are below the root and the working directory' test "$(inside 'cat /tmp/relative')" = one
+check 'no temporary file is left' test -z "$(inside 'ls -A /tmp | grep "^\."')"
+
+# --- out of a container
+mkdir "$work/here"
+run zncctl cp web:/tmp/tree/one "$work/here"
+check 'a file is copied to the host' test "$status/$(<"$work/here/one")" = 0/one
+check 'where it belongs to the caller' test "$(stat -c '%a %u %g' "$work/here/one")" = '755 0 0'
+inside 'touch /tmp/suid; chmod 6777 /tmp/suid'
+run zncctl cp web:/tmp/suid "$work/here"
+check 'without set-user-ID' test "$(stat -c %a "$work/here/suid")" = 777
+run zncctl cp web:/tmp/tree "$work/here"
+check 'a directory is, too' test "$status/$(<"$work/here/tree/sub/two")/$(readlink "$work/here/tree/absolute")" = \
+    0/two//etc/passwd
+run zncctl cp web:/tmp/tree/. "$work/content"
+check 'or its content' test "$status/$(<"$work/content/one")" = 0/one
+run zncctl cp web:/tmp/pipe "$work/here/pipe"
+fails_with 'a special file is not' 1 '/tmp/pipe: It is not a regular file'
+inside 'mkdir /tmp/special; mkfifo /tmp/special/pipe'
+run zncctl cp web:/tmp/special "$work/here"
+fails_with 'nor in a tree' 1 '/tmp/special/pipe: it is a device, FIFO or socket, which is not copied'
+run zncctl cp web:/dev/null "$work/here"
+check 'nor a device' test "$status" = 1 -a ! -e "$work/here/null"
+
+# --- links that lead out
+mkdir -p "$work/secret"
+echo secret >"$work/secret/file"
+inside "ln -s $work/secret /tmp/out; ln -s ../../../../../../../..$work/secret /tmp/up; ln -s /tmp/tree /tmp/in"
+for link in out up; do
+    run zncctl cp "web:/tmp/$link/file" "$work/here"
+    check "a link that leads out of the container ($link) leads nowhere" test "$status" = 1 -a ! -e "$work/here/file"
+    run zncctl cp "$work/tree/one" "web:/tmp/$link/planted"
+    check 'nor for writing' test "$status" = 1 -a ! -e "$work/secret/planted"
+done
+run zncctl cp web:/tmp/in/one "$work/here/through"
+check 'one that stays inside is followed' test "$status/$(<"$work/here/through")" = 0/one
+inside "mkdir -p /tmp/target; ln -s $work/secret /tmp/target/tree"
+run zncctl cp "$work/tree" web:/tmp/target
+check 'a directory is not copied through a link' test "$status" = 1
+check 'whatever it leads to' test "$(ls "$work/secret")" = file
+inside "mkdir -p /tmp/target2/tree; ln -s $work/secret/file /tmp/target2/tree/one"
+run zncctl cp "$work/tree" web:/tmp/target2
+check 'a link in the place of a file is replaced' test "$status/$(<"$work/secret/file")/$(inside \
+    'cat /tmp/target2/tree/one')" = 0/secret/one
+
+# --- a container that swaps a directory and a link while it is copied
+zncctl exec -d -u 0 web sh -c "mkdir /tmp/race; while :; do mkdir /tmp/race/d; echo own >/tmp/race/d/file
+    rm -rf /tmp/race/d; ln -s $work/secret /tmp/race/d; rm /tmp/race/d; done"
+swapped() { inside 'ls /tmp/race' >/dev/null 2>&1; }
+eventually swapped
+leaked=no
+for ((i = 0; i < 60; i++)); do
+    zncctl cp web:/tmp/race "$work/race" >"$work/out" 2>&1
+    zncctl cp "$work/tree/." web:/tmp/race/d >"$work/out" 2>&1
+    zncctl cp "$work/tree/one" web:/tmp/race/d/file >"$work/out" 2>&1
+    [[ -L $work/race/d ]] || ! grep -qs secret "$work/race/d/file" || leaked=yes
+    rm -rf "$work/race"
+done
+check 'nothing of the host is read in a race' test $leaked = no
+check 'nor written' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
+
+# --- trees without end
+inside 'mkdir /tmp/deep; cd /tmp/deep; i=0; while [ $i -lt 210 ]; do mkdir d; cd d; i=$((i + 1)); done'
+run zncctl cp web:/tmp/deep "$work/deep"
+check 'a tree that is too deep is an error' test "$status" = 1
+check 'that says so' says 'more than 200 levels'
+rm -rf "$work/deep"
+run zncctl cp web:/proc/sys/kernel/hostname "$work/here/none"
+check 'files of /proc are read like others' test "$status" = 0
+run zncctl cp "$work/tree/one" web:/proc/sys/kernel/core_pattern
+check 'but not written' test "$status" = 1
+
+# --- other states, wrong use
+zncctl stop -q -t 0 web
+run zncctl cp web:/tmp/tree/one "$work/here/stopped"
+check 'a stopped container can be copied from' test "$status/$(<"$work/here/stopped")" = 0/one
+zncctl create made "$work/bundle"
+run zncctl cp "$work/tree/one" made:/tmp/early
+expect 'and one that was not started to' 0 '' ''
+run zncctl cp made:/tmp/early "$work/here/early"
+check 'which has the file' test "$status/$(<"$work/here/early")" = 0/one
+check 'the bundle does not' test ! -e "$work/bundle/rootfs/tmp/early"
+run zncctl cp nosuch:/etc "$work/here"
+fails_with 'a container that does not exist' 2 'Container does not exist'
+for words in 'a b' 'web:/a made:/b' 'web:/a -' '- web:/a' 'web: /a' 'web:/a' './web:/a /b'; do
+    # shellcheck disable=SC2086
+    run zncctl cp $words
+    check "cp $words is a usage error" test "$status/$out" = 64/
+done
+inside2=$(printf 'x\x1b[2J')
+run zncctl cp "made:/$inside2" "$work/here"
+check 'names are printed without control characters' not grep -q "$(printf '\x1b')" "$work/err"
+zncctl rm -qaf
+finish
