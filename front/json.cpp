@@ -281,6 +281,15 @@ const std::string* text(const Json* json)
     return json != nullptr ? json->get_ptr<const std::string*>() : nullptr;
 }
 
+std::vector<std::string> texts_of(const Json* array)
+{
+    std::vector<std::string> texts;
+    for (const Json& entry : children(array))
+        if (const std::string* word = text(&entry); word != nullptr)
+            texts.push_back(*word);
+    return texts;
+}
+
 std::optional<std::int64_t> integer(const Json* json)
 {
     if (json == nullptr || !json->is_number_integer() ||

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -78,6 +79,9 @@ bool is_object(const Json* json);
 
 // Null for what is no text.
 const std::string* text(const Json* json);
+
+// The texts among the elements of an array; none of anything else.
+std::vector<std::string> texts_of(const Json* array);
 
 // Nothing for what is no integer, or none of 64 bits with a sign.
 std::optional<std::int64_t> integer(const Json* json);

@@ -1,6 +1,7 @@
 #include "row_format.hpp"
 
 #include "escape.hpp"
+#include "words.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -63,8 +64,7 @@ void RowFormat::add_field(std::string_view inside, const std::vector<std::string
     part.json = inside.starts_with(kJson);
     std::string_view field = part.json ? trimmed(inside.substr(kJson.size())) : inside;
     const bool whole = part.json && field == ".";
-    if (!field.starts_with('.') ||
-        (!whole && std::find(fields.begin(), fields.end(), field.substr(1)) == fields.end()))
+    if (!field.starts_with('.') || (!whole && !is_among(field.substr(1), fields)))
         throw std::runtime_error(fmt::format("the format has an unknown field '{}'; known are .{}",
                                              printable(field), fmt::join(fields, " .")));
     part.field = whole ? "." : field.substr(1);

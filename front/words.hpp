@@ -24,6 +24,25 @@ inline std::vector<std::string> split_words(std::string_view text)
     return words;
 }
 
+// The parts of a text between these characters; one part if there is none.
+inline std::vector<std::string> split(std::string_view text, char at)
+{
+    std::vector<std::string> parts;
+    for (;;) {
+        const std::size_t end = std::min(text.find(at), text.size());
+        parts.emplace_back(text.substr(0, end));
+        if (end == text.size())
+            return parts;
+        text.remove_prefix(end + 1);
+    }
+}
+
+// Whether a list of texts contains this one.
+inline bool is_among(std::string_view text, const auto& list)
+{
+    return std::find(list.begin(), list.end(), text) != list.end();
+}
+
 // The number of characters to insert, remove, replace or exchange with their neighbour to make one
 // word of another.
 inline std::size_t edit_distance(std::string_view from, std::string_view to)

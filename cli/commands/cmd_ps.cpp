@@ -6,6 +6,7 @@
 #include "front/duration.hpp"
 #include "front/escape.hpp"
 #include "front/row_format.hpp"
+#include "front/words.hpp"
 
 #include <algorithm>
 #include <ctime>
@@ -136,19 +137,6 @@ class Row {
     std::time_t now_;
 };
 
-// Splits a row of a table at its tabs.
-std::vector<std::string> columns_of(const std::string& line)
-{
-    std::vector<std::string> columns(1);
-    for (const char c : line) {
-        if (c == '\t')
-            columns.emplace_back();
-        else
-            columns.back() += c;
-    }
-    return columns;
-}
-
 int print_rows(const std::vector<Row>& rows, const RowFormat& format, bool whole)
 {
     if (!format.is_table()) {
@@ -160,9 +148,9 @@ int print_rows(const std::vector<Row>& rows, const RowFormat& format, bool whole
     Json names = Json::object();
     for (const std::string& field : format.heading())
         names[field] = column_name(field);
-    std::vector<std::vector<std::string>> lines = {columns_of(format.text(names))};
+    std::vector<std::vector<std::string>> lines = {split(format.text(names), '\t')};
     for (const Row& row : rows)
-        lines.push_back(columns_of(format.text(row.texts(whole))));
+        lines.push_back(split(format.text(row.texts(whole)), '\t'));
     return print_result(table(lines, whole));
 }
 

@@ -14,15 +14,6 @@ namespace {
 
 constexpr const char* kTerm = "xterm"; // every terminal database has it
 
-std::vector<std::string> texts_of(const Json* array)
-{
-    std::vector<std::string> texts;
-    for (const Json& entry : children(array))
-        if (const std::string* word = text(&entry); word != nullptr)
-            texts.push_back(*word);
-    return texts;
-}
-
 Json& object_at(Json& object, const char* key)
 {
     Json& value = object[key];

@@ -16,11 +16,6 @@ constexpr std::array<std::string_view, 6> kKeys = {"name",  "id",       "status"
                                                    "label", "ancestor", "exited"};
 constexpr std::array<std::string_view, 4> kStates = {"created", "running", "paused", "exited"};
 
-bool is_among(std::string_view word, const auto& words)
-{
-    return std::find(words.begin(), words.end(), word) != words.end();
-}
-
 std::string checked_value(const std::string& key, std::string value)
 {
     if (key == "status" && value == "stopped") // as zncctl list says it

@@ -39,9 +39,7 @@ ContainerNotes read_notes(const std::string& bundle)
     if (!json || !json->is_object())
         return notes;
     notes.image = text_of(*json, "image");
-    for (const Json& port : children(member(*json, "ports")))
-        if (port.is_string())
-            notes.ports.push_back(port.get<std::string>());
+    notes.ports = texts_of(member(*json, "ports"));
     notes.created = integer(member(*json, "created")).value_or(0);
     notes.tty = is_set(*json, "tty");
     notes.interactive = is_set(*json, "interactive");

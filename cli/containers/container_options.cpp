@@ -120,7 +120,7 @@ Json read_labels(const Arguments& args)
 
 std::string read_directory(const Arguments& args)
 {
-    const std::string directory = checked("--workdir", args.value("workdir", ""));
+    std::string directory = checked("--workdir", args.value("workdir", ""));
     if (args.has("workdir") && !directory.starts_with('/'))
         throw BadOption("--workdir must be an absolute path");
     return directory;
@@ -128,7 +128,7 @@ std::string read_directory(const Arguments& args)
 
 std::string read_host_name(const Arguments& args)
 {
-    const std::string name = args.value("hostname", "");
+    std::string name = args.value("hostname", "");
     if (args.has("hostname") &&
         (name.empty() || name.size() > kHostNameMax || host_name_of(name) != name))
         throw BadOption(fmt::format("--hostname is 1 to {} letters, digits, '-', '.' and '_', "

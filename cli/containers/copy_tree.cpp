@@ -26,11 +26,6 @@ namespace {
 constexpr unsigned kDepthMax = 200;
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-[[noreturn]] void fail(const std::string& path)
-{
-    throw std::runtime_error(fmt::format("{}: {}", printable(path), error_text()));
-}
-
 std::vector<std::string> names_in(int dir, const std::string& path)
 {
     struct Close {
@@ -39,7 +34,7 @@ std::vector<std::string> names_in(int dir, const std::string& path)
     znc::UniqueFd own(::openat(dir, ".", kDirFlags));
     const std::unique_ptr<DIR, Close> entries(own ? ::fdopendir(own.get()) : nullptr);
     if (entries == nullptr)
-        fail(path);
+        throw_error(path);
     static_cast<void>(own.release()); // closedir() closes it
     std::vector<std::string> names;
     errno = 0;
@@ -49,7 +44,7 @@ std::vector<std::string> names_in(int dir, const std::string& path)
             names.push_back(name);
     }
     if (errno != 0)
-        fail(path);
+        throw_error(path);
     return names;
 }
 
@@ -64,7 +59,7 @@ class NewFile {
         file_.reset(::openat(dir_, temporary_.c_str(),
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file_)
-            fail(name);
+            throw_error(name);
     }
     ~NewFile()
     {
@@ -81,7 +76,7 @@ class NewFile {
     {
         if (file_.close_checked() != 0 ||
             ::renameat(dir_, temporary_.c_str(), dir_, name.c_str()) != 0)
-            fail(name);
+            throw_error(name);
         temporary_.clear();
     }
 
@@ -102,7 +97,7 @@ void copy_bytes(int from, int to, off_t size, const std::string& name)
             continue;
         if (n < 0 ||
             !write_all(to, {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0))}))
-            fail(name);
+            throw_error(name);
         if (n == 0)
             return;
         size -= n;
@@ -117,14 +112,14 @@ void TreeCopy::set_attributes(int file, const struct stat& st, const std::string
     // The owner first: that would clear bits of the mode.
     if ((owner_ && ::fchown(file, owner_->uid, owner_->gid) != 0) ||
         ::fchmod(file, st.st_mode & 0777U) != 0 || ::futimens(file, times.data()) != 0)
-        fail(name);
+        throw_error(name);
 }
 
 void TreeCopy::copy_file(int file, int to, const std::string& name) const
 {
     struct stat st = {};
     if (::fstat(file, &st) != 0)
-        fail(name);
+        throw_error(name);
     NewFile copy(to, name);
     copy_bytes(file, copy.fd(), st.st_size, name);
     set_attributes(copy.fd(), st, name);
@@ -136,13 +131,13 @@ void TreeCopy::copy_link(int from, int to, const std::string& name) const
     std::array<char, PATH_MAX> target{};
     const ssize_t length = ::readlinkat(from, name.c_str(), target.data(), target.size() - 1);
     if (length < 0)
-        fail(name);
+        throw_error(name);
     if (::symlinkat(target.data(), to, name.c_str()) != 0 &&
         (errno != EEXIST || ::unlinkat(to, name.c_str(), 0) != 0 ||
          ::symlinkat(target.data(), to, name.c_str()) != 0))
-        fail(name);
+        throw_error(name);
     if (owner_ && ::fchownat(to, name.c_str(), owner_->uid, owner_->gid, AT_SYMLINK_NOFOLLOW) != 0)
-        fail(name);
+        throw_error(name);
 }
 
 void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::string& path,
@@ -150,13 +145,13 @@ void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::
 {
     struct stat st = {};
     if (::fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
-        fail(path);
+        throw_error(path);
     if (S_ISLNK(st.st_mode))
         return copy_link(from, to, name);
     if (S_ISDIR(st.st_mode)) {
         const znc::UniqueFd dir(::openat(from, name.c_str(), kDirFlags));
         if (!dir)
-            fail(path);
+            throw_error(path);
         return copy_directory(dir.get(), to, name, path, depth + 1);
     }
     const znc::UniqueFd file(S_ISREG(st.st_mode) ? znFileOpenAt(from, name.c_str()) : -1);
@@ -164,7 +159,7 @@ void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::
         throw std::runtime_error(fmt::format(
             "{}: it is a device, FIFO or socket, which is not copied", printable(path)));
     if (!file)
-        fail(path);
+        throw_error(path);
     copy_file(file.get(), to, name);
 }
 
@@ -182,13 +177,13 @@ void TreeCopy::copy_directory(int from, int to, const std::string& name, const s
 {
     struct stat st = {};
     if (::fstat(from, &st) != 0)
-        fail(path);
+        throw_error(path);
     const bool made = ::mkdirat(to, name.c_str(), 0700) == 0;
     if (!made && errno != EEXIST)
-        fail(name);
+        throw_error(name);
     const znc::UniqueFd dir(::openat(to, name.c_str(), kDirFlags));
     if (!dir)
-        fail(name);
+        throw_error(name);
     copy_content(from, dir.get(), path, depth);
     if (made)
         set_attributes(dir.get(), st, name);

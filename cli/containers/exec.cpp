@@ -153,9 +153,7 @@ bool RunningContainer::read_configuration()
         static_cast<void>(failure(id_, "its configuration cannot be read"));
         return false;
     }
-    for (const Json& entry : children(member(config, "Env")))
-        if (const std::string* variable = zncctl::text(&entry); variable != nullptr)
-            environment_.push_back(*variable);
+    environment_ = texts_of(member(config, "Env"));
     return true;
 }
 

@@ -69,9 +69,7 @@ ContainerOrigin origin_of(const std::string& id)
         return origin;
     const Json& container = *array.begin();
     const Json* config = member(container, "Config");
-    for (const Json& word : children(member(config, "Cmd")))
-        if (word.is_string())
-            origin.command.push_back(word.get<std::string>());
+    origin.command = texts_of(member(config, "Cmd"));
     if (const Json* labels = member(config, "Labels"); is_object(labels))
         origin.labels = *labels;
     if (origin.notes.created == 0)

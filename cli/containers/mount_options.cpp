@@ -24,29 +24,9 @@ constexpr std::array<std::string_view, 4> kNoEffect = {"private", "rprivate", "z
 constexpr std::array<std::string_view, 5> kTmpfsData = {
     "size=", "mode=", "nr_inodes=", "uid=", "gid="};
 
-bool is_among(std::string_view word, const auto& words)
-{
-    return std::find(words.begin(), words.end(), word) != words.end();
-}
-
-std::vector<std::string> split(std::string_view text, char at)
-{
-    std::vector<std::string> parts;
-    for (;;) {
-        const std::size_t end = std::min(text.find(at), text.size());
-        parts.emplace_back(text.substr(0, end));
-        if (end == text.size())
-            return parts;
-        text.remove_prefix(end + 1);
-    }
-}
-
 bool has_component(std::string_view path, std::string_view wanted)
 {
-    for (const std::string& part : split(path, '/'))
-        if (part == wanted)
-            return true;
-    return false;
+    return is_among(wanted, split(path, '/'));
 }
 
 void check_destination(const char* option, const std::string& path)

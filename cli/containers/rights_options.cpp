@@ -2,6 +2,7 @@
 
 #include "front/escape.hpp"
 #include "front/files.hpp"
+#include "front/words.hpp"
 
 #include <algorithm>
 #include <array>
@@ -15,11 +16,6 @@ namespace {
 using Names = std::vector<std::string>;
 
 constexpr const char* kAll = "ALL";
-
-bool contains(const Names& names, std::string_view name)
-{
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
 
 // All capabilities, or only those that containers have by default.
 Names known_capabilities(bool by_default)
@@ -52,7 +48,7 @@ Names read_capabilities(const char* option, const std::vector<std::string>& valu
                     c = static_cast<char>(c - 'a' + 'A');
             if (name != kAll && !name.starts_with("CAP_"))
                 name.insert(0, "CAP_");
-            if (name != kAll && !contains(known, name))
+            if (name != kAll && !is_among(name, known))
                 throw BadOption(
                     fmt::format("--{}: unknown capability '{}'", option, printable(value)));
             names.push_back(name);
@@ -92,15 +88,6 @@ void read_security_option(const std::string& text, ContainerOptions& options)
                                     printable(text)));
 }
 
-Names texts_of(const Json* array)
-{
-    Names texts;
-    for (const Json& entry : children(array))
-        if (const std::string* word = text(&entry); word != nullptr)
-            texts.push_back(*word);
-    return texts;
-}
-
 } // namespace
 
 void read_rights(const Arguments& args, ContainerOptions& options)
@@ -108,7 +95,7 @@ void read_rights(const Arguments& args, ContainerOptions& options)
     options.added_capabilities = read_capabilities("cap-add", args.values("cap-add"));
     options.dropped_capabilities = read_capabilities("cap-drop", args.values("cap-drop"));
     for (const std::string& name : options.added_capabilities)
-        if (contains(options.dropped_capabilities, name))
+        if (is_among(name, options.dropped_capabilities))
             throw BadOption(fmt::format("{} is both added and dropped", name));
     for (const std::string& text : args.values("security-opt"))
         read_security_option(text, options);
@@ -126,12 +113,12 @@ void apply_capabilities(Json& process, const ContainerOptions& options)
     const Names& dropped = options.dropped_capabilities;
     if (added.empty() && dropped.empty())
         return;
-    const Names extra = contains(added, kAll) ? known_capabilities(false) : added;
-    Names all = contains(dropped, kAll) ? Names() : capabilities_of(process);
+    const Names extra = is_among(kAll, added) ? known_capabilities(false) : added;
+    Names all = is_among(kAll, dropped) ? Names() : capabilities_of(process);
     for (const std::string& name : extra)
-        if (!contains(all, name))
+        if (!is_among(name, all))
             all.push_back(name);
-    const auto is_dropped = [&](const std::string& name) { return contains(dropped, name); };
+    const auto is_dropped = [&](const std::string& name) { return is_among(name, dropped); };
     std::erase_if(all, is_dropped);
     // A program of another user than root has only what is given to it by name: an executed file
     // keeps ambient capabilities only.

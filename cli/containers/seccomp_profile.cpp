@@ -105,9 +105,8 @@ Json plain_rule(const Json& rule)
     if (const std::string name = text_of(rule, "name"); !name.empty())
         plain["names"] = {name};
     for (const auto& item : rule.items()) {
-        const bool dropped =
-            std::find(kDropped.begin(), kDropped.end(), item.key()) != kDropped.end();
-        if (!dropped && !item.value().is_null() && (item.key() != "args" || !item.value().empty()))
+        if (!is_among(item.key(), kDropped) && !item.value().is_null() &&
+            (item.key() != "args" || !item.value().empty()))
             plain[item.key()] = item.value();
     }
     // The number is for this action only; engines write it for others, too.

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of zncctl cp: both ways, with containers that change what is copied.
-# shellcheck source=cli_lib.sh disable=SC2317
+# shellcheck source=cli_lib.sh disable=SC2317,SC2016
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 start_daemon

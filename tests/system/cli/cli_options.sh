@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tests of the options of zncctl run and create that change a container: command, environment,
 # mounts, user, rights and limits.
-# shellcheck source=cli_lib.sh disable=SC2317
+# shellcheck source=cli_lib.sh disable=SC2317,SC2016
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 need umoci
