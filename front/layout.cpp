@@ -294,7 +294,7 @@ std::string host_arch()
     utsname name = {};
     if (::uname(&name) != 0)
         return kDefaultArch;
-    const std::string machine = name.machine;
+    std::string machine = name.machine;
     constexpr std::pair<const char*, const char*> kNames[] = {
         {"x86_64", "amd64"}, {"aarch64", "arm64"}, {"armv7l", "arm"}, {"i686", "386"}};
     for (const auto& [of_kernel, of_images] : kNames)

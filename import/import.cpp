@@ -94,7 +94,7 @@ std::string work_apart(Work& work)
         ::_exit(zncctl::write_all(answer.write.get(), text) ? 0 : 1);
     }
     answer.write.reset();
-    const std::string text = read_answer(answer.read.get());
+    std::string text = read_answer(answer.read.get());
     answer.read.reset(); // the writes of a worker that has more to say fail instead of blocking
     int status = 0;
     while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {

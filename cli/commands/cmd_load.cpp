@@ -37,16 +37,15 @@ Listed listed_of(const Json& object)
     return image;
 }
 
-// The images to load: those for this machine, or all if there are none. Indexes list signatures and
-// other documents like images.
-std::vector<Listed> to_load(std::vector<Listed> images)
+// Keeps only the images for this machine, unless there are none: indexes list signatures and other
+// documents like images.
+void keep_for_this_machine(std::vector<Listed>& images)
 {
     const auto is_foreign = [](const Listed& image) { return image.arch != host_arch(); };
-    const bool some = !std::all_of(images.begin(), images.end(), is_foreign);
-    std::erase_if(images, [&](const Listed& image) {
-        return some && (is_foreign(image) || !image.problem.empty());
-    });
-    return images;
+    if (std::all_of(images.begin(), images.end(), is_foreign))
+        return;
+    std::erase_if(images,
+                  [&](const Listed& image) { return is_foreign(image) || !image.problem.empty(); });
 }
 
 // The full names of an image. Archives in Docker's format leave out its registry.
@@ -79,30 +78,38 @@ class Load {
 
     int load()
     {
-        const ProgramEnd end =
-            run_program(import_program(), {"--list", "--", "-"}, archive_.fd(), Output::kKept);
-        if (end.error != 0 || end.status != kExitOk)
-            return end.error != 0 ? import_failure(end.error) : end.status;
-        const Json list = parse_json(end.output).value_or(Json());
         std::vector<Listed> images;
-        for (const Json& object : children(&list))
-            images.push_back(listed_of(object));
+        if (const int status = list(images); status != kExitOk)
+            return status;
+        if (images.empty())
+            return failure(name_, "it contains no image", kExitNotFound);
         if (std::any_of(images.begin(), images.end(),
                         [](const Listed& image) { return image.rootfs; })) {
             const int status = failure(name_, "it is a root filesystem and not an image");
             print_hint("'zncctl import' makes an image of a root filesystem");
             return status;
         }
-        if (images.empty())
-            return failure(name_, "it contains no image", kExitNotFound);
         int result = kExitOk;
-        for (const Listed& image : to_load(std::move(images)))
+        keep_for_this_machine(images);
+        for (const Listed& image : images)
             if (const int status = load_image(image); status != kExitOk)
                 result = status;
         return result;
     }
 
   private:
+    int list(std::vector<Listed>& images) const
+    {
+        const ProgramEnd end =
+            run_program(import_program(), {"--list", "--", "-"}, archive_.fd(), Output::kKept);
+        if (end.error != 0 || end.status != kExitOk)
+            return end.error != 0 ? import_failure(end.error) : end.status;
+        const Json list = parse_json(end.output).value_or(Json());
+        for (const Json& object : children(&list))
+            images.push_back(listed_of(object));
+        return kExitOk;
+    }
+
     int load_image(const Listed& image)
     {
         const std::vector<std::string> names = full_names(image);

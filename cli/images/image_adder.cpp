@@ -87,7 +87,8 @@ Image only_image(const std::string& layout)
         problem = images->front().problem;
     if (!problem.empty())
         throw std::runtime_error(problem);
-    return std::move(images->front());
+    Image image = std::move(images->front());
+    return image;
 }
 
 // What a conversion would not change.

@@ -132,6 +132,16 @@ check 'until they are gone' test "$(names)" = 'localhost/sleeper:latest '
 zncctl rmi sleeper >/dev/null
 check 'nothing is left' test "$(blobs)" = 0
 
+zncctl import -q "oci:$work/layout:latest" read
+exec 8>"$store/.in-use"
+flock -s 8
+run zncctl rmi read 8>&-
+check 'an image that is being read can be removed' test "$status/$(names)" = 0/
+check 'its blobs stay' test "$(blobs)" -gt 0
+exec 8>&-
+zncctl image prune --force >/dev/null
+check 'until it is not read any more' test "$(blobs)" = 0
+
 run zncctl run --network none --progress none "oci:$work/layout:latest"
 expect 'a layout with a prefix runs as it is' 0 'from the second layer' ''
 check 'without the store' test "$(names)" = ''

@@ -27,6 +27,15 @@ expect 'both are in use' 0 '' ''
 run zncctl delete one two
 expect 'they can be deleted' 0 $'one\ntwo' ''
 check 'and their bundles are gone' test "$(bundles)" = 0
+zncctl import -q "$work/layout" stored
+run zncctl run --keep --network none --progress none stored one
+expect 'run of an image of the store' 0 'from the second layer' ''
+run zncctl rmi stored
+check 'which is not removed while its container exists' test "$status/$(error_line)" = \
+    '3/stored: it is used by the containers one'
+zncctl delete -q one
+run zncctl rmi stored
+check 'but afterwards' test "$status" = 0
 mkdir -p /run/zarnel/containers/stale
 run zncctl storage gc
 expect 'storage gc removes records of what is no more' 0 'record stale' ''

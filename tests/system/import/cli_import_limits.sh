@@ -75,7 +75,7 @@ done
 as_before 'archives that end too early'
 
 # Documents and names.
-quietly zncctl import plain.tar big
+quietly zncctl import plain.tar ./big
 python3 - <<'PYTHON'
 import io, tarfile
 with open("big/index.json", "a", encoding="ascii") as file:
@@ -105,8 +105,8 @@ if [[ -z ${ZNC_SANITIZED-} ]]; then
     mkdir zeros && truncate -s 256M zeros/file
     tar -C zeros -cf - . | gzip -1 >zeros.tar.gz
     refuses --max-bytes zeros.tar.gz --max-bytes 200000000
-    check 'much data needs little memory' test "$(peak "$ZNCCTL" import zeros.tar.gz zeros.layout)" -lt 100
-    check 'many files need little memory' test "$(peak "$ZNCCTL" import many.tar many.layout)" -lt 150
+    check 'much data needs little memory' test "$(peak "$ZNCCTL" import zeros.tar.gz ./zeros.layout)" -lt 100
+    check 'many files need little memory' test "$(peak "$ZNCCTL" import many.tar ./many.layout)" -lt 150
     rm -rf zeros* many.layout
 else
     echo 'skipped: memory under a sanitizer'

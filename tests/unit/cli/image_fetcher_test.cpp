@@ -1,0 +1,93 @@
+// Tests what pull fetches for an operand, and how programs are run.
+#include "cli/images/helper_program.hpp"
+#include "cli/images/image_fetcher.hpp"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "base/owned.hpp"
+
+using namespace zncctl;
+
+namespace {
+
+// Source, name and digest, separated by blanks; "refused".
+std::string fetched(const std::string& operand)
+{
+    std::string problem;
+    const auto what = fetch_source(operand, problem);
+    if (!what) {
+        EXPECT_EQ(problem, "it is not a valid name of an image") << operand;
+        return "refused";
+    }
+    return what->source + " " + what->name + " " + what->digest;
+}
+
+const std::string kDigest = "sha256:" + std::string(64, 'a');
+
+} // namespace
+
+TEST(FetchSource, ANameIsAnImageOfARegistry)
+{
+    EXPECT_EQ(fetched("busybox"),
+              "docker://docker.io/library/busybox:latest docker.io/library/busybox:latest ");
+    EXPECT_EQ(fetched("docker://quay.io/a/b:c"), "docker://quay.io/a/b:c quay.io/a/b:c ");
+    EXPECT_EQ(fetched("quay.io/a/b:c@" + kDigest),
+              "docker://quay.io/a/b@" + kDigest + " quay.io/a/b@" + kDigest + " " + kDigest);
+}
+
+TEST(FetchSource, AnotherSourceOfSkopeoKeepsItsForm)
+{
+    EXPECT_EQ(fetched("oci:/srv/images/app:v1"), "oci:/srv/images/app:v1 localhost/app:v1 ");
+    EXPECT_EQ(fetched("dir:some/where/"), "dir:some/where/ localhost/where:latest ");
+    EXPECT_EQ(fetched("docker-daemon:app:v1"), "docker-daemon:app:v1 docker.io/library/app:v1 ");
+    EXPECT_EQ(fetched("containers-storage:localhost/app"),
+              "containers-storage:localhost/app localhost/app:latest ");
+}
+
+TEST(FetchSource, WhatIsNoNameIsRefused)
+{
+    for (const char* operand : {"", "A", "-x", "../x", "docker://", "docker:///x", "oci:/", "oci:A",
+                                "dir:", "http://x", "a\nb", "x --debug"})
+        EXPECT_EQ(fetched(operand), "refused") << operand;
+}
+
+TEST(RunProgram, GivesStatusAndOutput)
+{
+    ProgramEnd end = run_program("sh", {"-c", "echo out; exit 3"}, -1, Output::kKept);
+    EXPECT_EQ(end.error, 0);
+    EXPECT_EQ(end.status, 3);
+    EXPECT_EQ(end.output, "out\n");
+    end = run_program("sh", {"-c", "kill -9 $$"}, -1, Output::kDiscarded);
+    EXPECT_EQ(end.status, 128 + 9);
+}
+
+TEST(RunProgram, SaysWhyAProgramWasNotStarted)
+{
+    EXPECT_EQ(run_program("/no/such/program", {}, -1, Output::kDiscarded).error, ENOENT);
+    EXPECT_EQ(run_program("no-such-program", {}, -1, Output::kKept).error, ENOENT);
+    EXPECT_EQ(run_program("/etc/passwd", {}, -1, Output::kDiscarded).error, EACCES);
+}
+
+TEST(RunProgram, PassesTheGivenInputOrNone)
+{
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const znc::UniqueFd reader(ends[0]);
+    znc::UniqueFd writer(ends[1]);
+    ASSERT_EQ(::write(writer.get(), "given", 5), 5);
+    writer.reset();
+    EXPECT_EQ(run_program("cat", {}, reader.get(), Output::kKept).output, "given");
+    EXPECT_EQ(run_program("cat", {}, -1, Output::kKept).output, "");
+}
+
+TEST(RunProgram, LimitsTheOutputThatItKeeps)
+{
+    const ProgramEnd end = run_program("head", {"-c", "20000000", "/dev/zero"}, -1, Output::kKept);
+    EXPECT_LT(end.output.size(), std::size_t{17} << 20U);
+    EXPECT_NE(end.status, 0);
+}
