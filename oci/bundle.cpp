@@ -143,6 +143,30 @@ ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
     return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows, columns};
 }
 
+std::vector<std::string> drop_unknown_capabilities(Json& process)
+{
+    std::vector<std::string> dropped;
+    const auto found = process.is_object() ? process.find("capabilities") : process.end();
+    if (found == process.end() || !found->is_object())
+        return dropped;
+    for (auto& set : found->items()) {
+        Json kept = Json::array();
+        for (const Json& one : zncctl::children(&set.value())) {
+            const std::string* name = zncctl::text(&one);
+            if (name != nullptr && name->rfind("CAP_", 0) == 0 &&
+                znEngineCapabilityKnown(name->c_str()) == FALSE)
+                dropped.push_back(*name);
+            else
+                kept.push_back(one);
+        }
+        if (set.value().is_array())
+            set.value() = kept;
+    }
+    std::sort(dropped.begin(), dropped.end());
+    dropped.erase(std::unique(dropped.begin(), dropped.end()), dropped.end());
+    return dropped;
+}
+
 Bundle::Bundle(const std::string& directory, const std::string& config)
     : directory_(real_path(directory.empty() ? "." : directory, "bundle"))
 {
@@ -163,9 +187,12 @@ Bundle::Bundle(const std::string& directory, const std::string& config)
         throw Failure(fmt::format("ociVersion: version {:?} is not supported", version));
     read_root();
     read_mounts();
-    const Json* process = zncctl::member(config_, "process");
-    if (process == nullptr)
+    const auto process = config_.find("process");
+    if (process == config_.end())
         throw Failure("process: is missing");
+    unknown_ = drop_unknown_capabilities(*process);
+    if (!unknown_.empty())
+        document_ = zncctl::compact(config_);
     process_ = Process::read(*process);
     process_.complete_environment(*process, rootfs_);
     domain_ = optional_text(config_, "domainname", "config.json");

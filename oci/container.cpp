@@ -4,6 +4,7 @@
 #include "front/record.hpp"
 #include "front/words.hpp"
 #include "hooks.hpp"
+#include "log.hpp"
 
 #include <algorithm>
 #include <array>
@@ -100,6 +101,8 @@ Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
     const Bundle bundle(args.value("bundle", ""), args.value("config", ""));
+    for (const std::string& name : bundle.unknown_capabilities())
+        log_line(context, "warning", "unknown capability " + name + " is not granted");
     const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
     Container container;
     container.id = args.operand(0);
