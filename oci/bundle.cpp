@@ -96,6 +96,17 @@ void check_hooks(const Json& config)
 
 } // namespace
 
+// They are those of another process if LISTEN_PID names one: an engine that was started by a
+// service manager passes its environment on.
+int listening_descriptors()
+{
+    const char* sockets = std::getenv("LISTEN_FDS");
+    const char* receiver = std::getenv("LISTEN_PID");
+    if (sockets == nullptr || (receiver != nullptr && receiver != std::to_string(::getpid())))
+        return 0;
+    return std::clamp(zncctl::to_number<int>(sockets).value_or(0), 0, ZN_ENGINE_DESCRIPTORS_MAX);
+}
+
 void TextList::add(const std::string& text)
 {
     texts_.push_back(text);
@@ -131,10 +142,10 @@ void Process::complete_environment(const Json& process, const std::string& rootf
     if (!has_variable(env, "HOME"))
         env.add("HOME=" +
                 home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
-    const char* sockets = std::getenv("LISTEN_FDS");
-    if (sockets == nullptr)
+    const int sockets = listening_descriptors();
+    if (sockets == 0)
         return;
-    env.add(std::string("LISTEN_FDS=") + sockets);
+    env.add("LISTEN_FDS=" + std::to_string(sockets));
     env.add("LISTEN_PID=1");
 }
 
@@ -153,8 +164,7 @@ std::vector<std::string> drop_unknown_capabilities(Json& process)
         Json kept = Json::array();
         for (const Json& one : zncctl::children(&set.value())) {
             const std::string* name = zncctl::text(&one);
-            if (name != nullptr && name->rfind("CAP_", 0) == 0 &&
-                znEngineCapabilityKnown(name->c_str()) == FALSE)
+            if (name != nullptr && znEngineCapabilityKnown(name->c_str()) == FALSE)
                 dropped.push_back(*name);
             else
                 kept.push_back(one);

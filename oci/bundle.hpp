@@ -22,6 +22,9 @@ class TextList {
     std::vector<char*> pointers_ = {nullptr};
 };
 
+// How many sockets from descriptor 3 up a service manager has opened for the program (LISTEN_FDS).
+int listening_descriptors();
+
 // A member "process".
 struct Process {
     std::string cwd;

@@ -93,7 +93,7 @@ constexpr zncctl::Command describe(const char* name, const char* arguments, cons
             "",   nullptr, program};
 }
 
-const Entry kCommands[] = {
+constexpr Entry kCommands[] = {
     {describe("create", "ID", "create a container", kCreate, 1, 1), run_create},
     {describe("start", "ID", "start the program of a created container", {}, 1, 1), run_start},
     {describe("run", "ID", "create and start a container", kRun, 1, 1), run_run},
@@ -224,7 +224,7 @@ class GlobalOptions {
             return value_;
         if (words_.empty())
             throw Failure(fmt::format("option {:?} needs a value", name));
-        const std::string next = words_.front();
+        std::string next = words_.front();
         words_ = words_.subspan(1);
         return next;
     }

@@ -29,7 +29,7 @@ expect 'a capability of later kernels is not granted' 0 0000000000000020
 run zncrun --log "$work/log" create --bundle "$work/web" "$me-web"
 check 'and the log says so' grep -q 'level=warning.*CAP_OF_LATER' "$work/log"
 run zncrun delete "$me-web"
-given '.process.capabilities = {bounding: ["KILL"]}' true
+given '.process.capabilities = {bounding: [1]}' true
 refused 'what is no name of a capability' 'process.capabilities.bounding[0]'
 given '.process.noNewPrivileges = true' sh -c "$(status_line NoNewPrivs)"
 expect 'no-new-privileges' 0 1
