@@ -96,6 +96,17 @@ void check_hooks(const Json& config)
 
 } // namespace
 
+// They are those of another process if LISTEN_PID names one: an engine that was started by a
+// service manager passes its environment on.
+int listening_descriptors()
+{
+    const char* sockets = std::getenv("LISTEN_FDS");
+    const char* receiver = std::getenv("LISTEN_PID");
+    if (sockets == nullptr || (receiver != nullptr && receiver != std::to_string(::getpid())))
+        return 0;
+    return std::clamp(zncctl::to_number<int>(sockets).value_or(0), 0, ZN_ENGINE_DESCRIPTORS_MAX);
+}
+
 void TextList::add(const std::string& text)
 {
     texts_.push_back(text);
@@ -131,16 +142,39 @@ void Process::complete_environment(const Json& process, const std::string& rootf
     if (!has_variable(env, "HOME"))
         env.add("HOME=" +
                 home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
-    const char* sockets = std::getenv("LISTEN_FDS");
-    if (sockets == nullptr)
+    const int sockets = listening_descriptors();
+    if (sockets == 0)
         return;
-    env.add(std::string("LISTEN_FDS=") + sockets);
+    env.add("LISTEN_FDS=" + std::to_string(sockets));
     env.add("LISTEN_PID=1");
 }
 
 ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
 {
     return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows, columns};
+}
+
+std::vector<std::string> drop_unknown_capabilities(Json& process)
+{
+    std::vector<std::string> dropped;
+    const auto found = process.is_object() ? process.find("capabilities") : process.end();
+    if (found == process.end() || !found->is_object())
+        return dropped;
+    for (auto& set : found->items()) {
+        Json kept = Json::array();
+        for (const Json& one : zncctl::children(&set.value())) {
+            const std::string* name = zncctl::text(&one);
+            if (name != nullptr && znEngineCapabilityKnown(name->c_str()) == FALSE)
+                dropped.push_back(*name);
+            else
+                kept.push_back(one);
+        }
+        if (set.value().is_array())
+            set.value() = kept;
+    }
+    std::sort(dropped.begin(), dropped.end());
+    dropped.erase(std::unique(dropped.begin(), dropped.end()), dropped.end());
+    return dropped;
 }
 
 Bundle::Bundle(const std::string& directory, const std::string& config)
@@ -163,9 +197,12 @@ Bundle::Bundle(const std::string& directory, const std::string& config)
         throw Failure(fmt::format("ociVersion: version {:?} is not supported", version));
     read_root();
     read_mounts();
-    const Json* process = zncctl::member(config_, "process");
-    if (process == nullptr)
+    const auto process = config_.find("process");
+    if (process == config_.end())
         throw Failure("process: is missing");
+    unknown_ = drop_unknown_capabilities(*process);
+    if (!unknown_.empty())
+        document_ = zncctl::compact(config_);
     process_ = Process::read(*process);
     process_.complete_environment(*process, rootfs_);
     domain_ = optional_text(config_, "domainname", "config.json");

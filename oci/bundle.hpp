@@ -22,6 +22,9 @@ class TextList {
     std::vector<char*> pointers_ = {nullptr};
 };
 
+// How many sockets from descriptor 3 up a service manager has opened for the program (LISTEN_FDS).
+int listening_descriptors();
+
 // A member "process".
 struct Process {
     std::string cwd;
@@ -39,6 +42,10 @@ struct Process {
     [[nodiscard]] ZN_ENGINE_PROGRAM program(int console, int descriptors) const;
 };
 
+// Removes capabilities that nobody here has heard of, which a newer engine may name, from a member
+// "process": they cannot be granted. Returns their names.
+std::vector<std::string> drop_unknown_capabilities(Json& process);
+
 class Bundle {
   public:
     // Reads DIRECTORY/config.json, or `config`.
@@ -47,6 +54,7 @@ class Bundle {
     [[nodiscard]] const std::string& directory() const { return directory_; }
     [[nodiscard]] const std::string& document() const { return document_; }
     [[nodiscard]] const Json& config() const { return config_; }
+    [[nodiscard]] const std::vector<std::string>& unknown_capabilities() const { return unknown_; }
     [[nodiscard]] const std::string& rootfs() const { return rootfs_; }
     [[nodiscard]] const Process& process() const { return process_; }
     [[nodiscard]] Json annotations() const;
@@ -71,6 +79,7 @@ class Bundle {
     std::string directory_;
     std::string document_;
     Json config_;
+    std::vector<std::string> unknown_;
     std::string rootfs_;
     std::string domain_;
     Process process_;

@@ -4,11 +4,11 @@
 #include "front/record.hpp"
 #include "front/words.hpp"
 #include "hooks.hpp"
+#include "log.hpp"
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
@@ -42,12 +42,6 @@ class Unfinished {
     StateDirectory* directory_;
 };
 
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
-
 std::string state_text(const Container& container, Status status)
 {
     return zncctl::compact(state_document(container, status));
@@ -77,8 +71,7 @@ int preserved_descriptors(const Arguments& args)
     if (!count || *count < 0 || *count > ZN_ENGINE_DESCRIPTORS_MAX)
         throw Failure(fmt::format("--preserve-fds: {:?} is not a number from 0 to {}", text,
                                   ZN_ENGINE_DESCRIPTORS_MAX));
-    const auto listening = zncctl::to_number<int>(environment("LISTEN_FDS"));
-    return std::min(*count + std::max(listening.value_or(0), 0), ZN_ENGINE_DESCRIPTORS_MAX);
+    return std::min(*count + listening_descriptors(), ZN_ENGINE_DESCRIPTORS_MAX);
 }
 
 znc::UniqueFd connect_console(const Arguments& args, bool terminal)
@@ -100,6 +93,8 @@ Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
     const Bundle bundle(args.value("bundle", ""), args.value("config", ""));
+    for (const std::string& name : bundle.unknown_capabilities())
+        log_line(context, "warning", "unknown capability " + name + " is not granted");
     const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
     Container container;
     container.id = args.operand(0);

@@ -2,6 +2,7 @@
 #include "container.hpp"
 #include "front/files.hpp"
 #include "front/words.hpp"
+#include "log.hpp"
 #include "signals.hpp"
 
 #include <array>
@@ -105,6 +106,8 @@ int run_exec(const Context& context, const Arguments& args)
     const Json config = directory.read_config();
     const char* file = args.value("process");
     Json json = file != nullptr ? parse_process(file) : process_of(config, args);
+    for (const std::string& name : drop_unknown_capabilities(json))
+        log_line(context, "warning", "unknown capability " + name + " is not granted");
     if (args.has("tty"))
         json["terminal"] = true;
     Process process = Process::read(json);

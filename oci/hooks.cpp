@@ -94,7 +94,7 @@ void run_hook(const Hook& hook, const char* kind, const std::string& state)
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    ::sigprocmask(SIG_BLOCK, &child, &before);
+    ::pthread_sigmask(SIG_BLOCK, &child, &before);
     pid_t pid = -1;
     const int error = ::posix_spawn(&pid, hook.path.c_str(), &actions, &attributes, hook.args.get(),
                                     hook.env.size() != 0 ? hook.env.get() : environ);
@@ -103,7 +103,7 @@ void run_hook(const Hook& hook, const char* kind, const std::string& state)
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
     }
-    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     errno = error;

@@ -47,7 +47,7 @@ sigset_t block_forwarded_signals()
     for (const int own : {SIGKILL, SIGSTOP, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP,
                           SIGSYS, SIGTTIN, SIGTTOU, SIGTSTP, SIGPIPE})
         sigdelset(&signals, own);
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
 

@@ -2,22 +2,18 @@
 // docker, CRI-O) run containers. It serves one command and ends; no daemon is involved.
 #include "context.hpp"
 #include "front/files.hpp"
-#include "front/json.hpp"
 #include "front/parse.hpp"
-#include "front/record.hpp"
 #include "front/usage.hpp"
+#include "log.hpp"
 #include "zncontainer.h"
 
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <span>
 #include <unistd.h>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 namespace zncrun {
 namespace {
@@ -106,7 +102,7 @@ constexpr zncctl::Command describe(const char* name, const char* arguments, cons
             program ? zncctl::ProgramWords::kAfterMark : zncctl::ProgramWords::kNone};
 }
 
-const Entry kCommands[] = {
+constexpr Entry kCommands[] = {
     {describe("create", "ID", "create a container", kCreate, 1, 1), run_create},
     {describe("start", "ID", "start the program of a created container", {}, 1, 1), run_start},
     {describe("run", "ID", "create and start a container", kRun, 1, 1), run_run},
@@ -237,7 +233,7 @@ class GlobalOptions {
             return value_;
         if (words_.empty())
             throw Failure(fmt::format("option {:?} needs a value", name));
-        const std::string next = words_.front();
+        std::string next = words_.front();
         words_ = words_.subspan(1);
         return next;
     }
@@ -275,26 +271,6 @@ int run_command(const Context& context, std::span<char* const> words)
     return entry->run(context, parsed.args);
 }
 
-// Engines take the last line of the log that has the level "error".
-void log_error(const Context& context, const std::string& message)
-{
-    const std::string time = zncctl::time_text(std::time(nullptr));
-    zncctl::Json line = zncctl::Json::object();
-    line["level"] = "error";
-    line["msg"] = message;
-    line["time"] = time;
-    const std::string text = context.log_json
-                                 ? zncctl::compact(line) + "\n"
-                                 : fmt::format("time=\"{}\" level=error msg={:?}\n", time, message);
-    if (!context.log.empty()) {
-        const znc::UniqueFd log(
-            ::open(context.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-        if (log)
-            static_cast<void>(znc::write_all(log.get(), text));
-    }
-    static_cast<void>(znc::write_all(STDERR_FILENO, "zncrun: " + message + "\n"));
-}
-
 } // namespace
 } // namespace zncrun
 
@@ -312,7 +288,9 @@ int main(int argc, char** argv)
             return zncrun::print_help();
         return zncrun::run_command(context, words);
     } catch (const std::exception& failure) {
-        zncrun::log_error(context, failure.what());
+        zncrun::log_line(context, "error", failure.what());
+        static_cast<void>(
+            znc::write_all(STDERR_FILENO, std::string("zncrun: ") + failure.what() + "\n"));
     }
     return 1;
 }

@@ -90,7 +90,7 @@ StateDirectory StateDirectory::create(const Context& context, const std::string&
 }
 
 // A directory that was removed while this process waited for the lock is none any more.
-StateDirectory StateDirectory::locked(std::string path, Lock lock)
+StateDirectory StateDirectory::locked(const std::string& path, Lock lock)
 {
     for (;;) {
         znc::UniqueFd directory = open_directory(path);

@@ -63,7 +63,7 @@ class StateDirectory {
         : path_(std::move(path)), directory_(std::move(directory))
     {
     }
-    static StateDirectory locked(std::string path, Lock lock);
+    static StateDirectory locked(const std::string& path, Lock lock);
 
     std::string path_;
     znc::UniqueFd directory_;

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# vm-test.sh [PROGRAM...] - runs the tests of control groups, overlay devices, user namespaces and
-# security labels, and further test programs by their paths, in a virtual machine: its kernel is that of Debian 12 and has only cgroup v2,
-# with all controllers. The machine is emulated in software, so it needs no rights except to install
-# packages, and it starts from memory: Debian's kernel for clouds, busybox, the programs and their
-# libraries, a profile for AppArmor. Each program runs in the sandbox of the tests. Prints what they print and ends with 0 if
-# all passed.
+# vm-test.sh [PROGRAM...] - runs the tests of control groups, also of zncrun's containers, of overlay
+# devices, user namespaces and security labels, and further test programs by their paths, in a virtual
+# machine: its kernel is that of Debian 12 and has only cgroup v2, with all controllers. The machine is
+# emulated in software, so it needs no rights except to install packages, and it starts from memory:
+# Debian's kernel for clouds, busybox, the programs and their libraries, a profile for AppArmor. Each
+# program runs in the sandbox of the tests. Prints what they print and ends with 0 if all passed.
 #
 # BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
 set -euo pipefail
@@ -16,9 +16,10 @@ if [[ $(dpkg --print-architecture) != amd64 ]]; then
     printf 'vm-test.sh: only amd64 is supported\n' >&2
     exit 1
 fi
-programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,mount_table,overlay,overlay_device,overlay_list,ns_control,ns_settings,ns_user,ns_label}_test
+programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,oci_group}_test
+    "$build"/bin/{mount_table,overlay,overlay_device,overlay_list,ns_control,ns_settings,ns_user,ns_label}_test
     "$@")
-for program in "$build/bin/znc_sandbox" "${programs[@]}"; do
+for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do
     if [[ ! -x $program ]]; then
         printf 'vm-test.sh: build %s first\n' "$program" >&2
         exit 1
@@ -68,7 +69,7 @@ trap 'rm -rf "$work"' EXIT
 tree=$work/tree
 mkdir -p "$tree"/{dev,etc,mnt,proc,root,sys,tests,tmp,run,modules}
 put /bin/busybox /bin
-for program in "$build/bin/znc_sandbox" "${programs[@]}"; do put_program "$program"; done
+for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do put_program "$program"; done
 # Overlays, and a disk in memory.
 for module in overlay brd; do
     put "$(find "$kernel/lib/modules" -name "$module.ko")" /modules

@@ -65,6 +65,9 @@ typedef struct znEngineProcess {
 /* Check a configuration without creating anything. */
 STATUS znEngineCheck(const char* document, char* reason, size_t size);
 
+/* Whether documents may name this capability ("CAP_KILL"). Others are refused. */
+BOOL znEngineCapabilityKnown(const char* name);
+
 /*
  * Create a container whose first process waits for znEngineStart. Returns a descriptor: when it is
  * closed before znEngineRelease, also by the caller's death, the container ends. The program is

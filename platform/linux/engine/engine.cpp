@@ -453,6 +453,11 @@ STATUS znEngineCheck(const char* document, char* reason, size_t size)
     return error == 0 ? OK : ERROR;
 }
 
+BOOL znEngineCapabilityKnown(const char* name)
+{
+    return capability_is_known(name) ? TRUE : FALSE;
+}
+
 int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char* reason,
                    size_t size)
 {

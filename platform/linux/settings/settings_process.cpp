@@ -197,6 +197,14 @@ constexpr Member<Settings> kProcess[] = {
 
 } // namespace
 
+bool capability_is_known(std::string_view name)
+{
+    for (const Word<unsigned>& word : kCapabilityNames)
+        if (name == word.text)
+            return true;
+    return false;
+}
+
 bool read_process(JsonReader& reader, const Node& at, Settings& settings)
 {
     return read_object(reader, at, kProcess, settings, Others::kIgnored);

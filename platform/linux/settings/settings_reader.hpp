@@ -35,6 +35,9 @@ struct SettingsFault {
 // be impossible on this machine: the users of the settings check that.
 int settings_read(std::string_view document, Settings& settings, SettingsFault& fault);
 
+// Whether documents may name this capability ("CAP_KILL").
+bool capability_is_known(std::string_view name);
+
 // Reads a "resources" object alone, as for changing the limits of a running container. The fields
 // in `fault` begin with "resources".
 int settings_read_resources(std::string_view document, Resources& resources, SettingsFault& fault);

@@ -24,6 +24,13 @@ given '.process.capabilities = {bounding: ["CAP_KILL", "CAP_CHOWN"], effective: 
     permitted: ["CAP_KILL"], ambient: ["CAP_KILL"], inheritable: ["CAP_KILL"]}
     | .process.user.uid = 1000' sh -c "$(status_line CapBnd); $(status_line CapEff); $(status_line CapAmb)"
 expect 'capabilities' 0 $'0000000000000021\n0000000000000020\n0000000000000020'
+given '.process.capabilities = {bounding: ["CAP_KILL", "CAP_OF_LATER"]}' sh -c "$(status_line CapBnd)"
+expect 'a capability of later kernels is not granted' 0 0000000000000020
+run zncrun --log "$work/log" create --bundle "$work/web" "$me-web"
+check 'and the log says so' grep -q 'level=warning.*CAP_OF_LATER' "$work/log"
+run zncrun delete "$me-web"
+given '.process.capabilities = {bounding: [1]}' true
+refused 'what is no name of a capability' 'process.capabilities.bounding[0]'
 given '.process.noNewPrivileges = true' sh -c "$(status_line NoNewPrivs)"
 expect 'no-new-privileges' 0 1
 given '.process.user = {uid: 1000, gid: 1001, additionalGids: [5, 7], umask: 63}' \

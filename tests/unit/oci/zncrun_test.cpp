@@ -174,6 +174,26 @@ TEST_F(BundleTest, HomeIsThatOfTheUserInTheContainer)
     EXPECT_EQ(home(""), "HOME=/"); // not that of the host
 }
 
+TEST_F(BundleTest, SocketsOfAServiceManagerAreThoseOfThisProcess)
+{
+    const auto sockets = [](const char* count, const std::string& receiver) {
+        ::setenv("LISTEN_FDS", count, 1);
+        ::setenv("LISTEN_PID", receiver.c_str(), 1);
+        const int number = zncrun::listening_descriptors();
+        ::unsetenv("LISTEN_FDS");
+        ::unsetenv("LISTEN_PID");
+        return number;
+    };
+    EXPECT_EQ(zncrun::listening_descriptors(), 0);
+    EXPECT_EQ(sockets("2", std::to_string(::getpid())), 2);
+    EXPECT_EQ(sockets("2", "1"), 0); // of the engine
+    EXPECT_EQ(sockets("-1", std::to_string(::getpid())), 0);
+    EXPECT_EQ(sockets("x", std::to_string(::getpid())), 0);
+    ::setenv("LISTEN_FDS", "1", 1);
+    EXPECT_EQ(bundle("").process().env.texts().back(), "LISTEN_PID=1");
+    ::unsetenv("LISTEN_FDS");
+}
+
 TEST_F(BundleTest, SourcesOfBindsAreBelowTheBundle)
 {
     const Bundle made = bundle(R"(,"mounts":[{"destination":"/a","source":"x","options":["rbind"]},

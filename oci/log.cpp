@@ -1,0 +1,34 @@
+#include "log.hpp"
+
+#include "front/files.hpp"
+#include "front/json.hpp"
+#include "front/record.hpp"
+
+#include <ctime>
+#include <fcntl.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace zncrun {
+
+void log_line(const Context& context, const char* level, const std::string& message)
+{
+    if (context.log.empty())
+        return;
+    const std::string time = zncctl::time_text(std::time(nullptr));
+    zncctl::Json line = zncctl::Json::object();
+    line["level"] = level;
+    line["msg"] = message;
+    line["time"] = time;
+    const std::string text =
+        context.log_json ? zncctl::compact(line) + "\n"
+                         : fmt::format("time=\"{}\" level={} msg={:?}\n", time, level, message);
+    // A log that cannot be written must not keep the command from its work.
+    const znc::UniqueFd log(
+        ::open(context.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (log)
+        static_cast<void>(znc::write_all(log.get(), text));
+}
+
+} // namespace zncrun

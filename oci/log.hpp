@@ -1,0 +1,14 @@
+// log.hpp - the log file that engines name. Without one nothing is logged.
+#ifndef ZNC_OCI_LOG_HPP
+#define ZNC_OCI_LOG_HPP
+
+#include "context.hpp"
+
+namespace zncrun {
+
+// Appends a line with a level, "error" or "warning". Engines show the last one with "error".
+void log_line(const Context& context, const char* level, const std::string& message);
+
+} // namespace zncrun
+
+#endif
