@@ -12,6 +12,7 @@ inline constexpr Option kImportOptions[] = {
     {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},
     {0, "set-os", "OS", "give the new image this operating system"},
     {0, "set-arch", "ARCH", "give the new image this architecture"},
+    {0, "keep-user", nullptr, "leave the user as it is: run and unpack look it up in the image"},
     {'f', "force", nullptr, "replace an image of that name and platform"},
     {0, "list", nullptr, "only list the images of the source, as JSON"},
     {'n', "dry-run", nullptr, "only tell what would become of it"},

@@ -90,6 +90,7 @@ ConfigOptions read_config_options(const zncctl::Arguments& args)
     ConfigOptions options;
     options.set_os = args.value("set-os", "");
     options.set_arch = args.value("set-arch", "");
+    options.keep_user = args.has("keep-user");
     const char* const epoch = std::getenv("SOURCE_DATE_EPOCH"); // NOLINT: there is one thread yet
     if (epoch != nullptr && *epoch != 0)
         options.source_date_epoch = number_of<std::int64_t>(epoch, "SOURCE_DATE_EPOCH");

@@ -53,7 +53,8 @@ int import_as(const Arguments& args, const Reference& name)
 try {
     std::vector<std::string> options = options_of(args);
     std::erase_if(options, [](const std::string& option) { // add_converted() knows these
-        return option == "--quiet" || option == "--split" || option == "--force";
+        return option == "--quiet" || option == "--split" || option == "--force" ||
+               option == "--keep-user";
     });
     const ImportSource what = {args.operand(0), STDIN_FILENO, std::move(options)};
     const Added added = add_converted(what, {name.text()}, "");

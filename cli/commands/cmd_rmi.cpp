@@ -1,9 +1,7 @@
 // Removes names and images from the store.
 #include "cli/containers/container.hpp"
 #include "cli/containers/image_users.hpp"
-#include "cli/images/image_list.hpp"
-#include "cli/images/image_source.hpp"
-#include "cli/images/reference.hpp"
+#include "cli/images/image_lookup.hpp"
 #include "commands.hpp"
 
 #include <algorithm>

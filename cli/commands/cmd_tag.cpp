@@ -1,5 +1,5 @@
 // Gives names to an image of the store.
-#include "cli/images/image_source.hpp"
+#include "cli/images/image_lookup.hpp"
 #include "cli/images/reference.hpp"
 #include "commands.hpp"
 #include "front/output.hpp"

@@ -133,7 +133,7 @@ Added add_converted(const ImportSource& what, const std::vector<std::string>& na
 {
     const ImageStage stage;
     const std::string layout = stage.path() + kMade;
-    std::vector<std::string> arguments = {"--quiet", "--split"};
+    std::vector<std::string> arguments = {"--quiet", "--split", "--keep-user"};
     arguments.insert(arguments.end(), what.options.begin(), what.options.end());
     arguments.insert(arguments.end(), {"--", what.operand, layout + ":new"});
     const ProgramEnd end = run_program(import_program(), arguments, what.input, Output::kDiscarded);

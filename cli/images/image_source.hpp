@@ -37,14 +37,6 @@ bool is_layout_path(const std::string& text);
 // before. Nullopt after printing a message and hints.
 std::optional<Wanted> find_image(const Arguments& args, const char* operand);
 
-// The places in `images` of the entries that a name or id means. Several entries are returned only
-// for an id, and all are of the same image; none after an error, with `problem` set.
-std::vector<std::size_t> find_stored(const std::vector<StoredImage>& images,
-                                     const std::string& text, std::string& problem);
-
-// Whether a name of an entry, and not its id, is what the text means.
-bool has_name(const StoredImage& image, const std::string& text);
-
 // The image of the store that a name or id means, with its blobs kept. Nullopt after printing a
 // message.
 std::optional<Wanted> find_named(const std::string& text);

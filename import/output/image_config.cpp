@@ -327,7 +327,8 @@ Json settle_config(const SourceImage& image, Tree& tree, const Spool& spool,
         check_strings(section, key);
     if (optional_text(section, "WorkingDir").empty())
         section["WorkingDir"] = "/";
-    settle_user(section, tree, spool, report);
+    if (!options.keep_user)
+        settle_user(section, tree, spool, report);
     settle_volumes(section, tree, std::max<std::size_t>(image.layers.size(), 1) - 1, report);
     return config;
 }

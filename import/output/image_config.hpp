@@ -20,6 +20,7 @@ struct ConfigOptions {
     std::string set_arch;
     // without it the creation time of the source is kept
     std::optional<std::int64_t> source_date_epoch;
+    bool keep_user = false; // write the user as the source does
 };
 
 // Returns the image configuration without its layers: that of the source with the requested

@@ -132,6 +132,19 @@ check 'until they are gone' test "$(names)" = 'localhost/sleeper:latest '
 zncctl rmi sleeper >/dev/null
 check 'nothing is left' test "$(blobs)" = 0
 
+# A converted image keeps its user, who is looked up with all groups when it runs.
+cp -r "$work/root" "$work/users"
+echo app:x:1000:100::/:/bin/sh >"$work/users/etc/passwd"
+echo video:x:44:app >"$work/users/etc/group"
+quietly umoci init --layout "$work/user"
+quietly umoci new --image "$work/user:latest"
+add_layer "$work/user" "$work/users" >"$work/tool.log" 2>&1
+quietly umoci config --image "$work/user:latest" --os linux --architecture amd64 --config.user app \
+    --config.entrypoint /bin/busybox --config.cmd id --config.cmd -G
+run zncctl run --network none --progress none "$work/user"
+check 'a converted image keeps the groups of its user' test "$status/$out" = '0/100 44'
+zncctl image prune --force >/dev/null
+
 zncctl import -q "oci:$work/layout:latest" read
 exec 8>"$store/.in-use"
 flock -s 8

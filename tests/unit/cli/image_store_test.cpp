@@ -1,5 +1,6 @@
 // Tests names of images, the store that holds them, and what its lists show.
 #include "cli/images/image_list.hpp"
+#include "cli/images/image_lookup.hpp"
 #include "cli/images/image_source.hpp"
 #include "cli/images/image_store.hpp"
 #include "cli/images/reference.hpp"

@@ -165,6 +165,16 @@ TEST_F(Config, GivesUsersByNumbers)
     }
 }
 
+TEST_F(Config, KeepsAUserThatIsLookedUpLater)
+{
+    options_.keep_user = true;
+    for (const char* text : {"app", "nosuch:nogroup", "0010"}) {
+        EXPECT_EQ(user(text), text);
+        EXPECT_EQ(count(Change::kUser), 0U) << text;
+        EXPECT_EQ(count(Change::kUserNumbers), 0U) << text;
+    }
+}
+
 TEST_F(Config, MakesUsersThatTheImageDoesNotKnowNobody)
 {
     add_users();

@@ -32,6 +32,12 @@ std::string problem(const std::map<std::string, std::string>& options)
 
 } // namespace
 
+TEST(Options, TheUserIsKeptOnlyIfAsked)
+{
+    EXPECT_FALSE(read_options(words({})).config.keep_user);
+    EXPECT_TRUE(read_options(words({{"keep-user", ""}})).config.keep_user);
+}
+
 TEST(Options, AListTakesOnlyASource)
 {
     zncctl::Arguments args;

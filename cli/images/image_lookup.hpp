@@ -1,0 +1,23 @@
+// image_lookup.hpp - which images of the store a name or an id means. Used by image_source, tag and
+// rmi.
+#ifndef ZNC_CLI_IMAGES_IMAGE_LOOKUP_HPP
+#define ZNC_CLI_IMAGES_IMAGE_LOOKUP_HPP
+
+#include "image_store.hpp"
+
+#include <string>
+#include <vector>
+
+namespace zncctl {
+
+// The places in `images` of the entries that a name or id means. Several entries are returned only
+// for an id, and all are of the same image; none after an error, with `problem` set.
+std::vector<std::size_t> find_stored(const std::vector<StoredImage>& images,
+                                     const std::string& text, std::string& problem);
+
+// Whether a name of an entry, and not its id, is what the text means.
+bool has_name(const StoredImage& image, const std::string& text);
+
+} // namespace zncctl
+
+#endif
