@@ -40,7 +40,8 @@ int attach(const std::string& id, bool relayed)
         static_cast<void>(local_failure(errno, "standard output"));
         return kExitStartFailed;
     }
-    if (const auto code = end.exit_code()) // the record itself is gone with --rm
+    const auto record = read_record(dir.get()); // gone with --rm
+    if (const auto code = record && record->exit_code ? record->exit_code : end.exit_code())
         return *code;
     return failure(id, "its exit code is lost: its monitor was killed", kExitStartFailed);
 }

@@ -36,6 +36,13 @@ Operands read_operands(const Arguments& args)
     return {"", args.operand(1, args.value("bundle", ".")), words[0], {}};
 }
 
+// What looks like an image, without --name, is taken for an id or a bundle.
+void hint_at_name(const Operands& operands)
+{
+    if (operands.id && ::access((operands.bundle + "/config.json").c_str(), F_OK) != 0)
+        print_hint("to create a container from an image, give its id with --name");
+}
+
 int create(const Arguments& args, const Operands& operands, NewContainer& container)
 {
     CidFile cid_file(args);
@@ -48,8 +55,10 @@ int create(const Arguments& args, const Operands& operands, NewContainer& contai
     if (!found)
         return kExitFailure;
     if (const int status = create_container(container.id, bundle, container.network);
-        status != kExitOk)
+        status != kExitOk) {
+        hint_at_name(operands);
         return status;
+    }
     if (!cid_file.write(container.id))
         return local_failure(errno, args.value("cidfile"));
     return operands.image.empty() ? static_cast<int>(kExitOk) : print_result(container.id);

@@ -45,7 +45,7 @@ int wait_for(const std::string& id, Clock::time_point deadline, End& end)
     std::optional<RecordEnd> first;
     for (;;) {
         const znc::UniqueFd dir = open_record(id);
-        if (dir && !first)
+        if (dir && (!first || !*first)) // before the start there may be a directory without a lock
             first.emplace(dir.get());
         const Outcome outcome = dir ? check_record(dir.get(), end) : Outcome::kRunning;
         if (outcome == Outcome::kEnded)

@@ -325,6 +325,8 @@ run zncctl create -dit "$image"
 check 'create has no --detach' test "$status/$out" = 64/
 run zncctl create "$image" /bin/sh -c x
 check 'an image needs a name' test "$status/$out" = 64/
+run zncctl create "$image" /bin/sh
+check 'which a hint says' says "zncctl: hint: to create a container from an image, give its id with --name"
 run zncctl create old "$work/bundle"
 expect 'create ID BUNDLE stays' 0 '' ''
 run zncctl create -e A=1 web -b "$work/bundle"

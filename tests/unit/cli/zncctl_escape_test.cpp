@@ -104,3 +104,14 @@ TEST(Utf8, KeepsCharactersAndNamesOtherBytes)
     EXPECT_EQ(utf8("\xff \xc0\xaf \xed\xa0\x80 \xe2\x82"),
               "\\xff \\xc0\\xaf \\xed\\xa0\\x80 \\xe2\\x82");
 }
+
+TEST(Utf8, IsToldFromOtherBytes)
+{
+    for (const char* text : {"", "plain", "\xc3\xa9", "\xf0\x9f\x98\x80", "\x1b"})
+        EXPECT_TRUE(is_utf8(text)) << text;
+    for (const char* text : {"\xff", "a\xc3", "\xc0\x80", "\xed\xa0\x80", "\xf5\x80\x80\x80"})
+        EXPECT_FALSE(is_utf8(text));
+    EXPECT_FALSE(has_controls("a b"));
+    for (const char* text : {"a\nb", "\x1b[2J", "\xe2\x80\xae", "\xff"})
+        EXPECT_TRUE(has_controls(text));
+}

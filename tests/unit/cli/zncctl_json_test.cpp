@@ -216,3 +216,12 @@ TEST(Compact, WritesTextsThatAreNoUtf8AsUtf8)
 {
     EXPECT_EQ(compact({{"a", "\xff\x01/\x7f"}}), "{\"a\":\"\xef\xbf\xbd\\u0001/\x7f\"}");
 }
+
+TEST(Json, TheTextsOfAnArrayLeaveOutWhatIsNone)
+{
+    const Json array = {"a", 5, "b", nullptr};
+    EXPECT_EQ(texts_of(&array), (std::vector<std::string>{"a", "b"}));
+    EXPECT_TRUE(texts_of(nullptr).empty());
+    const Json text = "a";
+    EXPECT_TRUE(texts_of(&text).empty());
+}

@@ -250,6 +250,8 @@ TEST(Parse, WordsBehindAnImageBelongToItsProgram)
 
 TEST(Words, AreSimilarByTheirEditDistance)
 {
+    EXPECT_EQ(split("a::b", ':'), (std::vector<std::string>{"a", "", "b"}));
+    EXPECT_EQ(split("", ':'), (std::vector<std::string>{""}));
     EXPECT_EQ(edit_distance("", "abc"), 3U);
     EXPECT_EQ(edit_distance("same", "same"), 0U);
     EXPECT_EQ(edit_distance("lsit", "list"), 1U);
