@@ -34,6 +34,7 @@ struct Program {
     const char* directory;
     int descriptors; // how many it gets besides the standard streams
     bool terminal;
+    bool keepKeyring;
     char** argv;
     char** envp;
     char file[kPathMax]; // its path, once it was found
@@ -43,7 +44,9 @@ void program_read(char** argv, char** envp, Program& program)
 {
     program.directory = argv[1];
     program.descriptors = static_cast<int>(number(argv[2]));
-    program.terminal = argv[3][0] == '1';
+    const long flags = number(argv[3]);
+    program.terminal = (flags & wire::kInitTerminal) != 0;
+    program.keepKeyring = (flags & wire::kInitKeyring) != 0;
     program.argv = argv + wire::kInitFixedArgs;
     program.envp = envp;
     program.file[0] = '\0';
@@ -169,7 +172,8 @@ int give_descriptors(int count)
     if (program.terminal)
         check(sys::call(__NR_ioctl, 0, kTakeTerminal, 0));
     sys::call(__NR_umask, rules->umask);
-    leave_keyring();
+    if (!program.keepKeyring)
+        leave_keyring();
     report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
     set_limits(rules);
     report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kRights, 0);
