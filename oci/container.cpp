@@ -108,8 +108,9 @@ Container create_container(const Context& context, const Arguments& args)
     // The group is known before it is created: whoever deletes the container finds it.
     directory.write(container);
     directory.write_config(bundle.document());
-    const ZN_ENGINE_PLAN plan =
+    ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
+    plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
     Reason reason{};
     znc::UniqueFd alive(znEngineCreate(&plan, &container.process, reason.data(), reason.size()));
     if (!alive)

@@ -32,7 +32,7 @@ constexpr Option kCreate[] = {
     {0, "pid-file", "FILE", "file that gets the process id"},
     {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
     {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
-    {0, "no-new-keyring", nullptr, "refused"},
+    {0, "no-new-keyring", nullptr, "the program keeps the session keyring of the caller"},
 };
 constexpr Option kRun[] = {
     {'b', "bundle", "DIR", "the bundle (default: the working directory)"},
@@ -43,7 +43,7 @@ constexpr Option kRun[] = {
     {0, "pid-file", "FILE", "file that gets the process id"},
     {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
     {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
-    {0, "no-new-keyring", nullptr, "refused"},
+    {0, "no-new-keyring", nullptr, "the program keeps the session keyring of the caller"},
 };
 constexpr Option kExec[] = {
     {'p', "process", "FILE", "the program, as \"process\" in a configuration"},
@@ -266,8 +266,6 @@ int run_command(const Context& context, std::span<char* const> words)
         return print_command_help(entry->command);
     if (!parsed.problem.empty())
         throw Failure(fmt::format("{}: {}", entry->command.name, parsed.problem));
-    if (parsed.args.has("no-new-keyring"))
-        throw Failure("--no-new-keyring: not supported");
     return entry->run(context, parsed.args);
 }
 

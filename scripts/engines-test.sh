@@ -184,7 +184,15 @@ podman_settings() {
     check '-t gives the program a terminal' is /dev/pts/0 run --rm -t localhost/engines:1 tty
 }
 
+builds_image() {
+    mkdir -p "$work/build"
+    printf 'FROM localhost/engines:1\nRUN echo built >/built\n' >"$work/build/Dockerfile"
+    podman_ build "${limits[@]}" --network none --tag localhost/built:1 "$work/build"
+}
+
 podman_limits() {
+    check 'podman build' builds_image
+    check 'what was built is in the image' is built run --rm localhost/built:1 cat /built
     local group=/sys/fs/cgroup/memory file=memory.limit_in_bytes
     [[ -d $group ]] || { group=/sys/fs/cgroup && file=memory.max; }
     check '-m' is $((64 << 20)) run --rm -m 64m localhost/engines:1 cat "$group/$file"

@@ -43,6 +43,7 @@ typedef struct znEngineProgram {
     int console;     /* connected socket that gets the other end of its terminal; -1: no terminal */
     unsigned rows;   /* of the terminal; 0: not set */
     unsigned columns;
+    BOOL keepKeyring; /* FALSE: it gets a session keyring of its own */
 } ZN_ENGINE_PROGRAM;
 
 typedef struct znEnginePlan {

@@ -72,11 +72,13 @@ bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program)
         return false;
     std::snprintf(name_, sizeof name_, "%s", name);
     std::snprintf(descriptors_, sizeof descriptors_, "%d", program.descriptors);
-    std::snprintf(terminal_, sizeof terminal_, "%d", program.console >= 0 ? 1 : 0);
+    std::snprintf(flags_, sizeof flags_, "%ld",
+                  (program.console >= 0 ? wire::kInitTerminal : 0) |
+                      (program.keepKeyring != FALSE ? wire::kInitKeyring : 0));
     argv_[0] = name_;
     argv_[1] = const_cast<char*>(program.cwd);
     argv_[2] = descriptors_;
-    argv_[3] = terminal_;
+    argv_[3] = flags_;
     for (std::size_t i = 0; i < count; i++)
         argv_[wire::kInitFixedArgs + i] = program.argv[i];
     return true;

@@ -31,7 +31,7 @@ class ProgramArguments {
   private:
     char name_[16];
     char descriptors_[16];
-    char terminal_[2];
+    char flags_[16];
     znc::MallocPtr<char*[]> argv_;
 };
 

@@ -9,6 +9,7 @@
 // not dumpable and have more capabilities than any of them.
 
 #include "helper.hpp"
+#include "init_program.hpp"
 #include "keeper_mask.hpp"
 #include "program.hpp"
 #include "request.hpp"
@@ -27,222 +28,10 @@ namespace zn {
 namespace {
 
 constexpr std::size_t kPathMax = 4096;
-constexpr unsigned kTerminalMaster = 5; // major number of /dev/ptmx, whose minor number is 2
-
-// What argv and envp say about the program.
-struct Program {
-    const char* directory;
-    int descriptors; // how many it gets besides the standard streams
-    bool terminal;
-    char** argv;
-    char** envp;
-    char file[kPathMax]; // its path, once it was found
-};
-
-void program_read(char** argv, char** envp, Program& program)
-{
-    program.directory = argv[1];
-    program.descriptors = static_cast<int>(number(argv[2]));
-    program.terminal = argv[3][0] == '1';
-    program.argv = argv + wire::kInitFixedArgs;
-    program.envp = envp;
-    program.file[0] = '\0';
-}
 
 int error_of(long result)
 {
     return result < 0 ? static_cast<int>(-result) : 0;
-}
-
-// ---------------------------------------------------------------- the program
-
-// 0 if the file can be executed.
-int executable(const char* path)
-{
-    struct statx st = {};
-    const int error =
-        error_of(sys::call(__NR_statx, AT_FDCWD, sys::arg(path), 0, STATX_TYPE, sys::arg(&st)));
-    if (error != 0)
-        return error;
-    if ((st.stx_mode & kTypeMask) == kDirectory)
-        return EISDIR;
-    return error_of(sys::call(__NR_faccessat, AT_FDCWD, sys::arg(path), 1 /* X_OK */));
-}
-
-// As execvp() does: names with "/" are paths, others are looked up in PATH. The error is ENOENT if
-// none was found, EACCES if there is one that cannot be executed.
-int find_program(Program& program)
-{
-    constexpr char kPath[] = "PATH=";
-    const char* const name = program.argv[0];
-    const std::size_t len = strlen(name) + 1;
-    for (const char* at = name; *at != '\0'; at++) {
-        if (*at != '/')
-            continue;
-        if (len > sizeof program.file)
-            return ENAMETOOLONG;
-        memcpy(program.file, name, len);
-        return executable(name);
-    }
-    const char* path = nullptr;
-    for (char** at = program.envp; path == nullptr && *at != nullptr; at++)
-        if (strlen(*at) >= sizeof kPath - 1 && memcmp(*at, kPath, sizeof kPath - 1) == 0)
-            path = *at + sizeof kPath - 1;
-    int error = ENOENT;
-    while (path != nullptr && len > 1 && *path != '\0') {
-        std::size_t part = 0;
-        while (path[part] != '\0' && path[part] != ':')
-            part++;
-        // Entries that are not absolute would depend on the working directory.
-        if (path[0] == '/' && part + 1 + len <= sizeof program.file) {
-            memcpy(program.file, path, part);
-            program.file[part] = '/';
-            memcpy(program.file + part + 1, name, len);
-            const int tried = executable(program.file);
-            if (tried == 0)
-                return 0;
-            error = tried == EACCES ? EACCES : error;
-        }
-        path += path[part] == ':' ? part + 1 : part;
-    }
-    return error;
-}
-
-// The user gets the streams, so that the program can open "/dev/stdout". A device that others use,
-// too, keeps its owner.
-void own_streams(const Identity& user)
-{
-    constexpr long kPipes = 0x50495045; // PIPEFS_MAGIC
-    constexpr long kSockets = 0x534f434b;
-    for (int stream = 0; stream <= 2 && user.uid != 0; stream++) {
-        struct { // statfs
-            long type;
-            long rest[31];
-        } fs = {};
-        struct statx st = {};
-        if (sys::call(__NR_fstatfs, stream, sys::arg(&fs)) < 0 ||
-            sys::call(__NR_statx, stream, sys::arg(""), AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st)) <
-                0)
-            continue;
-        const bool terminal = (st.stx_mode & kTypeMask) == kCharDevice &&
-                              st.stx_rdev_major >= 136 && st.stx_rdev_major <= 143;
-        if (terminal || fs.type == kPipes || fs.type == kSockets)
-            sys::call(__NR_fchown, stream, user.uid, -1);
-    }
-}
-
-void report_as(int descriptor, wire::SpawnReport::Kind kind, long result)
-{
-    const wire::SpawnReport message = {kind, static_cast<std::int32_t>(-result)};
-    sys::call(__NR_write, descriptor, sys::arg(&message), sizeof message);
-}
-
-// Moves the descriptors that the program gets to the numbers from 3 up. Returns that of the report.
-int give_descriptors(int count)
-{
-    const long report =
-        sys::call(__NR_fcntl, wire::kSpawnerReport, F_DUPFD_CLOEXEC, wire::kInitFdEnd + count);
-    check(report);
-    for (int fd = 3; fd < wire::kInitFdEnd; fd++)
-        sys::call(__NR_close, fd);
-    for (int i = 0; i < count; i++) {
-        sys::call(__NR_dup3, wire::kInitFdEnd + i, 3 + i, 0);
-        sys::call(__NR_fcntl, wire::kInitFdEnd + i, F_SETFD, FD_CLOEXEC);
-    }
-    // Those that were just moved may have taken one of the higher numbers.
-    for (int i = 0; i < count; i++)
-        sys::call(__NR_fcntl, 3 + i, F_SETFD, 0);
-    for (int fd = 3 + count; fd < wire::kInitFdEnd + count; fd++)
-        sys::call(__NR_close, fd);
-    return static_cast<int>(report);
-}
-
-[[noreturn]] void become_program(const Rules& rules, const Program& program)
-{
-    constexpr long kTakeTerminal = 0x540e; // TIOCSCTTY
-    Identity user;
-    choose_identity(rules, "", user);
-    sys::call(__NR_setsid);
-    sys::call(__NR_umask, 0);
-    check(-replace_null_streams());
-    own_streams(user);
-    if (program.terminal)
-        check(sys::call(__NR_ioctl, 0, kTakeTerminal, 0));
-    sys::call(__NR_umask, rules->umask);
-    leave_keyring();
-    report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
-    set_limits(rules);
-    report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kRights, 0);
-    // A directory that the user cannot enter may be the working directory, too.
-    const long early = directory_enter(program.directory);
-    drop_rights(rules, user);
-    const long late = directory_enter(program.directory);
-    if (late < 0 && early < 0) {
-        report_as(wire::kSpawnerReport, wire::SpawnReport::Kind::kDirectory, late);
-        sys::exit_group(127);
-    }
-    const int report = give_descriptors(program.descriptors);
-    default_signals();
-    const long result = sys::call(__NR_execve, sys::arg(program.file), sys::arg(program.argv),
-                                  sys::arg(program.envp));
-    report_as(report, wire::SpawnReport::Kind::kProgram, result);
-    sys::exit_group(127);
-}
-
-// ---------------------------------------------------------------- terminal
-
-sys::Fd open_terminals()
-{
-    open_how how = {};
-    how.flags = O_RDWR | O_NOCTTY | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    sys::Fd master(
-        sys::call(__NR_openat2, AT_FDCWD, sys::arg("/dev/pts/ptmx"), sys::arg(&how), sizeof how));
-    struct statx st = {};
-    const long looked = master.valid() ? sys::call(__NR_statx, master.get(), sys::arg(""),
-                                                   AT_EMPTY_PATH, STATX_TYPE, sys::arg(&st))
-                                       : 0;
-    if (looked < 0)
-        return sys::Fd(looked);
-    if (master.valid() && ((st.stx_mode & kTypeMask) != kCharDevice ||
-                           st.stx_rdev_major != kTerminalMaster || st.stx_rdev_minor != 2))
-        return sys::Fd(-ENOTTY);
-    return master;
-}
-
-int bind_console(int terminal)
-{
-    const sys::Fd copy(sys::call(__NR_open_tree, terminal, sys::arg(""),
-                                 OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
-    std::uint64_t id = 0;
-    return copy.valid() ? mount_attach(copy.get(), "/dev/console", false, &id) : copy.error();
-}
-
-// Makes a pseudo-terminal in the container's devpts the standard streams, and sends its other end.
-int provide_terminal(int socket, std::uint64_t size, bool console)
-{
-    constexpr long kUnlock = 0x40045431;    // TIOCSPTLCK
-    constexpr long kOpenPeer = 0x5441;      // TIOCGPTPEER
-    constexpr long kSetWindowSize = 0x5414; // TIOCSWINSZ
-    const sys::Fd master = open_terminals();
-    if (!master.valid())
-        return master.error();
-    const int locked = 0;
-    const long unlocked = sys::call(__NR_ioctl, master.get(), kUnlock, sys::arg(&locked));
-    if (unlocked < 0)
-        return error_of(unlocked);
-    const sys::Fd terminal(
-        sys::call(__NR_ioctl, master.get(), kOpenPeer, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!terminal.valid())
-        return terminal.error();
-    const unsigned short window[4] = {static_cast<unsigned short>(size >> 16),
-                                      static_cast<unsigned short>(size & 0xffff), 0, 0};
-    if (size != 0)
-        sys::call(__NR_ioctl, master.get(), kSetWindowSize, sys::arg(window));
-    int error = console ? bind_console(terminal.get()) : 0;
-    for (int stream = 0; stream <= 2 && error == 0; stream++)
-        error = error_of(sys::call(__NR_dup3, terminal.get(), stream, 0));
-    return error != 0 ? error : descriptor_send(socket, "/dev/pts/ptmx", master.get());
 }
 
 // ---------------------------------------------------------------- requests
@@ -371,18 +160,6 @@ int protect_all(const Incoming& in)
     return error;
 }
 
-// The answer's value says what the error is about.
-int find(Program& program, std::uint64_t* value)
-{
-    *value = static_cast<std::uint64_t>(wire::SpawnReport::Kind::kDirectory);
-    const sys::Fd made(mount_point(program.directory, true));
-    const sys::Fd directory(open_inside(program.directory, O_DIRECTORY));
-    if (!made.valid() || !directory.valid())
-        return made.valid() ? directory.error() : made.error();
-    *value = static_cast<std::uint64_t>(wire::SpawnReport::Kind::kProgram);
-    return find_program(program);
-}
-
 int serve(const Incoming& in, int descriptor, Program& program, std::uint64_t* value)
 {
     const char* first = in.text;
@@ -406,9 +183,9 @@ int serve(const Incoming& in, int descriptor, Program& program, std::uint64_t* v
     case wire::Op::kReadOnly:
         return protect_all(in);
     case wire::Op::kTerminal:
-        return provide_terminal(descriptor, in.request.value, true);
+        return terminal_provide(descriptor, in.request.value, true);
     case wire::Op::kFind:
-        return find(program, value);
+        return program_find(program, value);
     case wire::Op::kWait:
         return 0;
     default:
@@ -478,7 +255,7 @@ void init_run(char** argv, char** envp)
     serve_all(program);
     sys::call(__NR_close, wire::kInitSocket);
     wait_for_start();
-    become_program(rules, program);
+    program_become(rules, program);
 }
 
 void entrant_run(char** argv, char** envp)
@@ -493,14 +270,15 @@ void entrant_run(char** argv, char** envp)
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0) {
         std::uint64_t what = 0;
-        const int missing = find(program, &what);
+        const int missing = program_find(program, &what);
         if (missing != 0) {
-            report_as(wire::kSpawnerReport, static_cast<wire::SpawnReport::Kind>(what), -missing);
+            program_report(wire::kSpawnerReport, static_cast<wire::SpawnReport::Kind>(what),
+                           -missing);
             sys::exit_group(127);
         }
         if (program.terminal)
-            check(-provide_terminal(wire::kInitStart, 0, false));
-        become_program(rules, program);
+            check(-terminal_provide(wire::kInitStart, 0, false));
+        program_become(rules, program);
     }
     check(pid);
     const wire::SpawnReport message = {wire::SpawnReport::Kind::kPid,

@@ -172,8 +172,10 @@ inline constexpr int kInitSocket = 3; // zn-init: requests; zn-exec: pidfd of th
 inline constexpr int kInitStart = 6;  // zn-init: listens for the start; zn-exec: console socket
 inline constexpr int kInitFdEnd = 7;
 
-// argv: name, working directory, number of descriptors that the program gets, "1" if it gets a
-// terminal, then the program's argv.
+// argv: name, working directory, number of descriptors that the program gets, flags (kInitTerminal:
+// it gets a terminal; kInitKeyring: it keeps the session keyring), then the program's argv.
+inline constexpr long kInitTerminal = 1;
+inline constexpr long kInitKeyring = 2;
 inline constexpr int kInitFixedArgs = 4;
 
 } // namespace zn::wire

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of zncrun create, start, state, kill, delete, run, list and features.
-# shellcheck source=oci_lib.sh disable=SC2016
+# shellcheck source=oci_lib.sh disable=SC2016,SC2317
 . "$(dirname "$0")/oci_lib.sh"
 loop='trap "exit 5" TERM; echo up; while :; do sleep 0.05; done'
 
@@ -155,6 +155,19 @@ check 'and the group' not group_exists "$me-web"
 mkdir -p "$work/state/$me-early"
 run zncrun delete --force "$me-early"
 expect 'also what a creator left that was killed at once' 0 ''
+
+# Killed anywhere, it leaves nothing that force does not clear.
+change web 'del(.hooks)'
+left_by_killed_creators() {
+    local i
+    for i in {1..40}; do
+        timeout -s KILL "0.0$((RANDOM % 90 + 10))" "$ZNCRUN" --root "$work/state" create \
+            --bundle "$work/web" "$me-killed$i" >/dev/null 2>&1 </dev/null
+        zncrun delete --force "$me-killed$i" || return 0
+    done 2>/dev/null
+    group_exists "$me-killed*" || compgen -G "$work/state/$me-killed*"
+}
+check 'creators that are killed at any time' not left_by_killed_creators
 
 # Hooks.
 change web '.hooks = {

@@ -130,6 +130,14 @@ check 'and what is written is in it' test -u "$work/web/rootfs/new"
 given '.domainname = "realm"' cat /proc/sys/kernel/domainname
 expect 'the NIS domain name' 0 realm
 
+# The session keyring.
+cp "$KEYRING" "$work/web/rootfs/bin/keyring"
+ours=$("$KEYRING")
+given . keyring
+check 'a session keyring of its own' test "$status" = 0 -a "$out" != "$ours" -a "${out:--1}" -gt 0
+run zncrun run --no-new-keyring --bundle "$work/web" "$me-web"
+expect '--no-new-keyring leaves that of the caller' 0 "$ours"
+
 # Limits.
 given '.linux.resources.pids.limit = 20' sh -c 'echo works'
 expect 'a limit of processes' 0 works

@@ -1,0 +1,73 @@
+// engine_creation.hpp - a container of an engine that is being created. Shared by engine.cpp and
+// engine_root.cpp.
+#ifndef ZN_ENGINE_CREATION_HPP
+#define ZN_ENGINE_CREATION_HPP
+
+#include "base/owned.hpp"
+#include "engine_mount.hpp"
+#include "engine_reason.hpp"
+#include "engine_settings.hpp"
+#include "keeper_link.hpp"
+#include "zarnel/engine.h"
+
+namespace zn {
+
+// Milliseconds until the first process must have answered: copies of mounts can take long under
+// load.
+inline constexpr int kAnswerWait = 20000;
+
+inline wire::Request request_of(wire::Op op)
+{
+    wire::Request request = {};
+    request.op = op;
+    return request;
+}
+
+// A container that is being created. Unless it is kept, its process and group are removed.
+class Creation {
+  public:
+    Creation(const ZN_ENGINE_PLAN& plan, Reason& reason) : plan_(plan), reason_(reason) {}
+    ~Creation();
+    Creation(const Creation&) = delete;
+    Creation& operator=(const Creation&) = delete;
+
+    int run();
+    // Returns the descriptor that keeps the container alive.
+    int keep(ZN_ENGINE_PROCESS& process);
+
+  private:
+    int make_group();
+    int open_pid_namespace(znc::UniqueFd& own);
+    int launch();
+    int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
+                    const znc::UniqueFd& start);
+    int ask(wire::Request request, const char* first = nullptr, const char* second = nullptr,
+            int descriptor = -1, std::uint64_t* value = nullptr);
+    int explain(int error);
+    int join();
+    int pivot();
+    int mount_all();
+    int mount_one(const ZN_ENGINE_MOUNT& mount);
+    int attach(int mount, const char* destination);
+    int mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int make_devices();
+    int make_terminal();
+    int set_parameters();
+    int restrict_paths(wire::Op op, const List<Text>& paths, const char* field);
+    int find_program();
+
+    const ZN_ENGINE_PLAN& plan_;
+    Reason& reason_;
+    EngineSettings settings_;
+    znc::UniqueFd root_;
+    znc::UniqueFd report_;
+    znc::UniqueFd control_; // a second descriptor of the socket, for keep()
+    Keeper first_;
+    bool hasGroup_ = false;
+    bool kept_ = false;
+};
+
+} // namespace zn
+
+#endif

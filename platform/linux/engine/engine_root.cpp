@@ -1,0 +1,200 @@
+// engine_root.cpp - asks the first process of a container to make its root: mounts, devices,
+// terminal, kernel parameters, hidden and read-only paths.
+#include "engine_cgroup.hpp"
+#include "engine_creation.hpp"
+
+#include "base/file.hpp"
+#include "keeper_request.hpp"
+#include "ns_mount.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/mount.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+namespace zn {
+
+using znc::UniqueFd;
+
+int Creation::pivot()
+{
+    MountPlan plan;
+    plan.recursive = true;
+    const std::uint64_t wanted = settings_.settings().rootPropagation.value_or(MS_PRIVATE);
+    plan.propagation = (wanted & MS_SLAVE) != 0 ? MS_SLAVE : MS_PRIVATE;
+    const UniqueFd tree = detached_tree(plan_.root, plan, UserNamespace());
+    if (!tree)
+        return reason_.say_errno(errno, "cannot use the root filesystem %s", plan_.root);
+    root_.reset(::fcntl(tree.get(), F_DUPFD_CLOEXEC, 0));
+    wire::Request request = request_of(wire::Op::kPivot);
+    request.value = (wanted & (MS_SHARED | MS_UNBINDABLE)) != 0 ? wanted : 0;
+    const Text& host = settings_.settings().hostname;
+    return reason_.say_errno(ask(request, host ? host.get() : "",
+                                 plan_.domain != nullptr ? plan_.domain : "", tree.get()),
+                             "cannot enter the root filesystem %s", plan_.root);
+}
+
+int Creation::attach(int mount, const char* destination)
+{
+    wire::Request request = request_of(wire::Op::kMountTree);
+    request.isDirectory = znc::is_directory(mount) ? 1 : 0;
+    return ask(request, destination, nullptr, mount);
+}
+
+int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
+{
+    wire::Request request = request_of(wire::Op::kMountFs);
+    request.attributes = wanted.plan.attrSet;
+    request.value = wanted.plan.propagation;
+    const bool hasSource = mount.source != nullptr && *mount.source != '\0';
+    char text[4096];
+    const int start =
+        std::snprintf(text, sizeof text, "%s%c%s%c%s%s", mount.destination, '\0', wanted.plan.type,
+                      '\0', hasSource ? "source=" : "", hasSource ? mount.source : "");
+    const auto len = static_cast<std::size_t>(start) + (hasSource ? 1 : 0);
+    if (start < 0 || len + wanted.plan.optionsLen > sizeof text)
+        return ENAMETOOLONG;
+    std::memcpy(text + len, wanted.plan.options, wanted.plan.optionsLen);
+    request.textLen = static_cast<std::uint32_t>(len + wanted.plan.optionsLen);
+    request.textCount = 2 + (hasSource ? 1 : 0) + wanted.plan.optionCount;
+    return explain(first_.ask(request, {text, request.textLen}, -1, nullptr, kAnswerWait));
+}
+
+int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
+{
+    List<CgroupMount> parts;
+    int error = engine_cgroup_mounts(plan_.group, wanted, parts);
+    for (std::size_t i = 0; i < parts.size() && error == 0; i++) {
+        char path[4096];
+        std::snprintf(path, sizeof path, "%s%s%s", mount.destination,
+                      parts[i].name[0] != '\0' ? "/" : "", parts[i].name);
+        error = attach(parts[i].mount.get(), path);
+    }
+    return error;
+}
+
+int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
+{
+    EngineMount wanted;
+    const char* option = nullptr;
+    int error = engine_mount_read(mount, wanted, &option);
+    if (error != 0)
+        return reason_.say(error, "mounts: %s: unknown option \"%s\"", mount.destination, option);
+    const char* source = mount.source != nullptr ? mount.source : "";
+    if (!wanted.plan.bind && std::strncmp(mount.type, "cgroup", 6) == 0) {
+        error = mount_cgroup(mount, wanted);
+    } else if (engine_mount_is_inner(wanted.plan)) {
+        error = mount_inner(mount, wanted);
+    } else {
+        const UniqueFd made =
+            engine_mount_make(wanted, mount.source, root_.get(), mount.destination);
+        error = made ? attach(made.get(), mount.destination) : errno;
+    }
+    return reason_.say_errno(error, "error mounting \"%s\" to rootfs at \"%s\"",
+                             wanted.plan.bind ? source : mount.type, mount.destination);
+}
+
+int Creation::mount_all()
+{
+    int error = 0;
+    for (std::size_t i = 0; i < plan_.mountCount && error == 0; i++)
+        error = mount_one(plan_.mounts[i]);
+    return error;
+}
+
+namespace {
+
+// Whether the configuration provides /dev with all that belongs into it.
+bool binds_dev(const ZN_ENGINE_PLAN& plan)
+{
+    for (std::size_t i = 0; i < plan.mountCount; i++) {
+        EngineMount mount;
+        const char* option = nullptr;
+        const char* at = plan.mounts[i].destination;
+        if ((std::strcmp(at, "/dev") == 0 || std::strcmp(at, "/dev/") == 0) &&
+            engine_mount_read(plan.mounts[i], mount, &option) == 0 && mount.plan.bind)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int Creation::make_devices()
+{
+    static constexpr struct {
+        const char* path;
+        std::uint32_t major;
+        std::uint32_t minor;
+    } kNodes[] = {{"/dev/null", 1, 3},   {"/dev/zero", 1, 5},    {"/dev/full", 1, 7},
+                  {"/dev/random", 1, 8}, {"/dev/urandom", 1, 9}, {"/dev/tty", 5, 0}};
+    static constexpr const char* kLinks[][2] = {
+        {"/dev/fd", "/proc/self/fd"},       {"/dev/stdin", "/proc/self/fd/0"},
+        {"/dev/stdout", "/proc/self/fd/1"}, {"/dev/stderr", "/proc/self/fd/2"},
+        {"/dev/core", "/proc/kcore"},       {"/dev/ptmx", "pts/ptmx"}};
+    if (binds_dev(plan_))
+        return 0;
+    for (const auto& node : kNodes) {
+        wire::Request request = request_of(wire::Op::kDevice);
+        request.node = {S_IFCHR | 0666, node.major, node.minor, 0, 0};
+        if (const int error = ask(request, node.path); error != 0)
+            return reason_.say_errno(error, "cannot create %s", node.path);
+    }
+    for (const Device& device : settings_.settings().devices)
+        if (const int error = explain(keeper_make_device(first_, device, device.uid, device.gid));
+            error != 0)
+            return reason_.say_errno(error, "linux.devices: %s", device.path.get());
+    for (const auto& link : kLinks)
+        if (const int error = ask(request_of(wire::Op::kLink), link[0], link[1]); error != 0)
+            return reason_.say_errno(error, "cannot create %s", link[0]);
+    return 0;
+}
+
+int Creation::make_terminal()
+{
+    if (plan_.program.console < 0)
+        return 0;
+    wire::Request request = request_of(wire::Op::kTerminal);
+    request.value =
+        std::uint64_t{plan_.program.rows & 0xffff} << 16U | (plan_.program.columns & 0xffff);
+    return reason_.say_errno(ask(request, nullptr, nullptr, plan_.program.console),
+                             "cannot provide a terminal");
+}
+
+int Creation::set_parameters()
+{
+    for (const Sysctl& parameter : settings_.settings().sysctl)
+        if (const int error = explain(keeper_set_parameter(first_, parameter)); error != 0)
+            return reason_.say_errno(error, "linux.sysctl: %s", parameter.key.get());
+    return 0;
+}
+
+// As many paths in each request as it has room for.
+int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* field)
+{
+    char text[8192];
+    std::size_t len = 0;
+    wire::Request request = request_of(op);
+    for (std::size_t i = 0; i <= paths.size(); i++) {
+        const std::size_t size = i < paths.size() ? std::strlen(paths[i].get()) + 1 : sizeof text;
+        if (size > sizeof text - len && request.textCount > 0) {
+            request.textLen = static_cast<std::uint32_t>(len);
+            const int error = explain(first_.ask(request, {text, len}, -1, nullptr, kAnswerWait));
+            if (error != 0)
+                return reason_.say_errno(error, "%s", field);
+            request.textCount = 0;
+            len = 0;
+        }
+        if (i == paths.size())
+            break;
+        std::memcpy(text + len, paths[i].get(), size);
+        len += size;
+        request.textCount++;
+    }
+    return 0;
+}
+
+} // namespace zn

@@ -1,0 +1,40 @@
+// init_program.hpp - the program of a process in an engine's container (init.cpp): looking it up,
+// its terminal, becoming it.
+#ifndef ZN_INIT_PROGRAM_HPP
+#define ZN_INIT_PROGRAM_HPP
+
+#include "program.hpp"
+#include "wire.hpp"
+
+namespace zn {
+
+inline constexpr std::size_t kProgramPathMax = 4096;
+
+// What argv and envp say about the program.
+struct Program {
+    const char* directory;
+    int descriptors; // how many it gets besides the standard streams
+    bool terminal;
+    bool keepKeyring;
+    char** argv;
+    char** envp;
+    char file[kProgramPathMax]; // its path, once it was found
+};
+
+void program_read(char** argv, char** envp, Program& program);
+
+// Makes the working directory and looks the program up. 0 or an error number; `what` says what it
+// is about, as a wire::SpawnReport::Kind.
+int program_find(Program& program, std::uint64_t* what);
+
+// Makes a pseudo-terminal in the container's devpts the standard streams, sends its other end, and
+// binds it to /dev/console if `console`. 0 or an error number.
+int terminal_provide(int socket, std::uint64_t size, bool console);
+
+void program_report(int descriptor, wire::SpawnReport::Kind kind, long result);
+
+[[noreturn]] void program_become(const Rules& rules, const Program& program);
+
+} // namespace zn
+
+#endif
