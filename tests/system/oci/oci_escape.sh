@@ -46,7 +46,7 @@ P
 check 'it still waits' is_state "$me-web" created
 run zncrun start "$me-web"
 check 'it starts' eventually grep -q busybox "$work/log"
-check 'the program has the standard streams only' grep -qx 4 "$work/log" # and that of ls
+check 'the program has the standard streams only' eventually grep -qx 4 "$work/log" # and that of ls
 check 'nothing of the helper is mapped any more' not grep -q zn-helper "/proc/$pid/maps"
 check 'the socket is gone' not test -e "$work/state/$me-web/start"
 
@@ -63,6 +63,22 @@ chmod 755 "$work/web/rootfs/bin/script"
 run zncrun exec "$me-web" /bin/script
 check 'nor as an interpreter' test "$status" != 0
 run zncrun delete --force "$me-web"
+
+# A client that ends at once: the program runs, although nobody hears of it.
+make_bundle host sh -c 'echo up; exec sleep 1000'
+change host '.linux.namespaces = [{type: "mount"}] | del(.hostname)'
+"$ZNCRUN" --root "$work/state" create --bundle "$work/host" "$me-host" >"$work/log" 2>&1 </dev/null
+python3 - "$work/state/$me-host/start" <<'P'
+import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+s.connect(sys.argv[1])
+s.shutdown(socket.SHUT_RD) # as if it had ended when the first report is written
+s.send(b"1")
+s.close()
+P
+check 'a client that ends at once starts the program' eventually grep -q up "$work/log"
+check 'which runs on' is_state "$me-host" running
+run zncrun delete --force "$me-host"
 
 # Masks cannot be led astray by the image.
 rm -rf "$work/web/rootfs/sys"
