@@ -47,12 +47,7 @@ int create(const Arguments& args, const Operands& operands, NewContainer& contai
 {
     CidFile cid_file(args);
     NewBundle bundle;
-    const bool found =
-        operands.image.empty()
-            ? bundle_of_bundle(operands.bundle, container, bundle)
-            : bundle_of_image(args, wanted_image(args, split_image_name(operands.image)), container,
-                              bundle);
-    if (!found)
+    if (!bundle_of_container(args, operands.bundle, container, bundle))
         return kExitFailure;
     if (const int status = create_container(container.id, bundle, container.network);
         status != kExitOk) {

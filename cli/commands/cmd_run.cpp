@@ -22,7 +22,7 @@ class Run {
     int run()
     {
         CidFile cid_file(args_);
-        if (!find_bundle())
+        if (!bundle_of_container(args_, args_.value("bundle"), container_, bundle_))
             return kExitStartFailed;
         // from here on a signal must not end zncctl before the container is deleted
         const SignalQueue signals;
@@ -37,14 +37,6 @@ class Run {
     }
 
   private:
-    bool find_bundle()
-    {
-        if (container_.image.empty())
-            return bundle_of_bundle(args_.value("bundle"), container_, bundle_);
-        const auto wanted = find_image(args_, container_.image.c_str());
-        return wanted && bundle_of_image(args_, *wanted, container_, bundle_);
-    }
-
     int attached(const SignalQueue& signals)
     {
         const ContainerOptions& options = container_.options;

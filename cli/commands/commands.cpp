@@ -248,7 +248,7 @@ constexpr Command kCommands[] = {
      kDir, "", cmd_create, ProgramWords::kAfterName},
     {"start", "", "ID...", "start created containers", kStartOptions, 1, kMany, kId, "", cmd_start},
     {"run", "", "[IMAGE] [COMMAND] [ARG...]", "create a container and start its program",
-     kRunOptions, 0, kMany, kDir, "", cmd_run, ProgramWords::kAll},
+     kRunOptions, 0, kMany, kImage, "", cmd_run, ProgramWords::kAll},
     {"exec", "", "ID COMMAND [ARG...]",
      "start another program in a running container and exit with its status", kExecOptions, 2,
      kMany, kId, "", cmd_exec, ProgramWords::kAfterMark},

@@ -369,4 +369,13 @@ std::string own_bundle(const std::string& id)
     return is_complete(own) ? own : "";
 }
 
+bool bundle_of_container(const Arguments& args, const std::string& source,
+                         const NewContainer& container, NewBundle& bundle)
+{
+    if (container.image.empty())
+        return bundle_of_bundle(source, container, bundle);
+    auto wanted = find_image(args, container.image.c_str());
+    return wanted && bundle_of_image(args, std::move(*wanted), container, bundle);
+}
+
 } // namespace zncctl

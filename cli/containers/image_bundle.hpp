@@ -30,6 +30,10 @@ bool bundle_of_image(const Arguments& args, Wanted wanted, const NewContainer& c
 // network needs it, the container gets a bundle of its own.
 bool bundle_of_bundle(const std::string& source, const NewContainer& container, NewBundle& bundle);
 
+// The bundle of a container that is made from an image, or from `source` if it names none.
+bool bundle_of_container(const Arguments& args, const std::string& source,
+                         const NewContainer& container, NewBundle& bundle);
+
 // Unpacks an image, with progress reports as given by --progress. Returns kExitOk, or another exit
 // status after printing a message and hints.
 int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle, unsigned option);

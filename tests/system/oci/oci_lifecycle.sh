@@ -81,10 +81,10 @@ run zncrun state "$me-web"
 refused 'it is gone then' 'does not exist'
 
 # The end of the first process ends all.
-program web sh -c 'sleep 1000 & echo $!; sleep 0.1'
+program web sh -c "sleep $mark & echo \$!; sleep 0.1"
 run zncrun run --bundle "$work/web" "$me-web"
 check 'run waits for the program and deletes the container' test "$status" = 0
-check 'no process is left' not pgrep -f 'sleep 1000'
+check 'no process is left' not pgrep -f "sleep $mark"
 
 # run passes statuses and signals on.
 program web sh -c 'exit 42'
@@ -94,6 +94,7 @@ program web sh -c 'kill -KILL 0; kill -9 1; exit 3'
 run zncrun run --bundle "$work/web" "$me-web"
 expect 'the first process survives signals from inside' 3 ''
 program web sh -c "$loop"
+rm -f "$work/log"
 "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web" >"$work/log" 2>&1 </dev/null &
 runner=$!
 check 'the program runs in the foreground' eventually grep -q up "$work/log"
