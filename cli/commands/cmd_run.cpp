@@ -22,7 +22,7 @@ class Run {
     int run()
     {
         CidFile cid_file(args_);
-        if (!bundle_of_container(args_, args_.value("bundle"), container_, bundle_))
+        if (!bundle_of_container(args_, args_.value("bundle", ""), container_, bundle_))
             return kExitStartFailed;
         // from here on a signal must not end zncctl before the container is deleted
         const SignalQueue signals;

@@ -82,8 +82,8 @@ void znnsPrivilegedAllow(BOOL allowed);
 
 /*
  * Whether each namespace created from now on gets a user namespace with users of the host that no
- * other namespace of this process has, unless its configuration has mappings. Default: FALSE. OK, or
- * ERROR with the task error number set if a user namespace cannot be created; nothing is changed
+ * other namespace of this process has, unless its configuration has mappings. Default: FALSE. OK,
+ * or ERROR with the task error number set if a user namespace cannot be created; nothing is changed
  * then.
  */
 STATUS znnsUsersMap(BOOL mapped);

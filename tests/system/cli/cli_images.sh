@@ -71,7 +71,7 @@ check 'it is for root alone' test "$(stat -c %a "$store")" = 700
 start_daemon
 for name in shell localhost/shell shell:latest localhost/shell:latest "$id" "sha256:$id" "${id:0:12}" "${id:0:3}" \
     "localhost/shell@$(zncctl images --format json | jq -r '.[0].digest')"; do
-    run zncctl run --network none --progress none "$name"
+    run zncctl run --rm --network none --progress none "$name"
     check "run finds $name" test "$status/$err" = 0/
 done
 run zncctl tag shell tools:v1 quay.example.org:5000/team/tools
@@ -96,7 +96,7 @@ fails_with 'rmi of what is not there exits 2' 2 'there is no such image in the s
 # ---------------------------------------------------------------- containers that use an image
 zncctl tag "$id" shell
 zncctl rmi quay.example.org:5000/team/tools >/dev/null
-run zncctl run -d --network none --progress none shell user
+run zncctl run -d --name user --network none --progress none shell
 check 'a container runs from it' test "$status" = 0
 run zncctl rmi shell
 check 'rmi of an image that a container uses is refused' test "$status/$(error_line)" = \
@@ -114,11 +114,11 @@ cp -r "$work/layout" "$work/sleeping"
 quietly umoci config --image "$work/sleeping:latest" --config.entrypoint /bin/busybox \
     --config.cmd sleep --config.cmd "$mark"
 zncctl import -q "oci:$work/sleeping:latest" sleeper
-run zncctl run -d --network none --progress none sleeper asleep
+run zncctl run -d --name asleep --network none --progress none sleeper
 check 'a container runs from an image of the store' eventually program_lives
 zncctl storage gc -q
 zncctl image prune --all --force >/dev/null
-run zncctl run -d --network none --progress none sleeper beside
+run zncctl run -d --name beside --network none --progress none sleeper
 expect 'collecting what is unused leaves the image and its bundle' 0 beside ''
 run zncctl import -q --force "oci:$work/layout:latest" sleeper
 check 'the name can move to another image' test "$status" = 0
@@ -141,7 +141,7 @@ quietly umoci new --image "$work/user:latest"
 add_layer "$work/user" "$work/users" >"$work/tool.log" 2>&1
 quietly umoci config --image "$work/user:latest" --os linux --architecture amd64 --config.user app \
     --config.entrypoint /bin/busybox --config.cmd id --config.cmd -G
-run zncctl run --network none --progress none "$work/user"
+run zncctl run --rm --network none --progress none "$work/user"
 check 'a converted image keeps the groups of its user' test "$status/$out" = '0/100 44'
 zncctl image prune --force >/dev/null
 
@@ -155,7 +155,7 @@ exec 8>&-
 zncctl image prune --force >/dev/null
 check 'until it is not read any more' test "$(blobs)" = 0
 
-run zncctl run --network none --progress none "oci:$work/layout:latest"
+run zncctl run --rm --network none --progress none "oci:$work/layout:latest"
 expect 'a layout with a prefix runs as it is' 0 'from the second layer' ''
 check 'without the store' test "$(names)" = ''
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "docker-archive:$work/docker.tar:example/app:v2"
@@ -168,7 +168,7 @@ quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zst
 check 'skopeo wrote zstd layers' grep -rq 'layer.v1.tar+zstd' "$work/zstd/blobs"
 pids=()
 for i in {1..6}; do
-    "$ZNCCTL" run --network none --progress none "oci-archive:$work/oci.tar" </dev/null >"$work/runs$i" 2>&1 &
+    "$ZNCCTL" run --rm --network none --progress none "oci-archive:$work/oci.tar" </dev/null >"$work/runs$i" 2>&1 &
     pids[i]=$!
 done
 ok=0
@@ -177,10 +177,10 @@ check 'an archive runs in several containers at once' test "$ok" = 6
 check 'and is converted once' test "$(zncctl images -q | wc -l)" = 1
 for source in "$work/zstd" "oci:$work/zstd:latest" "oci-archive:$work/oci.tar" \
     "docker-archive:$work/docker.tar" "docker-archive:$work/docker.tar:example/app:v2"; do
-    run zncctl run --network none --progress none "$source"
+    run zncctl run --rm --network none --progress none "$source"
     check "$source: is converted and runs" test "$status/$out" = '0/from the second layer'
     before=$(blobs)
-    run zncctl run --network none --progress none "$source"
+    run zncctl run --rm --network none --progress none "$source"
     expect "$source: the second time at once" 0 'from the second layer' ''
     check "$source: nothing is stored again" test "$(blobs)" = "$before"
 done
@@ -206,7 +206,7 @@ cat "$work/oci.tar.gz" | "$ZNCCTL" load >"$work/out" 2>"$work/err"
 check 'also compressed from a pipe' test "$?/$(<"$work/out")" = '0/Loaded image: localhost/app:latest'
 check 'both are in the store' test "$(names)" = 'docker.io/example/app:v2 localhost/app:latest '
 check 'and are the same image' test "$(zncctl images -q | wc -l)" = 1
-run zncctl run --network none --progress none example/app:v2
+run zncctl run --rm --network none --progress none example/app:v2
 expect 'a short name finds it' 0 'from the second layer' ''
 tar -C "$work/root" -cf "$work/root.tar" .
 run zncctl load -i "$work/root.tar"
@@ -250,13 +250,13 @@ pulled=$out
 check 'which is that of the registry' test "sha256:$pulled" = \
     "$(skopeo inspect --raw "oci:$work/served:latest" | jq -r .config.digest)"
 digest=$(skopeo inspect --raw "oci:$work/served:latest" | sha256sum | cut -d ' ' -f 1)
-run zncctl run --network none --progress none "$host/team/app"
+run zncctl run --rm --network none --progress none "$host/team/app"
 expect 'it runs' 0 'from the second layer' ''
-run zncctl run --network none --progress none "$host/team/app@sha256:$digest"
+run zncctl run --rm --network none --progress none "$host/team/app@sha256:$digest"
 expect 'and is found by its digest' 0 'from the second layer' ''
 run zncctl pull -q --tls-verify=false "$host/team/app:zstd"
 check 'pull converts what the library cannot unpack' test "$status" = 0
-run zncctl run --network none --progress none "$host/team/app:zstd"
+run zncctl run --rm --network none --progress none "$host/team/app:zstd"
 expect 'which runs as well' 0 'from the second layer' ''
 before=$(zncctl images --format json)
 run zncctl pull -q --tls-verify=false "$host/team/app"
@@ -300,7 +300,7 @@ mkdir "$work/runs"
 for i in {1..20}; do
     name=many
     [[ $((i % 2)) = 0 ]] && name=other
-    "$ZNCCTL" run --network none --progress none "$name" "c$i" </dev/null >"$work/runs/$i" 2>&1 &
+    "$ZNCCTL" run --rm --name "c$i" --network none --progress none "$name" </dev/null >"$work/runs/$i" 2>&1 &
     pids[i]=$!
 done
 ok=0
@@ -366,9 +366,9 @@ for text in '{' '{"manifests":{}}' '{"manifests":[{"digest":"../../x"}]}' '{"man
 done
 cp "$work/index" "$store/index.json"
 printf x >>"$store/blobs/sha256/$(id_of after | cut -d : -f 2)"
-run zncctl run --network none after
+run zncctl run --rm --network none after
 check 'a damaged image does not run' test "$status/$out" = 125/
-run zncctl run --network none --progress none another
+run zncctl run --rm --network none --progress none another
 expect 'the others do' 0 'from the second layer' ''
 stop_daemon
 run zncctl rmi many other another after

@@ -74,9 +74,11 @@ check 'the options of zncctl are in zncctl(1)' options zncctl zncctl.1
 zncctl=$ZNC_BUILD_DIR/bin/zncctl
 section() { sed -n "/^$2\$/,/^[A-Z]/{/^[A-Z]/d;p}" "$work/$1.1"; }
 words() { tr -s ' \n' ' ' | sed 's/^ //; s/ $//'; }
+# The usage line has "[OPTION...]" where the page lists the options, which same_options compares.
 same_synopsis() {
-    diff <("$zncctl" "${@:2}" --help | sed -n '1s/^usage: //p' | words) \
-        <(section "$1" SYNOPSIS | sed '/^ *Other names/d' | words)
+    diff <("$zncctl" "${@:2}" --help | sed -n '1s/^usage: //p' | sed 's/ \[OPTION\.\.\.\]//' | words) \
+        <(section "$1" SYNOPSIS | sed '/^ *Other names/d' | tr '\n' ' ' |
+            sed -E 's/\[-[^][]*(\[[^][]*\][^][]*)*\]//g' | words)
 }
 long_options() { grep -oE -- '^ *(-[a-z], )?--[a-z-]+' | grep -oE -- '--[a-z-]+' | sort; }
 same_options() {
