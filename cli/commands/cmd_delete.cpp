@@ -9,15 +9,7 @@ namespace {
 // The ids of all containers, or of those that have stopped. Nullopt with errno set.
 std::optional<std::vector<std::string>> existing_ids(bool stopped)
 {
-    if (stopped)
-        return ids_in_state(STATE_STOPPED);
-    const std::optional<Json> states = all_states();
-    if (!states)
-        return std::nullopt;
-    std::vector<std::string> ids;
-    for (const Json& state : *states)
-        ids.push_back(text_of(state, "id"));
-    return ids;
+    return stopped ? ids_in_state(STATE_STOPPED) : all_ids();
 }
 
 } // namespace

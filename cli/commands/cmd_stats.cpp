@@ -158,13 +158,7 @@ class Stats {
     {
         if (!args_.has("all"))
             return ids_in_state(STATE_RUNNING);
-        const auto states = all_states();
-        if (!states)
-            return std::nullopt;
-        std::vector<std::string> ids;
-        for (const Json& state : *states)
-            ids.push_back(text_of(state, "id"));
-        return ids;
+        return all_ids();
     }
 
     int look(const std::string& id, Sample& sample)

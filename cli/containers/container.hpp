@@ -32,7 +32,9 @@ std::string root_of_bundle(const std::string& bundle);
 // zncctl's records and the storage base mention.
 std::optional<Json> all_states();
 
-// The ids of all containers in this state; nullopt with errno set if the daemon sends no list.
+// The ids of all containers, or of those in this state; nullopt with errno set if the daemon sends
+// no list.
+std::optional<std::vector<std::string>> all_ids();
 std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
 
 // Creates a container from a bundle and connects its network. Returns kExitOk, or another exit

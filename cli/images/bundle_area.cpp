@@ -6,14 +6,18 @@
 #include <array>
 
 #include <fcntl.h>
+#include <filesystem>
 #include <fmt/format.h>
 #include <stdexcept>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "zncontainer.h"
 
 namespace zncctl {
 namespace {
+
+namespace fs = std::filesystem;
 
 // A file in the bundle's directory, outside the image's root.
 constexpr const char* kCompleteMark = "/.complete-2";
@@ -62,6 +66,18 @@ std::string private_area(const char* name)
     if ((st.st_mode & 077U) != 0 && ::fchmod(dir.get(), 0700) != 0)
         throw_error(area);
     return area;
+}
+
+void sweep_abandoned(const std::string& area, std::string_view prefix)
+{
+    std::error_code error;
+    for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
+        if (!it->path().filename().string().starts_with(prefix))
+            continue;
+        const znc::UniqueFd dir(::open(it->path().c_str(), kDirFlags));
+        if (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) == 0)
+            zncImageBundleDelete(it->path().c_str());
+    }
 }
 
 std::string bundle_area()

@@ -20,6 +20,10 @@ std::string storage_base();
 // of other users.
 std::string private_area(const char* name);
 
+// Removes directories of an area whose names begin with `prefix` and which no process has locked:
+// those left by processes that were killed.
+void sweep_abandoned(const std::string& area, std::string_view prefix);
+
 // The directory of the bundles.
 std::string bundle_area();
 

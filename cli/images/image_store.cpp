@@ -109,19 +109,6 @@ std::vector<StoredImage> read_index(const std::string& area)
     }
 }
 
-// Removes stages left by processes that were killed.
-void sweep(const std::string& area)
-{
-    std::error_code error;
-    for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
-        if (!it->path().filename().string().starts_with(kStagePrefix))
-            continue;
-        const znc::UniqueFd dir(::open(it->path().c_str(), kDirFlags));
-        if (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) == 0)
-            zncImageBundleDelete(it->path().c_str());
-    }
-}
-
 // The blobs of an image, the manifest last.
 std::vector<std::string> digests_of(const Image& image)
 {
@@ -167,10 +154,10 @@ std::vector<StoredImage> stored_images()
 ImageStage::ImageStage()
 {
     const std::string area = image_area();
-    // No other process may run sweep() until the new stage is locked.
+    // No other process may run sweep_abandoned() until the new stage is locked.
     NamedLock lock;
     take_lock(lock, area);
-    sweep(area);
+    sweep_abandoned(area, kStagePrefix);
     std::string name = fmt::format("{}/{}XXXXXX", area, kStagePrefix);
     if (::mkdtemp(name.data()) == nullptr)
         throw_error(area);

@@ -41,19 +41,6 @@ std::string blob_name(const std::string& digest)
     return blob_path("", digest).substr(1);
 }
 
-// Removes layouts left by processes that were killed.
-void sweep(const std::string& area)
-{
-    std::error_code error;
-    for (fs::directory_iterator it(area, error), end; it != end && !error; it.increment(error)) {
-        if (!it->path().filename().string().starts_with(kPrefix))
-            continue;
-        const znc::UniqueFd dir(::open(it->path().c_str(), kDirFlags));
-        if (dir && ::flock(dir.get(), LOCK_EX | LOCK_NB) == 0)
-            zncImageBundleDelete(it->path().c_str());
-    }
-}
-
 Json descriptor(const std::string& media_type, const std::string& digest, std::int64_t size)
 {
     return {{"mediaType", media_type}, {"digest", digest}, {"size", size}};
@@ -83,10 +70,10 @@ LayerFiles::LayerFiles(const std::string& layout, const Image& image)
 PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
                              const Json& configuration)
 {
-    // No other process may run sweep() until the new layout is locked.
+    // No other process may run sweep_abandoned() until the new layout is locked.
     NamedLock making;
     take_turn(making, area + kMakingLock);
-    sweep(area);
+    sweep_abandoned(area, kPrefix);
     std::string name = fmt::format("{}/{}XXXXXX", area, kPrefix);
     if (::mkdtemp(name.data()) == nullptr)
         throw_error(area);

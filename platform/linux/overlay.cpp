@@ -34,16 +34,18 @@ using znc::UniqueFd;
 constexpr std::int64_t kLockTimeoutNs = 3 * kNsPerSec;
 constexpr std::int64_t kShortLockTimeoutNs = kNsPerSec / 20; // used if the work can be done later
 
-// The name below /overlay, or null if the path is not that of a device.
+// The name below /overlay, or null with errno EINVAL if the path is not that of a device.
 const char* device_name(const char* devName)
 {
     constexpr std::size_t prefix = sizeof ZN_OVERLAY_DIR - 1;
-    if (devName == nullptr || std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) != 0)
-        return nullptr;
-    const char* name = devName + prefix + 1;
-    const bool invalid = *name == '\0' || std::strchr(name, '/') != nullptr ||
-                         std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-    return invalid ? nullptr : name;
+    const bool below =
+        devName != nullptr && std::strncmp(devName, ZN_OVERLAY_DIR "/", prefix + 1) == 0;
+    const char* name = below ? devName + prefix + 1 : "";
+    if (*name != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
+        std::strcmp(name, "..") != 0)
+        return name;
+    errno = EINVAL;
+    return nullptr;
 }
 
 // The directory of all devices, locked so that only one process at a time creates or removes
@@ -338,10 +340,8 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
 STATUS znOvlDevRemove(const char* devName)
 {
     const char* name = device_name(devName);
-    if (name == nullptr) {
-        errno = EINVAL;
+    if (name == nullptr)
         return ERROR;
-    }
     const Devices devices;
     if (!devices)
         return ERROR;
@@ -362,10 +362,8 @@ STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char
                     void* context)
 {
     const char* name = device_name(devName);
-    if (name == nullptr) {
-        errno = EINVAL;
+    if (name == nullptr)
         return ERROR;
-    }
     const Devices devices;
     if (!devices)
         return ERROR;

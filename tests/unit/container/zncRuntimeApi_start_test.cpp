@@ -368,7 +368,7 @@ TEST_F(Start, AStartThatSpawnsNothingEndsTheExpectationOfItsNamespace)
     // client.
     const std::string record = "/run/zarnel/ns/77";
     std::filesystem::create_directories("/run/zarnel/ns");
-    std::ofstream(record) << "1 1 -a\n/r";
+    std::ofstream(record) << "1 1 0 0 -a\n/r";
     FakeDaemon daemon(answering_in_turn({kStarted, kSuccess}));
     spawnLog.failing = "cwd";
     EXPECT_EQ(zncStart("web", 0), ERROR);
@@ -376,7 +376,7 @@ TEST_F(Start, AStartThatSpawnsNothingEndsTheExpectationOfItsNamespace)
     std::ifstream file(record);
     std::string line;
     std::getline(file, line);
-    EXPECT_EQ(line, "1 1 -o");
+    EXPECT_EQ(line, "1 1 0 0 -o");
     std::filesystem::remove_all("/run/zarnel");
 }
 

@@ -373,7 +373,7 @@ TEST_F(Namespaces, ARecordOfAnotherProcessLeadsNowhere)
     const nsid_t ns = rooted();
     const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
     // our process id, but a different start time
-    std::ofstream(path) << getpid() << " 1 -o\n" << root_;
+    std::ofstream(path) << getpid() << " 1 0 0 -o\n" << root_;
     EXPECT_EQ(start(ns, "true"), -1);
     EXPECT_EQ(errno, ESRCH);
     EXPECT_EQ(znnsDelete(ns), OK);
