@@ -1,5 +1,6 @@
 #include "private_layout.hpp"
 
+#include "bundle_area.hpp"
 #include "front/blob.hpp"
 #include "front/files.hpp"
 #include "front/named_lock.hpp"

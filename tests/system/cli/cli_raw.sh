@@ -28,7 +28,7 @@ run zncctl delete one two
 expect 'they can be deleted' 0 $'one\ntwo' ''
 check 'and their bundles are gone' test "$(bundles)" = 0
 zncctl import -q "$work/layout" stored
-run zncctl run --keep --network none --progress none stored one
+run zncctl run --name one --network none --progress none stored
 expect 'run of an image of the store' 0 'from the second layer' ''
 run zncctl rmi stored
 check 'which is not removed while its container exists' test "$status/$(error_line)" = \
