@@ -73,10 +73,24 @@ void remove_group(const Namespace& ns)
         cgroup_remove(ns.settings.group());
 }
 
+// A record of this id may belong to another owner. A record that cannot be removed is tried again.
+void remove_record(Namespace& ns)
+{
+    if (ns.recorded)
+        ns.recorded = !ns_record_remove(ns.id);
+}
+
+// Whether nothing is left of a namespace that was deleted.
+bool is_gone(Namespace& ns)
+{
+    remove_record(ns);
+    return ns.keeper.reap() && !ns.recorded;
+}
+
 void reap_dying()
 {
     for (Namespace** at = &g_dying; *at != nullptr;) {
-        if ((*at)->keeper.reap()) {
+        if (is_gone(**at)) {
             remove_group(**at);
             const NamespacePtr done(*at);
             *at = done->next;
@@ -149,14 +163,6 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// A record of this id may belong to another owner.
-void remove_record(Namespace& ns)
-{
-    if (ns.recorded)
-        ns_record_remove(ns.id);
-    ns.recorded = false;
-}
-
 // Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
@@ -167,7 +173,7 @@ void end_namespace(Namespace** link)
     cgroup_thaw(ns->settings.group());
     ns->keeper.kill(g_killDeadline != 0 ? g_killDeadline : now_ns() + kEndNs);
     release_device(*ns);
-    if (!ns->keeper.ended(g_killDeadline != 0 ? 0 : kReapMilliseconds) || !ns->keeper.reap()) {
+    if (!ns->keeper.ended(g_killDeadline != 0 ? 0 : kReapMilliseconds) || !is_gone(*ns)) {
         ns->next = g_dying;
         g_dying = ns.release();
     } else {

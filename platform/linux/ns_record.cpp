@@ -224,12 +224,12 @@ int ns_record_mark(nsid_t ns, Grant grant)
     return change(ns, kGrantBeforeEnd, static_cast<char>(grant));
 }
 
-void ns_record_remove(nsid_t ns)
+bool ns_record_remove(nsid_t ns)
 {
     const znc::ErrnoSaver keep;
     char path[64];
     record_path(ns, path);
-    ::unlink(path);
+    return ::unlink(path) == 0 || errno == ENOENT;
 }
 
 // The pidfd keeps referring to one process; the start time, read afterwards, tells whether this is

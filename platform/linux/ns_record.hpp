@@ -54,7 +54,8 @@ znc::UniqueFd ns_record_open(nsid_t ns);
 void ns_record_clear_unfinished();
 
 int ns_record_read(nsid_t ns, NsRecord& record);
-void ns_record_remove(nsid_t ns);
+// False if the record still exists.
+bool ns_record_remove(nsid_t ns);
 
 // Changes one value of a record in place. 0, or -1 with errno set.
 int ns_record_mark(nsid_t ns, Entry entry);
