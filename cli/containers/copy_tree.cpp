@@ -48,14 +48,18 @@ std::vector<std::string> names_in(int dir, const std::string& path)
     return names;
 }
 
+std::string temporary_name(const std::string& name)
+{
+    std::random_device random;
+    constexpr std::size_t kKept = 200; // so that the name is not too long
+    return fmt::format(".{}.{:08x}{:08x}", name.substr(0, kKept), random(), random());
+}
+
 // A new file beside the one to replace, which is removed unless it is renamed.
 class NewFile {
   public:
-    NewFile(int dir, const std::string& name) : dir_(dir)
+    NewFile(int dir, const std::string& name) : dir_(dir), temporary_(temporary_name(name))
     {
-        std::random_device random;
-        constexpr std::size_t kKept = 200; // so that the name is not too long
-        temporary_ = fmt::format(".{}.{:08x}{:08x}", name.substr(0, kKept), random(), random());
         file_.reset(::openat(dir_, temporary_.c_str(),
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file_)

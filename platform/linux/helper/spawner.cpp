@@ -176,11 +176,16 @@ void leave_keyring()
 long directory_enter(const char* path)
 {
     const sys::Fd directory(open_inside(path, O_DIRECTORY));
-    long entered = directory.valid() ? sys::call(__NR_fchdir, directory.get()) : -directory.error();
+    if (!directory.valid())
+        return -directory.error();
     char where[4096];
+    where[0] = '\0';
+    long entered = sys::call(__NR_fchdir, directory.get());
     if (entered >= 0)
         entered = sys::call(__NR_getcwd, sys::arg(where), sizeof where);
-    return entered >= 0 && where[0] != '/' ? -ENOENT : entered < 0 ? entered : 0;
+    if (entered < 0)
+        return entered;
+    return where[0] == '/' ? 0 : -ENOENT;
 }
 
 void set_limits(const Rules& rules)
