@@ -128,6 +128,17 @@ int detach(int devices, const char* name)
     return 0;
 }
 
+// If the kernel cannot prepare the work directory, for lack of space for example, it mounts an
+// overlay read-only. The device would then be mistaken for a read-only one; it is detached.
+int check_writable(int devices, const char* name)
+{
+    if (look(devices, name) == Node::kWritable)
+        return 0;
+    detach(devices, name);
+    errno = EROFS;
+    return -1;
+}
+
 UniqueFd open_node(int devices, const char* name)
 {
     return UniqueFd(::openat(devices, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -142,16 +153,13 @@ int create_on(int devices, const char* name, const char* const* dirs, uint32_t c
                           overlay_mount(node.get(), dirs, count, hasUpper) == 0;
     if (!attached)
         remove_node(devices, name);
-    // If the kernel cannot prepare the work directory, for lack of space for example, it mounts the
-    // overlay read-only. The device would then be mistaken for a read-only one.
-    if (attached && hasUpper && look(devices, name) != Node::kWritable) {
-        detach(devices, name);
-        errno = EROFS;
+    if (!attached)
         return -1;
-    }
-    if (attached && hasUpper)
+    if (hasUpper && check_writable(devices, name) != 0)
+        return -1;
+    if (hasUpper)
         layers_note(name, dirs, count);
-    return attached ? 0 : -1;
+    return 0;
 }
 
 // A directory that occurs again is hidden by its first occurrence.
@@ -199,11 +207,12 @@ int map_device(int devices, const char* name, const UserNamespace& user)
         return -1;
     const UniqueFd node = open_node(devices, name);
     const int error = node ? overlay_mount_mapped(node.get(), layers, user) : errno;
-    if (error == 0)
-        return 0;
-    remove_node(devices, name);
-    errno = error;
-    return -1;
+    if (error != 0) {
+        remove_node(devices, name);
+        errno = error;
+        return -1;
+    }
+    return check_writable(devices, name);
 }
 
 bool all_exist(const char* const* dirs, uint32_t count)

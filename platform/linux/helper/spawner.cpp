@@ -343,8 +343,10 @@ long execute(const char* program, char** argv, char** envp)
 // in the user namespace until they are dropped, and cannot be inspected.
 void enter_user_namespace(const Rules& rules)
 {
-    if (rules->ranges != 0)
-        check(sys::call(__NR_setns, wire::kSpawnerUser, CLONE_NEWUSER));
+    if (rules->ranges == 0)
+        return;
+    check(sys::call(__NR_setns, wire::kSpawnerUser, CLONE_NEWUSER));
+    // Entering it may have reset this.
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
