@@ -25,33 +25,41 @@ struct Entry {
     int (*run)(const Context& context, const Arguments& args);
 };
 
+constexpr Option kBundle = {'b', "bundle", "DIR", "the bundle (default: the working directory)"};
+constexpr Option kConfig = {'f', "config", "FILE",
+                            "the configuration, instead of config.json in the bundle"};
+constexpr Option kConsole = {0, "console-socket", "SOCKET",
+                             "socket that gets the other end of the terminal"};
+constexpr Option kDetach = {'d', "detach", nullptr, "do not wait for the program"};
+constexpr Option kPidFile = {0, "pid-file", "FILE", "file that gets the process id"};
+constexpr Option kPreserve = {0, "preserve-fds", "N",
+                              "descriptors from 3 up that the program gets"};
+constexpr Option kNoPivot = {0, "no-pivot", nullptr,
+                             "no effect: the root is always changed with pivot_root"};
+constexpr Option kNoKeyring = {0, "no-new-keyring", nullptr,
+                               "the program keeps the session keyring of the caller"};
+
 constexpr Option kCreate[] = {
-    {'b', "bundle", "DIR", "the bundle (default: the working directory)"},
-    {'f', "config", "FILE", "the configuration, instead of config.json in the bundle"},
-    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
-    {0, "pid-file", "FILE", "file that gets the process id"},
-    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
-    {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
-    {0, "no-new-keyring", nullptr, "the program keeps the session keyring of the caller"},
+    kBundle, kConfig, kConsole, kPidFile, kPreserve, kNoPivot, kNoKeyring,
 };
 constexpr Option kRun[] = {
-    {'b', "bundle", "DIR", "the bundle (default: the working directory)"},
-    {'f', "config", "FILE", "the configuration, instead of config.json in the bundle"},
-    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
-    {'d', "detach", nullptr, "do not wait for the program"},
+    kBundle,
+    kConfig,
+    kConsole,
+    kDetach,
     {0, "keep", nullptr, "do not delete the container when the program has ended"},
-    {0, "pid-file", "FILE", "file that gets the process id"},
-    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
-    {0, "no-pivot", nullptr, "no effect: the root is always changed with pivot_root"},
-    {0, "no-new-keyring", nullptr, "the program keeps the session keyring of the caller"},
+    kPidFile,
+    kPreserve,
+    kNoPivot,
+    kNoKeyring,
 };
 constexpr Option kExec[] = {
     {'p', "process", "FILE", "the program, as \"process\" in a configuration"},
-    {'d', "detach", nullptr, "do not wait for the program"},
-    {0, "pid-file", "FILE", "file that gets the process id"},
-    {0, "console-socket", "SOCKET", "socket that gets the other end of the terminal"},
+    kDetach,
+    kPidFile,
+    kConsole,
     {'t', "tty", nullptr, "give the program a terminal"},
-    {0, "preserve-fds", "N", "descriptors from 3 up that the program gets"},
+    kPreserve,
     {0, "cwd", "DIR", "the working directory"},
     {'e', "env", "NAME=VALUE", "an environment variable"},
     {'u', "user", "UID[:GID]", "the user"},

@@ -80,6 +80,19 @@ void sweep_abandoned(const std::string& area, std::string_view prefix)
     }
 }
 
+znc::UniqueFd make_locked_directory(const std::string& area, std::string_view prefix,
+                                    std::string& path)
+{
+    std::string name = fmt::format("{}/{}XXXXXX", area, prefix);
+    if (::mkdtemp(name.data()) == nullptr)
+        throw_error(area);
+    path = name;
+    znc::UniqueFd dir(::open(path.c_str(), kDirFlags));
+    if (!dir || ::flock(dir.get(), LOCK_EX | LOCK_NB) != 0)
+        throw_error(path);
+    return dir;
+}
+
 std::string bundle_area()
 {
     return private_area("bundles");

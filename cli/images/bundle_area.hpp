@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "front/named_lock.hpp"
 
@@ -23,6 +24,10 @@ std::string private_area(const char* name);
 // Removes directories of an area whose names begin with `prefix` and which no process has locked:
 // those left by processes that were killed.
 void sweep_abandoned(const std::string& area, std::string_view prefix);
+
+// Creates and locks such a directory, and stores its path. Throws std::runtime_error.
+znc::UniqueFd make_locked_directory(const std::string& area, std::string_view prefix,
+                                    std::string& path);
 
 // The directory of the bundles.
 std::string bundle_area();

@@ -158,13 +158,7 @@ ImageStage::ImageStage()
     NamedLock lock;
     take_lock(lock, area);
     sweep_abandoned(area, kStagePrefix);
-    std::string name = fmt::format("{}/{}XXXXXX", area, kStagePrefix);
-    if (::mkdtemp(name.data()) == nullptr)
-        throw_error(area);
-    path_ = name;
-    dir_.reset(::open(path_.c_str(), kDirFlags));
-    if (!dir_ || ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0)
-        throw_error(path_);
+    dir_ = make_locked_directory(area, kStagePrefix, path_);
 }
 
 ImageStage::~ImageStage()

@@ -75,13 +75,7 @@ PrivateLayout::PrivateLayout(const std::string& area, const Image& image, const 
     NamedLock making;
     take_turn(making, area + kMakingLock);
     sweep_abandoned(area, kPrefix);
-    std::string name = fmt::format("{}/{}XXXXXX", area, kPrefix);
-    if (::mkdtemp(name.data()) == nullptr)
-        throw_error(area);
-    path_ = name;
-    dir_.reset(::open(path_.c_str(), kDirFlags));
-    if (!dir_ || ::flock(dir_.get(), LOCK_EX | LOCK_NB) != 0)
-        throw_error(path_);
+    dir_ = make_locked_directory(area, kPrefix, path_);
     try {
         fill(image, layers, configuration);
     } catch (...) {

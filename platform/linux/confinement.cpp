@@ -28,6 +28,16 @@ bool append_labels(const Settings& settings, List<Text>& texts)
             append_label(texts, "exec", "", settings.selinuxLabel));
 }
 
+void set_capabilities(const Capabilities& wanted, wire::Confinement& rules)
+{
+    rules.bounding = wanted.bounding;
+    rules.permitted = wanted.permitted;
+    rules.effective = wanted.effective;
+    rules.inheritable = wanted.inheritable;
+    // The kernel refuses others, which documents contain nevertheless.
+    rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
+}
+
 // Appends arrays to a block of memory that is large enough.
 class Block {
   public:
@@ -49,6 +59,13 @@ znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings&
                                         std::span<const wire::FilterCode> filter,
                                         List<Text> entries, std::size_t& size)
 {
+    constexpr std::uint32_t kUmask = 022;
+    rules.uid = settings.user.uid;
+    rules.gid = settings.user.gid;
+    rules.umask = settings.user.umask.value_or(kUmask);
+    rules.oomScore = settings.oomScoreAdj.value_or(wire::kNoOomScore);
+    if (settings.capabilities.given)
+        set_capabilities(settings.capabilities, rules);
     rules.entries = static_cast<std::uint32_t>(entries.size());
     if (!append_labels(settings, entries))
         return nullptr;

@@ -10,9 +10,9 @@
 
 namespace zn {
 
-// `rules` with the limits, mappings, groups and labels of the settings, the filter, and the files
-// through which the control group is entered behind it, in memory of `size` bytes; null with errno
-// set.
+// `rules` with the user, capabilities (if they are given), limits, mappings, groups and labels of
+// the settings, the filter, and the files through which the control group is entered behind it, in
+// memory of `size` bytes; null with errno set.
 znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
                                         std::span<const wire::FilterCode> filter,
                                         List<Text> entries, std::size_t& size);

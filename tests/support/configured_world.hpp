@@ -4,6 +4,8 @@
 
 #include "namespace_world.hpp"
 
+#include <algorithm>
+
 namespace namespace_world {
 
 class Configured : public Namespaces {
@@ -47,6 +49,34 @@ class Configured : public Namespaces {
         const std::string out = run(ns, command);
         EXPECT_EQ(znnsDelete(ns), OK);
         return out;
+    }
+
+    // What arrives in a pipe that is the standard output of a program which opens it again.
+    std::string written_to_reopened_output(nsid_t ns)
+    {
+        int ends[2];
+        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        const znc::UniqueFd reader(ends[0]);
+        znc::UniqueFd writer(ends[1]);
+        const znc::UniqueFd keep(::fcntl(1, F_DUPFD_CLOEXEC, 10));
+        ::dup2(writer.get(), 1);
+        writer.reset();
+        znSpawnAttr attr;
+        znSpawnAttrInit(&attr);
+        znSpawnAttrSetNamespace(&attr, ns);
+        std::array<char*, 4> argv = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                                     const_cast<char*>("echo again >/dev/stdout"), nullptr};
+        pid_t pid = -1;
+        const STATUS status =
+            znSpawn(&pid, (root_ + "/bin/sh").c_str(), &attr, argv.data(), nullptr);
+        const int error = errno;
+        ::dup2(keep.get(), 1);
+        EXPECT_EQ(status, OK) << std::strerror(error);
+        if (status == OK)
+            exit_ = wait(pid);
+        std::array<char, 16> text = {};
+        const ssize_t len = ::read(reader.get(), text.data(), text.size());
+        return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(len, 0))};
     }
 
     void refused(const std::string& document, int error, const std::string& field)

@@ -3,6 +3,7 @@
 #include "base/file.hpp"
 #include "cgroup/cgroup.hpp"
 #include "confinement.hpp"
+#include "ns_kinds.hpp"
 #include "settings/seccomp.hpp"
 
 #include <cerrno>
@@ -28,11 +29,6 @@ int refuse(SettingsFault& fault, const char* field, const char* reason)
     std::snprintf(fault.field, sizeof fault.field, "%s", field);
     std::snprintf(fault.reason, sizeof fault.reason, "%s", reason);
     return ENOTSUP;
-}
-
-bool is_label(const Text& text)
-{
-    return text && text[0] != '\0' && std::strcmp(text.get(), "unconfined") != 0;
 }
 
 // Devices that every container has, and pseudo-terminals. All device nodes may be created, but not
@@ -73,9 +69,9 @@ int EngineSettings::check(SettingsFault& fault) const
         return refuse(fault, "linux.namespaces", "user namespaces are not supported");
     if (from(NsKind::kTime) != NsChoice::From::kHost)
         return refuse(fault, "linux.namespaces", "time namespaces are not supported");
-    if (is_label(settings_.apparmorProfile))
+    if (has_label(settings_.apparmorProfile))
         return refuse(fault, "process.apparmorProfile", "not supported");
-    if (settings_.selinuxLabel && settings_.selinuxLabel[0] != '\0')
+    if (has_label(settings_.selinuxLabel))
         return refuse(fault, "process.selinuxLabel", "not supported");
     return 0;
 }
@@ -127,7 +123,6 @@ int EngineSettings::complete_devices()
 
 UniqueFd EngineSettings::record(const char* group, unsigned long join) const
 {
-    constexpr std::uint32_t kUmask = 022;
     List<Text> entries;
     if (*group != '\0') {
         errno = cgroup_entries(group, entries);
@@ -138,18 +133,7 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join) const
     rules.namespaces = join;
     rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;
     rules.ownNetwork = join == 0 && from(NsKind::kNetwork) == NsChoice::From::kNew ? 1 : 0;
-    const Capabilities& wanted = settings_.capabilities;
-    rules.bounding = wanted.bounding;
-    rules.permitted = wanted.permitted;
-    rules.effective = wanted.effective;
-    rules.inheritable = wanted.inheritable;
-    // The kernel refuses others, which documents contain nevertheless.
-    rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
-    rules.uid = settings_.user.uid;
-    rules.gid = settings_.user.gid;
-    rules.umask = settings_.user.umask.value_or(kUmask);
     rules.filterFlags = filterFlags_;
-    rules.oomScore = settings_.oomScoreAdj.value_or(wire::kNoOomScore);
     rules.noNewPrivileges = settings_.noNewPrivileges.value_or(false) ? 1 : 0;
     std::size_t size = 0;
     const auto packed = confinement_pack(rules, settings_, filter_.all(), std::move(entries), size);

@@ -302,26 +302,8 @@ TEST_F(Settings, AProgramNameWithoutASlashIsLookedUpInThePathOfItsEnvironment)
 TEST_F(Settings, AUserCanReopenPipesThatAreItsStreams)
 {
     const nsid_t ns = sealed(R"({"process":{"user":{"uid":1000,"gid":1000}}})");
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const znc::UniqueFd reader(ends[0]);
-    znc::UniqueFd writer(ends[1]);
-    const znc::UniqueFd keep(::fcntl(1, F_DUPFD_CLOEXEC, 10));
-    ::dup2(writer.get(), 1);
-    znSpawnAttr attr;
-    znSpawnAttrInit(&attr);
-    znSpawnAttrSetNamespace(&attr, ns);
-    std::array<char*, 4> argv = {const_cast<char*>("sh"), const_cast<char*>("-c"),
-                                 const_cast<char*>("echo again >/dev/stdout"), nullptr};
-    pid_t pid = -1;
-    const STATUS status = znSpawn(&pid, (root_ + "/bin/sh").c_str(), &attr, argv.data(), nullptr);
-    ::dup2(keep.get(), 1);
-    writer.reset();
-    ASSERT_EQ(status, OK);
-    EXPECT_EQ(wait(pid), 0);
-    std::array<char, 16> text = {};
-    EXPECT_EQ(::read(reader.get(), text.data(), text.size()), 6);
-    EXPECT_STREQ(text.data(), "again\n");
+    EXPECT_EQ(written_to_reopened_output(ns), "again\n");
+    EXPECT_EQ(exit_, 0);
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
