@@ -2,21 +2,17 @@
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
+#include "system/open_confined.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 namespace {
 
-int open_in_root(int root, const char* path, unsigned flags)
+znc::UniqueFd open_in_root(int root, const char* path, int flags)
 {
-    open_how how = {};
-    how.flags = flags | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    return static_cast<int>(::syscall(SYS_openat2, root, path, &how, sizeof how));
+    return zn::open_confined(root, path, flags, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
 }
 
 // Opens for reading what was opened with O_PATH, if it is a regular file. Opening a device or a
@@ -39,12 +35,12 @@ int reopen_regular(const znc::UniqueFd& found)
 
 int znFileOpenInRoot(int rootFd, const char* path)
 {
-    return reopen_regular(znc::UniqueFd(open_in_root(rootFd, path, O_PATH)));
+    return reopen_regular(open_in_root(rootFd, path, O_PATH));
 }
 
 int znDirOpenInRoot(int rootFd, const char* path)
 {
-    return open_in_root(rootFd, path, O_RDONLY | O_DIRECTORY);
+    return open_in_root(rootFd, path, O_RDONLY | O_DIRECTORY).release();
 }
 
 int znFileOpenAt(int dirFd, const char* name)

@@ -2,12 +2,11 @@
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
+#include "system/open_confined.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 STATUS znDirMakeSticky(const char* root, const char* path)
 {
@@ -20,11 +19,9 @@ STATUS znDirMakeSticky(const char* root, const char* path)
         return ERROR;
     // Intermediate links are resolved inside the root; mounts below it do not belong to the
     // container.
-    open_how how = {};
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
-    const znc::UniqueFd dir(
-        static_cast<int>(::syscall(SYS_openat2, top.get(), path, &how, sizeof how)));
+    const znc::UniqueFd dir =
+        zn::open_confined(top.get(), path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW,
+                          RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV);
     struct stat st = {};
     if (!dir || ::fstat(dir.get(), &st) != 0)
         return ERROR;

@@ -1,11 +1,11 @@
 #include "cgroup_file.hpp"
 
+#include "system/open_confined.hpp"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/openat2.h>
-#include <sys/syscall.h>
 
 namespace zn {
 namespace {
@@ -15,10 +15,9 @@ constexpr std::string_view kNoLimit = "max";
 // RESOLVE_NO_XDEV: what is mounted on a directory of the hierarchy does not belong to it.
 znc::UniqueFd open_beneath(int top, const char* path, int flags)
 {
-    open_how how = {};
-    how.flags = static_cast<std::uint64_t>(flags | O_NOFOLLOW | O_CLOEXEC);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
-    return znc::UniqueFd(static_cast<int>(::syscall(SYS_openat2, top, path, &how, sizeof how)));
+    return open_confined(top, path, flags | O_NOFOLLOW,
+                         RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS |
+                             RESOLVE_NO_XDEV);
 }
 
 } // namespace

@@ -2,13 +2,12 @@
 
 #include "base/file.hpp"
 #include "base/owned.hpp"
+#include "system/open_confined.hpp"
 
 #include <cstring>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 namespace zn {
 namespace {
@@ -99,10 +98,8 @@ bool copy_entries(int from, int to, int depth)
 
 bool directory_copy(int root, const char* path, int to, bool mode)
 {
-    open_how how = {};
-    how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    const UniqueFd from(static_cast<int>(::syscall(SYS_openat2, root, path, &how, sizeof how)));
+    const UniqueFd from =
+        open_confined(root, path, O_RDONLY | O_DIRECTORY, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
     if (!from)
         return errno == ENOENT || errno == ENOTDIR;
     struct stat st;

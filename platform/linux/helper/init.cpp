@@ -14,6 +14,7 @@
 #include "program.hpp"
 #include "request.hpp"
 #include "sys.hpp"
+#include "system/open_repeated.hpp"
 #include "wire.hpp"
 
 #include <linux/errno.h>
@@ -61,8 +62,9 @@ int refuse_link(const char* destination)
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS;
-    const sys::Fd found(
-        sys::call(__NR_openat2, AT_FDCWD, sys::arg(destination), sys::arg(&how), sizeof how));
+    const sys::Fd found(open_repeated([&] {
+        return sys::call(__NR_openat2, AT_FDCWD, sys::arg(destination), sys::arg(&how), sizeof how);
+    }));
     return found.error() == ENOENT ? 0 : found.error();
 }
 

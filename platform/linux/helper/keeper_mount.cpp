@@ -6,6 +6,7 @@
 #include "helper.hpp"
 #include "keeper_mask.hpp"
 #include "sys.hpp"
+#include "system/open_repeated.hpp"
 
 #include <linux/errno.h>
 #include <linux/fcntl.h>
@@ -17,7 +18,6 @@ namespace zn {
 namespace {
 
 constexpr std::size_t kPathMax = 1024;
-constexpr int kOpenTries = 20000;
 constexpr unsigned kIdentityMask = STATX_INO | STATX_MNT_ID;
 constexpr long kUmountDetach = 2;
 constexpr long kUmountNoFollow = 8;
@@ -98,13 +98,9 @@ long open_inside(const char* path, std::uint64_t flags)
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC | flags;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    // With RESOLVE_IN_ROOT, a lookup of ".." fails with EAGAIN if a rename or mount anywhere on the
-    // machine happens at the same time. A container may rename in a loop, so many attempts are
-    // needed to be certain of one without a concurrent rename.
-    long fd = -EAGAIN;
-    for (int tries = 0; fd == -EAGAIN && tries < kOpenTries; tries++)
-        fd = sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
-    return fd;
+    return open_repeated([&] {
+        return sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
+    });
 }
 
 int mount_attach(int mount, const char* destination, bool isDirectory, std::uint64_t* mountId)
