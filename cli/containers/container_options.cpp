@@ -10,6 +10,8 @@
 #include "rights_options.hpp"
 
 #include "cli/images/image_settings.hpp"
+#include "cli/images/pull_policy.hpp"
+#include "cli/images/wanted_platform.hpp"
 
 #include <fmt/format.h>
 #include <random>
@@ -143,6 +145,10 @@ void read_flags(const Arguments& args, ContainerOptions& options)
     options.interactive = args.has("interactive");
     options.remove = args.has("rm");
     options.read_only = args.has("read-only");
+    if (const std::string problem = platform_problem(args); !problem.empty())
+        throw BadOption(problem);
+    if (!is_pull_policy_known(args))
+        throw BadOption("--pull is \"missing\", \"always\" or \"never\"");
     if (const std::string policy = args.value("restart", "no"); policy != "no")
         throw BadOption(fmt::format("--restart {} is not supported: no process restarts "
                                     "containers; let a service manager start zncctl",

@@ -3,6 +3,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/images/bundle_area.hpp"
 #include "cli/images/private_layout.hpp"
+#include "cli/images/pull_policy.hpp"
 #include "cli/images/sticky.hpp"
 #include "container_bundle.hpp"
 #include "front/blob.hpp"
@@ -374,7 +375,8 @@ bool bundle_of_container(const Arguments& args, const std::string& source,
 {
     if (container.image.empty())
         return bundle_of_bundle(source, container, bundle);
-    auto wanted = find_image(args, container.image.c_str());
+    const auto image = fetch_as_needed(args, container.image);
+    auto wanted = image ? find_image(args, image->c_str()) : std::nullopt;
     return wanted && bundle_of_image(args, std::move(*wanted), container, bundle);
 }
 

@@ -34,10 +34,12 @@ class Streams {
             ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         if (output == Output::kDiscarded)
             ::posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        else if (output == Output::kError)
-            ::posix_spawn_file_actions_adddup2(&actions_, STDERR_FILENO, STDOUT_FILENO);
+        else if (output == Output::kKept)
+            keep_output(STDOUT_FILENO);
         else
-            keep_output();
+            ::posix_spawn_file_actions_adddup2(&actions_, STDERR_FILENO, STDOUT_FILENO);
+        if (output == Output::kErrorsKept)
+            keep_output(STDERR_FILENO);
     }
     ~Streams() { ::posix_spawn_file_actions_destroy(&actions_); }
     Streams(const Streams&) = delete;
@@ -64,14 +66,14 @@ class Streams {
     }
 
   private:
-    void keep_output()
+    void keep_output(int stream)
     {
         std::array<int, 2> ends{};
         if (::pipe2(ends.data(), O_CLOEXEC) != 0)
             throw std::system_error(errno, std::generic_category());
         reader_.reset(ends[0]);
         writer_.reset(ends[1]);
-        ::posix_spawn_file_actions_adddup2(&actions_, writer_.get(), STDOUT_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions_, writer_.get(), stream);
     }
 
     posix_spawn_file_actions_t actions_ = {};

@@ -13,13 +13,18 @@ namespace zncctl {
 // below the installation prefix. Throws std::system_error.
 std::string import_program();
 
-// Where a program's standard output goes.
-enum class Output { kError, kDiscarded, kKept };
+// Where a program's output goes.
+enum class Output {
+    kError,     // its standard output to the caller's standard error
+    kDiscarded, // its standard output nowhere
+    kKept,      // its standard output to ProgramEnd
+    kErrorsKept // its standard output to the caller's standard error, its errors to ProgramEnd
+};
 
 struct ProgramEnd {
     int error = 0;      // errno if it could not be started
     int status = 0;     // exit status; 128 plus the number of the signal that killed it
-    std::string output; // for Output::kKept, at most 16 MiB
+    std::string output; // what is kept of its output, at most 16 MiB
 };
 
 // Runs a program, which is looked up in PATH if its name has no "/", with the standard input

@@ -1,8 +1,10 @@
 #include "image_fetcher.hpp"
 
+#include "front/layout.hpp"
 #include "front/output.hpp"
 #include "helper_program.hpp"
 #include "reference.hpp"
+#include "wanted_platform.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -40,12 +42,35 @@ std::string_view base_name(std::string_view path)
     return slash == path.npos ? path : path.substr(slash + 1);
 }
 
-int skopeo_failure(int error)
+int skopeo_missing(const FetchSource& what, int error)
 {
-    const int status = failure(kSkopeo, std::strerror(error)); // NOLINT(concurrency-mt-unsafe)
-    if (error == ENOENT)
-        print_hint("'zncctl pull' fetches images with skopeo: install the package skopeo");
+    if (error != ENOENT)
+        return failure(kSkopeo, std::strerror(error)); // NOLINT(concurrency-mt-unsafe)
+    const int status = failure(what.name, "skopeo, which fetches images, is not installed");
+    print_hint("install the package skopeo, or add the image with 'zncctl load'");
     return status;
+}
+
+int skopeo_failed(const FetchSource& what, const std::string& printed)
+{
+    const std::string message = skopeo_message(printed);
+    const int status =
+        failure(what.name, message.empty() ? "skopeo could not fetch the image" : message);
+    if (const std::string hint = fetch_hint(message); !hint.empty())
+        print_hint(hint);
+    return status;
+}
+
+// Undoes the quoting of skopeo's log. Escapes of characters that do not print are left as they are.
+std::string unquoted(std::string_view text)
+{
+    std::string plain;
+    for (std::size_t i = 0; i < text.size() && text[i] != '"'; i++) {
+        if (text[i] == '\\' && i + 1 < text.size() && (text[i + 1] == '"' || text[i + 1] == '\\'))
+            i++;
+        plain += text[i];
+    }
+    return plain;
 }
 
 } // namespace
@@ -66,6 +91,70 @@ std::optional<FetchSource> fetch_source(const std::string& operand, std::string&
     return named("", operand, kDefaultRegistry, problem);
 }
 
+std::vector<std::string> fetch_options(const Arguments& args)
+{
+    constexpr const char* kPassedOn[][2] = {{"tls-verify", "--src-tls-verify"},
+                                            {"authfile", "--src-authfile"},
+                                            {"creds", "--src-creds"},
+                                            {"cert-dir", "--src-cert-dir"}};
+    // Images for other operating systems than Linux exist, but are never meant on this machine
+    // unless they are asked for.
+    const WantedPlatform platform = wanted_platform(args);
+    std::vector<std::string> options = {"--override-os=" + platform.os.value_or(kHostOs),
+                                        "--override-arch=" + platform.arch.value_or(host_arch())};
+    if (!platform.variant.empty())
+        options.push_back("--override-variant=" + platform.variant);
+    for (const auto& [own, of_skopeo] : kPassedOn)
+        if (const char* value = args.value(own))
+            options.push_back(fmt::format("{}={}", of_skopeo, value));
+    return options;
+}
+
+std::string skopeo_message(const std::string& printed)
+{
+    constexpr std::string_view kFatal = "level=fatal msg=\"";
+    constexpr std::string_view kSource = "initializing source ";
+    const std::size_t fatal = printed.rfind(kFatal);
+    if (fatal == printed.npos) {
+        const std::size_t end = printed.find_last_not_of('\n');
+        const std::string text = printed.substr(0, end == printed.npos ? 0 : end + 1);
+        return text.substr(text.rfind('\n') + 1);
+    }
+    std::string message = unquoted(std::string_view(printed).substr(fatal + kFatal.size()));
+    // The source is named in the line already.
+    const std::size_t end = message.find(": ", kSource.size());
+    if (message.starts_with(kSource) && end != message.npos)
+        message.erase(0, end + 2);
+    return message;
+}
+
+const char* fetch_hint(const std::string& message)
+{
+    struct Hint {
+        const char* sign;
+        const char* text;
+    };
+    constexpr Hint kHints[] = {
+        {"server gave HTTP response to HTTPS", "--tls-verify=false accepts registries without TLS"},
+        {"not look like a TLS handshake", "--tls-verify=false accepts registries without TLS"},
+        {"x509:", "--tls-verify=false accepts any certificate, --cert-dir of 'zncctl pull' adds "
+                  "one"},
+        {"unauthorized", "there may be no such image, or it needs credentials: 'skopeo login' "
+                         "stores them"},
+        {"denied", "there may be no such image, or it needs credentials: 'skopeo login' stores "
+                   "them"},
+        {"manifest unknown", "the registry has no such image or tag"},
+        {"reading manifest", "the registry may have no such image or tag"},
+        {"no such host", "the registry does not answer: check its name and the network"},
+        {"dial tcp", "the registry does not answer: check its name and the network"},
+        {"pinging container registry", "the registry does not answer as one: check its name"},
+    };
+    for (const Hint& hint : kHints)
+        if (message.find(hint.sign) != message.npos)
+            return hint.text;
+    return "";
+}
+
 Added fetch_image(const FetchSource& what, const std::vector<std::string>& options, bool quiet)
 {
     const ImageStage stage;
@@ -75,12 +164,12 @@ Added fetch_image(const FetchSource& what, const std::vector<std::string>& optio
         arguments.emplace_back("--quiet");
     arguments.insert(arguments.end(), options.begin(), options.end());
     arguments.insert(arguments.end(), {"--", what.source, fmt::format("oci:{}:image", layout)});
-    const ProgramEnd end = run_program(kSkopeo, arguments, -1, Output::kError);
+    const ProgramEnd end = run_program(kSkopeo, arguments, -1, Output::kErrorsKept);
     if (end.error == 0 && end.status == kExitOk)
         return add_layout(layout, {what.name}, what.digest);
     Added failed;
-    failed.status = end.error != 0 ? skopeo_failure(end.error)
-                                   : failure(what.source, "skopeo could not copy the image");
+    failed.status =
+        end.error != 0 ? skopeo_missing(what, end.error) : skopeo_failed(what, end.output);
     return failed;
 }
 

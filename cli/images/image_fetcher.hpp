@@ -1,8 +1,9 @@
 // image_fetcher.hpp - fetches images with skopeo, which knows registries, credentials and
-// signatures, and adds them to the store. Used by pull.
+// signatures, and adds them to the store. Used by pull and, through pull_policy, by run and create.
 #ifndef ZNC_CLI_IMAGES_IMAGE_FETCHER_HPP
 #define ZNC_CLI_IMAGES_IMAGE_FETCHER_HPP
 
+#include "front/command.hpp"
 #include "image_adder.hpp"
 
 #include <string>
@@ -21,9 +22,20 @@ struct FetchSource {
 // `problem` is set.
 std::optional<FetchSource> fetch_source(const std::string& operand, std::string& problem);
 
+// What the options of a command say about the platform and the registry, as options of skopeo.
+std::vector<std::string> fetch_options(const Arguments& args);
+
 // Copies the image with skopeo, with these options for it, and adds it to the store. Throws
 // std::runtime_error.
+//
+// A failure of skopeo is reported in one line, with a hint if the reason is a common one.
 Added fetch_image(const FetchSource& what, const std::vector<std::string>& options, bool quiet);
+
+// The message in what skopeo printed before it failed, which may be "", in one line.
+std::string skopeo_message(const std::string& printed);
+
+// What the user can do about a message of skopeo, or "".
+const char* fetch_hint(const std::string& message);
 
 } // namespace zncctl
 

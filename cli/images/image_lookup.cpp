@@ -58,7 +58,7 @@ std::vector<std::size_t> find_stored(const std::vector<StoredImage>& images,
     if (found.empty() && problem.empty())
         problem = possible_references(text).empty() && !is_id_prefix(text)
                       ? "it is not a valid name of an image"
-                      : "there is no such image in the store";
+                      : kNoSuchImage;
     return found;
 }
 

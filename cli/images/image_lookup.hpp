@@ -10,6 +10,9 @@
 
 namespace zncctl {
 
+// The problem if the text is a name or an id that no entry has.
+inline constexpr const char* kNoSuchImage = "there is no such image in the store";
+
 // The places in `images` of the entries that a name or id means. Several entries are returned only
 // for an id, and all are of the same image; none after an error, with `problem` set.
 std::vector<std::size_t> find_stored(const std::vector<StoredImage>& images,

@@ -9,6 +9,7 @@
 #include "image_adder.hpp"
 #include "image_lookup.hpp"
 #include "reference.hpp"
+#include "wanted_platform.hpp"
 
 #include <algorithm>
 #include <array>
@@ -28,13 +29,12 @@ constexpr const char* kArchivePrefixes[] = {"oci-archive:", "docker-archive:"};
 
 std::string os_of(const Arguments& args)
 {
-    return args.value("os", "");
+    return wanted_platform(args).os.value_or("");
 }
 
 std::string arch_of(const Arguments& args)
 {
-    const char* arch = args.value("arch");
-    return arch != nullptr ? arch : host_arch();
+    return wanted_platform(args).arch.value_or(host_arch());
 }
 
 // Makes an entry of the store an image to be used.
@@ -81,7 +81,7 @@ std::optional<Wanted> find_in_archive(const Arguments& args, const std::string& 
     const std::size_t colon = rest.find(':');
     const std::string name = colon != rest.npos ? rest.substr(colon) : "";
     const std::string platform =
-        args.has("os") ? fmt::format("{}/{}", os_of(args), arch_of(args)) : "";
+        wanted_platform(args).os ? fmt::format("{}/{}", os_of(args), arch_of(args)) : "";
     const ArchiveCopy archive(rest.substr(0, colon));
     const std::string source =
         digest_of(fmt::format("{}\n{}\n{}\n{}", prefix, name, platform, archive.digest()));
@@ -122,6 +122,13 @@ bool is_layout_path(const std::string& text)
         if (text.starts_with(start))
             return true;
     return text == "." || text == ".." || znc::is_directory(split_image_name(text).layout.c_str());
+}
+
+bool is_image_name(const std::string& operand)
+{
+    return !is_layout_path(operand) && !operand.starts_with(kLayoutPrefix) &&
+           std::none_of(std::begin(kArchivePrefixes), std::end(kArchivePrefixes),
+                        [&](const char* prefix) { return operand.starts_with(prefix); });
 }
 
 std::optional<Wanted> find_image(const Arguments& args, const char* operand)
@@ -256,7 +263,7 @@ std::optional<Image> image_of_layout(const Wanted& wanted)
     return std::move(*image);
 }
 
-// The same for an image of the store, whose platform --os and --arch must match.
+// The same for an image of the store, which must be for the platform that the options select.
 std::optional<Image> image_of_store(const Arguments& args, const Wanted& wanted)
 {
     Image image = read_image(wanted.image.layout, *wanted.stored);
@@ -264,13 +271,14 @@ std::optional<Image> image_of_store(const Arguments& args, const Wanted& wanted)
         static_cast<void>(failure(wanted.label, image.problem));
         return std::nullopt;
     }
-    if (image.os != args.value("os", image.os.c_str()) ||
-        image.arch != args.value("arch", image.arch.c_str())) {
+    const WantedPlatform platform = wanted_platform(args);
+    if (image.os != platform.os.value_or(image.os) ||
+        image.arch != platform.arch.value_or(image.arch)) {
         static_cast<void>(local_failure(S_zncLib_PLATFORM_NOT_FOUND, wanted.label));
         print_hint(fmt::format("the image is for {}/{}", image.os, image.arch));
         return std::nullopt;
     }
-    if (!args.has("arch") && image.arch != host_arch())
+    if (!platform.arch && image.arch != host_arch())
         print_warning(fmt::format("{}: the image is for {}, not for this machine ({})",
                                   wanted.label, image.arch, host_arch()));
     return image;

@@ -33,6 +33,9 @@ Wanted wanted_image(const Arguments& args, ImageName image);
 // "../", or names an existing directory, maybe with a tag behind it.
 bool is_layout_path(const std::string& text);
 
+// Whether an operand names an image of the store, not a layout or an archive.
+bool is_image_name(const std::string& operand);
+
 // The image that an operand means. Archives are imported into the store, unless that was done
 // before. Nullopt after printing a message and hints.
 std::optional<Wanted> find_image(const Arguments& args, const char* operand);

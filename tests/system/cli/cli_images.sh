@@ -35,7 +35,7 @@ run zncctl images
 expect 'an empty store has no images' 0 'REPOSITORY  TAG  IMAGE ID  CREATED  SIZE' ''
 run zncctl images -q
 expect 'nor ids' 0 '' ''
-run zncctl run nothing
+run zncctl run --pull never nothing
 check 'run of a name that is not in the store exits 125' test "$status/$out/$(error_line)" = \
     '125//nothing: there is no such image in the store'
 check 'with a hint at pull' grep -q "^zncctl: hint: .*'zncctl pull'" "$work/err"
@@ -273,7 +273,7 @@ check 'pull takes the transports of skopeo' test "$status" = 0
 check 'and names them by the directory' grep -q 'localhost/layout:latest .*localhost/plain:latest' <<<"$(names)"
 PATH=/nowhere run "$ZNCCTL" pull busybox
 check 'without skopeo pull says what to install' test "$status/$(error_line)" = \
-    '1/skopeo: No such file or directory'
+    '1/docker.io/library/busybox:latest: skopeo, which fetches images, is not installed'
 check 'in a hint' grep -q '^zncctl: hint: .*install the package skopeo' "$work/err"
 pids=()
 for i in 1 2 3 4; do

@@ -1,6 +1,7 @@
 // Tests what pull fetches for an operand, and how programs are run.
 #include "cli/images/helper_program.hpp"
 #include "cli/images/image_fetcher.hpp"
+#include "cli/images/wanted_platform.hpp"
 
 #include <gtest/gtest.h>
 
@@ -90,4 +91,40 @@ TEST(RunProgram, LimitsTheOutputThatItKeeps)
     const ProgramEnd end = run_program("head", {"-c", "20000000", "/dev/zero"}, -1, Output::kKept);
     EXPECT_LT(end.output.size(), std::size_t{17} << 20U);
     EXPECT_NE(end.status, 0);
+}
+
+TEST(SkopeoMessage, IsTheLastFatalLineWithoutItsQuoting)
+{
+    EXPECT_EQ(skopeo_message("time=\"now\" level=warning msg=\"first\"\n"
+                             "time=\"now\" level=fatal msg=\"initializing source docker://a/b:c: "
+                             "Get \\\"https://a/v2/\\\": refused\"\n"),
+              "Get \"https://a/v2/\": refused");
+    EXPECT_EQ(skopeo_message("level=fatal msg=\"initializing source without an end"),
+              "initializing source without an end");
+    EXPECT_EQ(skopeo_message("level=fatal msg=\"no end\\"), "no end\\");
+    EXPECT_EQ(skopeo_message("one\npanic: two\n\n"), "panic: two");
+    EXPECT_EQ(skopeo_message(""), "");
+    EXPECT_EQ(skopeo_message("\n"), "");
+}
+
+TEST(SkopeoMessage, HasAHintForCommonReasons)
+{
+    EXPECT_STREQ(fetch_hint("dial tcp 127.0.0.1:5: connect: connection refused"),
+                 "the registry does not answer: check its name and the network");
+    EXPECT_STREQ(fetch_hint("http: server gave HTTP response to HTTPS client"),
+                 "--tls-verify=false accepts registries without TLS");
+    EXPECT_STREQ(fetch_hint("something else"), "");
+}
+
+TEST(FetchOptions, AreThoseOfThePlatformAndTheRegistry)
+{
+    Arguments args;
+    args.add_option("platform", "linux/arm/v7");
+    args.add_option("tls-verify", "false");
+    EXPECT_EQ(fetch_options(args),
+              (std::vector<std::string>{"--override-os=linux", "--override-arch=arm",
+                                        "--override-variant=v7", "--src-tls-verify=false"}));
+    EXPECT_EQ(fetch_options(Arguments()).front(), "--override-os=linux");
+    args.add_option("arch", "arm64");
+    EXPECT_STREQ(platform_problem(args), "--platform cannot be combined with --os and --arch");
 }
