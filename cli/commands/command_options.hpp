@@ -193,6 +193,10 @@ inline constexpr Option kListOptions[] = {
 inline constexpr Option kCpOptions[] = {
     {'a', "archive", nullptr, "no effect: the owner in a container is that of its program"},
 };
+inline constexpr Option kDiffOptions[] = {kFormat};
+inline constexpr Option kExportOptions[] = {
+    {'o', "output", "FILE", "write this file (default: standard output)", Word::kFile},
+};
 inline constexpr Option kPsOptions[] = {
     {'a', "all", nullptr, "list containers that are not running, too"},
     {'q', "quiet", nullptr, "print only the ids"},

@@ -1,6 +1,7 @@
 #include "copy_tree.hpp"
 
 #include "base/owned.hpp"
+#include "directory.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
 
@@ -8,10 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <memory>
 #include <random>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -21,32 +20,6 @@
 
 namespace zncctl {
 namespace {
-
-// Each level has descriptors open, and a tree that a container made may have any depth.
-constexpr unsigned kDepthMax = 200;
-constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-std::vector<std::string> names_in(int dir, const std::string& path)
-{
-    struct Close {
-        void operator()(DIR* open) const { ::closedir(open); }
-    };
-    znc::UniqueFd own(::openat(dir, ".", kDirFlags));
-    const std::unique_ptr<DIR, Close> entries(own ? ::fdopendir(own.get()) : nullptr);
-    if (entries == nullptr)
-        throw_error(path);
-    static_cast<void>(own.release()); // closedir() closes it
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(entries.get())) { // NOLINT(concurrency-mt-unsafe)
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            names.push_back(name);
-    }
-    if (errno != 0)
-        throw_error(path);
-    return names;
-}
 
 std::string temporary_name(const std::string& name)
 {
@@ -153,7 +126,7 @@ void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::
     if (S_ISLNK(st.st_mode))
         return copy_link(from, to, name);
     if (S_ISDIR(st.st_mode)) {
-        const znc::UniqueFd dir(::openat(from, name.c_str(), kDirFlags));
+        const znc::UniqueFd dir = open_directory(from, name);
         if (!dir)
             throw_error(path);
         return copy_directory(dir.get(), to, name, path, depth + 1);
@@ -169,9 +142,7 @@ void TreeCopy::copy_entry(int from, int to, const std::string& name, const std::
 
 void TreeCopy::copy_content(int from, int to, const std::string& path, unsigned depth) const
 {
-    if (depth > kDepthMax)
-        throw std::runtime_error(fmt::format("{}: it has more than {} levels of directories",
-                                             printable(first_characters(path, 100)), kDepthMax));
+    check_depth(depth, path);
     for (const std::string& name : names_in(from, path))
         copy_entry(from, to, name, fmt::format("{}/{}", path, name), depth);
 }
@@ -185,7 +156,7 @@ void TreeCopy::copy_directory(int from, int to, const std::string& name, const s
     const bool made = ::mkdirat(to, name.c_str(), 0700) == 0;
     if (!made && errno != EEXIST)
         throw_error(name);
-    const znc::UniqueFd dir(::openat(to, name.c_str(), kDirFlags));
+    const znc::UniqueFd dir = open_directory(to, name);
     if (!dir)
         throw_error(name);
     copy_content(from, dir.get(), path, depth);

@@ -1,0 +1,33 @@
+// output_file.hpp - a file that the user names for a result. A regular file is replaced when it is
+// complete. Used by export.
+#ifndef ZNC_CLI_CONTAINERS_OUTPUT_FILE_HPP
+#define ZNC_CLI_CONTAINERS_OUTPUT_FILE_HPP
+
+#include <string>
+
+#include "base/owned.hpp"
+
+namespace zncctl {
+
+class OutputFile {
+  public:
+    // Opens the file: a new one beside it that takes its name later, or itself if it is no regular
+    // file. Throws std::runtime_error.
+    explicit OutputFile(std::string path);
+    ~OutputFile(); // without finish(), removes the new file
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    [[nodiscard]] int fd() const { return file_.get(); }
+    // Throws std::runtime_error.
+    void finish();
+
+  private:
+    std::string path_;
+    std::string temporary_; // "": none
+    znc::UniqueFd file_;
+};
+
+} // namespace zncctl
+
+#endif

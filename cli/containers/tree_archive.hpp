@@ -1,0 +1,47 @@
+// tree_archive.hpp - writes a directory tree of a container to an archive, by descriptors only. A
+// container's processes may change the tree at any time: no symbolic link is followed, and what is
+// removed or replaced meanwhile is left out. Used by export and cp.
+#ifndef ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
+#define ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
+
+#include "tar_writer.hpp"
+
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
+
+namespace zncctl {
+
+class TreeArchive {
+  public:
+    explicit TreeArchive(int fd) : writer_(fd) {}
+
+    // Adds what is in an open directory, below `path`, which is "" or ends with "/". Devices and
+    // sockets are left out. Throws std::runtime_error, as the others do.
+    void add_content(int dir, const std::string& path, unsigned depth = 0);
+    // Adds an open directory itself.
+    void add_directory(int dir, const std::string& path);
+    // Adds an open regular file.
+    void add_file(int file, const std::string& path);
+    // Ends the archive, and prints what was left out.
+    void finish(const std::string& id);
+
+  private:
+    void add_entry(int dir, const std::string& name, const std::string& path, unsigned depth);
+    void add_subdirectory(int dir, const std::string& name, const std::string& path,
+                          unsigned depth);
+    void add_link(int dir, const std::string& name, const std::string& path, const struct stat& st);
+    void add_data(int file, const std::string& path);
+    bool add_hard_link(const std::string& path, const struct stat& st);
+
+    TarWriter writer_;
+    std::map<std::pair<dev_t, ino_t>, std::string> linked_; // files with several names
+    std::size_t left_out_ = 0;
+    std::size_t shrunk_ = 0;
+};
+
+} // namespace zncctl
+
+#endif
