@@ -1,8 +1,10 @@
-// Copies files between a container and the host.
+// Copies files between a container and the host, or an archive.
 #include "cli/containers/config_check.hpp"
 #include "cli/containers/container.hpp"
 #include "cli/containers/copy_tree.hpp"
 #include "cli/containers/pause.hpp"
+#include "cli/containers/tree_archive.hpp"
+#include "cli/containers/tree_extract.hpp"
 #include "commands.hpp"
 #include "front/files.hpp"
 
@@ -21,6 +23,9 @@ namespace {
 struct Place {
     std::string id; // "": the host
     std::string path;
+
+    // Whether it is "-": an archive on standard input or output.
+    [[nodiscard]] bool is_stream() const { return id.empty() && path == "-"; }
 };
 
 Place read_place(const std::string& text)
@@ -164,6 +169,43 @@ Owner owner_in(const std::string& id)
             static_cast<gid_t>(integer(member(user, "gid")).value_or(0))};
 }
 
+// Writes a file or directory of the container to standard output as an archive.
+void write_archive(const std::string& id, const Side& container, const std::string& source)
+{
+    const std::string name = base_name(trimmed(source));
+    TreeArchive archive(STDOUT_FILENO);
+    if (const znc::UniqueFd dir = container.directory(source); dir) {
+        // The content alone, if it is asked for by "/." or the source has no name.
+        const bool content = source.ends_with("/.") || name.empty();
+        if (!content)
+            archive.add_directory(dir.get(), name + "/");
+        archive.add_content(dir.get(), content ? "" : name + "/");
+    } else {
+        const znc::UniqueFd file = errno == ENOTDIR ? container.file(source) : znc::UniqueFd();
+        if (!file)
+            fail(source);
+        archive.add_file(file.get(), name);
+    }
+    archive.finish(id);
+}
+
+// Extracts an archive on standard input into a directory of the container.
+void read_archive(const std::string& id, int root, const std::string& destination)
+{
+    if (!znc::UniqueFd(znDirOpenInRoot(root, destination.c_str())))
+        fail(destination);
+    TarReader archive(STDIN_FILENO);
+    TreeExtract(root, destination, owner_in(id)).extract(archive);
+}
+
+void copy_files(const Place& source, const Place& destination, const Side& container)
+{
+    const Side host;
+    const bool into = source.id.empty();
+    const TreeCopy tree(into ? std::optional(owner_in(destination.id)) : std::nullopt);
+    Copy(into ? host : container, into ? container : host, tree).run(source.path, destination.path);
+}
+
 int copy(const Place& source, const Place& destination)
 {
     const std::string& id = source.id.empty() ? destination.id : source.id;
@@ -173,13 +215,13 @@ int copy(const Place& source, const Place& destination)
     znc::UniqueFd root(ns >= 0 ? znnsRootOpen(ns) : -1);
     if (!root)
         return local_failure(errno, id);
-    const Side host;
-    const Side container(std::move(root));
-    const bool into = source.id.empty();
-    const TreeCopy tree(into ? std::optional(owner_in(id)) : std::nullopt);
     try {
-        Copy(into ? host : container, into ? container : host, tree)
-            .run(source.path, destination.path);
+        if (source.is_stream())
+            read_archive(id, root.get(), destination.path);
+        else if (destination.is_stream())
+            write_archive(id, Side(std::move(root)), source.path);
+        else
+            copy_files(source, destination, Side(std::move(root)));
         return kExitOk;
     } catch (const std::runtime_error& error) {
         return failure(id, error.what());
@@ -196,8 +238,10 @@ int cmd_cp(const Arguments& args)
         return usage_failure("one of source and destination must be ID:PATH, in a container");
     if (source.path.empty() || destination.path.empty())
         return usage_failure("a path must not be empty");
-    if (source.path == "-" || destination.path == "-")
-        return usage_failure("archives are not read or written; for a file of this name, use ./-");
+    if (source.is_stream() && ::isatty(STDIN_FILENO) != 0)
+        return usage_failure("the archive is not read from a terminal: redirect the input");
+    if (destination.is_stream() && ::isatty(STDOUT_FILENO) != 0)
+        return usage_failure("the archive is not written to a terminal: redirect the output");
     return copy(source, destination);
 }
 

@@ -97,21 +97,31 @@ void TreeCopy::copy_file(int file, int to, const std::string& name) const
     struct stat st = {};
     if (::fstat(file, &st) != 0)
         throw_error(name);
-    NewFile copy(to, name);
-    copy_bytes(file, copy.fd(), st.st_size, name);
-    set_attributes(copy.fd(), st, name);
-    copy.take_name(name);
+    make_file(to, name, st, [&](int copy) { copy_bytes(file, copy, st.st_size, name); });
+}
+
+void TreeCopy::make_file(int to, const std::string& name, const struct stat& st,
+                         const std::function<void(int)>& fill) const
+{
+    NewFile file(to, name);
+    fill(file.fd());
+    set_attributes(file.fd(), st, name);
+    file.take_name(name);
 }
 
 void TreeCopy::copy_link(int from, int to, const std::string& name) const
 {
     std::array<char, PATH_MAX> target{};
-    const ssize_t length = ::readlinkat(from, name.c_str(), target.data(), target.size() - 1);
-    if (length < 0)
+    if (::readlinkat(from, name.c_str(), target.data(), target.size() - 1) < 0)
         throw_error(name);
-    if (::symlinkat(target.data(), to, name.c_str()) != 0 &&
+    make_link(target.data(), to, name);
+}
+
+void TreeCopy::make_link(const std::string& target, int to, const std::string& name) const
+{
+    if (::symlinkat(target.c_str(), to, name.c_str()) != 0 &&
         (errno != EEXIST || ::unlinkat(to, name.c_str(), 0) != 0 ||
-         ::symlinkat(target.data(), to, name.c_str()) != 0))
+         ::symlinkat(target.c_str(), to, name.c_str()) != 0))
         throw_error(name);
     if (owner_ && ::fchownat(to, name.c_str(), owner_->uid, owner_->gid, AT_SYMLINK_NOFOLLOW) != 0)
         throw_error(name);

@@ -1,9 +1,10 @@
 // copy_tree.hpp - copies files and directory trees between a container and the host, by descriptors
 // only. A container's processes may change either side at any time: no symbolic link is followed,
-// and only regular files, directories and links are read or made. Used by cp.
+// and only regular files, directories and links are read or made. Used by cp and tree_extract.
 #ifndef ZNC_CLI_CONTAINERS_COPY_TREE_HPP
 #define ZNC_CLI_CONTAINERS_COPY_TREE_HPP
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -27,6 +28,17 @@ class TreeCopy {
     // std::runtime_error, as the others do.
     void copy_file(int file, int to, const std::string& name) const;
 
+    // Makes the regular file of this name with what `fill` writes to a descriptor, and with the
+    // mode and time of `st`. A file or link of this name is replaced when that is complete.
+    void make_file(int to, const std::string& name, const struct stat& st,
+                   const std::function<void(int)>& fill) const;
+
+    // Makes a symbolic link. A file or link of this name is replaced.
+    void make_link(const std::string& target, int to, const std::string& name) const;
+
+    // Gives an open file or directory the owner, and the mode and time of `st`.
+    void set_attributes(int file, const struct stat& st, const std::string& name) const;
+
     // Copies what is in an open directory into another one. Directories that exist there keep their
     // owner and mode. `path` names the source in messages.
     void copy_content(int from, int to, const std::string& path, unsigned depth = 0) const;
@@ -39,7 +51,6 @@ class TreeCopy {
     void copy_entry(int from, int to, const std::string& name, const std::string& path,
                     unsigned depth) const;
     void copy_link(int from, int to, const std::string& name) const;
-    void set_attributes(int file, const struct stat& st, const std::string& name) const;
 
     std::optional<Owner> owner_;
 };

@@ -1,5 +1,6 @@
 // directory.hpp - reads directories that a container's processes may change at any time: by
-// descriptors, without following symbolic links. Used by copy_tree, changes and tree_archive.
+// descriptors, without following symbolic links. Used by copy_tree, changes,
+// tree_archive and tree_extract.
 #ifndef ZNC_CLI_CONTAINERS_DIRECTORY_HPP
 #define ZNC_CLI_CONTAINERS_DIRECTORY_HPP
 

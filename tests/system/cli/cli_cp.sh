@@ -103,9 +103,119 @@ run zncctl cp "$work/tree" web:/tmp/target2
 check 'a link in the place of a file is replaced' test "$status/$(<"$work/secret/file")/$(inside \
     'cat /tmp/target2/tree/one')" = 0/secret/one
 
+# --- archives
+mkdir -p "$work/archive/top/sub" "$work/plain"
+archive() { tar -C "$work/archive" --owner=77 --group=88 "$@" -cf - top; }
+echo first >"$work/archive/top/file"
+chmod 4754 "$work/archive/top/file"
+touch -d 2001-02-03T04:05:06Z "$work/archive/top/file" "$work/archive/top/sub"
+ln "$work/archive/top/file" "$work/archive/top/sub/hard"
+ln -s ../file "$work/archive/top/sub/soft"
+long=$(printf 'n%.0s' {1..110})
+mkdir -p "$work/archive/top/$long/$long"
+echo long >"$work/archive/top/$long/$long/file"
+ln -s "/$long/$long" "$work/archive/top/long"
+touch -d 2001-02-03T04:05:06Z "$work/archive/top/sub"
+# put ARGUMENT...: cp with the archive on standard input.
+put() {
+    "$ZNCCTL" cp - "$@" >"$work/out" 2>"$work/err" <"$work/in.tar"
+    status=$?
+    out=$(<"$work/out") err=$(<"$work/err")
+}
+for format in pax gnu; do
+    inside "mkdir -p /tmp/$format"
+    archive --format=$format >"$work/in.tar"
+    put "web:/tmp/$format"
+    expect "an archive on standard input is extracted ($format)" 0 '' ''
+    check "with modes without set-user-ID, the owner of the program, and times ($format)" test "$(inside \
+        "cd /tmp/$format/top; stat -c '%a %u %g %Y' file sub" | tr '\n' ' ')" = \
+        '754 1234 500 981173106 755 1234 500 981173106 '
+    check "links and long names ($format)" test "$(inside "cd /tmp/$format/top; stat -c %h file; cat sub/soft sub/hard $long/$long/file
+        ls -l long | grep -o -e '-> .*'" | tr '\n' ' ')" = "2 first first long -> /$long/$long "
+done
+echo second >"$work/archive/top/file"
+archive >"$work/in.tar"
+inside 'chmod 700 /tmp/gnu/top/sub; rm /tmp/gnu/top/sub/soft; echo x >/tmp/gnu/top/sub/soft'
+put web:/tmp/gnu
+check 'files that exist are replaced' test "$status/$(inside 'cat /tmp/gnu/top/file /tmp/gnu/top/sub/soft')" = $'0/second\nsecond'
+check 'directories are kept' test "$(inside 'stat -c %a /tmp/gnu/top/sub')" = 700
+archive -v 2>/dev/null --blocking-factor=200 | "$ZNCCTL" cp - web:/tmp/pax
+check 'the program that writes the archive does not fail' test "${PIPESTATUS[*]}" = '0 0'
+put web:/tmp/gnu/top/file
+fails_with 'the destination must be a directory' 1 '/tmp/gnu/top/file: Not a directory'
+put web:/no/such
+fails_with 'which exists' 1 '/no/such: No such file or directory'
+archive | gzip >"$work/in.tar"
+put web:/tmp
+fails_with 'a compressed archive is refused' 1 'it is not a tar archive; one that is compressed must be decompressed before'
+: >"$work/in.tar"
+put web:/tmp
+check 'nothing is no archive' test "$status/$out" = 1/
+archive | head -c 2000 >"$work/in.tar"
+put web:/tmp
+check 'nor is a part of one' test "$status/$out" = 1/
+echo planted >"$work/plain/planted"
+for name in "../../../../../../../../../../../..$work/secret/planted" "x/../../../../../../../..$work/secret/planted"; do
+    tar -C "$work/plain" -P --transform "s|.*|$name|" -cf "$work/in.tar" planted
+    put web:/tmp/pax
+    check "a name that leads out is refused (${name:0:4})" test "$status/$out" = 1/
+done
+tar -C "$work/plain" -P --transform "s|.*|$work/secret/absolute|" -cf "$work/in.tar" planted
+put web:/tmp/pax
+check 'an absolute name is below the directory' test "$status/$(inside "cat /tmp/pax$work/secret/absolute")" = 0/planted
+mkdir -p "$work/secret" "$work/plant/link"
+echo planted >"$work/plant/link/planted"
+ln -s "$work/secret" "$work/plain/link"
+tar -C "$work/plain" -cf "$work/in.tar" link
+tar -C "$work/plant" -rf "$work/in.tar" link/planted
+put web:/tmp/pax
+check 'a name through a link of the archive does not lead out' test "$status" = 1
+python3 - "$work/in.tar" "$work/secret" <<'P'
+import sys, tarfile
+with tarfile.open(sys.argv[1], "w") as archive:
+    link = tarfile.TarInfo("hard")
+    link.type, link.linkname = tarfile.LNKTYPE, "../../../../../.." + sys.argv[2] + "/file"
+    archive.addfile(link)
+P
+put web:/tmp/pax
+check 'nor the target of a hard link' test "$status" = 1
+check 'nothing of all that is on the host' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
+mkfifo "$work/plain/fifo"
+tar -C "$work/plain" -cf "$work/in.tar" fifo
+put web:/tmp/pax
+fails_with 'a FIFO in an archive is refused' 1 'fifo: it is a FIFO, which is not copied'
+# get SOURCE ARGUMENT...: runs tar on what cp writes.
+get() {
+    local source=$1
+    shift
+    "$ZNCCTL" cp "$source" - 2>"$work/err" | tar -f - "$@"
+}
+inside 'cd /tmp/pax/top; chmod 6755 file; mkfifo pipe'
+check 'a directory is written as an archive under its name' test "$(get web:/tmp/pax/top -t | grep -v nnn | tr '\n' ' ')" = \
+    'top/ top/file top/long top/pipe top/sub/ top/sub/hard top/sub/soft '
+check 'or its content' test "$(get web:/tmp/pax/top/. -t | head -1)" = file
+check 'and a file' test "$(get web:/tmp/pax/top/file -xO)" = second
+check 'with all bits of its mode and its owner' test "$(get web:/tmp/pax/top/file --numeric-owner -tv | cut -c -20)" = \
+    '-rwsr-sr-x 1234/500 '
+mkdir "$work/back"
+get web:/tmp/gnu/top -C "$work/back" -xp
+check 'what went in comes out' diff -r --no-dereference "$work/archive/top" "$work/back/top"
+"$ZNCCTL" cp web:/tmp/gnu/top - | "$ZNCCTL" cp - web:/tmp/target3 2>"$work/err"
+check 'to a directory that does not exist it does not go' test "${PIPESTATUS[1]}" = 1
+inside 'mkdir /tmp/target3'
+"$ZNCCTL" cp web:/tmp/gnu/top - | "$ZNCCTL" cp - web:/tmp/target3
+check 'between containers by a pipe' test "${PIPESTATUS[*]}/$(inside 'cat /tmp/target3/top/file')" = '0 0/second'
+run zncctl cp web:/no/such -
+fails_with 'a source that is missing is an error' 1 '/no/such: No such file or directory'
+run script -qec "$ZNCCTL cp web:/tmp -" /dev/null
+check 'an archive is not written to a terminal' test "$status" = 64
+run script -qec "$ZNCCTL cp - web:/tmp" /dev/null
+check 'nor read from one' test "$status" = 64
+
 # --- a container that swaps a directory and a link while it is copied
 zncctl exec -d -u 0 web sh -c "mkdir /tmp/race; while :; do mkdir /tmp/race/d; echo own >/tmp/race/d/file
     rm -rf /tmp/race/d; ln -s $work/secret /tmp/race/d; rm /tmp/race/d; done"
+tar -C "$work/tree" -cf "$work/race.tar" one sub
 swapped() { inside 'ls /tmp/race' >/dev/null 2>&1; }
 eventually swapped
 leaked=no
@@ -113,10 +223,15 @@ for ((i = 0; i < 60; i++)); do
     zncctl cp web:/tmp/race "$work/race" >"$work/out" 2>&1
     zncctl cp "$work/tree/." web:/tmp/race/d >"$work/out" 2>&1
     zncctl cp "$work/tree/one" web:/tmp/race/d/file >"$work/out" 2>&1
+    "$ZNCCTL" cp - web:/tmp/race/d <"$work/race.tar" >"$work/out" 2>&1
+    if "$ZNCCTL" cp web:/tmp/race - 2>"$work/err" >"$work/read.tar"; then
+        tar -xOf "$work/read.tar" >>"$work/contents" || leaked=yes
+    fi
     [[ -L $work/race/d ]] || ! grep -qs secret "$work/race/d/file" || leaked=yes
     rm -rf "$work/race"
 done
 check 'nothing of the host is read in a race' test $leaked = no
+check 'nor written to an archive' not grep -aq '^secret$' "$work/contents"
 check 'nor written' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
 
 # --- trees without end
@@ -142,7 +257,7 @@ check 'which has the file' test "$status/$(<"$work/here/early")" = 0/one
 check 'the bundle does not' test ! -e "$work/bundle/rootfs/tmp/early"
 run zncctl cp nosuch:/etc "$work/here"
 fails_with 'a container that does not exist' 2 'Container does not exist'
-for words in 'a b' 'web:/a made:/b' 'web:/a -' '- web:/a' 'web: /a' 'web:/a' './web:/a /b'; do
+for words in 'a b' 'web:/a made:/b' 'web: -' '- -' '- b' 'web: /a' 'web:/a' './web:/a /b'; do
     # shellcheck disable=SC2086
     run zncctl cp $words
     check "cp $words is a usage error" test "$status/$out" = 64/
