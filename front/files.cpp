@@ -1,5 +1,7 @@
 #include "files.hpp"
 
+#include "base/directory.hpp"
+
 #include "zarnel/fs.h"
 
 #include <array>
@@ -18,6 +20,17 @@ std::string error_text()
 void throw_error(const std::string& object)
 {
     throw std::runtime_error(object + ": " + error_text());
+}
+
+std::optional<std::vector<std::string>> names_in(int directory)
+{
+    const znc::UniqueDir stream = znc::directory_listing(directory);
+    std::vector<std::string> names;
+    while (const dirent* entry = stream ? znc::next_entry(stream.get()) : nullptr)
+        names.emplace_back(entry->d_name);
+    if (errno != 0)
+        return std::nullopt;
+    return names;
 }
 
 std::string read_error_text()

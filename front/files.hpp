@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 
@@ -26,6 +27,9 @@ std::string read_error_text();
 // Nullopt with errno set if the file cannot be read or is not a regular file; EFBIG if it is larger
 // than 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
+
+// The names of the entries of a borrowed directory, in no particular order. Nullopt with errno set.
+std::optional<std::vector<std::string>> names_in(int directory);
 
 // The C library's message for errno.
 std::string error_text();

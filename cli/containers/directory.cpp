@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <memory>
 #include <stdexcept>
 
 namespace zncctl {
@@ -27,25 +25,11 @@ void check_depth(unsigned depth, const std::string& path)
 
 std::vector<std::string> names_in(int dir, const std::string& path)
 {
-    struct Close {
-        void operator()(DIR* open) const { ::closedir(open); }
-    };
-    znc::UniqueFd own(::openat(dir, ".", kDirFlags));
-    const std::unique_ptr<DIR, Close> entries(own ? ::fdopendir(own.get()) : nullptr);
-    if (entries == nullptr)
+    std::optional<std::vector<std::string>> names = names_in(dir);
+    if (!names)
         throw_error(path);
-    static_cast<void>(own.release()); // closedir() closes it
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(entries.get())) { // NOLINT(concurrency-mt-unsafe)
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            names.push_back(name);
-    }
-    if (errno != 0)
-        throw_error(path);
-    std::sort(names.begin(), names.end());
-    return names;
+    std::sort(names->begin(), names->end());
+    return *std::move(names);
 }
 
 znc::UniqueFd open_directory(int dir, const std::string& name)

@@ -66,24 +66,13 @@ class TreeReader {
     std::map<std::pair<dev_t, ino_t>, std::string> linked_;
 };
 
-std::vector<std::string> names_in(int directory, const std::string& path)
+std::vector<std::string> sorted_names_in(int directory, const std::string& path)
 {
-    znc::UniqueFd own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const znc::UniqueDir stream(own ? ::fdopendir(own.get()) : nullptr);
-    if (stream == nullptr)
+    std::optional<std::vector<std::string>> names = zncctl::names_in(directory);
+    if (!names)
         throw Failure(path, zncctl::error_text());
-    static_cast<void>(own.release()); // the DIR stream owns it now
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(stream.get())) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            names.push_back(name);
-    }
-    if (errno != 0)
-        throw Failure(path, zncctl::error_text());
-    std::sort(names.begin(), names.end());
-    return names;
+    std::sort(names->begin(), names->end());
+    return *std::move(names);
 }
 
 std::vector<std::string> xattrs_of(int file, const std::string& path)
@@ -134,7 +123,7 @@ void TreeReader::read(int directory, const std::string& path, std::uint64_t dept
     if (depth > budget_.limits().depth)
         throw Failure(path, "is too deep in the tree (see --max-depth)");
     const std::string above = path.empty() ? "" : path + "/";
-    for (const std::string& name : names_in(directory, path))
+    for (const std::string& name : sorted_names_in(directory, path))
         add(directory, name, above + name, depth);
 }
 

@@ -37,24 +37,18 @@ constexpr const char* kLayoutDocument = R"({"imageLayoutVersion": "1.0.0"})";
 }
 
 // Returns the entries of a directory except the lock file.
-std::vector<std::string> names_in(int dir, const std::string& object)
+std::vector<std::string> entries_of(int dir, const std::string& object)
 {
-    znc::UniqueFd again(::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const znc::UniqueDir entries(again ? ::fdopendir(again.get()) : nullptr);
-    if (entries == nullptr)
+    std::optional<std::vector<std::string>> names = zncctl::names_in(dir);
+    if (!names)
         fail(object);
-    static_cast<void>(again.release()); // the DIR stream owns it now
-    std::vector<std::string> names;
-    while (const dirent* entry = ::readdir(entries.get()))
-        if (const std::string name = entry->d_name;
-            name != "." && name != ".." && name != kLockName)
-            names.push_back(name);
-    return names;
+    std::erase(*names, kLockName);
+    return *std::move(names);
 }
 
 void sweep(int dir, const std::string& object)
 {
-    for (const std::string& name : names_in(dir, object))
+    for (const std::string& name : entries_of(dir, object))
         if (name.starts_with(kTemporary))
             ::unlinkat(dir, name.c_str(), 0);
 }
@@ -250,7 +244,7 @@ void LayoutWriter::State::read_or_begin()
         if (text_of(document, "imageLayoutVersion") != "1.0.0")
             throw Failure(path, "is not an image layout of version 1.0.0");
     } else {
-        if (!names_in(dir.get(), path).empty())
+        if (!entries_of(dir.get(), path).empty())
             throw Failure(path, "is neither empty nor an image layout");
         fresh = true;
         write_document(dir.get(), kName, kLayoutDocument);

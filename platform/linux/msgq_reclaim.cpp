@@ -2,6 +2,8 @@
 // a mount of the mqueue file system; a detached one is used, which no other process can see.
 #include "zarnel/msgq.h"
 
+#include "base/directory.hpp"
+
 #include "msgq_probe.hpp"
 #include "system/pidfd.hpp"
 
@@ -31,11 +33,7 @@ znc::UniqueDir queue_directory()
                                    MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC)));
     if (!mount)
         return {};
-    UniqueFd list(::openat(mount.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    znc::UniqueDir dir(list ? ::fdopendir(list.get()) : nullptr);
-    if (dir)
-        static_cast<void>(list.release()); // now owned by `dir`
-    return dir;
+    return znc::directory_listing(mount.get());
 }
 
 // True also for a zombie, whose parent may take long to reap it.
@@ -76,7 +74,7 @@ int znMsgQReclaim(long (*makerOf)(const char* name))
     if (!dir)
         return -1;
     int removed = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
+    while (const dirent* entry = znc::next_entry(dir.get())) {
         char name[sizeof entry->d_name + 1];
         std::snprintf(name, sizeof name, "/%s", entry->d_name);
         long maker = maker_of_probe(name);
@@ -84,5 +82,5 @@ int znMsgQReclaim(long (*makerOf)(const char* name))
             maker = makerOf(name);
         removed += maker > 0 && reclaim(name, maker) ? 1 : 0;
     }
-    return removed;
+    return errno == 0 ? removed : -1;
 }

@@ -1,5 +1,6 @@
 #include "ns_record.hpp"
 
+#include "base/directory.hpp"
 #include "base/file.hpp"
 #include "helper/wire.hpp"
 #include "system/pidfd.hpp"
@@ -202,7 +203,7 @@ void ns_record_clear_unfinished()
 {
     const znc::ErrnoSaver keep;
     const znc::UniqueDir dir(::opendir(kRecordDir));
-    while (const dirent* entry = dir ? ::readdir(dir.get()) : nullptr)
+    while (const dirent* entry = dir ? znc::next_entry(dir.get()) : nullptr)
         if (std::strncmp(entry->d_name, kUnfinished, sizeof kUnfinished - 1) == 0)
             ::unlinkat(::dirfd(dir.get()), entry->d_name, 0);
 }
@@ -281,13 +282,13 @@ bool ns_record_each(void (*visit)(nsid_t ns, void* context), void* context)
     const znc::UniqueDir dir(::opendir(kRecordDir));
     if (!dir)
         return errno == ENOENT;
-    while (const dirent* entry = ::readdir(dir.get())) {
+    while (const dirent* entry = znc::next_entry(dir.get())) {
         nsid_t ns = -1;
         char rest = 0;
         if (std::sscanf(entry->d_name, "%d%c", &ns, &rest) == 1 && ns >= 0)
             visit(ns, context);
     }
-    return true;
+    return errno == 0;
 }
 
 bool ns_record_rooted_on(const char* root)

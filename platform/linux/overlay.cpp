@@ -4,6 +4,7 @@
 
 #include "zarnel/overlay.h"
 
+#include "base/directory.hpp"
 #include "base/file.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
@@ -289,13 +290,9 @@ int each_device(int devices, int (*visit)(int devices, const char* name))
     if (!dir)
         return -1;
     int failed = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
-            visit(devices, name) != 0)
-            failed++;
-    }
-    return failed;
+    while (const dirent* entry = znc::next_entry(dir.get()))
+        failed += visit(devices, entry->d_name) != 0 ? 1 : 0;
+    return errno == 0 ? failed : -1;
 }
 
 int sweep_one(int devices, const char* name)

@@ -1,6 +1,7 @@
 // process_list.cpp - processes from /proc; see process_list.h.
 #include "zarnel/process_list.h"
 
+#include "base/directory.hpp"
 #include "base/owned.hpp"
 
 #include <cerrno>
@@ -101,15 +102,12 @@ STATUS znProcessEach(const char* nameSpace,
         return ERROR;
     char status[kStatusMax];
     char name[kNameMax];
-    errno = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
+    while (const dirent* entry = znc::next_entry(dir.get())) {
         const pid_t pid = std::atoi(entry->d_name); // 0 if not a number
         if (pid <= 0 || znProcessNamespace(pid, name, sizeof name) != OK ||
             std::strcmp(name, nameSpace) != 0 ||
-            read_start(pid, "status", status, sizeof status) == 0) {
-            errno = 0;
+            read_start(pid, "status", status, sizeof status) == 0)
             continue;
-        }
         read_command(pid, status, command.get());
         const ZN_PROCESS_INFO info = {pid,
                                       last_number(line_of(status, "NSpid")),
@@ -118,7 +116,6 @@ STATUS znProcessEach(const char* nameSpace,
                                       std::strtoull(line_of(status, "VmRSS"), nullptr, 10),
                                       command.get()};
         visit(&info, context);
-        errno = 0;
     }
     return errno == 0 ? OK : ERROR;
 }

@@ -1,6 +1,8 @@
 // zncLayerStage.cpp - see zncLayerStage.hpp.
 #include "zncLayerStage.hpp"
 
+#include "base/directory.hpp"
+
 #include "zncImageLib.hpp"
 #include "zncTreeDelete.hpp"
 
@@ -30,12 +32,12 @@ template <class Func> STATUS each_entry(const char* dir, Func func)
     const znc::UniqueDir stream(::opendir(dir));
     if (!stream)
         return errno == ENOENT ? OK : ERROR;
-    while (const dirent* entry = ::readdir(stream.get())) {
+    while (const dirent* entry = znc::next_entry(stream.get())) {
         const znc::PathText path = znc::path_in(dir, "/", entry->d_name);
         if (!path || !func(entry->d_name, path.get()))
             return ERROR;
     }
-    return OK;
+    return errno == 0 ? OK : ERROR;
 }
 
 bool is_stage(std::string_view name)

@@ -4,6 +4,8 @@
 // or bundle under its final name. The caller passes the paths that containers use; this file knows
 // nothing about containers.
 #include "zncImageLib.hpp"
+
+#include "base/directory.hpp"
 #include "zncLayerStage.hpp"
 #include "zncPath.hpp"
 #include "zncStoreLock.hpp"
@@ -191,8 +193,9 @@ template <class Func> void Collection::each_in(const char* area, Func func)
         return;
     }
     TextList names; // read all names first: `func` changes the directory
-    while (const dirent* entry = ::readdir(stream.get()))
+    while (const dirent* entry = znc::next_entry(stream.get()))
         check(names.add(entry->d_name));
+    check(errno == 0);
     for (const char* name = names.first(); name != nullptr; name = names.next(name)) {
         const PathText path = znc::path_in(dir.get(), "/", name);
         struct stat st = {};

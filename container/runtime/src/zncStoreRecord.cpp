@@ -1,6 +1,7 @@
 // zncStoreRecord.cpp - see zncStoreRecord.hpp.
 #include "zncStoreRecord.hpp"
 
+#include "base/directory.hpp"
 #include "base/file.hpp"
 #include "zarnel/fs.h"
 #include "zncBundleLayers.hpp"
@@ -243,11 +244,7 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
     const UniqueDir stream(::opendir(dir.get()));
     if (!stream)
         return errno == ENOENT ? OK : ERROR;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = ::readdir(stream.get());
-        if (entry == nullptr)
-            return errno == 0 ? OK : ERROR;
+    while (const dirent* const entry = next_entry(stream.get())) {
         if (entry->d_name[0] == '.' || !ends_with(entry->d_name, kBundleSuffix))
             continue;
         const PathText file = path_in(dir.get(), "/", entry->d_name);
@@ -262,6 +259,7 @@ STATUS each_bundle(std::string_view base, BundleFunc func, void* context)
         if (func(context, file.get(), record) != OK)
             return ERROR;
     }
+    return errno == 0 ? OK : ERROR;
 }
 
 STATUS RecordFile::place(PathText path, const TextList& text)

@@ -1,6 +1,7 @@
 // zncStoreTree.cpp - see zncStoreTree.hpp.
 #include "zncStoreTree.hpp"
 
+#include "base/directory.hpp"
 #include "base/failure.hpp"
 #include "zarnel/fs.h"
 
@@ -117,27 +118,18 @@ bool same_entry(const Pair& pair, const char* name)
 template <class Func> long each_name(const Pair& pair, int dir, Func func)
 {
     znc::UniqueFd fd = open_in(pair, dir, ".", kDirFlags);
-    const znc::UniqueDir stream(fd ? ::fdopendir(fd.get()) : nullptr);
-    if (!stream) {
-        if (fd)
-            *pair.error = errno;
+    if (!fd)
         return -1;
-    }
-    (void)fd.release(); // owned by the stream now
+    const znc::UniqueDir stream = znc::directory_stream(std::move(fd));
     long count = 0;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = ::readdir(stream.get());
-        if (entry == nullptr && errno != 0)
-            *pair.error = errno;
-        if (entry == nullptr)
-            return errno == 0 ? count : -1;
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
+    while (const dirent* const entry = stream ? znc::next_entry(stream.get()) : nullptr) {
         if (!func(entry->d_name))
             return -1;
         count++;
     }
+    if (errno != 0)
+        *pair.error = errno;
+    return errno == 0 ? count : -1;
 }
 
 bool same_trees(const Pair& pair)

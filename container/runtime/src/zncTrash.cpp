@@ -2,6 +2,8 @@
 // empties trash and any number of tasks that bring some.
 #include "zncTrash.hpp"
 
+#include "base/directory.hpp"
+
 #include "zncOwned.hpp"
 #include "zncPath.hpp"
 #include "zncTreeDelete.hpp"
@@ -52,14 +54,10 @@ bool is_small(int dir, int depth, Budget* budget)
 {
     if (depth == 0)
         return false;
-    znc::UniqueFd fd(::openat(dir, ".", kDirFlags));
-    const znc::UniqueDir list(fd ? ::fdopendir(fd.get()) : nullptr);
+    const znc::UniqueDir list = znc::directory_listing(dir);
     if (list == nullptr)
         return false;
-    static_cast<void>(fd.release());
-    while (const struct dirent* entry = ::readdir(list.get())) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
+    while (const struct dirent* entry = znc::next_entry(list.get())) {
         struct stat st;
         if (::fstatat(::dirfd(list.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
             return false;
@@ -72,7 +70,7 @@ bool is_small(int dir, int depth, Budget* budget)
         if (!child || !is_small(child.get(), depth - 1, budget))
             return false;
     }
-    return true;
+    return errno == 0;
 }
 
 // The storage base's own path; false when it is not fit to delete in.
@@ -104,14 +102,10 @@ znc::UniqueFd open_trash(const char* base_name, bool make)
 // Deletes every entry once. What cannot be deleted stays for the next daemon.
 void delete_all(const char* base_name)
 {
-    znc::UniqueFd trash = open_trash(base_name, false);
-    const znc::UniqueDir list(trash ? ::fdopendir(trash.get()) : nullptr);
+    const znc::UniqueDir list = znc::directory_stream(open_trash(base_name, false));
     if (list == nullptr)
         return;
-    static_cast<void>(trash.release());
-    while (const struct dirent* entry = ::readdir(list.get())) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
+    while (const struct dirent* entry = znc::next_entry(list.get())) {
         char path[1024 + sizeof kTrash + 256 + 2];
         std::snprintf(path, sizeof path, "%s/%s/%s", base_name, kTrash, entry->d_name);
         static_cast<void>(znc::delete_foreign_tree(path));

@@ -1,6 +1,8 @@
 // zncTreeDelete.cpp - deletes trees that an image or a container wrote.
 #include "zncTreeDelete.hpp"
 
+#include "base/directory.hpp"
+
 #include "zncOwned.hpp"
 
 #include <algorithm>
@@ -33,14 +35,6 @@ bool id_of(int fd, DirId* id)
     return true;
 }
 
-znc::UniqueDir open_stream(znc::UniqueFd fd)
-{
-    znc::UniqueDir dir(fd ? fdopendir(fd.get()) : nullptr);
-    if (dir != nullptr)
-        static_cast<void>(fd.release());
-    return dir;
-}
-
 enum class Removed { kYes, kNotEmpty, kFailed };
 
 // Removes a file, link or empty directory without a stat. rmdir is tried before the directory is
@@ -69,13 +63,10 @@ enum class Scan { kEmptied, kSubdirectory, kFailed };
 Scan scan(DIR* dir, const char** name, znc::UniqueFd* child)
 {
     for (;;) {
-        errno = 0;
-        const struct dirent* entry = readdir(dir);
+        const struct dirent* entry = znc::next_entry(dir);
         if (entry == nullptr)
             return errno == 0 ? Scan::kEmptied : Scan::kFailed;
         *name = entry->d_name;
-        if (strcmp(*name, ".") == 0 || strcmp(*name, "..") == 0)
-            continue;
         switch (remove_entry(dirfd(dir), *name)) {
         case Removed::kYes:
             continue;
@@ -134,7 +125,7 @@ znc::UniqueDir step_up(const znc::UniqueDir& dir, Trail* trail, DirId* emptied)
         errno = EBUSY;
         return nullptr;
     }
-    return open_stream(std::move(parent));
+    return znc::directory_stream(std::move(parent));
 }
 
 // Empties a directory of any depth with two open descriptors.
@@ -145,7 +136,7 @@ bool empty_deep(znc::UniqueFd top)
     if (!id_of(top.get(), &id) || !trail.push(id))
         return false;
     DirId emptied = id; // no directory below `top` has this identity
-    znc::UniqueDir dir = open_stream(std::move(top));
+    znc::UniqueDir dir = znc::directory_stream(std::move(top));
     while (dir != nullptr) {
         const char* name;
         znc::UniqueFd child;
@@ -166,7 +157,7 @@ bool empty_deep(znc::UniqueFd top)
         }
         if (!trail.push(id))
             return false;
-        dir = open_stream(std::move(child));
+        dir = znc::directory_stream(std::move(child));
     }
     return false;
 }
@@ -175,7 +166,7 @@ bool empty_directory(znc::UniqueFd fd, unsigned level)
 {
     if (level == kOpenLevels)
         return empty_deep(std::move(fd));
-    const znc::UniqueDir dir = open_stream(std::move(fd));
+    const znc::UniqueDir dir = znc::directory_stream(std::move(fd));
     if (dir == nullptr)
         return false;
     for (;;) {

@@ -2,6 +2,8 @@
 // hexadecimal text, layer extraction.
 #include "zncUtil.hpp"
 
+#include "base/directory.hpp"
+
 #include "zarnel/fs.h"
 #include "zarnel/terminal.h"
 #include "zncOwned.hpp"
@@ -22,11 +24,6 @@ const char* known_message(int errCode)
         if (row.errCode == errCode)
             return row.errMsg;
     return nullptr;
-}
-
-bool is_dot_or_dotdot(const char* name)
-{
-    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
 // Writes the name of a directory with a final "/" to `path`. Returns the position after it, or
@@ -97,9 +94,7 @@ STATUS zncUtilFindSubDirAndClean(const char* pName, char* pSubDir, int pSubDirLe
     char* const name_start = place_directory(path.get(), end, pName);
     if (name_start == end)
         return ERROR;
-    while (const struct dirent* entry = readdir(dir.get())) {
-        if (is_dot_or_dotdot(entry->d_name))
-            continue;
+    while (const struct dirent* entry = znc::next_entry(dir.get())) {
         if (znc::copy_end(name_start, end, entry->d_name) == end)
             return ERROR;
         if (zncUtilNameIsDir(path.get(), FALSE)) {

@@ -1,5 +1,7 @@
 #include "cgroup_tree.hpp"
 
+#include "base/directory.hpp"
+
 #include "system/mount_table.hpp"
 
 #include <algorithm>
@@ -84,24 +86,15 @@ struct ProcessVisit final : GroupVisit {
 // The names of the groups directly below one.
 int child_names(int group, List<Text>& names)
 {
-    const znc::UniqueDir dir([&] {
-        znc::UniqueFd fd(::openat(group, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        DIR* stream = fd ? ::fdopendir(fd.get()) : nullptr;
-        if (stream != nullptr)
-            static_cast<void>(fd.release());
-        return stream;
-    }());
+    const znc::UniqueDir dir = znc::directory_listing(group);
     if (!dir)
         return errno == ENOENT || errno == ENODEV ? 0 : errno;
-    errno = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
-        if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
-            std::strcmp(entry->d_name, "..") == 0)
+    while (const dirent* entry = znc::next_entry(dir.get())) {
+        if (entry->d_type != DT_DIR)
             continue;
         Text name = znc::copy_text(entry->d_name);
         if (!name || names.append(std::move(name)) == nullptr)
             return ENOMEM;
-        errno = 0;
     }
     return errno;
 }

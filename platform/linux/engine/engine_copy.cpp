@@ -1,5 +1,6 @@
 #include "engine_copy.hpp"
 
+#include "base/directory.hpp"
 #include "base/file.hpp"
 #include "base/owned.hpp"
 #include "system/open_confined.hpp"
@@ -79,19 +80,13 @@ bool copy_entries(int from, int to, int depth)
         errno = ELOOP;
         return false;
     }
-    const znc::UniqueDir list(::fdopendir(::fcntl(from, F_DUPFD_CLOEXEC, 0)));
+    const znc::UniqueDir list = znc::directory_listing(from);
     if (!list)
         return false;
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(list.get());
-        if (entry == nullptr)
-            return errno == 0;
-        const bool isSelf =
-            std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0;
-        if (!isSelf && !copy_entry(from, to, entry->d_name, depth))
+    while (const dirent* entry = znc::next_entry(list.get()))
+        if (!copy_entry(from, to, entry->d_name, depth))
             return false;
-    }
+    return errno == 0;
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "eventually.hpp"
 #include "fake_platform.hpp"
 #include "layout_builder.hpp"
+#include "readdir_fault.hpp"
 
 #include <gtest/gtest.h>
 
@@ -215,6 +216,25 @@ TEST_F(StoreCollect, ARecordThatCannotBeReadStopsIt)
     EXPECT_EQ(collect(), ERROR);
     EXPECT_EQ(errno, EBADMSG);
     EXPECT_EQ(names_in(base_ + "/layers").size(), 1U);
+}
+
+TEST_F(StoreCollect, ADirectoryThatCannotBeReadIsReportedAndCostsNoBundleItsLayers)
+{
+    const std::string layered = unpacked("layered");
+    unpacked("flat", ZNC_OPT_FLATTEN);
+    fs::remove_all(unpacked("single", 0, "single"));
+    int failed = 0;
+    for (bool reached = true; reached; failed++) {
+        readdir_fault_in = failed + 1;
+        const STATUS status = collect();
+        reached = std::exchange(readdir_fault_in, 0) == 0;
+        EXPECT_EQ(status, reached ? ERROR : OK) << failed;
+        EXPECT_EQ(names_in(base_ + "/flattened").size(), 1U);
+        EXPECT_TRUE(fs::exists(layer(bottom_)) && fs::exists(layer(top_)));
+        EXPECT_TRUE(fake::devices().contains(root_of(layered)));
+    }
+    EXPECT_GT(failed, 10);
+    EXPECT_FALSE(fs::exists(layer(single_)));
 }
 
 TEST_F(StoreCollect, ADeviceThatCannotBeRemovedKeepsItsLayersAndIsTriedAgain)
