@@ -282,17 +282,18 @@ bool is_abandoned(int devices, const char* devName, const char* name)
     return look(devices, name) == Node::kWritable && !ns_record_rooted_on(devName);
 }
 
-// Calls `visit(devices, name)` for every entry of the directory of all devices. Returns the number
-// of failures, or -1 if the directory cannot be listed.
-int each_device(int devices, int (*visit)(int devices, const char* name))
+// Calls `visit(devices, name)` for every entry of the directory of all devices, if there is one.
+// Returns the number of failures; not being able to list the directory counts as one.
+int each_device(int (*visit)(int devices, const char* name))
 {
-    const znc::UniqueDir dir(::opendir(ZN_OVERLAY_DIR));
-    if (!dir)
-        return -1;
+    const Devices devices;
+    if (!devices)
+        return errno == ENOENT ? 0 : 1;
+    const znc::UniqueDir dir = znc::directory_listing(devices.get());
     int failed = 0;
-    while (const dirent* entry = znc::next_entry(dir.get()))
-        failed += visit(devices, entry->d_name) != 0 ? 1 : 0;
-    return errno == 0 ? failed : -1;
+    while (const dirent* entry = dir ? znc::next_entry(dir.get()) : nullptr)
+        failed += visit(devices.get(), entry->d_name) != 0 ? 1 : 0;
+    return errno == 0 ? failed : failed + 1;
 }
 
 int sweep_one(int devices, const char* name)
@@ -404,20 +405,12 @@ BOOL znOvlInit(void)
 
 int znOvlRestore(void)
 {
-    const Devices devices;
-    if (!devices)
-        return errno == ENOENT ? 0 : 1;
-    const int failed = each_device(devices.get(), restore_one);
-    return failed >= 0 ? failed : 1;
+    return each_device(restore_one);
 }
 
 int znOvlSweep(void)
 {
-    const Devices devices;
-    if (!devices)
-        return errno == ENOENT ? 0 : 1;
-    const int failed = each_device(devices.get(), sweep_one);
-    return failed >= 0 ? failed : 1;
+    return each_device(sweep_one);
 }
 
 BOOL znOvlDevInUse(const char* devName)
