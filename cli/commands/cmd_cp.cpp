@@ -3,6 +3,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/copy_tree.hpp"
 #include "cli/containers/pause.hpp"
+#include "cli/containers/stop_signals.hpp"
 #include "cli/containers/tree_archive.hpp"
 #include "cli/containers/tree_extract.hpp"
 #include "commands.hpp"
@@ -110,8 +111,16 @@ class Copy {
             errno = ENOTDIR;
             fail(destination);
         }
-        require_regular(destination);
-        copy_.copy_file(file, parent_of(destination).get(), new_name(destination));
+        const znc::UniqueFd existing = regular_file(destination);
+        const znc::UniqueFd parent = parent_of(destination);
+        const std::string name = new_name(destination);
+        if (!is_link(parent.get(), name))
+            return copy_.copy_file(file, parent.get(), name);
+        if (!existing) {
+            errno = ENOENT;
+            fail(destination);
+        }
+        TreeCopy::rewrite_file(file, existing.get(), destination);
     }
 
     void copy_directory(int from, const std::string& source, const std::string& destination) const
@@ -129,11 +138,19 @@ class Copy {
         copy_.copy_directory(from, parent_of(wanted).get(), new_name(wanted), trimmed(source));
     }
 
-    // Fails if there is something that a file must not replace.
-    void require_regular(const std::string& destination) const
+    // The existing file, or none. Fails if there is something that a file must not replace.
+    [[nodiscard]] znc::UniqueFd regular_file(const std::string& destination) const
     {
-        if (const znc::UniqueFd file = to_.file(destination); !file && errno != ENOENT)
+        znc::UniqueFd file = to_.file(destination);
+        if (!file && errno != ENOENT)
             fail(destination);
+        return file;
+    }
+
+    static bool is_link(int dir, const std::string& name)
+    {
+        struct stat st = {};
+        return ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
     }
 
     [[nodiscard]] znc::UniqueFd parent_of(const std::string& path) const
@@ -159,21 +176,33 @@ class Copy {
     const TreeCopy& copy_;
 };
 
-// The user that a container's program runs as.
-Owner owner_in(const std::string& id)
+// The user that a container's program runs as, as the host knows it. From now on this process
+// creates files as the container's root, in whose file systems the host's root may not exist.
+Owner become_owner_in(const std::string& id, nsid_t ns)
 {
     const std::string bundle = text_of(state_of(id).value_or(Json()), "bundle");
     const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
     const Json* user = member(config ? member(*config, "process") : nullptr, "user");
-    return {static_cast<uid_t>(integer(member(user, "uid")).value_or(0)),
-            static_cast<gid_t>(integer(member(user, "gid")).value_or(0))};
+    Owner owner = {static_cast<uid_t>(integer(member(user, "uid")).value_or(0)),
+                   static_cast<gid_t>(integer(member(user, "gid")).value_or(0))};
+    Owner root;
+    if (znnsOwnerGet(ns, &owner.uid, &owner.gid) != OK ||
+        znnsOwnerGet(ns, &root.uid, &root.gid) != OK || znnsFileOwnerSet(root.uid, root.gid) != OK)
+        throw_error(id);
+    return owner;
 }
 
 // Writes a file or directory of the container to standard output as an archive.
-void write_archive(const std::string& id, const Side& container, const std::string& source)
+void write_archive(const std::string& id, nsid_t ns, const Side& container,
+                   const std::string& source)
 {
     const std::string name = base_name(trimmed(source));
-    TreeArchive archive(STDOUT_FILENO);
+    TreeArchive archive(STDOUT_FILENO, [ns](Owner owner) {
+        constexpr unsigned kNobody = 65534;
+        Owner inside = owner;
+        return znnsOwnerInsideGet(ns, &inside.uid, &inside.gid) == OK ? inside
+                                                                      : Owner{kNobody, kNobody};
+    });
     if (const znc::UniqueFd dir = container.directory(source); dir) {
         // The content alone, if it is asked for by "/." or the source has no name.
         const bool content = source.ends_with("/.") || name.empty();
@@ -190,19 +219,19 @@ void write_archive(const std::string& id, const Side& container, const std::stri
 }
 
 // Extracts an archive on standard input into a directory of the container.
-void read_archive(const std::string& id, int root, const std::string& destination)
+void read_archive(const std::string& id, nsid_t ns, int root, const std::string& destination)
 {
     if (!znc::UniqueFd(znDirOpenInRoot(root, destination.c_str())))
         fail(destination);
     TarReader archive(STDIN_FILENO);
-    TreeExtract(root, destination, owner_in(id)).extract(archive);
+    TreeExtract(root, destination, become_owner_in(id, ns)).extract(archive);
 }
 
-void copy_files(const Place& source, const Place& destination, const Side& container)
+void copy_files(nsid_t ns, const Place& source, const Place& destination, const Side& container)
 {
     const Side host;
     const bool into = source.id.empty();
-    const TreeCopy tree(into ? std::optional(owner_in(destination.id)) : std::nullopt);
+    const TreeCopy tree(into ? std::optional(become_owner_in(destination.id, ns)) : std::nullopt);
     Copy(into ? host : container, into ? container : host, tree).run(source.path, destination.path);
 }
 
@@ -215,14 +244,17 @@ int copy(const Place& source, const Place& destination)
     znc::UniqueFd root(ns >= 0 ? znnsRootOpen(ns) : -1);
     if (!root)
         return local_failure(errno, id);
+    const StopSignals held;
     try {
         if (source.is_stream())
-            read_archive(id, root.get(), destination.path);
+            read_archive(id, ns, root.get(), destination.path);
         else if (destination.is_stream())
-            write_archive(id, Side(std::move(root)), source.path);
+            write_archive(id, ns, Side(std::move(root)), source.path);
         else
-            copy_files(source, destination, Side(std::move(root)));
+            copy_files(ns, source, destination, Side(std::move(root)));
         return kExitOk;
+    } catch (const Stopped&) {
+        return kExitFailure; // the signal ends the process before that
     } catch (const std::runtime_error& error) {
         return failure(id, error.what());
     }

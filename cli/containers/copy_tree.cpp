@@ -4,6 +4,7 @@
 #include "directory.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
+#include "stop_signals.hpp"
 
 #include <algorithm>
 #include <array>
@@ -63,25 +64,90 @@ class NewFile {
     znc::UniqueFd file_;
 };
 
-// At most as many bytes as there are now: the source may grow for ever.
-void copy_bytes(int from, int to, off_t size, const std::string& name)
+// Files of procfs state no size.
+constexpr off_t kUnstatedMax = off_t{16} << 20U;
+
+// Copies what is between two positions. Returns the position of the end, which is less than `end`
+// only at the end of the file.
+off_t copy_range(int from, int to, off_t at, off_t end, const std::string& name)
 {
     std::array<char, 65536> buffer{};
-    while (size > 0) {
-        const auto most = std::min<off_t>(size, static_cast<off_t>(buffer.size()));
-        const ssize_t n = ::read(from, buffer.data(), static_cast<std::size_t>(most));
+    if (::lseek(to, at, SEEK_SET) < 0)
+        throw_error(name);
+    while (at < end) {
+        check_stop();
+        const auto most = std::min<off_t>(end - at, static_cast<off_t>(buffer.size()));
+        const ssize_t n = ::pread(from, buffer.data(), static_cast<std::size_t>(most), at);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 ||
             !write_all(to, {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0))}))
             throw_error(name);
         if (n == 0)
-            return;
-        size -= n;
+            break;
+        at += n;
     }
+    return at;
+}
+
+// At most as many bytes as there are now: the source may grow for ever. Holes stay holes: a
+// container could fill the host's disk with a file that needs no space.
+void copy_bytes(int from, int to, off_t size, const std::string& name)
+{
+    if (size == 0) {
+        copy_range(from, to, 0, kUnstatedMax, name);
+        return;
+    }
+    off_t end = 0;
+    for (off_t at = 0; at < size; at = std::max(end, at)) {
+        off_t data = ::lseek(from, at, SEEK_DATA);
+        off_t hole = data < 0 ? -1 : ::lseek(from, data, SEEK_HOLE);
+        if (data < 0 && errno == ENXIO) { // nothing but a hole, or the file was truncated
+            struct stat st = {};
+            end = ::fstat(from, &st) == 0 ? std::min(size, st.st_size) : at;
+            break;
+        }
+        if (data < 0 || hole <= data) { // the file system does not know
+            data = at;
+            hole = size;
+        }
+        const off_t wanted = std::min(hole, size);
+        end = data >= size ? size : copy_range(from, to, data, wanted, name);
+        if (end < wanted)
+            break;
+    }
+    if (::ftruncate(to, end) != 0)
+        throw_error(name);
+}
+
+bool is_mount_point(int dir, const std::string& name)
+{
+    const int mounted = znMountedAt(dir, name.c_str());
+    if (mounted < 0)
+        throw_error(name);
+    return mounted == 1;
+}
+
+// Writes a file in place, which keeps its owner and mode.
+void rewrite(int existing, const std::string& name, const FileContent& fill)
+{
+    const znc::UniqueFd file(
+        ::open(descriptor_path(existing).c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (!file)
+        throw_error(name);
+    fill(file.get());
 }
 
 } // namespace
+
+bool remove_file(int dir, const std::string& name)
+{
+    if (is_mount_point(dir, name)) {
+        errno = EBUSY;
+        return false;
+    }
+    return ::unlinkat(dir, name.c_str(), 0) == 0;
+}
 
 void TreeCopy::set_attributes(int file, const struct stat& st, const std::string& name) const
 {
@@ -97,16 +163,40 @@ void TreeCopy::copy_file(int file, int to, const std::string& name) const
     struct stat st = {};
     if (::fstat(file, &st) != 0)
         throw_error(name);
+    if (is_mount_point(to, name)) {
+        const znc::UniqueFd mounted(znFileOpenAt(to, name.c_str()));
+        if (!mounted)
+            throw_error(name);
+        return rewrite_file(file, mounted.get(), name);
+    }
     make_file(to, name, st, [&](int copy) { copy_bytes(file, copy, st.st_size, name); });
 }
 
 void TreeCopy::make_file(int to, const std::string& name, const struct stat& st,
-                         const std::function<void(int)>& fill) const
+                         const FileContent& fill) const
 {
+    if (is_mount_point(to, name)) {
+        const znc::UniqueFd mounted(znFileOpenAt(to, name.c_str()));
+        if (!mounted)
+            throw_error(name);
+        return rewrite(mounted.get(), name, fill);
+    }
     NewFile file(to, name);
     fill(file.fd());
     set_attributes(file.fd(), st, name);
     file.take_name(name);
+}
+
+void TreeCopy::rewrite_file(int file, int existing, const std::string& name)
+{
+    struct stat st = {};
+    struct stat old = {};
+    if (::fstat(file, &st) != 0 || ::fstat(existing, &old) != 0)
+        throw_error(name);
+    if (st.st_dev == old.st_dev && st.st_ino == old.st_ino)
+        throw std::runtime_error(
+            fmt::format("{}: source and destination are the same file", printable(name)));
+    rewrite(existing, name, [&](int to) { copy_bytes(file, to, st.st_size, name); });
 }
 
 void TreeCopy::copy_link(int from, int to, const std::string& name) const
@@ -120,7 +210,7 @@ void TreeCopy::copy_link(int from, int to, const std::string& name) const
 void TreeCopy::make_link(const std::string& target, int to, const std::string& name) const
 {
     if (::symlinkat(target.c_str(), to, name.c_str()) != 0 &&
-        (errno != EEXIST || ::unlinkat(to, name.c_str(), 0) != 0 ||
+        (errno != EEXIST || !remove_file(to, name) ||
          ::symlinkat(target.c_str(), to, name.c_str()) != 0))
         throw_error(name);
     if (owner_ && ::fchownat(to, name.c_str(), owner_->uid, owner_->gid, AT_SYMLINK_NOFOLLOW) != 0)

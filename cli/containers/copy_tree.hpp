@@ -17,6 +17,13 @@ struct Owner {
     gid_t gid = 0;
 };
 
+// Writes the content of a file to a descriptor.
+using FileContent = std::function<void(int)>;
+
+// Removes a file or link. False with errno set; EBUSY for a mount point, since the kernel would
+// detach what a container has mounted there.
+bool remove_file(int dir, const std::string& name);
+
 class TreeCopy {
   public:
     // New files belong to `owner`, or without one to the caller. They get the permission bits and
@@ -24,14 +31,17 @@ class TreeCopy {
     explicit TreeCopy(std::optional<Owner> owner) : owner_(owner) {}
 
     // Copies an open regular file to the name in the directory, as far as its size was when the
-    // copy began. A file or link of this name is replaced when the copy is complete. Throws
-    // std::runtime_error, as the others do.
+    // copy began. A file or link of this name is replaced when the copy is complete; a file that is
+    // mounted there is written in place. Throws std::runtime_error, as the others do.
     void copy_file(int file, int to, const std::string& name) const;
 
     // Makes the regular file of this name with what `fill` writes to a descriptor, and with the
-    // mode and time of `st`. A file or link of this name is replaced when that is complete.
+    // mode and time of `st`. What exists is replaced as by copy_file.
     void make_file(int to, const std::string& name, const struct stat& st,
-                   const std::function<void(int)>& fill) const;
+                   const FileContent& fill) const;
+
+    // Writes an open regular file to an existing one in place, which keeps its owner and mode.
+    static void rewrite_file(int file, int existing, const std::string& name);
 
     // Makes a symbolic link. A file or link of this name is replaced.
     void make_link(const std::string& target, int to, const std::string& name) const;

@@ -16,18 +16,6 @@
 namespace zncctl {
 namespace {
 
-TarMember member_of(const struct stat& st, const std::string& path, TarType type)
-{
-    TarMember member;
-    member.path = path;
-    member.type = type;
-    member.mode = st.st_mode & 07777U;
-    member.uid = st.st_uid;
-    member.gid = st.st_gid;
-    member.mtime = st.st_mtim.tv_sec;
-    return member;
-}
-
 struct stat status_of_open(int fd, const std::string& path)
 {
     struct stat st = {};
@@ -37,6 +25,25 @@ struct stat status_of_open(int fd, const std::string& path)
 }
 
 } // namespace
+
+TarMember TreeArchive::member_of(const struct stat& st, const std::string& path, TarType type)
+{
+    TarMember member;
+    member.path = path;
+    member.type = type;
+    member.mode = st.st_mode & 07777U;
+    member.uid = st.st_uid;
+    member.gid = st.st_gid;
+    member.mtime = st.st_mtim.tv_sec;
+    if (owner_of_) {
+        const auto [known, is_new] = owners_.try_emplace({st.st_uid, st.st_gid});
+        if (is_new)
+            known->second = owner_of_({st.st_uid, st.st_gid});
+        member.uid = known->second.uid;
+        member.gid = known->second.gid;
+    }
+    return member;
+}
 
 void TreeArchive::add_content(int dir, const std::string& path, unsigned depth)
 {

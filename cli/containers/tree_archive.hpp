@@ -4,8 +4,10 @@
 #ifndef ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
 #define ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
 
+#include "copy_tree.hpp"
 #include "tar_writer.hpp"
 
+#include <functional>
 #include <map>
 #include <string>
 #include <sys/stat.h>
@@ -16,7 +18,14 @@ namespace zncctl {
 
 class TreeArchive {
   public:
-    explicit TreeArchive(int fd) : writer_(fd) {}
+    // Translates the owner of a file into that of its member.
+    using OwnerFunc = std::function<Owner(Owner)>;
+
+    // Without `owner_of`, members have the owners that the files have.
+    explicit TreeArchive(int fd, OwnerFunc owner_of = {})
+        : writer_(fd), owner_of_(std::move(owner_of))
+    {
+    }
 
     // Adds what is in an open directory, below `path`, which is "" or ends with "/". Devices and
     // sockets are left out. Throws std::runtime_error, as the others do.
@@ -36,7 +45,11 @@ class TreeArchive {
     void add_data(int file, const std::string& path);
     bool add_hard_link(const std::string& path, const struct stat& st);
 
+    TarMember member_of(const struct stat& st, const std::string& path, TarType type);
+
     TarWriter writer_;
+    OwnerFunc owner_of_;
+    std::map<std::pair<uid_t, gid_t>, Owner> owners_;       // that were translated
     std::map<std::pair<dev_t, ino_t>, std::string> linked_; // files with several names
     std::size_t left_out_ = 0;
     std::size_t shrunk_ = 0;

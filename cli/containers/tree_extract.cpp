@@ -113,7 +113,7 @@ void TreeExtract::add_hard_link(const std::string& target, const std::string& pa
     const std::string old_name = last_name(target);
     const std::string name = last_name(path);
     if (::linkat(from.get(), old_name.c_str(), to.get(), name.c_str(), 0) != 0 &&
-        (errno != EEXIST || ::unlinkat(to.get(), name.c_str(), 0) != 0 ||
+        (errno != EEXIST || !remove_file(to.get(), name) ||
          ::linkat(from.get(), old_name.c_str(), to.get(), name.c_str(), 0) != 0))
         throw_error(path);
 }

@@ -1,4 +1,4 @@
-// root_file.cpp - opens files and directories of a container's root for reading.
+// root_file.cpp - opens files and directories of a container's root for reading, and finds mounts.
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
@@ -41,6 +41,23 @@ int znFileOpenInRoot(int rootFd, const char* path)
 int znDirOpenInRoot(int rootFd, const char* path)
 {
     return open_in_root(rootFd, path, O_RDONLY | O_DIRECTORY).release();
+}
+
+int znMountedAt(int dirFd, const char* name)
+{
+    const znc::UniqueFd entry(::openat(dirFd, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!entry)
+        return errno == ENOENT ? 0 : -1;
+    struct statx above = {};
+    struct statx found = {};
+    if (::statx(dirFd, "", AT_EMPTY_PATH, STATX_MNT_ID, &above) != 0 ||
+        ::statx(entry.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &found) != 0)
+        return -1;
+    if ((above.stx_mask & found.stx_mask & STATX_MNT_ID) == 0) {
+        errno = ENOTSUP;
+        return -1;
+    }
+    return above.stx_mnt_id != found.stx_mnt_id ? 1 : 0;
 }
 
 int znFileOpenAt(int dirFd, const char* name)

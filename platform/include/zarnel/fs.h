@@ -89,6 +89,14 @@ int znDirOpenInRoot(int rootFd, const char* path);
 int znFileOpenAt(int dirFd, const char* name);
 
 /*
+ * Whether something is mounted on the entry `name` of the directory `dirFd`, also in the mount
+ * namespace of another process: replacing or removing such an entry would detach the mount. A
+ * symbolic link is not followed. 1 or 0 (also if there is no such entry), -1 with the task error
+ * number set.
+ */
+int znMountedAt(int dirFd, const char* name);
+
+/*
  * Atomically exchange the names of two directories of one file system, so that both names always
  * refer to a complete tree. If the file system does not support this, `b` does not exist for a
  * moment instead. OK, or ERROR with the task error number set and both names unchanged.

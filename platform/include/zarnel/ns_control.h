@@ -71,6 +71,22 @@ STATUS znnsRootGet(nsid_t ns, char* path, size_t size);
  */
 int znnsRootOpen(nsid_t ns);
 
+/*
+ * Translate the user and the group of a program in the namespace to the ids that own its files
+ * outside. Without a user namespace they are the same. ERROR with EINVAL if they are not mapped.
+ */
+STATUS znnsOwnerGet(nsid_t ns, uid_t* uid, gid_t* gid);
+
+/* The other way round: ids that own files outside to those that programs in the namespace see. */
+STATUS znnsOwnerInsideGet(nsid_t ns, uid_t* uid, gid_t* gid);
+
+/*
+ * From now on, what the calling task creates in file systems belongs to that owner (ids outside, as
+ * znnsOwnerGet returns them), and its rights to files are as before. Needed for roots of namespaces
+ * with users of their own, where the caller's user does not exist.
+ */
+STATUS znnsFileOwnerSet(uid_t uid, gid_t gid);
+
 /* The process id of a process that stays in the namespace as long as it exists. -1: see above. */
 pid_t znnsHolder(nsid_t ns);
 

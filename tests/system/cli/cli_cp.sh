@@ -3,10 +3,11 @@
 # shellcheck source=cli_lib.sh disable=SC2317,SC2016
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
-start_daemon
+# cli_cp_users: each container has users of its own.
+start_daemon ${ZNCD_OPTION:+"$ZNCD_OPTION"}
 
 make_bundle "$work/bundle" /bin/sleep $mark
-for applet in ln rm mkdir mkfifo mv chmod stat id ls touch; do ln -sf busybox "$work/bundle/rootfs/bin/$applet"; done
+for applet in ln rm mkdir mkfifo mv chmod stat id ls touch truncate readlink dd; do ln -sf busybox "$work/bundle/rootfs/bin/$applet"; done
 jq '.process.user={"uid":1234,"gid":500}' "$work/bundle/config.json" >"$work/config.json"
 mv "$work/config.json" "$work/bundle/config.json"
 chmod 1777 "$work/bundle/rootfs/tmp"
@@ -57,6 +58,76 @@ check 'a FIFO is not copied, and nothing waits' test "$status/$out" = 1/
 inside 'mkfifo /tmp/pipe'
 run zncctl cp "$work/tree/one" web:/tmp/pipe
 check 'nor replaced' test "$status/$out" = 1/
+# A file that is mounted: its name must not be replaced, which would detach the mount.
+make_bundle "$work/mounts" /bin/sleep $mark
+echo configured >"$work/conf"
+for mode in ro rw; do
+    jq --arg mode $mode --arg source "$work/conf" '.mounts += [{"destination":"/tmp/conf","type":"bind",
+        "source":$source,"options":["bind",$mode]}]' "$work/mounts/config.json" >"$work/$mode.json"
+done
+cp "$work/ro.json" "$work/mounts/config.json"
+zncctl run -d --name mounted -b "$work/mounts" >/dev/null
+run zncctl cp "$work/tree/sub/two" mounted:/tmp/conf
+fails_with 'a file that is mounted read-only is not replaced' 1 'conf: Read-only file system'
+check 'it stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = configured
+mkdir -p "$work/links/tmp"
+ln -s elsewhere "$work/links/tmp/conf"
+run zncctl cp "$work/links/." mounted:/
+fails_with 'nor by a link' 1 'conf: Device or resource busy'
+check 'it stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = configured
+zncctl delete -f mounted
+cp "$work/rw.json" "$work/mounts/config.json"
+zncctl run -d --name mounted -b "$work/mounts" >/dev/null
+run zncctl cp "$work/conf" mounted:/tmp/conf
+fails_with 'a file is not copied to itself' 1 'source and destination are the same file'
+run zncctl cp "$work/tree/sub/two" mounted:/tmp/conf
+check 'a file that is mounted is written in place' test "$status/$(cat "$work/conf")" = 0/two
+check 'and stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = two
+zncctl delete -f mounted
+
+# A link as the destination leads to the file to write.
+echo old >"$work/real"
+ln -s real "$work/to-real"
+ln -s nothing "$work/to-nothing"
+inside 'echo old >/tmp/real; ln -s real /tmp/to-real; echo new >/tmp/fresh'
+run zncctl cp web:/tmp/fresh "$work/to-real"
+check 'a link to a file is followed' test "$status/$(cat "$work/real")/$(readlink "$work/to-real")" = 0/new/real
+run zncctl cp "$work/tree/one" web:/tmp/to-real
+check 'in a container, too' test "$status/$(inside 'cat /tmp/real; readlink /tmp/to-real')" = $'0/one\nreal'
+run zncctl cp web:/tmp/fresh "$work/to-nothing"
+fails_with 'a link to nothing is an error' 1 "$work/to-nothing: No such file or directory"
+mkfifo "$work/stream"
+ln -s stream "$work/to-stream"
+run zncctl cp web:/tmp/fresh "$work/to-stream"
+check 'a link to a FIFO is not written to, and stays' test "$status/$(readlink "$work/to-stream")" = 1/stream
+
+# Holes, files without a size, and what ends early.
+inside 'truncate -s 300M /tmp/holes; echo end >>/tmp/holes'
+run zncctl cp web:/tmp/holes "$work/holes"
+check 'holes stay holes' test "$status/$(($(stat -c %b "$work/holes") < 2048))/$(tail -c 4 "$work/holes")" = 0/1/end
+check 'in a file of the same size' test "$(stat -c %s "$work/holes")" = 314572804
+run zncctl cp web:/proc/version "$work/version"
+check 'a file of procfs is copied' test "$status/$(cat "$work/version")" = "0/$(cat /proc/version)"
+inside 'dd if=/dev/zero of=/tmp/large bs=1M count=200 2>/dev/null'
+mkdir "$work/ended"
+# Sends a signal to a copy that has begun; in vain if it was complete before.
+end_copy() {
+    rm -f "$work/ended/"*
+    env --default-signal="$1" "$ZNCCTL" cp web:/tmp/large "$work/ended/" &
+    local copying=$!
+    until [[ -n $(ls -A "$work/ended") || ! -d /proc/$copying ]]; do :; done
+    kill -s "$1" $copying || true
+    status=0
+    wait $copying || status=$?
+    [[ $status -ne 0 ]]
+}
+for signal in INT TERM; do
+    for _ in 1 2 3 4 5; do ! end_copy $signal || break; done
+    check "SIG$signal ends a copy" test "$status" = $((128 + $(kill -l $signal)))
+    check 'which leaves nothing' test -z "$(ls -A "$work/ended")"
+done
+inside 'rm /tmp/large /tmp/holes /tmp/real /tmp/to-real /tmp/fresh'
+
 (cd "$work/tree" && zncctl cp one web:tmp/relative)
 check 'paths without / are below the root and the working directory' test "$(inside 'cat /tmp/relative')" = one
 check 'no temporary file is left' test -z "$(inside 'ls -A /tmp | grep "^\."')"

@@ -1,11 +1,13 @@
 // Tests of containers with a user namespace, in real namespaces.
 
 #include "configured_world.hpp"
+#include "zarnel/ns_control.h"
 #include "zarnel/overlay.h"
 
 #include <set>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <thread>
 
 using namespace namespace_world;
 
@@ -65,6 +67,57 @@ class Users : public Configured {
         Configured::TearDown();
     }
 };
+
+// ---------------------------------------------------------------- owners of files
+
+TEST_F(Users, OwnersAreTranslatedBothWays)
+{
+    const nsid_t ns = sealed(with(kMapped));
+    uid_t uid = 12;
+    gid_t gid = 34;
+    ASSERT_EQ(znnsOwnerGet(ns, &uid, &gid), OK);
+    EXPECT_EQ(uid, kRoot + 12);
+    EXPECT_EQ(gid, kRoot + 34);
+    ASSERT_EQ(znnsOwnerInsideGet(ns, &uid, &gid), OK);
+    EXPECT_EQ(uid, 12U);
+    EXPECT_EQ(gid, 34U);
+    uid = 65536;
+    EXPECT_EQ(znnsOwnerGet(ns, &uid, &gid), ERROR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(gid, 34U);
+}
+
+TEST_F(Users, WithoutAUserNamespaceOwnersAreTheSame)
+{
+    const nsid_t ns = sealed("{}");
+    uid_t uid = 12;
+    gid_t gid = 34;
+    EXPECT_EQ(znnsOwnerGet(ns, &uid, &gid), OK);
+    EXPECT_EQ(znnsOwnerInsideGet(ns, &uid, &gid), OK);
+    EXPECT_EQ(uid, 12U);
+    EXPECT_EQ(gid, 34U);
+    EXPECT_EQ(znnsOwnerGet(-5, &uid, &gid), ERROR);
+    EXPECT_EQ(errno, ESRCH);
+}
+
+// The root is id-mapped: the host's root does not exist in it and cannot create files.
+TEST_F(Users, FilesAreCreatedInTheRootAsItsOwner)
+{
+    const nsid_t ns = sealed(with(kMapped));
+    const znc::UniqueFd root(znnsRootOpen(ns));
+    ASSERT_TRUE(root);
+    EXPECT_EQ(::mkdirat(root.get(), "as-root-of-the-host", 0700), -1);
+    EXPECT_EQ(errno, EOVERFLOW);
+    std::thread([&] {
+        ASSERT_EQ(znnsFileOwnerSet(kRoot, kRoot), OK);
+        EXPECT_EQ(::mkdirat(root.get(), "new", 0700), 0) << std::strerror(errno);
+        EXPECT_EQ(::fchownat(root.get(), "new", kRoot + 12, kRoot + 34, 0), 0);
+        EXPECT_EQ(::mkdirat(root.get(), "new/of-another-user", 0700), 0) << std::strerror(errno);
+    }).join();
+    EXPECT_EQ(look(root_ + "/new").st_uid, 12U);
+    EXPECT_EQ(look(root_ + "/new").st_gid, 34U);
+    EXPECT_EQ(look(root_ + "/new/of-another-user").st_uid, 0U);
+}
 
 // ---------------------------------------------------------------- programs
 

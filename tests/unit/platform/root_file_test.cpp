@@ -2,10 +2,14 @@
 #include "tests/support/test_tree.hpp"
 #include "zarnel/fs.h"
 
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <thread>
 
 namespace {
 
@@ -107,6 +111,27 @@ TEST_F(FileOpenInRoot, AFileOfADirectoryIsOpenedWithoutFollowingLinks)
     EXPECT_EQ(error("link"), ELOOP);
     ASSERT_EQ(::mkfifo((dir_ / "root/fifo").c_str(), 0600), 0);
     EXPECT_EQ(error("fifo"), EINVAL);
+}
+
+TEST_F(FileOpenInRoot, AFileThatIsMountedIsFoundAlsoFromAnotherMountNamespace)
+{
+    ASSERT_EQ(::mount((dir_ / "outside").c_str(), (dir_ / "root/file").c_str(), nullptr, MS_BIND,
+                      nullptr),
+              0)
+        << std::strerror(errno);
+    EXPECT_EQ(znMountedAt(root_.get(), "file"), 1);
+    EXPECT_EQ(znMountedAt(root_.get(), "dir"), 0);
+    EXPECT_EQ(znMountedAt(root_.get(), "nothing"), 0);
+    std::thread([&] {
+        ASSERT_EQ(::unshare(CLONE_FS | CLONE_NEWNS), 0);
+        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(::umount2((dir_ / "root/file").c_str(), MNT_DETACH), 0);
+        EXPECT_EQ(znMountedAt(root_.get(), "file"), 1);
+    }).join();
+    ASSERT_EQ(::umount2((dir_ / "root/file").c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(znMountedAt(root_.get(), "file"), 0);
+    EXPECT_EQ(znMountedAt(-1, "file"), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 } // namespace

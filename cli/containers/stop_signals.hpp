@@ -1,0 +1,31 @@
+// stop_signals.hpp - holds back the signals that end a command until it has removed what is not
+// complete. Used by cp.
+#ifndef ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
+#define ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
+
+#include <csignal>
+
+namespace zncctl {
+
+// Thrown by check_stop(); no error to report, since the command ends by the signal.
+class Stopped {};
+
+// While an object exists, SIGHUP, SIGINT and SIGTERM are blocked, unless they are ignored. The
+// destructor lets them act, so that a signal that arrived meanwhile ends the process as usual.
+class StopSignals {
+  public:
+    StopSignals();
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+  private:
+    sigset_t before_ = {};
+};
+
+// Throws Stopped if a signal has arrived that an object holds back.
+void check_stop();
+
+} // namespace zncctl
+
+#endif
