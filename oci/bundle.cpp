@@ -83,17 +83,6 @@ std::string home_of(std::int64_t uid, const std::string& rootfs)
     return "/";
 }
 
-// Hooks that have to run inside the container are not supported.
-void check_hooks(const Json& config)
-{
-    const Json* hooks = zncctl::member(config, "hooks");
-    for (const char* kind : {"createContainer", "startContainer"}) {
-        const Json* list = zncctl::member(hooks, kind);
-        if (list != nullptr && !list->empty())
-            throw Failure(fmt::format("hooks.{}: not supported", kind));
-    }
-}
-
 } // namespace
 
 // They are those of another process if LISTEN_PID names one: an engine that was started by a
@@ -151,7 +140,8 @@ void Process::complete_environment(const Json& process, const std::string& rootf
 
 ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
 {
-    return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows, columns, FALSE};
+    return {cwd.c_str(), args.get(), env.get(), descriptors, console,
+            rows,        columns,    FALSE,     nullptr,     0};
 }
 
 std::vector<std::string> drop_unknown_capabilities(Json& process)
@@ -206,7 +196,6 @@ Bundle::Bundle(const std::string& directory, const std::string& config)
     process_ = Process::read(*process);
     process_.complete_environment(*process, rootfs_);
     domain_ = optional_text(config_, "domainname", "config.json");
-    check_hooks(config_);
 }
 
 std::string Bundle::absolute(const std::string& path) const
@@ -282,7 +271,9 @@ ZN_ENGINE_PLAN Bundle::plan(const std::string& group, int directory, int console
             table_.size(),
             group.c_str(),
             directory,
-            process_.program(console, descriptors)};
+            process_.program(console, descriptors),
+            nullptr,
+            nullptr};
 }
 
 } // namespace zncrun

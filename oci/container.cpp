@@ -47,6 +47,72 @@ std::string state_text(const Container& container, Status status)
     return zncctl::compact(state_document(container, status));
 }
 
+constexpr const char* kCreationHooks[] = {"prestart", "createRuntime", "createContainer"};
+
+// The hooks of the creation. The platform calls prepared(), which must not throw.
+class CreationHooks {
+  public:
+    CreationHooks(const Bundle& bundle, const StateDirectory& directory, Container& container)
+        : bundle_(bundle), directory_(directory), container_(container)
+    {
+    }
+    [[nodiscard]] bool any() const
+    {
+        return std::any_of(std::begin(kCreationHooks), std::end(kCreationHooks),
+                           [&](const char* kind) { return has_hooks(bundle_.config(), kind); });
+    }
+    static STATUS prepared(const ZN_ENGINE_PROCESS* process, void* context)
+    {
+        auto* self = static_cast<CreationHooks*>(context);
+        try {
+            self->run(*process);
+            return OK;
+        } catch (const std::exception& failure) {
+            self->failure_ = failure.what();
+            return ERROR;
+        }
+    }
+    [[nodiscard]] bool begun() const { return begun_; }
+    // Why one failed; "" if none did.
+    [[nodiscard]] const std::string& failure() const { return failure_; }
+
+  private:
+    void run(const ZN_ENGINE_PROCESS& process)
+    {
+        begun_ = true;
+        container_.process = process;
+        directory_.write(container_);
+        const HookPlace inside = {process, container_.group, nullptr};
+        for (const char* kind : kCreationHooks)
+            run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreated),
+                      OnFailure::kFail, kind == kCreationHooks[2] ? &inside : nullptr);
+    }
+
+    const Bundle& bundle_;
+    const StateDirectory& directory_;
+    Container& container_;
+    bool begun_ = false;
+    std::string failure_;
+};
+
+// The hooks of the start, confined as the program. If one fails, the container ends.
+void run_start_hooks(const Container& container, const StateDirectory& directory)
+{
+    const Json config = directory.read_config();
+    if (!has_hooks(config, "startContainer"))
+        return;
+    const std::string document = zncctl::compact(config);
+    const HookPlace inside = {container.process, container.group, document.c_str()};
+    try {
+        run_hooks(config, "startContainer", state_text(container, Status::kCreated),
+                  OnFailure::kFail, &inside);
+    } catch (const Failure&) {
+        znEngineProcessSignal(&container.process, SIGKILL);
+        znEngineProcessEnded(&container.process, kKillMilliseconds);
+        throw;
+    }
+}
+
 } // namespace
 
 void write_pid_file(const char* path, pid_t pid)
@@ -111,15 +177,19 @@ Container create_container(const Context& context, const Arguments& args)
     ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
     plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
+    CreationHooks hooks(bundle, directory, container);
+    if (hooks.any()) {
+        plan.prepared = CreationHooks::prepared;
+        plan.context = &hooks;
+    }
     Reason reason{};
     znc::UniqueFd alive(znEngineCreate(&plan, &container.process, reason.data(), reason.size()));
-    if (!alive)
+    if (!alive && !hooks.begun())
         throw Failure(reason.data());
     try {
+        if (!alive)
+            throw Failure(!hooks.failure().empty() ? hooks.failure() : reason.data());
         directory.write(container);
-        for (const char* kind : {"prestart", "createRuntime"})
-            run_hooks(bundle.config(), kind, state_text(container, Status::kCreated),
-                      OnFailure::kFail);
         write_pid_file(args.value("pid-file"), container.process.pid);
         if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
             throw Failure(reason.data());
@@ -142,6 +212,7 @@ void start_container(const Context& context, const std::string& id)
         throw Failure("cannot start a container that has stopped");
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
+    run_start_hooks(container, directory);
     Reason reason{};
     if (znEngineStart(directory.get(), reason.data(), reason.size()) != OK)
         throw Failure(reason.data());

@@ -17,7 +17,8 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
     Json json = Json::object();
     json["ociVersionMin"] = "1.0.0";
     json["ociVersionMax"] = kSpecification;
-    json["hooks"] = {"prestart", "createRuntime", "poststart", "poststop"};
+    json["hooks"] = {"prestart",       "createRuntime", "createContainer",
+                     "startContainer", "poststart",     "poststop"};
     json["mountOptions"] = {
         "atime",       "bind",        "defaults",    "dev",       "diratime",   "exec",
         "noatime",     "nodev",       "nodiratime",  "noexec",    "norelatime", "nostrictatime",

@@ -4,6 +4,7 @@
 #include "bundle.hpp"
 #include "front/files.hpp"
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -37,7 +38,7 @@ void read_hook(const Json& json, Hook& hook)
 {
     hook.path = zncctl::text_of(json, "path");
     if (hook.path.empty() || hook.path[0] != '/')
-        throw Failure("hooks: the path of a hook must be absolute");
+        throw Failure("the path of a hook must be absolute");
     read_texts(zncctl::member(json, "args"), hook.args);
     if (hook.args.size() == 0)
         hook.args.add(hook.path);
@@ -78,60 +79,106 @@ std::optional<int> wait_for(pid_t pid, const std::optional<std::int64_t>& second
     }
 }
 
-void run_hook(const Hook& hook, const char* kind, const std::string& state)
+// Runs as a child of this process, with the signal mask of a new program.
+pid_t spawn_outside(const Hook& hook, const std::string& state)
 {
     const znc::UniqueFd input = input_of(state);
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
     sigset_t none;
-    sigset_t child;
-    sigset_t before;
     sigemptyset(&none);
-    sigemptyset(&child);
-    sigaddset(&child, SIGCHLD);
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input.get(), 0);
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    ::pthread_sigmask(SIG_BLOCK, &child, &before);
     pid_t pid = -1;
     const int error = ::posix_spawn(&pid, hook.path.c_str(), &actions, &attributes, hook.args.get(),
                                     hook.env.size() != 0 ? hook.env.get() : environ);
-    const auto status = error == 0 ? wait_for(pid, hook.seconds) : std::nullopt;
-    if (error == 0 && !status) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     errno = error;
     if (error != 0)
-        throw Failure(
-            fmt::format("error running {} hook {}: {}", kind, hook.path, zncctl::error_text()));
-    if (!status)
-        throw Failure(fmt::format("error running {} hook {}: it took longer than {} seconds", kind,
-                                  hook.path, *hook.seconds));
+        throw Failure(zncctl::error_text());
+    return pid;
+}
+
+// The environment of the caller is none of the container's.
+pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& place)
+{
+    ZN_ENGINE_PROGRAM program = {};
+    program.cwd = "/";
+    program.file = hook.path.c_str();
+    program.argv = hook.args.get();
+    program.envp = hook.env.size() != 0 || place.document != nullptr ? hook.env.get() : environ;
+    program.console = -1;
+    std::array<char, ZN_ENGINE_REASON_MAX> reason{};
+    pid_t pid = -1;
+    if (znEngineHook(&place.process, place.document, place.group.c_str(), &program, state.c_str(),
+                     &pid, reason.data(), reason.size()) != OK)
+        throw Failure(reason.data());
+    return pid;
+}
+
+// While this exists, ends of children can be waited for.
+class ChildrenBlocked {
+  public:
+    ChildrenBlocked()
+    {
+        sigset_t child;
+        sigemptyset(&child);
+        sigaddset(&child, SIGCHLD);
+        ::pthread_sigmask(SIG_BLOCK, &child, &before_);
+    }
+    ~ChildrenBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    ChildrenBlocked(const ChildrenBlocked&) = delete;
+    ChildrenBlocked& operator=(const ChildrenBlocked&) = delete;
+
+  private:
+    sigset_t before_;
+};
+
+void run_hook(const Hook& hook, const std::string& state, const HookPlace* place)
+{
+    const ChildrenBlocked blocked;
+    const pid_t pid =
+        place != nullptr ? spawn_inside(hook, state, *place) : spawn_outside(hook, state);
+    const auto status = wait_for(pid, hook.seconds);
+    if (!status) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        throw Failure(fmt::format("it took longer than {} seconds", *hook.seconds));
+    }
     if (*status != 0)
-        throw Failure(
-            fmt::format("error running {} hook {}: exit status {}", kind, hook.path,
-                        WIFEXITED(*status) ? WEXITSTATUS(*status) : 128 + WTERMSIG(*status)));
+        throw Failure(fmt::format("exit status {}", WIFEXITED(*status) ? WEXITSTATUS(*status)
+                                                                       : 128 + WTERMSIG(*status)));
+}
+
+const Json* hooks_of(const Json& config, const char* kind)
+{
+    return zncctl::member(zncctl::member(config, "hooks"), kind);
 }
 
 } // namespace
 
-void run_hooks(const Json& config, const char* kind, const std::string& state, OnFailure reaction)
+bool has_hooks(const Json& config, const char* kind)
 {
-    const Json* list = zncctl::member(zncctl::member(config, "hooks"), kind);
-    for (const Json& one : zncctl::children(list)) {
+    const Json* list = hooks_of(config, kind);
+    return list != nullptr && !list->empty();
+}
+
+void run_hooks(const Json& config, const char* kind, const std::string& state, OnFailure reaction,
+               const HookPlace* place)
+{
+    for (const Json& one : zncctl::children(hooks_of(config, kind))) {
+        Hook hook;
         try {
-            Hook hook;
             read_hook(one, hook);
-            run_hook(hook, kind, state);
-        } catch (const Failure&) {
+            run_hook(hook, state, place);
+        } catch (const Failure& failure) {
             if (reaction == OnFailure::kFail)
-                throw;
+                throw Failure(
+                    fmt::format("error running {} hook {}: {}", kind, hook.path, failure.what()));
         }
     }
 }

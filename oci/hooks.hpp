@@ -1,8 +1,9 @@
-// hooks.hpp - runs the hooks of a configuration, outside the container.
+// hooks.hpp - runs the hooks of a configuration, outside the container and inside it.
 #ifndef ZNC_OCI_HOOKS_HPP
 #define ZNC_OCI_HOOKS_HPP
 
 #include "front/json.hpp"
+#include "zarnel/engine.h"
 
 #include <string>
 
@@ -10,10 +11,23 @@ namespace zncrun {
 
 enum class OnFailure { kFail, kContinue };
 
+// A container in whose namespaces hooks run.
+struct HookPlace {
+    ZN_ENGINE_PROCESS process;
+    std::string group;
+    // The configuration that confines the hooks, and their paths are of the container; or null:
+    // the container still shows the host's tree, and the hooks have the rights of the caller.
+    const char* document;
+};
+
+// Whether there are hooks of this kind.
+bool has_hooks(const zncctl::Json& config, const char* kind);
+
 // Runs the hooks of one kind ("poststart") one after the other; each reads `state` from its
-// standard input. Fails if one does not exit with 0 in time, or goes on with the next one.
+// standard input. Fails if one does not exit with 0 in time, or goes on with the next one. Without
+// a place they run in the namespaces of the caller.
 void run_hooks(const zncctl::Json& config, const char* kind, const std::string& state,
-               OnFailure reaction);
+               OnFailure reaction, const HookPlace* place = nullptr);
 
 } // namespace zncrun
 

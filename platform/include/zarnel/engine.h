@@ -44,7 +44,15 @@ typedef struct znEngineProgram {
     unsigned rows;   /* of the terminal; 0: not set */
     unsigned columns;
     BOOL keepKeyring; /* FALSE: it gets a session keyring of its own */
+    const char* file; /* its path; NULL: argv[0] is looked up in PATH */
+    int input;        /* its standard input; 0 is that of the caller */
 } ZN_ENGINE_PROGRAM;
+
+/* A process, also if its id is used again. */
+typedef struct znEngineProcess {
+    pid_t pid;
+    unsigned long long startTime; /* clock ticks since boot */
+} ZN_ENGINE_PROCESS;
 
 typedef struct znEnginePlan {
     const char* document; /* config.json */
@@ -55,13 +63,14 @@ typedef struct znEnginePlan {
     const char* group; /* path of the control group, which must not exist or be empty */
     int directory;     /* where the socket for the start is created; no container may reach it */
     ZN_ENGINE_PROGRAM program;
+    /*
+     * If not NULL: called for hooks when the root with its mounts is made, before it is entered.
+     * The container's mount namespace then shows the host's tree, with the container's root and its
+     * mounts at `root`. ERROR ends the creation.
+     */
+    STATUS (*prepared)(const ZN_ENGINE_PROCESS* process, void* context);
+    void* context;
 } ZN_ENGINE_PLAN;
-
-/* A process, also if its id is used again. */
-typedef struct znEngineProcess {
-    pid_t pid;
-    unsigned long long startTime; /* clock ticks since boot */
-} ZN_ENGINE_PROCESS;
 
 /* Check a configuration without creating anything. */
 STATUS znEngineCheck(const char* document, char* reason, size_t size);
@@ -97,6 +106,17 @@ BOOL znEngineWaits(int directory);
  */
 STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
                     const ZN_ENGINE_PROGRAM* program, pid_t* pid, char* reason, size_t size);
+
+/*
+ * Run a hook in the namespaces of the container of `process`, as a child of the caller and in the
+ * container's control group, with `input` on its standard input. Its standard streams are otherwise
+ * the caller's. With a document it is confined as the container's own program is, and its path is
+ * one of the container. Without, it has the rights of the caller; this is for znEnginePlan.prepared
+ * only. Returns when it runs.
+ */
+STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
+                    const ZN_ENGINE_PROGRAM* hook, const char* input, pid_t* pid, char* reason,
+                    size_t size);
 
 /* The process that has this id now; startTime 0 if there is none. */
 ZN_ENGINE_PROCESS znEngineProcessGet(pid_t pid);

@@ -107,14 +107,12 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     return good ? 0 : reason_.say_errno(errno, "descriptors");
 }
 
-int Creation::ask(wire::Request request, const char* first, const char* second, int descriptor,
+int Creation::ask(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
                   std::uint64_t* value)
 {
     char text[8192];
     std::size_t len = 0;
-    for (const char* part : {first, second}) {
-        if (part == nullptr)
-            continue;
+    for (const char* part : texts) {
         const std::size_t size = std::strlen(part) + 1;
         if (size > sizeof text - len)
             return ENAMETOOLONG;
@@ -145,7 +143,7 @@ int Creation::join()
         const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
         wire::Request request = request_of(wire::Op::kJoin);
         request.value = one.flag;
-        const int error = file ? ask(request, nullptr, nullptr, file.get()) : errno;
+        const int error = file ? ask(request, {}, file.get()) : errno;
         if (error != 0)
             return reason_.say_errno(error, "linux.namespaces: %s: %s", one.name, path);
     }
@@ -155,7 +153,7 @@ int Creation::join()
 int Creation::find_program()
 {
     std::uint64_t what = 0;
-    const int error = ask(request_of(wire::Op::kFind), nullptr, nullptr, -1, &what);
+    const int error = ask(request_of(wire::Op::kFind), {}, -1, &what);
     return error == 0 ? 0
                       : reason_.say_program(error, static_cast<wire::SpawnReport::Kind>(what),
                                             plan_.program.argv[0], plan_.program.cwd);
@@ -185,13 +183,15 @@ int Creation::run()
     if (error == 0)
         error = set_parameters();
     if (error == 0)
+        error = run_hooks();
+    if (error == 0)
         error = find_program();
     if (error == 0)
         error = restrict_paths(wire::Op::kReadOnly, wanted.readonlyPaths, "linux.readonlyPaths");
     if (error == 0)
         error = restrict_paths(wire::Op::kHide, wanted.maskedPaths, "linux.maskedPaths");
     if (error == 0 && wanted.rootReadonly)
-        error = reason_.say_errno(ask(request_of(wire::Op::kReadOnly), "/"), "root.readonly");
+        error = reason_.say_errno(ask(request_of(wire::Op::kReadOnly), {"/"}), "root.readonly");
     return error;
 }
 

@@ -10,6 +10,8 @@
 #include "keeper_link.hpp"
 #include "zarnel/engine.h"
 
+#include <initializer_list>
+
 namespace zn {
 
 // Milliseconds until the first process must have answered: copies of mounts can take long under
@@ -41,11 +43,13 @@ class Creation {
     int launch();
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
                     const znc::UniqueFd& start);
-    int ask(wire::Request request, const char* first = nullptr, const char* second = nullptr,
+    int ask(wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
     int explain(int error);
     int join();
     int pivot();
+    [[nodiscard]] std::uint64_t shared_propagation() const;
+    int run_hooks();
     int mount_all();
     int mount_one(const ZN_ENGINE_MOUNT& mount);
     int attach(int mount, const char* destination);

@@ -6,6 +6,7 @@
 #include "base/file.hpp"
 #include "keeper_request.hpp"
 #include "ns_mount.hpp"
+#include "ns_record.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -30,18 +31,40 @@ int Creation::pivot()
         return reason_.say_errno(errno, "cannot use the root filesystem %s", plan_.root);
     root_.reset(::fcntl(tree.get(), F_DUPFD_CLOEXEC, 0));
     wire::Request request = request_of(wire::Op::kPivot);
-    request.value = (wanted & (MS_SHARED | MS_UNBINDABLE)) != 0 ? wanted : 0;
+    request.value = shared_propagation();
     const Text& host = settings_.settings().hostname;
-    return reason_.say_errno(ask(request, host ? host.get() : "",
-                                 plan_.domain != nullptr ? plan_.domain : "", tree.get()),
-                             "cannot enter the root filesystem %s", plan_.root);
+    return reason_.say_errno(
+        ask(request,
+            {host ? host.get() : "", plan_.domain != nullptr ? plan_.domain : "",
+             plan_.prepared != nullptr ? plan_.root : ""},
+            tree.get()),
+        "cannot enter the root filesystem %s", plan_.root);
+}
+
+// Of the root, once it is one; 0: it stays as it is.
+std::uint64_t Creation::shared_propagation() const
+{
+    const std::uint64_t wanted = settings_.settings().rootPropagation.value_or(MS_PRIVATE);
+    return (wanted & (MS_SHARED | MS_UNBINDABLE)) != 0 ? wanted : 0;
+}
+
+int Creation::run_hooks()
+{
+    if (plan_.prepared == nullptr)
+        return 0;
+    const ZN_ENGINE_PROCESS process = {first_.pid(), process_start_time(first_.pid())};
+    if (plan_.prepared(&process, plan_.context) != OK)
+        return reason_.say(ECANCELED, "a hook failed");
+    wire::Request request = request_of(wire::Op::kSwitch);
+    request.value = shared_propagation();
+    return reason_.say_errno(ask(request), "cannot enter the root filesystem %s", plan_.root);
 }
 
 int Creation::attach(int mount, const char* destination)
 {
     wire::Request request = request_of(wire::Op::kMountTree);
     request.isDirectory = znc::is_directory(mount) ? 1 : 0;
-    return ask(request, destination, nullptr, mount);
+    return ask(request, {destination}, mount);
 }
 
 int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
@@ -140,7 +163,7 @@ int Creation::make_devices()
     for (const auto& node : kNodes) {
         wire::Request request = request_of(wire::Op::kDevice);
         request.node = {S_IFCHR | 0666, node.major, node.minor, 0, 0};
-        if (const int error = ask(request, node.path); error != 0)
+        if (const int error = ask(request, {node.path}); error != 0)
             return reason_.say_errno(error, "cannot create %s", node.path);
     }
     for (const Device& device : settings_.settings().devices)
@@ -148,7 +171,7 @@ int Creation::make_devices()
             error != 0)
             return reason_.say_errno(error, "linux.devices: %s", device.path.get());
     for (const auto& link : kLinks)
-        if (const int error = ask(request_of(wire::Op::kLink), link[0], link[1]); error != 0)
+        if (const int error = ask(request_of(wire::Op::kLink), {link[0], link[1]}); error != 0)
             return reason_.say_errno(error, "cannot create %s", link[0]);
     return 0;
 }
@@ -160,8 +183,7 @@ int Creation::make_terminal()
     wire::Request request = request_of(wire::Op::kTerminal);
     request.value =
         std::uint64_t{plan_.program.rows & 0xffff} << 16U | (plan_.program.columns & 0xffff);
-    return reason_.say_errno(ask(request, nullptr, nullptr, plan_.program.console),
-                             "cannot provide a terminal");
+    return reason_.say_errno(ask(request, {}, plan_.program.console), "cannot provide a terminal");
 }
 
 int Creation::set_parameters()

@@ -62,7 +62,7 @@ void start_socket_remove(int directory)
     static_cast<void>(::unlinkat(directory, kName, 0));
 }
 
-bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program)
+bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program, bool unconfined)
 {
     std::size_t count = 0;
     while (program.argv[count] != nullptr)
@@ -74,11 +74,13 @@ bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program)
     std::snprintf(descriptors_, sizeof descriptors_, "%d", program.descriptors);
     std::snprintf(flags_, sizeof flags_, "%ld",
                   (program.console >= 0 ? wire::kInitTerminal : 0) |
+                      (unconfined ? wire::kInitUnconfined : 0) |
                       (program.keepKeyring != FALSE ? wire::kInitKeyring : 0));
     argv_[0] = name_;
     argv_[1] = const_cast<char*>(program.cwd);
     argv_[2] = descriptors_;
     argv_[3] = flags_;
+    argv_[4] = const_cast<char*>(program.file != nullptr ? program.file : "");
     for (std::size_t i = 0; i < count; i++)
         argv_[wire::kInitFixedArgs + i] = program.argv[i];
     return true;
@@ -94,8 +96,10 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
     if (!null_)
         return false;
     // A stream that is closed is replaced by the null device.
-    for (int stream = 0; stream <= 2; stream++)
-        fds_[count_++] = {::fcntl(stream, F_GETFD) == 0 ? stream : null_.get(), stream};
+    for (int stream = 0; stream <= 2; stream++) {
+        const int given = stream == 0 ? program.input : stream;
+        fds_[count_++] = {::fcntl(given, F_GETFD) >= 0 ? given : null_.get(), stream};
+    }
     for (int i = 0; i < 4; i++)
         fds_[count_++] = {own[static_cast<std::size_t>(i)] >= 0 ? own[static_cast<std::size_t>(i)]
                                                                 : null_.get(),

@@ -25,7 +25,7 @@ znc::UniqueFd engine_process_open(const ZN_ENGINE_PROCESS& process);
 // The helper's argument vector: its own arguments, then the program's.
 class ProgramArguments {
   public:
-    bool make(const char* name, const ZN_ENGINE_PROGRAM& program);
+    bool make(const char* name, const ZN_ENGINE_PROGRAM& program, bool unconfined = false);
     [[nodiscard]] char* const* argv() const { return argv_.get(); }
 
   private:

@@ -8,8 +8,10 @@
 #include "system/pidfd.hpp"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 namespace zn {
@@ -57,7 +59,8 @@ int finish(int error)
 }
 
 // Starts the helper that joins the container; `report` gets what it says.
-int launch_entrant(const ZN_ENGINE_PROGRAM& program, int process, int record, Outcome& outcome)
+int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int process, int record,
+                   Outcome& outcome)
 {
     int pipes[2];
     const UniqueFd file = helper_file();
@@ -67,7 +70,7 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, int process, int record, Ou
     UniqueFd writer(pipes[1]);
     ProgramArguments arguments;
     ProgramDescriptors fds;
-    if (!arguments.make(wire::kEntrantName, program) ||
+    if (!arguments.make(wire::kEntrantName, program, unconfined) ||
         !fds.make(program, {process, writer.get(), record, program.console}))
         return errno;
     UniqueFd pidfd;
@@ -81,6 +84,47 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, int process, int record, Ou
     outcome.read_from(reader.get());
     process_reap(pidfd.get());
     return 0;
+}
+
+// Runs a program in the container. 0 or an error number, with the reason said.
+int enter(const ZN_ENGINE_PROCESS& process, const EngineSettings& settings, const char* group,
+          const ZN_ENGINE_PROGRAM& program, bool unconfined, pid_t* pid, Reason& said)
+{
+    const UniqueFd first = engine_process_open(process);
+    if (!first)
+        return said.say(ESRCH, "container not running");
+    const UniqueFd record = settings.record(group, kJoined);
+    Outcome outcome;
+    const int error =
+        record ? launch_entrant(program, unconfined, first.get(), record.get(), outcome) : errno;
+    if (error != 0)
+        return said.say_errno(error, "cannot start a process");
+    if (outcome.error == 0 && outcome.pid > 0) {
+        *pid = outcome.pid;
+        return 0;
+    }
+    if (outcome.pid > 0) {
+        const UniqueFd dead = process_open(outcome.pid);
+        if (dead)
+            process_reap(dead.get());
+    }
+    // A PID namespace whose first process has ended takes no new ones.
+    if (outcome.error == ENOMEM && process_ended(first.get(), 0))
+        return said.say(ESRCH, "container not running");
+    return said.say_program(outcome.error != 0 ? outcome.error : ECHILD, outcome.kind,
+                            program.file != nullptr ? program.file : program.argv[0], program.cwd);
+}
+
+// A file in memory that whoever reads it cannot change. It is at its beginning.
+UniqueFd sealed_text(const char* text)
+{
+    UniqueFd file(::memfd_create("zn-state", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!file || !znc::write_all(file.get(), {text, std::strlen(text)}) ||
+        ::fcntl(file.get(), F_ADD_SEALS,
+                F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) != 0 ||
+        ::lseek(file.get(), 0, SEEK_SET) != 0)
+        return UniqueFd();
+    return file;
 }
 
 } // namespace
@@ -110,29 +154,25 @@ STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, cons
     Reason said(reason, size);
     EngineSettings settings;
     SettingsFault fault;
-    int error = said.say_fault(settings.read(document, fault), fault);
+    const int error = said.say_fault(settings.read(document, fault), fault);
+    return finish(error != 0 ? error
+                             : enter(*process, settings, group, *program, false, pid, said));
+}
+
+STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
+                    const ZN_ENGINE_PROGRAM* hook, const char* input, pid_t* pid, char* reason,
+                    size_t size)
+{
+    Reason said(reason, size);
+    EngineSettings settings;
+    SettingsFault fault;
+    int error = document != nullptr ? said.say_fault(settings.read(document, fault), fault) : 0;
     if (error != 0)
         return finish(error);
-    const UniqueFd first = engine_process_open(*process);
-    if (!first)
-        return finish(said.say(ESRCH, "container not running"));
-    const UniqueFd record = settings.record(group, kJoined);
-    Outcome outcome;
-    error = record ? launch_entrant(*program, first.get(), record.get(), outcome) : errno;
-    if (error != 0)
-        return finish(said.say_errno(error, "cannot start a process"));
-    if (outcome.error == 0 && outcome.pid > 0) {
-        *pid = outcome.pid;
-        return OK;
-    }
-    if (outcome.pid > 0) {
-        const UniqueFd dead = process_open(outcome.pid);
-        if (dead)
-            process_reap(dead.get());
-    }
-    // A PID namespace whose first process has ended takes no new ones.
-    if (outcome.error == ENOMEM && process_ended(first.get(), 0))
-        return finish(said.say(ESRCH, "container not running"));
-    return finish(said.say_program(outcome.error != 0 ? outcome.error : ECHILD, outcome.kind,
-                                   program->argv[0], program->cwd));
+    const UniqueFd state = sealed_text(input);
+    if (!state)
+        return finish(said.say_errno(errno, "cannot prepare the input of a hook"));
+    ZN_ENGINE_PROGRAM program = *hook;
+    program.input = state.get();
+    return finish(enter(*process, settings, group, program, document == nullptr, pid, said));
 }

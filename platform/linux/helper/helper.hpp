@@ -11,6 +11,7 @@
 #ifndef ZN_HELPER_HPP
 #define ZN_HELPER_HPP
 
+#include "sys.hpp"
 #include "wire.hpp"
 
 #include <cstddef>
@@ -63,6 +64,12 @@ int root_leave();
 
 // Makes the detached tree the root of this mount namespace and nothing else (keeper_root.cpp).
 int root_pivot(int tree);
+
+// Attaches the detached tree at the host path `place` and makes it the root of this process alone.
+// The host's root, which stays that of the mount namespace, is kept in `host` until root_switch
+// makes the tree the root of the namespace and detaches the host's (keeper_root.cpp).
+int root_place(int tree, const char* place, sys::Fd& host);
+int root_switch(sys::Fd& host);
 
 // Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
 // `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace. Terminals

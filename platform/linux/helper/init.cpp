@@ -37,22 +37,33 @@ int error_of(long result)
 
 // ---------------------------------------------------------------- requests
 
-int pivot_root(const Incoming& in, int tree)
+// pivot_root refuses a root that is shared; it becomes so afterwards.
+int share_root(std::uint64_t propagation)
+{
+    return propagation == 0 ? 0
+                            : error_of(sys::call(__NR_mount, 0, sys::arg("/"), 0,
+                                                 static_cast<long>(propagation), 0));
+}
+
+int pivot_root(const Incoming& in, int tree, sys::Fd& hostRoot)
 {
     const char* host = in.text;
     const char* domain = next_text(host);
-    int error = root_pivot(tree);
+    const char* place = next_text(domain);
+    int error = *place != '\0' ? root_place(tree, place, hostRoot) : root_pivot(tree);
     if (error == 0 && *host != '\0')
         error =
             error_of(sys::call(__NR_sethostname, sys::arg(host), static_cast<long>(strlen(host))));
     if (error == 0 && *domain != '\0')
         error = error_of(
             sys::call(__NR_setdomainname, sys::arg(domain), static_cast<long>(strlen(domain))));
-    // pivot_root refuses a root that is shared; it becomes so afterwards.
-    if (error == 0 && in.request.value != 0)
-        error = error_of(
-            sys::call(__NR_mount, 0, sys::arg("/"), 0, static_cast<long>(in.request.value), 0));
-    return error;
+    return error == 0 && *place == '\0' ? share_root(in.request.value) : error;
+}
+
+int switch_root(const Incoming& in, sys::Fd& hostRoot)
+{
+    const int error = root_switch(hostRoot);
+    return error == 0 ? share_root(in.request.value) : error;
 }
 
 // A symbolic link at the mount point of a procfs or sysfs could lead to a directory where the
@@ -162,14 +173,17 @@ int protect_all(const Incoming& in)
     return error;
 }
 
-int serve(const Incoming& in, int descriptor, Program& program, std::uint64_t* value)
+int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoot,
+          std::uint64_t* value)
 {
     const char* first = in.text;
     switch (in.request.op) {
     case wire::Op::kJoin:
         return namespace_join(descriptor, in.request.value);
     case wire::Op::kPivot:
-        return pivot_root(in, descriptor);
+        return pivot_root(in, descriptor, hostRoot);
+    case wire::Op::kSwitch:
+        return switch_root(in, hostRoot);
     case wire::Op::kMountTree:
         return mount_attach(descriptor, first, in.request.isDirectory != 0, value);
     case wire::Op::kMountFs:
@@ -200,12 +214,13 @@ int serve(const Incoming& in, int descriptor, Program& program, std::uint64_t* v
 void serve_all(Program& program)
 {
     Incoming in;
+    sys::Fd hostRoot;
     for (;;) {
         sys::Fd descriptor;
         if (!request_receive(wire::kInitSocket, in, descriptor))
             sys::exit_group(0);
         wire::Answer answer = {};
-        answer.error = serve(in, descriptor.get(), program, &answer.value);
+        answer.error = serve(in, descriptor.get(), program, hostRoot, &answer.value);
         request_answer(wire::kInitSocket, answer);
         if (in.request.op == wire::Op::kWait)
             return;
@@ -271,6 +286,8 @@ void entrant_run(char** argv, char** envp)
     // As in the spawner: the new process is in the PID namespace and a child of the caller.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0) {
+        if (program.unconfined)
+            program_become_unconfined(program);
         std::uint64_t what = 0;
         const int missing = program_find(program, &what);
         if (missing != 0) {

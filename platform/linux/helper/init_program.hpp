@@ -16,6 +16,8 @@ struct Program {
     int descriptors; // how many it gets besides the standard streams
     bool terminal;
     bool keepKeyring;
+    bool unconfined;
+    const char* path; // of the program; "": that of argv[0]
     char** argv;
     char** envp;
     char file[kProgramPathMax]; // its path, once it was found
@@ -34,6 +36,9 @@ int terminal_provide(int socket, std::uint64_t size, bool console);
 void program_report(int descriptor, wire::SpawnReport::Kind kind, long result);
 
 [[noreturn]] void program_become(const Rules& rules, const Program& program);
+
+// Becomes a program of the host with the rights of the caller.
+[[noreturn]] void program_become_unconfined(const Program& program);
 
 } // namespace zn
 

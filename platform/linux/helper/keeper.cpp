@@ -181,6 +181,7 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
         return error;
     }
     case wire::Op::kPivot:
+    case wire::Op::kSwitch:
     case wire::Op::kLink:
     case wire::Op::kTerminal:
     case wire::Op::kFind:

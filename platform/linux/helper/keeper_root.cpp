@@ -196,6 +196,47 @@ int root_pivot(int tree)
     return error != 0 ? error : detach_host();
 }
 
+int root_place(int tree, const char* place, sys::Fd& host)
+{
+    int error = tree < 0 ? EBADF : leave_chroot();
+    if (error != 0)
+        return error;
+    long result = sys::call(__NR_mount, 0, sys::arg("/"), 0, MS_REC | MS_PRIVATE, 0);
+    if (result < 0)
+        return static_cast<int>(-result);
+    host =
+        sys::Fd(sys::call(__NR_openat, AT_FDCWD, sys::arg("/"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const sys::Fd point(
+        sys::call(__NR_openat, AT_FDCWD, sys::arg(place), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!host.valid() || !point.valid())
+        return host.valid() ? point.error() : host.error();
+    result = sys::call(__NR_move_mount, tree, sys::arg(""), point.get(), sys::arg(""),
+                       MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH);
+    if (result == 0)
+        result = sys::call(__NR_fchdir, tree);
+    if (result == 0)
+        result = sys::call(__NR_chroot, sys::arg("."));
+    return static_cast<int>(-result);
+}
+
+int root_switch(sys::Fd& host)
+{
+    const sys::Fd tree(
+        sys::call(__NR_openat, AT_FDCWD, sys::arg("/"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!tree.valid() || !host.valid())
+        return tree.valid() ? host.error() : tree.error();
+    // pivot_root needs this process to have the root of the mount namespace.
+    long result = sys::call(__NR_fchdir, host.get());
+    if (result == 0)
+        result = sys::call(__NR_chroot, sys::arg("."));
+    if (result == 0)
+        result = sys::call(__NR_fchdir, tree.get());
+    if (result == 0)
+        result = sys::call(__NR_pivot_root, sys::arg("."), sys::arg("."));
+    host.reset();
+    return result < 0 ? static_cast<int>(-result) : detach_host();
+}
+
 int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup)
 {
     if (tree < 0)

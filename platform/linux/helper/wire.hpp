@@ -44,7 +44,10 @@ enum class Op : std::uint32_t {
 
     // Only for the first process of an engine's container, which also serves the mounts, devices
     // and paths above, with any number of paths in a request.
-    kPivot,    // descriptor: detached tree; text: host name, domain name; value: MS_ bits
+    kPivot,    // descriptor: detached tree; text: host name, domain name, place; value: MS_ bits.
+               // A place is a host path: the tree is attached there, and becomes the root of the
+               // mount namespace by kSwitch only
+    kSwitch,   // value: MS_ bits
     kLink,     // text: path, target: a symbolic link to be created unless the path exists
     kTerminal, // descriptor: socket that gets the terminal; value: rows << 16 | columns
     kFind,     // makes the working directory and looks the program up
@@ -173,10 +176,12 @@ inline constexpr int kInitStart = 6;  // zn-init: listens for the start; zn-exec
 inline constexpr int kInitFdEnd = 7;
 
 // argv: name, working directory, number of descriptors that the program gets, flags (kInitTerminal:
-// it gets a terminal; kInitKeyring: it keeps the session keyring), then the program's argv.
+// it gets a terminal; kInitKeyring: it keeps the session keyring; kInitUnconfined: it keeps the
+// rights of the caller), path of the program ("": argv[0] is looked up), then the program's argv.
 inline constexpr long kInitTerminal = 1;
 inline constexpr long kInitKeyring = 2;
-inline constexpr int kInitFixedArgs = 4;
+inline constexpr long kInitUnconfined = 4;
+inline constexpr int kInitFixedArgs = 5;
 
 } // namespace zn::wire
 

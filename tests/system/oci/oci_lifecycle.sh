@@ -187,9 +187,6 @@ refused 'a prestart hook that fails' 'prestart hook /bin/false'
 change web '.hooks = {prestart: [{path: "/bin/sleep", args: ["sleep", "100"], timeout: 1}]}'
 run zncrun create --bundle "$work/web" "$me-web"
 refused 'a hook that takes too long' 'longer than 1 seconds'
-change web '.hooks = {startContainer: [{path: "/bin/true"}]}'
-run zncrun create --bundle "$work/web" "$me-web"
-refused 'hooks inside the container' 'hooks.startContainer'
 change web 'del(.hooks)'
 
 # A process with the same number is not taken for the container's.
