@@ -69,6 +69,10 @@ Json process_of(const Json& config, const Arguments& args)
             zncctl::to_number<std::uint32_t>(group).value_or(0));
     for (const std::string& one : args.values("env"))
         set_variable(process, one);
+    if (const char* profile = args.value("apparmor"))
+        process["apparmorProfile"] = profile;
+    if (const char* label = args.value("process-label"))
+        process["selinuxLabel"] = label;
     if (args.has("no-new-privs"))
         process["noNewPrivileges"] = true;
     for (const std::string& one : args.values("cap"))
@@ -93,9 +97,6 @@ std::string document_of(const Json& process, const Json& config)
 int run_exec(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
-    for (const char* label : {"process-label", "apparmor"})
-        if (const char* value = args.value(label); value != nullptr && *value != '\0')
-            throw Failure(fmt::format("--{}: not supported", label));
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
     const Status status = directory.status(container);

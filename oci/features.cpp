@@ -37,8 +37,8 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
         {"operators",
          {"SCMP_CMP_EQ", "SCMP_CMP_GE", "SCMP_CMP_GT", "SCMP_CMP_LE", "SCMP_CMP_LT",
           "SCMP_CMP_MASKED_EQ", "SCMP_CMP_NE"}}};
-    json["linux"]["apparmor"] = {{"enabled", false}};
-    json["linux"]["selinux"] = {{"enabled", false}};
+    json["linux"]["apparmor"] = {{"enabled", true}};
+    json["linux"]["selinux"] = {{"enabled", true}};
     json["linux"]["intelRdt"] = {{"enabled", false}};
     return znc::write_all(STDOUT_FILENO, zncctl::pretty(json)) ? 0 : 1;
 }

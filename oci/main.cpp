@@ -66,8 +66,8 @@ constexpr Option kExec[] = {
     {'g', "additional-gids", "GID", "a supplementary group"},
     {'c', "cap", "CAP", "a capability to add"},
     {0, "no-new-privs", nullptr, "set-user-ID programs have no effect"},
-    {0, "process-label", "LABEL", "refused"},
-    {0, "apparmor", "PROFILE", "refused"},
+    {0, "process-label", "LABEL", "the SELinux label"},
+    {0, "apparmor", "PROFILE", "the AppArmor profile"},
 };
 constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
 constexpr Option kDelete[] = {

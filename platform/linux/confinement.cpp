@@ -2,8 +2,11 @@
 
 #include "ns_kinds.hpp"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace zn {
 namespace {
@@ -26,6 +29,26 @@ bool append_labels(const Settings& settings, List<Text>& texts)
             append_label(texts, "apparmor/exec", "exec ", settings.apparmorProfile)) &&
            (!has_label(settings.selinuxLabel) ||
             append_label(texts, "exec", "", settings.selinuxLabel));
+}
+
+bool apparmor_enabled()
+{
+    const znc::UniqueFd file(
+        ::open("/sys/module/apparmor/parameters/enabled", O_RDONLY | O_CLOEXEC));
+    char answer = 'N';
+    return file && ::read(file.get(), &answer, 1) == 1 && answer == 'Y';
+}
+
+bool selinux_enabled()
+{
+    return ::access("/sys/fs/selinux/enforce", F_OK) == 0;
+}
+
+int refuse(SettingsFault& fault, const char* field, const char* module)
+{
+    std::snprintf(fault.field, sizeof fault.field, "%s", field);
+    std::snprintf(fault.reason, sizeof fault.reason, "the kernel does not use %s", module);
+    return ENOTSUP;
 }
 
 void set_capabilities(const Capabilities& wanted, wire::Confinement& rules)
@@ -99,6 +122,17 @@ znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings&
     for (const Text& entry : entries)
         block.add(entry.get(), std::strlen(entry.get()) + 1);
     return memory;
+}
+
+int labels_check(const Settings& settings, SettingsFault& fault)
+{
+    if (has_label(settings.apparmorProfile) && !apparmor_enabled())
+        return refuse(fault, "process.apparmorProfile", "AppArmor");
+    if (has_label(settings.selinuxLabel) && !selinux_enabled())
+        return refuse(fault, "process.selinuxLabel", "SELinux");
+    if (has_label(settings.mountLabel) && !selinux_enabled())
+        return refuse(fault, "linux.mountLabel", "SELinux");
+    return 0;
 }
 
 } // namespace zn

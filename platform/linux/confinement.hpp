@@ -4,7 +4,7 @@
 #define ZN_CONFINEMENT_HPP
 
 #include "helper/wire.hpp"
-#include "settings/settings.hpp"
+#include "settings/settings_reader.hpp"
 
 #include <span>
 
@@ -16,6 +16,9 @@ namespace zn {
 znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
                                         std::span<const wire::FilterCode> filter,
                                         List<Text> entries, std::size_t& size);
+
+// Whether the kernel has what the settings need to give labels. 0, or ENOTSUP with `fault` set.
+int labels_check(const Settings& settings, SettingsFault& fault);
 
 } // namespace zn
 

@@ -1,6 +1,7 @@
 // ns_settings.cpp - see ns_settings.hpp.
 #include "ns_settings.hpp"
 
+#include "confinement.hpp"
 #include "keeper_request.hpp"
 #include "ns_kinds.hpp"
 #include "settings/seccomp.hpp"
@@ -94,18 +95,6 @@ int create_group(const char* path, Resources& wanted, const char** field)
     return cgroup_create(path, wanted, field);
 }
 
-bool apparmor_enabled()
-{
-    const UniqueFd file(::open("/sys/module/apparmor/parameters/enabled", O_RDONLY | O_CLOEXEC));
-    char answer = 'N';
-    return file && ::read(file.get(), &answer, 1) == 1 && answer == 'Y';
-}
-
-bool selinux_enabled()
-{
-    return ::access("/sys/fs/selinux/enforce", F_OK) == 0;
-}
-
 int make_device(Keeper& keeper, const UserNamespace& user, const Device& device)
 {
     const auto uid = user.host_uid(device.uid);
@@ -157,11 +146,10 @@ int NamespaceSettings::check(bool privileged, SettingsFault& fault) const
         return refuse(fault, "linux.namespaces", "time namespaces are not supported", ENOTSUP);
     if ((settings_.rootPropagation.value_or(MS_PRIVATE) & MS_PRIVATE) == 0)
         return refuse(fault, "linux.rootfsPropagation", "only \"private\" is supported", ENOTSUP);
-    if (has_label(settings_.apparmorProfile) && !apparmor_enabled())
-        return refuse(fault, "process.apparmorProfile", "the kernel does not use AppArmor",
-                      ENOTSUP);
-    if (has_label(settings_.selinuxLabel) && !selinux_enabled())
-        return refuse(fault, "process.selinuxLabel", "the kernel does not use SELinux", ENOTSUP);
+    if (const int error = labels_check(settings_, fault); error != 0)
+        return error;
+    if (has_label(settings_.mountLabel))
+        return refuse(fault, "linux.mountLabel", "is not supported", ENOTSUP);
     for (const Device& device : settings_.devices)
         if (std::strncmp(device.path.get(), "/dev/", 5) != 0)
             return refuse(fault, "linux.devices", "a device must be below /dev", ENOTSUP);

@@ -238,6 +238,24 @@ int hugepages_apply(const Hierarchies& hierarchies, const GroupPath& path,
     return named(error, "hugepageLimits", field);
 }
 
+// After all other limits: these are more exact.
+int unified_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resources& resources,
+                  const char** field)
+{
+    if (resources.unified.empty())
+        return 0;
+    if (hierarchies.version != CgroupVersion::kV2 || hierarchies.all.empty())
+        return named(ENOTSUP, "unified (needs control groups v2)", field);
+    const znc::UniqueFd group = group_open(hierarchies.all[0], path);
+    if (!group)
+        return named(errno, "unified", field);
+    for (const ControlFile& file : resources.unified)
+        if (const int error = control_write(group.get(), file.name.get(), file.value.get());
+            error != 0)
+            return named(error == ENOENT ? ENOTSUP : error, "unified", field);
+    return 0;
+}
+
 } // namespace
 
 int LimitGroup::open(const Hierarchies& hierarchies, const GroupPath& path, Controller controller)
@@ -307,6 +325,8 @@ int limits_apply(const Hierarchies& hierarchies, const GroupPath& path, const Re
         error = hugepages_apply(hierarchies, path, resources, field);
     if (error == 0)
         error = devices_apply(hierarchies, path, resources.devices, field);
+    if (error == 0)
+        error = unified_apply(hierarchies, path, resources, field);
     return error;
 }
 

@@ -51,6 +51,7 @@ class Creation {
     [[nodiscard]] std::uint64_t shared_propagation() const;
     int run_hooks();
     int mount_all();
+    bool label(EngineMount& wanted) const;
     int mount_one(const ZN_ENGINE_MOUNT& mount);
     int attach(int mount, const char* destination);
     int mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);

@@ -5,6 +5,7 @@
 
 #include "base/file.hpp"
 #include "keeper_request.hpp"
+#include "ns_kinds.hpp"
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
 
@@ -99,6 +100,19 @@ int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& want
     return error;
 }
 
+// File systems that keep no files of their own have no labels of files.
+bool Creation::label(EngineMount& wanted) const
+{
+    const Text& label = settings_.settings().mountLabel;
+    if (!has_label(label) || wanted.plan.bind || engine_mount_is_inner(wanted.plan) ||
+        std::strncmp(wanted.plan.type, "cgroup", 6) == 0)
+        return true;
+    char option[sizeof wanted.plan.options];
+    const int len = std::snprintf(option, sizeof option, "context=%s", label.get());
+    return len > 0 && static_cast<std::size_t>(len) < sizeof option &&
+           mount_plan_keep(option, wanted.plan);
+}
+
 int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
 {
     EngineMount wanted;
@@ -106,6 +120,8 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
     int error = engine_mount_read(mount, wanted, &option);
     if (error != 0)
         return reason_.say(error, "mounts: %s: unknown option \"%s\"", mount.destination, option);
+    if (!label(wanted))
+        return reason_.say_errno(ENAMETOOLONG, "linux.mountLabel");
     const char* source = mount.source != nullptr ? mount.source : "";
     if (!wanted.plan.bind && std::strncmp(mount.type, "cgroup", 6) == 0) {
         error = mount_cgroup(mount, wanted);

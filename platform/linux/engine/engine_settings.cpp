@@ -69,11 +69,7 @@ int EngineSettings::check(SettingsFault& fault) const
         return refuse(fault, "linux.namespaces", "user namespaces are not supported");
     if (from(NsKind::kTime) != NsChoice::From::kHost)
         return refuse(fault, "linux.namespaces", "time namespaces are not supported");
-    if (has_label(settings_.apparmorProfile))
-        return refuse(fault, "process.apparmorProfile", "not supported");
-    if (has_label(settings_.selinuxLabel))
-        return refuse(fault, "process.selinuxLabel", "not supported");
-    return 0;
+    return labels_check(settings_, fault);
 }
 
 int EngineSettings::read(const char* document, SettingsFault& fault)

@@ -246,6 +246,17 @@ void wait_for_start()
     }
 }
 
+// The label takes effect with the next program, which is the container's, also if a child of this
+// process executes it. The host's procfs is not there any more when it does.
+void choose_labels_on_host(const Rules& rules)
+{
+    if (rules->labels == 0)
+        return;
+    const sys::Fd proc(
+        sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    choose_labels(rules, proc.get());
+}
+
 void initialize()
 {
     for (int fd = 3; fd < wire::kInitFdEnd; fd++)
@@ -264,6 +275,7 @@ void init_run(char** argv, char** envp)
     program_read(argv, envp, program);
     const Rules rules;
     prepare_on_host(rules);
+    choose_labels_on_host(rules);
     // After entering the control group, which becomes the root of the namespace.
     if (rules->ownControlGroup != 0)
         check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
@@ -282,6 +294,7 @@ void entrant_run(char** argv, char** envp)
     program_read(argv, envp, program);
     const Rules rules;
     prepare_on_host(rules);
+    choose_labels_on_host(rules);
     check(sys::call(__NR_setns, wire::kInitSocket, static_cast<long>(rules->namespaces)));
     // As in the spawner: the new process is in the PID namespace and a child of the caller.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);

@@ -58,6 +58,10 @@ void choose_identity(const Rules& rules, const char* text, Identity& user);
 // program inherits, and setting the out-of-memory score.
 void prepare_on_host(const Rules& rules);
 
+// Chooses the security labels that the program will have. `proc` is the host's procfs: that of the
+// container may be covered. EACCES: the label does not exist or may not be given.
+void choose_labels(const Rules& rules, int proc);
+
 void leave_keyring();
 void set_limits(const Rules& rules);
 void drop_rights(const Rules& rules, const Identity& user);

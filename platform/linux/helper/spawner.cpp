@@ -364,8 +364,8 @@ const char* after(const char* text)
     return text + strlen(text) + 1;
 }
 
-// The security labels that the program will have. `proc` is the host's procfs: that of the
-// container may be covered. EACCES: the label does not exist or may not be given.
+} // namespace
+
 void choose_labels(const Rules& rules, int proc)
 {
     constexpr char kAttributes[] = "self/attr/";
@@ -385,6 +385,8 @@ void choose_labels(const Rules& rules, int proc)
         text = after(text);
     }
 }
+
+namespace {
 
 [[noreturn]] void become_program(const Rules& rules, int proc, char** argv, char** envp)
 {

@@ -95,6 +95,12 @@ struct DeviceRate {
     std::uint64_t rate = 0;
 };
 
+// A control file of a group in v2 and what is written into it.
+struct ControlFile {
+    Text name; // without "/"
+    Text value;
+};
+
 // Limits of a control group. A limit of -1 means unlimited.
 struct Resources {
     std::optional<std::int64_t> memoryLimit;
@@ -115,6 +121,7 @@ struct Resources {
     List<DeviceRate> writeIops;
     List<HugepageLimit> hugepages;
     List<DeviceRule> devices;
+    List<ControlFile> unified;
 };
 
 // ---------------------------------------------------------------- system call filter
@@ -178,6 +185,7 @@ struct Settings {
     std::optional<int> oomScoreAdj; // -1000 to 1000
     Text apparmorProfile;
     Text selinuxLabel;
+    Text mountLabel;
     bool terminal = false;
 
     bool rootReadonly = false;

@@ -77,7 +77,7 @@ constexpr Member<Settings> kLinux[] = {
     {"maskedPaths", read_masked_paths},
     {"readonlyPaths", read_readonly_paths},
     {"rootfsPropagation", read_propagation},
-    {"mountLabel", read_unsupported<Settings>},
+    {"mountLabel", read_text<&Settings::mountLabel>},
     {"intelRdt", read_unsupported<Settings>},
     {"memoryPolicy", read_unsupported<Settings>},
     {"netDevices", read_unsupported<Settings>},

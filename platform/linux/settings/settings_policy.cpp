@@ -149,6 +149,8 @@ bool group_within(const Settings& settings, SettingsFault& fault)
     if ((!path.empty() && path[0] == '/' && path.substr(0, prefix.size()) != prefix) ||
         path.find(':') != std::string_view::npos)
         return exceeds(fault, "linux.cgroupsPath", "is not below %s", kDaemonGroup);
+    if (!settings.resources.unified.empty())
+        return exceeds(fault, "linux.resources.unified", "may raise any limit of the group");
     const std::int64_t pids = settings.resources.pidsLimit.value_or(kDefaultPidsLimit);
     if (pids < 0 || pids > kDefaultPidsLimit)
         return exceeds(fault, "linux.resources.pids.limit", "is higher than %lld",

@@ -1,6 +1,8 @@
 // settings_resources.cpp - reads a "resources" object, except for device rules.
 #include "settings_sections.hpp"
 
+#include <climits>
+
 namespace zn {
 namespace {
 
@@ -217,6 +219,23 @@ bool read_hugepages(JsonReader& reader, const Node& at, Resources& resources)
     });
 }
 
+// Control files of v2 by name.
+bool read_unified(JsonReader& reader, const Node& at, Resources& resources)
+{
+    return read_members(reader, at, [&](const Node& node) {
+        const std::string_view name = node.name;
+        if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX ||
+            name.find('/') != name.npos)
+            return reader.refuse(node, "not the name of a control file");
+        ControlFile file;
+        if (!reader.required_text(node, file.value))
+            return false;
+        file.name = znc::copy_text(name);
+        return (file.name && resources.unified.append(std::move(file)) != nullptr) ||
+               reader.no_memory(node);
+    });
+}
+
 constexpr Member<Resources> kResources[] = {
     {"memory", read_memory},
     {"cpu", read_cpu},
@@ -226,7 +245,7 @@ constexpr Member<Resources> kResources[] = {
     {"devices", read_list_of<&Resources::devices, read_device_rule>},
     {"network", read_unsupported<Resources>},
     {"rdma", read_unsupported<Resources>},
-    {"unified", read_unsupported<Resources>},
+    {"unified", read_unified},
 };
 
 } // namespace

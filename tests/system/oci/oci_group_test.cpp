@@ -111,6 +111,29 @@ TEST_F(OciGroup, LimitsAreWritten)
     EXPECT_EQ(text(group("pids") + "/pids.max"), "44");
 }
 
+TEST_F(OciGroup, ControlFilesAreWrittenByName)
+{
+    bundle({"/bin/sleep", "1000"}, R"(,"resources":{"unified":{"memory.high":"33554432",
+                                                               "pids.max":"21"}})");
+    const std::string create = "create --bundle " + std::string(kBundle) + " " + id_;
+    if (!unified()) {
+        const Result refused = zncrun(create);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_NE(refused.out.find("linux.resources.unified (needs control groups v2)"),
+                  std::string::npos)
+            << refused.out;
+        return;
+    }
+    const Result made = zncrun(create + " >/dev/null");
+    ASSERT_EQ(made.status, 0) << made.out;
+    EXPECT_EQ(text(group("memory") + "/memory.high"), "33554432");
+    EXPECT_EQ(text(group("pids") + "/pids.max"), "21");
+    zncrun("delete --force " + id_);
+    bundle({"/bin/true"}, R"(,"resources":{"unified":{"nosuch.max":"1"}})");
+    const Result refused = zncrun(create);
+    EXPECT_NE(refused.out.find("linux.resources.unified"), std::string::npos) << refused.out;
+}
+
 TEST_F(OciGroup, IsWhatTheContainerSees)
 {
     bundle({"/bin/sh", "-c",

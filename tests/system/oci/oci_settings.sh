@@ -145,12 +145,30 @@ given '.linux.resources.memory.limit = 67108864' sh -c 'echo works'
 expect 'a limit of memory' 0 works
 given '.linux.resources.memory.limit = "x"' true
 refused 'a limit of the wrong type' 'linux.resources.memory.limit'
+given '.linux.resources.unified = {"a/b": "1"}' true
+refused 'a control file elsewhere' 'linux.resources.unified.a/b: not the name of a control file'
+if [[ -e /sys/fs/cgroup/cgroup.controllers ]]; then
+    given '.linux.resources.unified = {"cgroup.max.depth": "7"} | .linux.namespaces += [{type: "cgroup"}]
+        | .mounts += [{destination: "/sys/fs/cgroup", type: "cgroup", source: "cgroup"}]' cat /sys/fs/cgroup/cgroup.max.depth
+    expect 'a control file by name' 0 7
+    given '.linux.resources.unified = {"nosuch.max": "7"}' true
+    refused 'a control file that does not exist' 'linux.resources.unified'
+else
+    given '.linux.resources.unified = {"cgroup.max.depth": "7"}' true
+    refused 'control files by name with v1' 'linux.resources.unified (needs control groups v2)'
+fi
 
 # What cannot be honoured is named.
-given '.process.apparmorProfile = "other"' true
-refused 'AppArmor' 'process.apparmorProfile'
-given '.linux.mountLabel = "label"' true
-refused 'mount labels' 'linux.mountLabel'
+if [[ $(cat /sys/module/apparmor/parameters/enabled 2>/dev/null) != Y ]]; then
+    given '.process.apparmorProfile = "other"' true
+    refused 'AppArmor where the kernel does not use it' 'process.apparmorProfile: the kernel does not use AppArmor'
+fi
+if [[ ! -e /sys/fs/selinux/enforce ]]; then
+    given '.process.selinuxLabel = "u:r:t:s0"' true
+    refused 'SELinux where the kernel does not use it' 'process.selinuxLabel: the kernel does not use SELinux'
+    given '.linux.mountLabel = "u:r:t:s0"' true
+    refused 'mount labels where the kernel does not use SELinux' 'linux.mountLabel: the kernel does not use SELinux'
+fi
 given '.linux.intelRdt = {closID: "x"}' true
 refused 'resource control' 'linux.intelRdt'
 given '.linux.cgroupsPath = "system.slice:a:b"' true

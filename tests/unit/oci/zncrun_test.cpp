@@ -216,8 +216,6 @@ TEST_F(BundleTest, WhatIsWrongIsNamed)
         std::string::npos);
     EXPECT_NE(refusal(R"(,"mounts":[{"destination":"/a","uidMappings":[{}]}])").find("uidMappings"),
               std::string::npos);
-    EXPECT_NE(refusal(R"(,"hooks":{"createContainer":[{}]})").find("hooks.createContainer"),
-              std::string::npos);
     EXPECT_NE(refusal("", R"(,"env":"x")").find("process.env"), std::string::npos);
 }
 

@@ -337,7 +337,7 @@ TEST(SettingsLinux, EmptyValuesAskForNothing)
 }
 
 constexpr Refusal kOthers[] = {
-    {"MountLabel", "linux", R"("mountLabel":"a")", ENOTSUP, "linux.mountLabel", "is not supported"},
+    {"MountLabel", "linux", R"("mountLabel":[])", EINVAL, "linux.mountLabel", "not a string"},
     {"IntelRdt", "linux", R"("intelRdt":{"closID":"a"})", ENOTSUP, "linux.intelRdt",
      "is not supported"},
     {"Personality", "linux", R"("personality":{"domain":"LINUX32"})", ENOTSUP, "linux.personality",

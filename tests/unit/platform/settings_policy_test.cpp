@@ -159,6 +159,8 @@ constexpr Case kCases[] = {
     {"GroupOfSystemd", "linux", R"("cgroupsPath":"system.slice:a:b")", "linux.cgroupsPath",
      "is not below /zarnel/"},
     {"FewerProcesses", "linux", R"("resources":{"pids":{"limit":4096}})", nullptr, nullptr},
+    {"ControlFiles", "linux", R"("resources":{"unified":{"pids.max":"1"}})",
+     "linux.resources.unified", "may raise any limit of the group"},
     {"MoreProcesses", "linux", R"("resources":{"pids":{"limit":4097}})",
      "linux.resources.pids.limit", "is higher than 4096"},
     {"UnlimitedProcesses", "linux", R"("resources":{"pids":{"limit":-1}})",

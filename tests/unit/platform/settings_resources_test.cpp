@@ -258,6 +258,16 @@ TEST(SettingsResources, EmptyValuesAskForNothing)
     resources(R"("network":{},"rdma":{},"unified":{})");
 }
 
+TEST(SettingsResources, ControlFilesAreReadByName)
+{
+    const zn::Resources limits =
+        resources(R"("unified":{"memory.high":"1048576","io.max":"8:0 rbps=1"})");
+    ASSERT_EQ(limits.unified.size(), 2U);
+    EXPECT_STREQ(limits.unified[0].name.get(), "memory.high");
+    EXPECT_STREQ(limits.unified[0].value.get(), "1048576");
+    EXPECT_STREQ(limits.unified[1].value.get(), "8:0 rbps=1");
+}
+
 constexpr Refusal kRules[] = {
     {"NoAllow", "linux", R"("resources":{"devices":[{"access":"rwm"}]})", EINVAL,
      "linux.resources.devices[0].allow", "is missing"},
@@ -279,8 +289,12 @@ constexpr Refusal kRules[] = {
      "linux.resources.network", "is not supported"},
     {"Rdma", "linux", R"("resources":{"rdma":{"mlx":{"hcaHandles":1}}})", ENOTSUP,
      "linux.resources.rdma", "is not supported"},
-    {"Unified", "linux", R"("resources":{"unified":{"memory.high":"1"}})", ENOTSUP,
-     "linux.resources.unified", "is not supported"},
+    {"UnifiedElsewhere", "linux", R"("resources":{"unified":{"../pids.max":"1"}})", EINVAL,
+     "linux.resources.unified.../pids.max", "not the name of a control file"},
+    {"UnifiedParent", "linux", R"("resources":{"unified":{"..":"1"}})", EINVAL,
+     "linux.resources.unified...", "not the name of a control file"},
+    {"UnifiedNumber", "linux", R"("resources":{"unified":{"pids.max":1}})", EINVAL,
+     "linux.resources.unified.pids.max", "not a string"},
     {"Unknown", "linux", R"("resources":{"gpu":{}})", EINVAL, "linux.resources.gpu", "is unknown"},
 };
 REFUSED_SETTINGS(Resources, kRules);
