@@ -41,6 +41,24 @@ void read_list(const Json& object, const char* key, const std::string& where, Te
     }
 }
 
+void read_ids(const Json& object, const char* key, const std::string& where,
+              std::vector<ZN_ENGINE_IDS>& ids)
+{
+    const Json* value = zncctl::member(object, key);
+    if (value == nullptr || value->is_null())
+        return;
+    if (!value->is_array())
+        throw Failure(fmt::format("{}.{}: not an array", where, key));
+    const auto id = [&](const Json& one, const char* name, std::int64_t least) {
+        const auto number = zncctl::integer(zncctl::member(one, name));
+        if (!number || *number < least || *number > UINT32_MAX)
+            throw Failure(fmt::format("{}.{}: {} is no number of ids", where, key, name));
+        return static_cast<std::uint32_t>(*number);
+    };
+    for (const Json& one : *value)
+        ids.push_back({id(one, "containerID", 0), id(one, "hostID", 0), id(one, "size", 1)});
+}
+
 std::string real_path(const std::string& path, const char* what)
 {
     char resolved[PATH_MAX];
@@ -227,9 +245,8 @@ void Bundle::read_mounts()
         mount.type = optional_text(one, "type", where);
         mount.source = optional_text(one, "source", where);
         read_list(one, "options", where, mount.options);
-        for (const char* key : {"uidMappings", "gidMappings"})
-            if (const Json* value = zncctl::member(one, key); value != nullptr && !value->empty())
-                throw Failure(fmt::format("{}.{}: not supported", where, key));
+        read_ids(one, "uidMappings", where, mount.uids);
+        read_ids(one, "gidMappings", where, mount.gids);
         bool bind = mount.type == "bind";
         for (const std::string& option : mount.options.texts())
             bind = bind || option == "bind" || option == "rbind";
@@ -238,7 +255,9 @@ void Bundle::read_mounts()
     }
     for (const Mount& mount : mounts_)
         table_.push_back({mount.source.c_str(), mount.destination.c_str(),
-                          mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get()});
+                          mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get(),
+                          mount.uids.data(), mount.uids.size(), mount.gids.data(),
+                          mount.gids.size()});
 }
 
 Json Bundle::annotations() const

@@ -71,6 +71,8 @@ class Bundle {
         std::string destination;
         std::string type;
         TextList options;
+        std::vector<ZN_ENGINE_IDS> uids;
+        std::vector<ZN_ENGINE_IDS> gids;
     };
     void read_root();
     void read_mounts();

@@ -19,14 +19,16 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
     json["ociVersionMax"] = kSpecification;
     json["hooks"] = {"prestart",       "createRuntime", "createContainer",
                      "startContainer", "poststart",     "poststop"};
-    json["mountOptions"] = {
-        "atime",       "bind",        "defaults",    "dev",       "diratime",   "exec",
-        "noatime",     "nodev",       "nodiratime",  "noexec",    "norelatime", "nostrictatime",
-        "nosuid",      "nosymfollow", "private",     "rbind",     "relatime",   "ro",
-        "rprivate",    "rro",         "rrw",         "rnosuid",   "rnodev",     "rnoexec",
-        "rshared",     "rslave",      "runbindable", "rw",        "shared",     "slave",
-        "strictatime", "suid",        "symfollow",   "tmpcopyup", "unbindable"};
-    json["linux"]["namespaces"] = {"cgroup", "ipc", "mount", "network", "pid", "uts"};
+    json["mountOptions"] = {"atime",     "bind",        "defaults",      "dev",       "diratime",
+                            "exec",      "idmap",       "noatime",       "nodev",     "nodiratime",
+                            "noexec",    "norelatime",  "nostrictatime", "nosuid",    "nosymfollow",
+                            "private",   "rbind",       "relatime",      "ro",        "rprivate",
+                            "rro",       "rrw",         "rnosuid",       "rnodev",    "rnoexec",
+                            "rshared",   "rslave",      "runbindable",   "rw",        "shared",
+                            "slave",     "strictatime", "suid",          "symfollow", "tmpcopyup",
+                            "unbindable"};
+    json["linux"]["namespaces"] = {"cgroup", "ipc",  "mount", "network",
+                                   "pid",    "time", "user",  "uts"};
     json["linux"]["cgroup"] = {
         {"v1", true}, {"v2", true}, {"systemd", false}, {"systemdUser", false}, {"rdma", false}};
     json["linux"]["seccomp"] = {
@@ -39,6 +41,7 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
           "SCMP_CMP_MASKED_EQ", "SCMP_CMP_NE"}}};
     json["linux"]["apparmor"] = {{"enabled", true}};
     json["linux"]["selinux"] = {{"enabled", true}};
+    json["linux"]["mountExtensions"]["idmap"] = {{"enabled", true}};
     json["linux"]["intelRdt"] = {{"enabled", false}};
     return znc::write_all(STDOUT_FILENO, zncctl::pretty(json)) ? 0 : 1;
 }

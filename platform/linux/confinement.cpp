@@ -31,6 +31,25 @@ bool append_labels(const Settings& settings, List<Text>& texts)
             append_label(texts, "exec", "", settings.selinuxLabel));
 }
 
+// The line of one clock for /proc/self/timens_offsets; none if it is not given.
+int offset_line(char* text, std::size_t size, const char* clock, const TimeOffset& offset)
+{
+    return !offset.given
+               ? 0
+               : std::snprintf(text, size, "%s %lld %u\n", clock,
+                               static_cast<long long>(offset.seconds), offset.nanoseconds);
+}
+
+bool append_offsets(const Settings& settings, List<Text>& texts)
+{
+    char text[128] = {};
+    const int len = offset_line(text, sizeof text, "monotonic", settings.monotonic);
+    offset_line(text + len, sizeof text - static_cast<std::size_t>(len), "boottime",
+                settings.boottime);
+    auto copy = znc::copy_text(text);
+    return copy && texts.append(std::move(copy)) != nullptr;
+}
+
 bool apparmor_enabled()
 {
     const znc::UniqueFd file(
@@ -93,6 +112,10 @@ znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings&
     if (!append_labels(settings, entries))
         return nullptr;
     rules.labels = (static_cast<std::uint32_t>(entries.size()) - rules.entries) / 2;
+    const bool hasOffsets = settings.monotonic.given || settings.boottime.given;
+    if (hasOffsets && !append_offsets(settings, entries))
+        return nullptr;
+    rules.offsets = hasOffsets ? 1 : 0;
     rules.ranges = static_cast<std::uint32_t>(settings.uidMappings.size());
     rules.limits = static_cast<std::uint32_t>(settings.rlimits.size());
     rules.filter = static_cast<std::uint32_t>(filter.size());

@@ -27,11 +27,24 @@ extern "C" {
 #define ZN_ENGINE_REASON_MAX 512
 #define ZN_ENGINE_DESCRIPTORS_MAX 240 /* that a program gets besides the standard streams */
 
+/* `count` ids from `inside` up are those from `outside` up. */
+typedef struct znEngineIds {
+    uint32_t inside;
+    uint32_t outside;
+    uint32_t count;
+} ZN_ENGINE_IDS;
+
 typedef struct znEngineMount {
     const char* source; /* NULL: none. Of a bind: an absolute host path */
     const char* destination;
     const char* type;           /* NULL: none */
     const char* const* options; /* NULL-terminated */
+    /* Of a bind: ids of files and those that they are shown with. None: with the option "idmap" or
+     * "ridmap", those of the container's user namespace. */
+    const ZN_ENGINE_IDS* uids;
+    size_t uidCount;
+    const ZN_ENGINE_IDS* gids;
+    size_t gidCount;
 } ZN_ENGINE_MOUNT;
 
 /* A program. It gets the caller's standard streams, or a terminal. */

@@ -4,6 +4,7 @@
 
 #include "cgroup/cgroup.hpp"
 #include "engine_creation.hpp"
+#include "engine_join.hpp"
 #include "engine_socket.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
@@ -26,10 +27,13 @@ Creation::~Creation()
     if (kept_)
         return;
     const znc::ErrnoSaver keep;
-    if (first_.pid() > 0) {
-        process_signal(first_.pidfd(), SIGKILL);
-        process_reap(first_.pidfd());
-    }
+    // The first process of a PID namespace ends after all others that have been reaped.
+    for (const Keeper* process : {&maker_, &first_})
+        if (process->pid() > 0)
+            process_signal(process->pidfd(), SIGKILL);
+    for (const Keeper* process : {&maker_, &first_})
+        if (process->pid() > 0)
+            process_reap(process->pidfd());
     start_socket_remove(plan_.directory);
     if (hasGroup_)
         cgroup_remove(plan_.group);
@@ -48,19 +52,6 @@ int Creation::make_group()
                              field != nullptr ? field : "");
 }
 
-// Makes the PID namespace of the configuration that of the caller's next child.
-int Creation::open_pid_namespace(UniqueFd& own)
-{
-    if (settings_.from(NsKind::kPid) != NsChoice::From::kPath)
-        return 0;
-    const char* path = settings_.path(NsKind::kPid);
-    own.reset(::open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC));
-    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (!own || !file || ::setns(file.get(), CLONE_NEWPID) != 0)
-        return reason_.say_errno(errno, "linux.namespaces: %s", path);
-    return 0;
-}
-
 int Creation::launch()
 {
     const UniqueFd file = helper_file();
@@ -68,13 +59,15 @@ int Creation::launch()
     const UniqueFd start = record ? start_socket_make(plan_.directory) : UniqueFd();
     if (!file || !record || !start)
         return reason_.say_errno(errno, "cannot prepare the first process");
-    UniqueFd own;
-    int error = open_pid_namespace(own);
+    if (const int error = user_.open(settings_.settings()); error != 0)
+        return reason_.say_errno(error, "linux.namespaces: user");
+    // Children are created in the namespaces that are joined here.
+    JoinedNamespaces joined;
+    int error = joined.enter(settings_, reason_);
     if (error == 0)
         error = launch_with(file, record, start);
-    if (own && ::setns(own.get(), CLONE_NEWPID) != 0 && error == 0)
-        error = reason_.say_errno(errno, "cannot leave the PID namespace");
-    return error;
+    const int left = joined.leave();
+    return error != 0 ? error : reason_.say_errno(left, "cannot leave the namespaces");
 }
 
 int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const UniqueFd& start)
@@ -92,7 +85,8 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kInitName, plan_.program) ||
-        !fds.make(plan_.program, {theirs.get(), writer.get(), record.get(), start.get()}))
+        !fds.make(plan_.program,
+                  {theirs.get(), writer.get(), record.get(), start.get(), user_.get()}))
         return reason_.say_errno(errno, "the program's arguments");
     UniqueFd pidfd;
     const pid_t pid = launch_helper({file.get(), settings_.clone_flags() | SIGCHLD, fds.all(),
@@ -102,13 +96,22 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     if (pid < 0)
         return reason_.say_errno(errno, "cannot create the container's first process");
     control_.reset(::fcntl(ours.get(), F_DUPFD_CLOEXEC, 0));
-    const bool good = static_cast<bool>(control_);
+    if (!control_)
+        return reason_.say_errno(errno, "descriptors");
+    if (settings_.created_flags() != 0)
+        return adopt_created(pid, std::move(pidfd), std::move(ours), first_);
     first_.adopt(pid, std::move(pidfd), std::move(ours));
-    return good ? 0 : reason_.say_errno(errno, "descriptors");
+    return 0;
 }
 
 int Creation::ask(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
                   std::uint64_t* value)
+{
+    return ask(maker(), request, texts, descriptor, value);
+}
+
+int Creation::ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts,
+                  int descriptor, std::uint64_t* value)
 {
     char text[8192];
     std::size_t len = 0;
@@ -121,7 +124,7 @@ int Creation::ask(wire::Request request, std::initializer_list<const char*> text
         request.textCount++;
     }
     request.textLen = static_cast<std::uint32_t>(len);
-    return explain(first_.ask(request, {text, len}, descriptor, value, kAnswerWait));
+    return explain(process.ask(request, {text, len}, descriptor, value, kAnswerWait));
 }
 
 // If the process has ended, its report says why.
@@ -134,26 +137,10 @@ int Creation::explain(int error)
     return reason_.say_program(report.value, report.kind, plan_.program.argv[0], plan_.program.cwd);
 }
 
-int Creation::join()
-{
-    for (const EngineNamespace& one : kEngineNamespace) {
-        if (settings_.from(one.kind) != NsChoice::From::kPath)
-            continue;
-        const char* path = settings_.path(one.kind);
-        const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-        wire::Request request = request_of(wire::Op::kJoin);
-        request.value = one.flag;
-        const int error = file ? ask(request, {}, file.get()) : errno;
-        if (error != 0)
-            return reason_.say_errno(error, "linux.namespaces: %s: %s", one.name, path);
-    }
-    return 0;
-}
-
-int Creation::find_program()
+int Creation::find_program(Keeper& process)
 {
     std::uint64_t what = 0;
-    const int error = ask(request_of(wire::Op::kFind), {}, -1, &what);
+    const int error = ask(process, request_of(wire::Op::kFind), {}, -1, &what);
     return error == 0 ? 0
                       : reason_.say_program(error, static_cast<wire::SpawnReport::Kind>(what),
                                             plan_.program.argv[0], plan_.program.cwd);
@@ -170,28 +157,30 @@ int Creation::run()
         error = make_group();
     if (error == 0)
         error = launch();
-    if (error == 0)
-        error = join();
+    if (error == 0 && user_)
+        error = launch_maker();
     if (error == 0)
         error = pivot();
     if (error == 0)
         error = mount_all();
     if (error == 0)
         error = make_devices();
-    if (error == 0)
+    if (error == 0 && !user_)
         error = make_terminal();
     if (error == 0)
         error = set_parameters();
     if (error == 0)
         error = run_hooks();
     if (error == 0)
-        error = find_program();
+        error = find_program(maker());
     if (error == 0)
         error = restrict_paths(wire::Op::kReadOnly, wanted.readonlyPaths, "linux.readonlyPaths");
     if (error == 0)
         error = restrict_paths(wire::Op::kHide, wanted.maskedPaths, "linux.maskedPaths");
     if (error == 0 && wanted.rootReadonly)
         error = reason_.say_errno(ask(request_of(wire::Op::kReadOnly), {"/"}), "root.readonly");
+    if (error == 0 && user_)
+        error = enter_own_mounts();
     return error;
 }
 
@@ -200,6 +189,8 @@ int Creation::keep(ZN_ENGINE_PROCESS& process)
     process.pid = first_.pid();
     process.startTime = process_start_time(first_.pid());
     kept_ = true;
+    if (maker_.pid() > 0)
+        process_reap(maker_.pidfd());
     return control_.release();
 }
 

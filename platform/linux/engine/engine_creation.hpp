@@ -7,6 +7,7 @@
 #include "engine_mount.hpp"
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
+#include "engine_user.hpp"
 #include "keeper_link.hpp"
 #include "zarnel/engine.h"
 
@@ -39,28 +40,36 @@ class Creation {
 
   private:
     int make_group();
-    int open_pid_namespace(znc::UniqueFd& own);
     int launch();
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
                     const znc::UniqueFd& start);
+    int adopt_created(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket, Keeper& process);
+    int launch_maker();
+    int enter_own_mounts();
+    int set_limits();
+    // Who makes the root: with a user namespace a process that has the rights of the host.
+    Keeper& maker() { return user_ ? maker_ : first_; }
     int ask(wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
+    int ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts = {},
+            int descriptor = -1, std::uint64_t* value = nullptr);
     int explain(int error);
-    int join();
     int pivot();
     [[nodiscard]] std::uint64_t shared_propagation() const;
     int run_hooks();
     int mount_all();
+    int choose_owners(const ZN_ENGINE_MOUNT& mount, EngineMount& wanted, znc::UniqueFd& own);
     bool label(EngineMount& wanted) const;
     int mount_one(const ZN_ENGINE_MOUNT& mount);
     int attach(int mount, const char* destination);
     int mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
     int mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int make_device(const Device& device);
     int make_devices();
     int make_terminal();
     int set_parameters();
     int restrict_paths(wire::Op op, const List<Text>& paths, const char* field);
-    int find_program();
+    int find_program(Keeper& process);
 
     const ZN_ENGINE_PLAN& plan_;
     Reason& reason_;
@@ -68,7 +77,9 @@ class Creation {
     znc::UniqueFd root_;
     znc::UniqueFd report_;
     znc::UniqueFd control_; // a second descriptor of the socket, for keep()
+    EngineUser user_;
     Keeper first_;
+    Keeper maker_;
     bool hasGroup_ = false;
     bool kept_ = false;
 };

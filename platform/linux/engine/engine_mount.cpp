@@ -69,12 +69,18 @@ int engine_mount_read(const ZN_ENGINE_MOUNT& mount, EngineMount& out, const char
 {
     out.plan.type = mount.type;
     out.plan.bind = equals(mount.type, "bind");
+    out.plan.mapped = mount.uidCount != 0 || mount.gidCount != 0;
     for (const char* const* at = mount.options; at != nullptr && *at != nullptr; at++) {
         const bool isBind = equals(*at, "bind") || equals(*at, "rbind");
         out.plan.bind = out.plan.bind || isBind;
         out.plan.recursive = out.plan.recursive || equals(*at, "rbind");
         if (isBind || is_silent(*at) || mount_plan_take(*at, out.plan) || take_whole(*at, out))
             continue;
+        if (equals(*at, "idmap") || equals(*at, "ridmap")) {
+            out.plan.mapped = true;
+            out.mappedWhole = equals(*at, "ridmap");
+            continue;
+        }
         if (equals(*at, "tmpcopyup") && equals(mount.type, "tmpfs")) {
             out.copyUp = true;
             continue;
@@ -135,7 +141,13 @@ bool engine_mount_seal(int mount, const EngineMount& wanted)
     whole.propagation = MS_PRIVATE;
     if (wanted.plan.propagation != 0)
         whole.propagation = wanted.plan.propagation;
-    return set_attributes(mount, attr, 0) && set_attributes(mount, whole, AT_RECURSIVE);
+    mount_attr owners = {};
+    if (wanted.plan.mapped) {
+        owners.attr_set = MOUNT_ATTR_IDMAP;
+        owners.userns_fd = static_cast<std::uint64_t>(wanted.owners);
+    }
+    return set_attributes(mount, owners, wanted.mappedWhole ? AT_RECURSIVE : 0) &&
+           set_attributes(mount, attr, 0) && set_attributes(mount, whole, AT_RECURSIVE);
 }
 
 UniqueFd engine_mount_make(const EngineMount& mount, const char* source, int root,

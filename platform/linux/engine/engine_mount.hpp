@@ -16,6 +16,8 @@ struct EngineMount {
     MountPlan plan;  // the attributes of the mount itself
     MountPlan whole; // those of the mounts below it, too
     bool copyUp = false;
+    bool mappedWhole = false; // owners are mapped in the mounts below it, too
+    int owners = -1;          // user namespace whose owners the mount shows, if plan.mapped
 };
 
 // Reads type and options. 0, or EINVAL with `option` set to what is unknown.

@@ -84,7 +84,7 @@ int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wante
     std::memcpy(text + len, wanted.plan.options, wanted.plan.optionsLen);
     request.textLen = static_cast<std::uint32_t>(len + wanted.plan.optionsLen);
     request.textCount = 2 + (hasSource ? 1 : 0) + wanted.plan.optionCount;
-    return explain(first_.ask(request, {text, request.textLen}, -1, nullptr, kAnswerWait));
+    return explain(maker().ask(request, {text, request.textLen}, -1, nullptr, kAnswerWait));
 }
 
 int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
@@ -113,6 +113,48 @@ bool Creation::label(EngineMount& wanted) const
            mount_plan_keep(option, wanted.plan);
 }
 
+namespace {
+
+int add_ids(const ZN_ENGINE_IDS* ids, std::size_t count, List<IdMapping>& mappings)
+{
+    for (std::size_t i = 0; i < count; i++)
+        if (mappings.append({ids[i].inside, ids[i].outside, ids[i].count}) == nullptr)
+            return ENOMEM;
+    return 0;
+}
+
+} // namespace
+
+// The owners that a mount shows: those of its own mappings or of the container.
+int Creation::choose_owners(const ZN_ENGINE_MOUNT& mount, EngineMount& wanted, UniqueFd& own)
+{
+    if (!wanted.plan.mapped)
+        return 0;
+    const char* at = mount.destination;
+    if (!wanted.plan.bind)
+        return reason_.say(ENOTSUP, "mounts: %s: only binds can have other owners", at);
+    wanted.owners = user_.get();
+    if (mount.uidCount == 0 && mount.gidCount == 0)
+        return user_ ? 0
+                     : reason_.say(EINVAL, "mounts: %s: needs mappings or a user namespace", at);
+    if (mount.uidCount == 0 || mount.gidCount == 0)
+        return reason_.say(EINVAL, "mounts: %s: needs both uidMappings and gidMappings", at);
+    List<IdMapping> uids;
+    List<IdMapping> gids;
+    UserNamespace mapping;
+    int error = add_ids(mount.uids, mount.uidCount, uids);
+    if (error == 0)
+        error = add_ids(mount.gids, mount.gidCount, gids);
+    if (error == 0)
+        error = mapping.start(uids, gids, 0);
+    if (error == 0) {
+        own = mapping.open_namespace();
+        error = own ? 0 : errno;
+    }
+    wanted.owners = own.get();
+    return reason_.say_errno(error, "mounts: %s: uidMappings, gidMappings", at);
+}
+
 int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
 {
     EngineMount wanted;
@@ -120,6 +162,13 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
     int error = engine_mount_read(mount, wanted, &option);
     if (error != 0)
         return reason_.say(error, "mounts: %s: unknown option \"%s\"", mount.destination, option);
+    UniqueFd owners;
+    error = choose_owners(mount, wanted, owners);
+    if (error != 0)
+        return error;
+    error = user_.map_options(wanted.plan);
+    if (error != 0)
+        return reason_.say_errno(error, "mounts: %s: owner", mount.destination);
     if (!label(wanted))
         return reason_.say_errno(ENAMETOOLONG, "linux.mountLabel");
     const char* source = mount.source != nullptr ? mount.source : "";
@@ -162,6 +211,13 @@ bool binds_dev(const ZN_ENGINE_PLAN& plan)
 
 } // namespace
 
+int Creation::make_device(const Device& device)
+{
+    const auto uid = user_.host_uid(device.uid);
+    const auto gid = user_.host_gid(device.gid);
+    return uid && gid ? explain(keeper_make_device(maker(), device, *uid, *gid)) : EINVAL;
+}
+
 int Creation::make_devices()
 {
     static constexpr struct {
@@ -178,13 +234,13 @@ int Creation::make_devices()
         return 0;
     for (const auto& node : kNodes) {
         wire::Request request = request_of(wire::Op::kDevice);
-        request.node = {S_IFCHR | 0666, node.major, node.minor, 0, 0};
+        request.node = {S_IFCHR | 0666, node.major, node.minor, user_.host_uid(0).value_or(0),
+                        user_.host_gid(0).value_or(0)};
         if (const int error = ask(request, {node.path}); error != 0)
             return reason_.say_errno(error, "cannot create %s", node.path);
     }
     for (const Device& device : settings_.settings().devices)
-        if (const int error = explain(keeper_make_device(first_, device, device.uid, device.gid));
-            error != 0)
+        if (const int error = make_device(device); error != 0)
             return reason_.say_errno(error, "linux.devices: %s", device.path.get());
     for (const auto& link : kLinks)
         if (const int error = ask(request_of(wire::Op::kLink), {link[0], link[1]}); error != 0)
@@ -199,13 +255,14 @@ int Creation::make_terminal()
     wire::Request request = request_of(wire::Op::kTerminal);
     request.value =
         std::uint64_t{plan_.program.rows & 0xffff} << 16U | (plan_.program.columns & 0xffff);
-    return reason_.say_errno(ask(request, {}, plan_.program.console), "cannot provide a terminal");
+    return reason_.say_errno(ask(first_, request, {}, plan_.program.console),
+                             "cannot provide a terminal");
 }
 
 int Creation::set_parameters()
 {
     for (const Sysctl& parameter : settings_.settings().sysctl)
-        if (const int error = explain(keeper_set_parameter(first_, parameter)); error != 0)
+        if (const int error = explain(keeper_set_parameter(maker(), parameter)); error != 0)
             return reason_.say_errno(error, "linux.sysctl: %s", parameter.key.get());
     return 0;
 }
@@ -220,7 +277,7 @@ int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* f
         const std::size_t size = i < paths.size() ? std::strlen(paths[i].get()) + 1 : sizeof text;
         if (size > sizeof text - len && request.textCount > 0) {
             request.textLen = static_cast<std::uint32_t>(len);
-            const int error = explain(first_.ask(request, {text, len}, -1, nullptr, kAnswerWait));
+            const int error = explain(maker().ask(request, {text, len}, -1, nullptr, kAnswerWait));
             if (error != 0)
                 return reason_.say_errno(error, "%s", field);
             request.textCount = 0;

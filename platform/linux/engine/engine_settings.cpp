@@ -4,6 +4,7 @@
 #include "cgroup/cgroup.hpp"
 #include "confinement.hpp"
 #include "ns_kinds.hpp"
+#include "ns_user.hpp"
 #include "settings/seccomp.hpp"
 
 #include <cerrno>
@@ -18,7 +19,8 @@ const EngineNamespace kEngineNamespace[kEngineNamespaces] = {
     {NsKind::kIpc, CLONE_NEWIPC, "ipc"},
     {NsKind::kUts, CLONE_NEWUTS, "uts"},
     {NsKind::kCgroup, CLONE_NEWCGROUP, "cgroup"},
-    {NsKind::kNetwork, CLONE_NEWNET, "network"}};
+    {NsKind::kNetwork, CLONE_NEWNET, "network"},
+    {NsKind::kTime, CLONE_NEWTIME, "time"}};
 
 namespace {
 
@@ -65,16 +67,19 @@ const char* EngineSettings::path(NsKind kind) const
 
 int EngineSettings::check(SettingsFault& fault) const
 {
-    if (from(NsKind::kUser) != NsChoice::From::kHost)
-        return refuse(fault, "linux.namespaces", "user namespaces are not supported");
-    if (from(NsKind::kTime) != NsChoice::From::kHost)
-        return refuse(fault, "linux.namespaces", "time namespaces are not supported");
+    if (from(NsKind::kUser) == NsChoice::From::kNew) {
+        if (!mapped_id(settings_.uidMappings, 0))
+            return refuse(fault, "linux.uidMappings", "the container's user 0 must be mapped");
+        if (!mapped_id(settings_.gidMappings, 0))
+            return refuse(fault, "linux.gidMappings", "the container's group 0 must be mapped");
+    }
     return labels_check(settings_, fault);
 }
 
 int EngineSettings::read(const char* document, SettingsFault& fault)
 {
     int error = settings_read(document, settings_, fault);
+    hasUsers_ = from(NsKind::kUser) != NsChoice::From::kHost;
     if (error == 0)
         error = check(fault);
     if (error != 0 || !settings_.seccomp.given)
@@ -88,15 +93,38 @@ int EngineSettings::read(const char* document, SettingsFault& fault)
     return error;
 }
 
-unsigned long EngineSettings::clone_flags() const
+unsigned long EngineSettings::new_namespaces() const
 {
-    unsigned long flags = CLONE_NEWNS;
-    if (from(NsKind::kPid) == NsChoice::From::kNew)
-        flags |= CLONE_NEWPID;
+    unsigned long flags = from(NsKind::kPid) == NsChoice::From::kNew ? CLONE_NEWPID : 0;
     for (const EngineNamespace& one : kEngineNamespace)
-        if (from(one.kind) == NsChoice::From::kNew && one.kind != NsKind::kCgroup)
+        if (from(one.kind) == NsChoice::From::kNew)
             flags |= one.flag;
     return flags;
+}
+
+unsigned long EngineSettings::clone_flags() const
+{
+    constexpr auto kLater = static_cast<unsigned long>(CLONE_NEWCGROUP);
+    return CLONE_NEWNS | (created_flags() != 0 ? 0 : new_namespaces() & ~kLater);
+}
+
+unsigned long EngineSettings::created_flags() const
+{
+    // Without new namespaces a process is still created: the mark is no flag of a namespace.
+    constexpr unsigned long kNone = CLONE_PARENT;
+    const unsigned long flags = new_namespaces();
+    const bool second = hasUsers_ || (flags & CLONE_NEWTIME) != 0;
+    return second ? flags | kNone : 0;
+}
+
+int EngineSettings::set_users(const List<IdMapping>& uids)
+{
+    hasUsers_ = true;
+    settings_.uidMappings = {};
+    for (const IdMapping& one : uids)
+        if (settings_.uidMappings.append(one) == nullptr)
+            return ENOMEM;
+    return 0;
 }
 
 int EngineSettings::complete_devices()
@@ -127,6 +155,8 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join) const
     }
     wire::Confinement rules = {};
     rules.namespaces = join;
+    rules.user = hasUsers_ ? 1 : 0;
+    rules.created = join == 0 ? created_flags() : 0;
     rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;
     rules.ownNetwork = join == 0 && from(NsKind::kNetwork) == NsChoice::From::kNew ? 1 : 0;
     rules.filterFlags = filterFlags_;

@@ -16,8 +16,8 @@ struct EngineNamespace {
     unsigned long flag;
     const char* name;
 };
-// Those that are created or joined one by one. The mount and PID namespaces are not among them.
-inline constexpr unsigned kEngineNamespaces = 4;
+// Those that may be created or joined besides the mount, PID and user namespaces.
+inline constexpr unsigned kEngineNamespaces = 5;
 extern const EngineNamespace kEngineNamespace[kEngineNamespaces];
 
 class EngineSettings {
@@ -29,8 +29,13 @@ class EngineSettings {
     [[nodiscard]] NsChoice::From from(NsKind kind) const;
     [[nodiscard]] const char* path(NsKind kind) const;
 
-    // The CLONE_NEW flags of the first process; its cgroup namespace is made later.
+    // The CLONE_NEW flags with which the helper is started. Its cgroup namespace is made later.
     [[nodiscard]] unsigned long clone_flags() const;
+    // Those of a second process, which is created in a user or time namespace; 0: there is none.
+    [[nodiscard]] unsigned long created_flags() const;
+
+    // Makes the programs those of a user namespace with these mappings.
+    int set_users(const List<IdMapping>& uids);
 
     // The rules of devices, which always include those that every container has.
     int complete_devices();
@@ -43,10 +48,12 @@ class EngineSettings {
 
   private:
     int check(SettingsFault& fault) const;
+    [[nodiscard]] unsigned long new_namespaces() const;
 
     Settings settings_;
     List<wire::FilterCode> filter_;
     unsigned filterFlags_ = 0;
+    bool hasUsers_ = false;
 };
 
 } // namespace zn

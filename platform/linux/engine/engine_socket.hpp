@@ -35,11 +35,11 @@ class ProgramArguments {
     znc::MallocPtr<char*[]> argv_;
 };
 
-// The helper's descriptors: the standard streams, four of its own, those of the program.
+// The helper's descriptors: the standard streams, five of its own, those of the program.
 class ProgramDescriptors {
   public:
-    // The four are those from kInitSocket to kInitStart. EINVAL if there are too many.
-    bool make(const ZN_ENGINE_PROGRAM& program, std::array<int, 4> own);
+    // The five are those from kInitSocket to kInitUser. EINVAL if there are too many.
+    bool make(const ZN_ENGINE_PROGRAM& program, std::array<int, 5> own);
     [[nodiscard]] std::span<const LaunchFd> all() const { return {fds_.data(), count_}; }
 
   private:

@@ -5,6 +5,7 @@
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
 #include "engine_socket.hpp"
+#include "engine_user.hpp"
 #include "system/pidfd.hpp"
 
 #include <cerrno>
@@ -21,8 +22,8 @@ using znc::UniqueFd;
 
 // The namespaces that a further program joins. Those that the container shares with the host are
 // joined, too, which changes nothing.
-constexpr unsigned long kJoined =
-    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET | CLONE_NEWCGROUP;
+constexpr unsigned long kJoined = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS |
+                                  CLONE_NEWNET | CLONE_NEWCGROUP | CLONE_NEWTIME;
 
 struct Outcome {
     pid_t pid = -1;
@@ -71,7 +72,7 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kEntrantName, program, unconfined) ||
-        !fds.make(program, {process, writer.get(), record, program.console}))
+        !fds.make(program, {-1, writer.get(), record, program.console, process}))
         return errno;
     UniqueFd pidfd;
     const pid_t helper =
@@ -86,17 +87,30 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     return 0;
 }
 
+// The user namespace is that of the process: the configuration may have changed since.
+int take_users(pid_t pid, EngineSettings& settings)
+{
+    bool own = false;
+    List<IdMapping> uids;
+    int error = has_own_users(pid, own);
+    if (error == 0 && own)
+        error = mappings_read(pid, "uid_map", uids);
+    return error == 0 && own ? settings.set_users(uids) : error;
+}
+
 // Runs a program in the container. 0 or an error number, with the reason said.
-int enter(const ZN_ENGINE_PROCESS& process, const EngineSettings& settings, const char* group,
+int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char* group,
           const ZN_ENGINE_PROGRAM& program, bool unconfined, pid_t* pid, Reason& said)
 {
     const UniqueFd first = engine_process_open(process);
     if (!first)
         return said.say(ESRCH, "container not running");
-    const UniqueFd record = settings.record(group, kJoined);
+    int error = unconfined ? 0 : take_users(process.pid, settings);
+    const UniqueFd record = error == 0 ? settings.record(group, kJoined) : UniqueFd();
     Outcome outcome;
-    const int error =
-        record ? launch_entrant(program, unconfined, first.get(), record.get(), outcome) : errno;
+    if (error == 0)
+        error = record ? launch_entrant(program, unconfined, first.get(), record.get(), outcome)
+                       : errno;
     if (error != 0)
         return said.say_errno(error, "cannot start a process");
     if (outcome.error == 0 && outcome.pid > 0) {

@@ -39,9 +39,11 @@ inline bool text_equal(const char* a, const char* b)
 [[noreturn]] void spawner_run(char** argv, char** envp);
 [[noreturn]] void holder_run();
 
-// The processes of an engine's container (init.cpp): the first one, and one that joins it.
+// The processes of an engine's container (init.cpp): the first one, one that joins it, and one that
+// makes its root with the rights of the host.
 [[noreturn]] void init_run(char** argv, char** envp);
 [[noreturn]] void entrant_run(char** argv, char** envp);
+[[noreturn]] void maker_run(char** argv, char** envp);
 
 // Unless stated otherwise, these functions return 0 or an error number.
 
@@ -61,6 +63,10 @@ int replace_null_streams();
 // Replaces the host's tree by one that contains only an empty directory "/proc", to be copied for
 // other keepers (keeper_root.cpp).
 int root_leave();
+
+// A process that joins a mount namespace gets the root of its topmost mount as "/". This process
+// has another root if its owner is in a chroot, and then gets that root, too (keeper_root.cpp).
+int chroot_leave();
 
 // Makes the detached tree the root of this mount namespace and nothing else (keeper_root.cpp).
 int root_pivot(int tree);

@@ -173,13 +173,30 @@ int protect_all(const Incoming& in)
     return error;
 }
 
+// The copy belongs to the user namespace of this process. What was mounted in the original, with
+// the rights of the host, cannot be undone in it: the kernel locks mounts that cross user
+// namespaces, and their flags.
+int own_mounts(const Incoming& in)
+{
+    int error = error_of(sys::call(__NR_unshare, CLONE_NEWNS));
+    if (error == 0)
+        error = error_of(sys::call(__NR_chdir, sys::arg("/")));
+    struct statx st = {};
+    if (error == 0)
+        error =
+            error_of(sys::call(__NR_statx, AT_FDCWD, sys::arg("/"), 0, STATX_INO, sys::arg(&st)));
+    // This process must have got the new root when another one changed the root.
+    const std::uint64_t device = std::uint64_t{st.stx_dev_major} << 32 | st.stx_dev_minor;
+    if (error == 0 && (st.stx_ino != in.request.value || device != in.request.attributes))
+        error = EXDEV;
+    return error;
+}
+
 int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoot,
           std::uint64_t* value)
 {
     const char* first = in.text;
     switch (in.request.op) {
-    case wire::Op::kJoin:
-        return namespace_join(descriptor, in.request.value);
     case wire::Op::kPivot:
         return pivot_root(in, descriptor, hostRoot);
     case wire::Op::kSwitch:
@@ -198,6 +215,10 @@ int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoo
         return hide_all(in);
     case wire::Op::kReadOnly:
         return protect_all(in);
+    case wire::Op::kOwner:
+        return owner_set(in.request.node.uid, in.request.node.gid);
+    case wire::Op::kOwnMounts:
+        return own_mounts(in);
     case wire::Op::kTerminal:
         return terminal_provide(descriptor, in.request.value, true);
     case wire::Op::kFind:
@@ -267,6 +288,62 @@ void initialize()
 
 } // namespace
 
+namespace {
+
+void report_process(long pid)
+{
+    const wire::SpawnReport message = {wire::SpawnReport::Kind::kPid,
+                                       static_cast<std::int32_t>(pid)};
+    sys::call(__NR_write, wire::kSpawnerReport, sys::arg(&message), sizeof message);
+}
+
+// The text for timens_offsets, which is the last one.
+const char* offsets_of(const Rules& rules)
+{
+    const char* text = rules.entries();
+    for (unsigned i = 0; i < rules->entries + 2 * rules->labels; i++)
+        text = next_text(text);
+    return text;
+}
+
+// Makes a time namespace for the children of this process. The file is opened on the host before
+// the user namespace is entered, where this process could not write to it.
+void make_time_namespace(const Rules& rules, int file)
+{
+    check(sys::call(__NR_unshare, CLONE_NEWTIME));
+    const char* offsets = offsets_of(rules);
+    if (rules->offsets != 0)
+        check(sys::call(__NR_write, file, sys::arg(offsets), static_cast<long>(strlen(offsets))));
+}
+
+// Creates the process that becomes the program, a child of the caller as this one, in the user
+// namespace and with the namespaces that belong to it. Returns in the new process.
+void create_in_namespaces(const Rules& rules)
+{
+    const std::uint64_t flags = rules->created;
+    const sys::Fd offsets(rules->offsets == 0 ? -EBADF
+                                              : sys::call(__NR_openat, AT_FDCWD,
+                                                          sys::arg("/proc/self/timens_offsets"),
+                                                          O_WRONLY | O_CLOEXEC));
+    if (rules->user != 0) {
+        // The root changes later, for processes that have that of the namespace.
+        check(-chroot_leave());
+        user_enter(rules, wire::kInitUser);
+    }
+    if ((flags & CLONE_NEWTIME) != 0)
+        make_time_namespace(rules, offsets.get());
+    const long pid = sys::call(
+        __NR_clone, static_cast<long>((flags & ~std::uint64_t{CLONE_NEWTIME}) | CLONE_PARENT), 0, 0,
+        0, 0);
+    if (pid == 0)
+        return;
+    check(pid);
+    report_process(pid);
+    sys::exit_group(0);
+}
+
+} // namespace
+
 void init_run(char** argv, char** envp)
 {
     initialize();
@@ -277,14 +354,36 @@ void init_run(char** argv, char** envp)
     prepare_on_host(rules);
     choose_labels_on_host(rules);
     // After entering the control group, which becomes the root of the namespace.
-    if (rules->ownControlGroup != 0)
+    if (rules->created != 0)
+        create_in_namespaces(rules);
+    else if (rules->ownControlGroup != 0)
         check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
+    sys::call(__NR_close, wire::kInitUser);
     if (rules->ownNetwork != 0)
         check(-loopback_up());
     serve_all(program);
     sys::call(__NR_close, wire::kInitSocket);
     wait_for_start();
     program_become(rules, program);
+}
+
+void maker_run(char** argv, char** envp)
+{
+    initialize();
+    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kMakerName));
+    Program program;
+    program_read(argv, envp, program);
+    const Rules rules;
+    check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
+    // A child, because a procfs shows the PID namespace of the process that mounts it.
+    const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);
+    if (pid == 0) {
+        serve_all(program);
+        sys::exit_group(0);
+    }
+    check(pid);
+    report_process(pid);
+    sys::exit_group(0);
 }
 
 void entrant_run(char** argv, char** envp)
@@ -295,12 +394,17 @@ void entrant_run(char** argv, char** envp)
     const Rules rules;
     prepare_on_host(rules);
     choose_labels_on_host(rules);
-    check(sys::call(__NR_setns, wire::kInitSocket, static_cast<long>(rules->namespaces)));
+    check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
     // As in the spawner: the new process is in the PID namespace and a child of the caller.
     const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
     if (pid == 0) {
         if (program.unconfined)
             program_become_unconfined(program);
+        if (rules->user != 0) {
+            program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
+            set_limits(rules);
+            user_enter(rules, wire::kInitUser);
+        }
         std::uint64_t what = 0;
         const int missing = program_find(program, &what);
         if (missing != 0) {
@@ -313,9 +417,7 @@ void entrant_run(char** argv, char** envp)
         program_become(rules, program);
     }
     check(pid);
-    const wire::SpawnReport message = {wire::SpawnReport::Kind::kPid,
-                                       static_cast<std::int32_t>(pid)};
-    sys::call(__NR_write, wire::kSpawnerReport, sys::arg(&message), sizeof message);
+    report_process(pid);
     sys::exit_group(0);
 }
 

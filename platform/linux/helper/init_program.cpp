@@ -9,6 +9,8 @@
 #include <linux/fcntl.h>
 #include <linux/mount.h>
 #include <linux/openat2.h>
+#include <linux/prctl.h>
+#include <linux/sched.h>
 #include <linux/stat.h>
 
 namespace zn {
@@ -95,11 +97,11 @@ int find_program(Program& program)
 
 // The user gets the streams, so that the program can open "/dev/stdout". A device that others use,
 // too, keeps its owner.
-void own_streams(const Identity& user)
+void own_streams(long uid)
 {
     constexpr long kPipes = 0x50495045; // PIPEFS_MAGIC
     constexpr long kSockets = 0x534f434b;
-    for (int stream = 0; stream <= 2 && user.uid != 0; stream++) {
+    for (int stream = 0; stream <= 2 && uid > 0; stream++) {
         struct { // statfs
             long type;
             long rest[31];
@@ -112,7 +114,7 @@ void own_streams(const Identity& user)
         const bool terminal = (st.stx_mode & kTypeMask) == kCharDevice &&
                               st.stx_rdev_major >= 136 && st.stx_rdev_major <= 143;
         if (terminal || fs.type == kPipes || fs.type == kSockets)
-            sys::call(__NR_fchown, stream, user.uid, -1);
+            sys::call(__NR_fchown, stream, uid, -1);
     }
 }
 
@@ -156,14 +158,17 @@ void program_become(const Rules& rules, const Program& program)
     sys::call(__NR_setsid);
     sys::call(__NR_umask, 0);
     check(-replace_null_streams());
-    own_streams(user);
+    own_streams(user.uid);
     if (program.terminal)
         check(sys::call(__NR_ioctl, 0, kTakeTerminal, 0));
     sys::call(__NR_umask, rules->umask);
     if (!program.keepKeyring)
         leave_keyring();
-    program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
-    set_limits(rules);
+    // In a user namespace hard limits cannot be raised: they have been set.
+    if (rules->user == 0) {
+        program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
+        set_limits(rules);
+    }
     program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kRights, 0);
     // A directory that the user cannot enter may be the working directory, too.
     const long early = directory_enter(program.directory);
@@ -179,6 +184,19 @@ void program_become(const Rules& rules, const Program& program)
                                   sys::arg(program.envp));
     program_report(report, wire::SpawnReport::Kind::kProgram, result);
     sys::exit_group(127);
+}
+
+void user_enter(const Rules& rules, int descriptor)
+{
+    if (rules->ranges != 0)
+        own_streams(host_user(rules, rules->uid));
+    check(sys::call(__NR_setns, descriptor, CLONE_NEWUSER));
+    // Refused in the namespace of an ordinary user, which has no supplementary groups to lose.
+    sys::call(__NR_setgroups, 0, 0);
+    check(sys::call(__NR_setresgid, 0, 0, 0));
+    check(sys::call(__NR_setresuid, 0, 0, 0));
+    // Changing ids has reset this.
+    check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
 void program_become_unconfined(const Program& program)

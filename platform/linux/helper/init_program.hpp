@@ -23,6 +23,10 @@ struct Program {
     char file[kProgramPathMax]; // its path, once it was found
 };
 
+// Enters the user namespace `descriptor`, a namespace or a pidfd, as its root. What needs the
+// rights of the host's root is done before: the owner of the standard streams is changed.
+void user_enter(const Rules& rules, int descriptor);
+
 void program_read(char** argv, char** envp, Program& program);
 
 // Makes the working directory and looks the program up. 0 or an error number; `what` says what it

@@ -182,6 +182,7 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     }
     case wire::Op::kPivot:
     case wire::Op::kSwitch:
+    case wire::Op::kOwnMounts:
     case wire::Op::kLink:
     case wire::Op::kTerminal:
     case wire::Op::kFind:

@@ -17,17 +17,6 @@ namespace {
 
 constexpr std::uint64_t kRestricted = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
-// A process that joins the mount namespace gets the root of its topmost mount as "/". This process
-// has another root if the owner is in a chroot; pivot_root must replace the whole tree, not only
-// that in the chroot.
-int leave_chroot()
-{
-    const sys::Fd self(sys::call(__NR_pidfd_open, sys::call(__NR_getpid), 0));
-    if (!self.valid())
-        return self.error();
-    return static_cast<int>(-sys::call(__NR_setns, self.get(), CLONE_NEWNS));
-}
-
 // pivot_root(".", ".") stacks the old root on the new one at the same place, where it stays until
 // it is detached. The new tree is first mounted over "/", so that no directory of the host is
 // needed.
@@ -177,6 +166,15 @@ int provide_dev(std::uint32_t ttyGroup)
 
 } // namespace
 
+// pivot_root must replace the whole tree, not only that in the chroot.
+int chroot_leave()
+{
+    const sys::Fd self(sys::call(__NR_pidfd_open, sys::call(__NR_getpid), 0));
+    if (!self.valid())
+        return self.error();
+    return static_cast<int>(-sys::call(__NR_setns, self.get(), CLONE_NEWNS));
+}
+
 int root_leave()
 {
     const sys::Fd bare(
@@ -190,7 +188,7 @@ int root_leave()
 
 int root_pivot(int tree)
 {
-    int error = tree < 0 ? EBADF : leave_chroot();
+    int error = tree < 0 ? EBADF : chroot_leave();
     if (error == 0)
         error = pivot(tree);
     return error != 0 ? error : detach_host();
@@ -198,7 +196,7 @@ int root_pivot(int tree)
 
 int root_place(int tree, const char* place, sys::Fd& host)
 {
-    int error = tree < 0 ? EBADF : leave_chroot();
+    int error = tree < 0 ? EBADF : chroot_leave();
     if (error != 0)
         return error;
     long result = sys::call(__NR_mount, 0, sys::arg("/"), 0, MS_REC | MS_PRIVATE, 0);
@@ -247,7 +245,7 @@ int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGro
         sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!place.valid())
         return place.error();
-    int error = leave_chroot();
+    int error = chroot_leave();
     if (error == 0)
         error = pivot(tree);
     if (error != 0)

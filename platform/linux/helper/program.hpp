@@ -67,6 +67,9 @@ void set_limits(const Rules& rules);
 void drop_rights(const Rules& rules, const Identity& user);
 void default_signals();
 
+// The host's id of a user of the container; -1 if it has none.
+long host_user(const Rules& rules, std::uint32_t uid);
+
 // Makes `path` the working directory. 0 or a negative error number.
 long directory_enter(const char* path);
 

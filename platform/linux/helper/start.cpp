@@ -67,6 +67,8 @@ std::size_t strlen(const char* s)
         zn::init_run(argv, envp);
     if (argc > zn::wire::kInitFixedArgs && zn::text_equal(argv[0], zn::wire::kEntrantName))
         zn::entrant_run(argv, envp);
+    if (argc > zn::wire::kInitFixedArgs && zn::text_equal(argv[0], zn::wire::kMakerName))
+        zn::maker_run(argv, envp);
     zn::sys::exit_group(2);
 }
 

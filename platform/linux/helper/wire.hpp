@@ -17,6 +17,7 @@ inline constexpr char kSpawnerName[] = "zn-spawn";
 inline constexpr char kHolderName[] = "zn-holder";
 inline constexpr char kInitName[] = "zn-init";
 inline constexpr char kEntrantName[] = "zn-exec";
+inline constexpr char kMakerName[] = "zn-make";
 
 // ---------------------------------------------------------------- keeper: one request, one answer
 
@@ -44,14 +45,16 @@ enum class Op : std::uint32_t {
 
     // Only for the first process of an engine's container, which also serves the mounts, devices
     // and paths above, with any number of paths in a request.
-    kPivot,    // descriptor: detached tree; text: host name, domain name, place; value: MS_ bits.
-               // A place is a host path: the tree is attached there, and becomes the root of the
-               // mount namespace by kSwitch only
-    kSwitch,   // value: MS_ bits
-    kLink,     // text: path, target: a symbolic link to be created unless the path exists
-    kTerminal, // descriptor: socket that gets the terminal; value: rows << 16 | columns
-    kFind,     // makes the working directory and looks the program up
-    kWait,     // ends the requests: waits for the start
+    kPivot,     // descriptor: detached tree; text: host name, domain name, place; value: MS_ bits.
+                // A place is a host path: the tree is attached there, and becomes the root of the
+                // mount namespace by kSwitch only
+    kSwitch,    // value: MS_ bits
+    kLink,      // text: path, target: a symbolic link to be created unless the path exists
+    kOwnMounts, // makes the mount namespace one of the user namespace; value, attributes: inode and
+                // device that the root must have
+    kTerminal,  // descriptor: socket that gets the terminal; value: rows << 16 | columns
+    kFind,      // makes the working directory and looks the program up
+    kWait,      // ends the requests: waits for the start
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
@@ -126,6 +129,10 @@ struct Confinement {
     std::uint32_t ownNetwork; // a network namespace whose loopback interface is to be up
     std::uint32_t ranges;     // users of the user namespace; 0: that of the host
     std::uint32_t labels;     // texts in pairs: file below /proc/self/attr, security label
+    std::uint32_t offsets;    // 1: a text for /proc/self/timens_offsets is the last one
+    std::uint32_t user;       // 1: the user namespace kInitUser is to be entered
+    std::uint64_t created;    // zn-init: CLONE_NEW flags of the namespaces that are created after
+                              // that; 0: they exist
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;
@@ -168,12 +175,15 @@ struct SpawnReport {
 
 // ---------------------------------------------------------------- containers of engines
 
-// The first process of a container ("zn-init") and a further one ("zn-exec"). Descriptors: 0 to 2
-// are the standard streams; then as listed, and from kInitFdEnd up those that the program gets.
-// kSpawnerReport and kSpawnerRecord are used as by the spawner.
-inline constexpr int kInitSocket = 3; // zn-init: requests; zn-exec: pidfd of the first process
+// The first process of a container ("zn-init"), a further one ("zn-exec"), and one that makes the
+// root of a container with a user namespace ("zn-make"). Descriptors: 0 to 2 are the standard
+// streams; then as listed, and from kInitFdEnd up those that the program gets. kSpawnerReport and
+// kSpawnerRecord are used as by the spawner.
+inline constexpr int kInitSocket = 3; // zn-init, zn-make: requests; zn-exec: none
 inline constexpr int kInitStart = 6;  // zn-init: listens for the start; zn-exec: console socket
-inline constexpr int kInitFdEnd = 7;
+inline constexpr int kInitUser = 7;   // zn-init: user namespace; zn-exec, zn-make: pidfd of the
+                                      // first process
+inline constexpr int kInitFdEnd = 8;
 
 // argv: name, working directory, number of descriptors that the program gets, flags (kInitTerminal:
 // it gets a terminal; kInitKeyring: it keeps the session keyring; kInitUnconfined: it keeps the

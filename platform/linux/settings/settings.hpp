@@ -33,6 +33,13 @@ struct IdMapping {
     std::uint32_t count = 0;
 };
 
+// How far a clock of a new time namespace is ahead of the host's.
+struct TimeOffset {
+    bool given = false;
+    std::int64_t seconds = 0;
+    std::uint32_t nanoseconds = 0;
+};
+
 // ---------------------------------------------------------------- process
 
 struct User {
@@ -177,6 +184,8 @@ struct Settings {
     NsChoice namespaces[kNsKinds];
     List<IdMapping> uidMappings;
     List<IdMapping> gidMappings;
+    TimeOffset monotonic;
+    TimeOffset boottime;
 
     User user;
     Capabilities capabilities;

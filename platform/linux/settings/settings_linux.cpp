@@ -65,6 +65,28 @@ bool read_gid_mappings(JsonReader& reader, const Node& at, Settings& settings)
     return read_id_mapping(reader, at, settings.gidMappings);
 }
 
+constexpr std::int64_t kSecondsMax = 9000000000; // the kernel's clocks end earlier
+constexpr Member<TimeOffset> kTimeOffset[] = {
+    {"secs", read_integer<&TimeOffset::seconds, -kSecondsMax, kSecondsMax>},
+    {"nanosecs", read_integer<&TimeOffset::nanoseconds, 0, 999999999>},
+};
+
+template <auto kField> bool read_time_offset(JsonReader& reader, const Node& at, Settings& settings)
+{
+    (settings.*kField).given = true;
+    return read_object(reader, at, kTimeOffset, settings.*kField);
+}
+
+constexpr Member<Settings> kTimeOffsets[] = {
+    {"monotonic", read_time_offset<&Settings::monotonic>},
+    {"boottime", read_time_offset<&Settings::boottime>},
+};
+
+bool read_time_offsets(JsonReader& reader, const Node& at, Settings& settings)
+{
+    return read_object(reader, at, kTimeOffsets, settings);
+}
+
 constexpr Member<Settings> kLinux[] = {
     {"namespaces", read_namespaces},
     {"uidMappings", read_uid_mappings},
@@ -82,7 +104,7 @@ constexpr Member<Settings> kLinux[] = {
     {"memoryPolicy", read_unsupported<Settings>},
     {"netDevices", read_unsupported<Settings>},
     {"personality", read_unsupported<Settings>},
-    {"timeOffsets", read_unsupported<Settings>},
+    {"timeOffsets", read_time_offsets},
 };
 
 } // namespace

@@ -96,7 +96,7 @@ bool read_id_mapping(JsonReader& reader, const Node& at, List<IdMapping>& mappin
     });
 }
 
-bool check_id_mappings(JsonReader& reader, const Settings& settings)
+bool check_namespaces(JsonReader& reader, const Settings& settings)
 {
     const Node root;
     const Node section{nullptr, &root, "linux"};
@@ -110,7 +110,11 @@ bool check_id_mappings(JsonReader& reader, const Settings& settings)
         if (user == NsChoice::From::kNew && mappings.empty())
             return reader.refuse(node, "is missing: a new user namespace needs it");
     }
-    return true;
+    const bool hasTime =
+        settings.namespaces[static_cast<unsigned>(NsKind::kTime)].from == NsChoice::From::kNew;
+    return (!settings.monotonic.given && !settings.boottime.given) || hasTime ||
+           reader.refuse(Node{nullptr, &section, "timeOffsets"},
+                         "needs a new time namespace in \"linux.namespaces\"");
 }
 
 } // namespace zn

@@ -90,7 +90,7 @@ int settings_read(std::string_view document, Settings& settings, SettingsFault& 
     root.value = tree.get();
     Settings read;
     if (tree && read_object(reader, root, kDocument, read, Others::kIgnored) &&
-        check_id_mappings(reader, read) && check_sysctl(reader, read))
+        check_namespaces(reader, read) && check_sysctl(reader, read))
         settings = std::move(read);
     return reader.error();
 }

@@ -19,7 +19,7 @@ bool read_seccomp(JsonReader& reader, const Node& at, SeccompProfile& profile);
 
 // What can be judged only once the whole document was read, whatever the order of its members:
 // mappings need a user namespace, and kernel parameters a namespace of the container's own.
-bool check_id_mappings(JsonReader& reader, const Settings& settings);
+bool check_namespaces(JsonReader& reader, const Settings& settings);
 bool check_sysctl(JsonReader& reader, const Settings& settings);
 
 } // namespace zn

@@ -86,6 +86,12 @@ run timeout 60 python3 "$work/terminal.py" "$work/socket2" "$ZNCRUN" --root "$wo
 expect 'a container with a terminal' 0 $'/dev/pts/0\n30 90\nc\ncontrolling'
 run zncrun create --bundle "$work/tty" "$me-tty"
 refused 'a terminal needs a socket' 'console socket'
+chown -R 100000:100000 "$work/tty/rootfs"
+change tty '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 500}]
+    | .linux.gidMappings = .linux.uidMappings | .process.args[2] += "; stat -c %u /dev/pts/0"'
+run timeout 60 python3 "$work/terminal.py" "$work/socket3" "$ZNCRUN" --root "$work/state" run \
+    --bundle "$work/tty" --console-socket "$work/socket3" "$me-tty"
+expect 'with a user namespace, too' 0 $'/dev/pts/0\n30 90\nc\ncontrolling\n0'
 
 # Control.
 run zncrun pause "$me-web"

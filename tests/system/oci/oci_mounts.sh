@@ -54,7 +54,7 @@ refused 'an unknown option of a file system' '/mnt'
 mounted '{"destination":"/mnt","type":"nosuchfs"}' true
 refused 'an unknown file system' '/mnt'
 mounted "$(bind /mnt bind | jq -c '.uidMappings = [{containerID: 0, hostID: 1, size: 1}]')" true
-refused 'mapped ids' 'uidMappings: not supported'
+refused 'half of the mapped ids' 'needs both uidMappings and gidMappings'
 
 # Propagation: peers of the host only if it is asked for.
 mount --make-shared "$work/host/below"

@@ -82,8 +82,6 @@ done
 check 'and sees its processes' test "$(tail -n 2 "$work/out")" = $'box\n1'
 check 'the other container lives on' is_state "$me-pod" running
 run zncrun delete --force "$me-pod"
-given '.linux.namespaces += [{type: "time"}]' true
-refused 'time namespaces' 'time namespaces are not supported'
 given '.linux.namespaces = []' true
 refused 'no mount namespace' 'needs a new mount namespace'
 given '.linux.namespaces[4].path = "/nosuch"' true

@@ -24,7 +24,7 @@ Read read(const char* type, std::vector<const char*> options)
 {
     options.push_back(nullptr);
     Read result;
-    const ZN_ENGINE_MOUNT mount = {"/source", "/to", type, options.data()};
+    const ZN_ENGINE_MOUNT mount = {"/source", "/to", type, options.data(), nullptr, 0, nullptr, 0};
     result.error = zn::engine_mount_read(mount, result.mount, &result.option);
     return result;
 }

@@ -75,6 +75,33 @@ TEST(EngineSettings, NamespacesThatAreNotNamedAreShared)
     EXPECT_EQ(further.ownControlGroup, 0U);
 }
 
+TEST(EngineSettings, ASecondProcessIsCreatedInAUserOrTimeNamespace)
+{
+    EXPECT_EQ(read(R"({"linux":{"namespaces":[{"type":"pid"}]}})").settings.created_flags(), 0U);
+    const Read users = read(R"({"linux":{"namespaces":[{"type":"pid"},{"type":"user"},
+        {"type":"cgroup"}],"uidMappings":[{"containerID":0,"hostID":7,"size":3}],
+        "gidMappings":[{"containerID":0,"hostID":7,"size":3}]}})");
+    ASSERT_EQ(users.error, 0);
+    EXPECT_EQ(users.settings.clone_flags(), std::uint64_t{CLONE_NEWNS});
+    const std::uint64_t flags = users.settings.created_flags();
+    EXPECT_EQ(flags & (CLONE_NEWPID | CLONE_NEWCGROUP | CLONE_NEWNET),
+              std::uint64_t{CLONE_NEWPID | CLONE_NEWCGROUP});
+    EXPECT_EQ(confinement(users.settings).user, 1U);
+    EXPECT_EQ(confinement(users.settings).created, flags);
+    EXPECT_EQ(confinement(users.settings, CLONE_NEWNS).created, 0U);
+    const Read time = read(R"({"linux":{"namespaces":[{"type":"time"}],
+        "timeOffsets":{"monotonic":{"secs":-4}}}})");
+    ASSERT_EQ(time.error, 0);
+    EXPECT_NE(time.settings.created_flags() & CLONE_NEWTIME, 0U);
+    EXPECT_EQ(confinement(time.settings).offsets, 1U);
+    EXPECT_EQ(confinement(time.settings).user, 0U);
+    EXPECT_EQ(read(R"({"linux":{"namespaces":[{"type":"user"}],
+        "uidMappings":[{"containerID":1,"hostID":7,"size":3}],
+        "gidMappings":[{"containerID":0,"hostID":7,"size":3}]}})")
+                  .error,
+              ENOTSUP);
+}
+
 TEST(EngineSettings, DevicesAreDeniedUnlessARuleAllowsThem)
 {
     Read plain = read("{}");
@@ -99,7 +126,6 @@ TEST(EngineSettings, WhatCannotBeHonouredIsNamed)
     for (const Case& one :
          {Case{R"({"process":{"apparmorProfile":"p"}})", "process.apparmorProfile"},
           Case{R"({"process":{"selinuxLabel":"l"}})", "process.selinuxLabel"},
-          Case{R"({"linux":{"namespaces":[{"type":"time"}]}})", "linux.namespaces"},
           Case{R"({"linux":{"mountLabel":"l"}})", "linux.mountLabel"}}) {
         const Read result = read(one.document);
         EXPECT_EQ(result.error, ENOTSUP) << one.document;

@@ -1,0 +1,48 @@
+// engine_user.hpp - the user namespace of an engine's container: a new one or an existing one, and
+// which users of the host the container's users are. Called by the other files of this folder.
+#ifndef ZN_ENGINE_USER_HPP
+#define ZN_ENGINE_USER_HPP
+
+#include "mount_plan.hpp"
+#include "ns_user.hpp"
+
+namespace zn {
+
+class EngineUser {
+  public:
+    // Creates or opens the namespace that the settings name; none is no error. The settings must
+    // exist as long as this object. 0 or an error number.
+    int open(const Settings& settings);
+
+    // Reads the mappings of the user namespace of a process. 0 or an error number.
+    int read_mappings(pid_t pid);
+
+    explicit operator bool() const { return static_cast<bool>(namespace_); }
+    [[nodiscard]] int get() const { return namespace_.get(); }
+
+    // The id on the host. Without a user namespace ids are the same; one that is not mapped has
+    // none.
+    [[nodiscard]] std::optional<std::uint32_t> host_uid(std::uint32_t uid) const;
+    [[nodiscard]] std::optional<std::uint32_t> host_gid(std::uint32_t gid) const;
+    [[nodiscard]] const List<IdMapping>& uids() const { return uids_; }
+
+    // Makes the owners that a file system is given (options "uid" and "gid") ids of the host, and
+    // the container's root that of a tmpfs. 0 or an error number: EINVAL if an id is not mapped.
+    int map_options(MountPlan& plan) const;
+
+  private:
+    UserNamespace new_;
+    znc::UniqueFd namespace_;
+    List<IdMapping> uids_;
+    List<IdMapping> gids_;
+};
+
+// Reads the mappings of a process from /proc/PID/uid_map or gid_map. 0 or an error number.
+int mappings_read(pid_t pid, const char* file, List<IdMapping>& mappings);
+
+// Whether the process has another user namespace than this one. 0 or an error number.
+int has_own_users(pid_t pid, bool& own);
+
+} // namespace zn
+
+#endif
