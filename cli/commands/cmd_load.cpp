@@ -37,6 +37,23 @@ Listed listed_of(const Json& object)
     return image;
 }
 
+// Many more than archives have. Each name is an entry of the index, which is written as a whole
+// while other processes wait.
+constexpr std::size_t kLoadedMax = 100;
+constexpr std::size_t kNamesMax = 100; // of an image
+
+// Why an archive is refused before any of its images is added, or "".
+std::string limit_problem(const std::vector<Listed>& images)
+{
+    if (images.size() > kLoadedMax)
+        return fmt::format("it contains {} images, more than {}", images.size(), kLoadedMax);
+    for (const Listed& image : images)
+        if (image.names.size() > kNamesMax)
+            return fmt::format("an image has {} names, more than {}", image.names.size(),
+                               kNamesMax);
+    return "";
+}
+
 // Keeps only the images for this machine, unless there are none: indexes list signatures and other
 // documents like images.
 void keep_for_this_machine(std::vector<Listed>& images)
@@ -91,6 +108,8 @@ class Load {
         }
         int result = kExitOk;
         keep_for_this_machine(images);
+        if (const std::string problem = limit_problem(images); !problem.empty())
+            return failure(name_, problem);
         for (const Listed& image : images)
             if (const int status = load_image(image); status != kExitOk)
                 result = status;

@@ -24,11 +24,8 @@ try {
     const auto found = find_stored(change.images(), operands[0], problem);
     if (found.empty())
         return failure(operands[0], problem, kExitNotFound);
-    StoredImage image = change.images()[found[0]];
-    for (const std::string& name : names) {
-        image.name = name;
-        change.put(image);
-    }
+    const StoredImage image = change.images()[found[0]];
+    change.put(image, names);
     change.save();
     return kExitOk;
 } catch (const std::runtime_error& error) {

@@ -25,12 +25,8 @@ StoredImage entry_of(const Image& image, const std::string& source)
 
 void put_names(StoreChange& change, StoredImage& image, const std::vector<std::string>& names)
 {
-    if (names.empty())
-        change.put(image);
-    for (const std::string& name : names) {
-        image.name = name;
-        change.put(image);
-    }
+    change.put(image, names);
+    image.name = names.empty() ? "" : names.back();
     change.save();
 }
 

@@ -132,11 +132,9 @@ bool write_index(int dir, const std::vector<StoredImage>& images)
            replace_file(dir, kIndex, compact(index) + "\n", true);
 }
 
-bool has_digest(const std::vector<StoredImage>& images, const std::string& digest, bool named)
+[[noreturn]] void throw_full()
 {
-    return std::any_of(images.begin(), images.end(), [&](const StoredImage& image) {
-        return image.manifest.digest == digest && (!named || !image.name.empty());
-    });
+    throw std::runtime_error(fmt::format("the store cannot hold more than {} names", kImagesMax));
 }
 
 } // namespace
@@ -208,24 +206,43 @@ void StoreChange::adopt(const std::string& layout, const Image& image)
         throw_error(blobs);
 }
 
-void StoreChange::put(const StoredImage& image)
+void StoreChange::put(const StoredImage& image, const std::vector<std::string>& names)
 {
-    std::erase_if(images_, [&](const StoredImage& old) {
-        return old.manifest.digest == image.manifest.digest &&
-               (old.name == image.name || old.name.empty());
-    });
-    for (StoredImage& old : images_)
-        if (!image.name.empty() && old.name == image.name)
+    std::set<std::string> given(names.begin(), names.end());
+    const auto has_place = [&](const StoredImage& old) {
+        return given.empty() ? old.manifest.digest == image.manifest.digest
+                             : given.contains(old.name);
+    };
+    const auto places =
+        static_cast<std::size_t>(std::count_if(images_.begin(), images_.end(), has_place));
+    const std::size_t wanted = std::max<std::size_t>(given.size(), 1);
+    if (images_.size() + wanted - std::min(wanted, places) > kImagesMax)
+        throw_full();
+    std::set<std::string> with_names; // the manifests of the images that keep a name
+    for (StoredImage& old : images_) {
+        if (given.contains(old.name))
             old.name.clear();
+        if (!old.name.empty())
+            with_names.insert(old.manifest.digest);
+    }
+    const bool is_named = !given.empty() || with_names.contains(image.manifest.digest);
     // An entry that lost its name is only kept if it is the last one of its image.
+    std::set<std::string> without_names = {image.manifest.digest};
     std::vector<StoredImage> kept;
     for (StoredImage& old : images_)
-        if (!old.name.empty() || (!has_digest(images_, old.manifest.digest, true) &&
-                                  !has_digest(kept, old.manifest.digest, false)))
-            kept.push_back(old);
+        if (!old.name.empty() || (!with_names.contains(old.manifest.digest) &&
+                                  without_names.insert(old.manifest.digest).second))
+            kept.push_back(std::move(old));
     images_ = std::move(kept);
-    if (!image.name.empty() || !has_digest(images_, image.manifest.digest, false))
-        images_.push_back(image);
+    StoredImage entry = image;
+    entry.name.clear();
+    if (!is_named)
+        images_.push_back(entry);
+    for (const std::string& name : names)
+        if (given.erase(name) != 0) { // a name may be given twice
+            entry.name = name;
+            images_.push_back(entry);
+        }
 }
 
 void StoreChange::remove(const std::vector<std::size_t>& places)
@@ -241,7 +258,7 @@ void StoreChange::remove(const std::vector<std::size_t>& places)
 void StoreChange::save()
 {
     if (images_.size() > kImagesMax)
-        throw std::runtime_error(fmt::format("the store holds {} images already", kImagesMax));
+        throw_full();
     if (!write_index(dir_.get(), images_))
         throw_error(fmt::format("{}/{}", area_, kIndex));
 }

@@ -76,9 +76,15 @@ class StoreChange {
     // them. The caller has verified them.
     void adopt(const std::string& layout, const Image& image);
 
-    // Adds an entry. Another image that has its name loses it, and stays without a name unless it
-    // has others.
-    void put(const StoredImage& image);
+    // Gives an image these names beside those that it has, or adds it without a name. Another image
+    // that has one of them loses it, and stays without a name unless it has others. Changes nothing
+    // if the store would hold too many entries.
+    void put(const StoredImage& image, const std::vector<std::string>& names);
+    // The same with the name in `image`.
+    void put(const StoredImage& image)
+    {
+        put(image, image.name.empty() ? std::vector<std::string>() : std::vector{image.name});
+    }
 
     // Removes the entries at these places in images().
     void remove(const std::vector<std::size_t>& places);

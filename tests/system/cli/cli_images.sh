@@ -228,6 +228,16 @@ expect 'load ignores names that are none' 0 'Loaded image: docker.io/library/fin
 check 'also as names of the store' test "$(names)" = \
     'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
 zncctl rmi fine:1 >/dev/null
+before=$(names)
+jq -c '.[0].RepoTags = [range(101) | "many:\(.)"]' "$work/manifest" >"$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/many.tar" .
+run zncctl load -i "$work/many.tar"
+fails_with 'load of an image with too many names is refused' 1 'an image has 101 names, more than 100'
+jq -c '.[0].RepoTags = [] | [range(101) as $i | .[0]]' "$work/manifest" >"$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/many.tar" .
+run zncctl load -i "$work/many.tar"
+fails_with 'and of an archive with too many images' 1 'it contains 101 images, more than 100'
+check 'nothing of them is added' test "$(names)" = "$before"
 head -c 5000 "$work/oci.tar" >"$work/cut.tar"
 run zncctl load -i "$work/cut.tar"
 check 'load of a cut archive is refused' test "$status/$out" != 0/

@@ -219,6 +219,43 @@ TEST_F(ImageStoreTest, AddingAnImageAgainKeepsOneEntry)
     EXPECT_EQ(names(), (Texts{"localhost/app:latest"}));
 }
 
+TEST_F(ImageStoreTest, TakesSeveralNamesAtOnce)
+{
+    const StoredImage old = add("old", "localhost/a:latest");
+    add("old", "localhost/b:latest");
+    StoredImage fresh = add("new", "");
+    StoreChange change;
+    fresh.source = kDigest;
+    change.put(fresh, {"localhost/b:latest", "localhost/c:latest", "localhost/b:latest"});
+    change.save();
+    EXPECT_EQ(names(), (Texts{"localhost/a:latest", "localhost/b:latest", "localhost/c:latest"}));
+    EXPECT_EQ(stored_images()[1].manifest.digest, fresh.manifest.digest);
+    EXPECT_EQ(stored_images()[1].source, kDigest);
+    change.put(fresh, {"localhost/a:latest"}); // the other image stays, without a name
+    change.save();
+    EXPECT_EQ(names(),
+              (Texts{"", "localhost/b:latest", "localhost/c:latest", "localhost/a:latest"}));
+    EXPECT_EQ(stored_images()[0].manifest.digest, old.manifest.digest);
+}
+
+TEST_F(ImageStoreTest, RefusesMoreNamesThanItHoldsBeforeAnyIsAdded)
+{
+    const StoredImage image = add("x", "localhost/x:latest");
+    Texts many;
+    for (int i = 0; i < 10'000; i++)
+        many.push_back("localhost/x:" + std::to_string(i));
+    StoreChange change;
+    EXPECT_THROW(change.put(image, many), std::runtime_error);
+    EXPECT_EQ(change.images().size(), 1U);
+    many.pop_back();
+    change.put(image, many);
+    change.save();
+    EXPECT_EQ(names().size(), 10'000U);
+    EXPECT_NO_THROW(change.put(image, {"localhost/x:0", "localhost/x:1"})); // which are there
+    EXPECT_THROW(change.put({"localhost/y:latest", image.manifest, "linux", "amd64", ""}),
+                 std::runtime_error);
+}
+
 TEST_F(ImageStoreTest, RemovesOnlyBlobsThatNoImageNeeds)
 {
     add("x", "localhost/x:latest");
