@@ -154,7 +154,9 @@ Added add_layout(const std::string& layout, const std::vector<std::string>& name
     if (single && images->front().problem.empty() &&
         fitness_of(layout, images->front()) == Fitness::kPlain)
         return adopt(layout, images->front(), names, source);
-    if (auto known = source.empty() ? std::nullopt : add_names(source, names))
+    // The digest of an index does not say which of its images was converted before.
+    const bool is_manifest = single && source == images->front().manifest.digest;
+    if (auto known = is_manifest ? add_names(source, names) : std::nullopt)
         return *std::move(known);
     // Without a prefix a ":" in the path is no separator.
     return add_converted({layout, -1, usual_options()}, names, source);

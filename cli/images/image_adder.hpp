@@ -39,8 +39,9 @@ Added add_converted(const ImportSource& what, const std::vector<std::string>& na
                     const std::string& source);
 
 // Adds the only image of a layout in a stage: as it is, if the library can unpack all of it,
-// otherwise converted, unless that was done before. `source` is "" if it is
-// the image's manifest. Throws std::runtime_error.
+// otherwise converted, unless that was done before. `source` is "" if it is the image's manifest,
+// or the digest of a manifest or an index that was compared with what was copied into the layout.
+// Throws std::runtime_error.
 Added add_layout(const std::string& layout, const std::vector<std::string>& names,
                  std::string source);
 

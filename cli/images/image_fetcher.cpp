@@ -20,17 +20,31 @@ constexpr std::string_view kDirectories[] = {"oci:", "dir:"};
 // Sources behind whose prefix is a name.
 constexpr std::string_view kEngines[] = {"containers-storage:", "docker-daemon:"};
 
-std::optional<FetchSource> named(std::string source, std::string_view name, const char* host,
-                                 std::string& problem)
+std::optional<Reference> parse_name(std::string_view name, const char* host, std::string& problem)
 {
-    const auto reference = parse_reference(name, host);
-    if (!reference) {
+    auto reference = parse_reference(name, host);
+    if (!reference)
         problem = "it is not a valid name of an image";
+    return reference;
+}
+
+std::optional<FetchSource> of_registry(std::string_view name, std::string& problem)
+{
+    const auto reference = parse_name(name, kDefaultRegistry, problem);
+    if (!reference)
         return std::nullopt;
-    }
-    return FetchSource{source.empty() ? fmt::format("{}{}", kRegistry, reference->text())
-                                      : std::move(source),
-                       reference->text(), reference->digest};
+    return FetchSource{fmt::format("{}{}", kRegistry, reference->text()), reference->text(),
+                       reference->digest};
+}
+
+// An image of another source is not called by a digest, which may be that of any other image.
+std::optional<FetchSource> of_other(const std::string& source, std::string_view name,
+                                    const char* host, std::string& problem)
+{
+    const auto reference = parse_name(name.substr(0, name.find('@')), host, problem);
+    if (!reference)
+        return std::nullopt;
+    return FetchSource{source, reference->text(), ""};
 }
 
 // The last component of the path, with the tag behind it.
@@ -78,17 +92,16 @@ std::string unquoted(std::string_view text)
 std::optional<FetchSource> fetch_source(const std::string& operand, std::string& problem)
 {
     if (operand.starts_with(kRegistry))
-        return named("", std::string_view(operand).substr(kRegistry.size()), kDefaultRegistry,
-                     problem);
+        return of_registry(std::string_view(operand).substr(kRegistry.size()), problem);
     for (const std::string_view prefix : kDirectories)
         if (operand.starts_with(prefix))
-            return named(operand, base_name(std::string_view(operand).substr(prefix.size())),
-                         kLocalHost, problem);
+            return of_other(operand, base_name(std::string_view(operand).substr(prefix.size())),
+                            kLocalHost, problem);
     for (const std::string_view prefix : kEngines)
         if (operand.starts_with(prefix))
-            return named(operand, std::string_view(operand).substr(prefix.size()), kDefaultRegistry,
-                         problem);
-    return named("", operand, kDefaultRegistry, problem);
+            return of_other(operand, std::string_view(operand).substr(prefix.size()),
+                            kDefaultRegistry, problem);
+    return of_registry(operand, problem);
 }
 
 std::vector<std::string> fetch_options(const Arguments& args)

@@ -15,7 +15,9 @@ namespace zncctl {
 struct FetchSource {
     std::string source; // as skopeo takes it: "docker://docker.io/library/busybox:latest"
     std::string name;   // the full name in the store
-    std::string digest; // of the manifest or the index that the user asked for, or ""
+    // Of the manifest or the index that the user asked for and skopeo compares with what a registry
+    // sends, or "". A digest in the name of another source is not compared with anything.
+    std::string digest;
 };
 
 // What the operand of pull means: a name, or a source as skopeo names it. Nullopt if neither; then

@@ -319,14 +319,17 @@ bool convert_if_needed(const Arguments& args, bool check_layers, Wanted& wanted,
 try {
     if (wanted.stored)
         return true;
-    const std::string source = chosen.image.manifest.digest;
+    const std::string& manifest = chosen.image.manifest.digest;
+    // Not the digest of the manifest itself, by which pulled images are found: only what was
+    // converted here, from documents and layers that were compared with their digests, is taken.
+    const std::string source = digest_of(fmt::format("{}\n{}", kLayoutPrefix, manifest));
     const std::string label = wanted.label;
     auto made = find_made_from(source, label);
     if (!made) {
         if (!needs_conversion(wanted, chosen.image, check_layers))
             return true;
         const ImportSource what = {
-            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, source), -1,
+            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, manifest), -1,
             usual_options()};
         made = find_or_make(what, source, label);
     }

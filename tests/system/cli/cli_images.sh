@@ -281,6 +281,23 @@ check 'and leaves nothing' no_stage
 run zncctl pull -q "oci:$work/layout:latest" "dir:$work/plain"
 check 'pull takes the transports of skopeo' test "$status" = 0
 check 'and names them by the directory' grep -q 'localhost/layout:latest .*localhost/plain:latest' <<<"$(names)"
+# A directory that is called as the digest of another image.
+cp -r "$work/layout" "$work/evil"
+quietly umoci config --image "$work/evil:latest" --config.entrypoint /bin/busybox --config.cmd echo --config.cmd evil
+meant=$(skopeo inspect --raw "oci:$work/layout:latest" | sha256sum | cut -d ' ' -f 1)
+zstd=$(skopeo inspect --raw "oci:$work/zstd:latest" | sha256sum | cut -d ' ' -f 1)
+for digest in "$meant" "$zstd"; do
+    quietly skopeo copy --insecure-policy "oci:$work/evil:latest" "dir:$work/q@sha256:$digest"
+    run zncctl pull -q "dir:$work/q@sha256:$digest"
+    check 'a directory that is called as a digest can be pulled' test "$status" = 0
+    run zncctl run --rm --network none --progress none "q@sha256:$digest"
+    check 'but its image is not found by that digest' test "$status/$out" = 125/
+done
+for layout in layout zstd; do
+    run zncctl run --rm --network none --progress none "$work/$layout"
+    expect "and does not run instead of a layout with this digest ($layout)" 0 'from the second layer' ''
+done
+zncctl image prune --force >/dev/null
 PATH=/nowhere run "$ZNCCTL" pull busybox
 check 'without skopeo pull says what to install' test "$status/$(error_line)" = \
     '1/docker.io/library/busybox:latest: skopeo, which fetches images, is not installed'

@@ -50,6 +50,16 @@ TEST(FetchSource, AnotherSourceOfSkopeoKeepsItsForm)
               "containers-storage:localhost/app localhost/app:latest ");
 }
 
+TEST(FetchSource, ADigestThatNobodyComparesIsNotKept)
+{
+    EXPECT_EQ(fetched("dir:/srv/app@" + kDigest),
+              "dir:/srv/app@" + kDigest + " localhost/app:latest ");
+    EXPECT_EQ(fetched("oci:/srv/app@" + kDigest + ":v1"),
+              "oci:/srv/app@" + kDigest + ":v1 localhost/app:latest ");
+    EXPECT_EQ(fetched("containers-storage:quay.io/a/b@" + kDigest),
+              "containers-storage:quay.io/a/b@" + kDigest + " quay.io/a/b:latest ");
+}
+
 TEST(FetchSource, WhatIsNoNameIsRefused)
 {
     for (const char* operand : {"", "A", "-x", "../x", "docker://", "docker:///x", "oci:/", "oci:A",
