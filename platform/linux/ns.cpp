@@ -163,6 +163,17 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
+// The device that was made for a namespace which could not be created; its maker does not remove it.
+void release_unused_device(const char* name)
+{
+    const znc::ErrnoSaver keep;
+    char path[kRootPathMax];
+    const int length = std::snprintf(path, sizeof path, "%s/%s", ZN_OVERLAY_DIR, name);
+    if (name[0] != '\0' && static_cast<std::size_t>(length) < sizeof path &&
+        overlay_device_detach(path, Detach::kAbandoned) != 0)
+        overlay_device_detach_later(path);
+}
+
 // Removes the namespace at `link` from the list and ends it.
 void end_namespace(Namespace** link)
 {
@@ -369,6 +380,7 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
         return id;
     if (started)
         end_namespace(find_link(id));
+    release_unused_device(name);
     tell_refusal(name, fault, reason, size);
     return result(error);
 }

@@ -241,6 +241,7 @@ run zncctl create web "$work/wrong"
 check 'a wrong member is refused' test "$status/$out" = 1/
 check 'and named' grep -q '^The configuration was refused: process.rlimits\[0\].soft: ' "$work/err"
 check 'nothing is left of either' test "$(zncctl list -q)" = ''
+check 'nor of their roots' test "$(overlay_mounts)/$(ls /overlay)" = 0/
 stop_daemon
 start_daemon --allow-privileged
 run zncctl create web "$work/more"
