@@ -141,7 +141,8 @@ int daemon_failure(int error, std::string_view object)
 {
     print_error(object, message_of(error, "No answer from the daemon"));
     if (error == S_zncLib_DAEMON_NOT_RUNNING)
-        print_hint("start it as root, with 'zncd &' or 'systemctl start zncd'");
+        print_hint(::geteuid() == 0 ? "start it as root, with 'zncd &' or 'systemctl start zncd'"
+                                    : "only root can reach the daemon: run this command as root");
     if (error == S_zncLib_OCI_CWD_INVALID)
         print_hint("process.cwd in the bundle's config.json must be an absolute path; "
                    "'zncctl config check' lists what else is missing");

@@ -68,7 +68,7 @@ class Row {
             {"Created", ago},    {"CreatedAt", created == 0 ? "" : time_text(created)},
             {"RunningFor", ago}, {"Status", status()},
             {"State", state()},  {"Ports", fmt::format("{}", fmt::join(origin_.notes.ports, ", "))},
-            {"Labels", labels},  {"ExitCode", std::to_string(exit_code())}};
+            {"Labels", labels},  {"ExitCode", exit_code() ? std::to_string(*exit_code()) : ""}};
     }
 
     [[nodiscard]] Json document() const
@@ -82,7 +82,7 @@ class Row {
                 {"State", state()},
                 {"Status", status()},
                 {"Exited", one_.status == STATE_STOPPED},
-                {"ExitCode", exit_code()},
+                {"ExitCode", exit_code() ? Json(*exit_code()) : Json()},
                 {"Pid", one_.status == STATE_RUNNING && one_.record ? one_.record->program : 0},
                 {"Ports", origin_.notes.ports},
                 {"Labels", origin_.labels}};
@@ -105,9 +105,12 @@ class Row {
         return one_.status == STATE_STOPPED ? "exited" : one_.status_name();
     }
 
-    [[nodiscard]] int exit_code() const
+    // 0 as long as there is none; none if it was lost.
+    [[nodiscard]] std::optional<int> exit_code() const
     {
-        return one_.record ? one_.record->exit_code.value_or(0) : 0;
+        if (one_.status != STATE_STOPPED)
+            return 0;
+        return one_.record ? one_.record->exit_code : std::nullopt;
     }
 
     [[nodiscard]] std::string since(const std::string& time) const
@@ -128,8 +131,8 @@ class Row {
         if (!one_.record || !one_.record->exit_code)
             return "Exited";
         const std::string time = since(one_.record->exited);
-        return fmt::format("Exited ({}){}{}{}", exit_code(), time.empty() ? "" : " ", time,
-                           time.empty() ? "" : " ago");
+        return fmt::format("Exited ({}){}{}{}", *one_.record->exit_code, time.empty() ? "" : " ",
+                           time, time.empty() ? "" : " ago");
     }
 
     const ListedContainer& one_;

@@ -14,8 +14,11 @@ int start_detached(const std::string& id, std::size_t log_max)
     const int error = start_with_monitor(id, {log_max, notes.tty, notes.interactive, notes.remove});
     if (error == 0)
         return kExitOk;
-    if (error != S_zncLib_RTP_SPAWN_FAILED)
-        return daemon_failure(error == -1 ? 0 : error, id);
+    if (error != S_zncLib_RTP_SPAWN_FAILED) {
+        const int status = daemon_failure(error == -1 ? 0 : error, id);
+        print_ended_hint(error, id);
+        return status;
+    }
     static_cast<void>(start_failure(error, id)); // the message names the program
     return kExitFailure;
 }

@@ -61,7 +61,8 @@ bool matches_one(const FilteredContainer& container, const std::string& key,
         return has_label(container.labels, value);
     if (key == "ancestor")
         return is_image(container.image, value);
-    return container.state == "exited" && container.exit_code == to_number<int>(value);
+    return container.state == "exited" && container.exit_code &&
+           container.exit_code == to_number<int>(value);
 }
 
 } // namespace

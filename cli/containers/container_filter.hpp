@@ -5,6 +5,7 @@
 #include "front/json.hpp"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,8 @@ namespace zncctl {
 struct FilteredContainer {
     std::string id;
     std::string image;
-    std::string state; // "created", "running", "paused", "exited"
-    int exit_code = 0;
+    std::string state;            // "created", "running", "paused", "exited"
+    std::optional<int> exit_code; // if it is known
     const Json* labels = nullptr;
 };
 

@@ -13,6 +13,7 @@
 #include "cli/images/pull_policy.hpp"
 #include "cli/images/wanted_platform.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <random>
 #include <sys/stat.h>
@@ -203,11 +204,28 @@ try {
     return failed;
 }
 
+namespace {
+
+// The library takes more, but options and operands like "ID:PATH" could not be told from it.
+bool is_name(std::string_view name)
+{
+    const auto is_plain = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    };
+    return !name.empty() && is_plain(name[0]) && std::all_of(name.begin(), name.end(), [&](char c) {
+        return is_plain(c) || c == '.' || c == '_' || c == '-';
+    });
+}
+
+} // namespace
+
 std::string id_of_new_container(const Arguments& args)
 {
     if (const char* name = args.value("name")) {
-        if (has_controls(name))
-            throw BadOption(fmt::format("--name: '{}' has control characters", printable(name)));
+        if (!is_name(name))
+            throw BadOption(fmt::format("--name: '{}' must consist of letters, digits, \".\", "
+                                        "\"_\" and \"-\", and begin with a letter or digit",
+                                        printable(name)));
         return name;
     }
     std::random_device random;

@@ -22,47 +22,10 @@ namespace {
 constexpr const char* kEnded = "it has ended";
 constexpr const char* kPaused = "it is paused";
 
-// A path in the container as the spawner resolves it: relative to the working directory.
-std::string absolute(const ExecProgram& wanted, const std::string& path)
-{
-    if (path.starts_with('/'))
-        return path;
-    return fmt::format("{}{}{}", wanted.directory, wanted.directory.ends_with('/') ? "" : "/",
-                       path);
-}
-
-// The paths that a command may stand for.
-std::vector<std::string> candidates(const ExecProgram& wanted)
-{
-    const std::string& command = wanted.words.front();
-    std::vector<std::string> paths = {absolute(wanted, command)};
-    const char* search = wanted.environment.value("PATH");
-    if (command.find('/') != command.npos || search == nullptr)
-        return paths;
-    std::string_view directories = search;
-    while (!directories.empty()) {
-        const std::size_t end = std::min(directories.find(':'), directories.size());
-        if (end != 0) // an empty entry is the working directory
-            paths.push_back(
-                absolute(wanted, fmt::format("{}/{}", directories.substr(0, end), command)));
-        directories.remove_prefix(std::min(end + 1, directories.size()));
-    }
-    return paths;
-}
-
 ProgramFault fault_of(int root, const ExecProgram& wanted)
 {
-    const std::vector<std::string> paths = candidates(wanted);
-    mode_t mode = 0;
-    for (const std::string& path : paths)
-        if (const int error = file_mode_in_root(root, path, mode);
-            error == 0 && (paths.size() == 1 || S_ISREG(mode)))
-            return program_fault(path, error, mode);
-    if (paths.size() == 1)
-        return program_fault(paths[0], file_mode_in_root(root, paths[0], mode), mode);
-    return {
-        fmt::format("{}: there is no such program in the container's PATH", wanted.words.front()),
-        kExitNoProgram};
+    return program_fault(
+        root, {wanted.words.front(), wanted.directory, wanted.environment.value("PATH")});
 }
 
 bool is_directory_in_root(int root, const std::string& path)
@@ -87,7 +50,8 @@ STATUS spawn(const RunningContainer& container, ExecProgram& wanted, pid_t* pid)
         znSpawnAttrSetCwd(&attr, wanted.directory.c_str()) != OK ||
         (wanted.user && znSpawnAttrSetUser(&attr, &user) != OK))
         return ERROR;
-    const std::string path = container.root_path() + absolute(wanted, wanted.words.front());
+    const std::string path =
+        container.root_path() + absolute_path(wanted.directory, wanted.words.front());
     return znSpawn(pid, path.c_str(), &attr, words.data(), environment.data());
 }
 

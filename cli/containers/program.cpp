@@ -2,6 +2,7 @@
 
 #include "config_check.hpp"
 #include "container.hpp"
+#include "environment.hpp"
 #include "front/files.hpp"
 #include "pause.hpp"
 #include "program_file.hpp"
@@ -75,13 +76,6 @@ class RedirectedStreams {
     bool good_ = true;
 };
 
-struct ProgramFile {
-    std::string path; // inside the root
-    int error;        // why it cannot be examined; 0 if it can
-    mode_t mode;
-    std::string missing_directory; // the working directory, if it is none
-};
-
 // The root with all mounts or, once the container has ended, what its bundle has.
 znc::UniqueFd open_root(const std::string& id, const std::string& bundle)
 {
@@ -92,8 +86,8 @@ znc::UniqueFd open_root(const std::string& id, const std::string& bundle)
     return root;
 }
 
-// The path of the container's program inside its root, and the file found there.
-ProgramFile program_file(const std::string& id)
+// Why the container's program could not be started.
+ProgramFault start_fault(const std::string& id)
 {
     const Json state = state_of(id).value_or(Json());
     const std::string bundle = text_of(state, "bundle");
@@ -102,28 +96,24 @@ ProgramFile program_file(const std::string& id)
     const Json& args = children(member(process, "args"));
     const std::string* first = args.empty() ? nullptr : text(&*args.begin());
     const std::string directory = text_of(process, "cwd");
-    ProgramFile program = {first != nullptr ? *first : "", EINVAL, 0, ""};
-    if (!program.path.starts_with('/'))
-        program.path = directory + "/" + program.path;
     const znc::UniqueFd root = open_root(id, bundle);
     if (first == nullptr || !root)
-        return program;
+        return {"it cannot be examined in the container's root", kExitCannotInvoke};
     mode_t mode = 0;
     if (file_mode_in_root(root.get(), directory, mode) != 0 || !S_ISDIR(mode))
-        program.missing_directory = directory;
-    program.error = file_mode_in_root(root.get(), program.path, program.mode);
-    return program;
+        return {fmt::format("there is no directory {} in the container's root", directory),
+                kExitCannotInvoke};
+    std::vector<std::string> variables;
+    for (const Json& variable : children(member(process, "env")))
+        if (const std::string* entry = text(&variable); entry != nullptr)
+            variables.push_back(*entry);
+    const Environment environment(variables);
+    return program_fault(root.get(), {*first, directory, environment.value("PATH")});
 }
 
 int spawn_failure(const std::string& id, const std::string& message)
 {
-    const ProgramFile program = program_file(id);
-    const ProgramFault fault =
-        program.missing_directory.empty()
-            ? program_fault(program.path, program.error, program.mode)
-            : ProgramFault{fmt::format("there is no directory {} in the container's root",
-                                       program.missing_directory),
-                           kExitCannotInvoke};
+    const ProgramFault fault = start_fault(id);
     static_cast<void>(failure(id, fmt::format("{}: {}", message, fault.message)));
     return fault.status;
 }
@@ -273,7 +263,15 @@ int start_failure(int error, const std::string& id)
     if (error == S_zncLib_RTP_SPAWN_FAILED)
         return spawn_failure(id, message_of(error, ""));
     static_cast<void>(daemon_failure(error == -1 ? 0 : error, id));
+    print_ended_hint(error, id);
     return kExitStartFailed;
+}
+
+void print_ended_hint(int error, const std::string& id)
+{
+    if (error == EBUSY && status_of(id) == STATE_STOPPED)
+        print_hint("a container that has ended cannot be started again: delete it and create it "
+                   "anew");
 }
 
 void forward_signal(const std::string& id, int host_signal, bool everyone)

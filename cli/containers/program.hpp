@@ -79,6 +79,9 @@ Record describe(const Program& program, bool logged);
 // Completes the record of a program that has ended with this status.
 void note_end(Record& record, const std::string& id, int status);
 
+// After a failed start: says so if the reason is that the container has ended.
+void print_ended_hint(int error, const std::string& id);
+
 // Prints the message and hints for a failed start; returns exit status 125, 126 or 127.
 int start_failure(int error, const std::string& id);
 

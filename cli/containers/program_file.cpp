@@ -85,14 +85,9 @@ class Walk {
     int links_ = 0;
 };
 
-} // namespace
-
-int file_mode_in_root(int root, const std::string& path, mode_t& mode)
-{
-    return Walk(root).mode_of(path, mode);
-}
-
-ProgramFault program_fault(const std::string& path, int error, mode_t mode)
+// Why the program could not be started that has this file; `error` and `mode` are those of
+// file_mode_in_root().
+ProgramFault file_fault(const std::string& path, int error, mode_t mode)
 {
     const auto fault = [&](const char* why, int status) {
         return ProgramFault{fmt::format("{}: {}", path, why), status};
@@ -105,8 +100,55 @@ ProgramFault program_fault(const std::string& path, int error, mode_t mode)
         return fault("it is not a regular file", kExitCannotInvoke);
     if ((mode & 0111) == 0)
         return fault("it is not executable", kExitCannotInvoke);
-    return fault("it cannot be executed; its interpreter may be missing or its format unknown",
+    return fault("it cannot be executed: its interpreter or a library may be missing, its format "
+                 "unknown, the user not allowed to, or a resource limit too low",
                  kExitCannotInvoke);
+}
+
+// The paths that a command may stand for.
+std::vector<std::string> candidates(const WantedProgram& wanted)
+{
+    std::vector<std::string> paths = {absolute_path(wanted.directory, wanted.command)};
+    if (wanted.command.find('/') != wanted.command.npos || wanted.search == nullptr)
+        return paths;
+    std::string_view directories = wanted.search;
+    while (!directories.empty()) {
+        const std::size_t end = std::min(directories.find(':'), directories.size());
+        if (end != 0) // an empty entry is the working directory
+            paths.push_back(
+                absolute_path(wanted.directory,
+                              fmt::format("{}/{}", directories.substr(0, end), wanted.command)));
+        directories.remove_prefix(std::min(end + 1, directories.size()));
+    }
+    return paths;
+}
+
+} // namespace
+
+int file_mode_in_root(int root, const std::string& path, mode_t& mode)
+{
+    return Walk(root).mode_of(path, mode);
+}
+
+std::string absolute_path(const std::string& directory, const std::string& path)
+{
+    return path.starts_with('/')
+               ? path
+               : fmt::format("{}{}{}", directory, directory.ends_with('/') ? "" : "/", path);
+}
+
+ProgramFault program_fault(int root, const WantedProgram& wanted)
+{
+    const std::vector<std::string> paths = candidates(wanted);
+    mode_t mode = 0;
+    for (const std::string& path : paths)
+        if (const int error = file_mode_in_root(root, path, mode);
+            error == 0 && (paths.size() == 1 || S_ISREG(mode)))
+            return file_fault(path, error, mode);
+    if (paths.size() == 1)
+        return file_fault(paths[0], file_mode_in_root(root, paths[0], mode), mode);
+    return {fmt::format("{}: there is no such program in the container's PATH", wanted.command),
+            kExitNoProgram};
 }
 
 } // namespace zncctl

@@ -17,9 +17,18 @@ struct ProgramFault {
     int status; // exit status 126 or 127
 };
 
-// Why a program that has this file could not be started; `error` and `mode` are those of
-// file_mode_in_root().
-ProgramFault program_fault(const std::string& path, int error, mode_t mode);
+// A path in a container as the spawner resolves it: relative to the working directory.
+std::string absolute_path(const std::string& directory, const std::string& path);
+
+// What the spawner is given to find a program.
+struct WantedProgram {
+    std::string command;
+    std::string directory; // the working directory
+    const char* search;    // the container's PATH; null: there is none
+};
+
+// Why a program could not be started in this root.
+ProgramFault program_fault(int root, const WantedProgram& wanted);
 
 } // namespace zncctl
 

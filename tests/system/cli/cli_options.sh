@@ -294,6 +294,10 @@ for label in '' '=x' $'a=b\nc' $'a\x1b[2J=b' zncontainer.sticky-directories=/ "$
 done
 zrun --name $'a\x1b[2Jb' "$image"
 check 'a name with control characters is refused' test "$status/$out" = 64/
+for name in a:b 'a b' --rm .a ''; do
+    run zncctl run --name="$name" "$image" true
+    check "and the name '$name'" test "$status/$out" = 64/
+done
 check 'and not printed' not grep -q "$(printf '\x1b')" "$work/err"
 zrun --cidfile "$work/cid" --name filed "$image"
 check '--cidfile receives the id' test "$status/$(<"$work/cid")" = 0/filed

@@ -58,7 +58,16 @@ printf '#!/no/such/interpreter\n' >"$work/text/rootfs/tmp/text"
 chmod +x "$work/text/rootfs/tmp/text"
 run zncctl run --rm -b "$work/text"
 fails_with 'a program without its interpreter exits 126' 126 \
-    '/tmp/text: it cannot be executed; its interpreter may be missing or its format unknown'
+    '/tmp/text: it cannot be executed: its interpreter or a library may be missing, its format unknown, the user not allowed to, or a resource limit too low'
+make_bundle "$work/path" there
+mkdir "$work/path/rootfs/opt"
+jq '.process.env=["PATH=/sbin:/opt"]' "$work/path/config.json" >"$work/config.json"
+mv "$work/config.json" "$work/path/config.json"
+run zncctl run --rm -b "$work/path"
+fails_with 'a program that is not in the PATH exits 127' 127 "there: there is no such program in the container's PATH"
+echo text >"$work/path/rootfs/opt/there"
+run zncctl run --rm -b "$work/path"
+fails_with 'one in the PATH that cannot be executed exits 126' 126 '/opt/there: it is not executable'
 run zncctl run --rm -b /no/such/bundle
 check 'a bundle that is not there exits 125' test "$status/$out" = 125/
 run zncctl run --name none -d -b "$work/none"
@@ -259,12 +268,18 @@ check 'which delete --force ends' eventually not program_lives
 # If the monitor is killed, only the exit code is lost.
 zncctl run --name web -d -b "$work/loop" >/dev/null
 eventually program_lives
+eventually status_is web running
 kill -s KILL "$(sed -n 's/.*"keeper": \([0-9]*\).*/\1/p' /run/zarnel/containers/web/status.json)"
 check 'a program outlives its monitor' status_is web running
 run zncctl stop -q web
 run zncctl wait web
 fails_with 'its exit code is then not known' 1 \
     'its exit code is unknown: the process that started it did not wait for it'
+check 'ps does not take it for success' test "$(zncctl ps -aq --filter exited=0)/$(zncctl ps -a --format \
+    '{{.ID}} {{.Status}} {{.ExitCode}}')/$(zncctl ps -a --format json | jq '.[0].ExitCode')" = '/web Exited /null'
+run zncctl start web
+check 'it is not started again, and why' test "$status/$(sed -n 2p "$work/err")" = "3/zncctl: hint: a container \
+that has ended cannot be started again: delete it and create it anew"
 run zncctl delete web
 expect 'it can be deleted' 0 web ''
 
