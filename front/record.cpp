@@ -209,6 +209,14 @@ std::optional<int> RecordEnd::exit_code() const
                       : std::nullopt;
 }
 
+znc::UniqueFd open_runtime_area(const char* name, bool make)
+{
+    const znc::UniqueFd runtime = open_runtime(make);
+    if (!runtime)
+        return {};
+    return make ? make_dir(runtime.get(), name) : open_dir(runtime.get(), name);
+}
+
 std::vector<std::string> recorded_ids()
 {
     std::vector<std::string> ids;

@@ -72,6 +72,10 @@ class RecordEnd {
     znc::UniqueFd lock_;
 };
 
+// Opens a directory of this name in the runtime directory, for data about several containers; with
+// `make` it is created if it does not exist. Invalid with errno set.
+znc::UniqueFd open_runtime_area(const char* name, bool make);
+
 // The ids of all containers that have a record, including containers that no longer exist.
 std::vector<std::string> recorded_ids();
 

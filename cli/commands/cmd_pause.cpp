@@ -1,5 +1,6 @@
 // Suspends all processes of containers, and lets them continue.
 #include "cli/containers/container.hpp"
+#include "cli/containers/events.hpp"
 #include "cli/containers/pause.hpp"
 #include "commands.hpp"
 
@@ -16,8 +17,10 @@ int freeze(const std::string& id, bool frozen)
     if (is_paused(id, status) == frozen)
         return failure(id, frozen ? "it is paused already" : "it is not paused", kExitWrongState);
     const nsid_t ns = namespace_of(id);
-    if (ns >= 0 && znnsFreeze(ns, frozen ? TRUE : FALSE) == OK)
+    if (ns >= 0 && znnsFreeze(ns, frozen ? TRUE : FALSE) == OK) {
+        note_event(frozen ? kPauseEvent : kUnpauseEvent, id);
         return kExitOk;
+    }
     if (errno == ENOTSUP)
         return failure(id, "it cannot be paused: this machine has no control groups for it");
     if (errno == ESRCH)

@@ -205,6 +205,14 @@ inline constexpr Option kPsOptions[] = {
     {0, "format", "FORMAT", "\"table\", \"json\", or fields such as \"{{.ID}} {{.Status}}\""},
     {0, "no-trunc", nullptr, "do not truncate the output"},
 };
+inline constexpr Option kEventsOptions[] = {
+    {'f', "filter", "KEY=VALUE",
+     "print only events with this container, event, image or type; may be repeated"},
+    {0, "format", "FORMAT", "\"json\", or fields such as \"{{.ID}} {{.Status}}\""},
+    {0, "since", "TIME", "begin with events since this time, or so long ago, such as 10m"},
+    {0, "until", "TIME", "end at this time, or after so long, such as 10m"},
+    {0, "no-stream", nullptr, "print the events until now, and do not wait for more"},
+};
 inline constexpr Option kPruneOptions[] = {
     {'f', "force", nullptr, "no effect: it does not ask"},
     {0, "filter", "KEY=VALUE", "delete only containers that match, as for ps; may be repeated"},

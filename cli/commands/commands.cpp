@@ -58,6 +58,8 @@ constexpr Command kCommands[] = {
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"stats", "", "[ID...]", "show what containers use of processor, memory and devices",
      kStatsOptions, 0, kMany, kId, "", cmd_stats},
+    {"events", "", "", "print what happens to containers", kEventsOptions, 0, 0, kNone, "",
+     cmd_events},
     {"unpack", "", "IMAGE BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kImage,
      "", cmd_unpack},
     import_command(cmd_import),

@@ -35,6 +35,7 @@ int cmd_cp(const Arguments& args);
 int cmd_create(const Arguments& args);
 int cmd_delete(const Arguments& args);
 int cmd_diff(const Arguments& args);
+int cmd_events(const Arguments& args);
 int cmd_exec(const Arguments& args);
 int cmd_export(const Arguments& args);
 int cmd_image_check(const Arguments& args);

@@ -4,6 +4,7 @@
 #include "cli/containers/image_user.hpp"
 #include "cli/images/sticky.hpp"
 #include "config_check.hpp"
+#include "events.hpp"
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "front/record.hpp"
@@ -153,6 +154,7 @@ int create_container(const std::string& id, NewBundle& bundle, const Network& ne
     bundle.lock.reset();
     bundle.in_use.reset(); // from now on the container itself keeps it from being collected
     remove_record(id);     // left by an earlier container with this id
+    note_event(kCreateEvent, id);
     const int status = restore_sticky(id, path) && open_root_to_users(id, path)
                            ? connect_network(id, network)
                            : local_failure(errno, id);
@@ -168,11 +170,13 @@ STATUS delete_container(const std::string& id, bool force)
     const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     const NetworkEnd network(id);
+    RemoveEvent event(id);
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     // The network ends with the container. When delete returns, its ports must be free.
     if (!network.wait())
         print_warning(fmt::format("{}: the container's network has not ended", printable(id)));
+    event.note();
     remove_record(id);
     if (!private_bundle.empty() && text_of(state, "bundle") == private_bundle)
         zncImageBundleDelete(private_bundle.c_str());

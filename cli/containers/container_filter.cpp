@@ -39,15 +39,6 @@ bool has_label(const Json* labels, const std::string& wanted)
     return value != nullptr && (equals == wanted.size() || *value == wanted.substr(equals + 1));
 }
 
-// An image is named with its tag or without.
-bool is_image(const std::string& image, const std::string& wanted)
-{
-    const std::size_t colon = image.rfind(':');
-    const bool tagged = colon != image.npos && image.find('/', colon) == image.npos;
-    return image == wanted || (tagged && image.substr(0, colon) == wanted) ||
-           image + ":latest" == wanted;
-}
-
 bool matches_one(const FilteredContainer& container, const std::string& key,
                  const std::string& value)
 {
@@ -60,12 +51,20 @@ bool matches_one(const FilteredContainer& container, const std::string& key,
     if (key == "label")
         return has_label(container.labels, value);
     if (key == "ancestor")
-        return is_image(container.image, value);
+        return is_image_named(container.image, value);
     return container.state == "exited" && container.exit_code &&
            container.exit_code == to_number<int>(value);
 }
 
 } // namespace
+
+bool is_image_named(const std::string& image, const std::string& wanted)
+{
+    const std::size_t colon = image.rfind(':');
+    const bool tagged = colon != image.npos && image.find('/', colon) == image.npos;
+    return image == wanted || (tagged && image.substr(0, colon) == wanted) ||
+           image + ":latest" == wanted;
+}
 
 ContainerFilter::ContainerFilter(const std::vector<std::string>& filters)
 {

@@ -19,6 +19,9 @@ struct FilteredContainer {
     const Json* labels = nullptr;
 };
 
+// Whether an image that is named with its tag or without is the one of this name.
+bool is_image_named(const std::string& image, const std::string& wanted);
+
 class ContainerFilter {
   public:
     // Throws std::runtime_error for an unknown key or value.

@@ -1,5 +1,6 @@
 #include "foreground.hpp"
 
+#include "events.hpp"
 #include "front/output.hpp"
 #include "network.hpp"
 #include "session.hpp"
@@ -42,7 +43,9 @@ int run_in_foreground(const std::string& id, const SignalQueue& signals,
     *started = true;
     Record program_record = describe(session.program(), false);
     record.write(program_record);
+    note_event(kStartEvent, id);
     note_end(program_record, id, session.wait());
+    note_event(kDiedEvent, id, program_record.exit_code); // before the record: see RemoveEvent
     record.write(program_record);
     end_network_of_stopped(id);
     return session.finish(id, *program_record.exit_code);

@@ -41,16 +41,29 @@ std::optional<std::time_t> read_duration(std::string_view text)
     return sum;
 }
 
+// A point in time; nullopt also for a duration.
+std::optional<std::time_t> read_point(std::string_view text)
+{
+    if (const auto seconds = to_number<std::int64_t>(text); seconds && *seconds >= 0)
+        return *seconds;
+    const std::time_t time = time_of_text(std::string(text));
+    return time != 0 ? std::optional(time) : std::nullopt;
+}
+
 } // namespace
 
 std::optional<std::time_t> read_past_time(std::string_view text, std::time_t now)
 {
-    if (const auto seconds = to_number<std::int64_t>(text); seconds && *seconds >= 0)
-        return *seconds;
-    if (const std::time_t time = time_of_text(std::string(text)); time != 0)
-        return time;
-    const auto duration = text.empty() ? std::nullopt : read_duration(text);
-    return duration ? std::optional(now - *duration) : std::nullopt;
+    const auto time = read_point(text);
+    const auto duration = time || text.empty() ? std::nullopt : read_duration(text);
+    return duration ? std::optional(now - *duration) : time;
+}
+
+std::optional<std::time_t> read_future_time(std::string_view text, std::time_t now)
+{
+    const auto time = read_point(text);
+    const auto duration = time || text.empty() ? std::nullopt : read_duration(text);
+    return duration ? std::optional(now + *duration) : time;
 }
 
 std::string LogLines::add(const std::vector<LogPart>& parts)

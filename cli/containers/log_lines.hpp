@@ -1,5 +1,5 @@
 // log_lines.hpp - the lines of a log that a user wants to see, with the times at which they were
-// written. Used by logs.
+// written. Used by logs and events.
 #ifndef ZNC_CLI_CONTAINERS_LOG_LINES_HPP
 #define ZNC_CLI_CONTAINERS_LOG_LINES_HPP
 
@@ -13,6 +13,9 @@ namespace zncctl {
 // A time that a user gives: "2026-11-22T13:00:00Z", seconds since the epoch, or a duration such as
 // "10m" or "1h30m" before `now`. Nullopt if it is none.
 std::optional<std::time_t> read_past_time(std::string_view text, std::time_t now);
+
+// The same, but a duration is after `now`.
+std::optional<std::time_t> read_future_time(std::string_view text, std::time_t now);
 
 class LogLines {
   public:

@@ -3,6 +3,7 @@
 #include "cli/terminal/terminal.hpp"
 #include "container.hpp"
 #include "detached.hpp"
+#include "events.hpp"
 #include "front/output.hpp"
 #include "front/words.hpp"
 #include "log_file.hpp"
@@ -64,6 +65,7 @@ class Monitor {
         input_ = std::move(input.writer);
         program_record_ = describe(program_, true);
         record.write(program_record_);
+        note_event(kStartEvent, id_);
         return 0;
     }
 
@@ -100,6 +102,7 @@ class Monitor {
             if (const auto& status = program_.look(); status && !program_record_.exit_code) {
                 read_rest(); // the log must be complete when the exit code appears
                 note_end(program_record_, id_, *status);
+                note_event(kDiedEvent, id_, program_record_.exit_code); // see RemoveEvent
                 record.write(program_record_);
                 end_network_of_stopped(id_);
                 continue;

@@ -1,0 +1,77 @@
+#include "events.hpp"
+
+#include "container_notes.hpp"
+#include "front/record.hpp"
+#include "image_bundle.hpp"
+
+#include <chrono>
+#include <ctime>
+#include <exception>
+#include <thread>
+
+namespace zncctl {
+namespace {
+
+std::int64_t time_now()
+{
+    constexpr std::int64_t kNanoseconds = 1000000000;
+    timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec * kNanoseconds + now.tv_nsec;
+}
+
+Event event_of(const char* status, const std::string& id)
+{
+    Event event;
+    event.status = status;
+    event.id = id;
+    event.name = id;
+    event.image = read_notes(own_bundle(id)).image;
+    return event;
+}
+
+void append_now(Event& event)
+{
+    event.time = time_now();
+    if (const znc::UniqueFd area = open_journal_area(true); area)
+        append_event(area.get(), event);
+}
+
+// The process that keeps the record may be stopped, or too slow.
+void wait_for_end(int record)
+{
+    constexpr std::chrono::milliseconds kPause(1);
+    constexpr int kTries = 200;
+    const RecordEnd end(record);
+    for (int i = 0; i < kTries && end && !end.exit_code() && record_is_kept(record); i++)
+        std::this_thread::sleep_for(kPause);
+}
+
+} // namespace
+
+void note_event(const char* status, const std::string& id, std::optional<int> exit_code)
+try {
+    const znc::ErrnoSaver keep;
+    Event event = event_of(status, id);
+    event.exit_code = exit_code;
+    append_now(event);
+} catch (const std::exception&) { // such as for lack of memory: the container is more important
+    return;
+}
+
+RemoveEvent::RemoveEvent(const std::string& id)
+    : event_(event_of(kRemoveEvent, id)), record_(open_record(id))
+{
+}
+
+void RemoveEvent::note()
+try {
+    const znc::ErrnoSaver keep;
+    if (record_)
+        wait_for_end(record_.get());
+    append_now(event_);
+} catch (const std::exception&) {
+    return;
+}
+
+} // namespace zncctl
