@@ -22,18 +22,28 @@ namespace zn {
 
 using znc::UniqueFd;
 
+namespace {
+
+// The first process of a PID namespace ends after all others have been reaped: those that were
+// created from outside first.
+void end_process(Keeper& process)
+{
+    if (process.pid() <= 0)
+        return;
+    process_signal(process.pidfd(), SIGKILL);
+    process_reap(process.pidfd());
+    process.adopt(-1, UniqueFd(), UniqueFd());
+}
+
+} // namespace
+
 Creation::~Creation()
 {
     if (kept_)
         return;
     const znc::ErrnoSaver keep;
-    // The first process of a PID namespace ends after all others that have been reaped.
-    for (const Keeper* process : {&maker_, &first_})
-        if (process->pid() > 0)
-            process_signal(process->pidfd(), SIGKILL);
-    for (const Keeper* process : {&maker_, &first_})
-        if (process->pid() > 0)
-            process_reap(process->pidfd());
+    end_process(maker_);
+    end_process(first_);
     start_socket_remove(plan_.directory);
     if (hasGroup_)
         cgroup_remove(plan_.group);
@@ -124,14 +134,22 @@ int Creation::ask(Keeper& process, wire::Request request, std::initializer_list<
         request.textCount++;
     }
     request.textLen = static_cast<std::uint32_t>(len);
-    return explain(process.ask(request, {text, len}, descriptor, value, kAnswerWait));
+    return explain(process.ask(request, {text, len}, descriptor, value, kAnswerWait), process);
 }
 
-// If the process has ended, its report says why.
 int Creation::explain(int error)
 {
+    return explain(error, maker());
+}
+
+// If the first process has ended, its report says why.
+int Creation::explain(int error, const Keeper& process)
+{
     wire::SpawnReport report;
-    if (error != ESRCH || !process_ended(first_.pidfd(), kAnswerWait) ||
+    if (error != ESRCH || &process != &first_)
+        return error;
+    end_process(maker_);
+    if (!process_ended(first_.pidfd(), kAnswerWait) ||
         ::read(report_.get(), &report, sizeof report) != static_cast<ssize_t>(sizeof report))
         return error;
     return reason_.say_program(report.value, report.kind, plan_.program.argv[0], plan_.program.cwd);
@@ -189,8 +207,7 @@ int Creation::keep(ZN_ENGINE_PROCESS& process)
     process.pid = first_.pid();
     process.startTime = process_start_time(first_.pid());
     kept_ = true;
-    if (maker_.pid() > 0)
-        process_reap(maker_.pidfd());
+    end_process(maker_);
     return control_.release();
 }
 

@@ -54,6 +54,7 @@ class Creation {
     int ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
     int explain(int error);
+    int explain(int error, const Keeper& process);
     int pivot();
     [[nodiscard]] std::uint64_t shared_propagation() const;
     int run_hooks();

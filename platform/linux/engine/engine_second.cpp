@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
 #include <poll.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -22,15 +23,16 @@ using znc::UniqueFd;
 // said.
 int Creation::adopt_created(pid_t pid, UniqueFd pidfd, UniqueFd socket, Keeper& process)
 {
-    pollfd reported = {report_.get(), POLLIN, 0};
+    // It reports before it ends, if at all.
+    pollfd events[] = {{report_.get(), POLLIN, 0}, {pidfd.get(), POLLIN, 0}};
     wire::SpawnReport report = {};
     const bool said =
-        ::poll(&reported, 1, kAnswerWait) == 1 &&
+        ::poll(events, std::size(events), kAnswerWait) > 0 &&
         ::read(report_.get(), &report, sizeof report) == static_cast<ssize_t>(sizeof report);
     if (!said || report.kind != wire::SpawnReport::Kind::kPid) {
         process_signal(pidfd.get(), SIGKILL);
         process_reap(pidfd.get());
-        return reason_.say_errno(said ? report.value : ETIMEDOUT,
+        return reason_.say_errno(said ? report.value : ESRCH,
                                  "cannot create the process %d of the container", pid);
     }
     process_reap(pidfd.get());
