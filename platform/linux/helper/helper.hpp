@@ -97,8 +97,10 @@ int path_read_only(const char* path);
 
 // Returns an O_PATH descriptor of `path` as resolved inside the root, or a negative error number.
 // ".." and symbolic links do not lead above the root, and magic links are refused
-// (keeper_mount.cpp).
+// (keeper_mount.cpp). The root is the working directory, which is "/" unless it was changed, or the
+// directory `root`.
 long open_inside(const char* path, std::uint64_t flags);
+long open_inside_at(int root, const char* path, std::uint64_t flags);
 
 // Returns an O_PATH descriptor of a mount point inside the root, created if it is missing as a
 // directory or an empty file, or a negative error number (keeper_point.cpp).

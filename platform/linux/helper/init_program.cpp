@@ -170,10 +170,12 @@ void program_become(const Rules& rules, const Program& program)
         set_limits(rules);
     }
     program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kRights, 0);
-    // A directory that the user cannot enter may be the working directory, too.
-    const long early = directory_enter(program.directory);
+    // A directory that the user cannot enter may be the working directory, too. The path is about
+    // the root both times, not about the directory that was entered first.
+    const sys::Fd root(open_inside("/", O_DIRECTORY));
+    const long early = directory_enter(root.get(), program.directory);
     drop_rights(rules, user);
-    const long late = directory_enter(program.directory);
+    const long late = directory_enter(root.get(), program.directory);
     if (late < 0 && early < 0) {
         program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kDirectory, late);
         sys::exit_group(127);

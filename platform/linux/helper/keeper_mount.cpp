@@ -95,12 +95,16 @@ int refuse_root(int point)
 
 long open_inside(const char* path, std::uint64_t flags)
 {
+    return open_inside_at(AT_FDCWD, path, flags);
+}
+
+long open_inside_at(int root, const char* path, std::uint64_t flags)
+{
     open_how how = {};
     how.flags = O_PATH | O_CLOEXEC | flags;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    return open_repeated([&] {
-        return sys::call(__NR_openat2, AT_FDCWD, sys::arg(path), sys::arg(&how), sizeof how);
-    });
+    return open_repeated(
+        [&] { return sys::call(__NR_openat2, root, sys::arg(path), sys::arg(&how), sizeof how); });
 }
 
 int mount_attach(int mount, const char* destination, bool isDirectory, std::uint64_t* mountId)

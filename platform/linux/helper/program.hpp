@@ -70,8 +70,9 @@ void default_signals();
 // The host's id of a user of the container; -1 if it has none.
 long host_user(const Rules& rules, std::uint32_t uid);
 
-// Makes `path` the working directory. 0 or a negative error number.
-long directory_enter(const char* path);
+// Makes `path`, resolved inside the directory `root`, the working directory. 0 or a negative error
+// number.
+long directory_enter(int root, const char* path);
 
 } // namespace zn
 

@@ -173,9 +173,9 @@ void leave_keyring()
 
 // Magic links are refused and the result is checked: a working directory outside the root would be
 // an escape.
-long directory_enter(const char* path)
+long directory_enter(int root, const char* path)
 {
-    const sys::Fd directory(open_inside(path, O_DIRECTORY));
+    const sys::Fd directory(open_inside_at(root, path, O_DIRECTORY));
     if (!directory.valid())
         return -directory.error();
     char where[4096];
@@ -412,7 +412,7 @@ namespace {
     enter_user_namespace(rules);
     drop_rights(rules, user);
     // After dropping rights, so that the program could have entered the directory itself.
-    check(directory_enter(directory));
+    check(directory_enter(AT_FDCWD, directory));
     sys::call(__NR_close, wire::kSpawnerNamespace);
     sys::call(__NR_close, wire::kSpawnerUser);
     default_signals();

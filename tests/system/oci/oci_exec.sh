@@ -13,6 +13,9 @@ inside "$me-web" sh -c 'echo $NAME; exit 4'
 expect 'exec has environment and exit status' 4 own
 inside --env NAME=other --cwd /tmp "$me-web" sh -c 'echo $NAME $(pwd)'
 expect 'options of exec' 0 'other /tmp'
+inside "$me-web" mkdir -p /twice/twice
+inside --cwd /twice "$me-web" pwd
+expect 'a working directory of exec that has one of the same path in it' 0 /twice
 inside --user 1000:1001 --additional-gids 7 "$me-web" sh -c 'echo $(id -u):$(id -G) $HOME'
 expect 'the user of exec' 0 '1000:1001 7 /home/user'
 inside "$me-web" sh -c 'ps | grep -c "[s]leep 1000"'

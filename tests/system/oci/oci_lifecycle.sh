@@ -125,6 +125,10 @@ change web '.process.cwd = "/made/for/it"'
 program web pwd
 run zncrun run --bundle "$work/web" "$me-web"
 expect 'a missing working directory is created' 0 /made/for/it
+mkdir -p "$work/web/rootfs/twice/twice"
+change web '.process.cwd = "/twice"'
+run zncrun run --bundle "$work/web" "$me-web"
+expect 'a working directory that has a directory of the same path in it' 0 /twice
 run zncrun create --bundle "$work/nosuch" "$me-web"
 refused 'a missing bundle' 'no such file or directory'
 for text in '{' '[]' '{"ociVersion":"9"}' '{"ociVersion":"1.0.0"}'; do
