@@ -137,7 +137,12 @@ int preserved_descriptors(const Arguments& args)
     if (!count || *count < 0 || *count > ZN_ENGINE_DESCRIPTORS_MAX)
         throw Failure(fmt::format("--preserve-fds: {:?} is not a number from 0 to {}", text,
                                   ZN_ENGINE_DESCRIPTORS_MAX));
-    return std::min(*count + listening_descriptors(), ZN_ENGINE_DESCRIPTORS_MAX);
+    const int all = std::min(*count + listening_descriptors(), ZN_ENGINE_DESCRIPTORS_MAX);
+    // Called before anything is opened, which would take the number of one that is missing.
+    for (int fd = 3; fd < 3 + all; fd++)
+        if (::fcntl(fd, F_GETFD) < 0)
+            throw Failure(fmt::format("--preserve-fds: descriptor {} is not open", fd));
+    return all;
 }
 
 znc::UniqueFd connect_console(const Arguments& args, bool terminal)

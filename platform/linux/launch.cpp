@@ -52,8 +52,17 @@ ZN_PLAIN long copy_high(int fd, int closeFrom)
     return high;
 }
 
+ZN_PLAIN bool is_target(const Launch& launch, int fd)
+{
+    const LaunchFd* fds = launch.fds.data();
+    std::size_t i = 0;
+    while (i < launch.fds.size() && fds[i].target != fd)
+        i++;
+    return i < launch.fds.size();
+}
+
 // Moves every descriptor to its target number and the helper's file to the number after them;
-// closes all others.
+// closes all others, also the caller's whose numbers are between the targets.
 ZN_PLAIN bool place_descriptors(const Launch& launch)
 {
     const LaunchFd* fds = launch.fds.data();
@@ -65,6 +74,9 @@ ZN_PLAIN bool place_descriptors(const Launch& launch)
         good = (high[i] = copy_high(fds[i].source, launch.closeFrom)) >= 0;
     for (std::size_t i = 0; good && i < count; i++)
         good = ::syscall(SYS_dup3, high[i], fds[i].target, 0) >= 0;
+    for (int fd = 0; good && fd < launch.closeFrom; fd++)
+        if (!is_target(launch, fd))
+            ::syscall(SYS_close, fd);
     return good && ::syscall(SYS_dup3, file, launch.closeFrom, O_CLOEXEC) >= 0 &&
            ::syscall(SYS_close_range, launch.closeFrom + 1, ~0U, 0) == 0;
 }

@@ -137,7 +137,9 @@ int give_descriptors(int count)
     for (int fd = 3; fd < wire::kInitFdEnd; fd++)
         sys::call(__NR_close, fd);
     for (int i = 0; i < count; i++) {
-        sys::call(__NR_dup3, wire::kInitFdEnd + i, 3 + i, 0);
+        // One that the caller does not have is not there, whatever had the number before.
+        if (sys::call(__NR_dup3, wire::kInitFdEnd + i, 3 + i, 0) < 0)
+            sys::call(__NR_close, 3 + i);
         sys::call(__NR_fcntl, wire::kInitFdEnd + i, F_SETFD, FD_CLOEXEC);
     }
     // Those that were just moved may have taken one of the higher numbers.

@@ -52,6 +52,13 @@ check 'a program gets no descriptors but the standard streams' not grep -q '^4' 
 run zncrun exec --preserve-fds 2 "$me-web" sh -c 'cat <&4'
 exec 3<&- 4<&-
 expect 'preserved descriptors' 0 "$(</etc/passwd)"
+exec 4</dev/null 7</etc/shadow
+run zncrun exec --preserve-fds 2 "$me-web" true
+refused 'one that is not open' '--preserve-fds: descriptor 3 is not open'
+exec 3</dev/null
+run zncrun exec --preserve-fds 1 "$me-web" sh -c 'ls /proc/self/fd | grep -c "^7"'
+expect 'none besides those that are preserved' 1 0
+exec 3<&- 4<&- 7<&-
 
 # A terminal.
 cat >"$work/terminal.py" <<'P'
