@@ -292,6 +292,7 @@ ZN_ENGINE_PLAN Bundle::plan(const std::string& group, int directory, int console
             directory,
             process_.program(console, descriptors),
             nullptr,
+            nullptr,
             nullptr};
 }
 

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -41,6 +42,14 @@ class Unfinished {
   private:
     StateDirectory* directory_;
 };
+
+std::string new_mark()
+{
+    std::array<std::uint64_t, 2> random{};
+    if (::getrandom(random.data(), sizeof random, 0) != static_cast<ssize_t>(sizeof random))
+        throw Failure("random numbers: " + zncctl::error_text());
+    return fmt::format("{:016x}{:016x}", random[0], random[1]);
+}
 
 std::string state_text(const Container& container, Status status)
 {
@@ -173,6 +182,7 @@ Container create_container(const Context& context, const Arguments& args)
     container.rootfs = bundle.rootfs();
     container.created = zncctl::time_text(std::time(nullptr));
     container.group = bundle.group(container.id, context.systemd);
+    container.mark = new_mark();
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
@@ -181,6 +191,7 @@ Container create_container(const Context& context, const Arguments& args)
     directory.write_config(bundle.document());
     ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
+    plan.mark = container.mark.c_str();
     plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
     CreationHooks hooks(bundle, directory, container);
     if (hooks.any()) {
@@ -238,7 +249,9 @@ void remove_container(StateDirectory& directory)
             if (znEngineProcessEnded(&container.process, kKillMilliseconds) == FALSE)
                 throw Failure(fmt::format("container {:?} cannot be killed", container.id));
         }
-        if (!group.empty() && znEngineGroupRemove(group.c_str()) != OK)
+        // EBUSY: other containers use it, or have groups below it.
+        if (!group.empty() && znEngineGroupRemove(group.c_str(), container.mark.c_str()) != OK &&
+            errno != EBUSY)
             throw Failure(fmt::format("cgroup {}: {}", group, zncctl::error_text()));
         Json config = Json::object();
         try {

@@ -141,6 +141,7 @@ Container StateDirectory::read() const
     container.rootfs = zncctl::text_of(json, "rootfs");
     container.created = zncctl::text_of(json, "created");
     container.group = zncctl::text_of(json, "cgroup");
+    container.mark = zncctl::text_of(json, "cgroupMark");
     container.process.pid = static_cast<pid_t>(pid.value_or(0));
     container.process.startTime = static_cast<unsigned long long>(start.value_or(0));
     if (const Json* annotations = zncctl::member(json, "annotations"))
@@ -156,6 +157,7 @@ void StateDirectory::write(const Container& container) const
     json["rootfs"] = container.rootfs;
     json["created"] = container.created;
     json["cgroup"] = container.group;
+    json["cgroupMark"] = container.mark;
     json["pid"] = container.process.pid;
     json["startTime"] = container.process.startTime;
     json["annotations"] = container.annotations;

@@ -28,6 +28,7 @@ struct Container {
     std::string rootfs;
     std::string created; // RFC 3339
     std::string group;
+    std::string mark; // of the group, which another container may have taken over
     ZN_ENGINE_PROCESS process = {}; // pid 0: none yet
     Json annotations = Json::object();
 };

@@ -83,6 +83,7 @@ typedef struct znEnginePlan {
      */
     STATUS (*prepared)(const ZN_ENGINE_PROCESS* process, void* context);
     void* context;
+    const char* mark; /* for znEngineGroupRemove: no other container has the same; NULL: none */
 } ZN_ENGINE_PLAN;
 
 /* Check a configuration without creating anything. */
@@ -151,8 +152,13 @@ STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* 
                               void* context);
 /* Change limits as a JSON object in the format of "linux.resources" says. */
 STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size);
-/* Kill what is in the group and remove it. OK if there is none. */
-STATUS znEngineGroupRemove(const char* group);
+/*
+ * Remove the group of a container that was created with this mark. If it has the mark, and no group
+ * below it with another one has processes, what is in it is killed first. A group with another mark belongs to
+ * another container and stays. Without one, it is removed if nothing is in it. OK if it was removed
+ * or there is none; EBUSY if it stays.
+ */
+STATUS znEngineGroupRemove(const char* group, const char* mark);
 
 typedef struct znEngineUse {
     uint64_t cpuNs;

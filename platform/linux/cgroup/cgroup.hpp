@@ -93,6 +93,16 @@ int cgroup_processes(const char* path, List<int>& pids);
 // there is none. Parents stay.
 int cgroup_remove(const char* path);
 
+// Notes whose group it is, so that a group with the same path that somebody else made or took over
+// is not taken for it. 0 also where this process may not note it.
+int cgroup_mark(const char* path, const char* mark);
+
+// Removes the group that has this mark as cgroup_remove does, unless one below it has another mark
+// and processes.
+// A group without a mark is removed if it has no processes, in groups below it, too. EBUSY
+// otherwise.
+int cgroup_remove_marked(const char* path, const char* mark);
+
 } // namespace zn
 
 #endif

@@ -56,8 +56,10 @@ int Creation::make_group()
     if (settings_.complete_devices() != 0)
         return reason_.say_errno(ENOMEM, "linux.resources.devices");
     const char* field = nullptr;
-    const int error = cgroup_create(plan_.group, settings_.resources(), &field);
+    int error = cgroup_create(plan_.group, settings_.resources(), &field);
     hasGroup_ = error == 0;
+    if (error == 0 && plan_.mark != nullptr)
+        error = cgroup_mark(plan_.group, plan_.mark);
     return reason_.say_errno(error, "linux.%s%s", field != nullptr ? "resources." : "cgroupsPath",
                              field != nullptr ? field : "");
 }

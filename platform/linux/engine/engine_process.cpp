@@ -114,9 +114,9 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
     return result(error);
 }
 
-STATUS znEngineGroupRemove(const char* group)
+STATUS znEngineGroupRemove(const char* group, const char* mark)
 {
-    return result(cgroup_remove(group));
+    return result(cgroup_remove_marked(group, mark));
 }
 
 STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use)

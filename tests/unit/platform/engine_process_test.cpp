@@ -67,7 +67,7 @@ TEST(EngineGroup, ThatDoesNotExistIsAnErrorButForRemoval)
     BOOL frozen = FALSE;
     EXPECT_EQ(znEngineGroupFrozen("/zncrun/no-such-group", &frozen), ERROR);
     EXPECT_EQ(znEngineGroupSignal("/zncrun/no-such-group", SIGKILL), ERROR);
-    EXPECT_EQ(znEngineGroupRemove("/zncrun/no-such-group"), OK);
+    EXPECT_EQ(znEngineGroupRemove("/zncrun/no-such-group", "mark"), OK);
 }
 
 TEST(EngineExec, IntoWhatHasEndedIsRefused)

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Tests of what zncrun must not do to others: to processes, files and names that do not belong to
+# the container, whatever the configuration, the caller or another container have prepared.
+# shellcheck source=oci_lib.sh disable=SC2016
+. "$(dirname "$0")/oci_lib.sh"
+
+make_bundle web sleep 1000
+plain=$(<"$work/web/config.json")
+plain_again() { printf '%s' "$plain" >"$work/web/config.json"; }
+
+# Control groups that others use.
+change web '.linux.cgroupsPath = "/zncrun/'"$me"'-one" | .process.args = ["true"]'
+run zncrun create --bundle "$work/web" "$me-ended"
+run zncrun start "$me-ended"
+check 'a container ends' eventually is_state "$me-ended" stopped
+program web sleep 1000
+run zncrun run --detach --bundle "$work/web" "$me-next"
+expect 'its group is free for another container' 0 ''
+run zncrun delete "$me-ended"
+expect 'the one that has ended is deleted' 0 ''
+check 'the other one lives' is_state "$me-next" running
+change web '.linux.cgroupsPath = "/zncrun/'"$me"'-one/below"'
+run zncrun run --detach --bundle "$work/web" "$me-below"
+expect 'a container in a group below that of another one' 0 ''
+run zncrun delete --force "$me-next"
+expect 'the one above is deleted' 0 ''
+check 'the one below lives' is_state "$me-below" running
+run "$ZNCRUN" --root "$work/elsewhere" create --bundle "$work/web" "$me-below"
+refused 'a group with processes is not taken' 'busy'
+check 'its processes live' is_state "$me-below" running
+run zncrun delete --force "$me-below"
+expect 'it is deleted' 0 ''
+rmdir /sys/fs/cgroup/*/zncrun/"$me-one" /sys/fs/cgroup/zncrun/"$me-one" 2>/dev/null
+plain_again
+change web '.linux.namespaces |= map(select(.type != "pid")) |
+    .process.args = ["sh", "-c", "sleep '"$mark"' & echo up"]'
+run zncrun run --bundle "$work/web" "$me-web"
+check 'what outlives the first process is killed with the group' not pgrep -f "sleep $mark"
+plain_again
+
+finish
