@@ -59,6 +59,7 @@ int add_directory(const EngineMount& wanted, const Hierarchies& hierarchies,
     EngineMount place;
     place.plan.type = "tmpfs";
     place.plan.attrSet = wanted.plan.attrSet;
+    place.whole = wanted.whole;
     if (!mount_plan_keep("mode=755", place.plan))
         return ENOMEM;
     CgroupMount top;

@@ -71,7 +71,8 @@ int Creation::attach(int mount, const char* destination)
 int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
 {
     wire::Request request = request_of(wire::Op::kMountFs);
-    request.attributes = wanted.plan.attrSet;
+    // A new mount has none below it: flags for the whole tree are flags of the mount.
+    request.attributes = (wanted.plan.attrSet & ~wanted.whole.attrClear) | wanted.whole.attrSet;
     request.value = wanted.plan.propagation;
     const bool hasSource = mount.source != nullptr && *mount.source != '\0';
     char text[4096];

@@ -93,6 +93,14 @@ mounted '{"destination":"/sys/fs/cgroup","type":"cgroup","source":"cgroup","opti
     sh -c 'cat /sys/fs/cgroup/cgroup.procs /sys/fs/cgroup/pids/cgroup.procs 2>/dev/null; mkdir /sys/fs/cgroup/x /sys/fs/cgroup/pids/x'
 check 'cgroup shows the own group' grep -qx 1 "$work/out"
 check 'read-only' grep -qi 'read-only' "$work/err"
+for type in proc sysfs mqueue; do
+    mounted '{"destination":"/mnt","type":"'$type'","source":"none","options":["rro","rnosuid","rnoexec","rnoatime"]}' \
+        sh -c "$(options_of /mnt)"
+    check "recursive flags of $type" test "$out" = ro,nosuid,noexec,noatime
+done
+mounted '{"destination":"/sys/fs/cgroup","type":"cgroup","source":"cgroup","options":["rro"]}' \
+    sh -c "$(options_of /sys/fs/cgroup)"
+check 'and of cgroup' grep -q '^ro' "$work/out"
 mounted '{"destination":"/mnt/proc","type":"proc","source":"proc"}' sh -c 'ls -d /mnt/proc/1 && ls -d /mnt/proc/'$$
 check 'proc shows the processes of the container only' test "$out" = /mnt/proc/1
 
