@@ -8,6 +8,7 @@
 #include "engine_socket.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
+#include "system/own_namespace.hpp"
 #include "system/pidfd.hpp"
 
 #include <cerrno>
@@ -47,6 +48,21 @@ Creation::~Creation()
     start_socket_remove(plan_.directory);
     if (hasGroup_)
         cgroup_remove(plan_.group);
+}
+
+// Without a UTS namespace, or in the caller's own, the caller's names would change.
+int Creation::check_names()
+{
+    const NsChoice::From from = settings_.from(NsKind::kUts);
+    const Text& host = settings_.settings().hostname;
+    const bool isNamed = (host && *host.get() != '\0') || plan_.domain != nullptr;
+    const bool isShared =
+        from == NsChoice::From::kHost ||
+        (from == NsChoice::From::kPath && is_own_namespace(settings_.path(NsKind::kUts), "uts"));
+    if (!isNamed || !isShared)
+        return 0;
+    return reason_.say(EINVAL, "%s: the container shares the uts namespace of the host",
+                       plan_.domain != nullptr ? "domainname" : "hostname");
 }
 
 int Creation::make_group()
@@ -173,6 +189,8 @@ int Creation::run()
     if (error == 0 && settings_.from(NsKind::kMount) != NsChoice::From::kNew)
         error = reason_.say(ENOTSUP, "linux.namespaces: a container needs a new mount namespace");
     const Settings& wanted = settings_.settings();
+    if (error == 0)
+        error = check_names();
     if (error == 0)
         error = make_group();
     if (error == 0)

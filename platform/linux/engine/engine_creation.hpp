@@ -39,6 +39,7 @@ class Creation {
     int keep(ZN_ENGINE_PROCESS& process);
 
   private:
+    int check_names();
     int make_group();
     int launch();
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,

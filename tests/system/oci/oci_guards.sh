@@ -38,4 +38,17 @@ run zncrun run --bundle "$work/web" "$me-web"
 check 'what outlives the first process is killed with the group' not pgrep -f "sleep $mark"
 plain_again
 
+# The names of the host.
+host=$(hostname)
+for members in '.hostname = "changed"' '.domainname = "changed" | del(.hostname)'; do
+    change web "$members"' | .linux.namespaces |= map(select(.type != "uts"))'
+    run zncrun create --bundle "$work/web" "$me-web"
+    refused "$members without a UTS namespace" 'shares the uts namespace'
+    change web '.linux.namespaces += [{type: "uts", path: "/proc/'$$'/ns/uts"}]'
+    run zncrun create --bundle "$work/web" "$me-web"
+    refused "$members in that of the host by its path" 'shares the uts namespace'
+    plain_again
+done
+check 'the host keeps its name' test "$(hostname)" = "$host"
+
 finish
