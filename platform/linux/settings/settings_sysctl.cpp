@@ -2,6 +2,8 @@
 // to the host and are refused.
 #include "settings_sections.hpp"
 
+#include "system/own_namespace.hpp"
+
 #include <algorithm>
 
 namespace zn {
@@ -78,8 +80,13 @@ bool read_key(JsonReader& reader, const Node& at, Text& key)
 bool is_own(const Settings& settings, NsKind kind)
 {
     // Without a list of namespaces, a container has these two.
-    return !settings.namespacesGiven ||
-           settings.namespaces[static_cast<unsigned>(kind)].from != NsChoice::From::kHost;
+    if (!settings.namespacesGiven)
+        return true;
+    const NsChoice& choice = settings.namespaces[static_cast<unsigned>(kind)];
+    if (choice.from != NsChoice::From::kPath)
+        return choice.from == NsChoice::From::kNew;
+    // A path may be that of the namespace of this process.
+    return !is_own_namespace(choice.path.get(), kind == NsKind::kNetwork ? "net" : "ipc");
 }
 
 } // namespace

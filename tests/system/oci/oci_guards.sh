@@ -51,4 +51,28 @@ for members in '.hostname = "changed"' '.domainname = "changed" | del(.hostname)
 done
 check 'the host keeps its name' test "$(hostname)" = "$host"
 
+# Kernel parameters of the host.
+for kind in network:net:net.ipv4.ip_default_ttl ipc:ipc:kernel.msgmax; do
+    IFS=: read -r type file key <<<"$kind"
+    before=$(sysctl -n "$key")
+    change web '.linux.sysctl = {"'"$key"'": "99"} | .linux.namespaces |= map(select(.type != "'"$type"'")) |
+        .linux.namespaces += [{type: "'"$type"'", path: "/proc/self/ns/'"$file"'"}]'
+    run zncrun create --bundle "$work/web" "$me-web"
+    refused "$key in the namespace of the host by its path" 'belongs to the host'
+    check "$key is as it was" test "$(sysctl -n "$key")" = "$before"
+    plain_again
+done
+
+# The directory of all states.
+(umask 0 && zncrun --root "$work/deep/er" list >/dev/null && exec "$ZNCRUN" --root "$work/deep/er" create \
+    --bundle "$work/web" "$me-web" >/dev/null 2>&1 </dev/null)
+check 'the root of the states is for its owner only, whatever the umask' \
+    test "$(stat -c %a "$work/deep" "$work/deep/er" | tr '\n' ' ')" = '700 700 '
+chmod 777 "$work/deep/er"
+run zncrun --root "$work/deep/er" state "$me-web"
+refused 'one that others may write to is refused' "$work/deep/er"
+chmod 700 "$work/deep/er"
+run zncrun --root "$work/deep/er" delete --force "$me-web"
+expect 'it is used again once they may not' 0 ''
+
 finish
