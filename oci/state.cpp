@@ -1,6 +1,7 @@
 #include "state.hpp"
 
 #include "front/files.hpp"
+#include "zarnel/path_trust.h"
 
 #include <algorithm>
 #include <array>
@@ -26,10 +27,30 @@ constexpr std::size_t kIdMax = 200;
     throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
 }
 
+// What is read there decides which processes are killed.
+void check_root(const Context& context)
+{
+    znPathTrust trust = {};
+    if (znPathTrusted(context.root.c_str(), &trust) != OK)
+        throw Failure(fmt::format("{}: {}", context.root,
+                                  trust.fault[0] != '\0' ? trust.fault : zncctl::error_text()));
+}
+
+// Every missing directory on the path, for its owner only, whatever the umask is.
+void make_root(const std::string& root)
+{
+    for (std::size_t end = 0; end != root.npos;) {
+        end = root.find('/', end + 1);
+        if (::mkdir(root.substr(0, end).c_str(), 0700) != 0 && errno != EEXIST)
+            fail_at(root.substr(0, end));
+    }
+}
+
 std::string path_of(const Context& context, const std::string& id)
 {
     if (!is_id(id))
         throw Failure(fmt::format("invalid container ID format: {:?}", id));
+    check_root(context);
     return context.root + "/" + id;
 }
 
@@ -74,10 +95,8 @@ const char* status_name(Status status)
 StateDirectory StateDirectory::create(const Context& context, const std::string& id)
 {
     const std::string path = path_of(context, id);
-    std::error_code error;
-    std::filesystem::create_directories(context.root, error);
-    if (error)
-        throw Failure(fmt::format("{}: {}", context.root, error.message()));
+    make_root(context.root);
+    check_root(context);
     if (::mkdir(path.c_str(), 0700) != 0) {
         if (errno == EEXIST)
             throw Failure(fmt::format("container with given ID already exists: {}", id));
@@ -203,6 +222,7 @@ void StateDirectory::remove()
 std::vector<std::string> state_ids(const Context& context)
 {
     std::vector<std::string> ids;
+    check_root(context);
     std::error_code error;
     for (std::filesystem::directory_iterator at(context.root, error), end; !error && at != end;
          at.increment(error))

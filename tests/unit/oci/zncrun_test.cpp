@@ -94,6 +94,17 @@ TEST_F(StateTest, IsForItsOwnerOnlyAndUnique)
               std::string::npos);
 }
 
+TEST_F(StateTest, IsNotUsedWhereOthersMayWrite)
+{
+    StateDirectory::create(context_, "web");
+    ASSERT_EQ(::chmod(context_.root.c_str(), 0777), 0);
+    for (const auto& call : std::initializer_list<std::function<void()>>{
+             [&] { StateDirectory::create(context_, "other"); },
+             [&] { StateDirectory::find(context_, "web", Lock::kNone); },
+             [&] { zncrun::state_ids(context_); }})
+        EXPECT_NE(failure_of(call).find(context_.root), std::string::npos);
+}
+
 TEST_F(StateTest, OfACreatorIsLocked)
 {
     const StateDirectory directory = StateDirectory::create(context_, "web");
