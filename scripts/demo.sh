@@ -114,8 +114,8 @@ daemon=$!
 until_true 'the daemon answers' zncctl ping
 
 show zncctl ping
-show zncctl image inspect image
-show zncctl unpack --os linux image bundle
+show zncctl image inspect ./image
+show zncctl unpack --os linux ./image bundle
 show ls bundle
 show zncctl create web bundle
 show zncctl state web

@@ -70,8 +70,8 @@ try {
 int cmd_import(const Arguments& args)
 {
     const std::string target = args.operand(1, "");
-    const bool layout =
-        is_layout_path(target) || args.has("tag") || args.has("dry-run") || args.has("list");
+    const bool layout = is_layout_path(target) || is_layout_below(target) || args.has("tag") ||
+                        args.has("dry-run") || args.has("list");
     const auto name = layout ? std::nullopt : parse_reference(target, kLocalHost);
     // What is no name is the path of a new layout.
     return name && name->digest.empty() ? import_as(args, *name) : exec_program(args);

@@ -93,19 +93,34 @@ std::optional<Wanted> find_in_archive(const Arguments& args, const std::string& 
 
 std::optional<Wanted> find_by_operand(const Arguments& args, const std::string& operand)
 {
-    const bool path = is_layout_path(operand);
-    if (!path)
-        for (const char* prefix : kArchivePrefixes)
-            if (operand.starts_with(prefix))
-                return find_in_archive(args, prefix, operand);
-    const bool prefixed = !path && operand.starts_with(kLayoutPrefix);
-    if (!path && !prefixed)
-        return find_named(operand);
-    const std::string layout =
-        prefixed ? operand.substr(std::string(kLayoutPrefix).size()) : operand;
-    Wanted wanted = wanted_image(args, split_image_name(layout));
-    wanted.check_layers = prefixed;
-    return wanted;
+    if (is_layout_path(operand))
+        return wanted_image(args, split_image_name(operand));
+    if (operand.starts_with(kLayoutPrefix)) {
+        const std::string layout = operand.substr(std::string_view(kLayoutPrefix).size());
+        Wanted wanted = wanted_image(args, split_image_name(layout));
+        wanted.check_layers = true;
+        return wanted;
+    }
+    for (const char* prefix : kArchivePrefixes)
+        if (operand.starts_with(prefix))
+            return find_in_archive(args, prefix, operand);
+    std::string problem;
+    if (is_layout_below(operand) && find_stored(stored_images(), operand, problem).empty())
+        return wanted_image(args, split_image_name(operand));
+    return find_named(operand);
+}
+
+// After a name was not found.
+void hint_at_sources(const std::string& text)
+{
+    const std::string directory = split_image_name(text).layout;
+    if (znc::is_directory(directory.c_str()))
+        print_hint(fmt::format("there is a directory of this name: the path of the layout in it is "
+                               "./{}",
+                               printable(text)));
+    else
+        print_hint("'zncctl images' lists the images of the store, 'zncctl pull' fetches one, and "
+                   "the path of a layout begins with \"/\" or \"./\"");
 }
 
 } // namespace
@@ -121,7 +136,14 @@ bool is_layout_path(const std::string& text)
     for (const char* start : {"/", "./", "../"})
         if (text.starts_with(start))
             return true;
-    return text == "." || text == ".." || znc::is_directory(split_image_name(text).layout.c_str());
+    return text == "." || text == "..";
+}
+
+bool is_layout_below(const std::string& text)
+{
+    const std::string directory = split_image_name(text).layout;
+    return directory.find('/') != directory.npos &&
+           ::access((directory + "/oci-layout").c_str(), F_OK) == 0;
 }
 
 bool is_image_name(const std::string& operand)
@@ -163,8 +185,7 @@ std::optional<Wanted> find_named(const std::string& text)
     const auto found = find_stored(images, text, problem);
     if (found.empty()) {
         static_cast<void>(failure(text, problem, kExitNotFound));
-        print_hint("'zncctl images' lists the images of the store, 'zncctl pull' fetches one, and "
-                   "the path of a layout begins with \"/\" or \"./\"");
+        hint_at_sources(text);
         return std::nullopt;
     }
     const StoredImage& image = images[found[0]];

@@ -30,11 +30,16 @@ struct Wanted {
 Wanted wanted_image(const Arguments& args, ImageName image);
 
 // Whether a text is the path of a layout and not the name of an image: it begins with "/", "./" or
-// "../", or names an existing directory, maybe with a tag behind it.
+// "../", or is "." or "..". What else the working directory holds does not matter, so that nobody
+// can put an image in the place of one of the store there.
 bool is_layout_path(const std::string& text);
 
 // Whether an operand names an image of the store, not a layout or an archive.
 bool is_image_name(const std::string& operand);
+
+// Whether a text that could be a name is also the path of a layout below the working directory:
+// "build/image:tag". The store comes first.
+bool is_layout_below(const std::string& text);
 
 // The image that an operand means. Archives are imported into the store, unless that was done
 // before. Nullopt after printing a message and hints.

@@ -58,6 +58,8 @@ try {
         return operand;
     if (policy == kNever || (policy == kMissing && !is_missing(name)))
         return name;
+    if (!prefixed && is_layout_below(operand) && is_missing(name))
+        return operand;
     return fetch(args, operand);
 } catch (const std::runtime_error& error) {
     static_cast<void>(failure(operand, error.what()));

@@ -348,6 +348,31 @@ for i in 3 4 5; do
     expect "and each bundle runs ($i)" 0 'from the second layer' ''
 done
 zncctl rmi layered >/dev/null
+
+# What the working directory holds does not stand in for the store.
+mkdir -p "$work/here/build" "$work/here/many"
+cp -r "$work/layout" "$work/here/mine"
+cp -r "$work/layout" "$work/here/build/mine"
+cd "$work/here" || exit 1
+run zncctl image ls -f json many
+check 'a directory does not replace the image of this name' test \
+    "$(jq -r '.[].tag' "$work/out")" = localhost/many:latest
+run zncctl run --rm --network none --progress none mine
+check 'a directory is not run by a name' test "$status/$out" = 125/
+check 'but a hint says how' grep -qx \
+    'zncctl: hint: there is a directory of this name: the path of the layout in it is ./mine' "$work/err"
+run zncctl run --rm --network none --progress none ./mine
+expect 'which runs it' 0 'from the second layer' ''
+run zncctl run --rm --network none --progress none build/mine:latest
+expect 'a path of several directories needs no dot' 0 'from the second layer' ''
+zncctl tag many build/mine
+run zncctl image ls -f json build/mine
+check 'unless the store has that name' test "$(jq -r '.[].tag' "$work/out")" = localhost/build/mine:latest
+zncctl rmi build/mine >/dev/null
+run zncctl import -q "$work/layout" mine
+check 'import of a name goes into the store' test "$status" = 0 -a "$(zncctl images -q mine | wc -l)" = 1
+zncctl rmi mine >/dev/null
+cd /
 pids=()
 for i in {1..6}; do
     (for j in {1..5}; do

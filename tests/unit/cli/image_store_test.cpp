@@ -148,10 +148,28 @@ TEST(LayoutPath, IsToldFromAName)
     const layout::TempDir dir;
     fs::create_directory(dir / "layout");
     for (const std::string& text : {std::string("/x"), std::string("./x"), std::string("../x:t"),
-                                    std::string("."), dir / "layout", dir / "layout" + ":tag"})
+                                    std::string("."), std::string(".."), dir / "layout" + ":tag"})
         EXPECT_TRUE(is_layout_path(text)) << text;
-    for (const char* text : {"busybox", "team/app", "quay.io/app:1", "oci:x", "3f57d9"})
+    fs::current_path(dir / "");
+    for (const char* text : {"layout", "layout:tag", "busybox", "team/app", "quay.io/app:1",
+                             "oci:x", "3f57d9", ".hidden"})
         EXPECT_FALSE(is_layout_path(text)) << text;
+    fs::current_path("/");
+}
+
+TEST(LayoutBelow, IsADirectoryWithALayoutInAnotherOne)
+{
+    const layout::TempDir dir;
+    fs::create_directories(dir / "build/other");
+    layout::Layout(dir / "build/image").add(layout::Image());
+    fs::current_path(dir / "");
+    EXPECT_TRUE(is_layout_below("build/image"));
+    EXPECT_TRUE(is_layout_below("build/image:tag"));
+    EXPECT_FALSE(is_layout_below("build/other"));
+    EXPECT_FALSE(is_layout_below("build"));
+    fs::current_path(dir / "build");
+    EXPECT_FALSE(is_layout_below("image")); // looks like a name of the store
+    fs::current_path("/");
 }
 
 TEST_F(ImageStoreTest, IsEmptyAtFirst)
