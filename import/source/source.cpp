@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
@@ -79,15 +80,47 @@ bool is_compatible(const std::string& prefix, bool directory)
     return prefix.empty() || !directory;
 }
 
-bool is_named(const SourceImage& image, const std::string& wanted)
+bool has_name(const SourceImage& image, const std::string& wanted)
 {
-    if (image.manifest_digest == wanted)
-        return true;
+    return image.manifest_digest == wanted ||
+           std::find(image.names.begin(), image.names.end(), wanted) != image.names.end();
+}
+
+// Whether a name of the image ends with what is wanted, or has it as its tag.
+bool is_named_like(const SourceImage& image, const std::string& wanted)
+{
     return std::any_of(image.names.begin(), image.names.end(), [&](const std::string& name) {
         const std::size_t colon = name.rfind(':');
-        return name == wanted || name.ends_with("/" + wanted) ||
+        return name.ends_with("/" + wanted) ||
                (colon != name.npos && name.substr(colon + 1) == wanted);
     });
+}
+
+// The place that "@N" names, SIZE_MAX for a number that is none; nullopt for anything else.
+std::optional<std::size_t> place_of(const std::string& wanted)
+{
+    if (!wanted.starts_with('@'))
+        return std::nullopt;
+    std::size_t place = SIZE_MAX;
+    const char* const end = wanted.data() + wanted.size();
+    const auto [rest, error] = std::from_chars(wanted.data() + 1, end, place);
+    return error == std::errc() && rest == end ? place : SIZE_MAX;
+}
+
+// The places of the images that have the wanted name, or else of those whose names are like it.
+std::vector<std::size_t> places_of(const std::vector<SourceImage>& images,
+                                   const std::string& wanted)
+{
+    std::vector<std::size_t> same;
+    std::vector<std::size_t> similar;
+    const std::optional<std::size_t> place = place_of(wanted);
+    for (std::size_t i = 0; i < images.size(); i++) {
+        if (wanted.empty() || place.value_or(images.size()) == i || has_name(images[i], wanted))
+            same.push_back(i);
+        else if (is_named_like(images[i], wanted))
+            similar.push_back(i);
+    }
+    return same.empty() ? similar : same;
 }
 
 // A root filesystem does not specify a platform and matches any.
@@ -187,13 +220,9 @@ SourcePtr read_source(const OpenedSource& opened, Spool& spool, Budget& budget)
 
 std::size_t choose(const std::vector<SourceImage>& images, const Wanted& wanted)
 {
-    std::vector<std::size_t> all;
-    std::vector<std::size_t> found;
-    for (std::size_t i = 0; i < images.size(); i++) {
-        all.push_back(i);
-        if ((wanted.name.empty() || is_named(images[i], wanted.name)) && is_for(images[i], wanted))
-            found.push_back(i);
-    }
+    const std::vector<std::size_t> all = places_of(images, "");
+    std::vector<std::size_t> found = places_of(images, wanted.name);
+    std::erase_if(found, [&](std::size_t i) { return !is_for(images[i], wanted); });
     std::vector<std::size_t> usable;
     std::copy_if(found.begin(), found.end(), std::back_inserter(usable),
                  [&](std::size_t i) { return images[i].problem.empty(); });

@@ -53,7 +53,9 @@ class Source {
 };
 using SourcePtr = std::unique_ptr<Source>;
 
-// The image selected with `--platform` and the name in the source argument.
+// The image selected with `--platform` and the name in the source argument. A whole name or a
+// digest is preferred to the end of a name; "@N" is the image at this place in Source::images(),
+// from 0.
 struct Wanted {
     std::string name; // "" any
     std::string os;   // "" any

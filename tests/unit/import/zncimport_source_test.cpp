@@ -176,6 +176,29 @@ TEST(Platform, IsReadOrRefused)
         EXPECT_NE(failure_of([&] { read_platform(bad, wanted); }), "") << bad;
 }
 
+TEST(Choose, PrefersAWholeNameToTheEndOfAnother)
+{
+    std::vector<SourceImage> images;
+    images.push_back(image_named("other/app:one"));
+    images.push_back(image_named("app:one"));
+    images.push_back(image_named("one"));
+    EXPECT_EQ(choose(images, {"app:one", "", "", ""}), 1U);
+    EXPECT_EQ(choose(images, {"other/app:one", "", "", ""}), 0U);
+    EXPECT_EQ(choose(images, {"one", "", "", ""}), 2U);
+    // An image of another platform with the whole name is meant, too.
+    images[1].arch = "arm";
+    EXPECT_NE(failure_of([&] { choose(images, {"app:one", "linux", "amd64", ""}); }), "");
+}
+
+TEST(Choose, TakesTheImageAtAPlace)
+{
+    std::vector<SourceImage> images(2, image_named("same:1"));
+    EXPECT_EQ(choose(images, {"@0", "", "", ""}), 0U);
+    EXPECT_EQ(choose(images, {"@1", "", "", ""}), 1U);
+    for (const char* bad : {"@2", "@", "@-1", "@1x", "@99999999999999999999", "1@"})
+        EXPECT_NE(failure_of([&] { choose(images, {bad, "", "", ""}); }), "") << bad;
+}
+
 TEST(Choose, TakesTheOneThatFitsAndListsOthers)
 {
     std::vector<SourceImage> images;
