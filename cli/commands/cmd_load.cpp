@@ -16,6 +16,7 @@ namespace {
 
 // An image as zncctl-import lists it.
 struct Listed {
+    std::size_t place;              // in the list
     std::vector<std::string> names; // as the archive says
     std::string os;
     std::string arch;
@@ -24,9 +25,10 @@ struct Listed {
     bool rootfs;
 };
 
-Listed listed_of(const Json& object)
+Listed listed_of(const Json& object, std::size_t place)
 {
-    Listed image = {{},
+    Listed image = {place,
+                    {},
                     text_of(object, "os"),
                     text_of(object, "architecture"),
                     text_of(object, "digest"),
@@ -61,8 +63,14 @@ void keep_for_this_machine(std::vector<Listed>& images)
     const auto is_foreign = [](const Listed& image) { return image.arch != host_arch(); };
     if (std::all_of(images.begin(), images.end(), is_foreign))
         return;
-    std::erase_if(images,
-                  [&](const Listed& image) { return is_foreign(image) || !image.problem.empty(); });
+    std::erase_if(images, is_foreign);
+}
+
+std::string label_of(const Listed& image)
+{
+    return !image.names.empty()    ? image.names[0]
+           : !image.digest.empty() ? image.digest
+                                   : fmt::format("image {}", image.place + 1);
 }
 
 // The full names of an image. Archives in Docker's format leave out its registry.
@@ -77,13 +85,11 @@ std::vector<std::string> full_names(const Listed& image)
     return names;
 }
 
-// The operand of zncctl-import that selects an image of the archive on standard input.
+// The operand of zncctl-import that selects an image of the archive on standard input. Names and
+// digests may be those of several images.
 std::string operand_of(const Listed& image)
 {
-    if (!image.digest.empty())
-        return fmt::format("oci-archive:-:{}", image.digest);
-    return image.names.empty() ? "docker-archive:-"
-                               : fmt::format("docker-archive:-:{}", image.names[0]);
+    return fmt::format("{}-archive:-:@{}", image.digest.empty() ? "docker" : "oci", image.place);
 }
 
 class Load {
@@ -106,14 +112,10 @@ class Load {
             print_hint("'zncctl import' makes an image of a root filesystem");
             return status;
         }
-        int result = kExitOk;
         keep_for_this_machine(images);
         if (const std::string problem = limit_problem(images); !problem.empty())
             return failure(name_, problem);
-        for (const Listed& image : images)
-            if (const int status = load_image(image); status != kExitOk)
-                result = status;
-        return result;
+        return load_images(images);
     }
 
   private:
@@ -125,8 +127,26 @@ class Load {
             return end.error != 0 ? import_failure(end.error) : end.status;
         const Json list = parse_json(end.output).value_or(Json());
         for (const Json& object : children(&list))
-            images.push_back(listed_of(object));
+            images.push_back(listed_of(object, images.size()));
         return kExitOk;
+    }
+
+    // An image that the archive does not hold completely is left out if there are others.
+    int load_images(const std::vector<Listed>& images)
+    {
+        int result = kExitOk;
+        bool complete = false;
+        for (const Listed& image : images) {
+            if (!image.problem.empty()) {
+                print_warning(
+                    fmt::format("{}: {} is not added: {}", name_, label_of(image), image.problem));
+                continue;
+            }
+            complete = true;
+            if (const int status = load_image(image); status != kExitOk)
+                result = status;
+        }
+        return complete ? result : failure(name_, "it contains no complete image");
     }
 
     int load_image(const Listed& image)

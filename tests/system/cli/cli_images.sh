@@ -229,6 +229,34 @@ check 'also as names of the store' test "$(names)" = \
     'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
 zncctl rmi fine:1 >/dev/null
 before=$(names)
+jq -c '[.[0] | (.RepoTags = ["app:one"], .RepoTags = ["other/app:one"], .RepoTags = ["third:one"])]' \
+    "$work/manifest" >"$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/alike.tar" .
+run zncctl load -i "$work/alike.tar"
+check 'load adds images whose names end alike' test "$status/$out" = "0/$(
+    printf 'Loaded image: docker.io/%s\n' library/app:one other/app:one library/third:one)"
+run zncctl run --rm --network none --progress none "docker-archive:$work/alike.tar:app:one"
+expect 'a whole name selects one of them' 0 'from the second layer' ''
+run zncctl run --rm --network none --progress none "docker-archive:$work/alike.tar:@2"
+expect 'and so does its place' 0 'from the second layer' ''
+zncctl rmi app:one other/app:one third:one >/dev/null
+zncctl image prune --force >/dev/null
+jq -c '.[0].RepoTags = ["cut:1"] | .[0].Layers[1] = "none.tar"' "$work/manifest" >"$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/missing.tar" .
+run zncctl load -i "$work/missing.tar"
+check 'load of an archive without a layer fails' test "$status/$out/$(error_line)" = \
+    "1//$work/missing.tar: it contains no complete image"
+check 'and says what is missing' grep -qx \
+    "zncctl: warning: $work/missing.tar: cut:1 is not added: the layer none.tar is missing" "$work/err"
+jq -c '. + [.[0] | .RepoTags = ["whole:1"] | .Layers[1] = $layer]' \
+    --arg layer "$(jq -r '.[0].Layers[1]' "$work/manifest")" "$work/docker/manifest.json" >"$work/two"
+mv "$work/two" "$work/docker/manifest.json"
+tar -C "$work/docker" -cf "$work/missing.tar" .
+run zncctl load -i "$work/missing.tar"
+check 'other images of the archive are added' test "$status/$out" = '0/Loaded image: docker.io/library/whole:1'
+check 'with a warning' grep -q '^zncctl: warning: .*: cut:1 is not added: ' "$work/err"
+zncctl rmi whole:1 >/dev/null
+check 'all of them can be removed' test "$(names)" = "$before"
 jq -c '.[0].RepoTags = [range(101) | "many:\(.)"]' "$work/manifest" >"$work/docker/manifest.json"
 tar -C "$work/docker" -cf "$work/many.tar" .
 run zncctl load -i "$work/many.tar"
