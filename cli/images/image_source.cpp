@@ -65,12 +65,11 @@ std::optional<Wanted> find_or_make(const ImportSource& what, const std::string& 
     const BundleLock lock(image_area(), std::string(id_digits(source)));
     if (auto wanted = find_made_from(source, label))
         return wanted;
-    if (add_converted(what, {}, source).status != kExitOk)
+    auto in_use = std::make_shared<BundlesInUse>(image_area());
+    const Added added = add_converted(what, {}, source);
+    if (added.status != kExitOk)
         return std::nullopt;
-    auto wanted = find_made_from(source, label);
-    if (!wanted)
-        static_cast<void>(failure(label, "another process has removed the imported image"));
-    return wanted;
+    return wanted_stored(added.image, label, std::move(in_use));
 }
 
 // The image of an archive, which is imported into the store unless that was done before.

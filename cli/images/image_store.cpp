@@ -238,6 +238,9 @@ void StoreChange::put(const StoredImage& image, const std::vector<std::string>& 
     entry.name.clear();
     if (!is_named)
         images_.push_back(entry);
+    for (StoredImage& old : images_)
+        if (names.empty() && old.manifest.digest == image.manifest.digest && old.source.empty())
+            old.source = image.source;
     for (const std::string& name : names)
         if (given.erase(name) != 0) { // a name may be given twice
             entry.name = name;

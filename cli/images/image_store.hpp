@@ -77,8 +77,9 @@ class StoreChange {
     void adopt(const std::string& layout, const Image& image);
 
     // Gives an image these names beside those that it has, or adds it without a name. Another image
-    // that has one of them loses it, and stays without a name unless it has others. Changes nothing
-    // if the store would hold too many entries.
+    // that has one of them loses it, and stays without a name unless it has others. An image that
+    // was added with names only learns its source from an addition without one. Changes
+    // nothing if the store would hold too many entries.
     void put(const StoredImage& image, const std::vector<std::string>& names);
     // The same with the name in `image`.
     void put(const StoredImage& image)

@@ -256,6 +256,16 @@ TEST_F(ImageStoreTest, TakesSeveralNamesAtOnce)
     EXPECT_EQ(stored_images()[0].manifest.digest, old.manifest.digest);
 }
 
+TEST_F(ImageStoreTest, AnImageWithNamesGetsToKnowItsSource)
+{
+    add("x", "localhost/x:latest");
+    add("x", "", kDigest);
+    EXPECT_EQ(names(), (Texts{"localhost/x:latest"}));
+    EXPECT_EQ(stored_images()[0].source, kDigest);
+    add("x", "", "sha256:" + std::string(64, 'b'));
+    EXPECT_EQ(stored_images()[0].source, kDigest);
+}
+
 TEST_F(ImageStoreTest, RefusesMoreNamesThanItHoldsBeforeAnyIsAdded)
 {
     const StoredImage image = add("x", "localhost/x:latest");
