@@ -88,9 +88,14 @@ bool replace_file(int dir, const char* name, std::string_view content, bool last
     const std::string fresh = std::string(name) + ".new";
     znc::UniqueFd file(
         ::openat(dir, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return file && write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
-           file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0 &&
-           (!lasting || ::fsync(dir) == 0);
+    if (!file)
+        return false;
+    if (write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
+        file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0)
+        return !lasting || ::fsync(dir) == 0;
+    const znc::ErrnoSaver keep;
+    ::unlinkat(dir, fresh.c_str(), 0); // on a full disk it would take space that others need
+    return false;
 }
 
 } // namespace zncctl

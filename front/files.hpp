@@ -39,7 +39,8 @@ std::string error_text();
 
 using znc::write_all;
 
-// Replaces the content of the file atomically; `lasting`: also syncs it. False with errno set.
+// Replaces the content of the file atomically; `lasting`: also syncs it. False with errno set; then
+// no temporary file is left.
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);
 
 } // namespace zncctl

@@ -28,6 +28,8 @@ constexpr const char* kLock = "/.lock";
 constexpr const char* kChanging = "another process is changing the image store; waiting for it";
 constexpr const char* kStagePrefix = ".new-";
 constexpr const char* kIndex = "index.json";
+constexpr const char* kMarker = "oci-layout";
+constexpr const char* kReserve = ".reserve";
 constexpr const char* kSource = "zncontainer.source-digest";
 constexpr const char* kAlgorithms[] = {"sha256", "sha512"};
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -120,16 +122,45 @@ std::vector<std::string> digests_of(const Image& image)
     return digests;
 }
 
-// False with errno set.
-bool write_index(int dir, const std::vector<StoredImage>& images)
+std::string index_text(const std::vector<StoredImage>& images)
 {
-    constexpr const char* kLayout = R"({"imageLayoutVersion": "1.0.0"})";
     Json manifests = Json::array();
     for (const StoredImage& image : images)
         manifests.push_back(entry_of(image));
     const Json index = {{"schemaVersion", 2}, {"manifests", std::move(manifests)}};
-    return replace_file(dir, "oci-layout", kLayout, true) &&
-           replace_file(dir, kIndex, compact(index) + "\n", true);
+    return compact(index) + "\n";
+}
+
+// Makes the directory a layout with this index. False with errno set.
+bool write_index(int dir, const std::string& text)
+{
+    constexpr const char* kLayout = R"({"imageLayoutVersion": "1.0.0"})";
+    const bool marked = ::faccessat(dir, kMarker, F_OK, 0) == 0;
+    return (marked || replace_file(dir, kMarker, kLayout, true)) &&
+           replace_file(dir, kIndex, text, true);
+}
+
+// Keeps disk space for a second index beside the one that was just written. A disk without that
+// much space is no error: what was there before stays.
+void keep_reserve(int dir, std::size_t size)
+{
+    const znc::UniqueFd file(
+        ::openat(dir, kReserve, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file)
+        static_cast<void>(::posix_fallocate(file.get(), 0, static_cast<off_t>(size)));
+}
+
+// Writes an index that is shorter than the last one, on a full disk into the space that was kept
+// for it. The old index stays until the new one is complete, as with any other change.
+bool write_shorter_index(int dir, const std::string& text)
+{
+    if (write_index(dir, text))
+        return true;
+    const int error = errno;
+    if ((error == ENOSPC || error == EDQUOT) && ::unlinkat(dir, kReserve, 0) == 0)
+        return write_index(dir, text);
+    errno = error;
+    return false;
 }
 
 [[noreturn]] void throw_full()
@@ -169,7 +200,8 @@ void make_layout_of(const StoredImage& image, const std::string& directory)
 {
     const znc::UniqueFd dir = open_directory(directory);
     const std::string blobs = image_area() + "/blobs";
-    if (::symlinkat(blobs.c_str(), dir.get(), "blobs") != 0 || !write_index(dir.get(), {image}))
+    if (::symlinkat(blobs.c_str(), dir.get(), "blobs") != 0 ||
+        !write_index(dir.get(), index_text({image})))
         throw_error(directory);
 }
 
@@ -178,6 +210,7 @@ StoreChange::StoreChange() : area_(image_area())
     take_lock(lock_, area_);
     dir_ = open_directory(area_);
     images_ = read_index(area_);
+    count_ = images_.size();
 }
 
 void StoreChange::adopt(const std::string& layout, const Image& image)
@@ -262,8 +295,12 @@ void StoreChange::save()
 {
     if (images_.size() > kImagesMax)
         throw_full();
-    if (!write_index(dir_.get(), images_))
+    const std::string text = index_text(images_);
+    const bool shorter = images_.size() < count_;
+    if (!(shorter ? write_shorter_index(dir_.get(), text) : write_index(dir_.get(), text)))
         throw_error(fmt::format("{}/{}", area_, kIndex));
+    count_ = images_.size();
+    keep_reserve(dir_.get(), text.size());
 }
 
 std::uint64_t StoreChange::remove_unneeded_blobs() const

@@ -90,7 +90,7 @@ class StoreChange {
     // Removes the entries at these places in images().
     void remove(const std::vector<std::size_t>& places);
 
-    // Writes the index.
+    // Writes the index. On a full disk this succeeds if entries were removed.
     void save();
 
     // Removes the blobs that no entry needs, and returns their size. Removes none while images are
@@ -102,6 +102,7 @@ class StoreChange {
     NamedLock lock_;
     znc::UniqueFd dir_;
     std::vector<StoredImage> images_;
+    std::size_t count_ = 0; // entries of the index on disk
 };
 
 } // namespace zncctl

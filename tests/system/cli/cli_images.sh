@@ -348,6 +348,27 @@ for name in $(names); do zncctl rmi "$name" >/dev/null; done
 check 'everything can be removed' test "$(names)/$(blobs)" = /0
 zncctl storage gc -q
 
+# ---------------------------------------------------------------- a full disk
+mkdir "$work/small"
+mount -t tmpfs -o size=16m,mode=755 tmpfs "$work/small"
+export ZNC_BASE=$work/small
+for name in full another third; do zncctl import -q "oci:$work/layout:latest" "$name"; done
+# fill: uses up all space.
+fill() { cat /dev/zero >>"$work/small/filling" 2>/dev/null || true; }
+fill
+before=$(names)
+run zncctl tag full more
+check 'nothing can be added on a full disk' test "$status/$(names)" = "1/$before"
+check 'no temporary file stays' test -z "$(find "$work/small" -name '*.new')"
+for name in full another third; do
+    fill
+    run zncctl rmi "$name"
+    check "rmi $name frees space on a full disk" test "$status/$err" = 0/
+done
+check 'and removes everything' test "$(names)/$(find "$work/small/images/blobs" -type f | wc -l)" = /0
+umount "$work/small"
+export ZNC_BASE=$work/storage
+
 # ---------------------------------------------------------------- at once
 zncctl import -q "$work/root" many
 zncctl tag many other

@@ -2,6 +2,7 @@
 #include "cli/containers/config_check.hpp"
 #include "cli/containers/log_file.hpp"
 #include "cli/images/layer_check.hpp"
+#include "front/files.hpp"
 #include "front/layout.hpp"
 #include "front/words.hpp"
 #include "layout_builder.hpp"
@@ -17,6 +18,18 @@
 #include <sys/stat.h>
 
 using namespace zncctl;
+
+TEST(ReplaceFile, LeavesNothingAfterAFailure)
+{
+    const layout::TempDir dir;
+    const znc::UniqueFd fd(::open((dir / "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::mkdirat(fd.get(), "name", 0700), 0); // which a file cannot replace
+    EXPECT_FALSE(replace_file(fd.get(), "name", "text"));
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(::faccessat(fd.get(), "name.new", F_OK, 0), -1);
+    EXPECT_TRUE(replace_file(fd.get(), "other", "text", true));
+    EXPECT_EQ(read_file("other", fd.get()), "text");
+}
 
 namespace {
 
