@@ -4,6 +4,7 @@
 #include "format/digest.hpp"
 #include "front/files.hpp"
 #include "front/json.hpp"
+#include "front/output.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -163,6 +164,31 @@ bool write_shorter_index(int dir, const std::string& text)
     return false;
 }
 
+// The blobs that the images need. Nullopt if the manifest of one cannot be read. A warning names
+// each image that is damaged.
+std::optional<std::set<std::string>> needed_blobs(const std::string& area,
+                                                  const std::vector<StoredImage>& images)
+{
+    std::set<std::string> needed;
+    std::set<std::string> damaged;
+    bool known = true;
+    for (const StoredImage& entry : images) {
+        const Image image = read_stored(area, entry);
+        const bool has_list = znc::is_digest(image.config.digest); // the manifest was read
+        known = known && has_list;
+        for (const std::string& digest : digests_of(image))
+            needed.insert(digest);
+        if (!image.problem.empty() && damaged.insert(entry.manifest.digest).second)
+            print_warning(fmt::format("{}: it is damaged: {}; {}",
+                                      entry.name.empty() ? entry.manifest.digest : entry.name,
+                                      image.problem,
+                                      has_list ? "its files are kept"
+                                               : "no files of removed images are deleted, because "
+                                                 "it may need any of them"));
+    }
+    return known ? std::optional(std::move(needed)) : std::nullopt;
+}
+
 [[noreturn]] void throw_full()
 {
     throw std::runtime_error(fmt::format("the store cannot hold more than {} names", kImagesMax));
@@ -308,14 +334,9 @@ std::uint64_t StoreChange::remove_unneeded_blobs() const
     const auto alone = BundlesInUse::try_exclusive(area_);
     if (!alone)
         return 0;
-    std::set<std::string> needed;
-    for (const StoredImage& entry : images_) {
-        const Image image = read_stored(area_, entry);
-        if (!image.problem.empty())
-            return 0;
-        for (const std::string& digest : digests_of(image))
-            needed.insert(digest);
-    }
+    const auto needed = needed_blobs(area_, images_);
+    if (!needed)
+        return 0;
     std::uint64_t bytes = 0;
     for (const char* algorithm : kAlgorithms) {
         std::error_code error;
@@ -325,7 +346,7 @@ std::uint64_t StoreChange::remove_unneeded_blobs() const
             const std::string name = it->path().filename();
             const std::string digest = fmt::format("{}:{}", algorithm, name);
             struct stat st = {};
-            if (znc::is_digest(digest) && !needed.contains(digest) &&
+            if (znc::is_digest(digest) && !needed->contains(digest) &&
                 ::lstat(it->path().c_str(), &st) == 0 && ::unlink(it->path().c_str()) == 0)
                 bytes += static_cast<std::uint64_t>(st.st_size);
         }

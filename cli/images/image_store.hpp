@@ -95,6 +95,7 @@ class StoreChange {
 
     // Removes the blobs that no entry needs, and returns their size. Removes none while images are
     // in use, or if the manifest of an entry cannot be read: then it is not known what is needed.
+    // Prints a warning for each damaged image.
     std::uint64_t remove_unneeded_blobs() const;
 
   private:

@@ -326,8 +326,28 @@ TEST_F(ImageStoreTest, KeepsAllBlobsIfAManifestCannotBeRead)
     StoreChange change;
     change.remove({1});
     change.save();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(change.remove_unneeded_blobs(), 0U);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("localhost/x:latest: it is damaged: "),
+              std::string::npos);
     EXPECT_EQ(blobs(), all);
+}
+
+TEST_F(ImageStoreTest, KeepsOnlyTheBlobsOfAnImageWhoseConfigurationIsDamaged)
+{
+    const StoredImage damaged = add("x", "localhost/x:latest");
+    add("y", "localhost/y:latest");
+    const std::size_t all = blobs();
+    const Image image = read_stored(image_area(), damaged);
+    layout::write_file(blob_path(image_area(), image.config.digest), "{}");
+    StoreChange change;
+    change.remove({1});
+    change.save();
+    testing::internal::CaptureStderr();
+    EXPECT_GT(change.remove_unneeded_blobs(), 0U);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("localhost/x:latest: it is damaged: "),
+              std::string::npos);
+    EXPECT_EQ(blobs(), all / 2);
 }
 
 TEST_F(ImageStoreTest, RefusesADamagedIndex)
