@@ -123,6 +123,8 @@ class Load {
     {
         const ProgramEnd end =
             run_program(import_program(), {"--list", "--", "-"}, archive_.fd(), Output::kKept);
+        if (end.too_much)
+            return failure(name_, "the list of its images is too long");
         if (end.error != 0 || end.status != kExitOk)
             return end.error != 0 ? import_failure(end.error) : end.status;
         const Json list = parse_json(end.output).value_or(Json());

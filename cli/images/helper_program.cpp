@@ -47,21 +47,23 @@ class Streams {
 
     [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
 
-    // Reads what the program prints, to its end.
-    std::string read()
+    // Reads what the program prints, to its end or to the limit; then `too_much` is set, and a
+    // program that goes on is ended by SIGPIPE.
+    std::string read(bool& too_much)
     {
         constexpr std::size_t kMost = std::size_t{16} << 20U;
         writer_.reset();
         std::string text;
         std::array<char, 65536> part{};
-        while (reader_ && text.size() < kMost) {
+        while (reader_ && !too_much) {
             const ssize_t got = ::read(reader_.get(), part.data(), part.size());
             if (got > 0)
                 text.append(part.data(), static_cast<std::size_t>(got));
             else if (got == 0 || errno != EINTR)
                 break;
+            too_much = text.size() > kMost;
         }
-        reader_.reset(); // a program that prints more is ended by SIGPIPE
+        reader_.reset();
         return text;
     }
 
@@ -110,7 +112,7 @@ ProgramEnd run_program(const std::string& program, const std::vector<std::string
         ::posix_spawnp(&pid, program.c_str(), streams.actions(), nullptr, argv.data(), environ);
     if (end.error != 0)
         return end;
-    end.output = streams.read();
+    end.output = streams.read(end.too_much);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }

@@ -22,9 +22,10 @@ enum class Output {
 };
 
 struct ProgramEnd {
-    int error = 0;      // errno if it could not be started
-    int status = 0;     // exit status; 128 plus the number of the signal that killed it
-    std::string output; // what is kept of its output, at most 16 MiB
+    int error = 0;         // errno if it could not be started
+    int status = 0;        // exit status; 128 plus the number of the signal that killed it
+    std::string output;    // what is kept of its output
+    bool too_much = false; // it printed more than 16 MiB, and the output is only the beginning
 };
 
 // Runs a program, which is looked up in PATH if its name has no "/", with the standard input

@@ -270,6 +270,20 @@ head -c 5000 "$work/oci.tar" >"$work/cut.tar"
 run zncctl load -i "$work/cut.tar"
 check 'load of a cut archive is refused' test "$status/$out" != 0/
 check 'and leaves nothing' no_stage
+# Names are inherited from one index by the next: a short archive has a long list.
+mkdir -p "$work/long/blobs/sha256"
+printf '{"imageLayoutVersion":"1.0.0"}' >"$work/long/oci-layout"
+jq -nc '{schemaVersion: 2, manifests: [range(200) | {mediaType: "application/vnd.oci.image.manifest.v1+json",
+    digest: ("sha256:" + "0" * 64), size: 1}]}' >"$work/inner"
+inner=$(sha256sum "$work/inner" | cut -d ' ' -f 1)
+jq -nc --arg digest "sha256:$inner" --argjson size "$(stat -c %s "$work/inner")" \
+    '{schemaVersion: 2, manifests: [{mediaType: "application/vnd.oci.image.index.v1+json", digest: $digest,
+    size: $size, annotations: {"org.opencontainers.image.ref.name": ("x" * 100000)}}]}' >"$work/long/index.json"
+mv "$work/inner" "$work/long/blobs/sha256/$inner"
+tar -C "$work/long" -cf "$work/long.tar" .
+run zncctl load -i "$work/long.tar"
+expect 'a list of images that is too long is one error' 1 '' \
+    "zncctl: error: $work/long.tar: the list of its images is too long"
 run zncctl load -i /dev/zero
 fails_with 'load of a device is refused' 1 '/dev/zero: it is not an archive'
 

@@ -100,7 +100,9 @@ TEST(RunProgram, LimitsTheOutputThatItKeeps)
 {
     const ProgramEnd end = run_program("head", {"-c", "20000000", "/dev/zero"}, -1, Output::kKept);
     EXPECT_LT(end.output.size(), std::size_t{17} << 20U);
+    EXPECT_TRUE(end.too_much);
     EXPECT_NE(end.status, 0);
+    EXPECT_FALSE(run_program("echo", {}, -1, Output::kKept).too_much);
 }
 
 TEST(SkopeoMessage, IsTheLastFatalLineWithoutItsQuoting)
