@@ -33,6 +33,7 @@ inline constexpr Option kImportOptions[] = {
     {0, "max-depth", "N", "names in a path (default: 128)"},
     {0, "max-json", "N", "bytes of a document (default: 4194304)"},
     {0, "max-hardlink-bytes", "N", "added by copies of hard links (default: 16777216)"},
+    {0, "source-name", "NAME", "what messages call a source that is standard input"},
     {'q', "quiet", nullptr, "do not print the new image's digest"},
 };
 

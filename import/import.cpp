@@ -145,7 +145,7 @@ void tell(const Options& options, const Outcome& outcome)
 
 int import_image(const Options& options)
 {
-    Work work = {options, open_source(options.source), Spool(), {}};
+    Work work = {options, open_source(options.source, options.source_name), Spool(), {}};
     if (options.list)
         return zncctl::print_json(zncctl::compact(read_list(work_apart(work))));
     std::optional<LayoutWriter> layout;

@@ -104,6 +104,7 @@ Options read_options(const zncctl::Arguments& args)
     Options options;
     options.source = split_source_name(args.operand(0));
     options.wanted.name = options.source.name;
+    options.source_name = args.value("source-name", "standard input");
     if (const char* platform = args.value("platform"); platform != nullptr)
         read_platform(platform, options.wanted);
     options.list = args.has("list");

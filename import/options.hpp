@@ -12,6 +12,7 @@ namespace zncimport {
 
 struct Options {
     SourceName source;
+    std::string source_name = "standard input"; // for messages, if that is the source
     Wanted wanted;
     std::string layout;
     std::string tag; // "": the tag of the source image, or the default

@@ -56,7 +56,7 @@ try {
         return option == "--quiet" || option == "--split" || option == "--force" ||
                option == "--keep-user";
     });
-    const ImportSource what = {args.operand(0), STDIN_FILENO, std::move(options)};
+    const ImportSource what = {args.operand(0), STDIN_FILENO, "", std::move(options)};
     const Added added = add_converted(what, {name.text()}, "");
     if (added.status != kExitOk)
         return added.status;

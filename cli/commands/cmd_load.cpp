@@ -95,7 +95,7 @@ std::string operand_of(const Listed& image)
 class Load {
   public:
     Load(const Arguments& args, const char* path)
-        : args_(args), name_(path == std::string("-") ? "standard input" : path), archive_(path)
+        : args_(args), archive_(path), name_(archive_.name())
     {
     }
 
@@ -122,7 +122,8 @@ class Load {
     int list(std::vector<Listed>& images) const
     {
         const ProgramEnd end =
-            run_program(import_program(), {"--list", "--", "-"}, archive_.fd(), Output::kKept);
+            run_program(import_program(), {"--list", "--source-name=" + name_, "--", "-"},
+                        archive_.fd(), Output::kKept);
         if (end.too_much)
             return failure(name_, "the list of its images is too long");
         if (end.error != 0 || end.status != kExitOk)
@@ -155,7 +156,7 @@ class Load {
     {
         const std::vector<std::string> names = full_names(image);
         const Added added =
-            add_converted({operand_of(image), archive_.fd(), usual_options()}, names, "");
+            add_converted({operand_of(image), archive_.fd(), name_, usual_options()}, names, "");
         if (added.status != kExitOk)
             return added.status;
         std::string text;
@@ -167,8 +168,8 @@ class Load {
     }
 
     const Arguments& args_;
-    std::string name_;
     ArchiveCopy archive_;
+    const std::string& name_;
 };
 
 } // namespace

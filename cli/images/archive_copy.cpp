@@ -55,19 +55,18 @@ znc::UniqueFd new_file()
 
 } // namespace
 
-ArchiveCopy::ArchiveCopy(const std::string& path)
+ArchiveCopy::ArchiveCopy(const std::string& path) : name_(path == "-" ? "standard input" : path)
 {
-    const std::string name = path == "-" ? "standard input" : path;
     znc::UniqueFd from = open_archive(path);
     struct stat st = {};
     if (::fstat(from.get(), &st) != 0)
-        throw_error(name);
+        throw_error(name_);
     if (S_ISDIR(st.st_mode) || S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))
-        throw std::runtime_error(fmt::format("{}: it is not an archive", name));
+        throw std::runtime_error(fmt::format("{}: it is not an archive", name_));
     const bool steady = S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
                         (st.st_mode & 022U) == 0 && ::lseek(from.get(), 0, SEEK_CUR) == 0;
     znc::UniqueFd copy = steady ? znc::UniqueFd() : new_file();
-    digest_ = copy_and_hash(from.get(), copy.get(), name);
+    digest_ = copy_and_hash(from.get(), copy.get(), name_);
     file_ = steady ? std::move(from) : std::move(copy);
 }
 

@@ -16,9 +16,12 @@ class ArchiveCopy {
     explicit ArchiveCopy(const std::string& path);
 
     [[nodiscard]] int fd() const; // at the beginning of the archive
+    // For messages: the path, or "standard input".
+    [[nodiscard]] const std::string& name() const { return name_; }
     [[nodiscard]] const std::string& digest() const { return digest_; }
 
   private:
+    std::string name_;
     znc::UniqueFd file_;
     std::string digest_;
 };

@@ -131,6 +131,8 @@ Added add_converted(const ImportSource& what, const std::vector<std::string>& na
     const std::string layout = stage.path() + kMade;
     std::vector<std::string> arguments = {"--quiet", "--split", "--keep-user"};
     arguments.insert(arguments.end(), what.options.begin(), what.options.end());
+    if (!what.input_name.empty())
+        arguments.push_back("--source-name=" + what.input_name);
     arguments.insert(arguments.end(), {"--", what.operand, layout + ":new"});
     const ProgramEnd end = run_program(import_program(), arguments, what.input, Output::kDiscarded);
     Added failed;
@@ -159,7 +161,7 @@ Added add_layout(const std::string& layout, const std::vector<std::string>& name
     if (auto known = is_manifest ? add_names(source, names) : std::nullopt)
         return *std::move(known);
     // Without a prefix a ":" in the path is no separator.
-    return add_converted({layout, -1, usual_options()}, names, source);
+    return add_converted({layout, -1, "", usual_options()}, names, source);
 }
 
 Fitness fitness_of(const std::string& layout, const Image& image)

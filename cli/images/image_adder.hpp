@@ -15,6 +15,7 @@ namespace zncctl {
 struct ImportSource {
     std::string operand;              // as zncctl-import takes it
     int input = -1;                   // its standard input
+    std::string input_name;           // what messages call that; "" for the usual name
     std::vector<std::string> options; // for zncctl-import
 };
 

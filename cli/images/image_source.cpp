@@ -84,7 +84,8 @@ std::optional<Wanted> find_in_archive(const Arguments& args, const std::string& 
     const ArchiveCopy archive(rest.substr(0, colon));
     const std::string source =
         digest_of(fmt::format("{}\n{}\n{}\n{}", prefix, name, platform, archive.digest()));
-    ImportSource what = {fmt::format("{}-{}", prefix, name), archive.fd(), usual_options()};
+    ImportSource what = {fmt::format("{}-{}", prefix, name), archive.fd(), archive.name(),
+                         usual_options()};
     if (!platform.empty())
         what.options.push_back("--platform=" + platform);
     return find_or_make(what, source, operand);
@@ -349,7 +350,7 @@ try {
         if (!needs_conversion(wanted, chosen.image, check_layers))
             return true;
         const ImportSource what = {
-            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, manifest), -1,
+            fmt::format("{}{}:{}", kLayoutPrefix, wanted.image.layout, manifest), -1, "",
             usual_options()};
         made = find_or_make(what, source, label);
     }

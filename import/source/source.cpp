@@ -184,7 +184,7 @@ void read_platform(const std::string& text, Wanted& wanted)
     wanted.variant = parts.size() == 3 ? parts[2] : "";
 }
 
-OpenedSource open_source(const SourceName& name)
+OpenedSource open_source(const SourceName& name, const std::string& input_name)
 {
     OpenedSource opened;
     opened.name = name;
@@ -193,10 +193,10 @@ OpenedSource open_source(const SourceName& name)
                              : ::open(name.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     struct stat status = {};
     if (!opened.fd || ::fstat(opened.fd.get(), &status) != 0)
-        throw Failure(standard ? "standard input" : name.path, zncctl::error_text(),
+        throw Failure(standard ? input_name : name.path, zncctl::error_text(),
                       errno == ENOENT ? zncctl::kExitNotFound : zncctl::kExitFailure);
     if (standard)
-        opened.name.path = "standard input";
+        opened.name.path = input_name;
     // for example /dev/zero, which is endless
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         throw Failure(opened.name.path, "is a device");

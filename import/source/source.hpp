@@ -82,7 +82,8 @@ struct OpenedSource {
     znc::UniqueFd fd;
     bool directory = false;
 };
-OpenedSource open_source(const SourceName& name);
+// Messages call standard input `input_name`.
+OpenedSource open_source(const SourceName& name, const std::string& input_name = "standard input");
 
 // Detects the kind of the source and reads its index. `spool` stores streams that are not seekable
 // or are compressed. `spool` and `opened` are borrowed.

@@ -266,6 +266,12 @@ tar -C "$work/docker" -cf "$work/many.tar" .
 run zncctl load -i "$work/many.tar"
 fails_with 'and of an archive with too many images' 1 'it contains 101 images, more than 100'
 check 'nothing of them is added' test "$(names)" = "$before"
+echo junk >"$work/junk.tar"
+for source in "load -i $work/junk.tar" "run oci-archive:$work/junk.tar"; do
+    # shellcheck disable=SC2086
+    run zncctl $source
+    check "the file is named in an error of ${source%% *}" grep -q "^zncctl: error: $work/junk.tar: " "$work/err"
+done
 head -c 5000 "$work/oci.tar" >"$work/cut.tar"
 run zncctl load -i "$work/cut.tar"
 check 'load of a cut archive is refused' test "$status/$out" != 0/
