@@ -46,7 +46,7 @@ int cmd_config_check(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     const std::string file = std::string(args.operand(0)) + "/config.json";
     const auto text = read_file(file);
     if (!text)

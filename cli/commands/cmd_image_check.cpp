@@ -141,7 +141,7 @@ int cmd_image_check(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     const auto shown = layout_of(args, args.operand(0));
     if (!shown)
         return kExitFailure;

@@ -22,8 +22,12 @@ int zncctl::cmd_image_inspect(const Arguments& args)
     const znc::MallocPtr<char> text(call_library([&] { return zncImageInfoGet(layout.c_str()); }));
     if (text == nullptr)
         return local_failure(errno, label);
-    const std::optional<Json> document = parse_json(text.get());
+    std::optional<Json> document = parse_json(text.get());
     if (!document)
         return local_failure(EBADMSG, label);
+    // The library knows only what the manifest says, and a manifest does not contain names.
+    if (shown->names && document->is_array())
+        for (Json& image : *document)
+            image["RepoTags"] = *shown->names;
     return print_json(pretty(*document));
 }

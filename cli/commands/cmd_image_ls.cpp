@@ -38,12 +38,12 @@ try {
 
 int cmd_image_ls(const Arguments& args)
 {
-    bool as_json = false;
-    if (!read_format(args, as_json))
-        return kExitFailure;
     // The tags in the store are full names.
     if (args.operands() == 0 && !args.has("quiet"))
         return cmd_images(args);
+    bool as_json = false;
+    if (!read_format(args, as_json))
+        return kExitUsage;
     if (args.operands() == 0)
         return print_names();
     const auto shown = layout_of(args, args.operand(0));

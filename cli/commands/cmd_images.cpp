@@ -4,6 +4,8 @@
 #include "cli/images/reference.hpp"
 #include "commands.hpp"
 #include "front/output.hpp"
+#include "front/row_format.hpp"
+#include "front/words.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -14,6 +16,17 @@ namespace zncctl {
 namespace {
 
 constexpr std::size_t kShortId = 12;
+constexpr const char* kTable = "table {{.Repository}}\t{{.Tag}}\t{{.ID}}\t{{.Created}}\t{{.Size}}";
+// The fields, and the headings of their columns.
+constexpr const char* kColumns[][2] = {{"ID", "IMAGE ID"},
+                                       {"Repository", "REPOSITORY"},
+                                       {"Tag", "TAG"},
+                                       {"Digest", "DIGEST"},
+                                       {"Created", "CREATED"},
+                                       {"CreatedAt", "CREATED AT"},
+                                       {"CreatedSince", "CREATED"},
+                                       {"Size", "SIZE"},
+                                       {"Names", "NAMES"}};
 
 // Whether an image is one of those that the operand means: a name, or one without its tag.
 bool is_meant(const ListedImage& image, const std::string& operand)
@@ -67,32 +80,69 @@ int print_as_json(const std::vector<ListedImage>& images)
     return print_json(compact(list));
 }
 
-int print_table(const Arguments& args, const std::vector<ListedImage>& images)
+// The values of the fields.
+Json texts_of_row(const Arguments& args, const ListedImage& image, std::time_t now)
 {
-    std::vector<std::vector<std::string>> rows = {
-        {"REPOSITORY", "TAG", "IMAGE ID", "CREATED", "SIZE"}};
+    const std::string age = age_text(image.created, now);
+    return {{"ID", image.id.empty() ? "damaged" : shown_id(args, image.id)},
+            {"Repository", image.repository},
+            {"Tag", image.tag},
+            {"Digest", image.entry.manifest.digest},
+            {"Created", age},
+            {"CreatedAt", image.created},
+            {"CreatedSince", age},
+            {"Size", size_text(image.size)},
+            {"Names", image.entry.name}};
+}
+
+int print_rows(const Arguments& args, const std::vector<ListedImage>& images,
+               const RowFormat& format)
+{
     const std::time_t now = std::time(nullptr);
+    std::vector<std::string> lines;
     for (const ListedImage& image : images)
-        rows.push_back({image.repository, image.tag,
-                        image.id.empty() ? "damaged" : shown_id(args, image.id),
-                        age_text(image.created, now), size_text(image.size)});
+        lines.push_back(format.text(texts_of_row(args, image, now)));
+    if (!format.is_table())
+        return lines.empty() ? static_cast<int>(kExitOk)
+                             : print_result(fmt::format("{}\n", fmt::join(lines, "\n")));
+    Json heading = Json::object();
+    for (const auto& [field, column] : kColumns)
+        heading[field] = column;
+    std::vector<std::vector<std::string>> rows = {split(format.text(heading), '\t')};
+    for (const std::string& line : lines)
+        rows.push_back(split(line, '\t'));
     return print_result(table(rows, args.has("no-trunc")));
+}
+
+// The format of the rows: the user's, or the usual columns.
+RowFormat read_row_format(const Arguments& args)
+{
+    const std::string format = args.value("format", "table");
+    std::vector<std::string> fields;
+    for (const auto& [field, column] : kColumns)
+        fields.emplace_back(field);
+    return {format == "table" || format == "json" ? kTable : format, fields};
+}
+
+int list_images(const Arguments& args, const RowFormat& format)
+try {
+    const BundlesInUse in_use(image_area());
+    const std::vector<ListedImage> images = wanted_images(args);
+    if (args.has("quiet"))
+        return print_ids(args, images);
+    return std::string_view(args.value("format", "")) == "json" ? print_as_json(images)
+                                                                : print_rows(args, images, format);
+} catch (const std::runtime_error& error) {
+    return failure("", error.what());
 }
 
 } // namespace
 
 int cmd_images(const Arguments& args)
 try {
-    bool as_json = false;
-    if (!read_format(args, as_json))
-        return kExitFailure;
-    const BundlesInUse in_use(image_area());
-    const std::vector<ListedImage> images = wanted_images(args);
-    if (args.has("quiet"))
-        return print_ids(args, images);
-    return as_json ? print_as_json(images) : print_table(args, images);
+    return list_images(args, read_row_format(args));
 } catch (const std::runtime_error& error) {
-    return failure("", error.what());
+    return usage_failure(error.what());
 }
 
 } // namespace zncctl

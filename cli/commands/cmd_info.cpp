@@ -42,7 +42,7 @@ int cmd_info(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     Json document = Json::object();
     std::string text;
     for (const auto& [name, value] : facts()) {

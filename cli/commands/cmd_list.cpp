@@ -76,7 +76,7 @@ int cmd_list(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     if (args.has("status") && !known_status(args.value("status")))
         return usage_failure("--status is \"created\", \"running\", \"paused\" or \"stopped\"");
     auto all = listed_containers();

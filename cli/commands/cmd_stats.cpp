@@ -204,7 +204,7 @@ int cmd_stats(const Arguments& args)
     if (args.has("all") && args.operands() > 0)
         return usage_failure("--all cannot be combined with ids");
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     return Stats(args).run(as_json);
 }
 

@@ -92,7 +92,7 @@ int cmd_storage_df(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     const auto all = stored();
     if (!all)
         return daemon_failure(errno, "");

@@ -61,7 +61,7 @@ int cmd_top(const Arguments& args)
     const std::string id = args.operand(0);
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     const CONTAINER_STATUS status = status_of(id);
     if (status == STATE_UNKNOWN)
         return daemon_failure(errno, id);

@@ -12,7 +12,7 @@ int zncctl::cmd_version(const Arguments& args)
 {
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     const std::string daemon = daemon_version();
     if (!as_json)
         return print_result(fmt::format("client    {}\ndaemon    {}\nprotocol  {}\n", ZNC_VERSION,

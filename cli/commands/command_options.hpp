@@ -245,7 +245,9 @@ inline constexpr Option kInfoOptions[] = {kFormat};
 // The image store.
 inline constexpr Option kImagesOptions[] = {
     {'q', "quiet", nullptr, "print only the ids"},
-    kFormat,
+    {'f', "format", "FORMAT",
+     "\"table\" (default), \"json\", or fields such as \"{{.ID}} {{.Size}}\"", Word::kChoice,
+     "table json"},
     {0, "no-trunc", nullptr, "print whole ids, and lines longer than the terminal"},
 };
 inline constexpr Option kPullOptions[] = {

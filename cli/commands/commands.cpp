@@ -124,6 +124,16 @@ constexpr Command kCommands[] = {
      cmd_completion},
 };
 
+// What engines call commands that have another name here.
+struct OtherName {
+    std::string_view words;
+    std::string_view command;
+};
+constexpr OtherName kOtherNames[] = {
+    {"image rm", "rmi"},    {"image list", "image ls"}, {"image tag", "tag"},
+    {"image load", "load"}, {"image pull", "pull"},     {"image import", "import"},
+};
+
 // Returns how many of the leading words form the command `name`; 0 if they do not match it.
 std::size_t words_matched(std::string_view name, std::span<char* const> words)
 {
@@ -148,6 +158,10 @@ Found find_command(std::span<char* const> words)
         for (const std::string& alias : split_words(command.aliases))
             if (!words.empty() && alias == words[0])
                 return {&command, 1};
+        for (const OtherName& other : kOtherNames)
+            if (other.command == command.name)
+                if (const std::size_t count = words_matched(other.words, words); count != 0)
+                    return {&command, count};
     }
     return {};
 }

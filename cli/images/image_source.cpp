@@ -171,6 +171,10 @@ try {
     ShownLayout shown = {"", operand, std::make_unique<ImageStage>(), wanted->in_use};
     shown.path = shown.stage->path();
     make_layout_of({wanted->image.tag, *wanted->stored, wanted->os, wanted->arch, ""}, shown.path);
+    shown.names.emplace();
+    for (const StoredImage& image : stored_images())
+        if (image.manifest.digest == wanted->stored->digest && !image.name.empty())
+            shown.names->push_back(image.name);
     return shown;
 } catch (const std::runtime_error& error) {
     static_cast<void>(failure(operand, error.what()));

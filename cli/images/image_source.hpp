@@ -56,6 +56,8 @@ struct ShownLayout {
     std::string label; // the name in messages
     std::unique_ptr<ImageStage> stage = nullptr;
     std::shared_ptr<BundlesInUse> in_use = nullptr;
+    // All names of the image of the store; none for a layout.
+    std::optional<std::vector<std::string>> names = std::nullopt;
 };
 
 // The layout that an operand means. Nullopt after printing a message.

@@ -97,7 +97,7 @@ run zncctl create web no/such/bundle
 fails_with 'a relative bundle that is missing fails before the daemon is asked' 1 \
     'No such file or directory'
 run zncctl list -f xml
-fails_with 'an unknown list format has its own message' 1 'invalid format option'
+fails_with 'an unknown list format has its own message' 64 'invalid format option'
 run zncctl unpack "$work/none" "$work/bundle"
 fails_with 'unpack of a missing layout' 1 'File oci-layout not found'
 check 'a failed unpack leaves no bundle' test ! -e "$work/bundle"

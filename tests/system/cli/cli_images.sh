@@ -50,6 +50,18 @@ run zncctl images -q
 expect 'images -q prints the short id' 0 "${id:0:12}" ''
 run zncctl images -q --no-trunc shell
 expect 'with --no-trunc the whole, and a name selects' 0 "sha256:$id" ''
+run zncctl images --format '{{.ID}} {{.Repository}}:{{.Tag}}|{{.Names}}'
+expect 'images takes formats with fields' 0 "${id:0:12} localhost/shell:latest|localhost/shell:latest" ''
+run zncctl images --no-trunc --format 'table {{.ID}}\t{{.Digest}}'
+check 'also as a table' grep -qx 'IMAGE ID *DIGEST' "$work/out"
+check 'with whole ids' grep -q "^sha256:$id  sha256:" "$work/out"
+run zncctl image ls --format '{{.Tag}}'
+expect 'image ls takes them, too' 0 latest ''
+for command in images 'image ls'; do
+    # shellcheck disable=SC2086
+    run zncctl $command --format '{{.Odd}}'
+    check "a wrong format of $command is a usage error" test "$status/$out" = 64/
+done
 run zncctl images -q shell:other
 expect 'another tag selects nothing' 0 '' ''
 check 'the id is the digest of the configuration' test -f "$store/blobs/sha256/$id"
@@ -76,6 +88,9 @@ for name in shell localhost/shell shell:latest localhost/shell:latest "$id" "sha
 done
 run zncctl tag shell tools:v1 quay.example.org:5000/team/tools
 expect 'tag prints nothing' 0 '' ''
+run zncctl image inspect tools:v1
+check 'image inspect has them all' test "$(jq -c '.[0].RepoTags' "$work/out")" = \
+    '["localhost/shell:latest","localhost/tools:v1","quay.example.org:5000/team/tools:latest"]'
 check 'the image has three names' test "$(names)" = \
     'localhost/shell:latest localhost/tools:v1 quay.example.org:5000/team/tools:latest '
 check 'and one id' test "$(zncctl images -q | wc -l)" = 1
@@ -95,7 +110,15 @@ fails_with 'rmi of what is not there exits 2' 2 'there is no such image in the s
 
 # ---------------------------------------------------------------- containers that use an image
 zncctl tag "$id" shell
-zncctl rmi quay.example.org:5000/team/tools >/dev/null
+zncctl image rm quay.example.org:5000/team/tools >/dev/null
+run zncctl image list
+check 'image list is image ls, and image rm is rmi' test "$status/$(names)" = '0/localhost/shell:latest '
+zncctl image tag shell again && zncctl image rm again >/dev/null
+check 'image tag is tag' test "$?/$(names)" = '0/localhost/shell:latest '
+for command in load pull import; do
+    run zncctl image "$command" --help
+    check "image $command is $command" grep -q "zncctl $command" "$work/out"
+done
 run zncctl run -d --name user --network none --progress none shell
 check 'a container runs from it' test "$status" = 0
 run zncctl rmi shell
