@@ -1,5 +1,6 @@
 // Prints a config.json to start from: one that runs a shell, or one based on an image.
 #include "cli/containers/container.hpp"
+#include "cli/containers/environment.hpp"
 #include "cli/containers/image_bundle.hpp"
 #include "cli/images/image_mounts.hpp"
 #include "cli/images/image_settings.hpp"
@@ -46,8 +47,8 @@ Json document(const Json* image)
         args.push_back("/bin/sh");
     Json env = Json::array();
     append_texts(env, member(image, "Env"));
-    if (env.empty())
-        env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    if (Environment(texts_of(&env)).value("PATH") == nullptr)
+        env.push_back(fmt::format("PATH={}", kDefaultPath));
     return {{"ociVersion", "1.0.0"},
             {"process", {{"cwd", cwd.empty() ? "/" : cwd}, {"args", args}, {"env", env}}},
             {"root", {{"path", "rootfs"}}},

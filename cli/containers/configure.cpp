@@ -38,16 +38,18 @@ void set_command(Json& process, const ContainerOptions& options, const Json* ima
     process["args"] = words;
 }
 
-User find_user(const Json& config, const std::string& name)
+// `whose` begins the message for a user that does not exist. Root, if no user is named, needs no
+// entry: then only the home directory is looked up.
+User find_user(const Json& config, const std::string& name, const char* whose)
 {
     const std::string path = text_of(member(config, "root"), "path");
     const znc::UniqueFd root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!root)
+    if (!root && !name.empty())
         throw_error(path);
     User user;
     std::string error;
-    if (!lookup_user(root.get(), name, user, error))
-        throw std::runtime_error(fmt::format("the user '{}': {}", printable(name), error));
+    if (root && !lookup_user(root.get(), name, user, error) && !name.empty())
+        throw std::runtime_error(fmt::format("{} '{}': {}", whose, printable(name), error));
     return user;
 }
 
@@ -59,8 +61,11 @@ bool sets(const Json* image, std::string_view name)
 void set_user(Json& config, Json& process, const ContainerOptions& options, const Json* image,
               Environment& environment)
 {
-    const User user = find_user(config, options.user);
-    process["user"] = {{"uid", user.uid}, {"gid", user.gid}};
+    const bool chosen = !options.user.empty();
+    const std::string name = chosen ? options.user : text_of(image, "User");
+    const User user = find_user(config, name, chosen ? "the user" : "the image's user");
+    if (!name.empty())
+        process["user"] = {{"uid", user.uid}, {"gid", user.gid}};
     if (!user.groups.empty())
         process["user"]["additionalGids"] = user.groups;
     // The home directory that a bundle has was that of the image's own user.
@@ -72,8 +77,12 @@ void set_process(Json& config, Json& process, const ContainerOptions& options, c
 {
     set_command(process, options, image);
     Environment environment(texts_of(member(process, "env")));
-    if (!options.user.empty())
+    // The user is looked up for each container: that of an image need not exist if the container
+    // gets another one.
+    if (!options.user.empty() || image != nullptr)
         set_user(config, process, options, image, environment);
+    if (image != nullptr && environment.value("PATH") == nullptr)
+        environment.set("PATH", kDefaultPath);
     const std::string host_name = text_of(config, "hostname");
     const bool named = image != nullptr || !options.host_name.empty();
     if (named && environment.value("HOSTNAME") == nullptr)

@@ -9,6 +9,10 @@
 
 namespace zncctl {
 
+// The PATH of a program whose image sets none.
+inline constexpr const char* kDefaultPath =
+    "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
 class Environment {
   public:
     // Starts with these entries, "NAME=VALUE" each. Of several with one name the last one stays.

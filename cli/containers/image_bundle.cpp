@@ -217,7 +217,7 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
             shared && (errno == EEXIST || errno == EINVAL) ? ZNC_OPT_FLATTEN : 0;
         done = unpacking.unpack_or_report(bundle, option, progress) == kExitOk;
     }
-    if (!done || unpacking.set_user(bundle, false) != kExitOk)
+    if (!done)
         return false;
     if (write_image_of_bundle(bundle, unpacking.manifest()) && mark_complete(bundle))
         return true;

@@ -78,8 +78,33 @@ TEST(Configure, VariablesAreReplacedByName)
 {
     const Json config = configured(
         read_container_options(with({{"env", "A=mine"}, {"env", "B="}}), {}), &kImage, kConfig);
-    EXPECT_EQ(texts_of(&config["process"]["env"]),
-              (std::vector<std::string>{"A=mine", "HOSTNAME=box", "B="}));
+    EXPECT_EQ(
+        texts_of(&config["process"]["env"]),
+        (std::vector<std::string>{
+            "A=mine", "HOME=/", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+            "HOSTNAME=box", "B="}));
+}
+
+TEST(Configure, AnImageKeepsItsPath)
+{
+    const Json image = {{"Entrypoint", {"/entry"}}, {"Env", {"PATH=/mine"}}};
+    Json config = kConfig;
+    config["process"]["env"] = {"PATH=/mine"};
+    const Json changed = configured(ContainerOptions(), &image, config);
+    EXPECT_EQ(texts_of(&changed["process"]["env"])[0], "PATH=/mine");
+    EXPECT_EQ(texts_of(&changed["process"]["env"]).size(), 3U); // with HOME and HOSTNAME
+}
+
+TEST(Configure, TheUserOfTheImageMustExistUnlessAnotherIsGiven)
+{
+    Json image = kImage;
+    image["User"] = "no-such-user";
+    Json config = kConfig;
+    config["root"] = {{"path", "/"}};
+    EXPECT_THROW(configured(ContainerOptions(), &image, config), std::runtime_error);
+    const Json changed =
+        configured(read_container_options(with({{"user", "4711"}}), {}), &image, config);
+    EXPECT_EQ(changed["process"]["user"]["uid"], 4711);
 }
 
 TEST(Configure, LimitsAreAddedToThoseOfABundle)
