@@ -1,4 +1,4 @@
-// failure.hpp - how a function of C's kind fails. Used by the library and the platform.
+// failure.hpp - sets errno and returns -1. Used by the library and the platform.
 #ifndef ZNC_BASE_FAILURE_HPP
 #define ZNC_BASE_FAILURE_HPP
 
@@ -6,7 +6,7 @@
 
 namespace znc {
 
-// Sets the task error number. -1, the ERROR of every interface.
+// Sets errno and returns -1 (ERROR).
 inline int fail(int number) noexcept
 {
     errno = number;

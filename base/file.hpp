@@ -21,7 +21,7 @@ namespace znc {
 
 // The content of a file in memory.
 struct FileText {
-    MallocPtr<char[]> bytes; // NUL-terminated; null on failure, with the task error number set
+    MallocPtr<char[]> bytes; // NUL-terminated; null on failure, with errno set
     std::size_t len = 0;
 };
 

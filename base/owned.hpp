@@ -1,6 +1,6 @@
 // owned.hpp - owning types for POSIX resources: descriptors, directory streams, malloc'd memory.
 // Releasing a resource preserves errno, so an early return keeps the error of the failure. In
-// parameters, an int is a borrowed descriptor; a UniqueFd by value takes ownership.
+// parameters, an int is a descriptor that is not owned; a UniqueFd by value takes ownership.
 //
 // Used by the library, the platform and the programs. Queues and mutexes have types of their own in
 // the modules that use them.

@@ -16,7 +16,7 @@ bool set_log_level(std::string_view name);
 
 void log(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Logs `what` and the text of the task error number as an error.
+// Logs `what` and strerror(errno) as an error.
 void log_errno(const char* what);
 
 } // namespace zncd

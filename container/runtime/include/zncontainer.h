@@ -4,14 +4,14 @@
  * Conventions
  *
  *  1. Errors. A function of type STATUS returns OK or ERROR; one that returns a pointer returns
- *     NULL on failure. Unless said otherwise a failure leaves its reason in the task error
- *     number (`errno`): an S_zncLib_ code of this header or a number of <errno.h>. The
- *     number means nothing after success. zncUtilShowErr prints the message for either.
+ *     NULL on failure. Unless said otherwise a failure sets `errno`: an S_zncLib_ code of this
+ *     header or a number of <errno.h>. `errno` is meaningless after success. zncUtilShowErr prints
+ *     the message for either.
  *  2. Ownership. Text returned as `char*` is malloc'd and freed by the caller with free().
- *     `const char*` results are constant and never freed. Arguments are borrowed for the call.
- *  3. Threads. Functions may be called from any task of any process, unless their group says
- *     that they belong to the daemon task. No function changes process-wide state: no signal
- *     handlers, working directory, locale or umask.
+ *     `const char*` results are constant and never freed. Arguments are not kept after the call.
+ *  3. Threads. Functions are thread-safe, unless their group says that they belong to the daemon's
+ *     thread ("task" means thread in this header). No function changes process-wide state: no
+ *     signal handlers, working directory, locale or umask.
  *  4. Blocking. Functions that talk to the daemon wait without a time limit for room in its queue
  *     of 32 requests, and then up to 5 seconds for each piece of the reply. zncStart without
  *     ZNC_OPT_NO_WAIT waits for the container's process. The duration of zncUnpack and
@@ -24,8 +24,8 @@
  *  7. Signal numbers are those of the library (see zncUtilSignalNo), not those of the host.
  *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1. New
  *     functions may be added; ZNC_VERSION_NUMBER says at compile time whether one is declared.
- *  9. A function that is marked ZNC_NODISCARD hands over something that only its result tells
- *     of (memory, a process, a file), or makes what the caller goes on with.
+ *  9. ZNC_NODISCARD marks functions whose result must not be ignored: it owns a resource (memory, a
+ *     process, a file), or the caller cannot continue correctly without checking it.
  * 10. The header is C89 with <stdint.h> and <stdbool.h>, any later C, and C++98 and later.
  *
  * The wire format and the JSON document builders are in zncprotocol.h.
@@ -71,7 +71,7 @@ extern "C" {
 #endif
 
 #ifdef __GNUC__
-/* What is declared here is what the shared library shows. */
+/* The declarations below are the symbols that the shared library exports. */
 #pragma GCC visibility push(default)
 #endif
 #ifdef __clang__
@@ -100,8 +100,8 @@ typedef int32_t nsid_t;     /* a namespace; -1: none */
 #ifndef FALSE
 #define FALSE 0
 #endif
-/* Compiles only if another header that defined these before gave them the same values. */
-typedef char zncResultsAreOurs[OK == 0 && ERROR == -1 && TRUE == 1 && FALSE == 0 ? 1 : -1];
+/* Compile-time check: another header may define these macros, too, but with the same values. */
+typedef char zncCheckResultMacros[OK == 0 && ERROR == -1 && TRUE == 1 && FALSE == 0 ? 1 : -1];
 
 struct cJSON; /* a JSON tree of the cJSON library */
 
@@ -142,12 +142,12 @@ struct cJSON; /* a JSON tree of the cJSON library */
 #define S_zncLib_SIGNATURE_MISSING (M_zncLib | 0x20)
 #define S_zncLib_SIGNATURE_VERIFY_FAILED (M_zncLib | 0x21)
 
-/* The process layer's own code for an id that names no running process. */
+/* Error code of the platform's process functions: no such process. */
 #define S_znProcess_NOT_RUNNING 0xb20004
 
 /* ------------------------------------------------------------------ containers: types */
 
-/* A container's life state. State documents carry the number. */
+/* The state of a container. Appears as a number in the JSON of zncState. */
 typedef enum containerStatus {
     STATE_CREATING = 0, /* being created; never reported to clients */
     STATE_CREATED = 1,  /* ready to be started */
@@ -175,11 +175,11 @@ typedef struct zncBundleAttr {
 
 /* ------------------------------------------------------------------ containers: client functions
  *
- * Each function sends one request to the daemon and waits for the reply. In addition to the numbers
+ * Each function sends one request to the daemon and waits for the reply. In addition to the errors
  * given, each can fail with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also if the arguments exceed
  * one request, 1843 bytes of JSON), and with 0 if the request or its reply was lost (no reply
  * within 5 s) or the queues for them could not be created. A reply that is not JSON is a failure,
- * too; it does not change the task error number, except that zncContainerInfoGet sets EBADMSG.
+ * too; it does not change errno, except that zncContainerInfoGet sets EBADMSG.
  */
 
 /*
@@ -187,11 +187,11 @@ typedef struct zncBundleAttr {
  * directory `bundlePath`; a relative path is resolved by this function. `option` is sent to the
  * daemon, which ignores it; `pAttr` (may be NULL) is ignored. On OK the container is in
  * STATE_CREATED. Of an id of 255 bytes only the first 254 are kept, and only they find the
- * container. EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay
+ * container. Errors: EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay
  * filesystem a bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
  * S_zncLib_RUNTIME_CONFIG_LOAD_FAILED, S_zncLib_OCI_VERSION_INVALID, S_zncLib_OCI_ROOT_INVALID,
  * S_zncLib_OCI_CWD_INVALID, S_zncLib_OCI_ARG_INVALID, S_zncLib_ROOTFS_CREATE_FAILED,
- * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or realpath's number.
+ * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or an error of realpath().
  */
 ZNC_NODISCARD STATUS zncCreate(const char* containerId, const char* bundlePath, unsigned int option,
                                const ZNC_ATTR* pAttr);
@@ -199,30 +199,31 @@ ZNC_NODISCARD STATUS zncCreate(const char* containerId, const char* bundlePath, 
 /*
  * Start a created container. Its process is a child of the caller and has the caller's standard
  * streams. With ZNC_OPT_NO_WAIT returns OK at once and the caller reaps the child; without
- * it, waits and returns the child's process id (not OK), or ERROR. Test for ERROR.
- * EINVAL, ENODEV (no such container), EBUSY (not in STATE_CREATED), S_zncLib_RTP_SPAWN_FAILED,
- * EBADMSG. After S_zncLib_RTP_SPAWN_FAILED the container counts as run: delete it.
+ * it, waits and returns the child's process id (not OK), or ERROR. Test for ERROR. Errors: EINVAL,
+ * ENODEV (no such container), EBUSY (not in STATE_CREATED), S_zncLib_RTP_SPAWN_FAILED, EBADMSG.
+ * After S_zncLib_RTP_SPAWN_FAILED the container cannot be started again: delete it.
  */
 ZNC_NODISCARD STATUS zncStart(const char* containerId, unsigned int option);
 
 /*
  * As zncStart with ZNC_OPT_NO_WAIT, and stores the process id of the program, a child of the
- * caller, in `pPid`, or 0 if the daemon had nothing to run. On ERROR `pPid` is 0, unless the
- * program was spawned but its process id could not be sent to the daemon: the program has then been
- * sent TERM, and the caller must reap it. Errors as for zncStart; EINVAL also if `pPid` is NULL.
+ * caller, in `pPid`, or 0 if the daemon returned empty parameters, so that nothing was started. On
+ * ERROR `pPid` is 0, unless the program was spawned but its process id could not be sent to the
+ * daemon: the program has then been sent TERM, and the caller must reap it. Errors as for zncStart;
+ * EINVAL also if `pPid` is NULL.
  */
 ZNC_NODISCARD STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid);
 
 /*
  * Send a signal (the library's number) to the container's process, or with
  * ZNC_OPT_WHOLE_NAMESPACE to all of its processes. If it is not running, do nothing and return OK.
- * EINVAL, ENODEV, ESRCH (the process is gone or not yet known).
+ * Errors: EINVAL, ENODEV, ESRCH (the process is gone or not yet known).
  */
 STATUS zncKill(const char* containerId, int signo, unsigned int option);
 
 /*
  * Delete a container and everything that zncCreate made. A running container requires
- * ZNC_OPT_WHOLE_NAMESPACE, and its processes are killed. EINVAL, ENODEV, EBUSY (running),
+ * ZNC_OPT_WHOLE_NAMESPACE, and its processes are killed. Errors: EINVAL, ENODEV, EBUSY (running),
  * S_zncLib_UNMOUNT_FAILED.
  */
 STATUS zncDelete(const char* containerId, unsigned int option);
@@ -233,7 +234,7 @@ STATUS zncDelete(const char* containerId, unsigned int option);
  */
 ZNC_NODISCARD char* zncState(const char* containerId);
 
-/* The same, only the status. STATE_UNKNOWN on every failure, with the task error number set. */
+/* The same, only the status. STATE_UNKNOWN on every failure, with errno set. */
 CONTAINER_STATUS zncStatusGet(const char* containerId);
 
 /* All containers, as a JSON array of states in ascending order of ids; "[]" if there are none. */
@@ -254,17 +255,16 @@ BOOL zncDaemonIsAlive(void);
  * Unpack an image of the OCI layout directory `ociPath` into the bundle directory `bundlePath`: a
  * root filesystem and a "config.json". The image is the first whose platform is that of
  * `pAttr` (may be NULL) and whose name is `tag` (NULL: "latest", which unnamed images match
- * too). Needs no daemon. The bundle directory may exist, its "rootfs" and "config.json" may not;
- * one made here is removed again on failure. Layers are kept under the storage base
- * (zncBasePathGet) and shared between bundles where the overlay filesystem is available.
- * Exactly the verified bytes are extracted, even if the layout changes during the call. On OK the
- * bundle and everything it needs have been written to disk.
- * EINVAL (also ZNC_OPT_FLATTEN without the overlay filesystem), the image codes
- * S_zncLib_LAYOUT_NOT_FOUND to S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the
- * image's overlay device exists already, or another image with the same diff IDs but different
- * layers occupies the name of its tree or device), EBUSY (the store stayed locked for many
- * seconds), ENAMETOOLONG, numbers of zncTarExtract and of the system; 0 for a layer whose archive
- * is damaged.
+ * too). Needs no daemon. The bundle directory may exist; "rootfs" and "config.json" in it must not
+ * exist; a directory created by this call is removed again on failure. Layers are kept under the
+ * storage base (zncBasePathGet) and shared between bundles where the overlay filesystem is
+ * available. Exactly the verified bytes are extracted, even if the layout changes during the call.
+ * On OK the bundle and everything it needs have been written to disk. Errors: EINVAL (also
+ * ZNC_OPT_FLATTEN without the overlay filesystem), the image codes S_zncLib_LAYOUT_NOT_FOUND to
+ * S_zncLib_MANIFEST_INVALID, S_zncLib_BUNDLE_ codes, EEXIST (the image's overlay device exists
+ * already, or another image with the same diff IDs but different layers occupies the name of its
+ * tree or device), EBUSY (the store stayed locked for ten seconds), ENAMETOOLONG, errors of
+ * zncTarExtract and of system calls; 0 for a layer whose archive is damaged.
  */
 ZNC_NODISCARD STATUS zncUnpack(const char* bundlePath, const char* ociPath, const char* tag,
                                unsigned int option, const ZNC_BUNDLE_ATTR* pAttr);
@@ -293,7 +293,7 @@ typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
  * Call `func` while the calling task unpacks: when a layer begins (`done` is 0), while its file is
  * read, and when it is complete (`done` is `total`; immediately if the layer is stored already).
  * NULL removes the callback. Affects only the calling task. `func` is called on that task; it must
- * not unpack, and may change the task error number.
+ * not unpack, and may change errno.
  */
 void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 
@@ -301,11 +301,11 @@ void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 typedef void (*ZNC_DIRECTORY_FUNC)(const char* path, uint32_t mode, void* context);
 
 /*
- * As zncUnpack, and says which directories the layers name: extracting sets the bits up to 0777
- * only, and a caller may want to set others where that is safe. When the bundle is complete `func`
+ * Like zncUnpack; also reports the directories in the layers. Extraction sets only the mode bits in
+ * 0777; a caller may want to set others where that is safe. When the bundle is complete `func`
  * (NULL: as zncUnpack) is called by the calling task, for the bottom layer first and in the order
- * of each archive. What it is told was read in the same pass as what was compared with the layer's
- * digest, also of a layer that is kept already.
+ * of each archive. The reported data was covered by the layer's digest, also for a layer that was
+ * already in the store.
  */
 STATUS zncUnpackDirs(const char* bundlePath, const char* ociPath, const char* tag,
                      unsigned int option, const ZNC_BUNDLE_ATTR* pAttr, ZNC_DIRECTORY_FUNC func,
@@ -317,19 +317,19 @@ ZNC_NODISCARD STATUS zncImageUnpack(const char* bundlePath, const char* ociPath,
 
 /*
  * Remove a bundle directory with all its content. Symbolic links in it are removed, never
- * followed. ERROR (number not set) if the path is NULL or does not exist; ENAMETOOLONG, without
+ * followed. ERROR without errno if the path is NULL or does not exist; ENAMETOOLONG, without
  * removing anything, if it has 1024 or more characters.
  */
 STATUS zncImageBundleDelete(const char* pBundlePath);
 
-/* What creating a container makes of a member of a bundle's "config.json". */
+/* How zncCreate treats a member of a bundle's "config.json". */
 typedef enum zncConfigVerdict {
-    ZNC_CONFIG_REFUSED = 0,    /* it is missing, or not what it must be: create fails */
-    ZNC_CONFIG_MISREAD = 1,    /* it is taken, but not for what it says: a list ends at the element
-                                  before this one, an object stands for a list, or the end of a text
-                                  that is no number is not looked at */
-    ZNC_CONFIG_IGNORED = 2,    /* of another type than it must be: as if it were missing */
-    ZNC_CONFIG_NO_EFFECT = 3,  /* it is read and shown, and changes nothing */
+    ZNC_CONFIG_REFUSED = 0,    /* missing or invalid: zncCreate fails */
+    ZNC_CONFIG_MISREAD = 1,    /* read differently from what it says: a list is cut before this
+                                  element, an object is used as a list, or only the leading number
+                                  of a string is used */
+    ZNC_CONFIG_IGNORED = 2,    /* wrong type: treated as missing */
+    ZNC_CONFIG_NO_EFFECT = 3,  /* read and shown by inspection, no effect */
     ZNC_CONFIG_UNKNOWN = 4,    /* it is not read */
     ZNC_CONFIG_NOT_ALLOWED = 5 /* it gives the container more than the defaults: create fails unless
                                   the daemon allows it */
@@ -348,7 +348,7 @@ typedef enum zncConfigType {
     ZNC_CONFIG_VERSION = 8,       /* a string of 1 to 63 bytes */
     ZNC_CONFIG_PATH = 9,          /* a string that is not empty */
     ZNC_CONFIG_ABSOLUTE_PATH = 10,
-    ZNC_CONFIG_PROGRAM = 11 /* an array of strings; the first is there and not empty */
+    ZNC_CONFIG_PROGRAM = 11 /* an array of strings whose first element is not empty */
 } ZNC_CONFIG_TYPE;
 
 typedef struct zncConfigFinding {
@@ -356,7 +356,7 @@ typedef struct zncConfigFinding {
     const char* path; /* "process.args[0]"; "" for the whole document */
     ZNC_CONFIG_TYPE expected;
     const char* found; /* "nothing", "null", "a string", "a number", "a boolean", "an array" or
-                          "an object"; why, if the platform refuses a member that it reads */
+                          "an object"; the reason, if the platform refused the member */
     const char* value; /* the text of a string, else NULL */
 } ZNC_CONFIG_FINDING;
 
@@ -364,15 +364,15 @@ typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context
 
 /*
  * Read `len` bytes of JSON as zncCreate's daemon reads a bundle's "config.json", and call `func`
- * for each member that is not taken as it stands; for none, and with OK, if the whole document is.
- * Of members whose keys differ in case only, the first is read. Members that the platform reads
+ * for each member that would be refused, misread or ignored. OK without a call if there is none. Of
+ * members whose keys differ in case only, the first is read. Members that the platform reads
  * (users, rights, limits, "linux") are checked by it if nothing else is refused, and only the first
- * that it refuses is reported. What is passed to `func` is borrowed for the call. EINVAL (NULL, or
- * no JSON) or ENOMEM; `func` may have been called then.
+ * that it refuses is reported. What is passed to `func` is valid only during the call. Errors:
+ * EINVAL (NULL, or not JSON), ENOMEM; `func` may have been called then.
  */
 STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
 
-/* The kinds of things in a storage base. */
+/* What zncStoreCollect can remove. */
 typedef enum zncStoreKind {
     ZNC_STORE_LAYER = 0,
     ZNC_STORE_TREE = 1,   /* a flattened tree, current or replaced */
@@ -390,7 +390,7 @@ typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* cont
  * devices: the bundles of all containers and the lower directories of their overlay devices.
  * Bundles in the base are kept only if they are named. `func`, which may be NULL, is called for
  * each thing removed. With ZNC_OPT_DRY_RUN in `option` nothing is removed. If something cannot be
- * removed, continues and returns ERROR with the first number. Removes nothing and fails with EBUSY
+ * removed, continues and returns ERROR with the first errno. Removes nothing and fails with EBUSY
  * during an unpack, and with EBADMSG if a record cannot be read.
  */
 STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
@@ -412,15 +412,15 @@ void zncUtilShowErr(int errCode);
  * in the target are deleted, and the call never returns, because the link itself is not removed.
  * Use zncImageBundleDelete for trees that may contain links. Nor does the call return if a
  * directory below `source` cannot be emptied or removed. ERROR with EINVAL for NULL, otherwise with
- * the number of the failing system call. Failure to remove `source` itself, if it is a directory,
- * is not reported.
+ * the errno of the failing system call. Failure to remove `source` itself, if it is a directory, is
+ * not reported.
  */
 STATUS zncUtilXdelete(const char* source);
 
 /*
  * Print `prompt_info` and read one line from the terminal on standard input, not shown, into
- * `credential` (at most `credential_size` - 1 bytes; the rest stays unread). Echo stays off
- * afterwards. Blocks. ERROR with ENOTTY without a terminal, number unset at end of input.
+ * `credential` (at most `credential_size` - 1 bytes; the rest stays unread). The terminal's echo is
+ * not turned on again. Blocks. ERROR with ENOTTY without a terminal, without errno at end of input.
  */
 ZNC_NODISCARD STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size,
                                              const char* prompt_info);
@@ -447,10 +447,11 @@ ZNC_NODISCARD STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
  * Extract the ustar archive `pTape`, plain or gzip-compressed, into the existing directory
  * `targetDir`, reading `bfactor` blocks of 512 bytes at a time (0: 20). Nothing outside the
  * directory is ever written: ".." is refused (EPERM), absolute names land inside, no member is
- * written through a link or a file (ENOTDIR). Regular files, directories (named with a final "/")
- * and symbolic links are made; other members are skipped. On ERROR what was extracted stays.
- * EINVAL, ENAMETOOLONG, EFBIG (a member of 4 GiB or more), system numbers; unset for a
- * damaged archive. `verbose` is accepted and prints nothing.
+ * written through a symbolic link (ENOTDIR, also if a file is in the place of a directory). Regular
+ * files, directories (named with a final "/") and symbolic links are made; other members are
+ * skipped. On ERROR what was extracted stays. Errors: EINVAL, ENAMETOOLONG, EFBIG (a member of 4
+ * GiB or more), those of system calls; errno is not set for a damaged archive. `verbose` is
+ * accepted and prints nothing.
  */
 ZNC_NODISCARD STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor,
                                    BOOL verbose);
@@ -460,27 +461,27 @@ typedef enum zncLayerFinding {
     /* left out or changed; the rest is extracted */
     ZNC_LAYER_MODE = 0,            /* set-id or sticky bits are not set */
     ZNC_LAYER_OWNER = 1,           /* its owner is not root, and is not set */
-    ZNC_LAYER_WHITEOUT = 2,        /* a mark that deletes something below stays a file */
-    ZNC_LAYER_NOT_MADE = 3,        /* of a type that is not made */
-    ZNC_LAYER_NO_FILE = 4,         /* a file where a directory is: left out */
-    ZNC_LAYER_DATA_AS_MEMBERS = 5, /* not made, and its data is read as members */
+    ZNC_LAYER_WHITEOUT = 2,        /* a whiteout is extracted as an ordinary file */
+    ZNC_LAYER_NOT_MADE = 3,        /* member of a type that is not extracted */
+    ZNC_LAYER_NO_FILE = 4,         /* a file whose name is an existing directory: skipped */
+    ZNC_LAYER_DATA_AS_MEMBERS = 5, /* not extracted, and its data is parsed as members */
     ZNC_LAYER_SIZE_FORM = 6,       /* its size is not in octal digits: taken for 0, and its data
                                       is read as members */
-    ZNC_LAYER_LENGTH = 7,          /* of the archive: no multiple of 512 bytes; ERROR unless the
+    ZNC_LAYER_LENGTH = 7,          /* of the archive: not a multiple of 512; ERROR unless the
                                       end mark has been read before */
     /* extracting ends here with ERROR */
     ZNC_LAYER_COMPRESSION = 16, /* of the archive, whose `member` is the format: not gzip */
     ZNC_LAYER_CHECKSUM = 17,    /* the header is damaged */
     ZNC_LAYER_TOO_LARGE = 18,   /* 4 GiB or more */
     ZNC_LAYER_NAME = 19,        /* ".." in the name */
-    ZNC_LAYER_NO_PARENT = 20,   /* no directory for it */
+    ZNC_LAYER_NO_PARENT = 20,   /* its parent directory is missing */
     ZNC_LAYER_PARENT = 21,      /* a link or a file where its directory should be */
-    ZNC_LAYER_LINK_EXISTS = 22, /* a symbolic link where something is already */
+    ZNC_LAYER_LINK_EXISTS = 22, /* a symbolic link whose name exists already */
     ZNC_LAYER_LINK_EMPTY = 23,  /* a symbolic link without a target */
     ZNC_LAYER_CUT = 24,         /* the archive ends within it */
     ZNC_LAYER_NO_END = 25,      /* of the archive: there is no end mark */
     /* of the archive */
-    ZNC_LAYER_DIGEST = 32, /* not what `digest` names: nothing else that was said of it counts */
+    ZNC_LAYER_DIGEST = 32, /* does not match `digest`: ignore all other findings */
     ZNC_LAYER_DIFF_ID = 33 /* not what `diffId` names, once decompressed */
 } ZNC_LAYER_FINDING;
 
@@ -488,20 +489,20 @@ typedef struct zncLayerReport {
     ZNC_LAYER_FINDING finding;
     const char* member; /* its name in the archive; "" for the archive itself */
     char type;          /* its type in the archive */
-    BOOL directory;     /* it is made a directory, whatever its type */
+    BOOL directory;     /* it would become a directory, whatever its type */
     uint32_t mode;      /* its mode in the archive, with the bits above 0777 */
 } ZNC_LAYER_REPORT;
 
-/* `report` and its text are borrowed for the call. */
+/* `report` and its text are valid only during the call. */
 typedef void (*ZNC_LAYER_FUNC)(const ZNC_LAYER_REPORT* report, void* context);
 
 /*
- * Extract the layer archive `layerFile` as zncUtilUntar does, as root into an empty directory, but
- * make nothing: `func` is called for each thing that is lost or refused, in the order of the
- * archive. The file is read once, and is compared with `digest` as it is and with `diffId` (NULL:
- * not known) as it is decompressed; both are "sha256:" or "sha512:" and digits. The names of the
- * members are kept in memory meanwhile. OK if it would be extracted and is what is said; ERROR with
- * the number that extracting has (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
+ * Perform a dry run: read the layer archive `layerFile` as an extraction by zncUtilUntar, as root
+ * into an empty directory, would, create nothing, and call `func` for each loss or error, in the
+ * order of the archive. The file is read once and compared with `digest`, its decompressed content
+ * with `diffId` (NULL: not known); both are "sha256:" or "sha512:" and digits. The names of the
+ * members are kept in memory meanwhile. OK if it would be extracted and matches; otherwise ERROR
+ * with the errno of the extraction (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
  * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or
  * `func` is NULL; not a regular file), ENOMEM.
  */
@@ -518,7 +519,7 @@ typedef struct gzFile_s* gzFile;
 typedef struct gzArchive GZ_ARCHIVE; /* begins with a TAR_COMPRESS */
 
 /*
- * Read a gzip file of one member. ugzopen returns NULL (number unset) if the file is not gzip;
+ * Read a gzip file of one member. ugzopen returns NULL (without errno) if the file is not gzip;
  * `mode` must not be NULL and is ignored. ugzread reads up to `len` bytes and returns their number,
  * 0 at the end, -1 for NULL arguments or a `len` of 0; it trusts the length in the trailer and does
  * not report damaged data. ugzclose returns 0, or -1 for NULL. One task at a time per file.
@@ -537,14 +538,14 @@ typedef enum zncBasePathType {
     ZNC_LAYER_PATH = 0,      /* <base>/layers */
     ZNC_FLATTENED_PATH = 1,  /* <base>/flattened/ */
     ZNC_CONTAINERS_PATH = 2, /* <base>/containers/ */
-    ZNC_VFSDEV_PATH = 3      /* not served */
+    ZNC_VFSDEV_PATH = 3      /* not supported */
 } zncBasePathType;
 
 /*
  * Write the directory of a storage area into `path` and create it. The base is the environment
  * variable ZNC_BASE if it is an absolute path, else "/ram0/znc". Returns the length of the text, or
  * 0 with ENOTSUP (no such area), ENAMETOOLONG, EPERM (another user owns a directory of the path or
- * can write to it) or mkdir's number.
+ * can write to it) or an error of mkdir().
  */
 ZNC_NODISCARD size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 
@@ -553,13 +554,13 @@ BOOL zncOvlFsAvailable(void);
 
 /*
  * Create the overlay device `pDevName` over directories, the first on top and, with `hasUpper`,
- * writable; needs the right to mount. ERROR with EEXIST if the device exists, or the system's
- * number.
+ * writable; needs the right to mount. ERROR with EEXIST if the device exists, or the errno of a
+ * system call.
  */
 ZNC_NODISCARD STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath,
                                            uint32_t dirNum, BOOL hasUpper);
 
-/* Detach an overlay device. ERROR with the system's number. */
+/* Detach an overlay device. ERROR with the errno of the system call. */
 STATUS zncRemoveOvlRootfsDev(const char* pDevName);
 
 /* ------------------------------------------------------------------ bundle configuration */
@@ -607,9 +608,8 @@ typedef struct runtimeSpecConfigRoot {
 } runtimeSpecConfigRoot;
 
 /*
- * How the program is to be run, from the member "zarnel"."rtp". Each value stands there as text
- * (decimal, 0x... or 0...); what is not text leaves the default. Nothing is checked here: the spawn
- * refuses what it cannot take.
+ * Settings of the process, from the member "zarnel"."rtp". Each value is a string (decimal, 0x...
+ * or 0...); other types leave the default. The values are checked when the program is started.
  */
 typedef struct runtimeSpecConfigZarnel {
     int32_t option;   /* "rtpOptions", default 0: process options, no meaning on Linux */
@@ -649,25 +649,25 @@ typedef struct runtimeSpecConfig {
 } runtimeSpecConfig;
 
 /*
- * Read the file `path`. NULL with the system's number if it is missing (ENOENT) or cannot be read,
- * EINVAL if it is not JSON, ENOMEM; without "process" or its "args" the number is not set. The
- * caller destroys the record and with it all that it points to; destroying NULL does nothing. One
- * task at a time per record.
+ * Read the file `path`. NULL with errno set if it is missing (ENOENT) or cannot be read, EINVAL if
+ * it is not JSON, ENOMEM; without "process" or its "args" errno is not set. The caller destroys the
+ * record and with it all that it points to; destroying NULL does nothing. One task at a time per
+ * record.
  */
 ZNC_NODISCARD runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
 void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
 
 /* ------------------------------------------------------------------ the daemon's side
  *
- * For the process that embeds the daemon. The registry belongs to the daemon task; other
- * tasks of the same process may call it too, but a container whose process handle was stored
- * stays locked by the daemon task and looks absent to them (ENODEV).
+ * For the process that embeds the daemon. The registry belongs to the daemon's task; other tasks of
+ * the same process may call it too, but a container whose process handle was stored stays locked by
+ * the daemon task and looks absent to them (ENODEV).
  */
 
 /*
- * Serve requests on "/znc" until receiving fails; the caller runs it on a task of its own and, to
- * end it, uses the platform's stop request. Always returns ERROR: EEXIST when a daemon's queue
- * exists already.
+ * Serve requests on "/znc" until receiving fails; the caller runs it on a task of its own and ends
+ * it with the platform's stop descriptor (znTaskStopFdSet; not available to users of the public
+ * headers). Always returns ERROR: EEXIST when a daemon's queue exists already.
  */
 STATUS zncDaemonTask(void);
 
@@ -694,18 +694,19 @@ typedef struct containerStartParm {
     nsid_t nsId;        /* where to spawn it */
     const char* cwd;    /* its working directory, an absolute path inside the root */
     int16_t posixFlags; /* spawn flags, always 0x180; no meaning on Linux */
-    char** arg;         /* its arguments, the first is its name; NULL behind the last */
-    int32_t argNum;     /* without that NULL */
-    char** env;         /* "NAME=value", NULL behind the last; NULL itself: an empty environment */
-    int32_t envNum;     /* without that NULL */
+    char** arg;         /* its arguments, the first is its name; NULL-terminated */
+    int32_t argNum;     /* not counting the NULL */
+    char** env;         /* "NAME=value", NULL-terminated; NULL itself: an empty environment */
+    int32_t envNum;     /* not counting the NULL */
 } CONTAINER_START_PARM;
 
-/* Make the registry: once, before all that follows; again is OK. ERROR with ENOMEM. */
+/* Initialise the registry. Call before the functions below; further calls have no effect. ERROR
+ * with ENOMEM. */
 STATUS zncContainerInit(void);
 
 /*
- * What zncCreate, zncKill, zncDelete ask for, with the same numbers. They make and undo mounts,
- * namespaces and files, and return when that is done.
+ * Carry out the requests of zncCreate, zncKill and zncDelete, with the same errors. They return
+ * when all mounts, namespaces and files have been created or removed.
  */
 ZNC_NODISCARD STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
                                         unsigned int option, ZNC_ATTR* pAttr);
@@ -713,20 +714,20 @@ STATUS zncContainerKill(const char* containerId, int signo, unsigned int option)
 STATUS zncContainerDelete(const char* containerId, unsigned int option);
 
 /*
- * Mark a created container as running and say in `param` how to spawn its process. On ERROR `param`
- * is as it was: EINVAL (NULL), ENODEV, EBUSY (not in STATE_CREATED).
+ * Mark a created container as running and fill `param` with the parameters for spawning its
+ * process. On ERROR `param` is unchanged: EINVAL (NULL), ENODEV, EBUSY (not in STATE_CREATED).
  */
 ZNC_NODISCARD STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param);
 
 /*
  * Record the spawned process. On OK the calling task intentionally keeps the container locked (the
- * lock is recursive). EINVAL, ENODEV.
+ * lock is recursive). Errors: EINVAL, ENODEV.
  */
 STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle);
 
 /*
  * Copy the state out. One that is marked running and whose processes have all ended becomes
- * STATE_STOPPED first. On ERROR `pState` is as it was: EINVAL, ENODEV.
+ * STATE_STOPPED first. On ERROR `pState` is unchanged: EINVAL, ENODEV.
  */
 ZNC_NODISCARD STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
 

@@ -20,7 +20,7 @@ extern "C" {
 #endif
 
 #ifdef __GNUC__
-/* What is declared here is what the shared library shows. */
+/* The declarations below are the symbols that the shared library exports. */
 #pragma GCC visibility push(default)
 #endif
 
@@ -89,15 +89,16 @@ ZNC_NODISCARD ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
 /*
  * Fill a table from an object: entries whose key (any case) is missing keep their value. Text
  * points into the tree; vectors of STRING_ARRAYs are malloc'd and freed by zncParamObjDestroy.
- * ERROR with EINVAL (NULL, no entries) or ENOMEM, or with no number for a value that is not text;
- * the table's vectors are then already freed and must not be used.
+ * ERROR with EINVAL (NULL, no entries) or ENOMEM, or without errno if a value that must be a string
+ * is not; string arrays in the table have then been freed and must not be used.
  */
 STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count);
 
 /* Free the vectors that zncParamObjGet made. EINVAL for NULL or no entries. */
 STATUS zncParamObjDestroy(zncParam* param, unsigned int count);
 
-/* The value of the first entry whose name begins with `name`; 0 if there is none. */
+/* The value of the first entry whose name begins with `name` (a prefix match, kept for
+ * compatibility); 0 if there is none. */
 zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
 
 /*
@@ -121,23 +122,23 @@ STATUS zncCallQ(const char* msgQHandle, int cmdId, zncParam* param, int count, c
 STATUS zncCall(int cmdId, zncParam* param, int count, char** ppResp);
 
 /*
- * Take a parsed reply apart: its "errno" and its "body" (borrowed; either target may be NULL).
- * ERROR when "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
+ * Get "errno" and "body" of a parsed reply. `body` points into `root`; `errCode` and `body` may be
+ * NULL. ERROR when "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
  */
 STATUS zncResponseCheck(struct cJSON* root, int* errCode, struct cJSON** body);
 
 /* ------------------------------------------------------------------ replies (daemon task only) */
 
 /*
- * Send a reply to the queue `name`; `body` stays the caller's. ERROR (number not always set) if
- * the queue is gone, there is no body or no memory, the text has 64 KiB, or a piece is not taken
- * within 1 s.
+ * Send a reply to the queue `name`; `body` stays the caller's. ERROR (errno is not always set) if
+ * the queue does not exist, `body` is NULL, memory is exhausted, the reply is 64 KiB or longer, or
+ * the client does not receive a message within 1 s.
  */
 STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
 
 /*
- * Post a progress text (a printf format) to the client being served, if its level is wanted.
- * Never waits.
+ * Send a progress message (a printf format) to the client being served, if the client's verbosity
+ * is at least `lvl`. Never waits.
  */
 void zncSendMsg(uint32_t lvl, char* info, ...) ZNC_PRINTF_LIKE(2, 3);
 
@@ -166,7 +167,7 @@ ZNC_NODISCARD struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
  * chosen. Each section adds its member to `rootJson`.
  */
 typedef struct zncImageIndex OCI_IMAGE;
-STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* roofsPath);
+STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* rootfsPath);
 STATUS zncCreateOciBundleConfigVersion(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigProcess(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncCreateOciBundleConfigRoot(OCI_IMAGE* image, struct cJSON* rootJson,

@@ -42,8 +42,8 @@ inline constexpr std::size_t kGzTrailerLen = 4; // the length field, withheld fr
 // must outlive the result.
 gzFile gz_open(BlobReader& blob);
 
-// Fills the part of the output that the inflater did not produce. A block of these bytes is neither
-// a valid tar header nor the end of an archive.
+// Fill byte for output that the file announces but does not contain. A block of these bytes is
+// neither a valid tar header nor the end of an archive.
 inline constexpr unsigned char kGzNothing = 0xff;
 
 } // namespace znc

@@ -4,8 +4,8 @@
 // Callers: the daemon (zncRuntimeService) through the exported zncContainer functions, and the
 // inspection document, which reaches a container's configuration through its state's `pCtx`. Locks:
 // the list mutex first, then a context's mutex, which is only ever tried while the list is held, so
-// nobody blocks holding the list. Left out: the configuration itself (zncRuntimeSpec), storage
-// paths and overlay devices (zncOverlayLib).
+// no thread waits while it holds the list mutex. Left out: the configuration itself
+// (zncRuntimeSpec), storage paths and overlay devices (zncOverlayLib).
 #ifndef ZNCCONTAINERLIB_HPP
 #define ZNCCONTAINERLIB_HPP
 
@@ -28,7 +28,7 @@ struct SL_LIST {
 };
 
 struct containerCtx {
-    SL_NODE containerNode; // first: a node and its context are the same address
+    SL_NODE containerNode; // first member: the list node has the address of the context
     char appPath[1024];    // the program to start, as a host path under the root filesystem
     SEM_ID sem;            // guards everything below once the context is on the list
     OBJ_HANDLE pidHandle;  // 0 until the client has stored it
@@ -55,8 +55,7 @@ BOOL zncBundlePathValid(const char* bundle);
 STATUS zncContainerListLock();
 STATUS zncContainerListUnlock(); // keeps errno
 
-// The first match, its mutex taken; null when nothing matches, and just so when the match is held
-// by another task.
+// The first match, its mutex taken; null if nothing matches or if another thread holds the match.
 CONTAINER_CTX* zncContainerFindAndLock(const char* matchName, BOOL isBundle);
 CONTAINER_CTX* zncContainerFindAndLockById(const char* containerId);
 CONTAINER_CTX* zncContainerFindAndLockByBundle(const char* bundlePath);

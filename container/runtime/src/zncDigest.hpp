@@ -16,17 +16,17 @@ namespace znc {
 
 inline constexpr std::size_t kDigestTextMax = 256; // characters of a digest that are looked at
 
-// Cuts a digest as an image writes it into its algorithm and its digits, which end at the next
-// colon. Null: it is none of SHA-256 or SHA-512, for which `wide` is set.
+// Splits "ALGORITHM:DIGITS" and returns the digits, up to the next colon. Null unless the algorithm
+// is sha256 or sha512; `*wide` is true for sha512.
 const char* digest_digits(const char* digest, char (&buffer)[kDigestTextMax], bool* wide);
 
-// A digest that is being computed and the one that it is to be.
+// Computes a digest incrementally and compares it with an expected one.
 class RunningDigest {
   public:
     RunningDigest() = default;
 
     // Begins again, for a digest as an image writes it ("sha256:" or "sha512:" and its digits, in
-    // whatever case; characters behind them do not count). False: it is none.
+    // whatever case; characters after them are ignored). False if it is not a valid digest.
     [[nodiscard]] bool start(const char* digest);
     void update(const void* data, std::size_t len) noexcept;
     // Ends the computation: whether everything since start() has the digest.
@@ -48,8 +48,7 @@ class RunningDigest {
 } // namespace znc
 
 // Hash the regular file `fileName` and compare with the first 64 (128) hexadecimal digits of
-// `digest`. ERROR on any difference; the task error number says more only when memory was short
-// (ENOMEM).
+// `digest`. ERROR on any difference; errno says more only when memory was short (ENOMEM).
 STATUS validateSha256(const char* fileName, const char* digest);
 STATUS validateSha512(const char* fileName, const char* digest);
 

@@ -161,7 +161,7 @@ BOOL strHasPrefix(const char* s, const char* p)
     return std::strncmp(s, p, ::strnlen(p, kTextBound)) == 0 ? TRUE : FALSE;
 }
 
-STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* roofsPath)
+STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* rootfsPath)
 {
     if (::access(configFile, F_OK) == 0) {
         errno = S_zncLib_BUNDLE_CONFIG_EXISTS;
@@ -170,7 +170,7 @@ STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const 
     const znc::CJsonPtr root(cJSON_CreateObject());
     if (!root)
         return ERROR;
-    if (build(image, root.get(), roofsPath) &&
+    if (build(image, root.get(), rootfsPath) &&
         cJSON_dump_to_file(root.get(), configFile, kConfigMode) >= 0)
         return OK;
     errno = S_zncLib_BUNDLE_CONFIG_PARAM_INVALID;

@@ -28,7 +28,7 @@ STATUS reject(int code)
     return errno == ENOMEM ? ERROR : fail(code);
 }
 
-// Runs a check with a task error number that only the check itself can have set.
+// Runs a check with an errno that only the check itself can have set.
 template <class Check> bool passes(Check check)
 {
     errno = 0;
@@ -61,7 +61,7 @@ class Document {
         return text_.bytes &&
                znc::has_digest(text_.bytes.get(), text_.len, cJSON_GetStringValue(digest));
     }
-    // Null with the task error number set when it is no document.
+    // Null with errno set when it is no document.
     [[nodiscard]] cJSON* parse() const
     {
         errno = EINVAL;
@@ -247,8 +247,8 @@ class LayerDigests {
     STATUS extracted(std::size_t index)
     {
         const auto count = static_cast<std::uint32_t>(manifest_.manifestLayersCount);
-        znc::LayerProgress progress(manifest_.manifestLayers[index].layerFileName, ahead_->told(),
-                                    count);
+        znc::LayerProgress progress(manifest_.manifestLayers[index].layerFileName,
+                                    ahead_->reported(), count);
         const STATUS status = work_.result(index, report);
         if (status == OK && ahead_->was_extracted(index)) {
             progress.complete();

@@ -168,7 +168,7 @@ class StoreJobs {
 std::uint32_t extract_all(StoreJobs& jobs, znc::WorkAhead& work, znc::StoreAhead* ahead,
                           std::uint32_t count, STATUS* status)
 {
-    std::uint32_t told = ahead != nullptr ? ahead->told() : 0;
+    std::uint32_t told = ahead != nullptr ? ahead->reported() : 0;
     std::uint32_t k = 0;
     for (*status = OK; k < count; ++k) {
         if (ahead != nullptr && ahead->was_reported(jobs.index(k))) {
@@ -241,7 +241,7 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     znc::StoreAhead* ahead = image->store != nullptr ? &image->store->ahead : nullptr;
     const std::string_view area(store.get(), pathLen);
     if (ahead != nullptr)
-        ahead->reached();
+        ahead->keep_directories();
     if (ahead != nullptr && !ahead->is_for(*manifest))
         ahead = nullptr;
     if (lock.take(znc::store_base(area)) != OK || znMkdirParents(store.get(), 0700) != OK)

@@ -1,5 +1,5 @@
-// zncReadAhead.hpp - reads an archive on another processor, ahead of whoever makes files of it: it
-// is hashed and inflated there. Used for the layers of images.
+// zncReadAhead.hpp - reads, hashes and decompresses an archive in a second thread, while the first
+// one creates the files. Used for the layers of images.
 #ifndef ZNCREADAHEAD_HPP
 #define ZNCREADAHEAD_HPP
 
@@ -25,12 +25,12 @@ class ReadAhead {
     ReadAhead& operator=(const ReadAhead&) = delete;
     ~ReadAhead() { stop(); }
 
-    // `source` is the task's from now on, until stop(). False: there is no processor, memory or
-    // task for it, and nothing has happened.
+    // Until stop() only the helper thread may use `source`. False, without effect, if there is no
+    // second processor, memory or thread.
     [[nodiscard]] bool start(Read read, void* source) noexcept;
-    // The same bytes, with the same end or error; once it was started.
+    // Call after start(): a stream with the same bytes, end and error.
     [[nodiscard]] TAR_COMPRESS* source() noexcept { return &stream_.tc; }
-    // Ends the task, which may have read on by then. Keeps the task error number.
+    // Ends the task, which may have read on by then. Keeps errno.
     void stop() noexcept;
 
   private:
@@ -40,7 +40,7 @@ class ReadAhead {
         int error = 0;
     };
     struct Stream {
-        TAR_COMPRESS tc; // first: what its read is called with
+        TAR_COMPRESS tc; // first member: read() is called with a pointer to it
         ReadAhead* self;
     };
 
@@ -55,13 +55,13 @@ class ReadAhead {
     Stream stream_ = {{read_stream}, this};
     Read read_ = nullptr;
     void* from_ = nullptr;
-    MallocPtr<char[]> memory_; // of all slots; null: no task
+    MallocPtr<char[]> memory_; // memory of all slots; null: no helper thread
     std::array<Slot, kSlots> slots_ = {};
     std::size_t filled_ = 0; // slots, since the start
     std::size_t emptied_ = 0;
     std::size_t taken_ = 0; // bytes of the slot that is being emptied
     bool stop_ = false;
-    std::atomic<std::uint64_t> position_ = 0; // in the file, for who listens
+    std::atomic<std::uint64_t> position_ = 0; // offset in the file, for progress reports
     pthread_t task_ = {};
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t changed_ = PTHREAD_COND_INITIALIZER;

@@ -3,7 +3,7 @@
 // Called by zncContainerLib through zncInitializeRuntimeSpec and zncDestroyRuntimeSpec; the rest is
 // declared here for unit tests. Every reader takes the section's JSON item (null: absent) and
 // returns a record that its destroyer frees, or null. All text points into the JSON tree. Left
-// out: whether the values make sense, which the container registry judges.
+// out: validation of the values, done by the container registry.
 #ifndef ZNCRUNTIMESPEC_HPP
 #define ZNCRUNTIMESPEC_HPP
 

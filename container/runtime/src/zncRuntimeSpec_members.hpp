@@ -97,7 +97,7 @@ inline constexpr SpecMember kDocumentMembers[] = {
     {"linux", ZNC_CONFIG_ANY, Need::kPlatform},
 };
 
-// What create says about texts; null is none.
+// The checks of strings that creating a container makes. Null is invalid.
 inline bool is_spec_path(const char* text)
 {
     return text != nullptr && text[0] != '\0';

@@ -18,7 +18,7 @@ StoreAhead::~StoreAhead()
 {
     const ErrnoSaver keep;
     layers_.reset();
-    if (manifest_ != nullptr && !reached_) {
+    if (manifest_ != nullptr && !keep_directories_) {
         lock_.release();
         remove_store();
     }

@@ -65,13 +65,14 @@ class StoreAhead {
     // several threads at once, for different layers. The key is the index in the manifest, not the
     // digest: several layers may have the same archive.
     bool take(std::size_t index, LayerStage* stage) noexcept;
-    // The unpack starts to use the store: the destructor no longer removes the directories created.
-    void reached() noexcept { reached_ = true; }
+    // To be called when the unpack starts to use the store; then the destructor no longer removes
+    // the created directories.
+    void keep_directories() noexcept { keep_directories_ = true; }
 
     // The number of layers reported to the progress callback as complete, and whether a given layer
     // is one of them.
-    [[nodiscard]] std::uint32_t told() const noexcept { return told_; }
-    void tell_one() noexcept { told_++; }
+    [[nodiscard]] std::uint32_t reported() const noexcept { return reported_; }
+    void tell_one() noexcept { reported_++; }
     [[nodiscard]] bool was_reported(std::size_t index) const noexcept;
 
   private:
@@ -94,8 +95,8 @@ class StoreAhead {
     PathText store_; // the directory of the layers
     std::size_t storeLen_ = 0;
     std::size_t existingLen_ = 0; // length of the part of its path that existed before
-    bool reached_ = false;
-    std::uint32_t told_ = 0;
+    bool keep_directories_ = false;
+    std::uint32_t reported_ = 0;
     const ZNC_IMAGE_MANIFEST* manifest_ = nullptr; // null: prepare() did not select any
     std::size_t count_ = 0;
     std::unique_ptr<Layer[]> layers_;

@@ -1,6 +1,6 @@
-// zncWorkAhead.hpp - independent jobs on all processors, with the results of doing them one after
-// the other: digests of a manifest's layers, layers of the store. On two processors an image of
-// eight layers is unpacked in a little over half the time.
+// zncWorkAhead.hpp - runs independent jobs on all processors, with the same results as a sequential
+// run: digests of a manifest's layers, layers of the store. On two processors an image of eight
+// layers is unpacked in a little over half the time.
 #ifndef ZNCWORKAHEAD_HPP
 #define ZNCWORKAHEAD_HPP
 
@@ -27,35 +27,34 @@ class MutexHold {
     pthread_mutex_t& mutex_;
 };
 
-// Starts a helper task, which the application's signals are not for: it starts, and stays, with all
-// of them blocked. Its stack is small. False: there is none.
+// Starts a helper thread with all signals blocked and a small stack. False on failure.
 bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept;
 
-// A row of jobs. Whoever made it asks for the results in order and does himself what nobody has
-// begun; helper tasks do what comes next meanwhile. A later job may thus have been done although an
-// earlier one failed: only jobs that do no harm then belong here. Without memory or processors for
-// helpers everything happens in result().
+// A sequence of jobs. The caller asks for the results in order and executes jobs that no helper
+// thread has started; helpers take the next ones. A later job may therefore run although an earlier
+// one failed, so jobs must be harmless in that case. Without memory or processors for helpers
+// everything happens in result().
 class WorkAhead {
   public:
     // `job` runs on several tasks at once, for different indices.
     using Job = STATUS (*)(void* context, std::size_t index);
     WorkAhead(Job job, void* context, std::size_t count) noexcept;
-    ~WorkAhead(); // waits for the jobs that were begun; keeps the task error number
+    ~WorkAhead(); // waits for the jobs that were begun; keeps errno
     WorkAhead(const WorkAhead&) = delete;
     WorkAhead& operator=(const WorkAhead&) = delete;
 
-    // Leave a job alone; before start().
+    // Excludes a job from the helpers; call before start().
     void exclude(std::size_t index) noexcept;
     void start() noexcept;
-    // The same with as many helpers as are asked for: the caller has something else to do.
+    // Like start(), with the given number of helpers, for a caller that does other work.
     void start_helpers(std::size_t wanted) noexcept;
 
     static constexpr std::size_t kHelpersMax = 3;
     // How many processors there are besides those that `busy` tasks are on.
     static std::size_t processors_beside(std::size_t busy) noexcept;
 
-    // The result of a job, with its task error number when it failed. While another task is at it,
-    // `meanwhile` is called from time to time.
+    // The result of a job, with its errno when it failed. While another task is at it, `meanwhile`
+    // is called from time to time.
     using Meanwhile = void (*)(void* context, std::size_t index);
     STATUS result(std::size_t index, Meanwhile meanwhile = nullptr) noexcept;
 
@@ -76,8 +75,8 @@ class WorkAhead {
     void* context_;
     UnpackCounts* counts_;
     std::size_t count_;
-    std::size_t open_;        // from here on none is open
-    MallocPtr<Slot[]> slots_; // null: nobody helps
+    std::size_t open_;        // index after the last open job
+    MallocPtr<Slot[]> slots_; // null: no helpers
     bool stop_ = false;
     pthread_t helpers_[kHelpersMax] = {};
     std::size_t helperCount_ = 0;
