@@ -1,4 +1,4 @@
-// seccomp.cpp - compiles the system call filter of a configuration.
+// seccomp.cpp - compiles the seccomp filter of a configuration.
 //
 // Rules without conditions are passed to libseccomp; those with conditions are compiled here
 // (seccomp_conditions.hpp) and tested first. A profile has the same effect as with runc and crun,
@@ -26,7 +26,6 @@
 namespace zn {
 namespace {
 
-constexpr std::uint32_t kErrnoMax = 4094; // libseccomp refuses larger ones
 constexpr std::uint32_t kTraceMax = 0xffff;
 
 // Where something is in the profile, for reports.
@@ -71,7 +70,7 @@ int refuse_for(SettingsFault& fault, const Place& place, int error)
 bool is_valid(const SeccompAnswer& answer)
 {
     if (answer.action == SeccompAction::kErrno)
-        return answer.number <= kErrnoMax;
+        return answer.number <= kSeccompErrnoMax;
     return answer.action != SeccompAction::kTrace || answer.number <= kTraceMax;
 }
 

@@ -1,7 +1,7 @@
 // settings.hpp - what a configuration document says about a container beyond its root, mounts and
 // program: users, rights, namespaces, limits, filters. Written by the reader (settings_reader.hpp);
-// used by the namespace service, the control groups and the system call filter. Says nothing about
-// what is permitted: that is settings_policy.hpp.
+// used by the namespace service, the control groups and the seccomp filter. What is permitted is
+// decided in settings_policy.hpp.
 //
 // A member that the document does not mention has the value given here, or `given` is false.
 #ifndef ZN_SETTINGS_HPP
@@ -131,7 +131,7 @@ struct Resources {
     List<ControlFile> unified;
 };
 
-// ---------------------------------------------------------------- system call filter
+// ---------------------------------------------------------------- seccomp filter
 
 enum class SeccompAction : unsigned {
     kKillProcess,
@@ -142,6 +142,8 @@ enum class SeccompAction : unsigned {
     kAllow,
     kLog,
 };
+
+inline constexpr std::uint32_t kSeccompErrnoMax = 4094; // libseccomp refuses larger ones
 
 struct SeccompAnswer {
     SeccompAction action = SeccompAction::kErrno;

@@ -1,5 +1,5 @@
-// settings_json.hpp - typed access to a JSON document: each value is read together with its place,
-// which is what a refusal names. An object is described by a table of its members. Used by the
+// settings_json.hpp - typed access to a JSON document: each value is read together with its path,
+// which error messages contain. An object is described by a table of its members. Used by the
 // readers of the sections.
 //
 // All functions that return bool return false once something was refused; the first refusal counts.
@@ -110,8 +110,8 @@ template <class Read> bool read_members(JsonReader& reader, const Node& at, Read
 enum class Presence { kOptional, kRequired };
 // kAnyCase is for names that the library reads, too: it ignores their case.
 enum class Spelling { kExact, kAnyCase };
-// What happens to other members. A known name in another case is never ignored: its author meant
-// it.
+// What happens to other members. A known name in another case is always refused: it is probably a
+// mistake.
 enum class Others { kRefused, kIgnored };
 
 // A member of an object that is read into a T.
@@ -267,7 +267,7 @@ template <class T> bool read_ignored(JsonReader& /*reader*/, const Node& /*at*/,
     return true;
 }
 
-// A member that cannot be honoured. Empty values ask for nothing.
+// A member that is not supported. Empty values ask for nothing.
 template <class T> bool read_unsupported(JsonReader& reader, const Node& at, T& /*to*/)
 {
     return is_empty(at.value) || reader.unsupported(at);

@@ -1,5 +1,5 @@
 // settings_linux.cpp - reads the section "linux", except for resources, kernel parameters and the
-// system call filter.
+// seccomp filter.
 #include "settings_sections.hpp"
 
 #include <sys/mount.h>

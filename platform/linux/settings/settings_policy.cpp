@@ -95,7 +95,7 @@ bool priorities_within(const Settings& settings, SettingsFault& fault)
             return exceeds_at(fault, "process.rlimits", i, "permits negative nice values");
         if (rlimit.resource == RLIMIT_MSGQUEUE && rlimit.hard > kQueueMemory)
             return exceeds_at(fault, "process.rlimits", i,
-                              "permits more than half of queue memory");
+                              "permits more than half of the POSIX message queue memory");
     }
     return true;
 }
@@ -136,7 +136,7 @@ bool filter_within(const Settings& settings, SettingsFault& fault)
     if (action == SeccompAction::kAllow || action == SeccompAction::kLog)
         return exceeds(fault, "linux.seccomp.defaultAction",
                        "allows all system calls that no rule refuses");
-    // A program of the container may be the tracer.
+    // SCMP_ACT_TRACE: the tracer may be a program in the container and allow everything.
     return action != SeccompAction::kTrace ||
            exceeds(fault, "linux.seccomp.defaultAction", "lets a tracer allow all system calls");
 }
@@ -163,7 +163,8 @@ bool propagation_within(const Settings& settings, SettingsFault& fault)
     const std::uint64_t kind =
         settings.rootPropagation.value_or(MS_PRIVATE) & ~std::uint64_t{MS_REC};
     return kind == MS_PRIVATE || kind == MS_UNBINDABLE ||
-           exceeds(fault, "linux.rootfsPropagation", "exchanges mounts with the host");
+           exceeds(fault, "linux.rootfsPropagation",
+                   "propagates mounts between container and host");
 }
 
 } // namespace

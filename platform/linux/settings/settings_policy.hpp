@@ -1,5 +1,5 @@
 // settings_policy.hpp - which settings give a container more than it has by default, and therefore
-// need the administrator's consent. Called by the namespace service.
+// need znnsPrivilegedAllow. Called by the namespace service.
 #ifndef ZN_SETTINGS_POLICY_HPP
 #define ZN_SETTINGS_POLICY_HPP
 

@@ -4,12 +4,12 @@
 // not looked at here.
 //
 // Every member named in settings.hpp is checked by type and range. Members of "linux" and "process"
-// that restrict or grant something and cannot be honoured are refused by name. Those that the
-// standard does not know are ignored, as it demands, but not inside the objects that are read here,
-// whose meaning they could change. A name that
-// occurs twice in an object that is read here, also in another case, is refused. Names are compared
-// exactly, except for those that the library reads as well ("process", "root" and some of their
-// members), whose case it ignores. A member that is null counts as absent.
+// that restrict or grant something and are not supported are refused with an error that names them.
+// Those that the standard does not know are ignored, as it demands, but not inside the objects that
+// are read here, whose meaning they could change. A name that occurs twice in an object that is
+// read here, also in another case, is refused. Names are compared exactly, except for those that
+// the library reads as well ("process", "root" and some of their members), whose case it ignores. A
+// member that is null counts as absent.
 //
 // Numbers beyond 2^53 could have been rounded by the parser. They are accepted only for limits:
 // anything from 2^63 means unlimited.
@@ -31,8 +31,8 @@ struct SettingsFault {
 
 // Reads `document` into `settings`, which are replaced, or stay as they are after an error. 0, or
 // an error number with `fault` set: EINVAL (not JSON, longer than 4 MiB, wrong type or range,
-// contradiction), ENOTSUP (known, but cannot be honoured here), ENOMEM. What is accepted may still
-// be impossible on this machine: the users of the settings check that.
+// contradiction), ENOTSUP (known, but not supported), ENOMEM. What is accepted may still be
+// impossible on this machine: the users of the settings check that.
 int settings_read(std::string_view document, Settings& settings, SettingsFault& fault);
 
 // Whether documents may name this capability ("CAP_KILL").

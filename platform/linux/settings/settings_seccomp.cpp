@@ -5,7 +5,6 @@
 namespace zn {
 namespace {
 
-constexpr std::int64_t kErrnoMax = 4095;  // the kernel lowers larger numbers to this one
 constexpr std::int64_t kDataMax = 0xffff; // SECCOMP_RET_DATA
 constexpr char kNotify[] = "SCMP_ACT_NOTIFY";
 
@@ -54,13 +53,14 @@ bool check_number(JsonReader& reader, const Node& object, const char* name,
     if (at.value == nullptr)
         return true;
     if (answer.action == SeccompAction::kErrno)
-        return answer.number <= kErrnoMax ||
-               reader.refuse(at, "not a whole number from 0 to %d", static_cast<int>(kErrnoMax));
+        return answer.number <= kSeccompErrnoMax ||
+               reader.refuse(at, "not a whole number from 0 to %d",
+                             static_cast<int>(kSeccompErrnoMax));
     return answer.action == SeccompAction::kTrace ||
            reader.refuse(at, "the action has no error number");
 }
 
-// Names that begin as those of one kind do.
+// Reads a name that begins with `prefix` ("SCMP_ARCH_", "SECCOMP_FILTER_FLAG_").
 template <std::size_t kSize>
 bool read_prefixed(JsonReader& reader, const Node& at, Text& text, const char (&prefix)[kSize],
                    const char* what)

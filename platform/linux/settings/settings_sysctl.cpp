@@ -13,8 +13,10 @@ constexpr std::string_view kIpcKeys[] = {
     "kernel.shmall", "kernel.shmmax", "kernel.shmmni", "kernel.shm_rmid_forced",
     "kernel.msgmax", "kernel.msgmnb", "kernel.msgmni", "kernel.sem",
 };
-// They belong to the UTS namespace, but the host name is always the id of the container.
-constexpr std::string_view kNameKeys[] = {"kernel.hostname", "kernel.domainname"};
+// They belong to the UTS namespace, but are set by the member "hostname" (and "domainname" with
+// zncrun).
+constexpr std::string_view kHostName = "kernel.hostname";
+constexpr std::string_view kNameKeys[] = {kHostName, "kernel.domainname"};
 constexpr std::string_view kQueuePrefix = "fs.mqueue.";
 constexpr std::string_view kNetworkPrefix = "net.";
 
@@ -98,7 +100,9 @@ bool read_sysctl(JsonReader& reader, const Node& at, Settings& settings)
         if (!read_key(reader, node, sysctl.key) || !reader.required_text(node, sysctl.value))
             return false;
         if (contains(kNameKeys, sysctl.key.get()))
-            return reader.unsupported(node, "is not supported: the name is the container's id");
+            return reader.unsupported(node, sysctl.key.get() == kHostName
+                                                ? "is not supported: use \"hostname\""
+                                                : "is not supported");
         if (!owner_of(sysctl.key.get()))
             return reader.refuse(node, "belongs to the host");
         for (const Sysctl& other : settings.sysctl)

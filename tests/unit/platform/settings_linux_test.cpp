@@ -1,4 +1,4 @@
-// "linux", except for resources and the system call filter.
+// "linux", except for resources and the seccomp filter.
 #include "settings_reading.hpp"
 
 #include <sys/mount.h>
@@ -303,9 +303,9 @@ constexpr Refusal kSysctls[] = {
     {"OnlyThePrefix", "linux", R"("sysctl":{"net":"1"})", EINVAL, "linux.sysctl.net", kHosts},
     {"Directory", "linux", R"("sysctl":{"net.":"1"})", EINVAL, "linux.sysctl.net.", kNoKey},
     {"HostName", "linux", R"("sysctl":{"kernel.hostname":"x"})", ENOTSUP,
-     "linux.sysctl.kernel.hostname", "is not supported: the name is the container's id"},
+     "linux.sysctl.kernel.hostname", "is not supported: use \"hostname\""},
     {"DomainName", "linux", R"("sysctl":{"kernel/domainname":"x"})", ENOTSUP,
-     "linux.sysctl.kernel/domainname", "is not supported: the name is the container's id"},
+     "linux.sysctl.kernel/domainname", "is not supported"},
     {"ParentWithSlashes", "linux", R"("sysctl":{"net/../kernel/core_pattern":"x"})", EINVAL,
      "linux.sysctl.net/../kernel/core_pattern", kNoKey},
     {"ParentWithDots", "linux", R"("sysctl":{"net.//.kernel.core_pattern":"x"})", EINVAL,

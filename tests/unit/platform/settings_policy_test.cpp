@@ -114,7 +114,7 @@ constexpr Case kCases[] = {
      R"("rlimits":[{"type":"RLIMIT_MSGQUEUE","soft":0,"hard":409600}])", nullptr, nullptr},
     {"MostQueueMemory", "process",
      R"("rlimits":[{"type":"RLIMIT_MSGQUEUE","soft":0,"hard":409601}])", "process.rlimits[0]",
-     "permits more than half of queue memory"},
+     "permits more than half of the POSIX message queue memory"},
     {"NiceLimit", "process", R"("rlimits":[{"type":"RLIMIT_NICE","soft":0,"hard":21}])",
      "process.rlimits[0]", "permits negative nice values"},
 
@@ -170,9 +170,9 @@ constexpr Case kCases[] = {
     {"PrivateRoot", "linux", R"("rootfsPropagation":"rprivate")", nullptr, nullptr},
     {"UnbindableRoot", "linux", R"("rootfsPropagation":"unbindable")", nullptr, nullptr},
     {"SharedRoot", "linux", R"("rootfsPropagation":"shared")", "linux.rootfsPropagation",
-     "exchanges mounts with the host"},
+     "propagates mounts between container and host"},
     {"SlaveRoot", "linux", R"("rootfsPropagation":"rslave")", "linux.rootfsPropagation",
-     "exchanges mounts with the host"},
+     "propagates mounts between container and host"},
 };
 std::string name_of_case(const ::testing::TestParamInfo<Case>& info)
 {
