@@ -76,7 +76,8 @@ void set_capabilities(const Capabilities& wanted, wire::Confinement& rules)
     rules.permitted = wanted.permitted;
     rules.effective = wanted.effective;
     rules.inheritable = wanted.inheritable;
-    // The kernel refuses others, which documents contain nevertheless.
+    // The kernel refuses ambient capabilities that are not permitted and inheritable;
+    // configurations contain them nevertheless.
     rules.ambient = wanted.ambient & wanted.permitted & wanted.inheritable;
 }
 

@@ -134,7 +134,7 @@ bool Keeper::launch(int mounts, unsigned long namespaces)
     std::memcpy(name, wire::kKeeperName, sizeof name);
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
-    // No exit signal: the owner's program need not know about keepers.
+    // No exit signal, so that the embedding program gets no SIGCHLD for keepers.
     const unsigned long flags = mounts < 0 ? namespaces | CLONE_NEWNS : namespaces;
     const int below = std::max({file, ReservedDescriptor::number(), mounts}) + 1;
     pid_ = launch_helper({file, flags, fds, wire::kKeeperSocket + 1, argv, envp, mounts, below},

@@ -94,8 +94,8 @@ int mount_plan_make(const char* type, const char* const* options, bool sourceExi
                     MountPlan& plan)
 {
     plan.bind = type != nullptr && std::strcmp(type, "bind") == 0;
-    // A clone of a shared mount would be its peer: mounts made below it in the container would
-    // appear on the host.
+    // A clone of a shared mount would be in the same peer group: mounts made below it in the
+    // container would appear on the host.
     plan.propagation = MS_PRIVATE;
     bool dev = false;
     bool suid = false;

@@ -27,8 +27,8 @@ constexpr int kNetworkFd = 3; // ZNNS_NET_NAMESPACE
 constexpr int kReadyFd = 4;   // ZNNS_NET_READY
 constexpr int kCapabilities[] = {CAP_NET_BIND_SERVICE, CAP_NET_ADMIN, CAP_SYS_ADMIN};
 
-// The device may be closed to users other than root. In a mount namespace of its own the program
-// gets a device node that it may open. Where none can be made, the host's may do.
+// /dev/net/tun may be accessible to root only. So the program gets a mount namespace with a device
+// node that it may open; if that cannot be created, the host's is tried.
 bool show_tun()
 {
     struct stat st;
@@ -77,7 +77,7 @@ bool become_user()
            ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
 }
 
-// The two may stand in each other's place: move them out of the way first.
+// The descriptors may have each other's target numbers: duplicate both to other numbers first.
 bool place_descriptors(int network, int ready)
 {
     const int from_network = ::fcntl(network, F_DUPFD, kReadyFd + 1);

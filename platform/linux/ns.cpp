@@ -130,7 +130,7 @@ void tell_fault(const SettingsFault& fault, char* reason, std::size_t size)
         std::snprintf(reason, size, "%s: %s", fault.field, fault.reason);
 }
 
-// Tells the listener as well.
+// Also calls the refusal listener.
 void tell_refusal(const char* name, const SettingsFault& fault, char* reason, std::size_t size)
 {
     tell_fault(fault, reason, size);
@@ -149,7 +149,7 @@ STATUS result(int error)
     return ERROR;
 }
 
-// If the keeper is dead (ESRCH), the operation is already undone.
+// If the keeper is dead (ESRCH), its mounts no longer exist: success.
 STATUS undo_result(int error)
 {
     return result(error == ESRCH ? 0 : error);
@@ -208,8 +208,8 @@ bool group_taken(const char* path)
     return overlaps(g_dying);
 }
 
-// The users of containers, by default: beyond those that distributions give to the host's users,
-// within those that they leave to containers.
+// First host id for containers (--userns): above the subordinate ids that distributions assign to
+// users.
 constexpr std::uint32_t kFirstUser = 0x30000000;
 constexpr std::uint32_t kUsersEach = 0x10000;
 constexpr std::uint32_t kUserRanges = 0x4000;

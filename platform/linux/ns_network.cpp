@@ -1,5 +1,5 @@
-// ns_network.cpp - starts the program that connects a namespace's network, and the process that
-// ends it with the namespace: the guard.
+// ns_network.cpp - starts the program that connects a namespace's network, and the supervisor
+// process ("guard") that kills the program when the namespace ends.
 #include "zarnel/ns_network.h"
 
 #include "net_program.hpp"

@@ -64,8 +64,8 @@ bool has_limits(const Resources& wanted)
 }
 
 // Writes the path of the group that a container has by default. The name is for people; the id
-// makes it unique. Other characters than these would have to be escaped, or mean something in a
-// path.
+// makes it unique. Only these characters are copied; others would need escaping or have a meaning
+// in paths.
 int default_path(nsid_t id, const char* name, char (&path)[kCgroupPathMax])
 {
     constexpr int kNameLength = 64;
@@ -114,7 +114,8 @@ int check_limits(const List<Rlimit>& limits, SettingsFault& fault)
         const struct rlimit raised = {own.rlim_cur, limits[i].hard};
         char field[64];
         std::snprintf(field, sizeof field, "process.rlimits[%zu].hard", i);
-        // Setting the limit is the only way to find out; it is undone at once.
+        // Whether this process may raise the limit can only be found by trying; the old limit is
+        // restored at once.
         if (::setrlimit(static_cast<__rlimit_resource>(limits[i].resource), &raised) != 0)
             return refuse(fault, field, "above the limit of the daemon, which may not raise it",
                           EPERM);

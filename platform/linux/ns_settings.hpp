@@ -1,7 +1,7 @@
 // ns_settings.hpp - applies the settings of a configuration (settings/settings.hpp) to a namespace:
 // which kernel namespaces it has, what is changed in them before programs run, its control group,
 // and the confinement of programs that is kept in its record. Used by the namespace service.
-// Settings that cannot be honoured are refused before anything is created.
+// Settings that are not supported are refused before anything is created.
 #ifndef ZN_NS_SETTINGS_HPP
 #define ZN_NS_SETTINGS_HPP
 

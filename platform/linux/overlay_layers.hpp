@@ -1,6 +1,6 @@
 // overlay_layers.hpp - the directories of the writable devices that this process created, which a
-// container with a user namespace needs to mount its device again. The kernel does not tell them on
-// all versions. Used by the overlay devices, whose lock protects them.
+// container with a user namespace needs to mount its device again. Not all kernel versions report
+// them. Used by the overlay devices, whose lock protects them.
 #ifndef ZN_OVERLAY_LAYERS_HPP
 #define ZN_OVERLAY_LAYERS_HPP
 

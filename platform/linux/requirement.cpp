@@ -115,7 +115,7 @@ struct Requirement {
 
 constexpr std::array kRequirements = {
     Requirement{"namespaces for processes, mounts, IPC, host names, control groups and networks",
-                true, has_namespaces, "containers consist of them"},
+                true, has_namespaces, "no containers can be created"},
     Requirement{"mount calls on descriptors (open_tree, move_mount, fsconfig, mount_setattr)", true,
                 has_mount_calls, "mounts would follow symbolic links in images"},
     Requirement{"openat2", true, has_openat2, "paths could not be confined to a root"},

@@ -26,8 +26,8 @@ typedef struct znDaemonInfo {
 } znDaemonInfo;
 
 /*
- * Write the file, naming the calling process, into the directory `dirFd`, atomically. On ERROR the
- * task error number is set and no file is left.
+ * Write the file, naming the calling process, into the directory `dirFd`, atomically. On ERROR
+ * errno is set and no file is left.
  */
 STATUS znDaemonInfoWrite(int dirFd, const char* version);
 

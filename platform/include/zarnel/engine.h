@@ -1,19 +1,19 @@
 /*
- * engine.h - containers that no daemon owns, as container engines (podman, containerd) want them.
+ * engine.h - containers without a daemon, for container engines (podman, containerd).
  *
  * The container's own program is the first process of its PID namespace. Who creates a container
- * may end afterwards: the first process is then a child of whoever reaps the orphans of its
- * creator. What is known about a container is kept by the caller (a process, a control group, a
+ * may end afterwards: the first process is then reparented to the creator's subreaper or to
+ * process 1. What is known about a container is kept by the caller (a process, a control group, a
  * directory), not here.
  *
- * Containers follow their configuration document (OCI config.json) alone: nothing is confined that
- * it does not confine. Nothing that it asks for is left out: what cannot be honoured is refused by
- * name. The members "root", "mounts", "hooks", "annotations" and, in "process", "args", "env" and
- * "cwd" are read by the caller.
+ * Containers follow their configuration document (OCI config.json) alone: no restrictions are added
+ * to it, and unsupported settings are refused with an error that names them. The members "root",
+ * "mounts", "hooks", "annotations" and, in "process", "args", "env" and "cwd" are read by the
+ * caller.
  *
  * All calls are for programs with one thread and with root's rights. On failure they return ERROR
- * or -1 with the task error number set. Those with `reason` (`size` bytes, ZN_ENGINE_REASON_MAX are
- * enough) also say there what failed, always.
+ * or -1 with errno set. Functions with a parameter `reason` also write an error message to it
+ * (`size` bytes; ZN_ENGINE_REASON_MAX are enough).
  */
 #ifndef ZARNEL_ENGINE_H
 #define ZARNEL_ENGINE_H
@@ -52,9 +52,11 @@ typedef struct znEngineProgram {
     const char* cwd; /* absolute; created if missing */
     char* const* argv;
     char* const* envp;
-    int descriptors; /* it also gets those of so many from 3 up that are open, not close-on-exec */
-    int console;     /* connected socket that gets the other end of its terminal; -1: no terminal */
-    unsigned rows;   /* of the terminal; 0: not set */
+    /* Number of descriptors, from 3 up, that it also gets; those that are closed or close-on-exec
+     * are skipped. */
+    int descriptors;
+    int console;   /* connected socket that gets the other end of its terminal; -1: no terminal */
+    unsigned rows; /* of the terminal; 0: not set */
     unsigned columns;
     BOOL keepKeyring; /* FALSE: it gets a session keyring of its own */
     const char* file; /* its path; NULL: argv[0] is looked up in PATH */
@@ -69,7 +71,7 @@ typedef struct znEngineProcess {
 
 typedef struct znEnginePlan {
     const char* document; /* config.json */
-    const char* root;     /* absolute host path; becomes the root as it is */
+    const char* root;     /* absolute host path; used as the root directly, without an overlay */
     const char* domain;   /* NIS domain name; NULL: not set */
     const ZN_ENGINE_MOUNT* mounts;
     size_t mountCount;
@@ -95,13 +97,14 @@ BOOL znEngineCapabilityKnown(const char* name);
 /*
  * Create a container whose first process waits for znEngineStart. Returns a descriptor: when it is
  * closed before znEngineRelease, also by the caller's death, the container ends. The program is
- * looked up; the reason then ends as a shell's message does: exec: "sh": executable file not found
- * in $PATH. On failure nothing is left.
+ * looked up in this call; if it is not found, `reason` contains the message that engines expect:
+ * exec: "sh": executable file not found in $PATH. On failure nothing is left.
  */
 int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char* reason,
                    size_t size);
 
-/* Let the container live on without its creator. Closes the descriptor. */
+/* Detach the container from its creator, so that it survives the creator's end. Closes the
+ * descriptor. */
 STATUS znEngineRelease(int container, char* reason, size_t size);
 
 /*
@@ -150,7 +153,7 @@ STATUS znEngineGroupFrozen(const char* group, BOOL* frozen);
 STATUS znEngineGroupSignal(const char* group, int hostSignal); /* each process in it */
 STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* context),
                               void* context);
-/* Change limits as a JSON object in the format of "linux.resources" says. */
+/* Change the limits given in `resources`, a JSON object in the format of "linux.resources". */
 STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size);
 /*
  * Remove the group of a container that was created with this mark. If it has the mark, and no group

@@ -1,6 +1,6 @@
 /*
- * fs.h - helpers for paths, directories and the environment that POSIX does not have. No call keeps
- * state; all may be called from any task.
+ * fs.h - helpers for paths, directories and the environment that POSIX does not have. The functions
+ * are stateless and thread-safe.
  */
 #ifndef ZARNEL_FS_H
 #define ZARNEL_FS_H
@@ -15,9 +15,9 @@ extern "C" {
 #define ZN_NULL_DEVICE "/dev/null"
 
 /*
- * Copy the environment variable `name` into `buf`. Returns the value's length, or -1 (task
- * error number unchanged) when the variable is unset or its value and terminator do not
- * fit in `bufLen` bytes; `buf` is then untouched.
+ * Copy the environment variable `name` into `buf`. Returns the value's length, or -1 (errno
+ * unchanged) when the variable is unset or its value and terminator do not fit in `bufLen` bytes;
+ * `buf` is then untouched.
  */
 ssize_t znEnvGet(const char* name, char* buf, size_t bufLen);
 
@@ -32,7 +32,7 @@ char* znPathAppend(char* buf, size_t bufLen, const char* component);
 /*
  * Create a directory and its missing parents with exactly the permission bits `mode`, whatever the
  * umask. Directories that exist keep their mode. OK if the directory exists afterwards, also if it
- * did before; ERROR with the task error number set (ENOTDIR if a component is not a directory).
+ * did before; ERROR with errno set (ENOTDIR if a component is not a directory).
  */
 STATUS znMkdirParents(const char* path, mode_t mode);
 
@@ -40,7 +40,7 @@ STATUS znMkdirParents(const char* path, mode_t mode);
  * Open `path` for reading and writing as an empty regular file with exactly the permission bits
  * `mode`, whatever the umask. An existing regular file is truncated. A symbolic link as the last
  * component is replaced by the new file, never followed. Returns a close-on-exec descriptor, or -1
- * with the task error number set.
+ * with errno set.
  */
 int znFileCreate(const char* path, mode_t mode);
 
@@ -50,8 +50,8 @@ int znFileCreateAt(int dirFd, const char* path, mode_t mode);
 /*
  * Open the directory `name` in the directory `dirFd` for use with the *at() calls only (O_PATH: no
  * reading, no fchmod); search permission is enough. A symbolic link fails with ENOTDIR. Returns a
- * close-on-exec descriptor, or -1 with the task error number set. `name` must be one component:
- * symbolic links before a "/" would be followed.
+ * close-on-exec descriptor, or -1 with errno set. `name` must be one component: symbolic links
+ * before a "/" would be followed.
  */
 int znDirOpenAt(int dirFd, const char* name);
 
@@ -59,7 +59,7 @@ int znDirOpenAt(int dirFd, const char* name);
  * Set the sticky bit of the directory `path` inside the directory tree `root`, leaving its other
  * mode bits unchanged. Absolute paths and intermediate symbolic links are resolved inside `root`; a
  * symbolic link as the last component is not followed, and no mount point is crossed. OK also if
- * the bit is already set; ERROR with the task error number set (ENOENT, ENOTDIR, ELOOP, EXDEV).
+ * the bit is already set; ERROR with errno set (ENOENT, ENOTDIR, ELOOP, EXDEV).
  */
 STATUS znDirMakeSticky(const char* root, const char* path);
 
@@ -68,14 +68,14 @@ STATUS znDirMakeSticky(const char* root, const char* path);
  * Absolute paths and symbolic links are resolved inside the tree, so that a link in it leads to no
  * file outside; the links of /proc that lead to open files are not followed. Other types of files
  * are not opened: EISDIR for a directory, EINVAL for anything else. Returns a close-on-exec
- * descriptor, or -1 with the task error number set (ENOENT, ENOTDIR, ELOOP, EACCES).
+ * descriptor, or -1 with errno set (ENOENT, ENOTDIR, ELOOP, EACCES).
  */
 int znFileOpenInRoot(int rootFd, const char* path);
 
 /*
  * Open the directory `path` inside the directory tree of the descriptor `rootFd` for reading.
  * Absolute paths and symbolic links are resolved inside the tree, as by znFileOpenInRoot. Returns a
- * close-on-exec descriptor, or -1 with the task error number set (ENOENT, ENOTDIR, ELOOP, EACCES).
+ * close-on-exec descriptor, or -1 with errno set (ENOENT, ENOTDIR, ELOOP, EACCES).
  */
 int znDirOpenInRoot(int rootFd, const char* path);
 
@@ -83,8 +83,7 @@ int znDirOpenInRoot(int rootFd, const char* path);
  * Open the regular file `name` in the directory `dirFd` for reading. A symbolic link is not
  * followed, and other types of files are not opened, so that this has no side effects: ELOOP for a
  * link, EISDIR for a directory, EINVAL for anything else. `name` must be one component: symbolic
- * links before a "/" would be followed. Returns a close-on-exec descriptor, or -1 with the task
- * error number set.
+ * links before a "/" would be followed. Returns a close-on-exec descriptor, or -1 with errno set.
  */
 int znFileOpenAt(int dirFd, const char* name);
 
@@ -99,7 +98,7 @@ int znMountedAt(int dirFd, const char* name);
 /*
  * Atomically exchange the names of two directories of one file system, so that both names always
  * refer to a complete tree. If the file system does not support this, `b` does not exist for a
- * moment instead. OK, or ERROR with the task error number set and both names unchanged.
+ * moment instead. OK, or ERROR with errno set and both names unchanged.
  */
 STATUS znDirExchange(const char* a, const char* b);
 

@@ -49,10 +49,10 @@ typedef int MSG_Q_ID; /* negative: invalid */
  * of the system, creation raises that limit if the caller may do so, else it fails with EINVAL
  * (znMsgQLimitHint names the setting).
  *
- * Returns a handle that the caller must close, or ZN_MSG_Q_INVALID with the task error number set:
- * ENOENT (no such queue), EEXIST (the queue exists and belongs to this user, or to another one and
- * the caller may not remove it), EACCES (the queue belongs to, or is accessible to, other users).
- * The handle is closed on exec.
+ * Returns a handle that the caller must close, or ZN_MSG_Q_INVALID with errno set: ENOENT (no such
+ * queue), EEXIST (the queue exists and belongs to this user, or to another one and the caller may
+ * not remove it), EACCES (the queue belongs to, or is accessible to, other users). The handle is
+ * closed on exec.
  */
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode);
 
@@ -88,7 +88,7 @@ STATUS znMsgQDiscard(const char* name);
 /*
  * Whether a queue `name` exists that only this user can open and that its creator has open. A
  * process that checks for the creator at the same time is not mistaken for it. FALSE also if this
- * cannot be determined. Preserves the task error number.
+ * cannot be determined. Preserves errno.
  */
 BOOL znMsgQInUse(const char* name);
 
@@ -96,17 +96,16 @@ BOOL znMsgQInUse(const char* name);
  * Remove queues left by processes that ended. `makerOf` returns the id of the process that created
  * the queue `name`, or 0 for a queue that must not be touched. A queue is removed if that process
  * has ended, neither its creator nor a process forked from it still has the queue open, and the
- * queue belongs to this user. Returns the number of queues removed, or -1 with the task error
- * number set (EPERM without the right to list queues). If the process id was reused, the queue
- * stays until the new process has ended, too.
+ * queue belongs to this user. Returns the number of queues removed, or -1 with errno set (EPERM
+ * without the right to list queues). If the process id was reused, the queue stays until the new
+ * process has ended, too.
  */
 int znMsgQReclaim(long (*makerOf)(const char* name));
 
 /*
  * Raise this process's limits on queue memory as far as permitted, and the system's limit on the
- * number of messages in a queue to at least `maxMsgs`. OK, or ERROR with the task error number set
- * if a queue of `maxMsgs` messages of `maxMsgLen` bytes cannot be created; may wait as znMsgQOpen
- * does.
+ * number of messages in a queue to at least `maxMsgs`. OK, or ERROR with errno set if a queue of
+ * `maxMsgs` messages of `maxMsgLen` bytes cannot be created; may wait as znMsgQOpen does.
  */
 STATUS znMsgQLimitsRaise(size_t maxMsgs, size_t maxMsgLen);
 

@@ -20,7 +20,7 @@ typedef struct znMutex* SEM_ID; /* NULL: no mutex */
 #define ZN_SEM_INVERSION_SAFE 0x8 /* priority inheritance */
 
 /*
- * Create an unowned mutex. Returns NULL with the task error number set (ENOMEM, EINVAL) on failure.
+ * Create an unowned mutex. Returns NULL with errno set (ENOMEM, EINVAL) on failure.
  */
 SEM_ID znMutexCreate(int options);
 

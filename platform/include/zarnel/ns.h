@@ -29,8 +29,7 @@ extern "C" {
 typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /*
- * Create a namespace. Returns its id, or -1 with the task error number set. `flags` has no effect
- * on Linux.
+ * Create a namespace. Returns its id, or -1 with errno set. `flags` has no effect on Linux.
  */
 nsid_t znnsCreate(int flags);
 
@@ -38,10 +37,10 @@ nsid_t znnsCreate(int flags);
  * Create a namespace as the configuration document (OCI config.json) says; NULL: as znnsCreate.
  * Its members "process", "root.readonly" and "linux" decide which of the kernel's namespaces are
  * new, shared or joined, and with which user, rights, limits and filter programs run. `name`
- * becomes part of the control group's name. Returns the id, or -1 with the task error number set.
- * If the document was refused, `reason` (`size` bytes, ZNNS_REASON_MAX are enough) says which
- * member and why: EINVAL (wrong type or value), ENOTSUP (cannot be honoured), EPERM (more than
- * containers have by default, and not allowed by znnsPrivilegedAllow). Else `reason` is unchanged.
+ * becomes part of the control group's name. Returns the id, or -1 with errno set. If the document
+ * was refused, `reason` (`size` bytes, ZNNS_REASON_MAX are enough) says which member and why:
+ * EINVAL (wrong type or value), ENOTSUP (not supported), EPERM (more than containers have by
+ * default, and not allowed by znnsPrivilegedAllow). Else `reason` is unchanged.
  */
 nsid_t znnsCreateConfigured(int flags, const char* name, const char* document, char* reason,
                             size_t size);
@@ -50,8 +49,8 @@ nsid_t znnsCreateConfigured(int flags, const char* name, const char* document, c
 
 /*
  * Check a configuration as znnsCreateConfigured does, without creating anything. OK, or ERROR with
- * the task error number set and `reason`, "member: why", as described there; EPERM whatever
- * znnsPrivilegedAllow says.
+ * errno set and `reason`, "member: why", as described there; EPERM whatever znnsPrivilegedAllow
+ * says.
  */
 STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size);
 
@@ -65,8 +64,7 @@ void znnsCapabilitiesEach(void (*visit)(const char* name, BOOL byDefault, void* 
 /*
  * Apply what the configuration says about the finished root: devices, kernel parameters, hidden and
  * read-only paths, read-only root. To be called when all mounts have been made and before the first
- * program is spawned; further calls have no effect. ERROR with the task error number set, and
- * `reason` as above.
+ * program is spawned; further calls have no effect. ERROR with errno set, and `reason` as above.
  */
 STATUS znnsSeal(nsid_t ns, char* reason, size_t size);
 
@@ -83,16 +81,15 @@ void znnsPrivilegedAllow(BOOL allowed);
 /*
  * Whether each namespace created from now on gets a user namespace with users of the host that no
  * other namespace of this process has, unless its configuration has mappings. Default: FALSE. OK,
- * or ERROR with the task error number set if a user namespace cannot be created; nothing is changed
- * then.
+ * or ERROR with errno set if a user namespace cannot be created; nothing is changed then.
  */
 STATUS znnsUsersMap(BOOL mapped);
 
 /*
  * Make `rootPath` the root of the namespace, mounted nodev and nosuid. /proc, /dev and /sys are
  * mounted in it if the tree has directories of these names; nothing is written to the tree. On
- * ERROR (task error number set) the namespace is deleted, and so is `rootPath` if it is the
- * writable overlay device of `name`.
+ * ERROR (errno set) the namespace is deleted, and so is `rootPath` if it is the writable overlay
+ * device of `name`.
  */
 STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
 
@@ -108,9 +105,9 @@ STATUS znnsRootfsCreate(nsid_t ns, const char* rootPath, const char* name);
  *
  * A missing mount point is created inside the root, also if it is the missing target of a symbolic
  * link. An empty or NULL `destination` means a volume inside the root itself: nothing is mounted,
- * and the result is OK. ERROR with the task error number set; nothing is mounted then. EINVAL: the
- * namespace has no root yet, the `source` of a bind is not an absolute path, or `destination`
- * resolves to the root itself.
+ * and the result is OK. ERROR with errno set; nothing is mounted then. EINVAL: the namespace has no
+ * root yet, the `source` of a bind is not an absolute path, or `destination` resolves to the root
+ * itself.
  */
 STATUS znnsMount(nsid_t ns, const char* rootPath, const char* source, const char* destination,
                  const char* type, const char* const* options);
@@ -148,10 +145,10 @@ STATUS znnsProcessKill(nsid_t ns, OBJ_HANDLE handle, int signo);
 STATUS znnsInUse(nsid_t ns, BOOL* inUse);
 
 /*
- * Announce that the process `caller` (0: unknown) is about to spawn into the namespace. The
- * namespace then counts as in use until that spawn has succeeded or failed, until the caller ends
- * without having started it, or for two seconds. ERROR with EINVAL for an unknown id, or with the
- * error that prevented writing the namespace's record; no spawn is expected then.
+ * Tell the service that the process `caller` (0: unknown) is about to start a program in the
+ * namespace. The namespace then counts as in use until that spawn has succeeded or failed, until
+ * the caller ends without having started it, or for two seconds. ERROR with EINVAL for an unknown
+ * id, or with the error that prevented writing the namespace's record; no spawn is expected then.
  */
 STATUS znnsExpect(nsid_t ns, pid_t caller);
 

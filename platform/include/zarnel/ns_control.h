@@ -16,13 +16,14 @@ extern "C" {
 
 /*
  * Find the namespace whose root was made under `name` (znnsRootfsCreate). Returns its id, or -1
- * with the task error number set: ESRCH if there is none.
+ * with errno set: ESRCH if there is none.
  */
 nsid_t znnsFind(const char* name);
 
 /*
- * Call `visit` for each namespace with a root, with the name that znnsFind takes. Its owner may
- * have died; the calls below then fail. OK, or ERROR if the namespaces cannot be listed.
+ * Call `visit` for each namespace with a root, with the name that znnsFind takes. The owner of such
+ * a namespace may have died; the calls below then fail. OK, or ERROR if the namespaces cannot be
+ * listed.
  */
 STATUS znnsEach(void (*visit)(nsid_t ns, const char* name, void* context), void* context);
 

@@ -65,8 +65,8 @@ typedef void (*ZN_OVL_DEV_VISIT)(const char* devName, const char* const* lower, 
                                  BOOL writable, void* context);
 
 /*
- * Call `visit` for each mounted device. OK, or ERROR with the task error number set if the mount
- * table cannot be read, or with ENOMEM; `visit` may have been called for some devices then.
+ * Call `visit` for each mounted device. OK, or ERROR with errno set if the mount table cannot be
+ * read, or with ENOMEM; `visit` may have been called for some devices then.
  */
 STATUS znOvlDevEach(ZN_OVL_DEV_VISIT visit, void* context);
 

@@ -1,5 +1,5 @@
 /*
- * process.h - waiting for the caller's children by descriptor, reporting their ends only.
+ * process.h - waiting for child processes by pidfd; ptrace stops are not reported.
  *
  * A container's program can make the caller the tracer of its processes, whose stops are then
  * reported to the caller like ends. It can also reparent its own children to the caller. Neither

@@ -16,7 +16,7 @@ extern "C" {
 /*
  * Write a text that identifies the PID namespace of `pid` to `name`, truncated to `size` bytes (64
  * are enough). Two processes are in the same namespace if and only if these texts are equal. OK, or
- * ERROR with the task error number set: ENOENT if there is no such process.
+ * ERROR with errno set: ENOENT if there is no such process.
  */
 STATUS znProcessNamespace(pid_t pid, char* name, size_t size);
 
@@ -31,15 +31,15 @@ typedef struct znProcessInfo {
 
 /*
  * Call `visit` for each process in the PID namespace identified by `nameSpace`, a text from
- * znProcessNamespace. Processes that end during the call are skipped. OK, or ERROR with the task
- * error number set if the processes cannot be listed, or with ENOMEM.
+ * znProcessNamespace. Processes that end during the call are skipped. OK, or ERROR with errno set
+ * if the processes cannot be listed, or with ENOMEM.
  */
 STATUS znProcessEach(const char* nameSpace,
                      void (*visit)(const ZN_PROCESS_INFO* process, void* context), void* context);
 
 /*
- * Write the path of the executable of this process to `path`. OK, or ERROR with the task error
- * number set: ENAMETOOLONG if it does not fit in `size` bytes.
+ * Write the path of the executable of this process to `path`. OK, or ERROR with errno set:
+ * ENAMETOOLONG if it does not fit in `size` bytes.
  */
 STATUS znProgramPath(char* path, size_t size);
 

@@ -30,9 +30,9 @@ typedef struct znSpawnAttr {
     int options;   /* process options */
     int taskOptions;
     nsid_t ns;       /* -1: not set; znSpawn then fails */
-    const char* cwd; /* borrowed; NULL: "/" */
+    const char* cwd; /* not copied; NULL: "/" */
     short flags;
-    const ZN_SPAWN_USER* user; /* borrowed; NULL: the user of the namespace's configuration */
+    const ZN_SPAWN_USER* user; /* not copied; NULL: the user of the namespace's configuration */
 } znSpawnAttr;
 
 #define ZN_SPAWN_OPT_LOADED 0x40 /* process option: return when the program is loaded */
@@ -76,10 +76,10 @@ STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user);
  *
  * If `path` does not exist and argv[0] has no "/", the program is looked up in the PATH of `envp`.
  *
- * OK with the process id in `pid`, or ERROR with the task error number set: ESRCH (the namespace no
- * longer exists), EBUSY (it is suspended), ENOENT, EACCES, ENOEXEC and similar errors from loading
- * the program, ENOTDIR or ENOENT for the working directory, EPERM without the necessary rights. No
- * child is left then.
+ * OK with the process id in `pid`, or ERROR with errno set: ESRCH (the namespace no longer exists),
+ * EBUSY (it is suspended), ENOENT, EACCES, ENOEXEC and similar errors from loading the program,
+ * ENOTDIR or ENOENT for the working directory, EPERM without the necessary rights. No child is left
+ * then.
  */
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
                char* const* envp);

@@ -21,9 +21,9 @@ ssize_t znStreamMove(int from, int to, size_t most);
 
 /*
  * Open the same terminal or pipe again, with the same access mode and O_NONBLOCK, which on `fd`
- * itself would affect all processes that share it. The new descriptor is close-on-exec. -1 with the
- * task error number set: EINVAL if `fd` is neither a terminal nor a pipe, ENXIO for the write end
- * of a pipe that has no reader.
+ * itself would affect all processes that share it. The new descriptor is close-on-exec. -1 with
+ * errno set: EINVAL if `fd` is neither a terminal nor a pipe, ENXIO for the write end of a pipe
+ * that has no reader.
  */
 int znStreamReopen(int fd);
 

@@ -2,7 +2,7 @@
  * task.h - operations on the calling task: clock rate, deletion safety, background priority, stop
  * request.
  *
- * The task error number is the C library's thread-local `errno`.
+ * `errno` is that of the C library: each task has its own.
  */
 #ifndef ZARNEL_TASK_H
 #define ZARNEL_TASK_H

@@ -18,7 +18,7 @@ STATUS znTermOptionsGet(int fd, int* options);
 
 /*
  * Set the options. On Linux only the echo bit has an effect; all other settings of the terminal are
- * left unchanged. ERROR with the task error number set.
+ * left unchanged. ERROR with errno set.
  */
 STATUS znTermOptionsSet(int fd, int options);
 

@@ -1,4 +1,5 @@
-// cgroup.cpp - creates groups and tells how to enter them; see cgroup.hpp.
+// cgroup.cpp - creates control groups and lists the files through which processes enter them; see
+// cgroup.hpp.
 #include "cgroup_known.hpp"
 #include "cgroup_tree.hpp"
 
@@ -30,9 +31,9 @@ bool has_word(const char* line, const char* word)
     return false;
 }
 
-// Gives the groups below `parent` the controllers that limits and figures need. What the kernel
-// refuses stays off: the limits that need it are refused when they are set. The kernel refuses it
-// for a group, other than the root, that has processes itself.
+// Enables in `parent` the controllers that limits and statistics need (cgroup.subtree_control).
+// Errors are ignored: limits of a missing controller are refused later. The kernel refuses this
+// for a group, other than the root, that contains processes.
 void enable_controllers(int parent)
 {
     ControlLines available(parent, "cgroup.controllers");
@@ -133,7 +134,7 @@ int make_once(const GroupPath& path, Made& made)
 }
 
 // Creates a group in one call if its parent exists and the hierarchy needs no more than that.
-// Groups are no symbolic links, so that the path leads nowhere else.
+// A cgroup directory contains no symbolic links, so that the path needs no further check.
 bool make_directly(const GroupPath& path, Made& made)
 {
     constexpr unsigned kPrepared = 1U << static_cast<unsigned>(Controller::kCpuset) |

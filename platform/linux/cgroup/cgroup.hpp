@@ -1,12 +1,12 @@
 // cgroup.hpp - the control group of a container, in cgroup v2 or in the hierarchies of v1. Called
 // by the namespace service (creation, removal), by znSpawn (the files through which a process
-// enters) and by ns_control.cpp (freezing, figures, new limits). Does not decide which limits
+// enters) and by ns_control.cpp (freezing, statistics, new limits). Does not decide which limits
 // apply.
 //
 // A group is identified by its path below the root of each hierarchy, for example "/zarnel/web".
 // "", "/", paths with "." or ".." components and paths longer than kCgroupPathMax are refused with
-// EINVAL; empty components count nothing. No symbolic link is followed. All functions return 0 or
-// an error number unless stated otherwise, and ENOENT if the group does not exist.
+// EINVAL; empty components are ignored. No symbolic link is followed. All functions return 0 or an
+// error number unless stated otherwise, and ENOENT if the group does not exist.
 #ifndef ZN_CGROUP_HPP
 #define ZN_CGROUP_HPP
 
@@ -31,8 +31,9 @@ CgroupVersion cgroup_version();
 // null if there are no hierarchies. If the kernel refuses a limit, its error number and `field`. On
 // failure nothing that was created stays.
 //
-// Unlimited (-1) needs no controller. If there are device rules, devices that no rule allows are
-// refused, and the last rule that matches decides; without rules nothing is written.
+// The limit -1 (unlimited) is accepted without a controller. If there are device rules, devices
+// that no rule allows are refused, and the last rule that matches decides; without rules nothing is
+// written.
 int cgroup_create(const char* path, const Resources& resources, const char** field);
 
 // Whether `path` is the group `group` or below it, so that removing `group` would remove it with
@@ -63,8 +64,8 @@ int cgroup_entries(const char* path, List<Text>& entries);
 int cgroup_freeze(const char* path, bool frozen);
 int cgroup_frozen(const char* path, bool& frozen);
 
-// Thaws the group if it is frozen: frozen processes do not die when they are killed. "" is no
-// group. errno is preserved.
+// Thaws the group if it is frozen: frozen processes do not die when they are killed. Does nothing
+// for "". Preserves errno.
 void cgroup_thaw(const char* path);
 
 struct CgroupUse {

@@ -85,8 +85,9 @@ int add_rule(DeviceList& list, DeviceRule rule)
     return 0;
 }
 
-// The kernel allows an access of several kinds, such as opening to read and write, only by one
-// exception that has them all: each gets what wider ones allow for its devices, too.
+// The v1 controller allows an access of several kinds, such as O_RDWR, only if one exception
+// permits all of them. So each exception is extended by what wider exceptions permit for its
+// devices.
 void join_exceptions(DeviceList& list)
 {
     for (DeviceRule& exception : list.exceptions)
@@ -192,8 +193,8 @@ class Coder {
     bool failed_ = false;
 };
 
-// Answers if the rule matches and decides: a denied access ends the matter, allowed ones are taken
-// from those that are left.
+// Code for one rule: if it matches, a denied access makes the program return 0; allowed accesses
+// are removed from kLeft.
 void code_rule(Coder& code, const DeviceRule& rule)
 {
     constexpr int kOverAnswer = 2;
@@ -242,7 +243,7 @@ UniqueFd load_program(const List<bpf_insn>& code)
     attr.expected_attach_type = BPF_CGROUP_DEVICE;
     attr.insn_cnt = static_cast<std::uint32_t>(code.size());
     attr.insns = address(code.begin());
-    attr.license = address(""); // no function of the kernel is called that asks for one
+    attr.license = address(""); // no GPL-only helper is called
     std::memcpy(attr.prog_name, kProgramName, sizeof kProgramName);
     return UniqueFd(bpf(BPF_PROG_LOAD, attr));
 }
@@ -278,8 +279,8 @@ UniqueFd attached_program(int group, int& error)
     return {};
 }
 
-// Several programs may be attached to a group, for example one by the service manager: an access
-// needs the consent of all. An earlier one of ours is replaced in one step.
+// Several programs may be attached to a group, for example one by the service manager: an access is
+// allowed only if all programs allow it. An earlier one of ours is replaced in one step.
 int attach(int group, int program, const UniqueFd& earlier)
 {
     bpf_attr attr = {};

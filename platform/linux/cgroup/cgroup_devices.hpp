@@ -26,8 +26,8 @@ struct DeviceList {
     List<DeviceRule> exceptions; // `allow` is not used
 };
 
-// Translates rules. ENOTSUP if v1 cannot express them: it cannot except some of the devices that an
-// exception names. E2BIG, ENOMEM.
+// Translates rules. ENOTSUP if v1 cannot express them: a v1 exception cannot be narrowed by another
+// one. E2BIG, ENOMEM.
 int device_list(std::span<const DeviceRule> rules, DeviceList& list);
 
 } // namespace zn

@@ -1,8 +1,8 @@
 // cgroup_file.hpp - reads and writes the control files of a group. Called by the other files of
 // this folder.
 //
-// Groups are borrowed directory descriptors. No symbolic link is followed. Functions that return an
-// int return 0 or an error number; ENOENT if the group does not have the file.
+// Groups are directory descriptors, not owned. No symbolic link is followed. Functions that return
+// an int return 0 or an error number; ENOENT if the group does not have the file.
 #ifndef ZN_CGROUP_FILE_HPP
 #define ZN_CGROUP_FILE_HPP
 

@@ -13,7 +13,7 @@
 namespace zn {
 namespace {
 
-// What tells whether a directory is still the one that was looked at.
+// Identity and modification time of a directory, to detect changes.
 struct Place {
     std::uint64_t mount = 0;
     std::uint64_t device = 0;

@@ -1,6 +1,6 @@
-// cgroup_known.hpp - the hierarchies of this machine, which are read again only when others are
-// mounted: reading the mount table takes as long as creating a group. Used by the calls of
-// cgroup.hpp that the namespace service makes. Their descriptors keep the mounts busy.
+// cgroup_known.hpp - caches the cgroup hierarchies of this machine; they are read again when the
+// mounts have changed: reading the mount table takes as long as creating a group. Used by the calls
+// of cgroup.hpp that the namespace service makes. Their descriptors keep the mounts busy.
 #ifndef ZN_CGROUP_KNOWN_HPP
 #define ZN_CGROUP_KNOWN_HPP
 
@@ -8,7 +8,7 @@
 
 namespace zn {
 
-// While an object exists, other threads that make one wait.
+// Holds a lock: a second object blocks until the first one is destroyed.
 class KnownHierarchies {
   public:
     KnownHierarchies();

@@ -17,7 +17,8 @@ constexpr LimitFile kPeriod = {"cpu.cfs_period_us", nullptr};
 constexpr LimitFile kCpus = {"cpuset.cpus", "cpuset.cpus"};
 constexpr LimitFile kMems = {"cpuset.mems", "cpuset.mems"};
 constexpr LimitFile kPidsMax = {"pids.max", "pids.max"};
-// Weights of two schedulers for disks. The first of v1 is in kernels before 5.0 only.
+// Weights of two schedulers for disks. The first v1 file (blkio.weight, CFQ) exists in kernels
+// before 5.0 only.
 constexpr LimitFile kIoWeight = {"blkio.weight", "io.weight"};
 constexpr LimitFile kIoBfqWeight = {"blkio.bfq.weight", "io.bfq.weight"};
 
@@ -81,7 +82,7 @@ int cpu_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resou
         return 0;
     LimitGroup group;
     int error = group.open(hierarchies, path, Controller::kCpu);
-    // Unlimited is what a group without the controller is.
+    // Without the controller a group is unlimited anyway.
     const bool none = !resources.cpuShares && !resources.cpuPeriod && *resources.cpuQuota < 0;
     if (error == ENOTSUP && none)
         return 0;
@@ -131,7 +132,7 @@ int pids_apply(const Hierarchies& hierarchies, const GroupPath& path, const Reso
     return error == ENOTSUP && limit < 0 ? 0 : named(error, "pids.limit", field);
 }
 
-// Each is honoured by one scheduler; a kernel may have both.
+// Each is applied by one scheduler; a kernel may have both.
 int write_io_weight(const LimitGroup& group, std::uint32_t weight)
 {
     const int error =

@@ -22,7 +22,7 @@ struct Limit {
     const char* name;
 };
 
-// Unlimited is what a group without the file is.
+// Without the file a group is unlimited anyway.
 int write_given(const LimitGroup& group, const Limit& limit, const char** field)
 {
     if (!limit.value || (*limit.value < 0 && !group.has(limit.file)))
@@ -44,7 +44,7 @@ bool exceeds(std::int64_t limit, std::uint64_t now)
 int write_memory_v1(const LimitGroup& group, const Resources& resources, const char** field)
 {
     std::optional<std::int64_t> both = resources.memorySwap;
-    // Unlimited memory would otherwise be above an older limit of both.
+    // Raise memory+swap first: the kernel refuses a memory limit above it.
     if (!both && resources.memoryLimit && *resources.memoryLimit < 0)
         both = kUnlimited;
     const Limit limit = {kLimit, resources.memoryLimit, kMemory};
@@ -58,7 +58,7 @@ int write_memory_v1(const LimitGroup& group, const Resources& resources, const c
     return error;
 }
 
-// v2 limits swap alone: what both may use, less what memory may use.
+// v2 has a limit for swap only: memory.swap minus memory.limit.
 int swap_alone(const LimitGroup& group, const Resources& resources,
                std::optional<std::int64_t>& swap)
 {
@@ -94,7 +94,7 @@ int write_memory_v2(const LimitGroup& group, const Resources& resources, const c
     return error;
 }
 
-// Limits that only v1 has. Not disabling the killer is what v2 does anyway.
+// Limits that only v1 has. disableOOMKiller: false needs nothing on v2.
 int write_others(const LimitGroup& group, const Resources& resources, const char** field)
 {
     int error = 0;
@@ -112,7 +112,7 @@ int write_others(const LimitGroup& group, const Resources& resources, const char
     return error;
 }
 
-// The first limit that is given and is none that every machine has.
+// The name of the first given limit that needs a controller.
 const char* first_given(const Resources& resources)
 {
     const Limit limits[] = {{kLimit, resources.memoryLimit, kMemory},

@@ -106,7 +106,7 @@ int kill_all(const Hierarchies& hierarchies, const GroupPath& path, std::int64_t
             return error;
         if (std::binary_search(pids.begin(), pids.end(), ::getpid()) || now_ns() >= deadline)
             return EBUSY;
-        // A process may be in the group of a v1 hierarchy only.
+        // A process may be in the group in v1 hierarchies only, which cgroup.kill does not reach.
         if (!kill_unified(hierarchies, path) || round >= kUnifiedRounds)
             error = kill_listed(hierarchies, path);
         if (error != 0)
@@ -157,7 +157,7 @@ int cgroup_remove(const Hierarchies& hierarchies, const char* path)
     error = kill_all(hierarchies, group, deadline);
     if (error != 0)
         return error == ENOENT ? 0 : error;
-    // One that cannot be removed does not keep the others.
+    // Continue if one cannot be removed.
     for (const Hierarchy& one : hierarchies.all) {
         const int failed = remove_in(one, group, deadline);
         if (error == 0)

@@ -15,7 +15,7 @@ using znc::UniqueFd;
 constexpr std::uint64_t kNsPerUs = 1000;
 constexpr std::uint64_t kNsPerSecond = 1000000000;
 
-// A file that the kernel does not have leaves the figure as it is.
+// A missing file leaves the value unchanged.
 int optional(int error)
 {
     return error == ENOENT || error == EOPNOTSUPP ? 0 : error;

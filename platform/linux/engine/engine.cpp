@@ -1,5 +1,5 @@
-// engine.cpp - creates containers of engines: control group and first process. What it is asked to
-// make is in engine_root.cpp.
+// engine.cpp - creates containers of engines: control group and first process. The requests that
+// set up the root are in engine_root.cpp.
 #include "zarnel/engine.h"
 
 #include "cgroup/cgroup.hpp"

@@ -21,7 +21,7 @@ bool equals(const char* one, const char* other)
     return one != nullptr && std::strcmp(one, other) == 0;
 }
 
-// Options whose meaning is in the order of mounting only.
+// Options that need no action here.
 bool is_silent(const char* option)
 {
     return equals(option, "defaults") || equals(option, "async") || equals(option, "nolazytime") ||
@@ -136,8 +136,8 @@ bool engine_mount_seal(int mount, const EngineMount& wanted)
     mount_attr whole = {};
     whole.attr_set = wanted.whole.attrSet;
     whole.attr_clr = wanted.whole.attrClear;
-    // A clone of a shared mount would be its peer: what is mounted below it in the container would
-    // appear on the host.
+    // A clone of a shared mount would be in the same peer group: what is mounted below it in the
+    // container would appear on the host.
     whole.propagation = MS_PRIVATE;
     if (wanted.plan.propagation != 0)
         whole.propagation = wanted.plan.propagation;

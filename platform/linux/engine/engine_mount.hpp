@@ -1,6 +1,6 @@
 // engine_mount.hpp - prepares the mounts of an engine's container: each becomes a detached mount,
-// which the first process attaches. Only mounts that belong to a namespace of the container are
-// made by the first process itself. Called by engine.cpp.
+// which the first process attaches. Only file systems whose content depends on a namespace (proc,
+// sysfs, mqueue) are mounted by the first process itself. Called by engine.cpp.
 #ifndef ZN_ENGINE_MOUNT_HPP
 #define ZN_ENGINE_MOUNT_HPP
 

@@ -86,7 +86,7 @@ STATUS znEngineGroupSignal(const char* group, int hostSignal)
     const int error = cgroup_processes(group, pids);
     for (const int pid : pids)
         if (pid > 0)
-            ::kill(pid, hostSignal); // one that has ended meanwhile is none of the group any more
+            ::kill(pid, hostSignal); // a process that has ended in the meantime is ignored
     return result(error);
 }
 

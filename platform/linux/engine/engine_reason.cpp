@@ -10,7 +10,7 @@
 namespace zn {
 namespace {
 
-// The C library's message, in small letters as engines look for it.
+// The C library's message in lower case, because engines search for that.
 void describe(int error, char (&text)[128])
 {
     const char* message = ::strerrordesc_np(error);

@@ -18,7 +18,7 @@ class Reason {
     // "FORMAT: message of the error".
     int say_errno(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));
     int say_fault(int error, const SettingsFault& fault);
-    // As engines know it: exec: "sh": executable file not found in $PATH.
+    // In the form that engines expect: exec: "sh": executable file not found in $PATH.
     int say_program(int error, wire::SpawnReport::Kind kind, const char* program,
                     const char* directory);
 

@@ -1,7 +1,6 @@
-// engine_settings.hpp - what a configuration means for an engine's container: which namespaces it
-// has, and how its programs are confined. Where the namespace service has strict defaults, nothing
-// is confined here that the configuration does not confine. Called by the other files of this
-// folder.
+// engine_settings.hpp - translates a configuration for a container of an engine: namespaces and
+// restrictions of its programs. Unlike the namespace service, it adds no default restrictions.
+// Called by the other files of this folder.
 #ifndef ZN_ENGINE_SETTINGS_HPP
 #define ZN_ENGINE_SETTINGS_HPP
 
@@ -37,7 +36,7 @@ class EngineSettings {
     // Makes the programs those of a user namespace with these mappings.
     int set_users(const List<IdMapping>& uids);
 
-    // The rules of devices, which always include those that every container has.
+    // Completes the device rules: the devices that every container has are always allowed.
     int complete_devices();
     [[nodiscard]] const Resources& resources() const { return settings_.resources; }
 

@@ -1,5 +1,5 @@
-// holder.cpp - keeps a user namespace open until its owner is gone or kills this process. It has
-// the ids of the host's root and no rights there, does nothing, and answers no one.
+// holder.cpp - keeps a user namespace open until its owner is gone or kills this process. It only
+// waits: user 0 of the host without capabilities there, one descriptor, no requests.
 
 #include "helper.hpp"
 #include "sys.hpp"

@@ -1,5 +1,5 @@
 // init.cpp - the processes of an engine's container. The first one is PID 1 of the container: it
-// sets up root, mounts and devices as the platform asks, waits for the start, and becomes the
+// sets up root, mounts and devices as the platform asks, waits for `start` and executes the
 // program. A further one joins the namespaces of the first and becomes its program.
 //
 // The platform's end of the socket is held by the program that creates the container. If that
@@ -99,7 +99,7 @@ int mount_type(const Incoming& in, std::uint64_t* id)
     return set < 0 ? error_of(set) : mount_attach(mount.get(), destination, true, id);
 }
 
-// A path cut into the directory, which is created if it is missing, and the name in it.
+// Splits a path into its directory, which is created if it is missing, and the last component.
 struct Place {
     explicit Place(const char* path)
     {
@@ -230,8 +230,8 @@ int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoo
     }
 }
 
-// Serves requests until one asks to wait for the start. The stack keeps the request until then
-// only.
+// Serves requests until one asks to wait for the start. The request is on the stack only until
+// then.
 void serve_all(Program& program)
 {
     Incoming in;
@@ -248,7 +248,7 @@ void serve_all(Program& program)
     }
 }
 
-// Who only looks whether the container waits connects and sends nothing.
+// A client that only checks whether the container waits connects and sends nothing.
 void wait_for_start()
 {
     for (;;) {

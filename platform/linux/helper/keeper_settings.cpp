@@ -73,7 +73,7 @@ int owner_set(std::uint32_t uid, std::uint32_t gid)
     if (sys::call(__NR_setfsgid, kNone) != static_cast<long>(gid) ||
         sys::call(__NR_setfsuid, kNone) != static_cast<long>(uid))
         return EPERM;
-    // Changing ids may have reset this.
+    // Changing ids may have reset the dumpable flag.
     return error_of(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 

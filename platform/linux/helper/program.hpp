@@ -1,5 +1,5 @@
-// program.hpp - what becomes of a process between its creation and its program: user, rights,
-// limits, filter (spawner.cpp). Used by the spawner and by the first process of an engine's
+// program.hpp - sets up a new process before it executes its program: user, capabilities, limits,
+// seccomp filter (spawner.cpp). Used by the spawner and by the first process of an engine's
 // container (init.cpp). Except for the last, these functions report errors to kSpawnerReport and
 // end the process.
 #ifndef ZN_HELPER_PROGRAM_HPP
@@ -54,8 +54,8 @@ struct Identity {
 // has the capabilities of the bounding set if it is root, else none.
 void choose_identity(const Rules& rules, const char* text, Identity& user);
 
-// What must be done while the host's files are visible: entering the control group, which the
-// program inherits, and setting the out-of-memory score.
+// Steps that need the host's files, done before joining the container: entering the control group,
+// which the program inherits, and setting the out-of-memory score.
 void prepare_on_host(const Rules& rules);
 
 // Chooses the security labels that the program will have. `proc` is the host's procfs: that of the

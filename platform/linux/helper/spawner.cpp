@@ -149,7 +149,7 @@ void raise_stack(long wanted)
 
 // Queue memory is counted per user, and root in a container is root on the host. Halving the limit
 // leaves the other half to the daemon's clients.
-void leave_queue_memory()
+void halve_queue_memory_limit()
 {
     Limit limit = {};
     check(sys::call(__NR_prlimit64, 0, RLIMIT_MSGQUEUE, 0, sys::arg(&limit)));
@@ -164,7 +164,7 @@ void leave_queue_memory()
 
 // Gives the program a session keyring of its own. ENOSYS: the kernel has no keyrings. EPERM: a
 // seccomp filter forbids the call, to the program as well.
-void leave_keyring()
+void join_new_session_keyring()
 {
     const long joined = sys::call(__NR_keyctl, KEYCTL_JOIN_SESSION_KEYRING, 0);
     if (joined < 0 && joined != -ENOSYS && joined != -EPERM)
@@ -253,8 +253,8 @@ void drop_rights(const Rules& rules, const Identity& user)
     check(sys::call(__NR_prctl, PR_SET_KEEPCAPS, 1));
     check(sys::call(__NR_setresuid, user.uid, user.uid, user.uid));
     check(sys::call(__NR_prctl, PR_SET_KEEPCAPS, 0));
-    // Changing user ids may have reset this, and from here on this process has no more capabilities
-    // than processes in the container.
+    // Changing user ids may have reset the dumpable flag; from here on this process has no more
+    // capabilities than processes in the container.
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
     set_capabilities(user);
     if (rules->noNewPrivileges == 0)
@@ -278,10 +278,11 @@ long host_user(const Rules& rules, std::uint32_t uid)
 
 namespace {
 
-// A terminal that no session has becomes that of the program's session: a pseudo-terminal that was
-// made for the program. The caller's own terminal belongs to the caller's session. The user gets
-// what was made for the program, so that it can open "/dev/stdout".
-void own_streams(const Rules& rules, const Identity& user)
+// If standard input is a terminal that belongs to no session (a pseudo-terminal created for the
+// program), it becomes the controlling terminal. The caller's own terminal belongs to the caller's
+// session and does not. The user gets what was made for the program, so that it can open
+// "/dev/stdout".
+void chown_streams(const Rules& rules, const Identity& user)
 {
     constexpr long kTakeTerminal = 0x540e; // TIOCSCTTY
     constexpr long kPipes = 0x50495045;    // PIPEFS_MAGIC
@@ -339,14 +340,14 @@ long execute(const char* program, char** argv, char** envp)
     }
 }
 
-// What needs the rights of the host's root is done before. This process then has all capabilities
-// in the user namespace until they are dropped, and cannot be inspected.
+// Everything that needs the host's privileges has been done before. This process then has all
+// capabilities in the user namespace until they are dropped, and cannot be inspected.
 void enter_user_namespace(const Rules& rules)
 {
     if (rules->ranges == 0)
         return;
     check(sys::call(__NR_setns, wire::kSpawnerUser, CLONE_NEWUSER));
-    // Entering it may have reset this.
+    // setns() into a user namespace may have reset the dumpable flag.
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
@@ -400,13 +401,13 @@ namespace {
     check(sys::call(__NR_setsid)); // detaches from the caller's terminal
     sys::call(__NR_umask, 0);
     check(-replace_null_streams());
-    own_streams(rules, user);
+    chown_streams(rules, user);
     sys::call(__NR_umask, rules->umask);
-    leave_keyring();
+    join_new_session_keyring();
     check(-reset_processors());
     check(sys::call(__NR_setpriority, 0 /* PRIO_PROCESS */, 0, nice));
     raise_stack(stack);
-    leave_queue_memory();
+    halve_queue_memory_limit();
     set_limits(rules);
     choose_labels(rules, proc);
     enter_user_namespace(rules);

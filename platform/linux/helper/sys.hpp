@@ -74,7 +74,7 @@ template <class T> inline long arg(T* p)
     return static_cast<long>(reinterpret_cast<std::uintptr_t>(p));
 }
 
-// A filter may refuse to let the process exit; the trap then ends it.
+// A seccomp filter may deny exit_group; the trap instruction then ends the process.
 [[noreturn]] inline void exit_group(int code)
 {
     for (;;) {
