@@ -43,7 +43,7 @@ std::string size_problem(int blob, const std::string& digest, std::int64_t size)
     if (::fstat(blob, &st) != 0)
         return fmt::format("blob {}: {}", digest, error_text());
     if (size < 0)
-        return fmt::format("the size of blob {} is not said", digest);
+        return fmt::format("the size of blob {} is missing", digest);
     if (st.st_size == size)
         return "";
     return fmt::format("blob {} has {} bytes, not {}", digest, st.st_size, size);

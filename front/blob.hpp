@@ -18,8 +18,8 @@ std::string digest_of(std::string_view bytes);
 // Whether bytes in memory have that digest; false as well for one of an unknown algorithm.
 bool has_digest(std::string_view bytes, std::string_view digest);
 
-// Whether an open blob has another size than is said of it, which costs nothing to see: one that
-// its owner made of holes takes years to read. Nothing said (-1) is another size. "" if it has not.
+// A message if the size of an open blob differs from `size` (-1, not given, counts as different),
+// else "". Checked before reading, because a huge sparse file would take very long to hash.
 std::string size_problem(int blob, const std::string& digest, std::int64_t size);
 
 } // namespace zncctl

@@ -28,13 +28,14 @@ std::string read_error_text();
 // than 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
 
-// The names of the entries of a borrowed directory, in no particular order. Nullopt with errno set.
+// The names of the entries of a directory (not owned), in no particular order. Nullopt with errno
+// set.
 std::optional<std::vector<std::string>> names_in(int directory);
 
 // The C library's message for errno.
 std::string error_text();
 
-// Throws std::runtime_error: "OBJECT: " and what the task error number says.
+// Throws std::runtime_error: "OBJECT: " and what errno says.
 [[noreturn]] void throw_error(const std::string& object);
 
 using znc::write_all;

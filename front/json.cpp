@@ -155,7 +155,7 @@ class Builder {
             return true;
         const auto at = members.begin() + static_cast<std::ptrdiff_t>(keys[second].second);
         notes_.duplicate_key = at->first;
-        return refuse(fmt::format("the key \"{}\" is there twice", at->first));
+        return refuse(fmt::format("duplicate key \"{}\"", at->first));
     }
     Json* place(Json value)
     {

@@ -1,7 +1,7 @@
-// json.hpp - JSON documents of others read strictly, and documents written. Everything that a
-// program of ours decides on comes through parse_json, which refuses what readers understand
-// differently. Used by the front ends; the library reads with cJSON. A source that looks into a
-// value includes <nlohmann/json.hpp> itself.
+// json.hpp - strict parsing of untrusted JSON, and output of JSON. Everything that a program of
+// ours decides on comes through parse_json, which refuses what readers understand differently. Used
+// by the front ends; the library reads with cJSON. A source that looks into a value includes
+// <nlohmann/json.hpp> itself.
 #ifndef ZNC_FRONT_JSON_HPP
 #define ZNC_FRONT_JSON_HPP
 
@@ -26,7 +26,7 @@ struct JsonLimits {
     std::size_t depth = 200; // of objects and arrays: writing a document takes stack for each
 };
 
-// What there is to say about a text.
+// Details about a parsed text.
 struct JsonNotes {
     std::string problem; // why it is refused, with the place or the key; "" if it is not
     std::optional<std::string> duplicate_key; // which is why
@@ -35,9 +35,9 @@ struct JsonNotes {
 
 enum class Annotations { kUnique, kMayRepeat };
 
-// Nothing when the text is no JSON or more than that; has a key twice, a NUL in a text, a number
-// too large for a double, or more than the limits. Integers of 64 bits are exact; a number without
-// a fraction is an integer, however it is written.
+// Nullopt if the text is not exactly one JSON value, contains a duplicate key, a NUL in a string or
+// a number too large for a double, or exceeds the limits. Integers of 64 bits are exact; a number
+// without a fraction is an integer, however it is written.
 //
 // Readers differ in which of two members they take that have the same key. The library's ignores
 // case, so that "Digest" is "digest"; but for keys that are data (labels, annotations, ports,
@@ -56,7 +56,7 @@ std::string pretty(const Json& json);
 // In one line. What is no UTF-8 becomes U+FFFD in both.
 std::string compact(const Json& json);
 
-// Null when there is none; also of no object, or of what is none.
+// The member; null if it is missing or `object` is null or not an object.
 const Json* member(const Json* object, std::string_view key);
 inline const Json* member(const Json& object, std::string_view key)
 {
@@ -77,13 +77,13 @@ const Json& children(const Json* json);
 bool is_array(const Json* json);
 bool is_object(const Json* json);
 
-// Null for what is no text.
+// Null if it is not a string.
 const std::string* text(const Json* json);
 
 // The texts among the elements of an array; none of anything else.
 std::vector<std::string> texts_of(const Json* array);
 
-// Nothing for what is no integer, or none of 64 bits with a sign.
+// Nullopt if it is not an integer that fits into int64_t.
 std::optional<std::int64_t> integer(const Json* json);
 
 // "" when it is missing or no text.
@@ -93,8 +93,8 @@ inline std::string text_of(const Json& object, std::string_view key)
     return text_of(&object, key);
 }
 
-// Behind the others, without a look whether there is one of that key: objects of strangers can
-// have a million members.
+// Appends a member without searching for a duplicate key, because untrusted objects can have a
+// million members.
 Json& append(Json& object, std::string_view key, Json value);
 
 } // namespace zncctl

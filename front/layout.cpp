@@ -73,7 +73,7 @@ class LayoutReader {
         if (!text)
             problem = fmt::format("blob {}: {}", digest, read_error_text());
         else if (!has_digest(*text, digest))
-            problem = fmt::format("blob {} has another content", digest);
+            problem = fmt::format("blob {} does not match its digest", digest);
         else
             return parse(*text, "blob " + digest, problem);
         return std::nullopt;

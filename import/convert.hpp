@@ -14,7 +14,7 @@ namespace zncimport {
 constexpr std::size_t kSplitMax = 63;
 
 // Writes each new layer to one of `files`: one file suffices without --split, kSplitMax + 1 are
-// needed with it. If `files` is empty the layers are generated and discarded. `spool` is borrowed.
+// needed with it. If `files` is empty the layers are generated and discarded. `spool` is not owned.
 // Throws Failure; the contents of the files are then undefined.
 Outcome convert(const Options& options, const OpenedSource& opened, Spool& spool,
                 std::span<const int> files);

@@ -95,7 +95,7 @@ std::string work_apart(Work& work)
     }
     answer.write.reset();
     std::string text = read_answer(answer.read.get());
-    answer.read.reset(); // the writes of a worker that has more to say fail instead of blocking
+    answer.read.reset(); // a worker that writes more gets an error instead of blocking
     int status = 0;
     while (::waitpid(worker, &status, 0) < 0 && errno == EINTR) {
     }
@@ -119,7 +119,7 @@ void put(const LayoutWriter& layout, const Options& options, const Work& work,
 }
 
 // If the library refuses one image, it refuses every image of the layout: warn about such images.
-void warn_of_neighbours(const std::string& layout)
+void warn_about_other_images(const std::string& layout)
 {
     std::string problem;
     const auto images = zncctl::read_layout(layout, problem);
@@ -161,7 +161,7 @@ int import_image(const Options& options)
     if (layout) {
         const std::string own = outcome.tag.empty() ? zncctl::kDefaultTag : outcome.tag;
         put(*layout, options, work, outcome, options.tag.empty() ? own : options.tag);
-        warn_of_neighbours(options.layout);
+        warn_about_other_images(options.layout);
     }
     return options.quiet ? zncctl::kExitOk : zncctl::print_result(digest_of(outcome.manifest));
 }

@@ -7,7 +7,7 @@
 
 namespace zncimport {
 
-// Returns everything below the directory `fd` (borrowed) in byte order. Names with the same inode
+// Returns everything below the directory `fd` (not owned) in byte order. Names with the same inode
 // become hard links; sockets are skipped. Symbolic links are not followed. Throws Failure if a
 // directory is replaced by another one before it is opened.
 std::vector<Entry> read_directory(int fd, Spool& spool, Budget& budget);

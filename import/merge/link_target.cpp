@@ -115,7 +115,7 @@ std::string LinkHops::target_of(const LinkTarget& target, const std::string& pat
         if (last.size() <= kTargetMax)
             return last;
     }
-    throw Failure(path, "is a symbolic link to a name that is too long even in steps");
+    throw Failure(path, "is a symbolic link to a name that is too long even with --long-links=hop");
 }
 
 std::string LinkHops::hop_to(const std::string& target, std::size_t layer)

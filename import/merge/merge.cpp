@@ -88,9 +88,9 @@ std::shared_ptr<Node> make_node(const Entry& entry, std::size_t layer)
 void check_length(const Member& member)
 {
     if (member.path.size() > kPathMax)
-        throw Failure(member.path.substr(0, 64) + "...", "has a name longer than any file's");
+        throw Failure(member.path.substr(0, 64) + "...", "has a path that is too long");
     if (member.target.size() > kPathMax)
-        throw Failure(member.path, "is a link to a name longer than any file's");
+        throw Failure(member.path, "is a link to a path that is too long");
 }
 
 } // namespace
@@ -174,7 +174,7 @@ void Merge::add_member(const Entry& entry)
 void Merge::put_root(const Member& member)
 {
     if (member.kind != Kind::kDirectory)
-        throw Failure(member.path, "makes the root directory something else");
+        throw Failure(member.path, "replaces the root directory by another type of file");
     set_attributes(tree_.root(), member);
 }
 

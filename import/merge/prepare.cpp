@@ -141,7 +141,7 @@ bool Preparation::special_stays(const Node& node, const std::string& path)
                 "is a {}, which unpacking does not create; use --devices=drop to leave it out",
                 device ? "device" : "FIFO"));
     const bool kept = !in_dev && options_.devices == Devices::kKeep;
-    std::string detail = kept ? "in the layer, but not made" : "left out";
+    std::string detail = kept ? "in the layer, but not created" : "left out";
     if (device)
         detail = fmt::format("{} {}:{}, {}", node.kind == Kind::kCharDevice ? "char" : "block",
                              node.major, node.minor, detail);

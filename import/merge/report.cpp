@@ -25,7 +25,7 @@ constexpr std::array<Words, 16> kWords = {{
     {Change::kOwner, true, "owner", "owner", "owners"},
     {Change::kSetId, true, "set-id", "set-id or sticky bit", "set-id or sticky bits"},
     {Change::kLinkTarget, true, "link-target", "link target", "link targets"},
-    {Change::kDanglingLink, true, "dangling-link", "hard link to nothing", "hard links to nothing"},
+    {Change::kDanglingLink, true, "dangling-link", "dangling hard link", "dangling hard links"},
     {Change::kUnrepresentable, true, "unrepresentable", "file that cannot be written",
      "files that cannot be written"},
     {Change::kTime, true, "time", "modification time", "modification times"},

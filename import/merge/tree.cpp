@@ -61,7 +61,7 @@ class Way {
 } // namespace
 
 Tree::Tree(const Limits& limits)
-    : root_(std::make_shared<Node>()), depth_(limits.depth), may_imply_(limits.entries)
+    : root_(std::make_shared<Node>()), depth_(limits.depth), implied_left_(limits.entries)
 {
     root_->implied = true;
 }
@@ -149,11 +149,11 @@ Node* Tree::descend(std::span<const std::string> names, const Implied* implied)
 
 Node& Tree::make_directory(Node& parent, const std::string& name, const Implied& implied)
 {
-    if (may_imply_ == 0)
+    if (implied_left_ == 0)
         throw Failure(
             name,
             "requires too many directories that have no member of their own (see --max-entries)");
-    --may_imply_;
+    --implied_left_;
     const auto made = std::make_shared<Node>();
     made->mtime = implied.mtime;
     made->layer = implied.layer;

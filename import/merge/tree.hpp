@@ -78,7 +78,7 @@ class Tree {
 
     std::shared_ptr<Node> root_;
     std::uint64_t depth_;
-    std::uint64_t may_imply_; // number of directories that may still be created
+    std::uint64_t implied_left_; // number of directories that may still be created
 };
 
 } // namespace zncimport

@@ -83,7 +83,7 @@ std::string optional_text(const Json& section, const char* key)
 {
     const Json* item = member(section, key);
     if (item != nullptr && !item->is_null() && !item->is_string())
-        refuse(fmt::format("\"{}\" is no text", key));
+        refuse(fmt::format("\"{}\" is not a string", key));
     return text_of(section, key);
 }
 

@@ -42,7 +42,7 @@ struct Member {
 
 class ArchiveReader {
   public:
-    // `plain` is the uncompressed archive (borrowed). `name` is used in messages.
+    // `plain` is the uncompressed archive (not owned). `name` is used in messages.
     ArchiveReader(Reader& plain, std::string name, Budget& budget);
     ~ArchiveReader();
     ArchiveReader(const ArchiveReader&) = delete;

@@ -8,8 +8,8 @@
 
 namespace zncimport {
 
-// Nothing for a text that is none: whole groups of four characters of the alphabet, the last one
-// padded, and nothing else.
+// Nullopt unless the text consists of complete groups of four Base64 characters, the last one
+// padded.
 std::optional<std::string> decode_base64(std::string_view text);
 
 } // namespace zncimport

@@ -35,7 +35,7 @@ class ImageFiles {
 };
 using ImageFilesPtr = std::unique_ptr<ImageFiles>;
 
-// Opens files below the directory (borrowed); symbolic links are not followed.
+// Opens files below the directory (not owned); symbolic links are not followed.
 class DirectoryFiles : public ImageFiles {
   public:
     explicit DirectoryFiles(int directory) : directory_(directory) {}
@@ -49,7 +49,7 @@ class DirectoryFiles : public ImageFiles {
 // identical layers as links. If several members have the same name, the last one counts.
 class ArchiveFiles : public ImageFiles {
   public:
-    // Reads all headers. The descriptor in `whole` is borrowed.
+    // Reads all headers. The descriptor in `whole` is not owned.
     ArchiveFiles(const FilePart& whole, const Limits& limits);
 
     [[nodiscard]] bool has(const std::string& path) const;

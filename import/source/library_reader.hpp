@@ -13,7 +13,7 @@ namespace zncimport {
 
 class LibraryReader {
   public:
-    // `source` is borrowed. The caller sets formats and filters before it opens the archive.
+    // `source` is not owned. The caller sets formats and filters before it opens the archive.
     explicit LibraryReader(Reader& source);
     ~LibraryReader();
     LibraryReader(const LibraryReader&) = delete;

@@ -23,7 +23,7 @@ void Budget::take_bytes(const std::string& object, std::uint64_t count)
 void Budget::take_names(const std::string& object, std::uint64_t count)
 {
     constexpr std::uint64_t kPerEntry = 512;
-    constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{16} << 20U; // even with few members
+    constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{16} << 20U; // bytes of names
     names_ += count;
     if (names_ > kAlwaysAllowed && names_ / kPerEntry > limits_.entries)
         throw Failure(object, "the names in the image take up too many bytes (see --max-entries)");

@@ -86,7 +86,7 @@ struct OpenedSource {
 OpenedSource open_source(const SourceName& name, const std::string& input_name = "standard input");
 
 // Detects the kind of the source and reads its index. `spool` stores streams that are not seekable
-// or are compressed. `spool` and `opened` are borrowed.
+// or are compressed. `spool` and `opened` are not owned.
 SourcePtr read_source(const OpenedSource& opened, Spool& spool, Budget& budget);
 
 // Returns the index of the selected image. If none or several match, throws a Failure that lists

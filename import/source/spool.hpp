@@ -26,7 +26,7 @@ class Spool {
     void cut(std::uint64_t size);
 
     [[nodiscard]] ReaderPtr read(Extent extent) const;
-    // The descriptor of the file (borrowed).
+    // The descriptor of the file (not owned).
     [[nodiscard]] int fd() const { return file_.get(); }
 
   private:

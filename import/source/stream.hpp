@@ -32,13 +32,13 @@ class Reader {
 };
 using ReaderPtr = std::unique_ptr<Reader>;
 
-// Reads a part of a seekable file; the descriptor is borrowed.
+// Reads a part of a seekable file; the descriptor is not owned.
 ReaderPtr read_part(int fd, std::string name, std::uint64_t offset, std::uint64_t size);
 
-// Reads a descriptor, for example a pipe, from its current position; the descriptor is borrowed.
+// Reads a descriptor, for example a pipe, from its current position; the descriptor is not owned.
 ReaderPtr read_stream(int fd, std::string name);
 
-// Counts and hashes the bytes read through it. `source` is borrowed.
+// Counts and hashes the bytes read through it. `source` is not owned.
 class DigestReader : public Reader {
   public:
     explicit DigestReader(Reader& source) : source_(source) {}
@@ -61,7 +61,7 @@ constexpr std::size_t kMagicSize = 6;
 bool is_compressed(std::span<const std::byte> head);
 
 // Returns a reader of the decompressed stream that enforces the budget's limits for bytes and
-// ratio. `source` is borrowed, `name` is used in messages. Reads `source` to its end before it
+// ratio. `source` is not owned, `name` is used in messages. Reads `source` to its end before it
 // returns 0.
 ReaderPtr plain(Reader& source, std::string name, Budget& budget);
 

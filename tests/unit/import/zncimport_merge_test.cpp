@@ -123,7 +123,7 @@ TEST_F(MergeTest, NamesAndTargetsLongerThanAnyFilesAreErrors)
         Spool spool;
         ArchiveReader archive(bytes, "layer", budget);
         EXPECT_TRUE(
-            says(failure_of([&] { Merge::read_layer(archive, spool); }), "longer than any file's"));
+            says(failure_of([&] { Merge::read_layer(archive, spool); }), "path that is too long"));
     }
 }
 
@@ -178,7 +178,7 @@ TEST_F(MergeTest, WhiteoutsDoNotDependOnEachOther)
         Names{"usr/"});
 }
 
-TEST_F(MergeTest, WhiteoutOfNothingChangesNothing)
+TEST_F(MergeTest, WhiteoutWithoutATargetIsIgnored)
 {
     EXPECT_EQ(names(merged({{file("a")}, {file(".wh.b"), file("none/.wh.c"), file("a/.wh.x")}})),
               Names{"a"});
@@ -422,7 +422,7 @@ TEST_F(MergeTest, AWaitingHardLinkThatIsReplacedOrRemovedWaitsNoMore)
     EXPECT_EQ(report.losses(), 0U);
 }
 
-TEST_F(MergeTest, AWaitingHardLinkIsSettledWhereItIsThoughItsPathLeadsElsewhereNow)
+TEST_F(MergeTest, PendingHardLinkIsResolvedAtItsOriginalPlace)
 {
     const Tree tree =
         merged({{directory("d"), symbolic("l", "d"), hardlink("l/h", "none")}, {directory("l")}});
@@ -461,7 +461,7 @@ TEST_F(MergeTest, AHardLinkOutlivesADirectoryThatItReplacesWithItsFile)
     EXPECT_EQ(at(tree, "d").data.offset, 6U);
 }
 
-TEST_F(MergeTest, TouchedAreLayersThatLaterOnesTakeFrom)
+TEST_F(MergeTest, TouchedLayersAreThoseChangedByLaterOnes)
 {
     merged({{file("a"), file("d/x")},
             {file("b")},

@@ -250,7 +250,7 @@ TEST_F(PrepareTest, DotsAtTheRootCollapse)
     EXPECT_EQ(at("a/b/l").target, "f");
 }
 
-TEST_F(PrepareTest, DotsAreTakenAwayOverRealDirectoriesOnly)
+TEST_F(PrepareTest, DotDotIsCollapsedAfterRealDirectoriesOnly)
 {
     const std::string padding(99, '/');
     prepared({directory("real"), symbolic("link", "/real"), file("x"),
@@ -273,7 +273,7 @@ TEST_F(PrepareTest, TargetsThatStayTooLongFailAndSayHowToGoOn)
     EXPECT_TRUE(says(text, "d/l") && says(text, "--long-links=hop")) << text;
 }
 
-TEST_F(PrepareTest, HopsLeadToTheSamePlace)
+TEST_F(PrepareTest, IntermediateLinksReachTheSameTarget)
 {
     options.long_links = LongLinks::kHop;
     const std::string deep = kDirectory + "/" + kLong;
@@ -306,7 +306,8 @@ TEST_F(PrepareTest, HopsAreTheSameEveryTimeAndCollideWithNothing)
 TEST_F(PrepareTest, ATargetOfOneNameThatIsTooLongFailsEvenWithHops)
 {
     options.long_links = LongLinks::kHop;
-    EXPECT_TRUE(says(problem({symbolic("l", std::string(200, 'x'))}), "even in steps"));
+    EXPECT_TRUE(
+        says(problem({symbolic("l", std::string(200, 'x'))}), "even with --long-links=hop"));
 }
 
 TEST_F(PrepareTest, EndlessTargetsAreNoMoreStepsThanTheKernelTakes)
@@ -315,7 +316,7 @@ TEST_F(PrepareTest, EndlessTargetsAreNoMoreStepsThanTheKernelTakes)
     std::string target;
     while (target.size() < 4000)
         target += "/" + kLong;
-    EXPECT_TRUE(says(problem({symbolic("l", target)}), "even in steps"));
+    EXPECT_TRUE(says(problem({symbolic("l", target)}), "even with --long-links=hop"));
 }
 
 TEST_F(PrepareTest, ALinkInPlaceOfAHardLinkMayBeTooLong)

@@ -378,7 +378,7 @@ TEST(LayoutSource, TwoMembersOfTheSameNameAreAnError)
     for (const char* key : {"b", "B"}) {
         test_tree::write_file(layout.dir / "l/index.json", std::string(R"({"a":[{"b":1,")") + key +
                                                                R"(":2}],)" + index.substr(1));
-        EXPECT_TRUE(has(problem_of(layout), std::string("the key \"") + key + "\" is there twice"));
+        EXPECT_TRUE(has(problem_of(layout), std::string("duplicate key \"") + key + "\""));
     }
 }
 
