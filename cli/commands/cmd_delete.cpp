@@ -31,7 +31,7 @@ int cmd_delete(const Arguments& args)
     return for_each_id(ids, true, [&](const std::string& id) {
         if (delete_container(id, force) == OK)
             return args.has("quiet") ? static_cast<int>(kExitOk) : print_result(printable(id));
-        // With --force, no container of that id is what is wanted.
+        // With --force, a missing container is not an error.
         return force && errno == ENODEV ? static_cast<int>(kExitOk) : daemon_failure(errno, id);
     });
 }

@@ -60,7 +60,7 @@ void check_blob(const std::string& layout, const Descriptor& blob, const std::st
 
 void look_at_settings(const Image& image, Verdict& verdict)
 try {
-    verdict.asked = asked_for(image.config_document);
+    verdict.asked = image_requests(image.config_document);
 } catch (const BadConfiguration& bad) {
     refuse(verdict, bad.what());
 }
@@ -77,7 +77,7 @@ Verdict check(const std::string& layout, const Image& image)
         children(any_case_member(any_case_member(image.config_document, "rootfs"), "diff_ids"));
     if (configured && ids.size() != image.layers.size())
         refuse(verdict, "the configuration names another number of layers");
-    // What is wrong with a layer that is named again and again is said once.
+    // Report problems of a layer that is listed several times only once.
     std::set<std::string> seen;
     auto id = ids.begin();
     for (std::size_t i = 0; i < image.layers.size(); i++) {

@@ -27,7 +27,7 @@ int cmd_image_prune(const Arguments& args)
 try {
     const bool all = args.has("all");
     if (!args.has("force") && ::isatty(STDIN_FILENO) == 0)
-        return failure("", "standard input is not a terminal to ask on: --force is needed");
+        return failure("", "standard input is not a terminal, so --force is needed");
     if (!args.has("force") && !is_confirmed(all))
         return kExitOk;
     StoreChange change;

@@ -28,7 +28,7 @@ constexpr const char* kColumns[][2] = {{"ID", "IMAGE ID"},
                                        {"Size", "SIZE"},
                                        {"Names", "NAMES"}};
 
-// Whether an image is one of those that the operand means: a name, or one without its tag.
+// Whether an image matches the operand, a name with or without a tag.
 bool is_meant(const ListedImage& image, const std::string& operand)
 {
     const std::size_t colon = operand.rfind(':');

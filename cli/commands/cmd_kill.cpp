@@ -41,8 +41,8 @@ int zncctl::cmd_kill(const Arguments& args)
     return for_each_id(ids, args.has("quiet"), [&](const std::string& id) {
         if (call_library([&] { return zncKill(id.c_str(), signo, option); }) != OK)
             return daemon_failure(errno, id);
-        // Other signals wait until the container is resumed. KILL comes first: no process of a
-        // paused container runs on before it ends.
+        // Other signals wait until the container is resumed. Send KILL before resuming, so that no
+        // process continues to run.
         if (signo == kSignalKill && resume_if_paused(id) != OK)
             return local_failure(errno, id);
         return static_cast<int>(kExitOk);

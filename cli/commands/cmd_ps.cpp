@@ -28,7 +28,7 @@ const std::vector<std::string>& fields()
     return kFields;
 }
 
-// The names of columns that are more than the name of their field.
+// Column headings that differ from the field name.
 std::string column_name(const std::string& field)
 {
     static const std::map<std::string, std::string> kNames = {

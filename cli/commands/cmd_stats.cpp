@@ -174,7 +174,7 @@ class Stats {
         if (sample.running)
             add_share(sample);
         else if (status == STATE_RUNNING && errno == ENOTSUP)
-            return failure(id, "this machine has no control groups, which count what it uses");
+            return failure(id, "this machine has no cgroups, which are needed to measure usage");
         else if (status == STATE_RUNNING && errno != ESRCH)
             return local_failure(errno, id);
         return kExitOk;

@@ -17,7 +17,7 @@ struct Process {
     std::string command;
 };
 
-// All processes except process 1 of the namespace, which belongs to the container system.
+// All processes except process 1 of the namespace, which is the keeper.
 std::vector<Process> processes_in(const std::string& pid_namespace)
 {
     std::vector<Process> processes;

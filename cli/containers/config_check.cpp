@@ -71,7 +71,7 @@ void add(const ZNC_CONFIG_FINDING* finding, void* list)
           found_in(*finding)}});
 }
 
-// What the library says; nothing when it reads no JSON there.
+// The findings of the library; nullopt if it cannot parse the text.
 std::optional<std::vector<Finding>> findings_in(std::string_view text)
 {
     std::vector<Finding> findings;
@@ -97,11 +97,11 @@ std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, st
         problem = notes.problem;
         if (!notes.duplicate_key)
             return std::nullopt;
-        result.push_back({true, *notes.duplicate_key, "one such key", "two"});
+        result.push_back({true, *notes.duplicate_key, "the key only once", "two"});
     }
     auto findings = findings_in(text);
     if (!findings) {
-        problem = "no JSON for the library";
+        problem = "not valid JSON";
         return std::nullopt;
     }
     for (Finding& finding : *findings)

@@ -29,7 +29,7 @@ class ContainerFilter {
 
     // Whether the filters ask for a state, so that containers that do not run are wanted, too.
     [[nodiscard]] bool names_state() const;
-    // Of several filters of one key one must match, and so for each key.
+    // Filters with the same key are alternatives; each key must match.
     [[nodiscard]] bool matches(const FilteredContainer& container) const;
 
   private:

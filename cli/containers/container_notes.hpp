@@ -1,6 +1,6 @@
-// container_notes.hpp - what zncctl knows of a container from its creation and the daemon does not:
-// its image, its published ports and how its program is to be started. Kept in the bundle that was
-// made for the container; containers that use a bundle of the user have none.
+// container_notes.hpp - data about a container that zncctl stores when it creates it and the daemon
+// does not have: its image, its published ports and how its program is to be started. Kept in the
+// bundle that was made for the container; containers that use a bundle of the user have none.
 #ifndef ZNC_CLI_CONTAINERS_CONTAINER_NOTES_HPP
 #define ZNC_CLI_CONTAINERS_CONTAINER_NOTES_HPP
 

@@ -25,7 +25,7 @@ namespace {
 std::string temporary_name(const std::string& name)
 {
     std::random_device random;
-    constexpr std::size_t kKept = 200; // so that the name is not too long
+    constexpr std::size_t kKept = 200; // bytes of the name, so that the new one is not too long
     return fmt::format(".{}.{:08x}{:08x}", name.substr(0, kKept), random(), random());
 }
 

@@ -141,8 +141,8 @@ int start_exec(const RunningContainer& container, ExecProgram& wanted, Program& 
     if (error != 0)
         return error;
     // Once the daemon has found that a container has ended, it does not signal its processes any
-    // more: a program that came too late must not stay. If the daemon found it while this program
-    // runs, it did so before it was started.
+    // more: a program started after that must be killed. If the status is "stopped" although our
+    // program runs, the daemon determined it before the program was started.
     if (status_of(container.id()) == STATE_STOPPED && !program.look()) {
         program.signal(SIGKILL);
         return ESRCH;

@@ -1,5 +1,5 @@
-// listing.hpp - the containers as lists of them show them: the daemon's state and what zncctl's
-// records and notes add to it. Used by list and ps.
+// listing.hpp - the rows of container lists: the daemon's state, completed from zncctl's records
+// and notes. Used by list and ps.
 #ifndef ZNC_CLI_CONTAINERS_LISTING_HPP
 #define ZNC_CLI_CONTAINERS_LISTING_HPP
 

@@ -132,8 +132,8 @@ std::vector<LogPart> LogReader::read_parts()
     return parts;
 }
 
-// If the log is rotated while its files are opened, the times may be those of another file: texts
-// then get a time that is near theirs.
+// If the log is rotated while its files are opened, the times may be those of another file: lines
+// then get a slightly wrong time.
 void LogReader::add_parts(std::string_view text, std::vector<LogPart>& parts)
 {
     Time entry = {};

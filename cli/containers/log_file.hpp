@@ -66,7 +66,7 @@ class LogReader {
     znc::UniqueFd file_;
     znc::UniqueFd times_;
     Time last_ = {0, 0};
-    std::vector<Time> next_; // read already, and behind what was read of the log
+    std::vector<Time> next_; // times already read whose log text has not been read yet
     std::uint64_t offset_ = 0;
 };
 

@@ -19,7 +19,7 @@ constexpr std::array<std::string_view, 2> kAccess = {"ro", "rw"};
 // Options that are passed on for mounts of any kind.
 constexpr std::array<std::string_view, 6> kFlags = {"ro",    "rw",     "nosuid",
                                                     "nodev", "noexec", "exec"};
-// What containers have anyway: private propagation; and labels, which this system does not have.
+// Options without effect: private propagation is the default, and SELinux labels are not supported.
 constexpr std::array<std::string_view, 4> kNoEffect = {"private", "rprivate", "z", "Z"};
 constexpr std::array<std::string_view, 5> kTmpfsData = {
     "size=", "mode=", "nr_inodes=", "uid=", "gid="};

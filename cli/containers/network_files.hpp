@@ -13,7 +13,7 @@ namespace zncctl {
 // options is left out.
 std::string resolver_text(std::string_view host);
 
-// localhost and the container's host name, unless that does not belong into the file.
+// Entries for localhost and for the container's host name, unless that is not a valid host name.
 std::string hosts_text(const std::string& name);
 
 // The host name of a container that is named by its id: as much of it as a host name can be, with

@@ -69,8 +69,8 @@ class Program {
     std::optional<int> status_;
 };
 
-// Returns 0 if the container can be started, else an errno value, -1 if there is none. To be called
-// before a new record is begun, which deletes the old one.
+// Returns 0 if the container can be started, else an errno value, -1 if there is none. Call this
+// before creating a new record, because that deletes the old one.
 int startable(const std::string& id);
 
 // Returns the record of a program that was just started.

@@ -48,7 +48,7 @@ class Conditions {
     {
         utsname system = {};
         if (::uname(&system) != 0)
-            throw std::runtime_error("the kernel does not tell its version");
+            throw std::runtime_error("the kernel version cannot be determined");
         kernel_ = version_of(system.release);
         for (const Architecture& known : kArchitectures)
             if (std::string_view(system.machine) == known.machine)

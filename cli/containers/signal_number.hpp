@@ -4,7 +4,7 @@
 
 namespace zncctl {
 
-// Converts "KILL", "SIGKILL", "kill" or "9" to the container system's signal number; -1 if unknown.
+// Converts "KILL", "SIGKILL", "kill" or "9" to the library's signal number; -1 if unknown.
 int signal_number(const char* text);
 
 } // namespace zncctl

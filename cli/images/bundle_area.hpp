@@ -32,9 +32,9 @@ znc::UniqueFd make_locked_directory(const std::string& area, std::string_view pr
 // The directory of the bundles.
 std::string bundle_area();
 
-// Keeps unused bundles from being collected, from before a bundle is looked for until its container
-// exists; in the area of the image store, keeps the blobs of an image until they are open. Commands
-// that use them share the lock; a collection takes it exclusively and does not wait for it.
+// A shared lock against garbage collection: held from the lookup of a bundle until its container
+// exists; in the image store, until the blobs of an image are open. Commands that use them share
+// the lock; a collection takes it exclusively and does not wait for it.
 class BundlesInUse {
   public:
     // Waits for a running collection, printing a hint after a second. Throws std::runtime_error if

@@ -87,7 +87,7 @@ Image only_image(const std::string& layout)
     return image;
 }
 
-// What a conversion would not change.
+// Findings that conversion does not fix.
 bool is_kept(const Finding& finding)
 {
     return finding.what == kModeFinding || finding.what == kOwnerFinding;

@@ -19,8 +19,7 @@ struct ImportSource {
     std::vector<std::string> options; // for zncctl-import
 };
 
-// The options of an import that the user did not ask for: devices, which have no effect in a
-// container's root, are left out, and long links lead through others.
+// Options for an implicit import: drop devices, and split long link targets into chains of links.
 inline std::vector<std::string> usual_options()
 {
     return {"--devices=drop", "--long-links=hop"};
@@ -53,7 +52,7 @@ enum class Fitness {
     kDamaged    // a layer is not what its digest or size says
 };
 
-// Reads all layers of an image, unless its media types tell.
+// Reads all layers of an image, unless the media types already show that it must be converted.
 Fitness fitness_of(const std::string& layout, const Image& image);
 
 // Prints a message about zncctl-import, which could not be started with `error`; an exit status.

@@ -57,7 +57,8 @@ void copy_texts(Json& to, const Json& from, const char* key)
     const Json* list = typed_member(from, key, Json::value_t::array, "an array");
     for (const Json& item : children(list))
         if (!item.is_string())
-            throw BadConfiguration(fmt::format("\"{}\" holds something that is not a text", key));
+            throw BadConfiguration(
+                fmt::format("\"{}\" contains an element that is not a string", key));
     if (list != nullptr)
         append(to, key, *list);
 }
@@ -160,7 +161,7 @@ class ConfigurationFilter {
         for (char& c : lower)
             c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
         if (!settings.insert(lower).second)
-            throw BadConfiguration(fmt::format("the label \"{}\" is there twice", label));
+            throw BadConfiguration(fmt::format("duplicate label \"{}\"", label));
         const std::string name = fmt::format("{}.{}", kRtpPrefix, setting);
         const bool urgent = is_urgent(setting, value);
         append(to, name, urgent ? Json(std::to_string(kNormalPriority)) : value);
@@ -193,7 +194,7 @@ class ConfigurationFilter {
 
 } // namespace
 
-SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts)
+SettledConfiguration filter_configuration(const Json& configuration, bool allow_mounts)
 {
     if (!configuration.is_object())
         throw BadConfiguration("the configuration is not an object");
@@ -210,12 +211,12 @@ SettledConfiguration settle_configuration(const Json& configuration, bool allow_
     return settled;
 }
 
-std::vector<std::string> asked_for(const Json& configuration)
+std::vector<std::string> image_requests(const Json& configuration)
 {
     std::vector<std::string> asked;
     const Json& section = object_member(configuration, "config");
     // Throws the same errors as an unpack would.
-    static_cast<void>(settle_configuration(configuration, true));
+    static_cast<void>(filter_configuration(configuration, true));
     for (const auto& asked_mount : object_member(section, "Volumes").items()) {
         const ImageMount mount = read_mount(asked_mount.key());
         const bool volume = mount.kind == ImageMount::Kind::kVolume;

@@ -1,4 +1,4 @@
-// image_settings.hpp - what an image's configuration requests, and how much of that a bundle gets.
+// image_settings.hpp - filters the configuration of an image before it is passed to the library.
 // The library copies an image's settings into the bundle's config.json unchecked, including mounts
 // of host directories and the priority of the program. `run`, `unpack` and `spec` therefore never
 // pass an image's own configuration to the library, but a new one without the settings that an
@@ -24,7 +24,7 @@ class BadConfiguration : public std::runtime_error {
 
 // What the image requests apart from running its program: mounts, priority, root, ports, volumes.
 // One line each; throws BadConfiguration.
-std::vector<std::string> asked_for(const Json& configuration);
+std::vector<std::string> image_requests(const Json& configuration);
 
 struct SettledConfiguration {
     Json document;
@@ -34,7 +34,7 @@ struct SettledConfiguration {
 // Makes the configuration that is passed to the library. Of the mounts it keeps volumes and tmpfs
 // and, with `allow_mounts`, host directories, but never "dev", "suid", "rbind" or mount
 // propagation. A priority more urgent than normal becomes normal. Throws BadConfiguration.
-SettledConfiguration settle_configuration(const Json& configuration, bool allow_mounts);
+SettledConfiguration filter_configuration(const Json& configuration, bool allow_mounts);
 
 // The annotation in config.json that lists the directories whose sticky bit is lost when the image
 // is extracted; see sticky.hpp. Labels of this name in an image are ignored.

@@ -37,7 +37,7 @@ std::string arch_of(const Arguments& args)
     return wanted_platform(args).arch.value_or(host_arch());
 }
 
-// Makes an entry of the store an image to be used.
+// Converts an entry of the store to a Wanted.
 Wanted wanted_stored(const StoredImage& image, std::string label,
                      std::shared_ptr<BundlesInUse> in_use)
 {
@@ -45,7 +45,7 @@ Wanted wanted_stored(const StoredImage& image, std::string label,
             std::move(label),           image.manifest, std::move(in_use)};
 }
 
-// The image that was made from what has this digest; nullopt if there is none.
+// The stored image whose source has this digest; nullopt if there is none.
 std::optional<Wanted> find_made_from(const std::string& source, const std::string& label)
 {
     auto in_use = std::make_shared<BundlesInUse>(image_area());
@@ -55,8 +55,8 @@ std::optional<Wanted> find_made_from(const std::string& source, const std::strin
     return std::nullopt;
 }
 
-// The same, which is made if there is none. Only one process makes an image, the others wait for
-// it. Nullopt after printing a message.
+// Like find_made_from(), but imports the image if there is none. Concurrent processes wait for the
+// first. Nullopt after printing a message.
 std::optional<Wanted> find_or_make(const ImportSource& what, const std::string& source,
                                    const std::string& label)
 {
@@ -318,7 +318,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
         return std::nullopt;
     try {
         SettledConfiguration settled =
-            settle_configuration(image->config_document, args.has("allow-image-mounts"));
+            filter_configuration(image->config_document, args.has("allow-image-mounts"));
         return Chosen{std::move(*image), std::move(settled)};
     } catch (const BadConfiguration& bad) {
         static_cast<void>(

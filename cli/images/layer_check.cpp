@@ -58,7 +58,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_OWNER:
         return kOwnerFinding;
     case ZNC_LAYER_WHITEOUT:
-        return "whiteout: stays a file and hides nothing";
+        return "whiteout: extracted as a file; it hides nothing";
     case ZNC_LAYER_NOT_MADE:
         return not_made(report.type);
     case ZNC_LAYER_NO_FILE:
@@ -68,7 +68,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_SIZE_FORM:
         return "the size is not written in octal digits";
     case ZNC_LAYER_LENGTH:
-        return "its length is no multiple of 512 bytes";
+        return "its length is not a multiple of 512 bytes";
     case ZNC_LAYER_COMPRESSION:
         return fmt::format("it is compressed with {}", report.member);
     case ZNC_LAYER_CHECKSUM:
@@ -82,7 +82,7 @@ std::string words(const ZNC_LAYER_REPORT& report, const std::string& digest)
     case ZNC_LAYER_PARENT:
         return "the member's directory is a link or a file";
     case ZNC_LAYER_LINK_EXISTS:
-        return "a symbolic link where something is already";
+        return "a symbolic link whose name exists already";
     case ZNC_LAYER_LINK_EMPTY:
         return "a symbolic link without a target";
     case ZNC_LAYER_CUT:

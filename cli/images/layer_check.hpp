@@ -11,10 +11,10 @@ namespace zncctl {
 // Texts of findings that importing the image does not change.
 inline constexpr const char* kModeFinding = "set-id or sticky bit: dropped";
 inline constexpr const char* kOwnerFinding = "owner other than root: dropped";
-// Those of damage that it does not repair.
+// Texts of findings about damage, which importing does not repair.
 inline constexpr const char* kHeaderFinding = "the header is damaged";
 inline constexpr const char* kCutFinding = "the archive ends within a member";
-inline constexpr const char* kContentFinding = " has another content"; // the end of the text
+inline constexpr const char* kContentFinding = " does not match its digest"; // the end of the text
 inline constexpr const char* kDiffIdFinding =
     "its content is not what the image's configuration says";
 

@@ -32,8 +32,8 @@ void take_turn(NamedLock& lock, const std::string& path)
         return;
     if (errno == ETIMEDOUT)
         throw std::runtime_error(
-            fmt::format("{}: another process that prepares an image has had it for {} seconds",
-                        path, kMost.count()));
+            fmt::format("{}: locked for {} seconds by another process that prepares an image", path,
+                        kMost.count()));
     throw_error(path);
 }
 

@@ -30,7 +30,7 @@ run zncctl pause web
 if [[ $err == *'no control groups'* ]]; then
     check 'without control groups pause says so' test "$status/$out" = 1/
     run zncctl stats --no-stream web
-    fails_with 'and stats' 1 'this machine has no control groups, which count what it uses'
+    fails_with 'and stats' 1 'this machine has no cgroups, which are needed to measure usage'
     run zncctl exec web echo works
     expect 'exec works without them' 0 works ''
     printf 'skipped: this machine has no control groups\n'
@@ -62,7 +62,7 @@ run timeout 60 "$ZNCCTL" exec -d web echo
 fails_with 'also detached' 3 'it is paused'
 run zncctl top web
 check 'top lists its processes' grep -q 'echo tick' "$work/out"
-check 'which have done nothing since' test "$(lines web)" = "$before"
+check 'a paused container writes no output' test "$(lines web)" = "$before"
 run zncctl resume web
 expect 'resume prints the id' 0 web ''
 check 'it is running again' status_is web running

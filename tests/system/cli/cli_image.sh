@@ -110,7 +110,7 @@ run zncctl storage df
 check 'storage df counts the layers, which a bundle needs' grep -Eq '^layer   2      2     [1-9][0-9]* +0$' "$work/out"
 zncctl create keeps "$work/bundle"
 run zncctl storage gc --dry-run
-check 'what a container uses is no garbage' not grep -Eq '^(layer|device) ' "$work/out"
+check 'layers of a container are not collected' not grep -Eq '^(layer|device) ' "$work/out"
 check 'a dry run removes nothing' test -d "$ZNC_BASE"/bundles/image-*
 zncctl delete -q keeps
 run zncctl storage gc -q
@@ -180,10 +180,10 @@ flock -x 8
 run zncctl unpack --os linux "$layout" "$work/refused" 8>&-
 check 'a process that is stuck at preparing an image is waited for and then named' test "$status/$out/$err" = \
     "1//zncctl: hint: another process prepares an image; waiting for it
-zncctl: error: $layout: $ZNC_BASE/bundles/.making-layout: another process that prepares an image has had it for 10 seconds"
+zncctl: error: $layout: $ZNC_BASE/bundles/.making-layout: locked for 10 seconds by another process that prepares an image"
 exec 8>&-
 run zncctl unpack --os linux --progress none "$layout" "$work/refused"
-expect 'nobody who has let go is waited for' 0 '' ''
+expect 'a process that released the lock is not waited for' 0 '' ''
 check 'and the lock goes with its last user' test ! -e "$ZNC_BASE/bundles/.making-layout"
 rm -rf "$work/refused"
 zncctl storage gc -q

@@ -77,7 +77,7 @@ run zncctl image ls -q
 expect 'image ls lists the names of the store' 0 localhost/shell:latest ''
 run zncctl spec --image shell
 check 'spec takes a name' test "$(jq -r .process.cwd "$work/out")" = /
-check 'looking leaves nothing' no_stage
+check 'inspection leaves no files' no_stage
 check 'it is for root alone' test "$(stat -c %a "$store")" = 700
 
 start_daemon
@@ -213,7 +213,7 @@ check 'unpack converts, too' test "$status" = 0 -a -s "$work/unpacked/config.jso
 rm -rf "$work/unpacked"
 run zncctl image prune
 fails_with 'image prune does not remove without being asked to' 1 \
-    'standard input is not a terminal to ask on: --force is needed'
+    'standard input is not a terminal, so --force is needed'
 run zncctl image prune --force
 check 'image prune removes images without names' test "$status/$(blobs)" = 0/0
 
@@ -247,7 +247,7 @@ jq -c '.[0].RepoTags = ["../../etc/passwd:x", "/etc/shadow", "a\u001b[2Jb:1", "'
 cp "$work/manifest" "$work/docker/manifest.json"
 tar -C "$work/docker" -cf "$work/names.tar" .
 run zncctl load -i "$work/names.tar"
-expect 'load ignores names that are none' 0 'Loaded image: docker.io/library/fine:1' ''
+expect 'load ignores invalid image names' 0 'Loaded image: docker.io/library/fine:1' ''
 check 'also as names of the store' test "$(names)" = \
     'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
 zncctl rmi fine:1 >/dev/null

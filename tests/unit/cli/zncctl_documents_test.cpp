@@ -123,7 +123,7 @@ TEST(ConfigCheck, RefusesListsWithElementsOfAWrongType)
 TEST(ConfigCheck, RefusesKeysThatAreThereTwice)
 {
     const std::string text = std::string(R"({"ROOT": {"path": "/"},)") + (kGood + 1);
-    EXPECT_EQ(ambiguity(text), "the key \"root\" is there twice");
+    EXPECT_EQ(ambiguity(text), "duplicate key \"root\"");
     EXPECT_EQ(findings(text), (Texts{"refused root", "ignored root"}));
 }
 
@@ -206,7 +206,7 @@ TEST(LayerCheck, NamesWhatIsLeftOut)
     EXPECT_EQ(of_type('4'), Texts{"device: left out"});
     EXPECT_EQ(of_type('6'), Texts{"FIFO: left out"});
     EXPECT_EQ(of_type('5'), Texts{"directory whose name does not end in \"/\": left out"});
-    EXPECT_EQ(of_members({{".wh.gone"}}), Texts{"whiteout: stays a file and hides nothing"});
+    EXPECT_EQ(of_members({{".wh.gone"}}), Texts{"whiteout: extracted as a file; it hides nothing"});
     layout::Member program = {"su"};
     program.mode = 04755;
     EXPECT_EQ(of_members({program}), Texts{"set-id or sticky bit: dropped"});
@@ -222,7 +222,7 @@ TEST(LayerCheck, NamesMembersWithoutAPlace)
     EXPECT_EQ(of_members({layout::symlink("a", "b"), {"a/c"}}),
               Texts{"refused: the member's directory is a link or a file"});
     EXPECT_EQ(of_members({{"a"}, layout::symlink("a", "b")}),
-              Texts{"refused: a symbolic link where something is already"});
+              Texts{"refused: a symbolic link whose name exists already"});
     EXPECT_EQ(of_members({layout::directory("a/"), {"a"}}),
               Texts{"a file where a directory is: left out"});
 }
@@ -347,18 +347,17 @@ TEST(ReadLayout, RefusesKeysThatAreThereTwiceInEveryDocument)
     const std::string index = layout::read_file(made.dir() / "index.json");
 
     layout::write_file(made.dir() / "index.json", R"({"Manifests":[],)" + index.substr(1));
-    EXPECT_EQ(layout_problem(made, &refused), "index.json: the key \"manifests\" is there twice");
+    EXPECT_EQ(layout_problem(made, &refused), "index.json: duplicate key \"manifests\"");
     EXPECT_TRUE(refused);
     layout::write_file(made.dir() / "index.json", index);
 
     layout::write_file(made.dir() / "oci-layout",
                        R"({"imageLayoutVersion":"1.0.0","imageLayoutVersion":"2"})");
-    EXPECT_EQ(layout_problem(made, &refused),
-              "oci-layout: the key \"imageLayoutVersion\" is there twice");
+    EXPECT_EQ(layout_problem(made, &refused), "oci-layout: duplicate key \"imageLayoutVersion\"");
     layout::write_file(made.dir() / "oci-layout", R"({"imageLayoutVersion":"1.0.0"})");
 
     made.add_manifest(R"({"schemaVersion":2,"config":{},"layers":[],"Layers":[]})");
-    EXPECT_TRUE(layout_problem(made, &refused).ends_with(": the key \"Layers\" is there twice"));
+    EXPECT_TRUE(layout_problem(made, &refused).ends_with(": duplicate key \"Layers\""));
     EXPECT_TRUE(refused);
 }
 
@@ -408,7 +407,7 @@ TEST(ReadLayout, WaitsForNoFifoAndTakesNoOtherContent)
     layout::write_file(blob, content);
     images = read_layout(made.dir(), problem);
     ASSERT_TRUE(images) << problem;
-    EXPECT_EQ((*images)[0].problem, "blob " + digest + " has another content");
+    EXPECT_EQ((*images)[0].problem, "blob " + digest + " does not match its digest");
     layout::fs::remove(blob);
     ASSERT_EQ(::mkfifo(blob.c_str(), 0600), 0);
     images = read_layout(made.dir(), problem);

@@ -38,7 +38,7 @@ std::string configuration(const std::string& section, const std::string& extra =
 SettledConfiguration settled(const std::string& section, bool allow = false,
                              const std::string& extra = "")
 {
-    return settle_configuration(parse_json(configuration(section, extra)).value(), allow);
+    return filter_configuration(parse_json(configuration(section, extra)).value(), allow);
 }
 
 std::string section_of(const SettledConfiguration& settled)
@@ -64,7 +64,7 @@ bool is_sticky(const std::string& path)
 
 } // namespace
 
-TEST(ImageMount, IsToldByWhatTheLibraryMakesOfIt)
+TEST(ImageMount, KindIsDeterminedByTheLibrarysParser)
 {
     EXPECT_EQ(read_mount("/data").kind, Kind::kVolume);
     EXPECT_EQ(read_mount("/data::rbind:bind").kind, Kind::kVolume);
@@ -127,7 +127,7 @@ TEST(SettledConfiguration, RefusesMoreMountsThanTheDaemonMakesAtOnce)
     EXPECT_EQ(refusal(volumes(1000, "/data", "")), "");
 }
 
-TEST(SettledConfiguration, CutsAnUrgentPriority)
+TEST(SettledConfiguration, ReducesAnUrgentPriorityToNormal)
 {
     const auto of = [](const std::string& value, const std::string& name = "rtpPriority") {
         const SettledConfiguration made =
@@ -148,12 +148,12 @@ TEST(SettledConfiguration, RefusesSettingsThatAreThereTwice)
 {
     EXPECT_EQ(refusal(R"({"Labels":{"com.quenmark.zarnel.rtp.rtpPriority":"100",
                           "com.quenmark.zarnel.rtp-RtpPriority":"0"}})"),
-              "the label \"com.quenmark.zarnel.rtp-RtpPriority\" is there twice");
+              "duplicate label \"com.quenmark.zarnel.rtp-RtpPriority\"");
 }
 
 TEST(SettledConfiguration, RefusesWhatIsNotOfItsType)
 {
-    EXPECT_EQ(refusal(R"({"Env":["A=b",5]})"), "\"Env\" holds something that is not a text");
+    EXPECT_EQ(refusal(R"({"Env":["A=b",5]})"), "\"Env\" contains an element that is not a string");
     EXPECT_EQ(refusal(R"({"Cmd":"sh"})"), "\"Cmd\" is not an array");
     EXPECT_EQ(refusal(R"({"WorkingDir":{"a":1}})"), "\"WorkingDir\" is not a text");
     EXPECT_EQ(refusal(R"({"Volumes":[1]})"), "\"Volumes\" is not an object");
@@ -176,7 +176,7 @@ TEST(SettledConfiguration, MakesOneAnnotationOfEachName)
 TEST(AskedFor, ListsWhatIsBeyondRunningAProgram)
 {
     const auto of = [](const std::string& section) {
-        return asked_for(parse_json(configuration(section)).value());
+        return image_requests(parse_json(configuration(section)).value());
     };
     EXPECT_EQ(of(R"({"User":"1000"})"), Texts{});
     EXPECT_EQ(of(R"({"Volumes":{"/data":{},"/:/h":{}},"ExposedPorts":{"80/tcp":{}},

@@ -177,7 +177,7 @@ TEST(AddNetwork, MountsItsFilesBelowThoseOfTheUser)
     EXPECT_EQ(mounts[3].at("source"), "/mine");
 }
 
-TEST(NetworkEnd, AsksAndSeesTheEnd)
+TEST(NetworkEnd, EndCanBeRequestedAndWaitedFor)
 {
     const std::string id = "network-end";
     EXPECT_FALSE(NetworkEnd(id));

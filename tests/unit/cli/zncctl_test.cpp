@@ -189,7 +189,7 @@ TEST(Parse, TwoDashesEndTheOptions)
     EXPECT_STREQ(parsed.args.operand(0), "-f");
 }
 
-TEST(Parse, AloneDashAndAnEmptyWordAreOperands)
+TEST(Parse, DashAndEmptyStringAreOperands)
 {
     EXPECT_STREQ(parse(row({"state"}), Words{"-"}).args.operand(0), "-");
     EXPECT_STREQ(parse(row({"state"}), Words{""}).args.operand(0), "");
@@ -397,7 +397,7 @@ TEST(Output, AnErrorIsOneLineWhateverTheNameHolds)
     EXPECT_EQ(streams.err, "zncctl: error: a?b?[2J: message\n");
 }
 
-TEST(Output, TheMessageOfANumberIsTheLibrarysWithoutItsFrame)
+TEST(Output, ErrorTextIsTheLibrarysWithoutPrefixAndPeriod)
 {
     EXPECT_EQ(message_of(ENODEV, ""), "Container does not exist");
     EXPECT_EQ(message_of(ENOTDIR, ""), "Not a directory");
