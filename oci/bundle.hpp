@@ -1,5 +1,5 @@
-// bundle.hpp - what zncrun itself reads of a configuration: root, mounts, the program, hooks. All
-// else is the platform's. Used by create, run and exec.
+// bundle.hpp - the parts of config.json that zncrun reads itself: root, mounts, process, hooks. The
+// platform reads the rest. Used by create, run and exec.
 #ifndef ZNC_OCI_BUNDLE_HPP
 #define ZNC_OCI_BUNDLE_HPP
 
@@ -42,8 +42,8 @@ struct Process {
     [[nodiscard]] ZN_ENGINE_PROGRAM program(int console, int descriptors) const;
 };
 
-// Removes capabilities that nobody here has heard of, which a newer engine may name, from a member
-// "process": they cannot be granted. Returns their names.
+// Removes unknown capabilities, which a newer engine may name, from a "process" object, since they
+// cannot be granted. Returns their names.
 std::vector<std::string> drop_unknown_capabilities(Json& process);
 
 class Bundle {

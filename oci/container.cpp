@@ -32,7 +32,7 @@ class Unfinished {
         try {
             if (directory_ != nullptr)
                 directory_->remove();
-        } catch (const Failure&) { // the failure that led here is the one to be reported
+        } catch (const Failure&) { // report only the original failure
         }
     }
     Unfinished(const Unfinished&) = delete;
@@ -238,14 +238,14 @@ void start_container(const Context& context, const std::string& id)
 
 void remove_container(StateDirectory& directory)
 {
-    // Without a state its creator was killed before it made anything else.
+    // Without a state file, `create` was killed before it created anything else.
     if (directory.has_state()) {
         const Container container = directory.read();
         const std::string& group = container.group;
         if (znEngineProcessAlive(&container.process) != FALSE) {
             znEngineProcessSignal(&container.process, SIGKILL);
             if (!group.empty())
-                znEngineGroupFreeze(group.c_str(), FALSE); // what is frozen does not die
+                znEngineGroupFreeze(group.c_str(), FALSE); // on v1, frozen processes do not die
             if (znEngineProcessEnded(&container.process, kKillMilliseconds) == FALSE)
                 throw Failure(fmt::format("container {:?} cannot be killed", container.id));
         }
@@ -256,7 +256,7 @@ void remove_container(StateDirectory& directory)
         Json config = Json::object();
         try {
             config = directory.read_config();
-        } catch (const Failure&) { // no hooks are known then
+        } catch (const Failure&) { // the configuration cannot be read: no hooks are run
         }
         run_hooks(config, "poststop", state_text(container, Status::kStopped),
                   OnFailure::kContinue);

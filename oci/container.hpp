@@ -1,4 +1,4 @@
-// container.hpp - what happens to a container: created, started, removed. Shared by the commands.
+// container.hpp - creating, starting and removing containers. Shared by the commands.
 #ifndef ZNC_OCI_CONTAINER_HPP
 #define ZNC_OCI_CONTAINER_HPP
 
@@ -11,7 +11,7 @@ Container create_container(const Context& context, const Arguments& args);
 
 void start_container(const Context& context, const std::string& id);
 
-// Ends the container if it lives, and removes its group and its directory.
+// Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);
 
 // Writes the process id for an engine that waits for the file: it is never seen incomplete.

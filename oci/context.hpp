@@ -24,7 +24,7 @@ struct Context {
     bool systemd = false; // control groups by systemd
 };
 
-// Ends a command: the message is for the log and for the standard error.
+// Exception for a failed command; the message goes to the log and to standard error.
 class Failure : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

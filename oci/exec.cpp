@@ -38,7 +38,7 @@ void set_user(Json& process, const std::string& text)
     process["user"] = Json::object({{"uid", *uid}, {"gid", *gid}});
 }
 
-// Of two variables with one name programs take either.
+// Replaces a variable of the same name: programs differ in which duplicate they use.
 void set_variable(Json& process, const std::string& text)
 {
     const std::string start = text.substr(0, text.find('=')) + "=";

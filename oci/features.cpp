@@ -1,4 +1,4 @@
-// features.cpp - the command features: what is honoured, in the format of the runtime
+// features.cpp - the command features: what is supported, in the format of the runtime
 // specification.
 #include "context.hpp"
 #include "front/files.hpp"

@@ -56,7 +56,7 @@ znc::UniqueFd input_of(const std::string& text)
     return input;
 }
 
-// Waits for the child's end, with SIGCHLD blocked. Nothing if it takes too long.
+// Waits for the child's end, with SIGCHLD blocked. Nullopt on timeout.
 std::optional<int> wait_for(pid_t pid, const std::optional<std::int64_t>& seconds)
 {
     sigset_t child;

@@ -132,7 +132,8 @@ int run_kill(const Context& context, const Arguments& args)
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
     if (args.has("all")) {
-        // Also when the first process has ended: others of a shared PID namespace may live.
+        // Also after the first process has ended: with a shared PID namespace other processes may
+        // still run.
         if (znEngineGroupSignal(container.group.c_str(), signal) != OK && errno != ENOENT)
             throw Failure(fmt::format("cgroup {}: {}", container.group, zncctl::error_text()));
         return 0;

@@ -24,7 +24,7 @@ void log_line(const Context& context, const char* level, const std::string& mess
     const std::string text =
         context.log_json ? zncctl::compact(line) + "\n"
                          : fmt::format("time=\"{}\" level={} msg={:?}\n", time, level, message);
-    // A log that cannot be written must not keep the command from its work.
+    // The command continues if the log cannot be written.
     const znc::UniqueFd log(
         ::open(context.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (log)

@@ -29,7 +29,7 @@ constexpr Option kBundle = {'b', "bundle", "DIR", "the bundle (default: the work
 constexpr Option kConfig = {'f', "config", "FILE",
                             "the configuration, instead of config.json in the bundle"};
 constexpr Option kConsole = {0, "console-socket", "SOCKET",
-                             "socket that gets the other end of the terminal"};
+                             "socket that receives the master of the pseudo-terminal"};
 constexpr Option kDetach = {'d', "detach", nullptr, "do not wait for the program"};
 constexpr Option kPidFile = {0, "pid-file", "FILE", "file that gets the process id"};
 constexpr Option kPreserve = {0, "preserve-fds", "N",
@@ -72,12 +72,12 @@ constexpr Option kExec[] = {
 constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
 constexpr Option kDelete[] = {
     {'f', "force", nullptr, "kill a running container; ignore an absent one"},
-    {'r', "regex", nullptr, "delete all whose id matches the regular expression"},
+    {'r', "regex", nullptr, "delete all containers whose id matches the regular expression"},
 };
 constexpr Option kUpdate[] = {
     {'r', "resources", "FILE", "limits as in linux.resources; - is the standard input"},
     {0, "memory", "BYTES", "limit of memory"},
-    {0, "memory-reservation", "BYTES", "memory to be left when it is short"},
+    {0, "memory-reservation", "BYTES", "soft limit of memory (reservation)"},
     {0, "memory-swap", "BYTES", "limit of memory and swap space"},
     {0, "cpu-share", "N", "share of the processors"},
     {0, "cpu-shares", "N", "share of the processors"},
@@ -91,7 +91,7 @@ constexpr Option kUpdate[] = {
 constexpr Option kFormat[] = {{'f', "format", "FORMAT", "json or table"}};
 constexpr Option kList[] = {{'f', "format", "FORMAT", "json or table"},
                             {'q', "quiet", nullptr, "ids only"}};
-constexpr Option kEvents[] = {{0, "stats", nullptr, "print the figures once"}};
+constexpr Option kEvents[] = {{0, "stats", nullptr, "print the statistics once"}};
 
 constexpr zncctl::Command describe(const char* name, const char* arguments, const char* help,
                                    std::span<const Option> options, std::size_t least,

@@ -108,7 +108,7 @@ StateDirectory StateDirectory::create(const Context& context, const std::string&
     return made;
 }
 
-// A directory that was removed while this process waited for the lock is none any more.
+// The directory may have been removed while this process waited for the lock.
 StateDirectory StateDirectory::locked(const std::string& path, Lock lock)
 {
     for (;;) {

@@ -1,7 +1,7 @@
 // state.hpp - the state directories: one for each container, below the root directory, named by its
 // id. A directory holds state.json, a copy of config.json, and, until the container is started, the
-// socket for its start. It is locked while a command changes the container. What is not true any
-// more is never said: whether a container runs is asked of the kernel.
+// socket for its start. It is locked while a command changes the container. Whether a container
+// runs is not stored but asked of the kernel.
 #ifndef ZNC_OCI_STATE_HPP
 #define ZNC_OCI_STATE_HPP
 
@@ -47,7 +47,7 @@ class StateDirectory {
     explicit operator bool() const { return static_cast<bool>(directory_); }
     [[nodiscard]] int get() const { return directory_.get(); }
 
-    // Fails if there is no state: the creator was killed at its beginning.
+    // Fails if there is no state file, because `create` was killed before it wrote one.
     [[nodiscard]] Container read() const;
     [[nodiscard]] bool has_state() const;
     void write(const Container& container) const;
