@@ -1,5 +1,5 @@
-// seccomp_calls_table.hpp - how the default filter of system calls is expected to answer each call.
-// By the kernel's numbers: a change of the filter's list of names must be repeated here.
+// seccomp_calls_table.hpp - how the default seccomp filter is expected to answer each call. By the
+// kernel's numbers: a change of the filter's list of names must be repeated here.
 #ifndef SECCOMP_CALLS_TABLE_HPP
 #define SECCOMP_CALLS_TABLE_HPP
 

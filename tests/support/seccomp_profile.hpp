@@ -1,5 +1,4 @@
-// seccomp_profile.hpp - profiles of system call filters, as the reader of a configuration makes
-// them.
+// seccomp_profile.hpp - profiles of seccomp filters, as the reader of a configuration makes them.
 #ifndef SECCOMP_PROFILE_HPP
 #define SECCOMP_PROFILE_HPP
 

@@ -144,14 +144,14 @@ run zncctl cp web:/tmp/tree "$work/here"
 check 'a directory is, too' test "$status/$(<"$work/here/tree/sub/two")/$(readlink "$work/here/tree/absolute")" = \
     0/two//etc/passwd
 run zncctl cp web:/tmp/tree/. "$work/content"
-check 'or its content' test "$status/$(<"$work/content/one")" = 0/one
+check 'DIR/. copies the content of a directory' test "$status/$(<"$work/content/one")" = 0/one
 run zncctl cp web:/tmp/pipe "$work/here/pipe"
-fails_with 'a special file is not' 1 '/tmp/pipe: It is not a regular file'
+fails_with 'a FIFO is not copied' 1 '/tmp/pipe: It is not a regular file'
 inside 'mkdir /tmp/special; mkfifo /tmp/special/pipe'
 run zncctl cp web:/tmp/special "$work/here"
-fails_with 'nor in a tree' 1 '/tmp/special/pipe: it is a device, FIFO or socket, which is not copied'
+fails_with 'a FIFO in a directory is not copied' 1 '/tmp/special/pipe: it is a device, FIFO or socket, which is not copied'
 run zncctl cp web:/dev/null "$work/here"
-check 'nor a device' test "$status" = 1 -a ! -e "$work/here/null"
+check 'a device is not copied' test "$status" = 1 -a ! -e "$work/here/null"
 
 # --- links that lead out
 mkdir -p "$work/secret"
@@ -159,16 +159,16 @@ echo secret >"$work/secret/file"
 inside "ln -s $work/secret /tmp/out; ln -s ../../../../../../../..$work/secret /tmp/up; ln -s /tmp/tree /tmp/in"
 for link in out up; do
     run zncctl cp "web:/tmp/$link/file" "$work/here"
-    check "a link that leads out of the container ($link) leads nowhere" test "$status" = 1 -a ! -e "$work/here/file"
+    check "a link that leads out of the container ($link) is not read" test "$status" = 1 -a ! -e "$work/here/file"
     run zncctl cp "$work/tree/one" "web:/tmp/$link/planted"
-    check 'nor for writing' test "$status" = 1 -a ! -e "$work/secret/planted"
+    check "nothing is written through a link that leads out ($link)" test "$status" = 1 -a ! -e "$work/secret/planted"
 done
 run zncctl cp web:/tmp/in/one "$work/here/through"
-check 'one that stays inside is followed' test "$status/$(<"$work/here/through")" = 0/one
+check 'a link that stays inside is followed' test "$status/$(<"$work/here/through")" = 0/one
 inside "mkdir -p /tmp/target; ln -s $work/secret /tmp/target/tree"
 run zncctl cp "$work/tree" web:/tmp/target
 check 'a directory is not copied through a link' test "$status" = 1
-check 'whatever it leads to' test "$(ls "$work/secret")" = file
+check 'nothing is written through a link to a directory' test "$(ls "$work/secret")" = file
 inside "mkdir -p /tmp/target2/tree; ln -s $work/secret/file /tmp/target2/tree/one"
 run zncctl cp "$work/tree" web:/tmp/target2
 check 'a link in the place of a file is replaced' test "$status/$(<"$work/secret/file")/$(inside \

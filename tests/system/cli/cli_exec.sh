@@ -42,7 +42,7 @@ expect 'a program that a signal ended exits 128 plus its number' 137 '' ''
 run zncctl exec web sh -c 'echo "$0 $*"' -i --detach -e x '' '[a,b]' -- z
 expect 'words after the id belong to the command' 0 '-i --detach -e x  [a,b] -- z' ''
 run zncctl exec web -- echo two
-expect 'a mark after the id is not the command' 0 two ''
+expect '"--" after the id is not part of the command' 0 two ''
 run zncctl exec -- web echo -- three
 expect 'nor is one before it' 0 '-- three' ''
 run zncctl exec web sh -c 'echo $0'

@@ -45,7 +45,7 @@ struct Container {
     int program;
 };
 
-// The result of an operation: 0, or the task error number.
+// The result of an operation: 0, or errno.
 int result_of(STATUS status)
 {
     return status == ERROR ? errno : 0;
@@ -366,7 +366,7 @@ class Model : public DaemonWorld {
     const int operations_ = size_of("MODEL_OPERATIONS", 4000) / kClients;
 };
 
-TEST_F(Model, EveryResultIsTheModelsWhereEachIdHasOneOperationAtATime)
+TEST_F(Model, ResultsEqualTheModelWithOneOperationPerId)
 {
     SharedArray<Container> containers(kIds);
     pthread_mutexattr_t shared;
@@ -429,7 +429,7 @@ std::map<int, int> results_of_all(const std::function<int()>& operation)
     return counted;
 }
 
-TEST_F(Model, OfEightAtOnceOneCreatesOneStartsOneDeletes)
+TEST_F(Model, ExactlyOneOfEightConcurrentCallsSucceeds)
 {
     using Counts = std::map<int, int>;
     const int rounds = size_of("MODEL_ROUNDS", 30);

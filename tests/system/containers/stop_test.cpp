@@ -64,7 +64,7 @@ class StopSignals : public Stop {
 INSTANTIATE_TEST_SUITE_P(Host, StopSignals, testing::Values(false, true),
                          [](const auto& interrupt) { return interrupt.param ? "INT" : "TERM"; });
 
-TEST_P(StopSignals, MeetsClientsAtWork)
+TEST_P(StopSignals, StopDuringRequestsLeavesNothing)
 {
     ClientGroup clients(16, work_until_stopped);
     // the clients are running
@@ -74,7 +74,7 @@ TEST_P(StopSignals, MeetsClientsAtWork)
     expect_nothing_left();
 }
 
-TEST_P(StopSignals, LetsTheRequestInHandBeFinishedAndAnswered)
+TEST_P(StopSignals, FinishesAndAnswersTheCurrentRequest)
 {
     constexpr std::size_t kLength = 60000;
     make_bundle(kBundle, {"/bin/true"},

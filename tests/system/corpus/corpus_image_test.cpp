@@ -69,7 +69,7 @@ std::string test_name(const testing::TestParamInfo<CorpusImages::ParamType>& inf
 
 } // namespace
 
-TEST_P(CorpusImages, AreRefusedOrTakenAsDescribed)
+TEST_P(CorpusImages, ResultIsTheOneInTheTable)
 {
     const auto [index, storage] = GetParam();
     const ImageCase& one = cases().at(index);

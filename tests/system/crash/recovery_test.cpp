@@ -187,7 +187,7 @@ TEST_P(Recovery, TheQueueOfADeadDaemonIsReplaced)
     expect_usable();
 }
 
-TEST_P(Recovery, AQueueSquattedByAnotherUserIsReplacedAndGetsNothing)
+TEST_P(Recovery, QueueCreatedByAnotherUserIsReplacedAndReceivesNothing)
 {
     EXPECT_EQ(daemon_->stop(SIGTERM), 0);
     mqd_t squatted = -1;

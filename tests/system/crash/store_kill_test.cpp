@@ -277,22 +277,22 @@ class StoreKill : public testing::Test {
     Tracer tracer_{"/proc/self/exe"};
 };
 
-TEST_F(StoreKill, ACollection)
+TEST_F(StoreKill, KilledCollectionLeavesAConsistentStore)
 {
     kill_often({collect, [](int code) { EXPECT_EQ(code, 0); }, {}, [] {}}, rounds());
 }
 
-TEST_F(StoreKill, AFlattenedUnpackOfANewTree)
+TEST_F(StoreKill, KilledFlattenedUnpackOfANewTreeLeavesAConsistentStore)
 {
     kill_often(unpacking(fresh_, ZNC_OPT_FLATTEN), rounds());
 }
 
-TEST_F(StoreKill, AFlattenedUnpackOfATreeThatIsThere)
+TEST_F(StoreKill, KilledFlattenedUnpackOfAnExistingTreeLeavesAConsistentStore)
 {
     kill_often(unpacking(flat_, ZNC_OPT_FLATTEN), rounds());
 }
 
-TEST_F(StoreKill, OneOfSeveralFlattenedUnpacksOfOneImage)
+TEST_F(StoreKill, KillingOneOfSeveralFlattenedUnpacksLeavesAConsistentStore)
 {
     Operation operation = unpacking(flat_, ZNC_OPT_FLATTEN);
     for (int n = 1; n < kTogether; n++)
@@ -301,7 +301,7 @@ TEST_F(StoreKill, OneOfSeveralFlattenedUnpacksOfOneImage)
     kill_often(operation, rounds());
 }
 
-TEST_F(StoreKill, ALayeredUnpack)
+TEST_F(StoreKill, KilledLayeredUnpackLeavesAConsistentStore)
 {
     kill_often(unpacking(fresh_, 0), rounds());
 }

@@ -148,7 +148,7 @@ check 'other tags stay' test "$(zncctl image ls -q "$layout" | grep -c '^image')
 # Several images in one source.
 quietly umoci tag --image "$source:app" second
 run zncctl import "${lenient[@]}" "$source" "$layout:several"
-check 'several images are no choice' test "$status/$out" = 2/
+check 'import of a source with several images needs a selection' test "$status/$out" = 2/
 check 'they are listed' test "$(grep -Eo '\b(app|second)\b' "$work/err" | sort -u | tr '\n' ' ')" = 'app second '
 imports 'one that is named' "${lenient[@]}" "oci:$source:second"
 run zncctl import "${lenient[@]}" "oci:$source:third" "$layout:several"
@@ -201,7 +201,7 @@ for step in base one two; do
     same "--split, $step" "$work/expected.$step" --untimed-directories
     image_json "$layout" "$tag" manifest | jq -r '.layers[].digest' >"layers.$step"
 done
-check 'every layer stands for itself' test "$(wc -l <layers.two)" = 3
+check '--split keeps unchanged layers separate' test "$(wc -l <layers.two)" = 3
 check 'the lower layers stay what they were' test "$(head -n 2 layers.two)" = "$(<layers.one)"
 check 'in every step' test "$(head -n 1 layers.one)" = "$(<layers.base)"
 imports '--split of a layer that changes those below it' "${lenient[@]}" --split "oci:$source:app"

@@ -69,7 +69,7 @@ check 'capabilities are lost' test "$(losses xattr)" = 1
 mixed_digest=$digest
 bsdtar --format pax -C mixed -cf bsdpax.tar .
 as_bsdtar 'pax by bsdtar' bsdpax.tar "${lenient[@]}"
-check 'whoever wrote it' test "$digest" = "$mixed_digest"
+check 'the same tree of another tar program gives the same image' test "$digest" = "$mixed_digest"
 bsdtar --format gnutar -C mixed -cf bsdgnu.tar .
 as_bsdtar 'GNU by bsdtar' bsdgnu.tar "${lenient[@]}"
 for format in PAX GNU; do
@@ -125,7 +125,7 @@ check 'that names the option' grep -q -- '--long-links' "$work/err"
 imports 'a tree of npm packages' npm.tar --long-links hop
 reference npm.tar "$work/expected"
 same 'a tree of npm packages' "$work/expected" --untimed-directories
-check 'its links take another way' test "$(losses link-target)" -gt 40
+check '--long-links=hop creates a chain of links' test "$(losses link-target)" -gt 40
 rm -rf "$work/expected"
 
 # busybox with all its applet names, all of which are the same file.
@@ -184,7 +184,7 @@ imports 'loose members' loose.tar
 takes 'loose members'
 unpack_to "$work/bundle"
 said() { (cd "$root" && cat absolute/name without/its/parents twice was/directory/gone real/through early late old); }
-check 'every name holds the last that was written to it' test "$(said)" = 12second34556
+check 'of duplicate members the last one is used' test "$(said)" = 12second34556
 check 'a linked directory stays one' test "$(readlink "$root/linked")" = real
 check 'a time before 1970 is the first second of it' test "$(stat -c %Y "$root/old")" = 0
 check 'a parent without a member is as old as its child' test "$(stat -c '%a %Y' "$root/without/its")" = \

@@ -111,7 +111,7 @@ class Storm : public testing::TestWithParam<bool> {
 
 INSTANTIATE_TEST_SUITE_P(PlainAndOverlay, Storm, testing::Values(false, true), flavour_name);
 
-TEST_P(Storm, OfSignalsIsNotNoticedByAnyCall)
+TEST_P(Storm, CallsSurviveASignalStorm)
 {
     const int lives = size_of("STORM_LIVES", 50);
     interruptions = 0;

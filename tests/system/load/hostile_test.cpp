@@ -75,7 +75,7 @@ class Hostile : public DaemonWorld {
     }
 };
 
-TEST_F(Hostile, NoReplyGoesToAQueueThatIsNoClients)
+TEST_F(Hostile, NoReplyIsSentToAForeignQueue)
 {
     const ForeignQueues foreign;
     const Queue daemon_queue(ZNC_MSG_Q_NAME);

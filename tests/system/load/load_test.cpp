@@ -263,7 +263,7 @@ TEST_F(Load, ClientsThatStopOrDieBetweenRequestAndReplyBlockNoOthers)
     EXPECT_TRUE(zncDaemonIsAlive());
 }
 
-TEST_F(Load, ThreadsOfOneProcessLiveTheirContainersLives)
+TEST_F(Load, ThreadsOfOneProcessRunContainersConcurrently)
 {
     constexpr int kThreads = 32;
     const int lives = size_of("LOAD_LIVES", 3);

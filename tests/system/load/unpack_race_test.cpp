@@ -149,7 +149,7 @@ TEST_F(UnpackRace, OfImagesThatShareLayersOneOfEachSucceeds)
 }
 
 // In each round one process is killed; the next unpack removes what it left.
-TEST_F(UnpackRace, WhatAKilledOneLeftIsGoneAfterTheNext)
+TEST_F(UnpackRace, LeftoversOfAKilledUnpackAreRemovedByTheNext)
 {
     const layout::Image image = rotated(0, 1, kFiles);
     layout::Layout(layout_of(0)).add(image);

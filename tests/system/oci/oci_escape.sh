@@ -37,7 +37,7 @@ check 'it has no descriptors of the host' test -z "$(leaked "$pid")"
 
 # The socket for the start.
 check 'the state directory is for root only' test "$(stat -c %a "$work/state/$me-web")" = 700
-check 'who only connects does not start the container' python3 - "$work/state/$me-web/start" <<'P'
+check 'a connection without a request does not start the container' python3 - "$work/state/$me-web/start" <<'P'
 import socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
 s.connect(sys.argv[1])
@@ -61,7 +61,7 @@ check 'a program that leads to its own file runs nothing of the host' test "$sta
 printf '#!/proc/self/exe\n' >"$work/web/rootfs/bin/script"
 chmod 755 "$work/web/rootfs/bin/script"
 run zncrun exec "$me-web" /bin/script
-check 'nor as an interpreter' test "$status" != 0
+check '/proc/self/exe as an interpreter runs nothing of the host' test "$status" != 0
 run zncrun delete --force "$me-web"
 
 # A client that ends at once: the program runs, although nobody hears of it.

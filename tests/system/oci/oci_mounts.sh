@@ -38,7 +38,7 @@ expect 'rro is about those below it, too' 0 below
 mounted "$(bind /mnt bind nosuid nodev noexec noatime ro)" sh -c "$(options_of /mnt)"
 expect 'flags' 0 ro,nosuid,nodev,noexec,noatime
 mounted "$(bind /mnt bind)" sh -c "$(options_of /mnt)"
-check 'none without options' not grep -qE 'nodev|noexec|ro,' "$work/out"
+check 'no mount flags without options' not grep -qE 'nodev|noexec|ro,' "$work/out"
 mounted "$(bind /etc/made/deep/file bind | jq -c '.source += "/file"')" cat /etc/made/deep/file
 expect 'a file, whose mount point is created' 0 host
 mounted '{"destination":"/mnt","type":"bind","source":"relative","options":["bind"]}' ls /mnt
@@ -64,7 +64,7 @@ for kind in rprivate rslave rshared; do
     expect "$kind" 0 "$word"
 done
 mounted "$(bind /mnt rbind)" sh -c "grep ' /mnt/below ' /proc/self/mountinfo | grep -cE 'shared|master'"
-expect 'private without a word' 1 0
+expect 'propagation is private by default' 1 0
 printf '%s' "$plain" >"$work/web/config.json"
 change web '.linux.rootfsPropagation = "shared"'
 program web sh -c "grep ' / / \\| / ' /proc/self/mountinfo | head -n 1 | grep -o shared"
@@ -84,7 +84,7 @@ chmod 4755 "$work/web/rootfs/data/sub/file"
 chmod 1777 "$work/web/rootfs/data"
 mounted '{"destination":"/data","type":"tmpfs","options":["tmpcopyup"]}' \
     sh -c 'cat /data/link; stat -c "%a %u %g" /data /data/sub/file; echo new >/data/new'
-expect 'a tmpfs with what was there' 0 $'kept\n1777 0 0\n4755 5 6'
+expect 'tmpcopyup copies the content of the mount point' 0 $'kept\n1777 0 0\n4755 5 6'
 check 'the original stays as it was' not test -e "$work/web/rootfs/data/new"
 mounted '{"destination":"/dev/mqueue","type":"mqueue","source":"mqueue","options":["nosuid"]}' \
     sh -c 'grep " /dev/mqueue " /proc/mounts'

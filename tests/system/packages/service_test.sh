@@ -56,16 +56,16 @@ jq '.mounts = [{"destination": "/mnt", "source": "/usr", "type": "bind", "option
 start_confined
 expected=$(setpriv --bounding-set "$bounding" grep CapBnd /proc/self/status)
 check 'the daemon has only the rights of the unit' test "$(grep CapBnd "/proc/$daemon/status")" = "$expected"
-check 'that is fewer than root has' test "$expected" != "$(grep CapBnd /proc/self/status)"
+check 'the daemon has fewer rights than root' test "$expected" != "$(grep CapBnd /proc/self/status)"
 run zncctl create web "$work/web"
 check 'a container with mounts is created' test "$status" -eq 0
 run zncctl start web
-check 'it is started' test "$status" -eq 0
-check 'it runs' eventually state_is 2
+check 'the container is started' test "$status" -eq 0
+check 'the container runs' eventually state_is 2
 run zncctl kill -s KILL web
-check 'it is killed' eventually state_is 3
+check 'the container is killed' eventually state_is 3
 run zncctl delete web
-check 'it is deleted' test "$status" -eq 0
+check 'the container is deleted' test "$status" -eq 0
 
 # The daemon counts, ends and cleans up after a program of another user.
 make_bundle "$work/web" /bin/busybox su -s /bin/sh daemon -c "exec sleep $mark"
@@ -73,7 +73,7 @@ mkdir "$work/web/rootfs/etc"
 printf 'root::0:0::/:/bin/sh\ndaemon::1:1::/:/bin/sh\n' >"$work/web/rootfs/etc/passwd"
 run zncctl create web "$work/web"
 run zncctl start web
-check 'one of another user runs' eventually program_lives
+check 'a program of another user runs' eventually program_lives
 kill -KILL "$daemon"
 wait "$daemon" 2>/dev/null
 start_confined
@@ -81,12 +81,12 @@ check 'the next daemon clears away what a dead one left' eventually not program_
 run zncctl create web "$work/web"
 check 'the id is free again' test "$status" -eq 0
 stop_daemon
-check 'it stops cleanly' test "$status" -eq 0
+check 'the daemon stops cleanly' test "$status" -eq 0
 check 'no device is left' test "$(overlay_mounts)" -eq 0
 
 check 'calls were watched' grep -q 'clone(' "$work/calls"
 check 'no user namespace is made or entered' not grep -q 'CLONE_NEWUSER' "$work/calls"
-check 'no namespace is entered without saying its kind' not grep -qE 'setns\([0-9]+, 0\)' "$work/calls"
+check 'every setns() call names the namespace type' not grep -qE 'setns\([0-9]+, 0\)' "$work/calls"
 refusals() { grep -v ' clone3(' "$work/calls" | grep INJECTED; }
 check 'no filtered system call is needed' not refusals
 

@@ -54,7 +54,7 @@ TEST_P(Probe, FindsNoWayOutOfAnImageFullOfTraps)
                          "open-image-node-etc/log", "genuine-dev/null", "absent-dev-console"});
 }
 
-TEST_P(Probe, FindsNothingOfAHostileClient)
+TEST_P(Probe, InheritsNothingFromAHostileClient)
 {
     expect_confined(carry_everything,
                     {"descriptors-above-2", "supplementary-groups", "umask", "environment",
@@ -182,7 +182,7 @@ bool is_held_anyway(const std::string& check)
     return kAlways.count(check) != 0 || check.rfind("absent-dev-", 0) == 0;
 }
 
-TEST_P(Probe, FindsItsWaysWhereNothingConfinesIt)
+TEST_P(Probe, DetectsEscapesOnTheUnconfinedHost)
 {
     const HostObjects sacrifice("sacrifice");
     const std::vector<std::string> variables = sacrifice.variables();

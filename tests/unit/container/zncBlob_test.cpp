@@ -79,7 +79,7 @@ TEST_F(Blob, AfterARestartAllOfItCountsOnce)
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, ATailThatWasReadAheadMustBeTheOneThatStandsThere)
+TEST_F(Blob, TailReadAheadIsComparedWithTheFile)
 {
     unsigned char tail[4];
     ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
@@ -119,7 +119,7 @@ TEST_F(Blob, ALargeFileHasTheSameDigest)
 }
 
 // Two readers of the same bytes: an inflater takes them in place.
-TEST_F(Blob, BytesInPlaceAreThoseThatAReadWouldGive)
+TEST_F(Blob, NextReturnsTheSameBytesAsRead)
 {
     bytes_.assign(300'000, 'z');
     for (std::size_t i = 0; i < bytes_.size(); i += 3)

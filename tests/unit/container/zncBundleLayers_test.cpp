@@ -87,7 +87,7 @@ TEST_F(BundleLayers, ADeviceOfTheSameLayersIsTheBundles)
     EXPECT_EQ(check(device_), 0);
 }
 
-TEST_F(BundleLayers, ADeviceOfOtherLayersIsNot)
+TEST_F(BundleLayers, DeviceOfOtherLayersDoesNotMatchTheBundle)
 {
     unpacked(device_, {"bottom", "middle", "top"});
     for (const Names& other :
@@ -99,7 +99,7 @@ TEST_F(BundleLayers, ADeviceOfOtherLayersIsNot)
     }
 }
 
-TEST_F(BundleLayers, ADirectoryThatIsNoDeviceIsNotTheBundles)
+TEST_F(BundleLayers, UnmountedDeviceFailsWithENOENT)
 {
     unpacked(device_, {"bottom", "top"});
     EXPECT_EQ(check(device_), ENOENT);
@@ -120,7 +120,7 @@ TEST_F(BundleLayers, AFlattenedTreeIsComparedByItsRecord)
     EXPECT_EQ(check(tree_), ENOENT) << "nobody knows what it is made of";
 }
 
-TEST_F(BundleLayers, ALayerOfTheStoreHasTheNameOfWhatItHolds)
+TEST_F(BundleLayers, LayerNeedsNoComparisonBecauseItIsNamedByItsDigest)
 {
     const std::string layer = base_ + "/layers/only";
     unpacked(layer, {"only"});
@@ -169,7 +169,7 @@ TEST_F(BundleLayers, TheRecordIsItsWritersAlone)
     EXPECT_EQ(st.st_mode, mode_t{S_IFREG | 0600});
 }
 
-TEST_F(BundleLayers, WhatIsNotKeptGoesWithTheRecordOfTheStore)
+TEST_F(BundleLayers, RecordInTheBundleIsRemovedUnlessKept)
 {
     {
         znc::BundleRecord record;

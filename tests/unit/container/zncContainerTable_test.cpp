@@ -81,7 +81,7 @@ Strings shuffled_ids(int count)
 
 } // namespace
 
-TEST_F(Table, FindsContainersByIdentityAndNamesThemInOrder)
+TEST_F(Table, FindsContainersByIdAndListsThemInOrder)
 {
     EXPECT_EQ(table_.find("c0"), nullptr);
     EXPECT_EQ(table_.next(""), nullptr);
@@ -111,7 +111,7 @@ TEST_F(Table, OrdersBytesAsUnsignedNumbers)
     EXPECT_EQ(in_order(), (Strings{"Z", "z", "\xc3\xa4"}));
 }
 
-TEST_F(Table, RefusesAnIdentityThatItHolds)
+TEST_F(Table, RefusesADuplicateId)
 {
     CONTAINER_CTX* const first = add("web");
     CONTAINER_CTX* const second = make("web");
@@ -165,7 +165,7 @@ TEST_F(Table, ComparesAsManyCharactersAsAreKept)
     EXPECT_EQ(table_.next(std::string(253, 'x').c_str()), longest);
 }
 
-TEST_F(Table, ForgetsAllTogether)
+TEST_F(Table, RemovesAll)
 {
     for (const std::string& id : shuffled_ids(100))
         add(id);

@@ -158,7 +158,7 @@ class Ahead : public ::testing::Test {
 };
 
 // Tests that observe the parallel work need a second processor.
-class AheadSeen : public Ahead {
+class EarlyExtraction : public Ahead {
   protected:
     void SetUp() override
     {
@@ -170,7 +170,7 @@ class AheadSeen : public Ahead {
 
 } // namespace
 
-TEST_F(AheadSeen, ALayerIsExtractedBeforeItIsVerifiedAndStoredAfterwards)
+TEST_F(EarlyExtraction, ALayerIsExtractedBeforeItIsVerifiedAndStoredAfterwards)
 {
     add(layer_);
     extract_before_verdict();
@@ -182,7 +182,7 @@ TEST_F(AheadSeen, ALayerIsExtractedBeforeItIsVerifiedAndStoredAfterwards)
     EXPECT_EQ(fs::status(stored(layer_)).permissions(), fs::perms::owner_all);
 }
 
-TEST_F(AheadSeen, NothingHasALayersNameBeforeItIsVerified)
+TEST_F(EarlyExtraction, NothingHasALayersNameBeforeItIsVerified)
 {
     add(layer_);
     std::set<std::string> seen;
@@ -195,7 +195,7 @@ TEST_F(AheadSeen, NothingHasALayersNameBeforeItIsVerified)
     EXPECT_TRUE(seen.begin()->starts_with(".unpack-"));
 }
 
-TEST_F(AheadSeen, AWrongDigestLeavesNoStore)
+TEST_F(EarlyExtraction, AWrongDigestLeavesNoStore)
 {
     add(layer_);
     damage(layer_);
@@ -206,7 +206,7 @@ TEST_F(AheadSeen, AWrongDigestLeavesNoStore)
     expect_untouched();
 }
 
-TEST_F(AheadSeen, AWrongDigestLeavesAStoreAsItWas)
+TEST_F(EarlyExtraction, AWrongDigestLeavesAStoreAsItWas)
 {
     fs::create_directories(store_ / "other");
     add(layer_);
@@ -217,7 +217,7 @@ TEST_F(AheadSeen, AWrongDigestLeavesAStoreAsItWas)
     EXPECT_EQ(names_in(store_), std::set<std::string>{"other"});
 }
 
-TEST_F(AheadSeen, AStoreIsRemovedOnlyAsFarAsItWasMade)
+TEST_F(EarlyExtraction, AStoreIsRemovedOnlyAsFarAsItWasMade)
 {
     fs::create_directories(base_);
     add(layer_);
@@ -228,7 +228,7 @@ TEST_F(AheadSeen, AStoreIsRemovedOnlyAsFarAsItWasMade)
     EXPECT_FALSE(fs::exists(store_));
 }
 
-TEST_F(AheadSeen, AFailureInALaterManifestLeavesNothing)
+TEST_F(EarlyExtraction, AFailureInALaterManifestLeavesNothing)
 {
     add(layer_);
     Image other;
@@ -243,7 +243,7 @@ TEST_F(AheadSeen, AFailureInALaterManifestLeavesNothing)
     expect_untouched();
 }
 
-TEST_F(AheadSeen, KilledDuringVerificationItLeavesNoLayerAndTheNextUnpackCleansUp)
+TEST_F(EarlyExtraction, KilledDuringVerificationItLeavesNoLayerAndTheNextUnpackCleansUp)
 {
     add(layer_);
     const pid_t victim = ::fork();
@@ -266,7 +266,7 @@ TEST_F(AheadSeen, KilledDuringVerificationItLeavesNoLayerAndTheNextUnpackCleansU
     EXPECT_EQ(names_in(store_), std::set<std::string>{layout::sha256_hex(layer_)});
 }
 
-TEST_F(AheadSeen, ALayerThatAnotherOneStoredMeanwhileStays)
+TEST_F(EarlyExtraction, ALayerThatAnotherOneStoredMeanwhileStays)
 {
     add(layer_);
     before_verdict = [&] {
@@ -282,7 +282,7 @@ TEST_F(AheadSeen, ALayerThatAnotherOneStoredMeanwhileStays)
     EXPECT_EQ(names_in(stored(layer_)), std::set<std::string>{"another"});
 }
 
-TEST_F(AheadSeen, ALayerThatIsStoredIsNotExtracted)
+TEST_F(EarlyExtraction, ALayerThatIsStoredIsNotExtracted)
 {
     fs::create_directories(stored(layer_));
     add(layer_);
@@ -293,7 +293,7 @@ TEST_F(AheadSeen, ALayerThatIsStoredIsNotExtracted)
     EXPECT_TRUE(names_in(stored(layer_)).empty());
 }
 
-TEST_F(AheadSeen, OnlyTheImageThatIsAskedForIsExtracted)
+TEST_F(EarlyExtraction, OnlyTheImageThatIsAskedForIsExtracted)
 {
     const std::string wanted = large_layer({{"more", "of it"}});
     add(layer_, "first");

@@ -236,7 +236,7 @@ TEST_F(Unpack, TwoImagesWithACommonLayerExtractItOnce)
     EXPECT_EQ(names_in(store_).size(), 3U);
 }
 
-TEST_F(Unpack, AnExistingStoreDirectoryIsTakenUnread)
+TEST_F(Unpack, ExistingLayerDirectoryIsReusedWithoutReading)
 {
     add({bottom_});
     fs::create_directories(store_ + "/" + hex_of(bottom_));
@@ -414,7 +414,7 @@ TEST_F(Unpack, AnImageWithTheSameDiffIdsAndOtherLayersIsRefusedAndChangesNothing
     EXPECT_EQ(names_in(flattened_).size(), 1U);
 }
 
-TEST_F(Unpack, ATreeOfUnknownOriginIsTakenOnlyWhenItHoldsTheSame)
+TEST_F(Unpack, TreeWithoutARecordIsReusedOnlyIfEqual)
 {
     add({bottom_, top_});
     ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
@@ -474,7 +474,7 @@ TEST_F(Unpack, LayersThatAreThereTwiceCountOnceForTheKernelsLimit)
     EXPECT_EQ(names_in(store_).size(), 2U);
 }
 
-TEST_F(Unpack, TheBundleRemembersItsRootAndTheNamesOfItsLayers)
+TEST_F(Unpack, BundleRecordContainsRootAndLayerNames)
 {
     add({bottom_, top_});
     const std::string layers = hex_of(bottom_) + '\0' + hex_of(top_) + '\0' + '\0';

@@ -225,7 +225,7 @@ TEST_F(FileChecks, BothPartsMustExist)
     EXPECT_EQ(validateJsonDigest(file_.c_str(), number.get()), ERROR);
 }
 
-TEST_F(FileChecks, ADigestIsOneNameAndHasNoSeparator)
+TEST_F(FileChecks, DigestWithASeparatorIsRefused)
 {
     EXPECT_EQ(digest("sha256:" + sha256_ + "/../" + sha256_), ERROR);
     EXPECT_EQ(digest("sha256:" + sha256_ + ":/../x"), ERROR);

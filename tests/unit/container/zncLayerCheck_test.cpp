@@ -116,7 +116,7 @@ TEST_F(LayerCheck, MakesNothing)
     EXPECT_EQ(snapshot(target_), before);
 }
 
-TEST_F(LayerCheck, SaysOfEachLossAtWhichMember)
+TEST_F(LayerCheck, ReportsTheMemberOfEachLoss)
 {
     EXPECT_EQ(said(Archive().file("su", "", 04755).end()), (Said{{ZNC_LAYER_MODE, "su"}}));
     EXPECT_EQ(said(Archive().member(Header("f").octal(tarforge::Field::kGid, 5)).end()),
@@ -151,7 +151,7 @@ TEST_F(LayerCheck, DataThatIsReadAsMembersIsNamedAndRead)
               (Said{{ZNC_LAYER_DATA_AS_MEMBERS, "m"}, {ZNC_LAYER_SIZE_FORM, "m"}}));
 }
 
-TEST_F(LayerCheck, ComparesTheFileAndWhatItHolds)
+TEST_F(LayerCheck, ComparesDigestAndDiffId)
 {
     const std::string plain = Archive().file("f", "content").end().bytes();
     const std::string packed = layout::gzip(plain);
@@ -184,7 +184,7 @@ TEST_F(LayerCheck, ArgumentsAreChecked)
     EXPECT_EQ(errno, S_zncLib_MANIFEST_INVALID);
 }
 
-TEST_F(LayerCheck, TheNumberOfMembersIsNoMatter)
+TEST_F(LayerCheck, WorksWithManyMembers)
 {
     Archive archive;
     for (int i = 0; i < 20'000; ++i)

@@ -144,7 +144,7 @@ TEST_F(Progress, ExtractingAnArchiveReportsNothing)
     EXPECT_TRUE(heard_.empty());
 }
 
-TEST_F(Progress, AFailureKeepsItsReason)
+TEST_F(Progress, ErrnoOfAFailureIsPreserved)
 {
     zncUnpackProgressSet(&hear, &heard_);
     layout::Layout bad(dir_ / "bad");
@@ -157,7 +157,7 @@ TEST_F(Progress, AFailureKeepsItsReason)
     EXPECT_LT(heard_.back().done, heard_.back().total);
 }
 
-TEST_F(Progress, TheResultIsTheSameWithAndWithout)
+TEST_F(Progress, ResultIsTheSameWithAndWithoutACallback)
 {
     ASSERT_EQ(unpack("without"), OK);
     zncUnpackProgressSet(&hear, &heard_);

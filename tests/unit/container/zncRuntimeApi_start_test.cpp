@@ -332,7 +332,7 @@ TEST_F(Start, ReplyWithoutItsObjectFailsWithEBADMSG)
     EXPECT_EQ(spawnLog.spawned, 0);
 }
 
-TEST_F(Start, ObjectWithAllTenValuesEmptySucceedsWithoutSpawning)
+TEST_F(Start, EmptyStartParametersSucceedWithoutSpawning)
 {
     for (const char* object :
          {"{}", R"({"arg":[],"env":[],"option":0,"priority":0,"stackSize":0,"taskOption":0,)"

@@ -46,7 +46,7 @@ TEST(ClientQueueName, OnlyTheFormThatClientsMakeIsOne)
         EXPECT_FALSE(znc::is_client_queue_name(name)) << name;
 }
 
-TEST(DecodeRequest, SoundRequestIsAcceptedAndTerminatedInPlace)
+TEST(DecodeRequest, ValidRequestIsAcceptedAndTerminatedInPlace)
 {
     zncMessage message = request_of(ZNC_ALIVE, "{}");
     std::memset(message.data + 2, 'x', 10);

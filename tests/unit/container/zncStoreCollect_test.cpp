@@ -174,7 +174,7 @@ TEST_F(StoreCollect, ATreeThatWasSetAsideStaysWhileAContainerHasTheTree)
               std::set<std::string>{fs::path(tree).filename().string()});
 }
 
-TEST_F(StoreCollect, WhatHasNoNameOfTheStoreStaysAndLinksAreNotFollowed)
+TEST_F(StoreCollect, FilesWithOtherNamesStayAndLinksAreNotFollowed)
 {
     const std::string bundle = unpacked("single", 0, "single");
     fs::remove_all(bundle);

@@ -442,7 +442,7 @@ TEST_F(TarExtract, RecordFileIsNamedByTheClockAndLivesInTheFirstDirectory)
 
 // The path buffer contains what the last member left after the target directory: a separator. A
 // name that condenses to nothing leaves none.
-TEST_F(TarExtract, TimesGoToTheTargetWhenTheLastNameWasNothing)
+TEST_F(TarExtract, DotAsLastMemberSetsTheTimeOfTheTargetDirectory)
 {
     ASSERT_EQ(extract(Archive().dir("a/", 0755, 1111).dir("b/", 0755, 2222).dir("./").end()), OK);
     struct stat st;
@@ -607,7 +607,7 @@ TEST_F(TarExtract, ChecksumMismatchFails)
     EXPECT_FALSE(exists("f"));
 }
 
-TEST_F(TarExtract, WhatEarlierMembersCouldNotHaveIsNoReasonOfALaterFailure)
+TEST_F(TarExtract, ErrnoOfASkippedMemberIsNotReportedForALaterFailure)
 {
     std::filesystem::create_directory(at("d"));
     errno = 0;
@@ -970,7 +970,7 @@ TEST_F(TarExtract, WriteThatFailsOrFallsShortFails)
     EXPECT_EQ(content("g").size(), 100U);
 }
 
-TEST_F(TarExtract, FileAndDirectoryThatFindNoRoomAreLeftOutAndAWholeLayerIsNot)
+TEST_F(TarExtract, FullDiskSkipsMembersButFailsForALayer)
 {
     // A filesystem with room for only one file besides its root directory: the first member gets
     // it.
@@ -1186,14 +1186,14 @@ class TarAccess : public TarTest {
 
 } // namespace
 
-TEST_F(TarAccess, MemberOfTheTargetNeedsNoProof)
+TEST_F(TarAccess, MemberDirectlyInTheTargetNeedsNoParentCheck)
 {
     EXPECT_EQ(access("/f"), "/f");
     EXPECT_EQ(cache(), "");
     EXPECT_TRUE(parent_is("."));
 }
 
-TEST_F(TarAccess, ProvedParentsAreCachedAndOpen)
+TEST_F(TarAccess, CheckedParentsAreCachedAndOpen)
 {
     EXPECT_EQ(access("/a/b/f"), "/f");
     EXPECT_EQ(cache(), "/a/b");
@@ -1230,7 +1230,7 @@ TEST_F(TarAccess, NameThatBeginsLikeACachedOneIsAnother)
     EXPECT_TRUE(parent_is("ab"));
 }
 
-TEST_F(TarAccess, ProvedParentsCostNoCall)
+TEST_F(TarAccess, CheckedParentsCostNoCall)
 {
     access("/a/b/f");
     std::filesystem::remove_all(at("a"));
@@ -1238,7 +1238,7 @@ TEST_F(TarAccess, ProvedParentsCostNoCall)
     EXPECT_EQ(access("/a/b/g"), "/g");
 }
 
-TEST_F(TarAccess, FailureRestoresThePathAndKeepsTheNumber)
+TEST_F(TarAccess, FailureRestoresThePathAndKeepsErrno)
 {
     test_tree::write_file(at("a/file"), "x");
     std::filesystem::create_symlink("b", at("a/link"));

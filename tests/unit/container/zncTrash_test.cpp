@@ -131,7 +131,7 @@ TEST_F(Trash, TakingWhatIsNotThereFailsWithENOENT)
     fs::remove(trash_);
 }
 
-TEST_F(Trash, FromAnotherFileSystemNothingIsTaken)
+TEST_F(Trash, TakeFromAnotherFileSystemFailsWithEXDEV)
 {
     ASSERT_EQ(::mount("tmpfs", area_.c_str(), "tmpfs", 0, "mode=700"), 0);
     const std::string web = tree("web", 1);

@@ -156,7 +156,7 @@ TEST(Digest, BothLibrariesComputeTheSame)
     }
 }
 
-TEST(Digest, TheBytesAreThoseOfTheText)
+TEST(Digest, FinishWritesTheBinaryDigest)
 {
     std::array<unsigned char, Digest::kMax> out = {};
     Digest narrow;
@@ -172,7 +172,7 @@ TEST(Digest, TheBytesAreThoseOfTheText)
     EXPECT_EQ(hex(out.data(), 64), kKnown[1].sha512);
 }
 
-TEST(Digest, ThereIsOneValueOnly)
+TEST(Digest, DigestCanBeReadOnlyOnce)
 {
     std::array<unsigned char, Digest::kMax> out = {};
     Digest digest;
@@ -183,7 +183,7 @@ TEST(Digest, ThereIsOneValueOnly)
     EXPECT_EQ(out[0], 0);
 }
 
-TEST(Digest, ACopyGoesItsOwnWay)
+TEST(Digest, CopyIsIndependentOfTheOriginal)
 {
     Digest first;
     first.add("ab", 2);
@@ -216,7 +216,7 @@ TEST(Digest, ThreadsDoNotDisturbEachOther)
         EXPECT_EQ(text, want);
 }
 
-TEST(Digest, WhatWasBegunGoesOnInAChild)
+TEST(Digest, ComputationContinuesInAForkedChild)
 {
     Digest digest;
     digest.add("ab", 2);

@@ -142,7 +142,7 @@ TEST(Budget, CountsEveryStreamAndEveryMember)
     EXPECT_TRUE(has(failure_of([&] { budget.take_entry("z"); }), "--max-entries"));
 }
 
-TEST(ReadAll, IsHeldToItsLimit)
+TEST(ReadAll, FailsBeyondTheLimit)
 {
     TextReader fits("1234");
     EXPECT_EQ(read_all(fits, "document", 4), "1234");
@@ -177,7 +177,7 @@ TEST(DigestReader, CountsAndHashesUpToTheEnd)
     EXPECT_EQ(reader.digest(), sha256("some text"));
 }
 
-TEST(Spool, KeepsRunsAndGivesBackTheEnd)
+TEST(Spool, AppendsExtentsAndCanBeTruncated)
 {
     const test_tree::TempDir dir;
     Spool spool(dir.path());

@@ -45,7 +45,7 @@ TEST(Signals, AreKnownByNumberAndName)
         EXPECT_EQ(zncrun::signal_number(bad), -1) << bad;
 }
 
-TEST(Ids, AreNamesWithoutSurprises)
+TEST(Ids, ContainOnlyAllowedCharacters)
 {
     for (const char* good : {"a", "web-1", "A_b.c+d", "0123"})
         EXPECT_TRUE(zncrun::is_id(good)) << good;
@@ -230,7 +230,7 @@ TEST_F(BundleTest, WhatIsWrongIsNamed)
     EXPECT_NE(refusal("", R"(,"env":"x")").find("process.env"), std::string::npos);
 }
 
-TEST(Hooks, AreWaitedForAndTheirFailureIsOne)
+TEST(Hooks, HooksAreAwaitedAndTheirFailureIsReported)
 {
     const auto hooks = [](const char* path, const char* word) {
         return Json::parse(std::string(R"({"hooks":{"prestart":[{"path":")") + path +

@@ -80,7 +80,7 @@ TEST_F(CgroupFiles, LimitsGoToTheFilesOfV2)
         EXPECT_EQ(get(name), text) << name;
 }
 
-TEST_F(CgroupFiles, SwapAloneIsWhatMemoryLeaves)
+TEST_F(CgroupFiles, SwapLimitIsMemorySwapMinusMemory)
 {
     put("memory.max", "100");
     put("memory.swap.max");

@@ -103,7 +103,7 @@ TEST_F(DaemonFile, OfAnotherUserOrALinkIsNotBelieved)
     ASSERT_EQ(::chown(ZN_RUNTIME_DIR, 0, 0), 0);
 }
 
-TEST_F(DaemonFile, OnAFullFileSystemThereIsNoneAndNoHalfOfOne)
+TEST_F(DaemonFile, FullFileSystemLeavesNoIncompleteFile)
 {
     ASSERT_EQ(::mount("tmpfs", ZN_RUNTIME_DIR, "tmpfs", 0, "size=4k"), 0);
     const znc::UniqueFd dir(::open(ZN_RUNTIME_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -44,7 +44,7 @@ TEST(EngineProcess, IsKnownByIdAndStartTime)
     EXPECT_FALSE(znEngineProcessAlive(&process));
 }
 
-TEST(EngineProcess, NoneIsNotAlive)
+TEST(EngineProcess, NonexistentProcessIsNotAlive)
 {
     const ZN_ENGINE_PROCESS none = {};
     EXPECT_FALSE(znEngineProcessAlive(&none));
@@ -62,7 +62,7 @@ TEST(EngineStart, WithoutAContainerThereIsNothingToStart)
     EXPECT_STRNE(reason.data(), "");
 }
 
-TEST(EngineGroup, ThatDoesNotExistIsAnErrorButForRemoval)
+TEST(EngineGroup, MissingGroupIsAnErrorExceptForRemoval)
 {
     BOOL frozen = FALSE;
     EXPECT_EQ(znEngineGroupFrozen("/zncrun/no-such-group", &frozen), ERROR);
@@ -70,7 +70,7 @@ TEST(EngineGroup, ThatDoesNotExistIsAnErrorButForRemoval)
     EXPECT_EQ(znEngineGroupRemove("/zncrun/no-such-group", "mark"), OK);
 }
 
-TEST(EngineExec, IntoWhatHasEndedIsRefused)
+TEST(EngineExec, ExecInAnEndedContainerIsRefused)
 {
     const ZN_ENGINE_PROCESS none = {};
     char name[] = "true";

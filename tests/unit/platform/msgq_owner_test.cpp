@@ -118,7 +118,7 @@ TEST_F(QueueOwner, AQueueThatOthersCanOpenIsNotOpened)
     EXPECT_TRUE(znc::UniqueFd(open_existing()));
 }
 
-TEST_F(QueueOwner, OfTheSameUserAQueueInUseStaysAndCreationFails)
+TEST_F(QueueOwner, CreationFailsIfTheSameUserHasTheQueueInUse)
 {
     const znc::UniqueFd first(make());
     EXPECT_LT(make(), 0);
@@ -128,7 +128,7 @@ TEST_F(QueueOwner, OfTheSameUserAQueueInUseStaysAndCreationFails)
     EXPECT_EQ(about(first.get()).st_nlink, 1U);
 }
 
-TEST_F(QueueOwner, WithoutTheRightToRemoveItAnotherUsersQueueIsTaken)
+TEST_F(QueueOwner, CreationFailsIfAnotherUsersQueueCannotBeRemoved)
 {
     const znc::UniqueFd roots(make());
     ASSERT_TRUE(roots);
@@ -145,7 +145,7 @@ TEST_F(QueueOwner, WithoutTheRightToRemoveItAnotherUsersQueueIsTaken)
 
 // Another user recreates the queue as fast as it is removed: the queue that we finally create must
 // be our own.
-TEST_F(QueueOwner, AgainstAnotherUserWhoMakesItAgainInALoopOnesOwnQueueIsMade)
+TEST_F(QueueOwner, CreationSucceedsAlthoughAnotherUserRecreatesTheQueueInALoop)
 {
     Process squatter([] {
         ::umask(0);
@@ -308,7 +308,7 @@ TEST_F(QueueOwner, AWaitingSenderFailsWithEPIPEOnceTheMakerIsKilled)
 }
 
 // The creator itself may be waiting, with the handle that holds the lock.
-TEST_F(QueueOwner, AMakerThatWaitsOnItsOwnHandleGoesOnWaitingAndKeepsItsLock)
+TEST_F(QueueOwner, CreatorWaitingOnItsOwnQueueIsNotTakenForAbandoned)
 {
     const znc::UniqueFd maker(make());
     ASSERT_EQ(send_one(maker.get()), OK);
@@ -323,7 +323,7 @@ TEST_F(QueueOwner, AMakerThatWaitsOnItsOwnHandleGoesOnWaitingAndKeepsItsLock)
     EXPECT_EQ(sender.result(), OK);
 }
 
-TEST_F(QueueOwner, LookingForTheMakerChangesNoNumberAndKeepsNoDescriptor)
+TEST_F(QueueOwner, CheckingTheCreatorPreservesErrnoAndLeaksNoDescriptor)
 {
     const znc::UniqueFd maker(make());
     const int next = znc::UniqueFd(::open("/", O_PATH | O_CLOEXEC)).get();
@@ -359,7 +359,7 @@ TEST(QueueMemory, RaisingTheLimitsWaitsForMemoryThatIsUsedUpForAMoment)
     EXPECT_EQ(status, 0);
 }
 
-TEST(QueueMemory, ALimitThatIsTooLowForGoodEndsWithEMFILE)
+TEST(QueueMemory, LimitThatStaysTooLowFailsWithEMFILE)
 {
     const pid_t child = ::fork();
     if (child == 0) {

@@ -116,7 +116,7 @@ TEST_F(Namespaces, RootWithoutCapabilitiesCannotLookIntoOrLimitTheKeeper)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, TheKeeperIsNoProcessOfTheContainerToKill)
+TEST_F(Namespaces, KillDoesNotReachTheKeeper)
 {
     const nsid_t ns = rooted();
     errno = 0;
@@ -225,7 +225,7 @@ TEST_F(Namespaces, WithoutFreeDescriptorsCallsFailWithTheReasonAndLeaveNothing)
 
 // ---------------------------------------------------------------- mounts
 
-TEST_F(Namespaces, AMountWhoseNameNowLeadsIntoItselfIsUndoneWithTheNamespace)
+TEST_F(Namespaces, UnmountSucceedsIfThePathNoLongerLeadsToTheMount)
 {
     fs::create_directories("/tmp/data");
     const nsid_t ns = rooted();
@@ -283,7 +283,7 @@ TEST_F(Namespaces, ARelativeDestinationIsTakenFromTheRoot)
     fs::remove_all("/tmp/data");
 }
 
-TEST_F(Namespaces, ALinkWithoutATargetIsMountedOnWhereItLeadsInsideTheRoot)
+TEST_F(Namespaces, MountPointOfADanglingLinkIsCreatedInsideTheRoot)
 {
     const struct {
         const char* link;
@@ -594,7 +594,7 @@ TEST_F(Namespaces, ThreadsWithoutStandardInputMaySpawnAtTheSameTime)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, AForkedProcessThatKeepsTheCallersDescriptorsDoesNotHoldUpASpawn)
+TEST_F(Namespaces, SpawnDoesNotWaitForAForkedProcessWithTheCallersDescriptors)
 {
     const nsid_t ns = rooted();
     std::atomic<bool> done{false};

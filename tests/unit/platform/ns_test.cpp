@@ -151,7 +151,7 @@ TEST_F(Namespaces, DirectoriesThatAreMissingOrLinksAreNotProvided)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, DeviceNodesAndSetIdProgramsOfTheTreeHaveNoPower)
+TEST_F(Namespaces, DeviceNodesAndSetIdProgramsInTheRootHaveNoEffect)
 {
     ASSERT_EQ(::mknod((root_ + "/etc/zero").c_str(), S_IFCHR | 0666, makedev(1, 5)), 0);
     const nsid_t ns = rooted();
@@ -368,7 +368,7 @@ TEST_F(Namespaces, SpawnAfterTheKeeperDiedGivesESRCHAndUndoingStillWorks)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, ARecordOfAnotherProcessLeadsNowhere)
+TEST_F(Namespaces, RecordOfAnotherProcessIsIgnored)
 {
     const nsid_t ns = rooted();
     const std::string path = "/run/zarnel/ns/" + std::to_string(ns);
@@ -466,7 +466,7 @@ TEST_F(Namespaces, PriorityBecomesTheNiceValueAndUrgentOnesNeedAllowance)
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(Namespaces, SettersRefuseWhatCannotBeCarried)
+TEST_F(Namespaces, SettersRefuseInvalidValues)
 {
     znSpawnAttr attr;
     EXPECT_EQ(znSpawnAttrInit(&attr), OK);
@@ -605,7 +605,7 @@ TEST_F(Namespaces, LinksOnTheWayToAMountPointStayInside)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, AMountTheContainerMovedAwayIsUndoneWithTheNamespace)
+TEST_F(Namespaces, MountMovedByTheContainerEndsWithTheNamespace)
 {
     fs::create_directories("/tmp/data");
     const nsid_t ns = rooted();

@@ -157,7 +157,7 @@ TEST_F(Overlay, StacksOf127LayersAndPathsWithColonsCommasAndSpacesWork)
     EXPECT_EQ(remove("image"), OK);
 }
 
-TEST_F(Overlay, MoreLayersThanTheKernelStacksFailWithItsNumber)
+TEST_F(Overlay, TooManyLayersFailWithTheKernelsErrno)
 {
     std::vector<std::string> dirs;
     for (int i = 0; i < 501; i++)
@@ -167,7 +167,7 @@ TEST_F(Overlay, MoreLayersThanTheKernelStacksFailWithItsNumber)
     EXPECT_FALSE(fs::exists("/overlay/many"));
 }
 
-TEST_F(Overlay, TheClassicCallGivesTheSameDevice)
+TEST_F(Overlay, MountSystemCallGivesTheSameResultAsFsconfig)
 {
     fs::create_directories("/tmp/o/point");
     fs::create_directories("/tmp/o/upper");
@@ -226,7 +226,7 @@ TEST_F(Overlay, WritableDevicesOfADeadDaemonAreDetached)
     EXPECT_TRUE(fs::exists("/tmp/o/c/upper"));
 }
 
-TEST_F(Overlay, AnAbandonedWritableDeviceDoesNotBlockANewOneButARootedOneDoes)
+TEST_F(Overlay, AbandonedWritableDeviceIsReplacedButOneInUseIsNot)
 {
     make_little_root("/tmp/o/root");
     fs::create_directories("/tmp/o/c/upper");
@@ -241,7 +241,7 @@ TEST_F(Overlay, AnAbandonedWritableDeviceDoesNotBlockANewOneButARootedOneDoes)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Overlay, AnotherContainersDeviceAsRootIsNotTakenAlong)
+TEST_F(Overlay, DeletingANamespaceKeepsAnotherContainersDevice)
 {
     make_little_root("/tmp/o/root");
     ASSERT_EQ(create("image", {"/tmp/o/root"}, FALSE), OK);
@@ -252,7 +252,7 @@ TEST_F(Overlay, AnotherContainersDeviceAsRootIsNotTakenAlong)
     EXPECT_EQ(remove("image"), OK);
 }
 
-TEST_F(Overlay, AFailedRootTakesTheContainersDeviceAlong)
+TEST_F(Overlay, FailedRootRemovesTheContainersDevice)
 {
     fs::create_directories("/tmp/o/c/upper");
     ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("a", "x")}, TRUE), OK);

@@ -109,7 +109,7 @@ TEST(ProcessList, AProcessThatDoesNotExistHasNoNamespace)
     EXPECT_STREQ(name, "");
 }
 
-TEST(ProcessList, TheProgramsPathIsWhole)
+TEST(ProcessList, ProgramPathIsNotTruncated)
 {
     char path[4096];
     ASSERT_EQ(znProgramPath(path, sizeof path), OK);

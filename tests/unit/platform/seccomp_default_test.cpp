@@ -144,7 +144,7 @@ TEST(SeccompDefault, OtherArchitecturesEndTheProcess)
 
 // The kernel gives the answers of the interpreter. Numbers that are allowed are not called.
 // Kernels that have call 336 (uprobe) on x86-64 make it without asking the filter.
-TEST(SeccompDefault, TheKernelRefusesWhatTheInterpreterRefuses)
+TEST(SeccompDefault, KernelAndTestInterpreterAgree)
 {
     const SeccompCode code = default_filter();
     const std::vector<std::uint32_t> expected = expected_answers(kDefaults);

@@ -48,7 +48,7 @@ TEST(SettingsDocument, NullCountsAsAbsent)
     EXPECT_FALSE(settings.resources.memoryLimit);
 }
 
-TEST(SettingsDocument, WhatUnpackingWritesIsReadAndItsUsrIsNoUser)
+TEST(SettingsDocument, AcceptsTheDocumentThatUnpackWritesAndIgnoresUsr)
 {
     const zn::Settings settings = accepted(
         R"({"ociVersion":"1.0.0","process":{"env":["A=1"],"cwd":["odd"],"args":["/bin/app"],
