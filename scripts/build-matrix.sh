@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# build-matrix.sh [--all] [ROW...] - builds the project as those do who use it and not its presets: other
-# build types, compilers and standards, static, below another project, without what is optional, in another
-# directory. One line per row; fails when a row does. --all builds zncctl, too, which takes five times as
-# long, and compares packages. Without names all rows; builds are kept in build/matrix.
+# build-matrix.sh [--all] [ROW...] - builds the project as users do, without the presets: other build types,
+# compilers and standards, static, below another project, without what is optional, in another directory. One
+# line per row; fails when a row does. --all builds zncctl, too, which takes five times as long, and compares
+# packages. Without names all rows; builds are kept in build/matrix.
 # shellcheck disable=SC2317 # rows are called by their names
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -37,11 +37,11 @@ built() {
 library_built() {
     configured "$builds/$1" -DZNC_BUILD_PROGRAMS=OFF "${@:2}" && cmake --build "$builds/$1"
 }
-# A warning of a compiler that we do not have keeps nobody from building.
+# Builds must not fail because of warnings of other compilers (no -Werror).
 release() {
     built release -DCMAKE_BUILD_TYPE=Release && not grep -q -e '-Werror' "$builds/release/build.ninja"
 }
-# This project's own files are compiled one by one also where those around it are not.
+# A parent project's unity build must not apply to this project.
 minsize() { built minsize -DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_UNITY_BUILD=ON; }
 debug() {
     built debug -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_STANDARD=23 &&
@@ -52,8 +52,8 @@ clang() {
     built clang -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 }
 
-# Installed as an archive, and used by way of pkg-config and of CMake's find_package. Nothing of the shared
-# library may be there, or the linker would take that.
+# Installed as an archive, and used by way of pkg-config and of CMake's find_package. The shared library must
+# not be installed there, or the linker would prefer it.
 static() {
     local prefix=$work/static consumer=$source_dir/tests/packages/consumer flags
     library_built static -DCMAKE_BUILD_TYPE=Debug -DBUILD_SHARED_LIBS=OFF &&
@@ -76,7 +76,8 @@ parent() {
     cmake -S tests/packages/embedding -B "$builds/$1" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
         -DZNC_SOURCE_DIR="$source_dir" "${@:2}"
 }
-# Below another project: only the library is built, nothing is installed, tested or packed but its own.
+# As a subproject: only the library is built; the parent's install, tests and packages contain nothing of this
+# project.
 embedded() {
     local version installed
     version=$(sed -n 's/^#define ZNC_VERSION_[MP][A-Z]* //p' container/runtime/include/zncontainer.h |
@@ -96,7 +97,7 @@ fetched() {
     [[ -z $all ]] || cmake --build "$builds/fetched"
 }
 
-# Where only what is needed is installed: what is left out is said, one line each.
+# Only the required dependencies: each part that is left out is reported once.
 bare() {
     local libraries=$work/bare said=$work/bare.log needed line
     mkdir "$libraries"
@@ -111,7 +112,7 @@ bare() {
     }
     for line in 'ISA-L' 'zncctl-import is not built' 'manual pages are not built' 'tests are not built'; do
         [[ $(grep -c "^-- zncontainer: .*$line" "$said") -eq 1 ]] || {
-            printf 'not said once: %s\n' "$line"
+            printf 'not reported once: %s\n' "$line"
             cat "$said"
             return 1
         }
@@ -152,7 +153,7 @@ same_packages() {
         cmp "$deb" "$other/build/packages/debs/$(basename "$deb")" || return
         compared=$((compared + 1))
     done
-    [[ $compared -eq 4 ]]
+    [[ $compared -eq 5 ]]
 }
 
 [[ $# -gt 0 ]] || set -- "${rows[@]}"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# compare-podman.sh [ZNCCTL ZNCD] - runs one image under podman and under zncctl, with no option but
-# its name, and prints what a program sees in each: a table of observations, with the differences
-# marked. As root; installs podman if it is missing. Default: the programs in build/release/bin.
+# compare-podman.sh [ZNCCTL ZNCD] - runs one image under podman and under zncctl, without options, and prints
+# what a program observes under each: a table of observations, with the differences marked. As root; installs
+# podman if it is missing. Default: the programs in build/release/bin.
 # Ends with 1 if a difference is not among those explained in docs/comparison.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root and
-# offline, and prints one line for each thing that must work. All state is in a temporary directory.
-# Needs podman, conmon and busybox-static (install-deps.sh compare).
+# offline, and prints one line for each check. All state is in a temporary directory. Needs podman, conmon and
+# busybox-static (install-deps.sh compare).
 # shellcheck disable=SC2016,SC2317 # texts for shells in containers; functions that are called by check
 set -uo pipefail
 

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# test.sh [--quick|--all] - the complete test run, from a bare Debian 12, as root: installs
+# test.sh [--quick|--all] - the complete test run, on a minimal Debian 12, as root: installs
 # dependencies, checks the sources, builds with both compilers, runs all tests, also with the
-# sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler, the
-# analysers, the other ways to build, fuzzing and the sanitizers. --all tests every point where the
-# other forms test a sample (faults at system calls, kills, models), fuzzes each target for ten
-# minutes, and tests on cgroup v2 in a virtual machine; it takes hours. The last line is "N passed, N
-# failed, N skipped", summed over all runs; a failed step counts as a failed test.
+# sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler,
+# the analysers, the other ways to build, fuzzing and the sanitizers. --all tests every fault point
+# (failing system calls, kills, models) instead of a sample, fuzzes each target for ten minutes, and
+# tests on cgroup v2 in a virtual machine; it takes hours. The last line is "N passed, N failed, N
+# skipped", summed over all runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -52,7 +52,7 @@ begin() {
 }
 begin_beside() { niceness=5 begin "$@"; }
 
-# What the step printed is shown when it failed; of its rows, always which passed.
+# Prints the output of a failed step; the "ok" lines of its rows are always printed.
 finish() {
     ok=
     if wait "$begun_pid"; then

@@ -2,7 +2,7 @@
 # vm-test.sh [PROGRAM...] - runs the tests of control groups, also of zncrun's containers, of overlay
 # devices, user namespaces and security labels, and further test programs by their paths, in a virtual
 # machine: its kernel is that of Debian 12 and has only cgroup v2, with all controllers. The machine is
-# emulated in software, so it needs no rights except to install packages, and it starts from memory:
+# emulated in software, so it does not need root except to install packages, and it starts from memory:
 # Debian's kernel for clouds, busybox, the programs and their libraries, a profile for AppArmor. Each
 # program runs in the sandbox of the tests. Prints what they print and ends with 0 if all passed.
 #
