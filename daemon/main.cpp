@@ -40,7 +40,7 @@ constexpr const char* kHelp =
     "  --allow-urgent     allow containers priorities more urgent than normal\n"
     "  --allow-privileged allow configurations that give containers more than the defaults:\n"
     "                     namespaces of the host, more capabilities, devices, privileges from\n"
-    "                     set-user-ID programs, no system call filter\n"
+    "                     set-user-ID programs, no seccomp filter\n"
     "  --userns           give each container a user namespace with host users of its own\n"
     "  check              check whether the system has what zncd needs\n"
     "\n"
