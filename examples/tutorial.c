@@ -21,7 +21,7 @@ static int failed(const char* step)
     return -1;
 }
 
-/* An image becomes a bundle once; any number of containers can be made of that. */
+/* Unpacks the image into a bundle unless that exists; many containers can use one bundle. */
 static int unpack(const char* layout, const char* bundle)
 {
     const ZNC_BUNDLE_ATTR platform = {"linux", "amd64"};
