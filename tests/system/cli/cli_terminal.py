@@ -145,8 +145,12 @@ def a_terminal_of_its_own():
     t.close()
 
 
+# The size arrives when zncctl handles the signal, perhaps after what was typed meanwhile.
+WAIT_FOR_SIZE = "while s=$(/bin/busybox stty size); [ \"$s\" != \"40 100\" ]; do sleep 0.05; done; echo $s"
+
+
 def typing_and_sizes():
-    script("echo ready; read a; echo got:$a; read b; /bin/busybox stty size")
+    script("echo ready; read a; echo got:$a; read b; " + WAIT_FOR_SIZE)
     t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     check("it begins", t.until("ready"), t.text)
     check("the caller's terminal is raw meanwhile", not t.restored())
@@ -373,8 +377,8 @@ def more_programs():
     check("the terminal is as it was", t.restored())
     t.close()
 
-    t = Terminal("exec", "-it", "base", *shell, "echo ready; read a; echo got:$a; read b; /bin/busybox stty size; "
-                 "trap 'echo interrupted; exit 9' INT; echo set; while :; do sleep 0.05; done")
+    t = Terminal("exec", "-it", "base", *shell, "echo ready; read a; echo got:$a; read b; " + WAIT_FOR_SIZE +
+                 "; trap 'echo interrupted; exit 9' INT; echo set; while :; do sleep 0.05; done")
     check("it begins", t.until("ready"), t.text)
     check("the caller's terminal is raw meanwhile", not t.restored())
     t.type("word\r")
