@@ -97,7 +97,7 @@ int find_program(Program& program)
 
 // The user gets the streams, so that the program can open "/dev/stdout". A device that others use,
 // too, keeps its owner.
-void own_streams(long uid)
+void chown_streams(long uid)
 {
     constexpr long kPipes = 0x50495045; // PIPEFS_MAGIC
     constexpr long kSockets = 0x534f434b;
@@ -160,12 +160,12 @@ void program_become(const Rules& rules, const Program& program)
     sys::call(__NR_setsid);
     sys::call(__NR_umask, 0);
     check(-replace_null_streams());
-    own_streams(user.uid);
+    chown_streams(user.uid);
     if (program.terminal)
         check(sys::call(__NR_ioctl, 0, kTakeTerminal, 0));
     sys::call(__NR_umask, rules->umask);
     if (!program.keepKeyring)
-        leave_keyring();
+        join_new_session_keyring();
     // In a user namespace hard limits cannot be raised: they have been set.
     if (rules->user == 0) {
         program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
@@ -193,7 +193,7 @@ void program_become(const Rules& rules, const Program& program)
 void user_enter(const Rules& rules, int descriptor)
 {
     if (rules->ranges != 0)
-        own_streams(host_user(rules, rules->uid));
+        chown_streams(host_user(rules, rules->uid));
     check(sys::call(__NR_setns, descriptor, CLONE_NEWUSER));
     // Refused in the namespace of an ordinary user, which has no supplementary groups to lose.
     sys::call(__NR_setgroups, 0, 0);

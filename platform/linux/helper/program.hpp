@@ -62,7 +62,7 @@ void prepare_on_host(const Rules& rules);
 // container may be covered. EACCES: the label does not exist or may not be given.
 void choose_labels(const Rules& rules, int proc);
 
-void leave_keyring();
+void join_new_session_keyring();
 void set_limits(const Rules& rules);
 void drop_rights(const Rules& rules, const Identity& user);
 void default_signals();
