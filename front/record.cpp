@@ -93,6 +93,8 @@ Record from_json(const Json& json)
     record.pid_namespace = text_of(json, "pidNamespace");
     const Json* logged = member(json, "logged");
     record.logged = logged != nullptr && *logged == true;
+    const Json* tty = member(json, "tty");
+    record.tty = tty != nullptr && *tty == true;
     record.started = text_of(json, "started");
     record.exited = text_of(json, "exited");
     record.exit_code = number_of(json, "exitCode");
@@ -141,7 +143,8 @@ RecordKeeper RecordKeeper::begin(const std::string& id)
     znc::UniqueFd lock = keeper.dir_ ? open_lock(keeper.dir_.get(), true) : znc::UniqueFd();
     if (!lock || !take_lock(lock.get()))
         return {};
-    for (const char* old : {kStatusName, kLogName, kOldLogName, kLogTimesName, kOldLogTimesName})
+    for (const char* old :
+         {kStatusName, kInputName, kLogName, kOldLogName, kLogTimesName, kOldLogTimesName})
         ::unlinkat(keeper.dir_.get(), old, 0);
     if (::ftruncate(lock.get(), 0) != 0)
         return {};
@@ -155,6 +158,7 @@ void RecordKeeper::write(const Record& record) const
                  {"program", record.program},
                  {"pidNamespace", record.pid_namespace},
                  {"logged", record.logged},
+                 {"tty", record.tty},
                  {"started", record.started}};
     if (record.exit_code) {
         json["exitCode"] = *record.exit_code;
@@ -234,8 +238,8 @@ void remove_record(const std::string& id)
         return;
     // The lock file is removed as well. A keeper that still exists goes on writing to files that
     // have no name any more.
-    for (const char* name : {kStatusName, "status.json.new", kLogName, kOldLogName, kLogTimesName,
-                             kOldLogTimesName, kLockName})
+    for (const char* name : {kStatusName, "status.json.new", kInputName, kLogName, kOldLogName,
+                             kLogTimesName, kOldLogTimesName, kLockName})
         ::unlinkat(dir.get(), name, 0);
     if (!open_network_end(dir.get(), O_WRONLY))
         ::unlinkat(dir.get(), kNetworkName, 0);

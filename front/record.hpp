@@ -21,6 +21,7 @@ struct Record {
     pid_t program = 0;
     std::string pid_namespace; // as returned by znProcessNamespace
     bool logged = false;       // its output goes to a log
+    bool tty = false;          // it has a pseudo-terminal
     std::string started;       // RFC 3339
     std::optional<int> exit_code;
     std::string exited;
@@ -105,6 +106,8 @@ class NetworkEnd {
     znc::UniqueFd writer_; // invalid: there is no network
 };
 
+// Where a detached program gets input from; see attach_channel.hpp of zncctl.
+inline constexpr const char* kInputName = "input";
 inline constexpr const char* kLogName = "log";
 inline constexpr const char* kOldLogName = "log.1";
 inline constexpr const char* kLogTimesName = "log.times";

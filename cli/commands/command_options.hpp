@@ -56,6 +56,10 @@ inline constexpr Option kPublish = {'p', "publish", "[IP:]HOSTPORT:PORT[/udp]",
 inline constexpr Option kSeconds = {0, "timeout", "SECONDS",
                                     "how long to wait (default: no limit)"};
 
+inline constexpr Option kDetachKeys = {
+    0, "detach-keys", "KEYS",
+    "keys that leave the program running, such as a,ctrl-b; \"\": none (default: ctrl-p,ctrl-q)"};
+
 // Options of run and create.
 inline constexpr Option kContainerOptions[] = {
     {0, "name", "ID", "id of the container (default for run: a new one)"},
@@ -120,13 +124,16 @@ inline constexpr auto kCreateOptions = joined(kOnlyCreate, kContainerOptions);
 inline constexpr Option kOnlyRun[] = {
     {'d', "detach", nullptr, "print the id and return as soon as the program runs"},
     {'b', "bundle", "BUNDLE", "run this bundle instead of an image", Word::kDirectory},
+    kDetachKeys,
     kLogMax,
     {0, "keep", nullptr, "no effect: containers are kept unless --rm is given"},
 };
 inline constexpr auto kRunOptions = joined(kOnlyRun, kContainerOptions);
 
 inline constexpr Option kAttachOptions[] = {
+    kDetachKeys,
     {0, "no-signals", nullptr, "do not forward signals to the program"},
+    {0, "no-stdin", nullptr, "do not pass standard input on to the program"},
 };
 inline constexpr Option kStartOptions[] = {
     {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},

@@ -1,5 +1,6 @@
 #include "monitor.hpp"
 
+#include "attach_channel.hpp"
 #include "cli/terminal/terminal.hpp"
 #include "container.hpp"
 #include "detached.hpp"
@@ -12,12 +13,14 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <thread>
 #include <unistd.h>
 
 namespace zncctl {
@@ -63,7 +66,12 @@ class Monitor {
         else
             output_ = std::move(output.reader);
         input_ = std::move(input.writer);
+        if (input_ && ::fcntl(input_.get(), F_SETFL, O_WRONLY | O_NONBLOCK) != 0)
+            return errno;
         program_record_ = describe(program_, true);
+        program_record_.tty = options_.tty;
+        if (options_.interactive)
+            channel_.emplace(record.dir());
         record.write(program_record_);
         note_event(kStartEvent, id_);
         return 0;
@@ -107,13 +115,60 @@ class Monitor {
                 end_network_of_stopped(id_);
                 continue;
             }
-            std::array<pollfd, 1> wanted = {pollfd{output_.get(), POLLIN, 0}};
+            std::array<pollfd, 2> wanted = {pollfd{output_.get(), POLLIN, 0}, input_wanted()};
             signals.wait(wanted);
             while (signals.next()) { // signals other than SIGCHLD are ignored
             }
             if (wanted[0].revents != 0)
                 read_output(buffer_.size());
+            if (wanted[1].revents != 0)
+                pass_input();
         }
+    }
+
+    // Where input goes: the master of the terminal, or a pipe.
+    [[nodiscard]] int input_end() const { return terminal_ ? terminal_->master() : input_.get(); }
+
+    // What to wait for: room for the input that waits, or more of it.
+    [[nodiscard]] pollfd input_wanted() const
+    {
+        if (!waiting_.empty())
+            return {input_end(), POLLOUT, 0};
+        return {channel_ && *channel_ ? channel_->fd() : -1, POLLIN, 0};
+    }
+
+    void pass_input()
+    {
+        if (waiting_.empty())
+            receive();
+        while (!waiting_.empty()) {
+            const ssize_t n = ::write(input_end(), waiting_.data(), waiting_.size());
+            if (n < 0 && (errno == EAGAIN || errno == EINTR))
+                return;
+            // What a program that reads no more does not take is lost.
+            waiting_.erase(0, n < 0 ? waiting_.size() : static_cast<std::size_t>(n));
+        }
+        if (ended_)
+            end_input();
+    }
+
+    void receive()
+    {
+        const auto message = channel_->next();
+        if (!message)
+            return;
+        if (const auto size = size_in(*message); size && terminal_)
+            terminal_->set_size((*size)[0], (*size)[1]);
+        if (message->kind == AttachMessage::kInput)
+            waiting_.assign(message->data.data(), message->length);
+        ended_ = message->kind == AttachMessage::kEndOfInput && !terminal_;
+    }
+
+    // The program sees the end of its input. Nothing more is taken from anyone.
+    void end_input()
+    {
+        input_.reset();
+        channel_.reset();
     }
 
     // Returns the number of bytes read, 0 if there are none now.
@@ -147,7 +202,10 @@ class Monitor {
     Program program_;
     Record program_record_;
     znc::UniqueFd output_;
-    znc::UniqueFd input_;         // never written to
+    znc::UniqueFd input_; // of a program without a terminal
+    std::optional<AttachReceiver> channel_;
+    std::string waiting_;         // input that the program has not taken yet
+    bool ended_ = false;          // its input has ended
     std::optional<Pty> terminal_; // its output is output_
     std::optional<LogFile> log_;
     std::array<char, 65536> buffer_;
@@ -175,6 +233,18 @@ int start_with_monitor(const std::string& id, const MonitorOptions& options)
     if (const int error = startable(id); error != 0)
         return error;
     return run_detached([&](znc::UniqueFd report) { Monitor(id, options).run(std::move(report)); });
+}
+
+void delete_when_ended(const std::string& id)
+{
+    constexpr std::chrono::milliseconds kPause(100);
+    run_detached([&](znc::UniqueFd report) {
+        const znc::UniqueFd record = open_record(id);
+        report_start(std::move(report), 0);
+        while (record && record_is_kept(record.get()))
+            std::this_thread::sleep_for(kPause);
+        static_cast<void>(delete_container(id, true)); // no place left to report it
+    });
 }
 
 } // namespace zncctl

@@ -65,7 +65,18 @@ Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
         user_.reset();
         return;
     }
+    constexpr unsigned short kRows = 24;
+    constexpr unsigned short kColumns = 80;
+    set_size(kRows, kColumns);
     copy_size();
+}
+
+void Pty::set_size(unsigned short rows, unsigned short columns) const
+{
+    winsize size = {};
+    size.ws_row = rows;
+    size.ws_col = columns;
+    static_cast<void>(::ioctl(master_.get(), TIOCSWINSZ, &size));
 }
 
 void Pty::copy_size() const

@@ -41,8 +41,8 @@ class RawTerminal {
 // would then fail, and changing its settings would disturb that group.
 bool in_background(int terminal);
 
-// A pseudo-terminal with the size of the terminal on standard input. On the host only root can open
-// it.
+// A pseudo-terminal with the size of the terminal on standard input, or of 24 lines with 80 columns
+// without one. On the host only root can open it.
 class Pty {
   public:
     Pty();
@@ -55,6 +55,7 @@ class Pty {
     void close_user() { user_.reset(); }
 
     void copy_size() const; // does nothing if standard input is not a terminal
+    void set_size(unsigned short rows, unsigned short columns) const;
 
     // The signal that typing this byte should send to the program; 0 if none, or if the terminal is
     // the controlling terminal of a session, to which the kernel sends the signal itself.

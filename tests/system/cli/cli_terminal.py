@@ -362,6 +362,98 @@ def detached():
     subprocess.run([ZNCCTL, "delete", "-qf", "away"], check=True)
 
 
+def attaching():
+    """A detached program with a terminal: attached to and left several times."""
+    script("busybox stty size; while read -r line; do case $line in size) busybox stty size;; end) exit 7;;\n"
+           "*) echo \"got $line\";; esac; done")
+    t = run("run", "-dit", "--name", "away", "-b", BUNDLE)
+    t.close()
+    logs = lambda: subprocess.run([ZNCCTL, "logs", "away"], capture_output=True).stdout
+    end = time.monotonic() + TIME
+    while b"24 80" not in logs() and time.monotonic() < end:
+        time.sleep(0.02)
+    check("a detached terminal has 24 lines of 80 columns", logs().startswith(b"24 80\r\n"), logs())
+    t = Terminal("attach", "away", rows=33, columns=111)
+    check("attach uses raw mode", t.settings_change())
+    t.type("hello\r")
+    check("and passes on what is typed", t.until("got hello"), t.text)
+    t.type("size\r")
+    check("the program gets the size of the terminal", t.until("33 111"), t.text)
+    t.resize(44, 99)
+    t.type("size\r")
+    check("also when it changes", t.until("44 99"), t.text)
+    t.type("\x10x\r")
+    check("a part of the detach keys is passed on", t.until(r"got \^?P?.*x"), t.text)
+    t.type("\x10")
+    t.type("\x11")
+    ended = t.wait()
+    check("ctrl-p ctrl-q ends attach with 0", code(ended) == 0, (ended, t.text))
+    check("the terminal is restored", t.restored())
+    t.close()
+    check("the program runs on", " running " in listed(), listed())
+    t = Terminal("attach", "--detach-keys", "z,ctrl-b", "away")
+    check("it can be attached again", t.settings_change())
+    t.type("\x10\x11zz\x02")
+    ended = t.wait()
+    check("and left by other keys", code(ended) == 0 and " running " in listed(), (ended, t.text))
+    t.close()
+    t = Terminal("attach", "--no-signals", "away")
+    t.settings_change()
+    os.kill(t.pid, signal.SIGTERM)
+    check("a signal ends attach --no-signals", code(t.wait()) == 143 and t.restored())
+    check("and not the program", " running " in listed(), listed())
+    t.close()
+    t = Terminal("attach", "--detach-keys", "", "away")
+    t.settings_change()
+    # the kernel's line of the program takes ctrl-q for itself, and x after it
+    t.type("\x10\x11\rend\r")
+    ended = t.wait()
+    check("without keys it ends with the program", code(ended) == 7, (ended, t.text))
+    check("the terminal is restored then, too", t.restored())
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-qf", "away"], check=True)
+    t = run("attach", "--detach-keys", "ctrl-1", "away")
+    check("keys that are none are a usage error", code(t.ended) == 64, t.text)
+    t.close()
+    piped = subprocess.run([ZNCCTL, "run", "-di", "--name", "piped", "-b", BUNDLE], capture_output=True)
+    piped = subprocess.run([ZNCCTL, "attach", "piped"], input=b"one\ntwo\n", capture_output=True, timeout=TIME)
+    check("a program without a terminal gets input and its end", piped.stdout.endswith(b"got one\ngot two\n")
+          and piped.returncode == 0, piped)
+    big = b"x" * 300 + b"\n"
+    subprocess.run([ZNCCTL, "delete", "-qf", "piped"], check=True)
+    subprocess.run([ZNCCTL, "run", "-di", "--name", "piped", "-b", BUNDLE], capture_output=True)
+    piped = subprocess.run([ZNCCTL, "attach", "piped"], input=big * 1000, capture_output=True, timeout=TIME)
+    check("however much that is", piped.stdout.count(b"got " + big) == 1000, len(piped.stdout))
+    subprocess.run([ZNCCTL, "delete", "-qf", "piped"], check=True)
+
+
+def leaving_run():
+    """run -it with detach keys."""
+    script("read -r line; echo \"got $line\"; exit 5")
+    words = ("run", "-it", "--rm", "--name", "left", "--detach-keys", "ctrl-p,ctrl-q", "-b", BUNDLE)
+    t = Terminal(*words)
+    t.settings_change()
+    t.type("text\r")
+    check("run with detach keys works as without", code(t.wait()) == 5 and b"got text" in t.text, t.text)
+    check("and with --rm deletes the container", "left" not in listed(), listed())
+    t.close()
+    t = Terminal(*words)
+    t.settings_change()
+    t.type("\x10\x11")
+    check("the keys end it with 0", code(t.wait()) == 0 and t.restored(), t.text)
+    check("the program runs on", " running " in listed(), listed())
+    t.close()
+    t = Terminal("attach", "left")
+    t.settings_change()
+    t.type("late\r")
+    check("it can be attached to", code(t.wait()) == 5 and b"got late" in t.text, t.text)
+    t.close()
+    end = time.monotonic() + TIME
+    while "left" in listed() and time.monotonic() < end:
+        time.sleep(0.05)
+    check("and is deleted at its end", "left" not in listed(), listed())
+
+
 def more_programs():
     """A terminal of exec: another program in a container that runs already."""
     script("while :; do sleep 0.05; done")
@@ -460,7 +552,8 @@ def progress():
 
 
 for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
-              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, more_programs,
+              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, attaching, leaving_run,
+              more_programs,
               colours, widths, progress):
     trial()
 sys.exit(failed != 0)
