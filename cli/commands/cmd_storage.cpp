@@ -1,5 +1,6 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/image_bundle.hpp"
+#include "cli/containers/image_use.hpp"
 #include "cli/containers/storage_use.hpp"
 #include "cli/images/bundle_area.hpp"
 #include "cli/images/image_store.hpp"
@@ -43,6 +44,29 @@ Sum sum_of(const std::vector<Stored>& all, StoredKind kind)
     }
     return sum;
 }
+
+class UseReport {
+  public:
+    void add(const char* kind, const Sum& sum)
+    {
+        rows_.push_back({kind, std::to_string(sum.count), std::to_string(sum.used),
+                         std::to_string(sum.bytes), std::to_string(sum.unused_bytes)});
+        list_.push_back({{"kind", kind},
+                         {"count", sum.count},
+                         {"used", sum.used},
+                         {"bytes", sum.bytes},
+                         {"unusedBytes", sum.unused_bytes}});
+    }
+
+    [[nodiscard]] int print(bool as_json) const
+    {
+        return as_json ? print_json(compact(list_)) : print_result(table(rows_));
+    }
+
+  private:
+    std::vector<std::vector<std::string>> rows_ = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
+    Json list_ = Json::array();
+};
 
 int remove_unused(const Arguments& args, std::vector<std::string> used)
 {
@@ -89,26 +113,21 @@ try {
 } // namespace
 
 int cmd_storage_df(const Arguments& args)
-{
+try {
     bool as_json = false;
     if (!read_format(args, as_json))
         return kExitUsage;
     const auto all = stored();
-    if (!all)
+    const auto images = all ? image_use() : std::nullopt;
+    if (!images)
         return daemon_failure(errno, "");
-    std::vector<std::vector<std::string>> rows = {{"KIND", "COUNT", "USED", "BYTES", "UNUSED"}};
-    Json list = Json::array();
-    for (const StoredKind kind : kKinds) {
-        const Sum sum = sum_of(*all, kind);
-        rows.push_back({name_of(kind), std::to_string(sum.count), std::to_string(sum.used),
-                        std::to_string(sum.bytes), std::to_string(sum.unused_bytes)});
-        list.push_back({{"kind", name_of(kind)},
-                        {"count", sum.count},
-                        {"used", sum.used},
-                        {"bytes", sum.bytes},
-                        {"unusedBytes", sum.unused_bytes}});
-    }
-    return as_json ? print_json(compact(list)) : print_result(table(rows));
+    UseReport report;
+    report.add("image", {images->count, images->used, images->bytes, images->unused_bytes});
+    for (const StoredKind kind : kKinds)
+        report.add(name_of(kind), sum_of(*all, kind));
+    return report.print(as_json);
+} catch (const std::runtime_error& error) {
+    return failure("", error.what());
 }
 
 int cmd_storage_gc(const Arguments& args)

@@ -46,7 +46,7 @@ usage_error 'image inspect needs an image' 'image inspect IMAGE'
 run zncctl --help
 check 'help goes to standard output' test "$status/$err" = 0/
 for command in create start run attach logs wait kill stop delete state list inspect top unpack \
-    'image inspect' 'image ls' 'image check' 'image prune' pull load images tag rmi spec 'config check' 'storage df' 'storage gc' ping \
+    'image inspect' 'image ls' 'image check' 'image prune' pull load images tag rmi diff export events cp spec 'config check' 'storage df' 'storage gc' ping \
     version info completion; do
     check "help names $command" grep -q "^  $command " "$work/out"
     # shellcheck disable=SC2086

@@ -104,7 +104,7 @@ check 'run of no layout exits 125' test "$status/$out/$(error_line)" = \
 
 run zncctl storage df -f json
 check 'storage df is JSON' python3 -c \
-    'import json, sys; assert {e["kind"] for e in json.load(open(sys.argv[1]))} == {"layer", "tree", "device", "bundle"}' \
+    'import json, sys; assert {e["kind"] for e in json.load(open(sys.argv[1]))} == {"image", "layer", "tree", "device", "bundle"}' \
     "$work/out"
 run zncctl storage df
 check 'storage df counts the layers, which a bundle needs' grep -Eq '^layer   2      2     [1-9][0-9]* +0$' "$work/out"
