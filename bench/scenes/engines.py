@@ -1,0 +1,66 @@
+"""The scenes of container engines: zncrun and other OCI runtimes with the same bundle."""
+import os
+import shutil
+import subprocess
+
+from scenes import fixtures
+from scenes.containers import WORK, by_commands
+from scenes.measure import compare, interleave
+
+
+def cgroup1_only():
+    """Leaves only cgroup v1 in this mount namespace, for runtimes that refuse mixed versions."""
+    subprocess.run(["umount", "-l", "/sys/fs/cgroup/unified"], check=False, stderr=subprocess.DEVNULL)
+
+
+def prepare(world, program=("/bin/true",)):
+    """Makes a bundle; returns the commands of the runtimes without their subcommand."""
+    cgroup1_only()
+    # Processes with a real-time priority may not enter new groups of the controller "cpu".
+    os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+    shutil.rmtree(WORK, ignore_errors=True)
+    os.makedirs(WORK)
+    fixtures.bundle(f"{WORK}/bundle", program=program, peer=True)
+    return {
+        "ours": [f"{world.bin}/zncrun", f"--root={WORK}/ours"],
+        "crun": ["crun", f"--root={WORK}/crun"],
+        "runc": ["runc", f"--root={WORK}/runc"],
+    }
+
+
+def sides(world, runtimes, commands):
+    def side(runtime):
+        return lambda: by_commands(world, *([runtime + c if c != ["wait"] else c for c in commands]))
+
+    return {name: side(runtime) for name, runtime in runtimes.items()}
+
+
+def e1(world):
+    """OCI runtime: create, start, delete"""
+    commands = [["create", "--bundle", f"{WORK}/bundle", "@"], ["start", "@"], ["wait"], ["delete", "@"]]
+    samples = interleave(sides(world, prepare(world), commands), world.pairs)
+    return compare(samples, {"crun": 0.80, "runc": 0.35})
+
+
+def e2(world):
+    """OCI runtime: run"""
+    samples = interleave(sides(world, prepare(world), [["run", "--bundle", f"{WORK}/bundle", "@"]]), world.pairs)
+    return compare(samples, {"crun": 0.80, "runc": None})
+
+
+def e3(world):
+    """OCI runtime: exec"""
+    runtimes = prepare(world, program=("/bin/sleep", "1000000"))
+    for name, runtime in runtimes.items():  # other ids: control groups are named after them
+        subprocess.run(runtime + ["run", "--detach", "--bundle", f"{WORK}/bundle", f"bench-{name}"], check=True,
+                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+
+    def side(name):
+        return lambda: by_commands(world, runtimes[name] + ["exec", f"bench-{name}", "/bin/true"])
+
+    try:
+        samples = interleave({name: side(name) for name in runtimes}, world.pairs)
+    finally:
+        for name, runtime in runtimes.items():
+            subprocess.run(runtime + ["delete", "--force", f"bench-{name}"], check=False)
+    return compare(samples, {"crun": 0.70, "runc": None})
