@@ -177,6 +177,8 @@ podman_settings() {
     check '--sysctl' is 1 run --rm --sysctl net.ipv4.ip_forward=1 localhost/engines:1 \
         cat /proc/sys/net/ipv4/ip_forward
     check '--pid host' ends 1 run --rm --pid host localhost/engines:1 sh -c 'test $$ = 1'
+    check '--uidmap' is '100000 0' run --rm --uidmap 0:100000:5000 --gidmap 0:100000:5000 localhost/engines:1 \
+        sh -c 'read -r _ outside _ </proc/self/uid_map; echo $outside $(stat -c %u /etc/passwd)'
     check '--network of another container' shares_network
     check '--pid of another container' run --rm --pid container:net localhost/engines:1 \
         sh -c 'grep -q sleep /proc/1/cmdline'
