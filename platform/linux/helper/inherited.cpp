@@ -40,15 +40,27 @@ bool is_null_device(int fd)
            st.stx_rdev_minor == kNullMinor;
 }
 
-// The null device in the container's /dev, which the program could open itself.
-sys::Fd container_null()
+sys::Fd open_container_null(std::uint64_t flags)
 {
     open_how how = {};
-    how.flags = O_RDWR | O_NOCTTY | O_CLOEXEC;
+    how.flags = flags | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS;
     sys::Fd null(
         sys::call(__NR_openat2, AT_FDCWD, sys::arg("/dev/null"), sys::arg(&how), sizeof how));
     return null.valid() && is_null_device(null.get()) ? static_cast<sys::Fd&&>(null) : sys::Fd();
+}
+
+// The null device in the container's /dev, which the program could open itself. The container may
+// have put another file there: it is looked at first, and opening it must not wait for anybody, as
+// for the holder of a lease.
+sys::Fd container_null()
+{
+    if (!open_container_null(O_PATH).valid())
+        return sys::Fd();
+    sys::Fd null = open_container_null(O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (null.valid() && sys::call(__NR_fcntl, null.get(), F_SETFL, O_RDWR) < 0)
+        return sys::Fd();
+    return null;
 }
 
 // A new null device in a detached file system, which disappears with the last descriptor of it.
