@@ -226,11 +226,13 @@ void start_container(const Context& context, const std::string& id)
     const Status status = directory.status(container);
     if (status == Status::kStopped || status == Status::kCreating)
         throw Failure("cannot start a container that has stopped");
+    if (status == Status::kPaused)
+        throw Failure("cannot start a paused container");
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
     run_start_hooks(container, directory);
     Reason reason{};
-    if (znEngineStart(directory.get(), reason.data(), reason.size()) != OK)
+    if (znEngineStart(&container.process, directory.get(), reason.data(), reason.size()) != OK)
         throw Failure(reason.data());
     run_hooks(directory.read_config(), "poststart", state_text(container, Status::kRunning),
               OnFailure::kContinue);

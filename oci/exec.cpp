@@ -114,13 +114,14 @@ int run_exec(const Context& context, const Arguments& args)
     Process process = Process::read(json);
     process.complete_environment(json, container.rootfs);
     const znc::UniqueFd console = connect_console(args, process.terminal);
-    const sigset_t signals = block_forwarded_signals();
     const ZN_ENGINE_PROGRAM program = process.program(console ? console.get() : -1, descriptors);
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     ZN_ENGINE_PROCESS started = {};
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
                      &program, &started.pid, reason.data(), reason.size()) != OK)
         throw Failure(reason.data());
+    // Before this, a signal ends this process, and the helper with it.
+    const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);
     write_pid_file(args.value("pid-file"), started.pid);
     return args.has("detach") ? 0 : wait_in_foreground(started, signals);

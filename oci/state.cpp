@@ -201,13 +201,13 @@ Status StateDirectory::status(const Container& container) const
         return Status::kCreating;
     if (znEngineProcessAlive(&container.process) == FALSE)
         return Status::kStopped;
-    if (znEngineWaits(directory_.get()) != FALSE)
-        return Status::kCreated;
     BOOL frozen = FALSE;
     const bool isPaused = !container.group.empty() &&
                           znEngineGroupFrozen(container.group.c_str(), &frozen) == OK &&
                           frozen != FALSE;
-    return isPaused ? Status::kPaused : Status::kRunning;
+    if (isPaused)
+        return Status::kPaused;
+    return znEngineWaits(directory_.get()) != FALSE ? Status::kCreated : Status::kRunning;
 }
 
 void StateDirectory::remove()

@@ -108,10 +108,11 @@ int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char*
 STATUS znEngineRelease(int container, char* reason, size_t size);
 
 /*
- * Start the program of the container whose start socket is in `directory`. Returns when it runs.
- * ERROR with ESRCH if no container waits there.
+ * Start the program of the container whose first process is `process` and whose start socket is in
+ * `directory`. Returns when it runs. ERROR with ESRCH if no container waits there, ETIMEDOUT if the
+ * process does not answer (it may be stopped), ECHILD if it was killed before it ran the program.
  */
-STATUS znEngineStart(int directory, char* reason, size_t size);
+STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reason, size_t size);
 
 /* Whether a container waits for its start there. */
 BOOL znEngineWaits(int directory);

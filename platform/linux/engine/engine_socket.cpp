@@ -39,9 +39,10 @@ UniqueFd connect_to(const sockaddr_un& address, int type)
 
 } // namespace
 
+// A first process that is stopped accepts nobody, and those who look fill its queue.
 UniqueFd start_connect(int directory)
 {
-    return connect_to(address_in(directory), SOCK_SEQPACKET);
+    return connect_to(address_in(directory), SOCK_SEQPACKET | SOCK_NONBLOCK);
 }
 
 UniqueFd start_socket_make(int directory)
@@ -117,7 +118,7 @@ using namespace zn;
 BOOL znEngineWaits(int directory)
 {
     const znc::ErrnoSaver keep;
-    return start_connect(directory) ? TRUE : FALSE;
+    return start_connect(directory) || errno == EAGAIN ? TRUE : FALSE;
 }
 
 int znEngineConnect(const char* path)

@@ -16,7 +16,8 @@ namespace zn {
 znc::UniqueFd start_socket_make(int directory);
 void start_socket_remove(int directory);
 
-// Connects to it. Invalid with errno set if no container waits.
+// Connects to it. Invalid with errno set: EAGAIN if a container waits that does not answer at the
+// moment.
 znc::UniqueFd start_connect(int directory);
 
 // A pidfd of the process; invalid with ESRCH if it has ended.

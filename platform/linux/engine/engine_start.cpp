@@ -2,6 +2,7 @@
 #include "zarnel/engine.h"
 
 #include "base/file.hpp"
+#include "cgroup/cgroup.hpp"
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
 #include "engine_socket.hpp"
@@ -9,9 +10,12 @@
 #include "system/pidfd.hpp"
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/socket.h>
 
@@ -25,29 +29,44 @@ using znc::UniqueFd;
 constexpr unsigned long kJoined = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS |
                                   CLONE_NEWNET | CLONE_NEWCGROUP | CLONE_NEWTIME;
 
+// Milliseconds until the first process must have answered, or executed the program.
+constexpr int kStartWait = 20000;
+
 struct Outcome {
     pid_t pid = -1;
     wire::SpawnReport::Kind kind = wire::SpawnReport::Kind::kError;
     int error = 0;
 
-    void read_from(int descriptor)
+    // Takes one report; false at the end of file.
+    bool read_from(int descriptor)
     {
         wire::SpawnReport report;
-        ssize_t n;
-        for (;;) {
-            n = ::read(descriptor, &report, sizeof report);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n != static_cast<ssize_t>(sizeof report))
-                return;
-            if (report.kind == wire::SpawnReport::Kind::kPid) {
-                pid = report.value;
-                continue;
-            }
-            if (report.kind != wire::SpawnReport::Kind::kError)
-                kind = report.kind;
-            error = report.value;
+        const ssize_t n = ::read(descriptor, &report, sizeof report);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN))
+            return true;
+        if (n != static_cast<ssize_t>(sizeof report))
+            return false;
+        if (report.kind == wire::SpawnReport::Kind::kPid) {
+            pid = report.value;
+            return true;
         }
+        if (report.kind != wire::SpawnReport::Kind::kError)
+            kind = report.kind;
+        error = report.value;
+        return true;
+    }
+
+    // At the end of file without an error, the process has executed the program or was killed
+    // before. The last report comes right before the execution; a filter may prevent it.
+    [[nodiscard]] bool is_executed(pid_t process) const
+    {
+        char path[64];
+        char exe[64];
+        std::snprintf(path, sizeof path, "/proc/%d/exe", process);
+        const ssize_t len = ::readlink(path, exe, sizeof exe);
+        return error == 0 && (kind == wire::SpawnReport::Kind::kProgram ||
+                              (len > 0 && !std::string_view(exe, static_cast<std::size_t>(len))
+                                               .starts_with("/memfd:zn-helper")));
     }
 };
 
@@ -59,9 +78,25 @@ int finish(int error)
     return ERROR;
 }
 
+// Reads until the other end is closed. EBUSY if the group is frozen meanwhile: whoever enters it
+// then stays frozen.
+int follow(int reader, const char* group, Outcome& outcome)
+{
+    constexpr int kLookMs = 200;
+    for (;;) {
+        bool frozen = false;
+        if (readable_within(reader, kLookMs)) {
+            if (!outcome.read_from(reader))
+                return 0;
+        } else if (*group != '\0' && cgroup_frozen(group, frozen) == 0 && frozen) {
+            return EBUSY;
+        }
+    }
+}
+
 // Starts the helper that joins the container; `report` gets what it says.
 int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int process, int record,
-                   Outcome& outcome)
+                   const char* group, Outcome& outcome)
 {
     int pipes[2];
     const UniqueFd file = helper_file();
@@ -82,9 +117,12 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     if (helper < 0)
         return errno;
     writer.reset();
-    outcome.read_from(reader.get());
-    process_reap(pidfd.get());
-    return 0;
+    const int error = follow(reader.get(), group, outcome);
+    if (error != 0)
+        process_signal(pidfd.get(), SIGKILL); // it dies when it is thawed
+    else
+        process_reap(pidfd.get());
+    return error;
 }
 
 // The user namespace is that of the process: the configuration may have changed since.
@@ -109,11 +147,14 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
     const UniqueFd record = error == 0 ? settings.record(group, kJoined) : UniqueFd();
     Outcome outcome;
     if (error == 0)
-        error = record ? launch_entrant(program, unconfined, first.get(), record.get(), outcome)
-                       : errno;
+        error = record
+                    ? launch_entrant(program, unconfined, first.get(), record.get(), group, outcome)
+                    : errno;
+    if (error == EBUSY)
+        return said.say(error, "cannot exec in a paused container");
     if (error != 0)
         return said.say_errno(error, "cannot start a process");
-    if (outcome.error == 0 && outcome.pid > 0) {
+    if (outcome.pid > 0 && outcome.is_executed(outcome.pid)) {
         *pid = outcome.pid;
         return 0;
     }
@@ -125,6 +166,8 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
     // A PID namespace whose first process has ended takes no new ones.
     if (outcome.error == ENOMEM && process_ended(first.get(), 0))
         return said.say(ESRCH, "container not running");
+    if (outcome.pid > 0 && outcome.error == 0)
+        return said.say(ECHILD, "the process was killed before the program was executed");
     return said.say_program(outcome.error != 0 ? outcome.error : ECHILD, outcome.kind,
                             program.file != nullptr ? program.file : program.argv[0], program.cwd);
 }
@@ -146,19 +189,32 @@ UniqueFd sealed_text(const char* text)
 
 using namespace zn;
 
-STATUS znEngineStart(int directory, char* reason, size_t size)
+STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reason, size_t size)
 {
+    constexpr int kRetryMs = 20;
     Reason said(reason, size);
-    const UniqueFd socket = start_connect(directory);
+    const UniqueFd first = engine_process_open(*process);
+    const std::int64_t deadline = now_ns() + kStartWait * std::int64_t{1000000};
+    UniqueFd socket = first ? start_connect(directory) : UniqueFd();
+    while (first && !socket && errno == EAGAIN && now_ns() < deadline &&
+           !process_ended(first.get(), kRetryMs))
+        socket = start_connect(directory);
     const char go = 1;
+    if (!socket && first && errno == EAGAIN)
+        return finish(said.say(ETIMEDOUT, "the container's first process does not answer"));
     if (!socket)
         return finish(said.say(ESRCH, "the container does not wait for its start"));
     if (::send(socket.get(), &go, sizeof go, MSG_NOSIGNAL) != sizeof go)
         return finish(said.say_errno(errno, "the container's first process"));
     // End of file: the program was executed, which closed the other end.
     Outcome outcome;
-    outcome.read_from(socket.get());
+    do {
+        if (!readable_within(socket.get(), kStartWait))
+            return finish(said.say(ETIMEDOUT, "the container's first process does not answer"));
+    } while (outcome.read_from(socket.get()));
     start_socket_remove(directory);
+    if (outcome.error == 0 && !outcome.is_executed(process->pid))
+        return finish(said.say(ECHILD, "the process was killed before the program was executed"));
     return finish(said.say_program(outcome.error, outcome.kind, "the program", "cwd"));
 }
 

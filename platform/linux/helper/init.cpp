@@ -29,6 +29,7 @@ namespace zn {
 namespace {
 
 constexpr std::size_t kPathMax = 4096;
+constexpr long kSignalKill = 9;
 
 int error_of(long result)
 {
@@ -389,6 +390,7 @@ void maker_run(char** argv, char** envp)
 void entrant_run(char** argv, char** envp)
 {
     initialize();
+    check(sys::call(__NR_prctl, PR_SET_PDEATHSIG, kSignalKill));
     Program program;
     program_read(argv, envp, program);
     const Rules rules;

@@ -184,6 +184,7 @@ void program_become(const Rules& rules, const Program& program)
     }
     const int report = give_descriptors(program.descriptors);
     default_signals();
+    program_report(report, wire::SpawnReport::Kind::kProgram, 0);
     const long result = sys::call(__NR_execve, sys::arg(program.file), sys::arg(program.argv),
                                   sys::arg(program.envp));
     program_report(report, wire::SpawnReport::Kind::kProgram, result);
@@ -209,6 +210,7 @@ void program_become_unconfined(const Program& program)
     sys::call(__NR_umask, kUmask);
     const int report = give_descriptors(program.descriptors);
     default_signals();
+    program_report(report, wire::SpawnReport::Kind::kProgram, 0);
     const long result = sys::call(__NR_execve, sys::arg(program.path), sys::arg(program.argv),
                                   sys::arg(program.envp));
     program_report(report, wire::SpawnReport::Kind::kProgram, result);

@@ -75,4 +75,62 @@ chmod 700 "$work/deep/er"
 run zncrun --root "$work/deep/er" delete --force "$me-web"
 expect 'it is used again once they may not' 0 ''
 
+# A container that does not answer.
+run zncrun create --bundle "$work/web" "$me-web"
+pid=$(state_of "$me-web" .pid)
+kill -STOP "$pid"
+for _ in {1..12}; do run timeout 10 "$ZNCRUN" --root "$work/state" state "$me-web"; done
+check 'a stopped container that waits is looked at any number of times' test "$status" = 0
+check 'its state is created' is_state "$me-web" created
+run zncrun list
+check 'and it does not hold up the list' grep -q "$me-web .*created" "$work/out"
+kill -CONT "$pid"
+run zncrun pause "$me-web"
+check 'a container that waits is paused' is_state "$me-web" paused
+run zncrun start "$me-web"
+refused 'and not started then' paused
+run zncrun resume "$me-web"
+check 'it waits again' is_state "$me-web" created
+kill -STOP "$pid"
+timeout 30 "$ZNCRUN" --root "$work/state" start "$me-web" >/dev/null 2>"$work/err" &
+starter=$!
+socket=$(readlink -f "$work/state/$me-web")/start
+check 'a start waits for its answer' eventually test -e "$socket"
+kill -KILL "$pid"
+status=0
+wait "$starter" || status=$?
+check 'a start whose process is killed fails' test "$status" = 1
+run zncrun delete --force "$me-web"
+
+# A filter that kills the process before its program.
+change web '.process.args = ["true"] | .linux.seccomp = {defaultAction: "SCMP_ACT_KILL_PROCESS", syscalls: [
+    {names: ["execve", "exit_group", "brk", "write", "read", "close"], action: "SCMP_ACT_ALLOW"}]}'
+run zncrun create --bundle "$work/web" "$me-web"
+run zncrun start "$me-web"
+refused 'the start of a program that was never executed' 'killed before'
+run zncrun delete --force "$me-web"
+plain_again
+run zncrun run --detach --bundle "$work/web" "$me-web"
+run zncrun exec --detach "$me-web" true
+expect 'exec --detach' 0 ''
+
+# A file at the place of the null device whose holder does not let go of it.
+cat >"$work/lease.py" <<'P'
+import fcntl, os, signal, sys
+signal.signal(signal.SIGIO, signal.SIG_IGN)
+fd = os.open(sys.argv[1], os.O_RDWR | os.O_CREAT)
+fcntl.fcntl(fd, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+print("held", flush=True)
+signal.pause()
+P
+root=/proc/$(state_of "$me-web" .pid)/root
+rm "$root/dev/null"
+timeout 120 python3 "$work/lease.py" "$root/dev/null" >"$work/lease" &
+holder=$!
+check 'the file is held' eventually grep -q held "$work/lease"
+run timeout 10 "$ZNCRUN" --root "$work/state" exec "$me-web" true
+expect 'exec does not wait for the holder of a file of the container' 0 ''
+kill "$holder"
+run zncrun delete --force "$me-web"
+
 finish

@@ -56,8 +56,9 @@ TEST(EngineStart, WithoutAContainerThereIsNothingToStart)
 {
     const znc::UniqueFd directory(::open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
+    const ZN_ENGINE_PROCESS self = znEngineProcessGet(::getpid());
     EXPECT_FALSE(znEngineWaits(directory.get()));
-    EXPECT_EQ(znEngineStart(directory.get(), reason.data(), reason.size()), ERROR);
+    EXPECT_EQ(znEngineStart(&self, directory.get(), reason.data(), reason.size()), ERROR);
     EXPECT_EQ(errno, ESRCH);
     EXPECT_STRNE(reason.data(), "");
 }
