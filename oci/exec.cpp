@@ -64,9 +64,12 @@ Json process_of(const Json& config, const Arguments& args)
         process["cwd"] = cwd;
     if (const char* user = args.value("user"))
         set_user(process, user);
-    for (const std::string& group : args.values("additional-gids"))
-        process["user"]["additionalGids"].push_back(
-            zncctl::to_number<std::uint32_t>(group).value_or(0));
+    for (const std::string& group : args.values("additional-gids")) {
+        const auto gid = zncctl::to_number<std::uint32_t>(group);
+        if (!gid)
+            throw Failure(fmt::format("--additional-gids: {:?} is not a group id", group));
+        process["user"]["additionalGids"].push_back(*gid);
+    }
     for (const std::string& one : args.values("env"))
         set_variable(process, one);
     if (const char* profile = args.value("apparmor"))
@@ -123,7 +126,12 @@ int run_exec(const Context& context, const Arguments& args)
     // Before this, a signal ends this process, and the helper with it.
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);
-    write_pid_file(args.value("pid-file"), started.pid);
+    try {
+        write_pid_file(args.value("pid-file"), started.pid);
+    } catch (const Failure&) { // nobody would know of the program
+        znEngineProcessSignal(&started, SIGKILL);
+        throw;
+    }
     return args.has("detach") ? 0 : wait_in_foreground(started, signals);
 }
 

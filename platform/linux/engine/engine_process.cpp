@@ -2,6 +2,7 @@
 // groups by path.
 #include "cgroup/cgroup.hpp"
 #include "engine_reason.hpp"
+#include "engine_settings.hpp"
 #include "engine_socket.hpp"
 #include "ns_record.hpp"
 #include "settings/settings_reader.hpp"
@@ -106,6 +107,8 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
     Resources wanted;
     SettingsFault fault;
     int error = said.say_fault(settings_read_resources(resources, wanted, fault), fault);
+    if (error == 0 && !wanted.devices.empty())
+        error = devices_complete(wanted.devices);
     if (error == 0) {
         const char* field = nullptr;
         error = cgroup_limit(group, wanted, &field);

@@ -129,9 +129,13 @@ int EngineSettings::set_users(const List<IdMapping>& uids)
 
 int EngineSettings::complete_devices()
 {
-    List<DeviceRule>& rules = settings_.resources.devices;
-    // The last matching rule decides: the default "deny all" comes first, then the rules of the
-    // configuration, then the devices that every container has.
+    return devices_complete(settings_.resources.devices);
+}
+
+int devices_complete(List<DeviceRule>& rules)
+{
+    // The last rule that matches decides, so that these come after those of the configuration,
+    // except for the one that denies all others by default.
     List<DeviceRule> all;
     if (rules.empty() && all.append(DeviceRule{}) == nullptr)
         return ENOMEM;

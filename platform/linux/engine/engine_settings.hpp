@@ -19,6 +19,9 @@ struct EngineNamespace {
 inline constexpr unsigned kEngineNamespaces = 5;
 extern const EngineNamespace kEngineNamespace[kEngineNamespaces];
 
+// Adds the rules of the devices that every container has. 0 or ENOMEM.
+int devices_complete(List<DeviceRule>& rules);
+
 class EngineSettings {
   public:
     // 0, or an error number with `fault` set: EINVAL, ENOTSUP, ENOMEM.

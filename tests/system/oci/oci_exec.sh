@@ -18,6 +18,8 @@ inside --cwd /twice "$me-web" pwd
 expect 'a working directory of exec that has one of the same path in it' 0 /twice
 inside --user 1000:1001 --additional-gids 7 "$me-web" sh -c 'echo $(id -u):$(id -G) $HOME'
 expect 'the user of exec' 0 '1000:1001 7 /home/user'
+inside --additional-gids abc "$me-web" true
+refused 'a supplementary group that is no number' '--additional-gids: "abc"'
 inside "$me-web" sh -c 'ps | grep -c "[s]leep 1000"'
 expect 'it sees the processes of the container' 0 1
 inside "$me-web" nosuch
@@ -42,6 +44,9 @@ pid=$(<"$work/pid")
 check 'the pid file names the program' grep -qa sleep "/proc/$pid/cmdline"
 check 'in the PID namespace of the container' test \
     "$(readlink "/proc/$pid/ns/pid")" = "$(readlink "/proc/$(state_of "$me-web" .pid)/ns/pid")"
+inside --detach --pid-file "$work/nosuch/pid" "$me-web" sleep "$mark"
+refused 'a pid file that cannot be written' "$work/nosuch/pid"
+check 'its program does not stay' eventually not pgrep -f "sleep $mark"
 run zncrun ps --format json "$me-web"
 check 'ps lists both' jq -e "length == 2 and index($pid) != null" "$work/out"
 
@@ -115,6 +120,10 @@ check 'the state is running' is_state "$me-web" running
 printf '{"pids":{"limit":50}}' >"$work/resources"
 run zncrun update --resources "$work/resources" "$me-web"
 expect 'update' 0 ''
+printf '{"devices":[{"allow":false,"access":"rwm"}]}' >"$work/resources"
+run zncrun update --resources "$work/resources" "$me-web"
+inside "$me-web" sh -c 'echo >/dev/null && head -c 3 /dev/zero | wc -c'
+expect 'devices that every container has stay usable' 0 3
 run zncrun update --resources - "$me-web" <<<'{"memory":{"limit":"x"}}'
 check 'wrong limits are refused' test "$status" = 1
 run zncrun events --stats "$me-web"
