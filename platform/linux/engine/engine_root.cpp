@@ -9,11 +9,13 @@
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mount.h>
+#include <string_view>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -196,14 +198,29 @@ int Creation::mount_all()
 
 namespace {
 
+// Whether a path is "/dev", however it is written: "//dev/.".
+bool is_dev(std::string_view path)
+{
+    bool found = false;
+    while (!path.empty()) {
+        const std::string_view name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(name.size() + 1, path.size()));
+        if (name.empty() || name == ".")
+            continue;
+        if (found || name != "dev")
+            return false;
+        found = true;
+    }
+    return found;
+}
+
 // Whether the configuration provides /dev with all that belongs into it.
 bool binds_dev(const ZN_ENGINE_PLAN& plan)
 {
     for (std::size_t i = 0; i < plan.mountCount; i++) {
         EngineMount mount;
         const char* option = nullptr;
-        const char* at = plan.mounts[i].destination;
-        if ((std::strcmp(at, "/dev") == 0 || std::strcmp(at, "/dev/") == 0) &&
+        if (is_dev(plan.mounts[i].destination) &&
             engine_mount_read(plan.mounts[i], mount, &option) == 0 && mount.plan.bind)
             return true;
     }

@@ -90,6 +90,7 @@ int loopback_up();
 int namespace_join(int descriptor, std::uint64_t types);
 int owner_set(std::uint32_t uid, std::uint32_t gid);
 int device_make(const char* path, const wire::Node& node);
+int node_create(int directory, const char* name, const wire::Node& node);
 int node_make(int directory, const char* name, const wire::Node& node); // replaces a file
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);

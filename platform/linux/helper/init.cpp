@@ -124,21 +124,45 @@ struct Place {
     int error = 0;
 };
 
-// EBUSY: the configuration has mounted something there, which stays.
+// Nothing that exists is replaced: it may be a file of a volume. What the configuration has mounted
+// there stays, and so does the same device.
+int node_keep(int directory, const char* name, const wire::Node& node)
+{
+    struct statx st = {};
+    const int error = error_of(sys::call(__NR_statx, directory, sys::arg(name), AT_SYMLINK_NOFOLLOW,
+                                         STATX_TYPE, sys::arg(&st)));
+    if (error != 0 || (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
+        return error;
+    const bool isSame = (st.stx_mode & kTypeMask) == (node.mode & kTypeMask) &&
+                        st.stx_rdev_major == node.major && st.stx_rdev_minor == node.minor;
+    return isSame ? 0 : EEXIST;
+}
+
+// Those in /dev must not be created elsewhere, where a symbolic link leads.
+int refuse_device_link(const char* path)
+{
+    constexpr char kDev[] = "/dev/";
+    return strlen(path) >= sizeof kDev && memcmp(path, kDev, sizeof kDev - 1) == 0
+               ? refuse_link("/dev")
+               : 0;
+}
+
 int provide_device(const Incoming& in)
 {
+    const int refused = refuse_device_link(in.text);
     const Place place(in.text);
-    if (place.error != 0)
-        return place.error;
-    const int error = node_make(place.directory.get(), place.name, in.request.node);
-    return error == EBUSY ? 0 : error;
+    if (refused != 0 || place.error != 0)
+        return refused != 0 ? refused : place.error;
+    const int error = node_create(place.directory.get(), place.name, in.request.node);
+    return error == EEXIST ? node_keep(place.directory.get(), place.name, in.request.node) : error;
 }
 
 int make_link(const char* path, const char* target)
 {
+    const int refused = refuse_device_link(path);
     const Place place(path);
-    if (place.error != 0)
-        return place.error;
+    if (refused != 0 || place.error != 0)
+        return refused != 0 ? refused : place.error;
     const int error = error_of(
         sys::call(__NR_symlinkat, sys::arg(target), place.directory.get(), sys::arg(place.name)));
     return error == EEXIST ? 0 : error;

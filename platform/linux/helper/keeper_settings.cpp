@@ -93,18 +93,22 @@ int device_make(const char* path, const wire::Node& node)
     return node_make(directory.get(), path + cut, node);
 }
 
-int node_make(int directory, const char* name, const wire::Node& node)
+int node_create(int directory, const char* name, const wire::Node& node)
 {
     const long number = (node.minor & 0xff) | (static_cast<long>(node.major & 0xfff) << 8) |
                         (static_cast<long>(node.minor & ~0xffU) << 12);
-    const long removed = sys::call(__NR_unlinkat, directory, sys::arg(name), 0);
-    if (removed < 0 && removed != -ENOENT)
-        return error_of(removed);
     const int error =
         error_of(sys::call(__NR_mknodat, directory, sys::arg(name), node.mode, number));
     return error != 0 ? error
                       : error_of(sys::call(__NR_fchownat, directory, sys::arg(name), node.uid,
                                            node.gid, AT_SYMLINK_NOFOLLOW));
+}
+
+int node_make(int directory, const char* name, const wire::Node& node)
+{
+    const long removed = sys::call(__NR_unlinkat, directory, sys::arg(name), 0);
+    return removed < 0 && removed != -ENOENT ? error_of(removed)
+                                             : node_create(directory, name, node);
 }
 
 // Parameters of an IPC namespace can be written by the root of its user namespace only, whatever
