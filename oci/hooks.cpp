@@ -65,8 +65,11 @@ std::optional<int> wait_for(pid_t pid, const std::optional<std::int64_t>& second
     const auto deadline = Clock::now() + std::chrono::seconds(seconds.value_or(0));
     for (;;) {
         int status = 0;
-        if (::waitpid(pid, &status, seconds ? WNOHANG : 0) == pid)
+        const pid_t ended = ::waitpid(pid, &status, seconds ? WNOHANG : 0);
+        if (ended == pid)
             return status;
+        if (ended < 0 && errno != EINTR)
+            throw Failure(zncctl::error_text());
         const auto left =
             std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now());
         if (seconds && left.count() <= 0)

@@ -136,10 +136,13 @@ int run_kill(const Context& context, const Arguments& args)
         // still run.
         if (znEngineGroupSignal(container.group.c_str(), signal) != OK && errno != ENOENT)
             throw Failure(fmt::format("cgroup {}: {}", container.group, zncctl::error_text()));
-        return 0;
-    }
-    if (znEngineProcessSignal(&container.process, signal) != OK)
+    } else if (znEngineProcessSignal(&container.process, signal) != OK) {
         throw Failure(errno == ESRCH ? "container not running" : zncctl::error_text());
+    }
+    BOOL frozen = FALSE;
+    if (signal == SIGKILL && znEngineGroupFrozen(container.group.c_str(), &frozen) == OK &&
+        frozen != FALSE)
+        znEngineGroupFreeze(container.group.c_str(), FALSE); // with v1, what is frozen does not die
     return 0;
 }
 

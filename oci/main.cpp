@@ -8,6 +8,7 @@
 #include "zncontainer.h"
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -283,6 +284,8 @@ int run_command(const Context& context, std::span<char* const> words)
 int main(int argc, char** argv)
 {
     zncrun::Context context;
+    // With the caller's SIG_IGN, ends of children could not be waited for.
+    std::signal(SIGCHLD, SIG_DFL);
     try {
         zncrun::GlobalOptions options(
             context,

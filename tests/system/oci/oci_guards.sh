@@ -38,6 +38,56 @@ run zncrun run --bundle "$work/web" "$me-web"
 check 'what outlives the first process is killed with the group' not pgrep -f "sleep $mark"
 plain_again
 
+# Callers that ignore the ends of their children.
+cat >"$work/ignore.py" <<'P'
+import os, signal, sys
+signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+os.execv(sys.argv[1], sys.argv[1:])
+P
+program web sh -c 'exit 6'
+run timeout 20 python3 "$work/ignore.py" "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web"
+expect 'run has the status of a program whose end its caller ignores' 6 ''
+change web '.hooks = {createRuntime: [{path: "/bin/true", timeout: 5}]}'
+run timeout 20 python3 "$work/ignore.py" "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web"
+expect 'and its hooks end' 6 ''
+plain_again
+
+# A paused container is killed.
+run zncrun run --detach --bundle "$work/web" "$me-web"
+run zncrun pause "$me-web"
+run zncrun kill "$me-web" KILL
+expect 'kill of a paused container' 0 ''
+check 'it ends' eventually is_state "$me-web" stopped
+run zncrun delete "$me-web"
+
+# Files of volumes at the places of devices.
+mkdir -p "$work/volume"
+for name in null zero fd core ptmx; do echo mine >"$work/volume/$name"; done
+change web '.mounts |= map(select(.destination | startswith("/dev") | not))
+    | .process.args = ["true"]'
+for destination in //dev /dev/. /./dev//; do
+    cp "$work/web/config.json" "$work/nodev.json"
+    change web ".mounts += [{destination: \"$destination\", type: \"bind\", source: \"$work/volume\", options: [\"bind\"]}]"
+    run zncrun run --bundle "$work/web" "$me-web"
+    expect "a bind at $destination" 0 ''
+    cp "$work/nodev.json" "$work/web/config.json"
+done
+check 'the files of the volume are there' grep -qx mine "$work/volume/null" "$work/volume/zero"
+change web ".mounts += [{destination: \"/data\", type: \"bind\", source: \"$work/volume\", options: [\"bind\"]}]"
+rmdir "$work/web/rootfs/dev"
+ln -s data "$work/web/rootfs/dev"
+run zncrun run --bundle "$work/web" "$me-web"
+refused 'a symbolic link at /dev' '/dev/null'
+rm "$work/web/rootfs/dev"
+mkdir "$work/web/rootfs/dev"
+change web '.linux.devices = [{path: "/data/null", type: "c", major: 1, minor: 5, fileMode: 438}]'
+run zncrun run --bundle "$work/web" "$me-web"
+refused 'a device at the place of a file' '/data/null'
+check 'the files are as they were' test "$(cat "$work"/volume/* | sort | uniq -c | tr -d ' ')" = 5mine
+rm -rf "$work/web/rootfs/dev"
+mkdir "$work/web/rootfs/dev"
+plain_again
+
 # The names of the host.
 host=$(hostname)
 for members in '.hostname = "changed"' '.domainname = "changed" | del(.hostname)'; do
