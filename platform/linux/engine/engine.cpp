@@ -15,7 +15,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/nsfs.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
@@ -80,6 +82,20 @@ int Creation::make_group()
                              field != nullptr ? field : "");
 }
 
+// The helper joins it, for a process that it creates: while a process shares the memory of this
+// program, or has its file as its own, no container may see it.
+int Creation::open_pid_namespace()
+{
+    if (settings_.from(NsKind::kPid) != NsChoice::From::kPath)
+        return 0;
+    const char* path = settings_.path(NsKind::kPid);
+    pidNamespace_.reset(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    int error = pidNamespace_ ? 0 : errno;
+    if (error == 0 && ::ioctl(pidNamespace_.get(), NS_GET_NSTYPE) != CLONE_NEWPID)
+        error = EINVAL;
+    return reason_.say_errno(error, "linux.namespaces: pid: %s", path);
+}
+
 int Creation::launch()
 {
     const UniqueFd file = helper_file();
@@ -91,7 +107,9 @@ int Creation::launch()
         return reason_.say_errno(error, "linux.namespaces: user");
     // Children are created in the namespaces that are joined here.
     JoinedNamespaces joined;
-    int error = joined.enter(settings_, reason_);
+    int error = open_pid_namespace();
+    if (error == 0)
+        error = joined.enter(settings_, reason_);
     if (error == 0)
         error = launch_with(file, record, start);
     const int left = joined.leave();
@@ -113,8 +131,8 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kInitName, plan_.program) ||
-        !fds.make(plan_.program,
-                  {theirs.get(), writer.get(), record.get(), start.get(), user_.get()}))
+        !fds.make(plan_.program, {theirs.get(), writer.get(), record.get(), start.get(),
+                                  user_.get(), pidNamespace_.get()}))
         return reason_.say_errno(errno, "the program's arguments");
     UniqueFd pidfd;
     const pid_t pid = launch_helper({file.get(), settings_.clone_flags() | SIGCHLD, fds.all(),

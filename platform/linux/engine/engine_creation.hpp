@@ -41,6 +41,7 @@ class Creation {
   private:
     int check_names();
     int make_group();
+    int open_pid_namespace();
     int launch();
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
                     const znc::UniqueFd& start);
@@ -77,6 +78,7 @@ class Creation {
     Reason& reason_;
     EngineSettings settings_;
     znc::UniqueFd root_;
+    znc::UniqueFd pidNamespace_; // that is joined
     znc::UniqueFd report_;
     znc::UniqueFd control_; // a second descriptor of the socket, for keep()
     EngineUser user_;

@@ -20,8 +20,7 @@ constexpr Joinable kJoinable[] = {{NsKind::kIpc, CLONE_NEWIPC, "ipc", "ipc"},
                                   {NsKind::kUts, CLONE_NEWUTS, "uts", "uts"},
                                   {NsKind::kCgroup, CLONE_NEWCGROUP, "cgroup", "cgroup"},
                                   {NsKind::kNetwork, CLONE_NEWNET, "network", "net"},
-                                  {NsKind::kTime, CLONE_NEWTIME, "time", "time"},
-                                  {NsKind::kPid, CLONE_NEWPID, "pid", "pid"}};
+                                  {NsKind::kTime, CLONE_NEWTIME, "time", "time"}};
 
 } // namespace
 

@@ -8,7 +8,7 @@
 
 namespace zn {
 
-// The PID and time namespaces become those of children only.
+// The time namespace becomes that of children only. The PID namespace is joined by the helper.
 class JoinedNamespaces {
   public:
     // 0, or an error number with the reason said.

@@ -71,7 +71,7 @@ int Creation::launch_maker()
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!file || !record || !arguments.make(wire::kMakerName, program) ||
-        !fds.make(program, {theirs.get(), writer.get(), record.get(), -1, first_.pidfd()}))
+        !fds.make(program, {theirs.get(), writer.get(), record.get(), -1, first_.pidfd(), -1}))
         return reason_.say_errno(errno, "cannot prepare a process");
     UniqueFd pidfd;
     const pid_t pid = launch_helper(

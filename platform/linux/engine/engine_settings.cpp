@@ -113,7 +113,8 @@ unsigned long EngineSettings::created_flags() const
     // Without new namespaces a process is still created: the mark is no flag of a namespace.
     constexpr unsigned long kNone = CLONE_PARENT;
     const unsigned long flags = new_namespaces();
-    const bool second = hasUsers_ || (flags & CLONE_NEWTIME) != 0;
+    const bool second =
+        hasUsers_ || (flags & CLONE_NEWTIME) != 0 || from(NsKind::kPid) == NsChoice::From::kPath;
     return second ? flags | kNone : 0;
 }
 
@@ -158,7 +159,8 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join) const
             return UniqueFd();
     }
     wire::Confinement rules = {};
-    rules.namespaces = join;
+    rules.namespaces =
+        join == 0 && from(NsKind::kPid) == NsChoice::From::kPath ? CLONE_NEWPID : join;
     rules.user = hasUsers_ ? 1 : 0;
     rules.created = join == 0 ? created_flags() : 0;
     rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;

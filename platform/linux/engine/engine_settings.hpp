@@ -33,7 +33,8 @@ class EngineSettings {
 
     // The CLONE_NEW flags with which the helper is started. Its cgroup namespace is made later.
     [[nodiscard]] unsigned long clone_flags() const;
-    // Those of a second process, which is created in a user or time namespace; 0: there is none.
+    // Those of a second process, which is created in a user, time or joined PID namespace; 0: there
+    // is none.
     [[nodiscard]] unsigned long created_flags() const;
 
     // Makes the programs those of a user namespace with these mappings.

@@ -16,7 +16,7 @@ using znc::UniqueFd;
 
 constexpr char kName[] = "start";
 
-static_assert(3 + 5 + ZN_ENGINE_DESCRIPTORS_MAX <= kLaunchFdsMax);
+static_assert(3 + kHelperFds + ZN_ENGINE_DESCRIPTORS_MAX <= kLaunchFdsMax);
 
 // Paths of sockets are short, and the directory's may be long.
 sockaddr_un address_in(int directory)
@@ -87,7 +87,7 @@ bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program, 
     return true;
 }
 
-bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 5> own)
+bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, kHelperFds> own)
 {
     if (program.descriptors < 0 || program.descriptors > ZN_ENGINE_DESCRIPTORS_MAX) {
         errno = EINVAL;
@@ -101,7 +101,7 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
         const int given = stream == 0 ? program.input : stream;
         fds_[count_++] = {::fcntl(given, F_GETFD) >= 0 ? given : null_.get(), stream};
     }
-    for (int i = 0; i < 5; i++)
+    for (int i = 0; i < kHelperFds; i++)
         fds_[count_++] = {own[static_cast<std::size_t>(i)] >= 0 ? own[static_cast<std::size_t>(i)]
                                                                 : null_.get(),
                           wire::kInitSocket + i};

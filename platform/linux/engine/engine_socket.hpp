@@ -36,11 +36,14 @@ class ProgramArguments {
     znc::MallocPtr<char*[]> argv_;
 };
 
-// The helper's descriptors: the standard streams, five of its own, those of the program.
+// Descriptors of the helper's own, from kInitSocket to kInitPid.
+inline constexpr int kHelperFds = wire::kInitFdEnd - wire::kInitSocket;
+
+// The helper's descriptors: the standard streams, its own, those of the program.
 class ProgramDescriptors {
   public:
-    // The five are those from kInitSocket to kInitUser. EINVAL if there are too many.
-    bool make(const ZN_ENGINE_PROGRAM& program, std::array<int, 5> own);
+    // EINVAL if the program gets too many. -1: none.
+    bool make(const ZN_ENGINE_PROGRAM& program, std::array<int, kHelperFds> own);
     [[nodiscard]] std::span<const LaunchFd> all() const { return {fds_.data(), count_}; }
 
   private:

@@ -107,7 +107,7 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kEntrantName, program, unconfined) ||
-        !fds.make(program, {-1, writer.get(), record, program.console, process}))
+        !fds.make(program, {-1, writer.get(), record, program.console, process, -1}))
         return errno;
     UniqueFd pidfd;
     const pid_t helper =

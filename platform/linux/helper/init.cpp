@@ -5,8 +5,9 @@
 // The platform's end of the socket is held by the program that creates the container. If that
 // program ends before the container waits for its start, the first process exits.
 //
-// Until the program is executed, no process in the container can inspect these processes: they are
-// not dumpable and have more capabilities than any of them.
+// Until the program is executed, processes in the container without CAP_SYS_PTRACE cannot inspect
+// these processes: they are not dumpable and have more capabilities than any of them. Their file is
+// sealed, and their memory is their own.
 
 #include "helper.hpp"
 #include "init_program.hpp"
@@ -350,6 +351,8 @@ void create_in_namespaces(const Rules& rules)
                                               : sys::call(__NR_openat, AT_FDCWD,
                                                           sys::arg("/proc/self/timens_offsets"),
                                                           O_WRONLY | O_CLOEXEC));
+    if ((rules->namespaces & CLONE_NEWPID) != 0)
+        check(sys::call(__NR_setns, wire::kInitPid, CLONE_NEWPID));
     if (rules->user != 0) {
         // The root changes later, for processes that have that of the namespace.
         check(-chroot_leave());
@@ -384,6 +387,7 @@ void init_run(char** argv, char** envp)
     else if (rules->ownControlGroup != 0)
         check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     sys::call(__NR_close, wire::kInitUser);
+    sys::call(__NR_close, wire::kInitPid);
     if (rules->ownNetwork != 0)
         check(-loopback_up());
     serve_all(program);

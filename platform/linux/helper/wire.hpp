@@ -109,7 +109,7 @@ inline constexpr int kSpawnerFixedArgs = 6;
 // follow the structure: limits, ranges, filter, groups, then the texts: entries, labels.
 struct Confinement {
     std::uint64_t size;       // with the arrays
-    std::uint64_t namespaces; // CLONE_NEW flags of the keeper's namespaces to join
+    std::uint64_t namespaces; // CLONE_NEW flags of the namespaces to join
     std::uint64_t bounding;   // capability sets
     std::uint64_t permitted;
     std::uint64_t effective;
@@ -183,7 +183,8 @@ inline constexpr int kInitSocket = 3; // zn-init, zn-make: requests; zn-exec: no
 inline constexpr int kInitStart = 6;  // zn-init: listens for the start; zn-exec: console socket
 inline constexpr int kInitUser = 7;   // zn-init: user namespace; zn-exec, zn-make: pidfd of the
                                       // first process
-inline constexpr int kInitFdEnd = 8;
+inline constexpr int kInitPid = 8;    // zn-init: PID namespace to be joined, if `namespaces` has it
+inline constexpr int kInitFdEnd = 9;
 
 // argv: name, working directory, number of descriptors that the program gets, flags (kInitTerminal:
 // it gets a terminal; kInitKeyring: it keeps the session keyring; kInitUnconfined: it keeps the

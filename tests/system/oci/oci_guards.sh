@@ -88,6 +88,26 @@ rm -rf "$work/web/rootfs/dev"
 mkdir "$work/web/rootfs/dev"
 plain_again
 
+# What a container sees of zncrun when another one joins its PID namespace: never a process whose
+# file is zncrun.
+cp "$ZNCRUN" "$work/victim"
+make_bundle watch sh -c 'echo up >/data/up; while [ ! -e /data/stop ]; do
+    for p in /proc/[0-9]*; do l=$(readlink $p/exe) || continue; case $l in /bin/*) ;; *) echo "$l" >>/data/seen ;; esac
+    done; done'
+change watch '.process.capabilities = ({} | .bounding = ["CAP_SYS_PTRACE"] | .effective = .bounding | .permitted = .bounding)'
+run zncrun run --detach --bundle "$work/watch" "$me-watch"
+check 'a container watches' eventually test -e "$work/watch/rootfs/data/up"
+change web '.linux.namespaces |= (map(select(.type != "pid")) + [{type: "pid", path: "/proc/'"$(state_of "$me-watch" .pid)"'/ns/pid"}])
+    | .process.args = ["sh", "-c", "echo $$"]'
+for _ in {1..25}; do run "$work/victim" --root "$work/state" run --bundle "$work/web" "$me-web"; done
+check 'others join its PID namespace' test "$status" = 0 -a "${out:-1}" -gt 1
+touch "$work/watch/rootfs/data/stop"
+check 'it ends' eventually is_state "$me-watch" stopped
+check 'it has seen the file of zncrun never' not grep -q victim "$work/watch/rootfs/data/seen"
+check 'but that of the helper' grep -q 'memfd:zn-helper' "$work/watch/rootfs/data/seen"
+run zncrun delete "$me-watch"
+plain_again
+
 # The names of the host.
 host=$(hostname)
 for members in '.hostname = "changed"' '.domainname = "changed" | del(.hostname)'; do
