@@ -5,6 +5,7 @@
 #include "front/words.hpp"
 #include "hooks.hpp"
 #include "log.hpp"
+#include "signals.hpp"
 
 #include <algorithm>
 #include <array>
@@ -219,7 +220,7 @@ Container create_container(const Context& context, const Arguments& args)
     return container;
 }
 
-void start_container(const Context& context, const std::string& id)
+void start_container(const Context& context, const std::string& id, sigset_t* signals)
 {
     const StateDirectory directory = StateDirectory::open(context, id, Lock::kExclusive);
     const Container container = directory.read();
@@ -231,6 +232,8 @@ void start_container(const Context& context, const std::string& id)
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
     run_start_hooks(container, directory);
+    if (signals != nullptr)
+        *signals = block_forwarded_signals();
     Reason reason{};
     if (znEngineStart(&container.process, directory.get(), reason.data(), reason.size()) != OK)
         throw Failure(reason.data());

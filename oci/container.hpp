@@ -4,12 +4,16 @@
 
 #include "bundle.hpp"
 
+#include <csignal>
+
 namespace zncrun {
 
 // Creates the container that `args` describe (create, run): the id is the first operand.
 Container create_container(const Context& context, const Arguments& args);
 
-void start_container(const Context& context, const std::string& id);
+// `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
+// Before, while hooks run, they end this process.
+void start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);

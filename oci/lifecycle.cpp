@@ -74,10 +74,10 @@ int run_start(const Context& context, const Arguments& args)
 
 int run_run(const Context& context, const Arguments& args)
 {
-    const sigset_t signals = block_forwarded_signals();
+    sigset_t signals;
     const Container container = create_container(context, args);
     try {
-        start_container(context, container.id);
+        start_container(context, container.id, &signals);
     } catch (const Failure&) {
         StateDirectory directory = StateDirectory::open(context, container.id, Lock::kExclusive);
         remove_container(directory);
@@ -148,9 +148,21 @@ int run_kill(const Context& context, const Arguments& args)
 
 namespace {
 
+// Without the lock: whoever holds it may wait for a hook that does not end.
+void kill_unlocked(const Context& context, const std::string& id)
+{
+    const StateDirectory directory = StateDirectory::find(context, id, Lock::kNone);
+    if (!directory || !directory.has_state())
+        return;
+    const Container container = directory.read();
+    znEngineProcessSignal(&container.process, SIGKILL);
+}
+
 void delete_one(const Context& context, const std::string& id, bool force)
 {
-    StateDirectory directory = force ? StateDirectory::find(context, id, Lock::kExclusive)
+    if (force)
+        kill_unlocked(context, id);
+    StateDirectory directory = force ? StateDirectory::find(context, id, Lock::kBounded)
                                      : StateDirectory::open(context, id, Lock::kExclusive);
     if (!directory)
         return;

@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -108,7 +110,27 @@ StateDirectory StateDirectory::create(const Context& context, const std::string&
     return made;
 }
 
-// The directory may have been removed while this process waited for the lock.
+namespace {
+
+void take_lock(int directory, Lock lock, const std::string& path)
+{
+    constexpr auto kPatience = std::chrono::seconds(5);
+    constexpr auto kPause = std::chrono::milliseconds(10);
+    const bool isBounded = lock == Lock::kBounded;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (::flock(directory, isBounded ? LOCK_EX | LOCK_NB : LOCK_EX) != 0) {
+        if (errno == EWOULDBLOCK && std::chrono::steady_clock::now() >= deadline)
+            throw Failure(path + ": another command is changing the container");
+        if (errno == EWOULDBLOCK)
+            std::this_thread::sleep_for(kPause);
+        else if (errno != EINTR)
+            fail_at(path);
+    }
+}
+
+} // namespace
+
+// A directory that was removed while this process waited for the lock is none any more.
 StateDirectory StateDirectory::locked(const std::string& path, Lock lock)
 {
     for (;;) {
@@ -117,9 +139,7 @@ StateDirectory StateDirectory::locked(const std::string& path, Lock lock)
             return {path, znc::UniqueFd()};
         if (lock == Lock::kNone)
             return {path, std::move(directory)};
-        while (::flock(directory.get(), LOCK_EX) != 0)
-            if (errno != EINTR)
-                fail_at(path);
+        take_lock(directory.get(), lock, path);
         struct stat held = {};
         struct stat there = {};
         if (::fstat(directory.get(), &held) == 0 && ::lstat(path.c_str(), &there) == 0 &&

@@ -28,12 +28,13 @@ struct Container {
     std::string rootfs;
     std::string created; // RFC 3339
     std::string group;
-    std::string mark; // of the group, which another container may have taken over
+    std::string mark;               // of the group, which another container may have taken over
     ZN_ENGINE_PROCESS process = {}; // pid 0: none yet
     Json annotations = Json::object();
 };
 
-enum class Lock { kNone, kExclusive };
+// kBounded: exclusive, and it fails if another command holds the lock for long.
+enum class Lock { kNone, kExclusive, kBounded };
 
 class StateDirectory {
   public:

@@ -108,6 +108,22 @@ check 'but that of the helper' grep -q 'memfd:zn-helper' "$work/watch/rootfs/dat
 run zncrun delete "$me-watch"
 plain_again
 
+# A hook that does not end.
+change web '.hooks = {createRuntime: [{path: "/bin/sh", args: ["sh", "-c", "cat >/dev/null; echo $$ >$HELD; exec sleep 1000"]}]}'
+HELD=$work/held "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web" >/dev/null 2>&1 </dev/null &
+runner=$!
+check 'the hook runs' eventually test -s "$work/held"
+pid=$(state_of "$me-web" .pid)
+run timeout 30 "$ZNCRUN" --root "$work/state" delete --force "$me-web"
+refused 'delete --force does not wait for the hook' 'another command'
+check 'the container is killed' eventually not lives "$pid"
+kill -TERM "$runner"
+check 'run can be ended meanwhile' eventually not lives "$runner"
+kill "$(<"$work/held")"
+run zncrun delete --force "$me-web"
+expect 'and the container deleted then' 0 ''
+plain_again
+
 # The names of the host.
 host=$(hostname)
 for members in '.hostname = "changed"' '.domainname = "changed" | del(.hostname)'; do
