@@ -2,6 +2,7 @@
 #include "container.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
+#include "log.hpp"
 #include "signals.hpp"
 
 #include <csignal>
@@ -109,12 +110,16 @@ int run_list(const Context& context, const Arguments& args)
         const StateDirectory directory = StateDirectory::find(context, id, Lock::kNone);
         if (!directory || !directory.has_state())
             continue;
-        const Container container = directory.read();
-        const Json state = state_document(container, directory.status(container));
-        table +=
-            fmt::format("{:<24} {:>8} {:<10} {:<28} {}\n", id, state["pid"].get<int>(),
-                        state["status"].get<std::string>(), container.bundle, container.created);
-        all.push_back(state);
+        try {
+            const Container container = directory.read();
+            const Json state = state_document(container, directory.status(container));
+            table += fmt::format("{:<24} {:>8} {:<10} {:<28} {}\n", id, state["pid"].get<int>(),
+                                 state["status"].get<std::string>(), container.bundle,
+                                 container.created);
+            all.push_back(state);
+        } catch (const Failure& failure) { // one that is damaged does not hide the others
+            log_line(context, "warning", failure.what());
+        }
     }
     std::string ids;
     for (const Json& one : all)
@@ -154,8 +159,11 @@ void kill_unlocked(const Context& context, const std::string& id)
     const StateDirectory directory = StateDirectory::find(context, id, Lock::kNone);
     if (!directory || !directory.has_state())
         return;
-    const Container container = directory.read();
-    znEngineProcessSignal(&container.process, SIGKILL);
+    try {
+        const Container container = directory.read();
+        znEngineProcessSignal(&container.process, SIGKILL);
+    } catch (const Failure&) { // a damaged state names no process
+    }
 }
 
 void delete_one(const Context& context, const std::string& id, bool force)
@@ -173,7 +181,14 @@ void delete_one(const Context& context, const std::string& id, bool force)
             throw Failure(fmt::format("cannot delete container {} that is not stopped: {}",
                                       container.id, status_name(status)));
     }
-    remove_container(directory);
+    try {
+        remove_container(directory);
+    } catch (const DamagedState& failure) {
+        if (!force)
+            throw;
+        log_line(context, "warning", failure.what());
+        directory.remove();
+    }
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
@@ -66,7 +67,7 @@ Json parse(const std::string& text, const char* name)
     zncctl::JsonNotes notes;
     auto json = zncctl::parse_json(text, &notes, zncctl::Annotations::kMayRepeat);
     if (!json)
-        throw Failure(fmt::format("{}: {}", name, notes.problem));
+        throw DamagedState(fmt::format("{}: {}", name, notes.problem));
     return *std::move(json);
 }
 
@@ -171,9 +172,14 @@ bool StateDirectory::has_state() const
 
 Container StateDirectory::read() const
 {
+    if (!has_state()) // its creator was killed at its beginning
+        throw Failure(fmt::format("container {:?} does not exist",
+                                  std::filesystem::path(path_).filename().string()));
     const Json json = read_document(directory_.get(), kState);
     const auto pid = zncctl::integer(zncctl::member(json, "pid"));
     const auto start = zncctl::integer(zncctl::member(json, "startTime"));
+    if (!pid || *pid < 0 || *pid > std::numeric_limits<pid_t>::max() || !start || *start < 0)
+        throw DamagedState(fmt::format("{}/{}: no process id", path_, kState));
     Container container;
     container.id = zncctl::text_of(json, "id");
     container.bundle = zncctl::text_of(json, "bundle");
@@ -181,8 +187,8 @@ Container StateDirectory::read() const
     container.created = zncctl::text_of(json, "created");
     container.group = zncctl::text_of(json, "cgroup");
     container.mark = zncctl::text_of(json, "cgroupMark");
-    container.process.pid = static_cast<pid_t>(pid.value_or(0));
-    container.process.startTime = static_cast<unsigned long long>(start.value_or(0));
+    container.process.pid = static_cast<pid_t>(*pid);
+    container.process.startTime = static_cast<unsigned long long>(*start);
     if (const Json* annotations = zncctl::member(json, "annotations"))
         container.annotations = *annotations;
     return container;

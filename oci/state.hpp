@@ -34,6 +34,12 @@ struct Container {
 };
 
 // kBounded: exclusive, and it fails if another command holds the lock for long.
+// A state that cannot be read: what belongs to the container is not known.
+class DamagedState : public Failure {
+  public:
+    using Failure::Failure;
+};
+
 enum class Lock { kNone, kExclusive, kBounded };
 
 class StateDirectory {
