@@ -234,7 +234,10 @@ void Bundle::read_root()
 
 void Bundle::read_mounts()
 {
-    for (const Json& one : zncctl::children(zncctl::member(config_, "mounts"))) {
+    const Json* list = zncctl::member(config_, "mounts");
+    if (list != nullptr && !list->is_null() && !list->is_array())
+        throw Failure("mounts: not an array");
+    for (const Json& one : zncctl::children(list)) {
         const std::string where = fmt::format("mounts[{}]", mounts_.size());
         Mount& mount = mounts_.emplace_back();
         mount.destination = optional_text(one, "destination", where);

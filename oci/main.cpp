@@ -7,6 +7,7 @@
 #include "log.hpp"
 #include "zncontainer.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -218,15 +219,15 @@ class GlobalOptions {
         } else if (name == "log") {
             context_.log = value(name);
         } else if (name == "log-format") {
-            context_.log_json = value(name) == "json";
+            context_.log_json = one_of(name, {"text", "json"}) == "json";
         } else if (name == "debug") {
             context_.debug = flag();
         } else if (name == "systemd-cgroup") {
             context_.systemd = flag();
         } else if (name == "cgroup-manager") {
-            context_.systemd = value(name) == "systemd";
+            context_.systemd = one_of(name, {"cgroupfs", "systemd"}) == "systemd";
         } else if (name == "rootless") {
-            if (value(name) == "true")
+            if (one_of(name, {"false", "auto", "true"}) == "true")
                 throw Failure("--rootless: not supported");
         } else if (name == "version" || name == "v") {
             version_ = true;
@@ -245,6 +246,13 @@ class GlobalOptions {
         std::string next = words_.front();
         words_ = words_.subspan(1);
         return next;
+    }
+    std::string one_of(const std::string& name, std::initializer_list<const char*> words)
+    {
+        const std::string given = value(name);
+        if (std::find(words.begin(), words.end(), given) == words.end())
+            throw Failure(fmt::format("--{}: unknown word {:?}", name, given));
+        return given;
     }
     [[nodiscard]] bool flag() const { return !hasValue_ || value_ != "false"; }
 

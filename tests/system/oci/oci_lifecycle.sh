@@ -7,6 +7,10 @@ loop='trap "exit 5" TERM; echo up; while :; do sleep 0.05; done'
 # Global options and general failures.
 run zncrun --version
 check 'the version is in the form that engines read' grep -qx 'zncrun version [0-9.]*' <<<"$out"
+for option in --log-format=xml --cgroup-manager=disabled --rootless=yes; do
+    run zncrun "$option" list
+    refused "$option" 'unknown word'
+done
 run zncrun --log "$work/log" --log-format json --debug --systemd-cgroup=false --rootless=false \
     --cgroup-manager cgroupfs state "$me-absent"
 refused 'a container that does not exist' 'does not exist'
@@ -161,6 +165,22 @@ mkdir -p "$work/state/$me-early"
 run zncrun delete --force "$me-early"
 expect 'also what a creator left that was killed at once' 0 ''
 
+# Damaged states.
+for text in '' '{"pid":4294967297,"startTime":1}' '{}'; do
+    mkdir "$work/state/$me-damaged"
+    printf '%s' "$text" >"$work/state/$me-damaged/state.json"
+    run zncrun list
+    expect "list with the state '$text'" 0 "$out"
+    run zncrun state "$me-damaged"
+    check "the state '$text' is no state" test "$status" = 1
+    run zncrun delete --force "$me-damaged"
+    expect "delete --force of the state '$text'" 0 ''
+done
+mkdir "$work/state/$me-damaged"
+run zncrun state "$me-damaged"
+refused 'a directory without a state' 'does not exist'
+rmdir "$work/state/$me-damaged"
+
 # Killed anywhere, it leaves nothing that force does not clear.
 change web 'del(.hooks)'
 left_by_killed_creators() {
@@ -199,6 +219,13 @@ run zncrun run --detach --bundle "$work/web" "$me-web"
 expect 'run --detach' 0 ''
 sleep 1000 &
 other=$!
+start_of() { awk '{ print $22 }' "/proc/$1/stat"; }
+# The kernel counts starts in ticks: another process may have started in the same one.
+while [[ $(start_of "$other") == $(start_of "$(state_of "$me-web" .pid)") ]]; do
+    kill "$other"
+    sleep 1000 &
+    other=$!
+done
 jq ".pid = $other" "$work/state/$me-web/state.json" >"$work/changed.json"
 pid=$(state_of "$me-web" .pid)
 cp "$work/state/$me-web/state.json" "$work/kept.json"

@@ -158,6 +158,13 @@ class BundleTest : public testing::Test {
     }
 };
 
+TEST_F(BundleTest, MountsAreAnArray)
+{
+    EXPECT_EQ(refusal(R"(,"mounts":"x")"), "mounts: not an array");
+    EXPECT_EQ(refusal(R"(,"mounts":{})"), "mounts: not an array");
+    EXPECT_EQ(refusal(R"(,"mounts":[])"), "");
+}
+
 TEST_F(BundleTest, GroupsAreBelowAGroupOfTheProgramUnlessAPathIsGiven)
 {
     EXPECT_EQ(bundle("").group("web", false), "/zncrun/web");
