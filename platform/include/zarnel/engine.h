@@ -158,9 +158,9 @@ STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* 
 STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size);
 /*
  * Remove the group of a container that was created with this mark. If it has the mark, and no group
- * below it with another one has processes, what is in it is killed first. A group with another mark belongs to
- * another container and stays. Without one, it is removed if nothing is in it. OK if it was removed
- * or there is none; EBUSY if it stays.
+ * below it with another one has processes, what is in it is killed first. A group with another mark
+ * belongs to another container and stays. Without one, it is removed if nothing is in it. OK if it
+ * was removed or there is none; EBUSY if it stays.
  */
 STATUS znEngineGroupRemove(const char* group, const char* mark);
 
