@@ -22,14 +22,14 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 
 # Dictionary and maximum input length of each target.
-declare -A dictionary=([tar_stream]=tar [extract]=tar [gzip]=gzip [image_layout]=image
+declare -A dictionary=([tar_stream]=tar [extract]=tar [archive]=tar [gzip]=gzip [image_layout]=image
     [image_config]=config [bundle_config]=config [request]=message [reply]=message [paths]=paths
     [settings]=settings)
-declare -A longest=([tar_stream]=6144 [extract]=6144 [extract_names]=200 [gzip]=16384
+declare -A longest=([tar_stream]=6144 [extract]=6144 [archive]=6144 [extract_names]=200 [gzip]=16384
     [image_layout]=8192 [image_config]=4096 [bundle_config]=4096 [request]=2100 [reply]=16384
     [paths]=1024 [import_merge]=260 [settings]=4096)
 all=(tar_stream extract gzip image_layout request extract_names reply bundle_config image_config paths
-    import_merge settings)
+    import_merge settings archive)
 [[ $# -gt 0 ]] || set -- "${all[@]}"
 for target in "$@"; do
     if [[ -z ${longest[$target]-} ]]; then

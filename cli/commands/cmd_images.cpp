@@ -100,6 +100,7 @@ int print_rows(const Arguments& args, const std::vector<ListedImage>& images,
 {
     const std::time_t now = std::time(nullptr);
     std::vector<std::string> lines;
+    lines.reserve(images.size());
     for (const ListedImage& image : images)
         lines.push_back(format.text(texts_of_row(args, image, now)));
     if (!format.is_table())

@@ -293,7 +293,7 @@ def merges():
 
 
 TARGETS = {
-    "tar_stream": archives, "extract": archives, "extract_names": names, "gzip": gzips,
+    "tar_stream": archives, "extract": archives, "archive": archives, "extract_names": names, "gzip": gzips,
     "image_layout": layouts, "image_config": image_configs, "bundle_config": bundles,
     "request": requests, "reply": replies, "paths": paths,
     "import_merge": merges, "settings": settings,

@@ -128,7 +128,7 @@ TEST(FindCommand, UnknownWordsFindNothing)
 TEST(FindCommand, ATwoWordNameNeedsBothWords)
 {
     EXPECT_EQ(find_command(Words{"image"}).command, nullptr);
-    EXPECT_EQ(find_command(Words{"image", "rm"}).command, nullptr);
+    EXPECT_EQ(find_command(Words{"image", "no"}).command, nullptr);
     EXPECT_EQ(find_command(Words{"image inspect"}).command, nullptr);
     EXPECT_EQ(find_command(Words{"image", "inspect", "dir"}).words, 2U);
 }
@@ -139,6 +139,15 @@ TEST(FindCommand, AnAliasIsTheCommand)
     EXPECT_NE(find_command(Words{"ps"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"ls"}).command, &row({"list"}));
     EXPECT_EQ(find_command(Words{"rm"}).command, &row({"delete"}));
+}
+
+TEST(FindCommand, ImageCommandsHaveTheNamesThatEnginesGiveThem)
+{
+    EXPECT_EQ(find_command(Words{"image", "rm", "x"}).command, &row({"rmi"}));
+    EXPECT_EQ(find_command(Words{"image", "rm", "x"}).words, 2U);
+    EXPECT_EQ(find_command(Words{"image", "list"}).command, &row({"image", "ls"}));
+    for (const char* name : {"tag", "load", "pull", "import"})
+        EXPECT_EQ(find_command(Words{"image", name}).command, &row({name})) << name;
 }
 
 TEST(Parse, OptionsMayStandBeforeAndBehindOperands)
