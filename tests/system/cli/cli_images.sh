@@ -446,7 +446,7 @@ cd "$work/here" || exit 1
 run zncctl image ls -f json many
 check 'a directory does not replace the image of this name' test \
     "$(jq -r '.[].tag' "$work/out")" = localhost/many:latest
-run zncctl run --rm --network none --progress none mine
+run zncctl run --rm --pull never --network none --progress none mine
 check 'a directory is not run by a name' test "$status/$out" = 125/
 check 'but a hint says how' grep -qx \
     'zncctl: hint: there is a directory of this name: the path of the layout in it is ./mine' "$work/err"
