@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = ".layout-";
 constexpr const char* kMakingLock = "/.making-layout";
-constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // Preparing a layout is quick. A process that holds the lock for longer is stopped or hangs.
 void take_turn(NamedLock& lock, const std::string& path)
