@@ -60,7 +60,7 @@ std::string record(std::string_view key, std::string_view value)
 {
     const std::size_t rest = key.size() + value.size() + 3;
     std::size_t length = rest + 1;
-    while (fmt::formatted_size("{}", length) + rest != length)
+    while (std::to_string(length).size() + rest != length)
         length++;
     return fmt::format("{} {}={}\n", length, key, value);
 }
