@@ -312,9 +312,13 @@ int overlay_device_detach(const char* devName, Detach which)
         return 0;
     const Devices devices(which == Detach::kOwn ? kShortLockTimeoutNs : 0);
     if (!devices)
-        return errno == EBUSY ? -1 : 0;
-    const bool shouldDetach = which == Detach::kOwn ? look(devices.get(), name) == Node::kWritable
-                                                    : is_abandoned(devices.get(), devName, name);
+        return errno == ENOENT ? 0 : -1;
+    errno = 0;
+    const Node node = look(devices.get(), name);
+    if (node == Node::kForeign && (errno == EMFILE || errno == ENFILE))
+        return -1; // it could not be examined
+    const bool shouldDetach =
+        node == Node::kWritable && (which == Detach::kOwn || !ns_record_rooted_on(devName));
     return shouldDetach ? detach(devices.get(), name) : 0;
 }
 
