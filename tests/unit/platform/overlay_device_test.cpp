@@ -16,6 +16,7 @@
 #include <string>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -187,6 +188,25 @@ TEST_F(OverlayDevice, OneThatCouldNotBeDetachedBecauseOfTheLockGoesLater)
     other.reset();
     znnsReap();
     EXPECT_FALSE(fs::exists("/overlay/web"));
+}
+
+// With `left` descriptors, finding out what is at the path fails at another step.
+TEST_F(OverlayDevice, OneThatCouldNotBeExaminedForWantOfDescriptorsGoesLater)
+{
+    for (const rlim_t left : {0U, 1U, 2U}) {
+        ASSERT_EQ(create("web", {"/tmp/o/root"}), OK);
+        const nsid_t ns = rooted_on("web");
+        struct rlimit usual = {};
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+        const znc::UniqueFd lowest(::dup(2));
+        const struct rlimit few = {static_cast<rlim_t>(lowest.get()) + 1 + left, usual.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+        EXPECT_EQ(znnsRootfsDestroy(ns, "/overlay/web", "web"), OK);
+        EXPECT_EQ(znnsDelete(ns), OK);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+        znnsReap();
+        EXPECT_FALSE(fs::exists("/overlay/web")) << left;
+    }
 }
 
 TEST_F(OverlayDevice, OneThatWasLeftToBeDetachedLaterStaysOnceItIsANewContainers)
