@@ -94,7 +94,7 @@ class CreationHooks {
         directory_.write(container_);
         const HookPlace inside = {process, container_.group, nullptr};
         for (const char* kind : kCreationHooks)
-            run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreated),
+            run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreating),
                       OnFailure::kFail, kind == kCreationHooks[2] ? &inside : nullptr);
     }
 

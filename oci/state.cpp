@@ -260,11 +260,10 @@ std::vector<std::string> state_ids(const Context& context)
 
 Json state_document(const Container& container, Status status)
 {
-    const bool lives = status != Status::kStopped && status != Status::kCreating;
     Json json = Json::object();
     json["ociVersion"] = kSpecification;
     json["id"] = container.id;
-    json["pid"] = lives ? container.process.pid : 0;
+    json["pid"] = status == Status::kStopped ? 0 : container.process.pid;
     json["status"] = status_name(status);
     json["bundle"] = container.bundle;
     json["rootfs"] = container.rootfs;

@@ -6,72 +6,63 @@
 make_bundle web true
 chmod 1777 "$work/web/rootfs/tmp"
 plain=$(<"$work/web/config.json")
-# hooked FILTER PROGRAM [ARG]...: a bundle with this changed, run.
-hooked() {
-    local filter=$1
-    shift
-    printf '%s' "$plain" >"$work/web/config.json"
-    change web "$filter"
-    program web "$@"
-    run zncrun run --bundle "$work/web" "$me-web"
-}
 hook() { # SCRIPT [MEMBERS]: a hook that runs a script, as JSON
     jq -nc --arg script "$1" '{path: "/bin/sh", args: ["sh", "-c", $script], env: ["PATH=/bin:/usr/bin"]} + '"${2:-{\}}"
 }
 root=$work/web/rootfs
 
 # createContainer: a program of the host, in the container's namespaces.
-hooked ".hooks.createContainer = [$(hook "cat >$work/state.json; readlink /proc/self/ns/mnt /proc/self/ns/uts >$work/ns
+given ".hooks.createContainer = [$(hook "cat >$work/state.json; readlink /proc/self/ns/mnt /proc/self/ns/uts >$work/ns
     ls $work/web/config.json; ls -d $root/proc/self; mkdir $root/mnt/made; mount -t tmpfs hook $root/mnt/made; hostname")]" \
     sh -c 'grep -o "hook /mnt/made tmpfs" /proc/mounts; ls -d /mnt/made'
 check 'a container with a createContainer hook' test "$status" = 0
 check 'the hook sees the host and the mounts of the container' \
     test "$(head -n 3 "$work/out")" = "$work/web/config.json"$'\n'"$root/proc/self"$'\nbox'
 check 'what it mounts is in the container' test "$(tail -n 2 "$work/out")" = $'hook /mnt/made tmpfs\n/mnt/made'
-check 'it reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1" "$work/state.json")" = true
+check 'it reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1 and .status == \"creating\"" "$work/state.json")" = true
 check 'it is in namespaces of the container' \
     not grep -qxF -e "$(readlink /proc/self/ns/mnt)" -e "$(readlink /proc/self/ns/uts)" "$work/ns"
 check 'the host does not see its mounts' not grep -q "$root/mnt/made" /proc/self/mountinfo
-hooked ".hooks.createContainer = [$(hook "touch $root/etc/by-hook")] | .root.readonly = true" \
+given ".hooks.createContainer = [$(hook "touch $root/etc/by-hook")] | .root.readonly = true" \
     sh -c 'ls /etc/by-hook; touch /etc/other || echo read-only'
 expect 'it can change a root that becomes read-only' 0 $'/etc/by-hook\nread-only'
-hooked ".hooks.createContainer = [$(hook 'exit 0')] | .linux.rootfsPropagation = \"shared\"" \
+given ".hooks.createContainer = [$(hook 'exit 0')] | .linux.rootfsPropagation = \"shared\"" \
     sh -c "ls -d $work; grep ' / / \\| / ' /proc/self/mountinfo | head -n 1 | grep -o shared"
 check 'the program sees nothing of the host, in a root with propagation' test "$out" = shared
-hooked ".hooks.createContainer = [$(hook 'exit 3')] | .hooks.poststop = [$(hook "touch $work/stopped")]" true
+given ".hooks.createContainer = [$(hook 'exit 3')] | .hooks.poststop = [$(hook "touch $work/stopped")]" true
 refused 'a createContainer hook that fails' 'createContainer hook /bin/sh: exit status 3'
 check 'poststop hooks run then' test -e "$work/stopped"
-hooked ".hooks.createContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
+given ".hooks.createContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
 refused 'a createContainer hook that takes too long' 'longer than 1 seconds'
-hooked '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
+given '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
 refused 'a createContainer hook that does not exist' '/bin/nosuch'
-hooked '.hooks.createContainer = [{path: "bin/true"}]' true
+given '.hooks.createContainer = [{path: "bin/true"}]' true
 refused 'a path that is not absolute' 'must be absolute'
 
 # All that are of the creation run before the program is looked up, in their order.
-hooked ".hooks = {createContainer: [$(hook "echo third >>$work/order; printf '#!/bin/sh\\necho late\\n' >$root/bin/late; chmod 755 $root/bin/late")],
+given ".hooks = {createContainer: [$(hook "echo third >>$work/order; printf '#!/bin/sh\\necho late\\n' >$root/bin/late; chmod 755 $root/bin/late")],
     createRuntime: [$(hook "echo second >>$work/order")], prestart: [$(hook "echo first >>$work/order")]}" late
 check 'the order of the hooks' test "$(tr '\n' ' ' <"$work/order")" = 'first second third '
 expect 'the program may be made by a hook' 0 late
 
 # startContainer: a program of the container, confined as it is.
-hooked ".process.user = {uid: 1000, gid: 1000} | .process.noNewPrivileges = true
+given ".process.user = {uid: 1000, gid: 1000} | .process.noNewPrivileges = true
     | .hooks.startContainer = [$(hook 'cat >/tmp/state; id -u; grep NoNewPrivs /proc/self/status; cat /proc/1/comm; echo $A' \
     '{env: ["A=b"]}')]" echo program
 expect 'a startContainer hook' 0 $'1000\nNoNewPrivs:\t1\nzn-init\nb\nprogram'
-hooked '.hooks.startContainer = [{path: "/bin/env", args: ["env"]}]' true
+given '.hooks.startContainer = [{path: "/bin/env", args: ["env"]}]' true
 expect 'it gets nothing of the environment of the caller' 0 ''
 rm -f "$root/tmp/state"
-hooked ".hooks.startContainer = [$(hook 'cat >/tmp/state; echo more >>/proc/self/fd/0; true')]" cat /tmp/state
+given ".hooks.startContainer = [$(hook 'cat >/tmp/state; echo more >>/proc/self/fd/0; true')]" cat /tmp/state
 check 'it reads the state of the container' grep -q "\"id\":\"$me-web\"" "$work/out"
 check 'and cannot change what it reads' test "$(grep -c more "$work/out")" = 0
-hooked ".hooks.startContainer = [$(hook 'exit 7')] | .hooks.poststop = [$(hook "touch $work/stopped2")]" echo program
+given ".hooks.startContainer = [$(hook 'exit 7')] | .hooks.poststop = [$(hook "touch $work/stopped2")]" echo program
 refused 'a startContainer hook that fails' 'startContainer hook /bin/sh: exit status 7'
 check 'the program does not run' not grep -q program "$work/out"
 check 'poststop hooks run' test -e "$work/stopped2"
-hooked ".hooks.startContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
+given ".hooks.startContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
 refused 'one that takes too long' 'longer than 1 seconds'
-hooked ".hooks.startContainer = [{path: \"$work/outside\"}]" true
+given ".hooks.startContainer = [{path: \"$work/outside\"}]" true
 refused 'its path is one of the container' 'no such file'
 
 # A container whose start failed is stopped.
