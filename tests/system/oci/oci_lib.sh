@@ -77,6 +77,16 @@ program() { # NAME PROGRAM [ARG]...: another program in the bundle
         mv "$work/changed.json" "$work/$name/config.json"
 }
 
+# given FILTER PROGRAM [ARG]...: runs a container from the bundle "web" whose configuration is $plain with this changed.
+given() {
+    local filter=$1
+    shift
+    printf '%s' "$plain" >"$work/web/config.json"
+    change web "$filter"
+    program web "$@"
+    run zncrun run --bundle "$work/web" "$me-web"
+}
+
 state_of() { zncrun state "$1" 2>/dev/null | jq -r "${2:-.status}"; }
 is_state() { [[ $(state_of "$1") == "$2" ]]; }
 group_exists() { compgen -G "/sys/fs/cgroup/*/zncrun/$1" >/dev/null || test -d "/sys/fs/cgroup/zncrun/$1"; }

@@ -5,15 +5,6 @@
 
 make_bundle web true
 plain=$(<"$work/web/config.json")
-# given FILTER PROGRAM [ARG]...: runs a container whose configuration has this changed.
-given() {
-    local filter=$1
-    shift
-    printf '%s' "$plain" >"$work/web/config.json"
-    change web "$filter"
-    program web "$@"
-    run zncrun run --bundle "$work/web" "$me-web"
-}
 status_line() { printf "grep %s: /proc/self/status | { read -r _ value; echo \$value; }" "$1"; }
 
 # Rights. Nothing is granted that the configuration does not grant.

@@ -9,14 +9,6 @@ plain=$(jq '.linux.namespaces += [{type: "user"}, {type: "cgroup"}]
     | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 5000}]
     | .linux.gidMappings = [{containerID: 0, hostID: 200000, size: 5000}]
     | .mounts[2].options += ["gid=5"]' "$work/web/config.json")
-given() { # FILTER PROGRAM [ARG]...
-    local filter=$1
-    shift
-    printf '%s' "$plain" >"$work/web/config.json"
-    change web "$filter"
-    program web "$@"
-    run zncrun run --bundle "$work/web" "$me-web"
-}
 all='["CAP_SYS_ADMIN", "CAP_SYS_CHROOT", "CAP_DAC_OVERRIDE", "CAP_CHOWN", "CAP_NET_ADMIN", "CAP_MKNOD", "CAP_SETUID",
     "CAP_SETGID", "CAP_SYS_RESOURCE"]'
 rights=".process.capabilities = {bounding: $all, effective: $all, permitted: $all}"
