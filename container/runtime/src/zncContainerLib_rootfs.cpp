@@ -69,8 +69,10 @@ STATUS upper_path(const char* containerId, char* path)
 // however long that takes.
 STATUS delete_container_dir(const char* dir)
 {
-    if (znc::is_small_tree(dir) && znc::delete_foreign_tree(dir) == OK)
+    if (znc::is_small_tree(dir) && znc::delete_foreign_tree(dir) == OK) {
+        znc::trash_retry();
         return OK;
+    }
     if (znc::trash_take(dir) != OK)
         return znc::delete_foreign_tree(dir);
     znc::trash_empty();

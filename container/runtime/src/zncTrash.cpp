@@ -37,6 +37,7 @@ constexpr long kNsPerMillisecond = 1000000;
 // Trash is taken, and emptied, by one task each: the second begins again for what came meanwhile.
 std::atomic<bool> emptying{false};
 std::atomic<bool> more{false};
+std::atomic<bool> unfinished{false}; // there were no descriptors or memory to delete everything
 std::atomic<unsigned> names{0};
 
 // The base whose trash is emptied, as the environment named it when that was asked for: the task
@@ -73,6 +74,14 @@ bool is_small(int dir, int depth, Budget* budget)
     return errno == 0;
 }
 
+// Called when a part of the trash could not be deleted. For lack of descriptors or memory it can be
+// tried again; otherwise it stays for the next daemon.
+void note_failure()
+{
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM)
+        unfinished = true;
+}
+
 // The storage base's own path; false when it is not fit to delete in.
 bool base_path(char (&path)[1024])
 {
@@ -99,20 +108,23 @@ znc::UniqueFd open_trash(const char* base_name, bool make)
     return {};
 }
 
-// Deletes every entry once. What cannot be deleted stays for the next daemon.
+// Deletes every entry once.
 void delete_all(const char* base_name)
 {
     const znc::UniqueDir list = znc::directory_stream(open_trash(base_name, false));
     if (list == nullptr)
-        return;
+        return note_failure();
     while (const struct dirent* entry = znc::next_entry(list.get())) {
         char path[1024 + sizeof kTrash + 256 + 2];
         std::snprintf(path, sizeof path, "%s/%s/%s", base_name, kTrash, entry->d_name);
-        static_cast<void>(znc::delete_foreign_tree(path));
+        if (znc::delete_foreign_tree(path) != OK)
+            note_failure();
     }
+    note_failure(); // errno is 0 at the end of the list
     const znc::UniqueFd base(::open(base_name, kBaseFlags));
-    if (base)
-        ::unlinkat(base.get(), kTrash, AT_REMOVEDIR); // stays while something is in it
+    // It stays while something is in it.
+    if (!base || ::unlinkat(base.get(), kTrash, AT_REMOVEDIR) != 0)
+        note_failure();
 }
 
 void* empty_main(void* /*unused*/)
@@ -188,14 +200,23 @@ void znc::trash_empty()
     const ErrnoSaver keep;
     char base[sizeof base_to_empty];
     if (!base_path(base))
-        return;
+        return note_failure();
     {
         const MutexHold hold(base_lock);
         std::memcpy(base_to_empty, base, sizeof base);
     }
+    unfinished = false;
     more = true;
-    if (!emptying.exchange(true) && !start_emptying())
-        emptying = false; // it stays for the next time
+    if (!emptying.exchange(true) && !start_emptying()) {
+        unfinished = true;
+        emptying = false;
+    }
+}
+
+void znc::trash_retry()
+{
+    if (unfinished)
+        trash_empty();
 }
 
 bool znc::trash_settled(int milliseconds)

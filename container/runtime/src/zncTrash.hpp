@@ -25,6 +25,10 @@ STATUS trash_take(const char* path);
 // Begins to empty the trash unless that is going on already. Does not wait. Keeps errno.
 void trash_empty();
 
+// As trash_empty() if the last time there were no descriptors or no memory to delete everything;
+// otherwise nothing.
+void trash_retry();
+
 // Waits up to `milliseconds` until the trash is empty or no thread empties it. False on timeout.
 bool trash_settled(int milliseconds);
 

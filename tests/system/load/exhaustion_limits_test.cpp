@@ -128,17 +128,6 @@ class Limits : public SystemWorld {
         expect_usable();
     }
 
-    // A daemon that has no descriptors when it empties its trash leaves it to the next daemon.
-    static void remove_trash()
-    {
-        const fs::path trash = fs::path(kStorage) / ".trash";
-        EXPECT_TRUE(eventually([&] {
-            std::error_code removed; // by the daemon at the same time
-            fs::remove_all(trash, removed);
-            return !fs::exists(trash);
-        }));
-    }
-
   private:
     pid_t client_ = -1;
 };
@@ -227,7 +216,6 @@ TEST_P(Limits, ADaemonWithFewDescriptorsFailsTheRequestAndLives)
             failures[operation.name] += last ? 0 : 1;
             EXPECT_TRUE(zncDaemonIsAlive());
             clear_up();
-            remove_trash();
             EXPECT_EQ(left_over(), "") << operation.name << " " << limit;
         }
         EXPECT_TRUE(last) << operation.name;

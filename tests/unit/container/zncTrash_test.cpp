@@ -1,6 +1,7 @@
 // Tests of directories that are deleted later.
 #include "zncTrash.hpp"
 
+#include "base/owned.hpp"
 #include "eventually.hpp"
 #include "test_tree.hpp"
 
@@ -12,6 +13,7 @@
 #include <fstream>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -103,6 +105,40 @@ TEST_F(Trash, WhatCannotBeDeletedStaysThereAndTheRestGoes)
     ASSERT_EQ(::umount((trash_ + "/stuck/mount").c_str()), 0);
     znc::trash_empty();
     EXPECT_TRUE(eventually([&] { return !fs::exists(trash_); }));
+}
+
+TEST_F(Trash, WhatIsLeftForLackOfDescriptorsIsDeletedByARetry)
+{
+    struct rlimit usual = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const auto first = static_cast<rlim_t>(znc::UniqueFd(::open("/", O_PATH | O_CLOEXEC)).get());
+    int left = 0;
+    for (rlim_t spare = 0; spare < 8; spare++) {
+        ASSERT_EQ(znc::trash_take(tree("web", 1).c_str()), OK);
+        const struct rlimit few = {first + spare, usual.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+        znc::trash_empty();
+        EXPECT_TRUE(znc::trash_settled(60000));
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+        left += fs::exists(trash_) ? 1 : 0;
+        znc::trash_retry();
+        EXPECT_TRUE(znc::trash_settled(60000));
+        EXPECT_FALSE(fs::exists(trash_)) << spare << " spare descriptors";
+    }
+    EXPECT_GT(left, 1);
+    EXPECT_LT(left, 8) << "the last ones are enough";
+}
+
+TEST_F(Trash, ARetryDoesNothingIfNothingWasLeft)
+{
+    ASSERT_EQ(znc::trash_take(tree("web", 1).c_str()), OK);
+    znc::trash_empty();
+    EXPECT_TRUE(znc::trash_settled(60000));
+    ASSERT_EQ(znc::trash_take(tree("web", 1).c_str()), OK);
+    znc::trash_retry();
+    EXPECT_TRUE(znc::trash_settled(60000));
+    EXPECT_TRUE(fs::exists(trash_));
+    znc::trash_empty();
 }
 
 TEST_F(Trash, ATrashOfAnotherUserOrALinkIsNotUsed)
