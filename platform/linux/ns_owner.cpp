@@ -6,7 +6,6 @@
 #include "ns_user.hpp"
 #include "system/pidfd.hpp"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/fsuid.h>
@@ -17,28 +16,13 @@ namespace {
 using znc::fail;
 using znc::UniqueFd;
 
-// Reads "uid_map" or "gid_map" of a process. 0 or an error number.
-int read_mappings(pid_t pid, const char* file, zn::List<zn::IdMapping>& mappings)
-{
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), file);
-    const std::unique_ptr<FILE, int (*)(FILE*)> map(::fopen(path, "re"), ::fclose);
-    if (!map)
-        return errno;
-    zn::IdMapping one = {};
-    while (std::fscanf(map.get(), "%u %u %u", &one.inside, &one.outside, &one.count) == 3)
-        if (mappings.append(one) == nullptr)
-            return ENOMEM;
-    return std::ferror(map.get()) != 0 ? EIO : 0;
-}
-
 enum class Way { kOut, kIn };
 
 // Replaces an id by the one on the other side. 0 or an error number.
 int translate(pid_t pid, const char* file, Way way, std::uint32_t& id)
 {
     zn::List<zn::IdMapping> mappings;
-    const int error = read_mappings(pid, file, mappings);
+    const int error = zn::mappings_read(pid, file, mappings);
     if (way == Way::kIn)
         for (zn::IdMapping& one : mappings)
             std::swap(one.inside, one.outside);

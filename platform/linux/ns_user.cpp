@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sched.h>
 #include <unistd.h>
 
@@ -39,6 +40,21 @@ int write_mappings(pid_t pid, const char* file, const List<IdMapping>& mappings)
 }
 
 } // namespace
+
+int mappings_read(pid_t pid, const char* file, List<IdMapping>& mappings)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> lines(std::fopen(path, "re"),
+                                                                std::fclose);
+    if (!lines)
+        return errno;
+    IdMapping one;
+    while (std::fscanf(lines.get(), "%u %u %u", &one.inside, &one.outside, &one.count) == 3)
+        if (mappings.append(one) == nullptr)
+            return ENOMEM;
+    return std::ferror(lines.get()) != 0 ? EIO : 0;
+}
 
 std::optional<std::uint32_t> mapped_id(const List<IdMapping>& mappings, std::uint32_t inside)
 {

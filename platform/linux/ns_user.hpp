@@ -48,6 +48,9 @@ class UserNamespace {
     const List<IdMapping>* gids_ = nullptr;
 };
 
+// Reads the mappings of a process from /proc/PID/uid_map or gid_map. 0 or an error number.
+int mappings_read(pid_t pid, const char* file, List<IdMapping>& mappings);
+
 // The id on the host of an id in a user namespace; none if it is not mapped.
 std::optional<std::uint32_t> mapped_id(const List<IdMapping>& mappings, std::uint32_t inside);
 

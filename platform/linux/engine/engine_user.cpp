@@ -103,21 +103,6 @@ int EngineUser::map_options(MountPlan& plan) const
     return 0;
 }
 
-int mappings_read(pid_t pid, const char* file, List<IdMapping>& mappings)
-{
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> lines(std::fopen(path, "re"),
-                                                                std::fclose);
-    if (!lines)
-        return errno;
-    IdMapping one;
-    while (std::fscanf(lines.get(), "%u %u %u", &one.inside, &one.outside, &one.count) == 3)
-        if (mappings.append(one) == nullptr)
-            return ENOMEM;
-    return 0;
-}
-
 int has_own_users(pid_t pid, bool& own)
 {
     char path[64];

@@ -37,9 +37,6 @@ class EngineUser {
     List<IdMapping> gids_;
 };
 
-// Reads the mappings of a process from /proc/PID/uid_map or gid_map. 0 or an error number.
-int mappings_read(pid_t pid, const char* file, List<IdMapping>& mappings);
-
 // Whether the process has another user namespace than this one. 0 or an error number.
 int has_own_users(pid_t pid, bool& own);
 
