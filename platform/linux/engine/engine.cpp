@@ -116,23 +116,31 @@ int Creation::launch()
     return error != 0 ? error : reason_.say_errno(left, "cannot leave the namespaces");
 }
 
-int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const UniqueFd& start)
+int Creation::open_channels(Channels& channels)
 {
     int pair[2];
     int pipes[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         return reason_.say_errno(errno, "socketpair");
-    UniqueFd ours(pair[0]);
-    const UniqueFd theirs(pair[1]);
+    channels.ours.reset(pair[0]);
+    channels.theirs.reset(pair[1]);
     if (::pipe2(pipes, O_CLOEXEC | O_NONBLOCK) != 0)
         return reason_.say_errno(errno, "pipe");
     report_.reset(pipes[0]);
-    const UniqueFd writer(pipes[1]);
+    channels.report.reset(pipes[1]);
+    return 0;
+}
+
+int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const UniqueFd& start)
+{
+    Channels channels;
+    if (const int error = open_channels(channels); error != 0)
+        return error;
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kInitName, plan_.program) ||
-        !fds.make(plan_.program, {theirs.get(), writer.get(), record.get(), start.get(),
-                                  user_.get(), pidNamespace_.get()}))
+        !fds.make(plan_.program, {channels.theirs.get(), channels.report.get(), record.get(),
+                                  start.get(), user_.get(), pidNamespace_.get()}))
         return reason_.say_errno(errno, "the program's arguments");
     UniqueFd pidfd;
     const pid_t pid = launch_helper({file.get(), settings_.clone_flags() | SIGCHLD, fds.all(),
@@ -141,12 +149,12 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
                                     pidfd);
     if (pid < 0)
         return reason_.say_errno(errno, "cannot create the container's first process");
-    control_.reset(::fcntl(ours.get(), F_DUPFD_CLOEXEC, 0));
+    control_.reset(::fcntl(channels.ours.get(), F_DUPFD_CLOEXEC, 0));
     if (!control_)
         return reason_.say_errno(errno, "descriptors");
     if (settings_.created_flags() != 0)
-        return adopt_created(pid, std::move(pidfd), std::move(ours), first_);
-    first_.adopt(pid, std::move(pidfd), std::move(ours));
+        return adopt_created(pid, std::move(pidfd), std::move(channels.ours), first_);
+    first_.adopt(pid, std::move(pidfd), std::move(channels.ours));
     return 0;
 }
 

@@ -42,7 +42,15 @@ class Creation {
     int check_names();
     int make_group();
     int open_pid_namespace();
+    // The descriptors that connect a process of the container with this one. The reading end of the
+    // pipe is report_.
+    struct Channels {
+        znc::UniqueFd ours; // requests and replies
+        znc::UniqueFd theirs;
+        znc::UniqueFd report; // what a failing start is reported to
+    };
     int launch();
+    int open_channels(Channels& channels);
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
                     const znc::UniqueFd& start);
     int adopt_created(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket, Keeper& process);

@@ -51,19 +51,12 @@ int Creation::launch_maker()
         return reason_.say_errno(error, "linux.uidMappings");
     const auto uid = user_.host_uid(0);
     const auto gid = user_.host_gid(0);
-    int pair[2];
-    int pipes[2];
     if (!uid || !gid)
         return reason_.say(EINVAL, "linux.namespaces: user: the container's user 0 is not mapped");
-    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
-        return reason_.say_errno(errno, "socketpair");
-    UniqueFd ours(pair[0]);
-    const UniqueFd theirs(pair[1]);
-    if (::pipe2(pipes, O_CLOEXEC | O_NONBLOCK) != 0)
-        return reason_.say_errno(errno, "pipe");
     UniqueFd before = std::move(report_);
-    report_.reset(pipes[0]);
-    const UniqueFd writer(pipes[1]);
+    Channels channels;
+    if (const int error = open_channels(channels); error != 0)
+        return error;
     const UniqueFd file = helper_file();
     const UniqueFd record = settings_.record("", kJoined);
     ZN_ENGINE_PROGRAM program = plan_.program;
@@ -71,13 +64,14 @@ int Creation::launch_maker()
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!file || !record || !arguments.make(wire::kMakerName, program) ||
-        !fds.make(program, {theirs.get(), writer.get(), record.get(), -1, first_.pidfd(), -1}))
+        !fds.make(program, {channels.theirs.get(), channels.report.get(), record.get(), -1,
+                            first_.pidfd(), -1}))
         return reason_.say_errno(errno, "cannot prepare a process");
     UniqueFd pidfd;
     const pid_t pid = launch_helper(
         {file.get(), SIGCHLD, fds.all(), wire::kInitFdEnd, arguments.argv(), program.envp}, pidfd);
     int error = pid < 0 ? reason_.say_errno(errno, "cannot create a process")
-                        : adopt_created(pid, std::move(pidfd), std::move(ours), maker_);
+                        : adopt_created(pid, std::move(pidfd), std::move(channels.ours), maker_);
     report_ = std::move(before);
     if (error == 0) {
         wire::Request request = request_of(wire::Op::kOwner);
