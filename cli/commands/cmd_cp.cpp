@@ -229,6 +229,7 @@ void read_archive(const std::string& id, nsid_t ns, int root, const std::string&
 
 void copy_files(nsid_t ns, const Place& source, const Place& destination, const Side& container)
 {
+    const StopSignals held; // not with a pipe, on which this process may wait for ever
     const Side host;
     const bool into = source.id.empty();
     const TreeCopy tree(into ? std::optional(become_owner_in(destination.id, ns)) : std::nullopt);
@@ -244,7 +245,6 @@ int copy(const Place& source, const Place& destination)
     znc::UniqueFd root(ns >= 0 ? znnsRootOpen(ns) : -1);
     if (!root)
         return local_failure(errno, id);
-    const StopSignals held;
     try {
         if (source.is_stream())
             read_archive(id, ns, root.get(), destination.path);

@@ -110,22 +110,42 @@ run zncctl cp web:/proc/version "$work/version"
 check 'a file of procfs is copied' test "$status/$(cat "$work/version")" = "0/$(cat /proc/version)"
 inside 'dd if=/dev/zero of=/tmp/large bs=1M count=200 2>/dev/null'
 mkdir "$work/ended"
-# Sends a signal to a copy that has begun; in vain if it was complete before.
+copy_has_begun() { [[ -n $(ls -A "$work/ended") || ! -d /proc/$1 ]]; }
+# Sends a signal to a copy when it has begun. The status is 0 if the copy was complete before that.
 end_copy() {
     rm -f "$work/ended/"*
     env --default-signal="$1" "$ZNCCTL" cp web:/tmp/large "$work/ended/" &
     local copying=$!
-    until [[ -n $(ls -A "$work/ended") || ! -d /proc/$copying ]]; do :; done
-    kill -s "$1" $copying || true
+    eventually copy_has_begun "$copying"
+    kill -s "$1" "$copying" 2>/dev/null
     status=0
-    wait $copying || status=$?
-    [[ $status -ne 0 ]]
+    wait "$copying" || status=$?
 }
 for signal in INT TERM; do
-    for _ in 1 2 3 4 5; do ! end_copy $signal || break; done
+    for _ in 1 2 3 4 5; do
+        end_copy $signal
+        [[ $status -eq 0 ]] || break
+    done
     check "SIG$signal ends a copy" test "$status" = $((128 + $(kill -l $signal)))
     check 'which leaves nothing' test -z "$(ls -A "$work/ended")"
 done
+# A pipe may have no data, or no room, for ever. Both are held open by this shell.
+mkfifo "$work/without-data" "$work/without-room"
+exec 7<>"$work/without-data" 8<>"$work/without-room"
+"$ZNCCTL" cp - web:/tmp <&7 &
+reading=$!
+"$ZNCCTL" cp web:/tmp/large - >&8 &
+writing=$!
+is_at() { grep -q "$2" "/proc/$1/wchan"; }
+check 'a copy waits for data' eventually is_at "$reading" pipe_read
+check 'a copy waits for room' eventually is_at "$writing" pipe_write
+for process in "$reading" "$writing"; do
+    kill "$process"
+    status=0
+    wait "$process" || status=$?
+    check 'SIGTERM ends a copy that waits for a pipe' test "$status" = 143
+done
+exec 7>&- 8>&-
 inside 'rm /tmp/large /tmp/holes /tmp/real /tmp/to-real /tmp/fresh'
 
 (cd "$work/tree" && zncctl cp one web:tmp/relative)
