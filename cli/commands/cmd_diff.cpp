@@ -46,7 +46,7 @@ int cmd_diff(const Arguments& args)
     const std::string id = args.operand(0);
     bool as_json = false;
     if (!read_format(args, as_json))
-        return kExitFailure;
+        return kExitUsage;
     if (status_of(id) == STATE_UNKNOWN)
         return daemon_failure(errno, id);
     try {

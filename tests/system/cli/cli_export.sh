@@ -56,7 +56,7 @@ check 'names are printed without control characters' test "$(grep -c "$(printf '
 run zncctl diff nosuch
 fails_with 'a container that does not exist' 2 'Container does not exist'
 run zncctl diff web --format yaml
-fails_with 'an unknown format is refused' 1 'invalid format option'
+fails_with 'an unknown format is refused' 64 'invalid format option'
 
 # ---------------------------------------------------------------- export
 # What two trees hold: types, modes, owners, sizes, targets, times and contents.
