@@ -106,9 +106,10 @@ server=$!
 served() { in_outside ss -Hltn 'sport = :9000' | grep -q .; }
 eventually served
 zrun --rm --name asking "$work/layout:ask"
-expect 'a container reaches the world outside through pasta' 0 'search example.org
+# The container's shell reports a connection whose end was lost.
+check 'a container reaches the world outside through pasta' test "$status/$out" = '0/search example.org
 nameserver 169.254.1.1
-from outside' ''
+from outside'
 check 'nothing of pasta is left afterwards' eventually no_pasta
 check 'nor of the record' no_record
 
@@ -126,7 +127,7 @@ check 'and without other rights than it needs' grep -q '^CapEff:.*0000200400$' \
 zrun --name second -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 check 'a port that is taken is an error' test "$status/$out" = 125/
 check 'which names the port' says_in_error 127.0.0.1/8080:80
-check 'and leaves the first container alone' answers 127.0.0.1 8080 inside
+check 'and leaves the first container alone' eventually answers 127.0.0.1 8080 inside
 image peer 'timeout 5 nc 192.0.2.2 8081 </dev/null'
 zrun --rm "$work/layout:peer"
 check 'containers reach each other by published ports only' test "$status/$out" != 0/inside
@@ -146,7 +147,7 @@ client=$!
 check 'a port is served in the foreground' eventually answers 127.0.0.1 8080 inside
 kill -KILL "$client"
 wait "$client" 2>/dev/null
-check 'a container survives its zncctl, with its network' answers 127.0.0.1 8080 inside
+check 'a container survives its zncctl, with its network' eventually answers 127.0.0.1 8080 inside
 run zncctl delete -f orphan
 check 'and can be deleted' test "$status" = 0
 check 'its port is closed then' closed 8080
