@@ -33,6 +33,19 @@ std::optional<std::vector<std::string>> names_in(int directory)
     return names;
 }
 
+std::string read_to_end(int file)
+{
+    std::string text;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+        const ssize_t n = ::read(file, buffer.data(), buffer.size());
+        if (n > 0)
+            text.append(buffer.data(), static_cast<std::size_t>(n));
+        else if (n == 0 || errno != EINTR)
+            return text;
+    }
+}
+
 std::string read_error_text()
 {
     return errno == EINVAL ? "It is not a regular file" : error_text();

@@ -32,6 +32,10 @@ std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD
 // set.
 std::optional<std::vector<std::string>> names_in(int directory);
 
+// What a descriptor has from its position to the end, or to a read error: a file that grows is read
+// again later.
+std::string read_to_end(int file);
+
 // The C library's message for errno.
 std::string error_text();
 

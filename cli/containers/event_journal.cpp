@@ -109,25 +109,13 @@ std::vector<Event> JournalReader::read()
     std::vector<Event> events;
     for (;;) {
         znc::UniqueFd newest = open_for_reading(area_, kName);
-        add_events(read_to_end(), events);
+        add_events(file_ ? read_to_end(file_.get()) : "", events);
         struct stat st = {};
         if (!newest || ::fstat(newest.get(), &st) != 0 || (file_ && is_same_file(file_.get(), st)))
             return events;
         file_ = std::move(newest);
         rest_.clear();
     }
-}
-
-std::string JournalReader::read_to_end()
-{
-    std::string text;
-    std::array<char, 65536> buffer{};
-    for (ssize_t n = 1; file_ && n > 0;) {
-        n = ::read(file_.get(), buffer.data(), buffer.size());
-        if (n > 0)
-            text.append(buffer.data(), static_cast<std::size_t>(n));
-    }
-    return text;
 }
 
 void JournalReader::add_events(std::string_view text, std::vector<Event>& events)

@@ -18,7 +18,7 @@ namespace zncctl {
 
 struct Event {
     std::int64_t time = 0; // nanoseconds since the epoch
-    std::string status;    // "create", "start", "died", "pause", "unpause", "remove", "rename"
+    std::string status;    // "create", "start", "died", "pause", "unpause", "remove"
     std::string id;
     std::string name;
     std::string image;            // "": the container was made from a bundle
@@ -45,7 +45,6 @@ class JournalReader {
 
   private:
     void add_events(std::string_view text, std::vector<Event>& events);
-    std::string read_to_end();
 
     int area_;
     znc::UniqueFd file_;

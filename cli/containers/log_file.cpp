@@ -88,25 +88,13 @@ void LogReader::open_times(const char* name)
     offset_ = 0;
 }
 
-std::string LogReader::read_to_end()
-{
-    std::string text;
-    std::array<char, 65536> buffer{};
-    for (ssize_t n = 1; file_ && n > 0;) {
-        n = ::read(file_.get(), buffer.data(), buffer.size());
-        if (n > 0)
-            text.append(buffer.data(), static_cast<std::size_t>(n));
-    }
-    return text;
-}
-
 // The log may have been rotated: a renamed file is not written any more, but may have got more
 // bytes before. Read the old file to its end before switching to the new one.
 template <class Take> void LogReader::read_files(Take take)
 {
     for (;;) {
         znc::UniqueFd newest = open_log(dir_, kLogName);
-        take(read_to_end());
+        take(file_ ? read_to_end(file_.get()) : "");
         struct stat current_stat = {};
         struct stat newest_stat = {};
         if (!newest ||

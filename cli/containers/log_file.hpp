@@ -58,7 +58,6 @@ class LogReader {
     friend class LogFile;
 
     template <class Take> void read_files(Take take);
-    std::string read_to_end();
     void open_times(const char* name);
     void add_parts(std::string_view text, std::vector<LogPart>& parts);
 
