@@ -56,11 +56,12 @@ try {
     const std::string name = prefixed ? operand.substr(kRegistryPrefix.size()) : operand;
     if (!prefixed && !is_image_name(operand))
         return operand;
-    if (policy == kNever || (policy == kMissing && !is_missing(name)))
+    if (policy == kNever)
         return name;
-    if (!prefixed && is_layout_below(operand) && is_missing(name))
-        return operand;
-    return fetch(args, operand);
+    const bool is_layout = !prefixed && is_layout_below(operand);
+    if ((policy == kMissing || is_layout) && !is_missing(name))
+        return policy == kMissing ? name : fetch(args, operand);
+    return is_layout ? operand : fetch(args, operand);
 } catch (const std::runtime_error& error) {
     static_cast<void>(failure(operand, error.what()));
     return std::nullopt;
