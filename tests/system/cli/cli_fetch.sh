@@ -2,32 +2,12 @@
 # Tests of run and create with images that are not in the store: they are fetched from a registry first.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
-tests=$(cd "$(dirname "$0")" && pwd)
-need busybox
-need umoci
-need jq
-need skopeo
-need ip
-ip link set lo up
+need_registry
 
-names() { zncctl images --format json | jq -r '.[].name' | sort | tr '\n' ' '; }
 quietly() { "$@" >"$work/tool.log" 2>&1 || cat "$work/tool.log"; }
 no_stage() { [[ -z $(find "$ZNC_BASE/images" -maxdepth 1 -name '.new-*') ]]; }
 lines() { wc -l <"$1"; }
 hint() { sed -n 's/^zncctl: hint: //p' "$work/err"; }
-
-# serve LAYOUT: sets registry and host.
-serve() {
-    rm -f "$work/port"
-    python3 "$tests/registry.py" "$1" "$work/port" &
-    registry=$!
-    eventually test -s "$work/port"
-    host=127.0.0.1:$(<"$work/port")
-}
-stop_serving() {
-    kill "$registry"
-    wait "$registry" 2>/dev/null
-}
 
 make_image "$work/layout"
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci:$work/served:latest"

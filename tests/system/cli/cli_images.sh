@@ -2,17 +2,9 @@
 # Tests of the image store: images with names, imported, pulled, loaded, run, tagged and removed.
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
-tests=$(cd "$(dirname "$0")" && pwd)
-need busybox
-need umoci
-need jq
-need skopeo
-need ip
-ip link set lo up
+need_registry
 store=$ZNC_BASE/images
 
-# names: the names in the store, sorted, on one line.
-names() { zncctl images --format json | jq -r '.[].name' | sort | tr '\n' ' '; }
 id_of() { zncctl images -q --no-trunc "$1"; }
 layers() { find "$ZNC_BASE/layers" -mindepth 1 -maxdepth 1 -name '[0-9a-f]*' | wc -l; }
 blobs() { find "$store/blobs" -type f | wc -l; }
@@ -316,10 +308,7 @@ fails_with 'load of a device is refused' 1 '/dev/zero: it is not an archive'
 # ---------------------------------------------------------------- pull
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci:$work/served:latest"
 quietly skopeo copy --insecure-policy "oci:$work/zstd:latest" "oci:$work/served:zstd"
-python3 "$tests/registry.py" "$work/served" "$work/port" &
-registry=$!
-eventually test -s "$work/port"
-host=127.0.0.1:$(<"$work/port")
+serve "$work/served"
 run zncctl pull -q "$host/team/app"
 check 'a registry without TLS is refused by default' test "$status/$out" = 1/
 run zncctl pull -q --tls-verify=false "$host/team/app"
@@ -382,8 +371,7 @@ check 'pulls of the same images at once all succeed' test "$ok" = 4
 check 'and leave one of each' test "$(names | tr ' ' '\n' | grep -Ec '/(one|two)/')" = 3 -a \
     "$(zncctl images -q "$host/two/app0")" = "$(zncctl images -q "$host/two/app1")"
 check 'the store is whole' store_is_whole
-kill "$registry"
-wait "$registry" 2>/dev/null
+stop_serving
 for name in $(names); do zncctl rmi "$name" >/dev/null; done
 check 'everything can be removed' test "$(names)/$(blobs)" = /0
 zncctl storage gc -q

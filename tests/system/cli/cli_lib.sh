@@ -7,6 +7,7 @@ set -u
 . "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 
 : "${ZNCCTL:?the zncctl to test}" "${ZNCD:?the zncd to test}"
+cli_tests=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 work=$(mktemp -d /tmp/cli-test.XXXXXX)
 export ZNC_BASE=$work/storage
 daemon=
@@ -100,6 +101,29 @@ need() {
     printf 'skipped: %s is not installed\n' "$1"
     exit 77
 }
+
+# The tests of named images make images with these tools and serve them on the loopback.
+need_registry() {
+    local tool
+    for tool in busybox umoci jq skopeo ip; do need "$tool"; done
+    ip link set lo up
+}
+
+# serve LAYOUT: starts a registry with one image; sets registry, its process, and host, its address.
+serve() {
+    rm -f "$work/port"
+    python3 "$cli_tests/registry.py" "$1" "$work/port" &
+    registry=$!
+    eventually test -s "$work/port"
+    host=127.0.0.1:$(<"$work/port")
+}
+stop_serving() {
+    kill "$registry"
+    wait "$registry" 2>/dev/null
+}
+
+# The names in the image store, sorted, on one line.
+names() { zncctl images --format json | jq -r '.[].name' | sort | tr '\n' ' '; }
 
 # Returns whether any process of this run's containers is still running (zombies do not count).
 program_lives() {
