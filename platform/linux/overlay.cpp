@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/stat.h>
+#include <optional>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -85,6 +86,24 @@ class Devices {
 
   private:
     UniqueFd dir_;
+};
+
+// A device by its path, while no other process changes devices.
+class LockedDevice {
+  public:
+    explicit LockedDevice(const char* path) : name_(device_name(path))
+    {
+        if (name_ != nullptr)
+            devices_.emplace();
+    }
+    // False with errno set: not the path of a device, or /overlay could not be locked.
+    explicit operator bool() const { return devices_ && *devices_; }
+    [[nodiscard]] const char* name() const { return name_; }
+    [[nodiscard]] int directory() const { return devices_->get(); }
+
+  private:
+    const char* name_;
+    std::optional<Devices> devices_;
 };
 
 enum class Node { kAbsent, kBare, kReadOnly, kWritable, kForeign };
@@ -324,11 +343,8 @@ int overlay_device_detach(const char* devName, Detach which)
 
 int overlay_device_map(const char* devName, const UserNamespace& user)
 {
-    const char* name = device_name(devName);
-    const Devices devices;
-    if (!devices || name == nullptr)
-        return -1;
-    return map_device(devices.get(), name, user);
+    const LockedDevice device(devName);
+    return device ? map_device(device.directory(), device.name(), user) : -1;
 }
 
 } // namespace zn
@@ -350,18 +366,15 @@ STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dir
 
 STATUS znOvlDevRemove(const char* devName)
 {
-    const char* name = device_name(devName);
-    if (name == nullptr)
+    const LockedDevice device(devName);
+    if (!device)
         return ERROR;
-    const Devices devices;
-    if (!devices)
-        return ERROR;
-    const Node node = look(devices.get(), name);
+    const Node node = look(device.directory(), device.name());
     if (node != Node::kReadOnly && node != Node::kWritable) {
         errno = node == Node::kAbsent ? ENOENT : EINVAL;
         return ERROR;
     }
-    return detach(devices.get(), name) == 0 ? OK : ERROR;
+    return detach(device.directory(), device.name()) == 0 ? OK : ERROR;
 }
 
 uint32_t znOvlDirsMax(void)
@@ -372,17 +385,14 @@ uint32_t znOvlDirsMax(void)
 STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char* dir),
                     void* context)
 {
-    const char* name = device_name(devName);
-    if (name == nullptr)
+    const LockedDevice device(devName);
+    if (!device)
         return ERROR;
-    const Devices devices;
-    if (!devices)
-        return ERROR;
-    if (look(devices.get(), name) != Node::kReadOnly) {
+    if (look(device.directory(), device.name()) != Node::kReadOnly) {
         errno = ENOENT;
         return ERROR;
     }
-    const UniqueFd node = stack_node(devices.get(), name);
+    const UniqueFd node = stack_node(device.directory(), device.name());
     const StackText stack = node ? stack_read(node.get()) : StackText();
     if (!stack.text)
         return ERROR;
