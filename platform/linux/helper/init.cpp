@@ -370,14 +370,19 @@ void create_in_namespaces(const Rules& rules)
     sys::exit_group(0);
 }
 
+void begin(const char* name, char** argv, char** envp, Program& program)
+{
+    initialize();
+    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(name));
+    program_read(argv, envp, program);
+}
+
 } // namespace
 
 void init_run(char** argv, char** envp)
 {
-    initialize();
-    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kInitName));
     Program program;
-    program_read(argv, envp, program);
+    begin(wire::kInitName, argv, envp, program);
     const Rules rules;
     prepare_on_host(rules);
     choose_labels_on_host(rules);
@@ -398,10 +403,8 @@ void init_run(char** argv, char** envp)
 
 void maker_run(char** argv, char** envp)
 {
-    initialize();
-    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kMakerName));
     Program program;
-    program_read(argv, envp, program);
+    begin(wire::kMakerName, argv, envp, program);
     const Rules rules;
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
     // A child, because a procfs shows the PID namespace of the process that mounts it.
