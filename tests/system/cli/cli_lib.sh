@@ -115,6 +115,7 @@ serve() {
     python3 "$cli_tests/registry.py" "$1" "$work/port" &
     registry=$!
     eventually test -s "$work/port"
+    # shellcheck disable=SC2034 # used by the tests
     host=127.0.0.1:$(<"$work/port")
 }
 stop_serving() {

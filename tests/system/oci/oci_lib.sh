@@ -81,6 +81,7 @@ program() { # NAME PROGRAM [ARG]...: another program in the bundle
 given() {
     local filter=$1
     shift
+    # shellcheck disable=SC2154 # set by the test
     printf '%s' "$plain" >"$work/web/config.json"
     change web "$filter"
     program web "$@"
