@@ -173,7 +173,7 @@ check 'a signal that ends it gives its exit status' test "$?" = 130
 out=$(zncctl exec -d web sleep "$mark" 2>&1)
 check '--detach prints nothing and lets go of the output' test "$?/$out" = 0/
 check 'the program runs on' eventually program_lives
-check 'top lists it' has_process web "sleep $mark"
+check 'top lists it' eventually has_process web "sleep $mark"
 run zncctl exec -d web no-such-program
 fails_with 'a detached program that is not there exits 127' 127 \
     "no-such-program: there is no such program in the container's PATH"
@@ -184,7 +184,7 @@ check 'and nothing waits for it any more' eventually monitors 1
 # The container's end, and what it counts as.
 "$ZNCCTL" exec web sleep "$mark" >"$work/out" 2>"$work/err" </dev/null &
 exec_pid=$!
-eventually program_lives
+eventually has_process web "sleep $mark"
 zncctl kill -q -s TERM web
 check 'the exit code of the first program stays its own' eventually exit_code_is web 6
 check 'the container runs as long as the other one does' test \
