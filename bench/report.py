@@ -80,8 +80,9 @@ plot $data using 0:2:xtic(1) with boxes lc rgb "#4477aa", \\
 
 
 def write(results, out, order):
-    """Updates results.json, which contains the last result of every scene run into this directory."""
-    path = f"{out}/results.json"
+    """Updates the file of results, which has the last result of every scene run into this directory. Draws
+    charts for plain scheduling."""
+    path = f"{out}/results-{results['scheduling']}.json"
     merged = dict(results)
     if os.path.exists(path):
         with open(path, encoding="utf-8") as file:
@@ -91,31 +92,32 @@ def write(results, out, order):
         json.dump(merged, file, indent=1)
         file.write("\n")
     for name, measured in results["scenes"].items():
-        if measured["sides"]:
+        if measured["sides"] and results["scheduling"] == "plain":
             chart(name, measured, out)
 
 
-def record(scenes, path):
+def record(results, path):
     recorded = {}
     if os.path.exists(path):
         with open(path, encoding="utf-8") as file:
             recorded = json.load(file)
-    for name, measured in scenes.items():
+    scenes = recorded.setdefault(results["scheduling"], {})
+    for name, measured in results["scenes"].items():
         if "error" not in measured:
-            recorded[name] = {goal["against"]: {k: round(goal[k], 3) for k in ("low", "median", "high")}
-                              for goal in measured["goals"]}
+            scenes[name] = {goal["against"]: {k: round(goal[k], 3) for k in ("low", "median", "high")}
+                            for goal in measured["goals"]}
     with open(path, "w", encoding="utf-8") as file:
         json.dump(recorded, file, indent=1)
         file.write("\n")
 
 
-def moved(scenes, path):
-    """Returns (text, whether a ratio got worse). Only recorded scenes are compared."""
+def moved(results, path):
+    """Returns (text, whether a ratio got worse). Only scenes recorded with the same scheduling are compared."""
     with open(path, encoding="utf-8") as file:
-        recorded = json.load(file)
+        recorded = json.load(file).get(results["scheduling"], {})
     lines = []
     worse = False
-    for name, measured in scenes.items():
+    for name, measured in results["scenes"].items():
         for goal in measured["goals"]:
             before = recorded.get(name, {}).get(goal["against"])
             if before is None or before["median"] <= 0:

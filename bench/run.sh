@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# run.sh [--quick] [--pairs N] [--record] [--out DIRECTORY] [SCENE...] - compares the library with
-# other programs and with floors, which do only the unavoidable work. Installs dependencies, builds,
-# makes the images, runs the scenes and prints a table; results.json and charts are written to
-# build/bench/results.
+# run.sh [--quick] [--pairs N] [--record] [--real-time] [--out DIRECTORY] [SCENE...] - compares the
+# library with other programs and with floors, which do only the unavoidable work. Installs
+# dependencies, builds, makes the images, runs the scenes and prints a table; the figures and charts are
+# written to build/bench/results.
 #
-# --quick takes about two minutes and compares with bench/recorded.json. Needs root, an otherwise
-# idle machine and a Debian mirror. Leaves only build/bench; a Debian tree is cached there (or in
-# ZNC_TEST_CACHE).
+# --quick takes about two minutes and compares with bench/recorded.json. Everything runs with the
+# usual scheduling, or with --real-time at real-time priority. Needs root, an otherwise idle machine
+# and a Debian mirror. Leaves only build/bench; a Debian tree is cached there (or in ZNC_TEST_CACHE).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

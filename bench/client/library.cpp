@@ -66,11 +66,12 @@ std::string filled_id(int number)
 
 void lifecycle(int rounds, const char* bundle)
 {
+    const std::string id = "life-" + std::to_string(::getpid());
     for (int i = 0; i < rounds; i++) {
         Stopwatch watch;
-        must(zncCreate("life", bundle, 0, nullptr) == OK, "create");
-        must(zncStart("life", 0) != ERROR, "start");
-        must(zncDelete("life", 0) == OK, "delete");
+        must(zncCreate(id.c_str(), bundle, 0, nullptr) == OK, "create");
+        must(zncStart(id.c_str(), 0) != ERROR, "start");
+        must(zncDelete(id.c_str(), 0) == OK, "delete");
         std::printf("%lld\n", watch.lap());
     }
 }

@@ -1,0 +1,135 @@
+"""The scenes of zncctl's commands, alone and beside busy processors, and of many clients at once."""
+import contextlib
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+from scenes import fixtures
+from scenes.containers import ROUNDS, WORK, Daemon, by_commands, cgroup2_only
+from scenes.measure import Sample, compare, figure, interleave, run
+
+CRUN = ["crun", "--cgroup-manager=disabled", f"--root={WORK}/crun"]
+CLIENTS = 8
+MANY = 200
+
+
+def bundles():
+    """Returns the bundles of zncctl and of the other runtimes."""
+    ours, peer = f"{WORK}/ours", f"{WORK}/peer"
+    fixtures.bundle(ours)
+    fixtures.bundle(peer, peer=True)
+    return ours, peer
+
+
+def bwrap(root):
+    return ["bwrap", "--bind", root, "/", "--unshare-pid", "--unshare-ipc", "--unshare-uts", "--unshare-net",
+            "--unshare-cgroup-try", "--proc", "/proc", "--dev", "/dev", "/bin/true"]
+
+
+def life_sides(world, ours, peer):
+    ctl = f"{world.bin}/zncctl"
+    return {
+        "ours": lambda: by_commands(world, [ctl, "create", "@", ours], [ctl, "start", "-a", "@"],
+                                    [ctl, "delete", "@"]),
+        "crun": lambda: by_commands(world, CRUN + ["create", "--bundle", peer, "@"], CRUN + ["start", "@"],
+                                    ["wait"], CRUN + ["delete", "@"]),
+    }
+
+
+def run_sides(world, ours, peer):
+    ctl = f"{world.bin}/zncctl"
+    return {
+        "ours, run": lambda: by_commands(world, [ctl, "run", "--rm", "--network", "none", "--name", "@", "-b", ours]),
+        "crun run": lambda: by_commands(world, CRUN + ["run", "--bundle", peer, "@"]),
+        "bwrap": lambda: by_commands(world, bwrap(f"{peer}/rootfs")),
+    }
+
+
+def l4(world):
+    """zncctl run of a bundle"""
+    cgroup2_only()
+    with Daemon(world, overlay=False):
+        samples = interleave(run_sides(world, *bundles()), world.pairs)
+    return compare(samples, {"crun run": 0.60, "bwrap": 1.0}, "ours, run")
+
+
+@contextlib.contextmanager
+def busy_processors():
+    """Keeps each processor busy with a process of the same priority."""
+    loops = [subprocess.Popen([sys.executable, "-c", "while True: pass"]) for _ in os.sched_getaffinity(0)]
+    try:
+        yield
+    finally:
+        for loop in loops:
+            loop.kill()
+            loop.wait()
+
+
+def l5(world):
+    """L1 and L4 while both processors are busy"""
+    cgroup2_only()
+    with Daemon(world, overlay=False):
+        ours, peer = bundles()
+        with busy_processors():
+            samples = interleave({**life_sides(world, ours, peer), **run_sides(world, ours, peer)}, world.pairs)
+    result = compare(samples, {"crun": 0.80})
+    result["goals"] += compare(samples, {"crun run": 0.80}, "ours, run")["goals"]
+    return result
+
+
+def l6(world):
+    """zncctl exec"""
+    cgroup2_only()
+    with Daemon(world, overlay=False):
+        for kind in ("ours", "peer"):
+            fixtures.bundle(f"{WORK}/{kind}", program=("/bin/sleep", "1000000"), peer=kind == "peer")
+        ctl = f"{world.bin}/zncctl"
+        begin = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "check": True}
+        subprocess.run([ctl, "run", "-d", "--name", "running", "-b", f"{WORK}/ours"], **begin)
+        subprocess.run(CRUN + ["run", "--detach", "--bundle", f"{WORK}/peer", "running"], **begin)
+        try:
+            samples = interleave({
+                "ours": lambda: by_commands(world, [ctl, "exec", "running", "/bin/true"]),
+                "crun": lambda: by_commands(world, CRUN + ["exec", "running", "/bin/true"]),
+            }, world.pairs)
+        finally:
+            subprocess.run(CRUN + ["delete", "--force", "running"], check=False)
+            subprocess.run([ctl, "delete", "-f", "running"], check=False)
+    return compare(samples, {"crun": 0.50})
+
+
+def at_once(count, command):
+    """Seconds for each life, of `count` processes that run `command` with ROUNDS lives each at once."""
+    start = time.monotonic()
+    clients = [subprocess.Popen(command, stdout=subprocess.DEVNULL) for _ in range(count)]
+    if any([client.wait() for client in clients]):
+        raise RuntimeError(f"{command[0]} failed")
+    return Sample((time.monotonic() - start) / (count * ROUNDS))
+
+
+def l7(world):
+    """lives of 8 clients at once, time for each"""
+    cgroup2_only()
+    with Daemon(world, overlay=False):
+        ours, peer = bundles()
+        life = [f"{world.bin}/bench_library", "lifecycle", str(ROUNDS), ours]
+        runs = [f"{world.bin}/bench_commands", str(ROUNDS)] + CRUN + ["run", "--bundle", peer, "@"]
+        samples = interleave({
+            "ours, 8 clients": lambda: at_once(CLIENTS, life),
+            "ours, 1 client": lambda: at_once(1, life),
+            "crun run, 8 clients": lambda: at_once(CLIENTS, runs),
+        }, world.pairs)
+    return compare(samples, {"crun run, 8 clients": 0.33, "ours, 1 client": 0.67}, "ours, 8 clients")
+
+
+def p1(world):
+    """list 200 containers"""
+    with Daemon(world, overlay=True):
+        ours, _ = bundles()
+        ctl = f"{world.bin}/zncctl"
+        for number in range(MANY):
+            run(ctl, "create", f"listed-{number}", ours)
+        seconds = [run(ctl, "ps", "-a").wall for _ in range(max(3, world.pairs))]
+    return {"sides": {}, "goals": [figure("zncctl ps -a", statistics.median(seconds) * 1e3, 30, "ms")]}
