@@ -140,6 +140,7 @@ TEST_P(ProbeCveImage, CVE_2020_15257_NothingListensForContainers)
 {
     expect_confined({}, {"queue-znc-write", "queue-znc-read", "sockets-of-the-daemon",
                          "runtime-directory", "queues-in-sight"});
+    create();
     std::set<std::string> sockets;
     for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(daemon()) + "/fd")) {
         std::error_code closed; // by the daemon, since the directory was read
@@ -147,7 +148,7 @@ TEST_P(ProbeCveImage, CVE_2020_15257_NothingListensForContainers)
         if (target.rfind("socket:[", 0) == 0)
             sockets.insert(target.substr(8, target.size() - 9));
     }
-    ASSERT_FALSE(sockets.empty()); // those of its containers
+    EXPECT_FALSE(sockets.empty()); // those of its containers
     std::istringstream list(read_file("/proc/net/unix"));
     for (std::string line; std::getline(list, line);) {
         std::istringstream fields(line);
@@ -158,6 +159,7 @@ TEST_P(ProbeCveImage, CVE_2020_15257_NothingListensForContainers)
             EXPECT_EQ(path, "") << line;
         }
     }
+    destroy();
 }
 
 TEST_P(ProbeCveImage, CVE_2017_5226_NothingIsTypedForTheUserAtTheTerminal)
