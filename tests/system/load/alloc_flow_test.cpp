@@ -9,6 +9,7 @@
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"
 #include "zncContainerLib.hpp"
+#include "zncTrash.hpp"
 
 #include <functional>
 
@@ -231,8 +232,10 @@ void DaemonMemory::put_right(const std::string& name, unsigned n) const
         EXPECT_EQ(zncContainerDelete("web", ZNC_OPT_WHOLE_NAMESPACE), OK) << name << n;
     }
     EXPECT_EQ(znnsShutdown(), 0) << name << n;
+    EXPECT_TRUE(znc::trash_settled(60000)) << name << n;
     create();
-    remove();
+    remove(); // what could not be deleted then is deleted now
+    EXPECT_TRUE(znc::trash_settled(60000)) << name << n;
     EXPECT_EQ(Ledger::take(kStorage, ::getpid()).compared_with(before_), "") << name << n;
 }
 
