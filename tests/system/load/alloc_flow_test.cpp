@@ -182,6 +182,7 @@ class DaemonMemory : public testing::TestWithParam<bool> {
         ASSERT_EQ(zncContainerInit(), OK);
         create();
         remove();
+        ASSERT_EQ(znnsShutdown(), 0);
         before_ = Ledger::take(kStorage, ::getpid());
     }
     void TearDown() override
@@ -236,6 +237,7 @@ void DaemonMemory::put_right(const std::string& name, unsigned n) const
     create();
     remove(); // what could not be deleted then is deleted now
     EXPECT_TRUE(znc::trash_settled(60000)) << name << n;
+    EXPECT_EQ(znnsShutdown(), 0) << name << n; // waits for the keeper's end
     EXPECT_EQ(Ledger::take(kStorage, ::getpid()).compared_with(before_), "") << name << n;
 }
 
