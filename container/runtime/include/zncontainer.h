@@ -654,9 +654,9 @@ typedef struct runtimeSpecConfig {
 
 /*
  * Read the file `path`. NULL with errno set if it is missing (ENOENT) or cannot be read, EINVAL if
- * it is not JSON, ENOMEM; without "process" or its "args" errno is not set. The caller frees the
- * record, with everything that it points to, by zncDestroyRuntimeSpec; NULL is allowed. Only one
- * task may use a record at a time.
+ * it is not JSON or has no "process" with "args", or ENOMEM. The caller frees the record, with
+ * everything that it points to, by zncDestroyRuntimeSpec; NULL is allowed. Only one task may use a
+ * record at a time.
  */
 ZNC_NODISCARD runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
 void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
