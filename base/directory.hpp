@@ -7,11 +7,12 @@
 
 namespace znc {
 
-// A stream that owns the descriptor. Null with errno set if `directory` is none or no directory.
+// A stream that takes ownership of the descriptor. Null with errno set if `directory` is invalid or
+// not a directory.
 [[nodiscard]] UniqueDir directory_stream(UniqueFd directory);
 
-// A stream of the directory of a descriptor (O_PATH, too; not owned), which lists it from the
-// start. Null with errno set.
+// A stream that lists the directory from the beginning. The descriptor, which may be O_PATH, is not
+// owned. Null with errno set.
 [[nodiscard]] UniqueDir directory_listing(int directory);
 
 // The next entry except "." and "..", valid until the next call. Null at the end, with errno 0, and

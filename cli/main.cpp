@@ -17,8 +17,8 @@ namespace {
 
 using namespace zncctl;
 
-// A file opened later must not become a standard stream. A stream that was closed stays useless:
-// reading finds the end, writing fails.
+// Opens the null device, read-only, in place of closed standard streams, so that no file opened
+// later gets their numbers. Reading from such a stream returns end of file, and writing fails.
 void fill_standard_streams()
 {
     znc::UniqueFd fd;

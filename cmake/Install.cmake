@@ -1,6 +1,6 @@
-# What is installed where, by component: "library" (the shared library), "dev" (what building against it
-# needs), "tools" (zncctl and zncd), "import" (what zncctl executes for that command), "oci" (zncrun). The directories are
-# those of GNUInstallDirs.
+# Installs the components: "library" (the shared library), "dev" (headers and files for building against it),
+# "tools" (zncctl and zncd), "import" (the program that "zncctl import" executes), "oci" (zncrun). The directories
+# are those of GNUInstallDirs.
 include(CMakePackageConfigHelpers)
 
 set(ZNC_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zncontainer)
@@ -32,8 +32,8 @@ install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/zncontainerConfigVersion.cmake
     DESTINATION ${ZNC_CMAKEDIR} COMPONENT dev)
 
-# For pkg-config. The paths are relative to where the file is found, so that a tree that was
-# installed can be moved; Debian's triplet makes the way up one longer.
+# For pkg-config. The paths are relative to the location of the .pc file, so that an installed tree can be
+# moved. With Debian's triplet the file is one directory deeper.
 file(RELATIVE_PATH ZNC_PC_TO_PREFIX
     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" ZNC_PC_TO_PREFIX ${ZNC_PC_TO_PREFIX})
@@ -55,8 +55,8 @@ endif()
 
 install(TARGETS zncrun RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT oci)
 
-# The daemon's surroundings. The unit names the program by its path, which is known when it is
-# installed (cmake --install --prefix).
+# The systemd unit, sysctl settings and runtime directory of the daemon. The unit contains the path of the
+# program, which is known only at installation (cmake --install --prefix).
 install(CODE "
     set(ZNC_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
     configure_file(\"${ZNC_PACKAGING}/zncd.service.in\" \"${CMAKE_CURRENT_BINARY_DIR}/zncd.service\" @ONLY)"
@@ -67,12 +67,12 @@ install(FILES ${ZNC_PACKAGING}/sysctl.conf DESTINATION lib/sysctl.d RENAME 30-zn
 install(FILES ${ZNC_PACKAGING}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zncontainer.conf
     COMPONENT tools)
 
-# The manual pages; without scdoc they are left out, and where programs are for tests only.
+# The manual pages; not without scdoc, and not in builds with sanitizers, which are for tests only.
 if(ZNC_BUILD_MAN AND NOT ZNC_SANITIZE)
     add_subdirectory(man)
 endif()
 
-# Completions, where Debian's shells look for them. The program itself prints them.
+# Completions, in the directories in which Debian's shells search. zncctl itself prints them.
 if(NOT CMAKE_CROSSCOMPILING AND NOT ZNC_SANITIZE)
     set(COMPLETIONS)
     function(znc_completion SHELL DIRECTORY FILE)

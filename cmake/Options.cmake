@@ -1,6 +1,6 @@
-# What can be chosen. Below another project (add_subdirectory, FetchContent) only the library is built, and
+# The options of the build. Below another project (add_subdirectory, FetchContent) only the library is built, and
 # nothing is installed, unless that project asks for more.
-option(ZNC_BUILD_PROGRAMS "Build zncd, zncctl and zncctl-import" ${PROJECT_IS_TOP_LEVEL})
+option(ZNC_BUILD_PROGRAMS "Build zncd, zncctl, zncctl-import and zncrun" ${PROJECT_IS_TOP_LEVEL})
 option(ZNC_INSTALL "Install what is built" ${PROJECT_IS_TOP_LEVEL})
 option(ZNC_WITH_UZLIB "Link an installed uzlib instead of the adapter over ISA-L or zlib" OFF)
 option(ZNC_BUILD_BENCH "Build the programs of bench/run.sh" OFF)
@@ -8,7 +8,7 @@ set(ZNC_SANITIZE "" CACHE STRING "Sanitizers for all code but the freestanding h
 set(ZNC_BUILD_TESTS AUTO CACHE STRING "Build the tests: ON, OFF, or AUTO, which is where GoogleTest is installed")
 set(ZNC_BUILD_MAN AUTO CACHE STRING "Build the manual pages: ON, OFF, or AUTO, which is where scdoc is installed")
 
-# A shared library unless CMake's own switch says otherwise.
+# A shared library unless BUILD_SHARED_LIBS is set to OFF.
 if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
     set(ZNC_LIBRARY_TYPE STATIC)
 else()
@@ -28,7 +28,8 @@ if(ZNC_INSTALL OR ZNC_BUILD_PROGRAMS)
     include(GNUInstallDirs)
 endif()
 
-# znc_decide(OPTION WHAT POSSIBLE REASON): what AUTO means here. What is left out is said, with the reason.
+# znc_decide(OPTION WHAT POSSIBLE REASON): replaces the value AUTO by POSSIBLE. If that is false, prints that
+# WHAT is not built, and the REASON.
 function(znc_decide OPTION WHAT POSSIBLE REASON)
     if(NOT ${OPTION} STREQUAL "AUTO")
         return()

@@ -1,6 +1,5 @@
-# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools, zncontainer-import,
-# zncontainer-oci
-# ("znc" is another program's name). scripts/package.sh builds them.
+# The Debian packages: libzncontainer1, libzncontainer-dev, zncontainer-tools, zncontainer-import and
+# zncontainer-oci; "znc" is the name of another program. scripts/package.sh builds them.
 set(ZNC_PACKAGE_MAINTAINER "zncontainer maintainers <zncontainer@${CMAKE_PROJECT_NAME}.example.org>"
     CACHE STRING "Name and address that the packages show as their maintainer's")
 set(ZNC_PACKAGE_RELEASE 1)
@@ -10,7 +9,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PACKAGE_NAME zncontainer)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-# Each package brings its own; the project's would become the first line of all of them.
+# Empty: each package has its own summary; the default would become the first line of all of them.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT ${ZNC_PACKAGE_MAINTAINER})
 set(CPACK_COMPONENTS_ALL library dev tools oci)
@@ -19,7 +18,7 @@ if(TARGET zncctl-import)
 endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-# The packages' prefix, whatever that of the build is.
+# The prefix of the packages does not depend on that of the build.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -74,7 +73,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS skopeo) # for zncctl pull
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
     ${ZNC_DEBIAN}/postinst ${ZNC_DEBIAN}/prerm ${ZNC_DEBIAN}/postrm)
 
-# A package of its own for the libraries it alone needs, which are many times as large as the rest.
+# A separate package, because only this program needs libraries that are many times as large as the rest.
 set(CPACK_COMPONENT_IMPORT_DESCRIPTION "import of container images of any kind
 Lets \"zncctl import\" turn images with whiteouts, hard links, extended
 headers or other compressions, in archives or layouts, and root filesystems
@@ -84,15 +83,15 @@ set(CPACK_DEBIAN_IMPORT_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_IMPORT_PACKAGE_DEPENDS
     "libzncontainer1 ${ZNC_SAME_VERSION}, zncontainer-tools ${ZNC_SAME_VERSION}")
 
-# Engines need nothing but this program.
+# A separate package, because container engines need only this program.
 set(CPACK_COMPONENT_OCI_DESCRIPTION "container runtime for container engines
-Lets podman, containerd, docker and CRI-O run containers: zncrun implements
-the command line of the OCI runtime specification. It needs no daemon.")
+Lets podman, containerd, docker and CRI-O run containers: zncrun has
+the command line that they expect of an OCI runtime. It needs no daemon.")
 set(CPACK_DEBIAN_OCI_PACKAGE_NAME zncontainer-oci)
 set(CPACK_DEBIAN_OCI_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_OCI_PACKAGE_ENHANCES "podman, containerd, docker.io")
 
-# What every package says of itself.
+# The copyright and the changelog of each package.
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER ${component} COMPONENT)
     install(FILES ${ZNC_DEBIAN}/copyright

@@ -1,11 +1,11 @@
-# The flags all code of the project is compiled with. Warnings are errors in the presets, which set
-# CMAKE_COMPILE_WARNING_AS_ERROR, and not for those who just build it, with whatever compiler.
+# The flags for all code of the project. Warnings are errors only in the presets, which set
+# CMAKE_COMPILE_WARNING_AS_ERROR; other builds may use compilers with other warnings.
 add_library(znc_flags INTERFACE)
 target_compile_features(znc_flags INTERFACE c_std_11 cxx_std_20)
 target_compile_options(znc_flags INTERFACE
     -Wall -Wextra -Wshadow -Wconversion
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
-# g++ 12 sees overlapping copies in std::string at -O3 that are not there (its bug 105651).
+# At -O3, g++ 12 warns of overlapping copies in std::string where there are none (GCC bug 105651).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(znc_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
@@ -17,7 +17,8 @@ target_compile_options(znc_flags INTERFACE
 target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
 target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 
-# The same bytes wherever the project is built. Who debugs or counts wants the paths.
+# Built files do not depend on the directory of the build. Debug, coverage and sanitizer builds
+# keep the full paths.
 option(ZNC_COVERAGE "Count which lines and branches are run (g++); scripts/coverage.sh reads it" OFF)
 if(NOT ZNC_COVERAGE AND NOT ZNC_SANITIZE)
     target_compile_options(znc_flags INTERFACE
@@ -33,7 +34,7 @@ if(ZNC_SANITIZE)
     target_link_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE})
 endif()
 
-# What is installed. Fortified functions need an optimised build, which that of the tests is not.
+# The flags for installed code. _FORTIFY_SOURCE needs an optimised build, which sanitizer builds are not.
 add_library(znc_product_flags INTERFACE)
 target_link_libraries(znc_product_flags INTERFACE znc_flags)
 if(NOT ZNC_SANITIZE)
@@ -42,8 +43,8 @@ if(NOT ZNC_SANITIZE)
         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)
 endif()
 
-# Programs and the shared library hold the little they use of the C++ library themselves. A command is
-# over in two thirds of the time when that library need not be loaded and relocated for it.
+# Programs and the shared library are linked statically with the C++ library, of which they use little. Without
+# loading and relocating a shared one, a command takes two thirds of the time.
 add_library(znc_start_flags INTERFACE)
 if(NOT ZNC_SANITIZE)
     target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc)
@@ -54,7 +55,7 @@ if(ZNC_COVERAGE)
     target_link_options(znc_flags INTERFACE --coverage)
 endif()
 
-# Library and platform code: C at the boundary, nothing throws, nothing needs run-time types.
+# The flags for library and platform code, which has a C interface and uses neither exceptions nor RTTI.
 add_library(znc_library_flags INTERFACE)
 target_link_libraries(znc_library_flags INTERFACE znc_product_flags)
 target_compile_options(znc_library_flags INTERFACE

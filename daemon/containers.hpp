@@ -1,5 +1,5 @@
-// containers.hpp - cleaning up after a previous daemon at the start, and ending all containers at
-// the end. Used by main, on the daemon task.
+// containers.hpp - cleans up after a previous daemon at startup, and ends all containers at
+// shutdown. Used by main, on the daemon task.
 #ifndef ZNCD_CONTAINERS_HPP
 #define ZNCD_CONTAINERS_HPP
 

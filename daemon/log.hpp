@@ -10,8 +10,8 @@ namespace zncd {
 
 enum class Level { kError = 3, kWarning = 4, kInfo = 6, kDebug = 7 }; // syslog levels
 
-// Sets the highest level that is logged: "error", "warning", "info" (the initial one) or "debug".
-// False for any other word.
+// Sets the least severe level that is logged: "error", "warning", "info" (the initial one) or
+// "debug". False for any other word.
 bool set_log_level(std::string_view name);
 
 void log(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,5 +1,5 @@
-// priorities.hpp - whether containers may have priorities more urgent than normal. These affect
-// everything else on the machine. Used by main, on the daemon task.
+// priorities.hpp - whether containers may have priorities more urgent than normal, which would
+// affect all other processes of the machine. Used by main, on the daemon task.
 #ifndef ZNCD_PRIORITIES_HPP
 #define ZNCD_PRIORITIES_HPP
 

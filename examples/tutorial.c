@@ -1,6 +1,6 @@
 /*
- * tutorial.c - runs the program of an image in a container and ends with its exit status. What
- * docs/tutorial.md explains step by step. As root, with zncd running:
+ * tutorial.c - runs the program of an image in a container and exits with its exit status.
+ * docs/tutorial.md explains it step by step. Usage, as root, with zncd running:
  *
  *     cc -o tutorial tutorial.c $(pkg-config --cflags --libs zncontainer)
  *     ./tutorial LAYOUT BUNDLE ID
@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <zncontainer.h>
 
-/* Says which step failed, and why. */
+/* Prints which step failed, and the reason. */
 static int failed(const char* step)
 {
     const int number = errno; /* before anything else can change it */
@@ -39,7 +39,7 @@ static int create(const char* id, const char* bundle)
     return 0;
 }
 
-/* The program is our child and has our standard streams. Its process id, or -1. */
+/* The program is our child and has our standard streams. Returns its process id, or -1. */
 static pid_t start(const char* id)
 {
     pid_t program = 0;
@@ -47,7 +47,7 @@ static pid_t start(const char* id)
         return program;
     failed("start");
     if (program > 0)
-        waitpid(program, NULL, 0); /* it was started and told to end */
+        waitpid(program, NULL, 0); /* it was started and has been sent TERM */
     return -1;
 }
 
@@ -61,7 +61,7 @@ static void show(const char* id)
     free(state);
 }
 
-/* The exit status, or 128 and the number of the signal that ended the program, as shells say it. */
+/* The exit status, or 128 plus the number of the signal that ended the program, as in shells. */
 static int wait_for(pid_t program)
 {
     int status = 0;

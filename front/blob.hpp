@@ -1,5 +1,5 @@
-// blob.hpp - the blobs of image layouts: digests as names for what is made, and whether a blob is
-// what its digest and size say.
+// blob.hpp - the blobs of image layouts: computing digests, and checking a blob against its digest
+// and size.
 #ifndef ZNC_FRONT_BLOB_HPP
 #define ZNC_FRONT_BLOB_HPP
 
@@ -11,11 +11,11 @@
 
 namespace zncctl {
 
-// "sha256:...". Throws std::runtime_error when it cannot be computed.
+// The digest as text, "sha256:...". Throws std::runtime_error if it could not be computed.
 std::string digest_text(znc::Digest& digest);
 std::string digest_of(std::string_view bytes);
 
-// Whether bytes in memory have that digest; false as well for one of an unknown algorithm.
+// Whether bytes in memory have this digest; false also if its algorithm is unknown.
 bool has_digest(std::string_view bytes, std::string_view digest);
 
 // A message if the size of an open blob differs from `size` (-1, not given, counts as different),

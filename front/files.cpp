@@ -107,7 +107,7 @@ bool replace_file(int dir, const char* name, std::string_view content, bool last
         file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0)
         return !lasting || ::fsync(dir) == 0;
     const znc::ErrnoSaver keep;
-    ::unlinkat(dir, fresh.c_str(), 0); // on a full disk it would take space that others need
+    ::unlinkat(dir, fresh.c_str(), 0); // do not take up space on a full disk
     return false;
 }
 

@@ -1,4 +1,4 @@
-// files.hpp - reads and writes small files as a whole.
+// files.hpp - reads and writes whole files.
 #ifndef ZNC_FRONT_FILES_HPP
 #define ZNC_FRONT_FILES_HPP
 
@@ -24,28 +24,28 @@ std::string descriptor_path(int fd);
 // The error message after a failed open_regular() or read_file().
 std::string read_error_text();
 
-// Nullopt with errno set if the file cannot be read or is not a regular file; EFBIG if it is larger
-// than 64 MiB.
+// The content of a regular file. Nullopt with errno set if it cannot be read or is not a regular
+// file; EFBIG if it is larger than 64 MiB.
 std::optional<std::string> read_file(const std::string& path, int dir = AT_FDCWD);
 
 // The names of the entries of a directory (not owned), in no particular order. Nullopt with errno
 // set.
 std::optional<std::vector<std::string>> names_in(int directory);
 
-// What a descriptor has from its position to the end, or to a read error: a file that grows is read
-// again later.
+// Reads a descriptor from its position to the end, or to a read error, which is ignored: callers
+// follow a growing file and read again later.
 std::string read_to_end(int file);
 
 // The C library's message for errno.
 std::string error_text();
 
-// Throws std::runtime_error: "OBJECT: " and what errno says.
+// Throws std::runtime_error with the text "OBJECT: " and the message for errno.
 [[noreturn]] void throw_error(const std::string& object);
 
 using znc::write_all;
 
-// Replaces the content of the file atomically; `lasting`: also syncs it. False with errno set; then
-// no temporary file is left.
+// Replaces the content of the file atomically and, with `lasting`, syncs it to disk. False with
+// errno set, and no temporary file left.
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting = false);
 
 } // namespace zncctl

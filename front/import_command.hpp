@@ -1,5 +1,5 @@
-// import_command.hpp - the command `zncctl import`, which zncctl lists and hands on, and another
-// program carries out.
+// import_command.hpp - describes the command `zncctl import`, which is listed by zncctl and
+// executed by zncctl-import.
 #ifndef ZNC_FRONT_IMPORT_COMMAND_HPP
 #define ZNC_FRONT_IMPORT_COMMAND_HPP
 
@@ -9,7 +9,7 @@ namespace zncctl {
 
 inline constexpr Option kImportOptions[] = {
     {'t', "tag", "TAG", "the new image's name (default: that of the source, or latest)"},
-    {0, "platform", "OS/ARCH", "which of several images; a variant may follow: linux/arm/v7"},
+    {0, "platform", "OS/ARCH", "platform of the image; a variant may follow: linux/arm/v7"},
     {0, "set-os", "OS", "give the new image this operating system"},
     {0, "set-arch", "ARCH", "give the new image this architecture"},
     {0, "keep-user", nullptr, "leave the user as it is: run and unpack look it up in the image"},
@@ -30,12 +30,12 @@ inline constexpr Option kImportOptions[] = {
     {0, "report", "FILE", "write a JSON report of losses and changes to this file", Word::kFile},
     {0, "compress", "HOW", "\"isal\" (default) or \"zlib\"", Word::kChoice, "isal zlib"},
     {0, "max-entries", "N", "members of all layers (default: 1000000)"},
-    {0, "max-bytes", "N", "plain bytes of all layers (default: 34359738368)"},
-    {0, "max-ratio", "N", "plain bytes for each compressed one (default: 1100)"},
-    {0, "max-depth", "N", "names in a path (default: 128)"},
+    {0, "max-bytes", "N", "uncompressed bytes of all layers (default: 34359738368)"},
+    {0, "max-ratio", "N", "uncompressed bytes for each compressed one (default: 1100)"},
+    {0, "max-depth", "N", "components of a path (default: 128)"},
     {0, "max-json", "N", "bytes of a document (default: 4194304)"},
-    {0, "max-hardlink-bytes", "N", "added by copies of hard links (default: 16777216)"},
-    {0, "source-name", "NAME", "what messages call a source that is standard input"},
+    {0, "max-hardlink-bytes", "N", "bytes added by copies of hard links (default: 16777216)"},
+    {0, "source-name", "NAME", "name of standard input in messages"},
     {'q', "quiet", nullptr, "do not print the new image's digest"},
 };
 

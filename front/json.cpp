@@ -27,7 +27,8 @@ std::string lower_case(std::string_view text)
     return result;
 }
 
-// Objects whose keys are data: there "Maintainer" is another key than "maintainer".
+// Objects whose keys are data, which are compared exactly: "Maintainer" and "maintainer" are
+// different keys.
 bool has_free_keys(std::string_view name)
 {
     constexpr std::array<std::string_view, 4> kNames = {"annotations", "labels", "exposedports",
@@ -35,7 +36,7 @@ bool has_free_keys(std::string_view name)
     return std::find(kNames.begin(), kNames.end(), lower_case(name)) != kNames.end();
 }
 
-// The text, telling how far it was read.
+// An iterator over the text that records how far the parser has read.
 class Cursor {
   public:
     using difference_type = std::ptrdiff_t;
@@ -59,8 +60,8 @@ class Cursor {
     const char** furthest_;
 };
 
-// Builds the document. The parser's own builder looks for each key among the members that are
-// there, which takes a minute for some megabytes of short keys.
+// Builds the document. The parser's own builder compares each key with all members before it, which
+// takes quadratic time.
 class Builder {
   public:
     using number_integer_t = Json::number_integer_t;
@@ -82,8 +83,8 @@ class Builder {
     bool number_unsigned(number_unsigned_t value) { return add(value); }
     bool number_float(number_float_t value, const string_t& written)
     {
-        constexpr number_float_t kWhole = 9007199254740992.0; // each up to here is one
-        constexpr auto kDigits = 15;                          // that a double surely keeps
+        constexpr number_float_t kWhole = 9007199254740992.0; // 2^53: integers up to it are exact
+        constexpr auto kDigits = 15;                          // decimal digits that a double keeps
         const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
         if (std::count_if(written.begin(), written.end(), is_digit) > kDigits)
             notes_.inexact = true;
@@ -127,16 +128,16 @@ class Builder {
         notes_.problem = std::move(problem);
         return false;
     }
-    // The library's texts end at a NUL.
+    // The library's strings end at a NUL.
     bool good_text(std::string_view text)
     {
         return text.find('\0') == text.npos || refuse("a NUL in a text");
     }
-    // As the library compares them.
+    // The form in which the library compares keys.
     [[nodiscard]] static std::string comparable(const std::string& key, bool free)
     {
         std::string lower = lower_case(key);
-        return free && lower != kRefName ? key : lower; // the library looks for that one
+        return free && lower != kRefName ? key : lower; // the library looks up kRefName
     }
     bool has_unique_keys(const Open& object)
     {
@@ -148,7 +149,7 @@ class Builder {
         for (const auto& [key, value] : members)
             keys.emplace_back(comparable(key, object.free_keys), keys.size());
         std::sort(keys.begin(), keys.end());
-        std::size_t second = 1; // of two that are the same
+        std::size_t second = 1; // index of the second of two equal keys
         while (second < keys.size() && keys[second - 1].first != keys[second].first)
             second++;
         if (second >= keys.size())
@@ -221,7 +222,7 @@ std::optional<Json> parse_json(std::string_view text, JsonNotes* notes, Annotati
         said.problem = fmt::format("it has more than {} bytes", limits.bytes);
         return std::nullopt;
     }
-    // Which the parser takes for the end of the text.
+    // The parser would take a NUL for the end of the text.
     if (const std::size_t nul = text.find('\0'); nul != text.npos) {
         said.problem = "no JSON at " + position(text, nul);
         return std::nullopt;
@@ -232,8 +233,8 @@ std::optional<Json> parse_json(std::string_view text, JsonNotes* notes, Annotati
                         Cursor(text.data() + text.size(), &furthest), &builder))
         return builder.take();
     if (said.duplicate_key)
-        return std::nullopt; // the key says where
-    // What was read last is what is wrong; at the end there is nothing behind it.
+        return std::nullopt; // the message names the key, so it needs no position
+    // The error is at the last character that was read.
     auto at = static_cast<std::size_t>(furthest - text.data());
     at -= at > 0 ? 1 : 0;
     said.problem += " at " + position(text, at);

@@ -1,7 +1,8 @@
 // layout.hpp - reads the index, manifests and configurations of an OCI image layout, for lists and
-// reports, and for `run` and `unpack`, which check what is read here and pass exactly that on to
-// the library. Reading never blocks, every document is compared with its digest, and JSON members
-// are looked up as the library looks them up. Used by the image commands, spec, unpack and run.
+// reports, and for `run` and `unpack`, which check the documents read here and pass exactly these
+// on to the library. Reading never blocks, every document is compared with its digest, and JSON
+// members are looked up as the library looks them up. Used by the image commands, spec, unpack and
+// run.
 #ifndef ZNC_FRONT_LAYOUT_HPP
 #define ZNC_FRONT_LAYOUT_HPP
 

@@ -18,7 +18,7 @@
 namespace zncctl {
 namespace {
 
-// Runs `call` and returns what the library prints to standard output meanwhile.
+// Runs `call` and returns what the library prints to standard output during it.
 template <class Call> std::string capture_output(Call call)
 {
     const znc::UniqueFd file(::memfd_create("zncctl", MFD_CLOEXEC));
@@ -52,7 +52,7 @@ void print_line(const char* colour, const char* kind, std::string_view text)
         fmt::print(stderr, "zncctl: {}: {}\n", kind, printable(text));
 }
 
-// The width of the terminal on standard output; 0 if it is none.
+// The width of the terminal on standard output; 0 if that is not a terminal.
 std::size_t line_width()
 {
     winsize size = {};

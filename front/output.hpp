@@ -14,7 +14,7 @@ namespace zncctl {
 enum ExitStatus {
     kExitOk = 0,
     kExitFailure = 1,
-    kExitNotFound = 2,       // no such container
+    kExitNotFound = 2,       // no such container or image
     kExitWrongState = 3,     // the container is running, has run, or exists already
     kExitNoDaemon = 4,       // no daemon, no answer from it, or a timeout
     kExitUsage = 64,         // bad arguments

@@ -77,7 +77,7 @@ bool take_lock(int lock)
     return true;
 }
 
-// Nothing for what is no number of that size.
+// The integer member `key`; nullopt if it is missing or does not fit into an int.
 std::optional<int> number_of(const Json& json, const char* key)
 {
     const auto number = integer(member(json, key));
@@ -236,8 +236,8 @@ void remove_record(const std::string& id)
     const znc::UniqueFd dir = open_record(id);
     if (!dir)
         return;
-    // The lock file is removed as well. A keeper that still exists goes on writing to files that
-    // have no name any more.
+    // The lock file is removed as well. A process that still keeps the record continues to write to
+    // the unlinked files.
     for (const char* name : {kStatusName, "status.json.new", kInputName, kLogName, kOldLogName,
                              kLogTimesName, kOldLogTimesName, kLockName})
         ::unlinkat(dir.get(), name, 0);
@@ -254,8 +254,8 @@ znc::UniqueFd make_network_end(const std::string& id)
     if (!dir || (::unlinkat(dir.get(), kNetworkName, 0) != 0 && errno != ENOENT) ||
         ::mkfifoat(dir.get(), kNetworkName, 0600) != 0)
         return {};
-    // Also opened for writing: otherwise the FIFO would be readable after a writer has closed it,
-    // even if that has written nothing.
+    // Also opened for writing: otherwise the FIFO would become readable (end of file) as soon as a
+    // writer closes it, even if nothing was written.
     return open_network_end(dir.get(), O_RDWR);
 }
 
@@ -267,10 +267,10 @@ NetworkEnd::NetworkEnd(const std::string& id) : dir_(open_record(id))
 
 void NetworkEnd::ask() const
 {
-    // A second reader: without any, the write would raise SIGPIPE.
+    // Open a reading end, too: without any reader, the write would raise SIGPIPE.
     const znc::UniqueFd reader = writer_ ? open_network_end(dir_.get(), O_RDONLY) : znc::UniqueFd();
     if (reader && !write_all(writer_.get(), "\n"))
-        errno = 0; // it is full: the network has been asked to end already
+        errno = 0; // the FIFO is full: the network has been asked to end already
 }
 
 bool NetworkEnd::wait() const

@@ -1,8 +1,9 @@
 // record.hpp - information on a container's program that the daemon does not have: when it was
 // started and ended, its exit code, its log. Each container has a directory named by its id below
-// the runtime directory. The process that started the program, the keeper, writes the record and
-// holds its lock until it is complete. Without an exit code, the lock tells a program that is still
-// running from one whose keeper was killed.
+// the runtime directory. The zncctl process that started the program (or its monitor) keeps the
+// record: it writes the record and holds its lock until the record is complete. If there is no exit
+// code, the lock shows whether the program is still running or the process that kept the record was
+// killed. (Not to be confused with the container's keeper, its process 1.)
 #ifndef ZNC_FRONT_RECORD_HPP
 #define ZNC_FRONT_RECORD_HPP
 
@@ -34,8 +35,8 @@ std::string time_text(std::time_t time);
 class RecordKeeper {
   public:
     // Starts a new record for a container, deleting the old one. Waits up to 10 seconds for the
-    // keeper of the old record. Invalid with errno set, EBUSY if the old record is still being
-    // kept.
+    // process that keeps the old record. Invalid with errno set, EBUSY if the old record is still
+    // being kept.
     static RecordKeeper begin(const std::string& id);
 
     explicit operator bool() const { return static_cast<bool>(lock_); }
@@ -56,11 +57,11 @@ znc::UniqueFd open_record(const std::string& id);
 std::optional<Record> read_record(int dir);
 std::optional<Record> read_record(const std::string& id);
 
-// Whether the keeper still exists, so that the record may change.
+// Whether a process still keeps the record, so that it may change.
 bool record_is_kept(int dir);
 
-// The end of a program whose record may be removed as soon as it ends: the file of its lock also
-// holds the exit code and is kept open.
+// Gets the exit code of a program whose record may be removed as soon as it ends: the lock file,
+// which also contains the exit code, is kept open.
 class RecordEnd {
   public:
     explicit RecordEnd(int dir);
@@ -80,8 +81,8 @@ znc::UniqueFd open_runtime_area(const char* name, bool make);
 // The ids of all containers that have a record, including containers that no longer exist.
 std::vector<std::string> recorded_ids();
 
-// Deletes a container's record; does nothing if there is none. What belongs to the container's
-// network stays until that has ended.
+// Deletes a container's record; does nothing if there is none. The files of the container's network
+// stay until the network has ended.
 void remove_record(const std::string& id);
 
 // The process that runs a container's network holds the reading end of a FIFO in the record's

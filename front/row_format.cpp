@@ -79,7 +79,7 @@ std::string RowFormat::text(const Json& row) const
         if (value == nullptr)
             continue;
         const std::string* plain = part.json ? nullptr : zncctl::text(value);
-        // A value must not begin a column or a line.
+        // Tabs and newlines in a value must not begin a new column or line.
         result += plain != nullptr ? printable(*plain) : printable_json(compact(*value));
     }
     return result;

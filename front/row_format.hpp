@@ -1,5 +1,6 @@
-// row_format.hpp - prints the rows of a list as a format of the user's says: texts with fields such
-// as "{{.ID}} {{.Names}}" or "{{json .}}", as container engines have them. Used by ps.
+// row_format.hpp - prints the rows of a list in a format given by the user: text with fields such
+// as "{{.ID}} {{.Names}}" or "{{json .}}", as container engines have them. Used by ps, images and
+// events.
 #ifndef ZNC_FRONT_ROW_FORMAT_HPP
 #define ZNC_FRONT_ROW_FORMAT_HPP
 
@@ -14,14 +15,14 @@ namespace zncctl {
 class RowFormat {
   public:
     // "\t" and "\n" stand for tab and newline. "table " at the beginning asks for columns, which
-    // tabs separate, under a heading. Throws std::runtime_error for what is not understood, and for
-    // a field that is not in `fields`.
+    // tabs separate, under a heading. Throws std::runtime_error if the format is invalid or has a
+    // field that is not in `fields`.
     RowFormat(std::string_view format, const std::vector<std::string>& fields);
 
     [[nodiscard]] bool is_table() const { return table_; }
-    // The row as text. Fields that are no string are written as JSON.
+    // The row as text. Values that are not strings are written as JSON.
     [[nodiscard]] std::string text(const Json& row) const;
-    // The names of the fields where text() has their values.
+    // The same with the names of the fields in place of their values.
     [[nodiscard]] std::vector<std::string> heading() const;
 
   private:

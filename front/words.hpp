@@ -43,8 +43,8 @@ inline bool is_among(std::string_view text, const auto& list)
     return std::find(list.begin(), list.end(), text) != list.end();
 }
 
-// The number of characters to insert, remove, replace or exchange with their neighbour to make one
-// word of another.
+// The number of characters to insert, remove, replace or swap with their neighbour to turn one word
+// into the other.
 inline std::size_t edit_distance(std::string_view from, std::string_view to)
 {
     std::vector<std::size_t> before;
@@ -80,7 +80,7 @@ inline std::string closest_word(std::string_view word, const std::vector<std::st
     return closest;
 }
 
-// Parses a text that consists of a number only.
+// Parses a string that consists of a number only.
 template <class Number> std::optional<Number> to_number(std::string_view text)
 {
     Number number = 0;

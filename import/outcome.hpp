@@ -29,8 +29,8 @@ std::string write_list(const std::vector<SourceImage>& images);
 Outcome read_outcome(const std::string& text);
 
 // The same for a list of images: an array of objects with "names", "os", "architecture", "variant",
-// "digest" (of the manifest), "rootfs" (a plain root filesystem) and "problem", all of them texts
-// but for the first and "rootfs".
+// "digest" (of the manifest), "rootfs" (whether it is a plain root filesystem) and "problem". All
+// are strings, except for "names" (an array) and "rootfs" (a boolean).
 zncctl::Json read_list(const std::string& text);
 
 } // namespace zncimport

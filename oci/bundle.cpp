@@ -16,7 +16,7 @@
 namespace zncrun {
 namespace {
 
-// The value of a member that must be a text if it is there.
+// The value of a member that must be a string if it exists.
 std::string optional_text(const Json& object, const char* key, const std::string& where)
 {
     const Json* value = zncctl::member(object, key);
@@ -103,8 +103,8 @@ std::string home_of(std::int64_t uid, const std::string& rootfs)
 
 } // namespace
 
-// They are those of another process if LISTEN_PID names one: an engine that was started by a
-// service manager passes its environment on.
+// If LISTEN_PID names another process, the sockets are not for this one: an engine that was started
+// by a service manager passes its environment on.
 int listening_descriptors()
 {
     const char* sockets = std::getenv("LISTEN_FDS");
@@ -243,7 +243,7 @@ void Bundle::read_mounts()
         mount.destination = optional_text(one, "destination", where);
         if (mount.destination.empty())
             throw Failure(where + ".destination: is missing");
-        if (mount.destination[0] != '/') // as containers of older engines have it
+        if (mount.destination[0] != '/') // configurations of older engines have relative paths
             mount.destination.insert(0, "/");
         mount.type = optional_text(one, "type", where);
         mount.source = optional_text(one, "source", where);

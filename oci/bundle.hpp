@@ -9,7 +9,7 @@
 
 namespace zncrun {
 
-// A list of texts as the platform takes it.
+// A NULL-terminated list of strings, as the platform expects it.
 class TextList {
   public:
     void add(const std::string& text);
@@ -34,7 +34,7 @@ struct Process {
     unsigned rows = 0;
     unsigned columns = 0;
 
-    // Fails if something is missing or of the wrong type.
+    // Fails if a member is missing or has the wrong type.
     static Process read(const Json& process);
     // Adds what the program expects in its environment: HOME, from the passwd file of the tree
     // `rootfs`, and the descriptors that a service manager has opened.

@@ -59,7 +59,7 @@ std::string state_text(const Container& container, Status status)
 
 constexpr const char* kCreationHooks[] = {"prestart", "createRuntime", "createContainer"};
 
-// The hooks of the creation. The platform calls prepared(), which must not throw.
+// Runs the hooks of the creation. The platform calls prepared(), which must not throw.
 class CreationHooks {
   public:
     CreationHooks(const Bundle& bundle, const StateDirectory& directory, Container& container)
@@ -83,7 +83,7 @@ class CreationHooks {
         }
     }
     [[nodiscard]] bool begun() const { return begun_; }
-    // Why one failed; "" if none did.
+    // The message of the hook that failed; "" if none did.
     [[nodiscard]] const std::string& failure() const { return failure_; }
 
   private:
@@ -105,7 +105,7 @@ class CreationHooks {
     std::string failure_;
 };
 
-// The hooks of the start, confined as the program. If one fails, the container ends.
+// Runs the startContainer hooks, confined like the program. If one fails, the container is killed.
 void run_start_hooks(const Container& container, const StateDirectory& directory)
 {
     const Json config = directory.read_config();
@@ -148,7 +148,8 @@ int preserved_descriptors(const Arguments& args)
         throw Failure(fmt::format("--preserve-fds: {:?} is not a number from 0 to {}", text,
                                   ZN_ENGINE_DESCRIPTORS_MAX));
     const int all = std::min(*count + listening_descriptors(), ZN_ENGINE_DESCRIPTORS_MAX);
-    // Called before anything is opened, which would take the number of one that is missing.
+    // Called before this process opens any file, which could get the number of a missing
+    // descriptor.
     for (int fd = 3; fd < 3 + all; fd++)
         if (::fcntl(fd, F_GETFD) < 0)
             throw Failure(fmt::format("--preserve-fds: descriptor {} is not open", fd));
@@ -187,7 +188,8 @@ Container create_container(const Context& context, const Arguments& args)
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
-    // The group is known before it is created: whoever deletes the container finds it.
+    // The path of the group is recorded before the group is created, so that a later `delete` finds
+    // it.
     directory.write(container);
     directory.write_config(bundle.document());
     ZN_ENGINE_PLAN plan =

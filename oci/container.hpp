@@ -11,22 +11,22 @@ namespace zncrun {
 // Creates the container that `args` describe (create, run): the id is the first operand.
 Container create_container(const Context& context, const Arguments& args);
 
-// `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
-// Before, while hooks run, they end this process.
+// If `signals` is given, the signals to be forwarded are blocked immediately before the program is
+// started, and returned in it. Until then, while hooks run, these signals end this process.
 void start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);
 
-// Writes the process id for an engine that waits for the file: it is never seen incomplete.
+// Writes the process id atomically: an engine that waits for the file never sees it incomplete.
 void write_pid_file(const char* path, pid_t pid);
 
 // How many descriptors from 3 up the program gets: those of --preserve-fds, and the sockets that a
 // service manager has opened for it (LISTEN_FDS).
 int preserved_descriptors(const Arguments& args);
 
-// Connects to the socket of --console-socket, which a terminal needs. Without a terminal there must
-// be none.
+// Connects to the socket of --console-socket, which a terminal needs. Without a terminal, the
+// option is refused.
 znc::UniqueFd connect_console(const Arguments& args, bool terminal);
 
 } // namespace zncrun

@@ -38,7 +38,7 @@ int freeze(const Context& context, const Arguments& args, BOOL frozen)
     return 0;
 }
 
-// The members of "resources" that options set.
+// A member of "resources" that an option sets.
 struct Limit {
     const char* option;
     const char* section;

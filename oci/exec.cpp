@@ -50,7 +50,7 @@ void set_variable(Json& process, const std::string& text)
     process["env"] = env;
 }
 
-// The container's own process with what the options change.
+// The container's own "process" object with the changes that the options make.
 Json process_of(const Json& config, const Arguments& args)
 {
     const Json* own = zncctl::member(config, "process");
@@ -84,7 +84,7 @@ Json process_of(const Json& config, const Arguments& args)
     return process;
 }
 
-// What confines the program: its own member "process", and the container's filter.
+// The configuration that confines the program: its "process" object, and the container's filter.
 std::string document_of(const Json& process, const Json& config)
 {
     Json document = Json::object();
@@ -123,12 +123,12 @@ int run_exec(const Context& context, const Arguments& args)
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
                      &program, &started.pid, reason.data(), reason.size()) != OK)
         throw Failure(reason.data());
-    // Before this, a signal ends this process, and the helper with it.
+    // Until here, a signal ends this process, and the helper with it.
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);
     try {
         write_pid_file(args.value("pid-file"), started.pid);
-    } catch (const Failure&) { // nobody would know of the program
+    } catch (const Failure&) { // the engine would not learn the program's process id
         znEngineProcessSignal(&started, SIGKILL);
         throw;
     }

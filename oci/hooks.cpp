@@ -46,7 +46,8 @@ void read_hook(const Json& json, Hook& hook)
     hook.seconds = zncctl::integer(zncctl::member(json, "timeout"));
 }
 
-// A file with the text, to be read from its beginning. A pipe could be full before a hook reads.
+// A temporary file with the text, positioned at its beginning. A pipe could be full before the hook
+// reads it.
 znc::UniqueFd input_of(const std::string& text)
 {
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
@@ -106,7 +107,8 @@ pid_t spawn_outside(const Hook& hook, const std::string& state)
     return pid;
 }
 
-// The environment of the caller is none of the container's.
+// With a document (startContainer) the hook must not get the caller's environment: without "env"
+// its environment is empty.
 pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& place)
 {
     ZN_ENGINE_PROGRAM program = {};
@@ -123,7 +125,7 @@ pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& 
     return pid;
 }
 
-// While this exists, ends of children can be waited for.
+// Blocks SIGCHLD while it exists, so that sigtimedwait() can wait for the end of a child.
 class ChildrenBlocked {
   public:
     ChildrenBlocked()

@@ -15,8 +15,9 @@ enum class OnFailure { kFail, kContinue };
 struct HookPlace {
     ZN_ENGINE_PROCESS process;
     std::string group;
-    // The configuration that confines the hooks, and their paths are of the container; or null:
-    // the container still shows the host's tree, and the hooks have the rights of the caller.
+    // The configuration that confines the hooks, whose paths are then resolved in the container.
+    // Null: the hooks have the rights of the caller, and the mount namespace still shows the host's
+    // tree.
     const char* document;
 };
 
@@ -24,8 +25,8 @@ struct HookPlace {
 bool has_hooks(const zncctl::Json& config, const char* kind);
 
 // Runs the hooks of one kind ("poststart") one after the other; each reads `state` from its
-// standard input. Fails if one does not exit with 0 in time, or goes on with the next one. Without
-// a place they run in the namespaces of the caller.
+// standard input. If one does not exit with 0 before its timeout, fails (kFail) or continues with
+// the next one (kContinue). Without `place` they run in the namespaces of the caller.
 void run_hooks(const zncctl::Json& config, const char* kind, const std::string& state,
                OnFailure reaction, const HookPlace* place = nullptr);
 

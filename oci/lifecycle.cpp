@@ -22,7 +22,8 @@ void print(const std::string& text)
         throw Failure("standard output: " + zncctl::error_text());
 }
 
-// Waits for the program as a child, and forwards signals to it. Its exit status as a shell's.
+// Waits for the program, a child, and forwards signals to it. Returns its exit status as a shell
+// would.
 int wait_for_program(const ZN_ENGINE_PROCESS& process, const sigset_t& signals)
 {
     for (;;) {
@@ -117,7 +118,7 @@ int run_list(const Context& context, const Arguments& args)
                                  state["status"].get<std::string>(), container.bundle,
                                  container.created);
             all.push_back(state);
-        } catch (const Failure& failure) { // one that is damaged does not hide the others
+        } catch (const Failure& failure) { // list the others even if one is damaged
             log_line(context, "warning", failure.what());
         }
     }
@@ -147,13 +148,14 @@ int run_kill(const Context& context, const Arguments& args)
     BOOL frozen = FALSE;
     if (signal == SIGKILL && znEngineGroupFrozen(container.group.c_str(), &frozen) == OK &&
         frozen != FALSE)
-        znEngineGroupFreeze(container.group.c_str(), FALSE); // with v1, what is frozen does not die
+        znEngineGroupFreeze(container.group.c_str(), FALSE); // on v1, frozen processes do not die
     return 0;
 }
 
 namespace {
 
-// Without the lock: whoever holds it may wait for a hook that does not end.
+// Kills without taking the lock: the process that holds it may be waiting for a hook that does not
+// end.
 void kill_unlocked(const Context& context, const std::string& id)
 {
     const StateDirectory directory = StateDirectory::find(context, id, Lock::kNone);
@@ -162,7 +164,7 @@ void kill_unlocked(const Context& context, const std::string& id)
     try {
         const Container container = directory.read();
         znEngineProcessSignal(&container.process, SIGKILL);
-    } catch (const Failure&) { // a damaged state names no process
+    } catch (const Failure&) { // a damaged state: the process is not known
     }
 }
 

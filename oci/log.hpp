@@ -1,4 +1,4 @@
-// log.hpp - the log file that engines name. Without one nothing is logged.
+// log.hpp - appends messages to the log file given by --log. Without that option nothing is logged.
 #ifndef ZNC_OCI_LOG_HPP
 #define ZNC_OCI_LOG_HPP
 
@@ -6,7 +6,8 @@
 
 namespace zncrun {
 
-// Appends a line with a level, "error" or "warning". Engines show the last one with "error".
+// Appends a line with a level, "error" or "warning". Engines show the last line with the level
+// "error".
 void log_line(const Context& context, const char* level, const std::string& message);
 
 } // namespace zncrun

@@ -73,7 +73,7 @@ constexpr Option kExec[] = {
 };
 constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
 constexpr Option kDelete[] = {
-    {'f', "force", nullptr, "kill a running container; ignore an absent one"},
+    {'f', "force", nullptr, "kill a running container; ignore one that does not exist"},
     {'r', "regex", nullptr, "delete all containers whose id matches the regular expression"},
 };
 constexpr Option kUpdate[] = {

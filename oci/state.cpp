@@ -30,7 +30,8 @@ constexpr std::size_t kIdMax = 200;
     throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
 }
 
-// What is read there decides which processes are killed.
+// The files in this directory decide which processes are killed, so no other user may be able to
+// change them.
 void check_root(const Context& context)
 {
     znPathTrust trust = {};
@@ -39,7 +40,7 @@ void check_root(const Context& context)
                                   trust.fault[0] != '\0' ? trust.fault : zncctl::error_text()));
 }
 
-// Every missing directory on the path, for its owner only, whatever the umask is.
+// Creates every missing directory on the path, with mode 0700 whatever the umask.
 void make_root(const std::string& root)
 {
     for (std::size_t end = 0; end != root.npos;) {
@@ -131,7 +132,8 @@ void take_lock(int directory, Lock lock, const std::string& path)
 
 } // namespace
 
-// A directory that was removed while this process waited for the lock is none any more.
+// Opens and locks the directory. If it was removed while this process waited for the lock, starts
+// again.
 StateDirectory StateDirectory::locked(const std::string& path, Lock lock)
 {
     for (;;) {
@@ -172,7 +174,7 @@ bool StateDirectory::has_state() const
 
 Container StateDirectory::read() const
 {
-    if (!has_state()) // its creator was killed at its beginning
+    if (!has_state()) // `create` was killed before it wrote the file
         throw Failure(fmt::format("container {:?} does not exist",
                                   std::filesystem::path(path_).filename().string()));
     const Json json = read_document(directory_.get(), kState);

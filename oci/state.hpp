@@ -1,7 +1,7 @@
 // state.hpp - the state directories: one for each container, below the root directory, named by its
 // id. A directory holds state.json, a copy of config.json, and, until the container is started, the
 // socket for its start. It is locked while a command changes the container. Whether a container
-// runs is not stored but asked of the kernel.
+// runs is not stored, but determined from the kernel.
 #ifndef ZNC_OCI_STATE_HPP
 #define ZNC_OCI_STATE_HPP
 
@@ -28,27 +28,27 @@ struct Container {
     std::string rootfs;
     std::string created; // RFC 3339
     std::string group;
-    std::string mark;               // of the group, which another container may have taken over
+    std::string mark;               // shows whether another container has taken over the group
     ZN_ENGINE_PROCESS process = {}; // pid 0: none yet
     Json annotations = Json::object();
 };
 
-// kBounded: exclusive, and it fails if another command holds the lock for long.
-// A state that cannot be read: what belongs to the container is not known.
+// The state file exists but cannot be read, so it is not known what belongs to the container.
 class DamagedState : public Failure {
   public:
     using Failure::Failure;
 };
 
+// kBounded: exclusive, but fails if another command holds the lock for too long.
 enum class Lock { kNone, kExclusive, kBounded };
 
 class StateDirectory {
   public:
-    // Creates the directory of a new container, locked. Fails if there is one.
+    // Creates and locks the directory of a new container. Fails if it exists.
     static StateDirectory create(const Context& context, const std::string& id);
-    // Opens that of a container. Fails with "does not exist" if there is none.
+    // Opens the directory of a container. Fails with "does not exist" if there is none.
     static StateDirectory open(const Context& context, const std::string& id, Lock lock);
-    // The same, but not valid if there is none.
+    // The same, but returns an invalid object if there is none.
     static StateDirectory find(const Context& context, const std::string& id, Lock lock);
 
     explicit operator bool() const { return static_cast<bool>(directory_); }

@@ -143,7 +143,7 @@ podman_lifecycle() {
     check 'podman start again' podman_ start web
     check 'the program runs again' soon logs_have web up
     check 'podman stop lets the program end' podman_ stop --time 10 web
-    check 'its exit status is kept' is 3 podman_ inspect --format '{{.State.ExitCode}}' web
+    check 'podman inspect shows the exit status after stop' is 3 podman_ inspect --format '{{.State.ExitCode}}' web
     check 'podman rm' podman_ rm web
     check 'nothing is left of the container' ends 1 podman_ container exists web
 }
@@ -194,7 +194,7 @@ builds_image() {
 
 podman_limits() {
     check 'podman build' builds_image
-    check 'what was built is in the image' is built run --rm localhost/built:1 cat /built
+    check 'the built file is in the image' is built run --rm localhost/built:1 cat /built
     local group=/sys/fs/cgroup/memory file=memory.limit_in_bytes
     [[ -d $group ]] || { group=/sys/fs/cgroup && file=memory.max; }
     check '-m' is $((64 << 20)) run --rm -m 64m localhost/engines:1 cat "$group/$file"
@@ -278,7 +278,7 @@ docker_lifecycle() {
     check 'docker top' docker_ top web
     check 'docker stats' docker_ stats --no-stream web
     check 'docker stop' docker_ stop --time 10 web
-    check 'its exit status is kept' is 3 docker_ inspect --format '{{.State.ExitCode}}' web
+    check 'docker inspect shows the exit status after stop' is 3 docker_ inspect --format '{{.State.ExitCode}}' web
     check 'docker start again' docker_ start web
     check 'docker kill' docker_ kill web
     check 'docker rm' docker_ rm web

@@ -37,7 +37,7 @@ Place read_place(const std::string& text)
     return in_container ? Place{text.substr(0, colon), text.substr(colon + 1)} : Place{"", text};
 }
 
-// Where paths lead: in the root of a container, with all its mounts, or on the host.
+// Where paths are resolved: in the root of a container, with all its mounts, or on the host.
 class Side {
   public:
     Side() = default; // the host
@@ -138,7 +138,8 @@ class Copy {
         copy_.copy_directory(from, parent_of(wanted).get(), new_name(wanted), trimmed(source));
     }
 
-    // The existing file, or none. Fails if there is something that a file must not replace.
+    // The existing regular file, or an invalid descriptor if there is none. Fails if a file of
+    // another type exists.
     [[nodiscard]] znc::UniqueFd regular_file(const std::string& destination) const
     {
         znc::UniqueFd file = to_.file(destination);
@@ -176,8 +177,9 @@ class Copy {
     const TreeCopy& copy_;
 };
 
-// The user that a container's program runs as, as the host knows it. From now on this process
-// creates files as the container's root, in whose file systems the host's root may not exist.
+// Returns the host's ids of the user that a container's program runs as. Afterwards this process
+// creates files as the container's root, since the host's root may not be mapped in the container's
+// file systems.
 Owner become_owner_in(const std::string& id, nsid_t ns)
 {
     const std::string bundle = text_of(state_of(id).value_or(Json()), "bundle");
@@ -229,7 +231,7 @@ void read_archive(const std::string& id, nsid_t ns, int root, const std::string&
 
 void copy_files(nsid_t ns, const Place& source, const Place& destination, const Side& container)
 {
-    const StopSignals held; // not with a pipe, on which this process may wait for ever
+    const StopSignals held; // not while reading from a pipe, which may block for ever
     const Side host;
     const bool into = source.id.empty();
     const TreeCopy tree(into ? std::optional(become_owner_in(destination.id, ns)) : std::nullopt);
@@ -254,7 +256,7 @@ int copy(const Place& source, const Place& destination)
             copy_files(ns, source, destination, Side(std::move(root)));
         return kExitOk;
     } catch (const Stopped&) {
-        return kExitFailure; // the signal ends the process before that
+        return kExitFailure; // not reached: destroying `held` lets the signal end the process
     } catch (const std::runtime_error& error) {
         return failure(id, error.what());
     }

@@ -13,7 +13,7 @@ namespace {
 struct Operands {
     std::string image; // "": from a bundle
     std::string bundle;
-    std::optional<std::string> id; // none with --name
+    std::optional<std::string> id; // not set with --name
     std::vector<std::string> command;
 };
 
@@ -36,7 +36,7 @@ Operands read_operands(const Arguments& args)
     return {"", args.operand(1, args.value("bundle", ".")), words[0], {}};
 }
 
-// What looks like an image, without --name, is taken for an id or a bundle.
+// Without --name, operands are an id and a bundle. Prints a hint if an image was probably meant.
 void hint_at_name(const Operands& operands)
 {
     if (operands.id && ::access((operands.bundle + "/config.json").c_str(), F_OK) != 0)

@@ -30,7 +30,7 @@ int print_text(const std::vector<Change>& changes)
     return text.empty() ? static_cast<int>(kExitOk) : print_result(text);
 }
 
-// Members without an element are left out.
+// Empty lists are left out.
 int print_lists(const std::vector<Change>& changes)
 {
     Json lists = Json::object();

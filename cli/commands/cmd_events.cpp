@@ -1,4 +1,4 @@
-// Prints what happens to containers.
+// Prints the events of containers.
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/event_journal.hpp"
 #include "cli/containers/log_lines.hpp"
@@ -66,7 +66,7 @@ std::string line(const Event& event)
                        printable(event.id), printable(event.image), printable(event.name), code);
 }
 
-// Which events are wanted. Throws std::runtime_error for a filter that is none.
+// Which events are wanted. Throws std::runtime_error for an invalid filter.
 class Selection {
   public:
     explicit Selection(const Arguments& args)
@@ -104,7 +104,7 @@ class Selection {
     // How long to wait for events, in milliseconds; -1: for ever, 0: not at all.
     [[nodiscard]] int patience() const
     {
-        constexpr std::int64_t kMost = 3600; // then it is called again
+        constexpr std::int64_t kMost = 3600; // the caller waits again after that
         if (to_ == kNever)
             return -1;
         const std::int64_t left = to_ + 1 - std::time(nullptr);
@@ -169,7 +169,7 @@ class Printer {
     bool fields_;
 };
 
-// Prints events until there will be none that are wanted, or until a signal ends the process.
+// Prints events until no more wanted events can occur, or until a signal ends the process.
 int follow(const Selection& selection, const Printer& printer, JournalReader& reader, int watch)
 {
     for (;;) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kTerm = "xterm"; // every terminal database has it
 
-// "" if the options are right, else what is wrong with them.
+// What is wrong with the options, or "".
 std::string wrong_use(const Arguments& args)
 {
     for (const char* option : {"tty", "interactive"})

@@ -25,7 +25,7 @@ struct Report {
 struct Verdict {
     const Image* image;
     std::vector<Report> reports;
-    std::vector<std::string> asked; // beyond running a program
+    std::vector<std::string> asked; // what the image requests besides running its program
 
     [[nodiscard]] bool refused() const
     {

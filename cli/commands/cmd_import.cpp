@@ -73,7 +73,7 @@ int cmd_import(const Arguments& args)
     const bool layout = is_layout_path(target) || is_layout_below(target) || args.has("tag") ||
                         args.has("dry-run") || args.has("list");
     const auto name = layout ? std::nullopt : parse_reference(target, kLocalHost);
-    // What is no name is the path of a new layout.
+    // A text that is not a valid name is the path of a new layout.
     return name && name->digest.empty() ? import_as(args, *name) : exec_program(args);
 }
 

@@ -16,7 +16,7 @@ namespace {
 
 // An image as zncctl-import lists it.
 struct Listed {
-    std::size_t place;              // in the list
+    std::size_t place;              // index in the list
     std::vector<std::string> names; // as the archive says
     std::string os;
     std::string arch;
@@ -39,8 +39,8 @@ Listed listed_of(const Json& object, std::size_t place)
     return image;
 }
 
-// Many more than archives have. Each name is an entry of the index, which is written as a whole
-// while other processes wait.
+// Many more than real archives have. Each name is an entry of the index, which is rewritten as a
+// whole while other processes wait.
 constexpr std::size_t kLoadedMax = 100;
 constexpr std::size_t kNamesMax = 100; // of an image
 
@@ -134,7 +134,7 @@ class Load {
         return kExitOk;
     }
 
-    // An image that the archive does not hold completely is left out if there are others.
+    // Adds the images. One that is incomplete in the archive is left out if there are others.
     int load_images(const std::vector<Listed>& images)
     {
         int result = kExitOk;

@@ -1,4 +1,4 @@
-// Lists containers as users of container engines expect it.
+// Lists containers in the form that users of container engines know.
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/listing.hpp"
@@ -105,7 +105,7 @@ class Row {
         return one_.status == STATE_STOPPED ? "exited" : one_.status_name();
     }
 
-    // 0 as long as there is none; none if it was lost.
+    // 0 while the program has not ended; nullopt if the exit code was lost.
     [[nodiscard]] std::optional<int> exit_code() const
     {
         if (one_.status != STATE_STOPPED)

@@ -15,7 +15,7 @@ namespace {
 
 class Run {
   public:
-    // With keys, the program gets a monitor from the beginning.
+    // With detach keys, the program gets a monitor from the start.
     Run(const Arguments& args, const NewContainer& container, std::size_t log_max,
         const std::optional<DetachKeys>& keys)
         : args_(args), container_(container), id_(container.id), log_max_(log_max), keys_(keys)
@@ -53,7 +53,7 @@ class Run {
         return status;
     }
 
-    // With a monitor, which stays with the program if the user detaches from it.
+    // Runs the program with a monitor, which continues if the user detaches.
     int detachable()
     {
         if (const int error = start_with_monitor(id_, {log_max_, true, true, false}); error != 0) {
@@ -141,7 +141,7 @@ int cmd_run(const Arguments& args)
         if (!keys)
             return kExitUsage;
         if (!options.tty || !options.interactive)
-            keys.reset(); // they are typed at a terminal
+            keys.reset(); // detach keys need an interactive terminal
     }
     try {
         return Run(args, container, log_max, keys).run();

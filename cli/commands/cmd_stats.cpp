@@ -36,7 +36,7 @@ std::string size_text(std::uint64_t bytes)
     return fmt::format("{:.{}f}{}", size, unit == 0 ? 0 : 1, kUnits[unit]);
 }
 
-// Without a limit, the memory of the machine is one.
+// The memory limit; without one, the memory of the machine.
 std::uint64_t memory_limit(const ZN_NS_USE& use)
 {
     if (use.memoryLimit != ZNNS_NO_LIMIT)
@@ -104,7 +104,8 @@ class Stats {
 
     int run(bool as_json)
     {
-        // The share of processor time is that since the previous sample: the first is not printed.
+        // The share of processor time is computed from the previous sample, so the first sample is
+        // not printed.
         std::vector<Sample> samples;
         if (const int status = take(samples); status != kExitOk)
             return status;
@@ -134,7 +135,8 @@ class Stats {
         return print_result(table_of(samples));
     }
 
-    // Containers that the user named, running or not; else all that run, or all with --all.
+    // Samples the containers that the user named, running or not; otherwise all running ones, or
+    // all with --all.
     int take(std::vector<Sample>& samples)
     {
         std::optional<std::vector<std::string>> ids = ids_;

@@ -38,7 +38,8 @@ bool send(const std::string& id, int signo, unsigned option)
     const STATUS sent = call_library([&] { return zncKill(id.c_str(), signo, option); });
     if (sent != OK && errno != ESRCH)
         return false;
-    // A paused container gets the signal when it is resumed, before its processes do anything else.
+    // The processes of a paused container receive the signal when they are resumed, before they do
+    // anything else.
     return resume_if_paused(id) == OK;
 }
 

@@ -101,7 +101,7 @@ int remove_records(const Arguments& args)
     return result;
 }
 
-// Removes what processes that were killed have left in the image store.
+// Removes directories and blobs that killed processes have left in the image store.
 int sweep_image_store()
 try {
     StoreChange().remove_unneeded_blobs();

@@ -22,7 +22,7 @@ inline constexpr Option kOs = {
 inline constexpr Option kArch = {0, "arch", "ARCH",
                                  "architecture of the image (default: that of this machine)"};
 inline constexpr Option kPlatform = {0, "platform", "OS/ARCH",
-                                     "which of several images; a variant may follow: linux/arm/v7"};
+                                     "platform of the image; a variant may follow: linux/arm/v7"};
 inline constexpr Option kTlsVerify = {
     0,
     "tls-verify",
@@ -97,7 +97,7 @@ inline constexpr Option kContainerOptions[] = {
     kNetwork,
     kPublish,
     {0, "pull", "POLICY",
-     "fetch an image that is \"missing\" in the store (default), \"always\" or \"never\"",
+     "fetch the image if it is \"missing\" in the store (default), \"always\" or \"never\"",
      Word::kChoice, "missing always never"},
     kPlatform,
     kOs,
@@ -153,8 +153,9 @@ inline constexpr Option kExecOptions[] = {
 inline constexpr Option kLogsOptions[] = {
     {'f', "follow", nullptr, "follow the log until the program has ended"},
     {'n', "tail", "N", "print only the last N lines (default: all)"},
-    {'t', "timestamps", nullptr, "print before each line when it was written"},
-    {0, "since", "TIME", "print only lines written since this time, or so long ago, such as 10m"},
+    {'t', "timestamps", nullptr, "begin each line with the time at which it was written"},
+    {0, "since", "TIME",
+     "print only lines since this time, or since a duration before now such as 10m"},
 };
 inline constexpr Option kWaitOptions[] = {kSeconds};
 inline constexpr Option kKillOptions[] = {
@@ -183,7 +184,7 @@ inline constexpr Option kStatsOptions[] = {
 };
 inline constexpr Option kDeleteOptions[] = {
     {'f', "force", nullptr,
-     "delete a running container too: kill its processes; ignore ids that do not exist"},
+     "also delete running containers, killing their processes; ignore unknown ids"},
     {'a', "all", nullptr, "delete every container"},
     {0, "all-stopped", nullptr, "delete every stopped container"},
     {'v', "volumes", nullptr, "no effect: there are no anonymous volumes"},
@@ -198,7 +199,7 @@ inline constexpr Option kListOptions[] = {
     {0, "no-trunc", nullptr, "do not truncate the output to the width of the terminal"},
 };
 inline constexpr Option kCpOptions[] = {
-    {'a', "archive", nullptr, "no effect: the owner in a container is that of its program"},
+    {'a', "archive", nullptr, "no effect: copies in a container belong to the user of its program"},
 };
 inline constexpr Option kDiffOptions[] = {kFormat};
 inline constexpr Option kExportOptions[] = {
@@ -216,12 +217,13 @@ inline constexpr Option kEventsOptions[] = {
     {'f', "filter", "KEY=VALUE",
      "print only events with this container, event, image or type; may be repeated"},
     {0, "format", "FORMAT", "\"json\", or fields such as \"{{.ID}} {{.Status}}\""},
-    {0, "since", "TIME", "begin with events since this time, or so long ago, such as 10m"},
-    {0, "until", "TIME", "end at this time, or after so long, such as 10m"},
+    {0, "since", "TIME",
+     "begin with events since this time, or since a duration before now such as 10m"},
+    {0, "until", "TIME", "end at this time, or after a duration such as 10m"},
     {0, "no-stream", nullptr, "print the events until now, and do not wait for more"},
 };
 inline constexpr Option kPruneOptions[] = {
-    {'f', "force", nullptr, "no effect: it does not ask"},
+    {'f', "force", nullptr, "no effect: the command does not ask"},
     {0, "filter", "KEY=VALUE", "delete only containers that match, as for ps; may be repeated"},
 };
 inline constexpr Option kTopOptions[] = {kFormat};
@@ -260,8 +262,8 @@ inline constexpr Option kImagesOptions[] = {
 inline constexpr Option kPullOptions[] = {
     {'q', "quiet", nullptr, "do not show progress"},
     kPlatform,
-    {0, "os", "OS", "the same by operating system only (default: linux)"},
-    {0, "arch", "ARCH", "the same by architecture only (default: that of this machine)"},
+    {0, "os", "OS", "operating system of the image (default: linux)"},
+    {0, "arch", "ARCH", "architecture of the image (default: that of this machine)"},
     kTlsVerify,
     {0, "creds", "USER[:PASSWORD]", "credentials for the registry; other users can see them"},
     kAuthFile,

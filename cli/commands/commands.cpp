@@ -58,7 +58,7 @@ constexpr Command kCommands[] = {
     {"top", "", "ID", "list the processes of a container", kTopOptions, 1, 1, kId, "", cmd_top},
     {"stats", "", "[ID...]", "show the processor, memory and I/O usage of containers",
      kStatsOptions, 0, kMany, kId, "", cmd_stats},
-    {"events", "", "", "print what happens to containers", kEventsOptions, 0, 0, kNone, "",
+    {"events", "", "", "print the events of containers", kEventsOptions, 0, 0, kNone, "",
      cmd_events},
     {"unpack", "", "IMAGE BUNDLE", "create a bundle from an image", kUnpackOptions, 2, 2, kImage,
      "", cmd_unpack},
@@ -98,9 +98,9 @@ constexpr Command kCommands[] = {
     {"image prune", "", "", "remove images that no name and no container refers to",
      kImagePruneOptions, 0, 0, kNone, "", cmd_image_prune},
     {"spec", "", "", "print a template config.json", kSpecOptions, 0, 0, kNone, "", cmd_spec},
-    {"config check", "", "BUNDLE", "report what in a bundle's config.json is refused or ignored",
+    {"config check", "", "BUNDLE", "report what is refused or ignored in a bundle's config.json",
      kCheckOptions, 1, 1, kDir, "", cmd_config_check},
-    {"storage df", "", "", "report the disk usage of layers, flattened images and overlay mounts",
+    {"storage df", "", "", "report the disk usage of images, layers, flattened trees and bundles",
      kDfOptions, 0, 0, kNone, "", cmd_storage_df},
     {"storage gc", "", "[BUNDLE...]", "remove stored data that no bundle and no container needs",
      kGcOptions, 0, kMany, kDir, "", cmd_storage_gc},
@@ -124,7 +124,7 @@ constexpr Command kCommands[] = {
      cmd_completion},
 };
 
-// What engines call commands that have another name here.
+// Names that container engines use for commands which have another name here.
 struct OtherName {
     std::string_view words;
     std::string_view command;

@@ -36,7 +36,7 @@ class Attachment {
         if (!*sender_)
             sender_.reset();
         if (sender_ && tty) {
-            if (!signals_) // none of them may end zncctl while the terminal is in raw mode
+            if (!signals_) // no signal may end zncctl while the terminal is in raw mode
                 signals_ = std::make_unique<SignalQueue>();
             raw_ = std::make_unique<RawTerminal>();
             send_size();
@@ -50,7 +50,8 @@ class Attachment {
         for (;;) {
             if (watch_)
                 znWatchClear(watch_.get());
-            // Check before reading: everything written before the keeper ended is then read.
+            // Check before reading: then everything that was written before the monitor ended is
+            // read.
             const bool still_kept = record_is_kept(record_);
             if (!write_all(STDOUT_FILENO, reader_.read()))
                 return false;
@@ -61,14 +62,15 @@ class Attachment {
     }
 
     [[nodiscard]] bool detached() const { return options_.keys.typed(); }
-    // The signal that ended this process' part; 0: none.
+    // The signal because of which following ended; 0: none.
     [[nodiscard]] int ended_by() const { return ended_by_; }
     void restore_terminal() { raw_.reset(); }
 
   private:
     void wait()
     {
-        // The end of the monitor does not change a file, and without a watch no output does either.
+        // A timeout, because the end of the monitor does not change a file, and without a watch new
+        // output is not noticed either.
         const timespec pause = {0, watch_ ? 50'000'000 : 20'000'000};
         const bool wanted = sender_ && !sender_->is_full() && !in_background(STDIN_FILENO);
         std::array<pollfd, 2> fds = {pollfd{watch_.get(), POLLIN, 0},
@@ -77,7 +79,7 @@ class Attachment {
             signals_->wait(fds, &pause);
         else
             ::ppoll(fds.data(), fds.size(), &pause, nullptr);
-        if (signals_) // first: what is typed after a change of the size comes after it
+        if (signals_) // first, so that a change of the size is sent before what is typed after it
             handle_signals();
         if (fds[1].revents != 0)
             read_input();
@@ -96,7 +98,7 @@ class Attachment {
             sender_->add_input(raw_ ? options_.keys.pass(typed) : std::string(typed));
             return;
         }
-        if (n == 0 && !raw_) // after an error the program may get more from others
+        if (n == 0 && !raw_) // not after an error: other processes may send more input
             sender_->add_end();
         sender_->flush();
         sender_.reset();

@@ -19,8 +19,8 @@ struct AttachOptions {
 // Reads the option --detach-keys. Nullopt after printing a message.
 std::optional<DetachKeys> read_detach_keys(const char* text);
 
-// Returns the exit status of the program, or of a failure; kExitOk after the keys were typed, which
-// sets `detached` if that is not null.
+// Returns the exit status of the program, or that of a failure. After the detach keys were typed it
+// returns kExitOk and sets `*detached`, unless that is null.
 int attach_to(const std::string& id, AttachOptions options, bool* detached = nullptr);
 
 } // namespace zncctl

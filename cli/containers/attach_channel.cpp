@@ -16,7 +16,8 @@ using Size = std::array<unsigned short, 2>;
 
 } // namespace
 
-// Also opened for writing: otherwise it would be readable after each writer has closed it.
+// The FIFO is also opened for writing: otherwise it would become readable (end of file) each time a
+// writer closes it.
 AttachReceiver::AttachReceiver(int record)
 {
     if ((::unlinkat(record, kInputName, 0) == 0 || errno == ENOENT) &&

@@ -1,6 +1,6 @@
-// attach_channel.hpp - what processes that attach to a detached program send to its monitor: input,
-// and the size of their terminal. It is a FIFO beside the record, which only root can open. Used by
-// the monitor and attach.
+// attach_channel.hpp - the channel through which processes that attach to a detached program send
+// input, and the size of their terminal, to its monitor: a FIFO in the directory of the record,
+// which only root can open. Used by the monitor and attach.
 #ifndef ZNC_CLI_CONTAINERS_ATTACH_CHANNEL_HPP
 #define ZNC_CLI_CONTAINERS_ATTACH_CHANNEL_HPP
 
@@ -14,7 +14,8 @@
 
 namespace zncctl {
 
-// Written with one call, which the kernel does not mix with those of other processes.
+// A message is written by one call; its size is at most PIPE_BUF, so the kernel does not interleave
+// it with messages of other processes.
 struct AttachMessage {
     enum Kind : std::uint16_t { kInput, kEndOfInput, kSize };
 
@@ -46,7 +47,7 @@ class AttachSender {
     explicit AttachSender(int record);
 
     explicit operator bool() const { return static_cast<bool>(fifo_); }
-    // Sends as much of what was added as is possible without waiting.
+    // Sends as much of the added data as possible without waiting.
     void flush();
     void add_input(std::string_view bytes);
     void add_end();

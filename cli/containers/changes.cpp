@@ -42,8 +42,8 @@ znc::UniqueFd open_if_directory(int dir, const std::string& name)
     return dir >= 0 ? open_directory(dir, name) : znc::UniqueFd();
 }
 
-// Overlayfs marks a deleted name by a character device with the number 0. A container cannot create
-// one in its root.
+// Overlayfs marks a deleted name by a character device with the number 0:0. A container cannot
+// create such a device in its root.
 bool is_whiteout(const struct stat& st)
 {
     return S_ISCHR(st.st_mode) && st.st_rdev == 0;
@@ -96,8 +96,8 @@ class Comparison {
         add_directory({upper.get(), lower.get(), merged.get(), path, level.depth + 1});
     }
 
-    // A directory that was deleted and made again hides all that the lower one has, without marks
-    // for each name.
+    // A directory that was deleted and created again hides everything in the lower directory,
+    // without a whiteout for each name.
     void add_hidden(const Level& level, const std::vector<std::string>& in_upper)
     {
         for (const std::string& name : names_in(level.lower, level.path))

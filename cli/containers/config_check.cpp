@@ -115,7 +115,7 @@ std::string ambiguity(std::string_view text)
     const auto findings = findings_in(text);
     JsonNotes notes;
     if (!findings)
-        return ""; // the library says so
+        return ""; // the library reports this
     if (!parse_config(text, &notes))
         return notes.problem;
     for (const auto& [verdict, words] : *findings)

@@ -20,7 +20,7 @@ struct ConfigFinding {
 // Nullopt if the text is not JSON, or if the library and this program would read it differently.
 std::optional<Json> parse_config(std::string_view text, JsonNotes* notes = nullptr);
 
-// Nothing when it is no JSON; `problem` then says why.
+// Nullopt if the text is not JSON; `problem` then describes the error.
 std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, std::string& problem);
 
 // Why `create` and `run` refuse a document that the library would accept: parsers would read it

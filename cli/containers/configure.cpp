@@ -22,7 +22,7 @@ Json& object_at(Json& object, const char* key)
     return value;
 }
 
-// As engines do: the image's command is for its entry point only.
+// As in container engines, the image's command is used only with the image's own entry point.
 void set_command(Json& process, const ContainerOptions& options, const Json* image)
 {
     if (!options.entrypoint && options.command.empty())
@@ -38,8 +38,8 @@ void set_command(Json& process, const ContainerOptions& options, const Json* ima
     process["args"] = words;
 }
 
-// `whose` begins the message for a user that does not exist. Root, if no user is named, needs no
-// entry: then only the home directory is looked up.
+// `whose` is the beginning of the message if the user does not exist. If no user is named, root is
+// used, which needs no entry; only its home directory is looked up.
 User find_user(const Json& config, const std::string& name, const char* whose)
 {
     const std::string path = text_of(member(config, "root"), "path");
@@ -68,7 +68,7 @@ void set_user(Json& config, Json& process, const ContainerOptions& options, cons
         process["user"] = {{"uid", user.uid}, {"gid", user.gid}};
     if (!user.groups.empty())
         process["user"]["additionalGids"] = user.groups;
-    // The home directory that a bundle has was that of the image's own user.
+    // HOME in a bundle's configuration may be that of the image's own user.
     if (image != nullptr ? !sets(image, "HOME") : environment.value("HOME") == nullptr)
         environment.set("HOME", user.home);
 }
@@ -99,7 +99,7 @@ void set_process(Json& config, Json& process, const ContainerOptions& options, c
     apply_capabilities(process, options);
 }
 
-// A mount of the user's replaces one of the configuration at the same place.
+// A mount given by the user replaces one of the configuration at the same destination.
 void add_mounts(Json& config, const Json& added)
 {
     Json result = Json::array();

@@ -1,5 +1,5 @@
-// configure.hpp - changes the configuration of a single container as the user's options say. Used
-// by container_bundle.
+// configure.hpp - changes the configuration of a single container according to the user's options.
+// Used by container_bundle.
 #ifndef ZNC_CLI_CONTAINERS_CONFIGURE_HPP
 #define ZNC_CLI_CONTAINERS_CONFIGURE_HPP
 

@@ -173,7 +173,8 @@ STATUS delete_container(const std::string& id, bool force)
     RemoveEvent event(id);
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
-    // The network ends with the container. When delete returns, its ports must be free.
+    // The network ends with the container. Wait for it: when delete returns, the published ports
+    // must be free.
     if (!network.wait())
         print_warning(fmt::format("{}: the container's network has not ended", printable(id)));
     event.note();

@@ -21,7 +21,7 @@ struct NewBundle;
 std::optional<Json> state_of(const std::string& id);
 
 // The status of a container. STATE_UNKNOWN with errno set if there is no such container or no
-// daemon. The daemon notices only when it is asked that a container has ended.
+// daemon. The daemon notices that a container has ended only when its state is requested.
 CONTAINER_STATUS status_of(const std::string& id);
 
 // The root directory that a bundle's config.json names, as a host path; "" if it names none.
@@ -39,7 +39,7 @@ std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
 
 // Creates a container from a bundle and connects its network. Returns kExitOk, or another exit
 // status after printing a message; then neither the container nor a bundle made for it remains.
-// Releases what keeps other processes from the bundle.
+// Releases the locks that keep other processes from using the bundle.
 int create_container(const std::string& id, NewBundle& bundle, const Network& network);
 
 // Deletes a container, zncctl's record of it, and its bundle if that was made for this container

@@ -20,7 +20,7 @@ namespace zncctl {
 namespace {
 
 constexpr const char* kConfig = "config.json";
-constexpr const char* kSource = ".source"; // holds the path of the other bundle
+constexpr const char* kSource = ".source"; // contains the path of the bundle it was made from
 constexpr const char* kLayers = ".zn-layers";
 constexpr const char* kHosts = "hosts";
 constexpr const char* kHostName = "hostname";
@@ -28,7 +28,7 @@ constexpr const char* kResolver = "resolv.conf";
 constexpr const char* kHostResolver = "/etc/resolv.conf";
 constexpr std::array kNamespaces = {"pid", "network", "mount", "ipc", "uts", "cgroup"};
 
-// The member, which is appended if there is none or it has another type.
+// The member; it is added or replaced by `value` if it is missing or has another type.
 Json& member_of_type(Json& object, const char* key, Json value)
 {
     for (auto& item : object.items())
@@ -90,7 +90,7 @@ Json read_config(const std::string& bundle)
     return *std::move(config);
 }
 
-// The root, seen from another directory.
+// Makes root.path absolute, since the configuration is copied to another directory.
 void make_root_absolute(Json& config, const std::string& bundle)
 {
     for (auto& item : config.items()) {

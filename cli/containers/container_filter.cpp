@@ -18,7 +18,7 @@ constexpr std::array<std::string_view, 4> kStates = {"created", "running", "paus
 
 std::string checked_value(const std::string& key, std::string value)
 {
-    if (key == "status" && value == "stopped") // as zncctl list says it
+    if (key == "status" && value == "stopped") // the word that zncctl list uses
         return "exited";
     if (key == "status" && !is_among(value, kStates))
         throw std::runtime_error(

@@ -19,7 +19,7 @@ struct FilteredContainer {
     const Json* labels = nullptr;
 };
 
-// Whether an image that is named with its tag or without is the one of this name.
+// Whether `wanted`, a name with or without a tag, names the image `image`.
 bool is_image_named(const std::string& image, const std::string& wanted);
 
 class ContainerFilter {

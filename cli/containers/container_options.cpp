@@ -21,9 +21,9 @@
 namespace zncctl {
 namespace {
 
-constexpr std::size_t kHostNameMax = 64; // of the kernel
+constexpr std::size_t kHostNameMax = 64; // the kernel's limit
 
-// A configuration is JSON, which holds nothing else than UTF-8.
+// A configuration is JSON, which can contain only UTF-8.
 const std::string& checked(const char* what, const std::string& text)
 {
     if (!is_utf8(text))
@@ -47,7 +47,7 @@ std::vector<std::string> read_entrypoint(const std::string& text)
     return words;
 }
 
-// A line of an environment file without the end that other systems write.
+// Takes the next line of an environment file, without a carriage return at its end.
 std::string_view next_line(std::string_view& rest)
 {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
@@ -206,7 +206,8 @@ try {
 
 namespace {
 
-// The library takes more, but options and operands like "ID:PATH" could not be told from it.
+// The library accepts more characters, but ids with these could not be distinguished from options
+// and from operands like "ID:PATH".
 bool is_name(std::string_view name)
 {
     const auto is_plain = [](char c) {

@@ -20,14 +20,14 @@ class BadOption : public std::runtime_error {
 };
 
 struct ContainerOptions { // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
-    std::vector<std::string> command;                   // empty: as configured
+    std::vector<std::string> command;                   // empty: that of the configuration
     std::optional<std::vector<std::string>> entrypoint; // an empty one removes the image's
-    std::vector<std::string> environment;               // "NAME=VALUE"; later ones count
+    std::vector<std::string> environment;               // "NAME=VALUE"; the last of a name counts
     std::string directory;                              // "": as configured, as for the next two
     std::string user;
     std::string host_name;
     Json labels = Json::object();
-    Json mounts = Json::array(); // as in a configuration
+    Json mounts = Json::array(); // in the format of a configuration
     Json limits = Json::object();
     std::vector<std::string> added_capabilities; // "CAP_CHOWN", or "ALL"
     std::vector<std::string> dropped_capabilities;

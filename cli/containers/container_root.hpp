@@ -13,8 +13,8 @@ namespace zncctl {
 // by the container's processes. Invalid with errno set.
 znc::UniqueFd open_container_root(const std::string& id);
 
-// The directories of which the root of a container consists. All are invalid if it is no overlay
-// device, so that there is no record of what the container changed.
+// The directories of which the root of a container consists. All are invalid if the root is not an
+// overlay device; then there is no record of the container's changes.
 struct RootParts {
     znc::UniqueFd upper;  // what the container changed
     znc::UniqueFd lower;  // what its image or bundle has

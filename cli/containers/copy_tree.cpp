@@ -25,7 +25,7 @@ namespace {
 std::string temporary_name(const std::string& name)
 {
     std::random_device random;
-    constexpr std::size_t kKept = 200; // bytes of the name, so that the new one is not too long
+    constexpr std::size_t kKept = 200; // bytes of the name that are kept in the temporary one
     return fmt::format(".{}.{:08x}{:08x}", name.substr(0, kKept), random(), random());
 }
 
@@ -64,7 +64,7 @@ class NewFile {
     znc::UniqueFd file_;
 };
 
-// Files of procfs state no size.
+// Limit for files of size 0 that have data, such as those of procfs.
 constexpr off_t kUnstatedMax = off_t{16} << 20U;
 
 // Copies what is between two positions. Returns the position of the end, which is less than `end`
@@ -90,8 +90,8 @@ off_t copy_range(int from, int to, off_t at, off_t end, const std::string& name)
     return at;
 }
 
-// At most as many bytes as there are now: the source may grow for ever. Holes stay holes: a
-// container could fill the host's disk with a file that needs no space.
+// Copies at most as many bytes as the source has now, since it may grow for ever. Keeps holes:
+// otherwise a container could fill the host's disk with a sparse file.
 void copy_bytes(int from, int to, off_t size, const std::string& name)
 {
     if (size == 0) {
@@ -102,12 +102,12 @@ void copy_bytes(int from, int to, off_t size, const std::string& name)
     for (off_t at = 0; at < size; at = std::max(end, at)) {
         off_t data = ::lseek(from, at, SEEK_DATA);
         off_t hole = data < 0 ? -1 : ::lseek(from, data, SEEK_HOLE);
-        if (data < 0 && errno == ENXIO) { // nothing but a hole, or the file was truncated
+        if (data < 0 && errno == ENXIO) { // only a hole follows, or the file was truncated
             struct stat st = {};
             end = ::fstat(from, &st) == 0 ? std::min(size, st.st_size) : at;
             break;
         }
-        if (data < 0 || hole <= data) { // the file system does not know
+        if (data < 0 || hole <= data) { // the file system does not report holes
             data = at;
             hole = size;
         }
@@ -152,7 +152,7 @@ bool remove_file(int dir, const std::string& name)
 void TreeCopy::set_attributes(int file, const struct stat& st, const std::string& name) const
 {
     const std::array<timespec, 2> times = {st.st_atim, st.st_mtim};
-    // The owner first: that would clear bits of the mode.
+    // Set the owner first: changing it clears bits of the mode.
     if ((owner_ && ::fchown(file, owner_->uid, owner_->gid) != 0) ||
         ::fchmod(file, st.st_mode & 0777U) != 0 || ::futimens(file, times.data()) != 0)
         throw_error(name);

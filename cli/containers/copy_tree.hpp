@@ -30,13 +30,13 @@ class TreeCopy {
     // the time of modification of the source, without set-user-ID, set-group-ID and sticky bits.
     explicit TreeCopy(std::optional<Owner> owner) : owner_(owner) {}
 
-    // Copies an open regular file to the name in the directory, as far as its size was when the
+    // Copies an open regular file to the name in the directory, up to the size that it had when the
     // copy began. A file or link of this name is replaced when the copy is complete; a file that is
     // mounted there is written in place. Throws std::runtime_error, as the others do.
     void copy_file(int file, int to, const std::string& name) const;
 
-    // Makes the regular file of this name with what `fill` writes to a descriptor, and with the
-    // mode and time of `st`. What exists is replaced as by copy_file.
+    // Creates the regular file of this name with the content that `fill` writes to a descriptor,
+    // and with the mode and time of `st`. Existing files are replaced as by copy_file.
     void make_file(int to, const std::string& name, const struct stat& st,
                    const FileContent& fill) const;
 
@@ -53,7 +53,8 @@ class TreeCopy {
     // owner and mode. `path` names the source in messages.
     void copy_content(int from, int to, const std::string& path, unsigned depth = 0) const;
 
-    // Makes the directory of this name like the open directory `from`, and copies the content.
+    // Creates a directory of this name with the attributes of the open directory `from`, and copies
+    // its content.
     void copy_directory(int from, int to, const std::string& name, const std::string& path,
                         unsigned depth = 0) const;
 

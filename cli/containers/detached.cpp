@@ -14,7 +14,7 @@ namespace zncctl {
 namespace {
 
 // Detaches from the caller: a new session, and none of its descriptors stays open, in particular no
-// terminal and no pipe that a process reads to its end. `report` becomes descriptor 3.
+// terminal, and no pipe that another process reads until its end. `report` becomes descriptor 3.
 void detach_from_caller(znc::UniqueFd& report)
 {
     constexpr int kReport = 3;
@@ -58,7 +58,7 @@ int run_detached(const std::function<void(znc::UniqueFd report)>& body)
         detach_from_caller(report.writer);
         try {
             body(std::move(report.writer));
-        } catch (const std::exception&) { // no place left to report it
+        } catch (const std::exception&) { // there is nowhere to report it
             ::_exit(kExitFailure);
         }
         ::_exit(kExitOk);

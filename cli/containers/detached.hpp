@@ -1,5 +1,5 @@
 // detached.hpp - processes that go on after zncctl has ended and keep nothing of its caller open.
-// Used for programs that run detached: the process that started them has to wait for them.
+// Used for programs that run detached: a process must stay to wait for them.
 #ifndef ZNC_CLI_CONTAINERS_DETACHED_HPP
 #define ZNC_CLI_CONTAINERS_DETACHED_HPP
 

@@ -11,13 +11,13 @@
 
 namespace zncctl {
 
-// Each level has descriptors open, and a tree that a container made may have any depth.
+// Limited because each level keeps descriptors open, and a container can create trees of any depth.
 inline constexpr unsigned kDepthMax = 200;
 
-// Throws std::runtime_error for a directory with more levels above it than that.
+// Throws std::runtime_error if the directory is deeper than kDepthMax.
 void check_depth(unsigned depth, const std::string& path);
 
-// The names in an open directory but "." and "..", sorted. `path` names it in messages. Throws
+// The names in an open directory except "." and "..", sorted. `path` names it in messages. Throws
 // std::runtime_error.
 std::vector<std::string> names_in(int dir, const std::string& path);
 

@@ -15,7 +15,8 @@ inline constexpr const char* kDefaultPath =
 
 class Environment {
   public:
-    // Starts with these entries, "NAME=VALUE" each. Of several with one name the last one stays.
+    // Starts with these entries, "NAME=VALUE" each. If several have the same name, the last one is
+    // kept.
     explicit Environment(const std::vector<std::string>& entries);
 
     // Applies a user's "NAME=VALUE", or "NAME", which takes the value from zncctl's own environment

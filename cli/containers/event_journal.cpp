@@ -64,7 +64,7 @@ bool is_same_file(int one, const struct stat& other)
     return ::fstat(one, &st) == 0 && st.st_ino == other.st_ino && st.st_dev == other.st_dev;
 }
 
-// Only one process renames a file, and only while that has its name.
+// Of several processes only one renames the file, and only if it still has its name.
 void rotate(int area, int file)
 {
     struct stat named = {};
@@ -80,7 +80,7 @@ znc::UniqueFd open_journal_area(bool make)
     return open_runtime_area(kArea, make);
 }
 
-// The kernel does not mix what processes append at once with one call each.
+// Each event is appended by one write call, so concurrent events are not interleaved.
 void append_event(int area, const Event& event, std::size_t max)
 {
     const znc::ErrnoSaver keep;
@@ -103,7 +103,7 @@ JournalReader::JournalReader(int area, bool at_end) : area_(area)
         ::lseek(file_.get(), 0, SEEK_END);
 }
 
-// The file may have been renamed since: it is read to its end before the new one.
+// The file may have been renamed since the last call: it is read to its end before the new one.
 std::vector<Event> JournalReader::read()
 {
     std::vector<Event> events;

@@ -1,7 +1,7 @@
-// event_journal.hpp - what happened to containers: a file of one JSON document in each line, of
-// limited size, and the previous one, in the runtime directory. Every process of zncctl appends to
-// it; what other clients of the daemon do is not in it. Used by events and by the commands that
-// change containers.
+// event_journal.hpp - a journal of the events of containers in the runtime directory: a file of
+// limited size with one JSON document per line, and its predecessor. Every zncctl process appends
+// to it; actions of other clients of the daemon are not recorded. Used by events and by the
+// commands that change containers.
 #ifndef ZNC_CLI_CONTAINERS_EVENT_JOURNAL_HPP
 #define ZNC_CLI_CONTAINERS_EVENT_JOURNAL_HPP
 
@@ -30,8 +30,8 @@ inline constexpr std::size_t kJournalMax = std::size_t{1} << 20U;
 // The directory of the journal. Invalid with errno set.
 znc::UniqueFd open_journal_area(bool make);
 
-// Appends an event. Errors are ignored: the journal must not keep containers from running. A file
-// that is larger than `max` by then becomes the previous one.
+// Appends an event. Errors are ignored: the journal must not keep containers from running. If the
+// file is then larger than `max`, it is renamed and replaces the previous one.
 void append_event(int area, const Event& event, std::size_t max = kJournalMax);
 
 class JournalReader {
@@ -40,7 +40,7 @@ class JournalReader {
     // `at_end`, behind the newest.
     JournalReader(int area, bool at_end);
 
-    // The events since the last call. Lines that are no event are left out.
+    // The events since the last call. Invalid lines are skipped.
     std::vector<Event> read();
 
   private:

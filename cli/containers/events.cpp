@@ -37,7 +37,8 @@ void append_now(Event& event)
         append_event(area.get(), event);
 }
 
-// The process that keeps the record may be stopped, or too slow.
+// Waits until the record is no longer kept, with a limit: the process that keeps it may be stopped
+// or slow.
 void wait_for_end(int record)
 {
     constexpr std::chrono::milliseconds kPause(1);
@@ -55,7 +56,7 @@ try {
     Event event = event_of(status, id);
     event.exit_code = exit_code;
     append_now(event);
-} catch (const std::exception&) { // such as for lack of memory: the container is more important
+} catch (const std::exception&) { // for example out of memory: the event is dropped
     return;
 }
 

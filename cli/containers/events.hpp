@@ -1,5 +1,5 @@
-// events.hpp - notes in the journal what zncctl does to containers, and what becomes of them. Used
-// by the commands that change containers and by the monitor.
+// events.hpp - writes to the journal what zncctl does to containers, and the end of their programs.
+// Used by the commands that change containers and by the monitor.
 #ifndef ZNC_CLI_CONTAINERS_EVENTS_HPP
 #define ZNC_CLI_CONTAINERS_EVENTS_HPP
 
@@ -20,9 +20,9 @@ inline constexpr const char* kRemoveEvent = "remove";
 void note_event(const char* status, const std::string& id,
                 std::optional<int> exit_code = std::nullopt);
 
-// The same for a container that is about to be removed: what it was made from is read now, and the
-// event is noted by note(). That waits for a moment until the end of the program is recorded, which
-// is after the event about it.
+// The same for a container that is about to be removed. The constructor reads what the container
+// was made from; note() writes the event. Before, it waits briefly until the end of the program is
+// recorded, so that the event "died" precedes "remove".
 class RemoveEvent {
   public:
     explicit RemoveEvent(const std::string& id);

@@ -27,7 +27,7 @@ bool follow(int dir, const std::function<std::string()>& read,
             const std::function<void()>& meanwhile)
 {
     for (;;) {
-        // Check before reading: everything written before the keeper ended is then read.
+        // Check before reading: then everything that was written before the monitor ended is read.
         const bool still_kept = record_is_kept(dir);
         const std::string text = read();
         if (!write_all(STDOUT_FILENO, text))

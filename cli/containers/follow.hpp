@@ -12,8 +12,8 @@ namespace zncctl {
 // printing a message.
 int open_log_of(const std::string& id, znc::UniqueFd& dir);
 
-// Prints what `read` returns, which is new output, until there will be no more, and calls
-// `meanwhile` (may be null) after each time. False with errno set if writing fails.
+// Prints the new output that `read` returns until there can be no more, and calls `meanwhile` (may
+// be null) after each call of `read`. False with errno set if writing fails.
 bool follow(int dir, const std::function<std::string()>& read,
             const std::function<void()>& meanwhile);
 

@@ -195,7 +195,7 @@ std::string shared_name(const Arguments& args, const Image& image)
                        args.has("allow-image-mounts") ? "-mounts" : "");
 }
 
-// Whether there is a bundle that containers of the image share. Then it need not be examined.
+// Whether the shared bundle of the image exists. Then the image need not be examined.
 bool is_unpacked(const Arguments& args, const Chosen& chosen)
 {
     return is_complete(fmt::format("{}/{}", bundle_area(), shared_name(args, chosen.image)));

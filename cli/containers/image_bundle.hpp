@@ -13,7 +13,8 @@
 
 namespace zncctl {
 
-// A bundle for one container, until that exists: no other process makes or collects it.
+// A bundle for a container that is about to be created. Until the container exists, no other
+// process creates or collects the bundle.
 struct NewBundle {
     std::optional<BundlesInUse> in_use;
     std::optional<BundleLock> lock;

@@ -33,7 +33,7 @@ class Blobs {
     }
 
   private:
-    std::map<std::string, Blob> blobs_; // shared ones once
+    std::map<std::string, Blob> blobs_; // by digest: shared blobs count once
 };
 
 } // namespace

@@ -1,5 +1,5 @@
-// image_use.hpp - what the image store occupies, and how much of it containers need. Used by
-// storage df.
+// image_use.hpp - the disk usage of the image store, and how much of it is needed by containers.
+// Used by storage df.
 #ifndef ZNC_CLI_CONTAINERS_IMAGE_USE_HPP
 #define ZNC_CLI_CONTAINERS_IMAGE_USE_HPP
 

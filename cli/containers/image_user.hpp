@@ -1,7 +1,7 @@
-// image_user.hpp - the user of a bundle that is unpacked from an image for its owner. The library
-// copies the image's "User" into the bundle's config.json for the use of Zarnel, with numbers only.
-// Here it is looked up in the image's own passwd and group files and written as "process.user",
-// which the daemon follows. Used by image_bundle.
+// image_user.hpp - the user in a bundle that was unpacked from an image. The library writes the
+// image's "User" to "process.usr" in config.json, with numbers only; it is meant for Zarnel and has
+// no effect here. This module looks the user up in the image's own passwd and group files and
+// writes it to "process.user", which the daemon applies. Used by image_bundle.
 #ifndef ZNC_CLI_CONTAINERS_IMAGE_USER_HPP
 #define ZNC_CLI_CONTAINERS_IMAGE_USER_HPP
 

@@ -13,7 +13,7 @@
 namespace zncctl {
 namespace {
 
-// In the directory of a bundle, outside the root.
+// A file in the directory of a bundle, outside the root.
 constexpr const char* kImage = ".image";
 
 } // namespace

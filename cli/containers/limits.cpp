@@ -42,7 +42,7 @@ class LimitReader {
         add_processors();
         add("cpu-shares", "cpu", "shares", to_count);
         if (const char* cpus = args_.value("cpuset-cpus"))
-            limits_["cpu"]["cpus"] = cpus; // the platform knows its processors
+            limits_["cpu"]["cpus"] = cpus; // checked by the platform
         add("pids-limit", "pids", "limit",
             [](std::string_view text) { return to_limit(text, to_count); });
         return problem_.empty() ? std::optional(std::move(limits_)) : std::nullopt;

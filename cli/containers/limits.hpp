@@ -1,5 +1,5 @@
-// limits.hpp - limits that a user gives as options, as the member "linux.resources" of a
-// configuration has them. Used by update.
+// limits.hpp - converts limits given as options to the member "linux.resources" of a configuration.
+// Used by update.
 #ifndef ZNC_CLI_CONTAINERS_LIMITS_HPP
 #define ZNC_CLI_CONTAINERS_LIMITS_HPP
 

@@ -19,7 +19,7 @@ struct ListedContainer { // NOLINT(bugprone-exception-escape): moving a JSON val
     std::string id;
     int status = 0;
     bool paused = false;
-    std::optional<Record> record; // of one whose program was started
+    std::optional<Record> record; // set if its program was started
 
     [[nodiscard]] const char* status_name() const; // "created", "running", "paused", "stopped"
 };
@@ -29,7 +29,7 @@ std::optional<std::vector<ListedContainer>> listed_containers();
 
 // What a container was made from, and its program.
 struct ContainerOrigin {  // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
-    ContainerNotes notes; // `created` is set if it is known at all
+    ContainerNotes notes; // `created` is 0 if nothing is known
     std::vector<std::string> command;
     Json labels = Json::object();
 };

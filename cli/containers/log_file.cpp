@@ -34,7 +34,8 @@ void LogFile::open_new()
     noted_ = 0;
 }
 
-// Before the bytes themselves are written: a reader that finds them finds their time, too.
+// Called before the bytes themselves are written, so that a reader which finds them finds their
+// time, too.
 void LogFile::note_time()
 {
     constexpr std::int64_t kNanoseconds = 1000000000;

@@ -1,5 +1,5 @@
-// log_lines.hpp - the lines of a log that a user wants to see, with the times at which they were
-// written. Used by logs and events.
+// log_lines.hpp - selects the lines of a log by time, and puts the times at which they were written
+// before them. Used by logs and events.
 #ifndef ZNC_CLI_CONTAINERS_LOG_LINES_HPP
 #define ZNC_CLI_CONTAINERS_LOG_LINES_HPP
 

@@ -46,7 +46,7 @@ class Monitor {
         serve(record, signals);
         if (options_.remove) {
             Program::leave_others();
-            static_cast<void>(delete_container(id_, true)); // no place left to report it
+            static_cast<void>(delete_container(id_, true)); // there is nowhere to report a failure
         }
     }
 
@@ -126,10 +126,10 @@ class Monitor {
         }
     }
 
-    // Where input goes: the master of the terminal, or a pipe.
+    // The descriptor that input is written to: the master of the terminal, or a pipe.
     [[nodiscard]] int input_end() const { return terminal_ ? terminal_->master() : input_.get(); }
 
-    // What to wait for: room for the input that waits, or more of it.
+    // What to poll for: room for pending input, or new input.
     [[nodiscard]] pollfd input_wanted() const
     {
         if (!waiting_.empty())
@@ -145,7 +145,7 @@ class Monitor {
             const ssize_t n = ::write(input_end(), waiting_.data(), waiting_.size());
             if (n < 0 && (errno == EAGAIN || errno == EINTR))
                 return;
-            // What a program that reads no more does not take is lost.
+            // If the program has closed its input, pending input is lost.
             waiting_.erase(0, n < 0 ? waiting_.size() : static_cast<std::size_t>(n));
         }
         if (ended_)
@@ -164,7 +164,7 @@ class Monitor {
         ended_ = message->kind == AttachMessage::kEndOfInput && !terminal_;
     }
 
-    // The program sees the end of its input. Nothing more is taken from anyone.
+    // The program sees the end of its input. Input that arrives later is discarded.
     void end_input()
     {
         input_.reset();
@@ -243,7 +243,7 @@ void delete_when_ended(const std::string& id)
         report_start(std::move(report), 0);
         while (record && record_is_kept(record.get()))
             std::this_thread::sleep_for(kPause);
-        static_cast<void>(delete_container(id, true)); // no place left to report it
+        static_cast<void>(delete_container(id, true)); // there is nowhere to report a failure
     });
 }
 

@@ -123,7 +123,7 @@ Json read_tmpfs(const std::string& text)
 
 // The members of --mount.
 struct MountWords {
-    std::string type = "volume"; // what podman assumes without one
+    std::string type = "volume"; // podman's default
     std::string source;
     std::string destination;
     Json options = Json::array();

@@ -1,4 +1,4 @@
-// mount_options.hpp - the mounts that --volume, --mount and --tmpfs ask for.
+// mount_options.hpp - reads the options --volume, --mount and --tmpfs.
 #ifndef ZNC_CLI_CONTAINERS_MOUNT_OPTIONS_HPP
 #define ZNC_CLI_CONTAINERS_MOUNT_OPTIONS_HPP
 
@@ -7,7 +7,7 @@
 
 namespace zncctl {
 
-// The mounts as a configuration has them, outer ones before those inside them. Host paths are
+// The mounts in the format of a configuration, outer ones before those inside them. Host paths are
 // absolute and without links. Throws BadOption for wrong use and std::runtime_error for a source
 // that does not exist.
 Json read_mounts(const Arguments& args);

@@ -51,7 +51,7 @@ bool take_address(std::string_view& rest, std::string& address)
 {
     const std::size_t colon = rest.rfind(':', rest.rfind(':') - 1);
     if (rest.find(':') == rest.rfind(':'))
-        return true; // none
+        return true; // no address given
     if (colon == rest.npos)
         return false;
     std::string_view text = rest.substr(0, colon);
@@ -95,7 +95,7 @@ int read_kind(const Arguments& args, bool from_image, NetworkKind& kind)
     return kExitOk;
 }
 
-// What pasta has said, without its messages about the system log, which may not exist.
+// The last message of pasta, except messages about the system log, which may not exist.
 std::string last_line(std::string_view output)
 {
     std::string last;
@@ -184,7 +184,7 @@ std::vector<std::string> pasta_arguments(const Network& network)
         for (const PublishedPort& port : network.ports)
             if (port.udp == udp)
                 args.insert(args.end(), {option, forwarding(port)});
-        if (args.size() == before) // its default is to forward what the container serves
+        if (args.size() == before) // pasta's default is to forward every port that is listened on
             args.insert(args.end(), {option, "none"});
     }
     args.insert(args.end(), {"--tcp-ns", "none", "--udp-ns", "none"});

@@ -1,6 +1,6 @@
-// network.hpp - the network of a container: what --network, --publish and ZNCCTL_NETWORK ask for,
-// and connecting it by pasta, a program that needs no network device of the host. Used by run and
-// create.
+// network.hpp - the network of a container: reads --network, --publish and ZNCCTL_NETWORK, and
+// connects the network by pasta, a program that needs no network device of the host. Used by run
+// and create.
 #ifndef ZNC_CLI_CONTAINERS_NETWORK_HPP
 #define ZNC_CLI_CONTAINERS_NETWORK_HPP
 

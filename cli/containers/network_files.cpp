@@ -25,7 +25,7 @@ std::vector<std::string> words_of(std::string_view line)
     }
 }
 
-// The address as the container can use it; "" for none.
+// The address at which the container reaches the name server; "" if there is none.
 std::string server_in_container(const std::string& address)
 {
     constexpr unsigned kLoopbackNet = 127;

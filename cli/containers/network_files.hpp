@@ -16,8 +16,8 @@ std::string resolver_text(std::string_view host);
 // Entries for localhost and for the container's host name, unless that is not a valid host name.
 std::string hosts_text(const std::string& name);
 
-// The host name of a container that is named by its id: as much of it as a host name can be, with
-// "-" for other characters.
+// The default host name of a container: its id, cut to the length of a host name, with "-" for
+// characters that a host name cannot contain.
 std::string host_name_of(const std::string& id);
 
 } // namespace zncctl

@@ -27,7 +27,7 @@ OutputFile::OutputFile(std::string path) : path_(std::move(path))
 {
     struct stat st = {};
     const bool exists = ::lstat(path_.c_str(), &st) == 0;
-    if (exists && !S_ISREG(st.st_mode)) { // also for a link, which stays
+    if (exists && !S_ISREG(st.st_mode)) { // also a symbolic link, which is followed and kept
         file_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     } else {
         temporary_ = path_ + ".XXXXXX";

@@ -28,7 +28,7 @@ std::set<std::string> paused_ids()
         if (znnsFrozen(ns, &frozen) == OK && frozen != FALSE)
             static_cast<std::set<std::string>*>(to)->insert(name);
     };
-    static_cast<void>(znnsEach(add, &ids)); // what cannot be listed cannot be paused
+    static_cast<void>(znnsEach(add, &ids)); // if listing fails, no container counts as paused
     return ids;
 }
 

@@ -76,7 +76,7 @@ class RedirectedStreams {
     bool good_ = true;
 };
 
-// The root with all mounts or, once the container has ended, what its bundle has.
+// Opens the root with all mounts or, once the container has ended, the root of its bundle.
 znc::UniqueFd open_root(const std::string& id, const std::string& bundle)
 {
     const nsid_t ns = namespace_of(id);
@@ -252,7 +252,7 @@ void note_end(Record& record, const std::string& id, int status)
 {
     record.exit_code = status;
     record.exited = time_text(std::time(nullptr));
-    // The kernel kills with this signal, and counts it in the control group.
+    // When memory is exhausted the kernel kills with SIGKILL, and counts that in the control group.
     const nsid_t ns = status == 128 + SIGKILL ? namespace_of(id) : -1;
     ZN_NS_USE use = {};
     record.out_of_memory = ns >= 0 && znnsUseGet(ns, &use) == OK && use.oomKills > 0;

@@ -85,7 +85,7 @@ class Walk {
     int links_ = 0;
 };
 
-// Why the program could not be started that has this file; `error` and `mode` are those of
+// Why a program with this file could not be started; `error` and `mode` are results of
 // file_mode_in_root().
 ProgramFault file_fault(const std::string& path, int error, mode_t mode)
 {

@@ -1,5 +1,5 @@
 // program_file.hpp - examines the file of a program inside a container's root, to say why it could
-// not be started. For messages only: the file may be another one by the time it is used.
+// not be started. For messages only: the file may be replaced at any time.
 #ifndef ZNC_CLI_CONTAINERS_PROGRAM_FILE_HPP
 #define ZNC_CLI_CONTAINERS_PROGRAM_FILE_HPP
 
@@ -17,7 +17,8 @@ struct ProgramFault {
     int status; // exit status 126 or 127
 };
 
-// A path in a container as the spawner resolves it: relative to the working directory.
+// An absolute path in a container; a relative one is resolved from the working directory, as by the
+// spawner.
 std::string absolute_path(const std::string& directory, const std::string& path);
 
 // What the spawner is given to find a program.

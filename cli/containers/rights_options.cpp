@@ -120,8 +120,8 @@ void apply_capabilities(Json& process, const ContainerOptions& options)
             all.push_back(name);
     const auto is_dropped = [&](const std::string& name) { return is_among(name, dropped); };
     std::erase_if(all, is_dropped);
-    // A program of another user than root has only what is given to it by name: an executed file
-    // keeps ambient capabilities only.
+    // A program of a user other than root has only the capabilities that are added explicitly:
+    // execve() keeps only ambient capabilities for such a user.
     const bool is_root = integer(member(member(process, "user"), "uid")).value_or(0) == 0;
     Names own = is_root ? all : extra;
     std::erase_if(own, is_dropped);

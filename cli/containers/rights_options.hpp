@@ -16,8 +16,8 @@ void apply_capabilities(Json& process, const ContainerOptions& options);
 // The capabilities that a container with this member "process" can have.
 std::vector<std::string> capabilities_of(const Json& process);
 
-// A profile as the member "linux.seccomp" has it. Profiles in the format of container engines have
-// rules for certain architectures, capabilities and kernels: those that apply stay. Throws
+// Converts a profile to the format of "linux.seccomp". Profiles of container engines have rules for
+// certain architectures, capabilities and kernels; those that apply are kept. Throws
 // std::runtime_error.
 Json seccomp_of_profile(const Json& profile, const std::vector<std::string>& capabilities);
 

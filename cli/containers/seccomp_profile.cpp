@@ -12,8 +12,8 @@ namespace zncctl {
 namespace {
 
 struct Architecture {
-    const char* machine; // as uname(2) has it
-    const char* name;    // as the conditions of rules have it
+    const char* machine; // as reported by uname(2)
+    const char* name;    // in the conditions of rules
     const char* seccomp;
 };
 
@@ -23,7 +23,7 @@ constexpr std::array kArchitectures = {
     Architecture{"riscv64", "riscv64", "SCMP_ARCH_RISCV64"},
 };
 
-// Members that the configuration of a container does not have: conditions, and texts for readers.
+// Members of profiles that do not exist in a container's configuration: conditions and comments.
 constexpr std::array<std::string_view, 6> kDropped = {"includes", "excludes", "comment",
                                                       "errno",    "name",     "errnoRet"};
 

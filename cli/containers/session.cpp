@@ -61,7 +61,8 @@ int Session::finish(const std::string& id, int status)
                                                              : status;
 }
 
-// There is no program to forward signals to any more: signals that end a program end zncctl.
+// Passes on the rest of the output. The program has ended, so signals are not forwarded: those that
+// would end a process end zncctl.
 void Session::pass_rest()
 {
     Program::leave_others();

@@ -41,7 +41,7 @@ class Session {
 
     // Passes on what the program wrote before it ended, however slowly that is read, and restores
     // the terminal. Returns the exit status: that of the program, or kExitStartFailed after a
-    // message if output was lost and the program knows of no failure.
+    // message if output was lost and the program exited with 0.
     int finish(const std::string& id, int status);
 
     // Must be called before anything is printed.

@@ -15,7 +15,8 @@ StopSignals::StopSignals()
     sigemptyset(&held);
     for (const int signo : kSignals) {
         struct sigaction action = {};
-        // An ignored signal that is blocked would be kept, and stop the command.
+        // A signal that is ignored must not be blocked: it would stay pending, and check_stop()
+        // would take it for a request to stop.
         if (::sigaction(signo, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
             sigaddset(&held, signo);
     }

@@ -1,5 +1,5 @@
-// stop_signals.hpp - holds back the signals that end a command until it has removed what is not
-// complete. Used by cp.
+// stop_signals.hpp - holds back the signals that end a command until it has removed incomplete
+// files. Used by cp.
 #ifndef ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
 #define ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
 
@@ -7,11 +7,11 @@
 
 namespace zncctl {
 
-// Thrown by check_stop(); no error to report, since the command ends by the signal.
+// Thrown by check_stop(). Not to be reported as an error: the pending signal then ends the command.
 class Stopped {};
 
 // While an object exists, SIGHUP, SIGINT and SIGTERM are blocked, unless they are ignored. The
-// destructor lets them act, so that a signal that arrived meanwhile ends the process as usual.
+// destructor lets them act, so that a signal that has arrived ends the process as usual.
 class StopSignals {
   public:
     StopSignals();

@@ -74,7 +74,7 @@ std::optional<std::vector<std::string>> bundles_of_containers()
     if (text == nullptr)
         return std::nullopt;
     const std::optional<Json> states = parse_json(text.get());
-    if (!states) { // what is in use is not known then
+    if (!states) { // it is then unknown what is in use
         errno = EBADMSG;
         return std::nullopt;
     }

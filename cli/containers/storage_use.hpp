@@ -1,5 +1,6 @@
-// storage_use.hpp - what is kept under the storage base, and whether it is in use. What containers
-// use is determined here; the library knows what bundles need. Used by storage df and storage gc.
+// storage_use.hpp - the contents of the storage base, and whether they are in use. This module
+// determines what containers use; the library records what bundles need. Used by storage df and
+// storage gc.
 #ifndef ZNC_CLI_CONTAINERS_STORAGE_USE_HPP
 #define ZNC_CLI_CONTAINERS_STORAGE_USE_HPP
 

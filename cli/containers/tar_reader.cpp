@@ -29,8 +29,7 @@ constexpr const char* kNone = "it is not a tar archive; one that is compressed m
         fmt::format("{}: {}", printable(first_characters(path, 100)), problem));
 }
 
-// A number in a header: octal, or in the format of GNU tar with the first bit set, which is then
-// binary.
+// A number in a header: octal or, if the first bit is set (GNU tar), binary.
 template <std::size_t N> std::int64_t number_of(const char (&field)[N])
 {
     constexpr unsigned kBinary = 0x80;
@@ -153,7 +152,7 @@ TarMember TarReader::member_of(const znc::UstarHeader& header, const Extended& e
     if (!type || extended.contains("GNU.sparse.realsize") || extended.contains("GNU.sparse.size"))
         fail(member.path, "it is a device or a sparse file, which is not extracted");
     member.type = *type;
-    if (member.type == TarType::kFile && member.path.ends_with('/')) // as before ustar
+    if (member.type == TarType::kFile && member.path.ends_with('/')) // V7 archives
         member.type = TarType::kDirectory;
     member.target = text_in(extended, "linkpath", std::string(znc::tar_text(header.linkname)));
     if (member.path.find('\0') != std::string::npos ||

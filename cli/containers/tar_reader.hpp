@@ -20,14 +20,13 @@ class TarReader {
     // Reads from a descriptor of the caller.
     explicit TarReader(int fd) : fd_(fd) {}
 
-    // The next member, with its name as the archive has it; nullopt at the end. Data of the one
-    // before that were not read are skipped. Members of other types than those of TarType are
-    // refused.
+    // The next member, with its name as in the archive; nullopt at the end. Unread data of the
+    // previous member is skipped. Members of other types than those of TarType are refused.
     std::optional<TarMember> next();
     // Writes the data of the member to a file; -1: nowhere.
     void copy_data(int to);
-    // To be called after the last member: reads what writers of archives add behind the end, so
-    // that they do not fail. Reads no more than that much.
+    // To be called after the last member: reads a limited amount of padding after the end of the
+    // archive, so that the process writing the pipe does not fail with EPIPE.
     void finish();
 
   private:

@@ -17,7 +17,7 @@ namespace zncctl {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
-constexpr std::size_t kRecord = 20 * znc::kTarBlock; // the size of an archive is a multiple of it
+constexpr std::size_t kRecord = 20 * znc::kTarBlock; // the archive is padded to a multiple of it
 constexpr char kExtended = 'x';
 
 void put_text(std::span<char> field, std::string_view text)

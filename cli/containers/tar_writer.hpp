@@ -1,5 +1,5 @@
-// tar_writer.hpp - writes a tar archive in the pax format: ustar headers, and before those of
-// members that do not fit an extended header. Used by export and cp.
+// tar_writer.hpp - writes a tar archive in the pax format: ustar headers, preceded by an extended
+// header if a member does not fit into its ustar header. Used by export and cp.
 #ifndef ZNC_CLI_CONTAINERS_TAR_WRITER_HPP
 #define ZNC_CLI_CONTAINERS_TAR_WRITER_HPP
 
@@ -37,8 +37,8 @@ class TarWriter {
     explicit TarWriter(int fd);
 
     void add(const TarMember& member);
-    // The data of a file: as many bytes as its size in the last call of add(), or fewer, which are
-    // completed with zeros. True if none were missing.
+    // Adds the data of a file: exactly as many bytes as `size` in the last call of add(). If the
+    // file is shorter, zeros are added and the result is false.
     bool add_data(int file);
     // Ends the archive.
     void finish();

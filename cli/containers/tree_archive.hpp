@@ -1,6 +1,6 @@
 // tree_archive.hpp - writes a directory tree of a container to an archive, by descriptors only. A
-// container's processes may change the tree at any time: no symbolic link is followed, and what is
-// removed or replaced meanwhile is left out. Used by export and cp.
+// container's processes may change the tree at any time: no symbolic link is followed, and files
+// that are removed or replaced during the call are left out. Used by export and cp.
 #ifndef ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
 #define ZNC_CLI_CONTAINERS_TREE_ARCHIVE_HPP
 
@@ -27,8 +27,8 @@ class TreeArchive {
     {
     }
 
-    // Adds what is in an open directory, below `path`, which is "" or ends with "/". Devices and
-    // sockets are left out. Throws std::runtime_error, as the others do.
+    // Adds the contents of an open directory; `path`, their prefix in the archive, is "" or ends
+    // with "/". Devices and sockets are left out. Throws std::runtime_error, as the others do.
     void add_content(int dir, const std::string& path, unsigned depth = 0);
     // Adds an open directory itself.
     void add_directory(int dir, const std::string& path);

@@ -64,7 +64,8 @@ void TreeExtract::extract(TarReader& archive)
     while (const auto member = archive.next())
         add(archive, *member);
     archive.finish();
-    // A directory whose path leads elsewhere by now is inside the root as well.
+    // If the container has replaced a component of the path, it still leads to a directory inside
+    // the root.
     for (auto it = pending_.rbegin(); it != pending_.rend(); ++it)
         if (const znc::UniqueFd dir = open(it->path); dir)
             copy_.set_attributes(dir.get(), it->st, it->path);
@@ -75,7 +76,7 @@ void TreeExtract::add(TarReader& archive, const TarMember& member)
     const std::string path = clean(member.path);
     const struct stat st = attributes_of(member);
     if (path.empty() && member.type == TarType::kDirectory)
-        return; // the directory itself, which is kept
+        return; // the member is the directory itself, which is kept
     if (path.empty())
         throw std::runtime_error("a member of the archive has no name");
     switch (member.type) {
@@ -96,7 +97,7 @@ void TreeExtract::add(TarReader& archive, const TarMember& member)
 
 void TreeExtract::add_directory(const std::string& path, const struct stat& st)
 {
-    if (open(path)) // also a link to a directory
+    if (open(path)) // a directory, or a symbolic link to one, exists
         return;
     if (errno != ENOENT)
         throw_error(path);
@@ -135,7 +136,7 @@ znc::UniqueFd TreeExtract::parent_of(const std::string& path)
     return dir;
 }
 
-// Makes a directory and those above it that are missing.
+// Creates a directory and its missing parents.
 znc::UniqueFd TreeExtract::make_directory(const std::string& path)
 {
     struct stat st = {};

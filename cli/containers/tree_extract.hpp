@@ -1,6 +1,6 @@
 // tree_extract.hpp - extracts an archive into a directory of a container, by descriptors only. The
-// archive is untrusted, and the container's processes may change the tree at any time: names and
-// links lead to nothing outside of the container's root. Used by cp.
+// archive is untrusted, and the container's processes may change the tree at any time: neither
+// names nor links can lead outside of the container's root. Used by cp.
 #ifndef ZNC_CLI_CONTAINERS_TREE_EXTRACT_HPP
 #define ZNC_CLI_CONTAINERS_TREE_EXTRACT_HPP
 

@@ -1,6 +1,6 @@
 // user_lookup.hpp - finds the user and group that a text such as "nobody", "1000:100" or "www:mail"
-// names, in the passwd and group files of a container's root. The files are the container's own and
-// may hold anything. Used by the commands that start a program as a given user.
+// names, in the passwd and group files of a container's root. The files are untrusted. Used by the
+// commands that start a program as a given user.
 #ifndef ZNC_CLI_CONTAINERS_USER_LOOKUP_HPP
 #define ZNC_CLI_CONTAINERS_USER_LOOKUP_HPP
 

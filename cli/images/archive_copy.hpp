@@ -1,5 +1,5 @@
-// archive_copy.hpp - an archive whose content does not change any more once its digest is known, so
-// that the digest can tell what was imported from it. Used by image_source and load.
+// archive_copy.hpp - an archive whose content cannot change any more after its digest was computed,
+// so that the digest identifies the images imported from it. Used by image_source and load.
 #ifndef ZNC_CLI_IMAGES_ARCHIVE_COPY_HPP
 #define ZNC_CLI_IMAGES_ARCHIVE_COPY_HPP
 
@@ -11,7 +11,7 @@ namespace zncctl {
 
 class ArchiveCopy {
   public:
-    // Reads the file, "-": standard input. A file that other users can change, and what is no
+    // Reads the file, "-": standard input. A file that other users can change, or that is not a
     // regular file, is copied to an unnamed file in the storage base. Throws std::runtime_error.
     explicit ArchiveCopy(const std::string& path);
 

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kImport = "zncctl-import";
 
-// What becomes of the standard streams.
+// The standard streams of the program.
 class Streams {
   public:
     Streams(int input, Output output)
@@ -47,8 +47,8 @@ class Streams {
 
     [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
 
-    // Reads what the program prints, to its end or to the limit; then `too_much` is set, and a
-    // program that goes on is ended by SIGPIPE.
+    // Reads what the program prints, up to the limit. If there is more, sets `too_much`; the
+    // program then ends with SIGPIPE when it continues to write.
     std::string read(bool& too_much)
     {
         constexpr std::size_t kMost = std::size_t{16} << 20U;

@@ -24,7 +24,7 @@ enum class Output {
 struct ProgramEnd {
     int error = 0;         // errno if it could not be started
     int status = 0;        // exit status; 128 plus the number of the signal that killed it
-    std::string output;    // what is kept of its output
+    std::string output;    // its output, if that is kept
     bool too_much = false; // it printed more than 16 MiB, and the output is only the beginning
 };
 

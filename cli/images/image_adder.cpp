@@ -52,7 +52,7 @@ try {
     return false;
 }
 
-// Gives names to the image that was made from `source`, if there is one whose blobs are there.
+// Gives names to the image that was made from `source`, if the store has one with all its blobs.
 std::optional<Added> add_names(const std::string& source, const std::vector<std::string>& names)
 {
     StoreChange change;
@@ -87,7 +87,7 @@ Image only_image(const std::string& layout)
     return image;
 }
 
-// Findings that conversion does not fix.
+// Whether a finding does not call for a conversion, because that would not change it.
 bool is_kept(const Finding& finding)
 {
     return finding.what == kModeFinding || finding.what == kOwnerFinding;
@@ -156,11 +156,12 @@ Added add_layout(const std::string& layout, const std::vector<std::string>& name
     if (single && images->front().problem.empty() &&
         fitness_of(layout, images->front()) == Fitness::kPlain)
         return adopt(layout, images->front(), names, source);
-    // The digest of an index does not say which of its images was converted before.
+    // If `source` is the digest of an index, it does not show which of its images was converted
+    // before.
     const bool is_manifest = single && source == images->front().manifest.digest;
     if (auto known = is_manifest ? add_names(source, names) : std::nullopt)
         return *std::move(known);
-    // Without a prefix a ":" in the path is no separator.
+    // Pass the path without a prefix: then a ":" in it is not taken for a separator.
     return add_converted({layout, -1, "", usual_options()}, names, source);
 }
 

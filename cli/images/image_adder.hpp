@@ -13,9 +13,9 @@ namespace zncctl {
 
 // What is to be imported.
 struct ImportSource {
-    std::string operand;              // as zncctl-import takes it
+    std::string operand;              // of zncctl-import
     int input = -1;                   // its standard input
-    std::string input_name;           // what messages call that; "" for the usual name
+    std::string input_name;           // its name in messages; "" for the usual one
     std::vector<std::string> options; // for zncctl-import
 };
 
@@ -55,7 +55,7 @@ enum class Fitness {
 // Reads all layers of an image, unless the media types already show that it must be converted.
 Fitness fitness_of(const std::string& layout, const Image& image);
 
-// Prints a message about zncctl-import, which could not be started with `error`; an exit status.
+// Prints that zncctl-import could not be started because of `error`; returns an exit status.
 int import_failure(int error);
 
 } // namespace zncctl

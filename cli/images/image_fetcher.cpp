@@ -15,9 +15,9 @@ namespace {
 
 constexpr const char* kSkopeo = "skopeo";
 constexpr std::string_view kRegistry = "docker://";
-// Sources of skopeo without a name of their own: the image is called as the directory.
+// Sources of skopeo without a name of their own: the image gets the name of the directory.
 constexpr std::string_view kDirectories[] = {"oci:", "dir:"};
-// Sources behind whose prefix is a name.
+// Sources whose prefix is followed by a name.
 constexpr std::string_view kEngines[] = {"containers-storage:", "docker-daemon:"};
 
 std::optional<Reference> parse_name(std::string_view name, const char* host, std::string& problem)
@@ -37,7 +37,8 @@ std::optional<FetchSource> of_registry(std::string_view name, std::string& probl
                        reference->digest};
 }
 
-// An image of another source is not called by a digest, which may be that of any other image.
+// An image of another source than a registry is not named by a digest: nothing was compared with
+// it.
 std::optional<FetchSource> of_other(const std::string& source, std::string_view name,
                                     const char* host, std::string& problem)
 {
@@ -110,8 +111,7 @@ std::vector<std::string> fetch_options(const Arguments& args)
                                             {"authfile", "--src-authfile"},
                                             {"creds", "--src-creds"},
                                             {"cert-dir", "--src-cert-dir"}};
-    // Images for other operating systems than Linux exist, but are never meant on this machine
-    // unless they are asked for.
+    // The default is Linux, also for an index that has images for other operating systems.
     const WantedPlatform platform = wanted_platform(args);
     std::vector<std::string> options = {"--override-os=" + platform.os.value_or(kHostOs),
                                         "--override-arch=" + platform.arch.value_or(host_arch())};
@@ -134,7 +134,7 @@ std::string skopeo_message(const std::string& printed)
         return text.substr(text.rfind('\n') + 1);
     }
     std::string message = unquoted(std::string_view(printed).substr(fatal + kFatal.size()));
-    // The source is named in the line already.
+    // The beginning of the message repeats the name of the source.
     const std::size_t end = message.find(": ", kSource.size());
     if (message.starts_with(kSource) && end != message.npos)
         message.erase(0, end + 2);

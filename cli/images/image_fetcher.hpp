@@ -11,7 +11,7 @@
 
 namespace zncctl {
 
-// Where an image comes from, and how it is called in the store.
+// Where an image comes from, and its name in the store.
 struct FetchSource {
     std::string source; // as skopeo takes it: "docker://docker.io/library/busybox:latest"
     std::string name;   // the full name in the store
@@ -24,7 +24,7 @@ struct FetchSource {
 // `problem` is set.
 std::optional<FetchSource> fetch_source(const std::string& operand, std::string& problem);
 
-// What the options of a command say about the platform and the registry, as options of skopeo.
+// Translates a command's options about the platform and the registry to options of skopeo.
 std::vector<std::string> fetch_options(const Arguments& args);
 
 // Copies the image with skopeo, with these options for it, and adds it to the store. Throws

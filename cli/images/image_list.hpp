@@ -30,7 +30,7 @@ std::int64_t layers_size(const Image& image);
 // An RFC 3339 time; nullopt if the text is none. Fractions of a second are ignored.
 std::optional<std::time_t> time_of(const std::string& text);
 
-// How long ago something was: "5 minutes ago"; "-" for what has no time.
+// How long ago a time was: "5 minutes ago"; "-" if there is no time.
 std::string age_text(const std::string& created, std::time_t now);
 
 // A size in decimal units: "4.17 MB".

@@ -27,7 +27,7 @@ const Json* typed_member(const Json& object, const char* key, Json::value_t type
     return item;
 }
 
-// An empty one when there is none.
+// The object member; an empty object if it is missing.
 const Json& object_member(const Json& object, const char* key)
 {
     return children(typed_member(object, key, Json::value_t::object, "an object"));
@@ -99,8 +99,8 @@ class ConfigurationFilter {
         Json to = Json::object();
         for (const char* key : {"Env", "Entrypoint", "Cmd"})
             copy_texts(to, from_, key);
-        // An image without a working directory means "/", but the library creates no container
-        // without one.
+        // If an image has no working directory, "/" is meant; but the library refuses to create a
+        // container without one.
         const std::string cwd = text_member(from_, "WorkingDir");
         append(to, "WorkingDir", cwd.empty() ? "/" : cwd);
         copy_text(to, from_, "User");

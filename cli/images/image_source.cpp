@@ -110,7 +110,7 @@ std::optional<Wanted> find_by_operand(const Arguments& args, const std::string& 
     return find_named(operand);
 }
 
-// After a name was not found.
+// Prints which other kinds of operands there are, after a name was not found.
 void hint_at_sources(const std::string& text)
 {
     const std::string directory = split_image_name(text).layout;
@@ -166,7 +166,7 @@ try {
     auto wanted = find_by_operand(args, operand);
     if (!wanted)
         return std::nullopt;
-    if (!wanted->stored) // the operand may have a tag that is no part of the path
+    if (!wanted->stored) // the operand may have a tag after the path
         return ShownLayout{is_layout_path(operand) ? operand : wanted->image.layout, operand};
     ShownLayout shown = {"", operand, std::make_unique<ImageStage>(), wanted->in_use};
     shown.path = shown.stage->path();
@@ -329,7 +329,7 @@ std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted)
 
 namespace {
 
-// Whether an image must be converted, which can be.
+// Whether an image must be, and can be, converted.
 bool needs_conversion(const Wanted& wanted, const Image& image, bool check_layers)
 {
     if (!check_layers && has_unpackable_types(image))
@@ -345,8 +345,9 @@ try {
     if (wanted.stored)
         return true;
     const std::string& manifest = chosen.image.manifest.digest;
-    // Not the digest of the manifest itself, by which pulled images are found: only what was
-    // converted here, from documents and layers that were compared with their digests, is taken.
+    // Do not use the digest of the manifest itself, by which pulled images are found: this source
+    // must match only images that were converted here, from documents and layers that were compared
+    // with their digests.
     const std::string source = digest_of(fmt::format("{}\n{}", kLayoutPrefix, manifest));
     const std::string label = wanted.label;
     auto made = find_made_from(source, label);

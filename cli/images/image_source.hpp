@@ -20,7 +20,8 @@ struct Wanted {
     std::string os; // "": see find_image() in front/layout.hpp
     std::string arch;
     std::string label; // the name in messages
-    // For an image of the store: its manifest, and what keeps its blobs.
+    // For an image of the store: its manifest, and the lock that keeps its blobs from being
+    // removed.
     std::optional<Descriptor> stored = std::nullopt;
     std::shared_ptr<BundlesInUse> in_use = nullptr;
     bool check_layers = false; // read the layers to see whether it must be converted
@@ -30,15 +31,15 @@ struct Wanted {
 Wanted wanted_image(const Arguments& args, ImageName image);
 
 // Whether a text is the path of a layout and not the name of an image: it begins with "/", "./" or
-// "../", or is "." or "..". What else the working directory holds does not matter, so that nobody
-// can put an image in the place of one of the store there.
+// "../", or is "." or "..". Other files in the working directory do not matter, so that a directory
+// there cannot take the place of an image of the store.
 bool is_layout_path(const std::string& text);
 
 // Whether an operand names an image of the store, not a layout or an archive.
 bool is_image_name(const std::string& operand);
 
 // Whether a text that could be a name is also the path of a layout below the working directory:
-// "build/image:tag". The store comes first.
+// "build/image:tag". An image of the store with this name takes precedence.
 bool is_layout_below(const std::string& text);
 
 // The image that an operand means. Archives are imported into the store, unless that was done
@@ -72,10 +73,10 @@ struct Chosen {
 // Reads the documents of an image. Nullopt after printing a message and hints.
 std::optional<Chosen> choose_image(const Arguments& args, const Wanted& wanted);
 
-// Converts an image of a layout that the library refuses into the store, unless that was done
-// before, and makes `wanted` and `chosen` the image of the store. With `check_layers` also one of
-// which it would leave out something. Leaves both unchanged if zncctl-import is not installed.
-// False after printing a message.
+// If the library refuses an image of a layout, converts it into the store, unless that was done
+// before, and sets `wanted` and `chosen` to the image of the store. With `check_layers` this is
+// also done if the library would leave out members. Leaves both unchanged if zncctl-import is not
+// installed. False after printing a message.
 bool convert_if_needed(const Arguments& args, bool check_layers, Wanted& wanted, Chosen& chosen);
 
 // Whether an unpack that failed with this error may succeed with a converted image.
@@ -85,7 +86,7 @@ bool may_need_import(int error);
 void print_hints(int error, const Wanted& wanted);
 void hint_at_import(const Wanted& wanted, const std::string& reason);
 
-// Prints what the image requests and does not get.
+// Prints what the image requests but is not granted.
 void print_notes(const Wanted& wanted, const Chosen& chosen);
 
 } // namespace zncctl

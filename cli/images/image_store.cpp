@@ -141,8 +141,8 @@ bool write_index(int dir, const std::string& text)
            replace_file(dir, kIndex, text, true);
 }
 
-// Keeps disk space for a second index beside the one that was just written. A disk without that
-// much space is no error: what was there before stays.
+// Keeps disk space for a second index beside the one that was just written. If the disk does not
+// have that much space, that is not an error: the existing reserve stays.
 void keep_reserve(int dir, std::size_t size)
 {
     const znc::UniqueFd file(
@@ -151,8 +151,8 @@ void keep_reserve(int dir, std::size_t size)
         static_cast<void>(::posix_fallocate(file.get(), 0, static_cast<off_t>(size)));
 }
 
-// Writes an index that is shorter than the last one, on a full disk into the space that was kept
-// for it. The old index stays until the new one is complete, as with any other change.
+// Writes an index that is shorter than the last one, on a full disk into the space that was
+// reserved for it. The old index stays until the new one is complete, as with any other change.
 bool write_shorter_index(int dir, const std::string& text)
 {
     if (write_index(dir, text))

@@ -1,11 +1,11 @@
 // image_store.hpp - the images that have names: one OCI layout in the storage base. Its index names
 // each image by the annotation org.opencontainers.image.ref.name, which holds a full name; an image
-// without it has lost its names. Names and digests from documents are never used as paths.
+// without this annotation has no name. Names and digests from documents are never used as paths.
 //
 // The index changes under a lock, by rename, and only after the blobs that it needs are on disk, so
 // that a process that is killed leaves at most blobs that no image needs and a stage. Both are
-// removed later. Readers do not take that lock: they keep blobs by BundlesInUse (see
-// bundle_area.hpp) on the directory of the store, which is taken before the index is read.
+// removed later. Readers do not take that lock. They hold a BundlesInUse lock (see bundle_area.hpp)
+// on the directory of the store, taken before the index is read, so that no blob is removed.
 #ifndef ZNC_CLI_IMAGES_IMAGE_STORE_HPP
 #define ZNC_CLI_IMAGES_IMAGE_STORE_HPP
 
@@ -21,7 +21,7 @@ namespace zncctl {
 
 // An entry of the index.
 struct StoredImage {
-    std::string name; // "" for an image that has lost its names
+    std::string name; // "" for an image without a name
     Descriptor manifest;
     std::string os;
     std::string arch;
@@ -43,8 +43,8 @@ inline Image read_stored(const std::string& area, const StoredImage& image)
     return read_image(area, image.manifest);
 }
 
-// A directory in the store for an image that is being added, with everything in it removed at the
-// end. Throws std::runtime_error.
+// A temporary directory in the store for an image that is being added. The destructor removes it
+// with its contents. Throws std::runtime_error.
 class ImageStage {
   public:
     ImageStage();

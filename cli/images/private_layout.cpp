@@ -23,7 +23,8 @@ namespace fs = std::filesystem;
 constexpr const char* kPrefix = ".layout-";
 constexpr const char* kMakingLock = "/.making-layout";
 
-// Preparing a layout is quick. A process that holds the lock for longer is stopped or hangs.
+// Preparing a layout is quick, so the wait has a limit: a process that holds the lock for longer is
+// stopped or hangs.
 void take_turn(NamedLock& lock, const std::string& path)
 {
     constexpr std::chrono::seconds kMost{10};

@@ -1,4 +1,4 @@
-// pull_policy.hpp - when run and create fetch the image that they are to use: the option --pull.
+// pull_policy.hpp - the option --pull: when run and create fetch the image.
 #ifndef ZNC_CLI_IMAGES_PULL_POLICY_HPP
 #define ZNC_CLI_IMAGES_PULL_POLICY_HPP
 

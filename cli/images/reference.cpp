@@ -7,7 +7,7 @@
 namespace zncctl {
 namespace {
 
-constexpr std::size_t kNameMax = 255; // as in registries
+constexpr std::size_t kNameMax = 255; // the limits of registries
 constexpr std::size_t kTagMax = 128;
 constexpr std::size_t kPortMax = 5;
 constexpr std::string_view kLower = "abcdefghijklmnopqrstuvwxyz0123456789";

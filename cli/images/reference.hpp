@@ -21,7 +21,8 @@ struct Reference {
     [[nodiscard]] std::string text() const;
 };
 
-// Where a short name belongs: an image made here, or the registry that it is pulled from.
+// The registries that are added to short names: for images made on this machine, and for pulled
+// ones.
 inline constexpr const char* kLocalHost = "localhost";
 inline constexpr const char* kDefaultRegistry = "docker.io";
 

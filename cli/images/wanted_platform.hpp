@@ -16,7 +16,7 @@ struct WantedPlatform {
     std::string variant; // "": not given
 };
 
-// What the options say; --platform is "OS", "OS/ARCH" or "OS/ARCH/VARIANT".
+// Reads the options; --platform is "OS", "OS/ARCH" or "OS/ARCH/VARIANT".
 WantedPlatform wanted_platform(const Arguments& args);
 
 // Why the options cannot be used together, or "".

@@ -43,12 +43,12 @@ std::string DetachKeys::pass(std::string_view typed)
     if (keys_.empty())
         return std::string(typed);
     std::string passed;
-    std::string held = keys_.substr(0, matched_); // typed before, and not passed on yet
+    std::string held = keys_.substr(0, matched_); // typed earlier and not passed on yet
     for (const char c : typed) {
         if (matched_ == keys_.size())
             break;
         held += c;
-        // The longest end of what is held that begins the keys may still become them.
+        // Keep the longest suffix of the held bytes that is a prefix of the keys; pass the rest on.
         while (!held.empty() && !keys_.starts_with(held)) {
             passed += held.front();
             held.erase(0, 1);

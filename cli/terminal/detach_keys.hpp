@@ -17,7 +17,7 @@ class DetachKeys {
     // empty text names none. Nullopt if the text is not valid.
     static std::optional<DetachKeys> parse(std::string_view text);
 
-    // Returns the bytes to pass on, without those that may still become the keys.
+    // Returns the bytes to pass on, without those that may be the beginning of the keys.
     std::string pass(std::string_view typed);
     // Whether the keys have been typed. What followed them was dropped.
     [[nodiscard]] bool typed() const { return !keys_.empty() && matched_ == keys_.size(); }

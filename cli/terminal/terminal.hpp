@@ -23,7 +23,7 @@ class RawTerminal {
     // Does nothing while zncctl is in the background, because another process group uses the
     // terminal: call it again later.
     void set_raw();
-    // lend() restores the settings for a while, restore() at the end. restore() also discards
+    // lend() restores the settings temporarily, restore() permanently. restore() also discards
     // pending input: what was typed for the program, and the terminal's answers to its queries,
     // must not reach the shell as commands.
     void lend();

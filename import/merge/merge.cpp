@@ -272,7 +272,8 @@ void Merge::settle_links_once(std::size_t first)
     drop_gone_links(first);
 }
 
-// Drops the links whose names have been replaced, by their targets or by something else.
+// Removes from the list the links whose placeholders have been replaced, by their targets or by
+// later members.
 void Merge::drop_gone_links(std::size_t first)
 {
     const auto is_gone = [](const Pending& link) { return link.place.expired(); };
@@ -280,7 +281,8 @@ void Merge::drop_gone_links(std::size_t first)
     pending_.erase(std::remove_if(begin, pending_.end(), is_gone), pending_.end());
 }
 
-// A link to another unresolved link gets that link's target. Links in a cycle get none.
+// A link to another unresolved link gets the target of that link. Links in a cycle stay without a
+// target.
 void Merge::find_file(std::size_t at, const Waiting& waiting)
 {
     std::vector<std::size_t> chain;

@@ -37,8 +37,8 @@ class Merge {
     [[nodiscard]] bool touched(std::size_t layer) const;
 
   private:
-    // A hard link whose target does not exist yet. A node of kind kHardlink is its placeholder, so
-    // that later members with this name act as they would on the file.
+    // A hard link whose target does not exist yet. A node of kind kHardlink stands in its place in
+    // the tree, so that later members with this name replace it like a file.
     struct Pending {
         std::string path; // as shown in reports
         std::string name;

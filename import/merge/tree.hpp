@@ -19,7 +19,7 @@ struct Node;
 using Children = std::map<std::string, std::shared_ptr<Node>, std::less<>>;
 
 struct Node : std::enable_shared_from_this<Node> {
-    Kind kind = Kind::kDirectory; // kHardlink only while the merge waits for the file
+    Kind kind = Kind::kDirectory; // kHardlink: placeholder until the link is resolved
     std::uint32_t mode = 0755;
     std::int64_t uid = 0;
     std::int64_t gid = 0;
@@ -30,7 +30,7 @@ struct Node : std::enable_shared_from_this<Node> {
     std::uint32_t minor = 0;
     std::vector<std::string> xattrs;
     Children children; // of a directory
-    // index of the layer it came from; for a directory the lowest one that has it
+    // index of the layer it came from; for a directory, of the lowest layer that contains it
     std::size_t layer = 0;
     bool implied = false; // a directory created only because a member is below it
 };

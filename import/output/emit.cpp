@@ -55,7 +55,7 @@ class Archive {
         const Node* node;
     };
 
-    // A directory of another layer is written only when something below it is written.
+    // A directory of another layer is written only if a member below it is written.
     void add(const Node& node, const std::string& path)
     {
         const bool wanted = node.layer >= layers_.first && node.layer < layers_.last;

@@ -57,7 +57,7 @@ class ZlibDeflater : public Deflater {
         if (!dictionary.empty())
             ::deflateSetDictionary(&stream_, dictionary.data(),
                                    static_cast<uInt>(dictionary.size()));
-        // for block headers and the flush, in addition to deflateBound()
+        // room for block headers and the flush, in addition to deflateBound()
         constexpr std::size_t kMarks = 64;
         out.resize(::deflateBound(&stream_, data.size()) + kMarks);
         stream_.next_in = const_cast<unsigned char*>(data.data()); // zlib only reads it
@@ -102,8 +102,8 @@ class IsalDeflater : public Deflater {
     }
 
   private:
-    // The highest level, with its smaller buffer: the blocks are then as short as those of zlib and
-    // fit their data better.
+    // The highest level, with the smaller buffer size: the deflate blocks are then as short as
+    // those of zlib, and their codes fit the data better.
     static constexpr std::uint32_t kLevel = 3;
     isal_zstream stream_{};
     Bytes work_ = Bytes(ISAL_DEF_LVL3_SMALL);

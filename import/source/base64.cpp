@@ -19,7 +19,8 @@ std::optional<std::string> decode_base64(std::string_view text)
         if (digit == kAlphabet.npos)
             return std::nullopt;
         bits = bits << 6 | static_cast<std::uint32_t>(digit);
-        // The first character of a group has not filled a byte yet, each of the others fills one.
+        // After the first character of a group no byte is complete; each further character
+        // completes one.
         if (const std::size_t at = i % kGroup; at != 0)
             bytes += static_cast<char>(bits >> (6 - 2 * at) & 0xff);
     }

@@ -1,4 +1,4 @@
-// base64.hpp - Base64 (RFC 4648, section 4), in which a descriptor may hold its blob.
+// base64.hpp - Base64 (RFC 4648, section 4), the encoding of data that is embedded in a descriptor.
 #ifndef ZNC_IMPORT_SOURCE_BASE64_HPP
 #define ZNC_IMPORT_SOURCE_BASE64_HPP
 

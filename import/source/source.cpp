@@ -86,7 +86,7 @@ bool has_name(const SourceImage& image, const std::string& wanted)
            std::find(image.names.begin(), image.names.end(), wanted) != image.names.end();
 }
 
-// Whether a name of the image ends with what is wanted, or has it as its tag.
+// Whether a name of the image ends with `wanted` after a "/", or has it as its tag.
 bool is_named_like(const SourceImage& image, const std::string& wanted)
 {
     return std::any_of(image.names.begin(), image.names.end(), [&](const std::string& name) {
@@ -96,7 +96,8 @@ bool is_named_like(const SourceImage& image, const std::string& wanted)
     });
 }
 
-// The place that "@N" names, SIZE_MAX for a number that is none; nullopt for anything else.
+// The index N of "@N"; SIZE_MAX if N is not a valid number, nullopt if the text does not begin with
+// "@".
 std::optional<std::size_t> place_of(const std::string& wanted)
 {
     if (!wanted.starts_with('@'))
@@ -107,7 +108,8 @@ std::optional<std::size_t> place_of(const std::string& wanted)
     return error == std::errc() && rest == end ? place : SIZE_MAX;
 }
 
-// The places of the images that have the wanted name, or else of those whose names are like it.
+// The indexes of the images that have the wanted name or, if there are none, of those for which
+// is_named_like() is true.
 std::vector<std::size_t> places_of(const std::vector<SourceImage>& images,
                                    const std::string& wanted)
 {

@@ -54,8 +54,7 @@ class Source {
 using SourcePtr = std::unique_ptr<Source>;
 
 // The image selected with `--platform` and the name in the source argument. A whole name or a
-// digest is preferred to the end of a name; "@N" is the image at this place in Source::images(),
-// from 0.
+// digest is preferred to the end of a name; "@N" is the image with this index in Source::images().
 struct Wanted {
     std::string name; // "" any
     std::string os;   // "" any

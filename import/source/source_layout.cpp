@@ -196,7 +196,7 @@ void LayoutSource::visit(const Descriptor& descriptor, const Context& context, i
     walk(json, descriptor.digest, context, depth + 1);
 }
 
-// Those that are there stay: `seen` has their names.
+// Adds the annotations that `to` does not have yet; `seen` contains the keys that it has.
 void copy_annotations(zncctl::Json& to, const zncctl::Json* from, bool of_entry,
                       std::set<std::string>& seen)
 {

@@ -230,7 +230,7 @@ class FilterReader : public Decompressor {
     }
 
   private:
-    // libarchive silently stops where the compressed data end and other data follow.
+    // libarchive silently stops at the end of the compressed data, even if other data follow.
     void check_end()
     {
         const la_int64_t used = archive_filter_bytes(library_.get(), -1);

@@ -55,8 +55,8 @@ class DigestReader : public Reader {
     std::uint64_t count_ = 0;
 };
 
-// How many of the first bytes are needed to detect the compression; whether these bytes are those
-// of a supported one.
+// The number of leading bytes that are needed to detect the compression, and whether they are those
+// of a supported format.
 constexpr std::size_t kMagicSize = 6;
 bool is_compressed(std::span<const std::byte> head);
 

@@ -10,14 +10,14 @@
 
 namespace zn {
 
-// `rules` with the user, capabilities (if they are given), limits, mappings, groups and labels of
-// the settings, the filter, and the files through which the control group is entered behind it, in
-// memory of `size` bytes; null with errno set.
+// Returns `rules`, completed with the user and capabilities (if given) of the settings, followed by
+// the arrays of the record: limits, mappings, filter, groups, the files through which the control
+// group is entered, and labels. The memory has `size` bytes; null with errno set.
 znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
                                         std::span<const wire::FilterCode> filter,
                                         List<Text> entries, std::size_t& size);
 
-// Whether the kernel has what the settings need to give labels. 0, or ENOTSUP with `fault` set.
+// Checks whether the kernel supports the labels in the settings. 0, or ENOTSUP with `fault` set.
 int labels_check(const Settings& settings, SettingsFault& fault);
 
 } // namespace zn

@@ -16,7 +16,8 @@ int keeper_tell(Keeper& keeper, wire::Op op, const char* path);
 // The owner is given by ids of the host.
 int keeper_make_device(Keeper& keeper, const Device& device, std::uint32_t uid, std::uint32_t gid);
 
-// "net.ipv4.ip_forward" is the file net/ipv4/ip_forward; a slash stands for a dot in a name.
+// The key "net.ipv4.ip_forward" is the file net/ipv4/ip_forward; a slash in the key is a dot in the
+// file name.
 int keeper_set_parameter(Keeper& keeper, const Sysctl& parameter);
 
 } // namespace zn

@@ -163,8 +163,8 @@ void release_device(Namespace& ns)
     ns.ownsDevice = false;
 }
 
-// The device that was made for a namespace which could not be created; its maker does not remove
-// it.
+// Detaches the device of a namespace that could not be created: the caller that created the device
+// does not remove it.
 void release_unused_device(const char* name)
 {
     const znc::ErrnoSaver keep;

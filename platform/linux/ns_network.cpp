@@ -129,7 +129,8 @@ class Guard {
         ready_.reset();
     }
 
-    // Nothing can be done if the caller of znnsNetConnect has been killed and nobody reads it.
+    // Errors are ignored: the caller of znnsNetConnect may have been killed, so that no process
+    // reads the pipe.
     void report(const char* text, std::size_t len) const
     {
         if (::write(report_.get(), text, len) < 0)

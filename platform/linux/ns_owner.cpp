@@ -18,7 +18,7 @@ using znc::UniqueFd;
 
 enum class Way { kOut, kIn };
 
-// Replaces an id by the one on the other side. 0 or an error number.
+// Translates an id to the other side of the mapping. 0 or an error number.
 int translate(pid_t pid, const char* file, Way way, std::uint32_t& id)
 {
     zn::List<zn::IdMapping> mappings;
@@ -78,10 +78,11 @@ STATUS znnsFileOwnerSet(uid_t uid, gid_t gid)
         return ERROR;
     ::setfsgid(gid);
     ::setfsuid(uid);
-    // They return the ids before, also if they fail; -1 changes nothing.
+    // setfsuid() and setfsgid() return the previous id, even on failure; -1 changes nothing and so
+    // reads it.
     if (static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) != gid ||
         static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) != uid)
         return fail(EPERM);
-    // Another user than root has lost the effective capabilities that concern files.
+    // Changing the id from root's cleared the effective capabilities for files: restore them.
     return ::syscall(SYS_capset, &header, capabilities) == 0 ? OK : ERROR;
 }

@@ -226,7 +226,7 @@ unsigned long NamespaceSettings::user_owned() const
     return flags;
 }
 
-// Ids of programs that the user namespace does not have could not be given to them.
+// Refuses user and group ids of programs that are not mapped in the user namespace.
 int NamespaceSettings::check_ids(SettingsFault& fault) const
 {
     constexpr char kUnmapped[] = "is not mapped in the user namespace";

@@ -45,7 +45,8 @@ class NamespaceSettings {
                    SettingsFault& fault);
     [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
 
-    // Lets a new keeper join existing namespaces, and those of the user namespace.
+    // Lets a new keeper join existing namespaces, and those that were created with the user
+    // namespace.
     int prepare(Keeper& keeper, SettingsFault& fault) const;
 
     [[nodiscard]] std::uint64_t root_bits() const;

@@ -1,5 +1,5 @@
-// ns_user.hpp - the user namespace of a container: a process that keeps it open, and which users of
-// the host the container's users are. Used by the namespace service.
+// ns_user.hpp - the user namespace of a container: the process that keeps it open, and how the
+// container's users map to users of the host. Used by the namespace service.
 //
 // The keeper stays in the host's user namespace, because it needs the host's rights for mounts. The
 // network, IPC and UTS namespaces are created with the user namespace, so that capabilities of

@@ -8,7 +8,8 @@
 
 namespace zn {
 
-// Replaces what is noted for a device. If memory is exhausted, nothing is.
+// Records the directories of a device, replacing earlier ones. If memory is exhausted, none are
+// recorded.
 void layers_note(const char* name, const char* const* dirs, std::uint32_t count);
 void layers_forget(const char* name);
 

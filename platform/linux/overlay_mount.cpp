@@ -179,7 +179,7 @@ struct FdPath {
     char text[32];
 };
 
-// The path of a directory, which the mount table will show; false if it cannot be told.
+// The path of a directory, to be shown in the mount table; false if it cannot be determined.
 bool path_of(int fd, char (&path)[PATH_MAX])
 {
     const ssize_t len = ::readlink(FdPath(fd).text, path, sizeof path - 1);
@@ -192,7 +192,8 @@ bool path_of(int fd, char (&path)[PATH_MAX])
            named.st_ino == open.st_ino;
 }
 
-// By their paths, or by those of the descriptors, which are short.
+// Lists the lower directories by their paths or, if these are too long, by the short paths of their
+// descriptors.
 bool list_lower(const int* dirs, std::uint32_t count, bool named, OverlayOptions& options)
 {
     for (std::uint32_t i = 0; i < count; i++) {

@@ -22,8 +22,9 @@
  *     anything. The latter print the progress texts of the daemon, each as "text.\n" on standard
  *     output, unless the environment variable ZNC_VERBOSE is "0".
  *  7. Signal numbers are those of the library (see zncUtilSignalNo), not those of the host.
- *  8. Names and layouts here do not change while the soname stays libzncontainer.so.1. New
- *     functions may be added; ZNC_VERSION_NUMBER says at compile time whether one is declared.
+ *  8. Names and struct layouts in this header do not change while the soname is
+ *     libzncontainer.so.1. New functions may be added; ZNC_VERSION_NUMBER shows at compile time
+ *     whether one is declared.
  *  9. ZNC_NODISCARD marks functions whose result must not be ignored: it owns a resource (memory, a
  *     process, a file), or the caller cannot continue correctly without checking it.
  * 10. The header is C89 with <stdint.h> and <stdbool.h>, any later C, and C++98 and later.
@@ -41,12 +42,12 @@
 
 /* ------------------------------------------------------------------ version */
 
-/* The version of this header, which is the project's: the build reads it here. */
+/* The version of the project. The build reads it from here. */
 #define ZNC_VERSION_MAJOR 1
 #define ZNC_VERSION_MINOR 0
 #define ZNC_VERSION_PATCH 0
 
-/* The same as one number that grows with each version, and as text: "1.0.0". */
+/* The version as one number that grows with each version, and as a string: "1.0.0". */
 #define ZNC_VERSION_NUMBER                                                                         \
     (ZNC_VERSION_MAJOR * 1000000 + ZNC_VERSION_MINOR * 1000 + ZNC_VERSION_PATCH)
 #define ZNC_VERSION                                                                                \
@@ -152,11 +153,11 @@ typedef enum containerStatus {
     STATE_CREATING = 0, /* being created; never reported to clients */
     STATE_CREATED = 1,  /* ready to be started */
     STATE_RUNNING = 2,  /* started; its namespace has processes */
-    STATE_STOPPED = 3,  /* has run; cannot be started again */
+    STATE_STOPPED = 3,  /* has no processes any more; cannot be started again */
     STATE_UNKNOWN = 4   /* not known, or no such container */
 } CONTAINER_STATUS;
 
-/* Attributes of a container to create. Accepted and not used. */
+/* Attributes of a container to create. Has no effect. */
 typedef struct zncAttr {
     const char* reserve;
 } ZNC_ATTR;
@@ -168,7 +169,7 @@ typedef struct zncBundleAttr {
 } ZNC_BUNDLE_ATTR;
 
 /* Option bits of the client functions. */
-#define ZNC_OPT_WHOLE_NAMESPACE 0x2u /* zncKill: every process; zncDelete: also a running one */
+#define ZNC_OPT_WHOLE_NAMESPACE 0x2u /* zncKill: all processes; zncDelete: even if running */
 #define ZNC_OPT_NO_WAIT 0x4u         /* zncStart: return once the process runs */
 #define ZNC_OPT_DRY_RUN 0x1u         /* zncStoreCollect: report, but remove nothing */
 #define ZNC_OPT_FLATTEN 0x1u         /* zncUnpack: one flattened tree instead of layers */
@@ -179,7 +180,7 @@ typedef struct zncBundleAttr {
  * given, each can fail with S_zncLib_DAEMON_NOT_RUNNING, with ENOMEM (also if the arguments exceed
  * one request, 1843 bytes of JSON), and with 0 if the request or its reply was lost (no reply
  * within 5 s) or the queues for them could not be created. A reply that is not JSON is a failure,
- * too; it does not change errno, except that zncContainerInfoGet sets EBADMSG.
+ * too; errno is then unchanged or, where listed below, EBADMSG.
  */
 
 /*
@@ -234,7 +235,7 @@ STATUS zncDelete(const char* containerId, unsigned int option);
  */
 ZNC_NODISCARD char* zncState(const char* containerId);
 
-/* The same, only the status. STATE_UNKNOWN on every failure, with errno set. */
+/* Only the status of a container. STATE_UNKNOWN on every failure, with errno set. */
 CONTAINER_STATUS zncStatusGet(const char* containerId);
 
 /* All containers, as a JSON array of states in ascending order of ids; "[]" if there are none. */
@@ -297,7 +298,7 @@ typedef void (*ZNC_PROGRESS_FUNC)(const ZNC_PROGRESS* progress, void* context);
  */
 void zncUnpackProgressSet(ZNC_PROGRESS_FUNC func, void* context);
 
-/* A directory "/a/b" that a layer names, with the mode that it has there, up to 07777. */
+/* A directory "/a/b" that a layer names, with the mode that it has in the archive, up to 07777. */
 typedef void (*ZNC_DIRECTORY_FUNC)(const char* path, uint32_t mode, void* context);
 
 /*
@@ -368,7 +369,7 @@ typedef void (*ZNC_CONFIG_FUNC)(const ZNC_CONFIG_FINDING* finding, void* context
  * members whose keys differ in case only, the first is read. Members that the platform reads
  * (users, rights, limits, "linux") are checked by it if nothing else is refused, and only the first
  * that it refuses is reported. What is passed to `func` is valid only during the call. Errors:
- * EINVAL (NULL, or not JSON), ENOMEM; `func` may have been called then.
+ * EINVAL (NULL, or not JSON), ENOMEM; `func` may have been called before.
  */
 STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context);
 
@@ -389,9 +390,9 @@ typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* cont
  * name everything else that is in use, as `inUseNum` paths of bundles, roots, layers, trees or
  * devices: the bundles of all containers and the lower directories of their overlay devices.
  * Bundles in the base are kept only if they are named. `func`, which may be NULL, is called for
- * each thing removed. With ZNC_OPT_DRY_RUN in `option` nothing is removed. If something cannot be
- * removed, continues and returns ERROR with the first errno. Removes nothing and fails with EBUSY
- * during an unpack, and with EBADMSG if a record cannot be read.
+ * each item that is removed. With ZNC_OPT_DRY_RUN in `option` nothing is removed. If something
+ * cannot be removed, continues and returns ERROR with the first errno. Removes nothing and fails
+ * with EBUSY during an unpack, and with EBADMSG if a record cannot be read.
  */
 STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
                        ZNC_STORE_FUNC func, void* context);
@@ -399,8 +400,8 @@ STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int
 /* ------------------------------------------------------------------ errors and utilities */
 
 /*
- * The version of the library that runs, as text like ZNC_VERSION, which is that of the header a
- * program was compiled with. Never NULL.
+ * The version of the library that is loaded, in the form of ZNC_VERSION. (ZNC_VERSION is the
+ * version of the header that the program was compiled with.) Never NULL.
  */
 const char* zncVersionGet(void);
 
@@ -418,9 +419,9 @@ void zncUtilShowErr(int errCode);
 STATUS zncUtilXdelete(const char* source);
 
 /*
- * Print `prompt_info` and read one line from the terminal on standard input, not shown, into
- * `credential` (at most `credential_size` - 1 bytes; the rest stays unread). The terminal's echo is
- * not turned on again. Blocks. ERROR with ENOTTY without a terminal, without errno at end of input.
+ * Print `prompt_info` and read one line from the terminal on standard input, with echo turned off,
+ * into `credential` (at most `credential_size` - 1 bytes; the rest stays unread). Echo stays off
+ * afterwards. Blocks. ERROR with ENOTTY without a terminal, without errno at end of input.
  */
 ZNC_NODISCARD STATUS zncUtilCredGetFromStdin(char* credential, size_t credential_size,
                                              const char* prompt_info);
@@ -445,13 +446,13 @@ ZNC_NODISCARD STATUS zncUtilUntar(const char* srcTarFile, const char* desPath);
 
 /*
  * Extract the ustar archive `pTape`, plain or gzip-compressed, into the existing directory
- * `targetDir`, reading `bfactor` blocks of 512 bytes at a time (0: 20). Nothing outside the
- * directory is ever written: ".." is refused (EPERM), absolute names land inside, no member is
- * written through a symbolic link (ENOTDIR, also if a file is in the place of a directory). Regular
- * files, directories (named with a final "/") and symbolic links are made; other members are
- * skipped. On ERROR what was extracted stays. Errors: EINVAL, ENAMETOOLONG, EFBIG (a member of 4
- * GiB or more), those of system calls; errno is not set for a damaged archive. `verbose` is
- * accepted and prints nothing.
+ * `targetDir`, reading `bfactor` blocks of 512 bytes at a time (0: 20). Nothing is ever written
+ * outside the directory: ".." is refused (EPERM), absolute names are taken relative to it, and no
+ * member is written through a symbolic link (ENOTDIR, also if a component of the path is a file).
+ * Regular files, directories (their names end with "/") and symbolic links are created; other
+ * members are skipped. On ERROR, members that were already extracted are not removed. Errors:
+ * EINVAL, ENAMETOOLONG, EFBIG (a member of 4 GiB or more), those of system calls; errno is not set
+ * for a damaged archive. `verbose` has no effect.
  */
 ZNC_NODISCARD STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor,
                                    BOOL verbose);
@@ -465,12 +466,13 @@ typedef enum zncLayerFinding {
     ZNC_LAYER_NOT_MADE = 3,        /* member of a type that is not extracted */
     ZNC_LAYER_NO_FILE = 4,         /* a file whose name is an existing directory: skipped */
     ZNC_LAYER_DATA_AS_MEMBERS = 5, /* not extracted, and its data is parsed as members */
-    ZNC_LAYER_SIZE_FORM = 6,       /* its size is not in octal digits: taken for 0, and its data
-                                      is read as members */
+    ZNC_LAYER_SIZE_FORM = 6,       /* its size is not in octal digits: read as 0, and its data
+                                      is parsed as members */
     ZNC_LAYER_LENGTH = 7,          /* of the archive: not a multiple of 512; ERROR unless the
                                       end mark has been read before */
     /* extracting ends here with ERROR */
-    ZNC_LAYER_COMPRESSION = 16, /* of the archive, whose `member` is the format: not gzip */
+    ZNC_LAYER_COMPRESSION = 16, /* of the archive: compressed, but not by gzip; `member` is
+                                   the name of the format */
     ZNC_LAYER_CHECKSUM = 17,    /* the header is damaged */
     ZNC_LAYER_TOO_LARGE = 18,   /* 4 GiB or more */
     ZNC_LAYER_NAME = 19,        /* ".." in the name */
@@ -482,7 +484,7 @@ typedef enum zncLayerFinding {
     ZNC_LAYER_NO_END = 25,      /* of the archive: there is no end mark */
     /* of the archive */
     ZNC_LAYER_DIGEST = 32, /* does not match `digest`: ignore all other findings */
-    ZNC_LAYER_DIFF_ID = 33 /* not what `diffId` names, once decompressed */
+    ZNC_LAYER_DIFF_ID = 33 /* the decompressed archive does not match `diffId` */
 } ZNC_LAYER_FINDING;
 
 typedef struct zncLayerReport {
@@ -500,16 +502,16 @@ typedef void (*ZNC_LAYER_FUNC)(const ZNC_LAYER_REPORT* report, void* context);
  * Perform a dry run: read the layer archive `layerFile` as an extraction by zncUtilUntar, as root
  * into an empty directory, would, create nothing, and call `func` for each loss or error, in the
  * order of the archive. The file is read once and compared with `digest`, its decompressed content
- * with `diffId` (NULL: not known); both are "sha256:" or "sha512:" and digits. The names of the
- * members are kept in memory meanwhile. OK if it would be extracted and matches; otherwise ERROR
- * with the errno of the extraction (0 for a damaged archive), S_zncLib_MANIFEST_INVALID (another
- * digest, or none), S_zncLib_CONFIG_INVALID (another diff ID, or none), EINVAL (`layerFile` or
- * `func` is NULL; not a regular file), ENOMEM.
+ * with `diffId` (NULL: not known); both are "sha256:" or "sha512:" and digits. The names of all
+ * members are kept in memory during the call. OK if the archive would be extracted and matches the
+ * digests; otherwise ERROR with the errno of the extraction (0 for a damaged archive),
+ * S_zncLib_MANIFEST_INVALID (the digest differs or is invalid), S_zncLib_CONFIG_INVALID (the diff
+ * ID differs or is invalid), EINVAL (`layerFile` or `func` is NULL; not a regular file), ENOMEM.
  */
 STATUS zncLayerCheck(const char* layerFile, const char* digest, const char* diffId,
                      ZNC_LAYER_FUNC func, void* context);
 
-/* A source of archive bytes. `read` is called with the record itself. */
+/* A source of archive bytes. `read` is called with a pointer to this structure. */
 typedef struct tarCompress {
     /* Up to `maxbytes` bytes into `buffer`: their number, 0 at the end, -1 on error. */
     ssize_t (*read)(void* handle, void* buffer, size_t maxbytes);
@@ -528,7 +530,8 @@ ZNC_NODISCARD gzFile ugzopen(const char* fileName, const char* mode);
 int ugzread(gzFile file, void* buf, unsigned int len);
 int ugzclose(gzFile file);
 
-/* The same as a source for archive readers. NULL if the file is not gzip. Delete accepts NULL. */
+/* A gzip file as a source for archive readers. NULL if the file is not gzip. Delete accepts NULL.
+ */
 ZNC_NODISCARD GZ_ARCHIVE* zncGzArchiveCreate(const char* fileName);
 void zncGzArchiveDelete(void* handle);
 
@@ -549,13 +552,14 @@ typedef enum zncBasePathType {
  */
 ZNC_NODISCARD size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 
-/* Whether overlay devices can be created: "/overlay" can be opened. Checked at each call. */
+/* Whether overlay devices can be created, that is, whether "/overlay" can be opened. Checked in
+ * each call. */
 BOOL zncOvlFsAvailable(void);
 
 /*
- * Create the overlay device `pDevName` over directories, the first on top and, with `hasUpper`,
- * writable; needs the right to mount. ERROR with EEXIST if the device exists, or the errno of a
- * system call.
+ * Create the overlay device `pDevName` from `dirNum` directories, topmost first. With `hasUpper`
+ * the first one is writable. Requires the right to mount. ERROR with EEXIST if the device exists,
+ * or the errno of a system call.
  */
 ZNC_NODISCARD STATUS zncCreateOvlRootfsDev(const char* pDevName, const char** pDirsPath,
                                            uint32_t dirNum, BOOL hasUpper);
@@ -623,7 +627,7 @@ typedef struct runtimeSpecConfigMount {
     char* src;
     char* dst;
     char** opt;
-    size_t optLen; /* not filled; walk `opt` to its NULL */
+    size_t optLen; /* not set; `opt` ends with NULL */
     char* type;
 } runtimeSpecConfigMount;
 
@@ -650,9 +654,9 @@ typedef struct runtimeSpecConfig {
 
 /*
  * Read the file `path`. NULL with errno set if it is missing (ENOENT) or cannot be read, EINVAL if
- * it is not JSON, ENOMEM; without "process" or its "args" errno is not set. The caller destroys the
- * record and with it all that it points to; destroying NULL does nothing. One task at a time per
- * record.
+ * it is not JSON or has no "process" with "args", or ENOMEM. The caller frees the record, with
+ * everything that it points to, by zncDestroyRuntimeSpec; NULL is allowed. Only one task may use a
+ * record at a time.
  */
 ZNC_NODISCARD runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path);
 void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
@@ -661,13 +665,13 @@ void zncDestroyRuntimeSpec(runtimeSpecConfig* config);
  *
  * For the process that embeds the daemon. The registry belongs to the daemon's task; other tasks of
  * the same process may call it too, but a container whose process handle was stored stays locked by
- * the daemon task and looks absent to them (ENODEV).
+ * the daemon task: other tasks cannot find it (ENODEV).
  */
 
 /*
  * Serve requests on "/znc" until receiving fails; the caller runs it on a task of its own and ends
  * it with the platform's stop descriptor (znTaskStopFdSet; not available to users of the public
- * headers). Always returns ERROR: EEXIST when a daemon's queue exists already.
+ * headers). Always returns ERROR, with EEXIST if the queue exists already.
  */
 STATUS zncDaemonTask(void);
 
@@ -675,15 +679,15 @@ typedef struct containerState {
     char* owner;               /* always NULL */
     int32_t status;            /* a CONTAINER_STATUS */
     struct containerCtx* pCtx; /* the container; only inside the daemon */
-    time_t createdTime;        /* when create ended: seconds since 1970-01-01 00:00 UTC */
+    time_t createdTime;        /* when it was created: seconds since 1970-01-01 00:00 UTC */
     char ver[64];              /* "ociVersion" of its config.json */
     char containerId[255];     /* cut to 254 bytes */
     char bundlePath[1024];     /* an absolute path */
 } CONTAINER_STATE;
 
 /*
- * How to spawn a container's process. The text and the lists belong to the container and are
- * there until it is deleted.
+ * How to spawn a container's process. The strings and lists belong to the container and are valid
+ * until it is deleted.
  */
 typedef struct containerStartParm {
     const char* appPath; /* the program, as a path of the host below the container's root */
@@ -691,7 +695,7 @@ typedef struct containerStartParm {
     int32_t priority;
     int32_t stackSize; /* bytes */
     int32_t taskOption;
-    nsid_t nsId;        /* where to spawn it */
+    nsid_t nsId;        /* the namespace to spawn it in */
     const char* cwd;    /* its working directory, an absolute path inside the root */
     int16_t posixFlags; /* spawn flags, always 0x180; no meaning on Linux */
     char** arg;         /* its arguments, the first is its name; NULL-terminated */
@@ -706,7 +710,8 @@ STATUS zncContainerInit(void);
 
 /*
  * Carry out the requests of zncCreate, zncKill and zncDelete, with the same errors. They return
- * when all mounts, namespaces and files have been created or removed.
+ * when all mounts and namespaces have been created or removed; large directories of a deleted
+ * container are removed later by a background thread.
  */
 ZNC_NODISCARD STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
                                         unsigned int option, ZNC_ATTR* pAttr);
@@ -726,8 +731,8 @@ ZNC_NODISCARD STATUS zncContainerStart(const char* containerId, CONTAINER_START_
 STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle);
 
 /*
- * Copy the state out. One that is marked running and whose processes have all ended becomes
- * STATE_STOPPED first. On ERROR `pState` is unchanged: EINVAL, ENODEV.
+ * Copy the state of a container. If it is marked running but has no processes any more, its state
+ * is first changed to STATE_STOPPED. On ERROR `pState` is unchanged: EINVAL, ENODEV.
  */
 ZNC_NODISCARD STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState);
 

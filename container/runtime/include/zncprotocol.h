@@ -1,8 +1,9 @@
 /*
  * zncprotocol.h - the messages between clients and the daemon, and the builders of JSON documents.
  *
- * For programs that talk to the daemon by themselves or build the same documents; ordinary
- * clients need only zncontainer.h, whose conventions hold here too. JSON trees are cJSON's.
+ * For programs that communicate with the daemon directly or build the same documents; ordinary
+ * clients need only zncontainer.h, whose conventions apply here, too. JSON trees are those of
+ * cJSON.
  */
 #ifndef ZNCPROTOCOL_H
 #define ZNCPROTOCOL_H
@@ -26,7 +27,7 @@ extern "C" {
 
 /* ------------------------------------------------------------------ messages */
 
-/* Command ids of requests; a reply repeats its request's. */
+/* Command ids of requests; a reply has the command id of its request. */
 typedef enum zncCmdType {
     ZNC_CREATE = 0,      /* "containerId", "bundle", "option" */
     ZNC_START = 1,       /* "containerId", "option"; reply: one start-parameter object */
@@ -44,19 +45,19 @@ typedef enum zncCmdType {
 #define ZNC_MSG_Q_NAME "/znc"
 #define ZNC_MSG_NAME_LEN 192
 #define ZNC_MSG_HEADER_LEN 204
-#define ZNC_MSG_MAX_LEN 2048 /* one queue message; a request is always this long */
-#define ZNC_MSG_DATA_LIMIT (ZNC_MSG_MAX_LEN - ZNC_MSG_HEADER_LEN) /* a request's data is below */
+#define ZNC_MSG_MAX_LEN 2048 /* size of one queue message and of each request */
+#define ZNC_MSG_DATA_LIMIT (ZNC_MSG_MAX_LEN - ZNC_MSG_HEADER_LEN) /* a request has less data */
 
 /*
- * A message, host byte order. `data` is unformatted JSON, not terminated on the wire. This is
- * one queue message; a longer reply goes on in further ones, which are data only.
+ * A message, in host byte order. `data` is unformatted JSON; its NUL is not sent. The structure is
+ * one queue message; a longer reply continues in further messages, which consist of data only.
  *
  * The daemon silently drops a request whose `dataLen` exceeds the data received or the limit of a
  * request, or whose `name` is not of the form used by zncCall, "/znc-u-<digits>-<digits>".
  */
 typedef struct zncMessage {
     char name[ZNC_MSG_NAME_LEN]; /* the client's reply queue, ended by NUL */
-    uint8_t msgLvl;              /* wanted verbosity; requests only */
+    uint8_t msgLvl;              /* requested verbosity; only in requests */
     uint8_t rsvd1;
     uint8_t rsvd2;
     uint8_t rsvd3;
@@ -81,16 +82,17 @@ typedef struct zncParam {
 typedef struct cJSON ZNC_PARAM_DATA; /* an object with the parameters as members */
 
 /*
- * A new object from a table; the caller deletes it (cJSON_Delete). STRING_ARRAYs that are empty and
- * NULL STRINGs are left out; OBJECTs are referenced, not owned. NULL with ENOMEM or EINVAL.
+ * A new object from a table; the caller deletes it (cJSON_Delete). Empty STRING_ARRAYs and NULL
+ * STRINGs are omitted; OBJECTs are referenced, not owned. NULL with ENOMEM or EINVAL.
  */
 ZNC_NODISCARD ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count);
 
 /*
- * Fill a table from an object: entries whose key (any case) is missing keep their value. Text
- * points into the tree; vectors of STRING_ARRAYs are malloc'd and freed by zncParamObjDestroy.
- * ERROR with EINVAL (NULL, no entries) or ENOMEM, or without errno if a value that must be a string
- * is not; string arrays in the table have then been freed and must not be used.
+ * Fill a table from an object. Keys are compared case-insensitively; entries whose key is missing
+ * keep their value. Strings point into the tree; the vectors of STRING_ARRAYs are freed by
+ * zncParamObjDestroy. ERROR with EINVAL (NULL, no entries) or ENOMEM, or without errno if a value
+ * that must be a string is not; string arrays in the table have then been freed and must not be
+ * used.
  */
 STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count);
 
@@ -102,12 +104,12 @@ STATUS zncParamObjDestroy(zncParam* param, unsigned int count);
 zncData zncParamValueGetByName(zncParam* param, int count, const char* name);
 
 /*
- * A new array of the strings of a NULL-terminated vector; NULL when memory is short. A string that
- * cannot be copied is missing.
+ * A new JSON array of the strings of a NULL-terminated vector; NULL if out of memory. Strings that
+ * cannot be copied are omitted.
  */
 ZNC_NODISCARD struct cJSON* zncConfigToArray(char** argument);
 
-/* Add a deep copy of a member to another object, or "" if it is missing. Without memory, add
+/* Add a deep copy of a member to another object, or "" if it is missing. If out of memory, add
  * nothing. */
 void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char* dstName);
 
@@ -116,14 +118,16 @@ void zncJsonCopy(struct cJSON* srcObj, char* srcName, struct cJSON* dstObj, char
 /*
  * Send one request to the daemon queue `msgQHandle` (a name; zncCall: "/znc"), wait for its reply
  * and print the progress texts. The reply's text goes to `ppResp` (may be NULL), freed by the
- * caller. S_zncLib_DAEMON_NOT_RUNNING, ENOMEM, or 0 when a queue cannot be made or no reply comes.
+ * caller. Errors: S_zncLib_DAEMON_NOT_RUNNING, ENOMEM, or 0 if a queue cannot be created or no
+ * reply arrives.
  */
 STATUS zncCallQ(const char* msgQHandle, int cmdId, zncParam* param, int count, char** ppResp);
 STATUS zncCall(int cmdId, zncParam* param, int count, char** ppResp);
 
 /*
  * Get "errno" and "body" of a parsed reply. `body` points into `root`; `errCode` and `body` may be
- * NULL. ERROR when "errno" is not 0; without "errno" it is -1, and EINVAL for no reply at all.
+ * NULL. ERROR if "errno" is not 0. If "errno" is missing, `errCode` is -1; if `root` is NULL, it is
+ * EINVAL.
  */
 STATUS zncResponseCheck(struct cJSON* root, int* errCode, struct cJSON** body);
 
@@ -163,8 +167,8 @@ STATUS zncInspectImageConfig(struct cJSON* body, struct cJSON* config);
 ZNC_NODISCARD struct cJSON* zncInspectImageContainer(struct cJSON* configJson);
 
 /*
- * The generator of a bundle's "config.json" and its sections, from a parsed image with a manifest
- * chosen. Each section adds its member to `rootJson`.
+ * Write a bundle's "config.json", or add one of its members to `rootJson`, from a parsed image for
+ * which a manifest has been selected.
  */
 typedef struct zncImageIndex OCI_IMAGE;
 STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* rootfsPath);
@@ -178,8 +182,8 @@ STATUS zncCreateOciBundleConfigAnnotations(OCI_IMAGE* image, struct cJSON* rootJ
 STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
 
 /*
- * "uid" and "gid" from a user text; one mount object from a volume text
- * ("source:destination:options:type").
+ * Parse the user of an image and add "uid" and "gid"; fill a mount object from a volume in the form
+ * "source:destination:options:type".
  */
 STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
 STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);

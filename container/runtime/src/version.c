@@ -1,4 +1,4 @@
-/* version.c - what the built library says of itself, also to strings(1): "znc: libzncontainer ...".
+/* version.c - the version of the library, which strings(1) also finds: "znc: libzncontainer ...".
  */
 #include "zncontainer.h"
 

@@ -49,7 +49,7 @@ void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
                     offset_ + len - begin);
 }
 
-// Reads on in the file and hashes what comes.
+// Reads the next bytes of the file and hashes them.
 ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
 {
     const std::size_t wanted = std::min(count, size_ - offset_);
@@ -91,7 +91,7 @@ ssize_t BlobReader::read(void* buffer, std::size_t count)
     auto* const bytes = static_cast<unsigned char*>(buffer);
     std::size_t got = 0;
     while (got < count) {
-        // What fills a piece is read to where it is wanted.
+        // A read of at least a whole piece goes to the caller's buffer directly.
         if (pieceAt_ == pieceLen_ && count - got >= kPieceLen) {
             const ssize_t n = fetch(bytes + got, count - got);
             return n < 0 ? n : static_cast<ssize_t>(got) + n;

@@ -148,7 +148,7 @@ STATUS zncContainerRemove(CONTAINER_CTX* pCtx)
             return ERROR;
         containers.remove(pCtx);
     }
-    // Left where taking it apart failed: nobody would come back for it.
+    // Set if unmounting failed: no later call would remove the namespace.
     znc::drop_namespace(pCtx);
     znc::free_context(pCtx);
     return OK;
@@ -200,7 +200,7 @@ STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param)
     param->argNum = process.argCount;
     param->env = process.env;
     param->envNum = process.envCount;
-    // Before the client has spawned anything: a second start must find it taken.
+    // Set before the client has spawned the program, so that a second start fails.
     ctx->state.status = STATE_RUNNING;
     return OK;
 }
@@ -227,7 +227,7 @@ STATUS zncContainerDelete(const char* containerId, unsigned int option)
     if (zncContainerCheckRunning(ctx.get())) {
         if ((option & ZNC_OPT_WHOLE_NAMESPACE) == 0)
             return fail(EBUSY);
-        // Not awaited: taking the namespace apart ends whatever is still dying in it.
+        // Do not wait for the end of the processes: deleting the namespace does that.
         if (znnsKill(ctx->nsId, kSignalKill) != OK)
             return ERROR;
     }
@@ -246,8 +246,8 @@ STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle)
     LockedContext ctx = lock_existing(containerId);
     if (!ctx)
         return ERROR;
-    // The mutex stays taken: from now on the container is the daemon task's, whose own operations
-    // get through because the mutex is recursive.
+    // Intentionally keep the mutex locked: from now on only the daemon task can use the container.
+    // Its own calls succeed because the mutex is recursive.
     ctx.release()->pidHandle = pidHandle;
     return OK;
 }

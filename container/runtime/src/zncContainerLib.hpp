@@ -1,11 +1,11 @@
-// zncContainerLib.hpp - the registry of containers: one context per container on one list, and
-// what the registry's own files and unit tests share of it.
+// zncContainerLib.hpp - the registry of containers: a list with one context per container. These
+// declarations are shared by the files of the registry and the unit tests.
 //
-// Callers: the daemon (zncRuntimeService) through the exported zncContainer functions, and the
-// inspection document, which reaches a container's configuration through its state's `pCtx`. Locks:
-// the list mutex first, then a context's mutex, which is only ever tried while the list is held, so
-// no thread waits while it holds the list mutex. Left out: the configuration itself
-// (zncRuntimeSpec), storage paths and overlay devices (zncOverlayLib).
+// Used by the daemon (zncRuntimeService) through the exported zncContainer functions, and for the
+// inspection document, which accesses a container's configuration through `pCtx` of its state. Lock
+// order: the list mutex first, then a context's mutex. The latter is only tried, never waited for,
+// while the list mutex is held. Handled elsewhere: the configuration (zncRuntimeSpec), storage
+// paths and overlay devices (zncOverlayLib).
 #ifndef ZNCCONTAINERLIB_HPP
 #define ZNCCONTAINERLIB_HPP
 
@@ -15,7 +15,7 @@
 #include "zncontainer.h"
 #include "zncprotocol.h"
 
-#include "zarnel/msgq.h" // the timeouts
+#include "zarnel/msgq.h" // ZN_NO_WAIT
 #include "zarnel/mutex.h"
 
 struct SL_NODE {
@@ -30,7 +30,7 @@ struct SL_LIST {
 struct containerCtx {
     SL_NODE containerNode; // first member: the list node has the address of the context
     char appPath[1024];    // the program to start, as a host path under the root filesystem
-    SEM_ID sem;            // guards everything below once the context is on the list
+    SEM_ID sem;            // protects the members below once the context is on the list
     OBJ_HANDLE pidHandle;  // 0 until the client has stored it
     BOOL mounted;          // the root filesystem and the first `mountCount` mounts exist
     UINT32 mountCount;
@@ -42,9 +42,9 @@ typedef struct containerCtx CONTAINER_CTX;
 
 extern BOOL isInitialized;
 extern SL_LIST zncContainersList;
-extern SEM_ID zncContainerSem; // guards the list and its links
+extern SEM_ID zncContainerSem; // protects the list and its links
 
-// The client being served: its info queue and how much of the progress it wants to read.
+// The client being served: its info queue and its verbosity.
 extern char infoMsgQ[ZNC_MSG_NAME_LEN];
 extern uint32_t zncMsgVerbosity;
 
@@ -55,7 +55,8 @@ BOOL zncBundlePathValid(const char* bundle);
 STATUS zncContainerListLock();
 STATUS zncContainerListUnlock(); // keeps errno
 
-// The first match, its mutex taken; null if nothing matches or if another thread holds the match.
+// The first matching context, locked; null if nothing matches or if another thread has locked the
+// match.
 CONTAINER_CTX* zncContainerFindAndLock(const char* matchName, BOOL isBundle);
 CONTAINER_CTX* zncContainerFindAndLockById(const char* containerId);
 CONTAINER_CTX* zncContainerFindAndLockByBundle(const char* bundlePath);
@@ -63,12 +64,12 @@ void zncContainerUnlock(CONTAINER_CTX* pCtx); // keeps errno
 
 STATUS zncContainerAdd(CONTAINER_CTX* pCtx);
 
-// These take a context whose mutex the caller holds. After an OK of zncContainerRemove it is gone.
+// The caller has locked the context. If zncContainerRemove returns OK, the context has been freed.
 STATUS zncContainerRemove(CONTAINER_CTX* pCtx);
 BOOL zncContainerCheckRunning(CONTAINER_CTX* pCtx);
 
-// The root filesystem, its namespace and mounts; the context's mutex is held, or nobody knows the
-// context yet. Path buffers have 1024 bytes.
+// Functions for the root filesystem, the namespace and the mounts. The caller has locked the
+// context, or it is not on the list yet. Path buffers have 1024 bytes.
 STATUS zncContainerMount(CONTAINER_CTX* pCtx);
 STATUS zncContainerUmount(CONTAINER_CTX* pCtx);
 STATUS zncContainerRootfsCreate(CONTAINER_CTX* pCtx, char* pRootfsPath);
@@ -85,13 +86,13 @@ struct ContextUnlock {
 };
 using LockedContext = std::unique_ptr<CONTAINER_CTX, ContextUnlock>;
 
-// Frees a context that is on no list, with its configuration and its mutex. Keeps errno.
+// Frees a context that is not on the list, with its configuration and its mutex. Preserves errno.
 void free_context(CONTAINER_CTX* ctx);
 
-// Ends the namespace that a failed unmount left the container with, if it did.
+// Deletes the namespace if a failed unmount has left it.
 void drop_namespace(CONTAINER_CTX* ctx);
 
-// zncSendMsg at level 1, for constant formats. Keeps errno.
+// Calls zncSendMsg with level 1. Preserves errno.
 void send_progress(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace znc

@@ -1,4 +1,4 @@
-// Making a container: from a bundle directory to an entry of the registry.
+// zncContainerLib_create.cpp - creates a container from a bundle directory.
 #include "zncBundleLayers.hpp"
 
 #include "base/failure.hpp"
@@ -12,7 +12,7 @@ namespace {
 using znc::fail;
 using znc::LockedContext;
 
-// Undoes an unfinished create; the reason of the failure stays in errno.
+// Undoes an incomplete create. Preserves errno, the reason of the failure.
 struct ContextRollback {
     void operator()(CONTAINER_CTX* ctx) const noexcept
     {
@@ -102,7 +102,7 @@ STATUS check_root(const CONTAINER_CTX* ctx)
 }
 
 // Mounts the container and puts it on the list. Its mutex is held until its state is complete, so
-// that no other task can see, or delete, a half-made one.
+// that no other task can see or delete an incomplete container.
 STATUS mount_and_register(CONTAINER_CTX* ctx)
 {
     ctx->sem = znMutexCreate(znc::kMutexOptions);
@@ -137,6 +137,6 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
         check_config(*ctx->pConfig) != OK || check_root(ctx.get()) != OK ||
         mount_and_register(ctx.get()) != OK)
         return ERROR;
-    static_cast<void>(ctx.release()); // the list has it
+    static_cast<void>(ctx.release()); // now owned by the list
     return OK;
 }

@@ -1,4 +1,5 @@
-// Progress texts for the client being served. Losing one is never an error.
+// zncContainerLib_progress.cpp - sends progress texts to the client being served. It is no error if
+// one is lost.
 #include "zncContainerLib.hpp"
 
 #include "zncRuntimeCSLib.hpp"
@@ -36,7 +37,8 @@ void zncMsgQnameSet(const char* msgQname)
 
 void zncMsgLvlSet(UINT8 lvl)
 {
-    // Anything above leaves the previous client's level in force, which clients rely on.
+    // Values above 2 do not change the level, which stays that of the previous client: clients rely
+    // on this.
     if (lvl <= 2)
         zncMsgVerbosity = lvl;
 }

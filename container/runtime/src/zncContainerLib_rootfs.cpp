@@ -1,5 +1,6 @@
-// A container's root filesystem, namespace and mounts. Whether the root is the bundle's own
-// directory or an overlay device above it is asked afresh in every call.
+// zncContainerLib_rootfs.cpp - a container's root filesystem, namespace and mounts. Whether the
+// root is the bundle's own directory or an overlay device above it is determined again in each
+// call.
 #include "zncContainerLib.hpp"
 #include "zncTrash.hpp"
 #include "zncTreeDelete.hpp"
@@ -25,7 +26,7 @@ const char* printable(const char* text)
     return text != nullptr ? text : "(null)";
 }
 
-// The answer alone: that there is none is no error.
+// Like zncOvlFsAvailable(), but preserves errno: it is no error if overlays are not available.
 bool overlay_available()
 {
     const znc::ErrnoSaver keep;
@@ -37,7 +38,7 @@ bool append(char* path, const char* component)
     return znPathAppend(path, kPathMax, component) != path + kPathMax;
 }
 
-// The bundle's root directory; false when it does not fit.
+// Writes the path of the bundle's root directory; false if it does not fit.
 bool bundle_root_path(const CONTAINER_CTX* ctx, char* path)
 {
     const char* const root = ctx->pConfig->root->path;
@@ -63,10 +64,10 @@ STATUS upper_path(const char* containerId, char* path)
     return OK;
 }
 
-// Deletes a container's directory at once if that takes no time, else later: the daemon has other
-// clients to serve. Also later when it cannot be deleted now: who holds a descriptor of the root
-// may fill a directory while it is emptied. Where it cannot be moved aside it is deleted here,
-// however long that takes.
+// Deletes a container's directory: immediately if it is small, otherwise later from the trash,
+// because the daemon must serve other clients. It also goes to the trash if deleting fails: a
+// process that has a descriptor of the root may create files while the directory is emptied. If it
+// cannot be moved to the trash, it is deleted here, however long that takes.
 STATUS delete_container_dir(const char* dir)
 {
     if (znc::is_small_tree(dir) && znc::delete_foreign_tree(dir) == OK) {
@@ -79,8 +80,8 @@ STATUS delete_container_dir(const char* dir)
     return OK;
 }
 
-// Where deleting an earlier container of this id failed, its files are still there. The new one
-// must not see them. `upper` is changed meanwhile and restored.
+// If deleting an earlier container with this id failed, its files still exist, and the new
+// container must not see them. `upper` is modified temporarily.
 STATUS remove_old_files(const char* device, char* upper)
 {
     char* const slash = upper + std::strlen(upper) - (sizeof kUpperDir - 1);
@@ -136,8 +137,8 @@ STATUS seal(const CONTAINER_CTX* ctx)
 
 STATUS make_root(CONTAINER_CTX* ctx, char* root)
 {
-    // The platform reads the parts of the configuration that this library does not: users, rights,
-    // limits. It gets the document as this library has read it.
+    // The platform reads the parts of the configuration that this library does not read: users,
+    // rights, limits. It gets the document as parsed by this library.
     const znc::CJsonText document(cJSON_PrintUnformatted(ctx->pConfig->tree));
     if (document == nullptr)
         return fail(ENOMEM);
@@ -174,7 +175,7 @@ STATUS mount_all(CONTAINER_CTX* ctx, const char* root, const runtimeSpecConfigMo
     return result;
 }
 
-// In reverse order; a mount that cannot be undone stays counted.
+// Unmounts in reverse order. mountCount still includes a mount that could not be undone.
 STATUS umount_all(CONTAINER_CTX* ctx, const char* root)
 {
     while (ctx->mountCount > 0) {
@@ -218,8 +219,8 @@ STATUS zncContainerMount(CONTAINER_CTX* pCtx)
     if (pCtx->mounted)
         return OK;
     const PathBuffer root = znc::malloc_array<char>(kPathMax);
-    // What a failure before the namespace has its root made so far stays: the next create under the
-    // same id replaces it.
+    // If creation fails before the namespace has its root, the upper directory and the device are
+    // kept: the next create with the same id removes them.
     if (!root || make_root(pCtx, root.get()) != OK)
         return ERROR;
     pCtx->mounted = TRUE;
@@ -263,7 +264,7 @@ STATUS zncContainerUmount(CONTAINER_CTX* pCtx)
     if (!pCtx->mounted)
         return OK;
     const STATUS result = undo_root(pCtx);
-    // Also after a failure, so that deleting a container again always ends in its removal.
+    // Set also after a failure, so that deleting the container again removes it in any case.
     pCtx->mounted = FALSE;
     return result;
 }

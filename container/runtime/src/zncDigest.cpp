@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kReadLen = 1024;
 
-// Feeds `size` bytes of the file to `hash`; false when a read fails or the file ends before.
+// Adds `size` bytes of the file to `hash`; false if a read fails or the file is shorter.
 bool hash_file(znc::Digest& hash, int fd, off_t size)
 {
     const auto buffer = znc::malloc_array<unsigned char>(kReadLen);
@@ -29,7 +29,7 @@ bool hash_file(znc::Digest& hash, int fd, off_t size)
     return true;
 }
 
-// Two characters per byte, in whatever case.
+// Parses `len` bytes of two hexadecimal digits each, in either case.
 void parse_hex(unsigned char* out, std::size_t len, const char* text)
 {
     for (std::size_t i = 0; i < len; ++i) {
@@ -60,8 +60,8 @@ STATUS validate(znc::DigestAlgorithm algorithm, const char* file_name, const cha
 
 const char* znc::digest_digits(const char* digest, char (&buffer)[kDigestTextMax], bool* wide)
 {
-    // A digest is one name in a directory. With a separator in it, a file that was checked under
-    // one digest would be kept under another.
+    // A digest is used as a single file name. If it contained a separator, a file that was checked
+    // under one digest could be stored under another.
     if (digest == nullptr || std::strchr(digest, '/') != nullptr)
         return nullptr;
     (void)copy_end(buffer, buffer + sizeof buffer, digest);

@@ -1,5 +1,5 @@
-// zncDigest.hpp - SHA-256 and SHA-512: files and documents against the digests that name them, and
-// the chain identifier of a stack of layers. Used by the image reader and the store.
+// zncDigest.hpp - compares files and documents with their SHA-256 or SHA-512 digests, and computes
+// the chain ID of a stack of layers. Used by the image reader and the store.
 #ifndef ZNCDIGEST_HPP
 #define ZNCDIGEST_HPP
 
@@ -25,15 +25,16 @@ class RunningDigest {
   public:
     RunningDigest() = default;
 
-    // Begins again, for a digest as an image writes it ("sha256:" or "sha512:" and its digits, in
-    // whatever case; characters after them are ignored). False if it is not a valid digest.
+    // Starts a new computation for the digest of a descriptor ("sha256:" or "sha512:" and
+    // hexadecimal digits in either case; characters after these are ignored). False if it is not a
+    // valid digest.
     [[nodiscard]] bool start(const char* digest);
     void update(const void* data, std::size_t len) noexcept;
-    // Ends the computation: whether everything since start() has the digest.
+    // Ends the computation. Returns whether the bytes added since start() have the digest.
     [[nodiscard]] bool matches() noexcept;
 
   private:
-    std::optional<Digest> hash_; // nothing: not started
+    std::optional<Digest> hash_; // nullopt: not started
     std::array<unsigned char, Digest::kMax> want_ = {};
 };
 
@@ -47,8 +48,9 @@ class RunningDigest {
 
 } // namespace znc
 
-// Hash the regular file `fileName` and compare with the first 64 (128) hexadecimal digits of
-// `digest`. ERROR on any difference; errno says more only when memory was short (ENOMEM).
+// Hash the regular file `fileName` and compare the result with the first 64 (128) hexadecimal
+// digits of `digest`. ERROR if they differ or the file cannot be read; errno is set reliably only
+// if out of memory (ENOMEM).
 STATUS validateSha256(const char* fileName, const char* digest);
 STATUS validateSha512(const char* fileName, const char* digest);
 

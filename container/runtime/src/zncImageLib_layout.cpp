@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t kDiffIdMax = 200; // characters, exclusive
 constexpr char kLatest[] = "latest";
 
-// A check failed: that is `code`, unless it could not be made for want of memory.
+// Fails with `code` after a failed check, or with ENOMEM if the check ran out of memory.
 STATUS reject(int code)
 {
     return errno == ENOMEM ? ERROR : fail(code);
@@ -35,7 +35,8 @@ template <class Check> bool passes(Check check)
     return check();
 }
 
-// A document of the layout, read once: what is parsed is what was checked.
+// A document of the layout. It is read only once, so that the parsed text is the text that was
+// verified.
 class Document {
   public:
     // `path` must outlive the object.
@@ -47,7 +48,8 @@ class Document {
             text_ = znc::read_text(fd.get(), st);
         tooLarge_ = fd && !text_.bytes && errno == EFBIG;
     }
-    // One that is too large to be parsed is checked where it is, for the sake of the reason.
+    // A document that is too large to be parsed is still checked, by its file, so that the error is
+    // the right one.
     [[nodiscard]] bool has_size(cJSON* size) const
     {
         if (tooLarge_)
@@ -61,7 +63,7 @@ class Document {
         return text_.bytes &&
                znc::has_digest(text_.bytes.get(), text_.len, cJSON_GetStringValue(digest));
     }
-    // Null with errno set when it is no document.
+    // Null with errno set if the text is not JSON.
     [[nodiscard]] cJSON* parse() const
     {
         errno = EINVAL;
@@ -113,7 +115,7 @@ void release_manifests(OCI_IMAGE& image)
     image.manifestsCount = 0;
 }
 
-// One entry of the index, the manifest behind it included.
+// Parses one entry of the index and the manifest that it refers to.
 STATUS parse_entry(OCI_IMAGE& image, int index, cJSON* entry)
 {
     ZNC_IMAGE_MANIFEST& manifest = image.manifests[index];
@@ -169,12 +171,12 @@ STATUS parse_manifest_config(const char* image_path, ZNC_IMAGE_MANIFEST_CONFIG& 
     return zncImageParseImageConfig(&config);
 }
 
-// Whether the digest was found right in a manifest before this one: images that share layers name
-// the same files again and again. In a layout of two that share seven of eight, this is worth 45%.
+// Whether a layer with this digest was already verified for an earlier manifest: images of a layout
+// often share layers.
 bool is_verified(const OCI_IMAGE& image, const ZNC_IMAGE_MANIFEST& manifest, const cJSON* digest)
 {
     const char* const text = cJSON_GetStringValue(digest);
-    int left = 1000; // looks: an index may name any number of layers
+    int left = 1000; // limits the search: an index may name any number of layers
     for (const ZNC_IMAGE_MANIFEST* m = image.manifests; text != nullptr && m != &manifest; ++m)
         for (int i = 0; i < m->manifestLayersCount && left > 0; ++i, --left)
             if (std::strcmp(text, cJSON_GetStringValue(m->manifestLayers[i].digest)) == 0)
@@ -182,8 +184,9 @@ bool is_verified(const OCI_IMAGE& image, const ZNC_IMAGE_MANIFEST& manifest, con
     return false;
 }
 
-// The digests of a manifest's layers. Large ones are computed on all processors; what is reported
-// is the first that is wrong, as ever. Layers that will be stored are extracted by the same pass.
+// Verifies the digests of a manifest's layers. If there is enough data, they are computed on all
+// processors, but the first wrong one is reported as in a sequential run. Layers that will be
+// stored are extracted in the same pass.
 class LayerDigests {
   public:
     LayerDigests(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest)
@@ -197,19 +200,19 @@ class LayerDigests {
             ahead_ = &image.store->ahead;
     }
 
-    // Computes ahead what the descriptors in `layers` name, where they name anything.
-    // ERROR: out of memory.
+    // Starts to verify the files that the descriptors in `layers` name; invalid descriptors are
+    // skipped here. ERROR: out of memory.
     STATUS start(const cJSON* layers)
     {
         if (!find_duplicates(layers))
             return ERROR;
-        constexpr std::int64_t kWorthwhile = 1024 * 1024;
+        constexpr std::int64_t kParallelMin = 1024 * 1024;
         std::int64_t bytes = 0;
         std::size_t index = 0;
         for (const cJSON* item = layers->child; item != nullptr; item = item->next)
             bytes += std::clamp<std::int64_t>(
-                cJSON_integer64_value(cJSON_GetObjectItem(item, "size")), 0, kWorthwhile);
-        if (bytes < kWorthwhile)
+                cJSON_integer64_value(cJSON_GetObjectItem(item, "size")), 0, kParallelMin);
+        if (bytes < kParallelMin)
             return OK;
         for (const cJSON* item = layers->child; item != nullptr; item = item->next, ++index)
             if (duplicates_.first(index) != index ||
@@ -243,7 +246,7 @@ class LayerDigests {
         item = item->next;
         return text;
     }
-    // The progress callback gets the extraction of the layer reported here.
+    // Waits for the extraction of the layer and reports it to the progress callback.
     STATUS extracted(std::size_t index)
     {
         const auto count = static_cast<std::uint32_t>(manifest_.manifestLayersCount);
@@ -290,7 +293,7 @@ STATUS parse_layer(const char* image_path, ZNC_IMAGE_MANIFEST_LAYERS& layer, cJS
                    LayerDigests& digests, std::size_t index)
 {
     layer.mediaType = cJSON_GetObjectItem(item, "mediaType");
-    if (layer.digest == nullptr) // what is being worked on is not written to
+    if (layer.digest == nullptr) // if set, a helper thread may be reading it
         layer.digest = cJSON_GetObjectItem(item, "digest");
     layer.size = cJSON_GetObjectItem(item, "size");
     if (layer.mediaType == nullptr || validateJsonMediatype(LAYERJSON, layer.mediaType) != OK ||
@@ -334,7 +337,7 @@ STATUS parse_layers(const OCI_IMAGE& image, ZNC_IMAGE_MANIFEST& manifest, cJSON*
     return ERROR;
 }
 
-// The hexadecimal part of a diff identifier, or null if it is none.
+// The hexadecimal part of a diff ID; null if it is invalid.
 char* diff_id_hex(cJSON* item)
 {
     char* text = cJSON_GetStringValue(item);
@@ -348,7 +351,7 @@ char* diff_id_hex(cJSON* item)
         return nullptr;
     const std::string_view algorithm(text, static_cast<std::size_t>(colon - text));
     const std::size_t digits = std::strlen(colon + 1);
-    // 192 is the figure in use, whatever the digest's length would suggest.
+    // A SHA-512 digest has 128 digits, but 192 are required here. This must not change.
     const bool good =
         (algorithm == "sha256" && digits == 64) || (algorithm == "sha512" && digits == 192);
     return good ? colon + 1 : nullptr;
@@ -414,7 +417,7 @@ STATUS zncImageParse(OCI_IMAGE* image)
 STATUS zncImageParseLayout(const char* imagePath)
 {
     const auto path = znc::malloc_array<char>(znc::kPathMax);
-    // This step alone leaves the number at 0, whatever the reason.
+    // Unlike all later steps, this one reports every failure with errno 0.
     if (!path ||
         composeFileName(imagePath, OCILAYOUTJSON, nullptr, path.get(), znc::kPathMax) != OK)
         return fail(0);

@@ -1,6 +1,6 @@
 // zncOwned.hpp - owning types for resources of the library's dependencies, and the bounded copy
-// that all path composition uses. Used by every module. Left out: descriptors and malloc'd memory,
-// which base/owned.hpp has, and cJSON trees, which base/json.hpp has.
+// that all path composition uses. Used by every module. Descriptors and malloc'd memory are in
+// base/owned.hpp, cJSON trees in base/json.hpp.
 #ifndef ZNCOWNED_HPP
 #define ZNCOWNED_HPP
 

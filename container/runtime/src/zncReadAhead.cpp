@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t kSlotLen = 256 * 1024; // enough that waking up for one does not count
+constexpr std::size_t kSlotLen = 256 * 1024; // large enough that the cost of wake-ups is negligible
 
 } // namespace
 
@@ -50,7 +50,7 @@ char* ReadAhead::bytes(std::size_t slot) const noexcept
     return memory_.get() + slot % kSlots * kSlotLen;
 }
 
-// False: nobody wants more.
+// Waits for an empty slot. False if stop() was called.
 bool ReadAhead::wait_for_room() noexcept
 {
     const MutexHold hold(mutex_);
@@ -95,7 +95,7 @@ ssize_t ReadAhead::take(char* buffer, std::size_t count) noexcept
     while (got < count) {
         wait_for_bytes();
         const Slot& slot = slots_[emptied_ % kSlots];
-        if (slot.len <= 0) { // it stays for the next call
+        if (slot.len <= 0) { // end or error: kept, so that the next call returns it again
             if (got > 0 || slot.len == 0)
                 break;
             errno = slot.error;

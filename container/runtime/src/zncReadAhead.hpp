@@ -17,7 +17,7 @@ namespace znc {
 
 class ReadAhead {
   public:
-    // The next bytes of `source`, as a TAR_COMPRESS gives them.
+    // Reads the next bytes of `source`, with the result of TAR_COMPRESS::read.
     using Read = ssize_t (*)(void* source, void* buffer, std::size_t count);
 
     ReadAhead() = default;
@@ -25,12 +25,12 @@ class ReadAhead {
     ReadAhead& operator=(const ReadAhead&) = delete;
     ~ReadAhead() { stop(); }
 
-    // Until stop() only the helper thread may use `source`. False, without effect, if there is no
-    // second processor, memory or thread.
+    // Starts the helper thread. Until stop(), only that thread may use `source`. False, without
+    // effect, if there is no second processor or if memory or a thread cannot be allocated.
     [[nodiscard]] bool start(Read read, void* source) noexcept;
     // Call after start(): a stream with the same bytes, end and error.
     [[nodiscard]] TAR_COMPRESS* source() noexcept { return &stream_.tc; }
-    // Ends the task, which may have read on by then. Keeps errno.
+    // Ends the thread, which may have read further than the caller. Preserves errno.
     void stop() noexcept;
 
   private:
@@ -57,9 +57,9 @@ class ReadAhead {
     void* from_ = nullptr;
     MallocPtr<char[]> memory_; // memory of all slots; null: no helper thread
     std::array<Slot, kSlots> slots_ = {};
-    std::size_t filled_ = 0; // slots, since the start
+    std::size_t filled_ = 0; // number of slots filled since start()
     std::size_t emptied_ = 0;
-    std::size_t taken_ = 0; // bytes of the slot that is being emptied
+    std::size_t taken_ = 0; // bytes already taken from the current slot
     bool stop_ = false;
     std::atomic<std::uint64_t> position_ = 0; // offset in the file, for progress reports
     pthread_t task_ = {};

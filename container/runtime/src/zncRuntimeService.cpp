@@ -105,9 +105,8 @@ int dispatch(std::int32_t cmdId, cJSON* root, cJSON* body)
 }
 
 // Removes the queues of clients that were killed: the space for queues is limited, and a few dozen
-// leftovers would keep every client from calling. Also cleans up ended namespaces: a client does
-// not always reap the programs that it started at once, and a namespace lasts until they are
-// reaped.
+// leftovers would keep every client from calling. Also cleans up ended namespaces, which exist
+// until the clients have reaped the programs that they started.
 class HouseKeeping {
   public:
     void run_if_due()

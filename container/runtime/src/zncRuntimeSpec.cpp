@@ -29,7 +29,8 @@ cJSON* item_in(const cJSON* object, const znc::SpecMember& member)
     return runtimeSpecGetObject(object, member.name);
 }
 
-// A number written as text replaces the default; out-of-range values are for the spawn to judge.
+// A number given as a string replaces the default. Its range is checked when the program is
+// started.
 void replace_by_number(const cJSON* rtp, znc::RtpMember member, int32_t& field)
 {
     const char* const text = text_in(rtp, znc::kRtpMembers[member]);
@@ -39,7 +40,8 @@ void replace_by_number(const cJSON* rtp, znc::RtpMember member, int32_t& field)
     field = static_cast<int32_t>(::strtoul(text, nullptr, 0));
 }
 
-// Fills one mount. A mount must not lose its options: without "ro" it would be writable.
+// Fills one mount. False if out of memory: a mount must not lose its options, or a read-only mount
+// would be writable.
 bool read_mount(const cJSON* item, runtimeSpecConfigMount* mount)
 {
     mount->src = text_in(item, znc::kMountMembers[znc::kSource]);
@@ -100,7 +102,7 @@ runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
 {
     const cJSON* const args = item_in(item, znc::kProcessMembers[znc::kArgs]);
     if (args == nullptr) {
-        // Nothing has failed as yet, and a stale ENOENT would read as a missing file.
+        // Set errno: a value left from earlier, such as ENOENT, would be taken for a missing file.
         errno = EINVAL;
         return nullptr;
     }

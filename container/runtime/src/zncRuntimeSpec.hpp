@@ -2,8 +2,8 @@
 //
 // Called by zncContainerLib through zncInitializeRuntimeSpec and zncDestroyRuntimeSpec; the rest is
 // declared here for unit tests. Every reader takes the section's JSON item (null: absent) and
-// returns a record that its destroyer frees, or null. All text points into the JSON tree. Left
-// out: validation of the values, done by the container registry.
+// returns a record that its destroyer frees, or null. All text points into the JSON tree. The
+// values are validated by the container registry.
 #ifndef ZNCRUNTIMESPEC_HPP
 #define ZNCRUNTIMESPEC_HPP
 
@@ -29,7 +29,7 @@ void destroyRuntimeSpecMounts(runtimeSpecConfigMounts* mounts);
 runtimeSpecConfigRoot* initializeRuntimeSpecRoot(cJSON* item);
 void destroyRuntimeSpecRoot(runtimeSpecConfigRoot* root);
 
-// A mount's options as a list ended by NULL; null when there are none or memory is short.
+// A mount's options as a NULL-terminated list; null if there are none or if out of memory.
 char** getMountsOption(const cJSON* mountItem);
 
 void initializeRuntimeSpecHooks(cJSON* hooksObject, runtimeSpecConfigHook* hooks[]);
@@ -43,8 +43,8 @@ namespace znc {
 
 using TextList = MallocPtr<char*[]>;
 
-// The text of every element of `array` (null for an element that is not text), then NULL. Null when
-// memory is short.
+// The strings of `array` (null for an element that is not a string), followed by NULL. Null if out
+// of memory.
 TextList text_list(const cJSON* array) noexcept;
 
 } // namespace znc

@@ -1,4 +1,5 @@
-// zncRuntimeSpec_check.cpp - what creating a container makes of a "config.json", member by member.
+// zncRuntimeSpec_check.cpp - reports, member by member, how creating a container would treat a
+// "config.json".
 #include "zncRuntimeSpec_members.hpp"
 
 #include "cJSON_Additions.h"
@@ -14,7 +15,7 @@ namespace {
 using znc::Need;
 using znc::SpecMember;
 
-// A member, or an element of an array, on the way from the root.
+// A member, or an element of an array, and its path from the root.
 struct Place {
     const Place* above; // null: the root
     const char* name;   // null: an element
@@ -32,7 +33,7 @@ const char* kind_of(const cJSON* item)
                                   : "null";
 }
 
-// The type of JSON that stands for it.
+// The JSON type of a value of this type.
 ZNC_CONFIG_TYPE plain_type(ZNC_CONFIG_TYPE type)
 {
     switch (type) {
@@ -71,7 +72,7 @@ bool is_number(const char* text)
     return text[0] != '\0' && *end == '\0';
 }
 
-// Whether create takes the value of an item that has the type.
+// Whether creating a container accepts the value of an item that has the right type.
 bool is_taken(const cJSON* item, ZNC_CONFIG_TYPE type)
 {
     const char* const text = cJSON_GetStringValue(item);
@@ -93,7 +94,7 @@ class Check {
   public:
     Check(ZNC_CONFIG_FUNC func, void* context) : func_(func), context_(context) {}
 
-    // False when memory is short.
+    // Checks the document. False if out of memory.
     bool document(const cJSON* root)
     {
         constexpr SpecMember kDocument =
@@ -108,13 +109,13 @@ class Check {
     }
 
   private:
-    // What the platform refuses of the members that it reads: the first one.
+    // Reports the first member that the platform refuses.
     void platform(const cJSON* root)
     {
         const znc::CJsonText document(cJSON_PrintUnformatted(root));
         no_memory_ = no_memory_ || document == nullptr;
         if (refused_)
-            return; // what else would be refused is not certain
+            return; // further findings would be unreliable
         char reason[ZNNS_REASON_MAX] = "";
         if (no_memory_ || znnsConfigurationCheck(document.get(), reason, sizeof reason) == OK)
             return;
@@ -141,7 +142,8 @@ class Check {
         }
     }
 
-    // Of members whose names differ in case only, the first is.
+    // Whether the reader uses this member: of members whose names differ in case only, it uses the
+    // first.
     static bool is_read(const cJSON* parent, const cJSON* child, const SpecMember& rule)
     {
         for (std::size_t i = 0; i < rule.count; ++i)
@@ -173,7 +175,8 @@ class Check {
         elements(item, rule, &at);
     }
 
-    // The values of an object's members are read as the elements of an array.
+    // Whether an object stands in place of an array: the values of its members are then read as
+    // elements.
     static bool is_list(const cJSON* item, const SpecMember& rule)
     {
         const ZNC_CONFIG_TYPE type = plain_type(rule.type);
@@ -201,7 +204,8 @@ class Check {
         }
     }
 
-    // Writes the path to `out`, which has room for it, or counts only. The bytes of it.
+    // Writes the path to `out`, which is large enough; if `out` is null, writes nothing. Returns
+    // the length.
     static std::size_t write_path(const Place* at, char* out)
     {
         if (at == nullptr)

@@ -1,4 +1,5 @@
-// The "hooks" section. Hooks are read, shown and freed; nothing runs them.
+// zncRuntimeSpec_hooks.cpp - reads the section "hooks". The daemon does not run hooks; they are
+// only shown by inspection.
 #include "zncRuntimeSpec.hpp"
 
 namespace {
@@ -6,7 +7,7 @@ namespace {
 using znc::MallocPtr;
 using znc::TextList;
 
-// An optional list: true unless memory is short.
+// Reads an optional list. False if out of memory.
 bool read_list(const cJSON* item, const char* name, TextList& list, int32_t& count)
 {
     const cJSON* const array = runtimeSpecGetObject(item, name);
@@ -50,8 +51,9 @@ runtimeSpecConfigHook* initializeRuntimeSpecHook(cJSON* hooksObject, int kind)
     hook->tree = hooksObject;
     hook->nodeCnt = count;
     hook->hookNode = nodes.release();
-    // Deliberate: the nodes mirror the members of "hooks" itself, not the entries of this kind's
-    // array. With well-formed input they are all null; only their number says anything.
+    // Intentional, and must not change: the nodes are made from the members of "hooks" itself, not
+    // from the entries of the array for this kind. For valid input they are all null; only their
+    // number is meaningful.
     int i = 0;
     const cJSON* member = nullptr;
     cJSON_ArrayForEach(member, hooksObject)

@@ -1,6 +1,6 @@
-// zncRuntimeSpec_members.hpp - the members of a bundle's "config.json": what the reader looks up,
-// and what their values must be. The reader and the check of a document use the same ones, so that
-// neither knows a member that the other does not. Used by zncRuntimeSpec and zncContainerLib.
+// zncRuntimeSpec_members.hpp - the members of a bundle's "config.json": which members the reader
+// looks up, and of which type their values must be. The reader and zncConfigCheck use the same
+// table, so that both know the same members. Used by zncRuntimeSpec and zncContainerLib.
 #ifndef ZNCRUNTIMESPEC_MEMBERS_HPP
 #define ZNCRUNTIMESPEC_MEMBERS_HPP
 
@@ -14,7 +14,7 @@ namespace znc {
 enum class Need {
     kRequired,
     kOptional,
-    kNoEffect, // it is read, and shown
+    kNoEffect, // read and shown by inspection only
     kPlatform, // read and applied by the platform
 };
 

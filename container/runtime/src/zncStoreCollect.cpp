@@ -109,8 +109,8 @@ bool Collection::hold(const char* path)
     return text == nullptr || held_.add(znc::last_component(text));
 }
 
-// Bundles inside the base are a cache, recreated when they are missing. Only a container keeps one
-// alive, its mere existence does not.
+// Bundles inside the base are a cache, recreated when they are missing. One is kept only while a
+// container uses it, not because it exists.
 bool Collection::is_cached(const char* bundle) const
 {
     const PathText area = znc::path_in(base_, "/bundles");

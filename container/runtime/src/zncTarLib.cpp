@@ -17,7 +17,7 @@ using znc::kTarBlock;
 namespace {
 
 constexpr std::size_t kDefaultBlocks = 20;
-constexpr std::size_t kWorthwhile = 1024 * 1024; // bytes that are worth a task that reads them
+constexpr std::size_t kReadAheadMin = 1024 * 1024; // size from which a reading thread pays off
 
 ssize_t read_source(MT_TAR_SOFT& ctrl, std::size_t wanted)
 {
@@ -171,7 +171,7 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.blob = &blob;
     ReadAhead ahead;
-    if (blob.size() >= kWorthwhile &&
+    if (blob.size() >= kReadAheadMin &&
         (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob)))
         ctrl.tc = ahead.source();
     ctrl.run = run;

@@ -258,7 +258,8 @@ void tell_of_size(const MT_TAR_SOFT& ctrl, const Member& member, bool binary)
         znc::tell_of_member(ctrl, ZNC_LAYER_DATA_AS_MEMBERS);
 }
 
-// How others write a size that does not fit into its field.
+// Whether the size is binary, the form that other programs use if it does not fit into octal
+// digits.
 bool has_binary_size(const header& h)
 {
     constexpr unsigned kBinary = 0x80;

@@ -1,5 +1,5 @@
-// zncTrash.cpp - see zncTrash.hpp. What is global here is so because the process has one task that
-// empties trash and any number of tasks that bring some.
+// zncTrash.cpp - see zncTrash.hpp. State is global because one thread of the process empties the
+// trash, while any thread may add to it.
 #include "zncTrash.hpp"
 
 #include "base/directory.hpp"
@@ -34,18 +34,20 @@ constexpr int kSmallDepth = 16;
 constexpr long long kSmallBlocks = 64LL * 1024 * 1024 / 512; // st_blocks counts in 512 bytes
 constexpr long kNsPerMillisecond = 1000000;
 
-// Trash is taken, and emptied, by one task each: the second begins again for what came meanwhile.
+// `emptying`: a thread empties the trash. `more`: something was added, so that this thread must
+// start again.
 std::atomic<bool> emptying{false};
 std::atomic<bool> more{false};
 std::atomic<bool> unfinished{false}; // there were no descriptors or memory to delete everything
 std::atomic<unsigned> names{0};
 
-// The base whose trash is emptied, as the environment named it when that was asked for: the task
-// must not look at the environment, which the process may change meanwhile.
+// The storage base whose trash is emptied, read from the environment by the caller of
+// trash_empty(): the background thread must not read the environment, because other threads may
+// change it.
 pthread_mutex_t base_lock = PTHREAD_MUTEX_INITIALIZER;
 char base_to_empty[1024];
 
-// What may still be looked at of a tree.
+// How much of a tree is_small() may still examine.
 struct Budget {
     int entries;
     long long blocks;
@@ -82,17 +84,18 @@ void note_failure()
         unfinished = true;
 }
 
-// The storage base's own path; false when it is not fit to delete in.
+// The path of the storage base; false if other users can modify it, so that nothing may be deleted
+// there.
 bool base_path(char (&path)[1024])
 {
     const std::size_t len = znc::base_path_text(path, sizeof path, ZNC_LAYER_PATH);
     if (len == 0)
         return false;
-    *std::strrchr(path, '/') = '\0'; // the area
+    *std::strrchr(path, '/') = '\0'; // remove "/layers"
     return znPathTrusted(path, nullptr) == OK;
 }
 
-// Nobody else's directory, and no link to one, may stand for the trash.
+// Opens the trash. Refuses a directory of another user and a symbolic link.
 znc::UniqueFd open_trash(const char* base_name, bool make)
 {
     const znc::UniqueFd base(::open(base_name, kBaseFlags));
@@ -108,7 +111,7 @@ znc::UniqueFd open_trash(const char* base_name, bool make)
     return {};
 }
 
-// Deletes every entry once.
+// Tries to delete each entry once.
 void delete_all(const char* base_name)
 {
     const znc::UniqueDir list = znc::directory_stream(open_trash(base_name, false));
@@ -122,7 +125,7 @@ void delete_all(const char* base_name)
     }
     note_failure(); // errno is 0 at the end of the list
     const znc::UniqueFd base(::open(base_name, kBaseFlags));
-    // It stays while something is in it.
+    // This fails, and the trash stays, if an entry could not be deleted.
     if (!base || ::unlinkat(base.get(), kTrash, AT_REMOVEDIR) != 0)
         note_failure();
 }
@@ -140,14 +143,14 @@ void* empty_main(void* /*unused*/)
             delete_all(base);
         }
         emptying = false;
-        // Between the last look and the line above somebody may have taken this task for one that
-        // goes on.
+        // Between the last check of `more` and the line above, trash_empty() may have set `more`
+        // without starting a thread, because this one was still running.
         if (!more || emptying.exchange(true))
             return nullptr;
     }
 }
 
-// Nobody waits for the task: it ends with the process, and the next one goes on.
+// Starts the thread detached: it ends with the process, and the next process continues.
 bool start_emptying()
 {
     pthread_t task;
@@ -183,7 +186,7 @@ STATUS znc::trash_take(const char* path)
                       now.tv_nsec, static_cast<long>(::getpid()), names++);
         if (::renameat(AT_FDCWD, path, trash.get(), name) == 0)
             return OK;
-        // ENOENT also when the trash itself was removed just now, because it was empty.
+        // ENOENT also if the trash itself has just been removed because it was empty.
         struct stat st;
         const int why = errno;
         const bool again =

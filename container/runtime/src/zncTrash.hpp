@@ -2,12 +2,12 @@
 // so that the daemon need not wait.
 //
 // The trash is the directory ".trash" of the storage base, beside the areas: on the same file
-// system as a container's directory, and under no name that a container can have. It is there only
-// while something is in it. What a dead process left there is deleted by the next process that
-// empties the trash.
+// system as the containers' directories, and outside of them, so that its name cannot be that of a
+// container. It exists only while it is not empty. The contents left by a process that died are
+// deleted by the next process that empties the trash.
 //
-// Used by the container registry and by zncd. One task at most empties the trash, at low priority;
-// it works on paths that only root can reach and shares nothing with the caller but two numbers.
+// Used by the container registry and by zncd. At most one thread empties the trash, at low
+// priority. It uses only paths that only root can access.
 #ifndef ZNCTRASH_HPP
 #define ZNCTRASH_HPP
 
@@ -22,11 +22,11 @@ bool is_small_tree(const char* dir);
 // set and nothing changed if that is not possible (EXDEV, EROFS, ENOENT).
 STATUS trash_take(const char* path);
 
-// Begins to empty the trash unless that is going on already. Does not wait. Keeps errno.
+// Starts to empty the trash in the background, unless a thread is doing so already. Preserves
+// errno.
 void trash_empty();
 
-// As trash_empty() if the last time there were no descriptors or no memory to delete everything;
-// otherwise nothing.
+// Calls trash_empty() if the last attempt ran out of descriptors or memory; otherwise does nothing.
 void trash_retry();
 
 // Waits up to `milliseconds` until the trash is empty or no thread empties it. False on timeout.

@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr std::size_t kStackSize = 256 * 1024; // a helper's; the jobs need a few KiB
+constexpr std::size_t kStackSize = 256 * 1024; // of a helper thread; the jobs need a few KiB
 constexpr long kSecond = 1'000'000'000;
-constexpr long kWhile = kSecond / 20;
+constexpr long kWaitNs = kSecond / 20;
 
 } // namespace
 
@@ -50,7 +50,7 @@ WorkAhead::~WorkAhead()
         ::pthread_join(helpers_[i], nullptr);
 }
 
-// Only now: without helpers a row needs no memory, and cannot fail for want of it.
+// Allocates the slots on first use: without helpers none are needed, and nothing can fail.
 bool WorkAhead::have_slots() noexcept
 {
     const ErrnoSaver keep;
@@ -87,8 +87,8 @@ std::size_t WorkAhead::processors_beside(std::size_t busy) noexcept
     return processors > busy ? processors - busy : 0;
 }
 
-// The last job that nobody has begun becomes the helper's: it and the caller, who comes from the
-// other end, seldom wait for each other.
+// Takes the last open job for a helper. The caller takes jobs from the beginning, so that the two
+// seldom wait for each other.
 bool WorkAhead::begin(std::size_t* index) noexcept
 {
     const MutexHold hold(mutex_);
@@ -121,13 +121,13 @@ void* WorkAhead::help(void* self)
     return nullptr;
 }
 
-// Still, after a while.
-bool WorkAhead::is_going_on(std::size_t index) noexcept
+// Waits up to 50 ms; true if the job is still running.
+bool WorkAhead::is_still_running(std::size_t index) noexcept
 {
     const MutexHold hold(mutex_);
     timespec until = {};
     ::clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_nsec += kWhile;
+    until.tv_nsec += kWaitNs;
     until.tv_sec += until.tv_nsec / kSecond;
     until.tv_nsec %= kSecond;
     const Slot& slot = slots_[index];
@@ -141,7 +141,7 @@ STATUS WorkAhead::result(std::size_t index, Meanwhile meanwhile) noexcept
 {
     if (helperCount_ == 0)
         return job_(context_, index);
-    while (meanwhile != nullptr && is_going_on(index))
+    while (meanwhile != nullptr && is_still_running(index))
         meanwhile(context_, index);
     {
         const MutexHold hold(mutex_);
@@ -153,7 +153,7 @@ STATUS WorkAhead::result(std::size_t index, Meanwhile meanwhile) noexcept
                 errno = slot.error;
             return slot.status;
         }
-        slot.state = State::kExcluded; // mine now
+        slot.state = State::kExcluded; // executed by this thread
     }
     return job_(context_, index);
 }

@@ -1,6 +1,5 @@
 // zncWorkAhead.hpp - runs independent jobs on all processors, with the same results as a sequential
-// run: digests of a manifest's layers, layers of the store. On two processors an image of eight
-// layers is unpacked in a little over half the time.
+// run. Used to compute the digests of a manifest's layers and to extract layers into the store.
 #ifndef ZNCWORKAHEAD_HPP
 #define ZNCWORKAHEAD_HPP
 
@@ -32,14 +31,14 @@ bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept;
 
 // A sequence of jobs. The caller asks for the results in order and executes jobs that no helper
 // thread has started; helpers take the next ones. A later job may therefore run although an earlier
-// one failed, so jobs must be harmless in that case. Without memory or processors for helpers
-// everything happens in result().
+// one failed, so jobs must be harmless in that case. Without memory or processors for helpers, all
+// jobs run in result().
 class WorkAhead {
   public:
-    // `job` runs on several tasks at once, for different indices.
+    // `job` may run on several threads at once, for different indices.
     using Job = STATUS (*)(void* context, std::size_t index);
     WorkAhead(Job job, void* context, std::size_t count) noexcept;
-    ~WorkAhead(); // waits for the jobs that were begun; keeps errno
+    ~WorkAhead(); // waits for the running jobs; preserves errno
     WorkAhead(const WorkAhead&) = delete;
     WorkAhead& operator=(const WorkAhead&) = delete;
 
@@ -50,11 +49,11 @@ class WorkAhead {
     void start_helpers(std::size_t wanted) noexcept;
 
     static constexpr std::size_t kHelpersMax = 3;
-    // How many processors there are besides those that `busy` tasks are on.
+    // The number of processors besides those used by `busy` threads.
     static std::size_t processors_beside(std::size_t busy) noexcept;
 
-    // The result of a job, with its errno when it failed. While another task is at it, `meanwhile`
-    // is called from time to time.
+    // The result of a job; if it failed, errno is set to the job's. While a helper is still
+    // executing it, `meanwhile` (may be null) is called about every 50 ms.
     using Meanwhile = void (*)(void* context, std::size_t index);
     STATUS result(std::size_t index, Meanwhile meanwhile = nullptr) noexcept;
 
@@ -69,7 +68,7 @@ class WorkAhead {
     static void* help(void* self);
     void finish(Slot& slot, STATUS status) noexcept;
     bool begin(std::size_t* index) noexcept;
-    bool is_going_on(std::size_t index) noexcept;
+    bool is_still_running(std::size_t index) noexcept;
 
     Job job_;
     void* context_;

@@ -1,15 +1,15 @@
 /*
  * engine.h - containers without a daemon, for container engines (podman, containerd).
  *
- * The container's own program is the first process of its PID namespace. Who creates a container
- * may end afterwards: the first process is then reparented to the creator's subreaper or to
- * process 1. What is known about a container is kept by the caller (a process, a control group, a
- * directory), not here.
+ * The container's own program is the first process of its PID namespace. The process that creates a
+ * container may end afterwards: the first process of the container is then reparented to the
+ * creator's subreaper or to process 1. The caller keeps the state of a container (its process,
+ * control group and directory); these functions keep none.
  *
- * Containers follow their configuration document (OCI config.json) alone: no restrictions are added
- * to it, and unsupported settings are refused with an error that names them. The members "root",
- * "mounts", "hooks", "annotations" and, in "process", "args", "env" and "cwd" are read by the
- * caller.
+ * Containers are confined only as their configuration document (OCI config.json) specifies: no
+ * restrictions are added, and unsupported settings are refused with an error that names them. The
+ * members "root", "mounts", "hooks", "annotations" and, in "process", "args", "env" and "cwd" are
+ * read by the caller.
  *
  * All calls are for programs with one thread and with root's rights. On failure they return ERROR
  * or -1 with errno set. Functions with a parameter `reason` also write an error message to it
@@ -27,7 +27,7 @@ extern "C" {
 #define ZN_ENGINE_REASON_MAX 512
 #define ZN_ENGINE_DESCRIPTORS_MAX 240 /* that a program gets besides the standard streams */
 
-/* `count` ids from `inside` up are those from `outside` up. */
+/* Maps `count` ids that begin with `inside` to the ids that begin with `outside`. */
 typedef struct znEngineIds {
     uint32_t inside;
     uint32_t outside;
@@ -39,8 +39,8 @@ typedef struct znEngineMount {
     const char* destination;
     const char* type;           /* NULL: none */
     const char* const* options; /* NULL-terminated */
-    /* Of a bind: ids of files and those that they are shown with. None: with the option "idmap" or
-     * "ridmap", those of the container's user namespace. */
+    /* For a bind: maps the owners of files to the owners that the mount shows. If empty, the option
+     * "idmap" or "ridmap" selects the mappings of the container's user namespace. */
     const ZN_ENGINE_IDS* uids;
     size_t uidCount;
     const ZN_ENGINE_IDS* gids;
@@ -52,8 +52,8 @@ typedef struct znEngineProgram {
     const char* cwd; /* absolute; created if missing */
     char* const* argv;
     char* const* envp;
-    /* Number of descriptors, from 3 up, that it also gets; those that are closed or close-on-exec
-     * are skipped. */
+    /* Number of descriptors from 3 up that it also gets. Closed and close-on-exec ones are skipped.
+     */
     int descriptors;
     int console;   /* connected socket that gets the other end of its terminal; -1: no terminal */
     unsigned rows; /* of the terminal; 0: not set */
@@ -63,7 +63,7 @@ typedef struct znEngineProgram {
     int input;        /* its standard input; 0 is that of the caller */
 } ZN_ENGINE_PROGRAM;
 
-/* A process, also if its id is used again. */
+/* Identifies a process even if its id is reused. */
 typedef struct znEngineProcess {
     pid_t pid;
     unsigned long long startTime; /* clock ticks since boot */
@@ -79,26 +79,26 @@ typedef struct znEnginePlan {
     int directory;     /* where the socket for the start is created; no container may reach it */
     ZN_ENGINE_PROGRAM program;
     /*
-     * If not NULL: called for hooks when the root with its mounts is made, before it is entered.
-     * The container's mount namespace then shows the host's tree, with the container's root and its
-     * mounts at `root`. ERROR ends the creation.
+     * Called to run hooks, unless NULL: the root and its mounts have been made but not entered, so
+     * that the container's mount namespace still shows the host's tree, with the container's root
+     * and mounts at `root`. If it returns ERROR, the creation fails.
      */
     STATUS (*prepared)(const ZN_ENGINE_PROCESS* process, void* context);
     void* context;
-    const char* mark; /* for znEngineGroupRemove: no other container has the same; NULL: none */
+    const char* mark; /* for znEngineGroupRemove; unique to the container; NULL: none */
 } ZN_ENGINE_PLAN;
 
 /* Check a configuration without creating anything. */
 STATUS znEngineCheck(const char* document, char* reason, size_t size);
 
-/* Whether documents may name this capability ("CAP_KILL"). Others are refused. */
+/* Whether this capability ("CAP_KILL") is known. Documents that name an unknown one are refused. */
 BOOL znEngineCapabilityKnown(const char* name);
 
 /*
- * Create a container whose first process waits for znEngineStart. Returns a descriptor: when it is
- * closed before znEngineRelease, also by the caller's death, the container ends. The program is
+ * Create a container whose first process waits for znEngineStart. Returns a descriptor. If it is
+ * closed before znEngineRelease, also because the caller ends, the container ends. The program is
  * looked up in this call; if it is not found, `reason` contains the message that engines expect:
- * exec: "sh": executable file not found in $PATH. On failure nothing is left.
+ * exec: "sh": executable file not found in $PATH. On failure, nothing that was created remains.
  */
 int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char* reason,
                    size_t size);
@@ -114,13 +114,13 @@ STATUS znEngineRelease(int container, char* reason, size_t size);
  */
 STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reason, size_t size);
 
-/* Whether a container waits for its start there. */
+/* Whether a container waits for its start in this state directory. */
 BOOL znEngineWaits(int directory);
 
 /*
  * Run a further program in the container of `process`, as a child of the caller, confined as
- * `document` says in "process" and "linux.seccomp". `group`: the container's control group, ""
- * for none. Returns when it runs.
+ * specified by "process" and "linux.seccomp" of `document`. `group`: the container's control group,
+ * "" for none. Returns when it runs.
  */
 STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
                     const ZN_ENGINE_PROGRAM* program, pid_t* pid, char* reason, size_t size);
@@ -128,9 +128,9 @@ STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, cons
 /*
  * Run a hook in the namespaces of the container of `process`, as a child of the caller and in the
  * container's control group, with `input` on its standard input. Its standard streams are otherwise
- * the caller's. With a document it is confined as the container's own program is, and its path is
- * one of the container. Without, it has the rights of the caller; this is for znEnginePlan.prepared
- * only. Returns when it runs.
+ * the caller's. With a document, the hook is confined like the container's program, and its path is
+ * resolved in the container. Without one, it has the rights of the caller; this is for
+ * znEnginePlan.prepared only. Returns when it runs.
  */
 STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
                     const ZN_ENGINE_PROGRAM* hook, const char* input, pid_t* pid, char* reason,
@@ -139,16 +139,16 @@ STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, cons
 /* The process that has this id now; startTime 0 if there is none. */
 ZN_ENGINE_PROCESS znEngineProcessGet(pid_t pid);
 
-/* Whether the process still runs; one that has ended and was not waited for does not. */
+/* Whether the process still runs. A zombie does not. */
 BOOL znEngineProcessAlive(const ZN_ENGINE_PROCESS* process);
 
-/* Wait up to so many milliseconds for the end of the process. TRUE if it has ended. */
+/* Wait up to `milliseconds` for the end of the process. TRUE if it has ended. */
 BOOL znEngineProcessEnded(const ZN_ENGINE_PROCESS* process, int milliseconds);
 
 /* Send a signal, by the host's number. ERROR with ESRCH if the process has ended. */
 STATUS znEngineProcessSignal(const ZN_ENGINE_PROCESS* process, int hostSignal);
 
-/* Control groups by path. They fail with ENOENT if there is none. */
+/* Functions for control groups by path. They fail with ENOENT if there is no such group. */
 STATUS znEngineGroupFreeze(const char* group, BOOL frozen);
 STATUS znEngineGroupFrozen(const char* group, BOOL* frozen);
 STATUS znEngineGroupSignal(const char* group, int hostSignal); /* each process in it */
@@ -157,10 +157,10 @@ STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* 
 /* Change the limits given in `resources`, a JSON object in the format of "linux.resources". */
 STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size);
 /*
- * Remove the group of a container that was created with this mark. If it has the mark, and no group
- * below it with another one has processes, what is in it is killed first. A group with another mark
- * belongs to another container and stays. Without one, it is removed if nothing is in it. OK if it
- * was removed or there is none; EBUSY if it stays.
+ * Remove the group of a container that was created with this mark. If the group has this mark, its
+ * processes are killed first, unless a group below it has another mark and processes. A group with
+ * another mark belongs to another container and is not removed. A group without a mark is removed
+ * if it has no processes. OK if it was removed or does not exist, EBUSY if it stays.
  */
 STATUS znEngineGroupRemove(const char* group, const char* mark);
 

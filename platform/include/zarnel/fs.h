@@ -90,8 +90,7 @@ int znFileOpenAt(int dirFd, const char* name);
 /*
  * Whether something is mounted on the entry `name` of the directory `dirFd`, also in the mount
  * namespace of another process: replacing or removing such an entry would detach the mount. A
- * symbolic link is not followed. 1 or 0 (also if there is no such entry), -1 with the task error
- * number set.
+ * symbolic link is not followed. 1 or 0 (also if there is no such entry), -1 with errno set.
  */
 int znMountedAt(int dirFd, const char* name);
 

@@ -34,13 +34,13 @@ typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespa
 nsid_t znnsCreate(int flags);
 
 /*
- * Create a namespace as the configuration document (OCI config.json) says; NULL: as znnsCreate.
- * Its members "process", "root.readonly" and "linux" decide which of the kernel's namespaces are
- * new, shared or joined, and with which user, rights, limits and filter programs run. `name`
- * becomes part of the control group's name. Returns the id, or -1 with errno set. If the document
- * was refused, `reason` (`size` bytes, ZNNS_REASON_MAX are enough) says which member and why:
- * EINVAL (wrong type or value), ENOTSUP (not supported), EPERM (more than containers have by
- * default, and not allowed by znnsPrivilegedAllow). Else `reason` is unchanged.
+ * Create a namespace as the configuration document (OCI config.json) says; NULL: as znnsCreate. Its
+ * members "process", "root.readonly" and "linux" decide which of the kernel's namespaces are new,
+ * shared or joined, and with which user, rights, limits and filter programs run. `name` becomes
+ * part of the control group's name. Returns the id, or -1 with errno set. If the document was
+ * refused, `reason` (`size` bytes, ZNNS_REASON_MAX are enough) says which member and why: EINVAL
+ * (wrong type or value), ENOTSUP (not supported), EPERM (more than containers have by default, and
+ * not allowed by znnsPrivilegedAllow). Otherwise `reason` is unchanged.
  */
 nsid_t znnsCreateConfigured(int flags, const char* name, const char* document, char* reason,
                             size_t size);

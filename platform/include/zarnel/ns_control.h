@@ -53,8 +53,8 @@ STATUS znnsUseGet(nsid_t ns, ZN_NS_USE* use);
 
 /*
  * Change the limits of the namespace. `resources` is a JSON object as in "linux.resources" of a
- * configuration; what it does not mention stays. ERROR with EINVAL or ENOTSUP and, in `reason`
- * (`size` bytes, 200 are enough), which member was refused and why.
+ * configuration; limits that it does not name are not changed. ERROR with EINVAL or ENOTSUP and, in
+ * `reason` (`size` bytes, 200 are enough), which member was refused and why.
  */
 STATUS znnsLimitsSet(nsid_t ns, const char* resources, char* reason, size_t size);
 
@@ -78,13 +78,13 @@ int znnsRootOpen(nsid_t ns);
  */
 STATUS znnsOwnerGet(nsid_t ns, uid_t* uid, gid_t* gid);
 
-/* The other way round: ids that own files outside to those that programs in the namespace see. */
+/* The reverse: translate ids that own files outside to those that programs in the namespace see. */
 STATUS znnsOwnerInsideGet(nsid_t ns, uid_t* uid, gid_t* gid);
 
 /*
- * From now on, what the calling task creates in file systems belongs to that owner (ids outside, as
- * znnsOwnerGet returns them), and its rights to files are as before. Needed for roots of namespaces
- * with users of their own, where the caller's user does not exist.
+ * From now on, files that the calling task creates belong to this owner (ids outside, as returned
+ * by znnsOwnerGet); the task keeps its rights to files. Needed for roots of namespaces with a user
+ * namespace, in which the caller's user is not mapped.
  */
 STATUS znnsFileOwnerSet(uid_t uid, gid_t gid);
 

@@ -1,5 +1,5 @@
 /*
- * ns_network.h - connecting the network of a namespace by a program in user mode.
+ * ns_network.h - connecting the network of a namespace with the host's by a user-mode program.
  *
  * The program runs outside the namespace, as user and group 65534, with no right to gain others and
  * with three capabilities: SYS_ADMIN to join the network of the namespace, NET_ADMIN to configure

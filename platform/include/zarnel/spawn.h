@@ -61,18 +61,19 @@ STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user);
  * when the program has been loaded or has failed to load.
  *
  * The process inherits the caller's descriptors 0 to 2 and no others. A standard stream that is
- * closed, is close-on-exec or is the null device is replaced by the container's null device. A
- * terminal as descriptor 0 that no session has becomes the controlling terminal. If the user is not
- * root, pipes and such a terminal are given to the user, so that the program can open them again.
+ * closed, is close-on-exec or is the null device is replaced by the container's null device. If
+ * descriptor 0 is a terminal that belongs to no session, it becomes the controlling terminal. If
+ * the user is not root, pipes and such a terminal are given to the user, so that the program can
+ * open them again.
  *
  * The process starts with default signal actions, an empty signal mask, default scheduling, the CPU
  * affinity of the namespace's owner, the working directory of `attr`, and, as the namespace's
  * configuration says: user, capabilities, no-new-privileges, umask, resource limits, out-of-memory
- * score, control group, and the filter of its system calls. What the configuration does not say:
- * root, the container capabilities (none for another user), no-new-privileges, umask 022, the
- * caller's resource limits and out-of-memory score, and the default filter, an allow-list. It may
- * use at most half of the queue memory. A system call through another interface than the native one
- * (32-bit programs) terminates the program with SIGSYS under the default filter.
+ * score, control group, and the filter of its system calls. The defaults are: user root, the
+ * default capabilities (none for another user), no-new-privileges, umask 022, the caller's resource
+ * limits and out-of-memory score, and the default filter, an allow-list. It may use at most half of
+ * the queue memory. A system call through another interface than the native one (32-bit programs)
+ * terminates the program with SIGSYS under the default filter.
  *
  * If `path` does not exist and argv[0] has no "/", the program is looked up in the PATH of `envp`.
  *

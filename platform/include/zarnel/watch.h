@@ -1,5 +1,5 @@
 /*
- * watch.h - waits until the files in a directory change, without looking at them again and again.
+ * watch.h - waits, without polling, until files in a directory change.
  */
 #ifndef ZARNEL_WATCH_H
 #define ZARNEL_WATCH_H
@@ -13,12 +13,11 @@ extern "C" {
 /*
  * Watch the open directory `dirFd`. Returns a close-on-exec descriptor for poll(), which is
  * readable once a file in the directory has been created, written to or renamed into it since the
- * last call of znWatchClear. -1 with the task error number set: EMFILE if the user watches too much
- * already.
+ * last call of znWatchClear. -1 with errno set: EMFILE if the user has too many watches already.
  */
 int znWatchOpen(int dirFd);
 
-/* Forget the changes so far. To be called before the files are looked at. */
+/* Forget the changes so far. To be called before the files are read. */
 void znWatchClear(int watchFd);
 
 #ifdef __cplusplus

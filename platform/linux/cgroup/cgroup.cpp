@@ -17,7 +17,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kTries = 8;               // while others remove the parents
+constexpr int kTries = 8;               // if other processes remove the parents
 constexpr int kLeftoverMs = 2000;       // to remove groups left below an empty group
 constexpr char kCpus[] = "cpuset.cpus"; // v1 and v2
 constexpr char kMems[] = "cpuset.mems";
@@ -63,7 +63,7 @@ int inherit_list(int parent, int group, const char* file)
     return list != nullptr ? control_write(group, file, list) : above.error();
 }
 
-// What a group of v1 needs before a process can be in it.
+// Sets the parameters that a v1 group needs before a process can enter it.
 int prepare_v1(const Hierarchy& in, int parent, int group)
 {
     int error = 0;
@@ -80,14 +80,14 @@ int prepare_v1(const Hierarchy& in, int parent, int group)
     return error;
 }
 
-// A group made in one hierarchy.
+// A group that was created in one hierarchy.
 struct Made {
     const Hierarchy* in = nullptr;
     unsigned existing = 0; // components of the path that existed before
 };
 
-// Removes what this process made, from the bottom up. A parent in which somebody else has made a
-// group meanwhile stays.
+// Removes the groups that this process created, from the bottom up. A parent in which another
+// process has created a group since then is kept.
 void undo(const Made& made, const GroupPath& path)
 {
     const znc::ErrnoSaver keep;

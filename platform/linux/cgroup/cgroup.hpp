@@ -29,7 +29,7 @@ CgroupVersion cgroup_version();
 // groups below it are removed, limits that are not given stay as they are. ENOTSUP with `field` set
 // to the name of the limit ("memory.limit") that this machine has no controller for; with `field`
 // null if there are no hierarchies. If the kernel refuses a limit, its error number and `field`. On
-// failure nothing that was created stays.
+// failure, nothing that was created remains.
 //
 // The limit -1 (unlimited) is accepted without a controller. If there are device rules, devices
 // that no rule allows are refused, and the last rule that matches decides; without rules nothing is
@@ -88,14 +88,15 @@ int cgroup_use(const char* path, CgroupUse& use);
 // The processes in the group and in those below it, host process ids.
 int cgroup_processes(const char* path, List<int>& pids);
 
-// Removes the group and the groups that the container made below it; thaws it and kills what is
-// left in it first, waiting up to two seconds (EBUSY after that, and if this process is in it), and
+// Removes the group and the groups that the container made below it; first thaws it and kills the
+// processes in it, waiting up to two seconds (EBUSY after that, and if this process is in it), and
 // up to ten more if there are very many groups (then EBUSY, too; the next call goes on). OK if
 // there is none. Parents stay.
 int cgroup_remove(const char* path);
 
-// Notes whose group it is, so that a group with the same path that somebody else made or took over
-// is not taken for it. 0 also where this process may not note it.
+// Marks the group as that of a container, so that a group with the same path which another
+// container has created or taken over can be recognised. Returns 0 also in hierarchies where this
+// process may not set the mark.
 int cgroup_mark(const char* path, const char* mark);
 
 // Removes the group that has this mark as cgroup_remove does, unless one below it has another mark

@@ -18,7 +18,7 @@ namespace {
 using znc::UniqueFd;
 
 constexpr char kField[] = "devices";
-constexpr char kProgramName[] = "zn_devices"; // by which programs of this system are recognised
+constexpr char kProgramName[] = "zn_devices"; // identifies the programs attached by this code
 constexpr std::uint32_t kProgramsMax = 64;    // the kernel's limit for a group
 
 // ---------------------------------------------------------------- rules
@@ -171,7 +171,7 @@ class Coder {
         set(kResult, allow ? 1 : 0);
         add(BPF_JMP | BPF_EXIT, 0, 0, 0, 0);
     }
-    // Makes the jump at `at` lead to what is added next.
+    // Sets the target of the jump at `at` to the next instruction that is added.
     void land(std::size_t at)
     {
         if (!failed_)

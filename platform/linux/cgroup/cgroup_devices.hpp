@@ -1,4 +1,4 @@
-// cgroup_devices.hpp - which devices the processes of a group may open and make. Called by
+// cgroup_devices.hpp - which devices the processes of a group may open and create. Called by
 // cgroup_limits.cpp through devices_apply(); the rest is separate for tests.
 //
 // A list of rules is read from its beginning, starting with nothing allowed: of the rules that
@@ -20,7 +20,7 @@ inline constexpr std::size_t kDeviceRulesMax = 256;
 // Compiles rules to the code that the kernel runs on v2 for each access. 0, E2BIG or ENOMEM.
 int device_code(std::span<const DeviceRule> rules, List<bpf_insn>& code);
 
-// What v1 keeps for a group: the devices that are exceptions from allowing or denying all.
+// The state of a v1 group: whether all devices are allowed or denied, and the exceptions.
 struct DeviceList {
     bool allowAll = false;
     List<DeviceRule> exceptions; // `allow` is not used

@@ -57,7 +57,7 @@ ControlLines::ControlLines(int group, const char* file) : file_(control_open(gro
         error_ = errno;
 }
 
-// Reads more behind what is left. False at the end and on errors.
+// Reads more data after the unread rest. False at the end and on errors.
 bool ControlLines::fill()
 {
     std::memmove(text_, text_ + begin_, end_ - begin_);
@@ -94,7 +94,7 @@ const char* ControlLines::next()
             continue;
         if (error_ != 0 || begin_ == end_)
             return nullptr;
-        text_[end_] = '\0'; // the last line has no end
+        text_[end_] = '\0'; // the last line may lack its newline
         line = text_ + begin_;
         begin_ = end_;
         return line;

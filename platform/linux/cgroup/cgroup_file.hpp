@@ -38,7 +38,7 @@ class ControlLines {
 
     znc::UniqueFd file_;
     int error_ = 0;
-    std::size_t begin_ = 0; // of what was read and not yet returned
+    std::size_t begin_ = 0; // of the data that was read but not returned yet
     std::size_t end_ = 0;
     char text_[4096 + 1] = {};
 };

@@ -44,8 +44,8 @@ int write_frozen(bool unified, int group, bool frozen)
     return error == ENOENT ? ENOTSUP : error;
 }
 
-// Waits for a change of the group's state: on v2 the kernel reports it, on v1 reading the state is
-// what brings it up to date.
+// Waits for a change of the group's state: on v2 the kernel reports it, on v1 the kernel updates
+// the state only when it is read.
 void wait_for_change(int events, int milliseconds)
 {
     constexpr int kV1Ms = 1;
@@ -58,7 +58,7 @@ int wait_for(bool unified, int group, bool frozen, std::int64_t deadline)
     const znc::UniqueFd events(unified ? control_open(group, kEventsV2, O_RDONLY)
                                        : znc::UniqueFd());
     for (;;) {
-        // A read of this descriptor ends the state "changed" of poll().
+        // Reading from this descriptor clears the event that poll() reports.
         char text[256];
         if (events)
             static_cast<void>(::pread(events.get(), text, sizeof text, 0) < 0);
@@ -70,7 +70,8 @@ int wait_for(bool unified, int group, bool frozen, std::int64_t deadline)
         if (left <= 0)
             return ETIMEDOUT;
         wait_for_change(events.get(), left);
-        // On v1, a process that was forked meanwhile is frozen only when asked again.
+        // On v1, a process that was forked during freezing is frozen only when FROZEN is written
+        // again.
         error = unified || !frozen ? 0 : write_frozen(unified, group, frozen);
         if (error != 0)
             return error;

@@ -37,7 +37,8 @@ int write_period_and_quota_v1(const LimitGroup& group, const Resources& resource
     bool late = false;
     if (resources.cpuPeriod) {
         error = group.write(kPeriod, *resources.cpuPeriod);
-        // The new period with the old quota may exceed what the parent has.
+        // The new period with the old quota may exceed the parent's share: write the period after
+        // the quota.
         late = error == EINVAL && resources.cpuQuota;
         if (error != 0 && !late)
             return named(error, "cpu.period", field);
@@ -132,7 +133,7 @@ int pids_apply(const Hierarchies& hierarchies, const GroupPath& path, const Reso
     return error == ENOTSUP && limit < 0 ? 0 : named(error, "pids.limit", field);
 }
 
-// Each is applied by one scheduler; a kernel may have both.
+// Writes both files: each is used by a different I/O scheduler.
 int write_io_weight(const LimitGroup& group, std::uint32_t weight)
 {
     const int error =
@@ -219,8 +220,8 @@ int write_hugepage_limit(const LimitGroup& group, const HugepageLimit& limit)
     const int error = group.write({v1, v2}, limit.limit);
     if (error != 0)
         return error;
-    // Where reservations can be limited, too, a program is refused the memory when it asks for it;
-    // else it is killed by a signal when it uses it.
+    // If the kernel can also limit reservations, allocating too many pages fails; otherwise the
+    // program is killed by a signal when it uses them.
     std::snprintf(v1, sizeof v1, "hugetlb.%s.rsvd.limit_in_bytes", limit.size.get());
     std::snprintf(v2, sizeof v2, "hugetlb.%s.rsvd.max", limit.size.get());
     return group.has({v1, v2}) ? group.write({v1, v2}, limit.limit) : 0;
@@ -239,7 +240,7 @@ int hugepages_apply(const Hierarchies& hierarchies, const GroupPath& path,
     return named(error, "hugepageLimits", field);
 }
 
-// After all other limits: these are more exact.
+// Writes the members of "unified", after all other limits, over which they take precedence.
 int unified_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resources& resources,
                   const char** field)
 {

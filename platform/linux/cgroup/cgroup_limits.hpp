@@ -44,7 +44,7 @@ int memory_apply(const Hierarchies& hierarchies, const GroupPath& path, const Re
 int devices_apply(const Hierarchies& hierarchies, const GroupPath& path,
                   const List<DeviceRule>& rules, const char** field);
 
-// What v1 scales from 2 to 262144 and from 10 to 1000, v2 from 1 to 10000.
+// Convert weights of v1 (2 to 262144, and 10 to 1000) to those of v2 (1 to 10000).
 std::uint64_t weight_of_shares(std::uint64_t shares);
 std::uint64_t weight_of_io(std::uint32_t weight);
 

@@ -1,4 +1,4 @@
-// cgroup_mark.cpp - notes in a group whose it is; see cgroup.hpp.
+// cgroup_mark.cpp - marks a group as that of a container; see cgroup.hpp.
 #include "cgroup_known.hpp"
 
 #include <cerrno>
@@ -10,7 +10,7 @@ namespace {
 
 using znc::UniqueFd;
 
-// Only the host's root can set it, not a container that may write to its group.
+// Only the host's root can set a trusted attribute; a container that may write to its group cannot.
 constexpr char kAttribute[] = "trusted.zncontainer";
 constexpr std::size_t kMarkMax = 64;
 
@@ -35,8 +35,8 @@ struct ProcessVisit final : GroupVisit {
     }
 };
 
-// Ends with EBUSY at a group of another container that has processes. Those that a runtime inside
-// the container made, and that ended with it, do not count.
+// Ends with EBUSY at a group of another container that has processes. Groups without processes do
+// not count: a runtime inside the container may have created and marked them.
 struct ForeignVisit final : GroupVisit {
     explicit ForeignVisit(const char* own) : mark(own) {}
     int enter(int group) override

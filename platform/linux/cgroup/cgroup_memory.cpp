@@ -39,8 +39,9 @@ bool exceeds(std::int64_t limit, std::uint64_t now)
     return limit < 0 || static_cast<std::uint64_t>(limit) > now;
 }
 
-// The kernel keeps the limit of memory and swap together at or above that of memory, after each
-// write: what is raised must be raised there first, what is lowered last.
+// After each write, the kernel requires the limit of memory and swap together to be at least that
+// of memory. So memory+swap is written first when limits are raised, and last when they are
+// lowered.
 int write_memory_v1(const LimitGroup& group, const Resources& resources, const char** field)
 {
     std::optional<std::int64_t> both = resources.memorySwap;

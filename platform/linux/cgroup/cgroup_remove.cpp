@@ -1,4 +1,4 @@
-// cgroup_remove.cpp - ends what is left in a group and removes it; see cgroup.hpp.
+// cgroup_remove.cpp - kills the processes in a group and removes it; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
 #include "system/clock.hpp"
@@ -44,8 +44,8 @@ int remove_one(int parent, const char* name, std::int64_t deadline)
     return 0;
 }
 
-// A container may make more groups than can be removed while the caller waits: those that are left
-// when the time is over are removed when it tries again.
+// A container may create more groups than can be removed before the deadline: the remaining ones
+// are removed by the next call.
 struct RemoveVisit final : GroupVisit {
     explicit RemoveVisit(std::int64_t end) : deadline(end) {}
     int leave(int parent, const char* name) override
@@ -71,7 +71,7 @@ int kill_batch(const Hierarchies& hierarchies, const GroupPath& path, std::span<
     return error;
 }
 
-// Kills the processes one by one. They are frozen meanwhile, so that they cannot fork.
+// Freezes the processes, so that they cannot fork, and kills them one by one.
 int kill_listed(const Hierarchies& hierarchies, const GroupPath& path)
 {
     List<int> pids;
@@ -96,7 +96,8 @@ bool kill_unified(const Hierarchies& hierarchies, const GroupPath& path)
     return killed;
 }
 
-// Returns when the group has no processes. EBUSY when the time is over or this process is in it.
+// Returns when the group has no processes. EBUSY at the deadline, or if this process is in the
+// group.
 int kill_all(const Hierarchies& hierarchies, const GroupPath& path, std::int64_t deadline)
 {
     for (int round = 0;; round++) {
@@ -129,8 +130,8 @@ int remove_in(const Hierarchy& in, const GroupPath& path, std::int64_t deadline)
     return error != 0 ? error : remove_one(parent.get(), path.name(), deadline);
 }
 
-// Removes a group without processes and groups below it, as most are that are removed. False if
-// something of it may be left.
+// Removes a group that has neither processes nor groups below it, the usual case. False if part of
+// it may remain.
 bool remove_empty(const Hierarchies& hierarchies, const GroupPath& path)
 {
     for (const Hierarchy& one : hierarchies.all)

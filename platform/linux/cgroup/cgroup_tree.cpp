@@ -99,7 +99,7 @@ int child_names(int group, List<Text>& names)
     return errno;
 }
 
-// The names still to be visited in the groups from the top down to where the walk is.
+// The names that are still to be visited, for each level from the top to the current group.
 class GroupLevels {
   public:
     int descend(int group)
@@ -256,7 +256,7 @@ int groups_visit(int top, GroupVisit& visit)
         levels.ascend();
         if (levels.done())
             break;
-        // A group cannot be moved to another parent, so this is where the walk came from.
+        // A group cannot be moved to another parent, so ".." is the group from which the walk came.
         at.reset(::openat(at.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         error = at ? visit.leave(at.get(), levels.current()) : errno;
     }

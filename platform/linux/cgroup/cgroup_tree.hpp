@@ -45,7 +45,7 @@ struct Hierarchies {
 
 // Reads from the mount table which hierarchies are mounted at or below /sys/fs/cgroup. Those in
 // whose root this process may not create groups are left out: mounted read-only, or owned by
-// somebody else. 0 or an error number.
+// another user. 0 or an error number.
 int hierarchies_read(Hierarchies& hierarchies);
 
 // Adds a hierarchy that is mounted at `point`. 0 or an error number.
@@ -75,11 +75,11 @@ inline znc::UniqueFd group_open(const Hierarchy& hierarchy, const GroupPath& pat
     return group_open(hierarchy.root.get(), path.text());
 }
 
-// Looks where the freezer is on most machines, without reading the mount table. False if the group
-// is not there.
+// Checks the usual paths of the freezer, without reading the mount table. False if the group is not
+// found there.
 bool cgroup_frozen_usual(const char* path, bool& frozen);
 
-// What is done with each group while walking. Both return 0, or an error number that ends the walk.
+// Callbacks for each group of a walk. Both return 0, or an error number that ends the walk.
 struct GroupVisit {
     virtual int enter(int /*group*/) { return 0; } // before the groups below it
     // After the groups below it, for all but the group where the walk began.
@@ -90,7 +90,7 @@ struct GroupVisit {
 };
 
 // Visits a group and all groups below it. Uses two descriptors and no recursion, however deep the
-// groups are. Groups that vanish meanwhile are skipped. 0 or an error number.
+// groups are. Groups that are removed during the walk are skipped. 0 or an error number.
 int groups_visit(int top, GroupVisit& visit);
 
 // Appends the processes in the group and those below it, sorted, each once. A process in a PID

@@ -103,7 +103,7 @@ int add_io(int group, const char* file, const char* read, const char* write, Cgr
     return lines.error();
 }
 
-// Which of the files there are depends on the kernel's version and its schedulers.
+// Which of these files exist depends on the kernel version and its I/O schedulers.
 int io_v1(int group, CgroupUse& use)
 {
     for (const char* file :

@@ -52,7 +52,7 @@ Creation::~Creation()
         cgroup_remove(plan_.group);
 }
 
-// Without a UTS namespace, or in the caller's own, the caller's names would change.
+// Without a new UTS namespace, setting a host name would change that of the caller.
 int Creation::check_names()
 {
     const NsChoice::From from = settings_.from(NsKind::kUts);
@@ -82,8 +82,9 @@ int Creation::make_group()
                              field != nullptr ? field : "");
 }
 
-// The helper joins it, for a process that it creates: while a process shares the memory of this
-// program, or has its file as its own, no container may see it.
+// Opens the PID namespace to be joined. Not this process but the helper joins it, before it creates
+// the first process: a container must not see a process that still shares this program's memory or
+// runs its executable file.
 int Creation::open_pid_namespace()
 {
     if (settings_.from(NsKind::kPid) != NsChoice::From::kPath)

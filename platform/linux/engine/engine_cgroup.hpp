@@ -8,7 +8,7 @@
 
 namespace zn {
 
-// One mount to be attached: the first at the destination, others below it.
+// A mount to be attached: the first one at the destination, the others below it.
 struct CgroupMount {
     char name[64] = {}; // "": at the destination itself
     znc::UniqueFd mount;

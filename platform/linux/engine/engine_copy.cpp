@@ -43,7 +43,7 @@ bool copy_file(int from, int to, const char* name, const struct stat& st)
     do
         n = ::sendfile(out.get(), in.get(), nullptr, std::size_t{1} << 30U);
     while (n > 0);
-    // Changing the owner takes the set-user-ID bit away, so the mode comes last.
+    // Changing the owner clears the set-user-ID bit, so the mode is set last.
     return n == 0 && copy_owner(to, name, st) && ::fchmod(out.get(), st.st_mode & 07777) == 0;
 }
 

@@ -4,8 +4,8 @@
 
 namespace zn {
 
-// Copies what the directory `path` of the tree `root` holds, and its owner and, if `mode`, its
-// mode, into the directory `to`. `path` is resolved inside the tree. True also if there is no such
+// Copies the contents of the directory `path` of the tree `root`, its owner and, with `mode`, its
+// mode to the directory `to`. `path` is resolved inside the tree. True also if there is no such
 // directory; false with errno set. Hard links become files of their own.
 bool directory_copy(int root, const char* path, int to, bool mode);
 

@@ -47,7 +47,7 @@ class Creation {
     struct Channels {
         znc::UniqueFd ours; // requests and replies
         znc::UniqueFd theirs;
-        znc::UniqueFd report; // what a failing start is reported to
+        znc::UniqueFd report; // pipe for the report of a failed start
     };
     int launch();
     int open_channels(Channels& channels);
@@ -57,7 +57,7 @@ class Creation {
     int launch_maker();
     int enter_own_mounts();
     int set_limits();
-    // Who makes the root: with a user namespace a process that has the rights of the host.
+    // The process that makes the root: with a user namespace, one that has the rights of the host.
     Keeper& maker() { return user_ ? maker_ : first_; }
     int ask(wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
@@ -86,7 +86,7 @@ class Creation {
     Reason& reason_;
     EngineSettings settings_;
     znc::UniqueFd root_;
-    znc::UniqueFd pidNamespace_; // that is joined
+    znc::UniqueFd pidNamespace_; // to be joined; invalid: none
     znc::UniqueFd report_;
     znc::UniqueFd control_; // a second descriptor of the socket, for keep()
     EngineUser user_;

@@ -8,7 +8,8 @@
 
 namespace zn {
 
-// The time namespace becomes that of children only. The PID namespace is joined by the helper.
+// Joins the namespaces; the time namespace applies only to children. The PID namespace is joined by
+// the helper.
 class JoinedNamespaces {
   public:
     // 0, or an error number with the reason said.

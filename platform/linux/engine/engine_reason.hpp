@@ -1,4 +1,5 @@
-// engine_reason.hpp - says why a call of zarnel/engine.h failed. Used by the files of this folder.
+// engine_reason.hpp - writes the error message of a function of zarnel/engine.h. Used by the files
+// of this folder.
 #ifndef ZN_ENGINE_REASON_HPP
 #define ZN_ENGINE_REASON_HPP
 
@@ -13,7 +14,8 @@ class Reason {
   public:
     Reason(char* text, std::size_t size) : text_(text), size_(size) {}
 
-    // Each returns `error`, and says why unless it is 0 or a reason was given before.
+    // Each function returns `error`. It writes a message unless `error` is 0 or a message was
+    // written before.
     int say(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));
     // "FORMAT: message of the error".
     int say_errno(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));

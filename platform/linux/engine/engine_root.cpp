@@ -44,7 +44,7 @@ int Creation::pivot()
         "cannot enter the root filesystem %s", plan_.root);
 }
 
-// Of the root, once it is one; 0: it stays as it is.
+// The MS_ bits to be applied to the root once it is the root; 0: none.
 std::uint64_t Creation::shared_propagation() const
 {
     const std::uint64_t wanted = settings_.settings().rootPropagation.value_or(MS_PRIVATE);
@@ -214,7 +214,7 @@ bool is_dev(std::string_view path)
     return found;
 }
 
-// Whether the configuration provides /dev with all that belongs into it.
+// Whether the configuration binds a directory to /dev, which then provides all devices.
 bool binds_dev(const ZN_ENGINE_PLAN& plan)
 {
     for (std::size_t i = 0; i < plan.mountCount; i++) {
@@ -285,7 +285,7 @@ int Creation::set_parameters()
     return 0;
 }
 
-// As many paths in each request as it has room for.
+// Sends as many paths in each request as fit.
 int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* field)
 {
     char text[8192];

@@ -23,7 +23,7 @@ using znc::UniqueFd;
 // said.
 int Creation::adopt_created(pid_t pid, UniqueFd pidfd, UniqueFd socket, Keeper& process)
 {
-    // It reports before it ends, if at all.
+    // Wait for the report or the end: the process sends the report, if any, before it ends.
     pollfd events[] = {{report_.get(), POLLIN, 0}, {pidfd.get(), POLLIN, 0}};
     wire::SpawnReport report = {};
     const bool said =
@@ -110,7 +110,7 @@ int Creation::enter_own_mounts()
         error = find_program(first_);
     if (error == 0)
         error = set_limits();
-    // It ends then.
+    // The maker ends after this request.
     return error == 0 ? reason_.say_errno(ask(maker_, request_of(wire::Op::kWait)), "zn-make")
                       : error;
 }

@@ -110,7 +110,8 @@ unsigned long EngineSettings::clone_flags() const
 
 unsigned long EngineSettings::created_flags() const
 {
-    // Without new namespaces a process is still created: the mark is no flag of a namespace.
+    // A second process must be created even if no further namespace is new. CLONE_PARENT, which is
+    // not a namespace flag, makes the result nonzero in that case.
     constexpr unsigned long kNone = CLONE_PARENT;
     const unsigned long flags = new_namespaces();
     const bool second =

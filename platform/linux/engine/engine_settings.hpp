@@ -37,7 +37,7 @@ class EngineSettings {
     // is none.
     [[nodiscard]] unsigned long created_flags() const;
 
-    // Makes the programs those of a user namespace with these mappings.
+    // Makes the record describe programs in a user namespace with these mappings.
     int set_users(const List<IdMapping>& uids);
 
     // Completes the device rules: the devices that every container has are always allowed.

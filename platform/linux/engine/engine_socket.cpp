@@ -18,7 +18,7 @@ constexpr char kName[] = "start";
 
 static_assert(3 + kHelperFds + ZN_ENGINE_DESCRIPTORS_MAX <= kLaunchFdsMax);
 
-// Paths of sockets are short, and the directory's may be long.
+// Through the descriptor, because socket paths are limited to about 100 bytes.
 sockaddr_un address_in(int directory)
 {
     sockaddr_un address = {};
@@ -39,7 +39,8 @@ UniqueFd connect_to(const sockaddr_un& address, int type)
 
 } // namespace
 
-// A first process that is stopped accepts nobody, and those who look fill its queue.
+// Non-blocking: a first process that is stopped does not accept connections, and clients that only
+// check whether it waits can fill the queue of the socket.
 UniqueFd start_connect(int directory)
 {
     return connect_to(address_in(directory), SOCK_SEQPACKET | SOCK_NONBLOCK);
@@ -126,7 +127,7 @@ int znEngineConnect(const char* path)
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (std::strlen(path) >= sizeof address.sun_path) {
-        // A longer one is reached through a descriptor of its directory.
+        // A longer path is reached through a descriptor of its directory.
         const char* slash = std::strrchr(path, '/');
         char above[4096];
         std::snprintf(above, sizeof above, "%.*s", static_cast<int>(slash - path), path);

@@ -1,5 +1,5 @@
-// engine_socket.hpp - the socket by which a container is started, and what its processes are given
-// at their start. Used by the files of this folder.
+// engine_socket.hpp - the socket by which a container is started, and the arguments and descriptors
+// of its processes. Used by the files of this folder.
 #ifndef ZN_ENGINE_SOCKET_HPP
 #define ZN_ENGINE_SOCKET_HPP
 
@@ -16,8 +16,7 @@ namespace zn {
 znc::UniqueFd start_socket_make(int directory);
 void start_socket_remove(int directory);
 
-// Connects to it. Invalid with errno set: EAGAIN if a container waits that does not answer at the
-// moment.
+// Connects to it. Invalid with errno set: EAGAIN if a container waits but its queue is full.
 znc::UniqueFd start_connect(int directory);
 
 // A pidfd of the process; invalid with ESRCH if it has ended.

@@ -78,8 +78,8 @@ int finish(int error)
     return ERROR;
 }
 
-// Reads until the other end is closed. EBUSY if the group is frozen meanwhile: whoever enters it
-// then stays frozen.
+// Reads until the other end is closed. EBUSY if the group is frozen: a process that has entered it
+// does not continue.
 int follow(int reader, const char* group, Outcome& outcome)
 {
     constexpr int kLookMs = 200;
@@ -94,7 +94,7 @@ int follow(int reader, const char* group, Outcome& outcome)
     }
 }
 
-// Starts the helper that joins the container; `report` gets what it says.
+// Starts the helper that joins the container; `report` is the reading end of its reports.
 int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int process, int record,
                    const char* group, Outcome& outcome)
 {
@@ -119,7 +119,7 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     writer.reset();
     const int error = follow(reader.get(), group, outcome);
     if (error != 0)
-        process_signal(pidfd.get(), SIGKILL); // it dies when it is thawed
+        process_signal(pidfd.get(), SIGKILL); // it ends when the group is thawed
     else
         process_reap(pidfd.get());
     return error;
@@ -172,7 +172,7 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
                             program.file != nullptr ? program.file : program.argv[0], program.cwd);
 }
 
-// A file in memory that whoever reads it cannot change. It is at its beginning.
+// A sealed file in memory with the text, which no reader can change. The offset is 0.
 UniqueFd sealed_text(const char* text)
 {
     UniqueFd file(::memfd_create("zn-state", MFD_CLOEXEC | MFD_ALLOW_SEALING));

@@ -1,5 +1,5 @@
 // engine_user.hpp - the user namespace of an engine's container: a new one or an existing one, and
-// which users of the host the container's users are. Called by the other files of this folder.
+// how the container's users map to users of the host. Called by the other files of this folder.
 #ifndef ZN_ENGINE_USER_HPP
 #define ZN_ENGINE_USER_HPP
 
@@ -10,8 +10,8 @@ namespace zn {
 
 class EngineUser {
   public:
-    // Creates or opens the namespace that the settings name; none is no error. The settings must
-    // exist as long as this object. 0 or an error number.
+    // Creates or opens the namespace that the settings specify; does nothing if they specify none.
+    // The settings must exist as long as this object. 0 or an error number.
     int open(const Settings& settings);
 
     // Reads the mappings of the user namespace of a process. 0 or an error number.
@@ -26,8 +26,9 @@ class EngineUser {
     [[nodiscard]] std::optional<std::uint32_t> host_gid(std::uint32_t gid) const;
     [[nodiscard]] const List<IdMapping>& uids() const { return uids_; }
 
-    // Makes the owners that a file system is given (options "uid" and "gid") ids of the host, and
-    // the container's root that of a tmpfs. 0 or an error number: EINVAL if an id is not mapped.
+    // Translates the owners in the options "uid" and "gid" of a file system to ids of the host, and
+    // makes the container's root the owner of a tmpfs without these. 0 or an error number: EINVAL
+    // if an id is not mapped.
     int map_options(MountPlan& plan) const;
 
   private:

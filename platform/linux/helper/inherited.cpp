@@ -1,6 +1,7 @@
 // inherited.cpp - resets what a program would inherit from its caller and must not: scheduling, CPU
 // affinity, memory policies, and the host's null device. Resource limits, the control group and the
-// out-of-memory score are kept, since an administrator limits with them what a caller starts.
+// out-of-memory score are kept, since an administrator uses them to limit the processes that a
+// caller starts.
 
 #include "helper.hpp"
 #include "sys.hpp"
@@ -51,8 +52,8 @@ sys::Fd open_container_null(std::uint64_t flags)
 }
 
 // The null device in the container's /dev, which the program could open itself. The container may
-// have put another file there: it is looked at first, and opening it must not wait for anybody, as
-// for the holder of a lease.
+// have put another file there: so its type is checked first, and it is opened without blocking, for
+// example because of a lease.
 sys::Fd container_null()
 {
     if (!open_container_null(O_PATH).valid())

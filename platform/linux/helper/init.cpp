@@ -39,7 +39,7 @@ int error_of(long result)
 
 // ---------------------------------------------------------------- requests
 
-// pivot_root refuses a root that is shared; it becomes so afterwards.
+// pivot_root refuses a shared root, so the propagation is set afterwards.
 int share_root(std::uint64_t propagation)
 {
     return propagation == 0 ? 0
@@ -125,8 +125,8 @@ struct Place {
     int error = 0;
 };
 
-// Nothing that exists is replaced: it may be a file of a volume. What the configuration has mounted
-// there stays, and so does the same device.
+// Existing files are not replaced, because they may be part of a volume. A mount from the
+// configuration at this path, or a node of the same device, is kept.
 int node_keep(int directory, const char* name, const wire::Node& node)
 {
     struct statx st = {};
@@ -139,7 +139,7 @@ int node_keep(int directory, const char* name, const wire::Node& node)
     return isSame ? 0 : EEXIST;
 }
 
-// Those in /dev must not be created elsewhere, where a symbolic link leads.
+// Refuses a symbolic link at /dev: devices must not be created where it leads.
 int refuse_device_link(const char* path)
 {
     constexpr char kDev[] = "/dev/";
@@ -199,9 +199,9 @@ int protect_all(const Incoming& in)
     return error;
 }
 
-// The copy belongs to the user namespace of this process. What was mounted in the original, with
-// the rights of the host, cannot be undone in it: the kernel locks mounts that cross user
-// namespaces, and their flags.
+// The copy belongs to the user namespace of this process. The mounts of the original, which were
+// made with the rights of the host, cannot be unmounted or changed in the copy: the kernel locks
+// mounts that are copied to another user namespace, and their flags.
 int own_mounts(const Incoming& in)
 {
     int error = error_of(sys::call(__NR_unshare, CLONE_NEWNS));
@@ -256,8 +256,8 @@ int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoo
     }
 }
 
-// Serves requests until one asks to wait for the start. The request is on the stack only until
-// then.
+// Serves requests until one asks to wait for the start. A separate function, so that the large
+// request does not stay on the stack.
 void serve_all(Program& program)
 {
     Incoming in;
@@ -293,8 +293,9 @@ void wait_for_start()
     }
 }
 
-// The label takes effect with the next program, which is the container's, also if a child of this
-// process executes it. The host's procfs is not there any more when it does.
+// The label takes effect with the next execve(), by this process or a child of it, which is that of
+// the container's program. By then the host's procfs is no longer accessible, so the label is
+// written here.
 void choose_labels_on_host(const Rules& rules)
 {
     if (rules->labels == 0)
@@ -323,7 +324,7 @@ void report_process(long pid)
     sys::call(__NR_write, wire::kSpawnerReport, sys::arg(&message), sizeof message);
 }
 
-// The text for timens_offsets, which is the last one.
+// The text for timens_offsets, the last text of the record.
 const char* offsets_of(const Rules& rules)
 {
     const char* text = rules.entries();
@@ -332,8 +333,8 @@ const char* offsets_of(const Rules& rules)
     return text;
 }
 
-// Makes a time namespace for the children of this process. The file is opened on the host before
-// the user namespace is entered, where this process could not write to it.
+// Creates a time namespace for the children of this process. `file` was opened before the user
+// namespace was entered, because inside it this process could not open it for writing.
 void make_time_namespace(const Rules& rules, int file)
 {
     check(sys::call(__NR_unshare, CLONE_NEWTIME));
@@ -342,8 +343,8 @@ void make_time_namespace(const Rules& rules, int file)
         check(sys::call(__NR_write, file, sys::arg(offsets), static_cast<long>(strlen(offsets))));
 }
 
-// Creates the process that becomes the program, a child of the caller as this one, in the user
-// namespace and with the namespaces that belong to it. Returns in the new process.
+// Creates the process that becomes the program. Like this process it is a child of the caller; it
+// is in the user namespace and in new namespaces owned by that. Returns only in the new process.
 void create_in_namespaces(const Rules& rules)
 {
     const std::uint64_t flags = rules->created;
@@ -354,7 +355,8 @@ void create_in_namespaces(const Rules& rules)
     if ((rules->namespaces & CLONE_NEWPID) != 0)
         check(sys::call(__NR_setns, wire::kInitPid, CLONE_NEWPID));
     if (rules->user != 0) {
-        // The root changes later, for processes that have that of the namespace.
+        // The root is changed later, which affects only processes that have the root of the mount
+        // namespace.
         check(-chroot_leave());
         user_enter(rules, wire::kInitUser);
     }
@@ -386,7 +388,7 @@ void init_run(char** argv, char** envp)
     const Rules rules;
     prepare_on_host(rules);
     choose_labels_on_host(rules);
-    // After entering the control group, which becomes the root of the namespace.
+    // After entering the control group, which becomes the root of the cgroup namespace.
     if (rules->created != 0)
         create_in_namespaces(rules);
     else if (rules->ownControlGroup != 0)
@@ -407,7 +409,8 @@ void maker_run(char** argv, char** envp)
     begin(wire::kMakerName, argv, envp, program);
     const Rules rules;
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
-    // A child, because a procfs shows the PID namespace of the process that mounts it.
+    // Serve in a child, which is in the PID namespace: a procfs shows the PID namespace of the
+    // process that mounts it.
     const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);
     if (pid == 0) {
         serve_all(program);

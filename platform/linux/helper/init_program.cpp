@@ -95,8 +95,8 @@ int find_program(Program& program)
     return error;
 }
 
-// The user gets the streams, so that the program can open "/dev/stdout". A device that others use,
-// too, keeps its owner.
+// The user gets the streams, so that the program can open "/dev/stdout". A device, which other
+// processes use, too, keeps its owner.
 void chown_streams(long uid)
 {
     constexpr long kPipes = 0x50495045; // PIPEFS_MAGIC
@@ -137,12 +137,13 @@ int give_descriptors(int count)
     for (int fd = 3; fd < wire::kInitFdEnd; fd++)
         sys::call(__NR_close, fd);
     for (int i = 0; i < count; i++) {
-        // One that the caller does not have is not there, whatever had the number before.
+        // If the caller does not have the descriptor, close the number, which may be in use.
         if (sys::call(__NR_dup3, wire::kInitFdEnd + i, 3 + i, 0) < 0)
             sys::call(__NR_close, 3 + i);
         sys::call(__NR_fcntl, wire::kInitFdEnd + i, F_SETFD, FD_CLOEXEC);
     }
-    // Those that were just moved may have taken one of the higher numbers.
+    // A number that a descriptor was moved to may be one of the old numbers, which were made
+    // close-on-exec above: clear the flag.
     for (int i = 0; i < count; i++)
         sys::call(__NR_fcntl, 3 + i, F_SETFD, 0);
     for (int fd = 3 + count; fd < wire::kInitFdEnd + count; fd++)
@@ -166,7 +167,7 @@ void program_become(const Rules& rules, const Program& program)
     sys::call(__NR_umask, rules->umask);
     if (!program.keepKeyring)
         join_new_session_keyring();
-    // In a user namespace hard limits cannot be raised: they have been set.
+    // In a user namespace hard limits cannot be raised: they were set before it was entered.
     if (rules->user == 0) {
         program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kLimits, 0);
         set_limits(rules);

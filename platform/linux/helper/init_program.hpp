@@ -10,7 +10,7 @@ namespace zn {
 
 inline constexpr std::size_t kProgramPathMax = 4096;
 
-// What argv and envp say about the program.
+// The program as described by argv and envp of the helper.
 struct Program {
     const char* directory;
     int descriptors; // how many it gets besides the standard streams
@@ -29,8 +29,8 @@ void user_enter(const Rules& rules, int descriptor);
 
 void program_read(char** argv, char** envp, Program& program);
 
-// Makes the working directory and looks the program up. 0 or an error number; `what` says what it
-// is about, as a wire::SpawnReport::Kind.
+// Makes the working directory and looks the program up. 0 or an error number; `what` is then the
+// wire::SpawnReport::Kind of the error.
 int program_find(Program& program, std::uint64_t* what);
 
 // Makes a pseudo-terminal in the container's devpts the standard streams, sends its other end, and

@@ -59,7 +59,7 @@ void choose_identity(const Rules& rules, const char* text, Identity& user);
 void prepare_on_host(const Rules& rules);
 
 // Chooses the security labels that the program will have. `proc` is the host's procfs: that of the
-// container may be covered. EACCES: the label does not exist or may not be given.
+// container may be covered. EACCES: the label does not exist or must not be assigned.
 void choose_labels(const Rules& rules, int proc);
 
 void join_new_session_keyring();

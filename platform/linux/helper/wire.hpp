@@ -1,8 +1,8 @@
 // wire.hpp - the protocol between the platform and its helper program. Both are always from the
 // same build (the helper is embedded in the library), so records are sent as raw memory.
 //
-// Used by the namespace service, by znSpawn and by the helper. Only freestanding headers may be
-// included: the helper has no C library.
+// Used by the namespace service, znSpawn, the containers of engines, and the helper. Only
+// freestanding headers may be included: the helper has no C library.
 #ifndef ZN_HELPER_WIRE_HPP
 #define ZN_HELPER_WIRE_HPP
 

@@ -26,7 +26,7 @@ inline constexpr char kDaemonGroup[] = "/zarnel/";
 // system calls or lets a tracer allow them, negative OOM scores, limits that permit real-time
 // scheduling or negative nice values, more than kDefaultPidsLimit processes, control files by name,
 // a control group path outside kDaemonGroup, a root that shares mounts with the host. The rules of
-// a filter are not compared with the default filter. Masked and read-only paths are not looked at:
+// a filter are not compared with the default filter. Masked and read-only paths are not checked:
 // within the defaults they are added to the default ones (default_paths.hpp).
 bool settings_within_defaults(const Settings& settings, SettingsFault& fault);
 

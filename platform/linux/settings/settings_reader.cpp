@@ -51,8 +51,8 @@ bool read_root(JsonReader& reader, const Node& at, Settings& settings)
     return read_object(reader, at, kRoot, settings, Others::kIgnored);
 }
 
-// Only this spelling is known to readers of the standard's documents. Another one would be ignored,
-// with all restrictions in it.
+// Other spellings of "linux" are refused: other runtimes know only this one, and would ignore the
+// section with all its restrictions.
 bool read_linux_section(JsonReader& reader, const Node& at, Settings& settings)
 {
     if (std::string_view(at.name) != "linux")

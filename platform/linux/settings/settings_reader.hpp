@@ -5,11 +5,11 @@
 //
 // Every member named in settings.hpp is checked by type and range. Members of "linux" and "process"
 // that restrict or grant something and are not supported are refused with an error that names them.
-// Those that the standard does not know are ignored, as it demands, but not inside the objects that
-// are read here, whose meaning they could change. A name that occurs twice in an object that is
-// read here, also in another case, is refused. Names are compared exactly, except for those that
-// the library reads as well ("process", "root" and some of their members), whose case it ignores. A
-// member that is null counts as absent.
+// Members that the OCI runtime specification does not define are ignored, as it requires, except in
+// the objects that are read here, whose meaning they could change. A name that occurs twice in an
+// object that is read here, also in another case, is refused. Names are compared exactly, except
+// for those that the library reads as well ("process", "root" and some of their members), whose
+// case it ignores. A member that is null counts as absent.
 //
 // Numbers beyond 2^53 could have been rounded by the parser. They are accepted only for limits:
 // anything from 2^63 means unlimited.

@@ -13,7 +13,7 @@ bool is_zero(const Node& at)
     return cJSON_IsNumber(at.value) != 0 && at.value->valuedouble == 0;
 }
 
-// Of the values that are never zero, engines write zero for those that are not set.
+// Reads a value that cannot be zero: engines write zero if it is not set, which counts as absent.
 template <auto kRead> bool read_unless_zero(JsonReader& reader, const Node& at, Resources& to)
 {
     return is_zero(at) || kRead(reader, at, to);

@@ -1,5 +1,5 @@
-// settings_seccomp.cpp - reads "linux.seccomp". Whether the kernel and the compiler of filters know
-// the architectures and flags is found out when the filter is compiled.
+// settings_seccomp.cpp - reads "linux.seccomp". Whether the kernel and libseccomp support the
+// architectures and flags is checked when the filter is compiled.
 #include "settings_sections.hpp"
 
 namespace zn {

@@ -17,8 +17,8 @@ bool read_device_rule(JsonReader& reader, const Node& at, DeviceRule& rule);
 bool read_sysctl(JsonReader& reader, const Node& at, Settings& settings);
 bool read_seccomp(JsonReader& reader, const Node& at, SeccompProfile& profile);
 
-// What can be judged only once the whole document was read, whatever the order of its members:
-// mappings need a user namespace, and kernel parameters a namespace of the container's own.
+// Checks that need the whole document, since the order of its members is arbitrary: mappings
+// require a user namespace, and kernel parameters a namespace of the container's own.
 bool check_namespaces(JsonReader& reader, const Settings& settings);
 bool check_sysctl(JsonReader& reader, const Settings& settings);
 

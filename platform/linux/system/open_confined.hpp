@@ -1,6 +1,6 @@
-// open_confined.hpp - opens paths that must not lead out of a directory, with openat2.
-// Used by whatever resolves a path in a container's root or below a control group. Permissions and
-// types are the caller's to check.
+// open_confined.hpp - opens paths that must not lead out of a directory, with openat2. Used by
+// whatever resolves a path in a container's root or below a control group. The caller must check
+// permissions and file types.
 #ifndef ZN_OPEN_CONFINED_HPP
 #define ZN_OPEN_CONFINED_HPP
 
@@ -16,8 +16,8 @@
 
 namespace zn {
 
-// Opens `path` from `directory` with RESOLVE_* of `resolve`; close-on-exec. Without a descriptor,
-// errno says why.
+// Opens `path` from `directory` with RESOLVE_* of `resolve`; close-on-exec. Invalid with errno set
+// on failure.
 inline znc::UniqueFd open_confined(int directory, const char* path, int flags,
                                    std::uint64_t resolve)
 {

@@ -1,5 +1,6 @@
-// own_namespace.hpp - whether a namespace is that of the caller. Used where what a configuration
-// changes in a namespace that it names by path must not be changed for the caller.
+// own_namespace.hpp - whether a path names a namespace of the caller. Used before a setting is
+// applied to a namespace that a configuration names by path, since it must not change the caller's
+// own.
 #ifndef ZN_OWN_NAMESPACE_HPP
 #define ZN_OWN_NAMESPACE_HPP
 
@@ -8,7 +9,7 @@
 
 namespace zn {
 
-// `file`: the name of the kind below /proc/self/ns. A path that does not exist is none.
+// `file`: the name of the namespace type below /proc/self/ns. False for a path that does not exist.
 inline bool is_own_namespace(const char* path, const char* file)
 {
     char own[64];

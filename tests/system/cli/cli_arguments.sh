@@ -70,15 +70,15 @@ usage_error 'a signal with more behind it is no option' "$kill_usage"
 run zncctl lsit
 check 'a similar command is suggested' grep -qx "zncctl: hint: did you mean 'list'?" "$work/err"
 run zncctl image inspct
-check 'also one of two words' grep -qx "zncctl: hint: did you mean 'image inspect'?" "$work/err"
+check 'a similar command of two words is suggested' grep -qx "zncctl: hint: did you mean 'image inspect'?" "$work/err"
 run zncctl ps --filtr x
-check 'and a similar option' grep -qx "zncctl: hint: did you mean '--filter'?" "$work/err"
+check 'a similar option is suggested' grep -qx "zncctl: hint: did you mean '--filter'?" "$work/err"
 run zncctl frobnicate
-check 'but nothing else' not grep -q '^zncctl: hint' "$work/err"
+check 'nothing is suggested if nothing is similar' not grep -q '^zncctl: hint' "$work/err"
 run zncctl run --help
 check 'run --help lists its options, without the long line' test "${out%%$'\n'*}" = \
     'usage: zncctl run [OPTION...] [IMAGE] [COMMAND] [ARG...]'
-check 'with -h as the host name' grep -q '^  -h, --hostname NAME ' "$work/out"
+check 'the help of run shows -h as the host name' grep -q '^  -h, --hostname NAME ' "$work/out"
 run zncctl --version
 check 'the version is one line' grep -qx 'zncctl [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 

@@ -10,12 +10,12 @@ for shell in bash zsh fish; do
     cp "$work/out" "$work/$shell"
 done
 run zncctl completion tcsh
-check 'for another shell it is a usage error' test "$status/$out" = 64/
+check 'completion for an unknown shell is a usage error' test "$status/$out" = 64/
 
-check 'the one for bash is well formed' bash -n "$work/bash"
+check 'the completion for bash is well formed' bash -n "$work/bash"
 for shell in zsh fish; do
     if command -v $shell >/dev/null; then
-        check "the one for $shell is well formed" $shell -n "$work/$shell"
+        check "the completion for $shell is well formed" $shell -n "$work/$shell"
     else
         printf 'skipped: %s is not installed, its script is not parsed\n' $shell
     fi

@@ -28,7 +28,7 @@ eventually logged web ready
 # Without control groups nothing of this is possible, and the commands say so.
 run zncctl pause web
 if [[ $err == *'no control groups'* ]]; then
-    check 'without control groups pause says so' test "$status/$out" = 1/
+    check 'without control groups pause fails with a message' test "$status/$out" = 1/
     run zncctl stats --no-stream web
     fails_with 'and stats' 1 'this machine has no cgroups, which are needed to measure usage'
     run zncctl exec web echo works
@@ -40,19 +40,19 @@ fi
 expect 'pause prints the id' 0 web ''
 
 # A paused container.
-check 'it is listed as paused' status_is web paused
+check 'a paused container is listed as paused' status_is web paused
 run zncctl list -f json
-check 'also as JSON, where the daemon has it running' json \
+check 'JSON lists it as paused and the daemon state as running' json \
     'assert docs[0][0]["paused"] is True and docs[0][0]["status"] == 2, docs'
 run zncctl list -q --status paused
 expect 'the list can be filtered for it' 0 web ''
 run zncctl list -q --status running
-expect 'it is not listed as running' 0 '' ''
+expect 'a paused container is not listed as running' 0 '' ''
 run zncctl inspect web
 check 'inspect says it' python3 -c \
     'import json, sys; s = json.load(open(sys.argv[1]))[0]["State"]; assert s["Paused"] and s["Running"], s' "$work/out"
 run zncctl state web
-check 'and state' grep -q '"paused": true' "$work/out"
+check 'state shows that it is paused' grep -q '"paused": true' "$work/out"
 before=$(lines web)
 run zncctl pause web
 fails_with 'it cannot be paused twice' 3 'it is paused already'
@@ -65,8 +65,8 @@ check 'top lists its processes' grep -q 'echo tick' "$work/out"
 check 'a paused container writes no output' test "$(lines web)" = "$before"
 run zncctl resume web
 expect 'resume prints the id' 0 web ''
-check 'it is running again' status_is web running
-check 'its processes go on' eventually grows web "$before"
+check 'a resumed container is running' status_is web running
+check 'its processes continue after resume' eventually grows web "$before"
 run zncctl inspect web
 check 'inspect says it' grep -q '"Paused": false' "$work/out"
 run zncctl unpause web
@@ -76,10 +76,10 @@ fails_with 'it cannot be resumed twice' 3 'it is not paused'
 run zncctl pause -q web
 run zncctl kill -q -s TERM web
 expect 'a signal to a paused container is accepted' 0 '' ''
-check 'it stays paused' status_is web paused
+check 'a signal does not resume a paused container' status_is web paused
 run zncctl resume -q web
-check 'and gets the signal then' eventually status_is web stopped
-check 'with the exit code that follows' test "$(field web 3)" = 5
+check 'the signal is delivered after resume' eventually status_is web stopped
+check 'the exit code after the signal is listed' test "$(field web 3)" = 5
 for command in pause resume; do
     run zncctl $command web
     fails_with "$command of a stopped container exits 3" 3 'it is not running'
@@ -98,29 +98,29 @@ paused() {
 paused web
 run timeout 60 "$ZNCCTL" kill -s KILL web
 expect 'KILL ends a paused container' 0 web ''
-check 'at once' eventually status_is web stopped
-check 'by the signal' test "$(field web 3)" = 137
+check 'KILL ends a paused container at once' eventually status_is web stopped
+check 'its exit code is that of KILL' test "$(field web 3)" = 137
 zncctl delete -q web
 paused web
 run timeout 60 "$ZNCCTL" stop web
 expect 'stop resumes a paused container' 0 web ''
-check 'which handles the signal' test "$(field web 3)" = 5
+check 'the program handles the signal of stop after resume' test "$(field web 3)" = 5
 zncctl delete -q web
 paused web
 run zncctl delete web
 fails_with 'a paused container is not deleted' 3 'Container in use'
 run timeout 60 "$ZNCCTL" delete -f web
-expect 'unless with --force' 0 web ''
+expect 'delete --force deletes a paused container' 0 web ''
 paused one
 paused two
 run timeout 60 "$ZNCCTL" resume one nosuch two
-check 'one failure among several is reported' test "$status/$out/$(error_line)" = \
+check 'one failure of several ids is reported' test "$status/$out/$(error_line)" = \
     $'2/one\ntwo/nosuch: Container does not exist'
 zncctl pause -q one
 stop_daemon
 check 'the daemon ends with a paused container' test "$status" = 0
 start_daemon
-check 'and leaves none' test -z "$(zncctl list -q)"
+check 'no container is left after the daemon ended' test -z "$(zncctl list -q)"
 
 # Limits.
 zncctl run --name web -d -b "$work/loop" >/dev/null
@@ -137,12 +137,12 @@ check 'the number of processes is limited' grep -q "can't fork" "$work/err"
 run zncctl update --pids-limit -1 --cpus 0.5 --cpu-shares 512 --cpuset-cpus 0 web
 expect 'several limits at once, also none' 0 web ''
 run zncctl stats --no-stream -f json web
-check 'what is not given stays' json '
+check 'limits that are not given do not change' json '
 [[s]] = docs
 assert s["memoryLimit"] == 64 << 20 and s["pidsLimit"] is None, s'
 run zncctl update --cpuset-cpus 99999 web
 check 'a refused value is named with the reason' test "$status/$out" = 1/
-check 'by its member' grep -q 'cpu' "$work/err"
+check 'a refused limit is named by its member' grep -q 'cpu' "$work/err"
 for words in 'web' '-m web' '-m 1x web' '--cpus 0 web' '--pids-limit many web' '--cpu-shares=-1 web' '-m 1g'; do
     # shellcheck disable=SC2086
     run zncctl update $words
@@ -157,13 +157,13 @@ expect 'a created container can be updated' 0 '' ''
 # Use.
 run zncctl stats --no-stream
 check 'stats shows what runs' test "$(awk '{ print $1 }' "$work/out" | tr '\n' ' ')" = 'ID web '
-check 'with memory and limit' grep -qE '^web +[0-9.]+% +[0-9.]+[KMG]?i?B / 64.0MiB +[0-9.]+% +[0-9]+ +' "$work/out"
+check 'stats shows memory usage and limit' grep -qE '^web +[0-9.]+% +[0-9.]+[KMG]?i?B / 64.0MiB +[0-9.]+% +[0-9]+ +' "$work/out"
 run zncctl stats --no-stream --all
 check '--all shows all' test "$(awk '{ print $1, $2 }' "$work/out" | tail -n +2 | tr '\n' ' ' | grep -c 'made --')" = 1
 run zncctl stats --no-stream made
-check 'also one that is named' grep -q '^made  *--' "$work/out"
+check 'stats ID shows a container that does not run' grep -q '^made  *--' "$work/out"
 run zncctl stats --no-stream -f json made
-check 'of which JSON has no values' json 'assert docs == [[{"id": "made", "running": False}]], docs'
+check 'stats in JSON has no values for it' json 'assert docs == [[{"id": "made", "running": False}]], docs'
 zncctl exec -d web sh -c 'while :; do :; done'
 run zncctl stats --no-stream -f json web
 check 'processor time is counted' json 'assert docs[0][0]["cpuPercent"] > 0, docs'
@@ -173,7 +173,7 @@ samples() { [[ $(wc -l <"$work/out") -ge $1 ]]; }
 check 'stats goes on' eventually samples 2
 kill -TERM $stats
 wait $stats
-check 'until it is ended' test "$?" = 143
+check 'stats continues until it is ended' test "$?" = 143
 check 'a document for each sample' json 'assert len(docs) >= 2 and all(d[0]["id"] == "web" for d in docs), docs'
 run timeout 60 sh -c "'$ZNCCTL' stats web | head -n 1"
 check 'a closed output ends it' test "$status" = 0
@@ -192,9 +192,9 @@ check 'a program above its memory limit is killed' test "$status" = 137
 run zncctl wait big
 check 'wait says that the limit was the reason' test "$status/$out/$err" = \
     '0/137/zncctl: hint: big was killed because its memory limit was reached'
-check 'and list' test "$(field big 3)" = '137(OOM)'
+check 'list marks the exit code with OOM' test "$(field big 3)" = '137(OOM)'
 run zncctl list -f json
-check 'also as JSON' json 'assert [c for c in docs[0] if c["id"] == "big"][0]["oomKilled"] is True, docs'
+check 'list in JSON has oomKilled' json 'assert [c for c in docs[0] if c["id"] == "big"][0]["oomKilled"] is True, docs'
 run zncctl delete -q big
 zncctl run --name ends --keep -b "$work/loop" >/dev/null 2>&1 &
 eventually status_is ends running
@@ -207,13 +207,13 @@ zncctl delete -q ends
 has_process() { zncctl top "$1" | grep -q "$2"; }
 zncctl exec -d web sleep "$mark"
 check 'top lists the first program' has_process web 'echo tick'
-check 'and others' eventually has_process web " sleep $mark\$"
+check 'top lists other programs of the container' eventually has_process web " sleep $mark\$"
 rm -r /run/zarnel/containers/web
-check 'it needs no record of zncctl' has_process web " sleep $mark\$"
+check 'top needs no record of zncctl' has_process web " sleep $mark\$"
 run zncctl top made
 fails_with 'of a container that is not running it exits 3' 3 'it is not running'
 run zncctl delete -f web made
-expect 'all are deleted' 0 $'web\nmade' ''
+expect 'all containers are deleted' 0 $'web\nmade' ''
 check 'no program is left' eventually not program_lives
 
 # Control groups are the whole machine's, also in a sandbox: the id must be unique.
@@ -225,5 +225,5 @@ zncctl resume -q "last-$mark"
 zncctl exec -d "last-$mark" sleep "$mark"
 zncctl delete -q -f "last-$mark"
 stop_daemon
-check 'it is removed with the container' not groups
+check 'the control group is removed with the container' not groups
 finish

@@ -26,22 +26,22 @@ chmod 750 "$work/tree/sub"
 # --- into a container
 run zncctl cp "$work/tree/one" web:/tmp/
 expect 'a file is copied into a directory' 0 '' ''
-check 'with mode, owner and time, but no set-user-ID' test "$(inside 'stat -c "%a %u %g %Y" /tmp/one')" = \
+check 'a copied file has mode, owner and time, but no set-user-ID' test "$(inside 'stat -c "%a %u %g %Y" /tmp/one')" = \
     '755 1234 500 981173106'
 run zncctl cp "$work/tree/one" web:/tmp/other
-check 'or to a new name' test "$status/$(inside 'cat /tmp/other')" = 0/one
+check 'a file is copied to a new name' test "$status/$(inside 'cat /tmp/other')" = 0/one
 run zncctl cp "$work/tree/sub/two" web:/tmp/other
 check 'an existing file is replaced' test "$status/$(inside 'cat /tmp/other')" = 0/two
 run zncctl cp "$work/tree" web:/tmp
 check 'a directory is copied under its name' test "$status/$(inside 'cat /tmp/tree/sub/two')" = 0/two
-check 'with modes, and links as links' test "$(inside \
+check 'a copied directory keeps modes, and links as links' test "$(inside \
     'stat -c %a:%u /tmp/tree/sub; ls -l /tmp/tree/sub/link /tmp/tree/absolute | grep -o -e "-> .*"' |
     tr '\n' ' ')" = '750:1234 -> /etc/passwd -> ../one '
 run zncctl cp "$work/tree" web:/tmp/new
-check 'or to a new name' test "$status/$(inside 'cat /tmp/new/one; ls /tmp/new')" = \
+check 'a directory is copied to a new name' test "$status/$(inside 'cat /tmp/new/one; ls /tmp/new')" = \
     $'0/one\nabsolute\nempty\none\nsub'
 run zncctl cp "$work/tree/." web:/tmp/new/sub
-check 'with /. its content is' test "$status/$(inside 'cat /tmp/new/sub/one; ls -d /tmp/new/sub/two')" = \
+check 'the content of DIR/. is copied' test "$status/$(inside 'cat /tmp/new/sub/one; ls -d /tmp/new/sub/two')" = \
     $'0/one\n/tmp/new/sub/two'
 run zncctl cp "$work/tree/one" web:/no/such/place
 fails_with 'a missing directory is an error' 1 '/no/such: No such file or directory'
@@ -49,7 +49,7 @@ run zncctl cp "$work/tree/one" web:/tmp/no-directory/
 fails_with 'a name with / at its end is a directory' 1 '/tmp/no-directory/: Not a directory'
 run zncctl cp "$work/tree" web:/tmp/other
 check 'a directory does not replace a file' test "$status" = 1
-check 'which stays' test "$(inside 'cat /tmp/other')" = two
+check 'the file that a directory should replace stays' test "$(inside 'cat /tmp/other')" = two
 run zncctl cp "$work/none" web:/tmp
 fails_with 'a source that is missing' 1 "$work/none: No such file or directory"
 mkfifo "$work/pipe"
@@ -57,7 +57,7 @@ run zncctl cp "$work/pipe" web:/tmp
 check 'a FIFO is not copied, and nothing waits' test "$status/$out" = 1/
 inside 'mkfifo /tmp/pipe'
 run zncctl cp "$work/tree/one" web:/tmp/pipe
-check 'nor replaced' test "$status/$out" = 1/
+check 'an existing FIFO is not replaced' test "$status/$out" = 1/
 # A file that is mounted: its name must not be replaced, which would detach the mount.
 make_bundle "$work/mounts" /bin/sleep $mark
 echo configured >"$work/conf"
@@ -69,12 +69,12 @@ cp "$work/ro.json" "$work/mounts/config.json"
 zncctl run -d --name mounted -b "$work/mounts" >/dev/null
 run zncctl cp "$work/tree/sub/two" mounted:/tmp/conf
 fails_with 'a file that is mounted read-only is not replaced' 1 'conf: Read-only file system'
-check 'it stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = configured
+check 'a mounted file stays mounted when a file is copied over it' test "$(zncctl exec mounted cat /tmp/conf)" = configured
 mkdir -p "$work/links/tmp"
 ln -s elsewhere "$work/links/tmp/conf"
 run zncctl cp "$work/links/." mounted:/
 fails_with 'nor by a link' 1 'conf: Device or resource busy'
-check 'it stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = configured
+check 'a mounted file stays mounted when a directory is copied over it' test "$(zncctl exec mounted cat /tmp/conf)" = configured
 zncctl delete -f mounted
 cp "$work/rw.json" "$work/mounts/config.json"
 zncctl run -d --name mounted -b "$work/mounts" >/dev/null
@@ -82,7 +82,7 @@ run zncctl cp "$work/conf" mounted:/tmp/conf
 fails_with 'a file is not copied to itself' 1 'source and destination are the same file'
 run zncctl cp "$work/tree/sub/two" mounted:/tmp/conf
 check 'a file that is mounted is written in place' test "$status/$(cat "$work/conf")" = 0/two
-check 'and stays mounted' test "$(zncctl exec mounted cat /tmp/conf)" = two
+check 'a mounted file stays mounted when it is written in place' test "$(zncctl exec mounted cat /tmp/conf)" = two
 zncctl delete -f mounted
 
 # A link as the destination leads to the file to write.
@@ -93,7 +93,7 @@ inside 'echo old >/tmp/real; ln -s real /tmp/to-real; echo new >/tmp/fresh'
 run zncctl cp web:/tmp/fresh "$work/to-real"
 check 'a link to a file is followed' test "$status/$(cat "$work/real")/$(readlink "$work/to-real")" = 0/new/real
 run zncctl cp "$work/tree/one" web:/tmp/to-real
-check 'in a container, too' test "$status/$(inside 'cat /tmp/real; readlink /tmp/to-real')" = $'0/one\nreal'
+check 'a link to a file in a container is followed' test "$status/$(inside 'cat /tmp/real; readlink /tmp/to-real')" = $'0/one\nreal'
 run zncctl cp web:/tmp/fresh "$work/to-nothing"
 fails_with 'a link to nothing is an error' 1 "$work/to-nothing: No such file or directory"
 mkfifo "$work/stream"
@@ -105,7 +105,7 @@ check 'a link to a FIFO is not written to, and stays' test "$status/$(readlink "
 inside 'truncate -s 300M /tmp/holes; echo end >>/tmp/holes'
 run zncctl cp web:/tmp/holes "$work/holes"
 check 'holes stay holes' test "$status/$(($(stat -c %b "$work/holes") < 2048))/$(tail -c 4 "$work/holes")" = 0/1/end
-check 'in a file of the same size' test "$(stat -c %s "$work/holes")" = 314572804
+check 'a copied sparse file has the same size' test "$(stat -c %s "$work/holes")" = 314572804
 run zncctl cp web:/proc/version "$work/version"
 check 'a file of procfs is copied' test "$status/$(cat "$work/version")" = "0/$(cat /proc/version)"
 inside 'dd if=/dev/zero of=/tmp/large bs=1M count=200 2>/dev/null'
@@ -127,7 +127,7 @@ for signal in INT TERM; do
         [[ $status -eq 0 ]] || break
     done
     check "SIG$signal ends a copy" test "$status" = $((128 + $(kill -l $signal)))
-    check 'which leaves nothing' test -z "$(ls -A "$work/ended")"
+    check "a copy that SIG$signal ends leaves no files" test -z "$(ls -A "$work/ended")"
 done
 # A pipe may have no data, or no room, for ever. Both are held open by this shell.
 mkfifo "$work/without-data" "$work/without-room"
@@ -156,10 +156,10 @@ check 'no temporary file is left' test -z "$(inside 'ls -A /tmp | grep "^\."')"
 mkdir "$work/here"
 run zncctl cp web:/tmp/tree/one "$work/here"
 check 'a file is copied to the host' test "$status/$(<"$work/here/one")" = 0/one
-check 'where it belongs to the caller' test "$(stat -c '%a %u %g' "$work/here/one")" = '755 0 0'
+check 'a copy on the host belongs to the caller' test "$(stat -c '%a %u %g' "$work/here/one")" = '755 0 0'
 inside 'touch /tmp/suid; chmod 6777 /tmp/suid'
 run zncctl cp web:/tmp/suid "$work/here"
-check 'without set-user-ID' test "$(stat -c %a "$work/here/suid")" = 777
+check 'a copy on the host has no set-user-ID bit' test "$(stat -c %a "$work/here/suid")" = 777
 run zncctl cp web:/tmp/tree "$work/here"
 check 'a directory is, too' test "$status/$(<"$work/here/tree/sub/two")/$(readlink "$work/here/tree/absolute")" = \
     0/two//etc/passwd
@@ -244,7 +244,7 @@ put web:/tmp
 check 'nothing is no archive' test "$status/$out" = 1/
 archive | head -c 2000 >"$work/in.tar"
 put web:/tmp
-check 'nor is a part of one' test "$status/$out" = 1/
+check 'a truncated archive is an error' test "$status/$out" = 1/
 echo planted >"$work/plain/planted"
 for name in "../../../../../../../../../../../..$work/secret/planted" "x/../../../../../../../..$work/secret/planted"; do
     tar -C "$work/plain" -P --transform "s|.*|$name|" -cf "$work/in.tar" planted
@@ -269,7 +269,7 @@ with tarfile.open(sys.argv[1], "w") as archive:
     archive.addfile(link)
 P
 put web:/tmp/pax
-check 'nor the target of a hard link' test "$status" = 1
+check 'the target of a hard link cannot lead out' test "$status" = 1
 check 'nothing of all that is on the host' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
 mkfifo "$work/plain/fifo"
 tar -C "$work/plain" -cf "$work/in.tar" fifo
@@ -284,13 +284,13 @@ get() {
 inside 'cd /tmp/pax/top; chmod 6755 file; mkfifo pipe'
 check 'a directory is written as an archive under its name' test "$(get web:/tmp/pax/top -t | grep -v nnn | tr '\n' ' ')" = \
     'top/ top/file top/long top/pipe top/sub/ top/sub/hard top/sub/soft '
-check 'or its content' test "$(get web:/tmp/pax/top/. -t | head -1)" = file
-check 'and a file' test "$(get web:/tmp/pax/top/file -xO)" = second
-check 'with all bits of its mode and its owner' test "$(get web:/tmp/pax/top/file --numeric-owner -tv | cut -c -20)" = \
+check 'DIR/. writes the content of a directory as an archive' test "$(get web:/tmp/pax/top/. -t | head -1)" = file
+check 'a single file is written as an archive' test "$(get web:/tmp/pax/top/file -xO)" = second
+check 'a member has all mode bits and its owner' test "$(get web:/tmp/pax/top/file --numeric-owner -tv | cut -c -20)" = \
     '-rwsr-sr-x 1234/500 '
 mkdir "$work/back"
 get web:/tmp/gnu/top -C "$work/back" -xp
-check 'what went in comes out' diff -r --no-dereference "$work/archive/top" "$work/back/top"
+check 'an extracted archive equals its source' diff -r --no-dereference "$work/archive/top" "$work/back/top"
 "$ZNCCTL" cp web:/tmp/gnu/top - | "$ZNCCTL" cp - web:/tmp/target3 2>"$work/err"
 check 'to a directory that does not exist it does not go' test "${PIPESTATUS[1]}" = 1
 inside 'mkdir /tmp/target3'
@@ -301,7 +301,7 @@ fails_with 'a source that is missing is an error' 1 '/no/such: No such file or d
 run script -qec "$ZNCCTL cp web:/tmp -" /dev/null
 check 'an archive is not written to a terminal' test "$status" = 64
 run script -qec "$ZNCCTL cp - web:/tmp" /dev/null
-check 'nor read from one' test "$status" = 64
+check 'an archive is not read from a terminal' test "$status" = 64
 
 # --- a container that swaps a directory and a link while it is copied
 zncctl exec -d -u 0 web sh -c "mkdir /tmp/race; while :; do mkdir /tmp/race/d; echo own >/tmp/race/d/file
@@ -322,19 +322,19 @@ for ((i = 0; i < 60; i++)); do
     rm -rf "$work/race"
 done
 check 'nothing of the host is read in a race' test $leaked = no
-check 'nor written to an archive' not grep -aq '^secret$' "$work/contents"
-check 'nor written' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
+check 'a file of the host is not written to an archive' not grep -aq '^secret$' "$work/contents"
+check 'a file of the host is not written' test "$(ls "$work/secret")/$(<"$work/secret/file")" = file/secret
 
 # --- trees without end
 inside 'mkdir /tmp/deep; cd /tmp/deep; i=0; while [ $i -lt 210 ]; do mkdir d; cd d; i=$((i + 1)); done'
 run zncctl cp web:/tmp/deep "$work/deep"
 check 'a tree that is too deep is an error' test "$status" = 1
-check 'that says so' says 'more than 200 levels'
+check 'the error names the maximum depth' says 'more than 200 levels'
 rm -rf "$work/deep"
 run zncctl cp web:/proc/sys/kernel/hostname "$work/here/none"
 check 'files of /proc are read like others' test "$status" = 0
 run zncctl cp "$work/tree/one" web:/proc/sys/kernel/core_pattern
-check 'but not written' test "$status" = 1
+check 'a file of procfs that cannot be written is an error' test "$status" = 1
 
 # --- other states, wrong use
 zncctl stop -q -t 0 web
@@ -342,9 +342,9 @@ run zncctl cp web:/tmp/tree/one "$work/here/stopped"
 check 'a stopped container can be copied from' test "$status/$(<"$work/here/stopped")" = 0/one
 zncctl create made "$work/bundle"
 run zncctl cp "$work/tree/one" made:/tmp/early
-expect 'and one that was not started to' 0 '' ''
+expect 'a container that was not started can be copied from' 0 '' ''
 run zncctl cp made:/tmp/early "$work/here/early"
-check 'which has the file' test "$status/$(<"$work/here/early")" = 0/one
+check 'a file of a container that was not started is copied' test "$status/$(<"$work/here/early")" = 0/one
 check 'the bundle does not' test ! -e "$work/bundle/rootfs/tmp/early"
 run zncctl cp nosuch:/etc "$work/here"
 fails_with 'a container that does not exist' 2 'Container does not exist'

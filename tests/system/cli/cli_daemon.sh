@@ -19,8 +19,8 @@ expect 'further arguments are a usage error' 64 '' "$usage"
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
 rm /tmp/zncd.copy
-expect 'it needs root and says so' 1 '' "zncd: error: must be run as root: namespaces and mounts require it"
-check 'without root it leaves nothing' test ! -e /run/zarnel
+expect 'zncd must be run as root' 1 '' "zncd: error: must be run as root: namespaces and mounts require it"
+check 'zncd without root creates nothing' test ! -e /run/zarnel
 mount -o remount,ro /run
 run "$ZNCD"
 mount -o remount,rw /run
@@ -32,7 +32,7 @@ stop_daemon
 rm -rf /ram0
 
 start_daemon
-check 'its directory is for root alone' test "$(stat -c %a:%u /run/zarnel)" = 700:0
+check 'the runtime directory is accessible to root only' test "$(stat -c %a:%u /run/zarnel)" = 700:0
 check 'the lock file names it' test "$(<"/run/zarnel/zncd.lock")" = "$daemon"
 printf 'pid %s\nstarted 1\nversion 9.9.9\n' "$daemon" >/run/zarnel/zncd.info
 run zncctl version
@@ -40,7 +40,7 @@ check 'a file that another process wrote is not believed' not grep -q '9\.9\.9' 
 run "$ZNCD"
 expect 'a second daemon says who is there' 1 '' \
     "zncd: error: a daemon is running already, process $daemon"
-check 'and the first goes on' alive
+check 'the first daemon serves after a second one was refused' alive
 stop_daemon
 start_daemon
 run zncctl version
@@ -65,7 +65,7 @@ for signal in TERM INT; do
     check "containers are there before $signal" program_lives
     stop_daemon $signal
     err=$(<"$work/zncd.log")
-    check "it exits 0 on $signal" test "$status" = 0
+    check "zncd exits with 0 on $signal" test "$status" = 0
     check "$signal leaves no process, device or directory" nothing_left
     run zncctl ping
     fails_with "the queue is gone after $signal" 4 'The daemon is not running'
@@ -92,10 +92,10 @@ stop_daemon KILL
 check 'the containers of a killed daemon end' eventually not program_lives
 start_daemon
 check 'a new one serves' alive
-check 'and says what it found' grep -q 'the previous daemon died' "$work/zncd.log"
+check 'the new daemon logs that the previous one died' grep -q 'the previous daemon died' "$work/zncd.log"
 check 'nothing of the old one is left' eventually nothing_left
 run zncctl list -f json
-expect 'it knows no containers' 0 '[]' ''
+expect 'the new daemon has no containers' 0 '[]' ''
 run zncctl create runs "$work/loop"
 expect 'the old ids are free' 0 '' ''
 stop_daemon
@@ -113,7 +113,7 @@ start_daemon
 ulimit -Sn hard
 check 'directories of dead containers are removed' test ! -e "$ZNC_BASE/containers/stale"
 check 'links in them are not followed' test -e "$work/outside/file"
-check 'what is not its own stays' test -e "$ZNC_BASE/containers/foreign/file"
+check 'foreign files in a container directory stay' test -e "$ZNC_BASE/containers/foreign/file"
 check 'a link instead of a directory stays' test -L "$ZNC_BASE/containers/link"
 stop_daemon
 
@@ -121,7 +121,7 @@ rm -rf /run/zarnel
 ln -s "$work/outside" /run/zarnel
 run "$ZNCD"
 check 'a link in place of its directory is refused' test "$status/$out" = 1/
-check 'and nothing is written through it' test "$(ls "$work/outside")" = file
+check 'nothing is written through the link' test "$(ls "$work/outside")" = file
 rm /run/zarnel
 
 mkdir -p "$work/base"
@@ -130,9 +130,9 @@ ZNC_BASE=$work/base run "$ZNCD"
 expect 'a storage base of another user stops it' 1 '' \
     "zncd: error: missing requirement: a storage base that no other user can write to (ZNC_BASE): $work/base belongs to another user"
 ZNC_BASE=$work/base run "$ZNCD" check
-check 'and check tells' grep -qx "no   a storage base .*: $work/base belongs to another user" "$work/out"
-check 'with a failure' test "$status" = 1
-check 'and makes nothing there' test -z "$(ls "$work/base")"
+check 'zncd check names the owner of the storage base' grep -qx "no   a storage base .*: $work/base belongs to another user" "$work/out"
+check 'zncd check fails for an untrusted storage base' test "$status" = 1
+check 'nothing is created in the untrusted storage base' test -z "$(ls "$work/base")"
 rm -rf /run/zarnel
 
 for words in '--log-level' '--log-level loud' '--foreground check' 'check --foreground'; do
@@ -142,12 +142,12 @@ for words in '--log-level' '--log-level loud' '--foreground check' 'check --fore
 done
 run "$ZNCD" check
 check 'check finds all that is needed here' test "$status/$err" = 0/
-check 'each requirement has its line' test "$(grep -cE '^(yes|no ) ' "$work/out")" = 14
-check 'and leaves nothing' test ! -e /run/zarnel
+check 'zncd check prints a line for each requirement' test "$(grep -cE '^(yes|no ) ' "$work/out")" = 14
+check 'zncd check leaves nothing' test ! -e /run/zarnel
 install -m 755 "$ZNCD" /tmp/zncd.copy
 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy check
 check 'a requirement that is not met is reported' test "$status" = 1
-check 'with what comes of it' grep -qx "no   root: namespaces and mounts require it" "$work/out"
+check 'an unmet requirement has its consequence' grep -qx "no   root: namespaces and mounts require it" "$work/out"
 
 if command -v strace >/dev/null; then
     # The leak sanitizer does not work below strace.
@@ -157,9 +157,9 @@ if command -v strace >/dev/null; then
     check 'a call that the kernel lacks is named' grep -qx \
         'no   process descriptors (pidfd_open): a reused process id could refer to another process' \
         "$work/out"
-    check 'and is a failure' test "$status" = 1
+    check 'zncd check fails if a call is missing' test "$status" = 1
     run "${lacking[@]}" "$ZNCD"
-    expect 'without it the daemon does not begin to serve' 1 '' \
+    expect 'zncd does not serve if a mandatory call is missing' 1 '' \
         'zncd: error: missing requirement: process descriptors (pidfd_open): a reused process id could refer to another process'
 else
     printf 'skipped: strace is not installed, no missing call is tried\n'
@@ -180,16 +180,16 @@ listener=$!
 eventually test -S "$work/notify"
 NOTIFY_SOCKET=$work/notify "$ZNCD" --foreground --log-level debug >"$work/zncd.log" 2>&1 </dev/null &
 daemon=$!
-check 'it tells that it is ready' eventually grep -qx READY=1 "$work/notified"
-check 'and then answers at once' alive
+check 'zncd notifies that it is ready' eventually grep -qx READY=1 "$work/notified"
+check 'zncd answers as soon as it is ready' alive
 make_bundle "$work/loop" /bin/sleep "$mark"
 zncctl create web "$work/loop"
 zncctl state nosuch 2>/dev/null
 stop_daemon
 wait "$listener"
-check 'it tells that it stops' test "$(<"$work/notified")" = $'READY=1\nSTOPPING=1'
-check 'each request has its line' grep -qx 'zncd: debug: request create web: done 0x0' "$work/zncd.log"
-check 'also one that failed' grep -qx 'zncd: debug: request state nosuch: failed 0x13' \
+check 'zncd notifies that it stops' test "$(<"$work/notified")" = $'READY=1\nSTOPPING=1'
+check 'a request is logged at level debug' grep -qx 'zncd: debug: request create web: done 0x0' "$work/zncd.log"
+check 'a failed request is logged at level debug' grep -qx 'zncd: debug: request state nosuch: failed 0x13' \
     "$work/zncd.log"
 JOURNAL_STREAM=1:2 run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncd.copy
 rm /tmp/zncd.copy
@@ -198,7 +198,7 @@ NOTIFY_SOCKET=$work/nobody start_daemon
 check 'a socket that is not read is a warning' grep -q '^zncd: warning: cannot notify .*/nobody of' \
     "$work/zncd.log"
 stop_daemon
-check 'and the requests have no lines then' not grep -q debug "$work/zncd.log"
+check 'requests are not logged at the default level' not grep -q debug "$work/zncd.log"
 
 make_bundle "$work/urgent" /bin/sleep "$mark"
 sed -i '1s/{/{"zarnel": {"rtp": {"rtpPriority": "0"}}, /' "$work/urgent/config.json"
@@ -213,18 +213,18 @@ nice_values() {
     done
 }
 start_daemon
-check 'without the option nothing is urgent' test "$(nice_values | tr '\n' ' ')" = '0 0 '
+check 'without --allow-urgent no program is urgent' test "$(nice_values | tr '\n' ' ')" = '0 0 '
 zncctl create again "$work/urgent"
 zncctl create once-more "$work/urgent"
 stop_daemon
-check 'which is said once' test "$(grep -c 'asks for the urgent priority 0 but runs at normal priority' \
+check 'an urgent priority is logged only once' test "$(grep -c 'asks for the urgent priority 0 but runs at normal priority' \
     "$work/zncd.log")" = 1
-check 'with the container and the option' grep -q '^zncd: warning: container web .* --allow-urgent$' \
+check 'the warning names the container and the option' grep -q '^zncd: warning: container web .* --allow-urgent$' \
     "$work/zncd.log"
 start_daemon --allow-urgent
-check 'with it only what asks for it is' test "$(nice_values | tr '\n' ' ')" = '-20 0 '
+check 'with --allow-urgent only programs that ask for it are urgent' test "$(nice_values | tr '\n' ' ')" = '-20 0 '
 stop_daemon
-check 'and nothing is said' not grep -q urgent "$work/zncd.log"
+check 'with --allow-urgent no warning is logged' not grep -q urgent "$work/zncd.log"
 
 # ---------------------------------------------------------------- settings beyond the defaults
 cp -r "$work/loop" "$work/more"
@@ -239,15 +239,15 @@ check 'the log says which member asked for it' grep -q \
     '^zncd: warning: container web: configuration refused: linux.namespaces: shares the network' "$work/zncd.log"
 run zncctl create web "$work/wrong"
 check 'a wrong member is refused' test "$status/$out" = 1/
-check 'and named' grep -q '^The configuration was refused: process.rlimits\[0\].soft: ' "$work/err"
+check 'the refused member is named' grep -q '^The configuration was refused: process.rlimits\[0\].soft: ' "$work/err"
 check 'nothing is left of either' test "$(zncctl list -q)" = ''
-check 'nor of their roots' test "$(overlay_mounts)/$(ls /overlay)" = 0/
+check 'no overlay device of the refused containers is left' test "$(overlay_mounts)/$(ls /overlay)" = 0/
 stop_daemon
 start_daemon --allow-privileged
 run zncctl create web "$work/more"
-expect 'with the option it is allowed' 0 '' ''
+expect 'with --allow-privileged the container is created' 0 '' ''
 run zncctl create other "$work/wrong"
-check 'what is wrong is refused nevertheless' test "$status/$out" = 1/
+check 'invalid values are refused also with --allow-privileged' test "$status/$out" = 1/
 zncctl delete --quiet web
 stop_daemon
 

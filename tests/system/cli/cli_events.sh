@@ -26,13 +26,13 @@ zncctl run -d --name long -b "$work/bundle" >/dev/null
 zncctl pause -q long
 zncctl unpause -q long
 zncctl rm -qf long
-check 'what is deleted by force has ended before' test "$(seen --filter container=long)" = \
+check 'delete --force is preceded by the end of the program' test "$(seen --filter container=long)" = \
     'long create,long start,long pause,long unpause,long died 137,long remove,'
 zncctl run --rm --name gone -b "$work/bundle" true
 zncctl run -d --rm --name away -b "$work/bundle" true >/dev/null
 removed() { [[ $(seen --filter container=away) = 'away create,away start,away died 0,away remove,' ]]; }
 check 'with --rm the end is followed by the removal, also detached' eventually removed
-check 'and in the foreground' test "$(seen --filter container=gone)" = 'gone create,gone start,gone died 0,gone remove,'
+check 'run --rm in the foreground has the same events' test "$(seen --filter container=gone)" = 'gone create,gone start,gone died 0,gone remove,'
 zncctl create made "$work/bundle"
 zncctl delete -q made
 check 'a container that was never started' test "$(seen --filter container=made)" = 'made create,made remove,'
@@ -48,7 +48,7 @@ check 'filters of one key are alternatives' test "$(seen --filter event=died --f
     'short died 3,short remove,'
 check 'another type than containers has no events' test -z "$(seen --filter type=image)"
 check 'the future has no events' test -z "$(seen --since 2999-01-01T00:00:00Z)"
-check 'nor has the past' test -z "$(seen --until 2001-01-01T00:00:00Z)"
+check 'there are no events before the first one' test -z "$(seen --until 2001-01-01T00:00:00Z)"
 check 'the last hour has' test "$(seen --since 1h)" = "$(seen)"
 run zncctl events --until 2001-01-01T00:00:00Z
 expect 'a time in the past ends the command at once' 0 '' ''
@@ -76,7 +76,7 @@ follow --filter container=live
 zncctl run --rm --name live -b "$work/bundle" true
 zncctl run --rm --name other -b "$work/bundle" true
 check 'events are printed as they happen' eventually streamed $'live create\nlive start\nlive died\nlive remove'
-check 'and those before are not' not grep -q short "$work/stream"
+check 'events before --since are not printed' not grep -q short "$work/stream"
 switches() { awk '/^voluntary/ { print $2 }' "/proc/$follower/status"; }
 before=$(switches)
 sleep 2
@@ -101,7 +101,7 @@ done
 wait "${pids[@]}"
 all_died() { [[ $(sort "$work/stream" | uniq | wc -l) = 10 ]]; }
 check 'containers that run at once all have their events' eventually all_died
-check 'each once' test "$(wc -l <"$work/stream")" = 10
+check 'each event is printed once' test "$(wc -l <"$work/stream")" = 10
 # The journal is full: the next event makes it the previous one.
 {
     head -c 1100000 /dev/zero | tr '\0' ' '
@@ -109,18 +109,18 @@ check 'each once' test "$(wc -l <"$work/stream")" = 10
 } >>$journal/journal
 zncctl run --rm --name rotated -b "$work/bundle" true
 check 'a journal that is full is renamed' test -s $journal/journal.1
-check 'and what is new is small' test "$(stat -c %s $journal/journal)" -lt 10000
+check 'the new journal is small' test "$(stat -c %s $journal/journal)" -lt 10000
 rotated() { grep -q '^rotated died$' "$work/stream"; }
-check 'which a command that follows does not miss' eventually rotated
-check 'nor one that starts' test "$(seen --filter container=rotated)" = 'rotated create,rotated start,rotated died 0,rotated remove,'
+check 'a running command reads on after the journal was renamed' eventually rotated
+check 'a new command reads both journals' test "$(seen --filter container=rotated)" = 'rotated create,rotated start,rotated died 0,rotated remove,'
 kill "$follower"
 wait "$follower" 2>/dev/null
 rm -rf $journal
 ln -s "$work/elsewhere" $journal
 mkdir "$work/elsewhere"
 run zncctl run --rm --name blind -b "$work/bundle" true
-expect 'without a journal containers run' 0 '' ''
-check 'and no link leads it elsewhere' test -z "$(ls -A "$work/elsewhere")"
+expect 'containers run without a journal' 0 '' ''
+check 'a symbolic link does not lead the journal elsewhere' test -z "$(ls -A "$work/elsewhere")"
 run zncctl events --no-stream
-check 'but there is an error about it' test "$status/$out" = 1/
+check 'a journal that cannot be opened is an error of events' test "$status/$out" = 1/
 finish

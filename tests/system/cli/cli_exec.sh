@@ -44,7 +44,7 @@ expect 'words after the id belong to the command' 0 '-i --detach -e x  [a,b] -- 
 run zncctl exec web -- echo two
 expect '"--" after the id is not part of the command' 0 two ''
 run zncctl exec -- web echo -- three
-expect 'nor is one before it' 0 '-- three' ''
+expect '"--" before the command is not part of it' 0 '-- three' ''
 run zncctl exec web sh -c 'echo $0'
 expect 'the first word stays as written' 0 sh ''
 run zncctl exec web /bin/sh -c 'cat /proc/2/cmdline | /bin/busybox tr "\\0" " "'
@@ -53,9 +53,9 @@ check 'the program sees the processes of the container' grep -q trap "$work/out"
 # The environment.
 run zncctl exec web env
 check 'the environment is the configured one' grep -qx 'KIND=first' "$work/out"
-check 'with blanks' grep -qx 'OTHER=x y' "$work/out"
-check 'and the home of the user' grep -qx 'HOME=/root' "$work/out"
-check 'and no more' test "$(grep -cvE '^(KIND|OTHER|PATH|HOME|PWD|SHLVL)=' "$work/out")" = 0
+check 'a variable with spaces is kept' grep -qx 'OTHER=x y' "$work/out"
+check 'HOME is set for the user' grep -qx 'HOME=/root' "$work/out"
+check 'no other variables are set' test "$(grep -cvE '^(KIND|OTHER|PATH|HOME|PWD|SHLVL)=' "$work/out")" = 0
 sed -i 's/KIND=first/KIND=changed/' "$work/loop/config.json"
 run zncctl exec web sh -c 'echo $KIND'
 expect 'a later change of the bundle does not matter' 0 first ''
@@ -83,11 +83,11 @@ expect "the default user is the container's" 0 0 ''
 run zncctl exec -u web web sh -c 'id -u; id -g; id -G; echo $HOME'
 expect '--user by name has its groups and home' 0 $'33\n34\n34 4 8\n/home' ''
 run zncctl exec -u 33 web sh -c 'id -u; id -G; echo $HOME'
-expect 'and by number' 0 $'33\n34 4 8\n/home' ''
+expect '--user by number has its groups and home' 0 $'33\n34 4 8\n/home' ''
 run zncctl exec -u 77:8 web sh -c 'id -u; id -G; echo $HOME'
 expect 'a number needs no entry' 0 $'77\n8\n/' ''
 run zncctl exec -u web:mail web sh -c 'id -u; id -G'
-expect 'with a group there are no others' 0 $'33\n8' ''
+expect 'with a given group there are no supplementary groups' 0 $'33\n8' ''
 run zncctl exec -u nobody web id
 fails_with 'a user that is not there exits 125' 125 "there is no user 'nobody' in the container's /etc/passwd"
 run zncctl exec -u web:nogroup web id
@@ -138,9 +138,9 @@ fails_with '--tty and --interactive need a terminal' 125 \
 out=$(printf 'one\ntwo\n' | zncctl exec -i web cat)
 check '--interactive passes standard input on' test "$out" = $'one\ntwo'
 out=$(printf 'one\n' | zncctl exec web cat)
-check 'without it the input is empty' test "$out/$?" = /0
+check 'without -i standard input is empty' test "$out/$?" = /0
 "$ZNCCTL" exec -i web cat <&- >"$work/out" 2>"$work/err"
-check 'also when it is closed' test "$?/$(cat "$work/out" "$work/err")" = 0/
+check 'standard input can be closed' test "$?/$(cat "$work/out" "$work/err")" = 0/
 "$ZNCCTL" exec web sh -c 'echo x; exit 3' >&-
 check 'a closed output does not matter' test "$?" = 3
 head -c 3000000 /dev/urandom >"$work/data"
@@ -160,7 +160,7 @@ eventually grep -q ready "$work/signals"
 kill -TERM $exec_pid
 wait $exec_pid
 check 'signals are passed to the program' test "$?/$(tail -n 1 "$work/signals")" = 5/caught
-check 'and not to the container' test "$(zncctl list | awk '$1 == "web" { print $2 }')" = running
+check 'signals are not forwarded to the container' test "$(zncctl list | awk '$1 == "web" { print $2 }')" = running
 "$ZNCCTL" exec web sh -c "echo ready; exec sleep $mark" >"$work/signals" 2>&1 </dev/null &
 exec_pid=$!
 eventually grep -q ready "$work/signals"
@@ -178,8 +178,8 @@ run zncctl exec -d web no-such-program
 fails_with 'a detached program that is not there exits 127' 127 \
     "no-such-program: there is no such program in the container's PATH"
 zncctl exec web sh -c 'kill $(/bin/busybox pidof sleep)'
-check 'it can be ended from inside' eventually not program_lives
-check 'and nothing waits for it any more' eventually monitors 1
+check 'a detached program can be ended from inside' eventually not program_lives
+check 'no monitor waits for an ended program' eventually monitors 1
 
 # The container's end, and what it counts as.
 "$ZNCCTL" exec web sleep "$mark" >"$work/out" 2>"$work/err" </dev/null &
@@ -190,11 +190,11 @@ check 'the exit code of the first program stays its own' eventually exit_code_is
 check 'the container runs as long as the other one does' test \
     "$(zncctl list | awk '$1 == "web" { print $2, $3 }')" = 'running 6'
 run zncctl exec web echo still
-expect 'and takes further ones' 0 still ''
+expect 'further programs can be started in it' 0 still ''
 kill -TERM $exec_pid
 wait $exec_pid
-check 'the other one has its own exit status' test "$?" = 143
-check 'then it has stopped' eventually stopped web
+check 'the second program has its own exit status' test "$?" = 143
+check 'the container has stopped after its last program' eventually stopped web
 run zncctl exec web echo
 fails_with 'exec in a stopped container exits 3' 3 'it is not running'
 zncctl delete -q web
@@ -212,7 +212,7 @@ eventually has_process web cat
 run zncctl delete -f web
 expect 'delete --force ends a container with them' 0 web ''
 wait $exec_pid
-check 'they are killed' test "$?" = 137
+check 'the programs of exec are killed' test "$?" = 137
 check 'no program is left' eventually not program_lives
 check 'no container is left' test -z "$(zncctl list -q)"
 check 'no process of zncctl is left' eventually monitors 0

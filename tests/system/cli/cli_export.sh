@@ -26,7 +26,7 @@ inside() { zncctl exec -u 0 web sh -c "$1"; }
 run zncctl diff web
 expect 'a container that changed nothing has no differences' 0 '' ''
 run zncctl diff --format json web
-expect 'also as JSON' 0 '{}' ''
+expect 'an empty list of differences in JSON' 0 '{}' ''
 inside 'echo new >/etc/changed; rm /etc/deleted; rm -r /usr/gone; rm -r /usr/again; mkdir /usr/again
     echo four >/usr/again/stays; mkdir -p /new/sub; echo x >/new/sub/file; ln -s /nowhere /new/link
     rm /etc/link; mkdir /etc/link; echo y >/etc/link/file; chmod 700 /usr/kept; mkfifo /new/pipe'
@@ -48,7 +48,7 @@ C /usr/again/stays
 D /usr/gone
 C /usr/kept' ''
 run zncctl diff --format json web
-check 'as JSON by kind' test "$status/$(jq -c '[.added[0], .changed[0], .deleted]' <<<"$out")" = \
+check 'diff in JSON lists changes by kind' test "$status/$(jq -c '[.added[0], .changed[0], .deleted]' <<<"$out")" = \
     '0/["/etc/link/file","/etc",["/etc/deleted","/usr/again/hidden","/usr/gone"]]'
 inside 'touch "/tmp/$(printf "a\033[2J\nD etc")"'
 run zncctl diff web
@@ -74,8 +74,8 @@ expect 'export writes the root to a file' 0 '' ''
 mkdir "$work/extracted"
 tar -C "$work/extracted" --numeric-owner -xpf "$work/web.tar" 2>"$work/tar.err"
 check 'which tar extracts, complaining about the time before 1970 alone' test -z "$(grep -v 'new/old: implausibly old' "$work/tar.err")"
-check 'to what the container has' diff <(describe /overlay/web) <(describe "$work/extracted")
-check 'all of its names are relative' python3 - "$work/web.tar" <<'P'
+check 'an exported archive equals the root of the container' diff <(describe /overlay/web) <(describe "$work/extracted")
+check 'all names in the archive are relative' python3 - "$work/web.tar" <<'P'
 import sys, tarfile
 names = [member.name for member in tarfile.open(sys.argv[1], encoding="utf-8", errors="surrogateescape")]
 sys.exit(not names or any(name.startswith("/") or ".." in name.split("/") for name in names))
@@ -86,8 +86,8 @@ check 'nothing of its mounts is in it' test -z "$(tar -tf "$work/web.tar" | grep
 check 'by default the archive goes to standard output' cmp "$work/web.tar" "$work/piped.tar"
 check 'the size is a multiple of the record' test $(($(stat -c %s "$work/web.tar") % 10240)) = 0
 run script -qec "$ZNCCTL export web" /dev/null
-check 'but not to a terminal' test "$status" = 64
-check 'and the message says what to do' grep -q 'redirect the output or give --output' "$work/out"
+check 'export does not write to a terminal' test "$status" = 64
+check 'the message suggests to redirect the output' grep -q 'redirect the output or give --output' "$work/out"
 check 'two archives of the same files are the same' cmp "$work/web.tar" <("$ZNCCTL" export web)
 umask 027
 rm -f "$work/web.tar"
@@ -97,8 +97,8 @@ check 'a new file has the mode that the umask leaves' test "$(stat -c %a "$work/
 echo old >"$work/kept.tar"
 chmod 600 "$work/kept.tar"
 zncctl export -o "$work/kept.tar" web
-check 'one that exists keeps its mode' test "$(stat -c %a "$work/kept.tar")" = 600
-check 'and is replaced' cmp "$work/web.tar" "$work/kept.tar"
+check 'an existing output file keeps its mode' test "$(stat -c %a "$work/kept.tar")" = 600
+check 'an existing output file is replaced' cmp "$work/web.tar" "$work/kept.tar"
 run zncctl export -o "$work/none/web.tar" web
 fails_with 'a directory that does not exist' 1 "$work/none/web.tar: No such file or directory"
 if [[ -c /dev/full ]]; then
@@ -115,10 +115,10 @@ check 'nothing is left of archives that failed' test -z "$(find "$work" -name '*
 zncctl create made "$work/bundle"
 run zncctl diff made
 expect 'a container that was not started has no differences' 0 '' ''
-check 'and can be exported' grep -q '^etc/changed$' <("$ZNCCTL" export made | tar -tf -)
+check 'a container that was not started can be exported' grep -q '^etc/changed$' <("$ZNCCTL" export made | tar -tf -)
 zncctl export made | zncctl import -q - exported
 run zncctl run --rm --network none --progress none --pull never exported /bin/cat /etc/changed
-expect 'its export can be imported and runs' 0 one ''
+expect 'an exported container can be imported and run' 0 one ''
 mkdir "$work/secret"
 echo secret >"$work/secret/file"
 zncctl run -d --name race -b "$work/bundle" sh -c "mkdir /race; while :; do mkdir /race/d; echo own >/race/d/file; echo a >/race/f
@@ -134,12 +134,12 @@ for ((i = 0; i < 60; i++)); do
     ! grep -q secret/ "$work/diff.out" || bad=$((bad + 1))
 done
 check 'what a container swaps meanwhile does not disturb an export' test $bad = 0
-check 'and nothing of the host gets into it' not grep -aq '^secret$' "$work/contents"
+check 'no content of the host gets into the archive' not grep -aq '^secret$' "$work/contents"
 zncctl delete -qf race
 zncctl run -d --name deep -b "$work/bundle" sh -c 'i=0; while [ $i -lt 210 ]; do mkdir d; cd d; i=$((i + 1)); done; exec sleep 1000' >/dev/null
 deep() { zncctl diff deep 2>&1 | grep -q 'more than 200 levels'; }
 check 'a tree that is too deep is an error of diff' eventually deep
 run zncctl export -o "$work/deep.tar" deep
-check 'and of export' test "$status" = 1 -a ! -e "$work/deep.tar"
+check 'a tree that is too deep is an error of export' test "$status" = 1 -a ! -e "$work/deep.tar"
 zncctl rm -qaf
 finish

@@ -26,24 +26,24 @@ expect 'with --pull always the registry is asked again' 0 'from the second layer
 run zncctl create --name made "${plain[@]}" "$host/one/app" /etc/greeting
 expect 'create fetches, too' 0 made ''
 run zncctl start -a made
-expect 'and its container runs' 0 'from the second layer' ''
+expect 'a container created from a fetched image runs' 0 'from the second layer' ''
 zncctl delete -q made
 run zncctl run --rm "${plain[@]}" "docker://$host/two/app"
 expect 'a name with the prefix docker:// is fetched' 0 'from the second layer' ''
 run zncctl run --rm "${plain[@]}" --pull never "docker://$host/two/app"
-expect 'and found in the store' 0 'from the second layer' ''
+expect 'the fetched image is found in the store' 0 'from the second layer' ''
 digest=$(skopeo inspect --raw "oci:$work/served:latest" | sha256sum | cut -d ' ' -f 1)
 run zncctl run --rm "${plain[@]}" "$host/three/app@sha256:$digest"
-expect 'so is a name with a digest' 0 'from the second layer' ''
+expect 'a name with a digest is fetched' 0 'from the second layer' ''
 run zncctl run --rm "${plain[@]}" --progress plain "$host/four/app"
 check '--progress plain shows how an image is fetched' grep -q 'Copying blob' "$work/err"
-check 'on standard error only' test "$status/$out" = '0/from the second layer'
+check 'progress goes to standard error only' test "$status/$out" = '0/from the second layer'
 run zncctl run --rm "${plain[@]}" --progress plain --quiet "$host/five/app"
 check '--quiet does not' test "$status/$out/$(grep -c Copying "$work/err")" = '0/from the second layer/0'
 before=$(names)
 run zncctl run --rm "${plain[@]}" --platform linux/s390x --pull never "$host/team/app"
 check 'an image of another platform is not taken for the one that is wanted' test "$status/$out" = 125/
-check 'and the message names its own' test "$(hint)" = 'the image is for linux/amd64'
+check 'the message names the platform of the image' test "$(hint)" = 'the image is for linux/amd64'
 run zncctl run --rm "${plain[@]}" --platform linux/amd64 "$host/team/app"
 expect '--platform of the image runs it' 0 'from the second layer' ''
 run zncctl run --platform linux/amd64 --os linux "$host/team/app"
@@ -70,28 +70,28 @@ check 'runs of a missing image at once all fetch and run it' test "$ok" = 6
 # ---------------------------------------------------------------- failures
 run zncctl run --rm --network none "$host/secure/app"
 check 'a registry without TLS is refused by default' test "$status/$out/$(lines "$work/err")" = 125//2
-check 'with a hint' test "$(hint)" = '--tls-verify=false accepts registries without TLS'
+check 'the hint names --tls-verify' test "$(hint)" = '--tls-verify=false accepts registries without TLS'
 run zncctl run --rm "${plain[@]}" "$host/team/app:none"
 check 'a tag that the registry does not have is reported in one line' test \
     "$status/$out/$(error_line | wc -l)" = 125//1
-check 'which names the image' test "$(error_line | cut -d ' ' -f 1)" = "$host/team/app:none:"
-check 'with a hint' grep -q 'no such image or tag' <<<"$(hint)"
+check 'the message names the image' test "$(error_line | cut -d ' ' -f 1)" = "$host/team/app:none:"
+check 'the hint says that there is no such tag' grep -q 'no such image or tag' <<<"$(hint)"
 run zncctl create --name never "${plain[@]}" "$host/team/app:none"
 check 'create fails as well' test "$status/$out" = 1/
-check 'and there is no container' test -z "$(zncctl ps -aq)"
+check 'no container is left' test -z "$(zncctl ps -aq)"
 stop_serving
 run zncctl run --rm "${plain[@]}" "$host/gone/app"
 check 'a registry that does not answer is reported in one line' test \
     "$status/$out/$(error_line | wc -l)/$(lines "$work/err")" = 125//1/2
-check 'with the reason' grep -q 'connection refused$' <<<"$(error_line)"
-check 'and a hint' test "$(hint)" = 'the registry does not answer: check its name and the network'
+check 'the reason is printed' grep -q 'connection refused$' <<<"$(error_line)"
+check 'the hint suggests to check the name of the registry' test "$(hint)" = 'the registry does not answer: check its name and the network'
 run zncctl run --rm "${plain[@]}" "$host/team/app"
 expect 'what is in the store runs without the registry' 0 'from the second layer' ''
 run zncctl run --rm "${plain[@]}" --pull always "$host/team/app"
-check 'but not with --pull always' test "$status/$out" = 125/
+check '--pull always fails without the registry' test "$status/$out" = 125/
 PATH=/nowhere run "$ZNCCTL" run --rm --network none busybox
 fails_with 'without skopeo run says so' 125 'skopeo, which fetches images, is not installed'
-check 'and what to install' grep -q 'install the package skopeo' <<<"$(hint)"
+check 'the hint suggests to install skopeo' grep -q 'install the package skopeo' <<<"$(hint)"
 check 'nothing is left of what failed' no_stage
 
 finish

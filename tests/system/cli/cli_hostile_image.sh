@@ -81,14 +81,14 @@ make_layout "$work/mounts" "{\"Entrypoint\":[\"/bin/busybox\"],
     \"Volumes\":{\"$work/victim:/host:rbind,dev,suid,rw\":{},\"/data\":{},\"x:/p::proc\":{}}}"
 run zncctl run --rm --os linux --progress none "$work/mounts"
 check 'run mounts nothing of the host for an image' test "$status/$out" = 1/
-check 'and says what it leaves out' grep -qxF \
+check 'run prints which mounts are left out' grep -qxF \
     "zncctl: warning: $work/mounts: the image's mount of the host's $work/victim at /host is left out; --allow-image-mounts keeps it" \
     "$work/err"
 check 'a mount of a kernel file system is left out, too' grep -q 'mount of proc at /p is left out$' "$work/err"
 run zncctl unpack --os linux --progress none --flatten "$work/mounts" "$work/unpacked"
 check 'unpack leaves it out of config.json' test "$status/$(jq -c '[.mounts[]|.destination]' \
     "$work/unpacked/config.json")" = '0/[""]'
-check 'and says so' test "$(grep -c '^zncctl: warning: ' "$work/err")" = 2
+check 'unpack prints which mounts are left out' test "$(grep -c '^zncctl: warning: ' "$work/err")" = 2
 run zncctl image check "$work/mounts"
 check 'image check lists what the image asks for' grep -qxF \
     "  asks for a mount of the host's $work/victim at /host" "$work/out"
@@ -105,12 +105,12 @@ make_layout "$work/urgent" '{"Entrypoint":["/bin/busybox"],"Cmd":["cut","-d"," "
     "Labels":{"com.quenmark.zarnel.rtp.RtpPriority":"0x0"}}'
 run zncctl run --rm --os linux --progress none "$work/urgent"
 check 'an image has no urgent priority' test "$status/$out" = 0/0
-check 'and run says so' grep -q "^zncctl: warning: .*the image's priority 0x0 is more urgent" "$work/err"
+check 'run prints that the priority is reduced' grep -q "^zncctl: warning: .*the image's priority 0x0 is more urgent" "$work/err"
 make_layout "$work/twice" '{"Cmd":["/bin/busybox"],"Labels":{"com.quenmark.zarnel.rtp.rtpPriority":"100",
     "com.quenmark.zarnel.rtp-rtppriority":"0"}}'
 run zncctl run --rm --os linux "$work/twice"
 check 'a setting that is there twice is refused' test "$status" = 125
-check 'with one line' one_line
+check 'a duplicate setting gives one line' one_line
 make_layout "$work/types" '{"Cmd":["/bin/busybox",5]}'
 run zncctl unpack --os linux "$work/types" "$work/refused"
 check 'a command that is not text is refused' test "$status/$(error_line)" = \
@@ -131,7 +131,7 @@ jq -c --arg d "sha256:$digits/../../../../victim" '.layers[0].digest=$d' "$manif
 write_index "$work/path" "$(described "$work/path" "$work/manifest" manifest.v1+json)"
 run zncctl run --rm --os linux "$work/path"
 check 'a layer whose digest is a path is refused' test "$status" = 125
-check 'with one line' one_line
+check 'the error for the digest is one line' one_line
 
 # ---------------------------------------------------------------- duplicate keys
 cp -r "$work/mounts" "$work/duplicate-keys"
@@ -141,8 +141,8 @@ cp "$(blob_of "$work/good" "$(manifest_of "$work/good")")" "$work/duplicate-keys
 refused 'two digests in the index' "$work/duplicate-keys"
 check 'the file and the key are named' grep -q 'index.json: duplicate key "digest"$' "$work/err"
 run zncctl run --rm --os linux --progress none "$work/good"
-expect 'the other image is as it was' 0 plain ''
-check 'its configuration, too' cmp -s "$good/config.json" "$work/good-config"
+expect 'the other image still runs' 0 plain ''
+check 'the configuration of the other image is unchanged' cmp -s "$good/config.json" "$work/good-config"
 
 make_layout "$work/duplicate-keys2" "$plain"
 sed 's/"config":/"Config":{},"config":/' "$(blob_of "$work/duplicate-keys2" "$(manifest_of "$work/duplicate-keys2")")" >"$work/manifest"
@@ -195,7 +195,7 @@ not_read() {
         # shellcheck disable=SC2086
         run timeout 20 "$ZNCCTL" $command
         check "${command%%"$work"*}does not read a $1 of another size" test "$status" = 1 -o "$status" = 125
-        check 'and says which and how large in one line' test "$(grep -c "$said" "$work/err" "$work/out" |
+        check 'the wrong size is named in one line' test "$(grep -c "$said" "$work/err" "$work/out" |
             cut -d : -f 2 | sort | tr '\n' ' ')" = '0 1 '
     done
 }
@@ -236,11 +236,11 @@ flock 9
 waiter=$!
 check 'a run that waits for another says so' eventually grep -q 'waiting for it$' "$work/waits.err"
 run zncctl run --rm --os linux --progress none "$work/good"
-expect 'other images do not wait' 0 plain ''
+expect 'other images can be run during the wait' 0 plain ''
 kill -INT "$waiter" 2>/dev/null || kill "$waiter"
 kill "$waiter" 2>/dev/null
 wait "$waiter" 2>/dev/null
-check 'and can be interrupted' test "$?" -ge 128
+check 'the wait can be interrupted' test "$?" -ge 128
 flock -u 9
 exec 9>&-
 rm -f "$ZNC_BASE/bundles/.lock-$name"
@@ -263,9 +263,9 @@ before=$(state_of_host)
 for id in .. . a/../b "../../victim" "$(printf 'x%.0s' {1..256})"; do
     run zncctl run --rm --name "$id" --os linux "$work/good"
     check "an id that is none is refused (${#id} bytes)" test "$status" = $((${#id} > 255 ? 125 : 64))
-    check 'with one line' one_line
+    check 'the error for the id is one line' one_line
     run zncctl delete "$id"
-    check 'and so by delete' test "$status" -ne 0
+    check 'delete refuses the id' test "$status" -ne 0
 done
 check 'nothing on the host changed' test "$(state_of_host)" = "$before"
 
@@ -277,18 +277,18 @@ check 'the shared layers are left alone' test -z "$(find "$ZNC_BASE/layers" -per
 run zncctl unpack --os linux --progress none --flatten "$work/sticky" "$work/sticky-bundle"
 zncctl create sticky "$work/sticky-bundle"
 run zncctl start --attach sticky
-expect 'also of a bundle that is created from' 0 $'1777\n1777' ''
+expect 'sticky bits are kept in a bundle that is created from' 0 $'1777\n1777' ''
 zncctl delete -q sticky
 run zncctl import "$work/sticky" "$work/imported:latest"
 run zncctl run --rm --os linux --progress none "$work/imported"
-expect 'and of an image that was imported' 0 $'1777\n1777' ''
+expect 'sticky bits are kept in an imported image' 0 $'1777\n1777' ''
 jq '.annotations["zncontainer.sticky-directories"]="/../../victim:/dev/../..:/:relative:/none"' \
     "$work/sticky-bundle/config.json" >"$work/forged"
 cp "$work/forged" "$work/sticky-bundle/config.json"
 before=$(state_of_host)
 run zncctl create forged "$work/sticky-bundle"
 expect 'a forged list of directories changes nothing' 0 '' ''
-check 'on the host' test "$(state_of_host)" = "$before"
+check 'nothing changes on the host' test "$(state_of_host)" = "$before"
 zncctl delete -q forged
 
 # ---------------------------------------------------------------- config.json
@@ -300,7 +300,7 @@ for command in "create list $work/bundle" "run --name list --bundle $work/bundle
     # shellcheck disable=SC2086
     run zncctl $command
     check "${command%% *} refuses an option that is no text" test "$status" -ne 0
-    check 'and names it' grep -q 'mounts\[0\]\.options\[0\]: expected a string, found a number$' "$work/err"
+    check 'the wrong element is named' grep -q 'mounts\[0\]\.options\[0\]: expected a string, found a number$' "$work/err"
 done
 run zncctl config check "$work/bundle"
 check 'config check refuses it, too' grep -q 'mounts\[0\]\.options\[0\]: refused: expected a string' "$work/out"
@@ -331,7 +331,7 @@ make_bundle "$long" /bin/busybox true
 for i in {100..219}; do zncctl create "$(printf 'c%.0s' {1..50})$i" "$long" || break; done
 run zncctl list -q
 check 'list goes on when the answer is too long' test "$status/$(grep -c '^c*[0-9]*$' "$work/out")" = 0/120
-check 'and says so' grep -q '^zncctl: warning: the list of containers is too long' "$work/err"
+check 'list warns that the answer was too long' grep -q '^zncctl: warning: the list of containers is too long' "$work/err"
 
 stop_daemon
 finish

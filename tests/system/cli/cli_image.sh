@@ -10,16 +10,16 @@ make_image "$layout"
 
 run zncctl image inspect "$layout"
 check 'image inspect prints a JSON array without a daemon' test "$status/${out:0:1}/$err" = '0/[/'
-check 'it names the operating system' grep -q '"linux"' "$work/out"
+check 'image inspect shows the operating system' grep -q '"linux"' "$work/out"
 run zncctl unpack --os zarnel "$layout" "$work/bundle"
 check 'an image for another system is not unpacked' test "$status/$out" = 1/
-check 'and the hint says what the layout holds' grep -qx \
+check 'the hint lists the images of the layout' grep -qx \
     'zncctl: hint: no image latest for zarnel/amd64 is there; the layout holds: latest for linux/amd64' \
     "$work/err"
-check 'and leaves no bundle' test ! -e "$work/bundle"
+check 'no bundle is left' test ! -e "$work/bundle"
 run zncctl unpack --os linux --tag other "$layout" "$work/bundle"
 check 'a tag that is not there is not unpacked' test "$status/$out" = 1/
-check 'and the hint names the tags' grep -q 'no image other .* latest for linux/amd64$' "$work/err"
+check 'the hint names the tags' grep -q 'no image other .* latest for linux/amd64$' "$work/err"
 
 start_daemon
 run zncctl unpack --os linux "$layout" "$work/bundle"
@@ -56,7 +56,7 @@ done
 
 run zncctl unpack --os linux --progress json "$layout" "$work/again"
 check 'an image whose device exists is unpacked as a tree' test "$status/$out" = 0/
-check 'and the hint says so' grep -q '^zncctl: hint: the overlay device of this image' "$work/err"
+check 'the hint explains the existing overlay device' grep -q '^zncctl: hint: the overlay device of this image' "$work/err"
 check 'progress as JSON is one object for each line' test "$(grep -c '^{"layer":"[0-9a-f]*","index":[01],"count":2,"done":[0-9]*,"total":[0-9]*}$' "$work/err")" -ge 4
 rm -rf "$work/again"
 run zncctl unpack --progress loud "$layout" "$work/again"
@@ -77,7 +77,7 @@ check 'image check takes a plain image' test "$status/${out##*: }" = "0/taken
   asks for root's rights"
 run zncctl image check "$work/damaged"
 check 'image check says what is damaged' test "$status" = 1
-check 'and in which layer' grep -qx '  layer 1: refused: the header is damaged (1, first: 0*7*.*)' \
+check 'image check names the damaged layer' grep -qx '  layer 1: refused: the header is damaged (1, first: 0*7*.*)' \
     "$work/out"
 
 run zncctl spec --image "$layout" --os linux
@@ -97,7 +97,7 @@ run zncctl list -q
 expect 'nothing of it is left' 0 '' ''
 run zncctl run --rm --os zarnel "$layout"
 check 'run of an image for another system exits 125' test "$status/$out" = 125/
-check 'with the hint' grep -q 'the layout holds: latest for linux/amd64$' "$work/err"
+check 'the hint lists the images of the layout' grep -q 'the layout holds: latest for linux/amd64$' "$work/err"
 run zncctl run --rm "$work/none"
 check 'run of no layout exits 125' test "$status/$out/$(error_line)" = \
     "125//$work/none: File oci-layout not found"
@@ -117,8 +117,8 @@ run zncctl storage gc -q
 expect 'storage gc -q prints nothing' 0 '' ''
 check 'a bundle keeps its layers without being named' test "$(find "$ZNC_BASE/layers" -mindepth 1 \
     -maxdepth 1 | wc -l)" = 2
-check 'and its tree' test -e "$ZNC_BASE"/flattened/*/bin/busybox
-check 'the one that run made is gone' test -z "$(ls "$ZNC_BASE/bundles")"
+check 'the flattened tree of a bundle is kept' test -e "$ZNC_BASE"/flattened/*/bin/busybox
+check 'the bundle made by run is removed' test -z "$(ls "$ZNC_BASE/bundles")"
 mkdir -p "$ZNC_BASE/bundles"
 exec 8>"$ZNC_BASE/bundles/.in-use"
 flock -s 8
@@ -141,10 +141,10 @@ mkdir "$ZNC_BASE/layers/mine" "$ZNC_BASE/flattened/mine"
 run zncctl storage gc
 check 'storage gc says what it removes' test "$status/$(cut -d ' ' -f 1 "$work/out" | sort | uniq -c |
     tr -s ' \n' '  ')" = '0/ 1 device 2 layer '
-check 'it leaves alone what is not its own' rmdir "$ZNC_BASE/layers/mine" "$ZNC_BASE/flattened/mine"
+check 'storage gc keeps files that are not its own' rmdir "$ZNC_BASE/layers/mine" "$ZNC_BASE/flattened/mine"
 check 'nothing is left' test -z "$(find "$ZNC_BASE"/{layers,flattened,bundles} -mindepth 1 \
     -not -name .lock)"
-check 'nor a device' test "$(overlay_mounts)" = 0
+check 'no overlay device is left' test "$(overlay_mounts)" = 0
 
 # ---------------------------------------------------------------- what is refused before anything is done
 cp -r "$layout" "$work/no-mark"
@@ -184,7 +184,7 @@ zncctl: error: $layout: $ZNC_BASE/bundles/.making-layout: locked for 10 seconds 
 exec 8>&-
 run zncctl unpack --os linux --progress none "$layout" "$work/refused"
 expect 'a process that released the lock is not waited for' 0 '' ''
-check 'and the lock goes with its last user' test ! -e "$ZNC_BASE/bundles/.making-layout"
+check 'the lock file is removed by its last user' test ! -e "$ZNC_BASE/bundles/.making-layout"
 rm -rf "$work/refused"
 zncctl storage gc -q
 
@@ -219,12 +219,12 @@ PYTHON
 run zncctl unpack --os linux --progress none "$work/tall" "$work/tall-bundle"
 check 'more layers than the kernel stacks are not unpacked as a stack' test "$status/$out/$(error_line)" = \
     "1//$work/tall: Invalid parameter"
-check 'with a hint at the other way' grep -q '^zncctl: hint: .*(501); .*--flatten' "$work/err"
-check 'and no layer is extracted' test -z "$(ls "$ZNC_BASE/layers")"
+check 'the hint names --flatten' grep -q '^zncctl: hint: .*(501); .*--flatten' "$work/err"
+check 'no layer is extracted before the refusal' test -z "$(ls "$ZNC_BASE/layers")"
 run zncctl unpack --os linux --progress none --flatten "$work/tall" "$work/tall-bundle"
-expect 'they are unpacked as one tree' 0 '' ''
+expect 'an image of too many layers is unpacked as one tree' 0 '' ''
 run zncctl run --rm --os linux --progress none "$work/tall"
-expect 'and run as that by themselves' 0 'layer 500' ''
+expect 'run flattens an image of too many layers' 0 'layer 500' ''
 rm -rf "$work/tall-bundle"
 zncctl storage gc -q
 
@@ -238,13 +238,13 @@ run zncctl run --rm --os linux --progress none "$work/nowhere"
 expect 'an image that names no working directory works in the root' 0 / ''
 run zncctl unpack --os linux --flatten --progress none "$work/nowhere" "$work/as-it-is"
 run zncctl create where "$work/as-it-is"
-expect 'so does a bundle that is unpacked from it' 0 '' ''
+expect 'a bundle unpacked from it works in the root' 0 '' ''
 zncctl delete -q where
 sed -i -E 's/"cwd":[[:space:]]*"[^"]*",?//' "$work/as-it-is/config.json"
 run zncctl create where "$work/as-it-is"
 check 'a bundle without a working directory is refused with a hint' test "$status/$(error_line)" = \
     '1/where: OCI cwd parameter invalid'
-check 'that names what to set' grep -q '^zncctl: hint: process\.cwd ' "$work/err"
+check 'the hint names the member to be set' grep -q '^zncctl: hint: process\.cwd ' "$work/err"
 stop_daemon
 run zncctl storage gc
 fails_with 'storage gc without a daemon exits 4' 4 'The daemon is not running'

@@ -26,27 +26,27 @@ echo first >"$work/root/etc/greeting"
 run zncctl images
 expect 'an empty store has no images' 0 'REPOSITORY  TAG  IMAGE ID  CREATED  SIZE' ''
 run zncctl images -q
-expect 'nor ids' 0 '' ''
+expect 'an empty store has no ids' 0 '' ''
 run zncctl run --pull never nothing
 check 'run of a name that is not in the store exits 125' test "$status/$out/$(error_line)" = \
     '125//nothing: there is no such image in the store'
-check 'with a hint at pull' grep -q "^zncctl: hint: .*'zncctl pull'" "$work/err"
+check 'the hint names zncctl pull' grep -q "^zncctl: hint: .*'zncctl pull'" "$work/err"
 run zncctl import "$work/root" shell
 check 'import into the store prints the id' grep -qx 'sha256:[0-9a-f]*' "$work/out"
 id=${out#sha256:}
-check 'and says what was changed' test "$status/$err" = '0/zncctl: changed: 1 hard link copied'
+check 'import prints what was changed' test "$status/$err" = '0/zncctl: changed: 1 hard link copied'
 run zncctl images
 check 'images shows repository, tag and id' grep -Eq \
     "^localhost/shell +latest +${id:0:12}  .* [0-9.]+ [kM]B\$" "$work/out"
 run zncctl images -q
 expect 'images -q prints the short id' 0 "${id:0:12}" ''
 run zncctl images -q --no-trunc shell
-expect 'with --no-trunc the whole, and a name selects' 0 "sha256:$id" ''
+expect 'images --no-trunc prints whole ids and takes a name' 0 "sha256:$id" ''
 run zncctl images --format '{{.ID}} {{.Repository}}:{{.Tag}}|{{.Names}}'
 expect 'images takes formats with fields' 0 "${id:0:12} localhost/shell:latest|localhost/shell:latest" ''
 run zncctl images --no-trunc --format 'table {{.ID}}\t{{.Digest}}'
-check 'also as a table' grep -qx 'IMAGE ID *DIGEST' "$work/out"
-check 'with whole ids' grep -q "^sha256:$id  sha256:" "$work/out"
+check 'images takes a table of fields' grep -qx 'IMAGE ID *DIGEST' "$work/out"
+check 'a table with --no-trunc has whole ids' grep -q "^sha256:$id  sha256:" "$work/out"
 run zncctl image ls --format '{{.Tag}}'
 expect 'image ls takes them, too' 0 latest ''
 for command in images 'image ls'; do
@@ -70,7 +70,7 @@ expect 'image ls lists the names of the store' 0 localhost/shell:latest ''
 run zncctl spec --image shell
 check 'spec takes a name' test "$(jq -r .process.cwd "$work/out")" = /
 check 'inspection leaves no files' no_stage
-check 'it is for root alone' test "$(stat -c %a "$store")" = 700
+check 'the store is accessible to root only' test "$(stat -c %a "$store")" = 700
 
 start_daemon
 for name in shell localhost/shell shell:latest localhost/shell:latest "$id" "sha256:$id" "${id:0:12}" "${id:0:3}" \
@@ -85,7 +85,7 @@ check 'image inspect has them all' test "$(jq -c '.[0].RepoTags' "$work/out")" =
     '["localhost/shell:latest","localhost/tools:v1","quay.example.org:5000/team/tools:latest"]'
 check 'the image has three names' test "$(names)" = \
     'localhost/shell:latest localhost/tools:v1 quay.example.org:5000/team/tools:latest '
-check 'and one id' test "$(zncctl images -q | wc -l)" = 1
+check 'the image has one id' test "$(zncctl images -q | wc -l)" = 1
 for name in '../../etc' 'a b' 'UPPER' 'x:..' "$(printf 'x%.0s' {1..300})" $'bad\nname' 'x@sha256:1' 'a//b' '-x/'; do
     run zncctl tag shell -- "$name"
     check "a name that is none is refused (${#name} bytes)" test "$status/$out" = 1/
@@ -96,7 +96,7 @@ expect 'rmi removes one of several names' 0 'Untagged: localhost/shell:latest' '
 run zncctl rmi "$id"
 check 'rmi by id is refused while there are several names' test "$status" = 3
 run zncctl rmi tools:v1
-check 'the other goes' test "$status/$out" = '0/Untagged: localhost/tools:v1'
+check 'rmi by name removes one of several names' test "$status/$out" = '0/Untagged: localhost/tools:v1'
 run zncctl rmi nosuch
 fails_with 'rmi of what is not there exits 2' 2 'there is no such image in the store'
 
@@ -109,7 +109,7 @@ check 'system df counts an image with two names once' test "$(image_use)" = "1 0
 zncctl rmi quay.example.org:5000/team/tools >/dev/null
 run zncctl run -d --name user --network none --progress none shell
 check 'a container runs from it' test "$status" = 0
-check 'and system df knows that it is used' test "$(image_use)" = "1 1 $size 0"
+check 'system df counts the image as used' test "$(image_use)" = "1 1 $size 0"
 run zncctl rmi shell
 check 'rmi of an image that a container uses is refused' test "$status/$(error_line)" = \
     '3/shell: it is used by the containers user'
@@ -117,7 +117,7 @@ run zncctl image prune --all --force
 check 'image prune --all keeps it' test "$(names)" = 'localhost/shell:latest '
 run zncctl rmi --force shell
 check 'rmi --force removes it' test "$status/${out%%$'\n'*}" = '0/Untagged: localhost/shell:latest'
-check 'and the container' test -z "$(zncctl list -q)"
+check 'rmi --force deletes the container' test -z "$(zncctl list -q)"
 check 'no blob is left' test "$(blobs)" = 0
 
 # ---------------------------------------------------------------- layouts and archives
@@ -135,12 +135,12 @@ expect 'collecting what is unused leaves the image and its bundle' 0 beside ''
 run zncctl import -q --force "oci:$work/layout:latest" sleeper
 check 'the name can move to another image' test "$status" = 0
 run zncctl list -q --status running
-expect 'while the containers of the first run' 0 $'asleep\nbeside' ''
+expect 'both images run after the name has moved' 0 $'asleep\nbeside' ''
 run zncctl image prune --force
-check 'whose image has no name now, and is kept' test "$(zncctl images --format json | jq 'map(select(.name == "")) | length')" = 1
+check 'the old image without a name is kept while it is used' test "$(zncctl images --format json | jq 'map(select(.name == "")) | length')" = 1
 zncctl delete -qf asleep beside
 run zncctl image prune --force
-check 'until they are gone' test "$(names)" = 'localhost/sleeper:latest '
+check 'the old image is removed with its containers' test "$(names)" = 'localhost/sleeper:latest '
 zncctl rmi sleeper >/dev/null
 check 'nothing is left' test "$(blobs)" = 0
 
@@ -162,14 +162,14 @@ exec 8>"$store/.in-use"
 flock -s 8
 run zncctl rmi read 8>&-
 check 'an image that is being read can be removed' test "$status/$(names)" = 0/
-check 'its blobs stay' test "$(blobs)" -gt 0
+check 'the blobs of an image that is being read stay' test "$(blobs)" -gt 0
 exec 8>&-
 zncctl image prune --force >/dev/null
-check 'until it is not read any more' test "$(blobs)" = 0
+check 'the blobs are removed after the reading' test "$(blobs)" = 0
 
 run zncctl run --rm --network none --progress none "oci:$work/layout:latest"
 expect 'a layout with a prefix runs as it is' 0 'from the second layer' ''
-check 'without the store' test "$(names)" = ''
+check 'a layout with a prefix is not added to the store' test "$(names)" = ''
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "docker-archive:$work/docker.tar:example/app:v2"
 quietly skopeo copy --insecure-policy "oci:$work/layout:latest" "oci-archive:$work/oci.tar:app"
 quietly skopeo copy --insecure-policy --dest-compress --dest-compress-format zstd "oci:$work/layout:latest" \
@@ -186,7 +186,7 @@ done
 ok=0
 for i in {1..6}; do wait "${pids[i]}" && ok=$((ok + 1)); done
 check 'an archive runs in several containers at once' test "$ok" = 6
-check 'and is converted once' test "$(zncctl images -q | wc -l)" = 1
+check 'an archive is converted only once' test "$(zncctl images -q | wc -l)" = 1
 for source in "$work/zstd" "oci:$work/zstd:latest" "oci-archive:$work/oci.tar" \
     "docker-archive:$work/docker.tar" "docker-archive:$work/docker.tar:example/app:v2"; do
     run zncctl run --rm --network none --progress none "$source"
@@ -196,7 +196,7 @@ for source in "$work/zstd" "oci:$work/zstd:latest" "oci-archive:$work/oci.tar" \
     expect "$source: the second time at once" 0 'from the second layer' ''
     check "$source: nothing is stored again" test "$(blobs)" = "$before"
 done
-check 'none of them has a name' test "$(names | tr -d ' ')" = ''
+check 'images of archives run directly have no names' test "$(names | tr -d ' ')" = ''
 run zncctl unpack --progress none "$work/zstd" "$work/unpacked"
 check 'unpack converts, too' test "$status" = 0 -a -s "$work/unpacked/config.json"
 rm -rf "$work/unpacked"
@@ -215,20 +215,20 @@ check 'load reads standard input' test "$?/$(<"$work/out")" = '0/Loaded image: l
 gzip -k "$work/oci.tar"
 # shellcheck disable=SC2002 # a pipe is what is tested
 cat "$work/oci.tar.gz" | "$ZNCCTL" load >"$work/out" 2>"$work/err"
-check 'also compressed from a pipe' test "$?/$(<"$work/out")" = '0/Loaded image: localhost/app:latest'
-check 'both are in the store' test "$(names)" = 'docker.io/example/app:v2 localhost/app:latest '
-check 'and are the same image' test "$(zncctl images -q | wc -l)" = 1
+check 'load reads a compressed archive from a pipe' test "$?/$(<"$work/out")" = '0/Loaded image: localhost/app:latest'
+check 'both names are in the store' test "$(names)" = 'docker.io/example/app:v2 localhost/app:latest '
+check 'both names are of the same image' test "$(zncctl images -q | wc -l)" = 1
 run zncctl run --rm --network none --progress none example/app:v2
 expect 'a short name finds it' 0 'from the second layer' ''
 tar -C "$work/root" -cf "$work/root.tar" .
 run zncctl load -i "$work/root.tar"
 check 'load of a root filesystem is refused' test "$status/$out" = 1/
-check 'with a hint at import' grep -q "^zncctl: hint: 'zncctl import'" "$work/err"
+check 'the hint names zncctl import' grep -q "^zncctl: hint: 'zncctl import'" "$work/err"
 run zncctl import --list "$work/docker.tar"
 check 'import --list prints the images of a source' test "$status/$(jq -c '.[0] | [.names, .os, .rootfs]' "$work/out")" = \
     '0/[["docker.io/example/app:v2"],"linux",false]'
 run zncctl import --list "$work/docker.tar" "$work/nowhere"
-check 'and takes no target' test "$status/$out" = 64/ -a ! -e "$work/nowhere"
+check 'import --list takes no target' test "$status/$out" = 64/ -a ! -e "$work/nowhere"
 mkdir "$work/docker"
 tar -C "$work/docker" -xf "$work/docker.tar"
 jq -c '.[0].RepoTags = ["../../etc/passwd:x", "/etc/shadow", "a\u001b[2Jb:1", "'"$(printf 'x%.0s' {1..400})"'", "fine:1"]' \
@@ -237,7 +237,7 @@ cp "$work/manifest" "$work/docker/manifest.json"
 tar -C "$work/docker" -cf "$work/names.tar" .
 run zncctl load -i "$work/names.tar"
 expect 'load ignores invalid image names' 0 'Loaded image: docker.io/library/fine:1' ''
-check 'also as names of the store' test "$(names)" = \
+check 'load keeps several valid names' test "$(names)" = \
     'docker.io/example/app:v2 docker.io/library/fine:1 localhost/app:latest '
 zncctl rmi fine:1 >/dev/null
 before=$(names)
@@ -250,7 +250,7 @@ check 'load adds images whose names end alike' test "$status/$out" = "0/$(
 run zncctl run --rm --network none --progress none "docker-archive:$work/alike.tar:app:one"
 expect 'a whole name selects one of them' 0 'from the second layer' ''
 run zncctl run --rm --network none --progress none "docker-archive:$work/alike.tar:@2"
-expect 'and so does its place' 0 'from the second layer' ''
+expect 'an image is selected by its index' 0 'from the second layer' ''
 zncctl rmi app:one other/app:one third:one >/dev/null
 zncctl image prune --force >/dev/null
 jq -c '.[0].RepoTags = ["cut:1"] | .[0].Layers[1] = "none.tar"' "$work/manifest" >"$work/docker/manifest.json"
@@ -258,17 +258,17 @@ tar -C "$work/docker" -cf "$work/missing.tar" .
 run zncctl load -i "$work/missing.tar"
 check 'load of an archive without a layer fails' test "$status/$out/$(error_line)" = \
     "1//$work/missing.tar: it contains no complete image"
-check 'and says what is missing' grep -qx \
+check 'load prints which layer is missing' grep -qx \
     "zncctl: warning: $work/missing.tar: cut:1 is not added: the layer none.tar is missing" "$work/err"
 jq -c '. + [.[0] | .RepoTags = ["whole:1"] | .Layers[1] = $layer]' \
     --arg layer "$(jq -r '.[0].Layers[1]' "$work/manifest")" "$work/docker/manifest.json" >"$work/two"
 mv "$work/two" "$work/docker/manifest.json"
 tar -C "$work/docker" -cf "$work/missing.tar" .
 run zncctl load -i "$work/missing.tar"
-check 'other images of the archive are added' test "$status/$out" = '0/Loaded image: docker.io/library/whole:1'
-check 'with a warning' grep -q '^zncctl: warning: .*: cut:1 is not added: ' "$work/err"
+check 'load adds the complete images of the archive' test "$status/$out" = '0/Loaded image: docker.io/library/whole:1'
+check 'load warns about the incomplete image' grep -q '^zncctl: warning: .*: cut:1 is not added: ' "$work/err"
 zncctl rmi whole:1 >/dev/null
-check 'all of them can be removed' test "$(names)" = "$before"
+check 'all loaded images can be removed' test "$(names)" = "$before"
 jq -c '.[0].RepoTags = [range(101) | "many:\(.)"]' "$work/manifest" >"$work/docker/manifest.json"
 tar -C "$work/docker" -cf "$work/many.tar" .
 run zncctl load -i "$work/many.tar"
@@ -287,7 +287,7 @@ done
 head -c 5000 "$work/oci.tar" >"$work/cut.tar"
 run zncctl load -i "$work/cut.tar"
 check 'load of a cut archive is refused' test "$status/$out" != 0/
-check 'and leaves nothing' no_stage
+check 'a refused load leaves no stage' no_stage
 # Names are inherited from one index by the next: a short archive has a long list.
 mkdir -p "$work/long/blobs/sha256"
 printf '{"imageLayoutVersion":"1.0.0"}' >"$work/long/oci-layout"
@@ -314,17 +314,17 @@ check 'a registry without TLS is refused by default' test "$status/$out" = 1/
 run zncctl pull -q --tls-verify=false "$host/team/app"
 check 'pull prints the id' grep -qx '[0-9a-f]\{64\}' "$work/out"
 pulled=$out
-check 'which is that of the registry' test "sha256:$pulled" = \
+check 'the id is that of the image on the registry' test "sha256:$pulled" = \
     "$(skopeo inspect --raw "oci:$work/served:latest" | jq -r .config.digest)"
 digest=$(skopeo inspect --raw "oci:$work/served:latest" | sha256sum | cut -d ' ' -f 1)
 run zncctl run --rm --network none --progress none "$host/team/app"
-expect 'it runs' 0 'from the second layer' ''
+expect 'the pulled image runs' 0 'from the second layer' ''
 run zncctl run --rm --network none --progress none "$host/team/app@sha256:$digest"
-expect 'and is found by its digest' 0 'from the second layer' ''
+expect 'the pulled image is found by its digest' 0 'from the second layer' ''
 run zncctl pull -q --tls-verify=false "$host/team/app:zstd"
 check 'pull converts what the library cannot unpack' test "$status" = 0
 run zncctl run --rm --network none --progress none "$host/team/app:zstd"
-expect 'which runs as well' 0 'from the second layer' ''
+expect 'a converted image runs' 0 'from the second layer' ''
 before=$(zncctl images --format json)
 run zncctl pull -q --tls-verify=false "$host/team/app"
 check 'pulling it again changes nothing' test "$status/$out" = "0/$pulled" -a \
@@ -334,10 +334,10 @@ check 'pull by digest' test "$status/$out" = "0/$pulled"
 check 'keeps the digest as the name' grep -q "$host/team/app@sha256:$digest" <<<"$(names)"
 run zncctl pull -q --tls-verify=false "$host/team/app:none"
 check 'pull of what is not there fails' test "$status/$out" = 1/
-check 'and leaves nothing' no_stage
+check 'a failed pull leaves no stage' no_stage
 run zncctl pull -q "oci:$work/layout:latest" "dir:$work/plain"
 check 'pull takes the transports of skopeo' test "$status" = 0
-check 'and names them by the directory' grep -q 'localhost/layout:latest .*localhost/plain:latest' <<<"$(names)"
+check 'images of other transports are named by their directories' grep -q 'localhost/layout:latest .*localhost/plain:latest' <<<"$(names)"
 # A directory that is called as the digest of another image.
 cp -r "$work/layout" "$work/evil"
 quietly umoci config --image "$work/evil:latest" --config.entrypoint /bin/busybox --config.cmd echo --config.cmd evil
@@ -348,7 +348,7 @@ for digest in "$meant" "$zstd"; do
     run zncctl pull -q "dir:$work/q@sha256:$digest"
     check 'a directory that is called as a digest can be pulled' test "$status" = 0
     run zncctl run --rm --network none --progress none "q@sha256:$digest"
-    check 'but its image is not found by that digest' test "$status/$out" = 125/
+    check 'an image of a local source is not found by a digest' test "$status/$out" = 125/
 done
 for layout in layout zstd; do
     run zncctl run --rm --network none --progress none "$work/$layout"
@@ -356,9 +356,9 @@ for layout in layout zstd; do
 done
 zncctl image prune --force >/dev/null
 PATH=/nowhere run "$ZNCCTL" pull busybox
-check 'without skopeo pull says what to install' test "$status/$(error_line)" = \
+check 'pull without skopeo names what is missing' test "$status/$(error_line)" = \
     '1/docker.io/library/busybox:latest: skopeo, which fetches images, is not installed'
-check 'in a hint' grep -q '^zncctl: hint: .*install the package skopeo' "$work/err"
+check 'the hint suggests to install skopeo' grep -q '^zncctl: hint: .*install the package skopeo' "$work/err"
 pids=()
 for i in 1 2 3 4; do
     "$ZNCCTL" pull -q --tls-verify=false "$host/one/app:zstd" "$host/two/app$((i % 2))" </dev/null \
@@ -368,7 +368,7 @@ done
 ok=0
 for i in 1 2 3 4; do wait "${pids[i]}" && ok=$((ok + 1)); done
 check 'pulls of the same images at once all succeed' test "$ok" = 4
-check 'and leave one of each' test "$(names | tr ' ' '\n' | grep -Ec '/(one|two)/')" = 3 -a \
+check 'one image of each remains' test "$(names | tr ' ' '\n' | grep -Ec '/(one|two)/')" = 3 -a \
     "$(zncctl images -q "$host/two/app0")" = "$(zncctl images -q "$host/two/app1")"
 check 'the store is whole' store_is_whole
 stop_serving
@@ -393,7 +393,7 @@ for name in full another third; do
     run zncctl rmi "$name"
     check "rmi $name frees space on a full disk" test "$status/$err" = 0/
 done
-check 'and removes everything' test "$(names)/$(find "$work/small/images/blobs" -type f | wc -l)" = /0
+check 'removing the images on a full disk leaves no blobs' test "$(names)/$(find "$work/small/images/blobs" -type f | wc -l)" = /0
 umount "$work/small"
 export ZNC_BASE=$work/storage
 
@@ -410,19 +410,19 @@ done
 ok=0
 for i in {1..20}; do wait "${pids[i]}" && ok=$((ok + 1)); done
 check 'twenty containers of one image at once all run' test "$ok" = 20
-check 'and its layers are stored once' test "$(layers)" = 1
+check 'the layers of the image are stored once' test "$(layers)" = 1
 for i in 1 2; do
     run zncctl unpack --progress none many "$work/bundle$i"
-    check "it can be unpacked beside them ($i)" test "$status" = 0
+    check "the image can be unpacked beside them ($i)" test "$status" = 0
 done
-check 'which stores no layer again' test "$(layers)" = 1
+check 'no layer is stored again' test "$(layers)" = 1
 zncctl import -q "$work/layout" layered
 for i in 3 4 5; do
     run zncctl unpack --progress none layered "$work/bundle$i"
-    check "so can an image of several layers ($i)" test "$status" = 0
+    check "an image of several layers can be unpacked ($i)" test "$status" = 0
     run zncctl create "b$i" "$work/bundle$i"
     run zncctl start -a "b$i"
-    expect "and each bundle runs ($i)" 0 'from the second layer' ''
+    expect "each of the bundles runs ($i)" 0 'from the second layer' ''
 done
 zncctl rmi layered >/dev/null
 
@@ -436,15 +436,15 @@ check 'a directory does not replace the image of this name' test \
     "$(jq -r '.[].tag' "$work/out")" = localhost/many:latest
 run zncctl run --rm --pull never --network none --progress none mine
 check 'a directory is not run by a name' test "$status/$out" = 125/
-check 'but a hint says how' grep -qx \
+check 'the hint shows how to run a directory' grep -qx \
     'zncctl: hint: there is a directory of this name: the path of the layout in it is ./mine' "$work/err"
 run zncctl run --rm --network none --progress none ./mine
-expect 'which runs it' 0 'from the second layer' ''
+expect 'the command of the hint works' 0 'from the second layer' ''
 run zncctl run --rm --network none --progress none build/mine:latest
 expect 'a path of several directories needs no dot' 0 'from the second layer' ''
 zncctl tag many build/mine
 run zncctl image ls -f json build/mine
-check 'unless the store has that name' test "$(jq -r '.[].tag' "$work/out")" = localhost/build/mine:latest
+check 'an image of this name in the store takes precedence' test "$(jq -r '.[].tag' "$work/out")" = localhost/build/mine:latest
 zncctl rmi build/mine >/dev/null
 run zncctl import -q "$work/layout" mine
 check 'import of a name goes into the store' test "$status" = 0 -a "$(zncctl images -q mine | wc -l)" = 1
@@ -461,7 +461,7 @@ done
 pids[7]=$!
 wait "${pids[@]}"
 check 'changes at once all succeed' test ! -s "$work/changes"
-check 'and lose nothing' test "$(names)" = 'localhost/another:latest localhost/many:latest localhost/other:latest '
+check 'no concurrent change is lost' test "$(names)" = 'localhost/another:latest localhost/many:latest localhost/other:latest '
 
 # An import that is killed leaves nothing for longer than to the next change.
 killed() {
@@ -482,16 +482,16 @@ left=$store/blobs/sha256/$(sha256sum "$work/left" | cut -d ' ' -f 1)
 cp "$work/left" "$left"
 zncctl storage gc -q
 check 'storage gc removes blobs that no image needs' test ! -e "$left"
-check 'and no others' store_is_whole
+check 'storage gc removes no other blobs' store_is_whole
 zncctl import -q "$work/root" after
-check 'what it left is removed by the next' no_stage
+check 'a stage of a killed process is removed by the next command' no_stage
 cp "$store/index.json" "$work/index"
 for text in '{' '{"manifests":{}}' '{"manifests":[{"digest":"../../x"}]}' '{"manifests":[],"manifests":[]}'; do
     printf '%s' "$text" >"$store/index.json"
     run zncctl images
     check 'a damaged index is reported' test "$status/$out" = 1/
     run zncctl rmi after
-    check 'and not changed' test "$status/$(<"$store/index.json")" = "1/$text"
+    check 'a damaged index is not changed' test "$status/$(<"$store/index.json")" = "1/$text"
 done
 cp "$work/index" "$store/index.json"
 printf x >>"$store/blobs/sha256/$(id_of after | cut -d : -f 2)"

@@ -46,13 +46,13 @@ check 'inspect names the container' grep -q '"hello"' "$work/out"
 run zncctl start -a hello
 expect 'start --attach passes on output and exit status' 7 hello wrong
 run zncctl state hello
-check 'afterwards it is stopped' grep -q '"status": 3' "$work/out"
+check 'the container is stopped when its program has ended' grep -q '"status": 3' "$work/out"
 run zncctl start -a hello
 fails_with 'a stopped container cannot be started again' 125 'Container in use'
 run zncctl start hello
 fails_with 'nor detached' 3 'Container in use'
 run zncctl list
-check 'and its exit code is not forgotten' \
+check 'the exit code of the program is kept' \
     test "${out##*$'\n'}" = "hello  stopped  7     $work/hello"
 run zncctl delete hello
 expect 'delete prints the id' 0 hello ''
@@ -89,7 +89,7 @@ check 'what the daemon said about it stands on standard error' \
 zncctl create web "$work/loop"
 run zncctl start web
 expect 'start returns while the program runs' 0 '' ''
-check 'it runs' status_is web running
+check 'the started container runs' status_is web running
 run zncctl delete -q web
 fails_with 'a running container is not deleted' 3 'Container in use'
 run zncctl kill web
@@ -103,7 +103,7 @@ zncctl create web "$work/loop"
 zncctl start web
 run zncctl delete -f web
 expect 'delete --force of a running container' 0 web ''
-check 'its program is gone' eventually not program_lives
+check 'the program of the deleted container has ended' eventually not program_lives
 
 for how in '-s KILL' '-s 9' '-s sigkill'; do
     zncctl create web "$work/loop"
@@ -165,14 +165,14 @@ for id in "$long" $'two\nlines' ' ' -f '[a,b]'; do
     run zncctl create -- "$id" "$work/loop"
     expect "an id may be '${id:0:10}'" 0 '' ''
     run zncctl list
-    check 'and its row is one line' test "$(wc -l <"$work/out")" = 2
+    check 'the id is listed on one line' test "$(wc -l <"$work/out")" = 2
     run zncctl delete -- "$id"
-    expect 'and it is found again, and shown on one line' 0 "${id//$'\n'/?}" ''
+    expect 'the id is found again and printed on one line' 0 "${id//$'\n'/?}" ''
 done
 run zncctl create "${long}y" "$work/loop"
 expect 'an id may have 255 bytes' 0 '' ''
 run zncctl delete "$long"
-expect 'of which 254 count from then on' 0 "$long" ''
+expect 'only 254 bytes of an id of 255 are kept' 0 "$long" ''
 for id in "xx$long" '' . .. a/b 'a\b'; do
     run zncctl create "$id" "$work/loop"
     fails_with "an id may not be '${id:0:10}'" 1 'Invalid parameter'

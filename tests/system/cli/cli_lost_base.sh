@@ -89,11 +89,11 @@ for kind in layered flat; do
     expect "no container is created from the first one's $kind bundle" 1 '' \
         "$said"$'\n''zncctl: error: victim: Container rootfs create failed'
     run zncctl run --rm --name victim --bundle "$work/first-$kind"
-    expect "nor does run make one from the $kind bundle" 125 '' \
+    expect "run makes no container from the $kind bundle" 125 '' \
         "$said"$'\n''zncctl: error: victim: Container rootfs create failed'
     cp -a "$work/first-$kind" "$work/copy-$kind"
     run zncctl create victim "$work/copy-$kind"
-    check "nor from a copy of the $kind bundle" test "$status" = 1
+    check "no container is created from a copy of the $kind bundle" test "$status" = 1
     rm "$work/copy-$kind/.zn-layers"
     run zncctl create older "$work/copy-$kind"
     expect "a $kind bundle without .zn-layers is not checked" 0 '' ''

@@ -95,9 +95,9 @@ check 'ZNCCTL_NETWORK is the default' test "$status/${out%%$'\n'*}" = '0/ lo'
 # --- pasta
 zrun --rm "$work/layout:interfaces"
 check 'a machine without a route has no network for pasta' test "$status/$out" = 125/
-check 'and the hint names the other networks' says_in_error '--network none'
+check 'the hint names --network none' says_in_error '--network none'
 check 'nothing is left of the container' no_container
-check 'nor of its record' no_record
+check 'no record of the container is left' no_record
 ip route add default via 192.0.2.1
 
 image ask 'cat /etc/resolv.conf; timeout 5 nc 192.0.2.1 9000 </dev/null | head -n 1'
@@ -111,23 +111,23 @@ check 'a container reaches the world outside through pasta' test "$status/$out" 
 nameserver 169.254.1.1
 from outside'
 check 'nothing of pasta is left afterwards' eventually no_pasta
-check 'nor of the record' no_record
+check 'no record is left after pasta has ended' no_record
 
 image serve "exec nc -ll -p 80 -e echo inside"
 zrun --name server -d -p 127.0.0.1:8080:80 -p 8081:80 -p 8080:80/udp "$work/layout:serve"
 expect 'a container is started with published ports' 0 server ''
 check 'the port is forwarded' eventually answers 127.0.0.1 8080 inside
-check 'each of them' eventually answers 127.0.0.1 8081 inside
-check 'the one with an address is open there only' test \
+check 'each published port is forwarded' eventually answers 127.0.0.1 8081 inside
+check 'a port with an address is open at that address only' test \
     "$(ss -Hltn 'sport = :8080' | awk '{ print $4 }')" = 127.0.0.1:8080
 check 'UDP ports are forwarded as such' receives 8080
 check 'pasta runs as a user of its own' test "$(pastas | wc -l)" = 1
-check 'and without other rights than it needs' grep -q '^CapEff:.*0000200400$' \
+check 'pasta has no other capabilities than it needs' grep -q '^CapEff:.*0000200400$' \
     "/proc/$(pastas)/status"
 zrun --name second -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 check 'a port that is taken is an error' test "$status/$out" = 125/
-check 'which names the port' says_in_error 127.0.0.1/8080:80
-check 'and leaves the first container alone' eventually answers 127.0.0.1 8080 inside
+check 'the message names the port' says_in_error 127.0.0.1/8080:80
+check 'the first container still serves its port' eventually answers 127.0.0.1 8080 inside
 image peer 'timeout 5 nc 192.0.2.2 8081 </dev/null'
 zrun --rm "$work/layout:peer"
 check 'containers reach each other by published ports only' test "$status/$out" != 0/inside
@@ -149,8 +149,8 @@ kill -KILL "$client"
 wait "$client" 2>/dev/null
 check 'a container survives its zncctl, with its network' eventually answers 127.0.0.1 8080 inside
 run zncctl delete -f orphan
-check 'and can be deleted' test "$status" = 0
-check 'its port is closed then' closed 8080
+check 'the container without zncctl can be deleted' test "$status" = 0
+check 'its port is closed after the deletion' closed 8080
 
 zrun --name server -d -p 127.0.0.1:8080:80 "$work/layout:serve"
 eventually listens 8080
@@ -171,7 +171,7 @@ check 'a container whose pasta was killed can be deleted' test "$status" = 0
 image addresses 'ip -o -4 address show dev znc0 | wc -l; cat /etc/resolv.conf'
 zrun --rm --network host "$work/layout:addresses"
 check 'the host network is refused' test "$status/$out" = 125/
-check 'and the hint says what it needs' says_in_error '--allow-privileged'
+check 'the hint names --allow-privileged' says_in_error '--allow-privileged'
 stop_daemon
 start_daemon --allow-privileged
 zrun --rm --network host "$work/layout:addresses"
@@ -186,9 +186,9 @@ ln -sf busybox "$work/bundle/rootfs/bin/nc"
 run zncctl create --network pasta -p 127.0.0.1:8080:80 created "$work/bundle"
 check 'create connects a container' test "$status" = 0
 run zncctl start created
-check 'which serves its port when it is started' eventually answers 127.0.0.1 8080 bundle
+check 'the container serves its port when it is started' eventually answers 127.0.0.1 8080 bundle
 check 'the bundle has not changed' cmp "$work/bundle/config.json" "$work/before.json"
-check 'nor its root' test ! -e "$work/bundle/rootfs/etc"
+check 'the root of the bundle has not changed' test ! -e "$work/bundle/rootfs/etc"
 run zncctl delete -f created
 check 'the port is closed when it is deleted' closed 8080
 run zncctl run --name bundled -b "$work/bundle" -d
@@ -201,6 +201,6 @@ zrun --rm "$work/layout:interfaces"
 fails_with 'without pasta an error names the other networks' 125 \
     "the network needs /usr/bin/pasta, which is not installed (Debian package passt); '--network none' runs the container without a network, '--network host' with the host's"
 zrun --rm --name alone --network none "$work/layout:interfaces"
-check 'and a container without a network can be run' test "$status" = 0
+check 'a container without a network can be run' test "$status" = 0
 check 'no bundle of a container is left' test -z "$(ls -d "$ZNC_BASE"/bundles/of-* 2>/dev/null)"
 finish

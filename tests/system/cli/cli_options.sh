@@ -34,7 +34,7 @@ own_bundles() { find "$ZNC_BASE/bundles" -name 'of-*' 2>/dev/null; }
 
 # --- command and entry point
 zrun "$image"
-expect 'without a command an image runs its own' 0 'entry of-the-image' ''
+expect 'run without a command runs the command of the image' 0 'entry of-the-image' ''
 zrun "$image" other -x --rm -- words
 expect 'the words after the image replace its command, whatever they look like' 0 \
     'entry other -x --rm -- words' ''
@@ -56,36 +56,36 @@ cp "$work/bundle/config.json" "$work/before.json"
 run zncctl run --rm -b "$work/bundle" /bin/echo command
 expect 'with --bundle all words are the command' 0 command ''
 run zncctl run --rm -b "$work/bundle" --entrypoint /bin/echo x
-expect 'and --entrypoint precedes it' 0 x ''
+expect 'with --bundle --entrypoint precedes the command' 0 x ''
 run zncctl run --rm -b "$work/bundle" -e A=1 -w /tmp
 expect 'a bundle keeps its command with other options' 0 bundle ''
 check 'the bundle does not change' cmp "$work/bundle/config.json" "$work/before.json"
-check 'and no bundle of a container is left' test -z "$(own_bundles)"
+check 'no bundle of a single container is left' test -z "$(own_bundles)"
 
 # --- what stays, what is deleted
 run zncctl run --os linux --name kept "$image"
 expect 'a container whose program has ended' 0 'entry of-the-image' ''
 run zncctl list -q
-expect 'is kept without --rm' 0 kept ''
+expect 'a container is kept without --rm' 0 kept ''
 run zncctl run --rm --os linux --name kept "$image"
-check 'its name is taken' test "$status/$(error_line)" = '125/kept: Container already exists'
-check 'which leaves it alone' test "$(zncctl list -q)" = kept
+check 'the name of a kept container is taken' test "$status/$(error_line)" = '125/kept: Container already exists'
+check 'the kept container is not changed' test "$(zncctl list -q)" = kept
 zncctl delete -q kept
 run zncctl run -d --rm --os linux --name brief "$image"
 expect 'a detached container with --rm is started' 0 brief ''
-check 'and deleted when it has ended' eventually no_containers
-check 'with its bundle' eventually test -z "$(own_bundles)"
+check 'a container with --rm is deleted when it has ended' eventually no_containers
+check 'its bundle is deleted, too' eventually test -z "$(own_bundles)"
 run zncctl run -d --rm --os linux --entrypoint /bin/sh --name waited "$image" -c 'sleep 0.3; exit 6'
 run zncctl wait waited
 expect 'wait prints the exit code of a container that is deleted at its end' 0 6 ''
-check 'which is deleted' eventually no_containers
+check 'the container that was waited for is deleted' eventually no_containers
 
 # --- standard input, terminals
 printf 'line\n' >"$work/input"
 zncctl run --rm --os linux --entrypoint /bin/cat "$image" <"$work/input" >"$work/out"
-check 'without -i standard input is not passed' test ! -s "$work/out"
+check 'without -i standard input is not passed on' test ! -s "$work/out"
 zncctl run --rm -i --os linux --entrypoint /bin/cat "$image" <"$work/input" >"$work/out"
-check 'with -i it is' cmp "$work/out" "$work/input"
+check 'with -i standard input is passed on' cmp "$work/out" "$work/input"
 sh_in -t 'test -t 1 && echo "terminal $TERM"'
 expect '-t needs no terminal of the caller' 0 $'terminal xterm\r' ''
 sh_in -it 'true'
@@ -93,7 +93,7 @@ fails_with '-it does' 125 '--tty with --interactive needs a terminal on standard
 run zncctl run -dit --os linux --entrypoint /bin/sh --name shell "$image"
 expect '-dit starts a shell' 0 shell ''
 run zncctl exec shell echo inside
-expect 'which stays for exec' 0 inside ''
+expect 'the shell runs for exec' 0 inside ''
 zncctl delete -qf shell
 run zncctl run -di --os linux --entrypoint /bin/cat --name reads "$image"
 run zncctl list -q --status running
@@ -111,7 +111,7 @@ expect '-e replaces variables of the image by name' 0 $'mine,a b=c,,/root\n1' ''
 sh_in --name named 'echo $HOSTNAME; hostname'
 expect 'HOSTNAME is the host name' 0 $'named\nnamed' ''
 sh_in -e HOSTNAME=other 'echo $HOSTNAME'
-expect 'unless it is given' 0 other ''
+expect 'a given HOSTNAME is kept' 0 other ''
 TAKEN=over zrun -e TAKEN -e NOT_SET --entrypoint /bin/sh "$image" -c 'echo $TAKEN; env | grep NOT_SET'
 expect '-e NAME takes the value of the caller, or nothing' 1 over ''
 sh_in -e =x true
@@ -140,13 +140,13 @@ mkdir -p "$work/host/inner"
 echo of-the-host >"$work/host/file"
 sh_in -v "$work/host:/srv/data" 'cat /srv/data/file; echo written >/srv/data/new'
 expect '-v mounts a directory of the host' 0 of-the-host ''
-check 'which can be written' test "$(<"$work/host/new")" = written
+check 'a mounted directory can be written' test "$(<"$work/host/new")" = written
 sh_in -v "$work/host:/srv/data:ro" 'echo x 2>/dev/null >/srv/data/no || echo read-only'
 expect '-v ...:ro cannot' 0 read-only ''
 check 'nothing is written' test ! -e "$work/host/no"
 mount -t tmpfs tmpfs "$work/host/inner"
 sh_in -v "$work/host:/srv/data:ro" 'echo x 2>/dev/null >/srv/data/inner/no || echo read-only'
-expect 'nor what is mounted below it' 0 read-only ''
+expect 'mounts below the source are read-only, too' 0 read-only ''
 umount "$work/host/inner"
 sh_in -v "$work/host/file:/srv/one" 'cat /srv/one'
 expect '-v mounts a file' 0 of-the-host ''
@@ -162,7 +162,7 @@ expect 'a relative source is below the working directory' 0 of-the-host ''
 cd / || exit 1
 sh_in -v "$work/missing:/srv/data" true
 check 'a source that is missing is an error' test "$status/$out" = 125/
-check 'that names it' says "$work/missing: No such file or directory"
+check 'the message names the missing source' says "$work/missing: No such file or directory"
 for volume in /srv volume:/srv/data "$work/host:srv" "$work/host:/" "$work/host:/srv/../etc" \
     "$work/host:/a:rslave" "$work/host:/a:ro:b" ":/a" "$work/host:"; do
     sh_in -v "$volume" true
@@ -200,8 +200,8 @@ expect '-w sets the working directory' 0 /srv/data ''
 sh_in -w srv pwd
 fails_with 'which is absolute' 64 '--workdir must be an absolute path'
 sh_in -w /nowhere pwd
-check 'one that does not exist exits 126' test "$status/$out" = 126/
-check 'and is named' says 'there is no directory /nowhere'
+check 'a missing working directory exits 126' test "$status/$out" = 126/
+check 'the message names the missing directory' says 'there is no directory /nowhere'
 sh_in -u app 'id -u; id -g; id -G; echo $HOME'
 expect '-u looks the user up in the image' 0 $'1234\n500\n500 77\n/home/app' ''
 sh_in -u 7:500 'id -u; id -G; echo $HOME'
@@ -210,7 +210,7 @@ sh_in -u app -e HOME=/srv 'echo $HOME'
 expect 'HOME can be given' 0 /srv ''
 sh_in -u nobody-there true
 check 'an unknown user exits 125' test "$status/$out" = 125/
-check 'and is named' says "the user 'nobody-there'"
+check 'the message names the unknown user' says "the user 'nobody-there'"
 sh_in -u '' true
 fails_with 'an empty user is refused' 64 '--user must name a user'
 sh_in -h box.example 'hostname; cat /etc/hostname; grep box /etc/hosts | head -n 1; echo $HOSTNAME'
@@ -234,21 +234,21 @@ sh_in -u app --cap-add NET_BIND_SERVICE 'cat /proc/self/status'
 check 'another user has what is added' test "$(caps CapEff)/$(caps CapAmb)" = \
     0000000000000400/0000000000000400
 sh_in -u app 'cat /proc/self/status'
-check 'and nothing else' test "$(caps CapEff)" = 0000000000000000
+check 'dropped capabilities are not effective' test "$(caps CapEff)" = 0000000000000000
 sh_in --cap-add nonsense true
 fails_with 'an unknown capability is refused' 64 "--cap-add: unknown capability 'nonsense'"
 sh_in --cap-add KILL --cap-drop KILL true
 fails_with 'one that is added and dropped, too' 64 'CAP_KILL is both added and dropped'
 sh_in --cap-add SYS_ADMIN true
 check 'more than the default is refused' test "$status/$out" = 125/
-check 'with the field' says 'process.capabilities.bounding'
-check 'and what the daemon needs' says '--allow-privileged'
+check 'the message names the capability field' says 'process.capabilities.bounding'
+check 'the message names --allow-privileged' says '--allow-privileged'
 sh_in --security-opt seccomp=unconfined true
-check 'so is no filter' test "$status/$out" = 125/
-check 'with its field' says 'linux.seccomp.defaultAction'
+check 'seccomp=unconfined is refused by default' test "$status/$out" = 125/
+check 'the message names the filter field' says 'linux.seccomp.defaultAction'
 sh_in --security-opt no-new-privileges:false true
-check 'and new privileges' test "$status/$out" = 125/
-check 'with theirs' says 'process.noNewPrivileges'
+check 'new privileges are refused by default' test "$status/$out" = 125/
+check 'the message names the privileges field' says 'process.noNewPrivileges'
 sh_in --security-opt no-new-privileges 'grep NoNewPrivs /proc/self/status'
 expect 'no new privileges is the default and can be said' 0 $'NoNewPrivs:\t1' ''
 for option in odd seccomp= apparmor=x label=x no-new-privileges=maybe; do
@@ -266,7 +266,7 @@ run zncctl run -d --os linux --name limited -m 64m --pids-limit 50 --cpus 0.5 --
     "$image" 1000
 expect 'a container with limits is started' 0 limited ''
 run zncctl stats --no-stream -f json limited
-check 'which hold' python3 -c '
+check 'the limits of the options are in force' python3 -c '
 import json, sys
 [use] = json.load(open(sys.argv[1]))
 assert use["memoryLimit"] == 64 << 20 and use["pidsLimit"] == 50, use' "$work/out"
@@ -290,20 +290,20 @@ zncctl delete -qf labelled
 for label in '' '=x' $'a=b\nc' $'a\x1b[2J=b' zncontainer.sticky-directories=/ "$(printf 'a=\xff')"; do
     zrun --label "$label" "$image"
     check "the label $(printf %q "$label") is refused" test "$status/$out" = 64/
-    check 'in one line' test "$(grep -c '^zncctl: error: ' "$work/err")" = 1
+    check 'the error for the label is one line' test "$(grep -c '^zncctl: error: ' "$work/err")" = 1
 done
 zrun --name $'a\x1b[2Jb' "$image"
 check 'a name with control characters is refused' test "$status/$out" = 64/
 for name in a:b 'a b' --rm .a ''; do
     run zncctl run --name="$name" "$image" true
-    check "and the name '$name'" test "$status/$out" = 64/
+    check "the name '$name' is refused" test "$status/$out" = 64/
 done
-check 'and not printed' not grep -q "$(printf '\x1b')" "$work/err"
+check 'control characters of the name are not printed' not grep -q "$(printf '\x1b')" "$work/err"
 zrun --cidfile "$work/cid" --name filed "$image"
 check '--cidfile receives the id' test "$status/$(<"$work/cid")" = 0/filed
 zrun --cidfile "$work/cid" --name filed "$image"
 fails_with 'a file that exists is refused' 125 'it exists already: another container may be using it'
-check 'and stays' test "$(<"$work/cid")" = filed
+check 'the cid file stays' test "$(<"$work/cid")" = filed
 ln -s "$work/elsewhere" "$work/cid-link"
 zrun --cidfile "$work/cid-link" "$image"
 check 'a link is not followed' test "$status" = 125 -a ! -e "$work/elsewhere"
@@ -318,19 +318,19 @@ run zncctl create --os linux --progress none --name made --rm -e A=made -v "$wor
     --entrypoint /bin/sh "$image" -c 'echo $A; cat /srv/data/file'
 expect 'create takes an image and a command' 0 made ''
 run zncctl start -a made
-expect 'which start runs' 0 $'made\nof-the-host' ''
-check 'and deletes with --rm' no_containers
+expect 'start runs the created container' 0 $'made\nof-the-host' ''
+check 'start deletes a container with --rm' no_containers
 run zncctl create --name again -b "$work/bundle" /bin/echo 'from create'
 expect 'create --name takes a bundle and a command' 0 '' ''
 run zncctl start -a again
-expect 'which is run' 0 'from create' ''
+expect 'start runs the command given to create' 0 'from create' ''
 zncctl delete -q again
 run zncctl create -dit "$image"
 check 'create has no --detach' test "$status/$out" = 64/
 run zncctl create "$image" /bin/sh -c x
 check 'an image needs a name' test "$status/$out" = 64/
 run zncctl create "$image" /bin/sh
-check 'which a hint says' says "zncctl: hint: to create a container from an image, give its id with --name"
+check 'the hint says that --name is needed' says "zncctl: hint: to create a container from an image, give its id with --name"
 run zncctl create old "$work/bundle"
 expect 'create ID BUNDLE stays' 0 '' ''
 run zncctl create -e A=1 web -b "$work/bundle"
@@ -347,7 +347,7 @@ sh_in --cap-add sys_admin --security-opt seccomp=unconfined 'cat /proc/self/stat
 check 'with --allow-privileged capabilities can be added' test \
     $((0x$(caps CapEff) & 0x200000)) = $((0x200000))
 sh_in --cap-add sys_admin --security-opt seccomp=unconfined 'mount -t tmpfs tmpfs /tmp && echo mounted'
-expect 'and the filter left out' 0 mounted ''
+expect '--allow-privileged permits to leave out the filter' 0 mounted ''
 cat >"$work/seccomp.json" <<'JSON'
 {"defaultAction": "SCMP_ACT_ALLOW", "defaultErrno": "ENOSYS",
  "archMap": [{"architecture": "SCMP_ARCH_X86_64", "subArchitectures": ["SCMP_ARCH_X86"]},
@@ -365,6 +365,6 @@ JSON
 sh_in --security-opt "seccomp=$work/seccomp.json" \
     'cd /srv && pwd; /bin/busybox mkdir x; /bin/busybox rmdir data; exit 5'
 check 'a profile in the format of engines is converted' test "$status/$out" = 5//srv
-check 'with the rules whose conditions hold' says 'No space left on device'
-check 'on this kernel' says 'Read-only file system'
+check 'a rule whose condition holds is in force' says 'No space left on device'
+check 'a rule for this kernel is in force' says 'Read-only file system'
 finish

@@ -23,17 +23,17 @@ zncctl pause -q held
 run zncctl ps -q
 expect 'ps lists what is running, by id' 0 $'held\nup' ''
 run zncctl ps -a -q
-expect 'with -a all' 0 $'down\nheld\nmade\nup' ''
+expect 'ps -a lists all containers' 0 $'down\nheld\nmade\nup' ''
 run zncctl ps -a
-check 'it has the columns of podman' grep -Eq \
+check 'ps has the columns of podman' grep -Eq \
     '^CONTAINER ID  IMAGE +COMMAND +CREATED +STATUS +PORTS +NAMES$' "$work/out"
 check 'a running container says since when' grep -Eq \
     "^up +$image +/bin/busybox slee\.\.\. +(Less than a second|1 second|[0-9]+ seconds) ago +Up (Less than a second|1 second|[0-9]+ seconds) +up$" \
     "$work/out"
-check 'one that has ended how and when' grep -Eq ' Exited \(3\) .* ago +down$' "$work/out"
-check 'one that was not started that it was created' grep -Eq ' Created +made$' "$work/out"
+check 'ps shows how and when a container has ended' grep -Eq ' Exited \(3\) .* ago +down$' "$work/out"
+check 'ps shows that a container was not started' grep -Eq ' Created +made$' "$work/out"
 check 'a paused one that it is' grep -Eq ' Up .* \(Paused\) +held$' "$work/out"
-check 'one of a bundle shows that' grep -Eq "^held +$work/bundle +/bin/sleep " "$work/out"
+check 'ps shows the bundle of a container without an image' grep -Eq "^held +$work/bundle +/bin/sleep " "$work/out"
 run zncctl ps -a --no-trunc
 check '--no-trunc shows whole commands' grep -q " /bin/busybox sleep $mark " "$work/out"
 run zncctl list -q
@@ -76,7 +76,7 @@ run zncctl ps -a --filter name=down --format 'table {{.Names}}\t{{.ExitCode}}'
 expect 'a table has a heading' 0 $'NAMES  EXITCODE\ndown   3' ''
 run zncctl ps -a --filter name=down --format '{{json .Names}} {{json .}}'
 check 'fields can be JSON' test "${out%% *}" = '"down"'
-check 'and the row' jq -e '.Status | startswith("Exited (3)")' <<<"${out#* }"
+check 'a row can be JSON' jq -e '.Status | startswith("Exited (3)")' <<<"${out#* }"
 run zncctl ps -a --format json
 check 'ps --format json is an array' python3 -c '
 import json, sys
@@ -92,7 +92,7 @@ done
 run zncctl ps --filter name=none
 check 'an empty list has its heading' test "$(wc -l <"$work/out")" = 1
 run zncctl ps -q --filter name=none
-expect 'or nothing with -q' 0 '' ''
+expect 'an empty list with -q prints nothing' 0 '' ''
 
 # --- kill
 run zncctl kill -9 up
@@ -108,7 +108,7 @@ expect 'sends it' 0 137 ''
 zncctl delete -q web
 zncctl run -d --name web --os linux --entrypoint /bin/busybox "$image" sleep $mark >/dev/null
 run zncctl kill web TERM
-expect 'unless a container has that name' 0 $'web\nTERM' ''
+expect 'an id that looks like a signal is an id' 0 $'web\nTERM' ''
 run zncctl kill nosuch HUP
 fails_with 'kill of a container that does not exist' 2 'Container does not exist'
 
@@ -118,11 +118,11 @@ expect 'rm -f of what does not exist succeeds' 0 '' ''
 run zncctl rm nosuch
 fails_with 'rm does not' 2 'Container does not exist'
 run zncctl rm -fv made nosuch
-expect 'and the others are deleted' 0 made ''
+expect 'the other containers are deleted' 0 made ''
 run zncctl rm
 check 'rm needs an id' test "$status/$out" = 64/
 run zncctl rm -a up
-check 'or --all, not both' test "$status/$out" = 64/
+check 'rm takes either ids or --all' test "$status/$out" = 64/
 run zncctl wait web TERM
 run zncctl container prune --filter label=tier=web
 expect 'container prune takes filters' 0 up ''
@@ -132,7 +132,7 @@ check 'container prune deletes what has ended' test "$status/$(sort "$work/out" 
 run zncctl container prune --filter odd
 check 'a wrong filter is a usage error' test "$status/$out" = 64/
 run zncctl ps -aq
-expect 'and leaves the others' 0 held ''
+expect 'container prune keeps containers that do not match' 0 held ''
 run zncctl rm -af
 expect 'rm -a -f deletes all' 0 held ''
 run zncctl system df

@@ -18,15 +18,15 @@ check 'takes its bundle away' test "$(bundles)" = 0
 run zncctl run --name one --keep --os linux --progress none "$work/layout"
 expect 'run --keep' 0 'from the second layer' ''
 run zncctl run --name two -d --os linux --progress none "$work/layout"
-expect 'and a second container of the image' 0 two ''
+expect 'a second container of the image runs' 0 two ''
 run zncctl wait two
-expect 'which ends' 0 0 ''
-check 'each has a bundle of its own' test "$(bundles)" = 2
+expect 'wait prints their exit codes' 0 0 ''
+check 'each container has a bundle of its own' test "$(bundles)" = 2
 run zncctl storage gc
-expect 'both are in use' 0 '' ''
+expect 'storage gc removes no bundle in use' 0 '' ''
 run zncctl delete one two
-expect 'they can be deleted' 0 $'one\ntwo' ''
-check 'and their bundles are gone' test "$(bundles)" = 0
+expect 'the containers can be deleted' 0 $'one\ntwo' ''
+check 'the bundles are deleted with the containers' test "$(bundles)" = 0
 zncctl import -q "$work/layout" stored
 run zncctl run --name one --network none --progress none stored
 expect 'run of an image of the store' 0 'from the second layer' ''
@@ -35,11 +35,11 @@ check 'which is not removed while its container exists' test "$status/$(error_li
     '3/stored: it is used by the containers one'
 zncctl delete -q one
 run zncctl rmi stored
-check 'but afterwards' test "$status" = 0
+check 'the bundle can be removed after its container' test "$status" = 0
 mkdir -p /run/zarnel/containers/stale
 run zncctl storage gc
 expect 'storage gc removes records of what is no more' 0 'record stale' ''
-check 'it is gone' test ! -e /run/zarnel/containers/stale
+check 'the stale record is removed' test ! -e /run/zarnel/containers/stale
 run zncctl run --rm --os linux --progress none "$work/layout:other"
 fails_with 'an image that is not there leaves nothing' 125 \
     'Specified platform or architecture or tag not found'

@@ -22,8 +22,8 @@ no_monitor() {
 make_bundle "$work/hello" /bin/sh -c 'echo hello; echo wrong >&2; exit 7'
 run zncctl run --rm -b "$work/hello"
 expect 'run passes on output and exit status' 7 hello wrong
-check 'and deletes the container' no_containers
-check 'and what it knew of it' no_records
+check 'run deletes the container' no_containers
+check 'run deletes the record of the container' no_records
 run zncctl run --name kept --keep -b "$work/hello"
 expect 'run --keep' 7 hello wrong
 run zncctl list -f json --status stopped
@@ -37,7 +37,7 @@ fails_with 'it has no log' 3 'it has no log: its output goes to the process that
 run zncctl run --rm --name kept -b "$work/hello"
 check 'an id that is taken exits 125' test "$status/$out/$(error_line)" = \
     '125//kept: Container already exists'
-check 'and the other container is left alone' status_is kept stopped
+check 'the existing container is not changed' status_is kept stopped
 zncctl delete -q kept
 
 make_bundle "$work/signalled" /bin/sh -c 'kill -9 $$'
@@ -73,7 +73,7 @@ check 'a bundle that is not there exits 125' test "$status/$out" = 125/
 run zncctl run --name none -d -b "$work/none"
 check 'a detached run fails in the same way' test "$status/$out" = 127/
 check 'failures leave no container' no_containers
-check 'and no record' no_records
+check 'failures leave no record' no_records
 for words in '' '-b /x --name' '--restart always -b /x' '--log-max 3 -b /x' '--log-max x -b /x'; do
     # shellcheck disable=SC2086
     run zncctl run $words
@@ -88,26 +88,26 @@ fails_with '--tty without a terminal exits 125' 125 \
 make_bundle "$work/loop" /bin/sh -c "echo begin; exec sleep $mark"
 out=$(zncctl run --name web -d -b "$work/loop" 2>&1)
 check 'run --detach prints the id and lets go of the output' test "$out" = web
-check 'its program runs' eventually program_lives
+check 'the detached program runs' eventually program_lives
 # logged ID TEXT: waits until the text is in the log: output appears there when the monitor has read it.
 logged() { zncctl logs "$1" 2>/dev/null | grep -q "$2"; }
 eventually logged web begin
 run zncctl logs web
-expect 'its output is in the log' 0 begin ''
+expect 'the output of the detached program is in the log' 0 begin ''
 run zncctl list
-check 'it has no exit code yet' test "$(field web 2)/$(field web 3)" = running/-
+check 'a running program has no exit code' test "$(field web 2)/$(field web 3)" = running/-
 run zncctl top web
 check 'top lists its process' grep -q " sleep $mark\$" "$work/out"
-check 'and no other' test "$(wc -l <"$work/out")" = 2
+check 'top lists no other process' test "$(wc -l <"$work/out")" = 2
 run zncctl top -f json web
-check 'also as JSON' python3 -c \
+check 'top in JSON lists the process' python3 -c \
     'import json, sys; [p] = json.load(open(sys.argv[1])); assert p["containerPid"] == 2, p' "$work/out"
 run zncctl wait --timeout 0 web
 fails_with 'wait gives up after its time' 4 'timed out: it has not ended'
 run zncctl start web
 fails_with 'it cannot be started again' 3 'Container in use'
 run zncctl logs web
-expect 'which changes nothing about its log' 0 begin ''
+expect 'a second attach does not change the log' 0 begin ''
 "$ZNCCTL" wait web >"$work/waited" &
 waiter=$!
 run zncctl stop web
@@ -117,7 +117,7 @@ check 'wait prints the exit code' test "$?/$(<"$work/waited")" = 0/143
 run zncctl list
 check 'the list shows it' test "$(field web 2)/$(field web 3)" = stopped/143
 run zncctl wait web
-expect 'it can be asked for afterwards' 0 143 ''
+expect 'the exit code can be printed again' 0 143 ''
 run zncctl stop web
 expect 'stopping it again does nothing' 0 web ''
 run zncctl attach web
@@ -140,13 +140,13 @@ zncctl start stubborn
 eventually logged stubborn ready
 run zncctl stop -t 0 stubborn
 expect 'stop kills what TERM does not end' 0 stubborn ''
-check 'with all its processes' not program_lives
+check 'stop kills all processes of the container' not program_lives
 run zncctl wait stubborn
-expect 'that is its exit code' 0 137 ''
+expect 'wait prints the exit code of KILL' 0 137 ''
 run zncctl stop -t soon stubborn
 check 'an invalid time is a usage error' test "$status/$out" = 64/
 run zncctl wait --timeout soon stubborn
-check 'also for wait' test "$status/$out" = 64/
+check 'an invalid time is a usage error of wait' test "$status/$out" = 64/
 
 zncctl create one "$work/loop"
 zncctl create two "$work/loop"
@@ -155,27 +155,27 @@ expect 'several can be started' 0 '' ''
 run zncctl kill -s STOP one two
 expect 'kill prints a line for each' 0 $'one\ntwo' ''
 run zncctl kill -q -s CONT one nosuch two
-check 'one failure among several is reported' test "$status/$out/$(error_line)" = \
+check 'one failure of several ids is reported' test "$status/$out/$(error_line)" = \
     '2//nosuch: Container does not exist'
 run zncctl delete stubborn one
 check 'failures of one kind give their exit status' test "$status/$out/$(error_line)" = \
     '3/stubborn/one: Container in use'
 run zncctl delete nosuch one
-check 'and of several kinds 1' test "$status/$out" = 1/
+check 'failures of several kinds exit with 1' test "$status/$out" = 1/
 run zncctl list -q --status running
 expect 'the list can be filtered by status' 0 $'one\ntwo' ''
 run zncctl list -q --bundle "$work/hello"
-expect 'and by bundle' 0 '' ''
+expect 'the list can be filtered by bundle' 0 '' ''
 run zncctl list --status odd
 check 'an unknown status is a usage error' test "$status/$out" = 64/
 run zncctl stop -q one
 run zncctl delete --all-stopped
 expect 'delete --all-stopped deletes those' 0 one ''
 run zncctl delete --all-stopped two
-check 'with ids it is a usage error' test "$status/$out" = 64/
+check '--all-stopped with ids is a usage error' test "$status/$out" = 64/
 run zncctl delete -f two
 expect 'delete --force a detached one' 0 two ''
-check 'its monitor goes, too' eventually no_monitor
+check 'the monitor ends with its container' eventually no_monitor
 check 'records go with containers' no_records
 
 # attach: output from now on, signals, the exit status.
@@ -200,21 +200,21 @@ check 'logs --follow ends with it' test "$?/$(<"$work/followed")" = $'0/ready\nt
 run zncctl logs --tail 1 trap
 expect 'logs --tail gives the last lines' 0 term ''
 run zncctl logs --tail 0 trap
-expect 'none at all' 0 '' ''
+expect 'logs --tail 0 prints nothing' 0 '' ''
 run zncctl logs --tail 9 trap
-expect 'or all there are' 0 $'ready\nterm' ''
+expect 'logs --tail prints all lines if there are fewer' 0 $'ready\nterm' ''
 run zncctl logs --tail x trap
-check 'what is no number is a usage error' test "$status/$out" = 64/
+check 'an invalid number of lines is a usage error' test "$status/$out" = 64/
 run zncctl logs --tail all trap
-expect 'or all of them' 0 $'ready\nterm' ''
+expect 'logs --tail all prints all lines' 0 $'ready\nterm' ''
 stamp='[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.[0-9]{9}Z'
 run zncctl logs -t -n 1 trap
 check 'logs --timestamps says when a line was written' grep -Eqx "$stamp term" "$work/out"
-check 'in this minute' test $(($(date +%s) - $(date -d "${out%% *}" +%s))) -lt 60
+check 'the time of a log line is correct' test $(($(date +%s) - $(date -d "${out%% *}" +%s))) -lt 60
 run zncctl logs --since 10m trap
 expect 'logs --since takes a duration' 0 $'ready\nterm' ''
 run zncctl logs --since "$(date -u -d '+1 hour' +%FT%TZ)" trap
-expect 'or a time' 0 '' ''
+expect 'logs --since takes a point in time' 0 '' ''
 for time in soon '' 10x 1h2 2026-13-01T00:00:00Z; do
     run zncctl logs --since "$time" trap
     check "since '$time' is a usage error" test "$status/$out" = 64/
@@ -242,15 +242,15 @@ run zncctl wait talks
 expect 'a program that prints a lot ends' 0 0 ''
 run zncctl logs talks
 check 'the log ends with the last line' test "${out##*$'\n'}" = 'l 105999.'
-check 'its size is limited' test "${#out}" -le 16384
-check 'and one rotation is kept' test "${#out}" -gt 8192
+check 'the size of the log is limited' test "${#out}" -le 16384
+check 'one rotated log is kept' test "${#out}" -gt 8192
 check 'nothing is missing in between' python3 -c '
 import sys
 lines = open(sys.argv[1]).read().split("\n")[1:-1]
 numbers = [int(line[2:-1]) for line in lines]
 assert numbers == list(range(numbers[0], 106000))' "$work/out"
 run zncctl logs -t talks
-check 'so with times, in their order' python3 -c '
+check 'the times of log lines are in order' python3 -c '
 import sys
 lines = open(sys.argv[1]).read().split("\n")[1:-1]
 assert lines == sorted(lines) and lines[-1].endswith(" l 105999."), lines[-1]
@@ -263,7 +263,7 @@ zncctl run --name leaves -d -b "$work/leaves" >/dev/null
 run zncctl wait leaves
 expect 'the exit code does not wait for what the program leaves behind' 0 3 ''
 zncctl delete -qf leaves
-check 'which delete --force ends' eventually not program_lives
+check 'delete --force ends the processes left behind' eventually not program_lives
 
 # If the monitor is killed, only the exit code is lost.
 zncctl run --name web -d -b "$work/loop" >/dev/null
@@ -278,10 +278,10 @@ fails_with 'its exit code is then not known' 1 \
 check 'ps does not take it for success' test "$(zncctl ps -aq --filter exited=0)/$(zncctl ps -a --format \
     '{{.ID}} {{.Status}} {{.ExitCode}}')/$(zncctl ps -a --format json | jq '.[0].ExitCode')" = '/web Exited /null'
 run zncctl start web
-check 'it is not started again, and why' test "$status/$(sed -n 2p "$work/err")" = "3/zncctl: hint: a container \
+check 'start of an ended container explains why it fails' test "$status/$(sed -n 2p "$work/err")" = "3/zncctl: hint: a container \
 that has ended cannot be started again: delete it and create it anew"
 run zncctl delete web
-expect 'it can be deleted' 0 web ''
+expect 'the ended container can be deleted' 0 web ''
 
 # Two interrupts in a row.
 make_bundle "$work/deaf" /bin/sh -c "trap '' INT TERM; echo ready; sleep $mark & wait; wait; wait"
@@ -291,11 +291,11 @@ eventually grep -q ready "$work/deaf.out"
 eventually status_is deaf running
 sent() { kill -s INT "$runner" && sleep 0.1 && grep -q "kills it" "$work/hints"; }
 check 'a second interrupt prints how to end by force' eventually sent
-check 'with the command' grep -qx \
+check 'the message shows the command' grep -qx \
     "zncctl: hint: deaf is still running; 'zncctl kill -s KILL deaf' kills it" "$work/hints"
 zncctl kill -q --all -s KILL deaf
 wait $runner
-check 'which works' test $? = 137
+check 'the command of the message works' test $? = 137
 
 check 'nothing is written elsewhere' test -z "$(find / /run /tmp -xdev -newer "$work/hello/config.json" \
     -type f -not -path "$work/*" -not -path '/run/zarnel/*')"
@@ -305,6 +305,6 @@ check 'no monitor is left' eventually no_monitor
 stop_daemon
 run zncctl run --rm -b "$work/hello"
 fails_with 'without a daemon run exits 125' 125 'The daemon is not running'
-check 'and the hint says how to start it' grep -q "^zncctl: hint: start it as root, with 'zncd &'" \
+check 'the hint shows how to start the daemon' grep -q "^zncctl: hint: start it as root, with 'zncd &'" \
     "$work/err"
 finish

@@ -48,7 +48,7 @@ for redirection in '<' '<>'; do
     (umask 022 && echo mine >"$work/input")
     bash -c "\"\$0\" run --rm -i -b \"\$1/attack\" $redirection\"\$1/input\" >/dev/null 2>&1" "$ZNCCTL" "$work"
     check "run $redirection file: the program ran" test $? = 6
-    check 'and the file is as it was' unchanged "$work/input" mine
+    check "run $redirection file: the file has not changed" unchanged "$work/input" mine
 done
 (umask 022 && : >"$work/output" && : >"$work/errors")
 "$ZNCCTL" run --rm -i -b "$work/attack" >"$work/output" 2>"$work/errors" </dev/null
@@ -60,7 +60,7 @@ check 'start --attach: neither of both' unchanged "$work/input" mine
 check 'the file of its output keeps its mode, too' test "$(stat -c %a "$work/output")" = 644
 zncctl delete -q attack
 echo from-the-caller | "$ZNCCTL" run --rm -i -b "$work/attack" | cat >/dev/null
-check "with the caller's pipes it ends as it likes" test "${PIPESTATUS[1]}" = 6
+check "with pipes of the caller the program runs as usual" test "${PIPESTATUS[1]}" = 6
 mkfifo -m 600 "$work/fifo"
 "$ZNCCTL" run --rm -i -b "$work/attack" <"$work/fifo" >/dev/null &
 runner=$!
@@ -76,15 +76,15 @@ for closed in '' '<&-' '>&-' '2>&-' '<&- >&-' '<&- 2>&-' '>&- 2>&-' '<&- >&- 2>&
     wanted=out/err
     [[ $closed == *' >&-'* || $closed == '>&-'* ]] && wanted=${wanted/out/}
     [[ $closed == *'2>&-'* ]] && wanted=${wanted/err/}
-    check 'and prints on what is open' test "$(<"$work/out")/$(<"$work/err")" = "$wanted"
+    check "run $closed prints to the open streams" test "$(<"$work/out")/$(<"$work/err")" = "$wanted"
 done
 make_bundle "$work/two" /bin/sh -c 'cat; echo two'
 "$ZNCCTL" run --rm -i -b "$work/two" <"$work" >"$work/out" 2>"$work/err"
 check 'a directory as input is reported and not read' test "$?/$(<"$work/out")/$(wc -l <"$work/err")" = 125/two/1
-check 'by name' grep -q 'standard input: Target is a directory$' "$work/err"
+check 'the message names standard input' grep -q 'standard input: Target is a directory$' "$work/err"
 "$ZNCCTL" run --rm -i -b "$work/two" >/dev/full 2>"$work/err" </dev/null
 check 'a full disk is reported' test "$?/$(wc -l <"$work/err")" = 125/1
-check 'by name, too' grep -q 'standard output: No space left on device$' "$work/err"
+check 'the message names standard output' grep -q 'standard output: No space left on device$' "$work/err"
 make_bundle "$work/nine" /bin/sh -c 'echo x; exit 9'
 "$ZNCCTL" run --rm -i -b "$work/nine" >/dev/full 2>"$work/err" </dev/null
 check "a program's own failure is not covered up" test $? = 9
@@ -95,7 +95,7 @@ check 'input that is open for writing only is empty' test "$?/$(<"$work/out")/$(
 # shellcheck disable=SC2016
 script both 'i=0; while [ $i -lt 500 ]; do echo $i; i=$((i+1)); echo $i >&2; i=$((i+1)); done'
 "$ZNCCTL" run --rm -i -b "$work/both" >"$work/out" 2>&1 </dev/null
-check 'what goes to one file keeps its order' test "$(<"$work/out")" = "$(seq 0 499)"
+check 'output and errors to one file keep their order' test "$(<"$work/out")" = "$(seq 0 499)"
 make_bundle "$work/cat" /bin/cat
 dd if=/dev/urandom of="$work/big" bs=1M count=100 status=none
 wanted=$(sum_of "$work/big")
@@ -144,11 +144,11 @@ writes() {
     return 1
 }
 check 'a program blocks until its output is read' eventually writes
-check 'and has not ended' test -z "$(<"$work/err")"
-check 'neither has zncctl' kill -0 $runner
+check 'the blocked program has not ended' test -z "$(<"$work/err")"
+check 'zncctl waits for the blocked program' kill -0 $runner
 out=$(head -c 4000000 <&9 | wc -c)
 wait $runner
-check 'it goes on when it is read' test "$?/$out/$(<"$work/err")" = 5/4000000/done
+check 'the program continues when its output is read' test "$?/$out/$(<"$work/err")" = 5/4000000/done
 exec 9<&-
 
 make_bundle "$work/yes" /bin/busybox yes
@@ -186,7 +186,7 @@ check 'input that is not read does not delay the end' test "$?/$out" = 0/closed
 mkfifo "$work/endless"
 exec 9<>"$work/endless"
 out=$("$ZNCCTL" run --rm -i -b "$work/closes" <"$work/endless" 9<&-)
-check 'nor is input without end' test "$?/$out" = 0/closed
+check 'endless input does not delay the end' test "$?/$out" = 0/closed
 exec 9<&-
 
 # Processes that the program leaves behind.
@@ -194,16 +194,16 @@ make_bundle "$work/leaves" /bin/sh -c "(sleep $mark) & echo last; exit 3"
 zncctl create leaves "$work/leaves"
 run zncctl start -a leaves
 expect 'start --attach does not wait for what the program left behind' 3 last ''
-check 'which goes on' program_lives
+check 'the process left behind continues' program_lives
 zncctl delete -qf leaves
 make_bundle "$work/floods" /bin/sh -c '/bin/busybox yes & sleep 0.1; echo last; exit 3'
 zncctl create floods "$work/floods"
 "$ZNCCTL" start -a floods </dev/null 2>&1 | grep -c last >"$work/out"
-check 'nor for one that never stops writing' test "${PIPESTATUS[0]}/$(<"$work/out")" = 3/1
+check 'start --attach does not wait for a process that never stops writing' test "${PIPESTATUS[0]}/$(<"$work/out")" = 3/1
 zncctl delete -qf floods
 zncctl run --name floods -d -b "$work/floods" >/dev/null
 run zncctl wait --timeout 60 floods
-expect 'nor does the monitor' 0 3 ''
+expect 'the monitor does not wait for processes left behind' 0 3 ''
 zncctl delete -qf floods
 # shellcheck disable=SC2016
 make_bundle "$work/rest" /bin/sh -c "(sleep $mark) & i=0; while [ \$i -lt 5000 ]; do echo line \$i; i=\$((i+1)); done; exit 2"
@@ -221,7 +221,7 @@ check 'bytes that the container takes back do not stop zncctl' test $? = 3
 zncctl delete -qf steals
 zncctl run --name steals -d -b "$work/steals" >/dev/null
 run zncctl wait --timeout 60 steals
-expect 'nor its monitor' 0 3 ''
+expect 'the monitor is not stopped by bytes that are taken back' 0 3 ''
 zncctl delete -qf steals
 
 # Stops that are not the end of the program.
@@ -242,9 +242,9 @@ zncctl run --name trace -d -b "$work/trace" >/dev/null
 eventually stopped
 zncctl kill -q -s KILL trace
 run zncctl wait trace
-expect 'neither is it to the monitor' 0 137 ''
+expect 'a stop is not taken for the end by the monitor' 0 137 ''
 zncctl delete -qf trace
-check 'none of their containers is left' no_containers
+check 'no container of the programs is left' no_containers
 
 # Nothing else is inherited from the caller.
 # shellcheck disable=SC2016
@@ -256,7 +256,7 @@ cd "$work" || exit 1
 cd / || exit 1
 check 'umask, directory and environment are the container'\''s' \
     test "$(head -n 3 "$work/out")" = $'0022\n/\nPATH=/bin PWD=/ SHLVL=1 '
-check 'it has a session and no terminal' test "$(sed -n 4p "$work/out")" = 0
+check 'the program has a session and no terminal' test "$(sed -n 4p "$work/out")" = 0
 
 # Logs.
 make_bundle "$work/pipes" /bin/sh -c '/bin/busybox readlink /proc/self/fd/1; /bin/busybox readlink /proc/self/fd/2; exec sleep '"$mark"
@@ -274,7 +274,7 @@ for i in {1..20}; do
     wanted+=once
     zncctl delete -q "once$i"
 done
-check 'all output is in the log once wait returns' test "$out" = "$wanted"
+check 'the log is complete when wait returns' test "$out" = "$wanted"
 
 check 'no container is left' no_containers
 finish

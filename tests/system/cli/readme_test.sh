@@ -31,7 +31,7 @@ while read -r -u 3 line; do
     check "$line" test $? -eq 0
 done 3<commands
 words() { tr -s '[:space:]' '[\n*]' <"$1"; }
-check 'it prints what the README shows' diff <(words printed) <(words said)
+check 'the command prints what the README shows' diff <(words printed) <(words said)
 
 kill "$daemon"
 check 'the daemon ends' wait "$daemon"

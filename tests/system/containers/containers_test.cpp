@@ -256,7 +256,7 @@ TEST_P(Containers, HostileTreesOfContainersAreRemovedWithoutFollowingLinks)
     fs::remove_all("/tmp/outside");
 }
 
-TEST_P(Containers, ListAndInspectTellOfEachContainer)
+TEST_P(Containers, ListAndInspectDescribeEachContainer)
 {
     const Text none = take(zncList());
     EXPECT_STREQ(none.get(), "[]");

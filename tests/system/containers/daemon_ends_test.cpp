@@ -158,7 +158,7 @@ TEST_F(DaemonEnds, WhileManyFilesAreDeletedTheIdIsFreeAndOthersAreServed)
     EXPECT_TRUE(eventually([] { return !fs::exists(kTrash); }));
 }
 
-TEST_F(DaemonEnds, WhatAKilledDaemonHadStillToDeleteTheNextOneDeletes)
+TEST_F(DaemonEnds, TheNextDaemonDeletesWhatAKilledOneHadNotDeletedYet)
 {
     make_large("web", 20000);
     make_large("other", 1000);
@@ -173,7 +173,7 @@ TEST_F(DaemonEnds, WhatAKilledDaemonHadStillToDeleteTheNextOneDeletes)
 
 // ---------------------------------------------------------------- locks and full disks
 
-TEST_F(DaemonEnds, ADeviceThatWasLockedWhenItsContainerWasDeletedGoesLater)
+TEST_F(DaemonEnds, ADeviceThatWasLockedWhenItsContainerWasDeletedIsDetachedLater)
 {
     ASSERT_EQ(zncCreate("web", kBundle, 0, nullptr), OK);
     znc::UniqueFd other(::open("/overlay", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -317,7 +317,7 @@ TEST_P(ImportedArchive, AsLayersStaysInside)
 INSTANTIATE_TEST_SUITE_P(Archives, ImportedArchive,
                          testing::Range(std::size_t{0}, archives().size()), archive_name);
 
-TEST_P(ImportedLayout, IsRefusedOrTaken)
+TEST_P(ImportedLayout, IsRefusedOrImported)
 {
     const LayoutCase& one = layouts().at(GetParam());
     Place place;
@@ -339,7 +339,7 @@ INSTANTIATE_TEST_SUITE_P(Layouts, ImportedLayout, testing::Range(std::size_t{0},
                          layout_name);
 
 // Not all of them are refused for the same reason.
-TEST(ImportedCorpus, ARightImageIsTaken)
+TEST(ImportedCorpus, AValidImageIsImported)
 {
     Place place;
     place.source().add(layout::Image());

@@ -68,8 +68,8 @@ digest() {
 # refused_by_both LAYOUT WHAT: checks that neither tool unpacks the layout.
 refused_by_both() {
     check "we refuse $2" not we_unpack "$1"
-    check "and leave no bundle" test ! -e ours
-    check "and umoci refuses it" not they_unpack "$1"
+    check "the refused layout leaves no bundle" test ! -e ours
+    check "umoci refuses the layout, too" not they_unpack "$1"
 }
 
 # Replaces the first manifest of the layout $1 by $2.

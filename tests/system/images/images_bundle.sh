@@ -6,7 +6,7 @@ cd "$ZNC_TEST_CACHE"
 
 check 'an image is unpacked' unpack debian base "$work/bundle"
 skopeo inspect --config oci:debian:base >"$work/image.json"
-check 'its bundle has the configuration expected' python3 - "$work" <<'PYTHON'
+check 'the bundle has the expected configuration' python3 - "$work" <<'PYTHON'
 import json
 import os
 import sys
@@ -40,6 +40,6 @@ if json.dumps(bundle) != json.dumps(expected): # the order counts, too
     sys.exit(f"{json.dumps(bundle)}\nexpected {json.dumps(expected)}")
 PYTHON
 check 'another operating system is not found' not driver unpack --tag base debian "$work/other"
-check 'nor another tag' not unpack debian missing "$work/other"
-check 'neither leaves a bundle' test ! -e "$work/other"
+check 'another tag is not found' not unpack debian missing "$work/other"
+check 'failed unpacks leave no bundle' test ! -e "$work/other"
 finish

@@ -12,7 +12,7 @@ for layout in debian copied plain; do
         skopeo inspect --config "oci:$layout:$tag" >"$work/config.json"
         skopeo inspect --raw "oci:$layout:$tag" >"$work/manifest.json"
         umoci stat --json --image "$layout:$tag" >"$work/stat.json"
-        check "what it says of $layout:$tag is right" python3 - "$work" "$tag" <<'PYTHON'
+        check "the document of $layout:$tag is right" python3 - "$work" "$tag" <<'PYTHON'
 import json
 import os
 import sys

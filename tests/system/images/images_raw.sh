@@ -9,15 +9,15 @@ check 'there is no overlay filesystem' test ! -e /overlay
 for layout in debian copied plain; do
     bundle=$work/bundle
     check "a Debian system of one layer is unpacked ($layout)" unpack "$layout" base "$bundle"
-    check 'its root is in the bundle' test "$(root_of "$bundle")" = rootfs
+    check 'the root is in the bundle' test "$(root_of "$bundle")" = rootfs
     check 'the tree equals that of umoci' same_tree "$layout" base "$bundle/rootfs"
     check 'the bundle is deleted' driver delete "$bundle"
-    check 'and nothing of it stays' test ! -e "$bundle"
+    check 'nothing of the bundle is left' test ! -e "$bundle"
 
-    check "one of three layers is unpacked ($layout)" unpack "$layout" layers "$bundle"
+    check "an image of three layers is unpacked ($layout)" unpack "$layout" layers "$bundle"
     check 'the tree equals that of umoci' same_tree --in-place "$layout" layers "$bundle/rootfs"
     check 'a bundle is not unpacked over' not unpack "$layout" layers "$bundle"
-    check 'it stays as it was' same_tree --in-place "$layout" layers "$bundle/rootfs"
+    check 'the existing bundle has not changed' same_tree --in-place "$layout" layers "$bundle/rootfs"
 
     # Verify that the comparison detects differences.
     printf x >>"$bundle/rootfs/etc/passwd"
@@ -25,6 +25,6 @@ for layout in debian copied plain; do
     check 'the bundle is deleted' driver delete "$bundle"
 done
 check 'flattening is refused' not unpack debian base "$work/bundle" --flatten
-check 'and leaves no bundle' test ! -e "$work/bundle"
+check 'the refused unpack leaves no bundle' test ! -e "$work/bundle"
 check 'nothing was stored' test ! -e "$ZNC_BASE"
 finish

@@ -38,7 +38,7 @@ refused() {
     image tested "$2"
     zrun --rm "$work/layout:tested"
     check "$1" test "$status/$out" = 125/
-    check "and says why: $3" grep -qF -- "$3" "$work/err"
+    check "the error message is: $3" grep -qF -- "$3" "$work/err"
 }
 # Of a container: what containers of an image share stays for the next one.
 no_bundle() { ! ls -d "$ZNC_BASE"/bundles/of-*/ >"$work/bundles" 2>&1; }
@@ -58,12 +58,12 @@ expect 'HOME of the image stays' 0 '1000 100 100 8 44 /tmp' ''
 
 run zncctl storage gc -q
 refused 'a name that does not exist is refused' nobody 'nobody'
-check 'without leaving a bundle' no_bundle
+check 'a refused user leaves no bundle' no_bundle
 zrun --rm --user 4711 "$work/layout:tested"
 expect 'the image runs with a user that is given' 0 '4711 0 0 /' ''
 zrun --rm --user app "$work/layout:tested"
-expect 'also by name, with the home directory' 0 '1000 100 100 8 44 /home/app' ''
-refused 'and is still refused without one' nobody 'nobody'
+expect 'a user given by name has its home directory' 0 '1000 100 100 8 44 /home/app' ''
+refused 'an image with an unknown user needs --user' nobody 'nobody'
 refused 'a group that does not exist is refused' app:nogroup 'nogroup'
 refused 'an entry with an invalid number is refused' bad 'bad'
 refused 'a number that is too large is refused' 4294967296 4294967296
@@ -73,15 +73,15 @@ zrun --rm "$work/layout:pathless" 'echo $PATH'
 expect 'an image without PATH gets the usual one' 0 \
     /usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin ''
 zrun --rm --entrypoint id "$work/layout:pathless" -u
-expect 'by which its programs are found' 0 0 ''
+expect 'programs are found in the default PATH' 0 0 ''
 image tested nobody
 run zncctl unpack --os linux --progress none --tag tested "$work/layout" "$work/bundle"
 check 'unpack refuses it as well' test "$status/$out" = 1/
-check 'and leaves no bundle' test ! -e "$work/bundle"
+check 'the refused unpack leaves no bundle' test ! -e "$work/bundle"
 mkdir "$work/bundle"
 echo mine >"$work/bundle/note"
 run zncctl unpack --flatten --os linux --progress none --tag tested "$work/layout" "$work/bundle"
-check 'nor anything in a directory that existed' test "$(ls -A "$work/bundle")" = note
+check 'an existing directory is not changed' test "$(ls -A "$work/bundle")" = note
 image tested app
 run zncctl unpack --flatten --os linux --progress none --tag tested "$work/layout" "$work/other"
 check 'unpack writes the user into the configuration' python3 -c '

@@ -35,7 +35,7 @@ takes 'the directory'
 directory=$(diff_ids "$tag")
 tar --format=gnu -C root -cf - . | zstd -q1 >"$work/root.bin"
 imports 'an archive of it' "$work/root.bin"
-check 'is the same tree' test "$(diff_ids "$tag")" = "${directory:-none}"
+check 'the layers have the same digests' test "$(diff_ids "$tag")" = "${directory:-none}"
 
 cd / || exit 1
 finish

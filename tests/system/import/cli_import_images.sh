@@ -63,9 +63,9 @@ quietly umoci raw unpack --image "$source:app" expected
 imports 'umoci: four layers' "${lenient[@]}" "$source"
 same 'umoci: four layers' "$work/expected" --untimed-directories
 app_digest=$digest
-check 'what was removed is not there' test ! -e expected/etc/empty -a ! -e expected/srv/site/kept
+check 'removed files do not exist' test ! -e expected/etc/empty -a ! -e expected/srv/site/kept
 check 'the system is that of the source' test "$(system_of "$layout" "$tag")" = linux
-check 'it is one layer' test "$(zncctl image ls -f json "$layout" |
+check 'the result has one layer' test "$(zncctl image ls -f json "$layout" |
     python3 -c 'import json, sys; print(json.load(sys.stdin)[0]["layers"])')" = 1
 
 # image_json LAYOUT TAG manifest|config: prints the document from the blobs.
@@ -99,7 +99,7 @@ run zncctl run --rm --os linux "$source:app"
 check 'run converts it' test "$status/$out" = 0/hello
 zncctl image prune --force >/dev/null
 run zncctl unpack --os linux --tag app --progress none "$source" "$work/bundle"
-check 'so does unpack' test "$status" = 0 -a -s "$work/bundle/config.json"
+check 'unpack converts the image' test "$status" = 0 -a -s "$work/bundle/config.json"
 rm -rf "$work/bundle"
 stop_daemon
 
@@ -119,22 +119,22 @@ for form in "oci:$source:app" app.oci.tar app.oci.tgz oci-archive:app.oci.tar:ap
     layers=$(image_json "$layout" "$tag" config | jq -r '.rootfs.diff_ids[]')
     check "$form: the same tree" test "${layers:-none}" = "${first_layers:=$layers}"
 done
-check 'it is that of the source' test "$first_layers" = "$(image_json "$layout" image1 config |
+check 'the layers of the imported image are those of the source' test "$first_layers" = "$(image_json "$layout" image1 config |
     jq -r '.rootfs.diff_ids[]')"
 run zncctl import "${lenient[@]}" "oci:$source:app" "$work/named"
 check 'the tag of the source is kept' test "$(zncctl image ls -q "$work/named")" = app
-check 'and the digest does not depend on it' test "$out" = "$app_digest"
+check 'the digest does not depend on the form of the source' test "$out" = "$app_digest"
 run zncctl import "${lenient[@]}" app.docker.tar "$work/docker"
-check 'as is that of an older archive' test "$(zncctl image ls -q "$work/docker")" = v1
+check 'the tag of an older archive is kept' test "$(zncctl image ls -q "$work/docker")" = v1
 run zncctl run --rm --os linux zstd.layout:app
-check 'what zstd compressed is not run' test "$status/$out" = 125/
+check 'a layer compressed by zstd is not run' test "$status/$out" = 125/
 
 # A tag that exists already.
 before=$(state_of "$layout")
 run zncctl import "${lenient[@]}" "$source" "$layout:$tag"
 check 'a tag is not replaced unasked' test "$status/$out" = 3/
-check 'and the message names the option' grep -q -- '--force' "$work/err"
-check 'and the layout is as it was' test "$before" = "$(state_of "$layout")"
+check 'the message names --force' grep -q -- '--force' "$work/err"
+check 'the layout has not changed' test "$before" = "$(state_of "$layout")"
 run zncctl import --force "${lenient[@]}" --set-arch arm64 --set-os zarnel "$source" "$layout:other"
 run zncctl import --force "${lenient[@]}" "$source" "$layout:other"
 check 'the same tag for another platform is another image' test "$(zncctl image ls -f json "$layout" |
@@ -143,16 +143,16 @@ tree plain "$work/small"
 run zncctl import --force --set-os linux "$work/small" "$layout:other"
 check '--force replaces it' test "$status/$(image_json "$layout" other config |
     jq -r '.os + "/" + .architecture' | sort | tr '\n' ' ')" = '0/linux/amd64 zarnel/arm64 '
-check 'other tags stay' test "$(zncctl image ls -q "$layout" | grep -c '^image')" = "$number"
+check 'other tags of the layout stay' test "$(zncctl image ls -q "$layout" | grep -c '^image')" = "$number"
 
 # Several images in one source.
 quietly umoci tag --image "$source:app" second
 run zncctl import "${lenient[@]}" "$source" "$layout:several"
 check 'import of a source with several images needs a selection' test "$status/$out" = 2/
-check 'they are listed' test "$(grep -Eo '\b(app|second)\b' "$work/err" | sort -u | tr '\n' ' ')" = 'app second '
+check 'the images of the source are listed' test "$(grep -Eo '\b(app|second)\b' "$work/err" | sort -u | tr '\n' ' ')" = 'app second '
 imports 'one that is named' "${lenient[@]}" "oci:$source:second"
 run zncctl import "${lenient[@]}" "oci:$source:third" "$layout:several"
-check 'one that is not there' test "$status/$out" = 2/
+check 'a missing image exits 2' test "$status/$out" = 2/
 
 # Several platforms with the same name.
 imports 'for another system' --set-os linux --set-arch arm64 "$work/small"
@@ -183,9 +183,9 @@ PYTHON
 rm platforms/blobs && cp -a "$layout/blobs" platforms/blobs
 run zncctl import platforms "$layout:none"
 check 'several platforms are no choice' test "$status/$out" = 2/
-check 'they are listed, too' grep -q 'linux/arm64' "$work/err"
+check 'the platforms of the source are listed' grep -q 'linux/arm64' "$work/err"
 imports 'one of them by --platform' --platform linux/arm64/v8 platforms
-check 'is the right one' test "$(image_json "$layout" "$tag" config | jq -r .architecture)" = arm64
+check 'the selected platform is imported' test "$(image_json "$layout" "$tag" config | jq -r .architecture)" = arm64
 run zncctl import --platform linux/riscv64 platforms "$layout:none"
 check 'a platform that is not there' test "$status/$out" = 2/
 
@@ -203,7 +203,7 @@ for step in base one two; do
 done
 check '--split keeps unchanged layers separate' test "$(wc -l <layers.two)" = 3
 check 'the lower layers stay what they were' test "$(head -n 2 layers.two)" = "$(<layers.one)"
-check 'in every step' test "$(head -n 1 layers.one)" = "$(<layers.base)"
+check 'the lower layers are the same in every step' test "$(head -n 1 layers.one)" = "$(<layers.base)"
 imports '--split of a layer that changes those below it' "${lenient[@]}" --split "oci:$source:app"
 same '--split of a layer that changes those below it' "$work/expected" --untimed-directories
 
@@ -213,7 +213,7 @@ printf 'x' | dd of="zstd.layout/blobs/$blob" bs=1 seek=100 conv=notrunc status=n
 before=$(state_of "$layout")
 run zncctl import "${lenient[@]}" zstd.layout "$layout:damaged"
 check 'a damaged layer is not imported' test "$status/$out" = 1/
-check 'and the layout is as it was, again' test "$before" = "$(state_of "$layout")"
+check 'a refused import does not change the layout' test "$before" = "$(state_of "$layout")"
 check 'no temporary file stays' test -z "$(ls -A "$TMPDIR")"
 
 cd / || exit 1

@@ -40,7 +40,7 @@ while [[ $killed -lt $wanted && $told -lt $((10 * wanted)) ]]; do
     all_whole || damaged+=" $at"
 done
 printf '%d imports were killed, %d were done\n' "$killed" "$told"
-check 'as many as wanted were killed' test "$killed" -eq "$wanted"
+check 'the expected number of imports was killed' test "$killed" -eq "$wanted"
 check 'no image is lost' test -z "$lost"
 check 'no other image appears' test -z "$strange"
 check 'every image is whole' test -z "$damaged"
@@ -48,6 +48,6 @@ run zncctl import -f plain.tar "$layout:image"
 check 'the next import succeeds' test "$status/$out" = "0/$digest"
 tag=image
 unpack_to "$work/bundle" --flatten
-check 'and its image can be unpacked' test "$status" = 0
+check 'the image of the next import can be unpacked' test "$status" = 0
 drop_bundle "$work/bundle"
 finish

@@ -92,7 +92,7 @@ refuses --max-json big
 refuses --max-depth deep.tar
 run zncctl import name.tar "$layout:second"
 check 'a name of 8 MiB is refused' test "$status/$out" = 1/
-check 'in a message of one short line' test "$(wc -l <"$work/err")" = 1 -a "$(wc -c <"$work/err")" -lt 1000
+check 'the error for the long name is one short line' test "$(wc -l <"$work/err")" = 1 -a "$(wc -c <"$work/err")" -lt 1000
 as_before 'a long name'
 
 # peak COMMAND...: prints the peak memory of the command or one of its processes, in MiB.
@@ -118,16 +118,16 @@ mount -t tmpfs -o size=64k none full
 head -c 1M /dev/urandom >plain/random
 run env TMPDIR="$work/full" "$ZNCCTL" import plain "$layout:second"
 check 'no room for what was read' test "$status/$out" = 1/
-check 'is told' grep -q 'No space left on device' "$work/err"
+check 'a full disk for temporary files is reported' grep -q 'No space left on device' "$work/err"
 as_before 'no room for what was read'
-check 'and nothing stays there' test -z "$(ls -A full)"
+check 'no temporary file is left' test -z "$(ls -A full)"
 cp -a "$layout/." full
 here=$layout
 layout=$work/full
 before=$(state_of full)
 run zncctl import plain "$layout:second"
 check 'no room for the new layer' test "$status/$out" = 1/
-check 'is told as well' grep -q 'No space left on device' "$work/err"
+check 'a full disk for the layout is reported' grep -q 'No space left on device' "$work/err"
 as_before 'no room for the new layer'
 layout=$here
 umount full
@@ -145,13 +145,13 @@ reads() {
 }
 eventually reads
 check 'a worker process reads as nobody without a way back' reads
-check 'its root is empty' test -z "$(ls -A "/proc/$reader/root/")"
-check 'it has no capabilities' grep -q '^CapPrm:.*0000000000000000$' "/proc/$reader/status"
+check 'the root of the worker is empty' test -z "$(ls -A "/proc/$reader/root/")"
+check 'the worker has no capabilities' grep -q '^CapPrm:.*0000000000000000$' "/proc/$reader/status"
 kill -KILL "$import"
 wait "$import" 2>/dev/null
 gone() { ! kill -0 "$reader"; }
 eventually gone
-check 'and ends with its parent' gone
+check 'the worker ends with its parent' gone
 exec 7>&-
 check 'a killed import leaves its lock, which does not block others' rm "$layout/.zncctl-import-lock"
 as_before 'a killed import, but for that'
@@ -163,10 +163,10 @@ for words in '--max-entries 0' '--max-bytes much' '--hardlinks maybe' '--platfor
     check "$words is a usage error" test "$status/$out" = 64/
 done
 run zncctl import plain.tar
-check 'so is an import to nowhere' test "$status/$out" = 64/
+check 'an import without a target is a usage error' test "$status/$out" = 64/
 run zncctl import none.tar "$layout:second"
 check 'a source that is not there is an error' test "$status/$out" = 2/
-check 'that names it' grep -q 'none.tar: No such file or directory' "$work/err"
+check 'the message names the missing source' grep -q 'none.tar: No such file or directory' "$work/err"
 as_before 'a source that is not there'
 
 # Several imports at the same time.
@@ -180,7 +180,7 @@ for pid in "${pids[@]}"; do wait "$pid" || failed_imports=$((failed_imports + 1)
 check 'imports into one layout wait for each other' test "$failed_imports/$(zncctl image ls -q "$layout" |
     grep -c same)" = 0/4
 run zncctl image check "$layout"
-check 'and the layout is whole' test "$status" = 0
+check 'both imports into one layout succeed' test "$status" = 0
 
 cd / || exit 1
 finish

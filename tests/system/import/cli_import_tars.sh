@@ -48,9 +48,9 @@ check 'set-id and sticky bits are lost' test "$(losses set-id)" = 2
 check 'owners are lost' test "$(losses owner)" = 1
 run zncctl import --tag strict --strict --report "$work/report" v7.tar "$layout"
 check '--strict makes losses an error' test "$status/$out" = 1/
-check 'and says so' grep -q -- '--strict' "$work/err"
-check 'and what they are' grep -q '^zncctl: lost: .*(first: home/user/own)' "$work/err"
-check 'and leaves no image' test -z "$(system_of "$layout" strict)"
+check 'the message names --strict' grep -q -- '--strict' "$work/err"
+check 'the losses are printed' grep -q '^zncctl: lost: .*(first: home/user/own)' "$work/err"
+check 'a failed import leaves no image' test -z "$(system_of "$layout" strict)"
 
 tar --format=ustar -C plain -cf ustar.tar .
 imports 'ustar by GNU tar' ustar.tar
@@ -83,7 +83,7 @@ done
 
 run zncctl import --tag devices gnu.tar "$layout"
 check 'a device outside dev is an error' test "$status/$out" = 1/
-check 'that names it' grep -q 'opt/\(device\|pipe\)' "$work/err"
+check 'the message names the device' grep -q 'opt/\(device\|pipe\)' "$work/err"
 
 # The same bytes in every compression, with a name that does not reveal it.
 gzip -c pax.tar >gzip.bin
@@ -108,7 +108,7 @@ check 'tar: changes nothing' test "$digest" = "$plain_digest"
 # Directories.
 imports 'a directory' plain
 same 'a directory' "$work/plain"
-check 'it is what its archive is' test "$digest" = "$plain_digest"
+check 'a directory has the digest of its archive' test "$digest" = "$plain_digest"
 imports 'dir: and a directory with everything' "dir:$work/mixed" "${lenient[@]}"
 same 'a directory with everything' "$work/mixed"
 python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind(sys.argv[1])' plain/socket
@@ -121,7 +121,7 @@ tree npm "$work/npm"
 tar --format=pax -C npm -cf npm.tar .
 run zncctl import --tag npm npm.tar "$layout"
 check 'a link target that is too long is an error' test "$status/$out" = 1/
-check 'that names the option' grep -q -- '--long-links' "$work/err"
+check 'the message names --long-links' grep -q -- '--long-links' "$work/err"
 imports 'a tree of npm packages' npm.tar --long-links hop
 reference npm.tar "$work/expected"
 same 'a tree of npm packages' "$work/expected" --untimed-directories
@@ -134,12 +134,12 @@ cp "$(command -v busybox)" applets/bin/busybox
 for applet in $(busybox --list); do ln applets/bin/busybox "applets/bin/$applet" 2>/dev/null; done
 tar -C applets -cf applets.tar .
 as_bsdtar 'busybox with every applet' applets.tar
-check 'its names are links after the first ones' test "$(losses hardlink-linked)" -gt 100
+check 'further names are links to the first ones' test "$(losses hardlink-linked)" -gt 100
 imports 'busybox, links only' applets.tar --hardlinks symlink
 same 'busybox, links only' "$work/applets"
 check 'no name is a copy' test "$(losses hardlink-copied)" = 0
 imports 'three names, copies only' ustar.tar --hardlinks copy --max-hardlink-bytes 1
-check 'all names are copies' test "$(losses hardlink-copied)/$(losses hardlink-linked)" = 2/0
+check 'all further names are copies' test "$(losses hardlink-copied)/$(losses hardlink-linked)" = 2/0
 
 # Names that cannot be represented.
 mkdir -p odd
@@ -150,8 +150,8 @@ tar --format=pax -C odd -cf odd.tar .
 run zncctl import --tag odd odd.tar "$layout"
 check 'a name that cannot be carried is an error' test "$status/$out" = 1/
 imports 'without what cannot be carried' odd.tar --skip-unrepresentable
-same 'without what cannot be carried' "$work/odd"
-check 'it is listed' test "$(losses unrepresentable)" = 2
+same 'what cannot be represented is left out' "$work/odd"
+check 'the omitted file is in the report' test "$(losses unrepresentable)" = 2
 
 # Archives that cannot be made from a directory tree.
 python3 - <<'PYTHON'
@@ -184,7 +184,7 @@ imports 'loose members' loose.tar
 takes 'loose members'
 unpack_to "$work/bundle"
 said() { (cd "$root" && cat absolute/name without/its/parents twice was/directory/gone real/through early late old); }
-check 'of duplicate members the last one is used' test "$(said)" = 12second34556
+check 'the last of duplicate members is used' test "$(said)" = 12second34556
 check 'a linked directory stays one' test "$(readlink "$root/linked")" = real
 check 'a time before 1970 is the first second of it' test "$(stat -c %Y "$root/old")" = 0
 check 'a parent without a member is as old as its child' test "$(stat -c '%a %Y' "$root/without/its")" = \
@@ -194,10 +194,10 @@ check 'a time that was lost is listed' test "$(losses time)" = 1
 before=$(state_of "$layout")
 run zncctl import --tag outside outside.tar "$layout"
 check 'a name that leaves the root is an error' test "$status/$out" = 1/
-check 'and the layout is as it was' test "$before" = "$(state_of "$layout")"
+check 'a refused import does not change the layout' test "$before" = "$(state_of "$layout")"
 run zncctl import --dry-run ustar.tar "$work/nowhere"
 check 'a dry run tells the digest' test "$status/$out" = "0/$plain_digest"
-check 'and makes nothing' test ! -e "$work/nowhere"
+check 'a dry run writes nothing' test ! -e "$work/nowhere"
 
 cd / || exit 1
 finish

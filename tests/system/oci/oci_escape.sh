@@ -13,7 +13,7 @@ pid=$(<"$work/pid")
 # Before the start: the process that waits.
 check 'the waiting process runs from a file in memory' \
     grep -q '^/memfd:zn-helper' <<<"$(readlink "/proc/$pid/exe")"
-check 'that is sealed' python3 - "$pid" <<'P'
+check 'the file in memory is sealed' python3 - "$pid" <<'P'
 import fcntl, os, sys
 file = os.open(f"/proc/{sys.argv[1]}/exe", os.O_RDONLY)
 assert fcntl.fcntl(file, 1034) & 0xf == 0xf, "F_GET_SEALS"
@@ -25,15 +25,15 @@ except OSError:
 P
 check 'it is not dumpable: its files in /proc are those of root only' \
     test "$(stat -c %u "/proc/$pid/environ")" = 0
-check 'its root is that of the container' test -x "/proc/$pid/root/bin/busybox"
-check 'its mounts show nothing of the host' not grep -q "$work/state" "/proc/$pid/mountinfo"
+check 'the waiting process has the root of the container' test -x "/proc/$pid/root/bin/busybox"
+check 'the mounts of the waiting process show nothing of the host' not grep -q "$work/state" "/proc/$pid/mountinfo"
 leaked() { # descriptors that are files or directories of the host
     local fd
     for fd in "/proc/$1/fd"/*; do
         [[ $(readlink "$fd") != /* || ${fd##*/} -le 2 || $(readlink "$fd") == /memfd:* ]] || readlink "$fd"
     done
 }
-check 'it has no descriptors of the host' test -z "$(leaked "$pid")"
+check 'the waiting process has no descriptors of the host' test -z "$(leaked "$pid")"
 
 # The socket for the start.
 check 'the state directory is for root only' test "$(stat -c %a "$work/state/$me-web")" = 700
@@ -43,9 +43,9 @@ s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
 s.connect(sys.argv[1])
 s.close()
 P
-check 'it still waits' is_state "$me-web" created
+check 'the container still waits after such a connection' is_state "$me-web" created
 run zncrun start "$me-web"
-check 'it starts' eventually grep -q busybox "$work/log"
+check 'the container starts' eventually grep -q busybox "$work/log"
 check 'the program has the standard streams only' eventually grep -qx 4 "$work/log" # and that of ls
 check 'nothing of the helper is mapped any more' not grep -q zn-helper "/proc/$pid/maps"
 check 'the socket is gone' not test -e "$work/state/$me-web/start"
@@ -77,7 +77,7 @@ s.send(b"1")
 s.close()
 P
 check 'a client that ends at once starts the program' eventually grep -q up "$work/log"
-check 'which runs on' is_state "$me-host" running
+check 'the program runs after its client has ended' is_state "$me-host" running
 run zncrun delete --force "$me-host"
 
 # Masks cannot be led astray by the image.

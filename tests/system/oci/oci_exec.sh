@@ -21,32 +21,32 @@ expect 'the user of exec' 0 '1000:1001 7 /home/user'
 inside --additional-gids abc "$me-web" true
 refused 'a supplementary group that is no number' '--additional-gids: "abc"'
 inside "$me-web" sh -c 'ps | grep -c "[s]leep 1000"'
-expect 'it sees the processes of the container' 0 1
+expect 'a program of exec sees the processes of the container' 0 1
 inside "$me-web" nosuch
 refused 'a missing program' 'exec: "nosuch": executable file not found in $PATH'
 printf 'given\n' | zncrun exec "$me-web" cat >"$work/out"
-check 'it reads the standard input' grep -qx given "$work/out"
+check 'exec --process - reads the standard input' grep -qx given "$work/out"
 jq -n '{args: ["sh", "-c", "echo $X $(id -u); grep NoNewPrivs /proc/self/status"], cwd: "/", env: ["PATH=/bin", "X=y"],
     user: {uid: 1000, gid: 1000}, noNewPrivileges: true}' >"$work/process.json"
 inside --process "$work/process.json" "$me-web"
 expect 'a process file' 0 $'y 1000\nNoNewPrivs:\t1'
 jq '.selinuxLabel = "x"' "$work/process.json" >"$work/bad.json"
 inside --process "$work/bad.json" "$me-web"
-refused 'what cannot be honoured is refused' 'process.selinuxLabel'
+refused 'unsupported members of a process file are refused' 'process.selinuxLabel'
 if [[ $(cat /sys/module/apparmor/parameters/enabled 2>/dev/null) != Y ]]; then
     inside --apparmor profile "$me-web" true
-    refused 'also as an option' 'process.apparmorProfile'
+    refused 'unsupported settings are refused as options' 'process.apparmorProfile'
 fi
 jq '.args = ["sleep", "500"]' "$work/process.json" >"$work/sleep.json"
 inside --detach --pid-file "$work/pid" --process "$work/sleep.json" "$me-web"
 expect 'detached' 0 ''
 pid=$(<"$work/pid")
 check 'the pid file names the program' grep -qa sleep "/proc/$pid/cmdline"
-check 'in the PID namespace of the container' test \
+check 'the process is in the PID namespace of the container' test \
     "$(readlink "/proc/$pid/ns/pid")" = "$(readlink "/proc/$(state_of "$me-web" .pid)/ns/pid")"
 inside --detach --pid-file "$work/nosuch/pid" "$me-web" sleep "$mark"
 refused 'a pid file that cannot be written' "$work/nosuch/pid"
-check 'its program does not stay' eventually not pgrep -f "sleep $mark"
+check 'the program does not stay after a failure' eventually not pgrep -f "sleep $mark"
 run zncrun ps --format json "$me-web"
 check 'ps lists both' jq -e "length == 2 and index($pid) != null" "$work/out"
 
@@ -59,10 +59,10 @@ exec 3<&- 4<&-
 expect 'preserved descriptors' 0 "$(</etc/passwd)"
 exec 4</dev/null 7</etc/shadow
 run zncrun exec --preserve-fds 2 "$me-web" true
-refused 'one that is not open' '--preserve-fds: descriptor 3 is not open'
+refused 'a descriptor that is not open cannot be preserved' '--preserve-fds: descriptor 3 is not open'
 exec 3</dev/null
 run zncrun exec --preserve-fds 1 "$me-web" sh -c 'ls /proc/self/fd | grep -c "^7"'
-expect 'none besides those that are preserved' 1 0
+expect 'no other descriptors than the preserved ones are passed on' 1 0
 exec 3<&- 4<&- 7<&-
 
 # A terminal.
@@ -106,7 +106,7 @@ change tty '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{conta
     | .linux.gidMappings = .linux.uidMappings | .process.args[2] += "; stat -c %u /dev/pts/0"'
 run timeout 60 python3 "$work/terminal.py" "$work/socket3" "$ZNCRUN" --root "$work/state" run \
     --bundle "$work/tty" --console-socket "$work/socket3" "$me-tty"
-expect 'with a user namespace, too' 0 $'/dev/pts/0\n30 90\nc\ncontrolling\n0'
+expect 'a terminal works with a user namespace' 0 $'/dev/pts/0\n30 90\nc\ncontrolling\n0'
 
 # Control.
 run zncrun pause "$me-web"
@@ -131,7 +131,7 @@ check 'events --stats has the limit' jq -e '.data.pids.limit == 50 and .data.mem
 run zncrun pause "$me-web"
 run zncrun delete --force "$me-web"
 expect 'a paused container is deleted by force' 0 ''
-check 'with the further program' eventually not lives "$pid"
+check 'the program of exec is killed with the container' eventually not lives "$pid"
 inside "$me-web" true
 refused 'exec in what is gone' 'does not exist'
 finish

@@ -15,21 +15,21 @@ run zncrun start "$me-ended"
 check 'a container ends' eventually is_state "$me-ended" stopped
 program web sleep 1000
 run zncrun run --detach --bundle "$work/web" "$me-next"
-expect 'its group is free for another container' 0 ''
+expect 'the group of an ended container can be used by another' 0 ''
 run zncrun delete "$me-ended"
-expect 'the one that has ended is deleted' 0 ''
-check 'the other one lives' is_state "$me-next" running
+expect 'the ended container is deleted' 0 ''
+check 'the other container of the group runs' is_state "$me-next" running
 change web '.linux.cgroupsPath = "/zncrun/'"$me"'-one/below"'
 run zncrun run --detach --bundle "$work/web" "$me-below"
 expect 'a container in a group below that of another one' 0 ''
 run zncrun delete --force "$me-next"
-expect 'the one above is deleted' 0 ''
-check 'the one below lives' is_state "$me-below" running
+expect 'the container of the upper group is deleted' 0 ''
+check 'the container of the lower group runs' is_state "$me-below" running
 run "$ZNCRUN" --root "$work/elsewhere" create --bundle "$work/web" "$me-below"
 refused 'a group with processes is not taken' 'busy'
-check 'its processes live' is_state "$me-below" running
+check 'the processes in the group run' is_state "$me-below" running
 run zncrun delete --force "$me-below"
-expect 'it is deleted' 0 ''
+expect 'the container of the lower group is deleted' 0 ''
 rmdir /sys/fs/cgroup/*/zncrun/"$me-one" /sys/fs/cgroup/zncrun/"$me-one" 2>/dev/null
 plain_again
 change web '.linux.namespaces |= map(select(.type != "pid")) |
@@ -49,7 +49,7 @@ run timeout 20 python3 "$work/ignore.py" "$ZNCRUN" --root "$work/state" run --bu
 expect 'run has the status of a program whose end its caller ignores' 6 ''
 change web '.hooks = {createRuntime: [{path: "/bin/true", timeout: 5}]}'
 run timeout 20 python3 "$work/ignore.py" "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web"
-expect 'and its hooks end' 6 ''
+expect 'hooks end although the caller ignores SIGCHLD' 6 ''
 plain_again
 
 # A paused container is killed.
@@ -57,7 +57,7 @@ run zncrun run --detach --bundle "$work/web" "$me-web"
 run zncrun pause "$me-web"
 run zncrun kill "$me-web" KILL
 expect 'kill of a paused container' 0 ''
-check 'it ends' eventually is_state "$me-web" stopped
+check 'a killed paused container ends' eventually is_state "$me-web" stopped
 run zncrun delete "$me-web"
 
 # Files of volumes at the places of devices.
@@ -100,11 +100,11 @@ check 'a container watches' eventually test -e "$work/watch/rootfs/data/up"
 change web '.linux.namespaces |= (map(select(.type != "pid")) + [{type: "pid", path: "/proc/'"$(state_of "$me-watch" .pid)"'/ns/pid"}])
     | .process.args = ["sh", "-c", "echo $$"]'
 for _ in {1..25}; do run "$work/victim" --root "$work/state" run --bundle "$work/web" "$me-web"; done
-check 'others join its PID namespace' test "$status" = 0 -a "${out:-1}" -gt 1
+check 'other containers join its PID namespace' test "$status" = 0 -a "${out:-1}" -gt 1
 touch "$work/watch/rootfs/data/stop"
-check 'it ends' eventually is_state "$me-watch" stopped
-check 'it has seen the file of zncrun never' not grep -q victim "$work/watch/rootfs/data/seen"
-check 'but that of the helper' grep -q 'memfd:zn-helper' "$work/watch/rootfs/data/seen"
+check 'the watching container ends' eventually is_state "$me-watch" stopped
+check 'no process with the file of zncrun was visible' not grep -q victim "$work/watch/rootfs/data/seen"
+check 'processes with the file of the helper were visible' grep -q 'memfd:zn-helper' "$work/watch/rootfs/data/seen"
 run zncrun delete "$me-watch"
 plain_again
 
@@ -121,7 +121,7 @@ kill -TERM "$runner"
 check 'run can be ended meanwhile' eventually not lives "$runner"
 kill "$(<"$work/held")"
 run zncrun delete --force "$me-web"
-expect 'and the container deleted then' 0 ''
+expect 'an interrupted run deletes the container' 0 ''
 plain_again
 
 # The names of the host.
@@ -156,10 +156,10 @@ check 'the root of the states is for its owner only, whatever the umask' \
     test "$(stat -c %a "$work/deep" "$work/deep/er" | tr '\n' ' ')" = '700 700 '
 chmod 777 "$work/deep/er"
 run zncrun --root "$work/deep/er" state "$me-web"
-refused 'one that others may write to is refused' "$work/deep/er"
+refused 'a state directory that others can write to is refused' "$work/deep/er"
 chmod 700 "$work/deep/er"
 run zncrun --root "$work/deep/er" delete --force "$me-web"
-expect 'it is used again once they may not' 0 ''
+expect 'the directory is used when others cannot write to it' 0 ''
 
 # A container that does not answer.
 run zncrun create --bundle "$work/web" "$me-web"
@@ -167,16 +167,16 @@ pid=$(state_of "$me-web" .pid)
 kill -STOP "$pid"
 for _ in {1..12}; do run timeout 10 "$ZNCRUN" --root "$work/state" state "$me-web"; done
 check 'a stopped container that waits is looked at any number of times' test "$status" = 0
-check 'its state is created' is_state "$me-web" created
+check 'the state of a stopped waiting container is created' is_state "$me-web" created
 run zncrun list
-check 'and it does not hold up the list' grep -q "$me-web .*created" "$work/out"
+check 'a stopped waiting container does not delay list' grep -q "$me-web .*created" "$work/out"
 kill -CONT "$pid"
 run zncrun pause "$me-web"
 check 'a container that waits is paused' is_state "$me-web" paused
 run zncrun start "$me-web"
-refused 'and not started then' paused
+refused 'a paused waiting container is not started' paused
 run zncrun resume "$me-web"
-check 'it waits again' is_state "$me-web" created
+check 'a resumed container waits again' is_state "$me-web" created
 kill -STOP "$pid"
 timeout 30 "$ZNCRUN" --root "$work/state" start "$me-web" >/dev/null 2>"$work/err" &
 starter=$!

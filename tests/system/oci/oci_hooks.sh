@@ -18,14 +18,14 @@ given ".hooks.createContainer = [$(hook "cat >$work/state.json; readlink /proc/s
 check 'a container with a createContainer hook' test "$status" = 0
 check 'the hook sees the host and the mounts of the container' \
     test "$(head -n 3 "$work/out")" = "$work/web/config.json"$'\n'"$root/proc/self"$'\nbox'
-check 'what it mounts is in the container' test "$(tail -n 2 "$work/out")" = $'hook /mnt/made tmpfs\n/mnt/made'
-check 'it reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1 and .status == \"creating\"" "$work/state.json")" = true
-check 'it is in namespaces of the container' \
+check 'a mount made by the hook is in the container' test "$(tail -n 2 "$work/out")" = $'hook /mnt/made tmpfs\n/mnt/made'
+check 'the createContainer hook reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1 and .status == \"creating\"" "$work/state.json")" = true
+check 'the createContainer hook is in namespaces of the container' \
     not grep -qxF -e "$(readlink /proc/self/ns/mnt)" -e "$(readlink /proc/self/ns/uts)" "$work/ns"
 check 'the host does not see its mounts' not grep -q "$root/mnt/made" /proc/self/mountinfo
 given ".hooks.createContainer = [$(hook "touch $root/etc/by-hook")] | .root.readonly = true" \
     sh -c 'ls /etc/by-hook; touch /etc/other || echo read-only'
-expect 'it can change a root that becomes read-only' 0 $'/etc/by-hook\nread-only'
+expect 'the hook can change a root that becomes read-only' 0 $'/etc/by-hook\nread-only'
 given ".hooks.createContainer = [$(hook 'exit 0')] | .linux.rootfsPropagation = \"shared\"" \
     sh -c "ls -d $work; grep ' / / \\| / ' /proc/self/mountinfo | head -n 1 | grep -o shared"
 check 'the program sees nothing of the host, in a root with propagation' test "$out" = shared
@@ -54,16 +54,16 @@ given '.hooks.startContainer = [{path: "/bin/env", args: ["env"]}]' true
 expect 'it gets nothing of the environment of the caller' 0 ''
 rm -f "$root/tmp/state"
 given ".hooks.startContainer = [$(hook 'cat >/tmp/state; echo more >>/proc/self/fd/0; true')]" cat /tmp/state
-check 'it reads the state of the container' grep -q "\"id\":\"$me-web\"" "$work/out"
-check 'and cannot change what it reads' test "$(grep -c more "$work/out")" = 0
+check 'the startContainer hook reads the state' grep -q "\"id\":\"$me-web\"" "$work/out"
+check 'the startContainer hook cannot change its input' test "$(grep -c more "$work/out")" = 0
 given ".hooks.startContainer = [$(hook 'exit 7')] | .hooks.poststop = [$(hook "touch $work/stopped2")]" echo program
 refused 'a startContainer hook that fails' 'startContainer hook /bin/sh: exit status 7'
 check 'the program does not run' not grep -q program "$work/out"
 check 'poststop hooks run' test -e "$work/stopped2"
 given ".hooks.startContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
-refused 'one that takes too long' 'longer than 1 seconds'
+refused 'a startContainer hook that takes too long' 'longer than 1 seconds'
 given ".hooks.startContainer = [{path: \"$work/outside\"}]" true
-refused 'its path is one of the container' 'no such file'
+refused 'the path of a startContainer hook is resolved in the container' 'no such file'
 
 # A container whose start failed is stopped.
 printf '%s' "$plain" >"$work/web/config.json"
@@ -72,7 +72,7 @@ run zncrun create --bundle "$work/web" "$me-web"
 expect 'create does not run startContainer hooks' 0 ''
 run zncrun start "$me-web"
 refused 'start does' 'startContainer hook'
-check 'and the container has stopped' is_state "$me-web" stopped
+check 'the container has stopped after the failed hook' is_state "$me-web" stopped
 run zncrun delete "$me-web"
-expect 'it can be deleted' 0 ''
+expect 'the stopped container can be deleted' 0 ''
 finish

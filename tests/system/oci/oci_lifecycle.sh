@@ -19,7 +19,7 @@ check 'the log has the error as a JSON line' \
 run zncrun delete --force "$me-absent"
 expect 'force ignores a container that does not exist' 0 ''
 run zncrun delete "$me-absent"
-refused 'without it that is an error' 'does not exist'
+refused 'a missing container is an error without --force' 'does not exist'
 for bad in .. . a/b 'a b' ''; do
     run zncrun state "$bad"
     check "the id \"$bad\" is refused" test "$status" = 1
@@ -40,8 +40,8 @@ pid=$(<"$work/pid")
 check 'the state is created' is_state "$me-web" created
 check 'the pid file names the process of the state' test "$(state_of "$me-web" .pid)" = "$pid"
 check 'the process has not become the program' grep -q zn-init "/proc/$pid/comm"
-check 'it is the first of a PID namespace' grep -qE "^NSpid:.*\s1$" "/proc/$pid/status"
-check 'it is an orphan: the creator has ended' not grep -q "^PPid:\s$$\$" "/proc/$pid/status"
+check 'the process is the first of a PID namespace' grep -qE "^NSpid:.*\s1$" "/proc/$pid/status"
+check 'the process is an orphan: its creator has ended' not grep -q "^PPid:\s$$\$" "/proc/$pid/status"
 check 'annotations are part of the state' test "$(state_of "$me-web" .annotations)" = '{}'
 run zncrun create --bundle "$work/web" "$me-web"
 refused 'an id cannot be used twice' 'already exists'
@@ -51,7 +51,7 @@ check 'start' test "$status" = 0
 check 'the state is running' is_state "$me-web" running
 check 'the process is the same and is the program now' grep -q -a 'trap' "/proc/$pid/cmdline"
 run zncrun start "$me-web"
-refused 'it cannot be started twice' 'already running'
+refused 'a container cannot be started twice' 'already running'
 run zncrun delete "$me-web"
 refused 'a running container is not deleted' 'is not stopped'
 run zncrun list
@@ -62,7 +62,7 @@ check 'the streams are those of create' eventually grep -q up "$work/log"
 exec 7>&-
 run zncrun kill --all "$me-streams" KILL
 expect 'kill --all' 0 ''
-check 'all have ended' eventually is_state "$me-streams" stopped
+check 'all processes of the container have ended' eventually is_state "$me-streams" stopped
 run zncrun delete "$me-streams"
 expect 'delete' 0 ''
 
@@ -73,16 +73,16 @@ run zncrun kill "$me-web" 0
 expect 'signal 0 only looks' 0 ''
 run zncrun kill "$me-web" SIGTERM
 expect 'a signal by name' 0 ''
-check 'it ends the program' eventually is_state "$me-web" stopped
+check 'the signal ends the program' eventually is_state "$me-web" stopped
 check 'the process id of what has ended is 0' test "$(state_of "$me-web" .pid)" = 0
 run zncrun kill "$me-web" 15
-refused 'what has ended gets no signals' 'not running'
+refused 'a stopped container gets no signals' 'not running'
 run zncrun start "$me-web"
-refused 'what has ended is not started' 'stopped'
+refused 'a stopped container is not started' 'stopped'
 run zncrun delete "$me-web"
 expect 'delete of a stopped container' 0 ''
 run zncrun state "$me-web"
-refused 'it is gone then' 'does not exist'
+refused 'the deleted container does not exist' 'does not exist'
 
 # The end of the first process ends all.
 program web sh -c "sleep $mark & echo \$!; sleep 0.1"
@@ -156,11 +156,11 @@ kill -KILL "$creator"
 wait "$creator" 2>/dev/null
 rm "$work/held"
 check 'when the creator is killed, the container ends' eventually not lives "$pid"
-check 'and is stopped' eventually is_state "$me-web" stopped
-check 'its control group is left' group_exists "$me-web"
+check 'the container is stopped after its creator was killed' eventually is_state "$me-web" stopped
+check 'the control group of the killed create is left' group_exists "$me-web"
 run zncrun delete --force "$me-web"
 expect 'delete --force clears what is left' 0 ''
-check 'and the group' not group_exists "$me-web"
+check 'delete --force removes the control group' not group_exists "$me-web"
 mkdir -p "$work/state/$me-early"
 run zncrun delete --force "$me-early"
 expect 'also what a creator left that was killed at once' 0 ''
@@ -204,7 +204,7 @@ rm -f "$work/hooks"
 LOG=$work/hooks run zncrun run --bundle "$work/web" "$me-web"
 expect 'a container with hooks' 0 ''
 check 'hooks run in their order' test "$(grep -o 'pre\|post$\|stop' "$work/hooks" | tr '\n' ' ')" = 'pre post stop '
-check 'they read the state' grep -q "\"id\":\"$me-web\"" "$work/hooks"
+check 'the hooks read the state' grep -q "\"id\":\"$me-web\"" "$work/hooks"
 change web '.hooks = {prestart: [{path: "/bin/false"}]}'
 run zncrun create --bundle "$work/web" "$me-web"
 refused 'a prestart hook that fails' 'prestart hook /bin/false'
@@ -232,11 +232,11 @@ cp "$work/state/$me-web/state.json" "$work/kept.json"
 cp "$work/changed.json" "$work/state/$me-web/state.json"
 check 'another process with the noted id is not the container' is_state "$me-web" stopped
 run zncrun kill "$me-web" KILL
-refused 'and gets no signal' 'not running'
-check 'it lives' lives "$other"
+refused 'another process with the id gets no signal' 'not running'
+check 'the other process lives' lives "$other"
 kill "$other"
 cp "$work/kept.json" "$work/state/$me-web/state.json"
 run zncrun delete --force "$me-web"
 expect 'a running container is deleted by force' 0 ''
-check 'its process has ended' not lives "$pid"
+check 'the process of the deleted container has ended' not lives "$pid"
 finish

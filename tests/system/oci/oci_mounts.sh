@@ -30,7 +30,7 @@ echo below >"$work/host/below/file"
 # Binds.
 mounted "$(bind /mnt bind)" sh -c 'cat /mnt/file; ls /mnt/below; touch /mnt/new; '"$(options_of /mnt)"
 check 'a bind without those below it' test "$status/${out%%$'\n'*}" = 0/host
-check 'it is written through' test -e "$work/host/new"
+check 'a bind can be written' test -e "$work/host/new"
 mounted "$(bind /mnt rbind ro)" sh -c 'cat /mnt/below/file; touch /mnt/below/other && echo written; touch /mnt/x'
 check 'a recursive bind: ro is about the mount itself' test "$out" = $'below\nwritten'
 mounted "$(bind /mnt rbind rro)" sh -c 'touch /mnt/below/more && echo written; cat /mnt/below/file'
@@ -75,7 +75,7 @@ expect 'a shared root' 0 shared
 mounted '{"destination":"/mnt","type":"tmpfs","source":"own","options":["size=64k","mode=711","noexec","ro"]}' \
     sh -c 'stat -c %a /mnt; grep " /mnt " /proc/mounts'
 check 'a tmpfs' test "$status/${out%%$'\n'*}" = 0/711
-check 'its source and options' grep -q '^own /mnt tmpfs ro,.*noexec.*size=64k' "$work/out"
+check 'a tmpfs has its source and options' grep -q '^own /mnt tmpfs ro,.*noexec.*size=64k' "$work/out"
 mkdir -p "$work/web/rootfs/data/sub"
 echo kept >"$work/web/rootfs/data/sub/file"
 ln -s sub/file "$work/web/rootfs/data/link"
@@ -100,7 +100,7 @@ for type in proc sysfs mqueue; do
 done
 mounted '{"destination":"/sys/fs/cgroup","type":"cgroup","source":"cgroup","options":["rro"]}' \
     sh -c "$(options_of /sys/fs/cgroup)"
-check 'and of cgroup' grep -q '^ro' "$work/out"
+check 'recursive flags of cgroup' grep -q '^ro' "$work/out"
 mounted '{"destination":"/mnt/proc","type":"proc","source":"proc"}' sh -c 'ls -d /mnt/proc/1 && ls -d /mnt/proc/'$$
 check 'proc shows the processes of the container only' test "$out" = /mnt/proc/1
 

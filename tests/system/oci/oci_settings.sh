@@ -18,10 +18,10 @@ expect 'capabilities' 0 $'0000000000000021\n0000000000000020\n0000000000000020'
 given '.process.capabilities = {bounding: ["CAP_KILL", "CAP_OF_LATER"]}' sh -c "$(status_line CapBnd)"
 expect 'a capability of later kernels is not granted' 0 0000000000000020
 run zncrun --log "$work/log" create --bundle "$work/web" "$me-web"
-check 'and the log says so' grep -q 'level=warning.*CAP_OF_LATER' "$work/log"
+check 'the log names the unknown capability' grep -q 'level=warning.*CAP_OF_LATER' "$work/log"
 run zncrun delete "$me-web"
 given '.process.capabilities = {bounding: [1]}' true
-refused 'what is no name of a capability' 'process.capabilities.bounding[0]'
+refused 'an invalid capability name' 'process.capabilities.bounding[0]'
 given '.process.noNewPrivileges = true' sh -c "$(status_line NoNewPrivs)"
 expect 'no-new-privileges' 0 1
 given '.process.user = {uid: 1000, gid: 1001, additionalGids: [5, 7], umask: 63}' \
@@ -70,8 +70,8 @@ given '.linux.namespaces = [{type: "mount"}] + (["pid", "ipc", "uts"] | map({typ
 for name in pid ipc uts net; do
     check "joins the $name namespace of another container" grep -qxF "$(readlink "/proc/$pod/ns/$name")" "$work/out"
 done
-check 'and sees its processes' test "$(tail -n 2 "$work/out")" = $'box\n1'
-check 'the other container lives on' is_state "$me-pod" running
+check 'the container sees the processes of the other container' test "$(tail -n 2 "$work/out")" = $'box\n1'
+check 'the other container still runs' is_state "$me-pod" running
 run zncrun delete --force "$me-pod"
 given '.linux.namespaces = []' true
 refused 'no mount namespace' 'needs a new mount namespace'
@@ -92,7 +92,7 @@ given '.process.capabilities = {bounding: ["CAP_MKNOD"], effective: ["CAP_MKNOD"
 check 'devices that no rule allows cannot be used' not opens
 given '.process.capabilities = {bounding: ["CAP_MKNOD"], effective: ["CAP_MKNOD"], permitted: ["CAP_MKNOD"]}' \
     sh -c 'mknod /tmp/null c 1 3 && cat </dev/null >/tmp/null; echo end'
-check 'those that all have can' opens
+check 'devices of every container can be used' opens
 loop='.linux.devices = [{path: "/dev/loop", type: "c", major: 10, minor: 237}]'
 given "$loop" sh -c 'cat </dev/null >/dev/loop; echo end'
 check 'a device of the configuration needs a rule, too' not opens
@@ -115,7 +115,7 @@ given '.root.readonly = true' touch /new
 check 'a read-only root' grep -qi 'read-only' "$work/err"
 given . sh -c 'touch /new && chmod 4755 /new && stat -c %a /new'
 expect 'the root is the given one' 0 4755
-check 'and what is written is in it' test -u "$work/web/rootfs/new"
+check 'files are written to the given root' test -u "$work/web/rootfs/new"
 given '.domainname = "realm"' cat /proc/sys/kernel/domainname
 expect 'the NIS domain name' 0 realm
 

@@ -15,7 +15,7 @@ rights=".process.capabilities = {bounding: $all, effective: $all, permitted: $al
 
 given . sh -c 'cat /proc/self/uid_map /proc/self/gid_map; id -u; id -g; stat -c %u:%g / /bin/busybox /dev /dev/null; readlink /proc/self/ns/user'
 check 'a container in a user namespace' test "$status" = 0
-check 'it has the mappings' test "$(head -n 2 "$work/out" | tr -s ' ')" = $' 0 100000 5000\n 0 200000 5000'
+check 'the container has its mappings' test "$(head -n 2 "$work/out" | tr -s ' ')" = $' 0 100000 5000\n 0 200000 5000'
 check 'its root owns its root, its /dev and the devices' \
     test "$(sed -n '3,8p' "$work/out")" = $'0\n0\n0:0\n0:0\n0:0\n0:0'
 check 'the user namespace is a new one' not grep -qxF "$(readlink /proc/self/ns/user)" "$work/out"
@@ -32,7 +32,7 @@ refused 'no mappings' 'linux.gidMappings'
 given '.process.rlimits = [{type: "RLIMIT_NOFILE", soft: 100, hard: 200}] | .process.oomScoreAdj = 300' \
     sh -c 'ulimit -Sn; ulimit -Hn; cat /proc/self/oom_score_adj; cat /proc/self/cgroup'
 check 'limits, score and group' test "$(head -n 3 "$work/out")" = $'100\n200\n300'
-check 'its group is the root of its cgroup namespace' not grep -q zncrun "$work/out"
+check 'the control group is the root of the cgroup namespace' not grep -q zncrun "$work/out"
 given '.linux.sysctl = {"kernel.msgmax": "4096", "net.ipv4.ip_forward": "1"}' \
     cat /proc/sys/kernel/msgmax /proc/sys/net/ipv4/ip_forward
 expect 'kernel parameters' 0 $'4096\n1'
@@ -47,7 +47,7 @@ check 'namespaces of the host' test "$out" = "$(readlink /proc/self/ns/pid /proc
 given "$rights" sh -c 'hostname changed && hostname; mount -t tmpfs none /mnt && echo mounted; mknod /tmp/null c 1 3 || echo no device'
 expect 'capabilities count in the namespaces of the container' 0 $'changed\nmounted\nno device'
 given "$rights" sh -c 'umount /proc/kcore; umount /sys; umount /proc; mount -o remount,rw /sys; mount -o remount,bind,rw /proc/sys; echo 1 >/proc/sys/kernel/msgmax; echo end'
-expect 'what the host mounted cannot be undone' 0 end
+expect 'mounts of the runtime cannot be undone' 0 end
 check 'no umount worked' test "$(grep -c "umount: can't unmount" "$work/err")" = 3
 check 'no remount worked' test "$(grep -cE "^mount: (permission|can't)|mount: .*(denied|permitted)" "$work/err")" -ge 2
 check 'paths stay read-only' grep -qi 'msgmax: Read-only' "$work/err"
@@ -68,7 +68,7 @@ program web sleep 1000
 run zncrun run --detach --bundle "$work/web" "$me-web"
 expect 'a container that runs' 0 ''
 pid=$(state_of "$me-web" .pid)
-check 'its process is one of the mapped user' test "$(awk '/^Uid/ { print $2 }' "/proc/$pid/status")" = 100000
+check 'the process runs as a mapped user of the host' test "$(awk '/^Uid/ { print $2 }' "/proc/$pid/status")" = 100000
 check 'no helper is left' test "$(zncrun ps --format json "$me-web")" = "[$pid]"
 check 'all namespaces are new ones of the user namespace' python3 - "$pid" <<'P'
 import fcntl, os, sys
@@ -80,11 +80,11 @@ for name in ("mnt", "pid", "ipc", "uts", "net", "cgroup"):
 P
 run zncrun exec "$me-web" sh -c 'readlink /proc/self/ns/user; id -u; touch /tmp/exec; cat /proc/self/uid_map; echo $$'
 check 'exec enters the user namespace' test "$(head -n 2 "$work/out")" = "$(readlink "/proc/$pid/ns/user")"$'\n0'
-check 'with its users' test "$(stat -c %u "$work/web/rootfs/tmp/exec")" = 100000
+check 'a program of exec has the mapped users' test "$(stat -c %u "$work/web/rootfs/tmp/exec")" = 100000
 run zncrun exec --user 1000:1000 "$me-web" id -u
-expect 'as another user' 0 1000
+expect 'exec runs as another user' 0 1000
 run zncrun exec --user 9000 "$me-web" true
-check 'not as one that is not mapped' test "$status" = 1
+check 'exec as an unmapped user is refused' test "$status" = 1
 make_bundle pod true
 chown -R 100000:200000 "$work/pod/rootfs"
 change pod '.linux.namespaces = [{type: "mount"}, {type: "user", path: "/proc/'"$pid"'/ns/user"},
@@ -104,20 +104,20 @@ bind='{destination: "/mnt", type: "bind", source: "'"$work/host"'", options: ["b
 given ".mounts += [$bind]" sh -c 'stat -c %u:%g /mnt/root /mnt/user'
 expect 'a bind shows the owners of the host' 0 $'65534:65534\n65534:65534'
 given ".mounts += [$bind | .options += [\"idmap\"]]" sh -c 'stat -c %u:%g /mnt/root /mnt/user; touch /mnt/new'
-expect 'with idmap, those of the container' 0 $'0:0\n5:6'
-check 'also of what it creates' test "$(stat -c %u:%g "$work/host/new")" = 0:0
+expect 'a bind with idmap shows owners of the container' 0 $'0:0\n5:6'
+check 'files created through idmap have mapped owners' test "$(stat -c %u:%g "$work/host/new")" = 0:0
 given ".mounts += [$bind | .uidMappings = [{containerID: 0, hostID: 100003, size: 10}] | .gidMappings = [{containerID: 0, hostID: 200004, size: 10}]]" \
     sh -c 'stat -c %u:%g /mnt/root /mnt/user'
-expect 'with mappings of its own' 0 $'3:4\n8:10'
+expect 'a bind with its own mappings shows these owners' 0 $'3:4\n8:10'
 given ".linux.namespaces |= map(select(.type != \"user\")) | del(.linux.uidMappings, .linux.gidMappings)
     | .mounts += [$bind | .uidMappings = [{containerID: 0, hostID: 70, size: 10}] | .gidMappings = [{containerID: 0, hostID: 80, size: 10}]]" \
     sh -c 'stat -c %u:%g /mnt/root /mnt/user'
-expect 'without a user namespace, too' 0 $'70:80\n75:86'
+expect 'mappings of a bind need no user namespace' 0 $'70:80\n75:86'
 given ".linux.namespaces |= map(select(.type != \"user\")) | del(.linux.uidMappings, .linux.gidMappings)
     | .mounts += [$bind | .options += [\"idmap\"]]" true
 refused 'idmap without mappings and without a user namespace' 'needs mappings or a user namespace'
 given '.mounts += [{destination: "/mnt", type: "tmpfs", options: ["idmap"]}]' true
-refused 'what is no bind' 'only binds can have other owners'
+refused 'a mount that is not a bind' 'only binds can have other owners'
 
 # Time namespaces.
 up='cut -d. -f1 /proc/uptime'
@@ -127,8 +127,8 @@ for with in '.' '.linux.namespaces |= map(select(.type != "user")) | del(.linux.
     given "$with | .linux.namespaces += [{type: \"time\"}] | .linux.timeOffsets = {boottime: {secs: 100000}, monotonic: {secs: 5, nanosecs: 1}}" \
         sh -c "$up; cat /proc/self/timens_offsets; readlink /proc/self/ns/time"
     check 'a time namespace with offsets' test "$(head -n 1 "$work/out")" -ge $((now + 100000))
-    check 'as they are given' grep -qE '^monotonic +5 +1$' "$work/out"
-    check 'is a new one' not grep -qxF "$(readlink /proc/self/ns/time)" "$work/out"
+    check 'the time namespace has the given offsets' grep -qE '^monotonic +5 +1$' "$work/out"
+    check 'the time namespace is a new one' not grep -qxF "$(readlink /proc/self/ns/time)" "$work/out"
 done
 given '.linux.timeOffsets = {boottime: {secs: 1}}' true
 refused 'offsets without a time namespace' 'linux.timeOffsets: needs a new time namespace'

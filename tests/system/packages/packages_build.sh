@@ -64,7 +64,7 @@ stripped() {
         not grep -q "[.]symtab" "$work/sections" || return
     done
 }
-check 'they are stripped' stripped
+check 'the packed files are stripped' stripped
 names_build() { binaries | xargs readelf --dynamic | grep -E 'RUNPATH|RPATH'; }
 check 'they look for libraries where the system has them' not names_build
 finish

@@ -55,8 +55,8 @@ without_import() {
 check 'without its package import says what to install' without_import
 check 'the import is installed' install_package zncontainer-import
 check 'the runtime for engines is installed' install_package zncontainer-oci
-check 'it runs' inside zncrun --version
-check 'what was packed is what is there' \
+check 'zncrun runs' inside zncrun --version
+check 'the packed files are installed' \
     inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools zncontainer-import zncontainer-oci
 check 'zncctl runs' inside zncctl --help
 check 'zncd runs' inside zncd --version
@@ -118,7 +118,7 @@ step() {
 }
 logged() { inside zncctl logs web | grep 'hello from web' >/dev/null; }
 step 'an image is run in the background' web zncctl run --name web --detach --os linux /srv/image
-check 'its output is kept' eventually logged
+check 'the output of the container is in the log' eventually logged
 step 'the log is shown' 'hello from web' zncctl logs web
 step 'it is listed' 'web +running +- +/.*' zncctl list
 step 'it is stopped' web zncctl stop web
@@ -128,10 +128,10 @@ step 'what is stored is told' 'layer +1 .*' zncctl storage df
 tar --format=gnu -C "$work/image" -czf "$root/srv/tree.tar.gz" .
 imported() { shown 'sha256:[0-9a-f]{64}' zncctl import /srv/tree.tar.gz /srv/imported:tree; }
 check 'a root filesystem is imported' imported
-check 'what was imported is unpacked' \
+check 'an imported image is unpacked' \
     inside zncctl unpack --tag tree --progress none /srv/imported /srv/bundle
 tree=$(jq -r .root.path "$root/srv/bundle/config.json")
-check 'it is what was in the archive' cmp "$work/image/bin/hello" "$root$tree/bin/hello"
+check 'the unpacked file equals that of the source' cmp "$work/image/bin/hello" "$root$tree/bin/hello"
 step 'what is stored is removed' 'layer /ram0/.*' zncctl storage gc
 kill -TERM "$daemon"
 check 'the daemon ends when told to' wait "$daemon"
@@ -146,7 +146,7 @@ would_go() { apt --simulate remove "$1" | grep "^Remv $2 " >/dev/null; }
 check 'the tools do not stay without the library' would_go libzncontainer1 zncontainer-tools
 check 'the development files do not stay without the library' would_go libzncontainer1 libzncontainer-dev
 check 'the tools are removed' apt remove zncontainer-tools
-check 'their programs are gone' not test -e "$root/usr/bin/zncctl"
+check 'the programs of the removed packages do not exist' not test -e "$root/usr/bin/zncctl"
 check 'everything is purged' apt purge --auto-remove zncontainer-oci zncontainer-import zncontainer-tools \
     libzncontainer-dev libzncontainer1
 check 'dpkg knows none of them any more' not inside dpkg --status zncontainer-tools libzncontainer1

@@ -69,7 +69,7 @@ check 'the program of the image runs' ends 0 image bundle web
 check 'its output is the program'"'"'s' prints 'hello from inside' cat out
 state() { grep -cE '^\{"ociVersion":"1.0.0","id":"web","status":[23],"bundle":".*bundle"\}$' err; }
 check 'the state was shown' prints 1 state
-check 'it is stopped after that' grep -qx 'web is stopped' err
+check 'the container is stopped after its program ended' grep -qx 'web is stopped' err
 check 'the container is gone' prints '[]' "$ZNC_BUILD_DIR/bin/zncctl" list --format json
 check 'the bundle serves again' ends 0 image bundle web
 

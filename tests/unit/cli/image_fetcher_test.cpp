@@ -50,7 +50,7 @@ TEST(FetchSource, AnotherSourceOfSkopeoKeepsItsForm)
               "containers-storage:localhost/app localhost/app:latest ");
 }
 
-TEST(FetchSource, ADigestThatNobodyComparesIsNotKept)
+TEST(FetchSource, ADigestThatIsNotComparedIsDropped)
 {
     EXPECT_EQ(fetched("dir:/srv/app@" + kDigest),
               "dir:/srv/app@" + kDigest + " localhost/app:latest ");
@@ -60,7 +60,7 @@ TEST(FetchSource, ADigestThatNobodyComparesIsNotKept)
               "containers-storage:quay.io/a/b@" + kDigest + " quay.io/a/b:latest ");
 }
 
-TEST(FetchSource, WhatIsNoNameIsRefused)
+TEST(FetchSource, InvalidNamesAreRefused)
 {
     for (const char* operand : {"", "A", "-x", "../x", "docker://", "docker:///x", "oci:/", "oci:A",
                                 "dir:", "http://x", "a\nb", "x --debug"})

@@ -143,7 +143,7 @@ TEST(Reference, IdsAreHexadecimalDigits)
     EXPECT_FALSE(is_id_prefix("../3"));
 }
 
-TEST(LayoutPath, IsToldFromAName)
+TEST(LayoutPath, IsDistinguishedFromAName)
 {
     const layout::TempDir dir;
     fs::create_directory(dir / "layout");
@@ -256,7 +256,7 @@ TEST_F(ImageStoreTest, TakesSeveralNamesAtOnce)
     EXPECT_EQ(stored_images()[0].manifest.digest, old.manifest.digest);
 }
 
-TEST_F(ImageStoreTest, AnImageWithNamesGetsToKnowItsSource)
+TEST_F(ImageStoreTest, AddingANamedImageAgainRecordsItsSource)
 {
     add("x", "localhost/x:latest");
     add("x", "", kDigest);

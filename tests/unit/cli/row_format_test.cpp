@@ -34,14 +34,14 @@ TEST(RowFormat, ATableHasAHeading)
     EXPECT_FALSE(RowFormat("tables {{.ID}}", kFields).is_table());
 }
 
-TEST(RowFormat, WhatIsNotUnderstoodIsRefused)
+TEST(RowFormat, InvalidFormatsAreRefused)
 {
     for (const char* format : {"{{", "{{.ID}", "{{}}", "{{ID}}", "{{.}}", "{{.Odd}}", "{{json ID}}",
                                "{{range .}}", "{{.ID | upper}}"})
         EXPECT_THROW(RowFormat(format, kFields), std::runtime_error) << format;
 }
 
-TEST(Duration, IsWrittenForPeople)
+TEST(Duration, IsWrittenInWords)
 {
     EXPECT_EQ(duration_text(-5), "Less than a second");
     EXPECT_EQ(duration_text(0), "Less than a second");

@@ -89,7 +89,7 @@ TEST(TarWriter, CountsTheDigitsOfALengthInTheLength)
     }
 }
 
-TEST(TarWriter, SaysSoWhenALongNameIsNoText)
+TEST(TarWriter, MarksLongNamesThatAreNotUtf8)
 {
     TarMember member;
     member.path = std::string(101, '\xff');

@@ -120,7 +120,7 @@ TEST(ConfigCheck, RefusesListsWithElementsOfAWrongType)
     EXPECT_EQ(of(R"({"annotations": {"a": "1", "a": "2"}})"), "");
 }
 
-TEST(ConfigCheck, RefusesKeysThatAreThereTwice)
+TEST(ConfigCheck, RefusesDuplicateKeys)
 {
     const std::string text = std::string(R"({"ROOT": {"path": "/"},)") + (kGood + 1);
     EXPECT_EQ(ambiguity(text), "duplicate key \"root\"");
@@ -128,7 +128,7 @@ TEST(ConfigCheck, RefusesKeysThatAreThereTwice)
 }
 
 // What the library reads and other readers do not, or otherwise.
-TEST(ConfigCheck, RefusesTextsThatReadersUnderstandDifferently)
+TEST(ConfigCheck, RefusesTextsThatParsersInterpretDifferently)
 {
     const auto with = [](const char* member) {
         return ambiguity(std::string("{") + member + "," + (kGood + 1));
@@ -150,7 +150,7 @@ TEST(ConfigCheck, MembersAreFoundWhateverTheirCase)
               Texts{});
 }
 
-TEST(ConfigCheck, SaysWhatIsExpectedAndWhatIsThere)
+TEST(ConfigCheck, ReportsWhatIsExpectedAndWhatWasFound)
 {
     const auto first = [](std::string_view text) {
         std::string problem;
@@ -163,7 +163,7 @@ TEST(ConfigCheck, SaysWhatIsExpectedAndWhatIsThere)
     EXPECT_EQ(first("[]").path, ".");
 }
 
-TEST(LayerCheck, TakesWhatTheExtractorTakes)
+TEST(LayerCheck, AcceptsWhatTheExtractorAccepts)
 {
     EXPECT_EQ(
         of_members({layout::directory("a/"), {"a/file", "content"}, layout::symlink("l", "a")}),
@@ -215,7 +215,7 @@ TEST(LayerCheck, NamesWhatIsLeftOut)
               Texts{"set-id or sticky bit: dropped"});
 }
 
-TEST(LayerCheck, NamesMembersWithoutAPlace)
+TEST(LayerCheck, NamesMembersWithoutAParent)
 {
     EXPECT_EQ(of_members({{"a/b"}}), Texts{"refused: no directory for the member"});
     EXPECT_EQ(of_members({{"../b"}}), Texts{"refused: \"..\" in the name"});
@@ -282,7 +282,7 @@ TEST(ImageName, IsALayoutAndAnOptionalTag)
     EXPECT_EQ(split_image_name(dir / "with:colon").layout, dir / "with:colon");
 }
 
-TEST(BlobPath, IsNoPathForWhatIsNoDigest)
+TEST(BlobPath, IsEmptyForAnInvalidDigest)
 {
     const std::string digits(64, 'a');
     EXPECT_EQ(blob_path("l", "sha256:" + digits), "l/blobs/sha256/" + digits);
@@ -337,7 +337,7 @@ std::string index_with(const std::string& entry)
 
 } // namespace
 
-TEST(ReadLayout, RefusesKeysThatAreThereTwiceInEveryDocument)
+TEST(ReadLayout, RefusesDuplicateKeysInEveryDocument)
 {
     const layout::TempDir dir;
     layout::Layout made(dir.path() / "l");
@@ -392,7 +392,7 @@ TEST(ReadLayout, FindsMembersAsTheLibraryDoes)
     EXPECT_EQ((*images)[0].os, "zarnel");
 }
 
-TEST(ReadLayout, WaitsForNoFifoAndTakesNoOtherContent)
+TEST(ReadLayout, DoesNotBlockOnAFifoAndRefusesOtherContent)
 {
     const layout::TempDir dir;
     layout::Layout made(dir.path() / "l");
@@ -415,7 +415,7 @@ TEST(ReadLayout, WaitsForNoFifoAndTakesNoOtherContent)
     EXPECT_EQ((*images)[0].problem, "blob " + digest + ": It is not a regular file");
 }
 
-TEST(ReadLayout, TakesNoEntryThatTheLibraryUnderstandsOtherwise)
+TEST(ReadLayout, RefusesEntriesThatTheLibraryReadsDifferently)
 {
     const auto problem_of = [](const layout::Image& image) {
         const layout::TempDir dir;

@@ -8,7 +8,7 @@
 
 using namespace zncctl;
 
-TEST(Printable, LeavesOrdinaryTextInAnyLanguageAlone)
+TEST(Printable, KeepsOrdinaryTextInAnyLanguage)
 {
     for (const char* text : {"", "plain", "gr\xc3\xbc\xc3\x9f", "\xe6\x97\xa5\xe6\x9c\xac",
                              "\xf0\x9f\x90\xb3", "a\xc2\xa0z"})

@@ -144,7 +144,7 @@ TEST(SettledConfiguration, ReducesAnUrgentPriorityToNormal)
     EXPECT_EQ(of("0", "rtpOptions"), "0");
 }
 
-TEST(SettledConfiguration, RefusesSettingsThatAreThereTwice)
+TEST(SettledConfiguration, RefusesDuplicateSettings)
 {
     EXPECT_EQ(refusal(R"({"Labels":{"com.quenmark.zarnel.rtp.rtpPriority":"100",
                           "com.quenmark.zarnel.rtp-RtpPriority":"0"}})"),

@@ -48,7 +48,7 @@ TEST(ParseJson, ReportsTheErrorPosition)
     EXPECT_EQ(problem_of("[1,\n2"), "no JSON at line 2, column 1");
 }
 
-TEST(ParseJson, TakesNothingBehindTheDocument)
+TEST(ParseJson, RefusesTextAfterTheDocument)
 {
     EXPECT_EQ(problem_of("{} \n"), "");
     for (const std::string_view text :
@@ -82,7 +82,7 @@ TEST(ParseJson, KeepsIntegersOf64Bits)
     EXPECT_EQ(integer(nullptr), std::nullopt);
 }
 
-TEST(ParseJson, SaysWhenANumberLosesDigits)
+TEST(ParseJson, ReportsNumbersThatLoseDigits)
 {
     EXPECT_TRUE(is_inexact("[18446744073709551616]"));
     EXPECT_TRUE(is_inexact("[-9223372036854775809]"));

@@ -155,7 +155,7 @@ TEST_P(PumpTest, FinishWaitsForASlowReader)
     EXPECT_EQ(to_.get(), "last");
 }
 
-TEST_P(PumpTest, PausedOneReadsNothing)
+TEST_P(PumpTest, PausedPumpReadsNothing)
 {
     Pump pump = this->pump();
     from_.put("later");

@@ -281,7 +281,7 @@ TEST(Parse, OperandsAreTakenAsTheyAre)
     EXPECT_STREQ(value.args.value("bundle"), "[a,b]");
 }
 
-TEST(Parse, TakesAsManyOperandsAsTheRowSays)
+TEST(Parse, TakesAsManyOperandsAsTheTableAllows)
 {
     const std::vector<std::string> ids(300, "id");
     std::vector<char*> words;
@@ -344,7 +344,7 @@ TEST(SignalNumber, RefusesWhatIsNoSignal)
         EXPECT_EQ(signal_number(text), -1) << text;
 }
 
-TEST(Output, ErrorsStandOnStandardErrorWithTheLibrarysText)
+TEST(Output, ErrorsArePrintedOnStandardErrorWithTheLibrarysText)
 {
     const Streams streams = streams_of([] { daemon_failure(S_zncLib_DAEMON_NOT_RUNNING, "web"); });
     EXPECT_EQ(streams.out, "");
@@ -362,7 +362,7 @@ TEST(Output, AFailureWithoutANumberHasATextToo)
     EXPECT_EQ(local.err, "zncctl: error: The operation failed\n");
 }
 
-TEST(Output, ExitStatusesTellTheKindOfFailure)
+TEST(Output, ExitStatusesDependOnTheKindOfFailure)
 {
     streams_of([] {
         EXPECT_EQ(daemon_failure(ENODEV, ""), 2);

@@ -63,7 +63,7 @@ TEST_F(Blob, BytesThatChangeAfterTheyWereReadDoNotMatter)
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, AFileThatGetsShorterIsNotWhatItWas)
+TEST_F(Blob, AFileThatBecomesShorterIsNotVerified)
 {
     ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
     ASSERT_EQ(::truncate(path_.c_str(), 100), 0);
@@ -166,7 +166,7 @@ TEST_F(Blob, WhatIsNoDigestIsRefusedWithoutANumber)
     EXPECT_FALSE(blob_.open(path_.c_str(), nullptr));
 }
 
-TEST_F(Blob, WhatIsNoFileIsNeitherOpenedNorWaitedFor)
+TEST_F(Blob, OtherFileTypesAreNotOpenedAndDoNotBlock)
 {
     ASSERT_EQ(::mkfifo((dir_ / "pipe").c_str(), 0600), 0);
     EXPECT_FALSE(blob_.open((dir_ / "pipe").c_str(), digest_.c_str()));

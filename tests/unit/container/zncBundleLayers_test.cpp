@@ -141,7 +141,7 @@ TEST_F(BundleLayers, ARecordAboutAnotherRootIsNotCompared)
     EXPECT_EQ(check(tree_), 0) << "somebody has changed the configuration";
 }
 
-TEST_F(BundleLayers, ARootThatIsNotThereIsNotCompared)
+TEST_F(BundleLayers, AMissingRootIsNotCompared)
 {
     unpacked(device_, {"bottom", "top"});
     fs::remove(device_);

@@ -552,7 +552,7 @@ TEST_F(Rootfs, OverlayWithoutMemoryFailsWithENOMEM)
     EXPECT_TRUE(fake::calls().empty());
 }
 
-TEST_F(Rootfs, OverlayOrPlainIsAskedAfreshAtEachCall)
+TEST_F(Rootfs, OverlayOrPlainIsDeterminedInEachCall)
 {
     set_overlay(true);
     prepare("");
@@ -614,7 +614,7 @@ TEST_F(Rootfs, RemovingTheUpperLayerFollowsNoLinkTheContainerPlanted)
     EXPECT_TRUE(fs::exists(area() + "other"));
 }
 
-TEST_F(Rootfs, ALargeUpperLayerIsGoneFromItsPlaceAtOnceAndDeletedLater)
+TEST_F(Rootfs, ALargeUpperLayerIsMovedAwayAtOnceAndDeletedLater)
 {
     fs::create_directories(area() + "web/upper");
     for (int i = 0; i < 3000; i++)
@@ -627,7 +627,7 @@ TEST_F(Rootfs, ALargeUpperLayerIsGoneFromItsPlaceAtOnceAndDeletedLater)
 
 // The mount stops the deletion, like a file created in the tree during deletion by an outside
 // process that has a descriptor of it.
-TEST_F(Rootfs, ASmallUpperLayerThatCannotBeDeletedIsGoneFromItsPlaceAndDeletedLater)
+TEST_F(Rootfs, ASmallUpperLayerThatCannotBeDeletedIsMovedAwayAndDeletedLater)
 {
     fs::create_directories(area() + "web/upper/busy");
     ASSERT_EQ(::mount("tmpfs", (area() + "web/upper/busy").c_str(), "tmpfs", 0, nullptr), 0);

@@ -676,7 +676,7 @@ TEST_F(Registry, FailingQueryCountsAsEnded)
     EXPECT_EQ(status_of("web"), STATE_STOPPED);
 }
 
-TEST_F(Registry, OnlyRunningContainersAreAskedAbout)
+TEST_F(Registry, OnlyRunningContainersAreQueried)
 {
     make("web", STATE_CREATED);
     EXPECT_EQ(status_of("web"), STATE_CREATED);
@@ -837,7 +837,7 @@ TEST_F(Registry, AfterTheHandleIsStoredTheOwnTaskStillDeletes)
     EXPECT_TRUE(ids().empty());
 }
 
-TEST_F(Registry, StoringTheHandleLeavesTheStateOfAContainerThatWasLookedAtTooEarly)
+TEST_F(Registry, StoringTheHandleDoesNotChangeAPrematureStoppedState)
 {
     make("early", STATE_STOPPED); // a query before the process existed has set this state
     fake::set_in_use(true);

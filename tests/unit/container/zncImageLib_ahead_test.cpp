@@ -217,7 +217,7 @@ TEST_F(EarlyExtraction, AWrongDigestLeavesAStoreAsItWas)
     EXPECT_EQ(names_in(store_), std::set<std::string>{"other"});
 }
 
-TEST_F(EarlyExtraction, AStoreIsRemovedOnlyAsFarAsItWasMade)
+TEST_F(EarlyExtraction, OnlyDirectoriesOfTheStoreThatItCreatedAreRemoved)
 {
     fs::create_directories(base_);
     add(layer_);
@@ -372,7 +372,7 @@ TEST_F(Ahead, ATagThatNothingHasMakesNoStore)
     expect_untouched();
 }
 
-TEST_F(Ahead, ABundleThatIsThereLeavesNoStore)
+TEST_F(Ahead, AnExistingBundleLeavesNoStore)
 {
     add(layer_);
     fs::create_directories(bundle_ + "/rootfs");
@@ -444,7 +444,7 @@ TEST_F(Ahead, ALayerNamedAgainAndAgainIsExtractedOnce)
     EXPECT_EQ(names_in(store_).size(), 2U);
 }
 
-TEST_F(Ahead, DirectoriesAreToldWithTheirModesFromTheBottomUp)
+TEST_F(Ahead, DirectoriesAreReportedWithTheirModesFromTheBottomUp)
 {
     const std::string lower =
         tar({layout::directory("tmp/", 01777), layout::directory("a/", 0755)});
@@ -537,7 +537,7 @@ TEST_F(Ahead, EveryAllocationThatFailsFailsTheUnpackAtMost)
     EXPECT_GT(nth, 30U);
 }
 
-TEST_F(Ahead, AnExtractionThatIsCalledOffEndsEarly)
+TEST_F(Ahead, ACancelledExtractionEndsEarly)
 {
     const std::string archive = dir_ / "archive";
     layout::write_file(archive, layer_);

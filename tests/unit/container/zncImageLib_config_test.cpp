@@ -255,7 +255,7 @@ TEST(User, WithoutTextAddsNothing)
     EXPECT_EQ(user(nullptr), "{}");
 }
 
-TEST(User, IsLookedAtFor255Characters)
+TEST(User, UsesAtMost255Characters)
 {
     EXPECT_EQ(user(("7" + std::string(260, ' ') + ":8").c_str()), R"({"uid":7,"gid":0})");
 }
@@ -325,7 +325,7 @@ TEST(Mount, NullArgumentsFail)
     EXPECT_EQ(zncImageGetMountInfo(object.get(), nullptr), ERROR);
 }
 
-TEST(Mount, IsLookedAtFor255Characters)
+TEST(Mount, UsesAtMost255Characters)
 {
     const CJsonPtr object(cJSON_CreateObject());
     ASSERT_EQ(zncImageGetMountInfo(object.get(), (std::string(300, 's') + ":d").c_str()), OK);

@@ -149,7 +149,7 @@ TEST_F(Inspect, TheHostnameIsFixed)
     EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(object.get(), "Domainname")), "");
 }
 
-TEST_F(Inspect, AppendsToWhatTheArrayHolds)
+TEST_F(Inspect, AppendsToTheExistingElements)
 {
     layout_.add({});
     ASSERT_EQ(inspect(), 0);

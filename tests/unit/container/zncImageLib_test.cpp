@@ -346,7 +346,7 @@ TEST_F(Unpack, AFlattenedTreeIsExtractedAgainAlsoWhenItHoldsLinks)
 }
 
 // Overlay mounts that use the tree as a lower directory keep it.
-TEST_F(Unpack, AFlattenedTreeThatNobodyChangedStaysWhenItsImageIsFlattenedAgain)
+TEST_F(Unpack, AnUnmodifiedFlattenedTreeStaysWhenItsImageIsFlattenedAgain)
 {
     add({bottom_, top_});
     ASSERT_EQ(unpack(bundle_, ZNC_OPT_FLATTEN), OK);
@@ -377,7 +377,7 @@ TEST_F(Unpack, AFlattenedTreeThatWasChangedIsExchangedAndSetAsideAsItWas)
     EXPECT_EQ(names_in(flattened_).size(), 2U);
 }
 
-TEST_F(Unpack, AFlattenThatFailsLeavesTheTreeThereIsAlone)
+TEST_F(Unpack, AFailedFlattenLeavesTheExistingTreeUnchanged)
 {
     const std::string below = tar({layout::symlink("link", "d"), {"file", "low"}});
     add({below, top_});
@@ -465,7 +465,7 @@ TEST_F(Unpack, MoreLayersThanTheKernelStacksAreRefusedBeforeAnyIsExtracted)
     EXPECT_EQ(names_in(root_of(bundle_)).size(), layers.size());
 }
 
-TEST_F(Unpack, LayersThatAreThereTwiceCountOnceForTheKernelsLimit)
+TEST_F(Unpack, DuplicateLayersCountOnceForTheKernelsLimit)
 {
     std::vector<std::string> layers(600, bottom_);
     layers.push_back(top_);

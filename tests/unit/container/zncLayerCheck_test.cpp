@@ -109,7 +109,7 @@ TEST_F(LayerCheck, DataLongerThanTheBufferIsNotTakenForTheHeader)
     EXPECT_TRUE(said(Archive().file("f", data).file("g", "x").end()).empty());
 }
 
-TEST_F(LayerCheck, MakesNothing)
+TEST_F(LayerCheck, CreatesNothing)
 {
     const Tree before = snapshot(target_);
     EXPECT_EQ(check(Archive().dir("a/").file("a/f", "x").symlink("l", "a").end()).status, OK);

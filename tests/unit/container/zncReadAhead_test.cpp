@@ -113,7 +113,7 @@ TEST_F(Ahead, AnEmptySourceEndsAtOnce)
     EXPECT_EQ(read(&byte, 1), 0);
 }
 
-TEST_F(Ahead, ATaskThatIsGivenUpEndsWithoutReadingOn)
+TEST_F(Ahead, AStoppedThreadEndsWithoutReadingFurther)
 {
     source_ = {numbered(50'000'000)};
     ASSERT_TRUE(ahead_.start(Source::read, &source_));

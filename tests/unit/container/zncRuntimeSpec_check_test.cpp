@@ -77,7 +77,7 @@ bool is_refused(const std::string& text)
 
 } // namespace
 
-TEST(ConfigCheckCall, SaysNothingOfWhatIsTakenAsItStands)
+TEST(ConfigCheckCall, ReportsNothingForAValidDocument)
 {
     EXPECT_EQ(findings(kGood), Texts{});
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", "b"], "cwd": "\\",
@@ -87,7 +87,7 @@ TEST(ConfigCheckCall, SaysNothingOfWhatIsTakenAsItStands)
               Texts{});
 }
 
-TEST(ConfigCheckCall, NamesWhatCreateRefusesAndWhatIsThereInstead)
+TEST(ConfigCheckCall, NamesRefusedMembersAndWhatWasFound)
 {
     EXPECT_EQ(findings("[]"), Texts{"refused "});
     EXPECT_EQ(findings("{}"), (Texts{"refused ociVersion", "refused process", "refused root"}));
@@ -103,7 +103,7 @@ TEST(ConfigCheckCall, NamesWhatCreateRefusesAndWhatIsThereInstead)
     EXPECT_EQ(found[3].value, "");
 }
 
-TEST(ConfigCheckCall, NamesWhatIsTakenForSomethingElse)
+TEST(ConfigCheckCall, NamesMembersThatAreMisread)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a", 1], "cwd": "/",
                            "env": {"a": "b"}}, "root": {"path": "r"}, "mounts": [1,
@@ -114,7 +114,7 @@ TEST(ConfigCheckCall, NamesWhatIsTakenForSomethingElse)
                      "misread zarnel.rtp.rtpStackSize"}));
 }
 
-TEST(ConfigCheckCall, NamesWhatChangesNothing)
+TEST(ConfigCheckCall, NamesMembersWithoutEffect)
 {
     EXPECT_EQ(findings(R"({"ociVersion": "1", "process": {"args": ["/a"], "cwd": "/",
                            "user": {"uid": 1, "gid": 1}, "terminal": true, "env": {}}, "hostname": "h",
@@ -143,7 +143,7 @@ TEST(ConfigCheckCall, NamesTheMemberThatThePlatformRefusesAndWhy)
     EXPECT_EQ(findings(with_process(R"("user": {"uid": 1, "gid": 1}, "rlimits": [])")), Texts{});
 }
 
-TEST(ConfigCheckCall, NamesTheMemberThatNeedsTheDaemonsConsent)
+TEST(ConfigCheckCall, NamesTheMemberThatTheDaemonMustAllow)
 {
     EXPECT_EQ(findings(with_process(R"("noNewPrivileges": false)")),
               Texts{"not allowed process.noNewPrivileges"});

@@ -248,7 +248,7 @@ TEST_F(StoreCollect, ADeviceThatCannotBeRemovedKeepsItsLayersAndIsTriedAgain)
     EXPECT_EQ(removed_.size(), 3U);
 }
 
-TEST_F(StoreCollect, WithoutAStoreThereIsNothingToDoAndNothingIsMade)
+TEST_F(StoreCollect, WithoutAStoreItSucceedsAndCreatesNothing)
 {
     EXPECT_EQ(collect(), OK);
     EXPECT_EQ(removed_, Removed());

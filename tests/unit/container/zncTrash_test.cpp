@@ -58,7 +58,7 @@ class Trash : public testing::Test {
     const std::string trash_ = base_ + "/.trash";
 };
 
-TEST_F(Trash, WhatIsTakenIsGoneFromItsPlaceAndStillWholeInTheTrash)
+TEST_F(Trash, TakingMovesTheWholeTreeToTheTrash)
 {
     const std::string web = tree("web", 300);
     ASSERT_EQ(znc::trash_take(web.c_str()), OK) << std::strerror(errno);
@@ -68,7 +68,7 @@ TEST_F(Trash, WhatIsTakenIsGoneFromItsPlaceAndStillWholeInTheTrash)
     EXPECT_TRUE(fs::exists(taken / "upper/data/299"));
 }
 
-TEST_F(Trash, EmptyingDeletesItAllAndTheTrashItself)
+TEST_F(Trash, EmptyingDeletesEverythingAndTheTrashItself)
 {
     const std::string outside = dir_.path() + "/precious";
     std::ofstream(outside) << "x";
@@ -84,7 +84,7 @@ TEST_F(Trash, EmptyingDeletesItAllAndTheTrashItself)
     EXPECT_TRUE(fs::is_empty(area_));
 }
 
-TEST_F(Trash, WhatADeadProcessLeftGoesWithTheNextEmptying)
+TEST_F(Trash, LeftoversOfADeadProcessAreDeletedByTheNextEmptying)
 {
     fs::create_directories(trash_ + "/left/upper/deep");
     ::chmod(trash_.c_str(), 0700);
@@ -93,7 +93,7 @@ TEST_F(Trash, WhatADeadProcessLeftGoesWithTheNextEmptying)
     EXPECT_TRUE(eventually([&] { return !fs::exists(trash_); }));
 }
 
-TEST_F(Trash, WhatCannotBeDeletedStaysThereAndTheRestGoes)
+TEST_F(Trash, UndeletableEntriesStayAndTheRestIsDeleted)
 {
     fs::create_directories(trash_ + "/stuck/mount");
     fs::create_directories(trash_ + "/other/upper");
@@ -160,7 +160,7 @@ TEST_F(Trash, ATrashOfAnotherUserOrALinkIsNotUsed)
     fs::remove(trash_);
 }
 
-TEST_F(Trash, TakingWhatIsNotThereFailsWithENOENT)
+TEST_F(Trash, TakingAMissingTreeFailsWithENOENT)
 {
     EXPECT_EQ(znc::trash_take((area_ + "/none").c_str()), ERROR);
     EXPECT_EQ(errno, ENOENT);

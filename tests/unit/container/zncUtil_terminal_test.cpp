@@ -160,7 +160,7 @@ TEST_F(Prompt, EmptyLineIsAnEmptyCredential)
     EXPECT_STREQ(done.credential, "");
 }
 
-TEST_F(Prompt, OnlyOneFinalCharacterIsTakenAwaySoACarriageReturnBeforeALineFeedStays)
+TEST_F(Prompt, OnlyOneFinalCharacterIsRemovedSoACarriageReturnBeforeALineFeedStays)
 {
     struct termios raw = settings();
     raw.c_iflag &= ~static_cast<tcflag_t>(ICRNL);
@@ -170,7 +170,7 @@ TEST_F(Prompt, OnlyOneFinalCharacterIsTakenAwaySoACarriageReturnBeforeALineFeedS
     EXPECT_STREQ(finish().credential, "ab\r");
 }
 
-TEST_F(Prompt, CarriageReturnAtTheEndOfWhatWasReadIsTakenAway)
+TEST_F(Prompt, CarriageReturnAtTheEndOfTheInputIsRemoved)
 {
     struct termios raw = settings();
     raw.c_iflag &= ~static_cast<tcflag_t>(ICRNL);

@@ -42,7 +42,7 @@ void expect_all_results(znc::WorkAhead& work)
     }
 }
 
-TEST(WorkAhead, ResultsAndErrorNumbersAreThoseOfDoingOneAfterTheOther)
+TEST(WorkAhead, ResultsAndErrorNumbersAreThoseOfASequentialRun)
 {
     for (int round = 0; round < 50; round++) {
         Row row;
@@ -54,7 +54,7 @@ TEST(WorkAhead, ResultsAndErrorNumbersAreThoseOfDoingOneAfterTheOther)
     }
 }
 
-TEST(WorkAhead, WithoutAStartAJobIsDoneWhenItsResultIsWanted)
+TEST(WorkAhead, WithoutStartJobsRunInResult)
 {
     Row row;
     znc::WorkAhead work(Row::job, &row, kCount);
@@ -64,7 +64,7 @@ TEST(WorkAhead, WithoutAStartAJobIsDoneWhenItsResultIsWanted)
     expect_all_results(work);
 }
 
-TEST(WorkAhead, WhatIsExcludedIsDoneByTheCallerOnly)
+TEST(WorkAhead, ExcludedJobsRunOnlyInTheCaller)
 {
     Row row;
     znc::WorkAhead work(Row::job, &row, kCount);
@@ -94,7 +94,7 @@ TEST(WorkAhead, HelpersTakeNoSignalsAndTheCallersMaskStays)
     EXPECT_EQ(::sigismember(&after, SIGUSR1), 0);
 }
 
-TEST(WorkAhead, EndingEarlyWaitsForWhatWasBegunAndKeepsTheErrorNumber)
+TEST(WorkAhead, DestructionWaitsForRunningJobsAndPreservesErrno)
 {
     for (int round = 0; round < 50; round++) {
         Row row; // destroyed after the jobs: a sanitizer detects a job that is still running

@@ -208,7 +208,7 @@ TEST(Archive, WithoutMembersIsValid)
     EXPECT_TRUE(read_tar(std::string(1024, '\0')).empty());
 }
 
-TEST(Archive, LyingAndDamagedHeadersAreErrors)
+TEST(Archive, WrongAndDamagedHeadersAreErrors)
 {
     const auto one = [](const Header& header) {
         return problem_of(tarforge::Archive().file("first", "x").member(header).end().bytes());
@@ -227,7 +227,7 @@ TEST(Archive, LyingAndDamagedHeadersAreErrors)
               "");
 }
 
-TEST(Archive, TornAnywhereInAMemberIsAnError)
+TEST(Archive, TruncatedAnywhereInAMemberIsAnError)
 {
     const std::string tar = tarforge::Archive().file("f", std::string(2000, 'x')).bytes();
     for (const std::size_t size : {1U, 511U, 512U, 513U, 1000U, 2511U})
@@ -263,7 +263,7 @@ TEST(Archive, ExceptionsOfTheSourceArePassedOn)
 }
 
 // Names are kept in memory, data are not.
-TEST(Archive, MoreBytesOfNamesThanSoManyMembersNeedAreAnError)
+TEST(Archive, TooManyBytesOfNamesAreAnError)
 {
     const std::string tar =
         made("true", "python3 -c 'import tarfile\n"

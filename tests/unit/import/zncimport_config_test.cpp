@@ -211,7 +211,7 @@ TEST_F(Config, FollowsLinksToTheUserFilesInsideTheImage)
     EXPECT_EQ(user("app"), "65534:65534");
 }
 
-TEST_F(Config, DoesNotReadUserFilesThatNoOneHas)
+TEST_F(Config, DoesNotReadImplausiblyLargeUserFiles)
 {
     add_file("etc/passwd", "app:x:12:13::/:\n" + std::string(std::size_t{10} << 20U, '\n'));
     EXPECT_EQ(user("app"), "65534:65534");

@@ -96,7 +96,7 @@ TEST(Directory, LinksAreNotFollowed)
     EXPECT_EQ(at(entries, "root").member.target, "/");
 }
 
-TEST(Directory, SocketsArePassedOverAndFifosDoNotWait)
+TEST(Directory, SocketsAreSkippedAndFifosDoNotBlock)
 {
     Read read;
     shell(read.dir, "mkfifo fifo");
@@ -119,7 +119,7 @@ TEST(Directory, ExtendedAttributesAreNamed)
     EXPECT_EQ(at(read.entries(), "f").member.xattrs, std::vector<std::string>{"trusted.test"});
 }
 
-TEST(Directory, IsHeldToItsLimits)
+TEST(Directory, EnforcesTheLimits)
 {
     Read read;
     shell(read.dir, "mkdir -p a/b/c; printf 12345 >f");
@@ -135,7 +135,7 @@ TEST(Directory, IsHeldToItsLimits)
     EXPECT_EQ(read.problem(), "");
 }
 
-TEST(Directory, AFileThatGrowsMeanwhileIsAnError)
+TEST(Directory, AFileThatGrowsWhileItIsReadIsAnError)
 {
     Read read;
     shell(read.dir, "touch growing");

@@ -192,7 +192,7 @@ TEST(Emit, IsExtractedCompletelyByTheExtractorAndByOthers)
     EXPECT_EQ(listing(dir / "ours").size(), 9U);
 }
 
-TEST(Emit, OfSomeLayersHoldsTheDirectoriesOnTheirWayAndNoOthers)
+TEST(Emit, OfSomeLayersContainsOnlyTheirParentDirectories)
 {
     Tree tree;
     Children& root = tree.root().children;

@@ -218,7 +218,7 @@ TEST_P(Gzip, MayBeDroppedAtAnyTime)
     }
 }
 
-TEST(GzipWriter, RefusesACompressorThatIsNotThere)
+TEST(GzipWriter, RefusesAMissingCompressor)
 {
     EXPECT_TRUE(has_compressor(Compressor::kZlib));
     if (has_compressor(Compressor::kIsal))

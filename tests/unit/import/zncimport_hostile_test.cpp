@@ -75,7 +75,7 @@ TEST(Hostile, LongTargetsThatGoUpAndDownLeadWhereTheySay)
     EXPECT_TRUE(has(report, "../../y, is none/../../../../y\"")) << report;
 }
 
-TEST(Hostile, FilesWhoseHolesAreFilledAreToldOf)
+TEST(Hostile, FilledHolesAreReported)
 {
     const test_tree::TempDir dir;
     shell(dir, "truncate -s 1M f; echo x >>f; tar --owner=0 --group=0 -Scf t f");

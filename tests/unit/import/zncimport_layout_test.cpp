@@ -265,7 +265,7 @@ TEST_F(LayoutWriterTest, TakesEntriesForImagesAsUnpackingDoes)
     EXPECT_EQ(zncctl::read_layout(path_, problem)->size(), 3U);
 }
 
-TEST_F(LayoutWriterTest, CountsAnEntryWhosePlatformCannotBeTold)
+TEST_F(LayoutWriterTest, CountsAnEntryOfUnknownPlatform)
 {
     put(path_, "v1", one_, false);
     const std::string none = "sha256:" + std::string(64, '0');
@@ -303,7 +303,7 @@ TEST_F(LayoutWriterTest, LeavesTheLayoutAsItWasWhenItStopsAnywhere)
     }
 }
 
-TEST_F(LayoutWriterTest, ReplacesABlobThatIsNotWhatItsNameSays)
+TEST_F(LayoutWriterTest, ReplacesABlobThatDoesNotMatchItsName)
 {
     put(path_, "v1", one_, false);
     const fs::path blob = path_ + "/blobs/sha256/" + layout::sha256_hex(one_.layer);
@@ -322,7 +322,7 @@ TEST_F(LayoutWriterTest, ReplacesABlobThatIsNotWhatItsNameSays)
     EXPECT_TRUE(is_valid(path_));
 }
 
-TEST_F(LayoutWriterTest, RemovesWhatDeadImportsLeft)
+TEST_F(LayoutWriterTest, RemovesLeftoversOfImportsThatDied)
 {
     put(path_, "v1", one_, false);
     const Texts before = contents(path_);
@@ -425,7 +425,7 @@ TEST_F(LayoutWriterTest, LosesNoImageOfWritersAtTheSameTime)
 }
 
 // A writer that creates the directory and fails must not remove it from a writer that is waiting.
-TEST_F(LayoutWriterTest, SurvivesWritersThatTakeTheirNewLayoutAwayAgain)
+TEST_F(LayoutWriterTest, SurvivesWritersThatRemoveTheirNewLayout)
 {
     for (int round = 0; round < 20; round++) {
         std::vector<pid_t> writers;

@@ -127,7 +127,7 @@ TEST_F(MergeTest, NamesAndTargetsLongerThanAnyFilesAreErrors)
     }
 }
 
-TEST_F(MergeTest, WhiteoutRemovesALowerFileAndIsNotThereItself)
+TEST_F(MergeTest, WhiteoutRemovesALowerFileAndDoesNotExistItself)
 {
     const Tree tree = merged({{file("a"), file("b")}, {file(".wh.a")}});
     EXPECT_EQ(names(tree), Names{"b"});
@@ -156,7 +156,7 @@ TEST_F(MergeTest, WhiteoutOfADirectoryMadeAnewDropsTheOldChildren)
               (Names{"d/", "d/new"}));
 }
 
-TEST_F(MergeTest, WhiteoutIsToldByItsNameWhateverItIs)
+TEST_F(MergeTest, WhiteoutIsRecognisedByItsNameWhateverItsType)
 {
     EXPECT_EQ(
         names(merged({{file("a"), file("b"), file("c"), file("d")},
@@ -338,7 +338,7 @@ TEST_F(MergeTest, AMemberForTheRootSetsItsAttributesOnly)
     EXPECT_EQ(tree.root().mode, 0700U);
 }
 
-TEST_F(MergeTest, TheRootIsNothingButADirectory)
+TEST_F(MergeTest, TheRootCanOnlyBeADirectory)
 {
     for (const Entry& member : {file("."), symbolic("/", "x"), hardlink("./.", "a"), file("")})
         EXPECT_TRUE(says(failure_of([&] { Merge(limits, report).add_layer({member}); }), "root"));

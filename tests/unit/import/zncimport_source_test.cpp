@@ -328,7 +328,7 @@ TEST(LayoutSource, EmbeddedDataIsTaken)
 }
 
 // Builders store attestations of an image's provenance next to it, in the form of a manifest.
-TEST(LayoutSource, OneImageAmongOthersThatCannotBeImportedIsTheOneThatIsMeant)
+TEST(LayoutSource, TheOnlyImageThatCanBeImportedIsSelected)
 {
     const Layout layout;
     const std::string statement =
@@ -419,7 +419,7 @@ TEST(LayoutSource, WhatCannotBeImportedNamesItsType)
     EXPECT_TRUE(has(images.at(1).problem, "text/html"));
 }
 
-TEST(LayoutSource, DocumentsThatAreNotWhatTheirDigestSaysAreErrors)
+TEST(LayoutSource, DocumentsThatDoNotMatchTheirDigestAreErrors)
 {
     const std::string config = config_of("amd64", "layer");
     for (const bool of_manifest : {true, false}) {
@@ -447,7 +447,7 @@ TEST(LayoutSource, LayersOfAnotherSizeAreErrors)
     EXPECT_TRUE(has(failure_of([&] { static_cast<void>(opened.layer()); }), "6 bytes, not 5"));
 }
 
-TEST(LayoutSource, LyingDescriptorsAreErrors)
+TEST(LayoutSource, WrongDescriptorsAreErrors)
 {
     const std::string digest = sha256("x");
     const auto with = [](const std::string& member) {
@@ -673,7 +673,7 @@ TEST(Detection, AnArchivesMembersAreCounted)
     EXPECT_TRUE(has(problem_of(layout.dir / "a.tar", limits), "--max-entries"));
 }
 
-TEST(Detection, ABombAroundAnImageIsEnded)
+TEST(Detection, ADecompressionBombAroundAnImageIsAnError)
 {
     const test_tree::TempDir dir;
     shell(dir, "head -c 64M /dev/zero | gzip -9 >bomb");

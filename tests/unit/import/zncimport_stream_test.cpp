@@ -50,7 +50,7 @@ Limits limited(std::uint64_t bytes, std::uint64_t ratio)
 
 } // namespace
 
-TEST(Plain, EveryCompressionIsToldByItsFirstBytes)
+TEST(Plain, EveryCompressionIsDetectedByItsFirstBytes)
 {
     const std::string text = sample();
     for (const char* program : {"cat", "gzip -c", "zstd -qc", "xz -c", "bzip2 -c"}) {
@@ -102,7 +102,7 @@ TEST(Plain, OtherBytesBehindTheDataAreAnError)
     EXPECT_NE(problem_of(packed("gzip -c", "text") + std::string(512, '\0')), "");
 }
 
-TEST(Plain, TornAndDamagedStreamsAreErrors)
+TEST(Plain, TruncatedAndDamagedStreamsAreErrors)
 {
     for (const char* program : {"gzip -c", "zstd -qc", "xz -c", "bzip2 -c"}) {
         const std::string stored = packed(program, sample());
@@ -114,7 +114,7 @@ TEST(Plain, TornAndDamagedStreamsAreErrors)
     EXPECT_NE(problem_of(stored), "") << "the checksum";
 }
 
-TEST(Plain, ABombIsEndedByRatioOrBytesAndTheFlagIsNamed)
+TEST(Plain, ADecompressionBombIsAnErrorThatNamesTheOption)
 {
     const std::string zeros = packed("gzip -c", std::string(std::size_t{32} << 20U, '\0'));
     EXPECT_TRUE(has(problem_of(zeros, limited(1U << 30U, 100)), "--max-ratio"));

@@ -225,7 +225,7 @@ TEST_F(BundleTest, SourcesOfBindsAreBelowTheBundle)
     EXPECT_EQ(plan.mounts[1].options[0], nullptr);
 }
 
-TEST_F(BundleTest, WhatIsWrongIsNamed)
+TEST_F(BundleTest, ErrorsNameTheField)
 {
     EXPECT_NE(refusal(R"(,"mounts":[{"type":"tmpfs"}])").find("mounts[0].destination"),
               std::string::npos);

@@ -88,7 +88,7 @@ TEST_P(CgroupDevices, WithoutRulesEverythingIsAllowed)
     EXPECT_EQ(open_zero(), 0);
 }
 
-TEST_P(CgroupDevices, WhatNoRuleAllowsIsRefused)
+TEST_P(CgroupDevices, DevicesThatNoRuleAllowsAreRefused)
 {
     ASSERT_EQ(create(devices({rule(true, 'c', 1, 3, "rw")})), 0) << field();
     EXPECT_EQ(open_null(O_RDWR), 0);
@@ -96,7 +96,7 @@ TEST_P(CgroupDevices, WhatNoRuleAllowsIsRefused)
     EXPECT_EQ(inside([] { return try_make(S_IFCHR, 1, 3); }), EPERM);
 }
 
-TEST_P(CgroupDevices, AccessesAreToldApart)
+TEST_P(CgroupDevices, ReadWriteAndMknodAreDistinguished)
 {
     ASSERT_EQ(create(devices({kDenyAll, rule(true, 'c', 1, 3, "r"), rule(true, 'c', 1, 5, "m")})),
               0)
@@ -118,7 +118,7 @@ TEST_P(CgroupDevices, AccessesThatSeveralRulesAllowAreAllowedTogether)
     EXPECT_EQ(open_zero(), EPERM);
 }
 
-TEST_P(CgroupDevices, TypesNumbersAndWildcardsAreHonoured)
+TEST_P(CgroupDevices, TypesNumbersAndWildcardsAreApplied)
 {
     ASSERT_EQ(
         create(devices({rule(true, 'a', 1, kAnyDevice, "m"), rule(true, 'b', kAnyDevice, 0, "m")})),
@@ -192,7 +192,7 @@ TEST(CgroupDeviceList, RulesThatV1CannotExpressAreRefused)
               ENOTSUP);
 }
 
-TEST(CgroupDeviceList, WhatIsTakenBackIsNoLongerAnException)
+TEST(CgroupDeviceList, RevokedDevicesAreNoLongerExceptions)
 {
     const DeviceRule rules[] = {kAllowAll, rule(true, 'c', 1, 3, "rwm"),
                                 rule(false, 'c', 1, 3, "rw"), rule(true, 'c', 1, 3, "r")};

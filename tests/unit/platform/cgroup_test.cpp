@@ -73,7 +73,7 @@ TEST_P(CgroupLife, PathsThatLeaveOrNameNoGroupAreRefused)
     }
 }
 
-TEST_P(CgroupLife, EmptyComponentsOfAPathCountNothing)
+TEST_P(CgroupLife, EmptyComponentsOfAPathAreIgnored)
 {
     ASSERT_EQ(zn::cgroup_create(in_, ("/" + top_ + "//web/").c_str(), {}, &field_), 0);
     EXPECT_EQ(directories(in_, path_).size(), in_.all.size());
@@ -215,7 +215,7 @@ TEST_P(CgroupLife, ProcessDoesNotFreezeOrRemoveItsOwnGroup)
     EXPECT_EQ(child.code(), 0);
 }
 
-TEST_P(CgroupLife, RemovalKillsWhatForksMeanwhile)
+TEST_P(CgroupLife, RemovalKillsProcessesThatAreForkedDuringIt)
 {
     ASSERT_EQ(create(), 0);
     zn::Resources resources;
@@ -264,7 +264,7 @@ TEST_P(CgroupLife, GroupsMadeInsideAreRemovedHoweverDeepAndMany)
     EXPECT_FALSE(fs::exists(directory));
 }
 
-TEST_P(CgroupLife, RemovalOfGroupsMadeInsideEndsWhenItsTimeIsOverAndGoesOnLater)
+TEST_P(CgroupLife, RemovalOfManyGroupsEndsAtItsDeadlineAndContinuesLater)
 {
     ASSERT_EQ(create(), 0);
     const std::string directory = directories(in_, path_).back();
@@ -277,7 +277,7 @@ TEST_P(CgroupLife, RemovalOfGroupsMadeInsideEndsWhenItsTimeIsOverAndGoesOnLater)
     EXPECT_FALSE(fs::exists(directory + "/left"));
 }
 
-TEST_P(CgroupLife, MissingGroupIsRemovedAlreadyAndUnknownElsewhere)
+TEST_P(CgroupLife, MissingGroupCountsAsRemovedAndFailsOtherwiseWithENOENT)
 {
     zn::List<zn::Text> entries;
     zn::List<int> pids;

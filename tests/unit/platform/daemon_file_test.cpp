@@ -54,7 +54,7 @@ class DaemonFile : public testing::Test {
     znc::UniqueFd lock_;
 };
 
-TEST_F(DaemonFile, IsBelievedWhileTheLockIsHeld)
+TEST_F(DaemonFile, IsTrustedWhileTheLockIsHeld)
 {
     znDaemonInfo info = {};
     ASSERT_EQ(znDaemonInfoRead(&info), OK) << std::strerror(errno);
@@ -67,7 +67,7 @@ TEST_F(DaemonFile, IsBelievedWhileTheLockIsHeld)
     expect_unknown(ESRCH);
 }
 
-TEST_F(DaemonFile, OfAnotherProcessOrDamagedIsNotBelieved)
+TEST_F(DaemonFile, OfAnotherProcessOrDamagedIsNotTrusted)
 {
     const std::string whole = text();
     const std::string pid = std::to_string(::getpid());
@@ -86,7 +86,7 @@ TEST_F(DaemonFile, OfAnotherProcessOrDamagedIsNotBelieved)
     expect_unknown(ESRCH);
 }
 
-TEST_F(DaemonFile, OfAnotherUserOrALinkIsNotBelieved)
+TEST_F(DaemonFile, OfAnotherUserOrALinkIsNotTrusted)
 {
     ASSERT_EQ(::chown(kFile.c_str(), 1000, 1000), 0);
     expect_unknown(EPERM);

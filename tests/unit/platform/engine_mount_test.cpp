@@ -29,7 +29,7 @@ Read read(const char* type, std::vector<const char*> options)
     return result;
 }
 
-TEST(EngineMount, NothingIsAddedToWhatTheOptionsSay)
+TEST(EngineMount, NoFlagsAreAddedToTheOptions)
 {
     const Read plain = read("bind", {"rbind"});
     EXPECT_EQ(plain.error, 0);
@@ -43,7 +43,7 @@ TEST(EngineMount, NothingIsAddedToWhatTheOptionsSay)
     EXPECT_FALSE(flags.mount.plan.recursive);
 }
 
-TEST(EngineMount, RecursiveFlagsAreAboutTheWholeTree)
+TEST(EngineMount, RecursiveFlagsApplyToTheWholeTree)
 {
     const Read all = read("bind", {"rbind", "rro", "rnosuid", "rnoexec"});
     EXPECT_EQ(all.error, 0);

@@ -117,7 +117,7 @@ TEST(EngineSettings, DevicesAreDeniedUnlessARuleAllowsThem)
     EXPECT_TRUE(given.settings.resources().devices[0].allow);
 }
 
-TEST(EngineSettings, WhatCannotBeHonouredIsNamed)
+TEST(EngineSettings, UnsupportedSettingsAreNamed)
 {
     struct Case {
         const char* document;

@@ -74,7 +74,7 @@ TEST(PathAppend, EmptyBufferTakesTheComponentAsItIs)
     EXPECT_TRUE(fitted);
 }
 
-TEST(PathAppend, WhatDoesNotFitIsCutAndGivesTheBuffersEnd)
+TEST(PathAppend, TextThatDoesNotFitIsTruncatedAndTheBuffersEndReturned)
 {
     bool fitted;
     EXPECT_EQ(appended("/a", "b", 5, &fitted), "/a/b");
@@ -279,7 +279,7 @@ TEST_F(FileCreateAt, ALinkIsReplacedWhereverItLeads)
     }
 }
 
-TEST_F(FileCreateAt, WhatIsNoFileIsLeftAloneAndNotOpened)
+TEST_F(FileCreateAt, OtherFileTypesAreNeitherOpenedNorReplaced)
 {
     ASSERT_EQ(mkdirat(in_.get(), "d", 0700), 0);
     ASSERT_EQ(mkfifoat(in_.get(), "p", 0600), 0);
@@ -307,7 +307,7 @@ TEST_F(FileCreateAt, FailsWithTheReasonAndLeavesNothing)
 
 // A file and a link to the secret are exchanged continuously: writes must only ever reach the file
 // in the directory.
-TEST_F(FileCreateAt, NameThatChangesMeanwhileLeadsNowhere)
+TEST_F(FileCreateAt, NameThatChangesDuringTheCallLeadsNowhereElse)
 {
     test_tree::write_file(dir_ / "in/f", "");
     ASSERT_EQ(symlink("../out/secret", (dir_ / "in/l").c_str()), 0);
@@ -332,7 +332,7 @@ TEST_F(FileCreateAt, NameThatChangesMeanwhileLeadsNowhere)
     flipper.join();
 }
 
-TEST_F(DirOpenAt, GivesAStartForTheAtCallsThatIsClosedOnExec)
+TEST_F(DirOpenAt, ReturnsACloseOnExecDescriptorForTheAtCalls)
 {
     ASSERT_EQ(mkdirat(in_.get(), "d", 0700), 0);
     const znc::UniqueFd dir(open_dir("d"));
@@ -354,7 +354,7 @@ TEST_F(DirOpenAt, ALinkIsNoDirectoryWhereverItLeads)
     }
 }
 
-TEST_F(DirOpenAt, WhatIsNoDirectoryFailsWithENOTDIRWithoutBlocking)
+TEST_F(DirOpenAt, OtherFileTypesFailWithENOTDIRWithoutBlocking)
 {
     test_tree::write_file(dir_ / "in/f", "");
     ASSERT_EQ(mkfifoat(in_.get(), "p", 0600), 0);
@@ -376,7 +376,7 @@ TEST_F(DirOpenAt, FailsWithTheReason)
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(DirOpenAt, ADirectoryThatMayOnlyBeSearchedWillDo)
+TEST_F(DirOpenAt, SearchPermissionIsEnough)
 {
     constexpr uid_t kNobody = 65534;
     ASSERT_EQ(mkdirat(in_.get(), "d", 0711), 0);
@@ -432,7 +432,7 @@ TEST(DirExchange, ReadersAlwaysFindACompleteTree)
     other.join();
 }
 
-TEST(DirExchange, WithoutOneOfThemNothingChanges)
+TEST(DirExchange, NothingChangesIfOneDirectoryIsMissing)
 {
     const TempDir dir;
     std::filesystem::create_directories(dir / "a/of-a");

@@ -134,7 +134,7 @@ TEST_F(QueueLine, ACallerThatDiesLeavesIt)
     ::close(ready[1]);
 }
 
-TEST_F(QueueLine, AWaitThatTimesOutGivesItsPlaceUp)
+TEST_F(QueueLine, AWaitThatTimesOutLeavesTheLine)
 {
     zn::QueueLinePlace head(false);
     head.wait_turn(in_seconds(60));
@@ -173,7 +173,7 @@ int another_users_line(bool givenToRoot)
     return ::semget(kRootsLine, 0, 0);
 }
 
-TEST_F(QueueLine, AnotherUsersIsNotWaitedIn)
+TEST_F(QueueLine, AnotherUsersLineIsNotUsed)
 {
     ASSERT_EQ(::geteuid(), 0U);
     const int line = another_users_line(false);
@@ -184,7 +184,7 @@ TEST_F(QueueLine, AnotherUsersIsNotWaitedIn)
     ASSERT_EQ(::semctl(line, 0, IPC_RMID), 0);
 }
 
-TEST_F(QueueLine, OneThatAnotherUserMadeAndGaveAwayIsNotWaitedIn)
+TEST_F(QueueLine, ALineThatAnotherUserCreatedAndGaveAwayIsNotUsed)
 {
     ASSERT_EQ(::geteuid(), 0U);
     const int line = another_users_line(true);

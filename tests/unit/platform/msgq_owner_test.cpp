@@ -88,7 +88,7 @@ class QueueOwner : public testing::Test {
     }
 };
 
-TEST_F(QueueOwner, AnotherUsersQueueDoesNotStandInTheWayOfANewOne)
+TEST_F(QueueOwner, AnotherUsersQueueDoesNotPreventANewOne)
 {
     const znc::UniqueFd theirs = squat();
     ASSERT_TRUE(theirs);
@@ -177,7 +177,7 @@ TEST_F(QueueOwner, CreationSucceedsAlthoughAnotherUserRecreatesTheQueueInALoop)
     EXPECT_GT(made, 0);
 }
 
-TEST_F(QueueOwner, AQueueThatADeadProcessLeftCanBeDiscarded)
+TEST_F(QueueOwner, AQueueOfADeadProcessCanBeDiscarded)
 {
     Process maker([] { return make() >= 0 ? 0 : 1; });
     ASSERT_EQ(maker.end(), 0);
@@ -192,7 +192,7 @@ TEST_F(QueueOwner, AQueueThatADeadProcessLeftCanBeDiscarded)
 
 // ---------------------------------------------------------------- in use
 
-TEST_F(QueueOwner, AQueueIsInUseWhileItsMakerHasItOpen)
+TEST_F(QueueOwner, AQueueIsInUseWhileItsCreatorHasItOpen)
 {
     EXPECT_FALSE(znMsgQInUse(kName)) << "there is none";
     {
@@ -207,7 +207,7 @@ TEST_F(QueueOwner, AQueueIsInUseWhileItsMakerHasItOpen)
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(QueueOwner, AProcessThatLooksForTheMakerIsNotTakenForIt)
+TEST_F(QueueOwner, CheckingForTheCreatorIsNotMistakenForTheCreator)
 {
     Process maker([] { return make() >= 0 ? 0 : 1; });
     ASSERT_EQ(maker.end(), 0);
@@ -231,7 +231,7 @@ STATUS send_one(MSG_Q_ID q, int timeout = ZN_WAIT_FOREVER)
     return znMsgQSend(q, "x", 1, timeout, ZN_MSG_PRI_NORMAL);
 }
 
-TEST_F(QueueOwner, AFullQueueWhoseMakerDiedFailsTheSenderWithEPIPE)
+TEST_F(QueueOwner, SendingToAFullQueueWhoseCreatorDiedFailsWithEPIPE)
 {
     Process maker([] { return make() >= 0 ? 0 : 1; });
     ASSERT_EQ(maker.end(), 0);
@@ -283,7 +283,7 @@ TEST_F(QueueOwner, AWaitingSenderFailsWithEPIPEOnceTheNameIsGone)
     EXPECT_EQ(sender.error(), EPIPE);
 }
 
-TEST_F(QueueOwner, AWaitingSenderFailsWithEPIPEOnceTheMakerIsKilled)
+TEST_F(QueueOwner, AWaitingSenderFailsWithEPIPEOnceTheCreatorIsKilled)
 {
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);

@@ -126,7 +126,7 @@ TEST(QueueReclaim, AnUnreapedClientCountsAsDead)
 }
 
 // Like a client in another PID namespace: its process id has no meaning here.
-TEST(QueueReclaim, AQueueThatItsMakerHasOpenStaysWhateverItsNumber)
+TEST(QueueReclaim, AQueueThatItsCreatorHasOpenStaysWhateverItsProcessId)
 {
     const std::string name = client_queue(gone_pid());
     const QueueGuard guard(name);
@@ -136,7 +136,7 @@ TEST(QueueReclaim, AQueueThatItsMakerHasOpenStaysWhateverItsNumber)
     EXPECT_TRUE(exists(name));
 }
 
-TEST(QueueReclaim, AQueueThatAForkOfItsMakerHasOpenStays)
+TEST(QueueReclaim, AQueueThatAForkOfItsCreatorHasOpenStays)
 {
     const std::string name = client_queue(gone_pid());
     const QueueGuard guard(name);
@@ -149,7 +149,7 @@ TEST(QueueReclaim, AQueueThatAForkOfItsMakerHasOpenStays)
 }
 
 // Created by a program that does not use the lock, or whose process id has been reused.
-TEST(QueueReclaim, AQueueWhoseProcessLivesStaysEvenWhenNobodyHasItOpen)
+TEST(QueueReclaim, AQueueWhoseProcessLivesStaysEvenIfNoProcessHasItOpen)
 {
     const std::string name = client_queue(::getpid());
     const QueueGuard guard(name);
@@ -201,7 +201,7 @@ TEST(QueueReclaim, AnotherUsersQueueStays)
     EXPECT_TRUE(exists(name));
 }
 
-TEST(QueueReclaim, AProbeForTheLimitsThatADeadDaemonLeftGoes)
+TEST(QueueReclaim, AProbeQueueOfADeadDaemonIsRemoved)
 {
     const std::string name = "/zn-probe-" + std::to_string(gone_pid()) + "-1a2b";
     const QueueGuard guard(name);
@@ -210,7 +210,7 @@ TEST(QueueReclaim, AProbeForTheLimitsThatADeadDaemonLeftGoes)
     EXPECT_FALSE(exists(name));
 }
 
-TEST(QueueReclaim, NothingOfTheSearchStaysMountedOrOpen)
+TEST(QueueReclaim, TheSearchLeavesNoMountsAndDescriptors)
 {
     const auto descriptors = [] {
         const auto all = std::filesystem::directory_iterator("/proc/self/fd");
@@ -227,7 +227,7 @@ TEST(QueueReclaim, NothingOfTheSearchStaysMountedOrOpen)
     EXPECT_EQ(mounts(), mounts_before);
 }
 
-TEST(QueueReclaim, WithoutTheRightToLookItFailsAndTouchesNothing)
+TEST(QueueReclaim, WithoutTheRightToListQueuesItFailsAndRemovesNone)
 {
     const std::string name = client_queue(gone_pid());
     const QueueGuard guard(name);
@@ -245,7 +245,7 @@ TEST(QueueReclaim, WithoutTheRightToLookItFailsAndTouchesNothing)
 
 // Creates and reclaims queues concurrently under unused process ids: a process that created a queue
 // must still find it afterwards.
-TEST(QueueReclaim, AQueueIsNeverTakenFromUnderAMakerThatIsJustMakingIt)
+TEST(QueueReclaim, AQueueIsNeverRemovedWhileItsCreatorIsCreatingIt)
 {
     const pid_t gone = gone_pid();
     std::atomic<bool> stop{false};

@@ -151,7 +151,7 @@ TEST(QueueOpen, CapacityAboveTheSystemsSettingRaisesIt)
     EXPECT_EQ(znMsgQUnlink(kName), OK);
 }
 
-TEST(QueueOpen, CapacityNobodyMayHaveFailsWithEINVAL)
+TEST(QueueOpen, CapacityAboveTheKernelsMaximumFailsWithEINVAL)
 {
     errno = 0;
     EXPECT_EQ(create(kName, 1u << 24), ZN_MSG_Q_INVALID);
@@ -295,7 +295,7 @@ TEST_F(Queue, TimeoutsFailWithETIMEDOUT)
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_F(Queue, WaitingReceiverAndSenderGoOnWhenTheOtherSideActs)
+TEST_F(Queue, WaitingReceiverAndSenderContinueWhenTheOtherSideActs)
 {
     std::thread peer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -313,7 +313,7 @@ TEST_F(Queue, WaitingReceiverAndSenderGoOnWhenTheOtherSideActs)
     reader.join();
 }
 
-TEST_F(Queue, InterruptedWaitIsTakenUpAgain)
+TEST_F(Queue, InterruptedWaitContinues)
 {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -344,7 +344,7 @@ TEST(QueueMessages, BadHandleFailsWithEBADF)
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(Queue, RemovedNameIsFoundByNobodyWhileOpenHandlesWork)
+TEST_F(Queue, RemovedNameCannotBeOpenedButOpenHandlesWork)
 {
     ASSERT_EQ(znMsgQUnlink(kName), OK);
     errno = 0;
@@ -381,7 +381,7 @@ class StopRequest : public Queue {
     znc::UniqueFd write_;
 };
 
-TEST_F(StopRequest, GoesBeforeAWaitingMessageAndIsNotConsumed)
+TEST_F(StopRequest, PrecedesAWaitingMessageAndIsNotConsumed)
 {
     ASSERT_EQ(send("waiting"), OK);
     stop();
@@ -421,7 +421,7 @@ TEST_F(StopRequest, EndsAWaitWithATimeout)
     EXPECT_EQ(receive(1000000), error(ECANCELED));
 }
 
-TEST_F(StopRequest, DoesNotTouchReceivesThatDoNotWait)
+TEST_F(StopRequest, DoesNotAffectReceivesThatDoNotWait)
 {
     stop();
     ASSERT_EQ(send("taken"), OK);
@@ -448,7 +448,7 @@ TEST(QueueLimits, RaisingNeverLowersTheSetting)
     EXPECT_EQ(std::stol(test_tree::read_file(kMsgMax)), 64);
 }
 
-TEST(QueueLimits, WhatCannotBeMadeFails)
+TEST(QueueLimits, RaisingFailsForAQueueThatCannotBeCreated)
 {
     errno = 0;
     EXPECT_EQ(znMsgQLimitsRaise(1u << 24, 1), ERROR);
@@ -458,7 +458,7 @@ TEST(QueueLimits, WhatCannotBeMadeFails)
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(QueueLimits, TheHintNamesTheSettingThatIsShort)
+TEST(QueueLimits, TheHintNamesTheSettingThatIsTooLow)
 {
     EXPECT_NE(strstr(znMsgQLimitHint(EINVAL), "fs.mqueue.msg_max"), nullptr);
     EXPECT_NE(strstr(znMsgQLimitHint(EMFILE), "RLIMIT_MSGQUEUE"), nullptr);

@@ -114,7 +114,7 @@ TEST_F(Control, UseCountsProcessesMemoryAndTime)
     EXPECT_EQ(errno, ESRCH);
 }
 
-TEST_F(Control, LimitsCanBeChangedAndWhatIsWrongIsNamed)
+TEST_F(Control, LimitsCanBeChangedAndErrorsNameTheField)
 {
     const nsid_t ns = rooted();
     std::array<char, 200> reason = {};
@@ -149,7 +149,7 @@ TEST_F(Control, ProgramsInheritTheGroupNotTheCallers)
     wait(program);
 }
 
-TEST_F(Control, TheGroupGoesWithTheNamespace)
+TEST_F(Control, TheGroupIsRemovedWithTheNamespace)
 {
     const nsid_t ns = znnsCreateConfigured(kFlags, "web", "{}", nullptr, 0);
     ASSERT_EQ(znnsRootfsCreate(ns, root_.c_str(), "web"), OK);

@@ -108,7 +108,7 @@ class FullRecords : public Namespaces {
     nsid_t next_ = 0;
 };
 
-TEST_F(FullRecords, ANamespaceWhoseRecordCannotBeWrittenFailsAndLeavesNone)
+TEST_F(FullRecords, ANamespaceWhoseRecordCannotBeWrittenIsNotCreated)
 {
     const nsid_t ns = znnsCreate(kFlags);
     ASSERT_GE(ns, 0);
@@ -120,7 +120,7 @@ TEST_F(FullRecords, ANamespaceWhoseRecordCannotBeWrittenFailsAndLeavesNone)
     EXPECT_EQ(znnsDelete(ns), ERROR) << "it is gone";
 }
 
-TEST_F(FullRecords, RecordsOfTheDeadAreRemovedAndMakeRoom)
+TEST_F(FullRecords, RecordsOfDeadOwnersAreRemovedToFreeSpace)
 {
     EXPECT_EQ(znnsRecover(), 0);
     const nsid_t ns = rooted();
@@ -128,7 +128,7 @@ TEST_F(FullRecords, RecordsOfTheDeadAreRemovedAndMakeRoom)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, ARecordThatAKilledWriterLeftUnfinishedIsClearedAndTakenForNone)
+TEST_F(Namespaces, AnIncompleteRecordOfAKilledWriterIsIgnoredAndRemoved)
 {
     fs::create_directories("/run/zarnel/ns");
     std::ofstream("/run/zarnel/ns/.new-17") << "12";
@@ -180,7 +180,7 @@ long reads_of(pid_t pid)
         ::pause();
 }
 
-TEST_F(NamespaceEnds, ALivingProcessIsSeenWithoutLookingAtAllTheDeadBeforeIt)
+TEST_F(NamespaceEnds, ALivingProcessIsFoundWithoutReadingAllZombiesBeforeIt)
 {
     constexpr int kDead = 600;
     if (reads_of(getpid()) < 0)

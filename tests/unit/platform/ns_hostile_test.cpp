@@ -127,7 +127,7 @@ TEST_F(Namespaces, KillDoesNotReachTheKeeper)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Namespaces, AKeeperThatDoesNotAnswerIsGivenUpAlsoWhileSignalsArrive)
+TEST_F(Namespaces, AKeeperThatDoesNotAnswerIsKilledAlsoWhileSignalsArrive)
 {
     const nsid_t ns = rooted();
     ASSERT_EQ(::kill(keeper_of(ns), SIGSTOP), 0);

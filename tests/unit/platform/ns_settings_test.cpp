@@ -33,7 +33,7 @@ TEST_F(Settings, NetworkNamespaceHasLoopbackOnlyAndItIsUp)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
-TEST_F(Settings, NamespacesThatADocumentLeavesOutAreTheHosts)
+TEST_F(Settings, NamespacesThatADocumentOmitsAreTheHosts)
 {
     znnsPrivilegedAllow(TRUE);
     const std::string out =
@@ -129,7 +129,7 @@ TEST_F(Settings, TheFiveCapabilitySetsAreThoseOfTheDocument)
               "CapAmb:\t0000000000000020\nNoNewPrivs:\t1\nSeccomp:\t2\n");
 }
 
-TEST_F(Settings, WhatGivesMoreThanTheDefaultsNeedsConsent)
+TEST_F(Settings, SettingsBeyondTheDefaultsMustBeAllowed)
 {
     const std::string more = R"({"process":{"capabilities":{"bounding":["CAP_SYS_ADMIN"],)"
                              R"("permitted":["CAP_SYS_ADMIN"],"effective":["CAP_SYS_ADMIN"]}}})";

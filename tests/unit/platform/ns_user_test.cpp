@@ -158,7 +158,7 @@ TEST_F(Users, NetworkIpcAndHostNamespacesBelongToTheUserNamespace)
     EXPECT_EQ(under(with(kMapped, admin), "hostname changed && hostname"), "changed\n");
 }
 
-TEST_F(Users, ParametersPathsAndTheReadOnlyRootAreAppliedAsWithout)
+TEST_F(Users, ParametersPathsAndTheReadOnlyRootAreApplied)
 {
     const std::string more = R"(,"sysctl":{"net.ipv4.ip_default_ttl":"33","kernel.shmmni":"77"},)"
                              R"("maskedPaths":["/etc"],"readonlyPaths":["/proc/fs"])";
@@ -321,7 +321,7 @@ TEST_F(Users, MappingsOfAConfigurationStay)
     EXPECT_NE(under(with(kMapped), "cat /proc/self/uid_map").find(" 700000 "), std::string::npos);
 }
 
-TEST_F(Users, ADocumentThatNamesNoUserNamespaceGetsOneAllTheSame)
+TEST_F(Users, ADocumentThatNamesNoUserNamespaceGetsOneAnyway)
 {
     znnsUsersMap(TRUE);
     const std::string out =
@@ -333,7 +333,7 @@ TEST_F(Users, ADocumentThatNamesNoUserNamespaceGetsOneAllTheSame)
 
 // ---------------------------------------------------------------- refused
 
-TEST_F(Users, WhatTheNamespaceDoesNotMapIsRefusedByName)
+TEST_F(Users, UnmappedIdsAreRefusedByName)
 {
     refused(with(kMapped, R"("process":{"user":{"uid":65536,"gid":0}})"), EINVAL,
             "process.user.uid");

@@ -153,7 +153,7 @@ TEST_F(OverlayDevice, AForkedChildOfACallerDoesNotKeepTheDevicesLocked)
     }
 }
 
-TEST_F(OverlayDevice, ASweepDetachesThoseOfNoContainerAndLeavesTheOthers)
+TEST_F(OverlayDevice, ASweepDetachesOnlyDevicesOfNoContainer)
 {
     fs::create_directories("/overlay/foreign");
     ASSERT_EQ(::mount("tmpfs", "/overlay/foreign", "tmpfs", 0, nullptr), 0);
@@ -175,7 +175,7 @@ TEST_F(OverlayDevice, ASweepDetachesThoseOfNoContainerAndLeavesTheOthers)
     fs::remove("/overlay/foreign");
 }
 
-TEST_F(OverlayDevice, OneThatCouldNotBeDetachedBecauseOfTheLockGoesLater)
+TEST_F(OverlayDevice, DeviceThatWasLockedIsDetachedLater)
 {
     ASSERT_EQ(create("web", {"/tmp/o/root"}), OK);
     const nsid_t ns = rooted_on("web");
@@ -191,7 +191,7 @@ TEST_F(OverlayDevice, OneThatCouldNotBeDetachedBecauseOfTheLockGoesLater)
 }
 
 // With `left` descriptors, finding out what is at the path fails at another step.
-TEST_F(OverlayDevice, OneThatCouldNotBeExaminedForWantOfDescriptorsGoesLater)
+TEST_F(OverlayDevice, DeviceThatCouldNotBeExaminedIsDetachedLater)
 {
     for (const rlim_t left : {0U, 1U, 2U}) {
         ASSERT_EQ(create("web", {"/tmp/o/root"}), OK);
@@ -209,7 +209,7 @@ TEST_F(OverlayDevice, OneThatCouldNotBeExaminedForWantOfDescriptorsGoesLater)
     }
 }
 
-TEST_F(OverlayDevice, OneThatWasLeftToBeDetachedLaterStaysOnceItIsANewContainers)
+TEST_F(OverlayDevice, DeviceToBeDetachedLaterStaysIfANewContainerUsesIt)
 {
     ASSERT_EQ(create("web", {"/tmp/o/root"}), OK);
     const nsid_t old = rooted_on("web");

@@ -199,7 +199,7 @@ TEST_F(Overlay, MountSystemCallGivesTheSameResultAsFsconfig)
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-TEST_F(Overlay, AfterARebootRecordedImagesComeBackAndTheRestGoes)
+TEST_F(Overlay, AfterARebootRecordedDevicesAreMountedAgainAndOthersRemoved)
 {
     const std::string lower = layer("a", "x");
     const std::string gone = layer("b", "y");
@@ -288,7 +288,7 @@ TEST_F(Overlay, AFailedCreationLeavesNothingNotEvenTheWorkDirectory)
     EXPECT_TRUE(fs::exists("/tmp/o/c/work/kept"));
 }
 
-TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceMeanNothingOnTheHost)
+TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceHaveNoEffectOnTheHost)
 {
     fs::create_directories("/tmp/o/c/upper");
     ASSERT_EQ(create("one", {layer("a", "x")}, FALSE), OK);
@@ -303,7 +303,7 @@ TEST_F(Overlay, DevicesAndSetIdProgramsOfADeviceMeanNothingOnTheHost)
     }
 }
 
-TEST_F(Overlay, AsManyDirectoriesAsAreSaidAreStackedAndNotOneMore)
+TEST_F(Overlay, TheDocumentedNumberOfDirectoriesIsStackedAndNotOneMore)
 {
     const znc::UniqueFd a(::open(layer("a", "x").c_str(), O_PATH | O_CLOEXEC));
     const znc::UniqueFd b(::open(layer("b", "x").c_str(), O_PATH | O_CLOEXEC));
@@ -336,7 +336,7 @@ std::vector<std::string> dirs_of(const std::string& name)
     return dirs;
 }
 
-TEST_F(Overlay, AReadOnlyDeviceTellsItsDirectoriesTheFirstOnTop)
+TEST_F(Overlay, DirectoriesOfAReadOnlyDeviceAreListedTopFirst)
 {
     const std::vector<std::string> stack = {layer("a", "x"), layer("b,:\\ \n", "y"),
                                             layer("c", "z"),
@@ -359,7 +359,7 @@ TEST_F(Overlay, AReadOnlyDeviceTellsItsDirectoriesTheFirstOnTop)
     EXPECT_EQ(remove("one"), OK);
 }
 
-TEST_F(Overlay, WhatIsNoReadOnlyDeviceTellsNoDirectories)
+TEST_F(Overlay, OtherPathsHaveNoDirectoriesToList)
 {
     fs::create_directories("/tmp/o/c/upper");
     ASSERT_EQ(create("web", {"/tmp/o/c/upper", layer("a", "x")}, TRUE), OK);

@@ -97,7 +97,7 @@ TEST_F(PathTrust, InAStickyDirectoryOnlyOnesOwnEntriesAreTrusted)
     expect_trusted(in_top("sticky/none"), false);
 }
 
-TEST_F(PathTrust, LinksAreJudgedByWhereTheyStandAndByTheirTarget)
+TEST_F(PathTrust, LinksAreCheckedByTheirDirectoryAndTheirTarget)
 {
     make(in_top("good"), 0700);
     make(in_top("open"), 0777);
@@ -119,7 +119,7 @@ TEST_F(PathTrust, LinksAreJudgedByWhereTheyStandAndByTheirTarget)
     expect_fault(in_top("sticky/theirs/x"), in_top("sticky/theirs") + " belongs to another user");
 }
 
-TEST_F(PathTrust, LinksWithoutEndAndWhatIsNoDirectoryFailWithTheirNumbers)
+TEST_F(PathTrust, LoopsNonDirectoriesAndLongNamesFailWithTheirErrors)
 {
     fs::create_symlink("loop", in_top("loop"));
     expect_error(in_top("loop"), ELOOP);
@@ -130,7 +130,7 @@ TEST_F(PathTrust, LinksWithoutEndAndWhatIsNoDirectoryFailWithTheirNumbers)
     expect_error("/" + std::string(9000, '/') + "x", ENAMETOOLONG);
 }
 
-TEST_F(PathTrust, AFileAtTheEndIsJudgedLikeADirectory)
+TEST_F(PathTrust, AFileAtTheEndIsCheckedLikeADirectory)
 {
     std::ofstream(in_top("file")) << "x";
     ASSERT_EQ(::chmod(in_top("file").c_str(), 0644), 0);
@@ -139,7 +139,7 @@ TEST_F(PathTrust, AFileAtTheEndIsJudgedLikeADirectory)
     expect_fault(in_top("file"), in_top("file") + " can be written by other users");
 }
 
-TEST_F(PathTrust, ARelativePathIsJudgedWithItsWorkingDirectory)
+TEST_F(PathTrust, ARelativePathIsCheckedWithItsWorkingDirectory)
 {
     make(in_top("open"), 0777);
     make(in_top("open/mine"), 0700);

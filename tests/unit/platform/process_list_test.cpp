@@ -46,7 +46,7 @@ const Seen* find(const std::vector<Seen>& all, pid_t pid)
     return nullptr;
 }
 
-TEST(ProcessList, HoldsTheCallerWithItsParentAndMemory)
+TEST(ProcessList, ContainsTheCallerWithItsParentAndMemory)
 {
     const std::vector<Seen> all = processes(own_namespace());
     const Seen* self = find(all, ::getpid());
@@ -57,7 +57,7 @@ TEST(ProcessList, HoldsTheCallerWithItsParentAndMemory)
     EXPECT_NE(self->command.find("process_list_test"), std::string::npos);
 }
 
-TEST(ProcessList, ArgumentsStandWithBlanksBetweenThem)
+TEST(ProcessList, ArgumentsAreSeparatedBySpaces)
 {
     const pid_t child = ::fork();
     if (child == 0) {

@@ -66,7 +66,7 @@ TEST(Process, DescriptorIsClosedOnExec)
     status_of(process.get());
 }
 
-TEST(Process, OneThatRunsIsNotReaped)
+TEST(Process, RunningProcessIsNotReaped)
 {
     const pid_t pid = child([] { pause(); });
     const UniqueFd process(znProcessOpen(pid));
@@ -79,7 +79,7 @@ TEST(Process, OneThatRunsIsNotReaped)
     EXPECT_EQ(errno, ECHILD) << "it was reaped";
 }
 
-TEST(Process, OneThatDoesNotExistCannotBeOpened)
+TEST(Process, MissingProcessCannotBeOpened)
 {
     const pid_t pid = child([] {});
     waitpid(pid, nullptr, 0);
@@ -88,7 +88,7 @@ TEST(Process, OneThatDoesNotExistCannotBeOpened)
 }
 
 // The child has made its parent its tracer: waitpid reports each of its stops.
-TEST(Process, StopOfATracedChildIsNoEnd)
+TEST(Process, StopOfATracedChildIsNotItsEnd)
 {
     const pid_t pid = child([] {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -136,7 +136,7 @@ pid_t child_by_another(UniqueFd& hold)
     return pid;
 }
 
-TEST(Process, ChildrenThatOthersMadeAreReapedAndTheProgramIsNot)
+TEST(Process, OtherChildrenAreReapedAndTheProgramIsNot)
 {
     const pid_t pid = child([] { _exit(5); });
     const UniqueFd process(znProcessOpen(pid));

@@ -41,7 +41,7 @@ int forbid_programs_in_memory()
     return 0;
 }
 
-TEST(Requirement, EachHasATextAndWhatComesOfItsAbsence)
+TEST(Requirement, EachHasATextAndAConsequence)
 {
     znRequirement one = {};
     std::size_t count = 0;

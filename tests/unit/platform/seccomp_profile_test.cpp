@@ -125,7 +125,7 @@ TEST(SeccompProfile, NamesThatTheLibraryDoesNotKnowAreSkipped)
 }
 
 // The values of rules with the same answer, combined at random, against their meaning.
-TEST(SeccompProfile, RandomRulesMeanWhatTheySay)
+TEST(SeccompProfile, RandomRulesHaveTheirSpecifiedEffect)
 {
     constexpr std::uint64_t kValues[] = {0, 1, 2, 0xffffffff, 0x100000000, 0x100000001, ~0ULL};
     std::mt19937 random(7); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same each time
@@ -285,7 +285,7 @@ TEST(SeccompProfile, FlagsAreTheKernels)
         exited(status_under(all, [] { return ::syscall(SYS_getppid) == -1 ? errno : 0; }), EBUSY));
 }
 
-TEST(SeccompProfile, FlagsThatCannotBeHonouredAreRefused)
+TEST(SeccompProfile, UnsupportedFlagsAreRefused)
 {
     EXPECT_EQ(refusal(Profile()
                           .flag("SECCOMP_FILTER_FLAG_LOG")

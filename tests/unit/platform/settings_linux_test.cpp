@@ -15,7 +15,7 @@ From from(const zn::Settings& settings, zn::NsKind kind)
 
 // ---------------------------------------------------------------- namespaces
 
-TEST(SettingsNamespaces, WhatTheListLeavesOutIsTheHosts)
+TEST(SettingsNamespaces, NamespacesThatTheListOmitsAreTheHosts)
 {
     const zn::Settings settings =
         linux_section(R"("namespaces":[{"type":"pid"},{"type":"network","path":"/run/netns/a"}])");

@@ -59,7 +59,7 @@ TEST(SettingsDocument, AcceptsTheDocumentThatUnpackWritesAndIgnoresUsr)
     EXPECT_FALSE(settings.rootReadonly);
 }
 
-TEST(SettingsDocument, OtherSectionsAreNotLookedAt)
+TEST(SettingsDocument, OtherSectionsAreNotRead)
 {
     accepted(R"({"hooks":7,"mounts":"x","annotations":[],"windows":{"a":{"a":1,"a":2}}})");
 }
@@ -75,7 +75,7 @@ TEST(SettingsDocument, NamesThatTheLibraryReadsMayBeInAnyCase)
     EXPECT_EQ(settings.oomScoreAdj, 5);
 }
 
-TEST(SettingsDocument, MembersThatTheStandardDoesNotKnowAreIgnored)
+TEST(SettingsDocument, MembersThatTheSpecificationDoesNotDefineAreIgnored)
 {
     accepted(R"({"process":{"sandbox":true},"linux":{"sandbox":{}}})");
 }

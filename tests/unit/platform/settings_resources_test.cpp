@@ -26,7 +26,7 @@ TEST(SettingsMemory, MinusOneAndHugeNumbersMeanUnlimited)
     EXPECT_EQ(limits.memorySwap, -1);
 }
 
-TEST(SettingsMemory, WhatTheKernelNoLongerHasIsReadWhenItRestrictsNothing)
+TEST(SettingsMemory, LimitsThatTheKernelLacksAreAcceptedIfTheyRestrictNothing)
 {
     const zn::Resources limits = resources(
         R"("memory":{"kernel":-1,"kernelTCP":0,"useHierarchy":true,"checkBeforeUpdate":false})");

@@ -1,10 +1,11 @@
 /*
- * uzlib.h - streaming DEFLATE decompression behind the uzlib interface: one record, four functions.
+ * uzlib.h - streaming DEFLATE decompression with the uzlib interface: one structure and four
+ * functions.
  *
- * The gzip reader is written against this interface, so that a build can link a real uzlib. This
- * header and uzlib_adapter.cpp offer it over ISA-L (ZNC_INFLATE_ISAL) or zlib. The whole state is
- * in the record: nothing is allocated and nothing needs releasing, but an initialised record must
- * not move. Left out: compression, zlib framing, decompression without a checksum.
+ * The gzip reader uses this interface, so that a build can link the original uzlib. This header and
+ * uzlib_adapter.cpp implement it with ISA-L (ZNC_INFLATE_ISAL) or zlib. The whole state is in the
+ * structure: no memory is allocated and nothing must be released, but an initialised structure must
+ * not be moved. Not supported: compression, zlib framing, decompression without a checksum.
  */
 #ifndef UZLIB_H
 #define UZLIB_H
@@ -26,17 +27,18 @@ extern "C" {
 #define TINF_DICT_ERROR (-5)
 
 struct uzlib_uncomp {
-    /* The input: [source, source_limit). The caller sets it; both move on as it is consumed. */
+    /* The input: [source, source_limit). Set by the caller; `source` advances as input is consumed.
+     */
     const unsigned char* source;
     const unsigned char* source_limit;
     /*
-     * Called when the input is used up; NULL: there is no more. Returns the next byte, or -1 at the
-     * end (it is then not called again). It may bring a whole buffer: it then returns the
-     * buffer's first byte and leaves [source, source_limit) on those behind it.
+     * Called when the input is used up; NULL: there is no more input. Returns the next byte, or -1
+     * at the end, after which it is not called again. It may provide a whole buffer: then it
+     * returns the first byte of the buffer and sets [source, source_limit) to the bytes after it.
      */
     int (*source_read_cb)(struct uzlib_uncomp* uncomp);
 
-    /* The output: written from `dest` up to `dest_limit`, never beyond; `dest` moves on. */
+    /* The output: written from `dest` up to `dest_limit`; `dest` advances. */
     unsigned char* dest_start; /* where the whole output began; not used here */
     unsigned char* dest;
     unsigned char* dest_limit;
@@ -49,9 +51,9 @@ struct uzlib_uncomp {
     char checksum_type;    /* 0: none; otherwise the gzip trailer's CRC-32 is compared */
 
     /* What follows belongs to the implementation. */
-    signed char result; /* TINF_OK while the stream goes on, then its outcome for ever */
-    char eof;           /* the callback said so */
-    char held;          /* heldByte is to be consumed before the input */
+    signed char result; /* TINF_OK until the stream has ended, then its final result */
+    char eof;           /* the callback has returned -1 */
+    char held;          /* heldByte precedes the input */
     unsigned char heldByte;
 #ifdef ZNC_INFLATE_ISAL
     struct inflate_state state;
@@ -60,26 +62,26 @@ struct uzlib_uncomp {
     union {
         max_align_t align;
         unsigned char bytes[96 * 1024];
-    } arena; /* zlib's stream record, then all that zlib allocates */
+    } arena; /* zlib's stream structure, then all memory that zlib allocates */
 #endif
 };
 
-/* Once before all others, any number of times. */
+/* Must be called before the other functions; further calls have no effect. */
 void uzlib_init(void);
 
 /*
- * Make the record ready for a stream. `dict` is the history window of `dictLen` bytes; it must
- * outlive the stream. The input fields and the callback are left as they are.
+ * Initialise the structure for a stream. `dict` is the history window of `dictLen` bytes; it must
+ * outlive the stream. Does not change the input members and the callback.
  */
 void uzlib_uncompress_init(struct uzlib_uncomp* d, void* dict, unsigned int dictLen);
 
-/* Consume a gzip header with all its optional fields. TINF_OK, or TINF_DATA_ERROR if it is none. */
+/* Consume a gzip header with its optional fields. TINF_OK, or TINF_DATA_ERROR if it is invalid. */
 int uzlib_gzip_parse_header(struct uzlib_uncomp* d);
 
 /*
  * Inflate until `dest` reaches `dest_limit` (TINF_OK) or the stream ends (TINF_DONE, or
  * TINF_CHKSUM_ERROR if the trailer's CRC-32 differs). TINF_DATA_ERROR for damaged or missing data;
- * what was inflated before stands in the output.
+ * the data that was inflated before is in the output.
  */
 int uzlib_uncompress_chksum(struct uzlib_uncomp* d);
 
