@@ -213,19 +213,28 @@ class Monitor {
         return n > 0 ? static_cast<std::size_t>(n) : 0;
     }
 
-    // Reads only what was in the pipe when the program ended: processes that it left behind may go
-    // on writing for ever.
+    // Reads only what had been written when the program ended: processes that it left behind may go
+    // on writing for ever. A terminal does not say how much that is, only whether there is more.
     void read_rest()
     {
+        constexpr std::size_t kTerminalRest = 256 * 1024; // more than it holds
         int available = 0;
-        if (!output_ || ::ioctl(output_.get(), FIONREAD, &available) != 0)
+        if (!output_ || (!terminal_ && ::ioctl(output_.get(), FIONREAD, &available) != 0))
             return;
-        for (auto left = static_cast<std::size_t>(available); left > 0;) {
+        std::size_t left = terminal_ ? kTerminalRest : static_cast<std::size_t>(available);
+        while (left > 0 && has_output()) {
             const std::size_t taken = read_output(left);
             if (taken == 0)
                 return;
             left -= taken;
         }
+    }
+
+    // For a terminal, poll() makes the kernel process what was written to it.
+    [[nodiscard]] bool has_output() const
+    {
+        pollfd output = {output_.get(), POLLIN, 0};
+        return ::poll(&output, 1, 0) == 1;
     }
 
     std::string id_;
