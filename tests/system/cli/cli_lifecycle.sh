@@ -215,7 +215,7 @@ if command -v jq >/dev/null; then
     check 'run refuses it, too' test "$status/$(grep -c 'bytes long' "$work/err")" = 125/1
     long_config '.process.env[1]' 60000
     run zncctl run --rm -b "$work/long"
-    expect 'what a reply holds is passed on' 7 "$(zncctl run --rm -b "$work/hello")" ''
+    expect 'what a reply holds is passed on' 7 hello wrong
     long_config '.annotations.note' 100000
     zncctl create long "$work/long"
     run zncctl inspect long
