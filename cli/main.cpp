@@ -1,5 +1,6 @@
 // zncctl - containers and images from the command line.
 #include "cli/commands/commands.hpp"
+#include "cli/containers/id_prefix.hpp"
 #include "front/output.hpp"
 #include "front/parse.hpp"
 #include "front/usage.hpp"
@@ -55,6 +56,8 @@ void suggest_command(std::span<char* const> words)
 
 int unknown_command(std::span<char* const> words)
 {
+    if (const std::string_view reason = reason_for_absence(words); !reason.empty())
+        return usage_failure(fmt::format("there is no command '{}': {}", words[0], reason));
     const int status = usage_failure(fmt::format("unknown command '{}'", words[0]));
     suggest_command(words);
     std::fputs(usage_line().c_str(), stderr);
@@ -83,11 +86,13 @@ int run(std::span<char* const> words)
     const std::span<char* const> rest = words.subspan(found.words);
     if (first == "help" && !rest.empty())
         return bad_usage("too many arguments", usage_line());
-    const Parsed parsed = parse(command, rest);
+    Parsed parsed = parse(command, rest);
     if (first == "help" || parsed.help)
         return print_result(help_text(command));
     if (!parsed.problem.empty())
         return bad_usage(parsed.problem, usage_line(command), parsed.hint);
+    if (const int several = complete_ids(command, parsed.args); several != kExitOk)
+        return several;
     const int status = command.run(parsed.args);
     if (status == kExitUsage)
         std::fputs(usage_line(command).c_str(), stderr);

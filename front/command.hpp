@@ -34,6 +34,7 @@ class Arguments {
         options_[name].push_back(std::move(value));
     }
     void add_operand(std::string operand) { operands_.push_back(std::move(operand)); }
+    void replace_operand(std::size_t i, std::string operand) { operands_[i] = std::move(operand); }
 
     [[nodiscard]] bool has(const std::string& name) const { return options_.contains(name); }
 

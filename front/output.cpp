@@ -143,6 +143,10 @@ int daemon_failure(int error, std::string_view object)
     if (error == S_zncLib_DAEMON_NOT_RUNNING)
         print_hint(::geteuid() == 0 ? "start it as root, with 'zncd &' or 'systemctl start zncd'"
                                     : "only root can reach the daemon: run this command as root");
+    if (error == 0 && zncDaemonIsAlive() != FALSE)
+        print_hint(
+            "it answers other requests: the answer to this one may be longer than the 64 KiB "
+            "that a reply holds");
     if (error == S_zncLib_OCI_CWD_INVALID)
         print_hint("process.cwd in the bundle's config.json must be an absolute path; "
                    "'zncctl config check' lists what else is missing");

@@ -1,4 +1,6 @@
 // Starts another program in a running container and exits with its status.
+#include "cli/containers/attach.hpp"
+#include "cli/containers/container.hpp"
 #include "cli/containers/exec.hpp"
 #include "cli/containers/session.hpp"
 #include "commands.hpp"
@@ -51,21 +53,46 @@ void complete_environment(const Arguments& args, const RunningContainer& contain
         environment.set("TERM", kTerm);
 }
 
-int run_attached(const RunningContainer& container, ExecProgram& wanted, const Arguments& args)
+// The terminal of the program, if it gets one.
+std::optional<TerminalOptions> terminal_of(const Arguments& args, const RunningContainer& container,
+                                           const ExecProgram& wanted, const DetachKeys& keys)
+{
+    if (!args.has("tty"))
+        return std::nullopt;
+    return TerminalOptions{container.ns(),
+                           wanted.user ? wanted.user->uid : user_of_program(container.id()),
+                           args.has("interactive") ? keys : DetachKeys()};
+}
+
+int start(Session& session, const RunningContainer& container, ExecProgram& wanted, bool hosted)
+{
+    if (hosted)
+        return session.start_hosted([&](ProgramLink link, Pty terminal) {
+            host_exec(container, wanted, std::move(link), std::move(terminal));
+        });
+    return session.start([&](Program& program, const ProgramStreams& streams) {
+        return start_exec(container, wanted, program, streams);
+    });
+}
+
+int run_attached(const RunningContainer& container, ExecProgram& wanted, const Arguments& args,
+                 const DetachKeys& keys)
 {
     const SignalQueue signals;
     const auto to_program = [](const Program& program, int signo) { program.signal(signo); };
     const auto to_group = [](const Program& program, int signo) { program.signal(signo, true); };
     Session session(signals, {to_program, to_group});
-    if (!session.open(args.has("tty"), args.has("interactive")))
+    const auto terminal = terminal_of(args, container, wanted, keys);
+    if (!session.open(terminal, args.has("interactive")))
         return failure(container.id(), "the program's standard streams cannot be created",
                        kExitStartFailed);
-    const auto start = [&](Program& program, const ProgramStreams& streams) {
-        return start_exec(container, wanted, program, streams);
-    };
-    if (const int error = session.start(start); error != 0)
+    if (const int error = start(session, container, wanted, terminal && !terminal->keys.none());
+        error != 0)
         return exec_failure(container, wanted, error);
-    return session.finish(container.id(), session.wait());
+    std::optional<int> status = session.wait();
+    if (!status)
+        status = session.leave();
+    return status ? session.finish(container.id(), *status) : static_cast<int>(kExitOk);
 }
 
 } // namespace
@@ -77,6 +104,9 @@ int cmd_exec(const Arguments& args)
     if (args.has("tty") && args.has("interactive") && ::isatty(STDIN_FILENO) == 0)
         return failure("", "--tty with --interactive needs a terminal on standard input",
                        kExitStartFailed);
+    const auto keys = read_detach_keys(args);
+    if (!keys)
+        return kExitUsage;
     int status = kExitOk;
     const auto container = RunningContainer::find(args.operand(0), status);
     if (!container)
@@ -90,7 +120,7 @@ int cmd_exec(const Arguments& args)
         return kExitStartFailed;
     complete_environment(args, *container, wanted);
     if (!args.has("detach"))
-        return run_attached(*container, wanted, args);
+        return run_attached(*container, wanted, args, *keys);
     const int error = start_exec_detached(*container, wanted);
     return error == 0 ? static_cast<int>(kExitOk) : exec_failure(*container, wanted, error);
 }

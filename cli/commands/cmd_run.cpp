@@ -15,9 +15,8 @@ namespace {
 
 class Run {
   public:
-    // With detach keys, the program gets a monitor from the start.
     Run(const Arguments& args, const NewContainer& container, std::size_t log_max,
-        const std::optional<DetachKeys>& keys)
+        const DetachKeys& keys)
         : args_(args), container_(container), id_(container.id), log_max_(log_max), keys_(keys)
     {
     }
@@ -36,36 +35,17 @@ class Run {
             delete_created();
             return kExitStartFailed;
         }
-        if (args_.has("detach"))
-            return detached();
-        return keys_ ? detachable() : attached(signals);
+        return args_.has("detach") ? detached() : attached(signals);
     }
 
   private:
     int attached(const SignalQueue& signals)
     {
         const ContainerOptions& options = container_.options;
-        bool started = false;
-        const int status =
-            run_in_foreground(id_, signals, {options.tty, options.interactive}, &started);
-        if (options.remove || !started)
-            delete_created();
-        return status;
-    }
-
-    // Runs the program with a monitor, which continues if the user detaches.
-    int detachable()
-    {
-        if (const int error = start_with_monitor(id_, {log_max_, true, true, false}); error != 0) {
-            const int status = start_failure(error, id_);
-            delete_created();
-            return status;
-        }
-        bool left = false;
-        const int status = attach_to(id_, {*keys_, true, true, true}, &left);
-        if (container_.options.remove && left)
-            delete_when_ended(id_);
-        else if (container_.options.remove)
+        ForegroundEnd end;
+        const int status = run_in_foreground(
+            id_, signals, {options.tty, options.interactive, options.remove, log_max_, keys_}, end);
+        if (!end.left && (options.remove || !end.started))
             delete_created();
         return status;
     }
@@ -93,7 +73,7 @@ class Run {
     const NewContainer& container_;
     const std::string& id_;
     std::size_t log_max_;
-    const std::optional<DetachKeys>& keys_;
+    const DetachKeys& keys_;
     NewBundle bundle_;
 };
 
@@ -135,16 +115,11 @@ int cmd_run(const Arguments& args)
     if (!args.has("detach") && options.tty && options.interactive && ::isatty(STDIN_FILENO) == 0)
         return failure("", "--tty with --interactive needs a terminal on standard input",
                        kExitStartFailed);
-    std::optional<DetachKeys> keys;
-    if (const char* text = args.value("detach-keys")) {
-        keys = read_detach_keys(text);
-        if (!keys)
-            return kExitUsage;
-        if (!options.tty || !options.interactive)
-            keys.reset(); // detach keys need an interactive terminal
-    }
+    const auto keys = read_detach_keys(args);
+    if (!keys)
+        return kExitUsage;
     try {
-        return Run(args, container, log_max, keys).run();
+        return Run(args, container, log_max, *keys).run();
     } catch (const std::runtime_error& error) {
         return failure("", error.what(), kExitStartFailed);
     }

@@ -1,3 +1,4 @@
+#include "cli/containers/attach.hpp"
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_notes.hpp"
 #include "cli/containers/foreground.hpp"
@@ -23,7 +24,7 @@ int start_detached(const std::string& id, std::size_t log_max)
     return kExitFailure;
 }
 
-int start_attached(const std::string& id)
+int start_attached(const std::string& id, std::size_t log_max, const DetachKeys& keys)
 {
     const ContainerNotes notes = read_notes(own_bundle(id));
     // A container made from a bundle of the user, without options, always gets standard input.
@@ -33,10 +34,11 @@ int start_attached(const std::string& id)
                        "its program was created with --tty and --interactive, which needs a "
                        "terminal on standard input",
                        kExitStartFailed);
-    bool started = false;
+    ForegroundEnd end;
     const SignalQueue signals;
-    const int status = run_in_foreground(id, signals, {notes.tty, input}, &started);
-    if (started && notes.remove && delete_container(id, true) != OK)
+    const int status =
+        run_in_foreground(id, signals, {notes.tty, input, notes.remove, log_max, keys}, end);
+    if (end.started && !end.left && notes.remove && delete_container(id, true) != OK)
         static_cast<void>(daemon_failure(errno, id));
     return status;
 }
@@ -52,8 +54,11 @@ int cmd_start(const Arguments& args)
         return usage_failure("--attach takes a single container");
     if (!log_limit(args, log_max))
         return kExitUsage;
+    const auto keys = read_detach_keys(args);
+    if (!keys)
+        return kExitUsage;
     if (args.has("attach"))
-        return start_attached(args.operand(0));
+        return start_attached(args.operand(0), log_max, *keys);
     return for_each_id(args.all_operands(), true,
                        [&](const std::string& id) { return start_detached(id, log_max); });
 }

@@ -138,6 +138,7 @@ inline constexpr Option kAttachOptions[] = {
 inline constexpr Option kStartOptions[] = {
     {'a', "attach", nullptr, "stay in the foreground and exit with the program's status"},
     {'d', "detach", nullptr, "return as soon as the program runs (default)"},
+    kDetachKeys,
     kLogMax,
 };
 inline constexpr Option kExecOptions[] = {
@@ -149,6 +150,7 @@ inline constexpr Option kExecOptions[] = {
     {'u', "user", "USER[:GROUP]",
      "names or numbers of user and group (default: the container's own)"},
     {'d', "detach", nullptr, "return as soon as the program runs, and print nothing"},
+    kDetachKeys,
 };
 inline constexpr Option kLogsOptions[] = {
     {'f', "follow", nullptr, "follow the log until the program has ended"},

@@ -24,10 +24,9 @@ constexpr Command kCommands[] = {
     {"exec", "", "ID COMMAND [ARG...]",
      "start another program in a running container and exit with its status", kExecOptions, 2,
      kMany, kId, "", cmd_exec, ProgramWords::kAfterMark},
-    {"attach", "", "ID", "follow a detached container and exit with its program's status",
+    {"attach", "", "ID", "follow a running container and exit with its program's status",
      kAttachOptions, 1, 1, kId, "", cmd_attach},
-    {"logs", "", "ID", "print the output of a detached container", kLogsOptions, 1, 1, kId, "",
-     cmd_logs},
+    {"logs", "", "ID", "print the output of a container", kLogsOptions, 1, 1, kId, "", cmd_logs},
     {"wait", "", "ID...", "wait for programs to end and print their exit codes", kWaitOptions, 1,
      kMany, kId, "", cmd_wait},
     {"kill", "", "ID...", "send a signal to the processes of containers", kKillOptions, 1, kMany,
@@ -134,6 +133,21 @@ constexpr OtherName kOtherNames[] = {
     {"image load", "load"}, {"image pull", "pull"},     {"image import", "import"},
 };
 
+// Commands of engines that cannot be had here.
+struct AbsentCommand {
+    std::string_view name;
+    std::string_view reason;
+};
+constexpr std::string_view kUseBuilder = "build images with a tool such as buildah or umoci";
+constexpr AbsentCommand kAbsentCommands[] = {
+    {"rename", "the name of a container is its id, which does not change; 'zncctl run --name NAME' "
+               "or 'zncctl create --name NAME' creates one with the wanted name"},
+    {"restart", "a program can be started once; delete the container and run it anew"},
+    {"build", kUseBuilder},
+    {"commit", kUseBuilder},
+    {"push", "copy images to registries with skopeo"},
+};
+
 // Returns how many of the leading words form the command `name`; 0 if they do not match it.
 std::size_t words_matched(std::string_view name, std::span<char* const> words)
 {
@@ -148,6 +162,14 @@ std::size_t words_matched(std::string_view name, std::span<char* const> words)
 std::span<const Command> commands()
 {
     return kCommands;
+}
+
+std::string_view reason_for_absence(std::span<char* const> words)
+{
+    for (const AbsentCommand& absent : kAbsentCommands)
+        if (absent.name == words[0])
+            return absent.reason;
+    return "";
 }
 
 Found find_command(std::span<char* const> words)

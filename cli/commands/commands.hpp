@@ -18,6 +18,10 @@ struct Found {
 // Finds the command that the first words name, by its name or an alias.
 Found find_command(std::span<char* const> words);
 
+// Why there is no such command although container engines have it, and what to do instead; "" for
+// others. `words` are not empty.
+std::string_view reason_for_absence(std::span<char* const> words);
+
 std::string usage_line(); // "usage: zncctl COMMAND ...\n"
 std::string help_text();
 // For a manual page in scdoc format: the synopsis of each command, followed by its options.

@@ -24,8 +24,8 @@ namespace {
 class Attachment {
   public:
     Attachment(const std::string& id, int record, AttachOptions options)
-        : options_(std::move(options)), record_(record), reader_(record, !options_.from_start),
-          relay_(id), watch_(znWatchOpen(record)),
+        : options_(std::move(options)), record_(record), reader_(record, true), relay_(id),
+          watch_(znWatchOpen(record)),
           signals_(options_.signals ? std::make_unique<SignalQueue>() : nullptr)
     {
         const auto known = read_record(record);
@@ -149,8 +149,9 @@ class Attachment {
 
 } // namespace
 
-std::optional<DetachKeys> read_detach_keys(const char* text)
+std::optional<DetachKeys> read_detach_keys(const Arguments& args)
 {
+    const char* text = args.value("detach-keys", kUsualDetachKeys);
     auto keys = DetachKeys::parse(text);
     if (!keys)
         usage_failure(fmt::format("--detach-keys are characters or ctrl-KEY, separated by commas, "
@@ -159,14 +160,13 @@ std::optional<DetachKeys> read_detach_keys(const char* text)
     return keys;
 }
 
-int attach_to(const std::string& id, AttachOptions options, bool* detached)
+int attach_to(const std::string& id, AttachOptions options)
 {
     znc::UniqueFd dir;
     if (open_log_of(id, dir) != kExitOk)
         return kExitStartFailed;
-    const bool may_have_ended = options.from_start;
     const RecordEnd end(dir.get());
-    if (!may_have_ended && !record_is_kept(dir.get()))
+    if (!record_is_kept(dir.get()))
         return failure(id, "it has ended; 'zncctl wait' prints its exit code", kExitStartFailed);
     Attachment attachment(id, dir.get(), std::move(options));
     const bool printed = attachment.run();
@@ -176,8 +176,6 @@ int attach_to(const std::string& id, AttachOptions options, bool* detached)
         static_cast<void>(local_failure(error, "standard output"));
         return kExitStartFailed;
     }
-    if (detached != nullptr)
-        *detached = attachment.detached();
     if (attachment.detached())
         return kExitOk;
     if (attachment.ended_by() != 0)

@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <utility>
 
 #include "zarnel/ns.h"
 
@@ -34,6 +35,15 @@ std::optional<Json> state_of(const std::string& id)
 CONTAINER_STATUS status_of(const std::string& id)
 {
     return call_library([&] { return zncStatusGet(id.c_str()); });
+}
+
+uid_t user_of_program(const std::string& id)
+{
+    const std::string bundle = text_of(state_of(id).value_or(Json()), "bundle");
+    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
+    const Json* process = config ? member(*config, "process") : nullptr;
+    const auto uid = integer(member(member(process, "user"), "uid")).value_or(0);
+    return std::in_range<uid_t>(uid) ? static_cast<uid_t>(uid) : 0;
 }
 
 std::string root_of_bundle(const std::string& bundle)
@@ -116,11 +126,32 @@ std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
 
 namespace {
 
+// When a container is started, the daemon sends these members to the client. A reply that is too
+// long is never sent: the client would wait in vain, and the container could not be started again.
+std::string length_problem(std::string_view config)
+{
+    constexpr std::size_t kReplyMax = 65535;
+    const auto document = parse_config(config);
+    const Json* process = document ? member(*document, "process") : nullptr;
+    std::size_t length = 0;
+    for (const char* name : {"args", "env"})
+        if (const Json* value = member(process, name); value != nullptr && value->is_array())
+            length += value->dump(-1, ' ', false, Json::error_handler_t::replace).size();
+    return length <= kReplyMax
+               ? ""
+               : fmt::format("process.args and process.env are {} bytes long: the daemon passes on "
+                             "at most {} when it starts a program",
+                             length, kReplyMax);
+}
+
 // Why the bundle must not be passed to the library, or "".
 std::string bundle_problem(const std::string& bundle)
 {
     const auto text = read_file(bundle + "/config.json");
-    return text ? ambiguity(*text) : "";
+    if (!text)
+        return "";
+    const std::string problem = ambiguity(*text);
+    return problem.empty() ? length_problem(*text) : problem;
 }
 
 int create_failure(const std::string& id, const std::string& bundle)

@@ -9,6 +9,7 @@
 #include "front/output.hpp"
 
 #include <optional>
+#include <sys/types.h>
 
 #include "zncontainer.h"
 
@@ -23,6 +24,9 @@ std::optional<Json> state_of(const std::string& id);
 // The status of a container. STATE_UNKNOWN with errno set if there is no such container or no
 // daemon. The daemon notices that a container has ended only when its state is requested.
 CONTAINER_STATUS status_of(const std::string& id);
+
+// The number of the user that the container's program runs as, in the container.
+uid_t user_of_program(const std::string& id);
 
 // The root directory that a bundle's config.json names, as a host path; "" if it names none.
 std::string root_of_bundle(const std::string& bundle);

@@ -4,6 +4,7 @@
 #define ZNC_CLI_CONTAINERS_DETACHED_HPP
 
 #include <functional>
+#include <initializer_list>
 
 #include "base/owned.hpp"
 
@@ -17,9 +18,12 @@ struct Pipe {
 // A pipe with close-on-exec ends; without ends, and errno set, on failure.
 Pipe make_pipe();
 
-// Runs `body` in a new process with a session of its own, no descriptor of the caller and the null
-// device as standard streams, and returns what that process passes to report_start(): 0 once the
-// program runs, else an errno value; -1 if it ends without a report.
+// Runs `body` in a new process with a session of its own, the null device as standard streams and,
+// of the caller's other descriptors, only `kept` (greater than 2). Returns 0, or an errno value.
+int fork_detached(std::initializer_list<int> kept, const std::function<void()>& body);
+
+// The same with none of the caller's descriptors. Returns what that process passes to
+// report_start(): 0 once the program runs, else an errno value; -1 if it ends without a report.
 int run_detached(const std::function<void(znc::UniqueFd report)>& body);
 
 void report_start(znc::UniqueFd report, int error);

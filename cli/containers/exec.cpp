@@ -65,6 +65,38 @@ void wait_for_end(Program& program, const SignalQueue& signals)
     Program::leave_others();
 }
 
+int not_running(const std::string& id, CONTAINER_STATUS status)
+{
+    static_cast<void>(failure(id, "it is not running"));
+    if (status == STATE_CREATED)
+        print_hint(fmt::format("'zncctl start {}' starts it", printable(id)));
+    else
+        print_ended_hint(EBUSY, id);
+    return kExitWrongState;
+}
+
+// What the command in the foreground sends.
+void hear_command(ProgramLink& link, const Program& program)
+{
+    const auto message = link.receive(false);
+    if (message &&
+        (message->kind == LinkMessage::kSignal || message->kind == LinkMessage::kGroupSignal))
+        program.signal(message->value, message->kind == LinkMessage::kGroupSignal);
+    if (message || errno == EAGAIN)
+        return;
+    link.send(LinkMessage::kTakenOver, 0);
+    link.close();
+}
+
+// Nobody reads it any more, but the program must not wait for somebody who does.
+void drop_output(Pty& terminal)
+{
+    std::array<char, 4096> buffer{};
+    const ssize_t n = ::read(terminal.master(), buffer.data(), buffer.size());
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
+        terminal.close_master();
+}
+
 } // namespace
 
 std::optional<RunningContainer> RunningContainer::find(const std::string& id, int& status)
@@ -82,9 +114,12 @@ int RunningContainer::open()
         return kExitStartFailed;
     }
     if (status != STATE_RUNNING)
-        return failure(id_, "it is not running", kExitWrongState);
-    if (is_paused(id_, status))
-        return failure(id_, kPaused, kExitWrongState);
+        return not_running(id_, status);
+    if (is_paused(id_, status)) {
+        static_cast<void>(failure(id_, kPaused));
+        print_hint(fmt::format("'zncctl resume {}' lets it continue", printable(id_)));
+        return kExitWrongState;
+    }
     if (!read_configuration())
         return kExitStartFailed;
     std::array<char, PATH_MAX> path{};
@@ -123,13 +158,9 @@ bool RunningContainer::read_configuration()
 
 std::string RunningContainer::home() const
 {
-    const std::string bundle = text_of(state_of(id_).value_or(Json()), "bundle");
-    const auto config = parse_config(read_file(bundle + "/config.json").value_or(""));
-    const Json* process = config ? member(*config, "process") : nullptr;
-    const auto uid = integer(member(member(process, "user"), "uid"));
     User user;
     std::string error;
-    static_cast<void>(lookup_user(root(), std::to_string(uid.value_or(0)), user, error));
+    static_cast<void>(lookup_user(root(), std::to_string(user_of_program(id_)), user, error));
     return user.home;
 }
 
@@ -161,6 +192,35 @@ int start_exec_detached(const RunningContainer& container, ExecProgram& wanted)
         if (error == 0)
             wait_for_end(program, signals);
     });
+}
+
+void host_exec(const RunningContainer& container, ExecProgram& wanted, ProgramLink link,
+               Pty terminal)
+{
+    const SignalQueue signals;
+    Program program;
+    const int error =
+        start_exec(container, wanted, program, {terminal.user(), terminal.user(), terminal.user()});
+    terminal.close_user();
+    link.send(LinkMessage::kStarted, error);
+    bool ended = error != 0;
+    while (!ended || link) {
+        if (const auto& status = program.look(); status && !ended) {
+            link.send(LinkMessage::kEnded, *status);
+            ended = true;
+            continue;
+        }
+        std::array<pollfd, 2> wanted_fds = {pollfd{link.fd(), POLLIN, 0},
+                                            pollfd{link ? -1 : terminal.master(), POLLIN, 0}};
+        signals.wait(wanted_fds);
+        while (signals.next()) { // signals other than SIGCHLD are ignored
+        }
+        if (wanted_fds[0].revents != 0)
+            hear_command(link, program);
+        if (wanted_fds[1].revents != 0)
+            drop_output(terminal);
+    }
+    Program::leave_others();
 }
 
 int exec_failure(const RunningContainer& container, const ExecProgram& wanted, int error)

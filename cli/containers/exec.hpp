@@ -2,6 +2,7 @@
 #ifndef ZNC_CLI_CONTAINERS_EXEC_HPP
 #define ZNC_CLI_CONTAINERS_EXEC_HPP
 
+#include "cli/terminal/terminal.hpp"
 #include "environment.hpp"
 #include "program.hpp"
 #include "user_lookup.hpp"
@@ -57,6 +58,12 @@ int start_exec(const RunningContainer& container, ExecProgram& wanted, Program& 
 
 // Starts the program without streams, and a process that waits for it. Returns like start_exec().
 int start_exec_detached(const RunningContainer& container, ExecProgram& wanted);
+
+// Starts the program on the terminal, reports to the other end of the link and waits for the
+// program. When the link is at its end, the program's output is dropped. To be called in a process
+// of its own.
+void host_exec(const RunningContainer& container, ExecProgram& wanted, ProgramLink link,
+               Pty terminal);
 
 // Prints the message for a failed start; returns the exit status.
 int exec_failure(const RunningContainer& container, const ExecProgram& wanted, int error);

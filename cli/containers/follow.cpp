@@ -17,10 +17,7 @@ int open_log_of(const std::string& id, znc::UniqueFd& dir)
         return kExitOk;
     if (status_of(id) == STATE_UNKNOWN)
         return daemon_failure(errno, id);
-    return failure(id,
-                   record ? "it has no log: its output goes to the process that started it"
-                          : "it has no log: it was not started by 'zncctl start' or 'run -d'",
-                   kExitWrongState);
+    return failure(id, "it has no log: zncctl has not started it", kExitWrongState);
 }
 
 bool follow(int dir, const std::function<std::string()>& read,

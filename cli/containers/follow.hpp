@@ -1,4 +1,4 @@
-// follow.hpp - prints the output of a detached program as it arrives. Used by logs and attach.
+// follow.hpp - prints the output of a program as it arrives. Used by logs and attach.
 #ifndef ZNC_CLI_CONTAINERS_FOLLOW_HPP
 #define ZNC_CLI_CONTAINERS_FOLLOW_HPP
 

@@ -1,6 +1,6 @@
-// log_file.hpp - the log of a detached program: a file of limited size, and the previous one.
-// Beside each is a file of the times at which its parts were written. Written by the monitor, read
-// by logs and attach.
+// log_file.hpp - the log of a program: a file of limited size, and the previous one.
+// Beside each is a file of the times at which its parts were written. Written by the monitor or the
+// command in the foreground, read by logs and attach.
 #ifndef ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 #define ZNC_CLI_CONTAINERS_LOG_FILE_HPP
 

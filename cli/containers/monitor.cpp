@@ -1,7 +1,6 @@
 #include "monitor.hpp"
 
 #include "attach_channel.hpp"
-#include "cli/terminal/terminal.hpp"
 #include "container.hpp"
 #include "detached.hpp"
 #include "events.hpp"
@@ -9,18 +8,18 @@
 #include "front/words.hpp"
 #include "log_file.hpp"
 #include "network.hpp"
+#include "pause.hpp"
 #include "program.hpp"
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <thread>
 #include <unistd.h>
 
 namespace zncctl {
@@ -33,14 +32,21 @@ class Monitor {
   public:
     Monitor(const std::string& id, const MonitorOptions& options) : id_(id), options_(options) {}
 
-    void run(znc::UniqueFd report)
+    const ProgramLink& use_link(ProgramLink link, Pty terminal)
+    {
+        link_ = std::move(link);
+        terminal_.emplace(std::move(terminal));
+        return link_;
+    }
+
+    void run(const std::function<void(int error)>& report)
     {
         const SignalQueue signals;
         const RecordKeeper record = RecordKeeper::begin(id_);
         const int error = record ? start(record) : errno;
         if (error != 0 && record)
             remove_record(id_);
-        report_start(std::move(report), error);
+        report(error);
         if (error != 0)
             return;
         serve(record, signals);
@@ -94,7 +100,8 @@ class Monitor {
 
     bool use_terminal(ProgramStreams& streams)
     {
-        terminal_.emplace();
+        if (!terminal_)
+            terminal_.emplace(namespace_of(id_), user_of_program(id_));
         if (!*terminal_)
             return false;
         streams.fill(terminal_->user());
@@ -102,20 +109,17 @@ class Monitor {
         return static_cast<bool>(output_);
     }
 
-    // Returns when the program has ended and, unless the container is to be deleted, no process in
-    // it has its output open.
+    // Returns when the program has ended, the command in the foreground has left and, unless the
+    // container is to be deleted, no process in it has its output open.
     void serve(const RecordKeeper& record, const SignalQueue& signals)
     {
-        while (!program_record_.exit_code || (output_ && !options_.remove)) {
+        while (!program_record_.exit_code || link_ || (output_ && !options_.remove)) {
             if (const auto& status = program_.look(); status && !program_record_.exit_code) {
-                read_rest(); // the log must be complete when the exit code appears
-                note_end(program_record_, id_, *status);
-                note_event(kDiedEvent, id_, program_record_.exit_code); // see RemoveEvent
-                record.write(program_record_);
-                end_network_of_stopped(id_);
+                note_end_of_program(record, *status);
                 continue;
             }
-            std::array<pollfd, 2> wanted = {pollfd{output_.get(), POLLIN, 0}, input_wanted()};
+            std::array<pollfd, 3> wanted = {pollfd{link_ ? -1 : output_.get(), POLLIN, 0},
+                                            input_wanted(), pollfd{link_.fd(), POLLIN, 0}};
             signals.wait(wanted);
             while (signals.next()) { // signals other than SIGCHLD are ignored
             }
@@ -123,6 +127,33 @@ class Monitor {
                 read_output(buffer_.size());
             if (wanted[1].revents != 0)
                 pass_input();
+            if (wanted[2].revents != 0)
+                hear_command();
+        }
+    }
+
+    void note_end_of_program(const RecordKeeper& record, int status)
+    {
+        if (!link_)
+            read_rest(); // the log must be complete when the exit code appears
+        note_end(program_record_, id_, status);
+        note_event(kDiedEvent, id_, program_record_.exit_code); // see RemoveEvent
+        record.write(program_record_);
+        end_network_of_stopped(id_);
+        if (link_)
+            link_.send(LinkMessage::kEnded, status);
+    }
+
+    // What the command in the foreground sends.
+    void hear_command()
+    {
+        if (const auto message = link_.receive(false)) {
+            if (message->kind == LinkMessage::kOutput)
+                log_->append(message->data);
+        } else if (errno != EAGAIN) {
+            options_.remove = options_.remove && !program_record_.exit_code;
+            link_.send(LinkMessage::kTakenOver, 0);
+            link_.close();
         }
     }
 
@@ -182,14 +213,16 @@ class Monitor {
         return n > 0 ? static_cast<std::size_t>(n) : 0;
     }
 
-    // Reads only what was in the pipe when the program ended: processes that it left behind may go
-    // on writing for ever.
+    // Reads only what had been written when the program ended: processes that it left behind may go
+    // on writing for ever. A terminal does not say how much that is, only whether there is more.
     void read_rest()
     {
+        constexpr std::size_t kTerminalRest = 256 * 1024; // more than it holds
         int available = 0;
-        if (!output_ || ::ioctl(output_.get(), FIONREAD, &available) != 0)
+        if (!output_ || (!terminal_ && ::ioctl(output_.get(), FIONREAD, &available) != 0))
             return;
-        for (auto left = static_cast<std::size_t>(available); left > 0;) {
+        std::size_t left = terminal_ ? kTerminalRest : static_cast<std::size_t>(available);
+        while (left > 0 && has_output()) {
             const std::size_t taken = read_output(left);
             if (taken == 0)
                 return;
@@ -197,10 +230,18 @@ class Monitor {
         }
     }
 
+    // For a terminal, poll() makes the kernel process what was written to it.
+    [[nodiscard]] bool has_output() const
+    {
+        pollfd output = {output_.get(), POLLIN, 0};
+        return ::poll(&output, 1, 0) == 1;
+    }
+
     std::string id_;
     MonitorOptions options_;
     Program program_;
     Record program_record_;
+    ProgramLink link_; // to the command in the foreground; while it is open that reads the output
     znc::UniqueFd output_;
     znc::UniqueFd input_; // of a program without a terminal
     std::optional<AttachReceiver> channel_;
@@ -232,19 +273,17 @@ int start_with_monitor(const std::string& id, const MonitorOptions& options)
 {
     if (const int error = startable(id); error != 0)
         return error;
-    return run_detached([&](znc::UniqueFd report) { Monitor(id, options).run(std::move(report)); });
+    return run_detached([&](znc::UniqueFd report) {
+        Monitor(id, options).run([&](int error) { report_start(std::move(report), error); });
+    });
 }
 
-void delete_when_ended(const std::string& id)
+void host_program(const std::string& id, const MonitorOptions& options, ProgramLink link,
+                  Pty terminal)
 {
-    constexpr std::chrono::milliseconds kPause(100);
-    run_detached([&](znc::UniqueFd report) {
-        const znc::UniqueFd record = open_record(id);
-        report_start(std::move(report), 0);
-        while (record && record_is_kept(record.get()))
-            std::this_thread::sleep_for(kPause);
-        static_cast<void>(delete_container(id, true)); // there is nowhere to report a failure
-    });
+    Monitor monitor(id, options);
+    const ProgramLink& reports = monitor.use_link(std::move(link), std::move(terminal));
+    monitor.run([&](int error) { reports.send(LinkMessage::kStarted, error); });
 }
 
 } // namespace zncctl

@@ -3,7 +3,9 @@
 #ifndef ZNC_CLI_CONTAINERS_MONITOR_HPP
 #define ZNC_CLI_CONTAINERS_MONITOR_HPP
 
+#include "cli/terminal/terminal.hpp"
 #include "front/command.hpp"
+#include "program_link.hpp"
 
 #include <cstddef>
 #include <string>
@@ -24,8 +26,11 @@ struct MonitorOptions {
 // of the failure, or -1 if it has none.
 int start_with_monitor(const std::string& id, const MonitorOptions& options);
 
-// Deletes a container with a monitor when its program has ended, by a process of its own.
-void delete_when_ended(const std::string& id);
+// The monitor of a container whose program runs on a terminal in the foreground: starts the program
+// and reports to the other end of the link. As long as that is open it reads the terminal, and
+// deletes the container afterwards; else the monitor does. To be called in a process of its own.
+void host_program(const std::string& id, const MonitorOptions& options, ProgramLink link,
+                  Pty terminal);
 
 } // namespace zncctl
 

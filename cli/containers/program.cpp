@@ -209,14 +209,58 @@ int Program::start(const ProgramStreams& streams, const std::function<STATUS(pid
     return error;
 }
 
+int Program::follow(ProgramLink host)
+{
+    host_ = std::move(host);
+    const auto started = host_.receive(true);
+    return started ? started->value : -1;
+}
+
+void Program::tell_output(std::string_view text) const
+{
+    if (host_)
+        host_.send(LinkMessage::kOutput, 0, text);
+}
+
+std::optional<int> Program::leave()
+{
+    if (!host_)
+        return status_;
+    host_.finish_sending();
+    while (const auto message = host_.receive(true)) {
+        if (message->kind == LinkMessage::kEnded)
+            status_ = message->value;
+        if (message->kind == LinkMessage::kTakenOver)
+            break;
+    }
+    host_.close();
+    return status_;
+}
+
+void Program::look_at_host()
+{
+    const auto message = host_.receive(false);
+    if (message && message->kind == LinkMessage::kEnded)
+        status_ = message->value;
+    else if (!message && errno == EPIPE)
+        status_ = kExitStartFailed; // the host was killed
+}
+
 void Program::signal(int host_signal, bool group) const
 {
+    if (host_ && !status_)
+        host_.send(group ? LinkMessage::kGroupSignal : LinkMessage::kSignal, host_signal);
     if (pid_ > 0 && !status_) // until it is reaped, its process id cannot be reused
         ::kill(group ? -pid_ : pid_, host_signal);
 }
 
 const std::optional<int>& Program::look()
 {
+    if (host_) {
+        if (!status_)
+            look_at_host();
+        return status_;
+    }
     int status = 0;
     if (!status_ && znProcessReap(process_.get(), &status) == OK)
         status_ = exit_status(status);

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include "front/record.hpp"
+#include "program_link.hpp"
 #include "zarnel/types.h"
 
 namespace zncctl {
@@ -42,7 +43,8 @@ class SignalQueue {
 using ProgramStreams = std::array<int, 3>;
 inline constexpr int kNullDevice = -1;
 
-// A container's program. It is a child of this process until this object reaps it.
+// A container's program. It is a child of this process until this object reaps it, or of a host
+// process (program_link.hpp).
 class Program {
   public:
     // Starts a created container. Returns 0, or the errno value of the failure, -1 if it has none.
@@ -50,7 +52,20 @@ class Program {
     // Starts any program by `spawn`, which sets the process id of a new child of this process, 0 if
     // there is none to run.
     int start(const ProgramStreams& streams, const std::function<STATUS(pid_t*)>& spawn);
-    [[nodiscard]] pid_t pid() const { return pid_; } // 0: the daemon named no program to run
+    // Follows a program that a host starts. Waits for the start and returns its result.
+    int follow(ProgramLink host);
+    // A descriptor that becomes readable when look() may find the end of a program that has a host,
+    // else -1.
+    [[nodiscard]] int host() const { return host_.fd(); }
+    // Passes on to the host what the program has written; does nothing without one.
+    void tell_output(std::string_view text) const;
+    // Leaves the program to its host. Returns its exit status if it has ended before.
+    std::optional<int> leave();
+
+    [[nodiscard]] pid_t pid() const
+    {
+        return pid_;
+    } // 0: it has a host, or the daemon named no program to run
 
     // To be called when a child may have ended. Returns the program's exit status once it has
     // ended; 128 plus the host's signal number if a signal killed it. Also reaps other processes
@@ -64,8 +79,11 @@ class Program {
     static void leave_others();
 
   private:
+    void look_at_host();
+
     pid_t pid_ = 0;
     znc::UniqueFd process_;
+    ProgramLink host_;
     std::optional<int> status_;
 };
 

@@ -1,19 +1,22 @@
 #include "session.hpp"
 
+#include "detached.hpp"
 #include "front/output.hpp"
 
+#include <array>
+#include <cerrno>
 #include <csignal>
 
 namespace zncctl {
 
-bool Session::open(bool tty, bool input)
+bool Session::open(const std::optional<TerminalOptions>& terminal, bool input)
 {
-    return tty ? open_terminal(input) : streams_.make_pipes(input);
+    return terminal ? open_terminal(*terminal, input) : streams_.make_pipes(input);
 }
 
-bool Session::open_terminal(bool input)
+bool Session::open_terminal(const TerminalOptions& options, bool input)
 {
-    terminals_ = std::make_unique<Terminals>();
+    terminals_.reset(new Terminals{nullptr, Pty(options.ns, options.owner), options.keys});
     if (input)
         terminals_->raw = std::make_unique<RawTerminal>();
     if ((input && !*terminals_->raw) || !terminals_->pty) {
@@ -21,11 +24,18 @@ bool Session::open_terminal(bool input)
         return false;
     }
     if (input)
-        streams_.use_terminal(terminals_->pty,
-                              [this](std::string_view typed) { handle_keys(typed); });
+        streams_.use_terminal(
+            terminals_->pty,
+            [this](std::string_view typed) { return terminals_->keys.pass(typed); },
+            [this](std::string_view typed) { handle_keys(typed); });
     else
-        streams_.use_terminal(terminals_->pty, nullptr);
+        streams_.use_terminal(terminals_->pty, nullptr, nullptr);
     return true;
+}
+
+void Session::watch_output(const std::function<void(std::string_view)>& watcher)
+{
+    streams_.watch_output(watcher);
 }
 
 int Session::start(const std::function<int(Program&, const ProgramStreams&)>& start)
@@ -41,28 +51,50 @@ int Session::start(const std::function<int(Program&, const ProgramStreams&)>& st
     return 0;
 }
 
-int Session::wait()
+int Session::start_hosted(const std::function<void(ProgramLink link, Pty terminal)>& host)
+{
+    Pty& pty = terminals_->pty;
+    std::array<ProgramLink, 2> ends = ProgramLink::make();
+    const int error = !ends[0] ? errno
+                               : fork_detached({ends[1].fd(), pty.master(), pty.user()},
+                                               [&] { host(std::move(ends[1]), std::move(pty)); });
+    ends[1].close();
+    streams_.watch_output([this](std::string_view text) { program_.tell_output(text); });
+    return start([&](Program& program, const ProgramStreams& /*streams*/) {
+        return error != 0 ? error : program.follow(std::move(ends[0]));
+    });
+}
+
+std::optional<int> Session::wait()
 {
     for (;;) {
         if (const auto& status = program_.look())
             return *status;
         do {
-            streams_.wait(signals_);
+            streams_.wait(signals_, program_.host());
             set_raw(); // zncctl may be back in the foreground
-        } while (!handle_signals());
+            if (terminals_ && terminals_->keys.typed())
+                return std::nullopt;
+        } while (!handle_signals() && program_.host() < 0);
     }
 }
 
 int Session::finish(const std::string& id, int status)
 {
     pass_rest();
+    program_.leave();
     restore_terminal();
     return streams_.report_failures(id) && status == kExitOk ? static_cast<int>(kExitStartFailed)
                                                              : status;
 }
 
-// Passes on the rest of the output. The program has ended, so signals are not forwarded: those that
-// would end a process end zncctl.
+std::optional<int> Session::leave()
+{
+    restore_terminal();
+    return program_.leave();
+}
+
+// There is no program to forward signals to any more: signals that end a program end zncctl.
 void Session::pass_rest()
 {
     Program::leave_others();

@@ -95,7 +95,8 @@ bool Streams::make_output(int fd, const char* name)
     return true;
 }
 
-void Streams::use_terminal(const Pty& pty, std::function<void(std::string_view)> typed)
+void Streams::use_terminal(const Pty& pty, std::function<std::string(std::string_view)> filter,
+                           std::function<void(std::string_view)> typed)
 {
     constexpr std::string_view kEndOfFile = "\x04";
     of_program_ = {pty.user(), pty.user(), pty.user()};
@@ -103,13 +104,20 @@ void Streams::use_terminal(const Pty& pty, std::function<void(std::string_view)>
     if (typed) {
         input_.emplace(PumpEnd::of_caller(STDIN_FILENO), PumpEnd::borrowed(pty.master()),
                        "standard input");
+        input_->filter(std::move(filter));
         input_->watch(std::move(typed), kEndOfFile);
     }
     outputs_.emplace_back(PumpEnd::borrowed(pty.master()), PumpEnd::of_caller(STDOUT_FILENO),
                           "standard output");
 }
 
-void Streams::wait(const SignalQueue& signals)
+void Streams::watch_output(const std::function<void(std::string_view)>& watcher)
+{
+    for (Pump& output : outputs_)
+        output.watch(watcher, "");
+}
+
+void Streams::wait(const SignalQueue& signals, int other)
 {
     const bool background =
         input_ && input_->from().is_terminal() && in_background(input_->from().fd());
@@ -124,6 +132,7 @@ void Streams::wait(const SignalQueue& signals)
         input_->pause(background);
         add(*input_);
     }
+    wanted.push_back({other, POLLIN, 0});
     signals.wait(wanted, background ? &kForegroundPoll : nullptr);
     std::size_t at = 0;
     for (Pump& output : outputs_) {

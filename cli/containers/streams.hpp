@@ -21,17 +21,21 @@ class Streams {
     // file, so that their order is kept. For the null device no pipe is needed, nor for standard
     // input without `input`. False with errno set.
     bool make_pipes(bool input = true);
-    // Uses the pseudo-terminal for all three. `typed` is called with what the caller types; null:
-    // standard input is not read.
-    void use_terminal(const Pty& pty, std::function<void(std::string_view)> typed);
+    // Uses the pseudo-terminal for all three. What the caller types is passed on as `filter`
+    // returns it, and `typed` is called with that; null: standard input is not read.
+    void use_terminal(const Pty& pty, std::function<std::string(std::string_view)> filter,
+                      std::function<void(std::string_view)> typed);
+    // Calls `watcher` with all output of the program, in the order in which it was read.
+    void watch_output(const std::function<void(std::string_view)>& watcher);
 
     // The program's descriptors, for Program::start(). Call started() afterwards to close them
     // here.
     [[nodiscard]] const ProgramStreams& of_program() const { return of_program_; }
     void started() { program_ends_.clear(); }
 
-    // Waits for a signal or for data, and passes the data on.
-    void wait(const SignalQueue& signals);
+    // Waits for a signal, for data, and for `other` to become readable (-1: none), and passes the
+    // data on.
+    void wait(const SignalQueue& signals, int other = -1);
     // To be called when the program has ended: passes on what it has written, and nothing that
     // other processes write later.
     void finish();

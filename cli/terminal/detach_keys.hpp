@@ -1,5 +1,5 @@
-// detach_keys.hpp - the keys that end an attachment and leave the program running. Used by attach
-// and run.
+// detach_keys.hpp - the keys that end a command and leave the program running. Used by attach and
+// session.
 #ifndef ZNC_CLI_TERMINAL_DETACH_KEYS_HPP
 #define ZNC_CLI_TERMINAL_DETACH_KEYS_HPP
 
@@ -17,7 +17,8 @@ class DetachKeys {
     // empty text names none. Nullopt if the text is not valid.
     static std::optional<DetachKeys> parse(std::string_view text);
 
-    // Returns the bytes to pass on, without those that may be the beginning of the keys.
+    [[nodiscard]] bool none() const { return keys_.empty(); }
+    // Returns the bytes to pass on, without those that may still become the keys.
     std::string pass(std::string_view typed);
     // Whether the keys have been typed. What followed them was dropped.
     [[nodiscard]] bool typed() const { return !keys_.empty() && matched_ == keys_.size(); }

@@ -79,6 +79,7 @@ Pump::Pump(PumpEnd from, PumpEnd to, const char* name)
 
 void Pump::watch(std::function<void(std::string_view)> watcher, std::string_view end_text)
 {
+    moving_ = false;
     watcher_ = std::move(watcher);
     end_text_ = end_text;
 }
@@ -168,13 +169,24 @@ void Pump::fill_by_reading()
         source_ended(n < 0 ? errno : 0);
         return;
     }
-    const auto bytes = static_cast<std::size_t>(n);
+    count_taken(static_cast<std::size_t>(n));
+    const std::size_t bytes = filtered(static_cast<std::size_t>(n));
     const std::string watched(watcher_ ? buffer_.data() + end_ : "", watcher_ ? bytes : 0);
     end_ += bytes;
-    count_taken(bytes);
     flush();
     if (watcher_)
         watcher_(watched);
+}
+
+// Replaces the bytes read, which stand at the end of the buffer. Returns how many there are then.
+std::size_t Pump::filtered(std::size_t bytes)
+{
+    if (!filter_)
+        return bytes;
+    const std::string passed = filter_({buffer_.data() + end_, bytes});
+    buffer_.resize(std::max(buffer_.size(), end_ + passed.size()));
+    std::copy(passed.begin(), passed.end(), buffer_.begin() + static_cast<std::ptrdiff_t>(end_));
+    return passed.size();
 }
 
 void Pump::count_taken(std::size_t bytes)

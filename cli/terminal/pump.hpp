@@ -9,6 +9,7 @@
 #include <functional>
 #include <limits>
 #include <poll.h>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -55,8 +56,14 @@ class Pump {
     // pipe would contain pages of the file itself, which the program could then modify.
     void move_in_kernel() { moving_ = true; }
     // Calls `watcher` with the bytes read, after they were written as far as possible. At the end
-    // of input, `end_text` is passed on instead of an end of file.
+    // of input, `end_text` is passed on instead of an end of file. No bytes are then moved inside
+    // the kernel.
     void watch(std::function<void(std::string_view)> watcher, std::string_view end_text);
+    // Passes on what `filter` makes of the bytes read instead of these.
+    void filter(std::function<std::string(std::string_view)> filter)
+    {
+        filter_ = std::move(filter);
+    }
     // While paused, nothing is read.
     void pause(bool paused) { paused_ = paused; }
 
@@ -82,6 +89,7 @@ class Pump {
     void fill_by_reading();
     void flush();
     void pass_rest();
+    std::size_t filtered(std::size_t bytes);
     void count_taken(std::size_t bytes);
     void source_ended(int error);
     void end(int error);
@@ -90,6 +98,7 @@ class Pump {
     PumpEnd to_;
     const char* name_;
     std::function<void(std::string_view)> watcher_;
+    std::function<std::string(std::string_view)> filter_;
     std::string_view end_text_;
     std::vector<char> buffer_; // allocated when bytes are first copied
     std::size_t begin_ = 0;

@@ -8,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include "zarnel/ns_control.h"
+
 namespace zncctl {
 
 RawTerminal::RawTerminal() : valid_(::tcgetattr(STDIN_FILENO, &saved_) == 0)
@@ -53,14 +55,10 @@ bool in_background(int terminal)
     return group > 0 && group != ::getpgrp();
 }
 
-Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+Pty::Pty(nsid_t ns, uid_t owner)
 {
-    std::array<char, 64> name{};
-    if (!master_ || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0 ||
-        ::ptsname_r(master_.get(), name.data(), name.size()) != 0)
-        return;
-    user_.reset(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!user_ || ::fchmod(user_.get(), 0600) != 0 || // no access for the group "tty"
+    // Not for the group "tty", of whichever side.
+    if ((!open_in_container(ns, owner) && !open_on_host()) || ::fchmod(user_.get(), 0600) != 0 ||
         ::fcntl(master_.get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0) {
         user_.reset();
         return;
@@ -69,6 +67,30 @@ Pty::Pty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
     constexpr unsigned short kColumns = 80;
     set_size(kRows, kColumns);
     copy_size();
+}
+
+bool Pty::open_in_container(nsid_t ns, uid_t owner)
+{
+    int master = -1;
+    int user = -1;
+    gid_t group = 0; // stays that of the file system
+    if (ns < 0 || znnsOwnerGet(ns, &owner, &group) != OK ||
+        znnsTerminalOpen(ns, &master, &user) != OK)
+        return false;
+    master_.reset(master);
+    user_.reset(user);
+    return ::fchown(user, owner, static_cast<gid_t>(-1)) == 0;
+}
+
+bool Pty::open_on_host()
+{
+    std::array<char, 64> name{};
+    master_.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!master_ || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0 ||
+        ::ptsname_r(master_.get(), name.data(), name.size()) != 0)
+        return false;
+    user_.reset(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    return static_cast<bool>(user_);
 }
 
 void Pty::set_size(unsigned short rows, unsigned short columns) const

@@ -7,6 +7,7 @@
 #include <termios.h>
 
 #include "base/owned.hpp"
+#include "zarnel/types.h"
 
 namespace zncctl {
 
@@ -42,10 +43,13 @@ class RawTerminal {
 bool in_background(int terminal);
 
 // A pseudo-terminal with the size of the terminal on standard input, or of 24 lines with 80 columns
-// without one. On the host only root can open it.
+// without one.
 class Pty {
   public:
-    Pty();
+    // One of the container's own terminals, so that its programs find it by name, which only the
+    // user `owner` of the container can open besides root. If the container has none, one of the
+    // host's, which only root can open there.
+    Pty(nsid_t ns, uid_t owner);
 
     explicit operator bool() const { return static_cast<bool>(user_); }
     [[nodiscard]] int master() const { return master_.get(); }
@@ -53,6 +57,8 @@ class Pty {
     // To be called once the program has its copy, so that the master reports a hangup when the
     // program ends.
     void close_user() { user_.reset(); }
+    // Hangs the terminal up, unless another process has the master, too.
+    void close_master() { master_.reset(); }
 
     void copy_size() const; // does nothing if standard input is not a terminal
     void set_size(unsigned short rows, unsigned short columns) const;
@@ -66,6 +72,9 @@ class Pty {
     void settle() const;
 
   private:
+    bool open_in_container(nsid_t ns, uid_t owner);
+    bool open_on_host();
+
     znc::UniqueFd master_;
     znc::UniqueFd user_;
 };

@@ -15,6 +15,14 @@ run zncctl frobnicate
 usage_error 'an unknown command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
 run zncctl image frobnicate
 usage_error 'an unknown image command is a usage error' 'COMMAND [ARGUMENTS] | --help | --version'
+run zncctl rename old new
+expect 'rename says in one line why it is missing and what to do' 64 '' "zncctl: error: there is no command 'rename': the \
+name of a container is its id, which does not change; 'zncctl run --name NAME' or 'zncctl create --name NAME' creates one \
+with the wanted name"
+for command in restart build commit push; do
+    run zncctl $command x
+    check "so does $command" test "$status/$(grep -c "^zncctl: error: there is no command '$command': " "$work/err")/$(wc -l <"$work/err")" = 64/1/1
+done
 run zncctl create
 usage_error 'create without an id shows its usage line' \
     'create [OPTION...] [ID|IMAGE] [BUNDLE|COMMAND] [ARG...]'

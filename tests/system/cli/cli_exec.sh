@@ -197,10 +197,12 @@ check 'the second program has its own exit status' test "$?" = 143
 check 'the container has stopped after its last program' eventually stopped web
 run zncctl exec web echo
 fails_with 'exec in a stopped container exits 3' 3 'it is not running'
+check 'and says what can be done' grep -q '^zncctl: hint: a container that has ended cannot be started again' "$work/err"
 zncctl delete -q web
 zncctl create made "$work/loop"
 run zncctl exec made echo
 fails_with 'also in one that was not started' 3 'it is not running'
+check 'with another hint' grep -qx "zncctl: hint: 'zncctl start made' starts it" "$work/err"
 zncctl delete -q made
 
 # The end of the container ends them, and nothing stays.

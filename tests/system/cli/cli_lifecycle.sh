@@ -200,6 +200,61 @@ bash -c 'sleep 0.05 & sleep 1 & exec "$0" start -a hello' "$ZNCCTL" >/dev/null 2
 check 'children from before the exec do not count as the program' test $? = 7
 zncctl delete -q hello
 
+# Configurations that are too long for a reply of the daemon.
+long_config() { # MEMBER TEXT: writes a config.json in which the member, a jq path, is the text
+    jq --rawfile text <(head -c "$2" /dev/zero | tr '\0' x) "$1 = \$text" "$work/hello/config.json" >"$work/long/config.json"
+}
+if command -v jq >/dev/null; then
+    make_bundle "$work/long"
+    long_config '.process.env[1]' 100000
+    run zncctl create long "$work/long"
+    check 'too much for the program is refused before the container is created' test "$status/$out" = 1/
+    check 'with the reason' grep -qE 'process.args and process.env are 1[0-9]{5} bytes long: the daemon passes on at most 65535' "$work/err"
+    check 'no container is left of it' test -z "$(zncctl list -q)"
+    run zncctl run --rm -b "$work/long"
+    check 'run refuses it, too' test "$status/$(grep -c 'bytes long' "$work/err")" = 125/1
+    long_config '.process.env[1]' 60000
+    run zncctl run --rm -b "$work/long"
+    expect 'what a reply holds is passed on' 7 hello wrong
+    long_config '.annotations.note' 100000
+    zncctl create long "$work/long"
+    run zncctl inspect long
+    check 'details that no reply holds are not printed' test "$status/$out/$(error_line)" = '4//long: No answer from the daemon'
+    check 'and the hint says why' grep -q '^zncctl: hint: it answers other requests: .*64 KiB' "$work/err"
+    run zncctl start -a long
+    check 'but the container can be used' test "$status" = 7
+    zncctl delete -q long
+fi
+
+# Beginnings of ids.
+"$ZNCCTL" run -b "$work/hello" >"$work/out" 2>&1 </dev/null
+check 'a container without a name' test $? = 7
+id=$(zncctl list -q)
+check 'gets an id of 12 digits' grep -qE '^[0-9a-f]{12}$' <<<"$id"
+run zncctl inspect "${id:0:4}"
+check '4 of them select it' test "$status/$(grep -c "\"Id\": *\"$id\"" "$work/out")" = 0/1
+run zncctl state "${id:0:3}"
+check 'fewer do not' test "$status" = 2
+run zncctl state "${id:1:8}"
+check 'nor digits in the middle' test "$status" = 2
+zncctl create "${id:0:5}" "$work/hello"
+run zncctl delete "${id:0:5}"
+expect 'a name selects its own container first' 0 "${id:0:5}" ''
+other=${id:0:8}$(printf '%04x' $((0x${id:8} ^ 1)))
+zncctl create "$other" "$work/hello"
+run zncctl delete "${id:0:8}"
+check 'a beginning of two ids is refused' test "$status/$out" = 1/
+check 'and both are named' grep -qE ": several ids begin like this: ($id, $other|$other, $id)\$" "$work/err"
+run zncctl delete "$other" "${id:0:8}"
+check 'with one of them selected by its id, too' test "$status" = 1
+zncctl delete -q "$other"
+zncctl create "$id-web" "$work/hello"
+run zncctl rm "${id:0:11}"
+expect 'other names do not count' 0 "$id" ''
+run zncctl state "$id-"
+check 'and cannot be shortened' test "$status" = 2
+zncctl delete -q "$id-web"
+
 id=$'an id\twith blanks'
 zncctl create "$id" "$work/hello"
 run zncctl list

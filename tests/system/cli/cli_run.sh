@@ -33,12 +33,37 @@ import json, re, sys
 assert state["id"] == "kept" and state["exitCode"] == 7, state
 assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", state["exited"]), state' "$work/out"
 run zncctl logs kept
-fails_with 'it has no log' 3 'it has no log: its output goes to the process that started it'
+check 'and a log of both streams' test "$status/$(sort "$work/out" | tr '\n' ' ')" = '0/hello wrong '
 run zncctl run --rm --name kept -b "$work/hello"
 check 'an id that is taken exits 125' test "$status/$out/$(error_line)" = \
     '125//kept: Container already exists'
 check 'the existing container is not changed' status_is kept stopped
 zncctl delete -q kept
+
+# shellcheck disable=SC2016
+make_bundle "$work/counts" /bin/sh -c \
+    'i=0; while [ $i -lt 300 ]; do echo $i; i=$((i+1)); echo $i >&2; i=$((i+1)); done; exec sleep '"$mark"
+"$ZNCCTL" run --name counts -b "$work/counts" >"$work/counted" 2>&1 </dev/null &
+runner=$!
+all_logged() { [[ $(zncctl logs counts) == "$(seq 0 299)" ]]; }
+check 'the log of a program in the foreground can be read while it runs' eventually all_logged
+check 'its output is as without one' test "$(<"$work/counted")" = "$(seq 0 299)"
+zncctl attach --no-stdin counts >"$work/attached" 2>&1 </dev/null &
+attached=$!
+zncctl kill -q -s KILL counts
+wait $runner
+check 'its status is passed on' test $? = 137
+wait $attached
+check 'also to whoever is attached' test $? = 137
+run zncctl logs -n 1 counts
+expect 'and the log stays until the container is deleted' 0 299 ''
+zncctl delete -q counts
+make_bundle "$work/long" /bin/sh -c '/bin/busybox seq 1000000'
+check 'a long output is passed on whole' \
+    test "$("$ZNCCTL" run --name long --log-max 4096 -b "$work/long" </dev/null | sha256sum)" = "$(seq 1000000 | sha256sum)"
+run zncctl logs long
+check 'and the log keeps the end of it' test "$(tail -n 1 "$work/out")/$((${#out} <= 8192))" = 1000000/1
+zncctl delete -q long
 
 make_bundle "$work/signalled" /bin/sh -c 'kill -9 $$'
 run zncctl run --rm -b "$work/signalled"

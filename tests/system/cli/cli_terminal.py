@@ -254,10 +254,9 @@ echo terminals: $(ls /dev/pts)
 echo end; read a""".replace("ls /", "/bin/busybox ls /"))
     t = Terminal("run", "--rm", "-it", "-b", BUNDLE)
     t.until("end\r\n")
-    check("--tty: of the host's users only root can open the terminal", b"mode 600" in t.text, t.text)
-    ours = os.ttyname(t.child).encode()
-    check("it is not the caller's", ours not in t.text and b"/dev/pts/" in t.text, t.text)
-    check("the container sees no other", b"terminals: ptmx\r\n" in t.text, t.text)
+    check("--tty: other users cannot open the terminal", b"mode 600" in t.text, t.text)
+    check("it is the container's own", b"\n/dev/pts/0\r\n" in t.text, t.text)
+    check("which sees no other", b"terminals: 0 ptmx\r\n" in t.text, t.text)
     check("it is the program's controlling terminal", b"\ncontrolling" in t.text, t.text)
     t.type("\r")
     check("it ends", code(t.wait()) == 0)
@@ -278,6 +277,47 @@ echo end; read a""".replace("ls /", "/bin/busybox ls /"))
     check("what the program left behind does not get the keys", typed == b"secret\n", typed)
     t.close()
     subprocess.run([ZNCCTL, "delete", "-qf", "leaves"], check=True)
+
+
+def the_name_of_the_terminal():
+    """Programs find the terminal by its name and open it again."""
+    by_name = "busybox tty && echo opened >$(busybox tty); busybox stat -c 'user %u' $(busybox tty)"
+    script(by_name)
+    for keys in ("ctrl-p,ctrl-q", ""):
+        t = run("run", "--rm", "-it", "--detach-keys", keys, "-b", BUNDLE)
+        check(f"run -it, keys '{keys}': the terminal has a name", b"/dev/pts/0\r\nopened" in t.text, t.text)
+        t.close()
+    t = run("run", "--rm", "-it", "--user", "33:33", "-b", BUNDLE)
+    check("it belongs to the user of the program", b"opened\r\nuser 33\r\n" in t.text, t.text)
+    t.close()
+    script("while :; do sleep 0.05; done")
+    subprocess.run([ZNCCTL, "run", "-d", "--name", "base", "-b", BUNDLE], check=True, stdout=subprocess.DEVNULL)
+    for user in ("0", "33"):
+        t = run("exec", "-it", "-u", user, "base", "sh", "-c", by_name)
+        check(f"exec -it of user {user}, too", f"opened\r\nuser {user}\r\n".encode() in t.text, t.text)
+        t.close()
+    subprocess.run([ZNCCTL, "delete", "-qf", "base"], check=True)
+    script(by_name + "; read -r a")
+    run("run", "-dit", "--name", "away", "-b", BUNDLE).close()
+    check("and that of a detached program", log_becomes("away", b"opened\r\nuser 0\r\n"), log_of("away"))
+    subprocess.run([ZNCCTL, "delete", "-qf", "away"], check=True)
+    os.rename(BUNDLE + "/rootfs/dev", BUNDLE + "/rootfs/nodev")
+    script("test -t 0 && echo terminal")
+    t = run("run", "--rm", "-it", "-b", BUNDLE)
+    os.rename(BUNDLE + "/rootfs/nodev", BUNDLE + "/rootfs/dev")
+    check("a container without /dev gets a terminal without a name", b"terminal" in t.text, t.text)
+    t.close()
+
+
+def log_of(name):
+    return subprocess.run([ZNCCTL, "logs", name], capture_output=True).stdout
+
+
+def log_becomes(name, wanted):
+    end = time.monotonic() + TIME
+    while wanted not in log_of(name) and time.monotonic() < end:
+        time.sleep(0.02)
+    return wanted in log_of(name)
 
 
 def waiting_input(terminal):
@@ -427,31 +467,119 @@ def attaching():
     subprocess.run([ZNCCTL, "delete", "-qf", "piped"], check=True)
 
 
+def is_gone(name):
+    end = time.monotonic() + TIME
+    while name in listed() and time.monotonic() < end:
+        time.sleep(0.05)
+    return name not in listed()
+
+
 def leaving_run():
-    """run -it with detach keys."""
+    """run -it, which the detach keys end while the program goes on."""
     script("read -r line; echo \"got $line\"; exit 5")
-    words = ("run", "-it", "--rm", "--name", "left", "--detach-keys", "ctrl-p,ctrl-q", "-b", BUNDLE)
+    words = ("run", "-it", "--rm", "--name", "left", "-b", BUNDLE)
     t = Terminal(*words)
     t.settings_change()
     t.type("text\r")
-    check("run with detach keys works as without", code(t.wait()) == 5 and b"got text" in t.text, t.text)
+    check("run -it ends with its program", code(t.wait()) == 5 and b"got text" in t.text, t.text)
     check("and with --rm deletes the container", "left" not in listed(), listed())
     t.close()
-    t = Terminal(*words)
+    for options, keys in ((), "\x10\x11"), (("--detach-keys", "a,ctrl-b"), "a\x02"):
+        t = Terminal(words[0], *options, *words[1:])
+        t.settings_change()
+        t.type(keys)
+        check(f"run -it {options}: the keys end it with 0", code(t.wait()) == 0 and t.restored(), t.text)
+        check("the program runs on", " running " in listed(), listed())
+        t.close()
+        t = Terminal("attach", "left")
+        t.settings_change()
+        t.type("late\r")
+        check("it can be attached to", code(t.wait()) == 5 and b"got late" in t.text, t.text)
+        t.close()
+        check("and is deleted at its end", is_gone("left"), listed())
+    t = Terminal("run", "-it", "--name", "left", "--detach-keys", "", "-b", BUNDLE)
     t.settings_change()
+    t.type("a\x10\x11\x11\r")
+    check("--detach-keys '' switches the keys off", code(t.wait()) == 5, t.text)
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-q", "left"], check=True)
+
+
+def what_goes_on_is_complete():
+    """The log and the exit code of a program that was left, and one whose zncctl was killed."""
+    script("echo first; while read -r line; do echo \"got $line\"; [ \"$line\" = end ] && exit 6; done")
+    t = Terminal("run", "-it", "--name", "left", "-b", BUNDLE)
+    t.until("first")
+    t.type("one\r")
+    t.until("got one")
+    check("the output in the foreground is logged", log_becomes("left", b"got one\r\n"), log_of("left"))
+    other = Terminal("attach", "left")
+    other.settings_change()
+    other.type("two\r")
+    check("others can attach meanwhile", other.until("got two") and t.until("got two"), (other.text, t.text))
+    other.type("\x10\x11")
+    check("and leave", code(other.wait()) == 0)
+    other.close()
     t.type("\x10\x11")
-    check("the keys end it with 0", code(t.wait()) == 0 and t.restored(), t.text)
-    check("the program runs on", " running " in listed(), listed())
+    check("the keys end run", code(t.wait()) == 0)
     t.close()
     t = Terminal("attach", "left")
     t.settings_change()
-    t.type("late\r")
-    check("it can be attached to", code(t.wait()) == 5 and b"got late" in t.text, t.text)
+    t.type("end\r")
+    check("the program ends for the one who is attached", code(t.wait()) == 6, t.text)
     t.close()
+    wait = subprocess.run([ZNCCTL, "wait", "left"], capture_output=True, text=True).stdout
+    check("its exit code is known", wait.strip() == "6", wait)
+    said = [line for line in log_of("left").decode().split("\r\n") if line.startswith(("first", "got"))]
+    check("its log is complete and in order", said == ["first", "got one", "got two", "got end"], said)
+    subprocess.run([ZNCCTL, "delete", "-q", "left"], check=True)
+    t = Terminal("run", "-it", "--rm", "--name", "left", "-b", BUNDLE)
+    t.until("first")
+    os.kill(t.pid, signal.SIGKILL)
+    t.wait()
+    t.close()
+    check("killing run leaves the program running", " running " in listed(), listed())
+    t = Terminal("attach", "left")
+    t.settings_change()
+    t.type("end\r")
+    check("which can be attached to", code(t.wait()) == 6, t.text)
+    t.close()
+    check("and is deleted at its end", is_gone("left"), listed())
+
+
+def leaving_start():
+    script("read -r line; echo \"got $line\"; exit 5")
+    subprocess.run([ZNCCTL, "create", "-it", "--name", "left", "-b", BUNDLE], check=True, stdout=subprocess.DEVNULL)
+    t = Terminal("start", "-a", "--detach-keys", "z", "left")
+    t.settings_change()
+    t.type("z")
+    check("start -a can be left, too", code(t.wait()) == 0 and " running " in listed(), t.text)
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-qf", "left"], check=True)
+
+
+def leaving_exec():
+    script("while :; do sleep 0.05; done")
+    subprocess.run([ZNCCTL, "run", "-d", "--name", "base", "-b", BUNDLE], check=True, stdout=subprocess.DEVNULL)
+    # more output than a terminal holds: it must not block when nobody reads it any more
+    later = "echo ready; while ! test -e /tmp/go; do sleep 0.05; done; busybox yes | busybox head -c 300000; >/tmp/done"
+    t = Terminal("exec", "-it", "base", "sh", "-c", later)
+    t.until("ready")
+    t.type("\x10\x11")
+    check("exec -it: the keys end it with 0", code(t.wait()) == 0 and t.restored(), t.text)
+    t.close()
+    subprocess.run([ZNCCTL, "exec", "base", "sh", "-c", ">/tmp/go"], check=True)
+    is_done = lambda: subprocess.run([ZNCCTL, "exec", "base", "sh", "-c", "test -e /tmp/done"]).returncode == 0
     end = time.monotonic() + TIME
-    while "left" in listed() and time.monotonic() < end:
+    while not is_done() and time.monotonic() < end:
         time.sleep(0.05)
-    check("and is deleted at its end", "left" not in listed(), listed())
+    check("its program goes on", is_done())
+    t = Terminal("exec", "-it", "--detach-keys", "", "base", "sh", "-c", "busybox stty -ixon; read -r a; exit 3")
+    t.settings_change()
+    t.type("\x10\x11\x11\r")
+    check("--detach-keys '' switches the keys off", code(t.wait()) == 3, t.text)
+    t.close()
+    subprocess.run([ZNCCTL, "delete", "-qf", "base"], check=True)
 
 
 def more_programs():
@@ -552,8 +680,7 @@ def progress():
 
 
 for trial in (a_terminal_of_its_own, typing_and_sizes, keys_that_are_signals, every_way_out, stopping,
-              nothing_of_the_callers_terminal, typing_ahead, floods, background, detached, attaching, leaving_run,
-              more_programs,
-              colours, widths, progress):
+              nothing_of_the_callers_terminal, the_name_of_the_terminal, typing_ahead, floods, background, detached,
+              attaching, leaving_run, what_goes_on_is_complete, leaving_start, leaving_exec, more_programs, colours, widths, progress):
     trial()
 sys.exit(failed != 0)

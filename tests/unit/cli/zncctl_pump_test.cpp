@@ -196,6 +196,28 @@ TEST(PumpInput, WatcherSeesWhatIsReadAndTheEndIsAText)
     EXPECT_TRUE(pump.done());
 }
 
+TEST(PumpInput, FilterReplacesWhatIsRead)
+{
+    Pipe from;
+    Pipe to;
+    std::string seen;
+    Pump pump(PumpEnd::own(std::move(from.reader)), PumpEnd::own(std::move(to.writer)), "x");
+    pump.filter([](std::string_view text) {
+        return text == "none" ? "" : std::string(text) + std::string(100000, '+');
+    });
+    pump.watch([&](std::string_view text) { seen += text; }, "");
+    from.put("none");
+    turn(pump);
+    from.put("more");
+    std::string got;
+    for (int i = 0; i < 100 && got.size() < 100004; i++) {
+        turn(pump);
+        got += to.get();
+    }
+    EXPECT_EQ(got, "more" + std::string(100000, '+'));
+    EXPECT_EQ(seen, got);
+}
+
 TEST(PumpInput, DirectoryIsAFailureAndNoInput)
 {
     Pipe to;

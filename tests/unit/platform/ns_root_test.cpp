@@ -89,4 +89,56 @@ TEST_F(NamespaceRoot, LinksOfTheContainerLeadNowhereElse)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
+struct Terminal {
+    znc::UniqueFd master;
+    znc::UniqueFd user;
+};
+
+Terminal open_terminal(nsid_t ns)
+{
+    int master = -1;
+    int user = -1;
+    if (znnsTerminalOpen(ns, &master, &user) != OK) {
+        EXPECT_EQ(master, -1);
+        EXPECT_EQ(user, -1);
+    }
+    return {znc::UniqueFd(master), znc::UniqueFd(user)};
+}
+
+TEST_F(NamespaceRoot, ItsTerminalsAreThoseOfItsOwnFileSystem)
+{
+    fs::create_directories(root_ + "/dev");
+    const nsid_t ns = rooted();
+    {
+        const Terminal terminal = open_terminal(ns);
+        ASSERT_TRUE(terminal.master && terminal.user);
+        EXPECT_EQ(::fcntl(terminal.master.get(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(::fcntl(terminal.user.get(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(run(ns, "echo hello >/dev/pts/0"), "");
+        std::array<char, 16> text{};
+        EXPECT_EQ(::read(terminal.master.get(), text.data(), text.size()), 7);
+        EXPECT_STREQ(text.data(), "hello\r\n");
+    }
+    EXPECT_EQ(znnsDelete(ns), OK);
+    EXPECT_FALSE(open_terminal(ns).master);
+    EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(NamespaceRoot, WhatOnlyStandsWhereTerminalsAreMadeIsNotOpened)
+{
+    fs::create_directories(root_ + "/dev");
+    const nsid_t ns = rooted();
+    for (const char* planted :
+         {"mkfifo /dev/pts/ptmx", "ln -s /dev/null /dev/pts/ptmx", "echo >/dev/pts/ptmx", "true"}) {
+        ASSERT_EQ(mount(ns, "none", "/dev/pts", "tmpfs", {}), OK);
+        ASSERT_EQ(run(ns, planted), "") << planted;
+        EXPECT_FALSE(open_terminal(ns).master) << planted; // and does not wait for a reader
+        EXPECT_EQ(errno, ENOENT) << planted;
+        const std::array<const char*, 1> options = {nullptr};
+        ASSERT_EQ(znnsUmount(ns, "", "none", "/dev/pts", "tmpfs", options.data()), OK);
+    }
+    EXPECT_TRUE(open_terminal(ns).master);
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
 } // namespace
