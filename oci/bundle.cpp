@@ -67,14 +67,6 @@ std::string real_path(const std::string& path, const char* what)
     return resolved;
 }
 
-bool has_variable(const TextList& env, const std::string& name)
-{
-    for (const std::string& one : env.texts())
-        if (one.compare(0, name.size() + 1, name + "=") == 0)
-            return true;
-    return false;
-}
-
 // The sixth field of the user's line in the passwd file inside the tree; "/" without one.
 std::string home_of(std::int64_t uid, const std::string& rootfs)
 {
@@ -143,10 +135,16 @@ Process Process::read(const Json& json)
     return process;
 }
 
+bool Process::has_variable(const std::string& name) const
+{
+    return std::any_of(env.texts().begin(), env.texts().end(),
+                       [&](const std::string& one) { return one.starts_with(name + "="); });
+}
+
 void Process::complete_environment(const Json& process, const std::string& rootfs)
 {
     const Json* user = zncctl::member(process, "user");
-    if (!has_variable(env, "HOME"))
+    if (!has_variable("HOME"))
         env.add("HOME=" +
                 home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
     const int sockets = listening_descriptors();
@@ -257,10 +255,26 @@ void Bundle::read_mounts()
             mount.source = absolute(mount.source);
     }
     for (const Mount& mount : mounts_)
-        table_.push_back({mount.source.c_str(), mount.destination.c_str(),
-                          mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get(),
-                          mount.uids.data(), mount.uids.size(), mount.gids.data(),
-                          mount.gids.size()});
+        add_to_table(mount);
+}
+
+void Bundle::add_to_table(const Mount& mount)
+{
+    table_.push_back({mount.source.c_str(), mount.destination.c_str(),
+                      mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get(),
+                      mount.uids.data(), mount.uids.size(), mount.gids.data(), mount.gids.size()});
+}
+
+void Bundle::add_bind(const std::string& source, const std::string& destination,
+                      std::initializer_list<const char*> flags)
+{
+    Mount& mount = mounts_.emplace_back();
+    mount.source = source;
+    mount.destination = destination;
+    mount.options.add("bind");
+    for (const char* flag : flags)
+        mount.options.add(flag);
+    add_to_table(mount);
 }
 
 Json Bundle::annotations() const

@@ -173,7 +173,7 @@ znc::UniqueFd connect_console(const Arguments& args, bool terminal)
 Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
-    const Bundle bundle(args.value("bundle", ""), args.value("config", ""));
+    Bundle bundle(args.value("bundle", ""), args.value("config", ""));
     for (const std::string& name : bundle.unknown_capabilities())
         log_line(context, "warning", "unknown capability " + name + " is not granted");
     const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
@@ -190,6 +190,7 @@ Container create_container(const Context& context, const Arguments& args)
     // The group is known before it is created: whoever deletes the container finds it.
     directory.write(container);
     directory.write_config(bundle.document());
+    offer_ready_socket(bundle, directory);
     ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
     plan.mark = container.mark.c_str();
@@ -220,7 +221,7 @@ Container create_container(const Context& context, const Arguments& args)
     return container;
 }
 
-void start_container(const Context& context, const std::string& id, sigset_t* signals)
+Started start_container(const Context& context, const std::string& id, sigset_t* signals)
 {
     const StateDirectory directory = StateDirectory::open(context, id, Lock::kExclusive);
     const Container container = directory.read();
@@ -231,6 +232,7 @@ void start_container(const Context& context, const std::string& id, sigset_t* si
         throw Failure("cannot start a paused container");
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
+    Started started = {container.process, ReadySocket::listen(context, directory)};
     run_start_hooks(container, directory);
     if (signals != nullptr)
         *signals = block_forwarded_signals();
@@ -239,6 +241,7 @@ void start_container(const Context& context, const std::string& id, sigset_t* si
         throw Failure(reason.data());
     run_hooks(directory.read_config(), "poststart", state_text(container, Status::kRunning),
               OnFailure::kContinue);
+    return started;
 }
 
 void remove_container(StateDirectory& directory)

@@ -3,6 +3,7 @@
 #define ZNC_OCI_CONTAINER_HPP
 
 #include "bundle.hpp"
+#include "ready.hpp"
 
 #include <csignal>
 
@@ -11,9 +12,14 @@ namespace zncrun {
 // Creates the container that `args` describe (create, run): the id is the first operand.
 Container create_container(const Context& context, const Arguments& args);
 
+struct Started {
+    ZN_ENGINE_PROCESS process = {};
+    ReadySocket ready;
+};
+
 // `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
 // Before, while hooks run, they end this process.
-void start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
+Started start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);

@@ -9,6 +9,8 @@
 
 namespace zncrun {
 
+class ReadySocket;
+
 // "15", "TERM", "SIGTERM", "RTMIN+3"; -1 for what is no signal.
 int signal_number(std::string_view text);
 
@@ -17,7 +19,9 @@ int signal_number(std::string_view text);
 sigset_t block_forwarded_signals();
 
 // Waits for the program, a child, and forwards signals to it. Its exit status as a shell gives it.
-int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals);
+// `ready`: if given, passes on that the container is ready.
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals,
+                       ReadySocket* ready = nullptr);
 
 } // namespace zncrun
 
