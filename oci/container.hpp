@@ -18,7 +18,7 @@ struct Started {
 };
 
 // `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
-// Before, while hooks run, they end this process.
+// Before, while hooks run, those that would end this process end the hook, and this call fails.
 Started start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup and state directory.

@@ -61,6 +61,7 @@ typedef struct znEngineProgram {
     BOOL keepKeyring; /* FALSE: it gets a session keyring of its own */
     const char* file; /* its path; NULL: argv[0] is looked up in PATH */
     int input;        /* its standard input; 0 is that of the caller */
+    int output;       /* its standard output; 0: that of the caller */
 } ZN_ENGINE_PROGRAM;
 
 /* A process, also if its id is used again. */
@@ -127,10 +128,10 @@ STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, cons
 
 /*
  * Run a hook in the namespaces of the container of `process`, as a child of the caller and in the
- * container's control group, with `input` on its standard input. Its standard streams are otherwise
- * the caller's. With a document it is confined as the container's own program is, and its path is
- * one of the container. Without, it has the rights of the caller; this is for znEnginePlan.prepared
- * only. Returns when it runs.
+ * container's control group, as the first process of a process group, with `input` on its standard
+ * input. With a document it is confined as the container's own program is, and its path is one of
+ * the container. Without, it has the rights of the caller; this is for znEnginePlan.prepared only.
+ * Returns when it runs.
  */
 STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
                     const ZN_ENGINE_PROGRAM* hook, const char* input, pid_t* pid, char* reason,

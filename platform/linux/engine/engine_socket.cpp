@@ -98,7 +98,8 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
         return false;
     // A stream that is closed is replaced by the null device.
     for (int stream = 0; stream <= 2; stream++) {
-        const int given = stream == 0 ? program.input : stream;
+        const int output = program.output != 0 ? program.output : 1;
+        const int given = stream == 0 ? program.input : stream == 1 ? output : stream;
         fds_[count_++] = {::fcntl(given, F_GETFD) >= 0 ? given : null_.get(), stream};
     }
     for (int i = 0; i < kHelperFds; i++)

@@ -208,6 +208,7 @@ void program_become_unconfined(const Program& program)
 {
     constexpr long kUmask = 022;
     sys::call(__NR_umask, kUmask);
+    check(sys::call(__NR_setpgid, 0, 0));
     const int report = give_descriptors(program.descriptors);
     default_signals();
     program_report(report, wire::SpawnReport::Kind::kProgram, 0);

@@ -119,7 +119,7 @@ refused 'delete --force does not wait for the hook' 'another command'
 check 'the container is killed' eventually not lives "$pid"
 kill -TERM "$runner"
 check 'run can be ended meanwhile' eventually not lives "$runner"
-kill "$(<"$work/held")"
+check 'and the hook ends with it' eventually not lives "$(<"$work/held")"
 run zncrun delete --force "$me-web"
 expect 'and the container deleted then' 0 ''
 plain_again
