@@ -91,6 +91,11 @@ P
 run timeout 60 python3 "$work/terminal.py" "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty \
     --console-socket "$work/socket" "$me-web" sh -c 'tty; exec 3<>/dev/tty && echo controlling'
 expect 'exec with a terminal' 0 $'/dev/pts/0\ncontrolling'
+jq '.args = ["stty", "size"] | .terminal = true | .consoleSize = {height: 33, width: 133}' "$work/process.json" \
+    >"$work/size.json"
+run timeout 60 python3 "$work/terminal.py" "$work/socket4" "$ZNCRUN" --root "$work/state" exec \
+    --process "$work/size.json" --console-socket "$work/socket4" "$me-web"
+expect 'the terminal of exec has the size in the process file' 0 '33 133'
 make_bundle tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
 change tty '.process.terminal = true | .process.consoleSize = {height: 30, width: 90}'
 run timeout 60 python3 "$work/terminal.py" "$work/$(printf 'long%.0s' {1..30})" "$ZNCRUN" --root "$work/state" run \
