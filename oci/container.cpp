@@ -13,6 +13,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -125,6 +126,15 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
 
 } // namespace
 
+const char* pid_file_of(const Arguments& args)
+{
+    const char* path = args.value("pid-file");
+    struct stat st = {};
+    if (path != nullptr && ::lstat(path, &st) == 0 && !S_ISREG(st.st_mode))
+        throw Failure(fmt::format("--pid-file: {}: not a regular file", path));
+    return path;
+}
+
 void write_pid_file(const char* path, pid_t pid)
 {
     if (path == nullptr)
@@ -173,6 +183,7 @@ znc::UniqueFd connect_console(const Arguments& args, bool terminal)
 Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
+    const char* pidFile = pid_file_of(args);
     Bundle bundle(args.value("bundle", ""), args.value("config", ""));
     for (const std::string& name : bundle.unknown_capabilities())
         log_line(context, "warning", "unknown capability " + name + " is not granted");
@@ -208,7 +219,7 @@ Container create_container(const Context& context, const Arguments& args)
         if (!alive)
             throw Failure(!hooks.failure().empty() ? hooks.failure() : reason.data());
         directory.write(container);
-        write_pid_file(args.value("pid-file"), container.process.pid);
+        write_pid_file(pidFile, container.process.pid);
         if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
             throw Failure(reason.data());
     } catch (const Failure&) {

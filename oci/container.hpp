@@ -24,6 +24,10 @@ Started start_container(const Context& context, const std::string& id, sigset_t*
 // Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);
 
+// The file of --pid-file; null without one. Fails if something else than a regular file has the
+// path, which write_pid_file() would replace.
+const char* pid_file_of(const Arguments& args);
+
 // Writes the process id for an engine that waits for the file: it is never seen incomplete.
 void write_pid_file(const char* path, pid_t pid);
 

@@ -100,6 +100,7 @@ std::string document_of(const Json& process, const Json& config)
 int run_exec(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
+    const char* pidFile = pid_file_of(args);
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
     const Status status = directory.status(container);
@@ -127,7 +128,7 @@ int run_exec(const Context& context, const Arguments& args)
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);
     try {
-        write_pid_file(args.value("pid-file"), started.pid);
+        write_pid_file(pidFile, started.pid);
     } catch (const Failure&) { // nobody would know of the program
         znEngineProcessSignal(&started, SIGKILL);
         throw;

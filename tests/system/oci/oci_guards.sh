@@ -161,6 +161,28 @@ chmod 700 "$work/deep/er"
 run zncrun --root "$work/deep/er" delete --force "$me-web"
 expect 'it is used again once they may not' 0 ''
 
+# Files that others hold up: nobody reads the FIFO.
+mkfifo "$work/fifo" "$work/pid.new"
+ln -sf /dev/null "$work/null"
+for log in "$work/fifo" /dev/null "$work/null" "$work"; do
+    run timeout 20 "$ZNCRUN" --log "$log" --root "$work/state" state "$me-web"
+    refused "a log at $log" "--log: $log: not a regular file"
+done
+for file in "$work/fifo" "$work/null" "$work"; do
+    run timeout 20 "$ZNCRUN" --root "$work/state" create --pid-file "$file" --bundle "$work/web" "$me-web"
+    refused "a pid file at $file" "--pid-file: $file: not a regular file"
+done
+check 'they are as they were' test -p "$work/fifo" -a "$(readlink "$work/null")" = /dev/null
+run timeout 20 "$ZNCRUN" --root "$work/state" create --pid-file "$work/pid" --bundle "$work/web" "$me-web"
+refused 'a FIFO at the temporary name of a pid file' "$work/pid"
+check 'nothing is left of the container' test ! -e "$work/state/$me-web"
+run zncrun run --detach --bundle "$work/web" "$me-web"
+run timeout 20 "$ZNCRUN" --root "$work/state" exec --detach --pid-file "$work/fifo" "$me-web" sleep "$mark"
+refused 'a pid file of exec' "--pid-file: $work/fifo: not a regular file"
+check 'its program was not started' not pgrep -f "sleep $mark"
+run zncrun delete --force "$me-web"
+rm "$work/fifo" "$work/pid.new"
+
 # A container that does not answer.
 run zncrun create --bundle "$work/web" "$me-web"
 pid=$(state_of "$me-web" .pid)
