@@ -283,7 +283,7 @@ Json Bundle::annotations() const
     return zncctl::is_object(annotations) ? *annotations : Json::object();
 }
 
-std::string Bundle::group(const std::string& id, bool systemd) const
+std::string Bundle::group(const std::string& name, bool systemd) const
 {
     if (systemd)
         throw Failure("control groups by systemd are not supported (--systemd-cgroup)");
@@ -293,7 +293,7 @@ std::string Bundle::group(const std::string& id, bool systemd) const
     if (path.find(':') != path.npos)
         throw Failure("linux.cgroupsPath: names a systemd slice, which is not supported");
     if (path.empty())
-        return "/zncrun/" + id;
+        return "/zncrun/" + name;
     return path[0] == '/' ? path : "/" + path;
 }
 

@@ -124,6 +124,18 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
     }
 }
 
+// Containers with the same id below different root directories have groups of their own. An id does
+// not contain "@".
+std::string group_name(const Context& context, const std::string& id)
+{
+    struct stat st = {};
+    if (context.root == kDefaultRoot)
+        return id;
+    if (::stat(context.root.c_str(), &st) != 0)
+        throw Failure(fmt::format("{}: {}", context.root, zncctl::error_text()));
+    return fmt::format("{}@{:x}-{:x}", id, st.st_dev, st.st_ino);
+}
+
 } // namespace
 
 const char* pid_file_of(const Arguments& args)
@@ -193,11 +205,11 @@ Container create_container(const Context& context, const Arguments& args)
     container.bundle = bundle.directory();
     container.rootfs = bundle.rootfs();
     container.created = zncctl::time_text(std::time(nullptr));
-    container.group = bundle.group(container.id, context.systemd);
     container.mark = new_mark();
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
+    container.group = bundle.group(group_name(context, container.id), context.systemd);
     // The group is known before it is created: whoever deletes the container finds it.
     directory.write(container);
     directory.write_config(bundle.document());

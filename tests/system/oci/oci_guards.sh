@@ -38,6 +38,19 @@ run zncrun run --bundle "$work/web" "$me-web"
 check 'what outlives the first process is killed with the group' not pgrep -f "sleep $mark"
 plain_again
 
+# Containers with the same id.
+change web '.process.args = ["sleep", "1000"]'
+run zncrun run --detach --bundle "$work/web" "$me-web"
+expect 'a container' 0 ''
+run "$ZNCRUN" --root "$work/elsewhere" run --detach --bundle "$work/web" "$me-web"
+expect 'another one with the same id below another root directory' 0 ''
+run zncrun ps --format json "$me-web"
+check 'they do not share a group' test "$(jq length "$work/out")" = 1
+run "$ZNCRUN" --root "$work/elsewhere" delete --force "$me-web"
+expect 'one is deleted' 0 ''
+check 'the other one lives' is_state "$me-web" running
+run zncrun delete --force "$me-web"
+
 # Callers that ignore the ends of their children.
 cat >"$work/ignore.py" <<'P'
 import os, signal, sys
