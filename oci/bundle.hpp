@@ -83,6 +83,7 @@ class Bundle {
     };
     void read_root();
     void read_mounts();
+    void check_annotations() const;
     void add_to_table(const Mount& mount);
     [[nodiscard]] std::string absolute(const std::string& path) const;
 

@@ -284,13 +284,11 @@ void remove_container(StateDirectory& directory)
         if (!group.empty() && znEngineGroupRemove(group.c_str(), container.mark.c_str()) != OK &&
             errno != EBUSY)
             throw Failure(fmt::format("cgroup {}: {}", group, zncctl::error_text()));
-        Json config = Json::object();
         try {
-            config = directory.read_config();
+            run_hooks(directory.read_config(), "poststop", state_text(container, Status::kStopped),
+                      OnFailure::kContinue);
         } catch (const Failure&) { // the configuration cannot be read: no hooks are run
         }
-        run_hooks(config, "poststop", state_text(container, Status::kStopped),
-                  OnFailure::kContinue);
     }
     directory.remove();
 }

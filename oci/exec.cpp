@@ -111,6 +111,8 @@ int run_exec(const Context& context, const Arguments& args)
     const Json config = directory.read_config();
     const char* file = args.value("process");
     Json json = file != nullptr ? parse_process(file) : process_of(config, args);
+    if (!json.is_object())
+        throw Failure("process: not an object");
     for (const std::string& name : drop_unknown_capabilities(json))
         log_line(context, "warning", "unknown capability " + name + " is not granted");
     if (args.has("tty"))

@@ -2,6 +2,7 @@
 
 #include "base/owned.hpp"
 #include "bundle.hpp"
+#include "fields.hpp"
 #include "front/files.hpp"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
+#include <limits>
 #include <optional>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -30,22 +32,17 @@ struct Hook {
     std::optional<std::int64_t> seconds;
 };
 
-void read_texts(const Json* list, TextList& texts)
+void read_hook(const Fields& fields, Hook& hook)
 {
-    for (const Json& one : zncctl::children(list))
-        texts.add(one.is_string() ? one.get<std::string>() : "");
-}
-
-void read_hook(const Json& json, Hook& hook)
-{
-    hook.path = zncctl::text_of(json, "path");
+    constexpr std::int64_t kLongest = std::numeric_limits<std::int32_t>::max();
+    hook.path = fields.text("path");
     if (hook.path.empty() || hook.path[0] != '/')
-        throw Failure("the path of a hook must be absolute");
-    read_texts(zncctl::member(json, "args"), hook.args);
+        throw Failure(fields.name("path") + ": not an absolute path");
+    fields.each_text("args", [&](const std::string& one) { hook.args.add(one); });
     if (hook.args.size() == 0)
         hook.args.add(hook.path);
-    read_texts(zncctl::member(json, "env"), hook.env);
-    hook.seconds = zncctl::integer(zncctl::member(json, "timeout"));
+    fields.each_text("env", [&](const std::string& one) { hook.env.add(one); });
+    hook.seconds = fields.number("timeout", 1, kLongest);
 }
 
 // A file with the text, to be read from its beginning. A pipe could be full before a hook reads.
@@ -184,33 +181,45 @@ void run_hook(const Hook& hook, const std::string& state, const HookPlace* place
                                                                       : 128 + WTERMSIG(status)));
 }
 
-const Json* hooks_of(const Json& config, const char* kind)
+// Calls visit(hook) for each hook of the kind, in their order.
+template <class Visit> void each_hook(const Json& config, const char* kind, Visit&& visit)
 {
-    return zncctl::member(zncctl::member(config, "hooks"), kind);
+    if (const auto hooks = Fields(config, "").object("hooks"))
+        hooks->each(kind, [&](const Json& one, const std::string& where) {
+            Hook hook;
+            read_hook(Fields(one, where), hook);
+            visit(hook);
+        });
 }
 
 } // namespace
 
+void check_hooks(const Json& config)
+{
+    for (const char* kind : {"prestart", "createRuntime", "createContainer", "startContainer",
+                             "poststart", "poststop"})
+        each_hook(config, kind, [](const Hook&) {});
+}
+
 bool has_hooks(const Json& config, const char* kind)
 {
-    const Json* list = hooks_of(config, kind);
-    return list != nullptr && !list->empty();
+    bool any = false;
+    each_hook(config, kind, [&](const Hook&) { any = true; });
+    return any;
 }
 
 void run_hooks(const Json& config, const char* kind, const std::string& state, OnFailure reaction,
                const HookPlace* place)
 {
-    for (const Json& one : zncctl::children(hooks_of(config, kind))) {
-        Hook hook;
+    each_hook(config, kind, [&](const Hook& hook) {
         try {
-            read_hook(one, hook);
             run_hook(hook, state, place);
         } catch (const Failure& failure) {
             if (reaction == OnFailure::kFail)
                 throw Failure(
                     fmt::format("error running {} hook {}: {}", kind, hook.path, failure.what()));
         }
-    }
+    });
 }
 
 } // namespace zncrun

@@ -37,6 +37,12 @@ if [[ $(cat /sys/module/apparmor/parameters/enabled 2>/dev/null) != Y ]]; then
     inside --apparmor profile "$me-web" true
     refused 'also as an option' 'process.apparmorProfile'
 fi
+for change in '[]:process' '.terminal = 1:process.terminal' '.args = ["a", 1]:process.args[1]' '.cwd = 1:process.cwd' \
+    '.env = "A=b":process.env' '.consoleSize = {height: "a"}:process.consoleSize.height' '.user = 1:process.user'; do
+    jq "${change%:*}" "$work/process.json" >"$work/bad.json"
+    inside --process "$work/bad.json" "$me-web"
+    refused "a process file changed by ${change%:*}" "${change##*:}: not "
+done
 jq '.args = ["sleep", "500"]' "$work/process.json" >"$work/sleep.json"
 inside --detach --pid-file "$work/pid" --process "$work/sleep.json" "$me-web"
 expect 'detached' 0 ''

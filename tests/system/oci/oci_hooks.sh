@@ -37,7 +37,7 @@ refused 'a createContainer hook that takes too long' 'longer than 1 seconds'
 given '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
 refused 'a createContainer hook that does not exist' '/bin/nosuch'
 given '.hooks.createContainer = [{path: "bin/true"}]' true
-refused 'a path that is not absolute' 'must be absolute'
+refused 'a path that is not absolute' 'hooks.createContainer[0].path: not an absolute path'
 
 # All that are of the creation run before the program is looked up, in their order.
 given ".hooks = {createContainer: [$(hook "echo third >>$work/order; printf '#!/bin/sh\\necho late\\n' >$root/bin/late; chmod 755 $root/bin/late")],
