@@ -182,6 +182,9 @@ typedef struct znEngineUse {
 } ZN_ENGINE_USE;
 STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use);
 
+/* Whether the caller is an ordinary user, or root of a user namespace that has not all users. */
+BOOL znEngineRootless(void);
+
 /* Connect to the socket at `path`. A close-on-exec descriptor, or -1. */
 int znEngineConnect(const char* path);
 

@@ -174,6 +174,20 @@ chmod 700 "$work/deep/er"
 run zncrun --root "$work/deep/er" delete --force "$me-web"
 expect 'it is used again once they may not' 0 ''
 
+# The directory of an ordinary user, and of the root of a user namespace.
+mkdir -m 700 "$work/own"
+chown 65534:65534 "$work/own"
+chmod 755 "$work"
+as_user() { setpriv --reuid 65534 --regid 65534 --clear-groups env XDG_RUNTIME_DIR="$work/own" "$@"; }
+cp "$ZNCRUN" "$work/program"
+run as_user timeout 20 "$work/program" create --bundle "$work/web" "$me-web"
+check 'an ordinary user has a root directory of his own' test "$status" = 1 -a -d "$work/own/zncrun"
+rmdir "$work/own/zncrun"
+run as_user unshare -U --map-root-user timeout 20 "$work/program" list
+check 'the root of a user namespace, too' grep -q "zncrun: $work/own/zncrun: " "$work/err"
+run env XDG_RUNTIME_DIR="$work/own" timeout 20 "$work/program" list
+check 'the root of the host has the same in any environment' not grep -q "$work/own" "$work/err"
+
 # Files that others hold up: nobody reads the FIFO.
 mkfifo "$work/fifo" "$work/pid.new"
 ln -sf /dev/null "$work/null"
