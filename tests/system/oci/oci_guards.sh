@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tests of what zncrun must not do to others: to processes, files and names that do not belong to
 # the container, whatever the configuration, the caller or another container have prepared.
-# shellcheck source=oci_lib.sh disable=SC2016
+# shellcheck source=oci_lib.sh disable=SC2016,SC2317
 . "$(dirname "$0")/oci_lib.sh"
 
 make_bundle web sleep 1000

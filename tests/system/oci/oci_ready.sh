@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of readiness notification: what a container sends to its socket, and what the service manager gets.
-# shellcheck source=oci_lib.sh disable=SC2016
+# shellcheck source=oci_lib.sh disable=SC2016,SC2317
 . "$(dirname "$0")/oci_lib.sh"
 
 # A service manager: one line for each message, in JSON. It closes the descriptors that come with a message.
