@@ -99,10 +99,17 @@ std::optional<std::string> read_file(const std::string& path, int dir)
 bool replace_file(int dir, const char* name, std::string_view content, bool lasting)
 {
     const std::string fresh = std::string(name) + ".new";
-    znc::UniqueFd file(
-        ::openat(dir, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
+    // A FIFO at the temporary name would be waited for.
+    znc::UniqueFd file(::openat(dir, fresh.c_str(),
+                                O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                                0600));
+    struct stat st = {};
+    if (!file || ::fstat(file.get(), &st) != 0)
         return false;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
     if (write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
         file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0)
         return !lasting || ::fsync(dir) == 0;

@@ -1,7 +1,9 @@
 #include "bundle.hpp"
 
+#include "fields.hpp"
 #include "front/files.hpp"
 #include "front/words.hpp"
+#include "hooks.hpp"
 #include "zarnel/fs.h"
 
 #include <algorithm>
@@ -16,47 +18,26 @@
 namespace zncrun {
 namespace {
 
-// The value of a member that must be a string if it exists.
-std::string optional_text(const Json& object, const char* key, const std::string& where)
+void read_list(const Fields& fields, const char* key, TextList& list)
 {
-    const Json* value = zncctl::member(object, key);
-    if (value == nullptr || value->is_null())
-        return {};
-    if (!value->is_string())
-        throw Failure(fmt::format("{}.{}: not a text", where, key));
-    return value->get<std::string>();
+    fields.each_text(key, [&](const std::string& one) { list.add(one); });
 }
 
-void read_list(const Json& object, const char* key, const std::string& where, TextList& list)
+std::uint32_t required_id(const Fields& fields, const char* key, std::int64_t least)
 {
-    const Json* value = zncctl::member(object, key);
-    if (value == nullptr || value->is_null())
-        return;
-    if (!value->is_array())
-        throw Failure(fmt::format("{}.{}: not an array", where, key));
-    for (const Json& one : *value) {
-        if (!one.is_string())
-            throw Failure(fmt::format("{}.{}: contains what is not a text", where, key));
-        list.add(one.get<std::string>());
-    }
+    const auto number = fields.number(key, least, UINT32_MAX);
+    if (!number)
+        throw Failure(fields.name(key) + ": is missing");
+    return static_cast<std::uint32_t>(*number);
 }
 
-void read_ids(const Json& object, const char* key, const std::string& where,
-              std::vector<ZN_ENGINE_IDS>& ids)
+void read_ids(const Fields& fields, const char* key, std::vector<ZN_ENGINE_IDS>& ids)
 {
-    const Json* value = zncctl::member(object, key);
-    if (value == nullptr || value->is_null())
-        return;
-    if (!value->is_array())
-        throw Failure(fmt::format("{}.{}: not an array", where, key));
-    const auto id = [&](const Json& one, const char* name, std::int64_t least) {
-        const auto number = zncctl::integer(zncctl::member(one, name));
-        if (!number || *number < least || *number > UINT32_MAX)
-            throw Failure(fmt::format("{}.{}: {} is no number of ids", where, key, name));
-        return static_cast<std::uint32_t>(*number);
-    };
-    for (const Json& one : *value)
-        ids.push_back({id(one, "containerID", 0), id(one, "hostID", 0), id(one, "size", 1)});
+    fields.each(key, [&](const Json& one, const std::string& where) {
+        const Fields range(one, where);
+        ids.push_back({required_id(range, "containerID", 0), required_id(range, "hostID", 0),
+                       required_id(range, "size", 1)});
+    });
 }
 
 std::string real_path(const std::string& path, const char* what)
@@ -65,14 +46,6 @@ std::string real_path(const std::string& path, const char* what)
     if (::realpath(path.c_str(), resolved) == nullptr)
         throw Failure(fmt::format("{} {:?}: {}", what, path, zncctl::error_text()));
     return resolved;
-}
-
-bool has_variable(const TextList& env, const std::string& name)
-{
-    for (const std::string& one : env.texts())
-        if (one.compare(0, name.size() + 1, name + "=") == 0)
-            return true;
-    return false;
 }
 
 // The sixth field of the user's line in the passwd file inside the tree; "/" without one.
@@ -123,30 +96,34 @@ void TextList::add(const std::string& text)
 
 Process Process::read(const Json& json)
 {
-    if (!json.is_object())
-        throw Failure("process: not an object");
+    constexpr std::int64_t kLongest = 65535; // rows or columns of a terminal
+    const Fields fields(json, "process");
     Process process;
-    process.cwd = optional_text(json, "cwd", "process");
+    process.cwd = fields.text("cwd");
     if (process.cwd.empty() || process.cwd[0] != '/')
         throw Failure("process.cwd: must be an absolute path");
-    read_list(json, "args", "process", process.args);
+    read_list(fields, "args", process.args);
     if (process.args.size() == 0 || process.args.texts().front().empty())
         throw Failure("process.args: is missing or empty");
-    read_list(json, "env", "process", process.env);
-    const Json* terminal = zncctl::member(json, "terminal");
-    process.terminal = terminal != nullptr && terminal->is_boolean() && terminal->get<bool>();
-    const Json* size = zncctl::member(json, "consoleSize");
-    process.rows =
-        static_cast<unsigned>(zncctl::integer(zncctl::member(size, "height")).value_or(0));
-    process.columns =
-        static_cast<unsigned>(zncctl::integer(zncctl::member(size, "width")).value_or(0));
+    read_list(fields, "env", process.env);
+    process.terminal = fields.boolean("terminal");
+    if (const auto size = fields.object("consoleSize")) {
+        process.rows = static_cast<unsigned>(size->number("height", 0, kLongest).value_or(0));
+        process.columns = static_cast<unsigned>(size->number("width", 0, kLongest).value_or(0));
+    }
     return process;
+}
+
+bool Process::has_variable(const std::string& name) const
+{
+    return std::any_of(env.texts().begin(), env.texts().end(),
+                       [&](const std::string& one) { return one.starts_with(name + "="); });
 }
 
 void Process::complete_environment(const Json& process, const std::string& rootfs)
 {
     const Json* user = zncctl::member(process, "user");
-    if (!has_variable(env, "HOME"))
+    if (!has_variable("HOME"))
         env.add("HOME=" +
                 home_of(zncctl::integer(zncctl::member(user, "uid")).value_or(0), rootfs));
     const int sockets = listening_descriptors();
@@ -158,8 +135,8 @@ void Process::complete_environment(const Json& process, const std::string& rootf
 
 ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
 {
-    return {cwd.c_str(), args.get(), env.get(), descriptors, console,
-            rows,        columns,    FALSE,     nullptr,     0};
+    return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows,
+            columns,     FALSE,      nullptr,   0,           0};
 }
 
 std::vector<std::string> drop_unknown_capabilities(Json& process)
@@ -198,22 +175,32 @@ Bundle::Bundle(const std::string& directory, const std::string& config)
     if (!json)
         throw Failure(fmt::format("{}: {}", path, notes.problem));
     config_ = *std::move(json);
-    if (!config_.is_object())
-        throw Failure(path + ": not an object");
-    const std::string version = zncctl::text_of(config_, "ociVersion");
+    const Fields fields(config_, "");
+    const std::string version = fields.text("ociVersion");
     if (version.rfind("1.", 0) != 0)
         throw Failure(fmt::format("ociVersion: version {:?} is not supported", version));
     read_root();
     read_mounts();
-    const auto process = config_.find("process");
-    if (process == config_.end())
+    if (fields.find("process") == nullptr)
         throw Failure("process: is missing");
-    unknown_ = drop_unknown_capabilities(*process);
+    Json& process = config_["process"];
+    unknown_ = drop_unknown_capabilities(process);
     if (!unknown_.empty())
         document_ = zncctl::compact(config_);
-    process_ = Process::read(*process);
-    process_.complete_environment(*process, rootfs_);
-    domain_ = optional_text(config_, "domainname", "config.json");
+    process_ = Process::read(process);
+    process_.complete_environment(process, rootfs_);
+    domain_ = fields.text("domainname");
+    check_annotations();
+    check_hooks(config_);
+}
+
+void Bundle::check_annotations() const
+{
+    const auto fields = Fields(config_, "").object("annotations");
+    const Json all = annotations();
+    for (const auto& one : all.items())
+        if (!one.value().is_string())
+            throw Failure(fields->name(one.key().c_str()) + ": not a string");
 }
 
 std::string Bundle::absolute(const std::string& path) const
@@ -223,10 +210,10 @@ std::string Bundle::absolute(const std::string& path) const
 
 void Bundle::read_root()
 {
-    const Json* root = zncctl::member(config_, "root");
-    if (root == nullptr)
+    const auto root = Fields(config_, "").object("root");
+    if (!root)
         throw Failure("root: is missing");
-    const std::string path = optional_text(*root, "path", "root");
+    const std::string path = root->text("path");
     if (path.empty())
         throw Failure("root.path: is missing");
     rootfs_ = real_path(absolute(path), "root.path");
@@ -234,33 +221,46 @@ void Bundle::read_root()
 
 void Bundle::read_mounts()
 {
-    const Json* list = zncctl::member(config_, "mounts");
-    if (list != nullptr && !list->is_null() && !list->is_array())
-        throw Failure("mounts: not an array");
-    for (const Json& one : zncctl::children(list)) {
-        const std::string where = fmt::format("mounts[{}]", mounts_.size());
+    Fields(config_, "").each("mounts", [&](const Json& one, const std::string& where) {
+        const Fields fields(one, where);
         Mount& mount = mounts_.emplace_back();
-        mount.destination = optional_text(one, "destination", where);
+        mount.destination = fields.text("destination");
         if (mount.destination.empty())
             throw Failure(where + ".destination: is missing");
         if (mount.destination[0] != '/') // configurations of older engines have relative paths
             mount.destination.insert(0, "/");
-        mount.type = optional_text(one, "type", where);
-        mount.source = optional_text(one, "source", where);
-        read_list(one, "options", where, mount.options);
-        read_ids(one, "uidMappings", where, mount.uids);
-        read_ids(one, "gidMappings", where, mount.gids);
+        mount.type = fields.text("type");
+        mount.source = fields.text("source");
+        read_list(fields, "options", mount.options);
+        read_ids(fields, "uidMappings", mount.uids);
+        read_ids(fields, "gidMappings", mount.gids);
         bool bind = mount.type == "bind";
         for (const std::string& option : mount.options.texts())
             bind = bind || option == "bind" || option == "rbind";
         if (bind)
             mount.source = absolute(mount.source);
-    }
+    });
     for (const Mount& mount : mounts_)
-        table_.push_back({mount.source.c_str(), mount.destination.c_str(),
-                          mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get(),
-                          mount.uids.data(), mount.uids.size(), mount.gids.data(),
-                          mount.gids.size()});
+        add_to_table(mount);
+}
+
+void Bundle::add_to_table(const Mount& mount)
+{
+    table_.push_back({mount.source.c_str(), mount.destination.c_str(),
+                      mount.type.empty() ? nullptr : mount.type.c_str(), mount.options.get(),
+                      mount.uids.data(), mount.uids.size(), mount.gids.data(), mount.gids.size()});
+}
+
+void Bundle::add_bind(const std::string& source, const std::string& destination,
+                      std::initializer_list<const char*> flags)
+{
+    Mount& mount = mounts_.emplace_back();
+    mount.source = source;
+    mount.destination = destination;
+    mount.options.add("bind");
+    for (const char* flag : flags)
+        mount.options.add(flag);
+    add_to_table(mount);
 }
 
 Json Bundle::annotations() const
@@ -269,17 +269,16 @@ Json Bundle::annotations() const
     return zncctl::is_object(annotations) ? *annotations : Json::object();
 }
 
-std::string Bundle::group(const std::string& id, bool systemd) const
+std::string Bundle::group(const std::string& name, bool systemd) const
 {
     if (systemd)
         throw Failure("control groups by systemd are not supported (--systemd-cgroup)");
-    const Json* section = zncctl::member(config_, "linux");
-    const std::string path =
-        section != nullptr ? optional_text(*section, "cgroupsPath", "linux") : "";
+    const auto section = Fields(config_, "").object("linux");
+    const std::string path = section ? section->text("cgroupsPath") : "";
     if (path.find(':') != path.npos)
         throw Failure("linux.cgroupsPath: names a systemd slice, which is not supported");
     if (path.empty())
-        return "/zncrun/" + id;
+        return "/zncrun/" + name;
     return path[0] == '/' ? path : "/" + path;
 }
 

@@ -6,6 +6,7 @@
 #include "state.hpp"
 
 #include <deque>
+#include <initializer_list>
 
 namespace zncrun {
 
@@ -36,6 +37,7 @@ struct Process {
 
     // Fails if a member is missing or has the wrong type.
     static Process read(const Json& process);
+    [[nodiscard]] bool has_variable(const std::string& name) const;
     // Adds what the program expects in its environment: HOME, from the passwd file of the tree
     // `rootfs`, and the descriptors that a service manager has opened.
     void complete_environment(const Json& process, const std::string& rootfs);
@@ -59,8 +61,13 @@ class Bundle {
     [[nodiscard]] const Process& process() const { return process_; }
     [[nodiscard]] Json annotations() const;
 
-    // The path of the control group of the container `id`.
-    [[nodiscard]] std::string group(const std::string& id, bool systemd) const;
+    // Gives the container a further bind mount, after all others, and a variable.
+    void add_bind(const std::string& source, const std::string& destination,
+                  std::initializer_list<const char*> flags);
+    void add_variable(const std::string& text) { process_.env.add(text); }
+
+    // The path of the control group: that of the configuration, or a group `name`.
+    [[nodiscard]] std::string group(const std::string& name, bool systemd) const;
 
     [[nodiscard]] ZN_ENGINE_PLAN plan(const std::string& group, int directory, int console,
                                       int descriptors) const;
@@ -76,6 +83,8 @@ class Bundle {
     };
     void read_root();
     void read_mounts();
+    void check_annotations() const;
+    void add_to_table(const Mount& mount);
     [[nodiscard]] std::string absolute(const std::string& path) const;
 
     std::string directory_;

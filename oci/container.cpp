@@ -13,6 +13,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -123,7 +124,28 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
     }
 }
 
+// Containers with the same id below different root directories have groups of their own. An id does
+// not contain "@".
+std::string group_name(const Context& context, const std::string& id)
+{
+    struct stat st = {};
+    if (context.root == kDefaultRoot)
+        return id;
+    if (::stat(context.root.c_str(), &st) != 0)
+        throw Failure(fmt::format("{}: {}", context.root, zncctl::error_text()));
+    return fmt::format("{}@{:x}-{:x}", id, st.st_dev, st.st_ino);
+}
+
 } // namespace
+
+const char* pid_file_of(const Arguments& args)
+{
+    const char* path = args.value("pid-file");
+    struct stat st = {};
+    if (path != nullptr && ::lstat(path, &st) == 0 && !S_ISREG(st.st_mode))
+        throw Failure(fmt::format("--pid-file: {}: not a regular file", path));
+    return path;
+}
 
 void write_pid_file(const char* path, pid_t pid)
 {
@@ -174,7 +196,8 @@ znc::UniqueFd connect_console(const Arguments& args, bool terminal)
 Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
-    const Bundle bundle(args.value("bundle", ""), args.value("config", ""));
+    const char* pidFile = pid_file_of(args);
+    Bundle bundle(args.value("bundle", ""), args.value("config", ""));
     for (const std::string& name : bundle.unknown_capabilities())
         log_line(context, "warning", "unknown capability " + name + " is not granted");
     const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
@@ -183,15 +206,15 @@ Container create_container(const Context& context, const Arguments& args)
     container.bundle = bundle.directory();
     container.rootfs = bundle.rootfs();
     container.created = zncctl::time_text(std::time(nullptr));
-    container.group = bundle.group(container.id, context.systemd);
     container.mark = new_mark();
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
-    // The path of the group is recorded before the group is created, so that a later `delete` finds
-    // it.
+    container.group = bundle.group(group_name(context, container.id), context.systemd);
+    // The group is known before it is created: whoever deletes the container finds it.
     directory.write(container);
     directory.write_config(bundle.document());
+    offer_ready_socket(bundle, directory);
     ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
     plan.mark = container.mark.c_str();
@@ -209,7 +232,7 @@ Container create_container(const Context& context, const Arguments& args)
         if (!alive)
             throw Failure(!hooks.failure().empty() ? hooks.failure() : reason.data());
         directory.write(container);
-        write_pid_file(args.value("pid-file"), container.process.pid);
+        write_pid_file(pidFile, container.process.pid);
         if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
             throw Failure(reason.data());
     } catch (const Failure&) {
@@ -222,7 +245,7 @@ Container create_container(const Context& context, const Arguments& args)
     return container;
 }
 
-void start_container(const Context& context, const std::string& id, sigset_t* signals)
+Started start_container(const Context& context, const std::string& id, sigset_t* signals)
 {
     const StateDirectory directory = StateDirectory::open(context, id, Lock::kExclusive);
     const Container container = directory.read();
@@ -233,6 +256,7 @@ void start_container(const Context& context, const std::string& id, sigset_t* si
         throw Failure("cannot start a paused container");
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
+    Started started = {container.process, ReadySocket::listen(context, directory)};
     run_start_hooks(container, directory);
     if (signals != nullptr)
         *signals = block_forwarded_signals();
@@ -241,6 +265,7 @@ void start_container(const Context& context, const std::string& id, sigset_t* si
         throw Failure(reason.data());
     run_hooks(directory.read_config(), "poststart", state_text(container, Status::kRunning),
               OnFailure::kContinue);
+    return started;
 }
 
 void remove_container(StateDirectory& directory)
@@ -260,13 +285,11 @@ void remove_container(StateDirectory& directory)
         if (!group.empty() && znEngineGroupRemove(group.c_str(), container.mark.c_str()) != OK &&
             errno != EBUSY)
             throw Failure(fmt::format("cgroup {}: {}", group, zncctl::error_text()));
-        Json config = Json::object();
         try {
-            config = directory.read_config();
+            run_hooks(directory.read_config(), "poststop", state_text(container, Status::kStopped),
+                      OnFailure::kContinue);
         } catch (const Failure&) { // the configuration cannot be read: no hooks are run
         }
-        run_hooks(config, "poststop", state_text(container, Status::kStopped),
-                  OnFailure::kContinue);
     }
     directory.remove();
 }

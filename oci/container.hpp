@@ -3,6 +3,7 @@
 #define ZNC_OCI_CONTAINER_HPP
 
 #include "bundle.hpp"
+#include "ready.hpp"
 
 #include <csignal>
 
@@ -11,14 +12,23 @@ namespace zncrun {
 // Creates the container that `args` describe (create, run): the id is the first operand.
 Container create_container(const Context& context, const Arguments& args);
 
-// If `signals` is given, the signals to be forwarded are blocked immediately before the program is
-// started, and returned in it. Until then, while hooks run, these signals end this process.
-void start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
+struct Started {
+    ZN_ENGINE_PROCESS process = {};
+    ReadySocket ready;
+};
+
+// `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
+// Before, while hooks run, those that would end this process end the hook, and this call fails.
+Started start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup and state directory.
 void remove_container(StateDirectory& directory);
 
-// Writes the process id atomically: an engine that waits for the file never sees it incomplete.
+// The file of --pid-file; null without one. Fails if something else than a regular file has the
+// path, which write_pid_file() would replace.
+const char* pid_file_of(const Arguments& args);
+
+// Writes the process id for an engine that waits for the file: it is never seen incomplete.
 void write_pid_file(const char* path, pid_t pid);
 
 // How many descriptors from 3 up the program gets: those of --preserve-fds, and the sockets that a

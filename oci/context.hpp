@@ -15,10 +15,15 @@ using zncctl::Arguments;
 // The version of the runtime specification that is implemented.
 inline constexpr char kSpecification[] = "1.2.0";
 
+inline constexpr char kDefaultRoot[] = "/run/zncrun";
+
+// That, or "zncrun" in XDG_RUNTIME_DIR if the caller is not root of the host.
+std::string default_root();
+
 // The options before the command.
 struct Context {
-    std::string root = "/run/zncrun"; // of the state directories
-    std::string log;                  // file; "": none
+    std::string root = default_root(); // of the state directories
+    std::string log;                   // file; "": none
     bool log_json = false;
     bool debug = false;
     bool systemd = false; // control groups by systemd

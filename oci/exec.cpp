@@ -100,6 +100,7 @@ std::string document_of(const Json& process, const Json& config)
 int run_exec(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
+    const char* pidFile = pid_file_of(args);
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
     const Status status = directory.status(container);
@@ -110,6 +111,8 @@ int run_exec(const Context& context, const Arguments& args)
     const Json config = directory.read_config();
     const char* file = args.value("process");
     Json json = file != nullptr ? parse_process(file) : process_of(config, args);
+    if (!json.is_object())
+        throw Failure("process: not an object");
     for (const std::string& name : drop_unknown_capabilities(json))
         log_line(context, "warning", "unknown capability " + name + " is not granted");
     if (args.has("tty"))
@@ -127,8 +130,8 @@ int run_exec(const Context& context, const Arguments& args)
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);
     try {
-        write_pid_file(args.value("pid-file"), started.pid);
-    } catch (const Failure&) { // the engine would not learn the program's process id
+        write_pid_file(pidFile, started.pid);
+    } catch (const Failure&) { // nobody would know of the program
         znEngineProcessSignal(&started, SIGKILL);
         throw;
     }

@@ -21,6 +21,9 @@ struct HookPlace {
     const char* document;
 };
 
+// Fails if a hook of the configuration is not as it must be.
+void check_hooks(const zncctl::Json& config);
+
 // Whether there are hooks of this kind.
 bool has_hooks(const zncctl::Json& config, const char* kind);
 

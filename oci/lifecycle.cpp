@@ -7,7 +7,10 @@
 
 #include <csignal>
 #include <cstdio>
+#include <optional>
+#include <poll.h>
 #include <regex>
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,22 +25,21 @@ void print(const std::string& text)
         throw Failure("standard output: " + zncctl::error_text());
 }
 
-// Waits for the program, a child, and forwards signals to it. Returns its exit status as a shell
-// would.
-int wait_for_program(const ZN_ENGINE_PROCESS& process, const sigset_t& signals)
+// The exit status of the program as a shell's, once it has ended.
+std::optional<int> exit_status(pid_t pid)
 {
-    for (;;) {
-        siginfo_t info = {};
-        const int signal = ::sigwaitinfo(&signals, &info);
-        if (signal != SIGCHLD) {
-            if (signal > 0)
-                znEngineProcessSignal(&process, signal);
-            continue;
-        }
-        int status = 0;
-        if (::waitpid(process.pid, &status, WNOHANG) == process.pid)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
+    int status = 0;
+    if (::waitpid(pid, &status, WNOHANG) != pid)
+        return std::nullopt;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void forward_one(int signals, const ZN_ENGINE_PROCESS& process)
+{
+    signalfd_siginfo info = {};
+    if (::read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info) &&
+        info.ssi_signo != SIGCHLD)
+        znEngineProcessSignal(&process, static_cast<int>(info.ssi_signo));
 }
 
 } // namespace
@@ -53,13 +55,28 @@ sigset_t block_forwarded_signals()
     return signals;
 }
 
-int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals)
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals,
+                       ReadySocket* ready)
 {
-    // It may have ended before its end was waited for.
-    int status = 0;
-    if (::waitpid(process.pid, &status, WNOHANG) == process.pid)
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return wait_for_program(process, signals);
+    const znc::UniqueFd arrived(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!arrived)
+        throw Failure("signals: " + zncctl::error_text());
+    for (;;) {
+        // It may have ended before its end was waited for.
+        if (const auto status = exit_status(process.pid)) {
+            if (ready != nullptr)
+                ready->receive(::getpid());
+            return *status;
+        }
+        pollfd events[2] = {{arrived.get(), POLLIN, 0},
+                            {ready != nullptr ? ready->get() : -1, POLLIN, 0}};
+        if (::poll(events, 2, -1) < 0)
+            continue;
+        if (events[0].revents != 0)
+            forward_one(arrived.get(), process);
+        if (events[1].revents != 0)
+            ready->receive(::getpid()); // this process ends with the program's exit status
+    }
 }
 
 int run_create(const Context& context, const Arguments& args)
@@ -70,24 +87,29 @@ int run_create(const Context& context, const Arguments& args)
 
 int run_start(const Context& context, const Arguments& args)
 {
-    start_container(context, args.operand(0));
+    Started started = start_container(context, args.operand(0));
+    started.ready.wait(started.process);
     return 0;
 }
 
 int run_run(const Context& context, const Arguments& args)
 {
     sigset_t signals;
+    const bool isDetached = args.has("detach");
     const Container container = create_container(context, args);
+    Started started;
     try {
-        start_container(context, container.id, &signals);
+        started = start_container(context, container.id, isDetached ? nullptr : &signals);
     } catch (const Failure&) {
         StateDirectory directory = StateDirectory::open(context, container.id, Lock::kExclusive);
         remove_container(directory);
         throw;
     }
-    if (args.has("detach"))
+    if (isDetached) {
+        started.ready.wait(started.process);
         return 0;
-    const int status = wait_in_foreground(container.process, signals);
+    }
+    const int status = wait_in_foreground(started.process, signals, &started.ready);
     StateDirectory directory = StateDirectory::find(context, container.id, Lock::kExclusive);
     if (directory && !args.has("keep"))
         remove_container(directory);

@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -26,9 +27,18 @@ void log_line(const Context& context, const char* level, const std::string& mess
                          : fmt::format("time=\"{}\" level={} msg={:?}\n", time, level, message);
     // The command continues if the log cannot be written.
     const znc::UniqueFd log(
-        ::open(context.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    if (log)
+        ::open(context.log.c_str(),
+               O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+    struct stat st = {};
+    if (log && ::fstat(log.get(), &st) == 0 && S_ISREG(st.st_mode))
         static_cast<void>(znc::write_all(log.get(), text));
+}
+
+void check_log(const Context& context)
+{
+    struct stat st = {};
+    if (!context.log.empty() && ::stat(context.log.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        throw Failure(fmt::format("--log: {}: not a regular file", context.log));
 }
 
 } // namespace zncrun

@@ -10,6 +10,9 @@ namespace zncrun {
 // "error".
 void log_line(const Context& context, const char* level, const std::string& message);
 
+// Fails if the log is no regular file: whoever writes to others may have to wait for a reader.
+void check_log(const Context& context);
+
 } // namespace zncrun
 
 #endif

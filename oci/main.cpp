@@ -303,6 +303,7 @@ int main(int argc, char** argv)
             return zncrun::print_version();
         if (options.help())
             return zncrun::print_help();
+        zncrun::check_log(context);
         return zncrun::run_command(context, words);
     } catch (const std::exception& failure) {
         zncrun::log_line(context, "error", failure.what());

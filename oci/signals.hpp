@@ -9,16 +9,19 @@
 
 namespace zncrun {
 
-// Parses "15", "TERM", "SIGTERM" or "RTMIN+3"; -1 if the text is not a signal.
+class ReadySocket;
+
+// "15", "TERM", "SIGTERM", "RTMIN+3"; -1 for what is no signal.
 int signal_number(std::string_view text);
 
 // Blocks the signals that wait_in_foreground() waits for: those to be forwarded, and SIGCHLD. To be
 // called before the program is started.
 sigset_t block_forwarded_signals();
 
-// Waits for the program, a child, and forwards signals to it. Returns its exit status as a shell
-// would.
-int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals);
+// Waits for the program, a child, and forwards signals to it. Its exit status as a shell gives it.
+// `ready`: if given, passes on that the container is ready.
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals,
+                       ReadySocket* ready = nullptr);
 
 } // namespace zncrun
 

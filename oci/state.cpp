@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -81,6 +82,13 @@ Json read_document(int directory, const char* name)
 }
 
 } // namespace
+
+std::string default_root()
+{
+    const char* own = std::getenv("XDG_RUNTIME_DIR");
+    const bool hasOwn = own != nullptr && own[0] == '/' && znEngineRootless() != FALSE;
+    return hasOwn ? std::string(own) + "/zncrun" : kDefaultRoot;
+}
 
 bool is_id(const std::string& id)
 {

@@ -61,6 +61,7 @@ typedef struct znEngineProgram {
     BOOL keepKeyring; /* FALSE: it gets a session keyring of its own */
     const char* file; /* its path; NULL: argv[0] is looked up in PATH */
     int input;        /* its standard input; 0 is that of the caller */
+    int output;       /* its standard output; 0: that of the caller */
 } ZN_ENGINE_PROGRAM;
 
 /* Identifies a process even if its id is reused. */
@@ -127,10 +128,10 @@ STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, cons
 
 /*
  * Run a hook in the namespaces of the container of `process`, as a child of the caller and in the
- * container's control group, with `input` on its standard input. Its standard streams are otherwise
- * the caller's. With a document, the hook is confined like the container's program, and its path is
- * resolved in the container. Without one, it has the rights of the caller; this is for
- * znEnginePlan.prepared only. Returns when it runs.
+ * container's control group, as the first process of a process group, with `input` on its standard
+ * input. With a document it is confined as the container's own program is, and its path is one of
+ * the container. Without, it has the rights of the caller; this is for znEnginePlan.prepared only.
+ * Returns when it runs.
  */
 STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
                     const ZN_ENGINE_PROGRAM* hook, const char* input, pid_t* pid, char* reason,
@@ -142,7 +143,10 @@ ZN_ENGINE_PROCESS znEngineProcessGet(pid_t pid);
 /* Whether the process still runs. A zombie does not. */
 BOOL znEngineProcessAlive(const ZN_ENGINE_PROCESS* process);
 
-/* Wait up to `milliseconds` for the end of the process. TRUE if it has ended. */
+/* A close-on-exec descriptor that is readable once the process has ended. -1 with ESRCH if it has. */
+int znEngineProcessOpen(const ZN_ENGINE_PROCESS* process);
+
+/* Wait up to so many milliseconds for the end of the process. TRUE if it has ended. */
 BOOL znEngineProcessEnded(const ZN_ENGINE_PROCESS* process, int milliseconds);
 
 /* Send a signal, by the host's number. ERROR with ESRCH if the process has ended. */
@@ -177,6 +181,9 @@ typedef struct znEngineUse {
     uint64_t oomKills;
 } ZN_ENGINE_USE;
 STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use);
+
+/* Whether the caller is an ordinary user, or root of a user namespace that has not all users. */
+BOOL znEngineRootless(void);
 
 /* Connect to the socket at `path`. A close-on-exec descriptor, or -1. */
 int znEngineConnect(const char* path);

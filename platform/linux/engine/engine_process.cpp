@@ -55,6 +55,11 @@ BOOL znEngineProcessAlive(const ZN_ENGINE_PROCESS* process)
     return engine_process_open(*process) ? TRUE : FALSE;
 }
 
+int znEngineProcessOpen(const ZN_ENGINE_PROCESS* process)
+{
+    return engine_process_open(*process).release();
+}
+
 BOOL znEngineProcessEnded(const ZN_ENGINE_PROCESS* process, int milliseconds)
 {
     const znc::ErrnoSaver keep;

@@ -2,6 +2,7 @@
 // terminal, kernel parameters, hidden and read-only paths.
 #include "engine_cgroup.hpp"
 #include "engine_creation.hpp"
+#include "engine_socket.hpp"
 
 #include "base/file.hpp"
 #include "keeper_request.hpp"
@@ -271,8 +272,7 @@ int Creation::make_terminal()
     if (plan_.program.console < 0)
         return 0;
     wire::Request request = request_of(wire::Op::kTerminal);
-    request.value =
-        std::uint64_t{plan_.program.rows & 0xffff} << 16U | (plan_.program.columns & 0xffff);
+    request.value = terminal_size(plan_.program);
     return reason_.say_errno(ask(first_, request, {}, plan_.program.console),
                              "cannot provide a terminal");
 }

@@ -64,6 +64,11 @@ void start_socket_remove(int directory)
     static_cast<void>(::unlinkat(directory, kName, 0));
 }
 
+std::uint64_t terminal_size(const ZN_ENGINE_PROGRAM& program)
+{
+    return std::uint64_t{program.rows & 0xffff} << 16U | (program.columns & 0xffff);
+}
+
 bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program, bool unconfined)
 {
     std::size_t count = 0;
@@ -78,11 +83,14 @@ bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program, 
                   (program.console >= 0 ? wire::kInitTerminal : 0) |
                       (unconfined ? wire::kInitUnconfined : 0) |
                       (program.keepKeyring != FALSE ? wire::kInitKeyring : 0));
+    std::snprintf(size_, sizeof size_, "%llu",
+                  static_cast<unsigned long long>(terminal_size(program)));
     argv_[0] = name_;
     argv_[1] = const_cast<char*>(program.cwd);
     argv_[2] = descriptors_;
     argv_[3] = flags_;
     argv_[4] = const_cast<char*>(program.file != nullptr ? program.file : "");
+    argv_[5] = size_;
     for (std::size_t i = 0; i < count; i++)
         argv_[wire::kInitFixedArgs + i] = program.argv[i];
     return true;
@@ -99,7 +107,8 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
         return false;
     // A stream that is closed is replaced by the null device.
     for (int stream = 0; stream <= 2; stream++) {
-        const int given = stream == 0 ? program.input : stream;
+        const int output = program.output != 0 ? program.output : 1;
+        const int given = stream == 0 ? program.input : stream == 1 ? output : stream;
         fds_[count_++] = {::fcntl(given, F_GETFD) >= 0 ? given : null_.get(), stream};
     }
     for (int i = 0; i < kHelperFds; i++)

@@ -22,6 +22,9 @@ znc::UniqueFd start_connect(int directory);
 // A pidfd of the process; invalid with ESRCH if it has ended.
 znc::UniqueFd engine_process_open(const ZN_ENGINE_PROCESS& process);
 
+// Of the program's terminal, as the helper takes it: rows << 16 | columns.
+std::uint64_t terminal_size(const ZN_ENGINE_PROGRAM& program);
+
 // The helper's argument vector: its own arguments, then the program's.
 class ProgramArguments {
   public:
@@ -32,6 +35,7 @@ class ProgramArguments {
     char name_[16];
     char descriptors_[16];
     char flags_[16];
+    char size_[16];
     znc::MallocPtr<char*[]> argv_;
 };
 

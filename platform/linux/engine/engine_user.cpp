@@ -1,6 +1,7 @@
 #include "engine_user.hpp"
 
 #include "ns_kinds.hpp"
+#include "zarnel/engine.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace zn {
 namespace {
@@ -116,3 +118,13 @@ int has_own_users(pid_t pid, bool& own)
 }
 
 } // namespace zn
+
+BOOL znEngineRootless(void)
+{
+    constexpr std::uint32_t kAll = UINT32_MAX;
+    const znc::ErrnoSaver keep;
+    zn::List<zn::IdMapping> uids;
+    const bool hasAll = zn::mappings_read(::getpid(), "uid_map", uids) == 0 && uids.size() == 1 &&
+                        uids[0].inside == 0 && uids[0].outside == 0 && uids[0].count == kAll;
+    return ::geteuid() != 0 || !hasAll ? TRUE : FALSE;
+}

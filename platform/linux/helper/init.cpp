@@ -449,7 +449,7 @@ void entrant_run(char** argv, char** envp)
             sys::exit_group(127);
         }
         if (program.terminal)
-            check(-terminal_provide(wire::kInitStart, 0, false));
+            check(-terminal_provide(wire::kInitStart, program.terminalSize, false));
         program_become(rules, program);
     }
     check(pid);

@@ -34,6 +34,7 @@ void program_read(char** argv, char** envp, Program& program)
     program.keepKeyring = (flags & wire::kInitKeyring) != 0;
     program.unconfined = (flags & wire::kInitUnconfined) != 0;
     program.path = argv[4];
+    program.terminalSize = static_cast<std::uint64_t>(number(argv[5]));
     program.argv = argv + wire::kInitFixedArgs;
     program.envp = envp;
     program.file[0] = '\0';
@@ -209,6 +210,7 @@ void program_become_unconfined(const Program& program)
 {
     constexpr long kUmask = 022;
     sys::call(__NR_umask, kUmask);
+    check(sys::call(__NR_setpgid, 0, 0));
     const int report = give_descriptors(program.descriptors);
     default_signals();
     program_report(report, wire::SpawnReport::Kind::kProgram, 0);

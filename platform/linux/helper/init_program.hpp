@@ -17,7 +17,8 @@ struct Program {
     bool terminal;
     bool keepKeyring;
     bool unconfined;
-    const char* path; // of the program; "": that of argv[0]
+    const char* path;           // of the program; "": that of argv[0]
+    std::uint64_t terminalSize; // rows << 16 | columns; 0: not set
     char** argv;
     char** envp;
     char file[kProgramPathMax]; // its path, once it was found

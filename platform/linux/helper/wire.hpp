@@ -188,11 +188,12 @@ inline constexpr int kInitFdEnd = 9;
 
 // argv: name, working directory, number of descriptors that the program gets, flags (kInitTerminal:
 // it gets a terminal; kInitKeyring: it keeps the session keyring; kInitUnconfined: it keeps the
-// rights of the caller), path of the program ("": argv[0] is looked up), then the program's argv.
+// rights of the caller), path of the program ("": argv[0] is looked up), size of its terminal (rows
+// << 16 | columns; 0: not set), then the program's argv.
 inline constexpr long kInitTerminal = 1;
 inline constexpr long kInitKeyring = 2;
 inline constexpr long kInitUnconfined = 4;
-inline constexpr int kInitFixedArgs = 5;
+inline constexpr int kInitFixedArgs = 6;
 
 } // namespace zn::wire
 

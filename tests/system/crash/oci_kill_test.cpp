@@ -220,15 +220,22 @@ class OciKill : public testing::Test {
         return "";
     }
 
-    static bool group_exists()
+    // The name of the group is the id and what stands for the root directory.
+    static bool group_exists_in(const fs::path& hierarchy)
     {
-        for (const char* above : {"/sys/fs/cgroup/zncrun", "/sys/fs/cgroup/unified/zncrun"})
-            if (fs::exists(std::string(above) + "/" + id()))
-                return true;
-        for (const auto& entry : fs::directory_iterator("/sys/fs/cgroup"))
-            if (fs::exists(entry.path() / "zncrun" / id()))
+        std::error_code none;
+        for (const auto& group : fs::directory_iterator(hierarchy / "zncrun", none))
+            if (group.path().filename().string().starts_with(std::string(id()) + "@"))
                 return true;
         return false;
+    }
+
+    static bool group_exists()
+    {
+        for (const auto& entry : fs::directory_iterator("/sys/fs/cgroup"))
+            if (group_exists_in(entry.path()))
+                return true;
+        return group_exists_in("/sys/fs/cgroup");
     }
 
     static bool soon(const std::function<bool()>& done)

@@ -37,6 +37,12 @@ if [[ $(cat /sys/module/apparmor/parameters/enabled 2>/dev/null) != Y ]]; then
     inside --apparmor profile "$me-web" true
     refused 'unsupported settings are refused as options' 'process.apparmorProfile'
 fi
+for change in '[]:process' '.terminal = 1:process.terminal' '.args = ["a", 1]:process.args[1]' '.cwd = 1:process.cwd' \
+    '.env = "A=b":process.env' '.consoleSize = {height: "a"}:process.consoleSize.height' '.user = 1:process.user'; do
+    jq "${change%:*}" "$work/process.json" >"$work/bad.json"
+    inside --process "$work/bad.json" "$me-web"
+    refused "a process file changed by ${change%:*}" "${change##*:}: not "
+done
 jq '.args = ["sleep", "500"]' "$work/process.json" >"$work/sleep.json"
 inside --detach --pid-file "$work/pid" --process "$work/sleep.json" "$me-web"
 expect 'detached' 0 ''
@@ -91,6 +97,11 @@ P
 run timeout 60 python3 "$work/terminal.py" "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty \
     --console-socket "$work/socket" "$me-web" sh -c 'tty; exec 3<>/dev/tty && echo controlling'
 expect 'exec with a terminal' 0 $'/dev/pts/0\ncontrolling'
+jq '.args = ["stty", "size"] | .terminal = true | .consoleSize = {height: 33, width: 133}' "$work/process.json" \
+    >"$work/size.json"
+run timeout 60 python3 "$work/terminal.py" "$work/socket4" "$ZNCRUN" --root "$work/state" exec \
+    --process "$work/size.json" --console-socket "$work/socket4" "$me-web"
+expect 'the terminal of exec has the size in the process file' 0 '33 133'
 make_bundle tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
 change tty '.process.terminal = true | .process.consoleSize = {height: 30, width: 90}'
 run timeout 60 python3 "$work/terminal.py" "$work/$(printf 'long%.0s' {1..30})" "$ZNCRUN" --root "$work/state" run \

@@ -79,8 +79,9 @@ class OciGroup : public testing::Test {
                         {"destination":"/sys","type":"sysfs","source":"sysfs"},
                         {"destination":"/sys/fs/cgroup","type":"cgroup","source":"cgroup",
                          "options":["ro"]}],
-                       "linux":{"namespaces":[{"type":"mount"},{"type":"pid"},{"type":"cgroup"}])" +
-                        settings + "}");
+                       "linux":{"namespaces":[{"type":"mount"},{"type":"pid"},{"type":"cgroup"}],
+                                "cgroupsPath":"/zncrun/)" +
+                        id_ + "\"" + settings + "}");
     }
     Result run() const { return zncrun("run --bundle " + std::string(kBundle) + " " + id_); }
     void run_detached() const

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tests of what zncrun must not do to others: to processes, files and names that do not belong to
 # the container, whatever the configuration, the caller or another container have prepared.
-# shellcheck source=oci_lib.sh disable=SC2016
+# shellcheck source=oci_lib.sh disable=SC2016,SC2317
 . "$(dirname "$0")/oci_lib.sh"
 
 make_bundle web sleep 1000
@@ -37,6 +37,19 @@ change web '.linux.namespaces |= map(select(.type != "pid")) |
 run zncrun run --bundle "$work/web" "$me-web"
 check 'what outlives the first process is killed with the group' not pgrep -f "sleep $mark"
 plain_again
+
+# Containers with the same id.
+change web '.process.args = ["sleep", "1000"]'
+run zncrun run --detach --bundle "$work/web" "$me-web"
+expect 'a container' 0 ''
+run "$ZNCRUN" --root "$work/elsewhere" run --detach --bundle "$work/web" "$me-web"
+expect 'another one with the same id below another root directory' 0 ''
+run zncrun ps --format json "$me-web"
+check 'they do not share a group' test "$(jq length "$work/out")" = 1
+run "$ZNCRUN" --root "$work/elsewhere" delete --force "$me-web"
+expect 'one is deleted' 0 ''
+check 'the other one lives' is_state "$me-web" running
+run zncrun delete --force "$me-web"
 
 # Callers that ignore the ends of their children.
 cat >"$work/ignore.py" <<'P'
@@ -119,7 +132,7 @@ refused 'delete --force does not wait for the hook' 'another command'
 check 'the container is killed' eventually not lives "$pid"
 kill -TERM "$runner"
 check 'run can be ended meanwhile' eventually not lives "$runner"
-kill "$(<"$work/held")"
+check 'and the hook ends with it' eventually not lives "$(<"$work/held")"
 run zncrun delete --force "$me-web"
 expect 'an interrupted run deletes the container' 0 ''
 plain_again
@@ -160,6 +173,42 @@ refused 'a state directory that others can write to is refused' "$work/deep/er"
 chmod 700 "$work/deep/er"
 run zncrun --root "$work/deep/er" delete --force "$me-web"
 expect 'the directory is used when others cannot write to it' 0 ''
+
+# The directory of an ordinary user, and of the root of a user namespace.
+mkdir -m 700 "$work/own"
+chown 65534:65534 "$work/own"
+chmod 755 "$work"
+as_user() { setpriv --reuid 65534 --regid 65534 --clear-groups env XDG_RUNTIME_DIR="$work/own" "$@"; }
+cp "$ZNCRUN" "$work/program"
+run as_user timeout 20 "$work/program" create --bundle "$work/web" "$me-web"
+check 'an ordinary user has a root directory of his own' test "$status" = 1 -a -d "$work/own/zncrun"
+rmdir "$work/own/zncrun"
+run as_user unshare -U --map-root-user timeout 20 "$work/program" list
+check 'the root of a user namespace, too' grep -q "zncrun: $work/own/zncrun: " "$work/err"
+run env XDG_RUNTIME_DIR="$work/own" timeout 20 "$work/program" list
+check 'the root of the host has the same in any environment' not grep -q "$work/own" "$work/err"
+
+# Files that others hold up: nobody reads the FIFO.
+mkfifo "$work/fifo" "$work/pid.new"
+ln -sf /dev/null "$work/null"
+for log in "$work/fifo" /dev/null "$work/null" "$work"; do
+    run timeout 20 "$ZNCRUN" --log "$log" --root "$work/state" state "$me-web"
+    refused "a log at $log" "--log: $log: not a regular file"
+done
+for file in "$work/fifo" "$work/null" "$work"; do
+    run timeout 20 "$ZNCRUN" --root "$work/state" create --pid-file "$file" --bundle "$work/web" "$me-web"
+    refused "a pid file at $file" "--pid-file: $file: not a regular file"
+done
+check 'they are as they were' test -p "$work/fifo" -a "$(readlink "$work/null")" = /dev/null
+run timeout 20 "$ZNCRUN" --root "$work/state" create --pid-file "$work/pid" --bundle "$work/web" "$me-web"
+refused 'a FIFO at the temporary name of a pid file' "$work/pid"
+check 'nothing is left of the container' test ! -e "$work/state/$me-web"
+run zncrun run --detach --bundle "$work/web" "$me-web"
+run timeout 20 "$ZNCRUN" --root "$work/state" exec --detach --pid-file "$work/fifo" "$me-web" sleep "$mark"
+refused 'a pid file of exec' "--pid-file: $work/fifo: not a regular file"
+check 'its program was not started' not pgrep -f "sleep $mark"
+run zncrun delete --force "$me-web"
+rm "$work/fifo" "$work/pid.new"
 
 # A container that does not answer.
 run zncrun create --bundle "$work/web" "$me-web"

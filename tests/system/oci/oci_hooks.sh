@@ -17,10 +17,10 @@ given ".hooks.createContainer = [$(hook "cat >$work/state.json; readlink /proc/s
     sh -c 'grep -o "hook /mnt/made tmpfs" /proc/mounts; ls -d /mnt/made'
 check 'a container with a createContainer hook' test "$status" = 0
 check 'the hook sees the host and the mounts of the container' \
-    test "$(head -n 3 "$work/out")" = "$work/web/config.json"$'\n'"$root/proc/self"$'\nbox'
-check 'a mount made by the hook is in the container' test "$(tail -n 2 "$work/out")" = $'hook /mnt/made tmpfs\n/mnt/made'
-check 'the createContainer hook reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1 and .status == \"creating\"" "$work/state.json")" = true
-check 'the createContainer hook is in namespaces of the container' \
+    test "$err" = "$work/web/config.json"$'\n'"$root/proc/self"$'\nbox'
+check 'what it mounts is in the container' test "$out" = $'hook /mnt/made tmpfs\n/mnt/made'
+check 'it reads the state' test "$(jq ".id == \"$me-web\" and .pid > 1 and .status == \"creating\"" "$work/state.json")" = true
+check 'it is in namespaces of the container' \
     not grep -qxF -e "$(readlink /proc/self/ns/mnt)" -e "$(readlink /proc/self/ns/uts)" "$work/ns"
 check 'the host does not see its mounts' not grep -q "$root/mnt/made" /proc/self/mountinfo
 given ".hooks.createContainer = [$(hook "touch $root/etc/by-hook")] | .root.readonly = true" \
@@ -37,7 +37,7 @@ refused 'a createContainer hook that takes too long' 'longer than 1 seconds'
 given '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
 refused 'a createContainer hook that does not exist' '/bin/nosuch'
 given '.hooks.createContainer = [{path: "bin/true"}]' true
-refused 'a path that is not absolute' 'must be absolute'
+refused 'a path that is not absolute' 'hooks.createContainer[0].path: not an absolute path'
 
 # All that are of the creation run before the program is looked up, in their order.
 given ".hooks = {createContainer: [$(hook "echo third >>$work/order; printf '#!/bin/sh\\necho late\\n' >$root/bin/late; chmod 755 $root/bin/late")],
@@ -49,7 +49,8 @@ expect 'the program may be made by a hook' 0 late
 given ".process.user = {uid: 1000, gid: 1000} | .process.noNewPrivileges = true
     | .hooks.startContainer = [$(hook 'cat >/tmp/state; id -u; grep NoNewPrivs /proc/self/status; cat /proc/1/comm; echo $A' \
     '{env: ["A=b"]}')]" echo program
-expect 'a startContainer hook' 0 $'1000\nNoNewPrivs:\t1\nzn-init\nb\nprogram'
+expect 'a startContainer hook' 0 program
+check 'has the rights of the program' test "$err" = $'1000\nNoNewPrivs:\t1\nzn-init\nb'
 given '.hooks.startContainer = [{path: "/bin/env", args: ["env"]}]' true
 expect 'it gets nothing of the environment of the caller' 0 ''
 rm -f "$root/tmp/state"
@@ -64,6 +65,41 @@ given ".hooks.startContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
 refused 'a startContainer hook that takes too long' 'longer than 1 seconds'
 given ".hooks.startContainer = [{path: \"$work/outside\"}]" true
 refused 'the path of a startContainer hook is resolved in the container' 'no such file'
+
+# What hooks inherit.
+kinds='prestart createRuntime createContainer startContainer poststart poststop'
+listing=$(for kind in $kinds; do hook "cat >/dev/null; echo $kind; ls /proc/self/fd; echo end" | jq -c "{$kind: [.]}"; done)
+exec 3</dev/null 4</dev/null 200</dev/null
+printf '%s' "$plain" >"$work/web/config.json"
+change web ".hooks = $(jq -sc add <<<"$listing")"
+program web echo program
+run zncrun run --preserve-fds 2 --bundle "$work/web" "$me-web"
+exec 3<&- 4<&- 200<&-
+expect 'what hooks write is not among what the program writes' 0 program
+# The descriptor 3 is that by which ls reads the directory.
+check 'hooks have the standard streams only' \
+    test "$(tr '\n' ' ' <"$work/err")" = "$(for kind in $kinds; do printf '%s 0 1 2 3 end ' "$kind"; done)"
+for kind in createRuntime createContainer; do
+    given ".hooks.$kind = [$(hook "cat >/dev/null; sleep $mark & sleep $mark" '{timeout: 1}')]" true
+    refused "a $kind hook with children that takes too long" 'longer than 1 seconds'
+    check "its children end, too ($kind)" eventually not pgrep -f "sleep $mark"
+done
+given ".hooks.poststop = [$(hook "cat >/dev/null; sleep $mark & sleep $mark" '{timeout: 1}')]" true
+expect 'a poststop hook that takes too long is no failure' 0 ''
+check 'its children end, too' eventually not pgrep -f "sleep $mark"
+for signal in INT TERM HUP; do
+    printf '%s' "$plain" >"$work/web/config.json"
+    change web ".hooks.createRuntime = [$(hook "cat >/dev/null; sleep $mark & sleep $mark")]"
+    env --default-signal="$signal" "$ZNCRUN" --root "$work/state" run --bundle "$work/web" "$me-web" \
+        >/dev/null 2>"$work/err" </dev/null &
+    runner=$!
+    check 'a hook runs' eventually pgrep -f "sleep $mark"
+    kill -"$signal" "$runner"
+    status=0
+    wait "$runner" || status=$?
+    refused "SIG$signal while a hook runs" "signal $(kill -l "$signal")"
+    check "ends the hook and its children (SIG$signal)" eventually not pgrep -f "sleep $mark"
+done
 
 # A container whose start failed is stopped.
 printf '%s' "$plain" >"$work/web/config.json"

@@ -90,7 +90,8 @@ given() {
 
 state_of() { zncrun state "$1" 2>/dev/null | jq -r "${2:-.status}"; }
 is_state() { [[ $(state_of "$1") == "$2" ]]; }
-group_exists() { compgen -G "/sys/fs/cgroup/*/zncrun/$1" >/dev/null || test -d "/sys/fs/cgroup/zncrun/$1"; }
+# The group of a container has a name of its own below each root directory.
+group_exists() { compgen -G "/sys/fs/cgroup/*/zncrun/$1@*" >/dev/null || compgen -G "/sys/fs/cgroup/zncrun/$1@*" >/dev/null; }
 lives() { [[ -d /proc/$1 && $(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null) != Z ]]; }
 
 finish() {

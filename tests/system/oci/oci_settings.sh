@@ -57,7 +57,7 @@ done
 given '.linux.namespaces += [{type: "cgroup"}]' cat /proc/self/cgroup
 check 'a cgroup namespace shows the group as its root' not grep -qv ':/$' "$work/out"
 given . cat /proc/self/cgroup
-check 'without it the path is the group of the container' grep -q ":/zncrun/$me-web\$" "$work/out"
+check 'without it the path is the group of the container' grep -q ":/zncrun/$me-web@[0-9a-f]*-[0-9a-f]*\$" "$work/out"
 given '.linux.cgroupsPath = "/zncrun/'"$me"'-other"' cat /proc/self/cgroup
 check 'the path of the group is as given' grep -q ":/zncrun/$me-other\$" "$work/out"
 

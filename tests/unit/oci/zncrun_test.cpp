@@ -1,6 +1,7 @@
 // Tests of the parts of zncrun that need no container.
 #include "oci/bundle.hpp"
 #include "oci/hooks.hpp"
+#include "oci/ready.hpp"
 #include "oci/signals.hpp"
 #include "oci/state.hpp"
 
@@ -235,6 +236,18 @@ TEST_F(BundleTest, ErrorsNameTheField)
     EXPECT_NE(refusal(R"(,"mounts":[{"destination":"/a","uidMappings":[{}]}])").find("uidMappings"),
               std::string::npos);
     EXPECT_NE(refusal("", R"(,"env":"x")").find("process.env"), std::string::npos);
+}
+
+TEST(Ready, IsSaidByOneLineOnly)
+{
+    using zncrun::says_ready;
+    for (const char* ready :
+         {"READY=1", "READY=1\n", "STATUS=x\nREADY=1\nMAINPID=1", "\n\nREADY=1"})
+        EXPECT_TRUE(says_ready(ready)) << ready;
+    for (const char* other : {"", "\n", "READY=", "READY=0", "READY=10", " READY=1", "XREADY=1",
+                              "STATUS=READY=1", "READY=1 ", "ready=1", "READY\n=1"})
+        EXPECT_FALSE(says_ready(other)) << other;
+    EXPECT_FALSE(says_ready(std::string_view("READY=1\0", 8)));
 }
 
 TEST(Hooks, HooksAreAwaitedAndTheirFailureIsReported)
