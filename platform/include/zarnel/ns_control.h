@@ -73,11 +73,11 @@ STATUS znnsRootGet(nsid_t ns, char* path, size_t size);
 int znnsRootOpen(nsid_t ns);
 
 /*
- * Open a new pseudo-terminal in the file system that is mounted at /dev/pts of the namespace's root,
- * so that /dev/pts/N names it for its processes. `master` and `user` are its ends, open for reading
- * and writing and close-on-exec; neither becomes the controlling terminal. The user's end has the
- * mode and the owner that the file system gives it. ERROR with ENOENT if there is no such file
- * system, ENOSPC if it has no terminals left; `master` and `user` are then unchanged.
+ * Open a new pseudo-terminal in the file system that is mounted at /dev/pts of the namespace's
+ * root, so that /dev/pts/N names it for its processes. `master` and `user` are its ends, open for
+ * reading and writing and close-on-exec; neither becomes the controlling terminal. The user's end
+ * has the mode and the owner that the file system gives it. ERROR with ENOENT if there is no such
+ * file system, ENOSPC if it has no terminals left; `master` and `user` are then unchanged.
  */
 STATUS znnsTerminalOpen(nsid_t ns, int* master, int* user);
 

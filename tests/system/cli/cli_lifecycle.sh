@@ -3,6 +3,7 @@
 # shellcheck source=cli_lib.sh disable=SC2317
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
+need jq
 start_daemon
 
 run zncctl ping
@@ -204,27 +205,25 @@ zncctl delete -q hello
 long_config() { # MEMBER TEXT: writes a config.json in which the member, a jq path, is the text
     jq --rawfile text <(head -c "$2" /dev/zero | tr '\0' x) "$1 = \$text" "$work/hello/config.json" >"$work/long/config.json"
 }
-if command -v jq >/dev/null; then
-    make_bundle "$work/long"
-    long_config '.process.env[1]' 100000
-    run zncctl create long "$work/long"
-    check 'too much for the program is refused before the container is created' test "$status/$out" = 1/
-    check 'with the reason' grep -qE 'process.args and process.env are 1[0-9]{5} bytes long: the daemon passes on at most 65535' "$work/err"
-    check 'no container is left of it' test -z "$(zncctl list -q)"
-    run zncctl run --rm -b "$work/long"
-    check 'run refuses it, too' test "$status/$(grep -c 'bytes long' "$work/err")" = 125/1
-    long_config '.process.env[1]' 60000
-    run zncctl run --rm -b "$work/long"
-    expect 'what a reply holds is passed on' 7 hello wrong
-    long_config '.annotations.note' 100000
-    zncctl create long "$work/long"
-    run zncctl inspect long
-    check 'details that no reply holds are not printed' test "$status/$out/$(error_line)" = '4//long: No answer from the daemon'
-    check 'and the hint says why' grep -q '^zncctl: hint: it answers other requests: .*64 KiB' "$work/err"
-    run zncctl start -a long
-    check 'but the container can be used' test "$status" = 7
-    zncctl delete -q long
-fi
+make_bundle "$work/long"
+long_config '.process.env[1]' 100000
+run zncctl create long "$work/long"
+check 'too much for the program is refused before the container is created' test "$status/$out" = 1/
+check 'with the reason' grep -qE 'process.args and process.env are 1[0-9]{5} bytes long: the daemon passes on at most 65535' "$work/err"
+check 'no container is left of it' test -z "$(zncctl list -q)"
+run zncctl run --rm -b "$work/long"
+check 'run refuses it, too' test "$status/$(grep -c 'bytes long' "$work/err")" = 125/1
+long_config '.process.env[1]' 60000
+run zncctl run --rm -b "$work/long"
+expect 'what a reply holds is passed on' 7 hello wrong
+long_config '.annotations.note' 100000
+zncctl create long "$work/long"
+run zncctl inspect long
+check 'details that no reply holds are not printed' test "$status/$out/$(error_line)" = '4//long: No answer from the daemon'
+check 'and the hint says why' grep -q '^zncctl: hint: it answers other requests: .*64 KiB' "$work/err"
+run zncctl start -a long
+check 'but the container can be used' test "$status" = 7
+zncctl delete -q long
 
 # Beginnings of ids.
 "$ZNCCTL" run -b "$work/hello" >"$work/out" 2>&1 </dev/null
