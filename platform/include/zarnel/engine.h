@@ -143,7 +143,8 @@ ZN_ENGINE_PROCESS znEngineProcessGet(pid_t pid);
 /* Whether the process still runs. A zombie does not. */
 BOOL znEngineProcessAlive(const ZN_ENGINE_PROCESS* process);
 
-/* A close-on-exec descriptor that is readable once the process has ended. -1 with ESRCH if it has. */
+/* A close-on-exec descriptor that is readable once the process has ended. -1 with ESRCH if it has.
+ */
 int znEngineProcessOpen(const ZN_ENGINE_PROCESS* process);
 
 /* Wait up to so many milliseconds for the end of the process. TRUE if it has ended. */
