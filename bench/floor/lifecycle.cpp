@@ -14,9 +14,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/mount.h>
+#include <net/if.h>
 #include <sched.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -28,7 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr unsigned long kNamespaces =
-    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+    CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET | CLONE_NEWCGROUP;
 constexpr unsigned long kQuiet = MS_NOSUID | MS_NODEV | MS_NOEXEC;
 constexpr std::size_t kStack = 64 * 1024;
 
@@ -109,6 +112,15 @@ void make_mounts()
         write_protect(path);
 }
 
+void bring_up_loopback()
+{
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request = {};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP;
+    must(socket >= 0 && ::ioctl(socket, SIOCSIFFLAGS, &request) == 0, "loopback");
+}
+
 int contained(void*)
 {
     must(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private");
@@ -119,6 +131,7 @@ int contained(void*)
              ::chdir("/") == 0,
          "pivot_root");
     must(::sethostname("floor", 5) == 0, "sethostname");
+    bring_up_loopback();
     make_mounts();
     char* const argv[] = {const_cast<char*>(g_program), nullptr};
     char* const envp[] = {const_cast<char*>("PATH=/bin"), nullptr};

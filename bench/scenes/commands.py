@@ -38,21 +38,30 @@ def life_sides(world, ours, peer):
     }
 
 
-def run_sides(world, ours, peer):
+def run_sides(world, ours, peer, *options):
     ctl = f"{world.bin}/zncctl"
     return {
-        "ours, run": lambda: by_commands(world, [ctl, "run", "--rm", "--network", "none", "--name", "@", "-b", ours]),
+        "ours, run": lambda: by_commands(world, [ctl, "run", "--rm", *options, "--name", "@", "-b", ours]),
         "crun run": lambda: by_commands(world, CRUN + ["run", "--bundle", peer, "@"]),
         "bwrap": lambda: by_commands(world, bwrap(f"{peer}/rootfs")),
     }
 
 
+def of_bundle(world, overlay, *options):
+    cgroup2_only()
+    with Daemon(world, overlay):
+        samples = interleave(run_sides(world, *bundles(), *options), world.pairs)
+    return compare(samples, {"crun run": 0.60, "bwrap": 1.0}, "ours, run")
+
+
 def l4(world):
     """zncctl run of a bundle"""
-    cgroup2_only()
-    with Daemon(world, overlay=False):
-        samples = interleave(run_sides(world, *bundles()), world.pairs)
-    return compare(samples, {"crun run": 0.60, "bwrap": 1.0}, "ours, run")
+    return of_bundle(world, False)
+
+
+def l8(world):
+    """the same with options, over an overlay root"""
+    return of_bundle(world, True, "--network", "none")
 
 
 @contextlib.contextmanager
@@ -100,26 +109,29 @@ def l6(world):
     return compare(samples, {"crun": 0.50})
 
 
-def at_once(count, command):
-    """Seconds for each life, of `count` processes that run `command` with ROUNDS lives each at once."""
+def at_once(commands):
+    """Seconds for each life, of commands with ROUNDS lives each that run at once."""
     start = time.monotonic()
-    clients = [subprocess.Popen(command, stdout=subprocess.DEVNULL) for _ in range(count)]
+    clients = [subprocess.Popen(command, stdout=subprocess.DEVNULL) for command in commands]
     if any([client.wait() for client in clients]):
-        raise RuntimeError(f"{command[0]} failed")
-    return Sample((time.monotonic() - start) / (count * ROUNDS))
+        raise RuntimeError(f"{commands[0][0]} failed")
+    return Sample((time.monotonic() - start) / (len(commands) * ROUNDS))
 
 
 def l7(world):
     """lives of 8 clients at once, time for each"""
     cgroup2_only()
     with Daemon(world, overlay=False):
-        ours, peer = bundles()
-        life = [f"{world.bin}/bench_library", "lifecycle", str(ROUNDS), ours]
+        _, peer = bundles()
+        lives = []
+        for number in range(CLIENTS):  # without an overlay each bundle can be used by one container only
+            fixtures.bundle(f"{WORK}/ours-{number}")
+            lives.append([f"{world.bin}/bench_library", "lifecycle", str(ROUNDS), f"{WORK}/ours-{number}"])
         runs = [f"{world.bin}/bench_commands", str(ROUNDS)] + CRUN + ["run", "--bundle", peer, "@"]
         samples = interleave({
-            "ours, 8 clients": lambda: at_once(CLIENTS, life),
-            "ours, 1 client": lambda: at_once(1, life),
-            "crun run, 8 clients": lambda: at_once(CLIENTS, runs),
+            "ours, 8 clients": lambda: at_once(lives),
+            "ours, 1 client": lambda: at_once(lives[:1]),
+            "crun run, 8 clients": lambda: at_once([runs] * CLIENTS),
         }, world.pairs)
     return compare(samples, {"crun run, 8 clients": 0.33, "ours, 1 client": 0.67}, "ours, 8 clients")
 

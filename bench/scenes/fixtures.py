@@ -212,7 +212,7 @@ CONFIG = {
         "noNewPrivileges": True,
     },
     "root": {"path": "rootfs"},
-    "linux": {"namespaces": [{"type": t} for t in ("mount", "pid", "ipc", "uts", "cgroup")]},
+    "linux": {"namespaces": [{"type": t} for t in ("mount", "pid", "network", "ipc", "uts", "cgroup")]},
 }
 
 QUIET = ["nosuid", "noexec", "nodev"]
