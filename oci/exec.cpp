@@ -64,7 +64,8 @@ Json process_of(const Json& config, const Arguments& args)
         process["cwd"] = cwd;
     if (const char* user = args.value("user"))
         set_user(process, user);
-    for (const std::string& group : args.values("additional-gids")) {
+    const std::vector<std::string> groups = args.values("additional-gids");
+    for (const std::string& group : groups) {
         const auto gid = zncctl::to_number<std::uint32_t>(group);
         if (!gid)
             throw Failure(fmt::format("--additional-gids: {:?} is not a group id", group));

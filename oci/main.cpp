@@ -249,7 +249,7 @@ class GlobalOptions {
     }
     std::string one_of(const std::string& name, std::initializer_list<const char*> words)
     {
-        const std::string given = value(name);
+        std::string given = value(name);
         if (std::find(words.begin(), words.end(), given) == words.end())
             throw Failure(fmt::format("--{}: unknown word {:?}", name, given));
         return given;

@@ -28,9 +28,9 @@ quietly() {
 # sanitizers is used, which exists after a full test run.
 clang_tidy() {
     cmake --preset asan-ubsan &&
-        cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import &&
+        cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import zncrun &&
         run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan \
-            "^$PWD/(base|format|cli|container|daemon|front|import|platform)/.*\\.cpp\$"
+            "^$PWD/(base|format|cli|container|daemon|front|import|oci|platform)/.*\\.cpp\$"
 }
 
 # Disabled: style checks, checks that need the whole program (unused functions, missing headers),
@@ -42,7 +42,7 @@ run_cppcheck() {
         --library=posix,gnu,cmake/cppcheck.cfg -D_GNU_SOURCE -D__x86_64__ -DZNC_INFLATE_ISAL \
         -I container/runtime/include -I container/runtime/src -I platform/include -I platform/linux \
         -I . \
-        base cli format container/runtime/src daemon front import platform
+        base cli format container/runtime/src daemon front import oci platform
 }
 
 # The C sources: the exported version, and programs of the tests.
@@ -53,7 +53,7 @@ gcc_analyser() {
             -DZNC_SOURCE_DIR='"/"' -DZNC_BINARY_DIR='"/"' \
             -I container/runtime/include -I platform/include -I tests/support -I tests/support/probe \
             -c -o /dev/null "$file" || good=
-    done < <(find base cli format container daemon front platform tests -name '*.c' -print0)
+    done < <(find base cli format container daemon front oci platform tests -name '*.c' -print0)
     [[ -n $good ]]
 }
 

@@ -67,14 +67,26 @@
 #define ZNC_NODISCARD
 #endif
 
-#ifdef __cplusplus
-extern "C" {
+/* Around declarations of functions with C linkage that the shared library exports. */
+#if defined(__cplusplus) && defined(__GNUC__)
+#define ZNC_BEGIN_DECLS                                                                            \
+    _Pragma("GCC visibility push(default)") extern "C"                                             \
+    {
+#define ZNC_END_DECLS                                                                              \
+    }                                                                                              \
+    _Pragma("GCC visibility pop")
+#elif defined(__cplusplus)
+#define ZNC_BEGIN_DECLS extern "C" {
+#define ZNC_END_DECLS }
+#elif defined(__GNUC__)
+#define ZNC_BEGIN_DECLS _Pragma("GCC visibility push(default)")
+#define ZNC_END_DECLS _Pragma("GCC visibility pop")
+#else
+#define ZNC_BEGIN_DECLS
+#define ZNC_END_DECLS
 #endif
 
-#ifdef __GNUC__
-/* The declarations below are the symbols that the shared library exports. */
-#pragma GCC visibility push(default)
-#endif
+ZNC_BEGIN_DECLS
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wc99-extensions" /* bool in C89 */
@@ -745,11 +757,5 @@ BOOL zncContainerNext(char* containerId);
 #ifdef __clang__
 #pragma clang diagnostic pop
 #endif
-#ifdef __GNUC__
-#pragma GCC visibility pop
-#endif
-
-#ifdef __cplusplus
-}
-#endif
+ZNC_END_DECLS
 #endif

@@ -16,14 +16,7 @@
 #define ZNC_PRINTF_LIKE(format_, first_)
 #endif
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-#ifdef __GNUC__
-/* The declarations below are the symbols that the shared library exports. */
-#pragma GCC visibility push(default)
-#endif
+ZNC_BEGIN_DECLS
 
 /* ------------------------------------------------------------------ messages */
 
@@ -188,11 +181,5 @@ STATUS zncCreateOciBundleConfigZarnel(OCI_IMAGE* image, struct cJSON* rootJson);
 STATUS zncImageGetUsrInfo(struct cJSON* usrJson, const char* usrInfo);
 STATUS zncImageGetMountInfo(struct cJSON* mountJson, const char* mountInfo);
 
-#ifdef __GNUC__
-#pragma GCC visibility pop
-#endif
-
-#ifdef __cplusplus
-}
-#endif
+ZNC_END_DECLS
 #endif
