@@ -1,5 +1,9 @@
 #!/usr/bin/env python3
-"""count-tests.py JUNIT.xml... - sums up the results of ctest runs.
+"""count-tests.py JUNIT.xml [AGAIN.xml] - sums up the results of a ctest run.
+
+AGAIN.xml has the results of failed programs that were run again; they replace the first results, and
+a line names each program that only failed the first time. count-tests.py --failed JUNIT.xml prints the
+names of the programs that failed, one a line.
 
 A test program of many tests counts as many: GoogleTest's cases and the "ok - " lines of shell
 tests. Anything else counts as one. Prints the reason of every skip, then "PASSED FAILED SKIPPED".
@@ -40,20 +44,26 @@ def skip_reasons(name, text):
         yield f"{name}: {case}", " ".join(text[start:end].split("\n")[1:]).strip()
 
 
-def count(path):
+def results(path):
+    return {test.get("name"): test for test in ElementTree.parse(path).iter("testcase")}
+
+
+def has_failed(test):
+    return test.get("status") not in ("run", "disabled") and not was_skipped(test)
+
+
+def count(tests):
     total = [0, 0, 0]
-    for test in ElementTree.parse(path).iter("testcase"):
-        name = test.get("name")
+    for name, test in tests.items():
         text = test.findtext("system-out") or ""
-        status = test.get("status")
-        if status == "run":
-            result = cases(text) or (1, 0, 0)
-        elif status == "disabled" or was_skipped(test):
-            result = (0, 0, 1)
-            print(f"skipped {name}: {text.strip() or 'no reason given'}", file=sys.stderr)
-        else:
+        if has_failed(test):
             result = cases(text) or (0, 1, 0)
             result = (result[0], max(result[1], 1), result[2])
+        elif test.get("status") == "run":
+            result = cases(text) or (1, 0, 0)
+        else:
+            result = (0, 0, 1)
+            print(f"skipped {name}: {text.strip() or 'no reason given'}", file=sys.stderr)
         for case, reason in skip_reasons(name, text):
             print(f"skipped {case}: {reason or 'no reason given'}", file=sys.stderr)
         total = [a + b for a, b in zip(total, result)]
@@ -61,13 +71,20 @@ def count(path):
 
 
 def main():
-    total = [0, 0, 0]
-    for path in sys.argv[1:]:
-        counted = count(path)
-        if sum(counted) == 0:
-            print(f"{path}: no tests", file=sys.stderr)
-            counted = [0, 1, 0]
-        total = [a + b for a, b in zip(total, counted)]
+    if sys.argv[1] == "--failed":
+        for name, test in results(sys.argv[2]).items():
+            if has_failed(test):
+                print(name)
+        return
+    tests = results(sys.argv[1])
+    again = results(sys.argv[2]) if len(sys.argv) > 2 else {}
+    for name, test in again.items():
+        if name in tests and has_failed(tests[name]) and not has_failed(test):
+            print(f"unstable {name}: failed, and passed when it was run again alone", file=sys.stderr)
+    total = count({**tests, **again})
+    if sum(total) == 0:
+        print(f"{sys.argv[1]}: no tests", file=sys.stderr)
+        total = [0, 1, 0]
     print(*total)
 
 
