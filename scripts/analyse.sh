@@ -27,7 +27,7 @@ quietly() {
 # Generated sources are analysed too, so they must have been built. The build with clang and
 # sanitizers is used, which exists after a full test run.
 clang_tidy() {
-    cmake --preset asan-ubsan &&
+    { [[ -e build/asan-ubsan/build.ninja ]] || cmake --preset asan-ubsan; } &&
         cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import zncrun &&
         run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan \
             "^$PWD/(base|format|cli|container|daemon|front|import|oci|platform)/.*\\.cpp\$"

@@ -31,40 +31,59 @@ failed=0
 skipped=0
 ok=
 
+steps=$(mktemp -d)  # NAME.log and NAME.status of each step
+declare -A number=() # of a step, by its name
+beside=             # process group of the steps that run beside the tests
+
+trap 'if [[ -n $beside ]]; then kill -- "-$beside" 2>/dev/null || :; fi; rm -rf "$steps"' EXIT
+
 # step NAME COMMAND...: runs a step that passes or fails as a whole, and prints its output if it
 # fails. After a failure the other steps still run; `ok` is empty then, and the failure is counted.
 step() {
-    begin "$@"
-    finish
+    number[$1]=${#number[@]}
+    run_step "${number[$1]}" "${@:2}"
+    finish "$1"
 }
 
-# begin NAME COMMAND...: starts a step in the background, only one at a time; finish waits for it.
-# begin_beside starts it with a lower CPU priority. Not the lowest: a process that is preempted inside
-# the kernel would keep others from changing network namespaces for seconds.
-begin() {
-    begun=$1 begun_at=$SECONDS begun_log=$(mktemp)
-    shift
+# run_step NUMBER COMMAND...
+run_step() {
+    local status=0 start=$SECONDS
+    "${@:2}" >"$steps/$1.log" 2>&1 || status=$?
+    printf '%s %s\n' "$status" $((SECONDS - start)) >"$steps/$1.new"
+    mv "$steps/$1.new" "$steps/$1.status"
+}
+
+# begin_beside NAME FUNCTION...: runs these functions as steps, one after another, beside the tests and
+# with a lower CPU priority. Not the lowest: a process that is preempted inside the kernel would keep
+# others from changing network namespaces for seconds. Each step has the name of its function.
+begin_beside() {
+    local name
+    for name in "$@"; do number[$name]=${#number[@]}; done
+    set -m # a process group of its own, which can be stopped
     (
-        renice -n "${niceness:-0}" "$BASHPID" >/dev/null
-        "$@"
-    ) >>"$begun_log" 2>&1 &
-    begun_pid=$!
+        renice -n 5 "$BASHPID" >/dev/null
+        for name in "$@"; do run_step "${number[$name]}" "$name"; done
+    ) </dev/null &
+    beside=$!
+    set +m
 }
-begin_beside() { niceness=5 begin "$@"; }
 
-# Prints the output of a failed step; the "ok" lines of its rows are always printed.
+# finish STEP [NAME]: waits for the step. Prints the output of a failed one; the "ok" lines of its rows
+# are always printed.
 finish() {
+    local file=$steps/${number[$1]} status=1 seconds=0
     ok=
-    if wait "$begun_pid"; then
+    while [[ ! -e $file.status ]] && { [[ -z $beside ]] || kill -0 "$beside" 2>/dev/null; }; do sleep 0.2; done
+    if [[ -e $file.status ]]; then read -r status seconds <"$file.status"; fi
+    if [[ $status -eq 0 ]]; then
         ok=1
-        grep '^ok - ' "$begun_log" || [[ $? -eq 1 ]]
-        printf 'ok - %s (%d s)\n' "$begun" $((SECONDS - begun_at))
+        grep '^ok - ' "$file.log" || [[ $? -eq 1 ]]
+        printf 'ok - %s (%d s)\n' "${2-$1}" "$seconds"
     else
-        printf 'not ok - %s\n' "$begun"
-        cat "$begun_log"
+        printf 'not ok - %s\n' "${2-$1}"
+        cat "$file.log"
         failed=$((failed + 1))
     fi
-    rm -f "$begun_log"
 }
 
 # sources NAME-PATTERN...: prints the names of matching source files, each followed by NUL.
@@ -87,25 +106,25 @@ configured_and_built() {
     cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"
 }
 
-analysed_and_built_otherwise() {
-    local good=1
-    scripts/analyse.sh || good=
-    scripts/build-matrix.sh ${all:+--all} || good=
-    [[ -n $good ]]
-}
+build_asan_ubsan() { configured_and_built asan-ubsan; }
+build_tsan() { configured_and_built tsan; }
+analyse() { scripts/analyse.sh; }
+build_otherwise() { scripts/build-matrix.sh ${all:+--all}; }
 
-# run_again PRESET: runs the few programs that failed again, alone, once nothing else is being built.
+# run_again PRESET: runs the few programs that failed again, alone; what runs beside is stopped meanwhile.
 # A program that passes now is counted by this run and named as unstable: it failed because other
 # things ran at the same time, which is a fault to mend. More failures than a few are not run again.
 run_again() {
-    local failures
+    local failures status=0
     mapfile -t failures < <(scripts/count-tests.py --failed "$results")
     [[ ${#failures[@]} -ge 1 && ${#failures[@]} -le 5 ]] || return 1
-    while kill -0 "$begun_pid" 2>/dev/null; do sleep 1; done
+    if [[ -n $beside ]]; then kill -STOP -- "-$beside" 2>/dev/null || :; fi
     printf '%s: again, alone: %s\n' "$1" "${failures[*]}"
     ctest --preset "$1" -R "^($(IFS='|' && printf '%s' "${failures[*]}"))\$" -j 1 --no-tests=error \
         --output-junit "$results.again" --test-output-size-passed 50000000 \
-        --test-output-size-failed 50000000
+        --test-output-size-failed 50000000 || status=$?
+    if [[ -n $beside ]]; then kill -CONT -- "-$beside" 2>/dev/null || :; fi
+    return "$status"
 }
 
 # suite PRESET: runs all tests of a build and adds up the results.
@@ -145,23 +164,19 @@ fi
 step 'sources are formatted' formatted
 step 'shell scripts have no findings' shell_scripts
 step 'builds with preset release' configured_and_built release
-# The container tests run one at a time and are mostly waiting, so the next build runs at the same
-# time.
 if [[ -n $quick ]]; then
     if [[ -n $ok ]]; then suite release; fi
 else
+    # Many container tests run one at a time and mostly wait; the other builds use that time.
     built=$ok
-    begin_beside 'builds with preset asan-ubsan' configured_and_built asan-ubsan
+    begin_beside build_asan_ubsan build_tsan analyse build_otherwise
     if [[ -n $built ]]; then suite release; fi
-    finish
-    built=$ok
-    begin_beside 'builds with preset tsan' configured_and_built tsan
-    if [[ -n $built ]]; then suite asan-ubsan; fi
-    finish
-    built=$ok
-    begin_beside 'the analysers find nothing, and every way to build works' analysed_and_built_otherwise
-    if [[ -n $built ]]; then suite tsan; fi
-    finish
+    finish build_asan_ubsan 'builds with preset asan-ubsan'
+    if [[ -n $ok ]]; then suite asan-ubsan; fi
+    finish build_tsan 'builds with preset tsan'
+    if [[ -n $ok ]]; then suite tsan; fi
+    finish analyse 'the analysers find nothing'
+    finish build_otherwise 'every way to build works'
     export FUZZ_PRESET=asan-ubsan
     step 'the fuzz targets find nothing in a short run' scripts/fuzz.sh 5
 fi
