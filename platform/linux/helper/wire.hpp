@@ -89,8 +89,9 @@ struct Answer {
 
 // ---------------------------------------------------------------- holder
 
-// The holder's only descriptor: the reading end of a pipe. It exits at its end of file.
-inline constexpr int kHolderPipe = 0;
+// The holder's only descriptor: a socket. A byte says that the mappings of its user namespace were
+// written, and is answered by a byte. It exits at the end of file.
+inline constexpr int kHolderSocket = 0;
 
 // ---------------------------------------------------------------- spawner
 
