@@ -1,6 +1,7 @@
 // engine_second.cpp - a container in a user or time namespace: its first process is created by
 // another one, and with a user namespace a third one makes its root with the rights of the host.
 #include "engine_creation.hpp"
+#include "engine_join.hpp"
 #include "engine_socket.hpp"
 
 #include "system/pidfd.hpp"
@@ -58,7 +59,7 @@ int Creation::launch_maker()
     if (const int error = open_channels(channels); error != 0)
         return error;
     const UniqueFd file = helper_file();
-    const UniqueFd record = settings_.record("", kJoined);
+    const UniqueFd record = settings_.record("", namespaces_to_join(first_.pid(), kJoined));
     ZN_ENGINE_PROGRAM program = plan_.program;
     program.descriptors = 0;
     ProgramArguments arguments;
