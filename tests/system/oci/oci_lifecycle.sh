@@ -7,7 +7,7 @@ loop='trap "exit 5" TERM; echo up; while :; do sleep 0.05; done'
 # Global options and general failures.
 run zncrun --version
 check 'the version is in the form that engines read' grep -qx 'zncrun version [0-9.]*' <<<"$out"
-for option in --log-format=xml --cgroup-manager=disabled --rootless=yes; do
+for option in --log-format=xml --cgroup-manager=none --rootless=yes; do
     run zncrun "$option" list
     refused "$option" 'unknown word'
 done
