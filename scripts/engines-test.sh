@@ -145,7 +145,7 @@ podman_lifecycle() {
     check 'podman exec --user' is 'uid=1234(user) gid=1234(user)' podman_ exec --user user web id
     check 'podman exec -d' podman_ exec -d web touch /tmp/detached
     check 'the detached program ran' soon podman_ exec web test -e /tmp/detached
-    check 'podman top' top_shows web sleep
+    check 'podman top' soon top_shows web sleep
     check 'podman pause' podman_ pause web
     check 'podman inspect says paused' state_is web paused
     check 'podman unpause' podman_ unpause web
@@ -351,7 +351,7 @@ podman_rootless() {
     check 'rootless: podman exec ends with 127 for a missing program' ends 127 podman_ exec web nosuch
     check 'rootless: podman exec --user' is 'uid=1234(user) gid=1234(user)' podman_ exec --user user web id
     check 'rootless: podman exec -t' is yes podman_ exec -t web sh -c 'test -t 0 && echo yes'
-    check 'rootless: podman top' top_shows web sleep
+    check 'rootless: podman top' soon top_shows web sleep
     check 'rootless: podman stop lets the program end' podman_ stop --time 10 web
     check 'rootless: podman inspect shows the exit status after stop' is 3 podman_ inspect --format '{{.State.ExitCode}}' web
     check 'rootless: podman start again' podman_ start web
