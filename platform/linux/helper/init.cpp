@@ -337,6 +337,13 @@ void initialize()
 
 namespace {
 
+// Puts this process, and the one that it creates, into a process group of their own, so that the
+// caller finds the created one even if this process is killed before it reports it.
+void begin_group()
+{
+    check(sys::call(__NR_setpgid, 0, 0));
+}
+
 void report_process(long pid)
 {
     const wire::SpawnReport message = {wire::SpawnReport::Kind::kPid,
@@ -382,6 +389,7 @@ void create_in_namespaces(const Rules& rules)
     }
     if ((flags & CLONE_NEWTIME) != 0)
         make_time_namespace(rules, offsets.get());
+    begin_group();
     const long pid = sys::call(
         __NR_clone, static_cast<long>((flags & ~std::uint64_t{CLONE_NEWTIME}) | CLONE_PARENT), 0, 0,
         0, 0);
@@ -429,6 +437,7 @@ void maker_run(char** argv, char** envp)
     begin(wire::kMakerName, argv, envp, program);
     const Rules rules;
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
+    begin_group();
     // Serve in a child, which is in the PID namespace: a procfs shows the PID namespace of the
     // process that mounts it.
     const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);
