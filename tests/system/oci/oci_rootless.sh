@@ -261,7 +261,9 @@ check_users() { # with many users
         | .linux.gidMappings = .linux.uidMappings' true
     refused 'mappings to users that the caller does not have' 'linux.namespaces: user'
     given '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{containerID: 0, hostID: 1, size: 2000}]
-        | .linux.gidMappings = .linux.uidMappings' true
+        | .linux.gidMappings = .linux.uidMappings | .process.rlimits = [{type: "RLIMIT_NOFILE", soft: 64, hard: 128}]' \
+        sh -c 'ulimit -Hn; cat /proc/self/oom_score_adj'
+    expect 'limits and score of the nested namespace' 0 $'128\n'"$(</proc/self/oom_score_adj)"
     program web sleep 1000
     run zncrun run --detach --bundle "$work/web" "$me-web"
     run zncrun exec --user 5:6 "$me-web" sh -c 'id -u; id -g; echo $HOME'
