@@ -136,6 +136,19 @@ std::string group_name(const Context& context, const std::string& id)
     return fmt::format("{}@{:x}-{:x}", id, st.st_dev, st.st_ino);
 }
 
+// The control group that the container gets; "" if it gets none. Where this process may not create
+// groups, root of a user namespace has containers without; a configuration that limits them is
+// refused when they are created.
+std::string group_of(const Context& context, const Bundle& bundle, const std::string& id)
+{
+    if (!context.groups)
+        return "";
+    const std::string group = bundle.group(group_name(context, id), context.systemd);
+    const bool isMissing =
+        znEngineRootless() != FALSE && znEngineGroupUsable(group.c_str()) == FALSE;
+    return isMissing ? "" : group;
+}
+
 } // namespace
 
 const char* pid_file_of(const Arguments& args)
@@ -210,7 +223,7 @@ Container create_container(const Context& context, const Arguments& args)
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
-    container.group = bundle.group(group_name(context, container.id), context.systemd);
+    container.group = group_of(context, bundle, container.id);
     // The group is known before it is created: whoever deletes the container finds it.
     directory.write(container);
     directory.write_config(bundle.document());

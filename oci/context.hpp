@@ -27,6 +27,7 @@ struct Context {
     bool log_json = false;
     bool debug = false;
     bool systemd = false; // control groups by systemd
+    bool groups = true;   // containers have control groups
 };
 
 // Exception for a failed command; the message goes to the log and to standard error.

@@ -30,9 +30,18 @@ Container living(const Context& context, const Arguments& args)
     return container;
 }
 
+// A living container with a control group.
+Container controlled(const Context& context, const Arguments& args)
+{
+    Container container = living(context, args);
+    if (container.group.empty())
+        throw Failure(fmt::format("container {:?} has no control group", container.id));
+    return container;
+}
+
 int freeze(const Context& context, const Arguments& args, BOOL frozen)
 {
-    const Container container = living(context, args);
+    const Container container = controlled(context, args);
     if (znEngineGroupFreeze(container.group.c_str(), frozen) != OK)
         throw Failure(fmt::format("cgroup {}: {}", container.group, zncctl::error_text()));
     return 0;
@@ -106,7 +115,7 @@ int run_resume(const Context& context, const Arguments& args)
 
 int run_update(const Context& context, const Arguments& args)
 {
-    const Container container = living(context, args);
+    const Container container = controlled(context, args);
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     if (znEngineGroupLimit(container.group.c_str(), resources_of(args).c_str(), reason.data(),
                            reason.size()) != OK)
@@ -116,7 +125,7 @@ int run_update(const Context& context, const Arguments& args)
 
 int run_ps(const Context& context, const Arguments& args)
 {
-    const Container container = living(context, args);
+    const Container container = controlled(context, args);
     Json pids = Json::array();
     const auto add = [](pid_t pid, void* list) { static_cast<Json*>(list)->push_back(pid); };
     if (znEngineGroupProcesses(container.group.c_str(), add, &pids) != OK)
@@ -133,7 +142,7 @@ int run_events(const Context& context, const Arguments& args)
 {
     if (!args.has("stats"))
         throw Failure("events: only --stats is supported");
-    const Container container = living(context, args);
+    const Container container = controlled(context, args);
     ZN_ENGINE_USE use;
     if (znEngineGroupUse(container.group.c_str(), &use) != OK)
         throw Failure(fmt::format("cgroup {}: {}", container.group, zncctl::error_text()));

@@ -159,6 +159,8 @@ int run_kill(const Context& context, const Arguments& args)
         throw Failure(fmt::format("unknown signal {:?}", args.operand(1)));
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
+    if (args.has("all") && container.group.empty())
+        throw Failure(fmt::format("--all: container {:?} has no control group", container.id));
     if (args.has("all")) {
         // Also after the first process has ended: with a shared PID namespace other processes may
         // still run.

@@ -145,9 +145,9 @@ constexpr Option kGlobal[] = {
     {0, "root", "DIR", "directory of the state directories"},
     {0, "log", "FILE", "file to which errors are appended"},
     {0, "log-format", "FORMAT", "text or json"},
-    {0, "cgroup-manager", "NAME", "cgroupfs; systemd is refused"},
+    {0, "cgroup-manager", "NAME", "cgroupfs, or disabled; systemd is refused"},
     {0, "systemd-cgroup", nullptr, "refused"},
-    {0, "rootless", "WORD", "false or auto; true is refused"},
+    {0, "rootless", "WORD", "no effect"},
     {0, "debug", nullptr, "no effect"},
     {0, "version", nullptr, "print the version"},
     {0, "help", nullptr, "print this text"},
@@ -225,10 +225,11 @@ class GlobalOptions {
         } else if (name == "systemd-cgroup") {
             context_.systemd = flag();
         } else if (name == "cgroup-manager") {
-            context_.systemd = one_of(name, {"cgroupfs", "systemd"}) == "systemd";
+            const std::string manager = one_of(name, {"cgroupfs", "systemd", "disabled"});
+            context_.systemd = manager == "systemd";
+            context_.groups = manager != "disabled";
         } else if (name == "rootless") {
-            if (one_of(name, {"false", "auto", "true"}) == "true")
-                throw Failure("--rootless: not supported");
+            static_cast<void>(one_of(name, {"false", "auto", "true"}));
         } else if (name == "version" || name == "v") {
             version_ = true;
         } else if (name == "help" || name == "h") {

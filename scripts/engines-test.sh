@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root and
-# offline, and prints one line for each check. All state is in a temporary directory. Needs podman, conmon and
+# engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root, podman also
+# as an ordinary user, offline, and prints one line for each check. All state is in a temporary directory. Needs podman, conmon and
 # busybox-static (install-deps.sh compare).
 # shellcheck disable=SC2016,SC2317 # texts for shells in containers; functions that are called by check
 set -uo pipefail
@@ -20,25 +20,36 @@ done
 work=$(mktemp -d /tmp/engines-test.XXXXXX)
 containerd_pid=''
 docker_pid=''
+rootless=''
+rootless_pid=''
 good=0
 bad=0
 # podman raises these limits by default, which needs CAP_SYS_RESOURCE.
 limits=(--ulimit nofile=20000:20000 --ulimit nproc=32768:32768)
 
-podman_() {
-    timeout --foreground 90 podman --root "$work/root" --runroot "$work/run" --tmpdir "$work/tmp" \
-        --cgroup-manager cgroupfs --events-backend file --runtime "$runtime" "$@"
-}
+root_engine=(podman --root "$work/root" --runroot "$work/run" --tmpdir "$work/tmp" --cgroup-manager cgroupfs
+    --events-backend file --runtime "$runtime")
+engine=("${root_engine[@]}")
+podman_() { timeout --foreground 90 "${engine[@]}" "$@"; }
 run() { podman_ run --network none "${limits[@]}" "$@"; }
 
 cleanup() {
-    local daemon
+    local daemon pid
     for daemon in $containerd_pid $docker_pid; do
         { kill "$daemon" && wait "$daemon"; } 2>/dev/null
     done
+    if [[ -n $rootless_pid ]]; then
+        nobody_left || remove_rootless
+        # podman keeps a process for its user namespace; the user has no processes but those of this script.
+        for pid in $(pgrep -U "$user") "$rootless_pid"; do
+            kill "$pid"
+        done
+        wait "$rootless_pid"
+    fi >/dev/null 2>&1
+    engine=("${root_engine[@]}")
     podman_ rm --all --force --time 0 >/dev/null 2>&1
     podman_ system prune --all --force >/dev/null 2>&1
-    rm -rf "$work"
+    rm -rf "$work" "$rootless"
 }
 trap cleanup EXIT
 
@@ -90,7 +101,7 @@ make_image() {
     mkdir -p "$tree"/{bin,etc,proc,dev,sys,root,var/data}
     cp "$(command -v busybox)" "$tree/bin/busybox"
     local applet
-    for applet in sh cat echo id ls sleep touch stat grep true mount hostname env kill tty wc test mkdir; do
+    for applet in sh cat echo id ls sleep touch stat grep true mount hostname env kill readlink tty wc test mkdir; do
         ln -s busybox "$tree/bin/$applet"
     done
     mkdir -p "$tree/tmp" && chmod 1777 "$tree/tmp"
@@ -134,7 +145,7 @@ podman_lifecycle() {
     check 'podman exec --user' is 'uid=1234(user) gid=1234(user)' podman_ exec --user user web id
     check 'podman exec -d' podman_ exec -d web touch /tmp/detached
     check 'the detached program ran' soon podman_ exec web test -e /tmp/detached
-    check 'podman top' top_shows web sleep
+    check 'podman top' soon top_shows web sleep
     check 'podman pause' podman_ pause web
     check 'podman inspect says paused' state_is web paused
     check 'podman unpause' podman_ unpause web
@@ -287,6 +298,90 @@ docker_lifecycle() {
         --ulimit nofile=100 --user 5:6 engines:1 sh -c 'touch /tmp/a && echo $(id -u) $(ulimit -n)'
 }
 
+# From here on, podman is that of an ordinary user with 65,536 further ids, whom only the processes of the namespace
+# "$rootless_pid" know. State below /tmp would be refused: other users could replace the directories of root in it.
+readonly user=64210
+start_rootless() {
+    rootless=$(mktemp -d /run/engines-test.XXXXXX)
+    chmod 755 "$rootless"
+    mkdir -m 700 "$rootless"/{home,run}
+    chown "$user:$user" "$rootless"/{home,run}
+    cp "$runtime" "$rootless/zncrun"
+    { cat /etc/passwd && printf 'engines:x:%s:%s::%s/home:/bin/sh\n' "$user" "$user" "$rootless"; } >"$rootless/passwd"
+    { cat /etc/group && printf 'engines:x:%s:\n' "$user"; } >"$rootless/group"
+    printf 'engines:6430000:65536\n' >"$rootless/ranges"
+    printf '[engine]\nruntime_supports_json = ["zncrun"]\nruntime_supports_nocgroup = ["zncrun"]\n[engine.runtimes]\nzncrun = ["%s"]\n' \
+        "$rootless/zncrun" >"$rootless/containers.conf"
+    unshare --mount --propagation private bash -c 'mount --bind "$1/passwd" /etc/passwd &&
+        mount --bind "$1/group" /etc/group && mount --bind "$1/ranges" /etc/subuid && mount --bind "$1/ranges" /etc/subgid && touch "$1/ready" && exec sleep infinity' \
+        - "$rootless" &
+    rootless_pid=$!
+    soon test -e "$rootless/ready" || return 1
+    engine=(nsenter --target "$rootless_pid" --mount setpriv --reuid "$user" --regid "$user" --init-groups
+        env -C "$rootless/home" HOME="$rootless/home" XDG_RUNTIME_DIR="$rootless/run" CONTAINERS_CONF="$rootless/containers.conf"
+        podman --root "$rootless/home/root" --runroot "$rootless/run/podman" --tmpdir "$rootless/run/tmp"
+        --storage-driver vfs --cgroup-manager cgroupfs --events-backend file --runtime zncrun)
+    limits=()
+    make_image
+}
+nobody_left() { ! pgrep -U "$user" >/dev/null; }
+no_state_left() { [[ -z $(ls -A "$rootless/run/zncrun") ]]; }
+# The second command ends the process that keeps the user namespace of podman.
+remove_rootless() { podman_ rm --all --force --time 0 && podman_ system migrate; }
+ends_rootless() { remove_rootless && soon nobody_left; }
+has_terminal() {
+    local command
+    printf -v command '%q ' timeout --foreground 90 "${engine[@]}" run --rm -it --network none localhost/engines:1 tty
+    script --quiet --return --command "$command" /dev/null | grep -q /dev/pts/0
+}
+
+podman_rootless() {
+    check 'an ordinary user has the image' start_rootless
+    check 'rootless: podman run prints what the program prints' is hello run --rm localhost/engines:1 echo hello
+    check 'rootless: podman run passes the exit status' ends 7 run --rm localhost/engines:1 sh -c 'exit 7'
+    check 'rootless: podman run ends with 127 for a missing program' ends 127 run --rm localhost/engines:1 nosuch
+    check 'rootless: the program is root of the user namespace of podman' is "0 $user 1" \
+        run --rm localhost/engines:1 sh -c 'read -r in out count </proc/self/uid_map; echo $in $out $count'
+    check 'rootless: standard input reaches the program' is given feed_given
+    check 'rootless: podman run -d' run -d --name web localhost/engines:1 \
+        sh -c 'trap "exit 3" TERM; echo up; while true; do sleep 0.1; done'
+    check 'rootless: the program runs' soon logs_have web up
+    check 'rootless: podman exec' is '/' podman_ exec web sh -c 'cd / && echo $PWD'
+    check 'rootless: podman exec passes the exit status' ends 9 podman_ exec web sh -c 'exit 9'
+    check 'rootless: podman exec ends with 127 for a missing program' ends 127 podman_ exec web nosuch
+    check 'rootless: podman exec --user' is 'uid=1234(user) gid=1234(user)' podman_ exec --user user web id
+    check 'rootless: podman exec -t' is yes podman_ exec -t web sh -c 'test -t 0 && echo yes'
+    check 'rootless: podman top' soon top_shows web sleep
+    check 'rootless: podman stop lets the program end' podman_ stop --time 10 web
+    check 'rootless: podman inspect shows the exit status after stop' is 3 podman_ inspect --format '{{.State.ExitCode}}' web
+    check 'rootless: podman start again' podman_ start web
+    check 'rootless: podman kill' podman_ kill web
+    check 'rootless: podman rm' podman_ rm --force --time 0 web
+    check 'rootless: nothing is left of the container' ends 1 podman_ container exists web
+    check 'rootless: -it' has_terminal
+    check 'rootless: --cgroups=disabled' is hello run --rm --cgroups=disabled localhost/engines:1 echo hello
+    check 'rootless: --userns keep-id' is "$user" run --rm --userns keep-id localhost/engines:1 id -u
+    check 'rootless: --uidmap' is '0 1 1000' run --rm --uidmap 0:1:1000 --gidmap 0:1:1000 localhost/engines:1 \
+        sh -c 'read -r in out count </proc/self/uid_map; echo $in $out $count'
+    check 'rootless: --user' is 1234 run --rm --user user localhost/engines:1 id -u
+    check 'rootless: --network host' is "$(readlink /proc/self/ns/net)" \
+        podman_ run --rm --network host localhost/engines:1 readlink /proc/self/ns/net
+    check 'rootless: --pid host' ends 1 run --rm --pid host localhost/engines:1 sh -c 'test $$ = 1'
+    check 'rootless: --device' run --rm --device /dev/zero:/dev/other localhost/engines:1 test -c /dev/other
+    check 'rootless: --read-only' ends 1 run --rm --read-only localhost/engines:1 touch /etc/new
+    check 'rootless: --privileged' run --rm --privileged localhost/engines:1 mount -t tmpfs none /tmp
+    check 'rootless: --network of another container' shares_network
+    check 'rootless: --pid of another container' run --rm --pid container:net localhost/engines:1 \
+        sh -c 'grep -q sleep /proc/1/cmdline'
+    if command -v slirp4netns >/dev/null && setpriv --reuid "$user" --clear-groups test -w /dev/net/tun; then
+        check 'rootless: the default network' podman_ run --rm localhost/engines:1 test -d /sys/class/net/tap0
+    else
+        printf 'skipped: rootless network: slirp4netns is not installed, or /dev/net/tun is for root alone\n'
+    fi
+    check 'rootless: all processes end' ends_rootless
+    check 'rootless: no state is left' no_state_left
+}
+
 make_image >"$work/out" 2>&1 || {
     cat "$work/out"
     printf 'not ok - podman import\n'
@@ -304,6 +399,12 @@ if command -v dockerd >/dev/null; then
     docker_lifecycle
 else
     printf 'skipped: docker is not installed\n'
+fi
+
+if command -v newuidmap >/dev/null; then
+    podman_rootless
+else
+    printf 'skipped: rootless podman: newuidmap is not installed\n'
 fi
 
 printf '%s passed, %s failed\n' "$good" "$bad"

@@ -15,7 +15,7 @@ test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppche
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
-compare=(busybox-static conmon containerd crun podman skopeo umoci)
+compare=(busybox-static conmon containerd crun podman skopeo slirp4netns uidmap umoci)
 demo=(busybox-static mount passt tar umoci)
 vm=(busybox-static cpio qemu-system-x86)
 

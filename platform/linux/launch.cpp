@@ -87,6 +87,14 @@ ZN_PLAIN bool copy_mounts(int mounts)
                           ::syscall(SYS_unshare, CLONE_NEWNS) == 0);
 }
 
+ZN_PLAIN bool join(const LaunchNamespace* all, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; i++)
+        if (::syscall(SYS_setns, all[i].descriptor, all[i].type) != 0)
+            return false;
+    return true;
+}
+
 // Ends the sharing of the descriptor table with the caller. Before this, the child must not open or
 // close descriptors.
 ZN_PLAIN bool own_descriptors(int copyBelow)
@@ -99,7 +107,7 @@ ZN_PLAIN int child_main(void* argument)
     auto* child = static_cast<Child*>(argument);
     const Launch& launch = *child->launch;
     if (own_descriptors(launch.copyBelow) && copy_mounts(launch.mounts) &&
-        place_descriptors(launch))
+        join(launch.joined.data(), launch.joined.size()) && place_descriptors(launch))
         ::syscall(SYS_execveat, launch.closeFrom, "", launch.argv, launch.envp, AT_EMPTY_PATH);
     child->error = errno;
     ::syscall(SYS_exit, 127);

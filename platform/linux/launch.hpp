@@ -21,6 +21,11 @@ struct LaunchFd {
     int target; // its number in the helper
 };
 
+struct LaunchNamespace {
+    int descriptor;
+    unsigned long type; // CLONE_NEW flag
+};
+
 struct Launch {
     int file;                      // helper_file()
     unsigned long cloneFlags;      // clone() flags and exit signal
@@ -32,6 +37,8 @@ struct Launch {
     // If not 0: all descriptors named above are less than this, and the caller's descriptors from
     // this number up are not copied to the child.
     int copyBelow = 0;
+    // Namespaces that the child joins before it executes the helper.
+    std::span<const LaunchNamespace> joined = {};
 };
 
 // Starts the helper as a child of the caller, with all signals blocked. Returns its process id and

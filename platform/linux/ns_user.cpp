@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace zn {
@@ -37,6 +38,23 @@ int write_mappings(pid_t pid, const char* file, const List<IdMapping>& mappings)
     std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
     const UniqueFd map(::open(path, O_WRONLY | O_CLOEXEC));
     return map && ::write(map.get(), text.get(), len) == static_cast<ssize_t>(len) ? 0 : errno;
+}
+
+// Waits until the holder cannot be inspected by processes in its namespace any more.
+int tell_mapped(int socket)
+{
+    char byte = 0;
+    if (::send(socket, &byte, sizeof byte, MSG_NOSIGNAL) != sizeof byte)
+        return errno;
+    for (;;) {
+        const ssize_t n = ::recv(socket, &byte, sizeof byte, 0);
+        if (n == sizeof byte)
+            return 0;
+        if (n == 0)
+            return ESRCH;
+        if (errno != EINTR)
+            return errno;
+    }
 }
 
 } // namespace
@@ -87,23 +105,26 @@ int UserNamespace::start(const List<IdMapping>& uids, const List<IdMapping>& gid
 {
     const UniqueFd file = helper_file();
     int ends[2];
-    if (!file || ::pipe2(ends, O_CLOEXEC) != 0)
+    if (!file || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         return errno;
-    const UniqueFd theirs(ends[0]);
+    UniqueFd theirs(ends[0]);
     alive_.reset(ends[1]);
-    const LaunchFd fds[] = {{theirs.get(), wire::kHolderPipe}};
+    const LaunchFd fds[] = {{theirs.get(), wire::kHolderSocket}};
     char name[sizeof wire::kHolderName];
     std::memcpy(name, wire::kHolderName, sizeof name);
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
     pid_ = launch_helper(
-        {file.get(), CLONE_NEWUSER | namespaces, fds, wire::kHolderPipe + 1, argv, envp}, pidfd_);
+        {file.get(), CLONE_NEWUSER | namespaces, fds, wire::kHolderSocket + 1, argv, envp}, pidfd_);
     if (pid_ < 0)
         return errno;
+    theirs.reset();
     uids_ = &uids;
     gids_ = &gids;
-    const int error = write_mappings(pid_, "uid_map", uids);
-    return error != 0 ? error : write_mappings(pid_, "gid_map", gids);
+    int error = write_mappings(pid_, "uid_map", uids);
+    if (error == 0)
+        error = write_mappings(pid_, "gid_map", gids);
+    return error != 0 ? error : tell_mapped(alive_.get());
 }
 
 UniqueFd UserNamespace::open_namespace() const

@@ -43,7 +43,7 @@ class UserNamespace {
   private:
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;
-    znc::UniqueFd alive_; // the process ends when this is closed
+    znc::UniqueFd alive_; // socket; the process ends when this is closed
     const List<IdMapping>* uids_ = nullptr;
     const List<IdMapping>* gids_ = nullptr;
 };

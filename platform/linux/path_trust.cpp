@@ -1,13 +1,17 @@
 #include "zarnel/path_trust.h"
 
-#include "base/owned.hpp"
+#include "ns_user.hpp"
 
+#include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace zn {
 namespace {
@@ -17,10 +21,43 @@ using znc::UniqueFd;
 constexpr int kLinksMax = 40; // as in the kernel's path lookup
 constexpr int kDirFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-bool owner_trusted(const struct stat& st)
-{
-    return st.st_uid == 0 || st.st_uid == ::geteuid();
-}
+// Inside a user namespace, files of users that are not mapped there show the overflow id. The
+// host's root is one of these users if it is not mapped, but so is every other user of the host.
+class UnmappedIds {
+  public:
+    UnmappedIds(const char* map, const char* overflow) : map_(map), overflow_(overflow) {}
+
+    // Whether files with this id may belong to a user that is not mapped. In the host's user
+    // namespace, the overflow id is an id like any other.
+    bool may_have(id_t id)
+    {
+        if (!known_)
+            read();
+        return hasUnmapped_ && id == shown_;
+    }
+
+  private:
+    void read()
+    {
+        constexpr std::uint32_t kAll = UINT32_MAX;
+        constexpr id_t kDefault = 65534;
+        const znc::ErrnoSaver keep;
+        List<IdMapping> map;
+        hasUnmapped_ =
+            mappings_read(::getpid(), map_, map) == 0 && (map.size() != 1 || map[0].count != kAll);
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(overflow_, "re"),
+                                                                   std::fclose);
+        if (!file || std::fscanf(file.get(), "%u", &shown_) != 1)
+            shown_ = kDefault;
+        known_ = true;
+    }
+
+    const char* map_;
+    const char* overflow_;
+    bool known_ = false;
+    bool hasUnmapped_ = false;
+    id_t shown_ = 0;
+};
 
 // The group bits of a file with an access control list are its mask and apply to all users and
 // groups in the list.
@@ -109,6 +146,8 @@ class Walk {
         // replace the entry.
         if (open_to_others_ && !owner_trusted(st))
             return fault(name_, "belongs to another user");
+        if (S_ISLNK(st.st_mode) && uids_.may_have(st.st_uid))
+            return fault(name_, "is a symbolic link of a user that is not mapped");
         if (S_ISLNK(st.st_mode))
             return follow();
         if (!S_ISDIR(st.st_mode))
@@ -123,7 +162,11 @@ class Walk {
     // Checks the directory `at_`, whose attributes are `st`.
     bool enter(const struct stat& st, const char* name)
     {
-        if (!owner_trusted(st))
+        // Above a directory that belongs to this user there may be some of a user that is not
+        // mapped: nobody can give directories away, so that what is reached is this user's in any
+        // case.
+        unmapped_ = uids_.may_have(st.st_uid);
+        if (!unmapped_ && !owner_trusted(st))
             return fault(name, "belongs to another user");
         open_to_others_ = others_may_write(st, name);
         if (open_to_others_ && (st.st_mode & S_ISVTX) == 0)
@@ -141,11 +184,19 @@ class Walk {
         if (!owner_trusted(st))
             return fault(name_, "belongs to another user");
         open_to_others_ = false;
+        unmapped_ = false;
         return !others_may_write(st, name_) || fault(name_, "can be written by other users");
+    }
+
+    bool owner_trusted(const struct stat& st)
+    {
+        return (st.st_uid == 0 || st.st_uid == ::geteuid()) && !uids_.may_have(st.st_uid);
     }
 
     bool end_is_trusted()
     {
+        if (unmapped_)
+            return fault(".", "belongs to a user that is not mapped");
         return !open_to_others_ || fault(".", "can be written by other users");
     }
 
@@ -165,13 +216,14 @@ class Walk {
         return append(target) && append(remainder) && (target[0] != '/' || restart());
     }
 
-    bool others_may_write(const struct stat& st, const char* name) const
+    bool others_may_write(const struct stat& st, const char* name)
     {
         if ((st.st_mode & S_IWOTH) != 0)
             return true;
         if ((st.st_mode & S_IWGRP) == 0)
             return false;
-        return (st.st_gid != 0 && st.st_gid != ::getegid()) || has_access_list(at_.get(), name);
+        return (st.st_gid != 0 && st.st_gid != ::getegid()) || gids_.may_have(st.st_gid) ||
+               has_access_list(at_.get(), name);
     }
 
     bool fault(const char* name, const char* what)
@@ -193,7 +245,10 @@ class Walk {
     char rest_[2 * PATH_MAX] = ""; // the part of the path not yet resolved
     char name_[NAME_MAX + 1] = "";
     int links_ = 0;
+    UnmappedIds uids_{"uid_map", "/proc/sys/kernel/overflowuid"};
+    UnmappedIds gids_{"gid_map", "/proc/sys/kernel/overflowgid"};
     bool open_to_others_ = false; // `at_` is sticky and writable by others
+    bool unmapped_ = false;       // `at_` may belong to a user that is not mapped
     bool missing_ = false;
     bool good_ = false;
 };

@@ -11,7 +11,11 @@
  * members "root", "mounts", "hooks", "annotations" and, in "process", "args", "env" and "cwd" are
  * read by the caller.
  *
- * All calls are for programs with one thread and with root's rights. On failure they return ERROR
+ * Callers have one thread, and the rights of root or those of root in a user namespace. The latter
+ * (znEngineRootless) cannot create device nodes, so that those of the host are bound, and device
+ * rules are not applied.
+ *
+ * On failure calls return ERROR
  * or -1 with errno set. Functions with a parameter `reason` also write an error message to it
  * (`size` bytes; ZN_ENGINE_REASON_MAX are enough).
  */
@@ -76,7 +80,7 @@ typedef struct znEnginePlan {
     const char* domain;   /* NIS domain name; NULL: not set */
     const ZN_ENGINE_MOUNT* mounts;
     size_t mountCount;
-    const char* group; /* path of the control group, which must not exist or be empty */
+    const char* group; /* path of the control group, which must not exist or be empty; "": none */
     int directory;     /* where the socket for the start is created; no container may reach it */
     ZN_ENGINE_PROGRAM program;
     /*
@@ -152,6 +156,9 @@ BOOL znEngineProcessEnded(const ZN_ENGINE_PROCESS* process, int milliseconds);
 
 /* Send a signal, by the host's number. ERROR with ESRCH if the process has ended. */
 STATUS znEngineProcessSignal(const ZN_ENGINE_PROCESS* process, int hostSignal);
+
+/* Whether this process may create this control group and enter it. */
+BOOL znEngineGroupUsable(const char* group);
 
 /* Functions for control groups by path. They fail with ENOENT if there is no such group. */
 STATUS znEngineGroupFreeze(const char* group, BOOL frozen);

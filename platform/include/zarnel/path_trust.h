@@ -10,6 +10,12 @@
  * counts as writable by others unless the group is root's or that of the process and the file has
  * no access control list.
  *
+ * In a user namespace, the owners of files of users that are not mapped are not known: root of the
+ * host may be one of them. Directories of such owners are accepted above the last component, under
+ * the same rules otherwise, but neither as an entry of a sticky directory, nor as the last
+ * component, nor are their symbolic links: what a path leads to then belongs to this user or to
+ * root of the namespace, whoever owns the directories above it.
+ *
  * A component that does not exist is not an error. After creating it, check again.
  */
 #ifndef ZARNEL_PATH_TRUST_H

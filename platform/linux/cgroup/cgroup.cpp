@@ -301,7 +301,25 @@ CgroupVersion cgroup_version()
 {
     const znc::ErrnoSaver keep;
     const KnownHierarchies known;
-    return known.error() == 0 ? known.get().version : CgroupVersion::kNone;
+    const bool isNone =
+        known.error() != 0 || known.get().all.empty() || known.get().all[0].delegated;
+    return isNone ? CgroupVersion::kNone : known.get().version;
+}
+
+bool cgroup_may_create(const char* path)
+{
+    const znc::ErrnoSaver keep;
+    const KnownHierarchies known;
+    return known.error() == 0 && group_may_create(known.get(), path);
+}
+
+int cgroup_without(const Resources& resources, const char** field)
+{
+    const Hierarchies none;
+    GroupPath group;
+    *field = nullptr;
+    const int error = group.set("none");
+    return error != 0 ? error : limits_apply(none, group, resources, field);
 }
 
 bool cgroup_contains(const char* group, const char* path)

@@ -21,7 +21,8 @@ enum class CgroupVersion { kNone, kV1, kV2 };
 // What the machine has: v2 if /sys/fs/cgroup is cgroup2, v1 if controllers are mounted below it
 // (also with an additional "unified" hierarchy, whose controllers are then used, too), none
 // otherwise. Hierarchies in whose root this process may not create groups do not count: those that
-// are mounted read-only or belong to another user, as in most containers. Determined on each call.
+// are mounted read-only or belong to another user, as in most containers. Neither does v2 if this
+// process may create groups below its own one only. Determined on each call.
 CgroupVersion cgroup_version();
 
 // Creates the group, with its parents, in all hierarchies that are used, and applies `resources`.
@@ -35,6 +36,14 @@ CgroupVersion cgroup_version();
 // that no rule allows are refused, and the last rule that matches decides; without rules nothing is
 // written.
 int cgroup_create(const char* path, const Resources& resources, const char** field);
+
+// Whether this process may create the group and enter it. In v2, a user may have been given a group
+// below the root, with all groups below that.
+bool cgroup_may_create(const char* path);
+
+// For a container without a group of its own: ENOTSUP with `field` set to the name of the first
+// limit or device rule that is given.
+int cgroup_without(const Resources& resources, const char** field);
 
 // Whether `path` is the group `group` or below it, so that removing `group` would remove it with
 // its processes. True also if a path is invalid.

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 namespace zn {
 namespace {
@@ -47,14 +50,42 @@ bool is_below_top(const char* point)
            std::strchr(point + kLen + 1, '/') == nullptr;
 }
 
+bool is_writable(int directory, const char* path)
+{
+    return ::faccessat(directory, path, W_OK, AT_EACCESS) == 0;
+}
+
+// The path of this process's group in v2, without "/" at its beginning. False if it is outside the
+// cgroup namespace or there is none.
+bool read_own_group(char (&path)[PATH_MAX])
+{
+    const znc::UniqueFd directory(::open("/proc/self", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory)
+        return false;
+    ControlLines lines(directory.get(), "cgroup");
+    while (const char* line = lines.next())
+        if (std::strncmp(line, "0::/", 4) == 0 && std::strncmp(line + 3, "/..", 3) != 0)
+            return static_cast<std::size_t>(std::snprintf(
+                       path, sizeof path, "%s", line[4] != '\0' ? line + 4 : ".")) < sizeof path;
+    return false;
+}
+
+enum class Usable { kNo, kDelegated, kYes };
+
 // Whether the file system of the mount is the one that is visible at its mount point, where this
 // process may create groups.
-bool is_usable(const Mount& mount)
+Usable is_usable(const Mount& mount)
 {
     const znc::UniqueFd root(::open(mount.point, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st = {};
-    return root && ::fstat(root.get(), &st) == 0 && st.st_dev == mount.device &&
-           ::faccessat(root.get(), ".", W_OK, AT_EACCESS) == 0;
+    if (!root || ::fstat(root.get(), &st) != 0 || st.st_dev != mount.device)
+        return Usable::kNo;
+    if (is_writable(root.get(), "."))
+        return Usable::kYes;
+    char own[PATH_MAX];
+    return is_top(mount.point) && read_own_group(own) && is_writable(root.get(), own)
+               ? Usable::kDelegated
+               : Usable::kNo;
 }
 
 bool is_known(const Hierarchies& hierarchies, dev_t device)
@@ -181,14 +212,18 @@ int hierarchies_read(Hierarchies& hierarchies)
         if (!unified && std::strcmp(mount.type, "cgroup") != 0)
             continue;
         const bool top = unified && is_top(mount.point);
-        if ((!top && !is_below_top(mount.point)) || unifiedTop || !is_usable(mount) ||
+        if ((!top && !is_below_top(mount.point)) || unifiedTop ||
             is_known(hierarchies, mount.device))
+            continue;
+        const Usable usable = is_usable(mount);
+        if (usable == Usable::kNo)
             continue;
         unifiedTop = top;
         const int error = hierarchies_add(hierarchies, mount.point, unified,
                                           unified ? 0 : controllers_of(mount.options));
         if (error != 0)
             return error;
+        hierarchies.all[hierarchies.all.size() - 1].delegated = usable == Usable::kDelegated;
     }
     // "unified" alone, with no controller mounted, would have no limits.
     if (!unifiedTop && hierarchies.version == CgroupVersion::kV2)
@@ -213,6 +248,36 @@ int GroupPath::set(const char* path)
     }
     *out = '\0';
     return parts_ != 0 ? 0 : EINVAL;
+}
+
+// A process may be moved by who may write to the "cgroup.procs" of the lowest group that contains
+// both the old and the new one, and may create groups in directories that are theirs.
+bool group_may_create(const Hierarchies& hierarchies, const char* path)
+{
+    GroupPath wanted;
+    if (wanted.set(path) != 0 || hierarchies.version == CgroupVersion::kNone)
+        return false;
+    const Hierarchy& first = hierarchies.all[0];
+    if (!first.delegated)
+        return true;
+    char own[PATH_MAX];
+    if (!read_own_group(own))
+        return false;
+    GroupPath existing;
+    GroupPath common;
+    for (unsigned parts = 0; parts <= wanted.parts(); parts++) {
+        GroupPath prefix;
+        wanted.first(parts, prefix);
+        const std::string_view text = prefix.text();
+        if (group_open(first, prefix))
+            existing = prefix;
+        if (parts == 0 || (std::string_view(own).starts_with(text) &&
+                           (own[text.size()] == '/' || own[text.size()] == '\0')))
+            common = prefix;
+    }
+    const znc::UniqueFd above = group_open(first, existing);
+    const znc::UniqueFd both = group_open(first, common);
+    return above && both && is_writable(above.get(), ".") && is_writable(both.get(), kProcs);
 }
 
 void GroupPath::first(unsigned parts, GroupPath& prefix) const

@@ -31,6 +31,7 @@ struct Hierarchy {
     znc::UniqueFd root;
     Text point;               // the mount point
     bool unified = false;     // cgroup v2
+    bool delegated = false;   // this process may create groups below its own one only
     unsigned controllers = 0; // of a v1 hierarchy: bits by Controller
 };
 
@@ -51,6 +52,9 @@ int hierarchies_read(Hierarchies& hierarchies);
 // Adds a hierarchy that is mounted at `point`. 0 or an error number.
 int hierarchies_add(Hierarchies& hierarchies, const char* point, bool unified,
                     unsigned controllers);
+
+// Whether this process may create the group and move itself there from the group it is in.
+bool group_may_create(const Hierarchies& hierarchies, const char* path);
 
 // A checked path of a group, without "/" at its beginning: "zarnel/web".
 class GroupPath {

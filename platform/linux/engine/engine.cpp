@@ -20,6 +20,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace zn {
 
@@ -69,11 +70,21 @@ int Creation::check_names()
 
 int Creation::make_group()
 {
-    if (cgroup_version() == CgroupVersion::kNone)
-        return reason_.say(ENOTSUP, "linux.cgroupsPath: there are no control groups");
-    if (settings_.complete_devices() != 0)
-        return reason_.say_errno(ENOMEM, "linux.resources.devices");
     const char* field = nullptr;
+    // The kernel lets only root of the host restrict devices. Others cannot create device nodes, so
+    // that there are none but those that are bound.
+    const bool hasGroup = *plan_.group != '\0';
+    if (rootless_ || !hasGroup)
+        settings_.drop_devices();
+    else if (settings_.complete_devices() != 0)
+        return reason_.say_errno(ENOMEM, "linux.resources.devices");
+    if (!hasGroup && cgroup_without(settings_.resources(), &field) != 0)
+        return reason_.say(ENOTSUP, "linux.resources.%s: the container has no control group",
+                           field != nullptr ? field : "");
+    if (!hasGroup)
+        return 0;
+    if (!cgroup_may_create(plan_.group))
+        return reason_.say(ENOTSUP, "linux.cgroupsPath: there are no control groups");
     int error = cgroup_create(plan_.group, settings_.resources(), &field);
     hasGroup_ = error == 0;
     if (error == 0 && plan_.mark != nullptr)
@@ -112,7 +123,7 @@ int Creation::launch()
     if (error == 0)
         error = joined.enter(settings_, reason_);
     if (error == 0)
-        error = launch_with(file, record, start);
+        error = launch_with(file, record, start, joined.left_to_child());
     const int left = joined.leave();
     return error != 0 ? error : reason_.say_errno(left, "cannot leave the namespaces");
 }
@@ -132,7 +143,8 @@ int Creation::open_channels(Channels& channels)
     return 0;
 }
 
-int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const UniqueFd& start)
+int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const UniqueFd& start,
+                          std::span<const LaunchNamespace> joined)
 {
     Channels channels;
     if (const int error = open_channels(channels); error != 0)
@@ -146,7 +158,7 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     UniqueFd pidfd;
     const pid_t pid = launch_helper({file.get(), settings_.clone_flags() | SIGCHLD, fds.all(),
                                      wire::kInitFdEnd + plan_.program.descriptors, arguments.argv(),
-                                     plan_.program.envp},
+                                     plan_.program.envp, -1, 0, joined},
                                     pidfd);
     if (pid < 0)
         return reason_.say_errno(errno, "cannot create the container's first process");
@@ -211,6 +223,9 @@ int Creation::find_program(Keeper& process)
 
 int Creation::run()
 {
+    if (::geteuid() != 0)
+        return reason_.say(EPERM,
+                           "must run as root, or as root of a user namespace (see unshare -r)");
     SettingsFault fault;
     int error = reason_.say_fault(settings_.read(plan_.document, fault), fault);
     if (error == 0 && settings_.from(NsKind::kMount) != NsChoice::From::kNew)

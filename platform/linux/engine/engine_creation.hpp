@@ -1,5 +1,5 @@
-// engine_creation.hpp - a container of an engine that is being created. Shared by engine.cpp and
-// engine_root.cpp.
+// engine_creation.hpp - a container of an engine that is being created. Shared by engine.cpp,
+// engine_root.cpp, engine_rootless.cpp and engine_second.cpp.
 #ifndef ZN_ENGINE_CREATION_HPP
 #define ZN_ENGINE_CREATION_HPP
 
@@ -9,9 +9,11 @@
 #include "engine_settings.hpp"
 #include "engine_user.hpp"
 #include "keeper_link.hpp"
+#include "launch.hpp"
 #include "zarnel/engine.h"
 
 #include <initializer_list>
+#include <span>
 
 namespace zn {
 
@@ -52,7 +54,7 @@ class Creation {
     int launch();
     int open_channels(Channels& channels);
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,
-                    const znc::UniqueFd& start);
+                    const znc::UniqueFd& start, std::span<const LaunchNamespace> joined);
     int adopt_created(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket, Keeper& process);
     int launch_maker();
     int enter_own_mounts();
@@ -74,7 +76,10 @@ class Creation {
     int mount_one(const ZN_ENGINE_MOUNT& mount);
     int attach(int mount, const char* destination);
     int mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int bind_of_host(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int drop_unmapped_group(EngineMount& wanted) const;
     int mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int bind_device(const char* path, const wire::Node& node);
     int make_device(const Device& device);
     int make_devices();
     int make_terminal();
@@ -92,6 +97,8 @@ class Creation {
     EngineUser user_;
     Keeper first_;
     Keeper maker_;
+    // Whether this process has only the rights of root in a user namespace.
+    const bool rootless_ = znEngineRootless() != FALSE;
     bool hasGroup_ = false;
     bool kept_ = false;
 };

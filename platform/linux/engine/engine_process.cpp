@@ -73,6 +73,11 @@ STATUS znEngineProcessSignal(const ZN_ENGINE_PROCESS* process, int hostSignal)
     return pidfd && process_signal(pidfd.get(), hostSignal) == 0 ? OK : ERROR;
 }
 
+BOOL znEngineGroupUsable(const char* group)
+{
+    return cgroup_may_create(group) ? TRUE : FALSE;
+}
+
 STATUS znEngineGroupFreeze(const char* group, BOOL frozen)
 {
     return result(cgroup_freeze(group, frozen != FALSE));

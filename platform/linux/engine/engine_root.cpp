@@ -40,7 +40,7 @@ int Creation::pivot()
     return reason_.say_errno(
         ask(request,
             {host ? host.get() : "", plan_.domain != nullptr ? plan_.domain : "",
-             plan_.prepared != nullptr ? plan_.root : ""},
+             plan_.prepared != nullptr || rootless_ ? plan_.root : ""},
             tree.get()),
         "cannot enter the root filesystem %s", plan_.root);
 }
@@ -52,12 +52,14 @@ std::uint64_t Creation::shared_propagation() const
     return (wanted & (MS_SHARED | MS_UNBINDABLE)) != 0 ? wanted : 0;
 }
 
+// In a user namespace, the kernel mounts a procfs or sysfs only while the mount namespace shows one
+// whole: until all is mounted, the host's tree stays there, as it does for hooks.
 int Creation::run_hooks()
 {
-    if (plan_.prepared == nullptr)
+    if (plan_.prepared == nullptr && !rootless_)
         return 0;
     const ZN_ENGINE_PROCESS process = {first_.pid(), process_start_time(first_.pid())};
-    if (plan_.prepared(&process, plan_.context) != OK)
+    if (plan_.prepared != nullptr && plan_.prepared(&process, plan_.context) != OK)
         return reason_.say(ECANCELED, "a hook failed");
     wire::Request request = request_of(wire::Op::kSwitch);
     request.value = shared_propagation();
@@ -93,6 +95,15 @@ int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wante
 
 int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
 {
+    if (*plan_.group == '\0') { // there is no group to be shown: an empty directory
+        EngineMount empty = wanted;
+        empty.plan.type = "tmpfs";
+        empty.plan.optionsLen = 0;
+        empty.plan.optionCount = 0;
+        empty.plan.attrSet |= MOUNT_ATTR_RDONLY;
+        const UniqueFd made = engine_mount_make(empty, "cgroup", -1, nullptr);
+        return made ? attach(made.get(), mount.destination) : errno;
+    }
     List<CgroupMount> parts;
     int error = engine_cgroup_mounts(plan_.group, wanted, parts);
     for (std::size_t i = 0; i < parts.size() && error == 0; i++) {
@@ -170,7 +181,9 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
     error = choose_owners(mount, wanted, owners);
     if (error != 0)
         return error;
-    error = user_.map_options(wanted.plan);
+    error = drop_unmapped_group(wanted);
+    if (error == 0)
+        error = user_.map_options(wanted.plan);
     if (error != 0)
         return reason_.say_errno(error, "mounts: %s: owner", mount.destination);
     if (!label(wanted))
@@ -180,11 +193,16 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
         error = mount_cgroup(mount, wanted);
     } else if (engine_mount_is_inner(wanted.plan)) {
         error = mount_inner(mount, wanted);
+        if (error == EPERM && rootless_)
+            error = bind_of_host(mount, wanted);
     } else {
         const UniqueFd made =
             engine_mount_make(wanted, mount.source, root_.get(), mount.destination);
         error = made ? attach(made.get(), mount.destination) : errno;
     }
+    if (error == EPERM && rootless_ && wanted.plan.mapped)
+        return reason_.say(error, "mounts: %s: only root of the host can map owners of this mount",
+                           mount.destination);
     return reason_.say_errno(error, "error mounting \"%s\" to rootfs at \"%s\"",
                              wanted.plan.bind ? source : mount.type, mount.destination);
 }
@@ -232,6 +250,10 @@ bool binds_dev(const ZN_ENGINE_PLAN& plan)
 
 int Creation::make_device(const Device& device)
 {
+    if (rootless_ && device.type != 'p')
+        return bind_device(device.path.get(), {device.type == 'b' ? S_IFBLK + 0U : S_IFCHR + 0U,
+                                               device.major, device.minor, 0, 0});
+
     const auto uid = user_.host_uid(device.uid);
     const auto gid = user_.host_gid(device.gid);
     return uid && gid ? explain(keeper_make_device(maker(), device, *uid, *gid)) : EINVAL;
@@ -255,7 +277,9 @@ int Creation::make_devices()
         wire::Request request = request_of(wire::Op::kDevice);
         request.node = {S_IFCHR | 0666, node.major, node.minor, user_.host_uid(0).value_or(0),
                         user_.host_gid(0).value_or(0)};
-        if (const int error = ask(request, {node.path}); error != 0)
+        const int error =
+            rootless_ ? bind_device(node.path, request.node) : ask(request, {node.path});
+        if (error != 0)
             return reason_.say_errno(error, "cannot create %s", node.path);
     }
     for (const Device& device : settings_.settings().devices)

@@ -1,11 +1,13 @@
 // engine_second.cpp - a container in a user or time namespace: its first process is created by
 // another one, and with a user namespace a third one makes its root with the rights of the host.
 #include "engine_creation.hpp"
+#include "engine_join.hpp"
 #include "engine_socket.hpp"
 
 #include "system/pidfd.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <iterator>
 #include <poll.h>
@@ -14,10 +16,26 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 
 namespace zn {
 
 using znc::UniqueFd;
+
+namespace {
+
+// Ends the process and the one that it may have created without reporting it: the first process of
+// a PID namespace cannot end while a process in it has not been reaped.
+void end_group(pid_t pid, const UniqueFd& pidfd)
+{
+    process_signal(pidfd.get(), SIGKILL);
+    ::kill(-pid, SIGKILL); // the id is not reused: the process has not been reaped
+    process_reap(pidfd.get());
+    while (::waitid(P_PGID, static_cast<id_t>(pid), nullptr, WEXITED) == 0 || errno == EINTR) {
+    }
+}
+
+} // namespace
 
 // Takes over the process that `pid` creates and reports. 0, or an error number with the reason
 // said.
@@ -30,8 +48,7 @@ int Creation::adopt_created(pid_t pid, UniqueFd pidfd, UniqueFd socket, Keeper& 
         ::poll(events, std::size(events), kAnswerWait) > 0 &&
         ::read(report_.get(), &report, sizeof report) == static_cast<ssize_t>(sizeof report);
     if (!said || report.kind != wire::SpawnReport::Kind::kPid) {
-        process_signal(pidfd.get(), SIGKILL);
-        process_reap(pidfd.get());
+        end_group(pid, pidfd);
         return reason_.say_errno(said ? report.value : ESRCH,
                                  "cannot create the process %d of the container", pid);
     }
@@ -58,7 +75,7 @@ int Creation::launch_maker()
     if (const int error = open_channels(channels); error != 0)
         return error;
     const UniqueFd file = helper_file();
-    const UniqueFd record = settings_.record("", kJoined);
+    const UniqueFd record = settings_.record("", namespaces_to_join(first_.pid(), kJoined));
     ZN_ENGINE_PROGRAM program = plan_.program;
     program.descriptors = 0;
     ProgramArguments arguments;
@@ -70,6 +87,9 @@ int Creation::launch_maker()
     UniqueFd pidfd;
     const pid_t pid = launch_helper(
         {file.get(), SIGCHLD, fds.all(), wire::kInitFdEnd, arguments.argv(), program.envp}, pidfd);
+    // With the only other ends in the process, its end is noticed.
+    channels.theirs.reset();
+    channels.report.reset();
     int error = pid < 0 ? reason_.say_errno(errno, "cannot create a process")
                         : adopt_created(pid, std::move(pidfd), std::move(channels.ours), maker_);
     report_ = std::move(before);

@@ -6,12 +6,16 @@
 #include "ns_kinds.hpp"
 #include "ns_user.hpp"
 #include "settings/seccomp.hpp"
+#include "zarnel/engine.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace zn {
 
@@ -76,12 +80,63 @@ int EngineSettings::check(SettingsFault& fault) const
     return labels_check(settings_, fault);
 }
 
+namespace {
+
+bool setgroups_denied()
+{
+    char word[8] = "";
+    const UniqueFd file(::open("/proc/self/setgroups", O_RDONLY | O_CLOEXEC));
+    return file && ::read(file.get(), word, sizeof word) >= 4 && std::strncmp(word, "deny", 4) == 0;
+}
+
+int check_mapped(const char* field, const char* file, std::uint32_t id, SettingsFault& fault)
+{
+    List<IdMapping> map;
+    if (const int error = mappings_read(::getpid(), file, map); error != 0)
+        return error;
+    return mapped_id(map, id) ? 0 : refuse(fault, field, "is not mapped in the user namespace");
+}
+
+} // namespace
+
+int EngineSettings::check_rootless(SettingsFault& fault)
+{
+    keepsGroups_ = setgroups_denied();
+    if (keepsGroups_ && !settings_.user.groups.empty())
+        return refuse(fault, "process.user.additionalGids",
+                      "the user namespace of the caller denies setgroups");
+    for (std::size_t i = 0; i < settings_.rlimits.size(); i++) {
+        const Rlimit& limit = settings_.rlimits[i];
+        struct rlimit now = {};
+        if (::getrlimit(static_cast<__rlimit_resource>(limit.resource), &now) == 0 &&
+            limit.hard > now.rlim_max) {
+            std::snprintf(fault.field, sizeof fault.field, "process.rlimits[%zu].hard", i);
+            std::snprintf(fault.reason, sizeof fault.reason,
+                          "above the hard limit of the caller, %llu",
+                          static_cast<unsigned long long>(now.rlim_max));
+            return EPERM;
+        }
+    }
+    if (hasUsers_)
+        return 0;
+    int error = check_mapped("process.user.uid", "uid_map", settings_.user.uid, fault);
+    if (error == 0)
+        error = check_mapped("process.user.gid", "gid_map", settings_.user.gid, fault);
+    for (const std::uint32_t group : settings_.user.groups)
+        if (error == 0)
+            error = check_mapped("process.user.additionalGids", "gid_map", group, fault);
+    return error;
+}
+
 int EngineSettings::read(const char* document, SettingsFault& fault)
 {
     int error = settings_read(document, settings_, fault);
     hasUsers_ = from(NsKind::kUser) != NsChoice::From::kHost;
+    isRootless_ = znEngineRootless() != FALSE;
     if (error == 0)
         error = check(fault);
+    if (error == 0 && isRootless_)
+        error = check_rootless(fault);
     if (error != 0 || !settings_.seccomp.given)
         return error;
     SeccompCode code;
@@ -167,6 +222,8 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join) const
     rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;
     rules.ownNetwork = join == 0 && from(NsKind::kNetwork) == NsChoice::From::kNew ? 1 : 0;
     rules.filterFlags = filterFlags_;
+    rules.keepGroups = keepsGroups_ ? 1 : 0;
+    rules.keepScore = isRootless_ ? 1 : 0;
     rules.noNewPrivileges = settings_.noNewPrivileges.value_or(false) ? 1 : 0;
     std::size_t size = 0;
     const auto packed = confinement_pack(rules, settings_, filter_.all(), std::move(entries), size);

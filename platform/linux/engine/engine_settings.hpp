@@ -42,6 +42,8 @@ class EngineSettings {
 
     // Completes the device rules: the devices that every container has are always allowed.
     int complete_devices();
+    // Device rules and the devices of the host are left to who may use them.
+    void drop_devices() { settings_.resources.devices = {}; }
     [[nodiscard]] const Resources& resources() const { return settings_.resources; }
 
     // A file with the confinement, for the helper. `group`: the control group to enter, "" none.
@@ -51,12 +53,16 @@ class EngineSettings {
 
   private:
     int check(SettingsFault& fault) const;
+    // Whether a caller without the rights of the host can apply what is asked for.
+    int check_rootless(SettingsFault& fault);
     [[nodiscard]] unsigned long new_namespaces() const;
 
     Settings settings_;
     List<wire::FilterCode> filter_;
     unsigned filterFlags_ = 0;
     bool hasUsers_ = false;
+    bool isRootless_ = false;
+    bool keepsGroups_ = false; // the kernel denies setgroups
 };
 
 } // namespace zn

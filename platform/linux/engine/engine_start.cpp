@@ -3,6 +3,7 @@
 
 #include "base/file.hpp"
 #include "cgroup/cgroup.hpp"
+#include "engine_join.hpp"
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
 #include "engine_socket.hpp"
@@ -144,7 +145,8 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
     if (!first)
         return said.say(ESRCH, "container not running");
     int error = unconfined ? 0 : take_users(process.pid, settings);
-    const UniqueFd record = error == 0 ? settings.record(group, kJoined) : UniqueFd();
+    const UniqueFd record =
+        error == 0 ? settings.record(group, namespaces_to_join(process.pid, kJoined)) : UniqueFd();
     Outcome outcome;
     if (error == 0)
         error = record

@@ -23,6 +23,7 @@ namespace zn {
 inline constexpr unsigned kTypeMask = 0170000;
 inline constexpr unsigned kDirectory = 0040000;
 inline constexpr unsigned kLink = 0120000;
+inline constexpr unsigned kRegular = 0100000;
 inline constexpr unsigned kCharDevice = 0020000;
 
 inline bool text_equal(const char* a, const char* b)

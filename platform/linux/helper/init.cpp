@@ -125,13 +125,18 @@ struct Place {
     int error = 0;
 };
 
+int look_at(int directory, const char* name, struct statx& st)
+{
+    return error_of(sys::call(__NR_statx, directory, sys::arg(name), AT_SYMLINK_NOFOLLOW,
+                              STATX_TYPE | STATX_SIZE, sys::arg(&st)));
+}
+
 // Existing files are not replaced, because they may be part of a volume. A mount from the
 // configuration at this path, or a node of the same device, is kept.
 int node_keep(int directory, const char* name, const wire::Node& node)
 {
     struct statx st = {};
-    const int error = error_of(sys::call(__NR_statx, directory, sys::arg(name), AT_SYMLINK_NOFOLLOW,
-                                         STATX_TYPE, sys::arg(&st)));
+    const int error = look_at(directory, name, st);
     if (error != 0 || (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
         return error;
     const bool isSame = (st.stx_mode & kTypeMask) == (node.mode & kTypeMask) &&
@@ -148,12 +153,27 @@ int refuse_device_link(const char* path)
                : 0;
 }
 
-int provide_device(const Incoming& in)
+// Attaches a bind of the host's node. An empty file may be the mount point that an earlier
+// container made in the same root.
+int attach_device(const Place& place, int mount, const Incoming& in)
+{
+    struct statx st = {};
+    const int error = look_at(place.directory.get(), place.name, st);
+    if (error == 0 && ((st.stx_mode & kTypeMask) != kRegular ||
+                       (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 || st.stx_size != 0))
+        return node_keep(place.directory.get(), place.name, in.request.node);
+    std::uint64_t id = 0;
+    return error == 0 || error == ENOENT ? mount_attach(mount, in.text, false, &id) : error;
+}
+
+int provide_device(const Incoming& in, int mount)
 {
     const int refused = refuse_device_link(in.text);
     const Place place(in.text);
     if (refused != 0 || place.error != 0)
         return refused != 0 ? refused : place.error;
+    if (mount >= 0)
+        return attach_device(place, mount, in);
     const int error = node_create(place.directory.get(), place.name, in.request.node);
     return error == EEXIST ? node_keep(place.directory.get(), place.name, in.request.node) : error;
 }
@@ -232,7 +252,7 @@ int serve(const Incoming& in, int descriptor, Program& program, sys::Fd& hostRoo
     case wire::Op::kMountFs:
         return mount_type(in, value);
     case wire::Op::kDevice:
-        return provide_device(in);
+        return provide_device(in, descriptor);
     case wire::Op::kLink:
         return make_link(first, next_text(first));
     case wire::Op::kSysctl:
@@ -317,6 +337,13 @@ void initialize()
 
 namespace {
 
+// Puts this process, and the one that it creates, into a process group of their own, so that the
+// caller finds the created one even if this process is killed before it reports it.
+void begin_group()
+{
+    check(sys::call(__NR_setpgid, 0, 0));
+}
+
 void report_process(long pid)
 {
     const wire::SpawnReport message = {wire::SpawnReport::Kind::kPid,
@@ -362,6 +389,7 @@ void create_in_namespaces(const Rules& rules)
     }
     if ((flags & CLONE_NEWTIME) != 0)
         make_time_namespace(rules, offsets.get());
+    begin_group();
     const long pid = sys::call(
         __NR_clone, static_cast<long>((flags & ~std::uint64_t{CLONE_NEWTIME}) | CLONE_PARENT), 0, 0,
         0, 0);
@@ -409,6 +437,7 @@ void maker_run(char** argv, char** envp)
     begin(wire::kMakerName, argv, envp, program);
     const Rules rules;
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
+    begin_group();
     // Serve in a child, which is in the PID namespace: a procfs shows the PID namespace of the
     // process that mounts it.
     const long pid = sys::call(__NR_clone, CLONE_PARENT, 0, 0, 0, 0);

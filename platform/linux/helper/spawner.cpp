@@ -248,7 +248,8 @@ void drop_rights(const Rules& rules, const Identity& user)
     // Secure bits set by the caller could keep capabilities from being dropped with root's user id.
     check(sys::call(__NR_prctl, PR_SET_SECUREBITS, 0));
     limit_capabilities(rules->bounding);
-    check(sys::call(__NR_setgroups, static_cast<long>(user.groupCount), sys::arg(user.groups)));
+    if (rules->keepGroups == 0)
+        check(sys::call(__NR_setgroups, static_cast<long>(user.groupCount), sys::arg(user.groups)));
     check(sys::call(__NR_setresgid, user.gid, user.gid, user.gid));
     check(sys::call(__NR_prctl, PR_SET_KEEPCAPS, 1));
     check(sys::call(__NR_setresuid, user.uid, user.uid, user.uid));
@@ -445,7 +446,9 @@ void prepare_on_host(const Rules& rules)
         while ((left /= 10) != 0);
         if (negative)
             text[--at] = '-';
-        write_on_host("/proc/self/oom_score_adj", text + at);
+        const long written = write_text(AT_FDCWD, "/proc/self/oom_score_adj", text + at);
+        // Only root of the host may lower the score; others keep that of the caller.
+        check(written == -EACCES && rules->keepScore != 0 ? 0 : written);
     }
 }
 

@@ -35,7 +35,8 @@ enum class Op : std::uint32_t {
     kMountTree,  // descriptor: detached tree; text: destination
     kMountFs,    // text: destination, type, then options "key" or "key=value"
     kUnmount,    // text: destination; value: the mount id from the answer to kMount...
-    kDevice,     // text: path in /dev; node: the device
+    kDevice,     // text: path in /dev; node: the device; for an engine's container, descriptor, if
+                 // any: a detached mount of the node
     kSysctl,     // text: path below /proc/sys, value
     kHide,       // text: path to be covered
     kReadOnly,   // text: path to be made read-only, "/" for the root itself
@@ -89,8 +90,9 @@ struct Answer {
 
 // ---------------------------------------------------------------- holder
 
-// The holder's only descriptor: the reading end of a pipe. It exits at its end of file.
-inline constexpr int kHolderPipe = 0;
+// The holder's only descriptor: a socket. A byte says that the mappings of its user namespace were
+// written, and is answered by a byte. It exits at the end of file.
+inline constexpr int kHolderSocket = 0;
 
 // ---------------------------------------------------------------- spawner
 
@@ -131,6 +133,8 @@ struct Confinement {
     std::uint32_t labels;     // texts in pairs: file below /proc/self/attr, security label
     std::uint32_t offsets;    // 1: a text for /proc/self/timens_offsets is the last one
     std::uint32_t user;       // 1: the user namespace kInitUser is to be entered
+    std::uint32_t keepGroups; // 1: the kernel denies setgroups: none are added, none are dropped
+    std::uint32_t keepScore;  // 1: an oomScore that the kernel refuses is not an error
     std::uint64_t created;    // zn-init: CLONE_NEW flags of the namespaces that are created after
                               // that; 0: they exist
 };

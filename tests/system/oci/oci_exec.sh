@@ -72,42 +72,20 @@ expect 'no other descriptors than the preserved ones are passed on' 1 0
 exec 3<&- 4<&- 7<&-
 
 # A terminal.
-cat >"$work/terminal.py" <<'P'
-import os, socket, subprocess, sys
-path = sys.argv[1]
-server = socket.socket(socket.AF_UNIX)
-server.bind(path)
-server.listen(1)
-program = subprocess.Popen(sys.argv[2:], stdin=subprocess.DEVNULL)
-server.settimeout(30)
-client, _ = server.accept()
-_, fds, _, _ = socket.recv_fds(client, 100, 1)
-said = b""
-while True:
-    try:
-        part = os.read(fds[0], 1000)
-    except OSError:
-        break
-    if not part:
-        break
-    said += part
-sys.stdout.write(said.decode().replace("\r", ""))
-sys.exit(program.wait())
-P
-run timeout 60 python3 "$work/terminal.py" "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty \
+run with_terminal "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty \
     --console-socket "$work/socket" "$me-web" sh -c 'tty; exec 3<>/dev/tty && echo controlling'
 expect 'exec with a terminal' 0 $'/dev/pts/0\ncontrolling'
 jq '.args = ["stty", "size"] | .terminal = true | .consoleSize = {height: 33, width: 133}' "$work/process.json" \
     >"$work/size.json"
-run timeout 60 python3 "$work/terminal.py" "$work/socket4" "$ZNCRUN" --root "$work/state" exec \
+run with_terminal "$work/socket4" "$ZNCRUN" --root "$work/state" exec \
     --process "$work/size.json" --console-socket "$work/socket4" "$me-web"
 expect 'the terminal of exec has the size in the process file' 0 '33 133'
 make_bundle tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
 change tty '.process.terminal = true | .process.consoleSize = {height: 30, width: 90}'
-run timeout 60 python3 "$work/terminal.py" "$work/$(printf 'long%.0s' {1..30})" "$ZNCRUN" --root "$work/state" run \
+run with_terminal "$work/$(printf 'long%.0s' {1..30})" "$ZNCRUN" --root "$work/state" run \
     --bundle "$work/tty" --console-socket "$work/$(printf 'long%.0s' {1..30})" "$me-tty"
 check 'a container with a terminal (its socket has a long path)' test "$status" = 1
-run timeout 60 python3 "$work/terminal.py" "$work/socket2" "$ZNCRUN" --root "$work/state" run \
+run with_terminal "$work/socket2" "$ZNCRUN" --root "$work/state" run \
     --bundle "$work/tty" --console-socket "$work/socket2" "$me-tty"
 expect 'a container with a terminal' 0 $'/dev/pts/0\n30 90\nc\ncontrolling'
 run zncrun create --bundle "$work/tty" "$me-tty"
@@ -115,7 +93,7 @@ refused 'a terminal needs a socket' 'console socket'
 chown -R 100000:100000 "$work/tty/rootfs"
 change tty '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 500}]
     | .linux.gidMappings = .linux.uidMappings | .process.args[2] += "; stat -c %u /dev/pts/0"'
-run timeout 60 python3 "$work/terminal.py" "$work/socket3" "$ZNCRUN" --root "$work/state" run \
+run with_terminal "$work/socket3" "$ZNCRUN" --root "$work/state" run \
     --bundle "$work/tty" --console-socket "$work/socket3" "$me-tty"
 expect 'a terminal works with a user namespace' 0 $'/dev/pts/0\n30 90\nc\ncontrolling\n0'
 

@@ -103,6 +103,33 @@ finish() {
     exit
 }
 
+# with_terminal SOCKET COMMAND...: what a program writes to the terminal whose other end zncrun sends to the socket.
+with_terminal() {
+    cat >"$work/terminal.py" <<'P'
+import os, socket, subprocess, sys
+path = sys.argv[1]
+server = socket.socket(socket.AF_UNIX)
+server.bind(path)
+server.listen(1)
+program = subprocess.Popen(sys.argv[2:], stdin=subprocess.DEVNULL)
+server.settimeout(30)
+client, _ = server.accept()
+_, fds, _, _ = socket.recv_fds(client, 100, 1)
+said = b""
+while True:
+    try:
+        part = os.read(fds[0], 1000)
+    except OSError:
+        break
+    if not part:
+        break
+    said += part
+sys.stdout.write(said.decode().replace("\r", ""))
+sys.exit(program.wait())
+P
+    timeout 60 python3 "$work/terminal.py" "$@"
+}
+
 if ! compgen -G '/sys/fs/cgroup/*' >/dev/null; then
     printf 'skipped: this machine has no control groups\n'
     exit 77

@@ -7,7 +7,7 @@ loop='trap "exit 5" TERM; echo up; while :; do sleep 0.05; done'
 # Global options and general failures.
 run zncrun --version
 check 'the version is in the form that engines read' grep -qx 'zncrun version [0-9.]*' <<<"$out"
-for option in --log-format=xml --cgroup-manager=disabled --rootless=yes; do
+for option in --log-format=xml --cgroup-manager=none --rootless=yes; do
     run zncrun "$option" list
     refused "$option" 'unknown word'
 done
@@ -26,6 +26,26 @@ for bad in .. . a/b 'a b' ''; do
 done
 run zncrun features
 check 'features is JSON' jq -e '.linux.cgroup.v1 and (.linux.namespaces | index("pid"))' "$work/out"
+
+# Without a control group.
+make_bundle free true
+free=$(<"$work/free/config.json")
+change free '.linux.resources.devices = [{allow: false, access: "rwm"}]'
+run zncrun --cgroup-manager=disabled run --bundle "$work/free" "$me-free"
+expect 'run without a control group' 0 ''
+program free sleep 1000
+run zncrun --cgroup-manager disabled run --detach --bundle "$work/free" "$me-free"
+check 'no control group is made' not group_exists "$me-free"
+run zncrun exec "$me-free" true
+expect 'exec without a control group' 0 ''
+run zncrun ps "$me-free"
+refused 'ps without a control group' 'has no control group'
+run zncrun delete --force "$me-free"
+expect 'delete without a control group' 0 ''
+printf '%s' "$free" >"$work/free/config.json"
+change free '.linux.resources.memory.limit = 1000000000'
+run zncrun --cgroup-manager=disabled run --bundle "$work/free" "$me-free"
+refused 'a limit without a control group' 'linux.resources.memory.limit: the container has no control group'
 
 # The program starts when it is told to.
 make_bundle web sh -c "$loop"

@@ -1,11 +1,14 @@
 // Tests of the check whether other users can modify a path.
 #include "zarnel/path_trust.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -185,6 +188,98 @@ TEST_F(PathTrust, ForAnotherUserItsOwnAndRootsDirectoriesAreTrusted)
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// In a user namespace with one user: itself as root. Directories of the host's root and of all
+// other users look alike there.
+class PathTrustUnmapped : public PathTrust {
+  protected:
+    void SetUp() override
+    {
+        // Not below /tmp, which is sticky.
+        for (const char* path : {"/trust", "/trust/mine"})
+            fs::create_directories(path);
+        own("/trust/mine", kStranger);
+        fs::create_directories("/trust/theirs");
+        fs::create_directory_symlink("/trust/mine", "/trust/link");
+        PathTrust::SetUp();
+        make(in_top("mine"), 0755, kStranger, kStranger);
+    }
+    void TearDown() override
+    {
+        fs::remove_all("/trust");
+        PathTrust::TearDown();
+    }
+    static void own(const char* path, uid_t owner) { ASSERT_EQ(::chown(path, owner, owner), 0); }
+
+    // The result of the check in the namespace: "" or the fault.
+    static std::string check_inside(const std::string& path)
+    {
+        int ready[2];
+        int said[2];
+        EXPECT_EQ(::pipe(ready), 0);
+        EXPECT_EQ(::pipe(said), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            char go = 0;
+            znPathTrust trust = {};
+            if (::setgid(kStranger) != 0 || ::setuid(kStranger) != 0 ||
+                ::prctl(PR_SET_DUMPABLE, 1) != 0 || ::unshare(CLONE_NEWUSER) != 0 ||
+                ::write(said[1], "r", 1) != 1 || ::read(ready[0], &go, 1) != 1)
+                ::_exit(1);
+            const bool isTrusted = znPathTrusted(path.c_str(), &trust) == OK;
+            const std::string text = isTrusted ? "trusted" : trust.fault;
+            ::_exit(::write(said[1], text.data(), text.size()) > 0 ? 0 : 2);
+        }
+        ::close(said[1]);
+        char text[1200] = "";
+        EXPECT_EQ(::read(said[0], text, 1), 1);
+        const std::string map = "0 " + std::to_string(kStranger) + " 1\n";
+        for (const char* file : {"uid_map", "gid_map"})
+            std::ofstream("/proc/" + std::to_string(child) + "/" + file) << map << std::flush;
+        EXPECT_EQ(::write(ready[1], "g", 1), 1);
+        const ssize_t len = ::read(said[0], text, sizeof text - 1);
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        for (const int fd : {ready[0], ready[1], said[0]})
+            ::close(fd);
+        return {text, static_cast<std::size_t>(std::max<ssize_t>(len, 0))};
+    }
+};
+
+TEST_F(PathTrustUnmapped, DirectoriesOfUsersThatAreNotMappedMayBeAboveOnesOwn)
+{
+    EXPECT_EQ(check_inside("/trust/mine"), "trusted");
+    EXPECT_EQ(check_inside(in_top("mine")), std::string(kTop) + " belongs to another user");
+    ASSERT_EQ(::chmod("/trust", 0757), 0);
+    EXPECT_EQ(check_inside("/trust/mine"), "/trust can be written by other users");
+    ASSERT_EQ(::chmod("/trust", 0775), 0);
+    EXPECT_EQ(check_inside("/trust/mine"), "/trust can be written by other users");
+}
+
+TEST_F(PathTrustUnmapped, TheEndOfAPathMustBelongToAMappedUser)
+{
+    EXPECT_EQ(check_inside("/trust/theirs"), "/trust/theirs belongs to a user that is not mapped");
+    EXPECT_EQ(check_inside("/trust"), "/trust belongs to a user that is not mapped");
+    std::ofstream("/trust/file") << "text";
+    EXPECT_EQ(check_inside("/trust/file"), "/trust/file belongs to another user");
+}
+
+TEST_F(PathTrustUnmapped, SymbolicLinksOfUsersThatAreNotMappedAreFaults)
+{
+    EXPECT_EQ(check_inside("/trust/link"),
+              "/trust/link is a symbolic link of a user that is not mapped");
+    ASSERT_EQ(::lchown("/trust/link", kStranger, kStranger), 0);
+    EXPECT_EQ(check_inside("/trust/link"), "trusted");
+}
+
+// The overflow id is an id like any other where all are mapped.
+TEST_F(PathTrustUnmapped, OutsideUserNamespacesTheOverflowIdIsAnotherUser)
+{
+    own("/trust/theirs", 65534);
+    fs::create_directories("/trust/theirs/mine");
+    expect_fault("/trust/theirs/mine", "/trust/theirs belongs to another user");
 }
 
 } // namespace
