@@ -131,8 +131,11 @@ struct Confinement {
     std::uint32_t labels;     // texts in pairs: file below /proc/self/attr, security label
     std::uint32_t offsets;    // 1: a text for /proc/self/timens_offsets is the last one
     std::uint32_t user;       // 1: the user namespace kInitUser is to be entered
-    std::uint64_t created;    // zn-init: CLONE_NEW flags of the namespaces that are created after
-                              // that; 0: they exist
+    std::uint32_t placed;     // zn-init: 1: another program moves it into its control group, and
+                              // one byte on kInitSocket says that it has done so
+    std::uint32_t reserved;
+    std::uint64_t created; // zn-init: CLONE_NEW flags of the namespaces that are created after
+                           // that; 0: they exist
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;
