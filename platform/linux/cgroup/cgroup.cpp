@@ -196,6 +196,13 @@ Text join(const char* directory, const char* name)
     return path;
 }
 
+// A group that cannot be frozen is not.
+int thaw(const Hierarchies& hierarchies, const GroupPath& path)
+{
+    const int error = group_freeze(hierarchies, path, false, kLeftoverMs);
+    return error == ENOTSUP || error == ENOENT ? 0 : error;
+}
+
 // Makes an existing group without processes usable: it may be frozen, and groups left below it
 // prevent processes from entering it on v2.
 int take_over(const Hierarchies& hierarchies, const GroupPath& path)
@@ -207,9 +214,7 @@ int take_over(const Hierarchies& hierarchies, const GroupPath& path)
     if (error == 0 && !pids.empty())
         return EBUSY;
     if (error == 0)
-        error = group_freeze(hierarchies, path, false, kLeftoverMs);
-    if (error == ENOTSUP || error == ENOENT)
-        error = 0;
+        error = thaw(hierarchies, path);
     const std::int64_t deadline = now_ns() + kLeftoverMs * std::int64_t{1000000};
     for (const Hierarchy& one : hierarchies.all) {
         const UniqueFd group = group_open(one, path);
@@ -265,6 +270,9 @@ int cgroup_complete(const Hierarchies& hierarchies, const char* path, int pid,
     List<Made> all;
     if (error == 0)
         error = make_groups(hierarchies, group, all);
+    // A container before may have left it frozen where the service manager does not remove it.
+    if (error == 0)
+        error = thaw(hierarchies, group);
     char number[16];
     std::snprintf(number, sizeof number, "%d", pid);
     for (const Hierarchy& one : hierarchies.all) {
