@@ -19,9 +19,9 @@ Json parse_resources(const std::string& text)
 
 // What every scope of a container has: its own groups, statistics, and no end by the shutdown of
 // the system before the engine's.
-UnitProperties own_properties(const Bundle& bundle, const std::string& slice, int version)
+UnitProperties own_properties(const std::string& name, const std::string& slice, int version)
 {
-    return {{"Description", "container of " + bundle.directory()},
+    return {{"Description", "container " + name},
             {"Slice", slice},
             {"Delegate", true},
             {"DefaultDependencies", false},
@@ -63,7 +63,7 @@ NewScope::NewScope(const Bundle& bundle, const std::string& name)
     const int version = group_version();
     const auto section = Fields(bundle.config(), "").object("linux");
     const Json* resources = section ? section->find("resources") : nullptr;
-    properties_ = own_properties(bundle, name_.slice, version);
+    properties_ = own_properties(name, name_.slice, version);
     append(properties_,
            all_limits(resources != nullptr ? *resources : Json::object(), version, {}));
     append(properties_, annotation_properties(bundle.annotations()));

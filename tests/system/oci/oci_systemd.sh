@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of zncrun --systemd-cgroup with a program that plays systemd on a message bus of its own
-# (fake_systemd.cpp). scripts/vm-test.sh runs the same with systemd itself.
+# (fake_systemd.cpp). scripts/vm-systemd-test.sh tries systemd itself.
 # shellcheck source=oci_lib.sh disable=SC2016,SC2317
 . "$(dirname "$0")/oci_lib.sh"
 if ! command -v dbus-daemon >/dev/null; then
@@ -134,6 +134,24 @@ run zncrun delete "$me-web"
 expect 'delete' 0 ''
 check 'delete stops the scope' said "stop $unit"
 check 'the group is gone' not remains "$unit"
+
+# A scope whose container has ended is free for another one, also if its group was left frozen. Deleting the
+# first container does not stop it.
+jq '.process.args = ["true"]' <<<"$plain" >"$work/web/config.json"
+driven create --bundle "$work/web" "$me-old"
+run zncrun start "$me-old"
+check 'the first container ends' eventually is_state "$me-old" stopped
+if ! v2; then printf FROZEN >"/sys/fs/cgroup/freezer$group/$unit/freezer.state"; fi
+printf '%s' "$plain" >"$work/web/config.json"
+driven create --bundle "$work/web" "$me-new"
+expect 'another container gets the scope' 0 ''
+: >"$calls"
+run zncrun delete "$me-old"
+expect 'the first one is deleted' 0 ''
+check 'its scope is not stopped' not grep -q . "$calls"
+check 'the other one lives on' is_state "$me-new" created
+run zncrun delete --force "$me-new"
+check 'the scope is stopped with its own container' said "stop $unit"
 
 # Default names; user and PID namespaces, whose first process is created by another one.
 given 'del(.linux.cgroupsPath)' true
