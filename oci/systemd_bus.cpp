@@ -1,13 +1,13 @@
 #include "systemd_bus.hpp"
 
 #include "base/owned.hpp"
+#include "front/files.hpp"
 #include "systemd_library.hpp"
 #include "zarnel/engine.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <unistd.h>
 
@@ -31,10 +31,16 @@ constexpr char kUnitPath[] = "/org/freedesktop/systemd1/unit";
 }
 
 // The library returns negative error numbers.
+std::string text_of(int result)
+{
+    errno = -result;
+    return zncctl::error_text();
+}
+
 int check(int result, const std::string& what)
 {
     if (result < 0)
-        fail(what, std::strerror(-result));
+        fail(what, text_of(result));
     return result;
 }
 
@@ -142,9 +148,8 @@ BusMessagePtr SystemdBus::Connection::call(const BusMessagePtr& message, const s
     const int result =
         library_.bus_call(bus_.get(), message.get(), microseconds(kCallWait), &error, &answer);
     const std::string name = error.name != nullptr ? error.name : "";
-    const std::string why = error.message != nullptr
-                                ? fmt::format("{} ({})", error.message, name)
-                                : std::string(result < 0 ? std::strerror(-result) : "");
+    const std::string why =
+        error.message != nullptr ? fmt::format("{} ({})", error.message, name) : text_of(result);
     library_.bus_error_free(&error);
     BusMessagePtr owned = {answer, {library_.bus_message_unref}};
     if (result < 0 && (accepted == nullptr || name != accepted))

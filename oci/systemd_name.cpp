@@ -26,8 +26,7 @@ void check_unit(const std::string& unit)
 std::string slice_stem(const std::string& slice)
 {
     constexpr std::string_view kEnd = ".slice";
-    const std::string stem =
-        slice.ends_with(kEnd) ? slice.substr(0, slice.size() - kEnd.size()) : "";
+    std::string stem = slice.ends_with(kEnd) ? slice.substr(0, slice.size() - kEnd.size()) : "";
     const bool isGood = stem == "-" || (!stem.empty() && !stem.starts_with('-') &&
                                         !stem.ends_with('-') && stem.find("--") == stem.npos);
     if (!isGood)
@@ -60,8 +59,8 @@ ScopeName read_scope_name(const std::string& path, const std::string& slice,
         throw Failure(fmt::format("{}: {:?} names no scope", kField, path));
     if (parts[2].ends_with(".slice"))
         throw Failure(fmt::format("{}: {:?}: a container cannot be a slice", kField, parts[2]));
-    const ScopeName scope = {parts[0].empty() ? slice : parts[0],
-                             (parts[1].empty() ? "" : parts[1] + "-") + parts[2] + ".scope"};
+    ScopeName scope = {parts[0].empty() ? slice : parts[0],
+                       (parts[1].empty() ? "" : parts[1] + "-") + parts[2] + ".scope"};
     check_unit(scope.slice);
     check_unit(scope.unit);
     slice_stem(scope.slice);

@@ -236,6 +236,11 @@ driven create --bundle "$work/web" "$me-web"
 refused 'create without systemd' 'systemd: '
 DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/absent driven create --bundle "$work/web" "$me-web"
 refused 'create without a bus' 'systemd: '
+for directory in "$work/absent" "$work;x"; do
+    run env -u DBUS_SESSION_BUS_ADDRESS XDG_RUNTIME_DIR="$directory" timeout 60 unshare --user --map-root-user \
+        "$ZNCRUN" --root "$work/state" --systemd-cgroup create --bundle "$work/web" "$me-web"
+    refused "create in a user namespace with the runtime directory ${directory#"$work"}" 'bus of the user'
+done
 check 'nothing is left' test ! -e "$work/state/$me-web"
 
 eventually test -s "$work/silent.status"
