@@ -6,6 +6,8 @@ option(ZNC_WITH_UZLIB "Link an installed uzlib instead of the adapter over ISA-L
 option(ZNC_BUILD_BENCH "Build the programs of bench/run.sh" OFF)
 set(ZNC_SANITIZE "" CACHE STRING "Sanitizers for all code but the freestanding helper, e.g. address,undefined")
 set(ZNC_BUILD_TESTS AUTO CACHE STRING "Build the tests: ON, OFF, or AUTO, which is where GoogleTest is installed")
+set(ZNC_WITH_SYSTEMD AUTO CACHE STRING
+    "Let zncrun create control groups by systemd: ON, OFF, or AUTO, which is where the headers of libsystemd are installed")
 set(ZNC_BUILD_MAN AUTO CACHE STRING "Build the manual pages: ON, OFF, or AUTO, which is where scdoc is installed")
 
 # A shared library unless BUILD_SHARED_LIBS is set to OFF.

@@ -89,6 +89,9 @@ Lets podman, containerd, docker and CRI-O run containers: zncrun has
 the command line that they expect of an OCI runtime. It needs no daemon.")
 set(CPACK_DEBIAN_OCI_PACKAGE_NAME zncontainer-oci)
 set(CPACK_DEBIAN_OCI_PACKAGE_SECTION admin)
+if(ZNC_WITH_SYSTEMD)
+    set(CPACK_DEBIAN_OCI_PACKAGE_RECOMMENDS "libsystemd0 (>= 246)") # for --systemd-cgroup; loaded when it is used
+endif()
 set(CPACK_DEBIAN_OCI_PACKAGE_ENHANCES "podman, containerd, docker.io")
 
 # The copyright and the changelog of each package.

@@ -269,14 +269,17 @@ Json Bundle::annotations() const
     return zncctl::is_object(annotations) ? *annotations : Json::object();
 }
 
-std::string Bundle::group(const std::string& name, bool systemd) const
+std::string Bundle::group_path() const
 {
-    if (systemd)
-        throw Failure("control groups by systemd are not supported (--systemd-cgroup)");
     const auto section = Fields(config_, "").object("linux");
-    const std::string path = section ? section->text("cgroupsPath") : "";
+    return section ? section->text("cgroupsPath") : "";
+}
+
+std::string Bundle::group(const std::string& name) const
+{
+    const std::string path = group_path();
     if (path.find(':') != path.npos)
-        throw Failure("linux.cgroupsPath: names a systemd slice, which is not supported");
+        throw Failure("linux.cgroupsPath: names a systemd slice, which needs --systemd-cgroup");
     if (path.empty())
         return "/zncrun/" + name;
     return path[0] == '/' ? path : "/" + path;
@@ -293,6 +296,8 @@ ZN_ENGINE_PLAN Bundle::plan(const std::string& group, int directory, int console
             group.c_str(),
             directory,
             process_.program(console, descriptors),
+            nullptr,
+            nullptr,
             nullptr,
             nullptr,
             nullptr};

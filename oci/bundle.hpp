@@ -66,8 +66,10 @@ class Bundle {
                   std::initializer_list<const char*> flags);
     void add_variable(const std::string& text) { process_.env.add(text); }
 
+    // linux.cgroupsPath; "" without it.
+    [[nodiscard]] std::string group_path() const;
     // The path of the control group: that of the configuration, or a group `name`.
-    [[nodiscard]] std::string group(const std::string& name, bool systemd) const;
+    [[nodiscard]] std::string group(const std::string& name) const;
 
     [[nodiscard]] ZN_ENGINE_PLAN plan(const std::string& group, int directory, int console,
                                       int descriptors) const;

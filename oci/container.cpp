@@ -6,6 +6,7 @@
 #include "hooks.hpp"
 #include "log.hpp"
 #include "signals.hpp"
+#include "systemd_scope.hpp"
 
 #include <algorithm>
 #include <array>
@@ -136,19 +137,6 @@ std::string group_name(const Context& context, const std::string& id)
     return fmt::format("{}@{:x}-{:x}", id, st.st_dev, st.st_ino);
 }
 
-// The control group that the container gets; "" if it gets none. Where this process may not create
-// groups, root of a user namespace has containers without; a configuration that limits them is
-// refused when they are created.
-std::string group_of(const Context& context, const Bundle& bundle, const std::string& id)
-{
-    if (!context.groups)
-        return "";
-    const std::string group = bundle.group(group_name(context, id), context.systemd);
-    const bool isMissing =
-        znEngineRootless() != FALSE && znEngineGroupUsable(group.c_str()) == FALSE;
-    return isMissing ? "" : group;
-}
-
 } // namespace
 
 const char* pid_file_of(const Arguments& args)
@@ -206,6 +194,34 @@ znc::UniqueFd connect_console(const Arguments& args, bool terminal)
     return console;
 }
 
+// The control group that the container gets without systemd; "" if it gets none. Where this process
+// may not create groups, root of a user namespace has containers without; a configuration that
+// limits them is refused when they are created.
+std::string plain_group(const Context& context, const Bundle& bundle, const std::string& name)
+{
+    if (!context.groups)
+        return "";
+    const std::string group = bundle.group(name);
+    const bool isMissing =
+        znEngineRootless() != FALSE && znEngineGroupUsable(group.c_str()) == FALSE;
+    return isMissing ? "" : group;
+}
+
+// The group is known before it is created: whoever deletes the container finds it.
+void choose_group(const Context& context, const Bundle& bundle, Container& container,
+                  std::optional<NewScope>& scope)
+{
+    std::string name = group_name(context, container.id);
+    if (!context.systemd) {
+        container.group = plain_group(context, bundle, name);
+        return;
+    }
+    std::replace(name.begin(), name.end(), '@', '.'); // not in names of scopes
+    scope.emplace(bundle, name);
+    container.group = scope->group();
+    container.scope = scope->unit();
+}
+
 Container create_container(const Context& context, const Arguments& args)
 {
     const int descriptors = preserved_descriptors(args);
@@ -223,8 +239,8 @@ Container create_container(const Context& context, const Arguments& args)
     container.annotations = bundle.annotations();
     StateDirectory directory = StateDirectory::create(context, container.id);
     Unfinished unfinished(directory);
-    container.group = group_of(context, bundle, container.id);
-    // The group is known before it is created: whoever deletes the container finds it.
+    std::optional<NewScope> scope;
+    choose_group(context, bundle, container, scope);
     directory.write(container);
     directory.write_config(bundle.document());
     offer_ready_socket(bundle, directory);
@@ -232,6 +248,8 @@ Container create_container(const Context& context, const Arguments& args)
         bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
     plan.mark = container.mark.c_str();
     plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
+    if (scope)
+        scope->add_to(plan);
     CreationHooks hooks(bundle, directory, container);
     if (hooks.any()) {
         plan.prepared = CreationHooks::prepared;
@@ -239,6 +257,8 @@ Container create_container(const Context& context, const Arguments& args)
     }
     Reason reason{};
     znc::UniqueFd alive(znEngineCreate(&plan, &container.process, reason.data(), reason.size()));
+    if (!alive && scope && !scope->failure().empty())
+        throw Failure(scope->failure());
     if (!alive && !hooks.begun())
         throw Failure(reason.data());
     try {
@@ -250,11 +270,13 @@ Container create_container(const Context& context, const Arguments& args)
             throw Failure(reason.data());
     } catch (const Failure&) {
         alive.reset();
-        remove_container(directory);
+        remove_container(context, directory);
         unfinished.keep();
         throw;
     }
     unfinished.keep();
+    if (scope)
+        scope->keep();
     return container;
 }
 
@@ -281,7 +303,7 @@ Started start_container(const Context& context, const std::string& id, sigset_t*
     return started;
 }
 
-void remove_container(StateDirectory& directory)
+void remove_container(const Context& context, StateDirectory& directory)
 {
     // Without a state file, `create` was killed before it created anything else.
     if (directory.has_state()) {
@@ -295,9 +317,13 @@ void remove_container(StateDirectory& directory)
                 throw Failure(fmt::format("container {:?} cannot be killed", container.id));
         }
         // EBUSY: other containers use it, or have groups below it.
-        if (!group.empty() && znEngineGroupRemove(group.c_str(), container.mark.c_str()) != OK &&
-            errno != EBUSY)
+        const bool isRemoved =
+            group.empty() || znEngineGroupRemove(group.c_str(), container.mark.c_str()) == OK;
+        if (!isRemoved && errno != EBUSY)
             throw Failure(fmt::format("cgroup {}: {}", group, zncctl::error_text()));
+        if (isRemoved && !container.scope.empty())
+            if (const std::string problem = remove_scope(container.scope); !problem.empty())
+                log_line(context, "warning", problem);
         try {
             run_hooks(directory.read_config(), "poststop", state_text(container, Status::kStopped),
                       OnFailure::kContinue);

@@ -21,8 +21,8 @@ struct Started {
 // Before, while hooks run, those that would end this process end the hook, and this call fails.
 Started start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
-// Kills the container if it runs, and removes its cgroup and state directory.
-void remove_container(StateDirectory& directory);
+// Kills the container if it runs, and removes its cgroup, scope and state directory.
+void remove_container(const Context& context, StateDirectory& directory);
 
 // The file of --pid-file; null without one. Fails if something else than a regular file has the
 // path, which write_pid_file() would replace.

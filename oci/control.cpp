@@ -2,6 +2,7 @@
 #include "container.hpp"
 #include "front/files.hpp"
 #include "front/words.hpp"
+#include "systemd_scope.hpp"
 
 #include <array>
 #include <iostream>
@@ -117,9 +118,12 @@ int run_update(const Context& context, const Arguments& args)
 {
     const Container container = controlled(context, args);
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
-    if (znEngineGroupLimit(container.group.c_str(), resources_of(args).c_str(), reason.data(),
+    const std::string resources = resources_of(args);
+    if (znEngineGroupLimit(container.group.c_str(), resources.c_str(), reason.data(),
                            reason.size()) != OK)
         throw Failure(reason.data());
+    if (!container.scope.empty())
+        update_scope(container.scope, resources);
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include "context.hpp"
 #include "front/files.hpp"
 #include "front/json.hpp"
+#include "systemd_bus.hpp"
 
 #include <unistd.h>
 
@@ -29,8 +30,11 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
                             "unbindable"};
     json["linux"]["namespaces"] = {"cgroup", "ipc",  "mount", "network",
                                    "pid",    "time", "user",  "uts"};
-    json["linux"]["cgroup"] = {
-        {"v1", true}, {"v2", true}, {"systemd", false}, {"systemdUser", false}, {"rdma", false}};
+    json["linux"]["cgroup"] = {{"v1", true},
+                               {"v2", true},
+                               {"systemd", has_systemd_bus()},
+                               {"systemdUser", has_systemd_bus()},
+                               {"rdma", false}};
     json["linux"]["seccomp"] = {
         {"enabled", true},
         {"actions",

@@ -102,7 +102,7 @@ int run_run(const Context& context, const Arguments& args)
         started = start_container(context, container.id, isDetached ? nullptr : &signals);
     } catch (const Failure&) {
         StateDirectory directory = StateDirectory::open(context, container.id, Lock::kExclusive);
-        remove_container(directory);
+        remove_container(context, directory);
         throw;
     }
     if (isDetached) {
@@ -112,7 +112,7 @@ int run_run(const Context& context, const Arguments& args)
     const int status = wait_in_foreground(started.process, signals, &started.ready);
     StateDirectory directory = StateDirectory::find(context, container.id, Lock::kExclusive);
     if (directory && !args.has("keep"))
-        remove_container(directory);
+        remove_container(context, directory);
     return status;
 }
 
@@ -208,7 +208,7 @@ void delete_one(const Context& context, const std::string& id, bool force)
                                       container.id, status_name(status)));
     }
     try {
-        remove_container(directory);
+        remove_container(context, directory);
     } catch (const DamagedState& failure) {
         if (!force)
             throw;

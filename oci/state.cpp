@@ -197,6 +197,7 @@ Container StateDirectory::read() const
     container.created = zncctl::text_of(json, "created");
     container.group = zncctl::text_of(json, "cgroup");
     container.mark = zncctl::text_of(json, "cgroupMark");
+    container.scope = zncctl::text_of(json, "systemdScope");
     container.process.pid = static_cast<pid_t>(*pid);
     container.process.startTime = static_cast<unsigned long long>(*start);
     if (const Json* annotations = zncctl::member(json, "annotations"))
@@ -213,6 +214,8 @@ void StateDirectory::write(const Container& container) const
     json["created"] = container.created;
     json["cgroup"] = container.group;
     json["cgroupMark"] = container.mark;
+    if (!container.scope.empty())
+        json["systemdScope"] = container.scope;
     json["pid"] = container.process.pid;
     json["startTime"] = container.process.startTime;
     json["annotations"] = container.annotations;

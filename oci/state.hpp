@@ -29,6 +29,7 @@ struct Container {
     std::string created; // RFC 3339
     std::string group;
     std::string mark;               // shows whether another container has taken over the group
+    std::string scope;              // the unit of systemd whose group it is; "": none
     ZN_ENGINE_PROCESS process = {}; // pid 0: none yet
     Json annotations = Json::object();
 };

@@ -4,20 +4,20 @@
 # arguments, those for build, test and demo. Needs root only if packages are missing.
 set -euo pipefail
 
-build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev
+build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev
     nettle-dev ninja-build nlohmann-json3-dev pkg-config zlib1g-dev)
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac
 package=(dpkg-dev file scdoc)
-test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck debootstrap dpkg-dev e2fsprogs
+test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debootstrap dpkg-dev e2fsprogs
     file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
 compare=(busybox-static conmon containerd crun podman skopeo slirp4netns uidmap umoci)
 demo=(busybox-static mount passt tar umoci)
-vm=(busybox-static cpio qemu-system-x86)
+vm=(busybox-static cpio debootstrap qemu-system-x86)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo

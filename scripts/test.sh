@@ -183,6 +183,7 @@ fi
 if [[ -n $all ]]; then
     FUZZ_PRESET=fuzz step 'the fuzz targets find nothing in a long run' scripts/fuzz.sh 600
     step 'tests pass on cgroup v2 and an older kernel in a virtual machine' scripts/vm-test.sh
+    step 'zncrun makes scopes of systemd in a virtual machine' scripts/vm-systemd-test.sh
 fi
 
 printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"

@@ -9,6 +9,7 @@
 # BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/vm-lib.sh
 
 build=${BUILD:-build/release}
 limit=${VM_TEST_SECONDS:-900}
@@ -27,25 +28,6 @@ for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do
 done
 scripts/install-deps.sh vm
 
-# fetch PACKAGE NAME: downloads and unpacks a package, without installing it, and prints where it is.
-fetch() {
-    local package=$1 unpacked=$PWD/build/vm/$2
-    if [[ ! -e $unpacked/$package ]]; then
-        rm -rf "$unpacked"
-        mkdir -p "$unpacked"
-        (cd "$unpacked" && apt-get -q -o APT::Sandbox::User=root download "$package" >&2)
-        dpkg-deb --extract "$unpacked"/*.deb "$unpacked"
-        rm "$unpacked"/*.deb
-        touch "$unpacked/$package"
-    fi
-    printf '%s\n' "$unpacked"
-}
-
-# The package of the newest kernel.
-kernel_package() {
-    apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1
-}
-
 # put FILE [DIRECTORY]: copies a file into the machine, by default to the same path.
 put() {
     install -D "$1" "$tree${2-$(dirname "$1")}/$(basename "$1")"
@@ -61,8 +43,7 @@ put_program() {
     done < <(ldd "$1" | grep -o '/[^ ]*' | sort -u)
 }
 
-if [[ -z $(kernel_package) ]]; then apt-get -q update >&2; fi
-kernel=$(fetch "$(kernel_package)" kernel)
+kernel=$(fetch_kernel)
 apparmor=$(fetch apparmor apparmor)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -132,11 +113,8 @@ printf 'vm-test ended with %d\n' "$failed"
 poweroff -f
 EOF
 chmod 0755 "$tree/init" "$tree/second"
-(cd "$tree" && find . -print0 | cpio --quiet --null --create --format=newc | gzip -1) >"$work/initrd"
+pack "$tree" "$work/initrd"
 
 log=$work/log
-# The console ends lines with CR and LF.
-timeout --foreground "$limit" qemu-system-x86_64 -accel tcg -cpu max -smp 2 -m 1536 -nodefaults -no-reboot \
-    -display none -serial stdio -kernel "$kernel"/boot/vmlinuz-* -initrd "$work/initrd" \
-    -append 'console=ttyS0 quiet panic=-1' </dev/null | tr -d '\r' | tee "$log"
+start_machine "$limit" "$kernel" "$work/initrd" '' | tee "$log"
 grep -qx 'vm-test ended with 0' "$log"

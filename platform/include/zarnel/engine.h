@@ -91,6 +91,14 @@ typedef struct znEnginePlan {
     STATUS (*prepared)(const ZN_ENGINE_PROCESS* process, void* context);
     void* context;
     const char* mark; /* for znEngineGroupRemove; unique to the container; NULL: none */
+    /*
+     * Called to create the control group, unless NULL: the first process exists, in the group of
+     * the caller, and waits. On return, a service manager must have created the group and moved the
+     * process into it, in one hierarchy at least; the creation then completes the group in all
+     * others and writes the limits. If it returns ERROR, the creation fails.
+     */
+    STATUS (*place)(const ZN_ENGINE_PROCESS* process, void* placeContext);
+    void* placeContext;
 } ZN_ENGINE_PLAN;
 
 /* Check a configuration without creating anything. */
@@ -175,6 +183,39 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
  * if it has no processes. OK if it was removed or does not exist, EBUSY if it stays.
  */
 STATUS znEngineGroupRemove(const char* group, const char* mark);
+
+/* The version of control groups that limits use: 1 or 2; 0: there are none. */
+int znEngineGroupVersion(void);
+
+/* The weights that cgroup v2 uses for shares and weights of v1. */
+uint64_t znEngineCpuWeight(uint64_t shares);
+uint64_t znEngineIoWeight(uint32_t weight);
+
+/* A rule about devices. `major`, `minor`: -1 means any. */
+typedef struct znEngineDeviceRule {
+    BOOL allow;
+    char type; /* 'c', 'b'; 'a': all devices and all access */
+    int64_t major;
+    int64_t minor;
+    BOOL read;
+    BOOL write;
+    BOOL make;
+} ZN_ENGINE_DEVICE_RULE;
+/*
+ * Visit the rules that a group with these `resources` (as above) gets, in order: the last one that
+ * matches decides. They include those of the devices that every container has.
+ */
+STATUS znEngineDeviceRules(const char* resources,
+                           void (*visit)(const ZN_ENGINE_DEVICE_RULE* rule, void* context),
+                           void* context, char* reason, size_t size);
+
+/*
+ * The name of the driver for all devices of this type ('c', 'b') and major number, "pts", as
+ * /proc/devices lists it: up to `size` bytes, of which ZN_ENGINE_DRIVER_MAX are enough. ERROR with
+ * ENOENT if there is none, ERANGE if the name is longer.
+ */
+#define ZN_ENGINE_DRIVER_MAX 64
+STATUS znEngineDeviceDriver(char type, int64_t major, char* name, size_t size);
 
 typedef struct znEngineUse {
     uint64_t cpuNs;

@@ -1,10 +1,10 @@
 // cgroup.cpp - creates control groups and lists the files through which processes enter them; see
 // cgroup.hpp.
-#include "cgroup_known.hpp"
 #include "cgroup_tree.hpp"
 
 #include "system/clock.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -165,6 +165,27 @@ int make_group(const GroupPath& path, Made& made)
     return error;
 }
 
+void undo(const List<Made>& all, const GroupPath& path)
+{
+    for (const Made& made : all)
+        undo(made, path);
+}
+
+// Creates the group in all hierarchies. `all`: what was created, also on failure.
+int make_groups(const Hierarchies& hierarchies, const GroupPath& path, List<Made>& all)
+{
+    for (const Hierarchy& one : hierarchies.all) {
+        Made made = {&one, path.parts()};
+        if (const int error = make_group(path, made); error != 0)
+            return error;
+        if (all.append(made) == nullptr) {
+            undo(made, path);
+            return ENOMEM;
+        }
+    }
+    return 0;
+}
+
 // "A/B"; null without memory.
 Text join(const char* directory, const char* name)
 {
@@ -173,6 +194,13 @@ Text join(const char* directory, const char* name)
     if (path)
         std::snprintf(path.get(), size, "%s/%s", directory, name);
     return path;
+}
+
+// A group that cannot be frozen is not.
+int thaw(const Hierarchies& hierarchies, const GroupPath& path)
+{
+    const int error = group_freeze(hierarchies, path, false, kLeftoverMs);
+    return error == ENOTSUP || error == ENOENT ? 0 : error;
 }
 
 // Makes an existing group without processes usable: it may be frozen, and groups left below it
@@ -186,9 +214,7 @@ int take_over(const Hierarchies& hierarchies, const GroupPath& path)
     if (error == 0 && !pids.empty())
         return EBUSY;
     if (error == 0)
-        error = group_freeze(hierarchies, path, false, kLeftoverMs);
-    if (error == ENOTSUP || error == ENOENT)
-        error = 0;
+        error = thaw(hierarchies, path);
     const std::int64_t deadline = now_ns() + kLeftoverMs * std::int64_t{1000000};
     for (const Hierarchy& one : hierarchies.all) {
         const UniqueFd group = group_open(one, path);
@@ -221,20 +247,43 @@ int cgroup_create(const Hierarchies& hierarchies, const char* path, const Resour
     if (error == 0)
         error = take_over(hierarchies, group);
     List<Made> all;
+    if (error == 0)
+        error = make_groups(hierarchies, group, all);
+    if (error == 0)
+        error = limits_apply(hierarchies, group, resources, field);
+    if (error != 0)
+        undo(all, group);
+    return error;
+}
+
+int cgroup_complete(const Hierarchies& hierarchies, const char* path, int pid,
+                    const Resources& resources, const char** field)
+{
+    GroupPath group;
+    *field = nullptr;
+    int error = group.set(path);
+    const bool exists =
+        error == 0 && std::any_of(hierarchies.all.begin(), hierarchies.all.end(),
+                                  [&](const Hierarchy& one) { return !!group_open(one, group); });
+    if (error == 0 && !exists)
+        error = ENOENT;
+    List<Made> all;
+    if (error == 0)
+        error = make_groups(hierarchies, group, all);
+    // A container before may have left it frozen where the service manager does not remove it.
+    if (error == 0)
+        error = thaw(hierarchies, group);
+    char number[16];
+    std::snprintf(number, sizeof number, "%d", pid);
     for (const Hierarchy& one : hierarchies.all) {
-        Made made = {&one, group.parts()};
+        const UniqueFd directory = error == 0 ? group_open(one, group) : UniqueFd();
         if (error == 0)
-            error = make_group(group, made);
-        if (error == 0 && all.append(made) == nullptr) {
-            undo(made, group);
-            error = ENOMEM;
-        }
+            error = directory ? control_write(directory.get(), "cgroup.procs", number) : errno;
     }
     if (error == 0)
         error = limits_apply(hierarchies, group, resources, field);
     if (error != 0)
-        for (const Made& made : all)
-            undo(made, group);
+        undo(all, group);
     return error;
 }
 
@@ -297,31 +346,6 @@ int cgroup_processes(const Hierarchies& hierarchies, const char* path, List<int>
     return error;
 }
 
-CgroupVersion cgroup_version()
-{
-    const znc::ErrnoSaver keep;
-    const KnownHierarchies known;
-    const bool isNone =
-        known.error() != 0 || known.get().all.empty() || known.get().all[0].delegated;
-    return isNone ? CgroupVersion::kNone : known.get().version;
-}
-
-bool cgroup_may_create(const char* path)
-{
-    const znc::ErrnoSaver keep;
-    const KnownHierarchies known;
-    return known.error() == 0 && group_may_create(known.get(), path);
-}
-
-int cgroup_without(const Resources& resources, const char** field)
-{
-    const Hierarchies none;
-    GroupPath group;
-    *field = nullptr;
-    const int error = group.set("none");
-    return error != 0 ? error : limits_apply(none, group, resources, field);
-}
-
 bool cgroup_contains(const char* group, const char* path)
 {
     GroupPath above;
@@ -331,65 +355,6 @@ bool cgroup_contains(const char* group, const char* path)
     const std::string_view start = above.text();
     const std::string_view text = below.text();
     return text == start || (text.starts_with(start) && text[start.size()] == '/');
-}
-
-int cgroup_create(const char* path, const Resources& resources, const char** field)
-{
-    const KnownHierarchies known;
-    *field = nullptr;
-    return known.error() != 0 ? known.error() : cgroup_create(known.get(), path, resources, field);
-}
-
-int cgroup_limit(const char* path, const Resources& resources, const char** field)
-{
-    const KnownHierarchies known;
-    *field = nullptr;
-    return known.error() != 0 ? known.error() : cgroup_limit(known.get(), path, resources, field);
-}
-
-int cgroup_directories(const char* path, List<GroupDirectory>& directories)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_directories(known.get(), path, directories);
-}
-
-int cgroup_entries(const char* path, List<Text>& entries)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_entries(known.get(), path, entries);
-}
-
-int cgroup_freeze(const char* path, bool frozen)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_freeze(known.get(), path, frozen);
-}
-
-int cgroup_frozen(const char* path, bool& frozen)
-{
-    if (cgroup_frozen_usual(path, frozen))
-        return 0;
-    Hierarchies hierarchies;
-    const int error = hierarchies_read(hierarchies);
-    return error != 0 ? error : cgroup_frozen(hierarchies, path, frozen);
-}
-
-int cgroup_use(const char* path, CgroupUse& use)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_use(known.get(), path, use);
-}
-
-int cgroup_processes(const char* path, List<int>& pids)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_processes(known.get(), path, pids);
-}
-
-int cgroup_remove(const char* path)
-{
-    const KnownHierarchies known;
-    return known.error() != 0 ? known.error() : cgroup_remove(known.get(), path);
 }
 
 } // namespace zn

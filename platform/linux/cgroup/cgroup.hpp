@@ -45,6 +45,12 @@ bool cgroup_may_create(const char* path);
 // limit or device rule that is given.
 int cgroup_without(const Resources& resources, const char** field);
 
+// Completes a group that a service manager has created around the process `pid`: creates it in the
+// hierarchies where it is missing, moves the process there, and applies `resources`. ENOENT if it
+// exists in no hierarchy; other errors as above. On failure, what was created here is removed if
+// the process is not in it.
+int cgroup_complete(const char* path, int pid, const Resources& resources, const char** field);
+
 // Whether `path` is the group `group` or below it, so that removing `group` would remove it with
 // its processes. True also if a path is invalid.
 bool cgroup_contains(const char* group, const char* path);

@@ -1,4 +1,5 @@
-// cgroup_known.cpp - see cgroup_known.hpp.
+// cgroup_known.cpp - see cgroup_known.hpp; and the functions of cgroup.hpp that create and change
+// groups, in the hierarchies of this machine.
 #include "cgroup_known.hpp"
 
 #include "system/clock.hpp"
@@ -76,6 +77,98 @@ KnownHierarchies::~KnownHierarchies()
 const Hierarchies& KnownHierarchies::get() const
 {
     return g_known;
+}
+
+CgroupVersion cgroup_version()
+{
+    const znc::ErrnoSaver keep;
+    const KnownHierarchies known;
+    const bool isNone =
+        known.error() != 0 || known.get().all.empty() || known.get().all[0].delegated;
+    return isNone ? CgroupVersion::kNone : known.get().version;
+}
+
+bool cgroup_may_create(const char* path)
+{
+    const znc::ErrnoSaver keep;
+    const KnownHierarchies known;
+    return known.error() == 0 && group_may_create(known.get(), path);
+}
+
+int cgroup_without(const Resources& resources, const char** field)
+{
+    const Hierarchies none;
+    GroupPath group;
+    *field = nullptr;
+    const int error = group.set("none");
+    return error != 0 ? error : limits_apply(none, group, resources, field);
+}
+
+int cgroup_create(const char* path, const Resources& resources, const char** field)
+{
+    const KnownHierarchies known;
+    *field = nullptr;
+    return known.error() != 0 ? known.error() : cgroup_create(known.get(), path, resources, field);
+}
+
+int cgroup_complete(const char* path, int pid, const Resources& resources, const char** field)
+{
+    const KnownHierarchies known;
+    *field = nullptr;
+    return known.error() != 0 ? known.error()
+                              : cgroup_complete(known.get(), path, pid, resources, field);
+}
+
+int cgroup_limit(const char* path, const Resources& resources, const char** field)
+{
+    const KnownHierarchies known;
+    *field = nullptr;
+    return known.error() != 0 ? known.error() : cgroup_limit(known.get(), path, resources, field);
+}
+
+int cgroup_directories(const char* path, List<GroupDirectory>& directories)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_directories(known.get(), path, directories);
+}
+
+int cgroup_entries(const char* path, List<Text>& entries)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_entries(known.get(), path, entries);
+}
+
+int cgroup_freeze(const char* path, bool frozen)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_freeze(known.get(), path, frozen);
+}
+
+int cgroup_frozen(const char* path, bool& frozen)
+{
+    if (cgroup_frozen_usual(path, frozen))
+        return 0;
+    Hierarchies hierarchies;
+    const int error = hierarchies_read(hierarchies);
+    return error != 0 ? error : cgroup_frozen(hierarchies, path, frozen);
+}
+
+int cgroup_use(const char* path, CgroupUse& use)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_use(known.get(), path, use);
+}
+
+int cgroup_processes(const char* path, List<int>& pids)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_processes(known.get(), path, pids);
+}
+
+int cgroup_remove(const char* path)
+{
+    const KnownHierarchies known;
+    return known.error() != 0 ? known.error() : cgroup_remove(known.get(), path);
 }
 
 } // namespace zn

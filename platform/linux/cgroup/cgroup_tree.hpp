@@ -104,6 +104,8 @@ int group_processes(const Hierarchies& hierarchies, const GroupPath& path, List<
 // The functions of cgroup.hpp on given hierarchies.
 int cgroup_create(const Hierarchies& hierarchies, const char* path, const Resources& resources,
                   const char** field);
+int cgroup_complete(const Hierarchies& hierarchies, const char* path, int pid,
+                    const Resources& resources, const char** field);
 int cgroup_limit(const Hierarchies& hierarchies, const char* path, const Resources& resources,
                  const char** field);
 int cgroup_directories(const Hierarchies& hierarchies, const char* path,

@@ -83,14 +83,39 @@ int Creation::make_group()
                            field != nullptr ? field : "");
     if (!hasGroup)
         return 0;
-    if (!cgroup_may_create(plan_.group))
+    const bool isPlaced = plan_.place != nullptr;
+    if (isPlaced ? !rootless_ && cgroup_version() == CgroupVersion::kNone
+                 : !cgroup_may_create(plan_.group))
         return reason_.say(ENOTSUP, "linux.cgroupsPath: there are no control groups");
+    if (isPlaced)
+        return 0; // when the first process exists
     int error = cgroup_create(plan_.group, settings_.resources(), &field);
     hasGroup_ = error == 0;
+    return finish_group(error, field);
+}
+
+int Creation::finish_group(int error, const char* field)
+{
     if (error == 0 && plan_.mark != nullptr)
         error = cgroup_mark(plan_.group, plan_.mark);
     return reason_.say_errno(error, "linux.%s%s", field != nullptr ? "resources." : "cgroupsPath",
                              field != nullptr ? field : "");
+}
+
+// Lets the caller create the group around the process, which waits, and completes the group.
+int Creation::place(pid_t pid, int socket)
+{
+    const ZN_ENGINE_PROCESS process = {pid, process_start_time(pid)};
+    if (plan_.place(&process, plan_.placeContext) != OK)
+        return reason_.say(ECANCELED, "linux.cgroupsPath: the control group was not created");
+    hasGroup_ = true;
+    const char* field = nullptr;
+    int error = cgroup_complete(plan_.group, pid, settings_.resources(), &field);
+    error = finish_group(error, field);
+    const char go = 1;
+    if (error == 0 && ::send(socket, &go, sizeof go, MSG_NOSIGNAL) != sizeof go)
+        return reason_.say_errno(errno, "the container's first process");
+    return error;
 }
 
 // Opens the PID namespace to be joined. Not this process but the helper joins it, before it creates
@@ -111,7 +136,8 @@ int Creation::open_pid_namespace()
 int Creation::launch()
 {
     const UniqueFd file = helper_file();
-    const UniqueFd record = settings_.record(plan_.group, 0);
+    const bool placed = plan_.place != nullptr;
+    const UniqueFd record = settings_.record(placed ? "" : plan_.group, 0, placed);
     const UniqueFd start = record ? start_socket_make(plan_.directory) : UniqueFd();
     if (!file || !record || !start)
         return reason_.say_errno(errno, "cannot prepare the first process");
@@ -165,6 +191,12 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     control_.reset(::fcntl(channels.ours.get(), F_DUPFD_CLOEXEC, 0));
     if (!control_)
         return reason_.say_errno(errno, "descriptors");
+    if (plan_.place != nullptr)
+        if (const int error = place(pid, channels.ours.get()); error != 0) {
+            process_signal(pidfd.get(), SIGKILL);
+            process_reap(pidfd.get());
+            return error;
+        }
     if (settings_.created_flags() != 0)
         return adopt_created(pid, std::move(pidfd), std::move(channels.ours), first_);
     first_.adopt(pid, std::move(pidfd), std::move(channels.ours));

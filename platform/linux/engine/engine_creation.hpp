@@ -43,6 +43,8 @@ class Creation {
   private:
     int check_names();
     int make_group();
+    int finish_group(int error, const char* field);
+    int place(pid_t pid, int socket);
     int open_pid_namespace();
     // The descriptors that connect a process of the container with this one. The reading end of the
     // pipe is report_.

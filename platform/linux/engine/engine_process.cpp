@@ -1,6 +1,7 @@
 // engine_process.cpp - processes of engines' containers by id and start time, and their control
 // groups by path.
 #include "cgroup/cgroup.hpp"
+#include "cgroup/cgroup_limits.hpp"
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
 #include "engine_socket.hpp"
@@ -10,7 +11,9 @@
 #include "zarnel/engine.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace zn {
 namespace {
@@ -125,6 +128,70 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
         said.say_errno(error, "resources.%s", field != nullptr ? field : "");
     }
     return result(error);
+}
+
+int znEngineGroupVersion(void)
+{
+    return cgroup_version() == CgroupVersion::kV2 ? 2 : cgroup_version() == CgroupVersion::kV1;
+}
+
+uint64_t znEngineCpuWeight(uint64_t shares)
+{
+    return weight_of_shares(shares);
+}
+
+uint64_t znEngineIoWeight(uint32_t weight)
+{
+    return weight_of_io(weight);
+}
+
+STATUS znEngineDeviceRules(const char* resources,
+                           void (*visit)(const ZN_ENGINE_DEVICE_RULE* rule, void* context),
+                           void* context, char* reason, size_t size)
+{
+    Reason said(reason, size);
+    Resources wanted;
+    SettingsFault fault;
+    int error = said.say_fault(settings_read_resources(resources, wanted, fault), fault);
+    if (error == 0)
+        error = said.say_errno(devices_complete(wanted.devices), "resources.devices");
+    for (const DeviceRule& rule : wanted.devices) {
+        if (error != 0)
+            break;
+        const ZN_ENGINE_DEVICE_RULE one = {rule.allow ? TRUE : FALSE,
+                                           rule.type,
+                                           rule.major,
+                                           rule.minor,
+                                           rule.read ? TRUE : FALSE,
+                                           rule.write ? TRUE : FALSE,
+                                           rule.make ? TRUE : FALSE};
+        visit(&one, context);
+    }
+    return result(error);
+}
+
+// The file has two parts, "Character devices:" and "Block devices:", with lines like "136 pts".
+STATUS znEngineDeviceDriver(char type, int64_t major, char* name, size_t size)
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/devices", "re"),
+                                                               std::fclose);
+    if (!file)
+        return ERROR;
+    char line[256];
+    bool isPart = false;
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        long number = 0;
+        char driver[sizeof line];
+        if (std::strncmp(line, "Char", 4) == 0 || std::strncmp(line, "Block", 5) == 0)
+            isPart = (*line == 'B') == (type == 'b');
+        else if (isPart && std::sscanf(line, "%ld %255s", &number, driver) == 2 &&
+                 number == major) {
+            const bool fits = std::strlen(driver) < size;
+            std::snprintf(name, size, "%s", driver);
+            return result(fits ? 0 : ERANGE);
+        }
+    }
+    return result(ENOENT);
 }
 
 STATUS znEngineGroupRemove(const char* group, const char* mark)

@@ -206,7 +206,7 @@ int devices_complete(List<DeviceRule>& rules)
     return 0;
 }
 
-UniqueFd EngineSettings::record(const char* group, unsigned long join) const
+UniqueFd EngineSettings::record(const char* group, unsigned long join, bool placed) const
 {
     List<Text> entries;
     if (*group != '\0') {
@@ -218,6 +218,7 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join) const
     rules.namespaces =
         join == 0 && from(NsKind::kPid) == NsChoice::From::kPath ? CLONE_NEWPID : join;
     rules.user = hasUsers_ ? 1 : 0;
+    rules.placed = placed ? 1 : 0;
     rules.created = join == 0 ? created_flags() : 0;
     rules.ownControlGroup = join == 0 && from(NsKind::kCgroup) == NsChoice::From::kNew ? 1 : 0;
     rules.ownNetwork = join == 0 && from(NsKind::kNetwork) == NsChoice::From::kNew ? 1 : 0;

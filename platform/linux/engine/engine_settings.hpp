@@ -47,9 +47,10 @@ class EngineSettings {
     [[nodiscard]] const Resources& resources() const { return settings_.resources; }
 
     // A file with the confinement, for the helper. `group`: the control group to enter, "" none.
-    // `join`: the CLONE_NEW flags of the namespaces to join; 0 for the first process. Invalid with
-    // errno set.
-    [[nodiscard]] znc::UniqueFd record(const char* group, unsigned long join) const;
+    // `join`: the CLONE_NEW flags of the namespaces to join; 0 for the first process. `placed`: the
+    // first process waits until it has been moved into its group. Invalid with errno set.
+    [[nodiscard]] znc::UniqueFd record(const char* group, unsigned long join,
+                                       bool placed = false) const;
 
   private:
     int check(SettingsFault& fault) const;

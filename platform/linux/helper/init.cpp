@@ -400,6 +400,15 @@ void create_in_namespaces(const Rules& rules)
     sys::exit_group(0);
 }
 
+// Nothing may be created before: the group of this process becomes the root of the cgroup namespace
+// and that of its children.
+void wait_for_group()
+{
+    char byte = 0;
+    if (sys::call(__NR_read, wire::kInitSocket, sys::arg(&byte), sizeof byte) != sizeof byte)
+        sys::exit_group(0); // the creator has ended
+}
+
 void begin(const char* name, char** argv, char** envp, Program& program)
 {
     initialize();
@@ -414,6 +423,8 @@ void init_run(char** argv, char** envp)
     Program program;
     begin(wire::kInitName, argv, envp, program);
     const Rules rules;
+    if (rules->placed != 0)
+        wait_for_group();
     prepare_on_host(rules);
     choose_labels_on_host(rules);
     // After entering the control group, which becomes the root of the cgroup namespace.

@@ -135,8 +135,11 @@ struct Confinement {
     std::uint32_t user;       // 1: the user namespace kInitUser is to be entered
     std::uint32_t keepGroups; // 1: the kernel denies setgroups: none are added, none are dropped
     std::uint32_t keepScore;  // 1: an oomScore that the kernel refuses is not an error
-    std::uint64_t created;    // zn-init: CLONE_NEW flags of the namespaces that are created after
-                              // that; 0: they exist
+    std::uint32_t placed;     // zn-init: 1: another program moves it into its control group, and
+                              // one byte on kInitSocket says that it has done so
+    std::uint32_t reserved;
+    std::uint64_t created; // zn-init: CLONE_NEW flags of the namespaces that are created after
+                           // that; 0: they exist
 };
 inline constexpr std::int32_t kNoOomScore = 0x7fffffff;
 inline constexpr std::size_t kConfinementOffset = 4096;

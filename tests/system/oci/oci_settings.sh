@@ -161,8 +161,5 @@ fi
 given '.linux.intelRdt = {closID: "x"}' true
 refused 'resource control' 'linux.intelRdt'
 given '.linux.cgroupsPath = "system.slice:a:b"' true
-refused 'groups of systemd' 'linux.cgroupsPath'
-printf '%s' "$plain" >"$work/web/config.json"
-run zncrun --systemd-cgroup create --bundle "$work/web" "$me-web"
-refused 'the systemd driver' '--systemd-cgroup'
+refused 'groups of systemd without --systemd-cgroup' 'linux.cgroupsPath'
 finish
