@@ -104,7 +104,10 @@ class SystemdBus::Connection {
     static int job_removed(sd_bus_message* message, void* connection, sd_bus_error* error);
     void open(char type, const char* contents, const BusMessagePtr& message);
     void close(const BusMessagePtr& message);
+    // Each adds a variant.
+    void add_variant(const BusMessagePtr& message, char type, const void* value);
     void append(const BusMessagePtr& message, const UnitValue& value);
+    void append_list(const BusMessagePtr& message, const UnitValue& value);
 
     SystemdLibrary library_;
     BusPtr bus_;
@@ -172,49 +175,57 @@ void SystemdBus::Connection::close(const BusMessagePtr& message)
     check(library_.bus_message_close_container(message.get()), "message");
 }
 
-// The value with its type, as a variant.
+void SystemdBus::Connection::add_variant(const BusMessagePtr& message, char type, const void* value)
+{
+    const char contents[] = {type, '\0'};
+    open('v', contents, message);
+    add(message, type, value);
+    close(message);
+}
+
+// Numbers have the types of D-Bus: i and u have 32 bits, x and t 64.
 void SystemdBus::Connection::append(const BusMessagePtr& message, const UnitValue& value)
 {
     if (const auto* flag = std::get_if<bool>(&value)) {
         const int number = *flag ? 1 : 0;
-        open('v', "b", message);
-        add(message, 'b', &number);
+        add_variant(message, 'b', &number);
     } else if (const auto* text = std::get_if<std::string>(&value)) {
-        open('v', "s", message);
-        add(message, 's', text->c_str());
-    } else if (const auto* list = std::get_if<std::vector<std::string>>(&value)) {
-        open('v', "as", message);
-        open('a', "s", message);
-        for (const std::string& one : *list)
-            add(message, 's', one.c_str());
-        close(message);
-    } else if (const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&value)) {
+        add_variant(message, 's', text->c_str());
+    } else if (const auto* i32 = std::get_if<std::int32_t>(&value)) {
+        add_variant(message, 'i', i32);
+    } else if (const auto* u32 = std::get_if<std::uint32_t>(&value)) {
+        add_variant(message, 'u', u32);
+    } else if (const auto* i64 = std::get_if<std::int64_t>(&value)) {
+        add_variant(message, 'x', i64);
+    } else if (const auto* u64 = std::get_if<std::uint64_t>(&value)) {
+        add_variant(message, 't', u64);
+    } else {
+        append_list(message, value);
+    }
+}
+
+void SystemdBus::Connection::append_list(const BusMessagePtr& message, const UnitValue& value)
+{
+    if (const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&value)) {
         open('v', "ay", message);
         check(library_.bus_message_append_array(message.get(), 'y', bytes->data(), bytes->size()),
               "message");
-    } else if (const auto* devices = std::get_if<UnitDevices>(&value)) {
-        open('v', "a(ss)", message);
-        open('a', "(ss)", message);
-        for (const auto& [device, access] : *devices) {
-            open('r', "ss", message);
-            add(message, 's', device.c_str());
-            add(message, 's', access.c_str());
-            close(message);
-        }
         close(message);
-    } else if (const auto* i32 = std::get_if<std::int32_t>(&value)) {
-        open('v', "i", message);
-        add(message, 'i', i32);
-    } else if (const auto* u32 = std::get_if<std::uint32_t>(&value)) {
-        open('v', "u", message);
-        add(message, 'u', u32);
-    } else if (const auto* i64 = std::get_if<std::int64_t>(&value)) {
-        open('v', "x", message);
-        add(message, 'x', i64);
-    } else {
-        open('v', "t", message);
-        add(message, 't', &std::get<std::uint64_t>(value));
+        return;
     }
+    const auto* devices = std::get_if<UnitDevices>(&value);
+    open('v', devices != nullptr ? "a(ss)" : "as", message);
+    open('a', devices != nullptr ? "(ss)" : "s", message);
+    if (devices == nullptr)
+        for (const std::string& text : std::get<std::vector<std::string>>(value))
+            add(message, 's', text.c_str());
+    for (const auto& [device, access] : devices != nullptr ? *devices : UnitDevices()) {
+        open('r', "ss", message);
+        add(message, 's', device.c_str());
+        add(message, 's', access.c_str());
+        close(message);
+    }
+    close(message);
     close(message);
 }
 

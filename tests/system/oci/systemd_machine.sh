@@ -3,6 +3,7 @@
 # scripts/vm-systemd-test.sh in a virtual machine.
 # shellcheck disable=SC2016
 set -u
+# shellcheck source=../../support/checks.sh
 . /tests/checks.sh
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 work=/tmp/work

@@ -168,12 +168,10 @@ TEST_F(BundleTest, MountsAreAnArray)
 
 TEST_F(BundleTest, GroupsAreBelowAGroupOfTheProgramUnlessAPathIsGiven)
 {
-    EXPECT_EQ(bundle("").group("web", false), "/zncrun/web");
-    EXPECT_EQ(bundle(R"(,"linux":{"cgroupsPath":"/a/b"})").group("web", false), "/a/b");
-    EXPECT_EQ(bundle(R"(,"linux":{"cgroupsPath":"a/b"})").group("web", false), "/a/b");
-    EXPECT_NE(failure_of([&] { (void)bundle("").group("web", true); }), "");
-    EXPECT_NE(failure_of(
-                  [&] { (void)bundle(R"(,"linux":{"cgroupsPath":"a:b:c"})").group("web", false); }),
+    EXPECT_EQ(bundle("").group("web"), "/zncrun/web");
+    EXPECT_EQ(bundle(R"(,"linux":{"cgroupsPath":"/a/b"})").group("web"), "/a/b");
+    EXPECT_EQ(bundle(R"(,"linux":{"cgroupsPath":"a/b"})").group("web"), "/a/b");
+    EXPECT_NE(failure_of([&] { (void)bundle(R"(,"linux":{"cgroupsPath":"a:b:c"})").group("web"); }),
               "");
 }
 

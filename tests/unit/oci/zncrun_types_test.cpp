@@ -91,7 +91,7 @@ std::string refusal_of(const Json& document)
     std::ofstream("/tmp/bundle-types/config.json") << document.dump();
     try {
         const Bundle bundle("/tmp/bundle-types", "");
-        static_cast<void>(bundle.group("web", false));
+        static_cast<void>(bundle.group("web"));
         std::array<char, ZN_ENGINE_REASON_MAX> reason{};
         if (znEngineCheck(bundle.document().c_str(), reason.data(), reason.size()) != OK)
             return reason.data();

@@ -136,6 +136,33 @@ TEST_P(CgroupLife, EmptyGroupIsTakenOverThawedAndWithoutGroupsBelowIt)
     EXPECT_EQ(child.code(), 3);
 }
 
+TEST_P(CgroupLife, GroupOfAServiceManagerIsCompletedInAllHierarchiesAndThawed)
+{
+    const std::string first = path_ + "/first";
+    const std::string second = path_ + "/second";
+    ASSERT_EQ(zn::cgroup_create(in_, first.c_str(), {}, &field_), 0);
+    ASSERT_EQ(zn::cgroup_create(in_, second.c_str(), {}, &field_), 0);
+    ASSERT_EQ(zn::cgroup_freeze(in_, second.c_str(), true), 0);
+    for (std::size_t i = 1; i < in_.all.size(); i++)
+        if ((in_.all[i].controllers & 1U << static_cast<unsigned>(zn::Controller::kFreezer)) == 0)
+            fs::remove(in_.all[i].point.get() + second);
+    const Child child(in_, first, sleep_for_ever);
+    ASSERT_TRUE(child.entered());
+    ASSERT_EQ(zn::cgroup_complete(in_, second.c_str(), child.pid(), {}, &field_), 0) << field();
+    EXPECT_EQ(directories(in_, second).size(), in_.all.size());
+    for (const std::string& directory : directories(in_, second))
+        EXPECT_EQ(read_file(directory + "/cgroup.procs"), std::to_string(child.pid())) << directory;
+    bool frozen = true;
+    EXPECT_EQ(zn::cgroup_frozen(in_, second.c_str(), frozen), 0);
+    EXPECT_FALSE(frozen);
+}
+
+TEST_P(CgroupLife, GroupThatAServiceManagerDidNotCreateIsNotCompleted)
+{
+    EXPECT_EQ(zn::cgroup_complete(in_, path_.c_str(), ::getpid(), {}, &field_), ENOENT);
+    EXPECT_EQ(directories(in_, path_), std::vector<std::string>());
+}
+
 TEST_P(CgroupLife, ProcessesAreListedOnceWithThoseBelow)
 {
     const std::string below = path_ + "/a/b";
