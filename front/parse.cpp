@@ -17,20 +17,33 @@ const Option* find_option(const Command& command, std::string_view name, char le
     return nullptr;
 }
 
-// Sets up the parser for one command.
+// Whether the option may be among the words. Values and operands that look like it count, too.
+bool may_be_in(const std::vector<std::string>& words, const Option& option)
+{
+    return std::any_of(words.begin(), words.end(), [&option](std::string_view word) {
+        if (word.starts_with("--"))
+            return word.substr(2, word.find('=') - 2) == option.name;
+        return word.starts_with('-') && option.letter != 0 && word.find(option.letter) != word.npos;
+    });
+}
+
+// Sets up the parser for one command and these words: CLI11 compares every option with all others,
+// so it gets only those that may be in the words.
 class CommandLine {
   public:
-    CommandLine(const Command& command, std::size_t words, std::size_t after_mark)
-        : command_(command), operands_(words), after_mark_(after_mark)
+    CommandLine(const Command& command, const std::vector<std::string>& words,
+                std::size_t after_mark)
+        : command_(command), operands_(words.size()), after_mark_(after_mark)
     {
         app_.set_help_flag(find_option(command, "", 'h') != nullptr ? "--help" : "-h,--help");
         values_.resize(command.options.size());
         options_.resize(command.options.size());
         for (std::size_t i = 0; i < command.options.size(); i++)
-            options_[i] = add(command.options[i], values_[i]);
+            if (may_be_in(words, command.options[i]))
+                options_[i] = add(command.options[i], values_[i]);
         // One option for each word: CLI11 would split an operand such as "[a,b]" if it were given a
         // list. The number of operands is checked afterwards.
-        for (std::size_t i = 0; i < words; i++)
+        for (std::size_t i = 0; i < words.size(); i++)
             app_.add_option(fmt::format("operand{}", i), operands_[i]);
     }
 
@@ -98,6 +111,8 @@ class CommandLine {
     {
         for (std::size_t i = 0; i < command_.options.size(); i++) {
             const Option& option = command_.options[i];
+            if (options_[i] == nullptr)
+                continue;
             for (const std::string& value : options_[i]->results())
                 result.args.add_option(option.name, value);
         }
@@ -121,7 +136,7 @@ class CommandLine {
     const Command& command_;
     CLI::App app_;
     std::vector<std::string> values_;
-    std::vector<CLI::Option*> options_; // owned by app_
+    std::vector<CLI::Option*> options_; // owned by app_; null: not among the words
     std::vector<std::string> operands_;
     std::size_t after_mark_; // number of operands after "--"
 };
@@ -218,7 +233,7 @@ Parsed parse(const Command& command, std::span<char* const> words)
                               : std::vector<const char*>(words.begin(), words.end()));
     const auto mark = std::find(all.begin(), all.end(), "--");
     const auto after_mark = mark == all.end() ? 0 : all.end() - mark - 1;
-    CommandLine line(command, all.size(), static_cast<std::size_t>(after_mark));
+    CommandLine line(command, all, static_cast<std::size_t>(after_mark));
     return line.parse(std::move(all));
 }
 

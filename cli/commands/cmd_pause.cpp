@@ -18,7 +18,7 @@ int freeze(const std::string& id, bool frozen)
         return failure(id, frozen ? "it is paused already" : "it is not paused", kExitWrongState);
     const nsid_t ns = namespace_of(id);
     if (ns >= 0 && znnsFreeze(ns, frozen ? TRUE : FALSE) == OK) {
-        note_event(frozen ? kPauseEvent : kUnpauseEvent, id);
+        ContainerEvents(id).note(frozen ? kPauseEvent : kUnpauseEvent);
         return kExitOk;
     }
     if (errno == ENOTSUP)

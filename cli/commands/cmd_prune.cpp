@@ -2,6 +2,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/listing.hpp"
+#include "cli/images/bundle_area.hpp"
 #include "commands.hpp"
 
 #include <nlohmann/json.hpp>
@@ -10,11 +11,11 @@
 namespace zncctl {
 namespace {
 
-bool is_wanted(const ContainerFilter& filter, const ListedContainer& one)
+bool is_wanted(const ContainerFilter& filter, const ListedContainer& one, const std::string& base)
 {
     if (one.status != STATE_STOPPED)
         return false;
-    const ContainerOrigin origin = origin_of(one.id);
+    const ContainerOrigin origin = origin_of(one.id, base);
     const int exit_code = one.record ? one.record->exit_code.value_or(0) : 0;
     return filter.matches({one.id, origin.notes.image, "exited", exit_code, &origin.labels});
 }
@@ -27,9 +28,10 @@ try {
     const auto all = listed_containers();
     if (!all)
         return daemon_failure(errno, "");
+    const std::string base = all->empty() ? "" : storage_base();
     std::vector<std::string> ids;
     for (const ListedContainer& one : *all)
-        if (is_wanted(filter, one))
+        if (is_wanted(filter, one, base))
             ids.push_back(one.id);
     return for_each_id(ids, false, [](const std::string& id) {
         // It may have been deleted by another process.

@@ -2,6 +2,7 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/listing.hpp"
+#include "cli/images/bundle_area.hpp"
 #include "commands.hpp"
 #include "front/duration.hpp"
 #include "front/escape.hpp"
@@ -190,11 +191,12 @@ try {
     if (!all)
         return daemon_failure(errno, "");
     const bool ended_too = args.has("all") || filter.names_state();
+    const std::string base = all->empty() ? "" : storage_base();
     std::vector<Row> rows;
     for (const ListedContainer& one : *all) {
         if (!ended_too && one.status != STATE_RUNNING)
             continue;
-        Row row(one, origin_of(one.id), std::time(nullptr));
+        Row row(one, origin_of(one.id, base), std::time(nullptr));
         if (filter.matches(row.filtered()))
             rows.push_back(std::move(row));
     }

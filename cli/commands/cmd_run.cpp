@@ -44,7 +44,8 @@ class Run {
         const ContainerOptions& options = container_.options;
         ForegroundEnd end;
         const int status = run_in_foreground(
-            id_, signals, {options.tty, options.interactive, options.remove, log_max_, keys_}, end);
+            id_, signals, {options.tty, options.interactive, options.remove, log_max_, true, keys_},
+            end);
         if (!end.left && (options.remove || !end.started))
             delete_created();
         return status;
@@ -53,7 +54,8 @@ class Run {
     int detached()
     {
         const ContainerOptions& options = container_.options;
-        const MonitorOptions monitor = {log_max_, options.tty, options.interactive, options.remove};
+        const MonitorOptions monitor = {log_max_, options.tty, options.interactive, options.remove,
+                                        true};
         if (const int error = start_with_monitor(id_, monitor); error != 0) {
             const int status = start_failure(error, id_);
             delete_created();

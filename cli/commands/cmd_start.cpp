@@ -12,7 +12,8 @@ namespace {
 int start_detached(const std::string& id, std::size_t log_max)
 {
     const ContainerNotes notes = read_notes(own_bundle(id));
-    const int error = start_with_monitor(id, {log_max, notes.tty, notes.interactive, notes.remove});
+    const int error =
+        start_with_monitor(id, {log_max, notes.tty, notes.interactive, notes.remove, false});
     if (error == 0)
         return kExitOk;
     if (error != S_zncLib_RTP_SPAWN_FAILED) {
@@ -37,7 +38,7 @@ int start_attached(const std::string& id, std::size_t log_max, const DetachKeys&
     ForegroundEnd end;
     const SignalQueue signals;
     const int status =
-        run_in_foreground(id, signals, {notes.tty, input, notes.remove, log_max, keys}, end);
+        run_in_foreground(id, signals, {notes.tty, input, notes.remove, log_max, false, keys}, end);
     if (end.started && !end.left && notes.remove && delete_container(id, true) != OK)
         static_cast<void>(daemon_failure(errno, id));
     return status;

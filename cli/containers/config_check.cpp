@@ -110,18 +110,21 @@ std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, st
     return result;
 }
 
-std::string ambiguity(std::string_view text)
+std::string ambiguity(std::string_view text, std::optional<Json>* config)
 {
     const auto findings = findings_in(text);
     JsonNotes notes;
     if (!findings)
         return ""; // the library reports this
-    if (!parse_config(text, &notes))
+    auto document = parse_config(text, &notes);
+    if (!document)
         return notes.problem;
     for (const auto& [verdict, words] : *findings)
         if (verdict == ZNC_CONFIG_MISREAD)
             return fmt::format("{}: expected {}, found {}", words.path, words.expected,
                                words.found);
+    if (config != nullptr)
+        *config = std::move(document);
     return "";
 }
 

@@ -25,7 +25,7 @@ std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, st
 
 // Why `create` and `run` refuse a document that the library would accept: parsers would read it
 // differently. "" if they do not.
-std::string ambiguity(std::string_view text);
+std::string ambiguity(std::string_view text, std::optional<Json>* config = nullptr);
 
 } // namespace zncctl
 

@@ -128,11 +128,10 @@ namespace {
 
 // When a container is started, the daemon sends these members to the client. A reply that is too
 // long is never sent: the client would wait in vain, and the container could not be started again.
-std::string length_problem(std::string_view config)
+std::string length_problem(const Json& config)
 {
     constexpr std::size_t kReplyMax = 65535;
-    const auto document = parse_config(config);
-    const Json* process = document ? member(*document, "process") : nullptr;
+    const Json* process = member(config, "process");
     std::size_t length = 0;
     for (const char* name : {"args", "env"})
         if (const Json* value = member(process, name); value != nullptr && value->is_array())
@@ -150,8 +149,9 @@ std::string bundle_problem(const std::string& bundle)
     const auto text = read_file(bundle + "/config.json");
     if (!text)
         return "";
-    const std::string problem = ambiguity(*text);
-    return problem.empty() ? length_problem(*text) : problem;
+    std::optional<Json> config;
+    const std::string problem = ambiguity(*text, &config);
+    return problem.empty() && config ? length_problem(*config) : problem;
 }
 
 int create_failure(const std::string& id, const std::string& bundle)
@@ -182,10 +182,11 @@ int create_container(const std::string& id, NewBundle& bundle, const Network& ne
             zncImageBundleDelete(path.c_str());
         return refused;
     }
+    const std::string own = bundle.lock ? path : "";
     bundle.lock.reset();
     bundle.in_use.reset(); // from now on the container itself keeps it from being collected
     remove_record(id);     // left by an earlier container with this id
-    note_event(kCreateEvent, id);
+    ContainerEvents(id, own).note(kCreateEvent);
     const int status = restore_sticky(id, path) && open_root_to_users(id, path)
                            ? connect_network(id, network)
                            : local_failure(errno, id);
@@ -201,7 +202,7 @@ STATUS delete_container(const std::string& id, bool force)
     const Json state = private_bundle.empty() ? Json() : state_of(id).value_or(Json());
     const unsigned option = force ? ZNC_OPT_WHOLE_NAMESPACE : 0;
     const NetworkEnd network(id);
-    RemoveEvent event(id);
+    RemoveEvent event(id, private_bundle);
     if (call_library([&] { return zncDelete(id.c_str(), option); }) != OK)
         return ERROR;
     // The network ends with the container. Wait for it: when delete returns, the published ports

@@ -188,7 +188,7 @@ void make_container_bundle(const std::string& bundle, const std::string& source,
         write_files(dir.get(), text_of(config, "hostname"), container.network);
         add_network(config, container.network, bundle);
     }
-    if (!replace_file(dir.get(), kConfig, pretty(config), true) ||
+    if (!replace_file(dir.get(), kConfig, pretty(config)) ||
         !write_notes(dir.get(), notes_of(container)))
         throw_error(bundle + "/" + kConfig);
 }

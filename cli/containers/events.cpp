@@ -20,13 +20,18 @@ std::int64_t time_now()
     return now.tv_sec * kNanoseconds + now.tv_nsec;
 }
 
-Event event_of(const char* status, const std::string& id)
+std::string image_of(const std::string& own_bundle)
+{
+    return own_bundle.empty() ? "" : read_notes(own_bundle).image;
+}
+
+Event event_of(const char* status, const std::string& id, const std::string& image)
 {
     Event event;
     event.status = status;
     event.id = id;
     event.name = id;
-    event.image = read_notes(own_bundle(id)).image;
+    event.image = image;
     return event;
 }
 
@@ -50,18 +55,33 @@ void wait_for_end(int record)
 
 } // namespace
 
-void note_event(const char* status, const std::string& id, std::optional<int> exit_code)
+ContainerEvents::ContainerEvents(const std::string& id) : id_(id)
+{
+    try {
+        const znc::ErrnoSaver keep;
+        image_ = image_of(own_bundle(id));
+    } catch (const std::exception&) { // the storage base is refused: the image is not known
+        image_.clear();
+    }
+}
+
+ContainerEvents::ContainerEvents(const std::string& id, const std::string& own_bundle)
+    : id_(id), image_(image_of(own_bundle))
+{
+}
+
+void ContainerEvents::note(const char* status, std::optional<int> exit_code) const
 try {
     const znc::ErrnoSaver keep;
-    Event event = event_of(status, id);
+    Event event = event_of(status, id_, image_);
     event.exit_code = exit_code;
     append_now(event);
 } catch (const std::exception&) { // for example out of memory: the event is dropped
     return;
 }
 
-RemoveEvent::RemoveEvent(const std::string& id)
-    : event_(event_of(kRemoveEvent, id)), record_(open_record(id))
+RemoveEvent::RemoveEvent(const std::string& id, const std::string& own_bundle)
+    : event_(event_of(kRemoveEvent, id, image_of(own_bundle))), record_(open_record(id))
 {
 }
 

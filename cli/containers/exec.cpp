@@ -75,6 +75,19 @@ int not_running(const std::string& id, CONTAINER_STATUS status)
     return kExitWrongState;
 }
 
+// The status in the daemon's description of a container, of whose members one is true.
+CONTAINER_STATUS status_in(const Json* state)
+{
+    const auto is = [state](const char* name) {
+        const Json* value = member(state, name);
+        return value != nullptr && *value == true;
+    };
+    return is("Running")   ? STATE_RUNNING
+           : is("Created") ? STATE_CREATED
+           : is("Stopped") ? STATE_STOPPED
+                           : STATE_UNKNOWN;
+}
+
 // What the command in the foreground sends.
 void hear_command(ProgramLink& link, const Program& program)
 {
@@ -108,11 +121,9 @@ std::optional<RunningContainer> RunningContainer::find(const std::string& id, in
 
 int RunningContainer::open()
 {
-    const CONTAINER_STATUS status = status_of(id_);
-    if (status == STATE_UNKNOWN) {
-        static_cast<void>(daemon_failure(errno, id_));
+    const CONTAINER_STATUS status = read_configuration();
+    if (status == STATE_UNKNOWN)
         return kExitStartFailed;
-    }
     if (status != STATE_RUNNING)
         return not_running(id_, status);
     if (is_paused(id_, status)) {
@@ -120,8 +131,6 @@ int RunningContainer::open()
         print_hint(fmt::format("'zncctl resume {}' lets it continue", printable(id_)));
         return kExitWrongState;
     }
-    if (!read_configuration())
-        return kExitStartFailed;
     std::array<char, PATH_MAX> path{};
     ns_ = namespace_of(id_);
     if (ns_ >= 0)
@@ -136,24 +145,27 @@ int RunningContainer::open()
     return kExitStartFailed;
 }
 
-// From the daemon: the file in the bundle may have changed since the container was created.
-bool RunningContainer::read_configuration()
+// From the daemon, with the status: the file in the bundle may have changed since the container was
+// created.
+CONTAINER_STATUS RunningContainer::read_configuration()
 {
     const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id_.c_str()); }));
     if (text == nullptr) {
         static_cast<void>(daemon_failure(errno, id_));
-        return false;
+        return STATE_UNKNOWN;
     }
     const auto document = parse_json(text.get(), nullptr, Annotations::kMayRepeat);
     const Json& array = children(document ? &*document : nullptr);
-    const Json* config = array.empty() ? nullptr : member(&*array.begin(), "Config");
+    const Json* container = array.empty() ? nullptr : &*array.begin();
+    const Json* config = member(container, "Config");
+    const CONTAINER_STATUS status = status_in(member(container, "State"));
     directory_ = text_of(config, "WorkingDir");
-    if (directory_.empty()) {
+    if (directory_.empty() || status == STATE_UNKNOWN) {
         static_cast<void>(failure(id_, "its configuration cannot be read"));
-        return false;
+        return STATE_UNKNOWN;
     }
     environment_ = texts_of(member(config, "Env"));
-    return true;
+    return status;
 }
 
 std::string RunningContainer::home() const

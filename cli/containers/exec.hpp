@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "zarnel/types.h"
+#include "zncontainer.h"
 
 namespace zncctl {
 
@@ -35,7 +36,8 @@ class RunningContainer {
   private:
     explicit RunningContainer(std::string id) : id_(std::move(id)) {}
     int open();
-    bool read_configuration();
+    // STATE_UNKNOWN after printing a message.
+    CONTAINER_STATUS read_configuration();
 
     std::string id_;
     nsid_t ns_ = -1;

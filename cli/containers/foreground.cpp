@@ -59,16 +59,18 @@ int run_as_child(const std::string& id, Session& session, const ForegroundOption
         return program.start(id, streams);
     };
     if (const int error = session.start(start); error != 0) {
-        remove_record(id);
+        if (record) // otherwise it is that of a command which started the container before
+            remove_record(id);
         return start_failure(error, id);
     }
     end.started = true;
+    const ContainerEvents events(id);
     Record program_record = describe(session.program(), true);
     record.write(program_record);
-    note_event(kStartEvent, id);
+    events.note(kStartEvent);
     const int status = session.wait().value_or(kExitOk); // there are no keys
     note_end(program_record, id, status);
-    note_event(kDiedEvent, id, program_record.exit_code); // before the record: see RemoveEvent
+    events.note(kDiedEvent, program_record.exit_code); // before the record: see RemoveEvent
     record.write(program_record);
     end_network_of_stopped(id);
     return session.finish(id, status);
@@ -79,7 +81,7 @@ int run_as_child(const std::string& id, Session& session, const ForegroundOption
 int run_in_foreground(const std::string& id, const SignalQueue& signals,
                       const ForegroundOptions& options, ForegroundEnd& end)
 {
-    if (const int error = startable(id); error != 0)
+    if (const int error = options.created ? 0 : startable(id); error != 0)
         return start_failure(error, id);
     SignalRelay relay(id);
     Session session(

@@ -16,7 +16,8 @@ struct ForegroundOptions {
     bool interactive = false; // and zncctl's standard input, which is a terminal if `tty` is set
     bool remove = false;      // the container is to be deleted when the program has ended
     std::size_t log_max = 0;
-    DetachKeys keys; // with both: typed at the terminal, they leave the program running
+    bool created = false; // by this command: it need not be checked whether it can be started
+    DetachKeys keys;      // with both: typed at the terminal, they leave the program running
 };
 
 struct ForegroundEnd {

@@ -219,7 +219,7 @@ bool unpack_bundle(const Arguments& args, const Wanted& wanted, const Unpacking&
     }
     if (!done)
         return false;
-    if (write_image_of_bundle(bundle, unpacking.manifest()) && mark_complete(bundle))
+    if (write_image_of_bundle(bundle, unpacking.manifest()) && mark_complete(bundle, true))
         return true;
     static_cast<void>(failure(wanted.label, fmt::format("{}: {}", bundle, error_text())));
     return false;
@@ -238,9 +238,12 @@ std::optional<std::string> lock_own(const std::string& id, NewBundle& bundle)
         bundle.in_use.emplace(area);
     const std::string name = private_name(id);
     bundle.lock.emplace(area, name);
+    std::string own = fmt::format("{}/{}", area, name);
+    if (::access(own.c_str(), F_OK) != 0 && errno == ENOENT)
+        return own; // if the container exists, it has another bundle, and cannot be created
     const bool exists = status_of(id) != STATE_UNKNOWN;
     if (!exists && (errno == ENODEV || errno == S_zncLib_DAEMON_NOT_RUNNING))
-        return fmt::format("{}/{}", area, name);
+        return own;
     static_cast<void>(daemon_failure(exists ? S_zncLib_CONTAINER_EXISTS : errno, id));
     return std::nullopt;
 }
@@ -268,7 +271,9 @@ void finish_own(const std::string& own, const std::string& source, const NewCont
 {
     try {
         make_container_bundle(own, source, container, image);
-        if (!is_complete(own) && !mark_complete(own))
+        // Not on disk yet: a container does not survive a crash of the machine, and its bundle is
+        // made anew before another container gets this name.
+        if (!is_complete(own) && !mark_complete(own, false))
             throw_error(own);
     } catch (const std::runtime_error&) {
         static_cast<void>(remove_bundle(own));
@@ -364,9 +369,14 @@ bool bundle_of_bundle(const std::string& source, const NewContainer& container, 
 
 std::string own_bundle(const std::string& id)
 {
+    return own_bundle(id, storage_base());
+}
+
+std::string own_bundle(const std::string& id, const std::string& base)
+{
     if (!is_container_id(id))
         return "";
-    std::string own = fmt::format("{}/bundles/{}", storage_base(), private_name(id));
+    std::string own = fmt::format("{}/bundles/{}", base, private_name(id));
     return is_complete(own) ? own : "";
 }
 

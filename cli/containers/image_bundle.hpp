@@ -41,6 +41,8 @@ int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle
 
 // The bundle that was created for this container alone; "" if there is none.
 std::string own_bundle(const std::string& id);
+// The same for several containers: `base` is storage_base(), which checks every directory above.
+std::string own_bundle(const std::string& id, const std::string& base);
 
 } // namespace zncctl
 

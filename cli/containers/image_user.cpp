@@ -88,9 +88,10 @@ bool open_root_to_users(const std::string& id, const std::string& bundle)
 {
     constexpr mode_t kClosed = 0700;
     constexpr mode_t kOpen = 0755;
+    if (zncOvlFsAvailable() == FALSE)
+        return true;
     const std::string root = root_of_bundle(bundle);
-    const bool of_store = root.starts_with(kOverlayDir) || root.starts_with(storage_base() + "/");
-    if (zncOvlFsAvailable() == FALSE || !of_store)
+    if (!root.starts_with(kOverlayDir) && !root.starts_with(storage_base() + "/"))
         return true;
     const znc::UniqueFd dir(::open((kOverlayDir + kept_id(id)).c_str(), kDirFlags));
     struct stat st = {};

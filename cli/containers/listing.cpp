@@ -56,10 +56,10 @@ std::optional<std::vector<ListedContainer>> listed_containers()
     return all;
 }
 
-ContainerOrigin origin_of(const std::string& id)
+ContainerOrigin origin_of(const std::string& id, const std::string& base)
 {
     ContainerOrigin origin;
-    if (const std::string own = own_bundle(id); !own.empty())
+    if (const std::string own = own_bundle(id, base); !own.empty())
         origin.notes = read_notes(own);
     const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id.c_str()); }));
     const auto document =

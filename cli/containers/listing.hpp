@@ -34,7 +34,8 @@ struct ContainerOrigin {  // NOLINT(bugprone-exception-escape): moving a JSON va
     Json labels = Json::object();
 };
 
-ContainerOrigin origin_of(const std::string& id);
+// `base` is storage_base().
+ContainerOrigin origin_of(const std::string& id, const std::string& base);
 
 } // namespace zncctl
 

@@ -30,7 +30,10 @@ constexpr std::size_t kLogMaxMin = 1024;
 
 class Monitor {
   public:
-    Monitor(const std::string& id, const MonitorOptions& options) : id_(id), options_(options) {}
+    Monitor(const std::string& id, const MonitorOptions& options)
+        : id_(id), options_(options), events_(id)
+    {
+    }
 
     const ProgramLink& use_link(ProgramLink link, Pty terminal)
     {
@@ -79,7 +82,7 @@ class Monitor {
         if (options_.interactive)
             channel_.emplace(record.dir());
         record.write(program_record_);
-        note_event(kStartEvent, id_);
+        events_.note(kStartEvent);
         return 0;
     }
 
@@ -137,7 +140,7 @@ class Monitor {
         if (!link_)
             read_rest(); // the log must be complete when the exit code appears
         note_end(program_record_, id_, status);
-        note_event(kDiedEvent, id_, program_record_.exit_code); // see RemoveEvent
+        events_.note(kDiedEvent, program_record_.exit_code); // see RemoveEvent
         record.write(program_record_);
         end_network_of_stopped(id_);
         if (link_)
@@ -239,6 +242,7 @@ class Monitor {
 
     std::string id_;
     MonitorOptions options_;
+    ContainerEvents events_;
     Program program_;
     Record program_record_;
     ProgramLink link_; // to the command in the foreground; while it is open that reads the output
@@ -271,7 +275,7 @@ bool log_limit(const Arguments& args, std::size_t& limit)
 
 int start_with_monitor(const std::string& id, const MonitorOptions& options)
 {
-    if (const int error = startable(id); error != 0)
+    if (const int error = options.created ? 0 : startable(id); error != 0)
         return error;
     return run_detached([&](znc::UniqueFd report) {
         Monitor(id, options).run([&](int error) { report_start(std::move(report), error); });

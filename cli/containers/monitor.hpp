@@ -20,6 +20,7 @@ struct MonitorOptions {
     bool tty = false;         // the program gets a pseudo-terminal, whose output is logged
     bool interactive = false; // its standard input stays open for processes that attach
     bool remove = false;      // the container is deleted when the program has ended
+    bool created = false;     // by this command: it need not be checked whether it can be started
 };
 
 // Starts a created container with a monitor. Returns 0 once the program runs, else the errno value

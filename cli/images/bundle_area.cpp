@@ -128,12 +128,12 @@ bool is_complete(const std::string& bundle)
            st.st_uid == ::geteuid();
 }
 
-bool mark_complete(const std::string& bundle)
+bool mark_complete(const std::string& bundle, bool lasting)
 {
     // The configuration must be on disk before the mark is created: after a crash of the machine a
     // marked bundle must have it.
     const znc::UniqueFd config = open_regular(bundle + "/config.json");
-    if (!config || ::fsync(config.get()) != 0)
+    if (!config || (lasting && ::fsync(config.get()) != 0))
         return false;
     return static_cast<bool>(
         znc::UniqueFd(::open((bundle + kCompleteMark).c_str(),

@@ -65,8 +65,9 @@ class BundleLock {
 // look up its user.
 bool is_complete(const std::string& bundle);
 
-// Marks a bundle as complete; false with errno set.
-bool mark_complete(const std::string& bundle);
+// Marks a bundle as complete; false with errno set. `lasting`: after a crash of the machine, the
+// marked bundle has its configuration.
+bool mark_complete(const std::string& bundle, bool lasting);
 
 // Removes a bundle, also an incomplete one. False with errno set if part of it could not be
 // removed.

@@ -84,14 +84,10 @@ int default_path(nsid_t id, const char* name, char (&path)[kCgroupPathMax])
 // machine can enforce it.
 int create_group(const char* path, Resources& wanted, const char** field)
 {
-    const bool given = wanted.pidsLimit.has_value();
-    if (!given)
+    if (!wanted.pidsLimit) {
         wanted.pidsLimit = kDefaultPidsLimit;
-    const int error = cgroup_create(path, wanted, field);
-    if (given || error != ENOTSUP || *field == nullptr || std::strcmp(*field, "pids.limit") != 0)
-        return error;
-    wanted.pidsLimit.reset();
-    *field = nullptr;
+        wanted.pidsLimitIsDefault = true;
+    }
     return cgroup_create(path, wanted, field);
 }
 

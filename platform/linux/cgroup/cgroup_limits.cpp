@@ -130,7 +130,8 @@ int pids_apply(const Hierarchies& hierarchies, const GroupPath& path, const Reso
     if (error == 0)
         error = limit < 0 ? group.write(kPidsMax, kNoLimit)
                           : group.write(kPidsMax, static_cast<std::uint64_t>(limit));
-    return error == ENOTSUP && limit < 0 ? 0 : named(error, "pids.limit", field);
+    const bool optional = limit < 0 || resources.pidsLimitIsDefault;
+    return error == ENOTSUP && optional ? 0 : named(error, "pids.limit", field);
 }
 
 // Writes both files: each is used by a different I/O scheduler.

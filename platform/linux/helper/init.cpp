@@ -9,6 +9,7 @@
 // these processes: they are not dumpable and have more capabilities than any of them. Their file is
 // sealed, and their memory is their own.
 
+#include "group.hpp"
 #include "helper.hpp"
 #include "init_program.hpp"
 #include "keeper_mask.hpp"
@@ -425,7 +426,8 @@ void init_run(char** argv, char** envp)
     const Rules rules;
     if (rules->placed != 0)
         wait_for_group();
-    prepare_on_host(rules);
+    enter_groups(rules);
+    set_out_of_memory_score(rules);
     choose_labels_on_host(rules);
     // After entering the control group, which becomes the root of the cgroup namespace.
     if (rules->created != 0)
@@ -468,7 +470,8 @@ void entrant_run(char** argv, char** envp)
     Program program;
     program_read(argv, envp, program);
     const Rules rules;
-    prepare_on_host(rules);
+    enter_groups(rules);
+    set_out_of_memory_score(rules);
     choose_labels_on_host(rules);
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
     // As in the spawner: the new process is in the PID namespace and a child of the caller.

@@ -54,9 +54,9 @@ struct Identity {
 // has the capabilities of the bounding set if it is root, else none.
 void choose_identity(const Rules& rules, const char* text, Identity& user);
 
-// Steps that need the host's files, done before joining the container: entering the control group,
-// which the program inherits, and setting the out-of-memory score.
-void prepare_on_host(const Rules& rules);
+// Sets the score for when memory is exhausted, which the program inherits. Needs the host's procfs,
+// so this must be done before joining the container.
+void set_out_of_memory_score(const Rules& rules);
 
 // Chooses the security labels that the program will have. `proc` is the host's procfs: that of the
 // container may be covered. EACCES: the label does not exist or must not be assigned.
@@ -69,6 +69,12 @@ void default_signals();
 
 // The host's id of a user of the container; -1 if it has none.
 long host_user(const Rules& rules, std::uint32_t uid);
+
+// Writes to an existing file. Returns a negative error number on failure.
+long write_text(int directory, const char* path, const char* text);
+
+// The text that follows `text` in a list of texts.
+const char* text_after(const char* text);
 
 // Makes `path`, resolved inside the directory `root`, the working directory. 0 or a negative error
 // number.

@@ -4,6 +4,7 @@
 // Between joining and executing the program, no process in the container can inspect these
 // processes: they are not dumpable and have more capabilities than any container process.
 
+#include "group.hpp"
 #include "helper.hpp"
 #include "program.hpp"
 #include "sys.hpp"
@@ -291,15 +292,9 @@ void chown_streams(const Rules& rules, const Identity& user)
     const long owner = host_user(rules, user.uid);
     if (owner <= 0)
         return;
-    for (int stream = 0; stream <= 2; stream++) {
-        struct { // statfs
-            long type;
-            long rest[31];
-        } fs = {};
-        if ((terminal && stream == 0) ||
-            (sys::call(__NR_fstatfs, stream, sys::arg(&fs)) == 0 && fs.type == kPipes))
+    for (int stream = 0; stream <= 2; stream++)
+        if ((terminal && stream == 0) || sys::file_system_type(stream) == kPipes)
             sys::call(__NR_fchown, stream, owner, -1);
-    }
 }
 
 // Executes the program; if it does not exist and its name has no "/", looks for it in the PATH of
@@ -352,7 +347,8 @@ void enter_user_namespace(const Rules& rules)
     check(sys::call(__NR_prctl, PR_SET_DUMPABLE, 0));
 }
 
-// Returns a negative error number on failure.
+} // namespace
+
 long write_text(int directory, const char* path, const char* text)
 {
     const sys::Fd file(sys::call(__NR_openat, directory, sys::arg(path), O_WRONLY | O_CLOEXEC));
@@ -361,19 +357,17 @@ long write_text(int directory, const char* path, const char* text)
                : -file.error();
 }
 
-const char* after(const char* text)
+const char* text_after(const char* text)
 {
     return text + strlen(text) + 1;
 }
-
-} // namespace
 
 void choose_labels(const Rules& rules, int proc)
 {
     constexpr char kAttributes[] = "self/attr/";
     const char* text = rules.entries();
     for (unsigned i = 0; i < rules->entries; i++)
-        text = after(text);
+        text = text_after(text);
     for (unsigned i = 0; i < rules->labels; i++) {
         char path[64];
         const std::size_t len = strlen(text) + 1;
@@ -381,10 +375,10 @@ void choose_labels(const Rules& rules, int proc)
             fail(-EINVAL);
         memcpy(path, kAttributes, sizeof kAttributes);
         memcpy(path + sizeof kAttributes - 1, text, len);
-        text = after(text);
+        text = text_after(text);
         if (write_text(proc, path, text) < 0)
             fail(-EACCES);
-        text = after(text);
+        text = text_after(text);
     }
 }
 
@@ -392,6 +386,10 @@ namespace {
 
 [[noreturn]] void become_program(const Rules& rules, int proc, char** argv, char** envp)
 {
+    // The cgroup namespace is rooted at the program's control group. In the keeper's cgroup
+    // namespace, the program's cgroup path would lead through the host's groups.
+    if (rules->ownControlGroup != 0)
+        check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     const long nice = number(argv[1]);
     const long stack = number(argv[2]);
     const char* directory = argv[3];
@@ -421,35 +419,25 @@ namespace {
     fail(execute(program, argv + wire::kSpawnerFixedArgs, envp));
 }
 
-// ENOENT and ENODEV: the control group is gone, and with it the namespace.
-void write_on_host(const char* path, const char* text)
-{
-    const long result = write_text(AT_FDCWD, path, text);
-    check(result == -ENOENT || result == -ENODEV ? -ESRCH : result);
-}
-
 } // namespace
 
-void prepare_on_host(const Rules& rules)
+void set_out_of_memory_score(const Rules& rules)
 {
-    const char* entry = rules.entries();
-    for (unsigned i = 0; i < rules->entries; i++, entry = after(entry))
-        write_on_host(entry, "0");
-    if (rules->oomScore != wire::kNoOomScore) {
-        char text[16];
-        std::size_t at = sizeof text - 1;
-        text[at] = '\0';
-        const bool negative = rules->oomScore < 0;
-        auto left = static_cast<unsigned>(negative ? -rules->oomScore : rules->oomScore);
-        do
-            text[--at] = static_cast<char>('0' + left % 10);
-        while ((left /= 10) != 0);
-        if (negative)
-            text[--at] = '-';
-        const long written = write_text(AT_FDCWD, "/proc/self/oom_score_adj", text + at);
-        // Only root of the host may lower the score; others keep that of the caller.
-        check(written == -EACCES && rules->keepScore != 0 ? 0 : written);
-    }
+    if (rules->oomScore == wire::kNoOomScore)
+        return;
+    char text[16];
+    std::size_t at = sizeof text - 1;
+    text[at] = '\0';
+    const bool negative = rules->oomScore < 0;
+    auto left = static_cast<unsigned>(negative ? -rules->oomScore : rules->oomScore);
+    do
+        text[--at] = static_cast<char>('0' + left % 10);
+    while ((left /= 10) != 0);
+    if (negative)
+        text[--at] = '-';
+    const long written = write_text(AT_FDCWD, "/proc/self/oom_score_adj", text + at);
+    // Only root of the host may lower the score; others keep that of the caller.
+    check(written == -EACCES && rules->keepScore != 0 ? 0 : written);
 }
 
 void spawner_run(char** argv, char** envp)
@@ -460,21 +448,18 @@ void spawner_run(char** argv, char** envp)
     check(-reset_scheduling());
     check(-reset_memory());
     const Rules rules;
-    prepare_on_host(rules);
+    set_out_of_memory_score(rules);
+    const ProgramGroups groups(rules);
     const sys::Fd proc(rules->labels != 0 ? sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"),
                                                       O_PATH | O_DIRECTORY | O_CLOEXEC)
                                           : -EBADF);
-    // The cgroup namespace is rooted at the program's control group. In the keeper's cgroup
-    // namespace, the program's cgroup path would lead through the host's groups.
-    if (rules->ownControlGroup != 0)
-        check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     check(sys::call(__NR_setns, wire::kSpawnerNamespace, static_cast<long>(rules->namespaces)));
     if (rules->ownNetwork != 0)
         check(-loopback_up());
     // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
     // the caller, which can wait for it; it has this process's exit signal. CLONE_VFORK suspends
     // this process until the new one has executed the program or has ended.
-    const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
+    const long pid = groups.create_process(CLONE_PARENT | CLONE_VFORK);
     if (pid == 0)
         become_program(rules, proc.get(), argv, envp);
     check(pid);

@@ -74,6 +74,17 @@ template <class T> inline long arg(T* p)
     return static_cast<long>(reinterpret_cast<std::uintptr_t>(p));
 }
 
+// The magic number of the file system of an open file, or a negative error number.
+inline long file_system_type(int fd)
+{
+    struct { // statfs
+        long type;
+        long rest[31];
+    } fs = {};
+    const long result = call(__NR_fstatfs, fd, arg(&fs));
+    return result < 0 ? result : fs.type;
+}
+
 // A seccomp filter may deny exit_group; the trap instruction then ends the process.
 [[noreturn]] inline void exit_group(int code)
 {

@@ -121,6 +121,7 @@ struct Resources {
     Text cpus; // cpuset lists; null: not given
     Text mems;
     std::optional<std::int64_t> pidsLimit;
+    bool pidsLimitIsDefault = false;       // not applied where the machine cannot enforce it
     std::optional<std::uint32_t> ioWeight; // 10 to 1000
     List<DeviceRate> readBps;
     List<DeviceRate> writeBps;

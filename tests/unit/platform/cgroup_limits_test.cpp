@@ -284,6 +284,19 @@ TEST_F(CgroupLimits, LimitWithoutControllerIsRefusedByItsNameButUnlimitedIsNot)
     EXPECT_EQ(zn::cgroup_limit(none, path_.c_str(), unlimited, &field_), 0) << field();
 }
 
+TEST_F(CgroupLimits, TheDefaultLimitOfProcessesIsLeftOutWithoutItsController)
+{
+    zn::Hierarchies none;
+    ASSERT_EQ(zn::hierarchies_add(none, in_.all[0].point.get(), false,
+                                  1U << static_cast<unsigned>(Controller::kFreezer)),
+              0);
+    Resources pids;
+    pids.pidsLimit = 5;
+    EXPECT_EQ(zn::cgroup_limit(none, path_.c_str(), pids, &field_), ENOTSUP);
+    pids.pidsLimitIsDefault = true;
+    EXPECT_EQ(zn::cgroup_limit(none, path_.c_str(), pids, &field_), 0) << field();
+}
+
 TEST_F(CgroupLimits, ProcessesBeyondTheLimitAreNotForked)
 {
     if (!has("pids.max", ""))

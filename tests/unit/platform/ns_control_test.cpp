@@ -75,6 +75,22 @@ TEST_F(Control, FrozenProgramsStopAndGoOnWhenThawed)
     wait(program);
 }
 
+// With cgroup v2 the program is created in its group. A spawner that entered the group itself would
+// be one process more than the limit.
+TEST_F(Control, ALimitOfOneProcessIsEnoughForTheProgram)
+{
+    if (zn::cgroup_version() != zn::CgroupVersion::kV2)
+        GTEST_SKIP() << "processes can be created in groups of cgroup v2 only";
+    const nsid_t ns = rooted();
+    std::array<char, 200> reason = {};
+    ASSERT_EQ(znnsLimitsSet(ns, R"({"pids":{"limit":1}})", reason.data(), reason.size()), OK)
+        << reason.data();
+    const pid_t program = start(ns, "exec sleep 1000");
+    ASSERT_GT(program, 0) << std::strerror(errno);
+    EXPECT_EQ(znnsDelete(ns), OK);
+    wait(program);
+}
+
 TEST_F(Control, NoProgramIsStartedInAFrozenNamespace)
 {
     const nsid_t ns = rooted();

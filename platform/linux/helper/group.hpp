@@ -1,0 +1,34 @@
+// group.hpp - puts a new process into its container's control groups. Moving a running process
+// makes the kernel wait for all processors (an RCU grace period, several milliseconds on a busy
+// machine). A process that is created in its group (clone3, since Linux 5.7; cgroup v2 only) need
+// not wait. It is not created there by the caller of the spawner: as long as it shares that
+// caller's memory, a container that runs out of memory could have the caller killed.
+#ifndef ZN_HELPER_GROUP_HPP
+#define ZN_HELPER_GROUP_HPP
+
+#include "program.hpp"
+#include "sys.hpp"
+
+namespace zn {
+
+// Moves this process into all groups of the rules.
+void enter_groups(const Rules& rules);
+
+// The groups of a process that this one is going to create.
+class ProgramGroups {
+  public:
+    // Needs the host's files. Opens the group of the v2 hierarchy; enters the others, which the new
+    // process inherits.
+    explicit ProgramGroups(const Rules& rules);
+
+    // Creates a process as clone() does, with these flags, in the groups. Returns the kernel's
+    // result.
+    [[nodiscard]] long create_process(unsigned long flags) const;
+
+  private:
+    sys::Fd v2_; // a directory; invalid: all groups have been entered
+};
+
+} // namespace zn
+
+#endif
