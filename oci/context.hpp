@@ -50,6 +50,7 @@ int run_ps(const Context& context, const Arguments& args);
 int run_events(const Context& context, const Arguments& args);
 int run_list(const Context& context, const Arguments& args);
 int run_features(const Context& context, const Arguments& args);
+int run_spec(const Context& context, const Arguments& args);
 
 } // namespace zncrun
 

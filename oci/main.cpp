@@ -93,6 +93,8 @@ constexpr Option kUpdate[] = {
 constexpr Option kFormat[] = {{'f', "format", "FORMAT", "json or table"}};
 constexpr Option kList[] = {{'f', "format", "FORMAT", "json or table"},
                             {'q', "quiet", nullptr, "ids only"}};
+constexpr Option kSpec[] = {
+    {'b', "bundle", "DIR", "directory of the file (default: the working directory)"}};
 constexpr Option kEvents[] = {{0, "stats", nullptr, "print the statistics once"}};
 
 constexpr zncctl::Command describe(const char* name, const char* arguments, const char* help,
@@ -129,6 +131,7 @@ constexpr Entry kCommands[] = {
      run_ps},
     {describe("events", "ID", "print what a container uses", kEvents, 1, 1), run_events},
     {describe("list", "", "list containers", kList, 0, 0), run_list},
+    {describe("spec", "", "write a configuration to start from", kSpec, 0, 0), run_spec},
     {describe("features", "", "print what is supported", {}, 0, 0), run_features},
 };
 

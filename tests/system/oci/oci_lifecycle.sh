@@ -27,6 +27,17 @@ done
 run zncrun features
 check 'features is JSON' jq -e '.linux.cgroup.v1 and (.linux.namespaces | index("pid"))' "$work/out"
 
+# A configuration to start from.
+make_root "$work/new/rootfs"
+run zncrun spec --bundle "$work/new"
+expect 'spec writes a configuration' 0 ''
+change new '.process.terminal = false'
+program new sh -c 'echo $$; touch /x 2>/dev/null || echo read-only'
+run zncrun run --bundle "$work/new" "$me-new"
+expect 'its container has processes of its own and a read-only root' 0 $'1\nread-only'
+run zncrun spec --bundle "$work/new"
+refused 'spec does not replace a configuration' 'File exists'
+
 # The program starts when it is told to.
 make_bundle web sh -c "$loop"
 mkfifo "$work/stdout"
