@@ -178,29 +178,15 @@ int preserved_descriptors(const Arguments& args)
     return all;
 }
 
-znc::UniqueFd connect_console(const Arguments& args, bool terminal)
-{
-    const char* path = args.value("console-socket");
-    if (terminal && path == nullptr)
-        throw Failure("cannot allocate tty without setting console socket");
-    if (!terminal && path != nullptr)
-        throw Failure("cannot use console socket without a terminal (process.terminal)");
-    if (!terminal)
-        return {};
-    znc::UniqueFd console(znEngineConnect(path));
-    if (!console)
-        throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
-    return console;
-}
-
-Container create_container(const Context& context, const Arguments& args)
+Container create_container(const Context& context, const Arguments& args,
+                           std::optional<Console>& console, Console::Place place)
 {
     const int descriptors = preserved_descriptors(args);
     const char* pidFile = pid_file_of(args);
     Bundle bundle(args.value("bundle", ""), args.value("config", ""));
     for (const std::string& name : bundle.unknown_capabilities())
         log_line(context, "warning", "unknown capability " + name + " is not granted");
-    const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
+    console.emplace(args, bundle.process(), place);
     Container container;
     container.id = args.operand(0);
     container.bundle = bundle.directory();
@@ -216,8 +202,9 @@ Container create_container(const Context& context, const Arguments& args)
     directory.write_config(bundle.document());
     offer_ready_socket(bundle, directory);
     ZN_ENGINE_PLAN plan =
-        bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
+        bundle.plan(container.group, directory.get(), console->socket(), descriptors);
     plan.mark = container.mark.c_str();
+    console->set_size(plan.program);
     plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
     CreationHooks hooks(bundle, directory, container);
     if (hooks.any()) {

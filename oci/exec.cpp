@@ -119,8 +119,11 @@ int run_exec(const Context& context, const Arguments& args)
         json["terminal"] = true;
     Process process = Process::read(json);
     process.complete_environment(json, container.rootfs);
-    const znc::UniqueFd console = connect_console(args, process.terminal);
-    const ZN_ENGINE_PROGRAM program = process.program(console ? console.get() : -1, descriptors);
+    const bool isDetached = args.has("detach");
+    Console console(args, process,
+                    isDetached ? Console::Place::kDetached : Console::Place::kForeground);
+    ZN_ENGINE_PROGRAM program = process.program(console.socket(), descriptors);
+    console.set_size(program);
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     ZN_ENGINE_PROCESS started = {};
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
@@ -135,7 +138,7 @@ int run_exec(const Context& context, const Arguments& args)
         znEngineProcessSignal(&started, SIGKILL);
         throw;
     }
-    return args.has("detach") ? 0 : wait_in_foreground(started, signals);
+    return isDetached ? 0 : wait_in_foreground(started, signals, console);
 }
 
 } // namespace zncrun

@@ -66,8 +66,7 @@ constexpr char kTemplate[] = R"({
             { "type": "network" },
             { "type": "ipc" },
             { "type": "uts" },
-            { "type": "mount" },
-            { "type": "cgroup" }
+            { "type": "mount" }
         ],
         "maskedPaths": [
             "/proc/acpi", "/proc/asound", "/proc/dynamic_debug", "/proc/interrupts", "/proc/kcore",

@@ -111,7 +111,55 @@ run timeout 60 python3 "$work/terminal.py" "$work/socket2" "$ZNCRUN" --root "$wo
     --bundle "$work/tty" --console-socket "$work/socket2" "$me-tty"
 expect 'a container with a terminal' 0 $'/dev/pts/0\n30 90\nc\ncontrolling'
 run zncrun create --bundle "$work/tty" "$me-tty"
-refused 'a terminal needs a socket' 'console socket'
+refused 'a terminal of a container in the background needs a socket' 'console socket'
+run zncrun run --detach --bundle "$work/tty" "$me-tty"
+refused 'a terminal of a detached container needs a socket' 'console socket'
+run zncrun exec --tty --detach "$me-web" tty
+refused 'a terminal of a detached program needs a socket' 'console socket'
+
+# A program in the foreground is connected with the terminal of the caller.
+cat >"$work/screen.py" <<'P'
+import fcntl, os, pty, signal, struct, sys, termios
+def resize(fd, rows, columns):
+    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+pid, screen = pty.fork()
+if pid == 0:
+    os.read(0, 1)  # when the size is set
+    os.execv(sys.argv[1], sys.argv[1:])
+signal.alarm(60)
+resize(screen, 40, 100)
+os.write(screen, b"\n")
+seen = b""
+typed = resized = False
+while True:
+    try:
+        got = os.read(screen, 4096)
+    except OSError:
+        break
+    seen += got
+    if b"type" in seen and not typed:
+        typed = True
+        os.write(screen, b"words\r")
+    if b"resize" in seen and not resized:
+        resized = True
+        resize(screen, 50, 120)
+_, status = os.waitpid(pid, 0)
+sys.stdout.write(seen.decode().replace("\r", "").lstrip("\n"))
+sys.exit(os.waitstatus_to_exitcode(status))
+P
+program tty sh -c 'stty size; stty -echo; echo type; read -r x; echo "got $x"
+    trap "stty size; exit 6" WINCH; echo resize; while :; do sleep 0.05; done'
+change tty 'del(.process.consoleSize)'
+run timeout 60 python3 "$work/screen.py" "$ZNCRUN" --root "$work/state" run --bundle "$work/tty" "$me-tty"
+expect 'run passes on input, output, sizes and the exit status' 6 $'40 100\ntype\ngot words\nresize\n50 120'
+run timeout 60 python3 "$work/screen.py" "$ZNCRUN" --root "$work/state" exec --tty "$me-web" \
+    sh -c 'stty size; stty -echo; echo type; read -r x; echo "got $x"; exit 7'
+expect 'so does exec' 7 $'40 100\ntype\ngot words'
+run zncrun exec --tty "$me-web" sh -c 'tty; read -r x || echo end'
+check 'without a terminal of the caller, the program has one and sees the end of the input' \
+    test "$status/${out//$'\r'/}" = $'0//dev/pts/0\nend'
+program tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
+change tty '.process.consoleSize = {height: 30, width: 90}'
 chown -R 100000:100000 "$work/tty/rootfs"
 change tty '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 500}]
     | .linux.gidMappings = .linux.uidMappings | .process.args[2] += "; stat -c %u /dev/pts/0"'
