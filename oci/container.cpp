@@ -93,7 +93,7 @@ class CreationHooks {
         begun_ = true;
         container_.process = process;
         directory_.write(container_);
-        const HookPlace inside = {process, container_.group, nullptr};
+        const HookPlace inside = {process, container_.group, nullptr, container_.rootfs.c_str()};
         for (const char* kind : kCreationHooks)
             run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreating),
                       OnFailure::kFail, kind == kCreationHooks[2] ? &inside : nullptr);
@@ -113,7 +113,7 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
     if (!has_hooks(config, "startContainer"))
         return;
     const std::string document = zncctl::compact(config);
-    const HookPlace inside = {container.process, container.group, document.c_str()};
+    const HookPlace inside = {container.process, container.group, document.c_str(), "/"};
     try {
         run_hooks(config, "startContainer", state_text(container, Status::kCreated),
                   OnFailure::kFail, &inside);

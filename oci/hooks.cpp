@@ -158,7 +158,7 @@ pid_t spawn_outside(const Hook& hook, const std::string& state)
 pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& place)
 {
     ZN_ENGINE_PROGRAM program = {};
-    program.cwd = "/";
+    program.cwd = place.cwd;
     program.file = hook.path.c_str();
     program.argv = hook.args.get();
     program.envp = hook.env.size() != 0 || place.document != nullptr ? hook.env.get() : environ;
@@ -219,7 +219,7 @@ void run_hooks(const Json& config, const char* kind, const std::string& state, O
         } catch (const Failure& failure) {
             if (reaction == OnFailure::kFail)
                 throw Failure(
-                    fmt::format("error running {} hook {}: {}", kind, hook.path, failure.what()));
+                    fmt::format("error running hook {} ({}): {}", hook.path, kind, failure.what()));
         }
     });
 }

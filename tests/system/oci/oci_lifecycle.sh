@@ -218,7 +218,7 @@ check 'hooks run in their order' test "$(grep -o 'pre\|post$\|stop' "$work/hooks
 check 'the hooks read the state' grep -q "\"id\":\"$me-web\"" "$work/hooks"
 change web '.hooks = {prestart: [{path: "/bin/false"}]}'
 run zncrun create --bundle "$work/web" "$me-web"
-refused 'a prestart hook that fails' 'prestart hook /bin/false'
+refused 'a prestart hook that fails' 'error running hook /bin/false (prestart)'
 change web '.hooks = {prestart: [{path: "/bin/sleep", args: ["sleep", "100"], timeout: 1}]}'
 run zncrun create --bundle "$work/web" "$me-web"
 refused 'a hook that takes too long' 'longer than 1 seconds'
