@@ -103,6 +103,7 @@ pack_tree() {
 
 make_busybox() {
     busybox_tree "$work/busybox.tmp"
+    rmdir "$work/busybox.tmp"/{proc,sys} # runc's cases make links there
     pack_tree "$work/busybox.tmp" "$1"
 }
 
@@ -153,9 +154,8 @@ inside() {
     mount_groups
     mount -t tmpfs -o mode=755 tmpfs /run
     export TMPDIR=$3 BATS_TMPDIR=$3
-    mkdir -p /run/lock "$work/containers" "$TMPDIR"
-    mkdir -p /var/lib/containers
-    mount --bind "$work/containers" /var/lib/containers
+    mkdir -p /run/lock "$TMPDIR/containers" /var/lib/containers
+    mount --bind "$TMPDIR/containers" /var/lib/containers
     ip link set lo up
     echo 20000 >/proc/sys/kernel/ns_last_pid # one of crun's cases wants a process id of five digits
     "run_$1" "$2"
@@ -280,7 +280,6 @@ run_podman() {
     export CONTAINERS_CONF=$work/containers.conf
     PODMAN="podman --runtime $(program_of "$1")"
     export PODMAN
-    rm -rf "$work/containers"/*
     podman import --change 'ENV PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin' \
         --change 'WORKDIR /home/podman' --change 'LABEL created_by=test/system/build-testimage' \
         --change 'LABEL created_at=2022-06-15T00:00:00Z' \
