@@ -36,6 +36,8 @@ refused 'a createContainer hook that fails' 'error running hook /bin/sh (createC
 check 'poststop hooks run then' test -e "$work/stopped"
 given ".hooks.createContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
 refused 'a createContainer hook that takes too long' 'longer than 1 seconds'
+given ".hooks.createContainer = [$(hook 'kill -SYS $$')]" true
+refused 'a hook that a signal ends' 'error running hook /bin/sh (createContainer): signal: bad system call'
 given '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
 refused 'a createContainer hook that does not exist' '/bin/nosuch'
 given '.hooks.createContainer = [{path: "bin/true"}]' true
