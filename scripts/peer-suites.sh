@@ -162,12 +162,15 @@ inside() {
     thaw
 }
 
-# remove_groups GROUP: in all hierarchies, with those below.
+# remove_groups GROUP: in all hierarchies, with those below. They are in use until the last process has ended.
 remove_groups() {
-    local controller
+    local controller top end=$((SECONDS + 10))
     for controller in "${controllers[@]}"; do
-        [[ ! -d /sys/fs/cgroup/$controller/$1 ]] ||
-            find "/sys/fs/cgroup/$controller/$1" -depth -type d -exec rmdir {} + || :
+        top=/sys/fs/cgroup/$controller/$1
+        while [[ -d $top ]] && ! find "$top" -depth -type d -exec rmdir {} + 2>/dev/null; do
+            [[ $SECONDS -lt $end ]] || fail "the control group $top is left"
+            sleep 0.1
+        done
     done
 }
 
@@ -179,7 +182,6 @@ sandboxed() {
     for file in cpuset.cpus cpuset.mems; do
         cat "/sys/fs/cgroup/cpuset/$file" >"/sys/fs/cgroup/cpuset/$group/$file"
     done
-    echo 1 >"/sys/fs/cgroup/memory/$group/memory.use_hierarchy" 2>/dev/null || :
     (
         for controller in "${controllers[@]}"; do
             echo "$BASHPID" >"/sys/fs/cgroup/$controller/$group/cgroup.procs"
@@ -209,8 +211,8 @@ keep() {
     fi
     mkdir -p "$work/results/$1"
     cat >"$work/results/$1/$2.log"
-    grep -aE '^(not )?ok ' "$work/results/$1/$2.log" | tr -d '\r' >"$work/results/$1/$2.tap" || :
-    printf '%s %s: %s of %s\n' "$1" "$2" "$(grep -c '^ok' "$work/results/$1/$2.tap")" \
+    tr -d '\r' <"$work/results/$1/$2.log" | sed -nE '/^(not )?ok /p' >"$work/results/$1/$2.tap"
+    printf '%s %s: %s of %s\n' "$1" "$2" "$(sed -n '/^ok/p' "$work/results/$1/$2.tap" | wc -l)" \
         "$(wc -l <"$work/results/$1/$2.tap")"
 }
 
