@@ -94,7 +94,7 @@ class CreationHooks {
         begun_ = true;
         container_.process = process;
         directory_.write(container_);
-        const HookPlace inside = {process, container_.group, nullptr};
+        const HookPlace inside = {process, container_.group, nullptr, container_.rootfs.c_str()};
         for (const char* kind : kCreationHooks)
             run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreating),
                       OnFailure::kFail, kind == kCreationHooks[2] ? &inside : nullptr);
@@ -114,7 +114,7 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
     if (!has_hooks(config, "startContainer"))
         return;
     const std::string document = zncctl::compact(config);
-    const HookPlace inside = {container.process, container.group, document.c_str()};
+    const HookPlace inside = {container.process, container.group, document.c_str(), "/"};
     try {
         run_hooks(config, "startContainer", state_text(container, Status::kCreated),
                   OnFailure::kFail, &inside);
@@ -179,21 +179,6 @@ int preserved_descriptors(const Arguments& args)
     return all;
 }
 
-znc::UniqueFd connect_console(const Arguments& args, bool terminal)
-{
-    const char* path = args.value("console-socket");
-    if (terminal && path == nullptr)
-        throw Failure("cannot allocate tty without setting console socket");
-    if (!terminal && path != nullptr)
-        throw Failure("cannot use console socket without a terminal (process.terminal)");
-    if (!terminal)
-        return {};
-    znc::UniqueFd console(znEngineConnect(path));
-    if (!console)
-        throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
-    return console;
-}
-
 // The control group that the container gets without systemd; "" if it gets none. Where this process
 // may not create groups, root of a user namespace has containers without; a configuration that
 // limits them is refused when they are created.
@@ -222,14 +207,15 @@ void choose_group(const Context& context, const Bundle& bundle, Container& conta
     container.scope = scope->unit();
 }
 
-Container create_container(const Context& context, const Arguments& args)
+Container create_container(const Context& context, const Arguments& args,
+                           std::optional<Console>& console, Console::Place place)
 {
     const int descriptors = preserved_descriptors(args);
     const char* pidFile = pid_file_of(args);
     Bundle bundle(args.value("bundle", ""), args.value("config", ""));
     for (const std::string& name : bundle.unknown_capabilities())
         log_line(context, "warning", "unknown capability " + name + " is not granted");
-    const znc::UniqueFd console = connect_console(args, bundle.process().terminal);
+    console.emplace(args, bundle.process(), place);
     Container container;
     container.id = args.operand(0);
     container.bundle = bundle.directory();
@@ -245,8 +231,9 @@ Container create_container(const Context& context, const Arguments& args)
     directory.write_config(bundle.document());
     offer_ready_socket(bundle, directory);
     ZN_ENGINE_PLAN plan =
-        bundle.plan(container.group, directory.get(), console ? console.get() : -1, descriptors);
+        bundle.plan(container.group, directory.get(), console->socket(), descriptors);
     plan.mark = container.mark.c_str();
+    console->set_size(plan.program);
     plan.program.keepKeyring = args.has("no-new-keyring") ? TRUE : FALSE;
     if (scope)
         scope->add_to(plan);

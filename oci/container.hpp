@@ -3,14 +3,18 @@
 #define ZNC_OCI_CONTAINER_HPP
 
 #include "bundle.hpp"
+#include "console.hpp"
 #include "ready.hpp"
 
 #include <csignal>
+#include <optional>
 
 namespace zncrun {
 
-// Creates the container that `args` describe (create, run): the id is the first operand.
-Container create_container(const Context& context, const Arguments& args);
+// Creates the container that `args` describe (create, run): the id is the first operand. `console`
+// becomes its terminal.
+Container create_container(const Context& context, const Arguments& args,
+                           std::optional<Console>& console, Console::Place place);
 
 struct Started {
     ZN_ENGINE_PROCESS process = {};
@@ -34,10 +38,6 @@ void write_pid_file(const char* path, pid_t pid);
 // How many descriptors from 3 up the program gets: those of --preserve-fds, and the sockets that a
 // service manager has opened for it (LISTEN_FDS).
 int preserved_descriptors(const Arguments& args);
-
-// Connects to the socket of --console-socket, which a terminal needs. Without a terminal, the
-// option is refused.
-znc::UniqueFd connect_console(const Arguments& args, bool terminal);
 
 } // namespace zncrun
 

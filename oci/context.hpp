@@ -20,6 +20,8 @@ inline constexpr char kDefaultRoot[] = "/run/zncrun";
 // That, or "zncrun" in XDG_RUNTIME_DIR if the caller is not root of the host.
 std::string default_root();
 
+inline constexpr int kExecFailed = 255; // exit status of exec if the program was not started
+
 // The options before the command.
 struct Context {
     std::string root = default_root(); // of the state directories
@@ -51,6 +53,7 @@ int run_ps(const Context& context, const Arguments& args);
 int run_events(const Context& context, const Arguments& args);
 int run_list(const Context& context, const Arguments& args);
 int run_features(const Context& context, const Arguments& args);
+int run_spec(const Context& context, const Arguments& args);
 
 } // namespace zncrun
 

@@ -6,15 +6,29 @@
 #include "signals.hpp"
 
 #include <array>
+#include <fcntl.h>
+#include <optional>
+#include <poll.h>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 
 namespace zncrun {
 namespace {
 
+// A pipe (/dev/fd/N) is read to its end.
+std::optional<std::string> read_process(const char* path)
+{
+    struct stat st = {};
+    if (::stat(path, &st) != 0 || !S_ISFIFO(st.st_mode))
+        return zncctl::read_file(path);
+    const znc::UniqueFd pipe(::open(path, O_RDONLY | O_CLOEXEC));
+    return pipe ? std::optional(zncctl::read_to_end(pipe.get())) : std::nullopt;
+}
+
 Json parse_process(const char* path)
 {
-    const auto text = zncctl::read_file(path);
+    const auto text = read_process(path);
     if (!text)
         throw Failure(fmt::format("{}: {}", path, zncctl::error_text()));
     zncctl::JsonNotes notes;
@@ -96,6 +110,18 @@ std::string document_of(const Json& process, const Json& config)
     return zncctl::compact(document);
 }
 
+// A frozen process could not start a program.
+Status wait_if_paused(const StateDirectory& directory, const Container& container, bool patient)
+{
+    constexpr int kLookMs = 50; // v1 does not report that a group is thawed
+    Status status = directory.status(container);
+    while (patient && status == Status::kPaused) {
+        ::poll(nullptr, 0, kLookMs);
+        status = directory.status(container);
+    }
+    return status;
+}
+
 } // namespace
 
 int run_exec(const Context& context, const Arguments& args)
@@ -104,7 +130,7 @@ int run_exec(const Context& context, const Arguments& args)
     const char* pidFile = pid_file_of(args);
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);
     const Container container = directory.read();
-    const Status status = directory.status(container);
+    const Status status = wait_if_paused(directory, container, args.has("ignore-paused"));
     if (status == Status::kStopped || status == Status::kCreating)
         throw Failure("cannot exec in a stopped container: container not running");
     if (status == Status::kPaused)
@@ -120,8 +146,11 @@ int run_exec(const Context& context, const Arguments& args)
         json["terminal"] = true;
     Process process = Process::read(json);
     process.complete_environment(json, container.rootfs);
-    const znc::UniqueFd console = connect_console(args, process.terminal);
-    const ZN_ENGINE_PROGRAM program = process.program(console ? console.get() : -1, descriptors);
+    const bool isDetached = args.has("detach");
+    Console console(args, process,
+                    isDetached ? Console::Place::kDetached : Console::Place::kForeground);
+    ZN_ENGINE_PROGRAM program = process.program(console.socket(), descriptors);
+    console.set_size(program);
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     ZN_ENGINE_PROCESS started = {};
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
@@ -136,7 +165,7 @@ int run_exec(const Context& context, const Arguments& args)
         znEngineProcessSignal(&started, SIGKILL);
         throw;
     }
-    return args.has("detach") ? 0 : wait_in_foreground(started, signals);
+    return isDetached ? 0 : wait_in_foreground(started, signals, console);
 }
 
 } // namespace zncrun

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <limits>
@@ -158,7 +160,7 @@ pid_t spawn_outside(const Hook& hook, const std::string& state)
 pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& place)
 {
     ZN_ENGINE_PROGRAM program = {};
-    program.cwd = "/";
+    program.cwd = place.cwd;
     program.file = hook.path.c_str();
     program.argv = hook.args.get();
     program.envp = hook.env.size() != 0 || place.document != nullptr ? hook.env.get() : environ;
@@ -178,9 +180,13 @@ void run_hook(const Hook& hook, const std::string& state, const HookPlace* place
     const pid_t pid =
         place != nullptr ? spawn_inside(hook, state, *place) : spawn_outside(hook, state);
     const int status = wait_for(pid, hook.seconds, awaited);
+    if (WIFSIGNALED(status)) {
+        std::string signal = ::strsignal(WTERMSIG(status)); // in lower case, as engines know it
+        signal[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(signal[0])));
+        throw Failure("signal: " + signal);
+    }
     if (status != 0)
-        throw Failure(fmt::format("exit status {}", WIFEXITED(status) ? WEXITSTATUS(status)
-                                                                      : 128 + WTERMSIG(status)));
+        throw Failure(fmt::format("exit status {}", WEXITSTATUS(status)));
 }
 
 // Calls visit(hook) for each hook of the kind, in their order.
@@ -219,7 +225,7 @@ void run_hooks(const Json& config, const char* kind, const std::string& state, O
         } catch (const Failure& failure) {
             if (reaction == OnFailure::kFail)
                 throw Failure(
-                    fmt::format("error running {} hook {}: {}", kind, hook.path, failure.what()));
+                    fmt::format("error running hook {} ({}): {}", hook.path, kind, failure.what()));
         }
     });
 }

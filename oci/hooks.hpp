@@ -19,6 +19,8 @@ struct HookPlace {
     // Null: the hooks have the rights of the caller, and the mount namespace still shows the host's
     // tree.
     const char* document;
+    // The working directory: the root of the container, wherever it is mounted.
+    const char* cwd;
 };
 
 // Fails if a hook of the configuration is not as it must be.

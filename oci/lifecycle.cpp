@@ -13,6 +13,7 @@
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -34,11 +35,11 @@ std::optional<int> exit_status(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-void forward_one(int signals, const ZN_ENGINE_PROCESS& process)
+void forward_one(int signals, const ZN_ENGINE_PROCESS& process, const Console& console)
 {
     signalfd_siginfo info = {};
     if (::read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info) &&
-        info.ssi_signo != SIGCHLD)
+        info.ssi_signo != SIGCHLD && (info.ssi_signo != SIGWINCH || !console.copy_size()))
         znEngineProcessSignal(&process, static_cast<int>(info.ssi_signo));
 }
 
@@ -55,33 +56,39 @@ sigset_t block_forwarded_signals()
     return signals;
 }
 
-int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals,
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals, Console& console,
                        ReadySocket* ready)
 {
+    constexpr int kForegroundMs = 100; // no event says that this process is in the foreground again
     const znc::UniqueFd arrived(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!arrived)
         throw Failure("signals: " + zncctl::error_text());
+    console.connect();
     for (;;) {
         // It may have ended before its end was waited for.
         if (const auto status = exit_status(process.pid)) {
+            console.finish();
             if (ready != nullptr)
                 ready->receive(::getpid());
             return *status;
         }
-        pollfd events[2] = {{arrived.get(), POLLIN, 0},
-                            {ready != nullptr ? ready->get() : -1, POLLIN, 0}};
-        if (::poll(events, 2, -1) < 0)
+        std::vector<pollfd> events = {{arrived.get(), POLLIN, 0},
+                                      {ready != nullptr ? ready->get() : -1, POLLIN, 0}};
+        console.add_wanted(events);
+        if (::poll(events.data(), events.size(), console.in_background() ? kForegroundMs : -1) < 0)
             continue;
         if (events[0].revents != 0)
-            forward_one(arrived.get(), process);
+            forward_one(arrived.get(), process, console);
         if (events[1].revents != 0)
             ready->receive(::getpid()); // this process ends with the program's exit status
+        console.go(events.data() + 2);
     }
 }
 
 int run_create(const Context& context, const Arguments& args)
 {
-    create_container(context, args);
+    std::optional<Console> console;
+    create_container(context, args, console, Console::Place::kDetached);
     return 0;
 }
 
@@ -96,7 +103,10 @@ int run_run(const Context& context, const Arguments& args)
 {
     sigset_t signals;
     const bool isDetached = args.has("detach");
-    const Container container = create_container(context, args);
+    std::optional<Console> console;
+    const Container container =
+        create_container(context, args, console,
+                         isDetached ? Console::Place::kDetached : Console::Place::kForeground);
     Started started;
     try {
         started = start_container(context, container.id, isDetached ? nullptr : &signals);
@@ -109,7 +119,7 @@ int run_run(const Context& context, const Arguments& args)
         started.ready.wait(started.process);
         return 0;
     }
-    const int status = wait_in_foreground(started.process, signals, &started.ready);
+    const int status = wait_in_foreground(started.process, signals, *console, &started.ready);
     StateDirectory directory = StateDirectory::find(context, container.id, Lock::kExclusive);
     if (directory && !args.has("keep"))
         remove_container(context, directory);

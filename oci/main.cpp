@@ -62,6 +62,7 @@ constexpr Option kExec[] = {
     kConsole,
     {'t', "tty", nullptr, "give the program a terminal"},
     kPreserve,
+    {0, "ignore-paused", nullptr, "wait until a paused container continues"},
     {0, "cwd", "DIR", "the working directory"},
     {'e', "env", "NAME=VALUE", "an environment variable"},
     {'u', "user", "UID[:GID]", "the user"},
@@ -93,7 +94,11 @@ constexpr Option kUpdate[] = {
 constexpr Option kFormat[] = {{'f', "format", "FORMAT", "json or table"}};
 constexpr Option kList[] = {{'f', "format", "FORMAT", "json or table"},
                             {'q', "quiet", nullptr, "ids only"}};
-constexpr Option kEvents[] = {{0, "stats", nullptr, "print the statistics once"}};
+constexpr Option kSpec[] = {
+    {'b', "bundle", "DIR", "directory of the file (default: the working directory)"}};
+constexpr Option kEvents[] = {
+    {0, "stats", nullptr, "print the statistics once"},
+    {0, "interval", "TIME", "time between statistics, such as 5s or 100ms"}};
 
 constexpr zncctl::Command describe(const char* name, const char* arguments, const char* help,
                                    std::span<const Option> options, std::size_t least,
@@ -129,6 +134,7 @@ constexpr Entry kCommands[] = {
      run_ps},
     {describe("events", "ID", "print what a container uses", kEvents, 1, 1), run_events},
     {describe("list", "", "list containers", kList, 0, 0), run_list},
+    {describe("spec", "", "write a configuration to start from", kSpec, 0, 0), run_spec},
     {describe("features", "", "print what is supported", {}, 0, 0), run_features},
 };
 
@@ -293,6 +299,7 @@ int run_command(const Context& context, std::span<char* const> words)
 int main(int argc, char** argv)
 {
     zncrun::Context context;
+    int failed = 1;
     // With the caller's SIG_IGN, ends of children could not be waited for.
     std::signal(SIGCHLD, SIG_DFL);
     try {
@@ -305,11 +312,14 @@ int main(int argc, char** argv)
         if (options.help())
             return zncrun::print_help();
         zncrun::check_log(context);
+        // Engines tell a failed exec from a program that ended with 1.
+        if (!words.empty() && std::strcmp(words.front(), "exec") == 0)
+            failed = zncrun::kExecFailed;
         return zncrun::run_command(context, words);
     } catch (const std::exception& failure) {
         zncrun::log_line(context, "error", failure.what());
         static_cast<void>(
             znc::write_all(STDERR_FILENO, std::string("zncrun: ") + failure.what() + "\n"));
     }
-    return 1;
+    return failed;
 }

@@ -9,6 +9,7 @@
 
 namespace zncrun {
 
+class Console;
 class ReadySocket;
 
 // "15", "TERM", "SIGTERM", "RTMIN+3"; -1 for what is no signal.
@@ -19,8 +20,9 @@ int signal_number(std::string_view text);
 sigset_t block_forwarded_signals();
 
 // Waits for the program, a child, and forwards signals to it. Its exit status as a shell gives it.
-// `ready`: if given, passes on that the container is ready.
-int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals,
+// Connects its terminal, if that is not with the caller's console socket. `ready`: if given, passes
+// on that the container is ready.
+int wait_in_foreground(const ZN_ENGINE_PROCESS& process, const sigset_t& signals, Console& console,
                        ReadySocket* ready = nullptr);
 
 } // namespace zncrun

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] - installs the Debian packages needed
-# for building, packaging, tests, benchmarks, the demo or tests in a virtual machine; without
-# arguments, those for build, test and demo. Needs root only if packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] - installs the Debian packages needed
+# for building, packaging, tests, benchmarks, the demo, tests in a virtual machine or the suites of other
+# runtimes; without arguments, those for build, test and demo. Needs root only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev
@@ -18,6 +18,12 @@ bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools l
 compare=(busybox-static conmon containerd crun podman skopeo slirp4netns uidmap umoci)
 demo=(busybox-static mount passt tar umoci)
 vm=(busybox-static cpio debootstrap qemu-system-x86)
+suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc golang-dbus-dev golang-github-cilium-ebpf-dev
+    golang-github-containerd-console-dev golang-github-coreos-go-systemd-dev golang-github-cyphar-filepath-securejoin-dev
+    golang-github-docker-go-units-dev golang-github-moby-sys-dev golang-github-opencontainers-selinux-dev
+    golang-github-opencontainers-specs-dev golang-github-seccomp-libseccomp-golang-dev golang-github-sirupsen-logrus-dev
+    golang-github-urfave-cli-dev golang-go golang-golang-x-sys-dev iproute2 jq libseccomp-dev podman python3 runc util-linux
+    xz-utils)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
@@ -30,8 +36,9 @@ for group in "$@"; do
     compare) packages+=("${compare[@]}") ;;
     demo) packages+=("${demo[@]}") ;;
     vm) packages+=("${vm[@]}") ;;
+    suites) packages+=("${suites[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites]\n' >&2
         exit 64
         ;;
     esac

@@ -81,24 +81,6 @@ class LimitReader {
 
 } // namespace
 
-std::optional<std::int64_t> to_bytes(std::string_view text)
-{
-    constexpr std::string_view kUnits = "bkmgt";
-    constexpr std::string_view kUpperUnits = "BKMGT";
-    unsigned shift = 0;
-    if (!text.empty()) {
-        const std::size_t unit = std::min(kUnits.find(text.back()), kUpperUnits.find(text.back()));
-        if (unit != text.npos) {
-            shift = static_cast<unsigned>(unit) * 10;
-            text.remove_suffix(1);
-        }
-    }
-    const auto number = to_count(text);
-    if (!number || *number > (std::numeric_limits<std::int64_t>::max() >> shift))
-        return std::nullopt;
-    return *number << shift;
-}
-
 std::optional<std::int64_t> to_processors(std::string_view text)
 {
     constexpr std::size_t kWholeMax = 4;

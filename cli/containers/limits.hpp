@@ -5,6 +5,7 @@
 
 #include "front/command.hpp"
 #include "front/json.hpp"
+#include "front/sizes.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -12,10 +13,6 @@
 #include <string_view>
 
 namespace zncctl {
-
-// A number of bytes such as "64m": digits, then nothing, "b", "k", "m", "g" or "t" in either case,
-// for powers of 1024. Nullopt if it is none or does not fit into 63 bits.
-std::optional<std::int64_t> to_bytes(std::string_view text);
 
 // A number of processors such as "1.5", in millionths. Nullopt unless it is positive, has at most
 // six decimals and at most four digits before them.

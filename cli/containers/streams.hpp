@@ -5,8 +5,8 @@
 #ifndef ZNC_CLI_CONTAINERS_STREAMS_HPP
 #define ZNC_CLI_CONTAINERS_STREAMS_HPP
 
-#include "cli/terminal/pump.hpp"
 #include "cli/terminal/terminal.hpp"
+#include "front/pump.hpp"
 #include "program.hpp"
 
 #include <functional>

@@ -248,7 +248,7 @@ int unified_apply(const Hierarchies& hierarchies, const GroupPath& path, const R
     if (resources.unified.empty())
         return 0;
     if (hierarchies.version != CgroupVersion::kV2 || hierarchies.all.empty())
-        return named(ENOTSUP, "unified (needs control groups v2)", field);
+        return named(ENOTSUP, "unified (invalid configuration: needs control groups v2)", field);
     const znc::UniqueFd group = group_open(hierarchies.all[0], path);
     if (!group)
         return named(errno, "unified", field);

@@ -289,6 +289,11 @@ int Creation::run()
         error = restrict_paths(wire::Op::kReadOnly, wanted.readonlyPaths, "linux.readonlyPaths");
     if (error == 0)
         error = restrict_paths(wire::Op::kHide, wanted.maskedPaths, "linux.maskedPaths");
+    if (error == 0 && devReadOnly_) {
+        wire::Request request = request_of(wire::Op::kReadOnly);
+        request.value = wire::kReadOnlyMount;
+        error = reason_.say_errno(ask(request, {"/dev"}), "mounts: /dev: read-only");
+    }
     if (error == 0 && wanted.rootReadonly)
         error = reason_.say_errno(ask(request_of(wire::Op::kReadOnly), {"/"}), "root.readonly");
     if (error == 0 && user_)

@@ -93,6 +93,7 @@ class Creation {
     Reason& reason_;
     EngineSettings settings_;
     znc::UniqueFd root_;
+    bool devReadOnly_ = false;   // /dev becomes read-only when all is in it
     znc::UniqueFd pidNamespace_; // to be joined; invalid: none
     znc::UniqueFd report_;
     znc::UniqueFd control_; // a second descriptor of the socket, for keep()

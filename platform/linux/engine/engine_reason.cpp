@@ -78,6 +78,8 @@ int Reason::say_program(int error, wire::SpawnReport::Kind kind, const char* pro
         return say(error, "exec: \"%s\": executable file not found in $PATH", program);
     if (error == ENOENT)
         return say(error, "exec: \"%s\": stat %s: no such file or directory", program, program);
+    if (error == EISDIR) // engines look for the words of a file that cannot be executed
+        return say(error, "exec: \"%s\": permission denied: is a directory", program);
     if (error == ENOEXEC)
         return say(error, "exec %s: exec format error", program);
     return say(error, "exec: \"%s\": %s", program, message);

@@ -170,6 +170,35 @@ int Creation::choose_owners(const ZN_ENGINE_MOUNT& mount, EngineMount& wanted, U
     return reason_.say_errno(error, "mounts: %s: uidMappings, gidMappings", at);
 }
 
+namespace {
+
+// Whether a path is "/dev", however it is written: "//dev/.".
+bool is_dev(std::string_view path)
+{
+    bool found = false;
+    while (!path.empty()) {
+        const std::string_view name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(name.size() + 1, path.size()));
+        if (name.empty() || name == ".")
+            continue;
+        if (found || name != "dev")
+            return false;
+        found = true;
+    }
+    return found;
+}
+
+// Takes the attribute "read-only" away. Whether it was there.
+bool take_read_only(EngineMount& mount)
+{
+    const bool had = ((mount.plan.attrSet | mount.whole.attrSet) & MOUNT_ATTR_RDONLY) != 0;
+    mount.plan.attrSet &= ~std::uint64_t{MOUNT_ATTR_RDONLY};
+    mount.whole.attrSet &= ~std::uint64_t{MOUNT_ATTR_RDONLY};
+    return had;
+}
+
+} // namespace
+
 int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
 {
     EngineMount wanted;
@@ -177,6 +206,9 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
     int error = engine_mount_read(mount, wanted, &option);
     if (error != 0)
         return reason_.say(error, "mounts: %s: unknown option \"%s\"", mount.destination, option);
+    // Devices and mount points are still to be created in it.
+    if (!wanted.plan.bind && is_dev(mount.destination))
+        devReadOnly_ = take_read_only(wanted);
     UniqueFd owners;
     error = choose_owners(mount, wanted, owners);
     if (error != 0)
@@ -203,6 +235,9 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
     if (error == EPERM && rootless_ && wanted.plan.mapped)
         return reason_.say(error, "mounts: %s: only root of the host can map owners of this mount",
                            mount.destination);
+    if (error == ELOOP && engine_mount_is_inner(wanted.plan))
+        return reason_.say(error, "%s: %s must be mounted on ordinary directory", mount.destination,
+                           mount.type);
     return reason_.say_errno(error, "error mounting \"%s\" to rootfs at \"%s\"",
                              wanted.plan.bind ? source : mount.type, mount.destination);
 }
@@ -216,22 +251,6 @@ int Creation::mount_all()
 }
 
 namespace {
-
-// Whether a path is "/dev", however it is written: "//dev/.".
-bool is_dev(std::string_view path)
-{
-    bool found = false;
-    while (!path.empty()) {
-        const std::string_view name = path.substr(0, path.find('/'));
-        path.remove_prefix(std::min(name.size() + 1, path.size()));
-        if (name.empty() || name == ".")
-            continue;
-        if (found || name != "dev")
-            return false;
-        found = true;
-    }
-    return found;
-}
 
 // Whether the configuration binds a directory to /dev, which then provides all devices.
 bool binds_dev(const ZN_ENGINE_PLAN& plan)

@@ -96,6 +96,8 @@ int node_make(int directory, const char* name, const wire::Node& node); // repla
 int parameter_set(const char* path, const char* value);
 int path_hide(const char* path);
 int path_read_only(const char* path);
+// Makes the mount at a mount point read-only. 0 or an errno value.
+int mount_read_only(const char* path);
 
 // Returns an O_PATH descriptor of `path` as resolved inside the root, or a negative error number.
 // ".." and symbolic links do not lead above the root, and magic links are refused

@@ -216,7 +216,8 @@ int protect_all(const Incoming& in)
     int error = 0;
     const char* path = in.text;
     for (unsigned i = 0; i < in.request.textCount && error == 0; i++, path = next_text(path))
-        error = path_read_only(path);
+        error = (in.request.value & wire::kReadOnlyMount) != 0 ? mount_read_only(path)
+                                                               : path_read_only(path);
     return error;
 }
 

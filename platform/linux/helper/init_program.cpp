@@ -211,6 +211,11 @@ void program_become_unconfined(const Program& program)
     constexpr long kUmask = 022;
     sys::call(__NR_umask, kUmask);
     check(sys::call(__NR_setpgid, 0, 0));
+    const sys::Fd root(open_inside("/", O_DIRECTORY));
+    if (const long entered = directory_enter(root.get(), program.directory); entered < 0) {
+        program_report(wire::kSpawnerReport, wire::SpawnReport::Kind::kDirectory, entered);
+        sys::exit_group(127);
+    }
     const int report = give_descriptors(program.descriptors);
     default_signals();
     program_report(report, wire::SpawnReport::Kind::kProgram, 0);
@@ -228,7 +233,11 @@ int program_find(Program& program, std::uint64_t* what)
     if (!made.valid() || !directory.valid())
         return made.valid() ? directory.error() : made.error();
     *what = static_cast<std::uint64_t>(wire::SpawnReport::Kind::kProgram);
-    return find_program(program);
+    // A name such as "./program" is about the working directory.
+    const long entered = sys::call(__NR_fchdir, directory.get());
+    const int error = entered < 0 ? static_cast<int>(-entered) : find_program(program);
+    check(sys::call(__NR_chdir, sys::arg("/")));
+    return error;
 }
 
 // ---------------------------------------------------------------- terminal

@@ -172,6 +172,16 @@ int path_hide(const char* path)
     return error != 0 ? error : detached;
 }
 
+int mount_read_only(const char* path)
+{
+    mount_attr attr = {};
+    attr.attr_set = MOUNT_ATTR_RDONLY;
+    const sys::Fd target(open_inside(path, 0));
+    return target.valid() ? error_of(sys::call(__NR_mount_setattr, target.get(), sys::arg(""),
+                                               AT_EMPTY_PATH, sys::arg(&attr), sizeof attr))
+                          : target.error();
+}
+
 int path_read_only(const char* path)
 {
     mount_attr attr = {};

@@ -39,7 +39,7 @@ enum class Op : std::uint32_t {
                  // any: a detached mount of the node
     kSysctl,     // text: path below /proc/sys, value
     kHide,       // text: path to be covered
-    kReadOnly,   // text: path to be made read-only, "/" for the root itself
+    kReadOnly,   // text: path to be made read-only, "/" for the root itself; value: READ_ONLY_ bits
     kKill,       // value: host signal
     kInUse,      // answers 1 if another live process exists, else 0
     kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
@@ -62,6 +62,9 @@ inline constexpr std::size_t kTextMax = 12 * 1024;
 
 // kRoot: whether the parts of procfs and sysfs that are hidden by default stay visible.
 inline constexpr std::uint64_t kRootUnmasked = 1;
+
+// kReadOnly: the path is a mount point, and the mounts below it stay as they are.
+inline constexpr std::uint64_t kReadOnlyMount = 1;
 
 // A device node or FIFO to be created.
 struct Node {

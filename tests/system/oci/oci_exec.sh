@@ -16,14 +16,27 @@ expect 'options of exec' 0 'other /tmp'
 inside "$me-web" mkdir -p /twice/twice
 inside --cwd /twice "$me-web" pwd
 expect 'a working directory of exec that has one of the same path in it' 0 /twice
+printf '#!/bin/sh\necho found in "$PWD"\n' >"$work/web/rootfs/data/own"
+chmod 755 "$work/web/rootfs/data/own"
+inside --cwd /data "$me-web" ./own
+expect 'a program name with a "/" is about the working directory' 0 'found in /data'
+inside "$me-web" ./own
+exec_refused 'also if it is not there' 'exec: "./own": stat ./own: no such file'
+inside "$me-web" /etc
+exec_refused 'a directory is no program' 'exec: "/etc": permission denied'
+make_bundle relative ./own
+cp "$work/web/rootfs/data/own" "$work/relative/rootfs/data/own"
+change relative '.process.cwd = "/data"'
+run zncrun run --bundle "$work/relative" "$me-relative"
+expect 'the program of a container, too' 0 'found in /data'
 inside --user 1000:1001 --additional-gids 7 "$me-web" sh -c 'echo $(id -u):$(id -G) $HOME'
 expect 'the user of exec' 0 '1000:1001 7 /home/user'
 inside --additional-gids abc "$me-web" true
-refused 'a supplementary group that is no number' '--additional-gids: "abc"'
+exec_refused 'a supplementary group that is no number' '--additional-gids: "abc"'
 inside "$me-web" sh -c 'ps | grep -c "[s]leep 1000"'
 expect 'a program of exec sees the processes of the container' 0 1
 inside "$me-web" nosuch
-refused 'a missing program' 'exec: "nosuch": executable file not found in $PATH'
+exec_refused 'a missing program' 'exec: "nosuch": executable file not found in $PATH'
 printf 'given\n' | zncrun exec "$me-web" cat >"$work/out"
 check 'exec --process - reads the standard input' grep -qx given "$work/out"
 jq -n '{args: ["sh", "-c", "echo $X $(id -u); grep NoNewPrivs /proc/self/status"], cwd: "/", env: ["PATH=/bin", "X=y"],
@@ -32,16 +45,16 @@ inside --process "$work/process.json" "$me-web"
 expect 'a process file' 0 $'y 1000\nNoNewPrivs:\t1'
 jq '.selinuxLabel = "x"' "$work/process.json" >"$work/bad.json"
 inside --process "$work/bad.json" "$me-web"
-refused 'unsupported members of a process file are refused' 'process.selinuxLabel'
+exec_refused 'unsupported members of a process file are refused' 'process.selinuxLabel'
 if [[ $(cat /sys/module/apparmor/parameters/enabled 2>/dev/null) != Y ]]; then
     inside --apparmor profile "$me-web" true
-    refused 'unsupported settings are refused as options' 'process.apparmorProfile'
+    exec_refused 'unsupported settings are refused as options' 'process.apparmorProfile'
 fi
 for change in '[]:process' '.terminal = 1:process.terminal' '.args = ["a", 1]:process.args[1]' '.cwd = 1:process.cwd' \
     '.env = "A=b":process.env' '.consoleSize = {height: "a"}:process.consoleSize.height' '.user = 1:process.user'; do
     jq "${change%:*}" "$work/process.json" >"$work/bad.json"
     inside --process "$work/bad.json" "$me-web"
-    refused "a process file changed by ${change%:*}" "${change##*:}: not "
+    exec_refused "a process file changed by ${change%:*}" "${change##*:}: not "
 done
 jq '.args = ["sleep", "500"]' "$work/process.json" >"$work/sleep.json"
 inside --detach --pid-file "$work/pid" --process "$work/sleep.json" "$me-web"
@@ -51,7 +64,7 @@ check 'the pid file names the program' grep -qa sleep "/proc/$pid/cmdline"
 check 'the process is in the PID namespace of the container' test \
     "$(readlink "/proc/$pid/ns/pid")" = "$(readlink "/proc/$(state_of "$me-web" .pid)/ns/pid")"
 inside --detach --pid-file "$work/nosuch/pid" "$me-web" sleep "$mark"
-refused 'a pid file that cannot be written' "$work/nosuch/pid"
+exec_refused 'a pid file that cannot be written' "$work/nosuch/pid"
 check 'the program does not stay after a failure' eventually not pgrep -f "sleep $mark"
 run zncrun ps --format json "$me-web"
 check 'ps lists both' jq -e "length == 2 and index($pid) != null" "$work/out"
@@ -65,7 +78,7 @@ exec 3<&- 4<&-
 expect 'preserved descriptors' 0 "$(</etc/passwd)"
 exec 4</dev/null 7</etc/shadow
 run zncrun exec --preserve-fds 2 "$me-web" true
-refused 'a descriptor that is not open cannot be preserved' '--preserve-fds: descriptor 3 is not open'
+exec_refused 'a descriptor that is not open cannot be preserved' '--preserve-fds: descriptor 3 is not open'
 exec 3</dev/null
 run zncrun exec --preserve-fds 1 "$me-web" sh -c 'ls /proc/self/fd | grep -c "^7"'
 expect 'no other descriptors than the preserved ones are passed on' 1 0
@@ -89,7 +102,55 @@ run with_terminal "$work/socket2" "$ZNCRUN" --root "$work/state" run \
     --bundle "$work/tty" --console-socket "$work/socket2" "$me-tty"
 expect 'a container with a terminal' 0 $'/dev/pts/0\n30 90\nc\ncontrolling'
 run zncrun create --bundle "$work/tty" "$me-tty"
-refused 'a terminal needs a socket' 'console socket'
+refused 'a terminal of a container in the background needs a socket' 'console socket'
+run zncrun run --detach --bundle "$work/tty" "$me-tty"
+refused 'a terminal of a detached container needs a socket' 'console socket'
+run zncrun exec --tty --detach "$me-web" tty
+exec_refused 'a terminal of a detached program needs a socket' 'console socket'
+
+# A program in the foreground is connected with the terminal of the caller.
+cat >"$work/screen.py" <<'P'
+import fcntl, os, pty, signal, struct, sys, termios
+def resize(fd, rows, columns):
+    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+pid, screen = pty.fork()
+if pid == 0:
+    os.read(0, 1)  # when the size is set
+    os.execv(sys.argv[1], sys.argv[1:])
+signal.alarm(60)
+resize(screen, 40, 100)
+os.write(screen, b"\n")
+seen = b""
+typed = resized = False
+while True:
+    try:
+        got = os.read(screen, 4096)
+    except OSError:
+        break
+    seen += got
+    if b"type" in seen and not typed:
+        typed = True
+        os.write(screen, b"words\r")
+    if b"resize" in seen and not resized:
+        resized = True
+        resize(screen, 50, 120)
+_, status = os.waitpid(pid, 0)
+sys.stdout.write(seen.decode().replace("\r", "").lstrip("\n"))
+sys.exit(os.waitstatus_to_exitcode(status))
+P
+program tty sh -c 'stty size; stty -echo; echo type; read -r x; echo "got $x"
+    trap "stty size; exit 6" WINCH; echo resize; while :; do sleep 0.05; done'
+change tty 'del(.process.consoleSize)'
+run timeout 60 python3 "$work/screen.py" "$ZNCRUN" --root "$work/state" run --bundle "$work/tty" "$me-tty"
+expect 'run passes on input, output, sizes and the exit status' 6 $'40 100\ntype\ngot words\nresize\n50 120'
+run timeout 60 python3 "$work/screen.py" "$ZNCRUN" --root "$work/state" exec --tty "$me-web" \
+    sh -c 'stty size; stty -echo; echo type; read -r x; echo "got $x"; exit 7'
+expect 'so does exec' 7 $'40 100\ntype\ngot words'
+run zncrun exec --tty "$me-web" sh -c 'tty; read -r x || echo end'
+check 'without a terminal of the caller, the program has one and sees the end of the input' \
+    test "$status/${out//$'\r'/}" = $'0//dev/pts/0\nend'
+program tty sh -c 'tty; stty size; ls -l /dev/console | head -c 1; echo; exec 3<>/dev/tty && echo controlling'
+change tty '.process.consoleSize = {height: 30, width: 90}'
 chown -R 100000:100000 "$work/tty/rootfs"
 change tty '.linux.namespaces += [{type: "user"}] | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 500}]
     | .linux.gidMappings = .linux.uidMappings | .process.args[2] += "; stat -c %u /dev/pts/0"'
@@ -102,9 +163,13 @@ run zncrun pause "$me-web"
 expect 'pause' 0 ''
 check 'the state is paused' is_state "$me-web" paused
 inside "$me-web" true
-refused 'exec in a paused container' paused
+exec_refused 'exec in a paused container' paused
+timeout 60 "$ZNCRUN" --root "$work/state" exec --ignore-paused "$me-web" echo thawed >"$work/thawed" &
+waiting=$!
 run zncrun resume "$me-web"
 expect 'resume' 0 ''
+check 'exec --ignore-paused waits until the container continues' wait "$waiting"
+check 'its program runs' grep -qx thawed "$work/thawed"
 check 'the state is running' is_state "$me-web" running
 printf '{"pids":{"limit":50}}' >"$work/resources"
 run zncrun update --resources "$work/resources" "$me-web"
@@ -115,12 +180,41 @@ inside "$me-web" sh -c 'echo >/dev/null && head -c 3 /dev/zero | wc -c'
 expect 'devices that every container has stay usable' 0 3
 run zncrun update --resources - "$me-web" <<<'{"memory":{"limit":"x"}}'
 check 'wrong limits are refused' test "$status" = 1
+run zncrun update --memory 64M --memory-reservation 32m "$me-web"
+expect 'limits of memory have units' 0 ''
+run zncrun update --memory 64X "$me-web"
+refused 'an unknown unit is refused' '--memory: "64X" is not a number'
 run zncrun events --stats "$me-web"
-check 'events --stats has the limit' jq -e '.data.pids.limit == 50 and .data.memory.usage.usage > 0' "$work/out"
+check 'events --stats has the limit' jq -e '.data.pids.limit == 50 and .data.memory.usage.usage > 0 and .data.memory.usage.limit == 67108864' \
+    "$work/out"
+run zncrun events --interval 1 "$me-web"
+refused 'an interval without a unit' '--interval: "1" is not a time'
+run zncrun ps "$me-web"
+check 'ps prints the table of ps(1)' grep -qE '^UID +PID ' "$work/out"
+check 'ps has the programs of the container' grep -q 'sleep 1000' "$work/out"
+check 'ps has no other programs' test "$(grep -c "${0##*/}" "$work/out")" = 0
+run zncrun ps "$me-web" -o pid,args
+check 'ps passes options on' grep -qE '^ *PID COMMAND' "$work/out"
+inside --process <(jq '.args = ["echo", "piped"]' "$work/process.json") "$me-web"
+expect 'the program of exec from a pipe' 0 piped
+
+# events: statistics until the container ends, and each process that is killed for want of memory.
+make_bundle hungry sh -c 'trap "exit 0" TERM; while :; do sleep 0.05; done'
+run zncrun run --detach --bundle "$work/hungry" "$me-hungry"
+timeout 60 "$ZNCRUN" --root "$work/state" events --interval 100ms "$me-hungry" >"$work/events" &
+events=$!
+run zncrun update --memory 16M --memory-swap 16M "$me-hungry"
+inside "$me-hungry" sh -c 'head -c 100000000 /dev/zero | sort >/dev/null'
+check 'events reports that the memory was used up' \
+    eventually grep -qxF "{\"type\":\"oom\",\"id\":\"$me-hungry\"}" "$work/events"
+check 'events prints statistics repeatedly' \
+    eventually awk '/"type":"stats"/ { n++ } END { exit n < 2 }' "$work/events"
+run zncrun delete --force "$me-hungry"
+check 'events ends with the container' wait "$events"
 run zncrun pause "$me-web"
 run zncrun delete --force "$me-web"
 expect 'a paused container is deleted by force' 0 ''
 check 'the program of exec is killed with the container' eventually not lives "$pid"
 inside "$me-web" true
-refused 'exec in what is gone' 'does not exist'
+exec_refused 'exec in what is gone' 'does not exist'
 finish

@@ -29,11 +29,15 @@ expect 'the hook can change a root that becomes read-only' 0 $'/etc/by-hook\nrea
 given ".hooks.createContainer = [$(hook 'exit 0')] | .linux.rootfsPropagation = \"shared\"" \
     sh -c "ls -d $work; grep ' / / \\| / ' /proc/self/mountinfo | head -n 1 | grep -o shared"
 check 'the program sees nothing of the host, in a root with propagation' test "$out" = shared
+given ".hooks.createContainer = [$(hook 'pwd >&2')]" true
+check 'its working directory is the root of the container' test "$err" = "$root"
 given ".hooks.createContainer = [$(hook 'exit 3')] | .hooks.poststop = [$(hook "touch $work/stopped")]" true
-refused 'a createContainer hook that fails' 'createContainer hook /bin/sh: exit status 3'
+refused 'a createContainer hook that fails' 'error running hook /bin/sh (createContainer): exit status 3'
 check 'poststop hooks run then' test -e "$work/stopped"
 given ".hooks.createContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
 refused 'a createContainer hook that takes too long' 'longer than 1 seconds'
+given ".hooks.createContainer = [$(hook 'kill -SYS $$')]" true
+refused 'a hook that a signal ends' 'error running hook /bin/sh (createContainer): signal: bad system call'
 given '.hooks.createContainer = [{path: "/bin/nosuch"}]' true
 refused 'a createContainer hook that does not exist' '/bin/nosuch'
 given '.hooks.createContainer = [{path: "bin/true"}]' true
@@ -58,7 +62,7 @@ given ".hooks.startContainer = [$(hook 'cat >/tmp/state; echo more >>/proc/self/
 check 'the startContainer hook reads the state' grep -q "\"id\":\"$me-web\"" "$work/out"
 check 'the startContainer hook cannot change its input' test "$(grep -c more "$work/out")" = 0
 given ".hooks.startContainer = [$(hook 'exit 7')] | .hooks.poststop = [$(hook "touch $work/stopped2")]" echo program
-refused 'a startContainer hook that fails' 'startContainer hook /bin/sh: exit status 7'
+refused 'a startContainer hook that fails' 'error running hook /bin/sh (startContainer): exit status 7'
 check 'the program does not run' not grep -q program "$work/out"
 check 'poststop hooks run' test -e "$work/stopped2"
 given ".hooks.startContainer = [$(hook 'sleep 100' '{timeout: 1}')]" true
@@ -107,7 +111,7 @@ change web ".hooks.startContainer = [$(hook 'exit 7')]"
 run zncrun create --bundle "$work/web" "$me-web"
 expect 'create does not run startContainer hooks' 0 ''
 run zncrun start "$me-web"
-refused 'start does' 'startContainer hook'
+refused 'start does' '(startContainer)'
 check 'the container has stopped after the failed hook' is_state "$me-web" stopped
 run zncrun delete "$me-web"
 expect 'the stopped container can be deleted' 0 ''

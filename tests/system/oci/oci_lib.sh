@@ -37,6 +37,12 @@ refused() {
     check "$1: the reason" grep -qiF -- "$2" "$work/err"
 }
 
+# exec_refused NAME WORDS: that exec failed before the program was started.
+exec_refused() {
+    check "$1" test "$status" = 255
+    check "$1: the reason" grep -qiF -- "$2" "$work/err"
+}
+
 make_root() {
     local root=$1 applet
     mkdir -p "$root"/{bin,etc,proc,dev,sys,root,tmp,mnt,data}

@@ -47,6 +47,17 @@ change free '.linux.resources.memory.limit = 1000000000'
 run zncrun --cgroup-manager=disabled run --bundle "$work/free" "$me-free"
 refused 'a limit without a control group' 'linux.resources.memory.limit: the container has no control group'
 
+# A configuration to start from.
+make_root "$work/new/rootfs"
+run zncrun spec --bundle "$work/new"
+expect 'spec writes a configuration' 0 ''
+change new '.process.terminal = false'
+program new sh -c 'echo $$; touch /x 2>/dev/null || echo read-only'
+run zncrun run --bundle "$work/new" "$me-new"
+expect 'its container has processes of its own and a read-only root' 0 $'1\nread-only'
+run zncrun spec --bundle "$work/new"
+refused 'spec does not replace a configuration' 'File exists'
+
 # The program starts when it is told to.
 make_bundle web sh -c "$loop"
 mkfifo "$work/stdout"
@@ -227,7 +238,7 @@ check 'hooks run in their order' test "$(grep -o 'pre\|post$\|stop' "$work/hooks
 check 'the hooks read the state' grep -q "\"id\":\"$me-web\"" "$work/hooks"
 change web '.hooks = {prestart: [{path: "/bin/false"}]}'
 run zncrun create --bundle "$work/web" "$me-web"
-refused 'a prestart hook that fails' 'prestart hook /bin/false'
+refused 'a prestart hook that fails' 'error running hook /bin/false (prestart)'
 change web '.hooks = {prestart: [{path: "/bin/sleep", args: ["sleep", "100"], timeout: 1}]}'
 run zncrun create --bundle "$work/web" "$me-web"
 refused 'a hook that takes too long' 'longer than 1 seconds'

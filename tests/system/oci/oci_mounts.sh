@@ -118,4 +118,16 @@ ln -s data "$work/web/rootfs/proc"
 mounted '{"destination":"/mnt","type":"tmpfs"}' true
 refused 'procfs is not mounted over a symbolic link' '/proc'
 umount "$work/host/below"
+
+# A read-only /dev, and /proc at a symbolic link.
+rm -rf "$work/web"
+make_bundle web true
+given '(.mounts[] | select(.destination == "/dev")).options += ["ro"]' \
+    sh -c 'grep -o "^tmpfs /dev tmpfs ro," /proc/mounts; touch /dev/x 2>/dev/null || echo read-only
+        echo >/dev/null; ls /dev/pts/ptmx'
+expect 'a read-only /dev has devices and mounts' 0 $'tmpfs /dev tmpfs ro,\nread-only\n/dev/pts/ptmx'
+mv "$work/web/rootfs/proc" "$work/web/rootfs/other"
+ln -s other "$work/web/rootfs/proc"
+given . true
+refused 'a link is no place for proc' 'must be mounted on ordinary directory'
 finish

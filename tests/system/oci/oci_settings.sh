@@ -144,7 +144,7 @@ if [[ -e /sys/fs/cgroup/cgroup.controllers ]]; then
     refused 'a control file that does not exist' 'linux.resources.unified'
 else
     given '.linux.resources.unified = {"cgroup.max.depth": "7"}' true
-    refused 'control files by name with v1' 'linux.resources.unified (needs control groups v2)'
+    refused 'control files by name with v1' 'linux.resources.unified (invalid configuration: needs control groups v2)'
 fi
 
 # What cannot be honoured is named.

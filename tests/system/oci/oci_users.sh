@@ -85,7 +85,7 @@ check 'a program of exec has the mapped users' test "$(stat -c %u "$work/web/roo
 run zncrun exec --user 1000:1000 "$me-web" id -u
 expect 'exec runs as another user' 0 1000
 run zncrun exec --user 9000 "$me-web" true
-check 'exec as an unmapped user is refused' test "$status" = 1
+exec_refused 'exec as an unmapped user is refused' 'invalid argument'
 make_bundle pod true
 chown -R 100000:200000 "$work/pod/rootfs"
 change pod '.linux.namespaces = [{type: "mount"}, {type: "user", path: "/proc/'"$pid"'/ns/user"},

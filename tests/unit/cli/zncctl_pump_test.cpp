@@ -1,4 +1,4 @@
-#include "cli/terminal/pump.hpp"
+#include "front/pump.hpp"
 
 #include <csignal>
 #include <fcntl.h>

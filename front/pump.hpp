@@ -1,8 +1,8 @@
 // pump.hpp - copies bytes from one descriptor to another: one direction of a program's standard
 // streams. It never blocks, and stops reading when the data cannot be written, so that a slow
-// reader slows down the writer. Used by streams.cpp.
-#ifndef ZNC_CLI_TERMINAL_PUMP_HPP
-#define ZNC_CLI_TERMINAL_PUMP_HPP
+// reader slows down the writer.
+#ifndef ZNC_FRONT_PUMP_HPP
+#define ZNC_FRONT_PUMP_HPP
 
 #include <array>
 #include <cstddef>
@@ -24,7 +24,7 @@ class PumpEnd {
     // and pipes are reopened, so that O_NONBLOCK does not affect the others; anything else is used
     // as it is.
     static PumpEnd of_caller(int fd);
-    // A descriptor of zncctl's own, in non-blocking mode. It is closed when the pump is done.
+    // A descriptor of this program's own, in non-blocking mode. It is closed when the pump is done.
     static PumpEnd own(znc::UniqueFd fd);
     // Like own(), but the owner of the descriptor closes it.
     static PumpEnd borrowed(int fd);
