@@ -369,7 +369,7 @@ bool bundle_of_bundle(const std::string& source, const NewContainer& container, 
 
 std::string own_bundle(const std::string& id)
 {
-    return own_bundle(id, storage_base());
+    return is_container_id(id) ? own_bundle(id, storage_base()) : "";
 }
 
 std::string own_bundle(const std::string& id, const std::string& base)
