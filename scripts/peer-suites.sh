@@ -221,7 +221,9 @@ crun_cases() {
     sed -n '/^all_tests/,/^}/s/^ *"\([^"]*\)" *:.*/\1/p' "$file" | while read -r name; do
         [[ $name =~ $cases ]] || continue
         status=0
-        RUN_TESTS=$name timeout --kill-after=5 "$limit" /usr/bin/python3 "$file" </dev/null 2>&1 || status=$?
+        RUN_TESTS=$name timeout --kill-after=5 "$limit" /usr/bin/python3 "$file" </dev/null 2>"$TMPDIR/errors" ||
+            status=$?
+        sed 's/^/# /' "$TMPDIR/errors" && echo # they do not end with a newline
         [[ $status -lt 124 ]] || printf 'not ok 1 - %s # ended with status %s\n' "$name" "$status"
     done
 }
@@ -371,6 +373,12 @@ done
 [[ -d /sys/fs/cgroup/memory ]] || fail 'the suites run with control groups of version 1 only' 77
 mkdir -p "$work"
 "$scripts/install-deps.sh" suites
+clean_up() {
+    remove_groups "peer-suites-$$"
+    rm -rf "$work/tmp.$$"
+}
+trap clean_up EXIT
+trap 'exit 143' INT TERM
 fetch_sources
 status=0
 for suite; do
