@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] - installs the Debian packages needed
-# for building, packaging, tests, benchmarks, the demo, tests in a virtual machine or the suites of other
-# runtimes; without arguments, those for build, test and demo. Needs root only if packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] - installs the Debian
+# packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine or the
+# suites of other runtimes; without arguments, those for build, test and demo. Needs root only if
+# packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev

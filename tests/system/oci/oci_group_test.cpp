@@ -120,7 +120,8 @@ TEST_F(OciGroup, ControlFilesAreWrittenByName)
     if (!unified()) {
         const Result refused = zncrun(create);
         EXPECT_EQ(refused.status, 1);
-        EXPECT_NE(refused.out.find("linux.resources.unified (invalid configuration: needs control groups v2)"),
+        EXPECT_NE(refused.out.find(
+                      "linux.resources.unified (invalid configuration: needs control groups v2)"),
                   std::string::npos)
             << refused.out;
         return;
