@@ -35,7 +35,11 @@ steps=$(mktemp -d)  # NAME.log and NAME.status of each step
 declare -A number=() # of a step, by its name
 beside=             # process group of the steps that run beside the tests
 
-trap 'if [[ -n $beside ]]; then kill -- "-$beside" 2>/dev/null || :; fi; rm -rf "$steps"' EXIT
+# signal_beside SIGNAL: sends it to the processes of the steps that run beside the tests, if any do.
+signal_beside() {
+    if [[ -n $beside ]] && kill -0 -- "-$beside" 2>/dev/null; then kill -s "$1" -- "-$beside"; fi
+}
+trap 'signal_beside TERM; rm -rf "$steps"' EXIT
 
 # step NAME COMMAND...: runs a step that passes or fails as a whole, and prints its output if it
 # fails. After a failure the other steps still run; `ok` is empty then, and the failure is counted.
@@ -118,12 +122,12 @@ run_again() {
     local failures status=0
     mapfile -t failures < <(scripts/count-tests.py --failed "$results")
     [[ ${#failures[@]} -ge 1 && ${#failures[@]} -le 5 ]] || return 1
-    if [[ -n $beside ]]; then kill -STOP -- "-$beside" 2>/dev/null || :; fi
+    signal_beside STOP
     printf '%s: again, alone: %s\n' "$1" "${failures[*]}"
     ctest --preset "$1" -R "^($(IFS='|' && printf '%s' "${failures[*]}"))\$" -j 1 --no-tests=error \
         --output-junit "$results.again" --test-output-size-passed 50000000 \
         --test-output-size-failed 50000000 || status=$?
-    if [[ -n $beside ]]; then kill -CONT -- "-$beside" 2>/dev/null || :; fi
+    signal_beside CONT
     return "$status"
 }
 

@@ -125,7 +125,7 @@ check_lifecycle() {
     run zncrun exec --cwd /tmp --env NAME=value "$me-web" sh -c 'pwd; echo $NAME'
     expect 'exec in a directory with a variable' 0 $'/tmp\nvalue'
     run zncrun exec "$me-web" nosuch
-    refused 'exec of a missing program' 'executable file not found in $PATH'
+    exec_refused 'exec of a missing program' 'executable file not found in $PATH'
     run with_terminal "$work/socket" "$ZNCRUN" --root "$work/state" exec --tty --console-socket "$work/socket" \
         "$me-web" sh -c 'tty; exec 3<>/dev/tty && echo controlling'
     expect 'exec with a terminal' 0 $'/dev/pts/0\ncontrolling'
