@@ -12,7 +12,7 @@ amd64 | arm64) build+=(libisal-dev) ;;
 esac
 package=(dpkg-dev file scdoc)
 test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debootstrap dpkg-dev e2fsprogs
-    file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar
+    file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar uidmap
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
     runc skopeo umoci util-linux)
