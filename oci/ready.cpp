@@ -1,5 +1,6 @@
 #include "ready.hpp"
 
+#include "base/descriptor_message.hpp"
 #include "front/files.hpp"
 #include "log.hpp"
 
@@ -174,18 +175,11 @@ void ReadySocket::await_manager() const
     znc::UniqueFd theirs(ends[1]);
     char text[] = "BARRIER=1";
     iovec part = {text, sizeof text - 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    znc::DescriptorControl control;
     msghdr message = {};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    const int given = theirs.get();
-    std::memcpy(CMSG_DATA(header), &given, sizeof given);
+    znc::add_descriptor(message, control, theirs.get());
     if (::sendmsg(manager_.get(), &message, MSG_NOSIGNAL) < 0)
         return warn();
     theirs.reset();

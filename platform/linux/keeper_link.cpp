@@ -1,5 +1,6 @@
 #include "keeper_link.hpp"
 
+#include "base/descriptor_message.hpp"
 #include "launch.hpp"
 #include "system/pidfd.hpp"
 
@@ -150,16 +151,9 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
     msghdr message = {};
     message.msg_iov = iov;
     message.msg_iovlen = 2;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (descriptor >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    }
+    znc::DescriptorControl control;
+    if (descriptor >= 0)
+        znc::add_descriptor(message, control, descriptor);
     if (!socket_)
         return ESRCH;
     ssize_t n;
