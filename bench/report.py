@@ -55,6 +55,26 @@ def table(scenes):
     return "\n".join("  ".join(cell.ljust(w) for cell, w in zip(line, widths)).rstrip() for line in lines)
 
 
+def markdown(scenes):
+    """The tables of docs/performance.md."""
+    ratios = ["| Scene | Work | Against | Ratio | Spread | Goal | |", "|---|---|---|---|---|---|---|"]
+    times = ["| Scene | Times (median) |", "|---|---|"]
+    for name, measured in scenes.items():
+        if "error" in measured:
+            continue
+        first = f"| {name} | {measured['title']} |"
+        for goal in measured["goals"]:
+            against, ratio, spread, limit, met = goal_row(goal)
+            met = met.replace("MISSED", "**missed**")
+            ratios.append(f"{first} {against} | {ratio} | {spread} | {limit.replace('<=', '≤')} | {met} |")
+            first = "| | |"
+        sides = [f"{side.replace('ours', 'zncontainer')} {duration(v['wall'])}"
+                 for side, v in measured["sides"].items()]
+        if sides:
+            times.append(f"| {name} | {'; '.join(sides)} |")
+    return "\n".join(ratios + [""] + times) + "\n"
+
+
 def chart(name, measured, out):
     """Draws one bar for each side of a scene."""
     path = f"{out}/{name.lower()}.png"
@@ -80,8 +100,8 @@ plot $data using 0:2:xtic(1) with boxes lc rgb "#4477aa", \\
 
 
 def write(results, out, order):
-    """Updates the file of results, which has the last result of every scene run into this directory. Draws
-    charts for plain scheduling."""
+    """Updates the files of results, which have the last result of every scene run into this directory, as
+    JSON and as tables for docs/performance.md. Draws charts for plain scheduling."""
     path = f"{out}/results-{results['scheduling']}.json"
     merged = dict(results)
     if os.path.exists(path):
@@ -91,6 +111,8 @@ def write(results, out, order):
     with open(path, "w", encoding="utf-8") as file:
         json.dump(merged, file, indent=1)
         file.write("\n")
+    with open(f"{out}/results-{results['scheduling']}.md", "w", encoding="utf-8") as file:
+        file.write(markdown(merged["scenes"]))
     for name, measured in results["scenes"].items():
         if measured["sides"] and results["scheduling"] == "plain":
             chart(name, measured, out)

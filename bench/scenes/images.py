@@ -110,7 +110,7 @@ def u2(world):
 def u6(world):
     """unpack one layer, tmpfs, one processor"""
     os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
-    return one_layer(Places(world), {"umoci": None, "bsdtar": 0.70, "floor": 1.10})
+    return one_layer(Places(world), {"umoci": None, "bsdtar": 0.65, "floor": 1.10})
 
 
 def u3(world):

@@ -51,7 +51,7 @@ def c1(world):
         "skopeo+umoci": one_layer,
         "nothing repacked": no_layer,
     }, places.pairs)
-    result = compare(samples, {"skopeo+umoci": 0.5, "nothing repacked": None})
+    result = compare(samples, {"skopeo+umoci": 0.25, "nothing repacked": None})
     ours()
     layers, _ = fixtures.blob_paths(places.path("imported"), "single")
     size = os.path.getsize(layers[0])
