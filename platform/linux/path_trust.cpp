@@ -28,9 +28,12 @@ class UnmappedIds {
     UnmappedIds(const char* map, const char* overflow) : map_(map), overflow_(overflow) {}
 
     // Whether files with this id may belong to a user that is not mapped. In the host's user
-    // namespace, the overflow id is an id like any other.
+    // namespace, the overflow id is an id like any other. Root's is never the overflow id, so that
+    // nothing needs to be read for most paths.
     bool may_have(id_t id)
     {
+        if (id == 0)
+            return false;
         if (!known_)
             read();
         return hasUnmapped_ && id == shown_;

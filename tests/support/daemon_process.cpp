@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mqueue.h>
@@ -62,8 +63,10 @@ DaemonProcess::DaemonProcess(const std::string& storage, const char* option)
         ended = ::waitpid(pid_, nullptr, WNOHANG) == pid_;
         return ended || (is_there() && zncDaemonIsAlive() != FALSE);
     });
-    if (!ended && serves)
+    if (!ended && serves) {
+        ownThreads_ = threads();
         return;
+    }
     if (!ended)
         stop(SIGKILL);
     pid_ = -1;
@@ -80,7 +83,15 @@ bool DaemonProcess::is_idle() const
 {
     const std::string directory = "/proc/" + std::to_string(pid_);
     const bool sleeps = read_file(directory + "/stat").find(") S ") != std::string::npos;
-    return sleeps && read_file(directory + "/task/" + std::to_string(pid_) + "/children").empty();
+    return sleeps && threads() <= ownThreads_ &&
+           read_file(directory + "/task/" + std::to_string(pid_) + "/children").empty();
+}
+
+std::ptrdiff_t DaemonProcess::threads() const
+{
+    namespace fs = std::filesystem;
+    const fs::directory_iterator list("/proc/" + std::to_string(pid_) + "/task");
+    return std::distance(fs::begin(list), fs::end(list));
 }
 
 int DaemonProcess::stop(int hostSignal)

@@ -2,6 +2,7 @@
 #ifndef DAEMON_PROCESS_HPP
 #define DAEMON_PROCESS_HPP
 
+#include <cstddef>
 #include <string>
 #include <sys/types.h>
 
@@ -15,8 +16,9 @@ class DaemonProcess {
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     [[nodiscard]] pid_t pid() const { return pid_; }
-    // Returns whether the daemon has finished all work: it sleeps, and the keepers of deleted
-    // containers have been reaped.
+    // Returns whether the daemon has finished all work: it sleeps, the keepers of deleted
+    // containers have been reaped, and no thread deletes what was too large to be deleted during a
+    // request.
     [[nodiscard]] bool is_idle() const;
 
     // Sends a host signal and waits until the daemon ends; returns the exit status, or 128 +
@@ -24,7 +26,10 @@ class DaemonProcess {
     int stop(int hostSignal);
 
   private:
+    [[nodiscard]] std::ptrdiff_t threads() const;
+
     pid_t pid_ = -1;
+    std::ptrdiff_t ownThreads_ = 0; // when it began to serve; a sanitizer has threads, too
 };
 
 #endif
