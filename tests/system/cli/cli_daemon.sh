@@ -77,6 +77,9 @@ zncctl create waits "$work/waits"
 "$ZNCCTL" start -a waits 2>/dev/null &
 starter=$!
 eventually program_lives
+# Of a running program, a signal fails until the daemon has been told the process, by the last
+# request of 'start'.
+check 'the program gets signals' eventually zncctl kill -q -s CONT waits
 kill -s STOP "$daemon"
 run zncctl ping
 fails_with 'a daemon that does not answer is told after a while' 4 'No answer from the daemon'
