@@ -181,7 +181,9 @@ void run_hook(const Hook& hook, const std::string& state, const HookPlace* place
         place != nullptr ? spawn_inside(hook, state, *place) : spawn_outside(hook, state);
     const int status = wait_for(pid, hook.seconds, awaited);
     if (WIFSIGNALED(status)) {
-        std::string signal = ::strsignal(WTERMSIG(status)); // in lower case, as engines know it
+        const char* const known = ::sigdescr_np(WTERMSIG(status));
+        std::string signal = known != nullptr ? known : fmt::format("{}", WTERMSIG(status));
+        // In lower case, as engines know it.
         signal[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(signal[0])));
         throw Failure("signal: " + signal);
     }
