@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sched.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -219,13 +220,14 @@ class PathTrustUnmapped : public PathTrust {
         int said[2];
         EXPECT_EQ(::pipe(ready), 0);
         EXPECT_EQ(::pipe(said), 0);
-        const pid_t child = ::fork();
+        // Not unshare(): with ThreadSanitizer the child of fork() has a second thread.
+        const auto child =
+            static_cast<pid_t>(::syscall(SYS_clone, CLONE_NEWUSER | SIGCHLD, 0, 0, 0, 0));
         if (child == 0) {
             char go = 0;
             znPathTrust trust = {};
-            if (::setgid(kStranger) != 0 || ::setuid(kStranger) != 0 ||
-                ::prctl(PR_SET_DUMPABLE, 1) != 0 || ::unshare(CLONE_NEWUSER) != 0 ||
-                ::write(said[1], "r", 1) != 1 || ::read(ready[0], &go, 1) != 1)
+            if (::write(said[1], "r", 1) != 1 || ::read(ready[0], &go, 1) != 1 ||
+                ::setgid(0) != 0 || ::setuid(0) != 0)
                 ::_exit(1);
             const bool isTrusted = znPathTrusted(path.c_str(), &trust) == OK;
             const std::string text = isTrusted ? "trusted" : trust.fault;
