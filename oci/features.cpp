@@ -33,7 +33,7 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
     json["linux"]["cgroup"] = {{"v1", true},
                                {"v2", true},
                                {"systemd", has_systemd_bus()},
-                               {"systemdUser", has_systemd_bus()},
+                               {"systemdUser", false},
                                {"rdma", false}};
     json["linux"]["seccomp"] = {
         {"enabled", true},

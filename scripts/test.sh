@@ -39,7 +39,7 @@ beside=             # process group of the steps that run beside the tests
 signal_beside() {
     if [[ -n $beside ]] && kill -0 -- "-$beside" 2>/dev/null; then kill -s "$1" -- "-$beside"; fi
 }
-trap 'signal_beside TERM; rm -rf "$steps"' EXIT
+trap 'signal_beside TERM; signal_beside CONT; rm -rf "$steps"' EXIT
 
 # step NAME COMMAND...: runs a step that passes or fails as a whole, and prints its output if it
 # fails. After a failure the other steps still run; `ok` is empty then, and the failure is counted.

@@ -65,9 +65,14 @@ ContainerEvents::ContainerEvents(const std::string& id) : id_(id)
     }
 }
 
-ContainerEvents::ContainerEvents(const std::string& id, const std::string& own_bundle)
-    : id_(id), image_(image_of(own_bundle))
+ContainerEvents::ContainerEvents(const std::string& id, const std::string& own_bundle) : id_(id)
 {
+    try {
+        const znc::ErrnoSaver keep;
+        image_ = image_of(own_bundle);
+    } catch (const std::exception&) {
+        image_.clear();
+    }
 }
 
 void ContainerEvents::note(const char* status, std::optional<int> exit_code) const

@@ -130,8 +130,8 @@ bool is_complete(const std::string& bundle)
 
 bool mark_complete(const std::string& bundle, bool lasting)
 {
-    // The configuration must be on disk before the mark is created: after a crash of the machine a
-    // marked bundle must have it.
+    // In a lasting bundle the configuration must be on disk before the mark is created: after a
+    // crash of the machine a marked bundle must have it.
     const znc::UniqueFd config = open_regular(bundle + "/config.json");
     if (!config || (lasting && ::fsync(config.get()) != 0))
         return false;

@@ -46,7 +46,10 @@ int tell_mapped(int socket)
     char byte = 0;
     if (::send(socket, &byte, sizeof byte, MSG_NOSIGNAL) != sizeof byte)
         return errno;
+    constexpr int kWait = 20000;
     for (;;) {
+        if (!readable_within(socket, kWait))
+            return ETIMEDOUT;
         const ssize_t n = ::recv(socket, &byte, sizeof byte, 0);
         if (n == sizeof byte)
             return 0;

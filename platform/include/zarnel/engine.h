@@ -15,9 +15,8 @@
  * (znEngineRootless) cannot create device nodes, so that those of the host are bound, and device
  * rules are not applied.
  *
- * On failure calls return ERROR
- * or -1 with errno set. Functions with a parameter `reason` also write an error message to it
- * (`size` bytes; ZN_ENGINE_REASON_MAX are enough).
+ * On failure calls return ERROR or -1 with errno set. Functions with a parameter `reason` also
+ * write an error message to it (`size` bytes; ZN_ENGINE_REASON_MAX are enough).
  */
 #ifndef ZARNEL_ENGINE_H
 #define ZARNEL_ENGINE_H

@@ -25,6 +25,9 @@ enum class CgroupVersion { kNone, kV1, kV2 };
 // process may create groups below its own one only. Determined on each call.
 CgroupVersion cgroup_version();
 
+// The same, and v2 also if this process may create groups below its own one only.
+CgroupVersion cgroup_version_delegated();
+
 // Creates the group, with its parents, in all hierarchies that are used, and applies `resources`.
 // An existing group is taken over if no process is in it or below it, else EBUSY: it is thawed,
 // groups below it are removed, limits that are not given stay as they are. ENOTSUP with `field` set

@@ -88,6 +88,13 @@ CgroupVersion cgroup_version()
     return isNone ? CgroupVersion::kNone : known.get().version;
 }
 
+CgroupVersion cgroup_version_delegated()
+{
+    const znc::ErrnoSaver keep;
+    const KnownHierarchies known;
+    return known.error() == 0 ? known.get().version : CgroupVersion::kNone;
+}
+
 bool cgroup_may_create(const char* path)
 {
     const znc::ErrnoSaver keep;

@@ -132,7 +132,8 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
 
 int znEngineGroupVersion(void)
 {
-    return cgroup_version() == CgroupVersion::kV2 ? 2 : cgroup_version() == CgroupVersion::kV1;
+    const CgroupVersion version = cgroup_version_delegated();
+    return version == CgroupVersion::kV2 ? 2 : version == CgroupVersion::kV1;
 }
 
 uint64_t znEngineCpuWeight(uint64_t shares)

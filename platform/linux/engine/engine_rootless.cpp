@@ -52,7 +52,8 @@ int Creation::drop_unmapped_group(EngineMount& wanted) const
     const char* option = before.options;
     for (unsigned i = 0; i < before.optionCount; i++, option += std::strlen(option) + 1) {
         std::uint32_t id = 0;
-        if (std::sscanf(option, "gid=%u", &id) == 1 &&
+        char rest = '\0'; // after the number; the kernel refuses it
+        if (std::sscanf(option, "gid=%u%c", &id, &rest) == 1 &&
             (user_ ? !user_.host_gid(id) : !mapped_id(groups, id)))
             continue;
         if (!mount_plan_keep(option, wanted.plan))

@@ -39,7 +39,8 @@ enum class Op : std::uint32_t {
                  // any: a detached mount of the node
     kSysctl,     // text: path below /proc/sys, value
     kHide,       // text: path to be covered
-    kReadOnly,   // text: path to be made read-only, "/" for the root itself; value: READ_ONLY_ bits
+    kReadOnly,   // text: path to be made read-only, "/" for the root itself; value:
+                 // kReadOnlyMount or 0
     kKill,       // value: host signal
     kInUse,      // answers 1 if another live process exists, else 0
     kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
