@@ -4,6 +4,7 @@ option(ZNC_BUILD_PROGRAMS "Build zncd, zncctl, zncctl-import and zncrun" ${PROJE
 option(ZNC_INSTALL "Install what is built" ${PROJECT_IS_TOP_LEVEL})
 option(ZNC_WITH_UZLIB "Link an installed uzlib instead of the adapter over ISA-L or zlib" OFF)
 option(ZNC_BUILD_BENCH "Build the programs of bench/run.sh" OFF)
+option(ZNC_PRECOMPILE_HEADERS "Precompile the headers that most sources of the programs include" OFF)
 set(ZNC_SANITIZE "" CACHE STRING "Sanitizers for all code but the freestanding helper, e.g. address,undefined")
 set(ZNC_BUILD_TESTS AUTO CACHE STRING "Build the tests: ON, OFF, or AUTO, which is where GoogleTest is installed")
 set(ZNC_WITH_SYSTEMD AUTO CACHE STRING

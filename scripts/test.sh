@@ -106,12 +106,16 @@ shell_scripts() {
     sources '*.sh' run | xargs -0 shellcheck --external-sources --source-path=SCRIPTDIR
 }
 
+# configured_and_built PRESET [TARGET...]
 configured_and_built() {
-    cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs"
+    local targets=("${@:2}")
+    cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs" ${targets:+--target "${targets[@]}"}
 }
 
 build_asan_ubsan() { configured_and_built asan-ubsan; }
-build_tsan() { configured_and_built tsan; }
+build_tsan() {
+    if [[ -n $all ]]; then configured_and_built tsan; else configured_and_built tsan thread_tests; fi
+}
 analyse() { scripts/analyse.sh; }
 build_otherwise() { scripts/build-matrix.sh ${all:+--all}; }
 
@@ -154,6 +158,8 @@ suite() {
 scripts/install-deps.sh build test
 if command -v ccache >/dev/null; then
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+    # Without these, nothing that uses precompiled or just created headers is cached.
+    export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
 fi
 
 # The system images for the tests are made once for all builds.
