@@ -10,8 +10,8 @@ build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac
-package=(dpkg-dev file scdoc)
-test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debootstrap dpkg-dev e2fsprogs
+package=(debhelper dpkg-dev file scdoc)
+test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debhelper debootstrap dpkg-dev e2fsprogs
     file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar uidmap
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
