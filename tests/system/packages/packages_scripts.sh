@@ -9,6 +9,7 @@ need dpkg
 
 scripts=$(cd "$(dirname "$0")/../../../debian" && pwd)
 mount -t tmpfs -o mode=755 state /var/lib
+chmod 0755 /run
 export ZNC_BASE=/var/lib/zncontainer
 runtime=/run/zncontainer
 
@@ -115,11 +116,11 @@ rmdir /var/lib/zncontainer
 script postinst configure 1.0.0-1
 check 'a storage base of 1.0 is used on' is_link
 check 'it says where' says /ram0/znc
-uses_it() { zncctl storage df --format json >"$work/df" && [[ -d /ram0/znc/layers ]]; }
-check 'the programs accept the link' uses_it
 start_daemon
+uses_it() { zncctl storage gc && zncctl create web "$work/web" && [[ -d /ram0/znc/containers ]]; }
+check 'the programs use it by way of the link' uses_it
 stop_daemon
-check 'the daemon does, too' test "$status" -eq 0 -a -d /ram0/znc/containers
+check 'the daemon ends well' test "$status" -eq 0
 script postrm remove
 check 'removing the package leaves it' is_link
 script postrm purge
@@ -181,7 +182,8 @@ mkdir /overlay/other
 : >/overlay/other/file
 (cd "$device" && exec sleep 1000) &
 user=$!
-eventually test "$(readlink "/proc/$user/cwd")" = "$device"
+is_there() { [[ $(readlink "/proc/$user/cwd") == "$device" ]]; }
+eventually is_there
 script postrm purge
 check 'a device in use keeps what it shows' test "$status" -eq 0 -a -e "$lower/file"
 check 'it says that the device stays' says "$device stays"
