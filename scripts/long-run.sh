@@ -60,6 +60,9 @@ step() {
 
 # ---- what is done
 
+in_background() {
+    zncctl run --detach --name "$1" --progress none --os linux --entrypoint /bin/busybox "$layout" sleep "$mark"
+}
 # Every fourth container runs in the background: its log is read, and it is stopped and deleted.
 life() {
     local id=longrun-$1
@@ -68,7 +71,7 @@ life() {
         [[ $out == 'from the second layer' ]] || failed_step 'output of the container'
         return
     fi
-    step 'run in the background' zncctl run --detach --name "$id" --progress none --os linux "$layout" /bin/busybox sleep "$mark"
+    step 'run in the background' in_background "$id"
     step exec zncctl exec "$id" /bin/busybox true
     step logs zncctl logs "$id"
     step stop zncctl stop --time 0 "$id"
@@ -81,7 +84,7 @@ unpacked() {
 }
 # A container runs meanwhile, and every second daemon is killed.
 restarted() {
-    step 'run before a restart' zncctl run --detach --name "longrun-$1" --progress none --os linux "$layout" /bin/busybox sleep "$mark"
+    step 'run before a restart' in_background "longrun-$1"
     if (($1 % 2 == 0)); then
         stop_daemon
         [[ $status -eq 0 ]] || failed_step 'end of the daemon'
