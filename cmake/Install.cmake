@@ -64,7 +64,12 @@ install(CODE "
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zncd.service DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES ${ZNC_PACKAGING}/sysctl.conf DESTINATION lib/sysctl.d RENAME 30-zncontainer.conf
     COMPONENT tools)
-install(FILES ${ZNC_PACKAGING}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zncontainer.conf
+file(READ ${ZNC_PACKAGING}/tmpfiles.conf TMPFILES)
+if(ZNC_RUNTIME_DIR)
+    string(REPLACE /run/zarnel ${ZNC_RUNTIME_DIR} TMPFILES "${TMPFILES}")
+endif()
+file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/tmpfiles.conf CONTENT "${TMPFILES}" @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zncontainer.conf
     COMPONENT tools)
 
 # The manual pages; not without scdoc, and not in builds with sanitizers, which are for tests only.

@@ -23,7 +23,8 @@ endfunction()
 target_compile_options(znc_flags INTERFACE
     -fstack-protector-strong -fstack-clash-protection
     $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>)
-target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
+target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>
+    ${ZNC_PLACE_DEFINITIONS})
 target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 
 # Built files do not depend on the directory of the build. Debug, coverage and sanitizer builds

@@ -22,6 +22,7 @@
 #include "zarnel/ns.h"
 #include "zarnel/task.h"
 
+#include "zncPath.hpp"
 #include "zncRuntimeService.hpp"
 
 namespace {
@@ -45,7 +46,7 @@ constexpr const char* kHelp =
     "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
-    "  ZNC_BASE       the storage base, an absolute path (default: /ram0/znc)\n"
+    "  ZNC_BASE       the storage base, an absolute path (default: " ZNC_STORE_BASE ")\n"
     "  NOTIFY_SOCKET  socket for service notifications (set by systemd)\n";
 
 // Indexed by zncCmdType.

@@ -41,8 +41,8 @@ std::vector<znRequirement> requirements(std::string& fault)
         ::access(ZN_RUNTIME_DIR, W_OK) == 0 || (errno == ENOENT && ::access("/run", W_OK) == 0);
     std::vector<znRequirement> all = {
         {"root", "namespaces and mounts require it", TRUE, root ? TRUE : FALSE},
-        {"a writable runtime directory (/run/zarnel)", "the daemon's lock could not be created",
-         TRUE, dir ? TRUE : FALSE},
+        {"a writable runtime directory (" ZN_RUNTIME_DIR ")",
+         "the daemon's lock could not be created", TRUE, dir ? TRUE : FALSE},
         {"a storage base that no other user can write to (ZNC_BASE)", fault.c_str(), TRUE,
          fault.empty() ? TRUE : FALSE}};
     znRequirement next = {};

@@ -15,7 +15,10 @@ using zncctl::Arguments;
 // The version of the runtime specification that is implemented.
 inline constexpr char kSpecification[] = "1.2.0";
 
-inline constexpr char kDefaultRoot[] = "/run/zncrun";
+#ifndef ZNC_ENGINE_ROOT // an option of the build
+#define ZNC_ENGINE_ROOT "/run/zncrun"
+#endif
+inline constexpr char kDefaultRoot[] = ZNC_ENGINE_ROOT;
 
 // That, or "zncrun" in XDG_RUNTIME_DIR if the caller is not root of the host.
 std::string default_root();

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] - installs the Debian
-# packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine or the
-# suites of other runtimes; without arguments, those for build, test and demo. Needs root only if
-# packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release] - installs the Debian
+# packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine, the
+# suites of other runtimes or releases; without arguments, those for build, test and demo. Needs root
+# only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev
@@ -10,8 +10,8 @@ build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt
 case $(dpkg --print-architecture) in
 amd64 | arm64) build+=(libisal-dev) ;;
 esac
-package=(dpkg-dev file scdoc)
-test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debootstrap dpkg-dev e2fsprogs
+package=(debhelper dpkg-dev file scdoc)
+test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debhelper debootstrap dpkg-dev e2fsprogs
     file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar uidmap
     umoci util-linux xfsprogs xz-utils zstd)
 bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
@@ -25,6 +25,7 @@ suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc g
     golang-github-opencontainers-specs-dev golang-github-seccomp-libseccomp-golang-dev golang-github-sirupsen-logrus-dev
     golang-github-urfave-cli-dev golang-go golang-golang-x-sys-dev iproute2 jq libseccomp-dev podman python3 runc util-linux
     xz-utils)
+release=(abigail-tools dpkg-dev lintian ninja-build rpm rpmlint shellcheck xz-utils)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
@@ -38,8 +39,9 @@ for group in "$@"; do
     demo) packages+=("${demo[@]}") ;;
     vm) packages+=("${vm[@]}") ;;
     suites) packages+=("${suites[@]}") ;;
+    release) packages+=("${release[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release]\n' >&2
         exit 64
         ;;
     esac

@@ -1,18 +1,34 @@
 #!/usr/bin/env bash
-# package.sh - builds the Debian packages in build/packages/debs and prints their names. Needs the
-# packages installed by "install-deps.sh build package".
+# package.sh [BUILD] - builds the Debian packages in build/packages/debs and prints their names. With the
+# directory of a build, packs that build in BUILD/debs. dpkg-buildpackage makes the same packages, with dpkg's
+# flags for the compiler and a full build each time. Needs the packages installed by "install-deps.sh build
+# package".
 set -euo pipefail
 cd "$(dirname "$0")/.."
-dir=build/packages
-
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-if ! {
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-        -DZNC_BUILD_TESTS=OFF -DZNC_BUILD_MAN=ON -DZNC_BUILD_PROGRAMS=ON &&
-        cmake --build "$dir" && rm -rf "$dir/debs" && (cd "$dir" && cpack)
-} >"$log" 2>&1; then
+
+built=${1-build/packages}
+mkdir -p "$built"
+built=$(realpath "$built")
+build() {
+    local options
+    mapfile -t options < <(debian/rules --silent options)
+    cmake -S . -B "$built" -G Ninja -DCMAKE_INSTALL_PREFIX=/usr "${options[@]}" && cmake --build "$built"
+}
+
+# In a copy of debian/: the tree of each package is made there.
+pack() (
+    rm -rf "$built/packing" "$built/debs"
+    mkdir -p "$built/packing" "$built/debs"
+    cp -a debian NEWS.md "$built/packing" && cd "$built/packing" &&
+        debian/rules binary ZNC_BUILT="$built" ZNC_DEBS="$built/debs"
+)
+SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH-$(dpkg-parsechangelog --show-field Timestamp)}
+export SOURCE_DATE_EPOCH DEB_RULES_REQUIRES_ROOT=no DEB_BUILD_OPTIONS=noautodbgsym
+if ! { { [[ $# -gt 0 ]] || build; } && pack; } >"$log" 2>&1; then
     cat "$log" >&2
     exit 1
 fi
-ls "$PWD/$dir/debs"/*.deb
+rm -rf "$built/packing"
+ls "$built"/debs/*.deb

@@ -44,7 +44,7 @@
 
 /* The version of the project. The build reads it from here. */
 #define ZNC_VERSION_MAJOR 1
-#define ZNC_VERSION_MINOR 0
+#define ZNC_VERSION_MINOR 1
 #define ZNC_VERSION_PATCH 0
 
 /* The version as one number that grows with each version, and as a string: "1.0.0". */
@@ -558,9 +558,10 @@ typedef enum zncBasePathType {
 
 /*
  * Write the directory of a storage area into `path` and create it. The base is the environment
- * variable ZNC_BASE if it is an absolute path, else "/ram0/znc". Returns the length of the text, or
- * 0 with ENOTSUP (no such area), ENAMETOOLONG, EPERM (another user owns a directory of the path or
- * can write to it) or an error of mkdir().
+ * variable ZNC_BASE if it is an absolute path, else the default of the build: "/ram0/znc" unless it
+ * was configured, as packages are. Returns the length of the text, or 0 with ENOTSUP (no such
+ * area), ENAMETOOLONG, EPERM (another user owns a directory of the path or can write to it) or an
+ * error of mkdir().
  */
 ZNC_NODISCARD size_t zncBasePathGet(char* path, size_t bufLen, uint32_t type);
 

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr const char* kBaseVariable = "ZNC_BASE";
-constexpr const char* kDefaultBase = "/ram0/znc";
 constexpr mode_t kAreaMode = 0700;
 
 // Indexed by zncBasePathType. Callers append a name to the path: only the layers' entry has no
@@ -53,7 +52,7 @@ std::size_t znc::base_path_text(char* path, std::size_t bufLen, std::uint32_t ty
     char* const end = path + bufLen;
     char* out = path + base_from_environment(path, bufLen);
     if (out == path)
-        out = znc::copy_end(path, end, kDefaultBase);
+        out = znc::copy_end(path, end, ZNC_STORE_BASE);
     if (type >= kAreas.size()) {
         errno = ENOTSUP;
         return 0;

@@ -9,6 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
+// The storage base if the environment names none.
+#ifndef ZNC_STORE_BASE // an option of the build
+#define ZNC_STORE_BASE "/ram0/znc"
+#endif
+
 inline bool pathIsSep(char ch)
 {
     return ch == '/' || ch == '\\';

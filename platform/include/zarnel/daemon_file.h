@@ -16,7 +16,9 @@
 extern "C" {
 #endif
 
+#ifndef ZN_RUNTIME_DIR /* an option of the build */
 #define ZN_RUNTIME_DIR "/run/zarnel"
+#endif
 #define ZN_DAEMON_LOCK "zncd.lock"
 #define ZN_DAEMON_FILE "zncd.info"
 

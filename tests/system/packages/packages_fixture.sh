@@ -4,15 +4,15 @@
 # again when that changes. Needs root, a Debian mirror, and the packages (packages_build.sh).
 set -euo pipefail
 
-: "${ZNC_BUILD_DIR:?the build with the packages}"
+debs_dir=${ZNC_DEBS:-${ZNC_BUILD_DIR:?the build with the packages}/debs}
 cd "${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the images}}"
 
-wanted=$(for deb in "$ZNC_BUILD_DIR"/debs/*.deb; do dpkg-deb --field "$deb" Depends; done)
+wanted=$(for deb in "$debs_dir"/*.deb; do dpkg-deb --field "$deb" Depends; done)
 if [[ ! -e packages-root.done || $(<packages-root.done) != "$wanted" ]]; then
     rm -rf packages-root packages-root.done
     cp -a root packages-root
     mkdir packages-root/debs
-    cp "$ZNC_BUILD_DIR"/debs/*.deb packages-root/debs
+    cp "$debs_dir"/*.deb packages-root/debs
     debs=(packages-root/debs/*.deb)
     debs=("${debs[@]#packages-root/}")
     resolver=packages-root/etc/resolv.conf

@@ -1,12 +1,14 @@
 # packages_lib.sh - sourced by the packages_*.sh tests.
 #
-# Needs ZNC_BUILD_DIR, the build whose installation is tested.
+# Needs ZNC_BUILD_DIR, the build whose installation is tested. ZNC_DEBS is the directory of the packages, if not that of
+# the build.
 # shellcheck shell=bash disable=SC2034
 set -euo pipefail
 # shellcheck source=tests/support/checks.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../support/checks.sh"
 
 : "${ZNC_BUILD_DIR:?the build to install}"
+debs=${ZNC_DEBS:-$ZNC_BUILD_DIR/debs}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source_dir=$(cd "$here/../../.." && pwd)
 work=$(mktemp -d /tmp/packages-test.XXXXXX)
@@ -21,6 +23,10 @@ prints() {
         printf 'printed: %s\n' "$printed"
         return 1
     }
+}
+
+project_version() {
+    sed -n 's/^#define ZNC_VERSION_[MP][A-Z]* //p' "$source_dir/container/runtime/include/zncontainer.h" | paste -sd .
 }
 
 install_component() {
