@@ -128,8 +128,11 @@ const char* open_links(const KeptRecord& kept, const NsRecord& record, Namespace
     UniqueFd keeper = ns_record_keeper(record);
     if (!keeper)
         return errno == ESRCH ? nullptr : "its keeper cannot be examined";
-    if (!is_recorded_keeper(kept, record.keeper))
-        return process_ended(keeper.get(), 0) ? nullptr : "its keeper is another process";
+    const KeeperIs found = keeper_examine(kept, record.keeper);
+    if (found == KeeperIs::kEnding || process_ended(keeper.get(), 0))
+        return nullptr;
+    if (found == KeeperIs::kOther)
+        return "its keeper is another process";
     links.keeperSocket = take_stored(kept.keeperSocket);
     if (!links.keeperSocket)
         return "the connection to its keeper was not stored";

@@ -109,11 +109,17 @@ void kept_record_remove(nsid_t ns)
     kept_remove(FileName(ns).text);
 }
 
-bool is_recorded_keeper(const KeptRecord& record, pid_t pid)
+KeeperIs keeper_examine(const KeptRecord& record, pid_t pid)
 {
-    return runs_helper(pid) && inode_of(pid, "exe") == record.executable &&
-           inode_of(pid, "ns/pid") == record.pidNamespace &&
-           inode_of(pid, "ns/mnt") == record.mountNamespace;
+    errno = 0;
+    const std::uint64_t executable = inode_of(pid, "exe");
+    if (executable == 0 && errno == ENOENT)
+        return KeeperIs::kEnding;
+    return executable == record.executable && runs_helper(pid) &&
+                   inode_of(pid, "ns/pid") == record.pidNamespace &&
+                   inode_of(pid, "ns/mnt") == record.mountNamespace
+               ? KeeperIs::kRecorded
+               : KeeperIs::kOther;
 }
 
 } // namespace zn

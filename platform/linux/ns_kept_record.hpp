@@ -38,8 +38,13 @@ int kept_record_write(nsid_t ns, const KeptRecord& record);
 int kept_record_read(nsid_t ns, KeptText& text, KeptRecord& record);
 void kept_record_remove(nsid_t ns);
 
-// Whether the process `pid` executes the helper and is in the namespaces of the record.
-bool is_recorded_keeper(const KeptRecord& record, pid_t pid);
+// What the process with the keeper's id and start time is.
+enum class KeeperIs {
+    kRecorded, // it executes the helper and is in the namespaces of the record
+    kEnding,   // it executes nothing any more, and waits for the ends of other processes
+    kOther
+};
+KeeperIs keeper_examine(const KeptRecord& record, pid_t pid);
 
 } // namespace zn
 
