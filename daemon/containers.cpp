@@ -12,6 +12,7 @@
 #include "zarnel/ns.h"
 #include "zarnel/overlay.h"
 
+#include "zncContainerKeep.hpp"
 #include "zncTrash.hpp"
 #include "zncprotocol.h"
 
@@ -46,6 +47,17 @@ void remove_stale_container(const fs::path& dir)
     fs::remove(dir, error);
 }
 
+bool is_registered(const std::string& id)
+{
+    std::array<char, 256> buffer{};
+    CONTAINER_STATE state = {};
+    if (id.size() >= buffer.size())
+        return false;
+    id.copy(buffer.data(), id.size());
+    return zncContainerStateGet(buffer.data(), &state) == OK;
+}
+
+// Directories of containers that were taken over stay.
 void remove_stale_containers()
 {
     std::array<char, 1024> area{};
@@ -56,23 +68,19 @@ void remove_stale_containers()
     std::error_code error;
     for (fs::directory_iterator it(area.data(), error), end; !error && it != end;
          it.increment(error))
-        if (is_real_directory(it->path()))
+        if (is_real_directory(it->path()) && !is_registered(it->path().filename()))
             remove_stale_container(it->path());
 }
 
-} // namespace
-
-bool other_daemon_serves()
+void log_refused(const char* id, const char* reason)
 {
-    // The lock file is not sufficient: it may have been removed while the daemon that holds it is
-    // running.
-    return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
+    log(Level::kError, "container %s of the previous daemon cannot be taken over and is ended: %s",
+        id[0] != '\0' ? id : "(unknown)", reason);
 }
 
-void recover()
+// Removes what is left of containers that are not registered.
+void clean_up()
 {
-    if (znMsgQUnlink(ZNC_MSG_Q_NAME) == OK)
-        log(Level::kWarning, "the previous daemon died; cleaning up after it");
     if (const int left = znnsRecover(); left != 0)
         log(Level::kWarning,
             "%d namespaces of the previous daemon were killed but exist until clients reap their "
@@ -85,6 +93,45 @@ void recover()
         log(Level::kWarning, "%d overlay devices could not be restored", left);
     remove_stale_containers();
     znc::trash_empty();
+}
+
+void settle_trash()
+{
+    znc::trash_empty();
+    if (!znc::trash_settled(kTrashMilliseconds))
+        log(Level::kInfo, "the next daemon will delete the remaining files of deleted containers");
+}
+
+} // namespace
+
+bool other_daemon_serves()
+{
+    // The lock file is not sufficient: it may have been removed while the daemon that holds it is
+    // running.
+    return znMsgQInUse(ZNC_MSG_Q_NAME) != FALSE;
+}
+
+void recover(const znKeepManager& manager)
+{
+    if (znMsgQUnlink(ZNC_MSG_Q_NAME) == OK)
+        log(Level::kWarning, "the previous daemon died; cleaning up after it");
+    if (znnsKeptEnd(&manager) != FALSE)
+        log(Level::kWarning, "the containers that the previous daemon has kept are ended: this "
+                             "daemon was started without --keep");
+    clean_up();
+}
+
+bool recover_and_adopt(const znKeepManager& manager)
+{
+    if (znnsKeepOpen(&manager) != OK) {
+        log_errno("containers cannot be kept");
+        return false;
+    }
+    if (const int adopted = znc::adopt_containers(log_refused); adopted != 0)
+        log(Level::kInfo, "containers taken over from the previous daemon: %d", adopted);
+    znc::keep_containers();
+    clean_up();
+    return true;
 }
 
 bool delete_all_containers()
@@ -107,10 +154,15 @@ bool delete_all_containers()
     if (const int left = znOvlSweep(); left != 0)
         log(Level::kWarning, "%d overlay devices could not be detached", left);
     remove_stale_containers();
-    znc::trash_empty();
-    if (!znc::trash_settled(kTrashMilliseconds))
-        log(Level::kInfo, "the next daemon will delete the remaining files of deleted containers");
+    settle_trash();
     return all;
+}
+
+void leave_containers()
+{
+    if (const int kept = znnsLeave(); kept != 0)
+        log(Level::kInfo, "containers left running for the next daemon: %d", kept);
+    settle_trash();
 }
 
 } // namespace zncd

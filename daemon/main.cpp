@@ -1,6 +1,7 @@
 // zncd - the container daemon. Runs in the foreground and serves requests until SIGTERM or SIGINT,
-// then finishes the current request and ends all containers.
+// then finishes the current request and ends all containers, or leaves them to the next daemon.
 #include "containers.hpp"
+#include "descriptor_store.hpp"
 #include "log.hpp"
 #include "notify.hpp"
 #include "priorities.hpp"
@@ -28,12 +29,14 @@
 namespace {
 
 constexpr int kExitUsage = 64;
-constexpr const char* kUsage = "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] "
-                               "[--allow-privileged] [--userns] | check | --help | --version\n";
+constexpr const char* kUsage =
+    "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] "
+    "[--allow-privileged] [--userns] [--keep] | check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
-    "containers. Must be run as root; only root can send requests.\n"
+    "containers (with --keep: only after SIGINT). Must be run as root; only root can send "
+    "requests.\n"
     "\n"
     "  --foreground       no effect: zncd always runs in the foreground\n"
     "  --log-level LEVEL  \"error\", \"warning\", \"info\" (default) or \"debug\" (logs each\n"
@@ -43,6 +46,8 @@ constexpr const char* kHelp =
     "                     namespaces of the host, more capabilities, devices, privileges from\n"
     "                     set-user-ID programs, no seccomp filter\n"
     "  --userns           give each container a user namespace with host users of its own\n"
+    "  --keep             leave the containers running when the daemon ends, and take over those\n"
+    "                     that an earlier daemon has left\n"
     "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
@@ -80,6 +85,7 @@ struct Options {
     bool allowUrgent = false;
     bool allowPrivileged = false;
     bool mapUsers = false;
+    bool keep = false;
 };
 
 // Returns the exit status, or -1 to continue and serve.
@@ -102,6 +108,10 @@ int parse_options(std::span<char* const> words, Options& options)
         }
         if (word == "--userns") {
             options.mapUsers = true;
+            continue;
+        }
+        if (word == "--keep") {
+            options.keep = true;
             continue;
         }
         if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
@@ -144,7 +154,7 @@ void log_refusal(const char* id, const char* reason)
     zncd::log(zncd::Level::kWarning, "container %s: configuration refused: %s", id, reason);
 }
 
-int serve(int stop_fd)
+int serve(int stop_fd, bool keep)
 {
     znTaskStopFdSet(stop_fd);
     errno = 0;
@@ -152,11 +162,17 @@ int serve(int stop_fd)
     const int error = errno;
     znTaskStopFdSet(-1);
     zncd::notify("STOPPING=1");
-    const bool stopped = zncd::stop_requested(stop_fd);
-    if (!stopped)
+    const zncd::StopRequest stop = zncd::stop_requested(stop_fd);
+    if (!stop.any)
         log_queue_failure("cannot serve the request queue", error);
+    if (keep && !stop.interrupt) {
+        zncd::leave_containers();
+        return stop.any ? 0 : 1;
+    }
+    if (keep)
+        znMsgQUnlink(ZNC_MSG_Q_NAME);
     const bool ended = zncd::delete_all_containers();
-    return stopped && ended ? 0 : 1;
+    return stop.any && ended ? 0 : 1;
 }
 
 } // namespace
@@ -171,6 +187,7 @@ int main(int argc, char** argv)
         zncd::log(zncd::Level::kError, "must be run as root: namespaces and mounts require it");
         return 1;
     }
+    const zncd::DescriptorStore descriptors;
     ::umask(077);
     std::signal(SIGPIPE, SIG_IGN);
     const znc::UniqueFd lock = zncd::take_lock(ZNC_VERSION);
@@ -191,7 +208,13 @@ int main(int argc, char** argv)
         zncd::log(zncd::Level::kError, "a daemon is running already");
         return 1;
     }
-    zncd::recover();
+    const znKeepManager manager = descriptors.manager();
+    if (!options.keep)
+        zncd::recover(manager);
+    else if (zncd::recover_and_adopt(manager))
+        znc::keep_requests();
+    else
+        return 1;
     znnsPrivilegedAllow(options.allowPrivileged ? TRUE : FALSE);
     if (options.mapUsers && znnsUsersMap(TRUE) != OK) {
         zncd::log_errno("cannot create a user namespace");
@@ -200,5 +223,5 @@ int main(int argc, char** argv)
     znnsRefusalListenerSet(log_refusal);
     znc::set_service_listener(
         {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});
-    return serve(stop.get());
+    return serve(stop.get(), options.keep);
 }

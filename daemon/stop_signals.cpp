@@ -1,8 +1,8 @@
 #include "stop_signals.hpp"
 
 #include <csignal>
-#include <poll.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 namespace zncd {
 
@@ -19,10 +19,15 @@ znc::UniqueFd block_stop_signals()
     return znc::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-bool stop_requested(int fd)
+StopRequest stop_requested(int fd)
 {
-    pollfd poll_fd = {fd, POLLIN, 0};
-    return ::poll(&poll_fd, 1, 0) == 1;
+    StopRequest request;
+    signalfd_siginfo signal = {};
+    while (::read(fd, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) {
+        request.any = true;
+        request.interrupt = request.interrupt || signal.ssi_signo == SIGINT;
+    }
+    return request;
 }
 
 } // namespace zncd

@@ -11,8 +11,12 @@ namespace zncd {
 // is pending. Invalid with errno set.
 znc::UniqueFd block_stop_signals();
 
-// Whether a stop signal is pending.
-bool stop_requested(int fd);
+// The stop signals that are pending, which are taken.
+struct StopRequest {
+    bool any = false;
+    bool interrupt = false; // one of them is SIGINT
+};
+StopRequest stop_requested(int fd);
 
 } // namespace zncd
 

@@ -113,6 +113,8 @@ void Keeper::adopt(pid_t pid, UniqueFd pidfd, UniqueFd socket)
     pid_ = pid;
     pidfd_ = std::move(pidfd);
     socket_ = std::move(socket);
+    // Answers to earlier owners have other serial numbers, except with a negligible probability.
+    serial_ = static_cast<std::uint32_t>(now_ns());
 }
 
 // Starts the keeper in a copy of the mount namespace `mounts`, or of the caller's if it is
@@ -143,11 +145,31 @@ bool Keeper::launch(int mounts, unsigned long namespaces)
     return pid_ > 0;
 }
 
-int Keeper::ask(const wire::Request& request, std::span<const char> text, int descriptor,
+// Receives the answer to the last request. 0 or an error number.
+int Keeper::receive(wire::Answer& answer, int waitMilliseconds)
+{
+    for (;;) {
+        if (!readable_within(socket_.get(), waitMilliseconds)) {
+            process_signal(pidfd_.get(), SIGKILL);
+            socket_.reset(); // a late answer must not be taken for the answer to a later request
+            return ETIMEDOUT;
+        }
+        const ssize_t n = ::recv(socket_.get(), &answer, sizeof answer, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n != static_cast<ssize_t>(sizeof answer))
+            return ESRCH;
+        if (answer.serial == serial_)
+            return 0;
+    }
+}
+
+int Keeper::ask(const wire::Request& asked, std::span<const char> text, int descriptor,
                 std::uint64_t* value, int waitMilliseconds)
 {
-    iovec iov[2] = {{const_cast<wire::Request*>(&request), sizeof request},
-                    {const_cast<char*>(text.data()), text.size()}};
+    wire::Request request = asked;
+    request.serial = ++serial_;
+    iovec iov[2] = {{&request, sizeof request}, {const_cast<char*>(text.data()), text.size()}};
     msghdr message = {};
     message.msg_iov = iov;
     message.msg_iovlen = 2;
@@ -162,17 +184,9 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
     } while (n < 0 && errno == EINTR);
     if (n < 0)
         return errno == EPIPE || errno == ECONNRESET ? ESRCH : errno;
-    if (!readable_within(socket_.get(), waitMilliseconds)) {
-        process_signal(pidfd_.get(), SIGKILL);
-        socket_.reset(); // a late answer must not be taken for the answer to a later request
-        return ETIMEDOUT;
-    }
     wire::Answer answer = {};
-    do {
-        n = ::recv(socket_.get(), &answer, sizeof answer, 0);
-    } while (n < 0 && errno == EINTR);
-    if (n != static_cast<ssize_t>(sizeof answer))
-        return ESRCH;
+    if (const int error = receive(answer, waitMilliseconds); error != 0)
+        return error;
     if (value != nullptr)
         *value = answer.value;
     return answer.error;
@@ -215,7 +229,7 @@ void Keeper::kill(std::int64_t deadline)
 
 bool Keeper::ended(int waitMilliseconds) const
 {
-    return process_ended(pidfd_.get(), waitMilliseconds);
+    return !pidfd_ || process_ended(pidfd_.get(), waitMilliseconds);
 }
 
 bool Keeper::reap()

@@ -23,10 +23,12 @@ class Keeper {
 
     // Takes over a helper that was started otherwise and serves requests at the other end of
     // `socket`.
+    // Earlier owners of that end may have left requests without reading the answers.
     void adopt(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket);
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
+    [[nodiscard]] int socket() const { return socket_.get(); }
 
     // Sends a request and waits for the answer. 0, or an error number: the one reported by the
     // keeper, ESRCH if the keeper is dead, ETIMEDOUT if it does not answer in time (it is then
@@ -43,9 +45,9 @@ class Keeper {
     // `deadline` (as returned by clock.hpp) passed first.
     void kill(std::int64_t deadline);
 
-    // Whether the keeper has ended, waiting up to the given time. The kernel ends the keeper only
-    // after all other processes of its PID namespace have been reaped, so a process whose parent is
-    // outside delays it until that parent waits for it.
+    // Whether there is no keeper, or it has ended, waiting up to the given time. The kernel ends
+    // the keeper only after all other processes of its PID namespace have been reaped, so a process
+    // whose parent is outside delays it until that parent waits for it.
     [[nodiscard]] bool ended(int waitMilliseconds) const;
 
     // Reaps the keeper. False if it has not ended.
@@ -53,11 +55,13 @@ class Keeper {
 
   private:
     static int bare_mounts();
+    int receive(wire::Answer& answer, int waitMilliseconds);
     bool launch(int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;
     znc::UniqueFd socket_;
+    std::uint32_t serial_ = 0; // of the last request
 };
 
 } // namespace zn

@@ -281,6 +281,22 @@ MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int opti
                                           : create_exclusive(name, maxMsgs, maxMsgLen);
 }
 
+MSG_Q_ID znMsgQTakeOver(const char* name, size_t maxMsgs, size_t maxMsgLen)
+{
+    znc::UniqueFd q(open_existing(name));
+    struct mq_attr attr;
+    if (!q || mq_getattr(q.get(), &attr) != 0 || attr.mq_maxmsg != static_cast<long>(maxMsgs) ||
+        attr.mq_msgsize != static_cast<long>(maxMsgLen)) {
+        errno = ENOENT;
+        return ZN_MSG_Q_INVALID;
+    }
+    if (!zn::queue_is_abandoned(q.get())) {
+        errno = EBUSY;
+        return ZN_MSG_Q_INVALID;
+    }
+    return zn::queue_mark_in_use(q.get()) ? q.release() : ZN_MSG_Q_INVALID;
+}
+
 STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int priority)
 {
     if (msg == nullptr && len != 0) {

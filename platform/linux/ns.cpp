@@ -3,16 +3,19 @@
 #include "base/file.hpp"
 #include "keeper_link.hpp"
 #include "ns_entry.hpp"
+#include "ns_keep.hpp"
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
 #include "ns_settings.hpp"
 #include "overlay_device.hpp"
 #include "system/pidfd.hpp"
+#include "zarnel/ns_keep.h"
 #include "zarnel/overlay.h"
 #include "zarnel/signal.h"
 
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/mount.h>
 #include <new>
 #include <pthread.h>
@@ -100,6 +103,20 @@ void reap_dying()
     }
 }
 
+// Waits for the end of the namespaces that were deleted. Returns the number of those that have not
+// ended.
+int settle_dying()
+{
+    const std::int64_t deadline = now_ns() + kShutdownNs;
+    int left = 0;
+    for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
+        left += ns->keeper.ended(milliseconds_until(deadline)) ? 0 : 1;
+    reap_dying();
+    overlay_devices_retry();
+    g_killDeadline = 0;
+    return left;
+}
+
 class Locked {
   public:
     Locked() { ::pthread_mutex_lock(&g_lock); }
@@ -181,6 +198,7 @@ void end_namespace(Namespace** link)
     const znc::ErrnoSaver keep;
     NamespacePtr ns(*link);
     *link = ns->next;
+    keep_forget(ns->id);
     remove_record(*ns);
     cgroup_thaw(ns->settings.group());
     ns->keeper.kill(g_killDeadline != 0 ? g_killDeadline : now_ns() + kEndNs);
@@ -341,7 +359,71 @@ bool same_pid_namespace(pid_t one, pid_t other)
     return ::stat(path, &b) == 0 && a.st_ino == b.st_ino && a.st_dev == b.st_dev;
 }
 
+UniqueFd copy_of(int descriptor)
+{
+    return UniqueFd(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+}
+
 } // namespace
+
+int namespace_links(nsid_t id, NamespaceLinks& links, znc::List<char>& mounts)
+{
+    const Locked lock;
+    const Namespace* ns = find(id);
+    if (ns == nullptr || !ns->sealed)
+        return EINVAL;
+    links.keeper = ns->keeper.pid();
+    links.keeperSocket = copy_of(ns->keeper.socket());
+    bool copied = static_cast<bool>(links.keeperSocket);
+    if (const UserNamespace& user = ns->settings.user()) {
+        links.holder = user.pid();
+        links.holderSocket = copy_of(user.socket());
+        copied = copied && links.holderSocket;
+    }
+    return copied ? ns->mounts.save(mounts) : errno;
+}
+
+int namespace_adopt(nsid_t id, const NsRecord& record, NamespaceLinks links,
+                    std::string_view mounts)
+{
+    const Locked lock;
+    NamespacePtr ns = namespace_new();
+    if (!ns || *find_link(id) != nullptr)
+        return ns ? EEXIST : ENOMEM;
+    ns->id = id;
+    ns->recorded = true;
+    ns->sealed = true;
+    std::memcpy(ns->root, record.root, sizeof ns->root);
+    ns->ownsDevice = is_own_device(record.root, record.name);
+    ns->entry.resume();
+    if (links.keeperProcess)
+        ns->keeper.adopt(links.keeper, std::move(links.keeperProcess),
+                         std::move(links.keeperSocket));
+    int error = ns->mounts.restore(mounts);
+    if (error == 0)
+        error = ns->settings.adopt(record.group, links.holder, std::move(links.holderProcess),
+                                   std::move(links.holderSocket));
+    if (error == 0)
+        *find_link(id) = ns.release();
+    return error;
+}
+
+bool namespace_is_own(nsid_t id)
+{
+    const Locked lock;
+    return *find_link(id) != nullptr;
+}
+
+bool namespace_rooted_on(const char* root)
+{
+    const Locked lock;
+    for (const Namespace* bucket : g_namespaces)
+        for (const Namespace* ns = bucket; ns != nullptr; ns = ns->next)
+            if (std::strcmp(ns->root, root) == 0)
+                return true;
+    return false;
+}
+
 } // namespace zn
 
 using namespace zn;
@@ -589,19 +671,30 @@ int znnsShutdown(void)
     for (Namespace*& bucket : g_namespaces)
         while (bucket != nullptr)
             end_namespace(&bucket);
-    const std::int64_t deadline = now_ns() + kShutdownNs;
-    int left = 0;
-    for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
-        left += ns->keeper.ended(milliseconds_until(deadline)) ? 0 : 1;
-    reap_dying();
-    overlay_devices_retry();
-    g_killDeadline = 0;
+    const int left = settle_dying();
+    keep_leave();
     return left;
+}
+
+int znnsLeave(void)
+{
+    const Locked lock;
+    for (Namespace*& bucket : g_namespaces)
+        for (Namespace** at = &bucket; *at != nullptr;)
+            if (keep_has((*at)->id))
+                at = &(*at)->next;
+            else
+                end_namespace(at);
+    settle_dying();
+    return keep_leave();
 }
 
 void znnsReap(void)
 {
-    const Locked lock;
-    reap_dying();
-    overlay_devices_retry();
+    {
+        const Locked lock;
+        reap_dying();
+        overlay_devices_retry();
+    }
+    keep_check();
 }

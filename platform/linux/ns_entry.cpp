@@ -26,6 +26,13 @@ int AwaitedEntry::begin(nsid_t ns, pid_t caller)
     return 0;
 }
 
+// If no spawn is expected or in progress, the first query finds that in the record.
+void AwaitedEntry::resume()
+{
+    until_ = now_ns() + kAwaitedNs;
+    caller_ = 0;
+}
+
 bool AwaitedEntry::is_open(nsid_t ns)
 {
     if (until_ == 0)

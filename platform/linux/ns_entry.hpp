@@ -17,6 +17,9 @@ class AwaitedEntry {
     // set.
     int begin(nsid_t ns, pid_t caller);
 
+    // Continues what another owner of the namespace began.
+    void resume();
+
     // Whether the spawn is still expected or in progress. False once it has succeeded or failed,
     // after two seconds, or if the caller ended before it began.
     bool is_open(nsid_t ns);

@@ -229,4 +229,42 @@ int NamespaceMounts::unmount(Keeper& keeper, const char* destination)
     return error;
 }
 
+// Each mount is a line "ID PATH" that ends with a NUL, the newest one first.
+int NamespaceMounts::save(List<char>& text) const
+{
+    for (const Entry* entry = newest_; entry != nullptr; entry = entry->next) {
+        char line[kRootPathMax + 24];
+        const int len =
+            std::snprintf(line, sizeof line, "%llu %s", static_cast<unsigned long long>(entry->id),
+                          entry->destination);
+        for (int i = 0; i <= len; i++)
+            if (text.append(line[i]) == nullptr)
+                return ENOMEM;
+    }
+    return 0;
+}
+
+int NamespaceMounts::restore(std::string_view text)
+{
+    Entry** last = &newest_;
+    while (!text.empty()) {
+        const std::size_t end = text.find('\0');
+        const std::size_t space = text.find(' ');
+        if (end == std::string_view::npos || space >= end || end - space > kRootPathMax)
+            return EINVAL;
+        MallocPtr<Entry> entry = znc::malloc_zeroed<Entry>();
+        if (!entry)
+            return ENOMEM;
+        unsigned long long id = 0;
+        if (std::sscanf(text.data(), "%llu ", &id) != 1)
+            return EINVAL;
+        entry->id = id;
+        std::strcpy(entry->destination, text.data() + space + 1);
+        *last = entry.release();
+        last = &(*last)->next;
+        text.remove_prefix(end + 1);
+    }
+    return 0;
+}
+
 } // namespace zn

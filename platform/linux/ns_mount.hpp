@@ -10,6 +10,7 @@
 #include "ns_user.hpp"
 
 #include <cstdint>
+#include <string_view>
 
 namespace zn {
 
@@ -32,6 +33,10 @@ class NamespaceMounts {
     // Unmounts the newest mount at `destination`; EINVAL if there is none. If the keeper is dead
     // (ESRCH), the mount is removed from the list, too.
     int unmount(Keeper& keeper, const char* destination);
+
+    // Appends the list of mounts as text, or sets it from such a text. EINVAL if that is damaged.
+    int save(List<char>& text) const;
+    int restore(std::string_view text);
 
   private:
     struct Entry;

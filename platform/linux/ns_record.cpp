@@ -235,7 +235,7 @@ bool ns_record_remove(nsid_t ns)
 
 // The pidfd keeps referring to one process; the start time, read afterwards, tells whether this is
 // the recorded process.
-static UniqueFd open_recorded(pid_t pid, unsigned long long recordedStart)
+UniqueFd process_recorded(pid_t pid, unsigned long long recordedStart)
 {
     UniqueFd pidfd = process_open(pid);
     const unsigned long long startTime = pidfd ? process_start_time(pid) : 0;
@@ -253,12 +253,12 @@ static UniqueFd open_recorded(pid_t pid, unsigned long long recordedStart)
 
 UniqueFd ns_record_keeper(const NsRecord& record)
 {
-    return open_recorded(record.keeper, record.startTime);
+    return process_recorded(record.keeper, record.startTime);
 }
 
 UniqueFd ns_record_holder(const NsRecord& record)
 {
-    return open_recorded(record.holder, record.holderStartTime);
+    return process_recorded(record.holder, record.holderStartTime);
 }
 
 UniqueFd ns_record_live(nsid_t ns, NsRecord& record)

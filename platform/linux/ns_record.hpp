@@ -43,6 +43,10 @@ struct NsRecord {
 // The start time of a process; 0 with errno set if it does not exist.
 unsigned long long process_start_time(pid_t pid);
 
+// Opens a pidfd of the process `pid` that started at that time; invalid with errno set, ESRCH if it
+// has ended.
+znc::UniqueFd process_recorded(pid_t pid, unsigned long long startTime);
+
 // Creates a record atomically, with the confinement of programs (helper/wire.hpp). 0, or -1 with
 // errno set (EEXIST: the id is in use) and no record.
 int ns_record_write(nsid_t ns, const NsRecord& record, std::span<const char> confinement = {});

@@ -2,6 +2,7 @@
 #include "zarnel/ns.h"
 
 #include "base/owned.hpp"
+#include "ns_keep.hpp"
 #include "ns_record.hpp"
 #include "system/clock.hpp"
 #include "system/pidfd.hpp"
@@ -18,6 +19,8 @@ constexpr std::int64_t kRecoverNs = kNsPerSec; // for all of them together
 
 void kill_recorded(nsid_t id, void* /*context*/)
 {
+    if (namespace_is_own(id)) // adopted
+        return;
     NsRecord record = {};
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();
     if (keeper)
@@ -34,6 +37,8 @@ struct Recovery {
 // deadline, it waits for a client to reap its program.
 void forget_recorded(nsid_t id, void* context)
 {
+    if (namespace_is_own(id))
+        return;
     auto* recovery = static_cast<Recovery*>(context);
     NsRecord record = {};
     const UniqueFd keeper = ns_record_read(id, record) == 0 ? ns_record_keeper(record) : UniqueFd();

@@ -291,6 +291,21 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, bool (*taken)(con
     return refuse_errno(fault, "linux.cgroupsPath", ENOMEM);
 }
 
+int NamespaceSettings::adopt(const char* group, pid_t holder, UniqueFd pidfd, UniqueFd alive)
+{
+    group_ = znc::copy_text(group);
+    if (!group_)
+        return ENOMEM;
+    if (!pidfd)
+        return 0;
+    int error = mappings_read(holder, "uid_map", settings_.uidMappings);
+    if (error == 0)
+        error = mappings_read(holder, "gid_map", settings_.gidMappings);
+    user_.adopt(holder, std::move(pidfd), std::move(alive), settings_.uidMappings,
+                settings_.gidMappings);
+    return error;
+}
+
 int NamespaceSettings::prepare(Keeper& keeper, SettingsFault& fault) const
 {
     for (const Kind& kind : kKinds) {

@@ -45,6 +45,10 @@ class NamespaceSettings {
                    SettingsFault& fault);
     [[nodiscard]] const char* group() const { return group_ ? group_.get() : ""; }
 
+    // Sets what is known of a namespace that another process created: its control group, and the
+    // process in its user namespace, which may be absent. 0 or an error number.
+    int adopt(const char* group, pid_t holder, znc::UniqueFd pidfd, znc::UniqueFd alive);
+
     // Lets a new keeper join existing namespaces, and those that were created with the user
     // namespace.
     int prepare(Keeper& keeper, SettingsFault& fault) const;

@@ -130,6 +130,16 @@ int UserNamespace::start(const List<IdMapping>& uids, const List<IdMapping>& gid
     return error != 0 ? error : tell_mapped(alive_.get());
 }
 
+void UserNamespace::adopt(pid_t pid, UniqueFd pidfd, UniqueFd alive, const List<IdMapping>& uids,
+                          const List<IdMapping>& gids)
+{
+    pid_ = pid;
+    pidfd_ = std::move(pidfd);
+    alive_ = std::move(alive);
+    uids_ = &uids;
+    gids_ = &gids;
+}
+
 UniqueFd UserNamespace::open_namespace() const
 {
     char path[64];

@@ -27,10 +27,16 @@ class UserNamespace {
     // must exist as long as this object. 0 or an error number.
     int start(const List<IdMapping>& uids, const List<IdMapping>& gids, unsigned long namespaces);
 
+    // Takes over the process of a namespace that another process created, with the socket that
+    // keeps it alive.
+    void adopt(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd alive, const List<IdMapping>& uids,
+               const List<IdMapping>& gids);
+
     explicit operator bool() const { return pid_ > 0; }
     // The process that keeps the namespace open.
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
+    [[nodiscard]] int socket() const { return alive_.get(); }
 
     // The namespace as mount_setattr needs it; invalid with errno set.
     [[nodiscard]] znc::UniqueFd open_namespace() const;

@@ -6,6 +6,7 @@
 
 #include "base/directory.hpp"
 #include "base/file.hpp"
+#include "ns_keep.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
 #include "overlay_layers.hpp"
@@ -268,11 +269,19 @@ int restore_stack(int devices, const char* name)
     return 0;
 }
 
+// Whether it is the root of a namespace that this process has taken over.
+bool is_adopted(const char* name)
+{
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "%s/%s", ZN_OVERLAY_DIR, name);
+    return namespace_rooted_on(path);
+}
+
 int restore_one(int devices, const char* name)
 {
     switch (look(devices, name)) {
     case Node::kWritable:
-        return detach(devices, name);
+        return is_adopted(name) ? 0 : detach(devices, name);
     case Node::kBare:
         return restore_stack(devices, name);
     case Node::kAbsent:

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <mqueue.h>
 #include <stdexcept>
+#include <string_view>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -44,7 +45,7 @@ DaemonProcess::DaemonProcess(const std::string& storage, const char* option)
     if (program == nullptr)
         throw std::runtime_error("ZNCD does not name the daemon's program");
     // A request sent to the queue of a dead daemon would wait a long time for a reply: wait until
-    // the new daemon has replaced the queue.
+    // the new daemon has replaced the queue, unless it is one that takes the queue over.
     const ino_t before = queue_identity();
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -54,9 +55,10 @@ DaemonProcess::DaemonProcess(const std::string& storage, const char* option)
         ::execl(program, program, option, static_cast<char*>(nullptr));
         ::_exit(127);
     }
-    const auto is_there = [before] {
+    const bool keeps = option != nullptr && std::string_view(option) == "--keep";
+    const auto is_there = [before, keeps] {
         const ino_t now = queue_identity();
-        return now != 0 && now != before;
+        return now != 0 && (keeps || now != before);
     };
     bool ended = false;
     const bool serves = eventually([&] {

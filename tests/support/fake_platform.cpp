@@ -1,6 +1,7 @@
 #include "fake_platform.hpp"
 
 #include "zarnel/ns.h"
+#include "zarnel/ns_keep.h"
 #include "zarnel/overlay.h"
 
 #include <cerrno>
@@ -19,6 +20,7 @@ std::vector<fake::Call> recorded;
 std::multimap<std::string, Failure> failures;
 std::map<int32_t, std::string> live;                      // namespace -> its root
 std::map<std::string, std::vector<std::string>> existing; // device -> its directories
+std::map<int32_t, fake::Kept> noted;                      // namespace -> what znnsKeep was given
 int32_t next_ns = 1;
 bool reported_in_use = false;
 
@@ -86,6 +88,7 @@ void reset()
     failures.clear();
     live.clear();
     existing.clear();
+    noted.clear();
     reported_in_use = false;
 }
 
@@ -131,6 +134,18 @@ std::set<int32_t> namespaces()
     for (const auto& [id, root] : live)
         ids.insert(id);
     return ids;
+}
+
+std::map<int32_t, Kept> kept()
+{
+    const std::lock_guard lock(guard);
+    return noted;
+}
+
+void set_note(int32_t ns, const std::string& note)
+{
+    const std::lock_guard lock(guard);
+    noted[ns].note = note;
 }
 
 std::set<std::string> devices()
@@ -300,6 +315,39 @@ int znnsShutdown(void)
 }
 
 void znnsKillAll(void) {}
+
+STATUS znnsKeep(nsid_t ns, pid_t program, const void* note, size_t size)
+{
+    fake::Call call;
+    call.op = "znnsKeep";
+    call.ns = ns;
+    call.handle = program;
+    const std::lock_guard lock(guard);
+    if (record_fails(call) || unknown(ns))
+        return ERROR;
+    noted[ns] = {program, std::string(static_cast<const char*>(note), size)};
+    return OK;
+}
+
+// The namespaces that were kept are taken over as they are; those that are not accepted end.
+int znnsAdopt(BOOL (*accept)(const znKept* kept, void* context),
+              void (*refused)(const char* name, nsid_t ns, const char* reason, void* context),
+              void* context)
+{
+    int adopted = 0;
+    for (const auto& [ns, one] : fake::kept()) {
+        const znKept given = {ns, TRUE, one.program, one.note.data(), one.note.size()};
+        if (accept(&given, context) != FALSE) {
+            adopted++;
+            continue;
+        }
+        refused("", ns, "refused", context);
+        const std::lock_guard lock(guard);
+        live.erase(ns);
+        noted.erase(ns);
+    }
+    return adopted;
+}
 
 void znnsReap(void) {}
 

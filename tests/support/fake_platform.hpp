@@ -7,6 +7,7 @@
 #define FAKE_PLATFORM_HPP
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,15 @@ struct Call {
 
     bool operator==(const Call&) const = default;
 };
+
+// What znnsKeep was given for a namespace.
+struct Kept {
+    int program = 0;
+    std::string note;
+};
+std::map<int32_t, Kept> kept();
+// Replaces the note of a namespace that is kept.
+void set_note(int32_t ns, const std::string& note);
 
 // Resets all calls, failures, namespaces and devices.
 void reset();

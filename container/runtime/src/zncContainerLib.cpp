@@ -202,7 +202,10 @@ STATUS zncContainerStart(const char* containerId, CONTAINER_START_PARM* param)
     param->envNum = process.envCount;
     // Set before the client has spawned the program, so that a second start fails.
     ctx->state.status = STATE_RUNNING;
-    return OK;
+    if (znc::keep_container(ctx.get()) == OK)
+        return OK;
+    ctx->state.status = STATE_CREATED;
+    return ERROR;
 }
 
 STATUS zncContainerKill(const char* containerId, int signo, unsigned int option)
@@ -233,6 +236,7 @@ STATUS zncContainerDelete(const char* containerId, unsigned int option)
     }
     if (zncContainerUmount(ctx.get()) != OK) {
         znc::send_progress("Unmount failed containerId: %s", containerId);
+        static_cast<void>(znc::keep_container(ctx.get())); // with the mounts that are left
         return fail(S_zncLib_UNMOUNT_FAILED);
     }
     if (zncContainerRemove(ctx.get()) != OK)
@@ -248,7 +252,11 @@ STATUS zncContainerStorePidHandle(const char* containerId, OBJ_HANDLE pidHandle)
         return ERROR;
     // Intentionally keep the mutex locked: from now on only the daemon task can use the container.
     // Its own calls succeed because the mutex is recursive.
-    ctx.release()->pidHandle = pidHandle;
+    CONTAINER_CTX* const stored = ctx.release();
+    stored->pidHandle = pidHandle;
+    // The program runs in any case. If this fails, the next daemon can signal it only together with
+    // all other processes of the container.
+    static_cast<void>(znc::keep_container(stored));
     return OK;
 }
 

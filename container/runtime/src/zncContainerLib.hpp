@@ -89,6 +89,12 @@ using LockedContext = std::unique_ptr<CONTAINER_CTX, ContextUnlock>;
 // Frees a context that is not on the list, with its configuration and its mutex. Preserves errno.
 void free_context(CONTAINER_CTX* ctx);
 
+// Whether a configuration has what a container needs: root, working directory, program.
+STATUS check_config(const runtimeSpecConfig& config);
+
+// Records the container for the next daemon if containers are kept (zncContainerKeep.hpp).
+STATUS keep_container(const CONTAINER_CTX* ctx);
+
 // Deletes the namespace if a failed unmount has left it.
 void drop_namespace(CONTAINER_CTX* ctx);
 

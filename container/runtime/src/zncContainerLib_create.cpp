@@ -71,18 +71,6 @@ STATUS set_identity(CONTAINER_CTX* ctx, const char* containerId)
     return OK;
 }
 
-STATUS check_config(const runtimeSpecConfig& config)
-{
-    if (config.root == nullptr || !znc::is_spec_path(config.root->path))
-        return fail(S_zncLib_OCI_ROOT_INVALID);
-    const runtimeSpecConfigProcess* const process = config.process;
-    if (process == nullptr || !znc::is_spec_absolute_path(process->cwd))
-        return fail(S_zncLib_OCI_CWD_INVALID);
-    if (!znc::is_spec_path(process->args[0]))
-        return fail(S_zncLib_OCI_ARG_INVALID);
-    return OK;
-}
-
 // Checks that the root still belongs to the bundle: another image may have been unpacked under its
 // path since (zncBundleLayers).
 STATUS check_root(const CONTAINER_CTX* ctx)
@@ -110,16 +98,28 @@ STATUS mount_and_register(CONTAINER_CTX* ctx)
         return ERROR;
     ctx->state.status = STATE_CREATED;
     ctx->mounted = FALSE;
-    if (zncContainerMount(ctx) != OK || znMutexTake(ctx->sem, ZN_NO_WAIT) != OK ||
-        zncContainerAdd(ctx) != OK)
+    ctx->state.createdTime = ::time(nullptr);
+    if (zncContainerMount(ctx) != OK || znc::keep_container(ctx) != OK ||
+        znMutexTake(ctx->sem, ZN_NO_WAIT) != OK || zncContainerAdd(ctx) != OK)
         return ERROR;
     ctx->state.pCtx = ctx;
-    ctx->state.createdTime = ::time(nullptr);
     zncContainerUnlock(ctx);
     return OK;
 }
 
 } // namespace
+
+STATUS znc::check_config(const runtimeSpecConfig& config)
+{
+    if (config.root == nullptr || !znc::is_spec_path(config.root->path))
+        return fail(S_zncLib_OCI_ROOT_INVALID);
+    const runtimeSpecConfigProcess* const process = config.process;
+    if (process == nullptr || !znc::is_spec_absolute_path(process->cwd))
+        return fail(S_zncLib_OCI_CWD_INVALID);
+    if (!znc::is_spec_path(process->args[0]))
+        return fail(S_zncLib_OCI_ARG_INVALID);
+    return OK;
+}
 
 STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
                           [[maybe_unused]] unsigned int option, [[maybe_unused]] ZNC_ATTR* pAttr)
@@ -134,7 +134,7 @@ STATUS zncContainerCreate(const char* containerId, const char* bundlePath,
     ctx->state.status = STATE_CREATING;
     ctx->nsId = -1;
     if (load_config(ctx.get(), bundlePath) != OK || set_identity(ctx.get(), containerId) != OK ||
-        check_config(*ctx->pConfig) != OK || check_root(ctx.get()) != OK ||
+        znc::check_config(*ctx->pConfig) != OK || check_root(ctx.get()) != OK ||
         mount_and_register(ctx.get()) != OK)
         return ERROR;
     static_cast<void>(ctx.release()); // now owned by the list

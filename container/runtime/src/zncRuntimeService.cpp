@@ -125,6 +125,7 @@ class HouseKeeping {
 };
 
 znc::ServiceListener service_listener;
+bool requests_kept = false;
 
 void notify_served(const zncMessage& message, const cJSON* root, int result)
 {
@@ -135,6 +136,12 @@ void notify_served(const zncMessage& message, const cJSON* root, int result)
                                  : cJSON_GetObjectItem(root, "containerId");
     const char* const id = cJSON_GetStringValue(key);
     service_listener.served(message.cmdId, id != nullptr ? id : "", result);
+}
+
+// A client removes its queue when it gives up.
+bool is_awaited(const zncMessage& message)
+{
+    return static_cast<bool>(znc::open_queue(message.name, znc::kReplyQueue, ZN_MSG_Q_FIFO));
 }
 
 // Serves requests until receiving one fails.
@@ -151,11 +158,25 @@ void serve(MSG_Q_ID queue)
         if (len < 0)
             return;
         errno = 0; // receiving may have changed errno
-        if (!znc::decode_request(&message, static_cast<std::size_t>(len)))
+        if (!znc::decode_request(&message, static_cast<std::size_t>(len)) ||
+            (requests_kept && !is_awaited(message)))
             continue;
         static_cast<void>(zncMessageProcess(&message));
         errno = 0; // do not carry errno over to the next request
     }
+}
+
+znc::UniqueQueue daemon_queue()
+{
+    const auto& [messages, length] = znc::kDaemonQueue;
+    if (requests_kept) {
+        znc::UniqueQueue left(znMsgQTakeOver(ZNC_MSG_Q_NAME, messages, length));
+        if (left)
+            return left;
+        znMsgQDiscard(ZNC_MSG_Q_NAME);
+    }
+    return znc::UniqueQueue(
+        znMsgQOpen(ZNC_MSG_Q_NAME, messages, length, ZN_MSG_Q_PRIORITY, ZN_MSG_Q_CREATE_EXCLUSIVE));
 }
 
 bool all_digits(std::string_view text)
@@ -206,20 +227,24 @@ void znc::set_service_listener(const ServiceListener& listener)
     service_listener = listener;
 }
 
+void znc::keep_requests()
+{
+    requests_kept = true;
+}
+
 STATUS zncDaemonTask(void)
 {
     const DeletionSafety safe;
     static_cast<void>(zncContainerInit());
-    const znc::UniqueQueue queue(znMsgQOpen(ZNC_MSG_Q_NAME, znc::kDaemonQueue.maxMsgs,
-                                            znc::kDaemonQueue.maxMsgLen, ZN_MSG_Q_PRIORITY,
-                                            ZN_MSG_Q_CREATE_EXCLUSIVE));
+    const znc::UniqueQueue queue = daemon_queue();
     if (!queue)
         return ERROR;
     if (service_listener.ready != nullptr)
         service_listener.ready();
     serve(queue.get());
     const znc::ErrnoSaver keep;
-    znMsgQUnlink(ZNC_MSG_Q_NAME);
+    if (!requests_kept)
+        znMsgQUnlink(ZNC_MSG_Q_NAME);
     return ERROR;
 }
 

@@ -35,6 +35,11 @@ struct ServiceListener {
 };
 void set_service_listener(const ServiceListener& listener); // call before zncDaemonTask
 
+// From now on the daemon task leaves its queue when it ends, and uses the queue that an earlier one
+// left: requests sent in between are served as if the daemon had been there. A request whose client
+// has given up is not.
+void keep_requests();
+
 } // namespace znc
 
 // Serves one decoded request: calls the handler and sends the reply. ERROR only if there was no

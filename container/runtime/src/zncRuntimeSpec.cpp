@@ -255,11 +255,14 @@ runtimeSpecConfig* zncInitializeRuntimeSpec(const char* path)
 {
     if (::access(path, F_OK) != 0)
         return nullptr;
+    znc::CJsonPtr tree(loadRuntimeSpec(path));
+    return tree ? znc::runtime_spec_of(std::move(tree)) : nullptr;
+}
+
+runtimeSpecConfig* znc::runtime_spec_of(CJsonPtr tree)
+{
     auto config = znc::malloc_zeroed<runtimeSpecConfig>();
     if (!config)
-        return nullptr;
-    znc::CJsonPtr tree(loadRuntimeSpec(path));
-    if (!tree)
         return nullptr;
     config->tree = tree.get();
     const auto section = [&config](znc::DocumentMember member) {

@@ -49,4 +49,11 @@ TextList text_list(const cJSON* array) noexcept;
 
 } // namespace znc
 
+namespace znc {
+
+// As zncInitializeRuntimeSpec, from a document that was read before.
+runtimeSpecConfig* runtime_spec_of(CJsonPtr tree);
+
+} // namespace znc
+
 #endif

@@ -57,6 +57,14 @@ typedef int MSG_Q_ID; /* negative: invalid */
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode);
 
 /*
+ * Open the queue `name` that another process of this user has created and that is abandoned: its
+ * creator closed it or ended. From then on the caller counts as its creator, and the messages in it
+ * can be received. ZN_MSG_Q_INVALID with errno set: ENOENT (no such queue, or one with another
+ * capacity or another owner), EBUSY (in use).
+ */
+MSG_Q_ID znMsgQTakeOver(const char* name, size_t maxMsgs, size_t maxMsgLen);
+
+/*
  * Send a message of `len` bytes, waiting up to `timeout` ticks for room. OK, or ERROR with EAGAIN
  * (full, ZN_NO_WAIT), ETIMEDOUT, EMSGSIZE (longer than the queue's message size) or EBADF. With
  * ZN_WAIT_FOREVER, EPIPE is returned within a second if the queue is full and abandoned: its name

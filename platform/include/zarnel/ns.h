@@ -165,7 +165,8 @@ STATUS znnsExpectEnd(nsid_t ns);
 STATUS znnsUrgentAllow(nsid_t ns, BOOL allowed);
 
 /*
- * Called when the daemon starts: end the namespaces left by an owner that died. All are killed
+ * Called when the daemon starts: end the namespaces left by an owner that died, except for those
+ * that this process has taken over (ns_keep.h). All are killed
  * first, then all are waited for together, for at most one second. Returns the number of those that
  * have not ended by then. They contain no live process: they wait until the parents of their
  * processes, which are clients, reap them.

@@ -3,9 +3,9 @@
 // The helper is a small static program without a C library, embedded in the platform and executed
 // from a sealed memfd. It separates the host from a container: as "zn-keeper" it is PID 1 of a
 // namespace, as "zn-spawn" it starts a program in one, as "zn-holder" it keeps a user namespace
-// open; as "zn-init" and "zn-exec" it becomes the programs of engines' containers. It shares no
-// memory with the process that starts it, its file cannot be modified, and it loads nothing from a
-// container's tree.
+// open, as "zn-store" the sockets of keepers; as "zn-init" and "zn-exec" it becomes the programs of
+// engines' containers. It shares no memory with the process that starts it, its file cannot be
+// modified, and it loads nothing from a container's tree.
 //
 // It does not decide what to mount or run; the platform does.
 #ifndef ZN_HELPER_HPP
@@ -35,10 +35,12 @@ inline bool text_equal(const char* a, const char* b)
     return *a == *b;
 }
 
-// The keeper (keeper.cpp), the spawner (spawner.cpp) and the holder (holder.cpp).
+// The keeper (keeper.cpp), the spawner (spawner.cpp), the holder (holder.cpp) and the store
+// (store.cpp).
 [[noreturn]] void keeper_run();
 [[noreturn]] void spawner_run(char** argv, char** envp);
 [[noreturn]] void holder_run();
+[[noreturn]] void store_run();
 
 // The processes of an engine's container (init.cpp): the first one, one that joins it, and one that
 // makes its root with the rights of the host.

@@ -290,7 +290,7 @@ void serve_all(Program& program)
             sys::exit_group(0);
         wire::Answer answer = {};
         answer.error = serve(in, descriptor.get(), program, hostRoot, &answer.value);
-        request_answer(wire::kInitSocket, answer);
+        request_answer(wire::kInitSocket, in.request, answer);
         if (in.request.op == wire::Op::kWait)
             return;
     }

@@ -187,6 +187,8 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     case wire::Op::kTerminal:
     case wire::Op::kFind:
     case wire::Op::kWait:
+    case wire::Op::kStore:
+    case wire::Op::kDrop:
         break;
     }
     return EINVAL;
@@ -225,7 +227,7 @@ void keeper_run()
             sys::exit_group(0);
         wire::Answer answer = {};
         answer.error = serve(in, descriptor.get(), &answer.value);
-        request_answer(wire::kKeeperSocket, answer);
+        request_answer(wire::kKeeperSocket, in.request, answer);
         // Exit after answering: the exit may take as long as writing back the dirty data of the
         // mounts that go with this namespace.
         if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)

@@ -56,8 +56,9 @@ bool request_receive(int socket, Incoming& in, sys::Fd& descriptor)
     return true;
 }
 
-void request_answer(int socket, const wire::Answer& answer)
+void request_answer(int socket, const wire::Request& request, wire::Answer answer)
 {
+    answer.serial = request.serial;
     // If the sender of the request is gone, the next receive reports it.
     sys::call(__NR_sendto, socket, sys::arg(&answer), sizeof answer, kMsgNoSignal);
 }

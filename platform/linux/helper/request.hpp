@@ -15,7 +15,8 @@ struct Incoming {
 // Receives a request and the descriptor sent with it. False if the sender is gone.
 bool request_receive(int socket, Incoming& in, sys::Fd& descriptor);
 
-void request_answer(int socket, const wire::Answer& answer);
+// Answers `request`.
+void request_answer(int socket, const wire::Request& request, wire::Answer answer);
 
 // Sends `text` with a descriptor. 0 or an error number.
 int descriptor_send(int socket, const char* text, int descriptor);

@@ -61,6 +61,8 @@ std::size_t strlen(const char* s)
         zn::keeper_run();
     if (argc > 0 && zn::text_equal(argv[0], zn::wire::kHolderName))
         zn::holder_run();
+    if (argc > 0 && zn::text_equal(argv[0], zn::wire::kStoreName))
+        zn::store_run();
     if (argc > zn::wire::kSpawnerFixedArgs && zn::text_equal(argv[0], zn::wire::kSpawnerName))
         zn::spawner_run(argv, envp);
     if (argc > zn::wire::kInitFixedArgs && zn::text_equal(argv[0], zn::wire::kInitName))

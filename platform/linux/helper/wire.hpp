@@ -1,5 +1,6 @@
-// wire.hpp - the protocol between the platform and its helper program. Both are always from the
-// same build (the helper is embedded in the library), so records are sent as raw memory.
+// wire.hpp - the protocol between the platform and its helper program. Both are usually from the
+// same build (the helper is embedded in the library), so records are sent as raw memory. Only the
+// keepers of namespaces that outlived their owner (zarnel/ns_keep.h) may be from another one.
 //
 // Used by the namespace service, znSpawn, the containers of engines, and the helper. Only
 // freestanding headers may be included: the helper has no C library.
@@ -11,10 +12,15 @@
 
 namespace zn::wire {
 
+// To be increased with every change of what is sent to keepers and the store, and of Confinement:
+// namespaces of another number are not adopted.
+inline constexpr unsigned kKeeperProtocol = 1;
+
 // The helper's parts, chosen by argv[0].
 inline constexpr char kKeeperName[] = "zn-keeper";
 inline constexpr char kSpawnerName[] = "zn-spawn";
 inline constexpr char kHolderName[] = "zn-holder";
+inline constexpr char kStoreName[] = "zn-store";
 inline constexpr char kInitName[] = "zn-init";
 inline constexpr char kEntrantName[] = "zn-exec";
 inline constexpr char kMakerName[] = "zn-make";
@@ -57,6 +63,10 @@ enum class Op : std::uint32_t {
     kTerminal,  // descriptor: socket that gets the terminal; value: rows << 16 | columns
     kFind,      // makes the working directory and looks the program up
     kWait,      // ends the requests: waits for the start
+
+    // Only for the store.
+    kStore, // descriptor: to be held open; answers its number
+    kDrop,  // value: the number of a descriptor to be closed
 };
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
@@ -84,11 +94,12 @@ struct Request {
     std::uint32_t textLen;    // length of the NUL-terminated strings that follow
     std::uint32_t textCount;
     Node node;
+    std::uint32_t serial; // a new one for each request
 };
 
 struct Answer {
-    std::int32_t error; // 0 or an error number
-    std::int32_t reserved;
+    std::int32_t error;   // 0 or an error number
+    std::uint32_t serial; // of the request
     std::uint64_t value;
 };
 
@@ -97,6 +108,14 @@ struct Answer {
 // The holder's only descriptor: a socket. A byte says that the mappings of its user namespace were
 // written, and is answered by a byte. It exits at the end of file.
 inline constexpr int kHolderSocket = 0;
+
+// ---------------------------------------------------------------- store
+
+// Holds descriptors open. kStoreSocket is its end of the control socket. The first descriptor that
+// it is given is the other end of that socket, which becomes kStoreOwner; from then on it does not
+// end when its owner does, and the next owner copies that end (pidfd_getfd).
+inline constexpr int kStoreSocket = 0;
+inline constexpr int kStoreOwner = 1;
 
 // ---------------------------------------------------------------- spawner
 

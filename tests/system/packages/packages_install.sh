@@ -62,7 +62,7 @@ check 'zncctl runs' inside zncctl --help
 check 'zncd runs' inside zncd --version
 check 'the daemon is enabled' \
     test -L "$root/etc/systemd/system/multi-user.target.wants/zncd.service"
-check 'the unit names the daemon where it is' grep -qx 'ExecStart=/usr/sbin/zncd' \
+check 'the unit names the daemon where it is' grep -qx 'ExecStart=/usr/sbin/zncd \$ZNCD_OPTIONS' \
     "$root/usr/lib/systemd/system/zncd.service"
 # Against the units of the host, which may lack the daemon.
 unit_problems() {
