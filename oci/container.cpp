@@ -5,6 +5,7 @@
 #include "front/words.hpp"
 #include "hooks.hpp"
 #include "log.hpp"
+#include "seccomp_agent.hpp"
 #include "signals.hpp"
 #include "systemd_scope.hpp"
 
@@ -94,7 +95,8 @@ class CreationHooks {
         begun_ = true;
         container_.process = process;
         directory_.write(container_);
-        const HookPlace inside = {process, container_.group, nullptr, container_.rootfs.c_str()};
+        const HookPlace inside = {process, container_.group, nullptr, container_.rootfs.c_str(),
+                                  nullptr};
         for (const char* kind : kCreationHooks)
             run_hooks(bundle_.config(), kind, state_text(container_, Status::kCreating),
                       OnFailure::kFail, kind == kCreationHooks[2] ? &inside : nullptr);
@@ -114,7 +116,8 @@ void run_start_hooks(const Container& container, const StateDirectory& directory
     if (!has_hooks(config, "startContainer"))
         return;
     const std::string document = zncctl::compact(config);
-    const HookPlace inside = {container.process, container.group, document.c_str(), "/"};
+    const SeccompAgent agent(config, container, Status::kCreated);
+    const HookPlace inside = {container.process, container.group, document.c_str(), "/", &agent};
     try {
         run_hooks(config, "startContainer", state_text(container, Status::kCreated),
                   OnFailure::kFail, &inside);
@@ -283,10 +286,12 @@ Started start_container(const Context& context, const std::string& id, sigset_t*
     if (signals != nullptr)
         *signals = block_forwarded_signals();
     Reason reason{};
-    if (znEngineStart(&container.process, directory.get(), reason.data(), reason.size()) != OK)
-        throw Failure(reason.data());
-    run_hooks(directory.read_config(), "poststart", state_text(container, Status::kRunning),
-              OnFailure::kContinue);
+    const Json config = directory.read_config();
+    const SeccompAgent agent(config, container, Status::kCreated);
+    if (znEngineStart(&container.process, directory.get(), agent.listener(), reason.data(),
+                      reason.size()) != OK)
+        throw Failure(agent.reason(reason.data()));
+    run_hooks(config, "poststart", state_text(container, Status::kRunning), OnFailure::kContinue);
     return started;
 }
 

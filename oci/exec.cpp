@@ -3,6 +3,7 @@
 #include "front/files.hpp"
 #include "front/words.hpp"
 #include "log.hpp"
+#include "seccomp_agent.hpp"
 #include "signals.hpp"
 
 #include <array>
@@ -151,11 +152,13 @@ int run_exec(const Context& context, const Arguments& args)
                     isDetached ? Console::Place::kDetached : Console::Place::kForeground);
     ZN_ENGINE_PROGRAM program = process.program(console.socket(), descriptors);
     console.set_size(program);
+    const SeccompAgent agent(config, container, Status::kRunning);
+    program.listener = agent.listener();
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     ZN_ENGINE_PROCESS started = {};
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
                      &program, &started.pid, reason.data(), reason.size()) != OK)
-        throw Failure(reason.data());
+        throw Failure(agent.reason(reason.data()));
     // Until here, a signal ends this process, and the helper with it.
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);

@@ -35,14 +35,14 @@ int run_features(const Context& /*context*/, const Arguments& /*args*/)
                                {"systemd", has_systemd_bus()},
                                {"systemdUser", false},
                                {"rdma", false}};
-    json["linux"]["seccomp"] = {
-        {"enabled", true},
-        {"actions",
-         {"SCMP_ACT_ALLOW", "SCMP_ACT_ERRNO", "SCMP_ACT_KILL", "SCMP_ACT_KILL_PROCESS",
-          "SCMP_ACT_KILL_THREAD", "SCMP_ACT_LOG", "SCMP_ACT_TRACE", "SCMP_ACT_TRAP"}},
-        {"operators",
-         {"SCMP_CMP_EQ", "SCMP_CMP_GE", "SCMP_CMP_GT", "SCMP_CMP_LE", "SCMP_CMP_LT",
-          "SCMP_CMP_MASKED_EQ", "SCMP_CMP_NE"}}};
+    json["linux"]["seccomp"] = {{"enabled", true},
+                                {"actions",
+                                 {"SCMP_ACT_ALLOW", "SCMP_ACT_ERRNO", "SCMP_ACT_KILL",
+                                  "SCMP_ACT_KILL_PROCESS", "SCMP_ACT_KILL_THREAD", "SCMP_ACT_LOG",
+                                  "SCMP_ACT_NOTIFY", "SCMP_ACT_TRACE", "SCMP_ACT_TRAP"}},
+                                {"operators",
+                                 {"SCMP_CMP_EQ", "SCMP_CMP_GE", "SCMP_CMP_GT", "SCMP_CMP_LE",
+                                  "SCMP_CMP_LT", "SCMP_CMP_MASKED_EQ", "SCMP_CMP_NE"}}};
     json["linux"]["apparmor"] = {{"enabled", true}};
     json["linux"]["selinux"] = {{"enabled", true}};
     json["linux"]["mountExtensions"]["idmap"] = {{"enabled", true}};

@@ -166,11 +166,12 @@ pid_t spawn_inside(const Hook& hook, const std::string& state, const HookPlace& 
     program.envp = hook.env.size() != 0 || place.document != nullptr ? hook.env.get() : environ;
     program.console = -1;
     program.output = STDERR_FILENO;
+    program.listener = place.agent != nullptr ? place.agent->listener() : nullptr;
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     pid_t pid = -1;
     if (znEngineHook(&place.process, place.document, place.group.c_str(), &program, state.c_str(),
                      &pid, reason.data(), reason.size()) != OK)
-        throw Failure(reason.data());
+        throw Failure(place.agent != nullptr ? place.agent->reason(reason.data()) : reason.data());
     return pid;
 }
 

@@ -3,6 +3,7 @@
 #define ZNC_OCI_HOOKS_HPP
 
 #include "front/json.hpp"
+#include "seccomp_agent.hpp"
 #include "zarnel/engine.h"
 
 #include <string>
@@ -21,6 +22,7 @@ struct HookPlace {
     const char* document;
     // The working directory: the root of the container, wherever it is mounted.
     const char* cwd;
+    const SeccompAgent* agent; // with a document
 };
 
 // Fails if a hook of the configuration is not as it must be.

@@ -5,6 +5,7 @@
 #include "keeper_request.hpp"
 #include "ns_kinds.hpp"
 #include "settings/seccomp.hpp"
+#include "settings/seccomp_listener.hpp"
 #include "settings/settings_policy.hpp"
 
 #include <array>
@@ -183,6 +184,8 @@ int NamespaceSettings::use_default_filter()
 int NamespaceSettings::read(const char* document, bool privileged, SettingsFault& fault)
 {
     int error = document != nullptr ? settings_read(document, settings_, fault) : 0;
+    if (error == 0)
+        error = seccomp_refuse_listener(settings_.seccomp, fault);
     if (error == 0)
         error = check(privileged, fault);
     if (error == 0)

@@ -50,6 +50,16 @@ typedef struct znEngineMount {
     size_t gidCount;
 } ZN_ENGINE_MOUNT;
 
+/*
+ * Receives the listener of a seccomp filter with SCMP_ACT_NOTIFY, which is closed after the call.
+ * The process has just got the filter, and continues when the call has returned OK; if it returns
+ * ERROR, the program is not started.
+ */
+typedef struct znEngineListener {
+    STATUS (*receive)(int listener, pid_t pid, void* context);
+    void* context;
+} ZN_ENGINE_LISTENER;
+
 /* A program. It gets the caller's standard streams, or a terminal. */
 typedef struct znEngineProgram {
     const char* cwd; /* absolute; created if missing */
@@ -65,6 +75,8 @@ typedef struct znEngineProgram {
     const char* file; /* its path; NULL: argv[0] is looked up in PATH */
     int input;        /* its standard input; 0 is that of the caller */
     int output;       /* its standard output; 0: that of the caller */
+    /* Of znEngineExec and znEngineHook; NULL: a filter with SCMP_ACT_NOTIFY is refused */
+    const ZN_ENGINE_LISTENER* listener;
 } ZN_ENGINE_PROGRAM;
 
 /* Identifies a process even if its id is reused. */
@@ -123,8 +135,10 @@ STATUS znEngineRelease(int container, char* reason, size_t size);
  * Start the program of the container whose first process is `process` and whose start socket is in
  * `directory`. Returns when it runs. ERROR with ESRCH if no container waits there, ETIMEDOUT if the
  * process does not answer (it may be stopped), ECHILD if it was killed before it ran the program.
+ * `listener`: as in ZN_ENGINE_PROGRAM.
  */
-STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reason, size_t size);
+STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory,
+                     const ZN_ENGINE_LISTENER* listener, char* reason, size_t size);
 
 /* Whether a container waits for its start in this state directory. */
 BOOL znEngineWaits(int directory);
@@ -233,7 +247,8 @@ STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use);
 /* Whether the caller is an ordinary user, or root of a user namespace that has not all users. */
 BOOL znEngineRootless(void);
 
-/* Connect to the socket at `path`. A close-on-exec descriptor, or -1. */
+/* Connect to the stream socket at `path`. A close-on-exec descriptor, or -1: with ETIMEDOUT if the
+ * socket does not accept connections for ten seconds. What is sent fails after that time, too. */
 int znEngineConnect(const char* path);
 
 #ifdef __cplusplus

@@ -70,6 +70,7 @@ int Reason::say_program(int error, wire::SpawnReport::Kind kind, const char* pro
         return say(error, "process.user, capabilities or seccomp: %s", message);
     case wire::SpawnReport::Kind::kProgram:
         break;
+    case wire::SpawnReport::Kind::kListener:
     case wire::SpawnReport::Kind::kPid:
     case wire::SpawnReport::Kind::kError:
         return say(error, "cannot set up the program's process: %s", message);

@@ -140,6 +140,7 @@ int EngineSettings::read(const char* document, SettingsFault& fault)
     if (error != 0 || !settings_.seccomp.given)
         return error;
     SeccompCode code;
+    settings_.seccomp.newerAreAbsent = true;
     error = seccomp_compile(settings_.seccomp, code, fault);
     for (const sock_filter& one : code.code)
         if (filter_.append({one.code, one.jt, one.jf, one.k}) == nullptr)

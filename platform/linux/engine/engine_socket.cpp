@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 namespace zn {
@@ -28,10 +29,13 @@ sockaddr_un address_in(int directory)
     return address;
 }
 
+// Invalid with errno set. A socket of an engine may accept no connections, and its queue be full.
 UniqueFd connect_to(const sockaddr_un& address, int type)
 {
+    constexpr timeval kPatience = {10, 0};
     UniqueFd socket(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     if (!socket ||
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience) != 0 ||
         ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         return UniqueFd();
     return socket;
@@ -125,6 +129,18 @@ bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, 
 
 using namespace zn;
 
+namespace {
+
+int connect_patiently(const sockaddr_un& address)
+{
+    UniqueFd socket = connect_to(address, SOCK_STREAM);
+    if (!socket && errno == EAGAIN)
+        errno = ETIMEDOUT;
+    return socket.release();
+}
+
+} // namespace
+
 BOOL znEngineWaits(int directory)
 {
     const znc::ErrnoSaver keep;
@@ -149,8 +165,8 @@ int znEngineConnect(const char* path)
             errno = ENAMETOOLONG;
             return -1;
         }
-        return connect_to(address, SOCK_STREAM).release();
+        return connect_patiently(address);
     }
     std::strcpy(address.sun_path, path);
-    return connect_to(address, SOCK_STREAM).release();
+    return connect_patiently(address);
 }

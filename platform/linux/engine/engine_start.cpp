@@ -4,6 +4,7 @@
 #include "base/file.hpp"
 #include "cgroup/cgroup.hpp"
 #include "engine_join.hpp"
+#include "engine_listener.hpp"
 #include "engine_reason.hpp"
 #include "engine_settings.hpp"
 #include "engine_socket.hpp"
@@ -19,6 +20,7 @@
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace zn {
 namespace {
@@ -37,6 +39,7 @@ struct Outcome {
     pid_t pid = -1;
     wire::SpawnReport::Kind kind = wire::SpawnReport::Kind::kError;
     int error = 0;
+    int listener = -1; // the number of a descriptor that the process waits to have taken
 
     // Takes one report; false at the end of file.
     bool read_from(int descriptor)
@@ -49,6 +52,10 @@ struct Outcome {
             return false;
         if (report.kind == wire::SpawnReport::Kind::kPid) {
             pid = report.value;
+            return true;
+        }
+        if (report.kind == wire::SpawnReport::Kind::kListener) {
+            listener = report.value;
             return true;
         }
         if (report.kind != wire::SpawnReport::Kind::kError)
@@ -79,9 +86,36 @@ int finish(int error)
     return ERROR;
 }
 
+// Passes on the listener that a process has reported, if any. A process that cannot continue is
+// killed: it may wait for an answer that nobody will give.
+int pass_reported(Outcome& outcome, int pidfd, int socket, const ZN_ENGINE_LISTENER* receiver,
+                  Reason& said)
+{
+    if (outcome.listener < 0)
+        return 0;
+    const int error = listener_pass(receiver, std::exchange(outcome.listener, -1), outcome.pid,
+                                    pidfd, socket, said);
+    if (error != 0)
+        process_signal(pidfd, SIGKILL);
+    return error;
+}
+
+// The same for a child of this process that has been reported.
+int pass_of_child(Outcome& outcome, int socket, const ZN_ENGINE_LISTENER* receiver, Reason& said)
+{
+    if (outcome.listener < 0 || outcome.pid <= 0)
+        return 0;
+    const UniqueFd child = process_open(outcome.pid);
+    const int error = pass_reported(outcome, child.get(), socket, receiver, said);
+    if (error != 0)
+        process_reap(child.get());
+    return error;
+}
+
 // Reads until the other end is closed. EBUSY if the group is frozen: a process that has entered it
 // does not continue.
-int follow(int reader, const char* group, Outcome& outcome)
+int follow(int reader, const char* group, const ZN_ENGINE_LISTENER* receiver, Outcome& outcome,
+           Reason& said)
 {
     constexpr int kLookMs = 200;
     for (;;) {
@@ -89,22 +123,24 @@ int follow(int reader, const char* group, Outcome& outcome)
         if (readable_within(reader, kLookMs)) {
             if (!outcome.read_from(reader))
                 return 0;
+            if (const int error = pass_of_child(outcome, reader, receiver, said); error != 0)
+                return error;
         } else if (*group != '\0' && cgroup_frozen(group, frozen) == 0 && frozen) {
             return EBUSY;
         }
     }
 }
 
-// Starts the helper that joins the container; `report` is the reading end of its reports.
+// Starts the helper that joins the container, and follows its reports. 0 or an error number.
 int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int process, int record,
-                   const char* group, Outcome& outcome)
+                   const char* group, Outcome& outcome, Reason& said)
 {
-    int pipes[2];
+    int pair[2];
     const UniqueFd file = helper_file();
-    if (!file || ::pipe2(pipes, O_CLOEXEC) != 0)
+    if (!file || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         return errno;
-    const UniqueFd reader(pipes[0]);
-    UniqueFd writer(pipes[1]);
+    const UniqueFd reader(pair[0]);
+    UniqueFd writer(pair[1]);
     ProgramArguments arguments;
     ProgramDescriptors fds;
     if (!arguments.make(wire::kEntrantName, program, unconfined) ||
@@ -118,7 +154,7 @@ int launch_entrant(const ZN_ENGINE_PROGRAM& program, bool unconfined, int proces
     if (helper < 0)
         return errno;
     writer.reset();
-    const int error = follow(reader.get(), group, outcome);
+    const int error = follow(reader.get(), group, program.listener, outcome, said);
     if (error != 0)
         process_signal(pidfd.get(), SIGKILL); // it ends when the group is thawed
     else
@@ -149,9 +185,9 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
         error == 0 ? settings.record(group, namespaces_to_join(process.pid, kJoined)) : UniqueFd();
     Outcome outcome;
     if (error == 0)
-        error = record
-                    ? launch_entrant(program, unconfined, first.get(), record.get(), group, outcome)
-                    : errno;
+        error = record ? launch_entrant(program, unconfined, first.get(), record.get(), group,
+                                        outcome, said)
+                       : errno;
     if (error == EBUSY)
         return said.say(error, "cannot exec in a paused container");
     if (error != 0)
@@ -191,7 +227,8 @@ UniqueFd sealed_text(const char* text)
 
 using namespace zn;
 
-STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reason, size_t size)
+STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory,
+                     const ZN_ENGINE_LISTENER* listener, char* reason, size_t size)
 {
     constexpr int kRetryMs = 20;
     Reason said(reason, size);
@@ -210,7 +247,11 @@ STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory, char* reas
         return finish(said.say_errno(errno, "the container's first process"));
     // End of file: the program was executed, which closed the other end.
     Outcome outcome;
+    outcome.pid = process->pid;
     do {
+        const int error = pass_reported(outcome, first.get(), socket.get(), listener, said);
+        if (error != 0)
+            return finish(error);
         if (!readable_within(socket.get(), kStartWait))
             return finish(said.say(ETIMEDOUT, "the container's first process does not answer"));
     } while (outcome.read_from(socket.get()));

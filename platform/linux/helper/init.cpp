@@ -475,8 +475,10 @@ void entrant_run(char** argv, char** envp)
     set_out_of_memory_score(rules);
     choose_labels_on_host(rules);
     check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
-    // As in the spawner: the new process is in the PID namespace and a child of the caller.
-    const long pid = sys::call(__NR_clone, CLONE_PARENT | CLONE_VFORK, 0, 0, 0, 0);
+    // As in the spawner: the new process is in the PID namespace and a child of the caller. It must
+    // be reported before it can report a listener.
+    const long wait = filter_listens(rules) ? 0 : CLONE_VFORK;
+    const long pid = sys::call(__NR_clone, CLONE_PARENT | wait, 0, 0, 0, 0);
     if (pid == 0) {
         if (program.unconfined)
             program_become_unconfined(program);

@@ -65,6 +65,8 @@ void choose_labels(const Rules& rules, int proc);
 void join_new_session_keyring();
 void set_limits(const Rules& rules);
 void drop_rights(const Rules& rules, const Identity& user);
+// Whether the filter has a listener: drop_rights() reports it and waits until it has been taken.
+bool filter_listens(const Rules& rules);
 void default_signals();
 
 // The host's id of a user of the container; -1 if it has none.

@@ -201,6 +201,19 @@ void set_limits(const Rules& rules)
 
 namespace {
 
+// While a listener exists, calls wait for its answer. If this process kept it, they would wait even
+// if the program that answers had ended.
+void hand_over(long listener)
+{
+    report(wire::SpawnReport::Kind::kListener, listener);
+    char byte = 0;
+    const long got = sys::call(__NR_read, wire::kSpawnerReport, sys::arg(&byte), sizeof byte);
+    check(got < 0 ? got : 0);
+    if (got == 0)
+        sys::exit_group(127);
+    check(sys::call(__NR_close, listener));
+}
+
 void install_filter(const Rules& rules)
 {
     if (rules->filter == 0)
@@ -209,7 +222,11 @@ void install_filter(const Rules& rules)
         unsigned short length;
         const wire::FilterCode* code;
     } const program = {static_cast<unsigned short>(rules->filter), rules.filter()};
-    check(sys::call(__NR_seccomp, SECCOMP_SET_MODE_FILTER, rules->filterFlags, sys::arg(&program)));
+    const long result =
+        sys::call(__NR_seccomp, SECCOMP_SET_MODE_FILTER, rules->filterFlags, sys::arg(&program));
+    check(result);
+    if (filter_listens(rules))
+        hand_over(result);
 }
 
 void limit_capabilities(std::uint64_t bounding)
@@ -240,6 +257,11 @@ void set_capabilities(const Identity& user)
 }
 
 } // namespace
+
+bool filter_listens(const Rules& rules)
+{
+    return rules->filter != 0 && (rules->filterFlags & SECCOMP_FILTER_FLAG_NEW_LISTENER) != 0;
+}
 
 void drop_rights(const Rules& rules, const Identity& user)
 {

@@ -187,8 +187,8 @@ struct FilterCode { // as the kernel's sock_filter
     std::uint32_t k;
 };
 
-// Written to the pipe before the spawner exits, which it does when the program runs or could not be
-// started: the program's process id, and the error number if it failed.
+// Written to kSpawnerReport before the spawner exits, which it does when the program runs or could
+// not be started: the program's process id, and the error number if it failed.
 struct SpawnReport {
     enum class Kind : std::int32_t {
         kPid,
@@ -199,6 +199,9 @@ struct SpawnReport {
         kRights,
         kDirectory,
         kProgram,
+        // The value is the number of the listener of the filter that this process has installed. It
+        // waits for a byte, by which the reader of the report says that it has the listener.
+        kListener,
     } kind;
     std::int32_t value;
 };

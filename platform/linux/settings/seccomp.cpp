@@ -14,6 +14,7 @@
 
 #include "seccomp_conditions.hpp"
 #include "seccomp_filter.hpp"
+#include "seccomp_listener.hpp"
 
 #include <algorithm>
 #include <array>
@@ -27,6 +28,7 @@ namespace zn {
 namespace {
 
 constexpr std::uint32_t kTraceMax = 0xffff;
+constexpr std::uint32_t kRefused = SCMP_ACT_ERRNO(EPERM);
 
 // Where something is in the profile, for reports.
 struct Place {
@@ -129,6 +131,7 @@ constexpr Flag kFlags[] = {
 
 int read_flags(const SeccompProfile& profile, unsigned& flags, SettingsFault& fault)
 {
+    const bool hasListener = seccomp_notifies(profile);
     // Without this flag, kernels before 5.16 enable speculation mitigations for the process, which
     // slow it down. runc sets it, too, unless a profile names flags.
     if (profile.flags.empty())
@@ -136,15 +139,24 @@ int read_flags(const SeccompProfile& profile, unsigned& flags, SettingsFault& fa
     for (std::size_t i = 0; i < profile.flags.size(); i++) {
         const Place place("linux.seccomp.flags[%zu]", i);
         const std::string_view name = profile.flags[i].get();
-        // The kernel accepts it only together with a listener.
-        if (name == "SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV")
-            return refuse(fault, place, "needs a listener, which is not supported", ENOTSUP);
+        if (name == "SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV") {
+            // The kernel accepts it only together with a listener.
+            if (!hasListener)
+                return refuse(fault, place, "needs a rule with SCMP_ACT_NOTIFY", ENOTSUP);
+            flags |= SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV;
+            continue;
+        }
         const auto* const known = std::find_if(std::begin(kFlags), std::end(kFlags),
                                                [&](const Flag& one) { return one.name == name; });
         if (known == std::end(kFlags))
             return refuse(fault, place, "not the name of a flag");
         flags |= known->bit;
     }
+    // The kernel does not return a listener if it is to apply the filter to all threads, too. The
+    // process that installs the filter has one.
+    if (hasListener)
+        flags = (flags & ~static_cast<unsigned>(SECCOMP_FILTER_FLAG_TSYNC)) |
+                SECCOMP_FILTER_FLAG_NEW_LISTENER;
     return 0;
 }
 
@@ -230,6 +242,8 @@ int seccomp_compile(const SeccompProfile& profile, SeccompCode& code, SettingsFa
 {
     if (!is_valid(profile.fallback))
         return refuse(fault, Place("linux.seccomp.defaultErrnoRet"), kBadNumber);
+    if (const int refused = seccomp_check_listener(profile, fault); refused != 0)
+        return refused;
     SeccompCode made;
     SeccompFilter filter;
     SeccompConditions checks(made.code);
@@ -246,6 +260,8 @@ int seccomp_compile(const SeccompProfile& profile, SeccompCode& code, SettingsFa
     if (error != 0)
         return error;
     error = add_rules(profile, calls, filter, checks);
+    if (error == 0 && profile.newerAreAbsent && seccomp_answer(profile.fallback) == kRefused)
+        error = checks.add_absent(profile);
     if (error == 0)
         error = filter.compile(made.code);
     if (error != 0)

@@ -160,6 +160,17 @@ std::uint32_t reported(std::uint32_t architecture)
     return architecture == SCMP_ARCH_X32 ? SCMP_ARCH_X86_64 : architecture;
 }
 
+// The greatest number of a call that the profile names; -1 if there is none.
+int greatest_number(const SeccompProfile& profile, std::uint32_t architecture)
+{
+    int greatest = -1;
+    for (const SeccompRule& rule : profile.rules)
+        for (const Text& name : rule.names)
+            greatest =
+                std::max(greatest, seccomp_syscall_resolve_name_arch(architecture, name.get()));
+    return greatest;
+}
+
 } // namespace
 
 std::uint32_t seccomp_answer(const SeccompAnswer& answer)
@@ -179,6 +190,8 @@ std::uint32_t seccomp_answer(const SeccompAnswer& answer)
         return SCMP_ACT_ALLOW;
     case SeccompAction::kLog:
         return SCMP_ACT_LOG;
+    case SeccompAction::kNotify:
+        return SCMP_ACT_NOTIFY;
     }
     return SCMP_ACT_KILL_PROCESS;
 }
@@ -188,6 +201,14 @@ int SeccompConditions::append(const sock_filter& one)
     if (code_.size() >= kSeccompLengthMax)
         return EFBIG;
     return code_.append(one) != nullptr ? 0 : ENOMEM;
+}
+
+int SeccompConditions::append_all(std::initializer_list<sock_filter> all)
+{
+    for (const sock_filter& one : all)
+        if (const int error = append(one); error != 0)
+            return error;
+    return 0;
 }
 
 int SeccompConditions::add_architecture(std::uint32_t architecture)
@@ -245,13 +266,11 @@ int SeccompConditions::add_call(const SeccompProfile& profile, const char* name,
     const std::uint32_t fallback = seccomp_answer(profile.fallback);
     const std::size_t begin = code_.size();
     constexpr std::size_t kSkips[] = {2, 5}; // to the end, which may be too far for a test
-    for (const sock_filter& one :
-         {load(offsetof(seccomp_data, arch)), test(BPF_JEQ, reported(architecture), 1, 0), skip(),
-          load(offsetof(seccomp_data, nr)), test(BPF_JEQ, number, 1, 0), skip()}) {
-        const int error = append(one);
-        if (error != 0)
-            return error;
-    }
+    const int begun =
+        append_all({load(offsetof(seccomp_data, arch)), test(BPF_JEQ, reported(architecture), 1, 0),
+                    skip(), load(offsetof(seccomp_data, nr)), test(BPF_JEQ, number, 1, 0), skip()});
+    if (begun != 0)
+        return begun;
     for (const SeccompRule& rule : profile.rules) {
         if (seccomp_answer(rule.answer) == fallback || !names_call(rule, name))
             continue;
@@ -282,6 +301,29 @@ int SeccompConditions::add(const SeccompProfile& profile, const char* name, std:
     for (const SeccompRule& rule : profile.rules)
         if (hidden && names_call(rule, name) && is_stricter(seccomp_answer(rule.answer), unseen))
             unseen = seccomp_answer(rule.answer);
+    return 0;
+}
+
+int SeccompConditions::add_absent_above(std::uint32_t architecture, std::uint32_t number)
+{
+    constexpr std::uint32_t kX32 = 0x40000000; // added to the numbers of calls of x32
+    // Other numbers, and those of x32 on x86-64, are left to the following code.
+    const std::uint32_t end = architecture == SCMP_ARCH_X86_64 ? kX32 : UINT32_MAX;
+    return append_all({load(offsetof(seccomp_data, arch)),
+                       test(BPF_JEQ, reported(architecture), 0, 4),
+                       load(offsetof(seccomp_data, nr)), test(BPF_JGT, number, 0, 2),
+                       test(BPF_JGE, end, 1, 0), give(SCMP_ACT_ERRNO(ENOSYS))});
+}
+
+int SeccompConditions::add_absent(const SeccompProfile& profile)
+{
+    for (const std::uint32_t architecture : architectures_) {
+        const int number = greatest_number(profile, architecture);
+        const int error =
+            number < 0 ? 0 : add_absent_above(architecture, static_cast<std::uint32_t>(number));
+        if (error != 0)
+            return error;
+    }
     return 0;
 }
 

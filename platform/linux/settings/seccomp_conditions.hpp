@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <linux/filter.h>
 #include <span>
 
@@ -36,12 +37,18 @@ class SeccompConditions {
     // such architecture.
     int add(const SeccompProfile& profile, const char* name, std::uint32_t& unseen);
 
+    // Answers ENOSYS to calls whose numbers are greater than those of all calls that the profile
+    // names. The kernel numbers calls in the order in which they are added.
+    int add_absent(const SeccompProfile& profile);
+
   private:
     int add_call(const SeccompProfile& profile, const char* name, std::uint32_t architecture,
                  std::uint32_t number);
     int add_rule(const SeccompRule& rule);
     int add_alternative(std::span<const SeccompArg> args, std::uint32_t answer);
     int add_comparison(const SeccompArg& arg);
+    int add_absent_above(std::uint32_t architecture, std::uint32_t number);
+    int append_all(std::initializer_list<sock_filter> all);
     int append(const sock_filter& one);
 
     List<sock_filter>& code_;

@@ -50,8 +50,12 @@ int append_code(int fd, List<sock_filter>& code)
 bool SeccompFilter::is_available(std::uint32_t answer)
 {
     constexpr unsigned kHasLogAndKillProcess = 3; // the API level of Linux 4.14
-    return (answer != SCMP_ACT_LOG && answer != SCMP_ACT_KILL_PROCESS) ||
-           seccomp_api_get() >= kHasLogAndKillProcess;
+    constexpr unsigned kHasNotify = 5;            // of Linux 5.0
+    const unsigned needed = answer == SCMP_ACT_NOTIFY ? kHasNotify
+                            : answer == SCMP_ACT_LOG || answer == SCMP_ACT_KILL_PROCESS
+                                ? kHasLogAndKillProcess
+                                : 0;
+    return needed == 0 || seccomp_api_get() >= needed;
 }
 
 int SeccompFilter::start(std::uint32_t fallback)

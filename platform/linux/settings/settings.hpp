@@ -142,6 +142,7 @@ enum class SeccompAction : unsigned {
     kTrace,
     kAllow,
     kLog,
+    kNotify, // another program decides (seccomp_listener.hpp)
 };
 
 inline constexpr std::uint32_t kSeccompErrnoMax = 4094; // libseccomp refuses larger ones
@@ -171,7 +172,11 @@ struct SeccompProfile {
     SeccompAnswer fallback;   // defaultAction
     List<Text> architectures; // "SCMP_ARCH_X86_64" and so on
     List<Text> flags;         // "SECCOMP_FILTER_FLAG_LOG" and so on
+    Text listenerPath;        // null or "": none
+    bool hasMetadata = false; // listenerMetadata is not empty
     List<SeccompRule> rules;
+    // Not read: calls that are newer than all that the rules name fail with ENOSYS, not with EPERM.
+    bool newerAreAbsent = false;
 };
 
 // ---------------------------------------------------------------- everything

@@ -6,7 +6,6 @@ namespace zn {
 namespace {
 
 constexpr std::int64_t kDataMax = 0xffff; // SECCOMP_RET_DATA
-constexpr char kNotify[] = "SCMP_ACT_NOTIFY";
 
 constexpr Word<SeccompAction> kActions[] = {
     {"SCMP_ACT_KILL", SeccompAction::kKillThread},
@@ -17,6 +16,7 @@ constexpr Word<SeccompAction> kActions[] = {
     {"SCMP_ACT_TRACE", SeccompAction::kTrace},
     {"SCMP_ACT_ALLOW", SeccompAction::kAllow},
     {"SCMP_ACT_LOG", SeccompAction::kLog},
+    {"SCMP_ACT_NOTIFY", SeccompAction::kNotify},
 };
 
 constexpr Word<SeccompCompare> kCompares[] = {
@@ -31,8 +31,6 @@ constexpr Word<SeccompCompare> kCompares[] = {
 
 bool read_action(JsonReader& reader, const Node& at, SeccompAnswer& answer)
 {
-    if (cJSON_IsString(at.value) != 0 && std::string_view(at.value->valuestring) == kNotify)
-        return reader.unsupported(at, "SCMP_ACT_NOTIFY is not supported");
     return read_word(reader, at, kActions, "unknown action", answer.action);
 }
 
@@ -142,13 +140,20 @@ bool read_default_number(JsonReader& reader, const Node& at, SeccompProfile& pro
     return read_number(reader, at, profile.fallback);
 }
 
+// Opaque data, which may be long and contain any character.
+bool read_metadata(JsonReader& reader, const Node& at, SeccompProfile& profile)
+{
+    profile.hasMetadata = cJSON_IsString(at.value) != 0 && at.value->valuestring[0] != '\0';
+    return cJSON_IsString(at.value) != 0 || reader.refuse(at, "not a string");
+}
+
 constexpr Member<SeccompProfile> kProfile[] = {
     {"defaultAction", read_default_action, Presence::kRequired},
     {"defaultErrnoRet", read_default_number},
     {"architectures", read_list_of<&SeccompProfile::architectures, read_architecture>},
     {"flags", read_list_of<&SeccompProfile::flags, read_flag>},
-    {"listenerPath", read_unsupported<SeccompProfile>},
-    {"listenerMetadata", read_unsupported<SeccompProfile>},
+    {"listenerPath", read_text<&SeccompProfile::listenerPath>},
+    {"listenerMetadata", read_metadata},
     {"syscalls", read_list_of<&SeccompProfile::rules, read_rule>},
 };
 

@@ -58,7 +58,7 @@ TEST(EngineStart, WithoutAContainerThereIsNothingToStart)
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     const ZN_ENGINE_PROCESS self = znEngineProcessGet(::getpid());
     EXPECT_FALSE(znEngineWaits(directory.get()));
-    EXPECT_EQ(znEngineStart(&self, directory.get(), reason.data(), reason.size()), ERROR);
+    EXPECT_EQ(znEngineStart(&self, directory.get(), nullptr, reason.data(), reason.size()), ERROR);
     EXPECT_EQ(errno, ESRCH);
     EXPECT_STRNE(reason.data(), "");
 }
@@ -77,7 +77,7 @@ TEST(EngineExec, ExecInAnEndedContainerIsRefused)
     char name[] = "true";
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
-    const ZN_ENGINE_PROGRAM program = {"/", argv, envp, 0, -1, 0, 0, FALSE, nullptr, 0, 0};
+    const ZN_ENGINE_PROGRAM program = {"/", argv, envp, 0, -1, 0, 0, FALSE, nullptr, 0, 0, nullptr};
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     pid_t pid = 0;
     EXPECT_EQ(znEngineExec(&none, "{}", "", &program, &pid, reason.data(), reason.size()), ERROR);

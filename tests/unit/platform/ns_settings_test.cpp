@@ -200,6 +200,19 @@ TEST_F(Settings, TheFilterOfTheDocumentReplacesTheDefault)
     EXPECT_TRUE(WIFSIGNALED(exit_)) << "without system calls a process can neither run nor exit";
 }
 
+TEST_F(Settings, FiltersThatAnotherProgramAnswersAreRefused)
+{
+    znnsPrivilegedAllow(TRUE);
+    EXPECT_LT(configured(R"({"linux":{"seccomp":{"defaultAction":"SCMP_ACT_ALLOW",)"
+                         R"("syscalls":[{"names":["mkdir"],"action":"SCMP_ACT_NOTIFY"}]}}})"),
+              0);
+    EXPECT_EQ(reason_, "linux.seccomp.syscalls[0].action: SCMP_ACT_NOTIFY is not supported");
+    EXPECT_LT(configured(R"({"linux":{"seccomp":{"defaultAction":"SCMP_ACT_ALLOW",)"
+                         R"("listenerPath":"/agent"}}})"),
+              0);
+    EXPECT_EQ(reason_, "linux.seccomp.listenerPath: is not supported");
+}
+
 // ---------------------------------------------------------------- files
 
 TEST_F(Settings, AReadOnlyRootIsReadOnlyButMountsAreNot)

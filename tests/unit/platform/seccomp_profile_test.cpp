@@ -1,5 +1,7 @@
 // Tests of whole profiles: several rules and conditions, architectures, flags, and what is refused.
 #include "settings/seccomp.hpp"
+#include "settings/seccomp_conditions.hpp"
+#include "settings/seccomp_listener.hpp"
 
 #include "alloc_fault.hpp"
 #include "descriptors.hpp"
@@ -290,12 +292,170 @@ TEST(SeccompProfile, UnsupportedFlagsAreRefused)
     EXPECT_EQ(refusal(Profile()
                           .flag("SECCOMP_FILTER_FLAG_LOG")
                           .flag("SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV")),
-              "EOPNOTSUPP: linux.seccomp.flags[1]: needs a listener, which is not supported");
+              "EOPNOTSUPP: linux.seccomp.flags[1]: needs a rule with SCMP_ACT_NOTIFY");
     for (const char* name : {"SECCOMP_FILTER_FLAG_NEW_LISTENER", "LOG", "", "seccomp"})
         EXPECT_EQ(refusal(Profile().flag(name)),
                   "EINVAL: linux.seccomp.flags[0]: not the name of a flag")
             << name;
 }
+
+// ---------------------------------------------------------------- listeners
+
+namespace {
+
+constexpr SeccompAnswer kNotify = {SeccompAction::kNotify, 0};
+
+Profile notifying(const std::vector<std::string>& names, const char* path = "/agent")
+{
+    Profile profile;
+    profile.listenerPath = znc::copy_text(path);
+    profile.rule(names, kNotify);
+    return profile;
+}
+
+std::string refusal_without_listener(const SeccompProfile& profile)
+{
+    zn::SettingsFault fault;
+    const int result = zn::seccomp_refuse_listener(profile, fault);
+    return std::string(::strerrorname_np(result)) + ": " + fault.field + ": " + fault.reason;
+}
+
+} // namespace
+
+TEST(SeccompListener, TheKernelGivesAListener)
+{
+    const SeccompCode code = compiled(notifying({"getppid"}));
+    EXPECT_EQ(FilterMachine(code)(SYS_getppid), SECCOMP_RET_USER_NOTIF);
+    EXPECT_EQ(FilterMachine(code)(SYS_getpid), kAllowed);
+    EXPECT_NE(code.flags & SECCOMP_FILTER_FLAG_NEW_LISTENER, 0U);
+    EXPECT_EQ(compiled(Profile().rule({"getppid"}, error(EBUSY))).flags &
+                  SECCOMP_FILTER_FLAG_NEW_LISTENER,
+              0U);
+}
+
+TEST(SeccompListener, ARuleWithConditionsNotifies)
+{
+    Profile profile;
+    profile.listenerPath = znc::copy_text("/agent");
+    const SeccompCode code = compiled(profile.rule({"getppid"}, kNotify, {{0, kEq, 7, 0}}));
+    EXPECT_EQ(FilterMachine(code)(SYS_getppid, {7}), SECCOMP_RET_USER_NOTIF);
+    EXPECT_EQ(FilterMachine(code)(SYS_getppid, {8}), kAllowed);
+    EXPECT_NE(code.flags & SECCOMP_FILTER_FLAG_NEW_LISTENER, 0U);
+}
+
+TEST(SeccompListener, OtherThreadsAreNotSynchronised)
+{
+    Profile profile = notifying({"getppid"});
+    profile.flag("SECCOMP_FILTER_FLAG_TSYNC").flag("SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV");
+    EXPECT_EQ(compiled(profile).flags,
+              static_cast<unsigned>(SECCOMP_FILTER_FLAG_NEW_LISTENER |
+                                    SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV));
+}
+
+TEST(SeccompListener, WhatCannotWorkIsRefused)
+{
+    EXPECT_EQ(refusal(Profile(kNotify)),
+              "EINVAL: linux.seccomp.defaultAction: SCMP_ACT_NOTIFY cannot be the default action");
+    EXPECT_EQ(refusal(notifying({"read", "write"})),
+              "EINVAL: linux.seccomp.syscalls[0].action: SCMP_ACT_NOTIFY cannot be used for the "
+              "write syscall");
+    EXPECT_EQ(refusal(notifying({"getppid"}, "")),
+              "EINVAL: linux.seccomp.listenerPath: SCMP_ACT_NOTIFY needs it");
+    EXPECT_EQ(refusal(notifying({"getppid"}, "agent")),
+              "EINVAL: linux.seccomp.listenerPath: not an absolute path");
+    Profile lonely;
+    lonely.hasMetadata = true;
+    EXPECT_EQ(refusal(lonely), "EINVAL: linux.seccomp.listenerMetadata: needs listenerPath");
+}
+
+TEST(SeccompListener, WithoutARuleThePathIsIgnored)
+{
+    Profile profile;
+    profile.listenerPath = znc::copy_text("agent");
+    EXPECT_EQ(compiled(profile).flags & SECCOMP_FILTER_FLAG_NEW_LISTENER, 0U);
+}
+
+TEST(SeccompListener, CanBeRefusedAltogether)
+{
+    EXPECT_EQ(refusal_without_listener(Profile(kNotify)),
+              "EOPNOTSUPP: linux.seccomp.defaultAction: SCMP_ACT_NOTIFY is not supported");
+    EXPECT_EQ(refusal_without_listener(notifying({"getppid"})),
+              "EOPNOTSUPP: linux.seccomp.listenerPath: is not supported");
+    EXPECT_EQ(refusal_without_listener(Profile().rule({"read"}, kAllow).rule({"getppid"}, kNotify)),
+              "EOPNOTSUPP: linux.seccomp.syscalls[1].action: SCMP_ACT_NOTIFY is not supported");
+    Profile lonely;
+    lonely.hasMetadata = true;
+    EXPECT_EQ(refusal_without_listener(lonely),
+              "EOPNOTSUPP: linux.seccomp.listenerMetadata: is not supported");
+    EXPECT_EQ(refusal_without_listener(Profile().rule({"read"}, error(EBUSY))), "0: : ");
+}
+
+// ---------------------------------------------------------------- newer calls
+
+namespace {
+
+constexpr std::uint32_t kUnknownCall = 1000; // of no kernel yet
+
+Profile with_newer_absent(SeccompAnswer otherwise)
+{
+    Profile profile(otherwise);
+    profile.newerAreAbsent = true;
+    profile.rule({"read", "openat2"}, kAllow);
+    return profile;
+}
+
+} // namespace
+
+TEST(SeccompNewerCalls, AreAbsentIfTheProfileSaysSo)
+{
+    const SeccompCode code = compiled(with_newer_absent(error(EPERM)));
+    const FilterMachine machine(code);
+    EXPECT_EQ(machine(SYS_openat2), kAllowed);
+    EXPECT_EQ(machine(SYS_openat2 + 1), error_answer(ENOSYS));
+    EXPECT_EQ(machine(kUnknownCall), error_answer(ENOSYS));
+    EXPECT_EQ(machine(SYS_getppid), error_answer(EPERM));
+    EXPECT_EQ(machine(SYS_clone3), error_answer(EPERM)); // older than openat2
+    EXPECT_EQ(machine(0xffffffff), error_answer(EPERM) /* no call */);
+}
+
+TEST(SeccompNewerCalls, AreAnsweredAsWrittenOtherwise)
+{
+    for (const SeccompAnswer answer :
+         {error(EACCES), error(ENOSYS), SeccompAnswer{SeccompAction::kKillProcess, 0},
+          SeccompAnswer{SeccompAction::kLog, 0}, kAllow})
+        EXPECT_EQ(FilterMachine(compiled(with_newer_absent(answer)))(kUnknownCall),
+                  zn::seccomp_answer(answer));
+    Profile plain(error(EPERM));
+    EXPECT_EQ(FilterMachine(compiled(plain.rule({"read"}, kAllow)))(kUnknownCall),
+              error_answer(EPERM));
+}
+
+TEST(SeccompNewerCalls, ANamedCallIsNotNewerWhateverItsAnswer)
+{
+    Profile profile = with_newer_absent(error(EPERM));
+    profile.rule({"faccessat2"}, error(EPERM)).rule({"nosuchcall"}, kAllow);
+    const SeccompCode code = compiled(profile);
+    EXPECT_EQ(FilterMachine(code)(SYS_faccessat2), error_answer(EPERM));
+    EXPECT_EQ(FilterMachine(code)(SYS_faccessat2 + 1), error_answer(ENOSYS));
+}
+
+#ifdef __x86_64__
+TEST(SeccompNewerCalls, EachArchitectureHasItsOwnNumbers)
+{
+    Profile profile = with_newer_absent(error(EPERM));
+    profile.architecture("SCMP_ARCH_X86");
+    const SeccompCode code = compiled(profile);
+    const FilterMachine machine(code);
+    EXPECT_EQ(machine(kUnknownCall, {}, AUDIT_ARCH_I386), error_answer(ENOSYS));
+    EXPECT_EQ(machine(kI386Getppid, {}, AUDIT_ARCH_I386), error_answer(EPERM));
+    EXPECT_EQ(machine(kX32 + kUnknownCall), SECCOMP_RET_KILL_PROCESS);
+    Profile x32 = with_newer_absent(error(EPERM));
+    x32.architecture("SCMP_ARCH_X32");
+    const SeccompCode both = compiled(x32);
+    EXPECT_EQ(FilterMachine(both)(kX32 + kUnknownCall), error_answer(ENOSYS));
+    EXPECT_EQ(FilterMachine(both)(kX32 + SYS_getppid), error_answer(EPERM));
+}
+#endif
 
 // ---------------------------------------------------------------- limits
 

@@ -62,7 +62,8 @@ TEST(SettingsSeccomp, EachActionIsKnown)
                                                       {"ERRNO", Action::kErrno},
                                                       {"TRACE", Action::kTrace},
                                                       {"ALLOW", Action::kAllow},
-                                                      {"LOG", Action::kLog}};
+                                                      {"LOG", Action::kLog},
+                                                      {"NOTIFY", Action::kNotify}};
     for (const auto& [name, action] : actions)
         EXPECT_EQ(
             profile(std::string(R"("defaultAction":"SCMP_ACT_)") + name + '"').fallback.action,
@@ -90,6 +91,18 @@ TEST(SettingsSeccomp, EachComparisonIsKnown)
                   compare);
 }
 
+TEST(SettingsSeccomp, AListenerIsRead)
+{
+    const zn::SeccompProfile read = profile(
+        R"("defaultAction":"SCMP_ACT_ALLOW","listenerPath":"/s","listenerMetadata":"a\nb")");
+    EXPECT_STREQ(read.listenerPath.get(), "/s");
+    EXPECT_TRUE(read.hasMetadata);
+    const zn::SeccompProfile none =
+        profile(R"("defaultAction":"SCMP_ACT_ALLOW","listenerPath":"","listenerMetadata":"")");
+    EXPECT_EQ(none.listenerPath, nullptr);
+    EXPECT_FALSE(none.hasMetadata);
+}
+
 #define PROFILE(MEMBERS) "\"seccomp\":{\"defaultAction\":\"SCMP_ACT_ERRNO\"," MEMBERS "}"
 #define RULE(MEMBERS) PROFILE("\"syscalls\":[{\"names\":[\"a\"]," MEMBERS "}]")
 #define ARG(MEMBERS) RULE("\"action\":\"SCMP_ACT_ALLOW\",\"args\":[{" MEMBERS "}]")
@@ -100,8 +113,6 @@ constexpr Refusal kProfiles[] = {
     {"NotAnObject", "linux", R"("seccomp":"unconfined")", EINVAL, "linux.seccomp", "not an object"},
     {"UnknownAction", "linux", R"("seccomp":{"defaultAction":"ALLOW"})", EINVAL,
      "linux.seccomp.defaultAction", "unknown action \"ALLOW\""},
-    {"Notify", "linux", R"("seccomp":{"defaultAction":"SCMP_ACT_NOTIFY"})", ENOTSUP,
-     "linux.seccomp.defaultAction", "SCMP_ACT_NOTIFY is not supported"},
     {"DefaultNumberTooLarge", "linux", PROFILE(R"("defaultErrnoRet":4095)"), EINVAL,
      "linux.seccomp.defaultErrnoRet", "not a whole number from 0 to 4094"},
     {"DefaultNumberBeforeAction", "linux",
@@ -111,10 +122,10 @@ constexpr Refusal kProfiles[] = {
      "linux.seccomp.architectures[0]", "unknown architecture \"x86_64\""},
     {"Flag", "linux", PROFILE(R"("flags":["LOG"])"), EINVAL, "linux.seccomp.flags[0]",
      "unknown flag \"LOG\""},
-    {"ListenerPath", "linux", PROFILE(R"("listenerPath":"/s")"), ENOTSUP,
-     "linux.seccomp.listenerPath", "is not supported"},
-    {"ListenerMetadata", "linux", PROFILE(R"("listenerMetadata":"s")"), ENOTSUP,
-     "linux.seccomp.listenerMetadata", "is not supported"},
+    {"ListenerPath", "linux", PROFILE(R"("listenerPath":7)"), EINVAL, "linux.seccomp.listenerPath",
+     "not a string"},
+    {"ListenerMetadata", "linux", PROFILE(R"("listenerMetadata":["s"])"), EINVAL,
+     "linux.seccomp.listenerMetadata", "not a string"},
     {"Unknown", "linux", PROFILE(R"("archMap":[])"), EINVAL, "linux.seccomp.archMap", "is unknown"},
     {"NoNames", "linux", PROFILE(R"("syscalls":[{"action":"SCMP_ACT_ALLOW"}])"), EINVAL,
      "linux.seccomp.syscalls[0].names", "is missing"},
@@ -124,8 +135,8 @@ constexpr Refusal kProfiles[] = {
      EINVAL, "linux.seccomp.syscalls[0].names[1]", "is empty"},
     {"NoAction", "linux", RULE(R"("args":[])"), EINVAL, "linux.seccomp.syscalls[0].action",
      "is missing"},
-    {"NotifyInRule", "linux", RULE(R"("action":"SCMP_ACT_NOTIFY")"), ENOTSUP,
-     "linux.seccomp.syscalls[0].action", "SCMP_ACT_NOTIFY is not supported"},
+    {"NumberOfNotify", "linux", RULE(R"("action":"SCMP_ACT_NOTIFY","errnoRet":1)"), EINVAL,
+     "linux.seccomp.syscalls[0].errnoRet", "the action has no error number"},
     {"NumberWithoutUse", "linux", RULE(R"("action":"SCMP_ACT_ALLOW","errnoRet":1)"), EINVAL,
      "linux.seccomp.syscalls[0].errnoRet", "the action has no error number"},
     {"NumberTooLarge", "linux", RULE(R"("action":"SCMP_ACT_TRACE","errnoRet":65536)"), EINVAL,
