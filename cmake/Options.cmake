@@ -4,11 +4,25 @@ option(ZNC_BUILD_PROGRAMS "Build zncd, zncctl, zncctl-import and zncrun" ${PROJE
 option(ZNC_INSTALL "Install what is built" ${PROJECT_IS_TOP_LEVEL})
 option(ZNC_WITH_UZLIB "Link an installed uzlib instead of the adapter over ISA-L or zlib" OFF)
 option(ZNC_BUILD_BENCH "Build the programs of bench/run.sh" OFF)
+set(ZNC_PLATFORM linux CACHE STRING "The folder of platform/ that is built: linux, or posix, which has images but no containers")
+set_property(CACHE ZNC_PLATFORM PROPERTY STRINGS linux posix)
+option(ZNC_POSIX_ONLY "Compile the library with nothing in sight but POSIX.1-2024; for ZNC_PLATFORM=posix and glibc" OFF)
 set(ZNC_SANITIZE "" CACHE STRING "Sanitizers for all code but the freestanding helper, e.g. address,undefined")
 set(ZNC_BUILD_TESTS AUTO CACHE STRING "Build the tests: ON, OFF, or AUTO, which is where GoogleTest is installed")
 set(ZNC_WITH_SYSTEMD AUTO CACHE STRING
     "Let zncrun create control groups by systemd: ON, OFF, or AUTO, which is where the headers of libsystemd are installed")
 set(ZNC_BUILD_MAN AUTO CACHE STRING "Build the manual pages: ON, OFF, or AUTO, which is where scdoc is installed")
+
+if(NOT ZNC_PLATFORM MATCHES "^(linux|posix)$")
+    message(FATAL_ERROR "ZNC_PLATFORM must be \"linux\" or \"posix\", not \"${ZNC_PLATFORM}\"")
+elseif(ZNC_PLATFORM STREQUAL "linux" AND NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    message(FATAL_ERROR "platform/linux is for Linux, not for ${CMAKE_SYSTEM_NAME}: set ZNC_PLATFORM=posix")
+elseif(ZNC_PLATFORM STREQUAL "posix" AND ZNC_BUILD_PROGRAMS)
+    message(STATUS "zncontainer: zncd, zncctl and zncrun are not built: platform/posix has no containers")
+endif()
+if(ZNC_POSIX_ONLY AND NOT ZNC_PLATFORM STREQUAL "posix")
+    message(FATAL_ERROR "ZNC_POSIX_ONLY needs ZNC_PLATFORM=posix")
+endif()
 
 # A shared library unless BUILD_SHARED_LIBS is set to OFF.
 if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)

@@ -3,7 +3,7 @@
 
 #include "base/owned.hpp"
 #include "ns_record.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "system/pidfd.hpp"
 
 #include <cerrno>
