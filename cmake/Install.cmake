@@ -43,7 +43,7 @@ configure_file(${ZNC_PACKAGING}/zncontainer.pc.in zncontainer.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zncontainer.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-if(NOT ZNC_BUILD_PROGRAMS)
+if(NOT TARGET zncctl)
     return()
 endif()
 

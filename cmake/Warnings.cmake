@@ -23,7 +23,8 @@ endfunction()
 target_compile_options(znc_flags INTERFACE
     -fstack-protector-strong -fstack-clash-protection
     $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>)
-target_compile_definitions(znc_flags INTERFACE _GNU_SOURCE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>
+target_compile_definitions(znc_flags INTERFACE
+    $<IF:$<STREQUAL:${ZNC_PLATFORM},linux>,_GNU_SOURCE,_XOPEN_SOURCE=800> $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>
     ${ZNC_PLACE_DEFINITIONS})
 target_link_options(znc_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 
@@ -70,3 +71,7 @@ add_library(znc_library_flags INTERFACE)
 target_link_libraries(znc_library_flags INTERFACE znc_product_flags)
 target_compile_options(znc_library_flags INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+if(ZNC_POSIX_ONLY)
+    include(${CMAKE_CURRENT_LIST_DIR}/PosixOnly.cmake)
+    znc_hide_all_but_posix(znc_library_flags)
+endif()

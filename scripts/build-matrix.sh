@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # build-matrix.sh [--all] [ROW...] - builds the project as users do, without the presets: other build types,
-# compilers and standards, static, below another project, without what is optional, in another directory. One
-# line per row; fails when a row does. --all builds zncctl, too, which takes five times as long, and compares
+# compilers and standards, static, below another project, without what is optional, for POSIX alone, in another
+# directory. One line per row; fails when a row does. --all builds zncctl, too, which takes five times as long, and compares
 # packages. Without names all rows; builds are kept in build/matrix.
 # shellcheck disable=SC2317 # rows are called by their names
 set -euo pipefail
@@ -20,7 +20,7 @@ if [[ ${1-} == --all ]]; then
 fi
 targets=(zncontainer zncd)
 [[ -z $all ]] || targets+=(zncctl)
-rows=(release minsize lto clang static embedded fetched bare same_bytes)
+rows=(release minsize lto clang static embedded fetched bare posix same_bytes)
 [[ -z $all ]] || rows+=(same_packages)
 
 if command -v ccache >/dev/null; then
@@ -117,6 +117,22 @@ bare() {
     done
     grep -q -e '-std=c++2[3b]' "$builds/bare/build.ninja" || return
     cmake --build "$builds/bare" --target "${targets[@]}"
+}
+
+# The platform for POSIX, without headers of Linux and extensions of glibc in sight: the library is built, and its tests
+# of images and of that platform are run. They are short; as the other tests, they need root for their sandbox.
+posix() {
+    local tests=(fs_test msgq_test msgq_record_test path_trust_test root_file_test sticky_test task_test unsupported_test
+        gzlib_test zncBlob_test zncImageLib_inspect_test zncImageLib_layout_test zncRuntimeApi_image_test zncImageLib_test)
+    cmake -S . -B "$builds/posix" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZNC_PLATFORM=posix -DZNC_POSIX_ONLY=ON \
+        -DZNC_BUILD_TESTS=ON -DZNC_BUILD_PROGRAMS=OFF &&
+        cmake --build "$builds/posix" --target znc_sandbox zncontainer "${tests[@]}" || return
+    not ctest --test-dir "$builds/posix" -N -R '^ns_test$' | grep -q ns_test || return
+    ctest --test-dir "$builds/posix" --output-on-failure -R "^($(
+        IFS='|'
+        printf '%s' "${tests[*]}"
+    ))$" || return
+    not cmake -S . -B "$work/unknown" -DZNC_PLATFORM=unknown && not cmake -S . -B "$work/linux" -DZNC_POSIX_ONLY=ON
 }
 
 # copied DIR: the sources, in another place.

@@ -8,7 +8,8 @@
 #include "msgq_line.hpp"
 #include "msgq_owner.hpp"
 #include "msgq_probe.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
+#include "platform/common/queue_receive.hpp"
 #include "zarnel/task.h"
 
 #include <cstdio>
@@ -22,7 +23,6 @@
 
 namespace {
 
-constexpr size_t kUsualMessageSize = 4096;
 constexpr mode_t kQueueMode = 0600;
 constexpr int kCreateTimeoutSeconds = 5;
 constexpr int kCreateTries = 3;
@@ -238,36 +238,6 @@ bool wait_for_room(MSG_Q_ID q)
     }
 }
 
-// mq_receive requires a buffer of the queue's message size; a shorter one is filled through a
-// temporary buffer.
-ssize_t receive_truncated(MSG_Q_ID q, void* buf, size_t maxLen)
-{
-    struct mq_attr attr;
-    if (mq_getattr(q, &attr) != 0)
-        return -1;
-    const size_t size = static_cast<size_t>(attr.mq_msgsize);
-    char stackBuffer[kUsualMessageSize]; // no allocation for ordinary message sizes
-    znc::MallocPtr<char[]> heapBuffer;
-    if (size > sizeof stackBuffer && !(heapBuffer = znc::malloc_array<char>(size)))
-        return -1;
-    char* const whole = heapBuffer ? heapBuffer.get() : stackBuffer;
-    const ssize_t got = mq_receive(q, whole, size, nullptr);
-    if (got <= 0)
-        return got;
-    const size_t len = static_cast<size_t>(got) < maxLen ? static_cast<size_t>(got) : maxLen;
-    if (len != 0)
-        memcpy(buf, whole, len);
-    return static_cast<ssize_t>(len);
-}
-
-ssize_t receive_once(MSG_Q_ID q, void* buf, size_t maxLen)
-{
-    if (buf == nullptr)
-        return receive_truncated(q, nullptr, 0);
-    const ssize_t got = mq_receive(q, static_cast<char*>(buf), maxLen, nullptr);
-    return got < 0 && errno == EMSGSIZE ? receive_truncated(q, buf, maxLen) : got;
-}
-
 } // namespace
 
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode)
@@ -322,7 +292,7 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
     for (;;) {
         if (stop >= 0 && !wait_unless_stopped(q, stop, &wait))
             return -1;
-        const ssize_t got = receive_once(q, buf, maxLen);
+        const ssize_t got = zn::queue_receive(q, buf, maxLen);
         if (got >= 0)
             return got;
         if (errno == EINTR || (errno == EAGAIN && stop >= 0))

@@ -1,7 +1,7 @@
 #include "msgq_line.hpp"
 
 #include "base/owned.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "zarnel/task.h"
 
 #include <span>

@@ -1,7 +1,7 @@
 #include "msgq_owner.hpp"
 
 #include "base/owned.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "zarnel/msgq.h"
 
 #include <cstdio>

@@ -4,7 +4,7 @@
 #include "base/owned.hpp"
 #include "ns_keep.hpp"
 #include "ns_record.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "system/pidfd.hpp"
 
 #include <cerrno>

@@ -13,7 +13,7 @@
 #include "overlay_mapped.hpp"
 #include "overlay_mount.hpp"
 #include "overlay_stack.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <climits>
 #include <cstdio>

@@ -18,15 +18,14 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kDefaultPriority = 100;
-constexpr std::size_t kUserGroupsMax = ZN_SPAWN_GROUPS_MAX; // what the spawner has room for
+constexpr int kNormalPriority = 100; // of znSpawnAttrInit
 
 // Priority 0 (most urgent) is nice -20, 100 is nice 0, 255 is nice 19.
 int nice_value(int priority)
 {
-    return priority <= kDefaultPriority
-               ? (priority - kDefaultPriority) * 20 / kDefaultPriority
-               : (priority - kDefaultPriority) * 19 / (255 - kDefaultPriority);
+    return priority <= kNormalPriority
+               ? (priority - kNormalPriority) * 20 / kNormalPriority
+               : (priority - kNormalPriority) * 19 / (255 - kNormalPriority);
 }
 
 // The part of the host path `path` below the namespace's root; null if it is not below the root.
@@ -225,70 +224,6 @@ int run_spawner(const Joined& joined, const Arguments& arguments, char* const* e
 } // namespace zn
 
 using namespace zn;
-
-STATUS znSpawnAttrInit(znSpawnAttr* attr)
-{
-    *attr = znSpawnAttr{kDefaultPriority, 0, 0, 0, -1, nullptr, 0, nullptr};
-    return OK;
-}
-
-STATUS znSpawnAttrDestroy(znSpawnAttr* attr)
-{
-    return znSpawnAttrInit(attr);
-}
-
-template <class T> static STATUS set_if(bool good, T& field, T value)
-{
-    if (!good) {
-        errno = EINVAL;
-        return ERROR;
-    }
-    field = value;
-    return OK;
-}
-
-STATUS znSpawnAttrSetPriority(znSpawnAttr* attr, int priority)
-{
-    return set_if(priority >= 0 && priority <= 255, attr->priority, priority);
-}
-
-STATUS znSpawnAttrSetStackSize(znSpawnAttr* attr, int stackSize)
-{
-    return set_if(stackSize >= 0, attr->stackSize, stackSize);
-}
-
-STATUS znSpawnAttrSetOptions(znSpawnAttr* attr, int options)
-{
-    attr->options = options;
-    return OK;
-}
-
-STATUS znSpawnAttrSetTaskOptions(znSpawnAttr* attr, int taskOptions)
-{
-    attr->taskOptions = taskOptions;
-    return OK;
-}
-
-STATUS znSpawnAttrSetNamespace(znSpawnAttr* attr, nsid_t ns)
-{
-    return set_if(ns >= 0, attr->ns, ns);
-}
-
-STATUS znSpawnAttrSetCwd(znSpawnAttr* attr, const char* cwd)
-{
-    return set_if(cwd != nullptr && cwd[0] == '/', attr->cwd, cwd);
-}
-
-STATUS znSpawnAttrSetFlags(znSpawnAttr* attr, short flags)
-{
-    attr->flags = flags;
-    return OK;
-}
-
-STATUS znSpawnAttrSetUser(znSpawnAttr* attr, const ZN_SPAWN_USER* user)
-{
-    return set_if(user == nullptr || user->groupCount <= kUserGroupsMax, attr->user, user);
-}
 
 STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* const* argv,
                char* const* envp)

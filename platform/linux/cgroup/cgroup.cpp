@@ -2,7 +2,7 @@
 // cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <algorithm>
 #include <cerrno>

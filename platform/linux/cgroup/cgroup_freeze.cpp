@@ -1,7 +1,7 @@
 // cgroup_freeze.cpp - freezes and thaws a group; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <algorithm>
 #include <cerrno>

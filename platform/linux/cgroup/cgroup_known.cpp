@@ -2,7 +2,7 @@
 // groups, in the hierarchies of this machine.
 #include "cgroup_known.hpp"
 
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <cstring>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // cgroup_remove.cpp - kills the processes in a group and removes it; see cgroup.hpp.
 #include "cgroup_tree.hpp"
 
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "system/pidfd.hpp"
 
 #include <algorithm>

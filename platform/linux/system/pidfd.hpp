@@ -4,7 +4,7 @@
 #define ZN_PIDFD_HPP
 
 #include "base/owned.hpp"
-#include "clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <poll.h>
 #include <signal.h>

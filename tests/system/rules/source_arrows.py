@@ -16,7 +16,10 @@ LINKED = re.compile(r"target_link_libraries\(\s*([\w-]+)([^)]*)\)")
 MADE = re.compile(r"add_(?:library|executable)\(\s*([\w-]+)")
 SOURCES = (".c", ".h", ".cpp", ".hpp")
 # Who may use the contracts of a folder on the left may link what the other one makes.
-CONTRACTS = {"platform/include": "platform/linux", "container/runtime/include": "container/runtime/src"}
+CONTRACTS = {
+    "platform/include": {"platform/linux", "platform/posix"},
+    "container/runtime/include": {"container/runtime/src"},
+}
 
 
 class Tree:
@@ -57,25 +60,26 @@ class Tree:
 
     def may_link(self, folder):
         may = self.rules[folder]
-        return may | {CONTRACTS[used] for used in may if used in CONTRACTS}
+        return may.union(*(CONTRACTS[used] for used in may if used in CONTRACTS))
 
     def linked(self):
         """(file, folder, folder that makes the linked library) of all build files."""
-        made_in = {}
+        made_in, made_by = {}, {}
         builds = [name for name in self.files if os.path.basename(name) == "CMakeLists.txt"]
-        for folder in CONTRACTS.values():
+        for folder in set().union(*CONTRACTS.values()):
             above = os.path.join(os.path.dirname(folder), "CMakeLists.txt")
             if os.path.exists(os.path.join(self.base, above)):
                 builds.append(above)
         for name in builds:
             folder = self.folder_of(name) or os.path.dirname(name) + "/src"
             for target in MADE.findall(self.text(name)):
-                made_in[target] = folder
+                made_in.setdefault(target, set()).add(folder)
+                made_by.setdefault(name, {})[target] = folder
         for name in builds:
             for target, words in LINKED.findall(self.text(name)):
                 for word in re.findall(r"[\w-]+", words):
-                    if word in made_in and target in made_in:
-                        yield name, made_in[target], made_in[word]
+                    for folder in made_in.get(word, ()) if target in made_by.get(name, ()) else ():
+                        yield name, made_by[name][target], folder
 
 
 def circle(uses):

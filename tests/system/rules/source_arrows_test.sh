@@ -32,6 +32,12 @@ copy
 add '#include "zncUtil.hpp"' platform/linux/fs.cpp
 check 'the platform that includes a file of the library' notices 'platform/linux/fs.cpp includes container/'
 copy
+add '#include "platform/linux/ns_user.hpp"' platform/common/path_trust.cpp
+check 'what platforms share that includes a file of one' notices 'platform/common/path_trust.cpp includes platform/linux/'
+copy
+add '#include "platform/linux/ns_user.hpp"' platform/posix/ns.cpp
+check 'a platform that includes a file of another' notices 'platform/posix/ns.cpp includes platform/linux/'
+copy
 add '#include "front/output.hpp"' base/file.hpp
 check 'the base that includes anything' notices 'base/file.hpp includes front/output.hpp'
 copy

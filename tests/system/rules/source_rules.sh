@@ -29,6 +29,12 @@ forbid 'no wait follows a clock that jumps' \
 linux_headers='^[[:space:]]*#[[:space:]]*include[[:space:]]*<(linux/|asm/|sched\.h|mqueue\.h|sys/(mount|pidfd|prctl|capability|signalfd|epoll|syscall|vfs|xattr|inotify|eventfd|timerfd|sysmacros)\.h)'
 forbid 'Linux headers stay in platform/linux: library' "$linux_headers" container platform/include
 forbid 'Linux headers stay in platform/linux: front ends' "$linux_headers" base format front cli
+# POSIX has these two of them.
+forbid 'Linux headers stay in platform/linux: the other platform' \
+    "$(sed -E 's/sched\\\.h\|mqueue\\\.h\|//' <<<"$linux_headers")" platform/posix platform/common
+forbid 'Linux calls stay in platform/linux: the other platform' \
+    '\<(O_PATH|O_TMPFILE|AT_EMPTY_PATH|SYS_[a-z]|syscall|openat2|renameat2|statx|syncfs|splice|memfd_create|flock|close_range|unshare|setns|prctl|gettid|sched_getaffinity|getxattr|pidfd_[a-z_]+)\>[ (]|"/(proc|sys)/' \
+    platform/posix platform/common
 import_sources=$(find import -name '*.[ch]pp' ! -name confine.cpp)
 import_headers=${linux_headers/|xattr/} # images contain attributes and device numbers
 # shellcheck disable=SC2086
@@ -36,7 +42,7 @@ forbid 'Linux headers stay in platform/linux: import, but for what confines it' 
     "${import_headers/|sysmacros/}" $import_sources
 forbid 'the daemon uses signalfd and nothing else of Linux' \
     "${linux_headers/|signalfd/}" daemon
-forbid 'what /proc and /sys say is read in platform/linux' '"/(proc|sys)/' base format container front daemon cli import
+forbid 'what /proc and /sys say is read in platform/linux' '"/(proc|sys)/' base format container front daemon cli import platform/common platform/posix
 forbid 'the library has no code for one kernel' '__linux__|__gnu_linux__' container platform/include
 forbid 'the library neither ends the process nor prints on the side' \
     'std::cerr|\<abort\(|\<_?exit\(|\<_Exit\(|fprintf\(stderr' container/runtime/src

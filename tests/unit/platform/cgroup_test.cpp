@@ -3,7 +3,7 @@
 #include "cgroup_world.hpp"
 
 #include "descriptors.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <algorithm>
 #include <atomic>

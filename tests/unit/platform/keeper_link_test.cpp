@@ -2,7 +2,7 @@
 // the owner.
 #include "keeper_link.hpp"
 
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 
 #include <gtest/gtest.h>
 #include <sched.h>

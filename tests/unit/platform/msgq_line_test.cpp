@@ -2,7 +2,7 @@
 
 #include "base/owned.hpp"
 #include "eventually.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "test_tree.hpp"
 #include "zarnel/msgq.h"
 

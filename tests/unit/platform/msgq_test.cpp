@@ -1,5 +1,7 @@
 #include "zarnel/msgq.h"
 
+#include "platform_only.hpp"
+
 #include "base/owned.hpp"
 #include "test_tree.hpp"
 #include "zarnel/task.h"
@@ -108,6 +110,7 @@ TEST(QueueOpen, ZeroCapacityFailsWithEINVAL)
 
 TEST(QueueOpen, QueueIsTheOwnersOnlyWhateverTheUmaskAndClosedOnExec)
 {
+    LINUX_ONLY("a queue is no descriptor");
     const test_tree::Umask mask(0777);
     const MSG_Q_ID q = create(kName);
     ASSERT_GE(q, 0);
@@ -140,6 +143,7 @@ TEST(QueueOpen, AnotherUsersQueueFailsWithEACCESAlsoForRoot)
 
 TEST(QueueOpen, CapacityAboveTheSystemsSettingRaisesIt)
 {
+    LINUX_ONLY("no setting of the system");
     test_tree::write_file(kMsgMax, "10");
     const MSG_Q_ID q = create(kName, 32, 2048);
     ASSERT_GE(q, 0) << strerror(errno);
@@ -217,6 +221,7 @@ TEST(QueueOpen, CreationWaitsForQueueMemory)
 
 TEST(QueueOpen, CreationWaitsForRoomInTheNumberOfQueues)
 {
+    LINUX_ONLY("no setting of the system");
     constexpr const char* kQueuesMax = "/proc/sys/fs/mqueue/queues_max";
     const std::string before = test_tree::read_file(kQueuesMax);
     test_tree::write_file(kQueuesMax, "1");
@@ -433,6 +438,7 @@ TEST_F(StopRequest, DoesNotAffectReceivesThatDoNotWait)
 
 TEST(QueueLimits, RaisingLetsAQueueOfThatSizeBeMade)
 {
+    LINUX_ONLY("no setting of the system");
     test_tree::write_file(kMsgMax, "10");
     ASSERT_EQ(znMsgQLimitsRaise(32, 2048), OK) << strerror(errno);
     EXPECT_GE(std::stol(test_tree::read_file(kMsgMax)), 32);
@@ -443,6 +449,7 @@ TEST(QueueLimits, RaisingLetsAQueueOfThatSizeBeMade)
 
 TEST(QueueLimits, RaisingNeverLowersTheSetting)
 {
+    LINUX_ONLY("no setting of the system");
     test_tree::write_file(kMsgMax, "64");
     ASSERT_EQ(znMsgQLimitsRaise(32, 2048), OK);
     EXPECT_EQ(std::stol(test_tree::read_file(kMsgMax)), 64);
@@ -460,6 +467,7 @@ TEST(QueueLimits, RaisingFailsForAQueueThatCannotBeCreated)
 
 TEST(QueueLimits, TheHintNamesTheSettingThatIsTooLow)
 {
+    LINUX_ONLY("no setting of the system");
     EXPECT_NE(strstr(znMsgQLimitHint(EINVAL), "fs.mqueue.msg_max"), nullptr);
     EXPECT_NE(strstr(znMsgQLimitHint(EMFILE), "RLIMIT_MSGQUEUE"), nullptr);
     EXPECT_NE(strstr(znMsgQLimitHint(ENOSPC), "fs.mqueue.queues_max"), nullptr);

@@ -1,4 +1,6 @@
 #include "base/owned.hpp"
+
+#include "platform_only.hpp"
 #include "tests/support/test_tree.hpp"
 #include "zarnel/fs.h"
 
@@ -73,6 +75,7 @@ TEST_F(FileOpenInRoot, TheDescriptorIsClosedOnExec)
 
 TEST_F(FileOpenInRoot, LinksOfProcToOpenFilesAreNotFollowed)
 {
+    LINUX_ONLY("no /proc");
     const znc::UniqueFd outside(::open((dir_ / "outside").c_str(), O_RDONLY | O_CLOEXEC));
     const znc::UniqueFd proc(::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC));
     const std::string path = std::to_string(::getpid()) + "/fd/" + std::to_string(outside.get());
@@ -115,6 +118,7 @@ TEST_F(FileOpenInRoot, AFileOfADirectoryIsOpenedWithoutFollowingLinks)
 
 TEST_F(FileOpenInRoot, AFileThatIsMountedIsFoundAlsoFromAnotherMountNamespace)
 {
+    LINUX_ONLY("no bind mounts and no mount namespaces");
     ASSERT_EQ(::mount((dir_ / "outside").c_str(), (dir_ / "root/file").c_str(), nullptr, MS_BIND,
                       nullptr),
               0)

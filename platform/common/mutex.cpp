@@ -5,7 +5,7 @@
 
 #include "base/failure.hpp"
 #include "base/owned.hpp"
-#include "system/clock.hpp"
+#include "platform/common/clock.hpp"
 #include "zarnel/msgq.h"
 #include "zarnel/task.h"
 

@@ -1,6 +1,6 @@
 // clock.hpp - deadlines on the monotonic clock.
-#ifndef ZN_LINUX_CLOCK_HPP
-#define ZN_LINUX_CLOCK_HPP
+#ifndef ZN_PLATFORM_CLOCK_HPP
+#define ZN_PLATFORM_CLOCK_HPP
 
 #include "zarnel/task.h"
 
