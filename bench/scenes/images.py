@@ -18,6 +18,7 @@ class Places:
         self.bin = world.bin
         self.root = world.debian_root
         self.pairs = world.pairs
+        self.on_disk = on_disk
         self.work = world.disk if on_disk else MEMORY
         shutil.rmtree(self.work, ignore_errors=True)
         os.makedirs(self.work)
@@ -32,6 +33,11 @@ class Places:
         shutil.rmtree(path, ignore_errors=True)
         return path
 
+    def settle(self):
+        """Writes to disk what earlier sides have left, so that no side waits for the data of another."""
+        if self.on_disk:
+            os.sync()
+
     def cold_store(self):
         for device in glob.glob("/overlay/*"):
             subprocess.run(["umount", device], stderr=subprocess.DEVNULL, check=False)
@@ -42,6 +48,7 @@ class Places:
         bundle = self.fresh("ours")
         if not keep_store:
             self.cold_store()
+        self.settle()
         return run(f"{self.bin}/zncctl", "unpack", "--os", "linux", "--tag", tag, layout, bundle)
 
     def peak(self, *words):
@@ -55,11 +62,14 @@ class Places:
         return self.peak("unpack", "--os", "linux", "--tag", tag, layout, self.fresh("ours"))
 
     def umoci(self, layout, tag):
-        return run("umoci", "unpack", "--image", f"{layout}:{tag}", self.fresh("umoci"))
+        target = self.fresh("umoci")
+        self.settle()
+        return run("umoci", "unpack", "--image", f"{layout}:{tag}", target)
 
     def bsdtar(self, layers):
         target = self.fresh("bsdtar")
         os.mkdir(target)
+        self.settle()
         total = Sample(0.0)
         for layer in layers:
             one = run("bsdtar", "-xzf", layer, "-C", target)
@@ -76,6 +86,7 @@ class Places:
         for number, layer in enumerate(extracted):
             os.mkdir(f"{target}/{number}")
             argv += ["--extract", layer, f"{target}/{number}"]
+        self.settle()
         return run(*argv)
 
     def clear(self):

@@ -111,6 +111,13 @@ class StoreJobs {
         return znDirSync(store.get());
     }
 
+    // Records the directories of the stored layers for later unpacks.
+    void record_directories(std::size_t count) const
+    {
+        for (std::size_t k = 0; dirs_ != nullptr && k < count; ++k)
+            dirs_->record(index(k), znc::store_base(store_), znc::last_component(file(k)));
+    }
+
   private:
     STATUS extract(std::size_t k)
     {
@@ -257,8 +264,12 @@ STATUS zncImageExtractLayersEx(OCI_IMAGE* image, char* repositoryPath, std::size
     const std::uint32_t done = extract_all(jobs, work, ahead, count, &status);
     if (status == OK && dirs != nullptr)
         dirs->share(jobs.duplicates());
-    if (status == OK)
-        return jobs.publish(ppLayerPath, done);
+    if (status == OK) {
+        if (jobs.publish(ppLayerPath, done) != OK)
+            return ERROR;
+        jobs.record_directories(done);
+        return OK;
+    }
     const znc::ErrnoSaver keep;
     (void)jobs.publish(ppLayerPath, done); // keep the layers extracted before the failure
     return ERROR;

@@ -77,6 +77,13 @@ bool StoreAhead::wants(std::size_t index) const noexcept
     return stored && !exists(stored.get());
 }
 
+// Takes the directories of a stored layer from their record, if there is one.
+bool StoreAhead::is_recorded(std::size_t index) noexcept
+{
+    return layers_ && dirs_.read(index, store_base({store_.get(), storeLen_}),
+                                 last_component(manifest_->manifestLayers[index].layerFileName));
+}
+
 STATUS StoreAhead::verify(std::size_t index) noexcept
 {
     const ZNC_IMAGE_MANIFEST_LAYERS& described = manifest_->manifestLayers[index];
@@ -93,7 +100,7 @@ STATUS StoreAhead::verify(std::size_t index) noexcept
         layer.extracted = whole;
         if (!whole)
             layer.stage.discard();
-    } else if (list != nullptr) {
+    } else if (list != nullptr && !is_recorded(index)) {
         whole =
             extract_layer(described.layerFileName, digest, nullptr, nullptr, &verified, list) == OK;
     }

@@ -84,6 +84,7 @@ class StoreAhead {
 
     bool is_chosen(const zncImageIndex& image, const ZNC_IMAGE_MANIFEST& manifest) const noexcept;
     bool find_store() noexcept;
+    bool is_recorded(std::size_t index) noexcept;
     void remove_store() noexcept;
 
     const char* os_;

@@ -6,6 +6,7 @@
 #include "zncImageLib.hpp"
 
 #include "base/directory.hpp"
+#include "zncLayerListing.hpp"
 #include "zncLayerStage.hpp"
 #include "zncPath.hpp"
 #include "zncStoreLock.hpp"
@@ -260,6 +261,8 @@ void Collection::remove_layers()
         if (is_layer(name) && !used_.contains(name) && !held_.contains(name))
             remove(ZNC_STORE_LAYER, "/layers", path);
     });
+    if (!dry_)
+        check(znc::find_unused_listings(base_, &records_));
 }
 
 void Collection::finish()

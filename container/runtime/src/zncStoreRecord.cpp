@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr mode_t kRecordsMode = 0700;
 constexpr char kNewName[] = "/.new-XXXXXX";
 constexpr char kConfig[] = "/config.json";
 

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include <sys/types.h>
+
 namespace znc {
 
 using PathText = MallocPtr<char[]>;
@@ -54,6 +56,7 @@ class TextList {
 // The directory of the records in the storage base, and the suffixes of the records of bundles and
 // of flattened trees. Names that begin with "." are files being written.
 inline constexpr char kRecordsDir[] = "/records";
+inline constexpr mode_t kRecordsMode = 0700;
 inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
 

@@ -1,6 +1,7 @@
 // zncUnpackDirs.cpp - see zncUnpackDirs.hpp.
 #include "zncUnpackDirs.hpp"
 
+#include "zncLayerListing.hpp"
 #include "zncTarLib.hpp"
 
 #include <cstring>
@@ -36,6 +37,22 @@ STATUS znc::UnpackDirs::prepare(std::size_t layers) noexcept
     }
     count_ = layers;
     return OK;
+}
+
+bool znc::UnpackDirs::read(std::size_t layer, std::string_view base, const char* name) noexcept
+{
+    TextList list;
+    if (layer >= count_ || !read_listing(base, name, &list))
+        return false;
+    layers_[layer] = {std::move(list), true, true, layer};
+    return true;
+}
+
+void znc::UnpackDirs::record(std::size_t layer, std::string_view base,
+                             const char* name) const noexcept
+{
+    if (has(layer) && !layers_[layer].recorded)
+        record_listing(base, name, layers_[layer].list);
 }
 
 void znc::UnpackDirs::share(const Duplicates& duplicates) noexcept

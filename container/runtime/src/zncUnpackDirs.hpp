@@ -32,8 +32,13 @@ class UnpackDirs {
     void set(std::size_t layer, TextList list) noexcept
     {
         if (layer < count_)
-            layers_[layer] = {std::move(list), true, layer};
+            layers_[layer] = {std::move(list), true, false, layer};
     }
+
+    // Takes the list of a layer that is stored in `base` from its record, if it has one.
+    bool read(std::size_t layer, std::string_view base, const char* name) noexcept;
+    // Records the list of a layer that is stored in `base`, unless there is none or it was read.
+    void record(std::size_t layer, std::string_view base, const char* name) const noexcept;
 
     // Makes each layer without a list use the list of the first layer equal to it.
     void share(const Duplicates& duplicates) noexcept;
@@ -44,6 +49,7 @@ class UnpackDirs {
     struct Layer {
         TextList list;
         bool listed = false;
+        bool recorded = false;
         std::size_t same_as = 0; // the layer whose list is used; its own index if `listed`
     };
     ZNC_DIRECTORY_FUNC func_;
