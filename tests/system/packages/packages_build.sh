@@ -31,16 +31,15 @@ for package in libzncontainer1 zncontainer-tools zncontainer-oci; do
 done
 control_file() { dpkg-deb --ctrl-tarfile "$1"_*.deb | tar -xO "./$2"; }
 shlibs() { control_file libzncontainer1 shlibs; }
-check 'programs linked with the library need its package' prints "libzncontainer 1 libzncontainer1" shlibs
+check 'programs linked with the library need its package' prints "libzncontainer 1 libzncontainer1 (>= ${version%-*})" shlibs
 since() { control_file libzncontainer1 symbols | sed -n "s/^ $1@ZNCONTAINER_1 //p"; }
 check 'those that use old functions only run with 1.0' prints 1.0.0 since zncCreate
 check 'those that use new functions do not' prints 1.1.0 since zncStartPid
-stops_nothing() {
-    control_file zncontainer-tools "$1" >"$work/script" && not grep -E 'systemctl.*restart|invoke.*restart' "$work/script"
-}
-check 'no generated script restarts the daemon' stops_nothing postinst
+postinst() { control_file zncontainer-tools postinst >"$work/postinst" && grep "$1" "$work/postinst"; }
+check 'the daemon is enabled by a generated script' postinst 'deb-systemd-helper enable .*zncd.service'
+check 'it is started and restarted by no generated script' not postinst '_dh_action'
 
-check 'lintian finds no errors' lintian --allow-root --fail-on error,warning --suppress-tags bad-distribution-in-changes-file ./*.deb
+check 'lintian finds no errors and warnings' lintian --allow-root --fail-on error,warning ./*.deb
 binaries() {
     local deb
     for deb in libzncontainer1_*.deb zncontainer-tools_*.deb zncontainer-import_*.deb zncontainer-oci_*.deb; do

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # packages_install.sh - installs the packages in a clean Debian system without network, uses them, reinstalls
-# them and removes them without a trace. Needs a sandbox, packages_build.sh and packages_fixture.sh.
+# them and removes them without a trace. With ZNC_DEBS, those in that directory, which must store where packages
+# do. Needs a sandbox, packages_build.sh and packages_fixture.sh.
 # shellcheck source=tests/system/packages/packages_lib.sh
 . "$(dirname "$0")/packages_lib.sh"
 
@@ -8,7 +9,7 @@ ZNC_TEST_CACHE=${ZNC_TEST_CACHE:-${ZNC_TEST_CACHE_DEFAULT:?the directory of the 
 root=$work/root
 daemon=
 
-# All writes to the system go to a tmpfs. /ram0 is the default storage base.
+# All writes to the system go to a tmpfs.
 mkdir -p "$root" "$work/writes"
 mount -t tmpfs writes "$work/writes"
 mkdir "$work/writes/upper" "$work/writes/work"
@@ -23,22 +24,22 @@ trap clean_up EXIT
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 mount -t tmpfs run "$root/run"
-mkdir -p "$root/ram0" "$root/debs"
-mount -t tmpfs ram "$root/ram0"
-mount --bind "$ZNC_BUILD_DIR/debs" "$root/debs"
+mkdir -p "$root/debs" "$root/storage"
+mount -t tmpfs storage "$root/storage" # an overlay cannot be a storage base
+chmod 0755 "$root/run" "$root/storage"
+mount --bind "$debs" "$root/debs"
 
-enter=(env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive ZNCCTL_NETWORK=none
-    chroot "$root")
-inside() { "${enter[@]}" "$@"; }
+variables=(PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive ZNCCTL_NETWORK=none)
+inside() { env -i "${variables[@]}" chroot "$root" "$@"; }
 apt() { inside apt-get -qy --no-install-recommends "$@"; }
 install_package() { apt install /debs/"$1"_"$(field "$1" Version)"_"$(field "$1" Architecture)".deb; }
-field() { dpkg-deb --field "$ZNC_BUILD_DIR"/debs/"$1"_*.deb "$2"; }
+field() { dpkg-deb --field "$debs/$1"_*.deb "$2"; }
 
 # Lists the files of the system except those that installing any package changes: the records of apt and dpkg,
 # the loader's cache, and mount points.
 contents() {
     find "$root" -xdev -mindepth 1 -printf '/%P %y %m %l\n' | sort |
-        grep -vE '^/(var/(lib/(dpkg|apt|systemd)|log|cache)|etc/ld\.so\.cache|debs|ram0|run)(/| )'
+        grep -vE '^/(var/(lib/(dpkg|apt|systemd)|log|cache)|etc/ld\.so\.cache|debs|storage|run)(/| )'
 }
 contents >"$work/before"
 
@@ -59,14 +60,25 @@ check 'zncrun runs' inside zncrun --version
 check 'the packed files are installed' \
     inside dpkg --verify libzncontainer1 libzncontainer-dev zncontainer-tools zncontainer-import zncontainer-oci
 check 'zncctl runs' inside zncctl --help
+base=/var/lib/zncontainer
+stores_at() { inside zncctl info --format json | jq -r .storage; }
+if [[ -n ${ZNC_DEBS-} || $(stores_at) == "$base" ]]; then
+    check 'the programs store where packages do' prints "$base" stores_at
+    mkdir -m 0700 "$root$base"
+    mount --bind "$root/storage" "$root$base"
+else
+    printf 'skipped - the programs store where packages do: this build has other options\n'
+    base=/storage
+    variables+=(ZNC_BASE=/storage)
+fi
 check 'zncd runs' inside zncd --version
 check 'the daemon is enabled' \
     test -L "$root/etc/systemd/system/multi-user.target.wants/zncd.service"
 check 'the unit names the daemon where it is' grep -qx 'ExecStart=/usr/sbin/zncd \$ZNCD_OPTIONS' \
-    "$root/usr/lib/systemd/system/zncd.service"
+    "$root/lib/systemd/system/zncd.service"
 # Against the units of the host, which may lack the daemon.
 unit_problems() {
-    sed 's|^ExecStart=.*|ExecStart=/bin/true|' "$root/usr/lib/systemd/system/zncd.service" \
+    sed 's|^ExecStart=.*|ExecStart=/bin/true|' "$root/lib/systemd/system/zncd.service" \
         >"$work/zncd.service" && systemd-analyze verify --man=no "$work/zncd.service" 2>&1
 }
 if command -v systemd-analyze >/dev/null; then
@@ -100,7 +112,7 @@ check 'an image is made' make_image
 
 printf '# zncd &\n'
 # With no_new_privs, as in the unit.
-"${enter[@]}" setpriv --no-new-privs zncd >"$work/zncd.log" 2>&1 </dev/null &
+env -i "${variables[@]}" chroot "$root" setpriv --no-new-privs zncd >"$work/zncd.log" 2>&1 </dev/null &
 daemon=$!
 check 'the daemon answers' eventually inside zncctl ping
 shown() {
@@ -132,12 +144,21 @@ check 'an imported image is unpacked' \
     inside zncctl unpack --tag tree --progress none /srv/imported /srv/bundle
 tree=$(jq -r .root.path "$root/srv/bundle/config.json")
 check 'the unpacked file equals that of the source' cmp "$work/image/bin/hello" "$root$tree/bin/hello"
-step 'what is stored is removed' 'layer /ram0/.*' zncctl storage gc
+step 'what is stored is removed' "layer $base/.*" zncctl storage gc
 kill -TERM "$daemon"
 check 'the daemon ends when told to' wait "$daemon"
 daemon=
 cat "$work/zncd.log"
-rm -rf "$root/srv/"* "$root/overlay"
+rm -rf "$root/srv/"*
+
+# What autopkgtest runs.
+cp /bin/busybox "$root/bin/busybox"
+cp "$source_dir/debian/tests/run-container" "$root/srv"
+runs_container() { inside env PACKAGED_BASE="$base" sh /srv/run-container; }
+check 'the test of the source package passes' runs_container
+rm "$root/srv/run-container" "$root/bin/busybox"
+umount "$root/storage"
+[[ $base == /storage ]] || umount "$root$base"
 
 debs=("$root"/debs/*.deb)
 reinstall() { apt install --reinstall "${debs[@]#"$root"}"; }
@@ -150,6 +171,7 @@ check 'the programs of the removed packages do not exist' not test -e "$root/usr
 check 'everything is purged' apt purge --auto-remove zncontainer-oci zncontainer-import zncontainer-tools \
     libzncontainer-dev libzncontainer1
 check 'dpkg knows none of them any more' not inside dpkg --status zncontainer-tools libzncontainer1
+check 'nothing of it is in /run' not test -e "$root/run/zncontainer"
 same_contents() { contents | diff "$work/before" -; }
 check 'nothing of them is left' same_contents
 finish

@@ -6,6 +6,7 @@
 # shellcheck source=tests/system/cli/cli_lib.sh
 . "$(dirname "$0")/../cli/cli_lib.sh"
 need dpkg
+need umoci
 
 scripts=$(cd "$(dirname "$0")/../../../debian" && pwd)
 mount -t tmpfs -o mode=755 state /var/lib
@@ -104,11 +105,13 @@ is_link() { [[ $(readlink /var/lib/zncontainer) == /ram0/znc ]]; }
 mkdir -p /ram0/znc/layers
 script postinst configure 1.0.0-1
 check 'a storage base in memory is not used on' test ! -e /var/lib/zncontainer -a ! -L /var/lib/zncontainer
-mount --bind "$disk" /ram0/znc
+mount --bind "$disk" /ram0
+mkdir -m 0700 /ram0/znc
 script postinst configure 1.0.0-1
 check 'an empty storage base is not used on' test ! -L /var/lib/zncontainer
-mkdir /ram0/znc/layers
-chmod 0700 /ram0/znc
+make_image "$work/image"
+ZNC_BASE=/ram0/znc run zncctl unpack --os linux "$work/image" "$work/bundle"
+check 'an image is unpacked to the old place' test "$status" -eq 0 -a -d /ram0/znc/layers
 mkdir /var/lib/zncontainer
 script postinst configure 1.0.0-1
 check 'a storage base at the new place is left alone' not is_link
@@ -116,19 +119,29 @@ rmdir /var/lib/zncontainer
 script postinst configure 1.0.0-1
 check 'a storage base of 1.0 is used on' is_link
 check 'it says where' says /ram0/znc
-start_daemon
-uses_it() { zncctl storage gc && zncctl create web "$work/web" && [[ -d /ram0/znc/containers ]]; }
-check 'the programs use it by way of the link' uses_it
-stop_daemon
-check 'the daemon ends well' test "$status" -eq 0
+bundle_runs() {
+    start_daemon
+    zncctl create --bundle "$work/bundle" old && zncctl start --attach old >"$work/greeting" &&
+        zncctl delete old && zncctl storage gc && [[ $(<"$work/greeting") == 'from the second layer' ]]
+    local result=$?
+    stop_daemon
+    return $((result + status))
+}
+check 'the bundle runs by way of the link' bundle_runs
 script postrm remove
 check 'removing the package leaves it' is_link
 script postrm purge
 check 'a purge removes the link' test ! -L /var/lib/zncontainer
 check 'a purge leaves the storage base of 1.0' test -d /ram0/znc/layers
 check 'it says that it stays' says '/ram0/znc stays'
-umount /ram0/znc
-rm -rf "$disk" /ram0
+
+# What docs/upgrading.md says about moving it.
+umount /overlay/*
+mv /ram0/znc /var/lib/zncontainer
+ln -s /var/lib/zncontainer /ram0/znc
+check 'the bundle runs after the storage base was moved' bundle_runs
+umount /ram0
+rm -rf "$disk" /ram0 /var/lib/zncontainer
 
 # ---- purge
 
