@@ -289,6 +289,7 @@ STATUS znnsKeepOpen(const znKeepManager* manager)
 
 STATUS znnsKeep(nsid_t ns, pid_t program, const void* note, size_t size)
 {
+    keep_check();
     NamespaceLinks links;
     znc::List<char> mounts;
     KeptRecord record;
