@@ -21,12 +21,21 @@ class Keeper {
     // a new mount namespace. False with errno set.
     bool start(unsigned long namespaces);
 
+    // Starts the process that starts spare keepers (helper/starter.cpp). It serves no requests.
+    // False with errno set.
+    bool start_starter();
+
+    // Whether enough descriptors are left to end namespaces and to answer requests about them. A
+    // namespace that would use the last ones is not created. False with errno set.
+    static bool descriptors_left();
+
     // Takes over a helper that was started otherwise and serves requests at the other end of
     // `socket`.
     void adopt(pid_t pid, znc::UniqueFd pidfd, znc::UniqueFd socket);
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int pidfd() const { return pidfd_.get(); }
+    [[nodiscard]] int socket() const { return socket_.get(); }
 
     // Sends a request and waits for the answer. 0, or an error number: the one reported by the
     // keeper, ESRCH if the keeper is dead, ETIMEDOUT if it does not answer in time (it is then
@@ -53,7 +62,7 @@ class Keeper {
 
   private:
     static int bare_mounts();
-    bool launch(int mounts, unsigned long namespaces);
+    bool launch(const char* part, int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;

@@ -6,6 +6,7 @@
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
 #include "ns_settings.hpp"
+#include "ns_spare.hpp"
 #include "overlay_device.hpp"
 #include "system/pidfd.hpp"
 #include "zarnel/overlay.h"
@@ -367,7 +368,8 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
         error = choose_users(ns->settings);
     if (error == 0)
         error = ns->settings.make_user(fault);
-    if (error == 0 && !ns->keeper.start(ns->settings.clone_flags()))
+    if (error == 0 && !spare_take(ns->keeper, ns->settings.clone_flags()) &&
+        !ns->keeper.start(ns->settings.clone_flags()))
         return -1;
     if (error == 0)
         error = ns->settings.prepare(ns->keeper, fault);
@@ -590,6 +592,7 @@ int znnsShutdown(void)
         while (bucket != nullptr)
             end_namespace(&bucket);
     const std::int64_t deadline = now_ns() + kShutdownNs;
+    spares_end(deadline);
     int left = 0;
     for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
         left += ns->keeper.ended(milliseconds_until(deadline)) ? 0 : 1;

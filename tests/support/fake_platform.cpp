@@ -303,6 +303,10 @@ void znnsKillAll(void) {}
 
 void znnsReap(void) {}
 
+void znnsSparesSet(unsigned /*count*/) {}
+
+void znnsSparesMake(void) {}
+
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
 {
     fake::Call call;
