@@ -10,6 +10,7 @@
 #include "stop_signals.hpp"
 
 #include <array>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -31,7 +32,7 @@ namespace {
 constexpr int kExitUsage = 64;
 constexpr const char* kUsage =
     "usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] "
-    "[--allow-privileged] [--userns] [--keep] | check | --help | --version\n";
+    "[--allow-privileged] [--userns] [--keep] [--spare N] | check | --help | --version\n";
 constexpr const char* kHelp =
     "\n"
     "Serves container requests on the queue \"/znc\" until SIGTERM or SIGINT, then ends all\n"
@@ -48,6 +49,7 @@ constexpr const char* kHelp =
     "  --userns           give each container a user namespace with host users of its own\n"
     "  --keep             leave the containers running when the daemon ends, and take over those\n"
     "                     that an earlier daemon has left\n"
+    "  --spare N          make the namespaces of N containers ahead (0 to 16, default: 1)\n"
     "  check              check whether the system has what zncd needs\n"
     "\n"
     "environment:\n"
@@ -86,7 +88,15 @@ struct Options {
     bool allowPrivileged = false;
     bool mapUsers = false;
     bool keep = false;
+    unsigned spares = 1;
 };
+
+bool parse_spares(std::string_view text, unsigned& spares)
+{
+    const char* const end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, spares);
+    return error == std::errc() && at == end && spares <= ZNNS_SPARES_MAX;
+}
 
 // Returns the exit status, or -1 to continue and serve.
 int parse_options(std::span<char* const> words, Options& options)
@@ -112,6 +122,11 @@ int parse_options(std::span<char* const> words, Options& options)
         }
         if (word == "--keep") {
             options.keep = true;
+            continue;
+        }
+        if (word == "--spare" && i + 1 < words.size() &&
+            parse_spares(words[i + 1], options.spares)) {
+            i++;
             continue;
         }
         if (word != "--log-level" || i + 1 == words.size() || !zncd::set_log_level(words[i + 1]))
@@ -220,6 +235,7 @@ int main(int argc, char** argv)
         zncd::log_errno("cannot create a user namespace");
         return 1;
     }
+    znnsSparesSet(options.mapUsers ? 0 : options.spares); // those have no users of their own
     znnsRefusalListenerSet(log_refusal);
     znc::set_service_listener(
         {notify_ready, options.allowUrgent ? on_request<true> : on_request<false>});

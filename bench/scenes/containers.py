@@ -204,7 +204,8 @@ def pss(pid):
     raise RuntimeError(f"no Pss of {pid}")
 
 
-def keepers(daemon_pid):
+def children(daemon_pid, *names):
+    """The daemon's children whose names are among these."""
     found = []
     for path in glob.glob("/proc/[0-9]*/stat"):
         try:
@@ -212,7 +213,8 @@ def keepers(daemon_pid):
                 text = file.read()
         except OSError:
             continue
-        if text.rsplit(")", 1)[1].split()[1] == str(daemon_pid):
+        name, fields = text.split("(", 1)[1].rsplit(")", 1)
+        if fields.split()[1] == str(daemon_pid) and name in names:
             found.append(int(path.split("/")[2]))
     return found
 
@@ -223,13 +225,13 @@ def m1(world):
     with Daemon(world, overlay=True) as daemon:
         pid = daemon.process.pid
         fixtures.bundle(f"{WORK}/ours")
-        idle = pss(pid)
+        idle = pss(pid) + sum(pss(spare) for spare in children(pid, "zn-starter", "zn-spare"))
         library = f"{world.bin}/bench_library"
         subprocess.run([library, "fill", "1", f"{WORK}/ours"], check=True)
-        first = pss(pid) + sum(pss(keeper) for keeper in keepers(pid))
+        first = pss(pid) + sum(pss(keeper) for keeper in children(pid, "zn-keeper"))
         subprocess.run([library, "empty", "1"], check=True)
         subprocess.run([library, "fill", str(count), f"{WORK}/ours"], check=True)
-        all_keepers = keepers(pid)
+        all_keepers = children(pid, "zn-keeper")
         if len(all_keepers) != count:
             raise RuntimeError(f"{len(all_keepers)} keepers of {count} containers")
         full = pss(pid) + sum(pss(keeper) for keeper in all_keepers)

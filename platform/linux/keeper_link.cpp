@@ -21,7 +21,7 @@ namespace {
 
 using znc::UniqueFd;
 
-constexpr int kSpareDescriptors = 16;
+constexpr int kFreeDescriptors = 16;
 constexpr std::int64_t kNsPerMillisecond = 1000000;
 
 // All keepers of this process are executed from one file, so that they share its pages.
@@ -65,20 +65,18 @@ class ReservedDescriptor {
     bool good_;
 };
 
-// Whether enough descriptors are left to end namespaces and to answer requests about them. A
-// namespace that would use the last ones is not created.
-bool descriptors_to_spare(int file)
+} // namespace
+
+bool Keeper::descriptors_left()
 {
-    UniqueFd spare[kSpareDescriptors];
-    for (UniqueFd& fd : spare) {
-        fd.reset(::fcntl(file, F_DUPFD_CLOEXEC, 0));
+    UniqueFd free[kFreeDescriptors];
+    for (UniqueFd& fd : free) {
+        fd.reset(::fcntl(keeper_file(), F_DUPFD_CLOEXEC, 0));
         if (!fd)
             return false;
     }
     return true;
 }
-
-} // namespace
 
 // A mount namespace that contains almost no mounts, kept open by a descriptor. Each keeper starts
 // with a copy of it instead of a copy of the host's mount namespace, whose size grows with the
@@ -91,7 +89,7 @@ int Keeper::bare_mounts()
         return mounts.get();
     const znc::ErrnoSaver keep;
     Keeper maker;
-    if (!maker.launch(-1, CLONE_NEWPID))
+    if (!maker.launch(wire::kKeeperName, -1, CLONE_NEWPID))
         return -1;
     if (maker.ask(wire::Op::kBareMounts) == 0) {
         char path[64];
@@ -105,7 +103,13 @@ int Keeper::bare_mounts()
 
 bool Keeper::start(unsigned long namespaces)
 {
-    return launch(bare_mounts(), namespaces);
+    return launch(wire::kKeeperName, bare_mounts(), namespaces);
+}
+
+bool Keeper::start_starter()
+{
+    const int mounts = bare_mounts();
+    return mounts >= 0 && launch(wire::kStarterName, mounts, 0);
 }
 
 void Keeper::adopt(pid_t pid, UniqueFd pidfd, UniqueFd socket)
@@ -117,13 +121,13 @@ void Keeper::adopt(pid_t pid, UniqueFd pidfd, UniqueFd socket)
     serial_ = static_cast<std::uint32_t>(now_ns());
 }
 
-// Starts the keeper in a copy of the mount namespace `mounts`, or of the caller's if it is
-// negative.
-bool Keeper::launch(int mounts, unsigned long namespaces)
+// Starts the part `part` of the helper in a copy of the mount namespace `mounts`, or of the
+// caller's if it is negative.
+bool Keeper::launch(const char* part, int mounts, unsigned long namespaces)
 {
     const int file = keeper_file();
     int pair[2];
-    if (file < 0 || !descriptors_to_spare(file) ||
+    if (file < 0 || !descriptors_left() ||
         ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         return false;
     socket_.reset(pair[0]);
@@ -133,8 +137,8 @@ bool Keeper::launch(int mounts, unsigned long namespaces)
     if (!start)
         return false;
     const LaunchFd fds[] = {{ReservedDescriptor::number(), wire::kKeeperSocket}};
-    char name[sizeof wire::kKeeperName];
-    std::memcpy(name, wire::kKeeperName, sizeof name);
+    char name[16];
+    std::snprintf(name, sizeof name, "%s", part);
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
     // No exit signal, so that the embedding program gets no SIGCHLD for keepers.

@@ -21,6 +21,14 @@ class Keeper {
     // a new mount namespace. False with errno set.
     bool start(unsigned long namespaces);
 
+    // Starts the process that starts spare keepers (helper/starter.cpp). It serves no requests.
+    // False with errno set.
+    bool start_starter();
+
+    // Whether enough descriptors are left to end namespaces and to answer requests about them. A
+    // namespace that would use the last ones is not created. False with errno set.
+    static bool descriptors_left();
+
     // Takes over a helper that was started otherwise and serves requests at the other end of
     // `socket`.
     // Earlier owners of that end may have left requests without reading the answers.
@@ -56,7 +64,7 @@ class Keeper {
   private:
     static int bare_mounts();
     int receive(wire::Answer& answer, int waitMilliseconds);
-    bool launch(int mounts, unsigned long namespaces);
+    bool launch(const char* part, int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;

@@ -303,6 +303,13 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
     }
 }
 
+BOOL znMsgQEmpty(MSG_Q_ID q)
+{
+    const znc::ErrnoSaver keep;
+    struct mq_attr attr;
+    return mq_getattr(q, &attr) == 0 && attr.mq_curmsgs == 0 ? TRUE : FALSE;
+}
+
 STATUS znMsgQClose(MSG_Q_ID q)
 {
     if (q == firstCreated)

@@ -7,6 +7,7 @@
 #include "ns_mount.hpp"
 #include "ns_record.hpp"
 #include "ns_settings.hpp"
+#include "ns_spare.hpp"
 #include "overlay_device.hpp"
 #include "system/pidfd.hpp"
 #include "zarnel/ns_keep.h"
@@ -103,11 +104,12 @@ void reap_dying()
     }
 }
 
-// Waits for the end of the namespaces that were deleted. Returns the number of those that have not
-// ended.
+// Ends the spares, and waits for the end of the namespaces that were deleted. Returns the number of
+// those that have not ended.
 int settle_dying()
 {
     const std::int64_t deadline = now_ns() + kShutdownNs;
+    spares_end(deadline);
     int left = 0;
     for (Namespace* ns = g_dying; ns != nullptr; ns = ns->next)
         left += ns->keeper.ended(milliseconds_until(deadline)) ? 0 : 1;
@@ -449,7 +451,8 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
         error = choose_users(ns->settings);
     if (error == 0)
         error = ns->settings.make_user(fault);
-    if (error == 0 && !ns->keeper.start(ns->settings.clone_flags()))
+    if (error == 0 && !spare_take(ns->keeper, ns->settings.clone_flags()) &&
+        !ns->keeper.start(ns->settings.clone_flags()))
         return -1;
     if (error == 0)
         error = ns->settings.prepare(ns->keeper, fault);

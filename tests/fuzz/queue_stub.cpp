@@ -88,6 +88,13 @@ ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout)
     return static_cast<ssize_t>(len);
 }
 
+BOOL znMsgQEmpty(MSG_Q_ID q)
+{
+    return (is_info(name_of(q)) ? queue_stub::stub().infos : queue_stub::stub().replies).empty()
+               ? TRUE
+               : FALSE;
+}
+
 STATUS znMsgQClose(MSG_Q_ID q)
 {
     static_cast<void>(name_of(q));

@@ -1,8 +1,10 @@
 #include "daemon_process.hpp"
 
 #include "eventually.hpp"
+#include "spare_processes.hpp"
 #include "zncprotocol.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -85,8 +87,9 @@ bool DaemonProcess::is_idle() const
 {
     const std::string directory = "/proc/" + std::to_string(pid_);
     const bool sleeps = read_file(directory + "/stat").find(") S ") != std::string::npos;
+    const std::set<pid_t> children = spare_processes::children_of(pid_);
     return sleeps && threads() <= ownThreads_ &&
-           read_file(directory + "/task/" + std::to_string(pid_) + "/children").empty();
+           std::all_of(children.begin(), children.end(), spare_processes::is_one);
 }
 
 std::ptrdiff_t DaemonProcess::threads() const

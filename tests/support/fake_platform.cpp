@@ -351,6 +351,10 @@ int znnsAdopt(BOOL (*accept)(const znKept* kept, void* context),
 
 void znnsReap(void) {}
 
+void znnsSparesSet(unsigned /*count*/) {}
+
+void znnsSparesMake(void) {}
+
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
 {
     fake::Call call;

@@ -1,5 +1,7 @@
 #include "ledger.hpp"
 
+#include "spare_processes.hpp"
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -58,6 +60,17 @@ std::set<std::string> queues()
     return names;
 }
 
+// Whether the descriptor `number` of the daemon is a pidfd of one of its spare processes.
+bool refers_to_spare(pid_t daemon, const std::string& number)
+{
+    std::ifstream info("/proc/" + std::to_string(daemon) + "/fdinfo/" + number);
+    pid_t pid = -1;
+    for (std::string line; pid < 0 && std::getline(info, line);)
+        if (line.rfind("Pid:", 0) == 0)
+            pid = std::stoi(line.substr(line.find_first_of("-0123456789")));
+    return pid > 0 && spare_processes::is_one(pid);
+}
+
 } // namespace
 
 Ledger Ledger::take(const std::string& storage, pid_t daemon)
@@ -84,6 +97,8 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
             if (line.rfind("PPid:", 0) == 0)
                 parent = line.substr(line.find_first_of("0123456789"));
         const bool ours = family.count(parent) != 0;
+        if (parent == std::to_string(daemon) && spare_processes::is_one(std::stoi(pid)))
+            continue;
         if (ours && family.count(pid) == 0)
             entries["process " + pid] = read_file(entry.path() / "comm") + state_of(pid);
         if (ours && !ns.empty() && ns != own)
@@ -102,9 +117,16 @@ Ledger Ledger::take(const std::string& storage, pid_t daemon)
         std::error_code error;
         const std::string target = fs::read_symlink(entry.path(), error).string();
         const size_t end = std::min(target.find('['), target.find(" (deleted)"));
-        const std::string kind = target.substr(0, end);
-        entries["daemon descriptor " + kind + " " + std::to_string(++kinds[kind])] = "";
+        kinds[target.substr(0, end)]++;
+        // The daemon has a pidfd and a socket of each spare process.
+        if (refers_to_spare(daemon, entry.path().filename())) {
+            kinds[target.substr(0, end)]--;
+            kinds["socket:"]--;
+        }
     }
+    for (const auto& [kind, count] : kinds)
+        for (int n = 1; n <= count; n++)
+            entries["daemon descriptor " + kind + " " + std::to_string(n)] = "";
     return ledger;
 }
 

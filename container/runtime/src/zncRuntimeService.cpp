@@ -149,8 +149,13 @@ void serve(MSG_Q_ID queue)
 {
     zncMessage message = {};
     HouseKeeping house_keeping;
+    bool created = false;
     for (;;) {
         house_keeping.run_if_due();
+        // Not after a create, whose client usually starts the container at once.
+        if (!created && znMsgQEmpty(queue))
+            znnsSparesMake();
+        created = false;
         const ssize_t len =
             znMsgQReceive(queue, &message, sizeof message, kReclaimSeconds * znSysClkRateGet());
         if (len < 0 && errno == ETIMEDOUT)
@@ -162,6 +167,7 @@ void serve(MSG_Q_ID queue)
             (requests_kept && !is_awaited(message)))
             continue;
         static_cast<void>(zncMessageProcess(&message));
+        created = message.cmdId == ZNC_CREATE;
         errno = 0; // do not carry errno over to the next request
     }
 }

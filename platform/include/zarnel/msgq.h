@@ -79,6 +79,10 @@ STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int prio
  */
 ssize_t znMsgQReceive(MSG_Q_ID q, void* buf, size_t maxLen, int timeout);
 
+/* Whether no message waits in the queue. FALSE also if that cannot be determined. Preserves errno.
+ */
+BOOL znMsgQEmpty(MSG_Q_ID q);
+
 /* Close a handle. The queue exists until its name is removed, too. */
 STATUS znMsgQClose(MSG_Q_ID q);
 

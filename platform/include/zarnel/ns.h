@@ -186,6 +186,29 @@ void znnsKillAll(void);
 int znnsShutdown(void);
 
 /*
+ * Spare namespaces are made ahead, so that znnsCreate and znnsCreateConfigured need not wait for
+ * the kernel to create one. They are used for configurations in which all of the kernel's
+ * namespaces are new and there is no user namespace; others are created as without spares. A spare
+ * contains nothing but what each new namespace contains, has no id, is not recorded, is used once,
+ * and ends with the owner or by znnsShutdown. No result depends on whether there is a spare: one
+ * that cannot be made is not reported, and one that has ended is not used.
+ */
+#define ZNNS_SPARES_MAX 16
+
+/*
+ * Set how many spare namespaces there should be, at most ZNNS_SPARES_MAX. Initially 0. With 0 it
+ * ends those that exist, which takes a second at most.
+ */
+void znnsSparesSet(unsigned count);
+
+/*
+ * Begin to make the spares that are missing, and end those that are no longer like new ones. To be
+ * called from time to time when the owner has nothing else to do. Does not wait until they are
+ * made.
+ */
+void znnsSparesMake(void);
+
+/*
  * Release what is still held for namespaces that have ended since they were deleted, and remove
  * overlay devices that could not be removed because they were locked. Creating and deleting
  * namespaces do the former, too; this call is for an owner that does neither for a while.

@@ -35,9 +35,11 @@ inline bool text_equal(const char* a, const char* b)
     return *a == *b;
 }
 
-// The keeper (keeper.cpp), the spawner (spawner.cpp), the holder (holder.cpp) and the store
-// (store.cpp).
+// The keeper (keeper.cpp), the spawner (spawner.cpp), the holder (holder.cpp), the store (store.cpp)
+// and the process that starts spare keepers (starter.cpp).
 [[noreturn]] void keeper_run();
+[[noreturn]] void keeper_run_spare();
+[[noreturn]] void starter_run();
 [[noreturn]] void spawner_run(char** argv, char** envp);
 [[noreturn]] void holder_run();
 [[noreturn]] void store_run();
@@ -63,9 +65,13 @@ int reset_processors();
 // (inherited.cpp).
 int replace_null_streams();
 
-// Replaces the host's tree by one that contains only an empty directory "/proc", to be copied for
-// other keepers (keeper_root.cpp).
+// Replaces the host's tree by one that contains only the empty directories "/proc", "/dev", "/sys"
+// and "/covers", to be copied for other keepers (keeper_root.cpp).
 int root_leave();
+
+// In such a tree: mounts what root_enter mounts for the usual settings, which it then moves into
+// the root (keeper_root.cpp).
+int root_prepare();
 
 // A process that joins a mount namespace gets the root of its topmost mount as "/". This process
 // has another root if its owner is in a chroot, and then gets that root, too (keeper_root.cpp).

@@ -278,6 +278,7 @@ int terminal_provide(int socket, std::uint64_t size, bool console)
     constexpr long kUnlock = 0x40045431;    // TIOCSPTLCK
     constexpr long kOpenPeer = 0x5441;      // TIOCGPTPEER
     constexpr long kSetWindowSize = 0x5414; // TIOCSWINSZ
+    constexpr char kName[] = "/dev/pts/ptmx";
     const sys::Fd master = open_terminals();
     if (!master.valid())
         return master.error();
@@ -296,7 +297,7 @@ int terminal_provide(int socket, std::uint64_t size, bool console)
     int error = console ? bind_console(terminal.get()) : 0;
     for (int stream = 0; stream <= 2 && error == 0; stream++)
         error = error_of(sys::call(__NR_dup3, terminal.get(), stream, 0));
-    return error != 0 ? error : descriptor_send(socket, "/dev/pts/ptmx", master.get());
+    return error != 0 ? error : descriptor_send(socket, kName, sizeof kName - 1, master.get());
 }
 
 } // namespace zn

@@ -194,10 +194,10 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
     return EINVAL;
 }
 
-void initialize()
+void initialize(const char* name)
 {
     sys::call(__NR_prctl, PR_SET_DUMPABLE, 0);
-    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
+    sys::call(__NR_prctl, PR_SET_NAME, sys::arg(name));
     // A process with the same real, effective and saved user ids may change this process's limits;
     // no process has three different ones.
     sys::call(__NR_setresuid, -1, -1, kNobodyUser);
@@ -215,16 +215,17 @@ void initialize()
     sys::call(__NR_rt_sigaction, SIGCHLD, sys::arg(&ignore), 0, sizeof ignore.mask);
 }
 
-} // namespace
-
-void keeper_run()
+[[noreturn]] void serve_all(bool isSpare)
 {
-    initialize();
     Incoming in;
     for (;;) {
         sys::Fd descriptor;
         if (!request_receive(wire::kKeeperSocket, in, descriptor))
             sys::exit_group(0);
+        if (isSpare) {
+            sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
+            isSpare = false;
+        }
         wire::Answer answer = {};
         answer.error = serve(in, descriptor.get(), &answer.value);
         request_answer(wire::kKeeperSocket, in.request, answer);
@@ -233,6 +234,25 @@ void keeper_run()
         if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)
             sys::exit_group(0);
     }
+}
+
+} // namespace
+
+void keeper_run()
+{
+    initialize(wire::kKeeperName);
+    serve_all(false);
+}
+
+void keeper_run_spare()
+{
+    initialize(wire::kSpareName);
+    if (root_prepare() != 0)
+        sys::exit_group(1);
+    // Otherwise the spawner does it. The daemon may not have the capability.
+    static_cast<void>(loopback_up());
+    request_answer(wire::kKeeperSocket, {});
+    serve_all(true);
 }
 
 } // namespace zn

@@ -15,6 +15,12 @@
 namespace zn {
 namespace {
 
+// The directories of the bare tree that keepers start in. The covers of hidden paths are attached
+// to the first; the others are where a spare keeper mounts what a container has at "/proc" and so
+// on.
+constexpr char kCovers[] = "covers";
+constexpr char kProvided[][5] = {"proc", "dev", "sys"};
+
 constexpr std::uint64_t kRestricted = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 
 // pivot_root(".", ".") stacks the old root on the new one at the same place, where it stays until
@@ -164,6 +170,57 @@ int provide_dev(std::uint32_t ttyGroup)
     return error;
 }
 
+// Mounts procfs, /dev and sysfs on the directories of these names below the working directory.
+int provide_all(int coversPlace, bool masked, std::uint32_t ttyGroup)
+{
+    Covers covers(coversPlace);
+    int error = provide_proc(covers, masked);
+    if (error == 0)
+        error = provide_dev(ttyGroup);
+    return error != 0 ? error : provide_sys(covers, masked);
+}
+
+sys::Fd open_directory(const char* path)
+{
+    return sys::Fd(
+        sys::call(__NR_openat, AT_FDCWD, sys::arg(path), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+// What a spare keeper has mounted ahead.
+class Prepared {
+  public:
+    // Finds the mounts, as long as "/" is the bare tree.
+    int open()
+    {
+        for (unsigned i = 0; i < kCount; i++) {
+            mounts_[i] = open_directory(kProvided[i]);
+            if (!mounts_[i].valid())
+                return mounts_[i].error();
+        }
+        return 0;
+    }
+    // Moves them to the directories of these names below the working directory. What the tree has
+    // no directory for stays in the bare tree.
+    int move() const
+    {
+        for (unsigned i = 0; i < kCount; i++) {
+            sys::Fd directory;
+            int error = real_directory(kProvided[i], directory);
+            if (directory.valid())
+                error = attach(mounts_[i].get(), directory.get(), "");
+            if (error != 0)
+                return error;
+        }
+        return 0;
+    }
+
+  private:
+    static constexpr unsigned kCount = sizeof kProvided / sizeof kProvided[0];
+    sys::Fd mounts_[kCount];
+};
+
+bool g_prepared = false; // root_prepare has mounted for the usual settings
+
 } // namespace
 
 // pivot_root must replace the whole tree, not only that in the chroot.
@@ -178,10 +235,13 @@ int chroot_leave()
 int root_leave()
 {
     const sys::Fd bare(
-        filesystem_create("tmpfs", kRestricted, "mode=755\0size=4k\0nr_inodes=3", 3));
+        filesystem_create("tmpfs", kRestricted, "mode=755\0size=4k\0nr_inodes=6", 3));
     if (!bare.valid())
         return bare.error();
-    const long made = sys::call(__NR_mkdirat, bare.get(), sys::arg("proc"), 0555);
+    long made = sys::call(__NR_mkdirat, bare.get(), sys::arg(kCovers), 0555);
+    for (const char* name : kProvided)
+        if (made >= 0)
+            made = sys::call(__NR_mkdirat, bare.get(), sys::arg(name), 0555);
     const int error = made < 0 ? static_cast<int>(-made) : pivot(bare.get());
     return error != 0 ? error : detach_host();
 }
@@ -235,17 +295,29 @@ int root_switch(sys::Fd& host)
     return result < 0 ? static_cast<int>(-result) : detach_host();
 }
 
+int root_prepare()
+{
+    const sys::Fd place = open_directory(kCovers);
+    if (!place.valid())
+        return place.error();
+    const int error = provide_all(place.get(), true, wire::kSpareTerminalGroup);
+    g_prepared = error == 0;
+    return error;
+}
+
 int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup)
 {
     if (tree < 0)
         return EBADF;
+    const bool prepared = g_prepared && masked && ttyGroup == wire::kSpareTerminalGroup;
     // A directory of the previous tree as the place of the masks' tmpfs, so that detaching that
     // tree also unmounts the tmpfs.
-    const sys::Fd place(
-        sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const sys::Fd place = open_directory("/proc");
     if (!place.valid())
         return place.error();
-    int error = chroot_leave();
+    Prepared ahead;
+    // A spare keeper has no other root than that of its mount namespace: its starter joined one.
+    int error = prepared ? ahead.open() : chroot_leave();
     if (error == 0)
         error = pivot(tree);
     if (error != 0)
@@ -255,12 +327,7 @@ int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGro
         len = 64;
     if (len != 0)
         sys::call(__NR_sethostname, sys::arg(hostName), static_cast<long>(len));
-    Covers covers(place.get());
-    error = provide_proc(covers, masked);
-    if (error == 0)
-        error = provide_dev(ttyGroup);
-    if (error == 0)
-        error = provide_sys(covers, masked);
+    error = prepared ? ahead.move() : provide_all(place.get(), masked, ttyGroup);
     const int detached = detach_host();
     return error != 0 ? error : detached;
 }

@@ -1,6 +1,6 @@
-// network.cpp - brings up the loopback interface of a network namespace. Done by the spawner, not
-// by the keeper: the kernel's lock of all network configuration can be held for seconds on a busy
-// machine, which must not delay the daemon.
+// network.cpp - brings up the loopback interface of a network namespace. Done by a spare keeper or
+// by the spawner, not by a keeper that serves requests: the kernel's lock of all network
+// configuration can be held for seconds on a busy machine, which must not delay the daemon.
 
 #include "helper.hpp"
 #include "sys.hpp"

@@ -63,12 +63,14 @@ void request_answer(int socket, const wire::Request& request, wire::Answer answe
     sys::call(__NR_sendto, socket, sys::arg(&answer), sizeof answer, kMsgNoSignal);
 }
 
-int descriptor_send(int socket, const char* text, int descriptor)
+int descriptor_send(int socket, const void* data, std::size_t size, int descriptor)
 {
     ControlWithFd control = {{sizeof(ControlHeader) + sizeof(int), kSolSocket, kScmRights},
                              descriptor};
-    iovec iov = {const_cast<char*>(text), strlen(text)};
-    const MessageHeader header = {nullptr, 0, &iov, 1, &control, sizeof control, 0};
+    iovec iov = {const_cast<void*>(data), size};
+    const bool with = descriptor >= 0;
+    const MessageHeader header = {
+        nullptr, 0, &iov, 1, with ? &control : nullptr, with ? sizeof control : 0, 0};
     const long n = sys::call(__NR_sendmsg, socket, sys::arg(&header), kMsgNoSignal);
     return n < 0 ? static_cast<int>(-n) : 0;
 }

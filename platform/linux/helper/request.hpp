@@ -18,8 +18,8 @@ bool request_receive(int socket, Incoming& in, sys::Fd& descriptor);
 // Answers `request`.
 void request_answer(int socket, const wire::Request& request, wire::Answer answer);
 
-// Sends `text` with a descriptor. 0 or an error number.
-int descriptor_send(int socket, const char* text, int descriptor);
+// Sends `size` bytes with a descriptor, or without one if it is negative. 0 or an error number.
+int descriptor_send(int socket, const void* data, std::size_t size, int descriptor);
 
 inline const char* next_text(const char* text)
 {

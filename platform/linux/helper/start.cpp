@@ -59,6 +59,8 @@ std::size_t strlen(const char* s)
     char** envp = argv + argc + 1;
     if (argc > 0 && zn::text_equal(argv[0], zn::wire::kKeeperName))
         zn::keeper_run();
+    if (argc > 0 && zn::text_equal(argv[0], zn::wire::kStarterName))
+        zn::starter_run();
     if (argc > 0 && zn::text_equal(argv[0], zn::wire::kHolderName))
         zn::holder_run();
     if (argc > 0 && zn::text_equal(argv[0], zn::wire::kStoreName))

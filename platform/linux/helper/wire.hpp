@@ -21,6 +21,8 @@ inline constexpr char kKeeperName[] = "zn-keeper";
 inline constexpr char kSpawnerName[] = "zn-spawn";
 inline constexpr char kHolderName[] = "zn-holder";
 inline constexpr char kStoreName[] = "zn-store";
+inline constexpr char kStarterName[] = "zn-starter";
+inline constexpr char kSpareName[] = "zn-spare"; // a keeper before its first request
 inline constexpr char kInitName[] = "zn-init";
 inline constexpr char kEntrantName[] = "zn-exec";
 inline constexpr char kMakerName[] = "zn-make";
@@ -116,6 +118,25 @@ inline constexpr int kHolderSocket = 0;
 // end when its owner does, and the next owner copies that end (pidfd_getfd).
 inline constexpr int kStoreSocket = 0;
 inline constexpr int kStoreOwner = 1;
+
+// ---------------------------------------------------------------- starter
+
+// The starter's only descriptor: a socket (SOCK_SEQPACKET). Each byte asks for a spare keeper, and
+// is answered by a SpareAnswer with the other end of the keeper's socket. The keeper sends one
+// Answer when it is ready for requests, and exits if it cannot be. The starter exits at the end of
+// file.
+inline constexpr int kStarterSocket = 0;
+
+struct SpareAnswer {
+    std::int32_t error; // 0, or an error number: there is no descriptor
+    std::int32_t pid;
+};
+
+// Those of containers with the usual settings: CLONE_NEWNS, CLONE_NEWCGROUP, CLONE_NEWUTS,
+// CLONE_NEWIPC, CLONE_NEWPID, CLONE_NEWNET.
+inline constexpr unsigned long kSpareNamespaces =
+    0x00020000 | 0x02000000 | 0x04000000 | 0x08000000 | 0x20000000 | 0x40000000;
+inline constexpr std::uint32_t kSpareTerminalGroup = 5; // of the terminals that a spare provides
 
 // ---------------------------------------------------------------- spawner
 

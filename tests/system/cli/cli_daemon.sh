@@ -4,7 +4,7 @@
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 
-usage='usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] [--allow-privileged] [--userns] [--keep] | check | --help | --version'
+usage='usage: zncd [--foreground] [--log-level LEVEL] [--allow-urgent] [--allow-privileged] [--userns] [--keep] [--spare N] | check | --help | --version'
 run "$ZNCD" --version
 check 'the version is one line' grep -qx 'zncd [0-9]*\.[0-9]*\.[0-9]*' "$work/out"
 run "$ZNCD" --help
