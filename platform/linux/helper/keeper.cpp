@@ -251,7 +251,7 @@ void keeper_run_spare()
         sys::exit_group(1);
     // Otherwise the spawner does it. The daemon may not have the capability.
     static_cast<void>(loopback_up());
-    request_answer(wire::kKeeperSocket, {});
+    request_answer(wire::kKeeperSocket, {}, {}); // to no request: it is ready
     serve_all(true);
 }
 
