@@ -3,7 +3,8 @@
 BUILD on this machine: which packages of Debian their programs load, and whose code is compiled into them.
 
 What is loaded is read from the packed files (readelf). What is compiled in is read from the build (ninja): the headers
-that each program's objects were compiled with, and the archives that it was linked with. Versions are those that dpkg
+that each program's objects were compiled with, and the archives that it was linked with. Headers of a library that one
+of the programs loads only describe it, and count as a dependency of the build. Versions are those that dpkg
 has installed; licences those that the copyright files of the packages state. Fails if a file belongs to no package.
 
 SOURCE_DATE_EPOCH is the date of the document.
@@ -29,29 +30,49 @@ LICENCES = {"Apache-2.0": "Apache-2.0", "BSD-2-clause": "BSD-2-Clause", "BSD-3-c
             "GPL-3+": "GPL-3.0-or-later", "Zlib": "Zlib", "zlib": "Zlib"}
 # The headers of the C library and of the kernel only describe interfaces.
 INTERFACES = {"libc6-dev", "linux-libc-dev", "libcrypt-dev"}
+# Libraries that a program loads when it needs them. They are not among those that readelf prints.
+LOADED_LATER = {"systemd"}
 
 
 def output(*command, **options):
     return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
 
 
-@functools.lru_cache(maxsize=None)
-def owner(path):
-    """The package that a file of the system belongs to."""
-    # dpkg knows the files of /usr by the paths they had before /lib became a link.
-    candidates = [path, os.path.realpath(path)]
-    candidates += [name[len("/usr"):] for name in candidates if name.startswith("/usr/lib")]
-    for name in candidates:
-        found = subprocess.run(["dpkg-query", "--search", name], text=True, capture_output=True, check=False)
-        if found.returncode == 0:
-            return found.stdout.split(":")[0]
-    sys.exit(f"spdx.py: {path} belongs to no package")
+def names_of(path):
+    """The names under which dpkg may know a file: it knows those of /usr by the paths from before /lib was a link."""
+    names = [path, os.path.realpath(path)]
+    return names + [name[len("/usr"):] for name in names if name.startswith("/usr/lib")]
+
+
+OWNERS = {}  # the package of each file that was asked for
+
+
+def owners(paths):
+    """The packages that files of the system belong to. dpkg is asked once for all of them, which takes seconds."""
+    paths = set(paths)
+    unknown = sorted({name for path in paths for name in names_of(path) if name not in OWNERS})
+    if unknown:
+        found = subprocess.run(["dpkg-query", "--search", *unknown], text=True, capture_output=True, check=False)
+        for line in found.stdout.splitlines():
+            packages, _, name = line.partition(": ")
+            OWNERS[name] = packages.split(",")[0].split(":")[0]
+    result = set()
+    for path in paths:
+        packages = [OWNERS[name] for name in names_of(path) if name in OWNERS]
+        if not packages:
+            sys.exit(f"spdx.py: {path} belongs to no package")
+        result.add(packages[0])
+    return result
 
 
 @functools.lru_cache(maxsize=None)
 def installed(package):
     fields = output("dpkg-query", "--show", "--showformat=${Version} ${Architecture} ${source:Package}\n", package)
     return fields.splitlines()[0].split()
+
+
+def source_of(package):
+    return installed(package)[2]
 
 
 def licences(package):
@@ -107,27 +128,26 @@ class Build:
         """The packages whose headers or archives are part of a program."""
         target = self.outputs[program]
         inputs = output("ninja", "-C", self.directory, "-t", "inputs", target).splitlines()
-        packages = {owner(header) for name in inputs for header in self.headers.get(name, ())}
+        files = {header for name in inputs for header in self.headers.get(name, ())}
         commands = output("ninja", "-C", self.directory, "-t", "commands", "-s", target)
         for flag, archive in (("-static-libstdc++", "libstdc++.a"), ("-static-libgcc", "libgcc.a")):
             if flag in commands:
-                packages.add(owner(output("c++", f"-print-file-name={archive}").strip()))
-        packages.update(owner(path) for path in re.findall(r"(/usr/\S+\.a)\b", commands))
-        return packages - INTERFACES
+                files.add(os.path.realpath(output("c++", f"-print-file-name={archive}").strip()))
+        files.update(re.findall(r"(/usr/\S+\.a)\b", commands))
+        return owners(files) - INTERFACES
 
 
 def parts(deb, build, own):
     """The packages that the programs of a package load, and those that are compiled into them."""
-    loaded, compiled = set(), set()
+    libraries, compiled = set(), set()
     with tempfile.TemporaryDirectory() as tree:
         subprocess.run(["dpkg-deb", "--extract", deb, tree], check=True)
         for directory, _, names in os.walk(tree):
             for name in filter(lambda name: is_elf(os.path.join(directory, name)), names):
-                for library in needed(os.path.join(directory, name)):
-                    if library not in own:
-                        loaded.add(owner(library_paths()[library]))
+                libraries.update(library_paths()[library] for library in needed(os.path.join(directory, name))
+                                 if library not in own)
                 compiled |= build.compiled_in(name)
-    return loaded, compiled
+    return owners(libraries), compiled
 
 
 def spdx_id(kind, name):
@@ -168,15 +188,21 @@ def document(build_directory, debs):
     def relate(one, kind, other):
         relations.append({"spdxElementId": one, "relationshipType": kind, "relatedSpdxElement": other})
 
+    part = {deb: parts(deb, build, own) for deb in debs}
+    sources = {source_of(name) for loaded, _ in part.values() for name in loaded} | LOADED_LATER
     for deb in debs:
         package = of_ours(deb, fields[deb])
         ours.append(package)
         relate("SPDXRef-DOCUMENT", "DESCRIBES", package["SPDXID"])
-        loaded, compiled = parts(deb, build, own)
-        for kind, names in (("DYNAMIC_LINK", loaded), ("STATIC_LINK", compiled)):
-            for name in sorted(names):
-                theirs.setdefault(name, of_debian(name))
-                relate(package["SPDXID"], kind, theirs[name]["SPDXID"])
+        loaded, compiled = part[deb]
+        for name in sorted(loaded | compiled):
+            theirs.setdefault(name, of_debian(name))
+            if name in loaded:
+                relate(package["SPDXID"], "DYNAMIC_LINK", theirs[name]["SPDXID"])
+            elif source_of(name) in sources:
+                relate(theirs[name]["SPDXID"], "BUILD_DEPENDENCY_OF", package["SPDXID"])
+            else:
+                relate(package["SPDXID"], "STATIC_LINK", theirs[name]["SPDXID"])
     version = fields[debs[0]]["Version"]
     seconds = int(os.environ["SOURCE_DATE_EPOCH"])
     content = json.dumps([ours, relations], sort_keys=True)

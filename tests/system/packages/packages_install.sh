@@ -68,6 +68,7 @@ if [[ -n ${ZNC_DEBS-} || $(stores_at) == "$base" ]]; then
     mount --bind "$root/storage" "$root$base"
 else
     printf 'skipped - the programs store where packages do: this build has other options\n'
+    rm -rf "$root/ram0" # asking makes it
     base=/storage
     variables+=(ZNC_BASE=/storage)
 fi
