@@ -59,8 +59,6 @@ DescriptorStore::DescriptorStore()
     for (int fd = kFirst; fd < kFirst + count && ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0; fd++)
         if (next_name(names).starts_with(ZN_KEEP_PREFIX))
             held_.push_back(fd);
-    for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
-        ::unsetenv(variable);
 }
 
 znKeepManager DescriptorStore::manager() const

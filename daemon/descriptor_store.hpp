@@ -11,8 +11,8 @@ namespace zncd {
 
 class DescriptorStore {
   public:
-    // Takes the descriptors with names of ours that the manager has handed to this process, and
-    // removes the variables that announce them. To be called before any descriptor is opened.
+    // Takes the descriptors with names of ours that the manager has handed to this process. To be
+    // called before any descriptor is opened, once.
     DescriptorStore();
 
     // For the platform. Its functions are null if there is no manager; it then only holds what an

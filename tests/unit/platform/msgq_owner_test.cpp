@@ -190,6 +190,47 @@ TEST_F(QueueOwner, AQueueOfADeadProcessCanBeDiscarded)
     EXPECT_EQ(znMsgQDiscard(nullptr), ERROR);
 }
 
+// ---------------------------------------------------------------- taking over
+
+TEST_F(QueueOwner, AQueueOfADeadProcessCanBeTakenOverWithItsMessages)
+{
+    Process maker([] {
+        const MSG_Q_ID q = make();
+        return znMsgQSend(q, "left", 4, ZN_NO_WAIT, ZN_MSG_PRI_NORMAL) == OK ? 0 : 1;
+    });
+    ASSERT_EQ(maker.end(), 0);
+    EXPECT_FALSE(znMsgQInUse(kName));
+    const znc::UniqueFd taken(znMsgQTakeOver(kName, 1, 64));
+    ASSERT_TRUE(taken) << strerror(errno);
+    EXPECT_TRUE(znMsgQInUse(kName)) << "by the process that took it over";
+    char text[8] = {};
+    EXPECT_EQ(znMsgQReceive(taken.get(), text, sizeof text, ZN_NO_WAIT), 4);
+    EXPECT_STREQ(text, "left");
+}
+
+TEST_F(QueueOwner, AQueueInUseCannotBeTakenOver)
+{
+    const znc::UniqueFd maker(make());
+    EXPECT_LT(znMsgQTakeOver(kName, 1, 64), 0);
+    EXPECT_EQ(errno, EBUSY);
+}
+
+TEST_F(QueueOwner, OnlyAQueueOfThisUserWithTheSameCapacityCanBeTakenOver)
+{
+    EXPECT_LT(znMsgQTakeOver(kName, 1, 64), 0);
+    EXPECT_EQ(errno, ENOENT);
+    Process maker([] { return make() >= 0 ? 0 : 1; });
+    ASSERT_EQ(maker.end(), 0);
+    EXPECT_LT(znMsgQTakeOver(kName, 2, 64), 0);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_LT(znMsgQTakeOver(kName, 1, 65), 0);
+    EXPECT_EQ(errno, ENOENT);
+    ASSERT_EQ(::mq_unlink(kName), 0);
+    const znc::UniqueFd foreign = squat();
+    EXPECT_LT(znMsgQTakeOver(kName, 10, 8192), 0);
+    EXPECT_EQ(errno, ENOENT);
+}
+
 // ---------------------------------------------------------------- in use
 
 TEST_F(QueueOwner, AQueueIsInUseWhileItsCreatorHasItOpen)
