@@ -8,7 +8,7 @@ import time
 
 from scenes import fixtures
 from scenes.containers import ROUNDS, WORK, Daemon, by_commands, cgroup2_only
-from scenes.measure import Sample, compare, figure, interleave, run
+from scenes.measure import Sample, compare, figure, interleave, quartiles, rounds, run
 
 CRUN = ["crun", "--cgroup-manager=disabled", f"--root={WORK}/crun"]
 CLIENTS = 8
@@ -52,6 +52,32 @@ def of_bundle(world, overlay, *options):
     with Daemon(world, overlay):
         samples = interleave(run_sides(world, *bundles(), *options), world.pairs)
     return compare(samples, {"crun run": 0.60, "bwrap": 1.0}, "ours, run")
+
+
+def l0(world):
+    """what L1, L2 and L4 cannot do without: starts of zncctl, a life, four requests"""
+    cgroup2_only()
+    with Daemon(world, overlay=False):
+        ours, peer = bundles()
+        sides = {**life_sides(world, ours, peer), **run_sides(world, ours, peer)}
+        samples = interleave({
+            "start": lambda: by_commands(world, [f"{world.bin}/zncctl", "--version"]),
+            "life": lambda: rounds(f"{world.bin}/floor_lifecycle", str(ROUNDS), f"{ours}/rootfs", "/bin/true"),
+            "request": lambda: rounds(f"{world.bin}/floor_queue", "1", "2000"),
+            **{name: sides[name] for name in ("crun", "crun run", "bwrap")},
+        }, world.pairs)
+
+    def at_least(what, starts, other):
+        ratios = [(starts * start.wall + life.wall + 4 * request.wall) / against.wall
+                  for start, life, request, against in zip(samples["start"], samples["life"], samples["request"],
+                                                           samples[other])]
+        low, median, high = quartiles(ratios)
+        return {**figure(what, median, None), "low": low, "high": high}
+
+    result = compare(samples, {}, "life")
+    result["goals"] = [at_least("L1 / crun, at least", 3, "crun"), at_least("L2 / floor, at least", 0, "life"),
+                       at_least("L4 / crun run, at least", 1, "crun run"), at_least("L4 / bwrap, at least", 1, "bwrap")]
+    return result
 
 
 def l4(world):

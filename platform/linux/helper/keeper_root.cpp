@@ -190,7 +190,7 @@ sys::Fd open_directory(const char* path)
 class Prepared {
   public:
     // Finds the mounts, as long as "/" is the bare tree.
-    int open()
+    int find()
     {
         for (unsigned i = 0; i < kCount; i++) {
             mounts_[i] = open_directory(kProvided[i]);
@@ -317,7 +317,7 @@ int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGro
         return place.error();
     Prepared ahead;
     // A spare keeper has no other root than that of its mount namespace: its starter joined one.
-    int error = prepared ? ahead.open() : chroot_leave();
+    int error = prepared ? ahead.find() : chroot_leave();
     if (error == 0)
         error = pivot(tree);
     if (error != 0)
