@@ -221,6 +221,21 @@ MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int opti
     return queue ? handles.add(std::move(queue)) : ZN_MSG_Q_INVALID;
 }
 
+// A queue belongs to the process that its record names.
+MSG_Q_ID znMsgQTakeOver(const char*, size_t, size_t)
+{
+    return znc::fail(ENOTSUP);
+}
+
+BOOL znMsgQEmpty(MSG_Q_ID q)
+{
+    const znc::ErrnoSaver keep;
+    const Queue* queue = handles.find(q);
+    struct mq_attr attr = {};
+    return queue != nullptr && mq_getattr(queue->get(), &attr) == 0 && attr.mq_curmsgs == 0 ? TRUE
+                                                                                            : FALSE;
+}
+
 STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int priority)
 {
     if (msg == nullptr && len != 0)

@@ -115,4 +115,8 @@ int znnsShutdown(void)
     return 0;
 }
 
+void znnsSparesSet(unsigned) {}
+
+void znnsSparesMake() {}
+
 void znnsReap(void) {}

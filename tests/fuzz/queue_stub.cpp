@@ -95,6 +95,12 @@ BOOL znMsgQEmpty(MSG_Q_ID q)
                : FALSE;
 }
 
+MSG_Q_ID znMsgQTakeOver(const char*, size_t, size_t)
+{
+    fuzz::require(false, "no queue is taken over");
+    return ZN_MSG_Q_INVALID;
+}
+
 STATUS znMsgQClose(MSG_Q_ID q)
 {
     static_cast<void>(name_of(q));

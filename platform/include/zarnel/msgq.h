@@ -60,7 +60,7 @@ MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int opti
  * Open the queue `name` that another process of this user has created and that is abandoned: its
  * creator closed it or ended. From then on the caller counts as its creator, and the messages in it
  * can be received. ZN_MSG_Q_INVALID with errno set: ENOENT (no such queue, or one with another
- * capacity or another owner), EBUSY (in use).
+ * capacity or another owner), EBUSY (in use), ENOTSUP.
  */
 MSG_Q_ID znMsgQTakeOver(const char* name, size_t maxMsgs, size_t maxMsgLen);
 
