@@ -53,6 +53,8 @@ if [[ -z $rehearse ]]; then must 'the tree is clean' unchanged; fi
 newest() { [[ $(grep -m 1 '^## ' NEWS.md) =~ ^"## $version ("[0-9]{4}-[0-9]{2}-[0-9]{2}")"$ ]]; }
 must "NEWS.md begins with $version" newest
 must "the changelog begins with $version" test "${packaged%-*}" = "$version"
+# Files of the packages that are newer get this date; those that are older keep theirs.
+must 'its date has passed' test "$SOURCE_DATE_EPOCH" -le "$(date +%s)"
 if git rev-parse --quiet --verify "refs/tags/v$version" >/dev/null; then
     must "the tag v$version is this commit" test "$(git rev-parse "v$version^{commit}")" = "$(git rev-parse HEAD)"
 fi
