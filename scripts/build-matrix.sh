@@ -20,7 +20,7 @@ if [[ ${1-} == --all ]]; then
 fi
 targets=(zncontainer zncd)
 [[ -z $all ]] || targets+=(zncctl)
-rows=(release minsize debug lto clang static embedded fetched bare same_bytes)
+rows=(release minsize debug lto clang static embedded fetched bare places same_bytes)
 [[ -z $all ]] || rows+=(same_packages)
 
 if command -v ccache >/dev/null; then
@@ -119,6 +119,16 @@ bare() {
         }
     done
     cmake --build "$builds/bare" --target "${targets[@]}"
+}
+
+# The options for directories: what is no plain absolute path is refused.
+places() {
+    local wrong
+    for wrong in relative / /a/ /a/../b '/a b' '/a"b' "/a'b"; do
+        not configured "$builds/places" -DZNC_STORE_BASE="$wrong" || return
+    done
+    configured "$builds/places" -DZNC_STORE_BASE=/var/lib/zncontainer -DZNC_RUNTIME_DIR=/run/a-b.c &&
+        grep -qF '/var/lib/zncontainer' "$builds/places/build.ninja" && grep -qF '/run/a-b.c' "$builds/places/build.ninja"
 }
 
 # copied DIR: the sources, in another place.
