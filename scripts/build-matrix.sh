@@ -20,7 +20,7 @@ if [[ ${1-} == --all ]]; then
 fi
 targets=(zncontainer zncd)
 [[ -z $all ]] || targets+=(zncctl)
-rows=(release minsize lto clang static embedded fetched bare posix same_bytes)
+rows=(release minsize lto clang static embedded fetched bare places posix same_bytes)
 [[ -z $all ]] || rows+=(same_packages)
 
 if command -v ccache >/dev/null; then
@@ -133,6 +133,16 @@ posix() {
         printf '%s' "${tests[*]}"
     ))$" || return
     not cmake -S . -B "$work/unknown" -DZNC_PLATFORM=unknown && not cmake -S . -B "$work/linux" -DZNC_POSIX_ONLY=ON
+}
+
+# The options for directories: what is no plain absolute path is refused.
+places() {
+    local wrong
+    for wrong in relative / /a/ /a/../b '/a b' '/a"b' "/a'b"; do
+        not configured "$builds/places" -DZNC_STORE_BASE="$wrong" || return
+    done
+    configured "$builds/places" -DZNC_STORE_BASE=/var/lib/zncontainer -DZNC_RUNTIME_DIR=/run/a-b.c &&
+        grep -qF '/var/lib/zncontainer' "$builds/places/build.ninja" && grep -qF '/run/a-b.c' "$builds/places/build.ninja"
 }
 
 # copied DIR: the sources, in another place.

@@ -53,28 +53,30 @@ if [[ -z $rehearse ]]; then must 'the tree is clean' unchanged; fi
 newest() { [[ $(grep -m 1 '^## ' NEWS.md) =~ ^"## $version ("[0-9]{4}-[0-9]{2}-[0-9]{2}")"$ ]]; }
 must "NEWS.md begins with $version" newest
 must "the changelog begins with $version" test "${packaged%-*}" = "$version"
+# Files of the packages that are newer get this date; those that are older keep theirs.
+must 'its date has passed' test "$SOURCE_DATE_EPOCH" -le "$(date +%s)"
 if git rev-parse --quiet --verify "refs/tags/v$version" >/dev/null; then
     must "the tag v$version is this commit" test "$(git rev-parse "v$version^{commit}")" = "$(git rev-parse HEAD)"
 fi
 
 # ---- the sources
 
-name=zncontainer-$version
-tarball=$out/$name.tar.xz
-archive() { git archive --prefix="$name/" HEAD | xz -9 --threads=1 >"$tarball"; }
+stem=zncontainer-$version
+tarball=$out/$stem.tar.xz
+archive() { git archive --prefix="$stem/" HEAD | xz -9 --threads=1 >"$tarball"; }
 must 'the source archive is made' archive
 mkdir "$work/build"
 tar -xf "$tarball" -C "$work/build"
 ln "$tarball" "$work/build/zncontainer_$version.orig.tar.xz" 2>/dev/null ||
     cp "$tarball" "$work/build/zncontainer_$version.orig.tar.xz"
-source_package() { (cd "$work/build" && dpkg-source --build "$name"); }
+source_package() { (cd "$work/build" && dpkg-source --build "$stem"); }
 must 'the Debian source package is made' source_package
 
 # ---- the Debian packages
 
 deb_packages() {
     (
-        cd "$work/build/$name"
+        cd "$work/build/$stem"
         # A function that the list of symbols lacks is an error.
         DPKG_GENSYMBOLS_CHECK_LEVEL=2 dpkg-buildpackage -us -uc -b
     )
@@ -85,7 +87,7 @@ mv "$work"/build/*-dbgsym_*.deb "$out/debug"
 mv "$work"/build/*.deb "$out/debs"
 mv "$work"/build/*.{buildinfo,changes} "$out/debs"
 mv "$work"/build/*.{dsc,debian.tar.xz} "$out/source"
-built=$work/build/$name/build/debian
+built=$work/build/$stem/build/debian
 ZNC_BUILD_DIR=$built ZNC_DEBS=$out/debs check 'they are right, and lintian finds nothing' \
     tests/system/packages/packages_build.sh
 sandbox=$PWD/build/release/bin/znc_sandbox
@@ -106,7 +108,7 @@ if [[ -z $once ]]; then
 else
     skip 'built again elsewhere they are the same bytes' '--once'
 fi
-check 'the SPDX document is made' scripts/spdx.py "$built" "$out/debs" "$out/$name.spdx.json"
+check 'the SPDX document is made' scripts/spdx.py "$built" "$out/debs" "$out/$stem.spdx.json"
 
 # ---- other distributions
 

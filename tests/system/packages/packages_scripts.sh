@@ -22,6 +22,7 @@ cat >"$work/bin/systemctl" <<SH
 case "\$*" in
 *ActiveState*) cat "$work/state" ;;
 *MainPID*) cat "$work/pid" ;;
+"cat zncd.service") cat "$work/unit" ;;
 *is-active*) grep -qx active "$work/state" ;;
 esac
 SH
@@ -46,6 +47,7 @@ says() { [[ $err == *"$1"* ]]; }
 
 # ---- installation and upgrade
 
+printf '# --keep\nExecStart=/usr/sbin/zncd\n' >"$work/unit"
 unit inactive
 script postinst configure
 check 'an installation starts the daemon' invoked start
@@ -74,6 +76,9 @@ check 'the container still runs' program_lives
 sh -c 'while sleep 1; do :; done' zncd --keep &
 keeps=$!
 unit active "$keeps"
+script postinst configure 1.1.0-1
+check 'a daemon whose containers the next one would end is not restarted' invoked ''
+printf 'ExecStart=/usr/sbin/zncd --keep\n' >"$work/unit"
 script postinst configure 1.1.0-1
 check 'a daemon that keeps its containers is restarted' invoked restart
 kill "$keeps"

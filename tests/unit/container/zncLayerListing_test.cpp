@@ -73,7 +73,7 @@ class LayerListing : public ::testing::Test {
 TEST_F(LayerListing, TheDirectoriesOfEachStoredLayerAreRecorded)
 {
     EXPECT_EQ(unpacked(), all_);
-    EXPECT_EQ(layout::read_file(record(bottom_)), "1\0001777/tmp/\0\0"s);
+    EXPECT_EQ(layout::read_file(record(bottom_)), "1\0001777/tmp\0\0"s);
     EXPECT_EQ(layout::read_file(record(top_)), "1\0\0"s); // one without directories, too
 }
 
@@ -90,7 +90,7 @@ TEST_F(LayerListing, AMissingRecordIsMadeAgain)
     EXPECT_EQ(unpacked(), all_);
     fs::remove(record(bottom_));
     EXPECT_EQ(unpacked(), all_);
-    EXPECT_EQ(layout::read_file(record(bottom_)), "1\0001777/tmp/\0\0"s);
+    EXPECT_EQ(layout::read_file(record(bottom_)), "1\0001777/tmp\0\0"s);
 }
 
 TEST_F(LayerListing, ADamagedRecordIsNotUsed)
