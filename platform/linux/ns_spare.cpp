@@ -126,6 +126,7 @@ class Pool {
     Surroundings surroundings_; // of the starter, and therefore of the spares
     std::int64_t checked_ = 0;  // when they were last compared
     std::int64_t retry_ = 0;    // nothing is started before
+    bool late_ = false;         // the last wait for a spare was in vain, and none came since
 };
 
 Member* Pool::find(Member::State state)
@@ -204,8 +205,10 @@ void Pool::collect()
         if (spare.state == Member::State::kStarting) {
             wire::Answer ready = {};
             UniqueFd none;
-            if (receive_now(spare.process.socket(), &ready, sizeof ready, none) > 0)
+            if (receive_now(spare.process.socket(), &ready, sizeof ready, none) > 0) {
                 spare.state = Member::State::kReady;
+                late_ = false;
+            }
         }
         if (spare.made < oldest)
             spare.drop();
@@ -313,8 +316,9 @@ bool Pool::take(Keeper& keeper)
         return false;
     const std::int64_t deadline = now_ns() + kAlmostReadyNs;
     Member* spare = find(Member::State::kReady);
-    while (spare == nullptr && is_pending() && now_ns() < deadline) {
+    while (spare == nullptr && is_pending() && !late_) {
         wait_for_news(deadline);
+        late_ = now_ns() >= deadline;
         collect();
         spare = find(Member::State::kReady);
     }

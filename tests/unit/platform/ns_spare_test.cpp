@@ -182,6 +182,7 @@ TEST_F(Spares, AStoppedSpareOnlyDelaysANamespace)
     for (const nsid_t ns : {first, second, third})
         EXPECT_EQ(znnsDelete(ns), OK);
     ASSERT_EQ(::kill(starter, SIGCONT), 0);
+    EXPECT_TRUE(make(1));
 }
 
 TEST_F(Spares, AnotherStarterTakesThePlaceOfADeadOne)
