@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] - installs the Debian
-# packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine or the
-# suites of other runtimes; without arguments, those for build, test and demo. Needs root only if
-# packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [cross] - installs the
+# Debian packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine,
+# the suites of other runtimes or tests for other processors; without arguments, those for build, test and
+# demo. Needs root only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev
@@ -25,6 +25,7 @@ suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc g
     golang-github-opencontainers-specs-dev golang-github-seccomp-libseccomp-golang-dev golang-github-sirupsen-logrus-dev
     golang-github-urfave-cli-dev golang-go golang-golang-x-sys-dev iproute2 jq libseccomp-dev podman python3 runc util-linux
     xz-utils)
+cross=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-system-arm qemu-user)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
@@ -38,8 +39,9 @@ for group in "$@"; do
     demo) packages+=("${demo[@]}") ;;
     vm) packages+=("${vm[@]}") ;;
     suites) packages+=("${suites[@]}") ;;
+    cross) packages+=("${cross[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [cross]\n' >&2
         exit 64
         ;;
     esac
