@@ -25,7 +25,7 @@ suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc g
     golang-github-opencontainers-specs-dev golang-github-seccomp-libseccomp-golang-dev golang-github-sirupsen-logrus-dev
     golang-github-urfave-cli-dev golang-go golang-golang-x-sys-dev iproute2 jq libseccomp-dev podman python3 runc util-linux
     xz-utils)
-cross=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-system-arm qemu-user)
+cross=(g++-aarch64-linux-gnu g++-s390x-linux-gnu qemu-system-arm qemu-user)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
