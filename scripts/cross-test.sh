@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # cross-test.sh [--build] [arm64] [s390x] - builds the project for other processors with Debian's cross
-# compilers, and runs in qemu unit tests of what reads bytes (archives, digests, documents of images). arm64 is built for Linux; s390x, of which platform/linux
-# does not know the system calls, for POSIX. It stores the most significant byte first.
+# compilers, and runs in qemu unit tests of what reads bytes (archives, digests, documents of images). arm64 is
+# built for Linux; s390x, of which platform/linux does not know the system calls, for POSIX. s390x stores the
+# most significant byte first.
 # --build: builds only. Without names arm64 and s390x. Needs root for the sandbox of the tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -46,7 +47,7 @@ for architecture in "$@"; do
     arm64)
         platform=linux
         run=("${tests[@]}" "${linux_tests[@]}")
-        targets=(zncd)
+        targets=(zncd zncontainer)
         ;;
     s390x)
         platform=posix
