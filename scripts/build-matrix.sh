@@ -123,7 +123,7 @@ bare() {
 # of images and of that platform are run. They are short; as the other tests, they need root for their sandbox.
 posix() {
     local tests=(fs_test msgq_test msgq_record_test path_trust_test root_file_test sticky_test task_test unsupported_test
-        gzlib_test zncBlob_test zncImageLib_inspect_test zncImageLib_layout_test zncRuntimeApi_image_test zncImageLib_test)
+        gzlib_test zncImageLib_inspect_test zncImageLib_layout_test zncRuntimeApi_image_test zncImageLib_test)
     cmake -S . -B "$builds/posix" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZNC_PLATFORM=posix -DZNC_POSIX_ONLY=ON \
         -DZNC_BUILD_TESTS=ON -DZNC_BUILD_PROGRAMS=OFF &&
         cmake --build "$builds/posix" --target znc_sandbox zncontainer "${tests[@]}" || return

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # cross-root.sh ARCHITECTURE - prints a directory with the libraries and headers of Debian for another processor
-# (arm64, armhf, s390x), for cross compilers and qemu. Makes it in build/cross/ARCHITECTURE/root first, if it is
+# (arm64, s390x), for cross compilers and qemu. Makes it in build/cross/ARCHITECTURE/root first, if it is
 # missing, by downloading and unpacking packages: installing them beside those of this machine would remove some
 # of these, as not all are made for that. Changes nothing outside of build/cross.
 set -euo pipefail

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release] - installs the Debian
-# packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine, the
-# suites of other runtimes or releases; without arguments, those for build, test and demo. Needs root
-# only if packages are missing.
+# install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release] [cross] - installs
+# the Debian packages needed for building, packaging, tests, benchmarks, the demo, tests in a virtual machine,
+# the suites of other runtimes, releases, or tests for other processors; without arguments, those for build,
+# test and demo. Needs root only if packages are missing.
 set -euo pipefail
 
 build=(ca-certificates cmake g++ libarchive-dev libcjson-dev libcli11-dev libfmt-dev libseccomp-dev libsystemd-dev
@@ -26,6 +26,7 @@ suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc g
     golang-github-urfave-cli-dev golang-go golang-golang-x-sys-dev iproute2 jq libseccomp-dev podman python3 runc util-linux
     xz-utils)
 release=(abigail-tools dpkg-dev lintian ninja-build rpm rpmlint shellcheck xz-utils)
+cross=(g++-aarch64-linux-gnu g++-s390x-linux-gnu qemu-system-arm qemu-user)
 
 packages=()
 [[ $# -gt 0 ]] || set -- build test demo
@@ -40,8 +41,9 @@ for group in "$@"; do
     vm) packages+=("${vm[@]}") ;;
     suites) packages+=("${suites[@]}") ;;
     release) packages+=("${release[@]}") ;;
+    cross) packages+=("${cross[@]}") ;;
     *)
-        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release]\n' >&2
+        printf 'usage: install-deps.sh [build] [package] [test] [bench] [compare] [demo] [vm] [suites] [release] [cross]\n' >&2
         exit 64
         ;;
     esac
