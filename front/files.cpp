@@ -5,7 +5,9 @@
 #include "zarnel/fs.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
@@ -43,6 +45,32 @@ std::string read_to_end(int file)
             text.append(buffer.data(), static_cast<std::size_t>(n));
         else if (n == 0 || errno != EINTR)
             return text;
+    }
+}
+
+// poll() comes first: as long as no program has opened a named pipe for writing, it waits, but
+// read() reports an end.
+std::optional<std::string> read_pipe(int pipe, std::size_t most, std::chrono::milliseconds patience)
+{
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    std::string text;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd one = {pipe, POLLIN, 0};
+        const int ready = left.count() > 0 ? ::poll(&one, 1, static_cast<int>(left.count())) : 0;
+        const ssize_t n = ready > 0 ? ::read(pipe, buffer.data(), buffer.size()) : -1;
+        if (n == 0)
+            return text;
+        if (n > 0)
+            text.append(buffer.data(), static_cast<std::size_t>(n));
+        else if (ready == 0)
+            errno = ETIMEDOUT;
+        if (text.size() > most)
+            errno = EFBIG;
+        if (text.size() > most || (n < 0 && errno != EINTR && errno != EAGAIN))
+            return std::nullopt;
     }
 }
 

@@ -2,6 +2,7 @@
 #ifndef ZNC_FRONT_FILES_HPP
 #define ZNC_FRONT_FILES_HPP
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,11 @@ std::optional<std::vector<std::string>> names_in(int directory);
 // Reads a descriptor from its position to the end, or to a read error, which is ignored: callers
 // follow a growing file and read again later.
 std::string read_to_end(int file);
+
+// Reads a pipe from which reading does not block to its end. Nullopt with errno set: EFBIG if there
+// is more than `most`, ETIMEDOUT if the end does not come in time.
+std::optional<std::string> read_pipe(int pipe, std::size_t most,
+                                     std::chrono::milliseconds patience);
 
 // The C library's message for errno.
 std::string error_text();

@@ -135,8 +135,8 @@ void Process::complete_environment(const Json& process, const std::string& rootf
 
 ZN_ENGINE_PROGRAM Process::program(int console, int descriptors) const
 {
-    return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows,
-            columns,     FALSE,      nullptr,   0,           0,       nullptr};
+    return {cwd.c_str(), args.get(), env.get(), descriptors, console, rows,   columns,
+            FALSE,       nullptr,    0,         0,           nullptr, nullptr};
 }
 
 std::vector<std::string> drop_unknown_capabilities(Json& process)

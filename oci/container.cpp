@@ -110,9 +110,8 @@ class CreationHooks {
 };
 
 // Runs the startContainer hooks, confined like the program. If one fails, the container is killed.
-void run_start_hooks(const Container& container, const StateDirectory& directory)
+void run_start_hooks(const Container& container, const Json& config)
 {
-    const Json config = directory.read_config();
     if (!has_hooks(config, "startContainer"))
         return;
     const std::string document = zncctl::compact(config);
@@ -232,6 +231,9 @@ Container create_container(const Context& context, const Arguments& args,
     choose_group(context, bundle, container, scope);
     directory.write(container);
     directory.write_config(bundle.document());
+    debug_line(context, fmt::format("container {}: bundle {}, root filesystem {}, cgroup {}",
+                                    container.id, container.bundle, container.rootfs,
+                                    container.group.empty() ? "none" : container.group));
     offer_ready_socket(bundle, directory);
     ZN_ENGINE_PLAN plan =
         bundle.plan(container.group, directory.get(), console->socket(), descriptors);
@@ -256,6 +258,8 @@ Container create_container(const Context& context, const Arguments& args,
             throw Failure(!hooks.failure().empty() ? hooks.failure() : reason.data());
         directory.write(container);
         write_pid_file(pidFile, container.process.pid);
+        debug_line(context, fmt::format("container {}: created, process {}", container.id,
+                                        container.process.pid));
         if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
             throw Failure(reason.data());
     } catch (const Failure&) {
@@ -282,15 +286,16 @@ Started start_container(const Context& context, const std::string& id, sigset_t*
     if (status != Status::kCreated)
         throw Failure("cannot start an already running container");
     Started started = {container.process, ReadySocket::listen(context, directory)};
-    run_start_hooks(container, directory);
+    const Json config = directory.read_config();
+    run_start_hooks(container, config);
     if (signals != nullptr)
         *signals = block_forwarded_signals();
     Reason reason{};
-    const Json config = directory.read_config();
     const SeccompAgent agent(config, container, Status::kCreated);
     if (znEngineStart(&container.process, directory.get(), agent.listener(), reason.data(),
                       reason.size()) != OK)
         throw Failure(agent.reason(reason.data()));
+    debug_line(context, fmt::format("container {}: started", id));
     run_hooks(config, "poststart", state_text(container, Status::kRunning), OnFailure::kContinue);
     return started;
 }
@@ -301,6 +306,8 @@ void remove_container(const Context& context, StateDirectory& directory)
     if (directory.has_state()) {
         const Container container = directory.read();
         const std::string& group = container.group;
+        debug_line(context, fmt::format("container {}: deleting, cgroup {}", container.id,
+                                        group.empty() ? "none" : group));
         if (znEngineProcessAlive(&container.process) != FALSE) {
             znEngineProcessSignal(&container.process, SIGKILL);
             if (!group.empty())

@@ -7,6 +7,7 @@
 #include "signals.hpp"
 
 #include <array>
+#include <chrono>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
@@ -17,14 +18,16 @@
 namespace zncrun {
 namespace {
 
-// A pipe (/dev/fd/N) is read to its end.
+// A pipe (/dev/fd/N) is read to its end, which must come in time.
 std::optional<std::string> read_process(const char* path)
 {
+    constexpr std::size_t kMost = 4 * 1024 * 1024; // as much as the platform reads of a document
+    constexpr auto kPatience = std::chrono::seconds(10);
     struct stat st = {};
     if (::stat(path, &st) != 0 || !S_ISFIFO(st.st_mode))
         return zncctl::read_file(path);
-    const znc::UniqueFd pipe(::open(path, O_RDONLY | O_CLOEXEC));
-    return pipe ? std::optional(zncctl::read_to_end(pipe.get())) : std::nullopt;
+    const znc::UniqueFd pipe(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return pipe ? zncctl::read_pipe(pipe.get(), kMost, kPatience) : std::nullopt;
 }
 
 Json parse_process(const char* path)
@@ -154,11 +157,17 @@ int run_exec(const Context& context, const Arguments& args)
     console.set_size(program);
     const SeccompAgent agent(config, container, Status::kRunning);
     program.listener = agent.listener();
+    TextList subgroups;
+    for (const std::string& one : args.values("cgroup"))
+        subgroups.add(one);
+    program.subgroups = subgroups.size() != 0 ? subgroups.get() : nullptr;
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     ZN_ENGINE_PROCESS started = {};
     if (znEngineExec(&container.process, document_of(json, config).c_str(), container.group.c_str(),
                      &program, &started.pid, reason.data(), reason.size()) != OK)
         throw Failure(agent.reason(reason.data()));
+    debug_line(context,
+               fmt::format("container {}: exec started, process {}", container.id, started.pid));
     // Until here, a signal ends this process, and the helper with it.
     const sigset_t signals = block_forwarded_signals();
     started = znEngineProcessGet(started.pid);

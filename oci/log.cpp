@@ -7,24 +7,42 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace zncrun {
 
-void log_line(const Context& context, const char* level, const std::string& message)
+namespace {
+
+std::string line_of(const Context& context, const char* level, const std::string& message)
 {
-    if (context.log.empty())
-        return;
     const std::string time = zncctl::time_text(std::time(nullptr));
+    if (!context.log_json)
+        return fmt::format("time=\"{}\" level={} msg={:?}\n", time, level, message);
     zncctl::Json line = zncctl::Json::object();
     line["level"] = level;
     line["msg"] = message;
     line["time"] = time;
-    const std::string text =
-        context.log_json ? zncctl::compact(line) + "\n"
-                         : fmt::format("time=\"{}\" level={} msg={:?}\n", time, level, message);
+    return zncctl::compact(line) + "\n";
+}
+
+} // namespace
+
+void debug_line(const Context& context, const std::string& message)
+{
+    if (context.debug && context.log.empty())
+        static_cast<void>(znc::write_all(STDERR_FILENO, line_of(context, "debug", message)));
+    else if (context.debug)
+        log_line(context, "debug", message);
+}
+
+void log_line(const Context& context, const char* level, const std::string& message)
+{
+    if (context.log.empty())
+        return;
+    const std::string text = line_of(context, level, message);
     // The command continues if the log cannot be written.
     const znc::UniqueFd log(
         ::open(context.log.c_str(),

@@ -71,6 +71,7 @@ constexpr Option kExec[] = {
     {0, "no-new-privs", nullptr, "set-user-ID programs have no effect"},
     {0, "process-label", "LABEL", "the SELinux label"},
     {0, "apparmor", "PROFILE", "the AppArmor profile"},
+    {0, "cgroup", "[CONTROLLER:]PATH", "an existing group below that of the container"},
 };
 constexpr Option kKill[] = {{'a', "all", nullptr, "all processes of the container"}};
 constexpr Option kDelete[] = {
@@ -154,7 +155,7 @@ constexpr Option kGlobal[] = {
     {0, "cgroup-manager", "NAME", "how control groups are created: cgroupfs, systemd or disabled"},
     {0, "systemd-cgroup", nullptr, "the same as --cgroup-manager=systemd"},
     {0, "rootless", "WORD", "no effect"},
-    {0, "debug", nullptr, "no effect"},
+    {0, "debug", nullptr, "log what is done, too; without --log to standard error"},
     {0, "version", nullptr, "print the version"},
     {0, "help", nullptr, "print this text"},
 };
@@ -290,7 +291,10 @@ int run_command(const Context& context, std::span<char* const> words)
         return print_command_help(entry->command);
     if (!parsed.problem.empty())
         throw Failure(fmt::format("{}: {}", entry->command.name, parsed.problem));
-    return entry->run(context, parsed.args);
+    debug_line(context, fmt::format("command {}, root {}", entry->command.name, context.root));
+    const int status = entry->run(context, parsed.args);
+    debug_line(context, fmt::format("command {}: exit status {}", entry->command.name, status));
+    return status;
 }
 
 } // namespace

@@ -160,6 +160,7 @@ inside() {
     echo 20000 >/proc/sys/kernel/ns_last_pid # one of crun's cases wants a process id of five digits
     "run_$1" "$2"
     thaw
+    chown root:root /dev/null # crun gives it to the user of a program
 }
 
 # remove_groups GROUP: in all hierarchies, with those below. They are in use until the last process has ended.

@@ -54,8 +54,9 @@ const SeccompCode* default_filter(std::uint64_t capabilities)
 // Whether a limit is given that a control group must enforce.
 bool has_limits(const Resources& wanted)
 {
-    const bool io = wanted.ioWeight || !wanted.readBps.empty() || !wanted.writeBps.empty() ||
-                    !wanted.readIops.empty() || !wanted.writeIops.empty();
+    const bool io = wanted.ioWeight || !wanted.deviceWeights.empty() || !wanted.readBps.empty() ||
+                    !wanted.writeBps.empty() || !wanted.readIops.empty() ||
+                    !wanted.writeIops.empty();
     const bool cpu =
         wanted.cpuShares || wanted.cpuQuota || wanted.cpuPeriod || wanted.cpus || wanted.mems;
     const bool memory = wanted.memoryLimit || wanted.memoryReservation || wanted.memorySwap ||

@@ -77,6 +77,12 @@ typedef struct znEngineProgram {
     int output;       /* its standard output; 0: that of the caller */
     /* Of znEngineExec and znEngineHook; NULL: a filter with SCMP_ACT_NOTIFY is refused */
     const ZN_ENGINE_LISTENER* listener;
+    /*
+     * Of znEngineExec: existing groups below that of the container, which the program enters
+     * instead: "path", or for some hierarchies of v1 "controller[,controller]:path". "/" is the
+     * container's group itself. NULL-terminated; NULL: none
+     */
+    char* const* subgroups;
 } ZN_ENGINE_PROGRAM;
 
 /* Identifies a process even if its id is reused. */

@@ -21,6 +21,8 @@ constexpr LimitFile kPidsMax = {"pids.max", "pids.max"};
 // before 5.0 only.
 constexpr LimitFile kIoWeight = {"blkio.weight", "io.weight"};
 constexpr LimitFile kIoBfqWeight = {"blkio.bfq.weight", "io.bfq.weight"};
+constexpr LimitFile kDeviceWeight = {"blkio.weight_device", "io.weight"};
+constexpr LimitFile kDeviceBfqWeight = {"blkio.bfq.weight_device", "io.bfq.weight"};
 
 // Names the limit that could not be set.
 int named(int error, const char* name, const char** field)
@@ -145,6 +147,21 @@ int write_io_weight(const LimitGroup& group, std::uint32_t weight)
     return bfq == ENOTSUP ? error : bfq;
 }
 
+// The weight for one device, "8:0 500". It has one of the two schedulers, so that the kernel may
+// refuse one of the files.
+int write_device_weight(const LimitGroup& group, const DeviceWeight& weight)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, "%u:%u %" PRIu64, weight.major, weight.minor,
+                  group.unified() ? weight_of_io(weight.weight) : std::uint64_t{weight.weight});
+    const int error = group.write(kDeviceWeight, text);
+    std::snprintf(text, sizeof text, "%u:%u %u", weight.major, weight.minor, weight.weight);
+    const int bfq = group.write(kDeviceBfqWeight, text);
+    if (error == 0 || bfq == 0)
+        return 0;
+    return bfq == ENOTSUP ? error : bfq;
+}
+
 // One rate of one device, "8:0 1048576". A rate of 0 means that there is none.
 int write_rate(const LimitGroup& group, const LimitFile& file, const char* key,
                const DeviceRate& rate)
@@ -192,6 +209,11 @@ int io_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resour
         const int error = opened != 0 ? opened : write_io_weight(group, *resources.ioWeight);
         if (error != 0)
             return named(error, "blockIO.weight", field);
+    }
+    for (const DeviceWeight& weight : resources.deviceWeights) {
+        const int error = opened != 0 ? opened : write_device_weight(group, weight);
+        if (error != 0)
+            return named(error, "blockIO.weightDevice", field);
     }
     for (const auto& one : all)
         for (const DeviceRate& rate : one.rates) {

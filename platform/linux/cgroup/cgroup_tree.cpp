@@ -296,6 +296,17 @@ const char* GroupPath::name() const
     return slash != nullptr ? slash + 1 : text_;
 }
 
+namespace {
+
+// A directory has two links and one more for each directory in it, in this file system.
+bool has_subgroups(int group)
+{
+    struct stat st = {};
+    return ::fstat(group, &st) != 0 || st.st_nlink != 2;
+}
+
+} // namespace
+
 int groups_visit(int top, GroupVisit& visit)
 {
     GroupLevels levels;
@@ -303,6 +314,8 @@ int groups_visit(int top, GroupVisit& visit)
     if (!at)
         return errno;
     int error = visit.enter(at.get());
+    if (error == 0 && !has_subgroups(at.get()))
+        return 0;
     if (error == 0)
         error = levels.descend(at.get());
     while (error == 0 && !levels.done()) {

@@ -5,6 +5,9 @@
 
 #include "base/list.hpp"
 #include "engine_mount.hpp"
+#include "engine_reason.hpp"
+
+#include <sys/types.h>
 
 namespace zn {
 
@@ -18,6 +21,15 @@ struct CgroupMount {
 // the group in each hierarchy of v1. 0 or an error number.
 int engine_cgroup_mounts(const char* group, const EngineMount& wanted,
                          znc::List<CgroupMount>& mounts);
+
+// The files through which a program of the container enters its control groups, or those below them
+// that ZN_ENGINE_PROGRAM::subgroups names. 0, or an error number with the reason said.
+int engine_cgroup_entries(const char* group, char* const* subgroups, znc::List<znc::Text>& entries,
+                          Reason& said);
+
+// The group of a process in v2 if it is below `group`, as for the first process of a container that
+// has made groups of its own; null otherwise.
+znc::Text engine_cgroup_below(const char* group, pid_t pid);
 
 } // namespace zn
 

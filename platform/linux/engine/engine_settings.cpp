@@ -215,6 +215,11 @@ UniqueFd EngineSettings::record(const char* group, unsigned long join, bool plac
         if (errno != 0)
             return UniqueFd();
     }
+    return record(std::move(entries), join, placed);
+}
+
+UniqueFd EngineSettings::record(List<Text> entries, unsigned long join, bool placed) const
+{
     wire::Confinement rules = {};
     rules.namespaces =
         join == 0 && from(NsKind::kPid) == NsChoice::From::kPath ? CLONE_NEWPID : join;

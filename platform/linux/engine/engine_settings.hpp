@@ -51,6 +51,9 @@ class EngineSettings {
     // first process waits until it has been moved into its group. Invalid with errno set.
     [[nodiscard]] znc::UniqueFd record(const char* group, unsigned long join,
                                        bool placed = false) const;
+    // The same with the files through which the control groups are entered.
+    [[nodiscard]] znc::UniqueFd record(List<Text> entries, unsigned long join,
+                                       bool placed = false) const;
 
   private:
     int check(SettingsFault& fault) const;

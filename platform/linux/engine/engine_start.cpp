@@ -3,6 +3,7 @@
 
 #include "base/file.hpp"
 #include "cgroup/cgroup.hpp"
+#include "engine_cgroup.hpp"
 #include "engine_join.hpp"
 #include "engine_listener.hpp"
 #include "engine_reason.hpp"
@@ -173,6 +174,29 @@ int take_users(pid_t pid, EngineSettings& settings)
     return error == 0 && own ? settings.set_users(uids) : error;
 }
 
+// A program that is to be started in the container of the process `pid`.
+struct Entrance {
+    const ZN_ENGINE_PROGRAM& program;
+    bool unconfined;
+    pid_t pid;
+    int pidfd;
+    const char* group; // of the container
+
+    // Starts it in the group `in`. 0 or an error number.
+    int launch(const EngineSettings& settings, const char* in, Outcome& outcome, Reason& said) const
+    {
+        List<Text> entries;
+        if (const int error = engine_cgroup_entries(in, program.subgroups, entries, said);
+            error != 0)
+            return error;
+        const UniqueFd record =
+            settings.record(std::move(entries), namespaces_to_join(pid, kJoined));
+        return record
+                   ? launch_entrant(program, unconfined, pidfd, record.get(), group, outcome, said)
+                   : errno;
+    }
+};
+
 // Runs a program in the container. 0 or an error number, with the reason said.
 int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char* group,
           const ZN_ENGINE_PROGRAM& program, bool unconfined, pid_t* pid, Reason& said)
@@ -181,13 +205,16 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
     if (!first)
         return said.say(ESRCH, "container not running");
     int error = unconfined ? 0 : take_users(process.pid, settings);
-    const UniqueFd record =
-        error == 0 ? settings.record(group, namespaces_to_join(process.pid, kJoined)) : UniqueFd();
+    const Entrance entrance = {program, unconfined, process.pid, first.get(), group};
     Outcome outcome;
     if (error == 0)
-        error = record ? launch_entrant(program, unconfined, first.get(), record.get(), group,
-                                        outcome, said)
-                       : errno;
+        error = entrance.launch(settings, group, outcome, said);
+    // A group of v2 that has enabled controllers for groups below it takes no processes.
+    if (error == 0 && outcome.pid < 0 && outcome.error == EBUSY && program.subgroups == nullptr)
+        if (const Text below = engine_cgroup_below(group, process.pid)) {
+            outcome = Outcome();
+            error = entrance.launch(settings, below.get(), outcome, said);
+        }
     if (error == EBUSY)
         return said.say(error, "cannot exec in a paused container");
     if (error != 0)

@@ -102,6 +102,12 @@ struct DeviceRate {
     std::uint64_t rate = 0;
 };
 
+struct DeviceWeight {
+    std::uint32_t major = 0;
+    std::uint32_t minor = 0;
+    std::uint32_t weight = 0; // 10 to 1000
+};
+
 // A control file of a group in v2 and what is written into it.
 struct ControlFile {
     Text name; // without "/"
@@ -123,6 +129,7 @@ struct Resources {
     std::optional<std::int64_t> pidsLimit;
     bool pidsLimitIsDefault = false;       // not applied where the machine cannot enforce it
     std::optional<std::uint32_t> ioWeight; // 10 to 1000
+    List<DeviceWeight> deviceWeights;
     List<DeviceRate> readBps;
     List<DeviceRate> writeBps;
     List<DeviceRate> readIops;

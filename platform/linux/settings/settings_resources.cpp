@@ -20,7 +20,7 @@ template <auto kRead> bool read_unless_zero(JsonReader& reader, const Node& at, 
 }
 
 // A limit that the kernel no longer has, or that is not supported, for which zero means "none".
-bool read_only_zero(JsonReader& reader, const Node& at, Resources& /*to*/)
+template <class T> bool read_only_zero(JsonReader& reader, const Node& at, T& /*to*/)
 {
     return is_zero(at) || reader.unsupported(at);
 }
@@ -165,10 +165,22 @@ bool read_rate(JsonReader& reader, const Node& at, DeviceRate& rate)
     return read_object(reader, at, kRate, rate);
 }
 
+constexpr Member<DeviceWeight> kDeviceWeight[] = {
+    {"major", read_integer<&DeviceWeight::major, 0, kMajorMax>, Presence::kRequired},
+    {"minor", read_integer<&DeviceWeight::minor, 0, kMinorMax>, Presence::kRequired},
+    {"weight", read_integer<&DeviceWeight::weight, 10, 1000>, Presence::kRequired},
+    {"leafWeight", read_only_zero},
+};
+
+bool read_device_weight(JsonReader& reader, const Node& at, DeviceWeight& weight)
+{
+    return read_object(reader, at, kDeviceWeight, weight);
+}
+
 constexpr Member<Resources> kBlockIo[] = {
     {"weight", read_unless_zero<read_integer<&Resources::ioWeight, 10, 1000>>},
     {"leafWeight", read_only_zero},
-    {"weightDevice", read_unsupported<Resources>},
+    {"weightDevice", read_list_of<&Resources::deviceWeights, read_device_weight>},
     {"throttleReadBpsDevice", read_list_of<&Resources::readBps, read_rate>},
     {"throttleWriteBpsDevice", read_list_of<&Resources::writeBps, read_rate>},
     {"throttleReadIOPSDevice", read_list_of<&Resources::readIops, read_rate>},

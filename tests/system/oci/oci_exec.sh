@@ -197,6 +197,46 @@ run zncrun ps "$me-web" -o pid,args
 check 'ps passes options on' grep -qE '^ *PID COMMAND' "$work/out"
 inside --process <(jq '.args = ["echo", "piped"]' "$work/process.json") "$me-web"
 expect 'the program of exec from a pipe' 0 piped
+mkfifo "$work/fifo"
+inside --process "$work/fifo" "$me-web"
+exec_refused 'a named pipe that nobody writes to' "$work/fifo: Connection timed out"
+head -c 5000000 /dev/zero >"$work/fifo" &
+inside --process "$work/fifo" "$me-web"
+exec_refused 'a pipe with more than a process document can have' "$work/fifo: File too large"
+
+# exec --cgroup: groups below that of the container.
+group_of() { sed -n "s/.*:$1:\\(.*\\)/\\1/p" /proc/"$(state_of "$me-web" .pid)"/cgroup; }
+inside --cgroup .. "$me-web" true
+exec_refused 'no group above that of the container' '.. is not a sub cgroup path'
+inside --cgroup nosuch "$me-web" true
+exec_refused 'a group that does not exist' '/nosuch/cgroup.procs: no such file'
+inside --cgroup nosuch:/ "$me-web" true
+exec_refused 'a controller that does not exist' 'unknown controller in "nosuch"'
+inside --cgroup / "$me-web" cat /proc/self/cgroup
+check "the container's own group" test "$out" = "$(cat "/proc/$(state_of "$me-web" .pid)/cgroup")"
+if [[ -d /sys/fs/cgroup/pids$(group_of pids) && -d /sys/fs/cgroup/memory ]]; then
+    mkdir "/sys/fs/cgroup/pids$(group_of pids)/below" "/sys/fs/cgroup/memory$(group_of memory)/other"
+    inside --cgroup pids:below --cgroup memory:/other "$me-web" cat /proc/self/cgroup
+    check 'a group of one controller' grep -q ":pids:$(group_of pids)/below\$" "$work/out"
+    check 'a group of another controller' grep -q ":memory:$(group_of memory)/other\$" "$work/out"
+    check 'the groups of all others are those of the container' \
+        test "$(grep -c "$(group_of freezer)\$" "$work/out")" -gt 2
+    inside --cgroup memory,nosuch:/other "$me-web" true
+    exec_refused 'one unknown controller of several' 'unknown controller in "memory,nosuch"'
+    inside --cgroup pids:below/../.. "$me-web" true
+    exec_refused 'no way out of the group' 'below/../.. is not a sub cgroup path'
+else
+    printf '# the groups of single controllers of exec --cgroup: no control groups v1\n'
+fi
+
+# --debug: what is done, in the log or on standard error.
+run zncrun --debug --log "$work/debug.log" exec "$me-web" true
+check 'debug messages in the log' test "$(grep -c 'level=debug' "$work/debug.log")" -gt 2
+check 'and not on standard error' test -z "$err"
+check 'they say what was started' grep -q "level=debug msg=\"container $me-web: exec started, process [0-9]*\"" "$work/debug.log"
+run zncrun --debug --log-format json exec "$me-web" true
+check 'without a log on standard error' \
+    jq -se 'length > 2 and all(.level == "debug" and (.msg | length) > 0)' "$work/err"
 
 # events: statistics until the container ends, and each process that is killed for want of memory.
 make_bundle hungry sh -c 'trap "exit 0" TERM; while :; do sleep 0.05; done'

@@ -59,6 +59,20 @@ expect 'an agent that reads slowly gets a long document' 0 made
 check 'the whole document' test "$(state '.metadata | length')" = 80000
 stop_agent
 
+# With a user namespace, and without the rights of the host.
+agent 123
+chmod 755 "$work"
+chown -R 100000:100000 "$work/web/rootfs"
+given "$(notify "${dirs[@]}") | .linux.namespaces += [{type: \"user\"}]
+    | .linux.uidMappings = [{containerID: 0, hostID: 100000, size: 1000}] | .linux.gidMappings = .linux.uidMappings" sh -c "$make"
+expect 'in a user namespace' 0 'No medium found'
+chown -R 0:0 "$work/web/rootfs"
+given "$(notify "${dirs[@]}")" sh -c "$make"
+run unshare --user --map-root-user --mount timeout -k 5 60 "$ZNCRUN" --root "$work/own" --cgroup-manager=disabled \
+    run --bundle "$work/web" "$me-own"
+expect 'as root of a user namespace' 0 'No medium found'
+stop_agent
+
 # With exec.
 agent 123
 make_bundle web sleep 1000

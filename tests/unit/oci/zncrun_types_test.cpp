@@ -70,6 +70,7 @@ constexpr char kDocument[] = R"({
       "cpu": {"shares": 100, "quota": 1000, "period": 1000, "cpus": "0", "mems": "0", "burst": 0,
               "idle": 0, "realtimeRuntime": 0, "realtimePeriod": 0},
       "blockIO": {"weight": 100, "leafWeight": 0,
+                  "weightDevice": [{"major": 8, "minor": 0, "weight": 10, "leafWeight": 0}],
                   "throttleReadBpsDevice": [{"major": 8, "minor": 0, "rate": 1}],
                   "throttleWriteBpsDevice": [{"major": 8, "minor": 0, "rate": 1}],
                   "throttleReadIOPSDevice": [{"major": 8, "minor": 0, "rate": 1}],
@@ -155,8 +156,7 @@ TEST_F(Types, OtherMembersOfAnotherTypeAreRefusedWithTheirNames)
           "/process/ioPriority", "/process/scheduler", "/process/execCPUAffinity",
           "/process/user/username", "/linux/intelRdt", "/linux/memoryPolicy", "/linux/netDevices",
           "/linux/personality", "/linux/resources/network", "/linux/resources/rdma",
-          "/linux/resources/blockIO/weightDevice", "/linux/seccomp/listenerPath",
-          "/linux/seccomp/listenerMetadata"}) {
+          "/linux/seccomp/listenerPath", "/linux/seccomp/listenerMetadata"}) {
         std::string name = std::string(pointer).substr(1);
         std::replace(name.begin(), name.end(), '/', '.');
         for (const Json& wrong : {Json(7), Json(true), Json({Json("x")})}) {

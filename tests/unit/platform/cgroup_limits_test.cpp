@@ -229,6 +229,14 @@ TEST_F(CgroupLimits, WeightOfDisksIsWritten)
     }
 }
 
+TEST_F(CgroupLimits, AWeightForADiskThatDoesNotExistIsReported)
+{
+    Resources resources;
+    ASSERT_NE(resources.deviceWeights.append({4095, 77, 500}), nullptr);
+    EXPECT_NE(limit(resources), 0);
+    EXPECT_EQ(field(), "blockIO.weightDevice");
+}
+
 TEST_F(CgroupLimits, HugePagesAreWritten)
 {
     if (!has("hugetlb.2MB.limit_in_bytes", "hugetlb.2MB.max"))

@@ -77,7 +77,8 @@ TEST(EngineExec, ExecInAnEndedContainerIsRefused)
     char name[] = "true";
     char* const argv[] = {name, nullptr};
     char* const envp[] = {nullptr};
-    const ZN_ENGINE_PROGRAM program = {"/", argv, envp, 0, -1, 0, 0, FALSE, nullptr, 0, 0, nullptr};
+    const ZN_ENGINE_PROGRAM program = {"/",   argv,    envp, 0, -1,      0,      0,
+                                       FALSE, nullptr, 0,    0, nullptr, nullptr};
     std::array<char, ZN_ENGINE_REASON_MAX> reason{};
     pid_t pid = 0;
     EXPECT_EQ(znEngineExec(&none, "{}", "", &program, &pid, reason.data(), reason.size()), ERROR);

@@ -158,7 +158,7 @@ REFUSED_SETTINGS(Processors, kCpus);
 TEST(SettingsBlockIo, WeightAndRatesAreRead)
 {
     const zn::Resources limits = resources(
-        R"("blockIO":{"weight":10,"weightDevice":[],
+        R"("blockIO":{"weight":10,"weightDevice":[{"major":7,"minor":3,"weight":400}],
             "throttleReadBpsDevice":[{"major":8,"minor":0,"rate":1},{"major":8,"minor":16,"rate":2}],
             "throttleWriteBpsDevice":[{"major":8,"minor":0,"rate":3}],
             "throttleReadIOPSDevice":[{"major":8,"minor":0,"rate":4}],
@@ -196,8 +196,14 @@ constexpr Refusal kBlocks[] = {
     {"LeafWeight", "linux", R"("resources":{"blockIO":{"leafWeight":10}})", ENOTSUP,
      "linux.resources.blockIO.leafWeight", "is not supported"},
     {"WeightDevice", "linux",
-     R"("resources":{"blockIO":{"weightDevice":[{"major":8,"minor":0,"weight":10}]}})", ENOTSUP,
-     "linux.resources.blockIO.weightDevice", "is not supported"},
+     R"("resources":{"blockIO":{"weightDevice":[{"major":8,"minor":0,"weight":9}]}})", EINVAL,
+     "linux.resources.blockIO.weightDevice[0].weight", "not a whole number from 10 to 1000"},
+    {"WeightDeviceWithoutWeight", "linux",
+     R"("resources":{"blockIO":{"weightDevice":[{"major":8,"minor":0}]}})", EINVAL,
+     "linux.resources.blockIO.weightDevice[0].weight", "is missing"},
+    {"WeightDeviceLeaf", "linux",
+     R"("resources":{"blockIO":{"weightDevice":[{"major":8,"minor":0,"weight":10,"leafWeight":5}]}})",
+     ENOTSUP, "linux.resources.blockIO.weightDevice[0].leafWeight", "is not supported"},
     {"NoRate", "linux",
      R"("resources":{"blockIO":{"throttleReadBpsDevice":[{"major":8,"minor":0}]}})", EINVAL,
      "linux.resources.blockIO.throttleReadBpsDevice[0].rate", "is missing"},
