@@ -35,8 +35,8 @@ inline bool text_equal(const char* a, const char* b)
     return *a == *b;
 }
 
-// The keeper (keeper.cpp), the spawner (spawner.cpp), the holder (holder.cpp), the store (store.cpp)
-// and the process that starts spare keepers (starter.cpp).
+// The keeper (keeper.cpp), the spawner (spawner.cpp), the holder (holder.cpp), the store
+// (store.cpp) and the process that starts spare keepers (starter.cpp).
 [[noreturn]] void keeper_run();
 [[noreturn]] void keeper_run_spare();
 [[noreturn]] void starter_run();

@@ -75,6 +75,7 @@ fi
 check 'zncd runs' inside zncd --version
 check 'the daemon is enabled' \
     test -L "$root/etc/systemd/system/multi-user.target.wants/zncd.service"
+# shellcheck disable=SC2016 # systemd expands it
 check 'the unit names the daemon where it is' grep -qx 'ExecStart=/usr/sbin/zncd \$ZNCD_OPTIONS' \
     "$root/lib/systemd/system/zncd.service"
 # Against the units of the host, which may lack the daemon.
