@@ -14,16 +14,17 @@
 namespace {
 
 constexpr int kOpenTrees = 16; // descriptors that nftw keeps open
+constexpr int kTries = 100;    // of a walk, while others remove directories
 
-// What this user cannot read is left to sync().
+// What this user cannot read is left to sync(). What others have removed needs no sync.
 int sync_one(const char* path, const struct stat*, int type, struct FTW*)
 {
-    if (type != FTW_F && type != FTW_D)
-        return type == FTW_SL || type == FTW_DNR ? 0 : -1;
+    if (type == FTW_SL || type == FTW_DNR)
+        return 0;
     // O_NONBLOCK: an entry of another type is not waited for; it has nothing to be synced.
     const znc::UniqueFd file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st;
-    if (!file && errno == EACCES)
+    if (!file && (errno == EACCES || errno == ENOENT))
         return 0;
     if (!file || fstat(file.get(), &st) != 0)
         return -1;
@@ -45,7 +46,12 @@ STATUS znFsSync(const char* path)
     if (!dir)
         return ERROR;
     sync();
-    return nftw(path, sync_one, kOpenTrees, FTW_PHYS | FTW_MOUNT) == 0 ? OK : ERROR;
+    for (int n = 0; n < kTries; ++n)
+        if (nftw(path, sync_one, kOpenTrees, FTW_PHYS | FTW_MOUNT) == 0)
+            return OK;
+        else if (errno != ENOENT) // a directory was removed before it was opened
+            return ERROR;
+    return ERROR;
 }
 
 int znDirOpenAt(int dirFd, const char* name)
