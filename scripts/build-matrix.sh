@@ -127,7 +127,7 @@ posix() {
     cmake -S . -B "$builds/posix" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZNC_PLATFORM=posix -DZNC_POSIX_ONLY=ON \
         -DZNC_BUILD_TESTS=ON -DZNC_BUILD_PROGRAMS=OFF &&
         cmake --build "$builds/posix" --target znc_sandbox zncontainer "${tests[@]}" || return
-    not ctest --test-dir "$builds/posix" -N -R '^ns_test$' | grep -q ns_test || return
+    ctest --test-dir "$builds/posix" -N -R '^ns_test$' | grep -qx 'Total Tests: 0' || return
     ctest --test-dir "$builds/posix" --output-on-failure -R "^($(
         IFS='|'
         printf '%s' "${tests[*]}"
