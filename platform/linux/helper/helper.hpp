@@ -88,8 +88,8 @@ int root_switch(sys::Fd& host);
 
 // Makes the detached tree the root of this mount namespace and mounts /proc, /dev and /sys in it,
 // `masked` or not (keeper_root.cpp). An empty host name leaves that of the UTS namespace. Terminals
-// belong to the group `ttyGroup`.
-int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup);
+// belong to the group `ttyGroup`. `isSpare`: root_prepare has been called.
+int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup, bool isSpare);
 
 // Brings up the loopback interface of the network namespace if it is not up (network.cpp).
 int loopback_up();

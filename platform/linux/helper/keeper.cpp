@@ -136,7 +136,7 @@ int in_use(std::uint64_t* used)
     }
 }
 
-int serve(const Incoming& in, int descriptor, std::uint64_t* value)
+int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value)
 {
     const wire::Request& request = in.request;
     const char* first = in.text;
@@ -145,7 +145,7 @@ int serve(const Incoming& in, int descriptor, std::uint64_t* value)
         return root_leave();
     case wire::Op::kRoot:
         return root_enter(descriptor, first, (request.value & wire::kRootUnmasked) == 0,
-                          static_cast<std::uint32_t>(request.attributes));
+                          static_cast<std::uint32_t>(request.attributes), isSpare);
     case wire::Op::kJoin:
         return namespace_join(descriptor, request.value);
     case wire::Op::kOwner:
@@ -218,16 +218,14 @@ void initialize(const char* name)
 [[noreturn]] void serve_all(bool isSpare)
 {
     Incoming in;
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         sys::Fd descriptor;
         if (!request_receive(wire::kKeeperSocket, in, descriptor))
             sys::exit_group(0);
-        if (isSpare) {
+        if (isSpare && isFirst)
             sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
-            isSpare = false;
-        }
         wire::Answer answer = {};
-        answer.error = serve(in, descriptor.get(), &answer.value);
+        answer.error = serve(in, descriptor.get(), isSpare, &answer.value);
         request_answer(wire::kKeeperSocket, in.request, answer);
         // Exit after answering: the exit may take as long as writing back the dirty data of the
         // mounts that go with this namespace.

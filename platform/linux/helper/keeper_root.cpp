@@ -219,8 +219,6 @@ class Prepared {
     sys::Fd mounts_[kCount];
 };
 
-bool g_prepared = false; // root_prepare has mounted for the usual settings
-
 } // namespace
 
 // pivot_root must replace the whole tree, not only that in the chroot.
@@ -300,16 +298,14 @@ int root_prepare()
     const sys::Fd place = open_directory(kCovers);
     if (!place.valid())
         return place.error();
-    const int error = provide_all(place.get(), true, wire::kSpareTerminalGroup);
-    g_prepared = error == 0;
-    return error;
+    return provide_all(place.get(), true, wire::kSpareTerminalGroup);
 }
 
-int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup)
+int root_enter(int tree, const char* hostName, bool masked, std::uint32_t ttyGroup, bool isSpare)
 {
     if (tree < 0)
         return EBADF;
-    const bool prepared = g_prepared && masked && ttyGroup == wire::kSpareTerminalGroup;
+    const bool prepared = isSpare && masked && ttyGroup == wire::kSpareTerminalGroup;
     // A directory of the previous tree as the place of the masks' tmpfs, so that detaching that
     // tree also unmounts the tmpfs.
     const sys::Fd place = open_directory("/proc");

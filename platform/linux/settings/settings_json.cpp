@@ -51,7 +51,9 @@ class Line {
 
 bool is_whole(double value)
 {
-    return std::isfinite(value) && std::trunc(value) == value;
+    constexpr double kAllAreWhole = 9007199254740992.0; // 2^53: no larger number has a fraction
+    return std::isfinite(value) && (std::fabs(value) >= kAllAreWhole ||
+                                    static_cast<double>(static_cast<std::int64_t>(value)) == value);
 }
 
 bool is_unlimited(const cJSON* value)
