@@ -273,7 +273,7 @@ TEST_F(Spares, EndWithTheirOwner)
     const pid_t owner = ::fork();
     if (owner == 0) {
         const bool made = make(2);
-        const std::size_t written = ::write(ends[1], &made, sizeof made);
+        const ssize_t written = ::write(ends[1], &made, sizeof made);
         for (;;)
             ::pause();
         ::_exit(static_cast<int>(written));
