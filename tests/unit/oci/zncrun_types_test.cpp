@@ -159,7 +159,7 @@ TEST_F(Types, OtherMembersOfAnotherTypeAreRefusedWithTheirNames)
           "/linux/seccomp/listenerPath", "/linux/seccomp/listenerMetadata"}) {
         std::string name = std::string(pointer).substr(1);
         std::replace(name.begin(), name.end(), '/', '.');
-        for (const Json& wrong : {Json(7), Json(true), Json({Json("x")})}) {
+        for (const Json& wrong : {Json(7), Json(true), Json::array({"x"})}) {
             Json changed = document_;
             changed[Json::json_pointer(pointer)] = wrong;
             EXPECT_TRUE(refusal_of(changed).starts_with(name + ": ")) << name << " is " << wrong;
