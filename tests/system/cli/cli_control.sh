@@ -199,6 +199,7 @@ run zncctl delete -q big
 zncctl run --name ends --keep -b "$work/loop" >/dev/null 2>&1 &
 run_ends=$!
 # A container is running before the daemon knows its process, which can be signalled only then.
+eventually status_is ends running
 eventually zncctl kill -q -s KILL ends 2>/dev/null
 wait "$run_ends"
 check 'a program that is killed otherwise is not' test "$(field ends 3)" = 137
