@@ -38,9 +38,8 @@ bool send_with_descriptor(int socket, std::string_view text, int descriptor)
 SeccompAgent::SeccompAgent(const Json& config, const Container& container, Status status)
     : listener_{receive, this}
 {
-    document_ = Json::object();
     document_["ociVersion"] = kSpecification;
-    document_["fds"] = {"seccompFd"};
+    document_["fds"] = Json::array({"seccompFd"});
     document_["pid"] = 0;
     const auto section = Fields(config, "").object("linux");
     const auto filter = section ? section->object("seccomp") : std::nullopt;

@@ -26,7 +26,7 @@ class SeccompAgent {
     void send(int listener, pid_t pid) const;
 
     std::string path_;
-    Json document_; // without the process id
+    Json document_ = Json::object(); // without the process id
     std::string failure_;
     ZN_ENGINE_LISTENER listener_;
 };
