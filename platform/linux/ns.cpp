@@ -1,6 +1,7 @@
 #include "zarnel/ns.h"
 
 #include "base/file.hpp"
+#include "base/mutex_hold.hpp"
 #include "keeper_link.hpp"
 #include "ns_entry.hpp"
 #include "ns_keep.hpp"
@@ -118,14 +119,6 @@ int settle_dying()
     g_killDeadline = 0;
     return left;
 }
-
-class Locked {
-  public:
-    Locked() { ::pthread_mutex_lock(&g_lock); }
-    ~Locked() { ::pthread_mutex_unlock(&g_lock); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
 
 Namespace** find_link(nsid_t id)
 {
@@ -370,7 +363,7 @@ UniqueFd copy_of(int descriptor)
 
 int namespace_links(nsid_t id, NamespaceLinks& links, znc::List<char>& mounts)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     const Namespace* ns = find(id);
     if (ns == nullptr || !ns->sealed)
         return EINVAL;
@@ -388,7 +381,7 @@ int namespace_links(nsid_t id, NamespaceLinks& links, znc::List<char>& mounts)
 int namespace_adopt(nsid_t id, const NsRecord& record, NamespaceLinks links,
                     std::string_view mounts)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     NamespacePtr ns = namespace_new();
     if (!ns || *find_link(id) != nullptr)
         return ns ? EEXIST : ENOMEM;
@@ -412,13 +405,13 @@ int namespace_adopt(nsid_t id, const NsRecord& record, NamespaceLinks links,
 
 bool namespace_is_own(nsid_t id)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     return *find_link(id) != nullptr;
 }
 
 bool namespace_rooted_on(const char* root)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     for (const Namespace* bucket : g_namespaces)
         for (const Namespace* ns = bucket; ns != nullptr; ns = ns->next)
             if (std::strcmp(ns->root, root) == 0)
@@ -438,7 +431,7 @@ nsid_t znnsCreate(int flags)
 nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* document, char* reason,
                             size_t size)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     reap_dying(); // releases resources that the new namespace may need
     SettingsFault fault;
     NamespacePtr ns = namespace_new();
@@ -483,7 +476,7 @@ STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size)
 
 STATUS znnsSeal(nsid_t id, char* reason, size_t size)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr || ns->sealed)
         return ns == nullptr ? ERROR : OK;
@@ -497,19 +490,19 @@ STATUS znnsSeal(nsid_t id, char* reason, size_t size)
 
 void znnsRefusalListenerSet(void (*refused)(const char* name, const char* reason))
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     g_refused = refused;
 }
 
 void znnsPrivilegedAllow(BOOL allowed)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     g_privileged = allowed != FALSE;
 }
 
 STATUS znnsUsersMap(BOOL mapped)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     NamespaceSettings trial;
     SettingsFault fault;
     if (mapped != FALSE) {
@@ -525,7 +518,7 @@ STATUS znnsUsersMap(BOOL mapped)
 
 STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -549,7 +542,7 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
 {
     if (is_empty(destination))
         return OK;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -564,14 +557,14 @@ STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
 {
     if (is_empty(destination))
         return OK;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     return ns == nullptr ? ERROR : undo_result(ns->mounts.unmount(ns->keeper, destination));
 }
 
 STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name*/)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -582,7 +575,7 @@ STATUS znnsRootfsDestroy(nsid_t id, const char* /*rootPath*/, const char* /*name
 
 STATUS znnsDelete(nsid_t id)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     reap_dying();
     if (find(id) == nullptr)
         return ERROR;
@@ -595,7 +588,7 @@ STATUS znnsKill(nsid_t id, int signo)
     const int host = znSignalToHost(signo);
     if (host < 0)
         return ERROR;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -607,7 +600,7 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const int host = znSignalToHost(signo);
     if (host < 0)
         return ERROR;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     const Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -622,7 +615,7 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
 
 STATUS znnsInUse(nsid_t id, BOOL* inUse)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     if (ns == nullptr)
         return ERROR;
@@ -640,7 +633,7 @@ STATUS znnsInUse(nsid_t id, BOOL* inUse)
 
 STATUS znnsExpect(nsid_t id, pid_t caller)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Namespace* ns = find(id);
     return ns != nullptr && ns->entry.begin(id, caller) == 0 ? OK : ERROR;
 }
@@ -652,14 +645,14 @@ STATUS znnsExpectEnd(nsid_t id)
 
 STATUS znnsUrgentAllow(nsid_t id, BOOL allowed)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     const Grant grant = allowed != FALSE ? Grant::kUrgent : Grant::kNone;
     return find(id) != nullptr && ns_record_mark(id, grant) == 0 ? OK : ERROR;
 }
 
 void znnsKillAll(void)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     g_killDeadline = now_ns() + kKillAllNs;
     for (Namespace* bucket : g_namespaces)
         for (Namespace* ns = bucket; ns != nullptr; ns = ns->next) {
@@ -670,7 +663,7 @@ void znnsKillAll(void)
 
 int znnsShutdown(void)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     for (Namespace*& bucket : g_namespaces)
         while (bucket != nullptr)
             end_namespace(&bucket);
@@ -681,7 +674,7 @@ int znnsShutdown(void)
 
 int znnsLeave(void)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     for (Namespace*& bucket : g_namespaces)
         for (Namespace** at = &bucket; *at != nullptr;)
             if (keep_has((*at)->id))
@@ -695,7 +688,7 @@ int znnsLeave(void)
 void znnsReap(void)
 {
     {
-        const Locked lock;
+        const znc::MutexHold lock(g_lock);
         reap_dying();
         overlay_devices_retry();
     }

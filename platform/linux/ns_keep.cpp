@@ -4,6 +4,7 @@
 #include "zarnel/ns_keep.h"
 
 #include "base/failure.hpp"
+#include "base/mutex_hold.hpp"
 #include "keep_store.hpp"
 #include "ns_keep.hpp"
 #include "ns_kept_record.hpp"
@@ -34,14 +35,6 @@ struct Keeping {
 // Protected by the lock.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Keeping g_keeping;
-
-class Locked {
-  public:
-    Locked() { ::pthread_mutex_lock(&g_lock); }
-    ~Locked() { ::pthread_mutex_unlock(&g_lock); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
 
 KeptEntry* find_entry(nsid_t ns)
 {
@@ -108,13 +101,13 @@ bool is_same(const KeptProcess& kept, pid_t pid, unsigned long long startTime)
 
 int enter(const KeptEntry& entry)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     return add_entry(entry);
 }
 
 UniqueFd take_stored(std::uint64_t cookie)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     return g_keeping.store.take(cookie);
 }
 
@@ -217,7 +210,7 @@ void end_recorded(int ns, void* /*context*/)
 void keep_forget(nsid_t ns)
 {
     const znc::ErrnoSaver keep;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     KeptEntry* const entry = find_entry(ns);
     if (entry == nullptr)
         return;
@@ -228,7 +221,7 @@ void keep_forget(nsid_t ns)
 
 bool keep_has(nsid_t ns)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     return find_entry(ns) != nullptr;
 }
 
@@ -237,7 +230,7 @@ void keep_check()
     const znc::ErrnoSaver keep;
     znc::List<nsid_t> kept;
     {
-        const Locked lock;
+        const znc::MutexHold lock(g_lock);
         if (!g_keeping.open || !g_keeping.store.is_lost() || g_keeping.store.reopen() != 0)
             return;
         for (const KeptEntry& entry : g_keeping.entries)
@@ -249,14 +242,14 @@ void keep_check()
         znc::List<char> mounts;
         if (namespace_links(ns, links, mounts) != 0)
             continue;
-        const Locked lock;
+        const znc::MutexHold lock(g_lock);
         store_links(links);
     }
 }
 
 int keep_leave()
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     int kept = 0;
     if (!g_keeping.open)
         return kept;
@@ -275,7 +268,7 @@ using namespace zn;
 
 STATUS znnsKeepOpen(const znKeepManager* manager)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     Keeping keeping;
     int error = keeping.store.find(manager);
     if (error == 0)
@@ -300,7 +293,7 @@ STATUS znnsKeep(nsid_t ns, pid_t program, const void* note, size_t size)
         return znc::fail(error);
     record.mounts = {mounts.begin(), mounts.size()};
     record.note = {static_cast<const char*>(note), size};
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     error = keep(ns, links, record);
     return error == 0 ? OK : znc::fail(error);
 }
@@ -317,14 +310,14 @@ int znnsAdopt(BOOL (*accept)(const znKept* kept, void* context),
     else if (errno != ENOENT)
         refused("", kNone, "other users can change the directory of the records", context);
     kept_clear_unfinished();
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     static_cast<void>(g_keeping.store.drop_rest());
     return adoption.adopted;
 }
 
 BOOL znnsKeptEnd(const znKeepManager* manager)
 {
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     KeepStore store;
     const bool trusted = kept_directory_trusted();
     static_cast<void>(store.find(manager));

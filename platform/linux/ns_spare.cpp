@@ -8,6 +8,7 @@
 // is replaced after a minute.
 #include "ns_spare.hpp"
 
+#include "base/mutex_hold.hpp"
 #include "ns_surroundings.hpp"
 #include "system/pidfd.hpp"
 #include "zarnel/ns.h"
@@ -349,27 +350,19 @@ void Pool::end(std::int64_t deadline)
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER; // protects the pool
 Pool g_pool;
 
-class Locked {
-  public:
-    Locked() { ::pthread_mutex_lock(&g_lock); }
-    ~Locked() { ::pthread_mutex_unlock(&g_lock); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
-
 } // namespace
 
 bool spare_take(Keeper& keeper, unsigned long namespaces)
 {
     const znc::ErrnoSaver keep;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     return (namespaces | CLONE_NEWNS) == wire::kSpareNamespaces && g_pool.take(keeper);
 }
 
 void spares_end(std::int64_t deadline)
 {
     const znc::ErrnoSaver keep;
-    const Locked lock;
+    const znc::MutexHold lock(g_lock);
     g_pool.end(deadline);
 }
 
@@ -378,13 +371,13 @@ void spares_end(std::int64_t deadline)
 void znnsSparesSet(unsigned count)
 {
     const znc::ErrnoSaver keep;
-    const zn::Locked lock;
+    const znc::MutexHold lock(zn::g_lock);
     zn::g_pool.set(count);
 }
 
 void znnsSparesMake(void)
 {
     const znc::ErrnoSaver keep;
-    const zn::Locked lock;
+    const znc::MutexHold lock(zn::g_lock);
     zn::g_pool.make();
 }

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 

@@ -98,9 +98,11 @@ STATUS mount_and_register(CONTAINER_CTX* ctx)
         return ERROR;
     ctx->state.status = STATE_CREATED;
     ctx->mounted = FALSE;
+    if (zncContainerMount(ctx) != OK)
+        return ERROR;
     ctx->state.createdTime = ::time(nullptr);
-    if (zncContainerMount(ctx) != OK || znc::keep_container(ctx) != OK ||
-        znMutexTake(ctx->sem, ZN_NO_WAIT) != OK || zncContainerAdd(ctx) != OK)
+    if (znc::keep_container(ctx) != OK || znMutexTake(ctx->sem, ZN_NO_WAIT) != OK ||
+        zncContainerAdd(ctx) != OK)
         return ERROR;
     ctx->state.pCtx = ctx;
     zncContainerUnlock(ctx);

@@ -3,6 +3,7 @@
 #include "zncTrash.hpp"
 
 #include "base/directory.hpp"
+#include "base/mutex_hold.hpp"
 
 #include "zncOwned.hpp"
 #include "zncPath.hpp"

@@ -3,6 +3,7 @@
 #ifndef ZNCWORKAHEAD_HPP
 #define ZNCWORKAHEAD_HPP
 
+#include "base/mutex_hold.hpp"
 #include "zncOwned.hpp"
 #include "zncProgress.hpp"
 #include "zncontainer.h"
@@ -11,20 +12,6 @@
 #include <pthread.h>
 
 namespace znc {
-
-class MutexHold {
-  public:
-    explicit MutexHold(pthread_mutex_t& mutex) noexcept : mutex_(mutex)
-    {
-        ::pthread_mutex_lock(&mutex_);
-    }
-    ~MutexHold() { ::pthread_mutex_unlock(&mutex_); }
-    MutexHold(const MutexHold&) = delete;
-    MutexHold& operator=(const MutexHold&) = delete;
-
-  private:
-    pthread_mutex_t& mutex_;
-};
 
 // Starts a helper thread with all signals blocked and a small stack. False on failure.
 bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept;
