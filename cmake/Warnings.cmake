@@ -59,6 +59,11 @@ endif()
 add_library(znc_start_flags INTERFACE)
 if(NOT ZNC_SANITIZE)
     target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc)
+    # The dynamic linker searches the libraries in the order in which they are linked, and most symbols are those of the
+    # C library, which the compiler driver would put last.
+    if(ZNC_PLATFORM STREQUAL "linux")
+        target_link_options(znc_start_flags INTERFACE LINKER:--push-state,--no-as-needed,-lc,--pop-state)
+    endif()
 endif()
 
 if(ZNC_COVERAGE)
