@@ -144,18 +144,24 @@ bool is_awaited(const zncMessage& message)
     return static_cast<bool>(znc::open_queue(message.name, znc::kReplyQueue, ZN_MSG_Q_FIFO));
 }
 
+// Whether the client usually has other work after this request, which is to start a program, or
+// none. Otherwise its next request would wait while spares are made.
+bool is_followed_by_pause(const zncMessage& message)
+{
+    return message.cmdId == ZNC_START || message.cmdId == ZNC_DELETE;
+}
+
 // Serves requests until receiving one fails.
 void serve(MSG_Q_ID queue)
 {
     zncMessage message = {};
     HouseKeeping house_keeping;
-    bool created = false;
+    bool idle = true;
     for (;;) {
         house_keeping.run_if_due();
-        // Not after a create, whose client usually starts the container at once.
-        if (!created && znMsgQEmpty(queue))
+        if (idle && znMsgQEmpty(queue))
             znnsSparesMake();
-        created = false;
+        idle = true;
         const ssize_t len =
             znMsgQReceive(queue, &message, sizeof message, kReclaimSeconds * znSysClkRateGet());
         if (len < 0 && errno == ETIMEDOUT)
@@ -167,7 +173,7 @@ void serve(MSG_Q_ID queue)
             (requests_kept && !is_awaited(message)))
             continue;
         static_cast<void>(zncMessageProcess(&message));
-        created = message.cmdId == ZNC_CREATE;
+        idle = is_followed_by_pause(message);
         errno = 0; // do not carry errno over to the next request
     }
 }
