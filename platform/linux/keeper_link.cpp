@@ -149,30 +149,31 @@ bool Keeper::launch(const char* part, int mounts, unsigned long namespaces)
     return pid_ > 0;
 }
 
-// Receives the answer to the last request. 0 or an error number.
-int Keeper::receive(wire::Answer& answer, int waitMilliseconds)
+// Receives the answer to the request of this number. 0 or an error number.
+int Keeper::receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds)
 {
     for (;;) {
-        if (!readable_within(socket_.get(), waitMilliseconds)) {
+        const ssize_t n = ::recv(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT);
+        if (n < 0 && errno == EAGAIN) {
+            if (readable_within(socket_.get(), waitMilliseconds))
+                continue;
             process_signal(pidfd_.get(), SIGKILL);
             socket_.reset(); // a late answer must not be taken for the answer to a later request
             return ETIMEDOUT;
         }
-        const ssize_t n = ::recv(socket_.get(), &answer, sizeof answer, 0);
         if (n < 0 && errno == EINTR)
             continue;
         if (n != static_cast<ssize_t>(sizeof answer))
             return ESRCH;
-        if (answer.serial == serial_)
+        if (answer.serial == serial)
             return 0;
     }
 }
 
-int Keeper::ask(const wire::Request& asked, std::span<const char> text, int descriptor,
-                std::uint64_t* value, int waitMilliseconds)
+// Sends a request with the next number. 0 or an error number.
+int Keeper::send(wire::Request request, std::span<const char> text, int descriptor, int flags)
 {
-    wire::Request request = asked;
-    request.serial = ++serial_;
+    request.serial = serial_ + 1;
     iovec iov[2] = {{&request, sizeof request}, {const_cast<char*>(text.data()), text.size()}};
     msghdr message = {};
     message.msg_iov = iov;
@@ -184,16 +185,43 @@ int Keeper::ask(const wire::Request& asked, std::span<const char> text, int desc
         return ESRCH;
     ssize_t n;
     do {
-        n = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+        n = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | flags);
     } while (n < 0 && errno == EINTR);
     if (n < 0)
         return errno == EPIPE || errno == ECONNRESET ? ESRCH : errno;
+    serial_++;
+    return 0;
+}
+
+int Keeper::ask(const wire::Request& request, std::span<const char> text, int descriptor,
+                std::uint64_t* value, int waitMilliseconds)
+{
     wire::Answer answer = {};
-    if (const int error = receive(answer, waitMilliseconds); error != 0)
+    int error = send(request, text, descriptor, 0);
+    if (error == 0)
+        error = receive(answer, serial_, waitMilliseconds);
+    if (error != 0)
         return error;
     if (value != nullptr)
         *value = answer.value;
     return answer.error;
+}
+
+int Keeper::post(const wire::Request& request, std::span<const char> text, int descriptor)
+{
+    wire::Request posted = request;
+    posted.posted = 1;
+    const int error = send(posted, text, descriptor, MSG_DONTWAIT);
+    posted_ += error == 0 ? 1 : 0;
+    return error;
+}
+
+int Keeper::collect(int waitMilliseconds)
+{
+    wire::Answer answer = {};
+    posted_--;
+    const int error = receive(answer, serial_ - posted_, waitMilliseconds);
+    return error != 0 ? error : answer.error;
 }
 
 int Keeper::ask(wire::Op op, std::uint64_t value, std::uint64_t* answer, int waitMilliseconds)

@@ -46,6 +46,13 @@ class Keeper {
     int ask(wire::Op op, std::uint64_t value = 0, std::uint64_t* answer = nullptr,
             int waitMilliseconds = kAnswerMilliseconds);
 
+    // Sends a request without waiting for the answer, for which collect() must be called before the
+    // next ask(). The receiver carries it out unless one that was posted before has failed. 0 or an
+    // error number: EAGAIN if earlier answers must be collected first.
+    int post(const wire::Request& request, std::span<const char> text, int descriptor);
+    // Waits for the answer to the oldest posted request, with the results of ask().
+    int collect(int waitMilliseconds);
+
     // Kills all processes in the namespaces except the keeper, without waiting for their ends.
     void kill_others(int waitMilliseconds);
 
@@ -63,13 +70,15 @@ class Keeper {
 
   private:
     static int bare_mounts();
-    int receive(wire::Answer& answer, int waitMilliseconds);
+    int send(wire::Request request, std::span<const char> text, int descriptor, int flags);
+    int receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds);
     bool launch(const char* part, int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;
     znc::UniqueFd socket_;
     std::uint32_t serial_ = 0; // of the last request
+    std::uint32_t posted_ = 0; // number of the last requests whose answers were not collected
 };
 
 } // namespace zn

@@ -21,6 +21,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zn {
 
@@ -203,6 +204,34 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     return 0;
 }
 
+namespace {
+
+// The texts of a request, one after another.
+class RequestText {
+  public:
+    // 0, or an error number: they are too long.
+    int join(wire::Request& request, std::initializer_list<const char*> texts)
+    {
+        for (const char* part : texts) {
+            const std::size_t size = std::strlen(part) + 1;
+            if (size > sizeof text_ - request.textLen)
+                return ENAMETOOLONG;
+            std::memcpy(text_ + request.textLen, part, size);
+            request.textLen += static_cast<std::uint32_t>(size);
+            request.textCount++;
+        }
+        len_ = request.textLen;
+        return 0;
+    }
+    [[nodiscard]] std::span<const char> all() const { return {text_, len_}; }
+
+  private:
+    char text_[8192];
+    std::size_t len_ = 0;
+};
+
+} // namespace
+
 int Creation::ask(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
                   std::uint64_t* value)
 {
@@ -212,18 +241,44 @@ int Creation::ask(wire::Request request, std::initializer_list<const char*> text
 int Creation::ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts,
                   int descriptor, std::uint64_t* value)
 {
-    char text[8192];
-    std::size_t len = 0;
-    for (const char* part : texts) {
-        const std::size_t size = std::strlen(part) + 1;
-        if (size > sizeof text - len)
-            return ENAMETOOLONG;
-        std::memcpy(text + len, part, size);
-        len += size;
-        request.textCount++;
+    RequestText text;
+    const int error = text.join(request, texts);
+    return error != 0
+               ? error
+               : explain(process.ask(request, text.all(), descriptor, value, kAnswerWait), process);
+}
+
+int Creation::post(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
+                   const Posted& posted)
+{
+    RequestText text;
+    const int error = text.join(request, texts);
+    return error != 0 ? error : post(request, text.all(), descriptor, posted);
+}
+
+int Creation::post(const wire::Request& request, std::span<const char> text, int descriptor,
+                   const Posted& posted)
+{
+    int error = rootless_ || postedCount_ == posted_.size()
+                    ? EAGAIN
+                    : maker().post(request, text, descriptor);
+    if (error == EAGAIN) {
+        error = settle();
+        return error != 0 ? error
+                          : explain(maker().ask(request, text, descriptor, nullptr, kAnswerWait));
     }
-    request.textLen = static_cast<std::uint32_t>(len);
-    return explain(process.ask(request, {text, len}, descriptor, value, kAnswerWait), process);
+    if (error == 0)
+        posted_[postedCount_++] = posted;
+    return explain(error);
+}
+
+int Creation::settle()
+{
+    const std::size_t count = std::exchange(postedCount_, 0);
+    for (std::size_t i = 0; i < count; i++)
+        if (const int error = explain(maker().collect(kAnswerWait)); error != 0)
+            return say_posted(error, posted_[i]);
+    return 0;
 }
 
 int Creation::explain(int error)

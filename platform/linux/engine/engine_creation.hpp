@@ -12,6 +12,7 @@
 #include "launch.hpp"
 #include "zarnel/engine.h"
 
+#include <array>
 #include <initializer_list>
 #include <span>
 
@@ -61,12 +62,25 @@ class Creation {
     int launch_maker();
     int enter_own_mounts();
     int set_limits();
+    // What a posted request was for: a mount, or the path of a device or link.
+    struct Posted {
+        const ZN_ENGINE_MOUNT* mount = nullptr;
+        const char* path = nullptr;
+    };
     // The process that makes the root: with a user namespace, one that has the rights of the host.
     Keeper& maker() { return user_ ? maker_ : first_; }
     int ask(wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
     int ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
+    // Like ask(), but do not wait, unless rootless: there some failures have other solutions.
+    // settle() waits for the answers to all of these and says what failed; to be called before
+    // ask().
+    int post(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
+             const Posted& posted);
+    int post(const wire::Request& request, std::span<const char> text, int descriptor,
+             const Posted& posted);
+    int settle();
     int explain(int error);
     int explain(int error, const Keeper& process);
     int pivot();
@@ -76,8 +90,10 @@ class Creation {
     int choose_owners(const ZN_ENGINE_MOUNT& mount, EngineMount& wanted, znc::UniqueFd& own);
     bool label(EngineMount& wanted) const;
     int mount_one(const ZN_ENGINE_MOUNT& mount);
-    int attach(int mount, const char* destination);
+    int attach(int made, const char* destination, const ZN_ENGINE_MOUNT& mount);
     int mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int say_mount(int error, const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
+    int say_posted(int error, const Posted& posted);
     int bind_of_host(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
     int drop_unmapped_group(EngineMount& wanted) const;
     int mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted);
@@ -100,6 +116,8 @@ class Creation {
     EngineUser user_;
     Keeper first_;
     Keeper maker_;
+    std::array<Posted, 32> posted_; // what answers are still to be received for
+    std::size_t postedCount_ = 0;
     // Whether this process has only the rights of root in a user namespace.
     const bool rootless_ = znEngineRootless() != FALSE;
     bool hasGroup_ = false;

@@ -66,11 +66,11 @@ int Creation::run_hooks()
     return reason_.say_errno(ask(request), "cannot enter the root filesystem %s", plan_.root);
 }
 
-int Creation::attach(int mount, const char* destination)
+int Creation::attach(int made, const char* destination, const ZN_ENGINE_MOUNT& mount)
 {
     wire::Request request = request_of(wire::Op::kMountTree);
-    request.isDirectory = znc::is_directory(mount) ? 1 : 0;
-    return ask(request, {destination}, mount);
+    request.isDirectory = znc::is_directory(made) ? 1 : 0;
+    return post(request, {destination}, made, {&mount});
 }
 
 int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
@@ -90,7 +90,7 @@ int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wante
     std::memcpy(text + len, wanted.plan.options, wanted.plan.optionsLen);
     request.textLen = static_cast<std::uint32_t>(len + wanted.plan.optionsLen);
     request.textCount = 2 + (hasSource ? 1 : 0) + wanted.plan.optionCount;
-    return explain(maker().ask(request, {text, request.textLen}, -1, nullptr, kAnswerWait));
+    return post(request, {text, request.textLen}, -1, {&mount});
 }
 
 int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
@@ -102,7 +102,7 @@ int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& want
         empty.plan.optionCount = 0;
         empty.plan.attrSet |= MOUNT_ATTR_RDONLY;
         const UniqueFd made = engine_mount_make(empty, "cgroup", -1, nullptr);
-        return made ? attach(made.get(), mount.destination) : errno;
+        return made ? attach(made.get(), mount.destination, mount) : errno;
     }
     List<CgroupMount> parts;
     int error = engine_cgroup_mounts(plan_.group, wanted, parts);
@@ -110,7 +110,7 @@ int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& want
         char path[4096];
         std::snprintf(path, sizeof path, "%s%s%s", mount.destination,
                       parts[i].name[0] != '\0' ? "/" : "", parts[i].name);
-        error = attach(parts[i].mount.get(), path);
+        error = attach(parts[i].mount.get(), path, mount);
     }
     return error;
 }
@@ -220,7 +220,6 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
         return reason_.say_errno(error, "mounts: %s: owner", mount.destination);
     if (!label(wanted))
         return reason_.say_errno(ENAMETOOLONG, "linux.mountLabel");
-    const char* source = mount.source != nullptr ? mount.source : "";
     if (!wanted.plan.bind && std::strncmp(mount.type, "cgroup", 6) == 0) {
         error = mount_cgroup(mount, wanted);
     } else if (engine_mount_is_inner(wanted.plan)) {
@@ -228,18 +227,41 @@ int Creation::mount_one(const ZN_ENGINE_MOUNT& mount)
         if (error == EPERM && rootless_)
             error = bind_of_host(mount, wanted);
     } else {
-        const UniqueFd made =
-            engine_mount_make(wanted, mount.source, root_.get(), mount.destination);
-        error = made ? attach(made.get(), mount.destination) : errno;
+        if (wanted.copyUp) // of what is there after the mounts before it
+            error = settle();
+        UniqueFd made;
+        if (error == 0)
+            made = engine_mount_make(wanted, mount.source, root_.get(), mount.destination);
+        if (error == 0)
+            error = made ? attach(made.get(), mount.destination, mount) : errno;
     }
+    if (error == 0)
+        return 0;
+    const int earlier = settle();
+    return earlier != 0 ? earlier : say_mount(error, mount, wanted);
+}
+
+int Creation::say_mount(int error, const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
+{
     if (error == EPERM && rootless_ && wanted.plan.mapped)
         return reason_.say(error, "mounts: %s: only root of the host can map owners of this mount",
                            mount.destination);
     if (error == ELOOP && engine_mount_is_inner(wanted.plan))
         return reason_.say(error, "%s: %s must be mounted on ordinary directory", mount.destination,
                            mount.type);
+    const char* const source = mount.source != nullptr ? mount.source : "";
     return reason_.say_errno(error, "error mounting \"%s\" to rootfs at \"%s\"",
                              wanted.plan.bind ? source : mount.type, mount.destination);
+}
+
+int Creation::say_posted(int error, const Posted& posted)
+{
+    if (posted.mount == nullptr)
+        return reason_.say_errno(error, "cannot create %s", posted.path);
+    EngineMount wanted;
+    const char* option = nullptr;
+    static_cast<void>(engine_mount_read(*posted.mount, wanted, &option)); // it was read before
+    return say_mount(error, *posted.mount, wanted);
 }
 
 int Creation::mount_all()
@@ -291,23 +313,28 @@ int Creation::make_devices()
         {"/dev/stdout", "/proc/self/fd/1"}, {"/dev/stderr", "/proc/self/fd/2"},
         {"/dev/core", "/proc/kcore"},       {"/dev/ptmx", "pts/ptmx"}};
     if (binds_dev(plan_))
-        return 0;
+        return settle();
     for (const auto& node : kNodes) {
         wire::Request request = request_of(wire::Op::kDevice);
         request.node = {S_IFCHR | 0666, node.major, node.minor, user_.host_uid(0).value_or(0),
                         user_.host_gid(0).value_or(0)};
-        const int error =
-            rootless_ ? bind_device(node.path, request.node) : ask(request, {node.path});
+        const int error = rootless_ ? bind_device(node.path, request.node)
+                                    : post(request, {node.path}, -1, {nullptr, node.path});
         if (error != 0)
             return reason_.say_errno(error, "cannot create %s", node.path);
     }
-    for (const Device& device : settings_.settings().devices)
+    const List<Device>& devices = settings_.settings().devices;
+    if (const int error = devices.empty() ? 0 : settle(); error != 0)
+        return error;
+    for (const Device& device : devices)
         if (const int error = make_device(device); error != 0)
             return reason_.say_errno(error, "linux.devices: %s", device.path.get());
     for (const auto& link : kLinks)
-        if (const int error = ask(request_of(wire::Op::kLink), {link[0], link[1]}); error != 0)
+        if (const int error =
+                post(request_of(wire::Op::kLink), {link[0], link[1]}, -1, {nullptr, link[0]});
+            error != 0)
             return reason_.say_errno(error, "cannot create %s", link[0]);
-    return 0;
+    return settle();
 }
 
 int Creation::make_terminal()

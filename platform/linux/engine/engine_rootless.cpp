@@ -34,7 +34,7 @@ int Creation::bind_of_host(const ZN_ENGINE_MOUNT& mount, const EngineMount& want
     bound.whole.attrSet = wanted.plan.attrSet | wanted.whole.attrSet | MOUNT_ATTR_NOSUID |
                           MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC | (isSys ? MOUNT_ATTR_RDONLY : 0);
     const UniqueFd made = engine_mount_make(bound, isSys ? "/sys" : "/proc", -1, nullptr);
-    return made ? attach(made.get(), mount.destination) : errno;
+    return made ? attach(made.get(), mount.destination, mount) : errno;
 }
 
 // Engines ask for the group of terminals (5) whether it is mapped or not. Terminals then belong to

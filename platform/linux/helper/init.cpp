@@ -284,12 +284,17 @@ void serve_all(Program& program)
 {
     Incoming in;
     sys::Fd hostRoot;
+    bool failed = false; // a request that was posted
     for (;;) {
         sys::Fd descriptor;
         if (!request_receive(wire::kInitSocket, in, descriptor))
             sys::exit_group(0);
         wire::Answer answer = {};
-        answer.error = serve(in, descriptor.get(), program, hostRoot, &answer.value);
+        const bool posted = in.request.posted != 0;
+        answer.error = posted && failed
+                           ? ECANCELED
+                           : serve(in, descriptor.get(), program, hostRoot, &answer.value);
+        failed = failed || (posted && answer.error != 0);
         request_answer(wire::kInitSocket, in.request, answer);
         if (in.request.op == wire::Op::kWait)
             return;

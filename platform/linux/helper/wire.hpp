@@ -14,7 +14,7 @@ namespace zn::wire {
 
 // To be increased with every change of what is sent to keepers and the store, and of Confinement:
 // namespaces of another number are not adopted.
-inline constexpr unsigned kKeeperProtocol = 1;
+inline constexpr unsigned kKeeperProtocol = 2;
 
 // The helper's parts, chosen by argv[0].
 inline constexpr char kKeeperName[] = "zn-keeper";
@@ -97,6 +97,9 @@ struct Request {
     std::uint32_t textCount;
     Node node;
     std::uint32_t serial; // a new one for each request
+    // Not 0: the sender does not wait for the answer before the next request, so this one is not
+    // carried out (ECANCELED) after one of these has failed. Only for an engine's container.
+    std::uint32_t posted;
 };
 
 struct Answer {

@@ -53,6 +53,18 @@ mounted '{"destination":"/mnt","type":"tmpfs","options":["nosuchoption"]}' true
 refused 'an unknown option of a file system' '/mnt'
 mounted '{"destination":"/mnt","type":"nosuchfs"}' true
 refused 'an unknown file system' '/mnt'
+echo text >"$work/web/rootfs/plain"
+mounted '{"destination":"/first","type":"tmpfs"},{"destination":"/plain/in","type":"tmpfs"},
+    {"destination":"/third","type":"tmpfs"}' true
+refused 'a mount point below a file' 'mounting "tmpfs" to rootfs at "/plain/in"'
+check 'mounts before one that fails are made' test -d "$work/web/rootfs/first"
+check 'mounts after one that fails are not' test ! -e "$work/web/rootfs/third"
+mounted '{"destination":"/plain/in","type":"tmpfs"},{"destination":"/mnt","type":"nosuchfs"}' true
+refused 'of two mounts that fail, the first is named' '/plain/in'
+rm "$work/web/rootfs/plain"
+many=$(jq -nc '[range(100) | {destination: "/many/\(.)", type: "tmpfs"}] | tojson | .[1:-1]' -r)
+mounted "$many" sh -c 'grep -c " /many/" /proc/self/mountinfo'
+expect 'a hundred mounts' 0 100
 mounted "$(bind /mnt bind | jq -c '.uidMappings = [{containerID: 0, hostID: 1, size: 1}]')" true
 refused 'half of the mapped ids' 'needs both uidMappings and gidMappings'
 

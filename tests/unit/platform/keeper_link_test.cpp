@@ -15,7 +15,9 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 namespace {
 
@@ -117,4 +119,110 @@ TEST_F(Keepers, AreFoundDeadAsSoonAsTheyAreDead)
     EXPECT_EQ(other.ask(zn::wire::Op::kInUse), 0);
     EXPECT_TRUE(one.reap());
     end(other);
+}
+
+namespace {
+
+using zn::wire::Answer;
+using zn::wire::Op;
+using zn::wire::Request;
+
+// Plays the process at the other end of the socket.
+class Posts : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        int pair[2] = {-1, -1};
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+        other_.reset(pair[1]);
+        keeper_.adopt(0, UniqueFd(), UniqueFd(pair[0]));
+    }
+    int post(std::uint64_t value)
+    {
+        Request request = {};
+        request.op = Op::kLink;
+        request.value = value;
+        return keeper_.post(request, {}, -1);
+    }
+    Request received()
+    {
+        Request request = {};
+        EXPECT_EQ(::recv(other_.get(), &request, sizeof request, MSG_DONTWAIT),
+                  static_cast<ssize_t>(sizeof request));
+        return request;
+    }
+    void answer(const Request& request, int error, std::uint64_t value = 0)
+    {
+        const Answer answer = {error, request.serial, value};
+        EXPECT_EQ(::send(other_.get(), &answer, sizeof answer, 0),
+                  static_cast<ssize_t>(sizeof answer));
+    }
+
+    Keeper keeper_;
+    UniqueFd other_;
+};
+
+} // namespace
+
+TEST_F(Posts, AreSentAtOnceAndAnsweredInTheirOrder)
+{
+    ASSERT_EQ(post(1), 0);
+    ASSERT_EQ(post(2), 0);
+    const Request first = received();
+    const Request second = received();
+    EXPECT_EQ(first.value, 1U);
+    EXPECT_EQ(second.value, 2U);
+    EXPECT_NE(first.posted, 0U);
+    answer(first, 0);
+    answer(second, ENOENT);
+    EXPECT_EQ(keeper_.collect(1000), 0);
+    EXPECT_EQ(keeper_.collect(1000), ENOENT);
+}
+
+TEST_F(Posts, AnswersToEarlierOwnersAreNotTakenForTheirs)
+{
+    answer({}, EIO);
+    ASSERT_EQ(post(1), 0);
+    answer(received(), 0);
+    EXPECT_EQ(keeper_.collect(1000), 0);
+}
+
+TEST_F(Posts, AreFollowedByQuestions)
+{
+    ASSERT_EQ(post(1), 0);
+    answer(received(), 0);
+    ASSERT_EQ(keeper_.collect(1000), 0);
+    Request expected = {};
+    // The answer is there before the question, with the number that the question will have.
+    ASSERT_EQ(post(2), 0);
+    expected = received();
+    answer(expected, 0);
+    expected.serial++;
+    answer(expected, 0, 7);
+    ASSERT_EQ(keeper_.collect(1000), 0);
+    std::uint64_t value = 0;
+    EXPECT_EQ(keeper_.ask(Op::kInUse, 0, &value), 0);
+    EXPECT_EQ(value, 7U);
+    EXPECT_EQ(received().serial, expected.serial);
+}
+
+TEST_F(Posts, NeverWaitForRoomInTheSocket)
+{
+    int error = 0;
+    int sent = 0;
+    while ((error = post(0)) == 0 && sent < 100000)
+        sent++;
+    EXPECT_EQ(error, EAGAIN);
+    EXPECT_GT(sent, 0);
+    answer(received(), 0);
+    EXPECT_EQ(keeper_.collect(1000), 0);
+    EXPECT_EQ(post(0), 0);
+}
+
+TEST_F(Posts, FailWhenTheOtherEndIsClosed)
+{
+    ASSERT_EQ(post(1), 0);
+    other_.reset();
+    EXPECT_EQ(keeper_.collect(1000), ESRCH);
+    EXPECT_EQ(post(2), ESRCH);
 }
