@@ -7,13 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-constexpr std::size_t kPieceLen = 64 * 1024;
-
-} // namespace
-
 namespace znc {
+
+static constexpr std::size_t kPieceLen = HashBeside::kPieceLen;
 
 bool BlobReader::open(const char* path, const char* digest)
 {
@@ -23,9 +19,9 @@ bool BlobReader::open(const char* path, const char* digest)
         return false;
     size_ = static_cast<std::size_t>(st.st_size);
     digest_ = digest;
-    if (!piece_)
-        piece_ = malloc_array<unsigned char>(kPieceLen);
-    if (!piece_)
+    if (!own_)
+        own_ = malloc_array<unsigned char>(kPieceLen);
+    if (!own_)
         return false;
     errno = 0;
     return restart();
@@ -33,6 +29,7 @@ bool BlobReader::open(const char* path, const char* digest)
 
 bool BlobReader::restart()
 {
+    beside_.finish();
     offset_ = 0;
     pieceAt_ = 0;
     pieceLen_ = 0;
@@ -49,7 +46,7 @@ void BlobReader::note_tail(const unsigned char* bytes, std::size_t len)
                     offset_ + len - begin);
 }
 
-// Reads the next bytes of the file and hashes them.
+// Reads the next bytes of the file.
 ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
 {
     const std::size_t wanted = std::min(count, size_ - offset_);
@@ -64,23 +61,37 @@ ssize_t BlobReader::fetch(unsigned char* bytes, std::size_t count)
             break; // the file was truncated after it was opened
         got += static_cast<std::size_t>(n);
     }
-    hash_.update(bytes, got);
     note_tail(bytes, got);
     offset_ += got;
     progress_at(offset_);
     return static_cast<ssize_t>(got);
 }
 
+// Reads the next piece of the file, and hashes it or has it hashed.
+ssize_t BlobReader::fetch_piece()
+{
+    piece_ = beside_.is_running() ? beside_.piece() : own_.get();
+    const ssize_t n = fetch(piece_, kPieceLen);
+    if (n <= 0)
+        return n;
+    const auto len = static_cast<std::size_t>(n);
+    if (beside_.is_running())
+        beside_.add(len);
+    else
+        hash_.update(piece_, len);
+    return n;
+}
+
 ssize_t BlobReader::next(const unsigned char** bytes)
 {
     if (pieceAt_ == pieceLen_) {
-        const ssize_t n = fetch(piece_.get(), kPieceLen);
+        const ssize_t n = fetch_piece();
         if (n <= 0)
             return n;
         pieceAt_ = 0;
         pieceLen_ = static_cast<std::size_t>(n);
     }
-    *bytes = piece_.get() + pieceAt_;
+    *bytes = piece_ + pieceAt_;
     const std::size_t len = pieceLen_ - pieceAt_;
     pieceAt_ = pieceLen_;
     return static_cast<ssize_t>(len);
@@ -92,9 +103,12 @@ ssize_t BlobReader::read(void* buffer, std::size_t count)
     std::size_t got = 0;
     while (got < count) {
         // A read of at least a whole piece goes to the caller's buffer directly.
-        if (pieceAt_ == pieceLen_ && count - got >= kPieceLen) {
+        if (pieceAt_ == pieceLen_ && count - got >= kPieceLen && !beside_.is_running()) {
             const ssize_t n = fetch(bytes + got, count - got);
-            return n < 0 ? n : static_cast<ssize_t>(got) + n;
+            if (n < 0)
+                return n;
+            hash_.update(bytes + got, static_cast<std::size_t>(n));
+            return static_cast<ssize_t>(got) + n;
         }
         const unsigned char* from = nullptr;
         const ssize_t n = next(&from);
@@ -126,7 +140,9 @@ bool BlobReader::verified()
 {
     ssize_t n = 1;
     while (n > 0)
-        n = fetch(piece_.get(), kPieceLen);
+        n = fetch_piece();
+    beside_.finish();
+    pieceAt_ = pieceLen_ = 0; // the piece may have been the thread's
     return n == 0 && offset_ == size_ && hash_.matches() &&
            std::memcmp(tail_.data(), tailAhead_.data(), tailLen_) == 0;
 }

@@ -5,6 +5,7 @@
 #define ZNCBLOB_HPP
 
 #include "zncDigest.hpp"
+#include "zncHashBeside.hpp"
 
 #include <array>
 #include <cstddef>
@@ -25,6 +26,9 @@ class BlobReader {
     // Starts again at the beginning, with a new digest.
     [[nodiscard]] bool restart();
 
+    // From now on hashes in another thread, if there is a second processor.
+    void hash_beside() { static_cast<void>(beside_.start(hash_)); }
+
     // Reads the next `count` bytes; fewer only at the end. The size is fixed when the file is
     // opened: bytes appended later are ignored. -1 on error.
     ssize_t read(void* buffer, std::size_t count);
@@ -42,6 +46,7 @@ class BlobReader {
 
   private:
     ssize_t fetch(unsigned char* bytes, std::size_t count);
+    ssize_t fetch_piece();
     void note_tail(const unsigned char* bytes, std::size_t len);
 
     UniqueFd fd_;
@@ -49,8 +54,10 @@ class BlobReader {
     std::size_t offset_ = 0; // bytes of the file that have been read and hashed
     const char* digest_ = nullptr;
     RunningDigest hash_;
-    MallocPtr<unsigned char[]> piece_; // the last part of the file that was read
-    std::size_t pieceAt_ = 0;          // bytes of it that have been consumed
+    HashBeside beside_;              // uses hash_ while it runs
+    MallocPtr<unsigned char[]> own_; // memory for a piece
+    unsigned char* piece_ = nullptr; // the last part of the file that was read
+    std::size_t pieceAt_ = 0;        // bytes of it that have been consumed
     std::size_t pieceLen_ = 0;
     std::size_t tailLen_ = 0;
     std::array<unsigned char, kTailMax> tailAhead_ = {};

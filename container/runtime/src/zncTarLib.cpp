@@ -171,9 +171,12 @@ STATUS znc::tar_extract_whole(BlobReader& blob, const char* targetDir, std::size
     ctrl.tc = gz != nullptr ? &gz->tc : nullptr;
     ctrl.blob = &blob;
     ReadAhead ahead;
-    if (blob.size() >= kReadAheadMin &&
-        (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob)))
-        ctrl.tc = ahead.source();
+    if (blob.size() >= kReadAheadMin) {
+        if (gz != nullptr) // otherwise reading is faster than creating the files in any case
+            blob.hash_beside();
+        if (gz != nullptr ? ahead.start(gz->tc.read, &gz->tc) : ahead.start(read_blob, &blob))
+            ctrl.tc = ahead.source();
+    }
     ctrl.run = run;
     const STATUS status = extract(targetDir, bfactor, ctrl);
     if (ctrl.lacking == 0)

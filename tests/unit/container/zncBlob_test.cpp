@@ -11,9 +11,17 @@
 
 namespace {
 
-class Blob : public ::testing::Test {
+// The parameter: whether another thread hashes.
+class Blob : public ::testing::TestWithParam<bool> {
   protected:
     void SetUp() override { layout::write_file(path_, bytes_); }
+    bool open()
+    {
+        const bool opened = blob_.open(path_.c_str(), digest_.c_str());
+        if (GetParam())
+            blob_.hash_beside();
+        return opened;
+    }
     std::string read_all()
     {
         std::string all;
@@ -30,79 +38,79 @@ class Blob : public ::testing::Test {
     znc::BlobReader blob_;
 };
 
-TEST_F(Blob, WhatIsReadIsWhatIsVerified)
+TEST_P(Blob, WhatIsReadIsWhatIsVerified)
 {
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     EXPECT_EQ(blob_.size(), bytes_.size());
     EXPECT_EQ(read_all(), bytes_);
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, WhatIsNotReadIsVerifiedToo)
+TEST_P(Blob, WhatIsNotReadIsVerifiedToo)
 {
     char one = 0;
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     EXPECT_EQ(blob_.read(&one, 1), 1);
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, BytesThatChangeBeforeTheyAreReadAreNoticed)
+TEST_P(Blob, BytesThatChangeBeforeTheyAreReadAreNoticed)
 {
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     bytes_[4000] = 'y';
     layout::write_file(path_, bytes_);
     EXPECT_EQ(read_all(), bytes_);
     EXPECT_FALSE(blob_.verified());
 }
 
-TEST_F(Blob, BytesThatChangeAfterTheyWereReadDoNotMatter)
+TEST_P(Blob, BytesThatChangeAfterTheyWereReadDoNotMatter)
 {
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     EXPECT_EQ(read_all(), bytes_);
     layout::write_file(path_, std::string(bytes_.size(), 'y'));
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, AFileThatBecomesShorterIsNotVerified)
+TEST_P(Blob, AFileThatBecomesShorterIsNotVerified)
 {
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     ASSERT_EQ(::truncate(path_.c_str(), 100), 0);
     EXPECT_FALSE(blob_.verified());
 }
 
-TEST_F(Blob, AfterARestartAllOfItCountsOnce)
+TEST_P(Blob, AfterARestartAllOfItCountsOnce)
 {
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     EXPECT_EQ(read_all(), bytes_);
     ASSERT_TRUE(blob_.restart());
     EXPECT_EQ(read_all(), bytes_);
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, TailReadAheadIsComparedWithTheFile)
+TEST_P(Blob, TailReadAheadIsComparedWithTheFile)
 {
     unsigned char tail[4];
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     ASSERT_TRUE(blob_.read_tail(tail, sizeof tail));
     EXPECT_EQ(std::string(tail, tail + 4), "tail");
     EXPECT_TRUE(blob_.verified());
 
     layout::write_file(path_, std::string(bytes_.size(), 'y'));
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     ASSERT_TRUE(blob_.read_tail(tail, sizeof tail));
     layout::write_file(path_, bytes_);
     EXPECT_EQ(read_all(), bytes_); // the digest alone would match
     EXPECT_FALSE(blob_.verified());
 }
 
-TEST_F(Blob, ALargeFileHasTheSameDigest)
+TEST_P(Blob, ALargeFileHasTheSameDigest)
 {
     bytes_.assign(5'000'003, 'z');
     for (std::size_t i = 0; i < bytes_.size(); i += 7)
         bytes_[i] = static_cast<char>(i >> 5);
     layout::write_file(path_, bytes_);
     digest_ = "sha256:" + layout::sha256_hex(bytes_);
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     EXPECT_EQ(read_all(), bytes_);
     EXPECT_TRUE(blob_.verified());
     ASSERT_TRUE(blob_.restart());
@@ -119,14 +127,14 @@ TEST_F(Blob, ALargeFileHasTheSameDigest)
 }
 
 // Two readers of the same bytes: an inflater takes them in place.
-TEST_F(Blob, NextReturnsTheSameBytesAsRead)
+TEST_P(Blob, NextReturnsTheSameBytesAsRead)
 {
     bytes_.assign(300'000, 'z');
     for (std::size_t i = 0; i < bytes_.size(); i += 3)
         bytes_[i] = static_cast<char>(i >> 7);
     layout::write_file(path_, bytes_);
     digest_ = "sha256:" + layout::sha256_hex(bytes_);
-    ASSERT_TRUE(blob_.open(path_.c_str(), digest_.c_str()));
+    ASSERT_TRUE(open());
     std::string all(1000, '\0');
     ASSERT_EQ(blob_.read(all.data(), all.size()), 1000);
     const unsigned char* piece = nullptr;
@@ -143,7 +151,12 @@ TEST_F(Blob, NextReturnsTheSameBytesAsRead)
     EXPECT_TRUE(blob_.verified());
 }
 
-TEST_F(Blob, DigestsOfBothKindsInAnyCaseAreTaken)
+INSTANTIATE_TEST_SUITE_P(HashedByThisThread, Blob, ::testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(HashedByAnother, Blob, ::testing::Values(true));
+
+class OpenBlob : public Blob {};
+
+TEST_P(OpenBlob, DigestsOfBothKindsInAnyCaseAreTaken)
 {
     std::string upper = digest_;
     for (std::size_t i = 7; i < upper.size(); ++i)
@@ -156,7 +169,7 @@ TEST_F(Blob, DigestsOfBothKindsInAnyCaseAreTaken)
                 blob_.verified());
 }
 
-TEST_F(Blob, WhatIsNoDigestIsRefusedWithoutANumber)
+TEST_P(OpenBlob, WhatIsNoDigestIsRefusedWithoutANumber)
 {
     for (const char* digest : {"", "sha256", "sha256:", "sha256:12", "md5:0123", "sha256:../x"}) {
         errno = EIO;
@@ -166,7 +179,7 @@ TEST_F(Blob, WhatIsNoDigestIsRefusedWithoutANumber)
     EXPECT_FALSE(blob_.open(path_.c_str(), nullptr));
 }
 
-TEST_F(Blob, OtherFileTypesAreNotOpenedAndDoNotBlock)
+TEST_P(OpenBlob, OtherFileTypesAreNotOpenedAndDoNotBlock)
 {
     ASSERT_EQ(::mkfifo((dir_ / "pipe").c_str(), 0600), 0);
     EXPECT_FALSE(blob_.open((dir_ / "pipe").c_str(), digest_.c_str()));
@@ -174,5 +187,7 @@ TEST_F(Blob, OtherFileTypesAreNotOpenedAndDoNotBlock)
     EXPECT_FALSE(blob_.open((dir_ / "absent").c_str(), digest_.c_str()));
     EXPECT_EQ(errno, ENOENT);
 }
+
+INSTANTIATE_TEST_SUITE_P(Once, OpenBlob, ::testing::Values(false));
 
 } // namespace
