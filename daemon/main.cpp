@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <malloc.h>
 #include <span>
 #include <string_view>
 #include <sys/stat.h>
@@ -138,6 +139,9 @@ int parse_options(std::span<char* const> words, Options& options)
 
 void notify_ready()
 {
+#ifdef __GLIBC__
+    ::malloc_trim(0); // the start needed more memory than serving does
+#endif
     zncd::notify("READY=1");
 }
 
