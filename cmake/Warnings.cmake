@@ -58,7 +58,7 @@ endif()
 # loading and relocating a shared one, a command takes two thirds of the time.
 add_library(znc_start_flags INTERFACE)
 if(NOT ZNC_SANITIZE)
-    target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc)
+    target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc LINKER:--gc-sections)
     # The dynamic linker searches the libraries in the order in which they are linked, and most symbols are those of the
     # C library, which the compiler driver would put last.
     if(ZNC_PLATFORM STREQUAL "linux")
