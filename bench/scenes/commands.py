@@ -8,7 +8,7 @@ import time
 
 from scenes import fixtures
 from scenes.containers import ROUNDS, WORK, Daemon, by_commands, cgroup2_only
-from scenes.measure import Sample, compare, figure, interleave, quartiles, rounds, run
+from scenes.measure import Sample, compare, figure, interleave, run
 
 CRUN = ["crun", "--cgroup-manager=disabled", f"--root={WORK}/crun"]
 CLIENTS = 8
@@ -54,32 +54,6 @@ def of_bundle(world, overlay, *options):
     return compare(samples, {"crun run": 0.60, "bwrap": 1.0}, "ours, run")
 
 
-def l0(world):
-    """what L1, L2 and L4 cannot do without: starts of zncctl, a life, four requests"""
-    cgroup2_only()
-    with Daemon(world, overlay=False):
-        ours, peer = bundles()
-        sides = {**life_sides(world, ours, peer), **run_sides(world, ours, peer)}
-        samples = interleave({
-            "start": lambda: by_commands(world, [f"{world.bin}/zncctl", "--version"]),
-            "life": lambda: rounds(f"{world.bin}/floor_lifecycle", str(ROUNDS), f"{ours}/rootfs", "/bin/true"),
-            "request": lambda: rounds(f"{world.bin}/floor_queue", "1", "2000"),
-            **{name: sides[name] for name in ("crun", "crun run", "bwrap")},
-        }, world.pairs)
-
-    def at_least(what, starts, other):
-        ratios = [(starts * start.wall + life.wall + 4 * request.wall) / against.wall
-                  for start, life, request, against in zip(samples["start"], samples["life"], samples["request"],
-                                                           samples[other])]
-        low, median, high = quartiles(ratios)
-        return {**figure(what, median, None), "low": low, "high": high}
-
-    result = compare(samples, {}, "life")
-    result["goals"] = [at_least("L1 / crun, at least", 3, "crun"), at_least("L2 / floor, at least", 0, "life"),
-                       at_least("L4 / crun run, at least", 1, "crun run"), at_least("L4 / bwrap, at least", 1, "bwrap")]
-    return result
-
-
 def l4(world):
     """zncctl run of a bundle"""
     return of_bundle(world, False)
@@ -114,24 +88,34 @@ def l5(world):
     return result
 
 
+@contextlib.contextmanager
+def running_containers(world):
+    """A container of zncctl and one of crun, both named "running", whose program sleeps."""
+    for kind in ("ours", "peer"):
+        fixtures.bundle(f"{WORK}/{kind}", program=("/bin/sleep", "1000000"), peer=kind == "peer")
+    ctl = f"{world.bin}/zncctl"
+    begin = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "check": True}
+    subprocess.run([ctl, "run", "-d", "--name", "running", "-b", f"{WORK}/ours"], **begin)
+    subprocess.run(CRUN + ["run", "--detach", "--bundle", f"{WORK}/peer", "running"], **begin)
+    try:
+        yield
+    finally:
+        subprocess.run(CRUN + ["delete", "--force", "running"], check=False)
+        subprocess.run([ctl, "delete", "-f", "running"], check=False)
+
+
+def exec_by_crun(world):
+    return by_commands(world, CRUN + ["exec", "running", "/bin/true"])
+
+
 def l6(world):
     """zncctl exec"""
     cgroup2_only()
-    with Daemon(world, overlay=False):
-        for kind in ("ours", "peer"):
-            fixtures.bundle(f"{WORK}/{kind}", program=("/bin/sleep", "1000000"), peer=kind == "peer")
-        ctl = f"{world.bin}/zncctl"
-        begin = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "check": True}
-        subprocess.run([ctl, "run", "-d", "--name", "running", "-b", f"{WORK}/ours"], **begin)
-        subprocess.run(CRUN + ["run", "--detach", "--bundle", f"{WORK}/peer", "running"], **begin)
-        try:
-            samples = interleave({
-                "ours": lambda: by_commands(world, [ctl, "exec", "running", "/bin/true"]),
-                "crun": lambda: by_commands(world, CRUN + ["exec", "running", "/bin/true"]),
-            }, world.pairs)
-        finally:
-            subprocess.run(CRUN + ["delete", "--force", "running"], check=False)
-            subprocess.run([ctl, "delete", "-f", "running"], check=False)
+    with Daemon(world, overlay=False), running_containers(world):
+        samples = interleave({
+            "ours": lambda: by_commands(world, [f"{world.bin}/zncctl", "exec", "running", "/bin/true"]),
+            "crun": lambda: exec_by_crun(world),
+        }, world.pairs)
     return compare(samples, {"crun": 0.50})
 
 
@@ -144,6 +128,11 @@ def at_once(commands):
     return Sample((time.monotonic() - start) / (len(commands) * ROUNDS))
 
 
+def runs_by_crun(world, peer):
+    runs = [f"{world.bin}/bench_commands", str(ROUNDS)] + CRUN + ["run", "--bundle", peer, "@"]
+    return lambda: at_once([runs] * CLIENTS)
+
+
 def l7(world):
     """lives of 8 clients at once, time for each"""
     cgroup2_only()
@@ -153,11 +142,10 @@ def l7(world):
         for number in range(CLIENTS):  # without an overlay each bundle can be used by one container only
             fixtures.bundle(f"{WORK}/ours-{number}")
             lives.append([f"{world.bin}/bench_library", "lifecycle", str(ROUNDS), f"{WORK}/ours-{number}"])
-        runs = [f"{world.bin}/bench_commands", str(ROUNDS)] + CRUN + ["run", "--bundle", peer, "@"]
         samples = interleave({
             "ours, 8 clients": lambda: at_once(lives),
             "ours, 1 client": lambda: at_once(lives[:1]),
-            "crun run, 8 clients": lambda: at_once([runs] * CLIENTS),
+            "crun run, 8 clients": runs_by_crun(world, peer),
         }, world.pairs)
     return compare(samples, {"crun run, 8 clients": 0.33, "ours, 1 client": 0.67}, "ours, 8 clients")
 
