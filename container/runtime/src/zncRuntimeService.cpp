@@ -144,11 +144,11 @@ bool is_awaited(const zncMessage& message)
     return static_cast<bool>(znc::open_queue(message.name, znc::kReplyQueue, ZN_MSG_Q_FIFO));
 }
 
-// Whether the client usually has other work after this request, which is to start a program, or
-// none. Otherwise its next request would wait while spares are made.
-bool is_followed_by_pause(const zncMessage& message)
+// Whether the client's next request usually comes at once, to start the container. It would wait
+// for the processor that spares are made on.
+bool is_followed_by_start(const zncMessage& message)
 {
-    return message.cmdId == ZNC_START || message.cmdId == ZNC_DELETE;
+    return message.cmdId == ZNC_CREATE || message.cmdId == ZNC_STATE;
 }
 
 // Serves requests until receiving one fails.
@@ -173,7 +173,7 @@ void serve(MSG_Q_ID queue)
             (requests_kept && !is_awaited(message)))
             continue;
         static_cast<void>(zncMessageProcess(&message));
-        idle = is_followed_by_pause(message);
+        idle = !is_followed_by_start(message);
         errno = 0; // do not carry errno over to the next request
     }
 }
