@@ -11,6 +11,7 @@
 
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -137,11 +138,24 @@ int parse_options(std::span<char* const> words, Options& options)
     return -1;
 }
 
-void notify_ready()
+// Gives unused memory of the heap back, at most once a minute: reading a configuration needs far more
+// than is kept of it, and the C library would keep the rest.
+void give_memory_back()
 {
 #ifdef __GLIBC__
-    ::malloc_trim(0); // the start needed more memory than serving does
+    using Clock = std::chrono::steady_clock;
+    static Clock::time_point next;
+    const Clock::time_point now = Clock::now();
+    if (now < next)
+        return;
+    next = now + std::chrono::minutes(1);
+    ::malloc_trim(0);
 #endif
+}
+
+void notify_ready()
+{
+    give_memory_back();
     zncd::notify("READY=1");
 }
 
@@ -158,6 +172,7 @@ template <bool allow_urgent> void on_request(std::int32_t command, const char* i
     log_request(command, id, error);
     if (command == ZNC_CREATE && error == 0)
         zncd::apply_priority_setting(id, allow_urgent);
+    give_memory_back();
 }
 
 void log_queue_failure(const char* what, int error)
