@@ -138,8 +138,8 @@ int parse_options(std::span<char* const> words, Options& options)
     return -1;
 }
 
-// Gives unused memory of the heap back, at most once a minute: reading a configuration needs far more
-// than is kept of it, and the C library would keep the rest.
+// Gives unused memory of the heap back, at most once a minute: reading a configuration needs far
+// more than is kept of it, and the C library would keep the rest.
 void give_memory_back()
 {
 #ifdef __GLIBC__

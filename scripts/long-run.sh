@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# long-run.sh [--hours N] [--lives N] [--unpacks N] [--restarts N] - does in short what a machine does in a day: a
-# container is run every half minute, an image is unpacked and removed every ten minutes, and the daemon is stopped or
+# long-run.sh [--keep] [--hours N] [--lives N] [--unpacks N] [--restarts N] - does in short what a machine does in a day:
+# a container is run every half minute, an image is unpacked and removed every ten minutes, and the daemon is stopped or
 # killed and started again every hour. --hours is the simulated time, 24 by default; the other options set the three
-# numbers directly.
+# numbers directly. With --keep, containers go on while the daemon is restarted.
 #
 # After each tenth, when no container runs, it prints what is in use: the memory and descriptors of the daemon, its
-# child processes, mounts, files in the storage base and the runtime directory, records, queues and control groups. It
+# keepers, mounts, files in the storage base and the runtime directory, records, queues and control groups. It
 # fails if any of them grows. The daemon is restarted in the first half only, so that the second half shows the
 # memory of one process.
 #
@@ -21,10 +21,14 @@ fi
 . "$(dirname "$0")/../tests/system/cli/cli_lib.sh"
 
 usage() {
-    printf 'usage: long-run.sh [--hours N] [--lives N] [--unpacks N] [--restarts N]\n' >&2
+    printf 'usage: long-run.sh [--keep] [--hours N] [--lives N] [--unpacks N] [--restarts N]\n' >&2
     exit 64
 }
-hours=24 lives='' unpacks='' restarts=''
+hours=24 lives='' unpacks='' restarts='' keep=()
+if [[ ${1-} == --keep ]]; then
+    keep=(--keep)
+    shift
+fi
 while [[ $# -gt 0 ]]; do
     [[ $# -ge 2 && $2 =~ ^[0-9]{1,6}$ ]] || usage
     case $1 in
@@ -91,24 +95,32 @@ restarted() {
     else
         stop_daemon KILL
     fi
-    start_daemon
-    run zncctl delete --force "longrun-$1" # the record of a container that ended with its daemon
+    start_daemon "${keep[@]}"
+    if [[ ${#keep[@]} -gt 0 ]]; then step 'exec after a restart' zncctl exec "longrun-$1" /bin/busybox true; fi
+    run zncctl delete --force "longrun-$1" # or the record of a container that ended with its daemon
 }
 
 # ---- what is measured
 
-children() { cat "/proc/$daemon/task/"*/children | wc -w; }
+# children NAME: how many children of the daemon have this name.
+children() {
+    pgrep -c -P "$daemon" -x "$1"
+}
+keepers() { children zn-keeper; }
 files() { find "$@" -mindepth 1 -not -path '*/events*' | wc -l; }
 groups() { find /sys/fs/cgroup -type d -path '*/zarnel/*longrun*' 2>/dev/null | wc -l; }
-quiet() { [[ $(children) -eq 0 && -z $(find "$ZNC_BASE/.trash" -mindepth 1 2>/dev/null) ]]; }
-kNames=(memory descriptors children mounts files records queues groups)
+# The descriptors of the daemon include those of the spare container, which is made again after each use.
+quiet() {
+    [[ $(keepers) -eq 0 && $(children zn-spare) -eq 1 && -z $(find "$ZNC_BASE/.trash" -mindepth 1 2>/dev/null) ]]
+}
+kNames=(memory descriptors keepers mounts files records queues groups)
 measure() {
     step 'storage gc' zncctl storage gc
     eventually quiet || failed_step 'waiting until all is deleted'
     values=(
         "$(awk '/^RssAnon/ { print $2 }' "/proc/$daemon/status")"
         "$(find "/proc/$daemon/fd" -mindepth 1 | wc -l)"
-        "$(children)"
+        "$(keepers)"
         "$(wc -l </proc/self/mountinfo)"
         "$(files "$ZNC_BASE" /run/zarnel /overlay)"
         "$(find /run/zarnel/ns /run/zarnel/containers "$ZNC_BASE/records" -mindepth 1 2>/dev/null | wc -l)"
@@ -121,7 +133,7 @@ row() { printf '%8s%8s' "$1" "$2" && printf '%13s' "${@:3}" && echo; }
 # share N TENTH: how many of N belong to this tenth, so that all are done in the end.
 share() { echo $(($1 * $2 / kTenths - $1 * ($2 - 1) / kTenths)); }
 
-start_daemon
+start_daemon "${keep[@]}"
 # Once, so that what is made when it is first needed is there.
 life 0
 life 1

@@ -15,16 +15,34 @@ fetch() {
     printf '%s\n' "$unpacked"
 }
 
-# fetch_kernel: the newest kernel for clouds.
+# fetch_kernel: Debian 12's kernel for clouds, or the one named by VM_KERNEL: a package, such as
+# linux-image-6.12-cloud-amd64, or the file of a package.
 fetch_kernel() {
-    local package
-    package() { apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: //p' | head -1; }
+    local name=${VM_KERNEL:-linux-image-cloud-amd64} package
+    if [[ $name == *.deb ]]; then
+        rm -rf build/vm/kernel-file
+        mkdir -p build/vm/kernel-file
+        dpkg-deb --extract "$name" build/vm/kernel-file
+        printf '%s\n' "$PWD/build/vm/kernel-file"
+        return
+    fi
+    package() { apt-cache depends "$name" | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p' | head -1; }
     package=$(package)
     if [[ -z $package ]]; then
         apt-get -q update >&2
         package=$(package)
     fi
-    fetch "$package" kernel
+    fetch "${package:-$name}" "${VM_KERNEL:-kernel}"
+}
+
+# put_module KERNEL NAME DIRECTORY: copies a module of the kernel.
+put_module() {
+    local file
+    file=$(find "$1/lib/modules" "$1/usr/lib/modules" -name "$2.ko" -o -name "$2.ko.xz" 2>/dev/null | head -1)
+    case $file in
+    *.xz) xz -dc "$file" >"$3/$2.ko" ;;
+    *) cp "$file" "$3/$2.ko" ;;
+    esac
 }
 
 # pack TREE FILE: the tree as an initial file system.

@@ -6,7 +6,8 @@
 # Debian's kernel for clouds, busybox, the programs and their libraries, a profile for AppArmor. Each
 # program runs in the sandbox of the tests. Prints what they print and ends with 0 if all passed.
 #
-# BUILD: the build directory, build/release by default. The kernel is kept in build/vm.
+# BUILD: the build directory, build/release by default. VM_KERNEL: another kernel, a package (such as
+# linux-image-6.12-cloud-amd64) or the file of one. The kernel is kept in build/vm.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/vm-lib.sh
@@ -52,9 +53,7 @@ mkdir -p "$tree"/{dev,etc,mnt,proc,root,sys,tests,tmp,run,modules}
 put /bin/busybox /bin
 for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do put_program "$program"; done
 # Overlays, and a disk in memory.
-for module in overlay brd; do
-    put "$(find "$kernel/lib/modules" -name "$module.ko")" /modules
-done
+for module in overlay brd; do put_module "$kernel" "$module" "$tree/modules"; done
 "$apparmor"/sbin/apparmor_parser --skip-kernel-load --features-file="$apparmor/etc/apparmor.d/abi/3.0" \
     --ofile="$tree/tests/apparmor.policy" <<'EOF'
 profile zn-test flags=(attach_disconnected) {
