@@ -1,4 +1,5 @@
 """The scene of lower bounds: what other scenes cannot do without, measured with programs that do only that."""
+import shutil
 import subprocess
 
 from scenes.commands import (CLIENTS, at_once, bundles, busy_processors, exec_by_crun, life_sides, run_sides,
@@ -64,6 +65,8 @@ def of_lives(world):
 
 
 def of_exec(world):
+    for kind in ("ours", "peer"):
+        shutil.rmtree(f"{WORK}/{kind}")
     with running_containers(world):
         samples = interleave({
             **{name: side for name, side in floors(world, f"{WORK}/ours/rootfs").items() if name != "life"},
