@@ -237,10 +237,10 @@ static int mount_stack(int target, const char* const* dirs, std::uint32_t count,
         return mount_single(target, fds[0]);
     if (overlay_mount_by_fd(target, fds, count, upper.upper(), upper.work()) == 0)
         return 0;
-    // Kernels before 6.13 do not accept descriptors and fail with EINVAL, those before 6.5 with
-    // EOPNOTSUPP. An invalid stack fails with EINVAL, too; mount() then fails again, or cannot be
-    // tried because its options would exceed one page.
-    if (errno != EINVAL && errno != EOPNOTSUPP)
+    // Kernels before 6.13 do not accept descriptors with O_PATH and fail with EBADF, those
+    // before 6.5 accept none and fail with EOPNOTSUPP. An invalid stack fails with EINVAL; mount()
+    // then fails again, or cannot be tried because its options would exceed one page.
+    if (errno != EINVAL && errno != EOPNOTSUPP && errno != EBADF)
         return -1;
     if (overlay_mount_classic(target, fds, count, upper.upper(), upper.work()) == 0)
         return 0;

@@ -12,13 +12,20 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <linux/filter.h>
+#include <linux/mount.h>
+#include <linux/seccomp.h>
 #include <sstream>
 #include <string>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <vector>
 
@@ -82,6 +89,44 @@ TEST_F(Overlay, FirstDirectoryIsOnTop)
     EXPECT_EQ(::open("/overlay/image/new", O_WRONLY | O_CREAT | O_CLOEXEC, 0600), -1);
     EXPECT_EQ(errno, EROFS);
     EXPECT_EQ(remove("image"), OK);
+}
+
+// From now on the calling process is on a kernel that fails with this error if a file system is
+// given descriptors.
+void refuse_descriptors(int error)
+{
+    constexpr auto kNumber = static_cast<std::uint32_t>(offsetof(seccomp_data, nr));
+    constexpr auto kCommand = static_cast<std::uint32_t>(offsetof(seccomp_data, args[1]));
+    sock_filter code[] = {
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, kNumber},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_fsconfig},
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, kCommand},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, FSCONFIG_SET_FD},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    };
+    const sock_fprog filter = {std::size(code), code};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        ::_exit(2);
+}
+
+TEST_F(Overlay, KernelsThatTakeNoDescriptorsGetPaths)
+{
+    for (const int error : {EBADF, EOPNOTSUPP, EINVAL}) { // 6.5 to 6.12; before 6.5
+        const std::vector<std::string> dirs = {layer("top", "same"), layer("bottom", "same")};
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            refuse_descriptors(error);
+            ::_exit(create("image", dirs, FALSE) == OK ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << std::strerror(error);
+        EXPECT_EQ(read_file("/overlay/image/same"), "top") << std::strerror(error);
+        EXPECT_EQ(remove("image"), OK) << std::strerror(error);
+    }
 }
 
 TEST_F(Overlay, WritesGoToTheUpperDirectoryOnly)
