@@ -55,10 +55,11 @@ if(NOT ZNC_SANITIZE)
 endif()
 
 # Programs and the shared library are linked statically with the C++ library, of which they use little. Without
-# loading and relocating a shared one, a command takes two thirds of the time.
+# loading and relocating a shared one, a command takes two thirds of the time. Libraries of which a program uses
+# nothing, such as that for digests in the daemon, are not loaded.
 add_library(znc_start_flags INTERFACE)
 if(NOT ZNC_SANITIZE)
-    target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc LINKER:--gc-sections)
+    target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc LINKER:--gc-sections,--as-needed)
     # The dynamic linker searches the libraries in the order in which they are linked, and most symbols are those of the
     # C library, which the compiler driver would put last.
     if(ZNC_PLATFORM STREQUAL "linux")

@@ -359,15 +359,3 @@ STATUS zncCreateDir(const char* dirName, mode_t mode)
 {
     return ::mkdir(dirName, mode);
 }
-
-STATUS zncImageBundleDelete(const char* pBundlePath)
-{
-    if (pBundlePath == nullptr)
-        return ERROR;
-    const int before = errno;
-    if (!exists(pBundlePath)) {
-        errno = before; // a bundle that does not exist is ERROR with errno unchanged
-        return ERROR;
-    }
-    return znc::delete_foreign_tree(pBundlePath);
-}

@@ -209,3 +209,15 @@ STATUS znc::delete_foreign_tree(const char* dir)
         return ERROR;
     return zncUtilXdelete(dir); // the directory is empty now, so this terminates
 }
+
+STATUS zncImageBundleDelete(const char* pBundlePath)
+{
+    if (pBundlePath == nullptr)
+        return ERROR;
+    const int before = errno;
+    if (::access(pBundlePath, F_OK) != 0) {
+        errno = before; // a bundle that does not exist is ERROR with errno unchanged
+        return ERROR;
+    }
+    return znc::delete_foreign_tree(pBundlePath);
+}

@@ -7,7 +7,6 @@
 #include "zarnel/fs.h"
 #include "zarnel/terminal.h"
 #include "zncOwned.hpp"
-#include "zncTarLib.hpp"
 
 #include <cstdio>
 #include <fcntl.h>
@@ -176,9 +175,4 @@ STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t l
     }
     *output = '\0';
     return OK;
-}
-
-STATUS zncUtilUntar(const char* srcTarFile, const char* desPath)
-{
-    return zncTarExtract(srcTarFile, desPath, znc::kTarLayerBlocks, FALSE);
 }
