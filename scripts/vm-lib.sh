@@ -38,7 +38,7 @@ fetch_kernel() {
 # put_module KERNEL NAME DIRECTORY: copies a module of the kernel.
 put_module() {
     local file
-    file=$(find "$1/lib/modules" "$1/usr/lib/modules" -name "$2.ko" -o -name "$2.ko.xz" 2>/dev/null | head -1)
+    file=$(find "$1" -path '*/modules/*' \( -name "$2.ko" -o -name "$2.ko.xz" \) -print -quit)
     case $file in
     *.xz) xz -dc "$file" >"$3/$2.ko" ;;
     *) cp "$file" "$3/$2.ko" ;;
