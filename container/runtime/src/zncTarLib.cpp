@@ -152,11 +152,6 @@ STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, B
     return extract(targetDir, bfactor, ctrl);
 }
 
-STATUS zncUtilUntar(const char* srcTarFile, const char* desPath)
-{
-    return zncTarExtract(srcTarFile, desPath, znc::kTarLayerBlocks, FALSE);
-}
-
 static ssize_t read_blob(void* blob, void* buffer, std::size_t count)
 {
     return static_cast<znc::BlobReader*>(blob)->read(buffer, count);
