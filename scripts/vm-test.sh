@@ -21,7 +21,8 @@ fi
 programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,oci_group}_test
     "$build"/bin/{mount_table,overlay,overlay_device,overlay_list,ns_control,ns_settings,ns_user,ns_label}_test
     "$@")
-for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do
+others=("$build"/bin/{znc_sandbox,zncd,zncrun})
+for program in "${others[@]}" "${programs[@]}"; do
     if [[ ! -x $program ]]; then
         printf 'vm-test.sh: build %s first\n' "$program" >&2
         exit 1
@@ -51,7 +52,7 @@ trap 'rm -rf "$work"' EXIT
 tree=$work/tree
 mkdir -p "$tree"/{dev,etc,mnt,proc,root,sys,tests,tmp,run,modules}
 put /bin/busybox /bin
-for program in "$build"/bin/{znc_sandbox,zncrun} "${programs[@]}"; do put_program "$program"; done
+for program in "${others[@]}" "${programs[@]}"; do put_program "$program"; done
 # Overlays, and a disk in memory.
 for module in overlay brd; do put_module "$kernel" "$module" "$tree/modules"; done
 "$apparmor"/sbin/apparmor_parser --skip-kernel-load --features-file="$apparmor/etc/apparmor.d/abi/3.0" \
@@ -99,6 +100,11 @@ mkdir /disk
 mount -t ext4 /dev/ram1 /disk
 ip link set lo up
 printf 'kernel %s, controllers: %s\n' "$(uname -r)" "$(cat /sys/fs/cgroup/cgroup.controllers)"
+if ! ZNC_BASE=/ram0 /tests/zncd check; then
+    printf 'not ok - the kernel has all that is required\nvm-test ended with 1\n'
+    poweroff -f
+fi
+printf 'ok - the kernel has all that is required\n'
 failed=0
 while read -r name; do
     if /tests/znc_sandbox -- "/tests/$name" </dev/null; then
