@@ -1,5 +1,7 @@
 #include "seccomp_filter.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -34,13 +36,17 @@ int append_code(int fd, List<sock_filter>& code)
         return EINVAL;
     if (count > kSeccompLengthMax || code.size() > kSeccompLengthMax - count)
         return EFBIG;
-    for (std::size_t i = 0; i < count; i++) {
-        sock_filter one = {};
-        const ssize_t n = ::pread(fd, &one, sizeof one, static_cast<off_t>(i * sizeof one));
-        if (n != static_cast<ssize_t>(sizeof one))
+    std::array<sock_filter, 512> piece = {};
+    for (std::size_t i = 0; i < count; i += piece.size()) {
+        const std::size_t part = std::min(piece.size(), count - i);
+        const std::size_t wanted = part * sizeof(sock_filter);
+        const ssize_t n =
+            ::pread(fd, piece.data(), wanted, static_cast<off_t>(i * sizeof(sock_filter)));
+        if (n != static_cast<ssize_t>(wanted))
             return n < 0 ? errno : EIO;
-        if (code.append(one) == nullptr)
-            return ENOMEM;
+        for (std::size_t k = 0; k < part; k++)
+            if (code.append(piece[k]) == nullptr)
+                return ENOMEM;
     }
     return 0;
 }
