@@ -119,6 +119,7 @@ void Keeper::adopt(pid_t pid, UniqueFd pidfd, UniqueFd socket)
     socket_ = std::move(socket);
     // Answers to earlier owners have other serial numbers, except with a negligible probability.
     serial_ = static_cast<std::uint32_t>(now_ns());
+    posted_ = 0;
 }
 
 // Starts the part `part` of the helper in a copy of the mount namespace `mounts`, or of the
