@@ -14,7 +14,7 @@ package=(debhelper dpkg-dev file scdoc)
 test=(binutils buildah busybox-static bzip2 clang clang-format clang-tidy cppcheck dbus-daemon debhelper debootstrap dpkg-dev e2fsprogs
     file fish iproute2 jq libarchive-tools libgtest-dev libmbedtls-dev lintian mandoc mount passt procps python3 scdoc shellcheck skopeo strace systemd tar uidmap
     umoci util-linux xfsprogs xz-utils zstd)
-bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount python3
+bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools libbenchmark-dev mount procps python3
     runc skopeo umoci util-linux)
 compare=(busybox-static conmon containerd crun podman skopeo slirp4netns uidmap umoci)
 demo=(busybox-static mount passt tar umoci)
