@@ -95,8 +95,16 @@ check 'it ends the containers' eventually not program_lives
 no_containers() { [[ -z $(zncctl list --quiet) ]]; }
 check 'it deletes them' no_containers
 stop_daemon
+unit inactive
+script prerm remove
+check 'a removal without a daemon works' invoked stop
+mkdir -p "$runtime/kept"
+script prerm remove
+check 'if it left containers, the daemon is started to remove what they left' invoked $'start\nstop'
+unit active "$$"
 script prerm remove
 check 'a removal without a daemon that answers works' invoked stop
+rm -r "${runtime:?}/kept"
 unit active "$$"
 script postinst configure 1.1.0-1
 check 'a daemon that cannot be asked is not restarted' invoked ''
