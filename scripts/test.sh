@@ -4,7 +4,7 @@
 # sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler,
 # the analysers, the other ways to build, fuzzing and the sanitizers. --all tests every fault point
 # (failing system calls, kills, models) instead of a sample, fuzzes each target for ten minutes, and
-# tests on cgroup v2 in a virtual machine; it takes hours. The last line is "N passed, N failed, N
+# tests on cgroup v2 and with systemd in virtual machines; it takes hours. The last line is "N passed, N failed, N
 # skipped", summed over all runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -194,6 +194,7 @@ if [[ -n $all ]]; then
     FUZZ_PRESET=fuzz step 'the fuzz targets find nothing in a long run' scripts/fuzz.sh 600
     step 'tests pass on cgroup v2 and an older kernel in a virtual machine' scripts/vm-test.sh
     step 'zncrun makes scopes of systemd in a virtual machine' scripts/vm-systemd-test.sh
+    step 'containers outlive zncd and upgrades in a virtual machine' scripts/vm-keep-test.sh
 fi
 
 printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"

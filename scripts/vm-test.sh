@@ -14,10 +14,7 @@ cd "$(dirname "$0")/.."
 
 build=${BUILD:-build/release}
 limit=${VM_TEST_SECONDS:-900}
-if [[ $(dpkg --print-architecture) != amd64 ]]; then
-    printf 'vm-test.sh: only amd64 is supported\n' >&2
-    exit 1
-fi
+only_amd64
 programs=("$build"/bin/{cgroup,cgroup_limits,cgroup_files,cgroup_devices,oci_group}_test
     "$build"/bin/{mount_table,overlay,overlay_device,overlay_list,ns_control,ns_settings,ns_user,ns_label}_test
     "$@")

@@ -38,6 +38,15 @@ check 'those that use new functions do not' prints 1.1.0 since zncStartPid
 postinst() { control_file zncontainer-tools postinst >"$work/postinst" && grep "$1" "$work/postinst"; }
 check 'the daemon is enabled by a generated script' postinst 'deb-systemd-helper enable .*zncd.service'
 check 'it is started and restarted by no generated script' not postinst '_dh_action'
+stopped_by() {
+    local script
+    for script in preinst postinst prerm postrm; do
+        control_file zncontainer-tools $script >"$work/script" 2>&1 && grep -q 'deb-systemd-invoke stop' "$work/script" &&
+            printf '%s\n' $script
+    done
+    return 0
+}
+check 'it is stopped by no script but that for a removal' prints prerm stopped_by
 
 check 'lintian finds no errors and warnings' lintian --allow-root --fail-on error,warning ./*.deb
 binaries() {

@@ -95,8 +95,16 @@ check 'it ends the containers' eventually not program_lives
 no_containers() { [[ -z $(zncctl list --quiet) ]]; }
 check 'it deletes them' no_containers
 stop_daemon
+unit inactive
+script prerm remove
+check 'a removal without a daemon works' invoked stop
+mkdir -p "$runtime/kept"
+script prerm remove
+check 'if it left containers, the daemon is started to remove what they left' invoked $'start\nstop'
+unit active "$$"
 script prerm remove
 check 'a removal without a daemon that answers works' invoked stop
+rm -r "${runtime:?}/kept"
 unit active "$$"
 script postinst configure 1.1.0-1
 check 'a daemon that cannot be asked is not restarted' invoked ''
@@ -148,12 +156,34 @@ check 'the bundle runs after the storage base was moved' bundle_runs
 umount /ram0
 rm -rf "$disk" /ram0 /var/lib/zncontainer
 
+# ---- what a daemon with --keep leaves
+
+mkdir -p /dev/mqueue "$runtime"
+mount -t mqueue queues /dev/mqueue
+: >"$runtime/zncd.lock"
+: >/dev/mqueue/znc
+flock --no-fork "$runtime/zncd.lock" sleep 1000 &
+holder=$!
+eventually not flock --nonblock "$runtime/zncd.lock" true
+script postrm remove
+check 'the queue of a daemon that runs stays' test "$status" -eq 0 -a -e /dev/mqueue/znc
+check 'it says so' says '/dev/mqueue/znc stays'
+kill "$holder"
+wait "$holder" 2>/dev/null
+eventually flock --nonblock "$runtime/zncd.lock" true
+script postrm upgrade 1.2.0-1
+check 'an upgrade leaves the queue' test -e /dev/mqueue/znc
+script postrm remove
+check 'a removal removes the queue' test "$status" -eq 0 -a ! -e /dev/mqueue/znc
+umount /dev/mqueue
+
 # ---- purge
 
 store() {
-    mkdir -p /var/lib/zncontainer/layers/one "$runtime/containers" "$runtime/zncrun/web"
+    mkdir -p /var/lib/zncontainer/layers/one "$runtime"/{containers,kept} "$runtime/zncrun/web"
     chmod 0700 /var/lib/zncontainer
     : >"$runtime/zncd.lock"
+    : >"$runtime/kept/1"
 }
 stored() { [[ -d /var/lib/zncontainer/layers/one ]]; }
 store
@@ -182,7 +212,7 @@ ln -s "$work/elsewhere" /var/lib/zncontainer/layers/link
 script postrm purge
 check 'a purge removes what is stored' test "$status" -eq 0 -a ! -e /var/lib/zncontainer
 check 'it removes no target of a link in it' test -e "$work/elsewhere/file"
-check 'it removes what the daemon left in /run' test ! -e "$runtime/zncd.lock" -a ! -e "$runtime/containers"
+check 'it removes what the daemon left in /run' test "$(ls "$runtime")" = zncrun
 check 'the state of zncrun stays' test -d "$runtime/zncrun/web"
 
 # A device of an image is unmounted first; if it is in use, what it shows stays.
