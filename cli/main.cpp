@@ -54,11 +54,29 @@ void suggest_command(std::span<char* const> words)
         print_hint(fmt::format("did you mean '{}'?", meant));
 }
 
+// The words that follow `first` in names of commands, as a list; empty if there are none.
+std::string second_words(std::string_view first)
+{
+    std::string list;
+    for (const Command& command : commands()) {
+        const std::string_view name = command.name;
+        if (name.starts_with(first) && name.substr(first.size()).starts_with(' '))
+            list += fmt::format("{}'{}'", list.empty() ? "" : ", ", name.substr(first.size() + 1));
+    }
+    return list;
+}
+
 int unknown_command(std::span<char* const> words)
 {
     if (const std::string_view reason = reason_for_absence(words); !reason.empty())
         return usage_failure(fmt::format("there is no command '{}': {}", words[0], reason));
-    const int status = usage_failure(fmt::format("unknown command '{}'", words[0]));
+    const std::string following = second_words(words[0]);
+    if (words.size() == 1 && !following.empty())
+        return bad_usage(fmt::format("'{}' needs another word: {}", words[0], following),
+                         usage_line());
+    const int status = usage_failure(
+        following.empty() ? fmt::format("unknown command '{}'", words[0])
+                          : fmt::format("unknown command '{} {}'", words[0], words[1]));
     suggest_command(words);
     std::fputs(usage_line().c_str(), stderr);
     return status;

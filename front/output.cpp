@@ -140,9 +140,10 @@ ExitStatus daemon_status(int error)
 int daemon_failure(int error, std::string_view object)
 {
     print_error(object, message_of(error, "No answer from the daemon"));
-    if (error == S_zncLib_DAEMON_NOT_RUNNING)
-        print_hint(::geteuid() == 0 ? "start it as root, with 'zncd &' or 'systemctl start zncd'"
-                                    : "only root can reach the daemon: run this command as root");
+    if (::geteuid() != 0 && (error == S_zncLib_DAEMON_NOT_RUNNING || error == EACCES))
+        print_hint("only root can reach the daemon: run this command as root");
+    else if (error == S_zncLib_DAEMON_NOT_RUNNING)
+        print_hint("start it as root, with 'zncd &' or 'systemctl start zncd'");
     if (error == 0 && zncDaemonIsAlive() != FALSE)
         print_hint(
             "it answers other requests: the answer to this one may be longer than the 64 KiB "

@@ -11,6 +11,9 @@
 
 namespace zncctl {
 
+inline constexpr std::string_view kProgressKinds =
+    "--progress is \"auto\", \"plain\", \"json\" or \"none\"";
+
 class Progress {
   public:
     // `how` is "auto", "plain", "json" or "none"; known() is false for anything else.

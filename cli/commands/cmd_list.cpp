@@ -83,7 +83,7 @@ int cmd_list(const Arguments& args)
     if (!all)
         return daemon_failure(errno, "");
     std::erase_if(*all, [&](const ListedContainer& one) { return !wanted(args, one); });
-    if (args.has("quiet"))
+    if (args.has("quiet") && !as_json)
         return print_ids(*all);
     return as_json ? print_as_json(*all) : print_table(*all, args.has("no-trunc"));
 }

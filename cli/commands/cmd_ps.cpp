@@ -200,7 +200,7 @@ try {
         if (filter.matches(row.filtered()))
             rows.push_back(std::move(row));
     }
-    if (args.has("quiet"))
+    if (args.has("quiet") && !args.has("format"))
         return print_ids(rows);
     if (std::string_view(args.value("format", "")) == "json")
         return print_documents(rows);

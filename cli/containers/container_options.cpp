@@ -4,6 +4,7 @@
 #include "front/escape.hpp"
 #include "front/files.hpp"
 #include "front/output.hpp"
+#include "front/progress.hpp"
 #include "limits.hpp"
 #include "mount_options.hpp"
 #include "network_files.hpp"
@@ -169,6 +170,8 @@ bool ContainerOptions::changes_configuration() const
 ContainerOptions read_container_options(const Arguments& args, std::vector<std::string> command)
 {
     ContainerOptions options;
+    if (!Progress(args.value("progress", "auto")).known())
+        throw BadOption(std::string(kProgressKinds));
     for (const std::string& word : command)
         checked("the word", word);
     options.command = std::move(command);

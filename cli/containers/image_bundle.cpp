@@ -162,7 +162,7 @@ int unpack_image(const Arguments& args, Wanted wanted, const std::string& bundle
 {
     Progress progress(args.value("progress", "auto"));
     if (!progress.known())
-        return usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
+        return usage_failure(kProgressKinds);
     auto chosen = choose_image(args, wanted);
     if (!chosen || !convert_if_needed(args, wanted.check_layers, wanted, *chosen))
         return kExitFailure;
@@ -312,10 +312,6 @@ std::string own_bundle_of_image(const Arguments& args, const Wanted& wanted, con
 bool bundle_of_image(const Arguments& args, Wanted wanted, const NewContainer& container,
                      NewBundle& bundle)
 {
-    if (!Progress(args.value("progress", "auto")).known()) {
-        usage_failure("--progress is \"auto\", \"plain\", \"json\" or \"none\"");
-        return false;
-    }
     if (!is_container_id(container.id)) {
         static_cast<void>(local_failure(EINVAL, container.id));
         return false;

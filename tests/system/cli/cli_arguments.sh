@@ -63,6 +63,21 @@ for command in create start run attach logs wait kill stop delete state list ins
         test "$status/${out%%$'\n'*}" = "0/$(printf '%s' "${out%%$'\n'*}" | grep "^usage: zncctl $command")"
     run zncctl --help
 done
+for word in image storage config container; do
+    run zncctl "$word"
+    check "the words behind '$word' are listed" grep -qE "^zncctl: error: '$word' needs another word: '[a-z]+'" "$work/err"
+    check "'$word' alone is a usage error" test "$status/$out" = 64/
+done
+run zncctl image bogus
+check 'an unknown second word is named' test "$status/$(error_line)" = "64/unknown command 'image bogus'"
+run zncctl image rm
+check 'image rm is rmi' grep -q '^usage: zncctl rmi ' "$work/err"
+for command in 'run no-such-image' 'create --name web no-such-image'; do
+    # shellcheck disable=SC2086
+    run zncctl ${command%% *} --progress bogus ${command#* }
+    check "${command%% *} refuses another progress before it looks for an image" test "$status/$(error_line)" = \
+        '64/--progress is "auto", "plain", "json" or "none"'
+done
 run zncctl help kill
 check 'help COMMAND is COMMAND --help' test "$out" = "$(zncctl kill --help)"
 for words in '--version more' '--help more' '-h more' 'help kill more'; do

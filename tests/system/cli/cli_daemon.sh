@@ -229,6 +229,18 @@ check 'with --allow-urgent only programs that ask for it are urgent' test "$(nic
 stop_daemon
 check 'with --allow-urgent no warning is logged' not grep -q urgent "$work/zncd.log"
 
+# ---------------------------------------------------------------- other users
+start_daemon
+install -m 755 "$ZNCCTL" /tmp/zncctl.copy
+for command in ping list; do
+    run setpriv --reuid 65534 --regid 65534 --clear-groups /tmp/zncctl.copy $command
+    check "$command of another user fails" test "$status" != 0 -a -z "$out"
+    check 'the hint says that root is needed' grep -qx \
+        'zncctl: hint: only root can reach the daemon: run this command as root' "$work/err"
+done
+rm /tmp/zncctl.copy
+stop_daemon
+
 # ---------------------------------------------------------------- settings beyond the defaults
 cp -r "$work/loop" "$work/more"
 jq '.linux={"namespaces":[{"type":"mount"},{"type":"pid"},{"type":"ipc"},{"type":"uts"},{"type":"cgroup"}]}' \

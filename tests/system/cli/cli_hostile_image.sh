@@ -6,6 +6,7 @@
 . "$(dirname "$0")/cli_lib.sh"
 need busybox
 need jq
+need script
 
 sum_of() { sha256sum "$1" | cut -d ' ' -f 1; }
 # add_blob LAYOUT FILE: stores it and prints its digest.
@@ -323,6 +324,108 @@ for command in "image ls $work/names" "image ls -q $work/names" "image inspect $
     check "$command shows no controls" not env LC_ALL=C grep -Eqa "$unsafe" "$work/out" "$work/err"
     [[ $command != *json && $command != *inspect* ]] || check "$command stays JSON" jq -e . "$work/out" >"$work/json"
 done
+
+# The names of members, too, and the arguments of programs.
+cp -r "$work/tree" "$work/tree-of-names"
+unsafe_name=$(printf 'a\x1b[2J\xc2\x9b2J\xe2\x80\xaeb')
+echo x >"$work/tree-of-names/$unsafe_name"
+chmod 4755 "$work/tree-of-names/$unsafe_name"
+make_layout "$work/members" "$plain" "$work/tree-of-names"
+run zncctl image check "$work/members"
+check 'image check names a member whose name contains controls' grep -q 'set-id .*first: .*a?\[2J.2J.b' "$work/out"
+check 'without the controls' not env LC_ALL=C grep -Eqa "$unsafe" "$work/out" "$work/err"
+make_bundle "$work/shown" /bin/busybox sh -c "while sleep 1; do :; done"
+jq --arg name "$unsafe_name" '.process.args += [$name]' "$work/shown/config.json" >"$work/config"
+cp "$work/config" "$work/shown/config.json"
+cp -r "$work/shown" "$work/$unsafe_name"
+zncctl create "$unsafe_name" "$work/$unsafe_name"
+zncctl start "$unsafe_name"
+for command in list state top inspect 'ps -a'; do
+    # shellcheck disable=SC2086
+    case $command in
+    list | ps*) run zncctl $command ;;
+    *) run zncctl "$command" "$unsafe_name" ;;
+    esac
+    check "$command shows the container without controls" \
+        not env LC_ALL=C grep -Eqa "$unsafe" "$work/out" "$work/err"
+    check "$command shows something" test "$status" = 0 -a -n "$out"
+done
+zncctl delete -qf "$unsafe_name"
+
+# ---------------------------------------------------------------- every image to every command
+# A program that attacks what it finds: its streams, the terminal, the null device, what is mounted.
+cp -r "$work/tree" "$work/tree-of-attacks"
+cat >"$work/tree-of-attacks/attack" <<'SH'
+for file in /proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /dev/null /dev/tty /host/kept/file /host; do
+    (echo attacked >$file) 2>/dev/null
+    (echo attacked 1<>$file >&1) 2>/dev/null
+    /bin/busybox chmod 6777 $file 2>/dev/null
+    /bin/busybox chown 1:1 $file 2>/dev/null
+    /bin/busybox truncate -s 0 $file 2>/dev/null
+    /bin/busybox stty -echo -icanon <$file 2>/dev/null
+done
+/bin/busybox rm -rf /bin/busybox /host/kept
+echo attacked
+SH
+make_layout "$work/attacks" "{\"Entrypoint\":[\"/bin/busybox\"],\"Cmd\":[\"sh\",\"/attack\"],\"User\":\"0\",
+    \"Labels\":{\"com.quenmark.zarnel.rtp.rtpPriority\":\"0\"},
+    \"Volumes\":{\"$work/victim:/host:rbind,dev,suid,rw\":{}}}" "$work/tree-of-attacks"
+good_layer=$ZNC_BASE/layers/$(jq -r '.layers[0].digest | ltrimstr("sha256:")' \
+    "$(blob_of "$work/good" "$(manifest_of "$work/good")")")
+images=(mounts urgent twice types path duplicate-keys{,2,3,4} fifo holes again sticky names members attacks)
+# Everything that no image may change: the bait, the trees of another image, devices and files of the caller.
+state_of_all() {
+    find "$work/victim" "$good" "$good_layer" -printf '%p %m %U:%G %n %s %T@ %l\n' | sort
+    find "$work/victim" "$good" "$good_layer" -type f -exec sha256sum {} + | sort
+    stat -c '%n %f %t:%T %u:%g %h %d:%i' /dev/null /dev/zero "$work/input" "$work/output" "$work/errors"
+    cat "$work/input"
+}
+# give_all COMMAND...: gives every image to the commands, with the streams of the caller. A command that takes
+# longer than it may is listed in $work/hung.
+give_all() {
+    local image command
+    for image in "${images[@]}"; do
+        for command in "run --rm -i --name tricked --os linux" "run -d --name tricked --os linux" \
+            "unpack --os linux" "import" "image check" "image inspect"; do
+            local target=()
+            [[ $command = unpack* || $command = import ]] && target=("$work/made-of-it")
+            # shellcheck disable=SC2086
+            timeout --foreground 20 "$ZNCCTL" $command "$work/$image" "${target[@]}"
+            [[ $? = 124 ]] && echo "$command $image" >>"$work/hung"
+            if [[ $command = 'run -d'* ]] && "$ZNCCTL" wait --timeout 20 tricked >"$work/ended" 2>&1; then
+                grep -qx 0 "$work/ended" && echo "$image" >>"$work/ran"
+                "$ZNCCTL" delete -qf tricked
+            fi
+            rm -rf "$work/made-of-it"
+        done
+    done
+}
+# on_terminal: gives all on a terminal of its own, whose settings, mode and owner are written down before and after.
+# shellcheck disable=SC2317 # called in the shell of the terminal
+on_terminal() {
+    local terminal
+    terminal=$(tty)
+    look_at_terminal() { stty -g && stat -c '%n %a %u:%g' "$terminal"; }
+    look_at_terminal >"$work/terminal-before"
+    give_all
+    look_at_terminal >"$work/terminal-after"
+}
+(umask 022 && echo mine >"$work/input" && : >"$work/output" && : >"$work/errors")
+: >"$work/hung"
+before=$(state_of_all)
+give_all <>"$work/input" >>"$work/output" 2>>"$work/errors"
+check 'the program that attacks has run' grep -qx attacked "$work/output"
+check 'also in the background' grep -qx attacks "$work/ran"
+check 'no image changes the host, another image, or the files and devices of the caller' \
+    diff <(printf '%s\n' "$before") <(state_of_all)
+export work ZNCCTL
+export -f on_terminal give_all
+SHELL=$BASH script -qec "$(declare -p images); on_terminal" /dev/null </dev/null >"$work/typescript"
+check 'the program has run on a terminal, too' grep -q '^attacked' "$work/typescript"
+check 'the terminal keeps its settings, mode and owner' \
+    test -s "$work/terminal-before" -a "$(<"$work/terminal-after")" = "$(<"$work/terminal-before")"
+check 'no image changes anything else from there' diff <(printf '%s\n' "$before") <(state_of_all)
+check 'no command waits without end' test "$(<"$work/hung")" = ''
 
 # ---------------------------------------------------------------- more containers than fit into one reply
 long=$work/$(printf 'd%.0s' {1..200})/$(printf 'e%.0s' {1..200})/$(printf 'f%.0s' {1..200})

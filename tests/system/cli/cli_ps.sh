@@ -85,6 +85,12 @@ assert up["Id"] == "up" and up["Names"] == ["up"] and up["State"] == "running", 
 assert up["Command"][0] == "/bin/busybox" and up["Labels"]["tier"] == "web", up
 assert down["Exited"] and down["ExitCode"] == 3 and not up["Exited"], down
 assert up["Created"] > 1700000000 and up["Pid"] > 0 and held["State"] == "paused", held' "$work/out"
+run zncctl ps -aq --format json
+check '-q does not drop a format' test "$(jq -r 'map(.Id) | join(" ")' "$work/out")" = 'down held made up'
+run zncctl ps -aq --filter name=up --format '{{.State}}'
+expect 'nor one with fields' 0 running ''
+run zncctl list -q -f json
+check 'list -q -f json is JSON' test "$(jq length "$work/out")" = 4
 for format in '{{.Odd}}' '{{.ID' '{{ID}}' '{{json Odd}}' '{{range .}}'; do
     run zncctl ps --format "$format"
     check "the format $format is a usage error" test "$status/$out" = 64/

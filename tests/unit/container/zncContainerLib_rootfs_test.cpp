@@ -2,10 +2,13 @@
 #include "eventually.hpp"
 
 #include "alloc_fault.hpp"
+#include "base/owned.hpp"
 #include "zncTrash.hpp"
 
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -627,6 +630,23 @@ TEST_F(Rootfs, ALargeUpperLayerIsMovedAwayAtOnceAndDeletedLater)
 
 // The mount stops the deletion, like a file created in the tree during deletion by an outside
 // process that has a descriptor of it.
+// The first thing that the kernel reports is a move of the directory, not a deletion in it.
+TEST_F(Rootfs, NothingOfALargeUpperLayerIsDeletedBeforeItIsMovedAway)
+{
+    fs::create_directories(area() + "web/upper");
+    for (int i = 0; i < 3000; i++)
+        std::ofstream(area() + "web/upper/" + std::to_string(i)) << "x";
+    const znc::UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ASSERT_GE(::inotify_add_watch(watch.get(), (area() + "web").c_str(), IN_MOVE_SELF), 0);
+    ASSERT_GE(::inotify_add_watch(watch.get(), (area() + "web/upper").c_str(), IN_DELETE), 0);
+    char buffer[1024];
+    EXPECT_EQ(zncContainerRemoveUpLayer(buffer, sizeof buffer, "web"), OK);
+    alignas(inotify_event) char events[4096];
+    ASSERT_GE(::read(watch.get(), events, sizeof events), ssize_t{sizeof(inotify_event)});
+    EXPECT_EQ(reinterpret_cast<const inotify_event*>(events)->mask, unsigned{IN_MOVE_SELF});
+    EXPECT_TRUE(eventually([&] { return !fs::exists(base + "/.trash"); }));
+}
+
 TEST_F(Rootfs, ASmallUpperLayerThatCannotBeDeletedIsMovedAwayAndDeletedLater)
 {
     fs::create_directories(area() + "web/upper/busy");

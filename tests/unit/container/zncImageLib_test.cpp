@@ -14,9 +14,11 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -472,6 +474,32 @@ TEST_F(Unpack, DuplicateLayersCountOnceForTheKernelsLimit)
     add(layers);
     EXPECT_EQ(unpack(bundle_), OK) << errno;
     EXPECT_EQ(names_in(store_).size(), 2U);
+}
+
+// A collection between the extraction and the last step would take the layers for unneeded.
+TEST_F(Unpack, NoCollectionBeginsUntilTheBundleRefersToItsLayers)
+{
+    add({bottom_, top_});
+    for (const unsigned option : {0U, unsigned{ZNC_OPT_FLATTEN}}) {
+        std::map<std::string, int>
+            errors; // of a collection, by the name that was about to be opened
+        const auto try_collecting = [&](const std::string& name) {
+            const auto hook = std::exchange(before_openat, nullptr);
+            const STATUS collected = zncStoreCollect(nullptr, 0, 0, nullptr, nullptr);
+            errors[name] = collected == OK ? 0 : errno;
+            before_openat = hook;
+        };
+        before_openat = [&](const std::string& name) {
+            if (name == "high" || errors.contains("high"))
+                try_collecting(name);
+        };
+        const std::string bundle = bundle_ + std::to_string(option);
+        EXPECT_EQ(unpack(bundle, option), OK) << errno;
+        before_openat = nullptr;
+        EXPECT_TRUE(errors.contains(bundle + "/config.json"));
+        for (const auto& [name, error] : errors)
+            EXPECT_EQ(error, EBUSY) << option << " " << name;
+    }
 }
 
 TEST_F(Unpack, BundleRecordContainsRootAndLayerNames)

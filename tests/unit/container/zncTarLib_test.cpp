@@ -985,6 +985,16 @@ TEST_F(TarExtract, FullDiskSkipsMembersButFailsForALayer)
     EXPECT_EQ(umount(target_.c_str()), 0);
 }
 
+TEST_F(TarExtract, ReadOnlyDiskSkipsMembersButFailsForALayer)
+{
+    ASSERT_EQ(mount("little", target_.c_str(), "tmpfs", MS_RDONLY, "mode=0700"), 0);
+    EXPECT_EQ(extract(Archive().file("f", "x").end()), OK);
+    EXPECT_FALSE(exists("f"));
+    EXPECT_EQ(extract_whole(archive_, target_), ERROR);
+    EXPECT_EQ(errno, EROFS);
+    EXPECT_EQ(umount(target_.c_str()), 0);
+}
+
 TEST_F(TarExtract, WholeLayerWithoutDescriptorsFailsAndNothingIsSkippedForThat)
 {
     struct rlimit usual;
