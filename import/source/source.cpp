@@ -150,6 +150,21 @@ std::string listed(const std::vector<SourceImage>& images, const std::vector<std
     return places.size() > kMost ? text + ", ..." : text;
 }
 
+// Splits DIR:NAME, as "run" accepts it, if DIR is a layout and the whole is no path. The directory
+// is opened later; if it is another one then, it is examined as such.
+void split_layout_name(SourceName& source)
+{
+    if (is_there(AT_FDCWD, source.path.c_str()))
+        return;
+    for (std::size_t colon = source.path.find(':'); colon != std::string::npos;
+         colon = source.path.find(':', colon + 1))
+        if (is_there(AT_FDCWD, (source.path.substr(0, colon) + "/oci-layout").c_str())) {
+            source.name = source.path.substr(colon + 1);
+            source.path.resize(colon);
+            return;
+        }
+}
+
 } // namespace
 
 SourceName split_source_name(const std::string& text)
@@ -163,6 +178,8 @@ SourceName split_source_name(const std::string& text)
         result.name = result.path.substr(colon + 1);
         result.path.resize(colon);
     }
+    if (result.prefix.empty())
+        split_layout_name(result);
     if (result.path.empty())
         throw Failure("", fmt::format("\"{}\" does not name a file", text), zncctl::kExitUsage);
     return result;

@@ -165,6 +165,34 @@ TEST(SourceName, IsSplit)
     EXPECT_NE(failure_of([] { split_source_name(""); }), "");
 }
 
+TEST(SourceName, OfALayoutMayHaveANameWithoutAPrefix)
+{
+    const Layout layout;
+    const auto split = [](const std::string& text) {
+        const SourceName name = split_source_name(text);
+        return name.prefix + "|" + name.path + "|" + name.name;
+    };
+    const std::string path = layout.dir / "l";
+    EXPECT_EQ(split(path), "|" + path + "|");
+    EXPECT_EQ(split(path + ":v1"), "|" + path + "|v1");
+    EXPECT_EQ(split(path + ":x.io:5000/app:1"), "|" + path + "|x.io:5000/app:1");
+    const std::string other = layout.dir / "none";
+    EXPECT_EQ(split(other + ":v1"), "|" + other + ":v1|");
+    fs::create_directories(path + ":v1"); // a path as a whole
+    EXPECT_EQ(split(path + ":v1"), "|" + path + ":v1|");
+    fs::rename(path, layout.dir / "with:colon");
+    EXPECT_EQ(split(std::string(layout.dir / "with:colon") + ":v2"),
+              "|" + std::string(layout.dir / "with:colon") + "|v2");
+}
+
+TEST(SourceName, WithoutAPrefixSelectsTheImageOfALayout)
+{
+    const Layout layout;
+    layout.one_image();
+    EXPECT_EQ(Opened(layout.dir / "l:v1").source.name.name, "v1");
+    EXPECT_EQ(Opened(layout.dir / "l:v1").images().size(), 1U);
+}
+
 TEST(Platform, IsReadOrRefused)
 {
     Wanted wanted;
