@@ -75,7 +75,8 @@ void Tracer::watch(Side side, Judge judge)
                 return false;
         return true;
     };
-    if (!serve_until(all_resumed, std::chrono::seconds(10)))
+    // A process that creates a network namespace waits for all that are being removed.
+    if (!serve_until(all_resumed, std::chrono::seconds(60)))
         throw std::runtime_error("a traced process does not stop");
 }
 
