@@ -1,7 +1,7 @@
 // mutex_hold.hpp - locks a pthread mutex for the lifetime of an object.
 //
-// Used by the library and the platform, whose mutexes are constant-initialised globals or members
-// that must not throw; std::mutex and its guards may.
+// Used by the library and the platform, which are compiled without exceptions: a failure of
+// std::mutex would throw one.
 #ifndef ZNC_BASE_MUTEX_HOLD_HPP
 #define ZNC_BASE_MUTEX_HOLD_HPP
 

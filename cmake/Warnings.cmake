@@ -56,7 +56,7 @@ endif()
 
 # Programs and the shared library are linked statically with the C++ library, of which they use little. Without
 # loading and relocating a shared one, a command takes two thirds of the time. Libraries of which a program uses
-# nothing, such as that for digests in the daemon, are not loaded.
+# nothing, such as that for decompression in the daemon, are not loaded.
 add_library(znc_start_flags INTERFACE)
 if(NOT ZNC_SANITIZE)
     target_link_options(znc_start_flags INTERFACE -static-libstdc++ -static-libgcc LINKER:--gc-sections,--as-needed)

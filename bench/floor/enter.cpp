@@ -32,7 +32,7 @@ void wait_for(pid_t pid)
     must(pid > 0 && ::waitpid(pid, &status, 0) == pid && status == 0, "program");
 }
 
-// A process cannot enter a process namespace itself, only its children are in it.
+// setns() changes the PID namespace of later children only, so that the program is a child.
 void run_in(int pidfd, char* program)
 {
     must(::setns(pidfd, kNamespaces) == 0, "setns");

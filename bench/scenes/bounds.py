@@ -26,7 +26,7 @@ def floors(world, root):
 
 
 def entered(world):
-    """Starts a program in the namespaces of the running container of crun."""
+    """Starts a program in the namespaces of one of the running containers."""
     listed = subprocess.run(["pgrep", "-f", "^/bin/sleep 1000000$"], check=True, stdout=subprocess.PIPE, text=True)
     return rounds(f"{world.bin}/floor_enter", str(ROUNDS), listed.stdout.split()[-1], "/bin/true")
 

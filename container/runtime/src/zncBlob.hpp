@@ -51,7 +51,8 @@ class BlobReader {
 
     UniqueFd fd_;
     std::size_t size_ = 0;
-    std::size_t offset_ = 0; // bytes of the file that have been read and hashed
+    std::size_t offset_ =
+        0; // bytes of the file that have been read, and hashed or added to beside_
     const char* digest_ = nullptr;
     RunningDigest hash_;
     HashBeside beside_;              // uses hash_ while it runs

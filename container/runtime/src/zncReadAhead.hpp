@@ -1,4 +1,4 @@
-// zncReadAhead.hpp - reads, hashes and decompresses an archive in a second thread, while the first
+// zncReadAhead.hpp - reads and decompresses an archive in a second thread, while the first
 // one creates the files. Used for the layers of images.
 #ifndef ZNCREADAHEAD_HPP
 #define ZNCREADAHEAD_HPP

@@ -1,6 +1,7 @@
 // Digests that another thread computes: the same as those of the thread that reads.
 #include "zncHashBeside.hpp"
 
+#include "one_processor.hpp"
 #include "zncWorkAhead.hpp"
 
 #include <gtest/gtest.h>
@@ -8,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-
-#include <sched.h>
 
 namespace {
 
@@ -106,20 +105,12 @@ TEST_F(Beside, ASecondStartIsRefusedWhileItRuns)
 
 TEST(BesideAlone, OnOneProcessorNothingStarts)
 {
-    cpu_set_t before;
-    ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    for (std::size_t i = 0; CPU_COUNT(&one) == 0; i++)
-        if (CPU_ISSET(i, &before))
-            CPU_SET(i, &one);
-    ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+    const OneProcessor one;
     znc::RunningDigest digest;
     znc::HashBeside beside;
     errno = EXDEV;
     const bool started = beside.start(digest);
     EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
     EXPECT_FALSE(started);
     EXPECT_FALSE(beside.is_running());
 }

@@ -1,6 +1,7 @@
 // Archives that another task reads ahead: the same bytes, end and errors.
 #include "zncReadAhead.hpp"
 
+#include "one_processor.hpp"
 #include "zncWorkAhead.hpp"
 
 #include <gtest/gtest.h>
@@ -8,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-
-#include <sched.h>
 
 namespace {
 
@@ -130,20 +129,12 @@ TEST_F(Ahead, AStoppedThreadEndsWithoutReadingFurther)
 
 TEST(AheadAlone, OnOneProcessorNothingStarts)
 {
-    cpu_set_t before;
-    ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    for (std::size_t i = 0; CPU_COUNT(&one) == 0; i++)
-        if (CPU_ISSET(i, &before))
-            CPU_SET(i, &one);
-    ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+    const OneProcessor one;
     Source source;
     znc::ReadAhead ahead;
     errno = EXDEV;
     const bool started = ahead.start(Source::read, &source);
     EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
     EXPECT_FALSE(started);
     ahead.stop();
     EXPECT_EQ(source.reads, 0);
