@@ -63,7 +63,8 @@ struct Wanted {
 };
 
 // The source argument: "oci:PATH[:NAME]", "oci-archive:PATH[:NAME]", "docker-archive:PATH[:NAME]",
-// "dir:PATH" (a root filesystem), "tar:PATH", or a path without a prefix, that of a layout also with
+// "dir:PATH" (a root filesystem), "tar:PATH", or a path without a prefix, that of a layout also
+// with
 // ":NAME"; "-" is standard input.
 struct SourceName {
     std::string prefix; // "" to detect the kind
