@@ -38,10 +38,14 @@ template <class T> class List {
         const MallocPtr<void> memory(items_);
     }
 
+    // Gets memory for exactly this number of items: a list whose length is known then has none to
+    // spare. False with errno ENOMEM; the list is then unchanged.
+    [[nodiscard]] bool reserve(std::size_t room) noexcept { return room <= room_ || move_to(room); }
+
     // Appends an item. Null with errno ENOMEM; the list is then unchanged.
     T* append(T item) noexcept
     {
-        if (size_ == room_ && !grow())
+        if (size_ == room_ && !move_to(room_ == 0 ? 8 : 2 * room_))
             return nullptr;
         return new (items_ + size_++) T(std::move(item));
     }
@@ -57,9 +61,8 @@ template <class T> class List {
     [[nodiscard]] std::span<const T> all() const noexcept { return {items_, size_}; }
 
   private:
-    bool grow() noexcept
+    bool move_to(std::size_t room) noexcept
     {
-        const std::size_t room = room_ == 0 ? 8 : 2 * room_;
         auto* items = static_cast<T*>(::calloc(room, sizeof(T)));
         if (items == nullptr)
             return false;

@@ -148,6 +148,18 @@ znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings&
     return memory;
 }
 
+// A container keeps its copy as long as it exists, so the copy has no memory to spare.
+int copy_filter(const List<sock_filter>& from, List<wire::FilterCode>& to)
+{
+    List<wire::FilterCode> copy;
+    if (!copy.reserve(from.size()))
+        return ENOMEM;
+    for (const sock_filter& one : from)
+        copy.append({one.code, one.jt, one.jf, one.k});
+    to = std::move(copy);
+    return 0;
+}
+
 int labels_check(const Settings& settings, SettingsFault& fault)
 {
     if (has_label(settings.apparmorProfile) && !apparmor_enabled())

@@ -6,6 +6,7 @@
 #include "helper/wire.hpp"
 #include "settings/settings_reader.hpp"
 
+#include <linux/filter.h>
 #include <span>
 
 namespace zn {
@@ -16,6 +17,9 @@ namespace zn {
 znc::MallocPtr<char[]> confinement_pack(wire::Confinement rules, const Settings& settings,
                                         std::span<const wire::FilterCode> filter,
                                         List<Text> entries, std::size_t& size);
+
+// Copies a filter to the form that the record holds. 0, or ENOMEM; then `to` is unchanged.
+int copy_filter(const List<sock_filter>& from, List<wire::FilterCode>& to);
 
 // Checks whether the kernel supports the labels in the settings. 0, or ENOTSUP with `fault` set.
 int labels_check(const Settings& settings, SettingsFault& fault);

@@ -157,11 +157,8 @@ int NamespaceSettings::check(bool privileged, SettingsFault& fault) const
 
 int NamespaceSettings::take_filter(const SeccompCode& code)
 {
-    for (const sock_filter& one : code.code)
-        if (filter_.append({one.code, one.jt, one.jf, one.k}) == nullptr)
-            return ENOMEM;
     filterFlags_ = code.flags;
-    return 0;
+    return copy_filter(code.code, filter_);
 }
 
 int NamespaceSettings::compile_filter(SettingsFault& fault)

@@ -142,9 +142,8 @@ int EngineSettings::read(const char* document, SettingsFault& fault)
     SeccompCode code;
     settings_.seccomp.newerAreAbsent = true;
     error = seccomp_compile(settings_.seccomp, code, fault);
-    for (const sock_filter& one : code.code)
-        if (filter_.append({one.code, one.jt, one.jf, one.k}) == nullptr)
-            return ENOMEM;
+    if (error == 0)
+        error = copy_filter(code.code, filter_);
     filterFlags_ = code.flags;
     return error;
 }

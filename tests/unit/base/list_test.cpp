@@ -91,6 +91,37 @@ TEST(List, MovingAListMovesItsItems)
     EXPECT_EQ(living, 0);
 }
 
+TEST(List, ReservedItemsAreAppendedWithoutAllocating)
+{
+    List<int> list;
+    ASSERT_NE(list.append(0), nullptr);
+    ASSERT_TRUE(list.reserve(100));
+    alloc_fault::arm(1);
+    for (int i = 1; i < 100; i++)
+        ASSERT_NE(list.append(i), nullptr);
+    EXPECT_TRUE(list.reserve(100)); // less than there is: nothing to do
+    EXPECT_TRUE(list.reserve(0));
+    EXPECT_EQ(list.append(100), nullptr);
+    (void)alloc_fault::disarm();
+    ASSERT_EQ(list.size(), 100U);
+    EXPECT_EQ(list[0], 0);
+    EXPECT_EQ(list[99], 99);
+}
+
+TEST(List, WithoutMemoryNothingIsReserved)
+{
+    List<int> list;
+    ASSERT_NE(list.append(7), nullptr);
+    alloc_fault::arm(1);
+    const bool reserved = list.reserve(100);
+    const int error = errno;
+    (void)alloc_fault::disarm();
+    EXPECT_FALSE(reserved);
+    EXPECT_EQ(error, ENOMEM);
+    ASSERT_EQ(list.size(), 1U);
+    EXPECT_EQ(list[0], 7);
+}
+
 TEST(List, WithoutMemoryTheListStaysAsItIs)
 {
     int living = 0;
