@@ -10,7 +10,7 @@
 #include "zncLayerStage.hpp"
 #include "zncPath.hpp"
 #include "zncStoreLock.hpp"
-#include "zncStoreRecord.hpp"
+#include "zncBundleRecord.hpp"
 
 #include "cJSON_Additions.h"
 #include "zarnel/fs.h"

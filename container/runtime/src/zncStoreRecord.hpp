@@ -1,8 +1,10 @@
-// zncStoreRecord.hpp - the records of a storage base: for each bundle, what it needs from the
-// store; for each flattened tree, the layers that it was made of. A record is a list of
-// NUL-terminated strings, followed by one more NUL. Records are written to a temporary file, synced
-// and then renamed or linked into place, so that a record is complete or does not exist. Used by
-// the unpack and by the collection of unused directories.
+// zncStoreRecord.hpp - the records of a storage base: the lists of texts that they consist of,
+// their files, and those of flattened trees, which name the layers that a tree was made of. A
+// record is a list of NUL-terminated strings, followed by one more NUL. Records are written to a
+// temporary file, synced and then renamed or linked into place, so that a record is complete or
+// does not exist. Used by the unpack, by the collection of unused directories, and when a container
+// is created. The records of bundles are in zncBundleRecord, which needs digests: the daemon does
+// not load those.
 #ifndef ZNCSTORERECORD_HPP
 #define ZNCSTORERECORD_HPP
 
@@ -53,12 +55,15 @@ class TextList {
     std::size_t capacity_ = 0;
 };
 
-// The directory of the records in the storage base, and the suffixes of the records of bundles and
-// of flattened trees. Names that begin with "." are files being written.
+// The directory of the records in the storage base, and the suffix of the records of flattened
+// trees. Names that begin with "." are files being written.
 inline constexpr char kRecordsDir[] = "/records";
 inline constexpr mode_t kRecordsMode = 0700;
-inline constexpr std::string_view kBundleSuffix = ".bundle";
 inline constexpr std::string_view kTreeSuffix = ".tree";
+
+// That directory, created if it is missing, and the path of a record in it. Null with errno set.
+PathText make_records_dir(std::string_view base);
+PathText record_path(const PathText& records, const char* name, std::string_view suffix);
 
 // A list of texts in a file. The destructor removes the file unless keep() was called.
 class RecordFile {
@@ -76,41 +81,6 @@ class RecordFile {
   private:
     PathText path_;
 };
-
-// The two records of a bundle. The one in the storage base holds the path of the bundle, the path
-// of its root, and the names of the layers in the store that it needs. The one in the bundle
-// (zncBundleLayers) holds the path of the root and the names of the layers it is made of.
-class BundleRecord {
-  public:
-    // Writes both records. EEXIST: another bundle that still exists has the same root, made of
-    // other layers. `layers`: the layers of the root, lowest first; if empty, no record is written
-    // into the bundle. `stored`: the layers that the store must keep.
-    //
-    // If the bundle already has a "config.json", nothing is written: the bundle was unpacked before
-    // and needs its records, and this unpack will fail.
-    STATUS write(std::string_view base, const char* bundle, const char* root,
-                 const TextList& layers, const TextList& stored);
-    // Whether write() found a "config.json".
-    [[nodiscard]] bool bundle_was_there() const noexcept { return bundleWasThere_; }
-
-    // drop() removes what was written, unless keep() was called before. The destructor does the
-    // same.
-    void keep() noexcept;
-    void drop() noexcept;
-
-  private:
-    RecordFile inStore_;
-    RecordFile inBundle_;
-    bool bundleWasThere_ = false;
-};
-
-// Whether the bundle of a record still has its "config.json". If that cannot be determined: true.
-bool bundle_exists(const char* bundlePath);
-
-// Calls `func` with the path and contents of each bundle's record. An unreadable record is an
-// error, because it is then unknown what is in use.
-using BundleFunc = STATUS (*)(void* context, const char* file, const TextList& record);
-STATUS each_bundle(std::string_view base, BundleFunc func, void* context);
 
 // Records that the tree `chain` is made of `layers`. If a record exists already and lists the same
 // layers, OK; if it lists others, EEXIST. `*isNew` is set to whether there was no record.

@@ -3,9 +3,9 @@
 #ifndef ZNCUNPACKSTORE_HPP
 #define ZNCUNPACKSTORE_HPP
 
+#include "zncBundleRecord.hpp"
 #include "zncStoreAhead.hpp"
 #include "zncStoreLock.hpp"
-#include "zncStoreRecord.hpp"
 
 namespace znc {
 

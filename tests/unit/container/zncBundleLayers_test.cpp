@@ -1,6 +1,7 @@
 // What a bundle remembers of the layers that it was unpacked from, and what its root is compared
 // with.
 #include "zncBundleLayers.hpp"
+#include "zncBundleRecord.hpp"
 
 #include "fake_platform.hpp"
 #include "layout_builder.hpp"
