@@ -2,7 +2,6 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/listing.hpp"
-#include "cli/images/bundle_area.hpp"
 #include "commands.hpp"
 
 #include <nlohmann/json.hpp>
@@ -11,11 +10,9 @@
 namespace zncctl {
 namespace {
 
-bool is_wanted(const ContainerFilter& filter, const ListedContainer& one, const std::string& base)
+bool is_wanted(const ContainerFilter& filter, const ListedContainer& one,
+               const ContainerOrigin& origin)
 {
-    if (one.status != STATE_STOPPED)
-        return false;
-    const ContainerOrigin origin = origin_of(one.id, base);
     const int exit_code = one.record ? one.record->exit_code.value_or(0) : 0;
     return filter.matches({one.id, origin.notes.image, "exited", exit_code, &origin.labels});
 }
@@ -25,14 +22,15 @@ bool is_wanted(const ContainerFilter& filter, const ListedContainer& one, const 
 int cmd_container_prune(const Arguments& args)
 try {
     const ContainerFilter filter(args.values("filter"));
-    const auto all = listed_containers();
-    if (!all)
+    auto ended = listed_containers();
+    if (!ended)
         return daemon_failure(errno, "");
-    const std::string base = all->empty() ? "" : storage_base();
+    std::erase_if(*ended, [](const ListedContainer& one) { return one.status != STATE_STOPPED; });
+    const std::vector<ContainerOrigin> origins = origins_of(ids_of(*ended));
     std::vector<std::string> ids;
-    for (const ListedContainer& one : *all)
-        if (is_wanted(filter, one, base))
-            ids.push_back(one.id);
+    for (std::size_t index = 0; index < ended->size(); ++index)
+        if (is_wanted(filter, (*ended)[index], origins[index]))
+            ids.push_back((*ended)[index].id);
     return for_each_id(ids, false, [](const std::string& id) {
         // It may have been deleted by another process.
         return delete_container(id, false) == OK || errno == ENODEV ? static_cast<int>(kExitOk)

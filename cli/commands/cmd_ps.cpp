@@ -2,7 +2,6 @@
 #include "cli/containers/container.hpp"
 #include "cli/containers/container_filter.hpp"
 #include "cli/containers/listing.hpp"
-#include "cli/images/bundle_area.hpp"
 #include "commands.hpp"
 #include "front/duration.hpp"
 #include "front/escape.hpp"
@@ -187,16 +186,15 @@ int cmd_ps(const Arguments& args)
 try {
     const RowFormat format = read_row_format(args);
     const ContainerFilter filter(args.values("filter"));
-    const auto all = listed_containers();
+    auto all = listed_containers();
     if (!all)
         return daemon_failure(errno, "");
-    const bool ended_too = args.has("all") || filter.names_state();
-    const std::string base = all->empty() ? "" : storage_base();
+    if (!args.has("all") && !filter.names_state())
+        std::erase_if(*all, [](const ListedContainer& one) { return one.status != STATE_RUNNING; });
+    std::vector<ContainerOrigin> origins = origins_of(ids_of(*all));
     std::vector<Row> rows;
-    for (const ListedContainer& one : *all) {
-        if (!ended_too && one.status != STATE_RUNNING)
-            continue;
-        Row row(one, origin_of(one.id, base), std::time(nullptr));
+    for (std::size_t index = 0; index < all->size(); ++index) {
+        Row row((*all)[index], std::move(origins[index]), std::time(nullptr));
         if (filter.matches(row.filtered()))
             rows.push_back(std::move(row));
     }

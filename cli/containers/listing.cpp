@@ -1,5 +1,6 @@
 #include "listing.hpp"
 
+#include "at_once.hpp"
 #include "container.hpp"
 #include "front/container_id.hpp"
 #include "image_bundle.hpp"
@@ -8,6 +9,11 @@
 namespace zncctl {
 namespace {
 
+bool is_listed_as(const Json& state, CONTAINER_STATUS status)
+{
+    return integer(member(state, "status")).value_or(STATE_UNKNOWN) == status;
+}
+
 // The status in the list may be out of date: the daemon notices only when it is asked for the state
 // of a container that its program has ended.
 int status_now(const std::string& id, const Json& state)
@@ -15,8 +21,20 @@ int status_now(const std::string& id, const Json& state)
     const std::int64_t listed = integer(member(state, "status")).value_or(STATE_UNKNOWN);
     if (listed != STATE_RUNNING)
         return listed >= 0 && listed < STATE_UNKNOWN ? static_cast<int>(listed) : STATE_UNKNOWN;
-    const CONTAINER_STATUS now = status_of(id);
+    const CONTAINER_STATUS now = zncStatusGet(id.c_str());
     return now != STATE_UNKNOWN ? now : STATE_RUNNING;
+}
+
+void complete(ListedContainer& one, const NamespaceIds& namespaces)
+{
+    one.status = status_now(one.id, one.state);
+    if (member(one.state, "status") != nullptr)
+        one.state["status"] = one.status;
+    if (one.status == STATE_RUNNING || one.status == STATE_STOPPED)
+        one.record = read_record(one.id);
+    const auto found = namespaces.find(kept_id(one.id));
+    one.paused =
+        one.status == STATE_RUNNING && found != namespaces.end() && is_paused(found->second);
 }
 
 // The daemon prints its local time.
@@ -26,6 +44,28 @@ std::time_t local_time(const std::string& text)
     local.tm_isdst = -1;
     return ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &local) != nullptr ? std::mktime(&local)
                                                                             : 0;
+}
+
+// `base` is storage_base().
+ContainerOrigin origin_of(const std::string& id, const std::string& base)
+{
+    ContainerOrigin origin;
+    if (const std::string own = own_bundle(id, base); !own.empty())
+        origin.notes = read_notes(own);
+    const znc::MallocPtr<char> text(zncContainerInfoGet(id.c_str()));
+    const auto document =
+        text ? parse_json(text.get(), nullptr, Annotations::kMayRepeat) : std::nullopt;
+    const Json& array = children(document ? &*document : nullptr);
+    if (array.empty())
+        return origin;
+    const Json& container = *array.begin();
+    const Json* config = member(container, "Config");
+    origin.command = texts_of(member(config, "Cmd"));
+    if (const Json* labels = member(config, "Labels"); is_object(labels))
+        origin.labels = *labels;
+    if (origin.notes.created == 0)
+        origin.notes.created = local_time(text_of(container, "Created"));
+    return origin;
 }
 
 } // namespace
@@ -41,40 +81,36 @@ std::optional<std::vector<ListedContainer>> listed_containers()
     if (!states)
         return std::nullopt;
     std::vector<ListedContainer> all;
-    const std::set<std::string> paused = paused_ids();
+    bool any_running = false;
     for (Json& state : *states) {
-        ListedContainer one = {std::move(state), "", STATE_UNKNOWN, false, std::nullopt};
-        one.id = text_of(one.state, "id");
-        one.status = status_now(one.id, one.state);
-        if (member(one.state, "status") != nullptr)
-            one.state["status"] = one.status;
-        if (one.status == STATE_RUNNING || one.status == STATE_STOPPED)
-            one.record = read_record(one.id);
-        one.paused = one.status == STATE_RUNNING && paused.contains(kept_id(one.id));
-        all.push_back(std::move(one));
+        any_running = any_running || is_listed_as(state, STATE_RUNNING);
+        const std::string id = text_of(state, "id");
+        all.push_back({std::move(state), id, STATE_UNKNOWN, false, std::nullopt});
     }
+    const NamespaceIds namespaces = any_running ? namespaces_by_id() : NamespaceIds();
+    call_library([&] {
+        for_each_at_once(all.size(), [&](std::size_t index) { complete(all[index], namespaces); });
+    });
     return all;
 }
 
-ContainerOrigin origin_of(const std::string& id, const std::string& base)
+std::vector<std::string> ids_of(const std::vector<ListedContainer>& containers)
 {
-    ContainerOrigin origin;
-    if (const std::string own = own_bundle(id, base); !own.empty())
-        origin.notes = read_notes(own);
-    const znc::MallocPtr<char> text(call_library([&] { return zncContainerInfoGet(id.c_str()); }));
-    const auto document =
-        text ? parse_json(text.get(), nullptr, Annotations::kMayRepeat) : std::nullopt;
-    const Json& array = children(document ? &*document : nullptr);
-    if (array.empty())
-        return origin;
-    const Json& container = *array.begin();
-    const Json* config = member(container, "Config");
-    origin.command = texts_of(member(config, "Cmd"));
-    if (const Json* labels = member(config, "Labels"); is_object(labels))
-        origin.labels = *labels;
-    if (origin.notes.created == 0)
-        origin.notes.created = local_time(text_of(container, "Created"));
-    return origin;
+    std::vector<std::string> ids;
+    for (const ListedContainer& one : containers)
+        ids.push_back(one.id);
+    return ids;
+}
+
+std::vector<ContainerOrigin> origins_of(const std::vector<std::string>& ids)
+{
+    std::vector<ContainerOrigin> origins(ids.size());
+    const std::string base = ids.empty() ? "" : storage_base();
+    call_library([&] {
+        for_each_at_once(ids.size(),
+                         [&](std::size_t index) { origins[index] = origin_of(ids[index], base); });
+    });
+    return origins;
 }
 
 } // namespace zncctl

@@ -27,6 +27,8 @@ struct ListedContainer { // NOLINT(bugprone-exception-escape): moving a JSON val
 // All containers, in the daemon's order. Nullopt with errno set if the daemon sends no list.
 std::optional<std::vector<ListedContainer>> listed_containers();
 
+std::vector<std::string> ids_of(const std::vector<ListedContainer>& containers);
+
 // What a container was made from, and its program.
 struct ContainerOrigin {  // NOLINT(bugprone-exception-escape): moving a JSON value does not throw
     ContainerNotes notes; // `created` is 0 if nothing is known
@@ -34,8 +36,8 @@ struct ContainerOrigin {  // NOLINT(bugprone-exception-escape): moving a JSON va
     Json labels = Json::object();
 };
 
-// `base` is storage_base().
-ContainerOrigin origin_of(const std::string& id, const std::string& base);
+// The origins of these containers, in their order.
+std::vector<ContainerOrigin> origins_of(const std::vector<std::string>& ids);
 
 } // namespace zncctl
 

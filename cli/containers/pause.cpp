@@ -11,24 +11,27 @@ nsid_t namespace_of(const std::string& id)
     return znnsFind(kept_id(id).c_str());
 }
 
+bool is_paused(nsid_t ns)
+{
+    BOOL frozen = FALSE;
+    return znnsFrozen(ns, &frozen) == OK && frozen != FALSE;
+}
+
 bool is_paused(const std::string& id, CONTAINER_STATUS status)
 {
     if (status != STATE_RUNNING)
         return false;
     const nsid_t ns = namespace_of(id);
-    BOOL frozen = FALSE;
-    return ns >= 0 && znnsFrozen(ns, &frozen) == OK && frozen != FALSE;
+    return ns >= 0 && is_paused(ns);
 }
 
-std::set<std::string> paused_ids()
+NamespaceIds namespaces_by_id()
 {
-    std::set<std::string> ids;
+    NamespaceIds ids;
     const auto add = [](nsid_t ns, const char* name, void* to) {
-        BOOL frozen = FALSE;
-        if (znnsFrozen(ns, &frozen) == OK && frozen != FALSE)
-            static_cast<std::set<std::string>*>(to)->insert(name);
+        static_cast<NamespaceIds*>(to)->emplace(name, ns);
     };
-    static_cast<void>(znnsEach(add, &ids)); // if listing fails, no container counts as paused
+    static_cast<void>(znnsEach(add, &ids));
     return ids;
 }
 

@@ -4,7 +4,7 @@
 #ifndef ZNC_CLI_CONTAINERS_PAUSE_HPP
 #define ZNC_CLI_CONTAINERS_PAUSE_HPP
 
-#include <set>
+#include <map>
 #include <string>
 
 #include "zarnel/ns_control.h"
@@ -20,10 +20,12 @@ nsid_t namespace_of(const std::string& id);
 // Whether the container is running and paused. False also if that cannot be determined, as on a
 // machine without control groups, where no container can be paused.
 bool is_paused(const std::string& id, CONTAINER_STATUS status);
+bool is_paused(nsid_t ns); // of a running container
 
-// The ids of all paused containers, as the daemon stores them (kept_id()). Faster than asking for
-// each of many.
-std::set<std::string> paused_ids();
+// The namespaces of all containers, by the ids that the daemon stores (kept_id()). Faster than
+// looking up many one by one. Empty if they cannot be listed.
+using NamespaceIds = std::map<std::string, nsid_t>;
+NamespaceIds namespaces_by_id();
 
 // Lets the processes of a paused container continue; does nothing to others. OK, or ERROR with
 // errno set.
