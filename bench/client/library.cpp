@@ -4,6 +4,7 @@
 //        bench_library state CLIENTS ROUNDS ID     state requests; prints the average of one
 //        bench_library fill COUNT BUNDLE           create COUNT containers and leave them
 //        bench_library empty COUNT                 delete these
+//        bench_library list ROUNDS                 list all containers
 //        bench_library operations ROUNDS BUNDLE    state, create, kill, delete: one line per round
 //        bench_library answers TRASH               state requests while container "filled-0" is
 //                                                  deleted, and until the directory TRASH is gone
@@ -135,6 +136,15 @@ void answers(const char* trash)
     } while (!deleted || ::access(trash, F_OK) == 0);
 }
 
+void list(int rounds)
+{
+    Stopwatch watch;
+    for (int i = 0; i < rounds; i++) {
+        must(Text(zncList()) != nullptr, "list");
+        std::printf("%lld\n", watch.lap());
+    }
+}
+
 void hold(int count, const char* bundle)
 {
     for (int i = 0; i < count; i++) {
@@ -150,7 +160,7 @@ void hold(int count, const char* bundle)
 int usage()
 {
     std::fputs("usage: bench_library "
-               "lifecycle|state|fill|empty|operations|answers|hold|delete|inspect ...\n",
+               "lifecycle|state|fill|empty|list|operations|answers|hold|delete|inspect ...\n",
                stderr);
     return 64;
 }
@@ -173,6 +183,8 @@ int main(int argc, char** argv)
     } else if (what == "empty" && argc == 3) {
         for (int i = 0; i < count; i++)
             must(zncDelete(filled_id(i).c_str(), 0) == OK, "delete");
+    } else if (what == "list" && argc == 3) {
+        list(count);
     } else if (what == "answers" && argc == 3) {
         answers(argv[2]);
     } else if (what == "hold" && argc == 4) {

@@ -7,12 +7,13 @@ import sys
 import time
 
 from scenes import fixtures
-from scenes.containers import ROUNDS, WORK, Daemon, by_commands, cgroup2_only
+from scenes.containers import ROUNDS, WORK, Daemon, by_commands, cgroup2_only, running
 from scenes.measure import Sample, compare, figure, interleave, run
 
 CRUN = ["crun", "--cgroup-manager=disabled", f"--root={WORK}/crun"]
 CLIENTS = 8
 MANY = 200
+LISTED = (500, 5000)  # the larger list does not fit into one reply of the daemon
 
 
 def bundles():
@@ -150,12 +151,38 @@ def l7(world):
     return compare(samples, {"crun run, 8 clients": 0.33, "ours, 1 client": 0.67}, "ours, 8 clients")
 
 
+def milliseconds(world, *command):
+    return statistics.median(run(*command).wall for _ in range(max(3, world.pairs))) * 1e3
+
+
 def p1(world):
     """list 200 containers"""
+    ctl = f"{world.bin}/zncctl"
     with Daemon(world, overlay=True):
         ours, _ = bundles()
-        ctl = f"{world.bin}/zncctl"
         for number in range(MANY):
             run(ctl, "create", f"listed-{number}", ours)
-        seconds = [run(ctl, "ps", "-a").wall for _ in range(max(3, world.pairs))]
-    return {"sides": {}, "goals": [figure("zncctl ps -a", statistics.median(seconds) * 1e3, 30, "ms")]}
+        created = milliseconds(world, ctl, "ps", "-a")
+    with Daemon(world, overlay=True), running(world, MANY):
+        up = milliseconds(world, ctl, "ps")
+    return {"sides": {}, "goals": [figure("zncctl ps -a", created, 30, "ms"),
+                                   figure("zncctl ps, programs running", up, 30, "ms")]}
+
+
+def p2(world):
+    """list 500 and 5,000 containers"""
+    library, ctl = f"{world.bin}/bench_library", f"{world.bin}/zncctl"
+    times = {}
+    with Daemon(world, overlay=True):
+        ours, _ = bundles()
+        for count in LISTED:
+            subprocess.run([library, "fill", str(count), ours], check=True)
+            if count == LISTED[0]:
+                out = subprocess.run([library, "list", "100"], check=True, stdout=subprocess.PIPE, text=True).stdout
+                reply = statistics.median(int(line) for line in out.split()) / 1e6
+            times[count] = milliseconds(world, ctl, "list", "--quiet")
+            subprocess.run([library, "empty", str(count)], check=True)
+    few, many = LISTED
+    return {"sides": {}, "goals": [figure(f"{few}, by the library", reply, 5, "ms"),
+                                   figure(f"{few}, zncctl list", times[few], None, "ms"),
+                                   figure(f"{many}, zncctl list", times[many], None, "ms")]}

@@ -1,4 +1,5 @@
 """The scenes of containers: life cycle by commands and by the library, requests, memory."""
+import contextlib
 import glob
 import os
 import shutil
@@ -60,6 +61,21 @@ class Daemon:
 
     def through_library(self, *argv):
         return rounds(f"{self.bin}/bench_library", *argv)
+
+
+@contextlib.contextmanager
+def running(world, count):
+    """Containers whose programs sleep."""
+    fixtures.bundle(f"{WORK}/sleeper", program=("/bin/sleep", "1000"))
+    client = subprocess.Popen([f"{world.bin}/bench_library", "hold", str(count), f"{WORK}/sleeper"],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    if client.stdout.readline() != "held\n":
+        raise RuntimeError("the programs could not be started")
+    try:
+        yield
+    finally:
+        client.stdin.close()
+        client.wait(timeout=60)
 
 
 def cgroup2_only():

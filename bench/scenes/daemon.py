@@ -6,7 +6,7 @@ import statistics
 import subprocess
 
 from scenes import fixtures
-from scenes.containers import WORK, Daemon
+from scenes.containers import WORK, Daemon, running
 from scenes.measure import figure, quartiles
 
 FILES = 400_000
@@ -55,16 +55,9 @@ def r1(world):
     for _ in range(max(1, world.pairs // 3)):
         for number, times in ((signal.SIGKILL, restarts), (signal.SIGTERM, stops)):
             with Daemon(world, overlay=True) as daemon:
-                fixtures.bundle(f"{WORK}/sleeper", program=("/bin/sleep", "1000"))
-                client = subprocess.Popen(
-                    [f"{world.bin}/bench_library", "hold", str(PROGRAMS), f"{WORK}/sleeper"],
-                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-                if client.stdout.readline() != "held\n":
-                    raise RuntimeError("the programs could not be started")
-                stopped = daemon.stop(number)
-                started = daemon.start()
-                times.append(started if number == signal.SIGKILL else stopped)
-                client.stdin.close()
-                client.wait(timeout=60)
+                with running(world, PROGRAMS):
+                    stopped = daemon.stop(number)
+                    started = daemon.start()
+                    times.append(started if number == signal.SIGKILL else stopped)
     return {"sides": {}, "goals": [spread("restart until it answers", restarts, 2, "s"),
                                    spread("stop", stops, 3, "s")]}

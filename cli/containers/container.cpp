@@ -1,5 +1,6 @@
 #include "container.hpp"
 
+#include "at_once.hpp"
 #include "cli/containers/image_bundle.hpp"
 #include "cli/containers/image_user.hpp"
 #include "cli/images/sticky.hpp"
@@ -8,6 +9,7 @@
 #include "front/container_id.hpp"
 #include "front/files.hpp"
 #include "front/record.hpp"
+#include "pause.hpp"
 
 #include <array>
 #include <cerrno>
@@ -20,16 +22,24 @@
 #include "zarnel/ns.h"
 
 namespace zncctl {
+namespace {
 
-std::optional<Json> state_of(const std::string& id)
+std::optional<Json> request_state(const std::string& id)
 {
-    const znc::MallocPtr<char> text(call_library([&] { return zncState(id.c_str()); }));
+    const znc::MallocPtr<char> text(zncState(id.c_str()));
     if (text == nullptr)
         return std::nullopt;
     std::optional<Json> state = parse_json(text.get());
     if (!state)
         errno = EBADMSG;
     return state;
+}
+
+} // namespace
+
+std::optional<Json> state_of(const std::string& id)
+{
+    return call_library([&] { return request_state(id); });
 }
 
 CONTAINER_STATUS status_of(const std::string& id)
@@ -57,11 +67,14 @@ std::string root_of_bundle(const std::string& bundle)
 
 namespace {
 
-// Ids of containers that may exist; the daemon is then asked about each of them.
+// Ids of containers that may exist; the daemon is then asked about each of them. Each container has
+// a namespace; the others are for the case that these cannot be listed.
 std::set<std::string> known_ids()
 {
     const std::vector<std::string> recorded = recorded_ids();
     std::set<std::string> ids(recorded.begin(), recorded.end());
+    for (const auto& [id, ns] : namespaces_by_id())
+        ids.insert(id);
     std::array<char, 1024> area{};
     if (zncBasePathGet(area.data(), area.size(), ZNC_CONTAINERS_PATH) == 0)
         return ids;
@@ -72,28 +85,65 @@ std::set<std::string> known_ids()
     return ids;
 }
 
-Json states_of_known_ids()
+// Empty with errno set if a request fails for another reason than that there is no such container.
+std::optional<Json> states_of(const std::set<std::string>& known)
 {
-    print_warning(
-        "the list of containers is too long for one reply of the daemon; this one is made from "
-        "zncctl's records and the storage base, and may lack containers that other programs "
-        "created");
+    struct Answer {
+        std::optional<Json> state;
+        int error = 0;
+    };
+    std::vector<std::string> ids;
+    for (const std::string& id : known)
+        if (is_container_id(id))
+            ids.push_back(id);
+    std::vector<Answer> answers(ids.size());
+    call_library([&] {
+        for_each_at_once(ids.size(), [&](std::size_t index) {
+            Answer& answer = answers[index];
+            answer.state = request_state(ids[index]);
+            answer.error = answer.state ? 0 : errno;
+        });
+    });
     Json states = Json::array();
-    for (const std::string& id : known_ids())
-        if (auto state = is_container_id(id) ? state_of(id) : std::nullopt)
-            states.push_back(*std::move(state));
+    for (Answer& answer : answers) {
+        if (answer.state) {
+            states.push_back(*std::move(answer.state));
+        } else if (answer.error != ENODEV) {
+            errno = answer.error;
+            return std::nullopt;
+        }
+    }
     return states;
+}
+
+// Whether the list of these containers is certainly too long for one reply of the daemon. It then
+// sends none, and the library waits for it in vain for seconds.
+bool is_too_long(const NamespaceIds& ids)
+{
+    constexpr std::size_t kReplyMax = 65535;
+    constexpr std::size_t kEach =
+        std::string_view(R"({"ociVersion":"1.0.0","id":"","status":1,"bundle":""},)").size();
+    std::size_t length = 0;
+    for (const auto& [id, ns] : ids)
+        length += kEach + id.size();
+    // Bundles that zncctl made have paths of a known length.
+    const std::string base = length > kReplyMax / 4 ? storage_base() : "";
+    for (const auto& [id, ns] : ids)
+        length += base.empty() || length > kReplyMax ? 0 : own_bundle(id, base).size();
+    return length > kReplyMax;
 }
 
 } // namespace
 
 std::optional<Json> all_states()
 {
+    if (is_too_long(namespaces_by_id()))
+        return states_of(known_ids());
     const znc::MallocPtr<char> text(call_library(zncList));
     if (text == nullptr) {
         const int error = errno;
         if (error == 0 && zncDaemonIsAlive() != FALSE)
-            return states_of_known_ids();
+            return states_of(known_ids());
         errno = error;
         return std::nullopt;
     }

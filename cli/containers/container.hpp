@@ -32,8 +32,7 @@ uid_t user_of_program(const std::string& id);
 std::string root_of_bundle(const std::string& bundle);
 
 // The state documents of all containers, as an array; empty with errno set if the daemon sends no
-// list. If the list does not fit into one reply, prints a warning and returns the containers that
-// zncctl's records and the storage base mention.
+// list. If the list does not fit into one reply, asks for the state of each container.
 std::optional<Json> all_states();
 
 // The ids of all containers, or of those in this state; nullopt with errno set if the daemon sends
