@@ -37,8 +37,12 @@ if(NOT ZNC_COVERAGE AND NOT ZNC_SANITIZE)
         $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=./build>)
 endif()
 
+# Each target is compiled with the sanitizers that the variable names in its directory.
+set(ZNC_COMPILE_SANITIZERS ${ZNC_SANITIZE})
+define_property(TARGET PROPERTY ZNC_COMPILE_SANITIZERS INITIALIZE_FROM_VARIABLE ZNC_COMPILE_SANITIZERS)
 if(ZNC_SANITIZE)
-    target_compile_options(znc_flags INTERFACE -fsanitize=${ZNC_SANITIZE} -fno-omit-frame-pointer -g)
+    target_compile_options(znc_flags INTERFACE
+        -fsanitize=$<TARGET_PROPERTY:ZNC_COMPILE_SANITIZERS> -fno-omit-frame-pointer -g)
     if(NOT ZNC_SANITIZE STREQUAL "thread")
         target_compile_options(znc_flags INTERFACE -fno-sanitize-recover=all)
     endif()

@@ -1,13 +1,20 @@
 #!/usr/bin/env bash
-# analyse.sh [clang-tidy|cppcheck|gcc]... - runs the named static analysers (default: all):
-# clang-tidy with the checks in .clang-tidy, cppcheck, and the analyser of gcc on the C sources, the
-# only language that it supports well. Prints the findings and fails if there are any.
+# analyse.sh [--recent COMMITS] [clang-tidy|cppcheck|gcc]... - runs the named static analysers (default:
+# all): clang-tidy with the checks in .clang-tidy, cppcheck, and the analyser of gcc on the C sources, the
+# only language that it supports well. Prints the findings and fails if there are any. With --recent,
+# clang-tidy, which takes longer than a build, reads only what the last COMMITS commits changed.
 # shellcheck disable=SC2317 # functions that are called by quietly
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=$(nproc)
 failed=0
+recent=
+if [[ ${1-} == --recent ]]; then
+    recent=$2
+    shift 2
+fi
+folders='base|format|cli|container|daemon|front|import|oci|platform'
 
 # quietly NAME COMMAND...: runs the command and prints its output only if it fails.
 quietly() {
@@ -27,10 +34,16 @@ quietly() {
 # Generated sources are analysed too, so they must have been built. The build with clang and
 # sanitizers is used, which exists after a full test run.
 clang_tidy() {
+    local patterns
     { [[ -e build/asan-ubsan/build.ninja ]] || cmake --preset asan-ubsan; } &&
-        cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import zncrun &&
-        run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan \
-            "^$PWD/(base|format|cli|container|daemon|front|import|oci|platform)/.*\\.cpp\$"
+        cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import zncrun || return
+    patterns=("^$PWD/($folders)/.*\\.cpp\$")
+    if [[ -n $recent ]] && git rev-parse --quiet --verify "HEAD~$recent" >/dev/null; then
+        mapfile -t patterns < <(git diff --name-only --diff-filter=d "HEAD~$recent" |
+            sed -nE "s#^(($folders)/.*)\\.cpp\$#^$PWD/\\1\\\\.cpp\$#p")
+        [[ ${#patterns[@]} -gt 0 ]] || return 0
+    fi
+    run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan "${patterns[@]}"
 }
 
 # Disabled: style checks, checks that need the whole program (unused functions, missing headers),

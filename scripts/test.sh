@@ -2,10 +2,11 @@
 # test.sh [--quick|--all] - the complete test run, on a minimal Debian 12, as root: installs
 # dependencies, checks the sources, builds with both compilers, runs all tests, also with the
 # sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler,
-# the analysers, the other ways to build, fuzzing and the sanitizers. --all tests every fault point
-# (failing system calls, kills, models) instead of a sample, fuzzes each target for ten minutes, and
-# tests on cgroup v2 and with systemd in virtual machines; it takes hours. The last line is "N passed, N failed, N
-# skipped", summed over all runs; a failed step counts as a failed test.
+# the analysers, the other ways to build, fuzzing and the sanitizers. --all runs all tests with the
+# sanitizers and clang-tidy on all files, tests every fault point (failing system calls, kills, models)
+# instead of a sample, fuzzes each target for ten minutes, and tests on cgroup v2 and with systemd in
+# virtual machines; it takes hours. The last line is "N passed, N failed, N skipped", summed over all
+# runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -116,7 +117,9 @@ build_asan_ubsan() { configured_and_built asan-ubsan; }
 build_tsan() {
     if [[ -n $all ]]; then configured_and_built tsan; else configured_and_built tsan thread_tests; fi
 }
-analyse() { scripts/analyse.sh; }
+analyse() {
+    if [[ -n $all ]]; then scripts/analyse.sh; else scripts/analyse.sh --recent 20; fi
+}
 build_otherwise() { scripts/build-matrix.sh ${all:+--all}; }
 
 # run_again PRESET: runs the few programs that failed again, alone; what runs beside is stopped meanwhile.
@@ -135,15 +138,21 @@ run_again() {
     return "$status"
 }
 
+# leave_out PRESET LABEL TEXT: lets the suite run without the tests that have this label.
+leave_out() {
+    selection=(--label-exclude "$2")
+    printf '%s: %s are left out (%s); --all runs them\n' "$1" "$3" \
+        "$(ctest --preset "$1" -N -L "$2" | sed -n 's/^Total Tests: //p')"
+}
+
 # suite PRESET: runs all tests of a build and adds up the results.
 suite() {
     local results=$PWD/build/$1/results.xml counts p f s start=$SECONDS green=1 selection=() again=()
     rm -f "$results" "$results.again"
-    if [[ $1 == tsan && -z $all ]]; then
-        printf 'tsan: programs of one thread are left out (%s); --all runs them\n' \
-            "$(ctest --preset tsan -N -L one_thread | sed -n 's/^Total Tests: //p')"
-        selection=(--label-exclude one_thread)
-    fi
+    case ${all:-$1} in
+    tsan) leave_out "$1" one_thread 'tests of one thread' ;;
+    asan-ubsan) leave_out "$1" long 'long tests of whole programs' ;;
+    esac
     ctest --preset "$1" "${selection[@]}" -j "$jobs" --no-tests=error --output-junit "$results" \
         --test-output-size-passed 50000000 --test-output-size-failed 50000000 || green=
     if [[ -z $green ]] && run_again "$1"; then green=1; fi

@@ -6,11 +6,11 @@
 #include "zncImageLib.hpp"
 
 #include "base/directory.hpp"
+#include "zncBundleRecord.hpp"
 #include "zncLayerListing.hpp"
 #include "zncLayerStage.hpp"
 #include "zncPath.hpp"
 #include "zncStoreLock.hpp"
-#include "zncBundleRecord.hpp"
 
 #include "cJSON_Additions.h"
 #include "zarnel/fs.h"
