@@ -9,7 +9,7 @@ namespace {
 // The ids of all containers, or of those that have stopped. Nullopt with errno set.
 std::optional<std::vector<std::string>> existing_ids(bool stopped)
 {
-    return stopped ? ids_in_state(STATE_STOPPED) : all_ids();
+    return stopped ? all_ids(STATE_STOPPED) : all_ids();
 }
 
 } // namespace

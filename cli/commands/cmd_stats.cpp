@@ -159,7 +159,7 @@ class Stats {
     [[nodiscard]] std::optional<std::vector<std::string>> listed() const
     {
         if (!args_.has("all"))
-            return ids_in_state(STATE_RUNNING);
+            return all_ids(STATE_RUNNING);
         return all_ids();
     }
 

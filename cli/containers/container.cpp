@@ -155,22 +155,15 @@ std::optional<Json> all_states()
     return states;
 }
 
-std::optional<std::vector<std::string>> all_ids()
+std::optional<std::vector<std::string>> all_ids(std::optional<CONTAINER_STATUS> status)
 {
     const std::optional<Json> states = all_states();
     if (!states)
         return std::nullopt;
     std::vector<std::string> ids;
     for (const Json& state : *states)
-        ids.push_back(text_of(state, "id"));
-    return ids;
-}
-
-std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status)
-{
-    auto ids = all_ids();
-    if (ids)
-        std::erase_if(*ids, [status](const std::string& id) { return status_of(id) != status; });
+        if (!status || integer(member(state, "status")) == *status)
+            ids.push_back(text_of(state, "id"));
     return ids;
 }
 

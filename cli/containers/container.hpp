@@ -35,10 +35,10 @@ std::string root_of_bundle(const std::string& bundle);
 // list. If the list does not fit into one reply, asks for the state of each container.
 std::optional<Json> all_states();
 
-// The ids of all containers, or of those in this state; nullopt with errno set if the daemon sends
-// no list.
-std::optional<std::vector<std::string>> all_ids();
-std::optional<std::vector<std::string>> ids_in_state(CONTAINER_STATUS status);
+// The ids of all containers, or of those with this status; nullopt with errno set if the daemon
+// sends no list.
+std::optional<std::vector<std::string>>
+all_ids(std::optional<CONTAINER_STATUS> status = std::nullopt);
 
 // Creates a container from a bundle and connects its network. Returns kExitOk, or another exit
 // status after printing a message; then neither the container nor a bundle made for it remains.

@@ -9,27 +9,14 @@
 namespace zncctl {
 namespace {
 
-bool is_listed_as(const Json& state, CONTAINER_STATUS status)
+int listed_status(const Json& state)
 {
-    return integer(member(state, "status")).value_or(STATE_UNKNOWN) == status;
-}
-
-// The status in the list may be out of date: the daemon notices only when it is asked for the state
-// of a container that its program has ended.
-int status_now(const std::string& id, const Json& state)
-{
-    const std::int64_t listed = integer(member(state, "status")).value_or(STATE_UNKNOWN);
-    if (listed != STATE_RUNNING)
-        return listed >= 0 && listed < STATE_UNKNOWN ? static_cast<int>(listed) : STATE_UNKNOWN;
-    const CONTAINER_STATUS now = zncStatusGet(id.c_str());
-    return now != STATE_UNKNOWN ? now : STATE_RUNNING;
+    const std::int64_t status = integer(member(state, "status")).value_or(STATE_UNKNOWN);
+    return status >= 0 && status < STATE_UNKNOWN ? static_cast<int>(status) : STATE_UNKNOWN;
 }
 
 void complete(ListedContainer& one, const NamespaceIds& namespaces)
 {
-    one.status = status_now(one.id, one.state);
-    if (member(one.state, "status") != nullptr)
-        one.state["status"] = one.status;
     if (one.status == STATE_RUNNING || one.status == STATE_STOPPED)
         one.record = read_record(one.id);
     const auto found = namespaces.find(kept_id(one.id));
@@ -83,14 +70,13 @@ std::optional<std::vector<ListedContainer>> listed_containers()
     std::vector<ListedContainer> all;
     bool any_running = false;
     for (Json& state : *states) {
-        any_running = any_running || is_listed_as(state, STATE_RUNNING);
         const std::string id = text_of(state, "id");
-        all.push_back({std::move(state), id, STATE_UNKNOWN, false, std::nullopt});
+        const int status = listed_status(state);
+        any_running = any_running || status == STATE_RUNNING;
+        all.push_back({std::move(state), id, status, false, std::nullopt});
     }
     const NamespaceIds namespaces = any_running ? namespaces_by_id() : NamespaceIds();
-    call_library([&] {
-        for_each_at_once(all.size(), [&](std::size_t index) { complete(all[index], namespaces); });
-    });
+    for_each_at_once(all.size(), [&](std::size_t index) { complete(all[index], namespaces); });
     return all;
 }
 
