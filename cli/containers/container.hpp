@@ -22,7 +22,8 @@ struct NewBundle;
 std::optional<Json> state_of(const std::string& id);
 
 // The status of a container. STATE_UNKNOWN with errno set if there is no such container or no
-// daemon. The daemon notices that a container has ended only when its state is requested.
+// daemon. The daemon notices that a container has ended only when its state or the list is
+// requested.
 CONTAINER_STATUS status_of(const std::string& id);
 
 // The number of the user that the container's program runs as, in the container.
