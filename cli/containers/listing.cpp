@@ -83,6 +83,7 @@ std::optional<std::vector<ListedContainer>> listed_containers()
 std::vector<std::string> ids_of(const std::vector<ListedContainer>& containers)
 {
     std::vector<std::string> ids;
+    ids.reserve(containers.size());
     for (const ListedContainer& one : containers)
         ids.push_back(one.id);
     return ids;

@@ -13,10 +13,13 @@
 
 namespace spare_processes {
 
+// "" if the process of a file below /proc has ended, also while it is read.
 inline std::string text_of_file(const std::filesystem::path& path)
 {
     std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 inline std::string name_of(pid_t pid)

@@ -114,12 +114,17 @@ class SystemWorld : public testing::TestWithParam<bool> {
         }
     }
 
-    // The daemon closes a client's queue after the client has received its reply, and reaps keepers
-    // during the next request or some seconds later.
+    // The daemon closes a client's queue after the client has received its reply, reaps keepers
+    // during the next request or some seconds later, and deletes files in a thread of its own: the
+    // ledger is one that does not change any more.
     void settle()
     {
-        EXPECT_TRUE(eventually([this] { return daemon_->is_idle(); }));
-        ledger_ = Ledger::take(kStorage, daemon());
+        EXPECT_TRUE(eventually([this] {
+            const Ledger before = Ledger::take(kStorage, daemon());
+            const bool idle = daemon_->is_idle();
+            ledger_ = Ledger::take(kStorage, daemon());
+            return idle && ledger_.compared_with(before).empty();
+        }));
     }
 
     // Returns what was added or removed since the ledger was taken, except for lines that contain

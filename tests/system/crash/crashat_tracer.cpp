@@ -75,7 +75,6 @@ void Tracer::watch(Side side, Judge judge)
                 return false;
         return true;
     };
-    // A process that creates a network namespace waits for all that are being removed.
     if (!serve_until(all_resumed, std::chrono::seconds(60)))
         throw std::runtime_error("a traced process does not stop");
 }
@@ -136,6 +135,9 @@ void Tracer::handle_stop(pid_t pid, int status)
     const int signal = WSTOPSIG(status);
     const int event = status >> 16;
     int deliver = 0;
+    // A stop for any other reason takes the place of the requested one.
+    if (tracee.side != Side::kNone)
+        tracee.interrupted = false;
     switch (event) {
     case PTRACE_EVENT_FORK:
     case PTRACE_EVENT_VFORK:
@@ -165,7 +167,6 @@ void Tracer::handle_stop(pid_t pid, int status)
             tracee.interrupted = true;
             return;
         }
-        tracee.interrupted = false;
         break;
     default:
         if (signal == (SIGTRAP | 0x80))
