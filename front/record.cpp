@@ -68,7 +68,9 @@ bool take_lock(int lock)
 {
     const auto deadline = Clock::now() + kKeeperTimeout;
     while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK || Clock::now() >= deadline) {
+        if (errno != EWOULDBLOCK)
+            return false;
+        if (Clock::now() >= deadline) {
             errno = EBUSY;
             return false;
         }
