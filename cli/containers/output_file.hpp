@@ -4,6 +4,7 @@
 #define ZNC_CLI_CONTAINERS_OUTPUT_FILE_HPP
 
 #include <string>
+#include <sys/types.h>
 
 #include "base/owned.hpp"
 
@@ -11,8 +12,8 @@ namespace zncctl {
 
 class OutputFile {
   public:
-    // Opens the file: a new one beside it that takes its name later, or itself if it is no regular
-    // file. Throws std::runtime_error.
+    // Opens the file: a new one in its directory that takes its name later, or itself if it is no
+    // regular file. Throws std::runtime_error.
     explicit OutputFile(std::string path);
     ~OutputFile(); // without finish(), removes the new file
     OutputFile(const OutputFile&) = delete;
@@ -23,9 +24,13 @@ class OutputFile {
     void finish();
 
   private:
+    void open_new(mode_t mode);
+    bool give_name();
+
     std::string path_;
     std::string temporary_; // "": none
     znc::UniqueFd file_;
+    bool has_no_name_ = false; // the new file
 };
 
 } // namespace zncctl

@@ -109,6 +109,16 @@ else
 fi
 run zncctl export nosuch
 fails_with 'a container that does not exist' 2 'Container does not exist'
+# A signal ends the export when its file reaches a size of one MiB.
+mkdir "$work/killed"
+dd if=/dev/urandom of=/overlay/web/large bs=1M count=8 2>/dev/null
+(
+    ulimit -f 1024
+    exec "$ZNCCTL" export -o "$work/killed/web.tar" web
+)
+check 'the export was killed before its end' test $? = 153
+check 'nothing is left of an export that was killed' test -z "$(ls -A "$work/killed")"
+rm -rf /overlay/web/large "$work/killed"
 check 'nothing is left of archives that failed' test -z "$(find "$work" -name '*.tar.*')"
 
 # ---------------------------------------------------------------- created, and in the middle of changes
