@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <stdexcept>
 #include <utility>
 
 #include "zarnel/ns.h"
@@ -126,10 +127,15 @@ bool is_too_long(const NamespaceIds& ids)
     std::size_t length = 0;
     for (const auto& [id, ns] : ids)
         length += kEach + id.size();
-    // Bundles that zncctl made have paths of a known length.
-    const std::string base = length > kReplyMax / 4 ? storage_base() : "";
-    for (const auto& [id, ns] : ids)
-        length += base.empty() || length > kReplyMax ? 0 : own_bundle(id, base).size();
+    if (length <= kReplyMax / 4 || length > kReplyMax)
+        return length > kReplyMax;
+    try { // bundles that zncctl made have paths of a known length
+        const std::string base = storage_base();
+        for (const auto& [id, ns] : ids)
+            length += own_bundle(id, base).size();
+    } catch (const std::runtime_error&) {
+        return false; // without a storage base there are none
+    }
     return length > kReplyMax;
 }
 
