@@ -151,6 +151,26 @@ def l7(world):
     return compare(samples, {"crun run, 8 clients": 0.33, "ours, 1 client": 0.67}, "ours, 8 clients")
 
 
+def l9(world):
+    """create a further container of an image"""
+    ctl = f"{world.bin}/zncctl"
+
+    def creates(*command):
+        sample = by_commands(world, [ctl, "create", *command])
+        subprocess.run([ctl, "rm", "-af"], check=True, stdout=subprocess.DEVNULL)
+        return sample
+
+    with Daemon(world, overlay=True):
+        ours, _ = bundles()
+        layout = fixtures.Layout(f"{WORK}/layout")
+        layout.image("latest", [layout.layer(fixtures.archive(f"{ours}/rootfs"))])
+        layout.finish()
+        of_image = ["--os", "linux", "--network", "none", "--progress", "none", "--name", "@", layout.path]
+        samples = interleave({"ours": lambda: creates(*of_image), "of a bundle": lambda: creates("@", ours)},
+                             world.pairs)
+    return compare(samples, {"of a bundle": 1.2})
+
+
 def milliseconds(world, *command):
     return statistics.median(run(*command).wall for _ in range(max(3, world.pairs))) * 1e3
 

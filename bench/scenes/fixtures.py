@@ -58,6 +58,14 @@ class Layout:
         return self.blob(packed, LAYER), "sha256:" + hashlib.sha256(archive).hexdigest()
 
 
+def archive(tree):
+    """A tree as a layer, uncompressed."""
+    data = io.BytesIO()
+    with tarfile.open(fileobj=data, mode="w", format=tarfile.USTAR_FORMAT) as tar:
+        tar.add(tree, arcname=".")
+    return data.getvalue()
+
+
 def copy_tree(source, target):
     """Copies a tree, including device nodes."""
     os.makedirs(target, exist_ok=True)
