@@ -24,6 +24,11 @@ if [[ $# -ne 1 || $1 == -* ]]; then
 fi
 if ! mkdir "$1"; then exit 1; fi
 out=$(realpath "$1")
+if [[ $out == /tmp/* ]]; then
+    rmdir "$out"
+    printf 'release.sh: %s: the tests of the packages have a /tmp of their own; choose another directory\n' "$out" >&2
+    exit 64
+fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 checked() { "$@" >"$work/log" 2>&1; }

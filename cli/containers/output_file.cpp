@@ -55,14 +55,16 @@ void OutputFile::open_new(mode_t mode)
         file_.reset();
 }
 
-// linkat() does not replace a file: the new one gets another name first.
+// linkat() does not replace a file: the new one gets another name first. Without
+// CAP_DAC_READ_SEARCH, a file without a name can be linked by its name in /dev/fd only.
 bool OutputFile::give_name()
 {
     constexpr int kNames = 100;
-    const std::string file = fmt::format("/proc/self/fd/{}", file_.get());
+    const std::string file = fmt::format("/dev/fd/{}", file_.get());
     for (int number = 0; number < kNames; number++) {
         std::string name = fmt::format("{}.{}-{}", path_, ::getpid(), number);
-        if (::linkat(AT_FDCWD, file.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+        if (::linkat(file_.get(), "", AT_FDCWD, name.c_str(), AT_EMPTY_PATH) == 0 ||
+            ::linkat(AT_FDCWD, file.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
             temporary_ = std::move(name);
             return true;
         }
