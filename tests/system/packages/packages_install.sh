@@ -64,7 +64,7 @@ base=/var/lib/zncontainer
 stores_at() { inside zncctl info --format json | jq -r .storage; }
 if [[ -n ${ZNC_DEBS-} || $(stores_at) == "$base" ]]; then
     check 'the programs store where packages do' prints "$base" stores_at
-    mkdir -m 0700 "$root$base"
+    install -d -m 0700 "$root$base" # asking may have made it
     mount --bind "$root/storage" "$root$base"
 else
     printf 'skipped - the programs store where packages do: this build has other options\n'
