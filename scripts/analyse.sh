@@ -2,7 +2,7 @@
 # analyse.sh [--recent COMMITS] [clang-tidy|cppcheck|gcc]... - runs the named static analysers (default:
 # all): clang-tidy with the checks in .clang-tidy, cppcheck, and the analyser of gcc on the C sources, the
 # only language that it supports well. Prints the findings and fails if there are any. With --recent,
-# clang-tidy, which takes longer than a build, reads only what the last COMMITS commits changed.
+# clang-tidy, which takes longer than a build, reads only the .cpp files that the last COMMITS commits changed.
 # shellcheck disable=SC2317 # functions that are called by quietly
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -11,7 +11,7 @@ jobs=$(nproc)
 failed=0
 recent=
 if [[ ${1-} == --recent ]]; then
-    recent=$2
+    recent=${2:?analyse.sh: --recent needs a number of commits}
     shift 2
 fi
 folders='base|format|cli|container|daemon|front|import|oci|platform'
@@ -34,14 +34,15 @@ quietly() {
 # Generated sources are analysed too, so they must have been built. The build with clang and
 # sanitizers is used, which exists after a full test run.
 clang_tidy() {
-    local patterns
+    local patterns changed
     { [[ -e build/asan-ubsan/build.ninja ]] || cmake --preset asan-ubsan; } &&
         cmake --build --preset asan-ubsan -j "$jobs" --target zncontainer zncd zncctl zncctl-import zncrun || return
     patterns=("^$PWD/($folders)/.*\\.cpp\$")
     if [[ -n $recent ]] && git rev-parse --quiet --verify "HEAD~$recent" >/dev/null; then
-        mapfile -t patterns < <(git diff --name-only --diff-filter=d "HEAD~$recent" |
-            sed -nE "s#^(($folders)/.*)\\.cpp\$#^$PWD/\\1\\\\.cpp\$#p")
-        [[ ${#patterns[@]} -gt 0 ]] || return 0
+        changed=$(git diff --name-only --diff-filter=d "HEAD~$recent") || return
+        changed=$(sed -nE "s#^(($folders)/.*)\\.cpp\$#^$PWD/\\1\\\\.cpp\$#p" <<<"$changed")
+        [[ -n $changed ]] || return 0
+        mapfile -t patterns <<<"$changed"
     fi
     run-clang-tidy -quiet -j "$jobs" -p build/asan-ubsan "${patterns[@]}"
 }
@@ -77,7 +78,7 @@ for analyser in "$@"; do
     cppcheck) quietly 'cppcheck has no findings' run_cppcheck ;;
     gcc) quietly "gcc's analyser has no findings" gcc_analyser ;;
     *)
-        printf 'usage: analyse.sh [clang-tidy|cppcheck|gcc]...\n' >&2
+        printf 'usage: analyse.sh [--recent COMMITS] [clang-tidy|cppcheck|gcc]...\n' >&2
         exit 64
         ;;
     esac

@@ -12,6 +12,7 @@
 #include "pause.hpp"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fmt/format.h>
@@ -98,11 +99,18 @@ std::optional<Json> states_of(const std::set<std::string>& known)
         if (is_container_id(id))
             ids.push_back(id);
     std::vector<Answer> answers(ids.size());
+    std::atomic<bool> failed =
+        false; // then no more is requested: each request may wait for seconds
     call_library([&] {
         for_each_at_once(ids.size(), [&](std::size_t index) {
             Answer& answer = answers[index];
+            answer.error = ENODEV;
+            if (failed)
+                return;
             answer.state = request_state(ids[index]);
             answer.error = answer.state ? 0 : errno;
+            if (!answer.state && answer.error != ENODEV)
+                failed = true;
         });
     });
     Json states = Json::array();

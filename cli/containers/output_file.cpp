@@ -51,8 +51,12 @@ void OutputFile::open_new(mode_t mode)
         if (!file_)
             temporary_.clear();
     }
-    if (file_ && ::fchmod(file_.get(), mode) != 0)
+    if (file_ && ::fchmod(file_.get(), mode) != 0) {
+        const znc::ErrnoSaver keep;
         file_.reset();
+        if (!temporary_.empty())
+            ::unlink(temporary_.c_str());
+    }
 }
 
 // linkat() does not replace a file: the new one gets another name first. Without
