@@ -1,10 +1,10 @@
 #include "console.hpp"
 
+#include "base/descriptor_message.hpp"
 #include "bundle.hpp"
 #include "front/files.hpp"
 
 #include <array>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -56,22 +56,10 @@ void Console::set_size(ZN_ENGINE_PROGRAM& program) const
 void Console::receive_master()
 {
     std::array<char, 256> text{};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    iovec data = {text.data(), text.size()};
-    msghdr message = {};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t got = ::recvmsg(receiver_.get(), &message, MSG_CMSG_CLOEXEC);
-    const cmsghdr* header = got > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
-    if (header == nullptr || header->cmsg_type != SCM_RIGHTS ||
-        header->cmsg_len != CMSG_LEN(sizeof(int)))
+    znc::receive_descriptor(receiver_.get(), text.data(), text.size(), 0, master_);
+    if (!master_)
         throw Failure("console: the terminal was not received");
-    int master = -1;
-    std::memcpy(&master, CMSG_DATA(header), sizeof master);
-    master_.reset(master);
-    if (::fcntl(master, F_SETFL, O_RDWR | O_NONBLOCK) != 0)
+    if (::fcntl(master_.get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0)
         throw Failure("console: " + zncctl::error_text());
 }
 

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -64,6 +65,14 @@ class ReservedDescriptor {
   private:
     bool good_;
 };
+
+// A third descriptor for each container saves time only, so it is not kept where it could be
+// missed.
+bool may_keep(int fd)
+{
+    rlimit limit = {};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && static_cast<rlim_t>(fd) < limit.rlim_cur / 2;
+}
 
 } // namespace
 
@@ -150,11 +159,15 @@ bool Keeper::launch(const char* part, int mounts, unsigned long namespaces)
     return pid_ > 0;
 }
 
-// Receives the answer to the request of this number. 0 or an error number.
-int Keeper::receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds)
+// Receives the answer to the request of this number, and the descriptor that comes with it. 0 or an
+// error number.
+int Keeper::receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds,
+                    UniqueFd* descriptor)
 {
     for (;;) {
-        const ssize_t n = ::recv(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT);
+        UniqueFd sent;
+        const ssize_t n =
+            znc::receive_descriptor(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT, sent);
         if (n < 0 && errno == EAGAIN) {
             if (readable_within(socket_.get(), waitMilliseconds))
                 continue;
@@ -162,12 +175,13 @@ int Keeper::receive(wire::Answer& answer, std::uint32_t serial, int waitMillisec
             socket_.reset(); // a late answer must not be taken for the answer to a later request
             return ETIMEDOUT;
         }
-        if (n < 0 && errno == EINTR)
-            continue;
         if (n != static_cast<ssize_t>(sizeof answer))
             return ESRCH;
-        if (answer.serial == serial)
-            return 0;
+        if (answer.serial != serial)
+            continue;
+        if (descriptor != nullptr)
+            *descriptor = std::move(sent);
+        return 0;
     }
 }
 
@@ -206,6 +220,25 @@ int Keeper::ask(const wire::Request& request, std::span<const char> text, int de
     if (value != nullptr)
         *value = answer.value;
     return answer.error;
+}
+
+// The processes of a namespace end with its keeper, so a live one says enough.
+int Keeper::in_use(bool& used)
+{
+    used = live_ && !process_ended(live_.get(), 0);
+    if (used)
+        return 0;
+    live_.reset();
+    wire::Request request = {};
+    request.op = wire::Op::kInUse;
+    wire::Answer answer = {};
+    int error = send(request, {}, -1, 0);
+    if (error == 0)
+        error = receive(answer, serial_, kAnswerMilliseconds, &live_);
+    if (live_ && !may_keep(live_.get()))
+        live_.reset();
+    used = error == 0 && answer.error == 0 && answer.value != 0;
+    return error != 0 ? error : answer.error;
 }
 
 int Keeper::post(const wire::Request& request, std::span<const char> text, int descriptor)

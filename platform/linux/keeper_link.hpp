@@ -46,6 +46,10 @@ class Keeper {
     int ask(wire::Op op, std::uint64_t value = 0, std::uint64_t* answer = nullptr,
             int waitMilliseconds = kAnswerMilliseconds);
 
+    // Whether a process other than the keeper is alive in its namespace. 0 or an error number as of
+    // ask(). Does not ask while the process lives that the keeper has named before.
+    int in_use(bool& used);
+
     // Sends a request without waiting for the answer, for which collect() must be called before the
     // next ask(). The receiver carries it out unless one that was posted before has failed. 0 or an
     // error number: EAGAIN if earlier answers must be collected first.
@@ -71,12 +75,14 @@ class Keeper {
   private:
     static int bare_mounts();
     int send(wire::Request request, std::span<const char> text, int descriptor, int flags);
-    int receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds);
+    int receive(wire::Answer& answer, std::uint32_t serial, int waitMilliseconds,
+                znc::UniqueFd* descriptor = nullptr);
     bool launch(const char* part, int mounts, unsigned long namespaces);
 
     pid_t pid_ = -1;
     znc::UniqueFd pidfd_;
     znc::UniqueFd socket_;
+    znc::UniqueFd live_;       // pidfd of a process that was alive in the namespace
     std::uint32_t serial_ = 0; // of the last request
     std::uint32_t posted_ = 0; // number of the last requests whose answers were not collected
 };

@@ -623,11 +623,11 @@ STATUS znnsInUse(nsid_t id, BOOL* inUse)
         *inUse = TRUE;
         return OK;
     }
-    std::uint64_t used = 0;
-    const int error = ns->keeper.ask(wire::Op::kInUse, 0, &used);
+    bool used = false;
+    const int error = ns->keeper.in_use(used);
     if (error != 0 && error != ESRCH)
         return result(error);
-    *inUse = error == 0 && used != 0 ? TRUE : FALSE;
+    *inUse = used ? TRUE : FALSE;
     return OK;
 }
 

@@ -8,6 +8,7 @@
 // is replaced after a minute.
 #include "ns_spare.hpp"
 
+#include "base/descriptor_message.hpp"
 #include "base/mutex_hold.hpp"
 #include "ns_surroundings.hpp"
 #include "system/pidfd.hpp"
@@ -68,31 +69,6 @@ struct Member {
         state = State::kNone;
     }
 };
-
-// Receives a message that is there already, and the descriptor sent with it. The number of bytes; 0
-// if the sender is gone, -1 with EAGAIN if there is none.
-ssize_t receive_now(int socket, void* data, std::size_t size, UniqueFd& descriptor)
-{
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    iovec iov = {data, size};
-    msghdr message = {};
-    message.msg_iov = &iov;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    ssize_t n;
-    do {
-        n = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    } while (n < 0 && errno == EINTR);
-    const cmsghdr* const header = n > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
-    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
-        header->cmsg_len == CMSG_LEN(sizeof(int))) {
-        int fd = -1;
-        std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
-        descriptor.reset(fd);
-    }
-    return n;
-}
 
 class Pool {
   public:
@@ -175,7 +151,8 @@ void Pool::collect_answers()
     for (;;) {
         wire::SpareAnswer answer = {};
         UniqueFd socket;
-        const ssize_t n = receive_now(starter_.process.socket(), &answer, sizeof answer, socket);
+        const ssize_t n = znc::receive_descriptor(starter_.process.socket(), &answer, sizeof answer,
+                                                  MSG_DONTWAIT, socket);
         if (n != static_cast<ssize_t>(sizeof answer))
             return;
         awaited_ -= awaited_ != 0 ? 1 : 0;
@@ -206,7 +183,8 @@ void Pool::collect()
         if (spare.state == Member::State::kStarting) {
             wire::Answer ready = {};
             UniqueFd none;
-            if (receive_now(spare.process.socket(), &ready, sizeof ready, none) > 0) {
+            if (znc::receive_descriptor(spare.process.socket(), &ready, sizeof ready, MSG_DONTWAIT,
+                                        none) > 0) {
                 spare.state = Member::State::kReady;
                 late_ = false;
             }

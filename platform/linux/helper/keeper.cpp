@@ -70,23 +70,23 @@ ProcessState process_state(int proc, const char* pid)
     return parent[0] >= '1' && parent[0] <= '9' ? ProcessState::kZombie : ProcessState::kIgnored;
 }
 
-// Whether one of the first processes of the namespace is alive. Their pidfds become readable when
-// the last thread ends. For almost every running container this finds the first process and avoids
-// the much slower mount of a procfs.
-bool early_process_lives()
+// The pidfd of one of the first processes of the namespace that is alive, or none. It becomes
+// readable when the last thread ends. For almost every running container this finds the first
+// process and avoids the much slower mount of a procfs.
+sys::Fd early_live_process()
 {
     constexpr long kFirst = 2;
     constexpr long kEnd = 10;
     for (long pid = kFirst; pid < kEnd; pid++) {
-        const sys::Fd process(sys::call(__NR_pidfd_open, pid, 0));
+        sys::Fd process(sys::call(__NR_pidfd_open, pid, 0));
         if (!process.valid())
             continue;
         pollfd ended = {process.get(), POLLIN, 0};
         const __kernel_timespec now = {};
         if (sys::call(__NR_ppoll, sys::arg(&ended), 1, sys::arg(&now), 0, 0) == 0)
-            return true;
+            return process;
     }
-    return false;
+    return sys::Fd();
 }
 
 struct DirectoryEntry { // linux_dirent64
@@ -97,9 +97,11 @@ struct DirectoryEntry { // linux_dirent64
     char name[1];
 };
 
-int in_use(std::uint64_t* used)
+// `process`: one that is alive, if it was found by its descriptor.
+int in_use(std::uint64_t* used, sys::Fd& process)
 {
-    *used = early_process_lives() ? 1 : 0;
+    process = early_live_process();
+    *used = process.valid() ? 1 : 0;
     if (*used != 0 || sys::call(__NR_kill, -1, 0) == -ESRCH)
         return 0;
     // Processes exist, but may all be zombies whose parents are outside. Look at them in a detached
@@ -136,7 +138,7 @@ int in_use(std::uint64_t* used)
     }
 }
 
-int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value)
+int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value, sys::Fd& process)
 {
     const wire::Request& request = in.request;
     const char* first = in.text;
@@ -173,9 +175,10 @@ int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value
         return result == -ESRCH ? 0 : static_cast<int>(-result);
     }
     case wire::Op::kInUse:
-        return in_use(value);
+        return in_use(value, process);
     case wire::Op::kEnd: {
-        const int error = in_use(value);
+        sys::Fd alive;
+        const int error = in_use(value, alive);
         if (error != 0 || *value != 0)
             sys::call(__NR_kill, -1, SIGKILL);
         return error;
@@ -225,8 +228,10 @@ void initialize(const char* name)
         if (isSpare && isFirst)
             sys::call(__NR_prctl, PR_SET_NAME, sys::arg(wire::kKeeperName));
         wire::Answer answer = {};
-        answer.error = serve(in, descriptor.get(), isSpare, &answer.value);
-        request_answer(wire::kKeeperSocket, in.request, answer);
+        sys::Fd process;
+        answer.error = serve(in, descriptor.get(), isSpare, &answer.value, process);
+        request_answer(wire::kKeeperSocket, in.request, answer,
+                       process.valid() ? process.get() : -1);
         // Exit after answering: the exit may take as long as writing back the dirty data of the
         // mounts that go with this namespace.
         if (in.request.op == wire::Op::kEnd && answer.error == 0 && answer.value == 0)

@@ -56,11 +56,11 @@ bool request_receive(int socket, Incoming& in, sys::Fd& descriptor)
     return true;
 }
 
-void request_answer(int socket, const wire::Request& request, wire::Answer answer)
+void request_answer(int socket, const wire::Request& request, wire::Answer answer, int descriptor)
 {
     answer.serial = request.serial;
     // If the sender of the request is gone, the next receive reports it.
-    sys::call(__NR_sendto, socket, sys::arg(&answer), sizeof answer, kMsgNoSignal);
+    static_cast<void>(descriptor_send(socket, &answer, sizeof answer, descriptor));
 }
 
 int descriptor_send(int socket, const void* data, std::size_t size, int descriptor)

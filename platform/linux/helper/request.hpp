@@ -15,8 +15,9 @@ struct Incoming {
 // Receives a request and the descriptor sent with it. False if the sender is gone.
 bool request_receive(int socket, Incoming& in, sys::Fd& descriptor);
 
-// Answers `request`.
-void request_answer(int socket, const wire::Request& request, wire::Answer answer);
+// Answers `request`, with a descriptor unless it is negative.
+void request_answer(int socket, const wire::Request& request, wire::Answer answer,
+                    int descriptor = -1);
 
 // Sends `size` bytes with a descriptor, or without one if it is negative. 0 or an error number.
 int descriptor_send(int socket, const void* data, std::size_t size, int descriptor);

@@ -50,7 +50,8 @@ enum class Op : std::uint32_t {
     kReadOnly,   // text: path to be made read-only, "/" for the root itself; value:
                  // kReadOnlyMount or 0
     kKill,       // value: host signal
-    kInUse,      // answers 1 if another live process exists, else 0
+    kInUse,      // answers 1 if another live process exists, else 0; with the pidfd of a live
+                 // process if one of the first lives
     kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
 
     // Only for the first process of an engine's container, which also serves the mounts, devices

@@ -2,7 +2,9 @@
 // the owner.
 #include "keeper_link.hpp"
 
+#include "base/descriptor_message.hpp"
 #include "platform/common/clock.hpp"
+#include "system/pidfd.hpp"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -15,9 +17,12 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -151,11 +156,31 @@ class Posts : public ::testing::Test {
                   static_cast<ssize_t>(sizeof request));
         return request;
     }
-    void answer(const Request& request, int error, std::uint64_t value = 0)
+    void answer(const Request& request, int error, std::uint64_t value = 0, int descriptor = -1)
     {
-        const Answer answer = {error, request.serial, value};
-        EXPECT_EQ(::send(other_.get(), &answer, sizeof answer, 0),
-                  static_cast<ssize_t>(sizeof answer));
+        Answer answer = {error, request.serial, value};
+        iovec data = {&answer, sizeof answer};
+        msghdr message = {};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        znc::DescriptorControl control;
+        if (descriptor >= 0)
+            znc::add_descriptor(message, control, descriptor);
+        EXPECT_EQ(::sendmsg(other_.get(), &message, 0), static_cast<ssize_t>(sizeof answer));
+    }
+    // The next request will have the number after that of `last`.
+    static Request after(Request last)
+    {
+        last.serial++;
+        return last;
+    }
+    Request first_request()
+    {
+        EXPECT_EQ(post(0), 0);
+        const Request first = received();
+        answer(first, 0);
+        EXPECT_EQ(keeper_.collect(1000), 0);
+        return first;
     }
 
     Keeper keeper_;
@@ -177,6 +202,74 @@ TEST_F(Posts, AreSentAtOnceAndAnsweredInTheirOrder)
     answer(second, ENOENT);
     EXPECT_EQ(keeper_.collect(1000), 0);
     EXPECT_EQ(keeper_.collect(1000), ENOENT);
+}
+
+TEST_F(Posts, ALiveProcessIsAskedForOnceUntilItHasEnded)
+{
+    Request request = after(first_request());
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    const UniqueFd process = zn::process_open(pid);
+    ASSERT_TRUE(process);
+    answer(request, 0, 1, process.get());
+    bool used = false;
+    EXPECT_EQ(keeper_.in_use(used), 0);
+    EXPECT_TRUE(used);
+    EXPECT_EQ(received().op, Op::kInUse);
+    used = false;
+    EXPECT_EQ(keeper_.in_use(used), 0) << "no answer is there";
+    EXPECT_TRUE(used);
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
+    request = after(request);
+    answer(request, 0, 0);
+    EXPECT_EQ(keeper_.in_use(used), 0);
+    EXPECT_FALSE(used);
+    EXPECT_EQ(received().serial, request.serial);
+}
+
+TEST_F(Posts, AnAnswerWithoutADescriptorIsAskedForAgain)
+{
+    Request request = after(first_request());
+    for (int i = 0; i < 2; i++) {
+        answer(request, 0, 1);
+        bool used = false;
+        EXPECT_EQ(keeper_.in_use(used), 0);
+        EXPECT_TRUE(used);
+        EXPECT_EQ(received().serial, request.serial);
+        request = after(request);
+    }
+    answer(request, EIO, 1);
+    bool used = true;
+    EXPECT_EQ(keeper_.in_use(used), EIO);
+    EXPECT_FALSE(used);
+}
+
+TEST_F(Posts, TheProcessIsNotKeptWhenHalfOfTheDescriptorsAreUsed)
+{
+    Request request = after(first_request());
+    rlimit limit = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    rlimit low = limit;
+    low.rlim_cur = 2;
+    const std::size_t before = own_count();
+    for (int i = 0; i < 2; i++) {
+        const UniqueFd process = zn::process_open(::getpid());
+        answer(request, 0, 1, process.get());
+        bool used = false;
+        if (i == 0)
+            low.rlim_cur = static_cast<rlim_t>(process.get()) + 2; // it can be received
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+        EXPECT_EQ(keeper_.in_use(used), 0);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        EXPECT_TRUE(used);
+        EXPECT_EQ(received().serial, request.serial) << "asked in each round";
+        request = after(request);
+    }
+    EXPECT_EQ(own_count(), before);
 }
 
 TEST_F(Posts, AnswersToEarlierOwnersAreNotTakenForTheirs)

@@ -127,6 +127,27 @@ TEST_F(Namespaces, KillDoesNotReachTheKeeper)
     EXPECT_EQ(znnsDelete(ns), OK);
 }
 
+TEST_F(Namespaces, InUseDoesNotAskTheKeeperAgainWhileAProcessLives)
+{
+    const nsid_t ns = rooted();
+    const pid_t keeper = keeper_of(ns);
+    const pid_t first = start(ns, "read line < /dev/ptmx");
+    const pid_t second = start(ns, "read line < /dev/ptmx");
+    ASSERT_GT(first, 0);
+    ASSERT_GT(second, 0);
+    EXPECT_TRUE(in_use(ns));
+    ASSERT_EQ(::kill(keeper, SIGSTOP), 0);
+    EXPECT_TRUE(in_use(ns)) << "a stopped keeper cannot answer";
+    ASSERT_EQ(::kill(keeper, SIGCONT), 0);
+    ::kill(first, SIGKILL);
+    wait(first);
+    EXPECT_TRUE(in_use(ns)) << "the second one lives";
+    ::kill(second, SIGKILL);
+    wait(second);
+    EXPECT_FALSE(in_use(ns));
+    EXPECT_EQ(znnsDelete(ns), OK);
+}
+
 TEST_F(Namespaces, AKeeperThatDoesNotAnswerIsKilledAlsoWhileSignalsArrive)
 {
     const nsid_t ns = rooted();
