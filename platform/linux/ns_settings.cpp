@@ -1,6 +1,7 @@
 // ns_settings.cpp - see ns_settings.hpp.
 #include "ns_settings.hpp"
 
+#include "cgroup/cgroup_known.hpp"
 #include "confinement.hpp"
 #include "keeper_request.hpp"
 #include "ns_kinds.hpp"
@@ -260,6 +261,7 @@ int NamespaceSettings::make_group(nsid_t id, const char* name, bool (*taken)(con
                                   SettingsFault& fault)
 {
     const bool given = settings_.cgroupsPath && settings_.cgroupsPath[0] != '\0';
+    const KnownHierarchies known; // so that they are looked for once
     if (cgroup_version() == CgroupVersion::kNone)
         return given || has_limits(settings_.resources)
                    ? refuse(fault, given ? "linux.cgroupsPath" : "linux.resources",

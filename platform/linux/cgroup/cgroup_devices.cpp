@@ -97,7 +97,7 @@ void join_exceptions(DeviceList& list)
 }
 
 // "c 1:3 rwm"
-int write_exception(const LimitGroup& group, const LimitFile& file, const DeviceRule& rule)
+int write_exception(int file, const DeviceRule& rule)
 {
     char major[24] = "*";
     char minor[24] = "*";
@@ -108,7 +108,7 @@ int write_exception(const LimitGroup& group, const LimitFile& file, const Device
         std::snprintf(minor, sizeof minor, "%" PRId64, rule.minor);
     std::snprintf(text, sizeof text, "%c %s:%s %s%s%s", rule.type, major, minor,
                   rule.read ? "r" : "", rule.write ? "w" : "", rule.make ? "m" : "");
-    return group.write(file, text);
+    return control_put(file, text);
 }
 
 int apply_v1(const LimitGroup& group, const List<DeviceRule>& rules)
@@ -119,9 +119,14 @@ int apply_v1(const LimitGroup& group, const List<DeviceRule>& rules)
     int error = device_list(rules.all(), list);
     if (error == 0)
         error = group.write(list.allowAll ? kAllow : kDeny, "a");
+    if (error != 0 || list.exceptions.empty())
+        return error;
+    const UniqueFd file = control_open(group.get(), (list.allowAll ? kDeny : kAllow).v1, O_WRONLY);
+    if (!file)
+        return errno;
     for (const DeviceRule& rule : list.exceptions)
         if (error == 0 && access_bits(rule) != 0)
-            error = write_exception(group, list.allowAll ? kDeny : kAllow, rule);
+            error = write_exception(file.get(), rule);
     return error;
 }
 

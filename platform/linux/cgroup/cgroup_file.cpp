@@ -35,10 +35,13 @@ znc::UniqueFd control_open(int group, const char* file, int flags)
 int control_write(int group, const char* file, std::string_view text)
 {
     const znc::UniqueFd fd = control_open(group, file, O_WRONLY | O_TRUNC);
-    if (!fd)
-        return errno;
+    return fd ? control_put(fd.get(), text) : errno;
+}
+
+int control_put(int file, std::string_view text)
+{
     for (;;) {
-        const ssize_t put = ::write(fd.get(), text.data(), text.size());
+        const ssize_t put = ::write(file, text.data(), text.size());
         if (put >= 0)
             return static_cast<std::size_t>(put) == text.size() ? 0 : EIO;
         if (errno != EINTR)

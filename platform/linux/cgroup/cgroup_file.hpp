@@ -21,6 +21,8 @@ znc::UniqueFd control_open(int group, const char* file, int flags);
 
 // Writes the text by one call: the kernel takes each call as a complete value.
 int control_write(int group, const char* file, std::string_view text);
+// The same with a file that is open.
+int control_put(int file, std::string_view text);
 
 bool control_exists(int group, const char* file);
 

@@ -27,8 +27,10 @@ struct Place {
     }
 };
 
-pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+int g_users = 0; // number of objects that exist, all of one thread
 Hierarchies g_known;
+int g_error = 0; // of reading them
 Place g_top;
 
 Place look(int directory, const char* path)
@@ -60,18 +62,24 @@ bool is_valid()
 KnownHierarchies::KnownHierarchies()
 {
     ::pthread_mutex_lock(&g_lock);
-    if (is_valid())
+    if (g_users++ != 0 || is_valid())
         return;
     g_known = Hierarchies();
     g_top = look(AT_FDCWD, kCgroupTop);
-    error_ = hierarchies_read(g_known);
-    if (error_ != 0)
+    g_error = hierarchies_read(g_known);
+    if (g_error != 0)
         g_known = Hierarchies();
 }
 
 KnownHierarchies::~KnownHierarchies()
 {
+    g_users--;
     ::pthread_mutex_unlock(&g_lock);
+}
+
+int KnownHierarchies::error() const
+{
+    return g_error;
 }
 
 const Hierarchies& KnownHierarchies::get() const

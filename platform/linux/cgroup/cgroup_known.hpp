@@ -8,7 +8,8 @@
 
 namespace zn {
 
-// Holds a lock: a second object blocks until the first one is destroyed.
+// Holds a lock: an object of another thread blocks until this one is destroyed. Whether the mounts
+// have changed is checked by the first object of a thread, not by those within its lifetime.
 class KnownHierarchies {
   public:
     KnownHierarchies();
@@ -17,11 +18,8 @@ class KnownHierarchies {
     KnownHierarchies& operator=(const KnownHierarchies&) = delete;
 
     // 0, or the error number of reading them.
-    [[nodiscard]] int error() const { return error_; }
+    [[nodiscard]] int error() const;
     [[nodiscard]] const Hierarchies& get() const;
-
-  private:
-    int error_ = 0;
 };
 
 } // namespace zn

@@ -74,26 +74,49 @@ enum class Usable { kNo, kDelegated, kYes };
 
 // Whether the file system of the mount is the one that is visible at its mount point, where this
 // process may create groups.
-Usable is_usable(const Mount& mount)
+Usable is_usable(const Mount& mount, const Hierarchy& hierarchy)
 {
-    const znc::UniqueFd root(::open(mount.point, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat st = {};
-    if (!root || ::fstat(root.get(), &st) != 0 || st.st_dev != mount.device)
+    if (hierarchy.device != mount.device)
         return Usable::kNo;
-    if (is_writable(root.get(), "."))
+    const int root = hierarchy.root.get();
+    if (is_writable(root, "."))
         return Usable::kYes;
     char own[PATH_MAX];
-    return is_top(mount.point) && read_own_group(own) && is_writable(root.get(), own)
-               ? Usable::kDelegated
-               : Usable::kNo;
+    return is_top(mount.point) && read_own_group(own) && is_writable(root, own) ? Usable::kDelegated
+                                                                                : Usable::kNo;
 }
 
 bool is_known(const Hierarchies& hierarchies, dev_t device)
 {
+    return std::any_of(hierarchies.all.begin(), hierarchies.all.end(),
+                       [&](const Hierarchy& one) { return one.device == device; });
+}
+
+// False with errno set.
+bool open_root(const char* point, int flags, Hierarchy& hierarchy)
+{
     struct stat st = {};
-    return std::any_of(hierarchies.all.begin(), hierarchies.all.end(), [&](const Hierarchy& one) {
-        return ::fstat(one.root.get(), &st) == 0 && st.st_dev == device;
-    });
+    hierarchy.root.reset(::open(point, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
+    if (!hierarchy.root || ::fstat(hierarchy.root.get(), &st) != 0)
+        return false;
+    hierarchy.device = st.st_dev;
+    return true;
+}
+
+// Appends a hierarchy whose root is open. 0 or an error number.
+int add_open(Hierarchies& hierarchies, const char* point, bool unified, unsigned controllers,
+             Hierarchy one)
+{
+    one.point = znc::copy_text(point);
+    one.unified = unified;
+    one.controllers = controllers;
+    if (!one.point || hierarchies.all.append(std::move(one)) == nullptr)
+        return ENOMEM;
+    if (controllers != 0)
+        hierarchies.version = CgroupVersion::kV1;
+    else if (unified && hierarchies.version == CgroupVersion::kNone)
+        hierarchies.version = CgroupVersion::kV2;
+    return 0;
 }
 
 int read_processes(int group, List<int>& pids)
@@ -187,19 +210,9 @@ const Hierarchy* Hierarchies::with(Controller controller) const
 int hierarchies_add(Hierarchies& hierarchies, const char* point, bool unified, unsigned controllers)
 {
     Hierarchy one;
-    one.root.reset(::open(point, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!one.root)
+    if (!open_root(point, 0, one))
         return errno;
-    one.point = znc::copy_text(point);
-    one.unified = unified;
-    one.controllers = controllers;
-    if (!one.point || hierarchies.all.append(std::move(one)) == nullptr)
-        return ENOMEM;
-    if (controllers != 0)
-        hierarchies.version = CgroupVersion::kV1;
-    else if (unified && hierarchies.version == CgroupVersion::kNone)
-        hierarchies.version = CgroupVersion::kV2;
-    return 0;
+    return add_open(hierarchies, point, unified, controllers, std::move(one));
 }
 
 int hierarchies_read(Hierarchies& hierarchies)
@@ -215,15 +228,17 @@ int hierarchies_read(Hierarchies& hierarchies)
         if ((!top && !is_below_top(mount.point)) || unifiedTop ||
             is_known(hierarchies, mount.device))
             continue;
-        const Usable usable = is_usable(mount);
+        Hierarchy one;
+        const Usable usable =
+            open_root(mount.point, O_NOFOLLOW, one) ? is_usable(mount, one) : Usable::kNo;
         if (usable == Usable::kNo)
             continue;
         unifiedTop = top;
-        const int error = hierarchies_add(hierarchies, mount.point, unified,
-                                          unified ? 0 : controllers_of(mount.options));
+        one.delegated = usable == Usable::kDelegated;
+        const int error = add_open(hierarchies, mount.point, unified,
+                                   unified ? 0 : controllers_of(mount.options), std::move(one));
         if (error != 0)
             return error;
-        hierarchies.all[hierarchies.all.size() - 1].delegated = usable == Usable::kDelegated;
     }
     // "unified" alone, with no controller mounted, would have no limits.
     if (!unifiedTop && hierarchies.version == CgroupVersion::kV2)
@@ -309,15 +324,12 @@ bool has_subgroups(int group)
 
 int groups_visit(int top, GroupVisit& visit)
 {
+    int error = visit.enter(top);
+    if (error != 0 || !has_subgroups(top))
+        return error;
     GroupLevels levels;
     znc::UniqueFd at(::openat(top, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!at)
-        return errno;
-    int error = visit.enter(at.get());
-    if (error == 0 && !has_subgroups(at.get()))
-        return 0;
-    if (error == 0)
-        error = levels.descend(at.get());
+    error = at ? levels.descend(at.get()) : errno;
     while (error == 0 && !levels.done()) {
         if (const char* name = levels.next()) {
             znc::UniqueFd below = group_open(at.get(), name);

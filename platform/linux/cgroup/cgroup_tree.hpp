@@ -29,6 +29,7 @@ inline constexpr unsigned kControllers = 9;
 
 struct Hierarchy {
     znc::UniqueFd root;
+    dev_t device = 0;
     Text point;               // the mount point
     bool unified = false;     // cgroup v2
     bool delegated = false;   // this process may create groups below its own one only

@@ -2,7 +2,7 @@
 // set up the root are in engine_root.cpp.
 #include "zarnel/engine.h"
 
-#include "cgroup/cgroup.hpp"
+#include "cgroup/cgroup_known.hpp"
 #include "engine_creation.hpp"
 #include "engine_join.hpp"
 #include "engine_socket.hpp"
@@ -132,6 +132,15 @@ int Creation::open_pid_namespace()
     if (error == 0 && ::ioctl(pidNamespace_.get(), NS_GET_NSTYPE) != CLONE_NEWPID)
         error = EINVAL;
     return reason_.say_errno(error, "linux.namespaces: pid: %s", path);
+}
+
+int Creation::make_processes()
+{
+    const KnownHierarchies known; // so that they are looked for once
+    int error = make_group();
+    if (error == 0)
+        error = launch();
+    return error == 0 && user_ ? launch_maker() : error;
 }
 
 int Creation::launch()
@@ -321,11 +330,7 @@ int Creation::run()
     if (error == 0)
         error = check_names();
     if (error == 0)
-        error = make_group();
-    if (error == 0)
-        error = launch();
-    if (error == 0 && user_)
-        error = launch_maker();
+        error = make_processes();
     if (error == 0)
         error = pivot();
     if (error == 0)

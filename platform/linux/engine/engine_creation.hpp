@@ -54,6 +54,9 @@ class Creation {
         znc::UniqueFd theirs;
         znc::UniqueFd report; // pipe for the report of a failed start
     };
+    // Creates the control group, the first process, and the one that makes its root if there is
+    // one.
+    int make_processes();
     int launch();
     int open_channels(Channels& channels);
     int launch_with(const znc::UniqueFd& file, const znc::UniqueFd& record,

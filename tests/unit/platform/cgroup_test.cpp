@@ -2,6 +2,7 @@
 // machine has, and on its v2 hierarchy alone where it has both.
 #include "cgroup_world.hpp"
 
+#include "cgroup/cgroup_known.hpp"
 #include "descriptors.hpp"
 #include "platform/common/clock.hpp"
 
@@ -395,6 +396,24 @@ TEST_F(CgroupMounts, HierarchiesThatAreMountedOrUnmountedLaterAreNoticed)
                   if (::umount2(kTop, MNT_DETACH) != 0 || ::umount2(kTop, MNT_DETACH) != 0)
                       return 102;
                   return zn::cgroup_version() == before ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(CgroupMounts, HierarchiesStayTheSameWhileTheyAreUsed)
+{
+    EXPECT_EQ(in_child([] {
+                  if (::unshare(CLONE_NEWNS) != 0)
+                      return 100;
+                  {
+                      const zn::KnownHierarchies known;
+                      const CgroupVersion before = known.get().version;
+                      if (::mount("tmpfs", kTop, "tmpfs", 0, nullptr) != 0)
+                          return 101;
+                      if (zn::cgroup_version() != before)
+                          return 1;
+                  }
+                  return zn::cgroup_version() == CgroupVersion::kNone ? 0 : 2;
               }),
               0);
 }
