@@ -111,6 +111,15 @@ EOF
     for unit in systemd-logind.service systemd-timesyncd.service; do ln -sf /dev/null "$units/$unit"; done
 }
 
+# add_libraries PROGRAM TREE: copies the libraries that the tree lacks. ldd prints "name => path (address)", or the path
+# of the loader alone.
+add_libraries() {
+    local library
+    while read -r library; do
+        [[ -e $2$library ]] || install -D "$library" "$2$library"
+    done < <(ldd "$1" | grep -o '/[^ ]*' | sort -u)
+}
+
 # pack TREE FILE: the tree as an initial file system.
 pack() {
     (cd "$1" && find . -print0 | cpio --quiet --null --create --format=newc | gzip -1) >"$2"

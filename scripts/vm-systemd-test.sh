@@ -30,9 +30,7 @@ for unit in systemd-journald.service systemd-journald.socket systemd-journald-de
     ln -sf /dev/null "$tree/etc/systemd/system/$unit"
 done
 install "$build/bin/zncrun" -t "$tree/tests"
-while read -r library; do
-    [[ -e $tree$library ]] || install -D "$library" "$tree$library"
-done < <(ldd "$build/bin/zncrun" | grep -o '/[^ ]*' | sort -u)
+add_libraries "$build/bin/zncrun" "$tree"
 pack "$tree" "$work/initrd"
 
 failed=0

@@ -32,14 +32,10 @@ put() {
     install -D "$1" "$tree${2-$(dirname "$1")}/$(basename "$1")"
 }
 
-# put_program FILE: copies a program and its libraries. ldd prints "name => path (address)", or the
-# path of the loader alone.
+# put_program FILE: copies a program and its libraries.
 put_program() {
-    local library
     put "$1" /tests
-    while read -r library; do
-        put "$library"
-    done < <(ldd "$1" | grep -o '/[^ ]*' | sort -u)
+    add_libraries "$1" "$tree"
 }
 
 kernel=$(fetch_kernel)
