@@ -55,6 +55,27 @@ endif()
 
 install(TARGETS zncrun RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT oci)
 
+# What tells engines of zncrun. They contain the path of the program, which is known only at installation. podman
+# reads further files of its configuration in /etc only; the others are examples, because these engines have a single
+# file or directories that the administrator chooses.
+install(CODE "
+    set(ZNC_BINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    foreach(name podman.conf containerd.toml docker-daemon.json crio.conf)
+        configure_file(\"${ZNC_PACKAGING}/engines/\${name}.in\" \"${CMAKE_CURRENT_BINARY_DIR}/engines/\${name}\" @ONLY)
+    endforeach()
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+        file(INSTALL \"${CMAKE_CURRENT_BINARY_DIR}/engines/podman.conf\" DESTINATION /etc/containers/containers.conf.d
+            RENAME 50-zncrun.conf)
+    endif()"
+    COMPONENT oci)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/engines/podman.conf
+    ${CMAKE_CURRENT_BINARY_DIR}/engines/containerd.toml
+    ${CMAKE_CURRENT_BINARY_DIR}/engines/docker-daemon.json
+    ${CMAKE_CURRENT_BINARY_DIR}/engines/crio.conf
+    ${ZNC_PACKAGING}/engines/runtimeclass.yaml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zncontainer-oci/examples COMPONENT oci)
+
 # The systemd unit, sysctl settings and runtime directory of the daemon. The unit contains the path of the
 # program, which is known only at installation (cmake --install --prefix).
 install(CODE "

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root, podman also
-# as an ordinary user, offline, and prints one line for each check. All state is in a temporary directory. Needs podman, conmon and
-# busybox-static (install-deps.sh compare).
+# engines-test.sh [ZNCRUN] - runs container engines with zncrun as their runtime, as root, podman also as an ordinary
+# user, offline, and prints one line for each check. podman, containerd and docker are configured by the files in
+# packaging/engines. All state is in a temporary directory. Needs podman, conmon and busybox-static (install-deps.sh
+# compare).
 # shellcheck disable=SC2016,SC2317 # texts for shells in containers; functions that are called by check
 set -uo pipefail
 
@@ -18,6 +19,8 @@ for needed in podman conmon busybox; do
 done
 
 work=$(mktemp -d /tmp/engines-test.XXXXXX)
+examples=$(dirname "$0")/../packaging/engines
+mkdir "$work/bin"
 containerd_pid=''
 docker_pid=''
 rootless=''
@@ -30,6 +33,8 @@ limits=(--ulimit nofile=20000:20000 --ulimit nproc=32768:32768)
 root_engine=(podman --root "$work/root" --runroot "$work/run" --tmpdir "$work/tmp" --cgroup-manager cgroupfs
     --events-backend file --runtime "$runtime")
 engine=("${root_engine[@]}")
+# example NAME DIRECTORY: one of the files for engines, with this program.
+example() { sed "s|@ZNC_BINDIR@/zncrun|$2/zncrun|" "$examples/$1.in"; }
 podman_() { timeout --foreground 90 "${engine[@]}" "$@"; }
 run() { podman_ run --network none "${limits[@]}" "$@"; }
 
@@ -229,20 +234,28 @@ version = 2
 root = "$work/containerd/root"
 state = "$work/containerd/state"
 disabled_plugins = ["io.containerd.grpc.v1.cri", "io.containerd.internal.v1.opt"]
+imports = ["$work/example.toml"]
 [grpc]
   address = "$work/containerd.sock"
 [ttrpc]
   address = "$work/containerd.sock.ttrpc"
 END
+    example containerd.toml "$work/bin" >"$work/example.toml"
     containerd --config "$work/containerd.toml" >"$work/containerd.log" 2>&1 &
     containerd_pid=$!
     podman_ save --quiet --format docker-archive --output "$work/image.tar" localhost/engines:1
     soon ctr_ version && ctr_ image import "$work/image.tar"
 }
 
+containerd_knows() {
+    containerd --config "$work/containerd.toml" config dump |
+        awk -v name="BinaryName = \"$work/bin/zncrun\"" '/runtimes.zncrun.options\]/ { here = 1 } here && index($0, name) { found = 1 } END { exit !found }'
+}
+
 containerd_lifecycle() {
     local image=localhost/engines:1
     check 'containerd has the image' start_containerd
+    check 'containerd takes the example of its configuration' containerd_knows
     check 'ctr run prints what the program prints' is hello ctr_run --rm $image one echo hello
     check 'ctr run passes the exit status' ends 7 ctr_run --rm $image two sh -c 'exit 7'
     check 'ctr run fails for a missing program' ends 1 ctr_run --rm $image three nosuch
@@ -265,7 +278,9 @@ docker_run() { docker_ run --network none "$@"; }
 docker_state_is() { [[ $(docker_ inspect --format '{{.State.Status}}' "$1") == "$2" ]]; }
 
 start_docker() {
-    dockerd --iptables=false --ip6tables=false --bridge=none --add-runtime "zncrun=$runtime" \
+    ln -sf "$runtime" "$work/bin/zncrun"
+    example docker-daemon.json "$work/bin" >"$work/daemon.json"
+    dockerd --config-file "$work/daemon.json" --iptables=false --ip6tables=false --bridge=none \
         --default-runtime zncrun --exec-opt native.cgroupdriver=cgroupfs --data-root "$work/docker" \
         --exec-root "$work/docker-run" --pidfile "$work/docker.pid" \
         --host "unix://$work/docker.sock" >"$work/docker.log" 2>&1 &
@@ -310,8 +325,7 @@ start_rootless() {
     { cat /etc/passwd && printf 'engines:x:%s:%s::%s/home:/bin/sh\n' "$user" "$user" "$rootless"; } >"$rootless/passwd"
     { cat /etc/group && printf 'engines:x:%s:\n' "$user"; } >"$rootless/group"
     printf 'engines:6430000:65536\n' >"$rootless/ranges"
-    printf '[engine]\nruntime_supports_json = ["zncrun"]\nruntime_supports_nocgroup = ["zncrun"]\n[engine.runtimes]\nzncrun = ["%s"]\n' \
-        "$rootless/zncrun" >"$rootless/containers.conf"
+    example podman.conf "$rootless" >"$rootless/containers.conf"
     unshare --mount --propagation private bash -c 'mount --bind "$1/passwd" /etc/passwd &&
         mount --bind "$1/group" /etc/group && mount --bind "$1/ranges" /etc/subuid && mount --bind "$1/ranges" /etc/subgid && touch "$1/ready" && exec sleep infinity' \
         - "$rootless" &
