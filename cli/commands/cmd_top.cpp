@@ -75,7 +75,7 @@ int cmd_top(const Arguments& args)
     const std::vector<Process> processes = processes_in(pid_namespace_name);
     if (as_json)
         return print_json(json(processes));
-    std::vector<std::vector<std::string>> rows = {{"PID", "INNER", "PARENT", "S", "KB", "COMMAND"}};
+    std::vector<std::vector<std::string>> rows = {{"PID", "CPID", "PARENT", "S", "KB", "COMMAND"}};
     for (const Process& process : processes)
         rows.push_back({std::to_string(process.info.pid), std::to_string(process.info.innerPid),
                         std::to_string(process.info.parent), std::string(1, process.info.state),
