@@ -1,5 +1,4 @@
-// descriptor_message.hpp - messages of Unix sockets that pass a descriptor. Used by the platform
-// for its helper and by zncrun for terminals and service managers.
+// descriptor_message.hpp - messages of Unix sockets that pass a descriptor.
 #ifndef ZNC_BASE_DESCRIPTOR_MESSAGE_HPP
 #define ZNC_BASE_DESCRIPTOR_MESSAGE_HPP
 

@@ -38,8 +38,8 @@ template <class T> class List {
         const MallocPtr<void> memory(items_);
     }
 
-    // Gets memory for exactly this number of items: a list whose length is known then has none to
-    // spare. False with errno ENOMEM; the list is then unchanged.
+    // Makes room for at least this many items, so that append() does not allocate more than needed
+    // if the length is known. False with errno ENOMEM; the list is then unchanged.
     [[nodiscard]] bool reserve(std::size_t room) noexcept { return room <= room_ || move_to(room); }
 
     // Appends an item. Null with errno ENOMEM; the list is then unchanged.

@@ -1,4 +1,4 @@
-// container_id.hpp - container ids as file names. Used by record, image_bundle and sticky.
+// container_id.hpp - container ids as file names.
 #ifndef ZNC_FRONT_CONTAINER_ID_HPP
 #define ZNC_FRONT_CONTAINER_ID_HPP
 

@@ -5,7 +5,6 @@
 #include "output.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <set>
 #include <stdexcept>

@@ -4,7 +4,6 @@
 #define ZNC_FRONT_PROGRESS_HPP
 
 #include <chrono>
-#include <string>
 #include <string_view>
 
 #include "zncontainer.h"

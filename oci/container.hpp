@@ -21,8 +21,9 @@ struct Started {
     ReadySocket ready;
 };
 
-// `signals`: if given, those that are forwarded from the start on are blocked then, and returned.
-// Before, while hooks run, those that would end this process end the hook, and this call fails.
+// If `signals` is given, the signals to be forwarded are blocked just before the program starts,
+// and stored there. Before that a signal that would end this process ends the hook that runs, and
+// this call fails.
 Started start_container(const Context& context, const std::string& id, sigset_t* signals = nullptr);
 
 // Kills the container if it runs, and removes its cgroup, scope and state directory.

@@ -121,7 +121,7 @@ void print_event(const Json& event)
     print(zncctl::compact(event) + "\n");
 }
 
-// Prints the statistics once. How often the kernel has killed a process for want of memory.
+// Prints the statistics once. Returns how often the kernel has killed a process for lack of memory.
 std::uint64_t print_use(const Container& container)
 {
     ZN_ENGINE_USE use;

@@ -101,7 +101,7 @@ class Awaited {
     throw Failure(reason);
 }
 
-// Waits for the end of the hook. Its wait status.
+// Waits for the end of the hook and returns its wait status.
 int wait_for(pid_t pid, const std::optional<std::int64_t>& seconds, const Awaited& awaited)
 {
     std::optional<Clock::time_point> deadline;

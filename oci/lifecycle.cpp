@@ -26,7 +26,7 @@ void print(const std::string& text)
         throw Failure("standard output: " + zncctl::error_text());
 }
 
-// The exit status of the program as a shell's, once it has ended.
+// Returns the exit status of the program in the form of a shell's, or nothing if it has not ended.
 std::optional<int> exit_status(pid_t pid)
 {
     int status = 0;

@@ -15,7 +15,7 @@ void log_line(const Context& context, const char* level, const std::string& mess
 // standard error.
 void debug_line(const Context& context, const std::string& message);
 
-// Fails if the log is no regular file: whoever writes to others may have to wait for a reader.
+// Fails if the log is no regular file: opening a FIFO could block until it has a reader.
 void check_log(const Context& context);
 
 } // namespace zncrun

@@ -1,5 +1,5 @@
 // ready.hpp - readiness notification (sd_notify): if NOTIFY_SOCKET names a socket of a service
-// manager, the container gets a socket of its own, and that it is ready is passed on.
+// manager, the container gets a socket of its own, and its READY=1 is passed on.
 #ifndef ZNC_OCI_READY_HPP
 #define ZNC_OCI_READY_HPP
 
@@ -20,8 +20,9 @@ void offer_ready_socket(Bundle& bundle, const StateDirectory& directory);
 class ReadySocket {
   public:
     ReadySocket() = default; // none
-    // None if the container was created without, or there is no service manager. Fails if that does
-    // not listen. What fails later, when the program runs, is a warning in the log.
+    // Empty if the container was created without one or NOTIFY_SOCKET is not set. Fails if the
+    // service manager's socket refuses the connection. What fails later, when the program runs, is
+    // a warning in the log.
     static ReadySocket listen(const Context& context, const StateDirectory& directory);
 
     explicit operator bool() const { return static_cast<bool>(own_); }

@@ -3,7 +3,6 @@
 #include "front/words.hpp"
 
 #include <cctype>
-#include <cstring>
 #include <string>
 
 namespace zncrun {

@@ -1,6 +1,7 @@
 #include "state.hpp"
 
 #include "front/files.hpp"
+#include "zarnel/fs.h"
 #include "zarnel/path_trust.h"
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
@@ -41,14 +41,10 @@ void check_root(const Context& context)
                                   trust.fault[0] != '\0' ? trust.fault : zncctl::error_text()));
 }
 
-// Creates every missing directory on the path, with mode 0700 whatever the umask.
 void make_root(const std::string& root)
 {
-    for (std::size_t end = 0; end != root.npos;) {
-        end = root.find('/', end + 1);
-        if (::mkdir(root.substr(0, end).c_str(), 0700) != 0 && errno != EEXIST)
-            fail_at(root.substr(0, end));
-    }
+    if (znMkdirParents(root.c_str(), 0700) != OK)
+        fail_at(root);
 }
 
 std::string path_of(const Context& context, const std::string& id)

@@ -4,7 +4,6 @@
 #include "cli/images/image_lookup.hpp"
 #include "commands.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <stdexcept>
 

@@ -1,5 +1,4 @@
-// environment.hpp - the environment of a program that is started in a container. Used by exec, run
-// and create.
+// environment.hpp - the environment of a program that is started in a container.
 #ifndef ZNC_CLI_CONTAINERS_ENVIRONMENT_HPP
 #define ZNC_CLI_CONTAINERS_ENVIRONMENT_HPP
 

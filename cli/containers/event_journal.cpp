@@ -4,7 +4,6 @@
 #include "front/json.hpp"
 #include "front/record.hpp"
 
-#include <array>
 #include <cstdio>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>

@@ -3,7 +3,6 @@
 #include "front/words.hpp"
 
 #include <fmt/format.h>
-#include <limits>
 #include <nlohmann/json.hpp>
 
 namespace zncctl {

@@ -1,5 +1,4 @@
 // limits.hpp - converts limits given as options to the member "linux.resources" of a configuration.
-// Used by update.
 #ifndef ZNC_CLI_CONTAINERS_LIMITS_HPP
 #define ZNC_CLI_CONTAINERS_LIMITS_HPP
 

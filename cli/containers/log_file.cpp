@@ -4,7 +4,6 @@
 #include "front/record.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <array>
 #include <fmt/format.h>
 #include <vector>
 

@@ -1,6 +1,5 @@
 #include "program_link.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>

@@ -5,7 +5,6 @@
 #include "front/words.hpp"
 
 #include <algorithm>
-#include <array>
 #include <fmt/format.h>
 
 #include "zarnel/ns.h"

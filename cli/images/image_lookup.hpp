@@ -1,5 +1,4 @@
-// image_lookup.hpp - finds the images of the store that a name or an id refers to. Used by
-// image_source, tag and rmi.
+// image_lookup.hpp - finds the images of the store that a name or an id refers to.
 #ifndef ZNC_CLI_IMAGES_IMAGE_LOOKUP_HPP
 #define ZNC_CLI_IMAGES_IMAGE_LOOKUP_HPP
 

@@ -15,7 +15,6 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "zncontainer.h"

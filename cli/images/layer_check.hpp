@@ -1,5 +1,5 @@
 // layer_check.hpp - runs zncLayerCheck, the library's dry run of the extractor, on the archive of a
-// layer and describes the findings as text. Used by image check.
+// layer and describes the findings as text.
 #ifndef ZNCCTL_LAYER_CHECK_HPP
 #define ZNCCTL_LAYER_CHECK_HPP
 

@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 #include <map>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "zncontainer.h"

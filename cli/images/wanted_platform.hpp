@@ -1,5 +1,4 @@
-// wanted_platform.hpp - the platform that the options --platform, --os and --arch select. Used by
-// image_source and image_fetcher.
+// wanted_platform.hpp - the platform that the options --platform, --os and --arch select.
 #ifndef ZNC_CLI_IMAGES_WANTED_PLATFORM_HPP
 #define ZNC_CLI_IMAGES_WANTED_PLATFORM_HPP
 

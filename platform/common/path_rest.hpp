@@ -4,7 +4,6 @@
 #define ZN_PLATFORM_PATH_REST_HPP
 
 #include <climits>
-#include <cstddef>
 
 namespace zn {
 

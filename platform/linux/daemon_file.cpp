@@ -5,7 +5,6 @@
 #include "ns_record.hpp"
 
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>

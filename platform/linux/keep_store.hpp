@@ -31,7 +31,8 @@ class KeepStore {
 
     // A socket that an earlier owner stored, which stays stored; invalid with ESRCH.
     znc::UniqueFd take(std::uint64_t cookie);
-    // Drops everything that earlier owners stored and that was not taken. Whether there was any.
+    // Drops everything that earlier owners stored and that was not taken. Returns whether there was
+    // any.
     bool drop_rest();
 
     // Whether the process that stores has ended, so that all must be put again.

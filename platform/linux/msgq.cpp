@@ -13,7 +13,6 @@
 #include "zarnel/task.h"
 
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>

@@ -528,7 +528,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
     if (error == 0) {
         ns->ownsDevice = is_own_device(rootPath, name);
         std::strcpy(ns->root, rootPath);
-        overlay_device_keep(rootPath);
+        overlay_device_detach_cancel(rootPath);
         error = make_root(*ns, rootPath, name);
     }
     // Without a root the namespace is useless, and the caller will not delete it.

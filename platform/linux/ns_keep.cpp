@@ -133,7 +133,7 @@ const char* open_links(const KeptRecord& kept, const NsRecord& record, Namespace
         links.holderProcess = ns_record_holder(record);
         links.holderSocket = take_stored(kept.holderSocket);
         if (!links.holderProcess || !links.holderSocket || !runs_helper(record.holder))
-            return "its user namespace has lost its process";
+            return "the process that holds its user namespace has ended";
         links.holder = record.holder;
     }
     // If the keeper still runs now, its process id was not reused while it was examined.
@@ -160,8 +160,9 @@ const char* adopt(nsid_t ns, const KeptRecord& kept, const NsRecord& record, Ado
         kept.program.pid > 0 && process_recorded(kept.program.pid, kept.program.startTime);
     const znKept given = {ns, live ? TRUE : FALSE, runs ? kept.program.pid : 0, kept.note.data(),
                           kept.note.size()};
-    return adoption.accept(&given, adoption.context) != FALSE ? nullptr
-                                                              : "the note with it is not usable";
+    return adoption.accept(&given, adoption.context) != FALSE
+               ? nullptr
+               : "the stored description of the container is not valid";
 }
 
 const char* reason_of(int error)

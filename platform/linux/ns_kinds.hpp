@@ -1,5 +1,4 @@
 // ns_kinds.hpp - what a configuration says about the kinds of namespaces and about security labels.
-// Used where settings are applied (ns_settings.cpp) and recorded (ns_confinement.cpp).
 #ifndef ZN_NS_KINDS_HPP
 #define ZN_NS_KINDS_HPP
 

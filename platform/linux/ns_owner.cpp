@@ -6,7 +6,6 @@
 #include "ns_user.hpp"
 #include "system/pidfd.hpp"
 
-#include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <utility>

@@ -9,7 +9,6 @@
 #include "settings/seccomp_listener.hpp"
 #include "settings/settings_policy.hpp"
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,7 +16,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zn {

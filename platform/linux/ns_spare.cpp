@@ -15,7 +15,6 @@
 #include "zarnel/ns.h"
 
 #include <algorithm>
-#include <cstring>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/socket.h>

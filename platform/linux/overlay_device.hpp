@@ -24,7 +24,7 @@ int overlay_device_map(const char* devName, const UserNamespace& user);
 // removed from the list when a retry succeeds or when it becomes the root of a namespace again.
 // Callers hold the lock of the namespace service.
 void overlay_device_detach_later(const char* devName);
-void overlay_device_keep(const char* devName);
+void overlay_device_detach_cancel(const char* devName);
 void overlay_devices_retry();
 
 } // namespace zn

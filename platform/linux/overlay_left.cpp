@@ -37,7 +37,7 @@ template <class Done> void forget_if(Done done)
 // writable devices.
 void overlay_device_detach_later(const char* devName)
 {
-    overlay_device_keep(devName); // avoids a second entry
+    overlay_device_detach_cancel(devName); // avoids a second entry
     auto left = znc::malloc_zeroed<LeftDevice>();
     if (!left)
         return;
@@ -46,7 +46,7 @@ void overlay_device_detach_later(const char* devName)
     g_left = left.release();
 }
 
-void overlay_device_keep(const char* devName)
+void overlay_device_detach_cancel(const char* devName)
 {
     forget_if([devName](const char* name) { return std::strcmp(name, devName) == 0; });
 }

@@ -1,5 +1,6 @@
-// requirement.cpp - checks what the system offers. System calls are made with invalid arguments;
-// only ENOSYS means that one is missing.
+// requirement.cpp - checks what the system offers. Most checks make a system call with invalid
+// arguments, and only ENOSYS means that it is missing; some create a memfd or a queue and remove
+// it.
 #include "zarnel/requirement.h"
 
 #include "base/owned.hpp"

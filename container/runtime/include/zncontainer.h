@@ -14,8 +14,9 @@
  *     signal handlers, working directory, locale or umask.
  *  4. Blocking. Functions that talk to the daemon wait without a time limit for room in its queue
  *     of 32 requests, and then up to 5 seconds for each piece of the reply. zncStart without
- *     ZNC_OPT_NO_WAIT waits for the container's process. The duration of zncUnpack and
- *     zncImageInfoGet depends on the size of the image. All other functions return quickly.
+ *     ZNC_OPT_NO_WAIT waits for the container's process. Functions that read, extract or delete
+ *     images, archives or trees take time in proportion to their size. zncDaemonTask and
+ *     zncUtilCredGetFromStdin block until they end or have input. All others return quickly.
  *  5. Text is bytes ended by NUL; JSON is UTF-8. Paths have at most 1023 bytes, container
  *     ids at most 255.
  *  6. Only zncUtilShowErr, zncUtilCredGetFromStdin and the functions that talk to the daemon print
@@ -47,7 +48,7 @@
 #define ZNC_VERSION_MINOR 1
 #define ZNC_VERSION_PATCH 0
 
-/* The version as one number that grows with each version, and as a string: "1.0.0". */
+/* The version as one number that grows with each version, and as a string: "MAJOR.MINOR.PATCH". */
 #define ZNC_VERSION_NUMBER                                                                         \
     (ZNC_VERSION_MAJOR * 1000000 + ZNC_VERSION_MINOR * 1000 + ZNC_VERSION_PATCH)
 #define ZNC_VERSION                                                                                \
@@ -199,9 +200,9 @@ typedef struct zncBundleAttr {
  * Create container `containerId` (1 to 255 bytes, no "/" or "\", not "." or "..") from the bundle
  * directory `bundlePath`; a relative path is resolved by this function. `option` is sent to the
  * daemon, which ignores it; `pAttr` (may be NULL) is ignored. On OK the container is in
- * STATE_CREATED. Of an id of 255 bytes only the first 254 are kept, and only they find the
- * container. Errors: EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the overlay
- * filesystem a bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
+ * STATE_CREATED. An id of 255 bytes is truncated to its first 254, and later calls must be
+ * given these. Errors: EINVAL, S_zncLib_CONTAINER_EXISTS, S_zncLib_BUNDLE_IN_USE (without the
+ * overlay filesystem a bundle serves one container), S_zncLib_BUNDLE_CONFIG_NOT_EXIST,
  * S_zncLib_RUNTIME_CONFIG_LOAD_FAILED, S_zncLib_OCI_VERSION_INVALID, S_zncLib_OCI_ROOT_INVALID,
  * S_zncLib_OCI_CWD_INVALID, S_zncLib_OCI_ARG_INVALID, S_zncLib_ROOTFS_CREATE_FAILED,
  * S_zncLib_NAMESPACE_CREATE_FAILED, S_zncLib_ADDITIONAL_MOUNT_FAILED, or an error of realpath().
@@ -402,9 +403,10 @@ typedef void (*ZNC_STORE_FUNC)(ZNC_STORE_KIND kind, const char* path, void* cont
  * name everything else that is in use, as `inUseNum` paths of bundles, roots, layers, trees or
  * devices: the bundles of all containers and the lower directories of their overlay devices.
  * Bundles in the base are kept only if they are named. `func`, which may be NULL, is called for
- * each item that is removed. With ZNC_OPT_DRY_RUN in `option` nothing is removed. If something
- * cannot be removed, continues and returns ERROR with the first errno. Removes nothing and fails
- * with EBUSY during an unpack, and with EBADMSG if a record cannot be read.
+ * each item that is removed, or with ZNC_OPT_DRY_RUN in `option`, which removes nothing, for each
+ * that would be. If something cannot be removed, continues and returns ERROR with the first errno.
+ * Removes nothing and fails with EBUSY during an unpack, and with EBADMSG if a record cannot be
+ * read.
  */
 STATUS zncStoreCollect(const char* const* inUse, uint32_t inUseNum, unsigned int option,
                        ZNC_STORE_FUNC func, void* context);

@@ -139,7 +139,11 @@ STATUS zncReplyMessage(char* name, int cmdId, struct cJSON* body, int errCode);
  */
 void zncSendMsg(uint32_t lvl, char* info, ...) ZNC_PRINTF_LIKE(2, 3);
 
-/* The client being served: its reply queue, and its verbosity (values above 2 are ignored). */
+/*
+ * The client being served: the name of its reply queue, and its verbosity (values above 2 are
+ * ignored). Progress messages go to a second queue of the client, whose name is that of the reply
+ * queue and "_info".
+ */
 void zncMsgQnameSet(const char* msgQname);
 void zncMsgLvlSet(UINT8 lvl);
 

@@ -1,6 +1,6 @@
 // zncHashBeside.hpp - computes the digest of a file in a second thread, while the first one reads
-// the file and uses its bytes. Used for large layers: with one thread that decompresses and one
-// that creates the files, the first would otherwise be the slower one by the time for hashing.
+// the file and uses its bytes. Used for large layers: hashing in the thread that decompresses would
+// make it slower than the one that creates the files.
 #ifndef ZNCHASHBESIDE_HPP
 #define ZNCHASHBESIDE_HPP
 
@@ -39,7 +39,7 @@ class HashBeside {
 
   private:
     static constexpr std::size_t kPieces = 8;
-    // The thread wakes up for this many: hashing takes less time than decompressing.
+    // The thread is woken when this many pieces wait: hashing takes less time than decompressing.
     static constexpr std::size_t kWorthwhile = kPieces / 2;
 
     static void* work(void* self);

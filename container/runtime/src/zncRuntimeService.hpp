@@ -35,9 +35,9 @@ struct ServiceListener {
 };
 void set_service_listener(const ServiceListener& listener); // call before zncDaemonTask
 
-// From now on the daemon task leaves its queue when it ends, and uses the queue that an earlier one
-// left: requests sent in between are served as if the daemon had been there. A request whose client
-// has given up is not.
+// From now on the daemon task does not remove its queue when it ends, and takes over the queue of
+// an earlier one: requests sent in between are served. Those whose client no longer waits are
+// dropped.
 void keep_requests();
 
 } // namespace znc

@@ -9,7 +9,6 @@
 #include "zncOwned.hpp"
 
 #include <cstdio>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {

@@ -51,7 +51,8 @@ typedef struct znEngineMount {
 } ZN_ENGINE_MOUNT;
 
 /*
- * Receives the listener of a seccomp filter with SCMP_ACT_NOTIFY, which is closed after the call.
+ * `receive` gets the listener of a seccomp filter with SCMP_ACT_NOTIFY, a descriptor that is closed
+ * when the call returns.
  * The process has just got the filter, and continues when the call has returned OK; if it returns
  * ERROR, the program is not started.
  */
@@ -75,12 +76,12 @@ typedef struct znEngineProgram {
     const char* file; /* its path; NULL: argv[0] is looked up in PATH */
     int input;        /* its standard input; 0 is that of the caller */
     int output;       /* its standard output; 0: that of the caller */
-    /* Of znEngineExec and znEngineHook; NULL: a filter with SCMP_ACT_NOTIFY is refused */
+    /* Used by znEngineExec and znEngineHook only; NULL: a filter with SCMP_ACT_NOTIFY is refused */
     const ZN_ENGINE_LISTENER* listener;
     /*
-     * Of znEngineExec: existing groups below that of the container, which the program enters
-     * instead: "path", or for some hierarchies of v1 "controller[,controller]:path". "/" is the
-     * container's group itself. NULL-terminated; NULL: none
+     * Used by znEngineExec only: existing groups below that of the container, which the program
+     * enters instead: "path", or for some hierarchies of v1 "controller[,controller]:path". "/" is
+     * the container's group itself. NULL-terminated; NULL: none
      */
     char* const* subgroups;
 } ZN_ENGINE_PROGRAM;

@@ -8,10 +8,11 @@
  * created after the one it named has ended.
  *
  * On Linux each namespace is a keeper process: PID 1 of a new PID namespace, with mount, IPC, UTS,
- * cgroup and network namespaces of its own unless its configuration says otherwise; it shares the
- * host's user namespace. The network namespace has a loopback interface only. Each namespace has a
- * control group, if the machine has them. The keeper sets up root and mounts by descriptor, so that
- * no symbolic link in a root file system can lead a privileged call outside.
+ * cgroup and network namespaces of its own unless its configuration says otherwise. The keeper
+ * stays in the host's user namespace; programs may run in one of their own. The network namespace
+ * has a loopback interface only. Each namespace has a control group, if the machine has them. The
+ * keeper sets up root and mounts by descriptor, so that no symbolic link in a root file system can
+ * lead a privileged call outside.
  *
  * All calls are for the owning process, may be made from any of its tasks, and wait for the
  * keeper's answer (a few seconds at most). Signal numbers are those of Zarnel (signal.h).
@@ -25,7 +26,8 @@
 extern "C" {
 #endif
 
-/* Namespace types. There is only one so far; the platform defines what it consists of. */
+/* Namespace types. There is only one, whose name is Zarnel's; the platform defines what it
+ * consists of. */
 typedef enum znNamespaceType { ZNNS_TYPE_IOS = 0, ZNNS_NUM_TYPES = 1 } znNamespaceType;
 
 /*

@@ -97,7 +97,8 @@ STATUS znnsOwnerInsideGet(nsid_t ns, uid_t* uid, gid_t* gid);
  */
 STATUS znnsFileOwnerSet(uid_t uid, gid_t gid);
 
-/* The process id of a process that stays in the namespace as long as it exists. -1: see above. */
+/* The process id of a process that stays in the namespace as long as it exists, or -1 with errno
+ * set: ESRCH if there is no such namespace. */
 pid_t znnsHolder(nsid_t ns);
 
 #ifdef __cplusplus

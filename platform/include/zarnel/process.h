@@ -1,9 +1,9 @@
 /*
- * process.h - waiting for child processes by pidfd; ptrace stops are not reported.
+ * process.h - waiting for child processes by pidfd.
  *
- * A container's program can make the caller the tracer of its processes, whose stops are then
- * reported to the caller like ends. It can also reparent its own children to the caller. Neither
- * must be mistaken for the end of the program.
+ * waitpid() also reports stops of children that have called ptrace(PTRACE_TRACEME), which a
+ * container's program may do, and the ends of orphans that were reparented to a subreaper. Neither
+ * must be mistaken for the end of the program: these functions report neither.
  */
 #ifndef ZARNEL_PROCESS_H
 #define ZARNEL_PROCESS_H

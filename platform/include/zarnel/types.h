@@ -1,5 +1,5 @@
 /*
- * types.h - the kernel's basic types, shared by all contract headers.
+ * types.h - basic types of the Zarnel kernel's interface, used by all headers in this directory.
  *
  * The public header of the container library repeats STATUS, BOOL and the handles, so that an
  * application needs no other header. Both sets of declarations must stay identical; the compiler

@@ -196,7 +196,7 @@ Text join(const char* directory, const char* name)
     return path;
 }
 
-// A group that cannot be frozen is not.
+// OK also if there is no freezer or no group: nothing is frozen then.
 int thaw(const Hierarchies& hierarchies, const GroupPath& path)
 {
     const int error = group_freeze(hierarchies, path, false, kLeftoverMs);
@@ -270,7 +270,7 @@ int cgroup_complete(const Hierarchies& hierarchies, const char* path, int pid,
     List<Made> all;
     if (error == 0)
         error = make_groups(hierarchies, group, all);
-    // A container before may have left it frozen where the service manager does not remove it.
+    // If the service manager uses a group again, an earlier container may have left it frozen.
     if (error == 0)
         error = thaw(hierarchies, group);
     char number[16];

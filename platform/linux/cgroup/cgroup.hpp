@@ -1,7 +1,6 @@
-// cgroup.hpp - the control group of a container, in cgroup v2 or in the hierarchies of v1. Called
-// by the namespace service (creation, removal), by znSpawn (the files through which a process
-// enters) and by ns_control.cpp (freezing, statistics, new limits). Does not decide which limits
-// apply.
+// cgroup.hpp - the control group of a container, in cgroup v2 or in the hierarchies of v1. Used
+// for the daemon's containers and those of engines: creation, removal, the files through which a
+// process enters, freezing, statistics, new limits. Does not decide which limits apply.
 //
 // A group is identified by its path below the root of each hierarchy, for example "/zarnel/web".
 // "", "/", paths with "." or ".." components and paths longer than kCgroupPathMax are refused with

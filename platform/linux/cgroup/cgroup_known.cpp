@@ -43,7 +43,8 @@ Place look(int directory, const char* path)
             st.stx_mtime.tv_sec * kNsPerSec + st.stx_mtime.tv_nsec};
 }
 
-// The directory above the hierarchies of v1 changes when one is added; that of v2 with each group.
+// The modification time of /sys/fs/cgroup changes when a hierarchy of v1 is mounted. With v2 it
+// changes with each group, so it is not compared.
 bool is_valid()
 {
     bool unifiedTop = false;

@@ -1,6 +1,6 @@
 // cgroup_known.hpp - caches the cgroup hierarchies of this machine, because reading the mount table
 // is as expensive as creating a group. They are read again when the mounts have changed. Used by
-// the calls of cgroup.hpp that the namespace service makes. Their descriptors keep the mounts busy.
+// the functions of cgroup.hpp. Their descriptors keep the mounts busy.
 #ifndef ZN_CGROUP_KNOWN_HPP
 #define ZN_CGROUP_KNOWN_HPP
 

@@ -224,17 +224,9 @@ int io_apply(const Hierarchies& hierarchies, const GroupPath& path, const Resour
     return 0;
 }
 
-// "2MB", "1GB": part of a file name.
-bool is_page_size(const char* size)
-{
-    const std::size_t digits = size != nullptr ? std::strspn(size, "0123456789") : 0;
-    return digits >= 1 && digits <= 6 && std::strspn(size + digits, "KMG") == 1 &&
-           std::strcmp(size + digits + 1, "B") == 0;
-}
-
 int write_hugepage_limit(const LimitGroup& group, const HugepageLimit& limit)
 {
-    if (!is_page_size(limit.size.get()))
+    if (!limit.size || !is_page_size(limit.size.get())) // part of a file name
         return EINVAL;
     char v1[64];
     char v2[64];

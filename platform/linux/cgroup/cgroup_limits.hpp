@@ -1,5 +1,5 @@
-// cgroup_limits.hpp - writes limits into the control files of a group. Called by cgroup_limits.cpp,
-// cgroup_memory.cpp and cgroup_devices.cpp.
+// cgroup_limits.hpp - writes limits into the control files of a group. Used by the other
+// files of this folder.
 #ifndef ZN_CGROUP_LIMITS_HPP
 #define ZN_CGROUP_LIMITS_HPP
 

@@ -1,5 +1,5 @@
-// engine_cgroup.hpp - the file system of type "cgroup" in an engine's container. Called by
-// engine.cpp.
+// engine_cgroup.hpp - the file system of type "cgroup" in an engine's container, and the
+// control groups that its programs enter.
 #ifndef ZN_ENGINE_CGROUP_HPP
 #define ZN_ENGINE_CGROUP_HPP
 

@@ -76,8 +76,8 @@ class Creation {
             int descriptor = -1, std::uint64_t* value = nullptr);
     int ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
-    // Like ask(), but do not wait, unless rootless: there some failures have other solutions.
-    // settle() waits for the answers to all of these and says what failed; to be called before
+    // Like ask(), but do not wait, unless rootless, where a failed request may be made in another
+    // way. settle() waits for the answers to all of these and says what failed; to be called before
     // ask().
     int post(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
              const Posted& posted);

@@ -1,5 +1,5 @@
 // engine_join.hpp - joins the existing namespaces of a configuration while the first process of a
-// container is created, so that it is created in them. Called by engine.cpp.
+// container is created, so that it is created in them.
 #ifndef ZN_ENGINE_JOIN_HPP
 #define ZN_ENGINE_JOIN_HPP
 
@@ -39,8 +39,9 @@ class JoinedNamespaces {
     List<LaunchNamespace> later_;
 };
 
-// Those of the namespaces `flags` in which the process is and this one may not be. Without the
-// rights of the host, namespaces of the host cannot be joined, not even by who is in them.
+// The subset of `flags` whose namespaces of the process differ, or may differ, from those of this
+// one. Without the rights of root of the host, setns() into a namespace of the host fails even for
+// its members.
 unsigned long namespaces_to_join(pid_t pid, unsigned long flags);
 
 } // namespace zn

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 

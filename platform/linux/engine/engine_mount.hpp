@@ -1,6 +1,7 @@
 // engine_mount.hpp - prepares the mounts of an engine's container: each becomes a detached mount,
-// which the first process attaches. Only file systems whose content depends on a namespace (proc,
-// sysfs, mqueue) are mounted by the first process itself. Called by engine.cpp.
+// which the process that makes the root attaches (zn-init, or zn-make with a user namespace). Only
+// file systems whose content depends on a namespace (proc, sysfs, mqueue) are mounted by that
+// process itself.
 #ifndef ZN_ENGINE_MOUNT_HPP
 #define ZN_ENGINE_MOUNT_HPP
 

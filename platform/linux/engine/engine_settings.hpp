@@ -33,8 +33,8 @@ class EngineSettings {
 
     // The CLONE_NEW flags with which the helper is started. Its cgroup namespace is made later.
     [[nodiscard]] unsigned long clone_flags() const;
-    // Those of a second process, which is created in a user, time or joined PID namespace; 0: there
-    // is none.
+    // Those of a second process, which is created in a user, time or joined PID namespace, perhaps
+    // CLONE_PARENT alone; 0: there is none.
     [[nodiscard]] unsigned long created_flags() const;
 
     // Makes the record describe programs in a user namespace with these mappings.
@@ -42,7 +42,7 @@ class EngineSettings {
 
     // Completes the device rules: the devices that every container has are always allowed.
     int complete_devices();
-    // Device rules and the devices of the host are left to who may use them.
+    // Discards the device rules: only root of the host can apply them.
     void drop_devices() { settings_.resources.devices = {}; }
     [[nodiscard]] const Resources& resources() const { return settings_.resources; }
 

@@ -1,5 +1,7 @@
 #include "group.hpp"
 
+#include "request.hpp"
+
 #include <linux/errno.h>
 #include <linux/fcntl.h>
 #include <linux/magic.h>
@@ -38,7 +40,7 @@ sys::Fd open_v2(const char* entry)
 void enter_groups(const Rules& rules)
 {
     const char* entry = rules.entries();
-    for (unsigned i = 0; i < rules->entries; i++, entry = text_after(entry))
+    for (unsigned i = 0; i < rules->entries; i++, entry = next_text(entry))
         enter(AT_FDCWD, entry);
 }
 
@@ -47,7 +49,7 @@ ProgramGroups::ProgramGroups(const Rules& rules)
     // After joining another cgroup namespace, this process could not create one outside of it.
     const bool joins = (rules->namespaces & CLONE_NEWCGROUP) != 0;
     const char* entry = rules.entries();
-    for (unsigned i = 0; i < rules->entries; i++, entry = text_after(entry)) {
+    for (unsigned i = 0; i < rules->entries; i++, entry = next_text(entry)) {
         sys::Fd group = joins ? sys::Fd() : open_v2(entry);
         if (group.valid())
             v2_ = static_cast<sys::Fd&&>(group);

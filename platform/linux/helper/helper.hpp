@@ -3,9 +3,10 @@
 // The helper is a small static program without a C library, embedded in the platform and executed
 // from a sealed memfd. It separates the host from a container: as "zn-keeper" it is PID 1 of a
 // namespace, as "zn-spawn" it starts a program in one, as "zn-holder" it keeps a user namespace
-// open, as "zn-store" the sockets of keepers; as "zn-init" and "zn-exec" it becomes the programs of
-// engines' containers. It shares no memory with the process that starts it, its file cannot be
-// modified, and it loads nothing from a container's tree.
+// open, as "zn-store" the sockets of keepers, as "zn-starter" it starts keepers ahead ("zn-spare");
+// as "zn-init" and "zn-exec" it becomes the programs of engines' containers, and as "zn-make" it
+// makes the root of one with a user namespace. It shares no memory with the process that starts it,
+// its file cannot be modified, and it loads nothing from a container's tree.
 //
 // It does not decide what to mount or run; the platform does.
 #ifndef ZN_HELPER_HPP

@@ -170,7 +170,7 @@ int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value
     case wire::Op::kUnmount:
         return mount_detach(first, request.value);
     case wire::Op::kKill: {
-        // One call reaches all processes except this one, including processes found forked.
+        // One call reaches all processes except this one, including those that are being forked.
         const long result = sys::call(__NR_kill, -1, static_cast<long>(request.value));
         return result == -ESRCH ? 0 : static_cast<int>(-result);
     }

@@ -1,7 +1,7 @@
 // program.hpp - sets up a new process before it executes its program: user, capabilities, limits,
 // seccomp filter (spawner.cpp). Used by the spawner and by the first process of an engine's
-// container (init.cpp). Except for the last, these functions report errors to kSpawnerReport and
-// end the process.
+// container (init.cpp). Functions without a result report errors to kSpawnerReport and end the
+// process.
 #ifndef ZN_HELPER_PROGRAM_HPP
 #define ZN_HELPER_PROGRAM_HPP
 
@@ -74,9 +74,6 @@ long host_user(const Rules& rules, std::uint32_t uid);
 
 // Writes to an existing file. Returns a negative error number on failure.
 long write_text(int directory, const char* path, const char* text);
-
-// The text that follows `text` in a list of texts.
-const char* text_after(const char* text);
 
 // Makes `path`, resolved inside the directory `root`, the working directory. 0 or a negative error
 // number.

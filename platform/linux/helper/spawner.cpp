@@ -7,6 +7,7 @@
 #include "group.hpp"
 #include "helper.hpp"
 #include "program.hpp"
+#include "request.hpp"
 #include "sys.hpp"
 #include "wire.hpp"
 
@@ -379,17 +380,12 @@ long write_text(int directory, const char* path, const char* text)
                : -file.error();
 }
 
-const char* text_after(const char* text)
-{
-    return text + strlen(text) + 1;
-}
-
 void choose_labels(const Rules& rules, int proc)
 {
     constexpr char kAttributes[] = "self/attr/";
     const char* text = rules.entries();
     for (unsigned i = 0; i < rules->entries; i++)
-        text = text_after(text);
+        text = next_text(text);
     for (unsigned i = 0; i < rules->labels; i++) {
         char path[64];
         const std::size_t len = strlen(text) + 1;
@@ -397,10 +393,10 @@ void choose_labels(const Rules& rules, int proc)
             fail(-EINVAL);
         memcpy(path, kAttributes, sizeof kAttributes);
         memcpy(path + sizeof kAttributes - 1, text, len);
-        text = text_after(text);
+        text = next_text(text);
         if (write_text(proc, path, text) < 0)
             fail(-EACCES);
-        text = text_after(text);
+        text = next_text(text);
     }
 }
 

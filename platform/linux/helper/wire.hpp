@@ -39,7 +39,8 @@ enum class Op : std::uint32_t {
     kJoin,       // descriptor: namespaces to enter, or a pidfd of a process in them; value: their
                  // CLONE_NEW flags
     kOwner,      // node: the owner of all files and file systems that are created from now on
-    kRoot,       // descriptor: detached tree; text: host name, "" leaves it; value: ROOT_ bits
+    kRoot,       // descriptor: detached tree; text: host name, "" leaves it; value:
+                 // kRootUnmasked or 0; attributes: the group of terminals
     kMountTree,  // descriptor: detached tree; text: destination
     kMountFs,    // text: destination, type, then options "key" or "key=value"
     kUnmount,    // text: destination; value: the mount id from the answer to kMount...
@@ -47,15 +48,16 @@ enum class Op : std::uint32_t {
                  // any: a detached mount of the node
     kSysctl,     // text: path below /proc/sys, value
     kHide,       // text: path to be covered
-    kReadOnly,   // text: path to be made read-only, "/" for the root itself; value:
-                 // kReadOnlyMount or 0
+    kReadOnly,   // text: path to be made read-only, "/" for the root itself; value, for an engine's
+                 // container: kReadOnlyMount or 0
     kKill,       // value: host signal
-    kInUse,      // answers 1 if another live process exists, else 0; with the pidfd of a live
-                 // process if one of the first lives
-    kEnd,        // like kInUse; kills the other processes if 1, exits after the answer if 0
+    kInUse, // answers 1 if another live process exists, else 0; with the pidfd of one if one of
+            // the lowest process ids of the namespace is alive
+    kEnd,   // if no other process is alive, answers 0 and exits; otherwise, or if that cannot
+            // be determined, kills the others and answers 1 or the error
 
-    // Only for the first process of an engine's container, which also serves the mounts, devices
-    // and paths above, with any number of paths in a request.
+    // Only zn-init and zn-make serve these. They also serve kOwner, kMountTree, kMountFs, kDevice,
+    // kSysctl, and kHide and kReadOnly with any number of paths in a request.
     kPivot,     // descriptor: detached tree; text: host name, domain name, place; value: MS_ bits.
                 // A place is a host path: the tree is attached there, and becomes the root of the
                 // mount namespace by kSwitch only
@@ -93,7 +95,7 @@ struct Request {
     Op op;
     std::uint32_t isDirectory; // kMountTree: the mount point is to be a directory
     std::uint64_t value;
-    std::uint64_t attributes; // kMountFs: MOUNT_ATTR_ bits; kRoot: the group of terminals
+    std::uint64_t attributes; // kMountFs: MOUNT_ATTR_ bits; kRoot, kOwnMounts: see there
     std::uint32_t textLen;    // length of the NUL-terminated strings that follow
     std::uint32_t textCount;
     Node node;

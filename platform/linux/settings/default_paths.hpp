@@ -1,7 +1,6 @@
 // default_paths.hpp - the parts of procfs and sysfs, which are not namespaced, that containers
-// cannot see or cannot write by default. Masked by keeper_mask.cpp; settings_policy.cpp finds
-// configurations that leave one out. The helper program, which has no C library, includes this
-// file.
+// cannot see or cannot write by default. Masked by keeper_mask.cpp of the helper program, which has
+// no C library. A configuration can add paths to these (settings_policy.hpp).
 #ifndef ZN_DEFAULT_PATHS_HPP
 #define ZN_DEFAULT_PATHS_HPP
 

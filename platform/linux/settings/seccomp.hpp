@@ -1,5 +1,5 @@
-// seccomp.hpp - compiles a seccomp filter to the kernel's code, with libseccomp. Called by the
-// namespace service; the code is installed by the helper program, which cannot parse. The functions
+// seccomp.hpp - compiles a seccomp filter to the kernel's code, with libseccomp. The code
+// is installed by the helper program, which cannot parse. The functions
 // keep no state: equal parameters give equal code. On failure `code` is unchanged.
 #ifndef ZN_SECCOMP_HPP
 #define ZN_SECCOMP_HPP

@@ -31,10 +31,9 @@ class SeccompConditions {
 
     // Adds the rules of the profile for the call `name`, which has only rules with conditions. They
     // are tested in the order of the profile; if none matches, the answer is the default one.
-    // On architectures where the call is made by another one (32-bit socketcall and ipc), its
-    // arguments are in memory, where a filter cannot see them. `unseen` is the answer to be used
-    // there: the strictest one that the call could get. It is the default answer if there is no
-    // such architecture.
+    // `unseen` is set to the strictest answer of the call's rules if there is an architecture where
+    // the call is made by another one (32-bit socketcall and ipc) and its arguments are in memory,
+    // where a filter cannot see them; otherwise to the default answer.
     int add(const SeccompProfile& profile, const char* name, std::uint32_t& unseen);
 
     // Answers ENOSYS to calls whose numbers are greater than those of all calls that the profile

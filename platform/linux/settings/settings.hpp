@@ -1,6 +1,6 @@
 // settings.hpp - what a configuration document says about a container beyond its root, mounts and
 // program: users, rights, namespaces, limits, filters. Written by the reader (settings_reader.hpp);
-// used by the namespace service, the control groups and the seccomp filter. What is permitted is
+// used where namespaces, control groups and the seccomp filter are made. What is permitted is
 // decided in settings_policy.hpp.
 //
 // A member that the document does not mention has the value given here, or `given` is false.
@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 
 namespace zn {
 
@@ -95,6 +96,16 @@ struct HugepageLimit {
     Text size;               // "2MB"
     std::uint64_t limit = 0; // UINT64_MAX: unlimited
 };
+
+// Whether it is a size as the kernel writes it in the names of files: "64KB", "2MB", "1GB".
+inline bool is_page_size(std::string_view text)
+{
+    constexpr std::size_t kDigitsMax = 6;
+    const std::size_t digits = text.find_first_not_of("0123456789");
+    return digits >= 1 && digits <= kDigitsMax && text[0] != '0' && text.size() == digits + 2 &&
+           std::string_view("KMG").find(text[digits]) != std::string_view::npos &&
+           text[digits + 1] == 'B';
+}
 
 struct DeviceRate {
     std::uint32_t major = 0;
@@ -182,7 +193,8 @@ struct SeccompProfile {
     Text listenerPath;        // null or "": none
     bool hasMetadata = false; // listenerMetadata is not empty
     List<SeccompRule> rules;
-    // Not read: calls that are newer than all that the rules name fail with ENOSYS, not with EPERM.
+    // Not from the document, set for engines: calls with a higher number than all that the rules
+    // name fail with ENOSYS, not with EPERM.
     bool newerAreAbsent = false;
 };
 

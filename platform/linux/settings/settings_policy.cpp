@@ -74,7 +74,8 @@ bool capabilities_within(const Settings& settings, SettingsFault& fault)
                            Set{"process.capabilities.inheritable", given.inheritable},
                            Set{"process.capabilities.ambient", given.ambient}})
         if ((set.bits & ~kDefaultCapabilities) != 0)
-            return exceeds(fault, set.field, "contains a capability that containers do not have");
+            return exceeds(fault, set.field,
+                           "contains a capability that containers do not have by default");
     return settings.noNewPrivileges.value_or(true) ||
            exceeds(fault, "process.noNewPrivileges",
                    "lets programs gain privileges from set-user-ID files");

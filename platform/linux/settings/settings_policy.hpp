@@ -24,10 +24,11 @@ inline constexpr char kDaemonGroup[] = "/zarnel/";
 // them: a shared or existing namespace, a capability beyond kDefaultCapabilities, noNewPrivileges
 // false, a device node or device rule beyond the default ones, a filter that by default allows
 // system calls or lets a tracer allow them, negative OOM scores, limits that permit real-time
-// scheduling or negative nice values, more than kDefaultPidsLimit processes, control files by name,
-// a control group path outside kDaemonGroup, a root that shares mounts with the host. The rules of
-// a filter are not compared with the default filter. Masked and read-only paths are not checked:
-// within the defaults they are added to the default ones (default_paths.hpp).
+// scheduling, negative nice values or more than half of the memory of message queues, more than
+// kDefaultPidsLimit processes, control files by name, a control group path outside kDaemonGroup, a
+// root that shares mounts with the host. The rules of a filter are not compared with the default
+// filter. Masked and read-only paths are not checked: within the defaults they are added to the
+// default ones (default_paths.hpp).
 bool settings_within_defaults(const Settings& settings, SettingsFault& fault);
 
 } // namespace zn

@@ -1,7 +1,7 @@
 // settings_reader.hpp - reads the settings of a container from its configuration document (the OCI
-// runtime's config.json). Called by the namespace service. The sections "root.path", "mounts",
-// "process.args", "process.env", "process.cwd", "hooks" and "annotations" are read elsewhere and
-// not looked at here.
+// runtime's config.json), for the daemon's containers and those of engines. The sections
+// "root.path", "mounts", "process.args", "process.env", "process.cwd", "hooks" and "annotations"
+// are read elsewhere and not looked at here.
 //
 // Every member named in settings.hpp is checked by type and range. Members of "linux" and "process"
 // that restrict or grant something and are not supported are refused with an error that names them.

@@ -194,16 +194,6 @@ bool read_block_io(JsonReader& reader, const Node& at, Resources& resources)
 
 // ---------------------------------------------------------------- huge pages
 
-// The sizes as the kernel names them in file names: "64KB", "2MB", "1GB".
-bool is_page_size(std::string_view text)
-{
-    const std::size_t digits = text.find_first_not_of("0123456789");
-    if (digits == 0 || digits > 9 || text[0] == '0' || text.size() != digits + 2)
-        return false;
-    return std::string_view("KMG").find(text[digits]) != std::string_view::npos &&
-           text[digits + 1] == 'B';
-}
-
 bool read_page_size(JsonReader& reader, const Node& at, HugepageLimit& limit)
 {
     return reader.required_text(at, limit.size) &&

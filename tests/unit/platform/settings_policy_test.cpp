@@ -55,7 +55,7 @@ TEST_P(Policy, NamesTheFirstFieldThatExceedsTheDefaults)
 
 constexpr char kNotDefault[] = "is not one of the default devices";
 constexpr char kAllows[] = "allows more than the default devices";
-constexpr char kCapability[] = "contains a capability that containers do not have";
+constexpr char kCapability[] = "contains a capability that containers do not have by default";
 
 constexpr Case kCases[] = {
     {"Nothing", "process", "", nullptr, nullptr},
