@@ -260,7 +260,8 @@ Container create_container(const Context& context, const Arguments& args,
         write_pid_file(pidFile, container.process.pid);
         debug_line(context, fmt::format("container {}: created, process {}", container.id,
                                         container.process.pid));
-        if (znEngineRelease(alive.release(), reason.data(), reason.size()) != OK)
+        if (znEngineRelease(alive.release(), &container.process, reason.data(), reason.size()) !=
+            OK)
             throw Failure(reason.data());
     } catch (const Failure&) {
         alive.reset();

@@ -134,9 +134,11 @@ BOOL znEngineCapabilityKnown(const char* name);
 int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char* reason,
                    size_t size);
 
-/* Detach the container from its creator, so that it survives the creator's end. Closes the
- * descriptor. */
-STATUS znEngineRelease(int container, char* reason, size_t size);
+/*
+ * Detach the container whose first process is `process`, a child of the caller, from its creator,
+ * so that it survives the creator's end. Closes the descriptor.
+ */
+STATUS znEngineRelease(int container, const ZN_ENGINE_PROCESS* process, char* reason, size_t size);
 
 /*
  * Start the program of the container whose first process is `process` and whose start socket is in

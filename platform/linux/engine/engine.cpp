@@ -294,7 +294,7 @@ int Creation::explain(int error)
     return explain(error, maker());
 }
 
-// If the first process has ended, its report says why.
+// If the first process has ended, its report says why, or else how it ended.
 int Creation::explain(int error, const Keeper& process)
 {
     wire::SpawnReport report;
@@ -303,7 +303,7 @@ int Creation::explain(int error, const Keeper& process)
     end_process(maker_);
     if (!process_ended(first_.pidfd(), kAnswerWait) ||
         ::read(report_.get(), &report, sizeof report) != static_cast<ssize_t>(sizeof report))
-        return error;
+        return reason_.say_first(error, first_.pidfd());
     return reason_.say_program(report.value, report.kind, plan_.program.argv[0], plan_.program.cwd);
 }
 
@@ -401,15 +401,15 @@ int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char*
     return -1;
 }
 
-STATUS znEngineRelease(int container, char* reason, size_t size)
+STATUS znEngineRelease(int container, const ZN_ENGINE_PROCESS* process, char* reason, size_t size)
 {
     Reason said(reason, size);
     Keeper first;
-    first.adopt(0, UniqueFd(), UniqueFd(container));
+    first.adopt(process->pid, engine_process_open(*process), UniqueFd(container));
     const int error = first.ask(wire::Op::kWait);
     if (error == 0)
         return OK;
-    said.say_errno(error, "the container's first process");
+    said.say_first(error, first.pidfd());
     errno = error;
     return ERROR;
 }

@@ -1,5 +1,7 @@
 #include "engine_reason.hpp"
 
+#include "system/pidfd.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -46,6 +48,22 @@ int Reason::say_errno(int error, const char* format, ...)
     const std::size_t at = std::min(static_cast<std::size_t>(len < 0 ? 0 : len), size_ - 1);
     std::snprintf(text_ + at, size_ - at, ": %s", message);
     return error;
+}
+
+int Reason::say_first(int error, int pidfd)
+{
+    constexpr int kEndMilliseconds = 1000; // its socket is closed before it is a zombie
+    siginfo_t info = {};
+    const bool ended = error == ESRCH && pidfd >= 0 && process_ended(pidfd, kEndMilliseconds) &&
+                       ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
+                                WEXITED | WNOWAIT | WNOHANG | __WALL) == 0 &&
+                       info.si_pid != 0;
+    if (!ended)
+        return say_errno(error, "the container's first process");
+    return info.si_code == CLD_EXITED
+               ? say(error, "the container's first process ended with status %d", info.si_status)
+               : say(error, "the container's first process was killed by signal %d",
+                     info.si_status);
 }
 
 int Reason::say_fault(int error, const SettingsFault& fault)

@@ -20,6 +20,9 @@ class Reason {
     // "FORMAT: message of the error".
     int say_errno(int error, const char* format, ...) __attribute__((format(printf, 3, 4)));
     int say_fault(int error, const SettingsFault& fault);
+    // How the container's first process, a child of this one, has ended: by a signal, for example
+    // because its memory limit is too low, or with a status. If it has not, as say_errno().
+    int say_first(int error, int pidfd);
     // In the form that engines expect: exec: "sh": executable file not found in $PATH.
     int say_program(int error, wire::SpawnReport::Kind kind, const char* program,
                     const char* directory);

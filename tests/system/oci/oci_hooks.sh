@@ -43,6 +43,9 @@ refused 'a createContainer hook that does not exist' '/bin/nosuch'
 given '.hooks.createContainer = [{path: "bin/true"}]' true
 refused 'a path that is not absolute' 'hooks.createContainer[0].path: not an absolute path'
 
+given ".hooks.createRuntime = [$(hook 'kill -KILL "$(jq .pid)"')]" true
+refused 'a first process that is killed meanwhile' "the container's first process was killed by signal 9"
+
 # All that are of the creation run before the program is looked up, in their order.
 given ".hooks = {createContainer: [$(hook "echo third >>$work/order; printf '#!/bin/sh\\necho late\\n' >$root/bin/late; chmod 755 $root/bin/late")],
     createRuntime: [$(hook "echo second >>$work/order")], prestart: [$(hook "echo first >>$work/order")]}" late
