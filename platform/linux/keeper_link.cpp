@@ -14,6 +14,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <utility>
 
 #include "zarnel/ns.h"
 
@@ -250,12 +251,15 @@ int Keeper::post(const wire::Request& request, std::span<const char> text, int d
     return error;
 }
 
-int Keeper::collect(int waitMilliseconds)
+int Keeper::settle(std::size_t& failed, int waitMilliseconds)
 {
-    wire::Answer answer = {};
-    posted_--;
-    const int error = receive(answer, serial_ - posted_, waitMilliseconds);
-    return error != 0 ? error : answer.error;
+    const std::uint32_t count = std::exchange(posted_, 0U);
+    const std::uint32_t first = serial_ - count + 1;
+    std::uint64_t number = first;
+    const int error = ask(wire::Op::kSettle, 0, &number, waitMilliseconds);
+    const std::uint32_t place = static_cast<std::uint32_t>(number) - first;
+    failed = place < count ? place : 0;
+    return error;
 }
 
 int Keeper::ask(wire::Op op, std::uint64_t value, std::uint64_t* answer, int waitMilliseconds)

@@ -50,12 +50,12 @@ class Keeper {
     // ask(). Does not ask while the process lives that the keeper has named before.
     int in_use(bool& used);
 
-    // Sends a request without waiting for the answer, for which collect() must be called before the
-    // next ask(). The receiver carries it out unless one that was posted before has failed. 0 or an
-    // error number: EAGAIN if earlier answers must be collected first.
+    // Sends a request that is not answered. The receiver carries it out unless one that was posted
+    // before has failed. 0 or an error number: EAGAIN if the socket is full, until settle().
     int post(const wire::Request& request, std::span<const char> text, int descriptor);
-    // Waits for the answer to the oldest posted request, with the results of ask().
-    int collect(int waitMilliseconds);
+    // Waits until all posted requests have been carried out. 0, or as ask() the error of the first
+    // one that failed; `failed` is its place among those since the last call, from 0.
+    int settle(std::size_t& failed, int waitMilliseconds);
 
     // Kills all processes in the namespaces except the keeper, without waiting for their ends.
     void kill_others(int waitMilliseconds);
@@ -84,7 +84,7 @@ class Keeper {
     znc::UniqueFd socket_;
     znc::UniqueFd live_;       // pidfd of a process that was alive in the namespace
     std::uint32_t serial_ = 0; // of the last request
-    std::uint32_t posted_ = 0; // number of the last requests whose answers were not collected
+    std::uint32_t posted_ = 0; // number of requests that were posted since the last settle()
 };
 
 } // namespace zn

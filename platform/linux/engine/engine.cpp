@@ -283,10 +283,11 @@ int Creation::post(const wire::Request& request, std::span<const char> text, int
 int Creation::settle()
 {
     const std::size_t count = std::exchange(postedCount_, 0);
-    for (std::size_t i = 0; i < count; i++)
-        if (const int error = explain(maker().collect(kAnswerWait)); error != 0)
-            return say_posted(error, posted_[i]);
-    return 0;
+    if (count == 0)
+        return 0;
+    std::size_t failed = 0;
+    const int error = explain(maker().settle(failed, kAnswerWait * static_cast<int>(count)));
+    return error == 0 ? 0 : say_posted(error, posted_[failed]);
 }
 
 int Creation::explain(int error)
@@ -348,13 +349,12 @@ int Creation::run()
         error = restrict_paths(wire::Op::kReadOnly, wanted.readonlyPaths, "linux.readonlyPaths");
     if (error == 0)
         error = restrict_paths(wire::Op::kHide, wanted.maskedPaths, "linux.maskedPaths");
-    if (error == 0 && devReadOnly_) {
-        wire::Request request = request_of(wire::Op::kReadOnly);
-        request.value = wire::kReadOnlyMount;
-        error = reason_.say_errno(ask(request, {"/dev"}), "mounts: /dev: read-only");
-    }
+    if (error == 0 && devReadOnly_)
+        error = make_read_only("/dev", wire::kReadOnlyMount, "mounts: /dev: read-only");
     if (error == 0 && wanted.rootReadonly)
-        error = reason_.say_errno(ask(request_of(wire::Op::kReadOnly), {"/"}), "root.readonly");
+        error = make_read_only("/", 0, "root.readonly");
+    if (error == 0)
+        error = settle();
     if (error == 0 && user_)
         error = enter_own_mounts();
     return error;

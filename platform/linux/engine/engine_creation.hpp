@@ -65,10 +65,11 @@ class Creation {
     int launch_maker();
     int enter_own_mounts();
     int set_limits();
-    // What a posted request was for: a mount, or the path of a device or link.
+    // What a posted request was for: a mount, the path of a device or link, or a field.
     struct Posted {
         const ZN_ENGINE_MOUNT* mount = nullptr;
         const char* path = nullptr;
+        const char* field = nullptr;
     };
     // The process that makes the root: with a user namespace, one that has the rights of the host.
     Keeper& maker() { return user_ ? maker_ : first_; }
@@ -77,8 +78,7 @@ class Creation {
     int ask(Keeper& process, wire::Request request, std::initializer_list<const char*> texts = {},
             int descriptor = -1, std::uint64_t* value = nullptr);
     // Like ask(), but do not wait, unless rootless, where a failed request may be made in another
-    // way. settle() waits for the answers to all of these and says what failed; to be called before
-    // ask().
+    // way. settle() waits until all of these are done and says which one has failed.
     int post(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
              const Posted& posted);
     int post(const wire::Request& request, std::span<const char> text, int descriptor,
@@ -105,6 +105,7 @@ class Creation {
     int make_devices();
     int make_terminal();
     int set_parameters();
+    int make_read_only(const char* path, std::uint64_t value, const char* field);
     int restrict_paths(wire::Op op, const List<Text>& paths, const char* field);
     int find_program(Keeper& process);
 
@@ -119,7 +120,7 @@ class Creation {
     EngineUser user_;
     Keeper first_;
     Keeper maker_;
-    std::array<Posted, 32> posted_; // what answers are still to be received for
+    std::array<Posted, 32> posted_; // since the last settle()
     std::size_t postedCount_ = 0;
     // Whether this process has only the rights of root in a user namespace.
     const bool rootless_ = znEngineRootless() != FALSE;

@@ -256,6 +256,8 @@ int Creation::say_mount(int error, const ZN_ENGINE_MOUNT& mount, const EngineMou
 
 int Creation::say_posted(int error, const Posted& posted)
 {
+    if (posted.field != nullptr)
+        return reason_.say_errno(error, "%s", posted.field);
     if (posted.mount == nullptr)
         return reason_.say_errno(error, "cannot create %s", posted.path);
     EngineMount wanted;
@@ -356,6 +358,13 @@ int Creation::set_parameters()
 }
 
 // Sends as many paths in each request as fit.
+int Creation::make_read_only(const char* path, std::uint64_t value, const char* field)
+{
+    wire::Request request = request_of(wire::Op::kReadOnly);
+    request.value = value;
+    return reason_.say_errno(post(request, {path}, -1, {nullptr, nullptr, field}), "%s", field);
+}
+
 int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* field)
 {
     char text[8192];
@@ -365,7 +374,7 @@ int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* f
         const std::size_t size = i < paths.size() ? std::strlen(paths[i].get()) + 1 : sizeof text;
         if (size > sizeof text - len && request.textCount > 0) {
             request.textLen = static_cast<std::uint32_t>(len);
-            const int error = explain(maker().ask(request, {text, len}, -1, nullptr, kAnswerWait));
+            const int error = post(request, {text, len}, -1, {nullptr, nullptr, field});
             if (error != 0)
                 return reason_.say_errno(error, "%s", field);
             request.textCount = 0;

@@ -284,17 +284,23 @@ void serve_all(Program& program)
 {
     Incoming in;
     sys::Fd hostRoot;
-    bool failed = false; // a request that was posted
+    wire::Answer failed = {}; // that of the first posted request that failed
     for (;;) {
         sys::Fd descriptor;
         if (!request_receive(wire::kInitSocket, in, descriptor))
             sys::exit_group(0);
         wire::Answer answer = {};
         const bool posted = in.request.posted != 0;
-        answer.error = posted && failed
-                           ? ECANCELED
-                           : serve(in, descriptor.get(), program, hostRoot, &answer.value);
-        failed = failed || (posted && answer.error != 0);
+        if (posted && failed.error != 0)
+            continue;
+        if (in.request.op == wire::Op::kSettle)
+            answer = {failed.error, 0, failed.serial};
+        else
+            answer.error = serve(in, descriptor.get(), program, hostRoot, &answer.value);
+        if (posted) {
+            failed = {answer.error, in.request.serial, 0};
+            continue;
+        }
         request_answer(wire::kInitSocket, in.request, answer);
         if (in.request.op == wire::Op::kWait)
             return;

@@ -189,6 +189,7 @@ int serve(const Incoming& in, int descriptor, bool isSpare, std::uint64_t* value
     case wire::Op::kLink:
     case wire::Op::kTerminal:
     case wire::Op::kFind:
+    case wire::Op::kSettle:
     case wire::Op::kWait:
     case wire::Op::kStore:
     case wire::Op::kDrop:

@@ -67,6 +67,7 @@ enum class Op : std::uint32_t {
                 // device that the root must have
     kTerminal,  // descriptor: socket that gets the terminal; value: rows << 16 | columns
     kFind,      // makes the working directory and looks the program up
+    kSettle,    // answers the error of the first posted request that failed; value: its number
     kWait,      // ends the requests: waits for the start
 
     // Only for the store.
@@ -100,8 +101,8 @@ struct Request {
     std::uint32_t textCount;
     Node node;
     std::uint32_t serial; // a new one for each request
-    // Not 0: the sender does not wait for the answer before the next request, so this one is not
-    // carried out (ECANCELED) after one of these has failed. Only for an engine's container.
+    // Not 0: it is not answered, kSettle is answered for all of these. It is not carried out after
+    // one of them has failed. Only for an engine's container.
     std::uint32_t posted;
 };
 

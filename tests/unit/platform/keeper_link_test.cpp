@@ -10,6 +10,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -177,10 +178,7 @@ class Posts : public ::testing::Test {
     Request first_request()
     {
         EXPECT_EQ(post(0), 0);
-        const Request first = received();
-        answer(first, 0);
-        EXPECT_EQ(keeper_.collect(1000), 0);
-        return first;
+        return received();
     }
 
     Keeper keeper_;
@@ -189,7 +187,7 @@ class Posts : public ::testing::Test {
 
 } // namespace
 
-TEST_F(Posts, AreSentAtOnceAndAnsweredInTheirOrder)
+TEST_F(Posts, AreSentAtOnceAndAnsweredTogether)
 {
     ASSERT_EQ(post(1), 0);
     ASSERT_EQ(post(2), 0);
@@ -198,10 +196,36 @@ TEST_F(Posts, AreSentAtOnceAndAnsweredInTheirOrder)
     EXPECT_EQ(first.value, 1U);
     EXPECT_EQ(second.value, 2U);
     EXPECT_NE(first.posted, 0U);
-    answer(first, 0);
-    answer(second, ENOENT);
-    EXPECT_EQ(keeper_.collect(1000), 0);
-    EXPECT_EQ(keeper_.collect(1000), ENOENT);
+    answer(after(second), 0);
+    std::size_t failed = 7;
+    EXPECT_EQ(keeper_.settle(failed, 1000), 0);
+    const Request settle = received();
+    EXPECT_EQ(settle.op, Op::kSettle);
+    EXPECT_EQ(settle.posted, 0U);
+}
+
+TEST_F(Posts, TheOneThatFailedIsNamedByItsPlace)
+{
+    Request last = {};
+    for (std::size_t wrong = 0; wrong < 3; wrong++) {
+        std::array<Request, 3> sent = {};
+        for (Request& one : sent) {
+            ASSERT_EQ(post(1), 0);
+            one = received();
+        }
+        last = after(sent[2]);
+        answer(last, ENOENT, sent.at(wrong).serial);
+        std::size_t failed = 7;
+        EXPECT_EQ(keeper_.settle(failed, 1000), ENOENT);
+        EXPECT_EQ(failed, wrong);
+        received();
+    }
+    ASSERT_EQ(post(1), 0);
+    received();
+    answer(after(after(last)), EIO, last.serial - 5);
+    std::size_t failed = 7;
+    EXPECT_EQ(keeper_.settle(failed, 1000), EIO);
+    EXPECT_EQ(failed, 0U) << "an earlier one";
 }
 
 TEST_F(Posts, ALiveProcessIsAskedForOnceUntilItHasEnded)
@@ -276,23 +300,17 @@ TEST_F(Posts, AnswersToEarlierOwnersAreNotTakenForTheirs)
 {
     answer({}, EIO);
     ASSERT_EQ(post(1), 0);
-    answer(received(), 0);
-    EXPECT_EQ(keeper_.collect(1000), 0);
+    answer(after(received()), 0);
+    std::size_t failed = 0;
+    EXPECT_EQ(keeper_.settle(failed, 1000), 0);
 }
 
 TEST_F(Posts, AreFollowedByQuestions)
 {
     ASSERT_EQ(post(1), 0);
-    answer(received(), 0);
-    ASSERT_EQ(keeper_.collect(1000), 0);
-    Request expected = {};
     // The answer is there before the question, with the number that the question will have.
-    ASSERT_EQ(post(2), 0);
-    expected = received();
-    answer(expected, 0);
-    expected.serial++;
+    const Request expected = after(received());
     answer(expected, 0, 7);
-    ASSERT_EQ(keeper_.collect(1000), 0);
     std::uint64_t value = 0;
     EXPECT_EQ(keeper_.ask(Op::kInUse, 0, &value), 0);
     EXPECT_EQ(value, 7U);
@@ -307,8 +325,7 @@ TEST_F(Posts, NeverWaitForRoomInTheSocket)
         sent++;
     EXPECT_EQ(error, EAGAIN);
     EXPECT_GT(sent, 0);
-    answer(received(), 0);
-    EXPECT_EQ(keeper_.collect(1000), 0);
+    received();
     EXPECT_EQ(post(0), 0);
 }
 
@@ -316,6 +333,8 @@ TEST_F(Posts, FailWhenTheOtherEndIsClosed)
 {
     ASSERT_EQ(post(1), 0);
     other_.reset();
-    EXPECT_EQ(keeper_.collect(1000), ESRCH);
+    std::size_t failed = 7;
+    EXPECT_EQ(keeper_.settle(failed, 1000), ESRCH);
+    EXPECT_EQ(failed, 0U);
     EXPECT_EQ(post(2), ESRCH);
 }
