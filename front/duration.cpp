@@ -1,8 +1,28 @@
 #include "duration.hpp"
 
+#include <chrono>
+
 #include <fmt/format.h>
 
 namespace zncctl {
+namespace {
+
+// gmtime() would read the time zone of the machine.
+std::string date_and_time(std::time_t time, char separator)
+{
+    using std::chrono::days;
+    using std::chrono::floor;
+    const std::chrono::sys_seconds seconds{std::chrono::seconds(time)};
+    const auto day = floor<days>(seconds);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss clock(seconds - day);
+    return fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}", static_cast<int>(date.year()),
+                       static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                       separator, clock.hours().count(), clock.minutes().count(),
+                       clock.seconds().count());
+}
+
+} // namespace
 
 std::string duration_text(std::time_t seconds)
 {
@@ -30,6 +50,18 @@ std::string duration_text(std::time_t seconds)
     if (seconds < 2 * 365 * kDay)
         return fmt::format("{} months", seconds / (30 * kDay));
     return fmt::format("{} years", seconds / (365 * kDay));
+}
+
+std::string time_text(std::time_t time)
+{
+    return date_and_time(time, 'T') + "Z";
+}
+
+std::string precise_time_text(std::int64_t nanoseconds, char separator, std::string_view zone)
+{
+    constexpr std::int64_t kSecond = 1000000000;
+    return fmt::format("{}.{:09}{}", date_and_time(nanoseconds / kSecond, separator),
+                       nanoseconds % kSecond, zone);
 }
 
 std::time_t time_of_text(const std::string& text)

@@ -130,14 +130,6 @@ znc::UniqueFd open_network_end(int dir, int flags)
 
 } // namespace
 
-std::string time_text(std::time_t time)
-{
-    std::tm utc = {};
-    std::array<char, 32> text{};
-    ::gmtime_r(&time, &utc);
-    return {text.data(), std::strftime(text.data(), text.size(), "%FT%TZ", &utc)};
-}
-
 RecordKeeper RecordKeeper::begin(const std::string& id)
 {
     RecordKeeper keeper;

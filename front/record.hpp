@@ -29,9 +29,6 @@ struct Record {
     bool out_of_memory = false; // killed because the memory limit was reached
 };
 
-// Formats a time as in RFC 3339, in UTC.
-std::string time_text(std::time_t time);
-
 class RecordKeeper {
   public:
     // Starts a new record for a container, deleting the old one. Waits up to 10 seconds for the

@@ -1,7 +1,7 @@
 #include "container.hpp"
 
+#include "front/duration.hpp"
 #include "front/files.hpp"
-#include "front/record.hpp"
 #include "front/words.hpp"
 #include "hooks.hpp"
 #include "log.hpp"

@@ -1,8 +1,8 @@
 #include "log.hpp"
 
+#include "front/duration.hpp"
 #include "front/files.hpp"
 #include "front/json.hpp"
-#include "front/record.hpp"
 
 #include <ctime>
 #include <fcntl.h>

@@ -3,12 +3,12 @@
 #include "cli/containers/event_journal.hpp"
 #include "cli/containers/log_lines.hpp"
 #include "commands.hpp"
+#include "front/duration.hpp"
 #include "front/escape.hpp"
 #include "front/output.hpp"
 #include "front/row_format.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <ctime>
 #include <fmt/format.h>
@@ -33,24 +33,13 @@ const std::vector<std::string>& fields()
     return kFields;
 }
 
-std::string formatted(std::int64_t time, const char* format, const char* zone)
-{
-    const std::time_t seconds = time / kNanoseconds;
-    std::tm utc = {};
-    std::array<char, 32> text{};
-    ::gmtime_r(&seconds, &utc);
-    const std::size_t length = std::strftime(text.data(), text.size(), format, &utc);
-    return fmt::format("{}.{:09}{}", std::string_view(text.data(), length), time % kNanoseconds,
-                       zone);
-}
-
 Json document(const Event& event)
 {
     Json json = {{"ID", event.id},
                  {"Image", event.image},
                  {"Name", event.name},
                  {"Status", event.status},
-                 {"Time", formatted(event.time, "%FT%T", "Z")},
+                 {"Time", precise_time_text(event.time, 'T', "Z")},
                  {"Type", kType}};
     if (event.exit_code)
         json["ContainerExitCode"] = *event.exit_code;
@@ -62,8 +51,9 @@ std::string line(const Event& event)
     const std::string code =
         event.exit_code ? fmt::format(", exitCode={}", *event.exit_code) : std::string();
     return fmt::format("{} {} {} {} (image={}, name={}{})",
-                       formatted(event.time, "%F %T", " +0000 UTC"), kType, printable(event.status),
-                       printable(event.id), printable(event.image), printable(event.name), code);
+                       precise_time_text(event.time, ' ', " +0000 UTC"), kType,
+                       printable(event.status), printable(event.id), printable(event.image),
+                       printable(event.name), code);
 }
 
 // Which events are wanted. Throws std::runtime_error for an invalid filter.

@@ -3,24 +3,12 @@
 #include "front/duration.hpp"
 #include "front/words.hpp"
 
-#include <array>
 #include <fmt/format.h>
 
 namespace zncctl {
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1000000000;
-
-// With nine decimals, as container engines print it.
-std::string stamp(std::int64_t time)
-{
-    const std::time_t seconds = time / kNanoseconds;
-    std::tm utc = {};
-    std::array<char, 32> text{};
-    ::gmtime_r(&seconds, &utc);
-    const std::size_t length = std::strftime(text.data(), text.size(), "%FT%T", &utc);
-    return fmt::format("{}.{:09}Z ", std::string_view(text.data(), length), time % kNanoseconds);
-}
 
 std::optional<std::time_t> read_duration(std::string_view text)
 {
@@ -74,7 +62,7 @@ std::string LogLines::add(const std::vector<LogPart>& parts)
             if (at_start_) {
                 wanted_ = since_ == 0 || part.time / kNanoseconds >= since_;
                 if (wanted_ && timestamps_)
-                    text += stamp(part.time);
+                    text += precise_time_text(part.time, 'T', "Z ");
             }
             const std::size_t end = rest.find('\n');
             const std::string_view piece = rest.substr(0, end == rest.npos ? end : end + 1);

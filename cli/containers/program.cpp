@@ -3,6 +3,7 @@
 #include "config_check.hpp"
 #include "container.hpp"
 #include "environment.hpp"
+#include "front/duration.hpp"
 #include "front/files.hpp"
 #include "pause.hpp"
 #include "program_file.hpp"

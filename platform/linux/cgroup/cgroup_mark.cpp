@@ -42,9 +42,11 @@ struct ForeignVisit final : GroupVisit {
     int enter(int group) override
     {
         ProcessVisit processes;
-        return owner_of(group, mark) == Owner::kOther ? groups_visit(group, processes) : 0;
+        const bool foreign = group != checked && owner_of(group, mark) == Owner::kOther;
+        return foreign ? groups_visit(group, processes) : 0;
     }
     const char* mark;
+    int checked = -1; // the group itself, which is not foreign
 };
 
 // Whether the group has the mark. EBUSY if it has another, or one below it is in use by another.
@@ -58,6 +60,7 @@ int find_mark(const Hierarchies& hierarchies, const GroupPath& path, const char*
             continue;
         const Owner owner = group ? owner_of(group.get(), mark) : Owner::kNone;
         int error = group ? 0 : errno;
+        visit.checked = group.get();
         if (error == 0)
             error = owner == Owner::kOther ? EBUSY : groups_visit(group.get(), visit);
         if (error != 0)

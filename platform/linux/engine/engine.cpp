@@ -324,6 +324,7 @@ int Creation::run()
                            "must run as root, or as root of a user namespace (see unshare -r)");
     SettingsFault fault;
     int error = reason_.say_fault(settings_.read(plan_.document, fault), fault);
+    rootless_ = settings_.is_rootless();
     if (error == 0 && settings_.from(NsKind::kMount) != NsChoice::From::kNew)
         error = reason_.say(ENOTSUP, "linux.namespaces: a container needs a new mount namespace");
     const Settings& wanted = settings_.settings();

@@ -123,7 +123,7 @@ class Creation {
     std::array<Posted, 32> posted_; // since the last settle()
     std::size_t postedCount_ = 0;
     // Whether this process has only the rights of root in a user namespace.
-    const bool rootless_ = znEngineRootless() != FALSE;
+    bool rootless_ = false;
     bool hasGroup_ = false;
     bool kept_ = false;
 };

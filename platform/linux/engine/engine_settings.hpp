@@ -28,6 +28,7 @@ class EngineSettings {
     int read(const char* document, SettingsFault& fault);
 
     [[nodiscard]] const Settings& settings() const { return settings_; }
+    [[nodiscard]] bool is_rootless() const { return isRootless_; } // see znEngineRootless
     [[nodiscard]] NsChoice::From from(NsKind kind) const;
     [[nodiscard]] const char* path(NsKind kind) const;
 

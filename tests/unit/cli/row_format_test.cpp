@@ -57,6 +57,15 @@ TEST(Duration, IsWrittenInWords)
     EXPECT_EQ(duration_text(800 * 86400), "2 years");
 }
 
+TEST(Duration, TimesAreThoseOfUtc)
+{
+    EXPECT_EQ(time_text(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(time_text(951782399), "2000-02-28T23:59:59Z");
+    EXPECT_EQ(time_text(951782400), "2000-02-29T00:00:00Z");
+    EXPECT_EQ(precise_time_text(1795352942000000007, ' ', " +0000 UTC"),
+              "2026-11-22 13:09:02.000000007 +0000 UTC");
+}
+
 TEST(Duration, ATimeIsReadAsItIsWritten)
 {
     EXPECT_EQ(time_of_text(time_text(1795352942)), 1795352942);
