@@ -234,13 +234,11 @@ version = 2
 root = "$work/containerd/root"
 state = "$work/containerd/state"
 disabled_plugins = ["io.containerd.grpc.v1.cri", "io.containerd.internal.v1.opt"]
-imports = ["$work/example.toml"]
 [grpc]
   address = "$work/containerd.sock"
 [ttrpc]
   address = "$work/containerd.sock.ttrpc"
 END
-    example containerd.toml "$work/bin" >"$work/example.toml"
     containerd --config "$work/containerd.toml" >"$work/containerd.log" 2>&1 &
     containerd_pid=$!
     podman_ save --quiet --format docker-archive --output "$work/image.tar" localhost/engines:1
@@ -248,7 +246,9 @@ END
 }
 
 containerd_knows() {
-    containerd --config "$work/containerd.toml" config dump |
+    example containerd.toml "$work/bin" >"$work/example.toml"
+    printf 'version = 2\nimports = ["%s"]\n' "$work/example.toml" >"$work/imports.toml"
+    containerd --config "$work/imports.toml" config dump |
         awk -v name="BinaryName = \"$work/bin/zncrun\"" '/runtimes.zncrun.options\]/ { here = 1 } here && index($0, name) { found = 1 } END { exit !found }'
 }
 
