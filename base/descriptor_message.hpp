@@ -1,4 +1,4 @@
-// descriptor_message.hpp - messages of Unix sockets that pass a descriptor.
+// descriptor_message.hpp - messages of Unix sockets, also with a descriptor.
 #ifndef ZNC_BASE_DESCRIPTOR_MESSAGE_HPP
 #define ZNC_BASE_DESCRIPTOR_MESSAGE_HPP
 
@@ -27,8 +27,25 @@ inline void add_descriptor(msghdr& message, DescriptorControl& control, int desc
     std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
 }
 
-// Receives a message, and its descriptor if it has one. `flags` are those of recvmsg(). The number
-// of bytes; 0 if the sender is gone, -1 with errno set.
+// As recvmsg() on a SOCK_SEQPACKET socket whose messages are not empty; restarts after signals. The
+// kernel looks at the queue first and for the end of the file later, so it may report the end while
+// the last message is put into the queue: only a second report is the end.
+inline ssize_t receive_packet(int socket, msghdr& message, int flags)
+{
+    const std::size_t room = message.msg_controllen;
+    for (bool ended = false;;) {
+        message.msg_controllen = room;
+        const ssize_t n = ::recvmsg(socket, &message, flags | MSG_CMSG_CLOEXEC);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n != 0 || ended)
+            return n;
+        ended = true;
+    }
+}
+
+// Receives a message as receive_packet(), and its descriptor if it has one. The number of bytes; 0
+// if the sender is gone, -1 with errno set.
 inline ssize_t receive_descriptor(int socket, void* data, std::size_t size, int flags,
                                   UniqueFd& descriptor)
 {
@@ -39,10 +56,7 @@ inline ssize_t receive_descriptor(int socket, void* data, std::size_t size, int 
     message.msg_iovlen = 1;
     message.msg_control = control.bytes;
     message.msg_controllen = sizeof control.bytes;
-    ssize_t n;
-    do {
-        n = ::recvmsg(socket, &message, flags | MSG_CMSG_CLOEXEC);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = receive_packet(socket, message, flags);
     const cmsghdr* const header = n > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
     if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
         header->cmsg_len == CMSG_LEN(sizeof(int))) {

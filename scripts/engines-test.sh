@@ -343,9 +343,11 @@ no_state_left() { [[ -z $(ls -A "$rootless/run/zncrun") ]]; }
 # The second command ends the process that keeps the user namespace of podman.
 remove_rootless() { podman_ rm --all --force --time 0 && podman_ system migrate; }
 ends_rootless() { remove_rootless && soon nobody_left; }
+# podman loses what a program prints that ends at once, with other runtimes, too.
 has_terminal() {
     local command
-    printf -v command '%q ' timeout --foreground 90 "${engine[@]}" run --rm -it --network none localhost/engines:1 tty
+    printf -v command '%q ' timeout --foreground 90 "${engine[@]}" run --rm -it --network none localhost/engines:1 \
+        sh -c 'tty; sleep 1'
     script --quiet --return --command "$command" /dev/null | grep -q /dev/pts/0
 }
 

@@ -1,5 +1,7 @@
 #include "program_link.hpp"
 
+#include "base/descriptor_message.hpp"
+
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
@@ -46,10 +48,11 @@ void ProgramLink::send(LinkMessage::Kind kind, int value, std::string_view data)
 std::optional<LinkMessage> ProgramLink::receive(bool wait) const
 {
     std::array<char, sizeof(Header) + kDataMax> buffer{};
-    ssize_t n = 0;
-    do
-        n = ::recv(socket_.get(), buffer.data(), buffer.size(), wait ? 0 : MSG_DONTWAIT);
-    while (n < 0 && errno == EINTR);
+    iovec data = {buffer.data(), buffer.size()};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    const ssize_t n = znc::receive_packet(socket_.get(), message, wait ? 0 : MSG_DONTWAIT);
     Header header = {};
     if (n < static_cast<ssize_t>(sizeof header)) {
         if (n >= 0 || errno != EAGAIN)
