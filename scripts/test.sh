@@ -204,6 +204,7 @@ if [[ -n $all ]]; then
     FUZZ_PRESET=fuzz step 'the fuzz targets find nothing in a long run' scripts/fuzz.sh 600
     step 'tests pass on cgroup v2 and an older kernel in a virtual machine' scripts/vm-test.sh
     step 'zncrun makes scopes of systemd in a virtual machine' scripts/vm-systemd-test.sh
+    step 'podman of a user runs containers in a virtual machine' scripts/vm-rootless-test.sh
     step 'containers outlive zncd and upgrades in a virtual machine' scripts/vm-keep-test.sh
 fi
 
