@@ -1,24 +1,53 @@
 #include "keeper_request.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
 
 namespace zn {
 
+bool RequestText::add(const char* text, const char* prefix)
+{
+    const std::size_t before = std::strlen(prefix);
+    const std::size_t size = std::strlen(text) + 1;
+    if (size > sizeof text_ - len_ || before > sizeof text_ - len_ - size)
+        return false;
+    std::memcpy(text_ + len_, prefix, before);
+    std::memcpy(text_ + len_ + before, text, size);
+    len_ += static_cast<std::uint32_t>(before + size);
+    count_++;
+    return true;
+}
+
+bool RequestText::add(std::span<const char> texts, std::uint32_t count)
+{
+    if (texts.size() > sizeof text_ - len_)
+        return false;
+    std::copy(texts.begin(), texts.end(), text_ + len_);
+    len_ += static_cast<std::uint32_t>(texts.size());
+    count_ += count;
+    return true;
+}
+
+bool RequestText::add_all(std::initializer_list<const char*> texts)
+{
+    return std::all_of(texts.begin(), texts.end(), [this](const char* one) { return add(one); });
+}
+
+wire::Request RequestText::of(wire::Request request) const
+{
+    request.textLen = len_;
+    request.textCount = count_;
+    return request;
+}
+
 int keeper_tell(Keeper& keeper, wire::Request request, const char* first, const char* second)
 {
-    char text[4096];
-    const std::size_t a = std::strlen(first) + 1;
-    const std::size_t b = second != nullptr ? std::strlen(second) + 1 : 0;
-    if (a + b > sizeof text)
+    RequestText text;
+    if (!text.add(first) || (second != nullptr && !text.add(second)))
         return ENAMETOOLONG;
-    std::memcpy(text, first, a);
-    if (second != nullptr)
-        std::memcpy(text + a, second, b);
-    request.textLen = static_cast<std::uint32_t>(a + b);
-    request.textCount = second != nullptr ? 2 : 1;
-    return keeper.ask(request, {text, a + b}, -1);
+    return keeper.ask(text.of(request), text.all(), -1);
 }
 
 int keeper_tell(Keeper& keeper, wire::Op op, const char* path)

@@ -3,6 +3,7 @@
 
 #include "base/file.hpp"
 #include "cgroup/cgroup.hpp"
+#include "keeper_request.hpp"
 #include "ns_record.hpp"
 
 #include <cerrno>
@@ -57,32 +58,6 @@ namespace {
 
 constexpr const char* kGroupsTop[] = {"nosuid", "nodev", "noexec", "mode=755", "size=64k", nullptr};
 
-// The strings of a request, concatenated.
-class TextBuffer {
-  public:
-    bool add(const char* text) { return add({text, std::strlen(text) + 1}, 1); }
-    bool add(std::span<const char> text, unsigned count)
-    {
-        if (text.size() > sizeof text_ - len_)
-            return false;
-        std::memcpy(text_ + len_, text.data(), text.size());
-        len_ += text.size();
-        count_ += count;
-        return true;
-    }
-    int send(Keeper& keeper, wire::Request& request, int descriptor, std::uint64_t* value)
-    {
-        request.textLen = static_cast<std::uint32_t>(len_);
-        request.textCount = count_;
-        return keeper.ask(request, {text_, len_}, descriptor, value);
-    }
-
-  private:
-    char text_[4096];
-    std::size_t len_ = 0;
-    unsigned count_ = 0;
-};
-
 int mount_tree(Keeper& keeper, const UserNamespace& user, const char* source,
                const char* destination, const MountPlan& plan, std::uint64_t* id)
 {
@@ -95,14 +70,14 @@ int mount_tree(Keeper& keeper, const UserNamespace& user, const char* source,
     wire::Request request = {};
     request.op = wire::Op::kMountTree;
     request.isDirectory = znc::is_directory(tree.get());
-    TextBuffer text;
+    RequestText text;
     if (!text.add(destination))
         return ENAMETOOLONG;
-    return text.send(keeper, request, tree.get(), id);
+    return keeper.ask(text.of(request), text.all(), tree.get(), id);
 }
 
 // Appends the options of a plan; the kernel takes owners as ids of the host.
-int add_options(const MountPlan& plan, const UserNamespace& user, TextBuffer& text)
+int add_options(const MountPlan& plan, const UserNamespace& user, RequestText& text)
 {
     const char* option = plan.options;
     for (unsigned i = 0; i < plan.optionCount; i++, option += std::strlen(option) + 1) {
@@ -130,12 +105,12 @@ int mount_fs(Keeper& keeper, const UserNamespace& user, const char* destination,
     wire::Request request = {};
     request.op = wire::Op::kMountFs;
     request.attributes = plan.attrSet;
-    TextBuffer text;
+    RequestText text;
     if (!text.add(destination) || !text.add(plan.type))
         return ENAMETOOLONG;
     if (const int error = add_options(plan, user, text); error != 0)
         return error;
-    return text.send(keeper, request, -1, id);
+    return keeper.ask(text.of(request), text.all(), -1, id);
 }
 
 // Mounts the group in each hierarchy on a directory named like the hierarchy; the unified one, if
@@ -219,9 +194,7 @@ int NamespaceMounts::unmount(Keeper& keeper, const char* destination)
     wire::Request request = {};
     request.op = wire::Op::kUnmount;
     request.value = (*at)->id;
-    TextBuffer text;
-    const int error =
-        text.add(destination) ? text.send(keeper, request, -1, nullptr) : ENAMETOOLONG;
+    const int error = keeper_tell(keeper, request, destination);
     if (error != 0 && error != ESRCH)
         return error;
     const MallocPtr<Entry> done(*at);

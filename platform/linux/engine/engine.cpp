@@ -6,6 +6,7 @@
 #include "engine_creation.hpp"
 #include "engine_join.hpp"
 #include "engine_socket.hpp"
+#include "keeper_request.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
 #include "system/own_namespace.hpp"
@@ -212,34 +213,6 @@ int Creation::launch_with(const UniqueFd& file, const UniqueFd& record, const Un
     return 0;
 }
 
-namespace {
-
-// The texts of a request, one after another.
-class RequestText {
-  public:
-    // 0, or an error number: they are too long.
-    int join(wire::Request& request, std::initializer_list<const char*> texts)
-    {
-        for (const char* part : texts) {
-            const std::size_t size = std::strlen(part) + 1;
-            if (size > sizeof text_ - request.textLen)
-                return ENAMETOOLONG;
-            std::memcpy(text_ + request.textLen, part, size);
-            request.textLen += static_cast<std::uint32_t>(size);
-            request.textCount++;
-        }
-        len_ = request.textLen;
-        return 0;
-    }
-    [[nodiscard]] std::span<const char> all() const { return {text_, len_}; }
-
-  private:
-    char text_[8192];
-    std::size_t len_ = 0;
-};
-
-} // namespace
-
 int Creation::ask(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
                   std::uint64_t* value)
 {
@@ -250,18 +223,18 @@ int Creation::ask(Keeper& process, wire::Request request, std::initializer_list<
                   int descriptor, std::uint64_t* value)
 {
     RequestText text;
-    const int error = text.join(request, texts);
-    return error != 0
-               ? error
-               : explain(process.ask(request, text.all(), descriptor, value, kAnswerWait), process);
+    if (!text.add_all(texts))
+        return ENAMETOOLONG;
+    return explain(process.ask(text.of(request), text.all(), descriptor, value, kAnswerWait),
+                   process);
 }
 
 int Creation::post(wire::Request request, std::initializer_list<const char*> texts, int descriptor,
                    const Posted& posted)
 {
     RequestText text;
-    const int error = text.join(request, texts);
-    return error != 0 ? error : post(request, text.all(), descriptor, posted);
+    return text.add_all(texts) ? post(text.of(request), text.all(), descriptor, posted)
+                               : ENAMETOOLONG;
 }
 
 int Creation::post(const wire::Request& request, std::span<const char> text, int descriptor,

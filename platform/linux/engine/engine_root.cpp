@@ -80,17 +80,13 @@ int Creation::mount_inner(const ZN_ENGINE_MOUNT& mount, const EngineMount& wante
     request.attributes = (wanted.plan.attrSet & ~wanted.whole.attrClear) | wanted.whole.attrSet;
     request.value = wanted.plan.propagation;
     const bool hasSource = mount.source != nullptr && *mount.source != '\0';
-    char text[4096];
-    const int start =
-        std::snprintf(text, sizeof text, "%s%c%s%c%s%s", mount.destination, '\0', wanted.plan.type,
-                      '\0', hasSource ? "source=" : "", hasSource ? mount.source : "");
-    const auto len = static_cast<std::size_t>(start) + (hasSource ? 1 : 0);
-    if (start < 0 || len + wanted.plan.optionsLen > sizeof text)
+    const MountPlan& plan = wanted.plan;
+    RequestText text;
+    if (!text.add_all({mount.destination, plan.type}) ||
+        (hasSource && !text.add(mount.source, "source=")) ||
+        !text.add({plan.options, plan.optionsLen}, plan.optionCount))
         return ENAMETOOLONG;
-    std::memcpy(text + len, wanted.plan.options, wanted.plan.optionsLen);
-    request.textLen = static_cast<std::uint32_t>(len + wanted.plan.optionsLen);
-    request.textCount = 2 + (hasSource ? 1 : 0) + wanted.plan.optionCount;
-    return post(request, {text, request.textLen}, -1, {&mount});
+    return post(text.of(request), text.all(), -1, {&mount});
 }
 
 int Creation::mount_cgroup(const ZN_ENGINE_MOUNT& mount, const EngineMount& wanted)
@@ -367,26 +363,19 @@ int Creation::make_read_only(const char* path, std::uint64_t value, const char* 
 
 int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* field)
 {
-    char text[8192];
-    std::size_t len = 0;
-    wire::Request request = request_of(op);
-    for (std::size_t i = 0; i <= paths.size(); i++) {
-        const std::size_t size = i < paths.size() ? std::strlen(paths[i].get()) + 1 : sizeof text;
-        if (size > sizeof text - len && request.textCount > 0) {
-            request.textLen = static_cast<std::uint32_t>(len);
-            const int error = post(request, {text, len}, -1, {nullptr, nullptr, field});
-            if (error != 0)
-                return reason_.say_errno(error, "%s", field);
-            request.textCount = 0;
-            len = 0;
-        }
-        if (i == paths.size())
-            break;
-        std::memcpy(text + len, paths[i].get(), size);
-        len += size;
-        request.textCount++;
-    }
-    return 0;
+    RequestText text;
+    int error = 0;
+    const auto send = [&] {
+        error = post(text.of(request_of(op)), text.all(), -1, {nullptr, nullptr, field});
+        text.clear();
+        return error == 0;
+    };
+    for (const Text& path : paths)
+        if (!text.add(path.get()) && (!send() || !text.add(path.get())))
+            return reason_.say_errno(error != 0 ? error : ENAMETOOLONG, "%s", field);
+    if (!text.empty())
+        send();
+    return reason_.say_errno(error, "%s", field);
 }
 
 } // namespace zn
