@@ -5,7 +5,7 @@ import subprocess
 
 from scenes import fixtures
 from scenes.containers import WORK, by_commands
-from scenes.measure import compare, interleave
+from scenes.measure import compare, figure, interleave
 
 
 def cgroup1_only():
@@ -64,3 +64,18 @@ def e3(world):
         for name, runtime in runtimes.items():
             subprocess.run(runtime + ["delete", "--force", f"bench-{name}"], check=False)
     return compare(samples, {"crun": 0.70, "runc": None})
+
+
+def e4(world):
+    """OCI runtime: memory of a created container's first process"""
+    runtime, pid_file = prepare(world)["ours"], f"{WORK}/pid"
+    subprocess.run(runtime + ["create", "--bundle", f"{WORK}/bundle", "--pid-file", pid_file, "bench"], check=True,
+                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    try:
+        with open(pid_file, encoding="ascii") as file:
+            pid = file.read()
+        with open(f"/proc/{pid}/status", encoding="ascii") as status:
+            peak = next(int(line.split()[1]) for line in status if line.startswith("VmHWM:"))
+    finally:
+        subprocess.run(runtime + ["delete", "--force", "bench"], check=True)
+    return {"sides": {}, "goals": [figure("peak memory of zn-init", peak, 200, "KiB")]}
