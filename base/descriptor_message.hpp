@@ -27,7 +27,8 @@ inline void add_descriptor(msghdr& message, DescriptorControl& control, int desc
     std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
 }
 
-// As recvmsg() on a SOCK_SEQPACKET socket whose messages are not empty; restarts after signals. The
+// As recvmsg() on a SOCK_SEQPACKET (or stream) socket whose messages are not empty; restarts after
+// signals. The
 // kernel looks at the queue first and for the end of the file later, so it may report the end while
 // the last message is put into the queue: only a second report is the end.
 inline ssize_t receive_packet(int socket, msghdr& message, int flags)
@@ -55,7 +56,7 @@ inline ssize_t receive_descriptor(int socket, void* data, std::size_t size, int 
     message.msg_iov = &iov;
     message.msg_iovlen = 1;
     message.msg_control = control.bytes;
-    message.msg_controllen = sizeof control.bytes;
+    message.msg_controllen = CMSG_LEN(sizeof(int)); // the kernel closes further ones
     const ssize_t n = receive_packet(socket, message, flags);
     const cmsghdr* const header = n > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
     if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&

@@ -59,9 +59,10 @@ std::string time_text(std::time_t time)
 
 std::string precise_time_text(std::int64_t nanoseconds, char separator, std::string_view zone)
 {
-    constexpr std::int64_t kSecond = 1000000000;
-    return fmt::format("{}.{:09}{}", date_and_time(nanoseconds / kSecond, separator),
-                       nanoseconds % kSecond, zone);
+    const std::chrono::nanoseconds all(nanoseconds);
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(all);
+    return fmt::format("{}.{:09}{}", date_and_time(seconds.count(), separator),
+                       (all - seconds).count(), zone);
 }
 
 std::time_t time_of_text(const std::string& text)

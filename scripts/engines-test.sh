@@ -246,9 +246,8 @@ END
 }
 
 containerd_knows() {
-    example containerd.toml "$work/bin" >"$work/example.toml"
-    printf 'version = 2\nimports = ["%s"]\n' "$work/example.toml" >"$work/imports.toml"
-    containerd --config "$work/imports.toml" config dump |
+    { printf 'version = 2\n' && example containerd.toml "$work/bin"; } >"$work/example.toml"
+    containerd --config "$work/example.toml" config dump |
         awk -v name="BinaryName = \"$work/bin/zncrun\"" '/runtimes.zncrun.options\]/ { here = 1 } here && index($0, name) { found = 1 } END { exit !found }'
 }
 
@@ -325,7 +324,8 @@ start_rootless() {
     { cat /etc/passwd && printf 'engines:x:%s:%s::%s/home:/bin/sh\n' "$user" "$user" "$rootless"; } >"$rootless/passwd"
     { cat /etc/group && printf 'engines:x:%s:\n' "$user"; } >"$rootless/group"
     printf 'engines:6430000:65536\n' >"$rootless/ranges"
-    example podman.conf "$rootless" >"$rootless/containers.conf"
+    { example podman.conf "$rootless" && printf '[engine]\nruntime_supports_json = ["zncrun"]\nruntime_supports_nocgroup = ["zncrun"]\n'; } \
+        >"$rootless/containers.conf"
     unshare --mount --propagation private bash -c 'mount --bind "$1/passwd" /etc/passwd &&
         mount --bind "$1/group" /etc/group && mount --bind "$1/ranges" /etc/subuid && mount --bind "$1/ranges" /etc/subgid && touch "$1/ready" && exec sleep infinity' \
         - "$rootless" &

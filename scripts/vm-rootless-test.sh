@@ -29,4 +29,4 @@ rm "$tree/etc/systemd/system/systemd-logind.service" # the user's manager needs 
 install tests/system/oci/rootless_machine_user.sh "$build/bin/zncrun" -t "$tree/tests"
 add_libraries "$build/bin/zncrun" "$tree"
 pack "$tree" "$work/initrd"
-VM_TEST_MEMORY=3072 start_systemd "${VM_TEST_SECONDS:-900}" "$kernel" "$work/initrd" rootless_machine
+VM_TEST_MEMORY=${VM_TEST_MEMORY:-3072} start_systemd "${VM_TEST_SECONDS:-900}" "$kernel" "$work/initrd" rootless_machine

@@ -67,12 +67,11 @@ class ReservedDescriptor {
     bool good_;
 };
 
-// A third descriptor for each container saves time only, so it is not kept where it could be
-// missed.
+// A third descriptor for each container saves time only: few are kept where descriptors are scarce.
 bool may_keep(int fd)
 {
     rlimit limit = {};
-    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && static_cast<rlim_t>(fd) < limit.rlim_cur / 2;
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && static_cast<rlim_t>(fd) < limit.rlim_cur / 8;
 }
 
 } // namespace
@@ -255,10 +254,9 @@ int Keeper::settle(std::size_t& failed, int waitMilliseconds)
 {
     const std::uint32_t count = std::exchange(posted_, 0U);
     const std::uint32_t first = serial_ - count + 1;
-    std::uint64_t number = first;
+    std::uint64_t number = first + count;
     const int error = ask(wire::Op::kSettle, 0, &number, waitMilliseconds);
-    const std::uint32_t place = static_cast<std::uint32_t>(number) - first;
-    failed = place < count ? place : 0;
+    failed = std::min(static_cast<std::uint32_t>(number) - first, count);
     return error;
 }
 

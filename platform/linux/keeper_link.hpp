@@ -54,7 +54,8 @@ class Keeper {
     // before has failed. 0 or an error number: EAGAIN if the socket is full, until settle().
     int post(const wire::Request& request, std::span<const char> text, int descriptor);
     // Waits until all posted requests have been carried out. 0, or as ask() the error of the first
-    // one that failed; `failed` is its place among those since the last call, from 0.
+    // one that failed; `failed` is its place among those since the last call, from 0, or their
+    // number if it is not known.
     int settle(std::size_t& failed, int waitMilliseconds);
 
     // Kills all processes in the namespaces except the keeper, without waiting for their ends.

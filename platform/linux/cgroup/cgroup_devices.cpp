@@ -123,7 +123,7 @@ int apply_v1(const LimitGroup& group, const List<DeviceRule>& rules)
         return error;
     const UniqueFd file = control_open(group.get(), (list.allowAll ? kDeny : kAllow).v1, O_WRONLY);
     if (!file)
-        return errno;
+        return errno == ENOENT ? ENOTSUP : errno;
     for (const DeviceRule& rule : list.exceptions)
         if (error == 0 && access_bits(rule) != 0)
             error = write_exception(file.get(), rule);

@@ -259,7 +259,9 @@ int Creation::settle()
     if (count == 0)
         return 0;
     std::size_t failed = 0;
-    const int error = explain(maker().settle(failed, kAnswerWait * static_cast<int>(count)));
+    const int error = explain(maker().settle(failed, kSettleWait));
+    if (error != 0 && failed >= count)
+        return reason_.say_errno(error, "mounts and devices");
     return error == 0 ? 0 : say_posted(error, posted_[failed]);
 }
 
@@ -275,8 +277,9 @@ int Creation::explain(int error, const Keeper& process)
     if (error != ESRCH || &process != &first_)
         return error;
     end_process(maker_);
-    if (!process_ended(first_.pidfd(), kAnswerWait) ||
-        ::read(report_.get(), &report, sizeof report) != static_cast<ssize_t>(sizeof report))
+    if (!process_ended(first_.pidfd(), kAnswerWait))
+        return error;
+    if (::read(report_.get(), &report, sizeof report) != static_cast<ssize_t>(sizeof report))
         return reason_.say_first(error, first_.pidfd());
     return reason_.say_program(report.value, report.kind, plan_.program.argv[0], plan_.program.cwd);
 }

@@ -21,6 +21,7 @@ namespace zn {
 // Milliseconds until the first process must have answered: copies of mounts can take long under
 // load.
 inline constexpr int kAnswerWait = 20000;
+inline constexpr int kSettleWait = 60000; // for all requests that were posted
 
 inline wire::Request request_of(wire::Op op)
 {

@@ -353,7 +353,6 @@ int Creation::set_parameters()
     return 0;
 }
 
-// Sends as many paths in each request as fit.
 int Creation::make_read_only(const char* path, std::uint64_t value, const char* field)
 {
     wire::Request request = request_of(wire::Op::kReadOnly);
@@ -361,6 +360,7 @@ int Creation::make_read_only(const char* path, std::uint64_t value, const char* 
     return reason_.say_errno(post(request, {path}, -1, {nullptr, nullptr, field}), "%s", field);
 }
 
+// Sends as many paths in each request as fit.
 int Creation::restrict_paths(wire::Op op, const List<Text>& paths, const char* field)
 {
     RequestText text;

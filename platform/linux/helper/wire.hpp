@@ -67,13 +67,18 @@ enum class Op : std::uint32_t {
                 // device that the root must have
     kTerminal,  // descriptor: socket that gets the terminal; value: rows << 16 | columns
     kFind,      // makes the working directory and looks the program up
-    kSettle,    // answers the error of the first posted request that failed; value: its number
     kWait,      // ends the requests: waits for the start
 
     // Only for the store.
     kStore, // descriptor: to be held open; answers its number
     kDrop,  // value: the number of a descriptor to be closed
+
+    // Only for zn-init and zn-make. New ones are added at the end, so that the numbers of those for
+    // keepers and the store, which other versions of the daemon use, do not change.
+    kSettle, // answers the error of the first posted request that failed; value: its number
 };
+static_assert(static_cast<std::uint32_t>(Op::kEnd) == 13 &&
+              static_cast<std::uint32_t>(Op::kDrop) == 22);
 
 inline constexpr std::size_t kTextMax = 12 * 1024;
 

@@ -64,6 +64,7 @@ TEST(Duration, TimesAreThoseOfUtc)
     EXPECT_EQ(time_text(951782400), "2000-02-29T00:00:00Z");
     EXPECT_EQ(precise_time_text(1795352942000000007, ' ', " +0000 UTC"),
               "2026-11-22 13:09:02.000000007 +0000 UTC");
+    EXPECT_EQ(precise_time_text(-1, 'T', "Z"), "1969-12-31T23:59:59.999999999Z");
 }
 
 TEST(Duration, ATimeIsReadAsItIsWritten)
