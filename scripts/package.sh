@@ -21,7 +21,7 @@ build() {
 pack() (
     rm -rf "$built/packing" "$built/debs"
     mkdir -p "$built/packing" "$built/debs"
-    cp -a debian NEWS.md "$built/packing" && cd "$built/packing" &&
+    cp -a debian docs NEWS.md README.md SECURITY.md "$built/packing" && cd "$built/packing" &&
         debian/rules binary ZNC_BUILT="$built" ZNC_DEBS="$built/debs"
 )
 SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH-$(dpkg-parsechangelog --show-field Timestamp)}
