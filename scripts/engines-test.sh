@@ -20,6 +20,7 @@ done
 
 work=$(mktemp -d /tmp/engines-test.XXXXXX)
 examples=$(dirname "$0")/../packaging/engines
+probe=$(dirname "$runtime")/znc_probe # of the tests
 mkdir "$work/bin"
 containerd_pid=''
 docker_pid=''
@@ -109,6 +110,7 @@ make_image() {
     for applet in sh cat echo id ls sleep touch stat grep true mount hostname env kill readlink tty wc test mkdir; do
         ln -s busybox "$tree/bin/$applet"
     done
+    [[ ! -x $probe ]] || cp "$probe" "$tree/bin/probe"
     mkdir -p "$tree/tmp" && chmod 1777 "$tree/tmp"
     printf 'root:x:0:0::/root:/bin/sh\nuser:x:1234:1234::/:/bin/sh\n' >"$tree/etc/passwd"
     printf 'root:x:0:\nuser:x:1234:\n' >"$tree/etc/group"
@@ -351,6 +353,20 @@ has_terminal() {
     script --quiet --return --command "$command" /dev/null | grep -q /dev/pts/0
 }
 
+# The names of the ways out that the probe finds in a container of podman with its default profile. crun refuses a
+# machine with both versions of control groups, so that the one without controllers is unmounted.
+ways_out() {
+    timeout --foreground 90 unshare --mount --propagation private bash -c \
+        'umount --lazy /sys/fs/cgroup/unified 2>/dev/null; exec "$@"' - \
+        "${root_engine[@]}" --runtime "$1" run --rm --network none "${limits[@]}" localhost/engines:1 \
+        sh -c '/bin/probe; exit' </dev/null >"$work/probe" 2>/dev/null
+    [[ $(grep -c '^ok ' "$work/probe") -gt 100 ]] && sed -n 's/^ESCAPED \([^:]*\):.*/\1/p' "$work/probe" | sort
+}
+no_way_out_but_of() {
+    ways_out "$runtime" >"$work/ours" && ways_out "$1" >"$work/theirs" && comm -23 "$work/ours" "$work/theirs" >"$work/more" &&
+        cat "$work/more" && [[ ! -s $work/more ]]
+}
+
 podman_rootless() {
     check 'an ordinary user has the image' start_rootless
     check 'rootless: podman run prints what the program prints' is hello run --rm localhost/engines:1 echo hello
@@ -406,6 +422,13 @@ make_image >"$work/out" 2>&1 || {
 podman_lifecycle
 podman_settings
 podman_limits
+for peer in runc crun; do
+    if [[ ! -x $probe ]] || ! command -v $peer >/dev/null; then
+        printf 'skipped: the probe with %s: one of them is not there\n' "$peer"
+    else
+        check "the probe finds no way out that $peer closes" no_way_out_but_of $peer
+    fi
+done
 if command -v containerd >/dev/null && command -v ctr >/dev/null; then
     containerd_lifecycle
 else
