@@ -3,6 +3,7 @@
 #include "front/words.hpp"
 
 #include <cctype>
+#include <cstring>
 #include <string>
 
 namespace zncrun {
