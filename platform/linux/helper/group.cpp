@@ -12,6 +12,25 @@ namespace {
 
 constexpr char kProcesses[] = "/cgroup.procs"; // how the names of all entries end
 
+// The path of a file in a group, or of its directory (""), by the path of its entry. Empty if that
+// is no such path.
+class GroupFile {
+  public:
+    GroupFile(const char* entry, const char* name)
+    {
+        const std::size_t len = strlen(entry);
+        const std::size_t directory = len - (sizeof kProcesses - 1);
+        if (len < sizeof kProcesses || directory + strlen(name) >= sizeof path_)
+            return;
+        memcpy(path_, entry, directory);
+        memcpy(path_ + directory, name, strlen(name) + 1);
+    }
+    const char* path() const { return path_; }
+
+  private:
+    char path_[4096] = "";
+};
+
 // ENOENT and ENODEV: the control group is gone, and with it the namespace.
 void enter(int directory, const char* path)
 {
@@ -19,17 +38,19 @@ void enter(int directory, const char* path)
     check(result == -ENOENT || result == -ENODEV ? -ESRCH : result);
 }
 
+void enter(const char* entry)
+{
+    // This process has one thread. "tasks", which only v1 has, moves one thread, and the kernel
+    // need not wait if that is the one that writes.
+    if (write_text(AT_FDCWD, GroupFile(entry, "/tasks").path(), "0") < 0)
+        enter(AT_FDCWD, entry);
+}
+
 // Opens the directory of a group if it is in the v2 hierarchy; otherwise invalid.
 sys::Fd open_v2(const char* entry)
 {
-    char path[4096];
-    const std::size_t len = strlen(entry);
-    if (len < sizeof kProcesses || len >= sizeof path)
-        return sys::Fd();
-    memcpy(path, entry, len);
-    path[len - (sizeof kProcesses - 1)] = '\0';
-    sys::Fd group(
-        sys::call(__NR_openat, AT_FDCWD, sys::arg(path), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    sys::Fd group(sys::call(__NR_openat, AT_FDCWD, sys::arg(GroupFile(entry, "").path()),
+                            O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (group.valid() && sys::file_system_type(group.get()) != CGROUP2_SUPER_MAGIC)
         group.reset();
     return group;
@@ -41,7 +62,7 @@ void enter_groups(const Rules& rules)
 {
     const char* entry = rules.entries();
     for (unsigned i = 0; i < rules->entries; i++, entry = next_text(entry))
-        enter(AT_FDCWD, entry);
+        enter(entry);
 }
 
 ProgramGroups::ProgramGroups(const Rules& rules)
@@ -54,7 +75,7 @@ ProgramGroups::ProgramGroups(const Rules& rules)
         if (group.valid())
             v2_ = static_cast<sys::Fd&&>(group);
         else
-            enter(AT_FDCWD, entry);
+            enter(entry);
     }
 }
 

@@ -1,8 +1,9 @@
 // group.hpp - puts a new process into its container's control groups. Moving a running process
-// makes the kernel wait for all processors (an RCU grace period, several milliseconds on a busy
-// machine). A process that is created in its group (clone3, since Linux 5.7; cgroup v2 only) need
-// not wait. The spawner itself is not created in the group: until it executes its program it
-// shares the memory of its caller, which the kernel could kill if the container runs out of memory.
+// makes the kernel wait for all processors (an RCU grace period, several milliseconds, more on an
+// idle machine). A process that is created in its group (clone3, since Linux 5.7; cgroup v2 only)
+// need not wait, nor need a thread that moves itself alone (since Linux 5.5; cgroup v1 only). The
+// spawner itself is not created in the group: until it executes its program it shares the memory of
+// its caller, which the kernel could kill if the container runs out of memory.
 #ifndef ZN_HELPER_GROUP_HPP
 #define ZN_HELPER_GROUP_HPP
 
