@@ -13,6 +13,13 @@
 #include <system_error>
 
 namespace zncctl {
+namespace {
+
+// Most files are short: the buffers are not initialised, so that the pages which a read does not
+// reach are never touched.
+using ReadBuffer = std::array<char, 16384>;
+
+} // namespace
 
 std::string error_text()
 {
@@ -38,7 +45,7 @@ std::optional<std::vector<std::string>> names_in(int directory)
 std::string read_to_end(int file)
 {
     std::string text;
-    std::array<char, 65536> buffer{};
+    ReadBuffer buffer;
     for (;;) {
         const ssize_t n = ::read(file, buffer.data(), buffer.size());
         if (n > 0)
@@ -54,7 +61,7 @@ std::optional<std::string> read_pipe(int pipe, std::size_t most, std::chrono::mi
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     std::string text;
-    std::array<char, 65536> buffer{};
+    ReadBuffer buffer;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
@@ -107,7 +114,7 @@ std::optional<std::string> read_file(const std::string& path, int dir)
     if (!file)
         return std::nullopt;
     std::string content;
-    std::array<char, 65536> buffer{};
+    ReadBuffer buffer;
     for (;;) {
         const ssize_t n = ::read(file.get(), buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR)

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <sched.h>
@@ -140,8 +141,8 @@ UniqueFd helper_file()
 pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
 {
     // A separate stack: the child must not overwrite the stack of this thread, which continues
-    // after it.
-    const auto stack = znc::malloc_array<char>(kStackSize);
+    // after it. It is not zeroed, so the pages that the child does not need are never touched.
+    const znc::MallocPtr<char> stack(static_cast<char*>(::malloc(kStackSize)));
     if (!stack || launch.fds.size() > kFdsMax) {
         errno = stack ? EINVAL : ENOMEM;
         return -1;
