@@ -10,6 +10,7 @@
 namespace zn {
 namespace {
 
+constexpr std::uint64_t kLater = CLONE_NEWCGROUP;
 constexpr char kProcesses[] = "/cgroup.procs"; // how the names of all entries end
 
 // The path of a file in a group, or of its directory (""), by the path of its entry. Empty if that
@@ -67,16 +68,27 @@ void enter_groups(const Rules& rules)
 
 ProgramGroups::ProgramGroups(const Rules& rules)
 {
-    // After joining another cgroup namespace, this process could not create one outside of it.
-    const bool joins = (rules->namespaces & CLONE_NEWCGROUP) != 0;
     const char* entry = rules.entries();
     for (unsigned i = 0; i < rules->entries; i++, entry = next_text(entry)) {
-        sys::Fd group = joins ? sys::Fd() : open_v2(entry);
+        sys::Fd group = open_v2(entry);
         if (group.valid())
             v2_ = static_cast<sys::Fd&&>(group);
         else
             enter(entry);
     }
+}
+
+void ProgramGroups::join_namespaces(const Rules& rules, int process)
+{
+    const std::uint64_t first = rules->namespaces & ~kLater;
+    if (first != 0)
+        check(sys::call(__NR_setns, process, static_cast<long>(first)));
+}
+
+void ProgramGroups::join_last(const Rules& rules, int process)
+{
+    if ((rules->namespaces & kLater) != 0)
+        check(sys::call(__NR_setns, process, static_cast<long>(kLater)));
 }
 
 long ProgramGroups::create_process(unsigned long flags) const

@@ -22,6 +22,12 @@ class ProgramGroups {
     // process inherits.
     explicit ProgramGroups(const Rules& rules);
 
+    // Join the namespaces of the process (a pidfd): first all but the cgroup namespace, since
+    // nothing can be created in a group outside of one's own; then, in the created process, that
+    // one.
+    static void join_namespaces(const Rules& rules, int process);
+    static void join_last(const Rules& rules, int process);
+
     // Creates a process as clone() does, with these flags, in the groups. Returns the kernel's
     // result.
     [[nodiscard]] long create_process(unsigned long flags) const;

@@ -482,15 +482,16 @@ void entrant_run(char** argv, char** envp)
     Program program;
     program_read(argv, envp, program);
     const Rules rules;
-    enter_groups(rules);
+    const ProgramGroups groups(rules);
     set_out_of_memory_score(rules);
     choose_labels_on_host(rules);
-    check(sys::call(__NR_setns, wire::kInitUser, static_cast<long>(rules->namespaces)));
+    ProgramGroups::join_namespaces(rules, wire::kInitUser);
     // As in the spawner: the new process is in the PID namespace and a child of the caller. It must
     // be reported before it can report a listener.
     const long wait = filter_listens(rules) ? 0 : CLONE_VFORK;
-    const long pid = sys::call(__NR_clone, CLONE_PARENT | wait, 0, 0, 0, 0);
+    const long pid = groups.create_process(CLONE_PARENT | wait);
     if (pid == 0) {
+        ProgramGroups::join_last(rules, wire::kInitUser);
         if (program.unconfined)
             program_become_unconfined(program);
         if (rules->user != 0) {

@@ -404,6 +404,7 @@ namespace {
 
 [[noreturn]] void become_program(const Rules& rules, int proc, char** argv, char** envp)
 {
+    ProgramGroups::join_last(rules, wire::kSpawnerNamespace);
     // The cgroup namespace is rooted at the program's control group. In the keeper's cgroup
     // namespace, the program's cgroup path would lead through the host's groups.
     if (rules->ownControlGroup != 0)
@@ -471,7 +472,7 @@ void spawner_run(char** argv, char** envp)
     const sys::Fd proc(rules->labels != 0 ? sys::call(__NR_openat, AT_FDCWD, sys::arg("/proc"),
                                                       O_PATH | O_DIRECTORY | O_CLOEXEC)
                                           : -EBADF);
-    check(sys::call(__NR_setns, wire::kSpawnerNamespace, static_cast<long>(rules->namespaces)));
+    ProgramGroups::join_namespaces(rules, wire::kSpawnerNamespace);
     if (rules->ownNetwork != 0)
         check(-loopback_up());
     // setns on a PID namespace affects children only. CLONE_PARENT makes the new process a child of
