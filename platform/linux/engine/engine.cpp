@@ -90,6 +90,8 @@ int Creation::make_group()
         return reason_.say(ENOTSUP, "linux.cgroupsPath: there are no control groups");
     if (isPlaced)
         return 0; // when the first process exists
+    if (cgroup_version() == CgroupVersion::kV2)
+        settings_.create_in_group();
     int error = cgroup_create(plan_.group, settings_.resources(), &field);
     hasGroup_ = error == 0;
     return finish_group(error, field);

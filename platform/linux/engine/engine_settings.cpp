@@ -148,6 +148,9 @@ int EngineSettings::read(const char* document, SettingsFault& fault)
     return error;
 }
 
+// Rooted at the group that its maker is in.
+constexpr auto kMadeLater = static_cast<unsigned long>(CLONE_NEWCGROUP);
+
 unsigned long EngineSettings::new_namespaces() const
 {
     unsigned long flags = from(NsKind::kPid) == NsChoice::From::kNew ? CLONE_NEWPID : 0;
@@ -159,8 +162,7 @@ unsigned long EngineSettings::new_namespaces() const
 
 unsigned long EngineSettings::clone_flags() const
 {
-    constexpr auto kLater = static_cast<unsigned long>(CLONE_NEWCGROUP);
-    return CLONE_NEWNS | (created_flags() != 0 ? 0 : new_namespaces() & ~kLater);
+    return CLONE_NEWNS | (created_flags() != 0 ? 0 : new_namespaces() & ~kMadeLater);
 }
 
 unsigned long EngineSettings::created_flags() const
@@ -169,9 +171,9 @@ unsigned long EngineSettings::created_flags() const
     // not a namespace flag, makes the result nonzero in that case.
     constexpr unsigned long kNone = CLONE_PARENT;
     const unsigned long flags = new_namespaces();
-    const bool second =
-        hasUsers_ || (flags & CLONE_NEWTIME) != 0 || from(NsKind::kPid) == NsChoice::From::kPath;
-    return second ? flags | kNone : 0;
+    const bool second = createsInGroup_ || hasUsers_ || (flags & CLONE_NEWTIME) != 0 ||
+                        from(NsKind::kPid) == NsChoice::From::kPath;
+    return second ? (flags & ~kMadeLater) | kNone : 0;
 }
 
 int EngineSettings::set_users(const List<IdMapping>& uids)

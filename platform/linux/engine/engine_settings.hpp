@@ -34,9 +34,13 @@ class EngineSettings {
 
     // The CLONE_NEW flags with which the helper is started. Its cgroup namespace is made later.
     [[nodiscard]] unsigned long clone_flags() const;
-    // Those of a second process, which is created in a user, time or joined PID namespace, perhaps
-    // CLONE_PARENT alone; 0: there is none.
+    // Those of a second process, which is created in its control group or in a user, time or joined
+    // PID namespace, perhaps CLONE_PARENT alone; 0: there is none. Without the cgroup namespace,
+    // too.
     [[nodiscard]] unsigned long created_flags() const;
+    // Has a second process created. In cgroup v2 it need not be moved into its group, for which the
+    // kernel would wait.
+    void create_in_group() { createsInGroup_ = true; }
 
     // Makes the record describe programs in a user namespace with these mappings.
     int set_users(const List<IdMapping>& uids);
@@ -66,6 +70,7 @@ class EngineSettings {
     List<wire::FilterCode> filter_;
     unsigned filterFlags_ = 0;
     bool hasUsers_ = false;
+    bool createsInGroup_ = false;
     bool isRootless_ = false;
     bool keepsGroups_ = false; // the kernel denies setgroups
 };

@@ -18,6 +18,8 @@ void enter_groups(const Rules& rules);
 // The groups of a process that this one is going to create.
 class ProgramGroups {
   public:
+    // None: the process stays in the groups of this one.
+    ProgramGroups() = default;
     // Needs the host's files. Opens the group of the v2 hierarchy; enters the others, which the new
     // process inherits.
     explicit ProgramGroups(const Rules& rules);

@@ -388,6 +388,10 @@ void make_time_namespace(const Rules& rules, int file)
 void create_in_namespaces(const Rules& rules)
 {
     const std::uint64_t flags = rules->created;
+    // In a user namespace this process may not put another one into the group of a host's user.
+    if (rules->user != 0)
+        enter_groups(rules);
+    const ProgramGroups groups = rules->user != 0 ? ProgramGroups() : ProgramGroups(rules);
     const sys::Fd offsets(rules->offsets == 0 ? -EBADF
                                               : sys::call(__NR_openat, AT_FDCWD,
                                                           sys::arg("/proc/self/timens_offsets"),
@@ -403,9 +407,7 @@ void create_in_namespaces(const Rules& rules)
     if ((flags & CLONE_NEWTIME) != 0)
         make_time_namespace(rules, offsets.get());
     begin_group();
-    const long pid = sys::call(
-        __NR_clone, static_cast<long>((flags & ~std::uint64_t{CLONE_NEWTIME}) | CLONE_PARENT), 0, 0,
-        0, 0);
+    const long pid = groups.create_process((flags & ~std::uint64_t{CLONE_NEWTIME}) | CLONE_PARENT);
     if (pid == 0)
         return;
     check(pid);
@@ -438,13 +440,14 @@ void init_run(char** argv, char** envp)
     const Rules rules;
     if (rules->placed != 0)
         wait_for_group();
-    enter_groups(rules);
     set_out_of_memory_score(rules);
     choose_labels_on_host(rules);
-    // After entering the control group, which becomes the root of the cgroup namespace.
     if (rules->created != 0)
         create_in_namespaces(rules);
-    else if (rules->ownControlGroup != 0)
+    else
+        enter_groups(rules);
+    // In the control group, which becomes the root of the cgroup namespace.
+    if (rules->ownControlGroup != 0)
         check(sys::call(__NR_unshare, CLONE_NEWCGROUP));
     sys::call(__NR_close, wire::kInitUser);
     sys::call(__NR_close, wire::kInitPid);
