@@ -57,16 +57,25 @@ struct Comparison {
     std::size_t length = 0;
 
     constexpr void add(const sock_filter& one) { code[length++] = one; }
-    // `above`, `below`: where to continue if the upper half is greater or less than the value's.
-    constexpr void upper(unsigned index, std::uint32_t value, std::uint8_t above,
-                         std::uint8_t below)
-    {
-        add(load(high(index)));
-        if (above != below)
-            add(test(BPF_JGT, value, above, 0));
-        add(test(BPF_JEQ, value, 0, below));
-        add(load(low(index)));
-    }
+};
+
+// How a value is compared: where to continue if the argument's upper half is greater or less than
+// the value's, and the test of the lower halves if the upper ones are equal.
+struct Steps {
+    SeccompCompare compare;
+    std::uint8_t above;
+    std::uint8_t below;
+    unsigned test;
+    std::uint8_t held;
+    std::uint8_t failed;
+};
+constexpr Steps kSteps[] = {
+    {SeccompCompare::kNe, kNext, kNext, BPF_JEQ, kFail, 0},
+    {SeccompCompare::kEq, kFail, kFail, BPF_JEQ, 0, kFail},
+    {SeccompCompare::kGt, kNext, kFail, BPF_JGT, 0, kFail},
+    {SeccompCompare::kGe, kNext, kFail, BPF_JGE, 0, kFail},
+    {SeccompCompare::kLt, kFail, kNext, BPF_JGE, kFail, 0},
+    {SeccompCompare::kLe, kFail, kNext, BPF_JGT, kFail, 0},
 };
 
 Comparison comparison_of(const SeccompArg& arg)
@@ -74,42 +83,24 @@ Comparison comparison_of(const SeccompArg& arg)
     const auto upper = static_cast<std::uint32_t>(arg.value >> 32);
     const auto lower = static_cast<std::uint32_t>(arg.value);
     Comparison made;
-    switch (arg.compare) {
-    case SeccompCompare::kNe:
-        made.upper(arg.index, upper, kNext, kNext);
-        made.add(test(BPF_JEQ, lower, kFail, 0));
-        break;
-    case SeccompCompare::kEq:
-        made.upper(arg.index, upper, kFail, kFail);
-        made.add(test(BPF_JEQ, lower, 0, kFail));
-        break;
-    case SeccompCompare::kGt:
-        made.upper(arg.index, upper, kNext, kFail);
-        made.add(test(BPF_JGT, lower, 0, kFail));
-        break;
-    case SeccompCompare::kGe:
-        made.upper(arg.index, upper, kNext, kFail);
-        made.add(test(BPF_JGE, lower, 0, kFail));
-        break;
-    case SeccompCompare::kLt:
-        made.upper(arg.index, upper, kFail, kNext);
-        made.add(test(BPF_JGE, lower, kFail, 0));
-        break;
-    case SeccompCompare::kLe:
-        made.upper(arg.index, upper, kFail, kNext);
-        made.add(test(BPF_JGT, lower, kFail, 0));
-        break;
-    case SeccompCompare::kMaskedEq: { // the value is the mask
+    made.add(load(high(arg.index)));
+    if (arg.compare == SeccompCompare::kMaskedEq) { // the value is the mask
         const std::uint64_t wanted = arg.value & arg.valueTwo;
-        made.add(load(high(arg.index)));
         made.add(keep_bits(upper));
         made.add(test(BPF_JEQ, static_cast<std::uint32_t>(wanted >> 32), 0, kFail));
         made.add(load(low(arg.index)));
         made.add(keep_bits(lower));
         made.add(test(BPF_JEQ, static_cast<std::uint32_t>(wanted), 0, kFail));
-        break;
+        return made;
     }
-    }
+    const Steps& steps = *std::find_if(std::begin(kSteps), std::end(kSteps), [&](const Steps& one) {
+        return one.compare == arg.compare;
+    });
+    if (steps.above != steps.below)
+        made.add(test(BPF_JGT, upper, steps.above, 0));
+    made.add(test(BPF_JEQ, upper, 0, steps.below));
+    made.add(load(low(arg.index)));
+    made.add(test(steps.test, lower, steps.held, steps.failed));
     return made;
 }
 

@@ -6,8 +6,6 @@
 
 #include "settings.hpp"
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <linux/filter.h>

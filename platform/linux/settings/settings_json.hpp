@@ -173,6 +173,19 @@ template <auto kField>
 using PlainOf =
     typename PlainTraits<typename FieldTraits<std::remove_cv_t<decltype(kField)>>::Value>::Type;
 
+// An object that is read into the record of which it is a member, or into an element of a list.
+template <const auto& kMembers, class T> bool read_table(JsonReader& reader, const Node& at, T& to)
+{
+    return read_object(reader, at, kMembers, to);
+}
+
+// A member that has a reader of its own.
+template <auto kField, auto kRead>
+bool read_with(JsonReader& reader, const Node& at, RecordOf<kField>& to)
+{
+    return kRead(reader, at, to.*kField);
+}
+
 template <auto kField> bool read_boolean(JsonReader& reader, const Node& at, RecordOf<kField>& to)
 {
     bool value = false;

@@ -25,16 +25,11 @@ bool read_propagation(JsonReader& reader, const Node& at, Settings& settings)
     return true;
 }
 
-bool read_masked_paths(JsonReader& reader, const Node& at, Settings& settings)
+template <auto kPaths, auto kGiven>
+bool read_paths(JsonReader& reader, const Node& at, Settings& settings)
 {
-    settings.maskedPathsGiven = true;
-    return read_list(reader, at, settings.maskedPaths, read_absolute_path);
-}
-
-bool read_readonly_paths(JsonReader& reader, const Node& at, Settings& settings)
-{
-    settings.readonlyPathsGiven = true;
-    return read_list(reader, at, settings.readonlyPaths, read_absolute_path);
+    settings.*kGiven = true;
+    return read_list(reader, at, settings.*kPaths, read_absolute_path);
 }
 
 bool read_cgroups_path(JsonReader& reader, const Node& at, Settings& settings)
@@ -43,26 +38,6 @@ bool read_cgroups_path(JsonReader& reader, const Node& at, Settings& settings)
         return false;
     return settings.cgroupsPath == nullptr || !has_dot_component(settings.cgroupsPath.get()) ||
            reader.refuse(at, "contains a component \".\" or \"..\"");
-}
-
-bool read_linux_resources(JsonReader& reader, const Node& at, Settings& settings)
-{
-    return read_resources(reader, at, settings.resources);
-}
-
-bool read_linux_seccomp(JsonReader& reader, const Node& at, Settings& settings)
-{
-    return read_seccomp(reader, at, settings.seccomp);
-}
-
-bool read_uid_mappings(JsonReader& reader, const Node& at, Settings& settings)
-{
-    return read_id_mapping(reader, at, settings.uidMappings);
-}
-
-bool read_gid_mappings(JsonReader& reader, const Node& at, Settings& settings)
-{
-    return read_id_mapping(reader, at, settings.gidMappings);
 }
 
 constexpr std::int64_t kSecondsMax = 9000000000; // the kernel's clocks end earlier
@@ -82,29 +57,24 @@ constexpr Member<Settings> kTimeOffsets[] = {
     {"boottime", read_time_offset<&Settings::boottime>},
 };
 
-bool read_time_offsets(JsonReader& reader, const Node& at, Settings& settings)
-{
-    return read_object(reader, at, kTimeOffsets, settings);
-}
-
 constexpr Member<Settings> kLinux[] = {
     {"namespaces", read_namespaces},
-    {"uidMappings", read_uid_mappings},
-    {"gidMappings", read_gid_mappings},
+    {"uidMappings", read_with<&Settings::uidMappings, read_id_mapping>},
+    {"gidMappings", read_with<&Settings::gidMappings, read_id_mapping>},
     {"devices", read_list_of<&Settings::devices, read_device>},
     {"cgroupsPath", read_cgroups_path},
-    {"resources", read_linux_resources},
-    {"seccomp", read_linux_seccomp},
+    {"resources", read_with<&Settings::resources, read_resources>},
+    {"seccomp", read_with<&Settings::seccomp, read_seccomp>},
     {"sysctl", read_sysctl},
-    {"maskedPaths", read_masked_paths},
-    {"readonlyPaths", read_readonly_paths},
+    {"maskedPaths", read_paths<&Settings::maskedPaths, &Settings::maskedPathsGiven>},
+    {"readonlyPaths", read_paths<&Settings::readonlyPaths, &Settings::readonlyPathsGiven>},
     {"rootfsPropagation", read_propagation},
     {"mountLabel", read_text<&Settings::mountLabel>},
     {"intelRdt", read_unsupported<Settings>},
     {"memoryPolicy", read_unsupported<Settings>},
     {"netDevices", read_unsupported<Settings>},
     {"personality", read_unsupported<Settings>},
-    {"timeOffsets", read_time_offsets},
+    {"timeOffsets", read_table<kTimeOffsets>},
 };
 
 } // namespace

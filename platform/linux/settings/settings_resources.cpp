@@ -128,11 +128,6 @@ constexpr Member<Resources> kCpu[] = {
     {"realtimePeriod", read_only_zero},
 };
 
-bool read_cpu(JsonReader& reader, const Node& at, Resources& resources)
-{
-    return read_object(reader, at, kCpu, resources);
-}
-
 // Engines write 0 for unlimited, too.
 bool read_pids_limit(JsonReader& reader, const Node& at, Resources& resources)
 {
@@ -147,11 +142,6 @@ constexpr Member<Resources> kPids[] = {
     {"limit", read_pids_limit, Presence::kRequired},
 };
 
-bool read_pids(JsonReader& reader, const Node& at, Resources& resources)
-{
-    return read_object(reader, at, kPids, resources);
-}
-
 // ---------------------------------------------------------------- block devices
 
 constexpr Member<DeviceRate> kRate[] = {
@@ -160,11 +150,6 @@ constexpr Member<DeviceRate> kRate[] = {
     {"rate", read_integer<&DeviceRate::rate, 1, kExactMax>, Presence::kRequired},
 };
 
-bool read_rate(JsonReader& reader, const Node& at, DeviceRate& rate)
-{
-    return read_object(reader, at, kRate, rate);
-}
-
 constexpr Member<DeviceWeight> kDeviceWeight[] = {
     {"major", read_integer<&DeviceWeight::major, 0, kMajorMax>, Presence::kRequired},
     {"minor", read_integer<&DeviceWeight::minor, 0, kMinorMax>, Presence::kRequired},
@@ -172,25 +157,16 @@ constexpr Member<DeviceWeight> kDeviceWeight[] = {
     {"leafWeight", read_only_zero},
 };
 
-bool read_device_weight(JsonReader& reader, const Node& at, DeviceWeight& weight)
-{
-    return read_object(reader, at, kDeviceWeight, weight);
-}
-
 constexpr Member<Resources> kBlockIo[] = {
     {"weight", read_unless_zero<read_integer<&Resources::ioWeight, 10, 1000>>},
     {"leafWeight", read_only_zero},
-    {"weightDevice", read_list_of<&Resources::deviceWeights, read_device_weight>},
-    {"throttleReadBpsDevice", read_list_of<&Resources::readBps, read_rate>},
-    {"throttleWriteBpsDevice", read_list_of<&Resources::writeBps, read_rate>},
-    {"throttleReadIOPSDevice", read_list_of<&Resources::readIops, read_rate>},
-    {"throttleWriteIOPSDevice", read_list_of<&Resources::writeIops, read_rate>},
+    {"weightDevice",
+     read_list_of<&Resources::deviceWeights, read_table<kDeviceWeight, DeviceWeight>>},
+    {"throttleReadBpsDevice", read_list_of<&Resources::readBps, read_table<kRate, DeviceRate>>},
+    {"throttleWriteBpsDevice", read_list_of<&Resources::writeBps, read_table<kRate, DeviceRate>>},
+    {"throttleReadIOPSDevice", read_list_of<&Resources::readIops, read_table<kRate, DeviceRate>>},
+    {"throttleWriteIOPSDevice", read_list_of<&Resources::writeIops, read_table<kRate, DeviceRate>>},
 };
-
-bool read_block_io(JsonReader& reader, const Node& at, Resources& resources)
-{
-    return read_object(reader, at, kBlockIo, resources);
-}
 
 // ---------------------------------------------------------------- huge pages
 
@@ -240,9 +216,9 @@ bool read_unified(JsonReader& reader, const Node& at, Resources& resources)
 
 constexpr Member<Resources> kResources[] = {
     {"memory", read_memory},
-    {"cpu", read_cpu},
-    {"pids", read_pids},
-    {"blockIO", read_block_io},
+    {"cpu", read_table<kCpu>},
+    {"pids", read_table<kPids>},
+    {"blockIO", read_table<kBlockIo>},
     {"hugepageLimits", read_hugepages},
     {"devices", read_list_of<&Resources::devices, read_device_rule>},
     {"network", read_unsupported<Resources>},

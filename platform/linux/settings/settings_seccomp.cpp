@@ -94,32 +94,17 @@ constexpr Member<SeccompArg> kArg[] = {
     {"op", read_compare, Presence::kRequired},
 };
 
-bool read_arg(JsonReader& reader, const Node& at, SeccompArg& arg)
-{
-    return read_object(reader, at, kArg, arg);
-}
-
 bool read_names(JsonReader& reader, const Node& at, SeccompRule& rule)
 {
     return read_list(reader, at, rule.names, read_required_text) &&
            (!rule.names.empty() || reader.refuse(at, "is empty"));
 }
 
-bool read_rule_action(JsonReader& reader, const Node& at, SeccompRule& rule)
-{
-    return read_action(reader, at, rule.answer);
-}
-
-bool read_rule_number(JsonReader& reader, const Node& at, SeccompRule& rule)
-{
-    return read_number(reader, at, rule.answer);
-}
-
 constexpr Member<SeccompRule> kRule[] = {
     {"names", read_names, Presence::kRequired},
-    {"action", read_rule_action, Presence::kRequired},
-    {"errnoRet", read_rule_number},
-    {"args", read_list_of<&SeccompRule::args, read_arg>},
+    {"action", read_with<&SeccompRule::answer, read_action>, Presence::kRequired},
+    {"errnoRet", read_with<&SeccompRule::answer, read_number>},
+    {"args", read_list_of<&SeccompRule::args, read_table<kArg, SeccompArg>>},
 };
 
 bool read_rule(JsonReader& reader, const Node& at, SeccompRule& rule)
@@ -130,16 +115,6 @@ bool read_rule(JsonReader& reader, const Node& at, SeccompRule& rule)
 
 // ---------------------------------------------------------------- profile
 
-bool read_default_action(JsonReader& reader, const Node& at, SeccompProfile& profile)
-{
-    return read_action(reader, at, profile.fallback);
-}
-
-bool read_default_number(JsonReader& reader, const Node& at, SeccompProfile& profile)
-{
-    return read_number(reader, at, profile.fallback);
-}
-
 // Opaque data, which may be long and contain any character.
 bool read_metadata(JsonReader& reader, const Node& at, SeccompProfile& profile)
 {
@@ -148,8 +123,8 @@ bool read_metadata(JsonReader& reader, const Node& at, SeccompProfile& profile)
 }
 
 constexpr Member<SeccompProfile> kProfile[] = {
-    {"defaultAction", read_default_action, Presence::kRequired},
-    {"defaultErrnoRet", read_default_number},
+    {"defaultAction", read_with<&SeccompProfile::fallback, read_action>, Presence::kRequired},
+    {"defaultErrnoRet", read_with<&SeccompProfile::fallback, read_number>},
     {"architectures", read_list_of<&SeccompProfile::architectures, read_architecture>},
     {"flags", read_list_of<&SeccompProfile::flags, read_flag>},
     {"listenerPath", read_text<&SeccompProfile::listenerPath>},
