@@ -1,6 +1,8 @@
 // file.cpp - see file.hpp.
 #include "file.hpp"
 
+#include "failure.hpp"
+
 #include <fcntl.h>
 
 znc::UniqueFd znc::open_regular(const char* path, struct stat* st)
@@ -51,8 +53,7 @@ bool znc::write_all(int fd, std::string_view bytes)
         if (put > 0) {
             bytes.remove_prefix(static_cast<std::size_t>(put));
         } else if (put == 0) {
-            errno = ENOSPC;
-            return false;
+            return znc::fail(ENOSPC, false);
         } else if (errno != EINTR) {
             return false;
         }

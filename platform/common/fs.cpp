@@ -1,6 +1,7 @@
 // fs.cpp - paths, directories, the environment: what POSIX suffices for.
 #include "zarnel/fs.h"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "base/owned.hpp"
 #include "exchange.hpp"
@@ -40,8 +41,7 @@ bool make_or_find(const char* path, mode_t mode)
         return false;
     if (znc::is_directory(path))
         return true;
-    errno = ENOTDIR;
-    return false;
+    return znc::fail(ENOTDIR, false);
 }
 
 // Creates every missing parent of `path`. Modifies `path` temporarily.
@@ -76,8 +76,7 @@ bool is_regular(const struct stat& st)
 {
     if (S_ISREG(st.st_mode))
         return true;
-    errno = S_ISDIR(st.st_mode) ? EISDIR : EEXIST;
-    return false;
+    return znc::fail(S_ISDIR(st.st_mode) ? EISDIR : EEXIST, false);
 }
 
 int truncate_regular(int dir, const char* path, mode_t mode)
@@ -161,10 +160,8 @@ STATUS znMkdirParents(const char* path, mode_t mode)
 {
     char copy[PATH_MAX];
     size_t len = strnlen(path, sizeof copy);
-    if (len == sizeof copy) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (len == sizeof copy)
+        return znc::fail(ENAMETOOLONG);
     memcpy(copy, path, len);
     while (len > 1 && copy[len - 1] == '/')
         --len;
@@ -200,11 +197,8 @@ int znFileCreateAt(int dirFd, const char* path, mode_t mode)
 STATUS zn::exchange_by_renames(const char* a, const char* b)
 {
     char temporary[PATH_MAX];
-    if (snprintf(temporary, sizeof temporary, "%s.aside", b) >=
-        static_cast<int>(sizeof temporary)) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (snprintf(temporary, sizeof temporary, "%s.aside", b) >= static_cast<int>(sizeof temporary))
+        return znc::fail(ENAMETOOLONG);
     if (rename(b, temporary) != 0)
         return ERROR;
     if (rename(a, b) == 0)

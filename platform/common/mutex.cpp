@@ -99,19 +99,15 @@ void give_owned(SEM_ID mutex)
 
 SEM_ID znMutexCreate(int options)
 {
-    if ((options & ~kOptions) != 0) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if ((options & ~kOptions) != 0)
+        return znc::fail(EINVAL, nullptr);
     znc::MallocPtr<void> memory(malloc(sizeof(znMutex)));
     if (memory == nullptr)
         return nullptr;
     SEM_ID mutex = new (memory.get()) znMutex{};
     const int err = init_mutex(&mutex->mutex);
-    if (err != 0) {
-        errno = err;
-        return nullptr;
-    }
+    if (err != 0)
+        return znc::fail(err, nullptr);
     static_cast<void>(memory.release());
     return mutex;
 }

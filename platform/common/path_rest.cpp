@@ -1,6 +1,8 @@
 // path_rest.cpp - see path_rest.hpp.
 #include "path_rest.hpp"
 
+#include "base/failure.hpp"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,18 +21,15 @@ bool PathRest::append(const char* text) noexcept
     const int n = std::snprintf(rest_ + len, sizeof rest_ - len, "/%s", text);
     if (n >= 0 && static_cast<std::size_t>(n) < sizeof rest_ - len)
         return true;
-    errno = ENAMETOOLONG;
-    return false;
+    return znc::fail(ENAMETOOLONG, false);
 }
 
 bool PathRest::next() noexcept
 {
     const char* begin = rest_ + std::strspn(rest_, "/");
     const std::size_t len = std::strcspn(begin, "/");
-    if (len >= sizeof name_) {
-        errno = ENAMETOOLONG;
-        return false;
-    }
+    if (len >= sizeof name_)
+        return znc::fail(ENAMETOOLONG, false);
     std::memcpy(name_, begin, len);
     name_[len] = '\0';
     std::memmove(rest_, begin + len, std::strlen(begin + len) + 1);

@@ -1,5 +1,6 @@
 #include "zarnel/path_trust.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "path_rest.hpp"
 #include "path_trust_host.hpp"
@@ -162,10 +163,8 @@ class Walk {
 
     bool check_file(const struct stat& st)
     {
-        if (!rest_.is_last()) {
-            errno = ENOTDIR;
-            return false;
-        }
+        if (!rest_.is_last())
+            return znc::fail(ENOTDIR, false);
         if (!owner_trusted(st))
             return fault(rest_.name(), "belongs to another user");
         open_to_others_ = false;
@@ -208,8 +207,7 @@ class Walk {
         const char* dir = self && place_.text()[0] == '\0' ? "/" : place_.text();
         std::snprintf(trust_.fault, sizeof trust_.fault, "%s%s%s %s", dir, self ? "" : "/",
                       self ? "" : name, what);
-        errno = EPERM;
-        return false;
+        return znc::fail(EPERM, false);
     }
 
     znPathTrust& trust_;

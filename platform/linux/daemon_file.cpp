@@ -27,8 +27,7 @@ UniqueFd own_file(int dir, const char* name, int flags)
         return UniqueFd();
     if (st.st_uid == ::geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)
         return fd;
-    errno = EPERM;
-    return UniqueFd();
+    return znc::fail(EPERM, UniqueFd());
 }
 
 // The shared lock taken here for a moment does not prevent a starting daemon from taking its lock:

@@ -1,6 +1,7 @@
 // keep_store.cpp - see keep_store.hpp.
 #include "keep_store.hpp"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 
 #include <cerrno>
@@ -123,11 +124,9 @@ UniqueFd KeepStore::take(std::uint64_t cookie)
         const int error = stays ? add_place(cookie, held.number) : put(held.descriptor.get());
         if (error == 0)
             return std::move(held.descriptor);
-        errno = error;
-        return UniqueFd();
+        return znc::fail(error, UniqueFd());
     }
-    errno = ESRCH;
-    return UniqueFd();
+    return znc::fail(ESRCH, UniqueFd());
 }
 
 bool KeepStore::drop_rest()

@@ -1,12 +1,12 @@
 #include "keeper_link.hpp"
 
 #include "base/descriptor_message.hpp"
+#include "base/not_copied.hpp"
 #include "launch.hpp"
 #include "system/pidfd.hpp"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <sched.h>
@@ -38,7 +38,7 @@ int keeper_file()
 // Reserves a low descriptor number for the keeper's end of its socket while the keeper starts. The
 // new process copies only the descriptors up to this number, not the two that its owner has for
 // each container.
-class ReservedDescriptor {
+class ReservedDescriptor : znc::NotCopied {
   public:
     explicit ReservedDescriptor(int fd)
         : good_(number() >= 0 && ::dup3(fd, number(), O_CLOEXEC) >= 0)
@@ -51,8 +51,6 @@ class ReservedDescriptor {
         if (good_)
             ::dup3(keeper_file(), number(), O_CLOEXEC);
     }
-    ReservedDescriptor(const ReservedDescriptor&) = delete;
-    ReservedDescriptor& operator=(const ReservedDescriptor&) = delete;
 
     explicit operator bool() const { return good_; }
     static int number()

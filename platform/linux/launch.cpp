@@ -1,5 +1,7 @@
 #include "launch.hpp"
 
+#include "base/failure.hpp"
+#include "base/file.hpp"
 #include "system/pidfd.hpp"
 
 #include <cstddef>
@@ -122,17 +124,15 @@ UniqueFd helper_file()
     UniqueFd file(::memfd_create("zn-helper", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_EXEC));
     if (!file && errno == EINVAL) // before Linux 6.3: executable without this flag
         file.reset(::memfd_create("zn-helper", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!file)
-        return file;
-    const char* at = zn_helper_image;
-    while (at < zn_helper_image_end) {
-        const ssize_t n =
-            ::write(file.get(), at, static_cast<std::size_t>(zn_helper_image_end - at));
-        if (n < 0)
-            return UniqueFd();
-        at += n;
-    }
-    if (::fcntl(file.get(), F_ADD_SEALS,
+    return sealed_file(
+        std::move(file),
+        {zn_helper_image, static_cast<std::size_t>(zn_helper_image_end - zn_helper_image)});
+}
+
+UniqueFd sealed_file(UniqueFd file, std::string_view content)
+{
+    if (!file || !znc::write_all(file.get(), content) ||
+        ::fcntl(file.get(), F_ADD_SEALS,
                 F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) != 0)
         return UniqueFd();
     return file;
@@ -143,10 +143,8 @@ pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
     // A separate stack: the child must not overwrite the stack of this thread, which continues
     // after it. It is not zeroed, so the pages that the child does not need are never touched.
     const znc::MallocPtr<char> stack(static_cast<char*>(::malloc(kStackSize)));
-    if (!stack || launch.fds.size() > kFdsMax) {
-        errno = stack ? EINVAL : ENOMEM;
-        return -1;
-    }
+    if (!stack || launch.fds.size() > kFdsMax)
+        return znc::fail(stack ? EINVAL : ENOMEM);
     auto top = reinterpret_cast<std::uintptr_t>(stack.get() + kStackSize) & ~std::uintptr_t{15};
 
     sigset_t all;
@@ -162,16 +160,13 @@ pid_t launch_helper(const Launch& launch, UniqueFd& pidfd)
         &child, &fd);
     const int cloneError = errno;
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (pid < 0) {
-        errno = cloneError;
-        return -1;
-    }
+    if (pid < 0)
+        return znc::fail(cloneError);
     pidfd.reset(fd);
     if (child.error != 0) {
         process_reap(fd);
         pidfd.reset();
-        errno = child.error;
-        return -1;
+        return znc::fail(child.error);
     }
     return pid;
 }

@@ -6,6 +6,7 @@
 #include "base/owned.hpp"
 
 #include <span>
+#include <string_view>
 #include <sys/types.h>
 
 namespace zn {
@@ -13,6 +14,9 @@ namespace zn {
 // The helper program as a sealed memfd, which no process can write to, not even a container that
 // gets a descriptor of it. Invalid with errno set on failure.
 znc::UniqueFd helper_file();
+
+// Writes the content into a memfd and seals it. Invalid with errno set on failure.
+znc::UniqueFd sealed_file(znc::UniqueFd file, std::string_view content);
 
 inline constexpr std::size_t kLaunchFdsMax = 256; // descriptors that a helper is given
 

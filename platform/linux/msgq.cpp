@@ -4,6 +4,7 @@
 // the timed POSIX calls use the wall clock, which may be set.
 #include "zarnel/msgq.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "msgq_line.hpp"
 #include "msgq_owner.hpp"
@@ -83,8 +84,7 @@ MSG_Q_ID create_once(const char* name, struct mq_attr* attr)
             return ZN_MSG_Q_INVALID;
         }
     }
-    errno = EEXIST;
-    return ZN_MSG_Q_INVALID;
+    return znc::fail(EEXIST, ZN_MSG_Q_INVALID);
 }
 
 // mq_open fails with EINVAL if the capacity exceeds the limits of this IPC namespace and the caller
@@ -148,10 +148,8 @@ MSG_Q_ID create_in_turn(const char* name, struct mq_attr* attr)
 MSG_Q_ID create_exclusive(const char* name, size_t maxMsgs, size_t maxMsgLen)
 {
     constexpr size_t kLongMax = static_cast<size_t>(INT32_MAX);
-    if (maxMsgs > kLongMax || maxMsgLen > kLongMax) {
-        errno = EINVAL;
-        return ZN_MSG_Q_INVALID;
-    }
+    if (maxMsgs > kLongMax || maxMsgLen > kLongMax)
+        return znc::fail(EINVAL, ZN_MSG_Q_INVALID);
     struct mq_attr attr = {};
     attr.mq_maxmsg = static_cast<long>(maxMsgs);
     attr.mq_msgsize = static_cast<long>(maxMsgLen);
@@ -174,10 +172,8 @@ class Wait {
     // error.
     bool poll_until_ready(struct pollfd* fds, nfds_t count) noexcept
     {
-        if (ticks_ == ZN_NO_WAIT) {
-            errno = EAGAIN;
-            return false;
-        }
+        if (ticks_ == ZN_NO_WAIT)
+            return znc::fail(EAGAIN, false);
         if (ticks_ > 0 && deadline_ < 0)
             deadline_ = zn::deadline_ns(ticks_);
         for (;;) {
@@ -210,8 +206,7 @@ bool wait_unless_stopped(MSG_Q_ID q, int stop, Wait* wait)
         return false;
     if (fds[1].revents == 0)
         return true;
-    errno = ECANCELED;
-    return false;
+    return znc::fail(ECANCELED, false);
 }
 
 bool wait_for_room(MSG_Q_ID q, Wait* wait)
@@ -225,10 +220,8 @@ bool wait_for_room(MSG_Q_ID q, Wait* wait)
 bool wait_for_room(MSG_Q_ID q)
 {
     for (;;) {
-        if (zn::queue_is_abandoned(q)) {
-            errno = EPIPE;
-            return false;
-        }
+        if (zn::queue_is_abandoned(q))
+            return znc::fail(EPIPE, false);
         Wait interval(znSysClkRateGet() / kCreatorChecksPerSecond + 1);
         if (wait_for_room(q, &interval))
             return true;
@@ -242,10 +235,8 @@ bool wait_for_room(MSG_Q_ID q)
 MSG_Q_ID znMsgQOpen(const char* name, size_t maxMsgs, size_t maxMsgLen, int options, int mode)
 {
     static_cast<void>(options); // the kernel decides the order of receivers
-    if (name == nullptr || (mode != ZN_MSG_Q_OPEN_EXISTING && mode != ZN_MSG_Q_CREATE_EXCLUSIVE)) {
-        errno = EINVAL;
-        return ZN_MSG_Q_INVALID;
-    }
+    if (name == nullptr || (mode != ZN_MSG_Q_OPEN_EXISTING && mode != ZN_MSG_Q_CREATE_EXCLUSIVE))
+        return znc::fail(EINVAL, ZN_MSG_Q_INVALID);
     return mode == ZN_MSG_Q_OPEN_EXISTING ? open_existing(name)
                                           : create_exclusive(name, maxMsgs, maxMsgLen);
 }
@@ -255,23 +246,17 @@ MSG_Q_ID znMsgQTakeOver(const char* name, size_t maxMsgs, size_t maxMsgLen)
     znc::UniqueFd q(open_existing(name));
     struct mq_attr attr;
     if (!q || mq_getattr(q.get(), &attr) != 0 || attr.mq_maxmsg != static_cast<long>(maxMsgs) ||
-        attr.mq_msgsize != static_cast<long>(maxMsgLen)) {
-        errno = ENOENT;
-        return ZN_MSG_Q_INVALID;
-    }
-    if (!zn::queue_is_abandoned(q.get())) {
-        errno = EBUSY;
-        return ZN_MSG_Q_INVALID;
-    }
+        attr.mq_msgsize != static_cast<long>(maxMsgLen))
+        return znc::fail(ENOENT, ZN_MSG_Q_INVALID);
+    if (!zn::queue_is_abandoned(q.get()))
+        return znc::fail(EBUSY, ZN_MSG_Q_INVALID);
     return zn::queue_mark_in_use(q.get()) ? q.release() : ZN_MSG_Q_INVALID;
 }
 
 STATUS znMsgQSend(MSG_Q_ID q, const void* msg, size_t len, int timeout, int priority)
 {
-    if (msg == nullptr && len != 0) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (msg == nullptr && len != 0)
+        return znc::fail(EINVAL);
     const char* const bytes = msg != nullptr ? static_cast<const char*>(msg) : "";
     Wait wait(timeout);
     for (;;) {
@@ -318,19 +303,15 @@ STATUS znMsgQClose(MSG_Q_ID q)
 
 STATUS znMsgQUnlink(const char* name)
 {
-    if (name == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (name == nullptr)
+        return znc::fail(EINVAL);
     return mq_unlink(name) == 0 ? OK : ERROR;
 }
 
 STATUS znMsgQLimitsRaise(size_t maxMsgs, size_t maxMsgLen)
 {
-    if (maxMsgs == 0 || maxMsgs > INT32_MAX || maxMsgLen == 0 || maxMsgLen > INT32_MAX) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (maxMsgs == 0 || maxMsgs > INT32_MAX || maxMsgLen == 0 || maxMsgLen > INT32_MAX)
+        return znc::fail(EINVAL);
     struct rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
     if (setrlimit(RLIMIT_MSGQUEUE, &limit) != 0 && getrlimit(RLIMIT_MSGQUEUE, &limit) == 0) {
         limit.rlim_cur = limit.rlim_max;

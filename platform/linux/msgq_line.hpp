@@ -12,6 +12,8 @@
 #ifndef ZN_LINUX_MSGQ_LINE_HPP
 #define ZN_LINUX_MSGQ_LINE_HPP
 
+#include "base/not_copied.hpp"
+
 #include <cstdint>
 
 namespace zn {
@@ -22,12 +24,10 @@ bool queue_line_is_taken() noexcept;
 // The calling task's place in the line; the task cannot be deleted while it exists. A task that has
 // a queue precedes all tasks that have none, so that tasks waiting for their second queue cannot
 // hold all the memory.
-class QueueLinePlace {
+class QueueLinePlace : znc::NotCopied {
   public:
     explicit QueueLinePlace(bool hasQueue) noexcept;
     ~QueueLinePlace();
-    QueueLinePlace(const QueueLinePlace&) = delete;
-    QueueLinePlace& operator=(const QueueLinePlace&) = delete;
 
     // Waits until this task may attempt to create its queue, at most until `deadline`. May be
     // called again after a failed attempt.

@@ -1,5 +1,6 @@
 #include "msgq_owner.hpp"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "platform/common/clock.hpp"
 #include "zarnel/msgq.h"
@@ -79,10 +80,8 @@ bool queue_remove_foreign(const char* name) noexcept
     if (queue && ::fstat(queue.get(), &st) != 0)
         return false;
     // A queue that cannot be opened is another user's: this user's own can be opened.
-    if (queue && st.st_uid == ::geteuid()) {
-        errno = EEXIST;
-        return false;
-    }
+    if (queue && st.st_uid == ::geteuid())
+        return znc::fail(EEXIST, false);
     return mq_unlink(name) == 0 || errno == ENOENT;
 }
 
@@ -109,18 +108,14 @@ BOOL znMsgQInUse(const char* name)
 
 STATUS znMsgQDiscard(const char* name)
 {
-    if (name == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (name == nullptr)
+        return znc::fail(EINVAL);
     if (zn::queue_remove_foreign(name))
         return OK;
     if (errno != EEXIST)
         return ERROR;
     const znc::UniqueFd queue(mq_open(name, zn::kOpenFlags));
-    if (queue && !zn::queue_is_abandoned(queue.get())) {
-        errno = EBUSY;
-        return ERROR;
-    }
+    if (queue && !zn::queue_is_abandoned(queue.get()))
+        return znc::fail(EBUSY);
     return mq_unlink(name) == 0 || errno == ENOENT ? OK : ERROR;
 }

@@ -8,8 +8,6 @@
 #include "system/pidfd.hpp"
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/mount.h>

@@ -1,5 +1,6 @@
 #include "zarnel/ns.h"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "base/mutex_hold.hpp"
 #include "keeper_link.hpp"
@@ -153,18 +154,10 @@ void tell_refusal(const char* name, const SettingsFault& fault, char* reason, st
     g_refused(name, text);
 }
 
-STATUS result(int error)
-{
-    if (error == 0)
-        return OK;
-    errno = error;
-    return ERROR;
-}
-
 // If the keeper is dead (ESRCH), its mounts no longer exist: success.
 STATUS undo_result(int error)
 {
-    return result(error == ESRCH ? 0 : error);
+    return znc::status_of(error == ESRCH ? 0 : error);
 }
 
 void release_device(Namespace& ns)
@@ -461,7 +454,7 @@ nsid_t znnsCreateConfigured(int /*flags*/, const char* name, const char* documen
         end_namespace(find_link(id));
     release_unused_device(name);
     tell_refusal(name, fault, reason, size);
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size)
@@ -471,7 +464,7 @@ STATUS znnsConfigurationCheck(const char* document, char* reason, size_t size)
     const int error = settings.read(document, false, fault);
     if (error != 0)
         tell_fault(fault, reason, size);
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znnsSeal(nsid_t id, char* reason, size_t size)
@@ -485,7 +478,7 @@ STATUS znnsSeal(nsid_t id, char* reason, size_t size)
     ns->sealed = error == 0;
     if (error != 0)
         tell_fault(fault, reason, size);
-    return result(error);
+    return znc::status_of(error);
 }
 
 void znnsRefusalListenerSet(void (*refused)(const char* name, const char* reason))
@@ -510,7 +503,7 @@ STATUS znnsUsersMap(BOOL mapped)
         if (error == 0)
             error = trial.make_user(fault);
         if (error != 0)
-            return result(error);
+            return znc::status_of(error);
     }
     g_mapped = mapped != FALSE;
     return OK;
@@ -523,7 +516,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
     if (ns == nullptr)
         return ERROR;
     if (ns->root[0] != '\0')
-        return result(EBUSY);
+        return znc::status_of(EBUSY);
     int error = std::strlen(rootPath) >= sizeof ns->root ? ENAMETOOLONG : 0;
     if (error == 0) {
         ns->ownsDevice = is_own_device(rootPath, name);
@@ -534,7 +527,7 @@ STATUS znnsRootfsCreate(nsid_t id, const char* rootPath, const char* name)
     // Without a root the namespace is useless, and the caller will not delete it.
     if (error != 0)
         end_namespace(find_link(id));
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const char* destination,
@@ -547,9 +540,9 @@ STATUS znnsMount(nsid_t id, const char* /*rootPath*/, const char* source, const 
     if (ns == nullptr)
         return ERROR;
     if (ns->root[0] == '\0') // the keeper still sees the host's tree
-        return result(EINVAL);
-    return result(ns->mounts.mount(ns->keeper, ns->settings.user(), ns->settings.group(), source,
-                                   destination, type, options));
+        return znc::status_of(EINVAL);
+    return znc::status_of(ns->mounts.mount(ns->keeper, ns->settings.user(), ns->settings.group(),
+                                           source, destination, type, options));
 }
 
 STATUS znnsUmount(nsid_t id, const char* /*rootPath*/, const char* /*source*/,
@@ -609,7 +602,7 @@ STATUS znnsProcessKill(nsid_t id, OBJ_HANDLE handle, int signo)
     const pid_t keeper = ns->keeper.pid();
     const UniqueFd process = handle > 0 && handle != keeper ? process_open(handle) : UniqueFd();
     if (!process || !same_pid_namespace(handle, keeper) || process_ended(process.get(), 0))
-        return result(ESRCH);
+        return znc::status_of(ESRCH);
     return process_signal(process.get(), host) == 0 ? OK : ERROR;
 }
 
@@ -626,7 +619,7 @@ STATUS znnsInUse(nsid_t id, BOOL* inUse)
     bool used = false;
     const int error = ns->keeper.in_use(used);
     if (error != 0 && error != ESRCH)
-        return result(error);
+        return znc::status_of(error);
     *inUse = used ? TRUE : FALSE;
     return OK;
 }

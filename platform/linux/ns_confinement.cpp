@@ -6,7 +6,6 @@
 #include "settings/settings_policy.hpp"
 
 #include <cerrno>
-#include <cstdio>
 
 namespace zn {
 

@@ -27,8 +27,7 @@ bool record_with_group(nsid_t ns, NsRecord& record)
         return false;
     if (record.group[0] != '\0')
         return true;
-    errno = ENOTSUP;
-    return false;
+    return znc::fail(ENOTSUP, false);
 }
 
 struct Search {

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mount.h>
-#include <span>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

@@ -4,12 +4,12 @@
 #ifndef ZN_NS_MOUNT_HPP
 #define ZN_NS_MOUNT_HPP
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "keeper_link.hpp"
 #include "mount_plan.hpp"
 #include "ns_user.hpp"
 
-#include <cstdint>
 #include <string_view>
 
 namespace zn {
@@ -19,11 +19,8 @@ namespace zn {
 znc::UniqueFd detached_tree(const char* path, const MountPlan& plan, const UserNamespace& user);
 
 // The mounts of one namespace. The functions return 0 or an error number.
-class NamespaceMounts {
+class NamespaceMounts : znc::NotCopied {
   public:
-    NamespaceMounts() = default;
-    NamespaceMounts(const NamespaceMounts&) = delete;
-    NamespaceMounts& operator=(const NamespaceMounts&) = delete;
     ~NamespaceMounts();
 
     // The owners of file systems (options "uid" and "gid") are ids of `user`. File systems of the

@@ -2,6 +2,7 @@
 // process ("guard") that kills the program when the namespace ends.
 #include "zarnel/ns_network.h"
 
+#include "base/failure.hpp"
 #include "net_program.hpp"
 #include "system/pidfd.hpp"
 #include "zarnel/ns_control.h"
@@ -223,8 +224,7 @@ STATUS read_report(int report, char* problem, std::size_t size)
     }
     if (used == 1 && problem[0] == '\0')
         return OK;
-    errno = EIO;
-    return ERROR;
+    return znc::fail(EIO);
 }
 
 } // namespace
@@ -233,10 +233,8 @@ STATUS read_report(int report, char* problem, std::size_t size)
 STATUS znnsNetConnect(nsid_t ns, const char* program, const char* const* args, int end,
                       char* problem, size_t size)
 {
-    if (problem == nullptr || size < 2 || program == nullptr || args == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (problem == nullptr || size < 2 || program == nullptr || args == nullptr)
+        return znc::fail(EINVAL);
     problem[0] = '\0';
     zn::Connection connection;
     if (!zn::open_namespace(ns, connection) || !connection.ready.make() ||

@@ -1,6 +1,7 @@
 #include "ns_record.hpp"
 
 #include "base/directory.hpp"
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "helper/wire.hpp"
 #include "system/pidfd.hpp"
@@ -91,8 +92,7 @@ const char* parse(const char* text, std::size_t len, NsRecord& record)
         record.entry = static_cast<Entry>(entry);
         return end;
     }
-    errno = EINVAL;
-    return nullptr;
+    return znc::fail(EINVAL, nullptr);
 }
 
 int change(nsid_t ns, std::ptrdiff_t beforeEnd, char value)
@@ -244,10 +244,8 @@ UniqueFd process_recorded(pid_t pid, unsigned long long recordedStart)
             errno = ESRCH;
         return UniqueFd();
     }
-    if (startTime != recordedStart || process_ended(pidfd.get(), 0)) {
-        errno = ESRCH;
-        return UniqueFd();
-    }
+    if (startTime != recordedStart || process_ended(pidfd.get(), 0))
+        return znc::fail(ESRCH, UniqueFd());
     return pidfd;
 }
 

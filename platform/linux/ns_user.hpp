@@ -7,6 +7,7 @@
 #ifndef ZN_NS_USER_HPP
 #define ZN_NS_USER_HPP
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "settings/settings.hpp"
 
@@ -16,11 +17,8 @@
 
 namespace zn {
 
-class UserNamespace {
+class UserNamespace : znc::NotCopied {
   public:
-    UserNamespace() = default;
-    UserNamespace(const UserNamespace&) = delete;
-    UserNamespace& operator=(const UserNamespace&) = delete;
     ~UserNamespace(); // ends the process
 
     // Creates the namespace, with further namespaces that it owns (CLONE_NEW flags). Both lists

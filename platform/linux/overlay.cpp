@@ -5,7 +5,9 @@
 #include "zarnel/overlay.h"
 
 #include "base/directory.hpp"
+#include "base/failure.hpp"
 #include "base/file.hpp"
+#include "base/not_copied.hpp"
 #include "ns_keep.hpp"
 #include "ns_record.hpp"
 #include "overlay_device.hpp"
@@ -47,14 +49,13 @@ const char* device_name(const char* devName)
     if (*name != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
         std::strcmp(name, "..") != 0)
         return name;
-    errno = EINVAL;
-    return nullptr;
+    return znc::fail(EINVAL, nullptr);
 }
 
 // The directory of all devices, locked so that only one process at a time creates or removes
 // devices. The wait for the lock is limited (EBUSY), because the process that holds it may be
 // stopped.
-class Devices {
+class Devices : znc::NotCopied {
   public:
     explicit Devices(std::int64_t wait = kLockTimeoutNs)
         : dir_(::open(ZN_OVERLAY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
@@ -79,8 +80,6 @@ class Devices {
         if (dir_)
             ::flock(dir_.get(), LOCK_UN);
     }
-    Devices(const Devices&) = delete;
-    Devices& operator=(const Devices&) = delete;
 
     explicit operator bool() const { return static_cast<bool>(dir_); }
     [[nodiscard]] int get() const { return dir_.get(); }
@@ -156,8 +155,7 @@ int check_writable(int devices, const char* name)
     if (look(devices, name) == Node::kWritable)
         return 0;
     detach(devices, name);
-    errno = EROFS;
-    return -1;
+    return znc::fail(EROFS);
 }
 
 UniqueFd open_node(int devices, const char* name)
@@ -213,10 +211,8 @@ int map_device(int devices, const char* name, const UserNamespace& user)
 {
     OverlayLayers layers;
     const char* dir = layers_noted(name, nullptr);
-    if (dir == nullptr) {
-        errno = ENOENT;
-        return -1;
-    }
+    if (dir == nullptr)
+        return znc::fail(ENOENT);
     layers.upper = znc::copy_text(dir);
     while ((dir = layers_noted(name, dir)) != nullptr)
         if (!append_lower(devices, dir, layers))
@@ -230,8 +226,7 @@ int map_device(int devices, const char* name, const UserNamespace& user)
     const int error = node ? overlay_mount_mapped(node.get(), layers, user) : errno;
     if (error != 0) {
         remove_node(devices, name);
-        errno = error;
-        return -1;
+        return znc::fail(error);
     }
     return check_writable(devices, name);
 }
@@ -301,8 +296,7 @@ int make_room(int devices, const char* devName, const char* name)
         return 0;
     if (node == Node::kWritable && !ns_record_rooted_on(devName))
         return detach(devices, name);
-    errno = EEXIST;
-    return -1;
+    return znc::fail(EEXIST);
 }
 
 bool is_abandoned(int devices, const char* devName, const char* name)
@@ -363,10 +357,8 @@ using namespace zn;
 STATUS znOvlDevCreate(const char* devName, const char* const* dirs, uint32_t dirNum, BOOL hasUpper)
 {
     const char* name = device_name(devName);
-    if (name == nullptr || dirs == nullptr || dirNum < (hasUpper ? 2U : 1U)) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (name == nullptr || dirs == nullptr || dirNum < (hasUpper ? 2U : 1U))
+        return znc::fail(EINVAL);
     const Devices devices;
     if (!devices || make_room(devices.get(), devName, name) != 0)
         return ERROR;
@@ -379,10 +371,8 @@ STATUS znOvlDevRemove(const char* devName)
     if (!device)
         return ERROR;
     const Node node = look(device.directory(), device.name());
-    if (node != Node::kReadOnly && node != Node::kWritable) {
-        errno = node == Node::kAbsent ? ENOENT : EINVAL;
-        return ERROR;
-    }
+    if (node != Node::kReadOnly && node != Node::kWritable)
+        return znc::fail(node == Node::kAbsent ? ENOENT : EINVAL);
     return detach(device.directory(), device.name()) == 0 ? OK : ERROR;
 }
 
@@ -397,10 +387,8 @@ STATUS znOvlDevDirs(const char* devName, BOOL (*visit)(void* context, const char
     const LockedDevice device(devName);
     if (!device)
         return ERROR;
-    if (look(device.directory(), device.name()) != Node::kReadOnly) {
-        errno = ENOENT;
-        return ERROR;
-    }
+    if (look(device.directory(), device.name()) != Node::kReadOnly)
+        return znc::fail(ENOENT);
     const UniqueFd node = stack_node(device.directory(), device.name());
     const StackText stack = node ? stack_read(node.get()) : StackText();
     if (!stack.text)

@@ -1,5 +1,7 @@
 #include "overlay_mount.hpp"
 
+#include "base/failure.hpp"
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "overlay_options.hpp"
 
@@ -94,7 +96,7 @@ bool is_duplicate(const char* const* dirs, std::uint32_t at)
 
 // Descriptors of the layers. The kernel refuses a directory that occurs twice; a repeated one is
 // left out, since the first occurrence hides all of it.
-class Stack {
+class Stack : znc::NotCopied {
   public:
     bool open(const char* const* dirs, std::uint32_t count)
     {
@@ -110,9 +112,6 @@ class Stack {
         return fds_ != nullptr;
     }
     [[nodiscard]] std::uint32_t count() const { return count_; }
-    Stack() = default;
-    Stack(const Stack&) = delete;
-    Stack& operator=(const Stack&) = delete;
     ~Stack()
     {
         while (count_ > 0)
@@ -220,8 +219,7 @@ int overlay_mount_classic(int target, const int* dirs, std::uint32_t count, int 
             return ::mount("overlay", FdPath(target).text, "overlay",
                            kMountFlags | (upper >= 0 ? 0 : MS_RDONLY), options.text());
     }
-    errno = ENAMETOOLONG;
-    return -1;
+    return znc::fail(ENAMETOOLONG);
 }
 
 static int mount_stack(int target, const char* const* dirs, std::uint32_t count, const Upper& upper)

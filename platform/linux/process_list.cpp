@@ -2,6 +2,7 @@
 #include "zarnel/process_list.h"
 
 #include "base/directory.hpp"
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 
 #include <cerrno>
@@ -127,6 +128,5 @@ STATUS znProgramPath(char* path, size_t size)
         return ERROR;
     if (static_cast<std::size_t>(len) < size - 1)
         return OK;
-    errno = ENAMETOOLONG;
-    return ERROR;
+    return znc::fail(ENAMETOOLONG);
 }

@@ -9,7 +9,6 @@
 #include "zarnel/msgq.h"
 
 #include <array>
-#include <cstdio>
 #include <fcntl.h>
 #include <linux/mount.h>
 #include <linux/openat2.h>

@@ -1,4 +1,5 @@
 // root_file.cpp - opens files and directories of a container's root for reading, and finds mounts.
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
@@ -22,10 +23,8 @@ int reopen_regular(const znc::UniqueFd& found)
     struct stat st = {};
     if (!found || ::fstat(found.get(), &st) != 0)
         return -1;
-    if (!S_ISREG(st.st_mode)) {
-        errno = S_ISDIR(st.st_mode) ? EISDIR : S_ISLNK(st.st_mode) ? ELOOP : EINVAL;
-        return -1;
-    }
+    if (!S_ISREG(st.st_mode))
+        return znc::fail(S_ISDIR(st.st_mode) ? EISDIR : S_ISLNK(st.st_mode) ? ELOOP : EINVAL);
     char reopened[64];
     znDescriptorPath(found.get(), reopened, sizeof reopened);
     return ::open(reopened, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -53,10 +52,8 @@ int znMountedAt(int dirFd, const char* name)
     if (::statx(dirFd, "", AT_EMPTY_PATH, STATX_MNT_ID, &above) != 0 ||
         ::statx(entry.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &found) != 0)
         return -1;
-    if ((above.stx_mask & found.stx_mask & STATX_MNT_ID) == 0) {
-        errno = ENOTSUP;
-        return -1;
-    }
+    if ((above.stx_mask & found.stx_mask & STATX_MNT_ID) == 0)
+        return znc::fail(ENOTSUP);
     return above.stx_mnt_id != found.stx_mnt_id ? 1 : 0;
 }
 

@@ -1,5 +1,7 @@
 #include "zarnel/spawn.h"
 
+#include "base/failure.hpp"
+#include "base/not_copied.hpp"
 #include "helper/wire.hpp"
 #include "launch.hpp"
 #include "ns_record.hpp"
@@ -149,12 +151,10 @@ struct Outcome {
 };
 
 // While it exists, the namespace's record says that a process is entering the namespace.
-class EntryMark {
+class EntryMark : znc::NotCopied {
   public:
     explicit EntryMark(nsid_t ns) : ns_(ns) { mark(Entry::kEntering); }
     ~EntryMark() { mark(Entry::kOver); }
-    EntryMark(const EntryMark&) = delete;
-    EntryMark& operator=(const EntryMark&) = delete;
 
   private:
     // Errors are ignored: without a record the namespace does not exist and cannot be entered.
@@ -229,10 +229,8 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
                char* const* envp)
 {
     StandardStreams streams;
-    if (path == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (path == nullptr)
+        return znc::fail(EINVAL);
     const EntryMark entering(attr->ns);
     NsRecord record;
     if (!streams.fill())
@@ -246,10 +244,8 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     bool frozen = false;
     if (record.group[0] != '\0' && cgroup_frozen(record.group, frozen) == 0 && frozen)
         program = nullptr; // the program would not start before the namespace is thawed
-    if (program == nullptr) {
-        errno = frozen ? EBUSY : EINVAL;
-        return ERROR;
-    }
+    if (program == nullptr)
+        return znc::fail(frozen ? EBUSY : EINVAL);
     Arguments arguments;
     if (!arguments.make(program, *attr, argv, record.grant))
         return ERROR;
@@ -263,6 +259,5 @@ STATUS znSpawn(pid_t* pid, const char* path, const znSpawnAttr* attr, char* cons
     }
     if (outcome.pid > 0)
         collect(outcome.pid);
-    errno = error;
-    return ERROR;
+    return znc::fail(error);
 }

@@ -1,4 +1,5 @@
 // sticky.cpp - restores the sticky bit of directories in a container's root.
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 
 #include "base/owned.hpp"
@@ -10,10 +11,8 @@
 
 STATUS znDirMakeSticky(const char* root, const char* path)
 {
-    if (root == nullptr || path == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (root == nullptr || path == nullptr)
+        return znc::fail(EINVAL);
     const znc::UniqueFd top(::open(root, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!top)
         return ERROR;

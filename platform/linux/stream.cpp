@@ -1,6 +1,7 @@
 // stream.cpp - splice, and reopening descriptors through /proc.
 #include "zarnel/stream.h"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 
 #include <cstdio>
@@ -23,10 +24,8 @@ int znStreamReopen(int fd)
     struct stat st = {};
     if (::fstat(fd, &st) != 0)
         return -1;
-    if (!S_ISFIFO(st.st_mode) && ::isatty(fd) == 0) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (!S_ISFIFO(st.st_mode) && ::isatty(fd) == 0)
+        return znc::fail(EINVAL);
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags < 0)
         return -1;

@@ -51,8 +51,6 @@ class Queue {
         return *this;
     }
     constexpr Queue() noexcept = default;
-    Queue(const Queue&) = delete;
-    Queue& operator=(const Queue&) = delete;
     ~Queue()
     {
         const znc::ErrnoSaver keep;
@@ -92,8 +90,7 @@ class HandleTable {
         if (handle >= 0 && static_cast<std::size_t>(handle) < queues_.size() &&
             queues_[static_cast<std::size_t>(handle)])
             return &queues_[static_cast<std::size_t>(handle)];
-        errno = EBADF;
-        return nullptr;
+        return znc::fail(EBADF, nullptr);
     }
 
     STATUS remove(MSG_Q_ID handle)
@@ -127,10 +124,8 @@ class Wait {
     bool pause(int stop)
     {
         const std::int64_t left = forever() ? kLongestPauseNs : deadline_ - zn::now_ns();
-        if (ticks_ == ZN_NO_WAIT || left <= 0) {
-            errno = ticks_ == ZN_NO_WAIT ? EAGAIN : ETIMEDOUT;
-            return false;
-        }
+        if (ticks_ == ZN_NO_WAIT || left <= 0)
+            return znc::fail(ticks_ == ZN_NO_WAIT ? EAGAIN : ETIMEDOUT, false);
         const timespec time = zn::to_timespec(std::min(left, length_));
         length_ = std::min(2 * length_, kLongestPauseNs);
         pollfd fd = {stop, POLLIN, 0}; // a negative descriptor is ignored

@@ -1,6 +1,7 @@
 // msgq_record.cpp - see msgq_record.hpp.
 #include "msgq_record.hpp"
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 
 #include <cerrno>
@@ -115,10 +116,8 @@ bool queue_record_remove_foreign(const char* name) noexcept
     if (object && ::fstat(object.get(), &st) != 0)
         return false;
     // A record that cannot be opened is another user's: this user's own can be opened.
-    if (object && st.st_uid == ::geteuid()) {
-        errno = EEXIST;
-        return false;
-    }
+    if (object && st.st_uid == ::geteuid())
+        return znc::fail(EEXIST, false);
     return ::shm_unlink(name) == 0 || errno == ENOENT;
 }
 

@@ -23,8 +23,6 @@ class QueueRecord {
         std::swap(shared_, other.shared_);
         return *this;
     }
-    QueueRecord(const QueueRecord&) = delete;
-    QueueRecord& operator=(const QueueRecord&) = delete;
     ~QueueRecord();
 
     // A new record of the calling process. A record of another user is replaced, if permitted.

@@ -1,6 +1,7 @@
 // root_walk.cpp - see root_walk.hpp.
 #include "root_walk.hpp"
 
+#include "base/failure.hpp"
 #include "directory_flags.hpp"
 
 #include <cerrno>
@@ -19,10 +20,8 @@ constexpr int kTries = 200;
 
 bool RootWalk::resolve(const char* path, bool follow_last) noexcept
 {
-    if (path[0] == '\0') {
-        errno = ENOENT;
-        return false;
-    }
+    if (path[0] == '\0')
+        return znc::fail(ENOENT, false);
     if (!rest_.append(path) || !rewind())
         return false;
     Step step = Step::kMore;
@@ -92,10 +91,8 @@ bool RootWalk::open_next(const char* name) noexcept
             errno = ENOTDIR;
         return false;
     }
-    if (one_device_ && st.st_dev != device_) {
-        errno = EXDEV;
-        return false;
-    }
+    if (one_device_ && st.st_dev != device_)
+        return znc::fail(EXDEV, false);
     at_ = std::move(next);
     return true;
 }
@@ -108,8 +105,7 @@ bool RootWalk::down(const char* name) noexcept
     const int n = std::snprintf(place_ + len, sizeof place_ - len, "/%s", name);
     if (n >= 0 && static_cast<std::size_t>(n) < sizeof place_ - len)
         return true;
-    errno = ENAMETOOLONG;
-    return false;
+    return znc::fail(ENAMETOOLONG, false);
 }
 
 // At the root, ".." is the root.

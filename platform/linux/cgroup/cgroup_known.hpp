@@ -4,18 +4,17 @@
 #ifndef ZN_CGROUP_KNOWN_HPP
 #define ZN_CGROUP_KNOWN_HPP
 
+#include "base/not_copied.hpp"
 #include "cgroup_tree.hpp"
 
 namespace zn {
 
 // Holds a lock: an object of another thread blocks until this one is destroyed. Whether the mounts
 // have changed is checked by the first object of a thread, not by those within its lifetime.
-class KnownHierarchies {
+class KnownHierarchies : znc::NotCopied {
   public:
     KnownHierarchies();
     ~KnownHierarchies();
-    KnownHierarchies(const KnownHierarchies&) = delete;
-    KnownHierarchies& operator=(const KnownHierarchies&) = delete;
 
     // 0, or the error number of reading them.
     [[nodiscard]] int error() const;

@@ -11,10 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <string_view>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace zn {

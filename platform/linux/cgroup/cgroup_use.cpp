@@ -2,7 +2,6 @@
 #include "cgroup_tree.hpp"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>

@@ -2,6 +2,7 @@
 // set up the root are in engine_root.cpp.
 #include "zarnel/engine.h"
 
+#include "base/failure.hpp"
 #include "cgroup/cgroup_known.hpp"
 #include "engine_creation.hpp"
 #include "engine_join.hpp"
@@ -13,8 +14,6 @@
 #include "system/pidfd.hpp"
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/nsfs.h>
 #include <sched.h>
@@ -376,8 +375,7 @@ int znEngineCreate(const ZN_ENGINE_PLAN* plan, ZN_ENGINE_PROCESS* process, char*
     if (error == 0)
         return creation.keep(*process);
     said.say_errno(error, "cannot create the container");
-    errno = error;
-    return -1;
+    return znc::fail(error);
 }
 
 STATUS znEngineRelease(int container, const ZN_ENGINE_PROCESS* process, char* reason, size_t size)
@@ -389,6 +387,5 @@ STATUS znEngineRelease(int container, const ZN_ENGINE_PROCESS* process, char* re
     if (error == 0)
         return OK;
     said.say_first(error, first.pidfd());
-    errno = error;
-    return ERROR;
+    return znc::fail(error);
 }

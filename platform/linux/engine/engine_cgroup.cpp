@@ -1,11 +1,11 @@
 #include "engine_cgroup.hpp"
 
+#include "base/failure.hpp"
 #include "cgroup/cgroup_tree.hpp"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <linux/mount.h>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -20,10 +20,8 @@ UniqueFd group_mount(const Hierarchy& hierarchy, const GroupPath& path, EngineMo
     char source[4096];
     const int len =
         std::snprintf(source, sizeof source, "%s/%s", hierarchy.point.get(), path.text());
-    if (len < 0 || static_cast<std::size_t>(len) >= sizeof source) {
-        errno = ENAMETOOLONG;
-        return UniqueFd();
-    }
+    if (len < 0 || static_cast<std::size_t>(len) >= sizeof source)
+        return znc::fail(ENAMETOOLONG, UniqueFd());
     wanted.plan.bind = true;
     wanted.plan.recursive = false;
     return engine_mount_make(wanted, source, -1, nullptr);

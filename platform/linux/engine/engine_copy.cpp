@@ -1,11 +1,11 @@
 #include "engine_copy.hpp"
 
 #include "base/directory.hpp"
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "base/owned.hpp"
 #include "system/open_confined.hpp"
 
-#include <cstring>
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -76,10 +76,8 @@ bool copy_entry(int from, int to, const char* name, int depth)
 
 bool copy_entries(int from, int to, int depth)
 {
-    if (depth > kDepthMax) {
-        errno = ELOOP;
-        return false;
-    }
+    if (depth > kDepthMax)
+        return znc::fail(ELOOP, false);
     const znc::UniqueDir list = znc::directory_listing(from);
     if (!list)
         return false;

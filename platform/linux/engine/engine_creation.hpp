@@ -3,6 +3,7 @@
 #ifndef ZN_ENGINE_CREATION_HPP
 #define ZN_ENGINE_CREATION_HPP
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "engine_mount.hpp"
 #include "engine_reason.hpp"
@@ -31,12 +32,10 @@ inline wire::Request request_of(wire::Op op)
 }
 
 // A container that is being created. Unless it is kept, its process and group are removed.
-class Creation {
+class Creation : znc::NotCopied {
   public:
     Creation(const ZN_ENGINE_PLAN& plan, Reason& reason) : plan_(plan), reason_(reason) {}
     ~Creation();
-    Creation(const Creation&) = delete;
-    Creation& operator=(const Creation&) = delete;
 
     int run();
     // Returns the descriptor that keeps the container alive.

@@ -1,5 +1,6 @@
 #include "engine_mount.hpp"
 
+#include "base/failure.hpp"
 #include "engine_copy.hpp"
 
 #include <cerrno>
@@ -152,10 +153,8 @@ bool engine_mount_seal(int mount, const EngineMount& wanted)
 UniqueFd engine_mount_make(const EngineMount& mount, const char* source, int root,
                            const char* destination)
 {
-    if (mount.plan.bind && (source == nullptr || *source != '/')) {
-        errno = ENOENT;
-        return UniqueFd();
-    }
+    if (mount.plan.bind && (source == nullptr || *source != '/'))
+        return znc::fail(ENOENT, UniqueFd());
     UniqueFd made = mount.plan.bind ? detached_bind(source, mount.plan.recursive)
                                     : detached_filesystem(mount.plan, source);
     if (!made ||

@@ -1,5 +1,6 @@
 // engine_process.cpp - processes of engines' containers by id and start time, and their control
 // groups by path.
+#include "base/failure.hpp"
 #include "cgroup/cgroup.hpp"
 #include "cgroup/cgroup_limits.hpp"
 #include "engine_reason.hpp"
@@ -16,19 +17,8 @@
 #include <memory>
 
 namespace zn {
-namespace {
 
 using znc::UniqueFd;
-
-STATUS result(int error)
-{
-    if (error == 0)
-        return OK;
-    errno = error;
-    return ERROR;
-}
-
-} // namespace
 
 // The pidfd is opened first: if the start time then is the one that was noted, no other process
 // can have got the id in between.
@@ -36,10 +26,8 @@ UniqueFd engine_process_open(const ZN_ENGINE_PROCESS& process)
 {
     UniqueFd pidfd = process.pid > 0 ? process_open(process.pid) : UniqueFd();
     if (!pidfd || process_start_time(process.pid) != process.startTime ||
-        process_ended(pidfd.get(), 0)) {
-        errno = ESRCH;
-        return UniqueFd();
-    }
+        process_ended(pidfd.get(), 0))
+        return znc::fail(ESRCH, UniqueFd());
     return pidfd;
 }
 
@@ -83,7 +71,7 @@ BOOL znEngineGroupUsable(const char* group)
 
 STATUS znEngineGroupFreeze(const char* group, BOOL frozen)
 {
-    return result(cgroup_freeze(group, frozen != FALSE));
+    return znc::status_of(cgroup_freeze(group, frozen != FALSE));
 }
 
 STATUS znEngineGroupFrozen(const char* group, BOOL* frozen)
@@ -91,7 +79,7 @@ STATUS znEngineGroupFrozen(const char* group, BOOL* frozen)
     bool is = false;
     const int error = cgroup_frozen(group, is);
     *frozen = is ? TRUE : FALSE;
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znEngineGroupSignal(const char* group, int hostSignal)
@@ -101,7 +89,7 @@ STATUS znEngineGroupSignal(const char* group, int hostSignal)
     for (const int pid : pids)
         if (pid > 0)
             ::kill(pid, hostSignal); // a process that has ended in the meantime is ignored
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* context),
@@ -111,7 +99,7 @@ STATUS znEngineGroupProcesses(const char* group, void (*visit)(pid_t pid, void* 
     const int error = cgroup_processes(group, pids);
     for (const int pid : pids)
         visit(pid, context);
-    return result(error);
+    return znc::status_of(error);
 }
 
 STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason, size_t size)
@@ -127,7 +115,7 @@ STATUS znEngineGroupLimit(const char* group, const char* resources, char* reason
         error = cgroup_limit(group, wanted, &field);
         said.say_errno(error, "resources.%s", field != nullptr ? field : "");
     }
-    return result(error);
+    return znc::status_of(error);
 }
 
 int znEngineGroupVersion(void)
@@ -168,7 +156,7 @@ STATUS znEngineDeviceRules(const char* resources,
                                            rule.make ? TRUE : FALSE};
         visit(&one, context);
     }
-    return result(error);
+    return znc::status_of(error);
 }
 
 // The file has two parts, "Character devices:" and "Block devices:", with lines like "136 pts".
@@ -189,15 +177,15 @@ STATUS znEngineDeviceDriver(char type, int64_t major, char* name, size_t size)
                  number == major) {
             const bool fits = std::strlen(driver) < size;
             std::snprintf(name, size, "%s", driver);
-            return result(fits ? 0 : ERANGE);
+            return znc::status_of(fits ? 0 : ERANGE);
         }
     }
-    return result(ENOENT);
+    return znc::status_of(ENOENT);
 }
 
 STATUS znEngineGroupRemove(const char* group, const char* mark)
 {
-    return result(cgroup_remove_marked(group, mark));
+    return znc::status_of(cgroup_remove_marked(group, mark));
 }
 
 STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use)
@@ -206,5 +194,5 @@ STATUS znEngineGroupUse(const char* group, ZN_ENGINE_USE* use)
     const int error = cgroup_use(group, is);
     *use = {is.cpuNs, is.userNs,    is.systemNs,  is.memory,       is.memoryLimit,
             is.pids,  is.pidsLimit, is.readBytes, is.writtenBytes, is.oomKills};
-    return result(error);
+    return znc::status_of(error);
 }

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
 #include <iterator>
 #include <poll.h>
 #include <sched.h>

@@ -1,5 +1,6 @@
 #include "engine_socket.hpp"
 
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 
 #include <cerrno>
@@ -102,10 +103,8 @@ bool ProgramArguments::make(const char* name, const ZN_ENGINE_PROGRAM& program, 
 
 bool ProgramDescriptors::make(const ZN_ENGINE_PROGRAM& program, std::array<int, kHelperFds> own)
 {
-    if (program.descriptors < 0 || program.descriptors > ZN_ENGINE_DESCRIPTORS_MAX) {
-        errno = EINVAL;
-        return false;
-    }
+    if (program.descriptors < 0 || program.descriptors > ZN_ENGINE_DESCRIPTORS_MAX)
+        return znc::fail(EINVAL, false);
     null_.reset(::open(ZN_NULL_DEVICE, O_RDWR | O_CLOEXEC));
     if (!null_)
         return false;
@@ -161,10 +160,8 @@ int znEngineConnect(const char* path)
             return -1;
         const int len = std::snprintf(address.sun_path, sizeof address.sun_path,
                                       "/proc/self/fd/%d%s", directory.get(), slash);
-        if (len < 0 || static_cast<std::size_t>(len) >= sizeof address.sun_path) {
-            errno = ENAMETOOLONG;
-            return -1;
-        }
+        if (len < 0 || static_cast<std::size_t>(len) >= sizeof address.sun_path)
+            return znc::fail(ENAMETOOLONG);
         return connect_patiently(address);
     }
     std::strcpy(address.sun_path, path);

@@ -1,4 +1,5 @@
 // engine_start.cpp - starts the program of a container that waits, and further programs.
+#include "base/failure.hpp"
 #include "zarnel/engine.h"
 
 #include "base/file.hpp"
@@ -16,7 +17,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <sched.h>
 #include <string_view>
 #include <sys/mman.h>
@@ -78,14 +78,6 @@ struct Outcome {
                                                .starts_with("/memfd:zn-helper")));
     }
 };
-
-int finish(int error)
-{
-    if (error == 0)
-        return OK;
-    errno = error;
-    return ERROR;
-}
 
 // Passes on the listener that a process has reported, if any. A process that cannot continue is
 // killed: it may wait for an answer that nobody will give.
@@ -240,12 +232,10 @@ int enter(const ZN_ENGINE_PROCESS& process, EngineSettings& settings, const char
 // A sealed file in memory with the text, which no reader can change. The offset is 0.
 UniqueFd sealed_text(const char* text)
 {
-    UniqueFd file(::memfd_create("zn-state", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!file || !znc::write_all(file.get(), {text, std::strlen(text)}) ||
-        ::fcntl(file.get(), F_ADD_SEALS,
-                F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) != 0 ||
-        ::lseek(file.get(), 0, SEEK_SET) != 0)
-        return UniqueFd();
+    UniqueFd file =
+        sealed_file(UniqueFd(::memfd_create("zn-state", MFD_CLOEXEC | MFD_ALLOW_SEALING)), text);
+    if (file && ::lseek(file.get(), 0, SEEK_SET) != 0)
+        file.reset();
     return file;
 }
 
@@ -267,25 +257,27 @@ STATUS znEngineStart(const ZN_ENGINE_PROCESS* process, int directory,
         socket = start_connect(directory);
     const char go = 1;
     if (!socket && first && errno == EAGAIN)
-        return finish(said.say(ETIMEDOUT, "the container's first process does not answer"));
+        return znc::status_of(said.say(ETIMEDOUT, "the container's first process does not answer"));
     if (!socket)
-        return finish(said.say(ESRCH, "the container does not wait for its start"));
+        return znc::status_of(said.say(ESRCH, "the container does not wait for its start"));
     if (::send(socket.get(), &go, sizeof go, MSG_NOSIGNAL) != sizeof go)
-        return finish(said.say_errno(errno, "the container's first process"));
+        return znc::status_of(said.say_errno(errno, "the container's first process"));
     // End of file: the program was executed, which closed the other end.
     Outcome outcome;
     outcome.pid = process->pid;
     do {
         const int error = pass_reported(outcome, first.get(), socket.get(), listener, said);
         if (error != 0)
-            return finish(error);
+            return znc::status_of(error);
         if (!readable_within(socket.get(), kStartWait))
-            return finish(said.say(ETIMEDOUT, "the container's first process does not answer"));
+            return znc::status_of(
+                said.say(ETIMEDOUT, "the container's first process does not answer"));
     } while (outcome.read_from(socket.get()));
     start_socket_remove(directory);
     if (outcome.error == 0 && !outcome.is_executed(process->pid))
-        return finish(said.say(ECHILD, "the process was killed before the program was executed"));
-    return finish(said.say_program(outcome.error, outcome.kind, "the program", "cwd"));
+        return znc::status_of(
+            said.say(ECHILD, "the process was killed before the program was executed"));
+    return znc::status_of(said.say_program(outcome.error, outcome.kind, "the program", "cwd"));
 }
 
 STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
@@ -295,8 +287,8 @@ STATUS znEngineExec(const ZN_ENGINE_PROCESS* process, const char* document, cons
     EngineSettings settings;
     SettingsFault fault;
     const int error = said.say_fault(settings.read(document, fault), fault);
-    return finish(error != 0 ? error
-                             : enter(*process, settings, group, *program, false, pid, said));
+    return znc::status_of(
+        error != 0 ? error : enter(*process, settings, group, *program, false, pid, said));
 }
 
 STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, const char* group,
@@ -308,11 +300,12 @@ STATUS znEngineHook(const ZN_ENGINE_PROCESS* process, const char* document, cons
     SettingsFault fault;
     int error = document != nullptr ? said.say_fault(settings.read(document, fault), fault) : 0;
     if (error != 0)
-        return finish(error);
+        return znc::status_of(error);
     const UniqueFd state = sealed_text(input);
     if (!state)
-        return finish(said.say_errno(errno, "cannot prepare the input of a hook"));
+        return znc::status_of(said.say_errno(errno, "cannot prepare the input of a hook"));
     ZN_ENGINE_PROGRAM program = *hook;
     program.input = state.get();
-    return finish(enter(*process, settings, group, program, document == nullptr, pid, said));
+    return znc::status_of(
+        enter(*process, settings, group, program, document == nullptr, pid, said));
 }

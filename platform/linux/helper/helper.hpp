@@ -15,7 +15,6 @@
 #include "sys.hpp"
 #include "wire.hpp"
 
-#include <cstddef>
 #include <cstdint>
 
 namespace zn {

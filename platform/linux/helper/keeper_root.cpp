@@ -10,7 +10,6 @@
 #include <linux/mount.h>
 #include <linux/openat2.h>
 #include <linux/sched.h>
-#include <linux/stat.h>
 
 namespace zn {
 namespace {

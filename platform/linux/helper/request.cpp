@@ -2,7 +2,6 @@
 #include "request.hpp"
 
 #include <linux/errno.h>
-#include <linux/socket.h>
 #include <linux/uio.h>
 
 namespace zn {

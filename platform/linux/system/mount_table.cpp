@@ -1,7 +1,6 @@
 // mount_table.cpp - see mount_table.hpp.
 #include "mount_table.hpp"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/sysmacros.h>

@@ -4,6 +4,7 @@
 #ifndef ZN_OPEN_CONFINED_HPP
 #define ZN_OPEN_CONFINED_HPP
 
+#include "base/failure.hpp"
 #include "base/owned.hpp"
 #include "open_repeated.hpp"
 
@@ -30,8 +31,7 @@ inline znc::UniqueFd open_confined(int directory, const char* path, int flags,
     });
     if (fd >= 0)
         return znc::UniqueFd(static_cast<int>(fd));
-    errno = static_cast<int>(-fd);
-    return znc::UniqueFd();
+    return znc::fail(static_cast<int>(-fd), znc::UniqueFd());
 }
 
 } // namespace zn
