@@ -21,7 +21,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "zarnel/fs.h"
 #include "zarnel/msgq.h"
 #include "zarnel/ns.h"
 #include "zarnel/task.h"

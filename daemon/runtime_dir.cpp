@@ -1,5 +1,6 @@
 #include "runtime_dir.hpp"
 
+#include "base/failure.hpp"
 #include "log.hpp"
 
 #include <array>
@@ -29,10 +30,8 @@ znc::UniqueFd open_runtime_dir()
     struct stat st = {};
     if (!dir || ::fstat(dir.get(), &st) != 0)
         return {};
-    if (st.st_uid != ::geteuid()) {
-        errno = EPERM;
-        return {};
-    }
+    if (st.st_uid != ::geteuid())
+        return znc::fail(EPERM, znc::UniqueFd());
     if (::fchmod(dir.get(), 0700) != 0)
         return {};
     return dir;

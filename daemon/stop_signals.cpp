@@ -1,5 +1,7 @@
 #include "stop_signals.hpp"
 
+#include "base/failure.hpp"
+
 #include <csignal>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -12,10 +14,8 @@ znc::UniqueFd block_stop_signals()
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
-    if (const int error = ::pthread_sigmask(SIG_BLOCK, &set, nullptr); error != 0) {
-        errno = error;
-        return {};
-    }
+    if (const int error = ::pthread_sigmask(SIG_BLOCK, &set, nullptr); error != 0)
+        return znc::fail(error, znc::UniqueFd());
     return znc::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 

@@ -1,6 +1,6 @@
 // cJSON_Additions.cpp - see cJSON_Additions.h.
 #include "cJSON_Additions.h"
-
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "zarnel/fs.h"
 #include "zncOwned.hpp"
@@ -27,10 +27,8 @@ template <class Int> Int saturated(const cJSON* item)
 
 cJSON* cJSON_load_from_file(const char* path)
 {
-    if (path == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if (path == nullptr)
+        return znc::fail(EINVAL, nullptr);
     struct stat st = {};
     const znc::UniqueFd fd = znc::open_regular(path, &st);
     const znc::FileText text = fd ? znc::read_text(fd.get(), st) : znc::FileText();
@@ -44,15 +42,11 @@ cJSON* cJSON_parse_whole(const char* text, size_t len)
 
 int cJSON_dump_to_file(const cJSON* tree, const char* path, mode_t mode)
 {
-    if (tree == nullptr || path == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (tree == nullptr || path == nullptr)
+        return znc::fail(EINVAL);
     const znc::CJsonText text(cJSON_Print(tree));
-    if (text == nullptr) {
-        errno = ENOMEM;
-        return -1;
-    }
+    if (text == nullptr)
+        return znc::fail(ENOMEM);
     znc::UniqueFd fd(znFileCreate(path, mode));
     if (!fd)
         return -1;

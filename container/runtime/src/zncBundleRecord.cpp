@@ -2,6 +2,7 @@
 #include "zncBundleRecord.hpp"
 
 #include "base/directory.hpp"
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "zncBundleLayers.hpp"
 #include "zncDigest.hpp"
@@ -42,8 +43,7 @@ STATUS check_conflict(void* context, const char* /*file*/, const TextList& recor
     if (root == nullptr || std::strcmp(root, claim.root) != 0 ||
         same_layers(record, *claim.record) || !bundle_exists(bundle))
         return OK;
-    errno = EEXIST;
-    return ERROR;
+    return znc::fail(EEXIST);
 }
 
 // Whether the bundle has a "config.json", by the same test that zncCreateOciBundleConfig makes.

@@ -11,7 +11,6 @@
 #include "zarnel/ns_keep.h"
 
 #include <array>
-#include <cstdio>
 #include <cstring>
 
 namespace {

@@ -1,4 +1,5 @@
 #include "zncContainerLib.hpp"
+#include "base/not_copied.hpp"
 #include "zncContainerTable.hpp"
 
 #include "zarnel/fs.h"
@@ -15,11 +16,9 @@ constexpr int kListWaitSeconds = 5;
 constexpr int kSignalKill = 9;
 constexpr int16_t kSpawnFlags = 0x180;
 
-class ListLock {
+class ListLock : znc::NotCopied {
   public:
     ListLock() noexcept : held_(zncContainerListLock() == OK) {}
-    ListLock(const ListLock&) = delete;
-    ListLock& operator=(const ListLock&) = delete;
     ~ListLock()
     {
         if (held_)
@@ -277,10 +276,8 @@ STATUS zncContainerStateGet(char* containerId, CONTAINER_STATE* pState)
 
 BOOL zncContainerNext(char* containerId)
 {
-    if (containerId == nullptr || ::strnlen(containerId, kIdBuffer) == kIdBuffer) {
-        errno = EINVAL;
-        return FALSE;
-    }
+    if (containerId == nullptr || ::strnlen(containerId, kIdBuffer) == kIdBuffer)
+        return znc::fail(EINVAL, FALSE);
     const ListLock list;
     if (!list)
         return FALSE;

@@ -10,7 +10,6 @@
 #include "zarnel/overlay.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 

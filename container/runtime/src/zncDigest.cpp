@@ -3,7 +3,6 @@
 
 #include "base/file.hpp"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 

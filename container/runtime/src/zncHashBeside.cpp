@@ -3,8 +3,6 @@
 
 #include "zncWorkAhead.hpp"
 
-#include <cerrno>
-
 namespace znc {
 
 bool HashBeside::start(RunningDigest& digest) noexcept

@@ -4,6 +4,7 @@
 #ifndef ZNCHASHBESIDE_HPP
 #define ZNCHASHBESIDE_HPP
 
+#include "base/not_copied.hpp"
 #include "zncDigest.hpp"
 
 #include <array>
@@ -13,13 +14,10 @@
 
 namespace znc {
 
-class HashBeside {
+class HashBeside : znc::NotCopied {
   public:
     static constexpr std::size_t kPieceLen = 64 * 1024;
 
-    HashBeside() = default;
-    HashBeside(const HashBeside&) = delete;
-    HashBeside& operator=(const HashBeside&) = delete;
     ~HashBeside() { finish(); }
 
     // Starts the thread, which adds bytes to `digest`. Until finish(), only that thread may use it.

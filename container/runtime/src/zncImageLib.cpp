@@ -12,7 +12,6 @@
 #include <cstring>
 #include <string_view>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 using znc::exists;

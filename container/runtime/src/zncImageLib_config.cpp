@@ -3,6 +3,7 @@
 // before the image.
 #include "zncImageLib.hpp"
 
+#include "base/failure.hpp"
 #include "cJSON_Additions.h"
 
 #include <cstring>
@@ -163,18 +164,15 @@ BOOL strHasPrefix(const char* s, const char* p)
 
 STATUS zncCreateOciBundleConfig(OCI_IMAGE* image, const char* configFile, const char* rootfsPath)
 {
-    if (::access(configFile, F_OK) == 0) {
-        errno = S_zncLib_BUNDLE_CONFIG_EXISTS;
-        return ERROR;
-    }
+    if (::access(configFile, F_OK) == 0)
+        return znc::fail(S_zncLib_BUNDLE_CONFIG_EXISTS);
     const znc::CJsonPtr root(cJSON_CreateObject());
     if (!root)
         return ERROR;
     if (build(image, root.get(), rootfsPath) &&
         cJSON_dump_to_file(root.get(), configFile, kConfigMode) >= 0)
         return OK;
-    errno = S_zncLib_BUNDLE_CONFIG_PARAM_INVALID;
-    return ERROR;
+    return znc::fail(S_zncLib_BUNDLE_CONFIG_PARAM_INVALID);
 }
 
 STATUS zncCreateOciBundleConfigVersion(OCI_IMAGE* /*image*/, cJSON* rootJson)

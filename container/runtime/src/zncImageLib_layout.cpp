@@ -2,6 +2,7 @@
 // configuration and layer descriptor that the index leads to; chooses a manifest.
 #include "zncImageLib.hpp"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "cJSON_Additions.h"
 #include "format/names.hpp"
@@ -525,6 +526,5 @@ int zncImageFindManifest(const OCI_IMAGE* image, const char* os, const char* arc
         if (tag_matches(image->manifests[i], tag, is_latest) &&
             platform_matches(image->manifests[i], os, arch))
             return i;
-    errno = S_zncLib_INDEX_INVALID;
-    return -1;
+    return znc::fail(S_zncLib_INDEX_INVALID);
 }

@@ -2,6 +2,7 @@
 // its files.
 #include "zncImageLib.hpp"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "cJSON_Additions.h"
 
@@ -26,15 +27,11 @@ STATUS append_blob(char* cursor, char* end, const cJSON* digest)
 {
     const char* text = cJSON_GetStringValue(digest);
     char* const name = znc::copy_end(cursor, end, "blobs/");
-    if (text == nullptr || znc::copy_end(name, end, text) == end) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (text == nullptr || znc::copy_end(name, end, text) == end)
+        return znc::fail(ENAMETOOLONG);
     char* const colon = text[0] != '\0' ? std::strchr(name + 1, ':') : nullptr;
-    if (text[0] == ':' || colon == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (text[0] == ':' || colon == nullptr)
+        return znc::fail(EINVAL);
     *colon = '/';
     return OK;
 }
@@ -50,10 +47,8 @@ BOOL strEqual(const char* s, const char* p)
 STATUS composeFileName(const char* imagePath, JSON_FILE_TYPE fileType, cJSON* digest,
                        char* fileName, UINT32 fileNameLen)
 {
-    if (imagePath == nullptr || fileName == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (imagePath == nullptr || fileName == nullptr)
+        return znc::fail(EINVAL);
     char* const end = fileName + fileNameLen;
     char* const cursor = znc::copy_end(znc::copy_end(fileName, end, imagePath), end, "/");
     const char* leaf = nullptr;
@@ -69,13 +64,10 @@ STATUS composeFileName(const char* imagePath, JSON_FILE_TYPE fileType, cJSON* di
     case CONFIGJSON:
         return append_blob(cursor, end, digest);
     default:
-        errno = EINVAL;
-        return ERROR;
+        return znc::fail(EINVAL);
     }
-    if (znc::copy_end(cursor, end, leaf) == end) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (znc::copy_end(cursor, end, leaf) == end)
+        return znc::fail(ENAMETOOLONG);
     return OK;
 }
 

@@ -23,8 +23,6 @@ class LayerStage {
         path_ = std::move(other.path_);
         return *this;
     }
-    LayerStage(const LayerStage&) = delete;
-    LayerStage& operator=(const LayerStage&) = delete;
     ~LayerStage() { discard(); }
 
     // Creates an empty temporary directory in `area`, a subdirectory of the storage base.

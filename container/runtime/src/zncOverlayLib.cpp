@@ -1,6 +1,7 @@
 // zncOverlayLib.cpp - the storage base and its directories, and overlay devices.
 #include "zncPath.hpp"
 
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 #include "zarnel/overlay.h"
 #include "zarnel/path_trust.h"
@@ -53,15 +54,11 @@ std::size_t znc::base_path_text(char* path, std::size_t bufLen, std::uint32_t ty
     char* out = path + base_from_environment(path, bufLen);
     if (out == path)
         out = znc::copy_end(path, end, ZNC_STORE_BASE);
-    if (type >= kAreas.size()) {
-        errno = ENOTSUP;
-        return 0;
-    }
+    if (type >= kAreas.size())
+        return znc::fail(ENOTSUP, std::size_t{0});
     out = znc::copy_end(out, end, kAreas[type]);
-    if (out == end) {
-        errno = ENAMETOOLONG;
-        return 0;
-    }
+    if (out == end)
+        return znc::fail(ENAMETOOLONG, std::size_t{0});
     return static_cast<std::size_t>(out - path);
 }
 

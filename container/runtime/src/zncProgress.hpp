@@ -5,18 +5,18 @@
 #ifndef ZNCPROGRESS_HPP
 #define ZNCPROGRESS_HPP
 
+#include "base/not_copied.hpp"
+
 #include <atomic>
 #include <cstdint>
 
 namespace znc {
 
 // While an object exists, the calling thread reads the archive `file` as layer `index` of `count`.
-class LayerProgress {
+class LayerProgress : znc::NotCopied {
   public:
     LayerProgress(const char* file, std::uint32_t index, std::uint32_t count) noexcept;
     ~LayerProgress();
-    LayerProgress(const LayerProgress&) = delete;
-    LayerProgress& operator=(const LayerProgress&) = delete;
 
     // Reports the layer as complete, also if the store already had it.
     void complete() noexcept;
@@ -25,12 +25,10 @@ class LayerProgress {
 // The callback runs only on the thread that called zncUnpack. While an object of this class exists,
 // a helper thread stores its offset in `position` instead, and the calling thread polls it with
 // progress_follow().
-class ProgressElsewhere {
+class ProgressElsewhere : znc::NotCopied {
   public:
     explicit ProgressElsewhere(std::atomic<std::uint64_t>& position) noexcept;
     ~ProgressElsewhere();
-    ProgressElsewhere(const ProgressElsewhere&) = delete;
-    ProgressElsewhere& operator=(const ProgressElsewhere&) = delete;
 };
 void progress_follow(const std::atomic<std::uint64_t>& position) noexcept;
 
@@ -42,12 +40,10 @@ struct UnpackCounts {
 UnpackCounts* progress_counts() noexcept;
 
 // While an object exists, the calling thread adds to the counters of the thread that it helps.
-class ProgressHelper {
+class ProgressHelper : znc::NotCopied {
   public:
     explicit ProgressHelper(UnpackCounts* counts) noexcept;
     ~ProgressHelper();
-    ProgressHelper(const ProgressHelper&) = delete;
-    ProgressHelper& operator=(const ProgressHelper&) = delete;
 };
 
 // Counts a member that was not extracted as the archive describes it.

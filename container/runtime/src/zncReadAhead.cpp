@@ -1,6 +1,7 @@
 // zncReadAhead.cpp - see zncReadAhead.hpp.
 #include "zncReadAhead.hpp"
 
+#include "base/failure.hpp"
 #include "zncProgress.hpp"
 #include "zncWorkAhead.hpp"
 
@@ -98,8 +99,7 @@ ssize_t ReadAhead::take(char* buffer, std::size_t count) noexcept
         if (slot.len <= 0) { // end or error: kept, so that the next call returns it again
             if (got > 0 || slot.len == 0)
                 break;
-            errno = slot.error;
-            return -1;
+            return znc::fail(slot.error);
         }
         const auto len = static_cast<std::size_t>(slot.len);
         const std::size_t part = std::min(count - got, len - taken_);

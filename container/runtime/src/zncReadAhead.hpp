@@ -3,6 +3,7 @@
 #ifndef ZNCREADAHEAD_HPP
 #define ZNCREADAHEAD_HPP
 
+#include "base/not_copied.hpp"
 #include "zncOwned.hpp"
 #include "zncontainer.h"
 
@@ -15,14 +16,11 @@
 
 namespace znc {
 
-class ReadAhead {
+class ReadAhead : znc::NotCopied {
   public:
     // Reads the next bytes of `source`, with the result of TAR_COMPRESS::read.
     using Read = ssize_t (*)(void* source, void* buffer, std::size_t count);
 
-    ReadAhead() = default;
-    ReadAhead(const ReadAhead&) = delete;
-    ReadAhead& operator=(const ReadAhead&) = delete;
     ~ReadAhead() { stop(); }
 
     // Starts the helper thread. Until stop(), only that thread may use `source`. False, without

@@ -1,6 +1,7 @@
 // zncRuntimeApi.cpp - the client functions for containers, except those that start one.
 #include "zncRuntimeApi.hpp"
 
+#include "base/failure.hpp"
 #include "cJSON_Additions.h"
 
 #include <cerrno>
@@ -53,10 +54,8 @@ STATUS znc::request_reply(int cmdId, std::span<zncParam> params, Reply* reply, i
         return ERROR;
     }
     int number = 0;
-    if (zncResponseCheck(reply->root.get(), &number, &reply->body) != OK) {
-        errno = number;
-        return ERROR;
-    }
+    if (zncResponseCheck(reply->root.get(), &number, &reply->body) != OK)
+        return znc::fail(number);
     return OK;
 }
 
@@ -122,10 +121,8 @@ CONTAINER_STATUS zncStatusGet(const char* containerId)
     if (state == nullptr)
         return STATE_UNKNOWN;
     const cJSON* status = cJSON_GetObjectItemCaseSensitive(state, "status");
-    if (cJSON_IsNumber(status) == 0) {
-        errno = EBADMSG;
-        return STATE_UNKNOWN;
-    }
+    if (cJSON_IsNumber(status) == 0)
+        return znc::fail(EBADMSG, STATE_UNKNOWN);
     return zncStatusIntConvert(cJSON_integer_value(status));
 }
 

@@ -2,6 +2,8 @@
 // spawns the process and reports its id to the daemon.
 #include "zncRuntimeApi.hpp"
 
+#include "base/failure.hpp"
+#include "base/not_copied.hpp"
 #include "zarnel/ns.h"
 #include "zarnel/spawn.h"
 
@@ -37,7 +39,7 @@ constexpr std::array kStartTemplate = {
 constexpr int kSignalTerm = 15;
 
 // A container's spawn parameters. Strings point into the reply.
-class StartParams {
+class StartParams : znc::NotCopied {
   public:
     explicit StartParams(cJSON* object) noexcept : params_(kStartTemplate)
     {
@@ -53,8 +55,6 @@ class StartParams {
         const znc::ErrnoSaver keep;
         static_cast<void>(zncParamObjDestroy(params_.data(), count()));
     }
-    StartParams(const StartParams&) = delete;
-    StartParams& operator=(const StartParams&) = delete;
 
     [[nodiscard]] bool empty() const noexcept
     {
@@ -80,7 +80,7 @@ class StartParams {
     std::array<zncParam, kStartTemplate.size()> params_;
 };
 
-class SpawnAttributes {
+class SpawnAttributes : znc::NotCopied {
   public:
     SpawnAttributes() noexcept : isSet_(znSpawnAttrInit(&attr_) == OK) {}
     ~SpawnAttributes()
@@ -89,8 +89,6 @@ class SpawnAttributes {
         if (isSet_)
             znSpawnAttrDestroy(&attr_);
     }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
 
     // False as soon as the platform rejects a value.
     bool set(const StartParams& start) noexcept
@@ -118,8 +116,7 @@ bool spawn(const StartParams& start, const SpawnAttributes& attributes, pid_t* p
         znSpawn(pid, start.text(kAppPath), attributes.get(), arg != nullptr ? arg : no_args,
                 start.vector(kEnv)) == OK)
         return true;
-    errno = S_zncLib_RTP_SPAWN_FAILED;
-    return false;
+    return znc::fail(S_zncLib_RTP_SPAWN_FAILED, false);
 }
 
 // The container counts as running, but the daemon does not know its process: kill it.
@@ -145,10 +142,8 @@ pid_t wait_for(pid_t pid)
 
 STATUS request_start(const char* containerId, unsigned int option, znc::Reply* reply)
 {
-    if (containerId == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (containerId == nullptr)
+        return znc::fail(EINVAL);
     std::array params = {znc::string_param("containerId", containerId),
                          znc::integer_param("option", option)};
     return znc::request_reply(ZNC_START, params, reply);
@@ -159,15 +154,11 @@ STATUS request_start(const char* containerId, unsigned int option, znc::Reply* r
 STATUS start_process(const char* containerId, cJSON* array, pid_t* pid)
 {
     *pid = 0;
-    if (containerId == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (containerId == nullptr)
+        return znc::fail(EINVAL);
     cJSON* object = cJSON_GetArrayItem(array, 0);
-    if (object == nullptr) {
-        errno = EBADMSG;
-        return ERROR;
-    }
+    if (object == nullptr)
+        return znc::fail(EBADMSG);
     const StartParams start(object);
     if (start.empty())
         return OK;
@@ -194,10 +185,8 @@ STATUS zncStart(const char* containerId, unsigned int option)
 
 STATUS zncStartPid(const char* containerId, unsigned int option, pid_t* pPid)
 {
-    if (pPid == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (pPid == nullptr)
+        return znc::fail(EINVAL);
     *pPid = 0;
     znc::Reply reply;
     if (request_start(containerId, option | ZNC_OPT_NO_WAIT, &reply) != OK)

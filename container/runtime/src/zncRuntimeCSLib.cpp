@@ -1,6 +1,7 @@
 // zncRuntimeCSLib.cpp - converts parameter tables to JSON objects and back.
 #include "zncRuntimeCSLib.hpp"
 
+#include "base/failure.hpp"
 #include "cJSON_Additions.h"
 
 #include <cerrno>
@@ -107,10 +108,8 @@ bool read_strings(const cJSON* item, zncParam& param)
     if (count == 0)
         return true;
     auto strings = znc::malloc_array<char*>(static_cast<std::size_t>(count) + 1);
-    if (strings == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
+    if (strings == nullptr)
+        return znc::fail(ENOMEM, false);
     // From here on the vector belongs to the table. Its owner frees it, or zncParamObjGet if it
     // fails.
     char** next = strings.release();
@@ -158,28 +157,22 @@ void free_strings(std::span<const zncParam> params)
 ZNC_PARAM_DATA* zncParamObjInit(zncParam* param, int count)
 {
     CJsonPtr object(cJSON_CreateObject());
-    if (object == nullptr) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (object == nullptr)
+        return znc::fail(ENOMEM, nullptr);
     if (param == nullptr || count <= 0)
         return object.release();
     for (const zncParam& entry : std::span(param, static_cast<std::size_t>(count))) {
         const int failure = add_param(object.get(), entry);
-        if (failure != 0) {
-            errno = failure;
-            return nullptr;
-        }
+        if (failure != 0)
+            return znc::fail(failure, nullptr);
     }
     return object.release();
 }
 
 STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count)
 {
-    if (pData == nullptr || param == nullptr || count == 0) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (pData == nullptr || param == nullptr || count == 0)
+        return znc::fail(EINVAL);
     const std::span params(param, count);
     for (std::size_t i = 0; i < params.size(); i++) {
         cJSON* item = cJSON_GetObjectItem(pData, params[i].name);
@@ -193,10 +186,8 @@ STATUS zncParamObjGet(ZNC_PARAM_DATA* pData, zncParam* param, unsigned int count
 
 STATUS zncParamObjDestroy(zncParam* param, unsigned int count)
 {
-    if (param == nullptr || count == 0) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (param == nullptr || count == 0)
+        return znc::fail(EINVAL);
     free_strings(std::span(param, count));
     return OK;
 }

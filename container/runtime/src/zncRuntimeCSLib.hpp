@@ -6,6 +6,7 @@
 #ifndef ZNCRUNTIMECSLIB_HPP
 #define ZNCRUNTIMECSLIB_HPP
 
+#include "base/not_copied.hpp"
 #include "zarnel/msgq.h"
 #include "zncOwned.hpp"
 #include "zncprotocol.h"
@@ -85,14 +86,12 @@ class UniqueQueue {
 
 // A queue created for one call. The destructor closes it and removes its name. `name` must outlive
 // the object.
-class PrivateQueue {
+class PrivateQueue : znc::NotCopied {
   public:
     PrivateQueue(const char* name, QueueShape shape) noexcept
         : name_(name), queue_(make_own_queue(name, shape))
     {
     }
-    PrivateQueue(const PrivateQueue&) = delete;
-    PrivateQueue& operator=(const PrivateQueue&) = delete;
     ~PrivateQueue()
     {
         if (queue_ >= 0) {

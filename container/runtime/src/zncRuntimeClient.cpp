@@ -38,10 +38,8 @@ znc::MallocPtr<zncMessage> make_request(int cmdId, const char* text)
 {
     auto request = znc::malloc_zeroed<zncMessage>();
     const std::size_t len = ::strnlen(text, ZNC_MSG_DATA_LIMIT);
-    if (request == nullptr || len >= ZNC_MSG_DATA_LIMIT) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (request == nullptr || len >= ZNC_MSG_DATA_LIMIT)
+        return znc::fail(ENOMEM, nullptr);
     request->cmdId = cmdId;
     request->dataLen = static_cast<std::uint32_t>(len);
     std::memcpy(request->data, text, len);

@@ -3,6 +3,7 @@
 // A single thread serves one request at a time, so nothing here needs a lock.
 #include "zncRuntimeService.hpp"
 
+#include "base/not_copied.hpp"
 #include "zncContainerLib.hpp"
 
 #include "zarnel/ns.h"
@@ -41,7 +42,7 @@ constexpr std::string_view kClientPrefix = ZNC_MSG_Q_NAME "-u-";
 constexpr std::string_view kInfoSuffix = "_info";
 
 // Protects the calling task from deletion.
-class DeletionSafety {
+class DeletionSafety : znc::NotCopied {
   public:
     DeletionSafety() noexcept { znTaskSafe(); }
     ~DeletionSafety()
@@ -49,8 +50,6 @@ class DeletionSafety {
         const znc::ErrnoSaver keep;
         znTaskUnsafe();
     }
-    DeletionSafety(const DeletionSafety&) = delete;
-    DeletionSafety& operator=(const DeletionSafety&) = delete;
 };
 
 // Converts the result of a registry call into the result of a handler. Must be called directly

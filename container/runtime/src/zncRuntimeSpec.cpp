@@ -1,5 +1,6 @@
 #include "zncRuntimeSpec.hpp"
 
+#include "base/failure.hpp"
 #include "cJSON_Additions.h"
 #include "zncRuntimeSpec_members.hpp"
 
@@ -103,8 +104,7 @@ runtimeSpecConfigProcess* initializeRuntimeSpecProcess(cJSON* item)
     const cJSON* const args = item_in(item, znc::kProcessMembers[znc::kArgs]);
     if (args == nullptr) {
         // Set errno: a value left from earlier, such as ENOENT, would be taken for a missing file.
-        errno = EINVAL;
-        return nullptr;
+        return znc::fail(EINVAL, nullptr);
     }
     auto process = znc::malloc_zeroed<runtimeSpecConfigProcess>();
     if (!process)

@@ -1,5 +1,6 @@
 // zncRuntimeSpec_check.cpp - reports, member by member, how creating a container would treat a
 // "config.json".
+#include "base/failure.hpp"
 #include "zncRuntimeSpec_members.hpp"
 
 #include "cJSON_Additions.h"
@@ -251,15 +252,12 @@ class Check {
 
 STATUS zncConfigCheck(const char* text, size_t len, ZNC_CONFIG_FUNC func, void* context)
 {
-    if (text == nullptr || func == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (text == nullptr || func == nullptr)
+        return znc::fail(EINVAL);
     const znc::CJsonPtr tree(cJSON_parse_whole(text, len));
     if (!tree)
         return ERROR;
     if (Check(func, context).document(tree.get()))
         return OK;
-    errno = ENOMEM;
-    return ERROR;
+    return znc::fail(ENOMEM);
 }

@@ -8,9 +8,6 @@
 
 #include <cstring>
 #include <new>
-#include <string_view>
-
-#include <sys/stat.h>
 
 namespace znc {
 

@@ -10,6 +10,7 @@
 #ifndef ZNCSTOREAHEAD_HPP
 #define ZNCSTOREAHEAD_HPP
 
+#include "base/not_copied.hpp"
 #include "zncLayerStage.hpp"
 #include "zncStoreLock.hpp"
 #include "zncUnpackDirs.hpp"
@@ -23,7 +24,7 @@ struct zncImageIndex;
 
 namespace znc {
 
-class StoreAhead {
+class StoreAhead : znc::NotCopied {
   public:
     // The requested platform and tag, and the largest number of layers with which an image goes
     // into the layer store. The strings, the lock and `dirs` must outlive the object.
@@ -33,8 +34,6 @@ class StoreAhead {
     {
     }
     ~StoreAhead();
-    StoreAhead(const StoreAhead&) = delete;
-    StoreAhead& operator=(const StoreAhead&) = delete;
 
     // Prepares to extract the layers of `manifest`, the manifest of `image` parsed last, if it is
     // the one that zncImageFindManifest will choose.

@@ -1,6 +1,7 @@
 // zncStoreLock.cpp - see zncStoreLock.hpp.
 #include "zncStoreLock.hpp"
 
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 #include "zncLayerStage.hpp"
 
@@ -55,10 +56,8 @@ STATUS StoreLock::wait_shared(int fd) noexcept
     for (int n = 0; !lock_set(fd, F_RDLCK); ++n) {
         if (errno != EAGAIN && errno != EACCES && errno != EINTR)
             return ERROR;
-        if (n == kWaits) {
-            errno = EBUSY;
-            return ERROR;
-        }
+        if (n == kWaits)
+            return znc::fail(EBUSY);
         const timespec pause = {0, kWaitNs};
         ::nanosleep(&pause, nullptr);
     }
@@ -75,10 +74,8 @@ STATUS StoreLock::open_locked(Want want)
         if (!fd)
             return ERROR;
         exclusive_ = lock_set(fd.get(), F_WRLCK);
-        if (!exclusive_ && want == Want::kExclusive) {
-            errno = errno == EAGAIN || errno == EACCES ? EBUSY : errno;
-            return ERROR;
-        }
+        if (!exclusive_ && want == Want::kExclusive)
+            return znc::fail(errno == EAGAIN || errno == EACCES ? EBUSY : errno);
         struct stat st = {};
         if ((!exclusive_ && wait_shared(fd.get()) != OK) || ::fstat(fd.get(), &st) != 0)
             return ERROR;

@@ -9,6 +9,7 @@
 #ifndef ZNCSTORELOCK_HPP
 #define ZNCSTORELOCK_HPP
 
+#include "base/not_copied.hpp"
 #include "zncOwned.hpp"
 #include "zncStoreRecord.hpp"
 #include "zncontainer.h"
@@ -17,11 +18,8 @@
 
 namespace znc {
 
-class StoreLock {
+class StoreLock : znc::NotCopied {
   public:
-    StoreLock() = default;
-    StoreLock(const StoreLock&) = delete;
-    StoreLock& operator=(const StoreLock&) = delete;
     ~StoreLock() { release(); }
 
     // Takes the lock shared, unless this object has it already, and creates the base directory if

@@ -1,13 +1,13 @@
 // zncStoreRecord.cpp - see zncStoreRecord.hpp.
 #include "zncStoreRecord.hpp"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "zarnel/fs.h"
 #include "zncPath.hpp"
 
 #include <cstring>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -24,15 +24,11 @@ PathText path_in(std::string_view base, const char* directory, const char* name)
     if (!path)
         return nullptr;
     char* const end = path.get() + kPathMax;
-    if (base.size() >= kPathMax) {
-        errno = ENAMETOOLONG;
-        return nullptr;
-    }
+    if (base.size() >= kPathMax)
+        return znc::fail(ENAMETOOLONG, nullptr);
     std::memcpy(path.get(), base.data(), base.size());
-    if (copy_end(copy_end(path.get() + base.size(), end, directory), end, name) == end) {
-        errno = ENAMETOOLONG;
-        return nullptr;
-    }
+    if (copy_end(copy_end(path.get() + base.size(), end, directory), end, name) == end)
+        return znc::fail(ENAMETOOLONG, nullptr);
     return path;
 }
 
@@ -126,10 +122,8 @@ bool TextList::read(const char* path)
         return false;
     // The last string and the list itself are terminated by a NUL each.
     const std::size_t len = text.len;
-    if (len < 3 || text.bytes[len - 1] != '\0' || text.bytes[len - 2] != '\0') {
-        errno = EBADMSG;
-        return false;
-    }
+    if (len < 3 || text.bytes[len - 1] != '\0' || text.bytes[len - 2] != '\0')
+        return znc::fail(EBADMSG, false);
     text_ = std::move(text.bytes);
     len_ = len - 1;
     capacity_ = len;
@@ -215,14 +209,11 @@ STATUS claim_tree(std::string_view base, const char* chain, const TextList& laye
     if (*isNew)
         return znDirSync(records.get());
     TextList existing;
-    if (error != EEXIST || !existing.read(path.get())) {
-        errno = error != EEXIST ? error : errno;
-        return ERROR;
-    }
+    if (error != EEXIST || !existing.read(path.get()))
+        return znc::fail(error != EEXIST ? error : errno);
     if (existing == layers)
         return OK;
-    errno = EEXIST;
-    return ERROR;
+    return znc::fail(EEXIST);
 }
 
 bool read_tree(std::string_view base, const char* chain, TextList* layers)

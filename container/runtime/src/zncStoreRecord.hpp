@@ -8,6 +8,7 @@
 #ifndef ZNCSTORERECORD_HPP
 #define ZNCSTORERECORD_HPP
 
+#include "base/not_copied.hpp"
 #include "zncOwned.hpp"
 #include "zncontainer.h"
 
@@ -66,11 +67,8 @@ PathText make_records_dir(std::string_view base);
 PathText record_path(const PathText& records, const char* name, std::string_view suffix);
 
 // A list of texts in a file. The destructor removes the file unless keep() was called.
-class RecordFile {
+class RecordFile : znc::NotCopied {
   public:
-    RecordFile() = default;
-    RecordFile(const RecordFile&) = delete;
-    RecordFile& operator=(const RecordFile&) = delete;
     ~RecordFile() { drop(); }
 
     // Writes and syncs the file; replaces an existing file of that name.

@@ -187,10 +187,8 @@ STATUS place_tree(LayerStage& stage, const char* tree, bool unrecorded)
         stage.discard();
         return OK;
     }
-    if (unrecorded) {
-        errno = EEXIST;
-        return ERROR;
-    }
+    if (unrecorded)
+        return znc::fail(EEXIST);
     // Rename the new tree to its ".old-" name before the exchange. Neither it nor the old tree,
     // which has that name afterwards, then looks like a leftover of a process that died.
     const PathText aside = make_aside(tree);

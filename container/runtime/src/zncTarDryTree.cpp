@@ -1,6 +1,8 @@
 // zncTarDryTree.cpp - see zncTarDryTree.hpp.
 #include "zncTarDryTree.hpp"
 
+#include "base/failure.hpp"
+
 #include <cstring>
 #include <functional>
 #include <new>
@@ -12,12 +14,6 @@ namespace {
 bool is_itself(const char* name)
 {
     return std::strcmp(name, ".") == 0;
-}
-
-STATUS fail_with(int number)
-{
-    errno = number;
-    return ERROR;
 }
 
 } // namespace
@@ -59,14 +55,13 @@ bool TarDryTree::enter(const char* name) noexcept
         here_ = node;
         return true;
     }
-    errno = node != nullptr ? ENOTDIR : ENOENT;
-    return false;
+    return znc::fail(node != nullptr ? ENOTDIR : ENOENT, false);
 }
 
 STATUS TarDryTree::make(const char* name, Kind kind) noexcept
 {
     if (is_itself(name))
-        return fail_with(EEXIST);
+        return znc::fail(EEXIST);
     MallocPtr<char> text(::strdup(name));
     if (text == nullptr)
         return ERROR;
@@ -74,9 +69,9 @@ STATUS TarDryTree::make(const char* name, Kind kind) noexcept
     std::unique_ptr<Node> node(new (std::nothrow) Node{here_, newest_, kind, std::move(text), key});
     void* const place = node != nullptr ? ::tsearch(node.get(), &root_, compare) : nullptr;
     if (place == nullptr)
-        return fail_with(ENOMEM);
+        return znc::fail(ENOMEM);
     if (*static_cast<Node**>(place) != node.get())
-        return fail_with(EEXIST);
+        return znc::fail(EEXIST);
     newest_ = node.release();
     return OK;
 }
@@ -84,12 +79,12 @@ STATUS TarDryTree::make(const char* name, Kind kind) noexcept
 STATUS TarDryTree::make_file(const char* name) noexcept
 {
     if (is_itself(name))
-        return fail_with(EISDIR);
+        return znc::fail(EISDIR);
     Node* const node = find(name);
     if (node == nullptr)
         return make(name, Kind::kFile);
     if (node->kind == Kind::kDirectory)
-        return fail_with(EISDIR);
+        return znc::fail(EISDIR);
     node->kind = Kind::kFile;
     return OK;
 }

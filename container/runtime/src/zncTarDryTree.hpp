@@ -4,19 +4,17 @@
 #ifndef ZNCTARDRYTREE_HPP
 #define ZNCTARDRYTREE_HPP
 
+#include "base/not_copied.hpp"
 #include "zncOwned.hpp"
 #include "zncontainer.h"
 
 namespace znc {
 
-class TarDryTree {
+class TarDryTree : znc::NotCopied {
   public:
     enum class Kind : unsigned char { kDirectory, kFile, kLink };
 
-    TarDryTree() = default;
     ~TarDryTree();
-    TarDryTree(const TarDryTree&) = delete;
-    TarDryTree& operator=(const TarDryTree&) = delete;
 
     // Names are single path components, relative to the directory entered last; "." is that
     // directory. Failures set errno as the corresponding system call would.

@@ -1,6 +1,7 @@
 // zncTarLib.cpp - reads the blocks of an archive and runs the extraction.
 #include "zncTarLib.hpp"
 
+#include "base/failure.hpp"
 #include "base/file.hpp"
 #include "zncBlob.hpp"
 #include "zncGzLib.hpp"
@@ -10,7 +11,6 @@
 
 #include <climits>
 #include <fcntl.h>
-#include <sys/stat.h>
 
 using znc::kTarBlock;
 
@@ -84,10 +84,8 @@ STATUS open_target(MT_TAR_SOFT& ctrl, const char* targetDir)
         return ERROR;
     char* const end = ctrl.targetDir.get() + znc::kPathMax;
     const char* const text = znc::copy_end(ctrl.targetDir.get(), end, targetDir);
-    if (text == end) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (text == end)
+        return znc::fail(ENAMETOOLONG);
     ctrl.targetDirLen = static_cast<std::size_t>(text - ctrl.targetDir.get());
     if (ctrl.run.dry != nullptr)
         return OK;
@@ -135,10 +133,8 @@ STATUS extract(const char* targetDir, std::size_t bfactor, MT_TAR_SOFT& ctrl)
 
 STATUS zncTarExtract(const char* pTape, const char* targetDir, size_t bfactor, BOOL verbose)
 {
-    if (pTape == nullptr || targetDir == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (pTape == nullptr || targetDir == nullptr)
+        return znc::fail(EINVAL);
     if (!znc::is_directory(targetDir))
         return ERROR;
     const GzPtr gz(zncGzArchiveCreate(pTape));

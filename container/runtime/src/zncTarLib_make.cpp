@@ -2,6 +2,7 @@
 // a dry run. Only this file has to distinguish the two.
 #include "zncTarLib.hpp"
 
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 #include "zncTarDryTree.hpp"
 
@@ -61,8 +62,7 @@ STATUS tar_make_symlink(const MT_TAR_SOFT& ctrl, const char* target, const char*
         return symlinkat(target, tar_parent(ctrl), name) == 0 ? OK : ERROR;
     if (*target != '\0')
         return ctrl.run.dry->make(name, TarDryTree::Kind::kLink);
-    errno = ENOENT;
-    return ERROR;
+    return znc::fail(ENOENT);
 }
 
 STATUS tar_make_file(const MT_TAR_SOFT& ctrl, const char* name, int mode, UniqueFd* file) noexcept

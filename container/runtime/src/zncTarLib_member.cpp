@@ -1,6 +1,7 @@
 // zncTarLib_member.cpp - parses the header of one member and creates the member.
 #include "zncTarLib.hpp"
 
+#include "base/failure.hpp"
 #include "zncLayerFindings.hpp"
 #include "zncProgress.hpp"
 #include "zncStoreRecord.hpp"
@@ -47,10 +48,8 @@ STATUS parse_numbers(const header& h, Member& member)
     tar_octal(h.mode, mode);
     tar_octal(h.size, size);
     tar_octal(h.mtime, mtime);
-    if (size > znc::kTarSizeMax) {
-        errno = EFBIG;
-        return ERROR;
-    }
+    if (size > znc::kTarSizeMax)
+        return znc::fail(EFBIG);
     member.mode = static_cast<int>(mode);
     member.size = static_cast<tar_size_t>(size);
     member.mtime = static_cast<time_t>(mtime);

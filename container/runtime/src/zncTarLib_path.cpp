@@ -1,6 +1,8 @@
 // zncTarLib_path.cpp - normalizes member names and opens the parent directories of members.
 #include "zncTarLib.hpp"
 
+#include "base/failure.hpp"
+
 #include <algorithm>
 
 namespace {
@@ -31,10 +33,8 @@ bool prove_component(MT_TAR_SOFT& ctrl, const char* comp, std::size_t next)
     const char* const name = comp + 1;
     // Composed paths never contain these, but the file of directory times could, if another process
     // wrote to it.
-    if (std::strcmp(name, "..") == 0 || next >= kTarCacheSize) {
-        errno = EPERM;
-        return false;
-    }
+    if (std::strcmp(name, "..") == 0 || next >= kTarCacheSize)
+        return znc::fail(EPERM, false);
     if (*name != '\0' &&
         !znc::tar_enter(ctrl, name)) // an empty component ("//") is the same directory
         return false;
@@ -66,10 +66,8 @@ STATUS tarCopyCondense(char** ppOut, std::size_t room, const char* in, std::size
             break;
         const char* const compEnd = std::find_if(in, inEnd, pathIsSep);
         const std::string_view comp(in, static_cast<std::size_t>(compEnd - in));
-        if (comp == "..") {
-            errno = EPERM;
-            return ERROR;
-        }
+        if (comp == "..")
+            return znc::fail(EPERM);
         if (comp == ".") {
             in = compEnd;
             continue;

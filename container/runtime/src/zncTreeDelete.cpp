@@ -2,7 +2,7 @@
 #include "zncTreeDelete.hpp"
 
 #include "base/directory.hpp"
-
+#include "base/failure.hpp"
 #include "zncOwned.hpp"
 
 #include <algorithm>
@@ -122,8 +122,7 @@ znc::UniqueDir step_up(const znc::UniqueDir& dir, Trail* trail, DirId* emptied)
     if (!parent || !id_of(parent.get(), &id))
         return nullptr;
     if (!same(id, trail->last())) { // the directory was moved elsewhere
-        errno = EBUSY;
-        return nullptr;
+        return znc::fail(EBUSY, nullptr);
     }
     return znc::directory_stream(std::move(parent));
 }
@@ -152,8 +151,7 @@ bool empty_deep(znc::UniqueFd top)
         if (!id_of(child.get(), &id))
             return false;
         if (same(id, emptied)) { // it was emptied just before: another process keeps filling it
-            errno = ENOTEMPTY;
-            return false;
+            return znc::fail(ENOTEMPTY, false);
         }
         if (!trail.push(id))
             return false;
@@ -199,10 +197,8 @@ STATUS znc::delete_foreign_tree(const char* dir)
 {
     // zncUtilXdelete, called last, copies the path into a buffer. Reject a path that is too long
     // for that before anything is removed.
-    if (dir != nullptr && strnlen(dir, kPathMax) == kPathMax) {
-        errno = ENAMETOOLONG;
-        return ERROR;
-    }
+    if (dir != nullptr && strnlen(dir, kPathMax) == kPathMax)
+        return znc::fail(ENAMETOOLONG);
     znc::UniqueFd top(dir != nullptr ? open(dir, kTopFlags) : -1);
     if (top ? !empty_top(dir, std::move(top))
             : dir != nullptr && errno != ENOENT && errno != ENOTDIR)

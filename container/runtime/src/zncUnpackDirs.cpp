@@ -1,6 +1,7 @@
 // zncUnpackDirs.cpp - see zncUnpackDirs.hpp.
 #include "zncUnpackDirs.hpp"
 
+#include "base/failure.hpp"
 #include "zncLayerListing.hpp"
 #include "zncTarLib.hpp"
 
@@ -31,10 +32,8 @@ STATUS znc::UnpackDirs::prepare(std::size_t layers) noexcept
     if (!wanted() || layers_ != nullptr)
         return OK;
     layers_.reset(new (std::nothrow) Layer[layers]);
-    if (layers_ == nullptr) {
-        errno = ENOMEM;
-        return ERROR;
-    }
+    if (layers_ == nullptr)
+        return znc::fail(ENOMEM);
     count_ = layers;
     return OK;
 }

@@ -9,7 +9,6 @@
 #include "zncStoreRecord.hpp"
 
 #include <memory>
-#include <new>
 #include <utility>
 
 namespace znc {

@@ -3,7 +3,7 @@
 #include "zncUtil.hpp"
 
 #include "base/directory.hpp"
-
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 #include "zarnel/terminal.h"
 #include "zncOwned.hpp"
@@ -109,10 +109,8 @@ STATUS zncUtilFindSubDirAndClean(const char* pName, char* pSubDir, int pSubDirLe
 
 STATUS zncUtilXdelete(const char* source)
 {
-    if (source == nullptr) {
-        errno = EINVAL;
-        return ERROR;
-    }
+    if (source == nullptr)
+        return znc::fail(EINVAL);
     if (!zncUtilNameIsDir(source, FALSE))
         return unlink(source) == 0 ? OK : ERROR;
     const znc::MallocPtr<char[]> paths = znc::malloc_array<char>(2 * znc::kPathMax);
@@ -163,10 +161,8 @@ STATUS zncUtilBinToHex(char* output, size_t outBufSize, uint8_t* input, size_t l
 {
     // Compare by division: 2 * len + 1 could overflow.
     if (output == nullptr || input == nullptr || outBufSize == 0 || len == 0 ||
-        len > (outBufSize - 1) / 2) {
-        errno = EINVAL;
-        return ERROR;
-    }
+        len > (outBufSize - 1) / 2)
+        return znc::fail(EINVAL);
     constexpr char kDigits[] = "0123456789abcdef";
     for (size_t i = 0; i < len; ++i) {
         *output++ = kDigits[input[i] >> 4];

@@ -4,6 +4,7 @@
 #define ZNCWORKAHEAD_HPP
 
 #include "base/mutex_hold.hpp"
+#include "base/not_copied.hpp"
 #include "zncOwned.hpp"
 #include "zncProgress.hpp"
 #include "zncontainer.h"
@@ -20,14 +21,12 @@ bool start_task(pthread_t* task, void* (*main)(void*), void* argument) noexcept;
 // thread has started; helpers take the next ones. A later job may therefore run although an earlier
 // one failed, so jobs must be harmless in that case. Without memory or processors for helpers, all
 // jobs run in result().
-class WorkAhead {
+class WorkAhead : znc::NotCopied {
   public:
     // `job` may run on several threads at once, for different indices.
     using Job = STATUS (*)(void* context, std::size_t index);
     WorkAhead(Job job, void* context, std::size_t count) noexcept;
     ~WorkAhead(); // waits for the running jobs; preserves errno
-    WorkAhead(const WorkAhead&) = delete;
-    WorkAhead& operator=(const WorkAhead&) = delete;
 
     // Excludes a job from the helpers; call before start().
     void exclude(std::size_t index) noexcept;
