@@ -15,7 +15,6 @@
 #include <linux/landlock.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <vector>
 

@@ -4,7 +4,6 @@
 #include "import/merge/directory_tree.hpp"
 
 #include <algorithm>
-#include <fmt/format.h>
 
 namespace zncimport {
 namespace {

@@ -3,7 +3,6 @@
 #include "format/digest.hpp"
 #include "front/escape.hpp"
 
-#include <algorithm>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 

@@ -6,7 +6,6 @@
 #include "front/json.hpp"
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 

@@ -27,12 +27,9 @@ constexpr std::size_t kPiecesPerThread = 3;
 
 // Compresses one piece at a time. Every piece but the last ends at a byte boundary without the
 // final-block flag, so that the concatenated pieces form one deflate stream.
-class Deflater {
+class Deflater : znc::NotCopied {
   public:
-    Deflater() = default;
     virtual ~Deflater() = default;
-    Deflater(const Deflater&) = delete;
-    Deflater& operator=(const Deflater&) = delete;
     virtual void compress(View dictionary, View data, bool last, Bytes& out) = 0;
 };
 
@@ -48,8 +45,6 @@ class ZlibDeflater : public Deflater {
             throw Failure("", "zlib cannot be initialized");
     }
     ~ZlibDeflater() override { ::deflateEnd(&stream_); }
-    ZlibDeflater(const ZlibDeflater&) = delete;
-    ZlibDeflater& operator=(const ZlibDeflater&) = delete;
 
     void compress(View dictionary, View data, bool last, Bytes& out) override
     {
@@ -157,7 +152,7 @@ using PiecePtr = std::unique_ptr<Piece>;
 
 } // namespace
 
-struct GzipWriter::State {
+struct GzipWriter::State : private znc::NotCopied {
     State(Compressor compressor, ByteSink to, unsigned threads)
         : sink(std::move(to)), own(make_deflater(compressor))
     {
@@ -176,9 +171,6 @@ struct GzipWriter::State {
         for (std::thread& worker : workers)
             worker.join();
     }
-
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
 
     // If some or all threads cannot be started, compression is only slower.
     void start(Compressor compressor, unsigned threads)

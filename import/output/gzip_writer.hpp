@@ -7,20 +7,19 @@
 #ifndef ZNC_IMPORT_OUTPUT_GZIP_WRITER_HPP
 #define ZNC_IMPORT_OUTPUT_GZIP_WRITER_HPP
 
+#include "base/not_copied.hpp"
 #include "emit.hpp"
 
 namespace zncimport {
 
 enum class Compressor { kIsal, kZlib };
 
-class GzipWriter {
+class GzipWriter : znc::NotCopied {
   public:
     // Passes the compressed bytes to `sink` in order, on the caller's thread. If `threads` is 0,
     // uses one thread per processor.
     GzipWriter(Compressor compressor, ByteSink sink, unsigned threads = 0);
     ~GzipWriter(); // without finish(), unfinished pieces are discarded
-    GzipWriter(const GzipWriter&) = delete;
-    GzipWriter& operator=(const GzipWriter&) = delete;
 
     void write(std::span<const std::byte> bytes);
     // Ends the member. Do not write afterwards.

@@ -6,8 +6,6 @@
 #include "import/source/documents.hpp"
 #include "import/source/stream.hpp"
 
-#include <algorithm>
-#include <climits>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
@@ -182,15 +180,13 @@ Json index_entry(const IndexEntry& entry)
 
 // Open files of the layout, and what the destructor must remove unless add_to_index() has
 // succeeded.
-struct LayoutWriter::State {
+struct LayoutWriter::State : private znc::NotCopied {
     explicit State(std::string layout) : path(std::move(layout)) {}
     ~State()
     {
         if (!committed && dir)
             undo();
     }
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
 
     void open_locked();
     void read_or_begin();

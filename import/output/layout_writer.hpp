@@ -7,6 +7,7 @@
 #include "front/json.hpp"
 #include "import/source/failure.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 #include <cstdint>
@@ -26,8 +27,6 @@ class NewBlob {
     // a moved-from object has no directory and removes nothing
     NewBlob(NewBlob&& other) noexcept = default;
     NewBlob& operator=(NewBlob&&) = delete;
-    NewBlob(const NewBlob&) = delete;
-    NewBlob& operator=(const NewBlob&) = delete;
     ~NewBlob()
     {
         if (dir_)
@@ -52,7 +51,7 @@ struct IndexEntry {
     std::string variant;
 };
 
-class LayoutWriter {
+class LayoutWriter : znc::NotCopied {
   public:
     // Creates the layout if it does not exist, and locks it against other imports for the lifetime
     // of this object; waits while another import holds the lock. Throws Failure if an existing
@@ -61,8 +60,6 @@ class LayoutWriter {
     explicit LayoutWriter(const std::string& path);
     // Unless add_to_index() has succeeded, removes everything that was created.
     ~LayoutWriter();
-    LayoutWriter(const LayoutWriter&) = delete;
-    LayoutWriter& operator=(const LayoutWriter&) = delete;
 
     // Throws Failure if an image of this name and platform exists and may not be replaced. An image
     // of unknown platform counts as a match. For "latest" an unnamed image counts, too, because

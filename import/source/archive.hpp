@@ -5,6 +5,7 @@
 #ifndef ZNC_IMPORT_SOURCE_ARCHIVE_HPP
 #define ZNC_IMPORT_SOURCE_ARCHIVE_HPP
 
+#include "base/not_copied.hpp"
 #include "library_reader.hpp"
 
 #include <functional>
@@ -40,13 +41,11 @@ struct Member {
         xattrs; // names of extended attributes; ACLs appear as "system.posix_acl_access"
 };
 
-class ArchiveReader {
+class ArchiveReader : znc::NotCopied {
   public:
     // `plain` is the uncompressed archive (not owned). `name` is used in messages.
     ArchiveReader(Reader& plain, std::string name, Budget& budget);
     ~ArchiveReader();
-    ArchiveReader(const ArchiveReader&) = delete;
-    ArchiveReader& operator=(const ArchiveReader&) = delete;
 
     // Reads the next header; returns false at the end. Throws Failure for a truncated archive or a
     // member that libarchive cannot represent completely.

@@ -4,12 +4,12 @@
 #define ZNC_IMPORT_SOURCE_IMAGE_FILES_HPP
 
 #include "archive.hpp"
+#include "base/not_copied.hpp"
 #include "format/digest.hpp"
 #include "spool.hpp"
 
 #include <map>
 #include <optional>
-#include <set>
 
 namespace zncimport {
 
@@ -23,12 +23,9 @@ struct FilePart {
     [[nodiscard]] ReaderPtr read() const;
 };
 
-class ImageFiles {
+class ImageFiles : znc::NotCopied {
   public:
-    ImageFiles() = default;
     virtual ~ImageFiles() = default;
-    ImageFiles(const ImageFiles&) = delete;
-    ImageFiles& operator=(const ImageFiles&) = delete;
 
     // Returns nothing if there is no such file. Throws Failure if it is not a regular file.
     [[nodiscard]] virtual std::optional<FilePart> find(const std::string& path) const = 0;

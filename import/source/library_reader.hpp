@@ -2,6 +2,7 @@
 #ifndef ZNC_IMPORT_SOURCE_LIBRARY_READER_HPP
 #define ZNC_IMPORT_SOURCE_LIBRARY_READER_HPP
 
+#include "base/not_copied.hpp"
 #include "stream.hpp"
 
 #include <exception>
@@ -11,13 +12,11 @@ struct archive;
 
 namespace zncimport {
 
-class LibraryReader {
+class LibraryReader : znc::NotCopied {
   public:
     // `source` is not owned. The caller sets formats and filters before it opens the archive.
     explicit LibraryReader(Reader& source);
     ~LibraryReader();
-    LibraryReader(const LibraryReader&) = delete;
-    LibraryReader& operator=(const LibraryReader&) = delete;
 
     [[nodiscard]] archive* get() const { return archive_.get(); }
     void open(const std::string& name);

@@ -6,11 +6,9 @@
 #ifndef ZNC_IMPORT_SOURCE_SOURCE_HPP
 #define ZNC_IMPORT_SOURCE_SOURCE_HPP
 
+#include "base/not_copied.hpp"
 #include "front/json.hpp"
 #include "spool.hpp"
-
-#include <map>
-#include <optional>
 
 #include <nlohmann/json.hpp>
 
@@ -35,12 +33,9 @@ struct SourceImage {                // NOLINT(bugprone-exception-escape): moving
     std::string problem;         // why the image cannot be imported, or ""
 };
 
-class Source {
+class Source : znc::NotCopied {
   public:
-    Source() = default;
     virtual ~Source() = default;
-    Source(const Source&) = delete;
-    Source& operator=(const Source&) = delete;
 
     // Returns all images of the source; digests and sizes of all documents have been verified. An
     // image that cannot be imported (encrypted, nondistributable, unknown media types) is listed

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fcntl.h>
-#include <sys/stat.h>
 
 namespace zncimport {
 namespace {
@@ -50,15 +49,6 @@ void Spool::append(std::span<const std::byte> bytes)
         size_ += static_cast<std::uint64_t>(put);
         bytes = bytes.subspan(static_cast<std::size_t>(put));
     }
-}
-
-void Spool::cut(std::uint64_t size)
-{
-    if (size >= size_)
-        return;
-    if (::ftruncate(file_.get(), static_cast<off_t>(size)) != 0)
-        throw Failure("", "the temporary file cannot be cut: " + zncctl::error_text());
-    size_ = size;
 }
 
 ReaderPtr Spool::read(Extent extent) const

@@ -22,8 +22,6 @@ class Spool {
     // Appends bytes.
     void append(std::span<const std::byte> bytes);
     [[nodiscard]] std::uint64_t size() const { return size_; }
-    // Truncates the spool to `size` bytes.
-    void cut(std::uint64_t size);
 
     [[nodiscard]] ReaderPtr read(Extent extent) const;
     // The descriptor of the file (not owned).

@@ -144,8 +144,6 @@ class GzipReader : public Decompressor {
             throw std::bad_alloc();
     }
     ~GzipReader() override { inflateEnd(&state_); }
-    GzipReader(const GzipReader&) = delete;
-    GzipReader& operator=(const GzipReader&) = delete;
 
     [[nodiscard]] std::uint64_t taken() const override { return taken_; }
 

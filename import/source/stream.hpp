@@ -8,6 +8,7 @@
 
 #include "limits.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "front/blob.hpp"
 
@@ -17,12 +18,9 @@
 
 namespace zncimport {
 
-class Reader {
+class Reader : znc::NotCopied {
   public:
-    Reader() = default;
     virtual ~Reader() = default;
-    Reader(const Reader&) = delete;
-    Reader& operator=(const Reader&) = delete;
 
     // Reads at least one byte; returns 0 at the end. Throws Failure.
     virtual std::size_t read(std::span<std::byte> out) = 0;
