@@ -4,11 +4,9 @@
 
 #include "base/owned.hpp"
 
-#include <array>
 #include <fmt/format.h>
 #include <stdexcept>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace zncctl {
 

@@ -9,7 +9,6 @@
 #include <map>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace zncctl {

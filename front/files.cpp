@@ -1,7 +1,7 @@
 #include "files.hpp"
 
 #include "base/directory.hpp"
-
+#include "base/failure.hpp"
 #include "zarnel/fs.h"
 
 #include <array>
@@ -103,8 +103,7 @@ znc::UniqueFd open_regular(const std::string& path, int dir)
         return {};
     if (S_ISREG(st.st_mode))
         return file;
-    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    return {};
+    return znc::fail(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, znc::UniqueFd());
 }
 
 std::optional<std::string> read_file(const std::string& path, int dir)
@@ -124,10 +123,8 @@ std::optional<std::string> read_file(const std::string& path, int dir)
         if (n == 0)
             return content;
         content.append(buffer.data(), static_cast<std::size_t>(n));
-        if (content.size() > kMost) {
-            errno = EFBIG;
-            return std::nullopt;
-        }
+        if (content.size() > kMost)
+            return znc::fail(EFBIG, std::nullopt);
     }
 }
 
@@ -141,10 +138,8 @@ bool replace_file(int dir, const char* name, std::string_view content, bool last
     struct stat st = {};
     if (!file || ::fstat(file.get(), &st) != 0)
         return false;
-    if (!S_ISREG(st.st_mode)) {
-        errno = EINVAL;
-        return false;
-    }
+    if (!S_ISREG(st.st_mode))
+        return znc::fail(EINVAL, false);
     if (write_all(file.get(), content) && (!lasting || ::fsync(file.get()) == 0) &&
         file.close_checked() == 0 && ::renameat(dir, fresh.c_str(), dir, name) == 0)
         return !lasting || ::fsync(dir) == 0;

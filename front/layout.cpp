@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 #include <set>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <utility>

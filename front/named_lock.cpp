@@ -1,5 +1,6 @@
 #include "named_lock.hpp"
 
+#include "base/failure.hpp"
 #include "output.hpp"
 
 #include <chrono>
@@ -36,10 +37,8 @@ bool lock(int file, int kind, const std::string_view* waiting, std::chrono::seco
             return false;
         if (waiting == nullptr)
             continue;
-        if (most != NamedLock::kForever && Clock::now() - begin >= most) {
-            errno = ETIMEDOUT;
-            return false;
-        }
+        if (most != NamedLock::kForever && Clock::now() - begin >= most)
+            return znc::fail(ETIMEDOUT, false);
         if (!hint_printed && Clock::now() - begin >= std::chrono::seconds(1)) {
             print_hint(*waiting);
             hint_printed = true;

@@ -7,15 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
 
-class NamedLock {
+class NamedLock : znc::NotCopied {
   public:
-    NamedLock() = default;
-    NamedLock(const NamedLock&) = delete;
-    NamedLock& operator=(const NamedLock&) = delete;
     ~NamedLock() { release(); }
 
     static constexpr std::chrono::seconds kForever = std::chrono::seconds::max();

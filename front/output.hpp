@@ -5,6 +5,7 @@
 
 #include "command.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
@@ -28,12 +29,10 @@ enum ExitStatus {
 // error: the destructor prints it there, made printable, because it may contain untrusted names.
 // Must not be used around zncStart unless descriptor 1 is set up for the container, whose process
 // inherits it.
-class StdoutToStderr {
+class StdoutToStderr : znc::NotCopied {
   public:
     StdoutToStderr();
     ~StdoutToStderr();
-    StdoutToStderr(const StdoutToStderr&) = delete;
-    StdoutToStderr& operator=(const StdoutToStderr&) = delete;
 
   private:
     void forward_text() const;

@@ -2,6 +2,8 @@
 #ifndef ZNC_FRONT_RAW_TERMINAL_HPP
 #define ZNC_FRONT_RAW_TERMINAL_HPP
 
+#include "base/not_copied.hpp"
+
 #include <termios.h>
 
 namespace zncctl {
@@ -9,12 +11,10 @@ namespace zncctl {
 // Keeps the terminal on standard input in raw mode. The destructor restores it. Signals must be
 // blocked while an object exists, so that none of them ends this program without restoring the
 // terminal.
-class RawTerminal {
+class RawTerminal : znc::NotCopied {
   public:
     RawTerminal();
     ~RawTerminal();
-    RawTerminal(const RawTerminal&) = delete;
-    RawTerminal& operator=(const RawTerminal&) = delete;
 
     explicit operator bool() const { return valid_; }
     // Does nothing while this program is in the background, because another process group uses the

@@ -1,5 +1,6 @@
 #include "record.hpp"
 
+#include "base/failure.hpp"
 #include "container_id.hpp"
 #include "files.hpp"
 #include "json.hpp"
@@ -8,7 +9,6 @@
 
 #include <array>
 #include <chrono>
-#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -51,10 +51,8 @@ znc::UniqueFd open_runtime(bool make)
     znc::UniqueFd dir =
         make ? make_dir(AT_FDCWD, ZN_RUNTIME_DIR) : open_dir(AT_FDCWD, ZN_RUNTIME_DIR);
     struct stat st = {};
-    if (dir && ::fstat(dir.get(), &st) == 0 && st.st_uid != ::geteuid()) {
-        errno = EPERM;
-        return {};
-    }
+    if (dir && ::fstat(dir.get(), &st) == 0 && st.st_uid != ::geteuid())
+        return znc::fail(EPERM, znc::UniqueFd());
     return dir;
 }
 
@@ -70,10 +68,8 @@ bool take_lock(int lock)
     while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK)
             return false;
-        if (Clock::now() >= deadline) {
-            errno = EBUSY;
-            return false;
-        }
+        if (Clock::now() >= deadline)
+            return znc::fail(EBUSY, false);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
@@ -108,10 +104,8 @@ Record from_json(const Json& json)
 // The directory of a container's record, which is created if it does not exist.
 znc::UniqueFd make_record(const std::string& id)
 {
-    if (!is_container_id(id)) {
-        errno = EINVAL;
-        return {};
-    }
+    if (!is_container_id(id))
+        return znc::fail(EINVAL, znc::UniqueFd());
     const znc::UniqueFd runtime = open_runtime(true);
     const znc::UniqueFd area = runtime ? make_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
     return area ? make_dir(area.get(), kept_id(id)) : znc::UniqueFd();
@@ -124,8 +118,7 @@ znc::UniqueFd open_network_end(int dir, int flags)
     struct stat st = {};
     if (!fifo || ::fstat(fifo.get(), &st) != 0 || S_ISFIFO(st.st_mode))
         return fifo;
-    errno = EINVAL;
-    return {};
+    return znc::fail(EINVAL, znc::UniqueFd());
 }
 
 } // namespace
@@ -167,10 +160,8 @@ void RecordKeeper::write(const Record& record) const
 
 znc::UniqueFd open_record(const std::string& id)
 {
-    if (!is_container_id(id)) {
-        errno = EINVAL;
-        return {};
-    }
+    if (!is_container_id(id))
+        return znc::fail(EINVAL, znc::UniqueFd());
     const znc::UniqueFd runtime = open_runtime(false);
     const znc::UniqueFd area = runtime ? open_dir(runtime.get(), kRecordsDir) : znc::UniqueFd();
     return area ? open_dir(area.get(), kept_id(id)) : znc::UniqueFd();

@@ -7,7 +7,6 @@
 #ifndef ZNC_FRONT_RECORD_HPP
 #define ZNC_FRONT_RECORD_HPP
 
-#include <ctime>
 #include <optional>
 #include <string>
 #include <sys/types.h>

@@ -1,5 +1,6 @@
 #include "container.hpp"
 
+#include "base/not_copied.hpp"
 #include "front/duration.hpp"
 #include "front/files.hpp"
 #include "front/words.hpp"
@@ -28,7 +29,7 @@ using Reason = std::array<char, ZN_ENGINE_REASON_MAX>;
 constexpr int kKillMilliseconds = 10000;
 
 // Removes the directory of a container that was not completed.
-class Unfinished {
+class Unfinished : znc::NotCopied {
   public:
     explicit Unfinished(StateDirectory& directory) : directory_(&directory) {}
     ~Unfinished()
@@ -39,8 +40,6 @@ class Unfinished {
         } catch (const Failure&) { // report only the original failure
         }
     }
-    Unfinished(const Unfinished&) = delete;
-    Unfinished& operator=(const Unfinished&) = delete;
     void keep() { directory_ = nullptr; }
 
   private:
@@ -331,6 +330,12 @@ void remove_container(const Context& context, StateDirectory& directory)
         }
     }
     directory.remove();
+}
+
+void print(const std::string& text)
+{
+    if (!znc::write_all(STDOUT_FILENO, text))
+        throw Failure("standard output: " + zncctl::error_text());
 }
 
 } // namespace zncrun

@@ -40,6 +40,9 @@ void write_pid_file(const char* path, pid_t pid);
 // service manager has opened for it (LISTEN_FDS).
 int preserved_descriptors(const Arguments& args);
 
+// Writes to the standard output.
+void print(const std::string& text);
+
 } // namespace zncrun
 
 #endif

@@ -22,12 +22,6 @@
 namespace zncrun {
 namespace {
 
-void print(const std::string& text)
-{
-    if (!znc::write_all(STDOUT_FILENO, text))
-        throw Failure("standard output: " + zncctl::error_text());
-}
-
 Container living(const Context& context, const Arguments& args)
 {
     const StateDirectory directory = StateDirectory::open(context, args.operand(0), Lock::kNone);

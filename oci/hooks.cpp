@@ -1,5 +1,6 @@
 #include "hooks.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "bundle.hpp"
 #include "fields.hpp"
@@ -59,7 +60,7 @@ znc::UniqueFd input_of(const std::string& text)
 }
 
 // While this exists, ends of children and the signals that would end this process are waited for.
-class Awaited {
+class Awaited : znc::NotCopied {
   public:
     Awaited()
     {
@@ -73,8 +74,6 @@ class Awaited {
                 sigdelset(&signals_, one);
     }
     ~Awaited() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    Awaited(const Awaited&) = delete;
-    Awaited& operator=(const Awaited&) = delete;
 
     // The signal that arrives; 0 if there was none by `deadline`.
     [[nodiscard]] int next(const std::optional<Clock::time_point>& deadline) const

@@ -20,12 +20,6 @@
 namespace zncrun {
 namespace {
 
-void print(const std::string& text)
-{
-    if (!znc::write_all(STDOUT_FILENO, text))
-        throw Failure("standard output: " + zncctl::error_text());
-}
-
 // Returns the exit status of the program in the form of a shell's, or nothing if it has not ended.
 std::optional<int> exit_status(pid_t pid)
 {

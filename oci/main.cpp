@@ -8,7 +8,6 @@
 #include "zncontainer.h"
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstring>

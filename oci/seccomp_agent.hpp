@@ -4,16 +4,15 @@
 #ifndef ZNC_OCI_SECCOMP_AGENT_HPP
 #define ZNC_OCI_SECCOMP_AGENT_HPP
 
+#include "base/not_copied.hpp"
 #include "state.hpp"
 
 namespace zncrun {
 
-class SeccompAgent {
+class SeccompAgent : znc::NotCopied {
   public:
     // `status`: of the container, as the agent is told.
     SeccompAgent(const Json& config, const Container& container, Status status);
-    SeccompAgent(const SeccompAgent&) = delete;
-    SeccompAgent& operator=(const SeccompAgent&) = delete;
 
     // For the platform, as long as this object exists.
     [[nodiscard]] const ZN_ENGINE_LISTENER* listener() const { return &listener_; }

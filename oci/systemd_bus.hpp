@@ -4,10 +4,10 @@
 #ifndef ZNC_OCI_SYSTEMD_BUS_HPP
 #define ZNC_OCI_SYSTEMD_BUS_HPP
 
+#include "base/not_copied.hpp"
 #include "systemd_property.hpp"
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <sys/types.h>
 
@@ -20,14 +20,12 @@ bool has_systemd_bus();
 // the system.
 bool uses_user_manager();
 
-class SystemdBus {
+class SystemdBus : znc::NotCopied {
   public:
     // Connects to the manager of the system, or of the user. Fails if the library is missing or the
     // bus cannot be reached.
     SystemdBus();
     ~SystemdBus();
-    SystemdBus(const SystemdBus&) = delete;
-    SystemdBus& operator=(const SystemdBus&) = delete;
 
     // The control groups of the manager and of a scope.
     std::string manager_group();

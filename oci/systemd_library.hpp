@@ -3,6 +3,7 @@
 #ifndef ZNC_OCI_SYSTEMD_LIBRARY_HPP
 #define ZNC_OCI_SYSTEMD_LIBRARY_HPP
 
+#include "base/not_copied.hpp"
 #include "context.hpp"
 
 #include <dlfcn.h>
@@ -14,7 +15,7 @@
 namespace zncrun {
 
 // Stays loaded until the process ends: the library may have registered functions for that.
-class SystemdLibrary {
+class SystemdLibrary : znc::NotCopied {
   public:
     SystemdLibrary()
         : handle_(::dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE), ::dlclose)
@@ -22,8 +23,6 @@ class SystemdLibrary {
         if (handle_ == nullptr)
             throw Failure(fmt::format("systemd: {}", ::dlerror()));
     }
-    SystemdLibrary(const SystemdLibrary&) = delete;
-    SystemdLibrary& operator=(const SystemdLibrary&) = delete;
 
 #define ZN_SYSTEMD_FUNCTION(name)                                                                  \
     decltype(&::sd_##name) const name = find<decltype(&::sd_##name)>("sd_" #name)

@@ -3,24 +3,21 @@
 #ifndef ZNC_OCI_SYSTEMD_SCOPE_HPP
 #define ZNC_OCI_SYSTEMD_SCOPE_HPP
 
+#include "base/not_copied.hpp"
 #include "bundle.hpp"
 #include "systemd_bus.hpp"
 #include "systemd_name.hpp"
-
-#include <optional>
 
 namespace zncrun {
 
 // The scope of a container that is being created. It is stopped at the end of this object unless it
 // is kept.
-class NewScope {
+class NewScope : znc::NotCopied {
   public:
     // Connects to systemd and checks everything that can be checked before. `name`: for a
     // configuration without linux.cgroupsPath.
     NewScope(const Bundle& bundle, const std::string& name);
     ~NewScope();
-    NewScope(const NewScope&) = delete;
-    NewScope& operator=(const NewScope&) = delete;
 
     [[nodiscard]] const std::string& unit() const { return name_.unit; }
     // Known before the scope is started.

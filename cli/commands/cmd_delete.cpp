@@ -1,8 +1,6 @@
 #include "cli/containers/container.hpp"
 #include "commands.hpp"
 
-#include <nlohmann/json.hpp>
-
 namespace zncctl {
 namespace {
 

@@ -39,12 +39,7 @@ int exec_program(const Arguments& args)
     words.insert(words.begin(), kProgram);
     words.emplace_back("--");
     words.insert(words.end(), args.all_operands().begin(), args.all_operands().end());
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    ::execv(program.c_str(), argv.data());
+    ::execv(program.c_str(), argument_vector(words).data());
     return import_failure(errno);
 }
 

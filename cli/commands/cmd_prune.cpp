@@ -4,7 +4,6 @@
 #include "cli/containers/listing.hpp"
 #include "commands.hpp"
 
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace zncctl {

@@ -7,7 +7,6 @@
 #include "cli/containers/monitor.hpp"
 #include "commands.hpp"
 
-#include <fmt/format.h>
 #include <stdexcept>
 
 namespace zncctl {

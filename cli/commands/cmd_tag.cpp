@@ -4,7 +4,6 @@
 #include "commands.hpp"
 #include "front/output.hpp"
 
-#include <fmt/format.h>
 #include <stdexcept>
 
 namespace zncctl {

@@ -5,7 +5,6 @@
 #include "commands.hpp"
 
 #include <array>
-#include <nlohmann/json.hpp>
 
 namespace zncctl {
 namespace {

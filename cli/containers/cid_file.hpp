@@ -5,19 +5,18 @@
 
 #include "front/command.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
 
 // The file is created before the container, so that no container is made without it. It is removed
 // again unless write() is called.
-class CidFile {
+class CidFile : znc::NotCopied {
   public:
     // Throws std::runtime_error if the file exists, also as a link, or cannot be created.
     explicit CidFile(const Arguments& args);
     ~CidFile();
-    CidFile(const CidFile&) = delete;
-    CidFile& operator=(const CidFile&) = delete;
 
     // False with errno set. Does nothing without the option.
     bool write(const std::string& id);

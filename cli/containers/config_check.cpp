@@ -1,9 +1,12 @@
 #include "config_check.hpp"
 
+#include "front/files.hpp"
+
 #include <cerrno>
 #include <fmt/format.h>
 #include <new>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "zncontainer.h"
 
@@ -87,6 +90,19 @@ std::optional<std::vector<Finding>> findings_in(std::string_view text)
 std::optional<Json> parse_config(std::string_view text, JsonNotes* notes)
 {
     return parse_json(text, notes, Annotations::kMayRepeat);
+}
+
+Json read_object(const std::string& path, Annotations annotations)
+{
+    const auto text = read_file(path);
+    if (!text)
+        throw std::runtime_error(fmt::format("{}: {}", path, read_error_text()));
+    JsonNotes notes;
+    auto document = parse_json(*text, &notes, annotations);
+    if (!document || !document->is_object())
+        throw std::runtime_error(fmt::format(
+            "{}: {}", path, notes.problem.empty() ? "it is not an object" : notes.problem));
+    return *std::move(document);
 }
 
 std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, std::string& problem)

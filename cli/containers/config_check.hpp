@@ -20,6 +20,9 @@ struct ConfigFinding {
 // Nullopt if the text is not JSON, or if the library and this program would read it differently.
 std::optional<Json> parse_config(std::string_view text, JsonNotes* notes = nullptr);
 
+// The object in a file. Throws std::runtime_error with the path and the problem.
+Json read_object(const std::string& path, Annotations annotations);
+
 // Nullopt if the text is not JSON; `problem` then describes the error.
 std::optional<std::vector<ConfigFinding>> check_config(std::string_view text, std::string& problem);
 

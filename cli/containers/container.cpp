@@ -1,6 +1,7 @@
 #include "container.hpp"
 
 #include "at_once.hpp"
+#include "base/failure.hpp"
 #include "cli/containers/image_bundle.hpp"
 #include "cli/containers/image_user.hpp"
 #include "cli/images/sticky.hpp"
@@ -118,8 +119,7 @@ std::optional<Json> states_of(const std::set<std::string>& known)
         if (answer.state) {
             states.push_back(*std::move(answer.state));
         } else if (answer.error != ENODEV) {
-            errno = answer.error;
-            return std::nullopt;
+            return znc::fail(answer.error, std::nullopt);
         }
     }
     return states;
@@ -158,14 +158,11 @@ std::optional<Json> all_states()
         const int error = errno;
         if (error == 0 && zncDaemonIsAlive() != FALSE)
             return states_of(known_ids());
-        errno = error;
-        return std::nullopt;
+        return znc::fail(error, std::nullopt);
     }
     std::optional<Json> states = parse_json(text.get());
-    if (!states || !states->is_array()) {
-        errno = EBADMSG;
-        return std::nullopt;
-    }
+    if (!states || !states->is_array())
+        return znc::fail(EBADMSG, std::nullopt);
     return states;
 }
 

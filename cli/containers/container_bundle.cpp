@@ -8,12 +8,10 @@
 #include "front/files.hpp"
 
 #include <array>
-#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <sys/stat.h>
 
 namespace zncctl {
@@ -78,16 +76,7 @@ void write_new(int dir, const char* name, std::string_view text)
 
 Json read_config(const std::string& bundle)
 {
-    const std::string path = bundle + "/" + kConfig;
-    const auto text = read_file(path);
-    if (!text)
-        throw std::runtime_error(fmt::format("{}: {}", path, read_error_text()));
-    JsonNotes notes;
-    auto config = parse_config(*text, &notes);
-    if (!config || !config->is_object())
-        throw std::runtime_error(fmt::format(
-            "{}: {}", path, notes.problem.empty() ? "it is not an object" : notes.problem));
-    return *std::move(config);
+    return read_object(bundle + "/" + kConfig, Annotations::kMayRepeat);
 }
 
 // Makes root.path absolute, since the configuration is copied to another directory.

@@ -1,5 +1,7 @@
 #include "copy_tree.hpp"
 
+#include "base/failure.hpp"
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "directory.hpp"
 #include "front/escape.hpp"
@@ -15,7 +17,6 @@
 #include <random>
 #include <stdexcept>
 #include <sys/stat.h>
-#include <vector>
 
 #include "zarnel/fs.h"
 
@@ -30,7 +31,7 @@ std::string temporary_name(const std::string& name)
 }
 
 // A new file beside the one to replace, which is removed unless it is renamed.
-class NewFile {
+class NewFile : znc::NotCopied {
   public:
     NewFile(int dir, const std::string& name) : dir_(dir), temporary_(temporary_name(name))
     {
@@ -45,8 +46,6 @@ class NewFile {
         if (!temporary_.empty())
             ::unlinkat(dir_, temporary_.c_str(), 0);
     }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
 
     [[nodiscard]] int fd() const { return file_.get(); }
 
@@ -142,10 +141,8 @@ void rewrite(int existing, const std::string& name, const FileContent& fill)
 
 bool remove_file(int dir, const std::string& name)
 {
-    if (is_mount_point(dir, name)) {
-        errno = EBUSY;
-        return false;
-    }
+    if (is_mount_point(dir, name))
+        return znc::fail(EBUSY, false);
     return ::unlinkat(dir, name.c_str(), 0) == 0;
 }
 

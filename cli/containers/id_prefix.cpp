@@ -2,7 +2,6 @@
 
 #include "container.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <fmt/format.h>
 #include <fmt/ranges.h>

@@ -3,8 +3,6 @@
 #include "front/duration.hpp"
 #include "front/words.hpp"
 
-#include <fmt/format.h>
-
 namespace zncctl {
 namespace {
 

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <ctime>
 #include <fcntl.h>
 #include <functional>
 #include <optional>

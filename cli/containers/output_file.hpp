@@ -6,18 +6,17 @@
 #include <string>
 #include <sys/types.h>
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
 
-class OutputFile {
+class OutputFile : znc::NotCopied {
   public:
     // Opens the file: a new one in its directory that takes its name later, or itself if it is no
     // regular file. Throws std::runtime_error.
     explicit OutputFile(std::string path);
     ~OutputFile(); // without finish(), removes the new file
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
 
     [[nodiscard]] int fd() const { return file_.get(); }
     // Throws std::runtime_error.

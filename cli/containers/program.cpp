@@ -8,7 +8,6 @@
 #include "pause.hpp"
 #include "program_file.hpp"
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +43,7 @@ int exit_status(int wait_status)
 
 // While an object exists, the standard streams of zncctl are those for the program, which inherits
 // them. A descriptor with FD_CLOEXEC counts as closed, and the program gets the null device for it.
-class RedirectedStreams {
+class RedirectedStreams : znc::NotCopied {
   public:
     explicit RedirectedStreams(const ProgramStreams& streams)
     {
@@ -67,8 +66,6 @@ class RedirectedStreams {
             if (const auto& saved = saved_[static_cast<std::size_t>(fd)]; saved)
                 ::dup2(saved.get(), fd);
     }
-    RedirectedStreams(const RedirectedStreams&) = delete;
-    RedirectedStreams& operator=(const RedirectedStreams&) = delete;
 
     explicit operator bool() const { return good_; }
 

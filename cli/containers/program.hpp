@@ -12,6 +12,7 @@
 #include <string>
 #include <sys/types.h>
 
+#include "base/not_copied.hpp"
 #include "front/record.hpp"
 #include "program_link.hpp"
 #include "zarnel/types.h"
@@ -20,12 +21,10 @@ namespace zncctl {
 
 // While an object exists, all signals are blocked; they are delivered by next(). Only one object
 // may exist at a time.
-class SignalQueue {
+class SignalQueue : znc::NotCopied {
   public:
     SignalQueue();
     ~SignalQueue();
-    SignalQueue(const SignalQueue&) = delete;
-    SignalQueue& operator=(const SignalQueue&) = delete;
 
     // Waits until a signal arrives, one of the descriptors is ready or, if `time` is not null, it
     // has passed.

@@ -1,5 +1,6 @@
 #include "rights_options.hpp"
 
+#include "config_check.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
 #include "front/words.hpp"
@@ -59,15 +60,7 @@ Json read_profile(const std::string& path)
 {
     if (path == "unconfined")
         return {{"defaultAction", "SCMP_ACT_ALLOW"}};
-    const auto text = read_file(path);
-    if (!text)
-        throw std::runtime_error(fmt::format("{}: {}", path, read_error_text()));
-    JsonNotes notes;
-    auto profile = parse_json(*text, &notes);
-    if (!profile || !profile->is_object())
-        throw std::runtime_error(fmt::format(
-            "{}: {}", path, notes.problem.empty() ? "it is not an object" : notes.problem));
-    return *std::move(profile);
+    return read_object(path, Annotations::kUnique);
 }
 
 void read_security_option(const std::string& text, ContainerOptions& options)

@@ -3,6 +3,8 @@
 #ifndef ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
 #define ZNC_CLI_CONTAINERS_STOP_SIGNALS_HPP
 
+#include "base/not_copied.hpp"
+
 #include <csignal>
 
 namespace zncctl {
@@ -12,12 +14,10 @@ class Stopped {};
 
 // While an object exists, SIGHUP, SIGINT and SIGTERM are blocked, unless they are ignored. The
 // destructor lets them act, so that a signal that has arrived ends the process as usual.
-class StopSignals {
+class StopSignals : znc::NotCopied {
   public:
     StopSignals();
     ~StopSignals();
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
 
   private:
     sigset_t before_ = {};

@@ -1,5 +1,6 @@
 #include "storage_use.hpp"
 
+#include "base/failure.hpp"
 #include "cli/containers/container_bundle.hpp"
 #include "cli/containers/image_bundle.hpp"
 #include "container.hpp"
@@ -75,8 +76,7 @@ std::optional<std::vector<std::string>> bundles_of_containers()
         return std::nullopt;
     const std::optional<Json> states = parse_json(text.get());
     if (!states) { // it is then unknown what is in use
-        errno = EBADMSG;
-        return std::nullopt;
+        return znc::fail(EBADMSG, std::nullopt);
     }
     std::vector<std::string> bundles;
     for (const Json& state : children(&*states))

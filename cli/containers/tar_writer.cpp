@@ -5,12 +5,10 @@
 #include "front/files.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
 #include <span>
-#include <stdexcept>
 #include <unistd.h>
 
 namespace zncctl {

@@ -8,7 +8,6 @@
 #include "tar_reader.hpp"
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/owned.hpp"

@@ -1,5 +1,6 @@
 #include "helper_program.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 #include "front/output.hpp"
 
@@ -23,7 +24,7 @@ namespace fs = std::filesystem;
 constexpr const char* kImport = "zncctl-import";
 
 // The standard streams of the program.
-class Streams {
+class Streams : znc::NotCopied {
   public:
     Streams(int input, Output output)
     {
@@ -42,8 +43,6 @@ class Streams {
             keep_output(STDERR_FILENO);
     }
     ~Streams() { ::posix_spawn_file_actions_destroy(&actions_); }
-    Streams(const Streams&) = delete;
-    Streams& operator=(const Streams&) = delete;
 
     [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
 
@@ -95,16 +94,22 @@ std::string import_program()
     return fs::exists(built) ? built : here.parent_path() / ZNC_LIBEXEC / kImport;
 }
 
-ProgramEnd run_program(const std::string& program, const std::vector<std::string>& arguments,
-                       int input, Output output)
+std::vector<char*> argument_vector(std::vector<std::string>& words)
 {
-    std::vector<std::string> words = {fs::path(program).filename()};
-    words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
+    return argv;
+}
+
+ProgramEnd run_program(const std::string& program, const std::vector<std::string>& arguments,
+                       int input, Output output)
+{
+    std::vector<std::string> words = {fs::path(program).filename()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const std::vector<char*> argv = argument_vector(words);
     Streams streams(input, output);
     ProgramEnd end;
     pid_t pid = -1;

@@ -13,6 +13,9 @@ namespace zncctl {
 // below the installation prefix. Throws std::system_error.
 std::string import_program();
 
+// The words as execv() takes them, with the null pointer at the end; valid as long as they are.
+std::vector<char*> argument_vector(std::vector<std::string>& words);
+
 // Where a program's output goes.
 enum class Output {
     kError,     // its standard output to the caller's standard error

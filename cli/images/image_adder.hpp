@@ -5,7 +5,6 @@
 
 #include "image_store.hpp"
 
-#include <optional>
 #include <string>
 #include <vector>
 

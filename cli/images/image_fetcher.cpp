@@ -6,7 +6,6 @@
 #include "reference.hpp"
 #include "wanted_platform.hpp"
 
-#include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
 

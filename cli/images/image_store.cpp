@@ -1,5 +1,6 @@
 #include "image_store.hpp"
 
+#include "base/failure.hpp"
 #include "bundle_area.hpp"
 #include "format/digest.hpp"
 #include "front/files.hpp"
@@ -7,7 +8,6 @@
 #include "front/output.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
@@ -159,8 +159,7 @@ bool write_shorter_index(int dir, const std::string& text)
     const int error = errno;
     if ((error == ENOSPC || error == EDQUOT) && ::unlinkat(dir, kReserve, 0) == 0)
         return write_index(dir, text);
-    errno = error;
-    return false;
+    return znc::fail(error, false);
 }
 
 // The blobs that the images need. Nullopt if the manifest of one cannot be read. A warning names

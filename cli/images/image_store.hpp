@@ -12,6 +12,7 @@
 #include "front/layout.hpp"
 #include "front/named_lock.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 #include <string>
@@ -45,12 +46,10 @@ inline Image read_stored(const std::string& area, const StoredImage& image)
 
 // A temporary directory in the store for an image that is being added. The destructor removes it
 // with its contents. Throws std::runtime_error.
-class ImageStage {
+class ImageStage : znc::NotCopied {
   public:
     ImageStage();
     ~ImageStage();
-    ImageStage(const ImageStage&) = delete;
-    ImageStage& operator=(const ImageStage&) = delete;
 
     [[nodiscard]] const std::string& path() const { return path_; }
 

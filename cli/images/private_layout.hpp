@@ -7,6 +7,7 @@
 
 #include "front/layout.hpp"
 
+#include "base/not_copied.hpp"
 #include "base/owned.hpp"
 
 namespace zncctl {
@@ -25,15 +26,13 @@ class LayerFiles {
     std::vector<znc::UniqueFd> files_;
 };
 
-class PrivateLayout {
+class PrivateLayout : znc::NotCopied {
   public:
     // Creates the layout below `area`, a directory that only this user can write to, with
     // `configuration` instead of the image's own. Throws std::runtime_error.
     PrivateLayout(const std::string& area, const Image& image, const LayerFiles& layers,
                   const Json& configuration);
     ~PrivateLayout();
-    PrivateLayout(const PrivateLayout&) = delete;
-    PrivateLayout& operator=(const PrivateLayout&) = delete;
 
     [[nodiscard]] const std::string& path() const { return path_; }
 

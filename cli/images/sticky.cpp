@@ -1,5 +1,6 @@
 #include "sticky.hpp"
 
+#include "base/failure.hpp"
 #include "front/container_id.hpp"
 #include "front/escape.hpp"
 #include "front/files.hpp"
@@ -86,17 +87,13 @@ bool annotate_sticky(const std::string& bundle, const std::string& directories)
     if (!text)
         return false;
     std::optional<Json> config = parse_json(*text, nullptr, Annotations::kMayRepeat);
-    if (!config || !config->is_object()) {
-        errno = EBADMSG;
-        return false;
-    }
+    if (!config || !config->is_object())
+        return znc::fail(EBADMSG, false);
     if (member(*config, "annotations") == nullptr)
         append(*config, "annotations", Json::object());
     Json& annotations = config->at("annotations");
-    if (!annotations.is_object()) {
-        errno = EBADMSG;
-        return false;
-    }
+    if (!annotations.is_object())
+        return znc::fail(EBADMSG, false);
     append(annotations, kStickyAnnotation, directories);
     return replace_file(dir.get(), kConfig, pretty(*config), true);
 }

@@ -2,8 +2,6 @@
 #ifndef ZNC_CLI_TERMINAL_TERMINAL_HPP
 #define ZNC_CLI_TERMINAL_TERMINAL_HPP
 
-#include <string_view>
-
 #include "base/owned.hpp"
 #include "front/raw_terminal.hpp"
 #include "zarnel/types.h"
