@@ -16,6 +16,35 @@ class Configured : public Namespaces {
         Namespaces::TearDown();
     }
 
+    // Moves the root to a directory whose files can have other owners, which ZNC_TEST_DISK names if
+    // /tmp is none.
+    void use_disk()
+    {
+        const char* disk = std::getenv("ZNC_TEST_DISK");
+        if (disk == nullptr)
+            return;
+        place_ = disk;
+        root_ = place_ + "/root";
+        make_little_root(root_);
+    }
+    void leave_disk() const { fs::remove_all(place_ + "/root"); }
+
+    // Whether directories of this file system can be id-mapped; those of tmpfs since Linux 6.3.
+    static bool can_be_mapped(const std::string& directory)
+    {
+        const nsid_t ns = znnsCreateConfigured(
+            kFlags, "trial",
+            R"({"linux":{"namespaces":[{"type":"mount"},{"type":"pid"},{"type":"ipc"},)"
+            R"({"type":"uts"},{"type":"network"},{"type":"user"}],)"
+            R"("uidMappings":[{"containerID":0,"hostID":700000,"size":65536}],)"
+            R"("gidMappings":[{"containerID":0,"hostID":700000,"size":65536}]}})",
+            nullptr, 0);
+        if (ns < 0)
+            return false;
+        const bool made = znnsRootfsCreate(ns, directory.c_str(), "trial") == OK;
+        return znnsDelete(ns) == OK && made;
+    }
+
     // A namespace with root and a configuration; -1 with `reason_` set if it is refused.
     nsid_t configured(const std::string& document)
     {
@@ -87,6 +116,7 @@ class Configured : public Namespaces {
     }
 
     std::string reason_;
+    std::string place_ = "/tmp"; // the directory of the root
 };
 
 } // namespace namespace_world

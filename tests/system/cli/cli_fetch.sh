@@ -43,10 +43,10 @@ check '--quiet does not' test "$status/$out/$(grep -c Copying "$work/err")" = '0
 before=$(names)
 run zncctl run --rm "${plain[@]}" --platform linux/s390x --pull never "$host/team/app"
 check 'an image of another platform is not taken for the one that is wanted' test "$status/$out" = 125/
-check 'the message names the platform of the image' test "$(hint)" = 'the image is for linux/amd64'
-run zncctl run --rm "${plain[@]}" --platform linux/amd64 "$host/team/app"
+check 'the message names the platform of the image' test "$(hint)" = "the image is for linux/$architecture"
+run zncctl run --rm "${plain[@]}" --platform "linux/$architecture" "$host/team/app"
 expect '--platform of the image runs it' 0 'from the second layer' ''
-run zncctl run --platform linux/amd64 --os linux "$host/team/app"
+run zncctl run --platform "linux/$architecture" --os linux "$host/team/app"
 check '--platform beside --os is a usage error' test "$status/$(error_line)" = \
     '64/--platform cannot be combined with --os and --arch'
 run zncctl run --pull sometimes "$host/team/app"

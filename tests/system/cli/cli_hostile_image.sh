@@ -30,8 +30,8 @@ make_layout() {
     printf '{"imageLayoutVersion":"1.0.0"}' >"$dir/oci-layout"
     tar --create --format=ustar --owner=0 --group=0 --directory="$tree" --file="$work/layer.tar" .
     layer=$(described "$dir" "$work/layer.tar" layer.v1.tar)
-    printf '{"architecture":"amd64","os":"linux","config":%s,"rootfs":{"type":"layers","diff_ids":["sha256:%s"]}}' \
-        "$section" "$(sum_of "$work/layer.tar")" >"$work/config"
+    printf '{"architecture":"%s","os":"linux","config":%s,"rootfs":{"type":"layers","diff_ids":["sha256:%s"]}}' \
+        "$architecture" "$section" "$(sum_of "$work/layer.tar")" >"$work/config"
     config=$(described "$dir" "$work/config" config.v1+json)
     printf '{"schemaVersion":2,"config":%s,"layers":[%s]}' "$config" "$layer" >"$work/manifest"
     write_index "$dir" "$(described "$dir" "$work/manifest" manifest.v1+json)"

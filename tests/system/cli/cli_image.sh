@@ -14,12 +14,12 @@ check 'image inspect shows the operating system' grep -q '"linux"' "$work/out"
 run zncctl unpack --os zarnel "$layout" "$work/bundle"
 check 'an image for another system is not unpacked' test "$status/$out" = 1/
 check 'the hint lists the images of the layout' grep -qx \
-    'zncctl: hint: no image latest for zarnel/amd64 is there; the layout holds: latest for linux/amd64' \
+    "zncctl: hint: no image latest for zarnel/$architecture is there; the layout holds: latest for linux/$architecture" \
     "$work/err"
 check 'no bundle is left' test ! -e "$work/bundle"
 run zncctl unpack --os linux --tag other "$layout" "$work/bundle"
 check 'a tag that is not there is not unpacked' test "$status/$out" = 1/
-check 'the hint names the tags' grep -q 'no image other .* latest for linux/amd64$' "$work/err"
+check 'the hint names the tags' grep -q "no image other .* latest for linux/$architecture\$" "$work/err"
 
 start_daemon
 run zncctl unpack --os linux "$layout" "$work/bundle"
@@ -63,7 +63,7 @@ run zncctl unpack --progress loud "$layout" "$work/again"
 check 'another progress is a usage error' test "$status/$out" = 64/
 
 run zncctl image ls "$layout"
-check 'image ls lists tag, system and layers' grep -Eq '^latest  linux  amd64  2       [0-9]+ +sha256:' \
+check 'image ls lists tag, system and layers' grep -Eq "^latest  linux  $architecture  2       [0-9]+ +sha256:" \
     "$work/out"
 run zncctl image ls -q "$layout"
 expect 'image ls -q lists tags' 0 latest ''
@@ -97,7 +97,7 @@ run zncctl list -q
 expect 'nothing of it is left' 0 '' ''
 run zncctl run --rm --os zarnel "$layout"
 check 'run of an image for another system exits 125' test "$status/$out" = 125/
-check 'the hint lists the images of the layout' grep -q 'the layout holds: latest for linux/amd64$' "$work/err"
+check 'the hint lists the images of the layout' grep -q "the layout holds: latest for linux/$architecture\$" "$work/err"
 run zncctl run --rm "$work/none"
 check 'run of no layout exits 125' test "$status/$out/$(error_line)" = \
     "125//$work/none: File oci-layout not found"
@@ -189,9 +189,9 @@ rm -rf "$work/refused"
 zncctl storage gc -q
 
 # An image with one layer more than the kernel stacks.
-python3 - "$work/tall" "$work/lower" <<'PYTHON'
+python3 - "$work/tall" "$work/lower" "$architecture" <<'PYTHON'
 import hashlib, io, json, os, sys, tarfile
-layout, lower = sys.argv[1:]
+layout, lower, architecture = sys.argv[1:]
 os.makedirs(layout + "/blobs/sha256")
 def add(data, kind):
     digest = hashlib.sha256(data).hexdigest()
@@ -209,7 +209,7 @@ def numbered(number):
     member.size = len(text)
     return lambda tar: tar.addfile(member, io.BytesIO(text))
 layers = [archive(lambda tar: tar.add(lower, "."))] + [archive(numbered(i)) for i in range(1, 501)]
-config = add(json.dumps({"architecture": "amd64", "os": "linux",
+config = add(json.dumps({"architecture": architecture, "os": "linux",
     "config": {"Entrypoint": ["/bin/cat", "/top"]},
     "rootfs": {"type": "layers", "diff_ids": [layer["digest"] for layer in layers]}}).encode(), "config.v1+json")
 manifest = add(json.dumps({"schemaVersion": 2, "config": config, "layers": layers}).encode(), "manifest.v1+json")

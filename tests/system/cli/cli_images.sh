@@ -151,7 +151,7 @@ echo video:x:44:app >"$work/users/etc/group"
 quietly umoci init --layout "$work/user"
 quietly umoci new --image "$work/user:latest"
 add_layer "$work/user" "$work/users" >"$work/tool.log" 2>&1
-quietly umoci config --image "$work/user:latest" --os linux --architecture amd64 --config.user app \
+quietly umoci config --image "$work/user:latest" --os linux --architecture "$architecture" --config.user app \
     --config.entrypoint /bin/busybox --config.cmd id --config.cmd -G
 run zncctl run --rm --network none --progress none "$work/user"
 check 'a converted image keeps the groups of its user' test "$status/$out" = '0/100 44'

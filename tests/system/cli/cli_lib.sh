@@ -15,6 +15,10 @@ out='' err='' status=0
 # Programs in containers are identified from outside by the duration of their sleep.
 mark=$((900000 + $$ % 90000))
 
+# What images are for unless a test says more.
+architecture=amd64
+[[ $(uname -m) != aarch64 ]] || architecture=arm64
+
 zncctl() { "$ZNCCTL" "$@"; }
 
 # run COMMAND...: sets out, err and status.
@@ -91,7 +95,7 @@ make_image() {
         echo 'from the second layer' >"$work/upper/etc/greeting"
         add_layer "$1" "$work/lower"
         add_layer "$1" "$work/upper"
-        umoci config --image "$1:latest" --os linux --architecture amd64 \
+        umoci config --image "$1:latest" --os linux --architecture "$architecture" \
             --config.workingdir / --config.entrypoint /bin/cat --config.cmd /etc/greeting
     } >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
 }

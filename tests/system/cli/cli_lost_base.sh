@@ -29,8 +29,8 @@ make_layout() {
     lower=$(add_blob "$dir" "$work/lower.tar" layer.v1.tar)
     upper=$(add_blob "$dir" "$work/upper-$2.tar" layer.v1.tar)
     : "${claimed:=[$(jq .digest <<<"$lower"),$(jq .digest <<<"$upper")]}"
-    printf '{"architecture":"amd64","os":"linux","config":{"Entrypoint":["/bin/busybox","cat","/word"]},
-        "rootfs":{"type":"layers","diff_ids":%s}}' "$claimed" >"$work/config"
+    printf '{"architecture":"%s","os":"linux","config":{"Entrypoint":["/bin/busybox","cat","/word"]},
+        "rootfs":{"type":"layers","diff_ids":%s}}' "$architecture" "$claimed" >"$work/config"
     config=$(add_blob "$dir" "$work/config" config.v1+json)
     printf '{"schemaVersion":2,"config":%s,"layers":[%s,%s]}' "$config" "$lower" "$upper" >"$work/manifest"
     printf '{"schemaVersion":2,"manifests":[%s]}' "$(add_blob "$dir" "$work/manifest" manifest.v1+json)" \

@@ -27,7 +27,7 @@ make_layout() {
     echo 'of the image' >"$work/tree/etc/hosts"
     ln -s ../run/nothing/resolv.conf "$work/tree/etc/resolv.conf"
     add_layer "$work/layout" "$work/tree"
-    umoci config --image "$work/layout:latest" --tag base --os linux --architecture amd64 \
+    umoci config --image "$work/layout:latest" --tag base --os linux --architecture "$architecture" \
         --config.workingdir / --config.env PATH=/bin --clear=config.cmd \
         --config.entrypoint /bin/sh --config.entrypoint -c
 }

@@ -19,7 +19,7 @@ make_layout() {
     printf 'root:x:0:0::/root:/bin/sh\napp:x:1234:500::/home/app:/bin/sh\n' >"$work/tree/etc/passwd"
     printf 'root:x:0:\napps:x:500:\nextra:x:77:app\n' >"$work/tree/etc/group"
     add_layer "$work/layout" "$work/tree"
-    umoci config --image "$work/layout:latest" --os linux --architecture amd64 \
+    umoci config --image "$work/layout:latest" --os linux --architecture "$architecture" \
         --config.workingdir / --config.env PATH=/bin --config.env MODE=image \
         --config.entrypoint /bin/echo --config.entrypoint entry --config.cmd of-the-image
 }
@@ -356,6 +356,7 @@ cat >"$work/seccomp.json" <<'JSON'
   {"names": ["mkdir", "mkdirat"], "action": "SCMP_ACT_ERRNO", "errnoRet": 28, "errno": "ENOSPC",
    "args": [], "comment": "for tests", "includes": {}, "excludes": {"caps": ["CAP_SYS_ADMIN"]}},
   {"name": "rmdir", "action": "SCMP_ACT_ERRNO", "errnoRet": 30, "includes": {"minKernel": "4.8"}},
+  {"name": "unlinkat", "action": "SCMP_ACT_ERRNO", "errnoRet": 30, "includes": {"minKernel": "4.8"}},
   {"name": "chdir", "action": "SCMP_ACT_ERRNO", "args": null, "includes": {"minKernel": "99.1"}},
   {"name": "chdir", "action": "SCMP_ACT_ERRNO", "includes": {"caps": ["CAP_CHOWN", "CAP_SYS_ADMIN"]}},
   {"name": "chdir", "action": "SCMP_ACT_ERRNO", "includes": {"arches": ["mips"]}},

@@ -15,7 +15,7 @@ layout=$work/layout
     head -c 3000000 /dev/urandom >"$work/tree/file"
     tar --create --format=ustar --owner=0 --group=0 --directory="$work/tree" --file="$work/tar" .
     umoci raw add-layer --image "$layout:latest" "$work/tar"
-    umoci config --image "$layout:latest" --os zarnel --architecture amd64 --config.cmd /file
+    umoci config --image "$layout:latest" --os zarnel --architecture "$architecture" --config.cmd /file
 } >"$work/umoci.log" 2>&1 || cat "$work/umoci.log"
 
 start_daemon

@@ -402,7 +402,7 @@ int main(int argc, char** argv)
         std::fputs("ZNCD does not name the daemon's program\n", stderr);
         return 2;
     }
-#if !defined(__x86_64__)
+#if !defined(__x86_64__) && !defined(__aarch64__)
     std::puts("skipped: the registers of this machine are not known to the driver");
     return 0;
 #endif

@@ -3,11 +3,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <elf.h>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
 
@@ -32,6 +34,24 @@ void set_result(pid_t pid, long result)
 {
     trace(PTRACE_POKEUSER, pid, offsetof(user_regs_struct, rax),
           static_cast<unsigned long>(result));
+}
+#elif defined(__aarch64__)
+void skip_call(pid_t pid)
+{
+    int none = -1;
+    iovec number = {&none, sizeof none};
+    trace(PTRACE_SETREGSET, pid, NT_ARM_SYSTEM_CALL, reinterpret_cast<unsigned long>(&number));
+}
+
+void set_result(pid_t pid, long result)
+{
+    user_regs_struct registers{};
+    iovec all = {&registers, sizeof registers};
+    const auto where = reinterpret_cast<unsigned long>(&all);
+    if (trace(PTRACE_GETREGSET, pid, NT_PRSTATUS, where) != 0)
+        return;
+    registers.regs[0] = static_cast<unsigned long long>(result);
+    trace(PTRACE_SETREGSET, pid, NT_PRSTATUS, where);
 }
 #else
 void skip_call(pid_t)

@@ -56,7 +56,7 @@ class OciKill : public testing::Test {
 
     void SetUp() override
     {
-#if !defined(__x86_64__)
+#if !defined(__x86_64__) && !defined(__aarch64__)
         GTEST_SKIP() << "the registers of this machine are not known to the tracer";
 #endif
         if (!fs::exists("/sys/fs/cgroup/cgroup.controllers") && !fs::exists("/sys/fs/cgroup/pids"))

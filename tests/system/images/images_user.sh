@@ -17,7 +17,7 @@ make_layout() {
     printf '%s\n' root:x:0: users:x:100: video:x:44:other,app mail:x:8:app >"$work/tree/etc/group"
     add_layer "$work/layout" "$work/tree"
     # shellcheck disable=SC2016
-    umoci config --image "$work/layout:latest" --tag base --os linux --architecture amd64 \
+    umoci config --image "$work/layout:latest" --tag base --os linux --architecture "$architecture" \
         --config.workingdir / --config.env PATH=/bin --clear=config.cmd \
         --config.entrypoint /bin/sh --config.entrypoint -c \
         --config.cmd 'echo $(id -u) $(id -g) $(id -G) $HOME'

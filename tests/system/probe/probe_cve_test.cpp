@@ -179,6 +179,7 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
     for (const char* trap :
          {"etc/ld.so.preload", "etc/ld.so.cache", "etc/nsswitch.conf", "etc/passwd", "etc/group",
           "lib/libnss_files.so.2", "lib/x86_64-linux-gnu/libc.so.6", "lib64/ld-linux-x86-64.so.2",
+          "lib/aarch64-linux-gnu/libc.so.6", "lib/ld-linux-aarch64.so.1",
           "usr/lib/gconv/gconv-modules", "bin/nsenter"})
         plant_file(trap, "a trap");
     Config config;

@@ -57,6 +57,7 @@ class Spares : public Configured {
     void TearDown() override
     {
         znnsSparesSet(0);
+        leave_disk();
         Configured::TearDown();
     }
 
@@ -114,7 +115,8 @@ TEST_F(Spares, OneIsUsedForANamespaceAndReplaced)
     EXPECT_EQ(run(ns, "echo alive"), "alive\n");
     EXPECT_FALSE(in_use(ns));
     EXPECT_EQ(znnsDelete(ns), OK);
-    EXPECT_FALSE(exists(spare));
+    const auto ended = [spare] { return !exists(spare) || state_of(spare) == 'Z'; };
+    EXPECT_TRUE(eventually(ended)); // a keeper that ends late is reaped later
 }
 
 TEST_F(Spares, ANamespaceOfASpareIsLikeAnyOther)
@@ -198,17 +200,20 @@ TEST_F(Spares, AnotherStarterTakesThePlaceOfADeadOne)
 
 TEST_F(Spares, OtherSettingsDoNotUseOne)
 {
-    ASSERT_TRUE(make(1));
-    const pid_t spare = only_spare();
     znnsPrivilegedAllow(TRUE);
+    use_disk();
     const std::string all = R"({"type":"mount"},{"type":"pid"},{"type":"ipc"},{"type":"uts"})";
     const std::string users = R"(,"uidMappings":[{"containerID":0,"hostID":100000,"size":1000}])"
                               R"(,"gidMappings":[{"containerID":0,"hostID":100000,"size":1000}])";
-    for (const std::string& linux :
-         {R"("namespaces":[)" + all + "]",
-          R"("namespaces":[)" + all + R"(,{"type":"network","path":"/proc/self/ns/net"}])",
-          R"("namespaces":[)" + all + R"(,{"type":"network"},{"type":"cgroup"},{"type":"user"}])" +
-              users}) {
+    std::vector<std::string> others = {R"("namespaces":[)" + all + "]",
+                                       R"("namespaces":[)" + all +
+                                           R"(,{"type":"network","path":"/proc/self/ns/net"}])"};
+    if (can_be_mapped(root_))
+        others.push_back(R"("namespaces":[)" + all +
+                         R"(,{"type":"network"},{"type":"cgroup"},{"type":"user"}])" + users);
+    ASSERT_TRUE(make(1));
+    const pid_t spare = only_spare();
+    for (const std::string& linux : others) {
         const nsid_t ns = sealed(R"({"linux":{)" + linux + "}}");
         EXPECT_NE(znnsHolder(ns), spare) << linux;
         EXPECT_EQ(run(ns, "echo alive"), "alive\n") << linux;

@@ -32,38 +32,20 @@ struct stat look(const std::string& path)
     return st;
 }
 
-// Whether directories of this file system can be id-mapped; those of tmpfs since Linux 6.3.
-bool can_be_mapped(const std::string& directory)
-{
-    const nsid_t ns = znnsCreateConfigured(kFlags, "trial", with(kMapped).c_str(), nullptr, 0);
-    if (ns < 0)
-        return false;
-    if (znnsRootfsCreate(ns, directory.c_str(), "trial") != OK)
-        return false;
-    return znnsDelete(ns) == OK;
-}
-
 class Users : public Configured {
   protected:
-    // ZNC_TEST_DISK: a directory for files if /tmp cannot be id-mapped.
     void SetUp() override
     {
         Configured::SetUp();
-        const char* disk = std::getenv("ZNC_TEST_DISK");
-        if (disk != nullptr) {
-            place_ = disk;
-            root_ = place_ + "/root";
-            make_little_root(root_);
-        }
+        use_disk();
         if (!can_be_mapped(root_))
             GTEST_SKIP() << root_ << " cannot be id-mapped";
         EXPECT_EQ(znnsShutdown(), 0);
     }
-    std::string place_ = "/tmp";
     void TearDown() override
     {
         znnsUsersMap(FALSE);
-        fs::remove_all(place_ + "/root");
+        leave_disk();
         Configured::TearDown();
     }
 };
