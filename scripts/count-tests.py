@@ -3,7 +3,8 @@
 
 AGAIN.xml has the results of failed programs that were run again; they replace the first results, and
 a line names each program that only failed the first time. count-tests.py --failed JUNIT.xml prints the
-names of the programs that failed, one a line.
+names of the programs that failed, one a line. count-tests.py --each JUNIT.xml prints a line for each program, the
+sums in words, and fails if a program did.
 
 A test program of many tests counts as many: GoogleTest's cases and the "ok - " lines of shell
 tests. Anything else counts as one. Prints the reason of every skip, then "PASSED FAILED SKIPPED".
@@ -52,21 +53,34 @@ def has_failed(test):
     return test.get("status") not in ("run", "disabled") and not was_skipped(test)
 
 
-def count(tests):
+def count(name, test):
+    """(passed, failed, skipped) of a program. Prints the reasons of skips."""
+    text = test.findtext("system-out") or ""
+    if has_failed(test):
+        result = cases(text) or (0, 1, 0)
+        result = (result[0], max(result[1], 1), result[2])
+    elif test.get("status") == "run":
+        result = cases(text) or (1, 0, 0)
+    else:
+        result = (0, 0, 1)
+        print(f"skipped {name}: {text.strip() or 'no reason given'}", file=sys.stderr)
+    for case, reason in skip_reasons(name, text):
+        print(f"skipped {case}: {reason or 'no reason given'}", file=sys.stderr)
+    return result
+
+
+def in_words(result):
+    return "{} passed, {} failed, {} skipped".format(*result)
+
+
+def count_all(tests, each=False):
     total = [0, 0, 0]
     for name, test in tests.items():
-        text = test.findtext("system-out") or ""
-        if has_failed(test):
-            result = cases(text) or (0, 1, 0)
-            result = (result[0], max(result[1], 1), result[2])
-        elif test.get("status") == "run":
-            result = cases(text) or (1, 0, 0)
-        else:
-            result = (0, 0, 1)
-            print(f"skipped {name}: {text.strip() or 'no reason given'}", file=sys.stderr)
-        for case, reason in skip_reasons(name, text):
-            print(f"skipped {case}: {reason or 'no reason given'}", file=sys.stderr)
+        result = count(name, test)
         total = [a + b for a, b in zip(total, result)]
+        if each:
+            seconds = float(test.get("time", 0))
+            print(f"{'not ok' if result[1] else 'ok'} - {name}: {in_words(result)} ({seconds:.0f} s)")
     return total
 
 
@@ -76,12 +90,16 @@ def main():
             if has_failed(test):
                 print(name)
         return
+    if sys.argv[1] == "--each":
+        total = count_all(results(sys.argv[2]), each=True)
+        print(in_words(total))
+        sys.exit(total[1] > 0 or sum(total) == 0)
     tests = results(sys.argv[1])
     again = results(sys.argv[2]) if len(sys.argv) > 2 else {}
     for name, test in again.items():
         if name in tests and has_failed(tests[name]) and not has_failed(test):
             print(f"unstable {name}: failed, and passed when it was run again alone", file=sys.stderr)
-    total = count({**tests, **again})
+    total = count_all({**tests, **again})
     if sum(total) == 0:
         print(f"{sys.argv[1]}: no tests", file=sys.stderr)
         total = [0, 1, 0]

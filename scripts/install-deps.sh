@@ -18,7 +18,7 @@ bench=(bubblewrap busybox-static crun debootstrap gnuplot-nox libarchive-tools l
     runc skopeo umoci util-linux)
 compare=(busybox-static conmon containerd crun podman skopeo slirp4netns uidmap umoci)
 demo=(busybox-static mount passt tar umoci)
-vm=(busybox-static cpio debootstrap qemu-system-x86 umoci)
+vm=(busybox-static cmake cpio debootstrap jq qemu-system-x86 umoci)
 suites=(bats bsdutils busybox-static conmon crun debootstrap dpkg-dev gawk gcc golang-dbus-dev golang-github-cilium-ebpf-dev
     golang-github-containerd-console-dev golang-github-coreos-go-systemd-dev golang-github-cyphar-filepath-securejoin-dev
     golang-github-docker-go-units-dev golang-github-moby-sys-dev golang-github-opencontainers-selinux-dev

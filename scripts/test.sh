@@ -4,8 +4,8 @@
 # sanitizers, and builds in the other ways that users do. --quick leaves out the second compiler,
 # the analysers, the other ways to build, fuzzing and the sanitizers. --all runs all tests with the
 # sanitizers and clang-tidy on all files, tests every fault point (failing system calls, kills, models)
-# instead of a sample, fuzzes each target for ten minutes, and tests on cgroup v2 and with systemd in
-# virtual machines; it takes hours. The last line is "N passed, N failed, N skipped", summed over all
+# instead of a sample, fuzzes each target for ten minutes, and tests on cgroup v2, on arm64 and with
+# systemd in virtual machines; it takes hours. The last line is "N passed, N failed, N skipped", summed over all
 # runs; a failed step counts as a failed test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -203,6 +203,8 @@ fi
 if [[ -n $all ]]; then
     FUZZ_PRESET=fuzz step 'the fuzz targets find nothing in a long run' scripts/fuzz.sh 600
     step 'tests pass on cgroup v2 and an older kernel in a virtual machine' scripts/vm-test.sh
+    step 'builds for arm64' scripts/cross-test.sh --build arm64
+    if [[ -n $ok ]]; then step 'tests pass on arm64 in a virtual machine' scripts/vm-test.sh arm64; fi
     step 'zncrun makes scopes of systemd in a virtual machine' scripts/vm-systemd-test.sh
     step 'podman of a user runs containers in a virtual machine' scripts/vm-rootless-test.sh
     step 'containers outlive zncd and upgrades in a virtual machine' scripts/vm-keep-test.sh

@@ -1,5 +1,10 @@
 # vm-lib.sh - sourced by the scripts that run tests in virtual machines: Debian's kernel, and the start.
 # shellcheck shell=bash
+# shellcheck source=scripts/packages-lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/packages-lib.sh"
+
+# The processor of the machine; a script may choose arm64.
+machine=amd64
 
 # only_amd64: ends the script on another machine.
 only_amd64() {
@@ -8,13 +13,25 @@ only_amd64() {
     exit 1
 }
 
+# download PACKAGE: into the working directory; one for the processor of the machine, if its name ends with that.
+download() {
+    local lists
+    if [[ $1 != *-arm64 ]]; then
+        apt-get -q -o APT::Sandbox::User=root download "$1"
+        return
+    fi
+    lists=$(mktemp -d)
+    apt_for arm64 "$lists" apt-get download "$1"
+    rm -rf "$lists"
+}
+
 # fetch PACKAGE NAME: downloads and unpacks a package, without installing it, and prints where it is.
 fetch() {
     local package=$1 unpacked=$PWD/build/vm/$2
     if [[ ! -e $unpacked/$package ]]; then
         rm -rf "$unpacked"
         mkdir -p "$unpacked"
-        (cd "$unpacked" && apt-get -q -o APT::Sandbox::User=root download "$package" >&2)
+        (cd "$unpacked" && download "$package" >&2)
         dpkg-deb --extract "$unpacked"/*.deb "$unpacked"
         rm "$unpacked"/*.deb
         touch "$unpacked/$package"
@@ -25,7 +42,7 @@ fetch() {
 # fetch_kernel: Debian 12's kernel for clouds, or the one named by VM_KERNEL: a package, such as
 # linux-image-6.12-cloud-amd64, or the file of a package.
 fetch_kernel() {
-    local name=${VM_KERNEL:-linux-image-cloud-amd64} package
+    local name=${VM_KERNEL:-linux-image-cloud-$machine} package
     if [[ $name == *.deb ]]; then
         rm -rf build/vm/kernel-file
         mkdir -p build/vm/kernel-file
@@ -33,13 +50,16 @@ fetch_kernel() {
         printf '%s\n' "$PWD/build/vm/kernel-file"
         return
     fi
-    package() { apt-cache depends "$name" | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p' | head -1; }
+    # The kernels of all processors have the same version.
+    package() {
+        apt-cache depends "${name/%arm64/amd64}" | sed -n "s/^ *Depends: \(linux-image-.*\)amd64$/\1$machine/p" | head -1
+    }
     package=$(package)
     if [[ -z $package ]]; then
         apt-get -q update >&2
         package=$(package)
     fi
-    fetch "${package:-$name}" "${VM_KERNEL:-kernel}"
+    fetch "${package:-$name}" "${VM_KERNEL:-kernel-$machine}"
 }
 
 # put_module KERNEL NAME DIRECTORY: copies a module of the kernel.
@@ -69,7 +89,7 @@ debian_tree() {
 copy_debian() {
     local source=$1 tree=$2 exclude=() pattern
     shift 2
-    for pattern in ./usr/share/{doc,man,locale,info,zoneinfo} ./var/{cache,lib/apt} ./usr/lib/x86_64-linux-gnu/gconv \
+    for pattern in ./usr/share/{doc,man,locale,info,zoneinfo} ./var/{cache,lib/apt} './usr/lib/*/gconv' \
         ./dev "$@"; do
         exclude+=(--exclude="$pattern")
     done
@@ -128,9 +148,15 @@ pack() {
 # start_machine SECONDS KERNEL INITRD WORDS: prints the console until the machine ends. WORDS are for the
 # kernel's command line. The console ends lines with CR and LF.
 start_machine() {
-    timeout --foreground "$1" qemu-system-x86_64 -accel tcg -cpu max -smp 2 -m "${VM_TEST_MEMORY:-1536}" \
+    local qemu=(qemu-system-x86_64 -cpu max) console=ttyS0
+    if [[ $machine == arm64 ]]; then
+        # The architected algorithm that signs pointers takes long to emulate.
+        qemu=(qemu-system-aarch64 -M virt -cpu "max,pauth-impdef=on")
+        console=ttyAMA0
+    fi
+    timeout --foreground "$1" "${qemu[@]}" -accel tcg -smp 2 -m "${VM_TEST_MEMORY:-1536}" \
         -nodefaults -no-reboot -display none -serial stdio -kernel "$2"/boot/vmlinuz-* -initrd "$3" \
-        -append "console=ttyS0 quiet panic=-1 $4" </dev/null | stdbuf -oL tr -d '\r'
+        -append "console=$console quiet panic=-1 $4" </dev/null | stdbuf -oL tr -d '\r'
 }
 
 # start_systemd SECONDS KERNEL INITRD NAME [WORDS]: starts a machine that add_systemd has prepared. Fails unless the
