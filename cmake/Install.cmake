@@ -93,19 +93,22 @@ file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/tmpfiles.conf CONTENT "${TMPFI
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zncontainer.conf
     COMPONENT tools)
 
+# How programs of the build are run by it: those for another processor by an emulator.
+list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " ZNC_EMULATOR)
+
 # The manual pages; not without scdoc, and not in builds with sanitizers, which are for tests only.
 if(ZNC_BUILD_MAN AND NOT ZNC_SANITIZE)
     add_subdirectory(man)
 endif()
 
 # Completions, in the directories in which Debian's shells search. zncctl itself prints them.
-if(NOT CMAKE_CROSSCOMPILING AND NOT ZNC_SANITIZE)
+if((NOT CMAKE_CROSSCOMPILING OR ZNC_EMULATOR) AND NOT ZNC_SANITIZE)
     set(COMPLETIONS)
     function(znc_completion SHELL DIRECTORY FILE)
         set(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/completions/${FILE})
         add_custom_command(OUTPUT ${OUTPUT}
             COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/completions
-            COMMAND sh -c "'$<TARGET_FILE:zncctl>' completion ${SHELL} >'${OUTPUT}'"
+            COMMAND sh -c "${ZNC_EMULATOR} '$<TARGET_FILE:zncctl>' completion ${SHELL} >'${OUTPUT}'"
             DEPENDS zncctl VERBATIM)
         install(FILES ${OUTPUT} DESTINATION ${CMAKE_INSTALL_DATADIR}/${DIRECTORY} COMPONENT tools)
         set(COMPLETIONS ${COMPLETIONS} ${OUTPUT} PARENT_SCOPE)
