@@ -31,9 +31,11 @@ tree_for() {
         for package in bin lib sbin; do ln -s "usr/$package" "$directory/root/$package"; done
         for package in "$directory"/cache/archives/*.deb; do
             dpkg-deb --fsys-tarfile "$package" | tar --extract --keep-directory-symlink --directory "$directory/root"
-            dpkg-deb --info "$package" shlibs >>"$directory/shlibs" 2>/dev/null || true # only libraries have that
+            rm -rf "$directory/control"
+            dpkg-deb --control "$package" "$directory/control"
+            if [[ -e $directory/control/shlibs ]]; then cat "$directory/control/shlibs" >>"$directory/shlibs"; fi
         done
-        rm -rf "$directory/cache" "$directory/state"
+        rm -rf "$directory/cache" "$directory/state" "$directory/control"
         printf '%s\n' "$*" >"$directory/complete"
     fi
     printf '%s\n' "$directory/root"
