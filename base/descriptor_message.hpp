@@ -28,9 +28,8 @@ inline void add_descriptor(msghdr& message, DescriptorControl& control, int desc
 }
 
 // As recvmsg() on a SOCK_SEQPACKET (or stream) socket whose messages are not empty; restarts after
-// signals. The
-// kernel looks at the queue first and for the end of the file later, so it may report the end while
-// the last message is put into the queue: only a second report is the end.
+// signals. The kernel looks at the queue first and for the end of the file later, so it may report
+// the end while the last message is put into the queue: only a second report is the end.
 inline ssize_t receive_packet(int socket, msghdr& message, int flags)
 {
     const std::size_t room = message.msg_controllen;

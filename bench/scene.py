@@ -14,8 +14,8 @@ SCENES = {
     for function in (images.u1, images.u2, images.u3, images.u4, images.u5, images.u6, images.i1, importing.c1,
                      bounds.l0, containers.l1, containers.l2, containers.l3, commands.l4, commands.l5,
                      commands.l6, commands.l7, commands.l8, commands.l9, commands.p1, commands.p2, containers.q1,
-                     containers.s1, containers.m1, engines.e1, engines.e2, engines.e3, engines.e4, daemon.d1, daemon.r1,
-                     images.x1)
+                     containers.s1, containers.m1, engines.e1, engines.e2, engines.e3, engines.e4, engines.e5,
+                     engines.e6, daemon.d1, daemon.r1, images.x1)
 }
 
 

@@ -1,11 +1,13 @@
 """The scenes of container engines: zncrun and other OCI runtimes with the same bundle."""
 import os
 import shutil
+import statistics
 import subprocess
+import time
 
 from scenes import fixtures
-from scenes.containers import WORK, by_commands
-from scenes.measure import compare, figure, interleave
+from scenes.containers import WORK, by_commands, cgroup2_only
+from scenes.measure import Sample, compare, figure, interleave, run
 
 
 def cgroup1_only():
@@ -13,9 +15,9 @@ def cgroup1_only():
     subprocess.run(["umount", "-l", "/sys/fs/cgroup/unified"], check=False, stderr=subprocess.DEVNULL)
 
 
-def prepare(world, program=("/bin/true",)):
+def prepare(world, program=("/bin/true",), cgroups=cgroup1_only):
     """Makes a bundle; returns the commands of the runtimes without their subcommand."""
-    cgroup1_only()
+    cgroups()
     # Processes with a real-time priority may not enter new groups of the controller "cpu".
     os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
     shutil.rmtree(WORK, ignore_errors=True)
@@ -48,22 +50,27 @@ def e2(world):
     return compare(samples, {"crun": 0.80, "runc": None})
 
 
-def e3(world):
-    """OCI runtime: exec"""
-    runtimes = prepare(world, program=("/bin/sleep", "1000000"))
+def of_running(runtimes, pairs, measure):
+    """Compares exec in a running container of each runtime."""
     for name, runtime in runtimes.items():  # other ids: control groups are named after them
         subprocess.run(runtime + ["run", "--detach", "--bundle", f"{WORK}/bundle", f"bench-{name}"], check=True,
                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
     def side(name):
-        return lambda: by_commands(world, runtimes[name] + ["exec", f"bench-{name}", "/bin/true"])
+        return lambda: measure(runtimes[name] + ["exec", f"bench-{name}", "/bin/true"])
 
     try:
-        samples = interleave({name: side(name) for name in runtimes}, world.pairs)
+        samples = interleave({name: side(name) for name in runtimes}, pairs)
     finally:
         for name, runtime in runtimes.items():
             subprocess.run(runtime + ["delete", "--force", f"bench-{name}"], check=False)
     return compare(samples, {"crun": 0.70, "runc": None})
+
+
+def e3(world):
+    """OCI runtime: exec"""
+    runtimes = prepare(world, program=("/bin/sleep", "1000000"))
+    return of_running(runtimes, world.pairs, lambda command: by_commands(world, command))
 
 
 def e4(world):
@@ -79,3 +86,27 @@ def e4(world):
     finally:
         subprocess.run(runtime + ["delete", "--force", "bench"], check=True)
     return {"sides": {}, "goals": [figure("peak memory of zn-init", peak, 200, "KiB")]}
+
+
+def rested(argv):
+    """The median of five runs of a command, each after a pause: the kernel's expensive preparations for moving
+    processes between control groups are still in effect a few milliseconds after one was moved."""
+    walls = []
+    for _ in range(5):
+        time.sleep(0.1)
+        walls.append(run(*argv).wall)
+    return Sample(statistics.median(walls))
+
+
+def e5(world):
+    """OCI runtime: run after a pause, cgroup v2"""
+    runtimes = prepare(world, cgroups=cgroup2_only)
+    samples = interleave({name: lambda runtime=runtime: rested(runtime + ["run", "--bundle", f"{WORK}/bundle", "bench"])
+                          for name, runtime in runtimes.items()}, world.pairs)
+    return compare(samples, {"crun": 1.0, "runc": None})
+
+
+def e6(world):
+    """OCI runtime: exec after a pause, cgroup v2"""
+    runtimes = prepare(world, program=("/bin/sleep", "1000000"), cgroups=cgroup2_only)
+    return of_running(runtimes, world.pairs, rested)

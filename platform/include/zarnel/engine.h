@@ -52,9 +52,8 @@ typedef struct znEngineMount {
 
 /*
  * `receive` gets the listener of a seccomp filter with SCMP_ACT_NOTIFY, a descriptor that is closed
- * when the call returns.
- * The process has just got the filter, and continues when the call has returned OK; if it returns
- * ERROR, the program is not started.
+ * when the call returns. The process has just got the filter, and continues when the call has
+ * returned OK; if it returns ERROR, the program is not started.
  */
 typedef struct znEngineListener {
     STATUS (*receive)(int listener, pid_t pid, void* context);
