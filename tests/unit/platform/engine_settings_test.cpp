@@ -93,8 +93,8 @@ TEST(EngineSettings, ASecondProcessIsCreatedInAUserOrTimeNamespace)
     ASSERT_EQ(users.error, 0);
     EXPECT_EQ(users.settings.clone_flags(), std::uint64_t{CLONE_NEWNS});
     const std::uint64_t flags = users.settings.created_flags();
-    EXPECT_EQ(flags & (CLONE_NEWPID | CLONE_NEWCGROUP | CLONE_NEWNET),
-              std::uint64_t{CLONE_NEWPID | CLONE_NEWCGROUP});
+    EXPECT_EQ(flags & (CLONE_NEWPID | CLONE_NEWCGROUP | CLONE_NEWNET), std::uint64_t{CLONE_NEWPID});
+    EXPECT_EQ(confinement(users.settings).ownControlGroup, 1U);
     EXPECT_EQ(confinement(users.settings).user, 1U);
     EXPECT_EQ(confinement(users.settings).created, flags);
     EXPECT_EQ(confinement(users.settings, CLONE_NEWNS).created, 0U);
@@ -109,6 +109,19 @@ TEST(EngineSettings, ASecondProcessIsCreatedInAUserOrTimeNamespace)
         "gidMappings":[{"containerID":0,"hostID":7,"size":3}]}})")
                   .error,
               ENOTSUP);
+}
+
+TEST(EngineSettings, ASecondProcessIsCreatedInItsGroup)
+{
+    Read some = read(R"({"linux":{"namespaces":[{"type":"pid"},{"type":"cgroup"}]}})");
+    ASSERT_EQ(some.error, 0);
+    some.settings.create_in_group();
+    EXPECT_EQ(some.settings.clone_flags(), std::uint64_t{CLONE_NEWNS});
+    const std::uint64_t flags = some.settings.created_flags();
+    EXPECT_EQ(flags & (CLONE_NEWPID | CLONE_NEWCGROUP), std::uint64_t{CLONE_NEWPID});
+    EXPECT_EQ(confinement(some.settings).created, flags);
+    EXPECT_EQ(confinement(some.settings).ownControlGroup, 1U);
+    EXPECT_EQ(confinement(some.settings, CLONE_NEWNS).created, 0U);
 }
 
 TEST(EngineSettings, DevicesAreDeniedUnlessARuleAllowsThem)
