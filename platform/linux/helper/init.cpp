@@ -491,7 +491,7 @@ void entrant_run(char** argv, char** envp)
     ProgramGroups::join_namespaces(rules, wire::kInitUser);
     // As in the spawner: the new process is in the PID namespace and a child of the caller. It must
     // be reported before it can report a listener.
-    const long wait = filter_listens(rules) ? 0 : CLONE_VFORK;
+    const unsigned long wait = filter_listens(rules) ? 0 : CLONE_VFORK;
     const long pid = groups.create_process(CLONE_PARENT | wait);
     if (pid == 0) {
         ProgramGroups::join_last(rules, wire::kInitUser);

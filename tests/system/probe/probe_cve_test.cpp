@@ -258,7 +258,8 @@ TEST_P(ProbeCve, CVE_2022_1227_CVE_2019_14271_NothingOfTheImageIsLoadedBeforeIts
         if (name == "openat") {
             EXPECT_FALSE(inside) << call;
             EXPECT_TRUE(call.find("AT_FDCWD, \"/sys/fs/cgroup/") != std::string::npos &&
-                        (call.find("/cgroup.procs\", O_WRONLY|O_CLOEXEC") != std::string::npos ||
+                        (call.find("/tasks\", O_WRONLY|O_CLOEXEC") != std::string::npos ||
+                         call.find("/cgroup.procs\", O_WRONLY|O_CLOEXEC") != std::string::npos ||
                          call.find("O_RDONLY|O_CLOEXEC|O_PATH|O_DIRECTORY") != std::string::npos))
                 << call;
         }
