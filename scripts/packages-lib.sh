@@ -22,13 +22,13 @@ apt_for() {
 # running anything of them, and prints that directory. An unfinished tree, or one of other packages, is made again.
 # DIRECTORY/shlibs tells dpkg-shlibdeps of which package a library is.
 tree_for() {
-    local architecture=$1 directory=$2 package
+    local architecture=$1 directory=$2 package name
     shift 2
     if [[ ! -e $directory/complete || $(<"$directory/complete") != "$*" ]]; then
         rm -rf "$directory"/{root,cache,state,shlibs,complete}
         mkdir -p "$directory"/root/usr/{bin,lib,sbin}
         apt_for "$architecture" "$directory" apt-get install --yes --download-only --no-install-recommends "$@" >&2
-        for package in bin lib sbin; do ln -s "usr/$package" "$directory/root/$package"; done
+        for name in bin lib sbin; do ln -s "usr/$name" "$directory/root/$name"; done
         for package in "$directory"/cache/archives/*.deb; do
             dpkg-deb --fsys-tarfile "$package" | tar --extract --keep-directory-symlink --directory "$directory/root"
             rm -rf "$directory/control"

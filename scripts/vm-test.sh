@@ -25,9 +25,11 @@ fi
 build=$(realpath "${BUILD:-$build}")
 tests=("$@")
 # A control group without zncd, and everything that makes namespaces.
-[[ $# -gt 0 ]] || tests=('(cgroup|overlay|ns|seccomp|engine)_.*' 'mount_table_test' 'msgq.*' 'keeper_link_test' 'requirement_test'
-    'process.*' 'overlay_test' 'ns_test' 'cgroup_test' 'oci_(lifecycle|hooks|users|exec|settings|mounts|escape|guards|ready|seccomp|group_test)'
-    'cli_(lifecycle|daemon|run|options|ps|cp|exec|control|image|streams)' 'containers_test' 'daemon_ends_test' 'probe_test')
+[[ $# -gt 0 ]] || tests=('(cgroup|overlay|ns|seccomp|engine)_.*' 'mount_table_test' 'msgq.*' 'keeper_link_test'
+    'requirement_test' 'process.*' 'overlay_test' 'ns_test' 'cgroup_test'
+    'oci_(lifecycle|hooks|users|exec|settings|mounts|escape|guards|ready|seccomp|group_test)'
+    'cli_(lifecycle|daemon|run|options|ps|cp|exec|control|image|streams)' 'containers_test' 'daemon_ends_test'
+    'probe_test')
 pattern="^($(IFS='|' && printf '%s' "${tests[*]}"))\$"
 scripts/install-deps.sh vm
 [[ $machine == amd64 ]] || scripts/install-deps.sh cross

@@ -1,6 +1,6 @@
-// engine_second.cpp - a container in a user, time or joined PID namespace: its first process is
-// created by another one, and with a user namespace a third one makes its root with the rights of
-// the host.
+// engine_second.cpp - a container in a user, time or joined PID namespace, or with groups of cgroup
+// v2 only: its first process is created by another one, and with a user namespace a third one makes
+// its root with the rights of the host.
 #include "engine_creation.hpp"
 #include "engine_join.hpp"
 #include "engine_socket.hpp"

@@ -24,9 +24,9 @@ class ProgramGroups {
     // process inherits.
     explicit ProgramGroups(const Rules& rules);
 
-    // Join the namespaces of the process (a pidfd): first all but the cgroup namespace, since
-    // nothing can be created in a group outside of one's own; then, in the created process, that
-    // one.
+    // Join the namespaces of the process (a pidfd): this process joins all but the cgroup
+    // namespace, because a member of that may not create processes in groups outside of it; the
+    // created process joins that one.
     static void join_namespaces(const Rules& rules, int process);
     static void join_last(const Rules& rules, int process);
 

@@ -383,8 +383,9 @@ void make_time_namespace(const Rules& rules, int file)
         check(sys::call(__NR_write, file, sys::arg(offsets), static_cast<long>(strlen(offsets))));
 }
 
-// Creates the process that becomes the program. Like this process it is a child of the caller; it
-// is in the user namespace and in new namespaces owned by that. Returns only in the new process.
+// Creates the process that becomes the program, in its control groups. Like this process it is a
+// child of the caller; it is in the user namespace, if the container has one, and in new namespaces
+// owned by that. Returns only in the new process.
 void create_in_namespaces(const Rules& rules)
 {
     const std::uint64_t flags = rules->created;

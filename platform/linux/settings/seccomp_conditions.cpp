@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <linux/seccomp.h>
 
 namespace zn {
