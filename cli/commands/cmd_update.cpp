@@ -5,6 +5,7 @@
 #include "commands.hpp"
 
 #include <array>
+#include <nlohmann/json.hpp>
 
 namespace zncctl {
 namespace {
