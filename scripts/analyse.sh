@@ -48,6 +48,10 @@ clang_tidy() {
     mkdir -p "$commands"
     sed -E 's/ -Xclang -include(-pch)? -Xclang [^ ]*cmake_pch[^ ]*//g' build/asan-ubsan/compile_commands.json \
         >"$commands/compile_commands.json" || return
+    if grep -q -e -include-pch "$commands/compile_commands.json"; then
+        printf 'analyse.sh: precompiled headers could not be left out of %s\n' "$commands/compile_commands.json"
+        return 1
+    fi
     run-clang-tidy -quiet -j "$jobs" -p "$commands" "${patterns[@]}"
 }
 
