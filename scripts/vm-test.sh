@@ -51,9 +51,10 @@ for file in "${files[@]}"; do
     }
 done
 
-packages=(base-files base-passwd bash busybox-static bzip2 cmake coreutils dash diffutils e2fsprogs findutils gawk grep
-    gzip hostname iproute2 jq libcap2-bin libarchive13 libcjson1 libfmt9 libisal2 libmbedcrypto7 libnettle8 libseccomp2
-    libsystemd0 mount passwd procps python3 sed skopeo strace tar uidmap umoci util-linux xz-utils zlib1g zstd)
+packages=(base-files base-passwd bash bsdutils busybox-static bzip2 cmake coreutils dash diffutils e2fsprogs findutils
+    gawk grep gzip hostname iproute2 jq libcap2-bin libarchive13 libcjson1 libfmt9 libisal2 libmbedcrypto7 libnettle8
+    libseccomp2 libsystemd0 mount passwd procps python3 sed skopeo strace tar uidmap umoci util-linux xz-utils zlib1g
+    zstd)
 system=$(tree_for "$machine" "$PWD/build/vm/system-$machine" "${packages[@]}")
 kernel=$(fetch_kernel)
 apparmor=$(fetch apparmor apparmor)
@@ -125,7 +126,7 @@ mount -t tmpfs -o mode=1777 tmpfs /tmp
 busybox insmod /modules/overlay.ko
 busybox insmod /modules/tun.ko
 busybox insmod /modules/dummy.ko numdummies=0
-busybox insmod /modules/brd.ko rd_nr=2 rd_size=65536
+busybox insmod /modules/brd.ko rd_nr=2 rd_size=262144
 mke2fs -q -t ext4 /dev/ram1
 mount -t ext4 /dev/ram1 /disk
 ip link set lo up

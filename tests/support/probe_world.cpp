@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <sched.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -49,6 +51,31 @@ void await_file(const std::string& path)
 {
     if (!eventually([&] { return ::access(path.c_str(), F_OK) == 0; }))
         throw std::runtime_error(path + " does not appear");
+}
+
+DiskDirectories::DiskDirectories(std::vector<std::string> places)
+{
+    const char* disk = std::getenv("ZNC_TEST_DISK");
+    if (disk == nullptr)
+        return;
+    places_ = std::move(places);
+    directory_ = std::string(disk) + "/in-place";
+    for (std::size_t i = 0; i < places_.size(); i++) {
+        const std::string source = directory_ + "/" + std::to_string(i);
+        fs::create_directories(source);
+        fs::permissions(source, fs::perms::owner_all); // as zncd makes its directory
+        fs::create_directories(places_[i]);
+        if (::mount(source.c_str(), places_[i].c_str(), nullptr, MS_BIND, nullptr) != 0)
+            throw std::runtime_error(places_[i] + ": " + std::strerror(errno));
+    }
+}
+
+DiskDirectories::~DiskDirectories()
+{
+    for (const std::string& place : places_)
+        EXPECT_EQ(::umount2(place.c_str(), UMOUNT_NOFOLLOW), 0) << std::strerror(errno);
+    if (!places_.empty())
+        fs::remove_all(directory_);
 }
 
 void carry_everything()
@@ -154,6 +181,8 @@ void ProbeWorld::SetUp()
     fs::remove("/overlay");
     if (!overlay())
         fs::create_symlink("/none", "/overlay");
+    if (GetParam() == Flavour::kUsers)
+        disk_ = std::make_unique<DiskDirectories>(std::vector<std::string>{kStorage, kBundle});
     daemon_ = std::make_unique<DaemonProcess>(kStorage,
                                               GetParam() == Flavour::kUsers ? "--userns" : nullptr);
     ASSERT_EQ(zncOvlFsAvailable() != FALSE, overlay());
@@ -181,6 +210,7 @@ void ProbeWorld::TearDown()
         EXPECT_EQ(daemon_->stop(SIGTERM), 0);
     }
     daemon_.reset();
+    disk_.reset();
     fs::remove_all(kStorage);
     fs::remove_all(kBundle);
     fs::remove("/overlay");

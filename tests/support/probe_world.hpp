@@ -51,6 +51,20 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
+// Puts directories of ZNC_TEST_DISK in the place of others while it exists: those of a tmpfs cannot
+// be id-mapped before Linux 6.3. Does nothing without that variable.
+class DiskDirectories {
+  public:
+    explicit DiskDirectories(std::vector<std::string> places);
+    ~DiskDirectories();
+    DiskDirectories(const DiskDirectories&) = delete;
+    DiskDirectories& operator=(const DiskDirectories&) = delete;
+
+  private:
+    std::vector<std::string> places_;
+    std::string directory_;
+};
+
 // kUsers: with overlay devices, and a user namespace for each container.
 enum class Flavour { kPlain, kOverlay, kUsers };
 
@@ -116,6 +130,7 @@ class ProbeWorld : public testing::TestWithParam<Flavour> {
   private:
     [[nodiscard]] Ledger quiet_ledger() const;
 
+    std::unique_ptr<DiskDirectories> disk_;
     std::unique_ptr<DaemonProcess> daemon_;
     std::unique_ptr<HostObjects> host_;
     Ledger ledger_;
