@@ -89,7 +89,7 @@ SH
         tar --create --format=ustar --owner=0 --group=0 --directory=$layer --file=$layer.tar .
         umoci raw add-layer --image image:latest $layer.tar
     done
-    umoci config --image image:latest --os linux --architecture amd64 \
+    umoci config --image image:latest --os linux --architecture "$(dpkg --print-architecture)" \
         --config.workingdir / --config.env PATH=/bin --config.cmd /srv/hello
 }
 
