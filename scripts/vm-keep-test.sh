@@ -34,6 +34,11 @@ debs=("$tree"/tests/first/*.deb)
 version=$(dpkg-deb --field "${debs[0]}" Version)
 for deb in "${debs[@]}"; do
     dpkg-deb --raw-extract "$deb" "$work/package"
+    # Those of the test suite have another base.
+    if [[ -e $work/package/usr/sbin/zncd ]] && ! grep -qF /var/lib/zncontainer "$work/package/usr/sbin/zncd"; then
+        printf 'vm-keep-test.sh: %s was not made by package.sh or release.sh\n' "$deb" >&2
+        exit 1
+    fi
     sed -i "s/^Version: .*/Version: $version+next/; s/(= $version)/(= $version+next)/g" "$work/package/DEBIAN/control"
     dpkg-deb --root-owner-group -Znone --build "$work/package" "$tree/tests/second" >&2
     rm -rf "$work/package"

@@ -15,14 +15,15 @@ only_amd64() {
 
 # download PACKAGE: into the working directory; one for the processor of the machine, if its name ends with that.
 download() {
-    local lists
     if [[ $1 != *-arm64 ]]; then
         apt-get -q -o APT::Sandbox::User=root download "$1"
         return
     fi
-    lists=$(mktemp -d)
-    apt_for arm64 "$lists" apt-get download "$1"
-    rm -rf "$lists"
+    (
+        lists=$(mktemp -d)
+        trap 'rm -rf "$lists"' EXIT
+        apt_for arm64 "$lists" apt-get download "$1"
+    )
 }
 
 # fetch PACKAGE NAME: downloads and unpacks a package, without installing it, and prints where it is.
