@@ -3,11 +3,15 @@
 
 #include "base/owned.hpp"
 
-#include <linux/ioprio.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+// The values of linux/ioprio.h, some versions of which do not compile as C++.
+constexpr int kIoPriorityOfProcess = 1;
+constexpr int kIoClassIdle = 3;
+constexpr int kIoClassShift = 13;
 
 void znTaskBackgroundSet(void)
 {
@@ -15,7 +19,7 @@ void znTaskBackgroundSet(void)
     constexpr int kLowest = 19;
     const pid_t self = gettid(); // on Linux both calls apply to one thread
     setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowest);
-    syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, self, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
+    syscall(SYS_ioprio_set, kIoPriorityOfProcess, self, kIoClassIdle << kIoClassShift);
 }
 
 size_t znTaskProcessors(void)
